@@ -1,0 +1,71 @@
+// The parts of an output that do not depend on where its text goes.
+
+#include "base/Output.h"
+
+#include <cstring>
+
+namespace {
+
+// The white space of the "C" locale; bytes are unsigned.
+inline bool IsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+}  // namespace
+
+Output::~Output() = default;
+
+int Output::Write_Error(const char* text, int length) {
+  int written = Write(text, length);
+  Flush();
+  return written;
+}
+
+int Output::Header(const char* name, const char* value) {
+  return Header(name, -1, 0, value, -1, 0);
+}
+
+int Output::Header(const char* name, int, int nameowned, const char* value, int, int valueowned) {
+  if (nameowned) delete[] name;
+  if (valueowned) delete[] value;
+  return 0;
+}
+
+int Output::Write_Compressed(const char* text, int length) {
+  if (output_flags & CompressFast) return Write_Compressed_Fast(text, length);
+  if (output_flags & CompressFull) return Write_Compressed_Full(text, length);
+  return Write(text, length);
+}
+
+int Output::Flush(int) { return 0; }
+
+int Output::flags() { return output_flags; }
+
+void Output::SetFlags(int flags) { output_flags = flags; }
+
+int Output::Write_Compressed_Fast(const char* text, int length) {
+  if (length == -1) length = static_cast<int>(strlen(text));
+  int skip = previous_was_space && length > 0 && IsSpace(text[0]) ? 1 : 0;
+  if (length > skip) Write(text + skip, length - skip);
+  return length;
+}
+
+int Output::Write_Compressed_Full(const char* text, int length) {
+  if (length == -1) length = static_cast<int>(strlen(text));
+  const char* p = text;
+  const char* end = text + length;
+  if (previous_was_space) {
+    while (p < end && IsSpace(*p)) p++;
+  }
+  // Each piece is a run of text with the one white-space byte that ends it.
+  while (p < end) {
+    const char* start = p;
+    while (p < end && !IsSpace(*p)) p++;
+    if (p < end) p++;
+    Write(start, static_cast<int>(p - start));
+    while (p < end && IsSpace(*p)) p++;
+  }
+  return length;
+}
+
+void Output::NoteLastByte(const char* text, int length) {
+  if (length > 0) previous_was_space = IsSpace(text[length - 1]);
+}
