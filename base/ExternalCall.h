@@ -1,0 +1,158 @@
+// Functions of builtin libraries, which scripts call as if they were their own. A library hands
+// out a table of its functions; the manager of a request finds a function in the tables by name at
+// its first call and keeps what belongs to it until the request ends.
+
+#ifndef ZEPH_BASE_EXTERNALCALL_H
+#define ZEPH_BASE_EXTERNALCALL_H
+
+#include <memory>
+
+#include "base/BaseTemplates.h"
+#include "base/StringClass.h"
+
+class ExternalLibrary;
+class Variable;
+class VariableHash;
+class ZephApplication;
+class ZephVM;
+
+// Flags of a parameter.
+enum _ZP_EL_ParameterFlags : int { _ZP_EL_ByReference = 1 };
+
+// A parameter of a library's function. 16 bytes, in the library's memory and read there.
+struct _ZP_EL_Parameter {
+  const char* name;
+  int namelength;
+  int flags;
+};
+
+// A library's function: one row of its table, which ends with a row whose name is null.
+//
+// The function finds its arguments in parameters and leaves what it gives back in result. state is
+// a word of its own, null at first, kept from call to call within a request. If it is not null when
+// the request ends, the function is called once more, with the other three arguments null, to free
+// it. It reports failures itself.
+struct _ZP_EL_Function {
+  const char* name;
+  int namelength;
+  int parametercount;
+  _ZP_EL_Parameter* parameters;
+  void (*function)(ZephVM* vm, VariableHash* parameters, Variable* result, void** state);
+};
+
+// What a library's export zeph_function_table answers. The first word is the library's own.
+struct _ZP_EL_FunctionTable {
+  int version;
+  _ZP_EL_Function* functions;
+};
+
+// A function that a request has called, with the state and result that go with it.
+class ExternalCall {
+ public:
+  // The row is borrowed from the library.
+  explicit ExternalCall(_ZP_EL_Function* descriptor);
+  // Lets the function free its state.
+  virtual ~ExternalCall();
+  ExternalCall(const ExternalCall&) = delete;
+  ExternalCall& operator=(const ExternalCall&) = delete;
+
+  // Calls the function; answers 1. result() then holds what it gave, NULL if nothing. A result of
+  // an earlier call that somebody still holds keeps its value.
+  virtual int Call(ZephVM* vm, VariableHash* parameters);
+
+  const _ZP_EL_Function* descriptor() const { return function; }
+  // Borrowed; whoever keeps it takes a count.
+  Variable* result() { return result_variable; }
+
+ private:
+  _ZP_EL_Function* function;
+  void* state = nullptr;
+  Variable* result_variable;  // one count held
+};
+
+template <>
+int HashTable<ExternalCall>::hash(ExternalCall* item);
+template <>
+int HashTable<ExternalCall>::Compare(ExternalCall* a, ExternalCall* b);
+template <>
+int HashTable<ExternalCall>::Compare(ExternalCall* item, const char* key, int length);
+
+// Data that an extension leaves under a name, for its later calls in the same request.
+class ExternalCallPersistentData {
+ public:
+  // Copies the name, which is not terminated in the copy; a length of -1 means strlen. Without a
+  // destroy callback the data was made with operator new.
+  ExternalCallPersistentData(ZephVM* vm, const char* name, int length, void* data,
+                             void (*destroy)(void* vm, void* data));
+  // Destroys the data. The machine may be gone by then: the callback gets its address only.
+  virtual ~ExternalCallPersistentData();
+  ExternalCallPersistentData(const ExternalCallPersistentData&) = delete;
+  ExternalCallPersistentData& operator=(const ExternalCallPersistentData&) = delete;
+
+  const char* name() const { return key; }
+  int namelength() const { return key_length; }
+  void* data() const { return held; }
+
+ private:
+  ZephVM* vm;
+  char* key;
+  int key_length;
+  void* held;
+  void (*destroy)(void* vm, void* data);
+};
+
+template <>
+int HashTable<ExternalCallPersistentData>::hash(ExternalCallPersistentData* item);
+template <>
+int HashTable<ExternalCallPersistentData>::Compare(ExternalCallPersistentData* a,
+                                                   ExternalCallPersistentData* b);
+template <>
+int HashTable<ExternalCallPersistentData>::Compare(ExternalCallPersistentData* item,
+                                                   const char* key, int length);
+
+// The builtin libraries of one request or task, on its thread. The order of the virtual operations
+// stays.
+class ExternalCallManager {
+ public:
+  explicit ExternalCallManager(ZephApplication* application);
+  // Registers the source's libraries anew, in their order, through the given application. Calls
+  // and persistent data stay with the source.
+  ExternalCallManager(ZephApplication* application, ExternalCallManager& source);
+  virtual ~ExternalCallManager();
+  ExternalCallManager(const ExternalCallManager&) = delete;
+  ExternalCallManager& operator=(const ExternalCallManager&) = delete;
+
+  // Opens a library and appends its table. False leaves the reason in error().
+  virtual bool RegisterDSO(const char* path);
+  // The function of that name, in any case, from the library that was registered first; null when
+  // no library has it. Owned by the manager. A length of -1 means strlen.
+  virtual ExternalCall* Lookup_External(const char* name, int length);
+  // The data left under that name, in any case, or null. A length of -1 means strlen.
+  virtual void* Lookup_Persistent(const char* name, int length);
+  // Keeps data under a name until the request ends. Data of that name which is there already is
+  // destroyed first. The name is copied; a length of -1 means strlen.
+  virtual void Register_Persistent(ZephVM* vm, const char* name, int length, void* data,
+                                   void (*destroy)(void* vm, void* data));
+
+  const String& error() const { return last_error; }
+  // Keeps the older text when the given one is null.
+  void Error(const String& text);
+
+ private:
+  struct Registration {
+    ExternalLibrary* library;  // borrowed from the process
+    _ZP_EL_Function* functions;
+  };
+
+  void Append(ExternalLibrary* library, _ZP_EL_Function* functions);
+
+  ZephApplication* application;
+  HashTable<ExternalCall> calls;
+  String last_error;
+  std::unique_ptr<Registration[]> registrations;  // made at the first registration
+  int capacity = 0;
+  int count = 0;
+  HashTable<ExternalCallPersistentData> persistent;
+};
+
+#endif

@@ -1,0 +1,27 @@
+// Finds a tag's number by its name in lower case, for configuration that sets what tag errors do.
+
+#ifndef ZEPH_BASE_TAGLOOKUP_H
+#define ZEPH_BASE_TAGLOOKUP_H
+
+// A name that configuration may use. Two tags have a second, shorter name: zpasync and
+// zpfuncreturn; errors inside expressions go by the name "expression".
+struct TagKeyword {
+  int tag;
+  int length;
+  const char* text;  // lower case, NUL-terminated
+};
+
+inline constexpr int tag_keyword_count = 78;
+// Length of the longest keyword.
+inline constexpr int tag_keyword_length = 18;
+// All keywords, sorted by length, then by bytes.
+extern const TagKeyword tag_keywords[tag_keyword_count];
+
+// Stateless; any thread.
+class TagLookup {
+ public:
+  // The keyword that equals name without regard to case, or null. A length of -1 means strlen.
+  const TagKeyword* Lookup(const char* name, int length) const;
+};
+
+#endif

@@ -1,0 +1,26 @@
+// Shared libraries through dlopen.
+
+#ifndef ZEPH_BASE_SYSTEMS_UNIX_UNIXEXTERNALLIBRARY_H
+#define ZEPH_BASE_SYSTEMS_UNIX_UNIXEXTERNALLIBRARY_H
+
+#include "base/ExternalLibrary.h"
+
+class UNIXExternalLibrary : public ExternalLibrary {
+ public:
+  UNIXExternalLibrary() = default;
+  ~UNIXExternalLibrary() override;
+
+  // Symbols are bound when they are first called, against the engine's exports among others.
+  [[nodiscard]] bool Load(const char* path) override;
+  [[nodiscard]] void* Get_Function(const char* name) override;
+
+ private:
+  void* handle = nullptr;
+};
+
+class UNIXExternalLibraryManager : public ExternalLibraryManager {
+ public:
+  [[nodiscard]] ExternalLibrary* Load(const char* path) override;
+};
+
+#endif
