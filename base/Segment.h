@@ -1,0 +1,121 @@
+// Code. A Segment is a growable array of instructions in the machine's encoding, run in place as it
+// was read; the SegmentManager owns the numbered segments of a script.
+
+#ifndef ZEPH_BASE_SEGMENT_H
+#define ZEPH_BASE_SEGMENT_H
+
+#include <memory>
+
+#include "base/StringClass.h"
+
+class TaggedFile;
+
+// One run of code. Positions and lengths are bytes.
+//
+// Behind the code there are always Padding zero bytes: the machine fetches operands without a
+// bounds check, and an instruction cut off at the segment's end finds zeros.
+class Segment {
+ public:
+  static constexpr int Padding = 16;  // two operands of 8 bytes
+  static constexpr int Growth = 8192;
+
+  // An empty segment with room for Growth bytes.
+  explicit Segment(int number);
+  // A segment of that many zero bytes, all in use. A negative length is 0.
+  Segment(int number, int length);
+  Segment(const Segment& other);
+  Segment& operator=(const Segment&) = delete;
+  virtual ~Segment();
+
+  // Store a value low byte first, growing the segment as needed; a gap is filled with zeros.
+  // Answer the position behind it, or -1 when the position is negative or beyond what a segment
+  // can hold, and nothing is written.
+  int Write_Byte(int position, unsigned char value);
+  int Write_Word(int position, unsigned short value);
+  int Write_Dword(int position, unsigned int value);
+  int Write_Double(int position, double value);
+
+  // Read a value. Answer the position behind it, or -1 when it doesn't lie wholly within the
+  // length, and *value is left alone.
+  int Read_Byte(int position, unsigned char* value) const;
+  int Read_Word(int position, unsigned short* value) const;
+  int Read_Dword(int position, unsigned int* value) const;
+  int Read_Double(int position, double* value) const;
+
+  // Makes room for an end position of size: nothing below the capacity, else the next multiple of
+  // Growth. The length stays.
+  void Grow(int size);
+
+  // Fills the whole length from a section at an offset; appends it to the section being written.
+  // False when fewer bytes were moved.
+  [[nodiscard]] bool Read(TaggedFile* file, int tag, int offset);
+  [[nodiscard]] bool Write(TaggedFile* file) const;
+
+  // Writes a listing to a file, for debugging an expression; the expression heads it. A file that
+  // cannot be made is passed over in silence.
+  void Dump(const char* path, const char* expression, int length) const;
+
+  int number() const { return segment_number; }
+  const unsigned char* code() const { return data.get(); }
+  int capacity() const { return data_capacity; }
+  int length() const { return data_length; }
+
+ private:
+  // The bytes at a position about to be written, null when there can be none.
+  unsigned char* Place(int position, int size);
+  bool Holds(int position, int size) const {
+    return position >= 0 && size <= data_length && position <= data_length - size;
+  }
+
+  int segment_number;
+  std::unique_ptr<unsigned char[]> data;  // capacity + Padding bytes
+  int data_capacity;
+  int data_length;
+};
+
+// The segments of a script. A number stays good for as long as the manager lives. Belongs to one
+// machine, a clone's to the clone.
+class SegmentManager {
+ public:
+  // One segment, the start, which Start() makes.
+  SegmentManager();
+  // For the clone of a machine: copies every segment.
+  SegmentManager(const SegmentManager& other);
+  SegmentManager& operator=(const SegmentManager&) = delete;
+  virtual ~SegmentManager();
+
+  virtual String& error();
+  // A null String leaves the older text.
+  virtual void Error(const String& text);
+
+  // The segment where execution begins, made empty if its place is. Owned by the manager.
+  Segment* Start();
+  // A new empty segment with the next number. Owned by the manager.
+  Segment* Segment_Add();
+  // The segment of a number; null for an invalid one.
+  Segment* Lookup(int number) const {
+    if (static_cast<unsigned>(number) >= static_cast<unsigned>(segment_count)) return nullptr;
+    return segments ? segments[number].get() : nullptr;
+  }
+
+  // The section "segs". A count below 1, a start that is no segment, or code that does not lie in
+  // the section fails with the file's text; the segments read so far stay.
+  [[nodiscard]] bool Read(TaggedFile* file);
+  [[nodiscard]] bool Write(TaggedFile* file);
+
+  int Segments() const { return segment_count; }
+  int start() const { return start_number; }
+  void SetStart(int number) { start_number = number; }
+
+ private:
+  bool ReadTable(TaggedFile* file);
+  void MakeArray();
+
+  std::unique_ptr<std::unique_ptr<Segment>[]> segments;  // made at first need
+  int array_capacity = 64;
+  int segment_count = 1;
+  int start_number = 0;
+  String error_text;
+};
+
+#endif
