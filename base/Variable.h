@@ -1,0 +1,307 @@
+// The value of the script language. Stacks, tables, databases and extension libraries exchange
+// nothing else with scripts: one Variable holds a scalar in up to three cached forms (text, 32-bit
+// integer, double), or an array or structure of further variables, or refers to another variable.
+
+#ifndef ZEPH_BASE_VARIABLE_H
+#define ZEPH_BASE_VARIABLE_H
+
+#include <cstdint>
+
+#include "base/BaseTemplates.h"
+#include "base/Numbers.h"
+#include "base/StringClass.h"
+
+class AggregateElement;
+class AggregateElementTree;
+class AggregateIndex;
+class ZephApplication;
+
+// What a variable is made of. An index with a position asks for an array, one with a name for a
+// structure.
+enum AggregateType : int { AggregateStructure = 0, AggregateArray = 1, AggregateNone = 2 };
+
+// Answers of Variable::type(): the kind of object that a copy has to deal with.
+enum VariableType : int {
+  VariableStored = 0,
+  VariableReference = 1,
+  VariableNULL = 2,
+  VariableComputedInteger = 3,  // read it through value_integer()
+  VariableComputedText = 4,     // read it through value()
+  VariableComputed = 5,         // read it as preferred_type() says
+};
+
+// Answers of primary_type() and, from the second on, of preferred_type().
+enum PrimaryType : int { PrimaryNone = 0, PrimaryText = 1, PrimaryInteger = 2, PrimaryDouble = 3 };
+
+// A value without a declared type: it is what was stored last, and every read asks for the form
+// that it wants, converting once and caching.
+//
+// Life: made with a count of 1, deleted by the DecRefCount that reaches 0 and by nothing else. Who
+// keeps the pointer takes a count. A Variable belongs to one request or task and its thread: reads
+// fill caches, so even they change it. Values reach another thread through Clone only.
+//
+// References: Make_Reference turns a variable into a reference to another one, under all who hold
+// it. The object keeps its class; every operation looks first whether it is redirected() and then
+// works on the variable at the end of the chain. A subclass that overrides an operation does the
+// same: `if (redirected()) return Variable::Op(...)` stands before anything else, in type() too.
+//
+// Invariants: aggregate is AggregateNone exactly when elements is null. An aggregate has no valid
+// form and primary 0; its string_value is scratch. No valid form and primary 0 is the NULL scalar.
+//
+// The order of fields and virtual operations is stated and stays.
+class Variable {
+ public:
+  // Bits of valid_forms.
+  enum Form : uint8_t { TextForm = 1, IntegerForm = 2, DoubleForm = 4 };
+
+  // A length of -1 means strlen. All start as scalars with a count of 1.
+  Variable();
+  Variable(const char* name, int length);
+  Variable(const char* name, int length, const char* value, int valuelength);
+  Variable(const String& name, const String& value);
+  // Takes over the buffer, made with new[]; allocated is its size.
+  Variable(const char* name, int length, char* buffer, int valuelength, int allocated);
+  Variable(const char* name, int length, int value);
+  Variable(const char* name, int length, double value);
+  // Copies the name and the value, deep for an aggregate, as SetValue(Variable&) does. A reference
+  // gives a copy of what it refers to.
+  Variable(const Variable& source);
+  Variable& operator=(const Variable&) = delete;
+
+  virtual ~Variable();
+  // A deep copy for another task, with a count of 1 that is the caller's. The application is the
+  // one that the copy will work for.
+  virtual Variable* Clone(ZephApplication* application);
+
+  virtual String& name();
+  // What this variable refers to: itself, or a reference's target, null without one.
+  virtual Variable* NextIdentity();
+  // The variable at the end of the chain of references; never null. A reference without a target
+  // is its own end.
+  virtual Variable* RealIdentity();
+
+  // Text form. The String belongs to the variable and holds until the next store. It may have no
+  // buffer: then its length is 0. An aggregate is flattened anew at each call.
+  virtual String& value();
+  // Number forms; 0 for an aggregate and for text that is no number.
+  virtual int value_integer();
+  virtual double value_double();
+  // The number to compare by. *not_numeric is set to 1 for an aggregate and for text that is no
+  // number, otherwise to 0; NULL compares as 0.
+  virtual double value_compare(int* not_numeric);
+  virtual int type();
+  virtual int primary_type();
+  virtual int preferred_type();
+  // Truth: text but for "", zeros and one point; numbers but for 0. An aggregate by its text.
+  virtual int IsTrue();
+  // No value, or empty text. An aggregate is never NULL.
+  virtual int IsNULL();
+  virtual void SetNULL();
+  // The elements, owned by the variable; null for a scalar.
+  virtual AggregateElementTree* aggregateelements();
+  virtual AggregateType aggregatetype();
+  virtual int refcount();
+  // Copies the name; a String without a buffer changes nothing.
+  virtual void SetName(const String& name);
+
+  // Stores. Each drops what was there, elements included, and answers 1, or 0 where a subclass
+  // refuses the value and leaves its text in error().
+  virtual int SetValue(const char* text, int length);
+  // Copies the value of the source, deep for an aggregate; the source may be one of this
+  // variable's own elements, or this variable.
+  virtual int SetValue(Variable& source);
+  // Takes over a buffer made with new[], also when the store is refused or ignored.
+  virtual int SetValue_Nocopy(char* buffer, int length, int allocated);
+  virtual int SetValue_Integer(int value);
+  virtual int SetValue_Double(double value);
+  virtual String& error();
+
+  // The element of that key, borrowed. Without it: null, or with create a new NULL element, for
+  // which a scalar or an aggregate of the other kind gives way.
+  virtual Variable* Element(const AggregateIndex& index, int create);
+  // Applies the indices in turn; an empty or null path gives the variable itself.
+  virtual Variable* Element(List<AggregateIndex>* path, int create);
+  // Makes the variable itself the element, with a count of its own, replacing what stood there.
+  virtual void SetElement(const AggregateIndex& index, Variable* variable);
+  // Inserts before position index, moving that and all later elements up by one; below 1 appends.
+  virtual void InsertElement(int index, Variable* variable);
+  // Removes one element; with compact, the later elements of an array move down by one.
+  virtual void DeleteElement(const AggregateIndex& index, bool compact);
+  // Removes count positions from start on, and with compact moves the later elements down by
+  // count. A count of -1 removes all from start on. Anything but an array becomes an empty one.
+  virtual void DeleteElements(int start, int count, bool compact);
+  // Inserts positions of another array (or of this one) before dest, moving what is there up by
+  // count. A start or dest below 1 and a negative count mean: from the first, at the end, up to
+  // the last. With copy false the elements are shared by both arrays.
+  virtual void MergeElements(Variable* source, int start, int count, int dest, bool copy);
+  // The same, but overwrites what is there. Gaps of the source leave the target as it was.
+  virtual void CopyElements(Variable* source, int start, int count, int dest, bool copy);
+  // Renumbers an array from 1 on and answers its count of elements; 0 for anything else.
+  virtual int CollapseElements();
+  // Largest and smallest position; 0 when there is none, -1 for a structure.
+  virtual int Max();
+  virtual int Min();
+  // Position of the nearest element above or below; 0 without one, -1 for a structure.
+  virtual int Next(int position);
+  virtual int Previous(int position);
+  virtual int ElementsUsed();
+
+  // A count on a reference is a count on all that it refers to. DecRefCount may delete the object.
+  virtual void IncRefCount();
+  virtual void DecRefCount();
+
+  // Fill one cache from the other forms. Called by the reads above when a form is not valid: the
+  // hook by which a subclass computes its value. They work on this object, never on a target.
+  virtual void Convert_String();
+  virtual void Convert_Integer();
+  virtual void Convert_Double();
+  // Makes the object an empty aggregate of that kind, unless it has the kind already.
+  virtual void Convert_Aggregate(AggregateType kind);
+  // Appends the text form, elements separated by commas in the order of their keys. A variable
+  // that contains itself is met as empty within itself.
+  virtual void Serialize(String& out);
+  // Turns the variable into a reference to the target, or a reference to another target. Nothing
+  // happens for null, and where the chain would end at this variable.
+  virtual void Make_Reference(Variable* target);
+  // The type() of a reference's target, or the object's own.
+  virtual int TypeReferredTo();
+
+  // The text test of IsTrue().
+  static int IsTrue(const char* text, int length);
+
+  // Turns the object, under all who hold it, into a NULL value that ignores writes: for a variable
+  // whose database goes away while scripts still refer to it. Counts stay.
+  void Make_NULL();
+
+  // Deletes what only holds itself: variables of this thread that contain or refer to one another
+  // in a circle and that nobody else counts on. The host calls it once at the end of a request or
+  // task, after machine and tables are gone.
+  static void FreeCycles();
+
+ protected:
+  enum Standing : uint8_t { Own = 0, Reference = 1, Gone = 2 };
+
+  // Whether reads and writes go elsewhere: to a target, or nowhere.
+  bool redirected() const { return standing != Own; }
+
+  String name_;
+  String string_value;
+  int integer_value = 0;
+  double double_value = 0.0;
+  uint8_t valid_forms = 0;
+  Standing standing = Own;
+  uint8_t walked = 0;   // a walk is inside of this variable
+  uint8_t suspect = 0;  // listed for FreeCycles
+  int primary = PrimaryNone;
+  AggregateType aggregate = AggregateNone;
+  AggregateElementTree* elements = nullptr;
+  int refcount_ = 1;
+  String error_;
+  Variable* reference = nullptr;
+
+ private:
+  friend class VariableCycles;
+  friend class VariableWalk;
+
+  Variable* Final();
+  bool IgnoresWrites() const { return standing != Own && !reference; }
+  void DropElements();
+  void CopyForms(Variable& source);
+  int CopyScalar(Variable& source);
+  void ReferTo(Variable* target);
+  void Rebind(Variable* target);
+  void PlaceElements(Variable* source, int start, int end, int delta, bool copy);
+  void PlaceElement(AggregateElement* element, int delta, bool copy);
+  void NoteEdge(Variable* target);
+  static AggregateElementTree* CopyElementTree(Variable* source);
+  static void DeleteTree(AggregateElementTree* tree);
+};
+
+// A variable that refers to another one from the start. It has the size and layout of Variable.
+class ReferenceVariable : public Variable {
+ public:
+  // Takes a count on the target; null makes a reference that reads as NULL and ignores writes.
+  ReferenceVariable(const char* name, int length, Variable* target);
+  // Refers to the element of the target that the path names, which is made if it is not there.
+  ReferenceVariable(const String& name, Variable* target, List<AggregateIndex>* path);
+};
+
+// A value that scripts can read but not write: every store is ignored and counts as done.
+class ImmutableVariable : public Variable {
+ public:
+  ImmutableVariable();
+  ImmutableVariable(const char* name, int length);
+  ImmutableVariable(const char* name, int length, const char* value, int valuelength);
+  ImmutableVariable(const String& name, const String& value);
+  ImmutableVariable(const char* name, int length, char* buffer, int valuelength, int allocated);
+  ImmutableVariable(const char* name, int length, int value);
+  ImmutableVariable(const char* name, int length, double value);
+  ImmutableVariable(const ImmutableVariable&) = delete;
+  ImmutableVariable& operator=(const ImmutableVariable&) = delete;
+
+  ~ImmutableVariable() override;
+  Variable* Clone(ZephApplication* application) override;
+  void SetNULL() override;
+  int SetValue(const char* text, int length) override;
+  int SetValue(Variable& source) override;
+  int SetValue_Nocopy(char* buffer, int length, int allocated) override;
+  int SetValue_Integer(int value) override;
+  int SetValue_Double(double value) override;
+  // With create, a missing element is the null_element: it takes writes and shows none of them.
+  Variable* Element(const AggregateIndex& index, int create) override;
+  Variable* Element(List<AggregateIndex>* path, int create) override;
+  void SetElement(const AggregateIndex& index, Variable* variable) override;
+  void InsertElement(int index, Variable* variable) override;
+  void DeleteElement(const AggregateIndex& index, bool compact) override;
+  void DeleteElements(int start, int count, bool compact) override;
+  void MergeElements(Variable* source, int start, int count, int dest, bool copy) override;
+  void CopyElements(Variable* source, int start, int count, int dest, bool copy) override;
+  // Does not renumber: the count of elements of an array, else 0.
+  int CollapseElements() override;
+  void Make_Reference(Variable* target) override;
+
+ protected:
+  Variable* null_element = nullptr;  // made at the first miss with create; owned
+
+ private:
+  Variable* Missing(int create);
+};
+
+// The value of what is not there. Reads as empty, ignores writes, and any element of it is itself.
+class NULLVariable : public ImmutableVariable {
+ public:
+  NULLVariable() = default;
+  NULLVariable(const char* name, int length) : ImmutableVariable(name, length) {}
+
+  Variable* Clone(ZephApplication* application) override;
+  String& value() override;
+  int value_integer() override;
+  double value_double() override;
+  double value_compare(int* not_numeric) override;
+  int type() override;
+  int IsTrue() override;
+  int IsNULL() override;
+  Variable* Element(const AggregateIndex& index, int create) override;
+  Variable* Element(List<AggregateIndex>* path, int create) override;
+  int CollapseElements() override;
+};
+
+// A list that holds one count on each of its variables, and gives it back on removal with purge,
+// Dump and destruction.
+class VariableList : public List<Variable> {
+ public:
+  VariableList();
+  ~VariableList() override;
+  VariableList(const VariableList&) = delete;
+  VariableList& operator=(const VariableList&) = delete;
+
+  // Takes a count.
+  void Insert(Variable* variable, ListPosition position) override;
+  // Takes a count if count_it is not 0; otherwise adopts one that the caller held.
+  void Insert(Variable* variable, ListPosition position, int count_it);
+  void Purge(Variable* variable) override;
+  // Empties the list and deletes it.
+  void Destroy();
+};
+
+#endif
