@@ -1,0 +1,245 @@
+// Files on POSIX calls: the open file, and the manager with its name operations, its lock protocol
+// and the confinement of script paths. UNIXReentrantFileManager is the one that a server uses.
+
+#ifndef ZEPH_BASE_SYSTEMS_UNIX_UNIXFILE_H
+#define ZEPH_BASE_SYSTEMS_UNIX_UNIXFILE_H
+
+#include <sys/stat.h>
+
+#include <vector>
+
+#include "base/File.h"
+#include "base/FileDescriptor.h"
+#include "base/systems/unix/UNIXFilePath.h"
+
+class UNIXFileManager;
+
+// What holds for the contained paths of one type. Borrows from the manager.
+struct _UNIXContainedPathSettings {
+  int directory = -1;            // descriptor of the base directory
+  UNIXFilePath* path = nullptr;  // its text, as configured
+  unsigned char allow_symlinks = 0;
+  unsigned char allow_other_owner = 0;
+  unsigned char allow_absolute = 0;
+};
+
+// An open or deactivated file. Adopts the descriptor it is made with.
+class UNIXFile : public File {
+ public:
+  // flags are open(2) flags; what would create or empty the file is dropped from them, so that
+  // opening it again does neither.
+  UNIXFile(UNIXFileManager* manager, int descriptor, int flags, const char* path);
+  UNIXFile(UNIXFileManager* manager, int descriptor, int flags, Zeph_PathType type,
+           const char* path);
+  ~UNIXFile() override;
+
+  using File::Read;
+  using File::Write;
+
+  bool OwnerID(int* id) override;
+  bool GroupID(int* id) override;
+  int Read(char* buffer, int length) override;
+  int Write(const char* bytes, int length) override;
+  int Seek(long position) override;
+  int Tell() override;
+  long Length() override;
+  bool IsDirectory(bool* result) override;
+  bool Lock(FileLockType type, long start, long length) override;
+  bool Release(long start, long length) override;
+  char* Map(long offset, long length) override;
+  void Release() override;
+  bool Activate(String& error) override;
+  void Deactivate() override;
+
+ private:
+  struct LockedRange {
+    long start;
+    long end;  // exclusive
+  };
+
+  bool Ready() { return descriptor >= 0 || Reactivate(); }
+  bool Reactivate();
+  bool SystemError();
+  bool Status(struct stat* buffer);
+  void NoteLocked(long start, long length, bool held);
+
+  int descriptor;  // -1 while deactivated
+  void* map_address = nullptr;
+  size_t map_length = 0;
+  int flags;
+  long position = 0;                       // where a deactivated file goes on
+  std::vector<LockedRange> locked_ranges;  // sorted, apart from each other
+};
+
+// Answers of the walk to a directory.
+enum PathWalkResult : int {
+  PathWalk_Done = 0,
+  PathWalk_NotFound = 1,    // or any other failure
+  PathWalk_Symlink = 2,     // a link, where none is allowed
+  PathWalk_OtherOwner = 3,  // a link to another user's object, where that is not allowed
+  PathWalk_Outside = 4,     // ".." led elsewhere than the text says: a directory was moved
+};
+
+// The directory that an operation works in: the base directory itself, borrowed from the manager,
+// or one that was opened for this operation.
+class ContainedDirectory {
+ public:
+  int get() const { return descriptor; }
+  bool borrowed() const { return !opened.is_open(); }
+  void Borrow(int base) {
+    opened.reset();
+    descriptor = base;
+  }
+  void Adopt(int other) {
+    opened.reset(other);
+    descriptor = other;
+  }
+  // For a caller that closes it: a borrowed descriptor is duplicated. -1 when that fails.
+  [[nodiscard]] int Release();
+
+ private:
+  int descriptor = -1;
+  FileDescriptor opened;
+};
+
+// The manager in its plain form, which walks to directories through the working directory of the
+// process: for a program with one thread. All operations on names are written here, once, on a
+// directory descriptor; how that is reached is what the derived class replaces.
+class UNIXFileManager : public FileManager {
+ public:
+  explicit UNIXFileManager(ZephApplication* application);
+  // For a background task: the same directories, limits and flags on descriptors of its own, and
+  // an empty pool. Later changes to either manager do not reach the other.
+  UNIXFileManager(ZephApplication* application, UNIXFileManager& other);
+  ~UNIXFileManager() override;
+
+  File* Open(const char* path, int mode) override;
+  int Lock(const char* path) override;
+  bool Delete(const char* path) override;
+  bool Copy(const char* from, const char* to) override;
+  bool Rename(const char* from, const char* to) override;
+  bool TouchFile(const char* path) override;
+  bool Exists(const char* path, bool* exists) override;
+  bool Length(const char* path, long* length) override;
+  bool IsDirectory(const char* path, bool* result) override;
+  bool ModifiedTime(const char* path, long* time) override;
+  bool MakeDirectory(const char* path) override;
+  bool RemoveDirectory(const char* path) override;
+  bool MakeSymbolicLink(const char* from, const char* to) override;
+  bool Mode(const char* path, int* mode) override;
+  bool ChangeMode(const char* path, int mode) override;
+  File* MakeTemporary(const char* prefix, char** name, int mode) override;
+
+  File* Open(Zeph_PathType type, const char* path, int mode) override;
+  int Lock(Zeph_PathType type, const char* path) override;
+  bool Delete(Zeph_PathType type, const char* path) override;
+  bool Copy(Zeph_PathType fromtype, const char* from, Zeph_PathType totype,
+            const char* to) override;
+  // Across file systems a copy and a deletion. Any other failure leaves the error text as it was.
+  bool Rename(Zeph_PathType fromtype, const char* from, Zeph_PathType totype,
+              const char* to) override;
+  bool TouchFile(Zeph_PathType type, const char* path) override;
+  bool Exists(Zeph_PathType type, const char* path, bool* exists) override;
+  bool Length(Zeph_PathType type, const char* path, long* length) override;
+  bool IsDirectory(Zeph_PathType type, const char* path, bool* result) override;
+  bool ModifiedTime(Zeph_PathType type, const char* path, long* time) override;
+  bool MakeDirectory(Zeph_PathType type, const char* path) override;
+  bool RemoveDirectory(Zeph_PathType type, const char* path) override;
+  // Leaves the error text as it was when the link itself cannot be made.
+  bool MakeSymbolicLink(Zeph_PathType fromtype, const char* from, Zeph_PathType totype,
+                        const char* to) override;
+  bool Mode(Zeph_PathType type, const char* path, int* mode) override;
+  bool ChangeMode(Zeph_PathType type, const char* path, int mode) override;
+  File* MakeTemporary(Zeph_PathType type, const char* directory, const char* prefix, char** name,
+                      int mode) override;
+  File* MakeTemporaryLike(Zeph_PathType type, const char* path, char** name, int mode) override;
+  bool DirectoryListing(Zeph_PathType type, const char* path, List<String>* names) override;
+
+  char pathseparator() override;
+  char* NormalizeContainedPath(Zeph_PathType type, const char* path, int* length,
+                               int* allocated) override;
+
+  // Open a base directory and keep it; what was configured before is given up first. The path is
+  // absolute. The user, if not null, is named in the texts of a failure. SecurityOptions comes
+  // first: the links on the way are judged by it.
+  virtual bool InitializeScriptDirectory(const char* path, const char* user);
+  virtual bool InitializeDataDirectory(const char* path);
+  virtual bool InitializeTempDirectory(const char* path);
+
+  // Opens a file, or a directory for reading, inside a base directory. flags are those of open(2).
+  // A descriptor that the caller closes, or -1.
+  [[nodiscard]] virtual int OpenContained(Zeph_PathType type, const char* path, int flags);
+
+  // A descriptor of the working directory, or -1; RestoreCurrentDirectory goes back to it and
+  // closes it, and answers -1 on failure.
+  [[nodiscard]] virtual int SaveCurrentDirectory();
+  virtual int RestoreCurrentDirectory(int descriptor);
+  // The directory that a text leads to, as the system names it, the caller's to delete. The
+  // second form compares with `path` to see whether a link was involved. Both use the working
+  // directory of the process and put it back. Answer a PathWalkResult.
+  [[nodiscard]] virtual int RealizePath(const char* path, UNIXFilePath** result, bool symlinks,
+                                        bool other_owner);
+  [[nodiscard]] virtual int RealizePath(UNIXFilePath* path, const char* text, UNIXFilePath** result,
+                                        bool symlinks, bool other_owner);
+  // False when that type has no directory. A type that nobody knows leaves the settings as they
+  // were: empty, so that whatever uses them fails.
+  virtual bool ContainedPathSettings(Zeph_PathType type, _UNIXContainedPathSettings* settings);
+  // As OpenContainedPath of the derived class, with a path as the result.
+  virtual bool RealizeContainedPath(Zeph_PathType type, const char* path, UNIXFilePath** result);
+  virtual bool RealizeContainedPath(Zeph_PathType type, _UNIXContainedPathSettings* settings,
+                                    const char* path, UNIXFilePath** result);
+  // fstat of the file that OpenContained finds, so it has to be readable.
+  virtual bool Stat(Zeph_PathType type, const char* path, struct stat* buffer);
+
+  // The lock protocol on a name in a directory, AT_FDCWD being the working directory. Answers a
+  // FileLockResult.
+  [[nodiscard]] int LockAt(int directory, const char* name);
+
+  // The open(2) flags of FileMode bits.
+  static int OpenMode(int mode);
+
+ protected:
+  // Opens the directory `path`, from `base` on, element by element. `confined` refuses a ".." that
+  // leads out of base by a directory that was moved meanwhile. *result receives a descriptor that
+  // the caller closes. Answers a PathWalkResult.
+  using DirectoryWalk = int (*)(UNIXFileManager* manager, int base, const char* path, int* result,
+                                bool symlinks, bool other_owner, bool confined);
+
+  UNIXFileManager(ZephApplication* application, DirectoryWalk walk);
+  UNIXFileManager(ZephApplication* application, UNIXFileManager& other, DirectoryWalk walk);
+
+  // The directory `path` of a base directory. On failure the text is stored.
+  bool OpenDirectory(Zeph_PathType type, const _UNIXContainedPathSettings& settings,
+                     const char* path, ContainedDirectory* result);
+
+  UNIXFilePath* script_path = nullptr;
+  int script_directory = -1;
+  UNIXFilePath* data_path = nullptr;
+  int data_directory = -1;
+  UNIXFilePath* temp_path = nullptr;
+  int temp_directory = -1;
+
+ private:
+  struct FinalName;
+
+  bool SystemError();
+  bool Fail(const char* text);
+  bool OutsideError(Zeph_PathType type);
+  bool WalkError(Zeph_PathType type, int result);
+  bool CheckContained(Zeph_PathType type, const _UNIXContainedPathSettings& settings,
+                      const char** path);
+  bool InitializeDirectory(const char* what, const char* path, const char* user, bool symlinks,
+                           bool other_owner, UNIXFilePath** text, int* descriptor);
+  bool Enter(Zeph_PathType type, UNIXFilePath& path, ContainedDirectory* directory);
+  bool TooLong(const char* path);
+  bool FollowFinalLink(Zeph_PathType type, FinalName* name, unsigned owner);
+  bool CopyBytes(int from, int to);
+  File* Adopt(int descriptor, int mode, bool contained, Zeph_PathType type, const char* path);
+  File* CreateTemporary(int directory, bool contained, Zeph_PathType type, const char* full,
+                        size_t prefix, char** name, int mode);
+  int RealizeOwned(const char* text, bool* same);
+
+  DirectoryWalk walk;
+};
+
+#endif
