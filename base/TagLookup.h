@@ -3,19 +3,21 @@
 #ifndef ZEPH_BASE_TAGLOOKUP_H
 #define ZEPH_BASE_TAGLOOKUP_H
 
+#include <array>
+
 // A name that configuration may use. Two tags have a second, shorter name: zpasync and
 // zpfuncreturn; errors inside expressions go by the name "expression".
 struct TagKeyword {
   int tag;
   int length;
-  const char* text;  // lower case, NUL-terminated
+  char text[20];  // lower case, NUL-terminated
 };
 
 inline constexpr int tag_keyword_count = 78;
 // Length of the longest keyword.
 inline constexpr int tag_keyword_length = 18;
 // All keywords, sorted by length, then by bytes.
-extern const TagKeyword tag_keywords[tag_keyword_count];
+extern const std::array<TagKeyword, tag_keyword_count> tag_keywords;
 
 // Stateless; any thread.
 class TagLookup {
