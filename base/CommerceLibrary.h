@@ -78,12 +78,10 @@ class CommerceLibrary {
   _ZP_EL_CommerceError error_text = nullptr;
 };
 
-template <>
-int HashTable<CommerceLibrary>::hash(CommerceLibrary* item);
-template <>
-int HashTable<CommerceLibrary>::Compare(CommerceLibrary* a, CommerceLibrary* b);
-template <>
-int HashTable<CommerceLibrary>::Compare(CommerceLibrary* item, const char* key, int length);
+struct CommerceLibraryName {
+  static std::string_view Key(const CommerceLibrary* item) { return KeyText(item->name()); }
+};
+using CommerceLibraryTable = NamedHashTable<CommerceLibrary, CommerceLibraryName>;
 
 // The methods that configuration has named for a request or task, on its thread.
 class CommerceLibraryManager {
@@ -105,11 +103,11 @@ class CommerceLibraryManager {
   virtual const String& Get_Error();
 
   // In the order of registration.
-  HashTable<CommerceLibrary>& libraries() { return library_table; }
+  CommerceLibraryTable& libraries() { return library_table; }
 
  private:
   ZephApplication* application;
-  HashTable<CommerceLibrary> library_table;
+  CommerceLibraryTable library_table;
   String last_error;
 };
 

@@ -26,21 +26,28 @@ class ConfigValue {
   int integer() const { return value_integer; }
 
  private:
-  friend class HashTable<ConfigValue>;
-
-  int identifier;    // the hash key, as its four raw bytes
+  int identifier;
   char* value_text;  // null for an integer setting
   int text_length;
   int text_owned;
   int value_integer;
 };
 
-template <>
-int HashTable<ConfigValue>::hash(ConfigValue* item);
-template <>
-int HashTable<ConfigValue>::Compare(ConfigValue* a, ConfigValue* b);
-template <>
-int HashTable<ConfigValue>::Compare(ConfigValue* item, const char* key, int length);
+// Keyed on the identifier.
+class ConfigTable final : public HashTable<ConfigValue> {
+ public:
+  ConfigTable() : HashTable<ConfigValue>(1, 0, 12, 512) {}
+
+  using HashTable<ConfigValue>::hash;
+  int hash(ConfigValue* item) override;
+  int Compare(ConfigValue* a, ConfigValue* b) override;
+  int Compare(ConfigValue* item, const char* key, int length) override;
+
+  // The cached value, or null.
+  ConfigValue* Lookup(int id) { return Find(reinterpret_cast<const char*>(&id), sizeof id); }
+  // Takes the value over, in place of one of the same identifier.
+  void Put(ConfigValue* value);
+};
 
 // The store with the built-in defaults only: what a background task has, as a copy of its
 // request's settings. One thread at a time. The order of the virtual operations stays.
@@ -71,10 +78,9 @@ class Config {
   int buffer_size(int id);
 
  private:
-  ConfigValue* Lookup(int id);
-  void Replace(ConfigValue* value);
+  ConfigValue* Value(int id);
 
-  HashTable<ConfigValue> values;
+  ConfigTable values;
 };
 
 #endif

@@ -70,12 +70,12 @@ class ExternalCall {
   Variable* result_variable;  // one count held
 };
 
-template <>
-int HashTable<ExternalCall>::hash(ExternalCall* item);
-template <>
-int HashTable<ExternalCall>::Compare(ExternalCall* a, ExternalCall* b);
-template <>
-int HashTable<ExternalCall>::Compare(ExternalCall* item, const char* key, int length);
+struct ExternalCallName {
+  static std::string_view Key(const ExternalCall* item) {
+    return KeyText(item->descriptor()->name, item->descriptor()->namelength);
+  }
+};
+using ExternalCallTable = NamedHashTable<ExternalCall, ExternalCallName>;
 
 // Data that an extension leaves under a name, for its later calls in the same request.
 class ExternalCallPersistentData {
@@ -101,14 +101,13 @@ class ExternalCallPersistentData {
   void (*destroy)(void* vm, void* data);
 };
 
-template <>
-int HashTable<ExternalCallPersistentData>::hash(ExternalCallPersistentData* item);
-template <>
-int HashTable<ExternalCallPersistentData>::Compare(ExternalCallPersistentData* a,
-                                                   ExternalCallPersistentData* b);
-template <>
-int HashTable<ExternalCallPersistentData>::Compare(ExternalCallPersistentData* item,
-                                                   const char* key, int length);
+struct ExternalCallPersistentDataName {
+  static std::string_view Key(const ExternalCallPersistentData* item) {
+    return KeyText(item->name(), item->namelength());
+  }
+};
+using ExternalCallPersistentDataTable =
+    NamedHashTable<ExternalCallPersistentData, ExternalCallPersistentDataName>;
 
 // The builtin libraries of one request or task, on its thread. The order of the virtual operations
 // stays.
@@ -147,12 +146,12 @@ class ExternalCallManager {
   void Append(ExternalLibrary* library, _ZP_EL_Function* functions);
 
   ZephApplication* application;
-  HashTable<ExternalCall> calls;
+  ExternalCallTable calls;
   String last_error;
   std::unique_ptr<Registration[]> registrations;  // made at the first registration
   int capacity = 0;
   int count = 0;
-  HashTable<ExternalCallPersistentData> persistent;
+  ExternalCallPersistentDataTable persistent;
 };
 
 #endif

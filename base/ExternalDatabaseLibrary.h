@@ -78,14 +78,11 @@ class ExternalDatabaseLibrary {
   _ZP_EL_Database* table = nullptr;
 };
 
-template <>
-int HashTable<ExternalDatabaseLibrary>::hash(ExternalDatabaseLibrary* item);
-template <>
-int HashTable<ExternalDatabaseLibrary>::Compare(ExternalDatabaseLibrary* a,
-                                                ExternalDatabaseLibrary* b);
-template <>
-int HashTable<ExternalDatabaseLibrary>::Compare(ExternalDatabaseLibrary* item, const char* key,
-                                                int length);
+struct ExternalDatabaseLibraryName {
+  static std::string_view Key(const ExternalDatabaseLibrary* item) { return KeyText(item->name()); }
+};
+using ExternalDatabaseLibraryTable =
+    NamedHashTable<ExternalDatabaseLibrary, ExternalDatabaseLibraryName>;
 
 // The database types that configuration has named for a request or task, on its thread. The order
 // of the virtual operations stays.
@@ -110,11 +107,11 @@ class ExternalDatabaseLibraryManager {
   void Error(const String& text);
 
   // In the order of registration.
-  HashTable<ExternalDatabaseLibrary>& libraries() { return library_table; }
+  ExternalDatabaseLibraryTable& libraries() { return library_table; }
 
  private:
   ZephApplication* application;
-  HashTable<ExternalDatabaseLibrary> library_table;
+  ExternalDatabaseLibraryTable library_table;
   String last_error;
 };
 

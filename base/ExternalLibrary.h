@@ -32,12 +32,12 @@ class ExternalLibrary {
   String library_path;
 };
 
-template <>
-int HashTable<ExternalLibrary>::hash(ExternalLibrary* item);
-template <>
-int HashTable<ExternalLibrary>::Compare(ExternalLibrary* a, ExternalLibrary* b);
-template <>
-int HashTable<ExternalLibrary>::Compare(ExternalLibrary* item, const char* key, int length);
+struct ExternalLibraryPath {
+  static std::string_view Key(const ExternalLibrary* item) {
+    return KeyText(item->path().data, item->path().length);
+  }
+};
+using ExternalLibraryTable = NamedHashTable<ExternalLibrary, ExternalLibraryPath>;
 
 // The loaded files by path. This class is for one thread; the host's subclass adds the lock. The
 // error is kept for each thread apart, since it is read after the lock was given back.
@@ -63,7 +63,7 @@ class ExternalLibraryManager {
   void Error(const String& text);
 
  private:
-  HashTable<ExternalLibrary> libraries;
+  ExternalLibraryTable libraries;
 };
 
 #endif

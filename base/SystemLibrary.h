@@ -39,12 +39,10 @@ class SystemLibrary {
   String last_error;
 };
 
-template <>
-int HashTable<SystemLibrary>::hash(SystemLibrary* item);
-template <>
-int HashTable<SystemLibrary>::Compare(SystemLibrary* a, SystemLibrary* b);
-template <>
-int HashTable<SystemLibrary>::Compare(SystemLibrary* item, const char* key, int length);
+struct SystemLibraryName {
+  static std::string_view Key(const SystemLibrary* item) { return KeyText(item->name()); }
+};
+using SystemLibraryTable = NamedHashTable<SystemLibrary, SystemLibraryName>;
 
 // The system libraries that configuration has named for a request or task, on its thread.
 class SystemLibraryManager {
@@ -66,11 +64,11 @@ class SystemLibraryManager {
   virtual const String& error();
 
   // In the order of registration.
-  HashTable<SystemLibrary>& libraries() { return library_table; }
+  SystemLibraryTable& libraries() { return library_table; }
 
  private:
   ZephApplication* application;
-  HashTable<SystemLibrary> library_table;
+  SystemLibraryTable library_table;
   String last_error;
 };
 

@@ -1,0 +1,138 @@
+#include "base/ExternalCall.h"
+
+#include <cstring>
+#include <new>
+
+#include "base/ExternalLibrary.h"
+#include "base/Variable.h"
+#include "base/ZephApplication.h"
+
+namespace {
+
+constexpr int registrations_step = 16;
+
+}  // namespace
+
+ExternalCall::ExternalCall(_ZP_EL_Function* descriptor)
+    : function(descriptor), result_variable(new Variable()) {}
+
+ExternalCall::~ExternalCall() {
+  if (state != nullptr) function->function(nullptr, nullptr, nullptr, &state);
+  result_variable->DecRefCount();
+}
+
+int ExternalCall::Call(ZephVM* vm, VariableHash* parameters) {
+  if (result_variable->refcount() < 2) {
+    result_variable->SetNULL();
+  } else {
+    // Somebody keeps the result of the last call.
+    Variable* kept = result_variable;
+    result_variable = new Variable();
+    kept->DecRefCount();
+  }
+  function->function(vm, parameters, result_variable, &state);
+  return 1;
+}
+
+ExternalCallPersistentData::ExternalCallPersistentData(ZephVM* machine, const char* name,
+                                                       int length, void* data,
+                                                       void (*destroy_data)(void*, void*))
+    : vm(machine), held(data), destroy(destroy_data) {
+  std::string_view text = KeyText(name, length);
+  key = new char[text.size()];
+  key_length = int(text.size());
+  if (!text.empty()) memcpy(key, text.data(), text.size());
+}
+
+ExternalCallPersistentData::~ExternalCallPersistentData() {
+  if (destroy != nullptr) {
+    destroy(vm, held);
+  } else {
+    ::operator delete(held);
+  }
+  delete[] key;
+}
+
+ExternalCallManager::ExternalCallManager(ZephApplication* owner)
+    : application(owner), calls(1, 1, 12, 512), persistent(1, 1, 12, 512) {}
+
+ExternalCallManager::ExternalCallManager(ZephApplication* owner, ExternalCallManager& source)
+    : ExternalCallManager(owner) {
+  for (int i = 0; i < source.count; i++) {
+    ExternalCallManager::RegisterDSO(source.registrations[size_t(i)].library->path().data);
+  }
+}
+
+ExternalCallManager::~ExternalCallManager() = default;
+
+bool ExternalCallManager::RegisterDSO(const char* path) {
+  ExternalLibraryManager* manager = application->librarymanager();
+  ExternalLibrary* library = manager->Lookup(path);
+  if (library == nullptr) {
+    Error(manager->error());
+    return false;
+  }
+  using TableFunction = _ZP_EL_FunctionTable* (*)();
+  auto table = reinterpret_cast<TableFunction>(library->Get_Function("zeph_function_table"));
+  if (table == nullptr) {
+    Error(library->error());
+    return false;
+  }
+  const _ZP_EL_FunctionTable* functions = table();
+  if (functions == nullptr) {
+    Error("Unable to retrieve function descriptor table");
+    return false;
+  }
+  Append(library, functions->functions);
+  return true;
+}
+
+void ExternalCallManager::Append(ExternalLibrary* library, _ZP_EL_Function* functions) {
+  if (count == capacity) {
+    auto larger = std::make_unique<Registration[]>(size_t(capacity + registrations_step));
+    for (int i = 0; i < count; i++) larger[size_t(i)] = registrations[size_t(i)];
+    registrations = std::move(larger);
+    capacity += registrations_step;
+  }
+  registrations[size_t(count++)] = {library, functions};
+}
+
+// The row of that name in the table, or null.
+static _ZP_EL_Function* FindRow(_ZP_EL_Function* row, std::string_view name) {
+  if (row == nullptr) return nullptr;
+  for (; row->name != nullptr; row++) {
+    if (row->namelength == int(name.size()) && memcmpi(row->name, name.data(), name.size()) == 0) {
+      return row;
+    }
+  }
+  return nullptr;
+}
+
+ExternalCall* ExternalCallManager::Lookup_External(const char* name, int length) {
+  ExternalCall* call = calls.Find(name, length);
+  if (call != nullptr) return call;
+  std::string_view wanted = KeyText(name, length);
+  for (int i = 0; i < count; i++) {
+    _ZP_EL_Function* row = FindRow(registrations[size_t(i)].functions, wanted);
+    if (row == nullptr) continue;
+    call = new ExternalCall(row);
+    calls.Insert(call);
+    return call;
+  }
+  return nullptr;
+}
+
+void* ExternalCallManager::Lookup_Persistent(const char* name, int length) {
+  ExternalCallPersistentData* entry = persistent.Find(name, length);
+  return entry != nullptr ? entry->data() : nullptr;
+}
+
+void ExternalCallManager::Register_Persistent(ZephVM* vm, const char* name, int length, void* data,
+                                              void (*destroy)(void* vm, void* data)) {
+  delete persistent.Remove(name, length);
+  persistent.Insert(new ExternalCallPersistentData(vm, name, length, data, destroy));
+}
+
+void ExternalCallManager::Error(const String& text) {
+  if (text.data != nullptr) last_error = text;
+}

@@ -1,0 +1,412 @@
+#include "config/Snapshot.h"
+
+#include <algorithm>
+#include <charconv>
+#include <climits>
+#include <cmath>
+#include <map>
+
+#include "base/Settings.h"
+#include "base/TagLookup.h"
+#include "config/Suggestion.h"
+
+// No exceptions, and none of the parts that write TOML.
+#define TOML_EXCEPTIONS 0
+#define TOML_ENABLE_FORMATTERS 0
+#include <toml++/toml.h>
+
+namespace {
+
+// One "key = value" of a section.
+struct Item {
+  std::string_view key;
+  const toml::node* node;
+  unsigned line;
+};
+
+// A table's items in the order of the file; the table itself is sorted by key.
+std::vector<Item> InFileOrder(const toml::table& table) {
+  std::vector<Item> items;
+  for (auto&& [key, node] : table) {
+    items.push_back({key.str(), &node, key.source().begin.line});
+  }
+  std::stable_sort(items.begin(), items.end(),
+                   [](const Item& a, const Item& b) { return a.line < b.line; });
+  return items;
+}
+
+const char* Found(const toml::node& node) {
+  switch (node.type()) {
+    case toml::node_type::table: return "a section";
+    case toml::node_type::array: return "an array";
+    case toml::node_type::string: return "text";
+    case toml::node_type::integer: return "an integer";
+    case toml::node_type::floating_point: return "a number with a fraction";
+    case toml::node_type::boolean: return "true or false";
+    default: return "a date or time";
+  }
+}
+
+std::string Quoted(std::string_view text) {
+  return "\"" + std::string(text) + "\"";
+}
+
+std::string LowerCase(std::string_view text) {
+  std::string result(text);
+  for (char& c : result) {
+    if (c >= 'A' && c <= 'Z') c = char(c - 'A' + 'a');
+  }
+  return result;
+}
+
+const ConfigSetting* FindSetting(std::string_view name) {
+  for (const ConfigSetting& setting : config_settings) {
+    if (name == setting.name) return &setting;
+  }
+  return nullptr;
+}
+
+// What the engine uses to find the script is settled before a script is known.
+bool CanDifferByScript(int id) {
+  switch (id) {
+    case Config_dir_zeph:
+    case Config_dir_temp:
+    case Config_dir_user:
+    case Config_default_file:
+    case Config_max_files: return false;
+    default: return true;
+  }
+}
+
+std::vector<std::string_view> SettingNames() {
+  std::vector<std::string_view> names;
+  for (const ConfigSetting& setting : config_settings) names.push_back(setting.name);
+  return names;
+}
+
+// Fills a snapshot from a parsed file, and keeps the complaint that stands first in the file.
+class Reader {
+ public:
+  Reader(const std::string& file_name, Snapshot& target) : file(file_name), snapshot(target) {}
+
+  void Read(const toml::table& root);
+
+ private:
+  void Complain(unsigned line, const std::string& key, const std::string& what);
+  void UnknownKey(const std::string& section, const Item& item,
+                  const std::vector<std::string_view>& known);
+  bool ExpectTable(const std::string& key, const Item& item);
+  bool ReadText(const std::string& key, const Item& item, std::string* text);
+  bool ReadInteger(const std::string& key, const Item& item, int* value);
+  void ReadSetting(const ConfigSetting& setting, const std::string& key, const Item& item,
+                   std::vector<Setting>* target);
+  void ReadErrors(const Item& section);
+  void ReadVariables(const Item& section);
+  void ReadVariableList(const std::string& name, const Item& section,
+                        std::vector<NamedValue>* target);
+  void ReadSections(const Item& sections, void (Reader::*read)(const toml::table&, unsigned));
+  void ReadLibrary(const toml::table& table, unsigned line);
+  void ReadScript(const toml::table& table, unsigned line);
+  bool ReadLibraryKind(const std::string& key, const Item& item, LibraryKind* kind);
+
+  const std::string& file;
+  Snapshot& snapshot;
+  unsigned error_line = UINT_MAX;
+  // Libraries by kind and name in lower case, with their lines.
+  std::map<std::pair<LibraryKind, std::string>, unsigned> library_names;
+};
+
+void Reader::Complain(unsigned line, const std::string& key, const std::string& what) {
+  if (line >= error_line) return;
+  error_line = line;
+  snapshot.error = file + ":" + std::to_string(line) + ": " + key + ": " + what;
+}
+
+// section is the path of the section with a dot behind it, empty at the top.
+void Reader::UnknownKey(const std::string& section, const Item& item,
+                        const std::vector<std::string_view>& known) {
+  std::string what =
+      "unknown key, the nearest known one is " + Quoted(NearestWord(item.key, known));
+  if (!section.empty() && FindSetting(item.key) != nullptr) {
+    what = "unknown key; it is a setting, and settings stand above the first section";
+  }
+  Complain(item.line, section + std::string(item.key), what);
+}
+
+bool Reader::ExpectTable(const std::string& key, const Item& item) {
+  if (item.node->is_table()) return true;
+  Complain(item.line, key, "expected a section [" + key + "], found " + Found(*item.node));
+  return false;
+}
+
+bool Reader::ReadText(const std::string& key, const Item& item, std::string* text) {
+  const toml::value<std::string>* value = item.node->as_string();
+  if (value == nullptr) {
+    Complain(item.line, key, std::string("expected text in quotes, found ") + Found(*item.node));
+    return false;
+  }
+  if (value->get().find('\0') != std::string::npos) {
+    Complain(item.line, key, "a NUL byte cannot be part of a text");
+    return false;
+  }
+  *text = value->get();
+  return true;
+}
+
+bool Reader::ReadInteger(const std::string& key, const Item& item, int* result) {
+  const toml::value<int64_t>* value = item.node->as_integer();
+  if (value == nullptr) {
+    Complain(item.line, key, std::string("expected an integer, found ") + Found(*item.node));
+    return false;
+  }
+  if (value->get() < INT_MIN || value->get() > INT_MAX) {
+    Complain(item.line, key, std::to_string(value->get()) + " does not fit into 32 bits");
+    return false;
+  }
+  *result = int(value->get());
+  return true;
+}
+
+void Reader::ReadSetting(const ConfigSetting& setting, const std::string& key, const Item& item,
+                         std::vector<Setting>* target) {
+  Setting read;
+  read.id = setting.id;
+  bool is_text = (setting.id & ConfigKind_Text) != 0;
+  bool good = is_text ? ReadText(key, item, &read.text) : ReadInteger(key, item, &read.integer);
+  if (good) target->push_back(read);
+}
+
+void Reader::ReadErrors(const Item& section) {
+  if (!ExpectTable("errors", section)) return;
+  TagLookup lookup;
+  std::map<int, std::string_view> seen;
+  for (const Item& item : InFileOrder(*section.node->as_table())) {
+    std::string key = "errors." + std::string(item.key);
+    const TagKeyword* keyword = lookup.Lookup(item.key.data(), int(item.key.size()));
+    if (keyword == nullptr) {
+      std::vector<std::string_view> known;
+      for (const TagKeyword& each : tag_keywords) known.push_back(each.text);
+      UnknownKey("errors.", item, known);
+      continue;
+    }
+    int value = 0;
+    if (!ReadInteger(key, item, &value)) continue;
+    if (value < 0 || value > (TagError_Display | TagError_Fatal)) {
+      Complain(item.line, key, "expected 0 to 3, found " + std::to_string(value));
+    }
+    auto [other, fresh] = seen.emplace(keyword->tag, item.key);
+    if (!fresh) Complain(item.line, key, "the same tag as " + Quoted(other->second));
+    snapshot.error_settings[size_t(keyword->tag)] = value;
+  }
+}
+
+void Reader::ReadVariables(const Item& section) {
+  if (!ExpectTable("variables", section)) return;
+  for (const Item& item : InFileOrder(*section.node->as_table())) {
+    if (item.key == "system") {
+      ReadVariableList("variables.system", item, &snapshot.system_variables);
+    } else if (item.key == "global") {
+      ReadVariableList("variables.global", item, &snapshot.global_variables);
+    } else {
+      UnknownKey("variables.", item, {"system", "global"});
+    }
+  }
+}
+
+// The text of a number, the shortest that reads back the same.
+template <typename Number>
+std::string NumberText(Number number) {
+  char buffer[32];
+  std::to_chars_result end = std::to_chars(buffer, buffer + sizeof buffer, number);
+  return std::string(buffer, end.ptr);
+}
+
+void Reader::ReadVariableList(const std::string& name, const Item& section,
+                              std::vector<NamedValue>* target) {
+  if (!ExpectTable(name, section)) return;
+  std::map<std::string, std::string_view> seen;
+  for (const Item& item : InFileOrder(*section.node->as_table())) {
+    std::string key = name + "." + std::string(item.key);
+    NamedValue variable;
+    variable.name = item.key;
+    if (item.key.empty() || item.key.find('\0') != std::string_view::npos) {
+      Complain(item.line, key, "not a name that a variable can have");
+    }
+    auto [other, fresh] = seen.emplace(LowerCase(item.key), item.key);
+    if (!fresh) Complain(item.line, key, "the same variable as " + Quoted(other->second));
+    if (const toml::value<int64_t>* integer = item.node->as_integer()) {
+      variable.value = NumberText(integer->get());
+    } else if (const toml::value<double>* number = item.node->as_floating_point();
+               number != nullptr && std::isfinite(number->get())) {
+      variable.value = NumberText(number->get());
+    } else if (item.node->is_string()) {
+      if (!ReadText(key, item, &variable.value)) continue;
+    } else {
+      Complain(item.line, key, "expected text in quotes or a number");
+      continue;
+    }
+    target->push_back(variable);
+  }
+}
+
+// Reads each element of an array of sections, [[library]] or [[script]].
+void Reader::ReadSections(const Item& sections,
+                          void (Reader::*read)(const toml::table&, unsigned)) {
+  std::string name(sections.key);
+  const toml::array* array = sections.node->as_array();
+  if (array == nullptr) {
+    Complain(sections.line, name,
+             "expected sections [[" + name + "]], found " + Found(*sections.node));
+    return;
+  }
+  for (const toml::node& element : *array) {
+    unsigned line = element.source().begin.line;
+    if (const toml::table* table = element.as_table()) {
+      (this->*read)(*table, line);
+    } else {
+      Complain(line, name, "expected a section [[" + name + "]], found " + Found(element));
+    }
+  }
+}
+
+bool Reader::ReadLibraryKind(const std::string& key, const Item& item, LibraryKind* kind) {
+  std::string text;
+  if (!ReadText(key, item, &text)) return false;
+  const std::pair<std::string_view, LibraryKind> kinds[] = {{"builtin", LibraryKind::Builtin},
+                                                            {"commerce", LibraryKind::Commerce},
+                                                            {"database", LibraryKind::Database},
+                                                            {"system", LibraryKind::System}};
+  std::vector<std::string_view> known;
+  for (const auto& [name, value] : kinds) {
+    known.push_back(name);
+    if (text != name) continue;
+    *kind = value;
+    return true;
+  }
+  Complain(item.line, key,
+           "unknown kind " + Quoted(text) + ", the nearest known one is " +
+               Quoted(NearestWord(text, known)));
+  return false;
+}
+
+void Reader::ReadLibrary(const toml::table& table, unsigned line) {
+  LibrarySection library;
+  bool has_kind = false;
+  bool good = true;
+  for (const Item& item : InFileOrder(table)) {
+    std::string key = "library." + std::string(item.key);
+    if (item.key == "kind") {
+      has_kind = true;
+      good = ReadLibraryKind(key, item, &library.kind) && good;
+    } else if (item.key == "name") {
+      good = ReadText(key, item, &library.name) && good;
+    } else if (item.key == "path") {
+      good = ReadText(key, item, &library.path) && good;
+    } else {
+      UnknownKey("library.", item, {"kind", "name", "path"});
+    }
+  }
+  if (!good) return;
+  if (!has_kind) return Complain(line, "library.kind", "missing");
+  if (library.path.empty()) return Complain(line, "library.path", "missing or empty");
+  if (library.kind != LibraryKind::Builtin) {
+    if (library.name.empty()) return Complain(line, "library.name", "missing or empty");
+    auto [other, fresh] =
+        library_names.emplace(std::make_pair(library.kind, LowerCase(library.name)), line);
+    if (!fresh) {
+      Complain(line, "library.name",
+               "a library of this kind and name stands in line " + std::to_string(other->second));
+    }
+  }
+  snapshot.libraries.push_back(library);
+}
+
+void Reader::ReadScript(const toml::table& table, unsigned line) {
+  ScriptSection script;
+  bool has_match = false;
+  for (const Item& item : InFileOrder(table)) {
+    std::string key = "script." + std::string(item.key);
+    if (item.key == "match") {
+      has_match = true;
+      if (!ReadText(key, item, &script.match)) continue;
+      // Paths of scripts have no slash in front; people write one.
+      script.match.erase(0, script.match.find_first_not_of('/'));
+      if (script.match.empty()) Complain(item.line, key, "matches no script");
+      continue;
+    }
+    const ConfigSetting* setting = FindSetting(item.key);
+    if (setting == nullptr) {
+      std::vector<std::string_view> known = SettingNames();
+      known.push_back("match");
+      UnknownKey("script.", item, known);
+    } else if (!CanDifferByScript(setting->id)) {
+      Complain(item.line, key, "is used to find the script, so it cannot differ between scripts");
+    } else {
+      ReadSetting(*setting, key, item, &script.settings);
+    }
+  }
+  if (!has_match) Complain(line, "script.match", "missing");
+  snapshot.scripts.push_back(script);
+}
+
+void Reader::Read(const toml::table& root) {
+  for (const Item& item : InFileOrder(root)) {
+    if (item.key == "errors") {
+      ReadErrors(item);
+    } else if (item.key == "variables") {
+      ReadVariables(item);
+    } else if (item.key == "library") {
+      ReadSections(item, &Reader::ReadLibrary);
+    } else if (item.key == "script") {
+      ReadSections(item, &Reader::ReadScript);
+    } else if (const ConfigSetting* setting = FindSetting(item.key)) {
+      ReadSetting(*setting, std::string(item.key), item, &snapshot.settings);
+    } else {
+      std::vector<std::string_view> known = SettingNames();
+      for (const char* section : {"errors", "variables", "library", "script"}) {
+        known.push_back(section);
+      }
+      UnknownKey("", item, known);
+    }
+  }
+  std::sort(snapshot.settings.begin(), snapshot.settings.end(),
+            [](const Setting& a, const Setting& b) { return a.id < b.id; });
+}
+
+}  // namespace
+
+ErrorSettings ShippedErrorSettings() {
+  ErrorSettings settings = {};
+#define ZEPH_TAG(number, name, value) settings[number] = value;
+#define ZEPH_TAG_EXPRESSION(number, name, variable, value) settings[number] = value;
+#include "base/TagErrors.def"
+#undef ZEPH_TAG
+#undef ZEPH_TAG_EXPRESSION
+  return settings;
+}
+
+Snapshot Snapshot::Failed(const std::string& message) {
+  Snapshot snapshot;
+  snapshot.error = message;
+  return snapshot;
+}
+
+Snapshot Snapshot::Parse(const std::string& file, std::string_view text) {
+  toml::parse_result result = toml::parse(text);
+  if (result.failed()) {
+    const toml::parse_error& error = result.error();
+    return Failed(file + ":" + std::to_string(error.source().begin.line) + ": " +
+                  std::string(error.description()));
+  }
+  Snapshot snapshot;
+  snapshot.error_settings = ShippedErrorSettings();
+  Reader(file, snapshot).Read(result.table());
+  return snapshot.error.empty() ? snapshot : Failed(snapshot.error);
+}
+
+const Setting* Snapshot::Find(int id) const {
+  auto found =
+      std::lower_bound(settings.begin(), settings.end(), id,
+                       [](const Setting& setting, int wanted) { return setting.id < wanted; });
+  return found != settings.end() && found->id == id ? &*found : nullptr;
+}

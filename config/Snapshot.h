@@ -1,0 +1,69 @@
+// What one state of the configuration file says. Parsed once, never changed afterwards, shared by
+// all requests until the file changes.
+
+#ifndef ZEPH_CONFIG_SNAPSHOT_H
+#define ZEPH_CONFIG_SNAPSHOT_H
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/TagErrors.h"
+
+// A setting that the file gives.
+struct Setting {
+  int id = 0;
+  int integer = 0;   // of an integer setting
+  std::string text;  // of a text setting
+};
+
+// A [[script]] section: what holds for the scripts that match.
+struct ScriptSection {
+  std::string match;  // without a leading slash
+  std::vector<Setting> settings;
+};
+
+enum class LibraryKind { Builtin, Commerce, Database, System };
+
+// A [[library]] section.
+struct LibrarySection {
+  LibraryKind kind = LibraryKind::Builtin;
+  std::string name;  // may be empty for a builtin library
+  std::string path;
+};
+
+struct NamedValue {
+  std::string name;
+  std::string value;
+};
+
+// What the errors of each tag do, by tag number.
+using ErrorSettings = std::array<int, tag_count>;
+ErrorSettings ShippedErrorSettings();
+
+struct Snapshot {
+  // Reads a file's text. In messages the file goes by the given name. A text that is not in order
+  // gives a snapshot with nothing but the error of its first bad line.
+  static Snapshot Parse(const std::string& file, std::string_view text);
+  static Snapshot Failed(const std::string& message);
+
+  // The setting that the file gives outside of [[script]] sections, or null.
+  const Setting* Find(int id) const;
+
+  // "file:line: key: what is wrong", empty when the file is in order.
+  std::string error;
+  // Grows by one with each snapshot that a store takes into force.
+  uint64_t generation = 0;
+
+  std::vector<Setting> settings;  // sorted by identifier
+  std::vector<ScriptSection> scripts;
+  std::vector<LibrarySection> libraries;
+  std::vector<NamedValue> system_variables;
+  std::vector<NamedValue> global_variables;
+  // As shipped, but for what [errors] says.
+  ErrorSettings error_settings = {};
+};
+
+#endif

@@ -1,0 +1,176 @@
+#include "config/SnapshotStore.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+namespace {
+
+// The kernel stamps files by a clock of its own that advances in ticks of up to 10 ms.
+constexpr int64_t tick_nanoseconds = 20'000'000;
+// Far beyond any configuration; a device or a log named by mistake is not read to its end.
+constexpr off_t largest_file = 16 << 20;
+
+std::string ErrorText(int number) {
+  char buffer[256];
+  return strerror_r(number, buffer, sizeof buffer);
+}
+
+// A descriptor until the end of a block.
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : descriptor(number) {}
+  ~Descriptor() {
+    if (descriptor >= 0) close(descriptor);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int number() const { return descriptor; }
+
+ private:
+  int descriptor;
+};
+
+// The path by which an administrator knows the file, whatever the working directory.
+std::string FullPath(const char* path) {
+  char* full = realpath(path, nullptr);
+  std::string result = full != nullptr ? full : path;
+  free(full);
+  return result;
+}
+
+bool WithinTick(const timespec& modified) {
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  int64_t seconds = int64_t(now.tv_sec) - int64_t(modified.tv_sec);
+  if (seconds < -1 || seconds > 1) return false;
+  int64_t age = seconds * 1'000'000'000 + now.tv_nsec - modified.tv_nsec;
+  return age < tick_nanoseconds && age > -tick_nanoseconds;
+}
+
+// One line, in one write, so that lines of several processes do not mix.
+void ReportOnStandardError(const std::string& error) {
+  std::string line = "libzephconfig: " + error + "; the last good configuration stays in force\n";
+  ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+  (void)written;  // nobody is left to tell
+}
+
+bool SameTime(const timespec& a, const timespec& b) {
+  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+}  // namespace
+
+bool SnapshotStore::Identity::operator==(const Identity& other) const {
+  return inode == other.inode && SameTime(modified, other.modified) && size == other.size &&
+         device == other.device && error == other.error && path == other.path;
+}
+
+SnapshotStore::Identity SnapshotStore::IdentityOf(const char* path, const struct stat& status) {
+  Identity identity;
+  identity.path = path;
+  identity.device = status.st_dev;
+  identity.inode = status.st_ino;
+  identity.size = status.st_size;
+  identity.modified = status.st_mtim;
+  return identity;
+}
+
+SnapshotStore::Identity SnapshotStore::LookAt(const char* path) {
+  struct stat status;
+  if (stat(path, &status) == 0) return IdentityOf(path, status);
+  Identity identity;
+  identity.error = errno;
+  identity.path = path;
+  return identity;
+}
+
+SnapshotStore::Identity SnapshotStore::Look() {
+  const char* named = getenv(config_file_variable);
+  if (named != nullptr && *named != 0) return LookAt(named);
+  for (const char* path : {config_file_local, config_file_system}) {
+    Identity identity = LookAt(path);
+    if (identity.error != ENOENT && identity.error != ENOTDIR) return identity;
+  }
+  Identity none;
+  none.error = ENOENT;
+  return none;
+}
+
+std::string SnapshotStore::MissingText(const Identity& identity) {
+  if (!identity.path.empty()) return identity.path + ": " + ErrorText(identity.error);
+  return std::string("no configuration file: ") + config_file_variable +
+         " is not set, and neither " + config_file_local + " in the working directory nor " +
+         config_file_system + " exists";
+}
+
+// Reads the file that *identity names. On success *identity is that of the bytes that were read,
+// which may differ from the one that was found. On failure *error says why.
+bool SnapshotStore::ReadFile(Identity* identity, std::string* text, std::string* error) {
+  std::string path = identity->path;
+  // A FIFO named by mistake must not hang the request.
+  Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat status;
+  if (file.number() < 0 || fstat(file.number(), &status) != 0) {
+    *error = path + ": " + ErrorText(errno);
+    return false;
+  }
+  *identity = IdentityOf(path.c_str(), status);
+  if (!S_ISREG(status.st_mode)) {
+    *error = path + ": Not a regular file";
+    return false;
+  }
+  text->clear();
+  for (char buffer[16384]; off_t(text->size()) <= largest_file;) {
+    ssize_t count = read(file.number(), buffer, sizeof buffer);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) *error = path + ": " + ErrorText(errno);
+    if (count <= 0) return count == 0;
+    text->append(buffer, size_t(count));
+  }
+  *error = path + ": Too large for a configuration file";
+  return false;
+}
+
+// Takes a snapshot into force, unless it has an error and a good one is there.
+void SnapshotStore::Install(Snapshot snapshot) {
+  if (!snapshot.error.empty() && current != nullptr && current->error.empty()) {
+    ReportOnStandardError(snapshot.error);
+    return;
+  }
+  snapshot.generation = ++generations;
+  current = std::make_shared<const Snapshot>(std::move(snapshot));
+}
+
+void SnapshotStore::Reload(const Identity& found) {
+  Identity identity = found;
+  std::string text;
+  std::string error;
+  if (found.error != 0) {
+    error = MissingText(found);
+  } else {
+    ReadFile(&identity, &text, &error);
+  }
+  // What was wrong counts as the content of a file that could not be read, so that a second look
+  // at the same state says nothing twice.
+  const std::string& content = error.empty() ? text : error;
+  bool same = current != nullptr && identity == seen && content == seen_text;
+  seen = identity;
+  settled = error.empty() ? !WithinTick(identity.modified) : true;
+  if (same) return;
+  seen_text = content;
+  Install(error.empty() ? Snapshot::Parse(FullPath(found.path.c_str()), text)
+                        : Snapshot::Failed(error));
+}
+
+std::shared_ptr<const Snapshot> SnapshotStore::Current() {
+  Identity found = Look();
+  std::lock_guard<std::mutex> lock(mutex);
+  if (current == nullptr || !settled || !(found == seen)) Reload(found);
+  return current;
+}

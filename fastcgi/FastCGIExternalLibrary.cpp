@@ -1,0 +1,6 @@
+#include "fastcgi/FastCGIExternalLibrary.h"
+
+ExternalLibrary* FastCGIExternalLibraryManager::Lookup(const char* path) {
+  std::lock_guard<std::mutex> lock(mutex);
+  return UNIXExternalLibraryManager::Lookup(path);
+}
