@@ -1,0 +1,103 @@
+// The built engine as a process of its own, with everything it needs in a temporary directory:
+//
+//   scripts/       the script root (dir_zeph)
+//   data/, temp/   dir_data, dir_temp
+//   work/          its working directory
+//   zeph.toml      its configuration
+//   fcgi.sock      the listening socket, its descriptor 0
+//   log            its standard output and error
+
+#ifndef ZEPH_TESTS_SUPPORT_ENGINEPROCESS_H
+#define ZEPH_TESTS_SUPPORT_ENGINEPROCESS_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/support/FastCGIClient.h"
+#include "tests/support/TemporaryDirectory.h"
+
+class EngineProcess {
+ public:
+  using Milliseconds = std::chrono::milliseconds;
+  // How long an orderly shutdown may take at most: a heartbeat, and the time of a slow machine.
+  static constexpr Milliseconds ShutdownTimeout{40000};
+
+  EngineProcess();
+  // Kills the engine if it still runs.
+  ~EngineProcess();
+  EngineProcess(const EngineProcess&) = delete;
+  EngineProcess& operator=(const EngineProcess&) = delete;
+
+  // --- Before the start ------------------------------------------------------------------------
+  // Command line behind the program's name.
+  std::vector<std::string> arguments;
+  // Added to, or replacing, what the test's own environment has.
+  std::map<std::string, std::string> environment;
+  // Text behind the directories in zeph.toml.
+  std::string settings;
+  // The whole of zeph.toml; when set, the directories and settings above are not written.
+  std::string configuration;
+  // What descriptor 0 is; a listening socket by default.
+  enum Descriptor0 { ListeningSocket, NonBlockingSocket, PlainFile, Closed };
+  Descriptor0 descriptor0 = ListeningSocket;
+
+  // Whether standard parameters name the configuration library; a test may put it elsewhere.
+  bool name_library = true;
+
+  // --- Files ------------------------------------------------------------------------------------
+  // All paths are relative to the temporary directory; folders are made as needed. They answer the
+  // absolute path, and fail the test when they cannot do what they are asked to.
+  std::string Path(std::string_view relative) const;
+  std::string Write(std::string_view relative, std::string_view bytes);
+  // Assembles a script into scripts/.
+  std::string Script(std::string_view name, std::string_view source);
+  std::string Folder(std::string_view relative);
+
+  // --- The process ------------------------------------------------------------------------------
+  // Writes zeph.toml and starts the engine. Fails the test, and answers false, when it cannot.
+  bool Start();
+  pid_t pid() const { return process; }
+  const std::string& socket() const { return socket_path; }
+  // Waits for the end; answers the exit status, 128 and more for a signal, or -1 when it still
+  // runs.
+  int Wait(Milliseconds timeout = ShutdownTimeout);
+  void Signal(int number);
+  bool Running();
+  // What it has printed so far.
+  std::string Log() const;
+  // Its arguments as process listings show them, NUL bytes included.
+  std::string ProcessArguments() const;
+  // The count of its threads at this moment, and how often the beat of them is asked about until
+  // the count is the wanted one; answers the last count seen.
+  int Threads() const;
+  int WaitForThreads(int wanted, Milliseconds timeout = Milliseconds(20000)) const;
+
+  // --- Requests ---------------------------------------------------------------------------------
+  // Parameters that every request needs: ZpCONFIG_LIBRARY, and PATH_INFO when path is not null.
+  FastCGIParameters Parameters(const char* path, const FastCGIParameters& more = {}) const;
+  // One request on a connection of its own.
+  FastCGIResponse Get(const char* path, const FastCGIParameters& more = {},
+                      std::string_view input = "");
+
+  // Where the build has put things.
+  static std::string Program();
+  static std::string ConfigurationLibrary();
+
+ private:
+  void WriteConfiguration();
+  int OpenDescriptor0();
+  [[noreturn]] void RunChild(int descriptor);
+
+  TemporaryDirectory directory;
+  std::string socket_path;
+  int listening = -1;
+  pid_t process = -1;
+  int status = -1;  // of the process once it has ended
+};
+
+#endif
