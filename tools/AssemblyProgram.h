@@ -1,0 +1,110 @@
+// A compiled script under construction, made of the engine's own classes, so that zpasm writes what
+// the engine's writers write.
+
+#ifndef ZEPH_TOOLS_ASSEMBLYPROGRAM_H
+#define ZEPH_TOOLS_ASSEMBLYPROGRAM_H
+
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/Dictionary.h"
+#include "base/Function.h"
+#include "base/LocalizedDictionary.h"
+#include "base/LocalizedLanguages.h"
+#include "base/Segment.h"
+#include "base/TaggedFile.h"
+#include "base/VariableHash.h"
+
+// The sections' tags. An index of tokens has the language's number in its upper half; in a file
+// older than separate_indexes there is one of them, with tag 0.
+constexpr int tag_dictionary = MakeTag("dict");
+constexpr int tag_system = MakeTag("syst");
+constexpr int tag_global = MakeTag("glbl");
+constexpr int tag_languages = MakeTag("locl");
+constexpr int tag_pieces = MakeTag("locd");
+constexpr int tag_segments = MakeTag("segs");
+constexpr int tag_functions = MakeTag("func");
+constexpr unsigned separate_indexes = 0x10008;
+constexpr int IndexTag(int language) {
+  return static_cast<int>(static_cast<unsigned>(language) << 16 | 0x584C);
+}
+
+// Sizes of the tables, as the engine makes them for itself.
+constexpr int variable_bits = 12;
+constexpr int variable_capacity = 512;
+constexpr int function_bits = 8;
+constexpr int function_capacity = 64;
+constexpr int language_bits = 12;
+constexpr int language_capacity = 8;
+constexpr size_t stamp_size = 16;
+
+// A piece of a message: its text's dictionary id, and whether it is literal or a parameter's name.
+struct MessagePiece {
+  int text;
+  bool literal;
+};
+
+// A parameter of a function: its name's dictionary id, and whether it is passed by reference.
+struct ParameterDeclaration {
+  int name;
+  bool by_reference;
+};
+
+class AssemblyProgram {
+ public:
+  AssemblyProgram();
+  AssemblyProgram(const AssemblyProgram&) = delete;
+  AssemblyProgram& operator=(const AssemblyProgram&) = delete;
+
+  // The id of the first entry with exactly this text, which is added when there is none.
+  int Intern(std::string_view text);
+  // Adds an entry, whether or not another has its text, and answers its id.
+  int AddEntry(std::string_view text);
+
+  // The position of a name in a table, case apart; the name is added when it is missing.
+  int Variable(VariableHash* table, std::string_view name);
+
+  // Adds a function at the next index. name and the parameters' names are dictionary ids.
+  Function* AddFunction(int name, const std::vector<ParameterDeclaration>& parameters, int flags,
+                        int segment, int offset);
+
+  // The segment of a number, made if the number is the next one.
+  Segment* SegmentAt(int number);
+
+  // Adds a message of a language, both dictionary ids. Its pieces follow one another.
+  void AddMessage(int language, int token, const std::vector<MessagePiece>& message);
+
+  // The whole compiled file into *image. False with a text when it cannot be written.
+  [[nodiscard]] bool Write(std::string* image, std::string* error);
+
+  Dictionary dictionary;
+  std::unique_ptr<VariableHash> system;
+  std::unique_ptr<VariableHash> globals;
+  std::unique_ptr<FunctionManager> functions;
+  std::unique_ptr<LocalizedLanguages> languages;
+  SegmentManager segments;
+  LocalizedDictionary pieces;
+
+  int version = 0;  // 0 is the newest
+  std::string stamp = std::string(stamp_size, '\0');
+  // Sections that are given as bytes: they replace those of the same tag, or come last.
+  std::vector<std::pair<int, std::string>> given_sections;
+  // The sections to write, in order; empty for the usual ones.
+  std::vector<int> section_order;
+  // A file that is given as bytes altogether.
+  std::string given_image;
+  bool has_given_image = false;
+
+ private:
+  const std::string* GivenSection(int tag) const;
+  std::vector<int> SectionsToWrite() const;
+  bool WriteSections(TaggedFile* file);
+  bool WriteSection(TaggedFile* file, int tag);
+
+  std::map<std::string, int, std::less<>> ids;
+};
+
+#endif
