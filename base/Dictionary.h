@@ -39,7 +39,7 @@ class Dictionary {
  public:
   Dictionary();
   // For the clone of a machine: the same ids over copies of the blocks.
-  Dictionary(const Dictionary& other);
+  Dictionary(Dictionary& other);
   Dictionary& operator=(const Dictionary&) = delete;
   virtual ~Dictionary();
 
@@ -79,7 +79,7 @@ class Dictionary {
   };
 
   bool ReadSection(TaggedFile* file);
-  void ReadEntries(const unsigned char* records, int count, int data_length);
+  bool CompressInto(long long size);
   void Clear();
 
   String error_text;

@@ -83,8 +83,6 @@ class Function {
   void* calldata = nullptr;
 
  private:
-  friend class FunctionManager;
-
   int function_index;
   int flag_word;
   int name_id;
@@ -144,9 +142,11 @@ class FunctionManager {
   [[nodiscard]] bool Write(TaggedFile* file);
 
  private:
-  bool ReadTable(TaggedFile* file);
+  bool ReadSection(TaggedFile* file);
   bool ReadFunction(TaggedFile* file, int index);
   bool ReadParameters(TaggedFile* file, Function* function, int count);
+  bool WriteFunction(TaggedFile* file, Function* function);
+  const char* NameOf(int index, int* length) const;
   Function* Enter(std::unique_ptr<Function> function, const char* name, int length);
 
   String error_text;

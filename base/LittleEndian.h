@@ -6,6 +6,7 @@
 
 #include <bit>
 #include <cstdint>
+#include <string>
 
 namespace LittleEndian {
 
@@ -40,6 +41,18 @@ inline void Put64(unsigned char* bytes, uint64_t value) {
 }
 inline void PutDouble(unsigned char* bytes, double value) {
   Put64(bytes, std::bit_cast<uint64_t>(value));
+}
+
+// Append to what is going to be written.
+inline void Append16(std::string* text, uint16_t value) {
+  unsigned char bytes[2];
+  Put16(bytes, value);
+  text->append(reinterpret_cast<char*>(bytes), sizeof bytes);
+}
+inline void Append32(std::string* text, int32_t value) {
+  unsigned char bytes[4];
+  Put32(bytes, static_cast<uint32_t>(value));
+  text->append(reinterpret_cast<char*>(bytes), sizeof bytes);
 }
 
 }  // namespace LittleEndian

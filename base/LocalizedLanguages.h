@@ -44,8 +44,8 @@ class LocalizedIndex {
   int hash(const char* name, int length) const;
 
   // The section of that tag. In files older than version 0x10008 the only index has tag 0, and is
-  // read in place of one that is not there. Both report the file's text; after a failed Read the
-  // index is empty.
+  // read in place of one that is not there. Both report the file's text; a failed Read leaves the
+  // index as it was.
   [[nodiscard]] bool Read(TaggedFile* file, int tag);
   [[nodiscard]] bool Write(TaggedFile* file, int tag);
 
@@ -115,7 +115,9 @@ class LocalizedLanguages {
   bool ReadSection();
   int Find(const char* name, int length) const;
   const char* NameOf(int entry, int* length) const;
-  LocalizedIndex* IndexOf(int number);
+  int NumberOf(int language);
+  void NeedIndex(int number);
+  LocalizedIndex* OwnIndex(int number);
   LocalizedIndex::TokenEntry* TokenIn(int number, int token);
   int Resolve(const String& language);
   void DropIndexes();

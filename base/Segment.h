@@ -105,10 +105,13 @@ class SegmentManager {
 
   int Segments() const { return segment_count; }
   int start() const { return start_number; }
-  void SetStart(int number) { start_number = number; }
+  // Ignores what is no segment.
+  void SetStart(int number) {
+    if (number >= 0 && number < segment_count) start_number = number;
+  }
 
  private:
-  bool ReadTable(TaggedFile* file);
+  bool ReadSection(TaggedFile* file);
   void MakeArray();
 
   std::unique_ptr<std::unique_ptr<Segment>[]> segments;  // made at first need

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "base/memcmpi.h"
 
@@ -136,7 +137,7 @@ class StoredNameTable {
 template <class T>
 void ResizeEntries(std::unique_ptr<T[]>* entries, int count, int capacity) {
   auto larger = std::make_unique<T[]>(static_cast<size_t>(capacity));
-  if (*entries) std::copy_n(entries->get(), count, larger.get());
+  if (*entries) std::move(entries->get(), entries->get() + count, larger.get());
   *entries = std::move(larger);
 }
 

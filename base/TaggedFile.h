@@ -6,6 +6,7 @@
 #define ZEPH_BASE_TAGGEDFILE_H
 
 #include <memory>
+#include <string>
 
 #include "base/StringClass.h"
 
@@ -26,8 +27,9 @@ constexpr int MakeTag(const char (&letters)[5]) {
 // alone: the callers compare the count, and then report whatever text stands there, maybe none.
 //
 // While a script is loaded, the first bytes of the file are kept in memory (the window), since a
-// typical script lies in them wholly and each section would cost two system calls. Close() and
-// Deactivate() give the window up; what lies outside of it is read from the file.
+// typical script lies in them wholly and each section would cost several system calls. A read
+// outside of it moves the window to the rest of the section. Close() and Deactivate() give the
+// window up. Nobody else may touch the file in between.
 class TaggedFile {
  public:
   static constexpr unsigned OldestVersion = 0x10001;
@@ -71,13 +73,18 @@ class TaggedFile {
   // Forgets the selected section.
   void Section_Read_End();
 
-  // The next bytes of the selected section without copying them where possible: they lie in the
-  // window, or in *scratch, which is then allocated. Valid until the next operation on the file
-  // and while *scratch stands. Null when the section or the file has fewer bytes, or for a
-  // negative length; lengths are compared in 64 bits with section and file before anything is
-  // allocated. A length of 0 gives a pointer to nothing.
+  // Bytes of the selected section without copying them where possible: the next ones, or those at
+  // an offset in it. They lie in the window, or in *scratch, which is then allocated; valid until
+  // the next operation on the file and while *scratch stands. Null, with nothing allocated, when
+  // the section or the file has fewer bytes, and for a negative length or offset.
   [[nodiscard]] const unsigned char* Section_View(long long length,
                                                   std::unique_ptr<unsigned char[]>* scratch);
+  [[nodiscard]] const unsigned char* Section_View(long long offset, long long length,
+                                                  std::unique_ptr<unsigned char[]>* scratch);
+  // Whether the selected section, and the file, have that many bytes at an offset, or from the next
+  // byte on. What a file states is asked here before anything of that size is allocated.
+  [[nodiscard]] bool Section_Holds(long long offset, long long length);
+  [[nodiscard]] bool Section_Holds(long long length) { return Section_Holds(position, length); }
 
   // --- Writing -----------------------------------------------------------------------------------
   // Create, then per section Section_Start, Section_Write as often as needed, Section_End; at last
@@ -91,6 +98,8 @@ class TaggedFile {
   // Answers what the file did: the bytes written, or a negative value with the file's text. A
   // partial write counts, and is the caller's to detect.
   [[nodiscard]] int Section_Write(const char* buffer, int length);
+  // The same for bytes that were put together; answers whether all were written.
+  [[nodiscard]] bool Section_Write(const std::string& bytes);
   void Section_End();
   // Writes the directory behind the sections, then the header anew. Must come last.
   [[nodiscard]] bool Section_Flush();
@@ -117,9 +126,14 @@ class TaggedFile {
   bool Header_Write();
   bool Directory_Write();
   bool Lookup(int tag);
-  bool SeekTo(long position);
-  int ReadAt(long position, char* buffer, int length);
-  const unsigned char* Windowed(long position, long long length) const;
+
+  bool SeekTo(long offset);
+  int FileRead(char* buffer, int length);
+  int ReadAt(long offset, char* buffer, int length);
+  const char* Windowed(long offset, long long length) const;
+  void FillWindow(long offset, long long wanted);
+  void DropWindow();
+  long FileLength();
   void Forget();
 
   FileManager* filemanager;
@@ -140,9 +154,11 @@ class TaggedFile {
   int written_length = 0;
 
   bool writing = false;  // a section may have tag 0, so the tag can't tell
-  // Where the file itself stands, -1 when unknown: reads from the window don't move it.
+  // Where the file itself stands: a read from the window doesn't move it. -1 when unknown.
   long file_position = -1;
+  long file_length = -1;  // -1 when not yet asked for
   std::unique_ptr<char[]> window;
+  long window_start = 0;
   int window_length = 0;
 };
 
