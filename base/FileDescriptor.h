@@ -11,7 +11,7 @@
 // after the guards of its function have done their work.
 class FileDescriptor {
  public:
-  explicit FileDescriptor(int descriptor = -1) : descriptor(descriptor) {}
+  explicit FileDescriptor(int opened = -1) : descriptor(opened) {}
   ~FileDescriptor() { reset(); }
   FileDescriptor(const FileDescriptor&) = delete;
   FileDescriptor& operator=(const FileDescriptor&) = delete;

@@ -6,6 +6,7 @@
 
 #include <sys/stat.h>
 
+#include <memory>
 #include <vector>
 
 #include "base/File.h"
@@ -211,6 +212,8 @@ class UNIXFileManager : public FileManager {
   // The directory `path` of a base directory. On failure the text is stored.
   bool OpenDirectory(Zeph_PathType type, const _UNIXContainedPathSettings& settings,
                      const char* path, ContainedDirectory* result);
+  // Stores the text of a PathWalkResult that is a failure, and answers false.
+  bool WalkError(Zeph_PathType type, int result);
 
   UNIXFilePath* script_path = nullptr;
   int script_directory = -1;
@@ -222,22 +225,33 @@ class UNIXFileManager : public FileManager {
  private:
   struct FinalName;
 
+  // Both store a text and answer false.
   bool SystemError();
   bool Fail(const char* text);
-  bool OutsideError(Zeph_PathType type);
-  bool WalkError(Zeph_PathType type, int result);
+
+  // A File on the descriptor, entered in the pool unless the mode forbids it.
+  File* Adopt(FileDescriptor& descriptor, int mode, const char* path);
+  File* Adopt(FileDescriptor& descriptor, int mode, Zeph_PathType type, const char* path);
+  bool CheckCopySource(int descriptor);
+  bool CopyBytes(int from, int to);
+  bool CheckPrefix(const char* prefix);
+  // A descriptor of a new file in the directory, or -1. *name receives its full name, which has
+  // the text `leading` in front.
+  int CreateTemporary(int directory, const char* leading, const char* prefix, int mode,
+                      std::unique_ptr<char[]>* name);
+
+  bool InitializeDirectory(const char* what, const char* user, const char* path, bool symlinks,
+                           bool other_owner, UNIXFilePath** text, int* descriptor);
+  // Whether the path is inside by its text. Moves *path behind the slashes that do not count.
   bool CheckContained(Zeph_PathType type, const _UNIXContainedPathSettings& settings,
                       const char** path);
-  bool InitializeDirectory(const char* what, const char* path, const char* user, bool symlinks,
-                           bool other_owner, UNIXFilePath** text, int* descriptor);
+  // The directory of a path's last element.
   bool Enter(Zeph_PathType type, UNIXFilePath& path, ContainedDirectory* directory);
-  bool TooLong(const char* path);
-  bool FollowFinalLink(Zeph_PathType type, FinalName* name, unsigned owner);
-  bool CopyBytes(int from, int to);
-  File* Adopt(int descriptor, int mode, bool contained, Zeph_PathType type, const char* path);
-  File* CreateTemporary(int directory, bool contained, Zeph_PathType type, const char* full,
-                        size_t prefix, char** name, int mode);
-  int RealizeOwned(const char* text, bool* same);
+  bool CheckLength(const char* path);
+  bool CheckOwner(int descriptor, unsigned user);
+  bool FollowFinalLink(Zeph_PathType type, FinalName* final, unsigned user);
+  static int WalkByWorkingDirectory(UNIXFileManager* manager, int base, const char* path,
+                                    int* result, bool symlinks, bool other_owner, bool confined);
 
   DirectoryWalk walk;
 };

@@ -1,0 +1,52 @@
+// The system calls of the file unit whose failures no file system can be made to produce at will.
+// They go through one table, in which a test replaces an entry before it acts.
+
+#ifndef ZEPH_BASE_SYSTEMS_UNIX_SYSTEMCALLS_H
+#define ZEPH_BASE_SYSTEMS_UNIX_SYSTEMCALLS_H
+
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+// Entries have the contracts of the calls they are named after. Written only by a test that has no
+// other thread running.
+struct SystemCalls {
+  ssize_t (*read)(int, void*, size_t) = ::read;
+  ssize_t (*write)(int, const void*, size_t) = ::write;
+  off_t (*lseek)(int, off_t, int) = ::lseek;
+  int (*openat)(int, const char*, int, ...) = ::openat;
+  int (*fstatat)(int, const char*, struct stat*, int) = ::fstatat;
+  int (*linkat)(int, const char*, int, const char*, int) = ::linkat;
+  int (*unlinkat)(int, const char*, int) = ::unlinkat;
+  int (*renameat)(int, const char*, int, const char*) = ::renameat;
+  int (*kill)(pid_t, int) = ::kill;
+};
+
+inline SystemCalls system_calls;
+
+// The result of a call, which is made again when a signal cut it short.
+template <class Call>
+auto Retry(Call call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR) result = call();
+  return result;
+}
+
+// Writes all of it. A write that stops short says nothing of the reason; trying the rest does, so
+// that errno has it when this answers false.
+inline bool WriteAll(int descriptor, const char* bytes, size_t length) {
+  while (length > 0) {
+    ssize_t count = Retry([=] { return system_calls.write(descriptor, bytes, length); });
+    if (count <= 0) return false;
+    bytes += count;
+    length -= static_cast<size_t>(count);
+  }
+  return true;
+}
+
+#endif

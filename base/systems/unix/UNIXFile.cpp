@@ -1,0 +1,461 @@
+// Open files, and the operations of the manager on names outside the base directories.
+// Tests: tests/base/systems/unix/UNIXFileTest.cpp
+
+#include "base/systems/unix/UNIXFile.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/time.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+#include "base/ZephApplication.h"
+#include "base/systems/unix/SystemCalls.h"
+
+namespace {
+
+// What would create or empty the file when it is opened again.
+constexpr int creating_flags = O_CREAT | O_TRUNC | O_EXCL;
+
+// Added to every open: a descriptor never reaches another program, a terminal never becomes ours.
+constexpr int quiet_flags = O_CLOEXEC | O_NOCTTY;
+
+constexpr long no_end = std::numeric_limits<long>::max();
+
+}  // namespace
+
+// --- The open file -------------------------------------------------------------------------------
+
+UNIXFile::UNIXFile(UNIXFileManager* manager, int opened, int open_flags, const char* path)
+    : File(manager, path), descriptor(opened), flags(open_flags & ~creating_flags) {}
+
+UNIXFile::UNIXFile(UNIXFileManager* manager, int opened, int open_flags, Zeph_PathType type,
+                   const char* path)
+    : File(manager, type, path), descriptor(opened), flags(open_flags & ~creating_flags) {}
+
+UNIXFile::~UNIXFile() {
+  UNIXFile::Release();
+  if (descriptor >= 0) close(descriptor);
+}
+
+bool UNIXFile::Reactivate() {
+  if (file_manager->ActivateFile(this)) return true;
+  Error(file_manager->error());
+  return false;
+}
+
+bool UNIXFile::SystemError() {
+  Error(file_manager->application()->lasterror());
+  return false;
+}
+
+bool UNIXFile::Status(struct stat* buffer) {
+  if (!Ready()) return false;
+  return fstat(descriptor, buffer) == 0 || SystemError();
+}
+
+bool UNIXFile::OwnerID(int* id) {
+  struct stat status;
+  if (!Status(&status)) return false;
+  *id = static_cast<int>(status.st_uid);
+  return true;
+}
+
+bool UNIXFile::GroupID(int* id) {
+  struct stat status;
+  if (!Status(&status)) return false;
+  *id = static_cast<int>(status.st_gid);
+  return true;
+}
+
+int UNIXFile::Read(char* buffer, int length) {
+  if (!Ready()) return -1;
+  ssize_t count = -1;
+  if (length < 0)
+    errno = EINVAL;
+  else
+    count =
+        Retry([&] { return system_calls.read(descriptor, buffer, static_cast<size_t>(length)); });
+  if (count < 0) SystemError();
+  return static_cast<int>(count);
+}
+
+int UNIXFile::Write(const char* bytes, int length) {
+  if (!Ready()) return -1;
+  ssize_t count = -1;
+  if (length < 0)
+    errno = EINVAL;
+  else
+    count =
+        Retry([&] { return system_calls.write(descriptor, bytes, static_cast<size_t>(length)); });
+  if (count < 0) SystemError();
+  return static_cast<int>(count);
+}
+
+int UNIXFile::Seek(long place) {
+  if (!Ready()) return -1;
+  off_t reached = system_calls.lseek(descriptor, place, SEEK_SET);
+  if (reached > INT_MAX) {
+    errno = EOVERFLOW;
+    reached = -1;
+  }
+  if (reached < 0) SystemError();
+  return static_cast<int>(reached);
+}
+
+int UNIXFile::Tell() {
+  if (!Ready()) return -1;
+  off_t place = system_calls.lseek(descriptor, 0, SEEK_CUR);
+  if (place > INT_MAX) {
+    errno = EOVERFLOW;
+    place = -1;
+  }
+  if (place < 0) SystemError();
+  return static_cast<int>(place);
+}
+
+long UNIXFile::Length() {
+  struct stat status;
+  if (!Status(&status)) return -1;
+  return S_ISFIFO(status.st_mode) ? 0 : static_cast<long>(status.st_size);
+}
+
+bool UNIXFile::IsDirectory(bool* result) {
+  struct stat status;
+  if (!Status(&status)) return false;
+  *result = S_ISDIR(status.st_mode);
+  return true;
+}
+
+// The lock belongs to the open file and not to the process, as a classic record lock would: threads
+// of one process have to exclude each other too. Waiting is a short poll, since the kernel's own
+// wait can't be left when the script is cancelled.
+bool UNIXFile::Lock(FileLockType type, long start, long length) {
+  if (!Ready()) return false;
+  struct flock range = {};
+  range.l_type = type == FileLock_Exclusive ? F_WRLCK : F_RDLCK;
+  range.l_whence = SEEK_SET;
+  range.l_start = start;
+  range.l_len = length;
+  timespec pause = {0, 50000};
+  constexpr long longest_pause = 10000000;
+  while (fcntl(descriptor, F_OFD_SETLK, &range) != 0) {
+    if (errno != EAGAIN && errno != EACCES && errno != EINTR) return SystemError();
+    if (file_manager->application()->cancelled()) {
+      Error("Timed out waiting for lock");
+      return false;
+    }
+    ppoll(nullptr, 0, &pause, nullptr);
+    pause.tv_nsec = std::min(pause.tv_nsec * 2, longest_pause);
+  }
+  NoteLocked(start, length, true);
+  return true;
+}
+
+bool UNIXFile::Release(long start, long length) {
+  if (!Ready()) return false;
+  struct flock range = {};
+  range.l_type = F_UNLCK;
+  range.l_whence = SEEK_SET;
+  range.l_start = start;
+  range.l_len = length;
+  if (Retry([&] { return fcntl(descriptor, F_OFD_SETLK, &range); }) != 0) return SystemError();
+  NoteLocked(start, length, false);
+  return true;
+}
+
+// Keeps the set of locked bytes as the kernel has it: the pool must know whether any is left, and
+// locks and releases need not come in pairs.
+void UNIXFile::NoteLocked(long start, long length, bool held) {
+  LockedRange range = {start, no_end};
+  if (length < 0) range = {start + length, start};
+  if (length > 0 && start <= no_end - length) range.end = start + length;
+  std::vector<LockedRange> kept;
+  for (const LockedRange& other : locked_ranges) {
+    if (other.end < range.start || other.start > range.end) {
+      kept.push_back(other);
+    } else if (held) {
+      range.start = std::min(range.start, other.start);
+      range.end = std::max(range.end, other.end);
+    } else {
+      if (other.start < range.start) kept.push_back({other.start, range.start});
+      if (other.end > range.end) kept.push_back({range.end, other.end});
+    }
+  }
+  if (held) kept.push_back(range);
+  locked_ranges.swap(kept);
+  holds_lock = !locked_ranges.empty();
+}
+
+char* UNIXFile::Map(long offset, long length) {
+  Release();
+  if (!Ready()) return nullptr;
+  if (length == -1) {
+    struct stat status;
+    if (!Status(&status)) return nullptr;
+    length = static_cast<long>(status.st_size);
+  }
+  if (length < 1) {
+    Error("Invalid argument");
+    return nullptr;
+  }
+  void* address =
+      mmap(nullptr, static_cast<size_t>(length), PROT_READ, MAP_SHARED, descriptor, offset);
+  if (address == MAP_FAILED) {
+    SystemError();
+    return nullptr;
+  }
+  map_address = address;
+  map_length = static_cast<size_t>(length);
+  return static_cast<char*>(map_address);
+}
+
+void UNIXFile::Release() {
+  if (map_address == nullptr) return;
+  munmap(map_address, map_length);
+  map_address = nullptr;
+  map_length = 0;
+}
+
+bool UNIXFile::Activate(String& text) {
+  UNIXFileManager* files = static_cast<UNIXFileManager*>(file_manager);
+  FileDescriptor opened;
+  if (contained()) {
+    opened.reset(files->OpenContained(type(), path(), flags));
+    if (!opened.is_open()) text = files->error();
+  } else {
+    opened.reset(system_calls.openat(AT_FDCWD, path(), flags | quiet_flags));
+    if (!opened.is_open()) text = files->application()->lasterror();
+  }
+  if (!opened.is_open()) return false;
+  if (position != 0 && system_calls.lseek(opened.get(), position, SEEK_SET) != position) {
+    text = "Unable to restore file position during activation";
+    return false;
+  }
+  descriptor = opened.release();
+  return true;
+}
+
+void UNIXFile::Deactivate() {
+  if (descriptor < 0) return;
+  // A pipe has no position; it goes on as it is.
+  position = std::max<long>(system_calls.lseek(descriptor, 0, SEEK_CUR), 0);
+  close(descriptor);
+  descriptor = -1;
+  locked_ranges.clear();
+  holds_lock = false;
+}
+
+// --- The manager's life, and names as given ------------------------------------------------------
+
+UNIXFileManager::~UNIXFileManager() {
+  for (int descriptor : {script_directory, data_directory, temp_directory})
+    if (descriptor >= 0) close(descriptor);
+  delete script_path;
+  delete data_path;
+  delete temp_path;
+}
+
+bool UNIXFileManager::SystemError() {
+  Error(owner->lasterror());
+  return false;
+}
+
+bool UNIXFileManager::Fail(const char* text) {
+  error_text.assign(text, -1);
+  return false;
+}
+
+char UNIXFileManager::pathseparator() {
+  return '/';
+}
+
+int UNIXFileManager::OpenMode(int mode) {
+  int flags = O_RDONLY;
+  if (mode & FileMode_Write) flags = mode & FileMode_Read ? O_RDWR : O_WRONLY;
+  if (mode & FileMode_Create) flags |= O_CREAT;
+  if (mode & FileMode_Truncate) flags |= O_TRUNC;
+  if (mode & FileMode_Append) flags |= O_APPEND;
+  if (mode & FileMode_Exclusive) flags |= O_EXCL;
+  return flags;
+}
+
+File* UNIXFileManager::Adopt(FileDescriptor& descriptor, int mode, const char* path) {
+  auto file = std::make_unique<UNIXFile>(this, descriptor.get(), OpenMode(mode), path);
+  (void)descriptor.release();
+  if (!(mode & FileMode_Unpooled)) FileOpened(file.get());
+  return file.release();
+}
+
+File* UNIXFileManager::Adopt(FileDescriptor& descriptor, int mode, Zeph_PathType type,
+                             const char* path) {
+  auto file = std::make_unique<UNIXFile>(this, descriptor.get(), OpenMode(mode), type, path);
+  (void)descriptor.release();
+  if (!(mode & FileMode_Unpooled)) FileOpened(file.get());
+  return file.release();
+}
+
+File* UNIXFileManager::Open(const char* path, int mode) {
+  if (!FreeFileSpace(1)) return nullptr;
+  FileDescriptor opened(system_calls.openat(AT_FDCWD, path, OpenMode(mode) | quiet_flags, 0666));
+  if (!opened.is_open()) {
+    SystemError();
+    return nullptr;
+  }
+  return Adopt(opened, mode, path);
+}
+
+int UNIXFileManager::Lock(const char* path) {
+  return LockAt(AT_FDCWD, path);
+}
+
+bool UNIXFileManager::Delete(const char* path) {
+  return unlink(path) == 0 || SystemError();
+}
+
+bool UNIXFileManager::Copy(const char* from, const char* to) {
+  if (!FreeFileSpace(2)) return false;
+  FileDescriptor source(system_calls.openat(AT_FDCWD, from, O_RDONLY | quiet_flags));
+  if (!source.is_open()) return SystemError();
+  if (!CheckCopySource(source.get())) return false;
+  FileDescriptor target(
+      system_calls.openat(AT_FDCWD, to, O_WRONLY | O_CREAT | O_TRUNC | quiet_flags, 0666));
+  if (!target.is_open()) return SystemError();
+  return CopyBytes(source.get(), target.get());
+}
+
+bool UNIXFileManager::CheckCopySource(int descriptor) {
+  struct stat status;
+  if (fstat(descriptor, &status) != 0) return SystemError();
+  return !S_ISDIR(status.st_mode) || Fail("The source file is a directory");
+}
+
+bool UNIXFileManager::CopyBytes(int from, int to) {
+  char buffer[8192];
+  for (;;) {
+    ssize_t count = Retry([&] { return system_calls.read(from, buffer, sizeof(buffer)); });
+    if (count == 0) return true;
+    if (count < 0) return SystemError();
+    if (!WriteAll(to, buffer, static_cast<size_t>(count))) return SystemError();
+  }
+}
+
+bool UNIXFileManager::Rename(const char* from, const char* to) {
+  return system_calls.renameat(AT_FDCWD, from, AT_FDCWD, to) == 0 || SystemError();
+}
+
+bool UNIXFileManager::TouchFile(const char* path) {
+  if (utime(path, nullptr) == 0) return true;
+  if (errno != ENOENT) return SystemError();
+  if (!FreeFileSpace(1)) return false;
+  FileDescriptor created(
+      system_calls.openat(AT_FDCWD, path, O_WRONLY | O_CREAT | quiet_flags, 0644));
+  return created.is_open() || SystemError();
+}
+
+// Here only EEXIST would mean that there is no file, which stat never says: callers take a missing
+// file for a failure.
+bool UNIXFileManager::Exists(const char* path, bool* exists) {
+  struct stat status;
+  if (stat(path, &status) == 0) {
+    *exists = true;
+    return true;
+  }
+  if (errno != EEXIST) return SystemError();
+  *exists = false;
+  return true;
+}
+
+bool UNIXFileManager::Length(const char* path, long* length) {
+  struct stat status;
+  if (stat(path, &status) != 0) return SystemError();
+  *length = S_ISFIFO(status.st_mode) ? 0 : static_cast<long>(status.st_size);
+  return true;
+}
+
+bool UNIXFileManager::IsDirectory(const char* path, bool* result) {
+  struct stat status;
+  if (stat(path, &status) != 0) return SystemError();
+  *result = S_ISDIR(status.st_mode);
+  return true;
+}
+
+bool UNIXFileManager::ModifiedTime(const char* path, long* time) {
+  struct stat status;
+  if (stat(path, &status) != 0) return SystemError();
+  *time = static_cast<long>(status.st_mtime);
+  return true;
+}
+
+bool UNIXFileManager::MakeDirectory(const char* path) {
+  return mkdir(path, 0777) == 0 || SystemError();
+}
+
+bool UNIXFileManager::RemoveDirectory(const char* path) {
+  return rmdir(path) == 0 || SystemError();
+}
+
+bool UNIXFileManager::MakeSymbolicLink(const char* from, const char* to) {
+  return symlink(from, to) == 0 || SystemError();
+}
+
+bool UNIXFileManager::Mode(const char* path, int* mode) {
+  struct stat status;
+  if (stat(path, &status) != 0) return SystemError();
+  *mode = static_cast<int>(status.st_mode);
+  return true;
+}
+
+bool UNIXFileManager::ChangeMode(const char* path, int mode) {
+  return chmod(path, static_cast<mode_t>(mode)) == 0 || SystemError();
+}
+
+File* UNIXFileManager::MakeTemporary(const char* prefix, char** name, int mode) {
+  if (!CheckPrefix(prefix) || !FreeFileSpace(1)) return nullptr;
+  std::unique_ptr<char[]> chosen;
+  FileDescriptor created(CreateTemporary(AT_FDCWD, "", prefix, mode, &chosen));
+  if (!created.is_open()) return nullptr;
+  File* file = Adopt(created, mode, chosen.get());
+  *name = chosen.release();
+  return file;
+}
+
+bool UNIXFileManager::CheckPrefix(const char* prefix) {
+  return strchr(prefix, '/') == nullptr || Fail("Invalid temporary filename prefix");
+}
+
+int UNIXFileManager::CreateTemporary(int directory, const char* leading, const char* prefix,
+                                     int mode, std::unique_ptr<char[]>* name) {
+  size_t lead = strlen(leading);
+  if (lead == 1 && *leading == '.') lead = 0;
+  bool slash = lead > 0 && leading[lead - 1] != '/';
+  size_t start = lead + (slash ? 1 : 0);
+  size_t size = start + strlen(prefix) + 10;  // ".%x" of 31 bits, and the NUL
+  std::unique_ptr<char[]> full(new char[size]);
+  memcpy(full.get(), leading, lead);
+  if (slash) full[lead] = '/';
+  int flags = OpenMode(mode | FileMode_Create | FileMode_Exclusive) | quiet_flags;
+  for (unsigned n = 0; n < 0x7FFFFFFE; n++) {
+    snprintf(full.get() + start, size - start, "%s.%x", prefix, n);
+    int descriptor = system_calls.openat(directory, full.get() + start, flags, 0666);
+    if (descriptor >= 0) {
+      *name = std::move(full);
+      return descriptor;
+    }
+    if (errno != EEXIST) {
+      SystemError();
+      return -1;
+    }
+  }
+  Fail("Unable to generate unique temporary filename");
+  return -1;
+}

@@ -1,0 +1,213 @@
+// The walk on descriptors.
+// Tests: tests/base/systems/unix/UNIXReentrantFileTest.cpp
+
+#include "base/systems/unix/UNIXReentrantFile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <optional>
+#include <vector>
+
+#include "base/systems/unix/SystemCalls.h"
+#include "base/systems/unix/UNIXPathWalk.h"
+
+namespace {
+
+// Tells, for a path with "..", whether the walk still is where the text says. A ".." leads to
+// wherever a directory's parent is now: out of the base, if the directory was moved since the walk
+// went into it, or if the base itself has another parent than its configured text says.
+class Trail {
+ public:
+  explicit Trail(int base) { levels.push_back(IdentityOf(base)); }
+
+  // The walk went from the last directory into this one, by this element.
+  bool Follow(const char* element, int descriptor) {
+    if (strcmp(element, ".") == 0) return true;
+    Identity here = IdentityOf(descriptor);
+    if (*element == '/') {
+      levels.assign(1, here);
+      above = 0;
+      return true;
+    }
+    if (strcmp(element, "..") == 0) {
+      if (above == 0 && levels.size() > 1) {
+        levels.pop_back();
+        return here == levels.back();
+      }
+      // The root is its own parent.
+      if (here != (above == 0 ? levels.front() : outside)) above++;
+      outside = here;
+      return true;
+    }
+    if (above > 0) {
+      outside = here;
+      return --above > 0 || here == levels.front();
+    }
+    levels.push_back(here);
+    return true;
+  }
+
+  bool ended_inside() const { return above == 0; }
+
+ private:
+  struct Identity {
+    dev_t device = 0;
+    ino_t inode = 0;
+    bool operator==(const Identity&) const = default;
+  };
+
+  static Identity IdentityOf(int descriptor) {
+    struct stat status;
+    if (fstat(descriptor, &status) != 0) return {};
+    return {status.st_dev, status.st_ino};
+  }
+
+  std::vector<Identity> levels;  // from the base, or the root, to the directory in hand
+  int above = 0;                 // levels above the base
+  Identity outside;              // the directory in hand while above it
+};
+
+// One walk from a base to a directory, element by element, so that no link is followed unseen.
+class Walker {
+ public:
+  Walker(int from, bool follow, bool follow_other_owner)
+      : base(from), current(from), symlinks(follow), other_owner(follow_other_owner) {}
+
+  // Answers a PathWalkResult. *result receives the descriptor, the caller's.
+  int Walk(const char* path, bool confined, int* result) {
+    size_t length = strlen(path);
+    if (length >= sizeof(text)) return PathWalk_NotFound;
+    memcpy(text, path, length + 1);
+    rest = text;
+    if (confined && strstr(path, "..") != nullptr) trail.emplace(base);
+    do {
+      const char* element = NextElement();
+      int next = OpenElement(element);
+      if (next > 0) {
+        opened.reset(next);
+        current = next;
+        if (trail && !trail->Follow(element, next)) return PathWalk_Outside;
+        continue;
+      }
+      if (errno != ELOOP) return PathWalk_NotFound;
+      if (!symlinks) return PathWalk_Symlink;
+      int answer = FollowLink(element);
+      if (answer != PathWalk_Done) return answer;
+    } while (*rest != 0);
+    if (trail && !trail->ended_inside()) return PathWalk_Outside;
+    *result = opened.release();
+    return PathWalk_Done;
+  }
+
+ private:
+  // Cuts the next element off. `rest` then starts with the one behind it, or is empty.
+  const char* NextElement() {
+    char* element = rest;
+    if (*rest == '/') {
+      while (*rest == '/') rest++;
+      return "/";
+    }
+    rest += strcspn(rest, "/");
+    while (*rest == '/') *rest++ = 0;
+    return element;
+  }
+
+  // A positive descriptor, or not, with errno. Descriptor 0 belongs to the web server's socket, and
+  // counts as a failure.
+  int OpenElement(const char* element) {
+    int next = system_calls.openat(current, element, walk_flags);
+    if (next == 0) {
+      close(next);
+      errno = EBADF;
+    }
+    return next;
+  }
+
+  // Puts the text of a link in front of the rest.
+  int FollowLink(const char* link) {
+    struct stat from;
+    struct stat target;
+    char buffer[link_text_size];
+    if (system_calls.fstatat(current, link, &from, AT_SYMLINK_NOFOLLOW) != 0 ||
+        !ReadLinkText(current, link, buffer) ||
+        system_calls.fstatat(current, buffer, &target, AT_SYMLINK_NOFOLLOW) != 0)
+      return PathWalk_NotFound;
+    if (!seen) seen.emplace();
+    if (!seen->Add(target)) return PathWalk_NotFound;
+    if (!other_owner && from.st_uid != target.st_uid) return PathWalk_OtherOwner;
+
+    size_t length = strlen(buffer);
+    size_t behind = strlen(rest);
+    while (behind > 0 && rest[behind - 1] == '/') behind--;
+    if (behind > 0) {
+      if (length + 1 + behind >= sizeof(buffer)) return PathWalk_NotFound;
+      buffer[length++] = '/';
+      memcpy(buffer + length, rest, behind);
+      length += behind;
+    }
+    memcpy(text, buffer, length);
+    text[length] = 0;
+    rest = text;
+    // Links are the administrator's permission to leave the base.
+    trail.reset();
+    return PathWalk_Done;
+  }
+
+  int base;
+  int current;  // `opened`, or the base
+  FileDescriptor opened;
+  bool symlinks;
+  bool other_owner;
+  std::optional<SeenTargets> seen;
+  std::optional<Trail> trail;
+  char* rest = nullptr;
+  char text[PATH_MAX];
+};
+
+// A PathWalkResult.
+int WalkByDescriptor(UNIXFileManager* manager, int base, const char* path, int* result,
+                     bool symlinks, bool other_owner, bool confined) {
+  if (!manager->FreeFileSpace(1)) return PathWalk_NotFound;
+  if (symlinks && other_owner) {
+    int descriptor = system_calls.openat(base, path, walk_flags & ~O_NOFOLLOW);
+    if (descriptor < 0) return PathWalk_NotFound;
+    *result = descriptor;
+    return PathWalk_Done;
+  }
+  return Walker(base, symlinks, other_owner).Walk(path, confined, result);
+}
+
+}  // namespace
+
+UNIXReentrantFileManager::UNIXReentrantFileManager(ZephApplication* application)
+    : UNIXFileManager(application, WalkByDescriptor) {}
+
+UNIXReentrantFileManager::UNIXReentrantFileManager(ZephApplication* application,
+                                                   UNIXReentrantFileManager& other)
+    : UNIXFileManager(application, other, WalkByDescriptor) {}
+
+int UNIXReentrantFileManager::OpenPath(int base, const char* path, int* result, bool symlinks,
+                                       bool other_owner) {
+  return WalkByDescriptor(this, base, path, result, symlinks, other_owner, false);
+}
+
+bool UNIXReentrantFileManager::OpenContainedPath(Zeph_PathType type, const char* path,
+                                                 int* result) {
+  _UNIXContainedPathSettings settings;
+  return ContainedPathSettings(type, &settings) && OpenContainedPath(type, &settings, path, result);
+}
+
+bool UNIXReentrantFileManager::OpenContainedPath(Zeph_PathType type,
+                                                 _UNIXContainedPathSettings* settings,
+                                                 const char* path, int* result) {
+  ContainedDirectory directory;
+  if (!OpenDirectory(type, *settings, path, &directory)) return false;
+  int descriptor = directory.Release();
+  if (descriptor < 0) return WalkError(type, PathWalk_NotFound);
+  *result = descriptor;
+  return true;
+}
