@@ -7,7 +7,9 @@
 namespace {
 
 // The white space of the "C" locale; bytes are unsigned.
-inline bool IsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+inline bool IsSpace(char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
 
 }  // namespace
 
@@ -35,11 +37,17 @@ int Output::Write_Compressed(const char* text, int length) {
   return Write(text, length);
 }
 
-int Output::Flush(int) { return 0; }
+int Output::Flush(int) {
+  return 0;
+}
 
-int Output::flags() { return output_flags; }
+int Output::flags() {
+  return output_flags;
+}
 
-void Output::SetFlags(int flags) { output_flags = flags; }
+void Output::SetFlags(int flags) {
+  output_flags = flags;
+}
 
 int Output::Write_Compressed_Fast(const char* text, int length) {
   if (length == -1) length = static_cast<int>(strlen(text));

@@ -111,7 +111,8 @@ class ZephApplication {
   // The program's name without its folder; the machine's host name.
   virtual const char* basename() = 0;
   virtual const char* hostname() = 0;
-  // Local time as mail headers write it, "Sat, 21 Nov 2026 10:00:00 +0100"; whole hours of the zone.
+  // Local time as mail headers write it, "Sat, 21 Nov 2026 10:00:00 +0100"; whole hours of the
+  // zone.
   virtual String currentdate() = 0;
   // The system's text for errno, "Unknown error" where it has none. Call it before any clean-up
   // that may change errno.
@@ -124,8 +125,7 @@ class ZephApplication {
 
   // crypt(3) of at most 8 bytes of the key under a salt of two characters. The result is
   // NUL-terminated, made with new[] and owned by the caller; *length receives 13, *size 14.
-  virtual char* Crypt(const char* key, int keylength, const char* salt, int* length,
-                      int* size) = 0;
+  virtual char* Crypt(const char* key, int keylength, const char* salt, int* length, int* size) = 0;
   // 32 hexadecimal digits that nobody can guess; NUL-terminated, made with new[], the caller's.
   virtual char* MakeSessionID(int* length) = 0;
 

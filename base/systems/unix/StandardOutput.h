@@ -1,0 +1,23 @@
+// The output of a command-line run: descriptor 1.
+
+#ifndef ZEPH_BASE_SYSTEMS_UNIX_STANDARDOUTPUT_H
+#define ZEPH_BASE_SYSTEMS_UNIX_STANDARDOUTPUT_H
+
+#include "base/BufferedOutput.h"
+
+class StandardOutput : public BufferedOutput {
+ public:
+  // With buffered 0 every write is flushed at once. The buffer size is in bytes.
+  StandardOutput(int buffered, int buffersize);
+  // Flushes what is left.
+  ~StandardOutput() override;
+
+  int Write(const char* text, int length) override;
+  // Answers the bytes written, -1 when nothing could be written.
+  int DoWrite(const char* text, int length) override;
+
+ private:
+  int buffered;
+};
+
+#endif
