@@ -73,6 +73,8 @@ class AggregateElement {
   virtual Variable* var() { return variable; }
   // Takes a count on the new variable, then releases the old one.
   virtual void SetVariable(Variable* replacement);
+  // Gives the element another position. The caller keeps the order of the tree.
+  void Renumber(int position);
 
  private:
   friend class AggregateElementTree;
@@ -88,13 +90,19 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   // Copies the elements, each with a deep copy of its value.
   AggregateElementTree(const AggregateElementTree& source);
 
+  // Inserts a new element for a key that is not there, with a new variable or sharing a given one,
+  // and answers it.
+  AggregateElement* InsertNew(const AggregateIndex& index);
+  AggregateElement* InsertNew(const AggregateIndex& index, Variable* variable);
+
   // Adds delta to all positions from the given one on. The order stays, so nothing is rebalanced; a
   // negative delta larger than the gap lets keys meet.
   virtual void Displace(int from, int delta);
   virtual void DisplaceRecurse(int delta, SplayTreeNode<AggregateElement>* node);
   virtual void DisplaceStack(int delta, SplayTreeNode<AggregateElement>* node);
 
-  // Appends all elements in the order of their keys, as they stand in the tree.
+  // Appends all elements in the order of their keys. Walks of a whole tree go through this, never
+  // through Next: they change nothing, and meet every element.
   void Listing(std::vector<AggregateElement*>* elements) const;
   // Appends them in the order in which a copy inserts them, which decides the shape of its tree.
   void ListingForCopy(std::vector<AggregateElement*>* elements) const;
@@ -102,6 +110,11 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
  protected:
   const AggregateIndex& Key(AggregateElement* element) override;
   int Compare(const AggregateIndex& key, AggregateElement* element) override;
+
+ private:
+  friend class Variable;
+
+  AggregateElementTree* next_deleted = nullptr;  // the chain of trees that wait for their deletion
 };
 
 #endif

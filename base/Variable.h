@@ -155,7 +155,8 @@ class Variable {
   virtual void Convert_String();
   virtual void Convert_Integer();
   virtual void Convert_Double();
-  // Makes the object an empty aggregate of that kind, unless it has the kind already.
+  // Makes the object an empty aggregate of that kind, unless it has the kind already. A reference
+  // stays as it is.
   virtual void Convert_Aggregate(AggregateType kind);
   // Appends the text form, elements separated by commas in the order of their keys. A variable
   // that contains itself is met as empty within itself.
@@ -207,12 +208,14 @@ class Variable {
   bool IgnoresWrites() const { return standing != Own && !reference; }
   void DropElements();
   void CopyForms(Variable& source);
-  int CopyScalar(Variable& source);
+  void CopyScalar(Variable& source);
+  void CopyComputed(Variable& source);
   void ReferTo(Variable* target);
   void Rebind(Variable* target);
-  void PlaceElements(Variable* source, int start, int end, int delta, bool copy);
+  void PlaceRange(Variable* source, int start, int end, int delta, bool copy);
   void PlaceElement(AggregateElement* element, int delta, bool copy);
   void NoteEdge(Variable* target);
+  void ForgetSuspect();
   static AggregateElementTree* CopyElementTree(Variable* source);
   static void DeleteTree(AggregateElementTree* tree);
 };

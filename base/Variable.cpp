@@ -1,0 +1,718 @@
+// The value itself: reading, writing, references and counts. The operations on elements are in
+// VariableElements.cpp, the search for values that only hold themselves in VariableCycles.cpp.
+// Tested in tests/base/VariableTest.cpp.
+
+#include "base/Variable.h"
+
+#include <memory>
+#include <vector>
+
+#include "base/Aggregate.h"
+#include "base/VariableRef.h"
+#include "base/VariableWalk.h"
+#include "base/ZephApplication.h"
+
+// --- Construction and deletion -------------------------------------------------------------------
+
+Variable::Variable() = default;
+
+Variable::Variable(const char* name, int length) : name_(name, length) {}
+
+Variable::Variable(const char* name, int length, const char* value, int valuelength)
+    : name_(name, length),
+      string_value(value, valuelength),
+      valid_forms(TextForm),
+      primary(PrimaryText) {}
+
+Variable::Variable(const String& name, const String& value)
+    : name_(name), string_value(value), valid_forms(TextForm), primary(PrimaryText) {}
+
+Variable::Variable(const char* name, int length, char* buffer, int valuelength, int allocated)
+    : string_value(buffer, valuelength, allocated), valid_forms(TextForm), primary(PrimaryText) {
+  name_.assign(name, length);
+}
+
+Variable::Variable(const char* name, int length, int value)
+    : name_(name, length),
+      integer_value(value),
+      double_value(value),
+      valid_forms(IntegerForm),
+      primary(PrimaryInteger) {}
+
+Variable::Variable(const char* name, int length, double value)
+    : name_(name, length),
+      integer_value(DoubleToInteger(value)),
+      double_value(value),
+      valid_forms(IntegerForm | DoubleForm),
+      primary(PrimaryDouble) {}
+
+Variable::Variable(const Variable& source) {
+  SetName(source.name_);
+  // Reading a value fills its caches, so the source is not const in truth.
+  Variable::SetValue(const_cast<Variable&>(source));
+}
+
+Variable::~Variable() {
+  if (elements) DeleteTree(elements);
+  if (suspect) ForgetSuspect();
+}
+
+namespace {
+// The trees that wait while one is being deleted on this thread; null when none is.
+struct TreeDeletion {
+  AggregateElementTree* waiting = nullptr;
+};
+thread_local TreeDeletion* tree_deletion = nullptr;
+}  // namespace
+
+// Elements have elements, and deleting a variable within a tree comes back here: then the inner
+// tree waits for its turn, so that no nesting is too deep for the native stack.
+void Variable::DeleteTree(AggregateElementTree* tree) {
+  if (tree_deletion) {
+    tree->next_deleted = tree_deletion->waiting;
+    tree_deletion->waiting = tree;
+    return;
+  }
+  TreeDeletion deletion;
+  tree_deletion = &deletion;
+  while (tree) {
+    delete tree;
+    tree = deletion.waiting;
+    if (tree) deletion.waiting = tree->next_deleted;
+  }
+  tree_deletion = nullptr;
+}
+
+void Variable::DropElements() {
+  AggregateElementTree* tree = elements;
+  elements = nullptr;
+  aggregate = AggregateNone;
+  if (tree) DeleteTree(tree);
+}
+
+Variable* Variable::Clone(ZephApplication* application) {
+  if (reference) return Final()->Clone(application);
+  if (standing == Gone) return new NULLVariable();
+  return new Variable(*this);
+}
+
+// --- Identity and counts -------------------------------------------------------------------------
+
+String& Variable::name() {
+  return name_;
+}
+
+void Variable::SetName(const String& name) {
+  if (name.data) name_ = name;
+}
+
+Variable* Variable::NextIdentity() {
+  return standing == Reference ? reference : this;
+}
+
+// In a loop: scripts can chain references without bound. A chain has an end, since no reference is
+// ever made to what refers to it.
+Variable* Variable::Final() {
+  Variable* end = this;
+  while (end->reference) end = end->reference;
+  return end;
+}
+
+Variable* Variable::RealIdentity() {
+  return Final();
+}
+
+int Variable::type() {
+  if (standing == Own) return VariableStored;
+  return standing == Reference ? VariableReference : VariableNULL;
+}
+
+int Variable::TypeReferredTo() {
+  return reference ? reference->type() : type();
+}
+
+int Variable::refcount() {
+  return refcount_;
+}
+
+void Variable::IncRefCount() {
+  for (Variable* holder = this; holder; holder = holder->reference) ++holder->refcount_;
+}
+
+void Variable::DecRefCount() {
+  Variable* holder = this;
+  while (holder) {
+    // The target stands while its turn is to come: it has the count of this holder.
+    Variable* target = holder->reference;
+    if (--holder->refcount_ == 0) delete holder;
+    holder = target;
+  }
+}
+
+// --- References ----------------------------------------------------------------------------------
+
+void Variable::Make_Reference(Variable* target) {
+  if (!target || target == this || standing == Gone) return;
+  if (standing == Reference) {
+    Rebind(target);
+  } else if (target->RealIdentity() != this) {
+    ReferTo(target);
+  }
+}
+
+// The object keeps its class and its place in memory, since others hold its address; only its
+// standing says from here on that the value is elsewhere. A reference has as many counts on its
+// target as there are on itself.
+void Variable::ReferTo(Variable* target) {
+  const VariableRef target_pin = VariableRef::Share(target);
+  // An element may refer to this object and have one of its counts.
+  const VariableRef pin = VariableRef::Share(this);
+  string_value.destroy();
+  error_.destroy();
+  valid_forms = 0;
+  primary = PrimaryNone;
+  integer_value = 0;
+  double_value = 0.0;
+  DropElements();
+  for (int i = 0; i < refcount_; i++) target->IncRefCount();
+  standing = Reference;
+  reference = target;
+  NoteEdge(target);
+}
+
+void Variable::Rebind(Variable* target) {
+  if (target == reference || target->RealIdentity() == Final()) return;
+  const VariableRef pin = VariableRef::Share(this);
+  const int counts = refcount_;
+  for (int i = 0; i < counts; i++) target->IncRefCount();
+  Variable* old = reference;
+  reference = target;
+  // The last of these may delete the old target and, with it, take a count off this object.
+  for (int i = 0; old && i < counts; i++) old->DecRefCount();
+  NoteEdge(target);
+}
+
+void Variable::Make_NULL() {
+  const VariableRef pin = VariableRef::Share(this);
+  const int counts = refcount_;
+  Variable* old = reference;
+  reference = nullptr;
+  standing = Gone;
+  valid_forms = 0;
+  primary = PrimaryNone;
+  integer_value = 0;
+  double_value = 0.0;
+  name_.destroy();
+  string_value.destroy();
+  error_.destroy();
+  DropElements();
+  for (int i = 0; old && i < counts; i++) old->DecRefCount();
+}
+
+// --- Reading -------------------------------------------------------------------------------------
+
+String& Variable::value() {
+  if (redirected()) {
+    if (reference) return Final()->value();
+    if (standing == Gone) return string_value;
+  }
+  if (elements) {
+    string_value.assign("", 0);
+    Serialize(string_value);
+  } else if (!(valid_forms & TextForm)) {
+    Convert_String();
+  }
+  return string_value;
+}
+
+int Variable::value_integer() {
+  if (redirected()) return reference ? Final()->value_integer() : 0;
+  if (elements) return 0;
+  if (!(valid_forms & IntegerForm)) Convert_Integer();
+  return integer_value;
+}
+
+double Variable::value_double() {
+  if (redirected()) return reference ? Final()->value_double() : 0.0;
+  if (elements) return 0.0;
+  if (!(valid_forms & DoubleForm)) Convert_Double();
+  return double_value;
+}
+
+// Text is read as a number each time, cached double or not: only the reading tells whether it is
+// one.
+double Variable::value_compare(int* not_numeric) {
+  if (reference) return Final()->value_compare(not_numeric);
+  *not_numeric = 0;
+  if (redirected()) return 0.0;
+  if (elements) {
+    *not_numeric = 1;
+    return 0.0;
+  }
+  if (valid_forms & TextForm) {
+    double_value = ZephApplication::stod(string_value.data, string_value.length,
+                                         string_value.allocated, not_numeric);
+    if (!*not_numeric) valid_forms |= DoubleForm;
+    return double_value;
+  }
+  if (valid_forms & DoubleForm) return double_value;
+  if (valid_forms & IntegerForm) {
+    double_value = integer_value;
+    valid_forms |= DoubleForm;
+    return double_value;
+  }
+  return 0.0;
+}
+
+int Variable::primary_type() {
+  return reference ? Final()->primary_type() : primary;
+}
+
+int Variable::preferred_type() {
+  return reference ? Final()->preferred_type() : PrimaryText;
+}
+
+int Variable::IsTrue() {
+  if (redirected()) return reference ? Final()->IsTrue() : 0;
+  if (valid_forms & TextForm) return IsTrue(string_value.data, string_value.length);
+  if (valid_forms & DoubleForm) return double_value != 0.0;
+  if (valid_forms & IntegerForm) return integer_value != 0;
+  const String& text = value();
+  return IsTrue(text.data, text.length);
+}
+
+int Variable::IsTrue(const char* text, int length) {
+  bool point = false;
+  for (int i = 0; i < length; i++) {
+    if (text[i] == '0') continue;
+    if (text[i] != '.' || point) return 1;
+    point = true;
+  }
+  return 0;
+}
+
+int Variable::IsNULL() {
+  if (redirected()) return reference ? Final()->IsNULL() : 1;
+  if (elements) return 0;
+  if (valid_forms & TextForm) return string_value.length == 0;
+  return (valid_forms & (IntegerForm | DoubleForm)) == 0;
+}
+
+AggregateElementTree* Variable::aggregateelements() {
+  return reference ? Final()->aggregateelements() : elements;
+}
+
+AggregateType Variable::aggregatetype() {
+  return reference ? Final()->aggregatetype() : aggregate;
+}
+
+String& Variable::error() {
+  return reference ? Final()->error() : error_;
+}
+
+// A double goes before an integer, since an integer beside it is only its truncation.
+void Variable::Convert_String() {
+  if (elements) {
+    string_value.assign("", 0);
+    Serialize(string_value);
+    return;
+  }
+  int length;
+  int size;
+  if (valid_forms & DoubleForm) {
+    char* text = ZephApplication::dtos(double_value, &length, &size, -1);
+    string_value.assign_nocopy(text, length, size);
+  } else if (valid_forms & IntegerForm) {
+    char* text = ZephApplication::itos(integer_value, &length, &size);
+    string_value.assign_nocopy(text, length, size);
+  } else {
+    string_value.assign("", 0);
+  }
+  valid_forms |= TextForm;
+}
+
+void Variable::Convert_Integer() {
+  integer_value = 0;
+  if (elements) return;
+  if (valid_forms & DoubleForm) {
+    integer_value = DoubleToInteger(double_value);
+  } else if (valid_forms & TextForm) {
+    int error = 0;
+    integer_value = ZephApplication::stoi(string_value.data, string_value.length, &error);
+    if (error) {
+      Convert_Double();
+      integer_value = DoubleToInteger(double_value);
+    }
+  }
+  valid_forms |= IntegerForm;
+}
+
+// Text goes before an integer here, other than in Convert_Integer.
+void Variable::Convert_Double() {
+  double_value = 0.0;
+  if (elements) return;
+  if (valid_forms & TextForm) {
+    double_value = ZephApplication::stod(string_value.data, string_value.length,
+                                         string_value.allocated, nullptr);
+  } else if (valid_forms & IntegerForm) {
+    double_value = integer_value;
+  }
+  valid_forms |= DoubleForm;
+}
+
+namespace {
+void AppendItem(String& out, const String& text) {
+  if (out.length > 0) out.cat(',');
+  if (text.data) out.cat(text.data, text.length);
+}
+}  // namespace
+
+// What stands in a list shows as the list's own elements. What is only referred to shows as one
+// text, the referred variable's own: it is flattened into that variable's string_value first.
+void Variable::Serialize(String& out) {
+  if (!elements) {
+    AppendItem(out, value());
+    return;
+  }
+  VariableWalk walk(this);
+  std::vector<String*> outs(1, &out);
+  for (auto step = walk.Next(); step != VariableWalk::End; step = walk.Next()) {
+    Variable* identity = walk.identity();
+    if (step == VariableWalk::Scalar) AppendItem(*outs.back(), identity->value());
+    if (walk.variable() == identity) continue;
+    if (step == VariableWalk::Enter) {
+      identity->string_value.assign("", 0);
+      outs.push_back(&identity->string_value);
+    } else if (step == VariableWalk::Leave) {
+      outs.pop_back();
+      AppendItem(*outs.back(), identity->string_value);
+    } else if (step == VariableWalk::Repeated) {
+      AppendItem(*outs.back(), String());
+    }
+  }
+}
+
+// --- Writing -------------------------------------------------------------------------------------
+
+void Variable::SetNULL() {
+  if (redirected()) {
+    if (reference) Final()->SetNULL();
+    return;
+  }
+  if (valid_forms & TextForm) string_value.assign("", 0);
+  valid_forms = 0;
+  primary = PrimaryNone;
+  if (elements) DropElements();
+}
+
+// In all stores the elements go last: the text may stand in one of them, and one of them may have
+// the last count of this object.
+
+int Variable::SetValue(const char* text, int length) {
+  if (redirected()) return reference ? Final()->SetValue(text, length) : 1;
+  string_value.assign(text, length);
+  valid_forms = TextForm;
+  primary = PrimaryText;
+  if (elements) DropElements();
+  return 1;
+}
+
+int Variable::SetValue_Nocopy(char* buffer, int length, int allocated) {
+  if (redirected()) {
+    if (reference) return Final()->SetValue_Nocopy(buffer, length, allocated);
+    delete[] buffer;
+    return 1;
+  }
+  string_value.assign_nocopy(buffer, length, allocated);
+  valid_forms = TextForm;
+  primary = PrimaryText;
+  if (elements) DropElements();
+  return 1;
+}
+
+int Variable::SetValue_Integer(int value) {
+  if (redirected()) return reference ? Final()->SetValue_Integer(value) : 1;
+  integer_value = value;
+  valid_forms = IntegerForm;
+  primary = PrimaryInteger;
+  if (elements) DropElements();
+  return 1;
+}
+
+int Variable::SetValue_Double(double value) {
+  if (redirected()) return reference ? Final()->SetValue_Double(value) : 1;
+  double_value = value;
+  valid_forms = DoubleForm;
+  primary = PrimaryDouble;
+  if (elements) DropElements();
+  return 1;
+}
+
+int Variable::SetValue(Variable& source) {
+  if (redirected()) return reference ? Final()->SetValue(source) : 1;
+  Variable* from = source.RealIdentity();
+  if (from->aggregateelements()) {
+    AggregateElementTree* copy = CopyElementTree(from);
+    AggregateElementTree* old = elements;
+    elements = copy;
+    aggregate = from->aggregatetype();
+    valid_forms = 0;
+    primary = PrimaryNone;
+    if (old) DeleteTree(old);
+  } else if (from != this) {
+    CopyScalar(*from);
+    if (elements) DropElements();
+  }
+  return 1;
+}
+
+// The value of a source without elements. Computed values are read, stored ones copied form by
+// form; a stored NULL arrives as empty text with primary 0.
+void Variable::CopyScalar(Variable& source) {
+  switch (source.type()) {
+    case VariableNULL:
+      valid_forms = 0;
+      primary = PrimaryNone;
+      return;
+    case VariableComputedInteger:
+      integer_value = source.value_integer();
+      valid_forms = IntegerForm;
+      primary = PrimaryInteger;
+      return;
+    case VariableComputedText: {
+      const String& text = source.value();
+      if (text.data) string_value.assign(text.data, text.length);
+      valid_forms = TextForm;
+      primary = PrimaryText;
+      return;
+    }
+    case VariableComputed: CopyComputed(source); return;
+    default:
+      if (source.valid_forms == 0) source.value();
+      CopyForms(source);
+      return;
+  }
+}
+
+// A source without a buffer leaves the old bytes of the text in place, valid as they then are.
+void Variable::CopyForms(Variable& source) {
+  valid_forms = source.valid_forms;
+  primary = source.primary;
+  if ((valid_forms & TextForm) && source.string_value.data) {
+    string_value.assign(source.string_value.data, source.string_value.length);
+  }
+  if (valid_forms & IntegerForm) integer_value = source.integer_value;
+  if (valid_forms & DoubleForm) double_value = source.double_value;
+}
+
+void Variable::CopyComputed(Variable& source) {
+  CopyForms(source);
+  if (primary != PrimaryNone && valid_forms != 0) return;
+  switch (source.preferred_type()) {
+    case PrimaryDouble:
+      double_value = source.value_double();
+      valid_forms |= DoubleForm;
+      primary = PrimaryDouble;
+      return;
+    case PrimaryInteger:
+      integer_value = source.value_integer();
+      valid_forms |= IntegerForm;
+      primary = PrimaryInteger;
+      return;
+    default: {
+      const String& text = source.value();
+      if (text.data) string_value.assign(text.data, text.length);
+      valid_forms |= TextForm;
+      primary = PrimaryText;
+      return;
+    }
+  }
+}
+
+// A deep copy of the elements of a variable, owned by the caller. Each element gets a new variable
+// with the name and value of the old one; references are replaced by what they refer to.
+AggregateElementTree* Variable::CopyElementTree(Variable* source) {
+  auto copy = std::make_unique<AggregateElementTree>();
+  std::vector<AggregateElementTree*> open;
+  VariableWalk walk(source, VariableWalk::ForCopy);
+  for (auto step = walk.Next(); step != VariableWalk::End; step = walk.Next()) {
+    if (step == VariableWalk::Leave) {
+      open.pop_back();
+      continue;
+    }
+    if (!walk.element()) {
+      open.push_back(copy.get());
+      continue;
+    }
+    auto element = std::make_unique<AggregateElement>(walk.element()->index());
+    Variable* variable = element->var();
+    variable->SetName(walk.variable()->name_);
+    AggregateElementTree* parent = open.back();
+    if (step == VariableWalk::Enter) {
+      variable->elements = new AggregateElementTree();
+      variable->aggregate = walk.identity()->aggregatetype();
+      open.push_back(variable->elements);
+    } else if (step == VariableWalk::Scalar) {
+      variable->CopyScalar(*walk.identity());
+    } else {
+      variable->Convert_String();
+    }
+    parent->Insert(element.get());
+    (void)element.release();
+  }
+  return copy.release();
+}
+
+// --- ReferenceVariable ---------------------------------------------------------------------------
+
+ReferenceVariable::ReferenceVariable(const char* name, int length, Variable* target)
+    : Variable(name, length) {
+  standing = Reference;
+  reference = target;
+  if (target) target->IncRefCount();
+}
+
+ReferenceVariable::ReferenceVariable(const String& name, Variable* target,
+                                     List<AggregateIndex>* path)
+    : ReferenceVariable(name.data, name.length, target ? target->Element(path, 1) : nullptr) {}
+
+// --- ImmutableVariable ---------------------------------------------------------------------------
+
+ImmutableVariable::ImmutableVariable() = default;
+ImmutableVariable::ImmutableVariable(const char* name, int length) : Variable(name, length) {}
+ImmutableVariable::ImmutableVariable(const char* name, int length, const char* value,
+                                     int valuelength)
+    : Variable(name, length, value, valuelength) {}
+ImmutableVariable::ImmutableVariable(const String& name, const String& value)
+    : Variable(name, value) {}
+ImmutableVariable::ImmutableVariable(const char* name, int length, char* buffer, int valuelength,
+                                     int allocated)
+    : Variable(name, length, buffer, valuelength, allocated) {}
+ImmutableVariable::ImmutableVariable(const char* name, int length, int value)
+    : Variable(name, length, value) {}
+ImmutableVariable::ImmutableVariable(const char* name, int length, double value)
+    : Variable(name, length, value) {}
+
+ImmutableVariable::~ImmutableVariable() {
+  if (null_element) null_element->DecRefCount();
+}
+
+Variable* ImmutableVariable::Clone(ZephApplication*) {
+  const char* name = name_.data;
+  const int length = name_.length;
+  if (valid_forms & TextForm) {
+    return new ImmutableVariable(name, length, string_value.data, string_value.length);
+  }
+  if (valid_forms & DoubleForm) return new ImmutableVariable(name, length, double_value);
+  if (valid_forms & IntegerForm) return new ImmutableVariable(name, length, integer_value);
+  return new ImmutableVariable(name, length);
+}
+
+void ImmutableVariable::SetNULL() {}
+int ImmutableVariable::SetValue(const char*, int) {
+  return 1;
+}
+int ImmutableVariable::SetValue(Variable&) {
+  return 1;
+}
+int ImmutableVariable::SetValue_Nocopy(char* buffer, int, int) {
+  delete[] buffer;
+  return 1;
+}
+int ImmutableVariable::SetValue_Integer(int) {
+  return 1;
+}
+int ImmutableVariable::SetValue_Double(double) {
+  return 1;
+}
+void ImmutableVariable::SetElement(const AggregateIndex&, Variable*) {}
+void ImmutableVariable::InsertElement(int, Variable*) {}
+void ImmutableVariable::DeleteElement(const AggregateIndex&, bool) {}
+void ImmutableVariable::DeleteElements(int, int, bool) {}
+void ImmutableVariable::MergeElements(Variable*, int, int, int, bool) {}
+void ImmutableVariable::CopyElements(Variable*, int, int, int, bool) {}
+void ImmutableVariable::Make_Reference(Variable*) {}
+
+int ImmutableVariable::CollapseElements() {
+  return aggregatetype() == AggregateArray ? ElementsUsed() : 0;
+}
+
+Variable* ImmutableVariable::Missing(int create) {
+  if (!create) return nullptr;
+  if (!null_element) null_element = new NULLVariable();
+  return null_element;
+}
+
+Variable* ImmutableVariable::Element(const AggregateIndex& index, int create) {
+  Variable* found = Variable::Element(index, 0);
+  return found ? found : Missing(create);
+}
+
+Variable* ImmutableVariable::Element(List<AggregateIndex>* path, int create) {
+  Variable* found = Variable::Element(path, 0);
+  return found ? found : Missing(create);
+}
+
+// --- NULLVariable --------------------------------------------------------------------------------
+
+Variable* NULLVariable::Clone(ZephApplication*) {
+  return new NULLVariable();
+}
+String& NULLVariable::value() {
+  return string_value;
+}
+int NULLVariable::value_integer() {
+  return integer_value;
+}
+double NULLVariable::value_double() {
+  return double_value;
+}
+double NULLVariable::value_compare(int* not_numeric) {
+  *not_numeric = 0;
+  return 0.0;
+}
+int NULLVariable::type() {
+  return VariableNULL;
+}
+int NULLVariable::IsTrue() {
+  return 0;
+}
+int NULLVariable::IsNULL() {
+  return 1;
+}
+Variable* NULLVariable::Element(const AggregateIndex&, int create) {
+  return create ? this : nullptr;
+}
+Variable* NULLVariable::Element(List<AggregateIndex>*, int create) {
+  return create ? this : nullptr;
+}
+int NULLVariable::CollapseElements() {
+  return 0;
+}
+
+// --- VariableList --------------------------------------------------------------------------------
+
+VariableList::VariableList() : List<Variable>(1) {}
+
+// Here, while Purge is still this class's.
+VariableList::~VariableList() {
+  VariableList::Dump();
+}
+
+void VariableList::Insert(Variable* variable, ListPosition position) {
+  Insert(variable, position, 1);
+}
+
+void VariableList::Insert(Variable* variable, ListPosition position, int count_it) {
+  List<Variable>::Insert(variable, position);
+  if (count_it && variable) variable->IncRefCount();
+}
+
+void VariableList::Purge(Variable* variable) {
+  if (variable) variable->DecRefCount();
+}
+
+void VariableList::Destroy() {
+  Dump();
+  delete this;
+}
