@@ -133,6 +133,19 @@ class VariableHash {
   const char* EntryName(int index, int* length);
   // Makes the variable of an entry that has none.
   Variable* MakeVariable(_VH_Entry* entry);
+  // Gives each entry a Clone of the variable at the same position of the source.
+  void CloneVariables(ZephApplication* application, VariableHash& source);
+  // A copy of another table's dictionary, the caller's.
+  static Dictionary* DictionaryCopy(const VariableHash& other);
+
+  // For tables whose variables are in another one: each entry's version is its position there.
+  void ForgetTarget();
+  int Resolve(VariableHash* other, int position);
+  Variable* InsertThrough(VariableHash* other, int position, Variable* refers_to);
+  bool FindThrough(VariableHash* other, Variable** out, const char* name, int length, int create);
+  Variable* IndexThrough(VariableHash* other, int position, int create);
+  void ReferThrough(VariableHash* other, int position, Variable* variable);
+  int LookupThrough(VariableHash* other, Variable** out, const char* path, int length, int create);
 
   SharedIndex* index = nullptr;  // buckets and chains, null before the first name
   int bits;
@@ -215,7 +228,8 @@ class SystemVariableHash : public VariableHash {
     Variable* variable;
   };
 
-  void Save(int index, int version, Variable* variable);
+  void Save(int position, int version, Variable* variable);
+  void Replace(int position, Variable* variable);
 
   int depth = 0;
   Stack<List<_SVH_Entry>> frames;
