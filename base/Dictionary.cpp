@@ -37,8 +37,7 @@ int BlockSize(long long length) {
 
 }  // namespace
 
-// --- DictionaryDataBlock
-// -----------------------------------------------------------------------------
+// --- DictionaryDataBlock -------------------------------------------------------------------------
 
 DictionaryDataBlock::DictionaryDataBlock(int bytes)
     : data(std::make_unique_for_overwrite<char[]>(static_cast<size_t>(bytes))), size(bytes) {}
@@ -83,8 +82,7 @@ int DictionaryDataBlock::Search(const char* text, int text_length) const {
   }
 }
 
-// --- Dictionary
-// --------------------------------------------------------------------------------------
+// --- Dictionary ----------------------------------------------------------------------------------
 
 Dictionary::Dictionary() : blocks(1) {}
 

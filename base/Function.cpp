@@ -49,16 +49,14 @@ std::string_view Stripped(std::string_view text) {
 
 }  // namespace
 
-// --- FunctionParameter
-// -------------------------------------------------------------------------------
+// --- FunctionParameter ---------------------------------------------------------------------------
 
 FunctionParameter::FunctionParameter(int id, const char* name, int length, int flag_word, int index)
     : name_id(id), parameter_name(name, length), flags(flag_word), variable_index(index) {}
 
 FunctionParameter::~FunctionParameter() = default;
 
-// --- Function
-// ----------------------------------------------------------------------------------------
+// --- Function ------------------------------------------------------------------------------------
 
 Function::Function(int index, int flags, int id, const char* name, int length, int segment,
                    int offset, Dictionary* dictionary)
@@ -113,8 +111,7 @@ void Function::SetParameters(const char* text, int length) {
   }
 }
 
-// --- FunctionManager
-// ---------------------------------------------------------------------------------
+// --- FunctionManager -----------------------------------------------------------------------------
 
 FunctionManager::FunctionManager(Dictionary* names, int bits, int capacity)
     : table(bits, capacity), dictionary(names) {}

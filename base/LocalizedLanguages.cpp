@@ -44,8 +44,7 @@ int TextLength(const char* text, int length) {
 
 }  // namespace
 
-// --- LocalizedIndex
-// ----------------------------------------------------------------------------------
+// --- LocalizedIndex ------------------------------------------------------------------------------
 
 LocalizedIndex::LocalizedIndex(int number, Dictionary* names)
     : language_number(number), table(TokenBits, TokenCapacity), dictionary(names) {}
@@ -148,8 +147,7 @@ bool LocalizedIndex::Write(TaggedFile* file, int tag) {
   return true;
 }
 
-// --- LocalizedLanguages
-// ------------------------------------------------------------------------------
+// --- LocalizedLanguages --------------------------------------------------------------------------
 
 LocalizedLanguages::LocalizedLanguages(ZephApplication* host, Dictionary* names, TaggedFile* source,
                                        int bits, int capacity)

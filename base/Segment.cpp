@@ -30,8 +30,7 @@ constexpr int ArrayGrowth = 64;
 
 }  // namespace
 
-// --- Segment
-// -----------------------------------------------------------------------------------------
+// --- Segment -------------------------------------------------------------------------------------
 
 Segment::Segment(int number) : Segment(number, Growth) {
   data_length = 0;
@@ -169,8 +168,7 @@ void Segment::Dump(const char* path, const char* expression, int length) const {
   fclose(file);
 }
 
-// --- SegmentManager
-// ----------------------------------------------------------------------------------
+// --- SegmentManager ------------------------------------------------------------------------------
 
 SegmentManager::SegmentManager() = default;
 

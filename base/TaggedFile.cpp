@@ -103,8 +103,7 @@ void TaggedFile::Deactivate() {
   if (file) filemanager->DeactivateFile(file);
 }
 
-// --- The file and its window
-// -----------------------------------------------------------------------
+// --- The file and its window ---------------------------------------------------------------------
 
 bool TaggedFile::SeekTo(long offset) {
   // Offsets are signed 32-bit values, and a failed seek answers -1, which is no place.
@@ -167,8 +166,7 @@ int TaggedFile::ReadAt(long offset, char* buffer, int length) {
   return length;
 }
 
-// --- Header and directory
-// --------------------------------------------------------------------------
+// --- Header and directory ------------------------------------------------------------------------
 
 bool TaggedFile::Header_Read() {
   if (SeekTo(0)) FillWindow(0, WindowSize);
@@ -253,8 +251,7 @@ bool TaggedFile::Section(int index, int* tag, int* length) const {
   return true;
 }
 
-// --- Reading
-// ---------------------------------------------------------------------------------------
+// --- Reading -------------------------------------------------------------------------------------
 
 // Selects the section of a tag. An absent tag leaves the selected section in place, and it is read
 // in its stead: a script without functions has no "func" and gets by with the bytes of "segs".
@@ -351,8 +348,7 @@ const unsigned char* TaggedFile::Section_View(long long length,
   return bytes;
 }
 
-// --- Writing
-// ---------------------------------------------------------------------------------------
+// --- Writing -------------------------------------------------------------------------------------
 
 bool TaggedFile::Create(const char* name, const char* stamp, int version) {
   Close();
