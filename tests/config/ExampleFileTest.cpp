@@ -1,0 +1,69 @@
+// config/zeph.toml is what people start from, so what it says has to be true.
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+
+#include "base/Config.h"
+#include "config/Snapshot.h"
+
+namespace {
+
+std::string ExampleText() {
+  std::ifstream in(ZEPH_SOURCE_DIR "/config/zeph.toml");
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// The file with all that is commented out taken in. Prose has no "word = value" at its start.
+Snapshot WithAllExamples() {
+  std::istringstream in(ExampleText());
+  std::ostringstream out;
+  const std::regex example(R"(# (\w+ = .*|\[.*\]))");
+  for (std::string line; std::getline(in, line);) {
+    std::smatch match;
+    out << (std::regex_match(line, match, example) ? match[1].str() : line) << '\n';
+  }
+  return Snapshot::Parse("zeph.toml", out.str());
+}
+
+TEST(ExampleFile, IsInOrderAsItStands) {
+  Snapshot snapshot = Snapshot::Parse("zeph.toml", ExampleText());
+  EXPECT_EQ(snapshot.error, "");
+  EXPECT_EQ(snapshot.settings.size(), 2u);
+  EXPECT_NE(snapshot.Find(Config_dir_zeph), nullptr);
+  EXPECT_NE(snapshot.Find(Config_dir_data), nullptr);
+  EXPECT_EQ(snapshot.error_settings, ShippedErrorSettings());
+}
+
+TEST(ExampleFile, ShowsEverySettingWithItsDefault) {
+  Snapshot snapshot = WithAllExamples();
+  ASSERT_EQ(snapshot.error, "");
+  Config defaults;
+  for (const ConfigSetting& setting : config_settings) {
+    SCOPED_TRACE(setting.name);
+    const Setting* shown = snapshot.Find(setting.id);
+    ASSERT_NE(shown, nullptr);
+    if ((setting.id & ConfigKind_Integer) != 0) {
+      EXPECT_EQ(shown->integer, defaults.value_integer(setting.id));
+    } else if (const char* text = defaults.value_string(setting.id)) {
+      EXPECT_EQ(shown->text, text);
+    }
+  }
+}
+
+TEST(ExampleFile, ShowsEverySection) {
+  Snapshot snapshot = WithAllExamples();
+  ASSERT_EQ(snapshot.error, "");
+  EXPECT_EQ(snapshot.error_settings, ShippedErrorSettings());
+  EXPECT_EQ(snapshot.system_variables.size(), 1u);
+  EXPECT_EQ(snapshot.global_variables.size(), 1u);
+  EXPECT_EQ(snapshot.libraries.size(), 2u);
+  EXPECT_EQ(snapshot.scripts.size(), 1u);
+}
+
+}  // namespace
