@@ -1,20 +1,25 @@
 // A commerce library without a table: four functions by their names.
 
+class VariableHash;
+class VariableList;
+class ZephVM;
+
 extern "C" {
 
-int zeph_commerce_init(void*, void**, const char*, const char*, void*, void*) {
+int zeph_commerce_init(ZephVM*, void**, const char*, const char*, VariableList*, VariableHash*) {
   return 11;
 }
 
-int zeph_commerce_loop(void*, void**, const char*, const char*, void*, void*, int index) {
+int zeph_commerce_loop(ZephVM*, void**, const char*, const char*, VariableList*, VariableHash*,
+                       int index) {
   return 20 + index;
 }
 
-void zeph_commerce_cleanup(void*, void** state, const char*, const char*, void*) {
+void zeph_commerce_cleanup(ZephVM*, void** state, const char*, const char*, VariableList*) {
   *state = nullptr;
 }
 
-const char* zeph_commerce_error(void*, void**, const char*, const char*, void*) {
+const char* zeph_commerce_error(ZephVM*, void**, const char*, const char*, VariableList*) {
   return "broke";
 }
 }

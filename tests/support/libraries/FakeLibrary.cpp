@@ -1,31 +1,36 @@
 // An extension library of every kind whose tables a test sets for itself: each export answers the
 // pointer that stands in the exported variable beside it.
 
+struct _ZP_EL_Commerce;
+struct _ZP_EL_Config;
+struct _ZP_EL_Database;
+struct _ZP_EL_FunctionTable;
+
 extern "C" {
 
-void* fake_config_table = nullptr;
-void* fake_function_table = nullptr;
-void* fake_commerce_table = nullptr;
-void* fake_database_table = nullptr;
+_ZP_EL_Config* fake_config_table = nullptr;
+_ZP_EL_FunctionTable* fake_function_table = nullptr;
+_ZP_EL_Commerce* fake_commerce_table = nullptr;
+_ZP_EL_Database* fake_database_table = nullptr;
 // How often an export was called.
 int fake_calls = 0;
 
-void* zeph_config_library(void) {
+_ZP_EL_Config* zeph_config_library(void) {
   fake_calls++;
   return fake_config_table;
 }
 
-void* zeph_function_table(void) {
+_ZP_EL_FunctionTable* zeph_function_table(void) {
   fake_calls++;
   return fake_function_table;
 }
 
-void* zeph_commerce_library(void) {
+_ZP_EL_Commerce* zeph_commerce_library(void) {
   fake_calls++;
   return fake_commerce_table;
 }
 
-void* zeph_database_library(void) {
+_ZP_EL_Database* zeph_database_library(void) {
   fake_calls++;
   return fake_database_table;
 }
