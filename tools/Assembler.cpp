@@ -273,7 +273,10 @@ class Assembler {
     return (this->*found->second)();
   }
 
-  bool VersionDirective() { return Integer("a version, 0x10001 to 0x1000B", &program.version); }
+  bool VersionDirective() {
+    return IntegerFrom(TaggedFile::OldestVersion, TaggedFile::NewestVersion,
+                       "a version, 0x10001 to 0x1000B", &program.version);
+  }
 
   bool StampDirective() {
     if (!At(Kind::Text) || Token().text.size() > stamp_size)
@@ -291,9 +294,9 @@ class Assembler {
   }
 
   bool StartDirective() {
-    int number = 0;
-    if (!Integer("the number of the start segment", &number)) return false;
-    program.segments.SetStart(number);
+    if (!At(Kind::Number) || !ParseInteger(Token().text, &start_segment))
+      return Expected("the number of the start segment");
+    starts.push_back({0, 0, 0, Take(), current->number});
     return true;
   }
 
@@ -554,6 +557,14 @@ class Assembler {
   // --- References --------------------------------------------------------------------------------
 
   void ResolveReferences() {
+    // The segment may well be made behind the line that says it is the first to run.
+    for (const Reference& start : starts) {
+      if (start_segment < 0 || start_segment >= program.segments.Segments()) {
+        FailAt(start.line, start.name.column,
+               "expected the number of a segment, found '" + start.name.text + "'");
+      }
+    }
+    program.segments.SetStart(start_segment);
     for (const Reference& jump : jumps) {
       auto found = labels.find(jump.name.text);
       if (found == labels.end() || found->second.segment != jump.segment) {
@@ -597,6 +608,8 @@ class Assembler {
   std::map<std::string, Label, std::less<>> labels;
   std::vector<Reference> jumps;
   std::vector<Reference> calls;
+  std::vector<Reference> starts;
+  int start_segment = 0;
 };
 
 const std::map<std::string, Assembler::Directive, std::less<>>& Assembler::Directives() {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -130,6 +131,10 @@ void EngineProcess::RunChild(int descriptor) {
   dup2(log, 1);
   dup2(log, 2);
   if (chdir(Path("work").c_str()) != 0) _exit(exit_no_program);
+  if (descriptor_limit > 0) {
+    rlimit limit{descriptor_limit, descriptor_limit};
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
   setenv("ZEPH_CONFIG", Path("zeph.toml").c_str(), 1);
   for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
   std::string program = Program();
@@ -178,6 +183,17 @@ std::string EngineProcess::Log() const {
 
 std::string EngineProcess::ProcessArguments() const {
   return ReadWhole("/proc/" + std::to_string(process) + "/cmdline");
+}
+
+bool EngineProcess::WaitUntilReady() {
+  // The signals that a process handles are a mask in hexadecimal; SIGHUP is its lowest bit.
+  const std::string field = "SigCgt:\t";
+  return Eventually(Milliseconds(20000), [&] {
+    std::string text = ReadWhole("/proc/" + std::to_string(process) + "/status");
+    size_t start = text.find(field);
+    return start != std::string::npos &&
+           (std::stoull(text.substr(start + field.size()), nullptr, 16) & 1) != 0;
+  });
 }
 
 int EngineProcess::Threads() const {

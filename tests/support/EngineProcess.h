@@ -46,6 +46,9 @@ class EngineProcess {
   enum Descriptor0 { ListeningSocket, NonBlockingSocket, PlainFile, Closed };
   Descriptor0 descriptor0 = ListeningSocket;
 
+  // The most descriptors that it may have; 0 leaves the limit alone.
+  unsigned descriptor_limit = 0;
+
   // Whether standard parameters name the configuration library; a test may put it elsewhere.
   bool name_library = true;
 
@@ -57,6 +60,9 @@ class EngineProcess {
   // Assembles a script into scripts/.
   std::string Script(std::string_view name, std::string_view source);
   std::string Folder(std::string_view relative);
+
+  // Writes zeph.toml anew, from the members above. Start does this too.
+  void WriteConfiguration();
 
   // --- The process ------------------------------------------------------------------------------
   // Writes zeph.toml and starts the engine. Fails the test, and answers false, when it cannot.
@@ -72,8 +78,10 @@ class EngineProcess {
   std::string Log() const;
   // Its arguments as process listings show them, NUL bytes included.
   std::string ProcessArguments() const;
-  // The count of its threads at this moment, and how often the beat of them is asked about until
-  // the count is the wanted one; answers the last count seen.
+  // Waits until it has made all its request threads and handles signals.
+  bool WaitUntilReady();
+  // The count of its threads; the second waits until it is the wanted one, and answers the last
+  // count seen.
   int Threads() const;
   int WaitForThreads(int wanted, Milliseconds timeout = Milliseconds(20000)) const;
 
@@ -89,7 +97,6 @@ class EngineProcess {
   static std::string ConfigurationLibrary();
 
  private:
-  void WriteConfiguration();
   int OpenDescriptor0();
   [[noreturn]] void RunChild(int descriptor);
 
