@@ -10,7 +10,7 @@ StoredNameTable::Head StoredNameTable::Head::Decode(const unsigned char* bytes) 
 }
 
 StoredNameTable::StoredNameTable(int bits, int capacity)
-    : hash_bits(bits), chain_capacity(capacity) {}
+    : hash_bits(std::clamp(bits, 0, MaxBits)), chain_capacity(std::max(capacity, 1)) {}
 
 StoredNameTable::StoredNameTable(const StoredNameTable& other)
     : hash_bits(other.hash_bits),

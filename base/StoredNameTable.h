@@ -46,7 +46,7 @@ class StoredNameTable {
   // A bucket in the file: its number (2 bytes) and its first entry (4 bytes).
   static constexpr int BucketSize = 6;
 
-  // bits is at most MaxBits; capacity is the number of entries to make room for at first.
+  // bits is 0 to MaxBits; capacity is the number of entries to make room for at first.
   StoredNameTable(int bits, int capacity);
   StoredNameTable(const StoredNameTable& other);
   StoredNameTable& operator=(const StoredNameTable&) = delete;
