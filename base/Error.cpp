@@ -1,0 +1,121 @@
+// Fatal and runtime errors of the machine, and the records of them in the trace log.
+
+#include <cstdio>
+#include <cstring>
+
+#include "base/Dictionary.h"
+#include "base/Variable.h"
+#include "base/VariableHash.h"
+#include "base/ZephApplication.h"
+#include "base/ZephVM.h"
+
+namespace {
+
+// A line bound admits when it is 0.
+bool Admits(const LogFilterEntry* entry, const char* file, int length, int line) {
+  return entry->namelength == length && (entry->firstline == 0 || entry->firstline <= line) &&
+         (entry->lastline == 0 || entry->lastline >= line) &&
+         memcmp(entry->name, file, static_cast<size_t>(length)) == 0;
+}
+
+bool AnyAdmits(List<LogFilterEntry>* entries, const char* file, int length, int line) {
+  for (LogFilterEntry* entry = entries->First(); entry; entry = entries->Next()) {
+    if (Admits(entry, file, length, line)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+String ZephVM::ErrorPrefix(const char* kind, const char* tag) {
+  char place[48];
+  String text;
+  text.cat(error_prefix.data, error_prefix.length);
+  text.cat(kind, -1);
+  text.cat(script_path.data, script_path.length);
+  snprintf(place, sizeof place, " @ [%08x:%08x]: ", static_cast<unsigned>(loaded_segment),
+           static_cast<unsigned>(instruction_start));
+  text.cat(place, -1);
+  int length;
+  const char* file = SourceFile(&length);
+  if (length > 0) {
+    text.cat(file, length);
+    text.cat(": ", 2);
+  }
+  if (current_line != 0) {
+    snprintf(place, sizeof place, "Line %d: ", current_line);
+    text.cat(place, -1);
+  }
+  if (tag) {
+    text.cat(tag, -1);
+    text.cat(": ", 2);
+  }
+  return text;
+}
+
+int ZephVM::FatalError(const String& message) {
+  error_text = ErrorPrefix("Fatal error in ", nullptr);
+  error_text.cat(message.data, message.length);
+  error_text.cat('\n');
+  stop_flag = true;
+  application->Error(error_text);
+  if (WantsLog(Log_FatalError)) WriteLog(Log_FatalError, nullptr, &error_text);
+  return 0;
+}
+
+void ZephVM::RuntimeError(int tag, const String& message) {
+  const bool known = tag >= 0 && tag < tag_count;
+  const TagErrorSetting unknown = {tag, nullptr, nullptr, TagError_Display | TagError_Fatal};
+  const TagErrorSetting& setting = known ? tag_errors[tag] : unknown;
+  error_text = ErrorPrefix("Runtime error in ", setting.name);
+  error_text.cat(message.data, message.length);
+  error_text.cat('\n');
+  // Set either way: a handler raises one error, and a failure that code nested in it has survived
+  // does not end the script.
+  stop_flag = (setting.settings & TagError_Fatal) != 0;
+  if ((frame->error_output & ZephVM_Frame::ErrorOutput_Display) &&
+      (setting.settings & TagError_Display)) {
+    application->Error(error_text);
+  }
+  if (setting.variable) {
+    global_variables->SetVariable(setting.variable, -1, message.data, message.length);
+  }
+  if (WantsLog(Log_RuntimeError)) WriteLog(Log_RuntimeError, setting.name, &message);
+}
+
+void ZephVM::EncodedRuntimeError(int tag, const String& message) {
+  int length, size;
+  char* text = ZephApplication::EncodeEntities(message.data ? message.data : "", message.length,
+                                               &length, &size);
+  RuntimeError(tag, String(text, length, size));
+}
+
+void ZephVM::ClearErrorVariable(int tag) {
+  if (tag >= 0 && tag < tag_count && tag_errors[tag].variable) {
+    global_variables->ClearVariable(tag_errors[tag].variable, -1);
+  }
+}
+
+bool ZephVM::WantsLog(unsigned type) {
+  if ((log_mask & type) == 0 || application->logsuppressed()) return false;
+  int length;
+  const char* file = SourceFile(&length);
+  if (AnyAdmits(application->logexcludes(), file, length, current_line)) return false;
+  List<LogFilterEntry>* includes = application->logincludes();
+  return includes->Entries() == 0 || AnyAdmits(includes, file, length, current_line);
+}
+
+// A record with script path, source file and line, then a name and a message where given.
+void ZephVM::WriteLog(unsigned type, const char* name, const String* message) {
+  int length;
+  const char* file = SourceFile(&length);
+  LogParameter parameters[6];
+  int n = 0;
+  parameters[n++] = LogParameter::OfText(script_path.data, script_path.length);
+  parameters[n++] = LogParameter::OfText(file, length);
+  parameters[n++] = LogParameter::OfInteger(current_line);
+  if (name) parameters[n++] = LogParameter::OfText(name, -1);
+  if (message) parameters[n++] = LogParameter::OfText(message->data, message->length);
+  parameters[n] = LogParameter::OfEnd();
+  application->Log(type, parameters);
+}

@@ -1,0 +1,30 @@
+// Frames own what they were told to own.
+
+#include "base/ZephVM_Frame.h"
+
+#include "base/VariableHash.h"
+#include "base/ZephVM_Stack.h"
+
+ZephVM_Frame::ZephVM_Frame(int segment, int offset)
+    : return_segment(segment), return_offset(offset) {}
+
+ZephVM_Frame::~ZephVM_Frame() {
+  if (owns_variables) delete variables;
+  if (owns_stack) delete stack;
+}
+
+int ZephVM_Frame::type() {
+  return Plain;
+}
+
+void ZephVM_Frame::Set_LocalVariable_Hash(VariableHash* table, bool owned) {
+  if (owns_variables) delete variables;
+  variables = table;
+  owns_variables = owned;
+}
+
+void ZephVM_Frame::Set_Stack(ZephVM_Stack* new_stack, bool owned) {
+  if (owns_stack) delete stack;
+  stack = new_stack;
+  owns_stack = owned;
+}

@@ -1,0 +1,47 @@
+// A frame is one activation: which variables are local, which stack is in use, where to go on
+// afterwards, and what the output modes are.
+
+#ifndef ZEPH_BASE_ZEPHVM_FRAME_H
+#define ZEPH_BASE_ZEPHVM_FRAME_H
+
+class VariableHash;
+class ZephVM_Stack;
+
+// The plain frame: the base of a machine's run, or of a run nested in it. Made and deleted by the
+// machine, on its thread. The order of the virtual operations stays.
+class ZephVM_Frame {
+ public:
+  enum Type : int { Plain = 0, Function = 1, Filter = 2 };
+  // Bits of the error-output flags. The loop of the machine looks at the display bit alone.
+  enum ErrorOutput : int { ErrorOutput_Display = 4, ErrorOutput_All = 7 };
+
+  // Neither table nor stack; both are set before the frame is used.
+  ZephVM_Frame(int return_segment, int return_offset);
+  // Deletes the variables and the stack that it owns.
+  virtual ~ZephVM_Frame();
+  ZephVM_Frame(const ZephVM_Frame&) = delete;
+  ZephVM_Frame& operator=(const ZephVM_Frame&) = delete;
+
+  virtual int type();
+  // Deletes what the frame owned so far and takes the new value, to be deleted with the frame if it
+  // is owned.
+  virtual void Set_LocalVariable_Hash(VariableHash* variables, bool owned);
+  virtual void Set_Stack(ZephVM_Stack* stack, bool owned);
+
+  // Where the caller goes on; segment -1 in the base frame.
+  int return_segment;
+  int return_offset;
+  VariableHash* variables = nullptr;  // what pushl and popl use
+  bool owns_variables = false;
+  ZephVM_Stack* stack = nullptr;
+  bool owns_stack = false;
+  int error_output = ErrorOutput_All;
+  int output_mode = 0;               // what Output::SetFlags gets while the frame is current
+  ZephVM_Frame* previous = nullptr;  // the caller; null at the base of a run
+
+  // Told apart from all other frames of the machine, also from those that are gone. Set by the
+  // machine.
+  long serial = 0;
+};
+
+#endif

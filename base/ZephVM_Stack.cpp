@@ -1,0 +1,647 @@
+// Conversions of stack entries, and the two operations that work on a pair of them.
+
+#include "base/ZephVM_Stack.h"
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "base/LinkBuffer.h"
+#include "base/Numbers.h"
+#include "base/Variable.h"
+#include "base/ZephApplication.h"
+#include "base/ZephVM.h"
+#include "base/memcmpi.h"
+
+namespace {
+
+using Entry = ZephVM_Stack::Stack_Entry;
+
+const int kFirstBlock = 512;
+const int kNextBlock = 4096;
+
+const char kNothing[] = "";
+
+// A text behind an entry, with what has to be freed for it.
+struct EntryText {
+  const char* data = kNothing;
+  int length = 0;
+  std::unique_ptr<char[]> temporary;
+};
+
+char* CopyText(const char* data, int length) {
+  if (length == INT_MAX) throw std::bad_alloc();
+  char* copy = new char[static_cast<size_t>(length) + 1];
+  memcpy(copy, data, static_cast<size_t>(length));
+  copy[length] = '\0';
+  return copy;
+}
+
+// The text of a variable; one without a buffer reads as empty.
+const char* VariableText(Variable* variable, int* length) {
+  String& text = variable->value();
+  *length = text.data ? text.length : 0;
+  return text.data ? text.data : kNothing;
+}
+
+// The entry's text where it lies, or a temporary for a number.
+EntryText TextOf(const Entry* entry) {
+  EntryText text;
+  switch (entry->kind) {
+    case ZephVM_Stack::KindInteger:
+      text.temporary.reset(ZephApplication::itos(entry->value.integer, &text.length, nullptr));
+      text.data = text.temporary.get();
+      break;
+    case ZephVM_Stack::KindDouble:
+      text.temporary.reset(ZephApplication::dtos(entry->value.number, &text.length, nullptr, -1));
+      text.data = text.temporary.get();
+      break;
+    case ZephVM_Stack::KindString:
+      text.data = entry->value.text;
+      text.length = entry->length;
+      break;
+    case ZephVM_Stack::KindVariable:
+      text.data = VariableText(entry->value.variable, &text.length);
+      break;
+    default: text.data = entry->value.buffer->data(&text.length, nullptr);
+  }
+  return text;
+}
+
+// Whether a variable's text lies still until the variable is next assigned. Computed values and
+// aggregates are rendered anew by every read.
+bool HasStableText(Variable* variable) {
+  Variable* real = variable->RealIdentity();
+  return real->type() < VariableComputedInteger && real->aggregatetype() == AggregateNone;
+}
+
+bool TextIsTrue(const char* data, int length) {
+  return Variable::IsTrue(data, length) != 0;
+}
+
+int PositionOf(const char* data, int length) {
+  if (length == 3 && memcmpi(data, "top", 3) == 0) return -1;
+  if (length == 6 && memcmpi(data, "bottom", 6) == 0) return -2;
+  return ZephApplication::stoi(data, length, nullptr);
+}
+
+}  // namespace
+
+ZephVM_Stack::ZephVM_Stack(ZephVM* machine)
+    : vm(machine), entries(static_cast<Entry*>(operator new(sizeof(Entry) * Capacity))) {}
+
+ZephVM_Stack::~ZephVM_Stack() {
+  while (SP > 0) Free(&entries[--SP]);
+  operator delete(entries);
+}
+
+Entry* ZephVM_Stack::Room() {
+  if (SP == SS) {
+    vm->FatalError("Stack overflow");
+    return nullptr;
+  }
+  Entry* entry = &entries[SP++];
+  entry->deletable = 0;
+  entry->private_copy = 0;
+  return entry;
+}
+
+Entry* ZephVM_Stack::Top() {
+  if (SP == 0) {
+    vm->FatalError("Stack underflow");
+    return nullptr;
+  }
+  return &entries[SP - 1];
+}
+
+void ZephVM_Stack::Drop() {
+  Free(&entries[--SP]);
+}
+
+void ZephVM_Stack::Disown(Entry* entry) {
+  entry->deletable = entry->private_copy = 0;
+}
+
+void ZephVM_Stack::Free(Entry* entry) {
+  if (!entry->deletable && !entry->private_copy) return;
+  if (entry->kind == KindString) {
+    delete[] entry->value.text;
+  } else if (entry->kind == KindVariable) {
+    entry->value.variable->DecRefCount();
+  } else if (entry->kind == KindLinkBuffer) {
+    delete entry->value.buffer;
+  }
+}
+
+void ZephVM_Stack::PushI(int value) {
+  Entry* entry = Room();
+  if (!entry) return;
+  entry->kind = KindInteger;
+  entry->value.integer = value;
+  entry->length = entry->size = 4;
+}
+
+void ZephVM_Stack::PushD(double value) {
+  Entry* entry = Room();
+  if (!entry) return;
+  entry->kind = KindDouble;
+  entry->value.number = value;
+  entry->length = entry->size = 8;
+}
+
+void ZephVM_Stack::PushS(const char* data, int length, int size, int deletable) {
+  Entry* entry = Room();
+  if (!entry) {
+    if (deletable) delete[] data;
+    return;
+  }
+  entry->kind = KindString;
+  entry->deletable = deletable != 0;
+  entry->value.text = const_cast<char*>(data ? data : kNothing);
+  entry->length = length;
+  entry->size = size;
+}
+
+void ZephVM_Stack::PushLinkBuffer(LinkBuffer* buffer, int deletable) {
+  Entry* entry = Room();
+  if (!entry) {
+    if (deletable) delete buffer;
+    return;
+  }
+  entry->kind = KindLinkBuffer;
+  entry->deletable = deletable != 0;
+  entry->value.buffer = buffer;
+  entry->length = entry->size = 8;
+}
+
+void ZephVM_Stack::PushV(Variable* variable, int addref, int deletable) {
+  if (!variable) {
+    vm->FatalError("Invalid variable reference");
+    return;
+  }
+  Entry* entry = Room();
+  if (!entry) {
+    if (deletable && !addref) variable->DecRefCount();
+    return;
+  }
+  if (addref) variable->IncRefCount();
+  entry->kind = KindVariable;
+  entry->deletable = deletable != 0;
+  entry->value.variable = variable;
+  entry->length = entry->size = 8;
+}
+
+void ZephVM_Stack::Push(ZephVM_Stack* from, int count) {
+  // The equality is the rule that scripts know; the range test keeps the array whole.
+  long end = static_cast<long>(count) + SP;
+  if (end - 1 == SS || end > SS) {
+    vm->FatalError("Stack overflow");
+    return;
+  }
+  if (from->SP < count) {
+    vm->FatalError("Stack underflow");
+    return;
+  }
+  for (int i = 0; i < count; i++) {
+    Entry* entry = &entries[SP++];
+    *entry = from->entries[--from->SP];
+    if (entry->kind != KindVariable || entry->deletable) continue;
+    if (!entry->private_copy) entry->value.variable->IncRefCount();
+    entry->private_copy = 0;
+    entry->deletable = 1;
+  }
+}
+
+void ZephVM_Stack::Pop() {
+  if (Top()) Drop();
+}
+
+int ZephVM_Stack::PopI() {
+  Entry* entry = Top();
+  if (!entry) return 0;
+  int value;
+  switch (entry->kind) {
+    case KindInteger: value = entry->value.integer; break;
+    case KindDouble: value = DoubleToInteger(entry->value.number); break;
+    case KindVariable: value = entry->value.variable->value_integer(); break;
+    default: {
+      EntryText text = TextOf(entry);
+      value = ZephApplication::stoi(text.data, text.length, nullptr);
+    }
+  }
+  Drop();
+  return value;
+}
+
+double ZephVM_Stack::PopD() {
+  Entry* entry = Top();
+  if (!entry) return 0.0;
+  int not_numeric;
+  double value = entry->kind == KindVariable ? entry->value.variable->value_double()
+                                             : NumericValue(entry, &not_numeric);
+  Drop();
+  return value;
+}
+
+bool ZephVM_Stack::PopBool() {
+  Entry* entry = Top();
+  if (!entry) return false;
+  bool value;
+  switch (entry->kind) {
+    case KindInteger: value = entry->value.integer != 0; break;
+    case KindDouble: value = entry->value.number != 0.0; break;
+    case KindVariable: value = entry->value.variable->IsTrue() != 0; break;
+    default: {
+      EntryText text = TextOf(entry);
+      value = TextIsTrue(text.data, text.length);
+    }
+  }
+  Drop();
+  return value;
+}
+
+bool ZephVM_Stack::PopNull() {
+  Entry* entry = Top();
+  if (!entry) return false;
+  bool value = false;
+  if (entry->kind == KindVariable) {
+    value = entry->value.variable->IsNULL() != 0;
+  } else if (entry->kind == KindString || entry->kind == KindLinkBuffer) {
+    value = TextOf(entry).length == 0;
+  }
+  Drop();
+  return value;
+}
+
+int ZephVM_Stack::PopDBPosition() {
+  Entry* entry = Peek();
+  if (!entry || entry->kind == KindInteger || entry->kind == KindDouble) return PopI();
+  int value;
+  {
+    EntryText text = TextOf(entry);
+    value = PositionOf(text.data, text.length);
+  }
+  Drop();
+  return value;
+}
+
+char* ZephVM_Stack::PopS(int* length, int* size, int* deletable) {
+  if (Entry* entry = Top()) {
+    char* text = ConvertEntryToString(entry, length, size, deletable);
+    SP--;
+    return text;
+  }
+  *length = *size = *deletable = 0;
+  return const_cast<char*>(kNothing);
+}
+
+char* ZephVM_Stack::PopS_NS(int* length, int* size, int* deletable) {
+  int raw_length, raw_size, raw_deletable;
+  char* raw = PopS(&raw_length, &raw_size, &raw_deletable);
+  std::unique_ptr<char[]> owned(raw_deletable ? raw : nullptr);
+  *deletable = 1;
+  return ZephApplication::StripNULLs(raw, raw_length, length, size);
+}
+
+void ZephVM_Stack::PopV(Variable* target) {
+  if (!target) {
+    vm->FatalError("Invalid variable reference");
+    return;
+  }
+  Entry* entry = Top();
+  if (!entry) return;
+  switch (entry->kind) {
+    case KindInteger: target->SetValue_Integer(entry->value.integer); break;
+    case KindDouble: target->SetValue_Double(entry->value.number); break;
+    case KindString: target->SetValue(entry->value.text, entry->length); break;
+    case KindVariable: target->SetValue(*entry->value.variable); break;
+    case KindLinkBuffer:
+      if (entry->deletable) {
+        int length, size;
+        char* text = entry->value.buffer->release(&length, &size, 1);
+        text[length] = '\0';
+        target->SetValue_Nocopy(text, length, size);
+      } else {
+        EntryText text = TextOf(entry);
+        target->SetValue(text.data, text.length);
+      }
+  }
+  Drop();
+}
+
+int ZephVM_Stack::PopV(Variable** out, int* deletable) {
+  *out = nullptr;
+  *deletable = 0;
+  Entry* entry = Top();
+  if (!entry) return 0;
+  if (entry->kind != KindVariable) {
+    Drop();
+    vm->FatalError("Expected variable, found constant");
+    return 0;
+  }
+  *out = entry->value.variable;
+  *deletable = entry->deletable || entry->private_copy;
+  SP--;
+  return 1;
+}
+
+double ZephVM_Stack::NumericValue(const Entry* entry, int* not_numeric) {
+  *not_numeric = 0;
+  switch (entry->kind) {
+    case KindInteger: return entry->value.integer;
+    case KindDouble: return entry->value.number;
+    case KindVariable: return entry->value.variable->value_compare(not_numeric);
+    case KindString:
+      return ZephApplication::stod(entry->value.text, entry->length, entry->size, not_numeric);
+    default: {
+      int length, size;
+      const char* text = entry->value.buffer->data(&length, &size);
+      return ZephApplication::stod(text, length, size, not_numeric);
+    }
+  }
+}
+
+int ZephVM_Stack::CompareTexts(const Entry* left, const Entry* right) {
+  EntryText a = TextOf(left);
+  // A computed variable on both sides writes its second text over the first.
+  if (left->kind == KindVariable && !HasStableText(left->value.variable)) {
+    a.temporary.reset(CopyText(a.data, a.length));
+    a.data = a.temporary.get();
+  }
+  EntryText b = TextOf(right);
+  int shorter = a.length < b.length ? a.length : b.length;
+  for (int i = 0; i < shorter; i++) {
+    int difference = static_cast<unsigned char>(a.data[i]) - static_cast<unsigned char>(b.data[i]);
+    if (difference != 0) return difference;
+  }
+  return a.length == b.length ? 0 : a.length < b.length ? -1 : 1;
+}
+
+int ZephVM_Stack::Compare() {
+  if (SP < 2) {
+    vm->FatalError("Stack underflow");
+    return 0;
+  }
+  const Entry* left = &entries[SP - 2];
+  const Entry* right = &entries[SP - 1];
+  int not_numeric;
+  int result = 0;
+  double a = NumericValue(left, &not_numeric);
+  double b = not_numeric ? 0.0 : NumericValue(right, &not_numeric);
+  if (not_numeric) {
+    result = CompareTexts(left, right);
+  } else if (!(a == b)) {
+    result = a < b ? -1 : 1;
+  }
+  Drop();
+  Drop();
+  return result;
+}
+
+void ZephVM_Stack::Dupe() {
+  if (SP == 0) {
+    vm->FatalError("Stack underflow");
+    return;
+  }
+  Entry* copy = Room();
+  if (!copy) return;
+  const Entry* source = copy - 1;
+  *copy = *source;
+  copy->deletable = 0;
+  copy->private_copy = 0;
+  if (!source->deletable && !source->private_copy) return;
+  // The source may be consumed first, so the copy must not lean on it.
+  SP--;
+  if (source->kind == KindString) {
+    copy->value.text = CopyText(source->value.text, source->length);
+    if (copy->size > copy->length) copy->size = copy->length + 1;
+  } else if (source->kind == KindVariable) {
+    source->value.variable->IncRefCount();
+  } else if (source->kind == KindLinkBuffer) {
+    auto buffer = std::make_unique<LinkBuffer>(kFirstBlock, kNextBlock);
+    buffer->cat(source->value.buffer);
+    copy->value.buffer = buffer.release();
+  }
+  copy->private_copy = source->kind >= KindString;
+  SP++;
+}
+
+void ZephVM_Stack::Swap(int a, int b) {
+  if (a < 0 || b < 0 || a >= SP || b >= SP) {
+    vm->FatalError("Invalid stack reference");
+    return;
+  }
+  if (a == b) return;
+  Entry held = entries[SP - 1 - a];
+  entries[SP - 1 - a] = entries[SP - 1 - b];
+  entries[SP - 1 - b] = held;
+}
+
+bool ZephVM_Stack::KeptElsewhere(const Entry* entry) const {
+  Variable* variable = entry->value.variable;
+  int others = variable->refcount() - 1;
+  if (others <= 0) return false;
+  // Counts held by entries that the same instruction may consume next do not keep a text alive.
+  if (others <= SP) {
+    for (const Entry* below = entries; below < entry; below++) {
+      if (below->kind == KindVariable && below->value.variable == variable &&
+          (below->deletable || below->private_copy)) {
+        others--;
+      }
+    }
+  }
+  return others > 0;
+}
+
+char* ZephVM_Stack::ConvertEntryToString(Entry* entry, int* length, int* size, int* deletable) {
+  const bool owned = entry->deletable || entry->private_copy;
+  *deletable = 1;
+  switch (entry->kind) {
+    case KindInteger: return ZephApplication::itos(entry->value.integer, length, size);
+    case KindDouble: return ZephApplication::dtos(entry->value.number, length, size, -1);
+    case KindString:
+      *length = entry->length;
+      *size = entry->size;
+      *deletable = owned;
+      return entry->value.text;
+    case KindLinkBuffer: {
+      if (owned) {
+        std::unique_ptr<LinkBuffer> buffer(entry->value.buffer);
+        Disown(entry);
+        char* text = buffer->release(length, size, 1);
+        text[*length] = '\0';
+        return text;
+      }
+      EntryText text = TextOf(entry);
+      *length = text.length;
+      *size = text.length + 1;
+      return CopyText(text.data, text.length);
+    }
+  }
+  Variable* variable = entry->value.variable;
+  int bytes;
+  const char* data = VariableText(variable, &bytes);
+  *length = bytes;
+  if (HasStableText(variable) && (!owned || KeptElsewhere(entry))) {
+    *size = bytes;
+    *deletable = 0;
+    if (owned) variable->DecRefCount();
+    return const_cast<char*>(data);
+  }
+  *size = bytes + 1;
+  char* copy = CopyText(data, bytes);
+  if (owned) variable->DecRefCount();
+  return copy;
+}
+
+// Moves or copies what an entry holds behind the buffer's text; the entry owns nothing afterwards.
+void ZephVM_Stack::AppendEntry(LinkBuffer* buffer, Entry* entry) {
+  const bool moved = entry->deletable;
+  switch (entry->kind) {
+    case KindInteger: buffer->cat(entry->value.integer); break;
+    case KindDouble: buffer->cat(entry->value.number); break;
+    case KindVariable: buffer->cat(entry->value.variable); break;
+    case KindString:
+      if (moved) {
+        buffer->cat_nocopy(entry->value.text, entry->length, entry->size);
+        Disown(entry);
+      } else {
+        buffer->cat(entry->value.text, entry->length);
+      }
+      break;
+    default:
+      if (moved) {
+        buffer->cat_destroy(entry->value.buffer);
+        Disown(entry);
+      } else {
+        buffer->cat(entry->value.buffer);
+      }
+  }
+  Free(entry);
+  Disown(entry);
+}
+
+// The mirror of AppendEntry, for the text in front.
+void ZephVM_Stack::PrependEntry(LinkBuffer* buffer, Entry* entry) {
+  const bool moved = entry->deletable;
+  switch (entry->kind) {
+    case KindInteger: buffer->prepend(entry->value.integer); break;
+    case KindDouble: buffer->prepend(entry->value.number); break;
+    case KindVariable: buffer->prepend(entry->value.variable); break;
+    case KindString:
+      if (moved) {
+        buffer->prepend_nocopy(entry->value.text, entry->length, entry->size);
+        Disown(entry);
+      } else {
+        buffer->prepend(entry->value.text, entry->length);
+      }
+      break;
+    default:
+      if (moved) {
+        buffer->prepend_destroy(entry->value.buffer);
+        Disown(entry);
+      } else {
+        buffer->prepend(entry->value.buffer);
+      }
+  }
+  Free(entry);
+  Disown(entry);
+}
+
+LinkBuffer* ZephVM_Stack::ConvertEntryToDeletableLinkBuffer(Entry* entry) {
+  if (entry->kind == KindLinkBuffer && entry->deletable) return entry->value.buffer;
+  auto buffer = std::make_unique<LinkBuffer>(kFirstBlock, kNextBlock);
+  AppendEntry(buffer.get(), entry);
+  return buffer.release();
+}
+
+void ZephVM_Stack::MakeLinkBuffer(Entry* entry) {
+  entry->value.buffer = ConvertEntryToDeletableLinkBuffer(entry);
+  entry->kind = KindLinkBuffer;
+  entry->deletable = 1;
+  entry->length = entry->size = 8;
+}
+
+void ZephVM_Stack::ConcatenateTexts(Entry* left, Entry* right) {
+  char* text;
+  long length;
+  {
+    EntryText a = TextOf(left);
+    if (left->kind == KindVariable && !HasStableText(left->value.variable)) {
+      a.temporary.reset(CopyText(a.data, a.length));
+      a.data = a.temporary.get();
+    }
+    EntryText b = TextOf(right);
+    length = static_cast<long>(a.length) + b.length;
+    if (length >= INT_MAX) throw std::bad_alloc();
+    text = new char[static_cast<size_t>(length) + 1];
+    memcpy(text, a.data, static_cast<size_t>(a.length));
+    memcpy(text + a.length, b.data, static_cast<size_t>(b.length));
+    text[length] = '\0';
+  }
+  Drop();
+  Drop();
+  PushS(text, static_cast<int>(length), static_cast<int>(length) + 1, 1);
+}
+
+void ZephVM_Stack::Concatenate() {
+  if (SP < 2) {
+    vm->FatalError("Stack underflow");
+    return;
+  }
+  // Both entries stay on the stack until the work is done: should memory run out, they are freed
+  // with it.
+  Entry* left = &entries[SP - 2];
+  Entry* right = &entries[SP - 1];
+  const bool right_is_buffer = right->kind == KindLinkBuffer && right->deletable;
+  const bool both_buffers = left->kind == KindLinkBuffer && right->kind == KindLinkBuffer;
+  if (left->deletable && (both_buffers || !right_is_buffer)) {
+    MakeLinkBuffer(left);
+    AppendEntry(left->value.buffer, right);
+    SP--;
+  } else if (right->deletable) {
+    MakeLinkBuffer(right);
+    PrependEntry(right->value.buffer, left);
+    *left = *right;
+    SP--;
+  } else {
+    ConcatenateTexts(left, right);
+  }
+}
+
+void ZephVM_Stack::Dump_Stack() {
+  static const char* const kNames[] = {"Integer", "Double", "String", "Variable", "LinkBuffer"};
+  printf("SP = %d, SS = %d\n", SP, SS);
+  printf("#   Type       D Data                                               Size\n");
+  for (int i = 0; i < SP; i++) {
+    const Entry* entry = &entries[i];
+    const char* name = kNames[entry->kind];
+    const char owned = entry->deletable ? 'Y' : 'n';
+    if (entry->kind == KindInteger) {
+      printf("%-3d %-10s %c %-50d %d %d\n", i, name, owned, entry->value.integer, entry->length,
+             entry->size);
+      continue;
+    }
+    if (entry->kind == KindDouble) {
+      printf("%-3d %-10s %c %-50f %d %d\n", i, name, owned, entry->value.number, entry->length,
+             entry->size);
+      continue;
+    }
+    EntryText text = TextOf(entry);
+    if (entry->kind == KindVariable) {
+      const String& variable = entry->value.variable->name();
+      int padding = 40 - variable.length - text.length;
+      printf("%-3d %-10s %c %lx %.*s=%.*s%*s %d %d\n", i, name, owned,
+             reinterpret_cast<unsigned long>(entry->value.variable), variable.length,
+             variable.data ? variable.data : kNothing, text.length, text.data,
+             padding > 0 ? padding : 0, "", entry->length, entry->size);
+    } else {
+      int padding = 50 - text.length;
+      printf("%-3d %-10s %c %.*s%*s %d %d\n", i, name, owned, text.length, text.data,
+             padding > 0 ? padding : 0, "", entry->length, entry->size);
+    }
+  }
+  printf("\n");
+}
