@@ -1,0 +1,176 @@
+// The request cycle: what is built for a request, the order of its stages, and the messages that
+// end it.
+
+#include "fastcgi/FastCGIApplication.h"
+
+#include <fcgiapp.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "base/CommerceLibrary.h"
+#include "base/Dictionary.h"
+#include "base/ExternalCall.h"
+#include "base/ExternalConfig.h"
+#include "base/ExternalDatabaseLibrary.h"
+#include "base/Function.h"
+#include "base/LocalizedDictionary.h"
+#include "base/LocalizedLanguages.h"
+#include "base/Segment.h"
+#include "base/SystemLibrary.h"
+#include "base/TaggedFile.h"
+#include "base/Variable.h"
+#include "base/VariableHash.h"
+#include "base/ZephVM.h"
+#include "base/systems/unix/UNIXReentrantFile.h"
+#include "fastcgi/FastCGIOutput.h"
+#include "fastcgi/FastCGIThreads.h"
+
+FastCGIApplication::FastCGIApplication(int argc, char** argv, int copied_argc, char** copied_argv,
+                                       FastCGIThreadManager* threads,
+                                       ExternalLibraryManager* libraries, FCGX_Request* fcgi)
+    : FastCGIBaseApplication(argc, argv, copied_argc, copied_argv, threads, libraries),
+      request(fcgi),
+      effective_user(static_cast<int>(geteuid())) {
+  path_info = Parameter("PATH_INFO");
+  query_string = Parameter("QUERY_STRING");
+  file_manager = new UNIXReentrantFileManager(this);
+  current_output = new FastCGIOutput(this, request);
+  if (const char* sent = Parameter("HTTP_COOKIE")) cookie.reset(zeph_strdup(sent));
+  if (!getcwd(working_directory, sizeof working_directory)) strcpy(working_directory, ".");
+}
+
+// What keeps files and variables goes before the file manager, which the base deletes.
+FastCGIApplication::~FastCGIApplication() {
+  delete dictionary;
+  delete system_variables;
+  delete global_variables;
+  delete segments;
+  delete functions;
+  delete external_calls;
+  delete languages;
+  delete localized;
+}
+
+const char* FastCGIApplication::Parameter(const char* name) const {
+  return FCGX_GetParam(name, request->envp);
+}
+
+int FastCGIApplication::Go(FastCGIThread* thread) {
+  thread_id = static_cast<int>(thread->number());
+  TaggedFile tagged(file_manager);
+  srand(static_cast<unsigned>(time(nullptr)));
+  BuildTables(&tagged);
+  int result = Run(&tagged);
+  // Before the tables and the file that it runs on.
+  delete vm;
+  vm = nullptr;
+  return result;
+}
+
+void FastCGIApplication::BuildTables(TaggedFile* tagged) {
+  dictionary = new Dictionary;
+  system_variables = new SystemVariableHash(dictionary, 12, 512);
+  global_variables = new VariableHash(dictionary, 12, 512);
+  segments = new SegmentManager;
+  functions = new FunctionManager(dictionary, 8);
+  external_calls = new ExternalCallManager(this);
+  commerce_manager = new CommerceLibraryManager(this);
+  database_manager = new ExternalDatabaseLibraryManager(this);
+  system_manager = new SystemLibraryManager(this);
+  languages = new LocalizedLanguages(this, dictionary, tagged, 12, 8);
+  localized = new LocalizedDictionary;
+  external_config = new ExternalConfig(this, external_calls, commerce_manager, database_manager,
+                                       system_manager, system_variables, global_variables);
+  configuration = external_config;
+}
+
+int FastCGIApplication::Run(TaggedFile* tagged) {
+  auto* response = static_cast<FastCGIOutput*>(current_output);
+  response->SetConfig(configuration);
+  String path;
+  if (!Prepare(tagged, &path)) return 1;
+  vm = new ZephVM(path.data, path.length, this, dictionary, system_variables, global_variables,
+                  segments, functions, external_calls, commerce_manager, database_manager,
+                  languages, localized, heartbeatcounter(), timedoutflag(), exitflag(), nullptr);
+  // The file can still be read on demand, but ties up no descriptor while the script runs.
+  tagged->Deactivate();
+  external_config->AddVariables();
+  OutputHeaders();
+  // The script's time starts here: loading and the upload do not count against it.
+  ResetGlobalTimeout();
+  vm->Go();
+  // The response's own output, also while a capture that the script left open stands in front:
+  // what was captured is lost, what was written before it is sent.
+  response->Flush(1);
+  return 0;
+}
+
+// From the settings to a loaded script.
+bool FastCGIApplication::Prepare(TaggedFile* tagged, String* path) {
+  if (!LoadConfiguration() || !CheckConfiguration()) return false;
+  file_manager->MaxFiles(configuration->value_integer(Config_max_files));
+  file_manager->SecurityOptions(configuration->value_integer(Config_flags_security));
+  File* file = nullptr;
+  return GetScriptInformation(&file, *path) && LoadScript(file, tagged, *path) &&
+         ProcessConfiguration();
+}
+
+void FastCGIApplication::OutputError(const char* text, int length) {
+  OutputHeaders();
+  current_output->Write_Error(text, length);
+}
+
+void FastCGIApplication::ConfigurationError(const String& text) {
+  String message("Configuration Error: ", -1);
+  if (text.length > 0) message.cat(text.data, text.length);
+  message.cat("<br>", -1);
+  const char* admin = configuration->value_string(Config_info_serveradmin);
+  if (admin) {
+    message.cat("Please contact the server administrator: ", -1);
+    message.cat(admin, -1);
+  }
+  Error(message);
+}
+
+void FastCGIApplication::OutputHeaders() {
+  if (header_stage_done) return;
+  header_stage_done = 1;
+  current_output->Header("Content-Type", "text/html");
+  if (configuration->value_integer(Config_cookies) != 0) OutputCookie();
+}
+
+// The visitor's id goes out with every response, so that a known visitor gets a fresh year.
+void FastCGIApplication::OutputCookie() {
+  static const char kName[] = "zixcallerid=";
+  static const long kYear = 31536000;
+  const char* found = cookie ? strstr(cookie.get(), kName) : nullptr;
+  String id;
+  if (found) {
+    found += sizeof kName - 1;
+    id.assign(found, static_cast<int>(strcspn(found, ";")));
+  }
+  if (id.length == 0) {
+    int length;
+    char* made = MakeSessionID(&length);
+    id.assign_nocopy(made, length, length + 1);
+  }
+  time_t expiry = time(nullptr) + kYear;
+  tm utc{};
+  gmtime_r(&expiry, &utc);
+  char date[64];
+  strftime(date, sizeof date, "%a, %d-%b-%Y %H:%M:%S GMT", &utc);
+  String field(kName, -1);
+  field.cat(id.data, id.length);
+  field.cat("; expires=", -1);
+  field.cat(date, -1);
+  field.cat("; path=/", -1);
+  // The length first: release() leaves the null string.
+  const int length = field.length;
+  current_output->Header("Set-Cookie", -1, 0, field.release(), length, 1);
+  if (system_variables) {
+    system_variables->SetVariable(new ImmutableVariable("callerid", -1, id.data, id.length));
+  }
+}

@@ -1,0 +1,89 @@
+// One request, from its parameters to its response. Go reads as the table of contents of all that
+// happens in between.
+
+#ifndef ZEPH_FASTCGI_FASTCGIAPPLICATION_H
+#define ZEPH_FASTCGI_FASTCGIAPPLICATION_H
+
+#include "fastcgi/FastCGIBaseApplication.h"
+
+class Dictionary;
+class ExternalCallManager;
+class ExternalConfig;
+class File;
+class FunctionManager;
+class LocalizedDictionary;
+class LocalizedLanguages;
+class SegmentManager;
+class SystemVariableHash;
+class TaggedFile;
+class VariableHash;
+struct FCGX_Request;
+
+// Made by a request thread for each request and deleted when it is answered; nothing of a script
+// outlives it. A stage that fails has sent its message to the client and answers false.
+class FastCGIApplication : public FastCGIBaseApplication {
+ public:
+  // Arguments as in _FastCGIMainArgs; all pointers are borrowed. The parameters of the request stay
+  // in place as long as the request does.
+  FastCGIApplication(int argc, char** argv, int copied_argc, char** copied_argv,
+                     FastCGIThreadManager* thread_manager, ExternalLibraryManager* library_manager,
+                     FCGX_Request* request);
+  ~FastCGIApplication() override;
+
+  // Answers the request: 0 when the script ran, 1 when it ended in an earlier stage.
+  int Go(FastCGIThread* thread);
+
+  void OutputError(const char* text, int length) override;
+  // Sends a failure of the configuration, with the address of whoever can mend it.
+  virtual void ConfigurationError(const String& text);
+
+  // The user id that owns the script file, 0 until it is read.
+  int ScriptOwner() const { return owner_id; }
+
+ private:
+  // A parameter of the request by name, null when it was not sent.
+  const char* Parameter(const char* name) const;
+
+  void BuildTables(TaggedFile* tagged);
+  int Run(TaggedFile* tagged);
+  bool Prepare(TaggedFile* tagged, String* path);
+
+  // Stages. The configuration (fastcgi/FastCGIConfiguration.cpp):
+  bool LoadConfiguration();
+  bool UsableLibrary(const char* path, bool* exists);
+  bool CheckConfiguration();
+  bool ProcessConfiguration();
+  // The script and its environment (fastcgi/FastCGIEnvironment.cpp):
+  bool GetScriptInformation(File** file, String& path);
+  bool ScriptRoot(const char** path, String* root, bool* has_root);
+  bool OpenScript(File** file, String& path);
+  bool LoadScript(File* file, TaggedFile* tagged, const String& path);
+  bool ReadSections(TaggedFile* tagged);
+  void OutputHeaders();
+  void OutputCookie();
+
+  bool ExecuteError(const String& path, const String& text, bool encode);
+
+  FCGX_Request* request;
+  char working_directory[512];
+  int effective_user;
+  int owner_id = 0;
+  const char* path_info;  // the parameters themselves; either may be null
+  const char* query_string;
+  const char* script_root = nullptr;  // these three belong to the settings
+  const char* temp_directory = nullptr;
+  const char* user_directory = nullptr;
+  String data_directory;
+  String user_name;                           // of a ~name request
+  ExternalConfig* external_config = nullptr;  // the base's configuration
+  Dictionary* dictionary = nullptr;
+  SystemVariableHash* system_variables = nullptr;
+  VariableHash* global_variables = nullptr;
+  SegmentManager* segments = nullptr;
+  FunctionManager* functions = nullptr;
+  ExternalCallManager* external_calls = nullptr;
+  LocalizedLanguages* languages = nullptr;
+  LocalizedDictionary* localized = nullptr;
+};
+
+#endif

@@ -1,0 +1,86 @@
+// The stages of a request that find, load and obey the configuration.
+
+#include <fcgiapp.h>
+#include <sys/stat.h>
+
+#include "base/ExternalConfig.h"
+#include "base/systems/unix/UNIXReentrantFile.h"
+#include "fastcgi/FastCGIApplication.h"
+#include "fastcgi/FastCGIOutput.h"
+
+namespace {
+
+const char kLoading[] = "Error loading configuration library: ";
+
+String LoadingError(const char* text, int length) {
+  String message(kLoading, -1);
+  if (length != 0) message.cat(text, length);
+  return message;
+}
+
+}  // namespace
+
+// Whether the file may be loaded: it runs inside the process, so it belongs to the process's user
+// or to root. A library of anybody else has been reported when the answer is false.
+bool FastCGIApplication::UsableLibrary(const char* path, bool* exists) {
+  struct stat status;
+  *exists = stat(path, &status) == 0;
+  if (!*exists) return false;
+  if (status.st_uid == 0 || static_cast<int>(status.st_uid) == effective_user) return true;
+  ConfigurationError(LoadingError("UID mismatch", -1));
+  return false;
+}
+
+bool FastCGIApplication::LoadConfiguration() {
+  String path(working_directory, -1);
+  path.cat("/libzephconfig.so", -1);
+  const char* library = path.data;
+  bool exists;
+  bool usable = UsableLibrary(library, &exists);
+  if (!exists) {
+    library = Parameter("ZpCONFIG_LIBRARY");
+    usable = library && UsableLibrary(library, &exists);
+  }
+  if (!exists) {
+    ConfigurationError(LoadingError("Unable to locate/load libzephconfig.so", -1));
+    return false;
+  }
+  if (!usable) return false;
+  if (external_config->Load(library, 0, copied_arguments, copied_argument_count)) return true;
+  const String& text = external_config->error();
+  ConfigurationError(LoadingError(text.data, text.length));
+  return false;
+}
+
+bool FastCGIApplication::CheckConfiguration() {
+  script_root = configuration->value_string(Config_dir_zeph);
+  temp_directory = configuration->value_string(Config_dir_temp);
+  user_directory = configuration->value_string(Config_dir_user);
+  if (!script_root) {
+    ConfigurationError("zephroot is not defined");
+    return false;
+  }
+  if (temp_directory && !file_manager->InitializeTempDirectory(temp_directory)) {
+    ConfigurationError(file_manager->error());
+    return false;
+  }
+  return true;
+}
+
+// Behind the loading of the script, so that settings for this script alone count.
+bool FastCGIApplication::ProcessConfiguration() {
+  const char* directory = configuration->value_string(Config_dir_data);
+  if (!directory) {
+    ConfigurationError("No data directory is defined");
+    return false;
+  }
+  data_directory.assign(directory, -1);
+  if (!file_manager->InitializeDataDirectory(directory)) {
+    ConfigurationError(file_manager->error());
+    return false;
+  }
+  auto* response = static_cast<FastCGIOutput*>(current_output);
+  response->SetBlockSize(configuration->buffer_size(Config_bufsz_output));
+  response->SetFlushThreshold(configuration->buffer_size(Config_bufsz_output_flush));
+  return true;
+}

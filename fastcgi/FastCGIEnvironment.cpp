@@ -1,0 +1,160 @@
+// The stages of a request that find, open and load its script.
+
+#include <fcgiapp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "base/Dictionary.h"
+#include "base/ExternalConfig.h"
+#include "base/Function.h"
+#include "base/LocalizedDictionary.h"
+#include "base/LocalizedLanguages.h"
+#include "base/Segment.h"
+#include "base/TaggedFile.h"
+#include "base/VariableHash.h"
+#include "base/systems/unix/UNIXReentrantFile.h"
+#include "fastcgi/FastCGIApplication.h"
+
+namespace {
+
+// The home directory of a user; false for a name that the system does not know.
+bool HomeDirectory(const char* user, String* home) {
+  long room = sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::vector<char> buffer(static_cast<size_t>(room > 0 ? room : 1024));
+  passwd entry;
+  passwd* found = nullptr;
+  while (getpwnam_r(user, &entry, buffer.data(), buffer.size(), &found) == ERANGE) {
+    buffer.resize(buffer.size() * 2);
+  }
+  if (!found) return false;
+  home->assign(entry.pw_dir, -1);
+  return true;
+}
+
+}  // namespace
+
+// "Unable to execute 'path': text". A path that comes from the request is shown encoded.
+bool FastCGIApplication::ExecuteError(const String& path, const String& text, bool encode) {
+  String message("Unable to execute '", -1);
+  if (encode) {
+    int length, size;
+    char* encoded = EncodeEntities(path.data, path.length, &length, &size);
+    String shown(encoded, length, size);
+    message.cat(shown.data, shown.length);
+  } else {
+    message.cat(path.data, path.length);
+  }
+  message.cat("': ", -1);
+  if (text.length > 0) message.cat(text.data, text.length);
+  Error(message);
+  return false;
+}
+
+bool FastCGIApplication::GetScriptInformation(File** file, String& path) {
+  const char* text;
+  String query;
+  if (path_info) {
+    text = *path_info == '/' ? path_info + 1 : path_info;
+  } else if (copied_argument_count >= 2) {
+    text = copied_arguments[1];
+  } else if (query_string) {
+    query.assign(query_string, static_cast<int>(strcspn(query_string, "+")));
+    text = query.data;
+  } else {
+    text = configuration->value_string(Config_default_file);
+    if (!text) text = "";
+  }
+  String root;
+  bool has_root;
+  if (!ScriptRoot(&text, &root, &has_root)) return false;
+  if (!file_manager->InitializeScriptDirectory(has_root ? root.data : nullptr,
+                                               user_name.length > 0 ? user_name.data : nullptr)) {
+    ConfigurationError(file_manager->error());
+    return false;
+  }
+  path.assign(text, -1);
+  return OpenScript(file, path);
+}
+
+// The directory in which the script is looked for: dir_zeph, or a user's own for a path that begins
+// with "~name/". *path is moved behind the name then. A "~" path without a further "/" has no root.
+bool FastCGIApplication::ScriptRoot(const char** path, String* root, bool* has_root) {
+  *has_root = true;
+  if ((*path)[0] != '~' || (*path)[1] == '\0') {
+    root->assign(script_root, -1);
+    return true;
+  }
+  const char* slash = strchr(*path, '/');
+  if (!slash) {
+    *has_root = false;
+    return true;
+  }
+  user_name.assign(*path + 1, static_cast<int>(slash - *path) - 1);
+  if (!HomeDirectory(user_name.data, root)) {
+    String message("Invalid user '", -1);
+    message.cat(user_name.data, user_name.length);
+    message.cat('\'');
+    ConfigurationError(message);
+    return false;
+  }
+  root->cat('/');
+  if (user_directory) root->cat(user_directory, -1);
+  *path = slash + 1;
+  return true;
+}
+
+// Opens what the path names; in a directory, its default file, and so on.
+bool FastCGIApplication::OpenScript(File** file, String& path) {
+  for (;;) {
+    std::unique_ptr<File> opened(file_manager->Open(ZephPath_Script, path.data, FileMode_Read));
+    if (!opened) return ExecuteError(path, file_manager->error(), true);
+    bool directory;
+    if (!opened->IsDirectory(&directory)) return ExecuteError(path, opened->error(), true);
+    if (!directory) {
+      *file = opened.release();
+      return true;
+    }
+    const int before = path.length;
+    if (path.length == 0 || path.data[path.length - 1] != '/') path.cat('/');
+    if (const char* name = configuration->value_string(Config_default_file)) path.cat(name, -1);
+    // A default file that names the directory itself, or nothing, would be followed for ever.
+    if (path.length >= PATH_MAX || path.length == before) {
+      errno = path.length == before ? EISDIR : ENAMETOOLONG;
+      return ExecuteError(path, lasterror(), true);
+    }
+  }
+}
+
+bool FastCGIApplication::LoadScript(File* file, TaggedFile* tagged, const String& path) {
+  std::unique_ptr<File> owned(file);
+  if (!external_config->LoadScriptConfig(path.data, file)) {
+    owned.reset();
+    ConfigurationError(external_config->error());
+    return false;
+  }
+  if (!file->OwnerID(&owner_id)) {
+    owned.reset();
+    return ExecuteError(path, tagged->error(), false);
+  }
+  if (!tagged->Open(path.data, file)) {
+    String text(tagged->error());
+    owned.reset();
+    return ExecuteError(path, text, false);
+  }
+  static_cast<void>(owned.release());  // the container's from here on
+  if (ReadSections(tagged)) return true;
+  return ExecuteError(path, "File is either corrupt or not a valid compiled Zeph Script file",
+                      false);
+}
+
+bool FastCGIApplication::ReadSections(TaggedFile* tagged) {
+  return dictionary->Read(tagged) && system_variables->Read(tagged, MakeTag("syst")) &&
+         global_variables->Read(tagged, MakeTag("glbl")) && languages->Read() &&
+         localized->Read(tagged) && segments->Read(tagged) && functions->Read(tagged);
+}

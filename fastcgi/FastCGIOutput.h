@@ -1,0 +1,26 @@
+// The output of a request: libfcgi's stream.
+
+#ifndef ZEPH_FASTCGI_FASTCGIOUTPUT_H
+#define ZEPH_FASTCGI_FASTCGIOUTPUT_H
+
+#include "base/HTTPOutput.h"
+
+class FastCGIApplication;
+struct FCGX_Request;
+
+// Hands bytes to libfcgi, which sends them when its own buffer is full or the request is finished.
+class FastCGIOutput : public HTTPOutput {
+ public:
+  // Both are borrowed.
+  FastCGIOutput(FastCGIApplication* application, FCGX_Request* request);
+
+  void OutputHeaders() override;
+  // A client that is gone cancels the script.
+  int DoWrite(const char* text, int length) override;
+
+ private:
+  FastCGIApplication* application;
+  FCGX_Request* request;
+};
+
+#endif

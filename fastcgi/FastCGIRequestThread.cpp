@@ -1,0 +1,65 @@
+// Accept, answer, finish, again.
+
+#include "fastcgi/FastCGIRequestThread.h"
+
+#include <fcgiapp.h>
+
+#include <cerrno>
+#include <new>
+
+#include "fastcgi/FastCGIApplication.h"
+#include "fastcgi/FastCGIExternalLibrary.h"
+#include "fastcgi/FastCGIThreads.h"
+
+namespace {
+
+// What accept gets when the process or the machine is short of something for a moment.
+bool IsPassing(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM ||
+         error == ECONNABORTED;
+}
+
+const std::chrono::milliseconds kShortage(100);
+
+int Accept(FCGX_Request* request) {
+  AcceptInterruptible interruptible;
+  return FCGX_Accept_r(request);
+}
+
+// Runs one request. Memory that a hostile length asked for and that is not to be had ends the
+// request, not the process.
+void Answer(FastCGITaskThread* thread, _FastCGIMainArgs* arguments, FastCGIThreadManager* manager,
+            FCGX_Request* request) {
+  try {
+    FastCGIApplication application(arguments->argument_count, arguments->arguments,
+                                   arguments->copied_argument_count, arguments->copied_arguments,
+                                   manager, arguments->library_manager, request);
+    // Declared behind the application, so that the thread forgets it first, however it ends.
+    CurrentApplication current(thread, &application);
+    application.Go(thread);
+  } catch (const std::bad_alloc&) {
+  }
+}
+
+}  // namespace
+
+void* FastCGIRequestThread(void* argument) {
+  auto* thread = static_cast<FastCGITaskThread*>(argument);
+  auto* arguments = static_cast<_FastCGIMainArgs*>(thread->argument());
+  FCGX_Request request;
+  FCGX_InitRequest(&request, 0, FCGI_FAIL_ACCEPT_ON_INTR);
+  while (!FastCGIShutdownPending.load()) {
+    int result = Accept(&request);
+    if (result == -EINTR) continue;
+    if (IsPassing(-result) && !FastCGIShutdownPending.load()) {
+      thread->WaitForStop(std::chrono::system_clock::now() + kShortage);
+      continue;
+    }
+    if (result < 0) break;
+    Answer(thread, arguments, thread->Manager(), &request);
+    FCGX_Finish_r(&request);
+    if (thread->Stopped()) break;
+  }
+  thread->Exit();
+  return nullptr;
+}

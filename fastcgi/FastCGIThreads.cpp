@@ -1,0 +1,257 @@
+// Threads, heartbeat, signals and the way down.
+//
+// A signal sets a flag; the heartbeat sees it within five seconds and calls Shutdown; each request
+// thread ends its script, finishes its response and leaves; Run joins it. When the last one is gone
+// the heartbeat is released.
+
+#include "fastcgi/FastCGIThreads.h"
+
+#include <fcgiapp.h>
+#include <csignal>
+#include <ctime>
+
+#include "fastcgi/FastCGIBaseApplication.h"
+#include "fastcgi/FastCGIRequestThread.h"
+
+std::atomic<char> FastCGICancelPending{0};
+std::atomic<char> FastCGIShutdownPending{0};
+
+namespace {
+
+const std::chrono::seconds kBeat(5);
+const std::chrono::seconds kAcceptRetry(1);
+const size_t kStackSize = 8 << 20;
+
+const int kSignals[] = {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM, SIGUSR1, SIGUSR2};
+
+sigset_t HandledSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int signal : kSignals) sigaddset(&set, signal);
+  return set;
+}
+
+sigset_t AcceptSignal() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGUSR2);
+  return set;
+}
+
+// SIGUSR2 interrupts accept, which has to return then; all other calls are restarted.
+void InstallHandler(int signal) {
+  struct sigaction action {};
+  action.sa_handler = FastCGISignalHandler;
+  action.sa_flags = signal == SIGUSR2 ? 0 : SA_RESTART;
+  sigaction(signal, &action, nullptr);
+}
+
+// Beats until it is released. A shutdown does not end it: a script that a thread began just then
+// has to be cancelled as well.
+void* FastCGIHeartbeatThread(void* argument) {
+  auto* thread = static_cast<FastCGIThread*>(argument);
+  auto* manager = static_cast<FastCGIThreadManager*>(thread->argument());
+  Condition::Time next = std::chrono::system_clock::now() + kBeat;
+  while (!thread->WaitForStop(next)) {
+    if (FastCGIShutdownPending.load()) {
+      if (!manager->ShuttingDown()) manager->Shutdown();
+      manager->Cancelled();
+    } else if (FastCGICancelPending.exchange(0)) {
+      manager->Cancelled();
+    }
+    manager->Heartbeat(time(nullptr));
+    next += kBeat;
+  }
+  manager->Cancelled();
+  return nullptr;
+}
+
+}  // namespace
+
+void FastCGISignalHandler(int signal) {
+  if (signal == SIGHUP) {
+    FastCGICancelPending.store(1);
+    return;
+  }
+  if (FastCGIShutdownPending.load()) return;
+  FCGX_ShutdownPending();
+  FastCGIShutdownPending.store(1);
+}
+
+AcceptInterruptible::AcceptInterruptible() {
+  static const sigset_t set = AcceptSignal();
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+AcceptInterruptible::~AcceptInterruptible() {
+  static const sigset_t set = AcceptSignal();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+// --- FastCGIThread -------------------------------------------------------------------------------
+
+FastCGIThread::FastCGIThread(unsigned number, FastCGIThreadManager* owner, StartRoutine routine,
+                             void* argument)
+    : thread_number(number), manager(owner), start_routine(routine), start_argument(argument) {}
+
+FastCGIThread::~FastCGIThread() = default;
+
+void FastCGIThread::Heartbeat(long) {}
+void FastCGIThread::Cancelled() {}
+
+int FastCGIThread::Start() {
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  size_t size = 0;
+  pthread_attr_getstacksize(&attributes, &size);
+  if (size < kStackSize) pthread_attr_setstacksize(&attributes, kStackSize);
+  int result = pthread_create(&thread, &attributes, start_routine, this);
+  pthread_attr_destroy(&attributes);
+  return result;
+}
+
+void FastCGIThread::Stop() {
+  MutexGuard guard(stop_mutex);
+  stop = true;
+  stop_condition.Broadcast();
+}
+
+bool FastCGIThread::Stopped() {
+  MutexGuard guard(stop_mutex);
+  return stop;
+}
+
+bool FastCGIThread::WaitForStop(Condition::Time until) {
+  MutexGuard guard(stop_mutex);
+  while (!stop) {
+    if (!stop_condition.WaitUntil(stop_mutex, until)) break;
+  }
+  return stop;
+}
+
+void FastCGIThread::Exit() {
+  manager->ThreadExited(this);
+}
+
+// --- FastCGITaskThread ---------------------------------------------------------------------------
+
+void FastCGITaskThread::SetApplication(FastCGIBaseApplication* application) {
+  MutexGuard guard(application_mutex);
+  current_application = application;
+}
+
+void FastCGITaskThread::Heartbeat(long now) {
+  MutexGuard guard(application_mutex);
+  if (current_application) current_application->Heartbeat(now);
+}
+
+void FastCGITaskThread::Cancelled() {
+  MutexGuard guard(application_mutex);
+  if (current_application) current_application->Cancelled();
+}
+
+// --- FastCGIThreadManager ------------------------------------------------------------------------
+
+FastCGIThreadManager::FastCGIThreadManager()
+    : threads(1), heartbeat_thread(0, this, FastCGIHeartbeatThread, this), exited(0) {}
+
+FastCGIThreadManager::~FastCGIThreadManager() = default;
+
+void FastCGIThreadManager::BlockSignals() {
+  sigset_t set = HandledSignals();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+int FastCGIThreadManager::StartRequestThread(_FastCGIMainArgs* arguments) {
+  return StartTaskThread(FastCGIRequestThread, arguments);
+}
+
+int FastCGIThreadManager::StartTaskThread(FastCGIThread::StartRoutine routine, void* argument) {
+  // Held until the thread exists: the list must not be walked with a thread in it that has no
+  // handle yet.
+  MutexGuard guard(manager_mutex);
+  auto* thread = new FastCGITaskThread(++last_number, this, routine, argument);
+  threads.Insert(thread, ListTail);
+  int result = thread->Start();
+  if (result != 0) delete threads.Remove(ListTail);
+  return result;
+}
+
+void FastCGIThreadManager::Run() {
+  // libfcgi has installed handlers of its own; these replace them.
+  for (int number : kSignals) InstallHandler(number);
+  const bool beating = heartbeat_thread.Start() == 0;
+  sigset_t set = HandledSignals();
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  {
+    MutexGuard guard(manager_mutex);
+    for (;;) {
+      if (FastCGIThread* thread = NextExited()) {
+        pthread_join(thread->handle(), nullptr);
+        threads.Seek(thread);
+        delete threads.Remove(ListCurrent);
+      } else if (!threads.First()) {
+        break;
+      } else {
+        WaitForExit();
+      }
+    }
+  }
+  if (!beating) return;
+  heartbeat_thread.Stop();
+  pthread_join(heartbeat_thread.handle(), nullptr);
+}
+
+// The exited thread that is still in the list, or null.
+FastCGIThread* FastCGIThreadManager::NextExited() {
+  while (exited.Top()) {
+    FastCGIThread* thread = exited.Pop();
+    if (threads.Seek(thread)) return thread;
+  }
+  return nullptr;
+}
+
+void FastCGIThreadManager::WaitForExit() {
+  if (!ShuttingDown()) {
+    condition.Wait(manager_mutex);
+    return;
+  }
+  for (FastCGIThread* thread = threads.First(); thread; thread = threads.Next()) thread->Stop();
+  // The signal can fall between a thread's test and its accept, so it is sent again.
+  if (!condition.WaitUntil(manager_mutex, std::chrono::system_clock::now() + kAcceptRetry)) {
+    InterruptAccept();
+  }
+}
+
+void FastCGIThreadManager::InterruptAccept() {
+  for (FastCGIThread* thread = threads.First(); thread; thread = threads.Next()) {
+    pthread_kill(thread->handle(), SIGUSR2);
+  }
+}
+
+void FastCGIThreadManager::Shutdown() {
+  MutexGuard guard(manager_mutex);
+  shutdown.store(true, std::memory_order_relaxed);
+  InterruptAccept();
+  condition.Signal();
+}
+
+void FastCGIThreadManager::Cancelled() {
+  MutexGuard guard(manager_mutex);
+  for (FastCGIThread* thread = threads.First(); thread; thread = threads.Next()) {
+    thread->Cancelled();
+  }
+}
+
+void FastCGIThreadManager::Heartbeat(long now) {
+  MutexGuard guard(manager_mutex);
+  for (FastCGIThread* thread = threads.First(); thread; thread = threads.Next()) {
+    thread->Heartbeat(now);
+  }
+}
+
+void FastCGIThreadManager::ThreadExited(FastCGIThread* thread) {
+  MutexGuard guard(manager_mutex);
+  exited.Push(thread);
+  condition.Signal();
+}
