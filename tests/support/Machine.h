@@ -64,6 +64,8 @@ class Machine {
   int Global(const char* name) { return global.Insert(name, -1); }
 
   int Go() { return vm().Go(); }
+  // Deletes the machine, as the end of a request does.
+  void Close() { machine.reset(); }
   const std::string& Output() const { return output.text; }
   std::string Value(const char* name) {
     Variable* variable = nullptr;
