@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <new>
 
+#include "base/Variable.h"
 #include "fastcgi/FastCGIApplication.h"
 #include "fastcgi/FastCGIExternalLibrary.h"
 #include "fastcgi/FastCGIThreads.h"
@@ -39,6 +40,8 @@ void Answer(FastCGITaskThread* thread, _FastCGIMainArgs* arguments, FastCGIThrea
     application.Go(thread);
   } catch (const std::bad_alloc&) {
   }
+  // Values that the script tied into circles are held by nobody now.
+  Variable::FreeCycles();
 }
 
 }  // namespace

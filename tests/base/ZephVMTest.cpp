@@ -87,7 +87,7 @@ TEST(ZephVM, StackOverflowEndsTheRun) {
 }
 
 TEST(ZephVM, ExitEndsTheRunInOrder) {
-  for (unsigned short word : {static_cast<unsigned short>(exit), static_cast<unsigned short>(exit2)}) {
+  for (Word word : {Instruction::exit, exit2}) {
     Machine machine;
     machine.Text("a").Op(out).Op(word).Text("b").Op(out);
     EXPECT_EQ(machine.Go(), 1);
@@ -98,7 +98,7 @@ TEST(ZephVM, ExitEndsTheRunInOrder) {
 
 TEST(ZephVM, ErrorBeatsExit) {
   Machine machine;
-  machine.Op(pop).Op(exit);
+  machine.Op(pop).Op(Instruction::exit);
   EXPECT_EQ(machine.Go(), 0);
 }
 
@@ -238,8 +238,11 @@ TEST(ZephVMError, RuntimeErrorFollowsTheSettingsOfItsTag) {
     EXPECT_EQ(machine.vm().stopped(), c.stopped);
     EXPECT_EQ(machine.Error().substr(0, 33), "Runtime error in dir/page.zpc @ [");
     EXPECT_NE(machine.Error().find("it failed\n"), std::string::npos);
-    if (c.variable) EXPECT_EQ(machine.Value(c.variable), "it failed");
-    if (!c.variable) EXPECT_EQ(machine.global.Entries(), 0);
+    if (c.variable) {
+      EXPECT_EQ(machine.Value(c.variable), "it failed");
+    } else {
+      EXPECT_EQ(machine.global.Entries(), 0);
+    }
   }
 }
 
@@ -304,8 +307,7 @@ TEST(ZephVM, GlobalsAreMadeAtFirstUse) {
 }
 
 TEST(ZephVM, PositionOutsideTheTableIsFatal) {
-  for (unsigned short word : {static_cast<unsigned short>(pushg), static_cast<unsigned short>(popg),
-                              static_cast<unsigned short>(pushl), static_cast<unsigned short>(popl)}) {
+  for (Word word : {pushg, popg, pushl, popl}) {
     Machine machine;
     machine.Op(pushi, 1).Op(word, 7);
     EXPECT_EQ(machine.Go(), 0);
