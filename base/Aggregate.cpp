@@ -125,7 +125,7 @@ void AggregateElementTree::Listing(std::vector<AggregateElement*>* elements) con
     far.reset(new Node*[static_cast<size_t>(Entries())]);
     above = far.get();
   }
-  elements->reserve(elements->size() + static_cast<size_t>(Entries()));
+  if (elements->empty()) elements->reserve(static_cast<size_t>(Entries()));
   int depth = 0;
   Node* node = root;
   while (node || depth > 0) {

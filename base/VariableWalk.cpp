@@ -2,8 +2,6 @@
 
 #include "base/VariableWalk.h"
 
-#include <algorithm>
-
 #include "base/Aggregate.h"
 #include "base/Variable.h"
 
@@ -43,14 +41,13 @@ VariableWalk::Step VariableWalk::Next() {
 }
 
 void VariableWalk::PushElements(AggregateElementTree* tree) {
-  std::vector<AggregateElement*> elements;
+  listing.clear();
   if (order == ByKey) {
-    tree->Listing(&elements);
+    tree->Listing(&listing);
   } else {
-    tree->ListingForCopy(&elements);
+    tree->ListingForCopy(&listing);
   }
-  pending.reserve(pending.size() + elements.size());
-  for (auto element = elements.rbegin(); element != elements.rend(); ++element) {
+  for (auto element = listing.rbegin(); element != listing.rend(); ++element) {
     if (Variable* variable = (*element)->var()) {
       pending.push_back({*element, variable, nullptr, false});
     }

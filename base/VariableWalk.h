@@ -55,7 +55,8 @@ class VariableWalk {
 
   Order order;
   Item item = {nullptr, nullptr, nullptr, false};
-  std::vector<Item> pending;  // the next one last; entered ones stand for their Leave
+  std::vector<Item> pending;               // the next one last; entered ones stand for their Leave
+  std::vector<AggregateElement*> listing;  // of one aggregate, kept for its memory
 };
 
 #endif
