@@ -1,40 +1,45 @@
-// Numbers and script values in a LinkBuffer, and its way to an output.
-// Tests: tests/base/LinkBufferTest.cpp
+// The script's values in a LinkBuffer: numbers in the text form that scripts see, which is adopted
+// as a block and not copied, and variables. Apart from the chain, so that what only gathers bytes
+// does not pull the values in. Tested in tests/base/LinkBufferValuesTest.cpp.
 
 #include "base/LinkBuffer.h"
 #include "base/Variable.h"
 #include "base/ZephApplication.h"
 
 void LinkBuffer::cat(int value) {
-  int length, size;
+  int length;
+  int size;
   char* text = ZephApplication::itos(value, &length, &size);
   cat_nocopy(text, length, size);
 }
 
 void LinkBuffer::cat(double value) {
-  int length, size;
+  int length;
+  int size;
   char* text = ZephApplication::dtos(value, &length, &size, -1);
   cat_nocopy(text, length, size);
 }
 
 void LinkBuffer::cat(Variable* variable) {
   const String& text = variable->value();
-  if (text.data) cat(text.data, text.length);
+  cat(text.data, text.length);
 }
 
 void LinkBuffer::prepend(int value) {
-  int length, size;
+  int length;
+  int size;
   char* text = ZephApplication::itos(value, &length, &size);
   prepend_nocopy(text, length, size);
 }
 
 void LinkBuffer::prepend(double value) {
-  int length, size;
+  int length;
+  int size;
   char* text = ZephApplication::dtos(value, &length, &size, -1);
   prepend_nocopy(text, length, size);
 }
 
 void LinkBuffer::prepend(Variable* variable) {
   const String& text = variable->value();
-  if (text.data) prepend(text.data, text.length);
+  prepend(text.data, text.length);
 }
