@@ -1,0 +1,178 @@
+// Connections as web servers use them, and as they do not.
+
+#include <atomic>
+#include <thread>
+
+#include "tests/e2e/Pages.h"
+
+namespace {
+
+using Milliseconds = FastCGIClient::Milliseconds;
+
+class Connections : public testing::Test {
+ protected:
+  Connections() {
+    engine.Script("page.zpc", Writes("page"));
+    engine.Script("flood.zpc", Floods(20000));
+  }
+
+  EngineProcess engine;
+};
+
+TEST_F(Connections, AKeptConnectionServesOneRequestAfterTheOther) {
+  engine.arguments = {"-t", "1"};
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient client;
+  ASSERT_TRUE(client.Connect(engine.socket()));
+  for (int i = 0; i < 5; i++) {
+    ExpectPage(client.Request(engine.Parameters("/page.zpc"), "", true), "page");
+    ExpectFailure(client.Request(engine.Parameters("/nowhere"), "", true),
+                  "Unable to execute 'nowhere': No such file or directory");
+  }
+}
+
+TEST_F(Connections, AConnectionThatIsNotKeptIsClosed) {
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient client;
+  ASSERT_TRUE(client.Connect(engine.socket()));
+  ExpectPage(client.Request(engine.Parameters("/page.zpc")), "page");
+  EXPECT_TRUE(client.WaitForClose());
+}
+
+TEST_F(Connections, AKeptConnectionThatIsClosedGivesItsThreadBack) {
+  engine.arguments = {"-t", "1"};
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient kept;
+  ASSERT_TRUE(kept.Connect(engine.socket()));
+  ExpectPage(kept.Request(engine.Parameters("/page.zpc"), "", true), "page");
+  kept.Close();
+  ExpectPage(engine.Get("/page.zpc"), "page");
+}
+
+TEST_F(Connections, RequestIdsAreAnswered) {
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient client;
+  ASSERT_TRUE(client.Connect(engine.socket()));
+  ASSERT_TRUE(client.Begin(false, 0x1234));
+  ASSERT_TRUE(client.Parameters(engine.Parameters("/page.zpc")));
+  ASSERT_TRUE(client.EndParameters());
+  ASSERT_TRUE(client.EndInput());
+  ExpectPage(client.Read(), "page");
+}
+
+TEST_F(Connections, ParametersInManySmallRecordsAndInLargeOnes) {
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient client;
+  ASSERT_TRUE(client.Connect(engine.socket()));
+  ASSERT_TRUE(client.Begin());
+  for (const auto& parameter : engine.Parameters("/page.zpc"))
+    ASSERT_TRUE(client.Parameters({parameter}));
+  ASSERT_TRUE(client.Parameters({{"HTTP_X_LARGE", std::string(300000, 'x')}}));
+  ASSERT_TRUE(client.EndParameters());
+  ASSERT_TRUE(client.EndInput());
+  ExpectPage(client.Read(), "page");
+}
+
+TEST_F(Connections, InputThatNobodyReadsDoesNotDisturb) {
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc", {}, std::string(200000, 'x')), "page");
+}
+
+TEST_F(Connections, AClientThatLeavesInTheMiddleEndsItsScript) {
+  engine.arguments = {"-t", "1"};
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient client;
+  ASSERT_TRUE(client.Connect(engine.socket()));
+  ASSERT_TRUE(client.Begin());
+  ASSERT_TRUE(client.Parameters(engine.Parameters("/flood.zpc")));
+  ASSERT_TRUE(client.EndParameters());
+  ASSERT_TRUE(client.EndInput());
+  EXPECT_GE(client.ReadOutput(100000).size(), 100000u);
+  client.Close();
+  // The only thread is free again, and the process is none the worse.
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  EXPECT_TRUE(engine.Running());
+}
+
+TEST_F(Connections, AClientThatLeavesBeforeItsRequestIsWholeDisturbsNobody) {
+  engine.arguments = {"-t", "1"};
+  ASSERT_TRUE(engine.Start());
+  for (int stage = 0; stage < 4; stage++) {
+    SCOPED_TRACE(stage);
+    FastCGIClient client;
+    EXPECT_TRUE(client.Connect(engine.socket()));
+    EXPECT_TRUE(stage < 1 || client.Begin());
+    EXPECT_TRUE(stage < 2 || client.Parameters(engine.Parameters("/page.zpc")));
+    EXPECT_TRUE(stage < 3 || client.Send("\1\4"));
+    client.Close();
+  }
+  ExpectPage(engine.Get("/page.zpc"), "page");
+}
+
+TEST_F(Connections, BytesThatAreNoRecordsDisturbNobody) {
+  engine.arguments = {"-t", "1"};
+  ASSERT_TRUE(engine.Start());
+  for (const char* bytes :
+       {"GET / HTTP/1.1\r\nHost: localhost\r\n\r\n", "\1\1", "\xFF\xFF\xFF\xFF"}) {
+    FastCGIClient client;
+    ASSERT_TRUE(client.Connect(engine.socket()));
+    ASSERT_TRUE(client.Send(bytes));
+    client.Close();
+  }
+  ExpectPage(engine.Get("/page.zpc"), "page");
+}
+
+TEST_F(Connections, AnAbortedRequestIsEnded) {
+  engine.arguments = {"-t", "1"};
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient client;
+  ASSERT_TRUE(client.Connect(engine.socket()));
+  ASSERT_TRUE(client.Begin());
+  ASSERT_TRUE(client.Parameters(engine.Parameters("/page.zpc")));
+  ASSERT_TRUE(client.EndParameters());
+  ASSERT_TRUE(client.Abort());
+  EXPECT_TRUE(client.Read().ended);
+  ExpectPage(engine.Get("/page.zpc"), "page");
+}
+
+TEST_F(Connections, ManyClientsAtOnceGetTheirOwnPages) {
+  constexpr int pages = 8;
+  for (int i = 0; i < pages; i++) {
+    engine.Script("page" + std::to_string(i) + ".zpc",
+                  Writes("page " + std::to_string(i) + " " +
+                         std::string(static_cast<size_t>(i) * 3000, 'x')));
+  }
+  ASSERT_TRUE(engine.Start());
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> clients;
+  for (int c = 0; c < 16; c++) {
+    clients.emplace_back([&, c] {
+      for (int i = 0; i < 20; i++) {
+        int page = (c + i) % pages;
+        FastCGIResponse response = engine.Get(("/page" + std::to_string(page) + ".zpc").c_str());
+        std::string expected = "page " + std::to_string(page) + " " +
+                               std::string(static_cast<size_t>(page) * 3000, 'x');
+        if (!response.ended || response.Body() != expected) wrong++;
+      }
+    });
+  }
+  for (std::thread& client : clients) client.join();
+  EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(Connections, RunningOutOfDescriptorsIsNoEnd) {
+  engine.arguments = {"-t", "2"};
+  engine.descriptor_limit = 12;
+  ASSERT_TRUE(engine.Start());
+  ASSERT_TRUE(engine.WaitUntilReady());
+  // More open connections than the engine can have descriptors.
+  std::vector<std::unique_ptr<FastCGIClient>> clients;
+  for (int i = 0; i < 40; i++) {
+    clients.push_back(std::make_unique<FastCGIClient>());
+    ASSERT_TRUE(clients.back()->Connect(engine.socket()));
+  }
+  clients.clear();
+  ExpectPage(engine.Get("/page.zpc"), "page");
+}
+
+}  // namespace

@@ -1,0 +1,247 @@
+// The engine behind real web servers, with curl as the browser. The servers listen on UNIX sockets,
+// so that no port is taken.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <fstream>
+#include <thread>
+
+#include "tests/e2e/Pages.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::StartsWith;
+
+using Milliseconds = EngineProcess::Milliseconds;
+constexpr Milliseconds start_timeout(30000);
+constexpr Milliseconds end_timeout(40000);
+
+template <typename Test>
+bool Eventually(Milliseconds timeout, Test test) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!test()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(Milliseconds(10));
+  }
+  return true;
+}
+
+// What a command prints; its errors go to the test's own.
+std::string OutputOf(const std::string& command) {
+  std::string text;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return "(popen failed)";
+  std::array<char, 4096> buffer;
+  while (size_t count = fread(buffer.data(), 1, buffer.size(), pipe))
+    text.append(buffer.data(), count);
+  pclose(pipe);
+  return text;
+}
+
+// The process that an engine's wrapper has noted, 0 when there is none.
+pid_t NotedProcess(const std::string& path) {
+  std::ifstream file(path);
+  pid_t pid = 0;
+  file >> pid;
+  return pid;
+}
+
+bool Alive(pid_t pid) {
+  return pid > 0 && kill(pid, 0) == 0;
+}
+
+// A program in the foreground, with a group of its own and its output in a file.
+class Server {
+ public:
+  ~Server() { Stop(SIGKILL); }
+
+  void Start(const std::string& command, const std::string& log) {
+    pid = fork();
+    if (pid != 0) return;
+    setpgid(0, 0);
+    int descriptor = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    dup2(descriptor, 1);
+    dup2(descriptor, 2);
+    execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+
+  // Sends a signal and waits for the end; answers the exit status, 128 and more for a signal.
+  int Stop(int number) {
+    if (pid <= 0) return -1;
+    kill(pid, number);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    pid = 0;
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+  }
+
+  pid_t pid = 0;
+};
+
+// The engine's files and configuration, and a site for a web server to serve.
+class SlowWebServers : public testing::Test {
+ protected:
+  SlowWebServers() {
+    engine.Write("scripts/style.css", "p { color: green }\n");
+    engine.Script("index.zpc", Writes("<p>the start page</p>"));
+    engine.Script("shop/index.zpc", Writes("<p>the shop</p>"));
+    engine.Script("large.zpc", Floods(500));
+    engine.WriteConfiguration();
+    engine.Write("engine.sh", "#!/bin/sh\necho $$ >'" + engine.Path("engine.pid") + "'\ncd '" +
+                                  std::string(ZEPH_BINARY_DIR) + "/lib' && ZEPH_CONFIG='" +
+                                  engine.Path("zeph.toml") + "' exec '" + EngineProcess::Program() +
+                                  "'\n");
+    chmod(engine.Path("engine.sh").c_str(), 0755);
+  }
+
+  // The engine belongs to the web server here, and must be gone with the test all the same.
+  ~SlowWebServers() override {
+    pid_t pid = NotedProcess(engine.Path("engine.pid"));
+    if (Alive(pid)) kill(pid, SIGKILL);
+  }
+
+  // A request for a path, with curl's options in front.
+  std::string Curl(const std::string& path, const std::string& options = "-s") {
+    return OutputOf("curl --max-time 60 --unix-socket '" + engine.Path("http.sock") + "' " +
+                    options + " 'http://localhost" + path + "'");
+  }
+
+  std::string StatusOf(const std::string& path) {
+    return Curl(path, "-s -o /dev/null -w '%{http_code} %{content_type}'");
+  }
+
+  bool WaitUntilItServes() {
+    return Eventually(start_timeout, [&] { return StatusOf("/").substr(0, 3) == "200"; });
+  }
+
+  void ExpectSite() {
+    EXPECT_EQ(Curl("/index.zpc"), "<p>the start page</p>");
+    EXPECT_EQ(Curl("/"), "<p>the start page</p>");
+    EXPECT_EQ(Curl("/shop/"), "<p>the shop</p>");
+    EXPECT_EQ(Curl("/index.zpc?x=1&y=2"), "<p>the start page</p>");
+    EXPECT_EQ(Curl("/style.css"), "p { color: green }\n");
+    EXPECT_THAT(StatusOf("/style.css"), StartsWith("200 text/css"));
+    EXPECT_THAT(StatusOf("/index.zpc"), StartsWith("200 text/html"));
+    // The engine's failures are pages like any other.
+    EXPECT_EQ(Curl("/nowhere.zpc"), "Unable to execute 'nowhere.zpc': No such file or directory");
+    EXPECT_THAT(StatusOf("/nowhere.zpc"), StartsWith("200 text/html"));
+    EXPECT_THAT(StatusOf("/nowhere.css"), StartsWith("404"));
+    EXPECT_EQ(Curl("/large.zpc").size(), 500 * flood_part);
+    EXPECT_THAT(Curl("/index.zpc", "-s -D - -o /dev/null"),
+                HasSubstr("\r\nSet-Cookie: zixcallerid="));
+    EXPECT_THAT(Curl("/index.zpc", "-s -D - -o /dev/null -H 'Cookie: zixcallerid=abc'"),
+                HasSubstr("\r\nSet-Cookie: zixcallerid=abc; expires="));
+    EXPECT_THAT(Curl("/index.zpc", "-s -D - -o /dev/null"),
+                HasSubstr("\r\nContent-Length: 21\r\n"));
+    // A compiled script is never sent as it stands.
+    EXPECT_THAT(Curl("/INDEX.ZPC"), Not(HasSubstr("Zeph\x0b")));
+  }
+
+  EngineProcess engine;  // never started: the web servers start the program themselves
+  Server server;
+};
+
+TEST_F(SlowWebServers, LighttpdServesTheSiteAndSpawnsTheEngine) {
+  server.Start("env BIND='" + engine.Path("http.sock") + "' PORT=0 RUN='" + engine.Path("work") +
+                   "' DOCROOT='" + engine.Path("scripts") + "' ENGINE='" +
+                   engine.Path("engine.sh") + "' lighttpd -D -f '" + std::string(ZEPH_SOURCE_DIR) +
+                   "/script/server.conf'",
+               engine.Path("log"));
+  ASSERT_TRUE(WaitUntilItServes()) << engine.Log();
+  ExpectSite();
+  pid_t process = NotedProcess(engine.Path("engine.pid"));
+  EXPECT_TRUE(Alive(process));
+  server.Stop(SIGTERM);
+  // The engine follows within a heartbeat.
+  EXPECT_TRUE(Eventually(end_timeout, [&] { return !Alive(process); }));
+}
+
+constexpr char nginx_configuration[] = R"(daemon off;
+user root;
+worker_processes 1;
+pid nginx.pid;
+error_log stderr warn;
+events { worker_connections 256; }
+http {
+  access_log off;
+  client_body_temp_path body; fastcgi_temp_path fastcgi; proxy_temp_path proxy;
+  uwsgi_temp_path uwsgi; scgi_temp_path scgi;
+  types { text/css css; text/html html; }
+  upstream zeph { server unix:ROOT/fcgi.sock; }
+  server {
+    listen unix:ROOT/http.sock;
+    root ROOT/scripts;
+    location ~ /$ { rewrite ^(.*/)$ $1index.zpc last; }
+    location ~* \.zpc($|/) {
+      fastcgi_pass zeph;
+      fastcgi_param PATH_INFO $uri;
+      fastcgi_param SCRIPT_NAME "";
+      fastcgi_param QUERY_STRING $query_string;
+      fastcgi_param REQUEST_METHOD $request_method;
+      fastcgi_param CONTENT_TYPE $content_type;
+      fastcgi_param CONTENT_LENGTH $content_length;
+      fastcgi_param HTTP_COOKIE $http_cookie if_not_empty;
+    }
+  }
+}
+)";
+
+TEST_F(SlowWebServers, NginxServesTheSiteWithAnEngineFromSpawnFcgi) {
+  std::string configuration = nginx_configuration;
+  for (size_t at; (at = configuration.find("ROOT")) != std::string::npos;)
+    configuration.replace(at, 4, engine.Path(""));
+  engine.Write("work/nginx.conf", configuration);
+  std::string spawned = OutputOf("spawn-fcgi -s '" + engine.Path("fcgi.sock") + "' -- '" +
+                                 engine.Path("engine.sh") + "' 2>&1");
+  EXPECT_THAT(spawned, HasSubstr("child spawned successfully"));
+  server.Start("nginx -p '" + engine.Path("work") + "/' -c nginx.conf", engine.Path("log"));
+  ASSERT_TRUE(WaitUntilItServes()) << engine.Log();
+  ExpectSite();
+  server.Stop(SIGTERM);
+  pid_t process = NotedProcess(engine.Path("engine.pid"));
+  ASSERT_TRUE(Alive(process));
+  kill(process, SIGTERM);
+  EXPECT_TRUE(Eventually(end_timeout, [&] { return !Alive(process); }));
+}
+
+// script/server as it is used: the example site on a free port, ended by Ctrl-C. The build that
+// this test belongs to is there already, so the script builds nothing.
+TEST_F(SlowWebServers, TheServerScriptServesTheExampleSiteAndLeavesNothingBehind) {
+  std::string build = ZEPH_BINARY_DIR;
+  server.Start("env ZEPH_BUILD='" + build + "' TMPDIR='" + engine.Path("work") + "' '" +
+                   std::string(ZEPH_SOURCE_DIR) + "/script/server'",
+               engine.Path("log"));
+  std::string address;
+  ASSERT_TRUE(Eventually(start_timeout, [&] {
+    std::string log = engine.Log();
+    size_t start = log.find("http://127.0.0.1:");
+    if (start == std::string::npos || log.find('\n', start) == std::string::npos) return false;
+    address = log.substr(start, log.find('\n', start) - start);
+    return true;
+  })) << engine.Log();
+  std::string page = OutputOf("curl -s --max-time 60 " + address);
+  EXPECT_THAT(page, StartsWith("<!DOCTYPE html>"));
+  EXPECT_THAT(page, Not(HasSubstr("error in ")));
+  EXPECT_THAT(OutputOf("curl -s --max-time 60 -o /dev/null -w '%{http_code} %{content_type}' " +
+                       address + "style.css"),
+              StartsWith("200 text/css"));
+  std::string run = OutputOf("ls -d '" + engine.Path("work") + "'/zeph.*");
+  pid_t process = NotedProcess(run.substr(0, run.find('\n')) + "/engine.pid");
+  EXPECT_TRUE(Alive(process));
+  // What a terminal does for Ctrl-C.
+  kill(-server.pid, SIGINT);
+  server.Stop(0);
+  EXPECT_FALSE(Alive(process));
+  EXPECT_EQ(OutputOf("ls '" + engine.Path("work") + "'"), "");
+}
+
+}  // namespace

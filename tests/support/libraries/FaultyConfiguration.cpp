@@ -1,0 +1,58 @@
+// A configuration library that fails at the point that the environment names, as the engine's tests
+// want it: ZEPH_TEST_FAULT is "no table", "initialize", "initialize silently", "script", "script
+// silently" or "version 1". ZEPH_TEST_ROOT is the folder that holds scripts, data and temp.
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "base/ConfigLibrary.h"
+#include "base/Settings.h"
+
+namespace {
+
+bool FaultIs(const char* name) {
+  const char* fault = getenv("ZEPH_TEST_FAULT");
+  return fault && strcmp(fault, name) == 0;
+}
+
+int Initialize(ZPCONFIG, void**, int, void*, int) {
+  return FaultIs("initialize") || FaultIs("initialize silently");
+}
+
+int GetText(ZPCONFIG, void**, int id, const char** text, int* length, int* owned) {
+  static const std::string root = getenv("ZEPH_TEST_ROOT");
+  static const std::string scripts = root + "/scripts";
+  static const std::string data = root + "/data";
+  const std::string* value = id == Config_dir_zeph   ? &scripts
+                             : id == Config_dir_data ? &data
+                                                     : nullptr;
+  if (!value) return 1;
+  *text = value->c_str();
+  *length = static_cast<int>(value->size());
+  *owned = 0;
+  return 0;
+}
+
+const char* GetError(ZPCONFIG, void**) {
+  return "the test's own words";
+}
+
+int LoadScriptConfig(ZPCONFIG, void**, const char*, File*) {
+  return FaultIs("script") || FaultIs("script silently");
+}
+
+}  // namespace
+
+extern "C" _ZP_EL_Config* zeph_config_library() {
+  static _ZP_EL_Config table;
+  if (FaultIs("no table")) return nullptr;
+  bool silent = FaultIs("initialize silently") || FaultIs("script silently");
+  table.version = FaultIs("version 1") ? 1 : 2;
+  table.initialize = Initialize;
+  table.load_script_v1 = FaultIs("version 1") ? &table : nullptr;
+  table.get_string = GetText;
+  table.get_error = silent ? nullptr : GetError;
+  table.load_script_config = LoadScriptConfig;
+  return &table;
+}
