@@ -30,8 +30,8 @@ typedef struct _ZP_EL_Config {
   int (*initialize)(ZPCONFIG config, void** data, int zero, void* arguments, int argument_count);
   /* Never called. Must be null when version is 1. */
   void* load_script_v1;
-  /* 0 says that *value was set; otherwise the setting has its built-in default. Asked at most once
-     a request for each identifier. */
+  /* 0 says that *value was set; otherwise the setting has its built-in default. The answer, or the
+     default, is kept for the request; a text without either is asked for again. */
   int (*get_integer)(ZPCONFIG config, void** data, int id, int* value);
   /* 0 says that *text and *length were set. With *owned set as well the text was made with new[]
      and passes to the engine. */

@@ -1,11 +1,11 @@
 #include "base/ExternalCall.h"
 
-#include <cstring>
-#include <new>
-
 #include "base/ExternalLibrary.h"
 #include "base/Variable.h"
 #include "base/ZephApplication.h"
+
+#include <cstring>
+#include <new>
 
 namespace {
 

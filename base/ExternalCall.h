@@ -5,10 +5,10 @@
 #ifndef ZEPH_BASE_EXTERNALCALL_H
 #define ZEPH_BASE_EXTERNALCALL_H
 
-#include <memory>
-
 #include "base/BaseTemplates.h"
 #include "base/StringClass.h"
+
+#include <memory>
 
 class ExternalLibrary;
 class Variable;

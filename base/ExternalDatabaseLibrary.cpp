@@ -1,9 +1,9 @@
 #include "base/ExternalDatabaseLibrary.h"
 
-#include <cstddef>
-
 #include "base/ExternalLibrary.h"
 #include "base/ZephApplication.h"
+
+#include <cstddef>
 
 static_assert(offsetof(_ZP_EL_Database, create) == 8);
 static_assert(offsetof(_ZP_EL_Database, variable_free) == 240);

@@ -1,17 +1,17 @@
 // The configuration library of the engine: answers for settings from a TOML file. The engine loads
 // it once and calls the functions of the table below for every request, from all its threads.
 
-#include <atomic>
-#include <memory>
-#include <mutex>
-#include <string>
-
 #include "api/zpConfig.h"
 #include "base/Settings.h"
 #include "base/TagLookup.h"
 #include "config/Glob.h"
 #include "config/Snapshot.h"
 #include "config/SnapshotStore.h"
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
 
 namespace {
 

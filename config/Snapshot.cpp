@@ -1,14 +1,14 @@
 #include "config/Snapshot.h"
 
+#include "base/Settings.h"
+#include "base/TagLookup.h"
+#include "config/Suggestion.h"
+
 #include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cmath>
 #include <map>
-
-#include "base/Settings.h"
-#include "base/TagLookup.h"
-#include "config/Suggestion.h"
 
 // No exceptions, and none of the parts that write TOML.
 #define TOML_EXCEPTIONS 0

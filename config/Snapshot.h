@@ -4,13 +4,13 @@
 #ifndef ZEPH_CONFIG_SNAPSHOT_H
 #define ZEPH_CONFIG_SNAPSHOT_H
 
+#include "base/TagErrors.h"
+
 #include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "base/TagErrors.h"
 
 // A setting that the file gives.
 struct Setting {

@@ -1,5 +1,7 @@
 #include "config/SnapshotStore.h"
 
+#include "base/FileDescriptor.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,21 +22,6 @@ std::string ErrorText(int number) {
   char buffer[256];
   return strerror_r(number, buffer, sizeof buffer);
 }
-
-// A descriptor until the end of a block.
-class Descriptor {
- public:
-  explicit Descriptor(int number) : descriptor(number) {}
-  ~Descriptor() {
-    if (descriptor >= 0) close(descriptor);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int number() const { return descriptor; }
-
- private:
-  int descriptor;
-};
 
 // The path by which an administrator knows the file, whatever the working directory.
 std::string FullPath(const char* path) {
@@ -109,32 +96,23 @@ std::string SnapshotStore::MissingText(const Identity& identity) {
          config_file_system + " exists";
 }
 
-// Reads the file that *identity names. On success *identity is that of the bytes that were read,
-// which may differ from the one that was found. On failure *error says why.
-bool SnapshotStore::ReadFile(Identity* identity, std::string* text, std::string* error) {
-  std::string path = identity->path;
+// Reads the file that *identity names; *identity is then that of the bytes that were read, as the
+// file may have been replaced since it was found. Answers what went wrong, nothing if all is well.
+std::string SnapshotStore::ReadFile(Identity* identity, std::string* text) {
   // A FIFO named by mistake must not hang the request.
-  Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  FileDescriptor file(open(identity->path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status;
-  if (file.number() < 0 || fstat(file.number(), &status) != 0) {
-    *error = path + ": " + ErrorText(errno);
-    return false;
-  }
-  *identity = IdentityOf(path.c_str(), status);
-  if (!S_ISREG(status.st_mode)) {
-    *error = path + ": Not a regular file";
-    return false;
-  }
-  text->clear();
+  if (!file.is_open() || fstat(file.get(), &status) != 0) return ErrorText(errno);
+  *identity = IdentityOf(identity->path.c_str(), status);
+  if (!S_ISREG(status.st_mode)) return "Not a regular file";
   for (char buffer[16384]; off_t(text->size()) <= largest_file;) {
-    ssize_t count = read(file.number(), buffer, sizeof buffer);
+    ssize_t count = read(file.get(), buffer, sizeof buffer);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) *error = path + ": " + ErrorText(errno);
-    if (count <= 0) return count == 0;
+    if (count < 0) return ErrorText(errno);
+    if (count == 0) return "";
     text->append(buffer, size_t(count));
   }
-  *error = path + ": Too large for a configuration file";
-  return false;
+  return "Too large for a configuration file";
 }
 
 // Takes a snapshot into force, unless it has an error and a good one is there.
@@ -147,30 +125,31 @@ void SnapshotStore::Install(Snapshot snapshot) {
   current = std::make_shared<const Snapshot>(std::move(snapshot));
 }
 
-void SnapshotStore::Reload(const Identity& found) {
-  Identity identity = found;
+// Looks again, since another thread may have been here between the caller's look and the lock.
+void SnapshotStore::Reload() {
+  Identity identity = Look();
+  std::string file = FullPath(identity.path.c_str());
   std::string text;
   std::string error;
-  if (found.error != 0) {
-    error = MissingText(found);
-  } else {
-    ReadFile(&identity, &text, &error);
+  if (identity.error != 0) {
+    error = MissingText(identity);
+  } else if (std::string problem = ReadFile(&identity, &text); !problem.empty()) {
+    error = file + ": " + problem;
   }
   // What was wrong counts as the content of a file that could not be read, so that a second look
   // at the same state says nothing twice.
   const std::string& content = error.empty() ? text : error;
   bool same = current != nullptr && identity == seen && content == seen_text;
   seen = identity;
-  settled = error.empty() ? !WithinTick(identity.modified) : true;
+  settled = !error.empty() || !WithinTick(identity.modified);
   if (same) return;
   seen_text = content;
-  Install(error.empty() ? Snapshot::Parse(FullPath(found.path.c_str()), text)
-                        : Snapshot::Failed(error));
+  Install(error.empty() ? Snapshot::Parse(file, text) : Snapshot::Failed(error));
 }
 
 std::shared_ptr<const Snapshot> SnapshotStore::Current() {
   Identity found = Look();
   std::lock_guard<std::mutex> lock(mutex);
-  if (current == nullptr || !settled || !(found == seen)) Reload(found);
+  if (current == nullptr || !settled || !(found == seen)) Reload();
   return current;
 }

@@ -3,12 +3,12 @@
 #ifndef ZEPH_CONFIG_SNAPSHOTSTORE_H
 #define ZEPH_CONFIG_SNAPSHOTSTORE_H
 
+#include "config/Snapshot.h"
+
 #include <ctime>
 #include <memory>
 #include <mutex>
 #include <string>
-
-#include "config/Snapshot.h"
 
 // Where the file is looked for: the one that this environment variable names, else the first of
 // the two that exists.
@@ -46,9 +46,9 @@ class SnapshotStore {
   static Identity LookAt(const char* path);
   static Identity IdentityOf(const char* path, const struct stat& status);
   static std::string MissingText(const Identity& identity);
-  static bool ReadFile(Identity* identity, std::string* text, std::string* error);
+  static std::string ReadFile(Identity* identity, std::string* text);
 
-  void Reload(const Identity& found);
+  void Reload();
   void Install(Snapshot snapshot);
 
   std::mutex mutex;  // guards all below

@@ -3,9 +3,9 @@
 #ifndef ZEPH_FASTCGI_FASTCGIEXTERNALLIBRARY_H
 #define ZEPH_FASTCGI_FASTCGIEXTERNALLIBRARY_H
 
-#include <mutex>
-
 #include "base/systems/unix/UNIXExternalLibrary.h"
+
+#include <mutex>
 
 // Made by main before the first thread, and outlives them all. Any thread may call it.
 class FastCGIExternalLibraryManager : public UNIXExternalLibraryManager {
