@@ -35,8 +35,8 @@ class LinkBuffer_Block {
 };
 
 // A chain of blocks of which only the last one is written. An unused one allocates nothing. The
-// virtual destructor is there because extension libraries delete it through their own interface;
-// the order of the fields stays.
+// destructor is virtual and the order of the fields stays, since extension libraries hold
+// LinkBuffers too.
 //
 // Invariants: head and tail are both null or both set; total is the sum of used over the chain.
 // Lengths are bytes as given: -1 does not mean strlen here, negative counts are 0. A total that

@@ -32,24 +32,32 @@ struct LowerCase {
   static uint64_t Word(uint64_t word) { return zp_tolower_word(word); }
 };
 
-// The last 0 to 11 bytes as three words, padded with zeros, the third one shifted up by a byte
-// since its lowest byte belongs to the length.
+// The next 0 to 3 bytes, and the next 0 to 7, as a number padded with zeros. They are read by loads
+// that overlap: names are short, and bytes collected one by one in a buffer would hold up the load
+// of the whole.
+inline uint32_t Upto3(const unsigned char* bytes, unsigned length) {
+  if (length == 0) return 0;
+  unsigned middle = length / 2;
+  unsigned last = length - 1;
+  return static_cast<uint32_t>(bytes[0]) | static_cast<uint32_t>(bytes[middle]) << (8 * middle) |
+         static_cast<uint32_t>(bytes[last]) << (8 * last);
+}
+
+inline uint64_t Upto7(const unsigned char* bytes, unsigned length) {
+  if (length < 4) return Upto3(bytes, length);
+  uint64_t high = static_cast<uint64_t>(zp_load32(bytes + length - 4)) >> (8 * (8 - length));
+  return zp_load32(bytes) | high << 32;
+}
+
+// The last 0 to 11 bytes. The lowest byte of the third word belongs to the length.
 template <class Case>
-void AddTail(State& state, const unsigned char* bytes, unsigned length) {
-  unsigned char tail[16] = {};
-  // A short key is the common one: a copy of constant size is one instruction, a variable one is
-  // a call.
-  if (length >= 8) {
-    memcpy(tail, bytes, 8);
-    for (unsigned i = 8; i < length; ++i) tail[i + 1] = bytes[i];
-  } else {
-    for (unsigned i = 0; i < length; ++i) tail[i] = bytes[i];
-  }
-  uint64_t low = Case::Word(zp_load64(tail));
-  uint64_t high = Case::Word(zp_load64(tail + 8));
+inline void AddTail(State& state, const unsigned char* bytes, unsigned length) {
+  uint64_t low = Case::Word(length >= 8 ? zp_load64(bytes) : Upto7(bytes, length));
   state.a += static_cast<uint32_t>(low);
   state.b += static_cast<uint32_t>(low >> 32);
-  state.c += static_cast<uint32_t>(high);
+  if (length > 8) {
+    state.c += static_cast<uint32_t>(Case::Word(Upto3(bytes + 8, length - 8))) << 8;
+  }
 }
 
 template <class Case>
