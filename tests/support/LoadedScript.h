@@ -11,6 +11,7 @@
 #include "base/Segment.h"
 #include "base/TaggedFile.h"
 #include "base/VariableHash.h"
+#include "base/ZephApplication.h"
 
 struct LoadedScript {
   TaggedFile file;
@@ -40,6 +41,65 @@ struct LoadedScript {
                 (stage = "segs", segments.Read(&file)) && (stage = "func", functions.Read(&file));
     if (failed_section) *failed_section = good ? "" : stage;
     return good;
+  }
+
+  // Looks at every text, name, byte of code and link that was loaded, as a machine could, and finds
+  // nothing to be wrong. Sets languages of the application. The answer only keeps a compiler from
+  // leaving something out.
+  size_t UseEverything(ZephApplication* application) {
+    return UseTexts() + UseFunctions() + UseCode() + UsePieces() + UseLanguages(application);
+  }
+
+ private:
+  size_t UseTexts() {
+    size_t sum = 0;
+    for (int id = -1; id <= dictionary.Entries(); id++) {
+      int length = 0;
+      const char* text = dictionary.Entry(id, &length);
+      for (int i = 0; i < length; i++) sum += static_cast<unsigned char>(text[i]);
+      if (!text) text = "";
+      sum += functions.Function_Get(text, length) != nullptr;
+      sum += static_cast<size_t>(globals.Seek(-1, text, length, nullptr));
+      sum += static_cast<size_t>(system.Seek(-1, text, length, nullptr));
+    }
+    return sum;
+  }
+  size_t UseFunctions() {
+    size_t sum = 0;
+    for (int i = 0; i < functions.Functions(); i++) {
+      Function* function = functions.Lookup(i);
+      VariableHash locals(function->variables());
+      for (int v = 0; v < locals.Entries(); v++) sum += locals.Index(v, 1) != nullptr;
+      sum += static_cast<size_t>(function->parameters().Entries());
+    }
+    return sum;
+  }
+  size_t UseCode() {
+    size_t sum = 0;
+    for (int i = 0; i < segments.Segments(); i++) {
+      Segment* segment = segments.Lookup(i);
+      for (int at = 0; at < segment->length() + Segment::Padding; at++) sum += segment->code()[at];
+    }
+    return sum + static_cast<size_t>(segments.Start()->length());
+  }
+  size_t UsePieces() {
+    size_t sum = 0;
+    int index = 0;
+    for (int left = pieces.Entries(); left > 0; left--) {
+      auto* piece = pieces.Entry(index);
+      if (!piece) break;
+      index = piece->next;
+      sum++;
+    }
+    return sum;
+  }
+  size_t UseLanguages(ZephApplication* application) {
+    size_t sum = 0;
+    for (const char* language : {"de", "en", "", "xx"}) {
+      application->SetLanguage(language);
+      for (int id = -1; id <= dictionary.Entries(); id++) sum += languages.Get_Entry(id) != nullptr;
+    }
+    return sum;
   }
 };
 
