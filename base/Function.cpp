@@ -22,11 +22,13 @@ namespace {
 //  then, for each function:
 //               20            name id (4), parameter count (4), flags (4), segment (4), offset (4)
 //               12 * P        parameters: name id (4), flags (4), index of the variable (4)
-//               rest          the local table, as VariableHash writes it
+//               rest          the local table, as VariableHash writes it: head (7), buckets
+//                             (6 each), variables (8 each)
 constexpr int FunctionsTag = MakeTag("func");
 constexpr int LinkSize = 4;
 constexpr int FunctionSize = 20;
 constexpr int ParameterSize = 12;
+constexpr int VariableSize = 8;
 
 constexpr int FunctionGrowth = 64;
 constexpr int LocalBits = 8;
@@ -118,7 +120,7 @@ FunctionManager::FunctionManager(Dictionary* names, int bits, int capacity)
 
 FunctionManager::FunctionManager(ZephApplication* application, Dictionary* names,
                                  FunctionManager& other)
-    : error_text(other.error_text), table(other.table), dictionary(names) {
+    : error_text(other.error_text), table(other.table), stored(other.stored), dictionary(names) {
   if (!other.functions) return;
   functions = std::make_unique<std::unique_ptr<Function>[]>(static_cast<size_t>(table.capacity()));
   for (int i = 0; i < table.count(); i++) {
@@ -141,17 +143,24 @@ int FunctionManager::hash(const char* name, int length) const {
   return table.hash(name, TextLength(name, length));
 }
 
+const char* FunctionManager::Stored::Name(const Dictionary& names, int id, int* name_length) const {
+  return id < dictionary_entries ? names.Entry(id, name_length) : nullptr;
+}
+
 const char* FunctionManager::NameOf(int index, int* length) const {
-  const Function* function = functions[index].get();
-  if (!function) return nullptr;  // a section that broke off
-  *length = function->name().length;
-  return function->name().data;
+  if (const Function* function = functions[index].get()) {
+    *length = function->name().length;
+    return function->name().data;
+  }
+  // What is neither made nor stored is behind the place where a section broke off.
+  if (!stored || index >= stored->count) return nullptr;
+  const unsigned char* bytes = stored->bytes.get() + stored->offsets[index];
+  return stored->Name(*dictionary, GetInt32(bytes), length);
 }
 
 Function* FunctionManager::Function_Get(const char* name, int length) {
-  int index = table.Find(name, TextLength(name, length),
-                         [this](int i, int* bytes) { return NameOf(i, bytes); });
-  return index < 0 ? nullptr : functions[index].get();
+  return Lookup(table.Find(name, TextLength(name, length),
+                           [this](int i, int* bytes) { return NameOf(i, bytes); }));
 }
 
 Function* FunctionManager::Function_Add(int segment, int offset, const char* name, int name_length,
@@ -203,14 +212,10 @@ bool FunctionManager::Read(TaggedFile* file) {
     Error(file->error());
     return false;
   }
-  for (int i = 0; i < table.count(); i++) {
-    if (!ReadFunction(file, i)) return false;
-  }
   file->Section_Read_End();
   return true;
 }
 
-// Reads the name table, and makes room for the functions.
 bool FunctionManager::ReadSection(TaggedFile* file) {
   std::unique_ptr<unsigned char[]> scratch;
   if (!file->Section_Read_Start(FunctionsTag, nullptr)) return false;
@@ -224,49 +229,74 @@ bool FunctionManager::ReadSection(TaggedFile* file) {
   if (!bytes) return false;
   functions = std::make_unique<std::unique_ptr<Function>[]>(static_cast<size_t>(head.count));
   table.Read(head, bytes, bytes + buckets_size, LinkSize);
-  return true;
+  stored.reset();
+  return head.count == 0 ||
+         ReadFunctions(file, StoredNameTable::Head::Size + buckets_size + links_size, head.count);
 }
 
-bool FunctionManager::ReadFunction(TaggedFile* file, int index) {
+// Walks over the functions, which begin at an offset in the section, and keeps those that are
+// whole.
+bool FunctionManager::ReadFunctions(TaggedFile* file, long long start, int count) {
+  auto read = std::make_shared<Stored>();
+  read->offsets = std::make_unique_for_overwrite<int[]>(static_cast<size_t>(count));
+  read->dictionary_entries = dictionary->Entries();
   std::unique_ptr<unsigned char[]> scratch;
-  const unsigned char* bytes = file->Section_View(FunctionSize, &scratch);
-  if (!bytes) {
-    Error(file->error());
-    return false;
+  long long end = start;
+  for (int i = 0; i < count; i++) {
+    const unsigned char* bytes = file->Section_View(end, FunctionSize, &scratch);
+    if (!bytes) break;
+    long long parameters = ParameterSize * static_cast<long long>(GetInt32(bytes + 4));
+    if (!file->Section_Holds(end + FunctionSize, parameters)) break;
+    long long variables = end + FunctionSize + parameters;
+    bytes = file->Section_View(variables, StoredNameTable::Head::Size, &scratch);
+    if (!bytes) break;
+    auto head = StoredNameTable::Head::Decode(bytes);
+    variables += StoredNameTable::Head::Size;
+    long long size = StoredNameTable::BucketSize * static_cast<long long>(head.occupied) +
+                     VariableSize * static_cast<long long>(head.count);
+    if (!head.valid() || !file->Section_Holds(variables, size)) break;
+    read->offsets[read->count++] = static_cast<int>(end - start);
+    end = variables + size;
   }
+  read->length = static_cast<int>(end - start);
+  const unsigned char* bytes = file->Section_View(start, end - start, &scratch);
+  if (!bytes) return false;
+  if (bytes == scratch.get()) {
+    read->bytes = std::move(scratch);
+  } else {
+    read->bytes =
+        std::make_unique_for_overwrite<unsigned char[]>(static_cast<size_t>(read->length));
+    memcpy(read->bytes.get(), bytes, static_cast<size_t>(read->length));
+  }
+  bool whole = read->count == count;
+  stored = std::move(read);
+  return whole;
+}
+
+// Makes the function of an index from the bytes of its section, which have been checked.
+Function* FunctionManager::MakeStored(int index) const {
+  if (!stored || index >= stored->count) return nullptr;
+  const unsigned char* bytes = stored->bytes.get() + stored->offsets[index];
   int id = GetInt32(bytes);
   int parameters = GetInt32(bytes + 4);
   int length = 0;
-  const char* name = dictionary->Entry(id, &length);
-  functions[index] =
+  const char* name = stored->Name(*dictionary, id, &length);
+  auto function =
       std::make_unique<Function>(index, GetInt32(bytes + 8), id, name, length, GetInt32(bytes + 12),
                                  GetInt32(bytes + 16), dictionary);
-  Function* function = functions[index].get();
-  if (parameters != 0 && !ReadParameters(file, function, parameters)) {
-    Error(file->error());
-    return false;
+  bytes += FunctionSize;
+  for (int i = 0; i < parameters; i++, bytes += ParameterSize) {
+    id = GetInt32(bytes);
+    length = 0;
+    name = stored->Name(*dictionary, id, &length);
+    function->parameters().Insert(
+        new FunctionParameter(id, name, length, GetInt32(bytes + 4), GetInt32(bytes + 8)),
+        ListTail);
   }
-  if (!function->variables().Read(file)) {
-    Error(function->variables().error());
-    return false;
-  }
-  return true;
-}
-
-bool FunctionManager::ReadParameters(TaggedFile* file, Function* function, int count) {
-  std::unique_ptr<unsigned char[]> scratch;
-  const unsigned char* bytes =
-      file->Section_View(ParameterSize * static_cast<long long>(count), &scratch);
-  if (!bytes) return false;
-  for (int i = 0; i < count; i++, bytes += ParameterSize) {
-    int id = GetInt32(bytes);
-    int length = 0;
-    const char* name = dictionary->Entry(id, &length);
-    auto* parameter =
-        new FunctionParameter(id, name, length, GetInt32(bytes + 4), GetInt32(bytes + 8));
-    function->parameters().Insert(parameter, ListTail);
-  }
-  return true;
+  TaggedFile rest(bytes, static_cast<int>(stored->bytes.get() + stored->length - bytes));
+  if (!function->variables().Read(&rest)) return nullptr;
+  functions[index] = std::move(function);
+  return functions[index].get();
 }
 
 bool FunctionManager::Write(TaggedFile* file) {
@@ -279,12 +309,13 @@ bool FunctionManager::Write(TaggedFile* file) {
     return false;
   }
   for (int i = 0; i < table.count(); i++) {
-    if (!WriteFunction(file, functions[i].get())) return false;
+    Function* function = Lookup(i);
+    if (!function || !Write(file, function)) return false;
   }
   return true;
 }
 
-bool FunctionManager::WriteFunction(TaggedFile* file, Function* function) {
+bool FunctionManager::Write(TaggedFile* file, Function* function) {
   auto& parameters = function->parameters();
   std::string bytes;
   Append32(&bytes, function->nameid());

@@ -96,6 +96,10 @@ class Function {
 
 // The table of functions, by index and by name without regard to case. Belongs to one machine, a
 // clone's to the clone.
+//
+// A script may bring a whole library of functions and call two of them. So Read only checks the
+// section and keeps its bytes: a Function is made of them when it is first asked for. That has no
+// effect that can be seen, since a dictionary only grows and names go by the entries it had then.
 class FunctionManager {
  public:
   // The dictionary is borrowed. bits is log2 of the bucket count, at most 16.
@@ -129,29 +133,42 @@ class FunctionManager {
   // The function of an index; null for an invalid one.
   Function* Lookup(int index) const {
     if (static_cast<unsigned>(index) >= static_cast<unsigned>(table.count())) return nullptr;
-    return functions[index].get();
+    Function* function = functions[index].get();
+    return function ? function : MakeStored(index);
   }
   int Functions() const { return table.count(); }
   // The bucket of a name.
   int hash(const char* name, int length) const;
 
-  // The section "func". Read replaces all functions; after a failure it holds those read so far.
-  // The text is the file's, or that of the local table that failed. Write leaves its section open:
-  // the caller ends it.
+  // The section "func". Read replaces all functions; after a failure those in front of the broken
+  // one are there. The text is the file's. Write leaves its section open: the caller ends it.
   [[nodiscard]] bool Read(TaggedFile* file);
   [[nodiscard]] bool Write(TaggedFile* file);
 
  private:
+  // The functions of a section, as bytes. Clones share them.
+  struct Stored {
+    std::unique_ptr<unsigned char[]> bytes;
+    int length = 0;
+    int count = 0;                   // of the functions that are whole
+    std::unique_ptr<int[]> offsets;  // of each in the bytes
+    int dictionary_entries = 0;      // when they were read
+
+    // The text of a name id, null without one.
+    const char* Name(const Dictionary& names, int id, int* name_length) const;
+  };
+
   bool ReadSection(TaggedFile* file);
-  bool ReadFunction(TaggedFile* file, int index);
-  bool ReadParameters(TaggedFile* file, Function* function, int count);
-  bool WriteFunction(TaggedFile* file, Function* function);
+  bool ReadFunctions(TaggedFile* file, long long start, int count);
+  bool Write(TaggedFile* file, Function* function);
+  Function* MakeStored(int index) const;
   const char* NameOf(int index, int* length) const;
   Function* Enter(std::unique_ptr<Function> function, const char* name, int length);
 
   String error_text;
   StoredNameTable table;
-  std::unique_ptr<std::unique_ptr<Function>[]> functions;  // made at first need
+  std::unique_ptr<std::unique_ptr<Function>[]> functions;  // array and elements at first need
+  std::shared_ptr<const Stored> stored;
   Dictionary* dictionary;
 };
 

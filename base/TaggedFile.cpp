@@ -45,6 +45,15 @@ thread_local std::unique_ptr<char[]> spare_window;
 
 TaggedFile::TaggedFile(FileManager* manager) : filemanager(manager) {}
 
+TaggedFile::TaggedFile(const unsigned char* bytes, int length)
+    : filemanager(nullptr),
+      section_count(1),
+      directory(new DirectoryEntry[1]{{0, 0, length}}),
+      current(directory.get()),
+      directory_capacity(1),
+      window(reinterpret_cast<const char*>(bytes)),
+      window_length(length) {}
+
 TaggedFile::~TaggedFile() {
   Close();
 }
@@ -127,23 +136,25 @@ long TaggedFile::FileLength() {
 const char* TaggedFile::Windowed(long offset, long long length) const {
   if (offset < window_start || length > window_length) return nullptr;
   if (offset - window_start > window_length - length) return nullptr;
-  return window.get() + (offset - window_start);
+  return window + (offset - window_start);
 }
 
 // Moves the window to an offset where the file stands. Reads as much as is wanted and fits.
 void TaggedFile::FillWindow(long offset, long long wanted) {
-  if (!window) {
-    window =
+  if (!window_buffer) {
+    window_buffer =
         spare_window ? std::move(spare_window) : std::make_unique_for_overwrite<char[]>(WindowSize);
   }
-  int count = FileRead(window.get(), static_cast<int>(std::min<long long>(wanted, WindowSize)));
+  int room = static_cast<int>(std::min<long long>(wanted, WindowSize));
+  window_length = std::max(FileRead(window_buffer.get(), room), 0);
+  window = window_buffer.get();
   window_start = offset;
-  window_length = std::max(count, 0);
 }
 
 void TaggedFile::DropWindow() {
-  if (window && !spare_window) spare_window = std::move(window);
-  window.reset();
+  if (window_buffer && !spare_window) spare_window = std::move(window_buffer);
+  window_buffer.reset();
+  window = nullptr;
   window_start = 0;
   window_length = 0;
 }
@@ -171,7 +182,7 @@ int TaggedFile::ReadAt(long offset, char* buffer, int length) {
 bool TaggedFile::Header_Read() {
   if (SeekTo(0)) FillWindow(0, WindowSize);
   const auto* bytes = reinterpret_cast<const unsigned char*>(Windowed(0, HeaderSize));
-  if (!bytes || !window) {
+  if (!bytes) {
     Error(CorruptText);
     return false;
   }

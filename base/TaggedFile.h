@@ -37,6 +37,9 @@ class TaggedFile {
 
   // Borrows the manager. No file is held yet.
   explicit TaggedFile(FileManager* filemanager);
+  // Bytes that were kept from a section, borrowed, as a section that is selected and read from its
+  // start: for an owner that decodes a part of its section late.
+  TaggedFile(const unsigned char* bytes, int length);
   virtual ~TaggedFile();
   TaggedFile(const TaggedFile&) = delete;
   TaggedFile& operator=(const TaggedFile&) = delete;
@@ -157,7 +160,8 @@ class TaggedFile {
   // Where the file itself stands: a read from the window doesn't move it. -1 when unknown.
   long file_position = -1;
   long file_length = -1;  // -1 when not yet asked for
-  std::unique_ptr<char[]> window;
+  std::unique_ptr<char[]> window_buffer;
+  const char* window = nullptr;  // what is in memory: in the buffer, or borrowed
   long window_start = 0;
   int window_length = 0;
 };

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <memory>
 
 #include "base/Dictionary.h"
 #include "base/TaggedFile.h"
@@ -300,6 +301,95 @@ TEST_F(FunctionFile, NamesThatTheDictionaryLacksAreEmpty) {
   EXPECT_EQ(TextOf(functions.Lookup(0)->name()), "");
   EXPECT_EQ(ParametersOf(functions.Lookup(0)), "[ 0][height& 1]");
   EXPECT_EQ(functions.Function_Get("area", -1), nullptr);
+}
+
+TEST_F(FunctionFile, NamesGoByTheDictionaryAsItWasThen) {
+  std::string section = Section();
+  size_t area = 7 + 12 + 8;
+  Patch(&section, area, LE32(5));  // one behind the last entry
+  Patch(&section, area + 20, LE32(5));
+  ASSERT_TRUE(Read(section));
+  ASSERT_EQ(dictionary.Entry_Add("late", -1), 5);
+  EXPECT_EQ(functions.Function_Get("late", -1), nullptr);
+  EXPECT_EQ(TextOf(functions.Lookup(0)->name()), "");
+  EXPECT_EQ(ParametersOf(functions.Lookup(0)), "[ 0][height& 1]");
+}
+
+TEST_F(FunctionFile, AFunctionIsTheSameHoweverItIsAskedFor) {
+  ASSERT_TRUE(Read(Section()));
+  Function* area = functions.Function_Get("area", -1);
+  file.Close();
+  EXPECT_EQ(functions.Lookup(0), area);
+  EXPECT_EQ(functions.Function_Get("AREA", -1), area);
+  ASSERT_NE(functions.Lookup(1), nullptr) << "the file isn't needed any more";
+  EXPECT_EQ(TextOf(functions.Lookup(1)->name()), "ext");
+}
+
+TEST_F(FunctionFile, AStoredTableThatWasTouchedWritesTheSame) {
+  ASSERT_TRUE(Read(Section()));
+  functions.Lookup(1);
+  EXPECT_EQ(Written(), Container({{"func", Section()}}));
+}
+
+TEST_F(FunctionFile, ACloneOutlivesTheTableItWasMadeOf) {
+  auto source = std::make_unique<FunctionManager>(&dictionary);
+  ASSERT_TRUE(Read(Section()));
+  ASSERT_TRUE(file.Open("s", FileMode_Read));
+  ASSERT_TRUE(source->Read(&file));
+  source->Lookup(0);
+  TestApplication application;
+  Dictionary other(dictionary);
+  FunctionManager clone(&application, &other, *source);
+  source.reset();
+  EXPECT_EQ(ParametersOf(clone.Function_Get("area", -1)), "[width 0][height& 1]");
+  EXPECT_EQ(clone.Function_Get("ext", -1)->flags(), Function_External);
+  EXPECT_EQ(clone.Lookup(1)->dictionary(), &other);
+}
+
+TEST_F(FunctionFile, ASectionMayStateMoreThanTheFileHas) {
+  manager.files["s"] = Container({{"dict", texts.Section()}, {"func", Section()}});
+  std::string& content = manager.files["s"];
+  // The directory in front of the last section, so that the file ends where the functions do.
+  size_t directory = content.size() - 24;
+  std::string entries = content.substr(directory);
+  size_t start = OffsetOf({{"dict", texts.Section()}, {"func", ""}}, "func");
+  content = content.substr(0, start) + entries + Section();
+  Patch(&content, 24, LE32(static_cast<long>(start)));
+  Patch(&content, start + 12 + 4, LE32(static_cast<long>(start) + 24) + LE32(100000));
+  ASSERT_TRUE(file.Open("s", FileMode_Read));
+  ASSERT_TRUE(dictionary.Read(&file));
+  EXPECT_TRUE(functions.Read(&file)) << "what is behind the functions doesn't matter";
+  EXPECT_EQ(ParametersOf(functions.Function_Get("area", -1)), "[width 0][height& 1]");
+}
+
+TEST_F(FunctionFile, WhatStandsInFrontOfABreakIsThere) {
+  std::string section = Section();
+  EXPECT_FALSE(Read(section.substr(0, section.size() - 1)));
+  EXPECT_EQ(ParametersOf(functions.Function_Get("area", -1)), "[width 0][height& 1]");
+  EXPECT_EQ(functions.Function_Get("ext", -1), nullptr);
+  EXPECT_EQ(functions.Lookup(1), nullptr);
+  ASSERT_TRUE(file.Create("w", nullptr, 0));
+  EXPECT_FALSE(functions.Write(&file));
+}
+
+TEST_F(FunctionFile, AFunctionBiggerThanTheWindowIsRead) {
+  std::string parameters;
+  for (int i = 0; i < 10000; i++) parameters += (i ? ",p" : "p") + std::to_string(i);
+  Function* big = functions.Function_Add(1, 2, "big", 3, parameters.data(),
+                                         static_cast<int>(parameters.size()), 0);
+  ASSERT_EQ(big->parameters().Entries(), 10000);
+  functions.Function_Add("small", -1, 0);
+  ASSERT_TRUE(file.Create("w", nullptr, 0));
+  ASSERT_TRUE(dictionary.Write(&file));
+  ASSERT_TRUE(functions.Write(&file));
+  file.Section_End();
+  ASSERT_TRUE(file.Section_Flush());
+  ASSERT_TRUE(file.Open("w", FileMode_Read));
+  ASSERT_TRUE(dictionary.Read(&file));
+  ASSERT_TRUE(functions.Read(&file));
+  ASSERT_EQ(functions.Lookup(0)->parameters().Entries(), 10000);
+  EXPECT_EQ(functions.Lookup(0)->variables().Seek(-1, "P9999", 5, nullptr), 9999);
+  EXPECT_EQ(functions.Function_Get("small", -1), functions.Lookup(1));
 }
 
 TEST_F(FunctionFile, ASectionCutAnywhereFails) {

@@ -474,6 +474,21 @@ TEST_F(TaggedFileTest, TwoFilesAtATimeDoNotShareAWindow) {
   EXPECT_EQ(At(TagAaaa, 0, 10), "0123456789");
 }
 
+TEST(TaggedFile, BytesInMemoryAreASectionOfTheirOwn) {
+  const std::string bytes = "0123456789";
+  TaggedFile file(reinterpret_cast<const unsigned char*>(bytes.data()), 10);
+  std::unique_ptr<unsigned char[]> scratch;
+  const unsigned char* view = file.Section_View(4, &scratch);
+  EXPECT_EQ(static_cast<const void*>(view), bytes.data()) << "borrowed, not copied";
+  char buffer[8];
+  EXPECT_EQ(file.Section_Read(buffer, 8), 6);
+  EXPECT_EQ(std::string(buffer, 6), "456789");
+  EXPECT_EQ(file.Section_View(1, &scratch), nullptr);
+  EXPECT_FALSE(file.Section_Holds(0, 11));
+  file.Deactivate();
+  EXPECT_EQ(file.Section_View(0, 1, &scratch), nullptr);
+}
+
 // Reads in any order, of any kind, give the bytes of the sections, wherever the window stands.
 TEST_F(TaggedFileTest, RandomReadsOfABigFileAgreeWithItsBytes) {
   unsigned seed = std::random_device()();
