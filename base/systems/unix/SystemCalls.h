@@ -5,13 +5,35 @@
 #define ZEPH_BASE_SYSTEMS_UNIX_SYSTEMCALLS_H
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
+
+// openat, which takes its mode only where it is needed.
+inline int OpenAt(int directory, const char* name, int flags, mode_t mode) {
+  return ::openat(directory, name, flags, mode);
+}
+
+// openat of a whole path that fails with ELOOP at any link on the way; with ENOSYS before
+// Linux 5.6.
+inline int OpenWithoutLinks(int directory, const char* path, int flags) {
+  open_how how = {};
+  how.flags = static_cast<unsigned>(flags);
+  how.resolve = RESOLVE_NO_SYMLINKS;
+  return static_cast<int>(syscall(SYS_openat2, directory, path, &how, sizeof(how)));
+}
+
+// Whether the effective user may read what the path names; ENOSYS before Linux 5.8. The library's
+// faccessat would guess there.
+inline int CheckReadable(int directory, const char* path) {
+  return static_cast<int>(syscall(SYS_faccessat2, directory, path, R_OK, AT_EACCESS));
+}
 
 // Entries have the contracts of the calls they are named after. Written only by a test that has no
 // other thread running.
@@ -19,7 +41,9 @@ struct SystemCalls {
   ssize_t (*read)(int, void*, size_t) = ::read;
   ssize_t (*write)(int, const void*, size_t) = ::write;
   off_t (*lseek)(int, off_t, int) = ::lseek;
-  int (*openat)(int, const char*, int, ...) = ::openat;
+  int (*openat)(int, const char*, int, mode_t) = OpenAt;
+  int (*open_without_links)(int, const char*, int) = OpenWithoutLinks;
+  int (*check_readable)(int, const char*) = CheckReadable;
   int (*fstatat)(int, const char*, struct stat*, int) = ::fstatat;
   int (*linkat)(int, const char*, int, const char*, int) = ::linkat;
   int (*unlinkat)(int, const char*, int) = ::unlinkat;

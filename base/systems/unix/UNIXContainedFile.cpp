@@ -222,7 +222,7 @@ bool UNIXFileManager::OpenDirectory(Zeph_PathType type, const _UNIXContainedPath
 // Walks go element by element and would never meet the system's own limit; a script that lets a
 // path grow has to.
 bool UNIXFileManager::CheckLength(const char* path) {
-  if (strlen(path) < PATH_MAX) return true;
+  if (path == nullptr || strlen(path) < PATH_MAX) return true;
   errno = ENAMETOOLONG;
   return SystemError();
 }
@@ -408,7 +408,8 @@ bool UNIXFileManager::Rename(Zeph_PathType fromtype, const char* from, Zeph_Path
 }
 
 bool UNIXFileManager::TouchFile(Zeph_PathType type, const char* path) {
-  FileDescriptor opened(OpenContained(type, path, O_WRONLY | O_CREAT));
+  // Nothing is written, so a FIFO is not waited for.
+  FileDescriptor opened(OpenContained(type, path, O_WRONLY | O_CREAT | O_NONBLOCK));
   if (!opened.is_open()) return false;
   return futimes(opened.get(), nullptr) == 0 || SystemError();
 }
@@ -505,8 +506,9 @@ bool UNIXFileManager::DirectoryListing(Zeph_PathType type, const char* path, Lis
     return false;
   // Reading moves the descriptor's place, and a duplicate of the base directory would share it with
   // every other listing, of other threads too. So the base is opened anew.
-  FileDescriptor opened(directory.borrowed() ? system_calls.openat(directory.get(), ".", walk_flags)
-                                             : directory.Release());
+  FileDescriptor opened(directory.borrowed()
+                            ? system_calls.openat(directory.get(), ".", walk_flags, 0)
+                            : directory.Release());
   if (!opened.is_open()) return SystemError();
   std::unique_ptr<DIR, int (*)(DIR*)> stream(fdopendir(opened.get()), closedir);
   if (stream == nullptr) return SystemError();
@@ -633,7 +635,7 @@ int UNIXFileManager::WalkByWorkingDirectory(UNIXFileManager* manager, int base, 
   if (answer != PathWalk_Done) return answer;
   std::unique_ptr<UNIXFilePath> guard(real);
   std::unique_ptr<char[]> text(real->Collapsed_Path(nullptr, nullptr));
-  int descriptor = system_calls.openat(AT_FDCWD, text.get(), walk_flags);
+  int descriptor = system_calls.openat(AT_FDCWD, text.get(), walk_flags, 0);
   if (descriptor < 0) return PathWalk_NotFound;
   *result = descriptor;
   return PathWalk_Done;

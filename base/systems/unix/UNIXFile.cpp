@@ -233,7 +233,7 @@ bool UNIXFile::Activate(String& text) {
     opened.reset(files->OpenContained(type(), path(), flags));
     if (!opened.is_open()) text = files->error();
   } else {
-    opened.reset(system_calls.openat(AT_FDCWD, path(), flags | quiet_flags));
+    opened.reset(system_calls.openat(AT_FDCWD, path(), flags | quiet_flags, 0));
     if (!opened.is_open()) text = files->application()->lasterror();
   }
   if (!opened.is_open()) return false;
@@ -324,7 +324,7 @@ bool UNIXFileManager::Delete(const char* path) {
 
 bool UNIXFileManager::Copy(const char* from, const char* to) {
   if (!FreeFileSpace(2)) return false;
-  FileDescriptor source(system_calls.openat(AT_FDCWD, from, O_RDONLY | quiet_flags));
+  FileDescriptor source(system_calls.openat(AT_FDCWD, from, O_RDONLY | quiet_flags, 0));
   if (!source.is_open()) return SystemError();
   if (!CheckCopySource(source.get())) return false;
   FileDescriptor target(
@@ -444,7 +444,7 @@ int UNIXFileManager::CreateTemporary(int directory, const char* leading, const c
   memcpy(full.get(), leading, lead);
   if (slash) full[lead] = '/';
   int flags = OpenMode(mode | FileMode_Create | FileMode_Exclusive) | quiet_flags;
-  for (unsigned n = 0; n < 0x7FFFFFFE; n++) {
+  for (unsigned n = 0; n < temporary_limit; n++) {
     snprintf(full.get() + start, size - start, "%s.%x", prefix, n);
     int descriptor = system_calls.openat(directory, full.get() + start, flags, 0666);
     if (descriptor >= 0) {

@@ -215,6 +215,10 @@ class UNIXFileManager : public FileManager {
   // Stores the text of a PathWalkResult that is a failure, and answers false.
   bool WalkError(Zeph_PathType type, int result);
 
+  // The numbers that MakeTemporary tries lie below this. Only a test that wants to see the end of
+  // them lowers it.
+  static inline unsigned temporary_limit = 0x7FFFFFFE;
+
   UNIXFilePath* script_path = nullptr;
   int script_directory = -1;
   UNIXFilePath* data_path = nullptr;

@@ -161,7 +161,7 @@ NameLock::Outcome NameLock::Take() {
 }
 
 NameLock::Next NameLock::LookAtOwner() {
-  FileDescriptor opened(system_calls.openat(directory, name, O_RDONLY | record_flags));
+  FileDescriptor opened(system_calls.openat(directory, name, O_RDONLY | record_flags, 0));
   if (!opened.is_open()) return errno == ENOENT ? TryNow : TryLater;
   char text[record_limit + 1];
   ssize_t length = Retry([&] { return system_calls.read(opened.get(), text, record_limit); });
@@ -191,7 +191,7 @@ NameLock::Next NameLock::Judge(OwnerRecord record, int descriptor) {
 // flock also takes a descriptor that is not writable, which is all that one gets of another user's
 // file. The record lock is for file systems on which flock stays on this host.
 NameLock::Next NameLock::RemoveAbandoned(int descriptor) {
-  FileDescriptor writable(system_calls.openat(directory, name, O_RDWR | record_flags));
+  FileDescriptor writable(system_calls.openat(directory, name, O_RDWR | record_flags, 0));
   struct stat read_file;
   struct stat present;
   if (fstat(descriptor, &read_file) != 0) return TryLater;
