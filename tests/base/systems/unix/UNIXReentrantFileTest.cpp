@@ -1,0 +1,458 @@
+#include "base/systems/unix/UNIXReentrantFile.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/base/systems/unix/FileFixture.h"
+
+namespace {
+
+class Reentrant : public ContainedFixture<UNIXReentrantFileManager> {
+ protected:
+  // The object that OpenPath reaches from the tree's root, as its path below the tree, or the
+  // result code.
+  std::string Walk(const std::string& path, bool symlinks = false, bool other_owner = false) {
+    FileDescriptor base(open(tree.path().c_str(), O_RDONLY | O_CLOEXEC));
+    int descriptor = -1;
+    int result = files.OpenPath(base.get(), path.c_str(), &descriptor, symlinks, other_owner);
+    if (result != PathWalk_Done) {
+      EXPECT_EQ(-1, descriptor);
+      return std::to_string(result);
+    }
+    FileDescriptor opened(descriptor);
+    std::string name =
+        std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor)).string();
+    return name.rfind(tree.path() + "/", 0) == 0 ? name.substr(tree.path().size() + 1) : name;
+  }
+
+  static int OpenDescriptors() {
+    int count = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+      count++;
+    return count;
+  }
+};
+
+TEST_F(Reentrant, WalkOpensElementByElement) {
+  tree.File("data/a/b/f");
+  EXPECT_EQ("data/a/b", Walk("data/a/b"));
+  EXPECT_EQ("data/a/b", Walk("data//a/b/"));
+  EXPECT_EQ("data/a", Walk("data/a/b/.."));
+  EXPECT_EQ("data/a/b", Walk(tree.path("data/a/b")));
+  EXPECT_EQ("/", Walk("/"));
+  EXPECT_EQ("1", Walk("data/missing/b"));
+  EXPECT_EQ("1", Walk(""));
+  EXPECT_EQ("data/a/b/f", Walk("data/a/b/f"));  // what it leads to need not be a directory
+  EXPECT_EQ("1", Walk("data/a/b/f/g"));
+}
+
+TEST_F(Reentrant, WalkMeetsLinksAsItIsTold) {
+  tree.File("data/a/b/f");
+  tree.Link("data/relative", "a/b");
+  tree.Link("data/absolute", tree.path("data/a"));
+  tree.Link("data/a/back", "../../data/a/b");
+  tree.Link("data/dangling", "missing");
+  tree.Link("data/parent", "..");
+  EXPECT_EQ("2", Walk("data/relative"));
+  EXPECT_EQ("data/a/b", Walk("data/relative", true));
+  EXPECT_EQ("data/a/b", Walk("data/absolute/b", true));
+  EXPECT_EQ("data/a/b", Walk("data/absolute/back", true));
+  EXPECT_EQ("outside", Walk("data/parent/outside", true));
+  EXPECT_EQ("1", Walk("data/dangling", true));
+  EXPECT_EQ("data/a/b", Walk("data/absolute/back", true, true));
+  EXPECT_EQ("1", Walk("data/dangling", true, true));
+}
+
+TEST_F(Reentrant, WalkEndsInALoop) {
+  tree.Link("data/one", "two/x");
+  tree.Link("data/two", "one/y");
+  tree.Link("data/here", ".");
+  EXPECT_EQ("1", Walk("data/one", true));
+  EXPECT_EQ("1", Walk("data/one/z", true));
+  // The same directory may be linked to only once in a walk.
+  EXPECT_EQ("data", Walk("data/here", true));
+  EXPECT_EQ("1", Walk("data/here/here", true));
+}
+
+TEST_F(Reentrant, WalkComparesTheOwnersOfLinkAndTarget) {
+  ZEPH_NEEDS_ROOT();
+  tree.Directory("data/theirs");
+  tree.Link("data/link", "theirs");
+  ASSERT_EQ(0, lchown(tree.path("data/theirs").c_str(), other_user, other_user));
+  EXPECT_EQ("3", Walk("data/link", true));
+  EXPECT_EQ("data/theirs", Walk("data/link", true, true));
+  ASSERT_EQ(0, lchown(tree.path("data/link").c_str(), other_user, other_user));
+  EXPECT_EQ("data/theirs", Walk("data/link", true));
+}
+
+TEST_F(Reentrant, LinkTextAndRestFitIntoOneBuffer) {
+  // The text, a slash and the rest may come to 1023 bytes together.
+  std::string rest = "r";
+  tree.Directory("data/d/r");
+  std::string dots;
+  while (dots.size() + 2 <= 1020) dots += "./";
+  dots += "d";  // 1021
+  ASSERT_EQ(1021u, dots.size());
+  tree.Link("data/fits", dots);
+  EXPECT_EQ("data/d/r", Walk("data/fits/r", true));
+  EXPECT_EQ("data/d/r", Walk("data/fits/r///", true));
+  tree.Directory("data/d/rr");
+  EXPECT_EQ("1", Walk("data/fits/rr", true));
+  tree.Link("data/whole", "./" + dots);  // 1023, and nothing behind it
+  EXPECT_EQ("data/d", Walk("data/whole", true));
+  tree.Link("data/cut", "/" + std::string(1022, '/') + "/");
+  EXPECT_EQ("1", Walk("data/cut", true));
+}
+
+TEST_F(Reentrant, WalkNeedsAHandle) {
+  files.MaxFiles(-1);
+  EXPECT_EQ("1", Walk("data"));
+}
+
+TEST_F(Reentrant, DescriptorZeroCountsAsAFailure) {
+  FileDescriptor saved(fcntl(0, F_DUPFD_CLOEXEC, 10));
+  close(0);
+  int descriptor = -1;
+  int result = files.OpenPath(AT_FDCWD, tree.path("data").c_str(), &descriptor, false, false);
+  EXPECT_EQ(-1, fcntl(0, F_GETFD));
+  if (saved.is_open()) dup2(saved.get(), 0);
+  EXPECT_EQ(PathWalk_NotFound, result);
+}
+
+TEST_F(Reentrant, WalkClosesWhatItPassed) {
+  Configure(0);
+  tree.File("data/a/b/c/f", "x");
+  tree.Link("data/a/link", "b");
+  int before = OpenDescriptors();
+  Read("a/b/c/f");
+  Read("a/b/missing/f");
+  Read("a/link/c/f");
+  Read("a/b/c");
+  Listing("a/b");
+  Listing(".");
+  bool exists;
+  files.Exists(ZephPath_Data, "a/b/c/f", &exists);
+  files.Rename(ZephPath_Data, "a/b/c/f", ZephPath_Data, "a/b/g");
+  EXPECT_EQ(before, OpenDescriptors());
+}
+
+TEST_F(Reentrant, ContainedDirectoryIsOpened) {
+  Configure(0);
+  tree.Directory("data/a");
+  for (const char* path : {"a", "/a", "./a/", "../data/a"}) {
+    SCOPED_TRACE(path);
+    int descriptor = -1;
+    ASSERT_TRUE(files.OpenContainedPath(ZephPath_Data, path, &descriptor)) << error();
+    FileDescriptor opened(descriptor);
+    struct stat here;
+    struct stat expected;
+    ASSERT_EQ(0, fstat(descriptor, &here));
+    ASSERT_EQ(0, stat(tree.path("data/a").c_str(), &expected));
+    EXPECT_EQ(expected.st_ino, here.st_ino);
+  }
+}
+
+TEST_F(Reentrant, BaseDirectoryItselfIsDuplicated) {
+  Configure(0);
+  _UNIXContainedPathSettings settings;
+  ASSERT_TRUE(files.ContainedPathSettings(ZephPath_Data, &settings));
+  for (const char* path : {static_cast<const char*>(nullptr), "", ".", "/", "///"}) {
+    SCOPED_TRACE(path == nullptr ? "null" : path);
+    int descriptor = -1;
+    ASSERT_TRUE(files.OpenContainedPath(ZephPath_Data, path, &descriptor)) << error();
+    EXPECT_NE(settings.directory, descriptor);
+    close(descriptor);
+    EXPECT_GE(fcntl(settings.directory, F_GETFD), 0);
+  }
+}
+
+TEST_F(Reentrant, ContainedDirectoryFailsInItsOwnWords) {
+  Configure(0);
+  tree.Link("data/link", "missing");
+  struct Case {
+    const char* path;
+    const char* text;
+  } cases[] = {
+      {"missing", "The specified path references a directory that does not exist"},
+      {"link", "The specified path references a symbolic link"},
+      {"..", "The specified path references a path outside the configured data directory"},
+      {"a/../..", "The specified path references a path outside the configured data directory"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path);
+    int descriptor = -1;
+    EXPECT_FALSE(files.OpenContainedPath(ZephPath_Data, c.path, &descriptor));
+    EXPECT_EQ(c.text, error());
+    EXPECT_EQ(-1, descriptor);
+  }
+}
+
+TEST_F(Reentrant, DirectoriesOnTheWayMustBeReadable) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs another user to be";
+  tree.File("data/d/e/f", "x");
+  for (const char* name : {"", "data", "data/d", "data/d/e", "script"})
+    ASSERT_EQ(0, chmod(tree.path(name).c_str(), 0755));
+  ASSERT_EQ(0, chmod(tree.path("data/d").c_str(), 0711));
+  Configure(0);
+  ASSERT_EQ(0, seteuid(other_user));
+  std::string text = Read("d/e/f");
+  bool initialized = files.InitializeDataDirectory(tree.path("data/d/e").c_str());
+  bool readable = files.InitializeDataDirectory(tree.path("data/d").c_str());
+  ASSERT_EQ(0, seteuid(0));
+  EXPECT_EQ("[The specified path references a directory that does not exist]", text);
+  ASSERT_EQ(0, chmod(tree.path("data/d").c_str(), 0755));
+  ASSERT_EQ(0, seteuid(other_user));
+  Configure(0);
+  text = Read("d/e/f");
+  ASSERT_EQ(0, seteuid(0));
+  EXPECT_EQ("x", text);
+  EXPECT_FALSE(initialized);
+  EXPECT_FALSE(readable);
+}
+
+// --- Directories that move -----------------------------------------------------------------------
+
+TEST_F(Reentrant, MovedBaseStaysTheBase) {
+  Configure(0);
+  tree.File("data/f", "ours");
+  std::filesystem::rename(tree.path("data"), tree.path("outside/data"));
+  EXPECT_EQ("ours", Read("f"));
+  tree.File("data/f", "new");
+  EXPECT_EQ("ours", Read("f"));
+}
+
+TEST_F(Reentrant, PathOutAndInAgainHasToMeetTheBase) {
+  Configure(0);
+  tree.File("data/f", "ours");
+  EXPECT_EQ("ours", Read("../data/f"));
+  std::string from_the_root = "../../../../../../../../../../.." + tree.path("data/f");
+  EXPECT_EQ("ours", Read(from_the_root.c_str()));
+  // By its text the path is inside; the parent of the moved base has another "data".
+  tree.Directory("elsewhere");
+  std::filesystem::rename(tree.path("data"), tree.path("elsewhere/moved"));
+  tree.File("elsewhere/data/f", "theirs");
+  EXPECT_EQ("[The specified path references a path outside the configured data directory]",
+            Read("../data/f"));
+  EXPECT_EQ("[The specified path references a path outside the configured data directory]",
+            Listing("../data")[0]);
+}
+
+std::string* race_from;
+std::string* race_to;
+
+TEST_F(Reentrant, ParentOfADirectoryThatMovedAwayIsNotEntered) {
+  Configure(0);
+  tree.Directory("data/a/b");
+  tree.File("data/target/inside");
+  tree.File("outside/target/secret");
+  std::string from = tree.path("data/a/b");
+  std::string to = tree.path("outside/b");
+  race_from = &from;
+  race_to = &to;
+  RestoredSystemCalls restored;
+  system_calls.openat = [](int directory, const char* name, int flags, mode_t mode) {
+    if (std::string(name) == "..") rename(race_from->c_str(), race_to->c_str());
+    return ::openat(directory, name, flags, mode);
+  };
+  EXPECT_EQ("[The specified path references a path outside the configured data directory]",
+            Listing("a/b/../target")[0]);
+}
+
+TEST_F(Reentrant, NothingOutsideIsOpenedWhileDirectoriesMove) {
+  Configure(0);
+  for (const char* name : {"data/a/b/c/f", "data/other/b/c/f"}) tree.File(name, "inside");
+  tree.File("outside/b/c/f", "outside");
+  tree.File("outside/c/f", "outside");
+  tree.File("outside/f", "outside");
+  tree.Link("data/link", tree.path("outside"));
+  std::atomic<bool> stop{false};
+  // One name is by turns a directory, another one, and a link to the outside.
+  std::thread mover([&] {
+    std::string a = tree.path("data/a");
+    std::string other = tree.path("data/other");
+    std::string link = tree.path("data/link");
+    std::string inner = tree.path("data/other/b");
+    std::string inner_outside = tree.path("outside/moved");
+    while (!stop) {
+      renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE);
+      renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE);
+      rename(inner.c_str(), inner_outside.c_str());
+      renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE);
+      rename(inner_outside.c_str(), inner.c_str());
+    }
+  });
+  RestoredSystemCalls restored;
+  int inside = 0;
+  for (int i = 0; i < 5000; i++) {
+    // Half of the time by the kernel's own walk.
+    system_calls.open_without_links =
+        i % 2 == 0 ? OpenWithoutLinks : [](int, const char*, int) { return -1; };
+    for (const char* path : {"a/b/c/f", "a/b/c/../c/f", "../data/a/b/c/f", "a/f", "a/c/f"}) {
+      std::string text = Read(path);
+      EXPECT_NE("outside", text) << path;
+      if (text == "inside") inside++;
+    }
+    for (const char* path : {"a/b/../b/c", "a/b/c/../..", "a/b/.."}) {
+      for (const std::string& name : Listing(path)) EXPECT_NE("moved", name) << path;
+    }
+    if (HasFailure()) break;
+  }
+  stop = true;
+  mover.join();
+  EXPECT_GT(inside, 0);
+}
+
+// --- Threads -------------------------------------------------------------------------------------
+
+TEST_F(Reentrant, ManagersOfTwoThreadsDoNotDisturbEachOther) {
+  tree.File("data/d/f", "data");
+  tree.File("script/d/f", "script");
+  std::filesystem::path before = std::filesystem::current_path();
+  auto work = [&](const char* directory) {
+    TestApplication own;
+    UNIXReentrantFileManager manager(&own);
+    for (int i = 0; i < 500; i++) {
+      ASSERT_TRUE(manager.InitializeDataDirectory(tree.path(directory).c_str()));
+      std::unique_ptr<File> file(manager.Open(ZephPath_Data, "d/f", FileMode_Read));
+      ASSERT_NE(nullptr, file);
+      char buffer[10];
+      int count = file->Read(buffer, sizeof(buffer));
+      ASSERT_EQ(directory, std::string(buffer, static_cast<size_t>(count)));
+      List<String> names(1);
+      ASSERT_TRUE(manager.DirectoryListing(ZephPath_Data, ".", &names));
+      ASSERT_EQ(3, names.Entries());
+    }
+  };
+  std::thread one(work, "data");
+  std::thread two(work, "script");
+  one.join();
+  two.join();
+  EXPECT_EQ(before, std::filesystem::current_path());
+}
+
+TEST_F(Reentrant, ListingsOfARequestAndItsTaskDoNotShareAPlace) {
+  Configure(0);
+  for (int i = 0; i < 100; i++) tree.File("data/f" + std::to_string(i));
+  TestApplication task_application;
+  UNIXReentrantFileManager task(&task_application, files);
+  auto work = [](UNIXReentrantFileManager* manager) {
+    for (int i = 0; i < 200; i++) {
+      List<String> names(1);
+      ASSERT_TRUE(manager->DirectoryListing(ZephPath_Data, ".", &names));
+      ASSERT_EQ(102, names.Entries());
+    }
+  };
+  std::thread one(work, &files);
+  std::thread two(work, &task);
+  one.join();
+  two.join();
+}
+
+// --- System calls --------------------------------------------------------------------------------
+
+int open_calls;
+int check_calls;
+int stat_calls;
+
+TEST_F(Reentrant, OpeningCostsNoMoreCallsThanItNeeds) {
+  tree.File("data/f", "x");
+  tree.File("data/a/b/f", "x");
+  struct Case {
+    int flags;
+    const char* path;
+    int opens;
+    int checks;
+    int stats;
+  } cases[] = {
+      {0, "f", 1, 0, 0},
+      {0, "/f", 1, 0, 0},
+      {0, "./a/../f", 1, 0, 0},
+      {0, "a/f", 2, 0, 0},
+      {0, "a/b/f", 2, 1, 0},
+      {FileSecurity_DataSymlinks, "f", 1, 0, 1},
+      {FileSecurity_DataSymlinks, "a/b/f", 2, 1, 1},
+      {FileSecurity_DataSymlinks | FileSecurity_DataOtherOwner, "a/b/f", 2, 0, 0},
+  };
+  tree.File("data/a/f", "x");
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path);
+    Configure(c.flags);
+    RestoredSystemCalls restored;
+    open_calls = check_calls = stat_calls = 0;
+    system_calls.openat = [](int directory, const char* name, int flags, mode_t mode) {
+      open_calls++;
+      return ::openat(directory, name, flags, mode);
+    };
+    system_calls.open_without_links = [](int directory, const char* path, int flags) {
+      open_calls++;
+      return OpenWithoutLinks(directory, path, flags);
+    };
+    system_calls.check_readable = [](int directory, const char* path) {
+      check_calls++;
+      return CheckReadable(directory, path);
+    };
+    system_calls.fstatat = [](int directory, const char* name, struct stat* status, int flags) {
+      stat_calls++;
+      return ::fstatat(directory, name, status, flags);
+    };
+    FileDescriptor opened(files.OpenContained(ZephPath_Data, c.path, O_RDONLY));
+    EXPECT_TRUE(opened.is_open());
+    EXPECT_EQ(c.opens, open_calls);
+    EXPECT_EQ(c.checks, check_calls);
+    EXPECT_EQ(c.stats, stat_calls);
+  }
+}
+
+TEST_F(Reentrant, EveryDirectoryPassedIsAskedFor) {
+  static std::vector<std::string> asked;
+  RestoredSystemCalls restored;
+  system_calls.open_without_links = [](int, const char*, int) {
+    return open("/dev/null", O_RDONLY);
+  };
+  system_calls.check_readable = [](int, const char* path) {
+    asked.push_back(path);
+    return 0;
+  };
+  struct Case {
+    const char* path;
+    std::vector<std::string> directories;
+  } cases[] = {
+      {"/a/b/c", {"/", "/a", "/a/b"}},
+      {"//a//b///", {"/", "//a"}},
+      {"/a", {"/"}},
+      {"/", {}},
+      {"a/b", {"a"}},
+      {"./a/b/c/", {".", "./a", "./a/b"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path);
+    asked.clear();
+    int descriptor = -1;
+    EXPECT_EQ(PathWalk_Done, files.OpenPath(AT_FDCWD, c.path, &descriptor, false, false));
+    close(descriptor);
+    EXPECT_EQ(c.directories, asked);
+  }
+}
+
+TEST_F(Reentrant, RefusalOfTheOneCallIsDecidedByTheWalk) {
+  tree.Directory("data/a/b");
+  RestoredSystemCalls restored;
+  system_calls.check_readable = [](int, const char*) {
+    errno = EACCES;
+    return -1;
+  };
+  int before = OpenDescriptors();
+  EXPECT_EQ("data/a/b", Walk("data/a/b"));
+  EXPECT_EQ(before, OpenDescriptors());
+}
+
+}  // namespace
