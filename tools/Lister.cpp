@@ -189,6 +189,8 @@ class Printer {
     if (!program.Unreadable(tag_functions)) PrintFunctionsUpTo(FirstInPlace());
     PrintCode();
     PrintSections();
+    // Every part has an empty line in front, the first one too.
+    text.erase(0, text.find_first_not_of('\n'));
     return std::move(text);
   }
 

@@ -77,7 +77,6 @@ constexpr char every_kind[] =
 
 TEST(Lister, TheSmallestPageIsListedAsItWasWritten) {
   EXPECT_EQ(Listed(Assembled("pushc \"Hello, world\\n\"\nout\n")),
-            "\n"
             "        pushc \"Hello, world\\n\"\n"
             "        out\n");
 }
@@ -89,7 +88,7 @@ TEST(Lister, ListsEveryInstructionByItsName) {
     std::string line = row.name;
     if (row.first != Instruction::Operand::None) line += " -7";
     if (row.second != Instruction::Operand::None) line += ", 9";
-    EXPECT_EQ(Listed(Assembled(line)), "\n        " + line + "\n");
+    EXPECT_EQ(Listed(Assembled(line)), "        " + line + "\n");
   }
 }
 
