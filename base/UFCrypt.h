@@ -8,7 +8,7 @@
 
 // crypt(3) over tables that join the S-boxes to the permutations around them, 136 KB. An
 // application makes one at its first hash and keeps it, since filling the tables costs as much as
-// hundreds of hashes. The salt of the last call lies in the tables: one thread, one object.
+// dozens of hashes. The salt of the last call lies in the tables: one thread, one object.
 class UFCrypt {
  public:
   UFCrypt();
