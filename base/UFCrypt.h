@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-// crypt(3) over tables that join the S-boxes to the permutations around them, 136 KB. An
+// crypt(3) over tables that join the S-boxes to the permutations around them, 147 KB. An
 // application makes one at its first hash and keeps it, since filling the tables costs as much as
 // dozens of hashes. The salt of the last call lies in the tables: one thread, one object.
 class UFCrypt {

@@ -9,18 +9,6 @@
 
 namespace {
 
-#if defined(__SANITIZE_THREAD__)
-constexpr int sanitizer_threads = 1;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-constexpr int sanitizer_threads = 1;
-#else
-constexpr int sanitizer_threads = 0;
-#endif
-#else
-constexpr int sanitizer_threads = 0;
-#endif
-
 // Starts an engine with arguments, and answers the count of its request threads once all of them
 // are there: it handles signals when it has made them, and the heartbeat is the last to come.
 int RequestThreads(const std::vector<std::string>& arguments, int expected) {
@@ -28,7 +16,7 @@ int RequestThreads(const std::vector<std::string>& arguments, int expected) {
   engine.arguments = arguments;
   if (!engine.Start()) return -1;
   EXPECT_TRUE(engine.WaitUntilReady());
-  int others = 2 + sanitizer_threads;  // the main thread and the heartbeat
+  constexpr int others = EngineProcess::OtherThreads;
   return engine.WaitForThreads(expected + others) - others;
 }
 

@@ -28,6 +28,36 @@ TEST_F(Connections, AKeptConnectionServesOneRequestAfterTheOther) {
     ExpectPage(client.Request(engine.Parameters("/page.zpc"), "", true), "page");
     ExpectFailure(client.Request(engine.Parameters("/nowhere"), "", true),
                   "Unable to execute 'nowhere': No such file or directory");
+    ASSERT_FALSE(HasFailure());
+  }
+}
+
+TEST_F(Connections, AKeptConnectionServesOnWhenTheEndOfTheInputComesLate) {
+  // The record that ends the (empty) input lies just behind the 8192 bytes that are read at once,
+  // so that the script has run before anybody has looked at it.
+  constexpr size_t records = 16 + 8 + 8;  // begin, and the headers of both parameter records
+  FastCGIParameters parameters = engine.Parameters("/page.zpc");
+  size_t length = 2 + 4 + 6;  // the lengths and the name of the filling one
+  for (const auto& [name, value] : parameters) {
+    ASSERT_LT(value.size(), 128u);
+    length += 2 + name.size() + value.size();
+  }
+  parameters.emplace_back("FILLER", std::string(8192 - records - length + 1, 'x'));
+  engine.arguments = {"-t", "1"};
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient client;
+  ASSERT_TRUE(client.Connect(engine.socket()));
+  for (int i = 0; i < 5; i++) {
+    SCOPED_TRACE(i);
+    client.Hold();
+    client.Begin(true);
+    client.Parameters(parameters);
+    client.EndParameters();
+    EXPECT_EQ(client.held().size(), 8192u);
+    client.EndInput();
+    ASSERT_TRUE(client.Release());
+    ExpectPage(client.Read(), "page");
+    ASSERT_FALSE(HasFailure());
   }
 }
 
@@ -161,18 +191,23 @@ TEST_F(Connections, ManyClientsAtOnceGetTheirOwnPages) {
 }
 
 TEST_F(Connections, RunningOutOfDescriptorsIsNoEnd) {
-  engine.arguments = {"-t", "2"};
-  engine.descriptor_limit = 12;
+  // Standard input, output and error, and four connections: the other threads cannot accept.
+  constexpr unsigned limit = 3 + 4;
+  engine.arguments = {"-t", "8"};
+  engine.descriptor_limit = limit;
   ASSERT_TRUE(engine.Start());
   ASSERT_TRUE(engine.WaitUntilReady());
-  // More open connections than the engine can have descriptors.
   std::vector<std::unique_ptr<FastCGIClient>> clients;
-  for (int i = 0; i < 40; i++) {
+  for (int i = 0; i < 20; i++) {
     clients.push_back(std::make_unique<FastCGIClient>());
     ASSERT_TRUE(clients.back()->Connect(engine.socket()));
+    ASSERT_TRUE(clients.back()->Begin());
   }
+  EXPECT_EQ(engine.WaitForDescriptors(limit), static_cast<int>(limit));
   clients.clear();
+  engine.LimitDescriptors(100);
   ExpectPage(engine.Get("/page.zpc"), "page");
+  EXPECT_EQ(engine.Threads(), 8 + EngineProcess::OtherThreads);
 }
 
 }  // namespace

@@ -22,6 +22,7 @@
 namespace {
 
 constexpr int exit_no_program = 127;
+constexpr unsigned highest_descriptor_limit = 1000;
 
 std::string ReadWhole(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
@@ -130,11 +131,13 @@ void EngineProcess::RunChild(int descriptor) {
   int log = open(Path("log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
   dup2(log, 1);
   dup2(log, 2);
-  if (chdir(Path("work").c_str()) != 0) _exit(exit_no_program);
+  // What the test's own parent has left open is no business of the engine's.
+  close_range(3, ~0u, 0);
   if (descriptor_limit > 0) {
-    rlimit limit{descriptor_limit, descriptor_limit};
+    rlimit limit{descriptor_limit, highest_descriptor_limit};
     setrlimit(RLIMIT_NOFILE, &limit);
   }
+  if (chdir(Path("work").c_str()) != 0) _exit(exit_no_program);
   setenv("ZEPH_CONFIG", Path("zeph.toml").c_str(), 1);
   for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
   std::string program = Program();
@@ -197,17 +200,37 @@ bool EngineProcess::WaitUntilReady() {
 }
 
 int EngineProcess::Threads() const {
-  std::error_code problem;
-  int count = 0;
-  std::filesystem::directory_iterator tasks("/proc/" + std::to_string(process) + "/task", problem);
-  for (; !problem && tasks != std::filesystem::directory_iterator(); tasks.increment(problem))
-    count++;
-  return count;
+  return CountOfEntries("task");
 }
 
 int EngineProcess::WaitForThreads(int wanted, Milliseconds timeout) const {
   Eventually(timeout, [&] { return Threads() == wanted; });
   return Threads();
+}
+
+int EngineProcess::Descriptors() const {
+  return CountOfEntries("fd");
+}
+
+int EngineProcess::WaitForDescriptors(int wanted, Milliseconds timeout) const {
+  Eventually(timeout, [&] { return Descriptors() == wanted; });
+  return Descriptors();
+}
+
+void EngineProcess::LimitDescriptors(unsigned limit) const {
+  rlimit wanted{limit, highest_descriptor_limit};
+  if (prlimit(process, RLIMIT_NOFILE, &wanted, nullptr) != 0)
+    ADD_FAILURE() << "prlimit: " << strerror(errno);
+}
+
+int EngineProcess::CountOfEntries(const char* folder) const {
+  std::error_code problem;
+  int count = 0;
+  std::filesystem::directory_iterator entries("/proc/" + std::to_string(process) + "/" + folder,
+                                              problem);
+  for (; !problem && entries != std::filesystem::directory_iterator(); entries.increment(problem))
+    count++;
+  return count;
 }
 
 FastCGIParameters EngineProcess::Parameters(const char* path, const FastCGIParameters& more) const {

@@ -21,8 +21,22 @@
 #include "tests/support/FastCGIClient.h"
 #include "tests/support/TemporaryDirectory.h"
 
+#if defined(__SANITIZE_THREAD__)
+#define ZEPH_UNDER_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define ZEPH_UNDER_THREAD_SANITIZER 1
+#endif
+#endif
+#ifndef ZEPH_UNDER_THREAD_SANITIZER
+#define ZEPH_UNDER_THREAD_SANITIZER 0
+#endif
+
 class EngineProcess {
  public:
+  // Its threads beside those that serve requests: the main one, the heartbeat, and one of the
+  // thread sanitizer's own.
+  static constexpr int OtherThreads = 2 + ZEPH_UNDER_THREAD_SANITIZER;
   using Milliseconds = std::chrono::milliseconds;
   // How long an orderly shutdown may take at most: a heartbeat, and the time of a slow machine.
   static constexpr Milliseconds ShutdownTimeout{40000};
@@ -46,7 +60,7 @@ class EngineProcess {
   enum Descriptor0 { ListeningSocket, NonBlockingSocket, PlainFile, Closed };
   Descriptor0 descriptor0 = ListeningSocket;
 
-  // The most descriptors that it may have; 0 leaves the limit alone.
+  // How many descriptors it may have at first; 0 leaves the limit alone.
   unsigned descriptor_limit = 0;
 
   // Whether standard parameters name the configuration library; a test may put it elsewhere.
@@ -85,6 +99,11 @@ class EngineProcess {
   int Threads() const;
   int WaitForThreads(int wanted, Milliseconds timeout = Milliseconds(20000)) const;
 
+  // The same for its open descriptors, and another limit for them.
+  int Descriptors() const;
+  int WaitForDescriptors(int wanted, Milliseconds timeout = Milliseconds(20000)) const;
+  void LimitDescriptors(unsigned limit) const;
+
   // --- Requests ---------------------------------------------------------------------------------
   // Parameters that every request needs: ZpCONFIG_LIBRARY, and PATH_INFO when path is not null.
   FastCGIParameters Parameters(const char* path, const FastCGIParameters& more = {}) const;
@@ -98,6 +117,8 @@ class EngineProcess {
 
  private:
   int OpenDescriptor0();
+  // Of a folder of the process in /proc.
+  int CountOfEntries(const char* folder) const;
   [[noreturn]] void RunChild(int descriptor);
 
   TemporaryDirectory directory;

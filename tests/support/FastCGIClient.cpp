@@ -104,7 +104,16 @@ void FastCGIClient::Close() {
   pending = FastCGIResponse();
 }
 
+bool FastCGIClient::Release() {
+  holding = false;
+  return Send(std::exchange(held_bytes, std::string()));
+}
+
 bool FastCGIClient::Send(std::string_view bytes) {
+  if (holding) {
+    held_bytes += bytes;
+    return true;
+  }
   while (!bytes.empty()) {
     ssize_t sent = send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (sent < 0 && errno == EINTR) continue;

@@ -59,6 +59,11 @@ class FastCGIClient {
   // Bytes as they are, for what no well-behaved server sends.
   bool Send(std::string_view bytes);
 
+  // Between the two, records gather and go out in one write at the end.
+  void Hold() { holding = true; }
+  const std::string& held() const { return held_bytes; }
+  bool Release();
+
   // Reads records until the request's end, the connection's end or the time-out.
   FastCGIResponse Read(Milliseconds timeout = DefaultTimeout);
   // Reads until standard output holds that many bytes or more; answers them so far. What was read
@@ -81,6 +86,8 @@ class FastCGIClient {
 
   int descriptor = -1;
   int request_id = 1;
+  bool holding = false;
+  std::string held_bytes;
   FastCGIResponse pending;
 };
 
