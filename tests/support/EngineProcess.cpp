@@ -54,6 +54,8 @@ EngineProcess::~EngineProcess() {
     kill(process, SIGKILL);
     Wait();
   }
+  std::string log = Log();
+  if (log.find("Sanitizer") != std::string::npos) ADD_FAILURE() << log;
   if (listening >= 0) close(listening);
 }
 

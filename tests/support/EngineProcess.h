@@ -42,7 +42,7 @@ class EngineProcess {
   static constexpr Milliseconds ShutdownTimeout{40000};
 
   EngineProcess();
-  // Kills the engine if it still runs.
+  // Kills the engine if it still runs. Fails the test when a sanitizer has complained in it.
   ~EngineProcess();
   EngineProcess(const EngineProcess&) = delete;
   EngineProcess& operator=(const EngineProcess&) = delete;
