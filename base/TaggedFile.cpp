@@ -74,7 +74,9 @@ bool TaggedFile::Open(const char* name, int mode) {
     return false;
   }
   file_name.assign(name);
-  return Header_Read() && Directory_Read();
+  if (Header_Read() && Directory_Read()) return true;
+  section_count = 0;  // as the header states it, without a directory
+  return false;
 }
 
 bool TaggedFile::Open(const char* name, File* opened) {
@@ -109,6 +111,7 @@ void TaggedFile::Forget() {
 
 void TaggedFile::Deactivate() {
   DropWindow();
+  file_length = -1;  // another file may have the name when it is opened again
   if (file) filemanager->DeactivateFile(file);
 }
 
@@ -213,7 +216,6 @@ bool TaggedFile::Directory_Read() {
     if (size == 0 || FileRead(scratch.get(), static_cast<int>(size)) == size) bytes = scratch.get();
   }
   if (!bytes) {
-    section_count = 0;
     Error(DirectoryText);
     return false;
   }

@@ -203,6 +203,18 @@ TEST_F(TaggedFileTest, AFailedOpenHasTheManagersText) {
   EXPECT_EQ(Error(), "No such file or directory");
 }
 
+TEST_F(TaggedFileTest, ARefusedFileHasNoSections) {
+  std::string content = Container(TwoSections);
+  content[0] = 'z';
+  EXPECT_FALSE(Open(content));
+  EXPECT_EQ(file.Sections(), 0);
+  EXPECT_EQ(At(TagAaaa, 0, 4), "-1");
+  EXPECT_FALSE(Open(Container(TwoSections, 0x1000C)));
+  EXPECT_EQ(file.Sections(), 0);
+  EXPECT_FALSE(file.Section_Read_Start(TagAaaa, nullptr));
+  EXPECT_EQ(Error(), "Invalid section");
+}
+
 TEST_F(TaggedFileTest, AnAdoptedFileIsDeletedWithTheObject) {
   manager.files["a"] = Container(TwoSections);
   {
