@@ -112,7 +112,9 @@ bool FastCGIApplication::ScriptRoot(const char** path, String* root, bool* has_r
 // Opens what the path names; in a directory, its default file, and so on.
 bool FastCGIApplication::OpenScript(File** file, String& path) {
   for (;;) {
-    std::unique_ptr<File> opened(file_manager->Open(ZephPath_Script, path.data, FileMode_Read));
+    // No path at all is the script directory itself.
+    const char* name = path.length > 0 ? path.data : ".";
+    std::unique_ptr<File> opened(file_manager->Open(ZephPath_Script, name, FileMode_Read));
     if (!opened) return ExecuteError(path, file_manager->error(), true);
     bool directory;
     if (!opened->IsDirectory(&directory)) return ExecuteError(path, opened->error(), true);
@@ -122,7 +124,8 @@ bool FastCGIApplication::OpenScript(File** file, String& path) {
     }
     const int before = path.length;
     if (path.length == 0 || path.data[path.length - 1] != '/') path.cat('/');
-    if (const char* name = configuration->value_string(Config_default_file)) path.cat(name, -1);
+    const char* default_file = configuration->value_string(Config_default_file);
+    if (default_file) path.cat(default_file, -1);
     // A default file that names the directory itself, or nothing, would be followed for ever.
     if (path.length >= PATH_MAX || path.length == before) {
       errno = path.length == before ? EISDIR : ENAMETOOLONG;

@@ -21,10 +21,26 @@ bool IsPassing(int error) {
 }
 
 const std::chrono::milliseconds kShortage(100);
+const int kDrained = 1 << 20;
 
 int Accept(FCGX_Request* request) {
   AcceptInterruptible interruptible;
   return FCGX_Accept_r(request);
+}
+
+// What the script has not read of the request's input, and at least the record that ends it, would
+// be met where the next request is to begin. A connection with much of it left is given up: to open
+// another one is cheaper than to read on.
+void DrainInput(FCGX_Request* request) {
+  if (!request->keepConnection) return;
+  char buffer[8192];
+  int left = kDrained;
+  while (left > 0) {
+    int count = FCGX_GetStr(buffer, sizeof buffer, request->in);
+    if (count < static_cast<int>(sizeof buffer)) return;
+    left -= count;
+  }
+  request->keepConnection = 0;
 }
 
 // Runs one request. Memory that a hostile length asked for and that is not to be had ends the
@@ -60,6 +76,7 @@ void* FastCGIRequestThread(void* argument) {
     }
     if (result < 0) break;
     Answer(thread, arguments, thread->Manager(), &request);
+    DrainInput(&request);
     FCGX_Finish_r(&request);
     if (thread->Stopped()) break;
   }
