@@ -29,6 +29,7 @@ enum FileMode : int {
   FileMode_Append = 16,
   FileMode_Exclusive = 32,
   FileMode_Unpooled = 64,  // never deactivated: keeps its descriptor until it is deleted
+  FileMode_NoWait = 128,   // neither opening nor reading waits for the other end of a FIFO
 };
 
 // Kind of a byte-range lock. Any value but FileLock_Exclusive is a shared lock.

@@ -36,7 +36,8 @@ bool FastCGIApplication::LoadConfiguration() {
   path.cat("/libzephconfig.so", -1);
   const char* library = path.data;
   bool exists;
-  bool usable = UsableLibrary(library, &exists);
+  // By its name alone: the system looks it up where the path would lead, without the walk there.
+  bool usable = UsableLibrary("libzephconfig.so", &exists);
   if (!exists) {
     library = Parameter("ZpCONFIG_LIBRARY");
     usable = library && UsableLibrary(library, &exists);

@@ -114,7 +114,9 @@ bool FastCGIApplication::OpenScript(File** file, String& path) {
   for (;;) {
     // No path at all is the script directory itself.
     const char* name = path.length > 0 ? path.data : ".";
-    std::unique_ptr<File> opened(file_manager->Open(ZephPath_Script, name, FileMode_Read));
+    // A FIFO in place of a script must not hold the request up.
+    std::unique_ptr<File> opened(
+        file_manager->Open(ZephPath_Script, name, FileMode_Read | FileMode_NoWait));
     if (!opened) return ExecuteError(path, file_manager->error(), true);
     bool directory;
     if (!opened->IsDirectory(&directory)) return ExecuteError(path, opened->error(), true);

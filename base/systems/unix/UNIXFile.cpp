@@ -286,6 +286,7 @@ int UNIXFileManager::OpenMode(int mode) {
   if (mode & FileMode_Truncate) flags |= O_TRUNC;
   if (mode & FileMode_Append) flags |= O_APPEND;
   if (mode & FileMode_Exclusive) flags |= O_EXCL;
+  if (mode & FileMode_NoWait) flags |= O_NONBLOCK;
   return flags;
 }
 

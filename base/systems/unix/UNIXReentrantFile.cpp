@@ -6,10 +6,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "base/systems/unix/SystemCalls.h"
@@ -168,30 +170,61 @@ class Walker {
   char text[PATH_MAX];
 };
 
+// The configured directories that this thread has found readable all the way. They are opened anew
+// by every request, and what holds for the directories above them hardly ever changes.
+class KnownPaths {
+ public:
+  bool Contains(const char* path) const {
+    for (const std::string& known : paths) {
+      if (known == path) return true;
+    }
+    return false;
+  }
+  void Add(const char* path) { paths[next++ % paths.size()] = path; }
+
+ private:
+  std::array<std::string, 4> paths;
+  unsigned next = 0;
+};
+
+// Whether each directory passed on the way to the last element could be opened for reading.
+bool PassesReadableOnly(int base, const char* path) {
+  char passed[PATH_MAX];
+  size_t length = strlen(path);
+  while (length > 0 && path[length - 1] == '/') length--;
+  if (length >= sizeof(passed)) return false;
+  memcpy(passed, path, length);
+  passed[length] = 0;
+  if (*path == '/' && length > 0 && system_calls.check_readable(base, "/") != 0) return false;
+  for (char* slash = passed + strspn(passed, "/"); (slash = strchr(slash, '/')) != nullptr;) {
+    *slash = 0;
+    if (system_calls.check_readable(base, passed) != 0) return false;
+    *slash = '/';
+    slash += strspn(slash, "/");
+  }
+  return true;
+}
+
 // Lets the kernel do the whole walk, where that can only come to the same result: there is no link
 // on the way, and each directory passed could have been opened for reading. The second is not the
 // kernel's condition: it is content with directories that may be searched. Asking costs a call for
-// each directory, where opening and closing it costs two, dearer ones.
+// each directory, where opening and closing it costs two, dearer ones; for a configured directory
+// it is asked once a thread.
 //
 // A descriptor, or -1 when the walk has to find out for itself.
 int WalkInOneCall(int base, const char* path) {
   // One element is one call either way. With ".." the walk may have to keep a trail.
   if (strchr(path, '/') == nullptr || strstr(path, "..") != nullptr) return -1;
-  char passed[PATH_MAX];
-  size_t length = strlen(path);
-  while (length > 0 && path[length - 1] == '/') length--;
-  if (length >= sizeof(passed)) return -1;
-  memcpy(passed, path, length);
-  passed[length] = 0;
-
+  thread_local KnownPaths known;
   FileDescriptor opened(system_calls.open_without_links(base, path, walk_flags));
   if (opened.get() <= 0) return -1;
-  if (*path == '/' && length > 0 && system_calls.check_readable(base, "/") != 0) return -1;
-  for (char* slash = passed + strspn(passed, "/"); (slash = strchr(slash, '/')) != nullptr;) {
-    *slash = 0;
-    if (system_calls.check_readable(base, passed) != 0) return -1;
-    *slash = '/';
-    slash += strspn(slash, "/");
+  if (*path == '/') {
+    if (!known.Contains(path)) {
+      if (!PassesReadableOnly(base, path)) return -1;
+      known.Add(path);
+    }
+  } else if (!PassesReadableOnly(base, path)) {
+    return -1;
   }
   return opened.release();
 }

@@ -443,6 +443,35 @@ TEST_F(Reentrant, EveryDirectoryPassedIsAskedFor) {
   }
 }
 
+TEST_F(Reentrant, ConfiguredDirectoriesAreAskedForOnceAThread) {
+  static int asked;
+  RestoredSystemCalls restored;
+  system_calls.open_without_links = [](int, const char*, int) {
+    return open("/dev/null", O_RDONLY);
+  };
+  system_calls.check_readable = [](int, const char*) {
+    asked++;
+    return 0;
+  };
+  const auto questions = [this](const char* path) {
+    asked = 0;
+    int descriptor = -1;
+    EXPECT_EQ(PathWalk_Done, files.OpenPath(AT_FDCWD, path, &descriptor, false, false));
+    close(descriptor);
+    return asked;
+  };
+  EXPECT_EQ(questions("/once/a/b"), 3);
+  EXPECT_EQ(questions("/once/a/b"), 0);
+  EXPECT_EQ(questions("/once/a/c"), 3);
+  // What is named from within a base directory may be anything, and is asked for each time.
+  EXPECT_EQ(questions("once/a/b"), 2);
+  EXPECT_EQ(questions("once/a/b"), 2);
+  int elsewhere = 0;
+  std::thread other([&] { elsewhere = questions("/once/a/b"); });
+  other.join();
+  EXPECT_EQ(elsewhere, 3);
+}
+
 TEST_F(Reentrant, RefusalOfTheOneCallIsDecidedByTheWalk) {
   tree.Directory("data/a/b");
   RestoredSystemCalls restored;
