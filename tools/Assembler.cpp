@@ -152,11 +152,10 @@ class Assembler {
     end += Instruction::FirstOperandSize(row->word) + Instruction::SecondOperandSize(row->word);
     if (row->first != Instruction::Operand::None && !Operand(*row, row->first, end)) return false;
     if (row->second == Instruction::Operand::None) return true;
-    if (!TakeMark(',')) return Expected("',' and the second operand of '" + NameOf(*row) + "'");
+    if (!TakeMark(','))
+      return Expected("',' and the second operand of '" + std::string(row->name) + "'");
     return Operand(*row, row->second, end);
   }
-
-  static std::string NameOf(const Instruction::Row& row) { return row.name; }
 
   bool UnknownWord() {
     const std::string& word = Token().text;
