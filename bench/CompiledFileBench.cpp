@@ -8,8 +8,8 @@
 #include <string>
 
 #include "base/systems/unix/UNIXReentrantFile.h"
+#include "tests/support/FaultyFile.h"
 #include "tests/support/LoadedScript.h"
-#include "tests/support/MemoryFile.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TestApplication.h"
 
@@ -68,7 +68,7 @@ void LoadOnce(TestApplication* application, FileManager* manager, const char* na
 // The readers alone.
 void LoadFromMemory(benchmark::State& state) {
   TestApplication application;
-  MemoryFileManager manager;
+  FaultyFileManager manager;
   WriteScript(&manager, "page.zpc", state.range(0));
   for (auto _ : state) LoadOnce(&application, &manager, "page.zpc");
   state.counters["bytes"] = static_cast<double>(manager.files["page.zpc"].size());
@@ -89,7 +89,7 @@ BENCHMARK(LoadFromDisk)->Arg(0)->Arg(10)->Arg(100);
 // What a request pays for the objects alone, before anything is read.
 void MakeTheObjects(benchmark::State& state) {
   TestApplication application;
-  MemoryFileManager manager;
+  FaultyFileManager manager;
   for (auto _ : state) {
     LoadedScript script(&application, &manager);
     benchmark::DoNotOptimize(&script);
@@ -109,7 +109,7 @@ BENCHMARK(FindFunction)->Arg(10)->Arg(1000);
 void ReadLanguageIndex(benchmark::State& state) {
   TestApplication application;
   application.SetLanguage("en");
-  MemoryFileManager manager;
+  FaultyFileManager manager;
   WriteScript(&manager, "page.zpc", 0);
   LoadedScript script(&application, &manager);
   Require(script.Load("page.zpc", manager.Open("page.zpc", FileMode_Read)));

@@ -2,8 +2,8 @@
 // machine would use it.
 
 #include "fuzz/CompiledFileMutator.h"
+#include "tests/support/FaultyFile.h"
 #include "tests/support/LoadedScript.h"
-#include "tests/support/MemoryFile.h"
 #include "tests/support/TestApplication.h"
 
 extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max_size,
@@ -12,7 +12,7 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  MemoryFileManager manager;
+  FaultyFileManager manager;
   manager.files["s"].assign(reinterpret_cast<const char*>(data), size);
   TestApplication application;
   LoadedScript script(&application, &manager);

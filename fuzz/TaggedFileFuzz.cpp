@@ -7,7 +7,7 @@
 
 #include "base/TaggedFile.h"
 #include "fuzz/CompiledFileMutator.h"
-#include "tests/support/MemoryFile.h"
+#include "tests/support/FaultyFile.h"
 
 namespace {
 
@@ -80,7 +80,7 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  MemoryFileManager manager;
+  FaultyFileManager manager;
   std::string& content = manager.files["s"];
   content.assign(reinterpret_cast<const char*>(data), size);
   Model model(content);

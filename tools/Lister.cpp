@@ -87,7 +87,7 @@ struct Form {
 class StoredProgram {
  public:
   explicit StoredProgram(std::string_view bytes) : image(bytes), file(&manager) {
-    manager.Put(file_name, bytes);
+    manager.files[file_name] = bytes;
   }
 
   // False when it is no compiled file; the text is in file.error().

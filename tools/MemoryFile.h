@@ -1,30 +1,32 @@
 // Files that exist in memory only: the assembler builds a compiled script in one, and the lister
-// reads one that may be damaged, without touching the disk.
+// reads one that may be damaged, without touching the disk. Tests derive theirs from them.
 
 #ifndef ZEPH_TOOLS_MEMORYFILE_H
 #define ZEPH_TOOLS_MEMORYFILE_H
 
 #include <map>
 #include <string>
-#include <string_view>
 
 #include "base/File.h"
 
-// A flat set of named files. Opens them, and refuses every other operation on names: the classes
-// that read and write compiled scripts need no more.
+// A flat set of named files, whatever the type of a path. Opens and deletes them, and refuses every
+// other operation on names: the classes that read and write compiled scripts need no more.
 class MemoryFileManager : public FileManager {
  public:
-  MemoryFileManager() : FileManager(nullptr) {}
+  explicit MemoryFileManager(ZephApplication* application = nullptr) : FileManager(application) {}
 
-  // Puts a file there, replacing one of that name.
-  void Put(const std::string& name, std::string_view bytes) { files[name] = bytes; }
+  // Contents by name.
+  std::map<std::string, std::string> files;
+
   // What a file holds; empty for an unknown name.
   std::string Contents(const std::string& name) const;
 
   File* Open(const char* path, int mode) override;
+  File* Open(Zeph_PathType, const char* path, int mode) override { return Open(path, mode); }
+  bool Delete(const char* path) override { return files.erase(path) != 0 || Refuse(); }
+  bool Delete(Zeph_PathType, const char* path) override { return Delete(path); }
 
   int Lock(const char*) override { return FileLock_Failed; }
-  bool Delete(const char*) override { return Refuse(); }
   bool Copy(const char*, const char*) override { return Refuse(); }
   bool Rename(const char*, const char*) override { return Refuse(); }
   bool TouchFile(const char*) override { return Refuse(); }
@@ -40,9 +42,7 @@ class MemoryFileManager : public FileManager {
   File* MakeTemporary(const char*, char**, int) override { return RefuseFile(); }
 
   using Type = Zeph_PathType;
-  File* Open(Type, const char*, int) override { return RefuseFile(); }
   int Lock(Type, const char*) override { return FileLock_Failed; }
-  bool Delete(Type, const char*) override { return Refuse(); }
   bool Copy(Type, const char*, Type, const char*) override { return Refuse(); }
   bool Rename(Type, const char*, Type, const char*) override { return Refuse(); }
   bool TouchFile(Type, const char*) override { return Refuse(); }
@@ -61,11 +61,41 @@ class MemoryFileManager : public FileManager {
   char pathseparator() override { return '/'; }
   char* NormalizeContainedPath(Type, const char*, int*, int*) override { return nullptr; }
 
+ protected:
+  // The content of the file to open, null with the reason stored.
+  std::string* Content(const char* path, int mode);
+
  private:
   bool Refuse();
   File* RefuseFile();
+};
 
-  std::map<std::string, std::string> files;
+// One open file. Its content may change under it, as a file's on a disk.
+class MemoryFile : public File {
+ public:
+  // The content is borrowed from the manager.
+  MemoryFile(MemoryFileManager* manager, const char* path, std::string* content)
+      : File(manager, path), bytes(content) {}
+
+  int Read(char* buffer, int length) override;
+  int Write(const char* text, int length) override;
+  // As on a disk, a place beyond the end is reached all the same.
+  int Seek(long place) override;
+  int Tell() override { return static_cast<int>(position); }
+  long Length() override { return static_cast<long>(bytes->size()); }
+  bool OwnerID(int* id) override;
+  bool GroupID(int* id) override;
+  bool IsDirectory(bool* result) override;
+  bool Lock(FileLockType, long, long) override { return true; }
+  bool Release(long, long) override { return true; }
+  char* Map(long, long) override { return nullptr; }
+  void Release() override {}
+  bool Activate(String&) override { return true; }
+  void Deactivate() override {}
+
+ private:
+  std::string* bytes;
+  size_t position = 0;
 };
 
 #endif

@@ -7,8 +7,8 @@
 
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "tests/support/CompiledFileBytes.h"
+#include "tests/support/FaultyFile.h"
 #include "tests/support/LoadedScript.h"
-#include "tests/support/MemoryFile.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TestApplication.h"
 
@@ -31,7 +31,7 @@ class CompiledFile : public testing::Test {
   void UseEverything() { EXPECT_GT(script->UseEverything(&application), 0U); }
 
   TestApplication application;
-  MemoryFileManager manager;
+  FaultyFileManager manager;
   std::unique_ptr<LoadedScript> script;
 };
 

@@ -6,7 +6,7 @@
 
 #include "base/TaggedFile.h"
 #include "tests/support/CompiledFileBytes.h"
-#include "tests/support/MemoryFile.h"
+#include "tests/support/FaultyFile.h"
 
 using namespace CompiledFileBytes;
 
@@ -41,7 +41,7 @@ class DictionaryFile : public testing::Test {
     return manager.files["w"];
   }
 
-  MemoryFileManager manager;
+  FaultyFileManager manager;
   TaggedFile file{&manager};
   Dictionary dictionary;
 };

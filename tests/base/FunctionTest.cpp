@@ -8,7 +8,7 @@
 #include "base/Dictionary.h"
 #include "base/TaggedFile.h"
 #include "tests/support/CompiledFileBytes.h"
-#include "tests/support/MemoryFile.h"
+#include "tests/support/FaultyFile.h"
 #include "tests/support/TestApplication.h"
 
 using namespace CompiledFileBytes;
@@ -240,7 +240,7 @@ class FunctionFile : public testing::Test {
   }
 
   Texts texts;
-  MemoryFileManager manager;
+  FaultyFileManager manager;
   TaggedFile file{&manager};
   Dictionary dictionary;
   FunctionManager functions{&dictionary, 8};

@@ -6,7 +6,7 @@
 
 #include "base/TaggedFile.h"
 #include "tests/support/CompiledFileBytes.h"
-#include "tests/support/MemoryFile.h"
+#include "tests/support/FaultyFile.h"
 
 using namespace CompiledFileBytes;
 
@@ -24,7 +24,7 @@ class LocalizedPieces : public testing::Test {
     return pieces.Read(&file);
   }
 
-  MemoryFileManager manager;
+  FaultyFileManager manager;
   TaggedFile file{&manager};
   LocalizedDictionary pieces;
 };

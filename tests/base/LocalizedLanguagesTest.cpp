@@ -8,7 +8,7 @@
 #include "base/Dictionary.h"
 #include "base/TaggedFile.h"
 #include "tests/support/CompiledFileBytes.h"
-#include "tests/support/MemoryFile.h"
+#include "tests/support/FaultyFile.h"
 #include "tests/support/TestApplication.h"
 
 using namespace CompiledFileBytes;
@@ -63,7 +63,7 @@ class Localized : public testing::Test {
 
   Texts texts;
   TestApplication application;
-  MemoryFileManager manager;
+  FaultyFileManager manager;
   TaggedFile file{&manager};
   Dictionary dictionary;
   LocalizedLanguages languages{&application, &dictionary, &file, 12, 8};

@@ -8,7 +8,7 @@
 #include "base/Instructions.h"
 #include "base/TaggedFile.h"
 #include "tests/support/CompiledFileBytes.h"
-#include "tests/support/MemoryFile.h"
+#include "tests/support/FaultyFile.h"
 #include "tests/support/TemporaryDirectory.h"
 
 using namespace CompiledFileBytes;
@@ -283,7 +283,7 @@ class SegmentFile : public testing::Test {
     return manager.files["w"];
   }
 
-  MemoryFileManager manager;
+  FaultyFileManager manager;
   TaggedFile file{&manager};
   SegmentManager segments;
 };

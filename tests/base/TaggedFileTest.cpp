@@ -7,7 +7,7 @@
 #include <random>
 
 #include "tests/support/CompiledFileBytes.h"
-#include "tests/support/MemoryFile.h"
+#include "tests/support/FaultyFile.h"
 
 using namespace CompiledFileBytes;
 
@@ -61,7 +61,7 @@ class TaggedFileTest : public testing::Test {
                  : "-1";
   }
 
-  MemoryFileManager manager;
+  FaultyFileManager manager;
   TaggedFile file{&manager};
   std::unique_ptr<unsigned char[]> scratch;
 };

@@ -17,7 +17,7 @@
 #include "base/VariableRef.h"
 #include "base/hash.h"
 #include "tests/support/CompiledFileBytes.h"
-#include "tests/support/MemoryFile.h"
+#include "tests/support/FaultyFile.h"
 #include "tests/support/TestApplication.h"
 
 namespace {
@@ -564,7 +564,7 @@ TEST(VariableScope, TableOfNames) {
 struct StoredTable {
   string names[3] = {"alpha", "Beta", "c"};
   Dictionary dictionary;
-  MemoryFileManager files;
+  FaultyFileManager files;
   TaggedFile file{&files};
 
   StoredTable() {
@@ -653,7 +653,7 @@ TEST(StoredVariableTable, WriteGivesTheBytesThatWereRead) {
 
 TEST(StoredVariableTable, ATableWrittenIsReadWithItsPositions) {
   Dictionary dictionary;
-  MemoryFileManager files;
+  FaultyFileManager files;
   Table table(&dictionary, 4, 8);
   for (int i = 0; i < 300; i++) table.Insert(("name" + std::to_string(i)).c_str(), -1);
   TaggedFile file(&files);

@@ -12,7 +12,7 @@
 #include "base/Variable.h"
 #include "base/VariableHash.h"
 #include "base/VariableRef.h"
-#include "tests/support/MemoryFile.h"
+#include "tests/support/FaultyFile.h"
 #include "tests/support/TestApplication.h"
 
 namespace {
@@ -47,7 +47,7 @@ void Set(VariableHash& table, const char* name, const char* value) {
 
 // A do file's names, in a dictionary that numbers otherwise than the running script's.
 struct ReferenceTable : testing::Test {
-  MemoryFileManager files;
+  FaultyFileManager files;
   Dictionary running_names;
   Dictionary file_names;
   VariableHash running{&running_names, 12, 512};

@@ -26,7 +26,7 @@ class Script {
  public:
   explicit Script(const std::string& source) {
     EXPECT_TRUE(AssembleScript(source, "test.zpa", &image, &errors)) << errors;
-    manager.Put("test.zpc", image);
+    manager.files["test.zpc"] = image;
     EXPECT_TRUE(file.Open("test.zpc", FileMode_Read)) << Text(file.error());
     EXPECT_TRUE(dictionary.Read(&file));
     EXPECT_TRUE(system.Read(&file, MakeTag("syst")));
@@ -277,7 +277,7 @@ TEST(Assembler, SectionsStateTheOrderAndWhatIsLeftOut) {
   std::string image, errors;
   ASSERT_TRUE(AssembleScript(".sections \"segs\", \"dict\"\n", "x", &image, &errors)) << errors;
   MemoryFileManager manager;
-  manager.Put("x", image);
+  manager.files["x"] = image;
   TaggedFile file(&manager);
   ASSERT_TRUE(file.Open("x", FileMode_Read));
   int tag = 0, length = 0;
