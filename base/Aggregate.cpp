@@ -74,6 +74,44 @@ int AggregateElementTree::Compare(const AggregateIndex& key, AggregateElement* e
   return element->key.Compare(key);
 }
 
+int AggregateElementTree::SplayKey(const AggregateIndex& key) {
+  if (key.position < 0) {
+    return SplayBy([&key](AggregateElement* element) { return element->key.Compare(key); });
+  }
+  const int position = key.position;
+  return SplayBy([&key, position](AggregateElement* element) {
+    const int other = element->key.position;
+    // Sums that wrap can give an element the position of a name.
+    if (other == -1) [[unlikely]]
+      return element->key.Compare(key);
+    return (position > other) - (position < other);
+  });
+}
+
+AggregateElement* AggregateElementTree::Find(const AggregateIndex& key) {
+  return root && SplayKey(key) == 0 ? root->item : nullptr;
+}
+
+AggregateElement* AggregateElementTree::Next(const AggregateIndex& key) {
+  if (!root) return nullptr;
+  if (SplayKey(key) < 0) return root->item;
+  Node* node = root->right;
+  while (node && node->left) node = node->left;
+  return node ? node->item : nullptr;
+}
+
+AggregateElement* AggregateElementTree::Previous(const AggregateIndex& key) {
+  if (!root) return nullptr;
+  if (SplayKey(key) > 0) return root->item;
+  Node* node = root->left;
+  while (node && node->right) node = node->right;
+  return node ? node->item : nullptr;
+}
+
+void AggregateElementTree::Insert(AggregateElement* element) {
+  InsertAtRoot(element, root ? SplayKey(element->key) : 0);
+}
+
 AggregateElement* AggregateElementTree::InsertNew(const AggregateIndex& index) {
   auto element = std::make_unique<AggregateElement>(index);
   Insert(element.get());

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/BaseTemplates.h"
+#include "base/FreeList.h"
 #include "base/StringClass.h"
 #include "base/Variable.h"
 #include "base/memcmpi.h"
@@ -59,6 +60,8 @@ class AggregateIndex {
 // One element: its key and its variable, on which it holds a count.
 class AggregateElement {
  public:
+  ZEPH_FREE_LIST_OPERATORS(AggregateElement)
+
   // Makes a new NULL variable without a name.
   explicit AggregateElement(const AggregateIndex& index);
   // Takes a count on the variable, which may be null.
@@ -90,6 +93,12 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   // Copies the elements, each with a deep copy of its value.
   AggregateElementTree(const AggregateElementTree& source);
 
+  // Those of the base with the comparison in line: they are what scripts do with arrays.
+  AggregateElement* Find(const AggregateIndex& key) override;
+  AggregateElement* Next(const AggregateIndex& key) override;
+  AggregateElement* Previous(const AggregateIndex& key) override;
+  void Insert(AggregateElement* element) override;
+
   // Inserts a new element for a key that is not there, with a new variable or sharing a given one,
   // and answers it.
   AggregateElement* InsertNew(const AggregateIndex& index);
@@ -113,6 +122,8 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
 
  private:
   friend class Variable;
+
+  int SplayKey(const AggregateIndex& key);
 
   AggregateElementTree* next_deleted = nullptr;  // the chain of trees that wait for their deletion
 };

@@ -21,6 +21,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/FreeList.h"
 #include "base/hash.h"
 #include "base/memcmpi.h"
 
@@ -336,6 +337,8 @@ class NamedHashTable : public HashTable<T> {
 
 template <class T>
 struct SplayTreeNode {
+  ZEPH_FREE_LIST_OPERATORS(SplayTreeNode)
+
   SplayTreeNode* left;
   SplayTreeNode* right;
   T* item;
@@ -391,7 +394,15 @@ class SplayTree {
 
   // Brings the node with the key, or a last one on the way to it, to the root, and answers the
   // order of the key against it. On an empty tree the answer is 0 and means nothing.
-  int Splay(K key);
+  int Splay(K key) {
+    return SplayBy([this, &key](T* item) { return Compare(key, item); });
+  }
+  // The same by a comparison of the key that is looked for with an element, for instances that
+  // have a quicker one than the virtual Compare.
+  template <class Order>
+  int SplayBy(Order order_of);
+  // Makes the element the root, in front of or behind a root that has just been splayed.
+  void InsertAtRoot(T* item, int order);
   // Fills this empty tree with the elements of another: copies made by T's copy constructor if own
   // is set, else the same pointers.
   void CopyFromSplayTree(const SplayTree& other);
@@ -619,7 +630,8 @@ T* HashTable<T>::Unlink(int bucket, Order order) {
 // --- SplayTree -----------------------------------------------------------------------------------
 
 template <class T, class K>
-int SplayTree<T, K>::Splay(K key) {
+template <class Order>
+int SplayTree<T, K>::SplayBy(Order order_of) {
   if (!root) return 0;
   // The trees of what is less and of what is greater hang on the header: the lesser one on its
   // right, the greater one on its left.
@@ -627,11 +639,11 @@ int SplayTree<T, K>::Splay(K key) {
   Node* less = &header;
   Node* greater = &header;
   Node* top = root;
-  int order = Compare(key, top->item);
+  int order = order_of(top->item);
   while (order != 0) {
     Node* child = order < 0 ? top->left : top->right;
     if (!child) break;
-    int child_order = Compare(key, child->item);
+    int child_order = order_of(child->item);
     if (order < 0) {
       if (child_order < 0) {
         top->left = child->right;
@@ -640,7 +652,7 @@ int SplayTree<T, K>::Splay(K key) {
         order = child_order;
         if (!top->left) break;
         child = top->left;
-        child_order = Compare(key, child->item);
+        child_order = order_of(child->item);
       }
       greater->left = top;
       greater = top;
@@ -652,7 +664,7 @@ int SplayTree<T, K>::Splay(K key) {
         order = child_order;
         if (!top->right) break;
         child = top->right;
-        child_order = Compare(key, child->item);
+        child_order = order_of(child->item);
       }
       less->right = top;
       less = top;
@@ -670,18 +682,21 @@ int SplayTree<T, K>::Splay(K key) {
 
 template <class T, class K>
 void SplayTree<T, K>::Insert(T* item) {
-  std::unique_ptr<Node> node(new Node{nullptr, nullptr, item});
-  if (root) {
-    if (Splay(Key(item)) < 0) {
-      node->left = std::exchange(root->left, nullptr);
-      node->right = root;
-    } else {
-      node->right = std::exchange(root->right, nullptr);
-      node->left = root;
-    }
+  InsertAtRoot(item, root ? Splay(Key(item)) : 0);
+}
+
+template <class T, class K>
+void SplayTree<T, K>::InsertAtRoot(T* item, int order) {
+  Node* node = new Node{nullptr, nullptr, item};
+  if (root && order < 0) {
+    node->left = std::exchange(root->left, nullptr);
+    node->right = root;
+  } else if (root) {
+    node->right = std::exchange(root->right, nullptr);
+    node->left = root;
   }
   ++entries;
-  root = node.release();
+  root = node;
 }
 
 template <class T, class K>

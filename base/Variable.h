@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "base/BaseTemplates.h"
+#include "base/FreeList.h"
 #include "base/Numbers.h"
 #include "base/StringClass.h"
 
@@ -51,6 +52,8 @@ enum PrimaryType : int { PrimaryNone = 0, PrimaryText = 1, PrimaryInteger = 2, P
 // The order of fields and virtual operations is stated and stays.
 class Variable {
  public:
+  ZEPH_FREE_LIST_OPERATORS(Variable)
+
   // Bits of valid_forms.
   enum Form : uint8_t { TextForm = 1, IntegerForm = 2, DoubleForm = 4 };
 
@@ -232,6 +235,8 @@ class ReferenceVariable : public Variable {
 // A value that scripts can read but not write: every store is ignored and counts as done.
 class ImmutableVariable : public Variable {
  public:
+  ZEPH_FREE_LIST_OPERATORS(ImmutableVariable)
+
   ImmutableVariable();
   ImmutableVariable(const char* name, int length);
   ImmutableVariable(const char* name, int length, const char* value, int valuelength);
