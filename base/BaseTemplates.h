@@ -155,7 +155,9 @@ class SearchableList : public List<T> {
 // remove what it meets. The slots grow by 512, the buckets never: a big table has long chains,
 // ordered by key length and then by bytes, in which a search can stop early.
 //
-// The arrays are made at the first insertion, since most tables of a request stay empty.
+// The arrays are made at the first insertion, since most tables of a request stay empty, and most
+// others hold a handful: up to `scanned` slots the elements are searched one by one, and buckets
+// and chains, 16 KB to fill in a table of 12 bits, are made for the next one.
 //
 // An instance says what the key of an element is. Most keys are texts, and then the instance is a
 // few lines over NamedHashTable below. Any other instance overrides hash and both forms of Compare.
@@ -190,21 +192,24 @@ class HashTable {
 
   // Adds the element, behind those of an equal key. A null pointer is ignored.
   void Insert(T* item) {
-    if (!item) return;
+    if (!item || Append(item)) return;
     Link(item, hash(item), [this, item](T* other) { return Compare(item, other); });
   }
   // The earliest inserted element with that key, or null. A length of -1 means strlen.
   T* Find(const char* key, int length) {
     length = KeyLength(key, length);
-    return Search(hash(key, length), [=, this](T* item) { return Compare(item, key, length); });
+    const auto order = [=, this](T* item) { return Compare(item, key, length); };
+    return buckets ? Search(hash(key, length), order) : Scan(order);
   }
   T* Find(T* item) {
-    return Search(hash(item), [=, this](T* other) { return Compare(other, item); });
+    const auto order = [=, this](T* other) { return Compare(other, item); };
+    return buckets ? Search(hash(item), order) : Scan(order);
   }
   // Takes the element that Find answers out of the table and hands it over; null without one.
   T* Remove(const char* key, int length) {
     length = KeyLength(key, length);
-    return Unlink(hash(key, length), [=, this](T* item) { return Compare(item, key, length); });
+    const auto order = [=, this](T* item) { return Compare(item, key, length); };
+    return buckets ? Unlink(hash(key, length), order) : Drop(order);
   }
   // The bucket of a key.
   int hash(const char* key, int length) const {
@@ -230,10 +235,12 @@ class HashTable {
     return length == -1 && key ? static_cast<int>(strlen(key)) : 0;
   }
 
-  // Order answers the order of an element against what is searched for, here and in Unlink.
+  static constexpr int scanned = 24;
+
+  // Order answers the order of an element against what is searched for, here and in the three
+  // below. Search and Unlink go by the buckets, Scan and Drop by the slots of a table without.
   template <class Order>
   T* Search(int bucket, Order order) const {
-    if (!buckets) return nullptr;
     for (int slot = buckets[bucket]; slot >= 0; slot = chain[slot]) {
       int difference = order(slots[slot]);
       if (difference >= 0) return difference == 0 ? slots[slot] : nullptr;
@@ -242,13 +249,31 @@ class HashTable {
   }
   template <class Order>
   T* Unlink(int bucket, Order order);
+  template <class Order>
+  T* Scan(Order order) const {
+    for (int slot = 0; slot < high_water; ++slot) {
+      if (slots[slot] && order(slots[slot]) == 0) return slots[slot];
+    }
+    return nullptr;
+  }
+  template <class Order>
+  T* Drop(Order order) {
+    for (int slot = 0; slot < high_water; ++slot) {
+      if (!slots[slot] || order(slots[slot]) != 0) continue;
+      --buckets_used;
+      return std::exchange(slots[slot], nullptr);
+    }
+    return nullptr;
+  }
+  // Puts the element into the next slot of a table without buckets. False when it needs them.
+  bool Append(T* item);
   // Order answers the order of the new element against another.
   template <class Order>
   void Link(T* item, int bucket, Order order);
 
   int own;
   int nocase;
-  std::unique_ptr<int[]> buckets;  // first slot of each chain or -1; null until the first insertion
+  std::unique_ptr<int[]> buckets;  // first slot of each chain or -1; null while slots are scanned
   int bits;
   int bucket_count;
   int buckets_used = 0;          // raised by a chain's first element, lowered by every removal
@@ -270,6 +295,9 @@ class HashTable {
     return slot >= 0 ? slots[slot] : nullptr;
   }
   void MakeRoom();
+  void MakeBuckets();
+  template <class Order>
+  void LinkSlot(int slot, int bucket, Order order);
   void DeleteElements();
 };
 
@@ -304,24 +332,23 @@ class NamedHashTable : public HashTable<T> {
   }
 
   void Insert(T* item) {
-    if (!item) return;
+    if (!item || this->Append(item)) return;
     std::string_view key = KeyOf::Key(item);
     this->Link(item, hash(item), [=, this](T* other) { return -Order(other, key); });
   }
-  T* Find(const char* key, int length) const {
-    std::string_view text = Sized(key, length);
-    return this->Search(Bucket(text), [=, this](T* item) { return Order(item, text); });
-  }
-  T* Find(T* item) const {
-    std::string_view text = KeyOf::Key(item);
-    return this->Search(Bucket(text), [=, this](T* other) { return Order(other, text); });
-  }
+  T* Find(const char* key, int length) const { return FindText(Sized(key, length)); }
+  T* Find(T* item) const { return FindText(KeyOf::Key(item)); }
   T* Remove(const char* key, int length) {
     std::string_view text = Sized(key, length);
-    return this->Unlink(Bucket(text), [=, this](T* item) { return Order(item, text); });
+    const auto order = [=, this](T* item) { return Order(item, text); };
+    return this->buckets ? this->Unlink(Bucket(text), order) : this->Drop(order);
   }
 
  private:
+  T* FindText(std::string_view text) const {
+    const auto order = [=, this](T* item) { return Order(item, text); };
+    return this->buckets ? this->Search(Bucket(text), order) : this->Scan(order);
+  }
   static std::string_view Sized(const char* key, int length) {
     return std::string_view(key, static_cast<size_t>(HashTable<T>::KeyLength(key, length)));
   }
@@ -547,13 +574,14 @@ HashTable<T>::HashTable(const HashTable& other)
       buckets_used(other.buckets_used),
       capacity(other.capacity),
       high_water(other.high_water) {
+  if (!other.slots) return;
+  slots.reset(new T*[other.buckets ? capacity : scanned]);
+  memcpy(slots.get(), other.slots.get(), sizeof(T*) * high_water);
   if (!other.buckets) return;
   buckets.reset(new int[bucket_count]);
   memcpy(buckets.get(), other.buckets.get(), sizeof(int) * bucket_count);
   chain.reset(new int[capacity]);
   memcpy(chain.get(), other.chain.get(), sizeof(int) * high_water);
-  slots.reset(new T*[capacity]);
-  memcpy(slots.get(), other.slots.get(), sizeof(T*) * high_water);
 }
 
 template <class T>
@@ -570,34 +598,64 @@ void HashTable<T>::Dump() {
   high_water = 0;
 }
 
-// Makes the arrays at first, and later puts 512 slots more. What is behind high_water is never
-// read, so it needs no filling.
+template <class T>
+bool HashTable<T>::Append(T* item) {
+  if (buckets) return false;
+  // A table of few buckets has long chains from the start and gains nothing.
+  if (high_water == scanned || bucket_count <= scanned) {
+    MakeBuckets();
+    return false;
+  }
+  if (!slots) slots.reset(new T*[scanned]);
+  if (high_water == capacity) capacity += 512;
+  slots[high_water++] = item;
+  return true;
+}
+
+// Goes from scanned slots to buckets and chains.
+template <class T>
+void HashTable<T>::MakeBuckets() {
+  std::unique_ptr<int[]> made(new int[bucket_count]);
+  memset(made.get(), 0xFF, sizeof(int) * bucket_count);
+  std::unique_ptr<int[]> links(new int[capacity]);
+  std::unique_ptr<T*[]> all(new T*[capacity]);
+  if (high_water > 0) memcpy(all.get(), slots.get(), sizeof(T*) * high_water);
+  buckets = std::move(made);
+  chain = std::move(links);
+  slots = std::move(all);
+  for (int slot = 0; slot < high_water; ++slot) {
+    T* item = slots[slot];
+    if (item) LinkSlot(slot, hash(item), [=, this](T* other) { return Compare(item, other); });
+  }
+}
+
+// Puts 512 slots more. What is behind high_water is never read, so it needs no filling.
 template <class T>
 void HashTable<T>::MakeRoom() {
-  if (!chain || high_water == capacity) {
-    int grown = high_water == capacity ? capacity + 512 : capacity;
-    std::unique_ptr<int[]> larger_chain(new int[grown]);
-    std::unique_ptr<T*[]> larger_slots(new T*[grown]);
-    if (high_water > 0) {
-      memcpy(larger_chain.get(), chain.get(), sizeof(int) * high_water);
-      memcpy(larger_slots.get(), slots.get(), sizeof(T*) * high_water);
-    }
-    chain = std::move(larger_chain);
-    slots = std::move(larger_slots);
-    capacity = grown;
+  const int grown = capacity + 512;
+  std::unique_ptr<int[]> larger_chain(new int[grown]);
+  std::unique_ptr<T*[]> larger_slots(new T*[grown]);
+  if (high_water > 0) {
+    memcpy(larger_chain.get(), chain.get(), sizeof(int) * high_water);
+    memcpy(larger_slots.get(), slots.get(), sizeof(T*) * high_water);
   }
-  if (!buckets) {
-    buckets.reset(new int[bucket_count]);
-    memset(buckets.get(), 0xFF, sizeof(int) * bucket_count);
-  }
+  chain = std::move(larger_chain);
+  slots = std::move(larger_slots);
+  capacity = grown;
 }
 
 template <class T>
 template <class Order>
 void HashTable<T>::Link(T* item, int bucket, Order order) {
-  if (!buckets || high_water == capacity) MakeRoom();
-  int slot = high_water;
-  slots[slot] = item;
+  if (high_water == capacity) MakeRoom();
+  slots[high_water] = item;
+  LinkSlot(high_water, bucket, order);
+  ++high_water;
+}
+
+template <class T>
+template <class Order>
+void HashTable<T>::LinkSlot(int slot, int bucket, Order order) {
   int previous = -1;
   int next = buckets[bucket];
   if (next < 0) ++buckets_used;
@@ -607,13 +665,11 @@ void HashTable<T>::Link(T* item, int bucket, Order order) {
   }
   chain[slot] = next;
   (previous < 0 ? buckets[bucket] : chain[previous]) = slot;
-  ++high_water;
 }
 
 template <class T>
 template <class Order>
 T* HashTable<T>::Unlink(int bucket, Order order) {
-  if (!buckets) return nullptr;
   int previous = -1;
   for (int slot = buckets[bucket]; slot >= 0; previous = slot, slot = chain[slot]) {
     int difference = order(slots[slot]);

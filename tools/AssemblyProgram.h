@@ -32,8 +32,9 @@ constexpr int IndexTag(int language) {
   return static_cast<int>(static_cast<unsigned>(language) << 16 | 0x584C);
 }
 
-// Sizes of the tables, as the engine makes them for itself.
-constexpr int variable_bits = 12;
+// Sizes of the tables. A request fills the buckets of its own tables anew, so those of variables are
+// as many as a page with its environment needs, and no more.
+constexpr int variable_bits = 8;
 constexpr int variable_capacity = 512;
 constexpr int function_bits = 8;
 constexpr int function_capacity = 64;

@@ -81,7 +81,7 @@ void Fill(Table& table, const char* letters) {
   for (; *letters; ++letters) table.Insert(new Item(std::string(1, *letters)));
 }
 
-TEST(HashTable, ArraysAreMadeAtTheFirstInsertion) {
+TEST(HashTable, BucketsAreMadeWhenScanningNoLongerPays) {
   Table table(1, 1, 12, 512);
   EXPECT_EQ(table.buckets, nullptr);
   EXPECT_EQ(table.capacity, 512);
@@ -93,8 +93,27 @@ TEST(HashTable, ArraysAreMadeAtTheFirstInsertion) {
   EXPECT_EQ(table.Index(0), nullptr);
   table.Dump();
   EXPECT_EQ(table.buckets, nullptr);
-  Fill(table, "a");
+  Fill(table, "abcdefghijklmnopqrstuvwx");
+  EXPECT_EQ(table.buckets, nullptr);
+  delete table.Remove("c", -1);
+  EXPECT_EQ(table.Find("X", -1)->name, "x");
+  Fill(table, "y");
   EXPECT_NE(table.buckets, nullptr);
+  EXPECT_EQ(table.Entries(), 25);
+  EXPECT_EQ(Walk(table), "abdefghijklmnopqrstuvwxy");
+  EXPECT_EQ(table.Find("A", -1)->name, "a");
+  EXPECT_EQ(table.Find("c", -1), nullptr);
+}
+
+TEST(HashTable, EqualKeysKeepTheirOrderWhenBucketsAreMade) {
+  Table table(0, 1, 12, 512);
+  std::deque<Item> items;
+  for (int i = 0; i < 30; i++) {
+    items.emplace_back("same", i);
+    table.Insert(&items.back());
+  }
+  for (Item& item : items) EXPECT_EQ(table.Remove("SAME", -1), &item);
+  EXPECT_EQ(table.Find("same", -1), nullptr);
 }
 
 TEST(HashTable, FindsWhatWasInserted) {
