@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -49,6 +50,7 @@ struct SystemCalls {
   int (*unlinkat)(int, const char*, int) = ::unlinkat;
   int (*renameat)(int, const char*, int, const char*) = ::renameat;
   int (*kill)(pid_t, int) = ::kill;
+  int (*poll)(pollfd*, nfds_t, int) = ::poll;
 };
 
 inline SystemCalls system_calls;

@@ -12,7 +12,6 @@
 // Tests: tests/base/systems/unix/UNIXNameLockTest.cpp
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -216,7 +215,7 @@ void NameLock::Pause() {
   long rest = std::max(application->config()->value_integer(Config_delay_file), 1);
   constexpr long slice = 500;
   while (rest > 0 && !application->cancelled()) {
-    poll(nullptr, 0, static_cast<int>(std::min(rest, slice)));
+    system_calls.poll(nullptr, 0, static_cast<int>(std::min(rest, slice)));
     rest -= slice;
   }
 }

@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -177,13 +176,35 @@ TEST_F(NameLock, CancelledApplicationDoesNotTry) {
   EXPECT_EQ(0, Entries());
 }
 
-TEST_F(NameLock, LongPauseEndsWithTheScript) {
+// The pauses of one wait, in milliseconds.
+std::vector<int> pauses;
+
+TEST_F(NameLock, PausesAsLongAsTheSettingSays) {
+  struct Case {
+    int setting;
+    std::vector<int> pauses;
+  } cases[] = {
+      {100, {100, 100}},
+      {1200, {500, 500, 200}},
+      {0, {1, 1}},  // never a busy loop
+      {-5, {1, 1}},
+      // A script that is cancelled does not sit it out.
+      {1000000, {500, 500, 500, 500}},
+  };
   tree.File("data/lock", "1!1:elsewhere");
-  auto before = std::chrono::steady_clock::now();
-  EXPECT_EQ(FileLock_TimedOut, LockForAWhile([](TestApplication& impatient) {
-              impatient.config()->SetValue_Integer(Config_delay_file, 1000000);
-            }));
-  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(60));
+  RestoredSystemCalls restored;
+  system_calls.poll = [](pollfd*, nfds_t, int milliseconds) {
+    pauses.push_back(milliseconds);
+    return 0;
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.setting);
+    pauses.clear();
+    EXPECT_EQ(FileLock_TimedOut, LockForAWhile([&](TestApplication& impatient) {
+                impatient.config()->SetValue_Integer(Config_delay_file, c.setting);
+              }));
+    EXPECT_EQ(c.pauses, pauses);
+  }
 }
 
 TEST_F(NameLock, DeadProcessOfThisHostIsBrokenAtOnce) {
