@@ -38,8 +38,9 @@ enum PrimaryType : int { PrimaryNone = 0, PrimaryText = 1, PrimaryInteger = 2, P
 // that it wants, converting once and caching.
 //
 // Life: made with a count of 1, deleted by the DecRefCount that reaches 0 and by nothing else. Who
-// keeps the pointer takes a count. A Variable belongs to one request or task and its thread: reads
-// fill caches, so even they change it. Values reach another thread through Clone only.
+// keeps the pointer takes a count, and during an operation somebody but the variable's own elements
+// has to hold it. A Variable belongs to one request or task and its thread: reads fill caches, so
+// even they change it. Values reach another thread through Clone only.
 //
 // References: Make_Reference turns a variable into a reference to another one, under all who hold
 // it. The object keeps its class; every operation looks first whether it is redirected() and then
