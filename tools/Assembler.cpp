@@ -587,6 +587,7 @@ class Assembler {
     std::stable_sort(
         errors.begin(), errors.end(),
         [](const AssemblyError& a, const AssemblyError& b) { return a.line < b.line; });
+    if (errors.size() > error_limit) errors.resize(error_limit);
   }
 
   void Fill(const Reference& reference, int value) {

@@ -449,7 +449,6 @@ class Printer {
         wanted.insert(Target(segment, offset, decoded));
       offset = decoded.end;
     }
-    // What is cut off at the end is listed behind a last start.
     targets.clear();
     std::set_intersection(starts.begin(), starts.end(), wanted.begin(), wanted.end(),
                           std::inserter(targets, targets.end()));

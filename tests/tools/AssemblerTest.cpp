@@ -359,6 +359,7 @@ TEST(Assembler, ReportsSeveralErrorsInTheOrderOfTheirLines) {
 
 TEST(Assembler, StopsReportingAfterTwentyErrors) {
   std::string source, image, errors;
+  source = "jmp nowhere\ncall nobody\n";
   for (int i = 0; i < 100; i++) source += "wrong\n";
   EXPECT_FALSE(AssembleScript(source, "t", &image, &errors));
   EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 20);
