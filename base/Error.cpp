@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "base/Dictionary.h"
 #include "base/Variable.h"
@@ -23,6 +24,10 @@ bool AnyAdmits(List<LogFilterEntry>* entries, const char* file, int length, int 
     if (Admits(entry, file, length, line)) return true;
   }
   return false;
+}
+
+LogParameter LogText(const String& text) {
+  return LogParameter::OfText(text.data, text.length);
 }
 
 }  // namespace
@@ -59,7 +64,7 @@ int ZephVM::FatalError(const String& message) {
   error_text.cat('\n');
   stop_flag = true;
   application->Error(error_text);
-  if (WantsLog(Log_FatalError)) WriteLog(Log_FatalError, nullptr, &error_text);
+  if (WantsLog(Log_FatalError)) WriteLog(Log_FatalError, {LogText(error_text)});
   return 0;
 }
 
@@ -80,7 +85,13 @@ void ZephVM::RuntimeError(int tag, const String& message) {
   if (setting.variable) {
     global_variables->SetVariable(setting.variable, -1, message.data, message.length);
   }
-  if (WantsLog(Log_RuntimeError)) WriteLog(Log_RuntimeError, setting.name, &message);
+  if (WantsLog(Log_RuntimeError)) {
+    if (setting.name) {
+      WriteLog(Log_RuntimeError, {LogParameter::OfText(setting.name, -1), LogText(message)});
+    } else {
+      WriteLog(Log_RuntimeError, {LogText(message)});
+    }
+  }
 }
 
 void ZephVM::EncodedRuntimeError(int tag, const String& message) {
@@ -96,8 +107,8 @@ void ZephVM::ClearErrorVariable(int tag) {
   }
 }
 
-bool ZephVM::WantsLog(unsigned type) {
-  if ((log_mask & type) == 0 || application->logsuppressed()) return false;
+bool ZephVM::LogAdmitsPlace() {
+  if (application->logsuppressed()) return false;
   int length;
   const char* file = SourceFile(&length);
   if (AnyAdmits(application->logexcludes(), file, length, current_line)) return false;
@@ -105,17 +116,12 @@ bool ZephVM::WantsLog(unsigned type) {
   return includes->Entries() == 0 || AnyAdmits(includes, file, length, current_line);
 }
 
-// A record with script path, source file and line, then a name and a message where given.
-void ZephVM::WriteLog(unsigned type, const char* name, const String* message) {
+void ZephVM::WriteLog(unsigned type, std::initializer_list<LogParameter> more) {
   int length;
   const char* file = SourceFile(&length);
-  LogParameter parameters[6];
-  int n = 0;
-  parameters[n++] = LogParameter::OfText(script_path.data, script_path.length);
-  parameters[n++] = LogParameter::OfText(file, length);
-  parameters[n++] = LogParameter::OfInteger(current_line);
-  if (name) parameters[n++] = LogParameter::OfText(name, -1);
-  if (message) parameters[n++] = LogParameter::OfText(message->data, message->length);
-  parameters[n] = LogParameter::OfEnd();
-  application->Log(type, parameters);
+  std::vector<LogParameter> parameters = {LogText(script_path), LogParameter::OfText(file, length),
+                                          LogParameter::OfInteger(current_line)};
+  parameters.insert(parameters.end(), more);
+  parameters.push_back(LogParameter::OfEnd());
+  application->Log(type, parameters.data());
 }

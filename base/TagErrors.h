@@ -20,6 +20,8 @@ struct TagErrorSetting {
 };
 
 inline constexpr int tag_count = 77;
+// The number under which errors in an expression go, whatever tag it stands in.
+inline constexpr int Tag_Expression = 62;
 
 // The defaults in force, indexed by tag number. A request may set one while others are read by the
 // machines of other requests, so the settings are accessed through the functions below only.

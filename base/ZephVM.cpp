@@ -137,7 +137,7 @@ int ZephVM::Go() {
     // An error is seen before the next instruction starts, and before an exit.
     if (stop_flag) return 0;
     if (Read(exit_flag)) return 1;
-    if (wanted_segment != loaded_segment && !SetSegment()) return 0;
+    if (wanted_segment != loaded_segment && !Set_Segment()) return 0;
     instruction_start = program_counter;
     // The counter may have been set to anything by a jump; outside of the segment is its end.
     if (program_counter < 0 || program_counter >= code_length - 1) {
@@ -171,46 +171,125 @@ int ZephVM::Go() {
 void ZephVM::Dispatch(unsigned word) {
   switch (word) {
     case Instruction::noop: break;
-    case Instruction::pushc: pushc(); break;
     case Instruction::pushi: stack->PushI(first_integer); break;
     case Instruction::pushf: stack->PushD(first_double); break;
     case Instruction::pop: stack->Pop(); break;
     case Instruction::dup: stack->Dupe(); break;
+    case Instruction::swap: stack->Swap(0, 1); break;
+    case Instruction::swapn: stack->Swap(first_integer, second_integer); break;
+    case Instruction::cat: stack->Concatenate(); break;
+    case Instruction::jmp: Jump(); break;
+    case Instruction::jmp_eq:
+      if (stack->PopI() == 0) Jump();
+      break;
+    case Instruction::jmp_ne:
+      if (stack->PopI() != 0) Jump();
+      break;
+    case Instruction::jmp_lt:
+      if (stack->PopI() < 0) Jump();
+      break;
+    case Instruction::jmp_gt:
+      if (stack->PopI() > 0) Jump();
+      break;
+    case Instruction::jmp_le:
+      if (stack->PopI() <= 0) Jump();
+      break;
+    case Instruction::jmp_ge:
+      if (stack->PopI() >= 0) Jump();
+      break;
+    case Instruction::erroutput: frame->error_output = first_integer; break;
+    case Instruction::exit:
+    case Instruction::exit2: exit(); break;
+    case Instruction::pushc: pushc(); break;
     case Instruction::pushs: pushs(); break;
     case Instruction::pushg: pushg(); break;
     case Instruction::pushl: pushl(); break;
     case Instruction::pops: pops(); break;
     case Instruction::popg: popg(); break;
     case Instruction::popl: popl(); break;
-    case Instruction::cat: stack->Concatenate(); break;
-    case Instruction::out: out(); break;
-    case Instruction::out_comp: out_comp(); break;
-    case Instruction::exit:
-    case Instruction::exit2: exit(); break;
+    case Instruction::pushn: pushn(); break;
+    case Instruction::pushnc: pushnc(); break;
+    case Instruction::popn: popn(); break;
+    case Instruction::popnc: popnc(); break;
+    case Instruction::pushd: pushd(); break;
+    case Instruction::pushdc: pushdc(); break;
+    case Instruction::popd: popd(); break;
+    case Instruction::popdc: popdc(); break;
+    case Instruction::store: store(); break;
+    case Instruction::refer: refer(); break;
+    case Instruction::poprn: poprn(); break;
+    case Instruction::poprnc: poprnc(); break;
+    case Instruction::poprg: poprg(); break;
+    case Instruction::poprl: poprl(); break;
+    case Instruction::elem: elem(); break;
+    case Instruction::elem_readonly: elem_readonly(); break;
+    case Instruction::memb: memb(); break;
+    case Instruction::memb_readonly: memb_readonly(); break;
+    case Instruction::spush: spush(); break;
+    case Instruction::spop: spop(); break;
+    case Instruction::add: add(); break;
+    case Instruction::sub: sub(); break;
+    case Instruction::mul: mul(); break;
+    case Instruction::div: div(); break;
+    case Instruction::mod: mod(); break;
+    case Instruction::pow: pow(); break;
+    case Instruction::rounds: rounds(); break;
+    case Instruction::roundf: roundf(); break;
+    case Instruction::crypt: crypt(); break;
+    case Instruction::op_bitand: op_bitand(); break;
+    case Instruction::op_bitor: op_bitor(); break;
+    case Instruction::bitxor: bitxor(); break;
+    case Instruction::bitoc: bitoc(); break;
+    case Instruction::bitsl: bitsl(); break;
+    case Instruction::bitsr: bitsr(); break;
+    case Instruction::cmp: cmp(); break;
+    case Instruction::eq: eq(); break;
+    case Instruction::ne: ne(); break;
+    case Instruction::ge: ge(); break;
+    case Instruction::le: le(); break;
+    case Instruction::lt: lt(); break;
+    case Instruction::gt: gt(); break;
+    case Instruction::op_and: op_and(); break;
+    case Instruction::op_or: op_or(); break;
+    case Instruction::op_not: op_not(); break;
+    case Instruction::isnull: isnull(); break;
+    case Instruction::in: in(); break;
+    case Instruction::cin: cin(); break;
+    case Instruction::ein: ein(); break;
+    case Instruction::ecin: ecin(); break;
+    case Instruction::call: call(); break;
+    case Instruction::ret: ret(); break;
+    case Instruction::retn: retn(); break;
     case Instruction::lineno: lineno(); break;
     case Instruction::sourcefile: sourcefile(); break;
     case Instruction::tagerror: tagerror(); break;
-    case Instruction::erroutput: frame->error_output = first_integer; break;
     case Instruction::stdoutput: stdoutput(); break;
+    case Instruction::out: out(); break;
+    case Instruction::out_comp: out_comp(); break;
     case Instruction::op_errmsg: op_errmsg(); break;
+    case Instruction::hide: hide(); break;
     case Instruction::capture: capture(); break;
     case Instruction::capture_end: capture_end(); break;
+    case Instruction::cmpgg: cmpgg(); break;
+    case Instruction::cmpgi: cmpgi(); break;
+    case Instruction::incg: incg(); break;
+    case Instruction::modgg: modgg(); break;
+    case Instruction::storegi: storegi(); break;
     default: FatalError("Illegal Instruction");
   }
 }
 
-bool ZephVM::SetSegment() {
+int ZephVM::Set_Segment() {
   segment = segments->Lookup(wanted_segment);
   if (!segment) {
     code = nullptr;
     code_length = 0;
-    FatalError("Invalid segment reference");
-    return false;
+    return FatalError("Invalid segment reference");
   }
   code = segment->code();
   code_length = segment->length();
   loaded_segment = wanted_segment;
-  return true;
+  return 1;
 }
 
 ZephVM::Pass ZephVM::EndOfSegment() {
@@ -223,7 +302,7 @@ int ZephVM::TimedOut() {
   if (stop_flag) return 0;
   stop_flag = true;
   application->Error("Application timed out");
-  if (WantsLog(Log_TimedOut)) WriteLog(Log_TimedOut, nullptr, nullptr);
+  if (WantsLog(Log_TimedOut)) WriteLog(Log_TimedOut, {});
   return 0;
 }
 
@@ -289,42 +368,6 @@ void ZephVM::pushc() {
   stack->PushS(text, length, length, 0);
 }
 
-// pushs  ( -- v )  System variable by position; the null variable where there is none.
-void ZephVM::pushs() {
-  Variable* variable = system_variables->Index(first_integer, 0);
-  stack->PushV(variable ? variable : null_variable, 1, 1);
-}
-
-// pushg  ( -- v )  Global variable by position, created if missing.
-void ZephVM::pushg() {
-  stack->PushV(global_variables->Index(first_integer, 1), 1, 1);
-}
-
-// pushl  ( -- v )  Local variable by position, created if missing.
-void ZephVM::pushl() {
-  stack->PushV(frame->variables->Index(first_integer, 1), 1, 1);
-}
-
-// pops  ( x -- )  Assigns a system variable, which may refuse; drops x where there is none.
-void ZephVM::pops() {
-  Variable* variable = system_variables->Index(first_integer, 0);
-  if (variable) {
-    stack->PopV(variable);
-  } else {
-    stack->Pop();
-  }
-}
-
-// popg  ( x -- )  Assigns a global variable by position, created if missing.
-void ZephVM::popg() {
-  stack->PopV(global_variables->Index(first_integer, 1));
-}
-
-// popl  ( x -- )  Assigns a local variable by position, created if missing.
-void ZephVM::popl() {
-  stack->PopV(frame->variables->Index(first_integer, 1));
-}
-
 // out  ( x -- )  Writes x to the output. A chained text goes out block by block, unflattened.
 void ZephVM::out() {
   ZephVM_Stack::Stack_Entry* top = stack->Peek();
@@ -354,7 +397,7 @@ void ZephVM::lineno() {
   current_line = first_integer;
   if ((log_mask & Log_Trace) == 0 || current_line == traced_line) return;
   traced_line = current_line;
-  if (WantsLog(Log_Trace)) WriteLog(Log_Trace, nullptr, nullptr);
+  if (WantsLog(Log_Trace)) WriteLog(Log_Trace, {});
 }
 
 // sourcefile  ( -- )  Sets the source file that messages report, by dictionary id.

@@ -5,29 +5,34 @@
 #ifndef ZEPH_BASE_ZEPHVM_H
 #define ZEPH_BASE_ZEPHVM_H
 
-#include <memory>
+#include <initializer_list>
 
 #include "base/BaseTemplates.h"
+#include "base/Numbers.h"
 #include "base/StringClass.h"
 #include "base/TagErrors.h"
+#include "base/VariableRef.h"
 #include "base/ZephVM_Frame.h"
 #include "base/ZephVM_Stack.h"
 
 class CommerceLibraryManager;
 class Dictionary;
+class ExternalCall;
 class ExternalCallManager;
 class ExternalDatabaseLibraryManager;
 class Feature;
+class Function;
 class FunctionManager;
+class FunctionParameter;
 class LocalizedDictionary;
 class LocalizedLanguages;
-class NULLVariable;
 class Segment;
 class SegmentManager;
-class Variable;
 class VariableHash;
+class VariableList;
 class ZephApplication;
 struct LogParameter;
+struct _ZP_EL_Function;
 
 // One per request, on the request's thread. Borrows the tables that it is built on, which outlive
 // it; owns its frames, stacks and features.
@@ -49,11 +54,60 @@ class ZephVM {
   ZephVM(const ZephVM&) = delete;
   ZephVM& operator=(const ZephVM&) = delete;
 
+  // Calls a function of an external library: takes its arguments from the stack and pushes its
+  // result. Failures are fatal errors.
+  virtual void CallExternalFunction(Function* function);
+  // Enters a function of the script: takes its arguments from the stack, makes its frame current
+  // and goes on at its first instruction. The frame is entered even when that has failed.
+  virtual void CallFunction(Function* function);
+
   // Runs until the script ends: 1 after a normal end or an exit, 0 after an error or a time-out.
   int Go();
   // Notes the heartbeat counter and passes the beat to the parent and to all features, newest
   // first.
   void Heartbeat();
+
+  // --- Runs within a run (base/ZephVM_Calls.cpp) -------------------------------------------------
+  // Runs the start segment from its beginning on a frame and stack of its own, then goes on as
+  // before. Answers as Go.
+  int Go_Recursive();
+  // Calls a function of the script from native code. The arguments are borrowed, and their count
+  // has to be that of the parameters; without a list they are on the stack already. The result, if
+  // not null, receives what the function returned. 0 if there is no such function, the count is
+  // another, or an error has ended the script; 1 after its end, or an exit, which leaves the result
+  // as it is. A length of -1 means strlen.
+  int RunFunction(const char* name, int length, VariableList* arguments, Variable* result);
+  // Asks the script whether to take an uploaded file: what it answers is the limit in bytes, 0 for
+  // none and a negative one to refuse, which is also the answer of a script that was not written
+  // to be asked. 0 if the call failed.
+  int ValidateFileUpload(const char* field, int fieldlength, const char* name, int namelength,
+                         const char* type, int typelength, int* answer);
+  // Hands an uploaded file to the script. status is "COMPLETE" or "PARTIAL", path the temporary
+  // file's, size its bytes. 1 also for a script that does not care; 0 if the call failed.
+  int ProcessFileUpload(const char* field, int fieldlength, const char* name, int namelength,
+                        const char* status, int statuslength, const char* path, int pathlength,
+                        const char* type, int typelength, int size);
+
+  // --- Variables by name (base/ZephVM_Lookup.cpp) ------------------------------------------------
+  // All results are borrowed. A length of -1 means strlen, but for a list.
+  //
+  // The variable of a name with scope and path, as scripts write it; null if there is none, and
+  // after the fatal error that a bad name is.
+  Variable* Lookup_Variable(const char* name, int length);
+  // The same, but a bad name answers 0 and leaves its text in error. *out may be null with 1, too.
+  int Lookup_Variable(Variable** out, const char* name, int length, String* error);
+  // The global of a plain name, made if its name is known; null for an unknown name.
+  Variable* Lookup_Global(const char* name, int length);
+  // Fills the list with a reference to each variable of a comma-separated list of names; a name
+  // that is nobody's refers to the null variable. Answers their count.
+  int Lookup_VariableList(VariableList* list, const char* names, int length);
+  // Writes a variable as a hidden form field of that name, an aggregate as one field for each
+  // element below it.
+  void HideVar(const String& name, Variable* variable);
+
+  // Compares as the instruction cmp does.
+  static int Compare(Variable* left, Variable* right);
+  static int Compare(Variable* left, int right);
 
   // --- Errors (base/Error.cpp) -------------------------------------------------------------------
   // The code or the state of the machine is wrong: the message goes to the client and the run ends.
@@ -80,7 +134,7 @@ class ZephVM {
   void Pop_Feature(Feature* feature);
 
   // Whether a record of this LogType is wanted at the current place of the script.
-  bool WantsLog(unsigned type);
+  bool WantsLog(unsigned type) { return (log_mask & type) != 0 && LogAdmitsPlace(); }
 
   ZephApplication* Application() { return application; }
   ZephVM_Frame* CurrentFrame() { return frame; }
@@ -106,34 +160,129 @@ class ZephVM {
   void EnterFrame(ZephVM_Frame* new_frame);
 
   void Drop(Feature* feature);
+  bool LogAdmitsPlace();
 
   // Steps of the loop.
-  bool SetSegment();
+  int Set_Segment();
   Pass EndOfSegment();
   int TimedOut();
   void Dispatch(unsigned word);
-  void WriteLog(unsigned type, const char* name, const String* message);
+  void Jump() { program_counter = WrapAdd(program_counter, first_integer); }
+  // A record with script path, source file and line, and the given parameters behind them.
+  void WriteLog(unsigned type, std::initializer_list<LogParameter> parameters);
   String ErrorPrefix(const char* kind, const char* tag);
 
-  // Handlers, each named as its instruction.
+  // What handlers share. PopHeld takes a variable off the stack, null after an error, with the
+  // count that the entry held.
+  VariableRef PopHeld(Variable** variable);
+  const char* DictionaryText(int id, int* length);
+  bool LookupOrFail(Variable** out, const char* name, int length);
+  int LookupUnscoped(Variable** out, const char* name, int length, String* error);
+  void PushNamed(const char* name, int length);
+  void PopNamed(const char* name, int length);
+  Variable* ViewField(const char* alias, int aliaslength, const char* name, int length);
+  Variable* FirstDatabaseField(const char* name, int length);
+  Variable* AnyDatabaseField(const char* name, int length);
+  void AssignOrDrop(Variable* variable);
+  void PushElement(int create);
+  void PushMember(int create);
+  Variable* GlobalOrFail(int position);
+
+  // Calls.
+  class NestedRun;
+  void TakeArguments(Function* function, VariableHash* locals);
+  void LogParameterOf(Function* function, FunctionParameter* parameter, Variable* value);
+  ZephVM_FunctionFrame* ReturningFrame();
+  void LeaveFrame();
+  void LogReturn(ZephVM_FunctionFrame* left, bool with_value);
+  // Closes the features that were made in a frame which is about to end.
+  void Cleanup_Function_Features(ZephVM_Frame* left);
+  ExternalCall* FindExternal(Function* function);
+  bool TakeExternalArguments(Function* function, const _ZP_EL_Function* row, VariableHash* locals);
+  bool MayNest();
+  template <typename Push, typename Take>
+  int RunNested(Function* function, Push push, Take take);
+
+  // Handlers, each named as its instruction: base/ZephVM.cpp
   void pushc();
-  void pushs();
-  void pushg();
-  void pushl();
-  void pops();
-  void popg();
-  void popl();
   void out();
   void out_comp();
   void exit();
   void lineno();
   void sourcefile();
   void tagerror();
-  void erroutput();
   void stdoutput();
   void op_errmsg();
   void capture();
   void capture_end();
+  // base/ZephVM_Variables.cpp
+  void pushs();
+  void pushg();
+  void pushl();
+  void pops();
+  void popg();
+  void popl();
+  void pushn();
+  void pushnc();
+  void popn();
+  void popnc();
+  void pushd();
+  void pushdc();
+  void popd();
+  void popdc();
+  void store();
+  void refer();
+  void poprn();
+  void poprnc();
+  void poprg();
+  void poprl();
+  void spush();
+  void spop();
+  void elem();
+  void elem_readonly();
+  void memb();
+  void memb_readonly();
+  void cmpgg();
+  void cmpgi();
+  void incg();
+  void modgg();
+  void storegi();
+  // base/ZephVM_Arithmetic.cpp
+  void add();
+  void sub();
+  void mul();
+  void div();
+  void mod();
+  void pow();
+  void rounds();
+  void roundf();
+  void op_bitand();
+  void op_bitor();
+  void bitxor();
+  void bitoc();
+  void bitsl();
+  void bitsr();
+  void op_and();
+  void op_or();
+  void op_not();
+  void isnull();
+  void cmp();
+  void eq();
+  void ne();
+  void ge();
+  void le();
+  void lt();
+  void gt();
+  void in();
+  void cin();
+  void ein();
+  void ecin();
+  void crypt();
+  // base/ZephVM_Calls.cpp, base/ZephVM_Lookup.cpp
+  void call();
+  void ret();
+  void retn();
+  void hide();
 
   int children = 0;  // machines that share this one's tables
   String error_text;
@@ -182,6 +331,8 @@ class ZephVM {
   List<Feature> dropped_features;
   NULLVariable* null_variable;
   ZephVM* parent;
+  int frame_count = 0;     // of functions that have not returned
+  int runs = 0;            // that are nested in one another
   long frame_serials = 0;  // the last serial numbers given to a frame and to a feature
   long feature_serials = 0;
 };

@@ -28,3 +28,10 @@ void ZephVM_Frame::Set_Stack(ZephVM_Stack* new_stack, bool owned) {
   stack = new_stack;
   owns_stack = owned;
 }
+
+ZephVM_FunctionFrame::ZephVM_FunctionFrame(int segment, int offset, ::Function* called)
+    : ZephVM_Frame(segment, offset), function(called) {}
+
+int ZephVM_FunctionFrame::type() {
+  return Function;
+}

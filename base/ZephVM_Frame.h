@@ -4,6 +4,9 @@
 #ifndef ZEPH_BASE_ZEPHVM_FRAME_H
 #define ZEPH_BASE_ZEPHVM_FRAME_H
 
+#include "base/FreeList.h"
+
+class Function;
 class VariableHash;
 class ZephVM_Stack;
 
@@ -42,6 +45,19 @@ class ZephVM_Frame {
   // Told apart from all other frames of the machine, also from those that are gone. Set by the
   // machine.
   long serial = 0;
+};
+
+// The activation of a function of the script.
+class ZephVM_FunctionFrame : public ZephVM_Frame {
+ public:
+  ZEPH_FREE_LIST_OPERATORS(ZephVM_FunctionFrame)
+
+  // The function is borrowed and outlives the frame.
+  ZephVM_FunctionFrame(int return_segment, int return_offset, ::Function* function);
+
+  int type() override;
+
+  ::Function* function;
 };
 
 #endif

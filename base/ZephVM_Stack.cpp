@@ -384,20 +384,19 @@ int ZephVM_Stack::Compare() {
     vm->FatalError("Stack underflow");
     return 0;
   }
-  const Entry* left = &entries[SP - 2];
-  const Entry* right = &entries[SP - 1];
-  int not_numeric;
-  int result = 0;
-  double a = NumericValue(left, &not_numeric);
-  double b = not_numeric ? 0.0 : NumericValue(right, &not_numeric);
-  if (not_numeric) {
-    result = CompareTexts(left, right);
-  } else if (!(a == b)) {
-    result = a < b ? -1 : 1;
-  }
+  const int result = Compare(&entries[SP - 2], &entries[SP - 1]);
   Drop();
   Drop();
   return result;
+}
+
+int ZephVM_Stack::Compare(const Entry* left, const Entry* right) {
+  int not_numeric;
+  const double a = NumericValue(left, &not_numeric);
+  const double b = not_numeric ? 0.0 : NumericValue(right, &not_numeric);
+  if (not_numeric) return CompareTexts(left, right);
+  if (a == b) return 0;
+  return a < b ? -1 : 1;
 }
 
 void ZephVM_Stack::Dupe() {

@@ -92,6 +92,7 @@ class ZephVM_Stack {
   // Takes two entries off and compares the lower with the top: as numbers when both are, else as
   // text byte by byte. Below 0, 0 or above 0.
   int Compare();
+  static int Compare(const Stack_Entry* left, const Stack_Entry* right);
   void Dupe();
   // Exchanges the entries at two depths; 0 is the top.
   void Swap(int a, int b);

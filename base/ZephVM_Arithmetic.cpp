@@ -1,0 +1,370 @@
+// Instructions that compute: arithmetic, rounding, bits, comparison, logic, search and the password
+// hash. Each stands under its reference text. Operands are popped from the right; one that could
+// not be popped has set the stop flag, and then nothing is pushed.
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "base/Numbers.h"
+#include "base/PoppedString.h"
+#include "base/ZephApplication.h"
+#include "base/ZephVM.h"
+#include "base/dtoa.h"
+#include "base/string_search.h"
+
+namespace {
+
+// From this length of a text on, a search that makes a table first is worth it.
+const int kLongText = 300;
+
+using Search = int (*)(const char*, int, const char*, int);
+
+// What is left of a value rounded to some decimals.
+struct Rounded {
+  enum Kind { Number, Infinity, NaN };
+  Kind kind;
+  double value;
+};
+
+double PowerOfTen(int exponent) {
+  static const double kPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9, 1e10,
+                                   1e11, 1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20};
+  return exponent <= 20 ? kPowers[exponent] : pow(10.0, exponent);
+}
+
+// Rounds half to even by the decimal digits that the value is written with, not by its binary
+// fraction: 2.345 has a half to round, though the double is no exact half. Where rounding would
+// begin in front of the first digit, that digit is tested as if it stood there: 0.0006 to two
+// decimals is 0.01, and scripts know it so.
+Rounded Round(double value, int decimals) {
+  char digits[400];
+  int point, sign;
+  const int length = dtoa(digits, sizeof digits, 5, 20, &point, &sign, value);
+  if (point == 9999) return {digits[0] == 'I' ? Rounded::Infinity : Rounded::NaN, value};
+  if (decimals == 0 || length - point <= decimals) return {Rounded::Number, value};
+  const int kept = point + decimals;
+  unsigned long whole = 0;
+  for (int i = 0; i < kept; i++) whole = whole * 10 + static_cast<unsigned long>(digits[i] - '0');
+  const int test = kept > 0 ? kept : 0;
+  bool up = digits[test] > '5';
+  if (digits[test] == '5') {
+    const char* rest = digits + test + 1;
+    up = rest[strspn(rest, "0")] != '\0' || (whole & 1) != 0;
+  }
+  const double rounded = static_cast<double>(whole + (up ? 1 : 0)) / PowerOfTen(decimals);
+  return {Rounded::Number, sign ? -rounded : rounded};
+}
+
+int Find(const char* needle, int needle_length, const char* text, int text_length, Search plain,
+         Search fast) {
+  if (needle_length > text_length) return -1;
+  return (text_length >= kLongText ? fast : plain)(needle, needle_length, text, text_length);
+}
+
+}  // namespace
+
+// --- Arithmetic ----------------------------------------------------------------------------------
+
+// add  ( a b -- d )  a + b.
+void ZephVM::add() {
+  const double b = stack->PopD();
+  const double a = stack->PopD();
+  if (!stop_flag) stack->PushD(a + b);
+}
+
+// sub  ( a b -- d )  a - b.
+void ZephVM::sub() {
+  const double b = stack->PopD();
+  const double a = stack->PopD();
+  if (!stop_flag) stack->PushD(a - b);
+}
+
+// mul  ( a b -- d )  a * b.
+void ZephVM::mul() {
+  const double b = stack->PopD();
+  const double a = stack->PopD();
+  if (!stop_flag) stack->PushD(a * b);
+}
+
+// div  ( a b -- d )  a / b, and 0 whenever a is 0. Another number by 0 is an infinity, not an
+// error.
+void ZephVM::div() {
+  const double b = stack->PopD();
+  const double a = stack->PopD();
+  if (!stop_flag) stack->PushD(a == 0.0 ? 0.0 : a / b);
+}
+
+// mod  ( a b -- i )  The remainder of a / b in integers, with the sign of a; 0 when b is 0.
+void ZephVM::mod() {
+  const int b = stack->PopI();
+  const int a = stack->PopI();
+  if (stop_flag) return;
+  // The remainder by -1 is 0 too, but the processor divides for it and the quotient may not fit.
+  stack->PushI(b == 0 || b == -1 ? 0 : a % b);
+}
+
+// pow  ( a b -- d )  a to the power b, in doubles.
+void ZephVM::pow() {
+  const double b = stack->PopD();
+  const double a = stack->PopD();
+  if (!stop_flag) stack->PushD(::pow(a, b));
+}
+
+// rounds  ( a b -- s )  a as text, rounded half to even to b decimals; a negative b counts as 0.
+// What is no number gives "Infinity", whatever its sign, or "NaN".
+void ZephVM::rounds() {
+  int decimals = stack->PopI();
+  const double value = stack->PopD();
+  if (stop_flag) return;
+  if (decimals < 0) decimals = 0;
+  const Rounded rounded = Round(value, decimals);
+  if (rounded.kind == Rounded::Infinity) {
+    stack->PushS("Infinity", 8, 9, 0);
+  } else if (rounded.kind == Rounded::NaN) {
+    stack->PushS("NaN", 3, 4, 0);
+  } else {
+    int length, size;
+    char* text = ZephApplication::dtos(rounded.value, &length, &size, decimals);
+    stack->PushS(text, length, size, 1);
+  }
+}
+
+// roundf  ( a b -- d )  a rounded half to even to b decimals; a negative b counts as 0. What is no
+// number gives infinity.
+void ZephVM::roundf() {
+  int decimals = stack->PopI();
+  const double value = stack->PopD();
+  if (stop_flag) return;
+  if (decimals < 0) decimals = 0;
+  const Rounded rounded = Round(value, decimals);
+  stack->PushD(rounded.kind == Rounded::Number ? rounded.value : HUGE_VAL);
+}
+
+// --- Bits ----------------------------------------------------------------------------------------
+
+// bitand  ( a b -- i )  Bitwise and.
+void ZephVM::op_bitand() {
+  const int b = stack->PopI();
+  const int a = stack->PopI();
+  if (!stop_flag) stack->PushI(a & b);
+}
+
+// bitor  ( a b -- i )  Bitwise or.
+void ZephVM::op_bitor() {
+  const int b = stack->PopI();
+  const int a = stack->PopI();
+  if (!stop_flag) stack->PushI(a | b);
+}
+
+// bitxor  ( a b -- i )  Bitwise exclusive or.
+void ZephVM::bitxor() {
+  const int b = stack->PopI();
+  const int a = stack->PopI();
+  if (!stop_flag) stack->PushI(a ^ b);
+}
+
+// bitoc  ( a -- i )  The one's complement.
+void ZephVM::bitoc() {
+  const int a = stack->PopI();
+  if (!stop_flag) stack->PushI(~a);
+}
+
+// bitsl  ( a b -- i )  a shifted left by the low five bits of b.
+void ZephVM::bitsl() {
+  const int b = stack->PopI();
+  const int a = stack->PopI();
+  if (!stop_flag) stack->PushI(static_cast<int>(static_cast<unsigned>(a) << (b & 31)));
+}
+
+// bitsr  ( a b -- i )  a shifted right by the low five bits of b; the sign spreads.
+void ZephVM::bitsr() {
+  const int b = stack->PopI();
+  const int a = stack->PopI();
+  if (!stop_flag) stack->PushI(a >> (b & 31));
+}
+
+// --- Logic ---------------------------------------------------------------------------------------
+
+// and  ( a b -- i )  1 if both are true. Both are looked at, always.
+void ZephVM::op_and() {
+  const bool b = stack->PopBool();
+  const bool a = stack->PopBool();
+  if (!stop_flag) stack->PushI(a && b);
+}
+
+// or  ( a b -- i )  1 if either is true. Both are looked at, always.
+void ZephVM::op_or() {
+  const bool b = stack->PopBool();
+  const bool a = stack->PopBool();
+  if (!stop_flag) stack->PushI(a || b);
+}
+
+// not  ( a -- i )  1 if a is false.
+void ZephVM::op_not() {
+  const bool a = stack->PopBool();
+  if (!stop_flag) stack->PushI(!a);
+}
+
+// isnull  ( a -- i )  1 if a has no value or is an empty text.
+void ZephVM::isnull() {
+  const bool null = stack->PopNull();
+  if (!stop_flag) stack->PushI(null);
+}
+
+// --- Comparison ----------------------------------------------------------------------------------
+
+namespace {
+ZephVM_Stack::Stack_Entry EntryOf(Variable* variable) {
+  ZephVM_Stack::Stack_Entry entry{};
+  entry.kind = ZephVM_Stack::KindVariable;
+  entry.value.variable = variable;
+  return entry;
+}
+}  // namespace
+
+int ZephVM::Compare(Variable* left, Variable* right) {
+  const ZephVM_Stack::Stack_Entry a = EntryOf(left);
+  const ZephVM_Stack::Stack_Entry b = EntryOf(right);
+  return ZephVM_Stack::Compare(&a, &b);
+}
+
+int ZephVM::Compare(Variable* left, int right) {
+  const ZephVM_Stack::Stack_Entry a = EntryOf(left);
+  ZephVM_Stack::Stack_Entry b{};
+  b.kind = ZephVM_Stack::KindInteger;
+  b.value.integer = right;
+  return ZephVM_Stack::Compare(&a, &b);
+}
+
+// cmp  ( a b -- i )  Below 0, 0 or above 0 as a is less than, equal to or greater than b. Compared
+// as numbers when both are, else as texts byte by byte, and then the number is the difference of
+// the first bytes that differ.
+void ZephVM::cmp() {
+  const int order = stack->Compare();
+  if (!stop_flag) stack->PushI(order);
+}
+
+// eq  ( a b -- i )  1 if a and b compare equal.
+void ZephVM::eq() {
+  const int order = stack->Compare();
+  if (!stop_flag) stack->PushI(order == 0);
+}
+
+// ne  ( a b -- i )  1 if a and b do not compare equal.
+void ZephVM::ne() {
+  const int order = stack->Compare();
+  if (!stop_flag) stack->PushI(order != 0);
+}
+
+// ge  ( a b -- i )  1 if a compares at or above b.
+void ZephVM::ge() {
+  const int order = stack->Compare();
+  if (!stop_flag) stack->PushI(order >= 0);
+}
+
+// le  ( a b -- i )  1 if a compares at or below b.
+void ZephVM::le() {
+  const int order = stack->Compare();
+  if (!stop_flag) stack->PushI(order <= 0);
+}
+
+// lt  ( a b -- i )  1 if a compares below b.
+void ZephVM::lt() {
+  const int order = stack->Compare();
+  if (!stop_flag) stack->PushI(order < 0);
+}
+
+// gt  ( a b -- i )  1 if a compares above b. NaN compares above everything, and everything above
+// NaN.
+void ZephVM::gt() {
+  const int order = stack->Compare();
+  if (!stop_flag) stack->PushI(order > 0);
+}
+
+// --- Search --------------------------------------------------------------------------------------
+
+// in  ( needle text -- i )  Where in the text the needle stands first, from 1; 0 for nowhere. An
+// empty needle stands at 1.
+void ZephVM::in() {
+  const PoppedString text(stack);
+  const PoppedString needle(stack);
+  if (stop_flag) return;
+  if (needle.length() == 0) {
+    stack->PushI(1);
+  } else {
+    stack->PushI(
+        Find(needle.data(), needle.length(), text.data(), text.length(), bf_search, bm_search) + 1);
+  }
+}
+
+// cin  ( needle text -- i )  As in, without regard to case.
+void ZephVM::cin() {
+  const PoppedString text(stack);
+  const PoppedString needle(stack);
+  if (stop_flag) return;
+  if (needle.length() == 0) {
+    stack->PushI(1);
+  } else {
+    stack->PushI(
+        Find(needle.data(), needle.length(), text.data(), text.length(), bf_searchi, bm_searchi) +
+        1);
+  }
+}
+
+namespace {
+// The position of a match's last byte, from 1; 0 without a match.
+int EndOfMatch(int offset, int length) {
+  return offset < 0 ? 0 : offset + length;
+}
+}  // namespace
+
+// ein  ( needle text -- i )  Where in the text the first match of the needle ends, from 1; 0 for no
+// match. An empty needle, unlike with in, gives 0.
+void ZephVM::ein() {
+  const PoppedString text(stack);
+  const PoppedString needle(stack);
+  if (stop_flag) return;
+  int offset = -1;
+  if (needle.length() > 0) {
+    offset = Find(needle.data(), needle.length(), text.data(), text.length(), bf_search, bm_search);
+  }
+  stack->PushI(EndOfMatch(offset, needle.length()));
+}
+
+// ecin  ( needle text -- i )  As ein, without regard to case.
+void ZephVM::ecin() {
+  const PoppedString text(stack);
+  const PoppedString needle(stack);
+  if (stop_flag) return;
+  int offset = -1;
+  if (needle.length() > 0) {
+    offset =
+        Find(needle.data(), needle.length(), text.data(), text.length(), bf_searchi, bm_searchi);
+  }
+  stack->PushI(EndOfMatch(offset, needle.length()));
+}
+
+// --- Password hash -------------------------------------------------------------------------------
+
+// crypt  ( text salt -- s )  The password hash of the first 8 bytes of text under the first two
+// bytes of salt. One byte of salt counts twice, an empty salt is made up.
+void ZephVM::crypt() {
+  // 63 of the 64 are ever picked: hashes made by older sites were, too.
+  static const char kSalt[] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+  const PoppedString salt(stack);
+  const PoppedString text(stack);
+  if (stop_flag) return;
+  char two[3] = {};
+  if (salt.length() == 0) {
+    two[0] = kSalt[rand() % 63];
+    two[1] = kSalt[rand() % 63];
+  } else {
+    two[0] = salt.data()[0];
+    two[1] = salt.data()[salt.length() > 1 ? 1 : 0];
+  }
+  int length, size;
+  char* hash = application->Crypt(text.data(), text.length(), two, &length, &size);
+  stack->PushS(hash, length, size, 1);
+}
