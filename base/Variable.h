@@ -17,6 +17,10 @@ class AggregateElementTree;
 class AggregateIndex;
 class ZephApplication;
 
+// The virtual operations of a Variable, as the compiler lays them out: what Variable::IsPlain()
+// compares with.
+extern const void* const VariableOperations[] __asm__("_ZTV8Variable");
+
 // What a variable is made of. An index with a position asks for an array, one with a name for a
 // structure.
 enum AggregateType : int { AggregateStructure = 0, AggregateArray = 1, AggregateNone = 2 };
@@ -170,6 +174,102 @@ class Variable {
   virtual void Make_Reference(Variable* target);
   // The type() of a reference's target, or the object's own.
   virtual int TypeReferredTo();
+
+  // --- Short ways ------------------------------------------------------------------------------
+  // What the virtual operations of like name do, without the virtual call where the variable is an
+  // ordinary one, as most are in a running script. All others are served by the virtual operation,
+  // so a caller need not ask IsPlain() before.
+
+  // Whether this is a Variable and of no derived class, and no reference: then nothing is computed
+  // or refused, and value and elements are the object's own.
+  bool IsPlain() const {
+    return *reinterpret_cast<const void* const*>(this) == VariableOperations + 2 && standing == Own;
+  }
+  // The forms, as bits of Form, in which a plain scalar has its value; 0 for a NULL scalar, for
+  // an aggregate and for what is not plain.
+  unsigned plain_forms() const { return IsPlain() ? valid_forms : 0u; }
+  // For a variable whose plain_forms() has that form.
+  int plain_integer() const { return integer_value; }
+  double plain_double() const { return double_value; }
+  const String& plain_text() const { return string_value; }
+
+  // value_integer()
+  int Read_Integer() {
+    if (IsPlain()) {
+      if (valid_forms & IntegerForm) return integer_value;
+      if (valid_forms & DoubleForm) {
+        valid_forms |= IntegerForm;
+        return integer_value = DoubleToInteger(double_value);
+      }
+    }
+    return value_integer();
+  }
+  // value_double()
+  double Read_Double() {
+    if (IsPlain()) {
+      if (valid_forms & DoubleForm) return double_value;
+      if (valid_forms == IntegerForm) {
+        valid_forms = IntegerForm | DoubleForm;
+        return double_value = integer_value;
+      }
+    }
+    return value_double();
+  }
+  // value_compare()
+  double Read_Compare(int* not_numeric) {
+    if (IsPlain() && valid_forms != 0 && !(valid_forms & TextForm)) {
+      *not_numeric = 0;
+      if (valid_forms & DoubleForm) return double_value;
+      valid_forms = IntegerForm | DoubleForm;
+      return double_value = integer_value;
+    }
+    return value_compare(not_numeric);
+  }
+  // value()
+  String& Read_Text() { return IsPlain() && (valid_forms & TextForm) ? string_value : value(); }
+  // IsTrue()
+  int Read_Truth() {
+    if (IsPlain() && valid_forms != 0 && !(valid_forms & TextForm)) {
+      return valid_forms & DoubleForm ? double_value != 0.0 : integer_value != 0;
+    }
+    return IsTrue();
+  }
+  // SetValue_Integer()
+  int Write_Integer(int value) {
+    if (!IsPlain() || elements) return SetValue_Integer(value);
+    integer_value = value;
+    valid_forms = IntegerForm;
+    primary = PrimaryInteger;
+    return 1;
+  }
+  // SetValue_Double()
+  int Write_Double(double value) {
+    if (!IsPlain() || elements) return SetValue_Double(value);
+    double_value = value;
+    valid_forms = DoubleForm;
+    primary = PrimaryDouble;
+    return 1;
+  }
+  // IncRefCount() and DecRefCount()
+  void Hold() {
+    if (IsPlain()) {
+      ++refcount_;
+    } else {
+      IncRefCount();
+    }
+  }
+  void Release() {
+    if (IsPlain() && refcount_ > 1) {
+      --refcount_;
+    } else {
+      DecRefCount();
+    }
+  }
+  // Element(AggregateIndex(position), create)
+  Variable* At(int position, int create);
+  // Element(AggregateIndex(name, length), create) for a name of known length, which is only
+  // looked at.
+  Variable* Member(const char* name, int length, int create);
 
   // The text test of IsTrue().
   static int IsTrue(const char* text, int length);

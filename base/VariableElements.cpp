@@ -36,6 +36,14 @@ Variable* Variable::Element(const AggregateIndex& index, int create) {
   return element->var();
 }
 
+Variable* Variable::At(int position, int create) {
+  return Element(AggregateIndex(position), create);
+}
+
+Variable* Variable::Member(const char* name, int length, int create) {
+  return Element(AggregateIndex(name, length), create);
+}
+
 Variable* Variable::Element(List<AggregateIndex>* path, int create) {
   Variable* variable = this;
   if (!path) return variable;

@@ -109,6 +109,16 @@ class VariableHash {
   // The table that holds the variables: this one, or the one that it forwards to.
   virtual VariableHash* RealIdentity();
 
+  // Index(position, create) for code that runs: in line where the variable is there already, for a
+  // table that forwards to another one too.
+  Variable* At(int position, int create) {
+    if (static_cast<unsigned>(position) < static_cast<unsigned>(entry_count)) {
+      const _VH_Entry& entry = entries[position];
+      if (entry.variable) return entry.variable;
+    }
+    return Index(position, create);
+  }
+
   // Bucket of a name.
   unsigned hash(const char* name, int length) const;
   // Releases all variables and keeps the names.
