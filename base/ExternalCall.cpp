@@ -2,6 +2,7 @@
 
 #include "base/ExternalLibrary.h"
 #include "base/Variable.h"
+#include "base/VariableRef.h"
 #include "base/ZephApplication.h"
 
 #include <cstring>
@@ -21,16 +22,29 @@ ExternalCall::~ExternalCall() {
   result_variable->DecRefCount();
 }
 
+// Whether nobody can see what happens to the result of the last call: it is held here alone, and is
+// no reference to a variable of somebody else.
+bool ExternalCall::ResultIsFree() {
+  return result_variable->refcount() < 2 && result_variable->RealIdentity() == result_variable;
+}
+
+void ExternalCall::SetResult(Variable* adopted) {
+  Variable* old = result_variable;
+  result_variable = adopted;
+  old->DecRefCount();
+}
+
 int ExternalCall::Call(ZephVM* vm, VariableHash* parameters) {
-  if (result_variable->refcount() < 2) {
+  if (ResultIsFree()) {
     result_variable->SetNULL();
   } else {
-    // Somebody keeps the result of the last call.
-    Variable* kept = result_variable;
-    result_variable = new Variable();
-    kept->DecRefCount();
+    SetResult(new Variable());
   }
-  function->function(vm, parameters, result_variable, &state);
+  // The function may run scripts that call it again: each of those calls finds the result held and
+  // makes one of its own.
+  VariableRef result = VariableRef::Share(result_variable);
+  function->function(vm, parameters, result.get(), &state);
+  if (result_variable != result.get()) SetResult(result.release());
   return 1;
 }
 
@@ -129,8 +143,22 @@ void* ExternalCallManager::Lookup_Persistent(const char* name, int length) {
 
 void ExternalCallManager::Register_Persistent(ZephVM* vm, const char* name, int length, void* data,
                                               void (*destroy)(void* vm, void* data)) {
-  delete persistent.Remove(name, length);
+  // The callback may leave something under the name again.
+  while (ExternalCallPersistentData* old = persistent.Remove(name, length)) delete old;
   persistent.Insert(new ExternalCallPersistentData(vm, name, length, data, destroy));
+}
+
+void ExternalCallManager::MachineEnds(ZephVM* vm, ZephVM* parent) {
+  // A callback may look for other data, and leave some: the count of entries changes under way.
+  for (int i = 0; i < persistent.Entries(); i++) {
+    ExternalCallPersistentData* entry = persistent.Index(i);
+    if (entry == nullptr || entry->machine() != vm) continue;
+    if (parent != nullptr) {
+      entry->SetMachine(parent);
+    } else {
+      delete persistent.Remove(entry->name(), entry->namelength());
+    }
+  }
 }
 
 void ExternalCallManager::Error(const String& text) {

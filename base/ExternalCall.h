@@ -57,7 +57,8 @@ class ExternalCall {
   ExternalCall& operator=(const ExternalCall&) = delete;
 
   // Calls the function; answers 1. result() then holds what it gave, NULL if nothing. A result of
-  // an earlier call that somebody still holds keeps its value.
+  // an earlier call that somebody still holds keeps its value, and so does that of a call that is
+  // still running.
   virtual int Call(ZephVM* vm, VariableHash* parameters);
 
   const _ZP_EL_Function* descriptor() const { return function; }
@@ -65,6 +66,9 @@ class ExternalCall {
   Variable* result() { return result_variable; }
 
  private:
+  bool ResultIsFree();
+  void SetResult(Variable* adopted);
+
   _ZP_EL_Function* function;
   void* state = nullptr;
   Variable* result_variable;  // one count held
@@ -84,7 +88,7 @@ class ExternalCallPersistentData {
   // destroy callback the data was made with operator new.
   ExternalCallPersistentData(ZephVM* vm, const char* name, int length, void* data,
                              void (*destroy)(void* vm, void* data));
-  // Destroys the data. The machine may be gone by then: the callback gets its address only.
+  // Destroys the data.
   virtual ~ExternalCallPersistentData();
   ExternalCallPersistentData(const ExternalCallPersistentData&) = delete;
   ExternalCallPersistentData& operator=(const ExternalCallPersistentData&) = delete;
@@ -92,6 +96,9 @@ class ExternalCallPersistentData {
   const char* name() const { return key; }
   int namelength() const { return key_length; }
   void* data() const { return held; }
+  // The machine that the callback gets.
+  ZephVM* machine() const { return vm; }
+  void SetMachine(ZephVM* machine) { vm = machine; }
 
  private:
   ZephVM* vm;
@@ -128,10 +135,16 @@ class ExternalCallManager {
   virtual ExternalCall* Lookup_External(const char* name, int length);
   // The data left under that name, in any case, or null. A length of -1 means strlen.
   virtual void* Lookup_Persistent(const char* name, int length);
-  // Keeps data under a name until the request ends. Data of that name which is there already is
-  // destroyed first. The name is copied; a length of -1 means strlen.
+  // Keeps data under a name until the machine ends, for a nested one the machine above all. Data of
+  // that name which is there already is destroyed first. The name is copied; a length of -1 means
+  // strlen.
   virtual void Register_Persistent(ZephVM* vm, const char* name, int length, void* data,
                                    void (*destroy)(void* vm, void* data));
+
+  // Tells that a machine is about to be deleted, while it still works: the destroy callbacks get
+  // the machine, and may use it. Data that was registered with it is destroyed, or goes over to the
+  // parent, under whose run it was registered. Data of other machines stays.
+  void MachineEnds(ZephVM* vm, ZephVM* parent);
 
   const String& error() const { return last_error; }
   // Keeps the older text when the given one is null.

@@ -10,16 +10,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "base/CommerceLibrary.h"
-#include "base/Dictionary.h"
-#include "base/ExternalCall.h"
 #include "base/ExternalConfig.h"
-#include "base/ExternalDatabaseLibrary.h"
-#include "base/Function.h"
-#include "base/LocalizedDictionary.h"
-#include "base/LocalizedLanguages.h"
-#include "base/Segment.h"
-#include "base/SystemLibrary.h"
 #include "base/TaggedFile.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
@@ -42,18 +33,6 @@ FastCGIApplication::FastCGIApplication(int argc, char** argv, int copied_argc, c
   if (!getcwd(working_directory, sizeof working_directory)) strcpy(working_directory, ".");
 }
 
-// What keeps files and variables goes before the file manager, which the base deletes.
-FastCGIApplication::~FastCGIApplication() {
-  delete dictionary;
-  delete system_variables;
-  delete global_variables;
-  delete segments;
-  delete functions;
-  delete external_calls;
-  delete languages;
-  delete localized;
-}
-
 const char* FastCGIApplication::Parameter(const char* name) const {
   return FCGX_GetParam(name, request->envp);
 }
@@ -62,29 +41,9 @@ int FastCGIApplication::Go(FastCGIThread* thread) {
   thread_id = static_cast<int>(thread->number());
   TaggedFile tagged(file_manager);
   srand(static_cast<unsigned>(time(nullptr)));
-  BuildTables(&tagged);
-  int result = Run(&tagged);
-  // Before the tables and the file that it runs on.
-  delete vm;
-  vm = nullptr;
-  return result;
-}
-
-void FastCGIApplication::BuildTables(TaggedFile* tagged) {
-  dictionary = new Dictionary;
-  system_variables = new SystemVariableHash(dictionary, 12, 512);
-  global_variables = new VariableHash(dictionary, 12, 512);
-  segments = new SegmentManager;
-  functions = new FunctionManager(dictionary, 8);
-  external_calls = new ExternalCallManager(this);
-  commerce_manager = new CommerceLibraryManager(this);
-  database_manager = new ExternalDatabaseLibraryManager(this);
-  system_manager = new SystemLibraryManager(this);
-  languages = new LocalizedLanguages(this, dictionary, tagged, 12, 8);
-  localized = new LocalizedDictionary;
-  external_config = new ExternalConfig(this, external_calls, commerce_manager, database_manager,
-                                       system_manager, system_variables, global_variables);
-  configuration = external_config;
+  BuildTables(&tables, &tagged);
+  MachineScope scope(this);
+  return Run(&tagged);
 }
 
 int FastCGIApplication::Run(TaggedFile* tagged) {
@@ -92,12 +51,7 @@ int FastCGIApplication::Run(TaggedFile* tagged) {
   response->SetConfig(configuration);
   String path;
   if (!Prepare(tagged, &path)) return 1;
-  vm = new ZephVM(path.data, path.length, this, dictionary, system_variables, global_variables,
-                  segments, functions, external_calls, commerce_manager, database_manager,
-                  languages, localized, heartbeatcounter(), timedoutflag(), exitflag(), nullptr);
-  // The file can still be read on demand, but ties up no descriptor while the script runs.
-  tagged->Deactivate();
-  external_config->AddVariables();
+  MakeMachine(&tables, tagged, path);
   OutputHeaders();
   // The script's time starts here: loading and the upload do not count against it.
   ResetGlobalTimeout();
@@ -170,7 +124,7 @@ void FastCGIApplication::OutputCookie() {
   // The length first: release() leaves the null string.
   const int length = field.length;
   current_output->Header("Set-Cookie", -1, 0, field.release(), length, 1);
-  if (system_variables) {
-    system_variables->SetVariable(new ImmutableVariable("callerid", -1, id.data, id.length));
+  if (tables.system_variables) {
+    tables.system_variables->SetVariable(new ImmutableVariable("callerid", -1, id.data, id.length));
   }
 }

@@ -4,19 +4,10 @@
 #ifndef ZEPH_FASTCGI_FASTCGIAPPLICATION_H
 #define ZEPH_FASTCGI_FASTCGIAPPLICATION_H
 
+#include "base/ScriptTables.h"
 #include "fastcgi/FastCGIBaseApplication.h"
 
-class Dictionary;
-class ExternalCallManager;
-class ExternalConfig;
-class File;
-class FunctionManager;
-class LocalizedDictionary;
-class LocalizedLanguages;
-class SegmentManager;
-class SystemVariableHash;
-class TaggedFile;
-class VariableHash;
+class FastCGIThread;
 struct FCGX_Request;
 
 // Made by a request thread for each request and deleted when it is answered; nothing of a script
@@ -28,7 +19,6 @@ class FastCGIApplication : public FastCGIBaseApplication {
   FastCGIApplication(int argc, char** argv, int copied_argc, char** copied_argv,
                      FastCGIThreadManager* thread_manager, ExternalLibraryManager* library_manager,
                      FCGX_Request* request);
-  ~FastCGIApplication() override;
 
   // Answers the request: 0 when the script ran, 1 when it ended in an earlier stage.
   int Go(FastCGIThread* thread);
@@ -44,13 +34,11 @@ class FastCGIApplication : public FastCGIBaseApplication {
   // A parameter of the request by name, null when it was not sent.
   const char* Parameter(const char* name) const;
 
-  void BuildTables(TaggedFile* tagged);
   int Run(TaggedFile* tagged);
   bool Prepare(TaggedFile* tagged, String* path);
 
   // Stages. The configuration (fastcgi/FastCGIConfiguration.cpp):
   bool LoadConfiguration();
-  bool UsableLibrary(const char* path, bool* exists);
   bool CheckConfiguration();
   bool ProcessConfiguration();
   // The script and its environment (fastcgi/FastCGIEnvironment.cpp):
@@ -58,7 +46,6 @@ class FastCGIApplication : public FastCGIBaseApplication {
   bool ScriptRoot(const char** path, String* root, bool* has_root);
   bool OpenScript(File** file, String& path);
   bool LoadScript(File* file, TaggedFile* tagged, const String& path);
-  bool ReadSections(TaggedFile* tagged);
   void OutputHeaders();
   void OutputCookie();
 
@@ -74,16 +61,8 @@ class FastCGIApplication : public FastCGIBaseApplication {
   const char* temp_directory = nullptr;
   const char* user_directory = nullptr;
   String data_directory;
-  String user_name;                           // of a ~name request
-  ExternalConfig* external_config = nullptr;  // the base's configuration
-  Dictionary* dictionary = nullptr;
-  SystemVariableHash* system_variables = nullptr;
-  VariableHash* global_variables = nullptr;
-  SegmentManager* segments = nullptr;
-  FunctionManager* functions = nullptr;
-  ExternalCallManager* external_calls = nullptr;
-  LocalizedLanguages* languages = nullptr;
-  LocalizedDictionary* localized = nullptr;
+  String user_name;  // of a ~name request
+  ScriptTables tables;
 };
 
 #endif

@@ -1,8 +1,5 @@
 // The stages of a request that find, load and obey the configuration.
 
-#include <fcgiapp.h>
-#include <sys/stat.h>
-
 #include "base/ExternalConfig.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "fastcgi/FastCGIApplication.h"
@@ -20,35 +17,26 @@ String LoadingError(const char* text, int length) {
 
 }  // namespace
 
-// Whether the file may be loaded: it runs inside the process, so it belongs to the process's user
-// or to root. A library of anybody else has been reported when the answer is false.
-bool FastCGIApplication::UsableLibrary(const char* path, bool* exists) {
-  struct stat status;
-  *exists = stat(path, &status) == 0;
-  if (!*exists) return false;
-  if (status.st_uid == 0 || static_cast<int>(status.st_uid) == effective_user) return true;
-  ConfigurationError(LoadingError("UID mismatch", -1));
-  return false;
-}
-
 bool FastCGIApplication::LoadConfiguration() {
   String path(working_directory, -1);
   path.cat("/libzephconfig.so", -1);
   const char* library = path.data;
-  bool exists;
   // By its name alone: the system looks it up where the path would lead, without the walk there.
-  bool usable = UsableLibrary("libzephconfig.so", &exists);
-  if (!exists) {
+  LibraryFile found = LookAtLibrary("libzephconfig.so", effective_user);
+  if (found == LibraryFile::Missing) {
     library = Parameter("ZpCONFIG_LIBRARY");
-    usable = library && UsableLibrary(library, &exists);
+    if (library) found = LookAtLibrary(library, effective_user);
   }
-  if (!exists) {
+  if (found == LibraryFile::Missing) {
     ConfigurationError(LoadingError("Unable to locate/load libzephconfig.so", -1));
     return false;
   }
-  if (!usable) return false;
-  if (external_config->Load(library, 0, copied_arguments, copied_argument_count)) return true;
-  const String& text = external_config->error();
+  if (found == LibraryFile::Foreign) {
+    ConfigurationError(LoadingError("UID mismatch", -1));
+    return false;
+  }
+  if (tables.config->Load(library, 0, copied_arguments, copied_argument_count)) return true;
+  const String& text = tables.config->error();
   ConfigurationError(LoadingError(text.data, text.length));
   return false;
 }

@@ -10,14 +10,7 @@
 #include <memory>
 #include <vector>
 
-#include "base/Dictionary.h"
 #include "base/ExternalConfig.h"
-#include "base/Function.h"
-#include "base/LocalizedDictionary.h"
-#include "base/LocalizedLanguages.h"
-#include "base/Segment.h"
-#include "base/TaggedFile.h"
-#include "base/VariableHash.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "fastcgi/FastCGIApplication.h"
 
@@ -138,28 +131,12 @@ bool FastCGIApplication::OpenScript(File** file, String& path) {
 
 bool FastCGIApplication::LoadScript(File* file, TaggedFile* tagged, const String& path) {
   std::unique_ptr<File> owned(file);
-  if (!external_config->LoadScriptConfig(path.data, file)) {
+  if (!tables.config->LoadScriptConfig(path.data, file)) {
     owned.reset();
-    ConfigurationError(external_config->error());
+    ConfigurationError(tables.config->error());
     return false;
   }
-  if (!file->OwnerID(&owner_id)) {
-    owned.reset();
-    return ExecuteError(path, tagged->error(), false);
-  }
-  if (!tagged->Open(path.data, file)) {
-    String text(tagged->error());
-    owned.reset();
-    return ExecuteError(path, text, false);
-  }
-  static_cast<void>(owned.release());  // the container's from here on
-  if (ReadSections(tagged)) return true;
-  return ExecuteError(path, "File is either corrupt or not a valid compiled Zeph Script file",
-                      false);
-}
-
-bool FastCGIApplication::ReadSections(TaggedFile* tagged) {
-  return dictionary->Read(tagged) && system_variables->Read(tagged, MakeTag("syst")) &&
-         global_variables->Read(tagged, MakeTag("glbl")) && languages->Read() &&
-         localized->Read(tagged) && segments->Read(tagged) && functions->Read(tagged);
+  String reason;
+  return ReadScript(&tables, owned.release(), tagged, path, &owner_id, &reason) ||
+         ExecuteError(path, reason, false);
 }

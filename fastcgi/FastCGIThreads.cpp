@@ -10,6 +10,7 @@
 #include <csignal>
 #include <ctime>
 
+#include "base/systems/unix/ScriptThread.h"
 #include "fastcgi/FastCGIBaseApplication.h"
 #include "fastcgi/FastCGIRequestThread.h"
 
@@ -20,7 +21,6 @@ namespace {
 
 const std::chrono::seconds kBeat(5);
 const std::chrono::seconds kAcceptRetry(1);
-const size_t kStackSize = 8 << 20;
 
 const int kSignals[] = {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM, SIGUSR1, SIGUSR2};
 
@@ -100,14 +100,7 @@ void FastCGIThread::Heartbeat(long) {}
 void FastCGIThread::Cancelled() {}
 
 int FastCGIThread::Start() {
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  size_t size = 0;
-  pthread_attr_getstacksize(&attributes, &size);
-  if (size < kStackSize) pthread_attr_setstacksize(&attributes, kStackSize);
-  int result = pthread_create(&thread, &attributes, start_routine, this);
-  pthread_attr_destroy(&attributes);
-  return result;
+  return StartScriptThread(&thread, start_routine, this);
 }
 
 void FastCGIThread::Stop() {

@@ -1,0 +1,13 @@
+// Threads that run scripts.
+
+#ifndef ZEPH_BASE_SYSTEMS_UNIX_SCRIPTTHREAD_H
+#define ZEPH_BASE_SYSTEMS_UNIX_SCRIPTTHREAD_H
+
+#include <pthread.h>
+
+// Starts a thread with a stack of at least 8 MB, whatever the limits that the process was started
+// with: the machine's limit for nested runs counts on it. Answers what pthread_create answered, 0
+// for success.
+int StartScriptThread(pthread_t* thread, void* (*body)(void*), void* argument);
+
+#endif

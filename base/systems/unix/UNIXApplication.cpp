@@ -1,0 +1,313 @@
+// Identity, clock, cancellation, and the stages of a run.
+
+#include "base/systems/unix/UNIXApplication.h"
+
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "base/CommerceLibrary.h"
+#include "base/Dictionary.h"
+#include "base/ExternalCall.h"
+#include "base/ExternalConfig.h"
+#include "base/ExternalDatabaseLibrary.h"
+#include "base/Function.h"
+#include "base/LocalizedDictionary.h"
+#include "base/LocalizedLanguages.h"
+#include "base/MD5.h"
+#include "base/Output.h"
+#include "base/ScriptTables.h"
+#include "base/Segment.h"
+#include "base/SystemLibrary.h"
+#include "base/TaggedFile.h"
+#include "base/UFCrypt.h"
+#include "base/VariableHash.h"
+#include "base/ZephVM.h"
+#include "base/systems/unix/UNIXReentrantFile.h"
+
+namespace {
+
+// What a session id is the digest of: a host name, four numbers, and random bytes for the rest.
+const int kSessionSeed = 323;
+const int kSessionHostName = 255;
+
+void AppendBigEndian(unsigned char** p, unsigned value) {
+  for (int shift = 24; shift >= 0; shift -= 8) *(*p)++ = static_cast<unsigned char>(value >> shift);
+}
+
+void FillRandom(unsigned char* bytes, size_t length) {
+  size_t done = 0;
+  while (done < length) {
+    ssize_t n = getrandom(bytes + done, length - done, 0);
+    if (n > 0) {
+      done += static_cast<size_t>(n);
+    } else if (errno != EINTR) {
+      break;
+    }
+  }
+  while (done < length) bytes[done++] = static_cast<unsigned char>(rand());
+}
+
+}  // namespace
+
+UNIXApplication::UNIXApplication(int argc, char** argv, int copied_argc, char** copied_argv,
+                                 ExternalLibraryManager* libraries)
+    : library_manager(libraries),
+      argument_count(argc),
+      arguments(argv),
+      copied_argument_count(copied_argc),
+      copied_arguments(copied_argv),
+      process_id(getpid()) {
+  const char* program = copied_argc > 0 ? copied_argv[0] : "";
+  const char* slash = strrchr(program, '/');
+  base_name = slash ? slash + 1 : program;
+  host_name[255] = '\0';
+  if (gethostname(host_name, 255) != 0) host_name[0] = '\0';
+}
+
+// The managers of libraries go first and the settings last, since a configuration library may still
+// read its own private state while it shuts down; files and network go before the output through
+// which they might report.
+UNIXApplication::~UNIXApplication() {
+  delete commerce_manager;
+  delete database_manager;
+  delete system_manager;
+  delete file_manager;
+  file_manager = nullptr;
+  delete current_output;
+  current_output = nullptr;
+  delete configuration;
+  configuration = nullptr;
+  delete password_hash;
+}
+
+NetworkManager* UNIXApplication::networkmanager() {
+  return network_manager;
+}
+FileManager* UNIXApplication::filemanager() {
+  return file_manager;
+}
+ExternalLibraryManager* UNIXApplication::librarymanager() {
+  return library_manager;
+}
+CommerceLibraryManager* UNIXApplication::commercemanager() {
+  return commerce_manager;
+}
+SystemLibraryManager* UNIXApplication::systemlibrarymanager() {
+  return system_manager;
+}
+Config* UNIXApplication::config() {
+  return configuration;
+}
+const char* UNIXApplication::basename() {
+  return base_name;
+}
+const char* UNIXApplication::hostname() {
+  return host_name;
+}
+Output* UNIXApplication::output() {
+  return current_output;
+}
+int UNIXApplication::processid() {
+  return process_id;
+}
+int UNIXApplication::threadid() {
+  return thread_id;
+}
+int UNIXApplication::SSL_Initialize() {
+  return 0;
+}
+void* UNIXApplication::SSL_GetFunction(const char*) {
+  return nullptr;
+}
+
+ExternalDatabaseLibraryManager* UNIXApplication::databasemanager() {
+  return database_manager;
+}
+
+String UNIXApplication::currentdate() {
+  time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
+  char text[64];
+  size_t length = strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S ", &local);
+  // Whole hours west of Greenwich, daylight saving counting as an hour to the east.
+  long west = timezone / 3600 - (local.tm_isdst > 0 ? 1 : 0);
+  snprintf(text + length, sizeof text - length, west < 0 ? "+%04ld" : "-%04ld",
+           (west < 0 ? -west : west) * 100);
+  return String(text, -1);
+}
+
+String UNIXApplication::lasterror() {
+  char buffer[256];
+  const char* text = strerror_r(errno, buffer, sizeof buffer);
+  return String(text && *text ? text : "Unknown error", -1);
+}
+
+Output* UNIXApplication::SetOutput(Output* output) {
+  Output* old = current_output;
+  if (old && output) output->SetFlags(old->flags());
+  current_output = output;
+  return old;
+}
+
+char* UNIXApplication::Crypt(const char* key, int keylength, const char* salt, int* length,
+                             int* size) {
+  if (!password_hash) password_hash = new UFCrypt;
+  *length = 13;
+  *size = 14;
+  char* result = new char[14];
+  password_hash->crypt(key, keylength, salt, result);
+  return result;
+}
+
+char* UNIXApplication::MakeSessionID(int* length) {
+  unsigned char seed[kSessionSeed] = {};
+  unsigned char* p = seed;
+  if (const char* host = lockhostname()) {
+    size_t bytes = strnlen(host, kSessionHostName);
+    memcpy(p, host, bytes);
+    p += bytes;
+  }
+  timeval now;
+  gettimeofday(&now, nullptr);
+  AppendBigEndian(&p, static_cast<unsigned>(processid()));
+  AppendBigEndian(&p, static_cast<unsigned>(threadid()));
+  AppendBigEndian(&p, static_cast<unsigned>(now.tv_sec));
+  AppendBigEndian(&p, static_cast<unsigned>(now.tv_usec));
+  FillRandom(p, static_cast<size_t>(seed + kSessionSeed - p));
+  unsigned char digest[16];
+  MD5Encoder encoder;
+  encoder.Encode(seed, kSessionSeed, digest);
+  char* text = new char[33];
+  encoder.Make_Printable(digest, text);
+  text[32] = '\0';
+  *length = 32;
+  return text;
+}
+
+void UNIXApplication::ResetGlobalTimeout() {
+  MutexGuard guard(application_mutex);
+  ZephApplication::ResetGlobalTimeout();
+}
+
+void UNIXApplication::ResetPOSTTimeout() {
+  MutexGuard guard(application_mutex);
+  ZephApplication::ResetPOSTTimeout();
+}
+
+void UNIXApplication::ClearPOSTTimeout() {
+  MutexGuard guard(application_mutex);
+  ZephApplication::ClearPOSTTimeout();
+}
+
+const char* UNIXApplication::lockhostname() {
+  const char* name = configuration->value_string(Config_lock_hostname);
+  if (name) return name;
+  size_t length = strlen(host_name);
+  char* copy = new char[length + 1];
+  memcpy(copy, host_name, length + 1);
+  configuration->SetValue(Config_lock_hostname, copy, static_cast<int>(length), 1);
+  return copy;
+}
+
+int UNIXApplication::lockexpiration() {
+  return configuration->value_integer(Config_lock_expiration);
+}
+
+void UNIXApplication::Sleep(int milliseconds) {
+  Condition::Time end = std::chrono::system_clock::now() + std::chrono::milliseconds(milliseconds);
+  application_mutex.Lock();
+  while (!cancelled() && application_condition.WaitUntil(application_mutex, end)) {
+    if (!vm) continue;
+    // A feature's heartbeat may wait for the network; the heartbeat thread must not wait for it.
+    application_mutex.Unlock();
+    vm->Heartbeat();
+    application_mutex.Lock();
+  }
+  application_mutex.Unlock();
+}
+
+const char* UNIXApplication::GetUserID() {
+  if (!user_id) user_id.reset(itos(static_cast<int>(geteuid()), nullptr, nullptr));
+  return user_id.get();
+}
+
+void UNIXApplication::Heartbeat(long now) {
+  MutexGuard guard(application_mutex);
+  ZephApplication::Heartbeat(now);
+  application_condition.Broadcast();
+}
+
+void UNIXApplication::Cancelled() {
+  MutexGuard guard(application_mutex);
+  if (cancelled()) return;
+  std::atomic_ref<int>(global_timed_out).store(1, std::memory_order_relaxed);
+  application_condition.Broadcast();
+}
+
+const char* UNIXApplication::process_name() {
+  return argument_count > 0 ? arguments[0] : "";
+}
+
+// --- Stages of a run -----------------------------------------------------------------------------
+
+void UNIXApplication::BuildTables(ScriptTables* tables, TaggedFile* tagged) {
+  tables->dictionary = new Dictionary;
+  tables->system_variables = new SystemVariableHash(tables->dictionary, 12, 512);
+  tables->global_variables = new VariableHash(tables->dictionary, 12, 512);
+  tables->segments = new SegmentManager;
+  tables->functions = new FunctionManager(tables->dictionary, 8);
+  tables->external_calls = new ExternalCallManager(this);
+  commerce_manager = new CommerceLibraryManager(this);
+  database_manager = new ExternalDatabaseLibraryManager(this);
+  system_manager = new SystemLibraryManager(this);
+  tables->languages = new LocalizedLanguages(this, tables->dictionary, tagged, 12, 8);
+  tables->localized = new LocalizedDictionary;
+  tables->config =
+      new ExternalConfig(this, tables->external_calls, commerce_manager, database_manager,
+                         system_manager, tables->system_variables, tables->global_variables);
+  configuration = tables->config;
+}
+
+UNIXApplication::LibraryFile UNIXApplication::LookAtLibrary(const char* path, int user) {
+  struct stat status;
+  if (stat(path, &status) != 0) return LibraryFile::Missing;
+  const bool trusted = status.st_uid == 0 || static_cast<int>(status.st_uid) == user;
+  return trusted ? LibraryFile::Usable : LibraryFile::Foreign;
+}
+
+bool UNIXApplication::ReadScript(ScriptTables* tables, File* file, TaggedFile* tagged,
+                                 const String& path, int* owner, String* reason) {
+  std::unique_ptr<File> owned(file);
+  if (!file->OwnerID(owner) || !tagged->Open(path.data, file)) {
+    *reason = tagged->error();
+    return false;
+  }
+  static_cast<void>(owned.release());  // the container's from here on
+  if (tables->Read(tagged)) return true;
+  reason->assign("File is either corrupt or not a valid compiled Zeph Script file", -1);
+  return false;
+}
+
+void UNIXApplication::MakeMachine(ScriptTables* tables, TaggedFile* tagged, const String& path) {
+  vm = new ZephVM(path.data, path.length, this, tables->dictionary, tables->system_variables,
+                  tables->global_variables, tables->segments, tables->functions,
+                  tables->external_calls, commerce_manager, database_manager, tables->languages,
+                  tables->localized, heartbeatcounter(), timedoutflag(), exitflag(), nullptr);
+  tagged->Deactivate();
+  tables->config->AddVariables();
+}
+
+void UNIXApplication::DeleteMachine() {
+  delete vm;
+  vm = nullptr;
+}

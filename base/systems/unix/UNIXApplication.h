@@ -1,0 +1,117 @@
+// What the applications of all hosts on a POSIX system have in common, whether they answer a
+// request, run a background task or a script of the command line: services, identity, clock,
+// cancellation, and the stages that lead from an opened script to its machine.
+
+#ifndef ZEPH_BASE_SYSTEMS_UNIX_UNIXAPPLICATION_H
+#define ZEPH_BASE_SYSTEMS_UNIX_UNIXAPPLICATION_H
+
+#include <memory>
+
+#include "base/Mutex.h"
+#include "base/ZephApplication.h"
+
+class File;
+class TaggedFile;
+class UFCrypt;
+class UNIXReentrantFileManager;
+struct ScriptTables;
+
+// Belongs to one thread. Only Heartbeat and Cancelled are called from another one, which gives the
+// time, and what they touch is guarded by the application mutex.
+class UNIXApplication : public ZephApplication {
+ public:
+  // The arguments of the process, as it shows them and as scripts and the configuration library see
+  // them; borrowed, like the library manager.
+  UNIXApplication(int argc, char** argv, int copied_argc, char** copied_argv,
+                  ExternalLibraryManager* library_manager);
+  ~UNIXApplication() override;
+
+  NetworkManager* networkmanager() override;
+  FileManager* filemanager() override;
+  ExternalLibraryManager* librarymanager() override;
+  CommerceLibraryManager* commercemanager() override;
+  ExternalDatabaseLibraryManager* databasemanager() override;
+  SystemLibraryManager* systemlibrarymanager() override;
+  Config* config() override;
+  const char* basename() override;
+  const char* hostname() override;
+  String currentdate() override;
+  String lasterror() override;
+  Output* output() override;
+  Output* SetOutput(Output* output) override;
+  char* Crypt(const char* key, int keylength, const char* salt, int* length, int* size) override;
+  char* MakeSessionID(int* length) override;
+  void ResetGlobalTimeout() override;
+  void ResetPOSTTimeout() override;
+  void ClearPOSTTimeout() override;
+  int processid() override;
+  int threadid() override;
+  const char* lockhostname() override;
+  int lockexpiration() override;
+  void Sleep(int milliseconds) override;
+  const char* GetUserID() override;
+  void Heartbeat(long now) override;
+  int SSL_Initialize() override;
+  void* SSL_GetFunction(const char* name) override;
+  const char* process_name() override;
+
+  // Ends the script that runs here at its next instruction, and its sleep. Any thread.
+  virtual void Cancelled();
+
+ protected:
+  // --- Stages of a run, in this order ------------------------------------------------------------
+  // Makes empty tables, the managers of libraries and the settings.
+  void BuildTables(ScriptTables* tables, TaggedFile* tagged);
+
+  // A configuration library runs inside the process, so it has to belong to root or to the given
+  // user, the one that the process runs as.
+  enum class LibraryFile { Missing, Foreign, Usable };
+  static LibraryFile LookAtLibrary(const char* path, int user);
+
+  // Opens the file as a compiled script and reads it into the tables. The file is the stage's from
+  // here on. *owner receives its user id. False leaves the reason.
+  [[nodiscard]] bool ReadScript(ScriptTables* tables, File* file, TaggedFile* tagged,
+                                const String& path, int* owner, String* reason);
+
+  // Makes the machine of the loaded script. The file can still be read on demand from here on, but
+  // ties up no descriptor while the script runs. The variables of the configuration are there.
+  void MakeMachine(ScriptTables* tables, TaggedFile* tagged, const String& path);
+  void DeleteMachine();
+
+  // Deletes the machine at the end of a scope, before the tables and the file that it runs on.
+  class MachineScope {
+   public:
+    explicit MachineScope(UNIXApplication* owner) : application(owner) {}
+    ~MachineScope() { application->DeleteMachine(); }
+    MachineScope(const MachineScope&) = delete;
+    MachineScope& operator=(const MachineScope&) = delete;
+
+   private:
+    UNIXApplication* application;
+  };
+
+  Config* configuration = nullptr;  // owned; an ExternalConfig, but for a background task
+  NetworkManager* network_manager = nullptr;
+  UNIXReentrantFileManager* file_manager = nullptr;
+  ExternalLibraryManager* library_manager;  // the process's
+  CommerceLibraryManager* commerce_manager = nullptr;
+  ExternalDatabaseLibraryManager* database_manager = nullptr;
+  SystemLibraryManager* system_manager = nullptr;
+  Output* current_output = nullptr;
+  UFCrypt* password_hash = nullptr;  // made at first use
+  int argument_count;
+  char** arguments;
+  int copied_argument_count;
+  char** copied_arguments;
+  int process_id;
+  int thread_id = 0;
+  // Outlives whatever may still call Heartbeat, Cancelled or Sleep while the application goes.
+  Mutex application_mutex;
+  Condition application_condition;
+  const char* base_name;
+  char host_name[256];
+  std::unique_ptr<char[]> user_id;
+  ZephVM* vm = nullptr;
+};
+
+#endif

@@ -1,0 +1,224 @@
+// The stages of a run.
+
+#include "commandline/CommandLineApplication.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+#include "base/Config.h"
+#include "base/ExternalConfig.h"
+#include "base/TaggedFile.h"
+#include "base/VariableHash.h"
+#include "base/ZephVM.h"
+#include "base/systems/unix/UNIXReentrantFile.h"
+#include "commandline/CommandLineOutput.h"
+#include "commandline/Options.h"
+#include "config/SnapshotStore.h"
+
+namespace {
+
+const char kLibrary[] = "libzephconfig.so";
+
+bool Exists(const char* path) {
+  return access(path, F_OK) == 0;
+}
+
+// An environment variable; null when it is not set or empty.
+const char* Environment(const char* name) {
+  const char* value = getenv(name);
+  return value && *value ? value : nullptr;
+}
+
+// Whether libzephconfig.so would find a file to read.
+bool HasConfigurationFile() {
+  return Environment(config_file_variable) || Exists(config_file_local) ||
+         Exists(config_file_system);
+}
+
+// The resolved path; empty, with errno set, for what is not there.
+std::string Resolved(const char* path) {
+  std::unique_ptr<char, decltype(&free)> full(realpath(path, nullptr), free);
+  return full ? full.get() : "";
+}
+
+}  // namespace
+
+std::string ShippedConfigurationLibrary() {
+  std::string folder = Resolved("/proc/self/exe");
+  folder.resize(folder.rfind('/') == std::string::npos ? 0 : folder.rfind('/') + 1);
+  for (const char* place : {"", "../lib/", "../lib/zeph/"}) {
+    std::string path = folder + place + kLibrary;
+    if (Exists(path.c_str())) return path;
+  }
+  return "";
+}
+
+CommandLineApplication::CommandLineApplication(int argc, char** argv,
+                                               ExternalLibraryManager* libraries)
+    : UNIXApplication(argc, argv, argc, argv, libraries) {
+  thread_id = 1;
+  file_manager = new UNIXReentrantFileManager(this);
+}
+
+int CommandLineApplication::Go(const Options& options) {
+  TaggedFile tagged(file_manager);
+  srand(static_cast<unsigned>(time(nullptr)));
+  BuildTables(&tables, &tagged);
+  MachineScope scope(this);
+  String path;
+  if (!Prepare(options, &tagged, &path)) return 1;
+  // Somebody who looks on sees each write at once.
+  auto* standard_output = new CommandLineOutput(this, isatty(STDOUT_FILENO) ? 0 : 1,
+                                                configuration->buffer_size(Config_bufsz_output));
+  current_output = standard_output;
+  MakeMachine(&tables, &tagged, path);
+  AddArguments(options);
+  ResetGlobalTimeout();
+  const bool ran = vm->Go() != 0;
+  // Also while a capture that the script left open stands in front.
+  standard_output->Flush();
+  const int failure = standard_output->failure();
+  if (failure == 0) return ran ? 0 : 1;
+  // Whoever read has seen enough; that is no news.
+  errno = failure;
+  if (failure != EPIPE) Fail("standard output", lasterror());
+  return 1;
+}
+
+void CommandLineApplication::Interrupt() {
+  interrupted.store(true);
+  Cancelled();
+}
+
+void CommandLineApplication::ResetGlobalTimeout() {
+  UNIXApplication::ResetGlobalTimeout();
+  if (interrupted.load()) Cancelled();
+}
+
+bool CommandLineApplication::Fail(const char* subject, const String& text) {
+  fprintf(stderr, "zprun: %s%s%.*s\n", subject, *subject ? ": " : "", text.length,
+          text.data ? text.data : "");
+  return false;
+}
+
+// --- Stages --------------------------------------------------------------------------------------
+
+bool CommandLineApplication::Prepare(const Options& options, TaggedFile* tagged, String* path) {
+  if (!LoadConfiguration(options)) return false;
+  file_manager->MaxFiles(configuration->value_integer(Config_max_files));
+  file_manager->SecurityOptions(configuration->value_integer(Config_flags_security));
+  File* file = nullptr;
+  return OpenScript(options.script, &file, path) &&
+         LoadScript(options.script, file, tagged, *path) && InitializeDirectories();
+}
+
+// The library is looked for where the engine looks, with the process's environment in place of the
+// request's parameters. Failing that the one that came with the program is taken, if there is a
+// file for it to read; without one all settings keep their defaults.
+bool CommandLineApplication::LoadConfiguration(const Options& options) {
+  if (Exists(kLibrary)) return LoadLibrary(kLibrary);
+  if (const char* named = Environment("ZpCONFIG_LIBRARY")) return LoadLibrary(named);
+  if (!options.config && !HasConfigurationFile()) return true;
+  const std::string shipped = ShippedConfigurationLibrary();
+  if (!shipped.empty()) return LoadLibrary(shipped.c_str());
+  return Fail("Error loading configuration library", "Unable to locate/load libzephconfig.so");
+}
+
+bool CommandLineApplication::LoadLibrary(const char* path) {
+  const char kLoading[] = "Error loading configuration library";
+  // The system looks a plain name up in its own folders only.
+  const std::string full = Resolved(path);
+  if (full.empty()) {
+    String text(path, -1);
+    const String reason = lasterror();
+    text.cat(": ", -1);
+    text.cat(reason.data, reason.length);
+    return Fail(kLoading, text);
+  }
+  if (LookAtLibrary(full.c_str(), static_cast<int>(geteuid())) != LibraryFile::Usable) {
+    return Fail(kLoading, "UID mismatch");
+  }
+  has_library = tables.config->Load(full.c_str(), 0, copied_arguments, copied_argument_count);
+  return has_library || Fail(kLoading, tables.config->error());
+}
+
+// Finds the directory that confines the script, and the path in it. A script below dir_zeph has the
+// place that it has for requests; any other script has its own folder.
+bool CommandLineApplication::Place(const char* named, String* directory, String* path) {
+  const std::string full = Resolved(named);
+  if (full.empty()) return Fail(named, lasterror());
+  const char* root = configuration->value_string(Config_dir_zeph);
+  const std::string scripts = root ? Resolved(root) + "/" : "";
+  if (scripts.size() > 1 && full.compare(0, scripts.size(), scripts) == 0) {
+    directory->assign(root, -1);
+    path->assign(full.c_str() + scripts.size(), -1);
+    return true;
+  }
+  const size_t slash = full.rfind('/');
+  directory->assign(full.c_str(), slash == 0 ? 1 : static_cast<int>(slash));
+  path->assign(full.c_str() + slash + 1, -1);
+  return true;
+}
+
+bool CommandLineApplication::OpenScript(const char* named, File** file, String* path) {
+  String directory;
+  if (!Place(named, &directory, path)) return false;
+  if (!file_manager->InitializeScriptDirectory(directory.data, nullptr)) {
+    return Fail(named, file_manager->error());
+  }
+  const char* name = path->length > 0 ? path->data : ".";
+  std::unique_ptr<File> opened(
+      file_manager->Open(ZephPath_Script, name, FileMode_Read | FileMode_NoWait));
+  if (!opened) return Fail(named, file_manager->error());
+  bool is_directory;
+  if (!opened->IsDirectory(&is_directory)) return Fail(named, opened->error());
+  if (is_directory) {
+    errno = EISDIR;
+    return Fail(named, lasterror());
+  }
+  *file = opened.release();
+  return true;
+}
+
+bool CommandLineApplication::LoadScript(const char* named, File* file, TaggedFile* tagged,
+                                        const String& path) {
+  std::unique_ptr<File> owned(file);
+  if (has_library && !tables.config->LoadScriptConfig(path.data, file)) {
+    return Fail("configuration", tables.config->error());
+  }
+  int owner;
+  String reason;
+  return ReadScript(&tables, owned.release(), tagged, path, &owner, &reason) || Fail(named, reason);
+}
+
+// Behind the loading of the script, so that settings for this script alone count. Without dir_data
+// a script works on the files of the working directory, as other programs of the command line do.
+bool CommandLineApplication::InitializeDirectories() {
+  const char* temporary = configuration->value_string(Config_dir_temp);
+  if (temporary && !file_manager->InitializeTempDirectory(temporary)) {
+    return Fail("", file_manager->error());
+  }
+  char working_directory[PATH_MAX];
+  const char* data = configuration->value_string(Config_dir_data);
+  if (!data) data = getcwd(working_directory, sizeof working_directory);
+  if (!data) return Fail("working directory", lasterror());
+  return file_manager->InitializeDataDirectory(data) || Fail("", file_manager->error());
+}
+
+void CommandLineApplication::AddArguments(const Options& options) {
+  char name[16];
+  char count[16];
+  for (int i = 0; i < options.argument_count; i++) {
+    snprintf(name, sizeof name, "arg%d", i + 1);
+    tables.global_variables->SetVariable(name, -1, options.arguments[i], -1);
+  }
+  snprintf(count, sizeof count, "%d", options.argument_count);
+  tables.global_variables->SetVariable("nargs", -1, count, -1);
+}

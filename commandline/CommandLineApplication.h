@@ -1,0 +1,52 @@
+// One run of a script from the command line, from its settings to the exit status.
+
+#ifndef ZEPH_COMMANDLINE_COMMANDLINEAPPLICATION_H
+#define ZEPH_COMMANDLINE_COMMANDLINEAPPLICATION_H
+
+#include <atomic>
+#include <string>
+
+#include "base/ScriptTables.h"
+#include "base/systems/unix/UNIXApplication.h"
+
+struct Options;
+
+// Made, run and deleted on the script's thread; Heartbeat and Interrupt come from another one. What
+// goes wrong before the script runs is told on standard error; messages of the running script are
+// part of its output, as on a page.
+class CommandLineApplication : public UNIXApplication {
+ public:
+  // The arguments of the process; all pointers are borrowed.
+  CommandLineApplication(int argc, char** argv, ExternalLibraryManager* library_manager);
+
+  // Runs the script, once. Answers the exit status.
+  int Go(const Options& options);
+  // Ends the script for good. Any thread.
+  void Interrupt();
+
+  void ResetGlobalTimeout() override;
+
+ private:
+  // Stages; one that fails has told so and answers false.
+  bool Prepare(const Options& options, TaggedFile* tagged, String* path);
+  bool LoadConfiguration(const Options& options);
+  bool LoadLibrary(const char* path);
+  bool InitializeDirectories();
+  bool OpenScript(const char* named, File** file, String* path);
+  bool LoadScript(const char* named, File* file, TaggedFile* tagged, const String& path);
+  bool Place(const char* named, String* directory, String* path);
+  void AddArguments(const Options& options);
+
+  // "zprun: subject: text" on standard error; an empty subject is left out. Answers false.
+  bool Fail(const char* subject, const String& text);
+
+  bool has_library = false;
+  std::atomic<bool> interrupted{false};
+  ScriptTables tables;
+};
+
+// The configuration library that zprun came with: beside the program, or in the library folders of
+// the tree that the program is in; empty when it is not there.
+std::string ShippedConfigurationLibrary();
+
+#endif

@@ -1,0 +1,18 @@
+#include "commandline/CommandLineOutput.h"
+
+#include <cerrno>
+
+#include "base/systems/unix/UNIXApplication.h"
+
+CommandLineOutput::CommandLineOutput(UNIXApplication* owner, int buffer_writes, int buffersize)
+    : StandardOutput(buffer_writes, buffersize), application(owner) {}
+
+int CommandLineOutput::DoWrite(const char* text, int length) {
+  errno = 0;
+  const int written = StandardOutput::DoWrite(text, length);
+  if (written < length && first_error == 0) {
+    first_error = errno ? errno : EIO;
+    application->Cancelled();
+  }
+  return written;
+}

@@ -1,0 +1,27 @@
+// zprun: runs a compiled script from the command line.
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+#include "commandline/Options.h"
+#include "commandline/Run.h"
+#include "config/SnapshotStore.h"
+
+int main(int argc, char** argv) {
+  const int wrong_usage = 2;
+  Options options;
+  std::string problem;
+  if (!ParseOptions(argc, argv, &options, &problem)) {
+    fprintf(stderr, "zprun: %s\n%s", problem.c_str(), zprun_usage);
+    return wrong_usage;
+  }
+  if (options.help) {
+    fputs(zprun_usage, stdout);
+    return fflush(stdout) == 0 ? 0 : 1;
+  }
+  // Before there are threads: the library that reads the file looks here for its name.
+  if (options.config) setenv(config_file_variable, options.config, 1);
+  tzset();
+  return RunScript(argc, argv, options);
+}

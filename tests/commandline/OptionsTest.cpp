@@ -1,0 +1,103 @@
+#include "commandline/Options.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace {
+
+// A command line; the texts live as long as it does.
+class Line {
+ public:
+  explicit Line(std::vector<std::string> words) : texts(std::move(words)) {
+    texts.insert(texts.begin(), "zprun");
+    for (std::string& text : texts) pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+  }
+  bool Parse() {
+    return ParseOptions(static_cast<int>(texts.size()), pointers.data(), &options, &problem);
+  }
+
+  Options options;
+  std::string problem;
+
+ private:
+  std::vector<std::string> texts;
+  std::vector<char*> pointers;
+};
+
+TEST(Options, AScriptAloneHasNoArguments) {
+  Line line({"page.zpc"});
+  ASSERT_TRUE(line.Parse());
+  EXPECT_STREQ(line.options.script, "page.zpc");
+  EXPECT_EQ(line.options.argument_count, 0);
+  EXPECT_EQ(line.options.config, nullptr);
+  EXPECT_FALSE(line.options.help);
+}
+
+TEST(Options, WhatStandsBehindTheScriptIsTheScripts) {
+  Line line({"page.zpc", "one", "--help", "--config", "", "--"});
+  ASSERT_TRUE(line.Parse());
+  ASSERT_EQ(line.options.argument_count, 5);
+  EXPECT_STREQ(line.options.arguments[0], "one");
+  EXPECT_STREQ(line.options.arguments[1], "--help");
+  EXPECT_STREQ(line.options.arguments[2], "--config");
+  EXPECT_STREQ(line.options.arguments[3], "");
+  EXPECT_STREQ(line.options.arguments[4], "--");
+  EXPECT_EQ(line.options.config, nullptr);
+  EXPECT_FALSE(line.options.help);
+}
+
+TEST(Options, TheConfigurationStandsBehindItsOptionOrInIt) {
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"--config", "a.toml", "page.zpc", "x"},
+        std::vector<std::string>{"--config=a.toml", "page.zpc", "x"},
+        std::vector<std::string>{"--config", "b.toml", "--config", "a.toml", "page.zpc", "x"},
+        std::vector<std::string>{"--config", "a.toml", "--", "page.zpc", "x"}}) {
+    SCOPED_TRACE(words[0]);
+    Line line(words);
+    ASSERT_TRUE(line.Parse());
+    EXPECT_STREQ(line.options.config, "a.toml");
+    EXPECT_STREQ(line.options.script, "page.zpc");
+    EXPECT_EQ(line.options.argument_count, 1);
+  }
+}
+
+TEST(Options, TwoDashesEndTheOptions) {
+  Line line({"--", "--help"});
+  ASSERT_TRUE(line.Parse());
+  EXPECT_FALSE(line.options.help);
+  EXPECT_STREQ(line.options.script, "--help");
+}
+
+TEST(Options, HelpNeedsNoScript) {
+  Line line({"--help"});
+  ASSERT_TRUE(line.Parse());
+  EXPECT_TRUE(line.options.help);
+}
+
+TEST(Options, AWrongCommandLineIsTold) {
+  struct Case {
+    std::vector<std::string> words;
+    const char* problem;
+  };
+  const Case cases[] = {
+      {{}, "no script"},
+      {{"--"}, "no script"},
+      {{"--config", "a.toml"}, "no script"},
+      {{"--config"}, "--config needs a file"},
+      {{"--config="}, "--config needs a file"},
+      {{"--config", "", "page.zpc"}, "--config needs a file"},
+      {{"--verbose", "page.zpc"}, "unknown option '--verbose'"},
+      {{"-t", "3", "page.zpc"}, "unknown option '-t'"},
+      {{"--configuration=a", "page.zpc"}, "unknown option '--configuration=a'"},
+  };
+  for (const Case& each : cases) {
+    SCOPED_TRACE(each.problem);
+    Line line(each.words);
+    EXPECT_FALSE(line.Parse());
+    EXPECT_EQ(line.problem, each.problem);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,226 @@
+// zprun as it is run.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "tests/e2e/Pages.h"
+#include "tests/support/Command.h"
+#include "tests/support/TemporaryDirectory.h"
+#include "tools/Assembler.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+const std::string program = ZEPH_BINARY_DIR "/bin/zprun";
+const std::string shipped_library = ZEPH_BINARY_DIR "/lib/libzephconfig.so";
+
+class Zprun : public testing::Test {
+ protected:
+  // Assembles a script into the test's directory.
+  void Script(const std::string& name, const std::string& source) {
+    std::string image, problems;
+    ASSERT_TRUE(AssembleScript(source, name, &image, &problems)) << problems;
+    directory.File(name, image);
+  }
+
+  // Runs zprun in the test's directory with those arguments; answers the exit status and leaves
+  // what was written in output and errors.
+  int Run(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), program);
+    Command command(arguments);
+    command.directory = directory.path();
+    command.environment = environment;
+    command.output_file = output_file;
+    int status = command.Run();
+    output = command.output;
+    errors = command.errors;
+    return status;
+  }
+  void ExpectFailure(const std::vector<std::string>& arguments, const std::string& message) {
+    EXPECT_EQ(Run(arguments), 1);
+    EXPECT_EQ(output, "");
+    EXPECT_EQ(errors, "zprun: " + message + "\n");
+  }
+
+  TemporaryDirectory directory;
+  // What the test itself was started with must not change what is seen.
+  std::map<std::string, std::string> environment = {{"ZEPH_CONFIG", ""}, {"ZpCONFIG_LIBRARY", ""}};
+  std::string output_file;
+  std::string output;
+  std::string errors;
+};
+
+TEST_F(Zprun, WritesWhatTheScriptWritesAndNothingElse) {
+  Script("page.zpc", Writes("Hello\\n"));
+  EXPECT_EQ(Run({"page.zpc"}), 0);
+  EXPECT_EQ(output, "Hello\n");
+  EXPECT_EQ(errors, "");
+}
+
+TEST_F(Zprun, ArgumentsAreVariables) {
+  Script("page.zpc",
+         "pushg arg1\nout\npushc \"|\"\nout\npushg arg2\nout\npushc \"|\"\nout\n"
+         "pushg arg3\nout\npushc \"|\"\nout\npushg arg4\nout\npushg nargs\nout\n");
+  EXPECT_EQ(Run({"page.zpc", "one", "", "--config=%41+b\\"}), 0);
+  EXPECT_EQ(output, "one||--config=%41+b\\|3");
+  EXPECT_EQ(Run({"page.zpc"}), 0);
+  EXPECT_EQ(output, "|||0");
+}
+
+TEST_F(Zprun, AnErrorOfTheScriptIsPartOfItsOutputAndTheStatusIsOne) {
+  Script("page.zpc", Writes("before") + "out\n" + Writes("after"));
+  EXPECT_EQ(Run({"page.zpc"}), 1);
+  EXPECT_EQ(output, "beforeFatal error in page.zpc @ [00000000:00000008]: Stack underflow\n");
+  EXPECT_EQ(errors, "");
+}
+
+TEST_F(Zprun, AScriptThatExitsHasRun) {
+  Script("page.zpc", Writes("before") + "exit\n" + Writes("after"));
+  EXPECT_EQ(Run({"page.zpc"}), 0);
+  EXPECT_EQ(output, "before");
+}
+
+TEST_F(Zprun, ACaptureThatIsLeftOpenIsLost) {
+  Script("page.zpc", Writes("before") + "pushg x\ncapture\n" + Writes("captured"));
+  EXPECT_EQ(Run({"page.zpc"}), 0);
+  EXPECT_EQ(output, "before");
+}
+
+TEST_F(Zprun, WhatCannotBeRunIsTold) {
+  directory.File("text.zpc", "no compiled script");
+  directory.Directory("folder");
+  ExpectFailure({"nowhere.zpc"}, "nowhere.zpc: No such file or directory");
+  ExpectFailure({"folder"}, "folder: Is a directory");
+  ExpectFailure({"text.zpc/page.zpc"}, "text.zpc/page.zpc: Not a directory");
+  ExpectFailure({"text.zpc"},
+                "text.zpc: File is either corrupt or not a valid compiled Zeph Script file");
+}
+
+TEST_F(Zprun, HelpIsNoErrorAndAWrongCommandLineIsOne) {
+  EXPECT_EQ(Run({"--help"}), 0);
+  EXPECT_THAT(output, StartsWith("usage: zprun [--config FILE] page.zpc [argument ...]\n"));
+  EXPECT_EQ(errors, "");
+  EXPECT_EQ(Run({}), 2);
+  EXPECT_EQ(output, "");
+  EXPECT_THAT(errors, StartsWith("zprun: no script\nusage: zprun [--config FILE]"));
+  EXPECT_EQ(Run({"--wrong", "page.zpc"}), 2);
+  EXPECT_THAT(errors, StartsWith("zprun: unknown option '--wrong'\nusage: "));
+}
+
+// --- Configuration -------------------------------------------------------------------------------
+
+constexpr char named[] = "pushs site\nout\npushg page\nout\n";
+constexpr char names[] = "[variables.system]\nsite = \"S\"\n[variables.global]\npage = \"G\"\n";
+
+TEST_F(Zprun, AConfigurationFileMayBeNamed) {
+  Script("page.zpc", named);
+  directory.File("settings.toml", names);
+  EXPECT_EQ(Run({"--config", "settings.toml", "page.zpc"}), 0);
+  EXPECT_EQ(output, "SG");
+  EXPECT_EQ(Run({"page.zpc"}), 0);
+  EXPECT_EQ(output, "");
+}
+
+TEST_F(Zprun, TheConfigurationOfTheEngineIsFound) {
+  Script("page.zpc", named);
+  directory.File("zeph.toml", names);
+  EXPECT_EQ(Run({"page.zpc"}), 0);
+  EXPECT_EQ(output, "SG");
+  directory.File("other.toml", "[variables.system]\nsite = \"other\"\n");
+  environment["ZEPH_CONFIG"] = "other.toml";
+  EXPECT_EQ(Run({"page.zpc"}), 0);
+  EXPECT_EQ(output, "other");
+  directory.File("third.toml", "[variables.system]\nsite = \"third\"\n");
+  EXPECT_EQ(Run({"--config", "third.toml", "page.zpc"}), 0);
+  EXPECT_EQ(output, "third");
+}
+
+TEST_F(Zprun, AFileThatIsNotInOrderIsTold) {
+  Script("page.zpc", Writes("page"));
+  ExpectFailure({"--config", "nowhere.toml", "page.zpc"},
+                "Error loading configuration library: nowhere.toml: No such file or directory");
+  directory.File("wrong.toml", "timeout_global = \"long\"\n");
+  EXPECT_EQ(Run({"--config", "wrong.toml", "page.zpc"}), 1);
+  EXPECT_EQ(output, "");
+  EXPECT_THAT(errors, HasSubstr("wrong.toml:1: timeout_global: expected an integer, found text"));
+}
+
+TEST_F(Zprun, TheLibraryOfTheWorkingDirectoryComesFirstThenTheNamedOne) {
+  Script("page.zpc", named);
+  directory.File("zeph.toml", names);
+  environment["ZpCONFIG_LIBRARY"] = ZEPH_BINARY_DIR "/lib/test/FakeEmpty.so";
+  ExpectFailure({"page.zpc"},
+                "Error loading configuration library: Unknown symbol 'zeph_config_library'");
+  directory.Link("libzephconfig.so", shipped_library);
+  EXPECT_EQ(Run({"page.zpc"}), 0);
+  EXPECT_EQ(output, "SG");
+}
+
+TEST_F(Zprun, ALibraryThatIsNotThereOrOfSomebodyElseIsRefused) {
+  Script("page.zpc", Writes("page"));
+  environment["ZpCONFIG_LIBRARY"] = directory.path("library.so");
+  ExpectFailure({"page.zpc"}, "Error loading configuration library: " +
+                                  directory.path("library.so") + ": No such file or directory");
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+  directory.File("library.so", "");
+  ASSERT_EQ(chown(directory.path("library.so").c_str(), 12345, 12345), 0);
+  ExpectFailure({"page.zpc"}, "Error loading configuration library: UID mismatch");
+}
+
+TEST_F(Zprun, AScriptBelowTheScriptDirectoryHasItsPlaceThere) {
+  directory.File("settings.toml", "dir_zeph = \"" + directory.path("site") +
+                                      "\"\n[[script]]\nmatch = \"shop/*\"\nbufsz_output = 1\n");
+  // Messages name the script as it was asked for.
+  Script("site/shop/page.zpc", "out\n");
+  EXPECT_EQ(Run({"--config", "settings.toml", "site/shop/page.zpc"}), 1);
+  EXPECT_THAT(output, StartsWith("Fatal error in shop/page.zpc @"));
+  Script("elsewhere/page.zpc", "out\n");
+  EXPECT_EQ(Run({"--config", "settings.toml", "elsewhere/page.zpc"}), 1);
+  EXPECT_THAT(output, StartsWith("Fatal error in page.zpc @"));
+  // A folder whose name begins alike is another one.
+  Script("site2/page.zpc", "out\n");
+  EXPECT_EQ(Run({"--config", "settings.toml", "site2/page.zpc"}), 1);
+  EXPECT_THAT(output, StartsWith("Fatal error in page.zpc @"));
+}
+
+TEST_F(Zprun, LinksToAScriptAreFollowed) {
+  Script("real/page.zpc", Writes("real"));
+  directory.Link("link.zpc", "real/page.zpc");
+  EXPECT_EQ(Run({"link.zpc"}), 0);
+  EXPECT_EQ(output, "real");
+}
+
+TEST_F(Zprun, DirectoriesThatCannotBeUsedAreTold) {
+  Script("page.zpc", Writes("page"));
+  directory.File("data.toml", "dir_data = \"/nowhere\"\n");
+  ExpectFailure({"--config", "data.toml", "page.zpc"},
+                "The configured data directory does not exist");
+  directory.File("temp.toml", "dir_temp = \"/nowhere\"\n");
+  ExpectFailure({"--config", "temp.toml", "page.zpc"},
+                "The configured temporary directory does not exist");
+}
+
+// --- Output --------------------------------------------------------------------------------------
+
+TEST_F(Zprun, OutputThatCannotBeWrittenIsAnError) {
+  Script("page.zpc", Writes("page"));
+  output_file = "/dev/full";
+  EXPECT_EQ(Run({"page.zpc"}), 1);
+  EXPECT_EQ(errors, "zprun: standard output: No space left on device\n");
+}
+
+TEST_F(Zprun, AReaderThatLeavesEndsTheScriptWithoutAWord) {
+  Script("long.zpc", Floods(1000));
+  Command command({program, "long.zpc"});
+  command.directory = directory.path();
+  command.Start();
+  command.WaitForOutput();
+  command.StopReading();
+  EXPECT_EQ(command.Finish(), 1);
+  EXPECT_EQ(command.errors, "");
+}
+
+}  // namespace

@@ -1,0 +1,53 @@
+// A program that a test runs to its end: its arguments, its environment, what it wrote and how it
+// ended.
+
+#ifndef ZEPH_TESTS_SUPPORT_COMMAND_H
+#define ZEPH_TESTS_SUPPORT_COMMAND_H
+
+#include <sys/types.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+class Command {
+ public:
+  // The program's path, then its arguments.
+  explicit Command(std::vector<std::string> arguments);
+  // Kills the program if it still runs.
+  ~Command();
+  Command(const Command&) = delete;
+  Command& operator=(const Command&) = delete;
+
+  // --- Before the start ------------------------------------------------------------------------
+  std::vector<std::string> arguments;
+  std::string directory;                           // its working directory; empty is the test's
+  std::map<std::string, std::string> environment;  // added to the test's
+  std::string output_file;                         // in place of the pipe that Finish reads
+  std::vector<int> ignored_signals;
+
+  // --- The run ---------------------------------------------------------------------------------
+  // Fails the test when the program cannot be started.
+  void Start();
+  // Waits until it has written something to its standard output.
+  void WaitForOutput();
+  // Closes the pipe from its standard output.
+  void StopReading();
+  void Signal(int number);
+  // Reads what it writes until it ends. Answers the exit status, 128 and more for a signal.
+  int Finish();
+  // Start and Finish.
+  int Run();
+
+  std::string output;
+  std::string errors;
+
+ private:
+  [[noreturn]] void Child(int output_descriptor, int error_descriptor);
+
+  pid_t process = -1;
+  int output_pipe = -1;
+  int error_pipe = -1;
+};
+
+#endif
