@@ -13,6 +13,7 @@
 #include "base/Capture.h"
 #include "base/Config.h"
 #include "base/Dictionary.h"
+#include "base/ExternalCall.h"
 #include "base/Feature.h"
 #include "base/Instructions.h"
 #include "base/LinkBuffer.h"
@@ -97,6 +98,8 @@ ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* host, Dictiona
 }
 
 ZephVM::~ZephVM() {
+  // While the machine can still run functions: libraries may do so to free what they left.
+  if (external_calls) external_calls->MachineEnds(this, parent);
   while (frame) {
     ZephVM_Frame* previous = frame->previous;
     delete frame;

@@ -174,6 +174,49 @@ TEST_F(ExternalCallTest, ResultThatAScriptHoldsKeepsItsValue) {
   EXPECT_EQ(held->refcount(), 1);
 }
 
+// The call that runs, which calls itself once more.
+ExternalCall* recursive_call = nullptr;
+int recursion_depth = 0;
+
+void CountDown(ZephVM* vm, VariableHash* parameters, Variable* result, void**) {
+  const int depth = recursion_depth--;
+  result->SetValue_Integer(depth);
+  if (depth == 0) return;
+  recursive_call->Call(vm, parameters);
+  events.push_back(std::to_string(recursive_call->result()->value_integer()));
+  // Its own is still there, and still its own.
+  events.push_back(std::to_string(result->value_integer()));
+}
+
+TEST_F(ExternalCallTest, FunctionThatIsCalledWhileItRunsHasAResultForEachCall) {
+  ASSERT_TRUE(Register({Row("down", CountDown)}));
+  recursive_call = manager.Lookup_External("down", -1);
+  recursion_depth = 2;
+  recursive_call->Call(some_vm, nullptr);
+  EXPECT_EQ(events, (std::vector<std::string>{"0", "1", "1", "2"}));
+  EXPECT_EQ(IntegerOf(recursive_call), 2);
+  EXPECT_EQ(recursive_call->result()->refcount(), 1);
+}
+
+Variable* referred_to = nullptr;
+
+void ReferTo(ZephVM*, VariableHash*, Variable* result, void**) {
+  result->Make_Reference(referred_to);
+}
+
+TEST_F(ExternalCallTest, ResultThatRefersToAVariableIsNotClearedThroughIt) {
+  ASSERT_TRUE(Register({Row("refer", ReferTo)}));
+  Variable* target = new Variable("x", 1, 7);
+  referred_to = target;
+  ExternalCall* call = manager.Lookup_External("refer", -1);
+  call->Call(some_vm, nullptr);
+  EXPECT_EQ(IntegerOf(call), 7);
+  call->Call(some_vm, nullptr);
+  EXPECT_EQ(target->value_integer(), 7);
+  EXPECT_EQ(IntegerOf(call), 7);
+  target->DecRefCount();
+}
+
 TEST_F(ExternalCallTest, StateIsKeptFromCallToCallAndFreedAtTheEnd) {
   {
     ExternalCallManager request(&application);
@@ -236,6 +279,48 @@ TEST_F(ExternalCallTest, PersistentDataEndsWithTheManager) {
     EXPECT_TRUE(events.empty());
   }
   EXPECT_EQ(events, (std::vector<std::string>{"destroyed a", "destroyed b"}));
+}
+
+TEST_F(ExternalCallTest, PersistentDataEndsBeforeItsMachine) {
+  ZephVM* other = reinterpret_cast<ZephVM*>(&events);
+  manager.Register_Persistent(some_vm, "a", -1, Data("a"), NoteDestroyed);
+  manager.Register_Persistent(other, "b", -1, Data("b"), NoteDestroyed);
+  manager.Register_Persistent(some_vm, "c", -1, Data("c"), NoteDestroyed);
+  manager.MachineEnds(some_vm, nullptr);
+  EXPECT_EQ(events, (std::vector<std::string>{"destroyed a", "destroyed c"}));
+  EXPECT_EQ(manager.Lookup_Persistent("a", -1), nullptr);
+  EXPECT_NE(manager.Lookup_Persistent("b", -1), nullptr);
+  manager.MachineEnds(other, nullptr);
+}
+
+TEST_F(ExternalCallTest, PersistentDataOfANestedMachineGoesOverToItsParent) {
+  ZephVM* nested = reinterpret_cast<ZephVM*>(&events);
+  manager.Register_Persistent(nested, "a", -1, Data("a"), NoteDestroyed);
+  manager.MachineEnds(nested, some_vm);
+  EXPECT_TRUE(events.empty());
+  EXPECT_NE(manager.Lookup_Persistent("a", -1), nullptr);
+  manager.MachineEnds(some_vm, nullptr);
+  EXPECT_EQ(events, (std::vector<std::string>{"destroyed a"}));
+}
+
+// What a callback has at its hands.
+ExternalCallManager* callback_manager = nullptr;
+
+void LeaveAnother(void* vm, void* data) {
+  NoteDestroyed(vm, data);
+  callback_manager->Register_Persistent(some_vm, "pool", -1, Data("left behind"), NoteDestroyed);
+}
+
+TEST_F(ExternalCallTest, WhatACallbackLeavesIsDestroyedToo) {
+  callback_manager = &manager;
+  manager.Register_Persistent(some_vm, "pool", -1, Data("a"), LeaveAnother);
+  manager.Register_Persistent(some_vm, "pool", -1, Data("b"), LeaveAnother);
+  EXPECT_EQ(events, (std::vector<std::string>{"destroyed a", "destroyed left behind"}));
+  EXPECT_STREQ(static_cast<char*>(manager.Lookup_Persistent("pool", -1)), "b");
+  manager.MachineEnds(some_vm, nullptr);
+  EXPECT_EQ(events, (std::vector<std::string>{"destroyed a", "destroyed left behind", "destroyed b",
+                                              "destroyed left behind"}));
+  EXPECT_EQ(manager.Lookup_Persistent("pool", -1), nullptr);
 }
 
 // Under the address sanitizer data that is not freed fails the test.

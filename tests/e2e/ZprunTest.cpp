@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include "tests/e2e/Pages.h"
@@ -221,6 +222,79 @@ TEST_F(Zprun, AReaderThatLeavesEndsTheScriptWithoutAWord) {
   command.StopReading();
   EXPECT_EQ(command.Finish(), 1);
   EXPECT_EQ(command.errors, "");
+}
+
+// --- Time and signals ----------------------------------------------------------------------------
+
+constexpr char endless[] = "pushc \"running\"\nout\nagain: jmp again\n";
+constexpr char timed_out[] = "runningApplication timed out";
+
+TEST_F(Zprun, AScriptThatTakesTooLongIsEnded) {
+  Script("endless.zpc", endless);
+  directory.File("settings.toml", "timeout_global = 1\n");
+  EXPECT_EQ(Run({"--config", "settings.toml", "endless.zpc"}), 1);
+  EXPECT_EQ(output, timed_out);
+  EXPECT_EQ(errors, "");
+}
+
+class ZprunSignal : public Zprun {
+ protected:
+  ZprunSignal() : command({program, "--config", "settings.toml", "endless.zpc"}) {
+    // Each write is seen at once.
+    directory.File("settings.toml", "bufsz_output = 1\n");
+    Script("endless.zpc", endless);
+    command.directory = directory.path();
+    command.environment = environment;
+  }
+
+  Command command;
+};
+
+TEST_F(ZprunSignal, EndsTheScriptInOrder) {
+  for (int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+    SCOPED_TRACE(number);
+    Command one({program, "--config", "settings.toml", "endless.zpc"});
+    one.directory = directory.path();
+    one.Start();
+    one.WaitForOutput();
+    one.Signal(number);
+    EXPECT_EQ(one.Finish(), 1);
+    EXPECT_EQ(one.output, timed_out);
+    EXPECT_EQ(one.errors, "");
+  }
+}
+
+TEST_F(ZprunSignal, ThatWasIgnoredStaysIgnored) {
+  command.ignored_signals = {SIGHUP, SIGINT};
+  command.Start();
+  command.WaitForOutput();
+  command.Signal(SIGHUP);
+  command.Signal(SIGINT);
+  command.Signal(SIGTERM);
+  // The others would have made it the second one.
+  EXPECT_EQ(command.Finish(), 1);
+  EXPECT_EQ(command.output, timed_out);
+}
+
+TEST_F(ZprunSignal, ASecondOneEndsTheProcessAtOnce) {
+  Script("long.zpc", Floods(1000));
+  command.arguments = {program, "long.zpc"};
+  command.Start();
+  // It waits for a reader, so the first one is of no avail.
+  command.WaitForOutput();
+  command.WaitUntilAsleep();
+  command.Signal(SIGINT);
+  command.Signal(SIGTERM);
+  EXPECT_EQ(command.Finish(), 128 + SIGTERM);
+}
+
+TEST_F(ZprunSignal, ThatNobodyElseSendsEndsNothing) {
+  command.Start();
+  command.WaitForOutput();
+  command.Signal(SIGUSR1);
+  command.Signal(SIGTERM);
+  EXPECT_EQ(command.Finish(), 1);
+  EXPECT_EQ(command.output, timed_out);
 }
 
 }  // namespace

@@ -8,7 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
 
 namespace {
 
@@ -23,6 +27,16 @@ bool ReadSome(int descriptor, std::string* text) {
   ssize_t count = read(descriptor, buffer, sizeof buffer);
   if (count > 0) text->append(buffer, static_cast<size_t>(count));
   return count > 0;
+}
+
+// Whether the thread whose folder in /proc that is sleeps.
+bool IsAsleep(const std::filesystem::path& thread) {
+  std::ifstream file(thread / "stat");
+  std::string text;
+  std::getline(file, text);
+  // The state follows the name, which stands in parentheses and may hold any byte.
+  const size_t name_end = text.rfind(')');
+  return name_end != std::string::npos && text.compare(name_end, 3, ") S") == 0;
 }
 
 }  // namespace
@@ -72,6 +86,17 @@ void Command::Start() {
 
 void Command::WaitForOutput() {
   if (output.empty()) ReadSome(output_pipe, &output);
+}
+
+void Command::WaitUntilAsleep() const {
+  const std::string threads = "/proc/" + std::to_string(process) + "/task";
+  for (bool asleep = false; !asleep;) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    asleep = true;
+    for (const auto& thread : std::filesystem::directory_iterator(threads)) {
+      asleep = asleep && IsAsleep(thread.path());
+    }
+  }
 }
 
 void Command::StopReading() {

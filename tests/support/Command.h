@@ -31,6 +31,8 @@ class Command {
   void Start();
   // Waits until it has written something to its standard output.
   void WaitForOutput();
+  // Waits until it waits itself, in all its threads: for a reader, say.
+  void WaitUntilAsleep() const;
   // Closes the pipe from its standard output.
   void StopReading();
   void Signal(int number);
