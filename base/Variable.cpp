@@ -4,10 +4,15 @@
 
 #include "base/Variable.h"
 
+#include <climits>
+#include <cstring>
 #include <memory>
+#include <new>
 #include <vector>
 
 #include "base/Aggregate.h"
+#include "base/BufferRoom.h"
+#include "base/DeferredText.h"
 #include "base/VariableRef.h"
 #include "base/VariableWalk.h"
 #include "base/ZephApplication.h"
@@ -53,6 +58,7 @@ Variable::Variable(const Variable& source) {
 }
 
 Variable::~Variable() {
+  Changing();
   if (elements) DeleteTree(elements);
   if (suspect) ForgetSuspect();
 }
@@ -123,7 +129,7 @@ Variable* Variable::RealIdentity() {
 }
 
 int Variable::type() {
-  if (standing == Own) return VariableStored;
+  if (!redirected()) return VariableStored;
   return standing == Reference ? VariableReference : VariableNULL;
 }
 
@@ -153,6 +159,7 @@ void Variable::DecRefCount() {
 
 void Variable::Make_Reference(Variable* target) {
   if (!target || target == this || standing == Gone) return;
+  Changing();
   if (standing == Reference) {
     Rebind(target);
   } else if (target->RealIdentity() != this) {
@@ -193,6 +200,7 @@ void Variable::Rebind(Variable* target) {
 }
 
 void Variable::Make_NULL() {
+  Changing();
   const VariableRef pin = VariableRef::Share(this);
   const int counts = refcount_;
   Variable* old = reference;
@@ -312,6 +320,7 @@ String& Variable::error() {
 
 // A double goes before an integer, since an integer beside it is only its truncation.
 void Variable::Convert_String() {
+  Changing();
   if (elements) {
     string_value.assign("", 0);
     Serialize(string_value);
@@ -395,7 +404,7 @@ void Variable::Serialize(String& out) {
 // --- Writing -------------------------------------------------------------------------------------
 
 void Variable::SetNULL() {
-  if (redirected()) {
+  if (RedirectedStore()) {
     if (reference) Final()->SetNULL();
     return;
   }
@@ -409,7 +418,7 @@ void Variable::SetNULL() {
 // the last count of this object.
 
 int Variable::SetValue(const char* text, int length) {
-  if (redirected()) return reference ? Final()->SetValue(text, length) : 1;
+  if (RedirectedStore()) return reference ? Final()->SetValue(text, length) : 1;
   string_value.assign(text, length);
   valid_forms = TextForm;
   primary = PrimaryText;
@@ -418,7 +427,7 @@ int Variable::SetValue(const char* text, int length) {
 }
 
 int Variable::SetValue_Nocopy(char* buffer, int length, int allocated) {
-  if (redirected()) {
+  if (RedirectedStore()) {
     if (reference) return Final()->SetValue_Nocopy(buffer, length, allocated);
     delete[] buffer;
     return 1;
@@ -431,7 +440,7 @@ int Variable::SetValue_Nocopy(char* buffer, int length, int allocated) {
 }
 
 int Variable::SetValue_Integer(int value) {
-  if (redirected()) return reference ? Final()->SetValue_Integer(value) : 1;
+  if (RedirectedStore()) return reference ? Final()->SetValue_Integer(value) : 1;
   integer_value = value;
   valid_forms = IntegerForm;
   primary = PrimaryInteger;
@@ -440,7 +449,7 @@ int Variable::SetValue_Integer(int value) {
 }
 
 int Variable::SetValue_Double(double value) {
-  if (redirected()) return reference ? Final()->SetValue_Double(value) : 1;
+  if (RedirectedStore()) return reference ? Final()->SetValue_Double(value) : 1;
   double_value = value;
   valid_forms = DoubleForm;
   primary = PrimaryDouble;
@@ -449,7 +458,7 @@ int Variable::SetValue_Double(double value) {
 }
 
 int Variable::SetValue(Variable& source) {
-  if (redirected()) return reference ? Final()->SetValue(source) : 1;
+  if (RedirectedStore()) return reference ? Final()->SetValue(source) : 1;
   Variable* from = source.RealIdentity();
   if (from->aggregateelements()) {
     AggregateElementTree* copy = CopyElementTree(from);
@@ -561,6 +570,55 @@ AggregateElementTree* Variable::CopyElementTree(Variable* source) {
     (void)element.release();
   }
   return copy.release();
+}
+
+// --- Texts that grow
+// ------------------------------------------------------------------------------
+
+void Variable::Unwatch() {
+  DeferredText::Settle(this);
+}
+
+int Variable::WatchableText() {
+  if (!IsOfThisClass() || redirected() || elements) return -1;
+  const String& text = value();
+  return text.data && text.data[text.length] == '\0' ? text.length : -1;
+}
+
+namespace {
+// The size of the buffer that a String makes for so many bytes.
+int StringSize(int length) {
+  const int64_t size = (static_cast<int64_t>(length) + 24) / 24 * 24;
+  if (size > INT_MAX) throw std::bad_alloc();
+  return static_cast<int>(size);
+}
+}  // namespace
+
+// The buffer grows by halves, so that a text of any length is built in linear time. What it says of
+// itself is what it would be told after a store of the whole text.
+void Variable::AppendText(const char* bytes, int count, bool adopted) {
+  Changing();
+  const int old = string_value.length;
+  const int total = old + count;
+  int told = string_value.allocated;
+  if (adopted) {
+    told = total + 1;
+  } else if (total >= told) {
+    told = StringSize(total);
+  }
+  if (BufferRoom(string_value.data) < static_cast<size_t>(told)) {
+    const size_t larger = static_cast<size_t>(told) + static_cast<size_t>(told) / 2;
+    auto* buffer = new char[larger];
+    memcpy(buffer, string_value.data, static_cast<size_t>(old));
+    delete[] string_value.data;
+    string_value.data = buffer;
+  }
+  memcpy(string_value.data + old, bytes, static_cast<size_t>(count));
+  string_value.data[total] = '\0';
+  string_value.length = total;
+  string_value.allocated = told;
+  valid_forms = TextForm;
+  primary = PrimaryText;
 }
 
 // --- ReferenceVariable ---------------------------------------------------------------------------

@@ -15,6 +15,7 @@
 class AggregateElement;
 class AggregateElementTree;
 class AggregateIndex;
+class DeferredText;
 class ZephApplication;
 
 // The virtual operations of a Variable, as the compiler lays them out: what Variable::IsPlain()
@@ -182,9 +183,7 @@ class Variable {
 
   // Whether this is a Variable and of no derived class, and no reference: then nothing is computed
   // or refused, and value and elements are the object's own.
-  bool IsPlain() const {
-    return *reinterpret_cast<const void* const*>(this) == VariableOperations + 2 && standing == Own;
-  }
+  bool IsPlain() const { return IsOfThisClass() && standing == Own; }
   // The forms, as bits of Form, in which a plain scalar has its value; 0 for a NULL scalar, for
   // an aggregate and for what is not plain.
   unsigned plain_forms() const { return IsPlain() ? valid_forms : 0u; }
@@ -284,10 +283,11 @@ class Variable {
   static void FreeCycles();
 
  protected:
-  enum Standing : uint8_t { Own = 0, Reference = 1, Gone = 2 };
+  // Watched is Own for all but what changes the text, see base/DeferredText.h.
+  enum Standing : uint8_t { Own = 0, Watched = 1, Reference = 2, Gone = 3 };
 
   // Whether reads and writes go elsewhere: to a target, or nowhere.
-  bool redirected() const { return standing != Own; }
+  bool redirected() const { return standing > Watched; }
 
   String name_;
   String string_value;
@@ -305,11 +305,29 @@ class Variable {
   Variable* reference = nullptr;
 
  private:
+  friend class DeferredText;
   friend class VariableCycles;
   friend class VariableWalk;
 
+  bool IsOfThisClass() const {
+    return *reinterpret_cast<const void* const*>(this) == VariableOperations + 2;
+  }
   Variable* Final();
-  bool IgnoresWrites() const { return standing != Own && !reference; }
+  // Like redirected(), for what changes text or kind: who watches takes its copy first.
+  bool RedirectedStore() {
+    if (standing == Own) return false;
+    Changing();
+    return redirected();
+  }
+  void Changing() {
+    if (standing == Watched) Unwatch();
+  }
+  void Unwatch();
+  // For DeferredText: the length of a text that can be watched, or -1; whether it is watched; and
+  // bytes behind it, to the outcome that storing the whole text has.
+  int WatchableText();
+  void SetWatched(bool watched) { standing = watched ? Watched : Own; }
+  void AppendText(const char* bytes, int count, bool adopted);
   void DropElements();
   void CopyForms(Variable& source);
   void CopyScalar(Variable& source);

@@ -9,7 +9,7 @@
 #include "base/VariableRef.h"
 
 void Variable::Convert_Aggregate(AggregateType kind) {
-  if (redirected() || aggregate == kind) return;
+  if (aggregate == kind || RedirectedStore()) return;
   AggregateElementTree* old = elements;
   elements = kind == AggregateNone ? nullptr : new AggregateElementTree();
   aggregate = kind;

@@ -1,0 +1,70 @@
+// A concatenation that begins with the text of a variable, for the way in which scripts build long
+// texts: s = s cat x. As long as its bytes stand only on the operand stack, nobody can tell whether
+// the variable's text has been copied, so it is not; and when the result goes to the variable that
+// it began with, only the new bytes are written, behind the old ones.
+
+#ifndef ZEPH_BASE_DEFERREDTEXT_H
+#define ZEPH_BASE_DEFERREDTEXT_H
+
+#include "base/FreeList.h"
+
+class Variable;
+
+// The text of a variable, followed by bytes of its own. Made by Begin, ended by Release, Assign or
+// delete. Belongs to the variable's thread.
+//
+// The variable is borrowed, and watched: just before its text changes, or it goes, whoever changes
+// it, the object takes a copy and is on its own from then on. Reading it changes nothing.
+class DeferredText {
+ public:
+  ZEPH_FREE_LIST_OPERATORS(DeferredText)
+
+  // Shorter texts are copied sooner than watched.
+  static constexpr int ShortestPrefix = 128;
+
+  // Begins with the present text of the variable, which is read if it is not there yet, or of what
+  // it refers to. Null where that can't be watched or isn't worth it: the text of a derived class,
+  // of an aggregate, a short one.
+  [[nodiscard]] static DeferredText* Begin(Variable* variable);
+  ~DeferredText();
+  DeferredText(const DeferredText&) = delete;
+  DeferredText& operator=(const DeferredText&) = delete;
+
+  // Append copies of what is given. A sum of lengths that no text can have fails as an allocation,
+  // with std::bad_alloc, and leaves the object as it was.
+  void Append(const char* bytes, int length);
+  void Append(int value);
+  void Append(double value);
+  void Append(Variable* variable);
+
+  // All bytes.
+  int length() const { return prefix_length + used; }
+
+  // The whole text in a buffer of length + 1 bytes, NUL-terminated, which the caller frees with
+  // delete[]. Deletes the object.
+  [[nodiscard]] char* Release(int* length);
+  // Stores the text in the variable and deletes the object. With adopt the outcome is that of
+  // SetValue_Nocopy with a buffer of length + 1 bytes, else of SetValue.
+  void Assign(Variable* target, bool adopt);
+
+  // For the variable, which is about to change or to go.
+  static void Settle(Variable* variable);
+
+ private:
+  DeferredText(Variable* variable, int length);
+  char* Room(int length);
+  void CopyPrefix();
+  void StopWatching();
+  void Flatten(char* destination) const;
+
+  Variable* prefix;   // null without one: all text is in bytes
+  int prefix_length;  // bytes of the variable's text
+  int used = 0;
+  int room;
+  char* bytes;
+  DeferredText* next;  // of those that watch on this thread
+  DeferredText* previous = nullptr;
+  char small[200];
+};
+
+#endif
