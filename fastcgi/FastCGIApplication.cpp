@@ -19,18 +19,28 @@
 #include "fastcgi/FastCGIOutput.h"
 #include "fastcgi/FastCGIThreads.h"
 
+namespace {
+
+// Where the process was started, and stays: no thread ever leaves it.
+const char* WorkingDirectory() {
+  static char path[512];
+  static const bool known = getcwd(path, sizeof path) != nullptr;
+  return known ? path : ".";
+}
+
+}  // namespace
+
 FastCGIApplication::FastCGIApplication(int argc, char** argv, int copied_argc, char** copied_argv,
                                        FastCGIThreadManager* threads,
                                        ExternalLibraryManager* libraries, FCGX_Request* fcgi)
     : FastCGIBaseApplication(argc, argv, copied_argc, copied_argv, threads, libraries),
       request(fcgi),
-      effective_user(static_cast<int>(geteuid())) {
+      working_directory(WorkingDirectory()) {
   path_info = Parameter("PATH_INFO");
   query_string = Parameter("QUERY_STRING");
   file_manager = new UNIXReentrantFileManager(this);
   current_output = new FastCGIOutput(this, request);
   if (const char* sent = Parameter("HTTP_COOKIE")) cookie.reset(zeph_strdup(sent));
-  if (!getcwd(working_directory, sizeof working_directory)) strcpy(working_directory, ".");
 }
 
 const char* FastCGIApplication::Parameter(const char* name) const {

@@ -52,8 +52,7 @@ class FastCGIApplication : public FastCGIBaseApplication {
   bool ExecuteError(const String& path, const String& text, bool encode);
 
   FCGX_Request* request;
-  char working_directory[512];
-  int effective_user;
+  const char* working_directory;
   int owner_id = 0;
   const char* path_info;  // the parameters themselves; either may be null
   const char* query_string;

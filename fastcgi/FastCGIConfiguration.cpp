@@ -22,10 +22,10 @@ bool FastCGIApplication::LoadConfiguration() {
   path.cat("/libzephconfig.so", -1);
   const char* library = path.data;
   // By its name alone: the system looks it up where the path would lead, without the walk there.
-  LibraryFile found = LookAtLibrary("libzephconfig.so", effective_user);
+  LibraryFile found = LookAtLibrary("libzephconfig.so");
   if (found == LibraryFile::Missing) {
     library = Parameter("ZpCONFIG_LIBRARY");
-    if (library) found = LookAtLibrary(library, effective_user);
+    if (library) found = LookAtLibrary(library);
   }
   if (found == LibraryFile::Missing) {
     ConfigurationError(LoadingError("Unable to locate/load libzephconfig.so", -1));

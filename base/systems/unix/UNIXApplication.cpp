@@ -56,6 +56,21 @@ void FillRandom(unsigned char* bytes, size_t length) {
   while (done < length) bytes[done++] = static_cast<unsigned char>(rand());
 }
 
+// What is the same for all of a process, asked for once.
+struct ProcessIdentity {
+  ProcessIdentity() : id(getpid()) {
+    if (gethostname(host_name, sizeof host_name - 1) != 0) host_name[0] = '\0';
+  }
+
+  int id;
+  char host_name[256] = {};
+};
+
+const ProcessIdentity& ThisProcess() {
+  static const ProcessIdentity identity;
+  return identity;
+}
+
 }  // namespace
 
 UNIXApplication::UNIXApplication(int argc, char** argv, int copied_argc, char** copied_argv,
@@ -65,12 +80,11 @@ UNIXApplication::UNIXApplication(int argc, char** argv, int copied_argc, char** 
       arguments(argv),
       copied_argument_count(copied_argc),
       copied_arguments(copied_argv),
-      process_id(getpid()) {
+      process_id(ThisProcess().id),
+      host_name(ThisProcess().host_name) {
   const char* program = copied_argc > 0 ? copied_argv[0] : "";
   const char* slash = strrchr(program, '/');
   base_name = slash ? slash + 1 : program;
-  host_name[255] = '\0';
-  if (gethostname(host_name, 255) != 0) host_name[0] = '\0';
 }
 
 // The managers of libraries go first and the settings last, since a configuration library may still
@@ -278,10 +292,10 @@ void UNIXApplication::BuildTables(ScriptTables* tables, TaggedFile* tagged) {
   configuration = tables->config;
 }
 
-UNIXApplication::LibraryFile UNIXApplication::LookAtLibrary(const char* path, int user) {
+UNIXApplication::LibraryFile UNIXApplication::LookAtLibrary(const char* path) {
   struct stat status;
   if (stat(path, &status) != 0) return LibraryFile::Missing;
-  const bool trusted = status.st_uid == 0 || static_cast<int>(status.st_uid) == user;
+  const bool trusted = status.st_uid == 0 || status.st_uid == geteuid();
   return trusted ? LibraryFile::Usable : LibraryFile::Foreign;
 }
 

@@ -63,10 +63,10 @@ class UNIXApplication : public ZephApplication {
   // Makes empty tables, the managers of libraries and the settings.
   void BuildTables(ScriptTables* tables, TaggedFile* tagged);
 
-  // A configuration library runs inside the process, so it has to belong to root or to the given
-  // user, the one that the process runs as.
+  // A configuration library runs inside the process, so it has to belong to root or to the user
+  // that the process runs as.
   enum class LibraryFile { Missing, Foreign, Usable };
-  static LibraryFile LookAtLibrary(const char* path, int user);
+  static LibraryFile LookAtLibrary(const char* path);
 
   // Opens the file as a compiled script and reads it into the tables. The file is the stage's from
   // here on. *owner receives its user id. False leaves the reason.
@@ -109,7 +109,7 @@ class UNIXApplication : public ZephApplication {
   Mutex application_mutex;
   Condition application_condition;
   const char* base_name;
-  char host_name[256];
+  const char* host_name;
   std::unique_ptr<char[]> user_id;
   ZephVM* vm = nullptr;
 };

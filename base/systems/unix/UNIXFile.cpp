@@ -60,7 +60,15 @@ bool UNIXFile::SystemError() {
 
 bool UNIXFile::Status(struct stat* buffer) {
   if (!Ready()) return false;
-  return fstat(descriptor, buffer) == 0 || SystemError();
+  if (fstat(descriptor, buffer) != 0) return SystemError();
+  if (!moved && S_ISREG(buffer->st_mode)) place = position;
+  return true;
+}
+
+// After a read or a write of that many bytes.
+void UNIXFile::NoteMoved(long count) {
+  moved = true;
+  if (place >= 0) place = count >= 0 && (flags & O_APPEND) == 0 ? place + count : -1;
 }
 
 bool UNIXFile::OwnerID(int* id) {
@@ -86,6 +94,7 @@ int UNIXFile::Read(char* buffer, int length) {
     count =
         Retry([&] { return system_calls.read(descriptor, buffer, static_cast<size_t>(length)); });
   if (count < 0) SystemError();
+  NoteMoved(count);
   return static_cast<int>(count);
 }
 
@@ -98,12 +107,16 @@ int UNIXFile::Write(const char* bytes, int length) {
     count =
         Retry([&] { return system_calls.write(descriptor, bytes, static_cast<size_t>(length)); });
   if (count < 0) SystemError();
+  NoteMoved(count);
   return static_cast<int>(count);
 }
 
-int UNIXFile::Seek(long place) {
+int UNIXFile::Seek(long wanted) {
   if (!Ready()) return -1;
-  off_t reached = system_calls.lseek(descriptor, place, SEEK_SET);
+  if (wanted == place && wanted >= 0 && wanted <= INT_MAX) return static_cast<int>(wanted);
+  off_t reached = system_calls.lseek(descriptor, wanted, SEEK_SET);
+  moved = true;
+  place = place >= 0 ? reached : -1;
   if (reached > INT_MAX) {
     errno = EOVERFLOW;
     reached = -1;
@@ -114,13 +127,13 @@ int UNIXFile::Seek(long place) {
 
 int UNIXFile::Tell() {
   if (!Ready()) return -1;
-  off_t place = system_calls.lseek(descriptor, 0, SEEK_CUR);
-  if (place > INT_MAX) {
+  off_t reached = system_calls.lseek(descriptor, 0, SEEK_CUR);
+  if (reached > INT_MAX) {
     errno = EOVERFLOW;
-    place = -1;
+    reached = -1;
   }
-  if (place < 0) SystemError();
-  return static_cast<int>(place);
+  if (reached < 0) SystemError();
+  return static_cast<int>(reached);
 }
 
 long UNIXFile::Length() {
@@ -248,7 +261,8 @@ bool UNIXFile::Activate(String& text) {
 void UNIXFile::Deactivate() {
   if (descriptor < 0) return;
   // A pipe has no position; it goes on as it is.
-  position = std::max<long>(system_calls.lseek(descriptor, 0, SEEK_CUR), 0);
+  position = place >= 0 ? place : std::max<long>(system_calls.lseek(descriptor, 0, SEEK_CUR), 0);
+  place = -1;
   close(descriptor);
   descriptor = -1;
   locked_ranges.clear();

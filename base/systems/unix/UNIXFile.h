@@ -62,13 +62,18 @@ class UNIXFile : public File {
   bool Reactivate();
   bool SystemError();
   bool Status(struct stat* buffer);
+  void NoteMoved(long count);
   void NoteLocked(long start, long length, bool held);
 
   int descriptor;  // -1 while deactivated
   void* map_address = nullptr;
   size_t map_length = 0;
   int flags;
-  long position = 0;                       // where a deactivated file goes on
+  long position = 0;  // where a deactivated file goes on
+  // Where the system's position is, as long as that is known without asking: in a regular file that
+  // nothing but this object moves in. -1 when it is not.
+  long place = -1;
+  bool moved = false;                      // read, written or sought in since it was opened
   std::vector<LockedRange> locked_ranges;  // sorted, apart from each other
 };
 
