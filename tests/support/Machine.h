@@ -1,22 +1,49 @@
-// A machine with everything around it, for tests of the loop, the stack and the handlers: code is
-// put into the start segment word by word.
+// A machine with everything around it, for tests of the loop, the stack and the handlers. Code
+// comes as program text, which zpasm would assemble, or is put into the start segment word by word.
 
 #ifndef ZEPH_TESTS_SUPPORT_MACHINE_H
 #define ZEPH_TESTS_SUPPORT_MACHINE_H
 
+#include <gtest/gtest.h>
+
 #include <cstring>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "base/Dictionary.h"
+#include "base/ExternalCall.h"
+#include "base/Function.h"
 #include "base/Instructions.h"
 #include "base/LinkBuffer.h"
 #include "base/Segment.h"
+#include "base/UFCrypt.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
 #include "base/ZephVM.h"
 #include "tests/support/RecordingOutput.h"
 #include "tests/support/TestApplication.h"
+
+// The host of the machine: as TestApplication, with the password hash of scripts and a log.
+class MachineApplication : public TestApplication {
+ public:
+  char* Crypt(const char* key, int keylength, const char* salt, int* length, int* size) override {
+    if (!hash) hash = std::make_unique<UFCrypt>();
+    char* result = new char[14];
+    hash->crypt(key, keylength, salt, result);
+    if (length) *length = 13;
+    if (size) *size = 14;
+    return result;
+  }
+  void Log(unsigned type, LogParameter* parameters) override;
+
+  // The records of the log: the type's description and the parameters, with "|" between.
+  std::vector<std::string> log;
+
+ private:
+  std::unique_ptr<UFCrypt> hash;
+};
 
 class Machine {
  public:
@@ -27,16 +54,20 @@ class Machine {
   // The machine is built at first use, so that a test can fill the tables before.
   ZephVM& vm() {
     if (!machine) {
-      machine = std::make_unique<ZephVM>(
-          script_path.data(), -1, &application, &dictionary, &system, &global, &segments, nullptr,
-          nullptr, nullptr, nullptr, nullptr, nullptr, application.heartbeatcounter(),
-          application.timedoutflag(), application.exitflag(), nullptr);
+      machine =
+          std::make_unique<ZephVM>(script_path.data(), -1, &application, &dictionary, &system,
+                                   &global, &segments, &functions, &external_calls, nullptr,
+                                   nullptr, nullptr, nullptr, application.heartbeatcounter(),
+                                   application.timedoutflag(), application.exitflag(), nullptr);
     }
     return *machine;
   }
   ZephVM_Stack& stack() { return *vm().CurrentStack(); }
 
   // --- Code --------------------------------------------------------------------------------------
+  // Assembles program text (docs/zpasm.md) and reads it into the tables, as a request reads a
+  // compiled file. Stands before everything else that fills them.
+  Machine& Assemble(std::string_view source);
   Machine& Op(unsigned short word) {
     end = segments.Start()->Write_Word(end, word);
     return *this;
@@ -63,32 +94,57 @@ class Machine {
   }
   int Global(const char* name) { return global.Insert(name, -1); }
 
+  // Variables by name; null where the table has none.
+  Variable* GlobalVariable(const char* name) { return Find(&global, name); }
+  Variable* SystemVariable(const char* name) { return Find(&system, name); }
+
   int Go() { return vm().Go(); }
   // Deletes the machine, as the end of a request does.
   void Close() { machine.reset(); }
   const std::string& Output() const { return output.text; }
   std::string Value(const char* name) {
-    Variable* variable = nullptr;
-    global.Find(&variable, name, -1, 0);
-    if (!variable) return "(none)";
-    String& text = variable->value();
+    Variable* variable = GlobalVariable(name);
+    return variable ? Text(*variable) : "(none)";
+  }
+  static std::string Text(Variable& variable) {
+    String& text = variable.value();
     return text.data ? std::string(text.data, static_cast<size_t>(text.length)) : "";
   }
-  // The message of the last error without its prefix up to the place.
+  // The last error with its prefix.
   std::string Error() {
     const String& text = vm().error();
     return text.data ? std::string(text.data, static_cast<size_t>(text.length)) : "";
   }
+  // The last error without its prefix up to the place, and without its newline.
+  std::string Failure() {
+    std::string text = Error();
+    size_t place = text.find("]: ");
+    if (place != std::string::npos) text.erase(0, place + 3);
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    return text;
+  }
+  // What lies on the current stack, bottom first and with blanks between: integers as they are,
+  // doubles with a d in front, texts in quotes, chained texts in angle brackets, variables in
+  // parentheses, and the null variable as (null).
+  std::string StackText();
 
   RecordingOutput output;
-  TestApplication application;
+  MachineApplication application;
   Dictionary dictionary;
   SystemVariableHash system{&dictionary, 12, 512};
   VariableHash global{&dictionary, 12, 512};
   SegmentManager segments;
+  FunctionManager functions{&dictionary, 8};
+  ExternalCallManager external_calls{&application};
   int end = 0;
 
  private:
+  static Variable* Find(VariableHash* table, const char* name) {
+    Variable* variable = nullptr;
+    table->Find(&variable, name, -1, 0);
+    return variable;
+  }
+
   std::string script_path;
   std::unique_ptr<ZephVM> machine;
 };
@@ -98,6 +154,29 @@ inline char* OwnedText(const std::string& text) {
   char* copy = new char[text.size() + 1];
   memcpy(copy, text.c_str(), text.size() + 1);
   return copy;
+}
+
+// Program text with what it leaves on the stack, as Machine::StackText writes it.
+struct StackCase {
+  const char* code;
+  const char* stack;
+};
+// Runs each on a machine of its own, to its end and without an error.
+void ExpectStack(const StackCase& expected);
+template <size_t N>
+void ExpectStacks(const StackCase (&cases)[N]) {
+  for (const StackCase& expected : cases) ExpectStack(expected);
+}
+
+// Program text that fails, with the message.
+struct FailureCase {
+  const char* code;
+  const char* message;
+};
+void ExpectFailure(const FailureCase& expected);
+template <size_t N>
+void ExpectFailures(const FailureCase (&cases)[N]) {
+  for (const FailureCase& expected : cases) ExpectFailure(expected);
 }
 
 // Pops the top as text.

@@ -1,0 +1,76 @@
+#include "tests/support/Machine.h"
+
+#include "base/PoppedString.h"
+#include "base/TaggedFile.h"
+#include "tools/Assembler.h"
+#include "tools/MemoryFile.h"
+
+void MachineApplication::Log(unsigned type, LogParameter* parameters) {
+  std::string record = Log_Description(type);
+  for (const LogParameter* p = parameters; p->type != LogParameter::End; p++) {
+    record += '|';
+    if (p->type == LogParameter::Text) {
+      record.append(p->text, p->length < 0 ? strlen(p->text) : static_cast<size_t>(p->length));
+    }
+    if (p->type == LogParameter::Integer) record += std::to_string(p->integer);
+    if (p->type == LogParameter::Double) {
+      std::unique_ptr<char[]> text(dtos(p->number, nullptr, nullptr, -1));
+      record += text.get();
+    }
+    if (p->type == LogParameter::Value) record += '(' + Machine::Text(*p->variable) + ')';
+  }
+  log.push_back(record);
+}
+
+Machine& Machine::Assemble(std::string_view source) {
+  std::string image, errors;
+  if (!AssembleScript(source, "script.zpa", &image, &errors)) {
+    ADD_FAILURE() << errors;
+    return *this;
+  }
+  MemoryFileManager manager;
+  manager.files["script"] = image;
+  TaggedFile file(&manager);
+  File* opened = manager.Open("script", FileMode_Read);
+  if (!file.Open("script", opened)) delete opened;
+  EXPECT_TRUE(dictionary.Read(&file) && system.Read(&file, MakeTag("syst")) &&
+              global.Read(&file, MakeTag("glbl")) && segments.Read(&file) && functions.Read(&file));
+  end = segments.Start()->length();
+  return *this;
+}
+
+std::string Machine::StackText() {
+  std::string all;
+  while (stack().Entries() > 0) {
+    const ZephVM_Stack::Stack_Entry* top = stack().Peek();
+    std::string before, behind;
+    if (top->kind == ZephVM_Stack::KindDouble) before = "d";
+    if (top->kind == ZephVM_Stack::KindString) before = behind = "\"";
+    if (top->kind == ZephVM_Stack::KindLinkBuffer) before = "<", behind = ">";
+    if (top->kind == ZephVM_Stack::KindVariable) {
+      before = "(", behind = ")";
+      if (top->value.variable->type() == VariableNULL) behind = "null)";
+    }
+    PoppedString text(&stack());
+    std::string entry =
+        before + std::string(text.data(), static_cast<size_t>(text.length())) + behind;
+    all = all.empty() ? entry : entry + " " + all;
+  }
+  return all;
+}
+
+void ExpectStack(const StackCase& expected) {
+  SCOPED_TRACE(expected.code);
+  Machine machine;
+  machine.Assemble(expected.code);
+  EXPECT_EQ(machine.Go(), 1) << machine.Error();
+  EXPECT_EQ(machine.StackText(), expected.stack);
+}
+
+void ExpectFailure(const FailureCase& expected) {
+  SCOPED_TRACE(expected.code);
+  Machine machine;
+  machine.Assemble(expected.code);
+  EXPECT_EQ(machine.Go(), 0);
+  EXPECT_EQ(machine.Failure(), expected.message);
+}
