@@ -61,6 +61,12 @@ Variable::~Variable() {
   Changing();
   if (elements) DeleteTree(elements);
   if (suspect) ForgetSuspect();
+  if (name_.allocated == SharedMark) DropSharedName();
+}
+
+void Variable::DeletePlain() {
+  this->Variable::~Variable();
+  Variable::operator delete(this, sizeof(Variable));
 }
 
 namespace {
@@ -105,11 +111,19 @@ Variable* Variable::Clone(ZephApplication* application) {
 // --- Identity and counts -------------------------------------------------------------------------
 
 String& Variable::name() {
+  if (name_.allocated == SharedMark) OwnName();
   return name_;
 }
 
+// Who asks for the name gets a String like any other, to change as well.
+void Variable::OwnName() {
+  SharedName* shared = SharedName::Of(name_.release());
+  name_.assign(shared->text(), shared->length());
+  shared->Release();
+}
+
 void Variable::SetName(const String& name) {
-  if (name.data) name_ = name;
+  if (name.data && &name != &name_) this->name() = name;
 }
 
 Variable* Variable::NextIdentity() {
@@ -210,6 +224,7 @@ void Variable::Make_NULL() {
   primary = PrimaryNone;
   integer_value = 0;
   double_value = 0.0;
+  if (name_.allocated == SharedMark) DropSharedName();
   name_.destroy();
   string_value.destroy();
   error_.destroy();
@@ -625,6 +640,12 @@ void Variable::AppendText(const char* bytes, int count, bool adopted) {
 
 ReferenceVariable::ReferenceVariable(const char* name, int length, Variable* target)
     : Variable(name, length) {
+  standing = Reference;
+  reference = target;
+  if (target) target->IncRefCount();
+}
+
+ReferenceVariable::ReferenceVariable(SharedName* name, Variable* target) : Variable(name) {
   standing = Reference;
   reference = target;
   if (target) target->IncRefCount();

@@ -10,6 +10,7 @@
 #include "base/BaseTemplates.h"
 #include "base/FreeList.h"
 #include "base/Numbers.h"
+#include "base/SharedName.h"
 #include "base/StringClass.h"
 
 class AggregateElement;
@@ -72,6 +73,8 @@ class Variable {
   Variable(const char* name, int length, char* buffer, int valuelength, int allocated);
   Variable(const char* name, int length, int value);
   Variable(const char* name, int length, double value);
+  // Holds the name for its life.
+  explicit Variable(SharedName* name) { ShareName(name); }
   // Copies the name and the value, deep for an aggregate, as SetValue(Variable&) does. A reference
   // gives a copy of what it refers to.
   Variable(const Variable& source);
@@ -258,10 +261,10 @@ class Variable {
     }
   }
   void Release() {
-    if (IsPlain() && refcount_ > 1) {
-      --refcount_;
-    } else {
+    if (!IsPlain()) {
       DecRefCount();
+    } else if (--refcount_ == 0) {
+      DeletePlain();
     }
   }
   // Element(AggregateIndex(position), create)
@@ -289,7 +292,7 @@ class Variable {
   // Whether reads and writes go elsewhere: to a target, or nowhere.
   bool redirected() const { return standing > Watched; }
 
-  String name_;
+  String name_;  // while it is shared the text is a SharedName's, and allocated is SharedMark
   String string_value;
   int integer_value = 0;
   double double_value = 0.0;
@@ -305,10 +308,21 @@ class Variable {
   Variable* reference = nullptr;
 
  private:
+  static constexpr int SharedMark = -1;
+
   friend class DeferredText;
   friend class VariableCycles;
   friend class VariableWalk;
 
+  void ShareName(SharedName* name) {
+    name->Hold();
+    name_.data = name->text();
+    name_.length = name->length();
+    name_.allocated = SharedMark;
+  }
+  void DropSharedName() { SharedName::Of(name_.release())->Release(); }
+  void OwnName();
+  void DeletePlain();
   bool IsOfThisClass() const {
     return *reinterpret_cast<const void* const*>(this) == VariableOperations + 2;
   }
@@ -347,6 +361,7 @@ class ReferenceVariable : public Variable {
  public:
   // Takes a count on the target; null makes a reference that reads as NULL and ignores writes.
   ReferenceVariable(const char* name, int length, Variable* target);
+  ReferenceVariable(SharedName* name, Variable* target);
   // Refers to the element of the target that the path names, which is made if it is not there.
   ReferenceVariable(const String& name, Variable* target, List<AggregateIndex>* path);
 };

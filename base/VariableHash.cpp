@@ -12,6 +12,7 @@
 #include "base/Aggregate.h"
 #include "base/Dictionary.h"
 #include "base/LittleEndian.h"
+#include "base/SharedName.h"
 #include "base/StoredNameTable.h"
 #include "base/TaggedFile.h"
 #include "base/Variable.h"
@@ -43,8 +44,19 @@ struct VariableHash::SharedIndex {
   SharedIndex(int bits, int capacity) : names(bits, capacity) {}
   explicit SharedIndex(const StoredNameTable& source) : names(source) {}
 
+  ~SharedIndex() {
+    for (int i = 0; i < names_shared; i++) {
+      if (shared_names[i]) shared_names[i]->Release();
+    }
+  }
+  SharedIndex(const SharedIndex&) = delete;
+  SharedIndex& operator=(const SharedIndex&) = delete;
+
   int holders = 1;
   StoredNameTable names;
+  // By entry, made at need for the variables of twins.
+  std::unique_ptr<SharedName*[]> shared_names;
+  int names_shared = 0;
 };
 
 // --- Construction --------------------------------------------------------------------------------
@@ -57,22 +69,35 @@ VariableHash::VariableHash(Dictionary* names, int hash_bits, int entry_capacity)
       capacity(entry_capacity < 1 ? 1 : entry_capacity),
       dictionary(names) {}
 
-VariableHash::VariableHash(VariableHash& source) : VariableHash(source.dictionary, source) {}
+// A call makes its locals this way: no name is hashed, and as a rule nothing comes from the heap.
+VariableHash::VariableHash(VariableHash& source)
+    : bits(source.bits),
+      bucket_count(source.bucket_count),
+      capacity(source.capacity),
+      dictionary(source.dictionary) {
+  if (source.entry_count == 0) return;
+  CopyNames(source);
+  index = source.index;
+  ++index->holders;
+}
 
-// A call makes its locals this way: one allocation, and no name is hashed.
+// Another dictionary means another task, maybe on another thread, so nothing is shared.
 VariableHash::VariableHash(Dictionary* names, VariableHash& source)
     : bits(source.bits),
       bucket_count(source.bucket_count),
       capacity(source.capacity),
       dictionary(names) {
   if (source.entry_count == 0) return;
-  entries = new _VH_Entry[static_cast<size_t>(source.entry_count)];
-  allocated_entries = entry_count = source.entry_count;
+  CopyNames(source);
+  index = new SharedIndex(source.index->names);
+}
+
+void VariableHash::CopyNames(const VariableHash& source) {
+  TakeEntries(source.entry_count);
+  entry_count = source.entry_count;
   for (int i = 0; i < entry_count; i++) {
     entries[i] = {source.entries[i].name_index, 0, nullptr};
   }
-  index = source.index;
-  ++index->holders;
 }
 
 VariableHash::VariableHash(ZephApplication* application, Dictionary* names, VariableHash& source)
@@ -99,11 +124,45 @@ VariableHash::~VariableHash() {
 
 void VariableHash::ReleaseEntries() {
   for (int i = 0; i < entry_count; i++) {
-    if (entries[i].variable) entries[i].variable->DecRefCount();
+    if (entries[i].variable) entries[i].variable->Release();
   }
-  delete[] entries;
+  FreeEntries(entries, allocated_entries);
   entries = nullptr;
   allocated_entries = entry_count = 0;
+}
+
+namespace {
+// Rows of the two sizes that calls are served with from lists of the thread.
+constexpr int FewRows = 8;
+constexpr int SomeRows = 32;
+using FewRowsList = FreeList<FewRows * sizeof(_VH_Entry)>;
+using SomeRowsList = FreeList<SomeRows * sizeof(_VH_Entry)>;
+}  // namespace
+
+// Memory for at least so many rows, nothing in them.
+void VariableHash::TakeEntries(int count) {
+  if (count <= FewRows) {
+    allocated_entries = FewRows;
+    entries = static_cast<_VH_Entry*>(FewRowsList::Allocate());
+  } else if (count <= SomeRows) {
+    allocated_entries = SomeRows;
+    entries = static_cast<_VH_Entry*>(SomeRowsList::Allocate());
+  } else {
+    allocated_entries = count;
+    entries =
+        static_cast<_VH_Entry*>(::operator new(sizeof(_VH_Entry) * static_cast<size_t>(count)));
+  }
+}
+
+void VariableHash::FreeEntries(_VH_Entry* rows, int allocated) {
+  if (!rows) return;
+  if (allocated == FewRows) {
+    FewRowsList::Free(rows);
+  } else if (allocated == SomeRows) {
+    SomeRowsList::Free(rows);
+  } else {
+    ::operator delete(rows);
+  }
 }
 
 void VariableHash::ReleaseIndex() {
@@ -156,11 +215,11 @@ void VariableHash::MakeRoom() {
   if (entry_count < allocated_entries) return;
   int larger = allocated_entries < 32 ? 64 : allocated_entries * 2;
   if (larger > capacity) larger = capacity;
-  auto* moved = new _VH_Entry[static_cast<size_t>(larger)];
-  if (entry_count > 0) memcpy(moved, entries, sizeof(_VH_Entry) * static_cast<size_t>(entry_count));
-  delete[] entries;
-  entries = moved;
-  allocated_entries = larger;
+  _VH_Entry* old = entries;
+  const int old_allocated = allocated_entries;
+  TakeEntries(larger);
+  if (entry_count > 0) memcpy(entries, old, sizeof(_VH_Entry) * static_cast<size_t>(entry_count));
+  FreeEntries(old, old_allocated);
 }
 
 void VariableHash::OwnIndex() {
@@ -229,10 +288,32 @@ void VariableHash::Error(const String& text) {
 
 // --- Variables -----------------------------------------------------------------------------------
 
+SharedName* VariableHash::NameForTwins(int position) {
+  if (index->holders < 2) return nullptr;
+  if (position >= index->names_shared) {
+    const int count = index->names.count();
+    auto names = std::make_unique<SharedName*[]>(static_cast<size_t>(count));
+    for (int i = 0; i < index->names_shared; i++) names[i] = index->shared_names[i];
+    index->shared_names = std::move(names);
+    index->names_shared = count;
+  }
+  SharedName*& name = index->shared_names[position];
+  if (!name) {
+    int length = 0;
+    const char* text = EntryName(position, &length);
+    name = SharedName::Make(text, length);
+  }
+  return name;
+}
+
 Variable* VariableHash::MakeVariable(_VH_Entry* entry) {
-  int length = 0;
-  const char* name = dictionary->Entry(entry->name_index, &length);
-  entry->variable = new Variable(name, length);
+  if (SharedName* shared = NameForTwins(static_cast<int>(entry - entries))) {
+    entry->variable = new Variable(shared);
+  } else {
+    int length = 0;
+    const char* name = dictionary->Entry(entry->name_index, &length);
+    entry->variable = new Variable(name, length);
+  }
   entry->version = Version();
   return entry->variable;
 }
@@ -278,9 +359,13 @@ void VariableHash::SetVariable_Reference(int position, Variable* variable) {
   if (static_cast<unsigned>(position) >= static_cast<unsigned>(entry_count)) return;
   Variable* old = entries[position].variable;
   if (!variable || old == variable) return;
-  int length;
-  const char* name = EntryName(position, &length);
-  entries[position].variable = new ReferenceVariable(name, length, variable);
+  if (SharedName* shared = NameForTwins(position)) {
+    entries[position].variable = new ReferenceVariable(shared, variable);
+  } else {
+    int length;
+    const char* name = EntryName(position, &length);
+    entries[position].variable = new ReferenceVariable(name, length, variable);
+  }
   entries[position].version = Version();
   if (old) old->DecRefCount();
 }
@@ -430,8 +515,8 @@ bool VariableHash::Read(TaggedFile* file) {
   if (head.count == 0) return true;
   auto made = std::make_unique<SharedIndex>(bits, capacity);
   made->names.Read(head, bytes, bytes + links + 4, EntrySize);
-  entries = new _VH_Entry[static_cast<size_t>(head.count)];
-  allocated_entries = entry_count = head.count;
+  TakeEntries(head.count);
+  entry_count = head.count;
   bytes += links;
   for (int i = 0; i < entry_count; i++, bytes += EntrySize) {
     entries[i] = {LittleEndian::GetInt32(bytes), 0, nullptr};

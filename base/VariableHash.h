@@ -6,9 +6,11 @@
 #define ZEPH_BASE_VARIABLEHASH_H
 
 #include "base/BaseTemplates.h"
+#include "base/FreeList.h"
 #include "base/StringClass.h"
 
 class Dictionary;
+class SharedName;
 class TaggedFile;
 class Variable;
 class VariableList;
@@ -43,6 +45,8 @@ enum VariableScope : int {
 // have yet. The order of fields and virtual operations is stated and stays.
 class VariableHash {
  public:
+  ZEPH_FREE_LIST_OPERATORS(VariableHash)
+
   // The dictionary is borrowed and outlives the table. There are 2^bits buckets; bits from 0 to 16.
   // Main tables take 12 and 512, small ones 8 and 64.
   VariableHash(Dictionary* dictionary, int bits, int capacity);
@@ -141,6 +145,8 @@ class VariableHash {
   int Locate(const char* name, int length);
   // Name of an entry, borrowed from the dictionary.
   const char* EntryName(int index, int* length);
+  // The name of an entry for the variables of all twins; null where nothing shares it.
+  SharedName* NameForTwins(int position);
   // Makes the variable of an entry that has none.
   Variable* MakeVariable(_VH_Entry* entry);
   // Gives each entry a Clone of the variable at the same position of the source.
@@ -167,6 +173,9 @@ class VariableHash {
   String error_;
 
  private:
+  void CopyNames(const VariableHash& source);
+  void TakeEntries(int count);
+  static void FreeEntries(_VH_Entry* entries, int allocated);
   void MakeRoom();
   void OwnIndex();
   void ReleaseIndex();

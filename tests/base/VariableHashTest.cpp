@@ -303,6 +303,74 @@ TEST_F(VariableHashTest, NamesAddedToATwinStayThere) {
   EXPECT_EQ(Seek(*second, "a"), 0);
 }
 
+TEST_F(VariableHashTest, AVariableOfATwinKeepsItsNameBeyondTablesAndDictionary) {
+  auto names = std::make_unique<Dictionary>();
+  auto original = std::make_unique<VariableHash>(names.get(), 8, 64);
+  original->Insert("Count", 5);
+  original->Insert("", 0);
+  auto twin = std::make_unique<VariableHash>(*original);
+  auto second = std::make_unique<VariableHash>(*original);
+  const VariableRef target(Named("t", "x"));
+  const VariableRef count = VariableRef::Share(twin->Index(0, 1));
+  const VariableRef unnamed = VariableRef::Share(twin->Index(1, 1));
+  second->SetVariable_Reference(0, target.get());
+  const VariableRef reference = VariableRef::Share(second->Index(0, 0));
+  const VariableRef copy(new Variable(*count));
+  twin.reset();
+  second.reset();
+  original.reset();
+  names.reset();
+  EXPECT_EQ(Text(copy->name()), "Count");
+  EXPECT_EQ(Text(count->name()), "Count");
+  EXPECT_STREQ(count->name().data, "Count");
+  EXPECT_EQ(count->name().allocated, 24);
+  EXPECT_EQ(Text(reference->name()), "Count");
+  EXPECT_EQ(reference->type(), VariableReference);
+  EXPECT_NE(unnamed->name().data, nullptr);
+  EXPECT_EQ(unnamed->name().length, 0);
+}
+
+TEST_F(VariableHashTest, TheNameOfOneTwinsVariableChangesAlone) {
+  table.Insert("a", 1);
+  VariableHash first(table);
+  VariableHash second(table);
+  Variable* a = first.Index(0, 1);
+  Variable* other = second.Index(0, 1);
+  a->SetName(String("renamed"));
+  EXPECT_EQ(Text(a->name()), "renamed");
+  EXPECT_EQ(Text(other->name()), "a");
+  other->name().assign("z", 1);
+  EXPECT_EQ(Text(VariableHash(table).Index(0, 1)->name()), "a");
+  a->Make_NULL();
+  EXPECT_EQ(a->name().data, nullptr);
+  Variable* again = VariableHash(table).Index(0, 0);
+  EXPECT_EQ(again, nullptr);
+}
+
+TEST_F(VariableHashTest, TwinsOfAnySizeAreAloneWithTheirVariables) {
+  for (const int names : {1, 7, 8, 9, 31, 32, 33, 64, 65, 200}) {
+    SCOPED_TRACE(names);
+    VariableHash original(&dictionary, 8, 64);
+    for (int i = 0; i < names; i++) original.Insert(("n" + std::to_string(i)).c_str(), -1);
+    VariableHash twin(original);
+    for (int i = 0; i < names; i++) twin.At(i, 1)->SetValue_Integer(i);
+    for (int i = names; i < names + 40; i++) {
+      const string name = "n" + std::to_string(i);
+      Set(twin, name, std::to_string(i));
+    }
+    EXPECT_EQ(original.Entries(), names);
+    EXPECT_EQ(twin.Entries(), names + 40);
+    for (int i = 0; i < names + 40; i++) {
+      const string number = std::to_string(i);
+      ASSERT_EQ(Text(twin.At(i, 0)->value()), number);
+      ASSERT_EQ(Text(twin.At(i, 0)->name()), "n" + number);
+    }
+    EXPECT_EQ(original.At(0, 0), nullptr);
+    EXPECT_EQ(twin.At(names + 40, 1), nullptr);
+    EXPECT_EQ(twin.At(-1, 1), nullptr);
+  }
+}
+
 TEST_F(VariableHashTest, ATwinOutlivesItsSource) {
   auto source = std::make_unique<VariableHash>(&dictionary, 8, 64);
   Set(*source, "a", "1");
