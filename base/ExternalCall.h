@@ -6,45 +6,13 @@
 #define ZEPH_BASE_EXTERNALCALL_H
 
 #include "base/BaseTemplates.h"
+#include "base/FunctionLibrary.h"
 #include "base/StringClass.h"
 
 #include <memory>
 
 class ExternalLibrary;
-class Variable;
-class VariableHash;
 class ZephApplication;
-class ZephVM;
-
-// Flags of a parameter.
-enum _ZP_EL_ParameterFlags : int { _ZP_EL_ByReference = 1 };
-
-// A parameter of a library's function. 16 bytes, in the library's memory and read there.
-struct _ZP_EL_Parameter {
-  const char* name;
-  int namelength;
-  int flags;
-};
-
-// A library's function: one row of its table, which ends with a row whose name is null.
-//
-// The function finds its arguments in parameters and leaves what it gives back in result. state is
-// a word of its own, null at first, kept from call to call within a request. If it is not null when
-// the request ends, the function is called once more, with the other three arguments null, to free
-// it. It reports failures itself.
-struct _ZP_EL_Function {
-  const char* name;
-  int namelength;
-  int parametercount;
-  _ZP_EL_Parameter* parameters;
-  void (*function)(ZephVM* vm, VariableHash* parameters, Variable* result, void** state);
-};
-
-// What a library's export zeph_function_table answers. The first word is the library's own.
-struct _ZP_EL_FunctionTable {
-  int version;
-  _ZP_EL_Function* functions;
-};
 
 // A function that a request has called, with the state and result that go with it.
 class ExternalCall {

@@ -141,6 +141,8 @@ class ZephVM {
   ZephVM_Stack* CurrentStack() { return stack; }
   VariableHash* SystemVariables() { return system_variables; }
   VariableHash* GlobalVariables() { return global_variables; }
+  // The builtin libraries of the run; null where the host has none.
+  ExternalCallManager* ExternalCalls() { return external_calls; }
   const String& ScriptPath() const { return script_path; }
   // The path up to and including its last separator; empty without one.
   const String& ScriptDirectory() const { return script_directory; }

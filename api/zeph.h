@@ -1,0 +1,16 @@
+/* All that an extension library includes: what it exports, and the functions that the engine has
+   for it. Plain C; docs/extensions.md tells how to write one. */
+
+#ifndef ZEPH_API_ZEPH_H
+#define ZEPH_API_ZEPH_H
+
+#include <stddef.h>
+
+#include "api/zpConfig.h"
+#include "api/zpLinkBuffer.h"
+#include "api/zpProgram.h"
+#include "api/zpVariable.h"
+#include "base/ConfigLibrary.h"
+#include "base/FunctionLibrary.h"
+
+#endif

@@ -1,0 +1,30 @@
+/* What extension libraries know the engine's objects by: pointers that only the engine looks into.
+   Plain C. */
+
+#ifndef ZEPH_BASE_EXTENSIONHANDLES_H
+#define ZEPH_BASE_EXTENSIONHANDLES_H
+
+#ifdef __cplusplus
+class LinkBuffer;
+class SystemLibrary;
+class Variable;
+class VariableHash;
+class VariableList;
+class ZephVM;
+#else
+typedef struct LinkBuffer LinkBuffer;
+typedef struct SystemLibrary SystemLibrary;
+typedef struct Variable Variable;
+typedef struct VariableHash VariableHash;
+typedef struct VariableList VariableList;
+typedef struct ZephVM ZephVM;
+#endif
+
+typedef Variable* ZPVARIABLE;           /* a value of a script */
+typedef VariableList* ZPVARIABLELIST;   /* values in an order */
+typedef VariableHash* ZPVARIABLEHASH;   /* values by name and by position */
+typedef ZephVM* ZPPROGRAM;              /* the running script */
+typedef LinkBuffer* ZPLINKBUFFER;       /* a text that grows */
+typedef SystemLibrary* ZPSYSTEMLIBRARY; /* a shared library that the configuration names */
+
+#endif
