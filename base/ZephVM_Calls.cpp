@@ -297,10 +297,10 @@ class ZephVM::NestedRun {
   NestedRun& operator=(const NestedRun&) = delete;
 
   // Enters the frame. Variables and stack are borrowed; without a stack it gets a new one.
-  void Enter(VariableHash* variables, ZephVM_Stack* stack) {
+  void Enter(VariableHash* variables, ZephVM_Stack* entries) {
     auto base = std::make_unique<ZephVM_Frame>(wanted_segment, program_counter);
     base->Set_LocalVariable_Hash(variables, false);
-    base->Set_Stack(stack ? stack : new ZephVM_Stack(vm), !stack);
+    base->Set_Stack(entries ? entries : new ZephVM_Stack(vm), !entries);
     vm->EnterFrame(base.release());
   }
 
