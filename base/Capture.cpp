@@ -30,8 +30,13 @@ void Capture::End() {
   Restore();
 }
 
+bool Capture::covered() const {
+  return previous && application->output() != output;
+}
+
 void Capture::Restore() {
   // A capture that was taken off the machine's stack under an inner one may no longer be in front.
-  if (previous && application->output() == output) application->SetOutput(previous);
+  if (!previous || covered()) return;
+  application->SetOutput(previous);
   previous = nullptr;
 }

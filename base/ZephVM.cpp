@@ -106,8 +106,10 @@ ZephVM::~ZephVM() {
     frame = previous;
   }
   null_variable->DecRefCount();
-  // A feature leaves the stack before it is deleted: its end may look at the stack.
-  while (features.Top()) delete features.Pop();
+  // A feature leaves the stack before it is deleted: its end may look at the stack. They go from the
+  // newest to the oldest, those that were dropped included: the outputs of captures lead on to older
+  // ones.
+  while (features.Top()) Drop(features.Pop());
   while (dropped_features.First()) delete dropped_features.Remove(ListHead);
   if (parent) parent->children--;
 }
@@ -347,7 +349,11 @@ void ZephVM::Pop_Feature(Feature* wanted) {
     if (top == wanted) break;
     Drop(top);
   }
-  delete wanted;
+  if (wanted->type() == Feature::Type_Capture && static_cast<Capture*>(wanted)->covered()) {
+    Drop(wanted);
+  } else {
+    delete wanted;
+  }
 }
 
 // Keeps a feature until the machine ends; the list has the newest at its head.

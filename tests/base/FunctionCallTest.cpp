@@ -455,6 +455,33 @@ TEST(FunctionCall, ACaptureLeftOpenByAFunctionEndsWithIt) {
   }
 }
 
+TEST(FunctionCall, TwoCapturesLeftOpenByAFunction) {
+  Machine machine;
+  machine.Assemble(Script("call f\npop\npushc \"b\"\nout\npop",
+                          ".function f()\npushg x\ncapture\npushg y\ncapture\npushc \"a\"\nout\n"
+                          "retn"));
+  EXPECT_EQ(machine.Go(), 0);
+  // The error goes past all captures.
+  EXPECT_NE(machine.Output().find("Stack underflow"), std::string::npos);
+  EXPECT_EQ(machine.vm().Lookup_Feature(Feature::Type_Capture), nullptr);
+  machine.Close();
+  EXPECT_EQ(machine.application.output(), &machine.output);
+}
+
+// What is in front of the lower captures outlives them.
+TEST(FunctionCall, CapturesUnderOnesThatWereLeftOpen) {
+  Machine machine;
+  machine.Assemble(
+      Script("pushg w\ncapture\npushc \"a\"\nout\ncall f\npop\ncall f\npop\n"
+             "pushc \"lost\"\nout\ncapture_end\npushc \"lost\"\nout\npop",
+             ".function f()\npushg x\ncapture\npushg y\ncapture\nretn"));
+  EXPECT_EQ(machine.Go(), 0);
+  EXPECT_EQ(machine.Value("w"), "a");
+  EXPECT_EQ(machine.Output().substr(0, 11), "Fatal error");
+  machine.Close();
+  EXPECT_EQ(machine.application.output(), &machine.output);
+}
+
 TEST(FunctionCall, ACaptureOfTheCallerGoesOnInTheFunction) {
   Machine machine;
   machine.Assemble(
