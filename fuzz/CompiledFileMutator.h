@@ -41,7 +41,7 @@ class CompiledFileMutator {
     return file.size();
   }
 
- private:
+  // The sections of a file whose directory is in order; false for any other.
   static bool Parse(const std::string& file,
                     std::vector<CompiledFileBytes::SectionBytes>* sections) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(file.data());
@@ -59,6 +59,7 @@ class CompiledFileMutator {
     return true;
   }
 
+ private:
   // Writes a number that readers may stumble over, in 1, 2 or 4 bytes.
   static void ChangeNumber(std::string* bytes, std::minstd_rand& random) {
     static const uint32_t numbers[] = {

@@ -16,7 +16,7 @@
 struct LoadedScript {
   TaggedFile file;
   Dictionary dictionary;
-  VariableHash system;
+  SystemVariableHash system;
   VariableHash globals;
   LocalizedLanguages languages;
   LocalizedDictionary pieces;

@@ -1,0 +1,225 @@
+// Scripts that are loaded and run, by a machine with all its tables. Whatever a script does, it
+// ends soon when it is told to, and leaves nothing behind.
+
+#include <malloc.h>
+
+#include <atomic>
+#include <cmath>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+#include <thread>
+
+#include "base/BufferedOutput.h"
+#include "base/Config.h"
+#include "base/ExternalCall.h"
+#include "base/UFCrypt.h"
+#include "base/Variable.h"
+#include "base/ZephVM.h"
+#include "fuzz/ScriptMutator.h"
+#include "fuzz/ScriptRunSeeds.h"
+#include "tests/support/FaultyFile.h"
+#include "tests/support/LoadedScript.h"
+#include "tests/support/TestApplication.h"
+#include "tools/Assembler.h"
+
+// --- Memory --------------------------------------------------------------------------------------
+
+// A script may ask for any amount of memory. It gets this much, and std::bad_alloc for what is
+// beyond it, which is no finding.
+static constexpr long memory_limit = 600L << 20;
+static std::atomic<long> memory_used{0};
+
+static void* Take(size_t size) {
+  void* memory = size > static_cast<size_t>(memory_limit) ? nullptr : malloc(size);
+  if (!memory) throw std::bad_alloc();
+  long taken = static_cast<long>(malloc_usable_size(memory));
+  if (memory_used.fetch_add(taken) + taken > memory_limit) {
+    memory_used -= taken;
+    free(memory);
+    throw std::bad_alloc();
+  }
+  return memory;
+}
+static void Give(void* memory) {
+  if (memory) memory_used -= static_cast<long>(malloc_usable_size(memory));
+  free(memory);
+}
+
+void* operator new(size_t size) {
+  return Take(size);
+}
+void* operator new[](size_t size) {
+  return Take(size);
+}
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return malloc(size);
+}
+void* operator new[](size_t size, const std::nothrow_t&) noexcept {
+  return malloc(size);
+}
+void operator delete(void* memory) noexcept {
+  Give(memory);
+}
+void operator delete[](void* memory) noexcept {
+  Give(memory);
+}
+void operator delete(void* memory, size_t) noexcept {
+  Give(memory);
+}
+void operator delete[](void* memory, size_t) noexcept {
+  Give(memory);
+}
+
+namespace {
+
+// --- Time ----------------------------------------------------------------------------------------
+
+// Ends a run that takes long, as the heartbeat of a host does.
+class Watchdog {
+ public:
+  Watchdog() : thread([this] { Watch(); }) { thread.detach(); }
+
+  void Begin(int* heartbeat, int* timed_out) {
+    std::lock_guard<std::mutex> guard(mutex);
+    beat = heartbeat;
+    flag = timed_out;
+    changed.notify_one();
+  }
+  void End() {
+    std::lock_guard<std::mutex> guard(mutex);
+    beat = flag = nullptr;
+    changed.notify_one();
+  }
+
+ private:
+  void Watch() {
+    std::unique_lock<std::mutex> lock(mutex);
+    for (;;) {
+      changed.wait(lock, [this] { return flag != nullptr; });
+      int* watched = flag;
+      for (int beats = 0; beats < 3 && flag == watched; beats++) {
+        if (changed.wait_for(lock, std::chrono::milliseconds(4)) == std::cv_status::timeout && beat)
+          std::atomic_ref<int>(*beat).fetch_add(1, std::memory_order_relaxed);
+      }
+      if (flag && flag == watched) {
+        std::atomic_ref<int>(*flag).store(1, std::memory_order_relaxed);
+        flag = nullptr;
+      }
+    }
+  }
+
+  std::mutex mutex;
+  std::condition_variable changed;
+  int* beat = nullptr;
+  int* flag = nullptr;
+  std::thread thread;
+};
+
+// --- A run ---------------------------------------------------------------------------------------
+
+class Application : public TestApplication {
+ public:
+  char* Crypt(const char* key, int keylength, const char* salt, int* length, int* size) override {
+    if (!hash) hash = std::make_unique<UFCrypt>();
+    char* result = new char[14];
+    hash->crypt(key, keylength, salt, result);
+    *length = 13;
+    *size = 14;
+    return result;
+  }
+
+ private:
+  std::unique_ptr<UFCrypt> hash;
+};
+
+// What native code does with a script beside running it.
+void UseNatively(LoadedScript* script, ZephVM* vm) {
+  for (int i = 0; i < script->functions.Functions() && i < 8; i++) {
+    Function* function = script->functions.Lookup(i);
+    VariableList arguments;
+    for (int p = 0; p < function->parameters().Entries() && p < 8; p++) {
+      arguments.Insert(new Variable("argument", -1, p), ListTail, 0);
+    }
+    Variable result;
+    if (function->name().data) {
+      vm->RunFunction(function->name().data, function->name().length, &arguments, &result);
+    }
+  }
+  for (int id = 0; id < script->dictionary.Entries() && id < 16; id++) {
+    int length;
+    const char* text = script->dictionary.Entry(id, &length);
+    if (!text) continue;
+    VariableList list;
+    vm->Lookup_VariableList(&list, text, length);
+    for (Variable* variable = list.First(); variable; variable = list.Next()) {
+      vm->HideVar("v", variable);
+    }
+  }
+}
+
+void Run(const std::string& file, Watchdog* watchdog) {
+  FaultyFileManager manager;
+  manager.files["s"] = file;
+  Application application;
+  NullOutput output(nullptr);
+  application.SetOutput(&output);
+  // A byte of the stamp decides whether the run is logged.
+  if (file.size() > 8 && file[8]) application.config()->SetValue_Integer(Config_log_level, -1);
+  LoadedScript script(&application, &manager);
+  File* opened = manager.Open("s", FileMode_Read);
+  const char* failed = nullptr;
+  if (!script.Load("s", opened, &failed)) {
+    if (failed == std::string("open")) delete opened;
+    return;
+  }
+  script.file.Deactivate();
+  script.system.SetVariable(new Variable("subject", -1, "a subject", -1));
+  script.system.SetVariable(new ImmutableVariable("fixed", -1, "a fixed text", -1));
+  ExternalCallManager external(&application);
+  watchdog->Begin(application.heartbeatcounter(), application.timedoutflag());
+  {
+    ZephVM vm("dir/script.zpc", -1, &application, &script.dictionary, &script.system,
+              &script.globals, &script.segments, &script.functions, &external, nullptr, nullptr,
+              &script.languages, &script.pieces, application.heartbeatcounter(),
+              application.timedoutflag(), application.exitflag(), nullptr);
+    vm.Go();
+    if (!vm.stopped() && !*application.exitflag()) UseNatively(&script, &vm);
+  }
+  watchdog->End();
+  // Captures that were left open have given the output back.
+  if (application.output() != &output) abort();
+}
+
+std::vector<std::string> Seeds() {
+  std::vector<std::string> files;
+  for (const char* source : script_run_seeds) {
+    std::string image, errors;
+    if (!AssembleScript(source, "seed", &image, &errors)) {
+      fprintf(stderr, "%s", errors.c_str());
+      abort();
+    }
+    files.push_back(image);
+  }
+  return files;
+}
+
+}  // namespace
+
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max_size,
+                                          unsigned seed) {
+  static ScriptMutator* const mutator = new ScriptMutator(Seeds());
+  return mutator->Mutate(data, size, max_size, seed);
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static Watchdog* const watchdog = new Watchdog;
+  try {
+    Run(std::string(reinterpret_cast<const char*>(data), size), watchdog);
+  } catch (const std::bad_alloc&) {
+    watchdog->End();
+  }
+  Variable::FreeCycles();
+  return 0;
+}

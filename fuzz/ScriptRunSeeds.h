@@ -1,0 +1,396 @@
+// Small scripts that use every instruction of the machine, to begin with.
+
+#ifndef ZEPH_FUZZ_SCRIPTRUNSEEDS_H
+#define ZEPH_FUZZ_SCRIPTRUNSEEDS_H
+
+inline const char* const script_run_seeds[] = {
+    // Arithmetic, rounding, bits.
+    R"(
+      pushi 7
+      pushf 0.5
+      add
+      pushi 3
+      sub
+      pushi 4
+      mul
+      pushi 2
+      div
+      popg x
+      pushg x
+      pushi 5
+      mod
+      pushi 2
+      pow
+      out
+      pushf 2.355
+      pushi 2
+      rounds
+      pushf -0.0006
+      pushi 3
+      roundf
+      cat
+      out
+      pushi 12
+      pushi 10
+      bitand
+      pushi 1
+      bitor
+      pushi 255
+      bitxor
+      bitoc
+      pushi 33
+      bitsl
+      pushi 2
+      bitsr
+      out
+      pushc "secret"
+      pushc "ab"
+      crypt
+      out
+    )",
+    // Comparison, logic, searches.
+    R"(
+      pushc "abc"
+      pushc "abd"
+      cmp
+      pushi 0
+      lt
+      pushc "10"
+      pushi 9
+      gt
+      and
+      pushf 1
+      pushi 1
+      eq
+      pushi 1
+      pushi 2
+      ne
+      or
+      and
+      not
+      pushg nothing
+      isnull
+      ge
+      out
+      pushi 1
+      pushi 2
+      le
+      out
+      pushc "needle"
+      pushc "a haystack with a Needle and a needle"
+      popg hay
+      pushg hay
+      in
+      pushc "NEEDLE"
+      pushg hay
+      cin
+      pushc "le"
+      pushg hay
+      ein
+      pushc "LE"
+      pushg hay
+      ecin
+      cat
+      cat
+      cat
+      out
+    )",
+    // Loops, fused instructions, jumps.
+    R"(
+      storegi i, 0
+      storegi two, 2
+      jmp test
+      again: pushg i
+      out
+      modgg i, two
+      jmp_ne test
+      incg n, 3
+      cmpgg n, i
+      jmp_lt over
+      jmp_gt over
+      jmp_eq over
+      over: incg i, 1
+      test: cmpgi i, 10
+      jmp_le again
+      pushg n
+      jmp_ge end
+      noop
+      end: exit
+    )",
+    // Variables by name and position.
+    R"(
+      pushi 5
+      popg x
+      pushc "x"
+      pushn
+      out
+      pushnc "g.x"
+      pushc "y"
+      popn
+      pushi 7
+      popnc "a[2]:b"
+      pushnc "a"
+      out
+      pushs subject
+      out
+      pushc "new"
+      pops subject
+      pushs fixed
+      pushs unknown
+      cat
+      out
+      spush
+      pushg x
+      poprnc "s.subject"
+      spop
+      pushl x
+      popl y
+      pushc "db"
+      pushc "field"
+      pushd
+      out
+      pushdc "db", "field"
+      out
+      pushi 1
+      pushc "db"
+      pushc "field"
+      popd
+      pushi 1
+      popdc "", "field"
+    )",
+    // Arrays, structures, references, circles.
+    R"(
+      pushi 1
+      pushg a
+      pushi 1
+      elem
+      store
+      pushc "two"
+      pushg a
+      pushi 2
+      elem
+      store
+      pushg a
+      pushi 2
+      elem_readonly
+      out
+      pushg s
+      pushc "name"
+      memb
+      pushc "value"
+      swap
+      store
+      pushg s
+      pushc "NAME"
+      memb_readonly
+      out
+      pushg a
+      pushg b
+      refer
+      pushg a
+      pushc "c"
+      poprn
+      pushg s
+      poprg d
+      pushg s
+      poprl e
+      pushg a
+      pushg a
+      pushi 3
+      elem
+      refer
+      pushg a
+      out
+      pushg a
+      popg copy
+      pushg s
+      pushc "list"
+      memb
+      pushi 4
+      elem
+      pushc "deep"
+      memb
+      pushg a
+      swap
+      store
+      pushc "a,s,l.copy"
+      hide
+      pushi 0
+      popg a
+    )",
+    // Functions, by value and by reference, recursive.
+    R"(
+      pushi 9
+      call fib
+      out
+      pushi 1
+      popg v
+      pushg v
+      pushi 2
+      call change
+      pop
+      pushg v
+      out
+      pushi 3
+      pushg list
+      pushi 1
+      elem
+      store
+      pushg list
+      call total
+      out
+      .segment 1
+      .function fib(n)
+      pushl n
+      pushi 2
+      lt
+      jmp_eq more
+      pushl n
+      ret
+      more: pushl n
+      pushi 1
+      sub
+      call fib
+      pushl n
+      pushi 2
+      sub
+      call fib
+      add
+      ret
+      .segment 2
+      .function change(v var, by) erroron inherit
+      pushl v
+      pushl by
+      add
+      popl v
+      pushg refrain
+      capture
+      pushl v
+      out
+      retn
+      .segment 3
+      .function total(list) compress
+      pushl list
+      pushi 1
+      elem
+      popl item
+      pushnc "l.list[1]"
+      pushl item
+      add
+      ret
+    )",
+    // Output, captures, errors that let the script go on.
+    R"(
+      sourcefile "page.zpa"
+      lineno 1
+      stdoutput 2
+      tagerror 62, 1
+      erroutput 7
+      pushc "  much   room  "
+      out_comp
+      pushg x
+      capture
+      pushc "inside"
+      out
+      pushg y
+      capture
+      pushg x
+      out
+      pushi 0
+      pushg x
+      swap
+      elem
+      capture_end
+      pushc "after"
+      out
+      capture_end
+      pushg x
+      pushg y
+      cat
+      dup
+      cat
+      out
+      pushc "Oops: "
+      op_errmsg
+      lineno 2
+      pushg x
+      pushi 0
+      elem
+      out
+      pushi 1
+      pushi 2
+      pushi 3
+      swapn 0, 2
+      swap
+      out
+      out
+      out
+    )",
+    // Calls that leave captures open, texts that grow, and an external function.
+    R"(
+      pushc ""
+      popg s
+      storegi i, 0
+      again: pushg s
+      pushc "line "
+      cat
+      pushg i
+      cat
+      popg s
+      incg i, 1
+      cmpgi i, 20
+      jmp_lt again
+      pushg s
+      call open
+      pop
+      call open
+      out
+      pushg s
+      out
+      pushg s
+      call elsewhere
+      .segment 1
+      .function open()
+      pushg x
+      capture
+      pushl y
+      capture
+      pushg s
+      out
+      pushl y
+      ret
+      .segment 0
+      .function elsewhere(a) external
+    )",
+    // Numbers of every size as text and back.
+    R"(
+      pushf 0.1
+      pushf 3e9
+      cat
+      popg t
+      pushg t
+      pushi 1
+      add
+      pushc "0x1f"
+      pushc "-12"
+      add
+      pushc "inf"
+      mul
+      popg n
+      pushg n
+      pushg n
+      sub
+      bitoc
+      out
+      pushg n
+      pushc ""
+      cat
+      out
+      pushg t
+      pushg n
+      eq
+      out
+    )",
+};
+
+#endif
