@@ -33,17 +33,11 @@ constexpr bool OperandsMatchWords() {
 }
 static_assert(OperandsMatchWords());
 
-// The low ten bits, with one more for "has operands", tell all instructions apart: a small table by
-// word, one byte an entry.
-constexpr int slot_count = 2048;
-constexpr int SlotOf(unsigned short word) {
-  return (word & 0x3FF) | (word >> 14 ? 0x400 : 0);
-}
 constexpr unsigned char no_row = 255;
 static_assert(row_count < no_row);
 
 constexpr bool SlotsAreUnique() {
-  std::array<bool, slot_count> seen{};
+  std::array<bool, SlotCount> seen{};
   for (const Row& row : rows) {
     bool& taken = seen[SlotOf(row.word)];
     if (taken) return false;
@@ -53,8 +47,8 @@ constexpr bool SlotsAreUnique() {
 }
 static_assert(SlotsAreUnique());
 
-constexpr std::array<unsigned char, slot_count> row_of_slot = [] {
-  std::array<unsigned char, slot_count> table{};
+constexpr std::array<unsigned char, SlotCount> row_of_slot = [] {
+  std::array<unsigned char, SlotCount> table{};
   table.fill(no_row);
   for (int i = 0; i < row_count; i++) table[SlotOf(rows[i].word)] = static_cast<unsigned char>(i);
   return table;

@@ -57,6 +57,17 @@ constexpr int SecondOperandSize(unsigned short word) {
   return (word & 0x3000) == 0x1000 ? 4 : (word & 0x3000) == 0x2000 ? 8 : 0;
 }
 
+constexpr int OperandSize(unsigned short word) {
+  return FirstOperandSize(word) + SecondOperandSize(word);
+}
+
+// The low ten bits, with one more for "has operands", tell all instructions apart, though not from
+// words that are none: a dense number to switch on, below SlotCount.
+constexpr int SlotCount = 2048;
+constexpr int SlotOf(unsigned short word) {
+  return (word & 0x3FF) | (word >> 14 ? 0x400 : 0);
+}
+
 }  // namespace Instruction
 
 #endif

@@ -19,4 +19,10 @@ inline int WrapSubtract(int a, int b) {
   return static_cast<int>(static_cast<unsigned>(a) - static_cast<unsigned>(b));
 }
 
+// The remainder of a division truncated toward zero, with the sign of the dividend; 0 for a divisor
+// of 0. By -1 it is 0 as well, but the processor divides for it and the quotient may not fit.
+inline int Remainder(int dividend, int divisor) {
+  return divisor == 0 || divisor == -1 ? 0 : dividend % divisor;
+}
+
 #endif

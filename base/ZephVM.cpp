@@ -42,6 +42,10 @@ inline int ReadInteger(const unsigned char* p) {
   return static_cast<int>(Byte(p, 0) | Byte(p, 1) << 8 | Byte(p, 2) << 16 | Byte(p, 3) << 24);
 }
 
+inline unsigned short ReadWord(const unsigned char* p) {
+  return static_cast<unsigned short>(Byte(p, 0) | Byte(p, 1) << 8);
+}
+
 inline double ReadDouble(const unsigned char* p) {
   unsigned long bits = 0;
   for (int i = 7; i >= 0; i--) bits = bits << 8 | p[i];
@@ -135,152 +139,240 @@ void ZephVM::SetScriptDirectory() {
 
 // --- The loop ------------------------------------------------------------------------------------
 
+// One pass is one instruction. The whole word decides, but the switch is on its slot, which is
+// dense; a word that only shares a slot with an instruction is none. Frequent instructions stand
+// here, in line, and work on the program counter in a local variable; the others are called, and
+// may change anything: counter, segment, frame, stack and the flags.
+//
+// The flags of the host and of the machine are looked at before each instruction, all in one test.
 int ZephVM::Go() {
-  if (Read(timed_out)) return TimedOut();
+  int* const beats = heartbeat_counter;
+  int* const over = timed_out;
+  int* const ended = exit_flag;
+  if (Read(over)) return TimedOut();
+  int pc = program_counter;
   for (;;) {
-    if (Read(heartbeat_counter) != last_heartbeat) Heartbeat();
-    // An error is seen before the next instruction starts, and before an exit.
-    if (stop_flag) return 0;
-    if (Read(exit_flag)) return 1;
-    if (wanted_segment != loaded_segment && !Set_Segment()) return 0;
-    instruction_start = program_counter;
-    // The counter may have been set to anything by a jump; outside of the segment is its end.
-    if (program_counter < 0 || program_counter >= code_length - 1) {
-      if (EndOfSegment() == Pass::Normal) return 1;
-    } else {
-      const unsigned char* p = code + program_counter;
-      unsigned word = Byte(p, 0) | Byte(p, 1) << 8;
-      p += 2;
-      // Operands that the end of the segment cuts off read as zero: bytes of that value follow it.
-      if ((word & 0xC000) == 0x4000) {
-        first_integer = ReadInteger(p);
-        p += 4;
-      } else if ((word & 0xC000) == 0x8000) {
-        first_double = ReadDouble(p);
-        p += 8;
-      }
-      if ((word & 0x3000) == 0x1000) {
-        second_integer = ReadInteger(p);
-        p += 4;
-      } else if ((word & 0x3000) == 0x2000) {
-        second_double = ReadDouble(p);
-        p += 8;
-      }
-      program_counter = static_cast<int>(p - code);
-      Dispatch(word);
+    if (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat) | stop_flag) [[unlikely]] {
+      program_counter = pc;
+      if (Read(over)) return TimedOut();
+      if (Read(beats) != last_heartbeat) Heartbeat();
+      // An error is seen before the next instruction starts, and before an exit.
+      if (stop_flag) return 0;
+      if (Read(ended)) return 1;
+      pc = program_counter;
     }
-    if (Read(timed_out)) return TimedOut();
-  }
-}
+    if (wanted_segment != loaded_segment) [[unlikely]] {
+      program_counter = pc;
+      if (!Set_Segment()) return 0;
+    }
+    instruction_start = pc;
+    // The counter may have been set to anything by a jump; outside of the segment is its end.
+    if (pc < 0 || pc >= code_length - 1) [[unlikely]] {
+      program_counter = pc;
+      if (EndOfSegment() == Pass::Normal) return 1;
+      pc = program_counter;
+      continue;
+    }
+    // Operands that the end of the segment cuts off read as zero: bytes of that value follow it.
+    const unsigned char* p = code + pc;
+    const unsigned short word = ReadWord(p);
+    p += 2;
 
-void ZephVM::Dispatch(unsigned word) {
-  switch (word) {
-    case Instruction::noop: break;
-    case Instruction::pushi: stack->PushI(first_integer); break;
-    case Instruction::pushf: stack->PushD(first_double); break;
-    case Instruction::pop: stack->Pop(); break;
-    case Instruction::dup: stack->Dupe(); break;
-    case Instruction::swap: stack->Swap(0, 1); break;
-    case Instruction::swapn: stack->Swap(first_integer, second_integer); break;
-    case Instruction::cat: stack->Concatenate(); break;
-    case Instruction::jmp: Jump(); break;
-    case Instruction::jmp_eq:
-      if (stack->PopI() == 0) Jump();
-      break;
-    case Instruction::jmp_ne:
-      if (stack->PopI() != 0) Jump();
-      break;
-    case Instruction::jmp_lt:
-      if (stack->PopI() < 0) Jump();
-      break;
-    case Instruction::jmp_gt:
-      if (stack->PopI() > 0) Jump();
-      break;
-    case Instruction::jmp_le:
-      if (stack->PopI() <= 0) Jump();
-      break;
-    case Instruction::jmp_ge:
-      if (stack->PopI() >= 0) Jump();
-      break;
-    case Instruction::erroutput: frame->error_output = first_integer; break;
-    case Instruction::exit:
-    case Instruction::exit2: exit(); break;
-    case Instruction::pushc: pushc(); break;
-    case Instruction::pushs: pushs(); break;
-    case Instruction::pushg: pushg(); break;
-    case Instruction::pushl: pushl(); break;
-    case Instruction::pops: pops(); break;
-    case Instruction::popg: popg(); break;
-    case Instruction::popl: popl(); break;
-    case Instruction::pushn: pushn(); break;
-    case Instruction::pushnc: pushnc(); break;
-    case Instruction::popn: popn(); break;
-    case Instruction::popnc: popnc(); break;
-    case Instruction::pushd: pushd(); break;
-    case Instruction::pushdc: pushdc(); break;
-    case Instruction::popd: popd(); break;
-    case Instruction::popdc: popdc(); break;
-    case Instruction::store: store(); break;
-    case Instruction::refer: refer(); break;
-    case Instruction::poprn: poprn(); break;
-    case Instruction::poprnc: poprnc(); break;
-    case Instruction::poprg: poprg(); break;
-    case Instruction::poprl: poprl(); break;
-    case Instruction::elem: elem(); break;
-    case Instruction::elem_readonly: elem_readonly(); break;
-    case Instruction::memb: memb(); break;
-    case Instruction::memb_readonly: memb_readonly(); break;
-    case Instruction::spush: spush(); break;
-    case Instruction::spop: spop(); break;
-    case Instruction::add: add(); break;
-    case Instruction::sub: sub(); break;
-    case Instruction::mul: mul(); break;
-    case Instruction::div: div(); break;
-    case Instruction::mod: mod(); break;
-    case Instruction::pow: pow(); break;
-    case Instruction::rounds: rounds(); break;
-    case Instruction::roundf: roundf(); break;
-    case Instruction::crypt: crypt(); break;
-    case Instruction::op_bitand: op_bitand(); break;
-    case Instruction::op_bitor: op_bitor(); break;
-    case Instruction::bitxor: bitxor(); break;
-    case Instruction::bitoc: bitoc(); break;
-    case Instruction::bitsl: bitsl(); break;
-    case Instruction::bitsr: bitsr(); break;
-    case Instruction::cmp: cmp(); break;
-    case Instruction::eq: eq(); break;
-    case Instruction::ne: ne(); break;
-    case Instruction::ge: ge(); break;
-    case Instruction::le: le(); break;
-    case Instruction::lt: lt(); break;
-    case Instruction::gt: gt(); break;
-    case Instruction::op_and: op_and(); break;
-    case Instruction::op_or: op_or(); break;
-    case Instruction::op_not: op_not(); break;
-    case Instruction::isnull: isnull(); break;
-    case Instruction::in: in(); break;
-    case Instruction::cin: cin(); break;
-    case Instruction::ein: ein(); break;
-    case Instruction::ecin: ecin(); break;
-    case Instruction::call: call(); break;
-    case Instruction::ret: ret(); break;
-    case Instruction::retn: retn(); break;
-    case Instruction::lineno: lineno(); break;
-    case Instruction::sourcefile: sourcefile(); break;
-    case Instruction::tagerror: tagerror(); break;
-    case Instruction::stdoutput: stdoutput(); break;
-    case Instruction::out: out(); break;
-    case Instruction::out_comp: out_comp(); break;
-    case Instruction::op_errmsg: op_errmsg(); break;
-    case Instruction::hide: hide(); break;
-    case Instruction::capture: capture(); break;
-    case Instruction::capture_end: capture_end(); break;
-    case Instruction::cmpgg: cmpgg(); break;
-    case Instruction::cmpgi: cmpgi(); break;
-    case Instruction::incg: incg(); break;
-    case Instruction::modgg: modgg(); break;
-    case Instruction::storegi: storegi(); break;
-    default: FatalError("Illegal Instruction");
+// A case for one instruction; the word must be exactly it.
+#define CASE(name)                               \
+  case Instruction::SlotOf(Instruction::name):   \
+    if (word != Instruction::name) goto illegal; \
+    pc += 2 + Instruction::OperandSize(Instruction::name);
+// Cases of what a handler of the same name does, with no operand, one or two, or a double.
+#define CALL(name)      \
+  CASE(name)            \
+  program_counter = pc; \
+  name();               \
+  pc = program_counter; \
+  continue;
+#define CALL_INTEGER(name)        \
+  CASE(name)                      \
+  first_integer = ReadInteger(p); \
+  program_counter = pc;           \
+  name();                         \
+  pc = program_counter;           \
+  continue;
+#define CALL_INTEGERS(name)            \
+  CASE(name)                           \
+  first_integer = ReadInteger(p);      \
+  second_integer = ReadInteger(p + 4); \
+  program_counter = pc;                \
+  name();                              \
+  pc = program_counter;                \
+  continue;
+// A jump on the integer that is popped.
+#define JUMP_IF(name, relation)                                   \
+  CASE(name)                                                      \
+  if (stack->PopI() relation 0) pc = WrapAdd(pc, ReadInteger(p)); \
+  continue;
+// An integer from the order of two values.
+#define COMPARE(name, result)             \
+  CASE(name) {                            \
+    const int order = stack->Compare();   \
+    if (!stop_flag) stack->PushI(result); \
+    continue;                             \
+  }
+// A double from two doubles.
+#define COMPUTE(name, result)             \
+  CASE(name) {                            \
+    const double b = stack->PopD();       \
+    const double a = stack->PopD();       \
+    if (!stop_flag) stack->PushD(result); \
+    continue;                             \
+  }
+
+    switch (Instruction::SlotOf(word)) {
+      CASE(noop) continue;
+      CASE(pushi) stack->PushI(ReadInteger(p));
+      continue;
+      CASE(pushf) stack->PushD(ReadDouble(p));
+      continue;
+      CASE(pop) stack->Pop();
+      continue;
+      CASE(dup) stack->Dupe();
+      continue;
+      CASE(swap) stack->Swap(0, 1);
+      continue;
+      CASE(swapn) stack->Swap(ReadInteger(p), ReadInteger(p + 4));
+      continue;
+      CASE(cat) stack->Concatenate();
+      continue;
+      CASE(pushg) PushPosition(global_variables, ReadInteger(p));
+      continue;
+      CASE(pushl) PushPosition(frame->variables, ReadInteger(p));
+      continue;
+      CASE(popg) stack->PopV(global_variables->At(ReadInteger(p), 1));
+      continue;
+      CASE(popl) stack->PopV(frame->variables->At(ReadInteger(p), 1));
+      continue;
+
+      COMPUTE(add, a + b)
+      COMPUTE(sub, a - b)
+      COMPUTE(mul, a * b)
+      // 0 whenever a is 0; another number by 0 is an infinity, not an error.
+      COMPUTE(div, a == 0.0 ? 0.0 : a / b)
+      CASE(mod) {
+        const int b = stack->PopI();
+        const int a = stack->PopI();
+        if (!stop_flag) stack->PushI(Remainder(a, b));
+        continue;
+      }
+      COMPARE(cmp, order)
+      COMPARE(eq, order == 0)
+      COMPARE(ne, order != 0)
+      COMPARE(ge, order >= 0)
+      COMPARE(le, order <= 0)
+      COMPARE(lt, order < 0)
+      COMPARE(gt, order > 0)
+
+      CASE(cmpgi) {
+        Variable* a = GlobalOrFail(ReadInteger(p));
+        if (a) stack->PushI(Compare(a, ReadInteger(p + 4)));
+        continue;
+      }
+      // The sum wraps.
+      CASE(incg) {
+        Variable* v = GlobalOrFail(ReadInteger(p));
+        if (v) v->Write_Integer(WrapAdd(v->Read_Integer(), ReadInteger(p + 4)));
+        continue;
+      }
+      CASE(storegi) {
+        Variable* v = GlobalOrFail(ReadInteger(p));
+        if (v) v->Write_Integer(ReadInteger(p + 4));
+        continue;
+      }
+      CASE(jmp) pc = WrapAdd(pc, ReadInteger(p));
+      continue;
+      JUMP_IF(jmp_eq, ==)
+      JUMP_IF(jmp_ne, !=)
+      JUMP_IF(jmp_lt, <)
+      JUMP_IF(jmp_gt, >)
+      JUMP_IF(jmp_le, <=)
+      JUMP_IF(jmp_ge, >=)
+
+      CASE(lineno) first_integer = ReadInteger(p);
+      lineno();
+      continue;
+      CASE(erroutput) frame->error_output = ReadInteger(p);
+      continue;
+      CASE(exit2) program_counter = pc;
+      exit();
+      pc = program_counter;
+      continue;
+
+      CALL_INTEGER(pushc)
+      CALL_INTEGER(pushs)
+      CALL_INTEGER(pops)
+      CALL(pushn)
+      CALL_INTEGER(pushnc)
+      CALL(popn)
+      CALL_INTEGER(popnc)
+      CALL(pushd)
+      CALL_INTEGERS(pushdc)
+      CALL(popd)
+      CALL_INTEGERS(popdc)
+      CALL(store)
+      CALL(refer)
+      CALL(poprn)
+      CALL_INTEGER(poprnc)
+      CALL_INTEGER(poprg)
+      CALL_INTEGER(poprl)
+      CALL(elem)
+      CALL(elem_readonly)
+      CALL(memb)
+      CALL(memb_readonly)
+      CALL(spush)
+      CALL(spop)
+      CALL(pow)
+      CALL(rounds)
+      CALL(roundf)
+      CALL(crypt)
+      CALL(op_bitand)
+      CALL(op_bitor)
+      CALL(bitxor)
+      CALL(bitoc)
+      CALL(bitsl)
+      CALL(bitsr)
+      CALL(op_and)
+      CALL(op_or)
+      CALL(op_not)
+      CALL(isnull)
+      CALL(in)
+      CALL(cin)
+      CALL(ein)
+      CALL(ecin)
+      CALL_INTEGER(call)
+      CALL(ret)
+      CALL(retn)
+      CALL(exit)
+      CALL_INTEGER(sourcefile)
+      CALL_INTEGERS(tagerror)
+      CALL_INTEGER(stdoutput)
+      CALL(out)
+      CALL(out_comp)
+      CALL(op_errmsg)
+      CALL(hide)
+      CALL(capture)
+      CALL(capture_end)
+      CALL_INTEGERS(cmpgg)
+      CALL_INTEGERS(modgg)
+      default:
+      illegal:
+        pc += 2 + Instruction::OperandSize(word);
+        FatalError("Illegal Instruction");
+    }
+#undef COMPUTE
+#undef COMPARE
+#undef JUMP_IF
+#undef CALL_INTEGERS
+#undef CALL_INTEGER
+#undef CALL
+#undef CASE
   }
 }
 

@@ -11,6 +11,7 @@
 #include "base/Numbers.h"
 #include "base/StringClass.h"
 #include "base/TagErrors.h"
+#include "base/VariableHash.h"
 #include "base/VariableRef.h"
 #include "base/ZephVM_Frame.h"
 #include "base/ZephVM_Stack.h"
@@ -28,7 +29,6 @@ class LocalizedDictionary;
 class LocalizedLanguages;
 class Segment;
 class SegmentManager;
-class VariableHash;
 class VariableList;
 class ZephApplication;
 struct LogParameter;
@@ -105,9 +105,21 @@ class ZephVM {
   // element below it.
   void HideVar(const String& name, Variable* variable);
 
-  // Compares as the instruction cmp does.
-  static int Compare(Variable* left, Variable* right);
-  static int Compare(Variable* left, int right);
+  // Compare as the instruction cmp does.
+  static int Compare(Variable* left, Variable* right) {
+    int no_number;
+    const double a = left->Read_Compare(&no_number);
+    if (no_number) return CompareTexts(left, right);
+    const double b = right->Read_Compare(&no_number);
+    if (no_number) return CompareTexts(left, right);
+    return a == b ? 0 : a < b ? -1 : 1;
+  }
+  static int Compare(Variable* left, int right) {
+    int no_number;
+    const double a = left->Read_Compare(&no_number);
+    if (no_number) return CompareTexts(left, right);
+    return a == right ? 0 : a < right ? -1 : 1;
+  }
 
   // --- Errors (base/Error.cpp) -------------------------------------------------------------------
   // The code or the state of the machine is wrong: the message goes to the client and the run ends.
@@ -168,11 +180,12 @@ class ZephVM {
   int Set_Segment();
   Pass EndOfSegment();
   int TimedOut();
-  void Dispatch(unsigned word);
-  void Jump() { program_counter = WrapAdd(program_counter, first_integer); }
   // A record with script path, source file and line, and the given parameters behind them.
   void WriteLog(unsigned type, std::initializer_list<LogParameter> parameters);
   String ErrorPrefix(const char* kind, const char* tag);
+
+  static int CompareTexts(Variable* left, Variable* right);
+  static int CompareTexts(Variable* left, int right);
 
   // What handlers share. PopHeld takes a variable off the stack, null after an error, with the
   // count that the entry held.
@@ -188,7 +201,20 @@ class ZephVM {
   void AssignOrDrop(Variable* variable);
   void PushElement(int create);
   void PushMember(int create);
-  Variable* GlobalOrFail(int position);
+  Variable* GlobalOrFail(int position) {
+    Variable* variable = global_variables->At(position, 1);
+    if (!variable) FatalError("Invalid variable reference");
+    return variable;
+  }
+  // Pushes the variable at a position, created if missing.
+  void PushPosition(VariableHash* table, int position) {
+    Variable* variable = table->At(position, 1);
+    if (variable) {
+      stack->PushHeld(variable);
+    } else {
+      FatalError("Invalid variable reference");
+    }
+  }
 
   // Calls.
   class NestedRun;
@@ -219,11 +245,7 @@ class ZephVM {
   void capture_end();
   // base/ZephVM_Variables.cpp
   void pushs();
-  void pushg();
-  void pushl();
   void pops();
-  void popg();
-  void popl();
   void pushn();
   void pushnc();
   void popn();
@@ -245,16 +267,8 @@ class ZephVM {
   void memb();
   void memb_readonly();
   void cmpgg();
-  void cmpgi();
-  void incg();
   void modgg();
-  void storegi();
   // base/ZephVM_Arithmetic.cpp
-  void add();
-  void sub();
-  void mul();
-  void div();
-  void mod();
   void pow();
   void rounds();
   void roundf();
@@ -268,13 +282,6 @@ class ZephVM {
   void op_or();
   void op_not();
   void isnull();
-  void cmp();
-  void eq();
-  void ne();
-  void ge();
-  void le();
-  void lt();
-  void gt();
   void in();
   void cin();
   void ein();

@@ -67,44 +67,6 @@ int Find(const char* needle, int needle_length, const char* text, int text_lengt
 
 // --- Arithmetic ----------------------------------------------------------------------------------
 
-// add  ( a b -- d )  a + b.
-void ZephVM::add() {
-  const double b = stack->PopD();
-  const double a = stack->PopD();
-  if (!stop_flag) stack->PushD(a + b);
-}
-
-// sub  ( a b -- d )  a - b.
-void ZephVM::sub() {
-  const double b = stack->PopD();
-  const double a = stack->PopD();
-  if (!stop_flag) stack->PushD(a - b);
-}
-
-// mul  ( a b -- d )  a * b.
-void ZephVM::mul() {
-  const double b = stack->PopD();
-  const double a = stack->PopD();
-  if (!stop_flag) stack->PushD(a * b);
-}
-
-// div  ( a b -- d )  a / b, and 0 whenever a is 0. Another number by 0 is an infinity, not an
-// error.
-void ZephVM::div() {
-  const double b = stack->PopD();
-  const double a = stack->PopD();
-  if (!stop_flag) stack->PushD(a == 0.0 ? 0.0 : a / b);
-}
-
-// mod  ( a b -- i )  The remainder of a / b in integers, with the sign of a; 0 when b is 0.
-void ZephVM::mod() {
-  const int b = stack->PopI();
-  const int a = stack->PopI();
-  if (stop_flag) return;
-  // The remainder by -1 is 0 too, but the processor divides for it and the quotient may not fit.
-  stack->PushI(b == 0 || b == -1 ? 0 : a % b);
-}
-
 // pow  ( a b -- d )  a to the power b, in doubles.
 void ZephVM::pow() {
   const double b = stack->PopD();
@@ -224,63 +186,18 @@ ZephVM_Stack::Stack_Entry EntryOf(Variable* variable) {
 }
 }  // namespace
 
-int ZephVM::Compare(Variable* left, Variable* right) {
+int ZephVM::CompareTexts(Variable* left, Variable* right) {
   const ZephVM_Stack::Stack_Entry a = EntryOf(left);
   const ZephVM_Stack::Stack_Entry b = EntryOf(right);
   return ZephVM_Stack::Compare(&a, &b);
 }
 
-int ZephVM::Compare(Variable* left, int right) {
+int ZephVM::CompareTexts(Variable* left, int right) {
   const ZephVM_Stack::Stack_Entry a = EntryOf(left);
   ZephVM_Stack::Stack_Entry b{};
   b.kind = ZephVM_Stack::KindInteger;
   b.value.integer = right;
   return ZephVM_Stack::Compare(&a, &b);
-}
-
-// cmp  ( a b -- i )  Below 0, 0 or above 0 as a is less than, equal to or greater than b. Compared
-// as numbers when both are, else as texts byte by byte, and then the number is the difference of
-// the first bytes that differ.
-void ZephVM::cmp() {
-  const int order = stack->Compare();
-  if (!stop_flag) stack->PushI(order);
-}
-
-// eq  ( a b -- i )  1 if a and b compare equal.
-void ZephVM::eq() {
-  const int order = stack->Compare();
-  if (!stop_flag) stack->PushI(order == 0);
-}
-
-// ne  ( a b -- i )  1 if a and b do not compare equal.
-void ZephVM::ne() {
-  const int order = stack->Compare();
-  if (!stop_flag) stack->PushI(order != 0);
-}
-
-// ge  ( a b -- i )  1 if a compares at or above b.
-void ZephVM::ge() {
-  const int order = stack->Compare();
-  if (!stop_flag) stack->PushI(order >= 0);
-}
-
-// le  ( a b -- i )  1 if a compares at or below b.
-void ZephVM::le() {
-  const int order = stack->Compare();
-  if (!stop_flag) stack->PushI(order <= 0);
-}
-
-// lt  ( a b -- i )  1 if a compares below b.
-void ZephVM::lt() {
-  const int order = stack->Compare();
-  if (!stop_flag) stack->PushI(order < 0);
-}
-
-// gt  ( a b -- i )  1 if a compares above b. NaN compares above everything, and everything above
-// NaN.
-void ZephVM::gt() {
-  const int order = stack->Compare();
-  if (!stop_flag) stack->PushI(order > 0);
 }
 
 // --- Search --------------------------------------------------------------------------------------

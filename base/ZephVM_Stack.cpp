@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 
+#include "base/DeferredText.h"
 #include "base/LinkBuffer.h"
 #include "base/Numbers.h"
 #include "base/Variable.h"
@@ -89,31 +90,35 @@ int PositionOf(const char* data, int length) {
 
 }  // namespace
 
-ZephVM_Stack::ZephVM_Stack(ZephVM* machine)
-    : vm(machine), entries(static_cast<Entry*>(operator new(sizeof(Entry) * Capacity))) {}
+ZephVM_Stack::ZephVM_Stack(ZephVM* machine) : vm(machine) {}
 
 ZephVM_Stack::~ZephVM_Stack() {
   while (SP > 0) Free(&entries[--SP]);
-  operator delete(entries);
+  if (entries != first_entries) ::operator delete(entries);
 }
 
-Entry* ZephVM_Stack::Room() {
+bool ZephVM_Stack::Grow() {
   if (SP == SS) {
     vm->FatalError("Stack overflow");
-    return nullptr;
+    return false;
   }
-  Entry* entry = &entries[SP++];
-  entry->deletable = 0;
-  entry->private_copy = 0;
-  return entry;
+  auto* all = static_cast<Entry*>(::operator new(sizeof(Entry) * Capacity));
+  memcpy(all, entries, sizeof(Entry) * static_cast<size_t>(SP));
+  entries = all;
+  room = SS;
+  return true;
+}
+
+void ZephVM_Stack::Underflow() {
+  vm->FatalError("Stack underflow");
 }
 
 Entry* ZephVM_Stack::Top() {
   if (SP == 0) {
-    vm->FatalError("Stack underflow");
+    Underflow();
     return nullptr;
   }
-  return &entries[SP - 1];
+  return Settled(&entries[SP - 1]);
 }
 
 void ZephVM_Stack::Drop() {
@@ -124,31 +129,31 @@ void ZephVM_Stack::Disown(Entry* entry) {
   entry->deletable = entry->private_copy = 0;
 }
 
-void ZephVM_Stack::Free(Entry* entry) {
-  if (!entry->deletable && !entry->private_copy) return;
-  if (entry->kind == KindString) {
+void ZephVM_Stack::FreeText(Entry* entry) {
+  if (entry->deferred) {
+    delete entry->value.pending;
+  } else if (entry->kind == KindString) {
     delete[] entry->value.text;
-  } else if (entry->kind == KindVariable) {
-    entry->value.variable->DecRefCount();
   } else if (entry->kind == KindLinkBuffer) {
     delete entry->value.buffer;
   }
 }
 
-void ZephVM_Stack::PushI(int value) {
-  Entry* entry = Room();
-  if (!entry) return;
-  entry->kind = KindInteger;
-  entry->value.integer = value;
-  entry->length = entry->size = 4;
-}
-
-void ZephVM_Stack::PushD(double value) {
-  Entry* entry = Room();
-  if (!entry) return;
-  entry->kind = KindDouble;
-  entry->value.number = value;
-  entry->length = entry->size = 8;
+// Puts a deferred text together, as the kind that it counts as.
+void ZephVM_Stack::Settle(Entry* entry) {
+  int length;
+  if (entry->kind == KindString) {
+    char* text = entry->value.pending->Release(&length);
+    entry->value.text = text;
+    entry->length = length;
+    entry->size = length + 1;
+  } else {
+    auto buffer = std::make_unique<LinkBuffer>(kFirstBlock, kNextBlock);
+    char* text = entry->value.pending->Release(&length);
+    buffer->cat_nocopy(text, length, length + 1);
+    entry->value.buffer = buffer.release();
+  }
+  entry->deferred = 0;
 }
 
 void ZephVM_Stack::PushS(const char* data, int length, int size, int deletable) {
@@ -195,8 +200,8 @@ void ZephVM_Stack::PushV(Variable* variable, int addref, int deletable) {
 
 void ZephVM_Stack::Push(ZephVM_Stack* from, int count) {
   // The equality is the rule that scripts know; the range test keeps the array whole.
-  long end = static_cast<long>(count) + SP;
-  if (end - 1 == SS || end > SS) {
+  const long end = static_cast<long>(count) + SP;
+  if (end - 1 == SS || end > SS || (end > room && !Grow())) {
     vm->FatalError("Stack overflow");
     return;
   }
@@ -214,33 +219,25 @@ void ZephVM_Stack::Push(ZephVM_Stack* from, int count) {
   }
 }
 
-void ZephVM_Stack::Pop() {
-  if (Top()) Drop();
-}
-
-int ZephVM_Stack::PopI() {
+int ZephVM_Stack::PopConvertedI() {
   Entry* entry = Top();
   if (!entry) return 0;
   int value;
-  switch (entry->kind) {
-    case KindInteger: value = entry->value.integer; break;
-    case KindDouble: value = DoubleToInteger(entry->value.number); break;
-    case KindVariable: value = entry->value.variable->value_integer(); break;
-    default: {
-      EntryText text = TextOf(entry);
-      value = ZephApplication::stoi(text.data, text.length, nullptr);
-    }
+  if (entry->kind == KindVariable) {
+    value = entry->value.variable->Read_Integer();
+  } else {
+    EntryText text = TextOf(entry);
+    value = ZephApplication::stoi(text.data, text.length, nullptr);
   }
   Drop();
   return value;
 }
 
-double ZephVM_Stack::PopD() {
+double ZephVM_Stack::PopConvertedD() {
   Entry* entry = Top();
   if (!entry) return 0.0;
   int not_numeric;
-  double value = entry->kind == KindVariable ? entry->value.variable->value_double()
-                                             : NumericValue(entry, &not_numeric);
+  const double value = NumericValue(entry, &not_numeric);
   Drop();
   return value;
 }
@@ -252,7 +249,7 @@ bool ZephVM_Stack::PopBool() {
   switch (entry->kind) {
     case KindInteger: value = entry->value.integer != 0; break;
     case KindDouble: value = entry->value.number != 0.0; break;
-    case KindVariable: value = entry->value.variable->IsTrue() != 0; break;
+    case KindVariable: value = entry->value.variable->Read_Truth() != 0; break;
     default: {
       EntryText text = TextOf(entry);
       value = TextIsTrue(text.data, text.length);
@@ -305,13 +302,21 @@ char* ZephVM_Stack::PopS_NS(int* length, int* size, int* deletable) {
   return ZephApplication::StripNULLs(raw, raw_length, length, size);
 }
 
-void ZephVM_Stack::PopV(Variable* target) {
+void ZephVM_Stack::PopConvertedV(Variable* target) {
   if (!target) {
     vm->FatalError("Invalid variable reference");
     return;
   }
-  Entry* entry = Top();
-  if (!entry) return;
+  if (SP == 0) {
+    Underflow();
+    return;
+  }
+  Entry* entry = &entries[SP - 1];
+  if (entry->deferred) {
+    SP--;
+    entry->value.pending->Assign(target, entry->kind == KindLinkBuffer);
+    return;
+  }
   switch (entry->kind) {
     case KindInteger: target->SetValue_Integer(entry->value.integer); break;
     case KindDouble: target->SetValue_Double(entry->value.number); break;
@@ -379,12 +384,12 @@ int ZephVM_Stack::CompareTexts(const Entry* left, const Entry* right) {
   return a.length == b.length ? 0 : a.length < b.length ? -1 : 1;
 }
 
-int ZephVM_Stack::Compare() {
+int ZephVM_Stack::CompareConverted() {
   if (SP < 2) {
-    vm->FatalError("Stack underflow");
+    Underflow();
     return 0;
   }
-  const int result = Compare(&entries[SP - 2], &entries[SP - 1]);
+  const int result = Compare(Settled(&entries[SP - 2]), Settled(&entries[SP - 1]));
   Drop();
   Drop();
   return result;
@@ -404,6 +409,7 @@ void ZephVM_Stack::Dupe() {
     vm->FatalError("Stack underflow");
     return;
   }
+  Settled(&entries[SP - 1]);
   Entry* copy = Room();
   if (!copy) return;
   const Entry* source = copy - 1;
@@ -585,6 +591,46 @@ void ZephVM_Stack::ConcatenateTexts(Entry* left, Entry* right) {
   PushS(text, static_cast<int>(length), static_cast<int>(length) + 1, 1);
 }
 
+// A text that begins with a variable's is put together when it is looked at, which for the usual
+// s = s cat x is never: see base/DeferredText.h. The entry counts as what it would be.
+bool ZephVM_Stack::Defer(Entry* left, Entry* right) {
+  if (left->deferred) {
+    AppendDeferred(left->value.pending, right);
+    left->kind = KindLinkBuffer;
+    left->length = left->size = 8;
+    return true;
+  }
+  DeferredText* text = DeferredText::Begin(left->value.variable);
+  if (!text) return false;
+  const bool chained = left->deletable || right->deletable;
+  Free(left);
+  left->kind = chained ? KindLinkBuffer : KindString;
+  left->deletable = left->deferred = 1;
+  left->private_copy = 0;
+  left->value.pending = text;
+  left->length = left->size = 8;
+  AppendDeferred(text, right);
+  if (!chained) {
+    left->length = text->length();
+    left->size = left->length + 1;
+  }
+  return true;
+}
+
+void ZephVM_Stack::AppendDeferred(DeferredText* text, Entry* right) {
+  if (right->kind == KindInteger) {
+    text->Append(right->value.integer);
+  } else if (right->kind == KindDouble) {
+    text->Append(right->value.number);
+  } else if (right->kind == KindVariable) {
+    text->Append(right->value.variable);
+  } else {
+    const EntryText bytes = TextOf(right);
+    text->Append(bytes.data, bytes.length);
+  }
+  Drop();
+}
+
 void ZephVM_Stack::Concatenate() {
   if (SP < 2) {
     vm->FatalError("Stack underflow");
@@ -593,7 +639,10 @@ void ZephVM_Stack::Concatenate() {
   // Both entries stay on the stack until the work is done: should memory run out, they are freed
   // with it.
   Entry* left = &entries[SP - 2];
-  Entry* right = &entries[SP - 1];
+  Entry* right = Settled(&entries[SP - 1]);
+  if (left->deferred || left->kind == KindVariable) {
+    if (Defer(left, right)) return;
+  }
   const bool right_is_buffer = right->kind == KindLinkBuffer && right->deletable;
   const bool both_buffers = left->kind == KindLinkBuffer && right->kind == KindLinkBuffer;
   if (left->deletable && (both_buffers || !right_is_buffer)) {
@@ -615,7 +664,7 @@ void ZephVM_Stack::Dump_Stack() {
   printf("SP = %d, SS = %d\n", SP, SS);
   printf("#   Type       D Data                                               Size\n");
   for (int i = 0; i < SP; i++) {
-    const Entry* entry = &entries[i];
+    const Entry* entry = Settled(&entries[i]);
     const char* name = kNames[entry->kind];
     const char owned = entry->deletable ? 'Y' : 'n';
     if (entry->kind == KindInteger) {

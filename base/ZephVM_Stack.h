@@ -4,8 +4,12 @@
 #ifndef ZEPH_BASE_ZEPHVM_STACK_H
 #define ZEPH_BASE_ZEPHVM_STACK_H
 
+#include "base/FreeList.h"
+#include "base/Numbers.h"
+#include "base/Variable.h"
+
+class DeferredText;
 class LinkBuffer;
-class Variable;
 class ZephVM;
 
 // Belongs to one machine and its thread. A stack has 512 entries for good: that limits the depth of
@@ -17,6 +21,8 @@ class ZephVM;
 // it are freed.
 class ZephVM_Stack {
  public:
+  ZEPH_FREE_LIST_OPERATORS(ZephVM_Stack)
+
   enum Kind : int {
     KindInteger = 0,
     KindDouble = 1,
@@ -32,12 +38,15 @@ class ZephVM_Stack {
     // Set on the copy that Dupe makes of an entry: it owns what it holds, so that the two can be
     // consumed in any order, yet counts as not deletable wherever that makes a difference.
     unsigned private_copy : 1;
+    // The value, a String or a LinkBuffer by its kind, is still to be put together: pending has it.
+    unsigned deferred : 1;
     union {
       int integer;
       double number;
       char* text;
       Variable* variable;
       LinkBuffer* buffer;
+      DeferredText* pending;
     } value;
     int length;  // bytes of a String; 4 for an Integer, 8 otherwise
     int size;    // capacity of a String's buffer, otherwise as length
@@ -51,24 +60,71 @@ class ZephVM_Stack {
 
   int Entries() const { return SP; }
 
-  void PushI(int value);
-  void PushD(double value);
+  void PushI(int value) {
+    Stack_Entry* entry = Room();
+    if (!entry) return;
+    entry->kind = KindInteger;
+    entry->value.integer = value;
+    entry->length = entry->size = 4;
+  }
+  void PushD(double value) {
+    Stack_Entry* entry = Room();
+    if (!entry) return;
+    entry->kind = KindDouble;
+    entry->value.number = value;
+    entry->length = entry->size = 8;
+  }
   // The pointer is kept, not copied; a deletable text was made with new[].
   void PushS(const char* data, int length, int size, int deletable);
   void PushLinkBuffer(LinkBuffer* buffer, int deletable);
   // With addref a count is taken. Null is the fatal error "Invalid variable reference".
   void PushV(Variable* variable, int addref, int deletable);
+  // PushV(variable, 1, 1) for a variable that is there.
+  void PushHeld(Variable* variable) {
+    Stack_Entry* entry = Room();
+    if (!entry) return;
+    variable->Hold();
+    entry->kind = KindVariable;
+    entry->deletable = 1;
+    entry->value.variable = variable;
+    entry->length = entry->size = 8;
+  }
   // Moves count entries, one at a time from the top of the other stack to this one's, so that their
   // order is reversed. A Variable that was borrowed is owned from then on: the other stack may die
   // first. Serves to hand a function's result to its caller, with a count of 1.
   void Push(ZephVM_Stack* from, int count);
 
   // The top entry, null on an empty stack.
-  Stack_Entry* Peek() { return SP > 0 ? &entries[SP - 1] : nullptr; }
-  void Pop();
+  Stack_Entry* Peek() { return SP > 0 ? Settled(&entries[SP - 1]) : nullptr; }
+  void Pop() {
+    if (SP > 0) {
+      Free(&entries[--SP]);
+    } else {
+      Underflow();
+    }
+  }
   // A double is truncated; one that does not fit in 32 bits, and NaN, give -2147483648.
-  int PopI();
-  double PopD();
+  int PopI() {
+    if (SP > 0) {
+      const Stack_Entry* entry = &entries[SP - 1];
+      if (entry->kind == KindInteger) return entries[--SP].value.integer;
+      if (entry->kind == KindDouble) return DoubleToInteger(entries[--SP].value.number);
+    }
+    return PopConvertedI();
+  }
+  double PopD() {
+    if (SP > 0) {
+      const Stack_Entry* entry = &entries[SP - 1];
+      if (entry->kind == KindDouble) return entries[--SP].value.number;
+      if (entry->kind == KindInteger) return entries[--SP].value.integer;
+      if (entry->kind == KindVariable) {
+        const double number = entry->value.variable->Read_Double();
+        Free(&entries[--SP]);
+        return number;
+      }
+    }
+    return PopConvertedD();
+  }
   // A text is false if empty or if it has nothing but "0" and at most one ".".
   bool PopBool();
   // Whether the text is empty or the variable is NULL; numbers never are.
@@ -83,7 +139,20 @@ class ZephVM_Stack {
   // PopS without the NUL bytes; always deletable and terminated.
   char* PopS_NS(int* length, int* size, int* deletable);
   // Assigns the top to the target, which is borrowed.
-  void PopV(Variable* target);
+  void PopV(Variable* target) {
+    if (target && SP > 0) {
+      const Stack_Entry* entry = &entries[SP - 1];
+      if (entry->kind == KindDouble) {
+        target->Write_Double(entries[--SP].value.number);
+        return;
+      }
+      if (entry->kind == KindInteger) {
+        target->Write_Integer(entries[--SP].value.integer);
+        return;
+      }
+    }
+    PopConvertedV(target);
+  }
   // Takes out a Variable with its count, if *deletable is set then; answers 1. Anything else is
   // dropped with the fatal error "Expected variable, found constant"; then *out is null, *deletable
   // 0 and the answer 0.
@@ -91,7 +160,20 @@ class ZephVM_Stack {
 
   // Takes two entries off and compares the lower with the top: as numbers when both are, else as
   // text byte by byte. Below 0, 0 or above 0.
-  int Compare();
+  int Compare() {
+    if (SP >= 2) {
+      Stack_Entry* left = &entries[SP - 2];
+      Stack_Entry* right = &entries[SP - 1];
+      double a, b;
+      if (IsNumber(left, &a) && IsNumber(right, &b)) {
+        SP -= 2;
+        Free(right);
+        Free(left);
+        return a == b ? 0 : a < b ? -1 : 1;
+      }
+    }
+    return CompareConverted();
+  }
   static int Compare(const Stack_Entry* left, const Stack_Entry* right);
   void Dupe();
   // Exchanges the entries at two depths; 0 is the top.
@@ -109,13 +191,61 @@ class ZephVM_Stack {
   void Dump_Stack();
 
  private:
-  Stack_Entry* Room();
+  // Deep enough for almost all expressions. Functions call one another by the thousand, so a stack
+  // takes the room for all of its entries only when it needs it.
+  static const int FirstEntries = 16;
+
+  // Room for an entry on top, nobody's and nothing's; null after an overflow.
+  Stack_Entry* Room() {
+    if (SP == room && !Grow()) return nullptr;
+    Stack_Entry* entry = &entries[SP++];
+    entry->deletable = entry->private_copy = entry->deferred = 0;
+    return entry;
+  }
+  // Frees what an entry owns. The entry stays as it is.
+  static void Free(Stack_Entry* entry) {
+    if (!entry->deletable && !entry->private_copy) return;
+    if (entry->kind == KindVariable) {
+      entry->value.variable->Release();
+    } else {
+      FreeText(entry);
+    }
+  }
+  // The value as a number, if it is one without being converted.
+  static bool IsNumber(const Stack_Entry* entry, double* number) {
+    if (entry->kind == KindInteger) {
+      *number = entry->value.integer;
+    } else if (entry->kind == KindDouble) {
+      *number = entry->value.number;
+    } else if (entry->kind == KindVariable) {
+      const unsigned forms = entry->value.variable->plain_forms();
+      if (forms == 0 || (forms & Variable::TextForm)) return false;
+      *number = entry->value.variable->Read_Double();
+    } else {
+      return false;
+    }
+    return true;
+  }
+  Stack_Entry* Settled(Stack_Entry* entry) {
+    if (entry->deferred) Settle(entry);
+    return entry;
+  }
+
+  bool Grow();
+  void Underflow();
   Stack_Entry* Top();
   void Drop();
   static void Disown(Stack_Entry* entry);
-  static void Free(Stack_Entry* entry);
+  static void FreeText(Stack_Entry* entry);
+  static void Settle(Stack_Entry* entry);
+  int PopConvertedI();
+  double PopConvertedD();
+  void PopConvertedV(Variable* target);
+  int CompareConverted();
   bool KeptElsewhere(const Stack_Entry* entry) const;
   void MakeLinkBuffer(Stack_Entry* entry);
+  bool Defer(Stack_Entry* left, Stack_Entry* right);
+  void AppendDeferred(DeferredText* text, Stack_Entry* right);
   void ConcatenateTexts(Stack_Entry* left, Stack_Entry* right);
   void AppendEntry(LinkBuffer* buffer, Stack_Entry* entry);
   void PrependEntry(LinkBuffer* buffer, Stack_Entry* entry);
@@ -123,9 +253,11 @@ class ZephVM_Stack {
   static int CompareTexts(const Stack_Entry* left, const Stack_Entry* right);
 
   ZephVM* vm;
-  Stack_Entry* entries;
+  Stack_Entry* entries = first_entries;
   int SP = 0;
   int SS = Capacity;
+  int room = FirstEntries;
+  Stack_Entry first_entries[FirstEntries];
 };
 
 #endif

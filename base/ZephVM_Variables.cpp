@@ -16,17 +16,7 @@
 // pushs  ( -- v )  System variable by position; the null variable where there is none.
 void ZephVM::pushs() {
   Variable* variable = system_variables->Index(first_integer, 0);
-  stack->PushV(variable ? variable : null_variable, 1, 1);
-}
-
-// pushg  ( -- v )  Global variable by position, created if missing.
-void ZephVM::pushg() {
-  stack->PushV(global_variables->Index(first_integer, 1), 1, 1);
-}
-
-// pushl  ( -- v )  Local variable by position, created if missing.
-void ZephVM::pushl() {
-  stack->PushV(frame->variables->Index(first_integer, 1), 1, 1);
+  stack->PushHeld(variable ? variable : null_variable);
 }
 
 // pops  ( x -- )  Assigns a system variable, which may refuse; drops x where there is none.
@@ -37,16 +27,6 @@ void ZephVM::pops() {
   } else {
     stack->Pop();
   }
-}
-
-// popg  ( x -- )  Assigns a global variable by position, created if missing.
-void ZephVM::popg() {
-  stack->PopV(global_variables->Index(first_integer, 1));
-}
-
-// popl  ( x -- )  Assigns a local variable by position, created if missing.
-void ZephVM::popl() {
-  stack->PopV(frame->variables->Index(first_integer, 1));
 }
 
 // --- By name -------------------------------------------------------------------------------------
@@ -67,7 +47,7 @@ bool ZephVM::LookupOrFail(Variable** out, const char* name, int length) {
 void ZephVM::PushNamed(const char* name, int length) {
   Variable* variable;
   if (!LookupOrFail(&variable, name, length)) return;
-  stack->PushV(variable ? variable : null_variable, 1, 1);
+  stack->PushHeld(variable ? variable : null_variable);
 }
 
 // A name that is nobody's leaves the value on the stack: compiled code counts on that, other than
@@ -125,7 +105,7 @@ void ZephVM::pushd() {
   const PoppedString alias(stack);
   if (stop_flag) return;
   Variable* variable = ViewField(alias.data(), alias.length(), field.data(), field.length());
-  stack->PushV(variable ? variable : null_variable, 1, 1);
+  stack->PushHeld(variable ? variable : null_variable);
 }
 
 // pushdc  ( -- v )  As pushd, with constant names.
@@ -135,7 +115,7 @@ void ZephVM::pushdc() {
   const char* field = alias ? DictionaryText(second_integer, &length) : nullptr;
   if (!field) return;
   Variable* variable = ViewField(alias, alias_length, field, length);
-  stack->PushV(variable ? variable : null_variable, 1, 1);
+  stack->PushHeld(variable ? variable : null_variable);
 }
 
 // popd  ( x alias field -- )  Assigns a field of the view of that alias; drops x without one.
@@ -252,8 +232,8 @@ void ZephVM::PushElement(int create) {
   Variable* variable;
   const VariableRef held = PopHeld(&variable);
   if (!variable) return;
-  Variable* element = variable->Element(AggregateIndex(position), create);
-  stack->PushV(element ? element : null_variable, 1, 1);
+  Variable* element = variable->At(position, create);
+  stack->PushHeld(element ? element : null_variable);
 }
 
 void ZephVM::PushMember(int create) {
@@ -262,8 +242,8 @@ void ZephVM::PushMember(int create) {
   Variable* variable;
   const VariableRef held = PopHeld(&variable);
   if (!variable) return;
-  Variable* member = variable->Element(AggregateIndex(name.data(), name.length()), create);
-  stack->PushV(member ? member : null_variable, 1, 1);
+  Variable* member = variable->Member(name.data(), name.length(), create);
+  stack->PushHeld(member ? member : null_variable);
 }
 
 // elem  ( v i -- e )  The element at position i of the array v, created if missing; v becomes an
@@ -291,29 +271,11 @@ void ZephVM::memb_readonly() {
 
 // --- Fused forms on globals ----------------------------------------------------------------------
 
-Variable* ZephVM::GlobalOrFail(int position) {
-  Variable* variable = global_variables->Index(position, 1);
-  if (!variable) FatalError("Invalid variable reference");
-  return variable;
-}
-
 // cmpgg  ( -- i )  Compares two globals, as cmp does.
 void ZephVM::cmpgg() {
   Variable* a = GlobalOrFail(first_integer);
   Variable* b = a ? GlobalOrFail(second_integer) : nullptr;
   if (b) stack->PushI(Compare(a, b));
-}
-
-// cmpgi  ( -- i )  Compares a global with a constant, as cmp does.
-void ZephVM::cmpgi() {
-  Variable* a = GlobalOrFail(first_integer);
-  if (a) stack->PushI(Compare(a, second_integer));
-}
-
-// incg  ( -- )  Adds a constant to the integer value of a global; the sum wraps.
-void ZephVM::incg() {
-  Variable* variable = GlobalOrFail(first_integer);
-  if (variable) variable->SetValue_Integer(WrapAdd(variable->value_integer(), second_integer));
 }
 
 // modgg  ( -- i )  The first global modulo the second, in integers. A second one of 0 is no
@@ -322,17 +284,11 @@ void ZephVM::modgg() {
   Variable* a = GlobalOrFail(first_integer);
   Variable* b = a ? GlobalOrFail(second_integer) : nullptr;
   if (!b) return;
-  const int dividend = a->value_integer();
-  const int divisor = b->value_integer();
+  const int dividend = a->Read_Integer();
+  const int divisor = b->Read_Integer();
   if (divisor == 0) {
     FatalError("Illegal Instruction");
   } else {
-    stack->PushI(divisor == -1 ? 0 : dividend % divisor);
+    stack->PushI(Remainder(dividend, divisor));
   }
-}
-
-// storegi  ( -- )  Assigns a constant to a global.
-void ZephVM::storegi() {
-  Variable* variable = GlobalOrFail(first_integer);
-  if (variable) variable->SetValue_Integer(second_integer);
 }
