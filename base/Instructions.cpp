@@ -33,26 +33,16 @@ constexpr bool OperandsMatchWords() {
 }
 static_assert(OperandsMatchWords());
 
-constexpr unsigned char no_row = 255;
-static_assert(row_count < no_row);
-
-constexpr bool SlotsAreUnique() {
-  std::array<bool, SlotCount> seen{};
-  for (const Row& row : rows) {
-    bool& taken = seen[SlotOf(row.word)];
-    if (taken) return false;
-    taken = true;
+constexpr bool WordsAreUnique() {
+  for (int i = 0; i < row_count; i++) {
+    for (int k = 0; k < i; k++) {
+      if (rows[i].word == rows[k].word) return false;
+    }
   }
   return true;
 }
-static_assert(SlotsAreUnique());
-
-constexpr std::array<unsigned char, SlotCount> row_of_slot = [] {
-  std::array<unsigned char, SlotCount> table{};
-  table.fill(no_row);
-  for (int i = 0; i < row_count; i++) table[SlotOf(rows[i].word)] = static_cast<unsigned char>(i);
-  return table;
-}();
+static_assert(WordsAreUnique());
+static_assert(row_count < 255);
 
 constexpr std::array<unsigned char, row_count> rows_by_name = [] {
   std::array<unsigned char, row_count> order{};
@@ -77,9 +67,16 @@ static_assert(NamesAreUnique());
 const Row* const Rows = rows;
 const int RowCount = row_count;
 
+constexpr std::array<Code, 65536> MakeCodes() {
+  std::array<Code, 65536> codes{};
+  for (int i = 0; i < row_count; i++) codes[rows[i].word] = static_cast<Code>(i + 1);
+  return codes;
+}
+constinit const std::array<Code, 65536> Codes = MakeCodes();
+
 const Row* Find(unsigned short word) {
-  unsigned char i = row_of_slot[SlotOf(word)];
-  return i != no_row && rows[i].word == word ? &rows[i] : nullptr;
+  const int code = Codes[word];
+  return code == code_none ? nullptr : &rows[code - 1];
 }
 
 const Row* Find(const char* name, int length) {

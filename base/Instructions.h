@@ -5,6 +5,8 @@
 #ifndef ZEPH_BASE_INSTRUCTIONS_H
 #define ZEPH_BASE_INSTRUCTIONS_H
 
+#include <array>
+
 namespace Instruction {
 
 // The instruction words, one enumerator each: Instruction::pushc is 0x4001.
@@ -61,11 +63,17 @@ constexpr int OperandSize(unsigned short word) {
   return FirstOperandSize(word) + SecondOperandSize(word);
 }
 
-// The low ten bits, with one more for "has operands", tell all instructions apart, though not from
-// words that are none: a dense number to switch on, below SlotCount.
-constexpr int SlotCount = 2048;
-constexpr int SlotOf(unsigned short word) {
-  return (word & 0x3FF) | (word >> 14 ? 0x400 : 0);
+// The instructions, numbered from 1 on in the order of the list: what the machine switches on.
+// CodeOf is 0 for a word that is none; the table has a byte for every word.
+enum Code : unsigned char {
+  code_none,
+#define INSTRUCTION(word, identifier, name, first, second, listed, effect) code_##identifier,
+#include "base/Instructions.def"
+#undef INSTRUCTION
+};
+extern const std::array<Code, 65536> Codes;
+inline Code CodeOf(unsigned short word) {
+  return Codes[word];
 }
 
 }  // namespace Instruction

@@ -178,11 +178,9 @@ int ZephVM::Go() {
     const unsigned short word = ReadWord(p);
     p += 2;
 
-// A case for one instruction; the word must be exactly it.
-#define CASE(name)                               \
-  case Instruction::SlotOf(Instruction::name):   \
-    if (word != Instruction::name) goto illegal; \
-    pc += 2 + Instruction::OperandSize(Instruction::name);
+// A case for one instruction. The counter moves behind its operands.
+#define CASE(name) \
+  case Instruction::code_##name: pc += 2 + Instruction::OperandSize(Instruction::name);
 // Cases of what a handler of the same name does, with no operand, one or two, or a double.
 #define CALL(name)      \
   CASE(name)            \
@@ -226,7 +224,7 @@ int ZephVM::Go() {
     continue;                             \
   }
 
-    switch (Instruction::SlotOf(word)) {
+    switch (Instruction::CodeOf(word)) {
       CASE(noop) continue;
       CASE(pushi) stack->PushI(ReadInteger(p));
       continue;
@@ -361,10 +359,7 @@ int ZephVM::Go() {
       CALL(capture_end)
       CALL_INTEGERS(cmpgg)
       CALL_INTEGERS(modgg)
-      default:
-      illegal:
-        pc += 2 + Instruction::OperandSize(word);
-        FatalError("Illegal Instruction");
+      default: pc += 2 + Instruction::OperandSize(word); FatalError("Illegal Instruction");
     }
 #undef COMPUTE
 #undef COMPARE

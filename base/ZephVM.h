@@ -115,6 +115,10 @@ class ZephVM {
     return a == b ? 0 : a < b ? -1 : 1;
   }
   static int Compare(Variable* left, int right) {
+    if (left->plain_forms() == Variable::IntegerForm) {
+      const int number = left->plain_integer();
+      return number == right ? 0 : number < right ? -1 : 1;
+    }
     int no_number;
     const double a = left->Read_Compare(&no_number);
     if (no_number) return CompareTexts(left, right);
@@ -201,13 +205,13 @@ class ZephVM {
   void AssignOrDrop(Variable* variable);
   void PushElement(int create);
   void PushMember(int create);
-  Variable* GlobalOrFail(int position) {
+  [[gnu::always_inline]] Variable* GlobalOrFail(int position) {
     Variable* variable = global_variables->At(position, 1);
     if (!variable) FatalError("Invalid variable reference");
     return variable;
   }
   // Pushes the variable at a position, created if missing.
-  void PushPosition(VariableHash* table, int position) {
+  [[gnu::always_inline]] void PushPosition(VariableHash* table, int position) {
     Variable* variable = table->At(position, 1);
     if (variable) {
       stack->PushHeld(variable);

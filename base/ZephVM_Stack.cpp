@@ -93,19 +93,21 @@ int PositionOf(const char* data, int length) {
 ZephVM_Stack::ZephVM_Stack(ZephVM* machine) : vm(machine) {}
 
 ZephVM_Stack::~ZephVM_Stack() {
-  while (SP > 0) Free(&entries[--SP]);
+  while (top > entries) Free(--top);
   if (entries != first_entries) ::operator delete(entries);
 }
 
 bool ZephVM_Stack::Grow() {
-  if (SP == SS) {
+  const int used = Entries();
+  if (used == SS) {
     vm->FatalError("Stack overflow");
     return false;
   }
   auto* all = static_cast<Entry*>(::operator new(sizeof(Entry) * Capacity));
-  memcpy(all, entries, sizeof(Entry) * static_cast<size_t>(SP));
+  memcpy(all, entries, sizeof(Entry) * static_cast<size_t>(used));
   entries = all;
-  room = SS;
+  top = all + used;
+  limit = all + SS;
   return true;
 }
 
@@ -114,15 +116,15 @@ void ZephVM_Stack::Underflow() {
 }
 
 Entry* ZephVM_Stack::Top() {
-  if (SP == 0) {
+  if (top == entries) {
     Underflow();
     return nullptr;
   }
-  return Settled(&entries[SP - 1]);
+  return Settled(top - 1);
 }
 
 void ZephVM_Stack::Drop() {
-  Free(&entries[--SP]);
+  Free(--top);
 }
 
 void ZephVM_Stack::Disown(Entry* entry) {
@@ -162,11 +164,8 @@ void ZephVM_Stack::PushS(const char* data, int length, int size, int deletable) 
     if (deletable) delete[] data;
     return;
   }
-  entry->kind = KindString;
-  entry->deletable = deletable != 0;
-  entry->value.text = const_cast<char*>(data ? data : kNothing);
-  entry->length = length;
-  entry->size = size;
+  char* text = const_cast<char*>(data ? data : kNothing);
+  *entry = {KindString, deletable != 0, 0, 0, {.text = text}, length, size};
 }
 
 void ZephVM_Stack::PushLinkBuffer(LinkBuffer* buffer, int deletable) {
@@ -175,10 +174,7 @@ void ZephVM_Stack::PushLinkBuffer(LinkBuffer* buffer, int deletable) {
     if (deletable) delete buffer;
     return;
   }
-  entry->kind = KindLinkBuffer;
-  entry->deletable = deletable != 0;
-  entry->value.buffer = buffer;
-  entry->length = entry->size = 8;
+  *entry = {KindLinkBuffer, deletable != 0, 0, 0, {.buffer = buffer}, 8, 8};
 }
 
 void ZephVM_Stack::PushV(Variable* variable, int addref, int deletable) {
@@ -192,26 +188,23 @@ void ZephVM_Stack::PushV(Variable* variable, int addref, int deletable) {
     return;
   }
   if (addref) variable->IncRefCount();
-  entry->kind = KindVariable;
-  entry->deletable = deletable != 0;
-  entry->value.variable = variable;
-  entry->length = entry->size = 8;
+  *entry = {KindVariable, deletable != 0, 0, 0, {.variable = variable}, 8, 8};
 }
 
 void ZephVM_Stack::Push(ZephVM_Stack* from, int count) {
   // The equality is the rule that scripts know; the range test keeps the array whole.
-  const long end = static_cast<long>(count) + SP;
-  if (end - 1 == SS || end > SS || (end > room && !Grow())) {
+  const long end = static_cast<long>(count) + Entries();
+  if (end - 1 == SS || end > SS || (count > limit - top && !Grow())) {
     vm->FatalError("Stack overflow");
     return;
   }
-  if (from->SP < count) {
+  if (from->Entries() < count) {
     vm->FatalError("Stack underflow");
     return;
   }
   for (int i = 0; i < count; i++) {
-    Entry* entry = &entries[SP++];
-    *entry = from->entries[--from->SP];
+    Entry* entry = top++;
+    *entry = *--from->top;
     if (entry->kind != KindVariable || entry->deletable) continue;
     if (!entry->private_copy) entry->value.variable->IncRefCount();
     entry->private_copy = 0;
@@ -287,7 +280,7 @@ int ZephVM_Stack::PopDBPosition() {
 char* ZephVM_Stack::PopS(int* length, int* size, int* deletable) {
   if (Entry* entry = Top()) {
     char* text = ConvertEntryToString(entry, length, size, deletable);
-    SP--;
+    top--;
     return text;
   }
   *length = *size = *deletable = 0;
@@ -307,13 +300,13 @@ void ZephVM_Stack::PopConvertedV(Variable* target) {
     vm->FatalError("Invalid variable reference");
     return;
   }
-  if (SP == 0) {
+  if (top == entries) {
     Underflow();
     return;
   }
-  Entry* entry = &entries[SP - 1];
+  Entry* entry = top - 1;
   if (entry->deferred) {
-    SP--;
+    top--;
     entry->value.pending->Assign(target, entry->kind == KindLinkBuffer);
     return;
   }
@@ -348,7 +341,7 @@ int ZephVM_Stack::PopV(Variable** out, int* deletable) {
   }
   *out = entry->value.variable;
   *deletable = entry->deletable || entry->private_copy;
-  SP--;
+  top--;
   return 1;
 }
 
@@ -385,11 +378,11 @@ int ZephVM_Stack::CompareTexts(const Entry* left, const Entry* right) {
 }
 
 int ZephVM_Stack::CompareConverted() {
-  if (SP < 2) {
+  if (Entries() < 2) {
     Underflow();
     return 0;
   }
-  const int result = Compare(Settled(&entries[SP - 2]), Settled(&entries[SP - 1]));
+  const int result = Compare(Settled(top - 2), Settled(top - 1));
   Drop();
   Drop();
   return result;
@@ -405,11 +398,11 @@ int ZephVM_Stack::Compare(const Entry* left, const Entry* right) {
 }
 
 void ZephVM_Stack::Dupe() {
-  if (SP == 0) {
+  if (top == entries) {
     vm->FatalError("Stack underflow");
     return;
   }
-  Settled(&entries[SP - 1]);
+  Settled(top - 1);
   Entry* copy = Room();
   if (!copy) return;
   const Entry* source = copy - 1;
@@ -418,7 +411,7 @@ void ZephVM_Stack::Dupe() {
   copy->private_copy = 0;
   if (!source->deletable && !source->private_copy) return;
   // The source may be consumed first, so the copy must not lean on it.
-  SP--;
+  top--;
   if (source->kind == KindString) {
     copy->value.text = CopyText(source->value.text, source->length);
     if (copy->size > copy->length) copy->size = copy->length + 1;
@@ -430,18 +423,18 @@ void ZephVM_Stack::Dupe() {
     copy->value.buffer = buffer.release();
   }
   copy->private_copy = source->kind >= KindString;
-  SP++;
+  top++;
 }
 
 void ZephVM_Stack::Swap(int a, int b) {
-  if (a < 0 || b < 0 || a >= SP || b >= SP) {
+  if (a < 0 || b < 0 || a >= Entries() || b >= Entries()) {
     vm->FatalError("Invalid stack reference");
     return;
   }
   if (a == b) return;
-  Entry held = entries[SP - 1 - a];
-  entries[SP - 1 - a] = entries[SP - 1 - b];
-  entries[SP - 1 - b] = held;
+  Entry held = top[-1 - a];
+  top[-1 - a] = top[-1 - b];
+  top[-1 - b] = held;
 }
 
 bool ZephVM_Stack::KeptElsewhere(const Entry* entry) const {
@@ -449,7 +442,7 @@ bool ZephVM_Stack::KeptElsewhere(const Entry* entry) const {
   int others = variable->refcount() - 1;
   if (others <= 0) return false;
   // Counts held by entries that the same instruction may consume next do not keep a text alive.
-  if (others <= SP) {
+  if (others <= Entries()) {
     for (const Entry* below = entries; below < entry; below++) {
       if (below->kind == KindVariable && below->value.variable == variable &&
           (below->deletable || below->private_copy)) {
@@ -632,14 +625,14 @@ void ZephVM_Stack::AppendDeferred(DeferredText* text, Entry* right) {
 }
 
 void ZephVM_Stack::Concatenate() {
-  if (SP < 2) {
+  if (Entries() < 2) {
     vm->FatalError("Stack underflow");
     return;
   }
   // Both entries stay on the stack until the work is done: should memory run out, they are freed
   // with it.
-  Entry* left = &entries[SP - 2];
-  Entry* right = Settled(&entries[SP - 1]);
+  Entry* left = top - 2;
+  Entry* right = Settled(top - 1);
   if (left->deferred || left->kind == KindVariable) {
     if (Defer(left, right)) return;
   }
@@ -648,12 +641,12 @@ void ZephVM_Stack::Concatenate() {
   if (left->deletable && (both_buffers || !right_is_buffer)) {
     MakeLinkBuffer(left);
     AppendEntry(left->value.buffer, right);
-    SP--;
+    top--;
   } else if (right->deletable) {
     MakeLinkBuffer(right);
     PrependEntry(right->value.buffer, left);
     *left = *right;
-    SP--;
+    top--;
   } else {
     ConcatenateTexts(left, right);
   }
@@ -661,9 +654,9 @@ void ZephVM_Stack::Concatenate() {
 
 void ZephVM_Stack::Dump_Stack() {
   static const char* const kNames[] = {"Integer", "Double", "String", "Variable", "LinkBuffer"};
-  printf("SP = %d, SS = %d\n", SP, SS);
+  printf("SP = %d, SS = %d\n", Entries(), SS);
   printf("#   Type       D Data                                               Size\n");
-  for (int i = 0; i < SP; i++) {
+  for (int i = 0; i < Entries(); i++) {
     const Entry* entry = Settled(&entries[i]);
     const char* name = kNames[entry->kind];
     const char owned = entry->deletable ? 'Y' : 'n';

@@ -58,21 +58,13 @@ class ZephVM_Stack {
   ZephVM_Stack(const ZephVM_Stack&) = delete;
   ZephVM_Stack& operator=(const ZephVM_Stack&) = delete;
 
-  int Entries() const { return SP; }
+  int Entries() const { return static_cast<int>(top - entries); }
 
   void PushI(int value) {
-    Stack_Entry* entry = Room();
-    if (!entry) return;
-    entry->kind = KindInteger;
-    entry->value.integer = value;
-    entry->length = entry->size = 4;
+    if (Stack_Entry* entry = Room()) *entry = {KindInteger, 0, 0, 0, {.integer = value}, 4, 4};
   }
   void PushD(double value) {
-    Stack_Entry* entry = Room();
-    if (!entry) return;
-    entry->kind = KindDouble;
-    entry->value.number = value;
-    entry->length = entry->size = 8;
+    if (Stack_Entry* entry = Room()) *entry = {KindDouble, 0, 0, 0, {.number = value}, 8, 8};
   }
   // The pointer is kept, not copied; a deletable text was made with new[].
   void PushS(const char* data, int length, int size, int deletable);
@@ -84,10 +76,7 @@ class ZephVM_Stack {
     Stack_Entry* entry = Room();
     if (!entry) return;
     variable->Hold();
-    entry->kind = KindVariable;
-    entry->deletable = 1;
-    entry->value.variable = variable;
-    entry->length = entry->size = 8;
+    *entry = {KindVariable, 1, 0, 0, {.variable = variable}, 8, 8};
   }
   // Moves count entries, one at a time from the top of the other stack to this one's, so that their
   // order is reversed. A Variable that was borrowed is owned from then on: the other stack may die
@@ -95,31 +84,36 @@ class ZephVM_Stack {
   void Push(ZephVM_Stack* from, int count);
 
   // The top entry, null on an empty stack.
-  Stack_Entry* Peek() { return SP > 0 ? Settled(&entries[SP - 1]) : nullptr; }
+  Stack_Entry* Peek() { return top > entries ? Settled(top - 1) : nullptr; }
   void Pop() {
-    if (SP > 0) {
-      Free(&entries[--SP]);
+    if (top > entries) {
+      Free(--top);
     } else {
       Underflow();
     }
   }
   // A double is truncated; one that does not fit in 32 bits, and NaN, give -2147483648.
   int PopI() {
-    if (SP > 0) {
-      const Stack_Entry* entry = &entries[SP - 1];
-      if (entry->kind == KindInteger) return entries[--SP].value.integer;
-      if (entry->kind == KindDouble) return DoubleToInteger(entries[--SP].value.number);
+    if (top > entries) {
+      Stack_Entry* entry = top - 1;
+      if (entry->kind == KindInteger) return (--top)->value.integer;
+      if (entry->kind == KindDouble) return DoubleToInteger((--top)->value.number);
+      if (entry->kind == KindVariable) {
+        const int number = entry->value.variable->Read_Integer();
+        Free(--top);
+        return number;
+      }
     }
     return PopConvertedI();
   }
   double PopD() {
-    if (SP > 0) {
-      const Stack_Entry* entry = &entries[SP - 1];
-      if (entry->kind == KindDouble) return entries[--SP].value.number;
-      if (entry->kind == KindInteger) return entries[--SP].value.integer;
+    if (top > entries) {
+      Stack_Entry* entry = top - 1;
+      if (entry->kind == KindDouble) return (--top)->value.number;
+      if (entry->kind == KindInteger) return (--top)->value.integer;
       if (entry->kind == KindVariable) {
         const double number = entry->value.variable->Read_Double();
-        Free(&entries[--SP]);
+        Free(--top);
         return number;
       }
     }
@@ -140,14 +134,13 @@ class ZephVM_Stack {
   char* PopS_NS(int* length, int* size, int* deletable);
   // Assigns the top to the target, which is borrowed.
   void PopV(Variable* target) {
-    if (target && SP > 0) {
-      const Stack_Entry* entry = &entries[SP - 1];
-      if (entry->kind == KindDouble) {
-        target->Write_Double(entries[--SP].value.number);
+    if (target && top > entries) {
+      if (top[-1].kind == KindDouble) {
+        target->Write_Double((--top)->value.number);
         return;
       }
-      if (entry->kind == KindInteger) {
-        target->Write_Integer(entries[--SP].value.integer);
+      if (top[-1].kind == KindInteger) {
+        target->Write_Integer((--top)->value.integer);
         return;
       }
     }
@@ -161,12 +154,12 @@ class ZephVM_Stack {
   // Takes two entries off and compares the lower with the top: as numbers when both are, else as
   // text byte by byte. Below 0, 0 or above 0.
   int Compare() {
-    if (SP >= 2) {
-      Stack_Entry* left = &entries[SP - 2];
-      Stack_Entry* right = &entries[SP - 1];
+    if (top - entries >= 2) {
+      Stack_Entry* left = top - 2;
+      Stack_Entry* right = top - 1;
       double a, b;
       if (IsNumber(left, &a) && IsNumber(right, &b)) {
-        SP -= 2;
+        top -= 2;
         Free(right);
         Free(left);
         return a == b ? 0 : a < b ? -1 : 1;
@@ -195,13 +188,8 @@ class ZephVM_Stack {
   // takes the room for all of its entries only when it needs it.
   static const int FirstEntries = 16;
 
-  // Room for an entry on top, nobody's and nothing's; null after an overflow.
-  Stack_Entry* Room() {
-    if (SP == room && !Grow()) return nullptr;
-    Stack_Entry* entry = &entries[SP++];
-    entry->deletable = entry->private_copy = entry->deferred = 0;
-    return entry;
-  }
+  // Room for an entry on top, to be filled; null after an overflow.
+  Stack_Entry* Room() { return top < limit || Grow() ? top++ : nullptr; }
   // Frees what an entry owns. The entry stays as it is.
   static void Free(Stack_Entry* entry) {
     if (!entry->deletable && !entry->private_copy) return;
@@ -254,9 +242,9 @@ class ZephVM_Stack {
 
   ZephVM* vm;
   Stack_Entry* entries = first_entries;
-  int SP = 0;
+  Stack_Entry* top = first_entries;  // behind the last entry
   int SS = Capacity;
-  int room = FirstEntries;
+  Stack_Entry* limit = first_entries + FirstEntries;  // of the room that there is now
   Stack_Entry first_entries[FirstEntries];
 };
 
