@@ -7,8 +7,10 @@
 #include <stddef.h>
 
 #include "api/zpConfig.h"
+#include "api/zpFile.h"
 #include "api/zpLinkBuffer.h"
 #include "api/zpProgram.h"
+#include "api/zpSystemLibrary.h"
 #include "api/zpVariable.h"
 #include "base/ConfigLibrary.h"
 #include "base/FunctionLibrary.h"

@@ -144,9 +144,9 @@ int zpProgram_RunFunction(ZPPROGRAM program, const char* name, int length, ZPVAR
 void* zpProgram_SSL_Function(ZPPROGRAM program, const char* name) {
   return Host(program)->SSL_GetFunction(name);
 }
-ZPSYSTEMLIBRARY zpProgram_SystemLibrary(ZPPROGRAM program, const char* name, int length) {
+ZPSYSTEMLIBRARY zpProgram_SystemLibrary(ZPPROGRAM program, const char* name) {
   SystemLibraryManager* manager = Host(program)->systemlibrarymanager();
-  return manager ? manager->Lookup_System_Library(name, length) : nullptr;
+  return manager ? manager->Lookup_System_Library(name, -1) : nullptr;
 }
 
 void zpProgram_ResetGlobalTimeout(ZPPROGRAM program) {

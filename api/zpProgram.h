@@ -98,7 +98,7 @@ int zpProgram_RunFunction(ZPPROGRAM program, const char* name, int length, ZPVAR
 /* A function of the TLS library that the engine uses, or null. */
 void* zpProgram_SSL_Function(ZPPROGRAM program, const char* name);
 /* A system library that the configuration names, or null. */
-ZPSYSTEMLIBRARY zpProgram_SystemLibrary(ZPPROGRAM program, const char* name, int length);
+ZPSYSTEMLIBRARY zpProgram_SystemLibrary(ZPPROGRAM program, const char* name);
 
 /* --- Time and errors -------------------------------------------------------------------------- */
 

@@ -5,12 +5,12 @@
 #ifndef ZEPH_BASE_CONFIGLIBRARY_H
 #define ZEPH_BASE_CONFIGLIBRARY_H
 
+#include "base/ExtensionHandles.h"
+
 #ifdef __cplusplus
 class ExternalConfig;
-class File;
 #else
 typedef struct ExternalConfig ExternalConfig;
-typedef struct File File;
 #endif
 
 /* The settings of one request, as a library sees them. */

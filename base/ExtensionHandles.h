@@ -5,6 +5,7 @@
 #define ZEPH_BASE_EXTENSIONHANDLES_H
 
 #ifdef __cplusplus
+class File;
 class LinkBuffer;
 class SystemLibrary;
 class Variable;
@@ -12,6 +13,7 @@ class VariableHash;
 class VariableList;
 class ZephVM;
 #else
+typedef struct File File;
 typedef struct LinkBuffer LinkBuffer;
 typedef struct SystemLibrary SystemLibrary;
 typedef struct Variable Variable;
@@ -24,6 +26,7 @@ typedef Variable* ZPVARIABLE;           /* a value of a script */
 typedef VariableList* ZPVARIABLELIST;   /* values in an order */
 typedef VariableHash* ZPVARIABLEHASH;   /* values by name and by position */
 typedef ZephVM* ZPPROGRAM;              /* the running script */
+typedef File* ZPFILE;                   /* an open file */
 typedef LinkBuffer* ZPLINKBUFFER;       /* a text that grows */
 typedef SystemLibrary* ZPSYSTEMLIBRARY; /* a shared library that the configuration names */
 

@@ -324,8 +324,18 @@ TEST_F(zpProgram, RunsExternalFunctionsByTheNameThatTheScriptDeclares) {
 TEST_F(zpProgram, SystemLibrariesAreFoundByName) {
   systems.RegisterDSO("Fake", fake.c_str());
   Call([](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE) {
-    EXPECT_NE(zpProgram_SystemLibrary(program, "fake and more", 4), nullptr);
-    EXPECT_EQ(zpProgram_SystemLibrary(program, "other", -1), nullptr);
+    ZPSYSTEMLIBRARY library = zpProgram_SystemLibrary(program, "fAKE");
+    ASSERT_NE(library, nullptr);
+    auto answer = reinterpret_cast<int (*)()>(zpSystemLibrary_GetFunction(library, "fake_answer"));
+    ASSERT_NE(answer, nullptr);
+    EXPECT_EQ(answer(), 42);
+    EXPECT_EQ(zpSystemLibrary_GetFunction(library, "nothing"), nullptr);
+    int length = -1;
+    EXPECT_STREQ(zpSystemLibrary_Error(program, library, &length), "Unknown symbol 'nothing'");
+    EXPECT_EQ(length, 24);
+    EXPECT_EQ(zpProgram_SystemLibrary(program, "other"), nullptr);
+    EXPECT_STREQ(zpSystemLibrary_Error(program, nullptr, nullptr),
+                 "System library 'other' is not configured");
     EXPECT_EQ(zpProgram_SSL_Function(program, "SSL_new"), nullptr);
   });
 }

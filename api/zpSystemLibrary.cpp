@@ -1,0 +1,21 @@
+#include "api/zpSystemLibrary.h"
+
+#include "base/ExternalLibrary.h"
+#include "base/SystemLibrary.h"
+#include "base/ZephApplication.h"
+#include "base/ZephVM.h"
+
+void* zpSystemLibrary_GetFunction(ZPSYSTEMLIBRARY library, const char* name) {
+  ExternalLibrary* file = library->library();
+  void* function = file ? file->Get_Function(name) : nullptr;
+  if (!function && file) library->Error(file->error());
+  return function;
+}
+
+const char* zpSystemLibrary_Error(ZPPROGRAM program, ZPSYSTEMLIBRARY library, int* length) {
+  SystemLibraryManager* manager = program->Application()->systemlibrarymanager();
+  static const String none;
+  const String& text = library ? library->error() : manager ? manager->error() : none;
+  if (length) *length = text.length;
+  return text.data;
+}
