@@ -62,9 +62,13 @@ void Shift(AggregateElement* element, int delta) {
 
 AggregateElementTree::AggregateElementTree() : SplayTree(1) {}
 
+// The row of the source is no less a source: as a tree it has the same elements.
 AggregateElementTree::AggregateElementTree(const AggregateElementTree& source) : SplayTree(1) {
+  const_cast<AggregateElementTree&>(source).BecomeTree();
   CopyFromSplayTree(source);
 }
+
+AggregateElementTree::~AggregateElementTree() = default;
 
 const AggregateIndex& AggregateElementTree::Key(AggregateElement* element) {
   return element->key;
@@ -73,6 +77,129 @@ const AggregateIndex& AggregateElementTree::Key(AggregateElement* element) {
 int AggregateElementTree::Compare(const AggregateIndex& key, AggregateElement* element) {
   return element->key.Compare(key);
 }
+
+// --- The row -------------------------------------------------------------------------------------
+
+// Makes the nodes and elements that the row stands for.
+void AggregateElementTree::BecomeTree() {
+  const int count = dense.count();
+  if (count == 0) return;
+  const SplayShape& shape = dense.Shape();
+  std::unique_ptr<Node*[]> nodes(new Node*[static_cast<size_t>(count) + 1]);
+  nodes[0] = nullptr;
+  for (int rank = 1; rank <= count; rank++) nodes[rank] = new Node{nullptr, nullptr, nullptr};
+  for (int rank = 1; rank <= count; rank++) {
+    nodes[rank]->left = nodes[shape.node(rank).left];
+    nodes[rank]->right = nodes[shape.node(rank).right];
+  }
+  Node* top = nodes[shape.root()];
+  const int first = dense.first();
+  const std::unique_ptr<Variable*[]> variables = dense.TakeVariables();
+  for (int i = 0; i < count; i++) {
+    nodes[i + 1]->item = new AggregateElement(first + i, variables[i]);
+  }
+  root = top;
+}
+
+void AggregateElementTree::AppendDense(int position, Variable* variable) {
+  dense.Append(position, variable);
+  entries = dense.count();
+}
+
+AggregateElementTree::Place AggregateElementTree::PlaceOf(AggregateElement* element) {
+  if (!element) return {false, 0, nullptr};
+  return {true, element->key.position, element->variable};
+}
+
+AggregateElementTree::Place AggregateElementTree::NextPlace(int position) {
+  if (position < 0) position = 0;
+  if (dense.count() == 0) return PlaceOf(Next(AggregateIndex(position)));
+  dense.Search(position);
+  if (position >= dense.last()) return {false, 0, nullptr};
+  const int next = position < dense.first() ? dense.first() : position + 1;
+  return {true, next, dense.Peek(next)};
+}
+
+AggregateElementTree::Place AggregateElementTree::PreviousPlace(int position) {
+  if (position < 0) position = 0;
+  if (dense.count() == 0) return PlaceOf(Previous(AggregateIndex(position)));
+  dense.Search(position);
+  if (position <= dense.first()) return {false, 0, nullptr};
+  const int previous = position > dense.last() ? dense.last() : position - 1;
+  return {true, previous, dense.Peek(previous)};
+}
+
+AggregateElementTree::Place AggregateElementTree::FirstPlace() {
+  if (dense.count() == 0) return PlaceOf(First());
+  return {true, dense.first(), dense.Peek(dense.first())};
+}
+
+AggregateElementTree::Place AggregateElementTree::LastPlace() {
+  if (dense.count() == 0) return PlaceOf(Last());
+  return {true, dense.last(), dense.Peek(dense.last())};
+}
+
+Variable* AggregateElementTree::InsertNew(const AggregateIndex& index) {
+  if (TakesDense(index)) {
+    auto* variable = new Variable();
+    AppendDense(index.position, variable);
+    return variable;
+  }
+  auto element = std::make_unique<AggregateElement>(index);
+  Insert(element.get());
+  return element.release()->variable;
+}
+
+void AggregateElementTree::InsertNew(const AggregateIndex& index, Variable* variable) {
+  if (variable && TakesDense(index)) {
+    variable->Hold();
+    AppendDense(index.position, variable);
+    return;
+  }
+  auto element = std::make_unique<AggregateElement>(index, variable);
+  Insert(element.get());
+  (void)element.release();
+}
+
+void AggregateElementTree::Exchange(int position, Variable* variable) {
+  if (variable) {
+    variable->Hold();
+    dense.Replace(position, variable)->Release();
+  } else {
+    Find(AggregateIndex(position))->SetVariable(nullptr);
+  }
+}
+
+int AggregateElementTree::Collapse() {
+  if (dense.count() > 0) {
+    dense.MoveTo(1);
+    return dense.count();
+  }
+  std::vector<Row> rows;
+  Listing(&rows);
+  int position = 0;
+  for (const Row& row : rows) row.element->Renumber(++position);
+  return position;
+}
+
+void AggregateElementTree::ExpectCopyOf(AggregateElementTree* source) {
+  if (source->dense.count() == 0) return;
+  dense.BecomeCopyOf(&source->dense);
+  entries = dense.count();
+}
+
+Variable* AggregateElementTree::InsertCopy(const Row& source) {
+  if (dense.count() > 0) {
+    auto* variable = new Variable();
+    dense.Replace(source.position, variable);
+    return variable;
+  }
+  auto element = std::make_unique<AggregateElement>(source.element->key);
+  Insert(element.get());
+  return element.release()->variable;
+}
+
+// --- The tree ------------------------------------------------------------------------------------
 
 int AggregateElementTree::SplayKey(const AggregateIndex& key) {
   if (key.position < 0) {
@@ -88,11 +215,21 @@ int AggregateElementTree::SplayKey(const AggregateIndex& key) {
   });
 }
 
+AggregateElement* AggregateElementTree::FindMember(const char* name, int length) {
+  BecomeTree();
+  const int order = SplayBy([name, length](AggregateElement* element) {
+    return element->key.CompareWithName(name, length);
+  });
+  return root && order == 0 ? root->item : nullptr;
+}
+
 AggregateElement* AggregateElementTree::Find(const AggregateIndex& key) {
+  BecomeTree();
   return root && SplayKey(key) == 0 ? root->item : nullptr;
 }
 
 AggregateElement* AggregateElementTree::Next(const AggregateIndex& key) {
+  BecomeTree();
   if (!root) return nullptr;
   if (SplayKey(key) < 0) return root->item;
   Node* node = root->right;
@@ -101,6 +238,7 @@ AggregateElement* AggregateElementTree::Next(const AggregateIndex& key) {
 }
 
 AggregateElement* AggregateElementTree::Previous(const AggregateIndex& key) {
+  BecomeTree();
   if (!root) return nullptr;
   if (SplayKey(key) > 0) return root->item;
   Node* node = root->left;
@@ -108,25 +246,46 @@ AggregateElement* AggregateElementTree::Previous(const AggregateIndex& key) {
   return node ? node->item : nullptr;
 }
 
+AggregateElement* AggregateElementTree::First() {
+  BecomeTree();
+  return SplayTree::First();
+}
+
+AggregateElement* AggregateElementTree::Last() {
+  BecomeTree();
+  return SplayTree::Last();
+}
+
 void AggregateElementTree::Insert(AggregateElement* element) {
+  BecomeTree();
   InsertAtRoot(element, root ? SplayKey(element->key) : 0);
 }
 
-AggregateElement* AggregateElementTree::InsertNew(const AggregateIndex& index) {
-  auto element = std::make_unique<AggregateElement>(index);
-  Insert(element.get());
-  return element.release();
+AggregateElement* AggregateElementTree::Remove(const AggregateIndex& key) {
+  BecomeTree();
+  return SplayTree::Remove(key);
 }
 
-AggregateElement* AggregateElementTree::InsertNew(const AggregateIndex& index, Variable* variable) {
-  auto element = std::make_unique<AggregateElement>(index, variable);
-  Insert(element.get());
-  return element.release();
+void AggregateElementTree::Dump() {
+  if (dense.count() > 0) entries = 0;
+  dense.Drop();
+  SplayTree::Dump();
 }
 
+void AggregateElementTree::AppendToList(List<AggregateElement>& list) {
+  BecomeTree();
+  SplayTree::AppendToList(list);
+}
+
+// Behind the last element there is nothing to move: what is left is the search.
 void AggregateElementTree::Displace(int from, int delta) {
-  if (delta == 0 || !root) return;
+  if (delta == 0 || IsEmpty()) return;
   const AggregateIndex first(from);
+  if (dense.count() > 0 && first.position > dense.last()) {
+    dense.Search(first.position);
+    return;
+  }
+  BecomeTree();
   Splay(first);
   if (root->item->key.position >= first.position) Shift(root->item, delta);
   if (!root->right) return;
@@ -154,29 +313,57 @@ void AggregateElementTree::DisplaceStack(int delta, SplayTreeNode<AggregateEleme
   }
 }
 
-void AggregateElementTree::Listing(std::vector<AggregateElement*>* elements) const {
+// --- Listings ------------------------------------------------------------------------------------
+
+namespace {
+AggregateElementTree::Row RowOf(AggregateElement* element) {
+  return {element, element->index().position, element->var()};
+}
+}  // namespace
+
+void AggregateElementTree::Listing(std::vector<Row>* rows) {
+  if (rows->empty()) rows->reserve(static_cast<size_t>(Entries()));
+  for (int i = 0; i < dense.count(); i++) {
+    const int position = dense.first() + i;
+    rows->push_back({nullptr, position, dense.Peek(position)});
+  }
   // A path from the root is no longer than the tree has elements.
   Node* near[kRecursionLimit];
   std::unique_ptr<Node*[]> far;
   Node** above = near;
-  if (Entries() > kRecursionLimit) {
+  if (root && Entries() > kRecursionLimit) {
     far.reset(new Node*[static_cast<size_t>(Entries())]);
     above = far.get();
   }
-  if (elements->empty()) elements->reserve(static_cast<size_t>(Entries()));
   int depth = 0;
   Node* node = root;
   while (node || depth > 0) {
     for (; node; node = node->left) above[depth++] = node;
     node = above[--depth];
-    elements->push_back(node->item);
+    rows->push_back(RowOf(node->item));
     node = node->right;
   }
 }
 
-void AggregateElementTree::ListingForCopy(std::vector<AggregateElement*>* elements) const {
+void AggregateElementTree::Listing(std::vector<AggregateElement*>* elements) {
+  BecomeTree();
+  std::vector<Row> rows;
+  Listing(&rows);
+  for (const Row& row : rows) elements->push_back(row.element);
+}
+
+void AggregateElementTree::ListingForCopy(std::vector<Row>* rows) {
   if (Entries() <= kRecursionLimit) {
-    Listing(elements);
+    Listing(rows);
+    return;
+  }
+  if (dense.count() > 0) {
+    std::vector<int> ranks;
+    dense.OrderForCopy(&ranks);
+    for (const int rank : ranks) {
+      const int position = dense.first() + rank - 1;
+      rows->push_back({nullptr, position, dense.Peek(position)});
+    }
     return;
   }
   std::vector<Node*> pending(1, root);
@@ -185,6 +372,6 @@ void AggregateElementTree::ListingForCopy(std::vector<AggregateElement*>* elemen
     pending.pop_back();
     if (node->left) pending.push_back(node->left);
     if (node->right) pending.push_back(node->right);
-    elements->push_back(node->item);
+    rows->push_back(RowOf(node->item));
   }
 }

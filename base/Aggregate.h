@@ -1,6 +1,6 @@
 // Arrays and structures: the keys of elements, the elements, and the tree that holds those of one
-// variable. Both kinds are one splay tree, so an array is sparse and the element touched last is
-// found at once.
+// variable. To scripts both kinds are one splay tree: an array is sparse, and what searches and
+// removals do is what that tree does.
 
 #ifndef ZEPH_BASE_AGGREGATE_H
 #define ZEPH_BASE_AGGREGATE_H
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/BaseTemplates.h"
+#include "base/DenseElements.h"
 #include "base/FreeList.h"
 #include "base/StringClass.h"
 #include "base/Variable.h"
@@ -41,20 +42,21 @@ class AggregateIndex {
     if (position != -1) {
       return position == other.position ? 0 : position > other.position ? -1 : 1;
     }
-    return CompareNames(other);
+    return CompareWithName(other.key.data, other.key.length);
+  }
+
+  // The same for the name of a member.
+  int CompareWithName(const char* name, int length) const {
+    if (position != -1) return position > -1 ? -1 : 1;
+    const int common = key.length < length ? key.length : length;
+    const int order = common > 0 ? memcmpi(name, key.data, static_cast<size_t>(common)) : 0;
+    return order != 0 ? order : length - key.length;
   }
 
   // The name, or the decimal text of the position.
   operator String&();
   // ":name" or "[position]", as paths are written; empty for an empty name.
   String& serialized();
-
- private:
-  int CompareNames(const AggregateIndex& other) const {
-    const int common = key.length < other.key.length ? key.length : other.key.length;
-    const int order = common > 0 ? memcmpi(other.key.data, key.data, common) : 0;
-    return order != 0 ? order : other.key.length - key.length;
-  }
 };
 
 // One element: its key and its variable, on which it holds a count.
@@ -82,39 +84,91 @@ class AggregateElement {
  private:
   friend class AggregateElementTree;
 
+  // Adopts a count on the variable.
+  AggregateElement(int position, Variable* adopted) : key(position), variable(adopted) {}
+
   AggregateIndex key;
   Variable* variable;
 };
 
 // The elements of one variable, which it owns. All keys are of one kind.
+//
+// An array whose positions have no gap, from 1 or 0 on, is a row of variables (DenseElements). What
+// the row has no answer for makes it the tree for good: a key that leaves a gap, a removal, an
+// insertion before others, and whoever asks for an AggregateElement.
 class AggregateElementTree : public SplayTree<AggregateElement, const AggregateIndex&> {
  public:
+  ZEPH_FREE_LIST_OPERATORS(AggregateElementTree)
+
+  // An element where it stands, by its position and variable.
+  struct Place {
+    bool there;
+    int position;
+    Variable* variable;
+  };
+  // The same of any kind, with the element if it is in a tree.
+  struct Row {
+    AggregateElement* element;
+    int position;
+    Variable* variable;
+  };
+
   AggregateElementTree();
   // Copies the elements, each with a deep copy of its value.
   AggregateElementTree(const AggregateElementTree& source);
+  ~AggregateElementTree() override;
 
-  // Those of the base with the comparison in line: they are what scripts do with arrays.
+  // --- By variable -----------------------------------------------------------------------------
+  // Whether this is a row: then all elements have a variable and a position.
+  bool IsRow() const { return dense.count() > 0; }
+  // Of a row, the variable at a position of 0 or more, or null; a search.
+  Variable* SearchRow(int position) { return dense.Find(position); }
+  // The element of that name, which is only looked at; a search.
+  AggregateElement* FindMember(const char* name, int length);
+  // The next greater and the next lesser position. As Next and Previous a search for the position
+  // itself.
+  Place NextPlace(int position);
+  Place PreviousPlace(int position);
+  // The least and the greatest position, which are no searches.
+  Place FirstPlace();
+  Place LastPlace();
+  // Inserts a key that is not there, with a new variable, which is answered, or with a count on a
+  // given one, which may be null.
+  Variable* InsertNew(const AggregateIndex& index);
+  void InsertNew(const AggregateIndex& index, Variable* variable);
+  // Of a row, puts another variable, with a count on it, at a position that is there.
+  void Exchange(int position, Variable* variable);
+  // Gives all elements the positions from 1 on and answers their count.
+  int Collapse();
+
+  // Appends all elements in the order of their keys. Walks of a whole tree go through this, never
+  // through Next: they change nothing, and meet every element.
+  void Listing(std::vector<Row>* rows);
+  // Appends them in the order in which a copy inserts them, which decides the shape of its tree.
+  void ListingForCopy(std::vector<Row>* rows);
+  // Makes this empty tree ready for copies of all elements of the source. They come by InsertCopy
+  // in that order, each with a new variable, which is answered.
+  void ExpectCopyOf(AggregateElementTree* source);
+  Variable* InsertCopy(const Row& source);
+
+  // --- By element ------------------------------------------------------------------------------
+  // Those of the base, on the tree; with the comparison in line where scripts use them.
   AggregateElement* Find(const AggregateIndex& key) override;
   AggregateElement* Next(const AggregateIndex& key) override;
   AggregateElement* Previous(const AggregateIndex& key) override;
+  AggregateElement* First() override;
+  AggregateElement* Last() override;
   void Insert(AggregateElement* element) override;
-
-  // Inserts a new element for a key that is not there, with a new variable or sharing a given one,
-  // and answers it.
-  AggregateElement* InsertNew(const AggregateIndex& index);
-  AggregateElement* InsertNew(const AggregateIndex& index, Variable* variable);
+  AggregateElement* Remove(const AggregateIndex& key) override;
+  void Dump() override;
+  void AppendToList(List<AggregateElement>& list);
+  void Listing(std::vector<AggregateElement*>* elements);
 
   // Adds delta to all positions from the given one on. The order stays, so nothing is rebalanced; a
   // negative delta larger than the gap lets keys meet.
   virtual void Displace(int from, int delta);
   virtual void DisplaceRecurse(int delta, SplayTreeNode<AggregateElement>* node);
   virtual void DisplaceStack(int delta, SplayTreeNode<AggregateElement>* node);
-
-  // Appends all elements in the order of their keys. Walks of a whole tree go through this, never
-  // through Next: they change nothing, and meet every element.
-  void Listing(std::vector<AggregateElement*>* elements) const;
-  // Appends them in the order in which a copy inserts them, which decides the shape of its tree.
-  void ListingForCopy(std::vector<AggregateElement*>* elements) const;
 
  protected:
   const AggregateIndex& Key(AggregateElement* element) override;
@@ -123,8 +177,16 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
  private:
   friend class Variable;
 
+  bool IsEmpty() const { return Entries() == 0; }
+  bool TakesDense(const AggregateIndex& index) const {
+    return !root && index.position >= 0 && dense.Takes(index.position);
+  }
+  void AppendDense(int position, Variable* variable);
+  void BecomeTree();
   int SplayKey(const AggregateIndex& key);
+  static Place PlaceOf(AggregateElement* element);
 
+  DenseElements dense;                           // with elements in it, root is null
   AggregateElementTree* next_deleted = nullptr;  // the chain of trees that wait for their deletion
 };
 

@@ -564,25 +564,24 @@ AggregateElementTree* Variable::CopyElementTree(Variable* source) {
       open.pop_back();
       continue;
     }
-    if (!walk.element()) {
+    if (walk.at_root()) {
+      copy->ExpectCopyOf(walk.identity()->aggregateelements());
       open.push_back(copy.get());
       continue;
     }
-    auto element = std::make_unique<AggregateElement>(walk.element()->index());
-    Variable* variable = element->var();
+    Variable* variable = open.back()->InsertCopy(walk.row());
     variable->SetName(walk.variable()->name_);
-    AggregateElementTree* parent = open.back();
     if (step == VariableWalk::Enter) {
+      AggregateElementTree* tree = walk.identity()->aggregateelements();
       variable->elements = new AggregateElementTree();
       variable->aggregate = walk.identity()->aggregatetype();
+      variable->elements->ExpectCopyOf(tree);
       open.push_back(variable->elements);
     } else if (step == VariableWalk::Scalar) {
       variable->CopyScalar(*walk.identity());
     } else {
       variable->Convert_String();
     }
-    parent->Insert(element.get());
-    (void)element.release();
   }
   return copy.release();
 }

@@ -13,7 +13,6 @@
 #include "base/SharedName.h"
 #include "base/StringClass.h"
 
-class AggregateElement;
 class AggregateElementTree;
 class AggregateIndex;
 class DeferredText;
@@ -349,7 +348,7 @@ class Variable {
   void ReferTo(Variable* target);
   void Rebind(Variable* target);
   void PlaceRange(Variable* source, int start, int end, int delta, bool copy);
-  void PlaceElement(AggregateElement* element, int delta, bool copy);
+  void PlaceElement(Variable* element, int position, bool copy);
   void NoteEdge(Variable* target);
   void ForgetSuspect();
   static AggregateElementTree* CopyElementTree(Variable* source);

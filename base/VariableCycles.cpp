@@ -54,10 +54,10 @@ class VariableCycles {
     // A reference has as many counts on its target as there are on itself.
     if (variable->reference) visit(variable->reference, variable->refcount_);
     if (!variable->elements) return;
-    std::vector<AggregateElement*> elements;
-    variable->elements->Listing(&elements);
-    for (AggregateElement* element : elements) {
-      if (element->var()) visit(element->var(), 1);
+    std::vector<AggregateElementTree::Row> rows;
+    variable->elements->Listing(&rows);
+    for (const auto& row : rows) {
+      if (row.variable) visit(row.variable, 1);
     }
   }
 

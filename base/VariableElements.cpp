@@ -2,8 +2,6 @@
 // scripts unchecked, so sums wrap and every walk ends. Tested in
 // tests/base/VariableElementsTest.cpp.
 
-#include <vector>
-
 #include "base/Aggregate.h"
 #include "base/Variable.h"
 #include "base/VariableRef.h"
@@ -28,20 +26,28 @@ Variable* Variable::Element(const AggregateIndex& index, int create) {
     if (!create) return nullptr;
     Convert_Aggregate(kind);
   }
-  AggregateElement* element = elements->Find(index);
-  if (!element) {
-    if (!create) return nullptr;
-    element = elements->InsertNew(index);
+  if (elements->IsRow()) {
+    if (Variable* found = elements->SearchRow(index.position)) return found;
+  } else if (AggregateElement* element = elements->Find(index)) {
+    return element->var();
   }
-  return element->var();
+  return create ? elements->InsertNew(index) : nullptr;
 }
 
 Variable* Variable::At(int position, int create) {
+  if (IsPlain() && aggregate == AggregateArray && elements->IsRow()) {
+    if (Variable* found = elements->SearchRow(position < 0 ? 0 : position)) return found;
+    return create ? elements->InsertNew(AggregateIndex(position)) : nullptr;
+  }
   return Element(AggregateIndex(position), create);
 }
 
 Variable* Variable::Member(const char* name, int length, int create) {
-  return Element(AggregateIndex(name, length), create);
+  if (!IsPlain() || aggregate != AggregateStructure) {
+    return Element(AggregateIndex(name, length), create);
+  }
+  if (AggregateElement* element = elements->FindMember(name, length)) return element->var();
+  return create ? elements->InsertNew(AggregateIndex(name, length)) : nullptr;
 }
 
 Variable* Variable::Element(List<AggregateIndex>* path, int create) {
@@ -61,7 +67,16 @@ void Variable::SetElement(const AggregateIndex& index, Variable* variable) {
   }
   const VariableRef pin = VariableRef::Share(variable);
   const AggregateType kind = index.kind();
-  AggregateElement* element = aggregate == kind ? elements->Find(index) : nullptr;
+  AggregateElement* element = nullptr;
+  if (aggregate == kind && elements->IsRow()) {
+    if (elements->SearchRow(index.position)) {
+      elements->Exchange(index.position, variable);
+      NoteEdge(variable);
+      return;
+    }
+  } else if (aggregate == kind) {
+    element = elements->Find(index);
+  }
   if (element) {
     element->SetVariable(variable);
   } else {
@@ -132,14 +147,14 @@ void Variable::DeleteElements(int start, int count, bool compact) {
   if (compact) elements->Displace(end, WrapSubtract(0, count));
 }
 
-// Makes a copy of an element's variable, or that variable itself, the element delta positions on.
-void Variable::PlaceElement(AggregateElement* element, int delta, bool copy) {
-  const AggregateIndex place(WrapAdd(element->index().position, delta));
-  if (!copy) {
-    SetElement(place, element->var());
+// Makes a copy of an element's variable, or that variable itself, the element at the position.
+void Variable::PlaceElement(Variable* element, int position, bool copy) {
+  const AggregateIndex place(position);
+  if (!copy || !element) {
+    SetElement(place, element);
     return;
   }
-  const VariableRef variable(new Variable(*element->var()));
+  const VariableRef variable(new Variable(*element));
   SetElement(place, variable.get());
 }
 
@@ -147,14 +162,14 @@ void Variable::PlaceElement(AggregateElement* element, int delta, bool copy) {
 // own elements those just placed may lie ahead; no honest walk visits more than were there.
 void Variable::PlaceRange(Variable* source, int start, int end, int delta, bool copy) {
   int left = source->ElementsUsed();
-  AggregateElementTree* tree = source->aggregateelements();
-  AggregateElement* element = tree->Next(AggregateIndex(WrapSubtract(start, 1)));
-  while (element && element->index().position < end && left-- > 0) {
-    const AggregateIndex position(element->index().position);
-    PlaceElement(element, delta, copy);
-    tree = source->aggregateelements();
-    element = tree ? tree->Next(position) : nullptr;
-    if (element && element->index().position <= position.position) return;
+  auto place = source->aggregateelements()->NextPlace(WrapSubtract(start, 1));
+  while (place.there && place.position < end && left-- > 0) {
+    const int position = place.position;
+    PlaceElement(place.variable, WrapAdd(position, delta), copy);
+    AggregateElementTree* tree = source->aggregateelements();
+    if (!tree) return;
+    place = tree->NextPlace(position);
+    if (place.position <= position) return;
   }
 }
 
@@ -184,14 +199,14 @@ void Variable::CopyElements(Variable* source, int start, int count, int dest, bo
     return;
   }
   // Downward, so that an overlapping range is read before it is overwritten.
-  AggregateElementTree* tree = from->aggregateelements();
-  AggregateElement* element = tree->Previous(AggregateIndex(end));
-  while (element && element->index().position >= start) {
-    const AggregateIndex position(element->index().position);
-    PlaceElement(element, delta, copy);
-    tree = from->aggregateelements();
-    element = tree ? tree->Previous(position) : nullptr;
-    if (element && element->index().position >= position.position) return;
+  auto place = from->aggregateelements()->PreviousPlace(end);
+  while (place.there && place.position >= start) {
+    const int position = place.position;
+    PlaceElement(place.variable, WrapAdd(position, delta), copy);
+    AggregateElementTree* tree = from->aggregateelements();
+    if (!tree) return;
+    place = tree->PreviousPlace(position);
+    if (place.position >= position) return;
   }
 }
 
@@ -232,39 +247,31 @@ void Variable::MergeElements(Variable* source, int start, int count, int dest, b
 int Variable::CollapseElements() {
   if (reference) return Final()->CollapseElements();
   if (aggregate != AggregateArray) return 0;
-  std::vector<AggregateElement*> listing;
-  elements->Listing(&listing);
-  int position = 0;
-  for (AggregateElement* element : listing) element->Renumber(++position);
-  return position;
+  return elements->Collapse();
 }
 
 int Variable::Max() {
   if (reference) return Final()->Max();
-  AggregateElement* last = elements ? elements->Last() : nullptr;
-  return last ? last->index().position : 0;
+  return elements ? elements->LastPlace().position : 0;
 }
 
 int Variable::Min() {
   if (reference) return Final()->Min();
-  AggregateElement* first = elements ? elements->First() : nullptr;
-  return first ? first->index().position : 0;
+  return elements ? elements->FirstPlace().position : 0;
 }
 
 int Variable::Next(int position) {
   if (reference) return Final()->Next(position);
   if (!elements) return 0;
   if (aggregate != AggregateArray) return -1;
-  AggregateElement* element = elements->Next(AggregateIndex(position));
-  return element ? element->index().position : 0;
+  return elements->NextPlace(position).position;
 }
 
 int Variable::Previous(int position) {
   if (reference) return Final()->Previous(position);
   if (!elements) return 0;
   if (aggregate != AggregateArray) return -1;
-  AggregateElement* element = elements->Previous(AggregateIndex(position));
-  return element ? element->index().position : 0;
+  return elements->PreviousPlace(position).position;
 }
 
 int Variable::ElementsUsed() {

@@ -2,11 +2,10 @@
 
 #include "base/VariableWalk.h"
 
-#include "base/Aggregate.h"
 #include "base/Variable.h"
 
 VariableWalk::VariableWalk(Variable* root, Order walk_order) : order(walk_order) {
-  if (root) pending.push_back({nullptr, root, nullptr, false});
+  if (root) pending.push_back({{nullptr, 0, root}, nullptr, true, false});
 }
 
 VariableWalk::~VariableWalk() {
@@ -23,7 +22,7 @@ VariableWalk::Step VariableWalk::Next() {
     item.identity->walked = 0;
     return Leave;
   }
-  item.identity = item.variable->RealIdentity();
+  item.identity = item.row.variable->RealIdentity();
   if (item.identity->walked) {
     pending.pop_back();
     return Repeated;
@@ -40,6 +39,14 @@ VariableWalk::Step VariableWalk::Next() {
   return Enter;
 }
 
+AggregateIndex& VariableWalk::index() {
+  if (item.row.element) return item.row.element->index();
+  position_key.position = item.row.position;
+  position_key.key.destroy();
+  position_key.serialized_text.destroy();
+  return position_key;
+}
+
 void VariableWalk::PushElements(AggregateElementTree* tree) {
   listing.clear();
   if (order == ByKey) {
@@ -47,9 +54,7 @@ void VariableWalk::PushElements(AggregateElementTree* tree) {
   } else {
     tree->ListingForCopy(&listing);
   }
-  for (auto element = listing.rbegin(); element != listing.rend(); ++element) {
-    if (Variable* variable = (*element)->var()) {
-      pending.push_back({*element, variable, nullptr, false});
-    }
+  for (auto row = listing.rbegin(); row != listing.rend(); ++row) {
+    if (row->variable) pending.push_back({*row, nullptr, false, false});
   }
 }

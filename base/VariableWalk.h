@@ -6,9 +6,7 @@
 
 #include <vector>
 
-class AggregateElement;
-class AggregateElementTree;
-class Variable;
+#include "base/Aggregate.h"
 
 // Visits a variable and all below it, depth first. Whoever prints, copies or sends a value walks:
 //
@@ -37,26 +35,31 @@ class VariableWalk {
   VariableWalk& operator=(const VariableWalk&) = delete;
 
   Step Next();
-  // Of the last step: the element, null for the root; the variable that stands there; and the
-  // variable at the end of its references, which has the value. At Leave they are those of Enter.
-  AggregateElement* element() const { return item.element; }
-  Variable* variable() const { return item.variable; }
+  // Of the last step: whether it is at the variable that the walk began with; the key of the
+  // element, good until the next step and without meaning at the root; the variable that stands
+  // there; and the variable at the end of its references, which has the value. At Leave they are
+  // those of Enter.
+  bool at_root() const { return item.is_root; }
+  AggregateIndex& index();
+  const AggregateElementTree::Row& row() const { return item.row; }
+  Variable* variable() const { return item.row.variable; }
   Variable* identity() const { return item.identity; }
 
  private:
   struct Item {
-    AggregateElement* element;
-    Variable* variable;
+    AggregateElementTree::Row row;
     Variable* identity;
+    bool is_root;
     bool entered;
   };
 
   void PushElements(AggregateElementTree* tree);
 
   Order order;
-  Item item = {nullptr, nullptr, nullptr, false};
-  std::vector<Item> pending;               // the next one last; entered ones stand for their Leave
-  std::vector<AggregateElement*> listing;  // of one aggregate, kept for its memory
+  Item item = {{nullptr, 0, nullptr}, nullptr, true, false};
+  std::vector<Item> pending;  // the next one last; entered ones stand for their Leave
+  std::vector<AggregateElementTree::Row> listing;  // of one aggregate, kept for its memory
+  AggregateIndex position_key;                     // what index() answers in an array
 };
 
 #endif

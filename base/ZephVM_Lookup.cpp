@@ -142,7 +142,7 @@ void ZephVM::HideVar(const String& name, Variable* variable) {
       continue;
     }
     const size_t length = path.size();
-    if (walk.element()) AppendKey(&path, walk.element()->index());
+    if (!walk.at_root()) AppendKey(&path, walk.index());
     if (step == VariableWalk::Enter) {
       outer.push_back(length);
       continue;

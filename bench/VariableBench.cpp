@@ -1,5 +1,6 @@
 // Values, arrays and tables, as a request makes and drops them.
 
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -39,7 +40,7 @@ void FillArray(benchmark::State& state) {
   const int count = static_cast<int>(state.range(0));
   for (auto _ : state) {
     const VariableRef array(new Variable());
-    for (int i = 1; i <= count; i++) array->Element(AggregateIndex(i), 1)->SetValue_Integer(i);
+    for (int i = 1; i <= count; i++) array->At(i, 1)->SetValue_Integer(i);
   }
   state.SetItemsProcessed(state.iterations() * count);
 }
@@ -47,7 +48,7 @@ BENCHMARK(FillArray)->Arg(10)->Arg(1000)->Arg(300000);
 
 VariableRef FilledArray(int count) {
   VariableRef array(new Variable());
-  for (int i = 1; i <= count; i++) array->Element(AggregateIndex(i), 1)->SetValue_Integer(i);
+  for (int i = 1; i <= count; i++) array->At(i, 1)->SetValue_Integer(i);
   return array;
 }
 
@@ -57,7 +58,7 @@ void ReadArrayInOrder(benchmark::State& state) {
   int sum = 0;
   for (auto _ : state) {
     for (int i = 1; i <= count; i++) {
-      sum += array->Element(AggregateIndex(i), 0)->value_integer();
+      sum += array->At(i, 0)->value_integer();
     }
   }
   benchmark::DoNotOptimize(sum);
@@ -73,7 +74,7 @@ void ReadArrayAtRandom(benchmark::State& state) {
   for (auto _ : state) {
     place = place * 1664525u + 1013904223u;
     const int position = static_cast<int>(place >> 8) % count + 1;
-    sum += array->Element(AggregateIndex(position), 0)->value_integer();
+    sum += array->At(position, 0)->value_integer();
   }
   benchmark::DoNotOptimize(sum);
 }
@@ -96,7 +97,8 @@ void ReadMembers(benchmark::State& state) {
   for (const char* name : names) structure->Element(AggregateIndex(name, -1), 1);
   size_t i = 0;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(structure->Element(AggregateIndex(names[i++ % 5], -1), 0));
+    const char* name = names[i++ % 5];
+    benchmark::DoNotOptimize(structure->Member(name, static_cast<int>(strlen(name)), 0));
   }
 }
 BENCHMARK(ReadMembers);

@@ -122,11 +122,11 @@ TEST(AggregateElement, SettingItsOwnVariableIsHarmless) {
 
 // --- AggregateElementTree ------------------------------------------------------------------------
 
-std::vector<int> Positions(const AggregateElementTree& tree) {
-  std::vector<AggregateElement*> elements;
-  tree.Listing(&elements);
+std::vector<int> Positions(AggregateElementTree& tree) {
+  std::vector<AggregateElementTree::Row> rows;
+  tree.Listing(&rows);
   std::vector<int> positions;
-  for (AggregateElement* element : elements) positions.push_back(element->index().position);
+  for (const auto& row : rows) positions.push_back(row.position);
   return positions;
 }
 
@@ -173,7 +173,8 @@ TEST(AggregateElementTree, DisplaceMovesEveryElementOfAnySize) {
 
 TEST(AggregateElementTree, DisplaceClearsTheTextOfTheOldPosition) {
   AggregateElementTree tree;
-  AggregateElement* element = tree.InsertNew(AggregateIndex(2));
+  tree.InsertNew(AggregateIndex(2));
+  AggregateElement* element = tree.Find(AggregateIndex(2));
   (void)static_cast<String&>(element->index());
   element->index().serialized();
   tree.Displace(1, 3);
@@ -185,7 +186,7 @@ TEST(AggregateElementTree, ACopyIsDeep) {
   for (int count : {99, 100}) {
     SCOPED_TRACE(count);
     AggregateElementTree tree;
-    for (int i = 1; i <= count; i++) tree.InsertNew(AggregateIndex(i))->var()->SetValue_Integer(i);
+    for (int i = 1; i <= count; i++) tree.InsertNew(AggregateIndex(i))->SetValue_Integer(i);
     AggregateElementTree copy(tree);
     EXPECT_EQ(copy.Entries(), count);
     EXPECT_EQ(Positions(copy), Positions(tree));
@@ -199,7 +200,7 @@ TEST(AggregateElementTree, AListingForACopyHasEveryElementOnce) {
     SCOPED_TRACE(count);
     AggregateElementTree tree;
     for (int i = 1; i <= count; i++) tree.InsertNew(AggregateIndex(i * 37 % 1009));
-    std::vector<AggregateElement*> listing;
+    std::vector<AggregateElementTree::Row> listing;
     tree.ListingForCopy(&listing);
     EXPECT_EQ(listing.size(), static_cast<size_t>(count));
   }

@@ -44,11 +44,11 @@ VariableRef Array(const std::map<int, string>& content) {
 std::map<int, string> Content(Variable* array) {
   std::map<int, string> content;
   if (!array->aggregateelements()) return content;
-  std::vector<AggregateElement*> elements;
-  array->aggregateelements()->Listing(&elements);
-  for (AggregateElement* element : elements) {
-    EXPECT_TRUE(content.emplace(element->index().position, Value(element->var())).second)
-        << "two elements at " << element->index().position;
+  std::vector<AggregateElementTree::Row> rows;
+  array->aggregateelements()->Listing(&rows);
+  for (const auto& row : rows) {
+    EXPECT_TRUE(content.emplace(row.position, Value(row.variable)).second)
+        << "two elements at " << row.position;
   }
   return content;
 }
@@ -87,10 +87,10 @@ TEST(Element, MemberNamesIgnoreCaseAndKeepTheFirstSpelling) {
   const VariableRef variable = New();
   Variable* element = variable->Element(AggregateIndex("Name", 4), 1);
   EXPECT_EQ(variable->Element(AggregateIndex("NAME", 4), 1), element);
-  std::vector<AggregateElement*> elements;
+  std::vector<AggregateElementTree::Row> elements;
   variable->aggregateelements()->Listing(&elements);
   ASSERT_EQ(elements.size(), 1u);
-  EXPECT_STREQ(elements[0]->index().key.data, "Name");
+  EXPECT_STREQ(elements[0].element->index().key.data, "Name");
 }
 
 TEST(Element, ASparseArrayHoldsOnlyWhatWasWritten) {
@@ -318,7 +318,7 @@ TEST(DeleteElements, EndsOnEveryTreeThatRemovalsLeave) {
         default: array->Element(AggregateIndex(position), 0); break;
       }
     }
-    std::vector<AggregateElement*> elements;
+    std::vector<AggregateElementTree::Row> elements;
     array->aggregateelements()->Listing(&elements);
     ASSERT_EQ(elements.size(), static_cast<size_t>(array->ElementsUsed()));
   }

@@ -52,11 +52,11 @@ TEST(VariableWalk, FollowsReferencesAndTellsWhatStandsThere) {
   At(variable, 1)->Make_Reference(target.get());
   VariableWalk walk(variable.get());
   EXPECT_EQ(walk.Next(), VariableWalk::Enter);
-  EXPECT_EQ(walk.element(), nullptr);
+  EXPECT_TRUE(walk.at_root());
   EXPECT_EQ(walk.Next(), VariableWalk::Scalar);
   EXPECT_EQ(walk.identity(), target.get());
   EXPECT_EQ(walk.variable(), At(variable, 1));
-  EXPECT_EQ(walk.element()->index().position, 1);
+  EXPECT_EQ(walk.index().position, 1);
   EXPECT_EQ(walk.Next(), VariableWalk::Leave);
   EXPECT_EQ(walk.variable(), variable.get());
   EXPECT_EQ(walk.Next(), VariableWalk::End);
