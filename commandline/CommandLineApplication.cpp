@@ -205,11 +205,15 @@ bool CommandLineApplication::InitializeDirectories() {
   if (temporary && !file_manager->InitializeTempDirectory(temporary)) {
     return Fail("", file_manager->error());
   }
+  if (const char* data = configuration->value_string(Config_dir_data)) {
+    return file_manager->InitializeDataDirectory(data) || Fail("", file_manager->error());
+  }
+  // Nobody asked for it, so a script that needs no files runs where it cannot be used, too.
   char working_directory[PATH_MAX];
-  const char* data = configuration->value_string(Config_dir_data);
-  if (!data) data = getcwd(working_directory, sizeof working_directory);
-  if (!data) return Fail("working directory", lasterror());
-  return file_manager->InitializeDataDirectory(data) || Fail("", file_manager->error());
+  if (getcwd(working_directory, sizeof working_directory)) {
+    static_cast<void>(file_manager->InitializeDataDirectory(working_directory));
+  }
+  return true;
 }
 
 void CommandLineApplication::AddArguments(const Options& options) {

@@ -192,7 +192,7 @@ TEST_F(zpFile, NamesAreWorkedOn) {
 }
 
 TEST_F(zpFile, TemporaryFilesGetANameOfTheirOwn) {
-  Inside([this](ZPPROGRAM program) {
+  Inside([](ZPPROGRAM program) {
     char* name = nullptr;
     ZPFILE file = zpFile_MakeTemporary(program, ZPFILE_DATA, "", -1, "prefix", &name, ZPFILE_WRITE);
     ASSERT_NE(file, nullptr);

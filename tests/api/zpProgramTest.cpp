@@ -179,6 +179,22 @@ TEST_F(zpProgram, WritesToTheOutput) {
   EXPECT_EQ(output.flushes, 1);
 }
 
+// What a value without a text answers may be passed on as it is.
+TEST_F(zpProgram, ANullTextOfNoLengthIsAnEmptyOne) {
+  Call([](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE result) {
+    EXPECT_EQ(zpProgram_Output(program, nullptr, 0), 0);
+    int length = -1;
+    EXPECT_EQ(Taken(zpProgram_Entity_Encode(program, nullptr, 0, &length, nullptr), 0), "");
+    EXPECT_EQ(length, 0);
+    zpVariable_SetValue(result, nullptr, 0);
+    EXPECT_EQ(Value(result), "");
+    ZPLINKBUFFER buffer = zpLinkBuffer_Allocate(8, 8);
+    zpLinkBuffer_Concat_String(buffer, nullptr, 0);
+    zpLinkBuffer_Free(buffer);
+  });
+  EXPECT_EQ(output.text, "");
+}
+
 TEST_F(zpProgram, HeaderTextsMayBeHandedOver) {
   Call([](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE) {
     char* name = zpProgram_Allocate(program, 5);

@@ -88,6 +88,13 @@ TEST_F(Extension, AVariablePassedByValueStaysAsItIs) {
   ExpectPage("2a b22");
 }
 
+TEST_F(Extension, AValueThatIsNotThereIsAnEmptyText) {
+  Script(
+      "pushg nothing\ncall slug\nout\npushc \"|\"\nout\npushg nothing\npushg report\ncall measure\n"
+      "out\npushg report\nout\n");
+  ExpectPage("|00,0,,0");
+}
+
 TEST_F(Extension, StateIsKeptFromCallToCall) {
   Script(Slug("Ten Years After!") + Slug("ten - years\\tafter") + Slug("Ten Years, After 2") +
          Slug("Ten years after") + Slug("") + Slug("\\xC3\\x84 b"));

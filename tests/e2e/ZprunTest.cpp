@@ -204,6 +204,18 @@ TEST_F(Zprun, DirectoriesThatCannotBeUsedAreTold) {
                 "The configured temporary directory does not exist");
 }
 
+TEST_F(Zprun, AWorkingDirectoryThatIsGoneDoesNotMatter) {
+  Script("page.zpc", Writes("page"));
+  Command command({"/bin/sh", "-c",
+                   "mkdir gone && cd gone && rmdir ../gone && exec " + program + " " +
+                       directory.path("page.zpc")});
+  command.directory = directory.path();
+  command.environment = environment;
+  EXPECT_EQ(command.Run(), 0);
+  EXPECT_EQ(command.output, "page");
+  EXPECT_EQ(command.errors, "");
+}
+
 // --- Output --------------------------------------------------------------------------------------
 
 TEST_F(Zprun, OutputThatCannotBeWrittenIsAnError) {
