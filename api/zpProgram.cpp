@@ -1,5 +1,6 @@
 #include "api/zpProgram.h"
 
+#include "api/FileLocation.h"
 #include "base/ExternalCall.h"
 #include "base/Output.h"
 #include "base/SystemLibrary.h"
@@ -154,6 +155,16 @@ void zpProgram_ResetGlobalTimeout(ZPPROGRAM program) {
 }
 void zpProgram_Sleep(ZPPROGRAM program, int milliseconds) {
   Host(program)->Sleep(milliseconds);
+}
+void zpProgram_Asynchronous_Sleep(ZPPROGRAM program, long wakeat, int location, const char* path,
+                                  int length) {
+  if (!path) {
+    Host(program)->AsynchronousSleep(wakeat, ZephPath_Data, nullptr);
+    return;
+  }
+  String place;
+  const Zeph_PathType type = __zpFile_Location(program, location, path, length, place);
+  Host(program)->AsynchronousSleep(wakeat, type, place.data);
 }
 int zpProgram_FatalError(ZPPROGRAM program, const char* message, int length) {
   return program->FatalError(String(message, length));

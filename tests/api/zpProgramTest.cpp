@@ -368,6 +368,32 @@ TEST_F(zpProgram, SleepsAndStartsTheClockAnew) {
   });
 }
 
+// Where a task sleeps, and for how long.
+class SleepingApplication : public TestApplication {
+ public:
+  void AsynchronousSleep(long wakeat, Zeph_PathType type, const char* path) override {
+    sleeps.push_back(std::to_string(wakeat) + " " + std::to_string(type) + " " +
+                     (path ? path : "(null)"));
+  }
+
+  std::vector<std::string> sleeps;
+};
+
+TEST(zpProgramSleep, ATaskSleepsUntilATimeOrAFile) {
+  SleepingApplication application;
+  MemoryFileManager files(&application);
+  application.SetFileManager(&files);
+  LoadedScript script(&application, &files);
+  ZephVM program("dir/page.zpc", -1, &application, &script.dictionary, &script.system,
+                 &script.globals, &script.segments, &script.functions, nullptr, nullptr, nullptr,
+                 &script.languages, &script.pieces, application.heartbeatcounter(),
+                 application.timedoutflag(), application.exitflag(), nullptr);
+  zpProgram_Asynchronous_Sleep(&program, 5, ZPFILE_SCRIPT, nullptr, 0);
+  zpProgram_Asynchronous_Sleep(&program, 6, ZPFILE_SCRIPT, "flag and more", 4);
+  zpProgram_Asynchronous_Sleep(&program, 7, ZPFILE_DATA, "flag", -1);
+  EXPECT_THAT(application.sleeps, ElementsAre("5 0 (null)", "6 1 dir/flag", "7 0 flag"));
+}
+
 TEST_F(zpProgram, AFatalErrorEndsTheScriptWhenTheFunctionReturns) {
   bool returned = false;
   second = [&](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE) {
