@@ -89,6 +89,13 @@ Function::Function(ZephApplication* application, Dictionary* dictionary, Functio
 
 Function::~Function() = default;
 
+void Function::FillSlots() {
+  parameter_slots.clear();
+  for (FunctionParameter* p = parameter_list.First(); p; p = parameter_list.Next()) {
+    parameter_slots.push_back(p);
+  }
+}
+
 int Function::AddParameter(int byreference, const char* name, int length) {
   length = TextLength(name, length);
   int id = name_dictionary->Entry_Add(name, length);

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "base/BaseTemplates.h"
 #include "base/StoredNameTable.h"
@@ -72,6 +73,11 @@ class Function {
   const String& name() const { return function_name; }
   // In the order of declaration.
   List<FunctionParameter>& parameters() { return parameter_list; }
+  // The same in an array, for calls. Holds until a parameter is added.
+  const std::vector<FunctionParameter*>& slots() {
+    if (parameter_slots.size() != static_cast<size_t>(parameter_list.Entries())) FillSlots();
+    return parameter_slots;
+  }
   // Where the code begins; both -1 for an external function.
   int segment() const { return segment_number; }
   int offset() const { return entry_offset; }
@@ -83,11 +89,14 @@ class Function {
   void* calldata = nullptr;
 
  private:
+  void FillSlots();
+
   int function_index;
   int flag_word;
   int name_id;
   String function_name;
   List<FunctionParameter> parameter_list;
+  std::vector<FunctionParameter*> parameter_slots;
   int segment_number;
   int entry_offset;
   Dictionary* name_dictionary;

@@ -8,6 +8,7 @@
 #include <string>
 #include <utility>
 
+#include "base/HotCode.h"
 #include "base/Instructions.h"
 #include "base/LittleEndian.h"
 #include "base/TaggedFile.h"
@@ -52,6 +53,16 @@ Segment::Segment(const Segment& other)
 
 Segment::~Segment() = default;
 
+void Segment::MakeHot(const Dictionary& dictionary) {
+  if (data_length > LongestHot) return;
+  hot_code = std::make_unique<HotCode>(data.get(), data_length, dictionary);
+}
+
+void Segment::Cool() {
+  hot_code.reset();
+  repeats = 0;
+}
+
 void Segment::Grow(int size) {
   if (size < data_capacity) return;
   long long wanted = (static_cast<long long>(size) + Growth - 1) / Growth * Growth;
@@ -65,6 +76,7 @@ void Segment::Grow(int size) {
 unsigned char* Segment::Place(int position, int size) {
   if (position < 0 || position > INT_MAX - Growth - size) return nullptr;
   int end = position + size;
+  Cool();
   Grow(end);
   data_length = std::max(data_length, end);
   return data.get() + position;
@@ -123,6 +135,7 @@ int Segment::Read_Double(int position, double* value) const {
 }
 
 bool Segment::Read(TaggedFile* file, int tag, int offset) {
+  Cool();
   return file->Section_Read(tag, offset, reinterpret_cast<char*>(data.get()), data_length) ==
          data_length;
 }

@@ -8,6 +8,8 @@
 
 #include "base/StringClass.h"
 
+class Dictionary;
+class HotCode;
 class TaggedFile;
 
 // One run of code. Positions and lengths are bytes.
@@ -18,6 +20,8 @@ class Segment {
  public:
   static constexpr int Padding = 16;  // two operands of 8 bytes
   static constexpr int Growth = 8192;
+  static constexpr int Repeats = 16;
+  static constexpr int LongestHot = 1 << 20;
 
   // An empty segment with room for Growth bytes.
   explicit Segment(int number);
@@ -55,6 +59,13 @@ class Segment {
   // cannot be made is passed over in silence.
   void Dump(const char* path, const char* expression, int length) const;
 
+  // The machine comes back to code that it has run before: from the Repeats-th time on there is the
+  // decoded form of a segment that is not too long for it. A write drops it.
+  void NoteRepeat(const Dictionary& dictionary) {
+    if (repeats < Repeats && ++repeats == Repeats) MakeHot(dictionary);
+  }
+  const HotCode* hot() const { return hot_code.get(); }
+
   int number() const { return segment_number; }
   const unsigned char* code() const { return data.get(); }
   int capacity() const { return data_capacity; }
@@ -67,10 +78,15 @@ class Segment {
     return position >= 0 && size <= data_length && position <= data_length - size;
   }
 
+  void MakeHot(const Dictionary& dictionary);
+  void Cool();
+
   int segment_number;
   std::unique_ptr<unsigned char[]> data;  // capacity + Padding bytes
   int data_capacity;
   int data_length;
+  std::unique_ptr<HotCode> hot_code;
+  int repeats = 0;
 };
 
 // The segments of a script. A number stays good for as long as the manager lives. Belongs to one

@@ -266,6 +266,19 @@ class Variable {
       DeletePlain();
     }
   }
+  // Makes a local variable, whose call is over, as new for the next call; false if that can be told
+  // from a new one: somebody else holds it, or it has had more than numbers.
+  bool Renew() {
+    if (!IsPlain() || refcount_ != 1 || elements || suspect || string_value.data || error_.data ||
+        name_.allocated != SharedMark) {
+      return false;
+    }
+    integer_value = 0;
+    double_value = 0.0;
+    valid_forms = 0;
+    primary = PrimaryNone;
+    return true;
+  }
   // Element(AggregateIndex(position), create)
   Variable* At(int position, int create);
   // Element(AggregateIndex(name, length), create) for a name of known length, which is only

@@ -123,6 +123,10 @@ class VariableHash {
     return Index(position, create);
   }
 
+  // Makes the empty twin of a source, whose call is over, an empty twin for the next call. False if
+  // it is none any more, since it has got a name of its own.
+  bool Renew(const VariableHash& source);
+
   // Bucket of a name.
   unsigned hash(const char* name, int length) const;
   // Releases all variables and keeps the names.

@@ -15,6 +15,7 @@
 #include "base/Dictionary.h"
 #include "base/ExternalCall.h"
 #include "base/Feature.h"
+#include "base/HotCode.h"
 #include "base/Instructions.h"
 #include "base/LinkBuffer.h"
 #include "base/Output.h"
@@ -109,10 +110,17 @@ ZephVM::~ZephVM() {
     delete frame;
     frame = previous;
   }
+  for (ZephVM_FunctionFrame* idle : idle_frames) {
+    while (idle) {
+      ZephVM_FunctionFrame* next = idle->next_idle;
+      delete idle;
+      idle = next;
+    }
+  }
   null_variable->DecRefCount();
-  // A feature leaves the stack before it is deleted: its end may look at the stack. They go from the
-  // newest to the oldest, those that were dropped included: the outputs of captures lead on to older
-  // ones.
+  // A feature leaves the stack before it is deleted: its end may look at the stack. They go from
+  // the newest to the oldest, those that were dropped included: the outputs of captures lead on to
+  // older ones.
   while (features.Top()) Drop(features.Pop());
   while (dropped_features.First()) delete dropped_features.Remove(ListHead);
   if (parent) parent->children--;
@@ -151,6 +159,7 @@ int ZephVM::Go() {
   int* const ended = exit_flag;
   if (Read(over)) return TimedOut();
   int pc = program_counter;
+  bool was_hot = false;
   for (;;) {
     if (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat) | stop_flag) [[unlikely]] {
       program_counter = pc;
@@ -165,6 +174,15 @@ int ZephVM::Go() {
       program_counter = pc;
       if (!Set_Segment()) return 0;
     }
+    if (!was_hot && segment && segment->hot()) {
+      if (const HotOp* op = segment->hot()->At(pc)) {
+        RunHot(segment->hot(), op);
+        pc = program_counter;
+        was_hot = true;
+        continue;
+      }
+    }
+    was_hot = false;
     instruction_start = pc;
     // The counter may have been set to anything by a jump; outside of the segment is its end.
     if (pc < 0 || pc >= code_length - 1) [[unlikely]] {
@@ -204,9 +222,9 @@ int ZephVM::Go() {
   pc = program_counter;                \
   continue;
 // A jump on the integer that is popped.
-#define JUMP_IF(name, relation)                                   \
-  CASE(name)                                                      \
-  if (stack->PopI() relation 0) pc = WrapAdd(pc, ReadInteger(p)); \
+#define JUMP_IF(name, relation)                                  \
+  CASE(name)                                                     \
+  if (stack->PopI() relation 0) pc = Jumped(pc, ReadInteger(p)); \
   continue;
 // An integer from the order of two values.
 #define COMPARE(name, result)             \
@@ -284,7 +302,7 @@ int ZephVM::Go() {
         if (v) v->Write_Integer(ReadInteger(p + 4));
         continue;
       }
-      CASE(jmp) pc = WrapAdd(pc, ReadInteger(p));
+      CASE(jmp) pc = Jumped(pc, ReadInteger(p));
       continue;
       JUMP_IF(jmp_eq, ==)
       JUMP_IF(jmp_ne, !=)
@@ -417,6 +435,7 @@ const char* ZephVM::SourceFile(int* length) {
 void ZephVM::Push_Feature(Feature* feature) {
   feature->SetSerial(++feature_serials);
   features.Push(feature);
+  open_features++;
 }
 
 Feature* ZephVM::Lookup_Feature(int type) {
@@ -433,6 +452,7 @@ void ZephVM::Pop_Feature(Feature* wanted) {
   for (;;) {
     features.Top();
     Feature* top = features.Pop();
+    open_features--;
     if (top == wanted) break;
     Drop(top);
   }

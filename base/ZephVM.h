@@ -6,9 +6,11 @@
 #define ZEPH_BASE_ZEPHVM_H
 
 #include <initializer_list>
+#include <vector>
 
 #include "base/BaseTemplates.h"
 #include "base/Numbers.h"
+#include "base/Segment.h"
 #include "base/StringClass.h"
 #include "base/TagErrors.h"
 #include "base/VariableHash.h"
@@ -25,12 +27,12 @@ class Feature;
 class Function;
 class FunctionManager;
 class FunctionParameter;
+class HotCode;
 class LocalizedDictionary;
 class LocalizedLanguages;
-class Segment;
-class SegmentManager;
 class VariableList;
 class ZephApplication;
+struct HotOp;
 struct LogParameter;
 struct _ZP_EL_Function;
 
@@ -183,10 +185,19 @@ class ZephVM {
   // Steps of the loop.
   int Set_Segment();
   Pass EndOfSegment();
+  // Runs decoded code from a record on, up to an instruction that is the loop's to do.
+  void RunHot(const HotCode* hot, const HotOp* op);
+  void HotLoop(const HotCode* hot, const HotOp* op);
   int TimedOut();
   // A record with script path, source file and line, and the given parameters behind them.
   void WriteLog(unsigned type, std::initializer_list<LogParameter> parameters);
   String ErrorPrefix(const char* kind, const char* tag);
+
+  // Where a jump from behind its instruction leads.
+  int Jumped(int from, int distance) {
+    if (distance < 0 && segment) segment->NoteRepeat(*dictionary);
+    return WrapAdd(from, distance);
+  }
 
   static int CompareTexts(Variable* left, Variable* right);
   static int CompareTexts(Variable* left, int right);
@@ -222,6 +233,9 @@ class ZephVM {
 
   // Calls.
   class NestedRun;
+  ZephVM_FunctionFrame* FrameFor(Function* function);
+  void KeepFrame(ZephVM_FunctionFrame* left);
+  void SetOutputMode(int mode);
   void TakeArguments(Function* function, VariableHash* locals);
   void LogParameterOf(Function* function, FunctionParameter* parameter, Variable* value);
   ZephVM_FunctionFrame* ReturningFrame();
@@ -340,11 +354,18 @@ class ZephVM {
   LocalizedLanguages* languages;
   LocalizedDictionary* localized;
   Stack<Feature> features;
+  int open_features = 0;  // on the stack
   // Features that were taken off under another one: no beats, no ends, deleted with the machine.
   List<Feature> dropped_features;
   NULLVariable* null_variable;
   ZephVM* parent;
-  int frame_count = 0;     // of functions that have not returned
+  int frame_count = 0;  // of functions that have not returned
+  // Frames of calls that are over, by function, with their stack and locals, for the next calls.
+  std::vector<ZephVM_FunctionFrame*> idle_frames;
+  // The mode that the output has, where that is certain: since the hot loop set it.
+  int hot_mode = 0;
+  bool hot_mode_known = false;
+  bool in_hot = false;
   int runs = 0;            // that are nested in one another
   long frame_serials = 0;  // the last serial numbers given to a frame and to a feature
   long feature_serials = 0;

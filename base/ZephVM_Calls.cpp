@@ -60,41 +60,85 @@ void ZephVM::CallFunction(Function* function) {
     FatalError("Stack overflow");
     return;
   }
-  auto called = std::make_unique<ZephVM_FunctionFrame>(wanted_segment, program_counter, function);
-  called->Set_LocalVariable_Hash(new VariableHash(function->variables()), true);
-  called->Set_Stack(new ZephVM_Stack(this), true);
+  std::unique_ptr<ZephVM_FunctionFrame> called(FrameFor(function));
+  called->return_segment = wanted_segment;
+  called->return_offset = program_counter;
   called->error_output = ErrorOutputIn(frame->error_output, function->flags());
   called->output_mode = OutputModeIn(frame->output_mode, function->flags());
   called->previous = frame;
-  application->output()->SetFlags(called->output_mode);
+  SetOutputMode(called->output_mode);
   if (WantsLog(Log_FunctionCall)) WriteLog(Log_FunctionCall, {OfString(function->name())});
   TakeArguments(function, called->variables);
   // The frame is entered after a failure as well: the stop flag ends the loop before its code runs.
   wanted_segment = function->segment();
   program_counter = function->offset();
+  if (Segment* called_code = segments->Lookup(wanted_segment)) {
+    called_code->NoteRepeat(*dictionary);
+  }
   frame_count++;
   EnterFrame(called.release());
 }
 
+// A frame with an empty stack and the function's locals, the caller's. One that has served a call
+// before, if there is one.
+ZephVM_FunctionFrame* ZephVM::FrameFor(Function* function) {
+  const auto index = static_cast<size_t>(function->index());
+  if (index < idle_frames.size()) {
+    ZephVM_FunctionFrame* idle = idle_frames[index];
+    if (idle && idle->function == function) {
+      idle_frames[index] = idle->next_idle;
+      return idle;
+    }
+  }
+  auto made = std::make_unique<ZephVM_FunctionFrame>(0, 0, function);
+  made->Set_LocalVariable_Hash(new VariableHash(function->variables()), true);
+  made->Set_Stack(new ZephVM_Stack(this), true);
+  return made.release();
+}
+
+// Takes over a frame that was left: for the next call, if it can be made as new.
+void ZephVM::KeepFrame(ZephVM_FunctionFrame* left) {
+  std::unique_ptr<ZephVM_FunctionFrame> held(left);
+  const int index = left->function->index();
+  if (index < 0 || index >= functions->Functions() || !left->owns_variables || !left->owns_stack) {
+    return;
+  }
+  while (left->stack->Entries() > 0) left->stack->Pop();
+  if (!left->variables->Renew(left->function->variables())) return;
+  if (static_cast<size_t>(index) >= idle_frames.size()) {
+    idle_frames.resize(static_cast<size_t>(functions->Functions()));
+  }
+  left->next_idle = idle_frames[static_cast<size_t>(index)];
+  idle_frames[static_cast<size_t>(index)] = held.release();
+}
+
+// The output may be told its mode by others too, but not while the hot loop runs.
+void ZephVM::SetOutputMode(int mode) {
+  if (hot_mode_known && hot_mode == mode) return;
+  application->output()->SetFlags(mode);
+  hot_mode = mode;
+  hot_mode_known = in_hot;
+}
+
 // The last argument is on top of the caller's stack.
 void ZephVM::TakeArguments(Function* function, VariableHash* locals) {
-  List<FunctionParameter>& parameters = function->parameters();
-  for (FunctionParameter* p = parameters.Last(); p; p = parameters.Previous()) {
+  const std::vector<FunctionParameter*>& parameters = function->slots();
+  for (size_t i = parameters.size(); i-- > 0;) {
+    FunctionParameter* p = parameters[i];
     Variable* argument;
     if (p->byreference()) {
       const VariableRef held = PopHeld(&argument);
       if (!argument) return;
       locals->SetVariable_Reference(p->index(), argument);
-      if (WantsLog(Log_FunctionParameter)) LogParameterOf(function, p, argument);
     } else {
-      argument = locals->Index(p->index(), 1);
+      argument = locals->At(p->index(), 1);
       if (!argument) {
         FatalError("Invalid parameter reference");
         return;
       }
       stack->PopV(argument);
-      if (WantsLog(Log_FunctionParameter)) LogParameterOf(function, p, argument);
     }
+    if (WantsLog(Log_FunctionParameter)) LogParameterOf(function, p, argument);
   }
 }
 
@@ -117,11 +161,12 @@ ZephVM_FunctionFrame* ZephVM::ReturningFrame() {
 
 // Back to the caller. What is left on the frame's stack goes with it.
 void ZephVM::LeaveFrame() {
-  std::unique_ptr<ZephVM_Frame> left(frame);
+  auto* left = static_cast<ZephVM_FunctionFrame*>(frame);
   frame = left->previous;
   stack = frame->stack;
   frame_count--;
-  application->output()->SetFlags(frame->output_mode);
+  KeepFrame(left);
+  SetOutputMode(frame->output_mode);
 }
 
 // ret  ( x -- )  Returns from a function; x is the value of the call. Outside of a function it is

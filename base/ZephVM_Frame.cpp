@@ -30,7 +30,9 @@ void ZephVM_Frame::Set_Stack(ZephVM_Stack* new_stack, bool owned) {
 }
 
 ZephVM_FunctionFrame::ZephVM_FunctionFrame(int segment, int offset, ::Function* called)
-    : ZephVM_Frame(segment, offset), function(called) {}
+    : ZephVM_Frame(segment, offset), function(called) {
+  is_function = true;
+}
 
 int ZephVM_FunctionFrame::type() {
   return Function;

@@ -45,6 +45,7 @@ class ZephVM_Frame {
   // Told apart from all other frames of the machine, also from those that are gone. Set by the
   // machine.
   long serial = 0;
+  bool is_function = false;  // what type() says, for the hot loop
 };
 
 // The activation of a function of the script.
@@ -58,6 +59,7 @@ class ZephVM_FunctionFrame : public ZephVM_Frame {
   int type() override;
 
   ::Function* function;
+  ZephVM_FunctionFrame* next_idle = nullptr;  // behind this one, while the machine keeps it
 };
 
 #endif

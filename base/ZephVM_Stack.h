@@ -34,12 +34,12 @@ class ZephVM_Stack {
 
   struct Stack_Entry {
     int kind;
-    unsigned deletable : 1;
+    unsigned char deletable;
     // Set on the copy that Dupe makes of an entry: it owns what it holds, so that the two can be
     // consumed in any order, yet counts as not deletable wherever that makes a difference.
-    unsigned private_copy : 1;
+    unsigned char private_copy;
     // The value, a String or a LinkBuffer by its kind, is still to be put together: pending has it.
-    unsigned deferred : 1;
+    unsigned char deferred;
     union {
       int integer;
       double number;
@@ -183,13 +183,12 @@ class ZephVM_Stack {
   // Prints all entries to standard output.
   void Dump_Stack();
 
- private:
-  // Deep enough for almost all expressions. Functions call one another by the thousand, so a stack
-  // takes the room for all of its entries only when it needs it.
-  static const int FirstEntries = 16;
-
-  // Room for an entry on top, to be filled; null after an overflow.
-  Stack_Entry* Room() { return top < limit || Grow() ? top++ : nullptr; }
+  // --- For the hot loop, which makes the tests itself (base/ZephVM_Hot.cpp) ----------------------
+  // Behind the last entry; whether that many fit there.
+  Stack_Entry* End() const { return top; }
+  void SetEnd(Stack_Entry* end) { top = end; }
+  bool HasRoom(int count) const { return limit - top >= count; }
+  bool Holds(int count) const { return top - entries >= count; }
   // Frees what an entry owns. The entry stays as it is.
   static void Free(Stack_Entry* entry) {
     if (!entry->deletable && !entry->private_copy) return;
@@ -199,6 +198,14 @@ class ZephVM_Stack {
       FreeText(entry);
     }
   }
+
+ private:
+  // Deep enough for almost all expressions. Functions call one another by the thousand, so a stack
+  // takes the room for all of its entries only when it needs it.
+  static const int FirstEntries = 16;
+
+  // Room for an entry on top, to be filled; null after an overflow.
+  Stack_Entry* Room() { return top < limit || Grow() ? top++ : nullptr; }
   // The value as a number, if it is one without being converted.
   static bool IsNumber(const Stack_Entry* entry, double* number) {
     if (entry->kind == KindInteger) {

@@ -1,0 +1,165 @@
+#include "base/HotCode.h"
+
+#include "base/Dictionary.h"
+#include "base/Instructions.h"
+#include "base/LittleEndian.h"
+#include "base/Numbers.h"
+
+namespace {
+
+// The most instructions that one idiom has: as many records end the list, so that looking ahead
+// needs no test.
+const int kLongestIdiom = 4;
+
+HotAction SingleAction(Instruction::Code code) {
+  using namespace Instruction;
+  switch (code) {
+    case code_pushc: return HotAction::PushText;
+    case code_pushi: return HotAction::PushInteger;
+    case code_pushf: return HotAction::PushDouble;
+    case code_pushg:
+    case code_pushl: return HotAction::PushVariable;
+    case code_popg:
+    case code_popl: return HotAction::PopVariable;
+    case code_pop: return HotAction::Pop;
+    case code_store: return HotAction::Store;
+    case code_swap: return HotAction::Swap;
+    case code_add: return HotAction::Add;
+    case code_sub: return HotAction::Sub;
+    case code_mul: return HotAction::Mul;
+    case code_div: return HotAction::Div;
+    case code_mod: return HotAction::Mod;
+    case code_eq: return HotAction::Equal;
+    case code_ne: return HotAction::NotEqual;
+    case code_lt: return HotAction::Less;
+    case code_le: return HotAction::LessEqual;
+    case code_gt: return HotAction::Greater;
+    case code_ge: return HotAction::GreaterEqual;
+    case code_jmp: return HotAction::Jump;
+    case code_jmp_eq: return HotAction::JumpEqual;
+    case code_jmp_ne: return HotAction::JumpNotEqual;
+    case code_jmp_lt: return HotAction::JumpLess;
+    case code_jmp_le: return HotAction::JumpLessEqual;
+    case code_jmp_gt: return HotAction::JumpGreater;
+    case code_jmp_ge: return HotAction::JumpGreaterEqual;
+    case code_cmpgi: return HotAction::CompareConstant;
+    case code_incg: return HotAction::Increment;
+    case code_storegi: return HotAction::StoreConstant;
+    case code_lineno: return HotAction::Line;
+    case code_elem: return HotAction::Element;
+    case code_memb: return HotAction::Member;
+    case code_call: return HotAction::Call;
+    case code_ret: return HotAction::Return;
+    default: return HotAction::Leave;
+  }
+}
+
+bool IsJump(HotAction action) {
+  return action >= HotAction::Jump && action <= HotAction::JumpGreaterEqual;
+}
+
+bool IsConstant(HotAction action) {
+  return action == HotAction::PushInteger || action == HotAction::PushDouble;
+}
+
+// The action at a distance from another one in the list.
+HotAction Shifted(HotAction action, HotAction from, HotAction to) {
+  return static_cast<HotAction>(static_cast<int>(to) + static_cast<int>(action) -
+                                static_cast<int>(from));
+}
+
+bool IsArithmetic(HotAction action) {
+  return action >= HotAction::Add && action <= HotAction::Div;
+}
+
+}  // namespace
+
+HotCode::HotCode(const unsigned char* code, int length, const Dictionary& dictionary) {
+  Decode(code, length, dictionary);
+  FindTargets(length);
+  for (size_t i = 0; i + kLongestIdiom <= ops.size(); i++) ops[i].action = Idiom(i);
+}
+
+void HotCode::Decode(const unsigned char* code, int length, const Dictionary& dictionary) {
+  records.assign(static_cast<size_t>(length) + 1, -1);
+  int at = 0;
+  // The machine takes a last byte alone for the end.
+  while (at < length - 1) {
+    HotOp op;
+    op.start = at;
+    records[static_cast<size_t>(at)] = static_cast<int>(ops.size());
+    const unsigned short word = LittleEndian::Get16(code + at);
+    const unsigned char* operands = code + at + 2;
+    const int first_size = Instruction::FirstOperandSize(word);
+    if (first_size == 4) op.first = LittleEndian::GetInt32(operands);
+    if (first_size == 8) op.number = LittleEndian::GetDouble(operands);
+    if (Instruction::SecondOperandSize(word) == 4) {
+      op.second = LittleEndian::GetInt32(operands + first_size);
+    }
+    const Instruction::Code number = Instruction::CodeOf(word);
+    op.single = SingleAction(number);
+    op.local = number == Instruction::code_pushl || number == Instruction::code_popl;
+    if (op.single == HotAction::PushInteger) op.number = op.first;
+    if (op.single == HotAction::PushText) {
+      op.text = dictionary.Entry(op.first, &op.length);
+      if (!op.text) op.single = HotAction::Leave;
+    }
+    ops.push_back(op);
+    at += 2 + Instruction::OperandSize(word);
+  }
+  HotOp end;
+  end.start = at;
+  if (at <= length) records[static_cast<size_t>(at)] = static_cast<int>(ops.size());
+  ops.insert(ops.end(), kLongestIdiom, end);
+}
+
+// A jump to where no instruction begins, seen from the start, is left to the machine.
+void HotCode::FindTargets(int length) {
+  for (size_t i = 0; i + kLongestIdiom < ops.size(); i++) {
+    HotOp& op = ops[i];
+    if (!IsJump(op.single)) continue;
+    const int goal = WrapAdd(ops[i + 1].start, op.first);
+    if (goal >= 0 && goal <= length) op.target = records[static_cast<size_t>(goal)];
+    if (op.target < 0) op.single = HotAction::Leave;
+  }
+}
+
+HotAction HotCode::Idiom(size_t i) const {
+  const HotAction action = ops[i].single;
+  const HotAction next = ops[i + 1].single;
+  if (action == HotAction::CompareConstant && IsJump(next) && next != HotAction::Jump) {
+    return HotAction::CompareConstantJump;
+  }
+  if (IsArithmetic(action) && next == HotAction::PopVariable) {
+    return Shifted(action, HotAction::Add, HotAction::AddPop);
+  }
+  if (IsConstant(action) && IsArithmetic(next)) {
+    return Shifted(next, HotAction::Add, HotAction::AddConstant);
+  }
+  if (action != HotAction::PushVariable) return action;
+  if (IsConstant(next)) return IdiomOfVariableAndConstant(i);
+  if (IsArithmetic(next)) return Shifted(next, HotAction::Add, HotAction::AddVariable);
+  if (next == HotAction::PushVariable && Is(i + 2, HotAction::Element)) {
+    return HotAction::ElementOfVariable;
+  }
+  if (next == HotAction::PushText && Is(i + 2, HotAction::Member)) {
+    return HotAction::MemberOfVariable;
+  }
+  return action;
+}
+
+HotAction HotCode::IdiomOfVariableAndConstant(size_t i) const {
+  const HotAction operation = ops[i + 2].single;
+  const HotAction jump = ops[i + 3].single;
+  const bool tested = jump == HotAction::JumpEqual || jump == HotAction::JumpNotEqual;
+  if (IsArithmetic(operation)) {
+    return Shifted(operation, HotAction::Add, HotAction::AddVariableConstant);
+  }
+  if (operation == HotAction::Mod) {
+    return tested ? HotAction::ModVariableConstantJump : HotAction::ModVariableConstant;
+  }
+  if (tested && operation >= HotAction::Equal && operation <= HotAction::GreaterEqual) {
+    return Shifted(operation, HotAction::Equal, HotAction::EqualVariableConstantJump);
+  }
+  return HotAction::PushVariable;
+}

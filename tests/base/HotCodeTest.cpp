@@ -1,0 +1,241 @@
+#include "base/HotCode.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/Feature.h"
+#include "tests/support/Machine.h"
+
+namespace {
+
+using namespace Instruction;
+
+// Behind that many bytes a segment is never decoded.
+void KeepCold(Machine* machine) {
+  machine->segments.Start()->Write_Byte(Segment::LongestHot, 0);
+}
+
+// Writes a loop of a body that runs as often, counted in a global of its own.
+template <typename Body>
+void Loop(Machine* machine, int rounds, Body body) {
+  const int counter = machine->Global("rounds");
+  machine->Op(storegi, counter, 0);
+  const int start = machine->end;
+  body();
+  machine->Op(incg, counter, 1);
+  machine->Op(cmpgi, counter, rounds);
+  machine->Op(jmp_lt, start - (machine->end + 6));
+}
+
+const int kRounds = 3 * Segment::Repeats;
+
+TEST(HotCode, IsMadeWhenALoopComesRoundAndDroppedByAWrite) {
+  Machine machine;
+  Loop(&machine, kRounds, [] {});
+  EXPECT_EQ(machine.segments.Start()->hot(), nullptr);
+  EXPECT_EQ(machine.Go(), 1);
+  ASSERT_NE(machine.segments.Start()->hot(), nullptr);
+  EXPECT_EQ(machine.Value("rounds"), std::to_string(kRounds));
+  machine.Op(noop);
+  EXPECT_EQ(machine.segments.Start()->hot(), nullptr);
+}
+
+TEST(HotCode, KnowsWhereInstructionsBegin) {
+  Dictionary dictionary;
+  Segment segment(0);
+  int end = segment.Write_Word(0, pushi);
+  end = segment.Write_Dword(end, 7);
+  end = segment.Write_Word(end, add);
+  const HotCode hot(segment.code(), segment.length(), dictionary);
+  ASSERT_NE(hot.At(0), nullptr);
+  EXPECT_EQ(hot.At(0)->first, 7);
+  EXPECT_EQ(hot.At(0)->action, HotAction::AddConstant);
+  EXPECT_EQ(hot.At(0)->single, HotAction::PushInteger);
+  EXPECT_EQ(hot.At(1), nullptr);
+  ASSERT_NE(hot.At(6), nullptr);
+  EXPECT_EQ(hot.At(6)->action, HotAction::Add);
+  ASSERT_NE(hot.At(8), nullptr);
+  EXPECT_EQ(hot.At(8)->action, HotAction::Leave);
+  EXPECT_EQ(hot.At(9), nullptr);
+  EXPECT_EQ(hot.At(-1), nullptr);
+}
+
+TEST(HotCode, AJumpBetweenInstructionsIsLeftToTheLoop) {
+  Dictionary dictionary;
+  Segment segment(0);
+  int end = segment.Write_Word(0, jmp);
+  end = segment.Write_Dword(end, static_cast<unsigned>(-5));
+  const HotCode hot(segment.code(), segment.length(), dictionary);
+  EXPECT_EQ(hot.At(0)->action, HotAction::Leave);
+}
+
+TEST(HotCode, AnErrorInsideHotCodeTellsItsOwnPlace) {
+  Machine machine;
+  const int counter = machine.Global("counter");
+  const int start = machine.end;
+  machine.Op(incg, counter, 1);
+  machine.Op(cmpgi, counter, kRounds);
+  machine.Op(jmp_lt, start - (machine.end + 6));
+  char place[40];
+  snprintf(place, sizeof place, "[00000000:%08x]: ", static_cast<unsigned>(machine.end));
+  machine.Op(add);
+  EXPECT_EQ(machine.Go(), 0);
+  EXPECT_NE(machine.Error().find(std::string(place) + "Stack underflow"), std::string::npos)
+      << machine.Error();
+}
+
+TEST(HotCode, TheStackOverflowsAtItsLastEntryAlsoInALoop) {
+  Machine machine;
+  const int counter = machine.Global("counter");
+  machine.Op(storegi, counter, 0);
+  const int start = machine.end;
+  machine.Op(pushg, counter);
+  machine.Op(pushi, 1);
+  machine.Op(add);
+  machine.Op(incg, counter, 1);
+  machine.Op(jmp, start - (machine.end + 6));
+  EXPECT_EQ(machine.Go(), 0);
+  EXPECT_NE(machine.Error().find("Stack overflow"), std::string::npos);
+  EXPECT_EQ(machine.stack().Entries(), 512);
+  // The 512th round has no room for the constant beside the variable.
+  EXPECT_EQ(machine.Value("counter"), "511");
+}
+
+TEST(HotCode, AnExitFromOutsideEndsALoopWithoutCalls) {
+  Machine machine;
+  const int start = machine.end;
+  machine.Op(jmp, start - (machine.end + 6));
+  ZephVM& vm = machine.vm();
+  class Exits : public Feature {
+   public:
+    Exits(Machine* m, ZephVM* v) : Feature(&m->application, v, Type_Lockfile), machine(m) {}
+    void Heartbeat() override { *machine->application.exitflag() = 1; }
+    Machine* machine;
+  };
+  vm.Push_Feature(new Exits(&machine, &vm));
+  std::thread beat([&] { std::atomic_ref<int>(*machine.application.heartbeatcounter()).store(1); });
+  EXPECT_EQ(machine.Go(), 1);
+  beat.join();
+}
+
+// Programs of random instructions give the same globals, stack and errors, hot or not.
+struct RandomProgram {
+  explicit RandomProgram(unsigned seed) : random(seed) {}
+
+  int Below(int bound) { return static_cast<int>(random() % static_cast<unsigned>(bound)); }
+
+  void Write(Machine* machine) {
+    for (const char* name : {"a", "b", "c", "d"}) globals.push_back(machine->Global(name));
+    Start(machine);
+    Loop(machine, kRounds, [&] {
+      const int statements = 1 + Below(6);
+      for (int i = 0; i < statements; i++) Statement(machine);
+    });
+    machine->Op(Instruction::exit);
+  }
+
+  // What the globals begin with: integers, doubles, texts, nothing, an array.
+  void Start(Machine* machine) {
+    for (int global : globals) {
+      switch (Below(6)) {
+        case 0: machine->Op(storegi, global, Below(100) - 50); break;
+        case 1: machine->OpDouble(pushf, Below(1000) / 8.0).Op(popg, global); break;
+        case 2: machine->Text(std::to_string(Below(50))).Op(popg, global); break;
+        case 3: machine->Text("text").Op(popg, global); break;
+        case 4: machine->Op(pushg, global).Op(pushi, 2).Op(elem).Op(pop); break;
+        default: break;
+      }
+    }
+  }
+
+  int Any() { return globals[static_cast<size_t>(Below(4))]; }
+  void Operand(Machine* machine) {
+    switch (Below(4)) {
+      case 0: machine->Op(pushi, Below(9) - 4); break;
+      case 1: machine->OpDouble(pushf, Below(64) / 4.0 - 4); break;
+      default: machine->Op(pushg, Any());
+    }
+  }
+  void Operation(Machine* machine) {
+    static const unsigned short operations[] = {
+        add, sub, mul, Instruction::div, mod, eq, ne, lt, le, gt, ge, add, sub, mod};
+    machine->Op(operations[Below(14)]);
+  }
+  void Expression(Machine* machine) {
+    Operand(machine);
+    for (int i = Below(3); i >= 0; i--) {
+      Operand(machine);
+      Operation(machine);
+    }
+  }
+  void Statement(Machine* machine) {
+    static const unsigned short jumps[] = {jmp_eq, jmp_ne, jmp_lt, jmp_le, jmp_gt, jmp_ge};
+    switch (Below(9)) {
+      case 0: machine->Op(incg, Any(), Below(5) - 2); break;
+      case 1: machine->Op(storegi, Any(), Below(9)); break;
+      case 2: machine->Op(cmpgi, Any(), Below(9)).Op(jumps[Below(6)], 10).Op(incg, Any(), 1); break;
+      case 3:
+        Expression(machine);
+        machine->Op(jumps[Below(6)], 10).Op(storegi, Any(), Below(9));
+        break;
+      case 4:
+        Expression(machine);
+        machine->Op(pushg, Any()).Op(pushi, 1 + Below(3)).Op(elem).Op(store);
+        break;
+      case 5:
+        Expression(machine);
+        machine->Op(pushg, Any()).Text("m").Op(memb).Op(store);
+        break;
+      case 6: machine->Op(pushg, Any()).Op(pushi, 1 + Below(3)).Op(elem).Op(popg, Any()); break;
+      case 7: machine->Op(pushg, Any()).Text("m").Op(memb_readonly).Op(popg, Any()); break;
+      default: Expression(machine); machine->Op(popg, Any());
+    }
+  }
+
+  std::mt19937 random;
+  std::vector<int> globals;
+};
+
+struct Outcome {
+  int result;
+  std::string values;
+  std::string error;
+  int entries;
+};
+
+Outcome OutcomeOf(unsigned seed, bool cold) {
+  Machine machine;
+  RandomProgram(seed).Write(&machine);
+  if (cold) KeepCold(&machine);
+  Outcome outcome;
+  outcome.result = machine.Go();
+  if (cold) {
+    EXPECT_EQ(machine.segments.Start()->hot(), nullptr);
+  }
+  for (const char* name : {"a", "b", "c", "d", "rounds"}) {
+    outcome.values += machine.Value(name) + "|";
+  }
+  outcome.error = machine.Error();
+  outcome.entries = machine.stack().Entries();
+  return outcome;
+}
+
+TEST(HotCode, RandomProgramsDoTheSameHotAndCold) {
+  for (unsigned seed = 1; seed <= 1000; seed++) {
+    SCOPED_TRACE(seed);
+    const Outcome hot = OutcomeOf(seed, false);
+    const Outcome cold = OutcomeOf(seed, true);
+    ASSERT_EQ(hot.values, cold.values);
+    ASSERT_EQ(hot.result, cold.result);
+    ASSERT_EQ(hot.error, cold.error);
+    ASSERT_EQ(hot.entries, cold.entries);
+  }
+}
+
+}  // namespace
