@@ -137,13 +137,13 @@ int RunScript(int argc, char** argv, const Options& options) {
   bool interrupted = false;
   while (!run.finished()) {
     const int number = sigtimedwait(&signals, nullptr, &beat);
-    if (number < 0) {
+    if (number < 0 || number == kFinished) {
       run.Heartbeat();
-    } else if (number != kFinished) {
-      if (interrupted) EndAtOnce(number);
-      interrupted = true;
-      run.Interrupt();
+      continue;
     }
+    if (interrupted) EndAtOnce(number);
+    interrupted = true;
+    run.Interrupt();
   }
   pthread_join(thread, nullptr);
   return run.status();
