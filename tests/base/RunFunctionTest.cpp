@@ -181,6 +181,60 @@ TEST_F(RunFunctionWithin, ACaptureOfTheFunctionEndsWithIt) {
   EXPECT_EQ(output.text, "b");
 }
 
+// --- The start segment within a run --------------------------------------------------------------
+
+TEST_F(RunFunctionWithin, TheStartSegmentRunsFromItsBeginningOnAStackOfItsOwn) {
+  machine.Assemble(
+      "pushi 1\nincg runs, 1\npushg runs\nout\npushc \"call\"\nout\npushl runs\npushc \"!\"\ncat\n"
+      "out");
+  bool nested = false;
+  output.call = [&] {
+    if (nested) return;
+    nested = true;
+    ZephVM_Frame* frame = machine.vm().CurrentFrame();
+    EXPECT_EQ(machine.vm().Go_Recursive(), 1);
+    EXPECT_EQ(machine.vm().CurrentFrame(), frame);
+    EXPECT_EQ(machine.stack().Entries(), 1);
+  };
+  EXPECT_EQ(machine.Go(), 1);
+  EXPECT_EQ(output.text, "122!2!");
+  EXPECT_EQ(machine.StackText(), "1");
+}
+
+TEST_F(RunFunctionWithin, TheStartSegmentRunsWithinAFunctionOfAnotherSegment) {
+  machine.Assemble(
+      "incg runs, 1\ncmpgi runs, 1\njmp_gt again\ncall f\nout\nagain: pushg runs\nout\n"
+      ".segment 1\n.function f() compress\npushc \"call\"\nout\npushc \"f\"\nret");
+  output.call = [&] {
+    EXPECT_EQ(machine.vm().Go_Recursive(), 1);
+    EXPECT_EQ(machine.vm().CurrentFrame()->type(), ZephVM_Frame::Function);
+  };
+  EXPECT_EQ(machine.Go(), 1);
+  EXPECT_EQ(output.text, "2f2");
+}
+
+TEST_F(RunFunctionWithin, AReturnDoesNotLeaveTheRun) {
+  machine.Assemble(
+      "incg runs, 1\ncmpgi runs, 1\njmp_gt again\ncall f\nagain: pushi 1\nret\n"
+      ".segment 1\n.function f()\npushc \"call\"\nout\nretn");
+  output.call = [&] { EXPECT_EQ(machine.vm().Go_Recursive(), 0); };
+  EXPECT_EQ(machine.Go(), 0);
+  EXPECT_EQ(machine.Failure(), "Frame underflow");
+}
+
+TEST_F(RunFunctionWithin, ARunThatEndsInAFunctionLeavesNoFrames) {
+  machine.Assemble(
+      "incg runs, 1\ncmpgi runs, 1\njmp_gt again\npushc \"call\"\nout\npushi 5\n"
+      "jmp 1000\nagain: call f\n.segment 1\n.function f()\npushc \"in f\"\nout");
+  output.call = [&] {
+    EXPECT_EQ(machine.vm().Go_Recursive(), 1);
+    EXPECT_EQ(machine.vm().CurrentFrame()->previous, nullptr);
+  };
+  EXPECT_EQ(machine.Go(), 1);
+  EXPECT_EQ(output.text, "in f");
+  EXPECT_EQ(machine.StackText(), "5");
+}
+
 // --- Uploads -------------------------------------------------------------------------------------
 
 class FileUpload : public testing::Test {
