@@ -13,6 +13,7 @@
 #include "base/FreeList.h"
 #include "base/StringClass.h"
 #include "base/Variable.h"
+#include "base/ascii.h"
 #include "base/memcmpi.h"
 
 // Key of an element: the position in an array, or the name of a structure's member. Names that
@@ -49,8 +50,21 @@ class AggregateIndex {
   int CompareWithName(const char* name, int length) const {
     if (position != -1) return position > -1 ? -1 : 1;
     const int common = key.length < length ? key.length : length;
-    const int order = common > 0 ? memcmpi(name, key.data, static_cast<size_t>(common)) : 0;
-    return order != 0 ? order : length - key.length;
+    if (common > 0) {
+      // Names mostly differ in their first letter.
+      const int first = zp_tolower(static_cast<unsigned char>(name[0])) -
+                        zp_tolower(static_cast<unsigned char>(key.data[0]));
+      if (first != 0) return first;
+      const int order = memcmpi(name, key.data, static_cast<size_t>(common));
+      if (order != 0) return order;
+    }
+    return length - key.length;
+  }
+
+  // Whether this is the name of a member in exactly that spelling.
+  bool IsSpelled(const char* name, int length) const {
+    return key.length == length && position == -1 &&
+           (length <= 0 || memcmp(key.data, name, static_cast<size_t>(length)) == 0);
   }
 
   // The name, or the decimal text of the position.
@@ -123,8 +137,12 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   bool IsRow() const { return dense.count() > 0; }
   // Of a row, the variable at a position of 0 or more, or null; a search.
   Variable* SearchRow(int position) { return dense.Find(position); }
-  // The element of that name, which is only looked at; a search.
-  AggregateElement* FindMember(const char* name, int length);
+  // The element of that name, which is only looked at; a search. Scripts mostly ask for the member
+  // that they asked for last, which is the root.
+  AggregateElement* FindMember(const char* name, int length) {
+    if (root && root->item->key.IsSpelled(name, length)) return root->item;
+    return SearchMember(name, length);
+  }
   // The next greater and the next lesser position. As Next and Previous a search for the position
   // itself.
   Place NextPlace(int position);
@@ -182,6 +200,7 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
     return !root && index.position >= 0 && dense.Takes(index.position);
   }
   void AppendDense(int position, Variable* variable);
+  AggregateElement* SearchMember(const char* name, int length);
   void BecomeTree();
   int SplayKey(const AggregateIndex& key);
   static Place PlaceOf(AggregateElement* element);

@@ -289,6 +289,9 @@ void VariableHash::Error(const String& text) {
 // --- Variables -----------------------------------------------------------------------------------
 
 SharedName* VariableHash::NameForTwins(int position) {
+  if (position < index->names_shared && index->shared_names[position]) {
+    return index->shared_names[position];
+  }
   if (index->holders < 2) return nullptr;
   if (position >= index->names_shared) {
     const int count = index->names.count();
