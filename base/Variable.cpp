@@ -474,6 +474,11 @@ int Variable::SetValue_Double(double value) {
 
 int Variable::SetValue(Variable& source) {
   if (RedirectedStore()) return reference ? Final()->SetValue(source) : 1;
+  if (source.plain_forms() != 0 && &source != this) {
+    CopyForms(source);
+    if (elements) DropElements();
+    return 1;
+  }
   Variable* from = source.RealIdentity();
   if (from->aggregateelements()) {
     AggregateElementTree* copy = CopyElementTree(from);

@@ -251,6 +251,14 @@ class Variable {
     primary = PrimaryDouble;
     return 1;
   }
+  // SetValue(source)
+  int Write_Value(Variable& source) {
+    if (!IsPlain() || elements || source.plain_forms() == 0 || &source == this) {
+      return SetValue(source);
+    }
+    CopyForms(source);
+    return 1;
+  }
   // IncRefCount() and DecRefCount()
   void Hold() {
     if (IsPlain()) {

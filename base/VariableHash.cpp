@@ -132,19 +132,13 @@ void VariableHash::ReleaseEntries() {
 }
 
 namespace {
-// Rows of the two sizes that calls are served with from lists of the thread.
-constexpr int FewRows = 8;
+// Rows of a size that calls are served with from a list of the thread.
 constexpr int SomeRows = 32;
-using FewRowsList = FreeList<FewRows * sizeof(_VH_Entry)>;
 using SomeRowsList = FreeList<SomeRows * sizeof(_VH_Entry)>;
 }  // namespace
 
-// Memory for at least so many rows, nothing in them.
-void VariableHash::TakeEntries(int count) {
-  if (count <= FewRows) {
-    allocated_entries = FewRows;
-    entries = static_cast<_VH_Entry*>(FewRowsList::Allocate());
-  } else if (count <= SomeRows) {
+void VariableHash::TakeMoreEntries(int count) {
+  if (count <= SomeRows) {
     allocated_entries = SomeRows;
     entries = static_cast<_VH_Entry*>(SomeRowsList::Allocate());
   } else {
@@ -155,10 +149,8 @@ void VariableHash::TakeEntries(int count) {
 }
 
 void VariableHash::FreeEntries(_VH_Entry* rows, int allocated) {
-  if (!rows) return;
-  if (allocated == FewRows) {
-    FewRowsList::Free(rows);
-  } else if (allocated == SomeRows) {
+  if (!rows || rows == few_rows) return;
+  if (allocated == SomeRows) {
     SomeRowsList::Free(rows);
   } else {
     ::operator delete(rows);
@@ -289,9 +281,6 @@ void VariableHash::Error(const String& text) {
 // --- Variables -----------------------------------------------------------------------------------
 
 SharedName* VariableHash::NameForTwins(int position) {
-  if (position < index->names_shared && index->shared_names[position]) {
-    return index->shared_names[position];
-  }
   if (index->holders < 2) return nullptr;
   if (position >= index->names_shared) {
     const int count = index->names.count();
@@ -322,7 +311,9 @@ bool VariableHash::Renew(const VariableHash& source) {
 }
 
 Variable* VariableHash::MakeVariable(_VH_Entry* entry) {
-  if (SharedName* shared = NameForTwins(static_cast<int>(entry - entries))) {
+  const auto position = static_cast<int>(entry - entries);
+  SharedName* shared = position < index->names_shared ? index->shared_names[position] : nullptr;
+  if (shared || (shared = NameForTwins(position))) {
     entry->variable = new Variable(shared);
   } else {
     int length = 0;

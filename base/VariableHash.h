@@ -178,15 +178,25 @@ class VariableHash {
 
  private:
   void CopyNames(const VariableHash& source);
-  void TakeEntries(int count);
-  static void FreeEntries(_VH_Entry* entries, int allocated);
+  // Memory for at least so many rows, nothing in them: the table's own if it is enough, as it is
+  // for most calls.
+  void TakeEntries(int count) {
+    allocated_entries = FewRows;
+    entries = few_rows;
+    if (count > FewRows) TakeMoreEntries(count);
+  }
+  void TakeMoreEntries(int count);
+  void FreeEntries(_VH_Entry* rows, int allocated);
   void MakeRoom();
   void OwnIndex();
   void ReleaseIndex();
   void ReleaseEntries();
   bool Fail(TaggedFile* file);
 
-  int allocated_entries = 0;  // entries that there is memory for, at most capacity
+  static constexpr int FewRows = 8;
+
+  int allocated_entries = 0;  // entries that there is memory for
+  _VH_Entry few_rows[FewRows];
 };
 
 // A compiled file's own numbering of the names of a running table: the file's code uses positions

@@ -151,6 +151,36 @@ TEST(VariableShortWays, StoresLeaveWhatTheVirtualOnesLeave) {
       [](Variable* v) { return std::to_string(v->Write_Double(5.5)) + Text(v->value()); });
 }
 
+TEST(VariableShortWays, AValueIsCopiedAsTheVirtualOneDoes) {
+  for (const State& state : States()) {
+    SCOPED_TRACE(state.label);
+    const VariableRef source(new Variable());
+    state.set(source.get());
+    const VariableRef reference(new ReferenceVariable("r", 1, source.get()));
+    const VariableRef stored(new Variable("v", 1, "old", 3));
+    const VariableRef written(new Variable("v", 1, "old", 3));
+    const VariableRef referred(new Variable("v", 1, "old", 3));
+    EXPECT_EQ(stored->SetValue(*source), 1);
+    EXPECT_EQ(written->Write_Value(*source), 1);
+    EXPECT_EQ(referred->Write_Value(*reference), 1);
+    for (const VariableRef* v : {&written, &referred}) {
+      EXPECT_EQ((*v)->plain_forms(), stored->plain_forms());
+      EXPECT_EQ((*v)->primary_type(), stored->primary_type());
+      EXPECT_EQ((*v)->aggregatetype(), stored->aggregatetype());
+      EXPECT_EQ((*v)->ElementsUsed(), stored->ElementsUsed());
+    }
+    const string text = Text(stored->value());
+    EXPECT_EQ(Text(written->value()), text);
+    EXPECT_EQ(Text(referred->value()), text);
+  }
+  const VariableRef array(new Variable());
+  array->At(1, 1)->SetValue_Integer(4);
+  EXPECT_EQ(array->Write_Value(*array->At(1, 0)), 1);
+  EXPECT_EQ(array->aggregatetype(), AggregateNone);
+  EXPECT_EQ(array->Write_Value(*array), 1);
+  EXPECT_EQ(Text(array->value()), "4");
+}
+
 TEST(VariableShortWays, DerivedClassesAreAskedThroughTheirOwnOperations) {
   Doubled derived;
   EXPECT_FALSE(derived.IsPlain());
