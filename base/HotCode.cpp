@@ -22,6 +22,8 @@ HotAction SingleAction(Instruction::Code code) {
     case code_popg:
     case code_popl: return HotAction::PopVariable;
     case code_pop: return HotAction::Pop;
+    case code_dup: return HotAction::Dup;
+    case code_cat: return HotAction::Concatenate;
     case code_store: return HotAction::Store;
     case code_swap: return HotAction::Swap;
     case code_add: return HotAction::Add;
@@ -47,7 +49,9 @@ HotAction SingleAction(Instruction::Code code) {
     case code_storegi: return HotAction::StoreConstant;
     case code_lineno: return HotAction::Line;
     case code_elem: return HotAction::Element;
+    case code_elem_readonly: return HotAction::ElementReadOnly;
     case code_memb: return HotAction::Member;
+    case code_memb_readonly: return HotAction::MemberReadOnly;
     case code_call: return HotAction::Call;
     case code_ret: return HotAction::Return;
     default: return HotAction::Leave;
@@ -139,11 +143,12 @@ HotAction HotCode::Idiom(size_t i) const {
   if (action != HotAction::PushVariable) return action;
   if (IsConstant(next)) return IdiomOfVariableAndConstant(i);
   if (IsArithmetic(next)) return Shifted(next, HotAction::Add, HotAction::AddVariable);
-  if (next == HotAction::PushVariable && Is(i + 2, HotAction::Element)) {
-    return HotAction::ElementOfVariable;
-  }
-  if (next == HotAction::PushText && Is(i + 2, HotAction::Member)) {
-    return HotAction::MemberOfVariable;
+  if (next == HotAction::PushVariable) {
+    if (Is(i + 2, HotAction::Element)) return HotAction::ElementOfVariable;
+    if (Is(i + 2, HotAction::ElementReadOnly)) return HotAction::ElementReadOnlyOfVariable;
+  } else if (next == HotAction::PushText) {
+    if (Is(i + 2, HotAction::Member)) return HotAction::MemberOfVariable;
+    if (Is(i + 2, HotAction::MemberReadOnly)) return HotAction::MemberReadOnlyOfVariable;
   }
   return action;
 }

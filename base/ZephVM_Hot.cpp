@@ -82,7 +82,8 @@ template <bool (*OfVariable)(const Variable*, double*)>
   return {ZephVM_Stack::KindVariable, 1, 0, 0, {.variable = variable}, 8, 8};
 }
 
-// Replaces the two entries on top, which are numbers or variables, by one.
+// Replaces the two entries on top, which are numbers, variables or constants, by one. The result is
+// complete by then, so it may come of one of the two.
 [[gnu::always_inline]] inline void ReplaceTwo(ZephVM_Stack* stack, const Entry& result) {
   Entry* end = stack->End();
   ZephVM_Stack::Free(end - 1);
@@ -99,6 +100,30 @@ template <bool (*OfVariable)(const Variable*, double*)>
 [[gnu::always_inline]] inline bool TwoComparable(ZephVM_Stack* stack, double* a, double* b) {
   return stack->Holds(2) && NumberIn<ComparableOf>(stack->End() - 2, a) &&
          NumberIn<ComparableOf>(stack->End() - 1, b);
+}
+
+// Whether nothing but the machine's own code runs when the entry is read as text.
+inline bool IsOrdinary(const Entry* entry) {
+  return entry->kind != ZephVM_Stack::KindVariable || entry->value.variable->IsPlain();
+}
+
+inline bool IsNumberOrPlain(const Entry* entry) {
+  return entry->kind <= ZephVM_Stack::KindDouble ||
+         (entry->kind == ZephVM_Stack::KindVariable && entry->value.variable->IsPlain());
+}
+
+// The order of a variable and a constant integer.
+[[gnu::always_inline]] inline bool OrderOf(const Variable* variable, int constant, int* order) {
+  if (!variable) return false;
+  if (variable->plain_forms() == Variable::IntegerForm) {
+    const int number = variable->plain_integer();
+    *order = (number > constant) - (number < constant);
+    return true;
+  }
+  double number;
+  if (!ComparableOf(variable, &number)) return false;
+  *order = number == constant ? 0 : number < constant ? -1 : 1;
+  return true;
 }
 
 // How an order answers to the jump behind it.
@@ -127,270 +152,291 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   int* const beats = heartbeat_counter;
   ZephVM_Stack* s = stack;
   VariableHash* tables[2] = {global_variables, frame->variables};
-  HotAction action = op->action;
   double a, b;
   int order, number;
   Variable* variable;
 
-// Each case goes on at a further record, or leaves to another way of doing the instruction.
-#define NEXT(count)      \
-  {                      \
-    op += (count);       \
-    action = op->action; \
-    continue;            \
-  }
-#define SINGLE_UNLESS(condition) \
-  if (!(condition)) {            \
-    action = op->single;         \
-    continue;                    \
-  }
-#define LEAVE_UNLESS(condition) \
-  if (!(condition)) goto leave;
+// Where each action stands. The jump from one to the next is made at the end of each: processors
+// foresee it better than one jump for all.
+#define ACTION(name) &&on_##name,
+  __extension__ static const void* const places[] = {ZEPH_HOT_ACTIONS};
+#undef ACTION
+
+// clang-format off
+#define GO_TO(action) __extension__({ goto *places[static_cast<int>(action)]; })
+// Each action ends with one of these: on behind so many instructions; to the first instruction
+// alone, where the idiom does not fit; to the machine's loop; or by a jump.
+#define NEXT(count) { op += (count); GO_TO(op->action); }
+#define SINGLE_UNLESS(condition) if (!(condition)) { GO_TO(op->single); }
+#define LEAVE_UNLESS(condition) if (!(condition)) { goto on_Leave; }
 #define JUMP_IF(condition, jump, count) \
-  if (condition) {                      \
-    op = hot->Target(jump);             \
-    goto jumped;                        \
-  }                                     \
+  if (condition) { op = hot->Target(jump); goto jumped; } \
   NEXT(count)
 // The variable at a record's position, null if it was not made yet.
 #define VARIABLE(record) tables[(record)->local]->At((record)->first, 0)
 
-// All forms of one operation on two doubles.
-#define ARITHMETIC(name, result)                                                          \
-  case HotAction::name:                                                                   \
-    LEAVE_UNLESS(TwoNumbers(s, &a, &b))                                                   \
-    ReplaceTwo(s, OfDouble(result));                                                      \
-    NEXT(1)                                                                               \
-  case HotAction::name##Pop:                                                              \
-    variable = VARIABLE(op + 1);                                                          \
-    SINGLE_UNLESS(TwoNumbers(s, &a, &b) && variable && variable->IsPlain())               \
-    ReplaceTwo(s, OfDouble(result));                                                      \
-    s->SetEnd(s->End() - 1);                                                              \
-    variable->Write_Double(s->End()->value.number);                                       \
-    NEXT(2)                                                                               \
-  case HotAction::name##Constant:                                                         \
-    SINGLE_UNLESS(s->HasRoom(1) && s->Holds(1) && NumberIn<NumberOf>(s->End() - 1, &a))   \
-    b = op->number;                                                                       \
-    ZephVM_Stack::Free(s->End() - 1);                                                     \
-    s->End()[-1] = OfDouble(result);                                                      \
-    NEXT(2)                                                                               \
-  case HotAction::name##Variable:                                                         \
-    SINGLE_UNLESS(s->HasRoom(1) && s->Holds(1) && NumberIn<NumberOf>(s->End() - 1, &a) && \
-                  NumberOf(VARIABLE(op), &b))                                             \
-    ZephVM_Stack::Free(s->End() - 1);                                                     \
-    s->End()[-1] = OfDouble(result);                                                      \
-    NEXT(2)                                                                               \
-  case HotAction::name##VariableConstant:                                                 \
-    SINGLE_UNLESS(s->HasRoom(2) && NumberOf(VARIABLE(op), &a))                            \
-    b = op[1].number;                                                                     \
-    s->End()[0] = OfDouble(result);                                                       \
-    s->SetEnd(s->End() + 1);                                                              \
-    NEXT(3)
-// A comparison; with NaN on either side the order is 1.
-#define COMPARISON(name, holds)                                    \
-  case HotAction::name:                                            \
-    LEAVE_UNLESS(TwoComparable(s, &a, &b))                         \
-    ReplaceTwo(s, OfInteger(holds));                               \
-    NEXT(1)                                                        \
-  case HotAction::name##VariableConstantJump:                      \
-    SINGLE_UNLESS(s->HasRoom(2) && ComparableOf(VARIABLE(op), &a)) \
-    b = op[1].number;                                              \
-    JUMP_IF((holds) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)
-#define JUMP_ON(name, holds)                                                    \
-  case HotAction::name:                                                         \
-    LEAVE_UNLESS(s->Holds(1) && s->End()[-1].kind == ZephVM_Stack::KindInteger) \
-    s->SetEnd(s->End() - 1);                                                    \
-    order = s->End()->value.integer;                                            \
-    JUMP_IF(holds, op, 1)
-
-  for (;;) {
-    switch (action) {
-      case HotAction::PushInteger:
-        LEAVE_UNLESS(s->HasRoom(1))
-        *s->End() = OfInteger(op->first);
-        s->SetEnd(s->End() + 1);
-        NEXT(1)
-      case HotAction::PushDouble:
-        LEAVE_UNLESS(s->HasRoom(1))
-        *s->End() = OfDouble(op->number);
-        s->SetEnd(s->End() + 1);
-        NEXT(1)
-      case HotAction::PushText:
-        LEAVE_UNLESS(s->HasRoom(1))
-        s->PushS(op->text, op->length, op->length, 0);
-        NEXT(1)
-      case HotAction::PushVariable:
-        variable = VARIABLE(op);
-        LEAVE_UNLESS(variable && s->HasRoom(1))
-        *s->End() = OfVariable(variable);
-        s->SetEnd(s->End() + 1);
-        NEXT(1)
-      case HotAction::PopVariable:
-        variable = VARIABLE(op);
-        LEAVE_UNLESS(variable && variable->IsPlain() && s->Holds(1))
-        LEAVE_UNLESS(s->End()[-1].kind != ZephVM_Stack::KindVariable ||
-                     s->End()[-1].value.variable->IsPlain())
-        s->PopV(variable);
-        NEXT(1)
-      case HotAction::Pop:
-        LEAVE_UNLESS(s->Holds(1))
-        s->Pop();
-        NEXT(1)
-      case HotAction::Store:
-        LEAVE_UNLESS(s->Holds(2) && s->End()[-1].kind == ZephVM_Stack::KindVariable)
-        variable = s->End()[-1].value.variable;
-        LEAVE_UNLESS(variable->IsPlain() && s->End()[-2].kind == ZephVM_Stack::KindDouble)
-        variable->Write_Double(s->End()[-2].value.number);
-        ZephVM_Stack::Free(s->End() - 1);
-        s->SetEnd(s->End() - 2);
-        NEXT(1)
-      case HotAction::Swap:
-        LEAVE_UNLESS(s->Holds(2))
-        s->Swap(0, 1);
-        NEXT(1)
-
-        ARITHMETIC(Add, a + b)
-        ARITHMETIC(Sub, a - b)
-        ARITHMETIC(Mul, a * b)
-        ARITHMETIC(Div, a == 0.0 ? 0.0 : a / b)
-      case HotAction::Mod:
-        LEAVE_UNLESS(s->Holds(2) && IntegerIn(s->End() - 2, &order) &&
-                     IntegerIn(s->End() - 1, &number))
-        ReplaceTwo(s, OfInteger(Remainder(order, number)));
-        NEXT(1)
-      case HotAction::ModVariableConstant:
-        SINGLE_UNLESS(s->HasRoom(2) && IntegerOf(VARIABLE(op), &order))
-        *s->End() = OfInteger(Remainder(order, DoubleToInteger(op[1].number)));
-        s->SetEnd(s->End() + 1);
-        NEXT(3)
-      case HotAction::ModVariableConstantJump:
-        SINGLE_UNLESS(s->HasRoom(2) && IntegerOf(VARIABLE(op), &order))
-        order = Remainder(order, DoubleToInteger(op[1].number));
-        JUMP_IF((order != 0) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)
-
-        COMPARISON(Equal, a == b)
-        COMPARISON(NotEqual, !(a == b))
-        COMPARISON(Less, a < b)
-        COMPARISON(LessEqual, a <= b)
-        COMPARISON(Greater, !(a <= b))
-        COMPARISON(GreaterEqual, !(a < b))
-
-      case HotAction::Jump:
-        op = hot->Target(op);
-        goto jumped;
-        JUMP_ON(JumpEqual, order == 0)
-        JUMP_ON(JumpNotEqual, order != 0)
-        JUMP_ON(JumpLess, order < 0)
-        JUMP_ON(JumpLessEqual, order <= 0)
-        JUMP_ON(JumpGreater, order > 0)
-        JUMP_ON(JumpGreaterEqual, order >= 0)
-
-      case HotAction::CompareConstant:
-      case HotAction::CompareConstantJump:
-        variable = VARIABLE(op);
-        LEAVE_UNLESS(s->HasRoom(1) && variable)
-        if (variable->plain_forms() == Variable::IntegerForm) {
-          number = variable->plain_integer();
-          order = (number > op->second) - (number < op->second);
-        } else {
-          LEAVE_UNLESS(ComparableOf(variable, &a))
-          order = a == op->second ? 0 : a < op->second ? -1 : 1;
-        }
-        if (action == HotAction::CompareConstantJump) {
-          JUMP_IF(Jumps(op[1].single, order), op + 1, 2)
-        }
-        *s->End() = OfInteger(order);
-        s->SetEnd(s->End() + 1);
-        NEXT(1)
-      case HotAction::Increment:
-        variable = VARIABLE(op);
-        LEAVE_UNLESS(IntegerOf(variable, &number))
-        variable->Write_Integer(WrapAdd(number, op->second));
-        NEXT(1)
-      case HotAction::StoreConstant:
-        variable = VARIABLE(op);
-        LEAVE_UNLESS(variable && variable->IsPlain())
-        variable->Write_Integer(op->second);
-        NEXT(1)
-      case HotAction::Line:
-        LEAVE_UNLESS(log_mask == 0)
-        current_line = op->first;
-        NEXT(1)
-
-      case HotAction::Element:
-        LEAVE_UNLESS(s->Holds(2) && s->End()[-2].kind == ZephVM_Stack::KindVariable)
-        variable = s->End()[-2].value.variable;
-        LEAVE_UNLESS(variable->IsPlain() && IntegerIn(s->End() - 1, &number) && number >= 1)
-        ReplaceTwo(s, OfVariable(variable->At(number, 1)));
-        NEXT(1)
-      case HotAction::ElementOfVariable:
-        variable = VARIABLE(op);
-        SINGLE_UNLESS(s->HasRoom(2) && variable && variable->IsPlain() &&
-                      IntegerOf(VARIABLE(op + 1), &number) && number >= 1)
-        *s->End() = OfVariable(variable->At(number, 1));
-        s->SetEnd(s->End() + 1);
-        NEXT(3)
-      case HotAction::Member:
-        LEAVE_UNLESS(s->Holds(2) && s->End()[-2].kind == ZephVM_Stack::KindVariable)
-        LEAVE_UNLESS(s->End()[-1].kind == ZephVM_Stack::KindString && !s->End()[-1].deferred)
-        variable = s->End()[-2].value.variable;
-        LEAVE_UNLESS(variable->IsPlain())
-        variable = variable->Member(s->End()[-1].value.text, s->End()[-1].length, 1);
-        ReplaceTwo(s, OfVariable(variable));
-        NEXT(1)
-      case HotAction::MemberOfVariable:
-        variable = VARIABLE(op);
-        SINGLE_UNLESS(s->HasRoom(2) && variable && variable->IsPlain())
-        *s->End() = OfVariable(variable->Member(op[1].text, op[1].length, 1));
-        s->SetEnd(s->End() + 1);
-        NEXT(3)
-
-      case HotAction::Call: {
-        Function* function = functions ? functions->Lookup(op->first) : nullptr;
-        LEAVE_UNLESS(function && !(function->flags() & Function_External) && log_mask == 0)
-        instruction_start = op->start;
-        program_counter = op[1].start;
-        CallFunction(function);
-        goto moved;
-      }
-      case HotAction::Return: {
-        ZephVM_Frame* caller = frame->previous;
-        LEAVE_UNLESS(log_mask == 0 && open_features == 0 && caller && frame->is_function)
-        LEAVE_UNLESS(s->Holds(1) && caller->stack->HasRoom(1))
-        // A borrowed variable may be a local one, which goes with the frame.
-        const Entry& result = s->End()[-1];
-        LEAVE_UNLESS(result.kind != ZephVM_Stack::KindVariable || result.deletable)
-        *caller->stack->End() = result;
-        caller->stack->SetEnd(caller->stack->End() + 1);
-        s->SetEnd(s->End() - 1);
-        wanted_segment = frame->return_segment;
-        program_counter = frame->return_offset;
-        LeaveFrame();
-        goto moved;
-      }
-
-      case HotAction::Leave: goto leave;
-    }
-
-  jumped:
-    if (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat)) goto leave;
-    action = op->action;
-    continue;
-
-  moved:
-    if (stop_flag || wanted_segment != loaded_segment || Read(over) || Read(ended) ||
-        Read(beats) != last_heartbeat) {
-      return;
-    }
-    op = hot->At(program_counter);
-    if (!op) return;
-    action = op->action;
-    s = stack;
-    tables[1] = frame->variables;
+// All forms of an operation on the doubles a and b.
+#define ARITHMETIC(name, result)                                                           \
+  on_##name: {                                                                             \
+    LEAVE_UNLESS(TwoNumbers(s, &a, &b))                                                    \
+    ReplaceTwo(s, OfDouble(result));                                                       \
+    NEXT(1)                                                                                \
+  }                                                                                        \
+  on_##name##Pop: {                                                                        \
+    variable = VARIABLE(op + 1);                                                           \
+    SINGLE_UNLESS(TwoNumbers(s, &a, &b) && variable && variable->IsPlain())                \
+    ReplaceTwo(s, OfDouble(result));                                                       \
+    s->SetEnd(s->End() - 1);                                                               \
+    variable->Write_Double(s->End()->value.number);                                        \
+    NEXT(2)                                                                                \
+  }                                                                                        \
+  on_##name##Constant: {                                                                   \
+    SINGLE_UNLESS(s->HasRoom(1) && s->Holds(1) && NumberIn<NumberOf>(s->End() - 1, &a))    \
+    b = op->number;                                                                        \
+    ZephVM_Stack::Free(s->End() - 1);                                                      \
+    s->End()[-1] = OfDouble(result);                                                       \
+    NEXT(2)                                                                                \
+  }                                                                                        \
+  on_##name##Variable: {                                                                   \
+    SINGLE_UNLESS(s->HasRoom(1) && s->Holds(1) && NumberIn<NumberOf>(s->End() - 1, &a) &&  \
+                  NumberOf(VARIABLE(op), &b))                                              \
+    ZephVM_Stack::Free(s->End() - 1);                                                      \
+    s->End()[-1] = OfDouble(result);                                                       \
+    NEXT(2)                                                                                \
+  }                                                                                        \
+  on_##name##VariableConstant: {                                                           \
+    SINGLE_UNLESS(s->HasRoom(2) && NumberOf(VARIABLE(op), &a))                             \
+    b = op[1].number;                                                                      \
+    *s->End() = OfDouble(result);                                                          \
+    s->SetEnd(s->End() + 1);                                                               \
+    NEXT(3)                                                                                \
   }
+// A comparison of a and b. With NaN on either side their order counts as above 0.
+#define COMPARISON(name, holds)                                                            \
+  on_##name: {                                                                             \
+    LEAVE_UNLESS(TwoComparable(s, &a, &b))                                                 \
+    ReplaceTwo(s, OfInteger(holds));                                                       \
+    NEXT(1)                                                                                \
+  }                                                                                        \
+  on_##name##VariableConstantJump: {                                                       \
+    SINGLE_UNLESS(s->HasRoom(2) && ComparableOf(VARIABLE(op), &a))                         \
+    b = op[1].number;                                                                      \
+    JUMP_IF((holds) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)               \
+  }
+#define JUMP_ON(name, holds)                                                               \
+  on_##name: {                                                                             \
+    LEAVE_UNLESS(s->Holds(1) && s->End()[-1].kind == ZephVM_Stack::KindInteger)            \
+    s->SetEnd(s->End() - 1);                                                               \
+    order = s->End()->value.integer;                                                       \
+    JUMP_IF(holds, op, 1)                                                                  \
+  }
+#define ELEMENT(name, create)                                                              \
+  on_##name: {                                                                             \
+    LEAVE_UNLESS(s->Holds(2) && s->End()[-2].kind == ZephVM_Stack::KindVariable)           \
+    variable = s->End()[-2].value.variable;                                                \
+    LEAVE_UNLESS(variable->IsPlain() && IntegerIn(s->End() - 1, &number) && number >= 1)   \
+    variable = variable->At(number, create);                                               \
+    ReplaceTwo(s, OfVariable(variable ? variable : null_variable));                        \
+    NEXT(1)                                                                                \
+  }                                                                                        \
+  on_##name##OfVariable: {                                                                 \
+    variable = VARIABLE(op);                                                               \
+    SINGLE_UNLESS(s->HasRoom(2) && variable && variable->IsPlain() &&                      \
+                  IntegerOf(VARIABLE(op + 1), &number) && number >= 1)                     \
+    variable = variable->At(number, create);                                               \
+    *s->End() = OfVariable(variable ? variable : null_variable);                           \
+    s->SetEnd(s->End() + 1);                                                               \
+    NEXT(3)                                                                                \
+  }
+#define MEMBER(name, create)                                                               \
+  on_##name: {                                                                             \
+    LEAVE_UNLESS(s->Holds(2) && s->End()[-2].kind == ZephVM_Stack::KindVariable)           \
+    LEAVE_UNLESS(s->End()[-1].kind == ZephVM_Stack::KindString && !s->End()[-1].deferred)  \
+    variable = s->End()[-2].value.variable;                                                \
+    LEAVE_UNLESS(variable->IsPlain())                                                      \
+    variable = variable->Member(s->End()[-1].value.text, s->End()[-1].length, create);     \
+    ReplaceTwo(s, OfVariable(variable ? variable : null_variable));                        \
+    NEXT(1)                                                                                \
+  }                                                                                        \
+  on_##name##OfVariable: {                                                                 \
+    variable = VARIABLE(op);                                                               \
+    SINGLE_UNLESS(s->HasRoom(2) && variable && variable->IsPlain())                        \
+    variable = variable->Member(op[1].text, op[1].length, create);                         \
+    *s->End() = OfVariable(variable ? variable : null_variable);                           \
+    s->SetEnd(s->End() + 1);                                                               \
+    NEXT(3)                                                                                \
+  }
+  // clang-format on
 
-leave:
+  GO_TO(op->action);
+
+on_PushInteger:
+  LEAVE_UNLESS(s->HasRoom(1))
+  *s->End() = OfInteger(op->first);
+  s->SetEnd(s->End() + 1);
+  NEXT(1)
+on_PushDouble:
+  LEAVE_UNLESS(s->HasRoom(1))
+  *s->End() = OfDouble(op->number);
+  s->SetEnd(s->End() + 1);
+  NEXT(1)
+on_PushText:
+  LEAVE_UNLESS(s->HasRoom(1))
+  s->PushS(op->text, op->length, op->length, 0);
+  NEXT(1)
+on_PushVariable:
+  variable = VARIABLE(op);
+  LEAVE_UNLESS(variable && s->HasRoom(1))
+  *s->End() = OfVariable(variable);
+  s->SetEnd(s->End() + 1);
+  NEXT(1)
+on_PopVariable:
+  variable = VARIABLE(op);
+  LEAVE_UNLESS(variable && variable->IsPlain() && s->Holds(1))
+  LEAVE_UNLESS(s->End()[-1].kind != ZephVM_Stack::KindVariable ||
+               s->End()[-1].value.variable->IsPlain())
+  s->PopV(variable);
+  NEXT(1)
+on_Pop:
+  LEAVE_UNLESS(s->Holds(1))
+  s->Pop();
+  NEXT(1)
+on_Dup:
+  LEAVE_UNLESS(s->Holds(1) && s->HasRoom(1))
+  LEAVE_UNLESS(
+      s->End()[-1].kind <= ZephVM_Stack::KindDouble ||
+      (s->End()[-1].kind == ZephVM_Stack::KindVariable && s->End()[-1].value.variable->IsPlain()))
+  s->Dupe();
+  NEXT(1)
+on_Store:
+  LEAVE_UNLESS(s->Holds(2) && s->End()[-1].kind == ZephVM_Stack::KindVariable)
+  variable = s->End()[-1].value.variable;
+  LEAVE_UNLESS(variable->IsPlain() && IsNumberOrPlain(s->End() - 2))
+  if (s->End()[-2].kind == ZephVM_Stack::KindDouble) {
+    variable->Write_Double(s->End()[-2].value.number);
+  } else if (s->End()[-2].kind == ZephVM_Stack::KindInteger) {
+    variable->Write_Integer(s->End()[-2].value.integer);
+  } else {
+    variable->SetValue(*s->End()[-2].value.variable);
+  }
+  ZephVM_Stack::Free(s->End() - 1);
+  ZephVM_Stack::Free(s->End() - 2);
+  s->SetEnd(s->End() - 2);
+  NEXT(1)
+on_Concatenate:
+  LEAVE_UNLESS(s->Holds(2) && IsOrdinary(s->End() - 1) && IsOrdinary(s->End() - 2))
+  s->Concatenate();
+  NEXT(1)
+on_Swap:
+  LEAVE_UNLESS(s->Holds(2))
+  s->Swap(0, 1);
+  NEXT(1)
+
+  ARITHMETIC(Add, a + b)
+  ARITHMETIC(Sub, a - b)
+  ARITHMETIC(Mul, a * b)
+  ARITHMETIC(Div, a == 0.0 ? 0.0 : a / b)
+on_Mod:
+  LEAVE_UNLESS(s->Holds(2) && IntegerIn(s->End() - 2, &order) && IntegerIn(s->End() - 1, &number))
+  ReplaceTwo(s, OfInteger(Remainder(order, number)));
+  NEXT(1)
+on_ModVariableConstant:
+  SINGLE_UNLESS(s->HasRoom(2) && IntegerOf(VARIABLE(op), &order))
+  *s->End() = OfInteger(Remainder(order, DoubleToInteger(op[1].number)));
+  s->SetEnd(s->End() + 1);
+  NEXT(3)
+on_ModVariableConstantJump:
+  SINGLE_UNLESS(s->HasRoom(2) && IntegerOf(VARIABLE(op), &order))
+  order = Remainder(order, DoubleToInteger(op[1].number));
+  JUMP_IF((order != 0) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)
+
+  COMPARISON(Equal, a == b)
+  COMPARISON(NotEqual, !(a == b))
+  COMPARISON(Less, a < b)
+  COMPARISON(LessEqual, a <= b)
+  COMPARISON(Greater, !(a <= b))
+  COMPARISON(GreaterEqual, !(a < b))
+
+on_Jump:
+  op = hot->Target(op);
+  goto jumped;
+  JUMP_ON(JumpEqual, order == 0)
+  JUMP_ON(JumpNotEqual, order != 0)
+  JUMP_ON(JumpLess, order < 0)
+  JUMP_ON(JumpLessEqual, order <= 0)
+  JUMP_ON(JumpGreater, order > 0)
+  JUMP_ON(JumpGreaterEqual, order >= 0)
+
+on_CompareConstant:
+  LEAVE_UNLESS(s->HasRoom(1) && OrderOf(VARIABLE(op), op->second, &order))
+  *s->End() = OfInteger(order);
+  s->SetEnd(s->End() + 1);
+  NEXT(1)
+on_CompareConstantJump:
+  LEAVE_UNLESS(s->HasRoom(1) && OrderOf(VARIABLE(op), op->second, &order))
+  JUMP_IF(Jumps(op[1].single, order), op + 1, 2)
+on_Increment:
+  variable = VARIABLE(op);
+  LEAVE_UNLESS(IntegerOf(variable, &number))
+  variable->Write_Integer(WrapAdd(number, op->second));
+  NEXT(1)
+on_StoreConstant:
+  variable = VARIABLE(op);
+  LEAVE_UNLESS(variable && variable->IsPlain())
+  variable->Write_Integer(op->second);
+  NEXT(1)
+on_Line:
+  LEAVE_UNLESS(log_mask == 0)
+  current_line = op->first;
+  NEXT(1)
+
+  ELEMENT(Element, 1)
+  ELEMENT(ElementReadOnly, 0)
+  MEMBER(Member, 1)
+  MEMBER(MemberReadOnly, 0)
+
+on_Call : {
+  Function* function = functions ? functions->Lookup(op->first) : nullptr;
+  LEAVE_UNLESS(function && !(function->flags() & Function_External) && log_mask == 0)
+  instruction_start = op->start;
+  program_counter = op[1].start;
+  CallFunction(function);
+  goto moved;
+}
+on_Return : {
+  ZephVM_Frame* caller = frame->previous;
+  LEAVE_UNLESS(log_mask == 0 && open_features == 0 && caller && frame->is_function)
+  LEAVE_UNLESS(s->Holds(1) && caller->stack->HasRoom(1))
+  // A borrowed variable may be a local one, which goes with the frame.
+  const Entry& result = s->End()[-1];
+  LEAVE_UNLESS(result.kind != ZephVM_Stack::KindVariable || result.deletable)
+  caller->stack->End()->CopyFrom(result);
+  caller->stack->SetEnd(caller->stack->End() + 1);
+  s->SetEnd(s->End() - 1);
+  wanted_segment = frame->return_segment;
+  program_counter = frame->return_offset;
+  LeaveFrame();
+  goto moved;
+}
+
+jumped:
+  if (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat)) goto on_Leave;
+  GO_TO(op->action);
+
+moved:
+  if (stop_flag || wanted_segment != loaded_segment || Read(over) || Read(ended) ||
+      Read(beats) != last_heartbeat) {
+    return;
+  }
+  op = hot->At(program_counter);
+  if (!op) return;
+  s = stack;
+  tables[1] = frame->variables;
+  GO_TO(op->action);
+
+on_Leave:
   program_counter = op->start;
+#undef GO_TO
 #undef NEXT
 #undef SINGLE_UNLESS
 #undef LEAVE_UNLESS
@@ -399,4 +445,6 @@ leave:
 #undef ARITHMETIC
 #undef COMPARISON
 #undef JUMP_ON
+#undef ELEMENT
+#undef MEMBER
 }

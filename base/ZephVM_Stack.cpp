@@ -204,7 +204,7 @@ void ZephVM_Stack::Push(ZephVM_Stack* from, int count) {
   }
   for (int i = 0; i < count; i++) {
     Entry* entry = top++;
-    *entry = *--from->top;
+    entry->CopyFrom(*--from->top);
     if (entry->kind != KindVariable || entry->deletable) continue;
     if (!entry->private_copy) entry->value.variable->IncRefCount();
     entry->private_copy = 0;
@@ -406,7 +406,7 @@ void ZephVM_Stack::Dupe() {
   Entry* copy = Room();
   if (!copy) return;
   const Entry* source = copy - 1;
-  *copy = *source;
+  copy->CopyFrom(*source);
   copy->deletable = 0;
   copy->private_copy = 0;
   if (!source->deletable && !source->private_copy) return;
@@ -432,9 +432,10 @@ void ZephVM_Stack::Swap(int a, int b) {
     return;
   }
   if (a == b) return;
-  Entry held = top[-1 - a];
-  top[-1 - a] = top[-1 - b];
-  top[-1 - b] = held;
+  Entry held;
+  held.CopyFrom(top[-1 - a]);
+  top[-1 - a].CopyFrom(top[-1 - b]);
+  top[-1 - b].CopyFrom(held);
 }
 
 bool ZephVM_Stack::KeptElsewhere(const Entry* entry) const {
@@ -645,7 +646,7 @@ void ZephVM_Stack::Concatenate() {
   } else if (right->deletable) {
     MakeLinkBuffer(right);
     PrependEntry(right->value.buffer, left);
-    *left = *right;
+    left->CopyFrom(*right);
     top--;
   } else {
     ConcatenateTexts(left, right);

@@ -4,6 +4,9 @@
 #ifndef ZEPH_BASE_ZEPHVM_STACK_H
 #define ZEPH_BASE_ZEPHVM_STACK_H
 
+#include <cstdint>
+#include <cstring>
+
 #include "base/FreeList.h"
 #include "base/Numbers.h"
 #include "base/Variable.h"
@@ -50,6 +53,18 @@ class ZephVM_Stack {
     } value;
     int length;  // bytes of a String; 4 for an Integer, 8 otherwise
     int size;    // capacity of a String's buffer, otherwise as length
+
+    // Copies in words, as entries are written: a processor forwards a word that it has just stored,
+    // but has to wait for one that is wider.
+    void CopyFrom(const Stack_Entry& other) {
+      uint64_t head;
+      uint64_t tail;
+      memcpy(&head, &other, sizeof head);
+      memcpy(this, &head, sizeof head);
+      value = other.value;
+      memcpy(&tail, &other.length, sizeof tail);
+      memcpy(&length, &tail, sizeof tail);
+    }
   };
 
   // The machine is borrowed; it hears of underflows and overflows.
