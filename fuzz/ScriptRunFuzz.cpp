@@ -1,5 +1,7 @@
 // Scripts that are loaded and run, by a machine with all its tables. Whatever a script does, it
 // ends soon when it is told to, and leaves nothing behind.
+//
+//   ScriptRunFuzz -max_len=8000 -rss_limit_mb=4000 -malloc_limit_mb=2000 CORPUS
 
 #include <malloc.h>
 
@@ -11,9 +13,11 @@
 #include <new>
 #include <thread>
 
+#include "base/Aggregate.h"
 #include "base/BufferedOutput.h"
 #include "base/Config.h"
 #include "base/ExternalCall.h"
+#include "base/ExternalLibrary.h"
 #include "base/UFCrypt.h"
 #include "base/Variable.h"
 #include "base/ZephVM.h"
@@ -117,6 +121,82 @@ class Watchdog {
   std::thread thread;
 };
 
+// --- A library -----------------------------------------------------------------------------------
+
+// Functions in C++ that scripts call, and that call scripts.
+
+// call(name, argument var): what the script's function of that name gives for the argument.
+void Call(ZephVM* vm, VariableHash* parameters, Variable* result, void**) {
+  Variable* argument = parameters->Index(1, 1);
+  Variable* name = parameters->Index(0, 1);
+  if (!argument || !name) return;
+  String text(name->value().data, name->value().length);
+  VariableList arguments;
+  arguments.Insert(argument, ListTail);
+  vm->RunFunction(text.data ? text.data : "", text.length, &arguments, result);
+}
+
+// change(v var): makes an array of it, with what it was as an element.
+void Change(ZephVM*, VariableHash* parameters, Variable* result, void**) {
+  Variable* variable = parameters->Index(0, 1);
+  if (!variable) return;
+  Variable was(*variable);
+  variable->InsertElement(1, &was);
+  variable->DeleteElements(3, -1, true);
+  result->SetValue(*variable);
+}
+
+// count(): how often it was called. Keeps something of its own until the end.
+void Count(ZephVM* vm, VariableHash*, Variable* result, void** state) {
+  auto* count = static_cast<int*>(*state);
+  if (!vm) {
+    delete count;
+    return;
+  }
+  if (!count) *state = count = new int(0);
+  result->SetValue_Integer(++*count);
+}
+
+// write(text): writes it, hides it, and fails if it is empty.
+void Write(ZephVM* vm, VariableHash* parameters, Variable* result, void**) {
+  Variable* text = parameters->Index(0, 1);
+  if (!text) return;
+  vm->HideVar("text", text);
+  if (text->IsNULL()) vm->RuntimeError(12, "nothing to write");
+  result->Make_Reference(text);
+}
+
+_ZP_EL_Parameter call_parameters[] = {{"name", 4, 0}, {"argument", 8, _ZP_EL_ByReference}};
+_ZP_EL_Parameter change_parameters[] = {{"v", 1, _ZP_EL_ByReference}};
+_ZP_EL_Parameter write_parameters[] = {{"text", 4, 0}};
+_ZP_EL_Function library_functions[] = {
+    {"call", 4, 2, call_parameters, Call}, {"change", 6, 1, change_parameters, Change},
+    {"count", 5, 0, nullptr, Count},       {"write", 5, 1, write_parameters, Write},
+    {nullptr, 0, 0, nullptr, nullptr},
+};
+_ZP_EL_FunctionTable library_table = {1, library_functions};
+
+_ZP_EL_FunctionTable* LibraryTable() {
+  return &library_table;
+}
+
+class Library : public ExternalLibrary {
+ public:
+  bool Load(const char* path) override {
+    library_path.assign(path, -1);
+    return true;
+  }
+  void* Get_Function(const char*) override { return reinterpret_cast<void*>(&LibraryTable); }
+};
+
+class LibraryManager : public ExternalLibraryManager {
+ public:
+  ExternalLibrary* Load(const char* path) override {
+    auto library = std::make_unique<Library>();
+    return library->Load(path) ? library.release() : nullptr;
+  }
+};
+
 // --- A run ---------------------------------------------------------------------------------------
 
 class Application : public TestApplication {
@@ -162,7 +242,9 @@ void UseNatively(LoadedScript* script, ZephVM* vm) {
 void Run(const std::string& file, Watchdog* watchdog) {
   FaultyFileManager manager;
   manager.files["s"] = file;
+  LibraryManager libraries;
   Application application;
+  application.SetLibraryManager(&libraries);
   NullOutput output(nullptr);
   application.SetOutput(&output);
   // A byte of the stamp decides whether the run is logged.
@@ -178,6 +260,7 @@ void Run(const std::string& file, Watchdog* watchdog) {
   script.system.SetVariable(new Variable("subject", -1, "a subject", -1));
   script.system.SetVariable(new ImmutableVariable("fixed", -1, "a fixed text", -1));
   ExternalCallManager external(&application);
+  if (!external.RegisterDSO("library")) abort();
   watchdog->Begin(application.heartbeatcounter(), application.timedoutflag());
   {
     ZephVM vm("dir/script.zpc", -1, &application, &script.dictionary, &script.system,

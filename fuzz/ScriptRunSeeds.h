@@ -362,6 +362,63 @@ inline const char* const script_run_seeds[] = {
       .segment 0
       .function elsewhere(a) external
     )",
+    // Functions of a library, which call the script's.
+    R"(
+      tagerror 12, 1
+      pushc "twice"
+      pushg v
+      call call
+      out
+      pushi 5
+      popg v
+      pushc "twice"
+      pushg v
+      call call
+      out
+      pushg v
+      call change
+      pop
+      pushg v
+      call change
+      out
+      call count
+      call count
+      add
+      out
+      pushc "text"
+      call write
+      popg w
+      pushg nothing
+      call write
+      pushg w
+      cat
+      out
+      .segment 1
+      .function twice(n var)
+      pushg x
+      capture
+      pushl n
+      pushi 2
+      mul
+      popl n
+      pushl n
+      out
+      capture_end
+      pushl n
+      call write
+      ret
+      .segment 2
+      .function again(n var)
+      pushc "again"
+      pushl n
+      call call
+      ret
+      .segment 0
+      .function call(name, argument var) external
+      .function change(v var) external
+      .function count() external
+      .function write(text) external
+    )",
     // Numbers of every size as text and back.
     R"(
       pushf 0.1
