@@ -170,6 +170,18 @@ void AggregateElementTree::Exchange(int position, Variable* variable) {
   }
 }
 
+bool AggregateElementTree::RemoveFromRow(int position) {
+  if (position == dense.last()) {
+    Variable* removed = dense.RemoveLast();
+    entries = dense.count();
+    removed->Release();
+    return true;
+  }
+  if (position >= dense.first() && position < dense.last()) return false;
+  dense.Search(position);
+  return true;
+}
+
 int AggregateElementTree::Collapse() {
   if (dense.count() > 0) {
     dense.MoveTo(1);

@@ -156,6 +156,9 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   void InsertNew(const AggregateIndex& index, Variable* variable);
   // Of a row, puts another variable, with a count on it, at a position that is there.
   void Exchange(int position, Variable* variable);
+  // Of a row, removes an element that is the last, or is not there: what a search for it does, and
+  // that its variable is released. False, and nothing done, for one before others.
+  bool RemoveFromRow(int position);
   // Gives all elements the positions from 1 on and answers their count.
   int Collapse();
 

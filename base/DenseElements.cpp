@@ -80,6 +80,11 @@ void SplayShape::Insert(int rank) {
   root_ = rank;
 }
 
+void SplayShape::RemoveGreatest(int rank) {
+  Splay(rank);
+  root_ = node(rank).left;
+}
+
 void SplayShape::OrderForCopy(std::vector<int>* ranks) const {
   std::vector<int> pending;
   if (root_ != 0) pending.push_back(root_);
@@ -147,6 +152,7 @@ void DenseElements::Note(int run_from, int run_to) {
 
 void DenseElements::NoteAppendInHistory() {
   if (count_ == 0) {
+    history.reset();
     falling = true;
     return;
   }
@@ -180,14 +186,34 @@ void DenseElements::PlayNotes() {
   history->shaped = true;
 }
 
+// A stack of a script, pushed and popped, stays a falling chain.
+Variable* DenseElements::RemoveLast() {
+  Touch(count_);
+  Variable* removed = slots[count_ - 1];
+  int root = count_ - 1;
+  if (!IsChain() || !falling) {
+    SplayShape& shape = UpToDate()->shape;
+    shape.RemoveGreatest(count_);
+    root = shape.root();
+  }
+  --count_;
+  if (count_ == 0) {
+    history.reset();
+    falling = true;
+  }
+  if (!history) chain_count = count_;
+  StandAt(root);
+  return removed;
+}
+
 // --- The shape -----------------------------------------------------------------------------------
 
-const SplayShape& DenseElements::Shape() {
+DenseElements::History* DenseElements::UpToDate() {
   CloseRun();
   if (!history) history = std::make_unique<History>();
   PlayNotes();
   StandAt(top);
-  return history->shape;
+  return history.get();
 }
 
 void DenseElements::OrderForCopy(std::vector<int>* ranks) {

@@ -48,6 +48,8 @@ class SplayShape {
   // As SplayTree::Splay and SplayTree::Insert; the key of a splay may be any number.
   void Splay(int key);
   void Insert(int rank);
+  // As SplayTree::Remove for the greatest rank.
+  void RemoveGreatest(int rank);
   // All ranks in the order in which a copy of more than 99 elements inserts them: a node, what is
   // right of it, what is left of it.
   void OrderForCopy(std::vector<int>* ranks) const;
@@ -109,11 +111,14 @@ class DenseElements {
     slots[position - base] = variable;
     return old;
   }
+  // Removes the last element and hands its variable over with its count. The search is part of it.
+  // What then stands at the root is left of the last element, so that no fourth case comes up.
+  [[nodiscard]] Variable* RemoveLast();
   // Gives the elements the positions from that one on.
   void MoveTo(int position) { base = position; }
 
   // The shape of the tree, brought up to date.
-  const SplayShape& Shape();
+  const SplayShape& Shape() { return UpToDate()->shape; }
   // The order in which a copy inserts the elements, as ranks.
   void OrderForCopy(std::vector<int>* ranks);
   // Makes this empty row one of so many null variables, as a copy of the source that is inserted in
@@ -170,6 +175,7 @@ class DenseElements {
   void CloseRun();
   void Note(int run_from, int run_to);
   void PlayNotes();
+  History* UpToDate();
   void Grow();
 
   Variable** slots = nullptr;

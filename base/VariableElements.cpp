@@ -113,7 +113,7 @@ void Variable::DeleteElement(const AggregateIndex& index, bool compact) {
   if (aggregate != index.kind()) return;
   // The index may be the element's own, which is gone after this.
   const int position = index.position;
-  delete elements->Remove(index);
+  if (!elements->IsRow() || !elements->RemoveFromRow(position)) delete elements->Remove(index);
   if (aggregate == AggregateArray && compact) elements->Displace(WrapAdd(position, 1), -1);
 }
 
@@ -127,6 +127,10 @@ void Variable::DeleteElements(int start, int count, bool compact) {
   const VariableRef pin = VariableRef::Share(this);
   Convert_Aggregate(AggregateArray);
   if (count == -1) {
+    while (elements->IsRow() && elements->LastPlace().position >= start) {
+      elements->RemoveFromRow(elements->LastPlace().position);
+    }
+    if (elements->IsRow()) return;
     AggregateElement* last = elements->Last();
     while (last && last->index().position >= start) {
       AggregateElement* removed = elements->Remove(last->index());

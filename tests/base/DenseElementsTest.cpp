@@ -224,7 +224,7 @@ void OneSearch(Random& random, Pair* pair, int first, int* count) {
   const int last = first + *count - 1;
   const int at = first + Below(random, *count + 2) - 1;
   const int to = first + Below(random, *count);
-  switch (Below(random, 14)) {
+  switch (Below(random, 16)) {
     case 0:
       for (int i = first; i <= last; i++) pair->Read(i);
       return;
@@ -254,16 +254,30 @@ void OneSearch(Random& random, Pair* pair, int first, int* count) {
       for (int i = Below(random, 4); i >= 0; i--) pair->Write(first + (*count)++);
       return;
     case 11:
+      for (int i = Below(random, 3); i > 0 && *count > 0; i--) {
+        pair->Delete(first + --*count, Below(random, 2) != 0);
+      }
+      pair->Delete(first + *count + Below(random, 2), Below(random, 2) != 0);
+      if (*count == 0) pair->Write(first + (*count)++);
+      return;
+    case 12:
       pair->Ends();
       pair->Read(to);
       pair->Read(to);
       return;
-    case 12:
+    case 13:
       // Neighbours, as a sort reads them.
       for (int i = first; i < last; i++) {
         pair->Read(i);
         pair->Read(i + 1);
         if (Below(random, 2)) pair->Write(i);
+      }
+      return;
+    case 14:
+      if (Below(random, 3) == 0 && *count > 1) {
+        const int from = first + 1 + Below(random, *count - 1);
+        pair->DeleteMany(from, -1, false);
+        *count = from - first;
       }
       return;
     default: pair->Read(at);
@@ -314,8 +328,15 @@ TEST(DenseElements, HaveTheShapeThatTheTreeHasAfterEachSearch) {
     int at = first;
     int step = 1;
     for (int i = Below(random, 60); i >= 0; i--) {
-      switch (Below(random, 8)) {
+      switch (Below(random, 9)) {
         case 0: add(); break;
+        case 8:
+          if (position > first) {
+            --position;
+            delete tree.Remove(AggregateIndex(position));
+            row.RemoveLast()->Release();
+          }
+          break;
         case 1: at = first - 1 + Below(random, position - first + 3); break;
         case 2: step = -step; break;
         default: at += step;
@@ -453,6 +474,26 @@ TEST(DenseElements, ASharedVariableIsReplacedAndReleased) {
   array->SetNULL();
   EXPECT_EQ(shared->refcount(), 1);
   EXPECT_EQ(other->refcount(), 1);
+}
+
+TEST(DenseElements, AStackThatIsPushedAndPoppedStaysARow) {
+  const VariableRef array(new Variable());
+  const VariableRef witness(new Variable("w", 1, 5));
+  for (int round = 0; round < 3; round++) {
+    for (int i = 1; i <= 200; i++) array->SetElement(AggregateIndex(i), witness.get());
+    EXPECT_EQ(witness->refcount(), 201);
+    for (int i = 200; i > 100 * (round % 2); i--) array->DeleteElement(AggregateIndex(i), true);
+    EXPECT_EQ(array->ElementsUsed(), 100 * (round % 2));
+    EXPECT_EQ(witness->refcount(), 1 + 100 * (round % 2));
+    array->DeleteElements(1, -1, false);
+    EXPECT_EQ(array->ElementsUsed(), 0);
+    EXPECT_EQ(array->aggregatetype(), AggregateArray);
+    EXPECT_EQ(array->Max(), 0);
+    EXPECT_EQ(array->Next(0), 0);
+  }
+  array->At(0, 1);
+  EXPECT_TRUE(array->aggregateelements()->IsRow());
+  EXPECT_EQ(array->ElementsUsed(), 1);
 }
 
 TEST(DenseElements, WithoutAVariableAnElementIsInTheTree) {
