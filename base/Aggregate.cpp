@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <memory>
 
+#include "base/VariableRef.h"
+
 AggregateIndex::operator String&() {
   if (position != -1 && key.length == 0) {
     char text[16];
@@ -141,9 +143,9 @@ AggregateElementTree::Place AggregateElementTree::LastPlace() {
 
 Variable* AggregateElementTree::InsertNew(const AggregateIndex& index) {
   if (TakesDense(index)) {
-    auto* variable = new Variable();
-    AppendDense(index.position, variable);
-    return variable;
+    VariableRef variable(new Variable());
+    AppendDense(index.position, variable.get());
+    return variable.release();
   }
   auto element = std::make_unique<AggregateElement>(index);
   Insert(element.get());
@@ -152,8 +154,8 @@ Variable* AggregateElementTree::InsertNew(const AggregateIndex& index) {
 
 void AggregateElementTree::InsertNew(const AggregateIndex& index, Variable* variable) {
   if (variable && TakesDense(index)) {
-    variable->Hold();
     AppendDense(index.position, variable);
+    variable->Hold();
     return;
   }
   auto element = std::make_unique<AggregateElement>(index, variable);

@@ -10,8 +10,7 @@
 // would stand here when one is asked for. For that:
 //
 //   - Runs. A search of the position that was found last changes nothing, since it is the root.
-//   Other
-//     searches are noted as runs of neighbours: a loop over an array is one note.
+//     Other searches are noted as runs of neighbours: a loop over an array is one note.
 //   - Chains. An array filled in order is a chain of left children, the greatest position at the
 //     root. Whatever the shape was, searching all positions in rising order leaves this same chain:
 //     once the least position is the root, each next one is the least of the root's right subtree,

@@ -4,6 +4,7 @@
 
 #include "base/Variable.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -396,6 +397,15 @@ void AppendItem(String& out, const String& text) {
 void Variable::Serialize(String& out) {
   if (!elements) {
     AppendItem(out, value());
+    return;
+  }
+  std::vector<AggregateElementTree::Row> rows;
+  elements->Listing(&rows);
+  const auto is_flat = [](const auto& row) {
+    return row.variable && row.variable->IsPlain() && !row.variable->elements;
+  };
+  if (std::all_of(rows.begin(), rows.end(), is_flat)) {
+    for (const auto& row : rows) AppendItem(out, row.variable->Read_Text());
     return;
   }
   VariableWalk walk(this);
