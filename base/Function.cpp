@@ -90,6 +90,7 @@ Function::Function(ZephApplication* application, Dictionary* dictionary, Functio
 Function::~Function() = default;
 
 void Function::FillSlots() {
+  has_slots = true;
   parameter_slots.clear();
   for (FunctionParameter* p = parameter_list.First(); p; p = parameter_list.Next()) {
     parameter_slots.push_back(p);
@@ -101,6 +102,7 @@ int Function::AddParameter(int byreference, const char* name, int length) {
   int id = name_dictionary->Entry_Add(name, length);
   int index = local_variables.Insert(id, nullptr, -1, nullptr);
   parameter_list.Insert(new FunctionParameter(id, name, length, byreference, index), ListTail);
+  has_slots = false;
   return index;
 }
 

@@ -75,7 +75,7 @@ class Function {
   List<FunctionParameter>& parameters() { return parameter_list; }
   // The same in an array, for calls. Holds until a parameter is added.
   const std::vector<FunctionParameter*>& slots() {
-    if (parameter_slots.size() != static_cast<size_t>(parameter_list.Entries())) FillSlots();
+    if (!has_slots) FillSlots();
     return parameter_slots;
   }
   // Where the code begins; both -1 for an external function.
@@ -97,6 +97,7 @@ class Function {
   String function_name;
   List<FunctionParameter> parameter_list;
   std::vector<FunctionParameter*> parameter_slots;
+  bool has_slots = false;
   int segment_number;
   int entry_offset;
   Dictionary* name_dictionary;

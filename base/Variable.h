@@ -186,6 +186,8 @@ class Variable {
   // Whether this is a Variable and of no derived class, and no reference: then nothing is computed
   // or refused, and value and elements are the object's own.
   bool IsPlain() const { return IsOfThisClass() && standing == Own; }
+  // The same, though its text may be watched: whatever is done with it runs no code but its own.
+  bool IsOrdinary() const { return IsOfThisClass() && !redirected(); }
   // The forms, as bits of Form, in which a plain scalar has its value; 0 for a NULL scalar, for
   // an aggregate and for what is not plain.
   unsigned plain_forms() const { return IsPlain() ? valid_forms : 0u; }

@@ -104,7 +104,7 @@ template <bool (*OfVariable)(const Variable*, double*)>
 
 // Whether nothing but the machine's own code runs when the entry is read as text.
 inline bool IsOrdinary(const Entry* entry) {
-  return entry->kind != ZephVM_Stack::KindVariable || entry->value.variable->IsPlain();
+  return entry->kind != ZephVM_Stack::KindVariable || entry->value.variable->IsOrdinary();
 }
 
 inline bool IsNumberOrPlain(const Entry* entry) {
@@ -292,9 +292,7 @@ on_PushVariable:
   NEXT(1)
 on_PopVariable:
   variable = VARIABLE(op);
-  LEAVE_UNLESS(variable && variable->IsPlain() && s->Holds(1))
-  LEAVE_UNLESS(s->End()[-1].kind != ZephVM_Stack::KindVariable ||
-               s->End()[-1].value.variable->IsPlain())
+  LEAVE_UNLESS(variable && variable->IsOrdinary() && s->Holds(1) && IsOrdinary(s->End() - 1))
   s->PopV(variable);
   NEXT(1)
 on_Pop:
