@@ -45,6 +45,8 @@ HotAction SingleAction(Instruction::Code code) {
     case code_jmp_gt: return HotAction::JumpGreater;
     case code_jmp_ge: return HotAction::JumpGreaterEqual;
     case code_cmpgi: return HotAction::CompareConstant;
+    case code_cmpgg: return HotAction::CompareGlobals;
+    case code_modgg: return HotAction::ModGlobals;
     case code_incg: return HotAction::Increment;
     case code_storegi: return HotAction::StoreConstant;
     case code_lineno: return HotAction::Line;
@@ -131,8 +133,10 @@ void HotCode::FindTargets(int length) {
 HotAction HotCode::Idiom(size_t i) const {
   const HotAction action = ops[i].single;
   const HotAction next = ops[i + 1].single;
-  if (action == HotAction::CompareConstant && IsJump(next) && next != HotAction::Jump) {
-    return HotAction::CompareConstantJump;
+  if (IsJump(next) && next != HotAction::Jump) {
+    if (action == HotAction::CompareConstant) return HotAction::CompareConstantJump;
+    if (action == HotAction::CompareGlobals) return HotAction::CompareGlobalsJump;
+    if (action == HotAction::ModGlobals) return HotAction::ModGlobalsJump;
   }
   if (IsArithmetic(action) && next == HotAction::PopVariable) {
     return Shifted(action, HotAction::Add, HotAction::AddPop);

@@ -15,8 +15,8 @@
 
 class Dictionary;
 
-// What the hot loop (base/ZephVM_Hot.cpp) does at an instruction, or at several: ACTION is defined by
-// whoever lists them.
+// What the hot loop (base/ZephVM_Hot.cpp) does at an instruction, or at several: ACTION is defined
+// by whoever lists them.
 //
 //   Leave                         nothing: it is left to the machine's loop
 //   Push..., Pop, ..., Return     one instruction
@@ -24,34 +24,38 @@ class Dictionary;
 //   ...VariableConstantJump       the same, with a jump on the outcome
 //   ...Constant, ...Variable      a constant or a variable, and an operation on the top and it
 //   ...Pop                        an operation, and its outcome stored in a variable
-//   CompareConstantJump           a comparison of a global with a constant, and a jump on it
+//   Compare...Jump, ModGlobalsJump  a comparison or a division of globals, and a jump on it
 //   Element...OfVariable          an array and a position, both variables, and the element
 //   Member...OfVariable           a structure in a variable, a constant name, and the member
 //
 // Operations on doubles, and comparisons, stand in the same order wherever they do.
-#define ZEPH_HOT_ACTIONS                                                                        \
-  ACTION(Leave)                                                                                 \
-  ACTION(PushInteger) ACTION(PushDouble) ACTION(PushText) ACTION(PushVariable)                  \
-  ACTION(PopVariable) ACTION(Pop) ACTION(Dup) ACTION(Swap) ACTION(Store) ACTION(Concatenate)    \
-  ACTION(Add) ACTION(Sub) ACTION(Mul) ACTION(Div) ACTION(Mod)                                   \
-  ACTION(Equal) ACTION(NotEqual) ACTION(Less) ACTION(LessEqual) ACTION(Greater)                 \
-  ACTION(GreaterEqual)                                                                          \
-  ACTION(Jump) ACTION(JumpEqual) ACTION(JumpNotEqual) ACTION(JumpLess) ACTION(JumpLessEqual)    \
-  ACTION(JumpGreater) ACTION(JumpGreaterEqual)                                                  \
-  ACTION(CompareConstant) ACTION(Increment) ACTION(StoreConstant) ACTION(Line)                  \
-  ACTION(Element) ACTION(ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly)                 \
-  ACTION(Call) ACTION(Return)                                                                   \
-  ACTION(AddVariableConstant) ACTION(SubVariableConstant) ACTION(MulVariableConstant)           \
-  ACTION(DivVariableConstant) ACTION(ModVariableConstant)                                       \
-  ACTION(ModVariableConstantJump)                                                               \
-  ACTION(EqualVariableConstantJump) ACTION(NotEqualVariableConstantJump)                        \
-  ACTION(LessVariableConstantJump) ACTION(LessEqualVariableConstantJump)                        \
-  ACTION(GreaterVariableConstantJump) ACTION(GreaterEqualVariableConstantJump)                  \
-  ACTION(AddConstant) ACTION(SubConstant) ACTION(MulConstant) ACTION(DivConstant)               \
-  ACTION(AddVariable) ACTION(SubVariable) ACTION(MulVariable) ACTION(DivVariable)               \
-  ACTION(AddPop) ACTION(SubPop) ACTION(MulPop) ACTION(DivPop)                                   \
-  ACTION(CompareConstantJump) ACTION(ElementOfVariable)                                    \
-  ACTION(ElementReadOnlyOfVariable) ACTION(MemberOfVariable) ACTION(MemberReadOnlyOfVariable)
+#define ZEPH_HOT_ACTIONS                                                                           \
+  ACTION(Leave)                                                                                    \
+  ACTION(PushInteger)                                                                              \
+  ACTION(PushDouble) ACTION(PushText) ACTION(PushVariable) ACTION(PopVariable) ACTION(Pop) ACTION( \
+      Dup) ACTION(Swap) ACTION(Store) ACTION(Concatenate) ACTION(Add) ACTION(Sub) ACTION(Mul)      \
+      ACTION(Div) ACTION(Mod) ACTION(Equal) ACTION(NotEqual) ACTION(Less) ACTION(                  \
+          LessEqual) ACTION(Greater) ACTION(GreaterEqual) ACTION(Jump) ACTION(JumpEqual)           \
+          ACTION(JumpNotEqual) ACTION(JumpLess) ACTION(JumpLessEqual) ACTION(JumpGreater) ACTION(  \
+              JumpGreaterEqual) ACTION(CompareConstant) ACTION(CompareGlobals) ACTION(ModGlobals)  \
+              ACTION(Increment) ACTION(StoreConstant) ACTION(Line) ACTION(Element) ACTION(         \
+                  ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly) ACTION(Call)              \
+                  ACTION(Return) ACTION(AddVariableConstant) ACTION(SubVariableConstant) ACTION(   \
+                      MulVariableConstant) ACTION(DivVariableConstant) ACTION(ModVariableConstant) \
+                      ACTION(ModVariableConstantJump) ACTION(EqualVariableConstantJump) ACTION(    \
+                          NotEqualVariableConstantJump) ACTION(LessVariableConstantJump)           \
+                          ACTION(LessEqualVariableConstantJump)                                    \
+                              ACTION(GreaterVariableConstantJump) ACTION(                          \
+                                  GreaterEqualVariableConstantJump) ACTION(AddConstant)            \
+                                  ACTION(SubConstant) ACTION(MulConstant) ACTION(DivConstant)      \
+                                      ACTION(AddVariable) ACTION(SubVariable) ACTION(MulVariable)  \
+                                          ACTION(DivVariable) ACTION(AddPop) ACTION(SubPop)        \
+                                              ACTION(MulPop) ACTION(DivPop) ACTION(                \
+                                                  CompareConstantJump) ACTION(CompareGlobalsJump)  \
+                                                  ACTION(ModGlobalsJump) ACTION(ElementOfVariable) \
+                                                      ACTION(ElementReadOnlyOfVariable)            \
+                                                          ACTION(MemberOfVariable)                 \
+                                                              ACTION(MemberReadOnlyOfVariable)
 
 enum class HotAction : unsigned char {
 #define ACTION(name) name,

@@ -126,6 +126,14 @@ inline bool IsNumberOrPlain(const Entry* entry) {
   return true;
 }
 
+[[gnu::always_inline]] inline bool OrderOf(const Variable* left, const Variable* right,
+                                           int* order) {
+  double a, b;
+  if (!ComparableOf(left, &a) || !ComparableOf(right, &b)) return false;
+  *order = a == b ? 0 : a < b ? -1 : 1;
+  return true;
+}
+
 // How an order answers to the jump behind it.
 [[gnu::always_inline]] inline bool Jumps(HotAction jump, int order) {
   switch (jump) {
@@ -174,6 +182,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   NEXT(count)
 // The variable at a record's position, null if it was not made yet.
 #define VARIABLE(record) tables[(record)->local]->At((record)->first, 0)
+#define SECOND(record) tables[0]->At((record)->second, 0)
 
 // All forms of an operation on the doubles a and b.
 #define ARITHMETIC(name, result)                                                           \
@@ -373,6 +382,24 @@ on_CompareConstant:
 on_CompareConstantJump:
   LEAVE_UNLESS(s->HasRoom(1) && OrderOf(VARIABLE(op), op->second, &order))
   JUMP_IF(Jumps(op[1].single, order), op + 1, 2)
+on_CompareGlobals:
+  LEAVE_UNLESS(s->HasRoom(1) && OrderOf(VARIABLE(op), SECOND(op), &order))
+  *s->End() = OfInteger(order);
+  s->SetEnd(s->End() + 1);
+  NEXT(1)
+on_CompareGlobalsJump:
+  LEAVE_UNLESS(s->HasRoom(1) && OrderOf(VARIABLE(op), SECOND(op), &order))
+  JUMP_IF(Jumps(op[1].single, order), op + 1, 2)
+on_ModGlobals:
+  LEAVE_UNLESS(s->HasRoom(1) && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
+               number != 0)
+  *s->End() = OfInteger(Remainder(order, number));
+  s->SetEnd(s->End() + 1);
+  NEXT(1)
+on_ModGlobalsJump:
+  LEAVE_UNLESS(s->HasRoom(1) && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
+               number != 0)
+  JUMP_IF(Jumps(op[1].single, Remainder(order, number)), op + 1, 2)
 on_Increment:
   variable = VARIABLE(op);
   LEAVE_UNLESS(IntegerOf(variable, &number))
@@ -440,6 +467,7 @@ on_Leave:
 #undef LEAVE_UNLESS
 #undef JUMP_IF
 #undef VARIABLE
+#undef SECOND
 #undef ARITHMETIC
 #undef COMPARISON
 #undef JUMP_ON

@@ -176,10 +176,19 @@ struct RandomProgram {
   }
   void Statement(Machine* machine) {
     static const unsigned short jumps[] = {jmp_eq, jmp_ne, jmp_lt, jmp_le, jmp_gt, jmp_ge};
-    switch (Below(9)) {
+    switch (Below(12)) {
       case 0: machine->Op(incg, Any(), Below(5) - 2); break;
       case 1: machine->Op(storegi, Any(), Below(9)); break;
       case 2: machine->Op(cmpgi, Any(), Below(9)).Op(jumps[Below(6)], 10).Op(incg, Any(), 1); break;
+      case 9: machine->Op(cmpgg, Any(), Any()).Op(jumps[Below(6)], 10).Op(incg, Any(), 1); break;
+      case 10:
+        machine->Op(modgg, Any(), Any());
+        if (Below(2)) {
+          machine->Op(jumps[Below(6)], 10).Op(incg, Any(), 1);
+        } else {
+          machine->Op(popg, Any());
+        }
+        break;
       case 3:
         Expression(machine);
         machine->Op(jumps[Below(6)], 10).Op(storegi, Any(), Below(9));
