@@ -1,5 +1,7 @@
 #include "base/string_search.h"
 
+#include <cstring>
+#include <memory>
 #include <random>
 #include <string>
 
@@ -172,6 +174,37 @@ TEST(StringSearch, BothMethodsAgreeAroundTheLimitOfTheOperators) {
       ASSERT_EQ(Find(bf_searchi, pattern, text), Find(bm_searchi, pattern, text));
     }
   }
+}
+
+// Around every length of a step, with the pattern at every place and nearly at others.
+TEST(StringSearch, ExactSearchesFindPatternsOfAnyLengthAtAnyPlace) {
+  std::mt19937 random(20261122);
+  for (int i = 0; i < 20000; ++i) {
+    const std::string letters = i % 3 == 0 ? "ab" : i % 3 == 1 ? "abcd" : std::string("a\0\xff", 3);
+    const size_t size = random() % (i % 50 == 0 ? 900 : 120);
+    const std::string text = RandomText(random, size, letters);
+    const size_t length = 1 + random() % 40;
+    std::string pattern = RandomText(random, length, letters);
+    if (random() % 4 && size > 0) pattern = text.substr(random() % size, length);
+    if (random() % 4 == 0) pattern[random() % pattern.size()] = 'b';
+    const int expected = Position(text.find(pattern));
+    // At the very end of its buffer, so that nothing behind it may be read.
+    const std::unique_ptr<char[]> exact(new char[text.size() + 1]);
+    memcpy(exact.get() + 1, text.data(), text.size());
+    for (const auto search : {bf_search, bm_search}) {
+      ASSERT_EQ(search(pattern.data(), static_cast<int>(pattern.size()), exact.get() + 1,
+                       static_cast<int>(text.size())),
+                expected)
+          << "round " << i;
+    }
+  }
+}
+
+TEST(StringSearch, TextsFullOfFirstAndLastBytesTakeLinearTime) {
+  const std::string text(4000000, 'a');
+  const std::string pattern = 'a' + std::string(500000, 'a') + 'b' + std::string(500000, 'a');
+  EXPECT_EQ(Find(bm_search, pattern, text), -1);
+  EXPECT_EQ(Find(bf_search, pattern, text + pattern), 4000000);
 }
 
 // Repetitive texts turn the case-insensitive search to its linear method on the way.
