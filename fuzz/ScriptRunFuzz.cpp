@@ -20,6 +20,7 @@
 #include "base/ExternalLibrary.h"
 #include "base/UFCrypt.h"
 #include "base/Variable.h"
+#include "base/VariableRef.h"
 #include "base/ZephVM.h"
 #include "fuzz/ScriptMutator.h"
 #include "fuzz/ScriptRunSeeds.h"
@@ -140,8 +141,8 @@ void Call(ZephVM* vm, VariableHash* parameters, Variable* result, void**) {
 void Change(ZephVM*, VariableHash* parameters, Variable* result, void**) {
   Variable* variable = parameters->Index(0, 1);
   if (!variable) return;
-  Variable was(*variable);
-  variable->InsertElement(1, &was);
+  VariableRef was(new Variable(*variable));
+  variable->InsertElement(1, was.get());
   variable->DeleteElements(3, -1, true);
   result->SetValue(*variable);
 }
