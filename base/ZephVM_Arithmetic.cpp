@@ -2,9 +2,12 @@
 // hash. Each stands under its reference text. Operands are popped from the right; one that could
 // not be popped has set the stop flag, and then nothing is pushed.
 
+#include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 
 #include "base/Numbers.h"
@@ -21,11 +24,26 @@ const int kLongText = 300;
 
 using Search = int (*)(const char*, int, const char*, int);
 
-// What is left of a value rounded to some decimals.
+// What is left of a value rounded to some decimals, with its digits as dtoa writes them.
 struct Rounded {
   enum Kind { Number, Infinity, NaN };
-  Kind kind;
-  double value;
+  Kind kind = Number;
+  double value = 0.0;
+  char digits[20];
+  int count = 0;  // of digits; 0 where only a conversion of the value gives them
+  int point = 0;
+  int sign = 0;
+
+  // Takes the digits of whole / 10^decimals. Numbers of 15 digits come back from a double as they
+  // were, so its conversion would find the same ones.
+  void SetDigits(unsigned long whole, int decimals) {
+    const unsigned long most = 1000000000000000;
+    count = 0;
+    if (whole >= most) return;
+    count = static_cast<int>(std::to_chars(digits, std::end(digits), whole).ptr - digits);
+    point = whole ? count - decimals : 1;
+    while (count > 1 && digits[count - 1] == '0') count--;
+  }
 };
 
 double PowerOfTen(int exponent) {
@@ -39,11 +57,21 @@ double PowerOfTen(int exponent) {
 // begin in front of the first digit, that digit is tested as if it stood there: 0.0006 to two
 // decimals is 0.01, and scripts know it so.
 Rounded Round(double value, int decimals) {
-  char digits[400];
-  int point, sign;
-  const int length = dtoa(digits, sizeof digits, 5, 20, &point, &sign, value);
-  if (point == 9999) return {digits[0] == 'I' ? Rounded::Infinity : Rounded::NaN, value};
-  if (decimals == 0 || length - point <= decimals) return {Rounded::Number, value};
+  Rounded rounded;
+  rounded.value = value;
+  char* digits = rounded.digits;
+  const int length =
+      dtoa(digits, sizeof rounded.digits, 5, 20, &rounded.point, &rounded.sign, value);
+  const int point = rounded.point;
+  if (point == 9999) {
+    rounded.kind = digits[0] == 'I' ? Rounded::Infinity : Rounded::NaN;
+    return rounded;
+  }
+  if (decimals == 0 || length - point <= decimals) {
+    // Without decimals it is the conversion to text that rounds; behind 20 it may find more digits.
+    rounded.count = decimals >= 1 && decimals <= 20 ? length : 0;
+    return rounded;
+  }
   const int kept = point + decimals;
   unsigned long whole = 0;
   for (int i = 0; i < kept; i++) whole = whole * 10 + static_cast<unsigned long>(digits[i] - '0');
@@ -53,8 +81,29 @@ Rounded Round(double value, int decimals) {
     const char* rest = digits + test + 1;
     up = rest[strspn(rest, "0")] != '\0' || (whole & 1) != 0;
   }
-  const double rounded = static_cast<double>(whole + (up ? 1 : 0)) / PowerOfTen(decimals);
-  return {Rounded::Number, sign ? -rounded : rounded};
+  whole += up;
+  const double magnitude = static_cast<double>(whole) / PowerOfTen(decimals);
+  rounded.value = rounded.sign ? -magnitude : magnitude;
+  rounded.SetDigits(whole, decimals);
+  return rounded;
+}
+
+// Writes a rounded value with its digits known: what dtos makes of it, size included.
+char* RoundedText(const Rounded& rounded, int decimals, int* length, int* size) {
+  const int whole = std::max(rounded.point, 1);
+  const int larger = std::max(rounded.point, rounded.count);
+  *size =
+      std::max(decimals + larger + (rounded.point == 0) + 3, rounded.sign + whole + decimals + 2);
+  char* text = new char[static_cast<size_t>(*size)];
+  char* end = text;
+  if (rounded.sign) *end++ = '-';
+  auto digit = [&rounded](int i) { return i >= 0 && i < rounded.count ? rounded.digits[i] : '0'; };
+  for (int i = rounded.point - whole; i < rounded.point; i++) *end++ = digit(i);
+  *end++ = '.';
+  for (int i = rounded.point; i < rounded.point + decimals; i++) *end++ = digit(i);
+  *end = '\0';
+  *length = static_cast<int>(end - text);
+  return text;
 }
 
 int Find(const char* needle, int needle_length, const char* text, int text_length, Search plain,
@@ -88,7 +137,8 @@ void ZephVM::rounds() {
     stack->PushS("NaN", 3, 4, 0);
   } else {
     int length, size;
-    char* text = ZephApplication::dtos(rounded.value, &length, &size, decimals);
+    char* text = rounded.count ? RoundedText(rounded, decimals, &length, &size)
+                               : ZephApplication::dtos(rounded.value, &length, &size, decimals);
     stack->PushS(text, length, size, 1);
   }
 }

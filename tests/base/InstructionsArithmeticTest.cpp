@@ -272,14 +272,26 @@ double Rounded(double value, int places) {
 
 TEST(InstructionsArithmetic, RoundingOfManyNumbers) {
   srand(7);
-  for (int i = 0; i < 3000; i++) {
-    int places = rand() % 6;
-    double value = (rand() % 2 ? 1 : -1) * (rand() % 2000000) / std::pow(10, rand() % 9);
+  for (int i = 0; i < 20000; i++) {
+    int places = i % 3 ? rand() % 6 : rand() % 23;
+    double value = (rand() % 2 ? 1 : -1) * (rand() % 2000000) / std::pow(10, rand() % 12);
+    // Numbers of all lengths beside those of few digits.
+    if (i % 4 == 0) value *= 1 + rand() / 3e9;
+    if (i % 64 == 0) value *= std::pow(10, rand() % 40 - 20);
     SCOPED_TRACE(testing::Message() << value << " to " << places);
     Machine machine;
     machine.OpDouble(Instruction::pushf, value).Op(Instruction::pushi, places);
     machine.Op(Instruction::roundf);
+    machine.OpDouble(Instruction::pushf, value).Op(Instruction::pushi, places);
+    machine.Op(Instruction::rounds);
     ASSERT_EQ(machine.Go(), 1);
+    // The text is that of the rounded number, its memory included.
+    int length, size;
+    std::unique_ptr<char[]> text(
+        machine.application.dtos(Rounded(value, places), &length, &size, places));
+    ASSERT_EQ(machine.stack().Peek()->length, length);
+    ASSERT_EQ(machine.stack().Peek()->size, size);
+    ASSERT_EQ(PopText(machine.stack()), text.get());
     ASSERT_EQ(machine.stack().PopD(), Rounded(value, places));
   }
 }
