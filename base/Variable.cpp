@@ -5,6 +5,7 @@
 #include "base/Variable.h"
 
 #include <algorithm>
+#include <charconv>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -348,12 +349,26 @@ void Variable::Convert_String() {
     char* text = ZephApplication::dtos(double_value, &length, &size, -1);
     string_value.assign_nocopy(text, length, size);
   } else if (valid_forms & IntegerForm) {
-    char* text = ZephApplication::itos(integer_value, &length, &size);
-    string_value.assign_nocopy(text, length, size);
+    StoreIntegerText();
   } else {
     string_value.assign("", 0);
   }
   valid_forms |= TextForm;
+}
+
+// As itos and adopting its buffer, but in the buffer that is there, if it is large enough: a
+// counter that is written out has its text made again and again.
+void Variable::StoreIntegerText() {
+  char text[12];
+  const int length =
+      static_cast<int>(std::to_chars(text, text + sizeof text, integer_value).ptr - text);
+  if (string_value.allocated <= length) {
+    string_value.assign_nocopy(new char[static_cast<size_t>(length) + 1], 0, length + 1);
+  }
+  memcpy(string_value.data, text, static_cast<size_t>(length));
+  string_value.data[length] = '\0';
+  string_value.length = length;
+  string_value.allocated = length + 1;
 }
 
 void Variable::Convert_Integer() {

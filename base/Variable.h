@@ -364,6 +364,7 @@ class Variable {
   int WatchableText();
   void SetWatched(bool watched) { standing = watched ? Watched : Own; }
   void AppendText(const char* bytes, int count, bool adopted);
+  void StoreIntegerText();
   void DropElements();
   void CopyForms(Variable& source);
   void CopyScalar(Variable& source);

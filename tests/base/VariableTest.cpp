@@ -252,6 +252,18 @@ TEST(Variable, TextPrefersTheDoubleToTheInteger) {
   EXPECT_EQ(Value(variable), "2.75");
 }
 
+TEST(Variable, TheTextOfAnIntegerIsJustLargeEnough) {
+  const VariableRef v = New();
+  for (const int number : {12345, 7, -2147483647 - 1, 0, 100, -1, 99999}) {
+    SCOPED_TRACE(number);
+    v->SetValue_Integer(number);
+    const string expected = std::to_string(number);
+    EXPECT_EQ(Value(v), expected);
+    EXPECT_STREQ(v->value().data, expected.c_str());
+    EXPECT_EQ(v->value().allocated, static_cast<int>(expected.size()) + 1);
+  }
+}
+
 TEST(Variable, ValueCompareTellsNumbersFromText) {
   struct Case {
     const char* text;
