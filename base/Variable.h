@@ -277,12 +277,13 @@ class Variable {
     }
   }
   // Makes a local variable, whose call is over, as new for the next call; false if that can be told
-  // from a new one: somebody else holds it, or it has had more than numbers.
+  // from a new one: somebody else holds it, or it has been more than a scalar.
   bool Renew() {
-    if (!IsPlain() || refcount_ != 1 || elements || suspect || string_value.data || error_.data ||
+    if (!IsPlain() || refcount_ != 1 || elements || suspect || error_.data ||
         name_.allocated != SharedMark) {
       return false;
     }
+    if (string_value.data) string_value.destroy();
     integer_value = 0;
     double_value = 0.0;
     valid_forms = 0;

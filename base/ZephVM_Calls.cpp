@@ -237,17 +237,19 @@ void ZephVM::CallExternalFunction(Function* function) {
   ExternalCall* external = FindExternal(function);
   if (!external) return;
   const _ZP_EL_Function* row = external->descriptor();
-  if (row->parametercount != function->parameters().Entries()) {
+  if (row->parametercount != static_cast<int>(function->slots().size())) {
     FatalError("Number of parameters mismatch in call to external function");
     return;
   }
   if (WantsLog(Log_ExternalFunctionCall)) {
     WriteLog(Log_ExternalFunctionCall, {OfString(function->name())});
   }
-  // A table for each call: the function may call a script function that calls it again.
-  VariableHash locals(function->variables());
-  if (!TakeExternalArguments(function, row, &locals)) return;
-  external->Call(this, &locals);
+  // A table for each call: the function may call a script function that calls it again. It comes
+  // with a frame, which is not entered, since those are kept.
+  const auto keep = [this](ZephVM_FunctionFrame* used) { KeepFrame(used); };
+  const std::unique_ptr<ZephVM_FunctionFrame, decltype(keep)> called(FrameFor(function), keep);
+  if (!TakeExternalArguments(function, row, called->variables)) return;
+  external->Call(this, called->variables);
   stack->PushV(external->result(), 1, 1);
   if (WantsLog(Log_ExternalFunctionReturnValue)) {
     WriteLog(Log_ExternalFunctionReturnValue,
@@ -280,11 +282,10 @@ ExternalCall* ZephVM::FindExternal(Function* function) {
 
 bool ZephVM::TakeExternalArguments(Function* function, const _ZP_EL_Function* row,
                                    VariableHash* locals) {
-  List<FunctionParameter>& parameters = function->parameters();
-  int i = parameters.Entries();
-  for (FunctionParameter* p = parameters.Last(); p; p = parameters.Previous()) {
-    i--;
-    const int expected = i < row->parametercount ? row->parameters[i].flags : 0;
+  const std::vector<FunctionParameter*>& parameters = function->slots();
+  for (int i = row->parametercount; i-- > 0;) {
+    const FunctionParameter* p = parameters[static_cast<size_t>(i)];
+    const int expected = row->parameters[i].flags;
     if (p->flagword() != expected) {
       FatalError("Parameter type mismatch in call to external function");
       return false;
