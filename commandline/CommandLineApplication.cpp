@@ -69,7 +69,7 @@ CommandLineApplication::CommandLineApplication(int argc, char** argv,
 
 int CommandLineApplication::Go(const Options& options) {
   TaggedFile tagged(file_manager);
-  srand(static_cast<unsigned>(time(nullptr)));
+  SeedRandom();
   BuildTables(&tables, &tagged);
   MachineScope scope(this);
   String path;

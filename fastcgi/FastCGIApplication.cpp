@@ -50,7 +50,7 @@ const char* FastCGIApplication::Parameter(const char* name) const {
 int FastCGIApplication::Go(FastCGIThread* thread) {
   thread_id = static_cast<int>(thread->number());
   TaggedFile tagged(file_manager);
-  srand(static_cast<unsigned>(time(nullptr)));
+  SeedRandom();
   BuildTables(&tables, &tagged);
   MachineScope scope(this);
   return Run(&tagged);

@@ -292,6 +292,13 @@ void UNIXApplication::BuildTables(ScriptTables* tables, TaggedFile* tagged) {
   configuration = tables->config;
 }
 
+// A second seed within a second would only begin the same sequence again, and seeding is not cheap.
+void UNIXApplication::SeedRandom() {
+  static std::atomic<time_t> seeded{0};
+  const time_t now = time(nullptr);
+  if (seeded.exchange(now, std::memory_order_relaxed) != now) srand(static_cast<unsigned>(now));
+}
+
 UNIXApplication::LibraryFile UNIXApplication::LookAtLibrary(const char* path) {
   struct stat status;
   if (stat(path, &status) != 0) return LibraryFile::Missing;

@@ -63,6 +63,9 @@ class UNIXApplication : public ZephApplication {
   // Makes empty tables, the managers of libraries and the settings.
   void BuildTables(ScriptTables* tables, TaggedFile* tagged);
 
+  // Seeds rand() with the time, once a second at most.
+  static void SeedRandom();
+
   // A configuration library runs inside the process, so it has to belong to root or to the user
   // that the process runs as.
   enum class LibraryFile { Missing, Foreign, Usable };
