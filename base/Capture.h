@@ -19,7 +19,8 @@ class Capture : public Feature {
   ~Capture() override;
 
   void Start();
-  // Gives the text to the variable without copying it, and the output back if the capture fronts it.
+  // Gives the text to the variable without copying it, and the output back if the capture fronts
+  // it.
   void End();
   // Whether another output has come to stand in front, and so leads on to this capture's: then the
   // capture has to stay until that one is gone.

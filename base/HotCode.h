@@ -29,33 +29,32 @@ class Dictionary;
 //   Member...OfVariable           a structure in a variable, a constant name, and the member
 //
 // Operations on doubles, and comparisons, stand in the same order wherever they do.
-#define ZEPH_HOT_ACTIONS                                                                           \
-  ACTION(Leave)                                                                                    \
-  ACTION(PushInteger)                                                                              \
-  ACTION(PushDouble) ACTION(PushText) ACTION(PushVariable) ACTION(PopVariable) ACTION(Pop) ACTION( \
-      Dup) ACTION(Swap) ACTION(Store) ACTION(Concatenate) ACTION(Add) ACTION(Sub) ACTION(Mul)      \
-      ACTION(Div) ACTION(Mod) ACTION(Equal) ACTION(NotEqual) ACTION(Less) ACTION(                  \
-          LessEqual) ACTION(Greater) ACTION(GreaterEqual) ACTION(Jump) ACTION(JumpEqual)           \
-          ACTION(JumpNotEqual) ACTION(JumpLess) ACTION(JumpLessEqual) ACTION(JumpGreater) ACTION(  \
-              JumpGreaterEqual) ACTION(CompareConstant) ACTION(CompareGlobals) ACTION(ModGlobals)  \
-              ACTION(Increment) ACTION(StoreConstant) ACTION(Line) ACTION(Element) ACTION(         \
-                  ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly) ACTION(Call)              \
-                  ACTION(Return) ACTION(AddVariableConstant) ACTION(SubVariableConstant) ACTION(   \
-                      MulVariableConstant) ACTION(DivVariableConstant) ACTION(ModVariableConstant) \
-                      ACTION(ModVariableConstantJump) ACTION(EqualVariableConstantJump) ACTION(    \
-                          NotEqualVariableConstantJump) ACTION(LessVariableConstantJump)           \
-                          ACTION(LessEqualVariableConstantJump)                                    \
-                              ACTION(GreaterVariableConstantJump) ACTION(                          \
-                                  GreaterEqualVariableConstantJump) ACTION(AddConstant)            \
-                                  ACTION(SubConstant) ACTION(MulConstant) ACTION(DivConstant)      \
-                                      ACTION(AddVariable) ACTION(SubVariable) ACTION(MulVariable)  \
-                                          ACTION(DivVariable) ACTION(AddPop) ACTION(SubPop)        \
-                                              ACTION(MulPop) ACTION(DivPop) ACTION(                \
-                                                  CompareConstantJump) ACTION(CompareGlobalsJump)  \
-                                                  ACTION(ModGlobalsJump) ACTION(ElementOfVariable) \
-                                                      ACTION(ElementReadOnlyOfVariable)            \
-                                                          ACTION(MemberOfVariable)                 \
-                                                              ACTION(MemberReadOnlyOfVariable)
+// clang-format off
+#define ZEPH_HOT_ACTIONS                                                                             \
+  ACTION(Leave)                                                                                      \
+  ACTION(PushInteger) ACTION(PushDouble) ACTION(PushText) ACTION(PushVariable) ACTION(PopVariable)   \
+  ACTION(Pop) ACTION(Dup) ACTION(Swap) ACTION(Store) ACTION(Concatenate)                             \
+  ACTION(Add) ACTION(Sub) ACTION(Mul) ACTION(Div) ACTION(Mod)                                        \
+  ACTION(Equal) ACTION(NotEqual) ACTION(Less) ACTION(LessEqual) ACTION(Greater) ACTION(GreaterEqual) \
+  ACTION(Jump) ACTION(JumpEqual) ACTION(JumpNotEqual) ACTION(JumpLess)                               \
+  ACTION(JumpLessEqual) ACTION(JumpGreater) ACTION(JumpGreaterEqual)                                 \
+  ACTION(CompareConstant) ACTION(CompareGlobals) ACTION(ModGlobals)                                  \
+  ACTION(Increment) ACTION(StoreConstant) ACTION(Line)                                               \
+  ACTION(Element) ACTION(ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly)                      \
+  ACTION(Call) ACTION(Return)                                                                        \
+  ACTION(AddVariableConstant) ACTION(SubVariableConstant)                                            \
+  ACTION(MulVariableConstant) ACTION(DivVariableConstant)                                            \
+  ACTION(ModVariableConstant) ACTION(ModVariableConstantJump)                                        \
+  ACTION(EqualVariableConstantJump) ACTION(NotEqualVariableConstantJump)                             \
+  ACTION(LessVariableConstantJump) ACTION(LessEqualVariableConstantJump)                             \
+  ACTION(GreaterVariableConstantJump) ACTION(GreaterEqualVariableConstantJump)                       \
+  ACTION(AddConstant) ACTION(SubConstant) ACTION(MulConstant) ACTION(DivConstant)                    \
+  ACTION(AddVariable) ACTION(SubVariable) ACTION(MulVariable) ACTION(DivVariable)                    \
+  ACTION(AddPop) ACTION(SubPop) ACTION(MulPop) ACTION(DivPop)                                        \
+  ACTION(CompareConstantJump) ACTION(CompareGlobalsJump) ACTION(ModGlobalsJump)                      \
+  ACTION(ElementOfVariable) ACTION(ElementReadOnlyOfVariable)                                        \
+  ACTION(MemberOfVariable) ACTION(MemberReadOnlyOfVariable)
+// clang-format on
 
 enum class HotAction : unsigned char {
 #define ACTION(name) name,

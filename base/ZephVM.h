@@ -214,6 +214,10 @@ class ZephVM {
   Variable* FirstDatabaseField(const char* name, int length);
   Variable* AnyDatabaseField(const char* name, int length);
   void AssignOrDrop(Variable* variable);
+  // One of the forms of base/string_search.h.
+  using Search = int (*)(const char* pattern, int pattern_length, const char* text,
+                         int text_length);
+  void PushMatch(Search plain, Search fast, bool last_byte);
   void PushElement(int create);
   void PushMember(int create);
   [[gnu::always_inline]] Variable* GlobalOrFail(int position) {

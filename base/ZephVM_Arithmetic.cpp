@@ -19,10 +19,8 @@
 
 namespace {
 
-// From this length of a text on, a search that makes a table first is worth it.
+// From this length of a text on, the search that makes a table first is worth it.
 const int kLongText = 300;
-
-using Search = int (*)(const char*, int, const char*, int);
 
 // What is left of a value rounded to some decimals, with its digits as dtoa writes them.
 struct Rounded {
@@ -104,12 +102,6 @@ char* RoundedText(const Rounded& rounded, int decimals, int* length, int* size) 
   *end = '\0';
   *length = static_cast<int>(end - text);
   return text;
-}
-
-int Find(const char* needle, int needle_length, const char* text, int text_length, Search plain,
-         Search fast) {
-  if (needle_length > text_length) return -1;
-  return (text_length >= kLongText ? fast : plain)(needle, needle_length, text, text_length);
 }
 
 }  // namespace
@@ -252,65 +244,43 @@ int ZephVM::CompareTexts(Variable* left, int right) {
 
 // --- Search --------------------------------------------------------------------------------------
 
-// in  ( needle text -- i )  Where in the text the needle stands first, from 1; 0 for nowhere. An
-// empty needle stands at 1.
-void ZephVM::in() {
+// A text is searched with the plain scan, or if it is long with the one that makes a table first.
+void ZephVM::PushMatch(Search plain, Search fast, bool last_byte) {
   const PoppedString text(stack);
   const PoppedString needle(stack);
   if (stop_flag) return;
   if (needle.length() == 0) {
-    stack->PushI(1);
-  } else {
-    stack->PushI(
-        Find(needle.data(), needle.length(), text.data(), text.length(), bf_search, bm_search) + 1);
+    stack->PushI(last_byte ? 0 : 1);
+    return;
   }
+  int offset = -1;
+  if (needle.length() <= text.length()) {
+    const Search search = text.length() >= kLongText ? fast : plain;
+    offset = search(needle.data(), needle.length(), text.data(), text.length());
+  }
+  stack->PushI(offset < 0 ? 0 : offset + (last_byte ? needle.length() : 1));
+}
+
+// in  ( needle text -- i )  Where in the text the needle stands first, from 1; 0 for nowhere. An
+// empty needle stands at 1.
+void ZephVM::in() {
+  PushMatch(bf_search, bm_search, false);
 }
 
 // cin  ( needle text -- i )  As in, without regard to case.
 void ZephVM::cin() {
-  const PoppedString text(stack);
-  const PoppedString needle(stack);
-  if (stop_flag) return;
-  if (needle.length() == 0) {
-    stack->PushI(1);
-  } else {
-    stack->PushI(
-        Find(needle.data(), needle.length(), text.data(), text.length(), bf_searchi, bm_searchi) +
-        1);
-  }
+  PushMatch(bf_searchi, bm_searchi, false);
 }
-
-namespace {
-// The position of a match's last byte, from 1; 0 without a match.
-int EndOfMatch(int offset, int length) {
-  return offset < 0 ? 0 : offset + length;
-}
-}  // namespace
 
 // ein  ( needle text -- i )  Where in the text the first match of the needle ends, from 1; 0 for no
 // match. An empty needle, unlike with in, gives 0.
 void ZephVM::ein() {
-  const PoppedString text(stack);
-  const PoppedString needle(stack);
-  if (stop_flag) return;
-  int offset = -1;
-  if (needle.length() > 0) {
-    offset = Find(needle.data(), needle.length(), text.data(), text.length(), bf_search, bm_search);
-  }
-  stack->PushI(EndOfMatch(offset, needle.length()));
+  PushMatch(bf_search, bm_search, true);
 }
 
 // ecin  ( needle text -- i )  As ein, without regard to case.
 void ZephVM::ecin() {
-  const PoppedString text(stack);
-  const PoppedString needle(stack);
-  if (stop_flag) return;
-  int offset = -1;
-  if (needle.length() > 0) {
-    offset =
-        Find(needle.data(), needle.length(), text.data(), text.length(), bf_searchi, bm_searchi);
-  }
-  stack->PushI(EndOfMatch(offset, needle.length()));
+  PushMatch(bf_searchi, bm_searchi, true);
 }
 
 // --- Password hash -------------------------------------------------------------------------------
