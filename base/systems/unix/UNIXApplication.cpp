@@ -43,17 +43,44 @@ void AppendBigEndian(unsigned char** p, unsigned value) {
   for (int shift = 24; shift >= 0; shift -= 8) *(*p)++ = static_cast<unsigned char>(value >> shift);
 }
 
-void FillRandom(unsigned char* bytes, size_t length) {
-  size_t done = 0;
-  while (done < length) {
-    ssize_t n = getrandom(bytes + done, length - done, 0);
-    if (n > 0) {
-      done += static_cast<size_t>(n);
-    } else if (errno != EINTR) {
-      break;
-    }
+// Random bytes of the system, fetched for some ids at once: the kernel takes about as long to begin
+// as to make the bytes of one id. What was handed out is wiped.
+class RandomPool {
+ public:
+  // False where the system gives none.
+  bool Take(unsigned char* bytes, size_t length) {
+    if (length > sizeof pool) return false;
+    if (length > left && !Fill()) return false;
+    left -= length;
+    memcpy(bytes, pool + left, length);
+    explicit_bzero(pool + left, length);
+    return true;
   }
-  while (done < length) bytes[done++] = static_cast<unsigned char>(rand());
+
+ private:
+  bool Fill() {
+    left = 0;
+    size_t done = 0;
+    while (done < sizeof pool) {
+      const ssize_t n = getrandom(pool + done, sizeof pool - done, 0);
+      if (n > 0) {
+        done += static_cast<size_t>(n);
+      } else if (errno != EINTR) {
+        return false;
+      }
+    }
+    left = done;
+    return true;
+  }
+
+  size_t left = 0;
+  unsigned char pool[4096];
+};
+
+void FillRandom(unsigned char* bytes, size_t length) {
+  static thread_local RandomPool pool;
+  if (pool.Take(bytes, length)) return;
+  for (size_t i = 0; i < length; i++) bytes[i] = static_cast<unsigned char>(rand());
 }
 
 // What is the same for all of a process, asked for once.

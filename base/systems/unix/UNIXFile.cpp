@@ -71,17 +71,26 @@ void UNIXFile::NoteMoved(long count) {
   if (place >= 0) place = count >= 0 && (flags & O_APPEND) == 0 ? place + count : -1;
 }
 
-bool UNIXFile::OwnerID(int* id) {
+bool UNIXFile::LearnStatus() {
+  if (status_known && !moved && descriptor >= 0) return true;
   struct stat status;
   if (!Status(&status)) return false;
-  *id = static_cast<int>(status.st_uid);
+  status_known = true;
+  is_directory = S_ISDIR(status.st_mode);
+  owner = static_cast<int>(status.st_uid);
+  group = static_cast<int>(status.st_gid);
+  return true;
+}
+
+bool UNIXFile::OwnerID(int* id) {
+  if (!LearnStatus()) return false;
+  *id = owner;
   return true;
 }
 
 bool UNIXFile::GroupID(int* id) {
-  struct stat status;
-  if (!Status(&status)) return false;
-  *id = static_cast<int>(status.st_gid);
+  if (!LearnStatus()) return false;
+  *id = group;
   return true;
 }
 
@@ -143,9 +152,8 @@ long UNIXFile::Length() {
 }
 
 bool UNIXFile::IsDirectory(bool* result) {
-  struct stat status;
-  if (!Status(&status)) return false;
-  *result = S_ISDIR(status.st_mode);
+  if (!LearnStatus()) return false;
+  *result = is_directory;
   return true;
 }
 

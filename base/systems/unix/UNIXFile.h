@@ -62,6 +62,7 @@ class UNIXFile : public File {
   bool Reactivate();
   bool SystemError();
   bool Status(struct stat* buffer);
+  bool LearnStatus();
   void NoteMoved(long count);
   void NoteLocked(long start, long length, bool held);
 
@@ -73,7 +74,12 @@ class UNIXFile : public File {
   // Where the system's position is, as long as that is known without asking: in a regular file that
   // nothing but this object moves in. -1 when it is not.
   long place = -1;
-  bool moved = false;                      // read, written or sought in since it was opened
+  bool moved = false;  // read, written or sought in since it was opened
+  // What whoever opens a file asks of it at once, kept until it is moved in: one question for all.
+  bool status_known = false;
+  bool is_directory = false;
+  int owner = 0;
+  int group = 0;
   std::vector<LockedRange> locked_ranges;  // sorted, apart from each other
 };
 
