@@ -72,7 +72,7 @@ void UNIXFile::NoteMoved(long count) {
 }
 
 bool UNIXFile::LearnStatus() {
-  if (status_known && !moved && descriptor >= 0) return true;
+  if (status_known && !moved) return true;
   struct stat status;
   if (!Status(&status)) return false;
   status_known = true;
@@ -271,6 +271,8 @@ void UNIXFile::Deactivate() {
   // A pipe has no position; it goes on as it is.
   position = place >= 0 ? place : std::max<long>(system_calls.lseek(descriptor, 0, SEEK_CUR), 0);
   place = -1;
+  // By its next activation the name may stand for another file.
+  status_known = false;
   close(descriptor);
   descriptor = -1;
   locked_ranges.clear();

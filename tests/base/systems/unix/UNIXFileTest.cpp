@@ -401,6 +401,20 @@ TEST_F(UNIXFileTest, ActivationOfADeletedFileFailsInTheSystemsWords) {
   EXPECT_EQ(nullptr, file->Map(0, -1));
 }
 
+TEST_F(UNIXFileTest, StatusIsAskedForAnewAfterAnActivation) {
+  tree.File("f", "abc");
+  auto file = Open("f", FileMode_Read);
+  bool directory = true;
+  EXPECT_TRUE(file->IsDirectory(&directory));
+  EXPECT_FALSE(directory);
+  files.DeactivateFile(file.get());
+  ASSERT_EQ(0, unlink(path("f").c_str()));
+  ASSERT_EQ(0, mkdir(path("f").c_str(), 0755));
+  EXPECT_GE(file->Tell(), 0);  // activates it
+  EXPECT_TRUE(file->IsDirectory(&directory));
+  EXPECT_TRUE(directory);
+}
+
 TEST_F(UNIXFileTest, ContainedFileGoesThroughTheSandboxAtEachActivation) {
   Configure(0);
   tree.File("data/f", "abc");
