@@ -128,10 +128,12 @@ int Dictionary::Entry_Add(const char* text, int length) {
   if (length == -1) length = text ? static_cast<int>(strlen(text)) : 0;
   if (!text || length < 0) length = 0;
   if (entry_count == capacity) {
-    auto larger = std::make_unique<TextEntry[]>(static_cast<size_t>(capacity + EntryGrowth));
+    // A form may have a million names.
+    const int more = std::max<int>(capacity, EntryGrowth);
+    auto larger = std::make_unique<TextEntry[]>(static_cast<size_t>(capacity + more));
     if (entries) std::copy_n(entries.get(), entry_count, larger.get());
     entries = std::move(larger);
-    capacity += EntryGrowth;
+    capacity += more;
   }
   int offset = current ? current->Add(text, length) : -1;
   if (offset < 0) {

@@ -17,6 +17,7 @@ StoredNameTable::StoredNameTable(const StoredNameTable& other)
       used(other.used),
       stored_count(other.stored_count),
       chain_capacity(other.chain_capacity),
+      chain_room(other.chain ? other.chain_capacity : 0),
       entry_count(other.entry_count) {
   if (other.stored) {
     stored = std::make_unique_for_overwrite<Bucket[]>(static_cast<size_t>(stored_count));
@@ -58,8 +59,10 @@ void StoredNameTable::MakeHeads() {
 bool StoredNameTable::MakeRoom(int growth) {
   if (chain && entry_count < chain_capacity) return false;
   if (entry_count >= chain_capacity) chain_capacity += growth;
-  auto larger = std::make_unique_for_overwrite<int[]>(static_cast<size_t>(chain_capacity));
-  std::fill_n(larger.get(), chain_capacity, -1);
+  if (chain_capacity <= chain_room && chain) return true;
+  chain_room = std::max(chain_capacity, 2 * chain_room);
+  auto larger = std::make_unique_for_overwrite<int[]>(static_cast<size_t>(chain_room));
+  std::fill_n(larger.get(), chain_room, -1);
   if (chain) std::copy_n(chain.get(), entry_count, larger.get());
   chain = std::move(larger);
   return true;
@@ -75,6 +78,7 @@ void StoredNameTable::Read(const Head& head, const unsigned char* buckets,
   stored.reset();
   stored_count = 0;
   chain = std::make_unique_for_overwrite<int[]>(static_cast<size_t>(head.count));
+  chain_room = head.count;
   for (int i = 0; i < head.count; i++, links += stride) chain[i] = GetInt32(links);
 
   if (head.occupied == 0) return;

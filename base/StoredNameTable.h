@@ -130,6 +130,7 @@ class StoredNameTable {
   std::unique_ptr<int[]> heads;      // one a bucket
   std::unique_ptr<int[]> chain;
   int chain_capacity;
+  int chain_room = 0;  // links that there is memory for; doubles, where the capacity grows by steps
   int entry_count = 0;
 };
 

@@ -201,12 +201,12 @@ int VariableHash::Seek(int name_index, const char* name, int length, _VH_Entry**
 }
 
 // The memory grows up to the capacity, which is what a table reports from the start: most tables
-// hold a fraction of it.
+// hold a fraction of it. Beyond that it doubles: a form may have a million names.
 void VariableHash::MakeRoom() {
   if (entry_count == capacity) capacity += Growth;
   if (entry_count < allocated_entries) return;
   int larger = allocated_entries < 32 ? 64 : allocated_entries * 2;
-  if (larger > capacity) larger = capacity;
+  if (larger > capacity && allocated_entries < capacity - Growth) larger = capacity;
   _VH_Entry* old = entries;
   const int old_allocated = allocated_entries;
   TakeEntries(larger);
