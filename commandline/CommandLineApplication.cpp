@@ -79,6 +79,7 @@ int CommandLineApplication::Go(const Options& options) {
                                                 configuration->buffer_size(Config_bufsz_output));
   current_output = standard_output;
   MakeMachine(&tables, &tagged, path);
+  AddSystemVariables(&tables);
   AddArguments(options);
   ResetGlobalTimeout();
   const bool ran = vm->Go() != 0;

@@ -62,6 +62,7 @@ int FastCGIApplication::Run(TaggedFile* tagged) {
   String path;
   if (!Prepare(tagged, &path)) return 1;
   MakeMachine(&tables, tagged, path);
+  if (!AddVariables()) return 1;
   OutputHeaders();
   // The script's time starts here: loading and the upload do not count against it.
   ResetGlobalTimeout();

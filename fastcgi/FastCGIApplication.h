@@ -48,10 +48,19 @@ class FastCGIApplication : public FastCGIBaseApplication {
   bool LoadScript(File* file, TaggedFile* tagged, const String& path);
   void OutputHeaders();
   void OutputCookie();
+  // The variables and the input of the request (fastcgi/FastCGIVariables.cpp):
+  bool AddVariables();
+  void AddEnvironmentVariables();
+  void AddQueryArguments();
+  void AddArgument(const char* text, int length, int* count);
+  bool AddQueryVariables();
+  void AddAPIVariables();
+  void AddDocumentURL();
 
   bool ExecuteError(const String& path, const String& text, bool encode);
 
   FCGX_Request* request;
+  String first_argument;  // as documenturl names the script
   const char* working_directory;
   int owner_id = 0;
   const char* path_info;  // the parameters themselves; either may be null

@@ -81,6 +81,10 @@ class UNIXApplication : public ZephApplication {
   void MakeMachine(ScriptTables* tables, TaggedFile* tagged, const String& path);
   void DeleteMachine();
 
+  // The system variables that every script finds: the moment at which it is asked for, and what
+  // runs it.
+  void AddSystemVariables(ScriptTables* tables);
+
   // Deletes the machine at the end of a scope, before the tables and the file that it runs on.
   class MachineScope {
    public:

@@ -1,0 +1,155 @@
+// What a script finds of its request: the web server's parameters, the arguments, the fields of the
+// query string, its own address.
+
+#include <fcgiapp.h>
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/URLEncodedParser.h"
+#include "base/Variable.h"
+#include "base/VariableHash.h"
+#include "base/memcmpi.h"
+#include "fastcgi/FastCGIApplication.h"
+
+namespace {
+
+// What a process inherits without its being about the request.
+bool IsPrivate(const char* name, int length) {
+  static const char* const names[] = {"termcap", "logname", "mail", "path"};
+  return std::any_of(std::begin(names), std::end(names), [=](const char* other) {
+    return strlen(other) == static_cast<size_t>(length) &&
+           memcmpi(name, other, static_cast<size_t>(length)) == 0;
+  });
+}
+
+// Whether a host is an IPv6 address and no name.
+bool IsIPv6Address(const char* host) {
+  if (!strchr(host, ':')) return false;
+  addrinfo hints{};
+  hints.ai_family = AF_INET6;
+  hints.ai_flags = AI_NUMERICHOST;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(host, nullptr, &hints, &found) != 0) return false;
+  freeaddrinfo(found);
+  return true;
+}
+
+// Appends a number behind a text.
+void AppendNumber(String* text, int number) {
+  char digits[12];
+  const auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+  text->cat(digits, static_cast<int>(end - digits));
+}
+
+}  // namespace
+
+bool FastCGIApplication::AddVariables() {
+  AddEnvironmentVariables();
+  AddSystemVariables(&tables);
+  AddQueryArguments();
+  if (!AddQueryVariables()) return false;
+  AddAPIVariables();
+  return true;
+}
+
+void FastCGIApplication::AddEnvironmentVariables() {
+  for (char** parameter = request->envp; parameter && *parameter; parameter++) {
+    const char* name = *parameter;
+    const char* equals = strchr(name, '=');
+    const int length = static_cast<int>(equals ? equals - name : strlen(name));
+    if (IsPrivate(name, length)) continue;
+    const char* value = equals ? equals + 1 : "";
+    tables.system_variables->SetVariable(new ImmutableVariable(name, length, value, -1));
+  }
+}
+
+// Stores the argument behind those that there are.
+void FastCGIApplication::AddArgument(const char* text, int length, int* count) {
+  ++*count;
+  String name("arg", 3);
+  AppendNumber(&name, *count);
+  tables.system_variables->SetVariable(new ImmutableVariable(name.data, name.length, text, length));
+  if (*count == 1) first_argument.assign(text, length);
+}
+
+void FastCGIApplication::AddQueryArguments() {
+  int count = 0;
+  if (path_info) AddArgument(path_info, -1, &count);
+  // What decodes to nothing takes no number.
+  const auto add_decoded = [&](const char* text, int length) {
+    int decoded_length, size;
+    char* decoded = DecodeAttribute(text, length, &decoded_length, &size);
+    const String argument(decoded, decoded_length, size);
+    if (argument.length > 0) AddArgument(argument.data, argument.length, &count);
+  };
+  if (copied_argument_count >= 2) {
+    for (int i = 1; i < copied_argument_count; i++) add_decoded(copied_arguments[i], -1);
+  } else if (query_string) {
+    for (const char* piece = query_string;;) {
+      const auto length = strcspn(piece, "+");
+      if (length > 0) add_decoded(piece, static_cast<int>(length));
+      if (piece[length] == '\0') break;
+      piece += length + 1;
+    }
+  }
+  tables.system_variables->SetVariable(new ImmutableVariable("nargs", -1, count));
+}
+
+// With a path all of the query string are fields, without one what stands behind the script's name.
+bool FastCGIApplication::AddQueryVariables() {
+  if (!query_string) return true;
+  const char* fields = query_string;
+  if (!path_info) {
+    fields = strchr(query_string, '+');
+    if (!fields) return true;
+    fields++;
+  }
+  URLEncodedParser parser(tables.global_variables, 0);
+  if (parser.Parse(fields, static_cast<int>(strlen(fields))) && parser.Finalize()) return true;
+  Error(parser.error());
+  return false;
+}
+
+void FastCGIApplication::AddAPIVariables() {
+  SystemVariableHash* table = tables.system_variables;
+  table->SetVariable(new ImmutableVariable("process_id", -1, processid()));
+  table->SetVariable(new ImmutableVariable("thread_id", -1, threadid()));
+  table->SetVariable(new ImmutableVariable("apitype", -1, path_info ? "Redirect" : "CGI", -1));
+  if (Parameter("SERVER_NAME")) AddDocumentURL();
+}
+
+// The address of this page, up to where a script may append fields: the "?" or "+" at its end is
+// there on purpose. Any HTTPS parameter says https, as servers set it to "on" or leave it out.
+void FastCGIApplication::AddDocumentURL() {
+  const bool secure = Parameter("HTTPS") != nullptr;
+  const int default_port = secure ? 443 : 80;
+  const char* sent_port = Parameter("SERVER_PORT");
+  const int port = sent_port ? static_cast<int>(strtol(sent_port, nullptr, 10)) : default_port;
+  const char* host = Parameter("SERVER_NAME");
+  const bool bracketed = IsIPv6Address(host);
+  String url(secure ? "https://" : "http://", -1);
+  if (bracketed) url.cat('[');
+  url.cat(host, -1);
+  if (bracketed) url.cat(']');
+  if (port != default_port) {
+    url.cat(':');
+    AppendNumber(&url, port);
+  }
+  if (path_info) {
+    url.cat(path_info, -1);
+    url.cat('?');
+  } else {
+    const char* script = Parameter("SCRIPT_NAME");
+    if (script) url.cat(script, -1);
+    url.cat('?');
+    if (first_argument.length > 0) url.cat(first_argument.data, first_argument.length);
+    url.cat('+');
+  }
+  tables.system_variables->SetVariable(
+      new ImmutableVariable("documenturl", -1, url.data, url.length));
+}
