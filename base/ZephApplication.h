@@ -41,6 +41,8 @@ enum LogType : unsigned {
   Log_RuntimeError = 0x10000000,
   Log_FatalError = 0x20000000,
   Log_Trace = 0x40000000,
+  // All records of calls, of functions of the script and of libraries.
+  Log_OfCalls = 0xFF0,
 };
 
 // One element of a log record's parameter list; the list ends with an element of type End.

@@ -97,7 +97,8 @@ ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* host, Dictiona
     if (!exit_flag) exit_flag = parent->exit_flag;
     parent->children++;
   }
-  if ((dictionary->flags() & 1) == 0) {
+  // A run whose records would go nowhere does not ask at every call.
+  if ((dictionary->flags() & 1) == 0 && !application->logsuppressed()) {
     log_mask = static_cast<unsigned>(application->config()->value_integer(Config_log_level));
   }
 }
@@ -375,6 +376,9 @@ int ZephVM::Go() {
       CALL(hide)
       CALL(capture)
       CALL(capture_end)
+      CALL_INTEGER(poplvnc)
+      CALL_INTEGER(localize)
+      CALL_INTEGER(localizev)
       CALL_INTEGERS(cmpgg)
       CALL_INTEGERS(modgg)
       default: pc += 2 + Instruction::OperandSize(word); FatalError("Illegal Instruction");

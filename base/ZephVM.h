@@ -6,6 +6,7 @@
 #define ZEPH_BASE_ZEPHVM_H
 
 #include <initializer_list>
+#include <memory>
 #include <vector>
 
 #include "base/BaseTemplates.h"
@@ -314,6 +315,12 @@ class ZephVM {
   void ret();
   void retn();
   void hide();
+  // base/ZephVM_Localized.cpp
+  void poplvnc();
+  void localize();
+  void localizev();
+  template <typename Write>
+  void WriteLocalized(int token, Write write);
 
   int children = 0;  // machines that share this one's tables
   String error_text;
@@ -357,6 +364,8 @@ class ZephVM {
   ExternalDatabaseLibraryManager* database_libraries;
   LocalizedLanguages* languages;
   LocalizedDictionary* localized;
+  // Of the next localized text; null until one is set.
+  std::unique_ptr<VariableHash> text_parameters;
   Stack<Feature> features;
   int open_features = 0;  // on the stack
   // Features that were taken off under another one: no beats, no ends, deleted with the machine.

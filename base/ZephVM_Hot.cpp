@@ -12,6 +12,7 @@
 #include "base/HotCode.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
+#include "base/ZephApplication.h"
 #include "base/ZephVM.h"
 
 namespace {
@@ -411,7 +412,7 @@ on_StoreConstant:
   variable->Write_Integer(op->second);
   NEXT(1)
 on_Line:
-  LEAVE_UNLESS(log_mask == 0)
+  LEAVE_UNLESS((log_mask & Log_Trace) == 0)
   current_line = op->first;
   NEXT(1)
 
@@ -422,7 +423,8 @@ on_Line:
 
 on_Call : {
   Function* function = functions ? functions->Lookup(op->first) : nullptr;
-  LEAVE_UNLESS(function && !(function->flags() & Function_External) && log_mask == 0)
+  LEAVE_UNLESS(function && !(function->flags() & Function_External) &&
+               (log_mask & Log_OfCalls) == 0)
   instruction_start = op->start;
   program_counter = op[1].start;
   CallFunction(function);
@@ -430,7 +432,7 @@ on_Call : {
 }
 on_Return : {
   ZephVM_Frame* caller = frame->previous;
-  LEAVE_UNLESS(log_mask == 0 && open_features == 0 && caller && frame->is_function)
+  LEAVE_UNLESS((log_mask & Log_OfCalls) == 0 && open_features == 0 && caller && frame->is_function)
   LEAVE_UNLESS(s->Holds(1) && caller->stack->HasRoom(1))
   // A borrowed variable may be a local one, which goes with the frame.
   const Entry& result = s->End()[-1];

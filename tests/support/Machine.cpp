@@ -1,9 +1,7 @@
 #include "tests/support/Machine.h"
 
 #include "base/PoppedString.h"
-#include "base/TaggedFile.h"
 #include "tools/Assembler.h"
-#include "tools/MemoryFile.h"
 
 void MachineApplication::Log(unsigned type, LogParameter* parameters) {
   std::string record = Log_Description(type);
@@ -28,13 +26,15 @@ Machine& Machine::Assemble(std::string_view source) {
     ADD_FAILURE() << errors;
     return *this;
   }
-  MemoryFileManager manager;
-  manager.files["script"] = image;
-  TaggedFile file(&manager);
-  File* opened = manager.Open("script", FileMode_Read);
-  if (!file.Open("script", opened)) delete opened;
-  EXPECT_TRUE(dictionary.Read(&file) && system.Read(&file, MakeTag("syst")) &&
-              global.Read(&file, MakeTag("glbl")) && segments.Read(&file) && functions.Read(&file));
+  return Load(image);
+}
+
+Machine& Machine::Load(const std::string& image) {
+  files.files["script"] = image;
+  EXPECT_TRUE(script.Open("script", FileMode_Read));
+  EXPECT_TRUE(dictionary.Read(&script) && system.Read(&script, MakeTag("syst")) &&
+              global.Read(&script, MakeTag("glbl")) && languages.Read() &&
+              localized.Read(&script) && segments.Read(&script) && functions.Read(&script));
   end = segments.Start()->length();
   return *this;
 }

@@ -17,13 +17,17 @@
 #include "base/Function.h"
 #include "base/Instructions.h"
 #include "base/LinkBuffer.h"
+#include "base/LocalizedDictionary.h"
+#include "base/LocalizedLanguages.h"
 #include "base/Segment.h"
+#include "base/TaggedFile.h"
 #include "base/UFCrypt.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
 #include "base/ZephVM.h"
 #include "tests/support/RecordingOutput.h"
 #include "tests/support/TestApplication.h"
+#include "tools/MemoryFile.h"
 
 // The host of the machine: as TestApplication, with the password hash of scripts and a log.
 class MachineApplication : public TestApplication {
@@ -57,7 +61,7 @@ class Machine {
       machine =
           std::make_unique<ZephVM>(script_path.data(), -1, &application, &dictionary, &system,
                                    &global, &segments, &functions, &external_calls, nullptr,
-                                   nullptr, nullptr, nullptr, application.heartbeatcounter(),
+                                   nullptr, &languages, &localized, application.heartbeatcounter(),
                                    application.timedoutflag(), application.exitflag(), nullptr);
     }
     return *machine;
@@ -66,8 +70,10 @@ class Machine {
 
   // --- Code --------------------------------------------------------------------------------------
   // Assembles program text (docs/zpasm.md) and reads it into the tables, as a request reads a
-  // compiled file. Stands before everything else that fills them.
+  // compiled file. Stands before everything else that fills them. The second form is given the
+  // compiled file itself.
   Machine& Assemble(std::string_view source);
+  Machine& Load(const std::string& image);
   Machine& Op(unsigned short word) {
     end = segments.Start()->Write_Word(end, word);
     return *this;
@@ -135,6 +141,10 @@ class Machine {
   VariableHash global{&dictionary, 12, 512};
   SegmentManager segments;
   FunctionManager functions{&dictionary, 8};
+  MemoryFileManager files;
+  TaggedFile script{&files};  // the indexes of languages are read from it while the machine runs
+  LocalizedLanguages languages{&application, &dictionary, &script, 12, 8};
+  LocalizedDictionary localized;
   ExternalCallManager external_calls{&application};
   int end = 0;
 
