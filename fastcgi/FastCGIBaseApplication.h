@@ -21,6 +21,8 @@ class FastCGIBaseApplication : public UNIXApplication {
   void ResetGlobalTimeout() override;
 
  protected:
+  const char* received_cookies() override { return cookie.get(); }
+
   FastCGIThreadManager* thread_manager;
   int header_stage_done = 0;
   std::unique_ptr<char[]> cookie;  // a copy of HTTP_COOKIE, null without one

@@ -68,6 +68,7 @@ bool FastCGIApplication::ProcessConfiguration() {
     ConfigurationError(file_manager->error());
     return false;
   }
+  ProcessLogSettings();
   auto* response = static_cast<FastCGIOutput*>(current_output);
   response->SetBlockSize(configuration->buffer_size(Config_bufsz_output));
   response->SetFlushThreshold(configuration->buffer_size(Config_bufsz_output_flush));

@@ -19,6 +19,7 @@
 #include "base/ExternalCall.h"
 #include "base/ExternalConfig.h"
 #include "base/ExternalDatabaseLibrary.h"
+#include "base/File.h"
 #include "base/Function.h"
 #include "base/LocalizedDictionary.h"
 #include "base/LocalizedLanguages.h"
@@ -26,6 +27,7 @@
 #include "base/Output.h"
 #include "base/ScriptTables.h"
 #include "base/Segment.h"
+#include "base/SpecialVariable.h"
 #include "base/SystemLibrary.h"
 #include "base/TaggedFile.h"
 #include "base/UFCrypt.h"
@@ -126,6 +128,7 @@ UNIXApplication::~UNIXApplication() {
   delete commerce_manager;
   delete database_manager;
   delete system_manager;
+  log_file.reset();
   delete file_manager;
   file_manager = nullptr;
   delete current_output;
@@ -358,6 +361,7 @@ void UNIXApplication::MakeMachine(ScriptTables* tables, TaggedFile* tagged, cons
                   tables->localized, heartbeatcounter(), timedoutflag(), exitflag(), nullptr);
   tagged->Deactivate();
   tables->config->AddVariables();
+  AddSpecialVariables(tables->system_variables, this);
 }
 
 void UNIXApplication::DeleteMachine() {

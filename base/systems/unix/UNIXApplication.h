@@ -55,6 +55,14 @@ class UNIXApplication : public ZephApplication {
   void* SSL_GetFunction(const char* name) override;
   const char* process_name() override;
 
+  void Log(unsigned type, LogParameter* parameters) override;
+
+  // Obeys the settings of the log, once, when the data directory is there: filter, cookie, and the
+  // file, which is opened. A file that cannot be opened is no failure: there is no log then.
+  virtual void ProcessLogSettings();
+  // Leaves the run out of the log, unless the client has shown the cookie "zephlogcookie" with
+  // exactly this value.
+  virtual void ProcessLogCookie(const char* text);
   // Ends the script that runs here at its next instruction, and its sleep. Any thread.
   virtual void Cancelled();
 
@@ -97,6 +105,10 @@ class UNIXApplication : public ZephApplication {
     UNIXApplication* application;
   };
 
+  // The cookies that the client has sent, as they came; null without any. A run that no client has
+  // asked for has none.
+  virtual const char* received_cookies();
+
   Config* configuration = nullptr;  // owned; an ExternalConfig, but for a background task
   NetworkManager* network_manager = nullptr;
   UNIXReentrantFileManager* file_manager = nullptr;
@@ -118,6 +130,7 @@ class UNIXApplication : public ZephApplication {
   const char* base_name;
   const char* host_name;
   std::unique_ptr<char[]> user_id;
+  std::unique_ptr<File> log_file;  // goes before the file manager; null without a log
   ZephVM* vm = nullptr;
 };
 

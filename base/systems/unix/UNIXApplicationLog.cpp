@@ -1,0 +1,60 @@
+// The trace log of a run: whether there is one, and the writing of its records.
+// Tested in tests/base/systems/unix/UNIXApplicationLogTest.cpp and tests/e2e/LogTest.cpp.
+
+#include <cstring>
+
+#include "base/Config.h"
+#include "base/File.h"
+#include "base/LogRecord.h"
+#include "base/systems/unix/UNIXApplication.h"
+#include "base/systems/unix/UNIXReentrantFile.h"
+#include "base/zptime.h"
+
+namespace {
+
+bool IsSet(const char* text) {
+  return text && *text;
+}
+
+}  // namespace
+
+void UNIXApplication::ProcessLogSettings() {
+  const char* path = configuration->value_string(Config_log_file);
+  const char* filter = configuration->value_string(Config_log_filter);
+  const char* visitor = configuration->value_string(Config_log_cookie);
+  if (IsSet(filter)) ParseLogFilter(filter);
+  if (IsSet(visitor)) ProcessLogCookie(visitor);
+  if (IsSet(path)) {
+    log_file.reset(file_manager->Open(ZephPath_Data, path,
+                                      FileMode_Write | FileMode_Create | FileMode_Append));
+  }
+  // A machine without a log need not put records together, whatever its level is.
+  if (!log_file) log_suppressed = 1;
+}
+
+void UNIXApplication::ProcessLogCookie(const char* text) {
+  static const char kName[] = "zephlogcookie=";
+  log_suppressed = 1;
+  const char* cookies = received_cookies();
+  const char* value = cookies ? strstr(cookies, kName) : nullptr;
+  if (!value) return;
+  value += sizeof kName - 1;
+  const size_t length = strcspn(value, ";");
+  if (length == strlen(text) && memcmp(value, text, length) == 0) log_suppressed = 0;
+}
+
+// One write a record: what other threads and processes append to the file stands before or behind
+// it, never within.
+void UNIXApplication::Log(unsigned type, LogParameter* parameters) {
+  if (!log_file) return;
+  ZPTIME now;
+  zp_gettimevalues(&now);
+  LogRecord record(now, process_id, thread_id, Log_Description(type));
+  record.Append(this, parameters);
+  const std::string& line = record.Finish();
+  log_file->Write(line.data(), static_cast<int>(line.size()));
+}
+
+const char* UNIXApplication::received_cookies() {
+  return nullptr;
+}

@@ -1,0 +1,604 @@
+#include "base/SpecialVariable.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+
+#include "base/Aggregate.h"
+#include "base/CommerceLibrary.h"
+#include "base/Config.h"
+#include "base/ExternalDatabaseLibrary.h"
+#include "base/SystemLibrary.h"
+#include "base/systems/unix/UNIXExternalLibrary.h"
+#include "base/zptime.h"
+#include "tests/support/Machine.h"
+
+namespace {
+
+// Counts of an application that are asked for, and answers that a test sets.
+class CountingApplication : public MachineApplication {
+ public:
+  int SSL_Available() override {
+    asked_for_ssl++;
+    return ssl;
+  }
+  long TimeRemaining() override { return remaining; }
+  const char* process_name() override { return process; }
+
+  int asked_for_ssl = 0;
+  int ssl = 0;
+  long remaining = -1;
+  const char* process = "zeph: testing";
+};
+
+class SpecialVariables : public testing::Test {
+ protected:
+  SpecialVariables() { AddSpecialVariables(&table, &application); }
+  Variable& Get(const char* name) {
+    Variable* found = nullptr;
+    table.Find(&found, name, -1, 0);
+    if (!found) ADD_FAILURE() << name;
+    return found ? *found : nothing;
+  }
+  Variable& Setting(const char* name) {
+    Variable* found = Get("zeph_config").Element(AggregateIndex(name, -1), 0);
+    if (!found) ADD_FAILURE() << name;
+    return found ? *found : nothing;
+  }
+  static std::string Text(Variable& variable) { return Machine::Text(variable); }
+
+  CountingApplication application;
+  Dictionary dictionary;
+  SystemVariableHash table{&dictionary, 12, 512};
+  NULLVariable nothing;
+};
+
+TEST_F(SpecialVariables, AllAreThereInTheirOrder) {
+  VariableList all;
+  table.AllocatedVars(&all);
+  std::string names;
+  for (Variable* v = all.First(); v; v = all.Next()) {
+    names += std::string(v->name().data) + " ";
+  }
+  EXPECT_EQ(names,
+            "dyn_time_t dyn_tm_usec dyn_tm_sec dyn_tm_min dyn_tm_hour dyn_tm_mday dyn_tm_mon "
+            "dyn_stm_mon dyn_tm_year dyn_tm_wday dyn_stm_wday dyn_tm_yday dyn_tm_isdst "
+            "dyn_stm_zone dyn_time_remaining zeph_language zeph_defaultlanguage "
+            "zeph_defaultdatabase zeph_charset zeph_sslavailable zeph_config process_name ");
+}
+
+// --- The clock -----------------------------------------------------------------------------------
+
+// Every field lies between what the clock says before and behind the read, unless it has turned
+// over meanwhile, which a second try does not meet.
+TEST_F(SpecialVariables, TheClockIsReadFieldByField) {
+  const struct {
+    const char* name;
+    long (*field)(const ZPTIME&);
+  } cases[] = {
+      {"dyn_time_t", [](const ZPTIME& t) { return static_cast<long>(t.seconds); }},
+      {"dyn_tm_sec", [](const ZPTIME& t) { return static_cast<long>(t.second); }},
+      {"dyn_tm_min", [](const ZPTIME& t) { return static_cast<long>(t.minute); }},
+      {"dyn_tm_hour", [](const ZPTIME& t) { return static_cast<long>(t.hour); }},
+      {"dyn_tm_mday", [](const ZPTIME& t) { return static_cast<long>(t.day); }},
+      {"dyn_tm_mon", [](const ZPTIME& t) { return static_cast<long>(t.month); }},
+      {"dyn_tm_year", [](const ZPTIME& t) { return static_cast<long>(t.year); }},
+      {"dyn_tm_wday", [](const ZPTIME& t) { return static_cast<long>(t.weekday); }},
+      {"dyn_tm_yday", [](const ZPTIME& t) { return static_cast<long>(t.yearday); }},
+      {"dyn_tm_isdst", [](const ZPTIME& t) { return static_cast<long>(t.dst); }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Variable& v = Get(c.name);
+    EXPECT_EQ(v.type(), VariableComputedInteger);
+    long before, value, behind;
+    std::string text;
+    double number, compared;
+    int not_numeric = 7;
+    do {
+      ZPTIME now;
+      zp_gettimevalues(&now);
+      before = c.field(now);
+      value = v.value_integer();
+      text = Text(v);
+      number = v.value_double();
+      compared = v.value_compare(&not_numeric);
+      zp_gettimevalues(&now);
+      behind = c.field(now);
+    } while (before != behind);
+    EXPECT_EQ(value, before);
+    EXPECT_EQ(text, std::to_string(before));
+    EXPECT_EQ(number, static_cast<double>(before));
+    EXPECT_EQ(compared, static_cast<double>(before));
+    EXPECT_EQ(not_numeric, 0);
+    EXPECT_EQ(v.IsNULL(), 0);
+    EXPECT_EQ(v.IsTrue(), before != 0);
+  }
+  const int microseconds = Get("dyn_tm_usec").value_integer();
+  EXPECT_GE(microseconds, 0);
+  EXPECT_LT(microseconds, 1000000);
+}
+
+TEST_F(SpecialVariables, NamesOfTheClockAreNoNumbers) {
+  for (const char* name : {"dyn_stm_mon", "dyn_stm_wday", "dyn_stm_zone"}) {
+    SCOPED_TRACE(name);
+    Variable& v = Get(name);
+    EXPECT_EQ(v.type(), VariableComputedText);
+    EXPECT_EQ(v.value_integer(), 0);
+    EXPECT_EQ(v.value_double(), 0.0);
+    int not_numeric = 0;
+    EXPECT_EQ(v.value_compare(&not_numeric), 0.0);
+    EXPECT_EQ(not_numeric, 1);
+    EXPECT_GE(v.value().length, 3);
+    EXPECT_EQ(v.IsNULL(), 0);
+    EXPECT_EQ(v.IsTrue(), 1);
+  }
+}
+
+TEST_F(SpecialVariables, ALaterReadIsOfALaterMoment) {
+  Variable& seconds = Get("dyn_time_t");
+  Variable& microseconds = Get("dyn_tm_usec");
+  const int first = microseconds.value_integer();
+  const int start = seconds.value_integer();
+  while (microseconds.value_integer() == first && seconds.value_integer() == start) {
+  }
+  SUCCEED() << "the clock has moved on";
+}
+
+TEST_F(SpecialVariables, ACopyOfTheClockStandsStill) {
+  Variable copy("copy", -1);
+  copy.SetValue(Get("dyn_tm_usec"));
+  EXPECT_EQ(copy.type(), VariableStored);
+  EXPECT_EQ(copy.primary_type(), PrimaryInteger);
+  const int at = copy.value_integer();
+  while (Get("dyn_tm_usec").value_integer() == at) {
+  }
+  EXPECT_EQ(copy.value_integer(), at);
+  copy.SetValue(Get("dyn_stm_wday"));
+  EXPECT_EQ(copy.primary_type(), PrimaryText);
+  EXPECT_EQ(copy.value().length, 3);
+}
+
+TEST_F(SpecialVariables, TimeRemainingIsAskedFor) {
+  Variable& v = Get("dyn_time_remaining");
+  EXPECT_EQ(v.type(), VariableComputedInteger);
+  for (long seconds : {-1L, 0L, 30L, -7L}) {
+    application.remaining = seconds;
+    EXPECT_EQ(Text(v), std::to_string(seconds));
+    EXPECT_EQ(v.value_integer(), seconds);
+    EXPECT_EQ(v.value_double(), static_cast<double>(seconds));
+    int not_numeric = 1;
+    EXPECT_EQ(v.value_compare(&not_numeric), static_cast<double>(seconds));
+    EXPECT_EQ(not_numeric, 0);
+  }
+}
+
+TEST(TimeRemaining, IsMinusOneWithoutALimit) {
+  TestApplication application;
+  TimeRemainingVariable v("dyn_time_remaining", &application);
+  EXPECT_EQ(v.value_integer(), -1);
+  application.config()->SetValue_Integer(Config_timeout_global, 1000);
+  application.ResetGlobalTimeout();
+  EXPECT_GT(v.value_integer(), 990);
+  EXPECT_LE(v.value_integer(), 1000);
+}
+
+TEST_F(SpecialVariables, TheOthersCannotBeWritten) {
+  for (const char* name : {"dyn_time_t", "dyn_stm_mon", "dyn_time_remaining", "zeph_sslavailable",
+                           "zeph_config", "process_name"}) {
+    SCOPED_TRACE(name);
+    Variable& v = Get(name);
+    const int kind = v.type();
+    EXPECT_EQ(v.SetValue("written", -1), 1);
+    EXPECT_EQ(v.SetValue_Integer(4711), 1);
+    EXPECT_EQ(v.SetValue_Double(4711.5), 1);
+    EXPECT_EQ(v.SetValue_Nocopy(OwnedText("written"), 7, 8), 1);
+    Variable source("source", -1, 4711);
+    EXPECT_EQ(v.SetValue(source), 1);
+    v.SetNULL();
+    v.Make_Reference(&source);
+    EXPECT_EQ(v.type(), kind);
+    EXPECT_EQ(Text(v).find("written"), std::string::npos);
+    EXPECT_NE(v.value_integer(), 4711);
+  }
+}
+
+// --- What a script may set -----------------------------------------------------------------------
+
+struct TextSetting {
+  const char* name;
+  const char* initial;
+  const String& (ZephApplication::*get)();
+  int (ZephApplication::*count)();
+  void (ZephApplication::*set)(const String&);
+};
+const TextSetting text_settings[] = {
+    {"zeph_language", "en-US", &ZephApplication::language, &ZephApplication::languagecount,
+     &ZephApplication::SetLanguage},
+    {"zeph_defaultlanguage", "en-US", &ZephApplication::defaultlanguage,
+     &ZephApplication::defaultlanguagecount, &ZephApplication::SetDefaultLanguage},
+    {"zeph_defaultdatabase", "xbase3", &ZephApplication::defaultdatabase,
+     &ZephApplication::defaultdatabasecount, &ZephApplication::SetDefaultDatabase},
+    {"zeph_charset", "utf-8", &ZephApplication::charset, &ZephApplication::charsetcount,
+     &ZephApplication::SetCharacterSet},
+};
+
+TEST_F(SpecialVariables, SettingsOfTheScriptAreReadAndWritten) {
+  for (const TextSetting& s : text_settings) {
+    SCOPED_TRACE(s.name);
+    Variable& v = Get(s.name);
+    EXPECT_EQ(v.type(), VariableStored);
+    EXPECT_EQ(Text(v), s.initial);
+    EXPECT_EQ(v.primary_type(), PrimaryText);
+    int count = (application.*s.count)();
+    const auto expect = [&](const char* text) {
+      EXPECT_EQ((application.*s.count)(), ++count) << text;
+      EXPECT_STREQ((application.*s.get)().data, text);
+      EXPECT_EQ(Text(v), text);
+    };
+    EXPECT_EQ(v.SetValue("de-CH", 2), 1);
+    expect("de");
+    EXPECT_EQ(v.SetValue("fr", -1), 1);
+    expect("fr");
+    EXPECT_EQ(v.SetValue_Nocopy(OwnedText("it-IT"), 2, 6), 1);
+    expect("it");
+    EXPECT_EQ(v.SetValue_Integer(-12), 1);
+    expect("-12");
+    EXPECT_EQ(v.SetValue_Double(2.5), 1);
+    expect("2.5");
+    Variable source("s", -1, "es\0pt", 5);
+    EXPECT_EQ(v.SetValue(source), 1);
+    expect("es");
+    Variable null("n", -1);
+    EXPECT_EQ(v.SetValue(null), 1);
+    expect("");
+    EXPECT_EQ(v.IsNULL(), 1);
+    EXPECT_EQ(v.SetValue("x", 1), 1);
+    expect("x");
+    EXPECT_EQ(v.SetValue(v), 1);
+    expect("x");
+  }
+}
+
+// A change from outside shows at the next read, whatever is read.
+TEST_F(SpecialVariables, AChangeFromOutsideIsSeenByEveryRead) {
+  for (const TextSetting& s : text_settings) {
+    SCOPED_TRACE(s.name);
+    Variable& v = Get(s.name);
+    const auto change = [&](const char* text) { (application.*s.set)(String(text, -1)); };
+    change("12");
+    EXPECT_EQ(v.value_integer(), 12);
+    change("2.5");
+    EXPECT_EQ(v.value_double(), 2.5);
+    int not_numeric = 0;
+    change("abc");
+    EXPECT_EQ(v.value_compare(&not_numeric), 0.0);
+    EXPECT_EQ(not_numeric, 1);
+    change("0");
+    EXPECT_EQ(v.IsTrue(), 0);
+    change("");
+    EXPECT_EQ(v.IsNULL(), 1);
+    change("once");
+    EXPECT_EQ(v.IsNULL(), 0);
+    change("text");
+    EXPECT_EQ(Text(v), "text");
+    change("copied");
+    Variable target("target", -1);
+    target.SetValue(v);
+    EXPECT_EQ(Text(target), "copied");
+    change("again");
+    Variable constructed(v);
+    EXPECT_EQ(Text(constructed), "again");
+    change("element");
+    Variable parent("parent", -1);
+    parent.SetElement(AggregateIndex(1), &v);
+    Variable deep(parent);
+    EXPECT_EQ(Text(deep), "element");
+  }
+}
+
+TEST_F(SpecialVariables, AssigningTheCharacterSetTellsUTF8) {
+  Get("zeph_charset").SetValue("ISO-8859-1", -1);
+  EXPECT_EQ(application.CharacterSetIsUTF8(), 0);
+  Get("zeph_charset").SetValue("UTF-8", -1);
+  EXPECT_EQ(application.CharacterSetIsUTF8(), 1);
+}
+
+TEST_F(SpecialVariables, ANullStringReadsAsEmpty) {
+  application.SetLanguage(String());
+  EXPECT_EQ(Text(Get("zeph_language")), "");
+}
+
+// --- Clones --------------------------------------------------------------------------------------
+
+TEST_F(SpecialVariables, AClonedVariableAsksItsOwnApplication) {
+  CountingApplication task;
+  for (const TextSetting& s : text_settings) {
+    SCOPED_TRACE(s.name);
+    Get(s.name).SetValue("request", -1);
+    (task.*s.set)(String("task", -1));
+    Variable* clone = Get(s.name).Clone(&task);
+    EXPECT_STREQ(clone->name().data, s.name);
+    EXPECT_EQ(Text(*clone), "task");
+    clone->SetValue("changed", -1);
+    EXPECT_STREQ((task.*s.get)().data, "changed");
+    EXPECT_EQ(Text(Get(s.name)), "request");
+    clone->DecRefCount();
+  }
+  const auto clone = [&](const char* name) { return VariableRef(Get(name).Clone(&task)); };
+  application.remaining = 5;
+  task.remaining = 6;
+  EXPECT_EQ(clone("dyn_time_remaining")->value_integer(), 6);
+  task.ssl = 1;
+  EXPECT_EQ(Get("zeph_sslavailable").value_integer(), 0);
+  EXPECT_EQ(clone("zeph_sslavailable")->value_integer(), 1);
+  task.process = "task";
+  EXPECT_EQ(Text(*clone("process_name")), "task");
+  EXPECT_EQ(clone("dyn_stm_mon")->type(), VariableComputedText);
+  EXPECT_GT(clone("dyn_time_t")->value_integer(), 1700000000);
+  task.config()->SetValue_Integer(Config_timeout_global, 17);
+  const VariableRef config = clone("zeph_config");
+  EXPECT_EQ(config->Element(AggregateIndex("timeout_global", -1), 0)->value_integer(), 17);
+  EXPECT_EQ(Setting("timeout_global").value_integer(), 90);
+}
+
+TEST_F(SpecialVariables, AWholeTableIsClonedForATask) {
+  CountingApplication task;
+  task.SetLanguage("fr");
+  ClonedVariableHash copy(&task, new Dictionary(dictionary), table);
+  Variable* language = nullptr;
+  ASSERT_TRUE(copy.Find(&language, "zeph_language", -1, 0));
+  EXPECT_EQ(Text(*language), "fr");
+}
+
+// --- The process ---------------------------------------------------------------------------------
+
+TEST_F(SpecialVariables, EncryptionIsAskedForOnce) {
+  EXPECT_EQ(application.asked_for_ssl, 0);
+  application.ssl = 1;
+  Variable& v = Get("zeph_sslavailable");
+  EXPECT_EQ(v.IsTrue(), 1);
+  EXPECT_EQ(Text(v), "1");
+  application.ssl = 0;
+  EXPECT_EQ(v.value_integer(), 1);
+  EXPECT_EQ(v.value_double(), 1.0);
+  int not_numeric = 1;
+  EXPECT_EQ(v.value_compare(&not_numeric), 1.0);
+  EXPECT_EQ(not_numeric, 0);
+  EXPECT_EQ(v.type(), VariableStored);
+  EXPECT_EQ(application.asked_for_ssl, 1);
+}
+
+TEST_F(SpecialVariables, WithoutEncryptionTheAnswerIsZero) {
+  TestApplication plain;
+  SSLAvailableVariable v("zeph_sslavailable", &plain);
+  EXPECT_EQ(v.IsNULL(), 0);
+  EXPECT_EQ(v.value_integer(), 0);
+  EXPECT_EQ(Text(v), "0");
+}
+
+TEST_F(SpecialVariables, TheProcessHasAName) {
+  EXPECT_EQ(Text(Get("process_name")), "zeph: testing");
+  EXPECT_EQ(Get("process_name").primary_type(), PrimaryText);
+  application.process = nullptr;
+  EXPECT_EQ(Text(Get("process_name")), "");
+  EXPECT_EQ(Get("process_name").IsNULL(), 1);
+}
+
+// --- Settings ------------------------------------------------------------------------------------
+
+TEST_F(SpecialVariables, EverySettingIsAMember) {
+  Variable& all = Get("zeph_config");
+  EXPECT_EQ(all.aggregatetype(), AggregateStructure);
+  const size_t settings = sizeof config_settings / sizeof *config_settings;
+  EXPECT_EQ(all.ElementsUsed(), static_cast<int>(settings) + 6);
+  for (const ConfigSetting& s : config_settings) {
+    SCOPED_TRACE(s.name);
+    Variable& v = Setting(s.name);
+    EXPECT_STREQ(v.name().data, s.name);
+    int not_numeric = 7;
+    if (s.id & ConfigKind_Integer) {
+      EXPECT_EQ(v.type(), VariableComputedInteger);
+      EXPECT_EQ(v.value_integer(), s.default_integer);
+      EXPECT_EQ(v.value_double(), static_cast<double>(s.default_integer));
+      EXPECT_EQ(Text(v), std::to_string(s.default_integer));
+      EXPECT_EQ(v.value_compare(&not_numeric), static_cast<double>(s.default_integer));
+      EXPECT_EQ(not_numeric, 0);
+      EXPECT_EQ(v.IsNULL(), 0);
+    } else {
+      EXPECT_EQ(v.type(), VariableComputedText);
+      EXPECT_EQ(Text(v), s.default_text ? s.default_text : "");
+      EXPECT_EQ(v.value_integer(), 0);
+      EXPECT_EQ(v.value_double(), 0.0);
+      EXPECT_EQ(v.value_compare(&not_numeric), 0.0);
+      EXPECT_EQ(not_numeric, 1);
+      EXPECT_EQ(v.IsNULL(), s.default_text == nullptr);
+    }
+  }
+}
+
+TEST_F(SpecialVariables, ASettingShowsWhatItIsNow) {
+  application.config()->SetValue_Integer(Config_timeout_global, 12);
+  EXPECT_EQ(Text(Setting("TIMEOUT_GLOBAL")), "12");
+  application.config()->SetValue(Config_dir_temp, "/somewhere", -1, 0);
+  EXPECT_EQ(Text(Setting("dir_temp")), "/somewhere");
+  // A text that looks like a number is a text all the same.
+  application.config()->SetValue(Config_dir_temp, "42", -1, 0);
+  EXPECT_EQ(Setting("dir_temp").value_integer(), 0);
+}
+
+TEST_F(SpecialVariables, WhatEverIsAskedForFirstTheSettingsAreThere) {
+  const struct {
+    const char* label;
+    bool (*read)(Variable&);
+  } reads[] = {
+      {"aggregatetype", [](Variable& v) { return v.aggregatetype() == AggregateStructure; }},
+      {"aggregateelements", [](Variable& v) { return v.aggregateelements() != nullptr; }},
+      {"IsNULL", [](Variable& v) { return v.IsNULL() == 0; }},
+      {"IsTrue", [](Variable& v) { return v.IsTrue() == 1; }},
+      {"ElementsUsed", [](Variable& v) { return v.ElementsUsed() > 40; }},
+      {"value", [](Variable& v) { return v.value().length > 40; }},
+      {"Max", [](Variable& v) { return v.Max() == -1; }},
+      {"Element",
+       [](Variable& v) { return v.Element(AggregateIndex("cookies", -1), 0) != nullptr; }},
+      {"copy",
+       [](Variable& v) {
+         Variable copy(v);
+         return copy.Element(AggregateIndex("cookies", -1), 0)->value_integer() == 1;
+       }},
+      {"value_compare",
+       [](Variable& v) {
+         int not_numeric = 0;
+         v.value_compare(&not_numeric);
+         return not_numeric == 1;
+       }},
+  };
+  for (const auto& r : reads) {
+    SCOPED_TRACE(r.label);
+    ConfigurationAggregateVariable fresh("zeph_config", &application);
+    EXPECT_TRUE(r.read(fresh));
+  }
+}
+
+TEST_F(SpecialVariables, SettingsCannotBeWrittenByScripts) {
+  Machine machine;
+  machine.Assemble(
+      "pushi 5\npushs zeph_config\npushc \"timeout_global\"\nmemb\nstore\n"
+      "pushi 6\npushs zeph_config\npushc \"nothing\"\nmemb\nstore\n"
+      "pushs zeph_config\npushc \"timeout_global\"\nmemb_readonly\nout\npushc \"|\"\nout\n"
+      "pushs zeph_config\npushc \"nothing\"\nmemb_readonly\nout\npushc \"|\"\nout\n"
+      "pushnc \"zeph_config:dir_user\"\nout");
+  AddSpecialVariables(&machine.system, &machine.application);
+  EXPECT_EQ(machine.Go(), 1);
+  EXPECT_EQ(machine.Output(), "90||public_zix");
+}
+
+// --- Libraries -----------------------------------------------------------------------------------
+
+class SpecialVariableLibraries : public SpecialVariables {
+ protected:
+  SpecialVariableLibraries() {
+    application.SetLibraryManager(&loader);
+    application.SetCommerceManager(&commerce);
+    application.SetDatabaseManager(&databases);
+    application.SetSystemLibraryManager(&system);
+  }
+  UNIXExternalLibraryManager loader;
+  CommerceLibraryManager commerce{&application};
+  ExternalDatabaseLibraryManager databases{&application};
+  SystemLibraryManager system{&application};
+};
+
+const std::string loadable = ZEPH_BINARY_DIR "/lib/test/";
+
+TEST_F(SpecialVariableLibraries, AreListedInTheOrderOfRegistration) {
+  commerce.RegisterDSO("zeta", "/nowhere");
+  commerce.RegisterDSO("alpha", "/nowhere");
+  databases.RegisterDSO("db", "/nowhere");
+  Variable& list = Setting("commerce_list");
+  EXPECT_EQ(list.Max(), 2);
+  EXPECT_EQ(list.aggregatetype(), AggregateArray);
+  EXPECT_EQ(list.ElementsUsed(), 2);
+  EXPECT_EQ(list.Min(), 1);
+  EXPECT_EQ(list.Next(1), 2);
+  EXPECT_EQ(list.Previous(2), 1);
+  EXPECT_EQ(list.IsNULL(), 0);
+  EXPECT_EQ(Text(list), "zeta,alpha");
+  EXPECT_EQ(Text(*list.Element(AggregateIndex(1), 0)), "zeta");
+  EXPECT_EQ(list.Element(AggregateIndex(3), 0), nullptr);
+  EXPECT_EQ(Text(Setting("database_list")), "db");
+  EXPECT_EQ(Setting("systemlib_list").ElementsUsed(), 0);
+}
+
+TEST_F(SpecialVariableLibraries, WhateverIsAskedForFirstTheListIsThere) {
+  commerce.RegisterDSO("one", "/nowhere");
+  const struct {
+    const char* label;
+    bool (*read)(Variable&);
+  } reads[] = {
+      {"aggregatetype", [](Variable& v) { return v.aggregatetype() == AggregateArray; }},
+      {"aggregateelements", [](Variable& v) { return v.aggregateelements() != nullptr; }},
+      {"IsNULL", [](Variable& v) { return v.IsNULL() == 0; }},
+      {"IsTrue", [](Variable& v) { return v.IsTrue() == 1; }},
+      {"ElementsUsed", [](Variable& v) { return v.ElementsUsed() == 1; }},
+      {"value", [](Variable& v) { return v.value().length == 3; }},
+      {"Max", [](Variable& v) { return v.Max() == 1; }},
+      {"Min", [](Variable& v) { return v.Min() == 1; }},
+      {"Next", [](Variable& v) { return v.Next(0) == 1; }},
+      {"Previous", [](Variable& v) { return v.Previous(9) == 1; }},
+      {"CollapseElements", [](Variable& v) { return v.CollapseElements() == 1; }},
+      {"Element", [](Variable& v) { return v.Element(AggregateIndex(1), 0) != nullptr; }},
+  };
+  for (const auto& r : reads) {
+    SCOPED_TRACE(r.label);
+    ConfigurationLibraryListVariable fresh("commerce_list", &application,
+                                           ConfigurationLibrary_Commerce);
+    EXPECT_TRUE(r.read(fresh));
+  }
+  ConfigurationLibraryListVariable unknown("x", &application,
+                                           static_cast<_ConfigurationLibrary_Type>(3));
+  EXPECT_EQ(unknown.ElementsUsed(), 0);
+}
+
+TEST_F(SpecialVariables, WithoutLibrariesTheListsAreEmpty) {
+  for (const char* name : {"commerce_list", "database_list", "systemlib_list"}) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(Setting(name).ElementsUsed(), 0);
+    EXPECT_EQ(Setting(name).Max(), 0);
+    EXPECT_EQ(Text(Setting(name)), "");
+  }
+  for (const char* name : {"commerce_lookup", "database_lookup", "systemlib_lookup"}) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(Setting(name).Element(AggregateIndex("any", -1), 0)->value_integer(), 0);
+  }
+}
+
+TEST_F(SpecialVariableLibraries, AreTriedWhenTheyAreLookedUp) {
+  system.RegisterDSO("there", (loadable + "FakeLibrary.so").c_str());
+  system.RegisterDSO("broken", "/nowhere/at/all.so");
+  Variable& lookup = Setting("systemlib_lookup");
+  Variable* there = lookup.Element(AggregateIndex("there", -1), 0);
+  ASSERT_NE(there, nullptr);
+  EXPECT_EQ(there->value_integer(), 1);
+  EXPECT_EQ(there->primary_type(), PrimaryInteger);
+  EXPECT_NE(system.libraries().Find("there", 5)->library(), nullptr);
+  EXPECT_EQ(lookup.Element(AggregateIndex("THERE", -1), 0), there) << "the answer is kept";
+  EXPECT_EQ(lookup.Element(AggregateIndex("broken", -1), 1)->value_integer(), 0);
+  EXPECT_EQ(lookup.Element(AggregateIndex("unknown", -1), 1)->value_integer(), 0);
+  EXPECT_EQ(lookup.Element(AggregateIndex("", 0), 1)->value_integer(), 0);
+  EXPECT_EQ(Setting("commerce_lookup").Element(AggregateIndex("there", -1), 0)->value_integer(), 0);
+  EXPECT_EQ(Setting("database_lookup").Element(AggregateIndex("there", -1), 0)->value_integer(), 0);
+  EXPECT_EQ(lookup.Element(AggregateIndex(1), 0), nullptr);
+  const Variable* missing = lookup.Element(AggregateIndex(1), 1);
+  ASSERT_NE(missing, nullptr);
+  EXPECT_EQ(lookup.Element(AggregateIndex(2), 1), missing) << "as in any value that cannot change";
+}
+
+TEST_F(SpecialVariableLibraries, ScriptsLookThemUpByPath) {
+  Machine machine;
+  machine.application.SetLibraryManager(&loader);
+  machine.application.SetSystemLibraryManager(&system);
+  system.RegisterDSO("there", (loadable + "FakeLibrary.so").c_str());
+  machine.Assemble(
+      "pushnc \"zeph_config:systemlib_lookup:there\"\nout\n"
+      "pushnc \"zeph_config:systemlib_lookup:missing\"\nout\n"
+      "pushnc \"zeph_config:systemlib_list[1]\"\nout");
+  AddSpecialVariables(&machine.system, &machine.application);
+  EXPECT_EQ(machine.Go(), 1);
+  EXPECT_EQ(machine.Output(), "10there");
+}
+
+TEST(SpecialVariableScript, ALanguageThatIsAssignedCountsForTheNextText) {
+  Machine machine;
+  machine.Assemble(
+      ".language \"en-US\"\n.message hi \"Hi \"\n.language de\n.message hi \"Hallo \"\n"
+      "localize hi\npushc \"de\"\npops zeph_language\nlocalize hi\npushs zeph_language\nout\n"
+      "pushc \"d\"\npushc \"e\"\ncat\npushs zeph_language\ncmp\nout\n"
+      "pushc \"en-US\"\npopnc zeph_language\nlocalize hi");
+  AddSpecialVariables(&machine.system, &machine.application);
+  EXPECT_EQ(machine.Go(), 1);
+  EXPECT_EQ(machine.Output(), "Hi Hallo de0Hi ");
+}
+
+}  // namespace
