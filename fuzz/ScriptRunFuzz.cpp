@@ -18,10 +18,13 @@
 #include "base/Config.h"
 #include "base/ExternalCall.h"
 #include "base/ExternalLibrary.h"
+#include "base/LogRecord.h"
+#include "base/SpecialVariable.h"
 #include "base/UFCrypt.h"
 #include "base/Variable.h"
 #include "base/VariableRef.h"
 #include "base/ZephVM.h"
+#include "base/zptime.h"
 #include "fuzz/ScriptMutator.h"
 #include "fuzz/ScriptRunSeeds.h"
 #include "tests/support/FaultyFile.h"
@@ -210,6 +213,14 @@ class Application : public TestApplication {
     *size = 14;
     return result;
   }
+  void Log(unsigned type, LogParameter* parameters) override {
+    ZPTIME now;
+    zp_gettimevalues(&now);
+    LogRecord record(now, processid(), threadid(), Log_Description(type));
+    record.Append(this, parameters);
+    const std::string& line = record.Finish();
+    if (line.find('\n') != line.size() - 1) abort();
+  }
 
  private:
   std::unique_ptr<UFCrypt> hash;
@@ -260,6 +271,7 @@ void Run(const std::string& file, Watchdog* watchdog) {
   script.file.Deactivate();
   script.system.SetVariable(new Variable("subject", -1, "a subject", -1));
   script.system.SetVariable(new ImmutableVariable("fixed", -1, "a fixed text", -1));
+  AddSpecialVariables(&script.system, &application);
   ExternalCallManager external(&application);
   if (!external.RegisterDSO("library")) abort();
   watchdog->Begin(application.heartbeatcounter(), application.timedoutflag());

@@ -448,6 +448,43 @@ inline const char* const script_run_seeds[] = {
       eq
       out
     )",
+    // Localized texts, and system variables that are computed.
+    R"(
+      .language "en-US"
+      .message hello "Hello, " name "!"
+      .message only "English"
+      .language de
+      .message hello name ", hallo"
+      pushc "de"
+      pops zeph_language
+      pushg x
+      poplvnc name
+      localize hello
+      pushi 3
+      poplvnc name
+      localizev hello
+      popg y
+      localize only
+      localizev none
+      popg zeph_charset
+      pushs zeph_config
+      pushc "timeout_global"
+      memb
+      popg t
+      pushs zeph_config
+      popg all
+      pushc "zeph_config:commerce_lookup:x"
+      pushn
+      pushs dyn_time_remaining
+      add
+      pops zeph_defaultlanguage
+      pushs zeph_language
+      pushs dyn_stm_mon
+      pushs zeph_sslavailable
+      cat
+      cmp
+      out
+    )",
 };
 
 #endif

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/Config.h"
 #include "base/Feature.h"
 #include "tests/support/Machine.h"
 
@@ -244,6 +245,50 @@ TEST(HotCode, RandomProgramsDoTheSameHotAndCold) {
     ASSERT_EQ(hot.result, cold.result);
     ASSERT_EQ(hot.error, cold.error);
     ASSERT_EQ(hot.entries, cold.entries);
+  }
+}
+
+// --- The log -------------------------------------------------------------------------------------
+
+// A loop that notes its lines and calls a function, with the records of a level, and whether the
+// run was in hot code at its end.
+std::vector<std::string> LogOfLoop(unsigned level, bool hot) {
+  Machine machine;
+  machine.application.config()->SetValue_Integer(Config_log_level, static_cast<int>(level));
+  machine.Assemble(
+      "storegi n, 0\nagain: lineno 5\npushg n\ncall twice\npopg sum\nlineno 6\nincg n, 1\n"
+      "cmpgi n, " +
+      std::to_string(kRounds) +
+      "\njmp_lt again\npop\nexit\n"
+      ".function twice(x)\nlineno 20\npushl x\npushi 2\nmul\nret\n");
+  if (!hot) KeepCold(&machine);
+  EXPECT_EQ(machine.Go(), 0);
+  EXPECT_EQ(machine.segments.Start()->hot() != nullptr, hot);
+  EXPECT_EQ(machine.Value("sum"), std::to_string(2 * (kRounds - 1)));
+  return machine.application.log;
+}
+
+TEST(HotCode, LeavesOutNoRecordOfTheLog) {
+  const struct {
+    const char* label;
+    unsigned level;
+    size_t records;
+  } cases[] = {
+      {"none", 0, 0},
+      {"errors", Log_FatalError | Log_RuntimeError | Log_TimedOut, 1},
+      {"lines", Log_Trace, 3 * kRounds},
+      {"calls", Log_FunctionCall, kRounds},
+      {"parameters", Log_FunctionParameter, kRounds},
+      {"values", Log_FunctionReturnValue, kRounds},
+      {"returns", Log_FunctionReturn, kRounds},
+      {"libraries", Log_ExternalFunctionCall, 0},
+      {"all", ~0u, 7 * kRounds + 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    const std::vector<std::string> cold = LogOfLoop(c.level, false);
+    EXPECT_EQ(cold.size(), c.records);
+    EXPECT_EQ(LogOfLoop(c.level, true), cold);
   }
 }
 

@@ -1,0 +1,72 @@
+// System variables that are computed when they are read, as scripts of both hosts find them.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/e2e/Pages.h"
+#include "tests/support/Command.h"
+
+namespace {
+
+using testing::MatchesRegex;
+
+class SpecialVariableHosts : public testing::Test {
+ protected:
+  std::string FromZprun() {
+    engine.WriteConfiguration();
+    Command command({ZEPH_BINARY_DIR "/bin/zprun", "--config", engine.Path("zeph.toml"),
+                     engine.Path("scripts/page.zpc")});
+    command.Run();
+    EXPECT_EQ(command.errors, "");
+    return command.output;
+  }
+  void Expect(const std::string& source, const std::string& pattern) {
+    engine.Script("page.zpc", source);
+    ASSERT_TRUE(engine.Running() || engine.Start());
+    EXPECT_THAT(engine.Get("/page.zpc").Body(), MatchesRegex(pattern)) << source;
+    EXPECT_THAT(FromZprun(), MatchesRegex(pattern)) << source;
+  }
+  static std::string Named(const std::string& name) {
+    return "pushnc \"" + name + "\"\nout\npushc \" \"\nout\n";
+  }
+
+  EngineProcess engine;
+};
+
+TEST_F(SpecialVariableHosts, TheClockAndTheTimeThatIsLeft) {
+  engine.settings = "timeout_global = 600\n";
+  Expect(Named("dyn_time_t") + Named("dyn_stm_mon") + Named("dyn_tm_year") +
+             Named("dyn_time_remaining"),
+         "[0-9]+ [A-Z][a-z]+ 20[0-9]+ (600|59[0-9]) ");
+}
+
+TEST_F(SpecialVariableHosts, SettingsAndLibraries) {
+  engine.settings =
+      "timeout_global = 123\n"
+      "[[library]]\nkind = \"commerce\"\nname = \"pay\"\npath = \"/nowhere/pay.so\"\n"
+      "[[library]]\nkind = \"system\"\nname = \"stat\"\npath = \"" ZEPH_BINARY_DIR
+      "/lib/libtextstat.so\"\n";
+  Expect(Named("zeph_config:timeout_global") + Named("zeph_config:dir_user") +
+             Named("zeph_config:dir_ca") + Named("zeph_config:commerce_list[1]") +
+             Named("zeph_config:commerce_lookup:pay") + Named("zeph_config:systemlib_lookup:stat") +
+             Named("zeph_config:database_list"),
+         "123 public_zix  pay 0 1  ");
+}
+
+TEST_F(SpecialVariableHosts, LanguageIsSetAndNothingIsLeftOfItForTheNext) {
+  const std::string page = Named("zeph_language") + "pushc \"de\"\npops zeph_language\n" +
+                           Named("zeph_language") + Named("zeph_defaultlanguage") +
+                           Named("zeph_defaultdatabase") + Named("zeph_charset") +
+                           Named("zeph_sslavailable");
+  for (int i = 0; i < 3; i++) Expect(page, "en-US de en-US xbase3 utf-8 0 ");
+}
+
+TEST_F(SpecialVariableHosts, TheProcessIsNamedAsItIsListed) {
+  engine.arguments = {"-p", "zeph for tests"};
+  engine.Script("page.zpc", Named("process_name"));
+  ASSERT_TRUE(engine.Start());
+  EXPECT_EQ(engine.Get("/page.zpc").Body(), "zeph for tests ");
+  EXPECT_EQ(FromZprun(), ZEPH_BINARY_DIR "/bin/zprun ");
+}
+
+}  // namespace
