@@ -82,11 +82,12 @@ class ZephVM {
   int RunFunction(const char* name, int length, VariableList* arguments, Variable* result);
   // Asks the script whether to take an uploaded file: what it answers is the limit in bytes, 0 for
   // none and a negative one to refuse, which is also the answer of a script that was not written
-  // to be asked. 0 if the call failed.
+  // to be asked. 0 if the call failed; an exit in the function is a failure.
   int ValidateFileUpload(const char* field, int fieldlength, const char* name, int namelength,
                          const char* type, int typelength, int* answer);
   // Hands an uploaded file to the script. status is "COMPLETE" or "PARTIAL", path the temporary
-  // file's, size its bytes. 1 also for a script that does not care; 0 if the call failed.
+  // file's, size its bytes. 1 also for a script that does not care; 0 if the call failed, by an
+  // exit for example.
   int ProcessFileUpload(const char* field, int fieldlength, const char* name, int namelength,
                         const char* status, int statuslength, const char* path, int pathlength,
                         const char* type, int typelength, int size);
@@ -251,8 +252,9 @@ class ZephVM {
   ExternalCall* FindExternal(Function* function);
   bool TakeExternalArguments(Function* function, const _ZP_EL_Function* row, VariableHash* locals);
   bool MayNest();
+  // wants_result: without one, after an exit that is, the run has failed.
   template <typename Push, typename Take>
-  int RunNested(Function* function, Push push, Take take);
+  int RunNested(Function* function, bool wants_result, Push push, Take take);
 
   // Handlers, each named as its instruction: base/ZephVM.cpp
   void pushc();

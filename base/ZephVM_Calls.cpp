@@ -378,7 +378,7 @@ int ZephVM::Go_Recursive() {
 // The run ends when the function returns: it then goes on behind the end of the caller's segment,
 // in a plain frame, whose end is the end of a run.
 template <typename Push, typename Take>
-int ZephVM::RunNested(Function* function, Push push, Take take) {
+int ZephVM::RunNested(Function* function, bool wants_result, Push push, Take take) {
   if (!MayNest()) return 0;
   const int error_output = frame->error_output;
   const int output_mode = frame->output_mode;
@@ -396,7 +396,11 @@ int ZephVM::RunNested(Function* function, Push push, Take take) {
   }
   if (stop_flag) return 0;
   // After an exit the function has not returned.
-  if (stack->Entries() > 0 && !frame->previous) take();
+  if (stack->Entries() > 0 && !frame->previous) {
+    take();
+  } else if (wants_result) {
+    FatalError("Stack underflow");
+  }
   return stop_flag ? 0 : 1;
 }
 
@@ -405,7 +409,7 @@ int ZephVM::RunFunction(const char* name, int length, VariableList* arguments, V
   if (!function) return 0;
   if (arguments && arguments->Entries() != function->parameters().Entries()) return 0;
   return RunNested(
-      function,
+      function, false,
       [&] {
         if (!arguments) return;
         for (Variable* v = arguments->First(); v; v = arguments->Next()) stack->PushV(v, 1, 1);
@@ -426,7 +430,7 @@ int ZephVM::ValidateFileUpload(const char* field, int fieldlength, const char* n
   if (!function) return 1;
   if (function->parameters().Entries() != 3) return 0;
   return RunNested(
-      function,
+      function, true,
       [&] {
         stack->PushS(field, fieldlength, fieldlength, 0);
         stack->PushS(name, namelength, namelength, 0);
@@ -442,7 +446,7 @@ int ZephVM::ProcessFileUpload(const char* field, int fieldlength, const char* na
   if (!function) return 1;
   if (function->parameters().Entries() != 6) return 0;
   return RunNested(
-      function,
+      function, true,
       [&] {
         stack->PushS(field, fieldlength, fieldlength, 0);
         stack->PushS(name, namelength, namelength, 0);

@@ -285,6 +285,19 @@ TEST_F(FileUpload, FailuresAnswerZero) {
   EXPECT_EQ(other.vm().ProcessFileUpload("f", 1, "n", 1, "s", 1, "p", 1, "t", 1, 2), 0);
 }
 
+// There is no answer to take, and no script to go on with behind a form that was not read.
+TEST_F(FileUpload, ExitIsAFailure) {
+  machine.Assemble(".function Zeph_ValidateFileUpload(a, b, c)\npushi 5\nexit\nret");
+  EXPECT_EQ(Validate(), 0);
+  EXPECT_EQ(answer, -1);
+  EXPECT_EQ(machine.Failure(), "Stack underflow");
+  EXPECT_TRUE(machine.vm().stopped());
+  Machine other;
+  other.Assemble(".function Zeph_ProcessFileUpload(a, b, c, d, e, f)\nexit\nretn");
+  EXPECT_EQ(other.vm().ProcessFileUpload("f", 1, "n", 1, "s", 1, "p", 1, "t", 1, 2), 0);
+  EXPECT_EQ(other.Failure(), "Stack underflow");
+}
+
 TEST_F(FileUpload, TheFileIsHandedOverWithFiveTextsAndItsSize) {
   machine.Assemble(
       ".function zeph_processfileupload(a, b, c, d, e, f)\n"
