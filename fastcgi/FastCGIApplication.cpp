@@ -64,6 +64,7 @@ int FastCGIApplication::Run(TaggedFile* tagged) {
   MakeMachine(&tables, tagged, path);
   if (!AddVariables()) return 1;
   OutputHeaders();
+  if (!ProcessPOSTedData()) return 1;
   // The script's time starts here: loading and the upload do not count against it.
   ResetGlobalTimeout();
   vm->Go();

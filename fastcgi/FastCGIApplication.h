@@ -4,10 +4,13 @@
 #ifndef ZEPH_FASTCGI_FASTCGIAPPLICATION_H
 #define ZEPH_FASTCGI_FASTCGIAPPLICATION_H
 
+#include <memory>
+
 #include "base/ScriptTables.h"
 #include "fastcgi/FastCGIBaseApplication.h"
 
 class FastCGIThread;
+class HTTPContentParser;
 struct FCGX_Request;
 
 // Made by a request thread for each request and deleted when it is answered; nothing of a script
@@ -48,7 +51,7 @@ class FastCGIApplication : public FastCGIBaseApplication {
   bool LoadScript(File* file, TaggedFile* tagged, const String& path);
   void OutputHeaders();
   void OutputCookie();
-  // The variables and the input of the request (fastcgi/FastCGIVariables.cpp):
+  // The variables of the request (fastcgi/FastCGIVariables.cpp):
   bool AddVariables();
   void AddEnvironmentVariables();
   void AddQueryArguments();
@@ -56,6 +59,10 @@ class FastCGIApplication : public FastCGIBaseApplication {
   bool AddQueryVariables();
   void AddAPIVariables();
   void AddDocumentURL();
+  // The input (fastcgi/FastCGIInput.cpp):
+  bool ProcessPOSTedData();
+  std::unique_ptr<HTTPContentParser> ContentHandler(const char* type, int length);
+  bool ReadInput(HTTPContentParser* handler, int length);
 
   bool ExecuteError(const String& path, const String& text, bool encode);
 

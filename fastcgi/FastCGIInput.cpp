@@ -1,0 +1,86 @@
+// The body of a request, from the web server into the variables of the script.
+
+#include <fcgiapp.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "base/Config.h"
+#include "base/MultipartFormParser.h"
+#include "base/URLEncodedParser.h"
+#include "base/VariableHash.h"
+#include "base/memcmpi.h"
+#include "base/systems/unix/UNIXReentrantFile.h"
+#include "fastcgi/FastCGIApplication.h"
+
+namespace {
+
+const int kBlockSize = 8192;
+
+bool BeginsWith(const char* text, const char* prefix) {
+  const size_t length = strlen(prefix);
+  return strnlen(text, length) == length && memcmpi(text, prefix, length) == 0;
+}
+
+}  // namespace
+
+// What reads a body of that type; null when it is refused, with the message sent.
+std::unique_ptr<HTTPContentParser> FastCGIApplication::ContentHandler(const char* type,
+                                                                      int length) {
+  const int most_fields = configuration->value_integer(Config_max_post_vars);
+  if (BeginsWith(type, "application/x-www-form-urlencoded")) {
+    return std::make_unique<URLEncodedParser>(tables.global_variables, most_fields);
+  }
+  if (BeginsWith(type, "multipart/form-data")) {
+    return std::make_unique<MultipartFormParser>(vm, file_manager, tables.global_variables, type,
+                                                 most_fields);
+  }
+  const int most = configuration->value_integer(Config_max_unknown_content_length);
+  if (most < 0) {
+    Error("Unknown POST content type");
+    return nullptr;
+  }
+  if (most > 0 && length > most) {
+    Error("POST content length exceeds configured maximum for unknown content types");
+    return nullptr;
+  }
+  return std::make_unique<UnknownContentHandler>(tables.system_variables, length);
+}
+
+// Feeds the handler with what comes, up to the length that was announced. Less is no failure.
+bool FastCGIApplication::ReadInput(HTTPContentParser* handler, int length) {
+  char block[kBlockSize];
+  while (length > 0) {
+    const int count = FCGX_GetStr(block, std::min(length, kBlockSize), request->in);
+    if (count <= 0) break;
+    length -= count;
+    // A client that sends nothing is not noticed before it sends again: the read waits for it.
+    if (posttimedout()) {
+      Error("Timeout processing POST data");
+      return false;
+    }
+    if (!handler->Parse(block, count)) {
+      Error(handler->error());
+      return false;
+    }
+  }
+  if (handler->Finalize()) return true;
+  Error(handler->error());
+  return false;
+}
+
+bool FastCGIApplication::ProcessPOSTedData() {
+  const char* type = Parameter("CONTENT_TYPE");
+  const char* announced = Parameter("CONTENT_LENGTH");
+  if (!type || !announced) return true;
+  const int length = static_cast<int>(strtol(announced, nullptr, 10));
+  if (length <= 0) return true;
+  const std::unique_ptr<HTTPContentParser> handler = ContentHandler(type, length);
+  if (!handler) return false;
+  ResetPOSTTimeout();
+  if (!ReadInput(handler.get(), length)) return false;
+  ClearPOSTTimeout();
+  return true;
+}
