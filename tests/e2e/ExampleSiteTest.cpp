@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/Command.h"
+#include "tests/support/EngineProcess.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
@@ -84,6 +85,23 @@ TEST(ExampleSite, TheLanguageOfTheBrowserIsTheFirstChoiceAndUnknownOnesAreEnglis
   EXPECT_EQ(title(browser + "\"en-GB,de;q=0.9\"\n"), english);
   EXPECT_EQ(title(browser + "\"de\"\n[variables.global]\nlang = \"en-US\"\n"), english);
   EXPECT_EQ(title("[variables.global]\nlang = \"tlh\"\n"), english);
+}
+
+TEST(ExampleSite, ALinkChoosesTheLanguageOfAServedPage) {
+  EngineProcess engine;
+  engine.configuration =
+      "dir_zeph = \"" ZEPH_BINARY_DIR "/site\"\ndir_data = \"" + engine.Folder("data") + "\"\n";
+  ASSERT_TRUE(engine.Start());
+  const auto page = [&](const char* query, const char* browser) {
+    return engine
+        .Get("/languages.zpc", {{"QUERY_STRING", query}, {"HTTP_ACCEPT_LANGUAGE", browser}})
+        .Body();
+  };
+  EXPECT_THAT(page("lang=de", "en"), HasSubstr("<html lang=\"de\">"));
+  EXPECT_THAT(page("lang=en-US", "de"), HasSubstr("<html lang=\"en\">"));
+  EXPECT_THAT(page("", "de"), HasSubstr("<html lang=\"de\">"));
+  EXPECT_THAT(page("", ""), HasSubstr("<html lang=\"en\">"));
+  EXPECT_THAT(page("lang=%22%3E%3Cscript%3E", "de"), HasSubstr("<html lang=\"en\">"));
 }
 
 }  // namespace

@@ -40,6 +40,24 @@ TEST_F(SpecialVariableHosts, TheClockAndTheTimeThatIsLeft) {
          "[0-9]+ [A-Z][a-z]+ 20[0-9]+ (600|59[0-9]) ");
 }
 
+// What a client or a server sends goes by other names, but a name that both have is the engine's.
+TEST_F(SpecialVariableHosts, ParametersOfARequestDoNotHideThem) {
+  engine.Script("page.zpc", Named("zeph_language") + Named("zeph_config:timeout_global"));
+  ASSERT_TRUE(engine.Start());
+  EXPECT_EQ(engine.Get("/page.zpc", {{"zeph_language", "xx"}, {"ZEPH_CONFIG", "yy"}}).Body(),
+            "en-US 90 ");
+}
+
+// The moment of the request stands still; the clock goes on.
+TEST_F(SpecialVariableHosts, OneClockIsThatOfTheRequest) {
+  const std::string wait =
+      "pushs time_t\npopg first\npushs dyn_tm_usec\npopg u\n"
+      "again: pushs dyn_tm_usec\npushg u\ncmp\njmp_eq again\n"
+      "pushs time_t\npushg first\neq\nout\n"
+      "pushs dyn_time_t\npushs time_t\nge\nout\n";
+  Expect(wait, "11");
+}
+
 TEST_F(SpecialVariableHosts, SettingsAndLibraries) {
   engine.settings =
       "timeout_global = 123\n"

@@ -361,7 +361,6 @@ void UNIXApplication::MakeMachine(ScriptTables* tables, TaggedFile* tagged, cons
                   tables->localized, heartbeatcounter(), timedoutflag(), exitflag(), nullptr);
   tagged->Deactivate();
   tables->config->AddVariables();
-  AddSpecialVariables(tables->system_variables, this);
 }
 
 void UNIXApplication::DeleteMachine() {
@@ -395,4 +394,5 @@ void UNIXApplication::AddSystemVariables(ScriptTables* tables) {
   text("stm_zone", now.zone_name);
   number("globaltimeout", configuration->value_integer(Config_timeout_global));
   text("zephversion", kVersion);
+  AddSpecialVariables(table, this);
 }
