@@ -47,6 +47,37 @@ void Add(Variable* aggregate, const AggregateIndex& index, Variable* adopted) {
   aggregate->SetElement(index, adopted);
 }
 
+TEST(LogRecord, TypesHaveDescriptions) {
+  const struct {
+    unsigned type;
+    const char* description;
+  } cases[] = {
+      {16, "Function Call"},
+      {32, "Function Parameter"},
+      {64, "Function Return Value"},
+      {128, "Function Return"},
+      {256, "External Function Call"},
+      {512, "External Function Parameter"},
+      {1024, "External Function Return Value"},
+      {2048, "External Function Return"},
+      {4096, "ZpDO Enter"},
+      {8192, "ZpDO Exit"},
+      {1048576, "ZpCALL"},
+      {2097152, "ZpSMTP"},
+      {134217728, "Application Timed Out"},
+      {268435456, "Runtime Error"},
+      {536870912, "Fatal Error"},
+      {1073741824, "Trace"},
+      {0, "Unknown"},
+      {8, "Unknown"},
+      {48, "Unknown"},
+      {0xFF0, "Unknown"},
+      {0x80000000, "Unknown"},
+  };
+  TestApplication application;
+  for (const auto& c : cases) EXPECT_STREQ(application.Log_Description(c.type), c.description);
+}
+
 TEST(LogRecord, BeginsWithTimeProcessThreadAndType) {
   EXPECT_EQ(RecordOf({}), begin + "\n");
 }

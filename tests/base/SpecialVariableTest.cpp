@@ -346,7 +346,8 @@ TEST_F(SpecialVariables, AClonedVariableAsksItsOwnApplication) {
 TEST_F(SpecialVariables, AWholeTableIsClonedForATask) {
   CountingApplication task;
   task.SetLanguage("fr");
-  ClonedVariableHash copy(&task, new Dictionary(dictionary), table);
+  Dictionary names(dictionary);
+  ClonedVariableHash copy(&task, &names, table);
   Variable* language = nullptr;
   ASSERT_TRUE(copy.Find(&language, "zeph_language", -1, 0));
   EXPECT_EQ(Text(*language), "fr");

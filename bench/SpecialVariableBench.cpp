@@ -1,0 +1,68 @@
+// What the special variables cost a request that does not use them, and what a record of the log
+// costs one that is logged.
+
+#include <benchmark/benchmark.h>
+
+#include "base/Config.h"
+#include "base/Dictionary.h"
+#include "base/LogRecord.h"
+#include "base/SpecialVariable.h"
+#include "tests/support/TestApplication.h"
+
+namespace {
+
+void TableWithoutThem(benchmark::State& state) {
+  TestApplication application;
+  for (auto _ : state) {
+    Dictionary dictionary;
+    SystemVariableHash table(&dictionary, 12, 512);
+    table.SetVariable(new ImmutableVariable("time_t", -1, 1));
+    benchmark::DoNotOptimize(table.Entries());
+  }
+}
+BENCHMARK(TableWithoutThem);
+
+void TableWithThem(benchmark::State& state) {
+  TestApplication application;
+  for (auto _ : state) {
+    Dictionary dictionary;
+    SystemVariableHash table(&dictionary, 12, 512);
+    table.SetVariable(new ImmutableVariable("time_t", -1, 1));
+    AddSpecialVariables(&table, &application);
+    benchmark::DoNotOptimize(table.Entries());
+  }
+}
+BENCHMARK(TableWithThem);
+
+void ReadsOfTheLanguage(benchmark::State& state) {
+  TestApplication application;
+  LanguageVariable language("zeph_language", &application);
+  for (auto _ : state) benchmark::DoNotOptimize(language.value().length);
+}
+BENCHMARK(ReadsOfTheLanguage);
+
+void ASettingByItsName(benchmark::State& state) {
+  TestApplication application;
+  ConfigurationAggregateVariable settings("zeph_config", &application);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(settings.Member("timeout_global", 14, 0)->value_integer());
+  }
+}
+BENCHMARK(ASettingByItsName);
+
+void ARecord(benchmark::State& state) {
+  TestApplication application;
+  const LogParameter parameters[] = {
+      LogParameter::OfText("shop/cart.zpc", -1), LogParameter::OfText("cart.zpa", -1),
+      LogParameter::OfInteger(17), LogParameter::OfText("add", -1), LogParameter::OfEnd()};
+  for (auto _ : state) {
+    ZPTIME now;
+    zp_gettimevalues(&now);
+    LogRecord record(now, 4711, 3, "Function Call");
+    record.Append(&application, parameters);
+    benchmark::DoNotOptimize(record.Finish().data());
+  }
+}
+BENCHMARK(ARecord);
+
+}  // namespace
