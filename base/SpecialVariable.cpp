@@ -3,8 +3,8 @@
 #include "base/SpecialVariable.h"
 
 #include <cstdio>
-#include <cstring>
-#include <memory>
+#include <iterator>
+#include <string_view>
 
 #include "base/Aggregate.h"
 #include "base/CommerceLibrary.h"
@@ -12,22 +12,11 @@
 #include "base/ExternalDatabaseLibrary.h"
 #include "base/SystemLibrary.h"
 #include "base/VariableRef.h"
+#include "base/ascii.h"
+#include "base/memcmpi.h"
 #include "base/zptime.h"
 
 namespace {
-
-struct DynamicTimeName {
-  const char* name;
-  DynamicTimeVariableType what;
-};
-
-const DynamicTimeName dynamic_times[] = {
-    {"dyn_time_t", dyn_time_t},     {"dyn_tm_usec", dyn_tm_usec},   {"dyn_tm_sec", dyn_tm_sec},
-    {"dyn_tm_min", dyn_tm_min},     {"dyn_tm_hour", dyn_tm_hour},   {"dyn_tm_mday", dyn_tm_mday},
-    {"dyn_tm_mon", dyn_tm_mon},     {"dyn_stm_mon", dyn_stm_mon},   {"dyn_tm_year", dyn_tm_year},
-    {"dyn_tm_wday", dyn_tm_wday},   {"dyn_stm_wday", dyn_stm_wday}, {"dyn_tm_yday", dyn_tm_yday},
-    {"dyn_tm_isdst", dyn_tm_isdst}, {"dyn_stm_zone", dyn_stm_zone},
-};
 
 bool IsTextOfTime(DynamicTimeVariableType what) {
   return what == dyn_stm_mon || what == dyn_stm_wday || what == dyn_stm_zone;
@@ -39,20 +28,83 @@ ZPTIME Now() {
   return now;
 }
 
+// --- All of them ---------------------------------------------------------------------------------
+
+using Maker = Variable* (*)(const char* name, ZephApplication* application);
+
+template <typename Special>
+Variable* Make(const char* name, ZephApplication* application) {
+  return new Special(name, application);
+}
+template <DynamicTimeVariableType what>
+Variable* MakeTime(const char* name, ZephApplication*) {
+  return new DynamicTimeVariable(name, what);
+}
+
+struct SpecialName {
+  std::string_view name;  // NUL-terminated
+  Maker make;
+};
+
+// In the order in which they are listed.
+constexpr SpecialName special_names[] = {
+    {"dyn_time_t", MakeTime<dyn_time_t>},
+    {"dyn_tm_usec", MakeTime<dyn_tm_usec>},
+    {"dyn_tm_sec", MakeTime<dyn_tm_sec>},
+    {"dyn_tm_min", MakeTime<dyn_tm_min>},
+    {"dyn_tm_hour", MakeTime<dyn_tm_hour>},
+    {"dyn_tm_mday", MakeTime<dyn_tm_mday>},
+    {"dyn_tm_mon", MakeTime<dyn_tm_mon>},
+    {"dyn_stm_mon", MakeTime<dyn_stm_mon>},
+    {"dyn_tm_year", MakeTime<dyn_tm_year>},
+    {"dyn_tm_wday", MakeTime<dyn_tm_wday>},
+    {"dyn_stm_wday", MakeTime<dyn_stm_wday>},
+    {"dyn_tm_yday", MakeTime<dyn_tm_yday>},
+    {"dyn_tm_isdst", MakeTime<dyn_tm_isdst>},
+    {"dyn_stm_zone", MakeTime<dyn_stm_zone>},
+    {"dyn_time_remaining", Make<TimeRemainingVariable>},
+    {"zeph_language", Make<LanguageVariable>},
+    {"zeph_defaultlanguage", Make<DefaultLanguageVariable>},
+    {"zeph_defaultdatabase", Make<DefaultDatabaseVariable>},
+    {"zeph_charset", Make<CharacterSetVariable>},
+    {"zeph_sslavailable", Make<SSLAvailableVariable>},
+    {"zeph_config", Make<ConfigurationAggregateVariable>},
+    {"process_name", Make<ProcessNameVariable>},
+};
+
+class SpecialVariables : public LateVariables {
+ public:
+  explicit SpecialVariables(ZephApplication* host) : application(host) {}
+
+  // Every name of a request is asked for, so most are told by their beginning.
+  int Number(const char* name, int length) override {
+    if (length < 10) return -1;
+    const char first = static_cast<char>(zp_tolower(static_cast<unsigned char>(*name)));
+    if (first != 'd' && first != 'z' && first != 'p') return -1;
+    for (int i = 0; i < Count(); i++) {
+      const std::string_view known = special_names[i].name;
+      if (static_cast<int>(known.size()) == length &&
+          memcmpi(known.data(), name, known.size()) == 0) {
+        return i;
+      }
+    }
+    return -1;
+  }
+  int Count() override { return static_cast<int>(std::size(special_names)); }
+  const char* Name(int number) override { return special_names[number].name.data(); }
+  Variable* Make(int number) override {
+    return special_names[number].make(Name(number), application);
+  }
+  LateVariables* Clone(ZephApplication* owner) override { return new SpecialVariables(owner); }
+
+ private:
+  ZephApplication* application;
+};
+
 }  // namespace
 
-void AddSpecialVariables(VariableHash* system, ZephApplication* application) {
-  for (const DynamicTimeName& time : dynamic_times) {
-    system->SetVariable(new DynamicTimeVariable(time.name, time.what));
-  }
-  system->SetVariable(new TimeRemainingVariable("dyn_time_remaining", application));
-  system->SetVariable(new LanguageVariable("zeph_language", application));
-  system->SetVariable(new DefaultLanguageVariable("zeph_defaultlanguage", application));
-  system->SetVariable(new DefaultDatabaseVariable("zeph_defaultdatabase", application));
-  system->SetVariable(new CharacterSetVariable("zeph_charset", application));
-  system->SetVariable(new SSLAvailableVariable("zeph_sslavailable", application));
-  system->SetVariable(new ConfigurationAggregateVariable("zeph_config", application));
-  system->SetVariable(new ProcessNameVariable("process_name", application));
+void AddSpecialVariables(SystemVariableHash* system, ZephApplication* application) {
+  system->SetLateVariables(new SpecialVariables(application));
 }
 
 // --- Values that are computed --------------------------------------------------------------------
@@ -239,7 +291,7 @@ void ApplicationTextVariable::Refresh() {
   changes_seen = changes;
 }
 
-// What is stored beside the setting is read until the count is looked at, which is at once.
+// The change has moved the count on, so the next read takes the text from the application again.
 int ApplicationTextVariable::SetValue(const char* text, int length) {
   if (redirected()) return ImmutableVariable::SetValue(text, length);
   Change(String(text, length));

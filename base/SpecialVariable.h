@@ -9,9 +9,9 @@
 #include "base/VariableHash.h"
 #include "base/ZephApplication.h"
 
-// Puts all special variables into a table of system variables, each under its name. The application
-// is borrowed: it outlives the table.
-void AddSpecialVariables(VariableHash* system, ZephApplication* application);
+// Gives a table of system variables all special variables, each of which is made when it is looked
+// for. The application is borrowed: it outlives the table.
+void AddSpecialVariables(SystemVariableHash* system, ZephApplication* application);
 
 // A number or a text that is computed at each read and never kept, so that two reads may differ.
 class ComputedVariable : public ImmutableVariable {

@@ -770,9 +770,13 @@ SystemVariableHash::SystemVariableHash(Dictionary* names, int hash_bits, int ent
 
 SystemVariableHash::SystemVariableHash(ZephApplication* application, Dictionary* names,
                                        VariableHash& source)
-    : VariableHash(application, names, source), frames(1) {}
+    : VariableHash(application, names, source), frames(1) {
+  const auto* system = dynamic_cast<SystemVariableHash*>(&source);
+  if (system && system->late) late = system->late->Clone(application);
+}
 
 SystemVariableHash::~SystemVariableHash() {
+  delete late;
   while (List<_SVH_Entry>* list = frames.Top()) {
     for (_SVH_Entry* saved = list->First(); saved; saved = list->Next()) {
       if (saved->variable) saved->variable->DecRefCount();
@@ -783,6 +787,62 @@ SystemVariableHash::~SystemVariableHash() {
 
 int SystemVariableHash::Version() {
   return depth;
+}
+
+void SystemVariableHash::SetLateVariables(LateVariables* variables) {
+  delete late;
+  late = variables;
+  for (int i = 0; i < entry_count; i++) {
+    if (!entries[i].variable) continue;
+    int length;
+    const char* name = EntryName(i, &length);
+    if (late->Number(name, length) < 0) continue;
+    entries[i].variable->DecRefCount();
+    entries[i].variable = nullptr;
+  }
+}
+
+// It is made on no level, so it stays behind the Pop of any.
+int SystemVariableHash::MakeLate(const char* name, int length) {
+  const int found = Locate(name, length);
+  if (!late || (found >= 0 && entries[found].variable)) return found;
+  const int number = late->Number(name, length);
+  if (number < 0) return found;
+  Variable* variable = late->Make(number);
+  if (found < 0) return VariableHash::Insert(-1, name, length, variable);
+  entries[found].variable = variable;
+  return found;
+}
+
+void SystemVariableHash::MakeAllLate() {
+  for (int i = 0; late && i < late->Count(); i++) {
+    const char* name = late->Name(i);
+    MakeLate(name, NameLength(name, -1));
+  }
+}
+
+int SystemVariableHash::Seek(int name_index, const char* name, int length, _VH_Entry** entry) {
+  if (late) {
+    int bytes = NameLength(name, length);
+    const char* text = name ? name : dictionary->Entry(name_index, &bytes);
+    if (text) MakeLate(text, bytes);
+  }
+  return VariableHash::Seek(name_index, name, length, entry);
+}
+
+int SystemVariableHash::ClearVariable(const char* name, int length) {
+  MakeLate(name, NameLength(name, length));
+  return VariableHash::ClearVariable(name, length);
+}
+
+int SystemVariableHash::Entries() {
+  MakeAllLate();
+  return VariableHash::Entries();
+}
+
+void SystemVariableHash::AllocatedVars(VariableList* list) {
+  MakeAllLate();
+  VariableHash::AllocatedVars(list);
 }
 
 // The record takes over the entry's count on the variable.
@@ -804,7 +864,7 @@ void SystemVariableHash::Replace(int position, Variable* variable) {
 
 void SystemVariableHash::SetVariable(Variable* variable) {
   const String& name = variable->name();
-  const int found = Locate(name.data, name.length);
+  const int found = MakeLate(name.data, name.length);
   if (found >= 0) {
     Replace(found, variable);
   } else {
@@ -825,7 +885,10 @@ int SystemVariableHash::SetVariable_Fancy(const char* path, int length, const ch
 }
 
 int SystemVariableHash::Insert(int name_index, const char* name, int length, Variable* variable) {
-  if (depth == 0) return VariableHash::Insert(name_index, name, length, variable);
+  if (depth == 0) {
+    if (late) Seek(name_index, name, length, nullptr);
+    return VariableHash::Insert(name_index, name, length, variable);
+  }
   const int known = Seek(name_index, name, length, nullptr);
   if (known >= 0) {
     Replace(known, variable);
@@ -837,7 +900,7 @@ int SystemVariableHash::Insert(int name_index, const char* name, int length, Var
 }
 
 bool SystemVariableHash::Find(Variable** out, const char* name, int length, int create) {
-  const int found = Locate(name, NameLength(name, length));
+  const int found = MakeLate(name, NameLength(name, length));
   if (found < 0) return false;
   *out = Index(found, create);
   return true;
@@ -847,7 +910,13 @@ bool SystemVariableHash::Find(Variable** out, const char* name, int length, int 
 Variable* SystemVariableHash::Index(int position, int create) {
   if (static_cast<unsigned>(position) >= static_cast<unsigned>(entry_count)) return nullptr;
   _VH_Entry* entry = &entries[position];
-  if (entry->variable || !create) return entry->variable;
+  if (entry->variable) return entry->variable;
+  if (late) {
+    int length;
+    const char* name = EntryName(position, &length);
+    if (MakeLate(name, length) == position && entry->variable) return entry->variable;
+  }
+  if (!create) return nullptr;
   if (depth > 0) Save(position, 0, nullptr);
   return MakeVariable(entry);
 }

@@ -231,6 +231,25 @@ class ReferenceVariableHash : public VariableHash {
   VariableHash* target;
 };
 
+// Variables that a table of system variables has from the start, and makes one by one when somebody
+// looks for them: most scripts look for none of them.
+class LateVariables {
+ public:
+  LateVariables() = default;
+  LateVariables(const LateVariables&) = delete;
+  LateVariables& operator=(const LateVariables&) = delete;
+  virtual ~LateVariables() = default;
+
+  // The number of a name, from 0 on; -1 for one that is none of these.
+  virtual int Number(const char* name, int length) = 0;
+  virtual int Count() = 0;
+  virtual const char* Name(int number) = 0;
+  // A new variable, with its count the caller's.
+  virtual Variable* Make(int number) = 0;
+  // The same variables for a task, the caller's.
+  virtual LateVariables* Clone(ZephApplication* application) = 0;
+};
+
 // The system variables. Push opens a level; what changes from then on is taken back by Pop.
 class SystemVariableHash : public VariableHash {
  public:
@@ -238,8 +257,16 @@ class SystemVariableHash : public VariableHash {
   SystemVariableHash(ZephApplication* application, Dictionary* dictionary, VariableHash& source);
   ~SystemVariableHash() override;
 
+  // Adopts variables to be made when they are looked for, in place of what goes by their names now.
+  // Nobody can tell from then on which of them have been made.
+  void SetLateVariables(LateVariables* variables);
+
   using VariableHash::Insert;
   using VariableHash::SetVariable;
+  int Seek(int name_index, const char* name, int length, _VH_Entry** entry) override;
+  int ClearVariable(const char* name, int length) override;
+  int Entries() override;
+  void AllocatedVars(VariableList* list) override;
   void SetVariable(Variable* variable) override;
   void SetVariable_Reference(int index, Variable* variable) override;
   // Stores plainly: system variables never collect values.
@@ -263,10 +290,14 @@ class SystemVariableHash : public VariableHash {
 
   void Save(int position, int version, Variable* variable);
   void Replace(int position, Variable* variable);
+  // The position of a name, -1 without it; a late variable of that name is there behind this.
+  int MakeLate(const char* name, int length);
+  void MakeAllLate();
 
   int depth = 0;
   Stack<List<_SVH_Entry>> frames;
   List<_SVH_Entry>* current = nullptr;
+  LateVariables* late = nullptr;  // owned; null without any
 };
 
 // Private copies of a table's variables for a background task.

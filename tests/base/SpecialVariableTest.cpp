@@ -54,18 +54,148 @@ class SpecialVariables : public testing::Test {
   NULLVariable nothing;
 };
 
-TEST_F(SpecialVariables, AllAreThereInTheirOrder) {
+// The names of a table as a listing shows them.
+std::string Listing(VariableHash* table) {
   VariableList all;
-  table.AllocatedVars(&all);
+  table->AllocatedVars(&all);
   std::string names;
-  for (Variable* v = all.First(); v; v = all.Next()) {
-    names += std::string(v->name().data) + " ";
-  }
-  EXPECT_EQ(names,
+  for (Variable* v = all.First(); v; v = all.Next()) names += std::string(v->name().data) + " ";
+  return names;
+}
+
+TEST_F(SpecialVariables, AllAreThereInTheirOrder) {
+  EXPECT_EQ(Listing(&table),
             "dyn_time_t dyn_tm_usec dyn_tm_sec dyn_tm_min dyn_tm_hour dyn_tm_mday dyn_tm_mon "
             "dyn_stm_mon dyn_tm_year dyn_tm_wday dyn_stm_wday dyn_tm_yday dyn_tm_isdst "
             "dyn_stm_zone dyn_time_remaining zeph_language zeph_defaultlanguage "
             "zeph_defaultdatabase zeph_charset zeph_sslavailable zeph_config process_name ");
+}
+
+// --- Made when they are looked for ---------------------------------------------------------------
+
+TEST_F(SpecialVariables, AreNotMadeUntilSomebodyLooks) {
+  const int before = dictionary.Entries();
+  Variable* found = nullptr;
+  EXPECT_FALSE(table.Find(&found, "zeph_languages", -1, 0));
+  EXPECT_FALSE(table.Find(&found, "dyn_", -1, 0));
+  EXPECT_FALSE(table.Find(&found, "", 0, 0));
+  EXPECT_EQ(dictionary.Entries(), before);
+  EXPECT_TRUE(table.Find(&found, "ZEPH_Language", -1, 0));
+  EXPECT_EQ(dictionary.Entries(), before + 1);
+  Variable* again = nullptr;
+  EXPECT_TRUE(table.Find(&again, "zeph_language", -1, 0));
+  EXPECT_EQ(again, found);
+  EXPECT_EQ(table.Entries(), 22);
+}
+
+TEST_F(SpecialVariables, StandInPlaceOfWhatWentByTheirNames) {
+  SystemVariableHash other(&dictionary, 12, 512);
+  other.SetVariable(new Variable("process_name", -1, "mine", -1));
+  other.SetVariable(new Variable("mine", -1, "mine", -1));
+  AddSpecialVariables(&other, &application);
+  Variable* found = nullptr;
+  ASSERT_TRUE(other.Find(&found, "process_name", -1, 0));
+  EXPECT_EQ(Text(*found), "zeph: testing");
+  ASSERT_TRUE(other.Find(&found, "mine", -1, 0));
+  EXPECT_EQ(Text(*found), "mine");
+}
+
+TEST_F(SpecialVariables, EveryWayToANameFindsThem) {
+  const struct {
+    const char* label;
+    bool (*look)(SystemVariableHash*);
+  } ways[] = {
+      {"Find",
+       [](SystemVariableHash* t) {
+         Variable* v = nullptr;
+         return t->Find(&v, "zeph_charset", -1, 0) && v;
+       }},
+      {"Seek",
+       [](SystemVariableHash* t) {
+         _VH_Entry* entry = nullptr;
+         return t->Seek(-1, "zeph_charset", -1, &entry) >= 0 && entry->variable;
+       }},
+      {"LookupVariable_Fancy",
+       [](SystemVariableHash* t) {
+         Variable* v = nullptr;
+         return t->LookupVariable_Fancy(&v, "zeph_charset", -1, 0) && v;
+       }},
+      {"a path",
+       [](SystemVariableHash* t) {
+         Variable* v = nullptr;
+         return t->LookupVariable_Fancy(&v, "zeph_config:cookies", -1, 0) && v;
+       }},
+      {"ClearVariable",
+       [](SystemVariableHash* t) { return t->ClearVariable("zeph_charset", -1) == 1; }},
+      {"SetVariable",
+       [](SystemVariableHash* t) {
+         t->SetVariable("zeph_charset", -1, "latin1", -1);
+         Variable* v = nullptr;
+         return t->Find(&v, "zeph_charset", -1, 0) && Text(*v) == "latin1" &&
+                dynamic_cast<CharacterSetVariable*>(v);
+       }},
+      {"SetVariable_Fancy",
+       [](SystemVariableHash* t) {
+         t->SetVariable_Fancy("zeph_charset", -1, "koi8", -1, 1);
+         Variable* v = nullptr;
+         return t->Find(&v, "zeph_charset", -1, 0) && Text(*v) == "koi8" &&
+                dynamic_cast<CharacterSetVariable*>(v);
+       }},
+      {"a listing",
+       [](SystemVariableHash* t) { return Listing(t).find("zeph_charset ") != std::string::npos; }},
+  };
+  for (const auto& way : ways) {
+    SCOPED_TRACE(way.label);
+    SystemVariableHash fresh(&dictionary, 12, 512);
+    AddSpecialVariables(&fresh, &application);
+    EXPECT_TRUE(way.look(&fresh));
+  }
+}
+
+// Code of a script reaches a variable by the position that the name has in the file.
+TEST_F(SpecialVariables, ANameOfTheFileGetsItsVariable) {
+  SystemVariableHash other(&dictionary, 12, 512);
+  const int position = other.Insert("ZEPH_language", -1);
+  AddSpecialVariables(&other, &application);
+  ASSERT_NE(other.Index(position, 0), nullptr);
+  EXPECT_EQ(Text(*other.Index(position, 0)), "en-US");
+  EXPECT_EQ(other.Seek(-1, "zeph_language", -1, nullptr), position);
+  const int second = other.VariableHash::Insert(-1, "zeph_language", -1, nullptr);
+  EXPECT_EQ(other.Index(second, 0), nullptr) << "the first of a name has it";
+}
+
+TEST_F(SpecialVariables, ALevelTakesBackWhatWasSetOnIt) {
+  for (bool seen_before : {false, true}) {
+    for (bool seen_on_it : {false, true}) {
+      SCOPED_TRACE(testing::Message() << seen_before << seen_on_it);
+      SystemVariableHash levels(&dictionary, 12, 512);
+      AddSpecialVariables(&levels, &application);
+      const auto text = [&] {
+        Variable* v = nullptr;
+        return levels.Find(&v, "process_name", -1, 0) && v ? Text(*v) : "(none)";
+      };
+      if (seen_before) {
+        EXPECT_EQ(text(), "zeph: testing");
+      }
+      levels.Push();
+      if (seen_on_it) {
+        EXPECT_EQ(text(), "zeph: testing");
+      }
+      levels.SetVariable(new Variable("process_name", -1, "shadow", -1));
+      EXPECT_EQ(text(), "shadow");
+      EXPECT_EQ(levels.Pop(), 1);
+      EXPECT_EQ(text(), "zeph: testing");
+    }
+  }
+}
+
+TEST_F(SpecialVariables, AReplacedOneStaysReplaced) {
+  table.SetVariable(new Variable("process_name", -1, "mine", -1));
+  EXPECT_EQ(Text(Get("process_name")), "mine");
+  EXPECT_EQ(table.Entries(), 22);
+  Variable* second = new Variable("zeph_charset", -1, "second", -1);
+  table.Insert(second);
+  EXPECT_EQ(Text(Get("zeph_charset")), "utf-8") << "a second entry is reached by nobody";
 }
 
 // --- The clock -----------------------------------------------------------------------------------
