@@ -3,9 +3,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <set>
+
 #include "tests/support/Command.h"
 #include "tests/support/EngineProcess.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/support/UploadMachine.h"
 
 namespace {
 
@@ -102,6 +106,96 @@ TEST(ExampleSite, ALinkChoosesTheLanguageOfAServedPage) {
   EXPECT_THAT(page("", "de"), HasSubstr("<html lang=\"de\">"));
   EXPECT_THAT(page("", ""), HasSubstr("<html lang=\"en\">"));
   EXPECT_THAT(page("lang=%22%3E%3Cscript%3E", "de"), HasSubstr("<html lang=\"en\">"));
+}
+
+// The library that these pages have at the site.
+const std::string shelf =
+    "[[library]]\nkind = \"builtin\"\npath = \"" ZEPH_BINARY_DIR "/lib/libshelf.so\"\n";
+
+// A cell of a table that has the name in front.
+std::string Row(const std::string& name, const std::string& value) {
+  return "<tr><th scope=\"row\"><code>" + name + "</code></th><td>" + value + "</td></tr>\n";
+}
+
+TEST(ExampleSite, TheFormShowsWhatHasComeAndKeepsItInItsFields) {
+  const std::string empty = Page("form.zpc", shelf);
+  EXPECT_THAT(empty, StartsWith("<!DOCTYPE html>"));
+  EXPECT_THAT(empty, HasSubstr("</html>\n"));
+  EXPECT_THAT(empty, Not(HasSubstr("Your order has come")));
+  EXPECT_THAT(empty, HasSubstr("<input name=\"guest:name\" required value=\"\">"));
+  EXPECT_THAT(empty, Not(HasSubstr(" checked")));
+  const std::string sent =
+      Page("form.zpc", shelf +
+                           "[variables.global]\nsent = 1\ntea = \"Sencha\"\n"
+                           "extra = \"Sugar,Lemon\"\nnote = \"</textarea><script>\"\n");
+  EXPECT_THAT(sent, HasSubstr(Row("tea", "Sencha")));
+  EXPECT_THAT(sent, HasSubstr(Row("note", "&lt;/textarea&gt;&lt;script&gt;")));
+  EXPECT_THAT(sent, HasSubstr("<option selected>Sencha</option>"));
+  EXPECT_THAT(sent, HasSubstr("value=\"Lemon\" checked>"));
+  EXPECT_THAT(sent, HasSubstr("value=\"Milk\">"));
+  EXPECT_THAT(sent, Not(HasSubstr("<script>")));
+}
+
+TEST(ExampleSite, TheEnvironmentIsShownAsItIsAndEncoded) {
+  const std::string page =
+      Page("environment.zpc", shelf +
+                                  "[variables.system]\nsite_name = \"A site\"\n"
+                                  "HTTP_USER_AGENT = \"<b>\"\n");
+  EXPECT_THAT(page, HasSubstr("</html>\n"));
+  EXPECT_THAT(page, HasSubstr(Row("site_name", "A site")));
+  EXPECT_THAT(page, HasSubstr(Row("HTTP_USER_AGENT", "&lt;b&gt;")));
+  EXPECT_THAT(page, HasSubstr(Row("zephversion", "5.29")));
+  EXPECT_THAT(page, testing::ContainsRegex("tm_year</code></th><td>20[0-9][0-9]</td>"));
+}
+
+TEST(ExampleSite, TheShelfKeepsFilesUnderHarmlessNamesAndListsThem) {
+  EngineProcess engine;
+  engine.settings = shelf;
+  const auto copy = [&engine](const char* name) {
+    std::filesystem::copy_file(std::string(ZEPH_BINARY_DIR "/site/") + name,
+                               engine.Path(std::string("scripts/") + name));
+  };
+  copy("upload.zpc");
+  ASSERT_TRUE(engine.Start());
+  EXPECT_THAT(engine.Get("/upload.zpc").Body(), HasSubstr("<p>Nothing yet.</p>"));
+  const std::string body = FilePart("file", "../../etc/passwd", "t", "1") +
+                           FilePart("file", "C:\\Temp\\a b.txt", "t", "22") +
+                           FilePart("file", "a b.txt", "t<", "333") +
+                           FilePart("file", ".hidden", "t", "") + FilePart("file", "/", "t", "x") +
+                           FilePart("file", std::string(300, 'n'), "t", "x") +
+                           FilePart("file", "large.bin", "t", std::string(11000000, 'x')) +
+                           Field("about", "<i>") + Field("this:taken", "99") + EndOfBody();
+  const std::string page = engine
+                               .Get("/upload.zpc",
+                                    {{"CONTENT_TYPE", "multipart/form-data; boundary=B"},
+                                     {"CONTENT_LENGTH", std::to_string(body.size())}},
+                                    body)
+                               .Body();
+  const auto received = [](const std::string& sent, const std::string& kept,
+                           const std::string& type, const std::string& bytes) {
+    return "<tr><td>" + sent + "</td><td>" + kept + "</td><td>" + type +
+           "</td><td class=\"number\">" + bytes + "</td></tr>\n";
+  };
+  EXPECT_THAT(page, HasSubstr(received("../../etc/passwd", "passwd", "t", "1")));
+  EXPECT_THAT(page, HasSubstr(received("C:\\Temp\\a b.txt", "a_b.txt", "t", "2")));
+  EXPECT_THAT(page, HasSubstr(received("a b.txt", "a_b-2.txt", "t&lt;", "3")));
+  EXPECT_THAT(page, HasSubstr(received(".hidden", "_hidden", "t", "0")));
+  EXPECT_THAT(page, HasSubstr(received("/", "_", "t", "1")));
+  EXPECT_THAT(page, HasSubstr(received("large.bin", "&#40;too large&#41;", "t", "11000000")));
+  EXPECT_THAT(page, HasSubstr("<p>&lt;i&gt;</p>"));
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(engine.Path("data/shelf"))) {
+    names.insert(entry.path().filename());
+    EXPECT_THAT(page, HasSubstr("<tr><td>" + entry.path().filename().string() +
+                                "</td><td class=\"number\">" + std::to_string(entry.file_size()) +
+                                "</td></tr>\n"));
+  }
+  EXPECT_EQ(names, (std::set<std::string>{"passwd", "a_b.txt", "a_b-2.txt", "_hidden", "_",
+                                          std::string(80, 'n')}));
+  EXPECT_THAT(engine.Get("/upload.zpc").Body(), HasSubstr("a_b-2.txt"));
+  // A field of a visitor's own is not taken for what has come.
+  EXPECT_THAT(engine.Get("/upload.zpc", {{"QUERY_STRING", "this:taken=5&taken=5"}}).Body(),
+              Not(HasSubstr("Thank you")));
 }
 
 }  // namespace

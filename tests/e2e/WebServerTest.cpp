@@ -8,10 +8,12 @@
 
 #include <array>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <thread>
 
 #include "tests/e2e/Pages.h"
+#include "tests/support/UploadMachine.h"
 
 namespace {
 
@@ -95,6 +97,9 @@ class SlowWebServers : public testing::Test {
     engine.Script("index.zpc", Writes("<p>the start page</p>"));
     engine.Script("shop/index.zpc", Writes("<p>the shop</p>"));
     engine.Script("large.zpc", Floods(500));
+    engine.Script("form.zpc", FormScript());
+    engine.settings =
+        "[[library]]\nkind = \"builtin\"\npath = \"" ZEPH_BINARY_DIR "/lib/libshelf.so\"\n";
     engine.WriteConfiguration();
     engine.Write("engine.sh", "#!/bin/sh\necho $$ >'" + engine.Path("engine.pid") + "'\ncd '" +
                                   std::string(ZEPH_BINARY_DIR) + "/lib' && ZEPH_CONFIG='" +
@@ -146,6 +151,52 @@ class SlowWebServers : public testing::Test {
     EXPECT_THAT(Curl("/INDEX.ZPC"), Not(HasSubstr("Zeph\x0b")));
   }
 
+  // Shows fields, the type of a body that is no form, and each file, which it keeps.
+  static std::string FormScript() {
+    return "pushg a\nout\npushc \"|\"\nout\npushnc \"b:c\"\nout\npushc \"|\"\nout\n"
+           "pushs content_data\nout\nexit\n"
+           ".function keep(path, name) external\n.end\n" +
+           ValidatesWith("0") +
+           ".function Zeph_ProcessFileUpload(field, name, status, path, type, size)\n"
+           "pushc \"[\"\nout\npushl size\nout\npushc \" \"\nout\npushl path\npushl name\n"
+           "call keep\nout\npushc \"]\"\nout\nretn\n.end\n";
+  }
+
+  void ExpectForms() {
+    EXPECT_EQ(Curl("/form.zpc?a=%31&b:c=2"), "1|2|");
+    EXPECT_EQ(Curl("/form.zpc", "-s -d a=1 -d b:c=2"), "1|2|");
+    EXPECT_EQ(Curl("/form.zpc", "-s -d a=1 -d a=2 --data-urlencode 'b:c=50% & <more>=+'"),
+              "1,2|50% & <more>=+|");
+    EXPECT_EQ(Curl("/form.zpc", "-s -F a=1 -F 'b:c=two words'"), "1|two words|");
+    EXPECT_EQ(Curl("/form.zpc", "-s -H 'Content-Type: application/json' -d '{\"a\": 1}'"),
+              "||{\"a\": 1}");
+    // Larger than any buffer on the way.
+    const std::string value(200000, 'v');
+    const std::string file = engine.Write("value", value);
+    EXPECT_EQ(Curl("/form.zpc", "-s --data-urlencode a@" + file).size(), value.size() + 2);
+    std::string content;
+    for (int i = 0; i < 1000000; i++) content += static_cast<char>(i * 31 + i / 256 + i / 65536);
+    const std::string sent = engine.Write("sent.bin", content);
+    const std::string empty = engine.Write("empty.txt", "");
+    EXPECT_EQ(Curl("/form.zpc", "-s -F a=1 -F 'f=@" + sent + ";type=application/x-test' -F g=@" +
+                                    empty + " -F b:c=2"),
+              "ask(f|sent.bin|application/x-test)[1000000 sent.bin]"
+              "ask(g|empty.txt|text/plain)[0 empty.txt]1|2|");
+    EXPECT_EQ(
+        OutputOf("cmp '" + sent + "' '" + engine.Path("data/shelf/sent.bin") + "' && echo same"),
+        "same\n");
+    // What is no form at all is told, and the connection serves the next one.
+    EXPECT_EQ(Curl("/form.zpc",
+                   "-s -H 'Content-Type: multipart/form-data; boundary=B' -d 'nothing of it'"),
+              "||");
+    EXPECT_EQ(Curl("/form.zpc",
+                   "-s -H 'Content-Type: multipart/form-data; boundary=B' "
+                   "--data-binary @" +
+                       engine.Write("preamble", "preamble\r\n")),
+              "Failed to find boundary separator");
+    EXPECT_EQ(Curl("/form.zpc", "-s -d a=1"), "1||");
+  }
+
   EngineProcess engine;  // never started: the web servers start the program themselves
   Server server;
 };
@@ -158,6 +209,7 @@ TEST_F(SlowWebServers, LighttpdServesTheSiteAndSpawnsTheEngine) {
                engine.Path("log"));
   ASSERT_TRUE(WaitUntilItServes()) << engine.Log();
   ExpectSite();
+  ExpectForms();
   pid_t process = NotedProcess(engine.Path("engine.pid"));
   EXPECT_TRUE(Alive(process));
   server.Stop(SIGTERM);
@@ -206,6 +258,7 @@ TEST_F(SlowWebServers, NginxServesTheSiteWithAnEngineFromSpawnFcgi) {
   server.Start("nginx -p '" + engine.Path("work") + "/' -c nginx.conf", engine.Path("log"));
   ASSERT_TRUE(WaitUntilItServes()) << engine.Log();
   ExpectSite();
+  ExpectForms();
   server.Stop(SIGTERM);
   pid_t process = NotedProcess(engine.Path("engine.pid"));
   ASSERT_TRUE(Alive(process));
@@ -213,35 +266,108 @@ TEST_F(SlowWebServers, NginxServesTheSiteWithAnEngineFromSpawnFcgi) {
   EXPECT_TRUE(Eventually(end_timeout, [&] { return !Alive(process); }));
 }
 
-// script/server as it is used: the example site on a free port, ended by Ctrl-C. The build that
-// this test belongs to is there already, so the script builds nothing.
-TEST_F(SlowWebServers, TheServerScriptServesTheExampleSiteAndLeavesNothingBehind) {
-  std::string build = ZEPH_BINARY_DIR;
-  server.Start("env ZEPH_BUILD='" + build + "' TMPDIR='" + engine.Path("work") + "' '" +
-                   std::string(ZEPH_SOURCE_DIR) + "/script/server'",
-               engine.Path("log"));
-  std::string address;
-  ASSERT_TRUE(Eventually(start_timeout, [&] {
-    std::string log = engine.Log();
-    size_t start = log.find("http://127.0.0.1:");
-    if (start == std::string::npos || log.find('\n', start) == std::string::npos) return false;
-    address = log.substr(start, log.find('\n', start) - start);
-    return true;
-  })) << engine.Log();
+// script/server as it is used: the example site on a free port. The build that these tests belong
+// to is there already, so the script builds nothing; what pages keep goes into the test's own
+// folder.
+class SlowExampleSite : public SlowWebServers {
+ protected:
+  // The address; empty when it does not come up.
+  std::string Serve() {
+    engine.Folder("build");
+    engine.Folder("run");
+    for (const char* part : {"bin", "lib"}) {
+      std::filesystem::create_symlink(std::string(ZEPH_BINARY_DIR) + "/" + part,
+                                      engine.Path(std::string("build/") + part));
+    }
+    // A script directory that is a link would be refused.
+    std::filesystem::copy(ZEPH_BINARY_DIR "/site", engine.Path("build/site"),
+                          std::filesystem::copy_options::recursive);
+    server.Start("env ZEPH_BUILD='" + engine.Path("build") + "' TMPDIR='" + engine.Path("run") +
+                     "' '" + std::string(ZEPH_SOURCE_DIR) + "/script/server'",
+                 engine.Path("log"));
+    std::string address;
+    Eventually(start_timeout, [&] {
+      std::string log = engine.Log();
+      size_t start = log.find("http://127.0.0.1:");
+      if (start == std::string::npos || log.find('\n', start) == std::string::npos) return false;
+      address = log.substr(start, log.find('\n', start) - start);
+      return true;
+    });
+    return address;
+  }
+
+  pid_t EngineOfTheSite() {
+    std::string run = OutputOf("ls -d '" + engine.Path("run") + "'/zeph.*");
+    return NotedProcess(run.substr(0, run.find('\n')) + "/engine.pid");
+  }
+
+  // What a terminal does for Ctrl-C.
+  void Interrupt() {
+    kill(-server.pid, SIGINT);
+    server.Stop(0);
+  }
+
+  ~SlowExampleSite() override {
+    if (server.pid > 0) Interrupt();
+  }
+};
+
+TEST_F(SlowExampleSite, TheServerScriptServesItAndLeavesNothingBehind) {
+  const std::string address = Serve();
+  ASSERT_NE(address, "") << engine.Log();
   std::string page = OutputOf("curl -s --max-time 60 " + address);
   EXPECT_THAT(page, StartsWith("<!DOCTYPE html>"));
   EXPECT_THAT(page, Not(HasSubstr("error in ")));
   EXPECT_THAT(OutputOf("curl -s --max-time 60 -o /dev/null -w '%{http_code} %{content_type}' " +
                        address + "style.css"),
               StartsWith("200 text/css"));
-  std::string run = OutputOf("ls -d '" + engine.Path("work") + "'/zeph.*");
-  pid_t process = NotedProcess(run.substr(0, run.find('\n')) + "/engine.pid");
+  pid_t process = EngineOfTheSite();
   EXPECT_TRUE(Alive(process));
-  // What a terminal does for Ctrl-C.
-  kill(-server.pid, SIGINT);
-  server.Stop(0);
+  Interrupt();
   EXPECT_FALSE(Alive(process));
-  EXPECT_EQ(OutputOf("ls '" + engine.Path("work") + "'"), "");
+  EXPECT_EQ(OutputOf("ls '" + engine.Path("run") + "'"), "");
+}
+
+bool Installed(const std::string& program) {
+  return OutputOf("command -v " + program) != "";
+}
+
+// A person's browser: types, ticks, chooses files and sends. tests/support/browser.py has the
+// steps.
+TEST_F(SlowExampleSite, ABrowserSendsFormsAndFiles) {
+  if (!Installed("chromium") || !Installed("chromedriver")) {
+    GTEST_SKIP() << "chromium or chromedriver is not installed; script/setup installs both";
+  }
+  const std::string address = Serve();
+  ASSERT_NE(address, "") << engine.Log();
+  std::string content;
+  for (int i = 0; i < 300000; i++) content += static_cast<char>(i * 31 + i / 256);
+  const std::string first = engine.Write("sent/My picture (1).bin", content);
+  const std::string second = engine.Write("sent/notes.txt", "one\r\ntwo\r\n--three");
+  const std::string shown =
+      OutputOf("HOME='" + engine.Folder("home") + "' TMPDIR='" + engine.Folder("browser") +
+               "' timeout 100 python3 '" + std::string(ZEPH_SOURCE_DIR) +
+               "/tests/support/browser.py' " + address + " '" + first + "' '" + second + "' 2>&1");
+  for (const char* line :
+       {"form|received|Ada <Lovelace> & \xC3\x9Cn\xC3\xAF+1%", "form|received|7",
+        "form|received|Oolong", "form|received|Milk,Lemon", "form|received|first line second line",
+        "form|kept|Ada <Lovelace> & \xC3\x9Cn\xC3\xAF+1%", "form|ticked|2",
+        "upload|before|Nothing yet.", "upload|about|from a <browser>",
+        "upload|received|My picture (1).bin My_picture__1_.bin application/octet-stream 300000",
+        "upload|received|notes.txt notes.txt text/plain 17",
+        "upload|shelf|My_picture__1_.bin 300000", "upload|shelf|notes.txt 17"}) {
+    EXPECT_THAT(shown, HasSubstr(std::string(line) + "\n"));
+  }
+  EXPECT_THAT(shown, HasSubstr("environment|documenturl|" + address + "environment.zpc?\n"));
+  EXPECT_THAT(shown, HasSubstr("Chrome/"));
+  // The cookie that the first page has set is the visitor's id on the last one.
+  const size_t at = shown.find("callerid|");
+  ASSERT_NE(at, std::string::npos) << shown;
+  const std::string id = shown.substr(at + 9, 32);
+  EXPECT_THAT(shown, HasSubstr("environment|HTTP_COOKIE|zixcallerid=" + id + "\n"));
+  EXPECT_EQ(OutputOf("cd '" + engine.Path("build/data/shelf") + "' && cmp My_picture__1_.bin '" +
+                     first + "' && cmp notes.txt '" + second + "' && echo same"),
+            "same\n");
 }
 
 }  // namespace
