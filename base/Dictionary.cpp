@@ -9,6 +9,7 @@
 
 #include "base/LittleEndian.h"
 #include "base/TaggedFile.h"
+#include "base/string_search.h"
 
 using namespace LittleEndian;
 
@@ -49,37 +50,19 @@ DictionaryDataBlock::DictionaryDataBlock(const DictionaryDataBlock& other)
 }
 
 int DictionaryDataBlock::Add(const char* text, int text_length) {
-  int found = Search(text, text_length);
-  if (found >= 0) return found;
+  const int found = Search(text, text_length);
+  return found >= 0 ? found : Append(text, text_length);
+}
+
+int DictionaryDataBlock::Append(const char* text, int text_length) {
   if (static_cast<long long>(length) + text_length > size) return -1;
-  memcpy(data.get() + length, text, static_cast<size_t>(text_length));
+  if (text_length > 0) memcpy(data.get() + length, text, static_cast<size_t>(text_length));
   length += text_length;
   return length - text_length;
 }
 
-// Boyer-Moore with the bad-character rule alone.
 int DictionaryDataBlock::Search(const char* text, int text_length) const {
-  if (text_length < 1) return 0;
-  if (length < text_length) return -1;
-  int skip[256];
-  std::fill_n(skip, 256, text_length);
-  for (int k = 0; k < text_length; k++)
-    skip[static_cast<unsigned char>(text[k])] = text_length - 1 - k;
-
-  int i = text_length - 1;
-  int j = text_length - 1;
-  for (;;) {
-    if (data[i] == text[j]) {
-      if (j == 0) return i;
-      i--;
-      j--;
-      continue;
-    }
-    int step = std::max(skip[static_cast<unsigned char>(data[i])], text_length - j);
-    if (step >= length - i) return -1;
-    i += step;
-    j = text_length - 1;
-  }
+  return text_length < 1 ? 0 : bm_search(text, text_length, data.get(), length);
 }
 
 // --- Dictionary ----------------------------------------------------------------------------------
@@ -125,6 +108,14 @@ void Dictionary::Error(const String& text) {
 }
 
 int Dictionary::Entry_Add(const char* text, int length) {
+  return Enter(text, length, &DictionaryDataBlock::Add);
+}
+
+int Dictionary::Entry_Append(const char* text, int length) {
+  return Enter(text, length, &DictionaryDataBlock::Append);
+}
+
+int Dictionary::Enter(const char* text, int length, BlockAdd add) {
   if (length == -1) length = text ? static_cast<int>(strlen(text)) : 0;
   if (!text || length < 0) length = 0;
   if (entry_count == capacity) {
@@ -135,12 +126,12 @@ int Dictionary::Entry_Add(const char* text, int length) {
     entries = std::move(larger);
     capacity += more;
   }
-  int offset = current ? current->Add(text, length) : -1;
+  int offset = current ? (current->*add)(text, length) : -1;
   if (offset < 0) {
     auto block = std::make_unique<DictionaryDataBlock>(BlockSize(length));
     current = block.get();
     blocks.Insert(block.release(), ListTail);
-    offset = current->Add(text, length);
+    offset = current->Append(text, length);
   }
   entries[entry_count] = {current, offset, length};
   return entry_count++;

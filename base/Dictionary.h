@@ -22,6 +22,8 @@ class DictionaryDataBlock {
   // The offset of the text in the block: where it stands already, else where it is appended; -1
   // when there is no room for it. The empty text stands at 0.
   int Add(const char* text, int length);
+  // Appends in any case; -1 when there is no room.
+  int Append(const char* text, int length);
 
   std::unique_ptr<char[]> data;
   int size;
@@ -50,6 +52,9 @@ class Dictionary {
   // Adds a text, not terminated, -1 meaning strlen, and answers its id: always a new one, though
   // the bytes may be shared.
   int Entry_Add(const char* text, int length);
+  // The same without looking for the bytes, for names that come with a request: there are many, and
+  // a dictionary that may be large would be searched for each.
+  int Entry_Append(const char* text, int length);
   // The text of an id, not terminated, good for the life of the dictionary; *length, if not null,
   // receives its bytes. Null for what is no id, and *length is left alone.
   const char* Entry(int id, int* length) const {
@@ -72,6 +77,9 @@ class Dictionary {
   void SetFlags(int flags) { flag_word = flags; }
 
  private:
+  using BlockAdd = int (DictionaryDataBlock::*)(const char* text, int length);
+  int Enter(const char* text, int length, BlockAdd add);
+
   struct TextEntry {
     DictionaryDataBlock* block;
     int offset;

@@ -232,7 +232,7 @@ int VariableHash::Insert(int name_index, const char* name, int length, Variable*
     if (!name) name = "";
   } else {
     length = NameLength(name, length);
-    if (name_index == -1) name_index = dictionary->Entry_Add(name, length);
+    if (name_index == -1) name_index = dictionary->Entry_Append(name, length);
   }
   MakeRoom();
   OwnIndex();
