@@ -7,6 +7,7 @@
 #endif
 
 #include <array>
+#include <cstring>
 
 #include "base/VariableHash.h"
 #include "base/ascii.h"
@@ -37,16 +38,25 @@ inline bool Stops(char c, bool in_name) {
 #ifdef __SSE2__
 const int kStep = 16;
 
-// Copies 16 bytes with blanks in place of "+"; answers a bit for each that stops.
-inline unsigned CopyStep(const char* from, char* to, bool in_name) {
+// Copies the bytes in front of the first one that stops, 16 at most, with blanks in place of "+".
+// What lies behind them is left alone. Answers their count.
+inline int CopyStep(const char* from, char* to, bool in_name) {
   const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
   const __m128i plus = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('+'));
   const __m128i shown = _mm_sub_epi8(bytes, _mm_and_si128(plus, _mm_set1_epi8('+' - ' ')));
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(to), shown);
   __m128i stops = _mm_or_si128(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('%')),
                                _mm_cmpeq_epi8(bytes, _mm_set1_epi8('&')));
   if (in_name) stops = _mm_or_si128(stops, _mm_cmpeq_epi8(bytes, _mm_set1_epi8('=')));
-  return static_cast<unsigned>(_mm_movemask_epi8(stops));
+  const int mask = _mm_movemask_epi8(stops);
+  if (mask == 0) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(to), shown);
+    return kStep;
+  }
+  alignas(kStep) char step[kStep];
+  _mm_store_si128(reinterpret_cast<__m128i*>(step), shown);
+  const int plain = __builtin_ctz(static_cast<unsigned>(mask));
+  memcpy(to, step, static_cast<size_t>(plain));
+  return plain;
 }
 #endif
 
@@ -72,14 +82,10 @@ const char* URLEncodedParser::TakePlain(const char* from, const char* end, Growi
   const bool in_name = state == InName;
 #ifdef __SSE2__
   while (end - from >= kStep) {
-    const unsigned stops = CopyStep(from, text->Room(kStep), in_name);
-    if (stops != 0) {
-      const int plain = __builtin_ctz(stops);
-      text->Advance(plain);
-      return from + plain;
-    }
-    text->Advance(kStep);
-    from += kStep;
+    const int plain = CopyStep(from, text->Room(kStep), in_name);
+    text->Advance(plain);
+    from += plain;
+    if (plain < kStep) return from;
   }
 #endif
   for (; from < end && !Stops(*from, in_name); from++) text->Append(*from == '+' ? ' ' : *from);

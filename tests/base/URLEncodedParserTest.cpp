@@ -110,6 +110,9 @@ TEST(URLEncodedParser, AnEscapeThatTheEndCutsOffInANameLeavesTheLengthOfTheLastN
       {"a=1&bcd%4", "a=1;b=;"},
       {"abc=1&d%4", "abc=1;dbc=;"},
       {"abc=1&%", "abc=(1,);"},
+      // However many bytes are copied at once, no byte behind the name is written over.
+      {"abcdefghijklmnop=1&x%41%42%", "abcdefghijklmnop=1;xABdefghijklmnop=;"},
+      {"abcdefghijklmnop=1&x&y%zzzzzzzzzzzzzzzzzzzz%", "abcdefghijklmnop=1;x=;y=;"},
   });
 }
 

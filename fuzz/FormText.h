@@ -1,0 +1,62 @@
+// What the form fuzzers share: bodies cut into blocks by the input itself, and tables as text.
+
+#ifndef ZEPH_FUZZ_FORMTEXT_H
+#define ZEPH_FUZZ_FORMTEXT_H
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <random>
+#include <string>
+
+#include "base/HTTPContentParser.h"
+#include "base/Variable.h"
+#include "base/VariableHash.h"
+
+inline void Require(bool condition) {
+  if (!condition) abort();
+}
+
+// A text of the variables, in the order in which they were made.
+inline std::string Contents(VariableHash& table) {
+  std::string text;
+  for (int i = 0; i < table.Entries(); i++) {
+    Variable* variable = table.Index(i, 0);
+    if (!variable) continue;
+    String& name = variable->name();
+    text.append(name.data ? name.data : "", static_cast<size_t>(name.length)) += '=';
+    String& value = variable->value();
+    text.append(value.data ? value.data : "", static_cast<size_t>(value.length));
+    text += "/" + std::to_string(variable->aggregatetype()) + ";";
+  }
+  return text;
+}
+
+// A seed that depends on all of the input.
+inline unsigned SeedOf(const uint8_t* data, size_t size) {
+  unsigned seed = static_cast<unsigned>(size);
+  for (size_t i = 0; i < size; i++) seed = seed * 31 + data[i];
+  return seed;
+}
+
+// Feeds a body in blocks of at most that many bytes, each of random length and with memory of its
+// own. Answers the error's text behind "!", and the empty text behind a success.
+inline std::string Feed(HTTPContentParser& parser, const std::string& body, size_t most,
+                        unsigned seed) {
+  std::minstd_rand random(seed);
+  for (size_t at = 0; at < body.size();) {
+    const size_t length = std::min(body.size() - at, most > 1 ? 1 + random() % most : 1);
+    const std::unique_ptr<char[]> block(new char[length]);
+    body.copy(block.get(), length, at);
+    if (!parser.Parse(block.get(), static_cast<int>(length))) {
+      return "!" + std::string(parser.error().data ? parser.error().data : "",
+                               static_cast<size_t>(parser.error().length));
+    }
+    at += length;
+  }
+  Require(parser.Finalize() || parser.error().length > 0);
+  return "";
+}
+
+#endif
