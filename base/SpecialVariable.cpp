@@ -3,6 +3,7 @@
 #include "base/SpecialVariable.h"
 
 #include <cstdio>
+#include <cstring>
 #include <iterator>
 #include <string_view>
 
@@ -12,7 +13,6 @@
 #include "base/ExternalDatabaseLibrary.h"
 #include "base/SystemLibrary.h"
 #include "base/VariableRef.h"
-#include "base/ascii.h"
 #include "base/memcmpi.h"
 #include "base/zptime.h"
 
@@ -28,26 +28,68 @@ ZPTIME Now() {
   return now;
 }
 
+// Of the language, as scripts ask for it.
+const char version_of_the_language[] = "5.29";
+
 // --- All of them ---------------------------------------------------------------------------------
 
-using Maker = Variable* (*)(const char* name, ZephApplication* application);
+// What the variables are made from.
+struct StartOfRun {
+  ZephApplication* application;
+  ZPTIME time;
+  int timeout;
+};
 
-template <typename Special>
-Variable* Make(const char* name, ZephApplication* application) {
-  return new Special(name, application);
+using Maker = Variable* (*)(const char* name, const StartOfRun& start);
+
+Variable* MakeConstant(const char* name, long value) {
+  return new ImmutableVariable(name, -1, static_cast<int>(value));
+}
+Variable* MakeConstant(const char* name, const char* value) {
+  return new ImmutableVariable(name, -1, value, -1);
+}
+template <auto field>
+Variable* MakeMoment(const char* name, const StartOfRun& start) {
+  return MakeConstant(name, start.time.*field);
+}
+Variable* MakeTimeout(const char* name, const StartOfRun& start) {
+  return MakeConstant(name, start.timeout);
+}
+Variable* MakeVersion(const char* name, const StartOfRun&) {
+  return MakeConstant(name, version_of_the_language);
 }
 template <DynamicTimeVariableType what>
-Variable* MakeTime(const char* name, ZephApplication*) {
+Variable* MakeTime(const char* name, const StartOfRun&) {
   return new DynamicTimeVariable(name, what);
 }
+template <typename Special>
+Variable* Make(const char* name, const StartOfRun& start) {
+  return new Special(name, start.application);
+}
 
-struct SpecialName {
+struct SystemName {
   std::string_view name;  // NUL-terminated
   Maker make;
 };
 
 // In the order in which they are listed.
-constexpr SpecialName special_names[] = {
+constexpr SystemName system_names[] = {
+    {"time_t", MakeMoment<&ZPTIME::seconds>},
+    {"tm_usec", MakeMoment<&ZPTIME::microseconds>},
+    {"tm_sec", MakeMoment<&ZPTIME::second>},
+    {"tm_min", MakeMoment<&ZPTIME::minute>},
+    {"tm_hour", MakeMoment<&ZPTIME::hour>},
+    {"tm_mday", MakeMoment<&ZPTIME::day>},
+    {"tm_mon", MakeMoment<&ZPTIME::month>},
+    {"stm_mon", MakeMoment<&ZPTIME::month_name>},
+    {"tm_year", MakeMoment<&ZPTIME::year>},
+    {"tm_wday", MakeMoment<&ZPTIME::weekday>},
+    {"stm_wday", MakeMoment<&ZPTIME::weekday_name>},
+    {"tm_yday", MakeMoment<&ZPTIME::yearday>},
+    {"tm_isdst", MakeMoment<&ZPTIME::dst>},
+    {"stm_zone", MakeMoment<&ZPTIME::zone_name>},
+    {"globaltimeout", MakeTimeout},
+    {"zephversion", MakeVersion},
     {"dyn_time_t", MakeTime<dyn_time_t>},
     {"dyn_tm_usec", MakeTime<dyn_tm_usec>},
     {"dyn_tm_sec", MakeTime<dyn_tm_sec>},
@@ -72,17 +114,15 @@ constexpr SpecialName special_names[] = {
     {"process_name", Make<ProcessNameVariable>},
 };
 
-class SpecialVariables : public LateVariables {
+class SystemVariables : public LateVariables {
  public:
-  explicit SpecialVariables(ZephApplication* host) : application(host) {}
+  explicit SystemVariables(const StartOfRun& run) : start(run) {}
 
-  // Every name of a request is asked for, so most are told by their beginning.
+  // Every name of a request is asked for, so most are told by their first letter or their length.
   int Number(const char* name, int length) override {
-    if (length < 10) return -1;
-    const char first = static_cast<char>(zp_tolower(static_cast<unsigned char>(*name)));
-    if (first != 'd' && first != 'z' && first != 'p') return -1;
+    if (length < 6 || !memchr("tsgzdpTSGZDP", *name, 12)) return -1;
     for (int i = 0; i < Count(); i++) {
-      const std::string_view known = special_names[i].name;
+      const std::string_view known = system_names[i].name;
       if (static_cast<int>(known.size()) == length &&
           memcmpi(known.data(), name, known.size()) == 0) {
         return i;
@@ -90,21 +130,23 @@ class SpecialVariables : public LateVariables {
     }
     return -1;
   }
-  int Count() override { return static_cast<int>(std::size(special_names)); }
-  const char* Name(int number) override { return special_names[number].name.data(); }
-  Variable* Make(int number) override {
-    return special_names[number].make(Name(number), application);
+  int Count() override { return static_cast<int>(std::size(system_names)); }
+  const char* Name(int number) override { return system_names[number].name.data(); }
+  Variable* Make(int number) override { return system_names[number].make(Name(number), start); }
+  // A task has the moment of the run that started it.
+  LateVariables* Clone(ZephApplication* owner) override {
+    return new SystemVariables({owner, start.time, start.timeout});
   }
-  LateVariables* Clone(ZephApplication* owner) override { return new SpecialVariables(owner); }
 
  private:
-  ZephApplication* application;
+  StartOfRun start;
 };
 
 }  // namespace
 
-void AddSpecialVariables(SystemVariableHash* system, ZephApplication* application) {
-  system->SetLateVariables(new SpecialVariables(application));
+void AddSystemVariables(SystemVariableHash* system, ZephApplication* application) {
+  const int timeout = application->config()->value_integer(Config_timeout_global);
+  system->SetLateVariables(new SystemVariables({application, Now(), timeout}));
 }
 
 // --- Values that are computed --------------------------------------------------------------------

@@ -9,9 +9,10 @@
 #include "base/VariableHash.h"
 #include "base/ZephApplication.h"
 
-// Gives a table of system variables all special variables, each of which is made when it is looked
-// for. The application is borrowed: it outlives the table.
-void AddSpecialVariables(SystemVariableHash* system, ZephApplication* application);
+// Gives a table the system variables that every script finds: the moment of this call, which stands
+// still, a few facts, and the special variables. Each is made when it is looked for. The
+// application is borrowed: it outlives the table.
+void AddSystemVariables(SystemVariableHash* system, ZephApplication* application);
 
 // A number or a text that is computed at each read and never kept, so that two reads may differ.
 class ComputedVariable : public ImmutableVariable {

@@ -34,7 +34,7 @@ class CountingApplication : public MachineApplication {
 
 class SpecialVariables : public testing::Test {
  protected:
-  SpecialVariables() { AddSpecialVariables(&table, &application); }
+  SpecialVariables() { AddSystemVariables(&table, &application); }
   Variable& Get(const char* name) {
     Variable* found = nullptr;
     table.Find(&found, name, -1, 0);
@@ -65,6 +65,8 @@ std::string Listing(VariableHash* table) {
 
 TEST_F(SpecialVariables, AllAreThereInTheirOrder) {
   EXPECT_EQ(Listing(&table),
+            "time_t tm_usec tm_sec tm_min tm_hour tm_mday tm_mon stm_mon tm_year tm_wday stm_wday "
+            "tm_yday tm_isdst stm_zone globaltimeout zephversion "
             "dyn_time_t dyn_tm_usec dyn_tm_sec dyn_tm_min dyn_tm_hour dyn_tm_mday dyn_tm_mon "
             "dyn_stm_mon dyn_tm_year dyn_tm_wday dyn_stm_wday dyn_tm_yday dyn_tm_isdst "
             "dyn_stm_zone dyn_time_remaining zeph_language zeph_defaultlanguage "
@@ -85,14 +87,14 @@ TEST_F(SpecialVariables, AreNotMadeUntilSomebodyLooks) {
   Variable* again = nullptr;
   EXPECT_TRUE(table.Find(&again, "zeph_language", -1, 0));
   EXPECT_EQ(again, found);
-  EXPECT_EQ(table.Entries(), 22);
+  EXPECT_EQ(table.Entries(), 38);
 }
 
 TEST_F(SpecialVariables, StandInPlaceOfWhatWentByTheirNames) {
   SystemVariableHash other(&dictionary, 12, 512);
   other.SetVariable(new Variable("process_name", -1, "mine", -1));
   other.SetVariable(new Variable("mine", -1, "mine", -1));
-  AddSpecialVariables(&other, &application);
+  AddSystemVariables(&other, &application);
   Variable* found = nullptr;
   ASSERT_TRUE(other.Find(&found, "process_name", -1, 0));
   EXPECT_EQ(Text(*found), "zeph: testing");
@@ -147,7 +149,7 @@ TEST_F(SpecialVariables, EveryWayToANameFindsThem) {
   for (const auto& way : ways) {
     SCOPED_TRACE(way.label);
     SystemVariableHash fresh(&dictionary, 12, 512);
-    AddSpecialVariables(&fresh, &application);
+    AddSystemVariables(&fresh, &application);
     EXPECT_TRUE(way.look(&fresh));
   }
 }
@@ -156,7 +158,7 @@ TEST_F(SpecialVariables, EveryWayToANameFindsThem) {
 TEST_F(SpecialVariables, ANameOfTheFileGetsItsVariable) {
   SystemVariableHash other(&dictionary, 12, 512);
   const int position = other.Insert("ZEPH_language", -1);
-  AddSpecialVariables(&other, &application);
+  AddSystemVariables(&other, &application);
   ASSERT_NE(other.Index(position, 0), nullptr);
   EXPECT_EQ(Text(*other.Index(position, 0)), "en-US");
   EXPECT_EQ(other.Seek(-1, "zeph_language", -1, nullptr), position);
@@ -169,7 +171,7 @@ TEST_F(SpecialVariables, ALevelTakesBackWhatWasSetOnIt) {
     for (bool seen_on_it : {false, true}) {
       SCOPED_TRACE(testing::Message() << seen_before << seen_on_it);
       SystemVariableHash levels(&dictionary, 12, 512);
-      AddSpecialVariables(&levels, &application);
+      AddSystemVariables(&levels, &application);
       const auto text = [&] {
         Variable* v = nullptr;
         return levels.Find(&v, "process_name", -1, 0) && v ? Text(*v) : "(none)";
@@ -192,7 +194,7 @@ TEST_F(SpecialVariables, ALevelTakesBackWhatWasSetOnIt) {
 TEST_F(SpecialVariables, AReplacedOneStaysReplaced) {
   table.SetVariable(new Variable("process_name", -1, "mine", -1));
   EXPECT_EQ(Text(Get("process_name")), "mine");
-  EXPECT_EQ(table.Entries(), 22);
+  EXPECT_EQ(table.Entries(), 38);
   Variable* second = new Variable("zeph_charset", -1, "second", -1);
   table.Insert(second);
   EXPECT_EQ(Text(Get("zeph_charset")), "utf-8") << "a second entry is reached by nobody";
@@ -263,6 +265,58 @@ TEST_F(SpecialVariables, NamesOfTheClockAreNoNumbers) {
     EXPECT_GE(v.value().length, 3);
     EXPECT_EQ(v.IsNULL(), 0);
     EXPECT_EQ(v.IsTrue(), 1);
+  }
+}
+
+// Each second of the table's time is one that the clock has shown, whenever it is asked for.
+TEST_F(SpecialVariables, TheMomentOfTheTableStandsStill) {
+  ZPTIME now;
+  zp_gettimevalues(&now);
+  SystemVariableHash fresh(&dictionary, 12, 512);
+  AddSystemVariables(&fresh, &application);
+  ZPTIME then;
+  zp_gettimevalues(&then);
+  const auto get = [&](const char* name) {
+    Variable* v = nullptr;
+    EXPECT_TRUE(fresh.Find(&v, name, -1, 0)) << name;
+    return v ? Text(*v) : "";
+  };
+  do {
+    zp_gettimevalues(&then);
+  } while (then.microseconds == now.microseconds);
+  const long second = stol(get("time_t"));
+  EXPECT_GE(second, now.seconds);
+  EXPECT_LE(second, then.seconds);
+  time_t moment = second;
+  tm local{};
+  localtime_r(&moment, &local);
+  char text[64];
+  strftime(text, sizeof text, "%b %a %Z", &local);
+  EXPECT_EQ(get("stm_mon") + " " + get("stm_wday") + " " + get("stm_zone"), text);
+  EXPECT_EQ(get("tm_sec"), std::to_string(local.tm_sec));
+  EXPECT_EQ(get("tm_min"), std::to_string(local.tm_min));
+  EXPECT_EQ(get("tm_hour"), std::to_string(local.tm_hour));
+  EXPECT_EQ(get("tm_mday"), std::to_string(local.tm_mday));
+  EXPECT_EQ(get("tm_mon"), std::to_string(local.tm_mon + 1));
+  EXPECT_EQ(get("tm_year"), std::to_string(local.tm_year + 1900));
+  EXPECT_EQ(get("tm_wday"), std::to_string(local.tm_wday + 1));
+  EXPECT_EQ(get("tm_yday"), std::to_string(local.tm_yday + 1));
+  EXPECT_EQ(get("tm_isdst"), std::to_string(local.tm_isdst));
+  const std::string microseconds = get("tm_usec");
+  do {
+    zp_gettimevalues(&now);
+  } while (now.microseconds == then.microseconds);
+  EXPECT_EQ(get("tm_usec"), microseconds);
+  EXPECT_EQ(get("globaltimeout"), "90");
+  EXPECT_EQ(get("zephversion"), "5.29");
+  // Also in a task that begins later, whether or not the run has asked for it.
+  CountingApplication task;
+  Dictionary names(dictionary);
+  ClonedVariableHash copy(&task, &names, fresh);
+  for (const char* name : {"time_t", "tm_usec"}) {
+    Variable* v = nullptr;
+    ASSERT_TRUE(copy.Find(&v, name, -1, 0));
+    EXPECT_EQ(Text(*v), get(name));
   }
 }
 
@@ -600,7 +654,7 @@ TEST_F(SpecialVariables, SettingsCannotBeWrittenByScripts) {
       "pushs zeph_config\npushc \"timeout_global\"\nmemb_readonly\nout\npushc \"|\"\nout\n"
       "pushs zeph_config\npushc \"nothing\"\nmemb_readonly\nout\npushc \"|\"\nout\n"
       "pushnc \"zeph_config:dir_user\"\nout");
-  AddSpecialVariables(&machine.system, &machine.application);
+  AddSystemVariables(&machine.system, &machine.application);
   EXPECT_EQ(machine.Go(), 1);
   EXPECT_EQ(machine.Output(), "90||public_zix");
 }
@@ -715,7 +769,7 @@ TEST_F(SpecialVariableLibraries, ScriptsLookThemUpByPath) {
       "pushnc \"zeph_config:systemlib_lookup:there\"\nout\n"
       "pushnc \"zeph_config:systemlib_lookup:missing\"\nout\n"
       "pushnc \"zeph_config:systemlib_list[1]\"\nout");
-  AddSpecialVariables(&machine.system, &machine.application);
+  AddSystemVariables(&machine.system, &machine.application);
   EXPECT_EQ(machine.Go(), 1);
   EXPECT_EQ(machine.Output(), "10there");
 }
@@ -727,7 +781,7 @@ TEST(SpecialVariableScript, ALanguageThatIsAssignedCountsForTheNextText) {
       "localize hi\npushc \"de\"\npops zeph_language\nlocalize hi\npushs zeph_language\nout\n"
       "pushc \"d\"\npushc \"e\"\ncat\npushs zeph_language\ncmp\nout\n"
       "pushc \"en-US\"\npopnc zeph_language\nlocalize hi");
-  AddSpecialVariables(&machine.system, &machine.application);
+  AddSystemVariables(&machine.system, &machine.application);
   EXPECT_EQ(machine.Go(), 1);
   EXPECT_EQ(machine.Output(), "Hi Hallo de0Hi ");
 }

@@ -31,20 +31,15 @@
 #include "base/SystemLibrary.h"
 #include "base/TaggedFile.h"
 #include "base/UFCrypt.h"
-#include "base/Variable.h"
 #include "base/VariableHash.h"
 #include "base/ZephVM.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
-#include "base/zptime.h"
 
 namespace {
 
 // What a session id is the digest of: a host name, four numbers, and random bytes for the rest.
 const int kSessionSeed = 323;
 const int kSessionHostName = 255;
-
-// Of the language, as scripts ask for it.
-const char kVersion[] = "5.29";
 
 void AppendBigEndian(unsigned char** p, unsigned value) {
   for (int shift = 24; shift >= 0; shift -= 8) *(*p)++ = static_cast<unsigned char>(value >> shift);
@@ -369,30 +364,5 @@ void UNIXApplication::DeleteMachine() {
 }
 
 void UNIXApplication::AddSystemVariables(ScriptTables* tables) {
-  SystemVariableHash* table = tables->system_variables;
-  const auto number = [table](const char* name, long value) {
-    table->SetVariable(new ImmutableVariable(name, -1, static_cast<int>(value)));
-  };
-  const auto text = [table](const char* name, const char* value) {
-    table->SetVariable(new ImmutableVariable(name, -1, value, -1));
-  };
-  ZPTIME now;
-  zp_gettimevalues(&now);
-  number("time_t", now.seconds);
-  number("tm_usec", now.microseconds);
-  number("tm_sec", now.second);
-  number("tm_min", now.minute);
-  number("tm_hour", now.hour);
-  number("tm_mday", now.day);
-  number("tm_mon", now.month);
-  text("stm_mon", now.month_name);
-  number("tm_year", now.year);
-  number("tm_wday", now.weekday);
-  text("stm_wday", now.weekday_name);
-  number("tm_yday", now.yearday);
-  number("tm_isdst", now.dst);
-  text("stm_zone", now.zone_name);
-  number("globaltimeout", configuration->value_integer(Config_timeout_global));
-  text("zephversion", kVersion);
-  AddSpecialVariables(table, this);
+  ::AddSystemVariables(tables->system_variables, this);
 }
