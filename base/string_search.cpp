@@ -2,8 +2,8 @@
 
 #include "base/string_search.h"
 
-#ifdef __SSE2__
-#include <emmintrin.h>
+#ifdef __x86_64__
+#include <immintrin.h>
 #endif
 
 #include <algorithm>
@@ -110,7 +110,25 @@ int Memmem(const char* pattern, int m, const char* text, int n) {
   return found ? static_cast<int>(found - text) : -1;
 }
 
-#ifdef __SSE2__
+#ifdef __x86_64__
+// What a search still may spend on comparing candidates before it counts as one that repeats
+// itself.
+int64_t ComparisonBudget(int n) {
+  return 4 * static_cast<int64_t>(n);
+}
+
+// The least place of a candidate, t + i for a bit i of the mask, where the pattern stands; else -1.
+// Each comparison is taken from the budget.
+inline int FirstMatch(uint64_t candidates, const char* pattern, int m, const char* text, int t,
+                      int64_t* budget) {
+  for (; candidates != 0; candidates &= candidates - 1) {
+    const int place = t + std::countr_zero(candidates);
+    if (memcmp(text + place + 1, pattern + 1, static_cast<size_t>(m - 2)) == 0) return place;
+    *budget -= m;
+  }
+  return -1;
+}
+
 // Bit i is set where bytes i of both sixteens equal first and last.
 unsigned Candidates(const char* at_first, const char* at_last, __m128i first, __m128i last) {
   const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at_first));
@@ -119,23 +137,60 @@ unsigned Candidates(const char* at_first, const char* at_last, __m128i first, __
       _mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi8(a, first), _mm_cmpeq_epi8(b, last))));
 }
 
-// Sixteen places a step: only where the first and the last byte of the pattern both stand is the
-// rest compared, which in texts is seldom. A text that keeps these comparisons busy, and what is
-// left at the end, go to memmem, whose time is linear.
+// These look at sixteen places a step, or at sixty-four with the wider registers that most
+// processors have: only where the first and the last byte of the pattern both stand is the rest
+// compared, which in texts is seldom. The last step goes back as far as it has to, so that it ends
+// with the text. They start at *t and answer the place, or -1 with *t behind the places that they
+// have looked at: too few for a step, all of them, or fewer if the text keeps the comparisons busy.
+int SearchBySixteen(const char* pattern, int m, const char* text, int n, int* t, int64_t* budget) {
+  const __m128i first = _mm_set1_epi8(pattern[0]);
+  const __m128i last = _mm_set1_epi8(pattern[m - 1]);
+  const int last_step = n - m - 15;
+  for (int at = *t; last_step >= 0 && *budget >= 0; at = std::min(at + 16, last_step)) {
+    const unsigned found = Candidates(text + at, text + at + m - 1, first, last);
+    const int place = FirstMatch(found, pattern, m, text, at, budget);
+    if (place >= 0) return place;
+    *t = at + 16;
+    if (at == last_step) break;
+  }
+  return -1;
+}
+
+__attribute__((target("avx2"))) int SearchBySixtyFour(const char* pattern, int m, const char* text,
+                                                      int n, int* t, int64_t* budget) {
+  const __m256i first = _mm256_set1_epi8(pattern[0]);
+  const __m256i last = _mm256_set1_epi8(pattern[m - 1]);
+  const int last_step = n - m - 63;
+  for (int at = *t; last_step >= 0 && *budget >= 0; at = std::min(at + 64, last_step)) {
+    const auto low = reinterpret_cast<const __m256i*>(text + at);
+    const auto low_end = reinterpret_cast<const __m256i*>(text + at + m - 1);
+    const __m256i a = _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_loadu_si256(low), first),
+                                       _mm256_cmpeq_epi8(_mm256_loadu_si256(low_end), last));
+    const __m256i b = _mm256_and_si256(_mm256_cmpeq_epi8(_mm256_loadu_si256(low + 1), first),
+                                       _mm256_cmpeq_epi8(_mm256_loadu_si256(low_end + 1), last));
+    const __m256i either = _mm256_or_si256(a, b);
+    if (!_mm256_testz_si256(either, either)) {
+      const uint64_t found = static_cast<uint32_t>(_mm256_movemask_epi8(a)) |
+                             uint64_t{static_cast<uint32_t>(_mm256_movemask_epi8(b))} << 32;
+      const int place = FirstMatch(found, pattern, m, text, at, budget);
+      if (place >= 0) return place;
+    }
+    *t = at + 64;
+    if (at == last_step) break;
+  }
+  return -1;
+}
+
+// What the vector searches leave over goes to memmem, whose time is linear.
 int ExactSearch(const char* pattern, int m, const char* text, int n) {
+  static const bool wide = __builtin_cpu_supports("avx2");
   int t = 0;
   if (m >= 2) {
-    const __m128i first = _mm_set1_epi8(pattern[0]);
-    const __m128i last = _mm_set1_epi8(pattern[m - 1]);
-    int64_t budget = 4 * static_cast<int64_t>(n);
-    for (; budget >= 0 && n - t >= m + 15; t += 16) {
-      unsigned candidates = Candidates(text + t, text + t + m - 1, first, last);
-      for (; candidates != 0; candidates &= candidates - 1) {
-        const int place = t + std::countr_zero(candidates);
-        if (memcmp(text + place + 1, pattern + 1, static_cast<size_t>(m - 2)) == 0) return place;
-        budget -= m;
-      }
-    }
+    int64_t budget = ComparisonBudget(n);
+    int place = wide ? SearchBySixtyFour(pattern, m, text, n, &t, &budget) : -1;
+    if (place < 0 && t == 0) place = SearchBySixteen(pattern, m, text, n, &t, &budget);
+    if (place >= 0) return place;
+    if (t > n - m) return -1;
   }
   const int found = Memmem(pattern, m, text + t, n - t);
   return found < 0 ? -1 : t + found;
