@@ -6,6 +6,7 @@
 #define ZEPH_BASE_AGGREGATE_H
 
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 #include "base/BaseTemplates.h"
@@ -137,6 +138,38 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   bool IsRow() const { return dense.count() > 0; }
   // Of a row, the variable at a position of 0 or more, or null; a search.
   Variable* SearchRow(int position) { return dense.Find(position); }
+  // Of a row, the number that the element is stored as, or its plain variable's; false, and no
+  // search, for all else.
+  bool ReadNumber(int position, double* number) {
+    const DenseSlot* slot = dense.SlotAt(position);
+    if (!slot || !NumberIn(*slot, number)) return false;
+    dense.Search(position);
+    return true;
+  }
+  // Of a row, stores a number in the element, or in a new one behind the last. False, and nothing
+  // done, where that takes more.
+  template <typename Number>
+  bool WriteNumber(int position, Number number) {
+    if (!DenseSlot::Takes(number)) return false;
+    DenseSlot* slot = dense.SlotAt(position);
+    if (!slot) {
+      if (position != dense.last() + 1) return false;
+      dense.Search(position);
+      dense.Append(position, DenseSlot(number));
+      entries = dense.count();
+      return true;
+    }
+    if (slot->IsVariable() && !slot->variable()->IsPlain()) return false;
+    dense.Search(position);
+    if (!slot->IsVariable()) {
+      *slot = DenseSlot(number);
+    } else if constexpr (std::is_same_v<Number, int>) {
+      slot->variable()->Write_Integer(number);
+    } else {
+      slot->variable()->Write_Double(number);
+    }
+    return true;
+  }
   // The element of that name, which is only looked at; a search. Scripts mostly ask for the member
   // that they asked for last, which is the root.
   AggregateElement* FindMember(const char* name, int length) {
@@ -198,6 +231,19 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
  private:
   friend class Variable;
 
+  static bool NumberIn(const DenseSlot& slot, double* number) {
+    if (slot.IsVariable()) {
+      const unsigned forms = slot.variable()->plain_forms();
+      if (forms & Variable::DoubleForm) {
+        *number = slot.variable()->plain_double();
+        return true;
+      }
+      *number = slot.variable()->plain_integer();
+      return forms == Variable::IntegerForm;
+    }
+    *number = slot.IsInteger() ? slot.integer() : slot.number();
+    return true;
+  }
   bool IsEmpty() const { return Entries() == 0; }
   bool TakesDense(const AggregateIndex& index) const {
     return !root && index.position >= 0 && dense.Takes(index.position);
@@ -211,5 +257,16 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   DenseElements dense;                           // with elements in it, root is null
   AggregateElementTree* next_deleted = nullptr;  // the chain of trees that wait for their deletion
 };
+
+inline bool Variable::ReadElement(int position, double* number) {
+  return IsPlain() && aggregate == AggregateArray && elements->IsRow() &&
+         elements->ReadNumber(position, number);
+}
+
+template <typename Number>
+inline bool Variable::WriteElement(int position, Number number) {
+  return IsPlain() && aggregate == AggregateArray && elements->IsRow() &&
+         elements->WriteNumber(position, number);
+}
 
 #endif

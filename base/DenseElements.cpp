@@ -189,7 +189,7 @@ void DenseElements::PlayNotes() {
 // A stack of a script, pushed and popped, stays a falling chain.
 Variable* DenseElements::RemoveLast() {
   Touch(count_);
-  Variable* removed = slots[count_ - 1];
+  Variable* removed = VariableOf(&slots[count_ - 1]);
   int root = count_ - 1;
   if (!IsChain() || !falling) {
     SplayShape& shape = UpToDate()->shape;
@@ -231,7 +231,7 @@ void DenseElements::OrderForCopy(std::vector<int>* ranks) {
 void DenseElements::BecomeCopyOf(DenseElements* source) {
   capacity = count_ = source->count_;
   base = source->base;
-  slots = new Variable*[static_cast<size_t>(capacity)]();
+  slots = new DenseSlot[static_cast<size_t>(capacity)]();
   chain_count = count_;
   if (count_ <= 99) {
     BecomeChain(true);
@@ -254,26 +254,42 @@ void DenseElements::Grow() {
   const int larger = capacity == 0          ? 8
                      : capacity < (1 << 16) ? capacity * 2
                                             : capacity + capacity / 2;
-  auto* moved = new Variable*[static_cast<size_t>(larger)];
-  if (count_ > 0) memcpy(moved, slots, sizeof(Variable*) * static_cast<size_t>(count_));
+  auto* moved = new DenseSlot[static_cast<size_t>(larger)];
+  if (count_ > 0) memcpy(moved, slots, sizeof(DenseSlot) * static_cast<size_t>(count_));
   delete[] slots;
   slots = moved;
   capacity = larger;
 }
 
 std::unique_ptr<Variable* []> DenseElements::TakeVariables() {
-  std::unique_ptr<Variable*[]> taken(std::exchange(slots, nullptr));
+  std::unique_ptr<Variable*[]> taken(new Variable*[static_cast<size_t>(count_)]);
+  for (int i = 0; i < count_; i++) taken[static_cast<size_t>(i)] = VariableOf(&slots[i]);
+  count_ = 0;
+  Drop();
+  return taken;
+}
+
+// Variables that are released may ask for elements of the array, which is empty by then.
+void DenseElements::Drop() {
+  const int releases = count_;
+  const std::unique_ptr<DenseSlot[]> dropped(std::exchange(slots, nullptr));
   count_ = capacity = chain_count = 0;
   history.reset();
   falling = true;
   StandAt(0);
-  return taken;
+  for (int i = 0; i < releases; i++) {
+    const DenseSlot& slot = dropped[static_cast<size_t>(i)];
+    if (slot.IsVariable() && slot.variable()) slot.variable()->Release();
+  }
 }
 
-void DenseElements::Drop() {
-  const int releases = count_;
-  const std::unique_ptr<Variable*[]> variables = TakeVariables();
-  for (int i = 0; i < releases; i++) {
-    if (variables[i]) variables[i]->Release();
+Variable* DenseElements::MakeVariable(DenseSlot* slot) {
+  auto* made = new Variable();
+  if (slot->IsInteger()) {
+    made->Write_Integer(slot->integer());
+  } else {
+    made->Write_Double(slot->number());
   }
+  *slot = DenseSlot(made);
+  return made;
 }

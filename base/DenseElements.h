@@ -19,14 +19,45 @@
 //     void.
 //   - When there are too many notes, they are played through on a shape made of numbers, which is
 //     quicker than a tree of nodes, and kept as such.
+//
+// A variable is large, and an array of numbers mostly is read and written by position alone. So an
+// element that was stored as a number has no variable until somebody asks for it.
 
 #ifndef ZEPH_BASE_DENSEELEMENTS_H
 #define ZEPH_BASE_DENSEELEMENTS_H
 
+#include <bit>
+#include <cmath>
+#include <cstdint>
 #include <memory>
 #include <vector>
 
 class Variable;
+
+// What a row has for an element: a variable, or the number alone that would be its value. A word of
+// 64 bits tells them apart: addresses are small numbers, the bits of a double that is no NaN get an
+// offset beyond all of these, and an integer stands in the lower half, below the largest tag.
+class DenseSlot {
+ public:
+  DenseSlot() = default;
+  explicit DenseSlot(Variable* variable) : word(reinterpret_cast<uintptr_t>(variable)) {}
+  explicit DenseSlot(int number) : word(IntegerTag | static_cast<uint32_t>(number)) {}
+  explicit DenseSlot(double number) : word(std::bit_cast<uint64_t>(number) + DoubleOffset) {}
+  // Whether a slot can have that number.
+  static bool Takes(int) { return true; }
+  static bool Takes(double number) { return !std::isnan(number); }
+
+  bool IsVariable() const { return word < DoubleOffset; }
+  bool IsInteger() const { return word >= IntegerTag; }
+  Variable* variable() const { return reinterpret_cast<Variable*>(word); }
+  int integer() const { return static_cast<int>(static_cast<uint32_t>(word)); }
+  double number() const { return std::bit_cast<double>(word - DoubleOffset); }
+
+ private:
+  static constexpr uint64_t DoubleOffset = uint64_t{1} << 49;
+  static constexpr uint64_t IntegerTag = uint64_t{0xFFFE} << 48;
+  uint64_t word = 0;
+};
 
 // The shape of a splay tree of the ranks 1, 2, 3 ...: a rank of 0 stands for no node.
 class SplayShape {
@@ -59,7 +90,7 @@ class SplayShape {
 };
 
 // The row. Holds one count on each of its variables, none of which is null. Belongs to the thread
-// of its array.
+// of its array. Whoever is given a variable finds the same one there from then on.
 class DenseElements {
  public:
   DenseElements() = default;
@@ -76,17 +107,24 @@ class DenseElements {
     const unsigned slot = static_cast<unsigned>(position) - static_cast<unsigned>(base);
     if (slot < static_cast<unsigned>(count_)) {
       Touch(static_cast<int>(slot) + 1);
-      return slots[slot];
+      return VariableOf(&slots[slot]);
     }
-    // The way to a position beyond an end is the way to that end, and the last step comes to the
-    // same whether it links the end or turns it up.
-    if (count_ > 0) Touch(position < base ? 1 : count_);
+    Search(position);
     return nullptr;
   }
   // The variable at one of the positions, without a search.
-  Variable* Peek(int position) const { return slots[position - base]; }
-  // What a search does to the shape, without its answer.
-  void Search(int position) { (void)Find(position); }
+  Variable* Peek(int position) { return VariableOf(&slots[position - base]); }
+  // What a search does to the shape, without its answer. The way to a position beyond an end is the
+  // way to that end, and the last step comes to the same whether it links the end or turns it up.
+  void Search(int position) {
+    if (count_ == 0) return;
+    Touch(position < base ? 1 : position > last() ? count_ : position - base + 1);
+  }
+  // What stands at a position of 0 or more, or null; no search.
+  DenseSlot* SlotAt(int position) {
+    const unsigned slot = static_cast<unsigned>(position) - static_cast<unsigned>(base);
+    return slot < static_cast<unsigned>(count_) ? &slots[slot] : nullptr;
+  }
 
   // Whether an element of that position can be added: the next one, or a first one at 0 or 1.
   bool Takes(int position) const {
@@ -94,10 +132,11 @@ class DenseElements {
   }
   // Adds an element that Takes() the position, and adopts a count on the variable. The search for
   // the position before it is part of it.
-  void Append(int position, Variable* variable) {
+  void Append(int position, Variable* variable) { Append(position, DenseSlot(variable)); }
+  void Append(int position, DenseSlot element) {
     if (count_ == capacity) Grow();
     if (count_ == 0) base = position;
-    slots[count_] = variable;
+    slots[count_] = element;
     NoteAppend();
     ++count_;
     if (!history) chain_count = count_;
@@ -106,8 +145,8 @@ class DenseElements {
   // Puts another variable, whose count it adopts, at one of the positions, and hands the old one
   // over with its count.
   Variable* Replace(int position, Variable* variable) {
-    Variable* old = slots[position - base];
-    slots[position - base] = variable;
+    Variable* old = Peek(position);
+    slots[position - base] = DenseSlot(variable);
     return old;
   }
   // Removes the last element and hands its variable over with its count. The search is part of it.
@@ -144,6 +183,11 @@ class DenseElements {
     bool shaped = false;  // the shape counts, else the chain
   };
 
+  static Variable* VariableOf(DenseSlot* slot) {
+    return slot->IsVariable() ? slot->variable() : MakeVariable(slot);
+  }
+  static Variable* MakeVariable(DenseSlot* slot);
+
   // The rank is in the row.
   void Touch(int rank) {
     if (rank == top) return;
@@ -177,7 +221,7 @@ class DenseElements {
   History* UpToDate();
   void Grow();
 
-  Variable** slots = nullptr;
+  DenseSlot* slots = nullptr;
   int count_ = 0;
   int base = 1;            // position of the first element
   int top = 0;             // rank at the root

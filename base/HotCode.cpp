@@ -9,7 +9,7 @@ namespace {
 
 // The most instructions that one idiom has: as many records end the list, so that looking ahead
 // needs no test.
-const int kLongestIdiom = 4;
+const int kLongestIdiom = 5;
 
 HotAction SingleAction(Instruction::Code code) {
   using namespace Instruction;
@@ -56,6 +56,9 @@ HotAction SingleAction(Instruction::Code code) {
     case code_memb_readonly: return HotAction::MemberReadOnly;
     case code_call: return HotAction::Call;
     case code_ret: return HotAction::Return;
+#define HANDLER(name) case code_##name:
+      ZEPH_HOT_HANDLERS return HotAction::Handler;
+#undef HANDLER
     default: return HotAction::Leave;
   }
 }
@@ -103,9 +106,11 @@ void HotCode::Decode(const unsigned char* code, int length, const Dictionary& di
       op.second = LittleEndian::GetInt32(operands + first_size);
     }
     const Instruction::Code number = Instruction::CodeOf(word);
+    op.code = static_cast<unsigned short>(number);
     op.single = SingleAction(number);
     op.local = number == Instruction::code_pushl || number == Instruction::code_popl;
     if (op.single == HotAction::PushInteger) op.number = op.first;
+    if (op.single == HotAction::PushDouble) op.first = DoubleToInteger(op.number);
     if (op.single == HotAction::PushText) {
       op.text = dictionary.Entry(op.first, &op.length);
       if (!op.text) op.single = HotAction::Leave;
@@ -125,8 +130,12 @@ void HotCode::FindTargets(int length) {
     HotOp& op = ops[i];
     if (!IsJump(op.single)) continue;
     const int goal = WrapAdd(ops[i + 1].start, op.first);
-    if (goal >= 0 && goal <= length) op.target = records[static_cast<size_t>(goal)];
-    if (op.target < 0) op.single = HotAction::Leave;
+    const int record = goal < 0 || goal > length ? -1 : records[static_cast<size_t>(goal)];
+    if (record < 0) {
+      op.single = HotAction::Leave;
+    } else {
+      op.target = &ops[static_cast<size_t>(record)];
+    }
   }
 }
 
@@ -141,16 +150,16 @@ HotAction HotCode::Idiom(size_t i) const {
   if (IsArithmetic(action) && next == HotAction::PopVariable) {
     return Shifted(action, HotAction::Add, HotAction::AddPop);
   }
+  if (action == HotAction::Dup) return Update(i);
   if (IsConstant(action) && IsArithmetic(next)) {
     return Shifted(next, HotAction::Add, HotAction::AddConstant);
   }
+  if (IsConstant(action) && next == HotAction::Mod) return HotAction::ModConstant;
   if (action != HotAction::PushVariable) return action;
   if (IsConstant(next)) return IdiomOfVariableAndConstant(i);
   if (IsArithmetic(next)) return Shifted(next, HotAction::Add, HotAction::AddVariable);
-  if (next == HotAction::PushVariable) {
-    if (Is(i + 2, HotAction::Element)) return HotAction::ElementOfVariable;
-    if (Is(i + 2, HotAction::ElementReadOnly)) return HotAction::ElementReadOnlyOfVariable;
-  } else if (next == HotAction::PushText) {
+  if (next == HotAction::PushVariable) return IdiomOfVariables(i);
+  if (next == HotAction::PushText) {
     if (Is(i + 2, HotAction::Member)) return HotAction::MemberOfVariable;
     if (Is(i + 2, HotAction::MemberReadOnly)) return HotAction::MemberReadOnlyOfVariable;
   }
@@ -171,4 +180,31 @@ HotAction HotCode::IdiomOfVariableAndConstant(size_t i) const {
     return Shifted(operation, HotAction::Equal, HotAction::EqualVariableConstantJump);
   }
   return HotAction::PushVariable;
+}
+
+HotAction HotCode::IdiomOfVariables(size_t i) const {
+  const HotAction next = ops[i + 3].single;
+  if (Is(i + 2, HotAction::Element)) {
+    return next == HotAction::Store ? HotAction::ElementOfVariableStore
+                                    : HotAction::ElementOfVariable;
+  }
+  if (Is(i + 2, HotAction::ElementReadOnly)) {
+    return IsArithmetic(next) ? Shifted(next, HotAction::Add, HotAction::AddElement)
+                              : HotAction::ElementReadOnlyOfVariable;
+  }
+  return HotAction::PushVariable;
+}
+
+// The variable is on top: "dup", another operand, an operation, "swap", "store".
+HotAction HotCode::Update(size_t i) const {
+  const HotAction operation = ops[i + 2].single;
+  if (!IsArithmetic(operation) || !Is(i + 3, HotAction::Swap) || !Is(i + 4, HotAction::Store)) {
+    return HotAction::Dup;
+  }
+  if (IsConstant(ops[i + 1].single)) {
+    return Shifted(operation, HotAction::Add, HotAction::UpdateAddConstant);
+  }
+  return Is(i + 1, HotAction::PushVariable)
+             ? Shifted(operation, HotAction::Add, HotAction::UpdateAddVariable)
+             : HotAction::Dup;
 }

@@ -19,19 +19,24 @@ class Dictionary;
 // by whoever lists them.
 //
 //   Leave                         nothing: it is left to the machine's loop
+//   Handler                       one instruction, by the machine's own handler
 //   Push..., Pop, ..., Return     one instruction
 //   ...VariableConstant           a variable, a constant, and an operation on the two
 //   ...VariableConstantJump       the same, with a jump on the outcome
 //   ...Constant, ...Variable      a constant or a variable, and an operation on the top and it
+//   ...Element                    an element of an array, and an operation on the top and it
 //   ...Pop                        an operation, and its outcome stored in a variable
+//   Update...Constant/Variable    an operation on the variable on top and something else, and its
+//                                 outcome stored in the variable
 //   Compare...Jump, ModGlobalsJump  a comparison or a division of globals, and a jump on it
 //   Element...OfVariable          an array and a position, both variables, and the element
+//   ElementOfVariableStore        the same, with the value on the stack stored in the element
 //   Member...OfVariable           a structure in a variable, a constant name, and the member
 //
 // Operations on doubles, and comparisons, stand in the same order wherever they do.
 // clang-format off
 #define ZEPH_HOT_ACTIONS                                                                             \
-  ACTION(Leave)                                                                                      \
+  ACTION(Leave) ACTION(Handler)                                                                      \
   ACTION(PushInteger) ACTION(PushDouble) ACTION(PushText) ACTION(PushVariable) ACTION(PopVariable)   \
   ACTION(Pop) ACTION(Dup) ACTION(Swap) ACTION(Store) ACTION(Concatenate)                             \
   ACTION(Add) ACTION(Sub) ACTION(Mul) ACTION(Div) ACTION(Mod)                                        \
@@ -44,17 +49,30 @@ class Dictionary;
   ACTION(Call) ACTION(Return)                                                                        \
   ACTION(AddVariableConstant) ACTION(SubVariableConstant)                                            \
   ACTION(MulVariableConstant) ACTION(DivVariableConstant)                                            \
-  ACTION(ModVariableConstant) ACTION(ModVariableConstantJump)                                        \
+  ACTION(ModVariableConstant) ACTION(ModVariableConstantJump) ACTION(ModConstant)                    \
   ACTION(EqualVariableConstantJump) ACTION(NotEqualVariableConstantJump)                             \
   ACTION(LessVariableConstantJump) ACTION(LessEqualVariableConstantJump)                             \
   ACTION(GreaterVariableConstantJump) ACTION(GreaterEqualVariableConstantJump)                       \
   ACTION(AddConstant) ACTION(SubConstant) ACTION(MulConstant) ACTION(DivConstant)                    \
   ACTION(AddVariable) ACTION(SubVariable) ACTION(MulVariable) ACTION(DivVariable)                    \
+  ACTION(AddElement) ACTION(SubElement) ACTION(MulElement) ACTION(DivElement)                        \
   ACTION(AddPop) ACTION(SubPop) ACTION(MulPop) ACTION(DivPop)                                        \
+  ACTION(UpdateAddConstant) ACTION(UpdateSubConstant)                                                \
+  ACTION(UpdateMulConstant) ACTION(UpdateDivConstant)                                                \
+  ACTION(UpdateAddVariable) ACTION(UpdateSubVariable)                                                \
+  ACTION(UpdateMulVariable) ACTION(UpdateDivVariable)                                                \
   ACTION(CompareConstantJump) ACTION(CompareGlobalsJump) ACTION(ModGlobalsJump)                      \
-  ACTION(ElementOfVariable) ACTION(ElementReadOnlyOfVariable)                                        \
+  ACTION(ElementOfVariable) ACTION(ElementReadOnlyOfVariable) ACTION(ElementOfVariableStore)         \
   ACTION(MemberOfVariable) ACTION(MemberReadOnlyOfVariable)
 // clang-format on
+
+// Instructions that the hot loop runs by the machine's handler of that name: those that are
+// frequent, too long to stand in line, and change nothing of the machine but its stack and its
+// flags.
+#define ZEPH_HOT_HANDLERS                                                                    \
+  HANDLER(out)                                                                               \
+  HANDLER(out_comp) HANDLER(rounds) HANDLER(roundf) HANDLER(isnull) HANDLER(in) HANDLER(cin) \
+      HANDLER(ein) HANDLER(ecin)
 
 enum class HotAction : unsigned char {
 #define ACTION(name) name,
@@ -67,13 +85,16 @@ struct HotOp {
   HotAction action = HotAction::Leave;
   HotAction single = HotAction::Leave;  // the action for this instruction alone
   bool local = false;                   // whether a variable's position is one of the locals
+  unsigned short code = 0;              // the instruction's number, see base/Instructions.h
   int start = 0;                        // offset of the instruction in the segment
-  int first = 0;                        // its integer operands
+  int first = 0;                        // its integer operands; a constant as an integer
   int second = 0;
-  int target = -1;      // of a jump: the record that it leads to
-  int length = 0;       // of a text
-  double number = 0.0;  // its double operand; a constant integer stands here, too
-  const char* text = nullptr;
+  int length = 0;  // of a text
+  union {
+    double number = 0.0;  // a constant as a double
+    const char* text;
+    const HotOp* target;  // of a jump
+  };
 };
 
 class HotCode {
@@ -88,13 +109,14 @@ class HotCode {
     const int record = records[static_cast<size_t>(offset)];
     return record < 0 ? nullptr : &ops[static_cast<size_t>(record)];
   }
-  const HotOp* Target(const HotOp* jump) const { return &ops[static_cast<size_t>(jump->target)]; }
 
  private:
   void Decode(const unsigned char* code, int length, const Dictionary& dictionary);
   void FindTargets(int length);
   HotAction Idiom(size_t i) const;
   HotAction IdiomOfVariableAndConstant(size_t i) const;
+  HotAction IdiomOfVariables(size_t i) const;
+  HotAction Update(size_t i) const;
   bool Is(size_t i, HotAction action) const { return ops[i].single == action; }
 
   std::vector<HotOp> ops;    // the last ones, behind the code, leave

@@ -5,6 +5,7 @@
 #include "base/Variable.h"
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <climits>
 #include <cstring>
@@ -19,6 +20,8 @@
 #include "base/VariableWalk.h"
 #include "base/ZephApplication.h"
 
+static_assert(std::endian::native == std::endian::little, "valid_forms is the low byte of state");
+
 // --- Construction and deletion -------------------------------------------------------------------
 
 Variable::Variable() = default;
@@ -28,14 +31,16 @@ Variable::Variable(const char* name, int length) : name_(name, length) {}
 Variable::Variable(const char* name, int length, const char* value, int valuelength)
     : name_(name, length),
       string_value(value, valuelength),
-      valid_forms(TextForm),
+      state(Unproved | TextForm),
       primary(PrimaryText) {}
 
 Variable::Variable(const String& name, const String& value)
-    : name_(name), string_value(value), valid_forms(TextForm), primary(PrimaryText) {}
+    : name_(name), string_value(value), state(Unproved | TextForm), primary(PrimaryText) {}
 
 Variable::Variable(const char* name, int length, char* buffer, int valuelength, int allocated)
-    : string_value(buffer, valuelength, allocated), valid_forms(TextForm), primary(PrimaryText) {
+    : string_value(buffer, valuelength, allocated),
+      state(Unproved | TextForm),
+      primary(PrimaryText) {
   name_.assign(name, length);
 }
 
@@ -43,14 +48,14 @@ Variable::Variable(const char* name, int length, int value)
     : name_(name, length),
       integer_value(value),
       double_value(value),
-      valid_forms(IntegerForm),
+      state(Unproved | IntegerForm),
       primary(PrimaryInteger) {}
 
 Variable::Variable(const char* name, int length, double value)
     : name_(name, length),
       integer_value(DoubleToInteger(value)),
       double_value(value),
-      valid_forms(IntegerForm | DoubleForm),
+      state(Unproved | IntegerForm | DoubleForm),
       primary(PrimaryDouble) {}
 
 Variable::Variable(const Variable& source) {
@@ -62,8 +67,14 @@ Variable::Variable(const Variable& source) {
 Variable::~Variable() {
   Changing();
   if (elements) DeleteTree(elements);
-  if (suspect) ForgetSuspect();
+  if (state & Suspect) ForgetSuspect();
   if (name_.allocated == SharedMark) DropSharedName();
+}
+
+bool Variable::ProvesPlain() const {
+  if ((state & NotPlain) != Unproved || !IsOfThisClass()) return false;
+  state &= ~Unproved;
+  return true;
 }
 
 void Variable::DeletePlain() {
@@ -106,7 +117,7 @@ void Variable::DropElements() {
 
 Variable* Variable::Clone(ZephApplication* application) {
   if (reference) return Final()->Clone(application);
-  if (standing == Gone) return new NULLVariable();
+  if (state & Gone) return new NULLVariable();
   return new Variable(*this);
 }
 
@@ -129,7 +140,7 @@ void Variable::SetName(const String& name) {
 }
 
 Variable* Variable::NextIdentity() {
-  return standing == Reference ? reference : this;
+  return state & Reference ? reference : this;
 }
 
 // In a loop: scripts can chain references without bound. A chain has an end, since no reference is
@@ -146,7 +157,7 @@ Variable* Variable::RealIdentity() {
 
 int Variable::type() {
   if (!redirected()) return VariableStored;
-  return standing == Reference ? VariableReference : VariableNULL;
+  return state & Reference ? VariableReference : VariableNULL;
 }
 
 int Variable::TypeReferredTo() {
@@ -174,9 +185,9 @@ void Variable::DecRefCount() {
 // --- References ----------------------------------------------------------------------------------
 
 void Variable::Make_Reference(Variable* target) {
-  if (!target || target == this || standing == Gone) return;
+  if (!target || target == this || (state & Gone)) return;
   Changing();
-  if (standing == Reference) {
+  if (state & Reference) {
     Rebind(target);
   } else if (target->RealIdentity() != this) {
     ReferTo(target);
@@ -184,7 +195,7 @@ void Variable::Make_Reference(Variable* target) {
 }
 
 // The object keeps its class and its place in memory, since others hold its address; only its
-// standing says from here on that the value is elsewhere. A reference has as many counts on its
+// state says from here on that the value is elsewhere. A reference has as many counts on its
 // target as there are on itself.
 void Variable::ReferTo(Variable* target) {
   const VariableRef target_pin = VariableRef::Share(target);
@@ -198,7 +209,7 @@ void Variable::ReferTo(Variable* target) {
   double_value = 0.0;
   DropElements();
   for (int i = 0; i < refcount_; i++) target->IncRefCount();
-  standing = Reference;
+  state |= Reference;
   reference = target;
   NoteEdge(target);
 }
@@ -221,7 +232,7 @@ void Variable::Make_NULL() {
   const int counts = refcount_;
   Variable* old = reference;
   reference = nullptr;
-  standing = Gone;
+  state = (state & ~Reference) | Gone;
   valid_forms = 0;
   primary = PrimaryNone;
   integer_value = 0;
@@ -239,7 +250,7 @@ void Variable::Make_NULL() {
 String& Variable::value() {
   if (redirected()) {
     if (reference) return Final()->value();
-    if (standing == Gone) return string_value;
+    if (state & Gone) return string_value;
   }
   if (elements) {
     string_value.assign("", 0);
@@ -669,13 +680,13 @@ void Variable::AppendText(const char* bytes, int count, bool adopted) {
 
 ReferenceVariable::ReferenceVariable(const char* name, int length, Variable* target)
     : Variable(name, length) {
-  standing = Reference;
+  state |= Reference;
   reference = target;
   if (target) target->IncRefCount();
 }
 
 ReferenceVariable::ReferenceVariable(SharedName* name, Variable* target) : Variable(name) {
-  standing = Reference;
+  state |= Reference;
   reference = target;
   if (target) target->IncRefCount();
 }

@@ -185,12 +185,12 @@ class Variable {
 
   // Whether this is a Variable and of no derived class, and no reference: then nothing is computed
   // or refused, and value and elements are the object's own.
-  bool IsPlain() const { return IsOfThisClass() && standing == Own; }
+  bool IsPlain() const { return !(state & NotPlain) || ProvesPlain(); }
   // The same, though its text may be watched: whatever is done with it runs no code but its own.
   bool IsOrdinary() const { return IsOfThisClass() && !redirected(); }
   // The forms, as bits of Form, in which a plain scalar has its value; 0 for a NULL scalar, for
   // an aggregate and for what is not plain.
-  unsigned plain_forms() const { return IsPlain() ? valid_forms : 0u; }
+  unsigned plain_forms() const { return IsPlain() ? state & AllForms : 0u; }
   // For a variable whose plain_forms() has that form.
   int plain_integer() const { return integer_value; }
   double plain_double() const { return double_value; }
@@ -199,9 +199,9 @@ class Variable {
   // value_integer()
   int Read_Integer() {
     if (IsPlain()) {
-      if (valid_forms & IntegerForm) return integer_value;
-      if (valid_forms & DoubleForm) {
-        valid_forms |= IntegerForm;
+      if (state & IntegerForm) return integer_value;
+      if (state & DoubleForm) {
+        state |= IntegerForm;
         return integer_value = DoubleToInteger(double_value);
       }
     }
@@ -210,9 +210,9 @@ class Variable {
   // value_double()
   double Read_Double() {
     if (IsPlain()) {
-      if (valid_forms & DoubleForm) return double_value;
-      if (valid_forms == IntegerForm) {
-        valid_forms = IntegerForm | DoubleForm;
+      if (state & DoubleForm) return double_value;
+      if ((state & AllForms) == IntegerForm) {
+        state |= DoubleForm;
         return double_value = integer_value;
       }
     }
@@ -220,20 +220,20 @@ class Variable {
   }
   // value_compare()
   double Read_Compare(int* not_numeric) {
-    if (IsPlain() && valid_forms != 0 && !(valid_forms & TextForm)) {
+    if (IsPlain() && (state & AllForms) != 0 && !(state & TextForm)) {
       *not_numeric = 0;
-      if (valid_forms & DoubleForm) return double_value;
-      valid_forms = IntegerForm | DoubleForm;
+      if (state & DoubleForm) return double_value;
+      state |= DoubleForm;
       return double_value = integer_value;
     }
     return value_compare(not_numeric);
   }
   // value()
-  String& Read_Text() { return IsPlain() && (valid_forms & TextForm) ? string_value : value(); }
+  String& Read_Text() { return IsPlain() && (state & TextForm) ? string_value : value(); }
   // IsTrue()
   int Read_Truth() {
-    if (IsPlain() && valid_forms != 0 && !(valid_forms & TextForm)) {
-      return valid_forms & DoubleForm ? double_value != 0.0 : integer_value != 0;
+    if (IsPlain() && (state & AllForms) != 0 && !(state & TextForm)) {
+      return state & DoubleForm ? double_value != 0.0 : integer_value != 0;
     }
     return IsTrue();
   }
@@ -241,7 +241,7 @@ class Variable {
   int Write_Integer(int value) {
     if (!IsPlain() || elements) return SetValue_Integer(value);
     integer_value = value;
-    valid_forms = IntegerForm;
+    SetForms(IntegerForm);
     primary = PrimaryInteger;
     return 1;
   }
@@ -249,7 +249,7 @@ class Variable {
   int Write_Double(double value) {
     if (!IsPlain() || elements) return SetValue_Double(value);
     double_value = value;
-    valid_forms = DoubleForm;
+    SetForms(DoubleForm);
     primary = PrimaryDouble;
     return 1;
   }
@@ -260,6 +260,17 @@ class Variable {
     }
     CopyForms(source);
     return 1;
+  }
+  // SetValue(source) for a plain scalar and a plain source that is stored as a number and nothing
+  // else; false, and nothing done, for others.
+  bool CopyNumber(const Variable& source) {
+    const unsigned forms = source.plain_forms();
+    if (forms == 0 || (forms & TextForm) || !IsPlain() || elements) return false;
+    integer_value = source.integer_value;
+    double_value = source.double_value;
+    SetForms(forms);
+    primary = source.primary;
+    return true;
   }
   // IncRefCount() and DecRefCount()
   void Hold() {
@@ -279,19 +290,25 @@ class Variable {
   // Makes a local variable, whose call is over, as new for the next call; false if that can be told
   // from a new one: somebody else holds it, or it has been more than a scalar.
   bool Renew() {
-    if (!IsPlain() || refcount_ != 1 || elements || suspect || error_.data ||
+    if (!IsPlain() || refcount_ != 1 || elements || (state & Suspect) || error_.data ||
         name_.allocated != SharedMark) {
       return false;
     }
     if (string_value.data) string_value.destroy();
     integer_value = 0;
     double_value = 0.0;
-    valid_forms = 0;
+    SetForms(0);
     primary = PrimaryNone;
     return true;
   }
   // Element(AggregateIndex(position), create)
   Variable* At(int position, int create);
+  // What a script's read or store of a number by position does, for a number as value_double()
+  // gives it and a position of 1 or more; false, and nothing done, where that takes more. The
+  // element has no variable while nobody asks for it. In base/Aggregate.h.
+  bool ReadElement(int position, double* number);
+  template <typename Number>  // int or double
+  bool WriteElement(int position, Number number);
   // Element(AggregateIndex(name, length), create) for a name of known length, which is only
   // looked at.
   Variable* Member(const char* name, int length, int create);
@@ -309,20 +326,30 @@ class Variable {
   static void FreeCycles();
 
  protected:
-  // Watched is Own for all but what changes the text, see base/DeferredText.h.
-  enum Standing : uint8_t { Own = 0, Watched = 1, Reference = 2, Gone = 3 };
+  // Further bits of state, above those of Form.
+  static constexpr uint32_t AllForms = TextForm | IntegerForm | DoubleForm;
+  static constexpr uint32_t Watched = 0x100;    // the text is part of another, DeferredText.h
+  static constexpr uint32_t Reference = 0x200;  // value and elements are those of a target
+  static constexpr uint32_t Gone = 0x400;       // there is no value, and there will be none
+  static constexpr uint32_t Unproved = 0x800;   // the object may be of a derived class
+  static constexpr uint32_t NotPlain = Watched | Reference | Gone | Unproved;
+  static constexpr uint32_t Walked = 0x1000;   // a walk is inside of this variable
+  static constexpr uint32_t Suspect = 0x2000;  // listed for FreeCycles
 
   // Whether reads and writes go elsewhere: to a target, or nowhere.
-  bool redirected() const { return standing > Watched; }
+  bool redirected() const { return (state & (Reference | Gone)) != 0; }
+  void SetForms(uint32_t forms) { state = (state & ~AllForms) | forms; }
 
   String name_;  // while it is shared the text is a SharedName's, and allocated is SharedMark
   String string_value;
   int integer_value = 0;
   double double_value = 0.0;
-  uint8_t valid_forms = 0;
-  Standing standing = Own;
-  uint8_t walked = 0;   // a walk is inside of this variable
-  uint8_t suspect = 0;  // listed for FreeCycles
+  // One word, so that one test tells whether a value can be had at once. What runs often goes by
+  // the word throughout: a byte that was just written makes a read of the word wait.
+  union {
+    mutable uint32_t state = Unproved;  // bits of Form and those above
+    uint8_t valid_forms;
+  };
   int primary = PrimaryNone;
   AggregateType aggregate = AggregateNone;
   AggregateElementTree* elements = nullptr;
@@ -349,21 +376,26 @@ class Variable {
   bool IsOfThisClass() const {
     return *reinterpret_cast<const void* const*>(this) == VariableOperations + 2;
   }
+  // IsPlain() where the object's class was not looked at yet. Not for constructors, in which a
+  // derived object still is of the base class.
+  bool ProvesPlain() const;
   Variable* Final();
   // Like redirected(), for what changes text or kind: who watches takes its copy first.
   bool RedirectedStore() {
-    if (standing == Own) return false;
     Changing();
     return redirected();
   }
   void Changing() {
-    if (standing == Watched) Unwatch();
+    if (state & Watched) Unwatch();
   }
   void Unwatch();
   // For DeferredText: the length of a text that can be watched, or -1; whether it is watched; and
   // bytes behind it, to the outcome that storing the whole text has.
   int WatchableText();
-  void SetWatched(bool watched) { standing = watched ? Watched : Own; }
+  void SetWatched(bool watched) {
+    state &= ~Watched;
+    if (watched) state |= Watched;
+  }
   void AppendText(const char* bytes, int count, bool adopted);
   void StoreIntegerText();
   void DropElements();

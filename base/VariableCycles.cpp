@@ -99,13 +99,13 @@ class VariableCycles {
 };
 
 void Variable::NoteEdge(Variable* target) {
-  if (suspect || !target) return;
+  if ((state & Suspect) || !target) return;
   const AggregateElementTree* tree = target->Final()->elements;
   if (!tree || tree->Entries() == 0) {
     if (target->Final() != this) return;
   }
   Suspects().insert(this);
-  suspect = 1;
+  state |= Suspect;
 }
 
 void Variable::ForgetSuspect() {
@@ -117,6 +117,6 @@ void Variable::FreeCycles() {
   if (listed.empty()) return;
   VariableCycles().Free(listed);
   // Those left are somebody's: a library may keep variables beyond a request.
-  for (Variable* survivor : listed) survivor->suspect = 0;
+  for (Variable* survivor : listed) survivor->state &= ~Suspect;
   listed.clear();
 }

@@ -123,6 +123,12 @@ class VariableHash {
     return Index(position, create);
   }
 
+  // The rows of all positions and their count, until a further name comes.
+  const _VH_Entry* Rows(unsigned* count) const {
+    *count = static_cast<unsigned>(entry_count);
+    return entries;
+  }
+
   // Makes the empty twin of a source, whose call is over, an empty twin for the next call. False if
   // it is none any more, since it has got a name of its own.
   bool Renew(const VariableHash& source);

@@ -10,7 +10,7 @@ VariableWalk::VariableWalk(Variable* root, Order walk_order) : order(walk_order)
 
 VariableWalk::~VariableWalk() {
   for (const Item& left : pending) {
-    if (left.entered) left.identity->walked = 0;
+    if (left.entered) left.identity->state &= ~Variable::Walked;
   }
 }
 
@@ -19,11 +19,11 @@ VariableWalk::Step VariableWalk::Next() {
   item = pending.back();
   if (item.entered) {
     pending.pop_back();
-    item.identity->walked = 0;
+    item.identity->state &= ~Variable::Walked;
     return Leave;
   }
   item.identity = item.row.variable->RealIdentity();
-  if (item.identity->walked) {
+  if (item.identity->state & Variable::Walked) {
     pending.pop_back();
     return Repeated;
   }
@@ -34,7 +34,7 @@ VariableWalk::Step VariableWalk::Next() {
   }
   pending.back().identity = item.identity;
   pending.back().entered = true;
-  item.identity->walked = 1;
+  item.identity->state |= Variable::Walked;
   PushElements(tree);
   return Enter;
 }

@@ -241,6 +241,7 @@ class ZephVM {
   class NestedRun;
   ZephVM_FunctionFrame* FrameFor(Function* function);
   void KeepFrame(ZephVM_FunctionFrame* left);
+  bool CallAtOnce(Function* function);
   void SetOutputMode(int mode);
   void TakeArguments(Function* function, VariableHash* locals);
   void LogParameterOf(Function* function, FunctionParameter* parameter, Variable* value);

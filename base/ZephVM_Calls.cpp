@@ -79,6 +79,51 @@ void ZephVM::CallFunction(Function* function) {
   EnterFrame(called.release());
 }
 
+// What CallFunction() does, for the calls that most are: a frame is kept, the log wants nothing,
+// and all arguments are numbers that are passed by value. False, and nothing done, for any other.
+bool ZephVM::CallAtOnce(Function* function) {
+  const auto index = static_cast<size_t>(function->index());
+  ZephVM_FunctionFrame* called = index < idle_frames.size() ? idle_frames[index] : nullptr;
+  if (!called || called->function != function || frame_count >= kMostFrames) return false;
+  const std::vector<FunctionParameter*>& parameters = function->slots();
+  const auto count = static_cast<int>(parameters.size());
+  ZephVM_Stack::Stack_Entry* const end = stack->End();
+  if (!stack->HoldsBelow(end, count)) return false;
+  ZephVM_Stack::Stack_Entry* argument = end - count;
+  for (FunctionParameter* p : parameters) {
+    Variable* local = p->byreference() ? nullptr : called->variables->At(p->index(), 1);
+    if (!local || !local->IsPlain()) return false;
+    if (argument->kind == ZephVM_Stack::KindDouble) {
+      local->Write_Double(argument->value.number);
+    } else if (argument->kind == ZephVM_Stack::KindInteger) {
+      local->Write_Integer(argument->value.integer);
+    } else if (argument->kind != ZephVM_Stack::KindVariable ||
+               !local->CopyNumber(*argument->value.variable)) {
+      return false;
+    }
+    argument++;
+  }
+  while (argument != end - count) ZephVM_Stack::Free(--argument);
+  stack->SetEnd(argument);
+  idle_frames[index] = called->next_idle;
+  called->return_segment = wanted_segment;
+  called->return_offset = program_counter;
+  called->error_output = ErrorOutputIn(frame->error_output, function->flags());
+  called->output_mode = OutputModeIn(frame->output_mode, function->flags());
+  called->previous = frame;
+  SetOutputMode(called->output_mode);
+  wanted_segment = function->segment();
+  program_counter = function->offset();
+  if (wanted_segment != loaded_segment) {
+    if (Segment* called_code = segments->Lookup(wanted_segment)) {
+      called_code->NoteRepeat(*dictionary);
+    }
+  }
+  frame_count++;
+  EnterFrame(called);
+  return true;
+}
+
 // A frame with an empty stack and the function's locals, the caller's. One that has served a call
 // before, if there is one.
 ZephVM_FunctionFrame* ZephVM::FrameFor(Function* function) {

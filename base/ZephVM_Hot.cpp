@@ -8,11 +8,13 @@
 
 #include <atomic>
 
+#include "base/Aggregate.h"
 #include "base/Function.h"
 #include "base/HotCode.h"
+#include "base/Instructions.h"
+#include "base/Segment.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
-#include "base/ZephApplication.h"
 #include "base/ZephVM.h"
 
 namespace {
@@ -71,38 +73,6 @@ template <bool (*OfVariable)(const Variable*, double*)>
   return entry->kind == ZephVM_Stack::KindDouble;
 }
 
-[[gnu::always_inline]] inline Entry OfInteger(int value) {
-  return {ZephVM_Stack::KindInteger, 0, 0, 0, {.integer = value}, 4, 4};
-}
-[[gnu::always_inline]] inline Entry OfDouble(double value) {
-  return {ZephVM_Stack::KindDouble, 0, 0, 0, {.number = value}, 8, 8};
-}
-// Takes a count.
-[[gnu::always_inline]] inline Entry OfVariable(Variable* variable) {
-  variable->Hold();
-  return {ZephVM_Stack::KindVariable, 1, 0, 0, {.variable = variable}, 8, 8};
-}
-
-// Replaces the two entries on top, which are numbers, variables or constants, by one. The result is
-// complete by then, so it may come of one of the two.
-[[gnu::always_inline]] inline void ReplaceTwo(ZephVM_Stack* stack, const Entry& result) {
-  Entry* end = stack->End();
-  ZephVM_Stack::Free(end - 1);
-  ZephVM_Stack::Free(end - 2);
-  end[-2] = result;
-  stack->SetEnd(end - 1);
-}
-
-[[gnu::always_inline]] inline bool TwoNumbers(ZephVM_Stack* stack, double* a, double* b) {
-  return stack->Holds(2) && NumberIn<NumberOf>(stack->End() - 2, a) &&
-         NumberIn<NumberOf>(stack->End() - 1, b);
-}
-
-[[gnu::always_inline]] inline bool TwoComparable(ZephVM_Stack* stack, double* a, double* b) {
-  return stack->Holds(2) && NumberIn<ComparableOf>(stack->End() - 2, a) &&
-         NumberIn<ComparableOf>(stack->End() - 1, b);
-}
-
 // Whether nothing but the machine's own code runs when the entry is read as text.
 inline bool IsOrdinary(const Entry* entry) {
   return entry->kind != ZephVM_Stack::KindVariable || entry->value.variable->IsOrdinary();
@@ -150,17 +120,23 @@ inline bool IsNumberOrPlain(const Entry* entry) {
 }  // namespace
 
 void ZephVM::RunHot(const HotCode* hot, const HotOp* op) {
+  const bool outer = in_hot;
   in_hot = true;
   HotLoop(hot, op);
-  in_hot = hot_mode_known = false;
+  in_hot = outer;
+  hot_mode_known = false;
 }
 
 void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   int* const over = timed_out;
   int* const ended = exit_flag;
   int* const beats = heartbeat_counter;
-  ZephVM_Stack* s = stack;
-  VariableHash* tables[2] = {global_variables, frame->variables};
+  // Of the current frame: its stack, with what lies behind the last entry, and the rows of both
+  // tables, the globals first.
+  ZephVM_Stack* s;
+  Entry* top;
+  const _VH_Entry* rows[2];
+  unsigned counts[2];
   double a, b;
   int order, number;
   Variable* variable;
@@ -174,170 +150,235 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // clang-format off
 #define GO_TO(action) __extension__({ goto *places[static_cast<int>(action)]; })
 // Each action ends with one of these: on behind so many instructions; to the first instruction
-// alone, where the idiom does not fit; to the machine's loop; or by a jump.
+// alone, where the idiom does not fit; to the machine's loop; or by a jump. A jump that goes back
+// looks at the flags of the host.
 #define NEXT(count) { op += (count); GO_TO(op->action); }
 #define SINGLE_UNLESS(condition) if (!(condition)) { GO_TO(op->single); }
 #define LEAVE_UNLESS(condition) if (!(condition)) { goto on_Leave; }
+#define JUMP(jump) { \
+  const HotOp* const goal = (jump)->target; \
+  const bool back = goal <= op; \
+  op = goal; \
+  if (back) goto jumped_back; \
+  GO_TO(op->action); }
 #define JUMP_IF(condition, jump, count) \
-  if (condition) { op = hot->Target(jump); goto jumped; } \
+  if (condition) JUMP(jump) \
   NEXT(count)
 // The variable at a record's position, null if it was not made yet.
-#define VARIABLE(record) tables[(record)->local]->At((record)->first, 0)
-#define SECOND(record) tables[0]->At((record)->second, 0)
+#define VARIABLE_AT(table, position) \
+  (static_cast<unsigned>(position) < counts[table] ? rows[table][position].variable : nullptr)
+#define VARIABLE(record) VARIABLE_AT((record)->local, (record)->first)
+#define SECOND(record) VARIABLE_AT(0, (record)->second)
+// What the stack's own operations need to know, and leave.
+#define TELL_STACK s->SetEnd(top);
+#define ASK_STACK top = s->End();
+#define PUSH(set) { top->set; ++top; }
+// In place of what is on top, or of the two that are.
+#define REPLACE_ONE(set) { \
+  ZephVM_Stack::Free(top - 1); \
+  top[-1].set; }
+#define REPLACE_TWO(set) { \
+  ZephVM_Stack::Free(top - 1); \
+  ZephVM_Stack::Free(top - 2); \
+  --top; \
+  top[-1].set; }
+#define HOLDS(count) s->HoldsBelow(top, count)
+#define HAS_ROOM(count) s->HasRoomBehind(top, count)
+#define TWO_NUMBERS (HOLDS(2) && NumberIn<NumberOf>(top - 2, &a) && NumberIn<NumberOf>(top - 1, &b))
+#define TWO_COMPARABLE \
+  (HOLDS(2) && NumberIn<ComparableOf>(top - 2, &a) && NumberIn<ComparableOf>(top - 1, &b))
 
 // All forms of an operation on the doubles a and b.
 #define ARITHMETIC(name, result)                                                           \
   on_##name: {                                                                             \
-    LEAVE_UNLESS(TwoNumbers(s, &a, &b))                                                    \
-    ReplaceTwo(s, OfDouble(result));                                                       \
+    LEAVE_UNLESS(TWO_NUMBERS)                                                              \
+    a = result;                                                                            \
+    REPLACE_TWO(SetDouble(a))                                                              \
     NEXT(1)                                                                                \
   }                                                                                        \
   on_##name##Pop: {                                                                        \
     variable = VARIABLE(op + 1);                                                           \
-    SINGLE_UNLESS(TwoNumbers(s, &a, &b) && variable && variable->IsPlain())                \
-    ReplaceTwo(s, OfDouble(result));                                                       \
-    s->SetEnd(s->End() - 1);                                                               \
-    variable->Write_Double(s->End()->value.number);                                        \
+    SINGLE_UNLESS(variable && variable->IsPlain() && TWO_NUMBERS)                          \
+    a = result;                                                                            \
+    ZephVM_Stack::Free(top - 1);                                                           \
+    ZephVM_Stack::Free(top - 2);                                                           \
+    top -= 2;                                                                              \
+    variable->Write_Double(a);                                                             \
     NEXT(2)                                                                                \
   }                                                                                        \
   on_##name##Constant: {                                                                   \
-    SINGLE_UNLESS(s->HasRoom(1) && s->Holds(1) && NumberIn<NumberOf>(s->End() - 1, &a))    \
+    SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && NumberIn<NumberOf>(top - 1, &a))              \
     b = op->number;                                                                        \
-    ZephVM_Stack::Free(s->End() - 1);                                                      \
-    s->End()[-1] = OfDouble(result);                                                       \
+    REPLACE_ONE(SetDouble(result))                                                         \
     NEXT(2)                                                                                \
   }                                                                                        \
   on_##name##Variable: {                                                                   \
-    SINGLE_UNLESS(s->HasRoom(1) && s->Holds(1) && NumberIn<NumberOf>(s->End() - 1, &a) &&  \
+    SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && NumberIn<NumberOf>(top - 1, &a) &&            \
                   NumberOf(VARIABLE(op), &b))                                              \
-    ZephVM_Stack::Free(s->End() - 1);                                                      \
-    s->End()[-1] = OfDouble(result);                                                       \
+    REPLACE_ONE(SetDouble(result))                                                         \
     NEXT(2)                                                                                \
   }                                                                                        \
+  on_##name##Element: {                                                                    \
+    SINGLE_UNLESS(HAS_ROOM(2) && HOLDS(1) && NumberIn<NumberOf>(top - 1, &a))              \
+    variable = VARIABLE(op);                                                               \
+    SINGLE_UNLESS(variable && IntegerOf(VARIABLE(op + 1), &number) && number >= 1 &&       \
+                  variable->ReadElement(number, &b))                                       \
+    REPLACE_ONE(SetDouble(result))                                                         \
+    NEXT(4)                                                                                \
+  }                                                                                        \
   on_##name##VariableConstant: {                                                           \
-    SINGLE_UNLESS(s->HasRoom(2) && NumberOf(VARIABLE(op), &a))                             \
+    SINGLE_UNLESS(HAS_ROOM(2) && NumberOf(VARIABLE(op), &a))                               \
     b = op[1].number;                                                                      \
-    *s->End() = OfDouble(result);                                                          \
-    s->SetEnd(s->End() + 1);                                                               \
+    PUSH(SetDouble(result))                                                                \
     NEXT(3)                                                                                \
+  }                                                                                        \
+  on_Update##name##Constant: {                                                             \
+    b = op[1].number;                                                                      \
+    UPDATE(result)                                                                         \
+  }                                                                                        \
+  on_Update##name##Variable: {                                                             \
+    SINGLE_UNLESS(NumberOf(VARIABLE(op + 1), &b))                                          \
+    UPDATE(result)                                                                         \
   }
+// The same variable may be the other operand, which was read before.
+#define UPDATE(result)                                                                     \
+    SINGLE_UNLESS(HAS_ROOM(2) && HOLDS(1) && top[-1].kind == ZephVM_Stack::KindVariable)   \
+    variable = top[-1].value.variable;                                                     \
+    SINGLE_UNLESS(NumberOf(variable, &a))                                                  \
+    variable->Write_Double(result);                                                        \
+    --top;                                                                                 \
+    ZephVM_Stack::Free(top);                                                               \
+    NEXT(5)
 // A comparison of a and b. With NaN on either side their order counts as above 0.
 #define COMPARISON(name, holds)                                                            \
   on_##name: {                                                                             \
-    LEAVE_UNLESS(TwoComparable(s, &a, &b))                                                 \
-    ReplaceTwo(s, OfInteger(holds));                                                       \
+    LEAVE_UNLESS(TWO_COMPARABLE)                                                           \
+    REPLACE_TWO(SetInteger(holds))                                                         \
     NEXT(1)                                                                                \
   }                                                                                        \
   on_##name##VariableConstantJump: {                                                       \
-    SINGLE_UNLESS(s->HasRoom(2) && ComparableOf(VARIABLE(op), &a))                         \
+    SINGLE_UNLESS(HAS_ROOM(2) && ComparableOf(VARIABLE(op), &a))                           \
     b = op[1].number;                                                                      \
     JUMP_IF((holds) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)               \
   }
 #define JUMP_ON(name, holds)                                                               \
   on_##name: {                                                                             \
-    LEAVE_UNLESS(s->Holds(1) && s->End()[-1].kind == ZephVM_Stack::KindInteger)            \
-    s->SetEnd(s->End() - 1);                                                               \
-    order = s->End()->value.integer;                                                       \
+    LEAVE_UNLESS(HOLDS(1) && top[-1].kind == ZephVM_Stack::KindInteger)                    \
+    --top;                                                                                 \
+    order = top->value.integer;                                                            \
     JUMP_IF(holds, op, 1)                                                                  \
   }
 #define ELEMENT(name, create)                                                              \
   on_##name: {                                                                             \
-    LEAVE_UNLESS(s->Holds(2) && s->End()[-2].kind == ZephVM_Stack::KindVariable)           \
-    variable = s->End()[-2].value.variable;                                                \
-    LEAVE_UNLESS(variable->IsPlain() && IntegerIn(s->End() - 1, &number) && number >= 1)   \
+    LEAVE_UNLESS(HOLDS(2) && top[-2].kind == ZephVM_Stack::KindVariable)                   \
+    variable = top[-2].value.variable;                                                     \
+    LEAVE_UNLESS(variable->IsPlain() && IntegerIn(top - 1, &number) && number >= 1)        \
     variable = variable->At(number, create);                                               \
-    ReplaceTwo(s, OfVariable(variable ? variable : null_variable));                        \
+    if (!variable) variable = null_variable;                                               \
+    variable->Hold();                                                                      \
+    REPLACE_TWO(SetOwned(variable))                                                        \
     NEXT(1)                                                                                \
   }                                                                                        \
   on_##name##OfVariable: {                                                                 \
     variable = VARIABLE(op);                                                               \
-    SINGLE_UNLESS(s->HasRoom(2) && variable && variable->IsPlain() &&                      \
+    SINGLE_UNLESS(HAS_ROOM(2) && variable && variable->IsPlain() &&                        \
                   IntegerOf(VARIABLE(op + 1), &number) && number >= 1)                     \
     variable = variable->At(number, create);                                               \
-    *s->End() = OfVariable(variable ? variable : null_variable);                           \
-    s->SetEnd(s->End() + 1);                                                               \
+    PUSH(SetVariable(variable ? variable : null_variable))                                 \
     NEXT(3)                                                                                \
   }
 #define MEMBER(name, create)                                                               \
   on_##name: {                                                                             \
-    LEAVE_UNLESS(s->Holds(2) && s->End()[-2].kind == ZephVM_Stack::KindVariable)           \
-    LEAVE_UNLESS(s->End()[-1].kind == ZephVM_Stack::KindString && !s->End()[-1].deferred)  \
-    variable = s->End()[-2].value.variable;                                                \
+    LEAVE_UNLESS(HOLDS(2) && top[-2].kind == ZephVM_Stack::KindVariable)                   \
+    LEAVE_UNLESS(top[-1].kind == ZephVM_Stack::KindString && !top[-1].deferred)            \
+    variable = top[-2].value.variable;                                                     \
     LEAVE_UNLESS(variable->IsPlain())                                                      \
-    variable = variable->Member(s->End()[-1].value.text, s->End()[-1].length, create);     \
-    ReplaceTwo(s, OfVariable(variable ? variable : null_variable));                        \
+    variable = variable->Member(top[-1].value.text, top[-1].length, create);               \
+    if (!variable) variable = null_variable;                                               \
+    variable->Hold();                                                                      \
+    REPLACE_TWO(SetOwned(variable))                                                        \
     NEXT(1)                                                                                \
   }                                                                                        \
   on_##name##OfVariable: {                                                                 \
     variable = VARIABLE(op);                                                               \
-    SINGLE_UNLESS(s->HasRoom(2) && variable && variable->IsPlain())                        \
+    SINGLE_UNLESS(HAS_ROOM(2) && variable && variable->IsPlain())                          \
     variable = variable->Member(op[1].text, op[1].length, create);                         \
-    *s->End() = OfVariable(variable ? variable : null_variable);                           \
-    s->SetEnd(s->End() + 1);                                                               \
+    PUSH(SetVariable(variable ? variable : null_variable))                                 \
     NEXT(3)                                                                                \
   }
   // clang-format on
 
-  GO_TO(op->action);
+  goto entered;
 
 on_PushInteger:
-  LEAVE_UNLESS(s->HasRoom(1))
-  *s->End() = OfInteger(op->first);
-  s->SetEnd(s->End() + 1);
+  LEAVE_UNLESS(HAS_ROOM(1))
+  PUSH(SetInteger(op->first))
   NEXT(1)
 on_PushDouble:
-  LEAVE_UNLESS(s->HasRoom(1))
-  *s->End() = OfDouble(op->number);
-  s->SetEnd(s->End() + 1);
+  LEAVE_UNLESS(HAS_ROOM(1))
+  PUSH(SetDouble(op->number))
   NEXT(1)
 on_PushText:
-  LEAVE_UNLESS(s->HasRoom(1))
-  s->PushS(op->text, op->length, op->length, 0);
+  LEAVE_UNLESS(HAS_ROOM(1))
+  PUSH(SetText(op->text, op->length))
   NEXT(1)
 on_PushVariable:
   variable = VARIABLE(op);
-  LEAVE_UNLESS(variable && s->HasRoom(1))
-  *s->End() = OfVariable(variable);
-  s->SetEnd(s->End() + 1);
+  LEAVE_UNLESS(variable && HAS_ROOM(1))
+  PUSH(SetVariable(variable))
   NEXT(1)
 on_PopVariable:
   variable = VARIABLE(op);
-  LEAVE_UNLESS(variable && variable->IsOrdinary() && s->Holds(1) && IsOrdinary(s->End() - 1))
+  LEAVE_UNLESS(variable && HOLDS(1))
+  if (variable->IsPlain() && top[-1].kind <= ZephVM_Stack::KindDouble) {
+    --top;
+    if (top->kind == ZephVM_Stack::KindDouble) {
+      variable->Write_Double(top->value.number);
+    } else {
+      variable->Write_Integer(top->value.integer);
+    }
+    NEXT(1)
+  }
+  LEAVE_UNLESS(variable->IsOrdinary() && IsOrdinary(top - 1))
+  TELL_STACK
   s->PopV(variable);
+  ASK_STACK
   NEXT(1)
 on_Pop:
-  LEAVE_UNLESS(s->Holds(1))
-  s->Pop();
+  LEAVE_UNLESS(HOLDS(1))
+  --top;
+  ZephVM_Stack::Free(top);
   NEXT(1)
 on_Dup:
-  LEAVE_UNLESS(s->Holds(1) && s->HasRoom(1))
-  LEAVE_UNLESS(
-      s->End()[-1].kind <= ZephVM_Stack::KindDouble ||
-      (s->End()[-1].kind == ZephVM_Stack::KindVariable && s->End()[-1].value.variable->IsPlain()))
+  LEAVE_UNLESS(HOLDS(1) && HAS_ROOM(1) && IsNumberOrPlain(top - 1))
+  TELL_STACK
   s->Dupe();
+  ASK_STACK
   NEXT(1)
 on_Store:
-  LEAVE_UNLESS(s->Holds(2) && s->End()[-1].kind == ZephVM_Stack::KindVariable)
-  variable = s->End()[-1].value.variable;
-  LEAVE_UNLESS(variable->IsPlain() && IsNumberOrPlain(s->End() - 2))
-  if (s->End()[-2].kind == ZephVM_Stack::KindDouble) {
-    variable->Write_Double(s->End()[-2].value.number);
-  } else if (s->End()[-2].kind == ZephVM_Stack::KindInteger) {
-    variable->Write_Integer(s->End()[-2].value.integer);
+  LEAVE_UNLESS(HOLDS(2) && top[-1].kind == ZephVM_Stack::KindVariable)
+  variable = top[-1].value.variable;
+  LEAVE_UNLESS(variable->IsPlain() && IsNumberOrPlain(top - 2))
+  if (top[-2].kind == ZephVM_Stack::KindDouble) {
+    variable->Write_Double(top[-2].value.number);
+  } else if (top[-2].kind == ZephVM_Stack::KindInteger) {
+    variable->Write_Integer(top[-2].value.integer);
   } else {
-    variable->SetValue(*s->End()[-2].value.variable);
+    variable->SetValue(*top[-2].value.variable);
   }
-  ZephVM_Stack::Free(s->End() - 1);
-  ZephVM_Stack::Free(s->End() - 2);
-  s->SetEnd(s->End() - 2);
+  top -= 2;
+  ZephVM_Stack::Free(top + 1);
+  ZephVM_Stack::Free(top);
   NEXT(1)
 on_Concatenate:
-  LEAVE_UNLESS(s->Holds(2) && IsOrdinary(s->End() - 1) && IsOrdinary(s->End() - 2))
+  LEAVE_UNLESS(HOLDS(2) && IsOrdinary(top - 1) && IsOrdinary(top - 2))
+  TELL_STACK
   s->Concatenate();
+  ASK_STACK
   NEXT(1)
 on_Swap:
-  LEAVE_UNLESS(s->Holds(2))
-  s->Swap(0, 1);
+  LEAVE_UNLESS(HOLDS(2))
+  s->Swap(top - 1, top - 2);
   NEXT(1)
 
   ARITHMETIC(Add, a + b)
@@ -345,17 +386,20 @@ on_Swap:
   ARITHMETIC(Mul, a * b)
   ARITHMETIC(Div, a == 0.0 ? 0.0 : a / b)
 on_Mod:
-  LEAVE_UNLESS(s->Holds(2) && IntegerIn(s->End() - 2, &order) && IntegerIn(s->End() - 1, &number))
-  ReplaceTwo(s, OfInteger(Remainder(order, number)));
+  LEAVE_UNLESS(HOLDS(2) && IntegerIn(top - 2, &order) && IntegerIn(top - 1, &number))
+  REPLACE_TWO(SetInteger(Remainder(order, number)))
   NEXT(1)
+on_ModConstant:
+  SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && IntegerIn(top - 1, &order))
+  REPLACE_ONE(SetInteger(Remainder(order, op->first)))
+  NEXT(2)
 on_ModVariableConstant:
-  SINGLE_UNLESS(s->HasRoom(2) && IntegerOf(VARIABLE(op), &order))
-  *s->End() = OfInteger(Remainder(order, DoubleToInteger(op[1].number)));
-  s->SetEnd(s->End() + 1);
+  SINGLE_UNLESS(HAS_ROOM(2) && IntegerOf(VARIABLE(op), &order))
+  PUSH(SetInteger(Remainder(order, op[1].first)))
   NEXT(3)
 on_ModVariableConstantJump:
-  SINGLE_UNLESS(s->HasRoom(2) && IntegerOf(VARIABLE(op), &order))
-  order = Remainder(order, DoubleToInteger(op[1].number));
+  SINGLE_UNLESS(HAS_ROOM(2) && IntegerOf(VARIABLE(op), &order))
+  order = Remainder(order, op[1].first);
   JUMP_IF((order != 0) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)
 
   COMPARISON(Equal, a == b)
@@ -366,8 +410,7 @@ on_ModVariableConstantJump:
   COMPARISON(GreaterEqual, !(a < b))
 
 on_Jump:
-  op = hot->Target(op);
-  goto jumped;
+  JUMP(op)
   JUMP_ON(JumpEqual, order == 0)
   JUMP_ON(JumpNotEqual, order != 0)
   JUMP_ON(JumpLess, order < 0)
@@ -376,29 +419,26 @@ on_Jump:
   JUMP_ON(JumpGreaterEqual, order >= 0)
 
 on_CompareConstant:
-  LEAVE_UNLESS(s->HasRoom(1) && OrderOf(VARIABLE(op), op->second, &order))
-  *s->End() = OfInteger(order);
-  s->SetEnd(s->End() + 1);
+  LEAVE_UNLESS(HAS_ROOM(1) && OrderOf(VARIABLE(op), op->second, &order))
+  PUSH(SetInteger(order))
   NEXT(1)
 on_CompareConstantJump:
-  LEAVE_UNLESS(s->HasRoom(1) && OrderOf(VARIABLE(op), op->second, &order))
+  LEAVE_UNLESS(HAS_ROOM(1) && OrderOf(VARIABLE(op), op->second, &order))
   JUMP_IF(Jumps(op[1].single, order), op + 1, 2)
 on_CompareGlobals:
-  LEAVE_UNLESS(s->HasRoom(1) && OrderOf(VARIABLE(op), SECOND(op), &order))
-  *s->End() = OfInteger(order);
-  s->SetEnd(s->End() + 1);
+  LEAVE_UNLESS(HAS_ROOM(1) && OrderOf(VARIABLE(op), SECOND(op), &order))
+  PUSH(SetInteger(order))
   NEXT(1)
 on_CompareGlobalsJump:
-  LEAVE_UNLESS(s->HasRoom(1) && OrderOf(VARIABLE(op), SECOND(op), &order))
+  LEAVE_UNLESS(HAS_ROOM(1) && OrderOf(VARIABLE(op), SECOND(op), &order))
   JUMP_IF(Jumps(op[1].single, order), op + 1, 2)
 on_ModGlobals:
-  LEAVE_UNLESS(s->HasRoom(1) && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
+  LEAVE_UNLESS(HAS_ROOM(1) && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
                number != 0)
-  *s->End() = OfInteger(Remainder(order, number));
-  s->SetEnd(s->End() + 1);
+  PUSH(SetInteger(Remainder(order, number)))
   NEXT(1)
 on_ModGlobalsJump:
-  LEAVE_UNLESS(s->HasRoom(1) && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
+  LEAVE_UNLESS(HAS_ROOM(1) && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
                number != 0)
   JUMP_IF(Jumps(op[1].single, Remainder(order, number)), op + 1, 2)
 on_Increment:
@@ -412,7 +452,7 @@ on_StoreConstant:
   variable->Write_Integer(op->second);
   NEXT(1)
 on_Line:
-  LEAVE_UNLESS((log_mask & Log_Trace) == 0)
+  LEAVE_UNLESS(log_mask == 0)
   current_line = op->first;
   NEXT(1)
 
@@ -420,57 +460,116 @@ on_Line:
   ELEMENT(ElementReadOnly, 0)
   MEMBER(Member, 1)
   MEMBER(MemberReadOnly, 0)
+on_ElementOfVariableStore:
+  SINGLE_UNLESS(HAS_ROOM(2) && HOLDS(1))
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(variable && IntegerOf(VARIABLE(op + 1), &number) && number >= 1)
+  if (top[-1].kind == ZephVM_Stack::KindDouble) {
+    SINGLE_UNLESS(variable->WriteElement(number, top[-1].value.number))
+  } else if (top[-1].kind == ZephVM_Stack::KindInteger) {
+    SINGLE_UNLESS(variable->WriteElement(number, top[-1].value.integer))
+  } else {
+    SINGLE_UNLESS(top[-1].kind == ZephVM_Stack::KindVariable)
+    const Variable* source = top[-1].value.variable;
+    const unsigned forms = source->plain_forms();
+    if (forms == Variable::IntegerForm) {
+      SINGLE_UNLESS(variable->WriteElement(number, source->plain_integer()))
+    } else {
+      SINGLE_UNLESS(forms == Variable::DoubleForm &&
+                    variable->WriteElement(number, source->plain_double()))
+    }
+  }
+  --top;
+  ZephVM_Stack::Free(top);
+  NEXT(4)
+
+on_Handler:
+  TELL_STACK
+  instruction_start = op->start;
+  first_integer = op->first;
+  program_counter = op[1].start;
+  switch (op->code) {
+#define HANDLER(name) \
+  case Instruction::code_##name: name(); break;
+    ZEPH_HOT_HANDLERS
+#undef HANDLER
+  }
+  if (stop_flag | Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat)) return;
+  ASK_STACK
+  NEXT(1)
 
 on_Call : {
   Function* function = functions ? functions->Lookup(op->first) : nullptr;
-  LEAVE_UNLESS(function && !(function->flags() & Function_External) &&
-               (log_mask & Log_OfCalls) == 0)
+  LEAVE_UNLESS(function && log_mask == 0)
+  TELL_STACK
   instruction_start = op->start;
   program_counter = op[1].start;
-  CallFunction(function);
+  if (function->flags() & Function_External) {
+    CallExternalFunction(function);
+    hot_mode_known = false;
+  } else if (!CallAtOnce(function)) {
+    CallFunction(function);
+  }
   goto moved;
 }
 on_Return : {
   ZephVM_Frame* caller = frame->previous;
-  LEAVE_UNLESS((log_mask & Log_OfCalls) == 0 && open_features == 0 && caller && frame->is_function)
-  LEAVE_UNLESS(s->Holds(1) && caller->stack->HasRoom(1))
+  LEAVE_UNLESS(log_mask == 0 && open_features == 0 && caller && frame->is_function)
+  LEAVE_UNLESS(HOLDS(1) && caller->stack->HasRoom(1))
   // A borrowed variable may be a local one, which goes with the frame.
-  const Entry& result = s->End()[-1];
-  LEAVE_UNLESS(result.kind != ZephVM_Stack::KindVariable || result.deletable)
-  caller->stack->End()->CopyFrom(result);
+  LEAVE_UNLESS(top[-1].kind != ZephVM_Stack::KindVariable || top[-1].deletable)
+  --top;
+  caller->stack->End()->CopyFrom(*top);
   caller->stack->SetEnd(caller->stack->End() + 1);
-  s->SetEnd(s->End() - 1);
+  TELL_STACK
   wanted_segment = frame->return_segment;
   program_counter = frame->return_offset;
   LeaveFrame();
   goto moved;
 }
 
-jumped:
+jumped_back:
   if (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat)) goto on_Leave;
   GO_TO(op->action);
 
+// What the code does elsewhere may have written to this segment, which drops what was made of it.
 moved:
-  if (stop_flag || wanted_segment != loaded_segment || Read(over) || Read(ended) ||
-      Read(beats) != last_heartbeat) {
+  if (stop_flag || wanted_segment != loaded_segment || segment->hot() != hot || Read(over) ||
+      Read(ended) || Read(beats) != last_heartbeat) {
     return;
   }
   op = hot->At(program_counter);
   if (!op) return;
+entered:
   s = stack;
-  tables[1] = frame->variables;
+  ASK_STACK
+  rows[0] = global_variables->Rows(&counts[0]);
+  rows[1] = frame->variables->Rows(&counts[1]);
   GO_TO(op->action);
 
 on_Leave:
+  TELL_STACK
   program_counter = op->start;
 #undef GO_TO
 #undef NEXT
 #undef SINGLE_UNLESS
 #undef LEAVE_UNLESS
+#undef JUMP
 #undef JUMP_IF
+#undef VARIABLE_AT
 #undef VARIABLE
 #undef SECOND
+#undef TELL_STACK
+#undef ASK_STACK
+#undef PUSH
+#undef REPLACE_ONE
+#undef REPLACE_TWO
+#undef HOLDS
+#undef HAS_ROOM
+#undef TWO_NUMBERS
+#undef TWO_COMPARABLE
 #undef ARITHMETIC
+#undef UPDATE
 #undef COMPARISON
 #undef JUMP_ON
 #undef ELEMENT

@@ -432,10 +432,7 @@ void ZephVM_Stack::Swap(int a, int b) {
     return;
   }
   if (a == b) return;
-  Entry held;
-  held.CopyFrom(top[-1 - a]);
-  top[-1 - a].CopyFrom(top[-1 - b]);
-  top[-1 - b].CopyFrom(held);
+  Swap(top - 1 - a, top - 1 - b);
 }
 
 bool ZephVM_Stack::KeptElsewhere(const Entry* entry) const {

@@ -4,6 +4,7 @@
 #ifndef ZEPH_BASE_ZEPHVM_STACK_H
 #define ZEPH_BASE_ZEPHVM_STACK_H
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
@@ -54,16 +55,46 @@ class ZephVM_Stack {
     int length;  // bytes of a String; 4 for an Integer, 8 otherwise
     int size;    // capacity of a String's buffer, otherwise as length
 
-    // Copies in words, as entries are written: a processor forwards a word that it has just stored,
-    // but has to wait for one that is wider.
+    // Entries are written and copied in words: a processor forwards a word that it has just stored
+    // to whoever reads it or a part of it, but makes wait who reads more than was stored at once.
     void CopyFrom(const Stack_Entry& other) {
-      uint64_t head;
-      uint64_t tail;
-      memcpy(&head, &other, sizeof head);
-      memcpy(this, &head, sizeof head);
-      value = other.value;
-      memcpy(&tail, &other.length, sizeof tail);
-      memcpy(&length, &tail, sizeof tail);
+      const auto* from = reinterpret_cast<const uint64_t*>(&other);
+      Set(from[0], from[1], from[2]);
+    }
+    void SetInteger(int number) { Set(KindInteger, static_cast<uint32_t>(number), Lengths(4, 4)); }
+    void SetDouble(double number) {
+      Set(KindDouble, std::bit_cast<uint64_t>(number), Lengths(8, 8));
+    }
+    // Text that is not the entry's; the pointer is kept.
+    void SetText(const char* bytes, int count) {
+      Set(KindString, reinterpret_cast<uintptr_t>(bytes), Lengths(count, count));
+    }
+    // Adopts a count on the variable.
+    void SetOwned(Variable* held) {
+      Set(KindVariable | OwnedMark, reinterpret_cast<uintptr_t>(held), Lengths(8, 8));
+    }
+    // Takes one.
+    void SetVariable(Variable* held) {
+      held->Hold();
+      SetOwned(held);
+    }
+    // Whether the entry has something to free.
+    bool Owns() const {
+      uint16_t owned;
+      memcpy(&owned, &deletable, sizeof owned);
+      return owned != 0;
+    }
+
+   private:
+    static constexpr uint64_t OwnedMark = uint64_t{1} << 32;  // deletable
+    static constexpr uint64_t Lengths(int length, int size) {
+      return static_cast<uint32_t>(length) | static_cast<uint64_t>(size) << 32;
+    }
+    void Set(uint64_t head, uint64_t word, uint64_t lengths) {
+      auto* to = reinterpret_cast<uint64_t*>(this);
+      to[0] = head;
+      to[1] = word;
+      to[2] = lengths;
     }
   };
 
@@ -76,10 +107,10 @@ class ZephVM_Stack {
   int Entries() const { return static_cast<int>(top - entries); }
 
   void PushI(int value) {
-    if (Stack_Entry* entry = Room()) *entry = {KindInteger, 0, 0, 0, {.integer = value}, 4, 4};
+    if (Stack_Entry* entry = Room()) entry->SetInteger(value);
   }
   void PushD(double value) {
-    if (Stack_Entry* entry = Room()) *entry = {KindDouble, 0, 0, 0, {.number = value}, 8, 8};
+    if (Stack_Entry* entry = Room()) entry->SetDouble(value);
   }
   // The pointer is kept, not copied; a deletable text was made with new[].
   void PushS(const char* data, int length, int size, int deletable);
@@ -88,10 +119,7 @@ class ZephVM_Stack {
   void PushV(Variable* variable, int addref, int deletable);
   // PushV(variable, 1, 1) for a variable that is there.
   void PushHeld(Variable* variable) {
-    Stack_Entry* entry = Room();
-    if (!entry) return;
-    variable->Hold();
-    *entry = {KindVariable, 1, 0, 0, {.variable = variable}, 8, 8};
+    if (Stack_Entry* entry = Room()) entry->SetVariable(variable);
   }
   // Moves count entries, one at a time from the top of the other stack to this one's, so that their
   // order is reversed. A Variable that was borrowed is owned from then on: the other stack may die
@@ -203,10 +231,18 @@ class ZephVM_Stack {
   Stack_Entry* End() const { return top; }
   void SetEnd(Stack_Entry* end) { top = end; }
   bool HasRoom(int count) const { return limit - top >= count; }
-  bool Holds(int count) const { return top - entries >= count; }
+  // The same where the caller knows the end, and whether that many entries stand before it.
+  bool HasRoomBehind(const Stack_Entry* end, int count) const { return limit - end >= count; }
+  bool HoldsBelow(const Stack_Entry* end, int count) const { return end - entries >= count; }
+  static void Swap(Stack_Entry* a, Stack_Entry* b) {
+    Stack_Entry held;
+    held.CopyFrom(*a);
+    a->CopyFrom(*b);
+    b->CopyFrom(held);
+  }
   // Frees what an entry owns. The entry stays as it is.
   static void Free(Stack_Entry* entry) {
-    if (!entry->deletable && !entry->private_copy) return;
+    if (!entry->Owns()) return;
     if (entry->kind == KindVariable) {
       entry->value.variable->Release();
     } else {

@@ -248,6 +248,137 @@ TEST(HotCode, RandomProgramsDoTheSameHotAndCold) {
   }
 }
 
+// The same for program text: with functions, arrays that grow, texts, and what the hot loop leaves
+// to the machine's handlers.
+class RandomText {
+ public:
+  explicit RandomText(unsigned seed) : random(seed) {}
+
+  std::string Program() {
+    text = "storegi n, 0\n";
+    for (const char* name : {"a", "b", "c", "d"}) Start(name);
+    text += "storegi i, 0\nagain: incg i, 1\n";
+    const int statements = 2 + Below(6);
+    for (int k = 0; k < statements; k++) Statement();
+    text += "cmpgi i, " + std::to_string(kRounds) + "\njmp_lt again\n";
+    text += "pushg a\nout\npushg b\nout\npushg c\nout\npushg d\nout\nexit\n";
+    Functions();
+    return text;
+  }
+
+ private:
+  int Below(int bound) { return static_cast<int>(random() % static_cast<unsigned>(bound)); }
+  std::string OneOf(std::initializer_list<const char*> words) {
+    return words.begin()[Below(static_cast<int>(words.size()))];
+  }
+  std::string Label() { return "label" + std::to_string(labels++); }
+  std::string Global() { return OneOf({"a", "b", "c", "d"}); }
+  std::string PushGlobal() { return "pushg " + Global() + "\n"; }
+  std::string Number() {
+    return Below(2) ? "pushi " + std::to_string(Below(9) - 3) + "\n"
+                    : "pushf " + std::to_string(Below(40) / 8.0 - 2) + "\n";
+  }
+  std::string Operation() { return OneOf({"add\n", "sub\n", "mul\n", "div\n", "mod\n"}); }
+
+  void Start(const std::string& name) {
+    switch (Below(6)) {
+      case 0: text += "storegi " + name + ", " + std::to_string(Below(50)) + "\n"; break;
+      case 1: text += "pushf 1.75\npopg " + name + "\n"; break;
+      case 2: text += "pushc \"12\"\npopg " + name + "\n"; break;
+      case 3: text += "pushc \"word\"\npopg " + name + "\n"; break;
+      default: text += "pushi 5\npushg " + name + "\npushi 1\nelem\nstore\n"; break;
+    }
+  }
+  std::string Operand() {
+    switch (Below(9)) {
+      case 0: return PushGlobal() + "pushg i\nelem_readonly\n";
+      case 1: return PushGlobal() + "pushi 1\nelem_readonly\n";
+      case 2: return PushGlobal() + "pushc \"m\"\nmemb_readonly\n";
+      case 3: return Operand() + "call " + OneOf({"twice", "sum", "echo"}) + "\n";
+      case 4: return "pushc \"" + OneOf({"", "x", "7"}) + "\"\n";
+      case 5: return "pushg i\n";
+      default: return Below(2) ? Number() : PushGlobal();
+    }
+  }
+  std::string Expression() {
+    std::string result = Operand();
+    for (int k = Below(3); k > 0; k--) result += Operand() + (Below(4) ? Operation() : "cat\n");
+    return result;
+  }
+  std::string Target() {
+    switch (Below(5)) {
+      case 0: return "pushg a\npushg i\nelem\n";
+      case 1: return PushGlobal() + "pushg i\nelem\n";
+      case 2: return PushGlobal() + "pushi " + std::to_string(1 + Below(3)) + "\nelem\n";
+      case 3: return PushGlobal() + "pushc \"m\"\nmemb\n";
+      default: return PushGlobal();
+    }
+  }
+  // Before it the rows of arrays are as they come of the loop; a text must not grow for ever.
+  void Statement() {
+    switch (Below(10)) {
+      case 0: text += Target() + "dup\n" + Operand() + Operation() + "swap\nstore\n"; break;
+      case 1: text += Target() + "dup\n" + Number() + Operation() + "swap\nstore\n"; break;
+      case 2: text += Expression() + "popg " + Global() + "\n"; break;
+      case 3: text += "pushg i\npushg d\npushg i\nelem\nstore\n"; break;
+      case 4: {
+        const std::string label = Label();
+        text += Expression() + Operand() + OneOf({"lt\n", "eq\n", "ge\n", "ne\n"}) +
+                OneOf({"jmp_eq ", "jmp_ne "}) + label + "\nincg n, 1\n" + label + ": noop\n";
+        break;
+      }
+      case 5: text += Number() + "pushi 2\nrounds\npopg " + Global() + "\n"; break;
+      case 6: text += Operand() + Operand() + "in\npopg n\n"; break;
+      case 7: text += Operand() + "isnull\npopg n\n" + Operand() + "out\n"; break;
+      case 8: text += "pushi " + std::to_string(Below(6)) + "\ncall down\n" + "popg n\n"; break;
+      default: text += Expression() + Target() + "store\n"; break;
+    }
+    if (Below(3) == 0) text += "pushc \"\"\npopg b\n";
+  }
+  void Functions() {
+    text += ".function twice(x)\npushl x\npushi 2\nmul\nret\n.end\n";
+    text += ".function echo(x)\n" + std::string(Below(2) ? "pushi 3\npushl x\nadd\npopl x\n" : "") +
+            "pushl x\nret\n.end\n";
+    text += ".function sum(x)\n.local t\npushl x\npopl t\npushl t\npushl x\n" + Operation() +
+            "popl t\npushl t\nret\n.end\n";
+    text += ".function down(k)\npushl k\npushi 1\nlt\njmp_eq more\n" +
+            OneOf({"pushl k\n", "pushc \"end\"\n", "pushl k\npushc \"e\"\ncat\n"}) +
+            "ret\nmore: pushl k\npushi 1\nsub\ncall down\npushl k\n" + OneOf({"add\n", "cat\n"}) +
+            "ret\n.end\n";
+  }
+
+  std::mt19937 random;
+  std::string text;
+  int labels = 0;
+};
+
+Outcome OutcomeOf(const std::string& program, bool cold) {
+  Machine machine;
+  machine.Assemble(program);
+  if (cold) KeepCold(&machine);
+  Outcome outcome;
+  outcome.result = machine.Go();
+  EXPECT_EQ(machine.segments.Start()->hot() == nullptr, cold);
+  for (const char* name : {"a", "b", "c", "d", "i", "n"}) {
+    outcome.values += machine.Value(name) + "|";
+  }
+  outcome.values += machine.Output();
+  outcome.error = machine.Error();
+  outcome.entries = machine.stack().Entries();
+  return outcome;
+}
+
+TEST(HotCode, RandomProgramTextsDoTheSameHotAndCold) {
+  for (unsigned seed = 1; seed <= 1000; seed++) {
+    const std::string program = RandomText(seed).Program();
+    SCOPED_TRACE(testing::Message() << seed << "\n" << program);
+    const Outcome hot = OutcomeOf(program, false);
+    const Outcome cold = OutcomeOf(program, true);
+    ASSERT_EQ(hot.values, cold.values);
+    ASSERT_EQ(hot.result, cold.result);
+    ASSERT_EQ(hot.error, cold.error);
+    ASSERT_EQ(hot.entries, cold.entries);
+
 // --- The log -------------------------------------------------------------------------------------
 
 // A loop that notes its lines and calls a function, with the records of a level, and whether the
