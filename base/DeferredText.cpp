@@ -2,12 +2,14 @@
 
 #include "base/DeferredText.h"
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cstring>
 #include <memory>
 #include <new>
 
+#include "base/Output.h"
 #include "base/Variable.h"
 #include "base/ZephApplication.h"
 
@@ -23,7 +25,10 @@ DeferredText* DeferredText::Begin(Variable* variable) {
 }
 
 DeferredText::DeferredText(Variable* variable, int length)
-    : prefix(variable), prefix_length(length), room(sizeof small), bytes(small), next(watching) {
+    : prefix(variable),
+      prefix_length(length),
+      room(std::min(Small, INT_MAX - 1 - length)),
+      next(watching) {
   if (next) next->previous = this;
   watching = this;
   variable->SetWatched(true);
@@ -56,9 +61,10 @@ void DeferredText::Settle(Variable* variable) {
 
 char* DeferredText::Room(int count) {
   const long needed = static_cast<long>(used) + count;
-  if (needed + prefix_length >= INT_MAX) throw std::bad_alloc();
+  const long most = INT_MAX - 1L - prefix_length;
+  if (needed > most) throw std::bad_alloc();
   if (needed > room) {
-    const long larger = needed * 2 < INT_MAX ? needed * 2 : needed;
+    const long larger = std::min(needed * 2, most);
     auto* moved = new char[static_cast<size_t>(larger)];
     memcpy(moved, bytes, static_cast<size_t>(used));
     if (bytes != small) delete[] bytes;
@@ -80,15 +86,9 @@ void DeferredText::CopyPrefix() {
   StopWatching();
   if (bytes != small) delete[] bytes;
   bytes = flat;
-  room = all + 1;
+  room = all;
   used = all;
   prefix_length = 0;
-}
-
-void DeferredText::Append(const char* text, int count) {
-  if (count <= 0) return;
-  memcpy(Room(count), text, static_cast<size_t>(count));
-  used += count;
 }
 
 void DeferredText::Append(int value) {
@@ -102,9 +102,20 @@ void DeferredText::Append(double value) {
   Append(text.get(), count);
 }
 
+// An integer reads the same whether the variable keeps its text or not.
 void DeferredText::Append(Variable* variable) {
+  if (variable->plain_forms() == Variable::IntegerForm) {
+    Append(variable->plain_integer());
+    return;
+  }
   const String& text = variable->value();
   Append(text.data, text.length);
+}
+
+void DeferredText::Append(const DeferredText& text) {
+  if (text.length() == 0) return;
+  text.Flatten(Room(text.length()));
+  used += text.length();
 }
 
 char* DeferredText::Release(int* all) {
@@ -124,6 +135,15 @@ void DeferredText::Assign(Variable* target, bool adopt) {
     variable->AppendText(bytes, used, adopt);
     return;
   }
+  if (!prefix) {
+    std::unique_ptr<DeferredText> self(this);
+    if (!adopt) {
+      target->SetValue(bytes, used);
+      return;
+    }
+    if (target->CopyAsAdopted(bytes, used)) return;
+    (void)self.release();
+  }
   int all;
   char* text = Release(&all);
   if (adopt) {
@@ -132,4 +152,9 @@ void DeferredText::Assign(Variable* target, bool adopt) {
   }
   const std::unique_ptr<char[]> owned(text);
   target->SetValue(text, all);
+}
+
+void DeferredText::Write(Output* output) const {
+  if (prefix) output->Write(prefix->plain_text().data, prefix_length);
+  output->Write(bytes, used);
 }

@@ -1,17 +1,21 @@
-// A concatenation that begins with the text of a variable, for the way in which scripts build long
-// texts: s = s cat x. As long as its bytes stand only on the operand stack, nobody can tell whether
-// the variable's text has been copied, so it is not; and when the result goes to the variable that
-// it began with, only the new bytes are written, behind the old ones.
+// A concatenation that is still going on. As long as its bytes stand only on the operand stack,
+// nobody can tell how they are kept, so a short one is gathered in a buffer that comes with the
+// object; and of one that begins with the text of a variable, as where scripts build long texts by
+// s = s cat x, that text is not copied: when the result goes to the variable that it began with,
+// only the new bytes are written, behind the old ones.
 
 #ifndef ZEPH_BASE_DEFERREDTEXT_H
 #define ZEPH_BASE_DEFERREDTEXT_H
 
+#include <cstring>
+
 #include "base/FreeList.h"
 
+class Output;
 class Variable;
 
-// The text of a variable, followed by bytes of its own. Made by Begin, ended by Release, Assign or
-// delete. Belongs to the variable's thread.
+// The text of a variable, or none, followed by bytes of its own. Made by Begin, ended by Release,
+// Assign or delete. Belongs to the variable's thread.
 //
 // The variable is borrowed, and watched: just before its text changes, or it goes, whoever changes
 // it, the object takes a copy and is on its own from then on. Reading it changes nothing.
@@ -21,6 +25,9 @@ class DeferredText {
 
   // Shorter texts are copied sooner than watched.
   static constexpr int ShortestPrefix = 128;
+
+  // Begins with nothing.
+  DeferredText() = default;
 
   // Begins with the present text of the variable, which is read if it is not there yet, or of what
   // it refers to. Null where that can't be watched or isn't worth it: the text of a derived class,
@@ -32,10 +39,15 @@ class DeferredText {
 
   // Append copies of what is given. A sum of lengths that no text can have fails as an allocation,
   // with std::bad_alloc, and leaves the object as it was.
-  void Append(const char* bytes, int length);
+  void Append(const char* text, int count) {
+    if (count <= 0) return;
+    memcpy(count <= room - used ? bytes + used : Room(count), text, static_cast<size_t>(count));
+    used += count;
+  }
   void Append(int value);
   void Append(double value);
   void Append(Variable* variable);
+  void Append(const DeferredText& text);
 
   // All bytes.
   int length() const { return prefix_length + used; }
@@ -47,6 +59,8 @@ class DeferredText {
   // SetValue_Nocopy with a buffer of length + 1 bytes, else of SetValue.
   void Assign(Variable* target, bool adopt);
 
+  void Write(Output* output) const;
+
   // For the variable, which is about to change or to go.
   static void Settle(Variable* variable);
 
@@ -57,14 +71,16 @@ class DeferredText {
   void StopWatching();
   void Flatten(char* destination) const;
 
-  Variable* prefix;   // null without one: all text is in bytes
-  int prefix_length;  // bytes of the variable's text
+  static constexpr int Small = 200;
+
+  Variable* prefix = nullptr;  // null without one: all text is in bytes
+  int prefix_length = 0;       // bytes of the variable's text
   int used = 0;
-  int room;
-  char* bytes;
-  DeferredText* next;  // of those that watch on this thread
+  int room = Small;  // of bytes, less if the whole text would get too long
+  char* bytes = small;
+  DeferredText* next = nullptr;  // of those that watch on this thread
   DeferredText* previous = nullptr;
-  char small[200];
+  char small[Small];
 };
 
 #endif

@@ -155,9 +155,13 @@ HotAction HotCode::Idiom(size_t i) const {
     return Shifted(next, HotAction::Add, HotAction::AddConstant);
   }
   if (IsConstant(action) && next == HotAction::Mod) return HotAction::ModConstant;
+  if (action == HotAction::PushText && next == HotAction::Concatenate) {
+    return HotAction::ConcatenateText;
+  }
   if (action != HotAction::PushVariable) return action;
   if (IsConstant(next)) return IdiomOfVariableAndConstant(i);
   if (IsArithmetic(next)) return Shifted(next, HotAction::Add, HotAction::AddVariable);
+  if (next == HotAction::Concatenate) return HotAction::ConcatenateVariable;
   if (next == HotAction::PushVariable) return IdiomOfVariables(i);
   if (next == HotAction::PushText) {
     if (Is(i + 2, HotAction::Member)) return HotAction::MemberOfVariable;

@@ -24,6 +24,7 @@ class Dictionary;
 //   ...VariableConstant           a variable, a constant, and an operation on the two
 //   ...VariableConstantJump       the same, with a jump on the outcome
 //   ...Constant, ...Variable      a constant or a variable, and an operation on the top and it
+//   Concatenate...                a constant text or a variable, put behind the text on top
 //   ...Element                    an element of an array, and an operation on the top and it
 //   ...Pop                        an operation, and its outcome stored in a variable
 //   Update...Constant/Variable    an operation on the variable on top and something else, and its
@@ -46,7 +47,7 @@ class Dictionary;
   ACTION(CompareConstant) ACTION(CompareGlobals) ACTION(ModGlobals)                                  \
   ACTION(Increment) ACTION(StoreConstant) ACTION(Line)                                               \
   ACTION(Element) ACTION(ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly)                      \
-  ACTION(Call) ACTION(Return)                                                                        \
+  ACTION(Call) ACTION(Return) ACTION(ConcatenateText) ACTION(ConcatenateVariable)                    \
   ACTION(AddVariableConstant) ACTION(SubVariableConstant)                                            \
   ACTION(MulVariableConstant) ACTION(DivVariableConstant)                                            \
   ACTION(ModVariableConstant) ACTION(ModVariableConstantJump) ACTION(ModConstant)                    \
@@ -69,10 +70,11 @@ class Dictionary;
 // Instructions that the hot loop runs by the machine's handler of that name: those that are
 // frequent, too long to stand in line, and change nothing of the machine but its stack and its
 // flags.
-#define ZEPH_HOT_HANDLERS                                                                    \
-  HANDLER(out)                                                                               \
-  HANDLER(out_comp) HANDLER(rounds) HANDLER(roundf) HANDLER(isnull) HANDLER(in) HANDLER(cin) \
-      HANDLER(ein) HANDLER(ecin)
+#define ZEPH_HOT_HANDLERS                                                               \
+  HANDLER(out)                                                                          \
+  HANDLER(out_comp)                                                                     \
+  HANDLER(rounds) HANDLER(roundf) HANDLER(isnull) HANDLER(in) HANDLER(cin) HANDLER(ein) \
+      HANDLER(ecin)
 
 enum class HotAction : unsigned char {
 #define ACTION(name) name,

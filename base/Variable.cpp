@@ -676,6 +676,17 @@ void Variable::AppendText(const char* bytes, int count, bool adopted) {
   primary = PrimaryText;
 }
 
+bool Variable::CopyAsAdopted(const char* bytes, int count) {
+  if (!IsPlain() || elements || string_value.allocated <= count) return false;
+  memmove(string_value.data, bytes, static_cast<size_t>(count));
+  string_value.data[count] = '\0';
+  string_value.length = count;
+  string_value.allocated = count + 1;
+  SetForms(TextForm);
+  primary = PrimaryText;
+  return true;
+}
+
 // --- ReferenceVariable ---------------------------------------------------------------------------
 
 ReferenceVariable::ReferenceVariable(const char* name, int length, Variable* target)

@@ -490,6 +490,10 @@ void ZephVM::pushc() {
 
 // out  ( x -- )  Writes x to the output. A chained text goes out block by block, unflattened.
 void ZephVM::out() {
+  if (const std::unique_ptr<DeferredText> text(stack->PopDeferred()); text) {
+    text->Write(application->output());
+    return;
+  }
   ZephVM_Stack::Stack_Entry* top = stack->Peek();
   if (top && top->kind == ZephVM_Stack::KindLinkBuffer) {
     top->value.buffer->output(application->output());

@@ -3,8 +3,10 @@
 // not be popped has set the stop flag, and then nothing is pushed.
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -50,12 +52,40 @@ double PowerOfTen(int exponent) {
   return exponent <= 20 ? kPowers[exponent] : pow(10.0, exponent);
 }
 
+// Rounds as below where that takes no digits of the value: its fraction behind the last decimal
+// that is kept is not so near to a half that the digits, which differ from the value by at most
+// half of its last bit, might say otherwise. False for all others, and for what is less than 1 or
+// too large.
+bool RoundByFraction(double value, int decimals, Rounded* rounded) {
+  static const unsigned kPowers[] = {1,      10,      100,      1000,      10000,
+                                     100000, 1000000, 10000000, 100000000, 1000000000};
+  const double magnitude = fabs(value);
+  if (!(magnitude >= 1.0 && magnitude < 4503599627370496.0)) return false;  // 2 to the 52nd
+  if (decimals < 1 || decimals > 9) return false;
+  const uint64_t bits = std::bit_cast<uint64_t>(magnitude);
+  const uint64_t mantissa = (bits & ((uint64_t{1} << 52) - 1)) | uint64_t{1} << 52;
+  const int shift = 1075 - static_cast<int>(bits >> 52);  // bits behind the point: 1 to 52
+  const uint64_t power = kPowers[decimals];
+  __extension__ const auto scaled = static_cast<unsigned __int128>(mantissa) * power;
+  const auto fraction = static_cast<uint64_t>(scaled) & ((uint64_t{1} << shift) - 1);
+  const uint64_t half = uint64_t{1} << (shift - 1);
+  const uint64_t distance = fraction > half ? fraction - half : half - fraction;
+  if (distance <= power || scaled >> shift >= 999999999999999) return false;
+  const auto whole = static_cast<unsigned long>(scaled >> shift) + (fraction > half);
+  const double quotient = static_cast<double>(whole) / static_cast<double>(power);
+  rounded->sign = value < 0;
+  rounded->value = rounded->sign ? -quotient : quotient;
+  rounded->SetDigits(whole, decimals);
+  return true;
+}
+
 // Rounds half to even by the decimal digits that the value is written with, not by its binary
 // fraction: 2.345 has a half to round, though the double is no exact half. Where rounding would
 // begin in front of the first digit, that digit is tested as if it stood there: 0.0006 to two
 // decimals is 0.01, and scripts know it so.
 Rounded Round(double value, int decimals) {
   Rounded rounded;
+  if (RoundByFraction(value, decimals, &rounded)) return rounded;
   rounded.value = value;
   char* digits = rounded.digits;
   const int length =

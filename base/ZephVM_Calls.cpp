@@ -342,7 +342,7 @@ bool ZephVM::TakeExternalArguments(Function* function, const _ZP_EL_Function* ro
       if (!argument) return false;
       locals->SetVariable_Reference(p->index(), argument);
     } else {
-      argument = locals->Index(p->index(), 1);
+      argument = locals->At(p->index(), 1);
       if (!argument) {
         FatalError("Invalid parameter reference");
         return false;

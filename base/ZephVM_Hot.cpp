@@ -376,6 +376,15 @@ on_Concatenate:
   s->Concatenate();
   ASK_STACK
   NEXT(1)
+on_ConcatenateText:
+  SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && top[-1].deferred)
+  top[-1].AppendDeferred(op->text, op->length);
+  NEXT(2)
+on_ConcatenateVariable:
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && top[-1].deferred && variable && variable->IsOrdinary())
+  top[-1].AppendDeferred(variable);
+  NEXT(2)
 on_Swap:
   LEAVE_UNLESS(HOLDS(2))
   s->Swap(top - 1, top - 2);

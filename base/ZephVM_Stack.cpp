@@ -582,44 +582,71 @@ void ZephVM_Stack::ConcatenateTexts(Entry* left, Entry* right) {
   PushS(text, static_cast<int>(length), static_cast<int>(length) + 1, 1);
 }
 
-// A text that begins with a variable's is put together when it is looked at, which for the usual
-// s = s cat x is never: see base/DeferredText.h. The entry counts as what it would be.
+namespace {
+
+// Longer texts are chained sooner than copied.
+const int kShortText = 256;
+
+bool IsShort(const Entry* entry) {
+  switch (entry->kind) {
+    case ZephVM_Stack::KindString:
+      return entry->deferred ? entry->value.pending->length() <= kShortText
+                             : entry->length <= kShortText;
+    case ZephVM_Stack::KindLinkBuffer:
+      return entry->deferred && entry->value.pending->length() <= kShortText;
+    case ZephVM_Stack::KindVariable: {
+      const Variable* variable = entry->value.variable;
+      return !(variable->plain_forms() & Variable::TextForm) ||
+             variable->plain_text().length <= kShortText;
+    }
+    default: return true;
+  }
+}
+
+void AppendTo(DeferredText* text, const Entry* entry) {
+  if (entry->deferred) {
+    text->Append(*entry->value.pending);
+  } else if (entry->kind == ZephVM_Stack::KindInteger) {
+    text->Append(entry->value.integer);
+  } else if (entry->kind == ZephVM_Stack::KindDouble) {
+    text->Append(entry->value.number);
+  } else if (entry->kind == ZephVM_Stack::KindVariable) {
+    text->Append(entry->value.variable);
+  } else {
+    const EntryText bytes = TextOf(entry);
+    text->Append(bytes.data, bytes.length);
+  }
+}
+
+}  // namespace
+
+// A text is put together when it is looked at, which for the usual s = s cat x is never: see
+// base/DeferredText.h. The entry counts as what it would be.
 bool ZephVM_Stack::Defer(Entry* left, Entry* right) {
   if (left->deferred) {
-    AppendDeferred(left->value.pending, right);
-    left->kind = KindLinkBuffer;
-    left->length = left->size = 8;
+    AppendTo(left->value.pending, right);
+    left->MarkChained();
+    Drop();
     return true;
   }
-  DeferredText* text = DeferredText::Begin(left->value.variable);
-  if (!text) return false;
+  std::unique_ptr<DeferredText> text(
+      left->kind == KindVariable ? DeferredText::Begin(left->value.variable) : nullptr);
+  if (!text) {
+    if (!IsShort(left) || !IsShort(right)) return false;
+    text = std::make_unique<DeferredText>();
+    AppendTo(text.get(), left);
+  }
   const bool chained = left->deletable || right->deletable;
+  AppendTo(text.get(), right);
   Free(left);
   left->kind = chained ? KindLinkBuffer : KindString;
   left->deletable = left->deferred = 1;
   left->private_copy = 0;
-  left->value.pending = text;
-  left->length = left->size = 8;
-  AppendDeferred(text, right);
-  if (!chained) {
-    left->length = text->length();
-    left->size = left->length + 1;
-  }
-  return true;
-}
-
-void ZephVM_Stack::AppendDeferred(DeferredText* text, Entry* right) {
-  if (right->kind == KindInteger) {
-    text->Append(right->value.integer);
-  } else if (right->kind == KindDouble) {
-    text->Append(right->value.number);
-  } else if (right->kind == KindVariable) {
-    text->Append(right->value.variable);
-  } else {
-    const EntryText bytes = TextOf(right);
-    text->Append(bytes.data, bytes.length);
-  }
+  left->length = chained ? 8 : text->length();
+  left->size = chained ? 8 : left->length + 1;
+  left->value.pending = text.release();
   Drop();
+  return true;
 }
 
 void ZephVM_Stack::Concatenate() {
@@ -630,10 +657,9 @@ void ZephVM_Stack::Concatenate() {
   // Both entries stay on the stack until the work is done: should memory run out, they are freed
   // with it.
   Entry* left = top - 2;
-  Entry* right = Settled(top - 1);
-  if (left->deferred || left->kind == KindVariable) {
-    if (Defer(left, right)) return;
-  }
+  Entry* right = top - 1;
+  if (Defer(left, right)) return;
+  Settled(right);
   const bool right_is_buffer = right->kind == KindLinkBuffer && right->deletable;
   const bool both_buffers = left->kind == KindLinkBuffer && right->kind == KindLinkBuffer;
   if (left->deletable && (both_buffers || !right_is_buffer)) {

@@ -8,11 +8,11 @@
 #include <cstdint>
 #include <cstring>
 
+#include "base/DeferredText.h"
 #include "base/FreeList.h"
 #include "base/Numbers.h"
 #include "base/Variable.h"
 
-class DeferredText;
 class LinkBuffer;
 class ZephVM;
 
@@ -77,6 +77,20 @@ class ZephVM_Stack {
     void SetVariable(Variable* held) {
       held->Hold();
       SetOwned(held);
+    }
+    void MarkChained() {
+      kind = KindLinkBuffer;
+      length = size = 8;
+    }
+    // Puts more behind a deferred text. What comes of two cats is a LinkBuffer.
+    template <typename Value>
+    void AppendDeferred(Value added) {
+      value.pending->Append(added);
+      MarkChained();
+    }
+    void AppendDeferred(const char* bytes, int count) {
+      value.pending->Append(bytes, count);
+      MarkChained();
     }
     // Whether the entry has something to free.
     bool Owns() const {
@@ -212,6 +226,10 @@ class ZephVM_Stack {
   }
   static int Compare(const Stack_Entry* left, const Stack_Entry* right);
   void Dupe();
+  // Takes a text off that is still to be put together, as the caller's; null for anything else.
+  DeferredText* PopDeferred() {
+    return top > entries && top[-1].deferred ? (--top)->value.pending : nullptr;
+  }
   // Exchanges the entries at two depths; 0 is the top.
   void Swap(int a, int b);
   // Takes two entries off and pushes the lower followed by the top. A run of these builds one
