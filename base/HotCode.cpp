@@ -1,6 +1,7 @@
 #include "base/HotCode.h"
 
 #include "base/Dictionary.h"
+#include "base/Function.h"
 #include "base/Instructions.h"
 #include "base/LittleEndian.h"
 #include "base/Numbers.h"
@@ -81,11 +82,20 @@ bool IsArithmetic(HotAction action) {
   return action >= HotAction::Add && action <= HotAction::Div;
 }
 
+// Whether an operation reads both of its operands as numbers, whatever they are.
+bool IsNumeric(HotAction action) {
+  return action >= HotAction::Add && action <= HotAction::Mod;
+}
+
 }  // namespace
 
-HotCode::HotCode(const unsigned char* code, int length, const Dictionary& dictionary) {
+HotCode::HotCode(const unsigned char* code, int length, const Dictionary& dictionary,
+                 const FunctionManager* functions) {
   Decode(code, length, dictionary);
   FindTargets(length);
+  for (size_t i = 1; i + kLongestIdiom <= ops.size(); i++) {
+    ops[i].after_number = Is(i - 1, HotAction::Call) && IsUsedAsNumber(i, functions);
+  }
   for (size_t i = 0; i + kLongestIdiom <= ops.size(); i++) ops[i].action = Idiom(i);
 }
 
@@ -139,6 +149,47 @@ void HotCode::FindTargets(int length) {
   }
 }
 
+namespace {
+
+// What an instruction takes off the stack and puts on it; false where that is not known here.
+bool StackEffect(const HotOp& op, const FunctionManager* functions, int* taken, int* put) {
+  *put = 1;
+  *taken = 0;
+  switch (op.single) {
+    case HotAction::PushInteger:
+    case HotAction::PushDouble:
+    case HotAction::PushText:
+    case HotAction::PushVariable: return true;
+    case HotAction::Line: *put = 0; return true;
+    case HotAction::Element:
+    case HotAction::ElementReadOnly:
+    case HotAction::Member:
+    case HotAction::MemberReadOnly:
+    case HotAction::Concatenate: *taken = 2; return true;
+    case HotAction::Call: {
+      Function* function = functions ? functions->Lookup(op.first) : nullptr;
+      if (!function) return false;
+      *taken = static_cast<int>(function->slots().size());
+      return true;
+    }
+    default: *taken = 2; return IsNumeric(op.single);
+  }
+}
+
+}  // namespace
+
+// Follows the value that lies on top in front of an instruction to the one that takes it.
+bool HotCode::IsUsedAsNumber(size_t i, const FunctionManager* functions) const {
+  int above = 0;  // entries above the value
+  for (; i + kLongestIdiom <= ops.size(); i++) {
+    int taken, put;
+    if (!StackEffect(ops[i], functions, &taken, &put)) return false;
+    if (taken > above) return taken == 2 && IsNumeric(ops[i].single);
+    above += put - taken;
+  }
+  return false;
+}
+
 HotAction HotCode::Idiom(size_t i) const {
   const HotAction action = ops[i].single;
   const HotAction next = ops[i + 1].single;
@@ -162,6 +213,7 @@ HotAction HotCode::Idiom(size_t i) const {
   if (IsConstant(next)) return IdiomOfVariableAndConstant(i);
   if (IsArithmetic(next)) return Shifted(next, HotAction::Add, HotAction::AddVariable);
   if (next == HotAction::Concatenate) return HotAction::ConcatenateVariable;
+  if (next == HotAction::Return && ops[i].local) return HotAction::ReturnVariable;
   if (next == HotAction::PushVariable) return IdiomOfVariables(i);
   if (next == HotAction::PushText) {
     if (Is(i + 2, HotAction::Member)) return HotAction::MemberOfVariable;

@@ -14,6 +14,7 @@
 #include <vector>
 
 class Dictionary;
+class FunctionManager;
 
 // What the hot loop (base/ZephVM_Hot.cpp) does at an instruction, or at several: ACTION is defined
 // by whoever lists them.
@@ -21,6 +22,7 @@ class Dictionary;
 //   Leave                         nothing: it is left to the machine's loop
 //   Handler                       one instruction, by the machine's own handler
 //   Push..., Pop, ..., Return     one instruction
+//   ReturnVariable                the value of a local variable, and the return with it
 //   ...VariableConstant           a variable, a constant, and an operation on the two
 //   ...VariableConstantJump       the same, with a jump on the outcome
 //   ...Constant, ...Variable      a constant or a variable, and an operation on the top and it
@@ -47,7 +49,8 @@ class Dictionary;
   ACTION(CompareConstant) ACTION(CompareGlobals) ACTION(ModGlobals)                                  \
   ACTION(Increment) ACTION(StoreConstant) ACTION(Line)                                               \
   ACTION(Element) ACTION(ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly)                      \
-  ACTION(Call) ACTION(Return) ACTION(ConcatenateText) ACTION(ConcatenateVariable)                    \
+  ACTION(Call) ACTION(Return) ACTION(ReturnVariable)                                                 \
+  ACTION(ConcatenateText) ACTION(ConcatenateVariable)                                                \
   ACTION(AddVariableConstant) ACTION(SubVariableConstant)                                            \
   ACTION(MulVariableConstant) ACTION(DivVariableConstant)                                            \
   ACTION(ModVariableConstant) ACTION(ModVariableConstantJump) ACTION(ModConstant)                    \
@@ -70,11 +73,11 @@ class Dictionary;
 // Instructions that the hot loop runs by the machine's handler of that name: those that are
 // frequent, too long to stand in line, and change nothing of the machine but its stack and its
 // flags.
-#define ZEPH_HOT_HANDLERS                                                               \
-  HANDLER(out)                                                                          \
-  HANDLER(out_comp)                                                                     \
-  HANDLER(rounds) HANDLER(roundf) HANDLER(isnull) HANDLER(in) HANDLER(cin) HANDLER(ein) \
-      HANDLER(ecin)
+#define ZEPH_HOT_HANDLERS \
+  HANDLER(out)            \
+  HANDLER(out_comp)       \
+  HANDLER(rounds)         \
+  HANDLER(roundf) HANDLER(isnull) HANDLER(in) HANDLER(cin) HANDLER(ein) HANDLER(ecin)
 
 enum class HotAction : unsigned char {
 #define ACTION(name) name,
@@ -87,9 +90,12 @@ struct HotOp {
   HotAction action = HotAction::Leave;
   HotAction single = HotAction::Leave;  // the action for this instruction alone
   bool local = false;                   // whether a variable's position is one of the locals
-  unsigned short code = 0;              // the instruction's number, see base/Instructions.h
-  int start = 0;                        // offset of the instruction in the segment
-  int first = 0;                        // its integer operands; a constant as an integer
+  // Whether the value of the call in front of this instruction is used as a number, by an operation
+  // that is sure to come, and in no other way.
+  bool after_number = false;
+  unsigned short code = 0;  // the instruction's number, see base/Instructions.h
+  int start = 0;            // offset of the instruction in the segment
+  int first = 0;            // its integer operands; a constant as an integer
   int second = 0;
   int length = 0;  // of a text
   union {
@@ -102,8 +108,9 @@ struct HotOp {
 class HotCode {
  public:
   // Decodes that many bytes of code, which have 16 further bytes behind them. The texts of
-  // constants stay the dictionary's.
-  HotCode(const unsigned char* code, int length, const Dictionary& dictionary);
+  // constants stay the dictionary's. The functions may be null: nothing is known of calls then.
+  HotCode(const unsigned char* code, int length, const Dictionary& dictionary,
+          const FunctionManager* functions);
 
   // The record of the instruction at an offset; null where none begins.
   const HotOp* At(int offset) const {
@@ -115,6 +122,7 @@ class HotCode {
  private:
   void Decode(const unsigned char* code, int length, const Dictionary& dictionary);
   void FindTargets(int length);
+  bool IsUsedAsNumber(size_t i, const FunctionManager* functions) const;
   HotAction Idiom(size_t i) const;
   HotAction IdiomOfVariableAndConstant(size_t i) const;
   HotAction IdiomOfVariables(size_t i) const;

@@ -53,9 +53,9 @@ Segment::Segment(const Segment& other)
 
 Segment::~Segment() = default;
 
-void Segment::MakeHot(const Dictionary& dictionary) {
+void Segment::MakeHot(const Dictionary& dictionary, const FunctionManager* functions) {
   if (data_length > LongestHot) return;
-  hot_code = std::make_unique<HotCode>(data.get(), data_length, dictionary);
+  hot_code = std::make_unique<HotCode>(data.get(), data_length, dictionary, functions);
 }
 
 void Segment::Cool() {

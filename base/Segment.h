@@ -9,6 +9,7 @@
 #include "base/StringClass.h"
 
 class Dictionary;
+class FunctionManager;
 class HotCode;
 class TaggedFile;
 
@@ -61,8 +62,8 @@ class Segment {
 
   // The machine comes back to code that it has run before: from the Repeats-th time on there is the
   // decoded form of a segment that is not too long for it. A write drops it.
-  void NoteRepeat(const Dictionary& dictionary) {
-    if (repeats < Repeats && ++repeats == Repeats) MakeHot(dictionary);
+  void NoteRepeat(const Dictionary& dictionary, const FunctionManager* functions) {
+    if (repeats < Repeats && ++repeats == Repeats) MakeHot(dictionary, functions);
   }
   const HotCode* hot() const { return hot_code.get(); }
 
@@ -78,7 +79,7 @@ class Segment {
     return position >= 0 && size <= data_length && position <= data_length - size;
   }
 
-  void MakeHot(const Dictionary& dictionary);
+  void MakeHot(const Dictionary& dictionary, const FunctionManager* functions);
   void Cool();
 
   int segment_number;

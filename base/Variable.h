@@ -195,6 +195,8 @@ class Variable {
   int plain_integer() const { return integer_value; }
   double plain_double() const { return double_value; }
   const String& plain_text() const { return string_value; }
+  // For one that is plain.
+  int plain_count() const { return refcount_; }
 
   // value_integer()
   int Read_Integer() {

@@ -298,18 +298,6 @@ SharedName* VariableHash::NameForTwins(int position) {
   return name;
 }
 
-bool VariableHash::Renew(const VariableHash& source) {
-  if (entry_count != source.entry_count || index != source.index || error_.data) return false;
-  for (int i = 0; i < entry_count; i++) {
-    Variable* variable = entries[i].variable;
-    if (!variable || variable->Renew()) continue;
-    entries[i].variable = nullptr;
-    entries[i].version = 0;
-    variable->Release();
-  }
-  return true;
-}
-
 Variable* VariableHash::MakeVariable(_VH_Entry* entry) {
   const auto position = static_cast<int>(entry - entries);
   SharedName* shared = position < index->names_shared ? index->shared_names[position] : nullptr;

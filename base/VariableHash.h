@@ -8,12 +8,11 @@
 #include "base/BaseTemplates.h"
 #include "base/FreeList.h"
 #include "base/StringClass.h"
+#include "base/Variable.h"
 
 class Dictionary;
 class SharedName;
 class TaggedFile;
-class Variable;
-class VariableList;
 class ZephApplication;
 
 // One row of a table. The variable may be null: the name is known, the variable not made yet.
@@ -131,7 +130,17 @@ class VariableHash {
 
   // Makes the empty twin of a source, whose call is over, an empty twin for the next call. False if
   // it is none any more, since it has got a name of its own.
-  bool Renew(const VariableHash& source);
+  bool Renew(const VariableHash& source) {
+    if (entry_count != source.entry_count || index != source.index || error_.data) return false;
+    for (int i = 0; i < entry_count; i++) {
+      Variable* variable = entries[i].variable;
+      if (!variable || variable->Renew()) continue;
+      entries[i].variable = nullptr;
+      entries[i].version = 0;
+      variable->Release();
+    }
+    return true;
+  }
 
   // Bucket of a name.
   unsigned hash(const char* name, int length) const;

@@ -197,7 +197,7 @@ class ZephVM {
 
   // Where a jump from behind its instruction leads.
   int Jumped(int from, int distance) {
-    if (distance < 0 && segment) segment->NoteRepeat(*dictionary);
+    if (distance < 0 && segment) segment->NoteRepeat(*dictionary, functions);
     return WrapAdd(from, distance);
   }
 
@@ -237,11 +237,13 @@ class ZephVM {
     }
   }
 
-  // Calls.
+  // Calls. There may be far more activations than a script needs, and few enough for the memory of
+  // a thread.
+  static constexpr int MostFrames = 65536;
   class NestedRun;
   ZephVM_FunctionFrame* FrameFor(Function* function);
   void KeepFrame(ZephVM_FunctionFrame* left);
-  bool CallAtOnce(Function* function);
+  int SimpleParameters(Function* function);
   void SetOutputMode(int mode);
   void TakeArguments(Function* function, VariableHash* locals);
   void LogParameterOf(Function* function, FunctionParameter* parameter, Variable* value);

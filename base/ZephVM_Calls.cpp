@@ -17,8 +17,6 @@
 
 namespace {
 
-// Far more activations than a script needs, and few enough for the memory of a thread.
-const int kMostFrames = 65536;
 // Runs within runs: each takes a piece of the thread's own stack.
 const int kMostRuns = 500;
 
@@ -56,7 +54,7 @@ void ZephVM::call() {
 }
 
 void ZephVM::CallFunction(Function* function) {
-  if (frame_count >= kMostFrames) {
+  if (frame_count >= MostFrames) {
     FatalError("Stack overflow");
     return;
   }
@@ -73,55 +71,10 @@ void ZephVM::CallFunction(Function* function) {
   wanted_segment = function->segment();
   program_counter = function->offset();
   if (Segment* called_code = segments->Lookup(wanted_segment)) {
-    called_code->NoteRepeat(*dictionary);
+    called_code->NoteRepeat(*dictionary, functions);
   }
   frame_count++;
   EnterFrame(called.release());
-}
-
-// What CallFunction() does, for the calls that most are: a frame is kept, the log wants nothing,
-// and all arguments are numbers that are passed by value. False, and nothing done, for any other.
-bool ZephVM::CallAtOnce(Function* function) {
-  const auto index = static_cast<size_t>(function->index());
-  ZephVM_FunctionFrame* called = index < idle_frames.size() ? idle_frames[index] : nullptr;
-  if (!called || called->function != function || frame_count >= kMostFrames) return false;
-  const std::vector<FunctionParameter*>& parameters = function->slots();
-  const auto count = static_cast<int>(parameters.size());
-  ZephVM_Stack::Stack_Entry* const end = stack->End();
-  if (!stack->HoldsBelow(end, count)) return false;
-  ZephVM_Stack::Stack_Entry* argument = end - count;
-  for (FunctionParameter* p : parameters) {
-    Variable* local = p->byreference() ? nullptr : called->variables->At(p->index(), 1);
-    if (!local || !local->IsPlain()) return false;
-    if (argument->kind == ZephVM_Stack::KindDouble) {
-      local->Write_Double(argument->value.number);
-    } else if (argument->kind == ZephVM_Stack::KindInteger) {
-      local->Write_Integer(argument->value.integer);
-    } else if (argument->kind != ZephVM_Stack::KindVariable ||
-               !local->CopyNumber(*argument->value.variable)) {
-      return false;
-    }
-    argument++;
-  }
-  while (argument != end - count) ZephVM_Stack::Free(--argument);
-  stack->SetEnd(argument);
-  idle_frames[index] = called->next_idle;
-  called->return_segment = wanted_segment;
-  called->return_offset = program_counter;
-  called->error_output = ErrorOutputIn(frame->error_output, function->flags());
-  called->output_mode = OutputModeIn(frame->output_mode, function->flags());
-  called->previous = frame;
-  SetOutputMode(called->output_mode);
-  wanted_segment = function->segment();
-  program_counter = function->offset();
-  if (wanted_segment != loaded_segment) {
-    if (Segment* called_code = segments->Lookup(wanted_segment)) {
-      called_code->NoteRepeat(*dictionary);
-    }
-  }
-  frame_count++;
-  EnterFrame(called);
-  return true;
 }
 
 // A frame with an empty stack and the function's locals, the caller's. One that has served a call
@@ -138,7 +91,19 @@ ZephVM_FunctionFrame* ZephVM::FrameFor(Function* function) {
   auto made = std::make_unique<ZephVM_FunctionFrame>(0, 0, function);
   made->Set_LocalVariable_Hash(new VariableHash(function->variables()), true);
   made->Set_Stack(new ZephVM_Stack(this), true);
+  made->simple_parameters = SimpleParameters(function);
   return made.release();
+}
+
+int ZephVM::SimpleParameters(Function* function) {
+  const int others = Function_ErrorOutputOn | Function_ErrorOutputOff | Function_InheritOutputMode |
+                     Function_External;
+  if (function->flags() & others) return -1;
+  const std::vector<FunctionParameter*>& parameters = function->slots();
+  for (size_t i = 0; i < parameters.size(); i++) {
+    if (parameters[i]->byreference() || parameters[i]->index() != static_cast<int>(i)) return -1;
+  }
+  return static_cast<int>(parameters.size());
 }
 
 // Takes over a frame that was left: for the next call, if it can be made as new.

@@ -60,6 +60,9 @@ class ZephVM_FunctionFrame : public ZephVM_Frame {
 
   ::Function* function;
   ZephVM_FunctionFrame* next_idle = nullptr;  // behind this one, while the machine keeps it
+  // The count of parameters, if all are taken by value and stand first among the locals, and the
+  // function has an output mode of its own; else -1. For the hot loop.
+  int simple_parameters = -1;
 };
 
 #endif

@@ -508,6 +508,49 @@ on_Handler:
   NEXT(1)
 
 on_Call : {
+  // Most calls are of a function here, with numbers for its arguments, and a frame is kept for it.
+  const auto index = static_cast<unsigned>(op->first);
+  ZephVM_FunctionFrame* called = index < idle_frames.size() ? idle_frames[index] : nullptr;
+  if (!called || called->simple_parameters < 0 || !HOLDS(called->simple_parameters) ||
+      called->function != functions->Lookup(op->first) ||
+      called->function->segment() != loaded_segment || log_mask != 0 || frame_count >= MostFrames) {
+    goto call;
+  }
+  const HotOp* const entry = hot->At(called->function->offset());
+  if (!entry) goto call;
+  const _VH_Entry* const locals = called->variables->Rows(&counts[1]);
+  Entry* argument = top;
+  for (int i = called->simple_parameters; i-- > 0;) {
+    --argument;
+    variable = locals[i].variable;
+    if (!variable || !variable->IsPlain()) goto call;
+    if (argument->kind == ZephVM_Stack::KindDouble) {
+      variable->Write_Double(argument->value.number);
+    } else if (argument->kind == ZephVM_Stack::KindInteger) {
+      variable->Write_Integer(argument->value.integer);
+    } else if (argument->kind != ZephVM_Stack::KindVariable ||
+               !variable->CopyNumber(*argument->value.variable)) {
+      goto call;
+    }
+  }
+  while (top != argument) ZephVM_Stack::Free(--top);
+  TELL_STACK
+  idle_frames[index] = called->next_idle;
+  called->return_segment = loaded_segment;
+  called->return_offset = op[1].start;
+  called->error_output = frame->error_output;
+  called->output_mode = (called->function->flags() & Function_OutputMode1) != 0 ? 1 : 0;
+  called->previous = frame;
+  if (!hot_mode_known || hot_mode != called->output_mode) SetOutputMode(called->output_mode);
+  frame_count++;
+  EnterFrame(called);
+  s = called->stack;
+  ASK_STACK
+  rows[1] = locals;
+  op = entry;
+  goto jumped_back;
+}
+call : {
   Function* function = functions ? functions->Lookup(op->first) : nullptr;
   LEAVE_UNLESS(function && log_mask == 0)
   TELL_STACK
@@ -516,13 +559,14 @@ on_Call : {
   if (function->flags() & Function_External) {
     CallExternalFunction(function);
     hot_mode_known = false;
-  } else if (!CallAtOnce(function)) {
+  } else {
     CallFunction(function);
   }
   goto moved;
 }
+
 on_Return : {
-  ZephVM_Frame* caller = frame->previous;
+  const ZephVM_Frame* caller = frame->previous;
   LEAVE_UNLESS(log_mask == 0 && open_features == 0 && caller && frame->is_function)
   LEAVE_UNLESS(HOLDS(1) && caller->stack->HasRoom(1))
   // A borrowed variable may be a local one, which goes with the frame.
@@ -530,11 +574,45 @@ on_Return : {
   --top;
   caller->stack->End()->CopyFrom(*top);
   caller->stack->SetEnd(caller->stack->End() + 1);
+  goto returned;
+}
+// A number in a variable that nobody has but the function: to whom a number is all the same, gets
+// it alone.
+on_ReturnVariable : {
+  const ZephVM_Frame* caller = frame->previous;
+  SINGLE_UNLESS(log_mask == 0 && open_features == 0 && caller && frame->is_function)
+  variable = VARIABLE(op);
+  const HotOp* const after =
+      frame->return_segment == loaded_segment ? hot->At(frame->return_offset) : nullptr;
+  SINGLE_UNLESS(HAS_ROOM(1) && after && after->after_number && NumberOf(variable, &a) &&
+                variable->plain_count() == 1 && caller->stack->HasRoom(1))
+  caller->stack->End()->SetDouble(a);
+  caller->stack->SetEnd(caller->stack->End() + 1);
+}
+// The value is on the caller's stack. What else there is on the function's own goes with the frame.
+returned : {
+  auto* const left = static_cast<ZephVM_FunctionFrame*>(frame);
+  while (HOLDS(1)) ZephVM_Stack::Free(--top);
   TELL_STACK
-  wanted_segment = frame->return_segment;
-  program_counter = frame->return_offset;
-  LeaveFrame();
-  goto moved;
+  frame = left->previous;
+  stack = s = frame->stack;
+  frame_count--;
+  const int segment_after = left->return_segment;
+  const int offset_after = left->return_offset;
+  const auto index = static_cast<size_t>(left->function->index());
+  if (left->simple_parameters >= 0 && index < idle_frames.size() &&
+      left->variables->Renew(left->function->variables())) {
+    left->next_idle = idle_frames[index];
+    idle_frames[index] = left;
+  } else {
+    KeepFrame(left);
+  }
+  if (!hot_mode_known || hot_mode != frame->output_mode) SetOutputMode(frame->output_mode);
+  op = segment_after == loaded_segment ? hot->At(offset_after) : nullptr;
+  if (op) goto entered;
+  wanted_segment = segment_after;
+  program_counter = offset_after;
+  return;
 }
 
 jumped_back:

@@ -247,6 +247,7 @@ class ZephVM_Stack {
   // --- For the hot loop, which makes the tests itself (base/ZephVM_Hot.cpp) ----------------------
   // Behind the last entry; whether that many fit there.
   Stack_Entry* End() const { return top; }
+  Stack_Entry* Begin() const { return entries; }
   void SetEnd(Stack_Entry* end) { top = end; }
   bool HasRoom(int count) const { return limit - top >= count; }
   // The same where the caller knows the end, and whether that many entries stand before it.

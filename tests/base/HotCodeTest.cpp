@@ -53,7 +53,7 @@ TEST(HotCode, KnowsWhereInstructionsBegin) {
   int end = segment.Write_Word(0, pushi);
   end = segment.Write_Dword(end, 7);
   end = segment.Write_Word(end, add);
-  const HotCode hot(segment.code(), segment.length(), dictionary);
+  const HotCode hot(segment.code(), segment.length(), dictionary, nullptr);
   ASSERT_NE(hot.At(0), nullptr);
   EXPECT_EQ(hot.At(0)->first, 7);
   EXPECT_EQ(hot.At(0)->action, HotAction::AddConstant);
@@ -72,7 +72,7 @@ TEST(HotCode, AJumpBetweenInstructionsIsLeftToTheLoop) {
   Segment segment(0);
   int end = segment.Write_Word(0, jmp);
   end = segment.Write_Dword(end, static_cast<unsigned>(-5));
-  const HotCode hot(segment.code(), segment.length(), dictionary);
+  const HotCode hot(segment.code(), segment.length(), dictionary, nullptr);
   EXPECT_EQ(hot.At(0)->action, HotAction::Leave);
 }
 
