@@ -68,6 +68,19 @@ bool IsJump(HotAction action) {
   return action >= HotAction::Jump && action <= HotAction::JumpGreaterEqual;
 }
 
+// HotOp::orders of a jump.
+unsigned char OrdersOf(HotAction jump) {
+  switch (jump) {
+    case HotAction::JumpEqual: return 2;
+    case HotAction::JumpNotEqual: return 5;
+    case HotAction::JumpLess: return 1;
+    case HotAction::JumpLessEqual: return 3;
+    case HotAction::JumpGreater: return 4;
+    case HotAction::JumpGreaterEqual: return 6;
+    default: return 7;
+  }
+}
+
 bool IsConstant(HotAction action) {
   return action == HotAction::PushInteger || action == HotAction::PushDouble;
 }
@@ -145,6 +158,7 @@ void HotCode::FindTargets(int length) {
       op.single = HotAction::Leave;
     } else {
       op.target = &ops[static_cast<size_t>(record)];
+      op.orders = OrdersOf(op.single);
     }
   }
 }

@@ -93,6 +93,8 @@ struct HotOp {
   // Whether the value of the call in front of this instruction is used as a number, by an operation
   // that is sure to come, and in no other way.
   bool after_number = false;
+  // Of a jump, on which orders it is made: bit 0 for less, 1 for equal, 2 for greater.
+  unsigned char orders = 0;
   unsigned short code = 0;  // the instruction's number, see base/Instructions.h
   int start = 0;            // offset of the instruction in the segment
   int first = 0;            // its integer operands; a constant as an integer

@@ -134,12 +134,6 @@ void ZephVM::MakeBaseFrame() {
   EnterFrame(base.release());
 }
 
-void ZephVM::EnterFrame(ZephVM_Frame* new_frame) {
-  new_frame->serial = ++frame_serials;
-  frame = new_frame;
-  stack = frame->stack;
-}
-
 void ZephVM::SetScriptDirectory() {
   const char* slash = script_path.length > 0 ? strrchr(script_path.data, '/') : nullptr;
   int length = slash ? static_cast<int>(slash - script_path.data) + 1 : 0;

@@ -179,7 +179,11 @@ class ZephVM {
 
   void MakeBaseFrame();
   void SetScriptDirectory();
-  void EnterFrame(ZephVM_Frame* new_frame);
+  void EnterFrame(ZephVM_Frame* new_frame) {
+    new_frame->serial = ++frame_serials;
+    frame = new_frame;
+    stack = frame->stack;
+  }
 
   void Drop(Feature* feature);
   bool LogAdmitsPlace();

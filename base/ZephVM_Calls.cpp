@@ -92,6 +92,11 @@ ZephVM_FunctionFrame* ZephVM::FrameFor(Function* function) {
   made->Set_LocalVariable_Hash(new VariableHash(function->variables()), true);
   made->Set_Stack(new ZephVM_Stack(this), true);
   made->simple_parameters = SimpleParameters(function);
+  made->entry_segment = function->segment();
+  made->entry_offset = function->offset();
+  made->place = static_cast<size_t>(function->index());
+  made->locals = &function->variables();
+  made->simple_mode = OutputModeIn(0, function->flags());
   return made.release();
 }
 

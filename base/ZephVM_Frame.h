@@ -4,6 +4,8 @@
 #ifndef ZEPH_BASE_ZEPHVM_FRAME_H
 #define ZEPH_BASE_ZEPHVM_FRAME_H
 
+#include <cstddef>
+
 #include "base/FreeList.h"
 
 class Function;
@@ -60,9 +62,16 @@ class ZephVM_FunctionFrame : public ZephVM_Frame {
 
   ::Function* function;
   ZephVM_FunctionFrame* next_idle = nullptr;  // behind this one, while the machine keeps it
-  // The count of parameters, if all are taken by value and stand first among the locals, and the
-  // function has an output mode of its own; else -1. For the hot loop.
+
+  // --- What the function says, for the hot loop --------------------------------------------------
+  // The count of parameters, if all are taken by value and stand first among the locals, and
+  // neither its output mode nor its error output goes by the caller's; else -1.
   int simple_parameters = -1;
+  int simple_mode = 0;  // its output mode
+  int entry_segment = -1;
+  int entry_offset = -1;
+  size_t place = 0;                // the function's index
+  VariableHash* locals = nullptr;  // the template of its local variables
 };
 
 #endif

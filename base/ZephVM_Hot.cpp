@@ -15,6 +15,7 @@
 #include "base/Segment.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
+#include "base/ZephApplication.h"
 #include "base/ZephVM.h"
 
 namespace {
@@ -105,16 +106,9 @@ inline bool IsNumberOrPlain(const Entry* entry) {
   return true;
 }
 
-// How an order answers to the jump behind it.
-[[gnu::always_inline]] inline bool Jumps(HotAction jump, int order) {
-  switch (jump) {
-    case HotAction::JumpEqual: return order == 0;
-    case HotAction::JumpNotEqual: return order != 0;
-    case HotAction::JumpLess: return order < 0;
-    case HotAction::JumpLessEqual: return order <= 0;
-    case HotAction::JumpGreater: return order > 0;
-    default: return order >= 0;
-  }
+// How an order answers to a jump.
+[[gnu::always_inline]] inline bool Jumps(const HotOp* jump, int order) {
+  return (jump->orders >> ((order > 0) - (order < 0) + 1) & 1) != 0;
 }
 
 }  // namespace
@@ -131,14 +125,14 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   int* const over = timed_out;
   int* const ended = exit_flag;
   int* const beats = heartbeat_counter;
-  // Of the current frame: its stack, with what lies behind the last entry, and the rows of both
-  // tables, the globals first.
+  // Of the current frame: its stack, with where its entries end, begin and have to end, and the
+  // rows of both tables, the globals first.
   ZephVM_Stack* s;
   Entry* top;
   const _VH_Entry* rows[2];
   unsigned counts[2];
-  double a, b;
-  int order, number;
+  Entry* bottom;
+  Entry* limit;
   Variable* variable;
 
 // Where each action stands. The jump from one to the next is made at the end of each: processors
@@ -171,7 +165,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define SECOND(record) VARIABLE_AT(0, (record)->second)
 // What the stack's own operations need to know, and leave.
 #define TELL_STACK s->SetEnd(top);
-#define ASK_STACK top = s->End();
+#define ASK_STACK { top = s->End(); bottom = s->Begin(); limit = s->Limit(); }
 #define PUSH(set) { top->set; ++top; }
 // In place of what is on top, or of the two that are.
 #define REPLACE_ONE(set) { \
@@ -182,8 +176,8 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   ZephVM_Stack::Free(top - 2); \
   --top; \
   top[-1].set; }
-#define HOLDS(count) s->HoldsBelow(top, count)
-#define HAS_ROOM(count) s->HasRoomBehind(top, count)
+#define HOLDS(count) (top - (count) >= bottom)
+#define HAS_ROOM(count) (top + (count) <= limit)
 #define TWO_NUMBERS (HOLDS(2) && NumberIn<NumberOf>(top - 2, &a) && NumberIn<NumberOf>(top - 1, &b))
 #define TWO_COMPARABLE \
   (HOLDS(2) && NumberIn<ComparableOf>(top - 2, &a) && NumberIn<ComparableOf>(top - 1, &b))
@@ -191,12 +185,14 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // All forms of an operation on the doubles a and b.
 #define ARITHMETIC(name, result)                                                           \
   on_##name: {                                                                             \
+    double a, b;                                                                           \
     LEAVE_UNLESS(TWO_NUMBERS)                                                              \
     a = result;                                                                            \
     REPLACE_TWO(SetDouble(a))                                                              \
     NEXT(1)                                                                                \
   }                                                                                        \
   on_##name##Pop: {                                                                        \
+    double a, b;                                                                           \
     variable = VARIABLE(op + 1);                                                           \
     SINGLE_UNLESS(variable && variable->IsPlain() && TWO_NUMBERS)                          \
     a = result;                                                                            \
@@ -207,18 +203,21 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     NEXT(2)                                                                                \
   }                                                                                        \
   on_##name##Constant: {                                                                   \
+    double a, b;                                                                           \
     SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && NumberIn<NumberOf>(top - 1, &a))              \
     b = op->number;                                                                        \
     REPLACE_ONE(SetDouble(result))                                                         \
     NEXT(2)                                                                                \
   }                                                                                        \
   on_##name##Variable: {                                                                   \
+    double a, b;                                                                           \
     SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && NumberIn<NumberOf>(top - 1, &a) &&            \
                   NumberOf(VARIABLE(op), &b))                                              \
     REPLACE_ONE(SetDouble(result))                                                         \
     NEXT(2)                                                                                \
   }                                                                                        \
   on_##name##Element: {                                                                    \
+    double a, b; int number;                                                               \
     SINGLE_UNLESS(HAS_ROOM(2) && HOLDS(1) && NumberIn<NumberOf>(top - 1, &a))              \
     variable = VARIABLE(op);                                                               \
     SINGLE_UNLESS(variable && IntegerOf(VARIABLE(op + 1), &number) && number >= 1 &&       \
@@ -227,16 +226,19 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     NEXT(4)                                                                                \
   }                                                                                        \
   on_##name##VariableConstant: {                                                           \
+    double a, b;                                                                           \
     SINGLE_UNLESS(HAS_ROOM(2) && NumberOf(VARIABLE(op), &a))                               \
     b = op[1].number;                                                                      \
     PUSH(SetDouble(result))                                                                \
     NEXT(3)                                                                                \
   }                                                                                        \
   on_Update##name##Constant: {                                                             \
+    double a, b;                                                                           \
     b = op[1].number;                                                                      \
     UPDATE(result)                                                                         \
   }                                                                                        \
   on_Update##name##Variable: {                                                             \
+    double a, b;                                                                           \
     SINGLE_UNLESS(NumberOf(VARIABLE(op + 1), &b))                                          \
     UPDATE(result)                                                                         \
   }
@@ -252,17 +254,20 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // A comparison of a and b. With NaN on either side their order counts as above 0.
 #define COMPARISON(name, holds)                                                            \
   on_##name: {                                                                             \
+    double a, b;                                                                           \
     LEAVE_UNLESS(TWO_COMPARABLE)                                                           \
     REPLACE_TWO(SetInteger(holds))                                                         \
     NEXT(1)                                                                                \
   }                                                                                        \
   on_##name##VariableConstantJump: {                                                       \
+    double a, b;                                                                           \
     SINGLE_UNLESS(HAS_ROOM(2) && ComparableOf(VARIABLE(op), &a))                           \
     b = op[1].number;                                                                      \
     JUMP_IF((holds) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)               \
   }
 #define JUMP_ON(name, holds)                                                               \
   on_##name: {                                                                             \
+    int order;                                                                             \
     LEAVE_UNLESS(HOLDS(1) && top[-1].kind == ZephVM_Stack::KindInteger)                    \
     --top;                                                                                 \
     order = top->value.integer;                                                            \
@@ -270,6 +275,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   }
 #define ELEMENT(name, create)                                                              \
   on_##name: {                                                                             \
+    int number;                                                                            \
     LEAVE_UNLESS(HOLDS(2) && top[-2].kind == ZephVM_Stack::KindVariable)                   \
     variable = top[-2].value.variable;                                                     \
     LEAVE_UNLESS(variable->IsPlain() && IntegerIn(top - 1, &number) && number >= 1)        \
@@ -280,6 +286,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     NEXT(1)                                                                                \
   }                                                                                        \
   on_##name##OfVariable: {                                                                 \
+    int number;                                                                            \
     variable = VARIABLE(op);                                                               \
     SINGLE_UNLESS(HAS_ROOM(2) && variable && variable->IsPlain() &&                        \
                   IntegerOf(VARIABLE(op + 1), &number) && number >= 1)                     \
@@ -389,28 +396,34 @@ on_Swap:
   LEAVE_UNLESS(HOLDS(2))
   s->Swap(top - 1, top - 2);
   NEXT(1)
-
   ARITHMETIC(Add, a + b)
   ARITHMETIC(Sub, a - b)
   ARITHMETIC(Mul, a * b)
   ARITHMETIC(Div, a == 0.0 ? 0.0 : a / b)
-on_Mod:
+on_Mod : {
+  int order, number;
   LEAVE_UNLESS(HOLDS(2) && IntegerIn(top - 2, &order) && IntegerIn(top - 1, &number))
   REPLACE_TWO(SetInteger(Remainder(order, number)))
   NEXT(1)
-on_ModConstant:
+}
+on_ModConstant : {
+  int order;
   SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && IntegerIn(top - 1, &order))
   REPLACE_ONE(SetInteger(Remainder(order, op->first)))
   NEXT(2)
-on_ModVariableConstant:
+}
+on_ModVariableConstant : {
+  int order;
   SINGLE_UNLESS(HAS_ROOM(2) && IntegerOf(VARIABLE(op), &order))
   PUSH(SetInteger(Remainder(order, op[1].first)))
   NEXT(3)
-on_ModVariableConstantJump:
+}
+on_ModVariableConstantJump : {
+  int order;
   SINGLE_UNLESS(HAS_ROOM(2) && IntegerOf(VARIABLE(op), &order))
   order = Remainder(order, op[1].first);
   JUMP_IF((order != 0) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)
-
+}
   COMPARISON(Equal, a == b)
   COMPARISON(NotEqual, !(a == b))
   COMPARISON(Less, a < b)
@@ -427,49 +440,63 @@ on_Jump:
   JUMP_ON(JumpGreater, order > 0)
   JUMP_ON(JumpGreaterEqual, order >= 0)
 
-on_CompareConstant:
+on_CompareConstant : {
+  int order;
   LEAVE_UNLESS(HAS_ROOM(1) && OrderOf(VARIABLE(op), op->second, &order))
   PUSH(SetInteger(order))
   NEXT(1)
-on_CompareConstantJump:
+}
+on_CompareConstantJump : {
+  int order;
   LEAVE_UNLESS(HAS_ROOM(1) && OrderOf(VARIABLE(op), op->second, &order))
-  JUMP_IF(Jumps(op[1].single, order), op + 1, 2)
-on_CompareGlobals:
+  JUMP_IF(Jumps(op + 1, order), op + 1, 2)
+}
+on_CompareGlobals : {
+  int order;
   LEAVE_UNLESS(HAS_ROOM(1) && OrderOf(VARIABLE(op), SECOND(op), &order))
   PUSH(SetInteger(order))
   NEXT(1)
-on_CompareGlobalsJump:
+}
+on_CompareGlobalsJump : {
+  int order;
   LEAVE_UNLESS(HAS_ROOM(1) && OrderOf(VARIABLE(op), SECOND(op), &order))
-  JUMP_IF(Jumps(op[1].single, order), op + 1, 2)
-on_ModGlobals:
+  JUMP_IF(Jumps(op + 1, order), op + 1, 2)
+}
+on_ModGlobals : {
+  int order, number;
   LEAVE_UNLESS(HAS_ROOM(1) && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
                number != 0)
   PUSH(SetInteger(Remainder(order, number)))
   NEXT(1)
-on_ModGlobalsJump:
+}
+on_ModGlobalsJump : {
+  int order, number;
   LEAVE_UNLESS(HAS_ROOM(1) && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
                number != 0)
-  JUMP_IF(Jumps(op[1].single, Remainder(order, number)), op + 1, 2)
-on_Increment:
+  JUMP_IF(Jumps(op + 1, Remainder(order, number)), op + 1, 2)
+}
+on_Increment : {
+  int number;
   variable = VARIABLE(op);
   LEAVE_UNLESS(IntegerOf(variable, &number))
   variable->Write_Integer(WrapAdd(number, op->second));
   NEXT(1)
+}
 on_StoreConstant:
   variable = VARIABLE(op);
   LEAVE_UNLESS(variable && variable->IsPlain())
   variable->Write_Integer(op->second);
   NEXT(1)
 on_Line:
-  LEAVE_UNLESS(log_mask == 0)
+  LEAVE_UNLESS((log_mask & Log_Trace) == 0)
   current_line = op->first;
   NEXT(1)
-
   ELEMENT(Element, 1)
   ELEMENT(ElementReadOnly, 0)
   MEMBER(Member, 1)
   MEMBER(MemberReadOnly, 0)
-on_ElementOfVariableStore:
+on_ElementOfVariableStore : {
+  int number;
   SINGLE_UNLESS(HAS_ROOM(2) && HOLDS(1))
   variable = VARIABLE(op);
   SINGLE_UNLESS(variable && IntegerOf(VARIABLE(op + 1), &number) && number >= 1)
@@ -491,7 +518,7 @@ on_ElementOfVariableStore:
   --top;
   ZephVM_Stack::Free(top);
   NEXT(4)
-
+}
 on_Handler:
   TELL_STACK
   instruction_start = op->start;
@@ -512,11 +539,11 @@ on_Call : {
   const auto index = static_cast<unsigned>(op->first);
   ZephVM_FunctionFrame* called = index < idle_frames.size() ? idle_frames[index] : nullptr;
   if (!called || called->simple_parameters < 0 || !HOLDS(called->simple_parameters) ||
-      called->function != functions->Lookup(op->first) ||
-      called->function->segment() != loaded_segment || log_mask != 0 || frame_count >= MostFrames) {
+      called->entry_segment != loaded_segment || (log_mask & Log_OfCalls) != 0 ||
+      frame_count >= MostFrames) {
     goto call;
   }
-  const HotOp* const entry = hot->At(called->function->offset());
+  const HotOp* const entry = hot->At(called->entry_offset);
   if (!entry) goto call;
   const _VH_Entry* const locals = called->variables->Rows(&counts[1]);
   Entry* argument = top;
@@ -539,7 +566,7 @@ on_Call : {
   called->return_segment = loaded_segment;
   called->return_offset = op[1].start;
   called->error_output = frame->error_output;
-  called->output_mode = (called->function->flags() & Function_OutputMode1) != 0 ? 1 : 0;
+  called->output_mode = called->simple_mode;
   called->previous = frame;
   if (!hot_mode_known || hot_mode != called->output_mode) SetOutputMode(called->output_mode);
   frame_count++;
@@ -552,7 +579,7 @@ on_Call : {
 }
 call : {
   Function* function = functions ? functions->Lookup(op->first) : nullptr;
-  LEAVE_UNLESS(function && log_mask == 0)
+  LEAVE_UNLESS(function && (log_mask & Log_OfCalls) == 0)
   TELL_STACK
   instruction_start = op->start;
   program_counter = op[1].start;
@@ -567,7 +594,7 @@ call : {
 
 on_Return : {
   const ZephVM_Frame* caller = frame->previous;
-  LEAVE_UNLESS(log_mask == 0 && open_features == 0 && caller && frame->is_function)
+  LEAVE_UNLESS((log_mask & Log_OfCalls) == 0 && open_features == 0 && caller && frame->is_function)
   LEAVE_UNLESS(HOLDS(1) && caller->stack->HasRoom(1))
   // A borrowed variable may be a local one, which goes with the frame.
   LEAVE_UNLESS(top[-1].kind != ZephVM_Stack::KindVariable || top[-1].deletable)
@@ -579,8 +606,9 @@ on_Return : {
 // A number in a variable that nobody has but the function: to whom a number is all the same, gets
 // it alone.
 on_ReturnVariable : {
+  double a;
   const ZephVM_Frame* caller = frame->previous;
-  SINGLE_UNLESS(log_mask == 0 && open_features == 0 && caller && frame->is_function)
+  SINGLE_UNLESS((log_mask & Log_OfCalls) == 0 && open_features == 0 && caller && frame->is_function)
   variable = VARIABLE(op);
   const HotOp* const after =
       frame->return_segment == loaded_segment ? hot->At(frame->return_offset) : nullptr;
@@ -599,17 +627,20 @@ returned : {
   frame_count--;
   const int segment_after = left->return_segment;
   const int offset_after = left->return_offset;
-  const auto index = static_cast<size_t>(left->function->index());
-  if (left->simple_parameters >= 0 && index < idle_frames.size() &&
-      left->variables->Renew(left->function->variables())) {
-    left->next_idle = idle_frames[index];
-    idle_frames[index] = left;
+  if (left->simple_parameters >= 0 && left->place < idle_frames.size() &&
+      left->variables->Renew(*left->locals)) {
+    left->next_idle = idle_frames[left->place];
+    idle_frames[left->place] = left;
   } else {
     KeepFrame(left);
   }
   if (!hot_mode_known || hot_mode != frame->output_mode) SetOutputMode(frame->output_mode);
   op = segment_after == loaded_segment ? hot->At(offset_after) : nullptr;
-  if (op) goto entered;
+  if (op) {
+    ASK_STACK
+    rows[1] = frame->variables->Rows(&counts[1]);
+    GO_TO(op->action);
+  }
   wanted_segment = segment_after;
   program_counter = offset_after;
   return;

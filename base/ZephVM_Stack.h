@@ -245,14 +245,13 @@ class ZephVM_Stack {
   void Dump_Stack();
 
   // --- For the hot loop, which makes the tests itself (base/ZephVM_Hot.cpp) ----------------------
-  // Behind the last entry; whether that many fit there.
+  // Behind the last entry, the first one, and behind the last that there is room for.
   Stack_Entry* End() const { return top; }
   Stack_Entry* Begin() const { return entries; }
+  Stack_Entry* Limit() const { return limit; }
   void SetEnd(Stack_Entry* end) { top = end; }
+  // Whether that many entries fit behind the last.
   bool HasRoom(int count) const { return limit - top >= count; }
-  // The same where the caller knows the end, and whether that many entries stand before it.
-  bool HasRoomBehind(const Stack_Entry* end, int count) const { return limit - end >= count; }
-  bool HoldsBelow(const Stack_Entry* end, int count) const { return end - entries >= count; }
   static void Swap(Stack_Entry* a, Stack_Entry* b) {
     Stack_Entry held;
     held.CopyFrom(*a);

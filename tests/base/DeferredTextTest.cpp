@@ -61,6 +61,58 @@ TEST(DeferredText, TheWholeTextIsThePrefixAndWhatWasAppended) {
   EXPECT_TRUE(s->IsPlain());
 }
 
+TEST(DeferredText, MayBeginWithNothing) {
+  const VariableRef s = New(Long);
+  auto* text = new DeferredText();
+  EXPECT_EQ(text->length(), 0);
+  text->Append(7);
+  text->Append(s.get());
+  DeferredText* watching = DeferredText::Begin(s.get());
+  watching->Append("z", 1);
+  text->Append(*watching);
+  text->Append(*watching);
+  delete watching;
+  EXPECT_EQ(Release(text), '7' + Long + Long + 'z' + Long + 'z');
+  EXPECT_TRUE(s->IsPlain());
+  EXPECT_EQ(Release(new DeferredText()), "");
+}
+
+// Into a buffer that is large enough, one that is not, and none; into what is no scalar.
+TEST(DeferredText, WithoutAPrefixItIsAssignedAsAStoreWouldBe) {
+  for (const bool adopt : {false, true}) {
+    for (const string& old : {string(), string(10, 'o'), string(100, 'o')}) {
+      for (const string& whole : {string(), string("short"), string(90, 'x'), string(400, 'y')}) {
+        SCOPED_TRACE(testing::Message() << old.size() << " " << whole.size() << adopt);
+        const int length = static_cast<int>(whole.size());
+        const VariableRef deferred = New(old);
+        const VariableRef stored = New(old);
+        auto* text = new DeferredText();
+        Append(text, whole);
+        text->Assign(deferred.get(), adopt);
+        if (adopt) {
+          char* buffer = new char[whole.size() + 1];
+          memcpy(buffer, whole.c_str(), whole.size() + 1);
+          stored->SetValue_Nocopy(buffer, length, length + 1);
+        } else {
+          stored->SetValue(whole.data(), length);
+        }
+        EXPECT_EQ(Text(deferred), whole);
+        EXPECT_EQ(deferred->value().length, stored->value().length);
+        EXPECT_EQ(deferred->value().allocated, stored->value().allocated);
+        EXPECT_EQ(deferred->plain_forms(), stored->plain_forms());
+        EXPECT_EQ(deferred->primary_type(), stored->primary_type());
+      }
+    }
+    const VariableRef array(new Variable());
+    array->Element(AggregateIndex(1), 1)->SetValue_Integer(1);
+    auto* text = new DeferredText();
+    text->Append("t", 1);
+    text->Assign(array.get(), adopt);
+    EXPECT_EQ(array->aggregatetype(), AggregateNone);
+    EXPECT_EQ(Text(array), "t");
+  }
+}
+
 TEST(DeferredText, BeginsOnlyWhereThePrefixCanBeWatched) {
   EXPECT_EQ(DeferredText::Begin(New("short").get()), nullptr);
   EXPECT_EQ(DeferredText::Begin(VariableRef(new Variable()).get()), nullptr);

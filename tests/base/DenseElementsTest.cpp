@@ -3,6 +3,9 @@
 
 #include "base/DenseElements.h"
 
+#include <bit>
+#include <climits>
+#include <cmath>
 #include <memory>
 #include <random>
 #include <string>
@@ -150,12 +153,22 @@ class Pair {
   Pair() : array(new Variable()), tree(new Plain()) { array->Convert_Aggregate(AggregateArray); }
 
   void Write(int position) {
-    Variable* element = array->Element(AggregateIndex(position), 1);
-    ASSERT_NE(element, nullptr);
-    element->SetValue_Integer(++value);
+    ++value;
+    if (value % 3 == 0 || !array->WriteElement(position, value)) {
+      Variable* element = array->Element(AggregateIndex(position), 1);
+      ASSERT_NE(element, nullptr);
+      element->SetValue_Integer(value);
+    }
     tree->Element(position, 1)->var()->SetValue_Integer(value);
   }
   void Read(int position) {
+    double number;
+    if (value % 3 == 0 && array->ReadElement(position, &number)) {
+      AggregateElement* expected = tree->Element(position, 0);
+      ASSERT_NE(expected, nullptr);
+      ASSERT_EQ(number, expected->var()->value_integer());
+      return;
+    }
     Variable* found =
         value % 2 ? array->At(position, 0) : array->Element(AggregateIndex(position), 0);
     AggregateElement* expected = tree->Element(position, 0);
@@ -553,6 +566,86 @@ TEST(DenseElements, WhoAsksForElementsGetsThem) {
   EXPECT_TRUE(tree.IsRow());
   tree.Dump();
   EXPECT_EQ(tree.Entries(), 0);
+}
+
+// --- Numbers without a variable ------------------------------------------------------------------
+
+VariableRef NewArray() {
+  VariableRef array(new Variable());
+  array->Element(AggregateIndex(1), 1)->SetValue("first", 5);
+  return array;
+}
+
+TEST(DenseElements, ANumberReadsAsAVariableThatItWasStoredIn) {
+  const VariableRef array = NewArray();
+  const double doubles[] = {0.0, -0.0, 1.5, -1e300, 5e-324, HUGE_VAL, -HUGE_VAL, 4294967296.0};
+  const int integers[] = {0, 1, -1, INT_MAX, INT_MIN};
+  int position = 1;
+  for (const double number : doubles) ASSERT_TRUE(array->WriteElement(++position, number));
+  for (const int number : integers) ASSERT_TRUE(array->WriteElement(++position, number));
+  position = 1;
+  for (const double number : doubles) {
+    double read;
+    ASSERT_TRUE(array->ReadElement(++position, &read));
+    EXPECT_EQ(std::bit_cast<uint64_t>(read), std::bit_cast<uint64_t>(number));
+    const VariableRef stored(new Variable());
+    stored->SetValue_Double(number);
+    Variable* element = array->At(position, 0);
+    EXPECT_EQ(element->primary_type(), PrimaryDouble);
+    EXPECT_EQ(element->plain_forms(), stored->plain_forms());
+    EXPECT_EQ(std::string(element->value().data), stored->value().data);
+    EXPECT_EQ(array->At(position, 0), element);
+  }
+  for (const int number : integers) {
+    double read;
+    ASSERT_TRUE(array->ReadElement(++position, &read));
+    EXPECT_EQ(read, number);
+    EXPECT_EQ(array->At(position, 0)->primary_type(), PrimaryInteger);
+    EXPECT_EQ(array->At(position, 0)->value_integer(), number);
+  }
+}
+
+TEST(DenseElements, WhoHasTheVariableSeesWhatIsStoredLater) {
+  const VariableRef array = NewArray();
+  ASSERT_TRUE(array->WriteElement(2, 7));
+  const VariableRef held = VariableRef::Share(array->At(2, 0));
+  ASSERT_TRUE(array->WriteElement(2, 8.5));
+  EXPECT_EQ(held->value_double(), 8.5);
+  held->SetValue_Integer(9);
+  double number;
+  ASSERT_TRUE(array->ReadElement(2, &number));
+  EXPECT_EQ(number, 9);
+}
+
+TEST(DenseElements, WhatIsNoPlainNumberIsLeftToTheVariable) {
+  const VariableRef array = NewArray();
+  double number;
+  EXPECT_FALSE(array->ReadElement(1, &number));
+  EXPECT_FALSE(array->ReadElement(2, &number));
+  EXPECT_FALSE(array->WriteElement(3, 1));
+  EXPECT_FALSE(array->WriteElement(2, std::nan("")));
+  EXPECT_EQ(array->ElementsUsed(), 1);
+  const VariableRef target(new Variable());
+  target->SetValue_Integer(1);
+  array->At(1, 0)->Make_Reference(target.get());
+  EXPECT_FALSE(array->ReadElement(1, &number));
+  EXPECT_FALSE(array->WriteElement(1, 2));
+  EXPECT_FALSE(target->ReadElement(1, &number));
+  EXPECT_FALSE(target->WriteElement(1, 2));
+}
+
+TEST(DenseElements, NumbersOutliveTheRowAndGoWithIt) {
+  const VariableRef array = NewArray();
+  for (int i = 2; i <= 50; i++) ASSERT_TRUE(array->WriteElement(i, i));
+  const VariableRef copy(new Variable(*array));
+  EXPECT_EQ(std::string(copy->value().data), array->value().data);
+  array->DeleteElement(AggregateIndex(50), false);
+  array->Element(AggregateIndex(100), 1)->SetValue_Integer(100);  // a gap: a tree from here on
+  for (int i = 2; i < 50; i++) ASSERT_EQ(array->At(i, 0)->value_integer(), i);
+  double number;
+  EXPECT_FALSE(array->ReadElement(2, &number));
+  copy->DeleteElements(1, -1, false);
+  EXPECT_EQ(copy->ElementsUsed(), 0);
 }
 
 }  // namespace

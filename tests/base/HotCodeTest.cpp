@@ -378,6 +378,25 @@ TEST(HotCode, RandomProgramTextsDoTheSameHotAndCold) {
     ASSERT_EQ(hot.result, cold.result);
     ASSERT_EQ(hot.error, cold.error);
     ASSERT_EQ(hot.entries, cold.entries);
+  }
+}
+
+TEST(HotCode, AKeptFrameHasTheOutputModeOfItsFunction) {
+  const std::string program =
+      "storegi n, 0\nagain: incg n, 1\npushg n\ncall f\npop\npushc \"a  b\"\nout_comp\n"
+      "cmpgi n, " +
+      std::to_string(kRounds) +
+      "\njmp_lt again\nexit\n.function f(x)\npushc \"<   >\"\nout_comp\nstdoutput 2\n"
+      "pushl x\nret\n";
+  Machine hot, cold;
+  hot.Assemble(program);
+  cold.Assemble(program);
+  KeepCold(&cold);
+  EXPECT_EQ(hot.Go(), 1);
+  EXPECT_EQ(cold.Go(), 1);
+  EXPECT_NE(hot.segments.Start()->hot(), nullptr);
+  EXPECT_EQ(hot.Output(), cold.Output());
+}
 
 // --- The log -------------------------------------------------------------------------------------
 

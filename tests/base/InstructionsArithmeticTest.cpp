@@ -3,9 +3,13 @@
 #include <crypt.h>
 #include <gtest/gtest.h>
 
+#include <charconv>
 #include <cmath>
 #include <cstdlib>
+#include <random>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "base/dtoa.h"
 #include "tests/support/Machine.h"
@@ -190,6 +194,69 @@ TEST(InstructionsArithmetic, RoundingToDecimals) {
     number.Op(Instruction::roundf);
     EXPECT_EQ(number.Go(), 1);
     EXPECT_EQ(number.StackText(), "d" + std::string(c.number));
+  }
+}
+
+// The shortest digits of a value, rounded half to even at so many decimals: text by text.
+std::string RoundedByDigits(double value, int decimals) {
+  char buffer[400];
+  const auto end =
+      std::to_chars(buffer, buffer + sizeof buffer, std::fabs(value), std::chars_format::fixed);
+  std::string digits(buffer, end.ptr);
+  if (digits.find('.') == std::string::npos) digits += '.';
+  const size_t point = digits.find('.');
+  digits.erase(point, 1);
+  const size_t kept = point + static_cast<size_t>(decimals);
+  bool up = false;
+  if (digits.size() <= kept) {
+    digits.append(kept - digits.size(), '0');
+  } else {
+    const std::string rest = digits.substr(kept);
+    digits.resize(kept);
+    up = rest > "5" || (rest == "5" && (digits.back() - '0') % 2 == 1);
+  }
+  for (size_t i = kept; up && i-- > 0;) {
+    up = digits[i] == '9';
+    digits[i] = up ? '0' : static_cast<char>(digits[i] + 1);
+  }
+  if (up) digits.insert(0, "1");
+  digits.insert(digits.size() - static_cast<size_t>(decimals), ".");
+  return (std::signbit(value) ? "-" : "") + digits;
+}
+
+double RandomValue(std::mt19937_64* random, int decimals) {
+  switch ((*random)() % 4) {
+    case 0: return 1 + static_cast<double>((*random)() % 100000000) / 1000;
+    case 1: return 1 + static_cast<double>((*random)() % 1000000) / 7;
+    case 2: {  // a half behind the last decimal that is kept, or a neighbour
+      const auto tens = static_cast<double>(1000000000 + (*random)() % 9000000000);
+      const double value = (tens * 10 + 5) / std::pow(10, decimals + 1);
+      if ((*random)() % 2) return value;
+      return std::nextafter(value, (*random)() % 2 ? 0 : 1e300);
+    }
+    default:
+      return std::ldexp(1 + static_cast<double>((*random)() >> 12) / 4503599627370496.0,
+                        static_cast<int>((*random)() % 14));
+  }
+}
+
+TEST(InstructionsArithmetic, RoundingGoesByTheShortestDigits) {
+  std::mt19937_64 random(20261121);
+  for (int batch = 0; batch < 300; batch++) {
+    Machine machine;
+    std::vector<std::string> expected;
+    for (int i = 0; i < 200; i++) {
+      const int decimals = 1 + static_cast<int>(random() % 9);
+      double value = RandomValue(&random, decimals);
+      if (random() % 2) value = -value;
+      machine.OpDouble(Instruction::pushf, value).Op(Instruction::pushi, decimals);
+      machine.Op(Instruction::rounds);
+      expected.push_back(RoundedByDigits(value, decimals));
+    }
+    ASSERT_EQ(machine.Go(), 1);
+    for (size_t i = expected.size(); i-- > 0;) {
+      ASSERT_EQ(PopText(machine.stack()), expected[i]);
+    }
   }
 }
 
