@@ -65,7 +65,7 @@ bool UnknownContentHandler::Parse(const char* data, int length) {
     Error("Out of memory");
     return false;
   }
-  memcpy(buffer + used, data, static_cast<size_t>(length));
+  if (length > 0) memcpy(buffer + used, data, static_cast<size_t>(length));
   used += length;
   return true;
 }
