@@ -103,7 +103,12 @@ int HTTPOutput::Write(const char* text, int length) {
   if (length <= 0) return 0;
   total += length;
   since_flush += length;
-  Append(text, length);
+  if (tail && length <= tail->capacity - tail->used) {
+    memcpy(tail->data + tail->used, text, static_cast<size_t>(length));
+    tail->used += length;
+  } else {
+    Append(text, length);
+  }
   NoteLastByte(text, length);
   if (since_flush >= flush_threshold) {
     Flush(0);

@@ -220,13 +220,15 @@ HotAction HotCode::Idiom(size_t i) const {
     return Shifted(next, HotAction::Add, HotAction::AddConstant);
   }
   if (IsConstant(action) && next == HotAction::Mod) return HotAction::ModConstant;
-  if (action == HotAction::PushText && next == HotAction::Concatenate) {
-    return HotAction::ConcatenateText;
+  if (action == HotAction::PushText) {
+    if (next == HotAction::Concatenate) return HotAction::ConcatenateText;
+    return IsOut(i + 1) ? HotAction::OutText : action;
   }
   if (action != HotAction::PushVariable) return action;
   if (IsConstant(next)) return IdiomOfVariableAndConstant(i);
   if (IsArithmetic(next)) return Shifted(next, HotAction::Add, HotAction::AddVariable);
   if (next == HotAction::Concatenate) return HotAction::ConcatenateVariable;
+  if (IsOut(i + 1)) return HotAction::OutVariable;
   if (next == HotAction::Return && ops[i].local) return HotAction::ReturnVariable;
   if (next == HotAction::PushVariable) return IdiomOfVariables(i);
   if (next == HotAction::PushText) {

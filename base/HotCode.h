@@ -13,6 +13,8 @@
 #include <cstddef>
 #include <vector>
 
+#include "base/Instructions.h"
+
 class Dictionary;
 class FunctionManager;
 
@@ -26,6 +28,7 @@ class FunctionManager;
 //   ...VariableConstant           a variable, a constant, and an operation on the two
 //   ...VariableConstantJump       the same, with a jump on the outcome
 //   ...Constant, ...Variable      a constant or a variable, and an operation on the top and it
+//   Out...                        a constant text or a variable, written to the output
 //   Concatenate...                a constant text or a variable, put behind the text on top
 //   ...Element                    an element of an array, and an operation on the top and it
 //   ...Pop                        an operation, and its outcome stored in a variable
@@ -50,7 +53,7 @@ class FunctionManager;
   ACTION(Increment) ACTION(StoreConstant) ACTION(Line)                                               \
   ACTION(Element) ACTION(ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly)                      \
   ACTION(Call) ACTION(Return) ACTION(ReturnVariable)                                                 \
-  ACTION(ConcatenateText) ACTION(ConcatenateVariable)                                                \
+  ACTION(ConcatenateText) ACTION(ConcatenateVariable) ACTION(OutText) ACTION(OutVariable)            \
   ACTION(AddVariableConstant) ACTION(SubVariableConstant)                                            \
   ACTION(MulVariableConstant) ACTION(DivVariableConstant)                                            \
   ACTION(ModVariableConstant) ACTION(ModVariableConstantJump) ACTION(ModConstant)                    \
@@ -130,6 +133,9 @@ class HotCode {
   HotAction IdiomOfVariables(size_t i) const;
   HotAction Update(size_t i) const;
   bool Is(size_t i, HotAction action) const { return ops[i].single == action; }
+  bool IsOut(size_t i) const {
+    return Is(i, HotAction::Handler) && ops[i].code == Instruction::code_out;
+  }
 
   std::vector<HotOp> ops;    // the last ones, behind the code, leave
   std::vector<int> records;  // by offset, -1 where no instruction begins

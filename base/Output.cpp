@@ -4,15 +4,6 @@
 
 #include <cstring>
 
-namespace {
-
-// The white space of the "C" locale; bytes are unsigned.
-inline bool IsSpace(char c) {
-  return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
-}  // namespace
-
 Output::~Output() = default;
 
 int Output::Write_Error(const char* text, int length) {
@@ -72,8 +63,4 @@ int Output::Write_Compressed_Full(const char* text, int length) {
     while (p < end && IsSpace(*p)) p++;
   }
   return length;
-}
-
-void Output::NoteLastByte(const char* text, int length) {
-  if (length > 0) previous_was_space = IsSpace(text[length - 1]);
 }

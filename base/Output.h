@@ -42,7 +42,11 @@ class Output {
 
  protected:
   // Notes whether the text ends in white space, for the next compressed write.
-  void NoteLastByte(const char* text, int length);
+  void NoteLastByte(const char* text, int length) {
+    if (length > 0) previous_was_space = IsSpace(text[length - 1]);
+  }
+  // The white space of the "C" locale; bytes are unsigned.
+  static bool IsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
   int output_flags = 0;
   // Starts set, so that white space at the very start of a response counts as a repetition.

@@ -677,8 +677,13 @@ void Variable::AppendText(const char* bytes, int count, bool adopted) {
 }
 
 bool Variable::CopyAsAdopted(const char* bytes, int count) {
-  if (!IsPlain() || elements || string_value.allocated <= count) return false;
-  memmove(string_value.data, bytes, static_cast<size_t>(count));
+  if (!IsPlain() || elements) return false;
+  if (string_value.allocated <= count) {
+    auto* buffer = new char[static_cast<size_t>(count) + 1];
+    string_value.destroy();
+    string_value.data = buffer;
+  }
+  memcpy(string_value.data, bytes, static_cast<size_t>(count));
   string_value.data[count] = '\0';
   string_value.length = count;
   string_value.allocated = count + 1;

@@ -399,8 +399,8 @@ class Variable {
     if (watched) state |= Watched;
   }
   void AppendText(const char* bytes, int count, bool adopted);
-  // What SetValue_Nocopy with a copy of count + 1 bytes does, in the buffer that is there; false,
-  // and nothing done, where that does not fit.
+  // What SetValue_Nocopy with a copy of count + 1 bytes does, in the buffer that is there if the
+  // bytes fit; false, and nothing done, for what is no plain scalar.
   bool CopyAsAdopted(const char* bytes, int count);
   void StoreIntegerText();
   void DropElements();

@@ -494,6 +494,11 @@ void ZephVM::out() {
     stack->Pop();
     return;
   }
+  if (top && top->kind == ZephVM_Stack::KindString) {
+    application->output()->Write(top->value.text, top->length);
+    stack->Pop();
+    return;
+  }
   PoppedString text(stack);
   if (!stop_flag) application->output()->Write(text.data(), text.length());
 }

@@ -7,11 +7,13 @@
 // instruction.
 
 #include <atomic>
+#include <charconv>
 
 #include "base/Aggregate.h"
 #include "base/Function.h"
 #include "base/HotCode.h"
 #include "base/Instructions.h"
+#include "base/Output.h"
 #include "base/Segment.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
@@ -533,6 +535,31 @@ on_Handler:
   if (stop_flag | Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat)) return;
   ASK_STACK
   NEXT(1)
+on_OutText:
+  SINGLE_UNLESS(HAS_ROOM(1))
+  application->output()->Write(op->text, op->length);
+  goto written;
+on_OutVariable : {
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(HAS_ROOM(1) && variable)
+  const unsigned forms = variable->plain_forms();
+  if (forms & Variable::TextForm) {
+    const String& text = variable->plain_text();
+    SINGLE_UNLESS(text.data)
+    application->output()->Write(text.data, text.length);
+  } else {
+    SINGLE_UNLESS(forms == Variable::IntegerForm)
+    char digits[12];
+    const char* const end =
+        std::to_chars(digits, digits + sizeof digits, variable->plain_integer()).ptr;
+    application->output()->Write(digits, static_cast<int>(end - digits));
+  }
+}
+// The output may find that the client is gone.
+written:
+  op += 2;
+  if (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat)) goto on_Leave;
+  GO_TO(op->action);
 
 on_Call : {
   // Most calls are of a function here, with numbers for its arguments, and a frame is kept for it.
