@@ -495,8 +495,11 @@ void ZephVM::out() {
     return;
   }
   if (top && top->kind == ZephVM_Stack::KindString) {
-    application->output()->Write(top->value.text, top->length);
-    stack->Pop();
+    ZephVM_Stack::Stack_Entry taken;
+    taken.CopyFrom(*top);
+    stack->SetEnd(top);
+    application->output()->Write(taken.value.text, taken.length);
+    ZephVM_Stack::Free(&taken);
     return;
   }
   PoppedString text(stack);

@@ -537,11 +537,13 @@ on_Handler:
   NEXT(1)
 on_OutText:
   SINGLE_UNLESS(HAS_ROOM(1))
+  TELL_STACK
   application->output()->Write(op->text, op->length);
   goto written;
 on_OutVariable : {
   variable = VARIABLE(op);
   SINGLE_UNLESS(HAS_ROOM(1) && variable)
+  TELL_STACK
   const unsigned forms = variable->plain_forms();
   if (forms & Variable::TextForm) {
     const String& text = variable->plain_text();
