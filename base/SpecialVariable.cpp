@@ -131,8 +131,14 @@ class SystemVariables : public LateVariables {
     return -1;
   }
   int Count() override { return static_cast<int>(std::size(system_names)); }
-  const char* Name(int number) override { return system_names[number].name.data(); }
-  Variable* Make(int number) override { return system_names[number].make(Name(number), start); }
+  const char* Name(int number, int* length) override {
+    const std::string_view name = system_names[number].name;
+    *length = static_cast<int>(name.size());
+    return name.data();
+  }
+  Variable* Make(int number) override {
+    return system_names[number].make(system_names[number].name.data(), start);
+  }
   // A task has the moment of the run that started it.
   LateVariables* Clone(ZephApplication* owner) override {
     return new SystemVariables({owner, start.time, start.timeout});
@@ -144,9 +150,9 @@ class SystemVariables : public LateVariables {
 
 }  // namespace
 
-void AddSystemVariables(SystemVariableHash* system, ZephApplication* application) {
+LateVariables* NewSystemVariables(ZephApplication* application) {
   const int timeout = application->config()->value_integer(Config_timeout_global);
-  system->SetLateVariables(new SystemVariables({application, Now(), timeout}));
+  return new SystemVariables({application, Now(), timeout});
 }
 
 // --- Values that are computed --------------------------------------------------------------------

@@ -9,10 +9,10 @@
 #include "base/VariableHash.h"
 #include "base/ZephApplication.h"
 
-// Gives a table the system variables that every script finds: the moment of this call, which stands
-// still, a few facts, and the special variables. Each is made when it is looked for. The
-// application is borrowed: it outlives the table.
-void AddSystemVariables(SystemVariableHash* system, ZephApplication* application);
+// The system variables that every script finds, for the caller's table: the moment of this call,
+// which stands still, a few facts, and the special variables. The application is borrowed: it
+// outlives them.
+[[nodiscard]] LateVariables* NewSystemVariables(ZephApplication* application);
 
 // A number or a text that is computed at each read and never kept, so that two reads may differ.
 class ComputedVariable : public ImmutableVariable {

@@ -804,8 +804,9 @@ int SystemVariableHash::MakeLate(const char* name, int length) {
 
 void SystemVariableHash::MakeAllLate() {
   for (int i = 0; late && i < late->Count(); i++) {
-    const char* name = late->Name(i);
-    MakeLate(name, NameLength(name, -1));
+    int length;
+    const char* name = late->Name(i, &length);
+    MakeLate(name, length);
   }
 }
 

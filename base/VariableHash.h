@@ -258,7 +258,7 @@ class LateVariables {
   // The number of a name, from 0 on; -1 for one that is none of these.
   virtual int Number(const char* name, int length) = 0;
   virtual int Count() = 0;
-  virtual const char* Name(int number) = 0;
+  virtual const char* Name(int number, int* length) = 0;
   // A new variable, with its count the caller's.
   virtual Variable* Make(int number) = 0;
   // The same variables for a task, the caller's.

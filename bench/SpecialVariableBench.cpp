@@ -28,7 +28,7 @@ void TableWithThem(benchmark::State& state) {
     Dictionary dictionary;
     SystemVariableHash table(&dictionary, 12, 512);
     table.SetVariable(new ImmutableVariable("SERVER_NAME", -1, 1));
-    AddSystemVariables(&table, &application);
+    table.SetLateVariables(NewSystemVariables(&application));
     benchmark::DoNotOptimize(table.Index(0, 0));
   }
 }

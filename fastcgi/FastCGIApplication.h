@@ -53,6 +53,7 @@ class FastCGIApplication : public FastCGIBaseApplication {
   void OutputCookie();
   // The variables of the request (fastcgi/FastCGIVariables.cpp):
   bool AddVariables();
+  // And the system variables, which stand in place of parameters of their names.
   void AddEnvironmentVariables();
   void AddQueryArguments();
   void AddArgument(const char* text, int length, int* count);

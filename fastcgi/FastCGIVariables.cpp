@@ -5,27 +5,18 @@
 #include <netdb.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
 
+#include "base/SpecialVariable.h"
 #include "base/URLEncodedParser.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
-#include "base/memcmpi.h"
 #include "fastcgi/FastCGIApplication.h"
+#include "fastcgi/RequestVariables.h"
 
 namespace {
-
-// What a process inherits without its being about the request.
-bool IsPrivate(const char* name, int length) {
-  static const char* const names[] = {"termcap", "logname", "mail", "path"};
-  return std::any_of(std::begin(names), std::end(names), [=](const char* other) {
-    return strlen(other) == static_cast<size_t>(length) &&
-           memcmpi(name, other, static_cast<size_t>(length)) == 0;
-  });
-}
 
 // Whether a host is an IPv6 address and no name.
 bool IsIPv6Address(const char* host) {
@@ -50,7 +41,6 @@ void AppendNumber(String* text, int number) {
 
 bool FastCGIApplication::AddVariables() {
   AddEnvironmentVariables();
-  AddSystemVariables(&tables);
   AddQueryArguments();
   if (!AddQueryVariables()) return false;
   AddAPIVariables();
@@ -58,14 +48,8 @@ bool FastCGIApplication::AddVariables() {
 }
 
 void FastCGIApplication::AddEnvironmentVariables() {
-  for (char** parameter = request->envp; parameter && *parameter; parameter++) {
-    const char* name = *parameter;
-    const char* equals = strchr(name, '=');
-    const int length = static_cast<int>(equals ? equals - name : strlen(name));
-    if (IsPrivate(name, length)) continue;
-    const char* value = equals ? equals + 1 : "";
-    tables.system_variables->SetVariable(new ImmutableVariable(name, length, value, -1));
-  }
+  tables.system_variables->SetLateVariables(
+      new RequestVariables(request->envp, NewSystemVariables(this)));
 }
 
 // Stores the argument behind those that there are.

@@ -271,7 +271,7 @@ void Run(const std::string& file, Watchdog* watchdog) {
   script.file.Deactivate();
   script.system.SetVariable(new Variable("subject", -1, "a subject", -1));
   script.system.SetVariable(new ImmutableVariable("fixed", -1, "a fixed text", -1));
-  AddSystemVariables(&script.system, &application);
+  script.system.SetLateVariables(NewSystemVariables(&application));
   ExternalCallManager external(&application);
   if (!external.RegisterDSO("library")) abort();
   watchdog->Begin(application.heartbeatcounter(), application.timedoutflag());

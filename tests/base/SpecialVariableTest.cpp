@@ -34,7 +34,7 @@ class CountingApplication : public MachineApplication {
 
 class SpecialVariables : public testing::Test {
  protected:
-  SpecialVariables() { AddSystemVariables(&table, &application); }
+  SpecialVariables() { table.SetLateVariables(NewSystemVariables(&application)); }
   Variable& Get(const char* name) {
     Variable* found = nullptr;
     table.Find(&found, name, -1, 0);
@@ -94,7 +94,7 @@ TEST_F(SpecialVariables, StandInPlaceOfWhatWentByTheirNames) {
   SystemVariableHash other(&dictionary, 12, 512);
   other.SetVariable(new Variable("process_name", -1, "mine", -1));
   other.SetVariable(new Variable("mine", -1, "mine", -1));
-  AddSystemVariables(&other, &application);
+  other.SetLateVariables(NewSystemVariables(&application));
   Variable* found = nullptr;
   ASSERT_TRUE(other.Find(&found, "process_name", -1, 0));
   EXPECT_EQ(Text(*found), "zeph: testing");
@@ -149,7 +149,7 @@ TEST_F(SpecialVariables, EveryWayToANameFindsThem) {
   for (const auto& way : ways) {
     SCOPED_TRACE(way.label);
     SystemVariableHash fresh(&dictionary, 12, 512);
-    AddSystemVariables(&fresh, &application);
+    fresh.SetLateVariables(NewSystemVariables(&application));
     EXPECT_TRUE(way.look(&fresh));
   }
 }
@@ -158,7 +158,7 @@ TEST_F(SpecialVariables, EveryWayToANameFindsThem) {
 TEST_F(SpecialVariables, ANameOfTheFileGetsItsVariable) {
   SystemVariableHash other(&dictionary, 12, 512);
   const int position = other.Insert("ZEPH_language", -1);
-  AddSystemVariables(&other, &application);
+  other.SetLateVariables(NewSystemVariables(&application));
   ASSERT_NE(other.Index(position, 0), nullptr);
   EXPECT_EQ(Text(*other.Index(position, 0)), "en-US");
   EXPECT_EQ(other.Seek(-1, "zeph_language", -1, nullptr), position);
@@ -171,7 +171,7 @@ TEST_F(SpecialVariables, ALevelTakesBackWhatWasSetOnIt) {
     for (bool seen_on_it : {false, true}) {
       SCOPED_TRACE(testing::Message() << seen_before << seen_on_it);
       SystemVariableHash levels(&dictionary, 12, 512);
-      AddSystemVariables(&levels, &application);
+      levels.SetLateVariables(NewSystemVariables(&application));
       const auto text = [&] {
         Variable* v = nullptr;
         return levels.Find(&v, "process_name", -1, 0) && v ? Text(*v) : "(none)";
@@ -273,7 +273,7 @@ TEST_F(SpecialVariables, TheMomentOfTheTableStandsStill) {
   ZPTIME now;
   zp_gettimevalues(&now);
   SystemVariableHash fresh(&dictionary, 12, 512);
-  AddSystemVariables(&fresh, &application);
+  fresh.SetLateVariables(NewSystemVariables(&application));
   ZPTIME then;
   zp_gettimevalues(&then);
   const auto get = [&](const char* name) {
@@ -654,7 +654,7 @@ TEST_F(SpecialVariables, SettingsCannotBeWrittenByScripts) {
       "pushs zeph_config\npushc \"timeout_global\"\nmemb_readonly\nout\npushc \"|\"\nout\n"
       "pushs zeph_config\npushc \"nothing\"\nmemb_readonly\nout\npushc \"|\"\nout\n"
       "pushnc \"zeph_config:dir_user\"\nout");
-  AddSystemVariables(&machine.system, &machine.application);
+  machine.system.SetLateVariables(NewSystemVariables(&machine.application));
   EXPECT_EQ(machine.Go(), 1);
   EXPECT_EQ(machine.Output(), "90||public_zix");
 }
@@ -769,7 +769,7 @@ TEST_F(SpecialVariableLibraries, ScriptsLookThemUpByPath) {
       "pushnc \"zeph_config:systemlib_lookup:there\"\nout\n"
       "pushnc \"zeph_config:systemlib_lookup:missing\"\nout\n"
       "pushnc \"zeph_config:systemlib_list[1]\"\nout");
-  AddSystemVariables(&machine.system, &machine.application);
+  machine.system.SetLateVariables(NewSystemVariables(&machine.application));
   EXPECT_EQ(machine.Go(), 1);
   EXPECT_EQ(machine.Output(), "10there");
 }
@@ -781,7 +781,7 @@ TEST(SpecialVariableScript, ALanguageThatIsAssignedCountsForTheNextText) {
       "localize hi\npushc \"de\"\npops zeph_language\nlocalize hi\npushs zeph_language\nout\n"
       "pushc \"d\"\npushc \"e\"\ncat\npushs zeph_language\ncmp\nout\n"
       "pushc \"en-US\"\npopnc zeph_language\nlocalize hi");
-  AddSystemVariables(&machine.system, &machine.application);
+  machine.system.SetLateVariables(NewSystemVariables(&machine.application));
   EXPECT_EQ(machine.Go(), 1);
   EXPECT_EQ(machine.Output(), "Hi Hallo de0Hi ");
 }

@@ -364,5 +364,5 @@ void UNIXApplication::DeleteMachine() {
 }
 
 void UNIXApplication::AddSystemVariables(ScriptTables* tables) {
-  ::AddSystemVariables(tables->system_variables, this);
+  tables->system_variables->SetLateVariables(NewSystemVariables(this));
 }
