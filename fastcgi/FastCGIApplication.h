@@ -8,6 +8,7 @@
 
 #include "base/ScriptTables.h"
 #include "fastcgi/FastCGIBaseApplication.h"
+#include "fastcgi/RequestVariables.h"
 
 class FastCGIThread;
 class HTTPContentParser;
@@ -68,7 +69,8 @@ class FastCGIApplication : public FastCGIBaseApplication {
   bool ExecuteError(const String& path, const String& text, bool encode);
 
   FCGX_Request* request;
-  String first_argument;  // as documenturl names the script
+  String first_argument;                                // as documenturl names the script
+  std::unique_ptr<RequestVariables> request_variables;  // until the table has them
   const char* working_directory;
   int owner_id = 0;
   const char* path_info;  // the parameters themselves; either may be null

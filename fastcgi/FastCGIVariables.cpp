@@ -11,7 +11,6 @@
 
 #include "base/SpecialVariable.h"
 #include "base/URLEncodedParser.h"
-#include "base/Variable.h"
 #include "base/VariableHash.h"
 #include "fastcgi/FastCGIApplication.h"
 #include "fastcgi/RequestVariables.h"
@@ -48,8 +47,7 @@ bool FastCGIApplication::AddVariables() {
 }
 
 void FastCGIApplication::AddEnvironmentVariables() {
-  tables.system_variables->SetLateVariables(
-      new RequestVariables(request->envp, NewSystemVariables(this)));
+  request_variables = std::make_unique<RequestVariables>(request->envp, NewSystemVariables(this));
 }
 
 // Stores the argument behind those that there are.
@@ -57,7 +55,7 @@ void FastCGIApplication::AddArgument(const char* text, int length, int* count) {
   ++*count;
   String name("arg", 3);
   AppendNumber(&name, *count);
-  tables.system_variables->SetVariable(new ImmutableVariable(name.data, name.length, text, length));
+  request_variables->AddText(name.data, name.length, text, length);
   if (*count == 1) first_argument.assign(text, length);
 }
 
@@ -81,7 +79,7 @@ void FastCGIApplication::AddQueryArguments() {
       piece += length + 1;
     }
   }
-  tables.system_variables->SetVariable(new ImmutableVariable("nargs", -1, count));
+  request_variables->AddNumber("nargs", count);
 }
 
 // With a path all of the query string are fields, without one what stands behind the script's name.
@@ -100,11 +98,11 @@ bool FastCGIApplication::AddQueryVariables() {
 }
 
 void FastCGIApplication::AddAPIVariables() {
-  SystemVariableHash* table = tables.system_variables;
-  table->SetVariable(new ImmutableVariable("process_id", -1, processid()));
-  table->SetVariable(new ImmutableVariable("thread_id", -1, threadid()));
-  table->SetVariable(new ImmutableVariable("apitype", -1, path_info ? "Redirect" : "CGI", -1));
+  request_variables->AddNumber("process_id", processid());
+  request_variables->AddNumber("thread_id", threadid());
+  request_variables->AddText("apitype", -1, path_info ? "Redirect" : "CGI", -1);
   if (Parameter("SERVER_NAME")) AddDocumentURL();
+  tables.system_variables->SetLateVariables(request_variables.release());
 }
 
 // The address of this page, up to where a script may append fields: the "?" or "+" at its end is
@@ -134,6 +132,5 @@ void FastCGIApplication::AddDocumentURL() {
     if (first_argument.length > 0) url.cat(first_argument.data, first_argument.length);
     url.cat('+');
   }
-  tables.system_variables->SetVariable(
-      new ImmutableVariable("documenturl", -1, url.data, url.length));
+  request_variables->AddText("documenturl", -1, url.data, url.length);
 }

@@ -20,6 +20,11 @@ class RequestVariables : public LateVariables {
   // variables are adopted.
   RequestVariables(char** parameters, LateVariables* system_variables);
 
+  // Facts of the host. They are copied; a length of -1 means strlen. For the time before the table
+  // has these variables.
+  void AddText(const char* name, int namelength, const char* text, int length);
+  void AddNumber(const char* name, int number);
+
   int Number(const char* name, int length) override;
   int Count() override;
   const char* Name(int number, int* length) override;
@@ -34,11 +39,22 @@ class RequestVariables : public LateVariables {
     const char* value;
   };
 
+  struct Fact {
+    String name;
+    bool is_number;
+    String text;
+    int number;
+  };
+
   void Add(const char* text);
-  const Parameter& At(int number) const {
-    return parameters[static_cast<size_t>(number - system->Count())];
+  // Numbers are those of the facts, then those of the system variables, then the parameters.
+  int Facts() const { return static_cast<int>(facts.size()); }
+  const Fact& FactAt(int number) const { return facts[static_cast<size_t>(number)]; }
+  const Parameter& ParameterAt(int number) const {
+    return parameters[static_cast<size_t>(number - Facts() - system->Count())];
   }
 
+  std::vector<Fact> facts;
   std::unique_ptr<LateVariables> system;
   std::vector<Parameter> parameters;
   std::vector<std::unique_ptr<String>> kept;  // of a copy

@@ -68,6 +68,32 @@ TEST(RequestVariables, ALaterOneAndASystemVariableStandInPlace) {
   EXPECT_NE(request.Value("process_name"), "mine");
 }
 
+TEST(RequestVariables, WhatTheHostKnowsComesBeforeAll) {
+  RequestTable request({"arg1=sent", "other=sent"});
+  auto* known =
+      new RequestVariables(request.entries.data(), NewSystemVariables(&request.application));
+  known->AddText("arg1", -1, "first", -1);
+  known->AddText("arg1", -1, "second", 6);
+  known->AddText("empty", 5, "", 0);
+  known->AddNumber("nargs", 2);
+  known->AddNumber("zephversion", 7);
+  request.table.SetLateVariables(known);
+  EXPECT_EQ(request.Value("ARG1"), "second");
+  EXPECT_EQ(request.Value("empty"), "");
+  EXPECT_EQ(request.Value("nargs"), "2");
+  EXPECT_EQ(request.Value("zephversion"), "7");
+  EXPECT_EQ(request.Value("other"), "sent");
+  Variable* found = nullptr;
+  ASSERT_TRUE(request.table.Find(&found, "nargs", -1, 0));
+  EXPECT_EQ(found->primary_type(), PrimaryInteger);
+  ASSERT_TRUE(request.table.Find(&found, "empty", -1, 0));
+  EXPECT_EQ(found->primary_type(), PrimaryText);
+  Dictionary dictionary;
+  SystemVariableHash copy(&request.application, &dictionary, request.table);
+  EXPECT_EQ(RequestTable::Value(&copy, "arg1"), "second");
+  EXPECT_EQ(RequestTable::Value(&copy, "nargs"), "2");
+}
+
 TEST(RequestVariables, AllAreListedOnce) {
   RequestTable request({"X=1", "x=2", "Y=3"});
   EXPECT_EQ(request.Value("Y"), "3");
