@@ -1,0 +1,68 @@
+// Expressions as a script may build them of what a client has sent. Whatever the text is, either
+// there is a message, or the code is of whole instructions, and running it comes to an end.
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+
+#include "base/Dictionary.h"
+#include "base/ExpressionCompiler.h"
+#include "base/ExternalCall.h"
+#include "base/Function.h"
+#include "base/Instructions.h"
+#include "base/Segment.h"
+#include "base/VariableHash.h"
+#include "base/ZephVM.h"
+#include "tests/support/RecordingOutput.h"
+#include "tests/support/TestApplication.h"
+
+namespace {
+
+[[noreturn]] void Wrong(const char* what) {
+  fprintf(stderr, "%s\n", what);
+  abort();
+}
+
+void CheckInstructions(const Segment* code) {
+  for (int at = 0; at < code->length();) {
+    unsigned short word = 0;
+    at = code->Read_Word(at, &word);
+    if (at < 0 || !Instruction::Find(word)) Wrong("no instruction");
+    at += Instruction::OperandSize(word);
+    if (at > code->length()) Wrong("half an instruction");
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size > 4096) return 0;
+  RecordingOutput output;
+  TestApplication application;
+  application.SetOutput(&output);
+  Dictionary dictionary;
+  SystemVariableHash system(&dictionary, 12, 512);
+  VariableHash globals(&dictionary, 12, 512);
+  SegmentManager segments;
+  FunctionManager functions(&dictionary, 8);
+  ExternalCallManager external(&application);
+  functions.Function_Add(1, 0, "f", -1, "x", -1, 0);
+  functions.Function_Add(1, 0, "g", -1, "", -1, 0);
+  Segment* code = segments.Start();
+  ExpressionCompiler compiler(&external, &segments, &dictionary, &functions, nullptr,
+                              reinterpret_cast<const char*>(data), static_cast<int>(size), "people",
+                              code, 0, "page", -1, 3, 0x1000B);
+  const bool compiled = compiler.Run() == 1;
+  if (compiled != (compiler.error().data == nullptr)) Wrong("a result without its message");
+  if (compiler.position() != code->length()) Wrong("another position");
+  CheckInstructions(code);
+  if (compiled) {
+    segments.Segment_Add()->Write_Word(0, Instruction::retn);
+    ZephVM vm("page.zpc", -1, &application, &dictionary, &system, &globals, &segments, &functions,
+              &external, nullptr, nullptr, nullptr, nullptr, application.heartbeatcounter(),
+              application.timedoutflag(), application.exitflag(), nullptr);
+    vm.Go();
+  }
+  application.SetOutput(nullptr);
+  return 0;
+}
