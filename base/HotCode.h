@@ -3,9 +3,9 @@
 // some instructions in a row are a usual idiom, such as a comparison with a jump behind it, an
 // action that does them all at once.
 //
-// Nothing that a script can observe depends on it. An action does only what can be done without an
-// error, without calling anything outside of the machine, and on ordinary variables; in any other
-// case the instruction is left to the machine's loop, one by one.
+// Nothing that a script can observe depends on it. An action does what can be done without an error,
+// on ordinary variables; in any other case the instruction is left to the machine's loop, one by
+// one.
 
 #ifndef ZEPH_BASE_HOTCODE_H
 #define ZEPH_BASE_HOTCODE_H

@@ -1,10 +1,10 @@
 // The loop for code that runs often: what it does at each record of base/HotCode.h.
 //
-// Nothing here fails, and nothing is called that could raise a flag or run other code, but for the
-// calls and returns of script functions. Whatever does not fit goes back to the machine's loop with
-// everything as it was before the instruction. So the flags of the host need a look only where the
-// code may go round: at jumps, calls and returns. No script can tell that from a look at each
-// instruction.
+// The actions that stand here in line do not fail and run no code but their own. Whatever does not
+// fit goes back to the machine's loop with everything as it was before the instruction. So the flags
+// of the host need a look only where the code may go round, which is at jumps back and at calls; no
+// script can tell that from a look at each instruction. Handlers of the machine, external functions
+// and the output may raise any flag, and all of them are looked at behind these.
 
 #include <atomic>
 #include <charconv>
