@@ -260,7 +260,7 @@ class RandomText {
     text += "storegi i, 0\nagain: incg i, 1\n";
     const int statements = 2 + Below(6);
     for (int k = 0; k < statements; k++) Statement();
-    text += "cmpgi i, " + std::to_string(kRounds) + "\njmp_lt again\n";
+    text += "cmpgi i, " + std::to_string(Segment::Repeats + 12) + "\njmp_lt again\n";
     text += "pushg a\nout\npushg b\nout\npushg c\nout\npushg d\nout\nexit\n";
     Functions();
     return text;
@@ -314,13 +314,14 @@ class RandomText {
       default: return PushGlobal();
     }
   }
-  // Before it the rows of arrays are as they come of the loop; a text must not grow for ever.
   void Statement() {
     switch (Below(10)) {
       case 0: text += Target() + "dup\n" + Operand() + Operation() + "swap\nstore\n"; break;
       case 1: text += Target() + "dup\n" + Number() + Operation() + "swap\nstore\n"; break;
       case 2: text += Expression() + "popg " + Global() + "\n"; break;
-      case 3: text += "pushg i\npushg d\npushg i\nelem\nstore\n"; break;
+      case 3:
+        text += "pushg " + OneOf({"i", "n"}) + "\npushg " + Global() + "\npushg i\nelem\nstore\n";
+        break;
       case 4: {
         const std::string label = Label();
         text += Expression() + Operand() + OneOf({"lt\n", "eq\n", "ge\n", "ne\n"}) +
@@ -331,7 +332,8 @@ class RandomText {
       case 6: text += Operand() + Operand() + "in\npopg n\n"; break;
       case 7: text += Operand() + "isnull\npopg n\n" + Operand() + "out\n"; break;
       case 8: text += "pushi " + std::to_string(Below(6)) + "\ncall down\n" + "popg n\n"; break;
-      default: text += Expression() + Target() + "store\n"; break;
+      // A whole array or its text within an element of it would double with each round.
+      default: text += Expression() + Number() + Operation() + Target() + "store\n"; break;
     }
     if (Below(3) == 0) text += "pushc \"\"\npopg b\n";
   }
