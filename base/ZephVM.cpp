@@ -373,6 +373,11 @@ int ZephVM::Go() {
       CALL_INTEGER(poplvnc)
       CALL_INTEGER(localize)
       CALL_INTEGER(localizev)
+      CALL_INTEGER(import)
+      CALL_INTEGER(importf)
+      CALL_INTEGER(import_loop)
+      CALL_INTEGER(import_stop)
+      CALL(op_export)
       CALL_INTEGERS(cmpgg)
       CALL_INTEGERS(modgg)
       default: pc += 2 + Instruction::OperandSize(word); FatalError("Illegal Instruction");
@@ -402,8 +407,13 @@ int ZephVM::Set_Segment() {
 
 ZephVM::Pass ZephVM::EndOfSegment() {
   const int type = frame->type();
-  return type == ZephVM_Frame::Plain || type == ZephVM_Frame::Function ? Pass::Normal
-                                                                       : Pass::Continue;
+  if (type == ZephVM_Frame::Plain || type == ZephVM_Frame::Function) return Pass::Normal;
+  if (type == ZephVM_Frame::Filter) {
+    const int result = stack->Entries() > 0 && stack->PopBool();
+    while (stack->Entries() > 0) stack->Pop();
+    (this->*static_cast<ZephVM_FilterFrame*>(frame)->completion)(result);
+  }
+  return Pass::Continue;
 }
 
 int ZephVM::TimedOut() {

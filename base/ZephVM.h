@@ -5,8 +5,11 @@
 #ifndef ZEPH_BASE_ZEPHVM_H
 #define ZEPH_BASE_ZEPHVM_H
 
+#include <functional>
 #include <initializer_list>
+#include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "base/BaseTemplates.h"
@@ -263,6 +266,18 @@ class ZephVM {
   template <typename Push, typename Take>
   int RunNested(Function* function, bool wants_result, Push push, Take take);
 
+  // Imports (base/ZephVM_Import.cpp).
+  struct ImportOperands;
+  struct ImportFilter {
+    Segment* segment = nullptr;  // the code; null for a text that is no expression
+    String error;                // what is wrong with it then
+  };
+  void BeginImport(ImportOperands* operands, Segment* filter);
+  Segment* FilterSegment(const char* text, int length, String* error);
+  void RunFilter(Segment* filter, int body, int behind);
+  void LeaveFilter(int to_segment, int to_offset);
+  void import_filter_resume(int accepted);
+
   // Handlers, each named as its instruction: base/ZephVM.cpp
   void pushc();
   void out();
@@ -324,6 +339,12 @@ class ZephVM {
   void ret();
   void retn();
   void hide();
+  // base/ZephVM_Import.cpp
+  void import();
+  void importf();
+  void import_loop();
+  void import_stop();
+  void op_export();
   // base/ZephVM_Localized.cpp
   void poplvnc();
   void localize();
@@ -379,6 +400,8 @@ class ZephVM {
   int open_features = 0;  // on the stack
   // Features that were taken off under another one: no beats, no ends, deleted with the machine.
   List<Feature> dropped_features;
+  // Compiled once, by text: a loop may open its import again and again.
+  std::map<std::string, ImportFilter, std::less<>> import_filters;
   NULLVariable* null_variable;
   ZephVM* parent;
   int frame_count = 0;  // of functions that have not returned

@@ -37,3 +37,14 @@ ZephVM_FunctionFrame::ZephVM_FunctionFrame(int segment, int offset, ::Function* 
 int ZephVM_FunctionFrame::type() {
   return Function;
 }
+
+ZephVM_FilterFrame::ZephVM_FilterFrame(int segment, int offset, int segment_behind,
+                                       int offset_behind, Completion routine)
+    : ZephVM_Frame(segment, offset),
+      completion(routine),
+      saved_offset(offset_behind),
+      saved_segment(segment_behind) {}
+
+int ZephVM_FilterFrame::type() {
+  return Filter;
+}

@@ -10,6 +10,7 @@
 
 class Function;
 class VariableHash;
+class ZephVM;
 class ZephVM_Stack;
 
 // The plain frame: the base of a machine's run, or of a run nested in it. Made and deleted by the
@@ -72,6 +73,27 @@ class ZephVM_FunctionFrame : public ZephVM_Frame {
   int entry_offset = -1;
   size_t place = 0;                // the function's index
   VariableHash* locals = nullptr;  // the template of its local variables
+};
+
+// The filter of an import, which judges a record. Its code is an expression, and where its segment
+// ends it has no caller to return to, but a routine of the machine that goes on by its value.
+class ZephVM_FilterFrame : public ZephVM_Frame {
+ public:
+  ZEPH_FREE_LIST_OPERATORS(ZephVM_FilterFrame)
+
+  // Gets the truth of what the filter has left; nothing is false.
+  using Completion = void (ZephVM::*)(int);
+
+  // Returns to where an accepted record is used. The saved place is where the machine goes on when
+  // there are no more records.
+  ZephVM_FilterFrame(int return_segment, int return_offset, int saved_segment, int saved_offset,
+                     Completion completion);
+
+  int type() override;
+
+  Completion completion;
+  int saved_offset;
+  int saved_segment;
 };
 
 #endif

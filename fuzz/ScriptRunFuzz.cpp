@@ -259,6 +259,10 @@ void Run(const std::string& file, Watchdog* watchdog) {
   application.SetLibraryManager(&libraries);
   NullOutput output(nullptr);
   application.SetOutput(&output);
+  // Scripts read and write this file, and others that they make.
+  MemoryFileManager files;
+  files.files["f"] = "1,one\n2,two\\n,2\r\n\n3,three\r4";
+  application.SetFileManager(&files);
   // A byte of the stamp decides whether the run is logged.
   if (file.size() > 8 && file[8]) application.config()->SetValue_Integer(Config_log_level, -1);
   LoadedScript script(&application, &manager);

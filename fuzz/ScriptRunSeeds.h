@@ -485,6 +485,49 @@ inline const char* const script_run_seeds[] = {
       cmp
       out
     )",
+    // Imports in one another, with filters that call functions, and exports.
+    R"(
+      pushc "f"
+      pushc ","
+      pushc "a,b"
+      pushc "a gt 1 and wanted(b)"
+      importf done
+body: pushc "f"
+      pushc ","
+      pushc "l.c,v[2]"
+      import next
+in:   pushg recno
+      out
+      pushc "g"
+      pushc ";"
+      pushc "a,b,c"
+      export
+      pushg b
+      isnull
+      jmp_ne stop
+      import_loop in
+      jmp next
+stop: import_stop next
+next: import_loop body
+done: pushc "g"
+      pushc ""
+      pushc "x"
+      pushc "x eq 'one' or 1 +"
+      importf over
+more: import_loop more
+over: exit
+      .function wanted(b)
+      pushc "f"
+      pushc ","
+      pushc "l.d,l.e"
+      pushc "e eq b"
+      importf none
+      pushi 1
+      ret
+none: retn
+      .local d, e
+      .end
+    )",
 };
 
 #endif

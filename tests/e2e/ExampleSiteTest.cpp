@@ -108,6 +108,33 @@ TEST(ExampleSite, ALinkChoosesTheLanguageOfAServedPage) {
   EXPECT_THAT(page("lang=%22%3E%3Cscript%3E", "de"), HasSubstr("<html lang=\"en\">"));
 }
 
+TEST(ExampleSite, TheListOfTeasIsWrittenOnceAndReadWithAFilter) {
+  EngineProcess engine;
+  engine.configuration =
+      "dir_zeph = \"" ZEPH_BINARY_DIR "/site\"\ndir_data = \"" + engine.Folder("data") + "\"\n";
+  ASSERT_TRUE(engine.Start());
+  const auto row = [](const char* number, const char* name, const char* price, const char* about) {
+    return "<tr><td class=\"number\">" + std::string(number) + "</td><td>" + name +
+           "</td><td class=\"number\">" + price + "</td><td>" + about + "</td></tr>\n";
+  };
+  const std::string all = row("1", "Assam", "3.20", "strong") +
+                          row("2", "Darjeeling", "5.90", "first flush") +
+                          row("3", "Sencha", "4.50", "green,\nfrom Japan") +
+                          row("4", "Rooibos", "2.80", "no tea at all");
+  for (int visit = 0; visit < 2; visit++) {
+    const std::string page = engine.Get("/teas.zpc").Body();
+    EXPECT_THAT(page, HasSubstr("<table>\n" + all + "</table>\n<pre>"));
+    EXPECT_THAT(page, HasSubstr("</html>\n"));
+  }
+  const auto limited = [&](const char* query) {
+    return engine.Get("/teas.zpc", {{"QUERY_STRING", query}}).Body();
+  };
+  EXPECT_THAT(limited("limit=4"),
+              HasSubstr("<table>\n" + row("1", "Assam", "3.20", "strong") +
+                        row("2", "Rooibos", "2.80", "no tea at all") + "</table>\n<pre>"));
+  EXPECT_THAT(limited("limit=1"), HasSubstr("<table>\n</table>\n<pre>"));
+}
+
 // The library that these pages have at the site.
 const std::string shelf =
     "[[library]]\nkind = \"builtin\"\npath = \"" ZEPH_BINARY_DIR "/lib/libshelf.so\"\n";

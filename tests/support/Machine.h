@@ -29,7 +29,8 @@
 #include "tests/support/TestApplication.h"
 #include "tools/MemoryFile.h"
 
-// The host of the machine: as TestApplication, with the password hash of scripts and a log.
+// The host of the machine: as TestApplication, with the password hash of scripts and a log. Files
+// of scripts are the machine's own, in memory, unless a test sets others.
 class MachineApplication : public TestApplication {
  public:
   char* Crypt(const char* key, int keylength, const char* salt, int* length, int* size) override {
@@ -53,6 +54,7 @@ class Machine {
  public:
   explicit Machine(const char* path = "dir/page.zpc") : script_path(path) {
     application.SetOutput(&output);
+    application.SetFileManager(&files);
   }
 
   // The machine is built at first use, so that a test can fill the tables before.
