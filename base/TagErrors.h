@@ -20,8 +20,10 @@ struct TagErrorSetting {
 };
 
 inline constexpr int tag_count = 77;
-// The number under which errors in an expression go, whatever tag it stands in.
+// Numbers that handlers use. Errors in an expression go under the second, whatever tag it stands in.
+inline constexpr int Tag_Lockfile = 23;
 inline constexpr int Tag_Expression = 62;
+inline constexpr int Tag_Asynchronous = 75;
 
 // The defaults in force, indexed by tag number. A request may set one while others are read by the
 // machines of other requests, so the settings are accessed through the functions below only.

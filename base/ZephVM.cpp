@@ -18,6 +18,7 @@
 #include "base/HotCode.h"
 #include "base/Instructions.h"
 #include "base/LinkBuffer.h"
+#include "base/Lockfile.h"
 #include "base/Output.h"
 #include "base/PoppedString.h"
 #include "base/Segment.h"
@@ -370,6 +371,8 @@ int ZephVM::Go() {
       CALL(hide)
       CALL(capture)
       CALL(capture_end)
+      CALL(lockfile)
+      CALL(lockfile_end)
       CALL_INTEGER(poplvnc)
       CALL_INTEGER(localize)
       CALL_INTEGER(localizev)
@@ -585,4 +588,28 @@ void ZephVM::capture_end() {
   }
   feature->End();
   Pop_Feature(feature);
+}
+
+// lockfile  ( name -- )  Takes the lock of that name, or waits for it, until lockfile_end or the
+// end of the script. A lock that cannot be had is an error of ZpLOCKFILE.
+void ZephVM::lockfile() {
+  PoppedString name(stack);
+  if (stop_flag) return;
+  auto feature = std::make_unique<Lockfile>(application, this, name.data(), name.length());
+  if (feature->Lock()) {
+    Push_Feature(feature.release());
+  } else {
+    EncodedRuntimeError(Tag_Lockfile, feature->error());
+  }
+}
+
+// lockfile_end  ( -- )  Gives the newest lock back. Without one it is the fatal error "Invalid
+// instruction".
+void ZephVM::lockfile_end() {
+  Feature* feature = Lookup_Feature(Feature::Type_Lockfile);
+  if (feature) {
+    Pop_Feature(feature);
+  } else {
+    FatalError("Invalid instruction");
+  }
 }

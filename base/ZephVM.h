@@ -290,6 +290,8 @@ class ZephVM {
   void op_errmsg();
   void capture();
   void capture_end();
+  void lockfile();
+  void lockfile_end();
   // base/ZephVM_Variables.cpp
   void pushs();
   void pops();

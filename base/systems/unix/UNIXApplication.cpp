@@ -359,8 +359,10 @@ void UNIXApplication::MakeMachine(ScriptTables* tables, TaggedFile* tagged, cons
 }
 
 void UNIXApplication::DeleteMachine() {
-  delete vm;
+  // What ends with the machine may sleep, and a sleep passes beats on to the machine.
+  ZephVM* const ending = vm;
   vm = nullptr;
+  delete ending;
 }
 
 void UNIXApplication::AddSystemVariables(ScriptTables* tables) {
