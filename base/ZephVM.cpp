@@ -26,6 +26,7 @@
 #include "base/VariableHash.h"
 #include "base/VariableRef.h"
 #include "base/ZephApplication.h"
+#include "base/ZephVM_Clone.h"
 
 namespace {
 
@@ -373,6 +374,7 @@ int ZephVM::Go() {
       CALL(capture_end)
       CALL(lockfile)
       CALL(lockfile_end)
+      CALL_INTEGER(async)
       CALL_INTEGER(poplvnc)
       CALL_INTEGER(localize)
       CALL_INTEGER(localizev)

@@ -34,6 +34,7 @@ class FunctionParameter;
 class HotCode;
 class LocalizedDictionary;
 class LocalizedLanguages;
+class MachineClone;
 class VariableList;
 class ZephApplication;
 struct HotOp;
@@ -56,6 +57,10 @@ class ZephVM {
          CommerceLibraryManager* commerce, ExternalDatabaseLibraryManager* databases,
          LocalizedLanguages* languages, LocalizedDictionary* localized, int* heartbeat,
          int* timedout, int* exit, ZephVM* parent);
+  // The copy for a background task, which goes on where the source is (base/ZephVM_Clone.cpp). It
+  // belongs to the host, whose integers are given, and works on copies of its own of all that the
+  // source works on, parents included; features stay with the source, which stands still meanwhile.
+  ZephVM(ZephApplication* application, ZephVM& source, int* heartbeat, int* timedout, int* exit);
   virtual ~ZephVM();
   ZephVM(const ZephVM&) = delete;
   ZephVM& operator=(const ZephVM&) = delete;
@@ -155,6 +160,8 @@ class ZephVM {
   // Takes the feature off the stack, with all above it, and deletes it; null means the top. Those
   // above are kept until the machine ends and deleted then, without running their ends.
   void Pop_Feature(Feature* feature);
+  // Closes all features of this machine and those above it, for a library that starts a task anew.
+  void ResetAsynchronousState();
 
   // Whether a record of this LogType is wanted at the current place of the script.
   bool WantsLog(unsigned type) { return (log_mask & type) != 0 && LogAdmitsPlace(); }
@@ -180,7 +187,11 @@ class ZephVM {
  private:
   enum class Pass { Continue, Normal };
 
+  friend class MachineClone;
+
   void MakeBaseFrame();
+  void CloneFrames(ZephVM& source);
+  std::unique_ptr<ZephVM_Frame> CloneFrame(ZephVM_Frame* original);
   void SetScriptDirectory();
   void EnterFrame(ZephVM_Frame* new_frame) {
     new_frame->serial = ++frame_serials;
@@ -354,6 +365,11 @@ class ZephVM {
   template <typename Write>
   void WriteLocalized(int token, Write write);
 
+  // base/ZephVM_Clone.cpp
+  void async();
+
+  // What a task's machine owns, and deletes last; null in any other.
+  std::unique_ptr<MachineClone> clone;
   int children = 0;  // machines that share this one's tables
   String error_text;
   int current_line = 0;

@@ -14,6 +14,7 @@
 #include "base/Variable.h"
 
 class LinkBuffer;
+class ZephApplication;
 class ZephVM;
 
 // Belongs to one machine and its thread. A stack has 512 entries for good: that limits the depth of
@@ -139,6 +140,9 @@ class ZephVM_Stack {
   // order is reversed. A Variable that was borrowed is owned from then on: the other stack may die
   // first. Serves to hand a function's result to its caller, with a count of 1.
   void Push(ZephVM_Stack* from, int count);
+  // Pushes copies of all entries of another machine's stack, for a task of that application: what
+  // they hold is the copies' own.
+  void CopyEntries(ZephApplication* application, ZephVM_Stack& source);
 
   // The top entry, null on an empty stack.
   Stack_Entry* Peek() { return top > entries ? Settled(top - 1) : nullptr; }

@@ -16,6 +16,7 @@
 #include "base/VariableHash.h"
 #include "base/ZephVM.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
+#include "fastcgi/FastCGIAsynchronousApplication.h"
 #include "fastcgi/FastCGIOutput.h"
 #include "fastcgi/FastCGIThreads.h"
 
@@ -99,6 +100,14 @@ void FastCGIApplication::ConfigurationError(const String& text) {
     message.cat(admin, -1);
   }
   Error(message);
+}
+
+int FastCGIApplication::BeginAsynchronousTask(ZephVM* machine) {
+  const int most = configuration->value_integer(Config_max_async_tasks);
+  if (most != 0 && started_tasks >= most) return AsynchronousTask_LimitReached;
+  started_tasks++;
+  thread_manager->StartAsynchronousThread(new FastCGIAsynchronousApplication(this, machine));
+  return AsynchronousTask_Started;
 }
 
 void FastCGIApplication::OutputHeaders() {

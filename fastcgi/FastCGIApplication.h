@@ -28,6 +28,7 @@ class FastCGIApplication : public FastCGIBaseApplication {
   int Go(FastCGIThread* thread);
 
   void OutputError(const char* text, int length) override;
+  int BeginAsynchronousTask(ZephVM* machine) override;
   // Sends a failure of the configuration, with the address of whoever can mend it.
   virtual void ConfigurationError(const String& text);
 
@@ -73,6 +74,7 @@ class FastCGIApplication : public FastCGIBaseApplication {
   std::unique_ptr<RequestVariables> request_variables;  // until the table has them
   const char* working_directory;
   int owner_id = 0;
+  int started_tasks = 0;  // whether or not they have ended
   const char* path_info;  // the parameters themselves; either may be null
   const char* query_string;
   const char* script_root = nullptr;  // these three belong to the settings

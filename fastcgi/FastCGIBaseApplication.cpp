@@ -9,6 +9,11 @@ FastCGIBaseApplication::FastCGIBaseApplication(int argc, char** argv, int copied
                                                ExternalLibraryManager* libraries)
     : UNIXApplication(argc, argv, copied_argc, copied_argv, libraries), thread_manager(threads) {}
 
+FastCGIBaseApplication::FastCGIBaseApplication(FastCGIBaseApplication& other)
+    : UNIXApplication(other), thread_manager(other.thread_manager) {
+  if (other.cookie) cookie.reset(zeph_strdup(other.cookie.get()));
+}
+
 void FastCGIBaseApplication::ResetGlobalTimeout() {
   MutexGuard guard(application_mutex);
   const int timed_out = cancelled();

@@ -18,6 +18,9 @@ class FastCGIBaseApplication : public UNIXApplication {
                          FastCGIThreadManager* thread_manager,
                          ExternalLibraryManager* library_manager);
 
+  // For a background task that the other one starts (UNIXApplication).
+  explicit FastCGIBaseApplication(FastCGIBaseApplication& other);
+
   void ResetGlobalTimeout() override;
 
  protected:

@@ -11,7 +11,7 @@
 #include <ctime>
 
 #include "base/systems/unix/ScriptThread.h"
-#include "fastcgi/FastCGIBaseApplication.h"
+#include "fastcgi/FastCGIAsynchronousApplication.h"
 #include "fastcgi/FastCGIRequestThread.h"
 
 std::atomic<char> FastCGICancelPending{0};
@@ -157,6 +157,12 @@ void FastCGIThreadManager::BlockSignals() {
 
 int FastCGIThreadManager::StartRequestThread(_FastCGIMainArgs* arguments) {
   return StartTaskThread(FastCGIRequestThread, arguments);
+}
+
+int FastCGIThreadManager::StartAsynchronousThread(FastCGIAsynchronousApplication* task) {
+  const int result = StartTaskThread(FastCGIAsynchronousThread, task);
+  if (result != 0) delete task;
+  return result;
 }
 
 int FastCGIThreadManager::StartTaskThread(FastCGIThread::StartRoutine routine, void* argument) {

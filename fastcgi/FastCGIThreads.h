@@ -120,6 +120,9 @@ class FastCGIThreadManager {
 
   // Answers what pthread_create answered; a thread that could not be made is forgotten.
   int StartRequestThread(_FastCGIMainArgs* arguments);
+  // Takes the task over; without a thread it is deleted. The thread blocks the signals that the
+  // calling one blocks.
+  int StartAsynchronousThread(FastCGIAsynchronousApplication* task);
 
   // The body of the main thread: handles signals from here on and returns when no task thread is
   // left.

@@ -134,7 +134,7 @@ const std::set<std::string> words_to_come = {
     "op_do_file",       "op_do_function",   "pop3",         "pop3loop",     "pop3stop",
     "pop3delete",       "op_smtp",          "op_smtpn",     "op_smtp_end",  "op_http",
     "op_http8",         "op_httpn",         "op_http_loop", "op_http_stop", "op_commerce",
-    "op_commerce_loop", "op_commerce_stop", "async",
+    "op_commerce_loop", "op_commerce_stop",
 };
 
 TEST(InstructionsOutput, EveryWordHasAHandlerOrSaysSo) {

@@ -53,6 +53,7 @@ class MachineApplication : public TestApplication {
 class Machine {
  public:
   explicit Machine(const char* path = "dir/page.zpc") : script_path(path) {
+    application.SetFileManager(&files);
     application.SetOutput(&output);
     application.SetFileManager(&files);
   }

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/BufferedOutput.h"
 #include "base/CommerceLibrary.h"
 #include "base/Dictionary.h"
 #include "base/ExternalCall.h"
@@ -114,6 +115,34 @@ UNIXApplication::UNIXApplication(int argc, char** argv, int copied_argc, char** 
   const char* program = copied_argc > 0 ? copied_argv[0] : "";
   const char* slash = strrchr(program, '/');
   base_name = slash ? slash + 1 : program;
+}
+
+UNIXApplication::UNIXApplication(UNIXApplication& other)
+    : library_manager(other.library_manager),
+      argument_count(other.argument_count),
+      arguments(other.arguments),
+      copied_argument_count(other.copied_argument_count),
+      copied_arguments(other.copied_arguments),
+      process_id(other.process_id),
+      thread_id(other.thread_id),
+      base_name(other.base_name),
+      host_name(other.host_name) {
+  configuration = new Config(*other.configuration);
+  current_output = new NullOutput(nullptr);
+  file_manager = new UNIXReentrantFileManager(this, *other.file_manager);
+  if (other.commerce_manager) {
+    commerce_manager = new CommerceLibraryManager(this, *other.commerce_manager);
+  }
+  if (other.database_manager) {
+    database_manager = new ExternalDatabaseLibraryManager(this, *other.database_manager);
+  }
+  if (other.system_manager) {
+    system_manager = new SystemLibraryManager(this, *other.system_manager);
+  }
+  SetLanguage(other.current_language);
+  SetDefaultLanguage(other.default_language);
+  SetDefaultDatabase(other.default_database);
+  SetCharacterSet(other.character_set);
 }
 
 // The managers of libraries go first and the settings last, since a configuration library may still

@@ -24,6 +24,10 @@ class UNIXApplication : public ZephApplication {
   // them; borrowed, like the library manager.
   UNIXApplication(int argc, char** argv, int copied_argc, char** copied_argv,
                   ExternalLibraryManager* library_manager);
+  // For a background task, on the thread of the request: services, identity and settings as copies
+  // of the other's, with the settings that have been read and no library behind them, and an output
+  // that swallows everything. Clock, flags, mutex and log are new.
+  explicit UNIXApplication(UNIXApplication& other);
   ~UNIXApplication() override;
 
   NetworkManager* networkmanager() override;

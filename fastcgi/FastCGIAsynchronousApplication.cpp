@@ -1,0 +1,123 @@
+#include "fastcgi/FastCGIAsynchronousApplication.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <memory>
+#include <new>
+
+#include "base/Config.h"
+#include "base/Variable.h"
+#include "base/VariableHash.h"
+#include "base/ZephVM.h"
+#include "base/systems/unix/UNIXReentrantFile.h"
+#include "fastcgi/FastCGIThreads.h"
+
+namespace {
+
+// A deadline of 0 is none, so one that is over lies at 1 at least.
+long After(long seconds) {
+  const long deadline = time(nullptr) + seconds;
+  return deadline > 0 ? deadline : 1;
+}
+
+// Later times than the clock can tell are as good as never.
+constexpr long kLatest = 9000000000;
+
+}  // namespace
+
+FastCGIAsynchronousApplication::FastCGIAsynchronousApplication(FastCGIBaseApplication* source,
+                                                               ZephVM* machine)
+    : FastCGIBaseApplication(*source) {
+  vm = new ZephVM(this, *machine, heartbeatcounter(), timedoutflag(), exitflag());
+  ProcessLogSettings();
+}
+
+FastCGIAsynchronousApplication::~FastCGIAsynchronousApplication() {
+  DeleteMachine();
+}
+
+int FastCGIAsynchronousApplication::Go(FastCGIThread* thread) {
+  thread_id = static_cast<int>(thread->number());
+  vm->SystemVariables()->SetVariable(new ImmutableVariable("thread_id", -1, thread_id));
+  ResetGlobalTimeout();
+  return vm->Go();
+}
+
+void FastCGIAsynchronousApplication::ResetGlobalTimeout() {
+  const int seconds = configuration->value_integer(Config_timeout_async);
+  MutexGuard guard(application_mutex);
+  SetDeadline(seconds);
+}
+
+// Under the application mutex. A task that was cancelled by a shutdown does not get new time: none
+// may outlive it.
+void FastCGIAsynchronousApplication::SetDeadline(long seconds) {
+  global_deadline = seconds == 0 ? 0 : After(seconds);
+  const int ends = thread_manager && thread_manager->ShuttingDown() ? cancelled() : 0;
+  std::atomic_ref<int>(global_timed_out).store(ends, std::memory_order_relaxed);
+}
+
+int FastCGIAsynchronousApplication::BeginAsynchronousTask(ZephVM*) {
+  return AsynchronousTask_InTask;
+}
+
+void FastCGIAsynchronousApplication::AsynchronousSleep(long wakeat, Zeph_PathType type,
+                                                       const char* path) {
+  const int limit = configuration->value_integer(Config_timeout_async_sleep);
+  long remaining = -1;
+  {
+    MutexGuard guard(application_mutex);
+    if (global_deadline != 0) remaining = std::max(TimeRemaining(), 0L);
+  }
+  // The file as it is now is what a change is told by, so it is read before the sleep begins.
+  const long before = ModifiedTime(type, path);
+  {
+    MutexGuard guard(application_mutex);
+    SetDeadline(limit);
+  }
+  if (!SleepUntil(wakeat, type, path, before)) return;
+  MutexGuard guard(application_mutex);
+  global_deadline = remaining < 0 ? 0 : After(remaining - 1);
+}
+
+// When the file was modified; 0 without one.
+long FastCGIAsynchronousApplication::ModifiedTime(Zeph_PathType type, const char* path) {
+  long time = 0;
+  return path && *path && file_manager->ModifiedTime(type, path, &time) ? time : 0;
+}
+
+// False when the sleep has lasted too long or was cancelled.
+bool FastCGIAsynchronousApplication::SleepUntil(long wakeat, Zeph_PathType type, const char* path,
+                                                long before) {
+  const Condition::Time end =
+      std::chrono::system_clock::from_time_t(std::clamp(wakeat, 0L, kLatest));
+  for (;;) {
+    {
+      MutexGuard guard(application_mutex);
+      if (cancelled()) return false;
+      if (!application_condition.WaitUntil(application_mutex, end)) return true;
+    }
+    if (ModifiedTime(type, path) > before) return true;
+    // Outside of the mutex: the beat of a feature may take its time.
+    vm->Heartbeat();
+  }
+}
+
+// --- The thread ----------------------------------------------------------------------------------
+
+void* FastCGIAsynchronousThread(void* argument) {
+  auto* thread = static_cast<FastCGITaskThread*>(argument);
+  std::unique_ptr<FastCGIAsynchronousApplication> application(
+      static_cast<FastCGIAsynchronousApplication*>(thread->argument()));
+  try {
+    CurrentApplication current(thread, application.get());
+    application->Go(thread);
+  } catch (const std::bad_alloc&) {
+  }
+  application.reset();
+  Variable::FreeCycles();
+  thread->Exit();
+  return nullptr;
+}
