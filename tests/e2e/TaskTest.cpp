@@ -197,7 +197,7 @@ constexpr char for_ever[] = "around: jmp around\n";
 TEST_F(SlowTask, ATaskRunsOnWithoutItsRequestUntilItsOwnTimeIsOver) {
   engine.settings += "timeout_global = 1\n";
   // The script has read the setting, so the task has it, too.
-  engine.Script("task.zpc", "pushs zeph_config\npushc \"timeout_async\"\nmemb\npop\n" +
+  engine.Script("task.zpc", "pushs zeph_config\npushc \"timeout_async\"\nmemb\npopg pinned\n" +
                                 Async(Notes("pushc \"begun\"") + for_ever) + Writes("page") +
                                 functions);
   engine.settings += "timeout_async = 8\n";
