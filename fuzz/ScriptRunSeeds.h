@@ -490,7 +490,7 @@ inline const char* const script_run_seeds[] = {
       pushc "f"
       pushc ","
       pushc "a,b"
-      pushc "a gt 1 and wanted(b)"
+      pushc "wanted(b) and a gt 1"
       importf done
 body: pushc "f"
       pushc ","

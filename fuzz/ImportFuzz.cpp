@@ -1,0 +1,151 @@
+// Delimited text files: whatever they hold and however they are cut into blocks, records and fields
+// are those that slow and short code finds. What came in goes out and comes in again.
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "base/Config.h"
+#include "base/Dictionary.h"
+#include "base/Function.h"
+#include "base/Import.h"
+#include "base/LocalizedDictionary.h"
+#include "base/LocalizedLanguages.h"
+#include "base/Segment.h"
+#include "base/TaggedFile.h"
+#include "base/Variable.h"
+#include "base/VariableHash.h"
+#include "base/ZephVM.h"
+#include "tests/support/FaultyFile.h"
+#include "tests/support/TestApplication.h"
+
+namespace {
+
+using Record = std::vector<std::string>;
+
+const int kFields = 3;
+
+void Require(bool condition) {
+  if (!condition) abort();
+}
+
+std::string Text(Variable* variable) {
+  const String& value = variable->value();
+  return value.data ? std::string(value.data, static_cast<size_t>(value.length)) : "";
+}
+
+std::vector<Record> Model(const std::string& content, const std::string& delimiter) {
+  std::vector<Record> all;
+  for (size_t at = 0;;) {
+    std::string line;
+    bool ended = false;
+    while (at < content.size() && !ended) {
+      char c = content[at++];
+      if (c == '\\') {
+        if (at == content.size()) break;
+        c = content[at++];
+        line += c == 'n' ? '\n' : c == 'r' ? '\r' : c;
+      } else if (c == '\n') {
+        ended = true;
+      } else if (c == '\r') {
+        ended = at < content.size();
+        if (ended && content[at] == '\n') at++;
+      } else {
+        line += c;
+      }
+    }
+    if (!ended && line.empty()) return all;
+    Record fields(kFields);
+    size_t position = 0;
+    for (std::string& field : fields) {
+      if (position >= line.size()) continue;
+      size_t stop = delimiter.empty() ? std::string::npos : line.find(delimiter, position);
+      if (stop == std::string::npos) stop = line.size();
+      field = line.substr(position, stop - position);
+      position = stop + delimiter.size();
+    }
+    all.push_back(fields);
+  }
+}
+
+// A machine with nothing to run, which imports need for their variables.
+class Reader {
+ public:
+  explicit Reader(int buffer, int most) {
+    application.SetFileManager(&files);
+    application.config()->SetValue_Integer(Config_bufsz_import, buffer);
+    files.read_limit = most;
+    for (const char* name : {"a", "b", "c", "recno"}) globals.Insert(name, -1);
+    vm = std::make_unique<ZephVM>("s", -1, &application, &dictionary, &system, &globals, &segments,
+                                  &functions, nullptr, nullptr, nullptr, &languages, &pieces,
+                                  application.heartbeatcounter(), application.timedoutflag(),
+                                  application.exitflag(), nullptr);
+  }
+
+  std::vector<Record> Read(const std::string& content, const std::string& delimiter) {
+    files.files["f"] = content;
+    Import import(&application, vm.get());
+    int deletable = 0;
+    import.SetDelimiter(delimiter.data(), static_cast<int>(delimiter.size()), &deletable);
+    import.SetFields("a,b,c", 5);
+    Require(import.Start("f", 1, 2, &deletable));
+    std::vector<Record> all;
+    while (import.Next() == 0) {
+      Record fields;
+      for (const char* name : {"a", "b", "c"}) fields.push_back(Text(vm->Lookup_Global(name, -1)));
+      all.push_back(fields);
+      Require(vm->Lookup_Global("recno", -1)->value_integer() == static_cast<int>(all.size()));
+    }
+    return all;
+  }
+
+ private:
+  TestApplication application;
+  FaultyFileManager files;
+  Dictionary dictionary;
+  SystemVariableHash system{&dictionary, 4, 8};
+  VariableHash globals{&dictionary, 4, 8};
+  SegmentManager segments;
+  FunctionManager functions{&dictionary, 4};
+  TaggedFile script{&files};
+  LocalizedLanguages languages{&application, &dictionary, &script, 4, 8};
+  LocalizedDictionary pieces;
+  std::unique_ptr<ZephVM> vm;
+};
+
+}  // namespace
+
+// The first bytes: the size of the buffer, the most that a read gives, the delimiter's length and
+// the delimiter.
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 3) return 0;
+  const int buffer = static_cast<int8_t>(data[0]);
+  const int most = data[1] % 40;
+  const std::string rest(reinterpret_cast<const char*>(data) + 3, size - 3);
+  const std::string delimiter = rest.substr(0, data[2] % 6);
+  const std::string content = rest.substr(delimiter.size());
+  Reader reader(buffer, most);
+  const std::vector<Record> expected = Model(content, delimiter);
+  Require(reader.Read(content, delimiter) == expected);
+  std::string written;
+  for (const Record& record : expected) {
+    ExportRecord line;
+    for (int i = 0; i < kFields; i++) {
+      const std::string& field = record[static_cast<size_t>(i)];
+      if (i > 0) line.AppendPlain(delimiter.data(), static_cast<int>(delimiter.size()));
+      line.AppendField(field.data(), static_cast<int>(field.size()));
+    }
+    line.AppendPlain("\n", 1);
+    Require(line.whole());
+    written.append(line.data(), static_cast<size_t>(line.length()));
+  }
+  // A delimiter is written as it is: with a byte of its own meaning in it, other records come back.
+  if (delimiter.find_first_of("\n\r\\") == std::string::npos) {
+    std::vector<Record> again = reader.Read(written, delimiter);
+    Require(again.size() == expected.size());
+    if (delimiter.size() == 1) Require(again == expected);
+  }
+  Require(reader.Read(written, delimiter) == Model(written, delimiter));
+  Variable::FreeCycles();
+  return 0;
+}
