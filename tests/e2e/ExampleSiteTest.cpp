@@ -5,6 +5,8 @@
 
 #include <filesystem>
 #include <set>
+#include <thread>
+#include <vector>
 
 #include "tests/support/Command.h"
 #include "tests/support/EngineProcess.h"
@@ -223,6 +225,59 @@ TEST(ExampleSite, TheShelfKeepsFilesUnderHarmlessNamesAndListsThem) {
   // A field of a visitor's own is not taken for what has come.
   EXPECT_THAT(engine.Get("/upload.zpc", {{"QUERY_STRING", "this:taken=5&taken=5"}}).Body(),
               Not(HasSubstr("Thank you")));
+}
+
+// A page of the built site, among the scripts of an engine.
+void ServeExample(const EngineProcess& engine, const std::string& name) {
+  std::filesystem::copy_file(ZEPH_BINARY_DIR "/site/" + name, engine.Path("scripts/" + name));
+}
+
+TEST(ExampleSite, TheCounterGivesEveryVisitorANumberOfItsOwn) {
+  EngineProcess engine;
+  ServeExample(engine, "counter.zpc");
+  ASSERT_TRUE(engine.Start());
+  const auto number = [&] {
+    const std::string page = engine.Get("/counter.zpc").Body();
+    EXPECT_THAT(page, HasSubstr("</html>\n"));
+    EXPECT_THAT(page, Not(HasSubstr("error in ")));
+    const size_t begin = page.find("<output>");
+    return begin == std::string::npos ? 0 : atoi(page.c_str() + begin + 8);
+  };
+  EXPECT_EQ(number(), 1);
+  EXPECT_EQ(number(), 2);
+  const int visitors = 8, visits = 5;
+  std::vector<std::vector<int>> numbers(visitors);
+  std::vector<std::thread> clients;
+  for (std::vector<int>& mine : numbers) {
+    clients.emplace_back([&] {
+      for (int i = 0; i < visits; i++) mine.push_back(number());
+    });
+  }
+  for (std::thread& client : clients) client.join();
+  std::set<int> all;
+  for (const std::vector<int>& mine : numbers) all.insert(mine.begin(), mine.end());
+  EXPECT_EQ(all.size(), static_cast<size_t>(visitors * visits));
+  EXPECT_EQ(*all.begin(), 3);
+  EXPECT_EQ(*all.rbegin(), 2 + visitors * visits);
+}
+
+TEST(ExampleSite, ATaskLeavesItsSumForLaterVisits) {
+  EngineProcess engine;
+  engine.settings = "timeout_async = 77\n";
+  ServeExample(engine, "task.zpc");
+  ASSERT_TRUE(engine.Start());
+  EXPECT_THAT(engine.Get("/task.zpc").Body(), Not(HasSubstr("Begun")));
+  const std::string begun = engine.Get("/task.zpc", {{"QUERY_STRING", "limit=1000"}}).Body();
+  EXPECT_THAT(begun, HasSubstr("may take 77 seconds"));
+  EXPECT_THAT(begun, HasSubstr("</html>\n"));
+  ASSERT_EQ(engine.WaitForThreads(10 + EngineProcess::OtherThreads),
+            10 + EngineProcess::OtherThreads);
+  EXPECT_THAT(engine.Get("/task.zpc").Body(),
+              HasSubstr("<tr><td class=\"number\">1000</td><td class=\"number\">500500</td></tr>\n"
+                        "</table>"));
+  for (const char* query : {"limit=-1", "limit=2000000", "limit=%3Cb%3E"}) {
+    EXPECT_THAT(engine.Get("/task.zpc", {{"QUERY_STRING", query}}).Body(), Not(HasSubstr("Begun")));
+  }
 }
 
 }  // namespace
