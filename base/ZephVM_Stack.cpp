@@ -103,11 +103,12 @@ bool ZephVM_Stack::Grow() {
     vm->FatalError("Stack overflow");
     return false;
   }
+  const int hidden = Capacity - SS;
   auto* all = static_cast<Entry*>(::operator new(sizeof(Entry) * Capacity));
-  memcpy(all, entries, sizeof(Entry) * static_cast<size_t>(used));
-  entries = all;
-  top = all + used;
-  limit = all + SS;
+  memcpy(all, entries - hidden, sizeof(Entry) * static_cast<size_t>(hidden + used));
+  entries = all + hidden;
+  top = entries + used;
+  limit = all + Capacity;
   return true;
 }
 
@@ -210,6 +211,31 @@ void ZephVM_Stack::Push(ZephVM_Stack* from, int count) {
     entry->private_copy = 0;
     entry->deletable = 1;
   }
+}
+
+void ZephVM_Stack::KeepTop() {
+  if (Entries() < 2) return;
+  OwnTop();
+  Entry* kept = top - 1;
+  for (Entry* entry = entries; entry < kept; entry++) Free(entry);
+  entries->CopyFrom(*kept);
+  top = entries + 1;
+}
+
+void ZephVM_Stack::OwnTop() {
+  if (top == entries || top[-1].Owns()) return;
+  Entry* entry = top - 1;
+  if (entry->kind == KindString) {
+    entry->value.text = CopyText(entry->value.text, entry->length);
+    entry->size = entry->length + 1;
+  } else if (entry->kind == KindLinkBuffer) {
+    entry->value.buffer = ConvertEntryToDeletableLinkBuffer(entry);
+  } else if (entry->kind == KindVariable) {
+    entry->value.variable->IncRefCount();
+  } else {
+    return;
+  }
+  entry->deletable = 1;
 }
 
 int ZephVM_Stack::PopConvertedI() {

@@ -240,6 +240,24 @@ class ZephVM_Stack {
   // LinkBuffer in place.
   void Concatenate();
 
+  // --- Runs that work on somebody's stack --------------------------------------------------------
+  // Hides all entries, whose count it answers: until they are back, the stack is an empty one with
+  // so much less room, and whatever takes more than it has pushed underflows.
+  int HideEntries() {
+    const int hidden = Entries();
+    entries += hidden;
+    SS -= hidden;
+    return hidden;
+  }
+  void ShowEntries(int hidden) {
+    entries -= hidden;
+    SS += hidden;
+  }
+  // Drops all entries but the top.
+  void KeepTop();
+  // Makes the top own what it holds, if it does not: a text of a dictionary may go before it.
+  void OwnTop();
+
   // The conversions behind the above, for code that handles entries itself. Both consume what the
   // entry owns; the entry must not be used again.
   char* ConvertEntryToString(Stack_Entry* entry, int* length, int* size, int* deletable);
