@@ -13,6 +13,7 @@
 #include "base/Capture.h"
 #include "base/Config.h"
 #include "base/Dictionary.h"
+#include "base/DoContext.h"
 #include "base/ExternalCall.h"
 #include "base/Feature.h"
 #include "base/HotCode.h"
@@ -85,7 +86,9 @@ ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* host, Dictiona
       features(0),
       dropped_features(1),
       null_variable(new NULLVariable),
-      parent(parent_machine) {
+      parent(parent_machine),
+      root(parent_machine ? parent_machine->root : this),
+      covered_captures(1) {
   CopyDefaultErrorSettings(tag_errors);
   MakeBaseFrame();
   segment = segments->Start();
@@ -125,8 +128,11 @@ ZephVM::~ZephVM() {
   // the newest to the oldest, those that were dropped included: the outputs of captures lead on to
   // older ones.
   while (features.Top()) Drop(features.Pop());
-  while (dropped_features.First()) delete dropped_features.Remove(ListHead);
+  while (dropped_features.First()) DeleteFeature(dropped_features.Remove(ListHead));
   if (parent) parent->children--;
+  // The contexts, with their machines, before what is left of those.
+  contexts.reset();
+  while (covered_captures.First()) delete covered_captures.Remove(ListHead);
 }
 
 void ZephVM::MakeBaseFrame() {
@@ -375,6 +381,8 @@ int ZephVM::Go() {
       CALL(lockfile)
       CALL(lockfile_end)
       CALL_INTEGER(async)
+      CALL(op_do_file)
+      CALL(op_do_function)
       CALL_INTEGER(poplvnc)
       CALL_INTEGER(localize)
       CALL_INTEGER(localizev)
@@ -446,7 +454,7 @@ const char* ZephVM::SourceFile(int* length) {
 // --- Features ------------------------------------------------------------------------------------
 
 void ZephVM::Push_Feature(Feature* feature) {
-  feature->SetSerial(++feature_serials);
+  feature->SetSerial(++root->feature_serials);
   features.Push(feature);
   open_features++;
 }
@@ -476,11 +484,26 @@ void ZephVM::Pop_Feature(Feature* wanted) {
   }
 }
 
-// Keeps a feature until the machine ends; the list has the newest at its head.
+// Puts a feature in its place: the newest at the head.
+static void InsertByAge(List<Feature>* list, Feature* feature) {
+  Feature* other = list->First();
+  while (other && other->serial() > feature->serial()) other = list->Next();
+  list->Insert(feature, other ? ListCurrent : ListTail);
+}
+
+// Keeps a feature until the machine ends.
 void ZephVM::Drop(Feature* feature) {
-  Feature* other = dropped_features.First();
-  while (other && other->serial() > feature->serial()) other = dropped_features.Next();
-  dropped_features.Insert(feature, other ? ListCurrent : ListTail);
+  InsertByAge(&dropped_features, feature);
+}
+
+// At the machine's end. Files that use one another open captures above those of other machines, and
+// any of these may end first: then the output stays that the others lead on to.
+void ZephVM::DeleteFeature(Feature* feature) {
+  if (feature->type() == Feature::Type_Capture && static_cast<Capture*>(feature)->covered()) {
+    InsertByAge(&root->covered_captures, feature);
+  } else {
+    delete feature;
+  }
 }
 
 // --- Handlers ------------------------------------------------------------------------------------

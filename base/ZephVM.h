@@ -24,6 +24,8 @@
 
 class CommerceLibraryManager;
 class Dictionary;
+class DoContext;
+class DoContexts;
 class ExternalCall;
 class ExternalCallManager;
 class ExternalDatabaseLibraryManager;
@@ -99,6 +101,43 @@ class ZephVM {
   int ProcessFileUpload(const char* field, int fieldlength, const char* name, int namelength,
                         const char* status, int statuslength, const char* path, int pathlength,
                         const char* type, int typelength, int size);
+
+  // --- Expressions and other files (base/ZephVM_Expressions.cpp) ---------------------------------
+  // Compiles an expression into a new segment of this machine, which stays for as long as the
+  // machine: who evaluates one text often keeps the segment. Functions are looked for here, and
+  // external ones also in the caller, or without one in the parent. alias, null or terminated,
+  // names the database of fields that name none; sourcefile, which may be null, and line are what
+  // messages of the expression name. Null after a failure, with its text in *error, if that is not
+  // null. Lengths of -1 mean strlen.
+  Segment* Compile_Dynamic_Expression(const char* text, int length, const char* alias,
+                                      ZephVM* caller, String* error, const char* sourcefile,
+                                      int sourcefilelength, int line);
+  // Runs a compiled expression: 1, or 0 after an error or a time-out. It leaves one value at most
+  // on the stack, and reaches none of the entries that are there; a null stack is the current one.
+  // An expression that leaves several values has the last of them as its own. variables are what
+  // the scope "local" means in it, null for those of the current frame; bare names are not looked
+  // for there. All are borrowed. On the stack of another machine, what the stack reports is that
+  // machine's error, and ends both.
+  int Execute_Dynamic_Expression(Segment* expression, ZephVM_Stack* entries,
+                                 VariableHash* variables);
+  // The same, with the value taken from the stack if the run was good, and the results left alone
+  // if not: as PopBool, PopS and PopV(Variable**, int*) do. An expression without a value is false,
+  // an empty text or the null variable.
+  int Execute_Dynamic_Expression(Segment* expression, ZephVM_Stack* entries,
+                                 VariableHash* variables, int* result);
+  int Execute_Dynamic_Expression(Segment* expression, ZephVM_Stack* entries,
+                                 VariableHash* variables, const char** text, int* length, int* size,
+                                 int* deletable);
+  int Execute_Dynamic_Expression(Segment* expression, ZephVM_Stack* entries,
+                                 VariableHash* variables, Variable** result, int* deletable);
+  // The context of another compiled file, opened if it has not been. A relative name is one in the
+  // directory of this machine's script. Borrowed, and good until the next call. Null after a
+  // runtime error. A length of -1 means strlen.
+  DoContext* DoContextFind(const char* name, int length);
+  // How many machines have this one for a parent, and how many runs of it a context has asked for.
+  int Children() const { return children; }
+  void AddChild() { children++; }
+  void RemoveChild() { children--; }
 
   // --- Variables by name (base/ZephVM_Lookup.cpp) ------------------------------------------------
   // All results are borrowed. A length of -1 means strlen, but for a list.
@@ -200,6 +239,7 @@ class ZephVM {
   }
 
   void Drop(Feature* feature);
+  void DeleteFeature(Feature* feature);
   bool LogAdmitsPlace();
 
   // Steps of the loop.
@@ -258,7 +298,7 @@ class ZephVM {
   // Calls. There may be far more activations than a script needs, and few enough for the memory of
   // a thread.
   static constexpr int MostFrames = 65536;
-  class NestedRun;
+  class NestedRun;  // base/NestedRun.h
   ZephVM_FunctionFrame* FrameFor(Function* function);
   void KeepFrame(ZephVM_FunctionFrame* left);
   int SimpleParameters(Function* function);
@@ -358,6 +398,12 @@ class ZephVM {
   void import_loop();
   void import_stop();
   void op_export();
+  // base/ZephVM_Expressions.cpp
+  void op_do_file();
+  void op_do_function();
+  bool Run_Function(DoContext* context, const std::string& text);
+  Segment* FunctionCall(DoContext* context, const std::string& text);
+  void AfterChild(ZephVM* child, int result);
   // base/ZephVM_Localized.cpp
   void poplvnc();
   void localize();
@@ -370,7 +416,7 @@ class ZephVM {
 
   // What a task's machine owns, and deletes last; null in any other.
   std::unique_ptr<MachineClone> clone;
-  int children = 0;  // machines that share this one's tables
+  int children = 0;
   String error_text;
   int current_line = 0;
   int traced_line = 0;
@@ -422,6 +468,15 @@ class ZephVM {
   std::map<std::string, ImportFilter, std::less<>> import_filters;
   NULLVariable* null_variable;
   ZephVM* parent;
+  // --- Of the family: a machine, its children, and theirs ----------------------------------------
+  ZephVM* root;                          // the machine that has no parent
+  std::unique_ptr<DoContexts> contexts;  // the root's; null until a script names another file
+  // Captures of machines that are gone which outputs of others still lead on to; the root's.
+  List<Feature> covered_captures;
+  int runs = 0;  // that are nested in one another; the root's
+  // The machine that works on this one's stack.
+  ZephVM* guest = nullptr;
+  // -----------------------------------------------------------------------------------------------
   int frame_count = 0;  // of functions that have not returned
   // Frames of calls that are over, by function, with their stack and locals, for the next calls.
   std::vector<ZephVM_FunctionFrame*> idle_frames;
@@ -429,8 +484,8 @@ class ZephVM {
   int hot_mode = 0;
   bool hot_mode_known = false;
   bool in_hot = false;
-  int runs = 0;            // that are nested in one another
-  long frame_serials = 0;  // the last serial numbers given to a frame and to a feature
+  // The last serial numbers given to a frame, and to a feature by the machines of a family.
+  long frame_serials = 0;
   long feature_serials = 0;
 };
 

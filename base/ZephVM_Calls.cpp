@@ -7,6 +7,7 @@
 #include "base/Feature.h"
 #include "base/Function.h"
 #include "base/LinkBuffer.h"
+#include "base/NestedRun.h"
 #include "base/Output.h"
 #include "base/Segment.h"
 #include "base/Variable.h"
@@ -330,50 +331,47 @@ bool ZephVM::TakeExternalArguments(Function* function, const _ZP_EL_Function* ro
 
 // --- Runs within a run ---------------------------------------------------------------------------
 
-// A plain frame with nothing below it, so that no return crosses into the run around it.
-class ZephVM::NestedRun {
- public:
-  explicit NestedRun(ZephVM* machine)
-      : vm(machine),
-        outer(machine->frame),
-        program_counter(machine->program_counter),
-        wanted_segment(machine->wanted_segment) {
-    vm->runs++;
-  }
-  // Frames that the run has left, because an error ended it inside of a function, go with it.
-  ~NestedRun() {
-    while (vm->frame != outer) {
-      std::unique_ptr<ZephVM_Frame> left(vm->frame);
-      vm->frame = left->previous ? left->previous : outer;
-      if (left->type() == ZephVM_Frame::Function) vm->frame_count--;
-    }
-    vm->stack = outer->stack;
-    vm->application->output()->SetFlags(outer->output_mode);
-    vm->program_counter = program_counter;
-    vm->wanted_segment = wanted_segment;
-    if (vm->loaded_segment != wanted_segment) vm->Set_Segment();
-    vm->runs--;
-  }
-  NestedRun(const NestedRun&) = delete;
-  NestedRun& operator=(const NestedRun&) = delete;
+ZephVM::NestedRun::NestedRun(ZephVM* machine)
+    : vm(machine),
+      outer(machine->frame),
+      program_counter(machine->program_counter),
+      wanted_segment(machine->wanted_segment) {
+  vm->root->runs++;
+}
 
-  // Enters the frame. Variables and stack are borrowed; without a stack it gets a new one.
-  void Enter(VariableHash* variables, ZephVM_Stack* entries) {
-    auto base = std::make_unique<ZephVM_Frame>(wanted_segment, program_counter);
-    base->Set_LocalVariable_Hash(variables, false);
-    base->Set_Stack(entries ? entries : new ZephVM_Stack(vm), !entries);
-    vm->EnterFrame(base.release());
+// Frames that the run has left, because an error ended it inside of a function, go with it.
+ZephVM::NestedRun::~NestedRun() {
+  while (vm->frame != outer) {
+    std::unique_ptr<ZephVM_Frame> left(vm->frame);
+    vm->frame = left->previous ? left->previous : outer;
+    if (left->type() == ZephVM_Frame::Function) vm->frame_count--;
   }
+  vm->stack = outer->stack;
+  vm->application->output()->SetFlags(outer->output_mode);
+  vm->program_counter = program_counter;
+  vm->wanted_segment = wanted_segment;
+  if (vm->loaded_segment != wanted_segment) vm->Set_Segment();
+  vm->root->runs--;
+}
 
- private:
-  ZephVM* vm;
-  ZephVM_Frame* outer;
-  int program_counter;
-  int wanted_segment;
-};
+void ZephVM::NestedRun::Enter(VariableHash* variables, ZephVM_Stack* entries) {
+  auto base = std::make_unique<ZephVM_Frame>(wanted_segment, program_counter);
+  base->Set_LocalVariable_Hash(variables, false);
+  base->Set_Stack(entries ? entries : new ZephVM_Stack(vm), !entries);
+  vm->EnterFrame(base.release());
+}
 
+void ZephVM::NestedRun::Begin(Segment* code) {
+  vm->segment = code;
+  vm->code = code->code();
+  vm->code_length = code->length();
+  vm->wanted_segment = vm->loaded_segment = code->number();
+  vm->program_counter = 0;
+}
+
+// All machines of a family run on one thread's stack.
 bool ZephVM::MayNest() {
-  if (runs < kMostRuns) return true;
+  if (root->runs < kMostRuns) return true;
   FatalError("Stack overflow");
   return false;
 }
@@ -382,11 +380,7 @@ int ZephVM::Go_Recursive() {
   if (!MayNest()) return 0;
   NestedRun nested(this);
   nested.Enter(global_variables, nullptr);
-  segment = segments->Start();
-  code = segment->code();
-  code_length = segment->length();
-  wanted_segment = loaded_segment = segment->number();
-  program_counter = 0;
+  nested.Begin(segments->Start());
   return Go();
 }
 

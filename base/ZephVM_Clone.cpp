@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/Dictionary.h"
+#include "base/DoContext.h"
 #include "base/ExternalCall.h"
 #include "base/Feature.h"
 #include "base/Function.h"
@@ -86,7 +87,9 @@ ZephVM::ZephVM(ZephApplication* host, ZephVM& source, int* heartbeat, int* timed
       features(0),
       dropped_features(1),
       null_variable(new NULLVariable),
-      parent(clone->parent.get()) {
+      parent(clone->parent.get()),
+      root(parent ? parent->root : this),
+      covered_captures(1) {
   std::copy_n(source.tag_errors, tag_count, tag_errors);
   segment = segments->Lookup(loaded_segment);
   if (segment) {

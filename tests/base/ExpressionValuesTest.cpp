@@ -381,10 +381,16 @@ TEST(ExpressionValues, AreThoseOfAnotherEvaluator) {
     std::string text;
     const Value expected = Generator(seed, &machine).Expression(&text, 3);
     SCOPED_TRACE("seed " + std::to_string(seed) + ": " + text);
-    ASSERT_TRUE(machine.Compile(text)) << machine.failure;
-    ASSERT_EQ(machine.Go(), 1) << machine.Failure();
-    ASSERT_EQ(machine.stack().Entries(), 1);
-    ASSERT_EQ(PopText(machine.stack()), expected.Text()) << machine.Listing();
+    String error;
+    Segment* segment = machine.vm().Compile_Dynamic_Expression(
+        text.data(), static_cast<int>(text.size()), nullptr, nullptr, &error, nullptr, 0, 0);
+    ASSERT_TRUE(segment) << error.data;
+    machine.stack().PushI(7);
+    ASSERT_EQ(machine.vm().Execute_Dynamic_Expression(segment, nullptr, nullptr), 1)
+        << machine.Failure();
+    ASSERT_EQ(machine.stack().Entries(), 2);
+    ASSERT_EQ(PopText(machine.stack()), expected.Text());
+    ASSERT_EQ(machine.stack().PopI(), 7);
   }
 }
 

@@ -131,10 +131,9 @@ TEST(InstructionsOutput, CaptureIntoAnElement) {
 
 // Databases, network, mail, tasks and the like.
 const std::set<std::string> words_to_come = {
-    "op_do_file",       "op_do_function",   "pop3",         "pop3loop",     "pop3stop",
-    "pop3delete",       "op_smtp",          "op_smtpn",     "op_smtp_end",  "op_http",
-    "op_http8",         "op_httpn",         "op_http_loop", "op_http_stop", "op_commerce",
-    "op_commerce_loop", "op_commerce_stop",
+    "pop3",         "pop3loop",     "pop3stop",    "pop3delete",       "op_smtp",
+    "op_smtpn",     "op_smtp_end",  "op_http",     "op_http8",         "op_httpn",
+    "op_http_loop", "op_http_stop", "op_commerce", "op_commerce_loop", "op_commerce_stop",
 };
 
 TEST(InstructionsOutput, EveryWordHasAHandlerOrSaysSo) {

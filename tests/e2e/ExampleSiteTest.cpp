@@ -35,7 +35,7 @@ std::string Page(const std::string& name, const std::string& configuration = "")
 }
 
 TEST(ExampleSite, EveryPageIsWrittenToItsEnd) {
-  for (const char* name : {"index.zpc", "language.zpc", "languages.zpc"}) {
+  for (const char* name : {"index.zpc", "language.zpc", "languages.zpc", "shared.zpc"}) {
     SCOPED_TRACE(name);
     std::string page = Page(name);
     EXPECT_THAT(page, StartsWith("<!DOCTYPE html>"));
@@ -53,6 +53,35 @@ TEST(ExampleSite, WhatThePageOfTheLanguageShowsIsWhatComesOut) {
         "AC AB CB AC BA BC AC ", "right, left", "first,seventh", "Darjeeling for 3.50", "42",
         "It says: Array index must be positive integer"}) {
     EXPECT_THAT(page, HasSubstr("<output>" + std::string(output) + "</output>"));
+  }
+}
+
+const char* const outputs_of_shared_files[] = {
+    "10.50 euros",
+    "2.80 euros\n5.60 euros\n8.40 euros\n",
+    "68",
+    "1. Assam\n2. Darjeeling\n2 rows",
+    "It says: Unable to find function 'stir'",
+};
+
+TEST(ExampleSite, PagesShareFunctions) {
+  const std::string page = Page("shared.zpc");
+  for (const char* output : outputs_of_shared_files) {
+    EXPECT_THAT(page, HasSubstr("<output>" + std::string(output) + "</output>"));
+  }
+  EXPECT_EQ(Page("library/tea.zpc"), "");
+}
+
+TEST(ExampleSite, APageFindsItsFilesWhenItIsServed) {
+  EngineProcess engine;
+  engine.configuration =
+      "dir_zeph = \"" ZEPH_BINARY_DIR "/site\"\ndir_data = \"" + engine.Folder("data") + "\"\n";
+  ASSERT_TRUE(engine.Start());
+  for (int request = 0; request < 3; request++) {
+    const std::string page = engine.Get("/shared.zpc", {}).Body();
+    for (const char* output : outputs_of_shared_files) {
+      EXPECT_THAT(page, HasSubstr("<output>" + std::string(output) + "</output>"));
+    }
   }
 }
 

@@ -8,7 +8,7 @@
 
 #include "tools/MemoryFile.h"
 
-class FaultyFileManager final : public MemoryFileManager {
+class FaultyFileManager : public MemoryFileManager {
  public:
   using MemoryFileManager::MemoryFileManager;
 
