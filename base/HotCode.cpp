@@ -1,5 +1,7 @@
 #include "base/HotCode.h"
 
+#include <atomic>
+
 #include "base/Dictionary.h"
 #include "base/Function.h"
 #include "base/Instructions.h"
@@ -95,6 +97,11 @@ bool IsArithmetic(HotAction action) {
   return action >= HotAction::Add && action <= HotAction::Div;
 }
 
+long NextSerial() {
+  static std::atomic<long> last{0};
+  return ++last;
+}
+
 // Whether an operation reads both of its operands as numbers, whatever they are.
 bool IsNumeric(HotAction action) {
   return action >= HotAction::Add && action <= HotAction::Mod;
@@ -103,7 +110,8 @@ bool IsNumeric(HotAction action) {
 }  // namespace
 
 HotCode::HotCode(const unsigned char* code, int length, const Dictionary& dictionary,
-                 const FunctionManager* functions) {
+                 const FunctionManager* functions)
+    : code_serial(NextSerial()) {
   Decode(code, length, dictionary);
   FindTargets(length);
   for (size_t i = 1; i + kLongestIdiom <= ops.size(); i++) {
@@ -240,9 +248,12 @@ HotAction HotCode::Idiom(size_t i) const {
 
 HotAction HotCode::IdiomOfVariableAndConstant(size_t i) const {
   const HotAction operation = ops[i + 2].single;
-  const HotAction jump = ops[i + 3].single;
-  const bool tested = jump == HotAction::JumpEqual || jump == HotAction::JumpNotEqual;
+  const HotAction after = ops[i + 3].single;
+  const bool tested = after == HotAction::JumpEqual || after == HotAction::JumpNotEqual;
   if (IsArithmetic(operation)) {
+    if (after == HotAction::Call) {
+      return Shifted(operation, HotAction::Add, HotAction::AddVariableConstantCall);
+    }
     return Shifted(operation, HotAction::Add, HotAction::AddVariableConstant);
   }
   if (operation == HotAction::Mod) {

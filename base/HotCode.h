@@ -3,9 +3,9 @@
 // some instructions in a row are a usual idiom, such as a comparison with a jump behind it, an
 // action that does them all at once.
 //
-// Nothing that a script can observe depends on it. An action does what can be done without an error,
-// on ordinary variables; in any other case the instruction is left to the machine's loop, one by
-// one.
+// Nothing that a script can observe depends on it. An action does what can be done without an
+// error, on ordinary variables; in any other case the instruction is left to the machine's loop,
+// one by one.
 
 #ifndef ZEPH_BASE_HOTCODE_H
 #define ZEPH_BASE_HOTCODE_H
@@ -27,6 +27,7 @@ class FunctionManager;
 //   ReturnVariable                the value of a local variable, and the return with it
 //   ...VariableConstant           a variable, a constant, and an operation on the two
 //   ...VariableConstantJump       the same, with a jump on the outcome
+//   ...VariableConstantCall       the same, with a call of a function that takes the outcome
 //   ...Constant, ...Variable      a constant or a variable, and an operation on the top and it
 //   Out...                        a constant text or a variable, written to the output
 //   Concatenate...                a constant text or a variable, put behind the text on top
@@ -56,6 +57,8 @@ class FunctionManager;
   ACTION(ConcatenateText) ACTION(ConcatenateVariable) ACTION(OutText) ACTION(OutVariable)            \
   ACTION(AddVariableConstant) ACTION(SubVariableConstant)                                            \
   ACTION(MulVariableConstant) ACTION(DivVariableConstant)                                            \
+  ACTION(AddVariableConstantCall) ACTION(SubVariableConstantCall)                                    \
+  ACTION(MulVariableConstantCall) ACTION(DivVariableConstantCall)                                    \
   ACTION(ModVariableConstant) ACTION(ModVariableConstantJump) ACTION(ModConstant)                    \
   ACTION(EqualVariableConstantJump) ACTION(NotEqualVariableConstantJump)                             \
   ACTION(LessVariableConstantJump) ACTION(LessEqualVariableConstantJump)                             \
@@ -76,11 +79,11 @@ class FunctionManager;
 // Instructions that the hot loop runs by the machine's handler of that name: those that are
 // frequent, too long to stand in line, and change nothing of the machine but its stack and its
 // flags.
-#define ZEPH_HOT_HANDLERS \
-  HANDLER(out)            \
-  HANDLER(out_comp)       \
-  HANDLER(rounds)         \
-  HANDLER(roundf) HANDLER(isnull) HANDLER(in) HANDLER(cin) HANDLER(ein) HANDLER(ecin)
+// clang-format off
+#define ZEPH_HOT_HANDLERS                                                                            \
+  HANDLER(out) HANDLER(out_comp) HANDLER(rounds) HANDLER(roundf) HANDLER(isnull)                     \
+  HANDLER(in) HANDLER(cin) HANDLER(ein) HANDLER(ecin)
+// clang-format on
 
 enum class HotAction : unsigned char {
 #define ACTION(name) name,
@@ -117,6 +120,9 @@ class HotCode {
   HotCode(const unsigned char* code, int length, const Dictionary& dictionary,
           const FunctionManager* functions);
 
+  // Told apart from all other decoded code, also from what is gone; above 0.
+  long serial() const { return code_serial; }
+
   // The record of the instruction at an offset; null where none begins.
   const HotOp* At(int offset) const {
     if (static_cast<unsigned>(offset) >= static_cast<unsigned>(records.size())) return nullptr;
@@ -137,6 +143,7 @@ class HotCode {
     return Is(i, HotAction::Handler) && ops[i].code == Instruction::code_out;
   }
 
+  long code_serial;
   std::vector<HotOp> ops;    // the last ones, behind the code, leave
   std::vector<int> records;  // by offset, -1 where no instruction begins
 };

@@ -5,6 +5,7 @@
 #ifndef ZEPH_BASE_ZEPHVM_H
 #define ZEPH_BASE_ZEPHVM_H
 
+#include <climits>
 #include <functional>
 #include <initializer_list>
 #include <map>
@@ -302,6 +303,7 @@ class ZephVM {
   ZephVM_FunctionFrame* FrameFor(Function* function);
   void KeepFrame(ZephVM_FunctionFrame* left);
   int SimpleParameters(Function* function);
+  static constexpr long NoMode = LONG_MIN;  // none of the modes, which are of any int
   void SetOutputMode(int mode);
   void TakeArguments(Function* function, VariableHash* locals);
   void LogParameterOf(Function* function, FunctionParameter* parameter, Variable* value);
@@ -481,8 +483,7 @@ class ZephVM {
   // Frames of calls that are over, by function, with their stack and locals, for the next calls.
   std::vector<ZephVM_FunctionFrame*> idle_frames;
   // The mode that the output has, where that is certain: since the hot loop set it.
-  int hot_mode = 0;
-  bool hot_mode_known = false;
+  long hot_mode = NoMode;
   bool in_hot = false;
   // The last serial numbers given to a frame, and to a feature by the machines of a family.
   long frame_serials = 0;

@@ -86,16 +86,23 @@ ZephVM_FunctionFrame* ZephVM::FrameFor(Function* function) {
     ZephVM_FunctionFrame* idle = idle_frames[index];
     if (idle && idle->function == function) {
       idle_frames[index] = idle->next_idle;
+      idle->return_code = 0;
       return idle;
     }
   }
+  const auto all = static_cast<size_t>(functions->Functions());
+  if (index < all && index >= idle_frames.size()) idle_frames.resize(all);
   auto made = std::make_unique<ZephVM_FunctionFrame>(0, 0, function);
   made->Set_LocalVariable_Hash(new VariableHash(function->variables()), true);
   made->Set_Stack(new ZephVM_Stack(this), true);
-  made->simple_parameters = SimpleParameters(function);
+  // All of the machine's run is logged, or none of it.
+  if (index < all && (log_mask & Log_OfCalls) == 0) {
+    made->simple_parameters = SimpleParameters(function);
+    made->returns_hot = true;
+  }
   made->entry_segment = function->segment();
   made->entry_offset = function->offset();
-  made->place = static_cast<size_t>(function->index());
+  made->place = index;
   made->locals = &function->variables();
   made->simple_mode = OutputModeIn(0, function->flags());
   return made.release();
@@ -115,25 +122,18 @@ int ZephVM::SimpleParameters(Function* function) {
 // Takes over a frame that was left: for the next call, if it can be made as new.
 void ZephVM::KeepFrame(ZephVM_FunctionFrame* left) {
   std::unique_ptr<ZephVM_FunctionFrame> held(left);
-  const int index = left->function->index();
-  if (index < 0 || index >= functions->Functions() || !left->owns_variables || !left->owns_stack) {
-    return;
-  }
+  if (left->place >= idle_frames.size() || !left->owns_variables || !left->owns_stack) return;
   while (left->stack->Entries() > 0) left->stack->Pop();
-  if (!left->variables->Renew(left->function->variables())) return;
-  if (static_cast<size_t>(index) >= idle_frames.size()) {
-    idle_frames.resize(static_cast<size_t>(functions->Functions()));
-  }
-  left->next_idle = idle_frames[static_cast<size_t>(index)];
-  idle_frames[static_cast<size_t>(index)] = held.release();
+  if (!left->variables->Renew(*left->locals)) return;
+  left->next_idle = idle_frames[left->place];
+  idle_frames[left->place] = held.release();
 }
 
 // The output may be told its mode by others too, but not while the hot loop runs.
 void ZephVM::SetOutputMode(int mode) {
-  if (hot_mode_known && hot_mode == mode) return;
+  if (hot_mode == mode) return;
   application->output()->SetFlags(mode);
-  hot_mode = mode;
-  hot_mode_known = in_hot;
+  hot_mode = in_hot ? mode : NoMode;
 }
 
 // The last argument is on top of the caller's stack.

@@ -149,7 +149,7 @@ std::unique_ptr<ZephVM_Frame> ZephVM::CloneFrame(ZephVM_Frame* original) {
   }
   // A table that is no function's belongs to a machine beside this one, and goes by its dictionary.
   std::unique_ptr<VariableHash> table;
-  if (copy->is_function) {
+  if (copy->type() == ZephVM_Frame::Function) {
     table = std::make_unique<VariableHash>(application, dictionary, *original->variables);
   } else {
     table = std::make_unique<VariableHash>(dictionary, 8, 64);

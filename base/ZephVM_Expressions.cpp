@@ -171,7 +171,7 @@ void ZephVM::AfterChild(ZephVM* child, int result) {
     return;
   }
   application->output()->SetFlags(frame->output_mode);
-  hot_mode_known = false;
+  hot_mode = NoMode;
   traced_line = 0;
 }
 

@@ -30,9 +30,7 @@ void ZephVM_Frame::Set_Stack(ZephVM_Stack* new_stack, bool owned) {
 }
 
 ZephVM_FunctionFrame::ZephVM_FunctionFrame(int segment, int offset, ::Function* called)
-    : ZephVM_Frame(segment, offset), function(called) {
-  is_function = true;
-}
+    : ZephVM_Frame(segment, offset), function(called) {}
 
 int ZephVM_FunctionFrame::type() {
   return Function;

@@ -9,6 +9,7 @@
 #include "base/FreeList.h"
 
 class Function;
+struct HotOp;
 class VariableHash;
 class ZephVM;
 class ZephVM_Stack;
@@ -48,7 +49,9 @@ class ZephVM_Frame {
   // Told apart from all other frames of the machine, also from those that are gone. Set by the
   // machine.
   long serial = 0;
-  bool is_function = false;  // what type() says, for the hot loop
+  // Whether it is of a function, so that there is a caller, and its return needs no record: then
+  // the hot loop may return from it.
+  bool returns_hot = false;
 };
 
 // The activation of a function of the script.
@@ -64,15 +67,21 @@ class ZephVM_FunctionFrame : public ZephVM_Frame {
   ::Function* function;
   ZephVM_FunctionFrame* next_idle = nullptr;  // behind this one, while the machine keeps it
 
-  // --- What the function says, for the hot loop --------------------------------------------------
-  // The count of parameters, if all are taken by value and stand first among the locals, and
-  // neither its output mode nor its error output goes by the caller's; else -1.
+  // --- For the hot loop --------------------------------------------------------------------------
+  // The count of parameters, if all are taken by value and stand first among the locals, neither
+  // its output mode nor its error output goes by the caller's, and no call is logged; else -1.
   int simple_parameters = -1;
   int simple_mode = 0;  // its output mode
   int entry_segment = -1;
   int entry_offset = -1;
   size_t place = 0;                // the function's index
   VariableHash* locals = nullptr;  // the template of its local variables
+  // Where the function begins and where it goes on behind the call, and the HotCode::serial() of
+  // the code that these are records of; 0 for none.
+  const HotOp* entry = nullptr;
+  const HotOp* return_op = nullptr;
+  long entry_code = 0;
+  long return_code = 0;
 };
 
 // The filter of an import, which judges a record. Its code is an expression, and where its segment

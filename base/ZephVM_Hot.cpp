@@ -1,10 +1,11 @@
 // The loop for code that runs often: what it does at each record of base/HotCode.h.
 //
 // The actions that stand here in line do not fail and run no code but their own. Whatever does not
-// fit goes back to the machine's loop with everything as it was before the instruction. So the flags
-// of the host need a look only where the code may go round, which is at jumps back and at calls; no
-// script can tell that from a look at each instruction. Handlers of the machine, external functions
-// and the output may raise any flag, and all of them are looked at behind these.
+// fit goes back to the machine's loop with everything as it was before the instruction. So the
+// flags of the host, which other threads raise, need a look only where the code may go round, which
+// is at jumps back and at calls, and not at each of these: no script can tell that from a look at
+// each instruction. Handlers of the machine, external functions and the output may raise any flag,
+// and all of them are looked at behind these.
 
 #include <atomic>
 #include <charconv>
@@ -76,6 +77,31 @@ template <bool (*OfVariable)(const Variable*, double*)>
   return entry->kind == ZephVM_Stack::KindDouble;
 }
 
+// Moves the numbers that lie on top of a stack into the first of a function's variables, as its
+// arguments, and answers where the stack ends then; null, and the stack as it was, if one is no
+// number or does not go there as it is.
+[[gnu::noinline]] Entry* TakeNumbers(const _VH_Entry* locals, int count, Entry* top) {
+  Entry* argument = top;
+  for (int i = count; i-- > 0;) {
+    --argument;
+    Variable* variable = locals[i].variable;
+    if (!variable || !variable->IsPlain()) return nullptr;
+    if (argument->kind == ZephVM_Stack::KindDouble) {
+      variable->Write_Double(argument->value.number);
+    } else if (argument->kind == ZephVM_Stack::KindInteger) {
+      variable->Write_Integer(argument->value.integer);
+    } else if (argument->kind != ZephVM_Stack::KindVariable ||
+               !variable->CopyNumber(*argument->value.variable)) {
+      return nullptr;
+    }
+  }
+  while (top != argument) ZephVM_Stack::Free(--top);
+  return argument;
+}
+
+// Jumps back and calls between two looks at the flags of the host: nanoseconds each.
+const int kPatience = 16;
+
 // Whether nothing but the machine's own code runs when the entry is read as text.
 inline bool IsOrdinary(const Entry* entry) {
   return entry->kind != ZephVM_Stack::KindVariable || entry->value.variable->IsOrdinary();
@@ -120,7 +146,7 @@ void ZephVM::RunHot(const HotCode* hot, const HotOp* op) {
   in_hot = true;
   HotLoop(hot, op);
   in_hot = outer;
-  hot_mode_known = false;
+  hot_mode = NoMode;
 }
 
 void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
@@ -136,6 +162,12 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   Entry* bottom;
   Entry* limit;
   Variable* variable;
+  // Of a call or a return.
+  ZephVM_FunctionFrame* called;
+  const _VH_Entry* locals;
+  double argument;
+  const long code_serial = hot->serial();
+  int patience = kPatience;
 
 // Where each action stands. The jump from one to the next is made at the end of each: processors
 // foresee it better than one jump for all.
@@ -183,6 +215,13 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define TWO_NUMBERS (HOLDS(2) && NumberIn<NumberOf>(top - 2, &a) && NumberIn<NumberOf>(top - 1, &b))
 #define TWO_COMPARABLE \
   (HOLDS(2) && NumberIn<ComparableOf>(top - 2, &a) && NumberIn<ComparableOf>(top - 1, &b))
+// Whether a frame is kept for the function that a call is of, and what it begins with is known:
+// then called is the frame, with its locals.
+#define KNOWS_CALLED \
+  (called = static_cast<unsigned>(op->first) < idle_frames.size() \
+       ? idle_frames[static_cast<unsigned>(op->first)] : nullptr, \
+   called && called->entry_code == code_serial && frame_count < MostFrames && \
+   (locals = called->variables->Rows(&counts[1]), true))
 
 // All forms of an operation on the doubles a and b.
 #define ARITHMETIC(name, result)                                                           \
@@ -233,6 +272,14 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     b = op[1].number;                                                                      \
     PUSH(SetDouble(result))                                                                \
     NEXT(3)                                                                                \
+  }                                                                                        \
+  on_##name##VariableConstantCall: {                                                       \
+    double a, b;                                                                           \
+    SINGLE_UNLESS(HAS_ROOM(2) && NumberOf(VARIABLE(op), &a))                               \
+    b = op[1].number;                                                                      \
+    argument = result;                                                                     \
+    op += 3;                                                                               \
+    goto call_with_number;                                                                 \
   }                                                                                        \
   on_Update##name##Constant: {                                                             \
     double a, b;                                                                           \
@@ -560,52 +607,60 @@ on_OutVariable : {
 // The output may find that the client is gone.
 written:
   op += 2;
-  if (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat)) goto on_Leave;
+  if (stop_flag | Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat)) goto on_Leave;
   GO_TO(op->action);
 
-on_Call : {
-  // Most calls are of a function here, with numbers for its arguments, and a frame is kept for it.
-  const auto index = static_cast<unsigned>(op->first);
-  ZephVM_FunctionFrame* called = index < idle_frames.size() ? idle_frames[index] : nullptr;
-  if (!called || called->simple_parameters < 0 || !HOLDS(called->simple_parameters) ||
-      called->entry_segment != loaded_segment || (log_mask & Log_OfCalls) != 0 ||
-      frame_count >= MostFrames) {
-    goto call;
+// Most calls are of a function here, with numbers for its arguments, and a frame is kept for it.
+on_Call:
+  if (!KNOWS_CALLED) goto unknown_called;
+  if (called->simple_parameters == 1 && HOLDS(1) && top[-1].kind == ZephVM_Stack::KindDouble &&
+      locals->variable && locals->variable->IsPlain()) {
+    --top;
+    locals->variable->Write_Double(top->value.number);
+  } else {
+    const int count = called->simple_parameters;
+    Entry* const taken = HOLDS(count) ? TakeNumbers(locals, count, top) : nullptr;
+    if (!taken) goto call;
+    top = taken;
   }
-  const HotOp* const entry = hot->At(called->entry_offset);
-  if (!entry) goto call;
-  const _VH_Entry* const locals = called->variables->Rows(&counts[1]);
-  Entry* argument = top;
-  for (int i = called->simple_parameters; i-- > 0;) {
-    --argument;
-    variable = locals[i].variable;
-    if (!variable || !variable->IsPlain()) goto call;
-    if (argument->kind == ZephVM_Stack::KindDouble) {
-      variable->Write_Double(argument->value.number);
-    } else if (argument->kind == ZephVM_Stack::KindInteger) {
-      variable->Write_Integer(argument->value.integer);
-    } else if (argument->kind != ZephVM_Stack::KindVariable ||
-               !variable->CopyNumber(*argument->value.variable)) {
-      goto call;
-    }
-  }
-  while (top != argument) ZephVM_Stack::Free(--top);
+enter : {
   TELL_STACK
-  idle_frames[index] = called->next_idle;
+  idle_frames[called->place] = called->next_idle;
+  ZephVM_Frame* const caller = frame;
   called->return_segment = loaded_segment;
   called->return_offset = op[1].start;
-  called->error_output = frame->error_output;
+  called->return_op = op + 1;
+  called->return_code = code_serial;
+  called->error_output = caller->error_output;
   called->output_mode = called->simple_mode;
-  called->previous = frame;
-  if (!hot_mode_known || hot_mode != called->output_mode) SetOutputMode(called->output_mode);
+  called->previous = caller;
+  if (hot_mode != called->simple_mode) SetOutputMode(called->simple_mode);
   frame_count++;
+  op = called->entry;
+  rows[1] = locals;
   EnterFrame(called);
   s = called->stack;
   ASK_STACK
-  rows[1] = locals;
-  op = entry;
   goto jumped_back;
 }
+// The number would be on top now, and is the only argument in most cases.
+call_with_number:
+  if (KNOWS_CALLED && called->simple_parameters == 1 && locals->variable &&
+      locals->variable->IsPlain()) {
+    locals->variable->Write_Double(argument);
+    goto enter;
+  }
+  PUSH(SetDouble(argument))
+  goto on_Call;
+unknown_called:
+  if (called && called->simple_parameters >= 0 && called->entry_code != code_serial &&
+      called->entry_segment == loaded_segment) {
+    called->entry = hot->At(called->entry_offset);
+    if (called->entry) {
+      called->entry_code = code_serial;
+      goto on_Call;
+    }
+  }
 call : {
   Function* function = functions ? functions->Lookup(op->first) : nullptr;
   LEAVE_UNLESS(function && (log_mask & Log_OfCalls) == 0)
@@ -614,7 +669,7 @@ call : {
   program_counter = op[1].start;
   if (function->flags() & Function_External) {
     CallExternalFunction(function);
-    hot_mode_known = false;
+    hot_mode = NoMode;
   } else {
     CallFunction(function);
   }
@@ -622,60 +677,62 @@ call : {
 }
 
 on_Return : {
-  const ZephVM_Frame* caller = frame->previous;
-  LEAVE_UNLESS((log_mask & Log_OfCalls) == 0 && open_features == 0 && caller && frame->is_function)
-  LEAVE_UNLESS(HOLDS(1) && caller->stack->HasRoom(1))
+  LEAVE_UNLESS(frame->returns_hot && open_features == 0 && HOLDS(1))
+  ZephVM_Stack* const callers = frame->previous->stack;
+  Entry* const value = callers->End();
+  LEAVE_UNLESS(callers->HasRoom(1))
   // A borrowed variable may be a local one, which goes with the frame.
   LEAVE_UNLESS(top[-1].kind != ZephVM_Stack::KindVariable || top[-1].deletable)
   --top;
-  caller->stack->End()->CopyFrom(*top);
-  caller->stack->SetEnd(caller->stack->End() + 1);
+  value->CopyFrom(*top);
+  callers->SetEnd(value + 1);
   goto returned;
 }
 // A number in a variable that nobody has but the function: to whom a number is all the same, gets
 // it alone.
 on_ReturnVariable : {
   double a;
-  const ZephVM_Frame* caller = frame->previous;
-  SINGLE_UNLESS((log_mask & Log_OfCalls) == 0 && open_features == 0 && caller && frame->is_function)
   variable = VARIABLE(op);
-  const HotOp* const after =
-      frame->return_segment == loaded_segment ? hot->At(frame->return_offset) : nullptr;
-  SINGLE_UNLESS(HAS_ROOM(1) && after && after->after_number && NumberOf(variable, &a) &&
-                variable->plain_count() == 1 && caller->stack->HasRoom(1))
-  caller->stack->End()->SetDouble(a);
-  caller->stack->SetEnd(caller->stack->End() + 1);
+  SINGLE_UNLESS(frame->returns_hot && open_features == 0 && HAS_ROOM(1))
+  called = static_cast<ZephVM_FunctionFrame*>(frame);
+  ZephVM_Stack* const callers = called->previous->stack;
+  Entry* const value = callers->End();
+  SINGLE_UNLESS(called->return_code == code_serial && called->return_op->after_number &&
+                NumberOf(variable, &a) && variable->plain_count() == 1 && callers->HasRoom(1))
+  value->SetDouble(a);
+  callers->SetEnd(value + 1);
 }
 // The value is on the caller's stack. What else there is on the function's own goes with the frame.
-returned : {
-  auto* const left = static_cast<ZephVM_FunctionFrame*>(frame);
+returned:
   while (HOLDS(1)) ZephVM_Stack::Free(--top);
   TELL_STACK
-  frame = left->previous;
+  called = static_cast<ZephVM_FunctionFrame*>(frame);
+  frame = called->previous;
   stack = s = frame->stack;
   frame_count--;
-  const int segment_after = left->return_segment;
-  const int offset_after = left->return_offset;
-  if (left->simple_parameters >= 0 && left->place < idle_frames.size() &&
-      left->variables->Renew(*left->locals)) {
-    left->next_idle = idle_frames[left->place];
-    idle_frames[left->place] = left;
+  // The frame is gone behind this, but for where it led to.
+  wanted_segment = called->return_segment;
+  program_counter = called->return_offset;
+  op = called->return_code == code_serial ? called->return_op : nullptr;
+  if (called->simple_parameters >= 0 && called->variables->Renew(*called->locals)) {
+    called->next_idle = idle_frames[called->place];
+    idle_frames[called->place] = called;
   } else {
-    KeepFrame(left);
+    KeepFrame(called);
   }
-  if (!hot_mode_known || hot_mode != frame->output_mode) SetOutputMode(frame->output_mode);
-  op = segment_after == loaded_segment ? hot->At(offset_after) : nullptr;
-  if (op) {
-    ASK_STACK
-    rows[1] = frame->variables->Rows(&counts[1]);
-    GO_TO(op->action);
+  if (hot_mode != frame->output_mode) SetOutputMode(frame->output_mode);
+  if (!op) {
+    if (wanted_segment != loaded_segment) return;
+    op = hot->At(program_counter);
+    if (!op) return;
   }
-  wanted_segment = segment_after;
-  program_counter = offset_after;
-  return;
-}
+  ASK_STACK
+  rows[1] = frame->variables->Rows(&counts[1]);
+  GO_TO(op->action);
 
 jumped_back:
+  if (--patience > 0) GO_TO(op->action);
+  patience = kPatience;
   if (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat)) goto on_Leave;
   GO_TO(op->action);
 
@@ -715,6 +772,7 @@ on_Leave:
 #undef HAS_ROOM
 #undef TWO_NUMBERS
 #undef TWO_COMPARABLE
+#undef KNOWS_CALLED
 #undef ARITHMETIC
 #undef UPDATE
 #undef COMPARISON

@@ -400,6 +400,51 @@ TEST(HotCode, AKeptFrameHasTheOutputModeOfItsFunction) {
   EXPECT_EQ(hot.Output(), cold.Output());
 }
 
+// A sum as the argument of a call goes straight into the variable of the function, if that is its
+// only one and a number's place.
+TEST(HotCode, ASumIsTheArgumentOfAnyFunction) {
+  const char* const kFunctions[] = {
+      ".function f(x)\npushl x\nret\n",
+      ".function f(x)\npushl x\npushl x\nmul\nret\n",
+      ".function f(x)\npushc \"<\"\npushl x\ncat\nret\n",
+      ".function f(x)\npushc \"text\"\npopl x\npushl x\nret\n",
+      ".function f(x)\npushc \"a\"\npushl x\npushc \"m\"\nmemb\nstore\npushl x\nret\n",
+      ".function f(x)\npushi 2\npushl x\nlt\njmp_eq no\npushl x\npushi 1\nsub\ncall f\nret\n"
+      "no: pushl x\nret\n",
+      ".function f(x var)\npushi 7\npopl x\npushi 3\nret\n",
+      ".function f()\npushi 4\nret\n",
+  };
+  for (const char* function : kFunctions) {
+    SCOPED_TRACE(function);
+    const std::string program =
+        "storegi n, 0\nagain: pushc \"x\"\npushg n\npushi 3\nadd\ncall f\nout\n"
+        "pushg n\npushf 0.5\nmul\ncall f\nout\nout\nincg n, 1\ncmpgi n, " +
+        std::to_string(kRounds) + "\njmp_lt again\nexit\n";
+    Machine hot, cold;
+    hot.Assemble(program + function);
+    cold.Assemble(program + function);
+    KeepCold(&cold);
+    EXPECT_EQ(hot.Go(), cold.Go());
+    EXPECT_EQ(hot.Output(), cold.Output());
+    EXPECT_EQ(hot.Error(), cold.Error());
+  }
+}
+
+TEST(HotCode, ASumBelowTwoParametersIsTheLast) {
+  const std::string program =
+      "storegi n, 0\nagain: pushc \"a\"\npushg n\npushi 3\nsub\ncall f\nout\nincg n, 1\ncmpgi n, " +
+      std::to_string(kRounds) + "\njmp_lt again\nexit\n" +
+      ".function f(x, y)\npushl x\npushl y\ncat\nret\n";
+  Machine hot, cold;
+  hot.Assemble(program);
+  cold.Assemble(program);
+  KeepCold(&cold);
+  EXPECT_EQ(hot.Go(), 1);
+  EXPECT_EQ(cold.Go(), 1);
+  EXPECT_NE(hot.segments.Start()->hot(), nullptr);
+  EXPECT_EQ(hot.Output(), cold.Output());
+}
+
 // --- The log -------------------------------------------------------------------------------------
 
 // A loop that notes its lines and calls a function, with the records of a level, and whether the
