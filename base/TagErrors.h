@@ -20,7 +20,8 @@ struct TagErrorSetting {
 };
 
 inline constexpr int tag_count = 77;
-// Numbers that handlers use. Errors in an expression go under the second, whatever tag it stands in.
+// Numbers that handlers use. Errors in an expression go under the second, whatever tag it stands
+// in.
 inline constexpr int Tag_Lockfile = 23;
 inline constexpr int Tag_Expression = 62;
 inline constexpr int Tag_Asynchronous = 75;
