@@ -22,7 +22,7 @@ class ZephVM::NestedRun {
   // a new one.
   void Enter(VariableHash* variables, ZephVM_Stack* entries);
   // Makes the code current, at its beginning.
-  void Begin(Segment* code);
+  void Begin(Segment* start);
 
  private:
   ZephVM* vm;

@@ -361,11 +361,11 @@ void ZephVM::NestedRun::Enter(VariableHash* variables, ZephVM_Stack* entries) {
   vm->EnterFrame(base.release());
 }
 
-void ZephVM::NestedRun::Begin(Segment* code) {
-  vm->segment = code;
-  vm->code = code->code();
-  vm->code_length = code->length();
-  vm->wanted_segment = vm->loaded_segment = code->number();
+void ZephVM::NestedRun::Begin(Segment* start) {
+  vm->segment = start;
+  vm->code = start->code();
+  vm->code_length = start->length();
+  vm->wanted_segment = vm->loaded_segment = start->number();
   vm->program_counter = 0;
 }
 
