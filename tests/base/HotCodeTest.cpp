@@ -409,8 +409,8 @@ TEST(HotCode, ASumIsTheArgumentOfAnyFunction) {
       ".function f(x)\npushc \"<\"\npushl x\ncat\nret\n",
       ".function f(x)\npushc \"text\"\npopl x\npushl x\nret\n",
       ".function f(x)\npushc \"a\"\npushl x\npushc \"m\"\nmemb\nstore\npushl x\nret\n",
-      ".function f(x)\npushi 2\npushl x\nlt\njmp_eq no\npushl x\npushi 1\nsub\ncall f\nret\n"
-      "no: pushl x\nret\n",
+      (".function f(x)\npushi 2\npushl x\nlt\njmp_eq no\npushl x\npushi 1\nsub\ncall f\nret\n"
+       "no: pushl x\nret\n"),
       ".function f(x var)\npushi 7\npopl x\npushi 3\nret\n",
       ".function f()\npushi 4\nret\n",
   };
