@@ -20,8 +20,6 @@ namespace {
 
 const int kTagImport = 2;
 const int kTagExport = 4;
-// The format whose operators a filter may use: the newest.
-const int kFilterVersion = 0x1000B;
 
 // The name of a file, without NUL bytes.
 class PoppedPath {
@@ -74,15 +72,9 @@ Segment* ZephVM::FilterSegment(const char* text, int length, String* error) {
   const std::string_view key(text, static_cast<size_t>(length));
   auto known = import_filters.find(key);
   if (known == import_filters.end()) {
-    ExpressionCompiler compiler(external_calls, segments, dictionary, functions,
-                                parent ? parent->functions : nullptr, text, length, nullptr,
-                                nullptr, 0, nullptr, 0, 1, kFilterVersion);
     ImportFilter compiled;
-    if (compiler.Run()) {
-      compiled.segment = compiler.segment();
-    } else {
-      compiled.error = compiler.error();
-    }
+    compiled.segment =
+        Compile_Dynamic_Expression(text, length, nullptr, nullptr, &compiled.error, nullptr, 0, 1);
     known = import_filters.emplace(key, compiled).first;
   }
   if (!known->second.segment) *error = known->second.error;
