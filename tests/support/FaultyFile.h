@@ -5,8 +5,18 @@
 #define ZEPH_TESTS_SUPPORT_FAULTYFILE_H
 
 #include <algorithm>
+#include <string>
+#include <vector>
 
 #include "tools/MemoryFile.h"
+
+// A byte range that a file of the manager holds locked.
+struct HeldLock {
+  const File* file;
+  FileLockType type;
+  long start;
+  long length;
+};
 
 class FaultyFileManager : public MemoryFileManager {
  public:
@@ -20,18 +30,44 @@ class FaultyFileManager : public MemoryFileManager {
   int lengths = 0;
   int deactivations = 0;
   int open_now = 0;
+  // Reads, writes, seeks, lengths, locks and releases together.
+  int calls = 0;
+  // What was locked and released, in order, as "lock t.dbf 0 97 exclusive" and "release t.dbf 0
+  // 97".
+  std::vector<std::string> lock_log;
+  // What is locked now. A file that is deleted gives up its locks, a release without a lock is
+  // recorded all the same.
+  std::vector<HeldLock> held;
 
   // The n-th call from now on fails, 1 being the next; 0 is none. A failed call answers -1 with
   // the text "Injected failure".
   int fail_read = 0;
   int fail_write = 0;
   int fail_seek = 0;
+  int fail_lock = 0;
+  int fail_release = 0;
   // Once that many more bytes have been written, nothing is taken any more; -1 is no limit.
   long write_room = -1;
   // No read gives more than that at once; 0 is no limit.
   int read_limit = 0;
 
-  void ResetCounts() { opens = reads = writes = seeks = lengths = deactivations = 0; }
+  // The process is killed at the n-th call from now on, 1 being the next, 0 never: that call and
+  // all calls behind it, of all files, fail and leave no trace. If that call is a write, its first
+  // killed_write_length bytes arrive all the same.
+  int kill_call = 0;
+  int killed_write_length = 0;
+  bool killed = false;
+  // A new process comes to the files as the killed one left them.
+  void Revive() {
+    killed = false;
+    kill_call = 0;
+    held.clear();
+  }
+
+  void ResetCounts() {
+    opens = reads = writes = seeks = lengths = deactivations = calls = 0;
+    lock_log.clear();
+  }
 
   using MemoryFileManager::Open;
   File* Open(const char* path, int mode) override;
@@ -44,17 +80,26 @@ class FaultyFile final : public MemoryFile {
       : MemoryFile(manager, path, content), files(manager) {
     files->open_now++;
   }
-  ~FaultyFile() override { files->open_now--; }
+  ~FaultyFile() override {
+    files->open_now--;
+    std::erase_if(files->held, [this](const HeldLock& lock) { return lock.file == this; });
+  }
 
   int Read(char* buffer, int length) override {
     files->reads++;
-    if (Due(&files->fail_read)) return Fail();
+    if (Dies() || Due(&files->fail_read)) return Fail();
     if (files->read_limit > 0) length = std::min(length, files->read_limit);
     return MemoryFile::Read(buffer, length);
   }
 
   int Write(const char* text, int length) override {
     files->writes++;
+    const bool dead = files->killed;
+    if (Dies()) {
+      if (!dead && length > 0 && files->killed_write_length > 0)
+        MemoryFile::Write(text, std::min(length, files->killed_write_length));
+      return Fail();
+    }
     if (Due(&files->fail_write) || length < 0) return Fail();
     if (files->write_room >= 0) {
       length = static_cast<int>(std::min<long>(length, files->write_room));
@@ -65,19 +110,46 @@ class FaultyFile final : public MemoryFile {
 
   int Seek(long place) override {
     files->seeks++;
-    return Due(&files->fail_seek) ? Fail() : MemoryFile::Seek(place);
+    return Dies() || Due(&files->fail_seek) ? Fail() : MemoryFile::Seek(place);
   }
 
   long Length() override {
     files->lengths++;
-    return MemoryFile::Length();
+    return Dies() ? Fail() : MemoryFile::Length();
   }
+
+  // Nobody waits here: a lock is recorded and granted.
+  bool Lock(FileLockType type, long start, long length) override {
+    if (Dies() || Due(&files->fail_lock)) return Fail() >= 0;
+    Log("lock", start, length, type == FileLock_Exclusive ? " exclusive" : " shared");
+    files->held.push_back({this, type, start, length});
+    return true;
+  }
+
+  bool Release(long start, long length) override {
+    if (Dies() || Due(&files->fail_release)) return Fail() >= 0;
+    Log("release", start, length, "");
+    std::erase_if(files->held, [=, this](const HeldLock& lock) {
+      return lock.file == this && lock.start == start && lock.length == length;
+    });
+    return true;
+  }
+  using MemoryFile::Release;
 
  private:
   static bool Due(int* countdown) { return *countdown > 0 && --*countdown == 0; }
+  bool Dies() {
+    files->calls++;
+    if (Due(&files->kill_call)) files->killed = true;
+    return files->killed;
+  }
   int Fail() {
     Error("Injected failure");
     return -1;
+  }
+  void Log(const char* what, long start, long length, const char* type) {
+    files->lock_log.push_back(std::string(what) + " " + path() + " " + std::to_string(start) + " " +
+                              std::to_string(length) + type);
   }
 
   FaultyFileManager* files;
@@ -85,6 +157,10 @@ class FaultyFile final : public MemoryFile {
 
 inline File* FaultyFileManager::Open(const char* path, int mode) {
   opens++;
+  if (killed) {
+    Error("Injected failure");
+    return nullptr;
+  }
   std::string* content = Content(path, mode);
   return content ? new FaultyFile(this, path, content) : nullptr;
 }
