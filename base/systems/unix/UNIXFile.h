@@ -51,6 +51,7 @@ class UNIXFile : public File {
   void Release() override;
   bool Activate(String& error) override;
   void Deactivate() override;
+  bool State(FileState* state) override;
 
  private:
   struct LockedRange {
