@@ -73,6 +73,15 @@ void Segment::Grow(int size) {
   data_capacity = static_cast<int>(wanted);
 }
 
+void Segment::Trim() {
+  if (data_length == data_capacity) return;
+  const size_t kept = static_cast<size_t>(data_length) + Padding;
+  auto smaller = std::make_unique_for_overwrite<unsigned char[]>(kept);
+  memcpy(smaller.get(), data.get(), kept);
+  data = std::move(smaller);
+  data_capacity = data_length;
+}
+
 unsigned char* Segment::Place(int position, int size) {
   if (position < 0 || position > INT_MAX - Growth - size) return nullptr;
   int end = position + size;

@@ -51,6 +51,9 @@ class Segment {
   // Growth. The length stays.
   void Grow(int size);
 
+  // Gives back the room that is not in use, for code that is complete.
+  void Trim();
+
   // Fills the whole length from a section at an offset; appends it to the section being written.
   // False when fewer bytes were moved.
   [[nodiscard]] bool Read(TaggedFile* file, int tag, int offset);

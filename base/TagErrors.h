@@ -20,8 +20,10 @@ struct TagErrorSetting {
 };
 
 inline constexpr int tag_count = 77;
-// Numbers that handlers use. Errors in an expression go under the second, whatever tag it stands
-// in.
+// Numbers that handlers use. Errors in an expression go under its own, whatever tag it stands in.
+inline constexpr int Tag_Import = 2;
+inline constexpr int Tag_Export = 4;
+inline constexpr int Tag_Do = 22;
 inline constexpr int Tag_Lockfile = 23;
 inline constexpr int Tag_Expression = 62;
 inline constexpr int Tag_Asynchronous = 75;

@@ -403,8 +403,8 @@ class ZephVM {
   // base/ZephVM_Expressions.cpp
   void op_do_file();
   void op_do_function();
-  bool Run_Function(DoContext* context, const std::string& text);
-  Segment* FunctionCall(DoContext* context, const std::string& text);
+  bool Run_Function(DoContext* context, const char* text, int length);
+  Segment* FunctionCall(DoContext* context, const char* text, int length);
   void AfterChild(ZephVM* child, int result);
   // base/ZephVM_Localized.cpp
   void poplvnc();

@@ -3,7 +3,6 @@
 
 #include <cstring>
 #include <memory>
-#include <string>
 
 #include "base/Config.h"
 #include "base/DoContext.h"
@@ -21,7 +20,6 @@
 namespace {
 
 const int kFormatVersion = 0x1000B;  // of the code that expressions are compiled to
-const int kTagDo = 22;
 
 // Keeps a run from what was on a stack before it. An expression may have fewer operands than
 // operators: "1 +" would add the caller's value.
@@ -61,7 +59,10 @@ Segment* ZephVM::Compile_Dynamic_Expression(const char* text, int length, const 
   ExpressionCompiler compiler(external_calls, segments, dictionary, functions,
                               other ? other->functions : nullptr, text, length, alias, nullptr, 0,
                               sourcefile, sourcefilelength, line, kFormatVersion);
-  if (compiler.Run()) return compiler.segment();
+  const bool compiled = compiler.Run() == 1;
+  // It stays for as long as the machine: most texts need far less room than a segment has.
+  compiler.segment()->Trim();
+  if (compiled) return compiler.segment();
   if (error) *error = compiler.error();
   return nullptr;
 }
@@ -139,7 +140,7 @@ DoContext* ZephVM::DoContextFind(const char* name, int length) {
   std::unique_ptr<char[]> path(manager->NormalizeContainedPath(
       ZephPath_Script, named.data ? named.data : "", &path_length, &size));
   if (!path) {
-    EncodedRuntimeError(kTagDo, manager->error());
+    EncodedRuntimeError(Tag_Do, manager->error());
     return nullptr;
   }
   if (!root->contexts) root->contexts = std::make_unique<DoContexts>();
@@ -149,14 +150,14 @@ DoContext* ZephVM::DoContextFind(const char* name, int length) {
   if (limit != 0) contexts_here->Evict(limit);
   File* const file = manager->Open(ZephPath_Script, path.get(), FileMode_Read);
   if (!file) {
-    EncodedRuntimeError(kTagDo, manager->error());
+    EncodedRuntimeError(Tag_Do, manager->error());
     return nullptr;
   }
   auto context =
       std::make_unique<DoContext>(global_variables, system_variables, application, this,
                                   external_calls, commerce_libraries, database_libraries);
   if (!context->Open(path.release(), path_length, size, file)) {
-    EncodedRuntimeError(kTagDo, context->error());
+    EncodedRuntimeError(Tag_Do, context->error());
     return nullptr;
   }
   contexts_here->Insert(context.get());
@@ -178,10 +179,9 @@ void ZephVM::AfterChild(ZephVM* child, int result) {
 // op_do_file  ( file -- )  Runs another compiled file from its beginning. Its global variables are
 // those of the same names here. A file that cannot be opened is a runtime error.
 void ZephVM::op_do_file() {
-  int length, size, deletable;
-  const std::unique_ptr<char[]> name(stack->PopS_NS(&length, &size, &deletable));
+  const PoppedPath name(stack);
   if (stop_flag) return;
-  DoContext* const context = DoContextFind(name.get(), length);
+  DoContext* const context = DoContextFind(name.data(), name.length());
   if (!context) return;
   const LogParameter path = LogParameter::OfText(context->path().data, context->path().length);
   if (WantsLog(Log_DoEnter)) WriteLog(Log_DoEnter, {path});
@@ -196,20 +196,17 @@ void ZephVM::op_do_file() {
 void ZephVM::op_do_function() {
   bool has_value = false;
   {
-    // A copy: the text may be that of an array, which is made anew when the name is read of it too.
-    const PoppedString popped(stack);
-    const std::string text(popped.data(), static_cast<size_t>(popped.length()));
-    int length, size, deletable;
-    const std::unique_ptr<char[]> name(stack->PopS_NS(&length, &size, &deletable));
-    DoContext* const context = stop_flag ? nullptr : DoContextFind(name.get(), length);
-    if (context) has_value = Run_Function(context, text);
+    const KeptString call(stack);
+    const PoppedPath name(stack);
+    DoContext* const context = stop_flag ? nullptr : DoContextFind(name.data(), name.length());
+    if (context) has_value = Run_Function(context, call.data(), call.length());
   }
   if (!has_value) stack->PushV(null_variable, 1, 1);
 }
 
 // Whether the call has left a value.
-bool ZephVM::Run_Function(DoContext* context, const std::string& text) {
-  Segment* const call = FunctionCall(context, text);
+bool ZephVM::Run_Function(DoContext* context, const char* text, int length) {
+  Segment* const call = FunctionCall(context, text, length);
   if (!call) return false;
   ZephVM* const child = context->machine();
   const int before = stack->Entries();
@@ -229,20 +226,18 @@ bool ZephVM::Run_Function(DoContext* context, const std::string& text) {
 }
 
 // The code of a call, compiled when its text comes for the first time.
-Segment* ZephVM::FunctionCall(DoContext* context, const std::string& text) {
-  const int length = static_cast<int>(text.size());
-  if (DoExpression* known = context->expressions().Find(text.data(), length))
-    return known->segment();
+Segment* ZephVM::FunctionCall(DoContext* context, const char* text, int length) {
+  if (DoExpression* known = context->expressions().Find(text, length)) return known->segment();
   int file_length;
   const char* const file = SourceFile(&file_length);
   String error;
   Segment* const compiled = context->machine()->Compile_Dynamic_Expression(
-      text.data(), length, nullptr, this, &error, source_file == -1 ? nullptr : file, file_length,
+      text, length, nullptr, this, &error, source_file == -1 ? nullptr : file, file_length,
       current_line);
   if (!compiled) {
-    EncodedRuntimeError(kTagDo, error);
+    EncodedRuntimeError(Tag_Do, error);
     return nullptr;
   }
-  context->expressions().Insert(new DoExpression(text.data(), length, compiled));
+  context->expressions().Insert(new DoExpression(text, length, compiled));
   return compiled;
 }

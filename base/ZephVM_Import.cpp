@@ -4,7 +4,6 @@
 // own; the end of its segment leads to import_filter_resume, which goes on with the loop's body,
 // with the filter again for the next record, or behind the loop.
 
-#include <cstring>
 #include <memory>
 #include <string_view>
 
@@ -15,55 +14,6 @@
 #include "base/Variable.h"
 #include "base/ZephApplication.h"
 #include "base/ZephVM.h"
-
-namespace {
-
-const int kTagImport = 2;
-const int kTagExport = 4;
-
-// The name of a file, without NUL bytes.
-class PoppedPath {
- public:
-  explicit PoppedPath(ZephVM_Stack* stack) : text(stack->PopS_NS(&length, &size, &deletable)) {}
-  ~PoppedPath() {
-    if (deletable) delete[] text;
-  }
-  PoppedPath(const PoppedPath&) = delete;
-  PoppedPath& operator=(const PoppedPath&) = delete;
-
-  int length = 0;
-  int size = 0;
-  int deletable = 0;
-  const char* text;
-};
-
-// A text that stays as it is while variables are looked up and read: one that belongs to a variable
-// is made anew when an array is read as text.
-class KeptText {
- public:
-  explicit KeptText(ZephVM_Stack* stack) {
-    const ZephVM_Stack::Stack_Entry* top = stack->Peek();
-    const bool of_variable = top && top->kind == ZephVM_Stack::KindVariable;
-    text = stack->PopS(&length, &size, &deletable);
-    if (deletable || !of_variable) return;
-    auto* copy = new char[static_cast<size_t>(length) + 1];
-    memcpy(copy, text, static_cast<size_t>(length));
-    text = copy;
-    deletable = 1;
-  }
-  ~KeptText() {
-    if (deletable) delete[] text;
-  }
-  KeptText(const KeptText&) = delete;
-  KeptText& operator=(const KeptText&) = delete;
-
-  const char* text;
-  int length = 0;
-  int size = 0;
-  int deletable = 0;
-};
-
-}  // namespace
 
 // --- Filters -------------------------------------------------------------------------------------
 
@@ -138,26 +88,26 @@ void ZephVM::import_filter_resume(int accepted) {
 struct ZephVM::ImportOperands {
   explicit ImportOperands(ZephVM_Stack* stack) : fields(stack), delimiter(stack), name(stack) {}
 
-  KeptText fields;
-  KeptText delimiter;
+  KeptString fields;
+  KeptString delimiter;
   PoppedPath name;
 };
 
 void ZephVM::BeginImport(ImportOperands* operands, Segment* filter) {
   const int distance = first_integer;
   auto feature = std::make_unique<Import>(application, this);
-  feature->SetDelimiter(operands->delimiter.text, operands->delimiter.length,
-                        &operands->delimiter.deletable);
-  feature->SetFields(operands->fields.text, operands->fields.length);
+  KeptString& delimiter = operands->delimiter;
+  feature->SetDelimiter(delimiter.data(), delimiter.length(), delimiter.ownership());
+  feature->SetFields(operands->fields.data(), operands->fields.length());
   if (stop_flag) return;
   feature->SetFilter(filter);
   PoppedPath& name = operands->name;
-  if (!feature->Start(name.text, name.length, name.size, &name.deletable)) {
-    EncodedRuntimeError(kTagImport, feature->error());
+  if (!feature->Start(name.data(), name.length(), name.size(), name.ownership())) {
+    EncodedRuntimeError(Tag_Import, feature->error());
     program_counter = Jumped(program_counter, distance);
     return;
   }
-  ClearErrorVariable(kTagImport);
+  ClearErrorVariable(Tag_Import);
   if (feature->Next() != 0) {
     program_counter = Jumped(program_counter, distance);
     return;
@@ -180,22 +130,22 @@ void ZephVM::import() {
 // variables. One that leaves nothing is false. An empty filter takes all; one that is no expression
 // is an error of ZpIMPORT.
 void ZephVM::importf() {
-  const KeptText text(stack);
+  const KeptString text(stack);
   ImportOperands operands(stack);
   if (stop_flag) return;
-  if (ExpressionCompiler::Expression_Empty(text.text, text.length)) {
+  if (ExpressionCompiler::Expression_Empty(text.data(), text.length())) {
     BeginImport(&operands, nullptr);
     return;
   }
   String error;
-  Segment* const filter = FilterSegment(text.text, text.length, &error);
+  Segment* const filter = FilterSegment(text.data(), text.length(), &error);
   if (filter) {
     BeginImport(&operands, filter);
     return;
   }
   String message("Syntax error in filter: ", -1);
   message.cat(error.data, error.length);
-  EncodedRuntimeError(kTagImport, message);
+  EncodedRuntimeError(Tag_Import, message);
   program_counter = Jumped(program_counter, first_integer);
 }
 
@@ -239,40 +189,40 @@ void ZephVM::import_stop() {
 // delimiter between. The record is written at once, so those of several exporters do not mix. Sets
 // the error variable of ZpEXPORT.
 void ZephVM::op_export() {
-  const KeptText names(stack);
-  const KeptText delimiter(stack);
+  const KeptString names(stack);
+  const KeptString delimiter(stack);
   const PoppedPath name(stack);
   if (stop_flag) return;
   FileManager* const files = application->filemanager();
   const std::unique_ptr<File> file(
-      files->Open(ZephPath_Data, name.text, FileMode_Write | FileMode_Create | FileMode_Append));
+      files->Open(ZephPath_Data, name.data(), FileMode_Write | FileMode_Create | FileMode_Append));
   if (!file) {
     String message("Unable to create file '", -1);
-    message.cat(name.text, name.length);
+    message.cat(name.data(), name.length());
     message.cat("': ", 3);
     message.cat(files->error().data, files->error().length);
-    EncodedRuntimeError(kTagExport, message);
+    EncodedRuntimeError(Tag_Export, message);
     return;
   }
   VariableList fields;
-  Lookup_VariableList(&fields, names.text, names.length);
+  Lookup_VariableList(&fields, names.data(), names.length());
   // A bad name is fatal, and no reason to leave a record without a value.
   if (stop_flag) return;
   ExportRecord record;
   bool is_first = true;
   for (Variable* field = fields.First(); field; field = fields.Next()) {
-    if (!is_first) record.AppendPlain(delimiter.text, delimiter.length);
+    if (!is_first) record.AppendPlain(delimiter.data(), delimiter.length());
     is_first = false;
     const String& value = field->value();
     if (value.data) record.AppendField(value.data, value.length);
   }
   record.AppendPlain("\n", 1);
   if (record.whole() && file->Write(record.data(), record.length()) == record.length()) {
-    ClearErrorVariable(kTagExport);
+    ClearErrorVariable(Tag_Export);
     return;
   }
   String message("Unable to write to file '", -1);
-  message.cat(name.text, name.length);
+  message.cat(name.data(), name.length());
   message.cat("'.", 2);
-  EncodedRuntimeError(kTagExport, message);
+  EncodedRuntimeError(Tag_Export, message);
 }

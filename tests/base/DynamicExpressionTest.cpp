@@ -171,6 +171,17 @@ TEST_F(DynamicExpression, HotCodeKeepsToItsPartOfTheStackToo) {
   EXPECT_EQ(machine.StackText(), "7");
 }
 
+TEST_F(DynamicExpression, CodeTakesTheRoomThatItNeeds) {
+  Segment* const code = Compile("1 + 2");
+  ASSERT_TRUE(code);
+  EXPECT_EQ(code->length(), 14);
+  EXPECT_EQ(code->capacity(), code->length());
+  EXPECT_FALSE(machine.vm().Compile_Dynamic_Expression("1 + 2 * * 3", -1, nullptr, nullptr, nullptr,
+                                                       nullptr, 0, 0));
+  const Segment* const failed = machine.segments.Lookup(machine.segments.Segments() - 1);
+  EXPECT_EQ(failed->capacity(), failed->length());
+}
+
 TEST_F(DynamicExpression, AFailureToCompileHasItsText) {
   String error;
   EXPECT_FALSE(

@@ -160,6 +160,27 @@ TEST(Segment, PositionsThatCannotBeAreRefused) {
   EXPECT_EQ(segment.length(), 0);
 }
 
+TEST(Segment, TrimGivesUnusedRoomBack) {
+  Segment segment(3);
+  segment.Write_Dword(0, 0x04030201);
+  segment.Trim();
+  EXPECT_EQ(segment.capacity(), 4);
+  EXPECT_EQ(segment.length(), 4);
+  for (int i = 0; i < Segment::Padding; i++) EXPECT_EQ(segment.code()[4 + i], 0);
+  unsigned value = 0;
+  EXPECT_EQ(segment.Read_Dword(0, &value), 4);
+  EXPECT_EQ(value, 0x04030201u);
+  segment.Trim();
+  EXPECT_EQ(segment.capacity(), 4);
+  // It may grow again.
+  EXPECT_EQ(segment.Write_Byte(4, 5), 5);
+  EXPECT_EQ(segment.capacity(), 8192);
+  Segment empty(4);
+  empty.Trim();
+  EXPECT_EQ(empty.capacity(), 0);
+  EXPECT_EQ(empty.code()[0], 0);
+}
+
 TEST(Segment, GrowMakesRoomAndLeavesTheLength) {
   Segment segment(0);
   segment.Write_Byte(0, 9);
