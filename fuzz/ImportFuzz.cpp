@@ -16,6 +16,7 @@
 #include "base/Variable.h"
 #include "base/VariableHash.h"
 #include "base/ZephVM.h"
+#include "tests/support/DelimitedModel.h"
 #include "tests/support/FaultyFile.h"
 #include "tests/support/TestApplication.h"
 
@@ -35,37 +36,7 @@ std::string Text(Variable* variable) {
 }
 
 std::vector<Record> Model(const std::string& content, const std::string& delimiter) {
-  std::vector<Record> all;
-  for (size_t at = 0;;) {
-    std::string line;
-    bool ended = false;
-    while (at < content.size() && !ended) {
-      char c = content[at++];
-      if (c == '\\') {
-        if (at == content.size()) break;
-        c = content[at++];
-        line += c == 'n' ? '\n' : c == 'r' ? '\r' : c;
-      } else if (c == '\n') {
-        ended = true;
-      } else if (c == '\r') {
-        ended = at < content.size();
-        if (ended && content[at] == '\n') at++;
-      } else {
-        line += c;
-      }
-    }
-    if (!ended && line.empty()) return all;
-    Record fields(kFields);
-    size_t position = 0;
-    for (std::string& field : fields) {
-      if (position >= line.size()) continue;
-      size_t stop = delimiter.empty() ? std::string::npos : line.find(delimiter, position);
-      if (stop == std::string::npos) stop = line.size();
-      field = line.substr(position, stop - position);
-      position = stop + delimiter.size();
-    }
-    all.push_back(fields);
-  }
+  return DelimitedRecords(content, delimiter, kFields);
 }
 
 // A machine with nothing to run, which imports need for their variables.
