@@ -99,6 +99,10 @@ class ZIXIndexFile {
   // there is none.
   [[nodiscard]] bool _Seek(const unsigned char* key, int length, unsigned record, int lock);
 
+  // The key of the cursor's entry, good until the next operation; null where the cursor stands on
+  // none.
+  const unsigned char* current_key();
+
   // Adds an entry, in front of those with an equal key. The cursor finds its place again at its
   // next step, after Delete too.
   [[nodiscard]] bool Insert(unsigned record, const unsigned char* key, int length);

@@ -97,6 +97,10 @@ bool ZIXIndexFile::OnEntry() {
   return page && page->position >= 0 && page->position < page->numentries();
 }
 
+const unsigned char* ZIXIndexFile::current_key() {
+  return OnEntry() ? pages.Top()->key(pages.Top()->position) : nullptr;
+}
+
 // Whether there is an entry to step from.
 bool ZIXIndexFile::StartStep(const HeaderLock& lock, int direction) {
   if (!StartReading(lock) || !OnEntry()) return false;

@@ -150,6 +150,7 @@ TEST_F(ZIXIndexFileTest, AFileThatCannotBeMadeIsNamedWithTheReason) {
   class Refusing : public FaultyFileManager {
    public:
     using FaultyFileManager::FaultyFileManager;
+    using FaultyFileManager::Open;
     File* Open(Zeph_PathType, const char*, int) override {
       Error("Permission denied");
       return nullptr;
@@ -613,6 +614,20 @@ TEST_F(ZIXIndexFileTest, NextHandsOutTheKey) {
   ASSERT_TRUE(index._Next(&record, &key, 1));
   EXPECT_EQ(0u, record);
   EXPECT_EQ(before, key);
+}
+
+TEST_F(ZIXIndexFileTest, TheCursorsKeyIsThatOfItsEntry) {
+  Create(ZIXIndex_Text);
+  EXPECT_EQ(nullptr, index.current_key());
+  ASSERT_EQ(0u, First(index));
+  EXPECT_EQ(nullptr, index.current_key());
+  InsertLetters(20);
+  ASSERT_EQ(1u, First(index));
+  EXPECT_STREQ("a", reinterpret_cast<const char*>(index.current_key()));
+  ASSERT_EQ(20u, Last(index));
+  EXPECT_STREQ("t", reinterpret_cast<const char*>(index.current_key()));
+  ASSERT_EQ(0u, Next(index));
+  EXPECT_EQ(nullptr, index.current_key());
 }
 
 TEST_F(ZIXIndexFileTest, ForwardAndBackwardMeetTheSameEntries) {

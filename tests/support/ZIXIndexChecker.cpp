@@ -60,6 +60,7 @@ std::string ZIXIndexChecker::Walk(uint32_t page, int level) {
   if (n > order()) return Fault(page, "too many entries");
   if (level > 1 && n < order() / 2 - 1) return Fault(page, "too few entries");
   const bool leaf = Child(page, 0) == 0;
+  if (!leaf && n == 0) return Fault(page, "an inner page without entries");
   if (leaf && depth == 0) depth = level;
   if (leaf && depth != level) return Fault(page, "a leaf at another depth");
   for (uint32_t i = 0; i <= n; i++) {
