@@ -252,6 +252,21 @@ TEST_F(Do, ArgumentsReachLocalVariablesOfTheCaller) {
             "15,15");
 }
 
+// The text of an array is made anew each time, for the name of the file as well.
+TEST_F(Do, FileAndCallMayComeOfOneArray) {
+  Script("dir/file,name", "noop\n");
+  machine.Assemble(
+      "tagerror 22, 0\n"
+      "pushc \"file\"\npushg v\npushi 1\nelem\nstore\npushc \"name\"\npushg v\npushi 2\nelem\n"
+      "store\npushg v\npushg v\nop_do_function\n"
+      "pushc \"name\"\npushg w\npushi 1\nelem\nstore\npushc \"worth\"\npopg name\n"
+      "pushg w\npushg w\nop_do_function\n");
+  Script("dir/name", "noop\n");
+  EXPECT_EQ(machine.Go(), 1) << machine.Error();
+  EXPECT_EQ(machine.StackText(), "(null) (worth)");
+  EXPECT_THAT(machine.Failure(), HasSubstr("Invalid Argument ',' in Expression"));
+}
+
 TEST_F(Do, AMissingFunctionIsARuntimeErrorAndPushesTheNullVariable) {
   Script("dir/part.zpc", "noop\n");
   machine.Assemble(

@@ -618,6 +618,36 @@ TEST(ImportFilter, KeepsTheErrorOutputOfTheLoop) {
   EXPECT_EQ(run.Output("1\n").substr(0, 8), "1:1||;en");
 }
 
+TEST(ImportFilter, KeepsTheOutputModeOfTheLoop) {
+  ImportRun run(
+      "stdoutput 2\npushc \"in\"\npushc \",\"\npushc \"a\"\npushc \"f()\"\n"
+      "importf done\nbody: pushg a\nout_comp\nimport_loop body\ndone: exit\n"
+      ".function f() inherit\npushc \" f  f \"\nout_comp\npushi 1\nret\n.end\n");
+  EXPECT_EQ(run.Output("x  y\n \n"), "f f x y f f ");
+  EXPECT_EQ(run.machine.output.flags(), 2);
+}
+
+TEST(ImportFilter, AMistakeInItIsToldEachTime) {
+  ImportRun run(R"(
+        tagerror 2, 0
+  again: pushc ""
+        popg ZpIMPORT_Error
+        pushc "in"
+        pushc ","
+        pushc "a"
+        pushc "a +* 1"
+        importf done
+  body: import_loop body
+  done: pushg ZpIMPORT_Error
+        out
+        incg n, 1
+        cmpgi n, 2
+        jmp_lt again
+  )");
+  const std::string message = "Syntax error in filter: Argument expected in Expression";
+  EXPECT_EQ(run.Output(kRecords), message + message);
+}
+
 TEST(ImportFilter, TheSameTextIsCompiledOnce) {
   ImportRun run(R"(
   again: pushc "in"

@@ -3,6 +3,7 @@
 
 #include <signal.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -36,6 +37,14 @@ class Task : public testing::Test {
   static std::string Async(const std::string& block) {
     const std::string behind = "behind" + std::to_string(++blocks);
     return "async " + behind + "\n" + block + "exit\n" + behind + ":\n";
+  }
+
+  // Code that goes on when the data directory has a file of that name.
+  static std::string WaitsFor(const std::string& file) {
+    const std::string label = "wait" + std::to_string(++blocks);
+    return "tagerror 2, 0\n" + label + ": pushc \"" + file +
+           "\"\npushc \",\"\npushc \"record\"\nimport " + label + "\nimport_stop " + label +
+           "on\n" + label + "on: noop\n";
   }
 
   std::string Log() { return Content(engine.Path("data/tasks.log")); }
@@ -147,6 +156,33 @@ TEST_F(Task, ATaskHasAThreadOfItsOwnAndNoClient) {
   EXPECT_GT(std::stoi(task), std::stoi(request)) << Log();
 }
 
+// Signals are for the main thread, also while a task runs.
+TEST_F(Task, ATaskBlocksSignals) {
+  engine.Script("task.zpc",
+                Async(Notes("pushc \"begun\"") + WaitsFor("go.txt")) + Writes("page") + functions);
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/task.zpc"), "page");
+  Noted("begun");
+  int threads = 0, open = 0;
+  const std::string tasks = "/proc/" + std::to_string(engine.pid()) + "/task";
+  for (const auto& entry : std::filesystem::directory_iterator(tasks)) {
+    const std::string status = Content(entry.path().string() + "/status");
+    const size_t at = status.find("SigBlk:");
+    ASSERT_NE(at, std::string::npos);
+    const auto blocked = std::stoull(status.substr(at + 7), nullptr, 16);
+    threads++;
+    for (int signal : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM, SIGUSR1}) {
+      if (blocked >> (signal - 1) & 1) continue;
+      EXPECT_EQ(entry.path().filename(), std::to_string(engine.pid())) << signal;
+      open++;
+    }
+  }
+  EXPECT_EQ(threads, Idle() + 1);
+  EXPECT_EQ(open, 6);
+  engine.Write("data/go.txt", "go\n");
+  EXPECT_EQ(engine.WaitForThreads(Idle()), Idle());
+}
+
 TEST_F(Task, ErrorsOfATaskGoToTheLog) {
   engine.Script("task.zpc", Async("pushg a\npushi -1\nelem\n") + Writes("page") + functions);
   ASSERT_TRUE(engine.Start());
@@ -188,6 +224,75 @@ TEST_F(Task, SixteenRequestsStartTasksAtOnce) {
             16 + EngineProcess::OtherThreads);
 }
 
+// --- Extensions and other files ------------------------------------------------------------------
+
+// Functions of the library TaskFunctions, as a script declares them.
+constexpr char extension[] =
+    ".function header(name, value) external\n.function sleep(seconds, file) external\n.end\n";
+std::string RegistersTaskFunctions() {
+  return "[[library]]\nkind = \"builtin\"\npath = \"" ZEPH_BINARY_DIR
+         "/lib/test/TaskFunctions.so\"\n";
+}
+std::string Header(const std::string& name, const std::string& value) {
+  return "pushc \"" + name + "\"\npushc \"" + value + "\"\ncall header\n";
+}
+
+TEST_F(Task, HeaderFieldsOfATaskAreNobodys) {
+  engine.settings += RegistersTaskFunctions();
+  // The request sends its header when the task has tried to change it.
+  engine.Script("task.zpc",
+                extension + Header("X-Page", "of the page") + "pop\n" +
+                    Async(Notes("pushc \"task \"\n" + Header("X-Page", "of the task") + "cat\n" +
+                                Header("X-Task", "of the task") + "cat") +
+                          "pushc \"done\"\npopg x\npushc \"done.txt\"\npushc \",\"\npushc \"x\"\n"
+                          "export\n") +
+                    WaitsFor("done.txt") +
+                    Notes("pushc \"page \"\n" + Header("X-More", "of the page") + "cat") +
+                    Writes("page") + functions);
+  ASSERT_TRUE(engine.Start());
+  const FastCGIResponse page = engine.Get("/task.zpc");
+  ExpectPage(page, "page");
+  EXPECT_EQ(page.Header("X-Page"), "of the page");
+  EXPECT_EQ(page.Header("X-More"), "of the page");
+  EXPECT_FALSE(page.HasHeader("X-Task"));
+  Noted("task 00");
+  Noted("page 1");
+}
+
+TEST_F(Task, AFileThatIsRunMayStartTasks) {
+  engine.Script("page.zpc",
+                "pushc \"page \"\npopg name\npushc \"library/go.zpc\"\nop_do_file\n"
+                "pushg name\nout\n" +
+                    Notes("pushc \"page ends\"") + functions);
+  engine.Script("library/go.zpc", "jmp over\n" + std::string(functions).substr(5) +
+                                      "over: " + "pushc \"part of \"\npopg part\n" +
+                                      Async(Notes("pushc \"task: \"\npushg part\ncat\n"
+                                                  "pushg name\ncat\npushs QUERY_STRING\ncat") +
+                                            "pushc \"task\"\npopg name\n") +
+                                      Notes("pushc \"file ends\""));
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc", {{"QUERY_STRING", "q"}}), "page ");
+  Noted("task: part of page q");
+  Noted("page ends");
+  EXPECT_EQ(engine.WaitForThreads(Idle()), Idle());
+  EXPECT_EQ(CountInLog("file ends"), 1);
+  EXPECT_EQ(CountInLog("page ends"), 1);
+}
+
+TEST_F(Task, ATaskRunsOtherFilesAndCallsTheirFunctions) {
+  engine.Script("library/part.zpc",
+                "incg runs, 1\njmp end\n.function twice(n)\npushl n\npushi 2\nmul\nret\n.end\n"
+                "end: noop\n");
+  const std::string uses =
+      "pushc \"library/part.zpc\"\nop_do_file\npushc \"library/part.zpc\"\n"
+      "pushc \"twice(runs)\"\nop_do_function\n";
+  engine.Script("task.zpc", uses + "pop\n" + Async(uses + Notes("pushc \" in the task\"\ncat")) +
+                                uses + "out\n" + functions);
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/task.zpc"), "4");
+  Noted("4 in the task");
+}
+
 // --- With heartbeats -----------------------------------------------------------------------------
 
 class SlowTask : public Task {};
@@ -221,6 +326,35 @@ TEST_F(SlowTask, AProcessThatEndsCancelsItsTasks) {
   engine.Signal(SIGTERM);
   EXPECT_EQ(engine.Wait(), 0);
   EXPECT_FALSE(std::filesystem::exists(engine.Path("data/a.lck")));
+}
+
+TEST_F(SlowTask, ASleepEndsAtTheBeatBehindAChangeOfItsFile) {
+  engine.settings += RegistersTaskFunctions();
+  engine.Script("task.zpc",
+                extension +
+                    Async(Notes("pushc \"asleep\"") +
+                          Notes("pushc \"slept \"\npushi 3600\npushc \"flag.txt\"\ncall sleep\n"
+                                "cat\npushc \" and has \"\ncat\npushs dyn_time_remaining\ncat")) +
+                    Writes("page") + functions);
+  const std::string flag = engine.Write("data/flag.txt", "");
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/task.zpc"), "page");
+  Noted("asleep");
+  // Its time as the task has first read it may be one of these changes, but not the last.
+  const auto now = std::filesystem::file_time_type::clock::now();
+  int seconds = 0;
+  EXPECT_TRUE(Eventually([&] {
+    std::filesystem::last_write_time(flag, now + std::chrono::seconds(++seconds));
+    return CountInLog("slept ") > 0;
+  }));
+  const std::string log = Log();
+  int slept = 0, remaining = 0;
+  ASSERT_EQ(sscanf(log.c_str() + log.find("slept "), "slept %d and has %d", &slept, &remaining), 2);
+  // A beat is five seconds; the rest is for a slow machine. Of the hour that a task has, the sleep
+  // takes one second.
+  EXPECT_LE(slept, 30);
+  EXPECT_GE(remaining, 3600 - 1 - 30);
+  EXPECT_LE(remaining, 3599);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -42,7 +43,12 @@ class MachineApplication : public TestApplication {
     return result;
   }
   void Log(unsigned type, LogParameter* parameters) override;
+  int BeginAsynchronousTask(ZephVM* vm) override {
+    return begin_task ? begin_task(vm) : TestApplication::BeginAsynchronousTask(vm);
+  }
 
+  // What answers a script that starts a task; without it the host has no tasks.
+  std::function<int(ZephVM*)> begin_task;
   // The records of the log: the type's description and the parameters, with "|" between.
   std::vector<std::string> log;
 
