@@ -38,6 +38,7 @@ class ScriptMutator {
       if (OneIn(8)) ChangeTables(&sections);
       std::string stamp(16, '\0');
       stamp[0] = static_cast<char>(OneIn(4));  // whether the run is logged
+      stamp[1] = static_cast<char>(Below(4));  // how many scripts are kept
       file = CompiledFileBytes::Container(sections, 0x1000B, stamp);
     }
     if (file.size() > max_size) return LLVMFuzzerMutate(data, size, max_size);

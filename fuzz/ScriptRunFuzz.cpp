@@ -9,6 +9,7 @@
 #include <cmath>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -221,9 +222,42 @@ class Application : public TestApplication {
     const std::string& line = record.Finish();
     if (line.find('\n') != line.size() - 1) abort();
   }
+  int BeginAsynchronousTask(ZephVM* vm) override {
+    if (running_tasks) return AsynchronousTask_InTask;
+    if (tasks.size() == 3) return AsynchronousTask_LimitReached;
+    tasks.push_back(
+        std::make_unique<ZephVM>(this, *vm, heartbeatcounter(), timedoutflag(), exitflag()));
+    return AsynchronousTask_Started;
+  }
+  // Runs what the script has started, when all of the script is gone.
+  void RunTasks() {
+    running_tasks = true;
+    for (auto& task : tasks) {
+      exit_flag = 0;
+      task->Go();
+      task.reset();
+    }
+  }
 
  private:
   std::unique_ptr<UFCrypt> hash;
+  std::vector<std::unique_ptr<ZephVM>> tasks;
+  bool running_tasks = false;
+};
+
+// Scripts find each other by the last part of a path.
+class Files : public MemoryFileManager {
+ public:
+  char* NormalizeContainedPath(Zeph_PathType, const char* path, int* length,
+                               int* allocated) override {
+    const char* const slash = strrchr(path, '/');
+    const std::string name = slash ? slash + 1 : path;
+    char* const copy = new char[name.size() + 1];
+    memcpy(copy, name.c_str(), name.size() + 1);
+    *length = static_cast<int>(name.size());
+    *allocated = *length + 1;
+    return copy;
+  }
 };
 
 // What native code does with a script beside running it.
@@ -251,21 +285,20 @@ void UseNatively(LoadedScript* script, ZephVM* vm) {
   }
 }
 
-void Run(const std::string& file, Watchdog* watchdog) {
+std::string Assembled(const char* source) {
+  std::string image, errors;
+  if (!AssembleScript(source, "seed", &image, &errors)) {
+    fprintf(stderr, "%s", errors.c_str());
+    abort();
+  }
+  return image;
+}
+
+// From the load of the script to the end of its machine and tables.
+void RunScript(Application* application, const std::string& file, Watchdog* watchdog) {
   FaultyFileManager manager;
   manager.files["s"] = file;
-  LibraryManager libraries;
-  Application application;
-  application.SetLibraryManager(&libraries);
-  NullOutput output(nullptr);
-  application.SetOutput(&output);
-  // Scripts read and write this file, and others that they make.
-  MemoryFileManager files;
-  files.files["f"] = "1,one\n2,two\\n,2\r\n\n3,three\r4";
-  application.SetFileManager(&files);
-  // A byte of the stamp decides whether the run is logged.
-  if (file.size() > 8 && file[8]) application.config()->SetValue_Integer(Config_log_level, -1);
-  LoadedScript script(&application, &manager);
+  LoadedScript script(application, &manager);
   File* opened = manager.Open("s", FileMode_Read);
   const char* failed = nullptr;
   if (!script.Load("s", opened, &failed)) {
@@ -275,18 +308,37 @@ void Run(const std::string& file, Watchdog* watchdog) {
   script.file.Deactivate();
   script.system.SetVariable(new Variable("subject", -1, "a subject", -1));
   script.system.SetVariable(new ImmutableVariable("fixed", -1, "a fixed text", -1));
-  script.system.SetLateVariables(NewSystemVariables(&application));
-  ExternalCallManager external(&application);
+  script.system.SetLateVariables(NewSystemVariables(application));
+  ExternalCallManager external(application);
   if (!external.RegisterDSO("library")) abort();
-  watchdog->Begin(application.heartbeatcounter(), application.timedoutflag());
-  {
-    ZephVM vm("dir/script.zpc", -1, &application, &script.dictionary, &script.system,
-              &script.globals, &script.segments, &script.functions, &external, nullptr, nullptr,
-              &script.languages, &script.pieces, application.heartbeatcounter(),
-              application.timedoutflag(), application.exitflag(), nullptr);
-    vm.Go();
-    if (!vm.stopped() && !*application.exitflag()) UseNatively(&script, &vm);
-  }
+  watchdog->Begin(application->heartbeatcounter(), application->timedoutflag());
+  ZephVM vm("dir/script.zpc", -1, application, &script.dictionary, &script.system, &script.globals,
+            &script.segments, &script.functions, &external, nullptr, nullptr, &script.languages,
+            &script.pieces, application->heartbeatcounter(), application->timedoutflag(),
+            application->exitflag(), nullptr);
+  vm.Go();
+  if (!vm.stopped() && !*application->exitflag()) UseNatively(&script, &vm);
+}
+
+void Run(const std::string& file, Watchdog* watchdog) {
+  // Scripts read and write this file, and others that they make. They run and call themselves, and
+  // another script that calls them back.
+  static const std::string other = Assembled(script_run_other);
+  Files files;
+  files.files["s"] = file;
+  files.files["c"] = files.files["d"] = other;
+  files.files["f"] = "1,one\n2,two\\n,2\r\n\n3,three\r4";
+  LibraryManager libraries;
+  NullOutput output(nullptr);
+  Application application;
+  application.SetLibraryManager(&libraries);
+  application.SetOutput(&output);
+  application.SetFileManager(&files);
+  // A byte of the stamp decides whether the run is logged, the next one how many scripts are kept.
+  if (file.size() > 8 && file[8]) application.config()->SetValue_Integer(Config_log_level, -1);
+  if (file.size() > 9) application.config()->SetValue_Integer(Config_max_docache, file[9] & 3);
+  RunScript(&application, file, watchdog);
+  application.RunTasks();
   watchdog->End();
   // Captures that were left open have given the output back.
   if (application.output() != &output) abort();
@@ -294,14 +346,7 @@ void Run(const std::string& file, Watchdog* watchdog) {
 
 std::vector<std::string> Seeds() {
   std::vector<std::string> files;
-  for (const char* source : script_run_seeds) {
-    std::string image, errors;
-    if (!AssembleScript(source, "seed", &image, &errors)) {
-      fprintf(stderr, "%s", errors.c_str());
-      abort();
-    }
-    files.push_back(image);
-  }
+  for (const char* source : script_run_seeds) files.push_back(Assembled(source));
   return files;
 }
 

@@ -528,6 +528,148 @@ none: retn
       .local d, e
       .end
     )",
+    // Other scripts.
+    R"zpa(
+      pushc "start"
+      popg x
+      pushc "c"
+      op_do_file
+      pushc "c"
+      pushc "text() $ add(x, 2)"
+      op_do_function
+      pushc "d"
+      op_do_file
+      out
+      tagerror 22, 0
+      pushc "c"
+      pushc "none(1)"
+      op_do_function
+      out
+      pushc "c"
+      pushc "1 (2) (text())"
+      op_do_function
+      pushc "missing"
+      op_do_file
+      out
+      pushi 3
+      call f
+      out
+      exit
+      .function f(n)
+      pushl n
+      jmp_le end
+      pushc "c"
+      pushc "lower(l.n)"
+      op_do_function
+      pop
+      pushc "s"
+      pushc "f(l.n)"
+      op_do_function
+      out
+end:  pushl n
+      ret
+      .end
+    )zpa",
+    // Tasks, which run behind the script.
+    R"zpa(
+      pushc "a text that is long enough to be watched while something is put behind it, so long that"
+      popg s
+      pushg s
+      pushg s
+      cat
+      popg s
+      pushi 1
+      pushg v
+      pushi 1
+      elem
+      store
+      pushg v
+      pushg v
+      pushi 2
+      elem
+      refer
+      pushg s
+      pushc " and more"
+      cat
+      async on
+      out
+      pushc "c"
+      op_do_file
+      pushi 4
+      call f
+      out
+      pushg v
+      out
+on:   out
+      pushi 3
+      call f
+      out
+      pushc "f"
+      pushc ","
+      pushc "a,b"
+      pushc "f(a)"
+      importf done
+body: import_loop body
+done: exit
+      .function f(n)
+      pushl n
+      jmp_le end
+      pushc "kept"
+      pushl n
+      pushi 1
+      sub
+      call f
+      cat
+      ret
+end:  async more
+      pushl n
+      popg x
+      pushg x
+      capture
+      pushc "c"
+      pushc "text()"
+      op_do_function
+      ret
+more: pushi 1
+      ret
+      .end
+    )zpa",
 };
+
+// A script that all of them can run and call.
+inline const char* const script_run_other = R"zpa(
+      incg x, 1
+      cmpgi x, 5
+      jmp_ge last
+      pushc "s"
+      op_do_file
+last: async next
+      pushg x
+      out
+next: pushg kept
+      capture
+      pushg x
+      out
+      jmp over
+      .function text()
+      pushc "a text of the other script"
+      ret
+      .function add(a, b)
+      pushl a
+      pushl b
+      add
+      ret
+      .function lower(n var)
+      pushl n
+      pushi 1
+      sub
+      popl n
+      pushc "s"
+      pushc "f(l.n)"
+      op_do_function
+      ret
+      .end
+over: noop
+    )zpa";
 
 #endif
