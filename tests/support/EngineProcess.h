@@ -19,24 +19,14 @@
 #include <vector>
 
 #include "tests/support/FastCGIClient.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/support/TemporaryDirectory.h"
-
-#if defined(__SANITIZE_THREAD__)
-#define ZEPH_UNDER_THREAD_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define ZEPH_UNDER_THREAD_SANITIZER 1
-#endif
-#endif
-#ifndef ZEPH_UNDER_THREAD_SANITIZER
-#define ZEPH_UNDER_THREAD_SANITIZER 0
-#endif
 
 class EngineProcess {
  public:
   // Its threads beside those that serve requests: the main one, the heartbeat, and one of the
   // thread sanitizer's own.
-  static constexpr int OtherThreads = 2 + ZEPH_UNDER_THREAD_SANITIZER;
+  static constexpr int OtherThreads = 2 + (ThreadSanitizer ? 1 : 0);
   using Milliseconds = std::chrono::milliseconds;
   // How long an orderly shutdown may take at most: a heartbeat, and the time of a slow machine.
   static constexpr Milliseconds ShutdownTimeout{40000};
