@@ -2,13 +2,16 @@
 
 #include <signal.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <thread>
 
 #include "tests/e2e/Pages.h"
+#include "tests/support/UploadMachine.h"
 
 namespace {
 
@@ -28,10 +31,31 @@ struct Kind {
   std::string source;
   FastCGIParameters parameters;
   std::string page;
+  std::string body = {};  // of the request: a form in parts
+  int cut = 0;            // the client leaves when it has sent so many bytes of it
 };
+
+FastCGIParameters Form(const std::string& body) {
+  return {{"CONTENT_TYPE", "multipart/form-data; boundary=B"},
+          {"CONTENT_LENGTH", std::to_string(body.size())}};
+}
 
 std::vector<Kind> Kinds() {
   const std::string task_end = "exit\nbehind:\n";
+  const std::string upload = Field("title", "Tea") +
+                             FilePart("file", "tea.txt", "text/plain", std::string(20000, 't')) +
+                             EndOfBody();
+  const std::string takes_files =
+      "pushg title\nout\nexit\n.function Zeph_ValidateFileUpload(field, name, type)\n"
+      "pushi 100000\nret\n.end\n"
+      ".function Zeph_ProcessFileUpload(field, name, status, path, type, size)\n"
+      "pushl name\npushc \" \"\ncat\npushl status\ncat\npushc \" \"\ncat\npushl size\ncat\n"
+      "pushc \" \"\ncat\nout\nretn\n.end\n";
+  std::string refuses_files = takes_files;
+  refuses_files.replace(refuses_files.find("pushi 100000"), 12, "pushi -1");
+  const std::string languages =
+      ".language \"en-US\"\n.message hello \"Hello, \" name \"!\"\n.message only \"English\"\n"
+      ".language de\n.message hello \"Hallo \" name \"!\"\n";
   return {
       {"text.zpc", Writes("a text"), {}, "a text"},
       {"calls.zpc",
@@ -93,10 +117,54 @@ std::vector<Kind> Kinds() {
            Writes("written"),
        {},
        "written"},
+      {"upload.zpc", takes_files, Form(upload), "tea.txt COMPLETE 20000 Tea", upload},
+      {"refused.zpc", refuses_files, Form(upload), "Tea", upload},
+      {"cut.zpc", takes_files, Form(upload), "", upload, 12000},
+      {"language.zpc",
+       languages + "pushg language\npops zeph_language\npushc \"Ada\"\npoplvnc name\n"
+                   "localize hello\nlocalizev only\nout\n",
+       {{"QUERY_STRING", "language=de"}},
+       "Hallo Ada!English"},
+      {"default.zpc",
+       languages + "pushc \"Zoe\"\npoplvnc name\nlocalize hello\n",
+       {},
+       "Hello, Zoe!"},
+      // Locks of the thread's own, which are left in other ways than at their ends.
+      {"lock_exit.zpc", "pushs thread_id\nlockfile\n" + Writes("out") + "exit\n", {}, "out"},
+      {"lock_failing.zpc", "pushs thread_id\nlockfile\npop\n", {}, "Fatal error in ..."},
+      {"lock_function.zpc",
+       "call f\nout\npushs thread_id\nlockfile\nlockfile_end\nexit\n.function f()\n"
+       "pushs thread_id\nlockfile\npushc \"back\"\nret\n.end\n",
+       {},
+       "back"},
       {"missing.zpc", "", {}, "..."},
       {"leaving.zpc", Floods(40), {}, ""},
   };
 }
+
+// What ends by its time. Each takes a second and what is left of a beat, so there are a few only.
+std::vector<Kind> SlowKinds() {
+  const std::string for_ever = "around: jmp around\n";
+  return {
+      {"late/page.zpc", Writes("begun ") + for_ever, {}, "begun Application timed out"},
+      {"late/lock.zpc", "pushs thread_id\nlockfile\n" + for_ever, {}, "Application timed out"},
+      {"late/filter.zpc",
+       "pushc \"list.txt\"\npushc \";\"\npushc \"a,b\"\npushc \"f()\"\nimportf done\n"
+       "body: import_loop body\ndone: exit\n.function f()\n" +
+           for_ever + ".end\n",
+       {},
+       "Application timed out"},
+      {"late/do.zpc", "pushc \"page.zpc\"\nop_do_file\n", {}, "begun Application timed out"},
+      // The page is there at once, and its task goes later.
+      {"late/task.zpc",
+       "pushs zeph_config\npushc \"timeout_async\"\nmemb\npop\nasync behind\n"
+       "pushs thread_id\nlockfile\n" +
+           for_ever + "exit\nbehind: noop\n" + Writes("page"),
+       {},
+       "page"},
+  };
+}
+constexpr int slow_requests = 15;
 
 long ResidentKilobytes(pid_t process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/status");
@@ -117,11 +185,15 @@ std::string Try(const EngineProcess& engine, const Kind& kind) {
     client.Begin();
     client.Parameters(parameters);
     client.EndParameters();
+    if (kind.cut > 0) {
+      client.Input(std::string_view(kind.body).substr(0, static_cast<size_t>(kind.cut)));
+      return "";
+    }
     client.EndInput();
     client.ReadOutput(1);
     return "";
   }
-  const FastCGIResponse response = client.Request(parameters);
+  const FastCGIResponse response = client.Request(parameters, kind.body);
   if (!response.ended) return "no end: " + response.problem;
   const std::string body = response.Body();
   const size_t open = kind.page.find("...");
@@ -132,11 +204,14 @@ std::string Try(const EngineProcess& engine, const Kind& kind) {
 
 TEST(SlowSoak, EveryResponseIsRightAndMemoryStaysAsItIs) {
   const std::vector<Kind> kinds = Kinds();
+  const std::vector<Kind> slow_kinds = SlowKinds();
   EngineProcess engine;
+  engine.settings = "[[script]]\nmatch = \"late/*\"\ntimeout_global = 1\ntimeout_async = 1\n";
   engine.arguments = {"-t", std::to_string(connections)};
   for (const Kind& kind : kinds) {
     if (!kind.source.empty()) engine.Script(kind.name, kind.source);
   }
+  for (const Kind& kind : slow_kinds) engine.Script(kind.name, kind.source);
   engine.Script("library/part.zpc",
                 "pushi 21\npopg shared\n" + Writes("part ") +
                     "jmp end\n.function twice(n)\npushl n\npushi 2\nmul\nret\n.end\nend: noop\n");
@@ -151,12 +226,17 @@ TEST(SlowSoak, EveryResponseIsRightAndMemoryStaysAsItIs) {
   const int all = Requests();
   std::atomic<int> next{0}, wrong{0};
   std::atomic<long> half{0};
+  const int between = std::max(all / slow_requests, 1);
+  const auto kind_of = [&](int i) -> const Kind& {
+    if (i % between == 0) return slow_kinds[static_cast<size_t>(i / between) % slow_kinds.size()];
+    return kinds[static_cast<size_t>(i) % kinds.size()];
+  };
   std::vector<std::thread> clients;
   for (int c = 0; c < connections; c++) {
     clients.emplace_back([&] {
       for (int i = next++; i < all; i = next++) {
         if (i == all / 2) half = ResidentKilobytes(engine.pid());
-        const Kind& kind = kinds[static_cast<size_t>(i) % kinds.size()];
+        const Kind& kind = kind_of(i);
         const std::string problem = Try(engine, kind);
         if (!problem.empty() && wrong++ < 5) {
           ADD_FAILURE() << kind.name << ": " << problem.substr(0, 300);
@@ -170,6 +250,10 @@ TEST(SlowSoak, EveryResponseIsRightAndMemoryStaysAsItIs) {
   const int threads = connections + EngineProcess::OtherThreads;
   EXPECT_EQ(engine.WaitForThreads(threads), threads);
   const long end = ResidentKilobytes(engine.pid());
+  // No lock is left; files that were not sent to their ends are, for whoever looks after them.
+  for (const auto& entry : std::filesystem::directory_iterator(engine.Path("data"))) {
+    EXPECT_NE(entry.path().extension(), ".lck") << entry.path();
+  }
   RecordProperty("half_kilobytes", std::to_string(half));
   RecordProperty("end_kilobytes", std::to_string(end));
   printf("%d requests, resident %ld KB at half, %ld KB at the end\n", all, half.load(), end);
