@@ -5,6 +5,7 @@
 #define ZEPH_TESTS_SUPPORT_FAULTYFILE_H
 
 #include <algorithm>
+#include <climits>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,7 @@ class FaultyFileManager : public MemoryFileManager {
 
   // The n-th call from now on fails, 1 being the next; 0 is none. A failed call answers -1 with
   // the text "Injected failure".
+  int fail_open = 0;
   int fail_read = 0;
   int fail_write = 0;
   int fail_seek = 0;
@@ -48,6 +50,8 @@ class FaultyFileManager : public MemoryFileManager {
   int fail_release = 0;
   // Once that many more bytes have been written, nothing is taken any more; -1 is no limit.
   long write_room = -1;
+  // No file grows beyond that many bytes: a damaged header may name places gigabytes away.
+  long size_limit = LONG_MAX;
   // No read gives more than that at once; 0 is no limit.
   int read_limit = 0;
 
@@ -72,6 +76,9 @@ class FaultyFileManager : public MemoryFileManager {
   using MemoryFileManager::Open;
   File* Open(const char* path, int mode) override;
   void DeactivateFile(File*) override { deactivations++; }
+
+  // Whether the countdown reaches 0 with this call.
+  static bool Due(int* countdown) { return *countdown > 0 && --*countdown == 0; }
 };
 
 class FaultyFile final : public MemoryFile {
@@ -101,6 +108,7 @@ class FaultyFile final : public MemoryFile {
       return Fail();
     }
     if (Due(&files->fail_write) || length < 0) return Fail();
+    if (Tell() > files->size_limit - length) return Fail();
     if (files->write_room >= 0) {
       length = static_cast<int>(std::min<long>(length, files->write_room));
       files->write_room -= length;
@@ -137,7 +145,7 @@ class FaultyFile final : public MemoryFile {
   using MemoryFile::Release;
 
  private:
-  static bool Due(int* countdown) { return *countdown > 0 && --*countdown == 0; }
+  static bool Due(int* countdown) { return FaultyFileManager::Due(countdown); }
   bool Dies() {
     files->calls++;
     if (Due(&files->kill_call)) files->killed = true;
@@ -157,7 +165,7 @@ class FaultyFile final : public MemoryFile {
 
 inline File* FaultyFileManager::Open(const char* path, int mode) {
   opens++;
-  if (killed) {
+  if (killed || Due(&fail_open)) {
     Error("Injected failure");
     return nullptr;
   }
