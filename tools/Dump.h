@@ -1,0 +1,51 @@
+// What the halves of zpdbf, one for each kind of file, have in common: what was asked for, how
+// values are written, and the host that the classes of tables and index files want.
+
+#ifndef ZEPH_TOOLS_DUMP_H
+#define ZEPH_TOOLS_DUMP_H
+
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include "base/systems/unix/UNIXApplication.h"
+#include "base/systems/unix/UNIXReentrantFile.h"
+
+enum class DumpForm { Text, Csv, Json };
+
+struct DumpRequest {
+  std::string path;
+  DumpForm form = DumpForm::Text;
+  bool header_only = false;  // neither records nor keys
+};
+
+// Exit statuses.
+constexpr int dump_done = 0;
+constexpr int dump_failed = 1;  // the file can't be read, or a check found something
+constexpr int dump_usage = 2;
+
+// Quoted where a reader needs it.
+void WriteCsvCell(std::ostream& out, std::string_view text);
+// With its quotes. Bytes that are no UTF-8 are taken for Latin-1, so that any text makes valid
+// JSON.
+void WriteJsonText(std::ostream& out, std::string_view text);
+
+// Opens files by the paths of the command line, whatever directory they are said to be in.
+class DumpFileManager : public UNIXReentrantFileManager {
+ public:
+  using UNIXReentrantFileManager::Open;
+  using UNIXReentrantFileManager::UNIXReentrantFileManager;
+  File* Open(Zeph_PathType, const char* path, int mode) override { return Open(path, mode); }
+};
+
+// A host without scripts, for one thread.
+class DumpApplication : public UNIXApplication {
+ public:
+  DumpApplication() : UNIXApplication(0, nullptr, 0, nullptr, nullptr) {}
+  FileManager* filemanager() override { return &files; }
+
+ private:
+  DumpFileManager files{this};
+};
+
+#endif
