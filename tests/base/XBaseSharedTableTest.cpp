@@ -6,24 +6,9 @@
 #include <thread>
 #include <vector>
 
-#include "base/systems/unix/UNIXReentrantFile.h"
-#include "tests/support/TableFiles.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TableOnDisk.h"
 
 namespace {
-
-// What a request thread has of its own.
-struct Worker {
-  explicit Worker(const TemporaryDirectory& directory) {
-    ready = manager.InitializeDataDirectory(directory.path().c_str());
-    application.SetFileManager(&manager);
-  }
-
-  TestApplication application;
-  UNIXReentrantFileManager manager{&application};
-  XBaseTable table{&application};
-  bool ready;
-};
 
 std::string MemoOf(int writer, int number) {
   return std::string(static_cast<size_t>(number * 37 % 1200), static_cast<char>('a' + writer)) +
@@ -34,8 +19,7 @@ TEST(XBaseSharedTable, ThreadsAppendAndUpdateWithoutLosingARecordOrAMemo) {
   constexpr int writers = 4, records = 60;
   TemporaryDirectory directory;
   {
-    Worker maker(directory);
-    ASSERT_TRUE(maker.ready);
+    TableOnDisk maker(directory);
     auto columns = ColumnList(AllTypes());
     ASSERT_TRUE(maker.table.Create(ZephPath_Data, "t.dbf", "", 0, *columns));
   }
@@ -43,7 +27,7 @@ TEST(XBaseSharedTable, ThreadsAppendAndUpdateWithoutLosingARecordOrAMemo) {
   std::vector<std::thread> threads;
   for (int writer = 0; writer < writers; writer++) {
     threads.emplace_back([&, writer] {
-      Worker worker(directory);
+      TableOnDisk worker(directory);
       XBaseTable& table = worker.table;
       if (!table.Open(ZephPath_Data, "t.dbf", -1, kOpenTable)) failures++;
       for (int i = 0; i < records; i++) {
@@ -58,7 +42,7 @@ TEST(XBaseSharedTable, ThreadsAppendAndUpdateWithoutLosingARecordOrAMemo) {
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(failures, 0);
 
-  Worker reader(directory);
+  TableOnDisk reader(directory);
   ASSERT_TRUE(reader.table.Open(ZephPath_Data, "t.dbf", -1, kOpenTable));
   ASSERT_EQ(reader.table.record_count(), writers * records);
   std::set<std::string> seen;
@@ -77,7 +61,7 @@ TEST(XBaseSharedTable, ThreadsAppendAndUpdateWithoutLosingARecordOrAMemo) {
 
 TEST(XBaseSharedTable, ADeactivatedTableGoesOnWhereItWas) {
   TemporaryDirectory directory;
-  Worker worker(directory);
+  TableOnDisk worker(directory);
   auto columns = ColumnList(AllTypes());
   ASSERT_TRUE(worker.table.Create(ZephPath_Data, "t.dbf", "", 0, *columns));
   worker.table.Deactivate();
@@ -90,7 +74,7 @@ TEST(XBaseSharedTable, ADeactivatedTableGoesOnWhereItWas) {
 
 TEST(XBaseSharedTable, ALockThatAnotherHoldsIsWaitedForUntilTheScriptIsCancelled) {
   TemporaryDirectory directory;
-  Worker holder(directory), worker(directory);
+  TableOnDisk holder(directory), worker(directory);
   auto columns = ColumnList(AllTypes());
   ASSERT_TRUE(holder.table.Create(ZephPath_Data, "t.dbf", "", 0, *columns));
   ASSERT_TRUE(worker.table.Open(ZephPath_Data, "t.dbf", -1, kOpenTable));
@@ -107,7 +91,7 @@ TEST(XBaseSharedTable, ALockThatAnotherHoldsIsWaitedForUntilTheScriptIsCancelled
 // A place that the file layer cannot say. The memo comes after it, and is not written either.
 TEST(XBaseSharedTable, RecordsBeyondTwoGigabytesAreRefused) {
   TemporaryDirectory directory;
-  Worker worker(directory);
+  TableOnDisk worker(directory);
   TableHeader header{0x83};
   header.record_count = 60000000;  // of 38 bytes each
   directory.File("t.dbf", header.Bytes(AllTypes()));
