@@ -1,11 +1,13 @@
 // Tables on a disk, shared by threads that have nothing but the files in common.
 
 #include <atomic>
+#include <csignal>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/Command.h"
 #include "tests/support/TableOnDisk.h"
 
 namespace {
@@ -85,6 +87,30 @@ TEST(XBaseSharedTable, ALockThatAnotherHoldsIsWaitedForUntilTheScriptIsCancelled
   EXPECT_EQ(ErrorOf(worker.table), "Error locking 't.dbf' for write: Timed out waiting for lock");
   worker.application.SetCancelled(0);
   ASSERT_TRUE(file->Release(0, 1));
+  EXPECT_TRUE(worker.table.Append()) << ErrorOf(worker.table);
+}
+
+// Other programs lock with fcntl, which belongs to their process.
+TEST(XBaseSharedTable, AClassicLockOfAnotherProcessIsRespected) {
+  TemporaryDirectory directory;
+  TableOnDisk worker(directory);
+  auto columns = ColumnList(AllTypes());
+  ASSERT_TRUE(worker.table.Create(ZephPath_Data, "t.dbf", "", 0, *columns));
+  Command other({"/usr/bin/python3", "-c",
+                 "import fcntl, signal\n"
+                 "table = open('t.dbf', 'r+b')\n"
+                 "fcntl.lockf(table, fcntl.LOCK_EX, 1, 10)\n"
+                 "print('locked', flush=True)\n"
+                 "signal.pause()\n"});
+  other.directory = directory.path();
+  other.Start();
+  other.WaitForOutput();
+  worker.application.SetCancelled(1);
+  EXPECT_FALSE(worker.table.Append());
+  EXPECT_EQ(ErrorOf(worker.table), "Error locking 't.dbf' for write: Timed out waiting for lock");
+  worker.application.SetCancelled(0);
+  other.Signal(SIGKILL);
+  other.Finish();
   EXPECT_TRUE(worker.table.Append()) << ErrorOf(worker.table);
 }
 
