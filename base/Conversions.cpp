@@ -12,7 +12,9 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string_view>
 
+#include "base/CopyText.h"
 #include "base/ZephApplication.h"
 #include "base/ascii.h"
 #include "base/dtoa.h"
@@ -178,21 +180,27 @@ struct AttributeTable {
 };
 constexpr AttributeTable attribute_table;
 
-struct Replacement {
-  const char* text = nullptr;
-  int length = 0;
-};
-
-// The six bytes that become entities; the parentheses are among them, the apostrophe is not.
+// The six bytes that become entities; the parentheses are among them, the apostrophe is not. All
+// others stand for themselves.
 struct EntityTable {
-  Replacement entity[256] = {};
+  unsigned char length[256] = {};
+  char text[256][7] = {};
   constexpr EntityTable() {
-    entity[static_cast<int>('"')] = {"&quot;", 6};
-    entity[static_cast<int>('&')] = {"&amp;", 5};
-    entity[static_cast<int>('(')] = {"&#40;", 5};
-    entity[static_cast<int>(')')] = {"&#41;", 5};
-    entity[static_cast<int>('<')] = {"&lt;", 4};
-    entity[static_cast<int>('>')] = {"&gt;", 4};
+    for (int byte = 0; byte < 256; byte++) {
+      length[byte] = 1;
+      text[byte][0] = static_cast<char>(byte);
+    }
+    Set('"', "&quot;");
+    Set('&', "&amp;");
+    Set('(', "&#40;");
+    Set(')', "&#41;");
+    Set('<', "&lt;");
+    Set('>', "&gt;");
+  }
+  constexpr void Set(char byte, std::string_view entity) {
+    const auto i = static_cast<unsigned char>(byte);
+    length[i] = static_cast<unsigned char>(entity.size());
+    for (size_t k = 0; k < entity.size(); k++) text[i][k] = entity[k];
   }
 };
 constexpr EntityTable entity_table;
@@ -420,21 +428,21 @@ char* ZephApplication::DecodeAttribute(const char* text, int textlength, int* le
 
 char* ZephApplication::EncodeEntities(const char* text, int textlength, int* length, int* size) {
   textlength = LengthOf(text, textlength);
-  int64_t needed = textlength;
+  int64_t needed = 0;
   for (int i = 0; i < textlength; i++) {
-    const Replacement& entity = entity_table.entity[static_cast<unsigned char>(text[i])];
-    if (entity.text) needed += entity.length - 1;
+    needed += entity_table.length[static_cast<unsigned char>(text[i])];
   }
   char* buffer = NewText(needed + 1);
   char* out = buffer;
   for (int i = 0; i < textlength; i++) {
-    const Replacement& entity = entity_table.entity[static_cast<unsigned char>(text[i])];
-    if (!entity.text) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const int taken = entity_table.length[byte];
+    if (taken == 1) {
       *out++ = text[i];
-      continue;
+    } else {
+      CopyText(out, entity_table.text[byte], static_cast<size_t>(taken));
+      out += taken;
     }
-    memcpy(out, entity.text, static_cast<size_t>(entity.length));
-    out += entity.length;
   }
   *out = 0;
   Report(needed, needed + 1, length, size);

@@ -25,7 +25,7 @@ ExternalCall::~ExternalCall() {
 // Whether nobody can see what happens to the result of the last call: it is held here alone, and is
 // no reference to a variable of somebody else.
 bool ExternalCall::ResultIsFree() {
-  return result_variable->refcount() < 2 && result_variable->RealIdentity() == result_variable;
+  return result_variable->IsPlain() && result_variable->plain_count() < 2;
 }
 
 void ExternalCall::SetResult(Variable* adopted) {

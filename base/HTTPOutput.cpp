@@ -98,9 +98,24 @@ int HTTPOutput::Header(const char* name, int namelength, int nameowned, const ch
   return 1;
 }
 
+void HTTPOutput::CountPut() {
+  const int put = CloseRoom();
+  if (put == 0) return;
+  tail->used += put;
+  total += put;
+  since_flush += put;
+}
+
+void HTTPOutput::HoldRoom() {
+  const long long before_flush = flush_threshold - since_flush - 1;
+  const long long size = std::min<long long>(tail->capacity - tail->used, before_flush);
+  if (size > 0) OpenRoom(tail->data + tail->used, static_cast<int>(size));
+}
+
 int HTTPOutput::Write(const char* text, int length) {
   if (length == -1) length = static_cast<int>(strlen(text));
   if (length <= 0) return 0;
+  CountPut();
   total += length;
   since_flush += length;
   if (tail && length <= tail->capacity - tail->used) {
@@ -114,6 +129,7 @@ int HTTPOutput::Write(const char* text, int length) {
     Flush(0);
     since_flush = 0;
   }
+  HoldRoom();
   return length;
 }
 
@@ -134,6 +150,7 @@ int HTTPOutput::Flush() {
 }
 
 int HTTPOutput::Flush(int withlength) {
+  CountPut();
   if (!headers_sent) {
     // The length is a header field like others, so it is added while the table is still open.
     if (withlength) Header_ContentLength();
@@ -186,6 +203,7 @@ void HTTPOutput::Pause() {
 }
 
 void HTTPOutput::Header_ContentLength() {
+  CountPut();
   static const char kName[] = "Content-Length";
   if (headers.Find(kName, sizeof kName - 1)) return;
   char* text = new char[24];

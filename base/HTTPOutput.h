@@ -85,7 +85,10 @@ class HTTPOutput : public Output {
 
   // From here on new blocks have this size; the flush threshold likewise. In bytes.
   void SetBlockSize(int bytes);
-  void SetFlushThreshold(int bytes) { flush_threshold = bytes; }
+  void SetFlushThreshold(int bytes) {
+    CountPut();
+    flush_threshold = bytes;
+  }
 
  protected:
   int block_size;
@@ -101,6 +104,10 @@ class HTTPOutput : public Output {
 
  private:
   void Append(const char* text, int length);
+  // Counts what was put behind the last write. Whatever looks at blocks or counts begins with it.
+  void CountPut();
+  // Holds open what is left of the last block, as far as the bytes do not have to go out.
+  void HoldRoom();
   // Writes one block, with pauses while the client takes only part of it. Answers the bytes taken;
   // *failed is set when the client takes no more.
   long long WriteBlock(const char* text, int length, bool* failed);

@@ -228,8 +228,14 @@ HotAction HotCode::Idiom(size_t i) const {
     return Shifted(next, HotAction::Add, HotAction::AddConstant);
   }
   if (IsConstant(action) && next == HotAction::Mod) return HotAction::ModConstant;
+  if (action == HotAction::PushInteger && IsHandler(i + 1, Instruction::code_rounds) && IsOut(i + 2)) {
+    return HotAction::OutRounded;
+  }
   if (action == HotAction::PushText) {
     if (next == HotAction::Concatenate) return HotAction::ConcatenateText;
+    if (next == HotAction::PushVariable && Is(i + 2, HotAction::Concatenate)) {
+      return HotAction::ConcatenateTextVariable;
+    }
     return IsOut(i + 1) ? HotAction::OutText : action;
   }
   if (action != HotAction::PushVariable) return action;

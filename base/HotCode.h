@@ -30,7 +30,9 @@ class FunctionManager;
 //   ...VariableConstantCall       the same, with a call of a function that takes the outcome
 //   ...Constant, ...Variable      a constant or a variable, and an operation on the top and it
 //   Out...                        a constant text or a variable, written to the output
+//   OutRounded                    a constant, the top rounded to so many decimals and written
 //   Concatenate...                a constant text or a variable, put behind the text on top
+//   ConcatenateTextVariable       a constant text, a variable, and the two together
 //   ...Element                    an element of an array, and an operation on the top and it
 //   ...Pop                        an operation, and its outcome stored in a variable
 //   Update...Constant/Variable    an operation on the variable on top and something else, and its
@@ -55,6 +57,7 @@ class FunctionManager;
   ACTION(Element) ACTION(ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly)                      \
   ACTION(Call) ACTION(Return) ACTION(ReturnVariable)                                                 \
   ACTION(ConcatenateText) ACTION(ConcatenateVariable) ACTION(OutText) ACTION(OutVariable)            \
+  ACTION(OutRounded) ACTION(ConcatenateTextVariable)                                                 \
   ACTION(AddVariableConstant) ACTION(SubVariableConstant)                                            \
   ACTION(MulVariableConstant) ACTION(DivVariableConstant)                                            \
   ACTION(AddVariableConstantCall) ACTION(SubVariableConstantCall)                                    \
@@ -139,9 +142,10 @@ class HotCode {
   HotAction IdiomOfVariables(size_t i) const;
   HotAction Update(size_t i) const;
   bool Is(size_t i, HotAction action) const { return ops[i].single == action; }
-  bool IsOut(size_t i) const {
-    return Is(i, HotAction::Handler) && ops[i].code == Instruction::code_out;
+  bool IsHandler(size_t i, int code) const {
+    return Is(i, HotAction::Handler) && ops[i].code == code;
   }
+  bool IsOut(size_t i) const { return IsHandler(i, Instruction::code_out); }
 
   long code_serial;
   std::vector<HotOp> ops;    // the last ones, behind the code, leave

@@ -42,7 +42,7 @@ void Output::SetFlags(int flags) {
 
 int Output::Write_Compressed_Fast(const char* text, int length) {
   if (length == -1) length = static_cast<int>(strlen(text));
-  int skip = previous_was_space && length > 0 && IsSpace(text[0]) ? 1 : 0;
+  int skip = length > 0 && IsBehindSpace() && IsSpace(text[0]) ? 1 : 0;
   if (length > skip) Write(text + skip, length - skip);
   return length;
 }
@@ -51,7 +51,7 @@ int Output::Write_Compressed_Full(const char* text, int length) {
   if (length == -1) length = static_cast<int>(strlen(text));
   const char* p = text;
   const char* end = text + length;
-  if (previous_was_space) {
+  if (IsBehindSpace()) {
     while (p < end && IsSpace(*p)) p++;
   }
   // Each piece is a run of text with the one white-space byte that ends it.

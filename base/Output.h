@@ -5,10 +5,26 @@
 #ifndef ZEPH_BASE_OUTPUT_H
 #define ZEPH_BASE_OUTPUT_H
 
+#include <cstddef>
+
+#include "base/CopyText.h"
+
 // Sink of text. Belongs to one request and its thread. The order of the virtual operations is
 // known to extension libraries. Lengths are bytes; a length of -1 means strlen, everywhere.
 class Output {
  public:
+  // Write, for the many short texts of a page. True if the output holds room open for it and the
+  // text was put there in line: no other code has run then.
+  bool Put(const char* text, int length) {
+    if (static_cast<unsigned>(length - 1) >= static_cast<unsigned>(room_end - room)) {
+      Write(text, length);
+      return false;
+    }
+    CopyText(room, text, static_cast<size_t>(length));
+    room += length;
+    return true;
+  }
+
   enum Flags : int { CompressFast = 1, CompressFull = 2 };
   enum Type : int { Buffered = 0, HTTP = 1, Null = 2 };
 
@@ -48,9 +64,30 @@ class Output {
   // The white space of the "C" locale; bytes are unsigned.
   static bool IsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
+  // Holds room open for Put, until CloseRoom answers the bytes that have come there.
+  void OpenRoom(char* begin, int size) {
+    room_begin = room = begin;
+    room_end = begin + size;
+  }
+  int CloseRoom() {
+    const auto put = static_cast<int>(room - room_begin);
+    if (put > 0) NoteLastByte(room_begin, put);
+    room_begin = room = room_end = nullptr;
+    return put;
+  }
+  // Whether the last byte written was white space.
+  bool IsBehindSpace() const {
+    return room > room_begin ? IsSpace(room[-1]) : previous_was_space != 0;
+  }
+
   int output_flags = 0;
   // Starts set, so that white space at the very start of a response counts as a repetition.
   int previous_was_space = 1;
+
+ private:
+  char* room_begin = nullptr;  // of the bytes put since the room was opened
+  char* room = nullptr;
+  char* room_end = nullptr;
 };
 
 #endif

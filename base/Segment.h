@@ -21,7 +21,7 @@ class Segment {
  public:
   static constexpr int Padding = 16;  // two operands of 8 bytes
   static constexpr int Growth = 8192;
-  static constexpr int Repeats = 16;
+  static constexpr int Repeats = 8;
   static constexpr int LongestHot = 1 << 20;
 
   // An empty segment with room for Growth bytes.

@@ -94,17 +94,15 @@ void String::assign_nocopy(char* buffer, int text_length, int buffer_size) {
   int n =
       text_length == -1 ? static_cast<int>(strnlen(buffer, size)) : TextLength(buffer, text_length);
   if (data != buffer) delete[] data;
-  data = nullptr;
-  allocated = 0;
-  length = 0;
-  std::unique_ptr<char[]> owned(buffer);
   if (size <= n) {
+    data = nullptr;
+    allocated = length = 0;
+    const std::unique_ptr<char[]> owned(buffer);
     size = BufferSize(static_cast<int64_t>(n) + 1);
-    std::unique_ptr<char[]> larger(new char[size]);
-    memcpy(larger.get(), buffer, n);
-    owned = std::move(larger);
+    buffer = new char[size];
+    memcpy(buffer, owned.get(), n);
   }
-  data = owned.release();
+  data = buffer;
   allocated = size;
   Terminate(*this, n);
 }

@@ -82,6 +82,15 @@ class String {
     return std::exchange(data, nullptr);
   }
   void destroy() { delete[] release(); }
+  // assign("", 0)
+  void Empty() {
+    if (allocated > 0) {
+      length = 0;
+      data[0] = '\0';
+    } else {
+      assign("", 0);
+    }
+  }
 
   // Takes n bytes off the end; does nothing if there are fewer.
   void chop(int n) {

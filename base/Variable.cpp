@@ -459,7 +459,7 @@ void Variable::SetNULL() {
     if (reference) Final()->SetNULL();
     return;
   }
-  if (valid_forms & TextForm) string_value.assign("", 0);
+  if (valid_forms & TextForm) string_value.Empty();
   valid_forms = 0;
   primary = PrimaryNone;
   if (elements) DropElements();

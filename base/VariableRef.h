@@ -24,7 +24,7 @@ class VariableRef {
   // Takes a count of its own, so that the variable outlives what the caller is about to do.
   // Null gives an empty guard.
   [[nodiscard]] static VariableRef Share(Variable* variable) {
-    if (variable) variable->IncRefCount();
+    if (variable) variable->Hold();
     return VariableRef(variable);
   }
 
@@ -43,7 +43,7 @@ class VariableRef {
   void reset(Variable* adopted = nullptr) {
     Variable* old = variable_;
     variable_ = adopted;
-    if (old) old->DecRefCount();
+    if (old) old->Release();
   }
 
  private:

@@ -536,12 +536,19 @@ void ZephVM::out() {
     ZephVM_Stack::Stack_Entry taken;
     taken.CopyFrom(*top);
     stack->SetEnd(top);
-    application->output()->Write(taken.value.text, taken.length);
+    application->output()->Put(taken.value.text, taken.length);
     ZephVM_Stack::Free(&taken);
     return;
   }
+  if (top && top->kind == ZephVM_Stack::KindVariable &&
+      (top->value.variable->plain_forms() & Variable::TextForm)) {
+    const String& text = top->value.variable->plain_text();
+    if (text.data) application->output()->Put(text.data, text.length);
+    stack->Pop();
+    return;
+  }
   PoppedString text(stack);
-  if (!stop_flag) application->output()->Write(text.data(), text.length());
+  if (!stop_flag) application->output()->Put(text.data(), text.length());
 }
 
 // out_comp  ( x -- )  Writes x to the output with less white space, as the output mode says.

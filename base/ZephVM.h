@@ -249,6 +249,10 @@ class ZephVM {
   // Runs decoded code from a record on, up to an instruction that is the loop's to do.
   void RunHot(const HotCode* hot, const HotOp* op);
   void HotLoop(const HotCode* hot, const HotOp* op);
+  // What rounds makes of a value, where that is found quickly: its length, without a NUL. 0 for
+  // other values, and nothing is written.
+  static constexpr int MostRounded = 24;
+  static int WriteRounded(double value, int decimals, char* text);
   int TimedOut();
   // A record with script path, source file and line, and the given parameters behind them.
   void WriteLog(unsigned type, std::initializer_list<LogParameter> parameters);

@@ -46,19 +46,20 @@ struct Rounded {
   }
 };
 
+const unsigned kPowers[] = {1,      10,      100,      1000,      10000,
+                            100000, 1000000, 10000000, 100000000, 1000000000};
+
 double PowerOfTen(int exponent) {
-  static const double kPowers[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9, 1e10,
+  static const double kLarger[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9, 1e10,
                                    1e11, 1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20};
-  return exponent <= 20 ? kPowers[exponent] : pow(10.0, exponent);
+  return exponent <= 20 ? kLarger[exponent] : pow(10.0, exponent);
 }
 
-// Rounds as below where that takes no digits of the value: its fraction behind the last decimal
-// that is kept is not so near to a half that the digits, which differ from the value by at most
-// half of its last bit, might say otherwise. False for all others, and for what is less than 1 or
-// too large.
-bool RoundByFraction(double value, int decimals, Rounded* rounded) {
-  static const unsigned kPowers[] = {1,      10,      100,      1000,      10000,
-                                     100000, 1000000, 10000000, 100000000, 1000000000};
+// Rounds as Round does, to a whole number of units of the last decimal, where that takes no digits
+// of the value: its fraction behind the last decimal that is kept is not so near to a half that the
+// digits, which differ from the value by at most half of its last bit, might say otherwise. False
+// for all others, and for what is less than 1 or too large.
+bool RoundByFraction(double value, int decimals, unsigned long* whole) {
   const double magnitude = fabs(value);
   if (!(magnitude >= 1.0 && magnitude < 4503599627370496.0)) return false;  // 2 to the 52nd
   if (decimals < 1 || decimals > 9) return false;
@@ -71,11 +72,7 @@ bool RoundByFraction(double value, int decimals, Rounded* rounded) {
   const uint64_t half = uint64_t{1} << (shift - 1);
   const uint64_t distance = fraction > half ? fraction - half : half - fraction;
   if (distance <= power || scaled >> shift >= 999999999999999) return false;
-  const auto whole = static_cast<unsigned long>(scaled >> shift) + (fraction > half);
-  const double quotient = static_cast<double>(whole) / static_cast<double>(power);
-  rounded->sign = value < 0;
-  rounded->value = rounded->sign ? -quotient : quotient;
-  rounded->SetDigits(whole, decimals);
+  *whole = static_cast<unsigned long>(scaled >> shift) + (fraction > half);
   return true;
 }
 
@@ -85,7 +82,14 @@ bool RoundByFraction(double value, int decimals, Rounded* rounded) {
 // decimals is 0.01, and scripts know it so.
 Rounded Round(double value, int decimals) {
   Rounded rounded;
-  if (RoundByFraction(value, decimals, &rounded)) return rounded;
+  unsigned long whole = 0;
+  if (RoundByFraction(value, decimals, &whole)) {
+    const double quotient = static_cast<double>(whole) / kPowers[decimals];
+    rounded.sign = value < 0;
+    rounded.value = rounded.sign ? -quotient : quotient;
+    rounded.SetDigits(whole, decimals);
+    return rounded;
+  }
   rounded.value = value;
   char* digits = rounded.digits;
   const int length =
@@ -101,7 +105,6 @@ Rounded Round(double value, int decimals) {
     return rounded;
   }
   const int kept = point + decimals;
-  unsigned long whole = 0;
   for (int i = 0; i < kept; i++) whole = whole * 10 + static_cast<unsigned long>(digits[i] - '0');
   const int test = kept > 0 ? kept : 0;
   bool up = digits[test] > '5';
@@ -163,6 +166,18 @@ void ZephVM::rounds() {
                                : ZephApplication::dtos(rounded.value, &length, &size, decimals);
     stack->PushS(text, length, size, 1);
   }
+}
+
+// What is at least 1 has a digit in front of the point.
+int ZephVM::WriteRounded(double value, int decimals, char* text) {
+  unsigned long whole;
+  if (!RoundByFraction(value, decimals, &whole)) return 0;
+  char* end = text;
+  if (value < 0) *end++ = '-';
+  end = std::to_chars(end, text + MostRounded, whole).ptr;
+  for (int i = 0; i < decimals; i++) end[-i] = end[-i - 1];
+  end[-decimals] = '.';
+  return static_cast<int>(end + 1 - text);
 }
 
 // roundf  ( a b -- d )  a rounded half to even to b decimals; a negative b counts as 0. What is no

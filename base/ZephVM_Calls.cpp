@@ -266,7 +266,7 @@ void ZephVM::CallExternalFunction(Function* function) {
   const std::unique_ptr<ZephVM_FunctionFrame, decltype(keep)> called(FrameFor(function), keep);
   if (!TakeExternalArguments(function, row, called->variables)) return;
   external->Call(this, called->variables);
-  stack->PushV(external->result(), 1, 1);
+  stack->PushHeld(external->result());
   if (WantsLog(Log_ExternalFunctionReturnValue)) {
     WriteLog(Log_ExternalFunctionReturnValue,
              {OfString(function->name()), LogParameter::OfVariable(external->result())});

@@ -441,6 +441,19 @@ on_ConcatenateVariable:
   SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && top[-1].deferred && variable && variable->IsOrdinary())
   top[-1].AppendDeferred(variable);
   NEXT(2)
+on_ConcatenateTextVariable: {
+  variable = VARIABLE(op + 1);
+  SINGLE_UNLESS(HAS_ROOM(2) && variable && op->length <= ZephVM_Stack::ShortText)
+  const unsigned forms = variable->plain_forms();
+  if (forms == Variable::IntegerForm) {
+    PUSH(SetDeferred(op->text, op->length, variable->plain_integer()))
+  } else {
+    SINGLE_UNLESS((forms & Variable::TextForm) != 0 &&
+                  variable->plain_text().length <= ZephVM_Stack::ShortText)
+    PUSH(SetDeferred(op->text, op->length, variable))
+  }
+  NEXT(3)
+}
 on_Swap:
   LEAVE_UNLESS(HOLDS(2))
   s->Swap(top - 1, top - 2);
@@ -585,7 +598,7 @@ on_Handler:
 on_OutText:
   SINGLE_UNLESS(HAS_ROOM(1))
   TELL_STACK
-  application->output()->Write(op->text, op->length);
+  if (application->output()->Put(op->text, op->length)) NEXT(2)
   goto written;
 on_OutVariable : {
   variable = VARIABLE(op);
@@ -595,14 +608,27 @@ on_OutVariable : {
   if (forms & Variable::TextForm) {
     const String& text = variable->plain_text();
     SINGLE_UNLESS(text.data)
-    application->output()->Write(text.data, text.length);
+    if (application->output()->Put(text.data, text.length)) NEXT(2)
   } else {
     SINGLE_UNLESS(forms == Variable::IntegerForm)
-    char digits[12];
+    char digits[20];
     const char* const end =
         std::to_chars(digits, digits + sizeof digits, variable->plain_integer()).ptr;
-    application->output()->Write(digits, static_cast<int>(end - digits));
+    if (application->output()->Put(digits, static_cast<int>(end - digits))) NEXT(2)
   }
+  goto written;
+}
+on_OutRounded : {
+  char text[MostRounded];
+  double number;
+  SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && NumberIn<NumberOf>(top - 1, &number))
+  const int length = WriteRounded(number, op->first, text);
+  SINGLE_UNLESS(length > 0)
+  --top;
+  ZephVM_Stack::Free(top);
+  TELL_STACK
+  if (application->output()->Put(text, length)) NEXT(3)
+  op++;
 }
 // The output may find that the client is gone.
 written:

@@ -610,20 +610,17 @@ void ZephVM_Stack::ConcatenateTexts(Entry* left, Entry* right) {
 
 namespace {
 
-// Longer texts are chained sooner than copied.
-const int kShortText = 256;
-
 bool IsShort(const Entry* entry) {
   switch (entry->kind) {
     case ZephVM_Stack::KindString:
-      return entry->deferred ? entry->value.pending->length() <= kShortText
-                             : entry->length <= kShortText;
+      return entry->deferred ? entry->value.pending->length() <= ZephVM_Stack::ShortText
+                             : entry->length <= ZephVM_Stack::ShortText;
     case ZephVM_Stack::KindLinkBuffer:
-      return entry->deferred && entry->value.pending->length() <= kShortText;
+      return entry->deferred && entry->value.pending->length() <= ZephVM_Stack::ShortText;
     case ZephVM_Stack::KindVariable: {
       const Variable* variable = entry->value.variable;
       return !(variable->plain_forms() & Variable::TextForm) ||
-             variable->plain_text().length <= kShortText;
+             variable->plain_text().length <= ZephVM_Stack::ShortText;
     }
     default: return true;
   }

@@ -36,6 +36,8 @@ class ZephVM_Stack {
     KindLinkBuffer = 4,
   };
   static const int Capacity = 512;
+  // Longer texts are chained sooner than copied.
+  static const int ShortText = 256;
 
   struct Stack_Entry {
     int kind;
@@ -83,6 +85,15 @@ class ZephVM_Stack {
       kind = KindLinkBuffer;
       length = size = 8;
     }
+    // A constant text and a variable's value behind it, as cat leaves them.
+    template <typename Value>
+    void SetDeferred(const char* bytes, int count, Value added) {
+      auto* text = new DeferredText;
+      Set(KindLinkBuffer | OwnedMark | DeferredMark, reinterpret_cast<uintptr_t>(text),
+          Lengths(8, 8));
+      text->Append(bytes, count);
+      text->Append(added);
+    }
     // Puts more behind a deferred text. What comes of two cats is a LinkBuffer.
     template <typename Value>
     void AppendDeferred(Value added) {
@@ -101,7 +112,8 @@ class ZephVM_Stack {
     }
 
    private:
-    static constexpr uint64_t OwnedMark = uint64_t{1} << 32;  // deletable
+    static constexpr uint64_t OwnedMark = uint64_t{1} << 32;     // deletable
+    static constexpr uint64_t DeferredMark = uint64_t{1} << 48;  // deferred
     static constexpr uint64_t Lengths(int length, int size) {
       return static_cast<uint32_t>(length) | static_cast<uint64_t>(size) << 32;
     }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <vector>
 
@@ -107,6 +108,57 @@ TEST(HTTPOutput, CountsAnewAfterAnAutomaticFlush) {
   EXPECT_EQ(output.body.size(), 10u);
   output.Write("9", 1);
   EXPECT_EQ(output.body.size(), 20u);
+}
+
+// Puts go into room that the output holds open, and nobody can tell.
+TEST(HTTPOutput, PutDoesWhatWriteDoes) {
+  std::mt19937 random(7);
+  auto below = [&](unsigned bound) { return static_cast<int>(random() % bound); };
+  for (int round = 0; round < 300; round++) {
+    SCOPED_TRACE(round);
+    const int block = 1 + below(40), threshold = below(120);
+    TestOutput put(block, threshold), written(block, threshold);
+    for (int i = below(60); i > 0; i--) {
+      std::string text(static_cast<size_t>(below(below(4) ? 9 : 60)), ' ');
+      for (char& c : text) c = " ab"[below(3)];
+      const int length = static_cast<int>(text.size());
+      switch (below(12)) {
+        case 0:
+          EXPECT_EQ(put.Write_Compressed_Fast(text.data(), length), length);
+          written.Write_Compressed_Fast(text.data(), length);
+          break;
+        case 1:
+          EXPECT_EQ(put.Write_Compressed_Full(text.data(), length), length);
+          written.Write_Compressed_Full(text.data(), length);
+          break;
+        case 2: EXPECT_EQ(put.Flush(), written.Flush()); break;
+        case 3: EXPECT_EQ(put.Write(text.c_str(), -1), written.Write(text.c_str(), -1)); break;
+        case 4: {
+          const int bytes = below(120);
+          put.SetFlushThreshold(bytes);
+          written.SetFlushThreshold(bytes);
+          break;
+        }
+        default: put.Put(text.data(), length); written.Write(text.data(), length);
+      }
+      ASSERT_EQ(put.body, written.body);
+      ASSERT_EQ(put.writes, written.writes);
+    }
+    EXPECT_EQ(put.Flush(1), written.Flush(1));
+    EXPECT_EQ(put.body, written.body);
+    EXPECT_EQ(put.sent_headers, written.sent_headers);
+  }
+}
+
+TEST(HTTPOutput, PutTellsWhetherOtherCodeHasRun) {
+  TestOutput output(8, 100);
+  EXPECT_FALSE(output.Put("ab", 2));
+  EXPECT_TRUE(output.Put("cdefgh", 6));
+  EXPECT_FALSE(output.Put("i", 1));
+  EXPECT_FALSE(output.Put("", 0));
+  EXPECT_TRUE(output.Put("j", 1));
+  output.Flush();
+  EXPECT_EQ(output.body, "abcdefghij");
 }
 
 TEST(HTTPOutput, BlocksAreOfTheSizeThatHoldsWhenTheyAreMade) {

@@ -11,6 +11,7 @@
 
 #include "base/Config.h"
 #include "base/Feature.h"
+#include "base/HTTPOutput.h"
 #include "tests/support/Machine.h"
 
 namespace {
@@ -278,6 +279,7 @@ class RandomText {
     return Below(2) ? "pushi " + std::to_string(Below(9) - 3) + "\n"
                     : "pushf " + std::to_string(Below(40) / 8.0 - 2) + "\n";
   }
+  std::string Constant() { return "pushc \"" + OneOf({"", "x", "7"}) + "\"\n"; }
   std::string Operation() { return OneOf({"add\n", "sub\n", "mul\n", "div\n", "mod\n"}); }
 
   void Start(const std::string& name) {
@@ -295,7 +297,7 @@ class RandomText {
       case 1: return PushGlobal() + "pushi 1\nelem_readonly\n";
       case 2: return PushGlobal() + "pushc \"m\"\nmemb_readonly\n";
       case 3: return Operand() + "call " + OneOf({"twice", "sum", "echo"}) + "\n";
-      case 4: return "pushc \"" + OneOf({"", "x", "7"}) + "\"\n";
+      case 4: return Constant();
       case 5: return "pushg i\n";
       default: return Below(2) ? Number() : PushGlobal();
     }
@@ -315,7 +317,7 @@ class RandomText {
     }
   }
   void Statement() {
-    switch (Below(10)) {
+    switch (Below(13)) {
       case 0: text += Target() + "dup\n" + Operand() + Operation() + "swap\nstore\n"; break;
       case 1: text += Target() + "dup\n" + Number() + Operation() + "swap\nstore\n"; break;
       case 2: text += Expression() + "popg " + Global() + "\n"; break;
@@ -332,6 +334,14 @@ class RandomText {
       case 6: text += Operand() + Operand() + "in\npopg n\n"; break;
       case 7: text += Operand() + "isnull\npopg n\n" + Operand() + "out\n"; break;
       case 8: text += "pushi " + std::to_string(Below(6)) + "\ncall down\n" + "popg n\n"; break;
+      case 9:
+        text += Operand() + "pushi " + std::to_string(Below(12) - 1) + "\nrounds\nout\n";
+        break;
+      case 10: text += Constant() + PushGlobal() + "cat\n" + OneOf({"out\n", "popg d\n"}); break;
+      case 11:
+        text += Constant() + "pushg i\ncat\n" +
+                OneOf({"out\n", "popg b\n", "call echo\npopg c\n", "pushg a\ncat\nout\n"});
+        break;
       // A whole array or its text within an element of it would double with each round.
       default: text += Expression() + Number() + Operation() + Target() + "store\n"; break;
     }
@@ -354,8 +364,22 @@ class RandomText {
   int labels = 0;
 };
 
+// A page in small blocks, some of which go out early.
+class Page : public HTTPOutput {
+ public:
+  Page() : HTTPOutput(64, 150) {}
+  void OutputHeaders() override {}
+  int DoWrite(const char* text, int length) override {
+    body.append(text, static_cast<size_t>(length));
+    return length;
+  }
+  std::string body;
+};
+
 Outcome OutcomeOf(const std::string& program, bool cold) {
+  Page page;
   Machine machine;
+  if (!cold) machine.application.SetOutput(&page);
   machine.Assemble(program);
   if (cold) KeepCold(&machine);
   Outcome outcome;
@@ -364,7 +388,8 @@ Outcome OutcomeOf(const std::string& program, bool cold) {
   for (const char* name : {"a", "b", "c", "d", "i", "n"}) {
     outcome.values += machine.Value(name) + "|";
   }
-  outcome.values += machine.Output();
+  page.Flush();
+  outcome.values += page.body + machine.Output();
   outcome.error = machine.Error();
   outcome.entries = machine.stack().Entries();
   return outcome;
@@ -393,6 +418,22 @@ void ExpectTheSameHotAndCold(const std::string& program) {
   EXPECT_EQ(cold.Go(), 1);
   EXPECT_NE(hot.segments.Start()->hot(), nullptr);
   EXPECT_EQ(hot.Output(), cold.Output());
+}
+
+TEST(HotCode, RoundedValuesAreWrittenAsRoundsMakesThem) {
+  const char* const values[] = {"0",    "0.0006", "0.5",   "1",        "-1",        "1.005",
+                                "2.5",  "2.345",  "-9.99", "9.995",    "99.999",    "123456.789",
+                                "1e10", "1e14",   "1e15",  "-4.5e15",  "1e300",     "inf",
+                                "-inf", "nan",    "-0.0",  "1.999999", "7.0000001", "-1234.5678"};
+  for (const char* value : values) {
+    for (int decimals = -1; decimals <= 21; decimals++) {
+      SCOPED_TRACE(testing::Message() << value << " to " << decimals);
+      ExpectTheSameHotAndCold("storegi n, 0\nagain: incg n, 1\npushf " + std::string(value) +
+                              "\npushi " + std::to_string(decimals) +
+                              "\nrounds\nout\npushc \" \"\nout\ncmpgi n, " +
+                              std::to_string(kRounds) + "\njmp_lt again\n");
+    }
+  }
 }
 
 TEST(HotCode, AKeptFrameHasTheOutputModeOfItsFunction) {
