@@ -7,19 +7,20 @@
 #include <string_view>
 
 #include "tools/Dump.h"
+#include "tools/DumpIndex.h"
 #include "tools/DumpTable.h"
 
 namespace {
 
 constexpr char usage[] =
-    "usage: zpdbf [--header] [--csv | --json] FILE    show header, fields and records\n"
+    "usage: zpdbf [--header] [--csv | --json] FILE    show header, fields and records, or keys\n"
     "       zpdbf --check FILE                        look for damage\n"
     "       zpdbf --help\n"
     "\n"
-    "FILE is a table (.dbf), whose memo file (.dbt) is found beside it. --header leaves the "
-    "records\n"
-    "out. The exit status is 0, 1 for a file that cannot be read or is damaged, and 2 for a wrong\n"
-    "command line. docs/zpdbf.md tells more.\n";
+    "FILE is a table (.dbf), whose memo file (.dbt) is found beside it, or an index file. "
+    "--header\n"
+    "leaves records and keys out. The exit status is 0, 1 for a file that cannot be read or is\n"
+    "damaged, and 2 for a wrong command line. docs/zpdbf.md tells more.\n";
 
 // One kind of file. A file is of the first kind whose mark it begins with.
 struct FileKind {
@@ -30,6 +31,7 @@ struct FileKind {
 
 // Tables begin with a version byte that says little: whatever is nothing else is tried as one.
 constexpr FileKind kinds[] = {
+    {"ZIXI", ShowIndex, CheckIndex},
     {"", ShowTable, CheckTable},
 };
 
