@@ -205,6 +205,18 @@ bool UNIXFile::Release(long start, long length) {
 // Keeps the set of locked bytes as the kernel has it: the pool must know whether any is left, and
 // locks and releases need not come in pairs.
 void UNIXFile::NoteLocked(long start, long length, bool held) {
+  // One lock that is taken and released again is nearly all there is.
+  if (held && locked_ranges.empty() && length > 0 && start <= no_end - length) {
+    locked_ranges.push_back({start, start + length});
+    holds_lock = true;
+    return;
+  }
+  if (!held && locked_ranges.size() == 1 && locked_ranges[0].start == start && length > 0 &&
+      locked_ranges[0].end - start == length) {
+    locked_ranges.clear();
+    holds_lock = false;
+    return;
+  }
   LockedRange range = {start, no_end};
   if (length < 0) range = {start + length, start};
   if (length > 0 && start <= no_end - length) range.end = start + length;
