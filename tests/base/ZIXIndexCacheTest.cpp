@@ -74,7 +74,7 @@ class ZIXIndexCacheTest : public testing::Test {
     EXPECT_TRUE(index.Create(ZephPath_Data, "i.zix", KeyBytes("key"), ZIXIndex_Text));
     EXPECT_TRUE(other.Open(ZephPath_Data, "i.zix", 3));
   }
-  ~ZIXIndexCacheTest() override { system_calls.read = ::read; }
+  ~ZIXIndexCacheTest() override { system_calls.pread = ::pread; }
 
   static std::string Key(unsigned record) { return "key " + std::to_string(100000 + record); }
   void Fill(unsigned count) {
@@ -85,9 +85,9 @@ class ZIXIndexCacheTest : public testing::Test {
   }
   void CountReads() {
     reads = 0;
-    system_calls.read = [](int descriptor, void* buffer, size_t length) {
+    system_calls.pread = [](int descriptor, void* buffer, size_t length, off_t place) {
       reads++;
-      return ::read(descriptor, buffer, length);
+      return ::pread(descriptor, buffer, length, place);
     };
   }
   std::string Check() {

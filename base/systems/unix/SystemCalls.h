@@ -41,6 +41,8 @@ inline int CheckReadable(int directory, const char* path) {
 struct SystemCalls {
   ssize_t (*read)(int, void*, size_t) = ::read;
   ssize_t (*write)(int, const void*, size_t) = ::write;
+  ssize_t (*pread)(int, void*, size_t, off_t) = ::pread;
+  ssize_t (*pwrite)(int, const void*, size_t, off_t) = ::pwrite;
   off_t (*lseek)(int, off_t, int) = ::lseek;
   int (*openat)(int, const char*, int, mode_t) = OpenAt;
   int (*open_without_links)(int, const char*, int) = OpenWithoutLinks;

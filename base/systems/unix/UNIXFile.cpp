@@ -61,14 +61,22 @@ bool UNIXFile::SystemError() {
 bool UNIXFile::Status(struct stat* buffer) {
   if (!Ready()) return false;
   if (fstat(descriptor, buffer) != 0) return SystemError();
-  if (!moved && S_ISREG(buffer->st_mode)) place = position;
+  if (!moved && S_ISREG(buffer->st_mode) && (flags & O_APPEND) == 0) place = position;
   return true;
 }
 
-// After a read or a write of that many bytes.
-void UNIXFile::NoteMoved(long count) {
+// Whether the position is kept here. The first seek asks.
+bool UNIXFile::KnowsPlace() {
+  if (place < 0 && !moved && !status_known) LearnStatus();
+  return place >= 0;
+}
+
+// The answer of a read or a write that the system answered with that many bytes.
+int UNIXFile::Moved(long count) {
   moved = true;
-  if (place >= 0) place = count >= 0 && (flags & O_APPEND) == 0 ? place + count : -1;
+  if (count < 0) SystemError();
+  if (count > 0 && place >= 0) place += count;
+  return static_cast<int>(count);
 }
 
 bool UNIXFile::LearnStatus() {
@@ -96,36 +104,40 @@ bool UNIXFile::GroupID(int* id) {
 
 int UNIXFile::Read(char* buffer, int length) {
   if (!Ready()) return -1;
-  ssize_t count = -1;
-  if (length < 0)
+  const auto size = static_cast<size_t>(length);
+  if (length < 0) {
     errno = EINVAL;
-  else
-    count =
-        Retry([&] { return system_calls.read(descriptor, buffer, static_cast<size_t>(length)); });
-  if (count < 0) SystemError();
-  NoteMoved(count);
-  return static_cast<int>(count);
+    return Moved(-1);
+  }
+  return Moved(Retry([&] {
+    return place < 0 ? system_calls.read(descriptor, buffer, size)
+                     : system_calls.pread(descriptor, buffer, size, place);
+  }));
 }
 
 int UNIXFile::Write(const char* bytes, int length) {
   if (!Ready()) return -1;
-  ssize_t count = -1;
-  if (length < 0)
+  const auto size = static_cast<size_t>(length);
+  if (length < 0) {
     errno = EINVAL;
-  else
-    count =
-        Retry([&] { return system_calls.write(descriptor, bytes, static_cast<size_t>(length)); });
-  if (count < 0) SystemError();
-  NoteMoved(count);
-  return static_cast<int>(count);
+    return Moved(-1);
+  }
+  return Moved(Retry([&] {
+    return place < 0 ? system_calls.write(descriptor, bytes, size)
+                     : system_calls.pwrite(descriptor, bytes, size, place);
+  }));
 }
 
 int UNIXFile::Seek(long wanted) {
   if (!Ready()) return -1;
-  if (wanted == place && wanted >= 0 && wanted <= INT_MAX) return static_cast<int>(wanted);
+  if (wanted >= 0 && wanted <= INT_MAX && KnowsPlace()) {
+    moved = moved || wanted != place;
+    place = wanted;
+    return static_cast<int>(wanted);
+  }
   off_t reached = system_calls.lseek(descriptor, wanted, SEEK_SET);
   moved = true;
-  place = place >= 0 ? reached : -1;
+  if (place >= 0 && reached >= 0) place = reached;
   if (reached > INT_MAX) {
     errno = EOVERFLOW;
     reached = -1;
@@ -136,7 +148,7 @@ int UNIXFile::Seek(long wanted) {
 
 int UNIXFile::Tell() {
   if (!Ready()) return -1;
-  off_t reached = system_calls.lseek(descriptor, 0, SEEK_CUR);
+  off_t reached = place >= 0 ? place : system_calls.lseek(descriptor, 0, SEEK_CUR);
   if (reached > INT_MAX) {
     errno = EOVERFLOW;
     reached = -1;
@@ -292,7 +304,7 @@ void UNIXFile::Deactivate() {
   position = place >= 0 ? place : std::max<long>(system_calls.lseek(descriptor, 0, SEEK_CUR), 0);
   place = -1;
   // By its next activation the name may stand for another file.
-  status_known = false;
+  status_known = moved = false;
   close(descriptor);
   descriptor = -1;
   locked_ranges.clear();

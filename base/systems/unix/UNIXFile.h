@@ -64,7 +64,8 @@ class UNIXFile : public File {
   bool SystemError();
   bool Status(struct stat* buffer);
   bool LearnStatus();
-  void NoteMoved(long count);
+  bool KnowsPlace();
+  int Moved(long count);
   void NoteLocked(long start, long length, bool held);
 
   int descriptor;  // -1 while deactivated
@@ -72,8 +73,9 @@ class UNIXFile : public File {
   size_t map_length = 0;
   int flags;
   long position = 0;  // where a deactivated file goes on
-  // Where the system's position is, as long as that is known without asking: in a regular file that
-  // nothing but this object moves in. -1 when it is not.
+  // The position of a regular file, which is kept here and told with each read and write: the
+  // system's own is not used then, and a seek costs no call. -1 in other files, in one that
+  // appends, and until something is asked that tells what the file is.
   long place = -1;
   bool moved = false;  // read, written or sought in since it was opened
   // What whoever opens a file asks of it at once, kept until it is moved in: one question for all.

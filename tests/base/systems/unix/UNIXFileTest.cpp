@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -12,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
 
@@ -117,6 +120,83 @@ TEST_F(UNIXFileTest, PlacesFromTwoGigabytesOnAreFailures) {
   EXPECT_EQ(-1, file->Seek(1L << 32));
   EXPECT_EQ(-1, file->Seek(-1));
   EXPECT_EQ("Invalid argument", Text(file->error()));
+}
+
+TEST_F(UNIXFileTest, ASeekInARegularFileCostsNoCall) {
+  tree.File("f", "0123456789");
+  auto file = Open("f", FileMode_Read | FileMode_Write);
+  EXPECT_EQ(4, file->Seek(4));
+  RestoredSystemCalls restored;
+  static int seeks;
+  seeks = 0;
+  system_calls.lseek = [](int descriptor, off_t wanted, int from) {
+    seeks++;
+    return ::lseek(descriptor, wanted, from);
+  };
+  char byte;
+  EXPECT_EQ(8, file->Seek(8));
+  EXPECT_EQ(1, file->Read(&byte, 1));
+  EXPECT_EQ('8', byte);
+  EXPECT_EQ(9, file->Tell());
+  EXPECT_EQ(2, file->Seek(2));
+  EXPECT_EQ(1, file->Write("x", 1));
+  EXPECT_EQ(3, file->Tell());
+  EXPECT_EQ(0, seeks);
+  EXPECT_EQ("01x3456789", tree.Content("f"));
+}
+
+// Seeks, reads and writes at random, with the descriptor given up now and then, beside a text.
+TEST_F(UNIXFileTest, AnyOrderOfOperationsLeavesTheFileAsTold) {
+  std::mt19937 random(3);
+  auto below = [&](unsigned bound) { return static_cast<int>(random() % bound); };
+  auto file = Open("f", FileMode_Read | FileMode_Write | FileMode_Create);
+  std::string content;
+  size_t place = 0;
+  for (int i = 0; i < 3000; i++) {
+    SCOPED_TRACE(i);
+    char buffer[50] = {};
+    const int length = below(sizeof buffer);
+    switch (below(8)) {
+      case 0: files.DeactivateFile(file.get()); break;
+      case 1: EXPECT_EQ(static_cast<int>(place), file->Tell()); break;
+      case 2: EXPECT_EQ(static_cast<long>(content.size()), file->Length()); break;
+      case 3: EXPECT_EQ(-1, file->Seek(-1 - length)); break;
+      case 4: {
+        memset(buffer, 'a' + below(26), sizeof buffer);
+        EXPECT_EQ(length, file->Write(buffer, length));
+        const std::string written(buffer, static_cast<size_t>(length));
+        if (written.empty()) break;
+        content.resize(std::max(content.size(), place + written.size()), '\0');
+        content.replace(place, written.size(), written);
+        place += written.size();
+        break;
+      }
+      case 5: {
+        const size_t end = std::min(place + static_cast<size_t>(length), content.size());
+        const std::string there = place < end ? content.substr(place, end - place) : "";
+        EXPECT_EQ(static_cast<int>(there.size()), file->Read(buffer, length));
+        EXPECT_EQ(there, std::string(buffer, there.size()));
+        place += there.size();
+        break;
+      }
+      default:
+        place = static_cast<size_t>(below(300));
+        EXPECT_EQ(static_cast<int>(place), file->Seek(static_cast<long>(place)));
+    }
+    ASSERT_FALSE(HasFailure());
+  }
+  EXPECT_EQ(content, tree.Content("f"));
+}
+
+TEST_F(UNIXFileTest, APositionIsThePipesOwn) {
+  ASSERT_EQ(0, mkfifo(path("p").c_str(), 0600));
+  auto file = Open("p", FileMode_Read | FileMode_Write);
+  EXPECT_EQ(3, file->Write("abc", 3));
+  EXPECT_EQ(-1, file->Seek(1));
+  EXPECT_EQ("Illegal seek", Text(file->error()));
+  char buffer[3];
+  EXPECT_EQ(3, file->Read(buffer, 3));
+  EXPECT_EQ("abc", std::string(buffer, 3));
 }
 
 TEST_F(UNIXFileTest, ReadIsMadeAgainAfterASignal) {
