@@ -273,9 +273,11 @@ void XBaseTable::SetMemoPath(const String& path, String& memo_path) const {
 }
 
 bool XBaseTable::Open(Zeph_PathType type, const char* path, int length, int mode) {
+  // The path given may be this object's own.
+  String opened(path, length);
   Close();
   current_record = is_deleted = 0;
-  table_path.assign(path, length);
+  table_path = std::move(opened);
   SetMemoPath(table_path, memo_file_path);
   table_file = application->filemanager()->Open(type, table_path.data, mode);
   if (!table_file)

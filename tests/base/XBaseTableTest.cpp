@@ -408,6 +408,15 @@ TEST_F(XBaseTableTest, OpeningAgainStartsAnew) {
   EXPECT_FALSE(table.Update());
 }
 
+TEST_F(XBaseTableTest, OpeningAgainTakesItsOwnPath) {
+  Fill(2);
+  XBaseTable table(&application);
+  Open(table);
+  ASSERT_TRUE(table.Open(ZephPath_Data, table.path().data, table.path().length, kOpenTable));
+  EXPECT_STREQ(table.path().data, "t.dbf");
+  EXPECT_TRUE(table.Goto(2));
+}
+
 TEST_F(XBaseTableTest, ClosingKeepsTheFieldsAlone) {
   Fill(1);
   XBaseTable table(&application);
