@@ -264,6 +264,7 @@ class ZIXIndexFile {
                   const Way& way, Deletion* work);
   int RemoveFromLeaf(ZIXIndexPage& page, int i);
   int DeleteAtCursor(Deletion* work);
+  bool MakeNoticeable();
   int HandleUnderflow(ZIXIndexPage& parent, ZIXIndexPage& child);
   bool ReadSibling(ZIXIndexPage& sibling, const ZIXIndexPage& parent, const ZIXIndexPage& child);
   bool Redistribute(ZIXIndexPage& left, ZIXIndexPage& parent, ZIXIndexPage& right);

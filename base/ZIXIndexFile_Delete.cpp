@@ -3,9 +3,18 @@
 // write.
 // Tests: tests/base/ZIXIndexDeleteTest.cpp, ZIXIndexFaultTest.cpp
 
+#include <chrono>
+#include <thread>
 #include <vector>
 
 #include "base/ZIXIndexFile.h"
+
+namespace {
+
+// Milliseconds that the clock of a file system may stand still, and some more.
+constexpr int kMostClockTicks = 50;
+
+}  // namespace
 
 bool ZIXIndexFile::Delete(unsigned record, const unsigned char* key, int length) {
   HeaderLock held(file, FileLock_Exclusive);
@@ -33,8 +42,22 @@ bool ZIXIndexFile::Delete_Current(unsigned record) {
   const int result = DeleteAtCursor(&work);
   bool done = result == Delete_Done;
   if (done && startingpage() != root) done = WriteHeader();
+  done = done && MakeNoticeable();
   KeepCache(done);
   return done;
+}
+
+// The counter does not tell of this change, so to those who keep pages the file's state has to. As
+// long as the system's clock has not moved on since the last change, a few milliseconds before
+// Linux 6.13, the header is written as it is.
+bool ZIXIndexFile::MakeNoticeable() {
+  FileState now;
+  for (int i = 0; i < kMostClockTicks && cache_use == Cache_Good; i++) {
+    if (!file->State(&now) || now != cached_state) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    if (!WriteHeader()) return false;
+  }
+  return true;
 }
 
 int ZIXIndexFile::DeleteAtCursor(Deletion* work) {

@@ -19,6 +19,7 @@
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TestApplication.h"
 #include "tests/support/ZIXIndexOperations.h"
+#include "tools/MemoryFile.h"
 
 namespace {
 
@@ -137,6 +138,56 @@ TEST_F(ZIXIndexCacheTest, ADeletionThatIsNotCountedIsSeenToo) {
     ASSERT_TRUE(index.Delete_Current(record));
     EXPECT_EQ(0, Find(other, Key(record)).found);
     EXPECT_EQ("", Check());
+  }
+}
+
+// Files whose clock stands still for a while, as those of older kernels do.
+class SlowClockManager : public MemoryFileManager {
+ public:
+  using MemoryFileManager::MemoryFileManager;
+  using MemoryFileManager::Open;
+  File* Open(const char* path, int mode) override;
+  int writes = 0;
+};
+
+class SlowClockFile final : public MemoryFile {
+ public:
+  SlowClockFile(SlowClockManager* manager, const char* path, std::string* content)
+      : MemoryFile(manager, path, content), files(manager) {}
+  int Write(const char* text, int length) override {
+    files->writes++;
+    return MemoryFile::Write(text, length);
+  }
+  bool State(FileState* state) override {
+    *state = {1, 1, Length(), 0, files->writes / 12};
+    return true;
+  }
+
+ private:
+  SlowClockManager* files;
+};
+
+File* SlowClockManager::Open(const char* path, int mode) {
+  std::string* content = Content(path, mode);
+  return content ? new SlowClockFile(this, path, content) : nullptr;
+}
+
+TEST(ZIXIndexSlowClock, ADeletedEntryOfTheCursorIsGoneForOthersAtOnce) {
+  TestApplication application;
+  SlowClockManager files(&application);
+  application.SetFileManager(&files);
+  ZIXIndexFile index(&application), other(&application);
+  ASSERT_TRUE(index.Create(ZephPath_Data, "i.zix", KeyBytes("key"), ZIXIndex_Text));
+  for (unsigned record = 1; record <= 50; record++)
+    ASSERT_TRUE(Insert(index, "key " + std::to_string(100 + record), record));
+  ASSERT_TRUE(other.Open(ZephPath_Data, "i.zix", 3));
+  for (unsigned record = 1; record <= 50; record++) {
+    SCOPED_TRACE(record);
+    const std::string key = "key " + std::to_string(100 + record);
+    EXPECT_EQ((ZIXIndexFound{true, 1, record}), Find(other, key));
+    EXPECT_EQ((ZIXIndexFound{true, 1, record}), Find(index, key));
+    ASSERT_TRUE(index.Delete_Current(record));
+    EXPECT_EQ(0, Find(other, key).found);
   }
 }
 
