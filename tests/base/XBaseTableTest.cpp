@@ -231,8 +231,8 @@ TEST_F(XBaseTableTest, AFailedWriteLeavesTheFilesToTheCaller) {
       XBaseTable table(&application);
       files.fail_write = call;
       EXPECT_FALSE(table.Create(file.get(), "t.dbf", memo.get(), "t.dbt", *columns));
-      EXPECT_EQ(ErrorOf(table), std::string("Error writing to '") +
-                                    (call <= 3 ? "t.dbf" : "t.dbt") + "': Injected failure");
+      EXPECT_EQ(ErrorOf(table), call <= 3 ? "Error writing to 't.dbf': Injected failure"
+                                          : "Error writing to 't.dbt': Injected failure");
       EXPECT_FALSE(table.Goto(1));
     }
     EXPECT_EQ(files.open_now, 2);
@@ -248,7 +248,7 @@ TEST_F(XBaseTableTest, AFullDiskIsAWriteError) {
     XBaseTable table(&application);
     EXPECT_FALSE(table.Create(ZephPath_Data, "t.dbf", "", 0, *columns));
     EXPECT_EQ(ErrorOf(table),
-              std::string("Error writing to '") + (room < 194 ? "t.dbf" : "t.dbt") + "': ");
+              room < 194 ? "Error writing to 't.dbf': " : "Error writing to 't.dbt': ");
     EXPECT_EQ(files.open_now, 0);
   }
 }

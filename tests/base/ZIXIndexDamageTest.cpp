@@ -75,9 +75,9 @@ TEST_F(ZIXIndexDamageTest, AHeaderShorterThanItsFieldsIsNotOpened) {
 TEST_F(ZIXIndexDamageTest, EachHeaderByteMayBeWrong) {
   const std::string whole = SmallTree(24);
   for (size_t at = 0; at < 427; at++) {
-    // Of the expression's bytes, which say nothing here, some will do.
-    if (at > 40 && at % 50 != 0) continue;
     for (int change : {1, 2, 4, 8, 16, 32, 64, 128, 255}) {
+      // To the tree the expression's bytes say nothing.
+      if (at >= ZIXHeader_KeyExpression && change != 255) continue;
       SCOPED_TRACE("byte " + std::to_string(at) + " xor " + std::to_string(change));
       std::string content = whole;
       content[at] = static_cast<char>(content[at] ^ change);
