@@ -108,8 +108,8 @@ void zpProgram_ResetGlobalTimeout(ZPPROGRAM program);
 void zpProgram_Sleep(ZPPROGRAM program, int milliseconds);
 /* Pauses a background task until that time, in seconds since 1970, or until the file changes; the
    path may be null, and the location is one of api/zpFile.h. A change wakes the task with the next
-   heartbeat. The pause has a limit of its own, and takes one second of the task's time. Anything but
-   a background task goes on at once. */
+   heartbeat. The pause has a limit of its own, and takes one second of the task's time. Anything
+   but a background task goes on at once. */
 void zpProgram_Asynchronous_Sleep(ZPPROGRAM program, long wakeat, int location, const char* path,
                                   int length);
 /* Shows the message and ends the script, once the function returns. Answers 0. */

@@ -228,7 +228,8 @@ HotAction HotCode::Idiom(size_t i) const {
     return Shifted(next, HotAction::Add, HotAction::AddConstant);
   }
   if (IsConstant(action) && next == HotAction::Mod) return HotAction::ModConstant;
-  if (action == HotAction::PushInteger && IsHandler(i + 1, Instruction::code_rounds) && IsOut(i + 2)) {
+  if (action == HotAction::PushInteger && IsHandler(i + 1, Instruction::code_rounds) &&
+      IsOut(i + 2)) {
     return HotAction::OutRounded;
   }
   if (action == HotAction::PushText) {

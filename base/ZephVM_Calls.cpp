@@ -141,9 +141,11 @@ void ZephVM::TakeArguments(Function* function, VariableHash* locals) {
   const std::vector<FunctionParameter*>& parameters = function->slots();
   for (size_t i = parameters.size(); i-- > 0;) {
     FunctionParameter* p = parameters[i];
+    // The record wants it after a table that has no such place has refused it.
+    VariableRef held;
     Variable* argument;
     if (p->byreference()) {
-      const VariableRef held = PopHeld(&argument);
+      held = PopHeld(&argument);
       if (!argument) return;
       locals->SetVariable_Reference(p->index(), argument);
     } else {

@@ -441,7 +441,7 @@ on_ConcatenateVariable:
   SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && top[-1].deferred && variable && variable->IsOrdinary())
   top[-1].AppendDeferred(variable);
   NEXT(2)
-on_ConcatenateTextVariable: {
+on_ConcatenateTextVariable : {
   variable = VARIABLE(op + 1);
   SINGLE_UNLESS(HAS_ROOM(2) && variable && op->length <= ZephVM_Stack::ShortText)
   const unsigned forms = variable->plain_forms();

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "base/Aggregate.h"
+#include "base/Config.h"
 #include "tests/support/Machine.h"
 
 namespace {
@@ -241,17 +242,24 @@ TEST(HostileScript, DeepCallsThatFailAtTheirEnd) {
   }
 }
 
+// The last argument is a variable that only the stack holds.
 TEST(HostileScript, ParametersOutsideOfTheTable) {
-  for (int by_reference : {0, 1}) {
-    for (int index : {1, 99, -1, 1 << 30}) {
-      SCOPED_TRACE(testing::Message() << by_reference << " " << index);
-      Machine machine;
-      machine.Assemble("pushg v\npushg v\ncall f\npop\n.segment 1\n.function f(a)\npushl a\nret");
-      machine.functions.Lookup(0)->parameters().Insert(
-          new FunctionParameter(0, "b", 1, by_reference, index), ListTail);
-      EXPECT_EQ(machine.Go(), by_reference);
-      if (!by_reference) {
-        EXPECT_EQ(machine.Failure(), "Invalid parameter reference");
+  for (int log : {0, static_cast<int>(Log_FunctionParameter)}) {
+    for (int by_reference : {0, 1}) {
+      for (int index : {1, 99, -1, 1 << 30}) {
+        SCOPED_TRACE(testing::Message() << log << " " << by_reference << " " << index);
+        Machine machine;
+        machine.application.config()->SetValue_Integer(Config_log_level, log);
+        machine.Assemble(
+            "pushg v\ncall g\ncall f\npop\n.segment 1\n.function f(a)\npushl a\nret\n"
+            ".function g()\n.local x\npushi 5\npopl x\npushl x\nret");
+        machine.functions.Lookup(0)->parameters().Insert(
+            new FunctionParameter(0, "b", 1, by_reference, index), ListTail);
+        EXPECT_EQ(machine.Go(), by_reference);
+        if (!by_reference) {
+          EXPECT_EQ(machine.Failure(), "Invalid parameter reference");
+        }
+        EXPECT_EQ(machine.application.log.size(), log && by_reference ? 2u : 0u);
       }
     }
   }
