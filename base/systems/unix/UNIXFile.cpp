@@ -109,10 +109,9 @@ int UNIXFile::Read(char* buffer, int length) {
     errno = EINVAL;
     return Moved(-1);
   }
-  return Moved(Retry([&] {
-    return place < 0 ? system_calls.read(descriptor, buffer, size)
-                     : system_calls.pread(descriptor, buffer, size, place);
-  }));
+  if (place < 0) return Moved(Retry([&] { return system_calls.read(descriptor, buffer, size); }));
+  if (window.Read(descriptor, place, buffer, size)) return Moved(length);
+  return Moved(Retry([&] { return system_calls.pread(descriptor, buffer, size, place); }));
 }
 
 int UNIXFile::Write(const char* bytes, int length) {
@@ -303,6 +302,7 @@ void UNIXFile::Deactivate() {
   // A pipe has no position; it goes on as it is.
   position = place >= 0 ? place : std::max<long>(system_calls.lseek(descriptor, 0, SEEK_CUR), 0);
   place = -1;
+  window.Close();
   // By its next activation the name may stand for another file.
   status_known = moved = false;
   close(descriptor);

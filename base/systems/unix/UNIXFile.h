@@ -11,6 +11,7 @@
 
 #include "base/File.h"
 #include "base/FileDescriptor.h"
+#include "base/systems/unix/FileWindow.h"
 #include "base/systems/unix/UNIXFilePath.h"
 
 class UNIXFileManager;
@@ -77,6 +78,7 @@ class UNIXFile : public File {
   // system's own is not used then, and a seek costs no call. -1 in other files, in one that
   // appends, and until something is asked that tells what the file is.
   long place = -1;
+  FileWindow window;   // used with a place of one's own only
   bool moved = false;  // read, written or sought in since it was opened
   // What whoever opens a file asks of it at once, kept until it is moved in: one question for all.
   bool status_known = false;

@@ -1,0 +1,88 @@
+// Tests: tests/base/systems/unix/FileWindowTest.cpp
+
+#include "base/systems/unix/FileWindow.h"
+
+#include <linux/magic.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+
+#include <algorithm>
+#include <climits>
+
+#include "base/systems/unix/GuardedCopy.h"
+
+namespace {
+
+// A mapping with its faults costs about as much as this many reads. Larger pieces cost more to copy
+// than to ask for.
+constexpr int misses_before_mapping = 32;
+constexpr size_t longest_piece = 4096;
+
+// How far behind a piece of zeros a byte that is not zero is looked for.
+constexpr size_t witness_distance = 1024;
+
+// Local file systems whose reads come from the pages that a mapping shows, and take no lock that a
+// write holds: of a write that goes on at that moment, either may see a part.
+bool SharesPages(int descriptor) {
+  struct statfs status;
+  if (fstatfs(descriptor, &status) != 0) return false;
+  const auto type = static_cast<unsigned long>(status.f_type);
+  return type == EXT4_SUPER_MAGIC || type == BTRFS_SUPER_MAGIC || type == TMPFS_MAGIC;
+}
+
+}  // namespace
+
+bool FileWindow::Read(int descriptor, long position, char* bytes, size_t length) {
+  if (length == 0 || length > longest_piece) return false;
+  if (Copy(position, bytes, length)) return true;
+  CountMiss(descriptor);
+  return false;
+}
+
+bool FileWindow::Copy(long position, char* bytes, size_t length) {
+  const long behind = position + static_cast<long>(length);
+  if (behind > end || !GuardedCopy(bytes, start + position, length)) return false;
+  return bytes[length - 1] != 0 || ShowsByteFrom(behind);
+}
+
+// Behind the copy: a file that was cut off before it shows zeros by now.
+bool FileWindow::ShowsByteFrom(long position) {
+  char bytes[witness_distance];
+  const auto distance = static_cast<size_t>(witness - position);
+  if (witness >= position && distance < witness_distance &&
+      GuardedCopy(bytes, start + witness, 1) && bytes[0] != 0)
+    return true;
+  const size_t length = std::min(static_cast<size_t>(end - position), witness_distance);
+  if (!GuardedCopy(bytes, start + position, length)) return false;
+  const char* found = std::find_if(bytes, bytes + length, [](char byte) { return byte != 0; });
+  if (found == bytes + length) return false;
+  witness = position + (found - bytes);
+  return true;
+}
+
+void FileWindow::CountMiss(int descriptor) {
+  if (++misses < misses_before_mapping) return;
+  Close();
+  Open(descriptor);
+}
+
+void FileWindow::Open(int descriptor) {
+  struct stat status;
+  if (!SharesPages(descriptor) || !CanGuardCopies() || fstat(descriptor, &status) != 0 ||
+      status.st_size < 1)
+    return;
+  const long length = std::min<long>(status.st_size, INT_MAX);
+  void* address = mmap(nullptr, static_cast<size_t>(length), PROT_READ, MAP_SHARED, descriptor, 0);
+  if (address == MAP_FAILED) return;
+  start = static_cast<const char*>(address);
+  end = length;
+}
+
+void FileWindow::Close() {
+  if (start) munmap(const_cast<char*>(start), static_cast<size_t>(end));
+  start = nullptr;
+  end = 0;
+  misses = 0;
+  witness = -1;
+}
