@@ -19,6 +19,11 @@ constinit thread_local DeferredText* watching = nullptr;
 }  // namespace
 
 DeferredText* DeferredText::Begin(Variable* variable) {
+  if (variable->plain_forms() & Variable::TextForm) {
+    const String& text = variable->plain_text();
+    const bool watchable = text.length >= ShortestPrefix && text.data[text.length] == '\0';
+    return watchable ? new DeferredText(variable, text.length) : nullptr;
+  }
   Variable* identity = variable->RealIdentity();
   const int length = identity->WatchableText();
   return length < ShortestPrefix ? nullptr : new DeferredText(identity, length);
@@ -92,8 +97,16 @@ void DeferredText::CopyPrefix() {
 }
 
 void DeferredText::Append(int value) {
-  char text[12];
-  Append(text, static_cast<int>(std::to_chars(text, text + sizeof text, value).ptr - text));
+  constexpr int longest = 11;
+  if (room - used >= longest) {
+    char* const end = bytes + used;
+    used += static_cast<int>(std::to_chars(end, end + longest, value).ptr - end);
+  } else {
+    char text[longest];
+    const auto count = static_cast<int>(std::to_chars(text, text + longest, value).ptr - text);
+    memcpy(Room(count), text, static_cast<size_t>(count));
+    used += count;
+  }
 }
 
 void DeferredText::Append(double value) {
@@ -128,7 +141,7 @@ char* DeferredText::Release(int* all) {
 }
 
 void DeferredText::Assign(Variable* target, bool adopt) {
-  if (prefix && target->RealIdentity() == prefix) {
+  if (prefix && (target == prefix || target->RealIdentity() == prefix)) {
     const std::unique_ptr<DeferredText> self(this);
     Variable* variable = prefix;
     StopWatching();

@@ -7,8 +7,7 @@
 #ifndef ZEPH_BASE_DEFERREDTEXT_H
 #define ZEPH_BASE_DEFERREDTEXT_H
 
-#include <cstring>
-
+#include "base/CopyText.h"
 #include "base/FreeList.h"
 
 class Output;
@@ -41,7 +40,7 @@ class DeferredText {
   // with std::bad_alloc, and leaves the object as it was.
   void Append(const char* text, int count) {
     if (count <= 0) return;
-    memcpy(count <= room - used ? bytes + used : Room(count), text, static_cast<size_t>(count));
+    CopyText(count <= room - used ? bytes + used : Room(count), text, static_cast<size_t>(count));
     used += count;
   }
   void Append(int value);

@@ -249,6 +249,7 @@ HotAction HotCode::Idiom(size_t i) const {
   if (next == HotAction::PushText) {
     if (Is(i + 2, HotAction::Member)) return HotAction::MemberOfVariable;
     if (Is(i + 2, HotAction::MemberReadOnly)) return HotAction::MemberReadOnlyOfVariable;
+    if (Is(i + 2, HotAction::Concatenate)) return HotAction::ConcatenateVariableText;
   }
   return action;
 }

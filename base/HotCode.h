@@ -33,6 +33,7 @@ class FunctionManager;
 //   OutRounded                    a constant, the top rounded to so many decimals and written
 //   Concatenate...                a constant text or a variable, put behind the text on top
 //   ConcatenateTextVariable       a constant text, a variable, and the two together
+//   ConcatenateVariableText       the same in the other order, where the variable has a long text
 //   ...Element                    an element of an array, and an operation on the top and it
 //   ...Pop                        an operation, and its outcome stored in a variable
 //   Update...Constant/Variable    an operation on the variable on top and something else, and its
@@ -57,7 +58,7 @@ class FunctionManager;
   ACTION(Element) ACTION(ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly)                      \
   ACTION(Call) ACTION(Return) ACTION(ReturnVariable)                                                 \
   ACTION(ConcatenateText) ACTION(ConcatenateVariable) ACTION(OutText) ACTION(OutVariable)            \
-  ACTION(OutRounded) ACTION(ConcatenateTextVariable)                                                 \
+  ACTION(OutRounded) ACTION(ConcatenateTextVariable) ACTION(ConcatenateVariableText)                 \
   ACTION(AddVariableConstant) ACTION(SubVariableConstant)                                            \
   ACTION(MulVariableConstant) ACTION(DivVariableConstant)                                            \
   ACTION(AddVariableConstantCall) ACTION(SubVariableConstantCall)                                    \

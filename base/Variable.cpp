@@ -15,6 +15,7 @@
 
 #include "base/Aggregate.h"
 #include "base/BufferRoom.h"
+#include "base/CopyText.h"
 #include "base/DeferredText.h"
 #include "base/VariableRef.h"
 #include "base/VariableWalk.h"
@@ -649,8 +650,9 @@ int StringSize(int length) {
 }
 }  // namespace
 
-// The buffer grows by halves, so that a text of any length is built in linear time. What it says of
-// itself is what it would be told after a store of the whole text.
+// The buffer doubles, so that a text of any length is built in linear time; the pages that are not
+// used yet take no memory. What it says of itself is what it would be told after a store of the
+// whole text.
 void Variable::AppendText(const char* bytes, int count, bool adopted) {
   Changing();
   const int old = string_value.length;
@@ -662,17 +664,14 @@ void Variable::AppendText(const char* bytes, int count, bool adopted) {
     told = StringSize(total);
   }
   if (BufferRoom(string_value.data) < static_cast<size_t>(told)) {
-    const size_t larger = static_cast<size_t>(told) + static_cast<size_t>(told) / 2;
-    auto* buffer = new char[larger];
-    memcpy(buffer, string_value.data, static_cast<size_t>(old));
-    delete[] string_value.data;
-    string_value.data = buffer;
+    string_value.data =
+        GrowBuffer(string_value.data, static_cast<size_t>(old), static_cast<size_t>(told) * 2);
   }
-  memcpy(string_value.data + old, bytes, static_cast<size_t>(count));
+  CopyText(string_value.data + old, bytes, static_cast<size_t>(count));
   string_value.data[total] = '\0';
   string_value.length = total;
   string_value.allocated = told;
-  valid_forms = TextForm;
+  SetForms(TextForm);
   primary = PrimaryText;
 }
 

@@ -396,6 +396,12 @@ on_PopVariable:
     NEXT(1)
   }
   LEAVE_UNLESS(variable->IsOrdinary() && IsOrdinary(top - 1))
+  if (top[-1].deferred) {
+    --top;
+    TELL_STACK
+    top->value.pending->Assign(variable, top->kind == ZephVM_Stack::KindLinkBuffer);
+    NEXT(1)
+  }
   TELL_STACK
   s->PopV(variable);
   ASK_STACK
@@ -434,12 +440,18 @@ on_Concatenate:
   NEXT(1)
 on_ConcatenateText:
   SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && top[-1].deferred)
+  TELL_STACK
   top[-1].AppendDeferred(op->text, op->length);
   NEXT(2)
 on_ConcatenateVariable:
   variable = VARIABLE(op);
   SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && top[-1].deferred && variable && variable->IsOrdinary())
-  top[-1].AppendDeferred(variable);
+  TELL_STACK
+  if (variable->plain_forms() == Variable::IntegerForm) {
+    top[-1].AppendDeferred(variable->plain_integer());
+  } else {
+    top[-1].AppendDeferred(variable);
+  }
   NEXT(2)
 on_ConcatenateTextVariable : {
   variable = VARIABLE(op + 1);
@@ -452,6 +464,17 @@ on_ConcatenateTextVariable : {
                   variable->plain_text().length <= ZephVM_Stack::ShortText)
     PUSH(SetDeferred(op->text, op->length, variable))
   }
+  NEXT(3)
+}
+on_ConcatenateVariableText : {
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(HAS_ROOM(2) && variable && (variable->plain_forms() & Variable::TextForm) != 0)
+  DeferredText* const text = DeferredText::Begin(variable);
+  SINGLE_UNLESS(text)
+  top->SetDeferred(text);
+  ++top;
+  TELL_STACK
+  text->Append(op[1].text, op[1].length);
   NEXT(3)
 }
 on_Swap:

@@ -94,6 +94,11 @@ class ZephVM_Stack {
       text->Append(bytes, count);
       text->Append(added);
     }
+    // A deferred text that begins with a variable's, which cat takes for one that is owned.
+    void SetDeferred(DeferredText* text) {
+      Set(KindLinkBuffer | OwnedMark | DeferredMark, reinterpret_cast<uintptr_t>(text),
+          Lengths(8, 8));
+    }
     // Puts more behind a deferred text. What comes of two cats is a LinkBuffer.
     template <typename Value>
     void AppendDeferred(Value added) {

@@ -258,11 +258,12 @@ class RandomText {
   std::string Program() {
     text = "storegi n, 0\n";
     for (const char* name : {"a", "b", "c", "d"}) Start(name);
+    text += "pushc \"" + std::string(static_cast<size_t>(120 + Below(20)), 's') + "\"\npopg s\n";
     text += "storegi i, 0\nagain: incg i, 1\n";
     const int statements = 2 + Below(6);
     for (int k = 0; k < statements; k++) Statement();
     text += "cmpgi i, " + std::to_string(Segment::Repeats + 12) + "\njmp_lt again\n";
-    text += "pushg a\nout\npushg b\nout\npushg c\nout\npushg d\nout\nexit\n";
+    text += "pushg a\nout\npushg b\nout\npushg c\nout\npushg d\nout\npushg s\nout\nexit\n";
     Functions();
     return text;
   }
@@ -316,8 +317,17 @@ class RandomText {
       default: return PushGlobal();
     }
   }
+  // A text that is long enough to grow in place, and what may come in between.
+  std::string LongText() {
+    std::string result = "pushg s\n" + Constant() + "cat\n";
+    for (int k = Below(4); k > 0; k--) {
+      result += OneOf({"pushg i\n", "pushg n\n", "pushc \", \"\n", "pushf 0.5\n"}) + "cat\n";
+    }
+    if (Below(4) == 0) result += "pushg a\npopg s\n";
+    return result + OneOf({"popg s\n", "popg s\n", "popg d\n", "out\n", "call echo\npopg s\n"});
+  }
   void Statement() {
-    switch (Below(13)) {
+    switch (Below(15)) {
       case 0: text += Target() + "dup\n" + Operand() + Operation() + "swap\nstore\n"; break;
       case 1: text += Target() + "dup\n" + Number() + Operation() + "swap\nstore\n"; break;
       case 2: text += Expression() + "popg " + Global() + "\n"; break;
@@ -342,6 +352,8 @@ class RandomText {
         text += Constant() + "pushg i\ncat\n" +
                 OneOf({"out\n", "popg b\n", "call echo\npopg c\n", "pushg a\ncat\nout\n"});
         break;
+      case 12:
+      case 13: text += LongText(); break;
       // A whole array or its text within an element of it would double with each round.
       default: text += Expression() + Number() + Operation() + Target() + "store\n"; break;
     }
