@@ -297,6 +297,7 @@ TEST_F(ZprunSignal, ASecondOneEndsTheProcessAtOnce) {
   command.WaitUntilAsleep();
   command.Signal(SIGINT);
   command.Signal(SIGTERM);
+  command.WaitForEnd();
   EXPECT_EQ(command.Finish(), 128 + SIGTERM);
 }
 

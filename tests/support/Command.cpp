@@ -107,6 +107,11 @@ void Command::Signal(int number) {
   kill(process, number);
 }
 
+void Command::WaitForEnd() const {
+  siginfo_t end;
+  waitid(P_PID, static_cast<id_t>(process), &end, WEXITED | WNOWAIT);
+}
+
 int Command::Finish() {
   while (output_pipe >= 0 || error_pipe >= 0) {
     pollfd entries[] = {{output_pipe, POLLIN, 0}, {error_pipe, POLLIN, 0}};

@@ -33,6 +33,8 @@ class Command {
   void WaitForOutput();
   // Waits until it waits itself, in all its threads: for a reader, say.
   void WaitUntilAsleep() const;
+  // Waits for its end without reading what it writes: who waits for a reader gets none.
+  void WaitForEnd() const;
   // Closes the pipe from its standard output.
   void StopReading();
   void Signal(int number);
