@@ -229,7 +229,7 @@ int AggregateElementTree::SplayKey(const AggregateIndex& key) {
   });
 }
 
-AggregateElement* AggregateElementTree::SearchMember(const char* name, int length) {
+AggregateElement* AggregateElementTree::FindMember(const char* name, int length) {
   BecomeTree();
   const int order = SplayBy([name, length](AggregateElement* element) {
     return element->key.CompareWithName(name, length);

@@ -12,6 +12,7 @@
 #include "base/BaseTemplates.h"
 #include "base/DenseElements.h"
 #include "base/FreeList.h"
+#include "base/SameBytes.h"
 #include "base/StringClass.h"
 #include "base/Variable.h"
 #include "base/ascii.h"
@@ -65,7 +66,7 @@ class AggregateIndex {
   // Whether this is the name of a member in exactly that spelling.
   bool IsSpelled(const char* name, int length) const {
     return key.length == length && position == -1 &&
-           (length <= 0 || memcmp(key.data, name, static_cast<size_t>(length)) == 0);
+           (length <= 0 || SameBytes(key.data, name, static_cast<size_t>(length)));
   }
 
   // The name, or the decimal text of the position.
@@ -170,12 +171,13 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
     }
     return true;
   }
-  // The element of that name, which is only looked at; a search. Scripts mostly ask for the member
-  // that they asked for last, which is the root.
-  AggregateElement* FindMember(const char* name, int length) {
-    if (root && root->item->key.IsSpelled(name, length)) return root->item;
-    return SearchMember(name, length);
+  // The variable of the member that a search for the name finds at the root, where it changes
+  // nothing; else null. Scripts mostly ask for the member that they asked for last, which is there.
+  Variable* MemberAtRoot(const char* name, int length) {
+    return root && root->item->key.IsSpelled(name, length) ? root->item->variable : nullptr;
   }
+  // The element of that name, which is only looked at; a search.
+  AggregateElement* FindMember(const char* name, int length);
   // The next greater and the next lesser position. As Next and Previous a search for the position
   // itself.
   Place NextPlace(int position);
@@ -249,7 +251,6 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
     return !root && index.position >= 0 && dense.Takes(index.position);
   }
   void AppendDense(int position, Variable* variable);
-  AggregateElement* SearchMember(const char* name, int length);
   void BecomeTree();
   int SplayKey(const AggregateIndex& key);
   static Place PlaceOf(AggregateElement* element);
@@ -257,6 +258,15 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   DenseElements dense;                           // with elements in it, root is null
   AggregateElementTree* next_deleted = nullptr;  // the chain of trees that wait for their deletion
 };
+
+inline Variable* Variable::Member(const char* name, int length, int create) {
+  if (IsPlain() && aggregate == AggregateStructure) [[likely]] {
+    Variable* const found = elements->MemberAtRoot(name, length);
+    if (found) [[likely]]
+      return found;
+  }
+  return SearchMember(name, length, create);
+}
 
 inline bool Variable::ReadElement(int position, double* number) {
   return IsPlain() && aggregate == AggregateArray && elements->IsRow() &&

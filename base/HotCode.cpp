@@ -12,7 +12,7 @@ namespace {
 
 // The most instructions that one idiom has: as many records end the list, so that looking ahead
 // needs no test.
-const int kLongestIdiom = 5;
+const int kLongestIdiom = 8;
 
 HotAction SingleAction(Instruction::Code code) {
   using namespace Instruction;
@@ -68,6 +68,10 @@ HotAction SingleAction(Instruction::Code code) {
 
 bool IsJump(HotAction action) {
   return action >= HotAction::Jump && action <= HotAction::JumpGreaterEqual;
+}
+
+bool IsConditional(HotAction action) {
+  return IsJump(action) && action != HotAction::Jump;
 }
 
 // HotOp::orders of a jump.
@@ -215,10 +219,14 @@ bool HotCode::IsUsedAsNumber(size_t i, const FunctionManager* functions) const {
 HotAction HotCode::Idiom(size_t i) const {
   const HotAction action = ops[i].single;
   const HotAction next = ops[i + 1].single;
-  if (IsJump(next) && next != HotAction::Jump) {
+  if (IsConditional(next)) {
     if (action == HotAction::CompareConstant) return HotAction::CompareConstantJump;
     if (action == HotAction::CompareGlobals) return HotAction::CompareGlobalsJump;
     if (action == HotAction::ModGlobals) return HotAction::ModGlobalsJump;
+  }
+  if (action == HotAction::Increment && next == HotAction::CompareConstant &&
+      ops[i + 1].first == ops[i].first && IsConditional(ops[i + 2].single)) {
+    return HotAction::IncrementCompareJump;
   }
   if (IsArithmetic(action) && next == HotAction::PopVariable) {
     return Shifted(action, HotAction::Add, HotAction::AddPop);
@@ -247,7 +255,9 @@ HotAction HotCode::Idiom(size_t i) const {
   if (next == HotAction::Return && ops[i].local) return HotAction::ReturnVariable;
   if (next == HotAction::PushVariable) return IdiomOfVariables(i);
   if (next == HotAction::PushText) {
-    if (Is(i + 2, HotAction::Member)) return HotAction::MemberOfVariable;
+    if (Is(i + 2, HotAction::Member)) {
+      return IsUpdate(i + 3) ? HotAction::MemberOfVariableUpdate : HotAction::MemberOfVariable;
+    }
     if (Is(i + 2, HotAction::MemberReadOnly)) return HotAction::MemberReadOnlyOfVariable;
     if (Is(i + 2, HotAction::Concatenate)) return HotAction::ConcatenateVariableText;
   }
@@ -276,6 +286,7 @@ HotAction HotCode::IdiomOfVariableAndConstant(size_t i) const {
 HotAction HotCode::IdiomOfVariables(size_t i) const {
   const HotAction next = ops[i + 3].single;
   if (Is(i + 2, HotAction::Element)) {
+    if (IsUpdate(i + 3)) return HotAction::ElementOfVariableUpdate;
     return next == HotAction::Store ? HotAction::ElementOfVariableStore
                                     : HotAction::ElementOfVariable;
   }

@@ -39,12 +39,19 @@ class FunctionManager;
 //   Update...Constant/Variable    an operation on the variable on top and something else, and its
 //                                 outcome stored in the variable
 //   Compare...Jump, ModGlobalsJump  a comparison or a division of globals, and a jump on it
+//   IncrementCompareJump          the end of a counting loop: all three of one global
 //   Element...OfVariable          an array and a position, both variables, and the element
 //   ElementOfVariableStore        the same, with the value on the stack stored in the element
 //   Member...OfVariable           a structure in a variable, a constant name, and the member
+//   ...OfVariableUpdate           the same, with an update of the element or member
 //
 // Operations on doubles, and comparisons, stand in the same order wherever they do.
 // clang-format off
+#define ZEPH_HOT_UPDATES                                                                             \
+  ACTION(UpdateAddConstant) ACTION(UpdateSubConstant)                                                \
+  ACTION(UpdateMulConstant) ACTION(UpdateDivConstant)                                                \
+  ACTION(UpdateAddVariable) ACTION(UpdateSubVariable)                                                \
+  ACTION(UpdateMulVariable) ACTION(UpdateDivVariable)
 #define ZEPH_HOT_ACTIONS                                                                             \
   ACTION(Leave) ACTION(Handler)                                                                      \
   ACTION(PushInteger) ACTION(PushDouble) ACTION(PushText) ACTION(PushVariable) ACTION(PopVariable)   \
@@ -71,13 +78,12 @@ class FunctionManager;
   ACTION(AddVariable) ACTION(SubVariable) ACTION(MulVariable) ACTION(DivVariable)                    \
   ACTION(AddElement) ACTION(SubElement) ACTION(MulElement) ACTION(DivElement)                        \
   ACTION(AddPop) ACTION(SubPop) ACTION(MulPop) ACTION(DivPop)                                        \
-  ACTION(UpdateAddConstant) ACTION(UpdateSubConstant)                                                \
-  ACTION(UpdateMulConstant) ACTION(UpdateDivConstant)                                                \
-  ACTION(UpdateAddVariable) ACTION(UpdateSubVariable)                                                \
-  ACTION(UpdateMulVariable) ACTION(UpdateDivVariable)                                                \
+  ZEPH_HOT_UPDATES                                                                                   \
   ACTION(CompareConstantJump) ACTION(CompareGlobalsJump) ACTION(ModGlobalsJump)                      \
+  ACTION(IncrementCompareJump)                                                                       \
   ACTION(ElementOfVariable) ACTION(ElementReadOnlyOfVariable) ACTION(ElementOfVariableStore)         \
-  ACTION(MemberOfVariable) ACTION(MemberReadOnlyOfVariable)
+  ACTION(MemberOfVariable) ACTION(MemberReadOnlyOfVariable)                                          \
+  ACTION(ElementOfVariableUpdate) ACTION(MemberOfVariableUpdate)
 // clang-format on
 
 // Instructions that the hot loop runs by the machine's handler of that name: those that are
@@ -142,6 +148,7 @@ class HotCode {
   HotAction IdiomOfVariableAndConstant(size_t i) const;
   HotAction IdiomOfVariables(size_t i) const;
   HotAction Update(size_t i) const;
+  bool IsUpdate(size_t i) const { return Is(i, HotAction::Dup) && Update(i) != HotAction::Dup; }
   bool Is(size_t i, HotAction action) const { return ops[i].single == action; }
   bool IsHandler(size_t i, int code) const {
     return Is(i, HotAction::Handler) && ops[i].code == code;

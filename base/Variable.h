@@ -191,6 +191,12 @@ class Variable {
   // The forms, as bits of Form, in which a plain scalar has its value; 0 for a NULL scalar, for
   // an aggregate and for what is not plain.
   unsigned plain_forms() const { return IsPlain() ? state & AllForms : 0u; }
+  // Whether a plain variable is stored as a number of that form and has no other form of it: what
+  // numbers of a running script mostly are, in one comparison.
+  bool HoldsInteger() const { return state == IntegerForm; }
+  bool HoldsDouble() const { return state == DoubleForm; }
+  // For a variable whose plain_forms() is not 0.
+  bool has_double() const { return (state & DoubleForm) != 0; }
   // For a variable whose plain_forms() has that form.
   int plain_integer() const { return integer_value; }
   double plain_double() const { return double_value; }
@@ -241,17 +247,21 @@ class Variable {
   }
   // SetValue_Integer()
   int Write_Integer(int value) {
-    if (!IsPlain() || elements) return SetValue_Integer(value);
+    if (!HoldsInteger()) [[unlikely]] {
+      if (!IsPlain() || elements) return SetValue_Integer(value);
+      SetForms(IntegerForm);
+    }
     integer_value = value;
-    SetForms(IntegerForm);
     primary = PrimaryInteger;
     return 1;
   }
   // SetValue_Double()
   int Write_Double(double value) {
-    if (!IsPlain() || elements) return SetValue_Double(value);
+    if (!HoldsDouble()) [[unlikely]] {
+      if (!IsPlain() || elements) return SetValue_Double(value);
+      SetForms(DoubleForm);
+    }
     double_value = value;
-    SetForms(DoubleForm);
     primary = PrimaryDouble;
     return 1;
   }
@@ -312,7 +322,7 @@ class Variable {
   template <typename Number>  // int or double
   bool WriteElement(int position, Number number);
   // Element(AggregateIndex(name, length), create) for a name of known length, which is only
-  // looked at.
+  // looked at. In base/Aggregate.h.
   Variable* Member(const char* name, int length, int create);
 
   // The text test of IsTrue().
@@ -382,6 +392,7 @@ class Variable {
   // derived object still is of the base class.
   bool ProvesPlain() const;
   Variable* Final();
+  Variable* SearchMember(const char* name, int length, int create);
   // Like redirected(), for what changes text or kind: who watches takes its copy first.
   bool RedirectedStore() {
     Changing();

@@ -42,7 +42,7 @@ Variable* Variable::At(int position, int create) {
   return Element(AggregateIndex(position), create);
 }
 
-Variable* Variable::Member(const char* name, int length, int create) {
+Variable* Variable::SearchMember(const char* name, int length, int create) {
   if (!IsPlain() || aggregate != AggregateStructure) {
     return Element(AggregateIndex(name, length), create);
   }

@@ -3,7 +3,7 @@
 // The actions that stand here in line do not fail and run no code but their own. Whatever does not
 // fit goes back to the machine's loop with everything as it was before the instruction. So the
 // flags of the host, which other threads raise, need a look only where the code may go round, which
-// is at jumps back and at calls, and not at each of these: no script can tell that from a look at
+// is at jumps and at calls, and not at each of these: no script can tell that from a look at
 // each instruction. Handlers of the machine, external functions and the output may raise any flag,
 // and all of them are looked at behind these.
 
@@ -29,21 +29,28 @@ inline int Read(int* shared) {
   return std::atomic_ref<int>(*shared).load(std::memory_order_relaxed);
 }
 
-// The value of an ordinary variable that has a form of a number, as value_double() gives it.
-[[gnu::always_inline]] inline bool NumberOf(const Variable* variable, double* number) {
-  if (!variable) return false;
+// Whether a variable has a form of a number that value_double() gives. What goes beyond a number
+// alone stands apart, and nothing is read before all is known to be one: so no number has to be
+// kept in memory across a call.
+[[gnu::noinline]] bool HasNumberBeside(const Variable* variable) {
   const unsigned forms = variable->plain_forms();
-  if (forms & Variable::DoubleForm) {
-    *number = variable->plain_double();
-    return true;
-  }
-  *number = variable->plain_integer();
-  return forms == Variable::IntegerForm;
+  return (forms & Variable::DoubleForm) || forms == Variable::IntegerForm;
+}
+[[gnu::always_inline]] inline bool HasNumber(const Variable* variable) {
+  return variable->HoldsDouble() || variable->HoldsInteger() || HasNumberBeside(variable);
 }
 
 // The same for a comparison, which goes by the text first.
-[[gnu::always_inline]] inline bool ComparableOf(const Variable* variable, double* number) {
-  return NumberOf(variable, number) && !(variable->plain_forms() & Variable::TextForm);
+[[gnu::noinline]] bool IsComparableBeside(const Variable* variable) {
+  return HasNumberBeside(variable) && !(variable->plain_forms() & Variable::TextForm);
+}
+[[gnu::always_inline]] inline bool IsComparable(const Variable* variable) {
+  return variable->HoldsDouble() || variable->HoldsInteger() || IsComparableBeside(variable);
+}
+
+// The number of a variable that has one.
+[[gnu::always_inline]] inline double NumberOf(const Variable* variable) {
+  return variable->has_double() ? variable->plain_double() : variable->plain_integer();
 }
 
 // As value_integer() gives it.
@@ -56,15 +63,39 @@ inline int Read(int* shared) {
   return (forms & Variable::DoubleForm) != 0;
 }
 
-template <bool (*OfVariable)(const Variable*, double*)>
-[[gnu::always_inline]] inline bool NumberIn(const Entry* entry, double* number) {
-  if (entry->kind == ZephVM_Stack::KindDouble) {
-    *number = entry->value.number;
-    return true;
-  }
-  if (entry->kind == ZephVM_Stack::KindVariable) return OfVariable(entry->value.variable, number);
-  *number = entry->value.integer;
-  return entry->kind == ZephVM_Stack::KindInteger;
+template <bool (*Suits)(const Variable*)>
+bool IsNumber(const Entry* entry) {
+  return entry->kind <= ZephVM_Stack::KindDouble ||
+         (entry->kind == ZephVM_Stack::KindVariable && Suits(entry->value.variable));
+}
+
+double NumberIn(const Entry* entry) {
+  if (entry->kind == ZephVM_Stack::KindDouble) return entry->value.number;
+  if (entry->kind == ZephVM_Stack::KindInteger) return entry->value.integer;
+  return NumberOf(entry->value.variable);
+}
+
+// Makes doubles of the two entries on top, for an operation that takes both off as numbers; false,
+// and nothing done, if one is none.
+template <bool (*Suits)(const Variable*)>
+[[gnu::noinline]] bool MakeTwoDoubles(Entry* top) {
+  if (!IsNumber<Suits>(top - 1) || !IsNumber<Suits>(top - 2)) return false;
+  const double right = NumberIn(top - 1);
+  const double left = NumberIn(top - 2);
+  ZephVM_Stack::Free(top - 1);
+  ZephVM_Stack::Free(top - 2);
+  top[-1].SetDouble(right);
+  top[-2].SetDouble(left);
+  return true;
+}
+
+// The same for one.
+[[gnu::noinline]] bool MakeDouble(Entry* top) {
+  if (!IsNumber<HasNumberBeside>(top - 1)) return false;
+  const double number = NumberIn(top - 1);
+  ZephVM_Stack::Free(top - 1);
+  top[-1].SetDouble(number);
+  return true;
 }
 
 [[gnu::always_inline]] inline bool IntegerIn(const Entry* entry, int* number) {
@@ -99,8 +130,11 @@ template <bool (*OfVariable)(const Variable*, double*)>
   return argument;
 }
 
-// Jumps back and calls between two looks at the flags of the host: nanoseconds each.
-const int kPatience = 16;
+// Jumps and calls from one look at the flags of the host to the next: nanoseconds each.
+const int kPatience = 32;
+
+// The most entries that an idiom, or its instructions one by one, push before they take off any.
+const int kMostPushed = 3;
 
 // Whether nothing but the machine's own code runs when the entry is read as text.
 inline bool IsOrdinary(const Entry* entry) {
@@ -112,31 +146,34 @@ inline bool IsNumberOrPlain(const Entry* entry) {
          (entry->kind == ZephVM_Stack::KindVariable && entry->value.variable->IsPlain());
 }
 
-// The order of a variable and a constant integer.
-[[gnu::always_inline]] inline bool OrderOf(const Variable* variable, int constant, int* order) {
-  if (!variable) return false;
-  if (variable->plain_forms() == Variable::IntegerForm) {
-    const int number = variable->plain_integer();
-    *order = (number > constant) - (number < constant);
+// The order of two numbers, as its bit in HotOp::orders: 0 for less, 1 for equal, 2 for greater,
+// which NaN on either side counts as.
+template <typename Number>
+[[gnu::always_inline]] inline int OrderOf(Number left, Number right) {
+  return !(left < right) + !(left <= right);
+}
+
+[[gnu::always_inline]] inline bool FindOrder(const Variable* left, int right, int* order) {
+  if (!left) return false;
+  if (left->HoldsInteger()) [[likely]] {
+    *order = OrderOf(left->plain_integer(), right);
     return true;
   }
-  double number;
-  if (!ComparableOf(variable, &number)) return false;
-  *order = number == constant ? 0 : number < constant ? -1 : 1;
+  if (!IsComparable(left)) return false;
+  *order = OrderOf<double>(NumberOf(left), right);
   return true;
 }
 
-[[gnu::always_inline]] inline bool OrderOf(const Variable* left, const Variable* right,
-                                           int* order) {
-  double a, b;
-  if (!ComparableOf(left, &a) || !ComparableOf(right, &b)) return false;
-  *order = a == b ? 0 : a < b ? -1 : 1;
+[[gnu::always_inline]] inline bool FindOrder(const Variable* left, const Variable* right,
+                                             int* order) {
+  if (!left || !right || !IsComparable(left) || !IsComparable(right)) return false;
+  *order = OrderOf(NumberOf(left), NumberOf(right));
   return true;
 }
 
 // How an order answers to a jump.
 [[gnu::always_inline]] inline bool Jumps(const HotOp* jump, int order) {
-  return (jump->orders >> ((order > 0) - (order < 0) + 1) & 1) != 0;
+  return (jump->orders >> order & 1) != 0;
 }
 
 }  // namespace
@@ -153,41 +190,46 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   int* const over = timed_out;
   int* const ended = exit_flag;
   int* const beats = heartbeat_counter;
-  // Of the current frame: its stack, with where its entries end, begin and have to end, and the
-  // rows of both tables, the globals first.
+  // Of the current frame: its stack, with where its entries end, where the first and the second of
+  // them begin, and up to where there is room for what any action pushes; and the rows of both
+  // tables, the globals first.
   ZephVM_Stack* s;
   Entry* top;
   const _VH_Entry* rows[2];
   unsigned counts[2];
   Entry* bottom;
+  Entry* second;
   Entry* limit;
-  Variable* variable;
+  Variable* variable = nullptr;
+  const Variable* other = nullptr;
   // Of a call or a return.
   ZephVM_FunctionFrame* called;
   const _VH_Entry* locals;
   double argument;
   const long code_serial = hot->serial();
-  int patience = kPatience;
+  int patience = kPatience;  // jumps and calls until the next look at the flags of the host
 
 // Where each action stands. The jump from one to the next is made at the end of each: processors
 // foresee it better than one jump for all.
 #define ACTION(name) &&on_##name,
   __extension__ static const void* const places[] = {ZEPH_HOT_ACTIONS};
 #undef ACTION
+// The same for updates of a variable that is not on the stack.
+#define ACTION(name) &&found_##name,
+  __extension__ static const void* const updates[] = {ZEPH_HOT_UPDATES};
+#undef ACTION
 
 // clang-format off
 #define GO_TO(action) __extension__({ goto *places[static_cast<int>(action)]; })
 // Each action ends with one of these: on behind so many instructions; to the first instruction
-// alone, where the idiom does not fit; to the machine's loop; or by a jump. A jump that goes back
-// looks at the flags of the host.
+// alone, where the idiom does not fit; to the machine's loop; or by a jump, with a look at the flags
+// of the host now and then.
 #define NEXT(count) { op += (count); GO_TO(op->action); }
-#define SINGLE_UNLESS(condition) if (!(condition)) { GO_TO(op->single); }
-#define LEAVE_UNLESS(condition) if (!(condition)) { goto on_Leave; }
+#define SINGLE_UNLESS(condition) if (!(condition)) [[unlikely]] { GO_TO(op->single); }
+#define LEAVE_UNLESS(condition) if (!(condition)) [[unlikely]] { goto on_Leave; }
 #define JUMP(jump) { \
-  const HotOp* const goal = (jump)->target; \
-  const bool back = goal <= op; \
-  op = goal; \
-  if (back) goto jumped_back; \
+  op = (jump)->target; \
+  if (--patience == 0) [[unlikely]] goto look; \
   GO_TO(op->action); }
 #define JUMP_IF(condition, jump, count) \
   if (condition) JUMP(jump) \
@@ -199,7 +241,11 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define SECOND(record) VARIABLE_AT(0, (record)->second)
 // What the stack's own operations need to know, and leave.
 #define TELL_STACK s->SetEnd(top);
-#define ASK_STACK { top = s->End(); bottom = s->Begin(); limit = s->Limit(); }
+#define ASK_STACK { \
+  top = s->End(); \
+  bottom = s->Begin(); \
+  second = bottom + 1; \
+  limit = s->Limit() - kMostPushed; }
 #define PUSH(set) { top->set; ++top; }
 // In place of what is on top, or of the two that are.
 #define REPLACE_ONE(set) { \
@@ -210,11 +256,16 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   ZephVM_Stack::Free(top - 2); \
   --top; \
   top[-1].set; }
-#define HOLDS(count) (top - (count) >= bottom)
-#define HAS_ROOM(count) (top + (count) <= limit)
-#define TWO_NUMBERS (HOLDS(2) && NumberIn<NumberOf>(top - 2, &a) && NumberIn<NumberOf>(top - 1, &b))
-#define TWO_COMPARABLE \
-  (HOLDS(2) && NumberIn<ComparableOf>(top - 2, &a) && NumberIn<ComparableOf>(top - 1, &b))
+#define HOLDS_ONE (top > bottom)
+#define HOLDS_TWO (top > second)
+#define HAS_ROOM (top <= limit)
+// Whether an operation finds numbers on top, which are doubles then. As the entries may have changed
+// by this, it is asked last.
+#define ONE_NUMBER (HOLDS_ONE && (top[-1].IsDouble() || MakeDouble(top)))
+#define TWO_DOUBLES (top[-1].IsDouble() && top[-2].IsDouble())
+#define TWO_NUMBERS (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<HasNumberBeside>(top)))
+#define TWO_COMPARABLE (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<IsComparableBeside>(top)))
+#define IS_NUMBER(variable) ((variable) && HasNumber(variable))
 // Whether a frame is kept for the function that a call is of, and what it begins with is known:
 // then called is the frame, with its locals.
 #define KNOWS_CALLED \
@@ -223,101 +274,103 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
    called && called->entry_code == code_serial && frame_count < MostFrames && \
    (locals = called->variables->Rows(&counts[1]), true))
 
-// All forms of an operation on the doubles a and b.
+// All forms of an operation on the doubles a and b. What is an entry on top already stays one.
 #define ARITHMETIC(name, result)                                                           \
   on_##name: {                                                                             \
-    double a, b;                                                                           \
     LEAVE_UNLESS(TWO_NUMBERS)                                                              \
-    a = result;                                                                            \
-    REPLACE_TWO(SetDouble(a))                                                              \
+    const double a = top[-2].value.number, b = top[-1].value.number;                       \
+    --top;                                                                                 \
+    top[-1].value.number = result;                                                         \
     NEXT(1)                                                                                \
   }                                                                                        \
   on_##name##Pop: {                                                                        \
-    double a, b;                                                                           \
     variable = VARIABLE(op + 1);                                                           \
     SINGLE_UNLESS(variable && variable->IsPlain() && TWO_NUMBERS)                          \
-    a = result;                                                                            \
-    ZephVM_Stack::Free(top - 1);                                                           \
-    ZephVM_Stack::Free(top - 2);                                                           \
+    const double a = top[-2].value.number, b = top[-1].value.number;                       \
     top -= 2;                                                                              \
-    variable->Write_Double(a);                                                             \
+    variable->Write_Double(result);                                                        \
     NEXT(2)                                                                                \
   }                                                                                        \
   on_##name##Constant: {                                                                   \
-    double a, b;                                                                           \
-    SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && NumberIn<NumberOf>(top - 1, &a))              \
-    b = op->number;                                                                        \
-    REPLACE_ONE(SetDouble(result))                                                         \
+    SINGLE_UNLESS(HAS_ROOM && ONE_NUMBER)                                                  \
+    const double a = top[-1].value.number, b = op->number;                                 \
+    top[-1].value.number = result;                                                         \
     NEXT(2)                                                                                \
   }                                                                                        \
   on_##name##Variable: {                                                                   \
-    double a, b;                                                                           \
-    SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && NumberIn<NumberOf>(top - 1, &a) &&            \
-                  NumberOf(VARIABLE(op), &b))                                              \
-    REPLACE_ONE(SetDouble(result))                                                         \
+    variable = VARIABLE(op);                                                               \
+    SINGLE_UNLESS(HAS_ROOM && IS_NUMBER(variable) && ONE_NUMBER)                           \
+    const double a = top[-1].value.number, b = NumberOf(variable);                         \
+    top[-1].value.number = result;                                                         \
     NEXT(2)                                                                                \
   }                                                                                        \
   on_##name##Element: {                                                                    \
-    double a, b; int number;                                                               \
-    SINGLE_UNLESS(HAS_ROOM(2) && HOLDS(1) && NumberIn<NumberOf>(top - 1, &a))              \
+    double b; int number;                                                                  \
     variable = VARIABLE(op);                                                               \
-    SINGLE_UNLESS(variable && IntegerOf(VARIABLE(op + 1), &number) && number >= 1 &&       \
+    SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumber>(top - 1) && variable &&     \
+                  IntegerOf(VARIABLE(op + 1), &number) && number >= 1 &&                   \
                   variable->ReadElement(number, &b))                                       \
-    REPLACE_ONE(SetDouble(result))                                                         \
+    if (!top[-1].IsDouble()) MakeDouble(top);                                              \
+    const double a = top[-1].value.number;                                                 \
+    top[-1].value.number = result;                                                         \
     NEXT(4)                                                                                \
   }                                                                                        \
   on_##name##VariableConstant: {                                                           \
-    double a, b;                                                                           \
-    SINGLE_UNLESS(HAS_ROOM(2) && NumberOf(VARIABLE(op), &a))                               \
-    b = op[1].number;                                                                      \
+    variable = VARIABLE(op);                                                               \
+    SINGLE_UNLESS(HAS_ROOM && IS_NUMBER(variable))                                         \
+    const double a = NumberOf(variable), b = op[1].number;                                 \
     PUSH(SetDouble(result))                                                                \
     NEXT(3)                                                                                \
   }                                                                                        \
   on_##name##VariableConstantCall: {                                                       \
-    double a, b;                                                                           \
-    SINGLE_UNLESS(HAS_ROOM(2) && NumberOf(VARIABLE(op), &a))                               \
-    b = op[1].number;                                                                      \
+    variable = VARIABLE(op);                                                               \
+    SINGLE_UNLESS(HAS_ROOM && IS_NUMBER(variable))                                         \
+    const double a = NumberOf(variable), b = op[1].number;                                 \
     argument = result;                                                                     \
     op += 3;                                                                               \
     goto call_with_number;                                                                 \
   }                                                                                        \
-  on_Update##name##Constant: {                                                             \
-    double a, b;                                                                           \
-    b = op[1].number;                                                                      \
-    UPDATE(result)                                                                         \
-  }                                                                                        \
-  on_Update##name##Variable: {                                                             \
-    double a, b;                                                                           \
-    SINGLE_UNLESS(NumberOf(VARIABLE(op + 1), &b))                                          \
-    UPDATE(result)                                                                         \
-  }
-// The same variable may be the other operand, which was read before.
-#define UPDATE(result)                                                                     \
-    SINGLE_UNLESS(HAS_ROOM(2) && HOLDS(1) && top[-1].kind == ZephVM_Stack::KindVariable)   \
+  UPDATE(Update##name##Constant, true, op[1].number, result)                               \
+  UPDATE(Update##name##Variable, (other = VARIABLE(op + 1), IS_NUMBER(other)),             \
+         NumberOf(other), result)
+// An operation on the variable on top, or on the one that was just found and is not on the stack.
+// The same variable may be the other operand, which is read before.
+#define UPDATE(name, condition, operand, result)                                           \
+  on_##name: {                                                                             \
+    SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindVariable)     \
     variable = top[-1].value.variable;                                                     \
-    SINGLE_UNLESS(NumberOf(variable, &a))                                                  \
+    SINGLE_UNLESS(HasNumber(variable) && (condition))                                      \
+    const double a = NumberOf(variable), b = operand;                                      \
     variable->Write_Double(result);                                                        \
     --top;                                                                                 \
     ZephVM_Stack::Free(top);                                                               \
-    NEXT(5)
+    NEXT(5)                                                                                \
+  }                                                                                        \
+  found_##name: {                                                                          \
+    if (!(HasNumber(variable) && (condition))) [[unlikely]] goto push_found;               \
+    const double a = NumberOf(variable), b = operand;                                      \
+    variable->Write_Double(result);                                                        \
+    NEXT(5)                                                                                \
+  }
 // A comparison of a and b. With NaN on either side their order counts as above 0.
 #define COMPARISON(name, holds)                                                            \
   on_##name: {                                                                             \
-    double a, b;                                                                           \
     LEAVE_UNLESS(TWO_COMPARABLE)                                                           \
-    REPLACE_TWO(SetInteger(holds))                                                         \
+    const double a = top[-2].value.number, b = top[-1].value.number;                       \
+    --top;                                                                                 \
+    top[-1].SetInteger(holds);                                                             \
     NEXT(1)                                                                                \
   }                                                                                        \
   on_##name##VariableConstantJump: {                                                       \
-    double a, b;                                                                           \
-    SINGLE_UNLESS(HAS_ROOM(2) && ComparableOf(VARIABLE(op), &a))                           \
-    b = op[1].number;                                                                      \
+    variable = VARIABLE(op);                                                               \
+    SINGLE_UNLESS(HAS_ROOM && variable && IsComparable(variable))                          \
+    const double a = NumberOf(variable), b = op[1].number;                                 \
     JUMP_IF((holds) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)               \
   }
 #define JUMP_ON(name, holds)                                                               \
   on_##name: {                                                                             \
     int order;                                                                             \
-    LEAVE_UNLESS(HOLDS(1) && top[-1].kind == ZephVM_Stack::KindInteger)                    \
+    LEAVE_UNLESS(HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindInteger)                    \
     --top;                                                                                 \
     order = top->value.integer;                                                            \
     JUMP_IF(holds, op, 1)                                                                  \
@@ -325,7 +378,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define ELEMENT(name, create)                                                              \
   on_##name: {                                                                             \
     int number;                                                                            \
-    LEAVE_UNLESS(HOLDS(2) && top[-2].kind == ZephVM_Stack::KindVariable)                   \
+    LEAVE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable)                   \
     variable = top[-2].value.variable;                                                     \
     LEAVE_UNLESS(variable->IsPlain() && IntegerIn(top - 1, &number) && number >= 1)        \
     variable = variable->At(number, create);                                               \
@@ -337,7 +390,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   on_##name##OfVariable: {                                                                 \
     int number;                                                                            \
     variable = VARIABLE(op);                                                               \
-    SINGLE_UNLESS(HAS_ROOM(2) && variable && variable->IsPlain() &&                        \
+    SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain() &&                        \
                   IntegerOf(VARIABLE(op + 1), &number) && number >= 1)                     \
     variable = variable->At(number, create);                                               \
     PUSH(SetVariable(variable ? variable : null_variable))                                 \
@@ -345,7 +398,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   }
 #define MEMBER(name, create)                                                               \
   on_##name: {                                                                             \
-    LEAVE_UNLESS(HOLDS(2) && top[-2].kind == ZephVM_Stack::KindVariable)                   \
+    LEAVE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable)                   \
     LEAVE_UNLESS(top[-1].kind == ZephVM_Stack::KindString && !top[-1].deferred)            \
     variable = top[-2].value.variable;                                                     \
     LEAVE_UNLESS(variable->IsPlain())                                                      \
@@ -357,35 +410,38 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   }                                                                                        \
   on_##name##OfVariable: {                                                                 \
     variable = VARIABLE(op);                                                               \
-    SINGLE_UNLESS(HAS_ROOM(2) && variable && variable->IsPlain())                          \
+    SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain())                          \
     variable = variable->Member(op[1].text, op[1].length, create);                         \
     PUSH(SetVariable(variable ? variable : null_variable))                                 \
     NEXT(3)                                                                                \
   }
+// The action at a record is an update: that of the variable that was found.
+#define UPDATE_FOUND __extension__({ \
+  goto *updates[static_cast<int>(op->action) - static_cast<int>(HotAction::UpdateAddConstant)]; });
   // clang-format on
 
   goto entered;
 
 on_PushInteger:
-  LEAVE_UNLESS(HAS_ROOM(1))
+  LEAVE_UNLESS(HAS_ROOM)
   PUSH(SetInteger(op->first))
   NEXT(1)
 on_PushDouble:
-  LEAVE_UNLESS(HAS_ROOM(1))
+  LEAVE_UNLESS(HAS_ROOM)
   PUSH(SetDouble(op->number))
   NEXT(1)
 on_PushText:
-  LEAVE_UNLESS(HAS_ROOM(1))
+  LEAVE_UNLESS(HAS_ROOM)
   PUSH(SetText(op->text, op->length))
   NEXT(1)
 on_PushVariable:
   variable = VARIABLE(op);
-  LEAVE_UNLESS(variable && HAS_ROOM(1))
+  LEAVE_UNLESS(variable && HAS_ROOM)
   PUSH(SetVariable(variable))
   NEXT(1)
 on_PopVariable:
   variable = VARIABLE(op);
-  LEAVE_UNLESS(variable && HOLDS(1))
+  LEAVE_UNLESS(variable && HOLDS_ONE)
   if (variable->IsPlain() && top[-1].kind <= ZephVM_Stack::KindDouble) {
     --top;
     if (top->kind == ZephVM_Stack::KindDouble) {
@@ -407,18 +463,18 @@ on_PopVariable:
   ASK_STACK
   NEXT(1)
 on_Pop:
-  LEAVE_UNLESS(HOLDS(1))
+  LEAVE_UNLESS(HOLDS_ONE)
   --top;
   ZephVM_Stack::Free(top);
   NEXT(1)
 on_Dup:
-  LEAVE_UNLESS(HOLDS(1) && HAS_ROOM(1) && IsNumberOrPlain(top - 1))
+  LEAVE_UNLESS(HOLDS_ONE && HAS_ROOM && IsNumberOrPlain(top - 1))
   TELL_STACK
   s->Dupe();
   ASK_STACK
   NEXT(1)
 on_Store:
-  LEAVE_UNLESS(HOLDS(2) && top[-1].kind == ZephVM_Stack::KindVariable)
+  LEAVE_UNLESS(HOLDS_TWO && top[-1].kind == ZephVM_Stack::KindVariable)
   variable = top[-1].value.variable;
   LEAVE_UNLESS(variable->IsPlain() && IsNumberOrPlain(top - 2))
   if (top[-2].kind == ZephVM_Stack::KindDouble) {
@@ -433,19 +489,19 @@ on_Store:
   ZephVM_Stack::Free(top);
   NEXT(1)
 on_Concatenate:
-  LEAVE_UNLESS(HOLDS(2) && IsOrdinary(top - 1) && IsOrdinary(top - 2))
+  LEAVE_UNLESS(HOLDS_TWO && IsOrdinary(top - 1) && IsOrdinary(top - 2))
   TELL_STACK
   s->Concatenate();
   ASK_STACK
   NEXT(1)
 on_ConcatenateText:
-  SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && top[-1].deferred)
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].deferred)
   TELL_STACK
   top[-1].AppendDeferred(op->text, op->length);
   NEXT(2)
 on_ConcatenateVariable:
   variable = VARIABLE(op);
-  SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && top[-1].deferred && variable && variable->IsOrdinary())
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].deferred && variable && variable->IsOrdinary())
   TELL_STACK
   if (variable->plain_forms() == Variable::IntegerForm) {
     top[-1].AppendDeferred(variable->plain_integer());
@@ -455,7 +511,7 @@ on_ConcatenateVariable:
   NEXT(2)
 on_ConcatenateTextVariable : {
   variable = VARIABLE(op + 1);
-  SINGLE_UNLESS(HAS_ROOM(2) && variable && op->length <= ZephVM_Stack::ShortText)
+  SINGLE_UNLESS(HAS_ROOM && variable && op->length <= ZephVM_Stack::ShortText)
   const unsigned forms = variable->plain_forms();
   if (forms == Variable::IntegerForm) {
     PUSH(SetDeferred(op->text, op->length, variable->plain_integer()))
@@ -468,7 +524,7 @@ on_ConcatenateTextVariable : {
 }
 on_ConcatenateVariableText : {
   variable = VARIABLE(op);
-  SINGLE_UNLESS(HAS_ROOM(2) && variable && (variable->plain_forms() & Variable::TextForm) != 0)
+  SINGLE_UNLESS(HAS_ROOM && variable && (variable->plain_forms() & Variable::TextForm) != 0)
   DeferredText* const text = DeferredText::Begin(variable);
   SINGLE_UNLESS(text)
   top->SetDeferred(text);
@@ -478,7 +534,7 @@ on_ConcatenateVariableText : {
   NEXT(3)
 }
 on_Swap:
-  LEAVE_UNLESS(HOLDS(2))
+  LEAVE_UNLESS(HOLDS_TWO)
   s->Swap(top - 1, top - 2);
   NEXT(1)
   ARITHMETIC(Add, a + b)
@@ -487,25 +543,25 @@ on_Swap:
   ARITHMETIC(Div, a == 0.0 ? 0.0 : a / b)
 on_Mod : {
   int order, number;
-  LEAVE_UNLESS(HOLDS(2) && IntegerIn(top - 2, &order) && IntegerIn(top - 1, &number))
+  LEAVE_UNLESS(HOLDS_TWO && IntegerIn(top - 2, &order) && IntegerIn(top - 1, &number))
   REPLACE_TWO(SetInteger(Remainder(order, number)))
   NEXT(1)
 }
 on_ModConstant : {
   int order;
-  SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && IntegerIn(top - 1, &order))
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IntegerIn(top - 1, &order))
   REPLACE_ONE(SetInteger(Remainder(order, op->first)))
   NEXT(2)
 }
 on_ModVariableConstant : {
   int order;
-  SINGLE_UNLESS(HAS_ROOM(2) && IntegerOf(VARIABLE(op), &order))
+  SINGLE_UNLESS(HAS_ROOM && IntegerOf(VARIABLE(op), &order))
   PUSH(SetInteger(Remainder(order, op[1].first)))
   NEXT(3)
 }
 on_ModVariableConstantJump : {
   int order;
-  SINGLE_UNLESS(HAS_ROOM(2) && IntegerOf(VARIABLE(op), &order))
+  SINGLE_UNLESS(HAS_ROOM && IntegerOf(VARIABLE(op), &order))
   order = Remainder(order, op[1].first);
   JUMP_IF((order != 0) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)
 }
@@ -527,38 +583,38 @@ on_Jump:
 
 on_CompareConstant : {
   int order;
-  LEAVE_UNLESS(HAS_ROOM(1) && OrderOf(VARIABLE(op), op->second, &order))
-  PUSH(SetInteger(order))
+  LEAVE_UNLESS(HAS_ROOM && FindOrder(VARIABLE(op), op->second, &order))
+  PUSH(SetInteger(order - 1))
   NEXT(1)
 }
 on_CompareConstantJump : {
   int order;
-  LEAVE_UNLESS(HAS_ROOM(1) && OrderOf(VARIABLE(op), op->second, &order))
+  LEAVE_UNLESS(HAS_ROOM && FindOrder(VARIABLE(op), op->second, &order))
   JUMP_IF(Jumps(op + 1, order), op + 1, 2)
 }
 on_CompareGlobals : {
   int order;
-  LEAVE_UNLESS(HAS_ROOM(1) && OrderOf(VARIABLE(op), SECOND(op), &order))
-  PUSH(SetInteger(order))
+  LEAVE_UNLESS(HAS_ROOM && FindOrder(VARIABLE(op), SECOND(op), &order))
+  PUSH(SetInteger(order - 1))
   NEXT(1)
 }
 on_CompareGlobalsJump : {
   int order;
-  LEAVE_UNLESS(HAS_ROOM(1) && OrderOf(VARIABLE(op), SECOND(op), &order))
+  LEAVE_UNLESS(HAS_ROOM && FindOrder(VARIABLE(op), SECOND(op), &order))
   JUMP_IF(Jumps(op + 1, order), op + 1, 2)
 }
 on_ModGlobals : {
   int order, number;
-  LEAVE_UNLESS(HAS_ROOM(1) && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
+  LEAVE_UNLESS(HAS_ROOM && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
                number != 0)
   PUSH(SetInteger(Remainder(order, number)))
   NEXT(1)
 }
 on_ModGlobalsJump : {
   int order, number;
-  LEAVE_UNLESS(HAS_ROOM(1) && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
+  LEAVE_UNLESS(HAS_ROOM && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
                number != 0)
-  JUMP_IF(Jumps(op + 1, Remainder(order, number)), op + 1, 2)
+  JUMP_IF(Jumps(op + 1, OrderOf(Remainder(order, number), 0)), op + 1, 2)
 }
 on_Increment : {
   int number;
@@ -566,6 +622,13 @@ on_Increment : {
   LEAVE_UNLESS(IntegerOf(variable, &number))
   variable->Write_Integer(WrapAdd(number, op->second));
   NEXT(1)
+}
+on_IncrementCompareJump : {
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(HAS_ROOM && variable && variable->HoldsInteger())
+  const int number = WrapAdd(variable->plain_integer(), op->second);
+  variable->Write_Integer(number);
+  JUMP_IF(Jumps(op + 2, OrderOf(number, op[1].second)), op + 2, 3)
 }
 on_StoreConstant:
   variable = VARIABLE(op);
@@ -580,9 +643,29 @@ on_Line:
   ELEMENT(ElementReadOnly, 0)
   MEMBER(Member, 1)
   MEMBER(MemberReadOnly, 0)
+on_ElementOfVariableUpdate : {
+  int number;
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain() &&
+                IntegerOf(VARIABLE(op + 1), &number) && number >= 1)
+  variable = variable->At(number, 1);
+  op += 3;
+  UPDATE_FOUND
+}
+on_MemberOfVariableUpdate:
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain())
+  variable = variable->Member(op[1].text, op[1].length, 1);
+  op += 3;
+  if (!variable) [[unlikely]]
+    variable = null_variable;
+  UPDATE_FOUND
+push_found:
+  PUSH(SetVariable(variable))
+  GO_TO(op->single);
 on_ElementOfVariableStore : {
   int number;
-  SINGLE_UNLESS(HAS_ROOM(2) && HOLDS(1))
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE)
   variable = VARIABLE(op);
   SINGLE_UNLESS(variable && IntegerOf(VARIABLE(op + 1), &number) && number >= 1)
   if (top[-1].kind == ZephVM_Stack::KindDouble) {
@@ -619,13 +702,13 @@ on_Handler:
   ASK_STACK
   NEXT(1)
 on_OutText:
-  SINGLE_UNLESS(HAS_ROOM(1))
+  SINGLE_UNLESS(HAS_ROOM)
   TELL_STACK
   if (application->output()->Put(op->text, op->length)) NEXT(2)
   goto written;
 on_OutVariable : {
   variable = VARIABLE(op);
-  SINGLE_UNLESS(HAS_ROOM(1) && variable)
+  SINGLE_UNLESS(HAS_ROOM && variable)
   TELL_STACK
   const unsigned forms = variable->plain_forms();
   if (forms & Variable::TextForm) {
@@ -643,9 +726,8 @@ on_OutVariable : {
 }
 on_OutRounded : {
   char text[MostRounded];
-  double number;
-  SINGLE_UNLESS(HAS_ROOM(1) && HOLDS(1) && NumberIn<NumberOf>(top - 1, &number))
-  const int length = WriteRounded(number, op->first, text);
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumberBeside>(top - 1))
+  const int length = WriteRounded(NumberIn(top - 1), op->first, text);
   SINGLE_UNLESS(length > 0)
   --top;
   ZephVM_Stack::Free(top);
@@ -662,13 +744,13 @@ written:
 // Most calls are of a function here, with numbers for its arguments, and a frame is kept for it.
 on_Call:
   if (!KNOWS_CALLED) goto unknown_called;
-  if (called->simple_parameters == 1 && HOLDS(1) && top[-1].kind == ZephVM_Stack::KindDouble &&
+  if (called->simple_parameters == 1 && HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindDouble &&
       locals->variable && locals->variable->IsPlain()) {
     --top;
     locals->variable->Write_Double(top->value.number);
   } else {
     const int count = called->simple_parameters;
-    Entry* const taken = HOLDS(count) ? TakeNumbers(locals, count, top) : nullptr;
+    Entry* const taken = top - count >= bottom ? TakeNumbers(locals, count, top) : nullptr;
     if (!taken) goto call;
     top = taken;
   }
@@ -690,7 +772,9 @@ enter : {
   EnterFrame(called);
   s = called->stack;
   ASK_STACK
-  goto jumped_back;
+  if (--patience == 0) [[unlikely]]
+    goto look;
+  GO_TO(op->action);
 }
 // The number would be on top now, and is the only argument in most cases.
 call_with_number:
@@ -726,7 +810,7 @@ call : {
 }
 
 on_Return : {
-  LEAVE_UNLESS(frame->returns_hot && open_features == 0 && HOLDS(1))
+  LEAVE_UNLESS(frame->returns_hot && open_features == 0 && HOLDS_ONE)
   ZephVM_Stack* const callers = frame->previous->stack;
   Entry* const value = callers->End();
   LEAVE_UNLESS(callers->HasRoom(1))
@@ -740,20 +824,19 @@ on_Return : {
 // A number in a variable that nobody has but the function: to whom a number is all the same, gets
 // it alone.
 on_ReturnVariable : {
-  double a;
   variable = VARIABLE(op);
-  SINGLE_UNLESS(frame->returns_hot && open_features == 0 && HAS_ROOM(1))
+  SINGLE_UNLESS(frame->returns_hot && open_features == 0 && HAS_ROOM)
   called = static_cast<ZephVM_FunctionFrame*>(frame);
   ZephVM_Stack* const callers = called->previous->stack;
   Entry* const value = callers->End();
   SINGLE_UNLESS(called->return_code == code_serial && called->return_op->after_number &&
-                NumberOf(variable, &a) && variable->plain_count() == 1 && callers->HasRoom(1))
-  value->SetDouble(a);
+                IS_NUMBER(variable) && variable->plain_count() == 1 && callers->HasRoom(1))
+  value->SetDouble(NumberOf(variable));
   callers->SetEnd(value + 1);
 }
 // The value is on the caller's stack. What else there is on the function's own goes with the frame.
 returned:
-  while (HOLDS(1)) ZephVM_Stack::Free(--top);
+  while (HOLDS_ONE) ZephVM_Stack::Free(--top);
   TELL_STACK
   called = static_cast<ZephVM_FunctionFrame*>(frame);
   frame = called->previous;
@@ -779,8 +862,7 @@ returned:
   rows[1] = frame->variables->Rows(&counts[1]);
   GO_TO(op->action);
 
-jumped_back:
-  if (--patience > 0) GO_TO(op->action);
+look:
   patience = kPatience;
   if (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat)) goto on_Leave;
   GO_TO(op->action);
@@ -817,13 +899,18 @@ on_Leave:
 #undef PUSH
 #undef REPLACE_ONE
 #undef REPLACE_TWO
-#undef HOLDS
+#undef HOLDS_ONE
+#undef HOLDS_TWO
 #undef HAS_ROOM
+#undef ONE_NUMBER
+#undef TWO_DOUBLES
 #undef TWO_NUMBERS
 #undef TWO_COMPARABLE
+#undef IS_NUMBER
 #undef KNOWS_CALLED
 #undef ARITHMETIC
 #undef UPDATE
+#undef UPDATE_FOUND
 #undef COMPARISON
 #undef JUMP_ON
 #undef ELEMENT

@@ -3,6 +3,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "base/Aggregate.h"
 #include "base/Config.h"
 #include "base/Dictionary.h"
 #include "base/LogRecord.h"

@@ -181,7 +181,12 @@ struct RandomProgram {
     switch (Below(12)) {
       case 0: machine->Op(incg, Any(), Below(5) - 2); break;
       case 1: machine->Op(storegi, Any(), Below(9)); break;
-      case 2: machine->Op(cmpgi, Any(), Below(9)).Op(jumps[Below(6)], 10).Op(incg, Any(), 1); break;
+      case 2: {
+        const int compared = Any();
+        if (Below(2)) machine->Op(incg, Below(3) ? compared : Any(), Below(5) - 2);
+        machine->Op(cmpgi, compared, Below(9)).Op(jumps[Below(6)], 10).Op(incg, Any(), 1);
+        break;
+      }
       case 9: machine->Op(cmpgg, Any(), Any()).Op(jumps[Below(6)], 10).Op(incg, Any(), 1); break;
       case 10:
         machine->Op(modgg, Any(), Any());
@@ -281,6 +286,7 @@ class RandomText {
                     : "pushf " + std::to_string(Below(40) / 8.0 - 2) + "\n";
   }
   std::string Constant() { return "pushc \"" + OneOf({"", "x", "7"}) + "\"\n"; }
+  std::string Member() { return OneOf({"m", "m", "M", "k", "longer than a word", ""}); }
   std::string Operation() { return OneOf({"add\n", "sub\n", "mul\n", "div\n", "mod\n"}); }
 
   void Start(const std::string& name) {
@@ -296,7 +302,7 @@ class RandomText {
     switch (Below(9)) {
       case 0: return PushGlobal() + "pushg i\nelem_readonly\n";
       case 1: return PushGlobal() + "pushi 1\nelem_readonly\n";
-      case 2: return PushGlobal() + "pushc \"m\"\nmemb_readonly\n";
+      case 2: return PushGlobal() + "pushc \"" + Member() + "\"\nmemb_readonly\n";
       case 3: return Operand() + "call " + OneOf({"twice", "sum", "echo"}) + "\n";
       case 4: return Constant();
       case 5: return "pushg i\n";
@@ -313,7 +319,7 @@ class RandomText {
       case 0: return "pushg a\npushg i\nelem\n";
       case 1: return PushGlobal() + "pushg i\nelem\n";
       case 2: return PushGlobal() + "pushi " + std::to_string(1 + Below(3)) + "\nelem\n";
-      case 3: return PushGlobal() + "pushc \"m\"\nmemb\n";
+      case 3: return PushGlobal() + "pushc \"" + Member() + "\"\nmemb\n";
       default: return PushGlobal();
     }
   }
@@ -430,6 +436,31 @@ void ExpectTheSameHotAndCold(const std::string& program) {
   EXPECT_EQ(cold.Go(), 1);
   EXPECT_NE(hot.segments.Start()->hot(), nullptr);
   EXPECT_EQ(hot.Output(), cold.Output());
+}
+
+// Idioms take room for what their instructions would push, on a stack that grows once and then has
+// an end.
+TEST(HotCode, AnyDepthOfTheStackDoesTheSameHotAndCold) {
+  for (int depth = 0; depth <= 514; depth += depth == 20 ? 485 : 1) {
+    SCOPED_TRACE(depth);
+    std::string program = "storegi n, 0\nagain: incg n, 1\n";
+    for (int i = 0; i < depth; i++) program += "pushi 1\n";
+    program +=
+        "pushg n\npushi 2\nadd\npopg sum\npushg n\npushg n\nmul\npopg square\n"
+        "pushg s\npushc \"m\"\nmemb\ndup\npushi 1\nadd\nswap\nstore\n"
+        "pushg a\npushg n\nelem\ndup\npushg n\nadd\nswap\nstore\n";
+    for (int i = 0; i < depth; i++) program += "pop\n";
+    program +=
+        "cmpgi n, " + std::to_string(kRounds) + "\njmp_lt again\npushg s\nout\npushg a\nout\n";
+    Machine hot, cold;
+    hot.Assemble(program);
+    cold.Assemble(program);
+    KeepCold(&cold);
+    EXPECT_EQ(hot.Go(), cold.Go());
+    EXPECT_EQ(hot.Output(), cold.Output());
+    EXPECT_EQ(hot.Error(), cold.Error());
+    for (const char* name : {"n", "sum", "square"}) EXPECT_EQ(hot.Value(name), cold.Value(name));
+  }
 }
 
 TEST(HotCode, RoundedValuesAreWrittenAsRoundsMakesThem) {

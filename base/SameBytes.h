@@ -1,0 +1,31 @@
+// Whether two texts are the same, for names: these are short, and mostly are the same.
+
+#ifndef ZEPH_BASE_SAMEBYTES_H
+#define ZEPH_BASE_SAMEBYTES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+// Whether both begin with a word, and end with one. Between them they cover a length of one word to
+// two.
+template <typename Word>
+inline bool SameEnds(const char* a, const char* b, size_t length) {
+  Word first_a, first_b, last_a, last_b;
+  memcpy(&first_a, a, sizeof(Word));
+  memcpy(&first_b, b, sizeof(Word));
+  memcpy(&last_a, a + length - sizeof(Word), sizeof(Word));
+  memcpy(&last_b, b + length - sizeof(Word), sizeof(Word));
+  return ((first_a ^ first_b) | (last_a ^ last_b)) == 0;
+}
+
+// memcmp(a, b, length) == 0, in line for what is not long. With a length of 0 nothing is read.
+inline bool SameBytes(const char* a, const char* b, size_t length) {
+  if (length > 2 * sizeof(uint64_t)) return memcmp(a, b, length) == 0;
+  if (length >= sizeof(uint64_t)) return SameEnds<uint64_t>(a, b, length);
+  if (length >= sizeof(uint32_t)) return SameEnds<uint32_t>(a, b, length);
+  if (length >= sizeof(uint16_t)) return SameEnds<uint16_t>(a, b, length);
+  return length == 0 || *a == *b;
+}
+
+#endif
