@@ -7,7 +7,7 @@
 Feature::Feature(ZephApplication* host, ZephVM* machine, int type)
     : application(host),
       vm(machine),
-      frame_serial(machine->CurrentFrame()->serial),
+      frame_serial(machine->FrameSerial()),
       feature_type(type) {}
 
 Feature::~Feature() = default;

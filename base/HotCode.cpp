@@ -118,6 +118,7 @@ HotCode::HotCode(const unsigned char* code, int length, const Dictionary& dictio
     : code_serial(NextSerial()) {
   Decode(code, length, dictionary);
   FindTargets(length);
+  LeaveBadCalls(functions);
   for (size_t i = 1; i + kLongestIdiom <= ops.size(); i++) {
     ops[i].after_number = Is(i - 1, HotAction::Call) && IsUsedAsNumber(i, functions);
   }
@@ -175,6 +176,16 @@ void HotCode::FindTargets(int length) {
   }
 }
 
+// The number of a function that is called in decoded code is one.
+void HotCode::LeaveBadCalls(const FunctionManager* functions) {
+  const int count = functions ? functions->Functions() : 0;
+  for (HotOp& op : ops) {
+    if (op.single == HotAction::Call && (op.first < 0 || op.first >= count)) {
+      op.single = HotAction::Leave;
+    }
+  }
+}
+
 namespace {
 
 // What an instruction takes off the stack and puts on it; false where that is not known here.
@@ -193,7 +204,7 @@ bool StackEffect(const HotOp& op, const FunctionManager* functions, int* taken, 
     case HotAction::MemberReadOnly:
     case HotAction::Concatenate: *taken = 2; return true;
     case HotAction::Call: {
-      Function* function = functions ? functions->Lookup(op.first) : nullptr;
+      Function* function = functions->Lookup(op.first);
       if (!function) return false;
       *taken = static_cast<int>(function->slots().size());
       return true;
@@ -230,6 +241,9 @@ HotAction HotCode::Idiom(size_t i) const {
   }
   if (IsArithmetic(action) && next == HotAction::PopVariable) {
     return Shifted(action, HotAction::Add, HotAction::AddPop);
+  }
+  if (IsArithmetic(action) && next == HotAction::Return) {
+    return Shifted(action, HotAction::Add, HotAction::AddReturn);
   }
   if (action == HotAction::Dup) return Update(i);
   if (IsConstant(action) && IsArithmetic(next)) {

@@ -36,6 +36,7 @@ class FunctionManager;
 //   ConcatenateVariableText       the same in the other order, where the variable has a long text
 //   ...Element                    an element of an array, and an operation on the top and it
 //   ...Pop                        an operation, and its outcome stored in a variable
+//   ...Return                     an operation, and the return with its outcome
 //   Update...Constant/Variable    an operation on the variable on top and something else, and its
 //                                 outcome stored in the variable
 //   Compare...Jump, ModGlobalsJump  a comparison or a division of globals, and a jump on it
@@ -78,6 +79,7 @@ class FunctionManager;
   ACTION(AddVariable) ACTION(SubVariable) ACTION(MulVariable) ACTION(DivVariable)                    \
   ACTION(AddElement) ACTION(SubElement) ACTION(MulElement) ACTION(DivElement)                        \
   ACTION(AddPop) ACTION(SubPop) ACTION(MulPop) ACTION(DivPop)                                        \
+  ACTION(AddReturn) ACTION(SubReturn) ACTION(MulReturn) ACTION(DivReturn)                            \
   ZEPH_HOT_UPDATES                                                                                   \
   ACTION(CompareConstantJump) ACTION(CompareGlobalsJump) ACTION(ModGlobalsJump)                      \
   ACTION(IncrementCompareJump)                                                                       \
@@ -143,6 +145,7 @@ class HotCode {
  private:
   void Decode(const unsigned char* code, int length, const Dictionary& dictionary);
   void FindTargets(int length);
+  void LeaveBadCalls(const FunctionManager* functions);
   bool IsUsedAsNumber(size_t i, const FunctionManager* functions) const;
   HotAction Idiom(size_t i) const;
   HotAction IdiomOfVariableAndConstant(size_t i) const;

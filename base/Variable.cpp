@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "base/Aggregate.h"
@@ -76,6 +77,16 @@ bool Variable::ProvesPlain() const {
   if ((state & NotPlain) != Unproved || !IsOfThisClass()) return false;
   state &= ~Unproved;
   return true;
+}
+
+// A text goes last: nothing is done to what is not as new without it.
+bool Variable::Renew() {
+  if (!IsPlain()) return false;
+  char* const text = std::exchange(string_value.data, nullptr);
+  const bool renewed = RenewNumber();
+  string_value.data = text;
+  if (renewed) string_value.destroy();
+  return renewed;
 }
 
 void Variable::DeletePlain() {

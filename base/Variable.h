@@ -5,6 +5,7 @@
 #ifndef ZEPH_BASE_VARIABLE_H
 #define ZEPH_BASE_VARIABLE_H
 
+#include <cassert>
 #include <cstdint>
 
 #include "base/BaseTemplates.h"
@@ -299,14 +300,29 @@ class Variable {
       DeletePlain();
     }
   }
+  // Stores the first value in a variable that is as new, and held by a table alone.
+  void Begin(double value) {
+    assert(state == 0 && !elements);
+    double_value = value;
+    state = DoubleForm;
+    primary = PrimaryDouble;
+  }
+  void Begin(int value) {
+    assert(state == 0 && !elements);
+    integer_value = value;
+    state = IntegerForm;
+    primary = PrimaryInteger;
+  }
   // Makes a local variable, whose call is over, as new for the next call; false if that can be told
   // from a new one: somebody else holds it, or it has been more than a scalar.
-  bool Renew() {
-    if (!IsPlain() || refcount_ != 1 || elements || (state & Suspect) || error_.data ||
-        name_.allocated != SharedMark) {
+  bool Renew();
+  // The same for one that has held numbers and no more, as most have; false, and nothing done, for
+  // others.
+  bool RenewNumber() {
+    if ((state & (NotPlain | Suspect)) || refcount_ != 1 || elements || string_value.data ||
+        error_.data || name_.allocated != SharedMark) {
       return false;
     }
-    if (string_value.data) string_value.destroy();
     integer_value = 0;
     double_value = 0.0;
     SetForms(0);

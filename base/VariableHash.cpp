@@ -122,6 +122,17 @@ VariableHash::~VariableHash() {
   ReleaseIndex();
 }
 
+// What cannot be renewed is made anew when it is touched.
+void VariableHash::RenewVariables() {
+  for (int i = 0; i < entry_count; i++) {
+    Variable* variable = entries[i].variable;
+    if (!variable || variable->Renew()) continue;
+    entries[i].variable = nullptr;
+    entries[i].version = 0;
+    variable->Release();
+  }
+}
+
 void VariableHash::ReleaseEntries() {
   for (int i = 0; i < entry_count; i++) {
     if (entries[i].variable) entries[i].variable->Release();

@@ -132,12 +132,12 @@ class VariableHash {
   // it is none any more, since it has got a name of its own.
   bool Renew(const VariableHash& source) {
     if (entry_count != source.entry_count || index != source.index || error_.data) return false;
-    for (int i = 0; i < entry_count; i++) {
-      Variable* variable = entries[i].variable;
-      if (!variable || variable->Renew()) continue;
-      entries[i].variable = nullptr;
-      entries[i].version = 0;
-      variable->Release();
+    const _VH_Entry* const end = entries + entry_count;
+    for (const _VH_Entry* row = entries; row != end; row++) {
+      if (row->variable && !row->variable->RenewNumber()) [[unlikely]] {
+        RenewVariables();
+        break;
+      }
     }
     return true;
   }
@@ -204,6 +204,7 @@ class VariableHash {
   void FreeEntries(_VH_Entry* rows, int allocated);
   void MakeRoom();
   void OwnIndex();
+  void RenewVariables();
   void ReleaseIndex();
   void ReleaseEntries();
   bool Fail(TaggedFile* file);

@@ -456,7 +456,6 @@ const char* ZephVM::SourceFile(int* length) {
 void ZephVM::Push_Feature(Feature* feature) {
   feature->SetSerial(++root->feature_serials);
   features.Push(feature);
-  open_features++;
 }
 
 Feature* ZephVM::Lookup_Feature(int type) {
@@ -473,7 +472,6 @@ void ZephVM::Pop_Feature(Feature* wanted) {
   for (;;) {
     features.Top();
     Feature* top = features.Pop();
-    open_features--;
     if (top == wanted) break;
     Drop(top);
   }

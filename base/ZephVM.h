@@ -208,6 +208,9 @@ class ZephVM {
 
   ZephApplication* Application() { return application; }
   ZephVM_Frame* CurrentFrame() { return frame; }
+  // The current frame's serial number, for a feature that is to end with the frame. Few frames have
+  // one, so it is given when somebody asks.
+  long FrameSerial();
   ZephVM_Stack* CurrentStack() { return stack; }
   VariableHash* SystemVariables() { return system_variables; }
   VariableHash* GlobalVariables() { return global_variables; }
@@ -234,7 +237,7 @@ class ZephVM {
   std::unique_ptr<ZephVM_Frame> CloneFrame(ZephVM_Frame* original);
   void SetScriptDirectory();
   void EnterFrame(ZephVM_Frame* new_frame) {
-    new_frame->serial = ++frame_serials;
+    new_frame->serial = 0;
     frame = new_frame;
     stack = frame->stack;
   }
@@ -307,6 +310,8 @@ class ZephVM {
   ZephVM_FunctionFrame* FrameFor(Function* function);
   void KeepFrame(ZephVM_FunctionFrame* left);
   int SimpleParameters(Function* function);
+  // All of the machine's run is logged, or none of it.
+  bool ReturnsNeedNoRecord() const;
   static constexpr long NoMode = LONG_MIN;  // none of the modes, which are of any int
   void SetOutputMode(int mode);
   void TakeArguments(Function* function, VariableHash* locals);
@@ -467,7 +472,6 @@ class ZephVM {
   // Of the next localized text; null until one is set.
   std::unique_ptr<VariableHash> text_parameters;
   Stack<Feature> features;
-  int open_features = 0;  // on the stack
   // Features that were taken off under another one: no beats, no ends, deleted with the machine.
   List<Feature> dropped_features;
   // Compiled once, by text: a loop may open its import again and again.

@@ -87,6 +87,7 @@ ZephVM_FunctionFrame* ZephVM::FrameFor(Function* function) {
     if (idle && idle->function == function) {
       idle_frames[index] = idle->next_idle;
       idle->return_code = 0;
+      idle->returns_hot = ReturnsNeedNoRecord();
       return idle;
     }
   }
@@ -95,8 +96,7 @@ ZephVM_FunctionFrame* ZephVM::FrameFor(Function* function) {
   auto made = std::make_unique<ZephVM_FunctionFrame>(0, 0, function);
   made->Set_LocalVariable_Hash(new VariableHash(function->variables()), true);
   made->Set_Stack(new ZephVM_Stack(this), true);
-  // All of the machine's run is logged, or none of it.
-  if (index < all && (log_mask & Log_OfCalls) == 0) {
+  if (index < all && ReturnsNeedNoRecord()) {
     made->simple_parameters = SimpleParameters(function);
     made->returns_hot = true;
   }
@@ -106,6 +106,10 @@ ZephVM_FunctionFrame* ZephVM::FrameFor(Function* function) {
   made->locals = &function->variables();
   made->simple_mode = OutputModeIn(0, function->flags());
   return made.release();
+}
+
+bool ZephVM::ReturnsNeedNoRecord() const {
+  return (log_mask & Log_OfCalls) == 0;
 }
 
 int ZephVM::SimpleParameters(Function* function) {
@@ -236,6 +240,16 @@ void ZephVM::LogReturn(ZephVM_FunctionFrame* left, bool with_value) {
     WriteLog(Log_FunctionReturnValue, {name, result});
   }
   if (WantsLog(Log_FunctionReturn)) WriteLog(Log_FunctionReturn, {name});
+}
+
+// A frame with features is left by the handlers of returns, which end them.
+long ZephVM::FrameSerial() {
+  if (frame->serial == 0) {
+    frame->serial = ++frame_serials;
+    frame->returns_hot = false;
+    frame->return_code = 0;
+  }
+  return frame->serial;
 }
 
 // The lowest of the frame's features is closed; those above it wait for the end of the machine.

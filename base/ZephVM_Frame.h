@@ -46,12 +46,17 @@ class ZephVM_Frame {
   int output_mode = 0;               // what Output::SetFlags gets while the frame is current
   ZephVM_Frame* previous = nullptr;  // the caller; null at the base of a run
 
-  // Told apart from all other frames of the machine, also from those that are gone. Set by the
-  // machine.
+  // Told apart from all other frames of the machine, also from those that are gone; 0 until the
+  // machine is asked for it, see ZephVM::FrameSerial().
   long serial = 0;
-  // Whether it is of a function, so that there is a caller, and its return needs no record: then
-  // the hot loop may return from it.
+
+  // --- For the hot loop --------------------------------------------------------------------------
+  // Whether it is of a function, so that there is a caller, and all that its return has to do is to
+  // hand over a value.
   bool returns_hot = false;
+  // The HotCode::serial() of the code that called it and that it returns to, if that was decoded
+  // and returns_hot holds; else 0.
+  long return_code = 0;
 };
 
 // The activation of a function of the script.
@@ -76,12 +81,10 @@ class ZephVM_FunctionFrame : public ZephVM_Frame {
   int entry_offset = -1;
   size_t place = 0;                // the function's index
   VariableHash* locals = nullptr;  // the template of its local variables
-  // Where the function begins and where it goes on behind the call, and the HotCode::serial() of
-  // the code that these are records of; 0 for none.
+  // With a return_code, the records of that code where the function begins and where it goes on
+  // behind the call. While the frame is kept the former holds, and so does return_segment.
   const HotOp* entry = nullptr;
   const HotOp* return_op = nullptr;
-  long entry_code = 0;
-  long return_code = 0;
 };
 
 // The filter of an import, which judges a record. Its code is an expression, and where its segment

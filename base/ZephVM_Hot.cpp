@@ -30,27 +30,42 @@ inline int Read(int* shared) {
 }
 
 // Whether a variable has a form of a number that value_double() gives. What goes beyond a number
-// alone stands apart, and nothing is read before all is known to be one: so no number has to be
-// kept in memory across a call.
+// alone stands apart, and nothing is read before all operands are known to be numbers: so no number
+// has to be kept in memory across a call.
 [[gnu::noinline]] bool HasNumberBeside(const Variable* variable) {
   const unsigned forms = variable->plain_forms();
   return (forms & Variable::DoubleForm) || forms == Variable::IntegerForm;
-}
-[[gnu::always_inline]] inline bool HasNumber(const Variable* variable) {
-  return variable->HoldsDouble() || variable->HoldsInteger() || HasNumberBeside(variable);
 }
 
 // The same for a comparison, which goes by the text first.
 [[gnu::noinline]] bool IsComparableBeside(const Variable* variable) {
   return HasNumberBeside(variable) && !(variable->plain_forms() & Variable::TextForm);
 }
-[[gnu::always_inline]] inline bool IsComparable(const Variable* variable) {
-  return variable->HoldsDouble() || variable->HoldsInteger() || IsComparableBeside(variable);
+
+using Suitable = bool (*)(const Variable*);
+
+template <Suitable Beside>
+[[gnu::always_inline]] inline bool Has(const Variable* variable) {
+  return variable->HoldsDouble() || variable->HoldsInteger() || Beside(variable);
 }
 
 // The number of a variable that has one.
 [[gnu::always_inline]] inline double NumberOf(const Variable* variable) {
   return variable->has_double() ? variable->plain_double() : variable->plain_integer();
+}
+
+// Both in one, for the operand that is looked at last.
+template <Suitable Beside>
+[[gnu::always_inline]] inline bool Find(const Variable* variable, double* number) {
+  if (variable->HoldsDouble()) [[likely]] {
+    *number = variable->plain_double();
+  } else if (variable->HoldsInteger()) {
+    *number = variable->plain_integer();
+  } else {
+    if (!Beside(variable)) return false;
+    *number = NumberOf(variable);
+  }
+  return true;
 }
 
 // As value_integer() gives it.
@@ -63,10 +78,10 @@ inline int Read(int* shared) {
   return (forms & Variable::DoubleForm) != 0;
 }
 
-template <bool (*Suits)(const Variable*)>
+template <Suitable Beside>
 bool IsNumber(const Entry* entry) {
   return entry->kind <= ZephVM_Stack::KindDouble ||
-         (entry->kind == ZephVM_Stack::KindVariable && Suits(entry->value.variable));
+         (entry->kind == ZephVM_Stack::KindVariable && Has<Beside>(entry->value.variable));
 }
 
 double NumberIn(const Entry* entry) {
@@ -77,9 +92,9 @@ double NumberIn(const Entry* entry) {
 
 // Makes doubles of the two entries on top, for an operation that takes both off as numbers; false,
 // and nothing done, if one is none.
-template <bool (*Suits)(const Variable*)>
+template <Suitable Beside>
 [[gnu::noinline]] bool MakeTwoDoubles(Entry* top) {
-  if (!IsNumber<Suits>(top - 1) || !IsNumber<Suits>(top - 2)) return false;
+  if (!IsNumber<Beside>(top - 1) || !IsNumber<Beside>(top - 2)) return false;
   const double right = NumberIn(top - 1);
   const double left = NumberIn(top - 2);
   ZephVM_Stack::Free(top - 1);
@@ -110,13 +125,13 @@ template <bool (*Suits)(const Variable*)>
 
 // Moves the numbers that lie on top of a stack into the first of a function's variables, as its
 // arguments, and answers where the stack ends then; null, and the stack as it was, if one is no
-// number or does not go there as it is.
+// number or has no variable yet.
 [[gnu::noinline]] Entry* TakeNumbers(const _VH_Entry* locals, int count, Entry* top) {
   Entry* argument = top;
   for (int i = count; i-- > 0;) {
     --argument;
     Variable* variable = locals[i].variable;
-    if (!variable || !variable->IsPlain()) return nullptr;
+    if (!variable) return nullptr;
     if (argument->kind == ZephVM_Stack::KindDouble) {
       variable->Write_Double(argument->value.number);
     } else if (argument->kind == ZephVM_Stack::KindInteger) {
@@ -159,15 +174,18 @@ template <typename Number>
     *order = OrderOf(left->plain_integer(), right);
     return true;
   }
-  if (!IsComparable(left)) return false;
-  *order = OrderOf<double>(NumberOf(left), right);
+  double number;
+  if (!Find<IsComparableBeside>(left, &number)) return false;
+  *order = OrderOf<double>(number, right);
   return true;
 }
 
 [[gnu::always_inline]] inline bool FindOrder(const Variable* left, const Variable* right,
                                              int* order) {
-  if (!left || !right || !IsComparable(left) || !IsComparable(right)) return false;
-  *order = OrderOf(NumberOf(left), NumberOf(right));
+  if (!left || !right || !Has<IsComparableBeside>(left)) return false;
+  double number;
+  if (!Find<IsComparableBeside>(right, &number)) return false;
+  *order = OrderOf(NumberOf(left), number);
   return true;
 }
 
@@ -179,6 +197,8 @@ template <typename Number>
 }  // namespace
 
 void ZephVM::RunHot(const HotCode* hot, const HotOp* op) {
+  const auto all = static_cast<size_t>(functions ? functions->Functions() : 0);
+  if (idle_frames.size() < all) idle_frames.resize(all);
   const bool outer = in_hot;
   in_hot = true;
   HotLoop(hot, op);
@@ -190,22 +210,20 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   int* const over = timed_out;
   int* const ended = exit_flag;
   int* const beats = heartbeat_counter;
-  // Of the current frame: its stack, with where its entries end, where the first and the second of
-  // them begin, and up to where there is room for what any action pushes; and the rows of both
-  // tables, the globals first.
+  // Of the current frame: its stack, with where its entries end and begin, and up to where there is
+  // room for what any action pushes; and the rows of both tables, the globals first.
   ZephVM_Stack* s;
   Entry* top;
   const _VH_Entry* rows[2];
   unsigned counts[2];
   Entry* bottom;
-  Entry* second;
   Entry* limit;
   Variable* variable = nullptr;
   const Variable* other = nullptr;
   // Of a call or a return.
   ZephVM_FunctionFrame* called;
   const _VH_Entry* locals;
-  double argument;
+  double number_passed;
   const long code_serial = hot->serial();
   int patience = kPatience;  // jumps and calls until the next look at the flags of the host
 
@@ -244,7 +262,6 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define ASK_STACK { \
   top = s->End(); \
   bottom = s->Begin(); \
-  second = bottom + 1; \
   limit = s->Limit() - kMostPushed; }
 #define PUSH(set) { top->set; ++top; }
 // In place of what is on top, or of the two that are.
@@ -257,7 +274,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   --top; \
   top[-1].set; }
 #define HOLDS_ONE (top > bottom)
-#define HOLDS_TWO (top > second)
+#define HOLDS_TWO (top - 1 > bottom)
 #define HAS_ROOM (top <= limit)
 // Whether an operation finds numbers on top, which are doubles then. As the entries may have changed
 // by this, it is asked last.
@@ -265,13 +282,12 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define TWO_DOUBLES (top[-1].IsDouble() && top[-2].IsDouble())
 #define TWO_NUMBERS (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<HasNumberBeside>(top)))
 #define TWO_COMPARABLE (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<IsComparableBeside>(top)))
-#define IS_NUMBER(variable) ((variable) && HasNumber(variable))
-// Whether a frame is kept for the function that a call is of, and what it begins with is known:
-// then called is the frame, with its locals.
+#define IS_NUMBER(variable) ((variable) && Has<HasNumberBeside>(variable))
+// Whether a frame is kept for the function that a call is of, and was made ready for calls from
+// here: then called is the frame, with its locals, which are as new where they are there.
 #define KNOWS_CALLED \
-  (called = static_cast<unsigned>(op->first) < idle_frames.size() \
-       ? idle_frames[static_cast<unsigned>(op->first)] : nullptr, \
-   called && called->entry_code == code_serial && frame_count < MostFrames && \
+  (called = idle_frames[static_cast<unsigned>(op->first)], \
+   called && called->return_code == code_serial && frame_count < MostFrames && \
    (locals = called->variables->Rows(&counts[1]), true))
 
 // All forms of an operation on the doubles a and b. What is an entry on top already stays one.
@@ -291,6 +307,13 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     variable->Write_Double(result);                                                        \
     NEXT(2)                                                                                \
   }                                                                                        \
+  on_##name##Return: {                                                                     \
+    SINGLE_UNLESS(frame->return_code == code_serial && TWO_NUMBERS)                        \
+    const double a = top[-2].value.number, b = top[-1].value.number;                       \
+    top -= 2;                                                                              \
+    number_passed = result;                                                                \
+    goto return_number;                                                                    \
+  }                                                                                        \
   on_##name##Constant: {                                                                   \
     SINGLE_UNLESS(HAS_ROOM && ONE_NUMBER)                                                  \
     const double a = top[-1].value.number, b = op->number;                                 \
@@ -307,7 +330,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   on_##name##Element: {                                                                    \
     double b; int number;                                                                  \
     variable = VARIABLE(op);                                                               \
-    SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumber>(top - 1) && variable &&     \
+    SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumberBeside>(top - 1) && variable && \
                   IntegerOf(VARIABLE(op + 1), &number) && number >= 1 &&                   \
                   variable->ReadElement(number, &b))                                       \
     if (!top[-1].IsDouble()) MakeDouble(top);                                              \
@@ -317,16 +340,18 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   }                                                                                        \
   on_##name##VariableConstant: {                                                           \
     variable = VARIABLE(op);                                                               \
-    SINGLE_UNLESS(HAS_ROOM && IS_NUMBER(variable))                                         \
-    const double a = NumberOf(variable), b = op[1].number;                                 \
+    double a;                                                                              \
+    SINGLE_UNLESS(HAS_ROOM && variable && Find<HasNumberBeside>(variable, &a))             \
+    const double b = op[1].number;                                                         \
     PUSH(SetDouble(result))                                                                \
     NEXT(3)                                                                                \
   }                                                                                        \
   on_##name##VariableConstantCall: {                                                       \
     variable = VARIABLE(op);                                                               \
-    SINGLE_UNLESS(HAS_ROOM && IS_NUMBER(variable))                                         \
-    const double a = NumberOf(variable), b = op[1].number;                                 \
-    argument = result;                                                                     \
+    double a;                                                                              \
+    SINGLE_UNLESS(HAS_ROOM && variable && Find<HasNumberBeside>(variable, &a))             \
+    const double b = op[1].number;                                                         \
+    number_passed = result;                                                                \
     op += 3;                                                                               \
     goto call_with_number;                                                                 \
   }                                                                                        \
@@ -339,16 +364,18 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   on_##name: {                                                                             \
     SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindVariable)     \
     variable = top[-1].value.variable;                                                     \
-    SINGLE_UNLESS(HasNumber(variable) && (condition))                                      \
-    const double a = NumberOf(variable), b = operand;                                      \
+    double a;                                                                              \
+    SINGLE_UNLESS((condition) && Find<HasNumberBeside>(variable, &a))                      \
+    const double b = operand;                                                              \
     variable->Write_Double(result);                                                        \
     --top;                                                                                 \
     ZephVM_Stack::Free(top);                                                               \
     NEXT(5)                                                                                \
   }                                                                                        \
   found_##name: {                                                                          \
-    if (!(HasNumber(variable) && (condition))) [[unlikely]] goto push_found;               \
-    const double a = NumberOf(variable), b = operand;                                      \
+    double a;                                                                              \
+    if (!((condition) && Find<HasNumberBeside>(variable, &a))) [[unlikely]] goto push_found; \
+    const double b = operand;                                                              \
     variable->Write_Double(result);                                                        \
     NEXT(5)                                                                                \
   }
@@ -363,14 +390,15 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   }                                                                                        \
   on_##name##VariableConstantJump: {                                                       \
     variable = VARIABLE(op);                                                               \
-    SINGLE_UNLESS(HAS_ROOM && variable && IsComparable(variable))                          \
-    const double a = NumberOf(variable), b = op[1].number;                                 \
+    double a;                                                                              \
+    SINGLE_UNLESS(HAS_ROOM && variable && Find<IsComparableBeside>(variable, &a))          \
+    const double b = op[1].number;                                                         \
     JUMP_IF((holds) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)               \
   }
 #define JUMP_ON(name, holds)                                                               \
   on_##name: {                                                                             \
     int order;                                                                             \
-    LEAVE_UNLESS(HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindInteger)                    \
+    LEAVE_UNLESS(HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindInteger)                   \
     --top;                                                                                 \
     order = top->value.integer;                                                            \
     JUMP_IF(holds, op, 1)                                                                  \
@@ -378,7 +406,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define ELEMENT(name, create)                                                              \
   on_##name: {                                                                             \
     int number;                                                                            \
-    LEAVE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable)                   \
+    LEAVE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable)                  \
     variable = top[-2].value.variable;                                                     \
     LEAVE_UNLESS(variable->IsPlain() && IntegerIn(top - 1, &number) && number >= 1)        \
     variable = variable->At(number, create);                                               \
@@ -390,7 +418,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   on_##name##OfVariable: {                                                                 \
     int number;                                                                            \
     variable = VARIABLE(op);                                                               \
-    SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain() &&                        \
+    SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain() &&                           \
                   IntegerOf(VARIABLE(op + 1), &number) && number >= 1)                     \
     variable = variable->At(number, create);                                               \
     PUSH(SetVariable(variable ? variable : null_variable))                                 \
@@ -398,7 +426,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   }
 #define MEMBER(name, create)                                                               \
   on_##name: {                                                                             \
-    LEAVE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable)                   \
+    LEAVE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable)                  \
     LEAVE_UNLESS(top[-1].kind == ZephVM_Stack::KindString && !top[-1].deferred)            \
     variable = top[-2].value.variable;                                                     \
     LEAVE_UNLESS(variable->IsPlain())                                                      \
@@ -410,7 +438,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   }                                                                                        \
   on_##name##OfVariable: {                                                                 \
     variable = VARIABLE(op);                                                               \
-    SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain())                          \
+    SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain())                             \
     variable = variable->Member(op[1].text, op[1].length, create);                         \
     PUSH(SetVariable(variable ? variable : null_variable))                                 \
     NEXT(3)                                                                                \
@@ -742,12 +770,13 @@ written:
   GO_TO(op->action);
 
 // Most calls are of a function here, with numbers for its arguments, and a frame is kept for it.
+// The result will have room where the caller's stack ends.
 on_Call:
-  if (!KNOWS_CALLED) goto unknown_called;
-  if (called->simple_parameters == 1 && HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindDouble &&
-      locals->variable && locals->variable->IsPlain()) {
+  if (!(KNOWS_CALLED && HAS_ROOM)) [[unlikely]]
+    goto unknown_called;
+  if (called->simple_parameters == 1 && HOLDS_ONE && top[-1].IsDouble() && locals->variable) {
     --top;
-    locals->variable->Write_Double(top->value.number);
+    locals->variable->Begin(top->value.number);
   } else {
     const int count = called->simple_parameters;
     Entry* const taken = top - count >= bottom ? TakeNumbers(locals, count, top) : nullptr;
@@ -755,17 +784,16 @@ on_Call:
     top = taken;
   }
 enter : {
-  TELL_STACK
-  idle_frames[called->place] = called->next_idle;
   ZephVM_Frame* const caller = frame;
-  called->return_segment = loaded_segment;
+  TELL_STACK
+  idle_frames[static_cast<unsigned>(op->first)] = called->next_idle;
   called->return_offset = op[1].start;
   called->return_op = op + 1;
-  called->return_code = code_serial;
   called->error_output = caller->error_output;
   called->output_mode = called->simple_mode;
   called->previous = caller;
-  if (hot_mode != called->simple_mode) SetOutputMode(called->simple_mode);
+  if (hot_mode != called->simple_mode) [[unlikely]]
+    SetOutputMode(called->simple_mode);
   frame_count++;
   op = called->entry;
   rows[1] = locals;
@@ -778,19 +806,20 @@ enter : {
 }
 // The number would be on top now, and is the only argument in most cases.
 call_with_number:
-  if (KNOWS_CALLED && called->simple_parameters == 1 && locals->variable &&
-      locals->variable->IsPlain()) {
-    locals->variable->Write_Double(argument);
+  if (KNOWS_CALLED && called->simple_parameters == 1 && locals->variable) [[likely]] {
+    locals->variable->Begin(number_passed);
     goto enter;
   }
-  PUSH(SetDouble(argument))
+  PUSH(SetDouble(number_passed))
   goto on_Call;
 unknown_called:
-  if (called && called->simple_parameters >= 0 && called->entry_code != code_serial &&
+  if (called && called->simple_parameters >= 0 && called->return_code != code_serial &&
       called->entry_segment == loaded_segment) {
     called->entry = hot->At(called->entry_offset);
     if (called->entry) {
-      called->entry_code = code_serial;
+      called->return_segment = loaded_segment;
+      called->return_code = code_serial;
+      called->returns_hot = true;
       goto on_Call;
     }
   }
@@ -810,7 +839,7 @@ call : {
 }
 
 on_Return : {
-  LEAVE_UNLESS(frame->returns_hot && open_features == 0 && HOLDS_ONE)
+  LEAVE_UNLESS(frame->returns_hot && HOLDS_ONE)
   ZephVM_Stack* const callers = frame->previous->stack;
   Entry* const value = callers->End();
   LEAVE_UNLESS(callers->HasRoom(1))
@@ -823,44 +852,46 @@ on_Return : {
 }
 // A number in a variable that nobody has but the function: to whom a number is all the same, gets
 // it alone.
-on_ReturnVariable : {
+on_ReturnVariable:
   variable = VARIABLE(op);
-  SINGLE_UNLESS(frame->returns_hot && open_features == 0 && HAS_ROOM)
-  called = static_cast<ZephVM_FunctionFrame*>(frame);
-  ZephVM_Stack* const callers = called->previous->stack;
+  SINGLE_UNLESS(HAS_ROOM && variable && frame->return_code == code_serial &&
+                static_cast<ZephVM_FunctionFrame*>(frame)->return_op->after_number &&
+                Find<HasNumberBeside>(variable, &number_passed) && variable->plain_count() == 1)
+return_number : {
+  ZephVM_Stack* const callers = frame->previous->stack;
   Entry* const value = callers->End();
-  SINGLE_UNLESS(called->return_code == code_serial && called->return_op->after_number &&
-                IS_NUMBER(variable) && variable->plain_count() == 1 && callers->HasRoom(1))
-  value->SetDouble(NumberOf(variable));
+  value->SetDouble(number_passed);
   callers->SetEnd(value + 1);
 }
-// The value is on the caller's stack. What else there is on the function's own goes with the frame.
-returned:
-  while (HOLDS_ONE) ZephVM_Stack::Free(--top);
+// The value is on the caller's stack. What else there is on the function's own goes with the frame,
+// which is kept.
+returned : {
+  while (HOLDS_ONE) [[unlikely]] ZephVM_Stack::Free(--top);
   TELL_STACK
   called = static_cast<ZephVM_FunctionFrame*>(frame);
-  frame = called->previous;
-  stack = s = frame->stack;
+  ZephVM_Frame* const caller = called->previous;
+  frame = caller;
+  stack = s = caller->stack;
   frame_count--;
-  // The frame is gone behind this, but for where it led to.
-  wanted_segment = called->return_segment;
-  program_counter = called->return_offset;
-  op = called->return_code == code_serial ? called->return_op : nullptr;
-  if (called->simple_parameters >= 0 && called->variables->Renew(*called->locals)) {
-    called->next_idle = idle_frames[called->place];
-    idle_frames[called->place] = called;
+  if (called->return_code == code_serial && called->variables->Renew(*called->locals)) [[likely]] {
+    op = called->return_op;
+    ZephVM_FunctionFrame** const idle = &idle_frames[called->place];
+    called->next_idle = *idle;
+    *idle = called;
   } else {
+    wanted_segment = called->return_segment;
+    program_counter = called->return_offset;
+    op = wanted_segment == loaded_segment ? hot->At(program_counter) : nullptr;
     KeepFrame(called);
   }
-  if (hot_mode != frame->output_mode) SetOutputMode(frame->output_mode);
-  if (!op) {
-    if (wanted_segment != loaded_segment) return;
-    op = hot->At(program_counter);
-    if (!op) return;
-  }
+  if (hot_mode != caller->output_mode) [[unlikely]]
+    SetOutputMode(caller->output_mode);
+  if (!op) [[unlikely]]
+    return;
   ASK_STACK
-  rows[1] = frame->variables->Rows(&counts[1]);
+  rows[1] = caller->variables->Rows(&counts[1]);
   GO_TO(op->action);
+}
 
 look:
   patience = kPatience;

@@ -448,10 +448,13 @@ TEST(HotCode, AnyDepthOfTheStackDoesTheSameHotAndCold) {
     program +=
         "pushg n\npushi 2\nadd\npopg sum\npushg n\npushg n\nmul\npopg square\n"
         "pushg s\npushc \"m\"\nmemb\ndup\npushi 1\nadd\nswap\nstore\n"
-        "pushg a\npushg n\nelem\ndup\npushg n\nadd\nswap\nstore\n";
+        "pushg a\npushg n\nelem\ndup\npushg n\nadd\nswap\nstore\n"
+        "pushg n\npushi 2\nmul\ncall less\npopg odd\ncall seven\npopg seven\n";
     for (int i = 0; i < depth; i++) program += "pop\n";
     program +=
-        "cmpgi n, " + std::to_string(kRounds) + "\njmp_lt again\npushg s\nout\npushg a\nout\n";
+        "cmpgi n, " + std::to_string(kRounds) +
+        "\njmp_lt again\npushg s\nout\npushg a\nout\nexit\n"
+        ".function less(x)\npushl x\npushi 1\nsub\nret\n.end\n.function seven()\npushi 7\nret\n";
     Machine hot, cold;
     hot.Assemble(program);
     cold.Assemble(program);
@@ -459,7 +462,8 @@ TEST(HotCode, AnyDepthOfTheStackDoesTheSameHotAndCold) {
     EXPECT_EQ(hot.Go(), cold.Go());
     EXPECT_EQ(hot.Output(), cold.Output());
     EXPECT_EQ(hot.Error(), cold.Error());
-    for (const char* name : {"n", "sum", "square"}) EXPECT_EQ(hot.Value(name), cold.Value(name));
+    for (const char* name : {"n", "sum", "square", "odd", "seven"})
+      EXPECT_EQ(hot.Value(name), cold.Value(name));
   }
 }
 
@@ -525,6 +529,50 @@ TEST(HotCode, ASumBelowTwoParametersIsTheLast) {
       std::to_string(kRounds) + "\njmp_lt again\nexit\n" +
       ".function f(x, y)\npushl x\npushl y\ncat\nret\n";
   ExpectTheSameHotAndCold(program);
+}
+
+// A frame's features end with its return, however often frames of the function returned before, and
+// those of its callers stay.
+TEST(HotCode, AReturnEndsTheFeaturesOfItsFunction) {
+  ExpectTheSameHotAndCold(
+      "storegi n, 0\npushg all\ncapture\nagain: incg n, 1\n"
+      "pushg n\npushi 1\nadd\ncall plain\nout\npushg n\ncall caught\nout\n"
+      "pushg n\npushi 3\nmul\ncall plain\nout\ncmpgi n, " +
+      std::to_string(2 * kRounds) +
+      "\njmp_lt again\ncapture_end\npushg all\nout\npushg text\nout\nexit\n"
+      ".function plain(x)\npushl x\npushi 2\nmul\nret\n.end\n"
+      ".function caught(x)\npushl x\npushi 9\nmod\njmp_ne no\npushg text\ncapture\npushl x\nout\n"
+      "no: pushl x\npushl x\nadd\nret\n");
+}
+
+// Calls of one function with arguments of all kinds take turns, so that its frames are entered by
+// either loop.
+TEST(HotCode, AFrameServesCallsOfEitherLoop) {
+  ExpectTheSameHotAndCold(
+      "storegi n, 0\nagain: incg n, 1\npushg n\npushg n\ncall pair\nout\n"
+      "pushg n\npushc \"b\"\ncall pair\nout\npushc \"a\"\npushg n\ncall pair\nout\n"
+      "pushf 0.5\npushi 3\ncall pair\nout\npushg n\npushi 1\nadd\ncall one\nout\n"
+      "pushc \"c\"\ncall one\nout\npushg n\npushi 2\nmul\ncall one\nout\ncmpgi n, " +
+      std::to_string(kRounds) +
+      "\njmp_lt again\nexit\n"
+      ".function pair(x, y)\n.local t\npushl x\npushl y\ncat\npopl t\npushl t\nret\n.end\n"
+      ".function one(x)\n.local t\npushl t\nout\npushl x\npopl t\npushl x\npushl t\nadd\nret\n");
+}
+
+TEST(HotCode, ACallOfNoFunctionTellsItsOwnPlace) {
+  for (int index : {-1, 1, 1 << 30}) {
+    SCOPED_TRACE(index);
+    Machine hot, cold;
+    for (Machine* machine : {&hot, &cold}) {
+      Loop(machine, kRounds, [] {});
+      machine->Op(pushi, 1).Op(call, index);
+    }
+    KeepCold(&cold);
+    EXPECT_EQ(hot.Go(), 0);
+    EXPECT_EQ(cold.Go(), 0);
+    EXPECT_NE(hot.Error().find("Invalid function call"), std::string::npos);
+    EXPECT_EQ(hot.Error(), cold.Error());
+  }
 }
 
 // --- The log -------------------------------------------------------------------------------------
