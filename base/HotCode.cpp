@@ -101,6 +101,15 @@ bool IsArithmetic(HotAction action) {
   return action >= HotAction::Add && action <= HotAction::Div;
 }
 
+bool IsComparison(HotAction action) {
+  return action >= HotAction::Equal && action <= HotAction::GreaterEqual;
+}
+
+// Whether it is a jump on the truth that a comparison leaves.
+bool IsTest(HotAction action) {
+  return action == HotAction::JumpEqual || action == HotAction::JumpNotEqual;
+}
+
 long NextSerial() {
   static std::atomic<long> last{0};
   return ++last;
@@ -281,7 +290,7 @@ HotAction HotCode::Idiom(size_t i) const {
 HotAction HotCode::IdiomOfVariableAndConstant(size_t i) const {
   const HotAction operation = ops[i + 2].single;
   const HotAction after = ops[i + 3].single;
-  const bool tested = after == HotAction::JumpEqual || after == HotAction::JumpNotEqual;
+  const bool tested = IsTest(after);
   if (IsArithmetic(operation)) {
     if (after == HotAction::Call) {
       return Shifted(operation, HotAction::Add, HotAction::AddVariableConstantCall);
@@ -291,14 +300,19 @@ HotAction HotCode::IdiomOfVariableAndConstant(size_t i) const {
   if (operation == HotAction::Mod) {
     return tested ? HotAction::ModVariableConstantJump : HotAction::ModVariableConstant;
   }
-  if (tested && operation >= HotAction::Equal && operation <= HotAction::GreaterEqual) {
+  if (tested && IsComparison(operation)) {
     return Shifted(operation, HotAction::Equal, HotAction::EqualVariableConstantJump);
   }
   return HotAction::PushVariable;
 }
 
 HotAction HotCode::IdiomOfVariables(size_t i) const {
+  const HotAction operation = ops[i + 2].single;
   const HotAction next = ops[i + 3].single;
+  if (IsArithmetic(operation)) return Shifted(operation, HotAction::Add, HotAction::AddVariables);
+  if (IsComparison(operation) && IsTest(next)) {
+    return Shifted(operation, HotAction::Equal, HotAction::EqualVariablesJump);
+  }
   if (Is(i + 2, HotAction::Element)) {
     if (IsUpdate(i + 3)) return HotAction::ElementOfVariableUpdate;
     return next == HotAction::Store ? HotAction::ElementOfVariableStore

@@ -28,6 +28,7 @@ class FunctionManager;
 //   ...VariableConstant           a variable, a constant, and an operation on the two
 //   ...VariableConstantJump       the same, with a jump on the outcome
 //   ...VariableConstantCall       the same, with a call of a function that takes the outcome
+//   ...Variables, ...VariablesJump  the same of two variables
 //   ...Constant, ...Variable      a constant or a variable, and an operation on the top and it
 //   Out...                        a constant text or a variable, written to the output
 //   OutRounded                    a constant, the top rounded to so many decimals and written
@@ -69,12 +70,16 @@ class FunctionManager;
   ACTION(OutRounded) ACTION(ConcatenateTextVariable) ACTION(ConcatenateVariableText)                 \
   ACTION(AddVariableConstant) ACTION(SubVariableConstant)                                            \
   ACTION(MulVariableConstant) ACTION(DivVariableConstant)                                            \
+  ACTION(AddVariables) ACTION(SubVariables) ACTION(MulVariables) ACTION(DivVariables)                \
   ACTION(AddVariableConstantCall) ACTION(SubVariableConstantCall)                                    \
   ACTION(MulVariableConstantCall) ACTION(DivVariableConstantCall)                                    \
   ACTION(ModVariableConstant) ACTION(ModVariableConstantJump) ACTION(ModConstant)                    \
   ACTION(EqualVariableConstantJump) ACTION(NotEqualVariableConstantJump)                             \
   ACTION(LessVariableConstantJump) ACTION(LessEqualVariableConstantJump)                             \
   ACTION(GreaterVariableConstantJump) ACTION(GreaterEqualVariableConstantJump)                       \
+  ACTION(EqualVariablesJump) ACTION(NotEqualVariablesJump)                                           \
+  ACTION(LessVariablesJump) ACTION(LessEqualVariablesJump)                                           \
+  ACTION(GreaterVariablesJump) ACTION(GreaterEqualVariablesJump)                                     \
   ACTION(AddConstant) ACTION(SubConstant) ACTION(MulConstant) ACTION(DivConstant)                    \
   ACTION(AddVariable) ACTION(SubVariable) ACTION(MulVariable) ACTION(DivVariable)                    \
   ACTION(AddElement) ACTION(SubElement) ACTION(MulElement) ACTION(DivElement)                        \

@@ -283,6 +283,10 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define TWO_NUMBERS (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<HasNumberBeside>(top)))
 #define TWO_COMPARABLE (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<IsComparableBeside>(top)))
 #define IS_NUMBER(variable) ((variable) && Has<HasNumberBeside>(variable))
+#define IS_COMPARABLE(variable) ((variable) && Has<IsComparableBeside>(variable))
+// The same, and *number is the number.
+#define FIND_NUMBER(variable, number) ((variable) && Find<HasNumberBeside>(variable, number))
+#define FIND_COMPARABLE(variable, number) ((variable) && Find<IsComparableBeside>(variable, number))
 // Whether a frame is kept for the function that a call is of, and was made ready for calls from
 // here: then called is the frame, with its locals, which are as new where they are there.
 #define KNOWS_CALLED \
@@ -338,10 +342,19 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     top[-1].value.number = result;                                                         \
     NEXT(4)                                                                                \
   }                                                                                        \
+  on_##name##Variables: {                                                                  \
+    variable = VARIABLE(op);                                                               \
+    other = VARIABLE(op + 1);                                                              \
+    double b;                                                                              \
+    SINGLE_UNLESS(HAS_ROOM && IS_NUMBER(variable) && FIND_NUMBER(other, &b))               \
+    const double a = NumberOf(variable);                                                   \
+    PUSH(SetDouble(result))                                                                \
+    NEXT(3)                                                                                \
+  }                                                                                        \
   on_##name##VariableConstant: {                                                           \
     variable = VARIABLE(op);                                                               \
     double a;                                                                              \
-    SINGLE_UNLESS(HAS_ROOM && variable && Find<HasNumberBeside>(variable, &a))             \
+    SINGLE_UNLESS(HAS_ROOM && FIND_NUMBER(variable, &a))                                   \
     const double b = op[1].number;                                                         \
     PUSH(SetDouble(result))                                                                \
     NEXT(3)                                                                                \
@@ -349,7 +362,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   on_##name##VariableConstantCall: {                                                       \
     variable = VARIABLE(op);                                                               \
     double a;                                                                              \
-    SINGLE_UNLESS(HAS_ROOM && variable && Find<HasNumberBeside>(variable, &a))             \
+    SINGLE_UNLESS(HAS_ROOM && FIND_NUMBER(variable, &a))                                   \
     const double b = op[1].number;                                                         \
     number_passed = result;                                                                \
     op += 3;                                                                               \
@@ -391,8 +404,16 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   on_##name##VariableConstantJump: {                                                       \
     variable = VARIABLE(op);                                                               \
     double a;                                                                              \
-    SINGLE_UNLESS(HAS_ROOM && variable && Find<IsComparableBeside>(variable, &a))          \
+    SINGLE_UNLESS(HAS_ROOM && FIND_COMPARABLE(variable, &a))                               \
     const double b = op[1].number;                                                         \
+    JUMP_IF((holds) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)               \
+  }                                                                                        \
+  on_##name##VariablesJump: {                                                              \
+    variable = VARIABLE(op);                                                               \
+    other = VARIABLE(op + 1);                                                              \
+    double b;                                                                              \
+    SINGLE_UNLESS(HAS_ROOM && IS_COMPARABLE(variable) && FIND_COMPARABLE(other, &b))       \
+    const double a = NumberOf(variable);                                                   \
     JUMP_IF((holds) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)               \
   }
 #define JUMP_ON(name, holds)                                                               \
@@ -938,6 +959,9 @@ on_Leave:
 #undef TWO_NUMBERS
 #undef TWO_COMPARABLE
 #undef IS_NUMBER
+#undef IS_COMPARABLE
+#undef FIND_NUMBER
+#undef FIND_COMPARABLE
 #undef KNOWS_CALLED
 #undef ARITHMETIC
 #undef UPDATE
