@@ -90,6 +90,10 @@ double NumberIn(const Entry* entry) {
   return NumberOf(entry->value.variable);
 }
 
+inline bool IsDouble(const Entry* entry) {
+  return entry->kind == ZephVM_Stack::KindDouble;
+}
+
 // Makes doubles of the two entries on top, for an operation that takes both off as numbers; false,
 // and nothing done, if one is none.
 template <Suitable Beside>
@@ -278,8 +282,8 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define HAS_ROOM (top <= limit)
 // Whether an operation finds numbers on top, which are doubles then. As the entries may have changed
 // by this, it is asked last.
-#define ONE_NUMBER (HOLDS_ONE && (top[-1].IsDouble() || MakeDouble(top)))
-#define TWO_DOUBLES (top[-1].IsDouble() && top[-2].IsDouble())
+#define ONE_NUMBER (HOLDS_ONE && (IsDouble(top - 1) || MakeDouble(top)))
+#define TWO_DOUBLES (IsDouble(top - 1) && IsDouble(top - 2))
 #define TWO_NUMBERS (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<HasNumberBeside>(top)))
 #define TWO_COMPARABLE (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<IsComparableBeside>(top)))
 #define IS_NUMBER(variable) ((variable) && Has<HasNumberBeside>(variable))
@@ -337,7 +341,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumberBeside>(top - 1) && variable && \
                   IntegerOf(VARIABLE(op + 1), &number) && number >= 1 &&                   \
                   variable->ReadElement(number, &b))                                       \
-    if (!top[-1].IsDouble()) MakeDouble(top);                                              \
+    if (!IsDouble(top - 1)) MakeDouble(top);                                               \
     const double a = top[-1].value.number;                                                 \
     top[-1].value.number = result;                                                         \
     NEXT(4)                                                                                \
@@ -795,7 +799,7 @@ written:
 on_Call:
   if (!(KNOWS_CALLED && HAS_ROOM)) [[unlikely]]
     goto unknown_called;
-  if (called->simple_parameters == 1 && HOLDS_ONE && top[-1].IsDouble() && locals->variable) {
+  if (called->simple_parameters == 1 && HOLDS_ONE && IsDouble(top - 1) && locals->variable) {
     --top;
     locals->variable->Begin(top->value.number);
   } else {

@@ -109,8 +109,6 @@ class ZephVM_Stack {
       value.pending->Append(bytes, count);
       MarkChained();
     }
-    // Whether the entry is a double, in one comparison.
-    bool IsDouble() const { return *reinterpret_cast<const uint64_t*>(this) == KindDouble; }
     // Whether the entry has something to free.
     bool Owns() const {
       uint16_t owned;
