@@ -530,4 +530,33 @@ TEST(FunctionCall, CallsAreLogged) {
   EXPECT_NE(machine.application.log[3].find("|0.5"), std::string::npos);
 }
 
+TEST(FunctionCall, AValueThatContainsItselfIsLoggedOnce) {
+  Machine machine;
+  machine.application.config()->SetValue_Integer(Config_log_level,
+                                                 Log_FunctionParameter | Log_FunctionReturnValue);
+  machine.Assemble(
+      Script("pushi 1\npushg v\npushi 1\nelem\nstore\npushi 3\npushg v\npushi 3\nelem\nstore\n"
+             "pushg v\npushg v\npushi 2\nelem\nrefer\npushg v\ncall f\npop\nstoregi v, 0",
+             ".function f(a var)\npushg v\nret"));
+  EXPECT_EQ(machine.Go(), 1);
+  ASSERT_EQ(machine.application.log.size(), 2u);
+  EXPECT_NE(machine.application.log[0].find("|f|a|(1,,3)"), std::string::npos);
+  EXPECT_NE(machine.application.log[1].find("|f|(1,,3)"), std::string::npos);
+}
+
+TEST(FunctionCall, AValueOfAnyDepthIsLogged) {
+  Machine machine;
+  machine.application.config()->SetValue_Integer(Config_log_level,
+                                                 Log_FunctionParameter | Log_FunctionReturnValue);
+  machine.Assemble(
+      Script("pushg root\npoprg cur\n"
+             "again: pushg cur\npushc \"m\"\nmemb\npoprg cur\nincg i, 1\ncmpgi i, 100000\n"
+             "jmp_lt again\npushi 5\npopg cur\npushg root\ncall f\npop",
+             ".function f(a)\npushl a\nret"));
+  EXPECT_EQ(machine.Go(), 1);
+  ASSERT_EQ(machine.application.log.size(), 2u);
+  EXPECT_NE(machine.application.log[0].find("|f|a|(5)"), std::string::npos);
+  EXPECT_NE(machine.application.log[1].find("|f|(5)"), std::string::npos);
+}
+
 }  // namespace

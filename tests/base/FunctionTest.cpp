@@ -463,6 +463,31 @@ TEST_F(FunctionFile, ChainsWithoutAnEndEndTheLookup) {
   }
 }
 
+// A search relies on the order of a chain: what stands behind a longer name, or behind one that
+// sorts behind, is not found, though calls by its index work.
+TEST_F(FunctionFile, AChainOutOfOrderIsSearchedToTheNameThatSortsBehind) {
+  const int ab = texts.Add("ab"), mmm = texts.Add("mmm"), aaa = texts.Add("aaa");
+  const auto section = [&](const std::vector<int>& names) {
+    std::string bytes = LE16(1) + LE(0, 1) + LE32(static_cast<long>(names.size()));
+    bytes += LE16(0) + LE32(0);
+    for (size_t i = 1; i < names.size(); i++) bytes += LE32(static_cast<long>(i));
+    bytes += LE32(-1);
+    for (const int name : names) {
+      bytes += LE32(name) + LE32(0) + LE32(1) + LE32(-1) + LE32(-1) + VariableTable(texts, {}, 8);
+    }
+    return bytes;
+  };
+  ASSERT_TRUE(Read(section({ab, mmm, aaa}))) << TextOf(functions.error());
+  EXPECT_EQ(functions.Function_Get("ab", -1), functions.Lookup(0));
+  EXPECT_EQ(functions.Function_Get("mmm", -1), functions.Lookup(1));
+  EXPECT_EQ(functions.Function_Get("aaa", -1), nullptr);
+  EXPECT_EQ(TextOf(functions.Lookup(2)->name()), "aaa");
+  ASSERT_TRUE(Read(section({aaa, ab})));
+  EXPECT_EQ(functions.Function_Get("ab", -1), nullptr);
+  ASSERT_TRUE(Read(section({ab, aaa, mmm})));
+  EXPECT_EQ(functions.Function_Get("aaa", -1), functions.Lookup(1));
+}
+
 TEST_F(FunctionFile, AFailureHasTheTextOfWhatFailed) {
   manager.files["s"] = Container({});
   ASSERT_TRUE(file.Open("s", FileMode_Read));

@@ -66,6 +66,47 @@ TEST(HostileScript, AnyInstructionOnAnyStack) {
   }
 }
 
+// A variable whose text is made anew at each read, where no text of it was before.
+class FleetingVariable : public Variable {
+ public:
+  FleetingVariable() : Variable("fleeting", 8) {}
+  int type() override { return VariableComputed; }
+  int preferred_type() override { return PrimaryText; }
+  double value_compare(int* not_numeric) override {
+    *not_numeric = 1;
+    return 0;
+  }
+  String& value() override {
+    auto made = std::make_unique<String>("x");
+    for (int i = 0; i < 40 + reads; i++) made->cat('x');
+    reads++;
+    text = std::move(made);
+    return *text;
+  }
+
+ private:
+  int reads = 0;
+  std::unique_ptr<String> text;
+};
+
+TEST(HostileScript, AComputedVariableOnAllSides) {
+  for (int i = 0; i < Instruction::RowCount; i++) {
+    const Row& row = Instruction::Rows[i];
+    SCOPED_TRACE(row.name);
+    Machine machine;
+    machine.Assemble(
+        ".global x, y\npushs fleeting\npushs fleeting\npushs fleeting\npushs fleeting\n"
+        ".function f(a)\n");
+    machine.system.SetVariable(new FleetingVariable);
+    machine.Op(row.word);
+    for (int b = 0; b < FirstOperandSize(row.word) + SecondOperandSize(row.word); b++) {
+      machine.end = machine.segments.Start()->Write_Byte(machine.end, 0);
+    }
+    machine.Op(out);
+    RunToTheEnd(&machine);
+  }
+}
+
 // Operands that are instructions themselves when a jump leads into them.
 TEST(HostileScript, JumpsIntoTheMiddleOfInstructions) {
   for (int distance = 0; distance < 40; distance++) {

@@ -560,6 +560,32 @@ TEST(ImportFilter, MayCallFunctionsThatImportThemselves) {
   EXPECT_EQ(run.Output(kRecords), "1:2|y|;2:4|y|;end");
 }
 
+// A variable whose value comes from a function of the script.
+class AskingVariable : public Variable {
+ public:
+  explicit AskingVariable(ImportRun* importing) : Variable("probe", 5), run(importing) {}
+  int type() override { return VariableComputedInteger; }
+  int IsTrue() override { return value_integer(); }
+  int value_integer() override {
+    Variable result;
+    EXPECT_EQ(run->machine.vm().RunFunction("g", 1, nullptr, &result), 1);
+    return result.value_integer();
+  }
+
+ private:
+  ImportRun* run;
+};
+
+// The end of such a run is not the end of the filter that it runs in.
+TEST(ImportFilter, ItsOperandsMayRunFunctions) {
+  ImportRun run(WithFunctions(".function g()\nincg count, 1\npushg a\npushi 2\nmod\nret\n.end\n"));
+  run.machine.system.SetVariable(new AskingVariable(&run));
+  run.Set("filter", "probe and a gt 1");
+  EXPECT_EQ(run.Output(kRecords), "1:3|x|;end");
+  EXPECT_EQ(run.machine.Value("count"), "4");
+  EXPECT_EQ(run.machine.vm().CurrentFrame()->previous, nullptr);
+}
+
 TEST(ImportFilter, AFunctionOfItsMayEndTheRunOrFail) {
   const struct {
     const char* code;

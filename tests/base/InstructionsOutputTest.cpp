@@ -4,6 +4,7 @@
 
 #include <set>
 
+#include "base/Aggregate.h"
 #include "base/Feature.h"
 #include "tests/support/Machine.h"
 
@@ -96,6 +97,29 @@ TEST(InstructionsOutput, HideWalksAggregates) {
   EXPECT_EQ(Written("pushi 1\npushg a\npushi 2\nelem\npushc \"<m>\"\nmemb\npushi 1\nelem\nstore\n"
                     "pushc \"a\"\nhide"),
             Hidden("a[2]:&lt;m&gt;[1]", "1"));
+}
+
+TEST(InstructionsOutput, HideOfAnEmptyAggregateWritesNothing) {
+  Machine machine;
+  machine.Assemble("pushc \"a,b\"\nhide");
+  Variable* array = new Variable("a", 1);
+  array->Convert_Aggregate(AggregateArray);
+  machine.global.SetVariable(array);
+  Variable* outer = new Variable("b", 1);
+  outer->Element(AggregateIndex(1), 1)->Convert_Aggregate(AggregateStructure);
+  outer->Element(AggregateIndex(2), 1)->SetValue("x", 1);
+  machine.global.SetVariable(outer);
+  EXPECT_EQ(machine.Go(), 1);
+  EXPECT_EQ(machine.Output(), Hidden("b[2]", "x"));
+}
+
+TEST(InstructionsOutput, HideOmitsWhatItIsInsideOf) {
+  EXPECT_EQ(Written("pushi 1\npushg a\npushi 1\nelem\nstore\n"
+                    "pushg a\npushg a\npushi 2\nelem\nrefer\n"
+                    "pushi 3\npushg a\npushi 3\nelem\npushc \"m\"\nmemb\nstore\n"
+                    "pushg a\npushg a\npushi 3\nelem\npushc \"up\"\nmemb\nrefer\n"
+                    "pushc \"a\"\nhide\nstoregi a, 0"),
+            Hidden("a[1]", "1") + Hidden("a[3]:m", "3"));
 }
 
 TEST(InstructionsOutput, HideOfABadPathIsFatal) {

@@ -28,6 +28,18 @@ TEST(InstructionsReferences, TopRefersToTheOneBelow) {
   });
 }
 
+TEST(InstructionsReferences, AnEntryOfTheStackFollowsItsVariable) {
+  ExpectStacks({
+      {"pushi 1\npopg v\npushi 2\npopg w\npushg w\npushg v\npushg w\nrefer", "(1)"},
+      {"pushi 2\npopg w\npushg w\npushg v\npushg w\nrefer\ndup\npushi 5\nswap\nstore\n"
+       "pushg v",
+       "(5) (5)"},
+      {"pushi 1\npopg v\npushg a\npushi 1\nelem\npushg v\npushg a\npushi 1\nelem\nrefer\n"
+       "pushi 0\npopg a\npushi 6\npopg v",
+       "(6)"},
+  });
+}
+
 TEST(InstructionsReferences, NoReferenceEndsAtItself) {
   ExpectStacks({
       {"pushi 1\npopg v\npushg v\npushg v\nrefer\npushg v", "(1)"},

@@ -151,6 +151,35 @@ TEST_F(RunFunctionWithin, FailureEndsTheWholeScript) {
   EXPECT_EQ(output.text.find("never"), std::string::npos);
 }
 
+TEST_F(RunFunctionWithin, ANonFatalErrorBehindAFailureLetsTheScriptGoOn) {
+  machine.Assemble(
+      "tagerror 28, 0\npushc \"call\"\nout\npushc \"on\"\nout\n.segment 1\n"
+      ".function f()\npop\nretn");
+  output.call = [&] {
+    EXPECT_EQ(Run("f"), 0);
+    EXPECT_TRUE(machine.vm().stopped());
+    machine.vm().RuntimeError(28, "the key failed");
+    EXPECT_FALSE(machine.vm().stopped());
+  };
+  EXPECT_EQ(machine.Go(), 1);
+  EXPECT_EQ(output.text.substr(output.text.size() - 2), "on");
+  EXPECT_EQ(machine.Value("ZpOPEN_Error"), "the key failed");
+}
+
+TEST_F(RunFunctionWithin, ANonFatalErrorBehindATimeOutDoesNot) {
+  machine.Assemble(
+      "tagerror 28, 0\npushc \"call\"\nout\npushc \"never\"\nout\n.segment 1\n"
+      ".function f()\npushi 1\nret");
+  output.call = [&] {
+    *machine.application.timedoutflag() = 1;
+    EXPECT_EQ(Run("f"), 0);
+    machine.vm().RuntimeError(28, "the key failed");
+    EXPECT_FALSE(machine.vm().stopped());
+  };
+  EXPECT_EQ(machine.Go(), 0);
+  EXPECT_EQ(output.text.find("never"), std::string::npos) << output.text;
+}
+
 TEST_F(RunFunctionWithin, ExitEndsTheWholeScript) {
   machine.Assemble(
       "pushc \"call\"\nout\npushc \"never\"\nout\n.segment 1\n.function f()\nexit\nretn");

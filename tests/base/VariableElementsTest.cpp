@@ -286,6 +286,23 @@ TEST(DeleteElements, OnAnythingButAnArrayLeavesAnEmptyOne) {
   EXPECT_EQ(scalar->aggregatetype(), AggregateArray);
 }
 
+TEST(DeleteElements, DestroyAStructureWhateverTheArguments) {
+  for (const int start : {INT_MIN, -1, 0, 1, 5, INT_MAX}) {
+    for (const int count : {INT_MIN, -1, 0, 1, INT_MAX}) {
+      for (const bool compact : {false, true}) {
+        SCOPED_TRACE(testing::Message() << start << ", " << count << ", " << compact);
+        const VariableRef member = New("kept");
+        const VariableRef structure = New();
+        structure->SetElement(AggregateIndex("m", 1), member.get());
+        structure->DeleteElements(start, count, compact);
+        EXPECT_EQ(structure->Element(AggregateIndex("m", 1), 0), nullptr);
+        EXPECT_EQ(structure->ElementsUsed(), 0);
+        EXPECT_EQ(member->refcount(), 1);
+      }
+    }
+  }
+}
+
 // Removals may put elements where a search misses them; every operation has to end all the same.
 TEST(DeleteElements, EndsOnEveryTreeThatRemovalsLeave) {
   constexpr unsigned seed = 11;
@@ -453,6 +470,20 @@ TEST(CopyElements, FromAnElementOfWhatGivesWay) {
   EXPECT_EQ(Content(structure), (Map{{2, "inner"}}));
 }
 
+// The source stands in the place that its own first element goes to.
+TEST(CopyElements, FromAnElementThatIsOverwritten) {
+  for (const bool copy : {false, true}) {
+    SCOPED_TRACE(copy);
+    const VariableRef array = New();
+    Variable* inner = array->Element(AggregateIndex(1), 1);
+    for (const int i : {1, 2, 3}) Set(inner->Element(AggregateIndex(i), 1), std::to_string(i));
+    array->CopyElements(inner, 1, 3, 1, copy);
+    EXPECT_EQ(Content(array), (Map{{1, "1"}, {2, "2"}, {3, "3"}}));
+    EXPECT_EQ(array->Element(AggregateIndex(1), 0)->aggregatetype(), AggregateNone);
+    EXPECT_EQ(array->Element(AggregateIndex(3), 0)->refcount(), 1);
+  }
+}
+
 TEST(CopyElements, ThroughAReference) {
   const VariableRef source = Array({{1, "a"}});
   const VariableRef reference(new ReferenceVariable("r", 1, source.get()));
@@ -476,6 +507,27 @@ TEST(MergeElements, OfWhatIsNoArrayLeavesAGap) {
   const VariableRef scalar = New("x");
   target->MergeElements(scalar.get(), 1, 3, 2, true);
   EXPECT_EQ(Content(target), (Map{{1, "a"}, {5, "b"}}));
+}
+
+TEST(MergeElements, FromAnElementOfWhatGivesWay) {
+  for (const bool copy : {false, true}) {
+    SCOPED_TRACE(copy);
+    const VariableRef structure = New();
+    Variable* member = structure->Element(AggregateIndex("m", 1), 1);
+    Set(member->Element(AggregateIndex(1), 1), "one");
+    Set(member->Element(AggregateIndex(2), 1), "two");
+    structure->MergeElements(member, 1, -1, 3, copy);
+    EXPECT_EQ(Content(structure), (Map{{3, "one"}, {4, "two"}}));
+    EXPECT_EQ(structure->Element(AggregateIndex(4), 0)->refcount(), 1);
+  }
+}
+
+TEST(MergeElements, FromAnElementThatIsDisplaced) {
+  const VariableRef array = Array({{1, "a"}, {3, "c"}});
+  Variable* inner = array->Element(AggregateIndex(2), 1);
+  for (const int i : {1, 2}) Set(inner->Element(AggregateIndex(i), 1), std::to_string(i));
+  array->MergeElements(inner, 1, 2, 2, true);
+  EXPECT_EQ(Content(array), (Map{{1, "a"}, {2, "1"}, {3, "2"}, {4, "1,2"}, {5, "c"}}));
 }
 
 TEST(MergeElements, IntoItselfInsideTheRangeKeepsTheWidenedBound) {

@@ -481,6 +481,35 @@ TEST(Variable, CopyingALargeAggregateKeepsEveryElement) {
   }
 }
 
+TEST(Variable, ACopyOfWhatContainsItselfIsEmptyThere) {
+  TestApplication application;
+  const VariableRef source = New();
+  Set(At(source, 1), "a");
+  At(source, 2)->Make_Reference(source.get());
+  Set(At(source, 3)->Element(AggregateIndex("m", 1), 1), "deep");
+  source->Element(AggregateIndex(3), 0)
+      ->Element(AggregateIndex("up", 2), 1)
+      ->Make_Reference(source.get());
+  const VariableRef assigned = New("old");
+  assigned->SetValue(*source);
+  const VariableRef constructed(new Variable(*source));
+  const VariableRef clone(source->Clone(&application));
+  source->SetNULL();
+  for (const VariableRef* copy : {&assigned, &constructed, &clone}) {
+    EXPECT_EQ((*copy)->ElementsUsed(), 3);
+    EXPECT_EQ(Value(At(*copy, 1)), "a");
+    Variable* inner = At(*copy, 3);
+    EXPECT_EQ(inner->ElementsUsed(), 2);
+    EXPECT_EQ(Value(inner->Element(AggregateIndex("m", 1), 0)), "deep");
+    for (Variable* self : {At(*copy, 2), inner->Element(AggregateIndex("up", 2), 0)}) {
+      ASSERT_NE(self, nullptr);
+      EXPECT_EQ(self->ElementsUsed(), 0);
+      EXPECT_EQ(Value(self), "");
+      EXPECT_EQ(self->RealIdentity(), self);
+    }
+  }
+}
+
 // Computed values, as the special and the field variables have them.
 class Computed : public Variable {
  public:

@@ -193,6 +193,14 @@ TEST(ZephVMError, FatalErrorNamesPlaceFileAndLine) {
             "Stack underflow\n");
 }
 
+TEST(ZephVMError, AfterAFatalErrorNothingRuns) {
+  Machine machine;
+  machine.Text("never").Op(out);
+  machine.vm().FatalError("from outside");
+  EXPECT_EQ(machine.Go(), 0);
+  EXPECT_EQ(machine.Output(), "Fatal error in dir/page.zpc @ [00000000:00000000]: from outside\n");
+}
+
 TEST(ZephVMError, NoFileAndNoLineLeaveNoTrace) {
   Machine machine;
   machine.Op(sourcefile, -1).Op(lineno, 0).Op(pop);
@@ -472,6 +480,35 @@ TEST(Feature, PopTakesThoseAboveOffAndKeepsThemUntilTheEnd) {
     EXPECT_EQ(deleted.size(), 2u);
   }
   EXPECT_EQ(deleted, (std::vector<int>{3, 1, 5, 4, 2}));
+}
+
+// Its end may look at the stack, as that of a capture does.
+class LookingFeature : public Feature {
+ public:
+  LookingFeature(Machine& machine, int type, std::vector<bool>* seen)
+      : Feature(&machine.application, &machine.vm(), type), vm(&machine.vm()), found(seen) {}
+  ~LookingFeature() override {
+    found->push_back(vm->Lookup_Feature(type()) == this);
+    vm->Pop_Feature(this);
+  }
+
+ private:
+  ZephVM* vm;
+  std::vector<bool>* found;
+};
+
+TEST(Feature, IsOffTheStackWhenItIsDeleted) {
+  std::vector<bool> found;
+  {
+    Machine machine;
+    for (int type = 1; type <= 5; type++) {
+      machine.vm().Push_Feature(new LookingFeature(machine, type, &found));
+    }
+    machine.vm().Pop_Feature(nullptr);
+    machine.vm().Pop_Feature(machine.vm().Lookup_Feature(3));
+    EXPECT_EQ(found.size(), 2u);
+  }
+  EXPECT_EQ(found, std::vector<bool>(5, false));
 }
 
 TEST(Feature, PopOfNothingTakesTheTop) {

@@ -4,6 +4,8 @@
 
 #include <cmath>
 #include <limits>
+#include <memory>
+#include <string>
 
 #include "base/PoppedString.h"
 #include "tests/support/Machine.h"
@@ -458,6 +460,60 @@ TEST_F(ZephVM_StackTest, BothTextsOfACopiedVariableStayValid) {
   EXPECT_EQ(std::string(second.data(), 8), "variable");
 }
 
+// A variable that writes the text of each read over the one before.
+class Reader : public Variable {
+ public:
+  Reader() : Variable("reader", 6) {}
+  int type() override { return VariableComputedText; }
+  int preferred_type() override { return PrimaryText; }
+  double value_compare(int* not_numeric) override {
+    *not_numeric = 1;
+    return 0;
+  }
+  String& value() override {
+    text.assign(ReadAt(reads++).c_str(), -1);
+    return text;
+  }
+  static std::string ReadAt(int read) { return std::string(40, static_cast<char>('a' + read)); }
+  int reads = 0;
+
+ private:
+  String text;
+};
+
+TEST_F(ZephVM_StackTest, BothTextsOfAComputedVariableStayValid) {
+  auto* reader = new Reader;
+  held.emplace_back(reader);
+  stack().PushV(reader, 1, 1);
+  stack().PushV(reader, 1, 1);
+  {
+    PoppedString first(&stack());
+    PoppedString second(&stack());
+    EXPECT_EQ(std::string(first.data(), static_cast<size_t>(first.length())), Reader::ReadAt(0));
+    EXPECT_EQ(std::string(second.data(), static_cast<size_t>(second.length())), Reader::ReadAt(1));
+  }
+  EXPECT_EQ(reader->refcount(), 1);
+}
+
+TEST_F(ZephVM_StackTest, AComputedVariableBesideItself) {
+  auto* reader = new Reader;
+  held.emplace_back(reader);
+  for (const int owned : {0, 1}) {
+    SCOPED_TRACE(owned);
+    const auto push = [&] {
+      reader->reads = 0;
+      stack().PushV(reader, owned, owned);
+      stack().PushV(reader, owned, owned);
+    };
+    push();
+    stack().Concatenate();
+    EXPECT_EQ(PopText(stack()), Reader::ReadAt(0) + Reader::ReadAt(1));
+    push();
+    EXPECT_EQ(stack().Compare(), 'a' - 'b');
+  }
+  EXPECT_EQ(reader->refcount(), 1);
+}
+
 TEST_F(ZephVM_StackTest, BufferFollowedByItsOwnCopy) {
   PushBuffer("ab");
   stack().Dupe();
@@ -605,6 +661,20 @@ TEST_F(ZephVM_StackTest, DumpShowsEveryEntry) {
                 "2   String     Y " + text("owned") + " 5 6\n" + "3   String     n " +
                 text("constant") + " 8 8\n" + "4   LinkBuffer Y " + text("chain") + " 8 8\n" +
                 "5   Variable   n " + address + " v=value" + std::string(34, ' ') + " 8 8\n\n");
+}
+
+TEST_F(ZephVM_StackTest, DumpShowsACopyAsNotOwned) {
+  PushText("owned");
+  stack().Dupe();
+  PushBuffer("chain");
+  stack().Dupe();
+  testing::internal::CaptureStdout();
+  stack().Dump_Stack();
+  const std::string dump = testing::internal::GetCapturedStdout();
+  for (const char* line : {"0   String     Y owned ", "1   String     n owned ",
+                           "2   LinkBuffer Y chain ", "3   LinkBuffer n chain "}) {
+    EXPECT_NE(dump.find(line), std::string::npos) << line << "\n" << dump;
+  }
 }
 
 }  // namespace
