@@ -91,6 +91,22 @@ TEST_F(zpProgram, FunctionMayBeCalledWhileItRuns) {
   EXPECT_EQ(output.text, "0123");
 }
 
+TEST_F(zpProgram, WhatAFunctionLeavesInItsTableIsGoneAtTheNextCall) {
+  int calls_made = 0;
+  first = [&](ZPPROGRAM, ZPVARIABLEHASH parameters, ZPVARIABLE) {
+    calls_made++;
+    EXPECT_EQ(zpVariableHash_Find(parameters, "left", -1), nullptr);
+    EXPECT_EQ(Value(zpVariableHash_Find(parameters, "a", -1)), std::to_string(calls_made));
+    zpVariableHash_SetVariable(parameters, "left", -1, "behind", -1);
+    zpVariableHash_SetVariable(parameters, "a", -1, "changed", -1);
+  };
+  EXPECT_EQ(Run("pushi 1\npushg y\ncall first\npop\npushi 2\npushg y\ncall first\npop\n"
+                "pushi 3\npushg y\ncall first\npop\npushg y\nout\n"),
+            1);
+  EXPECT_EQ(calls_made, 3);
+  EXPECT_EQ(output.text, "");
+}
+
 // --- Variables -----------------------------------------------------------------------------------
 
 TEST_F(zpProgram, LooksVariablesUpAsScriptsWriteThem) {
@@ -453,6 +469,22 @@ TEST_F(zpProgramMismatch, AnotherKindOfParameterIsFatal) {
 
 TEST_F(zpProgramMismatch, TooFewEntriesOnTheStackAreFatal) {
   EXPECT_THAT(Message("pair(one, two var)", "pushg x\n"), HasSubstr(": Stack underflow\n"));
+}
+
+TEST_F(zpProgramMismatch, AConstantByReferenceIsFatal) {
+  EXPECT_THAT(Message("pair(one, two var)", "pushi 1\npushi 2\n"),
+              HasSubstr(": Expected variable, found constant\n"));
+}
+
+// A compiled file may say anything of where a parameter stands.
+TEST_F(zpProgramMismatch, AParameterOutsideOfTheTableIsFatal) {
+  second = [this](ZPPROGRAM, ZPVARIABLEHASH, ZPVARIABLE) {
+    script.functions.Function_Get("pair", -1)
+        ->parameters()
+        .Insert(new FunctionParameter(0, "one", 3, 0, 99), ListHead);
+  };
+  EXPECT_THAT(Message("pair(two var)", "call second\npop\npushi 1\npushg x\n"),
+              HasSubstr(": Invalid parameter reference\n"));
 }
 
 }  // namespace
