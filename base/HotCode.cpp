@@ -259,6 +259,9 @@ HotAction HotCode::Idiom(size_t i) const {
     return Shifted(next, HotAction::Add, HotAction::AddConstant);
   }
   if (IsConstant(action) && next == HotAction::Mod) return HotAction::ModConstant;
+  if (IsConstant(action) && IsComparison(next) && IsTest(ops[i + 2].single)) {
+    return Shifted(next, HotAction::Equal, HotAction::EqualConstantJump);
+  }
   if (action == HotAction::PushInteger && IsHandler(i + 1, Instruction::code_rounds) &&
       IsOut(i + 2)) {
     return HotAction::OutRounded;

@@ -30,6 +30,7 @@ class FunctionManager;
 //   ...VariableConstantCall       the same, with a call of a function that takes the outcome
 //   ...Variables, ...VariablesJump  the same of two variables
 //   ...Constant, ...Variable      a constant or a variable, and an operation on the top and it
+//   ...ConstantJump               a constant, a comparison of the top with it, and a jump on it
 //   Out...                        a constant text or a variable, written to the output
 //   OutRounded                    a constant, the top rounded to so many decimals and written
 //   Concatenate...                a constant text or a variable, put behind the text on top
@@ -77,6 +78,9 @@ class FunctionManager;
   ACTION(EqualVariableConstantJump) ACTION(NotEqualVariableConstantJump)                             \
   ACTION(LessVariableConstantJump) ACTION(LessEqualVariableConstantJump)                             \
   ACTION(GreaterVariableConstantJump) ACTION(GreaterEqualVariableConstantJump)                       \
+  ACTION(EqualConstantJump) ACTION(NotEqualConstantJump)                                             \
+  ACTION(LessConstantJump) ACTION(LessEqualConstantJump)                                             \
+  ACTION(GreaterConstantJump) ACTION(GreaterEqualConstantJump)                                       \
   ACTION(EqualVariablesJump) ACTION(NotEqualVariablesJump)                                           \
   ACTION(LessVariablesJump) ACTION(LessEqualVariablesJump)                                           \
   ACTION(GreaterVariablesJump) ACTION(GreaterEqualVariablesJump)                                     \

@@ -109,8 +109,9 @@ template <Suitable Beside>
 }
 
 // The same for one.
+template <Suitable Beside>
 [[gnu::noinline]] bool MakeDouble(Entry* top) {
-  if (!IsNumber<HasNumberBeside>(top - 1)) return false;
+  if (!IsNumber<Beside>(top - 1)) return false;
   const double number = NumberIn(top - 1);
   ZephVM_Stack::Free(top - 1);
   top[-1].SetDouble(number);
@@ -282,7 +283,8 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define HAS_ROOM (top <= limit)
 // Whether an operation finds numbers on top, which are doubles then. As the entries may have changed
 // by this, it is asked last.
-#define ONE_NUMBER (HOLDS_ONE && (IsDouble(top - 1) || MakeDouble(top)))
+#define ONE_NUMBER (HOLDS_ONE && (IsDouble(top - 1) || MakeDouble<HasNumberBeside>(top)))
+#define ONE_COMPARABLE (HOLDS_ONE && (IsDouble(top - 1) || MakeDouble<IsComparableBeside>(top)))
 #define TWO_DOUBLES (IsDouble(top - 1) && IsDouble(top - 2))
 #define TWO_NUMBERS (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<HasNumberBeside>(top)))
 #define TWO_COMPARABLE (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<IsComparableBeside>(top)))
@@ -341,7 +343,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumberBeside>(top - 1) && variable && \
                   IntegerOf(VARIABLE(op + 1), &number) && number >= 1 &&                   \
                   variable->ReadElement(number, &b))                                       \
-    if (!IsDouble(top - 1)) MakeDouble(top);                                               \
+    if (!IsDouble(top - 1)) MakeDouble<HasNumberBeside>(top);                              \
     const double a = top[-1].value.number;                                                 \
     top[-1].value.number = result;                                                         \
     NEXT(4)                                                                                \
@@ -404,6 +406,12 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     --top;                                                                                 \
     top[-1].SetInteger(holds);                                                             \
     NEXT(1)                                                                                \
+  }                                                                                        \
+  on_##name##ConstantJump: {                                                               \
+    SINGLE_UNLESS(HAS_ROOM && ONE_COMPARABLE)                                              \
+    --top;                                                                                 \
+    const double a = top->value.number, b = op->number;                                    \
+    JUMP_IF((holds) == (op[2].single == HotAction::JumpNotEqual), op + 2, 3)               \
   }                                                                                        \
   on_##name##VariableConstantJump: {                                                       \
     variable = VARIABLE(op);                                                               \
@@ -959,6 +967,7 @@ on_Leave:
 #undef HOLDS_TWO
 #undef HAS_ROOM
 #undef ONE_NUMBER
+#undef ONE_COMPARABLE
 #undef TWO_DOUBLES
 #undef TWO_NUMBERS
 #undef TWO_COMPARABLE
