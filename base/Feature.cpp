@@ -5,10 +5,7 @@
 #include "base/ZephVM.h"
 
 Feature::Feature(ZephApplication* host, ZephVM* machine, int type)
-    : application(host),
-      vm(machine),
-      frame_serial(machine->FrameSerial()),
-      feature_type(type) {}
+    : application(host), vm(machine), frame_serial(machine->FrameSerial()), feature_type(type) {}
 
 Feature::~Feature() = default;
 
