@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/CopyText.h"
+
 namespace {
 
 constexpr char blank = ' ';
@@ -49,9 +51,10 @@ void XBaseField::Read(unsigned char* bytes) {
   } else if (IsRightAligned(field_type)) {
     for (; count > 0 && *text == blank; text++) count--;
   }
-  memcpy(current, text, static_cast<size_t>(count));
-  current[count] = 0;
-  memcpy(original, current, static_cast<size_t>(count) + 1);
+  const size_t size = static_cast<size_t>(count);
+  CopyText(current, text, size);
+  CopyText(original, text, size);
+  current[count] = original[count] = 0;
 }
 
 bool XBaseField::Write(unsigned char* bytes) {

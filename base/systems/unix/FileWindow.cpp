@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
+#include <cstring>
 
 #include "base/systems/unix/GuardedCopy.h"
 
@@ -29,6 +31,17 @@ bool SharesPages(int descriptor) {
   if (fstatfs(descriptor, &status) != 0) return false;
   const auto type = static_cast<unsigned long>(status.f_type);
   return type == EXT4_SUPER_MAGIC || type == BTRFS_SUPER_MAGIC || type == TMPFS_MAGIC;
+}
+
+size_t LeadingZeros(const char* bytes, size_t length) {
+  size_t count = 0;
+  uint64_t word = 0;
+  for (; count + sizeof(word) <= length; count += sizeof(word)) {
+    memcpy(&word, bytes + count, sizeof(word));
+    if (word != 0) break;
+  }
+  while (count < length && bytes[count] == 0) count++;
+  return count;
 }
 
 }  // namespace
@@ -55,9 +68,9 @@ bool FileWindow::ShowsByteFrom(long position) {
     return true;
   const size_t length = std::min(static_cast<size_t>(end - position), witness_distance);
   if (!GuardedCopy(bytes, start + position, length)) return false;
-  const char* found = std::find_if(bytes, bytes + length, [](char byte) { return byte != 0; });
-  if (found == bytes + length) return false;
-  witness = position + (found - bytes);
+  const size_t zeros = LeadingZeros(bytes, length);
+  if (zeros == length) return false;
+  witness = position + static_cast<long>(zeros);
   return true;
 }
 

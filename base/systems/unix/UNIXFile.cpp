@@ -206,11 +206,19 @@ bool UNIXFile::Release(long start, long length) {
   struct flock range = {};
   range.l_type = F_UNLCK;
   range.l_whence = SEEK_SET;
-  range.l_start = start;
-  range.l_len = length;
+  // All bytes there are: the system then makes no preparations to split what it has.
+  if (!IsAllThatIsLocked(start, length)) {
+    range.l_start = start;
+    range.l_len = length;
+  }
   if (Retry([&] { return fcntl(descriptor, F_OFD_SETLK, &range); }) != 0) return SystemError();
   NoteLocked(start, length, false);
   return true;
+}
+
+bool UNIXFile::IsAllThatIsLocked(long start, long length) const {
+  return length > 0 && locked_ranges.size() == 1 && locked_ranges[0].start == start &&
+         locked_ranges[0].end - start == length;
 }
 
 // Keeps the set of locked bytes as the kernel has it: the pool must know whether any is left, and
@@ -222,8 +230,7 @@ void UNIXFile::NoteLocked(long start, long length, bool held) {
     holds_lock = true;
     return;
   }
-  if (!held && locked_ranges.size() == 1 && locked_ranges[0].start == start && length > 0 &&
-      locked_ranges[0].end - start == length) {
+  if (!held && IsAllThatIsLocked(start, length)) {
     locked_ranges.clear();
     holds_lock = false;
     return;

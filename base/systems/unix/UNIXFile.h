@@ -67,6 +67,7 @@ class UNIXFile : public File {
   bool LearnStatus();
   bool KnowsPlace();
   int Moved(long count);
+  bool IsAllThatIsLocked(long start, long length) const;
   void NoteLocked(long start, long length, bool held);
 
   int descriptor;  // -1 while deactivated
