@@ -300,21 +300,22 @@ class Variable {
       DeletePlain();
     }
   }
-  // Stores the first value in a variable that is as new, and held by a table alone.
+  // Stores the first value in a variable that is as new, and held by a table alone. It wakes.
   void Begin(double value) {
-    assert(state == 0 && !elements);
+    assert((state & ~Asleep) == 0 && !elements);
     double_value = value;
     state = DoubleForm;
     primary = PrimaryDouble;
   }
   void Begin(int value) {
-    assert(state == 0 && !elements);
+    assert((state & ~Asleep) == 0 && !elements);
     integer_value = value;
     state = IntegerForm;
     primary = PrimaryInteger;
   }
-  // Makes a local variable, whose call is over, as new for the next call; false if that can be told
-  // from a new one: somebody else holds it, or it has been more than a scalar.
+  // Makes a local variable, whose call is over, as new for the next call, and puts it to sleep;
+  // false if that can be told from a new one: somebody else holds it, or it has been more than a
+  // scalar.
   bool Renew();
   // The same for one that has held numbers and no more, as most have; false, and nothing done, for
   // others.
@@ -325,10 +326,14 @@ class Variable {
     }
     integer_value = 0;
     double_value = 0.0;
-    SetForms(0);
+    state = Asleep;
     primary = PrimaryNone;
     return true;
   }
+  // Whether it waits in its row for a call to touch it: to scripts it does not exist. Only the
+  // table that holds it may have its pointer, and wakes it before handing it out.
+  bool IsAsleep() const { return (state & Asleep) != 0; }
+  void Wake() { state &= ~Asleep; }
   // Element(AggregateIndex(position), create)
   Variable* At(int position, int create);
   // What a script's read or store of a number by position does, for a number as value_double()
@@ -363,10 +368,12 @@ class Variable {
   static constexpr uint32_t NotPlain = Watched | Reference | Gone | Unproved;
   static constexpr uint32_t Walked = 0x1000;   // a walk is inside of this variable
   static constexpr uint32_t Suspect = 0x2000;  // listed for FreeCycles
+  static constexpr uint32_t Asleep = 0x4000;   // see IsAsleep()
 
   // Whether reads and writes go elsewhere: to a target, or nowhere.
   bool redirected() const { return (state & (Reference | Gone)) != 0; }
-  void SetForms(uint32_t forms) { state = (state & ~AllForms) | forms; }
+  // Also wakes: a number that is stored in a sleeping variable, in line, needs no test for it.
+  void SetForms(uint32_t forms) { state = (state & ~(AllForms | Asleep)) | forms; }
 
   String name_;  // while it is shared the text is a SharedName's, and allocated is SharedMark
   String string_value;

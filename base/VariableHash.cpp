@@ -107,7 +107,7 @@ VariableHash::VariableHash(ZephApplication* application, Dictionary* names, Vari
 
 void VariableHash::CloneVariables(ZephApplication* application, VariableHash& source) {
   for (int i = 0; i < entry_count; i++) {
-    if (Variable* variable = source.entries[i].variable) {
+    if (Variable* variable = Present(source.entries[i])) {
       entries[i].variable = variable->Clone(application);
     }
   }
@@ -207,7 +207,13 @@ int VariableHash::Seek(int name_index, const char* name, int length, _VH_Entry**
     if (!name) return -1;
   }
   const int found = Locate(name, NameLength(name, length));
-  if (found >= 0 && entry) *entry = &entries[found];
+  if (found < 0 || !entry) return found;
+  *entry = &entries[found];
+  // The row itself goes out, so it may hold nothing that is not there.
+  if ((*entry)->variable && (*entry)->variable->IsAsleep()) {
+    (*entry)->variable->Release();
+    (*entry)->variable = nullptr;
+  }
   return found;
 }
 
@@ -310,6 +316,10 @@ SharedName* VariableHash::NameForTwins(int position) {
 }
 
 Variable* VariableHash::MakeVariable(_VH_Entry* entry) {
+  if (entry->variable) {
+    entry->variable->Wake();
+    return entry->variable;
+  }
   const auto position = static_cast<int>(entry - entries);
   SharedName* shared = position < index->names_shared ? index->shared_names[position] : nullptr;
   if (shared || (shared = NameForTwins(position))) {
@@ -326,15 +336,14 @@ Variable* VariableHash::MakeVariable(_VH_Entry* entry) {
 bool VariableHash::Find(Variable** out, const char* name, int length, int create) {
   const int found = Locate(name, NameLength(name, length));
   if (found < 0) return false;
-  _VH_Entry* entry = &entries[found];
-  *out = entry->variable || !create ? entry->variable : MakeVariable(entry);
+  *out = VariableHash::Index(found, create);
   return true;
 }
 
 Variable* VariableHash::Index(int position, int create) {
   if (static_cast<unsigned>(position) >= static_cast<unsigned>(entry_count)) return nullptr;
-  _VH_Entry* entry = &entries[position];
-  return entry->variable || !create ? entry->variable : MakeVariable(entry);
+  Variable* const variable = Present(entries[position]);
+  return variable || !create ? variable : MakeVariable(&entries[position]);
 }
 
 void VariableHash::SetVariable(const char* name, int length, const char* value, int valuelength) {
@@ -377,7 +386,7 @@ void VariableHash::SetVariable_Reference(int position, Variable* variable) {
 
 int VariableHash::ClearVariable(const char* name, int length) {
   const int found = Locate(name, NameLength(name, length));
-  Variable* variable = found < 0 ? nullptr : entries[found].variable;
+  Variable* variable = found < 0 ? nullptr : Present(entries[found]);
   if (!variable) return 0;
   variable->SetNULL();
   return 1;
@@ -385,7 +394,7 @@ int VariableHash::ClearVariable(const char* name, int length) {
 
 void VariableHash::AllocatedVars(VariableList* list) {
   for (int i = 0; i < entry_count; i++) {
-    if (entries[i].variable) list->Insert(entries[i].variable, ListTail);
+    if (Variable* variable = Present(entries[i])) list->Insert(variable, ListTail);
   }
 }
 

@@ -116,13 +116,14 @@ class VariableHash {
   // table that forwards to another one too.
   Variable* At(int position, int create) {
     if (static_cast<unsigned>(position) < static_cast<unsigned>(entry_count)) {
-      const _VH_Entry& entry = entries[position];
-      if (entry.variable) return entry.variable;
+      Variable* const variable = entries[position].variable;
+      if (variable && !variable->IsAsleep()) return variable;
     }
     return Index(position, create);
   }
 
-  // The rows of all positions and their count, until a further name comes.
+  // The rows of all positions and their count, until a further name comes. A row may hold a
+  // variable that is asleep: the caller wakes it before it uses it.
   const _VH_Entry* Rows(unsigned* count) const {
     *count = static_cast<unsigned>(entry_count);
     return entries;
@@ -130,6 +131,9 @@ class VariableHash {
 
   // Makes the empty twin of a source, whose call is over, an empty twin for the next call. False if
   // it is none any more, since it has got a name of its own.
+  //
+  // Variables that can be made as new stay in their rows, asleep: no operation of the table sees
+  // one before the next call touches its position or name in a way that makes a variable.
   bool Renew(const VariableHash& source) {
     if (entry_count != source.entry_count || index != source.index || error_.data) return false;
     const _VH_Entry* const end = entries + entry_count;
@@ -166,7 +170,11 @@ class VariableHash {
   const char* EntryName(int index, int* length);
   // The name of an entry for the variables of all twins; null where nothing shares it.
   SharedName* NameForTwins(int position);
-  // Makes the variable of an entry that has none.
+  // The variable of an entry, null if there is none or it is asleep.
+  static Variable* Present(const _VH_Entry& entry) {
+    return entry.variable && !entry.variable->IsAsleep() ? entry.variable : nullptr;
+  }
+  // Makes the variable of an entry that has none, or wakes the one that is asleep there.
   Variable* MakeVariable(_VH_Entry* entry);
   // Gives each entry a Clone of the variable at the same position of the source.
   void CloneVariables(ZephApplication* application, VariableHash& source);

@@ -206,6 +206,10 @@ class ZephVM {
   // Whether a record of this LogType is wanted at the current place of the script.
   bool WantsLog(unsigned type) { return (log_mask & type) != 0 && LogAdmitsPlace(); }
 
+  // Whether the frames of calls that are over serve later calls, which is so from the start. No
+  // script can tell: tests compare a machine and its children with and without.
+  void SetFrameReuse(bool reuse) { root->reuses_frames = reuse; }
+
   ZephApplication* Application() { return application; }
   ZephVM_Frame* CurrentFrame() { return frame; }
   // The current frame's serial number, for a feature that is to end with the frame. Few frames have
@@ -483,7 +487,8 @@ class ZephVM {
   std::unique_ptr<DoContexts> contexts;  // the root's; null until a script names another file
   // Captures of machines that are gone which outputs of others still lead on to; the root's.
   List<Feature> covered_captures;
-  int runs = 0;  // that are nested in one another; the root's
+  int runs = 0;               // that are nested in one another; the root's
+  bool reuses_frames = true;  // the root's
   // The machine that works on this one's stack.
   ZephVM* guest = nullptr;
   // -----------------------------------------------------------------------------------------------

@@ -126,6 +126,7 @@ int ZephVM::SimpleParameters(Function* function) {
 // Takes over a frame that was left: for the next call, if it can be made as new.
 void ZephVM::KeepFrame(ZephVM_FunctionFrame* left) {
   std::unique_ptr<ZephVM_FunctionFrame> held(left);
+  if (!root->reuses_frames) return;
   if (left->place >= idle_frames.size() || !left->owns_variables || !left->owns_stack) return;
   while (left->stack->Entries() > 0) left->stack->Pop();
   if (!left->variables->Renew(*left->locals)) return;

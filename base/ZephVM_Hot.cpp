@@ -261,6 +261,9 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define VARIABLE_AT(table, position) \
   (static_cast<unsigned>(position) < counts[table] ? rows[table][position].variable : nullptr)
 #define VARIABLE(record) VARIABLE_AT((record)->local, (record)->first)
+// A local variable that no instruction of this call has touched sleeps in its row. It has no forms
+// and is no array, so only what takes it without these has to wake it; a number stored in it does.
+#define WAKE(variable) if ((variable)->IsAsleep()) [[unlikely]] (variable)->Wake();
 #define SECOND(record) VARIABLE_AT(0, (record)->second)
 // What the stack's own operations need to know, and leave.
 #define TELL_STACK s->SetEnd(top);
@@ -453,6 +456,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     variable = VARIABLE(op);                                                               \
     SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain() &&                           \
                   IntegerOf(VARIABLE(op + 1), &number) && number >= 1)                     \
+    WAKE(variable)                                                                         \
     variable = variable->At(number, create);                                               \
     PUSH(SetVariable(variable ? variable : null_variable))                                 \
     NEXT(3)                                                                                \
@@ -472,6 +476,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   on_##name##OfVariable: {                                                                 \
     variable = VARIABLE(op);                                                               \
     SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain())                             \
+    WAKE(variable)                                                                         \
     variable = variable->Member(op[1].text, op[1].length, create);                         \
     PUSH(SetVariable(variable ? variable : null_variable))                                 \
     NEXT(3)                                                                                \
@@ -498,6 +503,7 @@ on_PushText:
 on_PushVariable:
   variable = VARIABLE(op);
   LEAVE_UNLESS(variable && HAS_ROOM)
+  WAKE(variable)
   PUSH(SetVariable(variable))
   NEXT(1)
 on_PopVariable:
@@ -513,6 +519,7 @@ on_PopVariable:
     NEXT(1)
   }
   LEAVE_UNLESS(variable->IsOrdinary() && IsOrdinary(top - 1))
+  WAKE(variable)
   if (top[-1].deferred) {
     --top;
     TELL_STACK
@@ -563,6 +570,7 @@ on_ConcatenateText:
 on_ConcatenateVariable:
   variable = VARIABLE(op);
   SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].deferred && variable && variable->IsOrdinary())
+  WAKE(variable)
   TELL_STACK
   if (variable->plain_forms() == Variable::IntegerForm) {
     top[-1].AppendDeferred(variable->plain_integer());
@@ -709,6 +717,7 @@ on_ElementOfVariableUpdate : {
   variable = VARIABLE(op);
   SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain() &&
                 IntegerOf(VARIABLE(op + 1), &number) && number >= 1)
+  WAKE(variable)
   variable = variable->At(number, 1);
   op += 3;
   UPDATE_FOUND
@@ -716,6 +725,7 @@ on_ElementOfVariableUpdate : {
 on_MemberOfVariableUpdate:
   variable = VARIABLE(op);
   SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain())
+  WAKE(variable)
   variable = variable->Member(op[1].text, op[1].length, 1);
   op += 3;
   if (!variable) [[unlikely]]
@@ -958,6 +968,7 @@ on_Leave:
 #undef VARIABLE_AT
 #undef VARIABLE
 #undef SECOND
+#undef WAKE
 #undef TELL_STACK
 #undef ASK_STACK
 #undef PUSH

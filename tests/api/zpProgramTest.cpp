@@ -146,6 +146,26 @@ TEST_F(zpProgram, ListsTheVariablesThatThereAre) {
             1);
 }
 
+// Of a local that only an earlier call had, no operation tells.
+TEST_F(zpProgram, ListsAndFindsTheLocalsOfThisCallAlone) {
+  std::string seen;
+  second = [&seen](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE) {
+    ZPVARIABLELIST list = zpVariableList_Allocate();
+    zpProgram_Local_Variables(program, list);
+    for (const std::string& name : Names(list)) seen += name + " ";
+    zpVariableList_Free(list);
+    ZPVARIABLE found = zpProgram_Lookup_Variable(program, "x", -1);
+    int length;
+    seen += std::string(zpVariable_Value(found, &length)) + ";";
+  };
+  EXPECT_EQ(Run("pushc \"global\"\npopg x\npushi 0\ncall f\npop\npushi 1\ncall f\npop\n"
+                "pushi 0\ncall f\npop\nexit\n"
+                ".function f(a)\n.local x\npushl a\njmp_eq no\npushc \"local\"\npopl x\n"
+                "no: call second\nret\n.end\n"),
+            1);
+  EXPECT_EQ(seen, "a global;a x local;a global;");
+}
+
 TEST_F(zpProgram, GivesTheTablesThemselves) {
   Call([this](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE) {
     EXPECT_EQ(zpProgram_Global_VariableHash(program), &script.globals);

@@ -288,6 +288,80 @@ TEST_F(VariableHashTest, AnEmptyTwinHasTheNamesAndNoVariable) {
   EXPECT_EQ(Value(empty, "x"), "y");
 }
 
+// A frame's locals between two calls: the second finds none of the first.
+struct RenewedTwin : VariableHashTest {
+  RenewedTwin() {
+    table.Insert("a", 1);
+    table.Insert("b", 1);
+    twin = std::make_unique<VariableHash>(table);
+    number = twin->Index(0, 1);
+    number->SetValue_Integer(7);
+    twin->Index(1, 1)->SetValue("text", 4);
+    EXPECT_TRUE(twin->Renew(table));
+  }
+
+  std::unique_ptr<VariableHash> twin;
+  Variable* number;
+};
+
+TEST_F(RenewedTwin, HasNoVariableForAnyLookUpThatMakesNone) {
+  EXPECT_EQ(twin->Entries(), 2);
+  for (const char* name : {"a", "b"}) {
+    Variable* found = nullptr;
+    EXPECT_TRUE(twin->Find(&found, name, 1, 0));
+    EXPECT_EQ(found, nullptr);
+    EXPECT_EQ(twin->LookupVariable_Fancy(&found, name, 1, 0), 1);
+    EXPECT_EQ(found, nullptr);
+    EXPECT_EQ(twin->ClearVariable(name, 1), 0);
+  }
+  EXPECT_EQ(twin->Index(0, 0), nullptr);
+  EXPECT_EQ(twin->At(1, 0), nullptr);
+  VariableList list;
+  twin->AllocatedVars(&list);
+  EXPECT_EQ(list.Entries(), 0);
+  TestApplication task;
+  VariableHash copy(&task, &dictionary, *twin);
+  EXPECT_EQ(copy.Index(0, 0), nullptr);
+  _VH_Entry* row = nullptr;
+  EXPECT_EQ(twin->Seek(-1, "a", 1, &row), 0);
+  EXPECT_EQ(row->variable, nullptr);
+}
+
+TEST_F(RenewedTwin, HasTheVariableAgainOnceItIsMade) {
+  const struct {
+    const char* label;
+    Variable* (*make)(VariableHash*);
+  } ways[] = {
+      {"Index", [](VariableHash* t) { return t->Index(0, 1); }},
+      {"At", [](VariableHash* t) { return t->At(0, 1); }},
+      {"Find",
+       [](VariableHash* t) {
+         Variable* found = nullptr;
+         t->Find(&found, "a", 1, 1);
+         return found;
+       }},
+      {"LookupVariable_Fancy",
+       [](VariableHash* t) {
+         Variable* found = nullptr;
+         t->LookupVariable_Fancy(&found, "a", 1, 1);
+         return found;
+       }},
+  };
+  for (const auto& way : ways) {
+    SCOPED_TRACE(way.label);
+    Variable* made = way.make(twin.get());
+    EXPECT_EQ(made, number) << "nothing is allocated for it";
+    EXPECT_EQ(made->IsNULL(), 1);
+    EXPECT_EQ(twin->Index(0, 0), made);
+    EXPECT_EQ(twin->Index(1, 0), nullptr);
+    EXPECT_TRUE(twin->Renew(table));
+    EXPECT_EQ(twin->Index(0, 0), nullptr);
+  }
+  Set(*twin, "a", "text");
+  EXPECT_EQ(Value(*twin, "a"), "text");
+  EXPECT_EQ(twin->Index(1, 0), nullptr);
+}
+
 TEST_F(VariableHashTest, NamesAddedToATwinStayThere) {
   Set(table, "a", "1");
   auto twin = std::make_unique<VariableHash>(table);
