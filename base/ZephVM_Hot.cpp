@@ -5,7 +5,8 @@
 // flags of the host, which other threads raise, need a look only where the code may go round, which
 // is at jumps and at calls, and not at each of these: no script can tell that from a look at
 // each instruction. Handlers of the machine, external functions and the output may raise any flag,
-// and all of them are looked at behind these.
+// and all of them are looked at after these; and so are the host's flags after an action that takes
+// as long as a value is large, such as the copy of an array.
 
 #include <atomic>
 #include <charconv>
@@ -66,6 +67,18 @@ template <Suitable Beside>
     *number = NumberOf(variable);
   }
   return true;
+}
+
+// The number of a variable that has nothing else: every form that is asked of it later follows from
+// that. A text may have two forms that do not agree: "99999999999" is 191 when it is read as an
+// integer first.
+[[gnu::always_inline]] inline bool FindAlone(const Variable* variable, double* number) {
+  if (variable->HoldsDouble()) {
+    *number = variable->plain_double();
+    return true;
+  }
+  *number = variable->plain_integer();
+  return variable->HoldsInteger();
 }
 
 // As value_integer() gives it.
@@ -244,10 +257,15 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 
 // clang-format off
 #define GO_TO(action) __extension__({ goto *places[static_cast<int>(action)]; })
-// Each action ends with one of these: on behind so many instructions; to the first instruction
-// alone, where the idiom does not fit; to the machine's loop; or by a jump, with a look at the flags
-// of the host now and then.
+// Each action ends with one of these: on behind so many instructions; the same after work of any
+// length, with a look at the flags of the host; to the first instruction alone, where the idiom does
+// not fit; to the machine's loop; or by a jump, with such a look now and then.
 #define NEXT(count) { op += (count); GO_TO(op->action); }
+#define RAISED (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat))
+#define NEXT_AFTER_WORK(count) { \
+  op += (count); \
+  if (RAISED) [[unlikely]] goto on_Leave; \
+  GO_TO(op->action); }
 #define SINGLE_UNLESS(condition) if (!(condition)) [[unlikely]] { GO_TO(op->single); }
 #define LEAVE_UNLESS(condition) if (!(condition)) [[unlikely]] { goto on_Leave; }
 #define JUMP(jump) { \
@@ -524,12 +542,12 @@ on_PopVariable:
     --top;
     TELL_STACK
     top->value.pending->Assign(variable, top->kind == ZephVM_Stack::KindLinkBuffer);
-    NEXT(1)
+    NEXT_AFTER_WORK(1)
   }
   TELL_STACK
   s->PopV(variable);
   ASK_STACK
-  NEXT(1)
+  NEXT_AFTER_WORK(1)
 on_Pop:
   LEAVE_UNLESS(HOLDS_ONE)
   --top;
@@ -545,23 +563,27 @@ on_Store:
   LEAVE_UNLESS(HOLDS_TWO && top[-1].kind == ZephVM_Stack::KindVariable)
   variable = top[-1].value.variable;
   LEAVE_UNLESS(variable->IsPlain() && IsNumberOrPlain(top - 2))
+  if (top[-2].kind == ZephVM_Stack::KindVariable) {
+    variable->SetValue(*top[-2].value.variable);
+    top -= 2;
+    ZephVM_Stack::Free(top + 1);
+    ZephVM_Stack::Free(top);
+    NEXT_AFTER_WORK(1)
+  }
   if (top[-2].kind == ZephVM_Stack::KindDouble) {
     variable->Write_Double(top[-2].value.number);
-  } else if (top[-2].kind == ZephVM_Stack::KindInteger) {
-    variable->Write_Integer(top[-2].value.integer);
   } else {
-    variable->SetValue(*top[-2].value.variable);
+    variable->Write_Integer(top[-2].value.integer);
   }
   top -= 2;
   ZephVM_Stack::Free(top + 1);
-  ZephVM_Stack::Free(top);
   NEXT(1)
 on_Concatenate:
   LEAVE_UNLESS(HOLDS_TWO && IsOrdinary(top - 1) && IsOrdinary(top - 2))
   TELL_STACK
   s->Concatenate();
   ASK_STACK
-  NEXT(1)
+  NEXT_AFTER_WORK(1)
 on_ConcatenateText:
   SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].deferred)
   TELL_STACK
@@ -769,7 +791,7 @@ on_Handler:
     ZEPH_HOT_HANDLERS
 #undef HANDLER
   }
-  if (stop_flag | Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat)) return;
+  if (stop_flag | RAISED) return;
   ASK_STACK
   NEXT(1)
 on_OutText:
@@ -809,7 +831,7 @@ on_OutRounded : {
 // The output may find that the client is gone.
 written:
   op += 2;
-  if (stop_flag | Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat)) goto on_Leave;
+  if (stop_flag | RAISED) goto on_Leave;
   GO_TO(op->action);
 
 // Most calls are of a function here, with numbers for its arguments, and a frame is kept for it.
@@ -893,13 +915,13 @@ on_Return : {
   callers->SetEnd(value + 1);
   goto returned;
 }
-// A number in a variable that nobody has but the function: to whom a number is all the same, gets
-// it alone.
+// A variable that only the function holds, with a number and nothing else in it: a caller that uses
+// the result as a number alone gets the number.
 on_ReturnVariable:
   variable = VARIABLE(op);
   SINGLE_UNLESS(HAS_ROOM && variable && frame->return_code == code_serial &&
                 static_cast<ZephVM_FunctionFrame*>(frame)->return_op->after_number &&
-                Find<HasNumberBeside>(variable, &number_passed) && variable->plain_count() == 1)
+                FindAlone(variable, &number_passed) && variable->plain_count() == 1)
 return_number : {
   ZephVM_Stack* const callers = frame->previous->stack;
   Entry* const value = callers->End();
@@ -938,15 +960,12 @@ returned : {
 
 look:
   patience = kPatience;
-  if (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat)) goto on_Leave;
+  if (RAISED) goto on_Leave;
   GO_TO(op->action);
 
 // What the code does elsewhere may have written to this segment, which drops what was made of it.
 moved:
-  if (stop_flag || wanted_segment != loaded_segment || segment->hot() != hot || Read(over) ||
-      Read(ended) || Read(beats) != last_heartbeat) {
-    return;
-  }
+  if (stop_flag || wanted_segment != loaded_segment || segment->hot() != hot || RAISED) return;
   op = hot->At(program_counter);
   if (!op) return;
 entered:
@@ -961,6 +980,8 @@ on_Leave:
   program_counter = op->start;
 #undef GO_TO
 #undef NEXT
+#undef RAISED
+#undef NEXT_AFTER_WORK
 #undef SINGLE_UNLESS
 #undef LEAVE_UNLESS
 #undef JUMP

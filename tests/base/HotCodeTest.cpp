@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/Aggregate.h"
 #include "base/Config.h"
 #include "base/Feature.h"
 #include "base/HTTPOutput.h"
@@ -572,6 +573,157 @@ TEST(HotCode, ACallOfNoFunctionTellsItsOwnPlace) {
     EXPECT_EQ(cold.Go(), 0);
     EXPECT_NE(hot.Error().find("Invalid function call"), std::string::npos);
     EXPECT_EQ(hot.Error(), cold.Error());
+  }
+}
+
+// --- Numbers of which there are two forms --------------------------------------------------------
+
+// Reads a value that is on top in each way that asks for an integer, and writes what that gives.
+std::string ReadAsIntegers(const std::string& push) {
+  static const char* const kReads[] = {
+      "pushi 1000\nmod\n",   "pushg thousand\nmod\n",
+      "pushi 255\nbitand\n", "pushi 255\nbitor\n",
+      "pushi 255\nbitxor\n", "bitoc\n",
+      "pushi 3\nbitsl\n",    "pushi 3\nbitsr\n",
+      "pushi 0\nadd\n",      "pushi 0\nadd\npushi 1000\nmod\n",
+      "pushi 7\neq\n",
+  };
+  std::string code;
+  for (const char* read : kReads) code += push + read + "out\npushc \" \"\nout\n";
+  // As the right operand, as a position, and as a count of decimals.
+  code += "pushi 123456\n" + push + "mod\nout\npushc \" \"\nout\n";
+  code += "pushg row\n" + push + "pushi 5\nbitand\npushi 1\nadd\nelem_readonly\nout\n";
+  code += "pushf 2.125\n" + push + "pushi 7\nbitand\nrounds\nout\n";
+  return code;
+}
+
+const char* const kValues[] = {"pushc \"99999999999\"\n",
+                               "pushc \"1e11\"\n",
+                               "pushc \"3.9\"\n",
+                               "pushc \"0x10\"\n",
+                               "pushc \"1e3\"\n",
+                               "pushc \"12ab\"\n",
+                               "pushf 1e11\n",
+                               "pushf -3.9\n",
+                               "pushi -7\n",
+                               "pushc \"\"\n",
+                               "pushf nan\n"};
+
+const struct {
+  const char* label;
+  const char* reads;  // of the variable on top, and what they leave is dropped
+} kReadsBefore[] = {
+    {"nothing", "pop\n"},
+    {"integer", "pushi 1\nmod\npop\n"},
+    {"double", "pushi 1\nadd\npop\n"},
+    {"integer, double", "dup\npushi 1\nmod\npop\npushi 1\nadd\npop\n"},
+    {"double, integer", "dup\npushi 1\nadd\npop\npushi 1\nmod\npop\n"},
+    {"text", "pushc \"\"\ncat\npop\n"},
+    {"comparison", "pushi 1\neq\npop\n"},
+};
+
+// The value reaches the reads as it is, from a local variable of a function, as an argument, and
+// from an element.
+TEST(HotCode, AnIntegerIsTheSameHotAndColdWhateverWasReadBefore) {
+  for (const char* value : kValues) {
+    for (const auto& b : kReadsBefore) {
+      SCOPED_TRACE(testing::Message() << value << " after " << b.label);
+      const std::string prepare = value + std::string("popg v\npushg v\n") + b.reads;
+      std::string program =
+          "storegi thousand, 1000\npushi 9\npushg row\npushi 1\nelem\nstore\n"
+          "pushi 8\npushg row\npushi 5\nelem\nstore\nstoregi n, 0\nstoregi one, 1\n"
+          "again: incg n, 1\n" +
+          prepare;
+      program += ReadAsIntegers("pushg v\n");
+      program += prepare + ReadAsIntegers("pushi 0\ncall local\n");
+      program += prepare + ReadAsIntegers("pushg v\ncall echo\n");
+      program += prepare + ReadAsIntegers("pushg v\ncall same\n");
+      program += prepare + "pushg v\npushg a\npushg one\nelem\nstore\n";
+      program += ReadAsIntegers("pushg a\npushg one\nelem_readonly\n");
+      program += prepare + "pushg v\npushg s\npushc \"m\"\nmemb\nstore\n";
+      program += ReadAsIntegers("pushg s\npushc \"m\"\nmemb_readonly\n");
+      program += prepare + "modgg v, thousand\nout\n";
+      program += prepare + "incg v, 1\npushg v\nout\n";
+      program += prepare + "cmpgi v, 191\nout\n";
+      program += "cmpgi n, " + std::to_string(kRounds) + "\njmp_lt again\nexit\n";
+      program += ".function local(x)\n.local t\n" + std::string(value) + "popl t\npushl t\n" +
+                 std::string(b.reads) + "pushl t\nret\n.end\n";
+      program += ".function echo(x)\npushl x\nret\n.end\n";
+      program += ".function same(x var)\npushl x\nret\n.end\n";
+      ExpectTheSameHotAndCold(program);
+    }
+  }
+}
+
+// A position may be none, which ends the program with the same message, also where it comes up when
+// the loop is decoded.
+TEST(HotCode, APositionIsTheSameHotAndColdWhateverWasReadBefore) {
+  for (const char* value : kValues) {
+    for (const auto& b : kReadsBefore) {
+      for (const char* element :
+           {"elem", "elem_readonly", "elem\ndup\npushi 1\nadd\nswap\nstore\npushi 1"}) {
+        SCOPED_TRACE(testing::Message() << value << " after " << b.label << ": " << element);
+        const std::string program =
+            "again: incg n, 1\nstoregi v, 2\ncmpgi n, " + std::to_string(kRounds) +
+            "\njmp_lt use\n" + value + "popg v\npushg v\n" + b.reads +
+            "use: pushg n\npushg row\npushg v\n" + element + "\nout\npop\n" +
+            "pushg n\npushg row\npushg v\nelem\nstore\n" + "cmpgi n, " +
+            std::to_string(kRounds + 3) + "\njmp_lt again\npushg row\nout\n";
+        Machine hot, cold;
+        hot.Assemble(program);
+        cold.Assemble(program);
+        KeepCold(&cold);
+        EXPECT_EQ(hot.Go(), cold.Go());
+        EXPECT_EQ(hot.Output(), cold.Output());
+        EXPECT_EQ(hot.Error(), cold.Error());
+        EXPECT_NE(hot.segments.Start()->hot(), nullptr);
+      }
+    }
+  }
+}
+
+// --- Long work -----------------------------------------------------------------------------------
+
+// An element that raises the time-out when it is read, which a copy of its array does, for the last
+// time.
+class Raises : public ImmutableVariable {
+ public:
+  Raises(Machine* m, int last_read) : machine(m), reads(last_read) {}
+  int type() override { return VariableComputedText; }
+  String& value() override {
+    if (--reads == 0) std::atomic_ref<int>(*machine->application.timedoutflag()).store(1);
+    return ImmutableVariable::value();
+  }
+
+ private:
+  Machine* machine;
+  int reads;
+};
+
+TEST(HotCode, WorkThatMayBeLongIsTheLastBeforeATimeOut) {
+  const char* const works[] = {
+      "pushg a\npopg b\n",
+      "pushg a\npushg b\nstore\n",
+      "pushg a\npushg b\npushi 1\nelem\nstore\n",
+      "pushg a\npushc \"x\"\ncat\npop\n",
+      "pushg a\ncall f\npop\n",
+      "pushg a\nout\n",
+  };
+  for (const char* work : works) {
+    for (int last : {2, 20, 21, 50, 51, 52, 70}) {
+      SCOPED_TRACE(testing::Message() << work << last);
+      Machine machine;
+      machine.Assemble("again: incg n, 1\n" + std::string(work) +
+                       "incg done, 1\ncmpgi n, 100\njmp_lt again\nexit\n"
+                       ".function f(x)\nretn\n");
+      auto* element = new Raises(&machine, last);
+      Variable* array = machine.global.Index(machine.global.Seek(-1, "a", -1, nullptr), 1);
+      array->SetElement(AggregateIndex(1), element);
+      element->DecRefCount();
+      EXPECT_EQ(machine.Go(), 0);
+      EXPECT_EQ(machine.Value("n"), std::to_string(last));
+      EXPECT_EQ(machine.Value("done"), std::to_string(last - 1));
+    }
   }
 }
 
