@@ -2,6 +2,8 @@
 
 #include "base/SpecialVariable.h"
 
+#include <array>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
@@ -114,13 +116,26 @@ constexpr SystemName system_names[] = {
     {"process_name", Make<ProcessNameVariable>},
 };
 
+// By the length of a name, the first letters of those that have it, one bit each: case and other
+// high bits of a letter are left out.
+constexpr int LetterBits = 31;
+constexpr auto letters_by_length = [] {
+  std::array<uint32_t, 32> letters{};
+  for (const SystemName& row : system_names) {
+    letters[row.name.size()] |= 1u << (row.name[0] & LetterBits);
+  }
+  return letters;
+}();
+
 class SystemVariables : public LateVariables {
  public:
   explicit SystemVariables(const StartOfRun& run) : start(run) {}
 
-  // Every name of a request is asked for, so most are told by their first letter or their length.
+  // Every bare name of a script comes here first. There is no name of length 0.
   int Number(const char* name, int length) override {
-    if (length < 6 || !memchr("tsgzdpTSGZDP", *name, 12)) return -1;
+    if (static_cast<size_t>(length) >= letters_by_length.size()) return -1;
+    const uint32_t letters = letters_by_length[static_cast<size_t>(length)];
+    if (letters == 0 || (letters >> (*name & LetterBits) & 1) == 0) return -1;
     for (int i = 0; i < Count(); i++) {
       const std::string_view known = system_names[i].name;
       if (static_cast<int>(known.size()) == length &&

@@ -174,6 +174,8 @@ void VariableHash::ReleaseIndex() {
 }
 
 void VariableHash::Dump() {
+  // Dump is not virtual, and what a system variable was to be is released with the others.
+  if (auto* system = dynamic_cast<SystemVariableHash*>(this)) system->ForgetLateVariables();
   for (int i = 0; i < entry_count; i++) {
     Variable* variable = entries[i].variable;
     entries[i].variable = nullptr;
@@ -800,6 +802,7 @@ int SystemVariableHash::Version() {
 void SystemVariableHash::SetLateVariables(LateVariables* variables) {
   delete late;
   late = variables;
+  late_names_reserved = false;
   for (int i = 0; i < entry_count; i++) {
     if (!entries[i].variable) continue;
     int length;
@@ -810,19 +813,40 @@ void SystemVariableHash::SetLateVariables(LateVariables* variables) {
   }
 }
 
-// It is made on no level, so it stays behind the Pop of any.
+void SystemVariableHash::ForgetLateVariables() {
+  ReserveLateNames();
+  delete late;
+  late = nullptr;
+}
+
+void SystemVariableHash::ReserveLateNames() {
+  if (!late || late_names_reserved) return;
+  late_names_reserved = true;
+  for (int i = 0; i < late->Count(); i++) {
+    int length;
+    const char* name = late->Name(i, &length);
+    if (Locate(name, length) < 0) VariableHash::Insert(-1, name, length, nullptr);
+  }
+}
+
+// It is made on no level, so it stays after the Pop of any.
 int SystemVariableHash::MakeLate(const char* name, int length) {
-  const int found = Locate(name, length);
+  int found = Locate(name, length);
   if (!late || (found >= 0 && entries[found].variable)) return found;
   const int number = late->Number(name, length);
   if (number < 0) return found;
-  Variable* variable = late->Make(number);
-  if (found < 0) return VariableHash::Insert(-1, name, length, variable);
-  entries[found].variable = variable;
+  if (found < 0) {
+    ReserveLateNames();
+    found = Locate(name, length);
+    // A chain that a damaged file has cut off hides what is in it.
+    if (found < 0) return -1;
+  }
+  entries[found].variable = late->Make(number);
   return found;
 }
 
 void SystemVariableHash::MakeAllLate() {
+  ReserveLateNames();
   for (int i = 0; late && i < late->Count(); i++) {
     int length;
     const char* name = late->Name(i, &length);
@@ -845,7 +869,7 @@ int SystemVariableHash::ClearVariable(const char* name, int length) {
 }
 
 int SystemVariableHash::Entries() {
-  MakeAllLate();
+  ReserveLateNames();
   return VariableHash::Entries();
 }
 
@@ -894,10 +918,8 @@ int SystemVariableHash::SetVariable_Fancy(const char* path, int length, const ch
 }
 
 int SystemVariableHash::Insert(int name_index, const char* name, int length, Variable* variable) {
-  if (depth == 0) {
-    if (late) Seek(name_index, name, length, nullptr);
-    return VariableHash::Insert(name_index, name, length, variable);
-  }
+  ReserveLateNames();
+  if (depth == 0) return VariableHash::Insert(name_index, name, length, variable);
   const int known = Seek(name_index, name, length, nullptr);
   if (known >= 0) {
     Replace(known, variable);
@@ -917,17 +939,20 @@ bool SystemVariableHash::Find(Variable** out, const char* name, int length, int 
 
 // A variable that is made while a level is open goes with it.
 Variable* SystemVariableHash::Index(int position, int create) {
+  if (position >= entry_count) ReserveLateNames();
   if (static_cast<unsigned>(position) >= static_cast<unsigned>(entry_count)) return nullptr;
-  _VH_Entry* entry = &entries[position];
-  if (entry->variable) return entry->variable;
+  if (entries[position].variable) return entries[position].variable;
   if (late) {
     int length;
     const char* name = EntryName(position, &length);
-    if (MakeLate(name, length) == position && entry->variable) return entry->variable;
+    // Not the row of a name that is there twice, unless it is the first.
+    if (MakeLate(name, length) == position && entries[position].variable) {
+      return entries[position].variable;
+    }
   }
   if (!create) return nullptr;
   if (depth > 0) Save(position, 0, nullptr);
-  return MakeVariable(entry);
+  return MakeVariable(&entries[position]);
 }
 
 void SystemVariableHash::Push() {

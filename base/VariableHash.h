@@ -256,7 +256,8 @@ class ReferenceVariableHash : public VariableHash {
 };
 
 // Variables that a table of system variables has from the start, and makes one by one when somebody
-// looks for them: most scripts look for none of them.
+// looks for them: most scripts look for none of them. They are numbered in the order in which they
+// are listed; a name may have several numbers, the first of which is its place.
 class LateVariables {
  public:
   LateVariables() = default;
@@ -264,7 +265,9 @@ class LateVariables {
   LateVariables& operator=(const LateVariables&) = delete;
   virtual ~LateVariables() = default;
 
-  // The number of a name, from 0 on; -1 for one that is none of these.
+  // The number of a name, from 0 on, for Make: that of the variable that counts if there are
+  // several. -1 for a name that is none of these, which most are that scripts look up, so it comes
+  // quickly.
   virtual int Number(const char* name, int length) = 0;
   virtual int Count() = 0;
   virtual const char* Name(int number, int* length) = 0;
@@ -275,6 +278,10 @@ class LateVariables {
 };
 
 // The system variables. Push opens a level; what changes from then on is taken back by Pop.
+//
+// The names of late variables that the table does not have from its file are reserved together, in
+// their order, when the first of them is found or anything else goes by positions: so positions and
+// listings are the same whatever was looked up first.
 class SystemVariableHash : public VariableHash {
  public:
   SystemVariableHash(Dictionary* dictionary, int bits, int capacity);
@@ -284,6 +291,8 @@ class SystemVariableHash : public VariableHash {
   // Adopts variables to be made when they are looked for, in place of what goes by their names now.
   // Nobody can tell from then on which of them have been made.
   void SetLateVariables(LateVariables* variables);
+  // Reserves the names of all late variables and drops those that were not made.
+  void ForgetLateVariables();
 
   using VariableHash::Insert;
   using VariableHash::SetVariable;
@@ -317,11 +326,13 @@ class SystemVariableHash : public VariableHash {
   // The position of a name, -1 without it; a late variable of that name is there behind this.
   int MakeLate(const char* name, int length);
   void MakeAllLate();
+  void ReserveLateNames();
 
   int depth = 0;
   Stack<List<_SVH_Entry>> frames;
   List<_SVH_Entry>* current = nullptr;
   LateVariables* late = nullptr;  // owned; null without any
+  bool late_names_reserved = false;
 };
 
 // Private copies of a table's variables for a background task.

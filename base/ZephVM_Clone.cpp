@@ -23,11 +23,17 @@
 #include "base/ZephVM.h"
 #include "base/ZephVM_Clone.h"
 
+// A copy with every name that the tables have, also those that they reserve at need.
+Dictionary* MachineClone::DictionaryOf(ZephVM& source) {
+  source.system_variables->Entries();
+  return new Dictionary(*source.dictionary);
+}
+
 MachineClone::MachineClone(ZephApplication* application, ZephVM& source, int* heartbeat,
                            int* timedout, int* exit)
     : parent(source.parent ? new ZephVM(application, *source.parent, heartbeat, timedout, exit)
                            : nullptr),
-      dictionary(new Dictionary(*source.dictionary)),
+      dictionary(DictionaryOf(source)),
       system_variables(
           new ClonedVariableHash(application, dictionary.get(), *source.system_variables)),
       global_variables(

@@ -46,6 +46,9 @@ class MachineClone {
   std::unique_ptr<LocalizedDictionary> localized;
   // Tables of frames with their copies.
   std::vector<std::pair<const VariableHash*, VariableHash*>> locals;
+
+ private:
+  static Dictionary* DictionaryOf(ZephVM& source);
 };
 
 #endif

@@ -65,6 +65,7 @@ int FastCGIApplication::Run(TaggedFile* tagged) {
   MakeMachine(&tables, tagged, path);
   if (!AddVariables()) return 1;
   OutputHeaders();
+  tables.system_variables->SetLateVariables(request_variables.release());
   if (!ProcessPOSTedData()) return 1;
   // The script's time starts here: loading and the upload do not count against it.
   ResetGlobalTimeout();
@@ -145,7 +146,6 @@ void FastCGIApplication::OutputCookie() {
   // The length first: release() leaves the null string.
   const int length = field.length;
   current_output->Header("Set-Cookie", -1, 0, field.release(), length, 1);
-  if (tables.system_variables) {
-    tables.system_variables->SetVariable(new ImmutableVariable("callerid", -1, id.data, id.length));
-  }
+  // Null for the page of an error that comes before the variables.
+  if (request_variables) request_variables->AddText("callerid", 8, id.data, id.length);
 }

@@ -102,7 +102,6 @@ void FastCGIApplication::AddAPIVariables() {
   request_variables->AddNumber("thread_id", threadid());
   request_variables->AddText("apitype", -1, path_info ? "Redirect" : "CGI", -1);
   if (Parameter("SERVER_NAME")) AddDocumentURL();
-  tables.system_variables->SetLateVariables(request_variables.release());
 }
 
 // The address of this page, up to where a script may append fields: the "?" or "+" at its end is

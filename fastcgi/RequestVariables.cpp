@@ -3,9 +3,11 @@
 #include "fastcgi/RequestVariables.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "base/Variable.h"
+#include "base/hash.h"
 #include "base/memcmpi.h"
 
 namespace {
@@ -42,46 +44,64 @@ void RequestVariables::AddNumber(const char* name, int number) {
   facts.push_back({String(name, -1), true, String(), number});
 }
 
-int RequestVariables::Number(const char* name, int length) {
-  const auto matches = [=](const char* other, int other_length) {
-    return other_length == length && memcmpi(other, name, static_cast<size_t>(length)) == 0;
-  };
-  for (int i = Facts(); i-- > 0;) {
-    if (matches(FactAt(i).name.data, FactAt(i).name.length)) return i;
+void RequestVariables::IndexNames() {
+  links.resize(parameters.size() + facts.size());
+  heads.assign(std::bit_ceil(links.size() + 1), -1);
+  for (size_t own = 0; own < links.size(); own++) {
+    int length;
+    const char* name = Name(NumberOf(static_cast<int>(own)), &length);
+    int& head = Head(name, length);
+    links[own] = head;
+    head = static_cast<int>(own);
   }
-  const int number = system->Number(name, length);
-  if (number >= 0) return Facts() + number;
-  for (size_t i = parameters.size(); i-- > 0;) {
-    if (matches(parameters[i].text, parameters[i].length)) {
-      return Facts() + system->Count() + static_cast<int>(i);
+}
+
+int& RequestVariables::Head(const char* name, int length) {
+  return heads[hashi(name, static_cast<unsigned>(length), 0) & (heads.size() - 1)];
+}
+
+int RequestVariables::OwnNumber(const char* name, int length) {
+  if (heads.empty() || links.size() != parameters.size() + facts.size()) IndexNames();
+  for (int own = Head(name, length); own >= 0; own = links[static_cast<size_t>(own)]) {
+    int other_length;
+    const char* other = Name(NumberOf(own), &other_length);
+    if (other_length == length && memcmpi(other, name, static_cast<size_t>(length)) == 0) {
+      return NumberOf(own);
     }
   }
   return -1;
 }
 
+int RequestVariables::Number(const char* name, int length) {
+  const int own = OwnNumber(name, length);
+  if (own >= FirstFact()) return own;
+  const int number = system->Number(name, length);
+  return number >= 0 ? Parameters() + number : own;
+}
+
 int RequestVariables::Count() {
-  return Facts() + system->Count() + static_cast<int>(parameters.size());
+  return FirstFact() + static_cast<int>(facts.size());
 }
 
 const char* RequestVariables::Name(int number, int* length) {
-  if (number < Facts()) {
-    *length = FactAt(number).name.length;
-    return FactAt(number).name.data;
+  if (number < Parameters()) {
+    *length = ParameterAt(number).length;
+    return ParameterAt(number).text;
   }
-  if (number < Facts() + system->Count()) return system->Name(number - Facts(), length);
-  *length = ParameterAt(number).length;
-  return ParameterAt(number).text;
+  if (number < FirstFact()) return system->Name(number - Parameters(), length);
+  *length = FactAt(number).name.length;
+  return FactAt(number).name.data;
 }
 
 Variable* RequestVariables::Make(int number) {
-  if (number < Facts()) {
-    const Fact& fact = FactAt(number);
-    if (!fact.is_number) return new ImmutableVariable(fact.name, fact.text);
-    return new ImmutableVariable(fact.name.data, fact.name.length, fact.number);
+  if (number < Parameters()) {
+    const Parameter& parameter = ParameterAt(number);
+    return new ImmutableVariable(parameter.text, parameter.length, parameter.value, -1);
   }
-  if (number < Facts() + system->Count()) return system->Make(number - Facts());
-  const Parameter& parameter = ParameterAt(number);
-  return new ImmutableVariable(parameter.text, parameter.length, parameter.value, -1);
+  if (number < FirstFact()) return system->Make(number - Parameters());
+  const Fact& fact = FactAt(number);
+  if (!fact.is_number) return new ImmutableVariable(fact.name, fact.text);
+  return new ImmutableVariable(fact.name.data, fact.name.length, fact.number);
 }
 
 LateVariables* RequestVariables::Clone(ZephApplication* application) {

@@ -83,11 +83,83 @@ TEST_F(SpecialVariables, AreNotMadeUntilSomebodyLooks) {
   EXPECT_FALSE(table.Find(&found, "", 0, 0));
   EXPECT_EQ(dictionary.Entries(), before);
   EXPECT_TRUE(table.Find(&found, "ZEPH_Language", -1, 0));
-  EXPECT_EQ(dictionary.Entries(), before + 1);
   Variable* again = nullptr;
   EXPECT_TRUE(table.Find(&again, "zeph_language", -1, 0));
   EXPECT_EQ(again, found);
   EXPECT_EQ(table.Entries(), 38);
+}
+
+// Each look-up by itself, then listings and positions.
+TEST_F(SpecialVariables, HaveOneOrderWhateverWasLookedUpFirst) {
+  const std::string order = Listing(&table);
+  void (*const looks[])(SystemVariableHash*) = {
+      [](SystemVariableHash*) {},
+      [](SystemVariableHash* t) {
+        Variable* v = nullptr;
+        t->Find(&v, "process_name", -1, 0);
+        t->Find(&v, "time_t", -1, 0);
+      },
+      [](SystemVariableHash* t) { t->Seek(-1, "zeph_config", -1, nullptr); },
+      [](SystemVariableHash* t) { t->Index(20, 0); },
+      [](SystemVariableHash* t) { t->ClearVariable("tm_mon", -1); },
+      [](SystemVariableHash* t) { t->SetVariable("zeph_charset", -1, "latin1", -1); },
+      [](SystemVariableHash* t) { t->Entries(); },
+      [](SystemVariableHash* t) { t->SetVariable(new Variable("other", -1)); },
+      [](SystemVariableHash* t) { t->Insert("other", -1); },
+      [](SystemVariableHash* t) {
+        t->Push();
+        t->SetVariable(new Variable("stm_zone", -1, "here", -1));
+        t->SetVariable(new Variable("other", -1));
+        t->Pop();
+      },
+  };
+  for (const auto& look : looks) {
+    SCOPED_TRACE(&look - looks);
+    Dictionary names;
+    SystemVariableHash fresh(&names, 12, 512);
+    fresh.SetLateVariables(NewSystemVariables(&application));
+    look(&fresh);
+    EXPECT_EQ(Listing(&fresh).substr(0, order.size()), order);
+    EXPECT_EQ(fresh.Seek(-1, "time_t", -1, nullptr), 0);
+    EXPECT_EQ(fresh.Seek(-1, "process_name", -1, nullptr), 37);
+  }
+}
+
+TEST_F(SpecialVariables, AreThereByPositionBeforeAnyOtherQuestion) {
+  for (int i = 37; i >= 0; i--) {
+    Variable* variable = table.Index(i, 0);
+    ASSERT_NE(variable, nullptr) << i;
+    if (i == 37) {
+      EXPECT_EQ(std::string(variable->name().data), "process_name");
+    }
+    if (i == 0) {
+      EXPECT_EQ(std::string(variable->name().data), "time_t");
+    }
+  }
+  EXPECT_EQ(table.Index(38, 0), nullptr);
+  EXPECT_EQ(table.Index(-1, 0), nullptr);
+}
+
+// The names stay, as those of all variables do.
+TEST_F(SpecialVariables, AreGoneAfterADump) {
+  for (bool seen : {false, true}) {
+    SCOPED_TRACE(seen);
+    SystemVariableHash dumped(&dictionary, 12, 512);
+    dumped.SetLateVariables(NewSystemVariables(&application));
+    if (seen) {
+      EXPECT_EQ(dumped.Seek(-1, "time_t", -1, nullptr), 0);
+    }
+    dumped.Dump();
+    Variable* found = nullptr;
+    EXPECT_TRUE(dumped.Find(&found, "time_t", -1, 0));
+    EXPECT_TRUE(dumped.Find(&found, "process_name", -1, 0));
+    EXPECT_EQ(found, nullptr);
+    EXPECT_EQ(dumped.Index(0, 0), nullptr);
+    EXPECT_EQ(Listing(&dumped), "");
+    EXPECT_EQ(dumped.Entries(), 38);
+    dumped.SetVariable("time_t", -1, "mine", -1);
+    EXPECT_EQ(Listing(&dumped), "time_t ");
+  }
 }
 
 TEST_F(SpecialVariables, StandInPlaceOfWhatWentByTheirNames) {

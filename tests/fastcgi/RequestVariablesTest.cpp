@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -103,6 +104,67 @@ TEST(RequestVariables, AllAreListedOnce) {
   for (Variable* v = list.First(); v; v = list.Next()) of_request += v->name().length == 1;
   EXPECT_EQ(of_request, 2);
   EXPECT_EQ(list.Entries(), request.table.Entries());
+}
+
+std::vector<std::string> Names(SystemVariableHash* table) {
+  VariableList list;
+  table->AllocatedVars(&list);
+  std::vector<std::string> names;
+  for (Variable* v = list.First(); v; v = list.Next()) names.emplace_back(v->name().data);
+  return names;
+}
+
+// Names of the file, the server's parameters as they came, the system variables, what the host
+// knows.
+TEST(RequestVariables, AreListedInOneOrder) {
+  TestApplication application;
+  Dictionary of_system;
+  SystemVariableHash system(&of_system, 12, 512);
+  system.SetLateVariables(NewSystemVariables(&application));
+  std::vector<std::string> expected = {"tm_mon", "z", "A", "nargs", "M"};
+  for (const std::string& name : Names(&system)) {
+    if (name != "tm_mon") expected.push_back(name);
+  }
+  expected.insert(expected.end(), {"arg1", "documenturl"});
+  for (const char* first : {"", "nargs", "Z", "tm_mon", "nobody"}) {
+    SCOPED_TRACE(first);
+    RequestTable request({"Z=1", "A=2", "z=3", "TM_MON=4", "nargs=5", "M=6"});
+    auto* known =
+        new RequestVariables(request.entries.data(), NewSystemVariables(&request.application));
+    known->AddText("arg1", -1, "first", -1);
+    known->AddNumber("nargs", 1);
+    known->AddText("documenturl", -1, "here", -1);
+    Dictionary dictionary;
+    SystemVariableHash table(&dictionary, 12, 512);
+    const int declared = table.Insert("declared", -1);
+    const int month = table.Insert("Tm_Mon", -1);
+    table.SetLateVariables(known);
+    RequestTable::Value(&table, first);
+    EXPECT_EQ(Names(&table), expected);
+    EXPECT_EQ(RequestTable::Value(&table, "Z"), "3");
+    EXPECT_EQ(RequestTable::Value(&table, "nargs"), "1");
+    EXPECT_EQ(table.Index(declared, 0), nullptr);
+    EXPECT_NE(table.Index(month, 0), nullptr);
+    EXPECT_EQ(table.Seek(-1, "Z", -1, nullptr), 2);
+    EXPECT_EQ(table.Seek(-1, "arg1", -1, nullptr), table.Entries() - 2);
+  }
+}
+
+// Every bare name of a script is asked for here. The bound is a hundred times of what the look-ups
+// take, and a fraction of what comparisons with all parameters would.
+TEST(RequestVariables, ANameThatIsNoneOfThemIsNotComparedWithAll) {
+  std::vector<std::string> many;
+  for (int i = 0; i < 30000; i++) many.push_back("HTTP_" + std::to_string(100000 + i) + "=x");
+  RequestTable request(many);
+  const clock_t begin = clock();
+  for (int i = 0; i < 100000; i++) {
+    const std::string name = "NONE_" + std::to_string(100000 + i);
+    Variable* found = nullptr;
+    ASSERT_FALSE(request.table.Find(&found, name.data(), static_cast<int>(name.size()), 0));
+  }
+  EXPECT_LT(clock() - begin, 2 * CLOCKS_PER_SEC);
+  EXPECT_EQ(request.Value("HTTP_100000"), "x");
+  EXPECT_EQ(request.Value("http_129999"), "x");
 }
 
 TEST(RequestVariables, ACopyOutlivesTheRequest) {
