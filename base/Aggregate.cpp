@@ -184,16 +184,29 @@ bool AggregateElementTree::RemoveFromRow(int position) {
   return true;
 }
 
+// Where there was a position 0, the position that an element gets may be that of the next one: then
+// the search is for the element. One that searches miss keeps its position, and the walk has no
+// more steps than there are elements.
 int AggregateElementTree::Collapse() {
   if (dense.count() > 0) {
+    for (int position = dense.first(); position <= dense.last(); position++) {
+      dense.Search(position);
+    }
     dense.MoveTo(1);
     return dense.count();
   }
-  std::vector<Row> rows;
-  Listing(&rows);
-  int position = 0;
-  for (const Row& row : rows) row.element->Renumber(++position);
-  return position;
+  AggregateElement* element = SplayTree::First();
+  const bool shifts_up = element && element->key.position == 0;
+  for (int position = 1; element && position <= Entries(); position++) {
+    element->Renumber(position);
+    const AggregateIndex key(position);
+    const int order = SplayBy([&key, element, shifts_up](AggregateElement* other) {
+      const int compared = other->key.Compare(key);
+      return compared == 0 && shifts_up && other != element ? -1 : compared;
+    });
+    element = order < 0 ? root->item : LeastOf(root->right);
+  }
+  return Entries();
 }
 
 void AggregateElementTree::ExpectCopyOf(AggregateElementTree* source) {
@@ -245,8 +258,10 @@ AggregateElement* AggregateElementTree::Find(const AggregateIndex& key) {
 AggregateElement* AggregateElementTree::Next(const AggregateIndex& key) {
   BecomeTree();
   if (!root) return nullptr;
-  if (SplayKey(key) < 0) return root->item;
-  Node* node = root->right;
+  return SplayKey(key) < 0 ? root->item : LeastOf(root->right);
+}
+
+AggregateElement* AggregateElementTree::LeastOf(Node* node) {
   while (node && node->left) node = node->left;
   return node ? node->item : nullptr;
 }

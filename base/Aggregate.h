@@ -194,12 +194,17 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   // Of a row, removes an element that is the last, or is not there: what a search for it does, and
   // that its variable is released. False, and nothing done, for one before others.
   bool RemoveFromRow(int position);
-  // Gives all elements the positions from 1 on and answers their count.
+  // Gives the elements the positions from 1 on and answers their count. Each is found by a search
+  // for the position that the one before it has got.
   int Collapse();
 
   // Appends all elements in the order of their keys. Walks of a whole tree go through this, never
   // through Next: they change nothing, and meet every element.
   void Listing(std::vector<Row>* rows);
+  // Visits the variables of all elements, but for those that a row has not made. Allocates nothing.
+  // The visit may look at variables alone: while it runs, the tree is not whole.
+  template <class Visit>
+  void ForEachVariable(Visit visit);
   // Appends them in the order in which a copy inserts them, which decides the shape of its tree.
   void ListingForCopy(std::vector<Row>* rows);
   // Makes this empty tree ready for copies of all elements of the source. They come by InsertCopy
@@ -232,6 +237,7 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
 
  private:
   friend class Variable;
+  friend class VariableCycles;
 
   static bool NumberIn(const DenseSlot& slot, double* number) {
     if (slot.IsVariable()) {
@@ -254,10 +260,34 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   void BecomeTree();
   int SplayKey(const AggregateIndex& key);
   static Place PlaceOf(AggregateElement* element);
+  static AggregateElement* LeastOf(Node* node);
 
   DenseElements dense;                           // with elements in it, root is null
   AggregateElementTree* next_deleted = nullptr;  // the chain of trees that wait for their deletion
 };
+
+// A tree is walked without a stack: it may be as deep as it is large. On the way down to the left
+// of a node, the greatest node there gets a right child for a time, which is the way back up.
+template <class Visit>
+void AggregateElementTree::ForEachVariable(Visit visit) {
+  for (int i = 0; i < dense.count(); i++) {
+    if (Variable* const variable = dense.Made(dense.first() + i)) visit(variable);
+  }
+  for (Node* node = root; node;) {
+    if (node->left) {
+      Node* greatest = node->left;
+      while (greatest->right && greatest->right != node) greatest = greatest->right;
+      if (!greatest->right) {
+        greatest->right = node;
+        node = node->left;
+        continue;
+      }
+      greatest->right = nullptr;
+    }
+    if (node->item->variable) visit(node->item->variable);
+    node = node->right;
+  }
+}
 
 inline Variable* Variable::Member(const char* name, int length, int create) {
   if (IsPlain() && aggregate == AggregateStructure) [[likely]] {

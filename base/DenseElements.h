@@ -114,6 +114,11 @@ class DenseElements {
   }
   // The variable at one of the positions, without a search.
   Variable* Peek(int position) { return VariableOf(&slots[position - base]); }
+  // The same, but null where there is only a number.
+  Variable* Made(int position) const {
+    const DenseSlot& slot = slots[position - base];
+    return slot.IsVariable() ? slot.variable() : nullptr;
+  }
   // What a search does to the shape, without its answer. The way to a position beyond an end is the
   // way to that end, and the last step comes to the same whether it links the end or turns it up.
   void Search(int position) {

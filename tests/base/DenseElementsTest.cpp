@@ -84,12 +84,59 @@ class Plain : public SplayTree<AggregateElement, const AggregateIndex&> {
     AppendInOrder(root->right, &right);
     for (AggregateElement* e = right.First(); e; e = right.Next()) Move(e, delta);
   }
+  // Only for trees that have no position 0.
   int Collapse() {
-    List<AggregateElement> all(0);
-    AppendInOrder(root, &all);
     int position = 0;
-    for (AggregateElement* e = all.First(); e; e = all.Next()) e->Renumber(++position);
-    return position;
+    for (AggregateElement* e = First(); e && position < Entries();
+         e = Next(AggregateIndex(position))) {
+      e->Renumber(++position);
+    }
+    return Entries();
+  }
+  void Place(AggregateElement* element, int position, bool copy) {
+    if (!copy) {
+      SetElement(position, element->var());
+      return;
+    }
+    const VariableRef variable(new Variable(*element->var()));
+    SetElement(position, variable.get());
+  }
+  void CopyElements(Plain* source, int start, int count, int dest, bool copy) {
+    if (start < 1) start = source->Min();
+    if (start < 1) return;
+    if (count < 0) {
+      if (source->Max() < 1) return;
+      count = source->Max() - start + 1;
+    }
+    if (dest < 1) dest = Max() + 1;
+    if (dest == start && source == this && !copy) return;
+    const int delta = dest - start;
+    if (dest < start) {
+      PlaceUpward(source, start, start + count, delta, copy);
+      return;
+    }
+    AggregateElement* e = source->Previous(AggregateIndex(start + count));
+    while (e && e->index().position >= start) {
+      const int position = e->index().position;
+      Place(e, position + delta, copy);
+      e = source->Previous(AggregateIndex(position));
+      if (e && e->index().position >= position) return;
+    }
+  }
+  void MergeElements(Plain* source, int start, int count, int dest, bool copy) {
+    if (start < 1) start = source->Min();
+    if (start < 1) start = 1;
+    if (count < 0) count = source->Max() > 0 ? source->Max() - start + 1 : source->Max();
+    if (dest < 1) dest = Max() + 1;
+    Displace(dest, count);
+    if (source != this || start + count <= dest) {
+      PlaceUpward(source, start, start + count, dest - start, copy);
+    } else if (dest <= start) {
+      PlaceUpward(this, start + count, start + 2 * count, dest - (start + count), copy);
+    } else {
+      PlaceUpward(this, start, dest, dest - start, copy);
+      PlaceUpward(this, dest + count, dest + 3 * count, dest - start - count, copy);
+    }
   }
   int Max() { return Last() ? Last()->index().position : 0; }
   int Min() { return First() ? First()->index().position : 0; }
@@ -128,7 +175,32 @@ class Plain : public SplayTree<AggregateElement, const AggregateIndex&> {
     return text;
   }
 
+  // The positions in an order that shows the shape: a node before what is right and left of it.
+  std::vector<int> Outline() const {
+    std::vector<int> positions;
+    std::vector<const Node*> pending(1, root);
+    while (!pending.empty()) {
+      const Node* node = pending.back();
+      pending.pop_back();
+      if (!node) continue;
+      positions.push_back(node->item->index().position);
+      pending.push_back(node->left);
+      pending.push_back(node->right);
+    }
+    return positions;
+  }
+
  private:
+  void PlaceUpward(Plain* source, int start, int end, int delta, bool copy) {
+    AggregateElement* e = source->Next(AggregateIndex(start - 1));
+    while (e && e->index().position < end) {
+      const int position = e->index().position;
+      Place(e, position + delta, copy);
+      e = source->Next(AggregateIndex(position));
+      // A search may miss elements that a removal has lost, and turn back.
+      if (e && e->index().position <= position) return;
+    }
+  }
   static std::string Position(const Node* node) {
     return node ? std::to_string(node->item->index().position) : "";
   }
@@ -203,7 +275,26 @@ class Pair {
     array->DeleteElements(start, count, compact);
     tree->DeleteElements(start, count, compact);
   }
-  void Collapse() { ASSERT_EQ(array->CollapseElements(), tree->Collapse()); }
+  void Collapse() {
+    if (array->ElementsUsed() > 0 && array->Min() == 0) return;
+    ASSERT_EQ(array->CollapseElements(), tree->Collapse());
+  }
+  void CopyFrom(Pair* source, int start, int many, int dest, bool copy) {
+    array->CopyElements(source->array.get(), start, many, dest, copy);
+    tree->CopyElements(source->tree.get(), start, many, dest, copy);
+  }
+  void MergeFrom(Pair* source, int start, int many, int dest, bool copy) {
+    array->MergeElements(source->array.get(), start, many, dest, copy);
+    tree->MergeElements(source->tree.get(), start, many, dest, copy);
+  }
+  // Needs more than 99 elements: the order of a copy goes by the shape then.
+  void CompareOutline() {
+    std::vector<AggregateElementTree::Row> rows;
+    array->aggregateelements()->ListingForCopy(&rows);
+    std::vector<int> positions;
+    for (const auto& row : rows) positions.push_back(row.position);
+    ASSERT_EQ(positions, tree->Outline());
+  }
   // Goes on with a copy, and leaves the original behind.
   void Copy() {
     array = VariableRef(new Variable(*array));
@@ -447,6 +538,60 @@ TEST(DenseElements, LoseTheElementsThatTheTreeLoses) {
     trees += !pair.IsRow();
   }
   EXPECT_GT(trees, 2000);
+}
+
+// What every operation leaves is the tree that it leaves as it is told: with the same elements, in
+// the same shape.
+TEST(DenseElements, EveryOperationLeavesItsShape) {
+  for (unsigned seed = 1; seed <= 400; seed++) {
+    SCOPED_TRACE(testing::Message() << "seed " << seed);
+    Random random(seed * 31);
+    Pair pairs[2];
+    for (Pair& pair : pairs) {
+      const int gap = 1 + Below(random, 2);
+      for (int i = 1; i <= 160; i++) pair.Write(i * gap);
+    }
+    for (int i = 0; i < 12; i++) {
+      Pair& pair = pairs[Below(random, 2)];
+      Pair& source = pairs[Below(random, 2)];
+      const int at = 1 + Below(random, pair.array->Max() + 2);
+      const int start = Below(random, 200);
+      const int many = Below(random, 12) - 1;
+      switch (Below(random, 10)) {
+        case 0: pair.Collapse(); break;
+        case 1: pair.CopyFrom(&source, start, many, at, Below(random, 2) != 0); break;
+        case 2: pair.MergeFrom(&source, start, many, at, Below(random, 2) != 0); break;
+        case 3: pair.Insert(Below(random, 4) == 0 ? 0 : at); break;
+        case 4: pair.Delete(at, Below(random, 2) != 0); break;
+        case 5: pair.DeleteMany(at, Below(random, 4), Below(random, 2) != 0); break;
+        case 6: pair.Set(at); break;
+        case 7:
+          for (int k = 0; k < 30; k++) pair.Next(at + k);
+          break;
+        case 8: pair.Copy(); break;
+        default: pair.Read(at);
+      }
+      ASSERT_FALSE(testing::Test::HasFatalFailure());
+      for (Pair& changed : pairs) {
+        changed.Ends();
+        changed.Compare();
+        if (changed.array->ElementsUsed() > 99) changed.CompareOutline();
+        ASSERT_FALSE(testing::Test::HasFatalFailure()) << "step " << i;
+      }
+    }
+  }
+}
+
+TEST(DenseElements, ARenumberedArrayHasTheShapeOfTheWalk) {
+  for (const int gap : {1, 2, 5}) {
+    Pair pair;
+    Random random(static_cast<unsigned>(gap));
+    for (int i = 1; i <= 120; i++) pair.Write(i * gap);
+    for (int i = 0; i < 40; i++) pair.Read(Below(random, 120 * gap));
+    pair.Collapse();
+    pair.CompareOutline();
+    EXPECT_EQ(pair.array->Max(), 120);
+  }
 }
 
 // A copy of more than 99 elements is inserted in an order that is the shape's, which its own
