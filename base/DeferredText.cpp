@@ -30,13 +30,21 @@ DeferredText* DeferredText::Begin(Variable* variable) {
 }
 
 DeferredText::DeferredText(Variable* variable, int length)
-    : prefix(variable),
-      prefix_length(length),
-      room(std::min(Small, INT_MAX - 1 - length)),
-      next(watching) {
+    : prefix(variable), prefix_length(length), room(std::min(Small, INT_MAX - 1 - length)) {
+  previous = FirstOf(variable);
+  DeferredText*& place = previous ? previous->next : watching;
+  next = place;
   if (next) next->previous = this;
-  watching = this;
+  place = this;
   variable->SetWatched(true);
+}
+
+// Of those that watch a variable, the first one, or null.
+DeferredText* DeferredText::FirstOf(Variable* variable) {
+  if (!variable->watched()) return nullptr;
+  DeferredText* text = watching;
+  while (text && text->prefix != variable) text = text->next;
+  return text;
 }
 
 DeferredText::~DeferredText() {
@@ -44,27 +52,41 @@ DeferredText::~DeferredText() {
   if (bytes != small) delete[] bytes;
 }
 
-// A variable stays watched as long as anybody does.
+// A variable stays watched as long as anybody does. Stacks that end may have many such texts.
 void DeferredText::StopWatching() {
   (previous ? previous->next : watching) = next;
   if (next) next->previous = previous;
-  bool watched = false;
-  for (const DeferredText* other = watching; other; other = other->next) {
-    watched = watched || other->prefix == prefix;
-  }
-  if (!watched) prefix->SetWatched(false);
+  const bool others = (next && next->prefix == prefix) || (previous && previous->prefix == prefix);
+  if (!others) prefix->SetWatched(false);
   prefix = nullptr;
 }
 
 void DeferredText::Settle(Variable* variable) {
-  for (DeferredText* text = watching; text;) {
-    DeferredText* following = text->next;
-    if (text->prefix == variable) text->CopyPrefix();
-    text = following;
+  while (DeferredText* text = FirstOf(variable)) text->CopyPrefix();
+}
+
+void DeferredText::SettleLast(Variable* variable) {
+  while (DeferredText* text = FirstOf(variable)) {
+    try {
+      text->CopyPrefix();
+    } catch (const std::bad_alloc&) {
+      text->Lose();
+    }
   }
 }
 
+void DeferredText::Lose() {
+  StopWatching();
+  prefix_length = used = room = 0;
+  is_lost = true;
+}
+
+void DeferredText::ThrowIfLost() const {
+  if (is_lost) throw std::bad_alloc();
+}
+
 char* DeferredText::Room(int count) {
+  ThrowIfLost();
   const long needed = static_cast<long>(used) + count;
   const long most = INT_MAX - 1L - prefix_length;
   if (needed > most) throw std::bad_alloc();
@@ -126,6 +148,7 @@ void DeferredText::Append(Variable* variable) {
 }
 
 void DeferredText::Append(const DeferredText& text) {
+  text.ThrowIfLost();
   if (text.length() == 0) return;
   text.Flatten(Room(text.length()));
   used += text.length();
@@ -133,6 +156,7 @@ void DeferredText::Append(const DeferredText& text) {
 
 char* DeferredText::Release(int* all) {
   const std::unique_ptr<DeferredText> self(this);
+  ThrowIfLost();
   *all = length();
   auto* flat = new char[static_cast<size_t>(*all) + 1];
   Flatten(flat);
@@ -150,6 +174,7 @@ void DeferredText::Assign(Variable* target, bool adopt) {
   }
   if (!prefix) {
     std::unique_ptr<DeferredText> self(this);
+    ThrowIfLost();
     if (!adopt) {
       target->SetValue(bytes, used);
       return;
@@ -168,6 +193,7 @@ void DeferredText::Assign(Variable* target, bool adopt) {
 }
 
 void DeferredText::Write(Output* output) const {
+  ThrowIfLost();
   if (prefix) output->Write(prefix->plain_text().data, prefix_length);
   output->Write(bytes, used);
 }

@@ -60,13 +60,19 @@ class DeferredText {
 
   void Write(Output* output) const;
 
-  // For the variable, which is about to change or to go.
+  // For the variable, which is about to change.
   static void Settle(Variable* variable);
+  // For the variable, which is about to go. Never fails: where there is no memory for the copy, the
+  // text is lost, and whoever asks for it next gets the std::bad_alloc.
+  static void SettleLast(Variable* variable);
 
  private:
   DeferredText(Variable* variable, int length);
   char* Room(int length);
+  static DeferredText* FirstOf(Variable* variable);
   void CopyPrefix();
+  void Lose();
+  void ThrowIfLost() const;
   void StopWatching();
   void Flatten(char* destination) const;
 
@@ -77,8 +83,10 @@ class DeferredText {
   int used = 0;
   int room = Small;  // of bytes, less if the whole text would get too long
   char* bytes = small;
-  DeferredText* next = nullptr;  // of those that watch on this thread
+  // Of those that watch on this thread. All that watch one variable stand side by side.
+  DeferredText* next = nullptr;
   DeferredText* previous = nullptr;
+  bool is_lost = false;
   char small[Small];
 };
 

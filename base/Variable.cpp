@@ -67,7 +67,7 @@ Variable::Variable(const Variable& source) {
 }
 
 Variable::~Variable() {
-  Changing();
+  if (state & Watched) DeferredText::SettleLast(this);
   if (elements) DeleteTree(elements);
   if (state & Suspect) ForgetSuspect();
   if (name_.allocated == SharedMark) DropSharedName();
@@ -95,29 +95,29 @@ void Variable::DeletePlain() {
 }
 
 namespace {
-// The trees that wait while one is being deleted on this thread; null when none is.
-struct TreeDeletion {
-  AggregateElementTree* waiting = nullptr;
+// What the releases of this thread have under way.
+struct Releases {
+  AggregateElementTree* waiting = nullptr;  // trees, while one is being deleted
+  Variable* indebted = nullptr;             // references, while there is a group
+  int groups = 0;
+  bool deletes_tree = false;
 };
-thread_local TreeDeletion* tree_deletion = nullptr;
+constinit thread_local Releases releases;
 }  // namespace
 
 // Elements have elements, and deleting a variable within a tree comes back here: then the inner
 // tree waits for its turn, so that no nesting is too deep for the native stack.
 void Variable::DeleteTree(AggregateElementTree* tree) {
-  if (tree_deletion) {
-    tree->next_deleted = tree_deletion->waiting;
-    tree_deletion->waiting = tree;
-    return;
-  }
-  TreeDeletion deletion;
-  tree_deletion = &deletion;
-  while (tree) {
+  tree->next_deleted = releases.waiting;
+  releases.waiting = tree;
+  if (releases.deletes_tree) return;
+  const ReleaseGroup group;
+  releases.deletes_tree = true;
+  while ((tree = releases.waiting)) {
+    releases.waiting = tree->next_deleted;
     delete tree;
-    tree = deletion.waiting;
-    if (tree) deletion.waiting = tree->next_deleted;
   }
-  tree_deletion = nullptr;
+  releases.deletes_tree = false;
 }
 
 void Variable::DropElements() {
@@ -155,11 +155,40 @@ Variable* Variable::NextIdentity() {
   return state & Reference ? reference : this;
 }
 
-// In a loop: scripts can chain references without bound. A chain has an end, since no reference is
-// ever made to what refers to it.
+namespace {
+// Counts the references of this thread that came to refer to something else, or to nothing. At its
+// limit it stays, and nothing is remembered any more.
+constinit thread_local unsigned changed_references = 1;
+
+void NoteChangedReference() {
+  if (changed_references != UINT_MAX) changed_references++;
+}
+}  // namespace
+
+// Scripts can chain references without bound, and then use each of them: so those that were passed
+// remember the end, where it leads on if it has become a reference, in what would be their numbers.
+// It holds while no reference was changed. A chain has an end, since no reference is ever made to
+// what refers to it.
 Variable* Variable::Final() {
+  if (!reference) return this;
+  if (!reference->reference) return reference;
+  const auto remembers = static_cast<int>(changed_references);
+  const auto following = [remembers](Variable* holder) {
+    const bool is_marked = (holder->state & (Indebted | Settling | Reached)) != 0;
+    if (!is_marked && holder->integer_value == remembers && holder->link()) return holder->link();
+    return holder->reference;
+  };
   Variable* end = this;
-  while (end->reference) end = end->reference;
+  while (end->reference) end = following(end);
+  if (changed_references == UINT_MAX) return end;
+  for (Variable* holder = this; holder->reference;) {
+    Variable* const next = following(holder);
+    if (!(holder->state & (Indebted | Settling | Reached))) {
+      holder->SetLink(end);
+      holder->integer_value = remembers;
+    }
+    holder = next;
+  }
   return end;
 }
 
@@ -181,16 +210,112 @@ int Variable::refcount() {
 }
 
 void Variable::IncRefCount() {
-  for (Variable* holder = this; holder; holder = holder->reference) ++holder->refcount_;
+  AddCounts(this, 1);
 }
 
 void Variable::DecRefCount() {
-  Variable* holder = this;
+  TakeCounts(this, 1);
+}
+
+void Variable::AddCounts(Variable* holder, int counts) {
+  for (; holder; holder = holder->reference) holder->refcount_ += counts;
+}
+
+void Variable::TakeCounts(Variable* holder, int counts) {
+  if (holder->reference && releases.groups > 0) {
+    TakeCountsLater(holder, counts);
+  } else {
+    TakeCountsNow(holder, counts);
+  }
+}
+
+void Variable::TakeCountsNow(Variable* holder, int counts) {
   while (holder) {
-    // The target stands while its turn is to come: it has the count of this holder.
+    // The target stands while its turn is to come: it has the counts of this holder.
     Variable* target = holder->reference;
-    if (--holder->refcount_ == 0) delete holder;
+    // What is listed in a group goes with the list.
+    if ((holder->refcount_ -= counts) == 0 && !(holder->state & Indebted)) delete holder;
     holder = target;
+  }
+}
+
+// --- Groups of releases --------------------------------------------------------------------------
+
+ReleaseGroup::ReleaseGroup() {
+  releases.groups++;
+}
+
+ReleaseGroup::~ReleaseGroup() {
+  if (--releases.groups == 0 && releases.indebted) {
+    Variable::SettleDebts(std::exchange(releases.indebted, nullptr));
+  }
+}
+
+// A reference in a group has as many counts on its target as there are on itself and as it owes
+// together. One that is deleted owes all that it has. If it is in the list by then, it stays there
+// with no counts, and the object goes when the list does.
+void Variable::TakeCountsLater(Variable* holder, int counts) {
+  for (;;) {
+    const bool is_listed = (holder->state & Indebted) != 0;
+    const int owed = counts + (is_listed ? holder->number() : 0);
+    if ((holder->refcount_ -= counts) > 0) {
+      if (!is_listed) {
+        holder->state |= Indebted;
+        holder->SetLink(releases.indebted);
+        releases.indebted = holder;
+      }
+      holder->number() = owed;
+      return;
+    }
+    Variable* const target = holder->reference;
+    if (!is_listed) delete holder;
+    if (!target->reference) {
+      TakeCountsNow(target, owed);
+      return;
+    }
+    holder = target;
+    counts = owed;
+  }
+}
+
+// Nothing is deleted here but what has no counts any more: whoever owes is held, and so is what it
+// refers to.
+//
+// First all chains are walked once, each up to where another one was met before, and every variable
+// on them counts the ways that lead to it. Then debts are handed on, from each variable once the
+// last way to it has brought its own. That count is kept in primary, which is 0 before and after.
+void Variable::SettleDebts(Variable* list) {
+  Variable* indebted = nullptr;
+  while (Variable* const first = list) {
+    list = first->link();
+    if (first->refcount_ == 0) {
+      delete first;
+      continue;
+    }
+    first->SetLink(indebted);
+    indebted = first;
+    for (Variable* holder = first; holder->reference; holder = holder->reference) {
+      if (holder != first) holder->primary++;
+      if (holder->state & Settling) break;
+      holder->state |= Settling;
+      if (!(holder->state & Indebted)) holder->number() = 0;
+    }
+  }
+  while (Variable* const first = indebted) {
+    indebted = first->link();
+    const bool begins = (first->state & Settling) && first->primary == 0;
+    first->state &= ~Indebted;
+    first->SetLink(nullptr);
+    if (!begins) continue;
+    for (Variable* holder = first;;) {
+      const int owed = std::exchange(holder->number(), 0);
+      holder->state &= ~Settling;
+      holder = holder->reference;
+      holder->refcount_ -= owed;
+      if (!holder->reference) break;
+      holder->number() += owed;
+      if (--holder->primary > 0) break;
+    }
   }
 }
 
@@ -220,41 +345,48 @@ void Variable::ReferTo(Variable* target) {
   integer_value = 0;
   double_value = 0.0;
   DropElements();
-  for (int i = 0; i < refcount_; i++) target->IncRefCount();
+  NoteEdge(target);
+  AddCounts(target, refcount_);
   state |= Reference;
   reference = target;
-  NoteEdge(target);
 }
 
 void Variable::Rebind(Variable* target) {
   if (target == reference || target->RealIdentity() == Final()) return;
+  NoteEdge(target);
+  NoteChangedReference();
   const VariableRef pin = VariableRef::Share(this);
-  const int counts = refcount_;
-  for (int i = 0; i < counts; i++) target->IncRefCount();
+  AddCounts(target, refcount_);
+  const int counts = refcount_ + Forgive();
   Variable* old = reference;
   reference = target;
-  // The last of these may delete the old target and, with it, take a count off this object.
-  for (int i = 0; old && i < counts; i++) old->DecRefCount();
-  NoteEdge(target);
+  // This may delete the old target and, with it, take a count off this object.
+  if (old) TakeCounts(old, counts);
+}
+
+// What a reference owes its target, which it does not any more.
+int Variable::Forgive() {
+  return state & Indebted ? std::exchange(number(), 0) : 0;
 }
 
 void Variable::Make_NULL() {
   Changing();
   const VariableRef pin = VariableRef::Share(this);
-  const int counts = refcount_;
+  const int counts = refcount_ + Forgive();
   Variable* old = reference;
+  if (old) NoteChangedReference();
   reference = nullptr;
   state = (state & ~Reference) | Gone;
   valid_forms = 0;
   primary = PrimaryNone;
   integer_value = 0;
-  double_value = 0.0;
+  if (!(state & Indebted)) double_value = 0.0;
   if (name_.allocated == SharedMark) DropSharedName();
   name_.destroy();
   string_value.destroy();
   error_.destroy();
   DropElements();
-  for (int i = 0; old && i < counts; i++) old->DecRefCount();
+  if (old) TakeCounts(old, counts);
 }
 
 // --- Reading -------------------------------------------------------------------------------------
@@ -841,6 +973,7 @@ VariableList::VariableList() : List<Variable>(1) {}
 
 // Here, while Purge is still this class's.
 VariableList::~VariableList() {
+  const ReleaseGroup group;
   VariableList::Dump();
 }
 

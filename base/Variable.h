@@ -5,6 +5,7 @@
 #ifndef ZEPH_BASE_VARIABLE_H
 #define ZEPH_BASE_VARIABLE_H
 
+#include <bit>
 #include <cassert>
 #include <cstdint>
 
@@ -369,6 +370,11 @@ class Variable {
   static constexpr uint32_t Walked = 0x1000;   // a walk is inside of this variable
   static constexpr uint32_t Suspect = 0x2000;  // listed for FreeCycles
   static constexpr uint32_t Asleep = 0x4000;   // see IsAsleep()
+  // For a time, and with the number forms for scratch, which what is marked has no use for:
+  static constexpr uint32_t Indebted = 0x8000;   // in the list of a ReleaseGroup
+  static constexpr uint32_t Settling = 0x10000;  // on a chain that a ReleaseGroup settles
+  static constexpr uint32_t Reached = 0x20000;   // in the list of FreeCycles
+  static constexpr uint32_t Held = 0x40000;      // and held from outside of it
 
   // Whether reads and writes go elsewhere: to a target, or nowhere.
   bool redirected() const { return (state & (Reference | Gone)) != 0; }
@@ -389,6 +395,7 @@ class Variable {
   AggregateType aggregate = AggregateNone;
   AggregateElementTree* elements = nullptr;
   int refcount_ = 1;
+  int suspect_place = 0;  // among those listed, if it is Suspect
   String error_;
   Variable* reference = nullptr;
 
@@ -396,6 +403,7 @@ class Variable {
   static constexpr int SharedMark = -1;
 
   friend class DeferredText;
+  friend class ReleaseGroup;
   friend class VariableCycles;
   friend class VariableWalk;
 
@@ -428,6 +436,7 @@ class Variable {
   // For DeferredText: the length of a text that can be watched, or -1; whether it is watched; and
   // bytes behind it, to the outcome that storing the whole text has.
   int WatchableText();
+  bool watched() const { return (state & Watched) != 0; }
   void SetWatched(bool watched) {
     state &= ~Watched;
     if (watched) state |= Watched;
@@ -447,8 +456,38 @@ class Variable {
   void PlaceElement(Variable* element, int position, bool copy);
   void NoteEdge(Variable* target);
   void ForgetSuspect();
+  // IncRefCount and DecRefCount, so many times.
+  static void AddCounts(Variable* holder, int counts);
+  static void TakeCounts(Variable* holder, int counts);
+  static void TakeCountsNow(Variable* holder, int counts);
+  static void TakeCountsLater(Variable* holder, int counts);
+  static void SettleDebts(Variable* list);
+  int Forgive();
+  // The scratch of marked variables.
+  int& number() { return integer_value; }
+  Variable* link() const { return std::bit_cast<Variable*>(double_value); }
+  void SetLink(Variable* next) { double_value = std::bit_cast<double>(next); }
+  void ClearScratch() {
+    integer_value = 0;
+    double_value = 0.0;
+  }
   static AggregateElementTree* CopyElementTree(Variable* source);
   static void DeleteTree(AggregateElementTree* tree);
+};
+
+// For whoever releases many variables at once: the end of a table, of frames, of elements.
+//
+// A count of a reference is a count of all that it refers to, so that to release the references of
+// a chain one by one takes time by the square of its length. While a group lives, a reference keeps
+// the counts that it owes its target, and hands them on in one sum when it is deleted, or at the
+// end of the outermost group of the thread. What nobody holds is deleted at once all the same;
+// until that end, counts of what others refer to may be too high. Allocates nothing.
+class ReleaseGroup {
+ public:
+  ReleaseGroup();
+  ~ReleaseGroup();
+  ReleaseGroup(const ReleaseGroup&) = delete;
+  ReleaseGroup& operator=(const ReleaseGroup&) = delete;
 };
 
 // A variable that refers to another one from the start. It has the size and layout of Variable.

@@ -1,9 +1,8 @@
 // Values that hold only themselves. Counts free everything but circles: an array that is its own
 // element, an element that refers to its array. Scripts can make them, so a request that ends looks
-// for them. Tested in tests/base/VariableCyclesTest.cpp.
+// for them. Memory may be what the request has run out of, so the search allocates nothing: it
+// marks and links the variables themselves. Tested in tests/base/VariableCyclesTest.cpp.
 
-#include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "base/Aggregate.h"
@@ -14,8 +13,8 @@ namespace {
 // A circle closes when something gets to hold a variable that has elements: from there a way may
 // lead back. Such holders are listed here, flagged as suspect, until they are deleted. Copies hold
 // nothing but new variables and are never listed, so for most requests the list stays empty.
-std::unordered_set<Variable*>& Suspects() {
-  thread_local std::unordered_set<Variable*> suspects;
+std::vector<Variable*>& Suspects() {
+  thread_local std::vector<Variable*> suspects;
   return suspects;
 }
 
@@ -24,99 +23,147 @@ std::unordered_set<Variable*>& Suspects() {
 // Trial deletion: takes all that the suspects reach and subtracts the counts that these variables
 // have on one another. Who has counts left is held from outside, with all that it reaches. The
 // others are a circle, or hang on one.
+//
+// Only variables that hold others, with elements or as references, are looked at. Neither kind has
+// a number of its own, so the count of those found and the link to the next variable stand there.
+// A variable without elements that hangs on a circle goes with what holds it.
 class VariableCycles {
  public:
-  void Free(const std::unordered_set<Variable*>& suspects) {
+  void Free(const std::vector<Variable*>& suspects) {
     for (Variable* suspect : suspects) Reach(suspect);
-    while (!pending.empty()) {
-      Variable* variable = Take();
+    // The list grows while it is walked.
+    for (Variable* variable = first; variable; variable = variable->link()) {
       ForEachHeld(variable, [this](Variable* held, int counts) {
+        if (!Holds(held)) return;
         Reach(held);
-        nodes[held].from_within += counts;
+        held->number() += counts;
       });
     }
     MarkHeld();
-    std::vector<Variable*> circle;
-    for (auto& [variable, node] : nodes) {
-      if (!node.held) circle.push_back(variable);
-    }
-    Delete(circle);
+    LeaveHeld();
+    DeleteOthers();
   }
 
  private:
-  struct Node {
-    int from_within = 0;
-    bool held = false;
-  };
+  static bool Holds(const Variable* variable) {
+    return variable->reference != nullptr || variable->elements != nullptr;
+  }
 
   template <class Visit>
   static void ForEachHeld(Variable* variable, Visit visit) {
     // A reference has as many counts on its target as there are on itself.
     if (variable->reference) visit(variable->reference, variable->refcount_);
-    if (!variable->elements) return;
-    std::vector<AggregateElementTree::Row> rows;
-    variable->elements->Listing(&rows);
-    for (const auto& row : rows) {
-      if (row.variable) visit(row.variable, 1);
+    if (variable->elements) {
+      variable->elements->ForEachVariable([&visit](Variable* held) { visit(held, 1); });
     }
-  }
-
-  Variable* Take() {
-    Variable* variable = pending.back();
-    pending.pop_back();
-    return variable;
   }
 
   void Reach(Variable* variable) {
-    if (nodes.emplace(variable, Node()).second) pending.push_back(variable);
+    if ((variable->state & Variable::Reached) || !Holds(variable)) return;
+    variable->state |= Variable::Reached;
+    variable->number() = 0;
+    variable->SetLink(nullptr);
+    if (last) {
+      last->SetLink(variable);
+    } else {
+      first = variable;
+    }
+    last = variable;
   }
 
   void MarkHeld() {
-    for (auto& [variable, node] : nodes) {
-      if (variable->refcount_ > node.from_within) Hold(variable);
-    }
-    while (!pending.empty()) {
-      ForEachHeld(Take(), [this](Variable* held, int) { Hold(held); });
+    for (Variable* variable = first; variable; variable = variable->link()) {
+      if (variable->refcount_ > variable->number()) Hold(variable);
+      while (AggregateElementTree* const tree = to_mark) {
+        to_mark = tree->next_deleted;
+        tree->ForEachVariable([this](Variable* held) { Hold(held); });
+      }
     }
   }
 
+  // Marks a variable, and what it refers to; elements wait for their turn.
   void Hold(Variable* variable) {
-    Node& node = nodes[variable];
-    if (node.held) return;
-    node.held = true;
-    pending.push_back(variable);
+    for (; variable; variable = variable->reference) {
+      if ((variable->state & (Variable::Reached | Variable::Held)) != Variable::Reached) return;
+      variable->state |= Variable::Held;
+      if (!variable->elements) continue;
+      variable->elements->next_deleted = to_mark;
+      to_mark = variable->elements;
+    }
   }
 
-  // Takes the circle apart and leaves the deletion to the counts.
-  static void Delete(const std::vector<Variable*>& circle) {
-    for (Variable* variable : circle) variable->IncRefCount();
-    for (Variable* variable : circle) variable->Make_NULL();
-    for (Variable* variable : circle) variable->DecRefCount();
+  // Takes what is held off the list, so that the marks are those of the others alone.
+  void LeaveHeld() {
+    Variable* next = first;
+    first = nullptr;
+    while (Variable* const variable = next) {
+      next = variable->link();
+      if (variable->state & Variable::Held) {
+        variable->state &= ~(Variable::Reached | Variable::Held);
+        variable->ClearScratch();
+      } else {
+        variable->SetLink(first);
+        first = variable;
+      }
+    }
   }
 
-  std::unordered_map<Variable*, Node> nodes;
-  std::vector<Variable*> pending;
+  // All counts of these are their own. So they need not be given back one by one, but none may
+  // reach 0 before its turn. References come first: what is released then is no reference to one
+  // of these any more.
+  void DeleteOthers() {
+    const ReleaseGroup group;
+    for (Variable* variable = first; variable; variable = variable->link()) {
+      Variable* const target = variable->reference;
+      const int counts = variable->refcount_++;
+      if (!target) continue;
+      variable->reference = nullptr;
+      variable->state = (variable->state & ~Variable::Reference) | Variable::Gone;
+      if (!(target->state & Variable::Reached)) Variable::TakeCounts(target, counts);
+    }
+    for (Variable* variable = first; variable; variable = variable->link()) {
+      variable->DropElements();
+    }
+    while (Variable* const variable = first) {
+      first = variable->link();
+      variable->ClearScratch();
+      variable->state &= ~Variable::Reached;
+      variable->refcount_ = 1;
+      variable->DecRefCount();
+    }
+  }
+
+  Variable* first = nullptr;
+  Variable* last = nullptr;
+  AggregateElementTree* to_mark = nullptr;
 };
 
+// Before the target is held, so that nothing has to be taken back if the list cannot grow.
 void Variable::NoteEdge(Variable* target) {
   if ((state & Suspect) || !target) return;
   const AggregateElementTree* tree = target->Final()->elements;
   if (!tree || tree->Entries() == 0) {
     if (target->Final() != this) return;
   }
-  Suspects().insert(this);
+  std::vector<Variable*>& listed = Suspects();
+  listed.push_back(this);
+  suspect_place = static_cast<int>(listed.size()) - 1;
   state |= Suspect;
 }
 
 void Variable::ForgetSuspect() {
-  Suspects().erase(this);
+  std::vector<Variable*>& listed = Suspects();
+  Variable* const moved = listed.back();
+  moved->suspect_place = suspect_place;
+  listed[static_cast<size_t>(suspect_place)] = moved;
+  listed.pop_back();
 }
 
 void Variable::FreeCycles() {
-  std::unordered_set<Variable*>& listed = Suspects();
+  std::vector<Variable*>& listed = Suspects();
   if (listed.empty()) return;
   VariableCycles().Free(listed);
   // Those left are somebody's: a library may keep variables beyond a request.
   for (Variable* survivor : listed) survivor->state &= ~Suspect;
-  listed.clear();
+  std::vector<Variable*>().swap(listed);
 }

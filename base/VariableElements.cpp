@@ -66,12 +66,12 @@ void Variable::SetElement(const AggregateIndex& index, Variable* variable) {
     return;
   }
   const VariableRef pin = VariableRef::Share(variable);
+  NoteEdge(variable);
   const AggregateType kind = index.kind();
   AggregateElement* element = nullptr;
   if (aggregate == kind && elements->IsRow()) {
     if (elements->SearchRow(index.position)) {
       elements->Exchange(index.position, variable);
-      NoteEdge(variable);
       return;
     }
   } else if (aggregate == kind) {
@@ -83,7 +83,6 @@ void Variable::SetElement(const AggregateIndex& index, Variable* variable) {
     Convert_Aggregate(kind);
     elements->InsertNew(index, variable);
   }
-  NoteEdge(variable);
 }
 
 void Variable::InsertElement(int index, Variable* variable) {
@@ -92,6 +91,7 @@ void Variable::InsertElement(int index, Variable* variable) {
     return;
   }
   const VariableRef pin = VariableRef::Share(variable);
+  NoteEdge(variable);
   int place = index;
   if (aggregate != AggregateArray) {
     Convert_Aggregate(AggregateArray);
@@ -102,7 +102,6 @@ void Variable::InsertElement(int index, Variable* variable) {
     place = WrapAdd(Max(), 1);
   }
   elements->InsertNew(AggregateIndex(place), variable);
-  NoteEdge(variable);
 }
 
 void Variable::DeleteElement(const AggregateIndex& index, bool compact) {

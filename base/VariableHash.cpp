@@ -134,6 +134,7 @@ void VariableHash::RenewVariables() {
 }
 
 void VariableHash::ReleaseEntries() {
+  const ReleaseGroup group;
   for (int i = 0; i < entry_count; i++) {
     if (entries[i].variable) entries[i].variable->Release();
   }
@@ -176,6 +177,7 @@ void VariableHash::ReleaseIndex() {
 void VariableHash::Dump() {
   // Dump is not virtual, and what a system variable was to be is released with the others.
   if (auto* system = dynamic_cast<SystemVariableHash*>(this)) system->ForgetLateVariables();
+  const ReleaseGroup group;
   for (int i = 0; i < entry_count; i++) {
     Variable* variable = entries[i].variable;
     entries[i].variable = nullptr;

@@ -9,8 +9,9 @@ ZephVM_Frame::ZephVM_Frame(int segment, int offset)
     : return_segment(segment), return_offset(offset) {}
 
 ZephVM_Frame::~ZephVM_Frame() {
-  if (owns_variables) delete variables;
+  // Texts on the stack may watch variables, which would give them copies when they go.
   if (owns_stack) delete stack;
+  if (owns_variables) delete variables;
 }
 
 int ZephVM_Frame::type() {

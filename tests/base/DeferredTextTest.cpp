@@ -3,7 +3,9 @@
 #include <climits>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,6 +14,7 @@
 #include "base/DeferredText.h"
 #include "base/Variable.h"
 #include "base/VariableRef.h"
+#include "tests/support/GrowthOfTime.h"
 
 namespace {
 
@@ -330,6 +333,47 @@ TEST(DeferredText, ALongTextGrowsInLinearTime) {
     text->Assign(s.get(), true);
   }
   EXPECT_EQ(s->value().length, 300 + 300000 * 6 + 1688890);
+}
+
+// Frames that are left by an error have their texts still.
+TEST(DeferredText, ManyAreDeletedInTimeByTheirNumber) {
+  struct Watched {
+    VariableRef variable;
+    std::unique_ptr<DeferredText> text;
+  };
+  EXPECT_LT(GrowthOfTime(
+                2000,
+                [](int count) {
+                  std::vector<Watched> all;
+                  for (int i = 0; i < count; i++) {
+                    VariableRef variable(new Variable("", 0, std::string(150, 'x').c_str(), 150));
+                    std::unique_ptr<DeferredText> text(DeferredText::Begin(variable.get()));
+                    all.push_back({std::move(variable), std::move(text)});
+                  }
+                  return all;
+                },
+                [](std::vector<Watched>* all) {
+                  for (Watched& watched : *all) watched.text.reset();
+                }),
+            NearLinear);
+}
+
+TEST(DeferredText, AVariableIsWatchedByAllThatBeganWithIt) {
+  const VariableRef first(new Variable("", 0, std::string(150, 'a').c_str(), 150));
+  const VariableRef second(new Variable("", 0, std::string(150, 'b').c_str(), 150));
+  std::vector<std::unique_ptr<DeferredText>> texts;
+  for (int i = 0; i < 6; i++) {
+    texts.emplace_back(DeferredText::Begin(i % 2 ? second.get() : first.get()));
+  }
+  texts[4].reset();
+  texts[1].reset();
+  first->SetValue("x", 1);
+  second->SetValue("x", 1);
+  for (size_t i : {0, 2, 3, 5}) {
+    int length;
+    const std::unique_ptr<char[]> text(texts[i].release()->Release(&length));
+    EXPECT_EQ(std::string(text.get()), std::string(150, i % 2 ? 'b' : 'a'));
+  }
 }
 
 }  // namespace

@@ -1,11 +1,18 @@
+#include <algorithm>
+#include <memory>
 #include <random>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "base/Aggregate.h"
+#include "base/Dictionary.h"
 #include "base/Variable.h"
+#include "base/VariableHash.h"
 #include "base/VariableRef.h"
+#include "tests/support/GrowthOfTime.h"
 
 namespace {
 
@@ -152,6 +159,151 @@ TEST_F(VariableCycles, RandomGraphsThatNobodyHoldsAreFreedCompletely) {
     Entangle(variables, &random);
     variables.clear();
     Variable::FreeCycles();
+    ASSERT_EQ(living, 0) << round;
+  }
+}
+
+// --- Many
+// -----------------------------------------------------------------------------------------
+
+// An array of references, each to the one before it. Made from the last one on, since each count of
+// a reference is one of all that it leads to.
+VariableRef Chain(int count) {
+  VariableRef array(new Variable());
+  for (int i = 1; i <= count; i++) array->Element(Place(i), 1);
+  for (int i = count; i > 1; i--) {
+    array->Element(Place(i), 0)->Make_Reference(array->Element(Place(i - 1), 0));
+  }
+  return array;
+}
+
+TEST_F(VariableCycles, AChainOfReferencesIsDeletedInTimeByItsLength) {
+  EXPECT_LT(GrowthOfTime(2000, Chain, [](VariableRef* chain) { chain->reset(); }), NearLinear);
+}
+
+TEST_F(VariableCycles, AChainThatATableHoldsIsReleasedInTimeByItsLength) {
+  Dictionary names;
+  EXPECT_LT(GrowthOfTime(
+                2000,
+                [&names](int count) {
+                  auto table = std::make_unique<VariableHash>(&names, 12, 512);
+                  for (int i = 0; i < count; i++) {
+                    const std::string name = "v" + std::to_string(i);
+                    table->Insert(new Variable(name.c_str(), -1));
+                  }
+                  for (int i = count - 1; i > 0; i--) {
+                    table->Index(i, 0)->Make_Reference(table->Index(i - 1, 0));
+                  }
+                  return table;
+                },
+                [](std::unique_ptr<VariableHash>* table) { table->reset(); }),
+            NearLinear);
+}
+
+TEST_F(VariableCycles, ACircleThroughAChainIsFreedInTimeByItsLength) {
+  EXPECT_LT(GrowthOfTime(
+                2000,
+                [](int count) {
+                  VariableRef chain = Chain(count);
+                  chain->Element(Place(1), 0)->Make_Reference(chain.get());
+                  chain.reset();
+                  return 0;
+                },
+                [](int*) { Variable::FreeCycles(); }),
+            NearLinear);
+}
+
+TEST_F(VariableCycles, CirclesAreFreedInTimeByTheirNumber) {
+  EXPECT_LT(GrowthOfTime(
+                2000,
+                [](int count) {
+                  for (int i = 0; i < count; i++) {
+                    const VariableRef array(new Variable());
+                    array->SetElement(Place(1), array.get());
+                  }
+                  return 0;
+                },
+                [](int*) { Variable::FreeCycles(); }),
+            NearLinear);
+}
+
+TEST_F(VariableCycles, AReferenceTakesAllItsCountsAlongInOneStep) {
+  EXPECT_LT(GrowthOfTime(
+                2000,
+                [](int count) {
+                  auto variable = std::make_unique<Variable>();
+                  for (int i = 0; i < count; i++) variable->IncRefCount();
+                  return std::pair(VariableRef(variable.release()), Chain(count));
+                },
+                [](std::pair<VariableRef, VariableRef>* made) {
+                  const int counts = made->first->refcount();
+                  made->first->Make_Reference(made->second->Element(Place(2), 0));
+                  made->first->Make_Reference(made->second->Element(Place(made->second->Max()), 0));
+                  made->first->Make_NULL();
+                  for (int i = 1; i < counts; i++) made->first->DecRefCount();
+                  made->second.reset();
+                }),
+            NearLinear);
+}
+
+// Variables that refer to one another, each with some further counts.
+struct Forest {
+  explicit Forest(unsigned seed) {
+    std::mt19937 random(seed);
+    for (unsigned i = 0; i < Size; i++) variables.emplace_back(new Counted());
+    for (int i = 0; i < 14; i++) {
+      variables[random() % Size]->Make_Reference(variables[random() % Size].get());
+    }
+    for (int i = 0; i < 20; i++) {
+      further.push_back(variables[random() % Size].get());
+      further.back()->IncRefCount();
+    }
+    std::shuffle(further.begin(), further.end(), random);
+  }
+  // Gives so many of the further counts back, and may change a variable under way.
+  void Release(size_t count, unsigned change) {
+    for (size_t i = 0; i < count; i++) {
+      if (i == count / 2) Change(change);
+      further.back()->DecRefCount();
+      further.pop_back();
+    }
+  }
+  void Change(unsigned change) {
+    Variable* variable = variables[change / 4 % Size].get();
+    if (change % 4 == 0) variable->Make_NULL();
+    if (change % 4 == 1) variable->Make_Reference(variables[3].get());
+  }
+  void ReleaseAll() {
+    Release(further.size(), 3);
+    variables.clear();
+  }
+
+  static constexpr unsigned Size = 12;
+  std::vector<VariableRef> variables;
+  std::vector<Variable*> further;
+};
+
+// Counts are whole again when a group has ended, whatever was released in it.
+TEST_F(VariableCycles, AGroupOfReleasesLeavesTheCountsOfSingleOnes) {
+  std::mt19937 random(7);
+  for (unsigned round = 0; round < 3000; round++) {
+    Forest grouped(round);
+    Forest single(round);
+    const size_t released = random() % 21;
+    const auto change = static_cast<unsigned>(random());
+    {
+      const ReleaseGroup group;
+      grouped.Release(released, change);
+    }
+    single.Release(released, change);
+    for (size_t i = 0; i < Forest::Size; i++) {
+      ASSERT_EQ(grouped.variables[i]->refcount(), single.variables[i]->refcount()) << round;
+    }
+    {
+      const ReleaseGroup group;
+      grouped.ReleaseAll();
+    }
+    single.ReleaseAll();
     ASSERT_EQ(living, 0) << round;
   }
 }
