@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -57,27 +58,71 @@ int BufferedOutput::type() {
 }
 
 CaptureOutput::CaptureOutput(Output* parent)
-    : BufferedOutput(kDefaultCapacity), base(buffer), parent_output(parent) {
+    : BufferedOutput(kDefaultCapacity),
+      base(buffer),
+      parent_output(parent),
+      outer(dynamic_cast<CaptureOutput*>(parent)) {
+  if (outer) outer->holders++;
   allocated = capacity;
   capacity--;  // room for the terminator that the receiver writes
 }
 
 CaptureOutput::~CaptureOutput() {
+  if (outer) outer->Release();
   delete[] base;
   buffer = nullptr;  // it lies within base
 }
 
+// The text goes at once: others may still lead on to the parent for long.
+void CaptureOutput::Close() {
+  over = true;
+  delete[] base;
+  base = buffer = nullptr;
+  captured = used = capacity = 0;
+  Release();
+}
+
+// In a loop: captures can be nested without bound.
+void CaptureOutput::Release() {
+  CaptureOutput* released = this;
+  while (released && --released->holders == 0) {
+    CaptureOutput* const next = std::exchange(released->outer, nullptr);
+    delete released;
+    released = next;
+  }
+}
+
+// Gives up a parent that is over for that one's parent.
+void CaptureOutput::StepOver() {
+  CaptureOutput* const gone = outer;
+  parent_output = gone->parent_output;
+  outer = gone->outer;
+  if (outer) outer->holders++;
+  gone->Release();
+}
+
+Output* CaptureOutput::parent() {
+  while (parent_over()) StepOver();
+  return parent_output;
+}
+
+Output* CaptureOutput::Outermost() const {
+  const CaptureOutput* last = this;
+  while (last->outer) last = last->outer;
+  return last->parent_output;
+}
+
 int CaptureOutput::Write_Error(const char* text, int length) {
-  return parent_output->Write_Error(text, length);
+  return Outermost()->Write_Error(text, length);
 }
 
 int CaptureOutput::Header(const char* name, const char* value) {
-  return parent_output->Header(name, value);
+  return Outermost()->Header(name, value);
 }
 
 int CaptureOutput::Header(const char* name, int namelength, int nameowned, const char* value,
                           int valuelength, int valueowned) {
-  return parent_output->Header(name, namelength, nameowned, value, valuelength, valueowned);
+  return Outermost()->Header(name, namelength, nameowned, value, valuelength, valueowned);
 }
 
 int CaptureOutput::Flush() {

@@ -32,12 +32,20 @@ class BufferedOutput : public Output {
 };
 
 // Collects text in memory for a variable. Messages and header fields pass it by: they go to the
-// parent, the output that the capture stands in front of.
+// output that is behind all captures.
+//
+// The parent is the output that the capture found. It may be another capture's, which may end
+// first: so an output of a capture is counted, by its capture and by the outputs in front of it,
+// and one that is over stays as a way to its own parent.
 class CaptureOutput : public BufferedOutput {
  public:
-  // The parent is borrowed.
+  // The parent is borrowed, or counted if it is a capture's.
   explicit CaptureOutput(Output* parent);
+  // Only for one that no other capture has found.
   ~CaptureOutput() override;
+
+  // The capture is over: gives back the count of its maker, in place of deleting it.
+  void Close();
 
   int Write_Error(const char* text, int length) override;
   int Header(const char* name, const char* value) override;
@@ -53,14 +61,23 @@ class CaptureOutput : public BufferedOutput {
   // that a terminator fits. None is written.
   char* data(int* length, int* size);
 
-  // The output behind the capture.
-  Output* parent() { return parent_output; }
+  // What the capture gives way to: its parent, or where that is over, what it gave way to.
+  Output* parent();
+  // Whether the parent is a capture that is over.
+  bool parent_over() const { return outer && outer->over; }
 
  private:
+  void Release();
+  void StepOver();
+  Output* Outermost() const;
+
   char* base;        // start of the captured text; buffer points behind what is captured
   int captured = 0;  // bytes in front of buffer
   Output* parent_output;
-  long allocated = 0;  // bytes at base; may exceed what is reported, so that growth is geometric
+  long allocated = 0;    // bytes at base; may exceed what is reported, so that growth is geometric
+  CaptureOutput* outer;  // the parent, if it is a capture's; with a count
+  int holders = 1;
+  bool over = false;
 };
 
 // Swallows text, or hands it to a callback, which answers the bytes taken.

@@ -13,13 +13,14 @@ Capture::Capture(ZephApplication* host, ZephVM* machine, Variable* target)
 
 Capture::~Capture() {
   Restore();
-  delete output;
+  if (output) output->Close();
   variable->DecRefCount();
 }
 
 void Capture::Start() {
   output = new CaptureOutput(application->output());
-  previous = application->SetOutput(output);
+  application->SetOutput(output);
+  active = true;
 }
 
 void Capture::End() {
@@ -30,13 +31,13 @@ void Capture::End() {
   Restore();
 }
 
-bool Capture::covered() const {
-  return previous && application->output() != output;
-}
-
+// Another output is in front where a capture was left open above this one. It may be that the
+// output was set since without regard to this capture: then the one that it found is over, and
+// there is nothing to give back.
 void Capture::Restore() {
-  // A capture that was taken off the machine's stack under an inner one may no longer be in front.
-  if (!previous || covered()) return;
-  application->SetOutput(previous);
-  previous = nullptr;
+  if (!active) return;
+  active = false;
+  const bool covered = application->output() != output;
+  if (covered && (dropped() || output->parent_over())) return;
+  application->SetOutput(output->parent());
 }

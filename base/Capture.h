@@ -9,28 +9,25 @@
 class Variable;
 
 // Stands in front of the application's output from Start to End. Captures nest: each gives way to
-// the output that it found.
+// the output that it found, also when others have come to stand in front of it, whose text is then
+// no longer asked for.
 class Capture : public Feature {
  public:
   // Takes a count on the variable.
   Capture(ZephApplication* application, ZephVM* vm, Variable* variable);
-  // Gives the output back if the capture was not ended and still fronts it; what it collected is
-  // lost then.
+  // Gives the output back if the capture was not ended; what it collected is lost then. One that
+  // was dropped only gives it back if it is in front.
   ~Capture() override;
 
   void Start();
-  // Gives the text to the variable without copying it, and the output back if the capture fronts
-  // it.
+  // Gives the text to the variable without copying it, and the output back.
   void End();
-  // Whether another output has come to stand in front, and so leads on to this capture's: then the
-  // capture has to stay until that one is gone.
-  bool covered() const;
 
  private:
   void Restore();
 
   CaptureOutput* output = nullptr;
-  Output* previous = nullptr;
+  bool active = false;
   Variable* variable;
 };
 

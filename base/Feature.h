@@ -41,9 +41,9 @@ class Feature {
   // The serial number of the frame in which the feature was made. It is never used again by another
   // frame, unlike an address.
   long frame() const { return frame_serial; }
-  // Its place among all features that the machine was given; later ones have greater numbers.
-  long serial() const { return push_serial; }
-  void SetSerial(long serial) { push_serial = serial; }
+  // Whether the machine has taken it off its stack together with one below it. It then has no end
+  // but that of the machine.
+  bool dropped() const { return is_dropped; }
 
  protected:
   ZephApplication* application;
@@ -51,7 +51,50 @@ class Feature {
   long frame_serial;
   int feature_type;
   String error_text;
-  long push_serial = 0;
+
+ private:
+  friend class FeatureStack;
+
+  Feature* below = nullptr;  // on the stack
+  Feature* older = nullptr;  // among all features that the machine has
+  Feature* newer = nullptr;
+  bool is_dropped = false;
+};
+
+// The features of one machine: those on its stack, and those that were dropped from it and wait for
+// the machine's end. They are linked through themselves, so that keeping and deleting them
+// allocates nothing, and takes the same time for each, however many there are.
+class FeatureStack {
+ public:
+  FeatureStack() = default;
+  ~FeatureStack() { DeleteAll(); }
+  FeatureStack(const FeatureStack&) = delete;
+  FeatureStack& operator=(const FeatureStack&) = delete;
+
+  // Takes the feature over.
+  void Push(Feature* feature);
+  // The newest one; null on an empty stack.
+  Feature* Top() const { return top; }
+  // The one below a feature of the stack, or null.
+  static Feature* Below(const Feature* feature) { return feature->below; }
+  // The newest of a Feature::Type, or null.
+  Feature* Lookup(int type) const;
+  // Deletes a feature of the stack. Those above it are dropped first. Nothing happens for one that
+  // is not on the stack, which is only compared.
+  void Pop(Feature* feature);
+  // Deletes all, dropped ones too, from the newest to the oldest.
+  void DeleteAll();
+  // Passes a beat to each feature of the stack, the newest first. A feature may pop features
+  // meanwhile.
+  void Heartbeat();
+
+ private:
+  void TakeTop();
+  void Delete(Feature* feature);
+
+  Feature* top = nullptr;
+  Feature* newest = nullptr;
+  Feature* next_to_beat = nullptr;  // while a beat is passed on
 };
 
 #endif

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <new>
 
 #include "base/Config.h"
 #include "base/File.h"
@@ -37,8 +38,7 @@ void Lockfile::Heartbeat() {
 }
 
 void Lockfile::GiveBack() {
-  FileManager* files = application->filemanager();
-  if (files->Delete(ZephPath_Data, path.data)) return;
+  if (DeleteFile()) return;
   const double timeout = application->config()->value_integer(Config_timeout_file);
   const int delay = application->config()->value_integer(Config_delay_file);
   // Without a pause there would be no end of tries, and as little sense in them.
@@ -46,7 +46,17 @@ void Lockfile::GiveBack() {
   const double tries = std::trunc(timeout * (1000.0 / delay));
   if (tries < 0) return;
   for (double i = 0; i <= tries; i++) {
-    if (application->cancelled() || files->Delete(ZephPath_Data, path.data)) return;
+    if (application->cancelled() || DeleteFile()) return;
     application->Sleep(delay);
+  }
+}
+
+// The way to the file takes memory, which may be what has ended the script: that is one try that
+// has failed.
+bool Lockfile::DeleteFile() {
+  try {
+    return application->filemanager()->Delete(ZephPath_Data, path.data);
+  } catch (const std::bad_alloc&) {
+    return false;
   }
 }

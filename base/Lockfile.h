@@ -25,6 +25,7 @@ class Lockfile : public Feature {
 
  private:
   void GiveBack();
+  bool DeleteFile();
 
   String path;
   bool locked = false;

@@ -25,6 +25,8 @@ class ZephVM::NestedRun {
   void Begin(Segment* start);
 
  private:
+  void LeaveFrames();
+
   ZephVM* vm;
   ZephVM_Frame* outer;
   int program_counter;

@@ -83,12 +83,9 @@ ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* host, Dictiona
       database_libraries(databases),
       languages(script_languages),
       localized(texts),
-      features(0),
-      dropped_features(1),
       null_variable(new NULLVariable),
       parent(parent_machine),
-      root(parent_machine ? parent_machine->root : this),
-      covered_captures(1) {
+      root(parent_machine ? parent_machine->root : this) {
   CopyDefaultErrorSettings(tag_errors);
   MakeBaseFrame();
   segment = segments->Start();
@@ -111,6 +108,17 @@ ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* host, Dictiona
 ZephVM::~ZephVM() {
   // While the machine can still run functions: libraries may do so to free what they left.
   if (external_calls) external_calls->MachineEnds(this, parent);
+  DeleteFrames();
+  null_variable->DecRefCount();
+  features.DeleteAll();
+  if (parent) parent->children--;
+  // The contexts, with their machines, before what is left of those.
+  contexts.reset();
+}
+
+// Frames may be many, and the variables of each may refer to those of the one below.
+void ZephVM::DeleteFrames() {
+  const ReleaseGroup group;
   while (frame) {
     ZephVM_Frame* previous = frame->previous;
     delete frame;
@@ -123,16 +131,6 @@ ZephVM::~ZephVM() {
       idle = next;
     }
   }
-  null_variable->DecRefCount();
-  // A feature leaves the stack before it is deleted: its end may look at the stack. They go from
-  // the newest to the oldest, those that were dropped included: the outputs of captures lead on to
-  // older ones.
-  while (features.Top()) Drop(features.Pop());
-  while (dropped_features.First()) DeleteFeature(dropped_features.Remove(ListHead));
-  if (parent) parent->children--;
-  // The contexts, with their machines, before what is left of those.
-  contexts.reset();
-  while (covered_captures.First()) delete covered_captures.Remove(ListHead);
 }
 
 void ZephVM::MakeBaseFrame() {
@@ -406,16 +404,16 @@ int ZephVM::Go() {
 }
 
 int ZephVM::Set_Segment() {
+  return LoadSegment() ? 1 : FatalError("Invalid segment reference");
+}
+
+// False, with no code, for a segment that is not there: the wanted one is not the loaded one then.
+bool ZephVM::LoadSegment() {
   segment = segments->Lookup(wanted_segment);
-  if (!segment) {
-    code = nullptr;
-    code_length = 0;
-    return FatalError("Invalid segment reference");
-  }
-  code = segment->code();
-  code_length = segment->length();
-  loaded_segment = wanted_segment;
-  return 1;
+  code = segment ? segment->code() : nullptr;
+  code_length = segment ? segment->length() : 0;
+  if (segment) loaded_segment = wanted_segment;
+  return segment != nullptr;
 }
 
 ZephVM::Pass ZephVM::EndOfSegment() {
@@ -440,7 +438,7 @@ int ZephVM::TimedOut() {
 void ZephVM::Heartbeat() {
   last_heartbeat = Read(heartbeat_counter);
   if (parent) parent->Heartbeat();
-  for (Feature* feature = features.Top(); feature; feature = features.Peek()) feature->Heartbeat();
+  features.Heartbeat();
 }
 
 const char* ZephVM::SourceFile(int* length) {
@@ -453,55 +451,8 @@ const char* ZephVM::SourceFile(int* length) {
 
 // --- Features ------------------------------------------------------------------------------------
 
-void ZephVM::Push_Feature(Feature* feature) {
-  feature->SetSerial(++root->feature_serials);
-  features.Push(feature);
-}
-
-Feature* ZephVM::Lookup_Feature(int type) {
-  Feature* feature = features.Top();
-  while (feature && feature->type() != type) feature = features.Peek();
-  return feature;
-}
-
-void ZephVM::Pop_Feature(Feature* wanted) {
-  Feature* feature = features.Top();
-  if (!wanted) wanted = feature;
-  while (feature && feature != wanted) feature = features.Peek();
-  if (!feature) return;
-  for (;;) {
-    features.Top();
-    Feature* top = features.Pop();
-    if (top == wanted) break;
-    Drop(top);
-  }
-  if (wanted->type() == Feature::Type_Capture && static_cast<Capture*>(wanted)->covered()) {
-    Drop(wanted);
-  } else {
-    delete wanted;
-  }
-}
-
-// Puts a feature in its place: the newest at the head.
-static void InsertByAge(List<Feature>* list, Feature* feature) {
-  Feature* other = list->First();
-  while (other && other->serial() > feature->serial()) other = list->Next();
-  list->Insert(feature, other ? ListCurrent : ListTail);
-}
-
-// Keeps a feature until the machine ends.
-void ZephVM::Drop(Feature* feature) {
-  InsertByAge(&dropped_features, feature);
-}
-
-// At the machine's end. Files that use one another open captures above those of other machines, and
-// any of these may end first: then the output stays that the others lead on to.
-void ZephVM::DeleteFeature(Feature* feature) {
-  if (feature->type() == Feature::Type_Capture && static_cast<Capture*>(feature)->covered()) {
-    InsertByAge(&root->covered_captures, feature);
-  } else {
-    delete feature;
-  }
+void ZephVM::Pop_Feature(Feature* feature) {
+  features.Pop(feature ? feature : features.Top());
 }
 
 // --- Handlers ------------------------------------------------------------------------------------

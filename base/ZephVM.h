@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/BaseTemplates.h"
+#include "base/Feature.h"
 #include "base/Numbers.h"
 #include "base/Segment.h"
 #include "base/StringClass.h"
@@ -30,7 +31,6 @@ class DoContexts;
 class ExternalCall;
 class ExternalCallManager;
 class ExternalDatabaseLibraryManager;
-class Feature;
 class Function;
 class FunctionManager;
 class FunctionParameter;
@@ -194,9 +194,9 @@ class ZephVM {
 
   // --- Features ----------------------------------------------------------------------------------
   // Takes the feature over.
-  void Push_Feature(Feature* feature);
+  void Push_Feature(Feature* feature) { features.Push(feature); }
   // The newest of a Feature::Type, or null.
-  Feature* Lookup_Feature(int type);
+  Feature* Lookup_Feature(int type) { return features.Lookup(type); }
   // Takes the feature off the stack, with all above it, and deletes it; null means the top. Those
   // above are kept until the machine ends and deleted then, without running their ends.
   void Pop_Feature(Feature* feature);
@@ -237,6 +237,7 @@ class ZephVM {
   friend class MachineClone;
 
   void MakeBaseFrame();
+  void DeleteFrames();
   void CloneFrames(ZephVM& source);
   std::unique_ptr<ZephVM_Frame> CloneFrame(ZephVM_Frame* original);
   void SetScriptDirectory();
@@ -246,12 +247,11 @@ class ZephVM {
     stack = frame->stack;
   }
 
-  void Drop(Feature* feature);
-  void DeleteFeature(Feature* feature);
   bool LogAdmitsPlace();
 
   // Steps of the loop.
   int Set_Segment();
+  bool LoadSegment();
   Pass EndOfSegment();
   // Runs decoded code from a record on, up to an instruction that is the loop's to do.
   void RunHot(const HotCode* hot, const HotOp* op);
@@ -475,9 +475,7 @@ class ZephVM {
   LocalizedDictionary* localized;
   // Of the next localized text; null until one is set.
   std::unique_ptr<VariableHash> text_parameters;
-  Stack<Feature> features;
-  // Features that were taken off under another one: no beats, no ends, deleted with the machine.
-  List<Feature> dropped_features;
+  FeatureStack features;
   // Compiled once, by text: a loop may open its import again and again.
   std::map<std::string, ImportFilter, std::less<>> import_filters;
   NULLVariable* null_variable;
@@ -485,8 +483,6 @@ class ZephVM {
   // --- Of the family: a machine, its children, and theirs ----------------------------------------
   ZephVM* root;                          // the machine that has no parent
   std::unique_ptr<DoContexts> contexts;  // the root's; null until a script names another file
-  // Captures of machines that are gone which outputs of others still lead on to; the root's.
-  List<Feature> covered_captures;
   int runs = 0;               // that are nested in one another; the root's
   bool reuses_frames = true;  // the root's
   // The machine that works on this one's stack.
@@ -498,9 +494,7 @@ class ZephVM {
   // The mode that the output has, where that is certain: since the hot loop set it.
   long hot_mode = NoMode;
   bool in_hot = false;
-  // The last serial numbers given to a frame, and to a feature by the machines of a family.
-  long frame_serials = 0;
-  long feature_serials = 0;
+  long frame_serials = 0;  // the last serial number given to a frame
 };
 
 #endif

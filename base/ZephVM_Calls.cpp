@@ -256,10 +256,9 @@ long ZephVM::FrameSerial() {
 // The lowest of the frame's features is closed; those above it wait for the end of the machine.
 void ZephVM::Cleanup_Function_Features(ZephVM_Frame* left) {
   Feature* lowest = nullptr;
-  Feature* feature = features.Top();
-  while (feature && feature->frame() == left->serial) {
+  for (Feature* feature = features.Top(); feature && feature->frame() == left->serial;
+       feature = FeatureStack::Below(feature)) {
     lowest = feature;
-    feature = features.Peek();
   }
   if (lowest) Pop_Feature(lowest);
 }
@@ -358,17 +357,23 @@ ZephVM::NestedRun::NestedRun(ZephVM* machine)
 
 // Frames that the run has left, because an error ended it inside of a function, go with it.
 ZephVM::NestedRun::~NestedRun() {
+  LeaveFrames();
+  vm->stack = outer->stack;
+  vm->application->output()->SetFlags(outer->output_mode);
+  vm->program_counter = program_counter;
+  vm->wanted_segment = wanted_segment;
+  // The loop reports a segment that is not there, before it runs on.
+  if (vm->loaded_segment != wanted_segment) vm->LoadSegment();
+  vm->root->runs--;
+}
+
+void ZephVM::NestedRun::LeaveFrames() {
+  const ReleaseGroup group;
   while (vm->frame != outer) {
     std::unique_ptr<ZephVM_Frame> left(vm->frame);
     vm->frame = left->previous ? left->previous : outer;
     if (left->type() == ZephVM_Frame::Function) vm->frame_count--;
   }
-  vm->stack = outer->stack;
-  vm->application->output()->SetFlags(outer->output_mode);
-  vm->program_counter = program_counter;
-  vm->wanted_segment = wanted_segment;
-  if (vm->loaded_segment != wanted_segment) vm->Set_Segment();
-  vm->root->runs--;
 }
 
 void ZephVM::NestedRun::Enter(VariableHash* variables, ZephVM_Stack* entries) {

@@ -90,12 +90,9 @@ ZephVM::ZephVM(ZephApplication* host, ZephVM& source, int* heartbeat, int* timed
       database_libraries(host->databasemanager()),
       languages(clone->languages.get()),
       localized(clone->localized.get()),
-      features(0),
-      dropped_features(1),
       null_variable(new NULLVariable),
       parent(clone->parent.get()),
-      root(parent ? parent->root : this),
-      covered_captures(1) {
+      root(parent ? parent->root : this) {
   std::copy_n(source.tag_errors, tag_count, tag_errors);
   segment = segments->Lookup(loaded_segment);
   if (segment) {

@@ -524,6 +524,33 @@ TEST_F(DoCache, CapturesThatAreLeftOpenGiveTheOutputBack) {
   }
 }
 
+// The output that the page's capture found, not the file's, is what goes on.
+TEST_F(DoCache, ACaptureEndsUnderOneThatAFileHasLeftOpen) {
+  Limit(-1);
+  Script("dir/e.zpc", "pushg there\ncapture\n" + Writes("lost"));
+  EXPECT_EQ(Page("pushg here\ncapture\n" + Writes("a") + Runs("e.zpc") + "capture_end\n" +
+                 Writes("b") + "pushnc here\nout\npushg here\ncapture\n" + Writes("c") +
+                 "capture_end\npushnc here\nout\n"),
+            "bac");
+  machine.Close();
+  EXPECT_EQ(machine.application.output(), &machine.output);
+}
+
+// Ended by a later run of the file, when the capture below it is gone and another one is in front.
+TEST_F(DoCache, ACaptureEndsWithoutTheOneThatItFound) {
+  Limit(-1);
+  Script("dir/e.zpc", "cmpgi again, 1\njmp_eq end\npushi 1\npopg again\npushg there\ncapture\n" +
+                          Writes("x") + "jmp over\nend: capture_end\nover: noop\n");
+  EXPECT_EQ(Page("pushg here\ncapture\n" + Writes("a") + Runs("e.zpc") + "capture_end\n" +
+                 "pushg more\ncapture\n" + Writes("b") + Runs("e.zpc") + Writes("c") +
+                 "capture_end\n" + Writes("d") +
+                 "pushnc here\nout\npushnc more\nout\n"
+                 "pushnc there\nout\n"),
+            "dabcx");
+  machine.Close();
+  EXPECT_EQ(machine.application.output(), &machine.output);
+}
+
 // --- The family ----------------------------------------------------------------------------------
 
 TEST_F(Do, ChildrenBeatWithTheirParents) {

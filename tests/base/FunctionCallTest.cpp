@@ -455,31 +455,50 @@ TEST(FunctionCall, ACaptureLeftOpenByAFunctionEndsWithIt) {
   }
 }
 
+// The lower one is deleted, and gives back the output that it found.
 TEST(FunctionCall, TwoCapturesLeftOpenByAFunction) {
+  for (const char* result : {"retn", "pushi 1\nret"}) {
+    Machine machine;
+    machine.Assemble(
+        Script("call f\npop\npushc \"b\"\nout\npushg z\ncapture\npushc \"c\"\nout\n"
+               "capture_end\npushc \"d\"\nout\npop",
+               ".function f()\npushg x\ncapture\npushg y\ncapture\npushg y\n"
+               "capture\npushc \"a\"\nout\n" +
+                   std::string(result)));
+    EXPECT_EQ(machine.Go(), 0);
+    EXPECT_EQ(machine.Output().substr(0, 7), "bdFatal");
+    EXPECT_EQ(machine.Value("x"), "");
+    EXPECT_EQ(machine.Value("y"), "");
+    EXPECT_EQ(machine.Value("z"), "c");
+    EXPECT_EQ(machine.vm().Lookup_Feature(Feature::Type_Capture), nullptr);
+    machine.Close();
+    EXPECT_EQ(machine.application.output(), &machine.output);
+  }
+}
+
+TEST(FunctionCall, CapturesLeftOpenBelowACaptureOfTheCaller) {
   Machine machine;
-  machine.Assemble(Script("call f\npop\npushc \"b\"\nout\npop",
-                          ".function f()\npushg x\ncapture\npushg y\ncapture\npushc \"a\"\nout\n"
-                          "retn"));
-  EXPECT_EQ(machine.Go(), 0);
-  // The error goes past all captures.
-  EXPECT_NE(machine.Output().find("Stack underflow"), std::string::npos);
-  EXPECT_EQ(machine.vm().Lookup_Feature(Feature::Type_Capture), nullptr);
+  machine.Assemble(
+      Script("pushg w\ncapture\npushc \"a\"\nout\ncall f\npop\npushc \"b\"\nout\ncall f\npop\n"
+             "pushc \"c\"\nout\ncapture_end\npushc \"d\"\nout",
+             ".function f()\npushg x\ncapture\npushg y\ncapture\npushc \"lost\"\nout\nretn"));
+  EXPECT_EQ(machine.Go(), 1);
+  EXPECT_EQ(machine.Value("w"), "abc");
+  EXPECT_EQ(machine.Output(), "d");
   machine.Close();
   EXPECT_EQ(machine.application.output(), &machine.output);
 }
 
-// What is in front of the lower captures outlives them.
-TEST(FunctionCall, CapturesUnderOnesThatWereLeftOpen) {
+TEST(FunctionCall, CapturesLeftOpenByFunctionsWithinFunctions) {
   Machine machine;
   machine.Assemble(
-      Script("pushg w\ncapture\npushc \"a\"\nout\ncall f\npop\ncall f\npop\n"
-             "pushc \"lost\"\nout\ncapture_end\npushc \"lost\"\nout\npop",
-             ".function f()\npushg x\ncapture\npushg y\ncapture\nretn"));
-  EXPECT_EQ(machine.Go(), 0);
-  EXPECT_EQ(machine.Value("w"), "a");
-  EXPECT_EQ(machine.Output().substr(0, 11), "Fatal error");
-  machine.Close();
-  EXPECT_EQ(machine.application.output(), &machine.output);
+      Script("call f\npop\npushc \"d\"\nout",
+             ".function f()\npushg x\ncapture\npushg y\ncapture\npushc \"a\"\nout\ncall g\npop\n"
+             "pushc \"b\"\nout\ncapture_end\npushc \"c\"\nout\nretn\n"
+             ".function g()\npushg z\ncapture\npushg z\ncapture\npushc \"lost\"\nout\nretn"));
+  EXPECT_EQ(machine.Go(), 1);
+  EXPECT_EQ(machine.Value("y"), "ab");
+  EXPECT_EQ(machine.Output(), "d");
 }
 
 TEST(FunctionCall, ACaptureOfTheCallerGoesOnInTheFunction) {

@@ -7,6 +7,7 @@
 
 #include "base/Config.h"
 #include "base/Feature.h"
+#include "tests/support/GrowthOfTime.h"
 #include "tests/support/Machine.h"
 
 namespace {
@@ -47,7 +48,7 @@ TEST(ZephVM, OperandsBeyondTheEndReadAsZero) {
 }
 
 TEST(ZephVM, UnknownWordsAreIllegal) {
-  for (int word : {0x0001, 0x0002, 527, 0x4000, 0xFFFF, 0xC001, 0x3015}) {
+  for (int word : {0x0001, 0x0002, 527, 0x2000, 0xFFFF, 0xC001, 0x3015}) {
     SCOPED_TRACE(word);
     Machine machine;
     machine.Text("before").Op(out).Op(static_cast<unsigned short>(word)).Text("after").Op(out);
@@ -509,6 +510,58 @@ TEST(Feature, IsOffTheStackWhenItIsDeleted) {
     EXPECT_EQ(found.size(), 2u);
   }
   EXPECT_EQ(found, std::vector<bool>(5, false));
+}
+
+// It ends features, that of its own and others, while the beat goes on below them.
+class PoppingFeature : public CountingFeature {
+ public:
+  using CountingFeature::CountingFeature;
+  void Heartbeat() override {
+    for (Feature* feature : pops) vm->Pop_Feature(feature);
+  }
+  std::vector<Feature*> pops;
+};
+
+TEST(Feature, MayPopFeaturesAtABeat) {
+  std::vector<int> deleted;
+  Machine machine;
+  auto* last = new CountingFeature(machine, 1, 1, &deleted);
+  auto* below = new CountingFeature(machine, 2, 2, &deleted);
+  auto* popping = new PoppingFeature(machine, 3, 3, &deleted);
+  auto* above = new CountingFeature(machine, 4, 4, &deleted);
+  for (Feature* feature : std::initializer_list<Feature*>{last, below, popping, above}) {
+    machine.vm().Push_Feature(feature);
+  }
+  popping->pops = {above, below};
+  machine.vm().Heartbeat();
+  EXPECT_EQ(deleted, (std::vector<int>{4, 2}));
+  EXPECT_EQ(last->beats, 1);
+  machine.vm().Heartbeat();
+  EXPECT_EQ(last->beats, 2);
+}
+
+std::unique_ptr<Machine> MachineWithFeatures(int count, std::vector<int>* deleted) {
+  auto machine = std::make_unique<Machine>();
+  machine->vm().Push_Feature(new CountingFeature(*machine, 1, 0, deleted));
+  for (int i = 0; i < count; i++) {
+    machine->vm().Push_Feature(new CountingFeature(*machine, 2, 0, deleted));
+  }
+  return machine;
+}
+
+TEST(Feature, ManyAreDroppedAndDeletedInTimeByTheirNumber) {
+  std::vector<int> deleted;
+  for (const bool dropped : {false, true}) {
+    EXPECT_LT(GrowthOfTime(
+                  2000, [&](int count) { return MachineWithFeatures(count, &deleted); },
+                  [dropped](std::unique_ptr<Machine>* machine) {
+                    if (dropped) {
+                      (*machine)->vm().Pop_Feature((*machine)->vm().Lookup_Feature(1));
+                    }
+                    (*machine)->Close();
+                  }),
+              NearLinear);
+  }
 }
 
 TEST(Feature, PopOfNothingTakesTheTop) {

@@ -116,6 +116,30 @@ TEST_F(Lockfiles, AnEndGivesTheNewestBack) {
   EXPECT_FALSE(tree.Exists("data/b.lck"));
 }
 
+// Of several features that a function leaves open only the lowest ends with it.
+TEST_F(Lockfiles, ALockThatAFunctionLeavesOpenAboveACapture) {
+  LockMachine machine(tree, 2);
+  machine.Assemble("call f\npop\npushc \"b\"\nout\n.segment 1\n.function f()\npushg x\ncapture\n" +
+                   std::string(take) + "pushc \"a\"\nout\nretn");
+  ASSERT_EQ(machine.Go(), 1) << machine.Error();
+  EXPECT_EQ(machine.Output(), "b");
+  EXPECT_TRUE(tree.Exists("data/orders.lck"));
+  machine.Close();
+  EXPECT_FALSE(tree.Exists("data/orders.lck"));
+}
+
+TEST_F(Lockfiles, ALockThatAFunctionLeavesOpenBelowACapture) {
+  LockMachine machine(tree, 2);
+  machine.Assemble("call f\npop\npushc \"b\"\nout\n.segment 1\n.function f()\n" +
+                   std::string(take) + "pushg x\ncapture\npushc \"a\"\nout\nretn");
+  ASSERT_EQ(machine.Go(), 1) << machine.Error();
+  EXPECT_FALSE(tree.Exists("data/orders.lck"));
+  // The capture stays in front until the machine ends.
+  EXPECT_EQ(machine.Output(), "");
+  machine.Close();
+  EXPECT_EQ(machine.application.output(), &machine.output);
+}
+
 TEST_F(Lockfiles, EveryEndOfAScriptGivesItBack) {
   const struct {
     const char* label;
