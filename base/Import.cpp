@@ -46,8 +46,7 @@ const char* FindSpecial(const char* p, const char* end) {
 // --- The import ----------------------------------------------------------------------------------
 
 Import::Import(ZephApplication* host, ZephVM* machine) : Feature(host, machine, Type_Import) {
-  input_size =
-      std::clamp(host->config()->value_integer(Config_bufsz_import), SmallestBuffer, LargestBuffer);
+  input_size = host->config()->buffer_size(Config_bufsz_import);
 }
 
 Import::~Import() = default;

@@ -26,9 +26,6 @@ class Segment;
 // variables that it sets.
 class Import : public Feature {
  public:
-  // The buffers of a file are of the setting bufsz_import, but never smaller or larger than this.
-  static constexpr int SmallestBuffer = 1;
-  static constexpr int LargestBuffer = 1 << 20;
   // A record of more bytes than this ends the import.
   static constexpr int LongestRecord = 1 << 30;
 
@@ -73,7 +70,7 @@ class Import : public Feature {
   std::unique_ptr<char[]> delimiter;
   int delimiter_length = 0;
   std::unique_ptr<char[]> input;  // the block that is read from
-  int input_size = 0;
+  int input_size;                 // bytes, of the setting bufsz_import
   int input_length = 0;
   int input_position = 0;
   // A record that is decoded, or has come in pieces. One that stands in the block as it is, is

@@ -173,6 +173,26 @@ TEST(Import, AnySettingOfTheBufferIsSafe) {
   }
 }
 
+TEST(Import, ABufferOfNothingHas8192Bytes) {
+  std::string content;
+  for (int i = 0; i < 10000; i++) content += "x\n";
+  for (int size : {8192, 0, -1, INT_MIN}) {
+    ImportRun run(
+        "pushc \"in\"\npushc \",\"\npushc \"a\"\nimport done\nbody: import_loop body\ndone:");
+    run.SetBuffer(size);
+    EXPECT_EQ(run.Output(content), "");
+    EXPECT_EQ(run.files.reads, 4) << size << ": three blocks and the end of the file";
+  }
+}
+
+TEST(Import, ABufferIsAsLargeAsItsSetting) {
+  ImportRun run(
+      "pushc \"in\"\npushc \",\"\npushc \"a\"\nimport done\nbody: import_loop body\ndone:");
+  run.SetBuffer(4 << 20);
+  EXPECT_EQ(run.Output(std::string(3 << 20, 'x') + "\n"), "");
+  EXPECT_EQ(run.files.reads, 2) << "one block and the end of the file";
+}
+
 TEST(Import, RandomFilesAreReadAsByPlainCode) {
   std::random_device device;
   const unsigned seed = device();
