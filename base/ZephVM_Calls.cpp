@@ -18,7 +18,7 @@
 
 namespace {
 
-// Runs within runs: each takes a piece of the thread's own stack.
+// Runs within runs: each takes a piece of the thread's own stack or, a filter's, an open file.
 const int kMostRuns = 500;
 
 int ErrorOutputIn(int caller_flags, int function_flags) {
@@ -373,6 +373,7 @@ void ZephVM::NestedRun::LeaveFrames() {
     std::unique_ptr<ZephVM_Frame> left(vm->frame);
     vm->frame = left->previous ? left->previous : outer;
     if (left->type() == ZephVM_Frame::Function) vm->frame_count--;
+    if (left->type() == ZephVM_Frame::Filter) vm->root->runs--;
   }
 }
 

@@ -36,7 +36,12 @@ Segment* ZephVM::FilterSegment(const char* text, int length, String* error) {
 //
 // The filter's stack is one of its own: an expression may take more than it has put there, or leave
 // something, and what lies on the caller's stack is none of its business.
+//
+// A filter counts as a run within a run although it takes nothing of the thread's stack: each one
+// that is under way has an open file, so that a filter whose function imports with the same filter
+// would use up the descriptors of the process.
 void ZephVM::RunFilter(Segment* filter, int body, int behind) {
+  if (!MayNest()) return;
   auto entered = std::make_unique<ZephVM_FilterFrame>(wanted_segment, body, wanted_segment, behind,
                                                       &ZephVM::import_filter_resume);
   entered->Set_LocalVariable_Hash(frame->variables, false);
@@ -45,6 +50,7 @@ void ZephVM::RunFilter(Segment* filter, int body, int behind) {
   entered->output_mode = frame->output_mode;
   entered->previous = frame;
   EnterFrame(entered.release());
+  root->runs++;
   filter->NoteRepeat(*dictionary, functions);
   wanted_segment = filter->number();
   program_counter = 0;
@@ -55,6 +61,7 @@ void ZephVM::LeaveFilter(int to_segment, int to_offset) {
   const std::unique_ptr<ZephVM_Frame> left(frame);
   frame = left->previous;
   stack = frame->stack;
+  root->runs--;
   wanted_segment = to_segment;
   program_counter = to_offset;
 }

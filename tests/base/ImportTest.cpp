@@ -636,6 +636,35 @@ TEST(ImportFilter, FunctionsThatReadOnWithinTheFilterEndAtTheLimitOfCalls) {
   EXPECT_EQ(run.machine.Failure(), "Stack overflow");
 }
 
+// Each level has the file open.
+TEST(ImportFilter, AFilterWhoseFunctionImportsWithItEndsAtTheLimitOfRuns) {
+  ImportRun run(WithFunctions(R"zpa(
+        .function f()
+        pushc "in"
+        pushc ","
+        pushc "a"
+        pushc "f()"
+        importf none
+  none: pushi 1
+        ret
+        .end
+)zpa"));
+  run.Set("filter", "f()");
+  run.Output(kRecords, 0);
+  EXPECT_EQ(run.machine.Failure(), "Stack overflow");
+  EXPECT_LE(run.files.opens, 501);
+}
+
+TEST(ImportFilter, ARunThatEndsInAFilterCountsItNoMore) {
+  ImportRun run(".function f()\n" + FilteredLoop() + "retn\n.end\n.function leave()\njmp 1000\n.end\n");
+  run.Set("filter", "leave()");
+  run.files.files["in"] = kRecords;
+  for (int i = 0; i < 600; i++) {
+    ASSERT_EQ(run.machine.vm().RunFunction("f", -1, nullptr, nullptr), 1) << i;
+  }
+  EXPECT_EQ(run.files.opens, 600);
+}
+
 // No text compiles to a return; the test writes one behind the code of the filter.
 TEST(ImportFilter, AReturnInItIsOutsideOfAFunction) {
   ImportRun run(".function f()\n" + FilteredLoop() + "retn\n.end\n.segment 0\n");
