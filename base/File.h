@@ -49,19 +49,6 @@ enum FileSecurity : int {
   FileSecurity_TempOtherOwner = 512,
 };
 
-// One state of a file on the disk. Whoever finds it equal again reads what he read before, as far
-// as the file system's clock tells two writes apart; Linux does from 6.13 on, older kernels do
-// where some milliseconds lie between.
-struct FileState {
-  unsigned long device = 0;
-  unsigned long inode = 0;
-  long length = 0;
-  long seconds = 0;  // of the last change of content or status
-  long nanoseconds = 0;
-
-  bool operator==(const FileState&) const = default;
-};
-
 // Answers of FileManager::Lock.
 enum FileLockResult : int {
   FileLock_Held = 0,
@@ -225,8 +212,6 @@ class File {
   // A null String keeps the older text.
   virtual void Error(const String& text);
   virtual const String& error();
-  // False where a file can't tell its state, too.
-  virtual bool State(FileState*) { return false; }
 
   int Read(unsigned char* buffer, int length) {
     return Read(reinterpret_cast<char*>(buffer), length);

@@ -1,5 +1,5 @@
 // The life of an index file, its header and its pages.
-// Tests: tests/base/ZIXIndexFileTest.cpp, ZIXIndexDamageTest.cpp, ZIXIndexCacheTest.cpp
+// Tests: tests/base/ZIXIndexFileTest.cpp, ZIXIndexDamageTest.cpp, ZIXIndexSharingTest.cpp
 
 #include "base/ZIXIndexFile.h"
 
@@ -104,9 +104,6 @@ bool ZIXIndexFile::Close() {
 
 void ZIXIndexFile::CloseFile() {
   ClearPages();
-  cache.Clear();
-  cached_header.reset();
-  cache_use = Cache_Unasked;
   delete file;
   file = nullptr;
 }
@@ -150,8 +147,6 @@ bool ZIXIndexFile::CorruptTree() {
 // Leaves the header in memory alone unless the file's is sound.
 bool ZIXIndexFile::ReadHeader() {
   if (!file) return Fail({"Internal error opening '", View(file_path), "'"});
-  cache_use = Cache_Unasked;
-  has_written = false;
   unsigned char bytes[ZIXHeader_Length];
   if (file->Seek(0) < 0) return ReadError();
   for (int count = 0; count < ZIXHeader_Length;) {
@@ -183,7 +178,6 @@ bool ZIXIndexFile::CheckHeader(const unsigned char* bytes) {
 }
 
 bool ZIXIndexFile::WriteHeader() {
-  has_written = true;
   if (file->Seek(0) < 0) return WriteError();
   return file->Write(header.get(), ZIXHeader_Length) == ZIXHeader_Length || WriteError();
 }
@@ -195,49 +189,9 @@ void ZIXIndexFile::SetIdentifier(std::string_view four_bytes) {
 
 // --- Pages ---------------------------------------------------------------------------------------
 
-// Asks the file once an operation, and only when a page is wanted.
-bool ZIXIndexFile::CacheIsGood() {
-  if (cache_use != Cache_Unasked) return cache_use == Cache_Good;
-  cache_use = Cache_None;
-  FileState state;
-  if (!file->State(&state)) return false;
-  cache_use = Cache_Good;
-  const bool same = cached_header && state == cached_state &&
-                    memcmp(cached_header.get(), header.get(), ZIXHeader_Length) == 0;
-  if (same) return true;
-  cache.Clear();
-  if (!cached_header) cached_header.reset(new unsigned char[ZIXHeader_Length]);
-  memcpy(cached_header.get(), header.get(), ZIXHeader_Length);
-  cached_state = state;
-  return true;
-}
-
-// After a change, still under its lock: the cache has what was written, and the file's state is the
-// one that this object made. After half a change nobody knows what the file holds.
-void ZIXIndexFile::KeepCache(bool done) {
-  if (!has_written || cache_use != Cache_Good) return;
-  FileState state;
-  if (done && file->State(&state)) {
-    cached_state = state;
-    memcpy(cached_header.get(), header.get(), ZIXHeader_Length);
-    return;
-  }
-  cache.Clear();
-  cached_header.reset();
-}
-
 bool ZIXIndexFile::LoadPage(ZIXIndexPage& page) {
-  const bool cached = CacheIsGood();
-  if (cached) {
-    if (const unsigned char* image = cache.Find(page.pagenum)) {
-      page.CopyImage(image);
-      return true;
-    }
-  }
   const long offset = static_cast<long>(page.pagenum) * page.pagesize;
-  if (file->Seek(offset) < 0 || !page.Read(file)) return ReadError();
-  if (cached) cache.Store(page);
-  return true;
+  return (file->Seek(offset) >= 0 && page.Read(file)) || ReadError();
 }
 
 // The page numpages itself passes here; it ends in a short read.
@@ -254,11 +208,8 @@ bool ZIXIndexFile::ReadBelow(ZIXIndexPage& page, const Way* above) {
 }
 
 bool ZIXIndexFile::WritePage(const ZIXIndexPage& page) {
-  has_written = true;
   const long offset = static_cast<long>(page.pagenum) * page.pagesize;
-  if (file->Seek(offset) < 0 || !page.Write(file)) return WriteError();
-  if (cache_use == Cache_Good) cache.Store(page);
-  return true;
+  return (file->Seek(offset) >= 0 && page.Write(file)) || WriteError();
 }
 
 // Whether a walk that meets every page once has read more than the file has: then pages have

@@ -29,7 +29,6 @@
 #include "base/StringClass.h"
 #include "base/ZIXIndexKey.h"
 #include "base/ZIXIndexPage.h"
-#include "base/ZIXIndexPageCache.h"
 
 class ZephApplication;
 
@@ -225,8 +224,6 @@ class ZIXIndexFile {
   bool CheckHeader(const unsigned char* bytes);
   bool WriteHeader();
   bool WriteNewFile(const unsigned char* keyexpression, unsigned flags);
-  bool CacheIsGood();
-  void KeepCache(bool done);
   bool LoadPage(ZIXIndexPage& page);
   bool ReadPage(ZIXIndexPage& page);
   bool ReadBelow(ZIXIndexPage& page, const Way* above);
@@ -264,7 +261,7 @@ class ZIXIndexFile {
                   const Way& way, Deletion* work);
   int RemoveFromLeaf(ZIXIndexPage& page, int i);
   int DeleteAtCursor(Deletion* work);
-  bool MakeNoticeable();
+  bool ReadPlaceAgain();
   int HandleUnderflow(ZIXIndexPage& parent, ZIXIndexPage& child);
   bool ReadSibling(ZIXIndexPage& sibling, const ZIXIndexPage& parent, const ZIXIndexPage& child);
   bool Redistribute(ZIXIndexPage& left, ZIXIndexPage& parent, ZIXIndexPage& right);
@@ -285,15 +282,6 @@ class ZIXIndexFile {
   long descents = 0;  // pages pushed since the cursor was placed or turned round
   int last_direction = 0;
   std::vector<std::unique_ptr<ZIXIndexPage>> spare_pages;
-
-  // Pages are good as long as header and state are those of the file. The header tells of every
-  // completed change; the state of those that were not completed, of Delete_Current, and of another
-  // file under the name.
-  ZIXIndexPageCache cache;
-  std::unique_ptr<unsigned char[]> cached_header;
-  FileState cached_state;
-  enum { Cache_Unasked, Cache_Good, Cache_None } cache_use = Cache_Unasked;  // of this operation
-  bool has_written = false;                                                  // likewise
 };
 
 #endif

@@ -107,8 +107,6 @@ bool ZIXIndexFile::StartStep(const HeaderLock& lock, int direction) {
   if (updatecount() != cursor_updatecount && !FindPlace()) return false;
   if (direction != last_direction) descents = 0;
   last_direction = direction;
-  // A step reads a page at most now and then, which costs no more than asking for the file's state.
-  cache_use = Cache_None;
   return true;
 }
 

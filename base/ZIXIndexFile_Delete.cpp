@@ -3,18 +3,10 @@
 // write.
 // Tests: tests/base/ZIXIndexDeleteTest.cpp, ZIXIndexFaultTest.cpp
 
-#include <chrono>
-#include <thread>
+#include <cstring>
 #include <vector>
 
 #include "base/ZIXIndexFile.h"
-
-namespace {
-
-// Milliseconds that the clock of a file system may stand still, and some more.
-constexpr int kMostClockTicks = 50;
-
-}  // namespace
 
 bool ZIXIndexFile::Delete(unsigned record, const unsigned char* key, int length) {
   HeaderLock held(file, FileLock_Exclusive);
@@ -28,35 +20,40 @@ bool ZIXIndexFile::Delete(unsigned record, const unsigned char* key, int length)
   return EndChange(result == Delete_Done);
 }
 
-// The place is looked for in any case: another object may have used this operation, which the
-// counter does not tell, and what is written back must be what the file holds.
+// The counter tells of all changes but those made here, by another cursor. So where it has not
+// moved the place holds if the pages above it still lead to the entry: they are read again, since
+// what is written back has to be what the file holds.
 bool ZIXIndexFile::Delete_Current(unsigned record) {
   HeaderLock held(file, FileLock_Exclusive);
   if (!StartChange(held)) return false;
-  if (!OnEntry() || !FindPlace()) return true;
+  if (!OnEntry()) return true;
+  const bool same_count = updatecount() == cursor_updatecount;
+  if (!(same_count && ReadPlaceAgain()) && !FindPlace()) return true;
   const ZIXIndexPage* page = pages.Top();
   if (page->recordnum(page->position) != record) return true;
   const ZIXIndexKey key(page->key(page->position), -1, page->keysize(), flags());
   Deletion work = {key, record};
   const uint32_t root = startingpage();
-  const int result = DeleteAtCursor(&work);
-  bool done = result == Delete_Done;
-  if (done && startingpage() != root) done = WriteHeader();
-  done = done && MakeNoticeable();
-  KeepCache(done);
-  return done;
+  if (DeleteAtCursor(&work) != Delete_Done) return false;
+  return startingpage() == root || WriteHeader();
 }
 
-// The counter does not tell of this change, so to those who keep pages the file's state has to. As
-// long as the system's clock has not moved on since the last change, a few milliseconds before
-// Linux 6.13, the header is written as it is.
-bool ZIXIndexFile::MakeNoticeable() {
-  FileState now;
-  for (int i = 0; i < kMostClockTicks && cache_use == Cache_Good; i++) {
-    if (!file->State(&now) || now != cached_state) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    if (!WriteHeader()) return false;
+// Reads the cursor's pages again, from the current one to the root. False, with the current page as
+// it was, if they do not lead to its entry any more.
+bool ZIXIndexFile::ReadPlaceAgain() {
+  ZIXIndexPage* const top = pages.Top();
+  ZIXIndexPage current = BlankPage(top->pagenum);
+  if (!current.HasGeometryOf(*top) || !LoadPage(current) || !current.SameEntry(top->position, *top))
+    return false;
+  const ZIXIndexPage* below = top;
+  for (ZIXIndexPage* page = pages.Peek(); page; page = pages.Peek()) {
+    if (!page->HasGeometryOf(*top) || !LoadPage(*page) || page->position > page->numentries() ||
+        page->childpage(page->position) != below->pagenum)
+      return false;
+    below = page;
   }
+  if (!IsRoot(*below)) return false;
+  top->CopyImage(current.data.get());
   return true;
 }
 

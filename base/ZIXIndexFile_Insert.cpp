@@ -6,19 +6,13 @@
 #include "base/ZIXIndexFile.h"
 
 bool ZIXIndexFile::StartChange(const HeaderLock& lock) {
-  if (lock.failed()) return LockError("write");
-  if (!ReadHeader()) return false;
-  (void)CacheIsGood();
-  return true;
+  return lock.failed() ? LockError("write") : ReadHeader();
 }
 
 bool ZIXIndexFile::EndChange(bool done) {
-  if (done) {
-    SetUpdatecount(updatecount() + 1);
-    done = WriteHeader();
-  }
-  KeepCache(done);
-  return done;
+  if (!done) return false;
+  SetUpdatecount(updatecount() + 1);
+  return WriteHeader();
 }
 
 bool ZIXIndexFile::Insert(unsigned record, const unsigned char* key, int length) {

@@ -66,6 +66,12 @@ void ZIXIndexPage::CopyEntry(int i, const ZIXIndexPage& from, int j) {
   memcpy(at(8, i), from.at(8, j), static_cast<size_t>(keyrecordsize) - 4);
 }
 
+bool ZIXIndexPage::SameEntry(int i, const ZIXIndexPage& other) const {
+  return i < numentries() && recordnum(i) == other.recordnum(i) &&
+         strcmp(reinterpret_cast<const char*>(key(i)),
+                reinterpret_cast<const char*>(other.key(i))) == 0;
+}
+
 void ZIXIndexPage::Split(int i, ZIXIndexPage& left, ZIXIndexPage& right, uint32_t child,
                          uint32_t record, const unsigned char* key, uint32_t* record_up,
                          unsigned char* key_up) {

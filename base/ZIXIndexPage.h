@@ -40,6 +40,9 @@ class ZIXIndexPage {
   uint32_t recordnum(int i) const { return LittleEndian::Get32(at(8, i)); }
   const unsigned char* key(int i) const { return at(12, i); }
   int keysize() const { return keyrecordsize - 8; }
+  bool HasGeometryOf(const ZIXIndexPage& other) const {
+    return pagesize == other.pagesize && keyrecordsize == other.keyrecordsize;
+  }
   bool IsLeaf() const;
   // The index of a child page, -1 if it is none.
   int ChildIndex(uint32_t child) const;
@@ -59,6 +62,8 @@ class ZIXIndexPage {
   // Removes the last entry with the child page in front of it.
   void DeleteLast();
   void CopyEntry(int i, const ZIXIndexPage& from, int j);
+  // Whether entry i of another page of this geometry is the same here, record and key.
+  bool SameEntry(int i, const ZIXIndexPage& other) const;
 
   // Inserts as Insert does into a full page, and spreads what it then has: the first entries stay
   // in left, one is handed up, the others go to right. key_up has room for keysize bytes.

@@ -162,14 +162,6 @@ long UNIXFile::Length() {
   return S_ISFIFO(status.st_mode) ? 0 : static_cast<long>(status.st_size);
 }
 
-bool UNIXFile::State(FileState* state) {
-  struct stat status;
-  if (!Status(&status)) return false;
-  *state = {status.st_dev, status.st_ino, static_cast<long>(status.st_size),
-            static_cast<long>(status.st_ctim.tv_sec), status.st_ctim.tv_nsec};
-  return true;
-}
-
 bool UNIXFile::IsDirectory(bool* result) {
   if (!LearnStatus()) return false;
   *result = is_directory;

@@ -52,7 +52,6 @@ class UNIXFile : public File {
   void Release() override;
   bool Activate(String& error) override;
   void Deactivate() override;
-  bool State(FileState* state) override;
 
  private:
   struct LockedRange {
