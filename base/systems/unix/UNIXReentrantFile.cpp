@@ -22,37 +22,33 @@ namespace {
 // Tells, for a path with "..", whether the walk still is where the text says. A ".." leads to
 // wherever a directory's parent is now: out of the base, if the directory was moved since the walk
 // went into it, or if the base itself has another parent than its configured text says.
+//
+// The place of the walk is known as steps up from the base and, from there, steps down. A step down
+// that meets the directory which the steps up have come from takes one of those back, so that
+// "../other/../data" is back in the base "data".
 class Trail {
  public:
-  explicit Trail(int base) { levels.push_back(IdentityOf(base)); }
+  explicit Trail(int base) { ancestors.push_back(IdentityOf(base)); }
 
   // The walk went from the last directory into this one, by this element.
   bool Follow(const char* element, int descriptor) {
     if (strcmp(element, ".") == 0) return true;
-    Identity here = IdentityOf(descriptor);
+    const Identity here = IdentityOf(descriptor);
     if (*element == '/') {
-      levels.assign(1, here);
+      ancestors.assign(1, here);
+      below.clear();
       above = 0;
       return true;
     }
-    if (strcmp(element, "..") == 0) {
-      if (above == 0 && levels.size() > 1) {
-        levels.pop_back();
-        return here == levels.back();
-      }
-      // The root is its own parent.
-      if (here != (above == 0 ? levels.front() : outside)) above++;
-      outside = here;
-      return true;
-    }
-    if (above > 0) {
-      outside = here;
-      return --above > 0 || here == levels.front();
-    }
-    levels.push_back(here);
+    if (strcmp(element, "..") == 0) return FollowUp(here);
+    if (below.empty() && above > 0 && here == ancestors[above - 1])
+      above--;
+    else
+      below.push_back(here);
     return true;
   }
 
+  // In the base, or below it. An absolute path is at least below the root that it begins at.
   bool ended_inside() const { return above == 0; }
 
  private:
@@ -62,15 +58,27 @@ class Trail {
     bool operator==(const Identity&) const = default;
   };
 
+  bool FollowUp(const Identity& here) {
+    if (!below.empty()) {
+      below.pop_back();
+      return here == (below.empty() ? ancestors[above] : below.back());
+    }
+    // The root is its own parent.
+    if (here == ancestors[above]) return true;
+    above++;
+    if (above == ancestors.size()) ancestors.push_back(here);
+    return here == ancestors[above];
+  }
+
   static Identity IdentityOf(int descriptor) {
     struct stat status;
     if (fstat(descriptor, &status) != 0) return {};
     return {status.st_dev, status.st_ino};
   }
 
-  std::vector<Identity> levels;  // from the base, or the root, to the directory in hand
-  int above = 0;                 // levels above the base
-  Identity outside;              // the directory in hand while above it
+  std::vector<Identity> ancestors;  // the base or the root, its parent, and so on, as far as met
+  size_t above = 0;                 // of the ancestors, the one that the steps down begin at
+  std::vector<Identity> below;      // the steps down
 };
 
 // One walk from a base to a directory, element by element, so that no link is followed unseen.

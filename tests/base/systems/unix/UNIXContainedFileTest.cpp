@@ -9,9 +9,12 @@
 #include <climits>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
 #include <memory>
+#include <random>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "tests/base/systems/unix/FileFixture.h"
 
@@ -859,6 +862,136 @@ TYPED_TEST(ContainedPath, TemporaryFilesTakeTheFirstFreeNumber) {
     EXPECT_TRUE(file->contained());
     EXPECT_TRUE(this->tree.Exists(std::string("data/") + c.name));
   }
+}
+
+// What a directory's path means, by other means than those of the managers: its text is inside if
+// the standard library says so, what is on the disk is inside if realpath does.
+struct DirectoryModel {
+  std::filesystem::path base;
+
+  std::filesystem::path Joined(const std::string& path) const {
+    return base / path.substr(std::min(path.find_first_not_of('/'), path.size()));
+  }
+  static bool Within(const std::filesystem::path& base, const std::filesystem::path& path) {
+    return std::mismatch(base.begin(), base.end(), path.begin(), path.end()).first == base.end();
+  }
+  bool InsideByText(const std::string& path) const {
+    return Within(base, (Joined(path) / "x").lexically_normal().parent_path());
+  }
+  // As each prefix of the path is, before the next element is entered. The plain manager compares
+  // where it arrives with the text instead, and so does not see a link that made no difference.
+  bool MeetsLink(const std::string& path, bool plain) const {
+    if (plain) return (Joined(path) / "x").lexically_normal().parent_path() != Real(path);
+    std::filesystem::path prefix;
+    for (const auto& element : Joined(path)) {
+      prefix /= element;
+      if (std::filesystem::is_symlink(prefix)) return true;
+    }
+    return false;
+  }
+  // Empty if there is none.
+  std::string Real(const std::string& path) const {
+    std::unique_ptr<char, void (*)(void*)> real(realpath(Joined(path).c_str(), nullptr), free);
+    return real && std::filesystem::is_directory(real.get()) ? real.get() : "";
+  }
+};
+
+TYPED_TEST(ContainedPath, DirectoriesOfAnyPathAreThoseOfTheText) {
+  this->Configure(0);
+  this->tree.File("data/a/b/f", "x");
+  this->tree.File("data/c/f", "x");
+  this->tree.File("other/data/a/f", "x");
+  this->tree.Directory("data/data/other");
+  this->tree.Link("data/in", "a");
+  this->tree.Link("data/out", "../outside");
+  this->tree.Link("data/a/up", "..");
+  this->tree.Link("link", "data");
+  const std::string root = std::filesystem::canonical(this->tree.path());
+  ASSERT_EQ(this->tree.path(), root) << "the model wants a base without links";
+  const DirectoryModel model{root + "/data"};
+  const std::string tree_name = std::filesystem::path(root).filename();
+  std::vector<std::string> paths = {
+      "../other/../data",
+      "../other/../data/a",
+      "../other/data/../../data/a/../c",
+      "../outside/../data/../data/a/b/..",
+      "../../" + tree_name + "/data",
+      "../../" + tree_name + "/other/../data/a",
+      "../../" + tree_name + "/../" + tree_name + "/data/c",
+      "../other/data",
+      "../data/../other",
+      "a/../../data/../other/data/a",
+      "../data/out",
+      "../data/in/../../other",
+      "../link",
+      "../link/../data",
+      "out/..",
+      "out/../data/a",
+      "a/up/../other",
+      "a/up/..",
+      "in/..",
+      "../missing/../data",
+      "/../other/../data",
+      "..",
+      "../..",
+      "../other/..",
+  };
+  // And whatever a few elements make.
+  const char* const elements[] = {"..", "..", "data", "other", "a", "b", "in", "out", "up", "."};
+  std::mt19937 random(20261122);
+  for (int i = 0; i < 3000; i++) {
+    std::string path;
+    for (size_t n = 1 + random() % 7; n > 0; n--) {
+      path += elements[random() % std::size(elements)];
+      if (n > 1) path += '/';
+    }
+    paths.push_back(path);
+  }
+  const bool plain = std::is_same_v<TypeParam, UNIXFileManager>;
+  int inside = 0;
+  for (const std::string& path : paths) {
+    SCOPED_TRACE(path);
+    const std::string real = model.Real(path);
+    const bool may = model.InsideByText(path) && !model.MeetsLink(path, plain) && real != "";
+    std::vector<std::string> expected;
+    if (may) {
+      for (const auto& entry : std::filesystem::directory_iterator(real))
+        expected.push_back(entry.path().filename());
+      expected.insert(expected.end(), {".", ".."});
+      ASSERT_TRUE(DirectoryModel::Within(model.base, real));
+      inside++;
+    }
+    std::vector<std::string> listed = this->Listing(path.c_str());
+    if (!may) {
+      ASSERT_TRUE(listed.size() == 1 && listed[0][0] == '[') << listed[0];
+      if (!model.InsideByText(path)) {
+        EXPECT_EQ(outside_data_text, listed[0]);
+      }
+    } else {
+      std::sort(expected.begin(), expected.end());
+      std::sort(listed.begin(), listed.end());
+      EXPECT_EQ(expected, listed);
+    }
+    char* name = nullptr;
+    std::unique_ptr<File> file(
+        this->files.MakeTemporary(ZephPath_Data, path.c_str(), "t", &name, FileMode_Write));
+    const std::unique_ptr<char[]> guard(name);
+    EXPECT_EQ(may, file != nullptr) << this->error();
+    if (file) {
+      EXPECT_EQ(0, unlink((real + "/t.0").c_str()));
+    }
+    if constexpr (!std::is_same_v<TypeParam, UNIXFileManager>) {
+      int descriptor = -1;
+      EXPECT_EQ(may, this->files.OpenContainedPath(ZephPath_Data, path.c_str(), &descriptor));
+      const FileDescriptor opened(descriptor);
+      if (may) {
+        EXPECT_EQ(real,
+                  std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor)));
+      }
+    }
+    ASSERT_FALSE(this->HasFailure());
+  }
+  EXPECT_GT(inside, 200);
 }
 
 TYPED_TEST(ContainedPath, TemporaryNumbersAreHexadecimal) {
