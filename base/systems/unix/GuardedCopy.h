@@ -6,9 +6,11 @@
 
 #include <cstddef>
 
-// Whether GuardedCopy may be used in this thread. The first call puts a handler of SIGBUS in front
-// of the one that the process has, which still gets every SIGBUS of other code. False if there can
-// be no handler, or if the thread blocks the signal, which then kills the process.
+// Whether GuardedCopy may be used in this thread. Asked for again with each mapping: it puts a
+// handler of SIGBUS in front of the one that the process has, which a library may have replaced
+// since the last time. Those found so still get every SIGBUS that no copy has caused, sent ones
+// included. False if there can be no handler, or if the thread blocks the signal, which then kills
+// the process.
 [[nodiscard]] bool CanGuardCopies();
 
 // Copies like memcpy. False if there is nothing behind the addresses copied from: the bytes copied

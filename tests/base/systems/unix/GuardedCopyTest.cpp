@@ -131,7 +131,35 @@ TEST_F(GuardedCopyDeathTest, ASentSignalStillKills) {
   EXPECT_EXIT(raise(SIGBUS), IsKill, "");
 }
 
-// Each in a process of its own, since the handler is put in front of another only once.
+std::atomic<int> received;
+
+TEST_F(GuardedCopyTest, ASignalThatWasSentDoesNotEndACopy) {
+  struct sigaction counting = {};
+  struct sigaction before;
+  counting.sa_handler = [](int) { received++; };
+  ASSERT_EQ(0, sigaction(SIGBUS, &counting, &before));
+  ASSERT_TRUE(CanGuardCopies());
+  std::atomic<bool> ready{false}, over{false};
+  std::atomic<int> failed{0};
+  received = 0;
+  std::thread copier([&] {
+    const std::string from(1 << 20, 'x');
+    std::string to(1 << 20, 'y');
+    ready = true;
+    while (!over) failed += !GuardedCopy(to.data(), from.data(), from.size());
+  });
+  while (!ready) std::this_thread::yield();
+  for (int i = 1; i <= 200; i++) {
+    pthread_kill(copier.native_handle(), SIGBUS);
+    while (received < i) std::this_thread::yield();
+  }
+  over = true;
+  copier.join();
+  EXPECT_EQ(0, failed);
+  ASSERT_EQ(0, sigaction(SIGBUS, &before, nullptr));
+}
+
+// Each in a process of its own, since a handler stays in front of those found.
 class GuardedCopyChainDeathTest : public testing::Test {
  protected:
   void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
@@ -167,6 +195,58 @@ TEST_F(GuardedCopyChainDeathTest, TheHandlerOfBeforeGetsOtherFaults) {
         SendWithGuard();
       },
       testing::ExitedWithCode(8), "");
+}
+
+// A library may take the signal for itself after the first mapping.
+TEST_F(GuardedCopyChainDeathTest, AHandlerThatCameLaterIsPutBehind) {
+  EXPECT_EXIT(
+      {
+        if (!CanGuardCopies()) _exit(1);
+        Handle([](int) { _exit(7); });
+        if (!CanGuardCopies()) _exit(2);
+        const FileDescriptor file(memfd_create("pages", MFD_CLOEXEC));
+        void* memory = mmap(nullptr, page, PROT_READ, MAP_SHARED, file.get(), 0);
+        char byte;
+        if (memory == MAP_FAILED || GuardedCopy(&byte, memory, 1)) _exit(3);
+        SendWithGuard();
+      },
+      testing::ExitedWithCode(7), "");
+}
+
+struct sigaction found_by_library;
+
+// As a well-behaved library does it: the handler of the time of its installation gets the rest.
+void InstallLibraryHandler() {
+  struct sigaction action = {};
+  action.sa_sigaction = [](int signal, siginfo_t* info, void* context) {
+    found_by_library.sa_sigaction(signal, info, context);
+  };
+  action.sa_flags = SA_SIGINFO;
+  sigaction(SIGBUS, &action, &found_by_library);
+}
+
+TEST_F(GuardedCopyChainDeathTest, HandlersThatLeadToEachOtherEndAtTheFirst) {
+  EXPECT_EXIT(
+      {
+        Handle([](int) { _exit(9); });
+        if (!CanGuardCopies()) _exit(1);
+        InstallLibraryHandler();
+        SendWithGuard();
+      },
+      testing::ExitedWithCode(9), "");
+}
+
+TEST_F(GuardedCopyChainDeathTest, HandlersThatTakeTurnsForeverAreLeftAlone) {
+  EXPECT_EXIT(
+      {
+        int answers = 0;
+        for (int i = 0; i < 100; i++) {
+          Handle(i % 2 ? [](int) { _exit(7); } : [](int) { _exit(8); });
+          answers += CanGuardCopies();
+        }
+        _exit(answers > 4 && answers < 100 ? 5 : 6);
+      },
+      testing::ExitedWithCode(5), "");
 }
 
 TEST_F(GuardedCopyChainDeathTest, AnIgnoredSignalStaysIgnored) {
