@@ -7,6 +7,7 @@
 #include <new>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "base/HotCode.h"
 #include "base/Instructions.h"
@@ -40,6 +41,10 @@ Segment::Segment(int number) : Segment(number, Growth) {
 Segment::Segment(int number, int length)
     : segment_number(number), data_capacity(std::max(length, 0)), data_length(data_capacity) {
   data = std::make_unique<unsigned char[]>(static_cast<size_t>(data_capacity) + Padding);
+}
+
+Segment::Segment(int number, const unsigned char* bytes, int length) : Segment(number, length) {
+  memcpy(data.get(), bytes, static_cast<size_t>(data_length));
 }
 
 Segment::Segment(const Segment& other)
@@ -192,13 +197,25 @@ void Segment::Dump(const char* path, const char* expression, int length) const {
 
 // --- SegmentManager ------------------------------------------------------------------------------
 
+// A section whose rows share their code.
+struct SegmentManager::SharedCode {
+  struct Row {
+    int offset;
+    int length;
+  };
+
+  std::vector<Row> rows;  // offsets count from the first byte that is kept
+  std::unique_ptr<unsigned char[]> bytes;
+};
+
 SegmentManager::SegmentManager() = default;
 
 SegmentManager::SegmentManager(const SegmentManager& other)
     : array_capacity(other.array_capacity),
       segment_count(other.segment_count),
       start_number(other.start_number),
-      error_text(other.error_text) {
+      error_text(other.error_text),
+      shared_code(other.shared_code) {
   if (!other.segments) return;
   MakeArray();
   for (int i = 0; i < segment_count; i++)
@@ -221,10 +238,10 @@ void SegmentManager::MakeArray() {
 }
 
 Segment* SegmentManager::Start() {
+  if (Segment* const start = Lookup(start_number)) return start;
   MakeArray();
-  auto& slot = segments[start_number];
-  if (!slot) slot = std::make_unique<Segment>(start_number);
-  return slot.get();
+  segments[start_number] = std::make_unique<Segment>(start_number);
+  return segments[start_number].get();
 }
 
 Segment* SegmentManager::Segment_Add() {
@@ -267,18 +284,52 @@ bool SegmentManager::ReadSection(TaggedFile* file) {
   array_capacity = count;
   segment_count = count;
   start_number = start;
-  const auto* record = reinterpret_cast<const unsigned char*>(table.data());
+  shared_code.reset();
+  const auto* const records = reinterpret_cast<const unsigned char*>(table.data());
+  const long long code_start = table_size + HeadSize;
   long long total = 0;
-  for (int i = 0; i < count; i++, record += RecordSize) {
-    long long offset = GetInt32(record) + table_size + HeadSize;
-    int length = GetInt32(record + 4);
-    // Segments lie side by side; a table that has them overlap could ask for any amount of memory.
+  for (int i = 0; i < count; i++) {
+    const unsigned char* const record = records + static_cast<size_t>(i) * RecordSize;
+    const long long offset = GetInt32(record) + code_start;
+    const int length = GetInt32(record + 4);
+    if (!file->Section_Holds(offset, length)) return false;
     total += length;
-    if (!file->Section_Holds(offset, length) || !file->Section_Holds(0, total)) return false;
+    // Only rows that share bytes have more of them than the section.
+    if (!file->Section_Holds(0, total)) return ReadShared(file, table);
     segments[i] = std::make_unique<Segment>(i, length);
     if (!segments[i]->Read(file, SegmentsTag, static_cast<int>(offset))) return false;
   }
   return true;
+}
+
+// The segments from the first one that is missing on are left to MakeLate.
+bool SegmentManager::ReadShared(TaggedFile* file, const std::string& table) {
+  const long long code_start = HeadSize + static_cast<long long>(table.size());
+  auto shared = std::make_shared<SharedCode>();
+  shared->rows.reserve(static_cast<size_t>(segment_count));
+  const auto* record = reinterpret_cast<const unsigned char*>(table.data());
+  long long end = 0;
+  for (int i = 0; i < segment_count; i++, record += RecordSize) {
+    const long long offset = GetInt32(record) + code_start;
+    const int length = GetInt32(record + 4);
+    if (!file->Section_Holds(offset, length)) return false;
+    shared->rows.push_back({static_cast<int>(offset), length});
+    end = std::max(end, offset + length);
+  }
+  shared->bytes = std::make_unique_for_overwrite<unsigned char[]>(static_cast<size_t>(end));
+  if (file->Section_Read(SegmentsTag, 0, reinterpret_cast<char*>(shared->bytes.get()),
+                         static_cast<int>(end)) != end)
+    return false;
+  shared_code = std::move(shared);
+  return true;
+}
+
+Segment* SegmentManager::MakeLate(int number) const {
+  if (static_cast<size_t>(number) >= shared_code->rows.size()) return nullptr;
+  const SharedCode::Row& row = shared_code->rows[static_cast<size_t>(number)];
+  segments[number] =
+      std::make_unique<Segment>(number, shared_code->bytes.get() + row.offset, row.length);
+  return segments[number].get();
 }
 
 bool SegmentManager::Write(TaggedFile* file) {

@@ -5,6 +5,7 @@
 #define ZEPH_BASE_SEGMENT_H
 
 #include <memory>
+#include <string>
 
 #include "base/StringClass.h"
 
@@ -28,6 +29,8 @@ class Segment {
   explicit Segment(int number);
   // A segment of that many zero bytes, all in use. A negative length is 0.
   Segment(int number, int length);
+  // A segment with a copy of that many bytes.
+  Segment(int number, const unsigned char* bytes, int length);
   Segment(const Segment& other);
   Segment& operator=(const Segment&) = delete;
   virtual ~Segment();
@@ -115,11 +118,16 @@ class SegmentManager {
   // The segment of a number; null for an invalid one.
   Segment* Lookup(int number) const {
     if (static_cast<unsigned>(number) >= static_cast<unsigned>(segment_count)) return nullptr;
-    return segments ? segments[number].get() : nullptr;
+    Segment* const found = segments ? segments[number].get() : nullptr;
+    return found || !shared_code ? found : MakeLate(number);
   }
 
   // The section "segs". A count below 1, a start that is no segment, or code that does not lie in
   // the section fails with the file's text; the segments read so far stay.
+  //
+  // Rows of the table may share their code. Where they do, in sum, more than a little, the section
+  // is kept as it is, and a segment gets its copy when it is first looked up: memory goes by the
+  // section's length and by the segments that are in use, and not by what a table states.
   [[nodiscard]] bool Read(TaggedFile* file);
   [[nodiscard]] bool Write(TaggedFile* file);
 
@@ -131,7 +139,11 @@ class SegmentManager {
   }
 
  private:
+  struct SharedCode;
+
   bool ReadSection(TaggedFile* file);
+  bool ReadShared(TaggedFile* file, const std::string& table);
+  Segment* MakeLate(int number) const;
   void MakeArray();
 
   std::unique_ptr<std::unique_ptr<Segment>[]> segments;  // made at first need
@@ -139,6 +151,8 @@ class SegmentManager {
   int segment_count = 1;
   int start_number = 0;
   String error_text;
+  // Read only, so that a clone may have it too; null unless rows share their code.
+  std::shared_ptr<const SharedCode> shared_code;
 };
 
 #endif

@@ -1,6 +1,7 @@
 #include "base/Segment.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <climits>
 #include <cstring>
@@ -424,11 +425,47 @@ TEST_F(SegmentFile, OffsetsAndLengthsThatLieOutsideFail) {
   }
 }
 
-TEST_F(SegmentFile, SegmentsThatShareTheirCodeCannotMultiplyIt) {
-  std::string code(1000, 'x');
-  std::string section = LE32(100) + LE32(0);
-  for (int i = 0; i < 100; i++) section += LE32(0) + LE32(1000);
-  EXPECT_FALSE(Read(section + code));
+TEST_F(SegmentFile, SegmentsMayShareTheirCode) {
+  const std::string section = LE32(4) + LE32(2) + LE32(0) + LE32(7) + LE32(2) + LE32(3) + LE32(1) +
+                              LE32(6) + LE32(0) + LE32(7) + "abcdefg";
+  ASSERT_TRUE(Read(section));
+  EXPECT_EQ(CodeOf(segments.Start()), "bcdefg");
+  EXPECT_EQ(segments.Start(), segments.Lookup(2));
+  EXPECT_EQ(CodeOf(segments.Lookup(0)), "abcdefg");
+  EXPECT_EQ(CodeOf(segments.Lookup(1)), "cde");
+  EXPECT_EQ(CodeOf(segments.Lookup(3)), "abcdefg");
+  EXPECT_EQ(segments.Lookup(3)->number(), 3);
+  EXPECT_EQ(segments.Lookup(3)->code()[7], 0) << "zeros behind the code";
+  EXPECT_EQ(segments.Segment_Add()->number(), 4);
+  EXPECT_EQ(segments.Lookup(5), nullptr);
+}
+
+TEST_F(SegmentFile, SharedCodeIsCopiedForTheSegmentsInUseOnly) {
+  constexpr int kRows = 20000, kLength = 1 << 20;
+  std::string section = LE32(kRows) + LE32(0);
+  for (int i = 0; i < kRows; i++) section += LE32(0) + LE32(kLength);
+  section += std::string(kLength, 'x');
+  const size_t before = mallinfo2().uordblks + mallinfo2().hblkhd;
+  ASSERT_TRUE(Read(section));
+  for (int number : {0, 1, kRows - 1}) EXPECT_EQ(segments.Lookup(number)->length(), kLength);
+  EXPECT_LT(mallinfo2().uordblks + mallinfo2().hblkhd, before + (16 << 20));
+}
+
+TEST_F(SegmentFile, EveryRowOfSharedCodeLiesInTheSection) {
+  for (int length : {1000, 1001}) {
+    std::string section = LE32(10) + LE32(0);
+    for (int i = 0; i < 9; i++) section += LE32(0) + LE32(1000);
+    EXPECT_EQ(Read(section + LE32(0) + LE32(length) + std::string(1000, 'x')), length == 1000);
+  }
+}
+
+TEST_F(SegmentFile, ACloneMakesSharedSegmentsOfItsOwn) {
+  ASSERT_TRUE(
+      Read(LE32(3) + LE32(0) + LE32(0) + LE32(3) + LE32(0) + LE32(3) + LE32(1) + LE32(2) + "abc"));
+  SegmentManager clone(segments);
+  ASSERT_NE(segments.Lookup(2), nullptr);
+  EXPECT_NE(clone.Lookup(2), segments.Lookup(2));
+  EXPECT_EQ(CodeOf(clone.Lookup(2)), "bc");
 }
 
 TEST_F(SegmentFile, ASectionCutAnywhereFails) {
