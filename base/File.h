@@ -29,7 +29,6 @@ enum FileMode : int {
   FileMode_Append = 16,
   FileMode_Exclusive = 32,
   FileMode_Unpooled = 64,  // never deactivated: keeps its descriptor until it is deleted
-  FileMode_NoWait = 128,   // neither opening nor reading waits for the other end of a FIFO
 };
 
 // Kind of a byte-range lock. Any value but FileLock_Exclusive is a shared lock.
@@ -70,7 +69,10 @@ class FileManager {
   FileManager(const FileManager&) = delete;
   FileManager& operator=(const FileManager&) = delete;
 
-  // The file, owned by the caller, or null. mode has bits of FileMode.
+  // The file, owned by the caller, or null. mode has bits of FileMode. Neither opening, nor reading
+  // or writing then, waits for the other end of a FIFO or for a device: to write to a FIFO that no
+  // one reads fails at once, to read from one gives what is there, which is nothing, as at the end
+  // of a file, or a failure while one writes to it.
   [[nodiscard]] virtual File* Open(const char* path, int mode) = 0;
   // Takes the lock that the name stands for, and waits for it as long as the application is not
   // cancelled. The lock is the existence of the name; Delete gives it up. Answers a FileLockResult.

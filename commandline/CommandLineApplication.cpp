@@ -176,8 +176,7 @@ bool CommandLineApplication::OpenScript(const char* named, File** file, String* 
     return Fail(named, file_manager->error());
   }
   const char* name = path->length > 0 ? path->data : ".";
-  std::unique_ptr<File> opened(
-      file_manager->Open(ZephPath_Script, name, FileMode_Read | FileMode_NoWait));
+  std::unique_ptr<File> opened(file_manager->Open(ZephPath_Script, name, FileMode_Read));
   if (!opened) return Fail(named, file_manager->error());
   bool is_directory;
   if (!opened->IsDirectory(&is_directory)) return Fail(named, opened->error());

@@ -107,9 +107,7 @@ bool FastCGIApplication::OpenScript(File** file, String& path) {
   for (;;) {
     // No path at all is the script directory itself.
     const char* name = path.length > 0 ? path.data : ".";
-    // A FIFO in place of a script must not hold the request up.
-    std::unique_ptr<File> opened(
-        file_manager->Open(ZephPath_Script, name, FileMode_Read | FileMode_NoWait));
+    std::unique_ptr<File> opened(file_manager->Open(ZephPath_Script, name, FileMode_Read));
     if (!opened) return ExecuteError(path, file_manager->error(), true);
     bool directory;
     if (!opened->IsDirectory(&directory)) return ExecuteError(path, opened->error(), true);

@@ -4,9 +4,11 @@
 #include <cctype>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "base/XBaseTable.h"
@@ -285,8 +287,10 @@ class TableChecker {
  public:
   TableChecker(XBaseTable& checked, const std::string& path, std::ostream& output)
       : table(checked), fields(FieldsOf(checked)), file(path, std::ios::binary), out(output) {
-    if (checked.version() == 0x83)
-      memo_file.open(std::string(View(checked.memo_path())), std::ios::binary);
+    const std::string memo_path(View(checked.memo_path()));
+    std::error_code unknown;
+    if (checked.version() == 0x83 && std::filesystem::is_regular_file(memo_path, unknown))
+      memo_file.open(memo_path, std::ios::binary);
   }
 
   int Run() {

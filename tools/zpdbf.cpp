@@ -1,10 +1,12 @@
 // zpdbf: shows and checks tables and index files. The work is done by the halves, one for each kind
 // of file.
 
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include "tools/Dump.h"
 #include "tools/DumpIndex.h"
@@ -37,7 +39,10 @@ constexpr FileKind kinds[] = {
 
 const FileKind& KindOf(const std::string& path) {
   char bytes[8] = {};
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file;
+  // A FIFO would be waited for. What is no file is told by the one that opens it as a table.
+  std::error_code unknown;
+  if (std::filesystem::is_regular_file(path, unknown)) file.open(path, std::ios::binary);
   file.read(bytes, sizeof(bytes));
   const std::string_view beginning(bytes, static_cast<size_t>(file.gcount()));
   const FileKind* kind = kinds;

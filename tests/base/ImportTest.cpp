@@ -1,6 +1,9 @@
 // Delimited text files: the reader, the loop over it, filters, and the export.
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <climits>
 #include <random>
@@ -8,6 +11,7 @@
 
 #include "base/Config.h"
 #include "base/Feature.h"
+#include "base/FileDescriptor.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "tests/support/DelimitedModel.h"
 #include "tests/support/FaultyFile.h"
@@ -225,6 +229,29 @@ TEST(Import, AnEmptyFileSkipsTheLoopAndClearsTheErrorVariable) {
   ImportRun run(kLoop);
   run.Set("ZpIMPORT_Error", "of an earlier import");
   EXPECT_EQ(run.Output(""), "end");
+}
+
+TEST(Import, AFifoIsNotWaitedFor) {
+  TemporaryDirectory directory;
+  const std::string path = directory.path("in");
+  ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+  const auto imported = [&directory] {
+    Machine machine;
+    UNIXReentrantFileManager files(&machine.application);
+    EXPECT_TRUE(files.InitializeDataDirectory(directory.path().c_str()));
+    machine.application.SetFileManager(&files);
+    machine.Assemble(kLoop);
+    machine.global.SetVariable(new Variable("delimiter", -1, ",", 1));
+    EXPECT_EQ(machine.Go(), 1) << machine.Error();
+    const std::string output = machine.Output();
+    machine.Close();
+    return output;
+  };
+  EXPECT_EQ(imported(), "end") << "no one writes to it";
+  const FileDescriptor writer(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  EXPECT_THAT(imported(), EndsWith("endError reading from 'in': Resource temporarily unavailable"));
+  ASSERT_EQ(4, write(writer.get(), "x,y\n", 4));
+  EXPECT_EQ(imported(), "1:x|y|;end");
 }
 
 TEST(Import, WhatHasNoRecordLeavesTheVariables) {

@@ -426,16 +426,16 @@ TEST_F(SegmentFile, OffsetsAndLengthsThatLieOutsideFail) {
 }
 
 TEST_F(SegmentFile, SegmentsMayShareTheirCode) {
-  const std::string section = LE32(4) + LE32(2) + LE32(0) + LE32(7) + LE32(2) + LE32(3) + LE32(1) +
-                              LE32(6) + LE32(0) + LE32(7) + "abcdefg";
-  ASSERT_TRUE(Read(section));
-  EXPECT_EQ(CodeOf(segments.Start()), "bcdefg");
+  const std::string code = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+  ASSERT_TRUE(Read(LE32(4) + LE32(2) + LE32(0) + LE32(62) + LE32(2) + LE32(50) + LE32(1) +
+                   LE32(60) + LE32(0) + LE32(62) + code));
+  EXPECT_EQ(CodeOf(segments.Start()), code.substr(1, 60));
   EXPECT_EQ(segments.Start(), segments.Lookup(2));
-  EXPECT_EQ(CodeOf(segments.Lookup(0)), "abcdefg");
-  EXPECT_EQ(CodeOf(segments.Lookup(1)), "cde");
-  EXPECT_EQ(CodeOf(segments.Lookup(3)), "abcdefg");
+  EXPECT_EQ(CodeOf(segments.Lookup(0)), code);
+  EXPECT_EQ(CodeOf(segments.Lookup(1)), code.substr(2, 50));
+  EXPECT_EQ(CodeOf(segments.Lookup(3)), code);
   EXPECT_EQ(segments.Lookup(3)->number(), 3);
-  EXPECT_EQ(segments.Lookup(3)->code()[7], 0) << "zeros behind the code";
+  EXPECT_EQ(segments.Lookup(2)->code()[60], 0) << "zeros behind the code";
   EXPECT_EQ(segments.Segment_Add()->number(), 4);
   EXPECT_EQ(segments.Lookup(5), nullptr);
 }
@@ -460,12 +460,13 @@ TEST_F(SegmentFile, EveryRowOfSharedCodeLiesInTheSection) {
 }
 
 TEST_F(SegmentFile, ACloneMakesSharedSegmentsOfItsOwn) {
-  ASSERT_TRUE(
-      Read(LE32(3) + LE32(0) + LE32(0) + LE32(3) + LE32(0) + LE32(3) + LE32(1) + LE32(2) + "abc"));
+  const std::string code(100, 'x');
+  ASSERT_TRUE(Read(LE32(3) + LE32(0) + LE32(0) + LE32(100) + LE32(0) + LE32(100) + LE32(1) +
+                   LE32(99) + code));
   SegmentManager clone(segments);
   ASSERT_NE(segments.Lookup(2), nullptr);
   EXPECT_NE(clone.Lookup(2), segments.Lookup(2));
-  EXPECT_EQ(CodeOf(clone.Lookup(2)), "bc");
+  EXPECT_EQ(CodeOf(clone.Lookup(2)), code.substr(1));
 }
 
 TEST_F(SegmentFile, ASectionCutAnywhereFails) {

@@ -268,6 +268,26 @@ TEST_F(FailurePages, APipeInPlaceOfAScriptDoesNotHoldTheRequestUp) {
   EXPECT_THAT(response.Body(), StartsWith("Unable to execute 'pipe.zpc': "));
 }
 
+TEST_F(FailurePages, APipeAnywhereElseDoesNotHoldTheRequestUpEither) {
+  ASSERT_EQ(mkfifo(engine.Path("scripts/pipe.zpc").c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo(engine.Path("data/pipe").c_str(), 0600), 0);
+  engine.settings = "log_file = \"pipe\"\nlog_level = 1073741824\n";
+  engine.Script("do.zpc", "pushc \"pipe.zpc\"\nop_do_file\n");
+  engine.Script("function.zpc", "pushc \"pipe.zpc\"\npushc \"f()\"\nop_do_function\n");
+  engine.Script("export.zpc", "pushc \"pipe\"\npushc \",\"\npushc \"a\"\nexport\n");
+  ASSERT_TRUE(engine.Start());
+  for (const char* page : {"/do.zpc", "/function.zpc"}) {
+    FastCGIResponse response = engine.Get(page);
+    EXPECT_TRUE(response.ended) << response.problem;
+    EXPECT_THAT(response.Body(), HasSubstr("Unable to open '"));
+    EXPECT_THAT(response.Body(), HasSubstr(corrupt));
+  }
+  FastCGIResponse response = engine.Get("/export.zpc");
+  EXPECT_TRUE(response.ended) << response.problem;
+  EXPECT_THAT(response.Body(),
+              HasSubstr("Unable to create file 'pipe': No such device or address"));
+}
+
 TEST_F(FailurePages, AnUnknownUser) {
   ASSERT_TRUE(engine.Start());
   ExpectFailure(engine.Get("/~nobodyhere/x.zpc"),

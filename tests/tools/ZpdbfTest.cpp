@@ -1,5 +1,7 @@
 // The program's command line: what it takes, what it writes where, and its exit status.
 
+#include <sys/stat.h>
+
 #include <string>
 #include <vector>
 
@@ -52,6 +54,14 @@ TEST_F(Zpdbf, ChecksATable) {
   directory.File("t.dbf", directory.Content("t.dbf").substr(0, 70));
   EXPECT_EQ(Run({"--check", "t.dbf"}), 1);
   EXPECT_EQ(output, "problem: the file ends behind 0 of 1 records\n1 problem\n");
+}
+
+TEST_F(Zpdbf, AFifoIsNotWaitedFor) {
+  ASSERT_EQ(mkfifo(directory.path("fifo").c_str(), 0600), 0);
+  for (const Lines& arguments : {Lines{"fifo"}, Lines{"--check", "fifo"}}) {
+    EXPECT_EQ(Run(arguments), 1);
+    EXPECT_NE(output + errors, "");
+  }
 }
 
 TEST_F(Zpdbf, AFileThatIsNotThereIsAFailure) {

@@ -16,6 +16,11 @@
 
 #include <cerrno>
 
+// Added to every open. A descriptor never reaches another program, a terminal never becomes ours,
+// and a FIFO or a device never makes its opener wait for the other end. Of what is no regular file,
+// reads and writes do not wait either.
+constexpr int quiet_flags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+
 // openat, which takes its mode only where it is needed.
 inline int OpenAt(int directory, const char* name, int flags, mode_t mode) {
   return ::openat(directory, name, flags, mode);

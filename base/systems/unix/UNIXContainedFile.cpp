@@ -27,8 +27,6 @@
 
 namespace {
 
-constexpr int quiet_flags = O_CLOEXEC | O_NOCTTY;
-
 // Descriptors below this are what a program is started with.
 constexpr int first_descriptor = 3;
 
@@ -289,7 +287,7 @@ int UNIXFileManager::OpenContained(Zeph_PathType type, const char* path, int fla
   bool check = true;       // the name was there when it was looked at
   bool exclusive = false;  // O_EXCL is ours and not the caller's
   struct stat expected = {};
-  flags |= O_NOFOLLOW | quiet_flags;
+  flags |= O_NOFOLLOW;
   for (;;) {
     if (compare && !final.same_directory &&
         system_calls.fstatat(final.directory.get(), final.name, &expected, AT_SYMLINK_NOFOLLOW) !=
@@ -303,7 +301,7 @@ int UNIXFileManager::OpenContained(Zeph_PathType type, const char* path, int fla
       exclusive = !(flags & O_EXCL);
       flags |= O_EXCL;
     }
-    FileDescriptor opened(system_calls.openat(final.directory.get(), final.name, flags, 0666));
+    FileDescriptor opened(OpenQuietly(final.directory.get(), final.name, flags, 0666));
     if (opened.is_open()) {
       if (compare && check && !CheckOwner(opened.get(), expected.st_uid)) return -1;
       return opened.release();
@@ -333,8 +331,7 @@ bool UNIXFileManager::CheckOwner(int descriptor, unsigned user) {
 }
 
 bool UNIXFileManager::Stat(Zeph_PathType type, const char* path, struct stat* buffer) {
-  // A FIFO must not wait for somebody who writes to it.
-  FileDescriptor opened(OpenContained(type, path, O_RDONLY | O_NONBLOCK));
+  FileDescriptor opened(OpenContained(type, path, O_RDONLY));
   if (!opened.is_open()) return false;
   return fstat(opened.get(), buffer) == 0 || SystemError();
 }
@@ -408,8 +405,7 @@ bool UNIXFileManager::Rename(Zeph_PathType fromtype, const char* from, Zeph_Path
 }
 
 bool UNIXFileManager::TouchFile(Zeph_PathType type, const char* path) {
-  // Nothing is written, so a FIFO is not waited for.
-  FileDescriptor opened(OpenContained(type, path, O_WRONLY | O_CREAT | O_NONBLOCK));
+  FileDescriptor opened(OpenContained(type, path, O_WRONLY | O_CREAT));
   if (!opened.is_open()) return false;
   return futimes(opened.get(), nullptr) == 0 || SystemError();
 }
@@ -471,8 +467,7 @@ bool UNIXFileManager::Mode(Zeph_PathType type, const char* path, int* mode) {
 }
 
 bool UNIXFileManager::ChangeMode(Zeph_PathType type, const char* path, int mode) {
-  // Nothing is read, so a FIFO need not have anybody at its other end.
-  FileDescriptor opened(OpenContained(type, path, O_RDONLY | O_NONBLOCK));
+  FileDescriptor opened(OpenContained(type, path, O_RDONLY));
   if (!opened.is_open()) return false;
   return fchmod(opened.get(), static_cast<mode_t>(mode)) == 0 || SystemError();
 }

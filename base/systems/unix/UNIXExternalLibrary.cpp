@@ -1,7 +1,9 @@
 #include "base/systems/unix/UNIXExternalLibrary.h"
 
 #include <dlfcn.h>
+#include <sys/stat.h>
 
+#include <cstring>
 #include <memory>
 
 UNIXExternalLibrary::~UNIXExternalLibrary() {
@@ -10,6 +12,16 @@ UNIXExternalLibrary::~UNIXExternalLibrary() {
 
 bool UNIXExternalLibrary::Load(const char* path) {
   library_path = path;
+  // The loader would wait for the other end of a FIFO. A name without a slash is searched for,
+  // among the system's own directories.
+  struct stat status;
+  if (path != nullptr && strchr(path, '/') != nullptr && stat(path, &status) == 0 &&
+      !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
+    String text(path, -1);
+    text.cat(": not a regular file");
+    Error(text);
+    return false;
+  }
   // A null name would be the engine itself.
   handle = dlopen(library_path.data, RTLD_LAZY);
   if (handle != nullptr) return true;

@@ -26,9 +26,6 @@ namespace {
 // What would create or empty the file when it is opened again.
 constexpr int creating_flags = O_CREAT | O_TRUNC | O_EXCL;
 
-// Added to every open: a descriptor never reaches another program, a terminal never becomes ours.
-constexpr int quiet_flags = O_CLOEXEC | O_NOCTTY;
-
 constexpr long no_end = std::numeric_limits<long>::max();
 
 }  // namespace
@@ -36,11 +33,15 @@ constexpr long no_end = std::numeric_limits<long>::max();
 // --- The open file -------------------------------------------------------------------------------
 
 UNIXFile::UNIXFile(UNIXFileManager* manager, int opened, int open_flags, const char* path)
-    : File(manager, path), descriptor(opened), flags(open_flags & ~creating_flags) {}
+    : File(manager, path), descriptor(opened), flags(open_flags & ~creating_flags) {
+  Settle();
+}
 
 UNIXFile::UNIXFile(UNIXFileManager* manager, int opened, int open_flags, Zeph_PathType type,
                    const char* path)
-    : File(manager, type, path), descriptor(opened), flags(open_flags & ~creating_flags) {}
+    : File(manager, type, path), descriptor(opened), flags(open_flags & ~creating_flags) {
+  Settle();
+}
 
 UNIXFile::~UNIXFile() {
   UNIXFile::Release();
@@ -58,16 +59,34 @@ bool UNIXFile::SystemError() {
   return false;
 }
 
+// What is done with a descriptor that was just opened: a regular file gets the flags that were
+// asked for, since none of its reads and writes has another end to wait for.
+void UNIXFile::Settle() {
+  struct stat status;
+  if (fstat(descriptor, &status) != 0) return;
+  Note(status);
+  if (is_regular) fcntl(descriptor, F_SETFL, flags);
+}
+
+void UNIXFile::Note(const struct stat& status) {
+  status_known = true;
+  is_regular = S_ISREG(status.st_mode);
+  is_directory = S_ISDIR(status.st_mode);
+  owner = static_cast<int>(status.st_uid);
+  group = static_cast<int>(status.st_gid);
+}
+
 bool UNIXFile::Status(struct stat* buffer) {
   if (!Ready()) return false;
   if (fstat(descriptor, buffer) != 0) return SystemError();
-  if (!moved && S_ISREG(buffer->st_mode) && (flags & O_APPEND) == 0) place = position;
+  (void)KnowsPlace();
   return true;
 }
 
-// Whether the position is kept here. The first seek asks.
+// Whether the position is kept here, which it is from the first question or seek on, unless the
+// file was read or written before.
 bool UNIXFile::KnowsPlace() {
-  if (place < 0 && !moved && !status_known) LearnStatus();
+  if (place < 0 && !moved && is_regular && (flags & O_APPEND) == 0) place = position;
   return place >= 0;
 }
 
@@ -80,13 +99,12 @@ int UNIXFile::Moved(long count) {
 }
 
 bool UNIXFile::LearnStatus() {
+  if (!Ready()) return false;
+  (void)KnowsPlace();
   if (status_known && !moved) return true;
   struct stat status;
   if (!Status(&status)) return false;
-  status_known = true;
-  is_directory = S_ISDIR(status.st_mode);
-  owner = static_cast<int>(status.st_uid);
-  group = static_cast<int>(status.st_gid);
+  Note(status);
   return true;
 }
 
@@ -284,7 +302,7 @@ bool UNIXFile::Activate(String& text) {
     opened.reset(files->OpenContained(type(), path(), flags));
     if (!opened.is_open()) text = files->error();
   } else {
-    opened.reset(system_calls.openat(AT_FDCWD, path(), flags | quiet_flags, 0));
+    opened.reset(files->OpenQuietly(AT_FDCWD, path(), flags, 0));
     if (!opened.is_open()) text = files->application()->lasterror();
   }
   if (!opened.is_open()) return false;
@@ -293,6 +311,7 @@ bool UNIXFile::Activate(String& text) {
     return false;
   }
   descriptor = opened.release();
+  Settle();
   return true;
 }
 
@@ -341,8 +360,25 @@ int UNIXFileManager::OpenMode(int mode) {
   if (mode & FileMode_Truncate) flags |= O_TRUNC;
   if (mode & FileMode_Append) flags |= O_APPEND;
   if (mode & FileMode_Exclusive) flags |= O_EXCL;
-  if (mode & FileMode_NoWait) flags |= O_NONBLOCK;
   return flags;
+}
+
+// An open that may not wait fails where another program, such as a server of this file to other
+// machines, holds a lease on a regular file. The failure has asked that program to give it up,
+// which the kernel sees to in less than a minute.
+int UNIXFileManager::OpenQuietly(int directory, const char* name, int flags, unsigned permissions) {
+  constexpr int pause = 10;  // milliseconds
+  for (;;) {
+    const int opened = system_calls.openat(directory, name, flags | quiet_flags, permissions);
+    if (opened >= 0 || errno != EWOULDBLOCK) return opened;
+    struct stat status;
+    const int links = flags & O_NOFOLLOW ? AT_SYMLINK_NOFOLLOW : 0;
+    const bool leased = system_calls.fstatat(directory, name, &status, links) == 0 &&
+                        S_ISREG(status.st_mode) && !owner->cancelled();
+    errno = EWOULDBLOCK;
+    if (!leased) return -1;
+    system_calls.poll(nullptr, 0, pause);
+  }
 }
 
 File* UNIXFileManager::Adopt(FileDescriptor& descriptor, int mode, const char* path) {
@@ -362,7 +398,7 @@ File* UNIXFileManager::Adopt(FileDescriptor& descriptor, int mode, Zeph_PathType
 
 File* UNIXFileManager::Open(const char* path, int mode) {
   if (!FreeFileSpace(1)) return nullptr;
-  FileDescriptor opened(system_calls.openat(AT_FDCWD, path, OpenMode(mode) | quiet_flags, 0666));
+  FileDescriptor opened(OpenQuietly(AT_FDCWD, path, OpenMode(mode), 0666));
   if (!opened.is_open()) {
     SystemError();
     return nullptr;
@@ -380,11 +416,10 @@ bool UNIXFileManager::Delete(const char* path) {
 
 bool UNIXFileManager::Copy(const char* from, const char* to) {
   if (!FreeFileSpace(2)) return false;
-  FileDescriptor source(system_calls.openat(AT_FDCWD, from, O_RDONLY | quiet_flags, 0));
+  FileDescriptor source(OpenQuietly(AT_FDCWD, from, O_RDONLY, 0));
   if (!source.is_open()) return SystemError();
   if (!CheckCopySource(source.get())) return false;
-  FileDescriptor target(
-      system_calls.openat(AT_FDCWD, to, O_WRONLY | O_CREAT | O_TRUNC | quiet_flags, 0666));
+  FileDescriptor target(OpenQuietly(AT_FDCWD, to, O_WRONLY | O_CREAT | O_TRUNC, 0666));
   if (!target.is_open()) return SystemError();
   return CopyBytes(source.get(), target.get());
 }
@@ -413,8 +448,7 @@ bool UNIXFileManager::TouchFile(const char* path) {
   if (utime(path, nullptr) == 0) return true;
   if (errno != ENOENT) return SystemError();
   if (!FreeFileSpace(1)) return false;
-  FileDescriptor created(
-      system_calls.openat(AT_FDCWD, path, O_WRONLY | O_CREAT | quiet_flags, 0644));
+  FileDescriptor created(OpenQuietly(AT_FDCWD, path, O_WRONLY | O_CREAT, 0644));
   return created.is_open() || SystemError();
 }
 

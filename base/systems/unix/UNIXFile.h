@@ -62,9 +62,11 @@ class UNIXFile : public File {
   bool Ready() { return descriptor >= 0 || Reactivate(); }
   bool Reactivate();
   bool SystemError();
+  void Settle();
   bool Status(struct stat* buffer);
-  bool LearnStatus();
   bool KnowsPlace();
+  bool LearnStatus();
+  void Note(const struct stat& status);
   int Moved(long count);
   bool IsAllThatIsLocked(long start, long length) const;
   void NoteLocked(long start, long length, bool held);
@@ -76,12 +78,13 @@ class UNIXFile : public File {
   long position = 0;  // where a deactivated file goes on
   // The position of a regular file, which is kept here and told with each read and write: the
   // system's own is not used then, and a seek costs no call. -1 in other files, in one that
-  // appends, and until something is asked that tells what the file is.
+  // appends, and until something is asked or sought.
   long place = -1;
   FileWindow window;   // used with a place of one's own only
   bool moved = false;  // read, written or sought in since it was opened
-  // What whoever opens a file asks of it at once, kept until it is moved in: one question for all.
+  // The result of fstat at the time of opening, valid until the first read, write or seek.
   bool status_known = false;
+  bool is_regular = false;
   bool is_directory = false;
   int owner = 0;
   int group = 0;
@@ -123,6 +126,8 @@ class ContainedDirectory {
 // process: for a program with one thread. All operations on names are written here, once, on a
 // directory descriptor; how that is reached is what the derived class replaces.
 class UNIXFileManager : public FileManager {
+  friend class UNIXFile;
+
  public:
   explicit UNIXFileManager(ZephApplication* application);
   // For a background task: the same directories, limits and flags on descriptors of its own, and
@@ -249,6 +254,8 @@ class UNIXFileManager : public FileManager {
   bool SystemError();
   bool Fail(const char* text);
 
+  // openat that waits for no other end, with the permissions of a file that it makes.
+  int OpenQuietly(int directory, const char* name, int flags, unsigned permissions);
   // A File on the descriptor, entered in the pool unless the mode forbids it.
   File* Adopt(FileDescriptor& descriptor, int mode, const char* path);
   File* Adopt(FileDescriptor& descriptor, int mode, Zeph_PathType type, const char* path);

@@ -32,11 +32,8 @@
 
 namespace {
 
-constexpr int quiet_flags = O_CLOEXEC | O_NOCTTY;
-
-// Without O_NOFOLLOW a link could make a waiter read a file outside of the directory; without
-// O_NONBLOCK a FIFO could hold it up.
-constexpr int record_flags = O_NOFOLLOW | O_NONBLOCK | quiet_flags;
+// Without O_NOFOLLOW a link could make a waiter read a file outside of the directory.
+constexpr int record_flags = O_NOFOLLOW | quiet_flags;
 
 // Bytes of a record that are looked at.
 constexpr size_t record_limit = 511;

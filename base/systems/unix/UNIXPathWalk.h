@@ -8,10 +8,10 @@
 #include <sys/stat.h>
 
 #include "base/BaseTemplates.h"
+#include "base/systems/unix/SystemCalls.h"
 
-// An element that is a link must answer ELOOP, which O_DIRECTORY would turn into ENOTDIR. Without
-// O_DIRECTORY the element may be a FIFO, and opening that must not wait.
-constexpr int walk_flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+// An element that is a link must answer ELOOP, which O_DIRECTORY would turn into ENOTDIR.
+constexpr int walk_flags = O_RDONLY | O_NOFOLLOW | quiet_flags;
 
 // The text of a link together with the path behind it fits into this, NUL included.
 constexpr int link_text_size = 1024;

@@ -99,6 +99,13 @@ TEST_F(ApplicationLog, WithoutAFileThereIsNone) {
   EXPECT_EQ(LogText(), "");
 }
 
+TEST_F(ApplicationLog, AFifoThatNothingReadsIsNoLog) {
+  ASSERT_EQ(0, mkfifo((directory.path() + "/data/trace.log").c_str(), 0600));
+  application->Set(Config_log_file, "trace.log");
+  application->ProcessLogSettings();
+  EXPECT_NE(0, application->logsuppressed());
+}
+
 // The file is one of the data directory, as those of scripts are.
 TEST_F(ApplicationLog, ItCannotLeaveTheDataDirectory) {
   for (const std::string& name : {std::string("../trace.log"), directory.path() + "/trace.log"}) {

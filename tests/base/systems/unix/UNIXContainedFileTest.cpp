@@ -691,6 +691,45 @@ TYPED_TEST(ContainedPath, FifoHoldsNothingUp) {
   EXPECT_FALSE(this->files.Delete(ZephPath_Data, "fifo/x"));
 }
 
+TYPED_TEST(ContainedPath, OpeningAFifoDoesNotWait) {
+  this->Configure(all_links);
+  ASSERT_EQ(0, mkfifo(this->tree.path("data/fifo").c_str(), 0600));
+  this->tree.Link("data/link", "fifo");
+  this->tree.File("data/f", "text");
+  for (const char* name : {"fifo", "link"}) {
+    EXPECT_EQ("", this->Read(name)) << "nothing comes while no one writes";
+    for (int mode : {FileMode_Write + 0, FileMode_Write | FileMode_Create | FileMode_Append,
+                     FileMode_Write | FileMode_Create | FileMode_Truncate}) {
+      const std::unique_ptr<File> file(this->files.Open(ZephPath_Data, name, mode));
+      EXPECT_EQ(nullptr, file);
+      EXPECT_EQ("No such device or address", this->error());
+    }
+    EXPECT_FALSE(this->files.Copy(ZephPath_Data, "f", ZephPath_Data, name));
+    EXPECT_TRUE(this->files.Copy(ZephPath_Data, name, ZephPath_Data, "copy"));
+    EXPECT_EQ("", this->tree.Content("data/copy"));
+  }
+  const FileDescriptor other_end(
+      open(this->tree.path("data/fifo").c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  EXPECT_EQ("[Resource temporarily unavailable]", this->Read("fifo"));
+  const std::unique_ptr<File> file(
+      this->files.Open(ZephPath_Data, "fifo", FileMode_Write | FileMode_Append));
+  ASSERT_NE(nullptr, file) << this->error();
+  EXPECT_EQ(3, file->Write("abc", 3));
+  EXPECT_EQ("abc", this->Read("fifo"));
+  const std::string much(1 << 20, 'x');
+  EXPECT_LT(file->Write(much.data(), 1 << 20), 1 << 20) << "no more than the pipe holds";
+  EXPECT_EQ(-1, file->Write("x", 1));
+}
+
+TYPED_TEST(ContainedPath, ADeviceIsOpenedAsItIs) {
+  this->Configure(all_links);
+  this->tree.Link("data/null", "/dev/null");
+  EXPECT_EQ("", this->Read("null"));
+  const std::unique_ptr<File> file(this->files.Open(ZephPath_Data, "null", FileMode_Write));
+  ASSERT_NE(nullptr, file) << this->error();
+  EXPECT_EQ(3, file->Write("abc", 3));
+}
+
 TYPED_TEST(ContainedPath, DeleteMakeAndRemove) {
   this->Configure(0);
   EXPECT_TRUE(this->files.MakeDirectory(ZephPath_Data, "d"));

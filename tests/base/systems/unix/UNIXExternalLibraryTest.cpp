@@ -1,6 +1,7 @@
 #include "base/systems/unix/UNIXExternalLibrary.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <memory>
@@ -42,6 +43,15 @@ TEST(UNIXExternalLibrary, FileThatIsNoLibraryIsAnError) {
   UNIXExternalLibrary library;
   EXPECT_FALSE(library.Load(directory.File("text.so", "not a library").c_str()));
   EXPECT_NE(Text(library.error()).find("text.so"), std::string::npos);
+}
+
+TEST(UNIXExternalLibrary, AFifoIsNotWaitedFor) {
+  TemporaryDirectory directory;
+  const std::string path = directory.path("fifo.so");
+  ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+  UNIXExternalLibrary library;
+  EXPECT_FALSE(library.Load(path.c_str()));
+  EXPECT_EQ(Text(library.error()), path + ": not a regular file");
 }
 
 TEST(UNIXExternalLibraryManager, LoadsAFileOnce) {

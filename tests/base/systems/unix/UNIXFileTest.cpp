@@ -260,6 +260,66 @@ TEST_F(UNIXFileTest, LengthOfAFifoIsZero) {
   EXPECT_EQ(0, length);
 }
 
+TEST_F(UNIXFileTest, OpeningAFifoByItsNameDoesNotWait) {
+  ASSERT_EQ(0, mkfifo(path("fifo").c_str(), 0600));
+  tree.File("f", "text");
+  char byte;
+  auto file = Open("fifo", FileMode_Read);
+  ASSERT_NE(nullptr, file);
+  EXPECT_EQ(0, file->Read(&byte, 1));
+  files.DeactivateFile(file.get());
+  EXPECT_EQ(0, file->Read(&byte, 1)) << "when it is opened again, too";
+  file.reset();
+  EXPECT_EQ(nullptr, Open("fifo", FileMode_Write));
+  EXPECT_EQ("No such device or address", error());
+  EXPECT_FALSE(files.Copy(path("f").c_str(), path("fifo").c_str()));
+  EXPECT_TRUE(files.Copy(path("fifo").c_str(), path("copy").c_str()));
+}
+
+int flags_of_read;
+
+TEST_F(UNIXFileTest, ARegularFileIsReadInTheModeThatWasAskedFor) {
+  tree.File("f", "text");
+  auto file = Open("f", FileMode_Read);
+  RestoredSystemCalls restored;
+  system_calls.pread = [](int descriptor, void* buffer, size_t length, off_t place) {
+    flags_of_read = fcntl(descriptor, F_GETFL);
+    return ::pread(descriptor, buffer, length, place);
+  };
+  char byte;
+  for (bool again : {false, true}) {
+    if (again) files.DeactivateFile(file.get());
+    EXPECT_EQ(0, file->Seek(0));
+    flags_of_read = -1;
+    EXPECT_EQ(1, file->Read(&byte, 1));
+    EXPECT_EQ(0, flags_of_read & (O_NONBLOCK | O_ACCMODE));
+  }
+}
+
+// A server of files to other machines has a lease on those that its clients keep.
+TEST_F(UNIXFileTest, AFileUnderALeaseIsOpenedWhenTheLeaseIsGivenUp) {
+  tree.File("f", "text");
+  const FileDescriptor holder(open(path("f").c_str(), O_RDONLY | O_CLOEXEC));
+  sigset_t told;
+  sigemptyset(&told);
+  sigaddset(&told, SIGIO);
+  sigset_t before;
+  pthread_sigmask(SIG_BLOCK, &told, &before);
+  if (fcntl(holder.get(), F_SETLEASE, F_RDLCK) != 0) {
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    GTEST_SKIP() << "no leases here: " << strerror(errno);
+  }
+  std::thread giver([&] {
+    int signal;
+    sigwait(&told, &signal);
+    EXPECT_EQ(0, fcntl(holder.get(), F_SETLEASE, F_UNLCK));
+  });
+  auto file = Open("f", FileMode_Read | FileMode_Write);
+  EXPECT_NE(nullptr, file) << error();
+  giver.join();
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 TEST_F(UNIXFileTest, KnowsItsPathAndWhetherItIsContained) {
   Configure(0);
   tree.File("data/f");
