@@ -55,39 +55,45 @@ bool IsPassedBack(const siginfo_t* info, uintptr_t frame) {
   return passing.handler && passing.info == info && frame < passing.frame;
 }
 
-void TakeDefault(int signal, bool was_sent) {
+// Whether no instruction of this thread has caused the signal: it was sent, or tells of memory that
+// went bad without being touched.
+bool IsFromElsewhere(const siginfo_t* info) {
+  return info->si_code <= 0 || info->si_code == BUS_MCEERR_AO;
+}
+
+// The default kills: by the instruction that has caused the signal, which runs again, or by another
+// signal.
+void TakeDefault(int signal, const siginfo_t* info) {
   struct sigaction action = {};
   action.sa_handler = SIG_DFL;
   sigaction(signal, &action, nullptr);
-  if (was_sent) raise(signal);
+  if (IsFromElsewhere(info)) raise(signal);
 }
 
-// An earlier handler gets what no copy has caused. The default kills: by the instruction, which
-// runs again, or once more if the signal was sent.
+// An earlier handler gets what no copy has caused.
 [[gnu::noinline]] void PassOn(int signal, siginfo_t* info, void* context) {
   const auto frame = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
   const Passing before = passing;
   const EarlierHandler* const next =
       IsPassedBack(info, frame) ? passing.handler->older : newest_handler.load();
-  const bool was_sent = info->si_code <= 0;
-  if (!next) return TakeDefault(signal, was_sent);
+  if (!next) return TakeDefault(signal, info);
   const struct sigaction& action = next->action;
   passing = {next, info, frame};
   if (action.sa_flags & SA_SIGINFO) {
     action.sa_sigaction(signal, info, context);
-  } else if (action.sa_handler == SIG_DFL || (action.sa_handler == SIG_IGN && !was_sent)) {
-    TakeDefault(signal, was_sent);
+  } else if (action.sa_handler == SIG_DFL ||
+             (action.sa_handler == SIG_IGN && !IsFromElsewhere(info))) {
+    TakeDefault(signal, info);
   } else if (action.sa_handler != SIG_IGN) {
     action.sa_handler(signal);
   }
   passing = before;
 }
 
-// Whether the copy that is under way has touched a page that is gone. A signal that was sent, or
-// that tells of bad memory elsewhere, may come in the middle of a copy as well, and so may the
-// fault of a handler that has interrupted it.
+// Whether the copy that is under way has touched a page that is gone. A signal from elsewhere may
+// come in the middle of a copy as well, and so may the fault of a handler that has interrupted it.
 bool IsOfCopy(const Copying* copy, const siginfo_t* info) {
-  if (!copy || info->si_code <= 0 || info->si_code == BUS_MCEERR_AO) return false;
+  if (!copy || IsFromElsewhere(info)) return false;
   // Of some faults only the page is told.
   const uintptr_t page = reinterpret_cast<uintptr_t>(info->si_addr) / smallest_page;
   return page >= copy->start / smallest_page &&
