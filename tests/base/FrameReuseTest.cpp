@@ -371,19 +371,19 @@ class RandomCalls {
 
 TEST(FrameReuse, RandomProgramsDoTheSameInFreshFramesAndInReusedOnes) {
   int ended = 0;
-  for (unsigned seed = 1; seed <= 1500; seed++) {
+  for (unsigned seed = 1; seed <= 500; seed++) {
     const std::string program = RandomCalls(seed).Program();
     SCOPED_TRACE(testing::Message() << seed << "\n" << program);
     const std::vector<const char*> globals = {"a", "b", "c", "n", "recno", "ZpIMPORT_Error"};
     const Outcome reused = OutcomeOf(program, kWays[0], globals);
-    for (const Way& way : kWays) {
+    for (const Way& way : {kWays[1], kWays[2], kWays[3]}) {
       SCOPED_TRACE(way.label);
       ASSERT_EQ(reused, OutcomeOf(program, way, globals));
     }
     ended += reused.result;
   }
   // Most are no short ones that fail at once.
-  EXPECT_GT(ended, 750);
+  EXPECT_GT(ended, 250);
 }
 
 }  // namespace
