@@ -115,13 +115,19 @@ SystemLibraryManager* ZephApplication::systemlibrarymanager() {
 }
 
 void ZephApplication::ResetGlobalTimeout() {
-  int seconds = config()->value_integer(Config_timeout_global);
+  StartGlobalClock(config()->value_integer(Config_timeout_global));
+}
+
+void ZephApplication::ResetPOSTTimeout() {
+  StartPOSTClock(config()->value_integer(Config_timeout_post));
+}
+
+void ZephApplication::StartGlobalClock(int seconds) {
   global_deadline = seconds == 0 ? 0 : time(nullptr) + seconds;
   Raise(global_timed_out, 0);
 }
 
-void ZephApplication::ResetPOSTTimeout() {
-  int seconds = config()->value_integer(Config_timeout_post);
+void ZephApplication::StartPOSTClock(int seconds) {
   post_deadline = seconds == 0 ? 0 : time(nullptr) + seconds;
   Raise(post_timed_out, 0);
 }

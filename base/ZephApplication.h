@@ -224,6 +224,12 @@ class ZephApplication {
   List<LogFilterEntry>* logexcludes() { return &log_excludes; }
 
  protected:
+  // Start a clock with a limit in whole seconds, 0 for none, and take its flag back. For a host
+  // that guards the clocks with a mutex: to read the setting calls the configuration library, which
+  // must not happen under it.
+  void StartGlobalClock(int seconds);
+  void StartPOSTClock(int seconds);
+
   void* ssl_context = nullptr;
   void** ssl_functions = nullptr;
   int heartbeat_counter = 0;

@@ -2,6 +2,7 @@
 
 #include <atomic>
 
+#include "base/Config.h"
 #include "fastcgi/FastCGIThreads.h"
 
 FastCGIBaseApplication::FastCGIBaseApplication(int argc, char** argv, int copied_argc,
@@ -10,14 +11,13 @@ FastCGIBaseApplication::FastCGIBaseApplication(int argc, char** argv, int copied
     : UNIXApplication(argc, argv, copied_argc, copied_argv, libraries), thread_manager(threads) {}
 
 FastCGIBaseApplication::FastCGIBaseApplication(FastCGIBaseApplication& other)
-    : UNIXApplication(other), thread_manager(other.thread_manager) {
-  if (other.cookie) cookie.reset(zeph_strdup(other.cookie.get()));
-}
+    : UNIXApplication(other), thread_manager(other.thread_manager) {}
 
 void FastCGIBaseApplication::ResetGlobalTimeout() {
+  const int seconds = config()->value_integer(Config_timeout_global);
   MutexGuard guard(application_mutex);
   const int timed_out = cancelled();
-  ZephApplication::ResetGlobalTimeout();
+  StartGlobalClock(seconds);
   // A script that was cancelled by a shutdown does not get new time: none may outlive it.
   if (timed_out && thread_manager && thread_manager->ShuttingDown()) {
     std::atomic_ref<int>(global_timed_out).store(1, std::memory_order_relaxed);

@@ -4,8 +4,6 @@
 #ifndef ZEPH_FASTCGI_FASTCGIBASEAPPLICATION_H
 #define ZEPH_FASTCGI_FASTCGIBASEAPPLICATION_H
 
-#include <memory>
-
 #include "base/systems/unix/UNIXApplication.h"
 
 class FastCGIThreadManager;
@@ -24,11 +22,8 @@ class FastCGIBaseApplication : public UNIXApplication {
   void ResetGlobalTimeout() override;
 
  protected:
-  const char* received_cookies() override { return cookie.get(); }
-
   FastCGIThreadManager* thread_manager;
   int header_stage_done = 0;
-  std::unique_ptr<char[]> cookie;  // a copy of HTTP_COOKIE, null without one
 };
 
 #endif

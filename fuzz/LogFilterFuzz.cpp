@@ -26,10 +26,7 @@ class Application : public UNIXApplication {
  public:
   Application() : UNIXApplication(0, nullptr, 0, nullptr, nullptr) { configuration = new Config; }
   using UNIXApplication::ProcessLogCookie;
-  std::string cookies;
-
- protected:
-  const char* received_cookies() override { return cookies.c_str(); }
+  void SetCookies(const std::string& text) { cookie.reset(zeph_strdup(text.c_str())); }
 };
 
 [[noreturn]] void Wrong(const char* what) {
@@ -107,7 +104,7 @@ void CheckFilter(Application* application, const std::string& filter) {
 }
 
 void CheckCookie(Application* application, const std::string& cookies, const std::string& wanted) {
-  application->cookies = cookies;
+  application->SetCookies(cookies);
   application->ProcessLogCookie(wanted.c_str());
   const size_t found = cookies.find("zephlogcookie=");
   bool shown = found != std::string::npos;

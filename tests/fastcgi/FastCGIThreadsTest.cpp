@@ -7,10 +7,12 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <future>
 #include <memory>
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "base/Config.h"
 #include "fastcgi/FastCGIBaseApplication.h"
@@ -145,6 +147,39 @@ TEST(FastCGIBaseApplication, NoScriptGetsNewTimeInAShutdown) {
   manager.Shutdown();
   application.ResetGlobalTimeout();
   EXPECT_TRUE(application.cancelled());
+}
+
+// Settings of a library that takes as long as the heartbeat needs to pass by.
+class PatientConfig : public Config {
+ public:
+  explicit PatientConfig(FastCGIBaseApplication* owner) : application(owner) {}
+  int value_integer(int id) override {
+    auto beat = std::async(std::launch::async, [this] { application->Heartbeat(1); });
+    if (beat.wait_for(std::chrono::seconds(10)) != std::future_status::ready) held_up = true;
+    late.push_back(std::move(beat));
+    return Config::value_integer(id);
+  }
+
+  bool held_up = false;
+
+ private:
+  FastCGIBaseApplication* application;
+  std::vector<std::future<void>> late;
+};
+
+TEST(FastCGIBaseApplication, ALibraryThatTakesItsTimeDoesNotHoldTheHeartbeatUp) {
+  class Application : public BaseApplication {
+   public:
+    Application() {
+      delete configuration;
+      configuration = settings = new PatientConfig(this);
+    }
+    PatientConfig* settings;
+  };
+  auto application = std::make_unique<Application>();
+  application->ResetGlobalTimeout();
+  application->ResetPOSTTimeout();
+  EXPECT_FALSE(application->settings->held_up);
 }
 
 TEST(FastCGIBaseApplication, LockHostNameIsTheSettingOrTheHost) {

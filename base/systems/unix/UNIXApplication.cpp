@@ -127,6 +127,7 @@ UNIXApplication::UNIXApplication(UNIXApplication& other)
       thread_id(other.thread_id),
       base_name(other.base_name),
       host_name(other.host_name) {
+  if (other.cookie) cookie.reset(zeph_strdup(other.cookie.get()));
   configuration = new Config(*other.configuration);
   current_output = new NullOutput(nullptr);
   file_manager = new UNIXReentrantFileManager(this, *other.file_manager);
@@ -201,6 +202,7 @@ int UNIXApplication::SSL_Initialize() {
 void* UNIXApplication::SSL_GetFunction(const char*) {
   return nullptr;
 }
+void UNIXApplication::SSL_Configure(const char*, const char*, const char*, String*) {}
 
 ExternalDatabaseLibraryManager* UNIXApplication::databasemanager() {
   return database_manager;
@@ -267,14 +269,18 @@ char* UNIXApplication::MakeSessionID(int* length) {
   return text;
 }
 
+// Settings are read before the mutex is taken: a configuration library that takes its time would
+// hold up the heartbeat, and all other threads with it.
 void UNIXApplication::ResetGlobalTimeout() {
+  const int seconds = config()->value_integer(Config_timeout_global);
   MutexGuard guard(application_mutex);
-  ZephApplication::ResetGlobalTimeout();
+  StartGlobalClock(seconds);
 }
 
 void UNIXApplication::ResetPOSTTimeout() {
+  const int seconds = config()->value_integer(Config_timeout_post);
   MutexGuard guard(application_mutex);
-  ZephApplication::ResetPOSTTimeout();
+  StartPOSTClock(seconds);
 }
 
 void UNIXApplication::ClearPOSTTimeout() {
@@ -351,11 +357,9 @@ void UNIXApplication::BuildTables(ScriptTables* tables, TaggedFile* tagged) {
   configuration = tables->config;
 }
 
-// A second seed within a second would only begin the same sequence again, and seeding is not cheap.
+// Also within the same second: what a script draws first must not depend on the requests before it.
 void UNIXApplication::SeedRandom() {
-  static std::atomic<time_t> seeded{0};
-  const time_t now = time(nullptr);
-  if (seeded.exchange(now, std::memory_order_relaxed) != now) srand(static_cast<unsigned>(now));
+  srand(static_cast<unsigned>(time(nullptr)));
 }
 
 UNIXApplication::LibraryFile UNIXApplication::LookAtLibrary(const char* path) {

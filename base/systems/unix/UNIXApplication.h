@@ -17,7 +17,9 @@ class UNIXReentrantFileManager;
 struct ScriptTables;
 
 // Belongs to one thread. Only Heartbeat and Cancelled are called from another one, which gives the
-// time, and what they touch is guarded by the application mutex.
+// time, and what they touch is guarded by the application mutex. The virtual operations continue
+// those of ZephApplication in a stated order, and those of a host follow: it stays, and nothing
+// virtual stands between.
 class UNIXApplication : public ZephApplication {
  public:
   // The arguments of the process, as it shows them and as scripts and the configuration library see
@@ -69,13 +71,18 @@ class UNIXApplication : public ZephApplication {
   virtual void ProcessLogCookie(const char* text);
   // Ends the script that runs here at its next instruction, and its sleep. Any thread.
   virtual void Cancelled();
+  // Loads the libraries of that names for TLS, once in the life of the process, with the file of
+  // settings unless that is null. *error receives the text of a failure. A host without TLS does
+  // nothing here.
+  virtual void SSL_Configure(const char* libssl, const char* libcrypto, const char* config_file,
+                             String* error);
 
  protected:
   // --- Stages of a run, in this order ------------------------------------------------------------
   // Makes empty tables, the managers of libraries and the settings.
   void BuildTables(ScriptTables* tables, TaggedFile* tagged);
 
-  // Seeds rand() with the time, once a second at most.
+  // Seeds rand() with the time in whole seconds, each time it is called.
   static void SeedRandom();
 
   // A configuration library runs inside the process, so it has to belong to root or to the user
@@ -109,10 +116,6 @@ class UNIXApplication : public ZephApplication {
     UNIXApplication* application;
   };
 
-  // The cookies that the client has sent, as they came; null without any. A run that no client has
-  // asked for has none.
-  virtual const char* received_cookies();
-
   Config* configuration = nullptr;  // owned; an ExternalConfig, but for a background task
   NetworkManager* network_manager = nullptr;
   UNIXReentrantFileManager* file_manager = nullptr;
@@ -134,6 +137,9 @@ class UNIXApplication : public ZephApplication {
   const char* base_name;
   const char* host_name;
   std::unique_ptr<char[]> user_id;
+  // A copy of the cookies that the client has sent, as they came; null without any. A run that no
+  // client has asked for has none.
+  std::unique_ptr<char[]> cookie;
   std::unique_ptr<File> log_file;  // goes before the file manager; null without a log
   ZephVM* vm = nullptr;
 };

@@ -35,8 +35,7 @@ void UNIXApplication::ProcessLogSettings() {
 void UNIXApplication::ProcessLogCookie(const char* text) {
   static const char kName[] = "zephlogcookie=";
   log_suppressed = 1;
-  const char* cookies = received_cookies();
-  const char* value = cookies ? strstr(cookies, kName) : nullptr;
+  const char* value = cookie ? strstr(cookie.get(), kName) : nullptr;
   if (!value) return;
   value += sizeof kName - 1;
   const size_t length = strcspn(value, ";");
@@ -53,8 +52,4 @@ void UNIXApplication::Log(unsigned type, LogParameter* parameters) {
   record.Append(this, parameters);
   const std::string& line = record.Finish();
   log_file->Write(line.data(), static_cast<int>(line.size()));
-}
-
-const char* UNIXApplication::received_cookies() {
-  return nullptr;
 }

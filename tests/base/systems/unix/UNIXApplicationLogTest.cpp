@@ -33,13 +33,7 @@ class LoggingApplication : public UNIXApplication {
     configuration->SetValue(setting, text, -1, 0);
     return *this;
   }
-  void SetCookies(const char* text) { cookies = text; }
-
- protected:
-  const char* received_cookies() override { return cookies; }
-
- private:
-  const char* cookies = nullptr;
+  void SetCookies(const char* text) { cookie.reset(text ? zeph_strdup(text) : nullptr); }
 };
 
 class ApplicationLog : public testing::Test {
