@@ -88,6 +88,7 @@ UNIXFileManager::UNIXFileManager(ZephApplication* application, UNIXFileManager& 
       walk(how) {
   max_files = other.max_files;
   security_flags = other.security_flags;
+  kept_descriptors = other.kept_descriptors;
 }
 
 bool UNIXFileManager::InitializeScriptDirectory(const char* path, const char* user) {
@@ -363,8 +364,10 @@ bool UNIXFileManager::Exists(Zeph_PathType type, const char* path, bool* exists)
 // --- Operations on names -------------------------------------------------------------------------
 
 File* UNIXFileManager::Open(Zeph_PathType type, const char* path, int mode) {
+  if (!HasSpare(mode)) return nullptr;
   FileDescriptor opened(OpenContained(type, path, OpenMode(mode)));
-  return opened.is_open() ? Adopt(opened, mode, type, path) : nullptr;
+  if (!opened.is_open() || !IsSpare(opened.get())) return nullptr;
+  return Adopt(opened, mode, type, path);
 }
 
 int UNIXFileManager::Lock(Zeph_PathType type, const char* path) {
@@ -477,8 +480,8 @@ File* UNIXFileManager::MakeTemporary(Zeph_PathType type, const char* directory, 
   if (directory == nullptr) directory = "";
   _UNIXContainedPathSettings settings;
   ContainedDirectory opened;
-  if (!CheckPrefix(prefix) || !FreeFileSpace(1) || !ContainedPathSettings(type, &settings) ||
-      !OpenDirectory(type, settings, directory, &opened))
+  if (!CheckPrefix(prefix) || !FreeFileSpace(1) || !HasSpare(FileMode_Create) ||
+      !ContainedPathSettings(type, &settings) || !OpenDirectory(type, settings, directory, &opened))
     return nullptr;
   std::unique_ptr<char[]> chosen;
   FileDescriptor created(CreateTemporary(opened.get(), directory, prefix, mode, &chosen));

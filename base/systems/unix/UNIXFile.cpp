@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/time.h>
 #include <unistd.h>
 #include <utime.h>
@@ -25,6 +26,9 @@ namespace {
 
 // What would create or empty the file when it is opened again.
 constexpr int creating_flags = O_CREAT | O_TRUNC | O_EXCL;
+
+// Descriptors below this are never kept from scripts, and opening one costs no look at the limit.
+constexpr int plenty_of_descriptors = 64;
 
 constexpr long no_end = std::numeric_limits<long>::max();
 
@@ -381,6 +385,23 @@ int UNIXFileManager::OpenQuietly(int directory, const char* name, int flags, uns
   }
 }
 
+// The system hands out the lowest free number, so a high one tells that all below are in use.
+bool UNIXFileManager::IsSpare(int descriptor) {
+  if (kept_descriptors == 0 || descriptor < plenty_of_descriptors) return true;
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return true;
+  const rlim_t kept = std::min(static_cast<rlim_t>(kept_descriptors), limit.rlim_cur / 4);
+  if (static_cast<rlim_t>(descriptor) < limit.rlim_cur - kept) return true;
+  errno = EMFILE;
+  return SystemError();
+}
+
+bool UNIXFileManager::HasSpare(int mode) {
+  if (kept_descriptors == 0 || (mode & (FileMode_Create | FileMode_Truncate)) == 0) return true;
+  FileDescriptor probe(open("/", O_PATH | O_CLOEXEC));
+  return !probe.is_open() || IsSpare(probe.get());
+}
+
 File* UNIXFileManager::Adopt(FileDescriptor& descriptor, int mode, const char* path) {
   auto file = std::make_unique<UNIXFile>(this, descriptor.get(), OpenMode(mode), path);
   (void)descriptor.release();
@@ -397,13 +418,13 @@ File* UNIXFileManager::Adopt(FileDescriptor& descriptor, int mode, Zeph_PathType
 }
 
 File* UNIXFileManager::Open(const char* path, int mode) {
-  if (!FreeFileSpace(1)) return nullptr;
+  if (!FreeFileSpace(1) || !HasSpare(mode)) return nullptr;
   FileDescriptor opened(OpenQuietly(AT_FDCWD, path, OpenMode(mode), 0666));
   if (!opened.is_open()) {
     SystemError();
     return nullptr;
   }
-  return Adopt(opened, mode, path);
+  return IsSpare(opened.get()) ? Adopt(opened, mode, path) : nullptr;
 }
 
 int UNIXFileManager::Lock(const char* path) {
@@ -510,7 +531,7 @@ bool UNIXFileManager::ChangeMode(const char* path, int mode) {
 }
 
 File* UNIXFileManager::MakeTemporary(const char* prefix, char** name, int mode) {
-  if (!CheckPrefix(prefix) || !FreeFileSpace(1)) return nullptr;
+  if (!CheckPrefix(prefix) || !FreeFileSpace(1) || !HasSpare(FileMode_Create)) return nullptr;
   std::unique_ptr<char[]> chosen;
   FileDescriptor created(CreateTemporary(AT_FDCWD, "", prefix, mode, &chosen));
   if (!created.is_open()) return nullptr;

@@ -188,6 +188,12 @@ class UNIXFileManager : public FileManager {
   virtual bool InitializeDataDirectory(const char* path);
   virtual bool InitializeTempDirectory(const char* path);
 
+  // From here on a file is not opened for a script, nor made, when that would leave the process
+  // fewer than that many descriptors, or fewer than a quarter of them if the limit is low: it fails
+  // as if there were none left. They are for the other requests, which have to find their scripts.
+  // What is opened again, and what is opened for a moment, may use them.
+  void KeepDescriptors(int count) { kept_descriptors = count; }
+
   // Opens a file, or a directory for reading, inside a base directory. flags are those of open(2).
   // A descriptor that the caller closes, or -1.
   [[nodiscard]] virtual int OpenContained(Zeph_PathType type, const char* path, int flags);
@@ -256,6 +262,10 @@ class UNIXFileManager : public FileManager {
 
   // openat that waits for no other end, with the permissions of a file that it makes.
   int OpenQuietly(int directory, const char* name, int flags, unsigned permissions);
+  // Whether a script may hold this descriptor; whether it may hold one more. The second is for
+  // modes that create or empty files, which must not be done by an open that fails.
+  bool IsSpare(int descriptor);
+  bool HasSpare(int mode);
   // A File on the descriptor, entered in the pool unless the mode forbids it.
   File* Adopt(FileDescriptor& descriptor, int mode, const char* path);
   File* Adopt(FileDescriptor& descriptor, int mode, Zeph_PathType type, const char* path);
@@ -281,6 +291,7 @@ class UNIXFileManager : public FileManager {
                                     int* result, bool symlinks, bool other_owner, bool confined);
 
   DirectoryWalk walk;
+  int kept_descriptors = 0;
 };
 
 #endif

@@ -31,6 +31,54 @@ class UNIXFileTest : public ContainedFixture<UNIXReentrantFileManager> {
   std::string path(std::string_view name) { return tree.path(name); }
 };
 
+// --- Descriptors that scripts leave
+// -----------------------------------------------------------------
+
+class UNIXFileReserve : public UNIXFileTest {
+ protected:
+  static constexpr rlim_t kLimit = 200;
+  static constexpr int kReserve = 30;
+
+  UNIXFileReserve() {
+    getrlimit(RLIMIT_NOFILE, &saved);
+    const rlimit lower{kLimit, saved.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &lower), 0);
+    tree.File("file", "text");
+    files.KeepDescriptors(kReserve);
+    while (std::unique_ptr<File> file = Open("file", FileMode_Read)) {
+      opened.push_back(std::move(file));
+    }
+  }
+  ~UNIXFileReserve() override { setrlimit(RLIMIT_NOFILE, &saved); }
+
+  rlimit saved;
+  std::vector<std::unique_ptr<File>> opened;
+};
+
+TEST_F(UNIXFileReserve, AFileIsNotOpenedThatWouldTakeOfThem) {
+  EXPECT_EQ(Text(files.error()), "Too many open files");
+  EXPECT_GT(opened.size(), 100u);
+  std::vector<FileDescriptor> left;
+  for (FileDescriptor next(dup(0)); next.is_open(); next.reset(dup(0))) {
+    left.emplace_back(next.release());
+  }
+  EXPECT_EQ(left.size(), static_cast<size_t>(kReserve));
+}
+
+TEST_F(UNIXFileReserve, AFileIsNeitherMadeNorEmptiedInVain) {
+  EXPECT_FALSE(Open("file", FileMode_Write | FileMode_Truncate));
+  EXPECT_FALSE(Open("other", FileMode_Write | FileMode_Create));
+  EXPECT_EQ(std::filesystem::file_size(path("file")), 4u);
+  EXPECT_FALSE(std::filesystem::exists(path("other")));
+  opened.pop_back();
+  EXPECT_TRUE(Open("other", FileMode_Write | FileMode_Create));
+}
+
+TEST_F(UNIXFileReserve, AManagerOfATaskLeavesThemToo) {
+  UNIXReentrantFileManager task(&application, files);
+  EXPECT_EQ(task.Open(path("file").c_str(), FileMode_Read), nullptr);
+}
+
 // --- Modes ---------------------------------------------------------------------------------------
 
 TEST(UNIXFileMode, BitsTranslateToOpenFlags) {
