@@ -77,9 +77,10 @@ class FastCGIApplication : public FastCGIBaseApplication {
   int started_tasks = 0;  // whether or not they have ended
   const char* path_info;  // the parameters themselves; either may be null
   const char* query_string;
-  const char* script_root = nullptr;  // these three belong to the settings
-  const char* temp_directory = nullptr;
-  const char* user_directory = nullptr;
+  // Copies: a library may set a setting again, which frees the text that it had. Null when not set.
+  String script_root;
+  String temp_directory;
+  String user_directory;
   String data_directory;
   String user_name;  // of a ~name request
   ScriptTables tables;

@@ -15,6 +15,11 @@ String LoadingError(const char* text, int length) {
   return message;
 }
 
+// Leaves the copy null without the setting.
+void CopySetting(Config* settings, int id, String* copy) {
+  if (const char* text = settings->value_string(id)) copy->assign(text, -1);
+}
+
 }  // namespace
 
 bool FastCGIApplication::LoadConfiguration() {
@@ -42,14 +47,14 @@ bool FastCGIApplication::LoadConfiguration() {
 }
 
 bool FastCGIApplication::CheckConfiguration() {
-  script_root = configuration->value_string(Config_dir_zeph);
-  temp_directory = configuration->value_string(Config_dir_temp);
-  user_directory = configuration->value_string(Config_dir_user);
-  if (!script_root) {
+  CopySetting(configuration, Config_dir_zeph, &script_root);
+  CopySetting(configuration, Config_dir_temp, &temp_directory);
+  CopySetting(configuration, Config_dir_user, &user_directory);
+  if (!script_root.data) {
     ConfigurationError("zephroot is not defined");
     return false;
   }
-  if (temp_directory && !file_manager->InitializeTempDirectory(temp_directory)) {
+  if (temp_directory.data && !file_manager->InitializeTempDirectory(temp_directory.data)) {
     ConfigurationError(file_manager->error());
     return false;
   }
@@ -58,13 +63,12 @@ bool FastCGIApplication::CheckConfiguration() {
 
 // Behind the loading of the script, so that settings for this script alone count.
 bool FastCGIApplication::ProcessConfiguration() {
-  const char* directory = configuration->value_string(Config_dir_data);
-  if (!directory) {
+  CopySetting(configuration, Config_dir_data, &data_directory);
+  if (!data_directory.data) {
     ConfigurationError("No data directory is defined");
     return false;
   }
-  data_directory.assign(directory, -1);
-  if (!file_manager->InitializeDataDirectory(directory)) {
+  if (!file_manager->InitializeDataDirectory(data_directory.data)) {
     ConfigurationError(file_manager->error());
     return false;
   }

@@ -80,7 +80,7 @@ bool FastCGIApplication::GetScriptInformation(File** file, String& path) {
 bool FastCGIApplication::ScriptRoot(const char** path, String* root, bool* has_root) {
   *has_root = true;
   if ((*path)[0] != '~' || (*path)[1] == '\0') {
-    root->assign(script_root, -1);
+    root->assign(script_root.data, script_root.length);
     return true;
   }
   const char* slash = strchr(*path, '/');
@@ -97,7 +97,7 @@ bool FastCGIApplication::ScriptRoot(const char** path, String* root, bool* has_r
     return false;
   }
   root->cat('/');
-  if (user_directory) root->cat(user_directory, -1);
+  if (user_directory.length > 0) root->cat(user_directory.data, user_directory.length);
   *path = slash + 1;
   return true;
 }

@@ -128,6 +128,10 @@ TEST_F(FailurePages, TheSameLibraryWithoutAFaultServes) {
   ExpectPage(PageWithFault("none"), "page");
 }
 
+TEST_F(FailurePages, DirectoriesThatAreSetAgainStayWhatTheyWereForTheRequest) {
+  ExpectPage(PageWithFault("directories again"), "page");
+}
+
 TEST_F(FailurePages, ABrokenConfigurationFileIsToldWithItsLine) {
   engine.configuration = "dir_zeph = \"/srv\"\ncookies = [\n";
   EXPECT_THAT(Page().Body(), StartsWith(std::string("Configuration Error: ") + loading +

@@ -1,11 +1,14 @@
 // A configuration library that fails at the point that the environment names, as the engine's tests
 // want it: ZEPH_TEST_FAULT is "no table", "initialize", "initialize silently", "script", "script
-// silently" or "version 1". ZEPH_TEST_ROOT is the folder that holds scripts, data and temp.
+// silently" or "version 1"; or "directories again", which sets them again as soon as they were
+// read. ZEPH_TEST_ROOT is the folder that holds scripts, data and temp.
 
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
+#include "api/zpConfig.h"
 #include "base/ConfigLibrary.h"
 #include "base/Settings.h"
 
@@ -14,6 +17,12 @@ namespace {
 bool FaultIs(const char* name) {
   const char* fault = getenv("ZEPH_TEST_FAULT");
   return fault && strcmp(fault, name) == 0;
+}
+
+char* Copy(const std::string& text) {
+  char* copy = new char[text.size() + 1];
+  memcpy(copy, text.c_str(), text.size() + 1);
+  return copy;
 }
 
 int Initialize(ZPCONFIG, void**, int, void*, int) {
@@ -28,10 +37,22 @@ int GetText(ZPCONFIG, void**, int id, const char** text, int* length, int* owned
                              : id == Config_dir_data ? &data
                                                      : nullptr;
   if (!value) return 1;
-  *text = value->c_str();
+  *owned = FaultIs("directories again");
+  *text = *owned ? Copy(*value) : value->c_str();
   *length = static_cast<int>(value->size());
-  *owned = 0;
   return 0;
+}
+
+// Asked for after the directories were read and before they are used.
+int GetNumber(ZPCONFIG config, void**, int id, int*) {
+  if (!FaultIs("directories again") || id != Config_max_files) return 1;
+  const std::string root = getenv("ZEPH_TEST_ROOT");
+  const std::string nowhere(root.size() + strlen("/scripts"), '?');
+  zpConfig_SetValue(config, Config_dir_zeph, Copy(nowhere), static_cast<int>(nowhere.size()), 1);
+  // Memory that was given back shows what is in it next.
+  static std::vector<char*> taken;
+  for (int i = 0; i < 1000; i++) taken.push_back(Copy(nowhere));
+  return 1;
 }
 
 const char* GetError(ZPCONFIG, void**) {
@@ -51,6 +72,7 @@ extern "C" _ZP_EL_Config* zeph_config_library() {
   table.version = FaultIs("version 1") ? 1 : 2;
   table.initialize = Initialize;
   table.load_script_v1 = FaultIs("version 1") ? &table : nullptr;
+  table.get_integer = GetNumber;
   table.get_string = GetText;
   table.get_error = silent ? nullptr : GetError;
   table.load_script_config = LoadScriptConfig;
