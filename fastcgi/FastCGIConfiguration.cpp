@@ -3,7 +3,9 @@
 #include "base/ExternalConfig.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "fastcgi/FastCGIApplication.h"
+#include "fastcgi/FastCGIConnection.h"
 #include "fastcgi/FastCGIOutput.h"
+#include "fastcgi/FastCGIThreads.h"
 
 namespace {
 
@@ -72,7 +74,11 @@ bool FastCGIApplication::ProcessConfiguration() {
     ConfigurationError(file_manager->error());
     return false;
   }
+  file_manager->KeepDescriptors(thread_manager->DescriptorReserve());
   ProcessLogSettings();
+  if (FastCGIConnection* connection = FastCGIConnection::Current()) {
+    connection->LimitWrites(configuration->value_integer(Config_timeout_global));
+  }
   auto* response = static_cast<FastCGIOutput*>(current_output);
   response->SetBlockSize(configuration->buffer_size(Config_bufsz_output));
   response->SetFlushThreshold(configuration->buffer_size(Config_bufsz_output_flush));

@@ -56,7 +56,8 @@ bool FastCGIApplication::ReadInput(HTTPContentParser* handler, int length) {
     const int count = FCGX_GetStr(block, std::min(length, kBlockSize), request->in);
     if (count <= 0) break;
     length -= count;
-    // A client that sends nothing is not noticed before it sends again: the read waits for it.
+    // A client that sends nothing is not noticed before it sends again: the read waits for it, but
+    // for the end of the process.
     if (posttimedout()) {
       Error("Timeout processing POST data");
       return false;

@@ -9,6 +9,7 @@
 
 #include "base/Variable.h"
 #include "fastcgi/FastCGIApplication.h"
+#include "fastcgi/FastCGIConnection.h"
 #include "fastcgi/FastCGIExternalLibrary.h"
 #include "fastcgi/FastCGIThreads.h"
 
@@ -22,25 +23,42 @@ bool IsPassing(int error) {
 
 const std::chrono::milliseconds kShortage(100);
 const int kDrained = 1 << 20;
-
-int Accept(FCGX_Request* request) {
-  AcceptInterruptible interruptible;
-  return FCGX_Accept_r(request);
-}
+const std::chrono::seconds kDrainTime(2);
 
 // What the script has not read of the request's input, and at least the record that ends it, would
-// be met where the next request is to begin. A connection with much of it left is given up: to open
-// another one is cheaper than to read on.
-void DrainInput(FCGX_Request* request) {
+// be met where the next request is to begin. A connection with much of it left, or on which it does
+// not come, is given up: to open another one is cheaper than to wait. libfcgi closes a connection
+// whose input has failed.
+void DrainInput(FCGX_Request* request, FastCGIConnection* connection) {
   if (!request->keepConnection) return;
+  connection->LimitInput(kDrainTime);
   char buffer[8192];
   int left = kDrained;
   while (left > 0) {
     int count = FCGX_GetStr(buffer, sizeof buffer, request->in);
-    if (count < static_cast<int>(sizeof buffer)) return;
+    if (count < static_cast<int>(sizeof buffer)) break;
     left -= count;
   }
-  request->keepConnection = 0;
+  connection->ClearInputLimit();
+  if (left <= 0) request->keepConnection = 0;
+}
+
+// The response goes out before the rest of the input is looked at: a client may wait for the one
+// before it sends the other.
+void Finish(FCGX_Request* request, FastCGIConnection* connection) {
+  const bool failed = FCGX_FClose(request->err) != 0 || FCGX_FClose(request->out) != 0;
+  if (failed) {
+    request->keepConnection = 0;
+  } else {
+    DrainInput(request, connection);
+  }
+  FCGX_Finish_r(request);
+}
+
+// Whether all parameters have come. libfcgi takes a connection that fails between two of them for
+// the end of them, and only its input stream tells.
+bool IsWhole(const FCGX_Request& request) {
+  return FCGX_GetError(request.in) == 0;
 }
 
 // Runs one request. Memory that a hostile length asked for and that is not to be had ends the
@@ -65,19 +83,23 @@ void Answer(FastCGITaskThread* thread, _FastCGIMainArgs* arguments, FastCGIThrea
 void* FastCGIRequestThread(void* argument) {
   auto* thread = static_cast<FastCGITaskThread*>(argument);
   auto* arguments = static_cast<_FastCGIMainArgs*>(thread->argument());
+  FastCGIConnection connection(thread->Manager());
   FCGX_Request request;
   FCGX_InitRequest(&request, 0, FCGI_FAIL_ACCEPT_ON_INTR);
   while (!FastCGIShutdownPending.load()) {
-    int result = Accept(&request);
+    int result = connection.AcceptRequest(&request);
     if (result == -EINTR) continue;
     if (IsPassing(-result) && !FastCGIShutdownPending.load()) {
       thread->WaitForStop(std::chrono::system_clock::now() + kShortage);
       continue;
     }
     if (result < 0) break;
+    if (!IsWhole(request)) {
+      FCGX_Free(&request, 1);
+      continue;
+    }
     Answer(thread, arguments, thread->Manager(), &request);
-    DrainInput(&request);
-    FCGX_Finish_r(&request);
+    Finish(&request, &connection);
     if (thread->Stopped()) break;
   }
   thread->Exit();

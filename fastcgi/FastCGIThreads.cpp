@@ -1,13 +1,19 @@
 // Threads, heartbeat, signals and the way down.
 //
 // A signal sets a flag; the heartbeat sees it within five seconds and calls Shutdown; each request
-// thread ends its script, finishes its response and leaves; Run joins it. When the last one is gone
-// the heartbeat is released.
+// thread ends its script, finishes its response and leaves; Run joins it. Peers that take longer
+// than two further beats are given up. When the last thread is gone the heartbeat is released. So
+// the process leaves within 20 seconds of the signal, whatever its peers do: a beat, two beats, and
+// what is left of them for a thread to notice and to be joined.
 
 #include "fastcgi/FastCGIThreads.h"
 
 #include <fcgiapp.h>
+
+#include <algorithm>
 #include <csignal>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "base/systems/unix/ScriptThread.h"
@@ -20,7 +26,12 @@ std::atomic<char> FastCGIShutdownPending{0};
 namespace {
 
 const std::chrono::seconds kBeat(5);
-const std::chrono::seconds kAcceptRetry(1);
+const std::chrono::seconds kInterruptRetry(1);
+const int kBeatsForPeers = 2;
+// What a request holds before its script runs: the connection, three base directories, the script,
+// the log, and what a walk and a configuration library have open for a moment.
+const int kDescriptorsPerRequest = 9;
+const int kThreadsInReserve = 1000;
 
 const int kSignals[] = {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM, SIGUSR1, SIGUSR2};
 
@@ -38,7 +49,18 @@ sigset_t AcceptSignal() {
   return set;
 }
 
-// SIGUSR2 interrupts accept, which has to return then; all other calls are restarted.
+// Whether one waits for the main thread that ends the process.
+bool ShutdownSignalIsPending() {
+  sigset_t pending;
+  sigpending(&pending);
+  for (int signal : kSignals) {
+    if (signal != SIGHUP && sigismember(&pending, signal) == 1) return true;
+  }
+  return false;
+}
+
+// SIGUSR2 interrupts accept and waits for input, which have to return then; all other calls are
+// restarted.
 void InstallHandler(int signal) {
   struct sigaction action {};
   action.sa_handler = FastCGISignalHandler;
@@ -52,10 +74,15 @@ void* FastCGIHeartbeatThread(void* argument) {
   auto* thread = static_cast<FastCGIThread*>(argument);
   auto* manager = static_cast<FastCGIThreadManager*>(thread->argument());
   Condition::Time next = std::chrono::system_clock::now() + kBeat;
+  int beats_for_peers = kBeatsForPeers;
   while (!thread->WaitForStop(next)) {
     if (FastCGIShutdownPending.load()) {
-      if (!manager->ShuttingDown()) manager->Shutdown();
-      manager->Cancelled();
+      if (!manager->ShuttingDown()) {
+        manager->Shutdown();
+      } else {
+        manager->Cancelled();
+        if (--beats_for_peers == 0) manager->GiveUpPeers();
+      }
     } else if (FastCGICancelPending.exchange(0)) {
       manager->Cancelled();
     }
@@ -155,6 +182,25 @@ void FastCGIThreadManager::BlockSignals() {
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
+int FastCGIThreadManager::StartHeartbeat() {
+  return heartbeat_thread.Start();
+}
+
+int FastCGIThreadManager::StartRequestThreads(_FastCGIMainArgs* arguments) {
+  const int wanted = arguments->thread_count;
+  descriptor_reserve = std::min(wanted, kThreadsInReserve) * kDescriptorsPerRequest;
+  for (int started = 0; started < wanted; started++) {
+    if (ShutdownSignalIsPending()) return started;
+    const int error = StartRequestThread(arguments);
+    if (error == 0) continue;
+    char buffer[256];
+    fprintf(stderr, "zeph-fcgi: %d of %d request threads started: %s\n", started, wanted,
+            strerror_r(error, buffer, sizeof buffer));
+    return started;
+  }
+  return wanted;
+}
+
 int FastCGIThreadManager::StartRequestThread(_FastCGIMainArgs* arguments) {
   return StartTaskThread(FastCGIRequestThread, arguments);
 }
@@ -179,7 +225,6 @@ int FastCGIThreadManager::StartTaskThread(FastCGIThread::StartRoutine routine, v
 void FastCGIThreadManager::Run() {
   // libfcgi has installed handlers of its own; these replace them.
   for (int number : kSignals) InstallHandler(number);
-  const bool beating = heartbeat_thread.Start() == 0;
   sigset_t set = HandledSignals();
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
   {
@@ -196,7 +241,6 @@ void FastCGIThreadManager::Run() {
       }
     }
   }
-  if (!beating) return;
   heartbeat_thread.Stop();
   pthread_join(heartbeat_thread.handle(), nullptr);
 }
@@ -217,12 +261,12 @@ void FastCGIThreadManager::WaitForExit() {
   }
   for (FastCGIThread* thread = threads.First(); thread; thread = threads.Next()) thread->Stop();
   // The signal can fall between a thread's test and its accept, so it is sent again.
-  if (!condition.WaitUntil(manager_mutex, std::chrono::system_clock::now() + kAcceptRetry)) {
-    InterruptAccept();
+  if (!condition.WaitUntil(manager_mutex, std::chrono::system_clock::now() + kInterruptRetry)) {
+    InterruptWaits();
   }
 }
 
-void FastCGIThreadManager::InterruptAccept() {
+void FastCGIThreadManager::InterruptWaits() {
   for (FastCGIThread* thread = threads.First(); thread; thread = threads.Next()) {
     pthread_kill(thread->handle(), SIGUSR2);
   }
@@ -231,12 +275,18 @@ void FastCGIThreadManager::InterruptAccept() {
 void FastCGIThreadManager::Shutdown() {
   MutexGuard guard(manager_mutex);
   shutdown.store(true, std::memory_order_relaxed);
-  InterruptAccept();
+  // Before a wait for input ends: no script is to begin with the half of a body.
+  CancelAll();
+  InterruptWaits();
   condition.Signal();
 }
 
 void FastCGIThreadManager::Cancelled() {
   MutexGuard guard(manager_mutex);
+  CancelAll();
+}
+
+void FastCGIThreadManager::CancelAll() {
   for (FastCGIThread* thread = threads.First(); thread; thread = threads.Next()) {
     thread->Cancelled();
   }

@@ -118,18 +118,33 @@ class FastCGIThreadManager {
   // thread is to see. Called before any other thread exists.
   static void BlockSignals();
 
-  // Answers what pthread_create answered; a thread that could not be made is forgotten.
+  // Starts the heartbeat, before any thread that depends on it. Returns what pthread_create
+  // returned, 0 for success.
+  int StartHeartbeat();
+  // Returns what pthread_create returned; a thread that could not be made is forgotten.
   int StartRequestThread(_FastCGIMainArgs* arguments);
+  // Starts as many as the arguments say, or as the system gives: when one cannot be made it says so
+  // on standard error and starts no further one. A signal of shutdown ends the start as well; it
+  // stays pending until Run. Returns how many there are.
+  int StartRequestThreads(_FastCGIMainArgs* arguments);
   // Takes the task over; without a thread it is deleted. The thread blocks the signals that the
   // calling one blocks.
   int StartAsynchronousThread(FastCGIAsynchronousApplication* task);
 
+  // How many descriptors scripts have to leave to the requests of all threads. Known before the
+  // first thread starts.
+  int DescriptorReserve() const { return descriptor_reserve; }
+
   // The body of the main thread: handles signals from here on and returns when no task thread is
-  // left.
+  // left. REQUIRES: a heartbeat.
   void Run();
-  // Sets the shutdown flag and shakes the threads out of accept.
+  // Sets the shutdown flag, cancels what runs, and shakes the threads out of accept and out of
+  // waits for input.
   void Shutdown();
   bool ShuttingDown() const { return shutdown.load(std::memory_order_relaxed); }
+  // Two beats after that: whatever a peer has not taken by then it does not get.
+  void GiveUpPeers() { peers_given_up.store(true, std::memory_order_relaxed); }
+  bool PeersAreGivenUp() const { return peers_given_up.load(std::memory_order_relaxed); }
   // Passed on to every thread.
   void Cancelled();
   void Heartbeat(long now);
@@ -139,7 +154,8 @@ class FastCGIThreadManager {
   int StartTaskThread(FastCGIThread::StartRoutine routine, void* argument);
   FastCGIThread* NextExited() REQUIRES(manager_mutex);
   void WaitForExit() REQUIRES(manager_mutex);
-  void InterruptAccept() REQUIRES(manager_mutex);
+  void CancelAll() REQUIRES(manager_mutex);
+  void InterruptWaits() REQUIRES(manager_mutex);
 
   Mutex manager_mutex;
   Condition condition;
@@ -147,11 +163,14 @@ class FastCGIThreadManager {
   FastCGIThread heartbeat_thread;
   Stack<FastCGIThread> exited GUARDED_BY(manager_mutex);
   std::atomic<bool> shutdown{false};
+  std::atomic<bool> peers_given_up{false};
   unsigned last_number GUARDED_BY(manager_mutex) = 1;
+  int descriptor_reserve = 0;
 };
 
-// Lets the calling thread be interrupted by Shutdown for a scope: around accept and nowhere else,
-// since a write inside a response that is interrupted would cut the page short.
+// Lets the calling thread be interrupted by Shutdown for a scope: around accept. A wait for input
+// lets the same signal through by itself; a write inside a response that is interrupted would cut
+// the page short.
 class AcceptInterruptible {
  public:
   AcceptInterruptible();

@@ -2,7 +2,11 @@
 
 #include <fcgiapp.h>
 #include <fcntl.h>
+#include <sys/socket.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "fastcgi/Arguments.h"
@@ -19,6 +23,29 @@ void MakeBlocking(int descriptor) {
   if (flags >= 0 && (flags & O_NONBLOCK)) fcntl(descriptor, F_SETFL, flags & ~O_NONBLOCK);
 }
 
+// Without a socket to accept from every thread leaves at once, and the process with them: what is
+// wrong would show nowhere.
+void CheckListening(int descriptor) {
+  int listening = 0;
+  socklen_t length = sizeof listening;
+  const char* problem = "not listening";
+  if (getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) != 0) {
+    problem = strerror(errno);
+  }
+  if (!listening) fprintf(stderr, "zeph-fcgi: descriptor 0 is no listening socket: %s\n", problem);
+}
+
+// Runs until the process is told to stop. Without a heartbeat no script would have a limit of time,
+// and no signal an effect, so nothing is served.
+void Serve(FastCGIThreadManager* threads, _FastCGIMainArgs* arguments) {
+  if (const int error = threads->StartHeartbeat()) {
+    fprintf(stderr, "zeph-fcgi: no heartbeat thread: %s\n", strerror(error));
+    return;
+  }
+  threads->StartRequestThreads(arguments);
+  threads->Run();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -32,11 +59,12 @@ int main(int argc, char** argv) {
   arguments.thread_count = 10;
   Process_CommandLine_Args(&arguments);
   tzset();
-  FCGX_Init();
-  MakeBlocking(kListeningSocket);
+  // Before libfcgi has handlers of its own, which would swallow a signal to end.
   FastCGIThreadManager::BlockSignals();
-  for (int i = 0; i < arguments.thread_count; i++) threads.StartRequestThread(&arguments);
-  threads.Run();
+  FCGX_Init();
+  CheckListening(kListeningSocket);
+  MakeBlocking(kListeningSocket);
+  Serve(&threads, &arguments);
   FreeArgs(argc, arguments.copied_arguments);
   return 0;
 }

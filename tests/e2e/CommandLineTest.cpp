@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <thread>
 
 #include "tests/e2e/Pages.h"
 
@@ -111,7 +112,41 @@ TEST(CommandLine, EndsAtOnceWithStatusZeroWhenDescriptorZeroIsNoSocket) {
     engine.descriptor0 = descriptor;
     ASSERT_TRUE(engine.Start());
     EXPECT_EQ(engine.Wait(), 0) << engine.Log();
+    EXPECT_THAT(engine.Log(), testing::HasSubstr("descriptor 0 is no listening socket"));
   }
+}
+
+TEST(SlowCommandLine, StartsAsManyThreadsAsTheSystemGives) {
+  if (AddressSanitizer || ThreadSanitizer) GTEST_SKIP() << "needs a limit of address space";
+  EngineProcess engine;
+  engine.arguments = {"-t", "2000000000"};
+  engine.address_space_limit = 1ul << 30;
+  ASSERT_TRUE(engine.Start());
+  ASSERT_TRUE(engine.WaitUntilReady());
+  EXPECT_THAT(engine.Log(), testing::HasSubstr(" of 2000000000 request threads started: "));
+  EXPECT_GT(engine.Threads(), 10);
+  engine.Signal(SIGTERM);
+  EXPECT_EQ(engine.Wait(), 0) << engine.Log();
+}
+
+TEST(SlowCommandLine, ASignalEndsTheStartOfManyThreads) {
+  EngineProcess engine;
+  engine.arguments = {"-t", "3000"};
+  ASSERT_TRUE(engine.Start());
+  // The heartbeat and the first threads are there.
+  while (engine.Running() && engine.Threads() < 5) std::this_thread::yield();
+  engine.Signal(SIGTERM);
+  EXPECT_EQ(engine.Wait(), 0) << engine.Log();
+}
+
+TEST(CommandLine, ServesNothingWithoutAHeartbeat) {
+  if (AddressSanitizer || ThreadSanitizer) GTEST_SKIP() << "needs a limit of address space";
+  EngineProcess engine;
+  engine.stack_limit = 1ul << 36;
+  engine.address_space_limit = 1ul << 35;
+  ASSERT_TRUE(engine.Start());
+  EXPECT_EQ(engine.Wait(), 0);
+  EXPECT_THAT(engine.Log(), testing::HasSubstr("zeph-fcgi: no heartbeat thread: "));
 }
 
 TEST(CommandLine, ANonBlockingSocketServesAllTheSame) {

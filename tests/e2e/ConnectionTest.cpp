@@ -61,6 +61,92 @@ TEST_F(Connections, AKeptConnectionServesOnWhenTheEndOfTheInputComesLate) {
   }
 }
 
+TEST_F(Connections, AKeptConnectionGetsItsPageBeforeItsInputHasCome) {
+  engine.arguments = {"-t", "1"};
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient client;
+  ASSERT_TRUE(client.Connect(engine.socket()));
+  ASSERT_TRUE(client.Begin(true));
+  ASSERT_TRUE(client.Parameters(engine.Parameters("/page.zpc", {{"CONTENT_LENGTH", "10"}})));
+  ASSERT_TRUE(client.EndParameters());
+  ExpectPage(client.Read(Milliseconds(20000)), "page");
+  // With the input it is kept, and without it its thread serves others.
+  ASSERT_TRUE(client.EndInput());
+  ExpectPage(client.Request(engine.Parameters("/page.zpc"), "", true), "page");
+  ASSERT_TRUE(client.Begin(true));
+  ASSERT_TRUE(client.Parameters(engine.Parameters("/page.zpc", {{"CONTENT_LENGTH", "10"}})));
+  ASSERT_TRUE(client.EndParameters());
+  ExpectPage(client.Read(Milliseconds(20000)), "page");
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  EXPECT_TRUE(client.WaitForClose());
+}
+
+TEST_F(Connections, RequestsThatAreSentAheadAreServedInTurn) {
+  engine.arguments = {"-t", "1"};
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient client;
+  ASSERT_TRUE(client.Connect(engine.socket()));
+  client.Hold();
+  for (int i = 0; i < 5; i++) {
+    client.Begin(true);
+    client.Parameters(engine.Parameters("/page.zpc"));
+    client.EndParameters();
+    client.Input("not read");
+    client.EndInput();
+  }
+  ASSERT_TRUE(client.Release());
+  for (int i = 0; i < 5; i++) {
+    SCOPED_TRACE(i);
+    ExpectPage(client.Read(), "page");
+  }
+}
+
+TEST_F(Connections, ASocketOfTheNetworkServesToo) {
+  engine.descriptor0 = EngineProcess::TCPSocket;
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient client;
+  ASSERT_TRUE(client.Connect(engine.port()));
+  ExpectPage(client.Request(engine.Parameters("/page.zpc")), "page");
+}
+
+TEST_F(Connections, ClientsOfTheNetworkAreThoseThatTheEnvironmentAllows) {
+  for (const char* list : {"127.0.0.1", "10.0.0.1,127.0.0.1", "10.0.0.1", "10.0.0.1,10.0.0.2"}) {
+    SCOPED_TRACE(list);
+    EngineProcess guarded;
+    guarded.descriptor0 = EngineProcess::TCPSocket;
+    guarded.environment["FCGI_WEB_SERVER_ADDRS"] = list;
+    guarded.Script("page.zpc", Writes("page"));
+    ASSERT_TRUE(guarded.Start());
+    FastCGIClient client;
+    ASSERT_TRUE(client.Connect(guarded.port()));
+    const bool allowed = std::string(list).find("127.0.0.1") != std::string::npos;
+    EXPECT_EQ(client.Request(guarded.Parameters("/page.zpc")).Body(), allowed ? "page" : "");
+  }
+}
+
+TEST_F(Connections, AScriptCannotTakeTheLastDescriptors) {
+  // Each call opens the file once more. When that fails the script goes on, and waits with all of
+  // them for a client that does not read.
+  engine.descriptor_limit = 200;
+  engine.settings = "bufsz_output_flush = 1\n";
+  engine.Script("greedy.zpc",
+                "tagerror 2, 0\ncall more\npop\nexit\n.function more()\npushc \"rows\"\n"
+                "pushc \",\"\npushc \"a\"\nimport none\ncall more\npop\nimport_stop end\n"
+                "none: noop\nagain: pushc \"" +
+                    std::string(800, 'x') + "\"\nout\njmp again\nend: retn\n.end\n");
+  engine.Write("data/rows", "1\n");
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient client;
+  ASSERT_TRUE(client.Connect(engine.socket()));
+  ASSERT_TRUE(client.Begin());
+  ASSERT_TRUE(client.Parameters(engine.Parameters("/greedy.zpc")));
+  ASSERT_TRUE(client.EndParameters());
+  ASSERT_TRUE(client.EndInput());
+  ASSERT_GE(client.ReadOutput(1).size(), 1u);
+  EXPECT_GE(engine.Descriptors(), 100);
+  for (int i = 0; i < 5; i++) EXPECT_EQ(engine.Get("/page.zpc").Body(), "page");
+}
+
 TEST_F(Connections, AConnectionThatIsNotKeptIsClosed) {
   ASSERT_TRUE(engine.Start());
   FastCGIClient client;

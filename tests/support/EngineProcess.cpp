@@ -1,7 +1,9 @@
 #include "tests/support/EngineProcess.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -40,6 +42,29 @@ bool Eventually(EngineProcess::Milliseconds timeout, Test test) {
     std::this_thread::sleep_for(EngineProcess::Milliseconds(5));
   }
   return true;
+}
+
+// A listening socket on a free port of the loopback; -1 when that fails.
+int ListenOnPort(int* port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  auto* any = reinterpret_cast<sockaddr*>(&address);
+  const int made = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (made >= 0 && bind(made, any, length) == 0 && listen(made, 128) == 0 &&
+      getsockname(made, any, &length) == 0) {
+    *port = ntohs(address.sin_port);
+    return made;
+  }
+  if (made >= 0) close(made);
+  return -1;
+}
+
+void Limit(decltype(RLIMIT_STACK) resource, unsigned long bytes) {
+  if (bytes == 0) return;
+  rlimit limit{bytes, bytes};
+  setrlimit(resource, &limit);
 }
 
 }  // namespace
@@ -107,6 +132,7 @@ void EngineProcess::WriteConfiguration() {
 int EngineProcess::OpenDescriptor0() {
   if (descriptor0 == PlainFile) return open(Write("plain", "").c_str(), O_RDONLY | O_CLOEXEC);
   if (descriptor0 == Closed) return -1;
+  if (descriptor0 == TCPSocket) return ListenOnPort(&listening_port);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (socket_path.size() >= sizeof address.sun_path) return -1;
@@ -139,6 +165,8 @@ void EngineProcess::RunChild(int descriptor) {
     rlimit limit{descriptor_limit, highest_descriptor_limit};
     setrlimit(RLIMIT_NOFILE, &limit);
   }
+  Limit(RLIMIT_STACK, stack_limit);
+  Limit(RLIMIT_AS, address_space_limit);
   if (chdir(Path("work").c_str()) != 0) _exit(exit_no_program);
   setenv("ZEPH_CONFIG", Path("zeph.toml").c_str(), 1);
   for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);
@@ -222,6 +250,15 @@ int EngineProcess::WaitForDescriptors(int wanted, Milliseconds timeout) const {
 void EngineProcess::LimitDescriptors(unsigned limit) const {
   rlimit wanted{limit, highest_descriptor_limit};
   if (prlimit(process, RLIMIT_NOFILE, &wanted, nullptr) != 0)
+    ADD_FAILURE() << "prlimit: " << strerror(errno);
+}
+
+void EngineProcess::LimitMemory(size_t more) const {
+  // The first number there is the size of its address space, in pages.
+  const auto pages = std::stoul(ReadWhole("/proc/" + std::to_string(process) + "/statm"));
+  const rlim_t limit = pages * static_cast<size_t>(sysconf(_SC_PAGESIZE)) + more;
+  rlimit wanted{limit, limit};
+  if (prlimit(process, RLIMIT_AS, &wanted, nullptr) != 0)
     ADD_FAILURE() << "prlimit: " << strerror(errno);
 }
 

@@ -46,12 +46,16 @@ class EngineProcess {
   std::string settings;
   // The whole of zeph.toml; when set, the directories and settings above are not written.
   std::string configuration;
-  // What descriptor 0 is; a listening socket by default.
-  enum Descriptor0 { ListeningSocket, NonBlockingSocket, PlainFile, Closed };
+  // What descriptor 0 is; a listening UNIX socket by default.
+  enum Descriptor0 { ListeningSocket, NonBlockingSocket, TCPSocket, PlainFile, Closed };
   Descriptor0 descriptor0 = ListeningSocket;
 
   // How many descriptors it may have at first; 0 leaves the limit alone.
   unsigned descriptor_limit = 0;
+  // Bytes of address space that it may have, and the size of stacks that the system starts it with;
+  // 0 leaves them alone.
+  unsigned long address_space_limit = 0;
+  unsigned long stack_limit = 0;
 
   // Whether standard parameters name the configuration library; a test may put it elsewhere.
   bool name_library = true;
@@ -73,6 +77,8 @@ class EngineProcess {
   bool Start();
   pid_t pid() const { return process; }
   const std::string& socket() const { return socket_path; }
+  // Of a TCPSocket.
+  int port() const { return listening_port; }
   // Waits for the end; answers the exit status, 128 and more for a signal, or -1 when it still
   // runs.
   int Wait(Milliseconds timeout = ShutdownTimeout);
@@ -93,6 +99,8 @@ class EngineProcess {
   int Descriptors() const;
   int WaitForDescriptors(int wanted, Milliseconds timeout = Milliseconds(20000)) const;
   void LimitDescriptors(unsigned limit) const;
+  // Leaves it that many bytes of address space beyond what it has.
+  void LimitMemory(size_t more) const;
 
   // --- Requests ---------------------------------------------------------------------------------
   // Parameters that every request needs: ZpCONFIG_LIBRARY, and PATH_INFO when path is not null.
@@ -114,6 +122,7 @@ class EngineProcess {
   TemporaryDirectory directory;
   std::string socket_path;
   int listening = -1;
+  int listening_port = 0;
   pid_t process = -1;
   int status = -1;  // of the process once it has ended
 };

@@ -1,5 +1,7 @@
 #include "tests/support/FastCGIClient.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
@@ -98,6 +100,19 @@ bool FastCGIClient::Connect(const std::string& socket_path) {
   return false;
 }
 
+bool FastCGIClient::Connect(int port) {
+  Close();
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (descriptor < 0) return false;
+  if (connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return true;
+  Close();
+  return false;
+}
+
 void FastCGIClient::Close() {
   if (descriptor >= 0) close(descriptor);
   descriptor = -1;
@@ -123,16 +138,41 @@ bool FastCGIClient::Send(std::string_view bytes) {
   return true;
 }
 
-bool FastCGIClient::SendRecord(int type, std::string_view content) {
+std::string FastCGIClient::Record(int type, int id, std::string_view content, size_t padding) {
   std::string record;
   record += '\1';
   record += static_cast<char>(type);
-  record += static_cast<char>(request_id >> 8);
-  record += static_cast<char>(request_id);
+  record += static_cast<char>(id >> 8);
+  record += static_cast<char>(id);
   record += static_cast<char>(content.size() >> 8);
   record += static_cast<char>(content.size());
-  record.append(2, '\0');
-  return Send(record.append(content));
+  record += static_cast<char>(padding);
+  record += '\0';
+  return record.append(content).append(padding, '\xFF');
+}
+
+std::string FastCGIClient::PairLengths(unsigned name, unsigned value) {
+  std::string lengths;
+  for (unsigned length : {name, value}) {
+    for (int shift = 24; shift >= 0; shift -= 8) {
+      const unsigned byte = (length >> shift & 0xFF) | (shift == 24 ? 0x80 : 0);
+      lengths += static_cast<char>(byte);
+    }
+  }
+  return lengths;
+}
+
+bool FastCGIClient::SendRecord(int type, std::string_view content) {
+  return Send(Record(type, request_id, content));
+}
+
+std::string FastCGIClient::Receive(size_t bytes, Milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::string received;
+  FastCGIResponse ignored;
+  char byte;
+  while (received.size() < bytes && ReadBytes(&byte, 1, &ignored, deadline)) received += byte;
+  return received;
 }
 
 bool FastCGIClient::SendStream(int type, std::string_view content) {
@@ -175,6 +215,10 @@ bool FastCGIClient::EndInput() {
 }
 bool FastCGIClient::Abort() {
   return SendRecord(type_abort, "");
+}
+
+void FastCGIClient::EndSending() {
+  shutdown(descriptor, SHUT_WR);
 }
 
 bool FastCGIClient::ReadBytes(char* buffer, size_t length, FastCGIResponse* response,

@@ -42,8 +42,9 @@ class FastCGIClient {
   FastCGIClient(const FastCGIClient&) = delete;
   FastCGIClient& operator=(const FastCGIClient&) = delete;
 
-  // Connects to a listening UNIX socket. False when that fails.
+  // Connects to a listening UNIX socket, or to a port of this machine. False when that fails.
   bool Connect(const std::string& socket);
+  bool Connect(int port);
   bool connected() const { return descriptor >= 0; }
   void Close();
 
@@ -56,8 +57,15 @@ class FastCGIClient {
   bool Input(std::string_view bytes);
   bool EndInput();
   bool Abort();
-  // Bytes as they are, for what no well-behaved server sends.
+  // Tells the engine that nothing more comes, and goes on reading.
+  void EndSending();
+  // Bytes as they are, for what no well-behaved server sends; a record with all that can be chosen;
+  // and name-value pair lengths of four bytes each, without the texts.
   bool Send(std::string_view bytes);
+  static std::string Record(int type, int id, std::string_view content, size_t padding = 0);
+  static std::string PairLengths(unsigned name, unsigned value);
+  // Reads that many bytes as they are, or fewer at the connection's end or the time-out.
+  std::string Receive(size_t bytes, Milliseconds timeout = DefaultTimeout);
 
   // Between the two, records gather and go out in one write at the end.
   void Hold() { holding = true; }

@@ -1,0 +1,261 @@
+// Waits for peers, with an end to each.
+// Tested in tests/fastcgi/FastCGIConnectionTest.cpp and tests/e2e/ShutdownTest.cpp.
+
+#include "fastcgi/FastCGIConnection.h"
+
+#include <arpa/inet.h>
+#include <fcgiapp.h>
+#include <fcgios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <string>
+
+#include "fastcgi/FastCGIThreads.h"
+
+namespace {
+
+using Clock = FastCGIConnection::Clock;
+
+// Until the settings of the first request are read.
+const int kWriteLimit = 90;
+// How long a client on a UNIX socket may take to send its first byte: one that has gone before it
+// was accepted is told from a slow one by this alone.
+const std::chrono::seconds kFirstByte(2);
+const std::chrono::seconds kLingering(2);
+// A waiting write looks at the flags this often.
+const int kWriteSlice = 500;  // milliseconds
+
+thread_local FastCGIConnection* current = nullptr;
+thread_local bool accepting = false;
+
+union Address {
+  sockaddr any;
+  sockaddr_in internet;
+  sockaddr_un local;
+  sockaddr_storage room;
+};
+
+// Of accept, when the connection went wrong and the socket did not.
+bool IsOfConnection(int error) {
+  return error == EPROTO || error == ECONNABORTED || error == ECONNRESET || error == ETIMEDOUT ||
+         error == EHOSTUNREACH || error == ENETUNREACH;
+}
+
+// Whether the comma-separated list has the address, or is none.
+bool IsAllowed(const sockaddr_in& address, const char* clients) {
+  if (!clients || !*clients) return true;
+  const std::string list(clients);
+  for (size_t start = 0; start <= list.size();) {
+    const size_t end = std::min(list.find(',', start), list.size());
+    if (inet_addr(list.substr(start, end - start).c_str()) == address.sin_addr.s_addr) return true;
+    start = end + 1;
+  }
+  return false;
+}
+
+// The time until then for ppoll, null for no end.
+const timespec* TimeUntil(Clock::time_point end, timespec* room) {
+  if (end == Clock::time_point::max()) return nullptr;
+  const auto left = std::max(std::chrono::nanoseconds(end - Clock::now()).count(), int64_t{0});
+  room->tv_sec = left / 1000000000;
+  room->tv_nsec = left % 1000000000;
+  return room;
+}
+
+}  // namespace
+
+FastCGIConnection::FastCGIConnection(FastCGIThreadManager* owner)
+    : manager(owner), write_limit(kWriteLimit) {
+  pthread_sigmask(SIG_BLOCK, nullptr, &while_waiting);
+  sigdelset(&while_waiting, SIGUSR2);
+  records.Start();
+  current = this;
+}
+
+FastCGIConnection::~FastCGIConnection() {
+  current = nullptr;
+}
+
+FastCGIConnection* FastCGIConnection::Current() {
+  return current;
+}
+
+int FastCGIConnection::AcceptRequest(FCGX_Request* request) {
+  accepting = true;
+  int result;
+  try {
+    result = FCGX_Accept_r(request);
+  } catch (const std::bad_alloc&) {
+    FCGX_Free(request, 1);
+    result = -ENOMEM;
+  }
+  accepting = false;
+  return result;
+}
+
+int FastCGIConnection::Accept(int listening, const char* clients) {
+  for (;;) {
+    if (FastCGIShutdownPending.load()) {
+      errno = EINTR;
+      return -1;
+    }
+    Address address;
+    socklen_t length = sizeof address;
+    int accepted;
+    {
+      AcceptInterruptible interruptible;
+      accepted = accept4(listening, &address.any, &length, SOCK_CLOEXEC);
+    }
+    if (accepted < 0) {
+      if (IsOfConnection(errno)) continue;
+      return -1;
+    }
+    const int family = address.any.sa_family;
+    if (family == AF_INET || family == AF_INET6) {
+      const int set = 1;
+      setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &set, sizeof set);
+    }
+    if ((family == AF_INET && !IsAllowed(address.internet, clients)) ||
+        (family == AF_UNIX && !WaitForInput(accepted, Clock::now() + kFirstByte))) {
+      close(accepted);
+      continue;
+    }
+    records.Start();
+    next = last = received;
+    return accepted;
+  }
+}
+
+// libfcgi takes 0 for a peer that has left, and gives the connection up.
+ssize_t FastCGIConnection::Read(int descriptor, char* buffer, size_t room) {
+  for (;;) {
+    while (next < last || records.Refused()) {
+      const int passed = records.Pass(&next, last, reinterpret_cast<unsigned char*>(buffer),
+                                      static_cast<int>(room));
+      if (passed != 0) return passed < 0 ? 0 : passed;
+    }
+    const ssize_t count = Refill(descriptor);
+    if (count <= 0) return count;
+  }
+}
+
+// Returns what recv returned.
+ssize_t FastCGIConnection::Refill(int descriptor) {
+  for (;;) {
+    if (manager->PeersAreGivenUp()) return GiveUp(descriptor);
+    const ssize_t count = recv(descriptor, received, sizeof received, MSG_DONTWAIT);
+    if (count >= 0) {
+      next = received;
+      last = received + count;
+      return count;
+    }
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN) return -1;
+    if (!WaitForInput(descriptor, input_end)) {
+      errno = ETIMEDOUT;
+      return -1;
+    }
+  }
+}
+
+// Whether the wait ended because of the peer. The signal is delivered in ppoll alone, so that none
+// is lost that comes between the look at the flag and the wait.
+bool FastCGIConnection::WaitForInput(int descriptor, Clock::time_point end) {
+  for (;;) {
+    if (manager->ShuttingDown()) return false;
+    timespec left;
+    pollfd waiting{descriptor, POLLIN, 0};
+    const int ready = ppoll(&waiting, 1, TimeUntil(end, &left), &while_waiting);
+    if (ready >= 0) return ready > 0;
+    if (errno != EINTR) return false;
+  }
+}
+
+ssize_t FastCGIConnection::Write(int descriptor, const char* bytes, size_t length) {
+  Clock::time_point end = Clock::time_point::max();
+  for (bool waited = false;; waited = true) {
+    if (manager->PeersAreGivenUp()) return GiveUp(descriptor);
+    const ssize_t count = send(descriptor, bytes, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (count >= 0) return count;
+    if (errno != EAGAIN && errno != EINTR) return -1;
+    if (!waited && write_limit > 0) end = Clock::now() + std::chrono::seconds(write_limit);
+    if (Clock::now() >= end) return GiveUp(descriptor);
+    // A socket takes a little before it calls itself writable, so each slice ends with another try.
+    pollfd waiting{descriptor, POLLOUT, 0};
+    poll(&waiting, 1, kWriteSlice);
+  }
+}
+
+ssize_t FastCGIConnection::GiveUp(int descriptor) {
+  shutdown(descriptor, SHUT_RDWR);
+  errno = ETIMEDOUT;
+  return -1;
+}
+
+int FastCGIConnection::Close(int descriptor) {
+  const Clock::time_point end = Clock::now() + kLingering;
+  if (!manager->PeersAreGivenUp() && shutdown(descriptor, SHUT_WR) == 0) {
+    char ignored[1024];
+    pollfd waiting{descriptor, POLLIN, 0};
+    timespec left;
+    while (Clock::now() < end && ppoll(&waiting, 1, TimeUntil(end, &left), nullptr) > 0 &&
+           recv(descriptor, ignored, sizeof ignored, MSG_DONTWAIT) > 0) {
+    }
+  }
+  return close(descriptor);
+}
+
+// --- What the linker puts in place of libfcgi's functions of these names -------------------------
+
+// Declared by libfcgi without the prefix; __real_ is what they replace, for a thread without a
+// connection of this kind.
+extern "C" {
+int __real_OS_Accept(int listening, int fail_on_intr, const char* clients);
+int __real_OS_Read(int descriptor, char* buffer, size_t room);
+int __real_OS_Write(int descriptor, char* bytes, size_t length);
+int __real_OS_IpcClose(int descriptor, int shutdown);
+
+int __wrap_OS_Accept(int listening, int fail_on_intr, const char* clients) {
+  if (!current) return __real_OS_Accept(listening, fail_on_intr, clients);
+  return current->Accept(listening, clients);
+}
+
+int __wrap_OS_Read(int descriptor, char* buffer, size_t room) {
+  if (!current) return __real_OS_Read(descriptor, buffer, room);
+  return static_cast<int>(current->Read(descriptor, buffer, room));
+}
+
+int __wrap_OS_Write(int descriptor, char* bytes, size_t length) {
+  if (!current) return __real_OS_Write(descriptor, bytes, length);
+  return static_cast<int>(current->Write(descriptor, bytes, length));
+}
+
+int __wrap_OS_IpcClose(int descriptor, int shutdown) {
+  if (!current || descriptor < 0) return __real_OS_IpcClose(descriptor, shutdown);
+  return current->Close(descriptor);
+}
+
+// All of this program's calls come here, few as they are beside those of operator new.
+void* __real_malloc(size_t size);
+void* __real_realloc(void* memory, size_t size);
+
+void* __wrap_malloc(size_t size) {
+  void* memory = __real_malloc(size);
+  if (!memory && accepting) throw std::bad_alloc();
+  return memory;
+}
+
+void* __wrap_realloc(void* memory, size_t size) {
+  void* larger = __real_realloc(memory, size);
+  if (!larger && accepting) throw std::bad_alloc();
+  return larger;
+}
+}
