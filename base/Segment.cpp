@@ -39,7 +39,10 @@ Segment::Segment(int number) : Segment(number, Growth) {
 }
 
 Segment::Segment(int number, int length)
-    : segment_number(number), data_capacity(std::max(length, 0)), data_length(data_capacity) {
+    : segment_number(number),
+      data_capacity(std::max(length, 0)),
+      data_length(data_capacity),
+      data_room(data_capacity) {
   data = std::make_unique<unsigned char[]>(static_cast<size_t>(data_capacity) + Padding);
 }
 
@@ -52,7 +55,8 @@ Segment::Segment(const Segment& other)
       data(std::make_unique_for_overwrite<unsigned char[]>(
           static_cast<size_t>(other.data_capacity) + Padding)),
       data_capacity(other.data_capacity),
-      data_length(other.data_length) {
+      data_length(other.data_length),
+      data_room(other.data_capacity) {
   memcpy(data.get(), other.data.get(), static_cast<size_t>(data_capacity) + Padding);
 }
 
@@ -72,9 +76,13 @@ void Segment::Grow(int size) {
   if (size < data_capacity) return;
   long long wanted = (static_cast<long long>(size) + Growth - 1) / Growth * Growth;
   if (wanted > INT_MAX) throw std::bad_alloc();
-  auto larger = std::make_unique<unsigned char[]>(static_cast<size_t>(wanted) + Padding);
-  memcpy(larger.get(), data.get(), static_cast<size_t>(data_length));
-  data = std::move(larger);
+  if (wanted > data_room) {
+    const long long room = std::max(wanted, std::min(2LL * data_room, INT_MAX - 1LL * Growth));
+    auto larger = std::make_unique<unsigned char[]>(static_cast<size_t>(room) + Padding);
+    memcpy(larger.get(), data.get(), static_cast<size_t>(data_length));
+    data = std::move(larger);
+    data_room = static_cast<int>(room);
+  }
   data_capacity = static_cast<int>(wanted);
 }
 
@@ -84,7 +92,7 @@ void Segment::Trim() {
   auto smaller = std::make_unique_for_overwrite<unsigned char[]>(kept);
   memcpy(smaller.get(), data.get(), kept);
   data = std::move(smaller);
-  data_capacity = data_length;
+  data_capacity = data_room = data_length;
 }
 
 unsigned char* Segment::Place(int position, int size) {

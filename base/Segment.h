@@ -51,7 +51,8 @@ class Segment {
   int Read_Double(int position, double* value) const;
 
   // Makes room for an end position of size: nothing below the capacity, else the next multiple of
-  // Growth. The length stays.
+  // Growth. The length stays. The memory at least doubles, so that code of any length is written in
+  // linear time.
   void Grow(int size);
 
   // Gives back the room that is not in use, for code that is complete.
@@ -89,9 +90,10 @@ class Segment {
   void Cool();
 
   int segment_number;
-  std::unique_ptr<unsigned char[]> data;  // capacity + Padding bytes
+  std::unique_ptr<unsigned char[]> data;  // room + Padding bytes
   int data_capacity;
   int data_length;
+  int data_room;  // bytes that there is memory for; at least the capacity
   std::unique_ptr<HotCode> hot_code;
   int repeats = 0;
 };

@@ -5,9 +5,11 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <new>
 
+#include "base/BufferRoom.h"
 #include "base/ascii.h"
 #include "base/base64.h"
 
@@ -115,26 +117,33 @@ void String::cat(const char* text, int text_length) {
   int n = TextLength(text, text_length);
   int64_t total = static_cast<int64_t>(length) + n;
   if (total >= allocated) {
-    int size = BufferSize(total + 1);
-    char* buffer = new char[size];
-    memcpy(buffer, data, length);
-    if (n > 0) memcpy(buffer + length, text, n);
-    delete[] data;
-    data = buffer;
-    allocated = size;
-  } else if (n > 0) {
-    memmove(data + length, text, n);
+    const std::less<const char*> before;
+    const bool is_own = !before(text, data) && before(text, data + allocated);
+    const ptrdiff_t place = is_own ? text - data : 0;
+    Grow(BufferSize(total + 1));
+    if (is_own) text = data + place;
   }
+  if (n > 0) memmove(data + length, text, n);
   Terminate(*this, static_cast<int>(total));
 }
 
 void String::GrowForByte() {
-  int size = BufferSize(static_cast<int64_t>(allocated) + 1);
-  char* buffer = new char[size];
-  if (data) memcpy(buffer, data, length);
-  delete[] data;
-  data = buffer;
-  allocated = size;
+  Grow(BufferSize(static_cast<int64_t>(allocated) + 1));
+}
+
+// Below a page or so a text gets just what it says: most texts grow no further.
+void String::Grow(int told) {
+  constexpr int LongText = 2048;
+  const auto size = static_cast<size_t>(told);
+  if (told >= LongText && data) {
+    if (BufferRoom(data) < size) data = GrowBuffer(data, static_cast<size_t>(allocated), size * 2);
+  } else {
+    char* buffer = new char[size];
+    if (data) memcpy(buffer, data, allocated);
+    delete[] data;
+    data = buffer;
+  }
+  allocated = told;
 }
 
 void String::prepend(char c) {

@@ -62,8 +62,9 @@ class String {
   // copied and the buffer freed. A null buffer makes this the null string.
   void assign_nocopy(char* buffer, int text_length, int buffer_size);
 
-  // Appending one byte makes room sooner than appending a text does, and by one step of 24 bytes
-  // at a time; long texts are built in a LinkBuffer.
+  // Appending one byte makes room sooner than appending a text does, and says that it has made one
+  // step of 24 bytes. In a long text the memory doubles, whatever allocated says, so that a text of
+  // any length is built in linear time.
   void cat(char c) {
     if (length + 2 >= allocated) GrowForByte();
     data[length++] = c;
@@ -157,6 +158,8 @@ class String {
 
  private:
   void GrowForByte();
+  // Sets allocated to told, which is more, with memory for it. The bytes of the buffer stay.
+  void Grow(int told);
 };
 
 static_assert(sizeof(String) <= 24);

@@ -719,4 +719,92 @@ TEST(Strdup, CopiesWithTheTerminator) {
   EXPECT_EQ(zeph_strdup(nullptr), nullptr);
 }
 
+// A string in the plainest words: its bytes, and what its buffer is said to have.
+struct PlainString {
+  std::string bytes;
+  int allocated = 24;
+
+  void CatByte(char c) {
+    if (static_cast<int>(bytes.size()) + 2 >= allocated) allocated = (allocated / 24 + 1) * 24;
+    bytes += c;
+  }
+  void CatText(const std::string& text) {
+    const int total = static_cast<int>(bytes.size() + text.size());
+    if (total >= allocated) allocated = (total / 24 + 1) * 24;
+    bytes += text;
+  }
+  void Assign(const std::string& text) {
+    const int total = static_cast<int>(text.size());
+    if (total >= allocated) allocated = (total / 24 + 1) * 24;
+    bytes = text;
+  }
+};
+
+TEST(String, EqualsAPlainModelThroughRandomChanges) {
+  for (unsigned seed = 1; seed <= 60; seed++) {
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    String string("", 0);
+    PlainString model;
+    const auto text = [&random](size_t most) {
+      std::string made(random() % most, '\0');
+      for (char& c : made) c = static_cast<char>(random());
+      return made;
+    };
+    for (int i = 0; i < 400; i++) {
+      switch (random() % 7) {
+        case 0:
+          for (size_t more = random() % 60; more > 0; more--) {
+            const char c = static_cast<char>(random());
+            string.cat(c);
+            model.CatByte(c);
+          }
+          break;
+        case 1:
+        case 2: {
+          const std::string added = text(300);
+          string.cat(added.data(), static_cast<int>(added.size()));
+          model.CatText(added);
+          break;
+        }
+        case 3: {
+          // A part of its own.
+          const size_t start = random() % (model.bytes.size() + 1);
+          const size_t count = random() % (model.bytes.size() - start + 1);
+          if (model.bytes.size() > 100000) break;
+          string.cat(string.data + start, static_cast<int>(count));
+          model.CatText(model.bytes.substr(start, count));
+          break;
+        }
+        case 4:
+          if (random() % 8 == 0) {
+            const std::string other = text(5000);
+            string.assign(other.data(), static_cast<int>(other.size()));
+            model.Assign(other);
+          }
+          break;
+        case 5: {
+          const std::string front = text(100);
+          string.prepend(front.data(), static_cast<int>(front.size()));
+          const std::string before = model.bytes;
+          model.CatText(front);
+          model.bytes = front + before;
+          break;
+        }
+        default: {
+          const size_t left = model.bytes.size() - random() % (model.bytes.size() / 10 + 1);
+          string.truncate(static_cast<unsigned>(left));
+          model.bytes.resize(left);
+          string.cat('x');
+          model.CatByte('x');
+        }
+      }
+      ASSERT_EQ(string.length, static_cast<int>(model.bytes.size()));
+      ASSERT_EQ(string.allocated, model.allocated);
+      ASSERT_EQ(string.data[string.length], '\0');
+      ASSERT_TRUE(Bytes(string) == model.bytes);
+    }
+  }
+}
+
 }  // namespace
