@@ -10,7 +10,10 @@
       result of a call, variables that are found, and elements are borrowed.
    5. Positions in an array count from 1. Functions about elements take the array or structure
       last, or in front of the create flag: with it, what is not there is made.
-   6. A handle is used on the thread of the call that brought it, and not beyond the request. */
+   6. A handle is used on the thread of the call that brought it, and not beyond the request.
+   7. When the script's time is over meanwhile, what takes long ends early: the text of a large
+      array is empty then, and a copy lacks elements. The script ends after the call, also when the
+      function asks for new time. */
 
 #ifndef ZEPH_API_ZPVARIABLE_H
 #define ZEPH_API_ZPVARIABLE_H

@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "base/CopyText.h"
+#include "base/RunLimit.h"
 #include "base/ZephApplication.h"
 #include "base/ascii.h"
 #include "base/dtoa.h"
@@ -33,6 +34,19 @@ int LengthOf(const char* text, int length) {
   const size_t measured = strlen(text);
   if (measured > INT_MAX) throw std::bad_alloc();
   return static_cast<int>(measured);
+}
+
+// Calls step(from, to) for one part of a text after the other; each returns where the next one
+// begins, at to or behind it. Returns where the work has ended: at the end of the text, or where
+// the time limit has passed.
+template <class Step>
+int ByParts(int length, Step step) {
+  int done = 0;
+  while (done < length) {
+    if (done > 0 && RunLimit::Over()) break;
+    done = step(done, length - done > RunLimit::Bytes ? done + RunLimit::Bytes : length);
+  }
+  return done;
 }
 
 // The buffer of a result. Lengths are 32-bit by contract, so a longer result cannot be given.
@@ -94,10 +108,11 @@ char* WriteDigits(char* out, const Digits& digits, int precision) {
     out += rest;
     countdown -= rest;
   }
-  if (countdown > 0) {
-    memset(out, '0', static_cast<size_t>(countdown));
-    out += countdown;
-  }
+  ByParts(countdown > 0 ? static_cast<int>(countdown) : 0, [&out](int from, int to) {
+    memset(out, '0', static_cast<size_t>(to - from));
+    out += to - from;
+    return to;
+  });
   return out;
 }
 
@@ -229,6 +244,28 @@ int EntityByte(const char* name, int length) {
     case 4: return EqualName(name, "quot", 4) ? '"' : -1;
     default: return -1;
   }
+}
+
+// Decodes what begins with the "&" at i, and returns the place behind it.
+//
+// One scan forward to the stop: a second "&" on the way is not looked at. The end of the text stops
+// it like a semicolon, white space makes the whole no entity.
+int DecodeEntity(const char* text, int length, int i, char** out) {
+  int stop = i + 1;
+  while (stop < length && text[stop] != ';' &&
+         !zp_isspace(static_cast<unsigned char>(text[stop]))) {
+    stop++;
+  }
+  const bool candidate = stop == length || text[stop] == ';';
+  const int byte = candidate ? EntityByte(text + i + 1, stop - i - 1) : -1;
+  const int behind = stop < length ? stop + 1 : length;
+  if (byte >= 0) {
+    *(*out)++ = static_cast<char>(byte);
+  } else {
+    memcpy(*out, text + i, static_cast<size_t>(behind - i));
+    *out += behind - i;
+  }
+  return behind;
 }
 
 // Bytes of a script literal: 1 stays, 2 gets a backslash and the letter, 0 depends on the
@@ -381,26 +418,34 @@ double ZephApplication::stod(const char* text, int length, int size, int* error)
 char* ZephApplication::EncodeAttribute(const char* text, int textlength, int* length, int* size) {
   textlength = LengthOf(text, textlength);
   int64_t needed = 0;
-  for (int i = 0; i < textlength; i++) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    needed += attribute_table.plain[c] || c == ' ' ? 1 : 3;
-  }
+  textlength = ByParts(textlength, [&needed, text](int from, int to) {
+    for (int i = from; i < to; i++) {
+      const auto c = static_cast<unsigned char>(text[i]);
+      needed += attribute_table.plain[c] || c == ' ' ? 1 : 3;
+    }
+    return to;
+  });
   char* buffer = NewText(needed + 1);
   char* out = buffer;
-  for (int i = 0; i < textlength; i++) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    if (attribute_table.plain[c]) {
-      *out++ = static_cast<char>(c);
-    } else if (c == ' ') {
-      *out++ = '+';
-    } else {
-      *out++ = '%';
-      *out++ = UpperHex[c >> 4];
-      *out++ = UpperHex[c & 15];
+  ByParts(textlength, [&out, text](int from, int to) {
+    char* end = out;
+    for (int i = from; i < to; i++) {
+      const auto c = static_cast<unsigned char>(text[i]);
+      if (attribute_table.plain[c]) {
+        *end++ = static_cast<char>(c);
+      } else if (c == ' ') {
+        *end++ = '+';
+      } else {
+        *end++ = '%';
+        *end++ = UpperHex[c >> 4];
+        *end++ = UpperHex[c & 15];
+      }
     }
-  }
+    out = end;
+    return to;
+  });
   *out = 0;
-  Report(needed, needed + 1, length, size);
+  Report(out - buffer, needed + 1, length, size);
   return buffer;
 }
 
@@ -408,19 +453,24 @@ char* ZephApplication::DecodeAttribute(const char* text, int textlength, int* le
   textlength = LengthOf(text, textlength);
   char* buffer = NewText(int64_t{textlength} + 1);
   char* out = buffer;
-  for (int i = 0; i < textlength; i++) {
-    const char c = text[i];
-    if (c == '%' && textlength - i > 2) {
-      const int high = HexDigit(static_cast<unsigned char>(text[i + 1]));
-      const int low = HexDigit(static_cast<unsigned char>(text[i + 2]));
-      if (high >= 0 && low >= 0) {
-        *out++ = static_cast<char>(high << 4 | low);
-        i += 2;
-        continue;
+  ByParts(textlength, [&out, text, textlength](int i, int to) {
+    char* end = out;
+    for (; i < to; i++) {
+      const char c = text[i];
+      if (c == '%' && textlength - i > 2) {
+        const int high = HexDigit(static_cast<unsigned char>(text[i + 1]));
+        const int low = HexDigit(static_cast<unsigned char>(text[i + 2]));
+        if (high >= 0 && low >= 0) {
+          *end++ = static_cast<char>(high << 4 | low);
+          i += 2;
+          continue;
+        }
       }
+      *end++ = c == '+' ? ' ' : c;
     }
-    *out++ = c == '+' ? ' ' : c;
-  }
+    out = end;
+    return i;
+  });
   *out = 0;
   Report(out - buffer, int64_t{textlength} + 1, length, size);
   return buffer;
@@ -429,23 +479,31 @@ char* ZephApplication::DecodeAttribute(const char* text, int textlength, int* le
 char* ZephApplication::EncodeEntities(const char* text, int textlength, int* length, int* size) {
   textlength = LengthOf(text, textlength);
   int64_t needed = 0;
-  for (int i = 0; i < textlength; i++) {
-    needed += entity_table.length[static_cast<unsigned char>(text[i])];
-  }
+  textlength = ByParts(textlength, [&needed, text](int from, int to) {
+    for (int i = from; i < to; i++) {
+      needed += entity_table.length[static_cast<unsigned char>(text[i])];
+    }
+    return to;
+  });
   char* buffer = NewText(needed + 1);
   char* out = buffer;
-  for (int i = 0; i < textlength; i++) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    const int taken = entity_table.length[byte];
-    if (taken == 1) {
-      *out++ = text[i];
-    } else {
-      CopyText(out, entity_table.text[byte], static_cast<size_t>(taken));
-      out += taken;
+  ByParts(textlength, [&out, text](int from, int to) {
+    char* end = out;
+    for (int i = from; i < to; i++) {
+      const auto byte = static_cast<unsigned char>(text[i]);
+      const int taken = entity_table.length[byte];
+      if (taken == 1) {
+        *end++ = text[i];
+      } else {
+        CopyText(end, entity_table.text[byte], static_cast<size_t>(taken));
+        end += taken;
+      }
     }
-  }
+    out = end;
+    return to;
+  });
   *out = 0;
-  Report(needed, needed + 1, length, size);
+  Report(out - buffer, needed + 1, length, size);
   return buffer;
 }
 
@@ -453,30 +511,18 @@ char* ZephApplication::DecodeEntities(const char* text, int textlength, int* len
   textlength = LengthOf(text, textlength);
   char* buffer = NewText(int64_t{textlength} + 1);
   char* out = buffer;
-  int i = 0;
-  while (i < textlength) {
-    if (text[i] != '&') {
-      *out++ = text[i++];
-      continue;
+  ByParts(textlength, [&out, text, textlength](int i, int to) {
+    char* end = out;
+    while (i < to) {
+      if (text[i] == '&') {
+        i = DecodeEntity(text, textlength, i, &end);
+      } else {
+        *end++ = text[i++];
+      }
     }
-    // One scan forward to the stop: a second "&" on the way is not looked at. The end of the text
-    // stops it like a semicolon, white space makes the whole no entity.
-    int stop = i + 1;
-    while (stop < textlength && text[stop] != ';' &&
-           !zp_isspace(static_cast<unsigned char>(text[stop]))) {
-      stop++;
-    }
-    const bool candidate = stop == textlength || text[stop] == ';';
-    const int byte = candidate ? EntityByte(text + i + 1, stop - i - 1) : -1;
-    if (byte >= 0) {
-      *out++ = static_cast<char>(byte);
-    } else {
-      const int count = (stop < textlength ? stop + 1 : textlength) - i;
-      memcpy(out, text + i, static_cast<size_t>(count));
-      out += count;
-    }
-    i = stop < textlength ? stop + 1 : textlength;
-  }
+    out = end;
+    return i;
+  });
   *out = 0;
   Report(out - buffer, int64_t{textlength} + 1, length, size);
   return buffer;
@@ -486,9 +532,14 @@ char* ZephApplication::StripNULLs(const char* text, int textlength, int* length,
   textlength = LengthOf(text, textlength);
   char* buffer = NewText(int64_t{textlength} + 1);
   char* out = buffer;
-  for (int i = 0; i < textlength; i++) {
-    if (text[i]) *out++ = text[i];
-  }
+  ByParts(textlength, [&out, text](int from, int to) {
+    char* end = out;
+    for (int i = from; i < to; i++) {
+      if (text[i]) *end++ = text[i];
+    }
+    out = end;
+    return to;
+  });
   *out = 0;
   Report(out - buffer, int64_t{textlength} + 1, length, size);
   return buffer;
@@ -501,21 +552,25 @@ char* ZephApplication::EncodeJavaScriptString(const char* text, int textlength, 
   const auto* bytes = reinterpret_cast<const unsigned char*>(text);
   char piece[8];
   int64_t needed = 0;
-  for (int i = 0; i < textlength;) {
-    char* out = piece;
-    i += EncodeScriptByte(bytes + i, textlength - i, utf8, &out);
-    needed += out - piece;
-  }
+  const int counted = ByParts(textlength, [=, &needed, &piece](int i, int to) {
+    while (i < to) {
+      char* out = piece;
+      i += EncodeScriptByte(bytes + i, textlength - i, utf8, &out);
+      needed += out - piece;
+    }
+    return i;
+  });
   // The size that callers see is that of a text built in blocks: 512 bytes of slack while they
   // suffice, then none.
   int64_t allocated = needed + 1;
   if (needed > 0 && allocated < int64_t{textlength} + 512) allocated = int64_t{textlength} + 512;
   char* buffer = NewText(allocated);
   char* out = buffer;
-  for (int i = 0; i < textlength;) {
-    i += EncodeScriptByte(bytes + i, textlength - i, utf8, &out);
-  }
+  ByParts(counted, [=, &out](int i, int to) {
+    while (i < to) i += EncodeScriptByte(bytes + i, textlength - i, utf8, &out);
+    return i;
+  });
   *out = 0;
-  Report(needed, allocated, length, size);
+  Report(out - buffer, allocated, length, size);
   return buffer;
 }

@@ -14,7 +14,8 @@
 #include "base/ZephApplication.h"
 
 namespace {
-// Those that watch a variable of this thread, the newest first: hardly ever more than one.
+// Those that watch a variable of this thread, the newest first: hardly ever more than one, but
+// calls that call themselves can leave one on the stack of each.
 constinit thread_local DeferredText* watching = nullptr;
 }  // namespace
 
@@ -61,17 +62,28 @@ void DeferredText::StopWatching() {
   prefix = nullptr;
 }
 
+// The next one that watches the same variable, or null.
+DeferredText* DeferredText::NextOfVariable() const {
+  return next && next->prefix == prefix ? next : nullptr;
+}
+
 void DeferredText::Settle(Variable* variable) {
-  while (DeferredText* text = FirstOf(variable)) text->CopyPrefix();
+  for (DeferredText* text = FirstOf(variable); text;) {
+    DeferredText* const after = text->NextOfVariable();
+    text->CopyPrefix();
+    text = after;
+  }
 }
 
 void DeferredText::SettleLast(Variable* variable) {
-  while (DeferredText* text = FirstOf(variable)) {
+  for (DeferredText* text = FirstOf(variable); text;) {
+    DeferredText* const after = text->NextOfVariable();
     try {
       text->CopyPrefix();
     } catch (const std::bad_alloc&) {
       text->Lose();
     }
+    text = after;
   }
 }
 

@@ -70,6 +70,7 @@ class DeferredText {
   DeferredText(Variable* variable, int length);
   char* Room(int length);
   static DeferredText* FirstOf(Variable* variable);
+  DeferredText* NextOfVariable() const;
   void CopyPrefix();
   void Lose();
   void ThrowIfLost() const;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "base/Dictionary.h"
+#include "base/RunLimit.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
 #include "base/ZephApplication.h"
@@ -73,7 +74,9 @@ int ZephVM::FatalError(const String& message) {
   return 0;
 }
 
+// What failed because its work was cut short is no error of the script: the time-out is told.
 void ZephVM::RuntimeError(int tag, const String& message) {
+  if (RunLimit::WasCut()) return;
   const bool known = tag >= 0 && tag < tag_count;
   const TagErrorSetting unknown = {tag, nullptr, nullptr, TagError_Display | TagError_Fatal};
   const TagErrorSetting& setting = known ? tag_errors[tag] : unknown;

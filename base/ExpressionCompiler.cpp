@@ -58,6 +58,10 @@ constexpr _OperatorInfo Operators[] = {
 constexpr int LongestOperator = 6;
 constexpr int NoLimit = -1;
 
+// A text that goes to the dictionary is looked for in a block of it, and a function in the chain of
+// a table: in bytes that take as long to scan.
+constexpr int EntryCost = 1 << 17;
+
 bool IsDigit(char c) {
   return c >= '0' && c <= '9';
 }
@@ -166,7 +170,7 @@ bool ExpressionCompiler::FindQuoteEnd(int start, int end, int* position) {
   for (int i = start + 1; i < end; i++) {
     if (text[i] == text[start] && text[i - 1] != '\\') {
       *position = i;
-      return true;
+      return Scanned(i - start);
     }
   }
   return Fail("Mismatched Quotes found in Expression");
@@ -183,7 +187,7 @@ bool ExpressionCompiler::FindEnd(int start, int end, char open, char close, cons
       level++;
     } else if (text[i] == close && --level == 0) {
       *position = i;
-      return true;
+      return Scanned(i - start);
     }
   }
   return Fail(message);
@@ -226,7 +230,7 @@ bool ExpressionCompiler::NextOperator(int start, int end, bool sign, FoundOperat
     }
     i++;
   }
-  return true;
+  return Scanned(i - start);
 }
 
 // Reads the word at *position: an operator, or the name of a function or variable, whose arguments
@@ -446,6 +450,7 @@ bool ExpressionCompiler::CompileConstant(const char* constant, int length) {
     if (constant[i] == '\\' && i + 1 < length && IsQuote(constant[i + 1])) continue;
     copy[static_cast<size_t>(copied++)] = constant[i];
   }
+  if (!Scanned(EntryCost)) return false;
   const int id = dictionary->Entry_Add(copy.get(), copied);
   if (id == -1) return Fail("Unable to find variable");
   Emit(Instruction::pushc, id);
@@ -511,6 +516,7 @@ bool ExpressionCompiler::CompileElements(int start, int end) {
 // A call; *position is the place behind its parentheses, which stand directly behind the name.
 bool ExpressionCompiler::CompileFunction(int namestart, int namelength, int end, int* position) {
   EmitLine();
+  if (!Scanned(EntryCost)) return false;
   const char* name = text + namestart;
   Function* function = FindFunction(name, namelength);
   if (!function) return Fail("Unable to find function '", name, namelength, "'");
@@ -583,9 +589,15 @@ Function* ExpressionCompiler::BindExternal(const char* name, int length) {
 // --- Emitting ------------------------------------------------------------------------------------
 
 int ExpressionCompiler::Add(const char* entry, int length) {
+  if (!Scanned(EntryCost)) return -1;
   const int id = dictionary->Entry_Add(entry, length);
   if (id == -1) Fail("Unable to store variable");
   return id;
+}
+
+// Counts what was scanned, a byte at the least. False past the time limit.
+bool ExpressionCompiler::Scanned(int bytes) {
+  return !watch.Over(bytes + 1) || Fail("Application timed out");
 }
 
 bool ExpressionCompiler::Fail(const char* message) {

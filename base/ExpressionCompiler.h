@@ -8,6 +8,7 @@
 #ifndef ZEPH_BASE_EXPRESSIONCOMPILER_H
 #define ZEPH_BASE_EXPRESSIONCOMPILER_H
 
+#include "base/RunLimit.h"
 #include "base/StringClass.h"
 
 class Dictionary;
@@ -59,7 +60,8 @@ class ExpressionCompiler {
   virtual ~ExpressionCompiler();
 
   // Compiles the text: 1, or 0 with the reason in error(). What was emitted before a failure stays
-  // in the segment. An empty text is no failure.
+  // in the segment. An empty text is no failure. The end of the time limit (base/RunLimit.h) is
+  // one: what is nested is scanned once for each level.
   int Run();
 
   const String& error() const { return error_text; }
@@ -117,6 +119,7 @@ class ExpressionCompiler {
   int SkipName(int start, int end) const;
   int Add(const char* text, int length);
   bool Fail(const char* message);
+  bool Scanned(int bytes);
   bool Fail(const char* before, const char* middle, int length, const char* behind);
   void Emit(unsigned short word);
   void Emit(unsigned short word, int operand);
@@ -140,6 +143,7 @@ class ExpressionCompiler {
   int format_version;
   String error_text;
   int nesting = 0;
+  RunWatch watch{1 << 20};  // counts bytes that are scanned
 };
 
 #endif

@@ -11,6 +11,7 @@
 
 #include "base/Config.h"
 #include "base/Numbers.h"
+#include "base/RunLimit.h"
 #include "base/ZephApplication.h"
 #include "base/ZephVM.h"
 
@@ -166,6 +167,8 @@ int Import::DecodeRecord() {
 
 bool Import::Refill() {
   input_length = input_position = 0;
+  // A record goes on for as long as the file does, which may be no file but a source without end.
+  if (record_length > RunLimit::Bytes && RunLimit::Over()) return false;
   const int count = file->Read(input.get(), input_size);
   if (count < 0) NoteReadError();
   if (count <= 0) return false;
@@ -196,7 +199,8 @@ bool Import::Append(const char* bytes, int count) {
 void Import::DealOut() {
   const char* position = record;
   const char* const end = record + record_length;
-  for (Variable* field = fields.First(); field; field = fields.Next()) {
+  RunWatch watch(1024);
+  for (Variable* field = fields.First(); field && !watch.Over(); field = fields.Next()) {
     const char* const stop = FindDelimiter(position, end);
     field->SetValue(position == end ? "" : position, static_cast<int>(stop - position));
     position = stop == end ? end : stop + delimiter_length;

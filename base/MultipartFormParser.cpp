@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "base/File.h"
+#include "base/RunLimit.h"
 #include "base/VariableHash.h"
 #include "base/ZephApplication.h"
 #include "base/ZephVM.h"
@@ -362,6 +363,11 @@ bool MultipartFormParser::Form_Fragment_End() {
 }
 
 bool MultipartFormParser::StoreField() {
+  // Names with the same hash are found one after the other, so few fields may take long.
+  if (RunLimit::Over()) {
+    Error("Timeout processing POST data");
+    return false;
+  }
   if (limit != 0 && variable_count >= limit) {
     variable_count++;
     Error(kTooMany);

@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "base/RunLimit.h"
+
 Output::~Output() = default;
 
 int Output::Write_Error(const char* text, int length) {
@@ -55,7 +57,8 @@ int Output::Write_Compressed_Full(const char* text, int length) {
     while (p < end && IsSpace(*p)) p++;
   }
   // Each piece is a run of text with the one white-space byte that ends it.
-  while (p < end) {
+  RunWatch watch(1 << 16);
+  while (p < end && !watch.Over()) {
     const char* start = p;
     while (p < end && !IsSpace(*p)) p++;
     if (p < end) p++;

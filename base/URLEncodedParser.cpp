@@ -9,6 +9,7 @@
 #include <array>
 #include <cstring>
 
+#include "base/RunLimit.h"
 #include "base/VariableHash.h"
 #include "base/ascii.h"
 
@@ -66,6 +67,11 @@ URLEncodedParser::URLEncodedParser(VariableHash* table, int most)
     : HTTPContentParser(table), limit(most) {}
 
 bool URLEncodedParser::SetVariable() {
+  // Names with the same hash are found one after the other, so few fields may take long.
+  if (RunLimit::Over()) {
+    Error("Timeout processing POST data");
+    return false;
+  }
   if (limit != 0 && variable_count >= limit) {
     variable_count++;
     Error("Maximum number of POST variables exceeded");

@@ -18,6 +18,7 @@
 #include "base/BufferRoom.h"
 #include "base/CopyText.h"
 #include "base/DeferredText.h"
+#include "base/RunLimit.h"
 #include "base/VariableRef.h"
 #include "base/VariableWalk.h"
 #include "base/ZephApplication.h"
@@ -556,6 +557,11 @@ void Variable::Convert_Double() {
 }
 
 namespace {
+// An element in bytes that take as long, and the elements of a walk between two looks at the limit:
+// an element may be a long chain of references, or a long text.
+constexpr int kElementCost = 64;
+constexpr int kElements = 256;
+
 void AppendItem(String& out, const String& text) {
   if (out.length > 0) out.cat(',');
   if (text.data) out.cat(text.data, text.length);
@@ -569,18 +575,34 @@ void Variable::Serialize(String& out) {
     AppendItem(out, value());
     return;
   }
+  const int before = out.length;
+  if (AppendElements(&out)) return;
+  // Nothing rather than a part, which could not be told from a whole list.
+  out.truncate(static_cast<unsigned>(before));
+  if (out.data) out.data[before] = '\0';
+}
+
+// False when the time was over before the end.
+bool Variable::AppendElements(String* all) {
   std::vector<AggregateElementTree::Row> rows;
   elements->Listing(&rows);
   const auto is_flat = [](const auto& row) {
     return row.variable && row.variable->IsPlain() && !row.variable->elements;
   };
   if (std::all_of(rows.begin(), rows.end(), is_flat)) {
-    for (const auto& row : rows) AppendItem(out, row.variable->Read_Text());
-    return;
+    RunWatch watch(RunLimit::Bytes);
+    for (const auto& row : rows) {
+      const String& text = row.variable->Read_Text();
+      AppendItem(*all, text);
+      if (watch.Over(kElementCost + text.length)) return false;
+    }
+    return true;
   }
   VariableWalk walk(this);
-  std::vector<String*> outs(1, &out);
+  RunWatch watch(kElements);
+  std::vector<String*> outs(1, all);
   for (auto step = walk.Next(); step != VariableWalk::End; step = walk.Next()) {
+    if (watch.Over()) return false;
     Variable* identity = walk.identity();
     if (step == VariableWalk::Scalar) AppendItem(*outs.back(), identity->value());
     if (walk.variable() == identity) continue;
@@ -594,6 +616,7 @@ void Variable::Serialize(String& out) {
       AppendItem(*outs.back(), String());
     }
   }
+  return true;
 }
 
 // --- Writing -------------------------------------------------------------------------------------
@@ -739,12 +762,16 @@ void Variable::CopyComputed(Variable& source) {
 }
 
 // A deep copy of the elements of a variable, owned by the caller. Each element gets a new variable
-// with the name and value of the old one; references are replaced by what they refer to.
+// with the name and value of the old one; references are replaced by what they refer to. What is
+// found twice is copied twice, so that a few variables that refer to one another can make a copy
+// beyond all bounds: past the time limit the rest is left out.
 AggregateElementTree* Variable::CopyElementTree(Variable* source) {
   auto copy = std::make_unique<AggregateElementTree>();
   std::vector<AggregateElementTree*> open;
   VariableWalk walk(source, VariableWalk::ForCopy);
+  RunWatch watch(kElements);
   for (auto step = walk.Next(); step != VariableWalk::End; step = walk.Next()) {
+    if (watch.Over()) break;
     if (step == VariableWalk::Leave) {
       open.pop_back();
       continue;

@@ -172,7 +172,8 @@ class Variable {
   // stays as it is.
   virtual void Convert_Aggregate(AggregateType kind);
   // Appends the text form, elements separated by commas in the order of their keys. A variable
-  // that contains itself is met as empty within itself.
+  // that contains itself is met as empty within itself. When the time limit of the run
+  // (base/RunLimit.h) passes on the way, nothing is appended.
   virtual void Serialize(String& out);
   // Turns the variable into a reference to the target, or a reference to another target. Nothing
   // happens for null, and where the chain would end at this variable.
@@ -472,6 +473,7 @@ class Variable {
     double_value = 0.0;
   }
   static AggregateElementTree* CopyElementTree(Variable* source);
+  bool AppendElements(String* all);
   static void DeleteTree(AggregateElementTree* tree);
 };
 

@@ -1,10 +1,16 @@
 // Arrays and structures: what a Variable does with its elements. Positions and counts come from
-// scripts unchecked, so sums wrap and every walk ends. Tested in
-// tests/base/VariableElementsTest.cpp.
+// scripts unchecked, so sums wrap and every walk ends, at the latest when the time limit has
+// passed. Tested in tests/base/VariableElementsTest.cpp.
 
 #include "base/Aggregate.h"
+#include "base/RunLimit.h"
 #include "base/Variable.h"
 #include "base/VariableRef.h"
+
+namespace {
+// Elements that are placed or deleted between two looks at the limit: each may be large.
+constexpr int kElements = 256;
+}  // namespace
 
 void Variable::Convert_Aggregate(AggregateType kind) {
   if (aggregate == kind || RedirectedStore()) return;
@@ -125,13 +131,14 @@ void Variable::DeleteElements(int start, int count, bool compact) {
   }
   const VariableRef pin = VariableRef::Share(this);
   Convert_Aggregate(AggregateArray);
+  RunWatch watch(kElements);
   if (count == -1) {
-    while (elements->IsRow() && elements->LastPlace().position >= start) {
+    while (elements->IsRow() && elements->LastPlace().position >= start && !watch.Over()) {
       elements->RemoveFromRow(elements->LastPlace().position);
     }
     if (elements->IsRow()) return;
     AggregateElement* last = elements->Last();
-    while (last && last->index().position >= start) {
+    while (last && last->index().position >= start && !watch.Over()) {
       AggregateElement* removed = elements->Remove(last->index());
       if (!removed) return;
       delete removed;
@@ -141,7 +148,7 @@ void Variable::DeleteElements(int start, int count, bool compact) {
   }
   const int end = WrapAdd(start, count);
   AggregateElement* element = elements->Next(AggregateIndex(WrapSubtract(start, 1)));
-  while (element && element->index().position < end) {
+  while (element && element->index().position < end && !watch.Over()) {
     AggregateElement* removed = elements->Remove(element->index());
     if (!removed) break;
     element = elements->Next(removed->index());
@@ -166,7 +173,8 @@ void Variable::PlaceElement(Variable* element, int position, bool copy) {
 void Variable::PlaceRange(Variable* source, int start, int end, int delta, bool copy) {
   int left = source->ElementsUsed();
   auto place = source->aggregateelements()->NextPlace(WrapSubtract(start, 1));
-  while (place.there && place.position < end && left-- > 0) {
+  RunWatch watch(kElements);
+  while (place.there && place.position < end && left-- > 0 && !watch.Over()) {
     const int position = place.position;
     PlaceElement(place.variable, WrapAdd(position, delta), copy);
     AggregateElementTree* tree = source->aggregateelements();
@@ -203,7 +211,8 @@ void Variable::CopyElements(Variable* source, int start, int count, int dest, bo
   }
   // Downward, so that an overlapping range is read before it is overwritten.
   auto place = from->aggregateelements()->PreviousPlace(end);
-  while (place.there && place.position >= start) {
+  RunWatch watch(kElements);
+  while (place.there && place.position >= start && !watch.Over()) {
     const int position = place.position;
     PlaceElement(place.variable, WrapAdd(position, delta), copy);
     AggregateElementTree* tree = from->aggregateelements();

@@ -12,6 +12,7 @@
 #include "base/Aggregate.h"
 #include "base/Dictionary.h"
 #include "base/LittleEndian.h"
+#include "base/RunLimit.h"
 #include "base/SharedName.h"
 #include "base/StoredNameTable.h"
 #include "base/TaggedFile.h"
@@ -105,8 +106,10 @@ VariableHash::VariableHash(ZephApplication* application, Dictionary* names, Vari
   CloneVariables(application, source);
 }
 
+// Past the time limit the rest is left out; a task is not started then.
 void VariableHash::CloneVariables(ZephApplication* application, VariableHash& source) {
-  for (int i = 0; i < entry_count; i++) {
+  RunWatch watch(256);
+  for (int i = 0; i < entry_count && !watch.Over(); i++) {
     if (Variable* variable = Present(source.entries[i])) {
       entries[i].variable = variable->Clone(application);
     }

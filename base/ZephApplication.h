@@ -216,6 +216,8 @@ class ZephApplication {
   int* heartbeatcounter() { return &heartbeat_counter; }
   int* timedoutflag() { return &global_timed_out; }
   int* exitflag() { return &exit_flag; }
+  // The same for the reading of a form: whether its time is over.
+  int* posttimedoutflag() { return &post_timed_out; }
   bool posttimedout() const;
 
   // Log settings of this request, as the machine's test before a record reads them.

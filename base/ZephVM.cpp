@@ -22,6 +22,7 @@
 #include "base/Lockfile.h"
 #include "base/Output.h"
 #include "base/PoppedString.h"
+#include "base/RunLimit.h"
 #include "base/Segment.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
@@ -159,6 +160,7 @@ int ZephVM::Go() {
   int* const over = timed_out;
   int* const ended = exit_flag;
   if (Read(over)) return TimedOut();
+  const RunLimit limit(over);
   int pc = program_counter;
   bool was_hot = false;
   for (;;) {
@@ -469,6 +471,20 @@ void ZephVM::pushc() {
   stack->PushS(text, length, length, 0);
 }
 
+namespace {
+// Writes a text, a long one by parts: a client may take them slowly. Past the time limit the rest
+// is not written.
+void Put(Output* output, const char* text, int length) {
+  while (length > RunLimit::Bytes) {
+    output->Put(text, RunLimit::Bytes);
+    if (RunLimit::Over()) return;
+    text += RunLimit::Bytes;
+    length -= RunLimit::Bytes;
+  }
+  output->Put(text, length);
+}
+}  // namespace
+
 // out  ( x -- )  Writes x to the output. A chained text goes out block by block, unflattened.
 void ZephVM::out() {
   if (const std::unique_ptr<DeferredText> text(stack->PopDeferred()); text) {
@@ -485,19 +501,19 @@ void ZephVM::out() {
     ZephVM_Stack::Stack_Entry taken;
     taken.CopyFrom(*top);
     stack->SetEnd(top);
-    application->output()->Put(taken.value.text, taken.length);
+    Put(application->output(), taken.value.text, taken.length);
     ZephVM_Stack::Free(&taken);
     return;
   }
   if (top && top->kind == ZephVM_Stack::KindVariable &&
       (top->value.variable->plain_forms() & Variable::TextForm)) {
     const String& text = top->value.variable->plain_text();
-    if (text.data) application->output()->Put(text.data, text.length);
+    if (text.data) Put(application->output(), text.data, text.length);
     stack->Pop();
     return;
   }
   PoppedString text(stack);
-  if (!stop_flag) application->output()->Put(text.data(), text.length());
+  if (!stop_flag) Put(application->output(), text.data(), text.length());
 }
 
 // out_comp  ( x -- )  Writes x to the output with less white space, as the output mode says.

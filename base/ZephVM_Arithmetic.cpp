@@ -14,6 +14,7 @@
 
 #include "base/Numbers.h"
 #include "base/PoppedString.h"
+#include "base/RunLimit.h"
 #include "base/ZephApplication.h"
 #include "base/ZephVM.h"
 #include "base/dtoa.h"
@@ -289,6 +290,23 @@ int ZephVM::CompareTexts(Variable* left, int right) {
 
 // --- Search --------------------------------------------------------------------------------------
 
+namespace {
+// Searches a text by parts, which overlap by what a match needs, so that a long search ends at the
+// time limit.
+int SearchByParts(int (*search)(const char*, int, const char*, int), const char* needle, int length,
+                  const char* text, int text_length) {
+  const int step = std::max(RunLimit::Bytes, length);
+  for (int start = 0;;) {
+    const int rest = text_length - start;
+    const int part = rest - step < length ? rest : step + length - 1;
+    const int found = search(needle, length, text + start, part);
+    if (found >= 0) return start + found;
+    if (part == rest || RunLimit::Over()) return -1;
+    start += step;
+  }
+}
+}  // namespace
+
 // A text is searched with the plain scan, or if it is long with the one that makes a table first.
 void ZephVM::PushMatch(Search plain, Search fast, bool last_byte) {
   const PoppedString text(stack);
@@ -301,7 +319,7 @@ void ZephVM::PushMatch(Search plain, Search fast, bool last_byte) {
   int offset = -1;
   if (needle.length() <= text.length()) {
     const Search search = text.length() >= kLongText ? fast : plain;
-    offset = search(needle.data(), needle.length(), text.data(), text.length());
+    offset = SearchByParts(search, needle.data(), needle.length(), text.data(), text.length());
   }
   stack->PushI(offset < 0 ? 0 : offset + (last_byte ? needle.length() : 1));
 }

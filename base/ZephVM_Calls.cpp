@@ -1,6 +1,7 @@
 // Functions: calls and returns, the calls of external libraries, and runs of the machine that
 // native code nests in the current one.
 
+#include <atomic>
 #include <memory>
 
 #include "base/ExternalCall.h"
@@ -9,6 +10,7 @@
 #include "base/LinkBuffer.h"
 #include "base/NestedRun.h"
 #include "base/Output.h"
+#include "base/RunLimit.h"
 #include "base/Segment.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
@@ -282,6 +284,8 @@ void ZephVM::CallExternalFunction(Function* function) {
   const std::unique_ptr<ZephVM_FunctionFrame, decltype(keep)> called(FrameFor(function), keep);
   if (!TakeExternalArguments(function, row, called->variables)) return;
   external->Call(this, called->variables);
+  // A library may ask for new time, but not for a script that goes on with parts of values.
+  if (RunLimit::WasCut()) std::atomic_ref<int>(*timed_out).store(1, std::memory_order_relaxed);
   stack->PushHeld(external->result());
   if (WantsLog(Log_ExternalFunctionReturnValue)) {
     WriteLog(Log_ExternalFunctionReturnValue,

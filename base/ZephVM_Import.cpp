@@ -10,6 +10,7 @@
 #include "base/ExpressionCompiler.h"
 #include "base/Import.h"
 #include "base/PoppedString.h"
+#include "base/RunLimit.h"
 #include "base/Segment.h"
 #include "base/Variable.h"
 #include "base/ZephApplication.h"
@@ -25,6 +26,7 @@ Segment* ZephVM::FilterSegment(const char* text, int length, String* error) {
     ImportFilter compiled;
     compiled.segment =
         Compile_Dynamic_Expression(text, length, nullptr, nullptr, &compiled.error, nullptr, 0, 1);
+    if (!compiled.segment && RunLimit::WasCut()) return nullptr;
     known = import_filters.emplace(key, compiled).first;
   }
   if (!known->second.segment) *error = known->second.error;
@@ -106,7 +108,7 @@ void ZephVM::BeginImport(ImportOperands* operands, Segment* filter) {
   KeptString& delimiter = operands->delimiter;
   feature->SetDelimiter(delimiter.data(), delimiter.length(), delimiter.ownership());
   feature->SetFields(operands->fields.data(), operands->fields.length());
-  if (stop_flag) return;
+  if (stop_flag || RunLimit::WasCut()) return;
   feature->SetFilter(filter);
   PoppedPath& name = operands->name;
   if (!feature->Start(name.data(), name.length(), name.size(), name.ownership())) {
@@ -217,12 +219,16 @@ void ZephVM::op_export() {
   if (stop_flag) return;
   ExportRecord record;
   bool is_first = true;
+  RunWatch watch(64);
   for (Variable* field = fields.First(); field; field = fields.Next()) {
     if (!is_first) record.AppendPlain(delimiter.data(), delimiter.length());
     is_first = false;
     const String& value = field->value();
     if (value.data) record.AppendField(value.data, value.length);
+    if (watch.Over()) break;
   }
+  // Part of a record is worse than none.
+  if (RunLimit::WasCut()) return;
   record.AppendPlain("\n", 1);
   if (record.whole() && file->Write(record.data(), record.length()) == record.length()) {
     ClearErrorVariable(Tag_Export);

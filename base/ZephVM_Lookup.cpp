@@ -9,6 +9,7 @@
 #include "base/Aggregate.h"
 #include "base/Output.h"
 #include "base/PoppedString.h"
+#include "base/RunLimit.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
 #include "base/VariableRef.h"
@@ -25,15 +26,21 @@ bool LookupIn(VariableHash* table, Variable** out, const char* name, int length,
   return false;
 }
 
+// Names of a list, and fields of a form, between two looks at the time limit.
+const int kNames = 4;
+const int kFields = 16;
+
 bool IsSpace(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-// Calls visit(text, length) with each piece of a list that has more than white space in it.
+// Calls visit(text, length) with each piece of a list that has more than white space in it. Past
+// the time limit the rest is left out: each may be looked up in long chains.
 template <typename Visit>
 void ForEachName(const char* text, int length, Visit visit) {
   const char* end = text + length;
-  for (const char* p = text; p <= end; p++) {
+  RunWatch watch(kNames);
+  for (const char* p = text; p <= end && !watch.Over(); p++) {
     const char* stop = p;
     while (stop < end && *stop != ',') stop++;
     const char* last = stop;
@@ -135,7 +142,8 @@ void ZephVM::HideVar(const String& name, Variable* variable) {
   std::string path(name.data ? name.data : "", static_cast<size_t>(name.length));
   std::vector<size_t> outer;  // lengths of the path at the aggregates that the walk is inside of
   VariableWalk walk(variable);
-  for (auto step = walk.Next(); step != VariableWalk::End; step = walk.Next()) {
+  RunWatch watch(kFields);
+  for (auto step = walk.Next(); step != VariableWalk::End && !watch.Over(); step = walk.Next()) {
     if (step == VariableWalk::Leave) {
       path.resize(outer.back());
       outer.pop_back();
@@ -161,5 +169,8 @@ void ZephVM::hide() {
   if (stop_flag) return;
   VariableList variables;
   Lookup_VariableList(&variables, names.data(), names.length());
-  for (Variable* v = variables.First(); v; v = variables.Next()) HideVar(v->name(), v);
+  RunWatch watch(kFields);
+  for (Variable* v = variables.First(); v && !watch.Over(); v = variables.Next()) {
+    HideVar(v->name(), v);
+  }
 }

@@ -24,37 +24,59 @@ struct LowerCase {
   static unsigned char Of(char c) { return zp_tolower(static_cast<unsigned char>(c)); }
 };
 
+// How many bytes at the start of both are equal.
+template <class Case>
+int Common(const char* a, const char* b, int length) {
+  int i = 0;
+  while (i < length && Case::Of(a[i]) == Case::Of(b[i])) ++i;
+  return i;
+}
+
 template <class Case>
 bool Equal(const char* a, const char* b, int length) {
-  for (int i = 0; i < length; ++i) {
-    if (Case::Of(a[i]) != Case::Of(b[i])) return false;
+  return Common<Case>(a, b, length) == length;
+}
+
+// What a search may spend on comparing before it counts as one of a text that repeats itself, for
+// which only a linear method will do.
+int64_t ComparisonBudget(int n) {
+  return 4 * static_cast<int64_t>(n);
+}
+
+// Knuth, Morris and Pratt, from the window at start on: the first match, or the last one.
+enum class Wanted { First, Last };
+template <class Case>
+int LinearSearch(const char* pattern, int m, const char* text, int n, int start,
+                 Wanted wanted = Wanted::First) {
+  // borders[j] is the length of the longest proper prefix of the first j bytes that ends them too.
+  std::unique_ptr<int[]> borders(new int[m + 1]);
+  borders[0] = -1;
+  for (int j = 0, border = -1; j < m;) {
+    while (border >= 0 && Case::Of(pattern[j]) != Case::Of(pattern[border])) {
+      border = borders[border];
+    }
+    borders[++j] = ++border;
   }
-  return true;
+  int found = -1;
+  for (int t = start, j = 0; t < n; ++t) {
+    while (j >= 0 && Case::Of(text[t]) != Case::Of(pattern[j])) j = borders[j];
+    if (++j < m) continue;
+    found = t - m + 1;
+    if (wanted == Wanted::First) break;
+    j = borders[m];
+  }
+  return found;
 }
 
 template <class Case>
 int PlainScanReverse(const char* pattern, int m, const char* text, int n) {
   if (m > n || n == 0) return -1;
+  int64_t budget = ComparisonBudget(n);
   for (int t = n - m; t >= 0; --t) {
-    if (Equal<Case>(pattern, text + t, m)) return t;
-  }
-  return -1;
-}
-
-// Knuth, Morris and Pratt, ignoring case, from the window at start on.
-int LinearSearch(const char* pattern, int m, const char* text, int n, int start) {
-  // borders[j] is the length of the longest proper prefix of the first j bytes that ends them too.
-  std::unique_ptr<int[]> borders(new int[m + 1]);
-  borders[0] = -1;
-  for (int j = 0, border = -1; j < m;) {
-    while (border >= 0 && LowerCase::Of(pattern[j]) != LowerCase::Of(pattern[border])) {
-      border = borders[border];
-    }
-    borders[++j] = ++border;
-  }
-  for (int t = start, j = 0; t < n; ++t) {
-    while (j >= 0 && LowerCase::Of(text[t]) != LowerCase::Of(pattern[j])) j = borders[j];
-    if (++j == m) return t - m + 1;
+    const int equal = Common<Case>(pattern, text + t, m);
+    if (equal == m) return t;
+    budget -= equal + 1;
+    if (budget < 0) return LinearSearch<Case>(pattern, m, text, t + m, 0, Wanted::Last);
   }
   return -1;
 }
@@ -111,12 +133,6 @@ int Memmem(const char* pattern, int m, const char* text, int n) {
 }
 
 #ifdef __x86_64__
-// What a search still may spend on comparing candidates before it counts as one that repeats
-// itself.
-int64_t ComparisonBudget(int n) {
-  return 4 * static_cast<int64_t>(n);
-}
-
 // The least place of a candidate, t + i for a bit i of the mask, where the pattern stands; else -1.
 // Each comparison is taken from the budget.
 inline int FirstMatch(uint64_t candidates, const char* pattern, int m, const char* text, int t,
@@ -212,9 +228,13 @@ int bf_searchi(const char* pattern, int pattern_length, const char* text, int te
   if (pattern_length > text_length || text_length == 0) return -1;
   if (pattern_length == 0) return 0;
   unsigned char first = LowerCase::Of(pattern[0]);
+  int64_t budget = ComparisonBudget(text_length);
   for (int t = 0; t <= text_length - pattern_length; ++t) {
     if (LowerCase::Of(text[t]) != first) continue;
-    if (Equal<LowerCase>(pattern + 1, text + t + 1, pattern_length - 1)) return t;
+    const int equal = Common<LowerCase>(pattern, text + t, pattern_length);
+    if (equal == pattern_length) return t;
+    budget -= equal;
+    if (budget < 0) return LinearSearch<LowerCase>(pattern, pattern_length, text, text_length, t);
   }
   return -1;
 }
@@ -243,7 +263,7 @@ int bm_searchi(const char* pattern, int pattern_length, const char* text, int te
   for (int i = 0; i < m; ++i) table[LowerCase::Of(pattern[i])] = m - 1 - i;
   // The bad-character table alone is quadratic on repetitive texts, and a script may choose both
   // sides. Once the comparisons show it the search goes on with the linear method.
-  int64_t budget = 4 * static_cast<int64_t>(n);
+  int64_t budget = ComparisonBudget(n);
   for (int64_t t = m - 1; t < n;) {
     int j = m - 1;
     while (LowerCase::Of(text[t]) == LowerCase::Of(pattern[j])) {
@@ -251,7 +271,9 @@ int bm_searchi(const char* pattern, int pattern_length, const char* text, int te
       --t, --j;
     }
     budget -= m - j;
-    if (budget < 0) return LinearSearch(pattern, m, text, n, static_cast<int>(t - j));
+    if (budget < 0) {
+      return LinearSearch<LowerCase>(pattern, m, text, n, static_cast<int>(t - j));
+    }
     t += std::max(table[LowerCase::Of(text[t])], m - j);
   }
   return -1;

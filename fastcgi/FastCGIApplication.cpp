@@ -9,8 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 
 #include "base/ExternalConfig.h"
+#include "base/RunLimit.h"
 #include "base/TaggedFile.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
@@ -106,8 +108,11 @@ void FastCGIApplication::ConfigurationError(const String& text) {
 int FastCGIApplication::BeginAsynchronousTask(ZephVM* machine) {
   const int most = configuration->value_integer(Config_max_async_tasks);
   if (most != 0 && started_tasks >= most) return AsynchronousTask_LimitReached;
+  auto task = std::make_unique<FastCGIAsynchronousApplication>(this, machine);
+  // The time may have passed while the copies were made: then they are not whole.
+  if (RunLimit::WasCut()) return AsynchronousTask_Failed;
   started_tasks++;
-  thread_manager->StartAsynchronousThread(new FastCGIAsynchronousApplication(this, machine));
+  thread_manager->StartAsynchronousThread(task.release());
   return AsynchronousTask_Started;
 }
 

@@ -9,6 +9,7 @@
 
 #include "base/Config.h"
 #include "base/MultipartFormParser.h"
+#include "base/RunLimit.h"
 #include "base/URLEncodedParser.h"
 #include "base/VariableHash.h"
 #include "base/memcmpi.h"
@@ -52,6 +53,7 @@ std::unique_ptr<HTTPContentParser> FastCGIApplication::ContentHandler(const char
 // Feeds the handler with what comes, up to the length that was announced. Less is no failure.
 bool FastCGIApplication::ReadInput(HTTPContentParser* handler, int length) {
   char block[kBlockSize];
+  const RunLimit limit(posttimedoutflag());
   while (length > 0) {
     const int count = FCGX_GetStr(block, std::min(length, kBlockSize), request->in);
     if (count <= 0) break;

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/RunLimit.h"
 #include "base/SpecialVariable.h"
 #include "base/URLEncodedParser.h"
 #include "base/VariableHash.h"
@@ -91,10 +92,16 @@ bool FastCGIApplication::AddQueryVariables() {
     if (!fields) return true;
     fields++;
   }
+  // Fields are fields: these have the time that those of a body have, which comes after them.
+  ResetPOSTTimeout();
+  const RunLimit limit(posttimedoutflag());
   URLEncodedParser parser(tables.global_variables, 0);
-  if (parser.Parse(fields, static_cast<int>(strlen(fields))) && parser.Finalize()) return true;
-  Error(parser.error());
-  return false;
+  if (!parser.Parse(fields, static_cast<int>(strlen(fields))) || !parser.Finalize()) {
+    Error(parser.error());
+    return false;
+  }
+  ClearPOSTTimeout();
+  return true;
 }
 
 void FastCGIApplication::AddAPIVariables() {

@@ -1,0 +1,82 @@
+// How the cost of work grows, and variables that let the time run out in the middle of it.
+
+#ifndef ZEPH_TESTS_SUPPORT_WORK_H
+#define ZEPH_TESTS_SUPPORT_WORK_H
+
+#include <gtest/gtest.h>
+#include <time.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <string>
+
+#include "base/Aggregate.h"
+#include "base/Variable.h"
+
+// Seconds that this thread has computed, whatever else the machine does.
+inline double ThreadSeconds() {
+  timespec now;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// Expects that four times the size takes about four times as long: less than ten, where what is
+// quadratic takes sixteen. work(size) does it all. The best of a few tries counts.
+template <class Work>
+void ExpectNearLinear(int size, Work work) {
+  double ratio = 0;
+  for (int attempt = 0; attempt < 5; attempt++) {
+    double seconds[2] = {1e9, 1e9};
+    for (int run = 0; run < 3; run++) {
+      for (int i = 0; i < 2; i++) {
+        const double start = ThreadSeconds();
+        work(i == 0 ? size : 4 * size);
+        seconds[i] = std::min(seconds[i], ThreadSeconds() - start);
+      }
+    }
+    ratio = seconds[1] / seconds[0];
+    if (ratio < 10) return;
+  }
+  ADD_FAILURE() << "four times the size took " << ratio << " times as long";
+}
+
+// A computed text, whose reading lets the time run out. Counts the readings.
+class Alarm : public Variable {
+ public:
+  Alarm(const char* name, const std::string& text, int* flag)
+      : Variable(name, static_cast<int>(strlen(name)), text.data(), static_cast<int>(text.size())),
+        over(flag) {}
+  String& value() override {
+    readings++;
+    std::atomic_ref<int>(*over).store(1);
+    return Variable::value();
+  }
+  int type() override { return VariableComputedText; }
+
+  int readings = 0;
+
+ private:
+  int* over;
+};
+
+// Arrays within arrays: so many levels, each of two references to the next, so that the last one,
+// whose only element is given, is met 2 to the power levels times. The caller releases the first.
+inline Variable* MakeDoublingArrays(int levels, Variable* leaf) {
+  auto* next = new Variable();
+  next->SetElement(AggregateIndex(1), leaf);
+  for (int i = 0; i < levels; i++) {
+    auto* array = new Variable();
+    for (int position : {1, 2}) {
+      auto* element = new Variable();
+      element->Make_Reference(next);
+      array->SetElement(AggregateIndex(position), element);
+      element->DecRefCount();
+    }
+    next->DecRefCount();
+    next = array;
+  }
+  return next;
+}
+
+#endif
