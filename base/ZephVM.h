@@ -483,8 +483,8 @@ class ZephVM {
   // --- Of the family: a machine, its children, and theirs ----------------------------------------
   ZephVM* root;                          // the machine that has no parent
   std::unique_ptr<DoContexts> contexts;  // the root's; null until a script names another file
-  int runs = 0;               // that are nested in one another; the root's
-  bool reuses_frames = true;  // the root's
+  int runs = 0;                          // that are nested in one another; the root's
+  bool reuses_frames = true;             // the root's
   // The machine that works on this one's stack.
   ZephVM* guest = nullptr;
   // -----------------------------------------------------------------------------------------------

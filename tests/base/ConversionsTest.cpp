@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "base/Numbers.h"
+#include "base/RunLimit.h"
 #include "base/ZephApplication.h"
 #include "base/dtoa.h"
 #include "tests/support/TestApplication.h"
@@ -804,6 +805,317 @@ TEST(EncodeJavaScriptString, TheSizeHasTheSlackOfItsBlocks) {
   EXPECT_EQ(EncodeScript(application, string(200, '<')).size, 1201);
   EXPECT_EQ(EncodeScript(application, string(512, '"')).size, 1025);
   EXPECT_EQ(EncodeScript(application, string(511, '"')).size, 1023);
+}
+
+// --- Plain models --------------------------------------------------------------------------------
+
+// The conversions once more, each in the plainest words, to compare with on random texts. They have
+// nothing of the engine's: no tables, and no number routine of its own.
+
+const char* const UpperDigits = "0123456789ABCDEF";
+
+int PlainHexDigit(char c) {
+  const char* found = c ? strchr("00112233445566778899aAbBcCdDeEfF", c) : nullptr;
+  return found ? static_cast<int>(found - "00112233445566778899aAbBcCdDeEfF") / 2 : -1;
+}
+
+bool PlainLetterOrDigit(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+}
+
+bool PlainSpace(char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+string PlainHex(unsigned char c) {
+  return {UpperDigits[c / 16], UpperDigits[c % 16]};
+}
+
+string PlainEncodeAttribute(const string& text) {
+  string all;
+  for (char c : text) {
+    if (PlainLetterOrDigit(c) || c == '*' || c == '-' || c == '.' || c == '@' || c == '_') {
+      all += c;
+    } else if (c == ' ') {
+      all += '+';
+    } else {
+      all += "%" + PlainHex(static_cast<unsigned char>(c));
+    }
+  }
+  return all;
+}
+
+string PlainDecodeAttribute(const string& text) {
+  string all;
+  for (size_t i = 0; i < text.size(); i++) {
+    if (text[i] == '+') {
+      all += ' ';
+    } else if (text[i] == '%' && i + 2 < text.size() && PlainHexDigit(text[i + 1]) >= 0 &&
+               PlainHexDigit(text[i + 2]) >= 0) {
+      all += static_cast<char>(PlainHexDigit(text[i + 1]) * 16 + PlainHexDigit(text[i + 2]));
+      i += 2;
+    } else {
+      all += text[i];
+    }
+  }
+  return all;
+}
+
+string PlainEncodeEntities(const string& text) {
+  string all;
+  for (char c : text) {
+    if (c == '"') {
+      all += "&quot;";
+    } else if (c == '&') {
+      all += "&amp;";
+    } else if (c == '(') {
+      all += "&#40;";
+    } else if (c == ')') {
+      all += "&#41;";
+    } else if (c == '<') {
+      all += "&lt;";
+    } else if (c == '>') {
+      all += "&gt;";
+    } else {
+      all += c;
+    }
+  }
+  return all;
+}
+
+string PlainDecodeEntities(const string& text) {
+  string all;
+  size_t i = 0;
+  while (i < text.size()) {
+    if (text[i] != '&') {
+      all += text[i++];
+      continue;
+    }
+    size_t stop = i + 1;
+    while (stop < text.size() && text[stop] != ';' && !PlainSpace(text[stop])) stop++;
+    string name = text.substr(i + 1, stop - i - 1);
+    const bool ends = stop == text.size() || text[stop] == ';';
+    string lower = name;
+    for (char& c : lower) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
+    if (ends && lower == "quot") {
+      all += '"';
+    } else if (ends && lower == "amp") {
+      all += '&';
+    } else if (ends && name == "#40") {
+      all += '(';
+    } else if (ends && name == "#41") {
+      all += ')';
+    } else if (ends && lower == "lt") {
+      all += '<';
+    } else if (ends && lower == "gt") {
+      all += '>';
+    } else {
+      all += text.substr(i, stop + 1 - i);
+    }
+    i = stop + 1;
+  }
+  return all;
+}
+
+string PlainStripNULLs(const string& text) {
+  string all;
+  for (char c : text) {
+    if (c != '\0') all += c;
+  }
+  return all;
+}
+
+string PlainScript(const string& text, bool utf8) {
+  string all;
+  for (size_t i = 0; i < text.size(); i++) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    const auto next = static_cast<unsigned char>(i + 1 < text.size() ? text[i + 1] : 0);
+    const auto third = static_cast<unsigned char>(i + 2 < text.size() ? text[i + 2] : 0);
+    if (c == 7) {
+      all += "\\b";
+    } else if (c == 9) {
+      all += "\\t";
+    } else if (c == 10) {
+      all += "\\n";
+    } else if (c == 12) {
+      all += "\\f";
+    } else if (c == 13) {
+      all += "\\r";
+    } else if (c == '"' || c == '/' || c == '\\') {
+      all += string("\\") + static_cast<char>(c);
+    } else if (PlainLetterOrDigit(static_cast<char>(c)) ||
+               string(" $+,-.:@_").find(static_cast<char>(c)) != string::npos) {
+      all += static_cast<char>(c);
+    } else if (!utf8 && c >= 160) {
+      all += static_cast<char>(c);
+    } else if (utf8 && c >= 194 && c <= 223 && i + 1 < text.size()) {
+      all += "\\u" + PlainHex(static_cast<unsigned char>(c / 4 % 8)) +
+             PlainHex(static_cast<unsigned char>(next % 64 + c % 4 * 64));
+      i += 1;
+    } else if (utf8 && c >= 0xE0 && c <= 0xEF && i + 2 < text.size()) {
+      all += "\\u" + PlainHex(static_cast<unsigned char>(next / 4 % 16 + c % 16 * 16)) +
+             PlainHex(static_cast<unsigned char>(next % 4 * 64 + third % 64));
+      i += 2;
+    } else {
+      all += "\\u00" + PlainHex(c);
+    }
+  }
+  return all;
+}
+
+// A text of pieces that mean something to one conversion or another.
+string RandomText(std::mt19937* random, size_t length) {
+  static const string pieces[] = {
+      "%",    "%4",    "%41",  "%zz",  "+",    "&",    "&lt;", "&LT",
+      "&#40", "&#41;", "quot", ";",    "amp;", "&gt ", "\xC3", "\xA4",
+      "\xE2", "\x82",  "\xF0", "\xC2", "\x7F", "<a>",  "(\"'", "\\/",
+      " ",    "\t",    "\n",   "\a\b", "é",    "Zz09", "=-_",  string(1, '\0')};
+  string text;
+  while (text.size() < length) text += pieces[(*random)() % std::size(pieces)];
+  text.resize(length);
+  return text;
+}
+
+TEST(Encoders, EqualPlainModelsOnRandomTexts) {
+  constexpr unsigned seed = 7001;
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  TestApplication utf8, other;
+  utf8.SetCharacterSet("utf-8");
+  other.SetCharacterSet("iso-8859-1");
+  for (int i = 0; i < 20000; i++) {
+    const string text = RandomText(&random, random() % 40);
+    ASSERT_EQ(Encode(App::EncodeAttribute, text).text, PlainEncodeAttribute(text)) << text;
+    ASSERT_EQ(Encode(App::DecodeAttribute, text).text, PlainDecodeAttribute(text)) << text;
+    ASSERT_EQ(Encode(App::EncodeEntities, text).text, PlainEncodeEntities(text)) << text;
+    ASSERT_EQ(Encode(App::DecodeEntities, text).text, PlainDecodeEntities(text)) << text;
+    ASSERT_EQ(Encode(App::StripNULLs, text).text, PlainStripNULLs(text)) << text;
+    ASSERT_EQ(EncodeScript(utf8, text).text, PlainScript(text, true)) << text;
+    ASSERT_EQ(EncodeScript(other, text).text, PlainScript(text, false)) << text;
+  }
+}
+
+// Long texts are worked on by parts: what begins in one may end in the next.
+TEST(Encoders, EqualPlainModelsWhereTheirPartsMeet) {
+  constexpr unsigned seed = 7002;
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  TestApplication utf8;
+  utf8.SetCharacterSet("utf-8");
+  for (size_t behind = 0; behind < 30; behind++) {
+    SCOPED_TRACE(behind);
+    // Stands for itself in all of them.
+    const string filler(static_cast<size_t>(RunLimit::Bytes) - behind, 'x');
+    const string end = RandomText(&random, 60);
+    const string text = filler + end;
+    const auto expect = [&filler](const Text& result, const string& plain) {
+      ASSERT_EQ(result.text.size(), filler.size() + plain.size());
+      ASSERT_EQ(result.text.substr(filler.size()), plain);
+    };
+    expect(Encode(App::EncodeAttribute, text), PlainEncodeAttribute(end));
+    expect(Encode(App::DecodeAttribute, text), PlainDecodeAttribute(end));
+    expect(Encode(App::EncodeEntities, text), PlainEncodeEntities(end));
+    expect(Encode(App::DecodeEntities, text), PlainDecodeEntities(end));
+    expect(Encode(App::StripNULLs, text), PlainStripNULLs(end));
+    expect(EncodeScript(utf8, text), PlainScript(end, true));
+  }
+}
+
+// From the last digit to the first, each times a power of the base, in arithmetic that wraps.
+int PlainStoi(const string& text, int* error) {
+  *error = 0;
+  uint32_t factor = 1;
+  uint32_t base = 10;
+  size_t start = 0;
+  if (!text.empty() && text[0] == '-') {
+    factor = 0xFFFFFFFF;
+    start = 1;
+  } else if (text.empty() || text[0] < '0' || text[0] > '9') {
+    *error = 1;
+    return 0;
+  } else if (text.size() >= 3 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X') &&
+             PlainHexDigit(text[2]) >= 0) {
+    base = 16;
+    start = 2;
+  }
+  uint32_t result = 0;
+  for (size_t i = text.size(); i-- > start;) {
+    const int digit = PlainHexDigit(text[i]);
+    if (digit < 0 || digit >= static_cast<int>(base)) {
+      *error = 1;
+      return 0;
+    }
+    result += static_cast<uint32_t>(digit) * factor;
+    factor *= base;
+  }
+  return static_cast<int>(result);
+}
+
+TEST(Stoi, EqualsAPlainModelOnRandomTexts) {
+  constexpr unsigned seed = 7003;
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  const string digits = "0123456789";
+  const string others = "0019-xXaAfFgG. +";
+  int numbers = 0;
+  for (int i = 0; i < 500000; i++) {
+    string text = random() % 3 == 0 ? "-" : random() % 3 == 0 ? "0x" : "";
+    const bool plain = random() % 2;
+    for (size_t more = random() % 14; more > 0; more--) {
+      const string& from = plain ? digits : others;
+      text += from[random() % from.size()];
+    }
+    int error = -1, expected_error = -1;
+    const int expected = PlainStoi(text, &expected_error);
+    ASSERT_EQ(App::stoi(text.data(), static_cast<int>(text.size()), &error), expected) << text;
+    ASSERT_EQ(error, expected_error) << text;
+    numbers += !error;
+  }
+  EXPECT_GT(numbers, 100000);
+}
+
+// The shortest digits that read back as the value, if no more decimals are asked for than they
+// have; else the value itself, which the C library rounds to that many.
+string PlainDtos(double value, int precision) {
+  const string shortest = ShortestPlain(value);
+  const size_t point = shortest.find('.');
+  const size_t decimals = point == string::npos ? 0 : shortest.size() - point - 1;
+  const auto wanted = static_cast<size_t>(precision);
+  if (!shortest.empty() && decimals <= wanted) {
+    string padded = shortest;
+    if (point == string::npos && wanted > 0) padded += '.';
+    return padded + string(wanted - decimals, '0');
+  }
+  char text[512];
+  snprintf(text, sizeof text, "%.*f", precision, value);
+  return text;
+}
+
+TEST(Dtos, EqualsAPlainModelAtEveryPrecision) {
+  constexpr unsigned seed = 7004;
+  SCOPED_TRACE(seed);
+  std::mt19937_64 random(seed);
+  for (int i = 0; i < 300000; i++) {
+    double value;
+    switch (i % 4) {
+      case 0:
+        value = static_cast<double>(static_cast<int>(random() % 2000001) - 1000000) / 1000;
+        break;
+      case 1:
+        value = std::ldexp(static_cast<double>(random() % 4096), -static_cast<int>(random() % 12));
+        break;
+      case 2:
+        value = std::ldexp(static_cast<double>(random() >> 11), -static_cast<int>(random() % 120));
+        break;
+      default:
+        value = -std::ldexp(static_cast<double>(random() >> 11),
+                            static_cast<int>(random() % 200) - 100);
+        break;
+    }
+    const int precision = static_cast<int>(random() % 21);
+    ASSERT_EQ(Dtos(value, precision).text, PlainDtos(value, precision))
+        << Bits(value) << " with " << precision;
+  }
 }
 
 }  // namespace

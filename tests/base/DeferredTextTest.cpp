@@ -4,6 +4,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "base/Variable.h"
 #include "base/VariableRef.h"
 #include "tests/support/GrowthOfTime.h"
+#include "tests/support/Machine.h"
 
 namespace {
 
@@ -373,6 +375,102 @@ TEST(DeferredText, AVariableIsWatchedByAllThatBeganWithIt) {
     int length;
     const std::unique_ptr<char[]> text(texts[i].release()->Release(&length));
     EXPECT_EQ(std::string(text.get()), std::string(150, i % 2 ? 'b' : 'a'));
+  }
+}
+
+// --- Random scripts ------------------------------------------------------------------------------
+
+// Writes statements that build, keep and change texts, and works out what the variables then have.
+// A text that was concatenated is what it was then, whatever becomes of its variables.
+class TextScript {
+ public:
+  explicit TextScript(unsigned seed) : random(seed) {
+    for (int i = 0; i < Variables; i++) source += ".global v" + std::to_string(i) + "\n";
+    for (int i = 0; i < 60; i++) Statement();
+  }
+  string source;
+  string values[4];
+
+ private:
+  static constexpr int Variables = 4;
+
+  size_t Below(size_t limit) { return random() % limit; }
+
+  // Pushes something, and returns its text.
+  string Operand() {
+    switch (Below(6)) {
+      case 0: {
+        const int number = static_cast<int>(Below(2000)) - 1000;
+        source += "pushi " + std::to_string(number) + "\n";
+        return std::to_string(number);
+      }
+      case 1: {
+        const string text(Below(40), static_cast<char>('a' + Below(26)));
+        source += "pushc \"" + text + "\"\n";
+        return text;
+      }
+      case 2: source += "pushf 0.25\n"; return "0.25";
+      default: {
+        const size_t which = Below(Variables);
+        source += "pushg v" + std::to_string(which) + "\n";
+        return values[which];
+      }
+    }
+  }
+  void Store(size_t which, const string& text) {
+    source += "popg v" + std::to_string(which) + "\n";
+    values[which] = text;
+  }
+  // Leaves a concatenation on the stack. Variables change while it is there.
+  string Concatenation(int depth) {
+    string text = Operand();
+    text += Operand();
+    source += "cat\n";
+    for (size_t more = Below(4); more > 0; more--) {
+      if (depth > 0 && Below(3) == 0) {
+        const size_t which = Below(Variables);
+        Store(which, Concatenation(depth - 1));
+      }
+      if (depth > 0 && Below(4) == 0) {
+        text += Concatenation(depth - 1);
+      } else {
+        text += Operand();
+      }
+      source += "cat\n";
+    }
+    return text;
+  }
+  void Statement() {
+    const size_t which = Below(Variables);
+    // Texts stay of a length that tests can have.
+    if (values[which].size() > 3000 || Below(12) == 0) {
+      source += "pushc \"" + string(150, 'z') + "\"\n";
+      Store(which, string(150, 'z'));
+    } else if (Below(2)) {
+      source += "pushg v" + std::to_string(which) + "\n";
+      string text = values[which];
+      text += Operand();
+      source += "cat\n";
+      Store(which, text);
+    } else {
+      Store(which, Concatenation(2));
+    }
+  }
+
+  std::mt19937 random;
+};
+
+TEST(DeferredText, RandomScriptsLeaveWhatCopiesWould) {
+  for (unsigned seed = 1; seed <= 500; seed++) {
+    SCOPED_TRACE(seed);
+    const TextScript script(seed);
+    Machine machine;
+    machine.Assemble(script.source);
+    ASSERT_EQ(machine.Go(), 1) << machine.Error();
+    for (int i = 0; i < 4; i++) {
+      Variable* variable = machine.GlobalVariable(("v" + std::to_string(i)).c_str());
+      ASSERT_EQ(variable ? Machine::Text(*variable) : "", script.values[i]) << "v" << i;
+    }
   }
 }
 

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 #include <memory>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -1235,6 +1236,130 @@ TEST(VariableRef, GivesItsCountBackOnce) {
   }
   EXPECT_EQ(deletions, 1);
   EXPECT_FALSE(VariableRef::Share(nullptr));
+}
+
+// --- A plain model of the text of a value --------------------------------------------------------
+
+// A value in the plainest words: a text, elements in the order of their keys, or a reference.
+struct PlainValue {
+  enum { IsText, IsAggregate, IsReference } kind = IsText;
+  string text;
+  std::vector<PlainValue> elements;
+  PlainValue* target = nullptr;
+
+  // What is appended, with the size that the buffer is said to have.
+  void Serialize(string* out, int* allocated) const {
+    if (kind == IsAggregate) {
+      for (const PlainValue& element : elements) element.Serialize(out, allocated);
+      return;
+    }
+    if (!out->empty()) {
+      if (static_cast<int>(out->size()) + 2 >= *allocated) *allocated = (*allocated / 24 + 1) * 24;
+      *out += ',';
+    }
+    const string added = kind == IsText ? text : target->Value();
+    const int total = static_cast<int>(out->size() + added.size());
+    if (total >= *allocated) *allocated = (total / 24 + 1) * 24;
+    *out += added;
+  }
+  string Value(int* allocated = nullptr) const {
+    if (kind == IsText) return text;
+    if (kind == IsReference) return target->Value();
+    string out;
+    int size = 24;
+    Serialize(&out, &size);
+    if (allocated) *allocated = size;
+    return out;
+  }
+};
+
+// Makes a value and its model. What it refers to was made before it.
+class ValueMaker {
+ public:
+  explicit ValueMaker(unsigned seed) : random(seed) {}
+
+  void Make(Variable* variable, PlainValue* model, int depth) {
+    const unsigned kind = random() % 8;
+    if (depth > 0 && kind < 3) {
+      MakeAggregate(variable, model, depth);
+    } else if (kind == 3 && !targets.empty()) {
+      const size_t which = random() % targets.size();
+      model->kind = PlainValue::IsReference;
+      model->target = models[which].get();
+      variable->Make_Reference(targets[which].get());
+    } else if (kind == 4) {
+      const int number = static_cast<int>(random() % 1000) - 500;
+      variable->SetValue_Integer(number);
+      model->text = std::to_string(number);
+    } else if (kind == 5) {
+      variable->SetValue_Double(static_cast<double>(random() % 1000) + 0.5);
+      model->text = std::to_string(static_cast<int>(variable->value_double())) + ".5";
+    } else if (kind != 6) {
+      model->text =
+          string(random() % 4 == 0 ? 0 : random() % 30, static_cast<char>('a' + random() % 26));
+      Set(variable, model->text);
+    }
+  }
+  // Keeps a value for others to refer to.
+  void AddTarget() {
+    VariableRef target = New();
+    auto model = std::make_unique<PlainValue>();
+    Make(target.get(), model.get(), 2);
+    targets.push_back(std::move(target));
+    models.push_back(std::move(model));
+  }
+
+ private:
+  void MakeAggregate(Variable* variable, PlainValue* model, int depth) {
+    model->kind = PlainValue::IsAggregate;
+    const bool array = random() % 2;
+    variable->Convert_Aggregate(array ? AggregateArray : AggregateStructure);
+    // Around the count from which trees are walked in another way, now and then.
+    size_t count = random() % 6;
+    if (depth == 3 && random() % 4 == 0) count = 97 + random() % 6;
+    model->elements.resize(count);
+    const unsigned step = random() % 2 + 1;
+    for (size_t i = 0; i < count; i++) {
+      char name[16];
+      snprintf(name, sizeof name, i % 2 ? "M%03zu" : "m%03zu", i);
+      Variable* element =
+          array ? variable->Element(AggregateIndex(static_cast<int>((i + 1) * step)), 1)
+                : variable->Element(AggregateIndex(name, 4), 1);
+      Make(element, &model->elements[i], depth - 1);
+    }
+  }
+
+  std::mt19937 random;
+  std::vector<VariableRef> targets;
+  std::vector<std::unique_ptr<PlainValue>> models;
+};
+
+TEST(VariableSerialize, EqualsAPlainModelForRandomValues) {
+  for (unsigned seed = 1; seed <= 3000; seed++) {
+    SCOPED_TRACE(seed);
+    ValueMaker maker(seed);
+    for (unsigned i = 0; i < seed % 4; i++) maker.AddTarget();
+    PlainValue model;
+    const VariableRef variable = New();
+    maker.Make(variable.get(), &model, 3);
+    for (int reading = 0; reading < 2; reading++) {
+      int allocated = 24;
+      const string expected = model.Value(&allocated);
+      ASSERT_EQ(Value(variable), expected);
+      // A buffer that is there already is used again, and none becomes smaller.
+      if (model.kind == PlainValue::IsAggregate && reading == 0) {
+        ASSERT_EQ(variable->value().allocated, allocated);
+      }
+    }
+    // A copy has the same text, but for references, which it has resolved.
+    const VariableRef copy(new Variable(*variable));
+    string out = "before";
+    String copied("before", 6);
+    int ignored = 24;
+    model.Serialize(&out, &ignored);
+    variable->Serialize(copied);
+    ASSERT_EQ(Text(copied), out);
+  }
 }
 
 }  // namespace
