@@ -5,7 +5,8 @@
 
 #include <cstddef>
 
-// The bytes that may be used of a buffer made with new char[]: at least those asked for.
+// The bytes that may be used of a buffer made with new char[]: at least those asked for, or 0 where
+// that cannot be told.
 size_t BufferRoom(const char* buffer);
 
 // Makes room for that many bytes, in a larger buffer if the one given can't become it, which is

@@ -60,15 +60,16 @@ String ZephVM::ErrorPrefix(const char* kind, const char* tag) {
 }
 
 int ZephVM::FatalError(const String& message) {
-  error_text = ErrorPrefix("Fatal error in ", nullptr);
-  error_text.cat(message.data, message.length);
-  error_text.cat('\n');
+  // First: there may be no memory for the text.
   stop_flag = true;
   // A stack reports to its own machine, and ends those that work on it too. Two files that call
   // each other are guests of one another.
   for (ZephVM* other = guest; other && !other->stop_flag; other = other->guest) {
     other->stop_flag = true;
   }
+  error_text = ErrorPrefix("Fatal error in ", nullptr);
+  error_text.cat(message.data, message.length);
+  error_text.cat('\n');
   application->Error(error_text);
   if (WantsLog(Log_FatalError)) WriteLog(Log_FatalError, {LogText(error_text)});
   return 0;

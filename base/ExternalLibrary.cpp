@@ -30,6 +30,11 @@ thread_local ThreadError manager_error;
 
 }  // namespace
 
+void ExternalLibrary::PrepareThread() {
+  library_error.owner = nullptr;
+  manager_error.owner = nullptr;
+}
+
 ExternalLibrary::ExternalLibrary() = default;
 
 ExternalLibrary::~ExternalLibrary() {

@@ -12,6 +12,9 @@
 // each thread apart, since several requests use one library at once.
 class ExternalLibrary {
  public:
+  // Makes what a thread needs for error().
+  static void PrepareThread();
+
   ExternalLibrary();
   virtual ~ExternalLibrary();
   ExternalLibrary(const ExternalLibrary&) = delete;

@@ -8,46 +8,60 @@
 #include <cstddef>
 #include <new>
 
+// What the lists of a thread have in common. They are open from ThreadMemory::Prepare to the end of
+// the thread: elsewhere all blocks come from the heap and go there. To open a list takes no memory.
+class FreeLists {
+ public:
+  // Lets the thread keep blocks.
+  static void Open() { open = true; }
+  // Gives all blocks back. The lists stay as open as they were.
+  static void Trim();
+  // Gives all blocks back, and keeps none any more.
+  static void Close() {
+    open = false;
+    Trim();
+  }
+
+ protected:
+  struct Block {
+    Block* next;
+  };
+  struct List {
+    Block* head = nullptr;
+    int room = 0;  // blocks that may still be kept
+    List* next_used = nullptr;
+  };
+
+  static constinit inline thread_local bool open = false;
+  static constinit inline thread_local List* used = nullptr;  // those that may have blocks
+};
+
 // Blocks of one size. A class uses it in its operators new and delete. A block may be freed by
 // another thread than the one that took it; it then serves there.
 template <size_t Size>
-class FreeList {
+class FreeList : public FreeLists {
  public:
   static void* Allocate() {
-    Block* block = head;
+    Block* block = list.head;
     if (!block) return ::operator new(Size);
-    head = block->next;
-    room++;
+    list.head = block->next;
+    list.room++;
     return block;
   }
 
   static void Free(void* memory) {
-    if (room == 0 && !Open()) {
+    if (list.room == 0 && !MakeRoom()) {
       ::operator delete(memory);
       return;
     }
-    room--;
+    list.room--;
     auto* block = static_cast<Block*>(memory);
-    block->next = head;
-    head = block;
+    block->next = list.head;
+    list.head = block;
   }
 
  private:
-  struct Block {
-    Block* next;
-  };
   static_assert(Size >= sizeof(Block));
-
-  // Gives the blocks back when the thread ends. What is freed after that goes to the heap.
-  struct Closer {
-    ~Closer() {
-      while (Block* block = head) {
-        head = block->next;
-        ::operator delete(block);
-      }
-      room = 0;
-    }
-  };
 
   // With the address sanitizer nothing is kept: it has to see each use after a deletion.
 #if defined(__SANITIZE_ADDRESS__)
@@ -62,19 +76,16 @@ class FreeList {
   static constexpr int Limit = 2048;
 #endif
 
-  // The list is open from the first free on. False when it is full, or closed already.
-  static bool Open() {
-    if (opened) return false;
-    opened = true;
-    static thread_local Closer closer;
-    (void)closer;
-    room = Limit;
-    return Limit > 0;
+  // False when the list is full, or not to be used.
+  static bool MakeRoom() {
+    if (list.head || !open || Limit == 0) return false;
+    list.room = Limit;
+    list.next_used = used;
+    used = &list;
+    return true;
   }
 
-  static constinit inline thread_local Block* head = nullptr;
-  static constinit inline thread_local int room = 0;  // blocks that may still be kept
-  static constinit inline thread_local bool opened = false;
+  static constinit inline thread_local List list;
 };
 
 // The operators of a class whose objects of exactly that size come from a list. Objects of derived

@@ -18,6 +18,7 @@ enum ConfigKind : int {
   ConfigKind_Integer = 0x1000000,
   ConfigKind_Text = 0x2000000,
   ConfigKind_Mask = 0xF000000,
+  ConfigKind_Hidden = 0x800000,  // beside a kind: not for scripts
 };
 
 // One row of the list of settings. A text setting has default_integer 0; an integer setting has

@@ -570,6 +570,7 @@ void ConfigurationAggregateVariable::Refresh() {
   loaded = true;
   Convert_Aggregate(AggregateStructure);
   for (const ConfigSetting& setting : config_settings) {
+    if (setting.id & ConfigKind_Hidden) continue;
     AddMember(setting.name, new ConfigurationVariable(setting.name, application, setting.id));
   }
   static const struct {

@@ -43,6 +43,10 @@ thread_local std::unique_ptr<char[]> spare_window;
 
 }  // namespace
 
+void TaggedFile::PrepareThread() {
+  spare_window.reset();
+}
+
 TaggedFile::TaggedFile(FileManager* manager) : filemanager(manager) {}
 
 TaggedFile::TaggedFile(const unsigned char* bytes, int length)
@@ -80,13 +84,25 @@ bool TaggedFile::Open(const char* name, int mode) {
 }
 
 bool TaggedFile::Open(const char* name, File* opened) {
+  // The file stays the caller's unless it is a good one, also if memory runs out on the way.
+  struct Attempt {
+    ~Attempt() {
+      if (good) return;
+      self->file = nullptr;
+      self->Forget();
+    }
+    TaggedFile* self;
+    bool good = false;
+  };
   Close();
-  file = opened;
   file_name.assign(name);
-  if (Header_Read() && Directory_Read()) return true;
-  file = nullptr;
+  {
+    Attempt attempt{this};
+    file = opened;
+    attempt.good = Header_Read() && Directory_Read();
+    if (attempt.good) return true;
+  }
   file_name.assign("");
-  Forget();
   return false;
 }
 

@@ -35,6 +35,9 @@ class TaggedFile {
   static constexpr unsigned OldestVersion = 0x10001;
   static constexpr unsigned NewestVersion = 0x1000B;
 
+  // Makes what a thread needs to keep a window for its next file.
+  static void PrepareThread();
+
   // Borrows the manager. No file is held yet.
   explicit TaggedFile(FileManager* filemanager);
   // Bytes that were kept from a section, borrowed, as a section that is selected and read from its

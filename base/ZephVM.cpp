@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <new>
 
 #include "base/Capture.h"
 #include "base/Config.h"
@@ -24,6 +25,7 @@
 #include "base/PoppedString.h"
 #include "base/RunLimit.h"
 #include "base/Segment.h"
+#include "base/ThreadMemory.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
 #include "base/VariableRef.h"
@@ -87,28 +89,42 @@ ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* host, Dictiona
       null_variable(new NULLVariable),
       parent(parent_machine),
       root(parent_machine ? parent_machine->root : this) {
-  CopyDefaultErrorSettings(tag_errors);
-  MakeBaseFrame();
-  segment = segments->Start();
-  code = segment->code();
-  code_length = segment->length();
-  wanted_segment = loaded_segment = segment->number();
-  SetScriptDirectory();
   if (parent) {
     if (!heartbeat_counter) heartbeat_counter = parent->heartbeat_counter;
     if (!timed_out) timed_out = parent->timed_out;
     if (!exit_flag) exit_flag = parent->exit_flag;
     parent->children++;
   }
-  // A run whose records would go nowhere does not ask at every call.
-  if ((dictionary->flags() & 1) == 0 && !application->logsuppressed()) {
-    log_mask = static_cast<unsigned>(application->config()->value_integer(Config_log_level));
+  try {
+    CopyDefaultErrorSettings(tag_errors);
+    MakeBaseFrame();
+    segment = segments->Start();
+    code = segment->code();
+    code_length = segment->length();
+    wanted_segment = loaded_segment = segment->number();
+    SetScriptDirectory();
+    // A run whose records would go nowhere does not ask at every call.
+    if ((dictionary->flags() & 1) == 0 && !application->logsuppressed()) {
+      log_mask = static_cast<unsigned>(application->config()->value_integer(Config_log_level));
+    }
+  } catch (const std::bad_alloc&) {
+    End();
+    throw;
   }
 }
 
 ZephVM::~ZephVM() {
+  End();
+}
+
+// Also of a machine that was not made to its end.
+void ZephVM::End() {
   // While the machine can still run functions: libraries may do so to free what they left.
-  if (external_calls) external_calls->MachineEnds(this, parent);
+  try {
+    if (external_calls) external_calls->MachineEnds(this, parent);
+  } catch (const std::bad_alloc&) {
+    OutOfMemory();
+  }
   DeleteFrames();
   null_variable->DecRefCount();
   features.DeleteAll();
@@ -149,13 +165,36 @@ void ZephVM::SetScriptDirectory() {
 
 // --- The loop ------------------------------------------------------------------------------------
 
+// What a handler has in its hands is in guards, all else is the machine's, its frames' and stacks'.
+// So the run ends as with any other error: code that has asked for it sees it fail.
+int ZephVM::Go() {
+  const bool hot = in_hot;
+  try {
+    return Loop();
+  } catch (const std::bad_alloc&) {
+    in_hot = hot;
+    return OutOfMemory();
+  }
+}
+
+int ZephVM::OutOfMemory() {
+  hot_mode = NoMode;
+  ThreadMemory::Exhausted(script_path.data ? script_path.data : "", script_path.length);
+  try {
+    FatalError("Out of memory");
+  } catch (const std::bad_alloc&) {
+    // Not even for the message.
+  }
+  return 0;
+}
+
 // One pass is one instruction. The whole word decides, but the switch is on its slot, which is
 // dense; a word that only shares a slot with an instruction is none. Frequent instructions stand
 // here, in line, and work on the program counter in a local variable; the others are called, and
 // may change anything: counter, segment, frame, stack and the flags.
 //
 // The flags of the host and of the machine are looked at before each instruction, all in one test.
-int ZephVM::Go() {
+int ZephVM::Loop() {
   int* const beats = heartbeat_counter;
   int* const over = timed_out;
   int* const ended = exit_flag;

@@ -181,6 +181,9 @@ class ZephVM {
   // The code or the state of the machine is wrong: the message goes to the client and the run ends.
   // Answers 0.
   int FatalError(const String& message);
+  // The fatal error of whoever has met std::bad_alloc in a run. A line on standard error tells the
+  // operator. Answers 0, and lets nothing through.
+  int OutOfMemory();
   // A tag of the script has failed: whether the message is shown and the run ends is for the tag's
   // settings to say. The bare message is left in the tag's error variable.
   void RuntimeError(int tag, const String& message);
@@ -234,8 +237,12 @@ class ZephVM {
  private:
   enum class Pass { Continue, Normal };
 
+  // Go, but for the end of the memory.
+  int Loop();
+
   friend class MachineClone;
 
+  void End();
   void MakeBaseFrame();
   void DeleteFrames();
   void CloneFrames(ZephVM& source);

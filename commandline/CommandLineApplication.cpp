@@ -74,6 +74,7 @@ int CommandLineApplication::Go(const Options& options) {
   MachineScope scope(this);
   String path;
   if (!Prepare(options, &tagged, &path)) return 1;
+  LimitMemory();
   ProcessLogSettings();
   // Somebody who looks on sees each write at once.
   auto* standard_output = new CommandLineOutput(this, isatty(STDOUT_FILENO) ? 0 : 1,

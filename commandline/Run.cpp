@@ -10,6 +10,7 @@
 #include <new>
 
 #include "base/Mutex.h"
+#include "base/ThreadMemory.h"
 #include "base/Variable.h"
 #include "base/systems/unix/ScriptThread.h"
 #include "base/systems/unix/UNIXExternalLibrary.h"
@@ -75,6 +76,7 @@ class ScriptRun {
 
 void ScriptRun::Body() {
   UNIXExternalLibraryManager libraries;
+  const ThreadMemory::Run run;
   try {
     CommandLineApplication application(argc, argv, &libraries);
     Current scope(this, &application);

@@ -10,10 +10,12 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <new>
 
 #include "base/ExternalConfig.h"
 #include "base/RunLimit.h"
 #include "base/TaggedFile.h"
+#include "base/ThreadMemory.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
 #include "base/ZephVM.h"
@@ -59,12 +61,24 @@ int FastCGIApplication::Go(FastCGIThread* thread) {
   return Run(&tagged);
 }
 
+// The machine sees to its own script. What else asks for more than there is, a script file or a
+// form, is told here.
 int FastCGIApplication::Run(TaggedFile* tagged) {
+  String path;
+  try {
+    return RunStages(tagged, &path);
+  } catch (const std::bad_alloc&) {
+    ThreadMemory::Exhausted(path.data ? path.data : "", path.length);
+    Error("Out of memory");
+    return 1;
+  }
+}
+
+int FastCGIApplication::RunStages(TaggedFile* tagged, String* path) {
   auto* response = static_cast<FastCGIOutput*>(current_output);
   response->SetConfig(configuration);
-  String path;
-  if (!Prepare(tagged, &path)) return 1;
-  MakeMachine(&tables, tagged, path);
+  if (!Prepare(tagged, path)) return 1;
+  MakeMachine(&tables, tagged, *path);
   if (!AddVariables()) return 1;
   OutputHeaders();
   tables.system_variables->SetLateVariables(request_variables.release());
@@ -108,11 +122,14 @@ void FastCGIApplication::ConfigurationError(const String& text) {
 int FastCGIApplication::BeginAsynchronousTask(ZephVM* machine) {
   const int most = configuration->value_integer(Config_max_async_tasks);
   if (most != 0 && started_tasks >= most) return AsynchronousTask_LimitReached;
+  const int64_t before = ThreadMemory::Used();
   auto task = std::make_unique<FastCGIAsynchronousApplication>(this, machine);
+  const int64_t given = ThreadMemory::Used() - before;
   // The time may have passed while the copies were made: then they are not whole.
   if (RunLimit::WasCut()) return AsynchronousTask_Failed;
   started_tasks++;
-  thread_manager->StartAsynchronousThread(task.release());
+  task->SetMemory(given);
+  if (thread_manager->StartAsynchronousThread(task.release()) == 0) ThreadMemory::HandOver(given);
   return AsynchronousTask_Started;
 }
 

@@ -40,6 +40,7 @@ class FastCGIApplication : public FastCGIBaseApplication {
   const char* Parameter(const char* name) const;
 
   int Run(TaggedFile* tagged);
+  int RunStages(TaggedFile* tagged, String* path);
   bool Prepare(TaggedFile* tagged, String* path);
 
   // Stages. The configuration (fastcgi/FastCGIConfiguration.cpp):

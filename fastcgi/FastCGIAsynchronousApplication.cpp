@@ -8,6 +8,7 @@
 #include <new>
 
 #include "base/Config.h"
+#include "base/ThreadMemory.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
 #include "base/ZephVM.h"
@@ -41,6 +42,7 @@ FastCGIAsynchronousApplication::~FastCGIAsynchronousApplication() {
 int FastCGIAsynchronousApplication::Go(FastCGIThread* thread) {
   thread_id = static_cast<int>(thread->number());
   vm->SystemVariables()->SetVariable(new ImmutableVariable("thread_id", -1, thread_id));
+  LimitMemory();
   ResetGlobalTimeout();
   return vm->Go();
 }
@@ -111,13 +113,17 @@ void* FastCGIAsynchronousThread(void* argument) {
   auto* thread = static_cast<FastCGITaskThread*>(argument);
   std::unique_ptr<FastCGIAsynchronousApplication> application(
       static_cast<FastCGIAsynchronousApplication*>(thread->argument()));
-  try {
-    CurrentApplication current(thread, application.get());
-    application->Go(thread);
-  } catch (const std::bad_alloc&) {
+  {
+    const ThreadMemory::Run run(application->memory());
+    try {
+      CurrentApplication current(thread, application.get());
+      application->Go(thread);
+    } catch (const std::bad_alloc&) {
+      ThreadMemory::Exhausted("task", 4);
+    }
+    application.reset();
+    Variable::FreeCycles();
   }
-  application.reset();
-  Variable::FreeCycles();
   thread->Exit();
   return nullptr;
 }

@@ -17,6 +17,10 @@ class FastCGIAsynchronousApplication : public FastCGIBaseApplication {
   FastCGIAsynchronousApplication(FastCGIBaseApplication* source, ZephVM* machine);
   ~FastCGIAsynchronousApplication() override;
 
+  // What the copies take of the heap: it counts as the task's.
+  void SetMemory(int64_t bytes) { memory_bytes = bytes; }
+  int64_t memory() const { return memory_bytes; }
+
   // Runs the block: what ZephVM::Go answers.
   int Go(FastCGIThread* thread);
 
@@ -33,6 +37,8 @@ class FastCGIAsynchronousApplication : public FastCGIBaseApplication {
   bool SleepUntil(long wakeat, Zeph_PathType type, const char* path, long before);
   long ModifiedTime(Zeph_PathType type, const char* path);
   void SetDeadline(long seconds) REQUIRES(application_mutex);
+
+  int64_t memory_bytes = 0;
 };
 
 // The body of a task's thread. The argument is the FastCGIThread, whose own argument is the

@@ -75,6 +75,7 @@ bool FastCGIApplication::ProcessConfiguration() {
     return false;
   }
   file_manager->KeepDescriptors(thread_manager->DescriptorReserve());
+  LimitMemory();
   ProcessLogSettings();
   if (FastCGIConnection* connection = FastCGIConnection::Current()) {
     connection->LimitWrites(configuration->value_integer(Config_timeout_global));

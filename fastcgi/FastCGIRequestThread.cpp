@@ -5,8 +5,10 @@
 #include <fcgiapp.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <new>
 
+#include "base/ThreadMemory.h"
 #include "base/Variable.h"
 #include "fastcgi/FastCGIApplication.h"
 #include "fastcgi/FastCGIConnection.h"
@@ -24,6 +26,28 @@ bool IsPassing(int error) {
 const std::chrono::milliseconds kShortage(100);
 const int kDrained = 1 << 20;
 const std::chrono::seconds kDrainTime(2);
+
+// libfcgi takes its blocks for a request without a look whether it has got them. What it takes is
+// given back to the store of the thread when the request ends, and found there for the next one; so
+// it is enough that the store has something of all sizes to begin with, and after a run that has
+// used up the memory. False when there is none now.
+bool KeepBlocks() {
+  static const struct {
+    size_t size;
+    int count;
+  } sizes[] = {{16, 16},  {32, 64},  {48, 64},  {64, 32},  {80, 16},  {96, 16},
+               {112, 16}, {128, 16}, {192, 8},  {256, 8},  {512, 4},  {1024, 4},
+               {2048, 2}, {4096, 2}, {8192, 4}, {8256, 4}, {10240, 4}};
+  const int kMost = 64;
+  void* blocks[kMost];
+  for (const auto& row : sizes) {
+    int taken = 0;
+    while (taken < row.count && (blocks[taken] = malloc(row.size))) taken++;
+    for (int i = 0; i < taken; i++) free(blocks[i]);
+    if (taken < row.count) return false;
+  }
+  return true;
+}
 
 // What the script has not read of the request's input, and at least the record that ends it, would
 // be met where the next request is to begin. A connection with much of it left, or on which it does
@@ -65,6 +89,7 @@ bool IsWhole(const FCGX_Request& request) {
 // request, not the process.
 void Answer(FastCGITaskThread* thread, _FastCGIMainArgs* arguments, FastCGIThreadManager* manager,
             FCGX_Request* request) {
+  const ThreadMemory::Run run;
   try {
     FastCGIApplication application(arguments->argument_count, arguments->arguments,
                                    arguments->copied_argument_count, arguments->copied_arguments,
@@ -73,6 +98,7 @@ void Answer(FastCGITaskThread* thread, _FastCGIMainArgs* arguments, FastCGIThrea
     CurrentApplication current(thread, &application);
     application.Go(thread);
   } catch (const std::bad_alloc&) {
+    ThreadMemory::Exhausted("request", 7);
   }
   // Values that the script tied into circles are held by nobody now.
   Variable::FreeCycles();
@@ -86,7 +112,16 @@ void* FastCGIRequestThread(void* argument) {
   FastCGIConnection connection(thread->Manager());
   FCGX_Request request;
   FCGX_InitRequest(&request, 0, FCGI_FAIL_ACCEPT_ON_INTR);
+  bool first = true;
   while (!FastCGIShutdownPending.load()) {
+    if (first || ThreadMemory::RanShort()) {
+      if (!KeepBlocks()) {
+        thread->WaitForStop(std::chrono::system_clock::now() + kShortage);
+        if (thread->Stopped()) break;
+        continue;
+      }
+      first = false;
+    }
     int result = connection.AcceptRequest(&request);
     if (result == -EINTR) continue;
     if (IsPassing(-result) && !FastCGIShutdownPending.load()) {

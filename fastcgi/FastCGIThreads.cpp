@@ -15,7 +15,9 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
 
+#include "base/ThreadMemory.h"
 #include "base/systems/unix/ScriptThread.h"
 #include "fastcgi/FastCGIAsynchronousApplication.h"
 #include "fastcgi/FastCGIRequestThread.h"
@@ -87,6 +89,7 @@ void* FastCGIHeartbeatThread(void* argument) {
       manager->Cancelled();
     }
     manager->Heartbeat(time(nullptr));
+    GiveUnusedMemoryBack();
     next += kBeat;
   }
   manager->Cancelled();
@@ -173,7 +176,7 @@ void FastCGITaskThread::Cancelled() {
 // --- FastCGIThreadManager ------------------------------------------------------------------------
 
 FastCGIThreadManager::FastCGIThreadManager()
-    : threads(1), heartbeat_thread(0, this, FastCGIHeartbeatThread, this), exited(0) {}
+    : threads(1), heartbeat_thread(0, this, FastCGIHeartbeatThread, this) {}
 
 FastCGIThreadManager::~FastCGIThreadManager() = default;
 
@@ -206,8 +209,9 @@ int FastCGIThreadManager::StartRequestThread(_FastCGIMainArgs* arguments) {
 }
 
 int FastCGIThreadManager::StartAsynchronousThread(FastCGIAsynchronousApplication* task) {
+  std::unique_ptr<FastCGIAsynchronousApplication> owned(task);
   const int result = StartTaskThread(FastCGIAsynchronousThread, task);
-  if (result != 0) delete task;
+  if (result == 0) (void)owned.release();
   return result;
 }
 
@@ -215,8 +219,9 @@ int FastCGIThreadManager::StartTaskThread(FastCGIThread::StartRoutine routine, v
   // Held until the thread exists: the list must not be walked with a thread in it that has no
   // handle yet.
   MutexGuard guard(manager_mutex);
-  auto* thread = new FastCGITaskThread(++last_number, this, routine, argument);
-  threads.Insert(thread, ListTail);
+  auto made = std::make_unique<FastCGITaskThread>(++last_number, this, routine, argument);
+  threads.Insert(made.get(), ListTail);
+  FastCGITaskThread* thread = made.release();
   int result = thread->Start();
   if (result != 0) delete threads.Remove(ListTail);
   return result;
@@ -245,13 +250,11 @@ void FastCGIThreadManager::Run() {
   pthread_join(heartbeat_thread.handle(), nullptr);
 }
 
-// The exited thread that is still in the list, or null.
+// An exited thread that is still in the list, or null.
 FastCGIThread* FastCGIThreadManager::NextExited() {
-  while (exited.Top()) {
-    FastCGIThread* thread = exited.Pop();
-    if (threads.Seek(thread)) return thread;
-  }
-  return nullptr;
+  FastCGIThread* thread = threads.First();
+  while (thread && !thread->exited) thread = threads.Next();
+  return thread;
 }
 
 void FastCGIThreadManager::WaitForExit() {
@@ -301,6 +304,6 @@ void FastCGIThreadManager::Heartbeat(long now) {
 
 void FastCGIThreadManager::ThreadExited(FastCGIThread* thread) {
   MutexGuard guard(manager_mutex);
-  exited.Push(thread);
+  thread->exited = true;
   condition.Signal();
 }

@@ -74,6 +74,9 @@ class FastCGIThread {
   Mutex stop_mutex;
   Condition stop_condition;
   bool stop GUARDED_BY(stop_mutex) = false;
+  bool exited = false;  // the manager's, under its mutex
+
+  friend class FastCGIThreadManager;
 };
 
 // A thread that runs scripts. Its application comes and goes under the application mutex, so that
@@ -161,7 +164,6 @@ class FastCGIThreadManager {
   Condition condition;
   List<FastCGIThread> threads GUARDED_BY(manager_mutex);
   FastCGIThread heartbeat_thread;
-  Stack<FastCGIThread> exited GUARDED_BY(manager_mutex);
   std::atomic<bool> shutdown{false};
   std::atomic<bool> peers_given_up{false};
   unsigned last_number GUARDED_BY(manager_mutex) = 1;

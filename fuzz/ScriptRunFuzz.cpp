@@ -3,8 +3,6 @@
 //
 //   ScriptRunFuzz -max_len=8000 -rss_limit_mb=4000 -malloc_limit_mb=2000 CORPUS
 
-#include <malloc.h>
-
 #include <atomic>
 #include <cmath>
 #include <condition_variable>
@@ -21,6 +19,7 @@
 #include "base/ExternalLibrary.h"
 #include "base/LogRecord.h"
 #include "base/SpecialVariable.h"
+#include "base/ThreadMemory.h"
 #include "base/UFCrypt.h"
 #include "base/Variable.h"
 #include "base/VariableRef.h"
@@ -38,48 +37,6 @@
 // A script may ask for any amount of memory. It gets this much, and std::bad_alloc for what is
 // beyond it, which is no finding.
 static constexpr long memory_limit = 600L << 20;
-static std::atomic<long> memory_used{0};
-
-static void* Take(size_t size) {
-  void* memory = size > static_cast<size_t>(memory_limit) ? nullptr : malloc(size);
-  if (!memory) throw std::bad_alloc();
-  long taken = static_cast<long>(malloc_usable_size(memory));
-  if (memory_used.fetch_add(taken) + taken > memory_limit) {
-    memory_used -= taken;
-    free(memory);
-    throw std::bad_alloc();
-  }
-  return memory;
-}
-static void Give(void* memory) {
-  if (memory) memory_used -= static_cast<long>(malloc_usable_size(memory));
-  free(memory);
-}
-
-void* operator new(size_t size) {
-  return Take(size);
-}
-void* operator new[](size_t size) {
-  return Take(size);
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return malloc(size);
-}
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-  return malloc(size);
-}
-void operator delete(void* memory) noexcept {
-  Give(memory);
-}
-void operator delete[](void* memory) noexcept {
-  Give(memory);
-}
-void operator delete(void* memory, size_t) noexcept {
-  Give(memory);
-}
-void operator delete[](void* memory, size_t) noexcept {
-  Give(memory);
-}
 
 namespace {
 
@@ -360,6 +317,8 @@ extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Watchdog* const watchdog = new Watchdog;
+  const ThreadMemory::Run run;
+  ThreadMemory::SetLimit(memory_limit);
   try {
     Run(std::string(reinterpret_cast<const char*>(data), size), watchdog);
   } catch (const std::bad_alloc&) {

@@ -49,12 +49,24 @@ TEST(FreeList, DerivedObjectsAreFreedAsWhatTheyAre) {
 TEST(FreeList, BlocksCrossThreadsAndAreGivenBackAtTheirEnd) {
   std::vector<Small*> passed;
   std::thread([&] {
+    FreeLists::Open();
     for (int i = 0; i < 3000; i++) passed.push_back(new Small);
     delete new Small;
+    FreeLists::Close();
   }).join();
   std::thread([&] {
+    FreeLists::Open();
     for (Small* small : passed) delete small;
+    FreeLists::Close();
   }).join();
+}
+
+TEST(FreeList, ATrimmedListKeepsBlocksAgain) {
+  for (int round = 0; round < 3; round++) {
+    for (int i = 0; i < 100; i++) delete new Small;
+    FreeLists::Trim();
+  }
+  delete new Small;
 }
 
 struct LateFree {
@@ -64,10 +76,11 @@ struct LateFree {
 
 TEST(FreeList, WhatIsFreedAfterTheListIsClosedGoesToTheHeap) {
   std::thread([] {
-    // Made first, so its destructor runs after that of the list.
     static thread_local LateFree late;
     EXPECT_NE(late.small, nullptr);
+    FreeLists::Open();
     delete new Small;
+    FreeLists::Close();
   }).join();
 }
 

@@ -233,6 +233,13 @@ int EngineProcess::Threads() const {
   return CountOfEntries("task");
 }
 
+long EngineProcess::ResidentBytes() const {
+  std::istringstream pages(ReadWhole("/proc/" + std::to_string(process) + "/statm"));
+  long all = 0, resident = 0;
+  pages >> all >> resident;
+  return resident * sysconf(_SC_PAGESIZE);
+}
+
 int EngineProcess::WaitForThreads(int wanted, Milliseconds timeout) const {
   Eventually(timeout, [&] { return Threads() == wanted; });
   return Threads();

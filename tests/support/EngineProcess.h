@@ -53,7 +53,7 @@ class EngineProcess {
   // How many descriptors it may have at first; 0 leaves the limit alone.
   unsigned descriptor_limit = 0;
   // Bytes of address space that it may have, and the size of stacks that the system starts it with;
-  // 0 leaves them alone.
+  // 0 leaves them alone. The sanitizers need more address space than any machine has.
   unsigned long address_space_limit = 0;
   unsigned long stack_limit = 0;
 
@@ -93,6 +93,8 @@ class EngineProcess {
   // The count of its threads; the second waits until it is the wanted one, and answers the last
   // count seen.
   int Threads() const;
+  // Bytes of memory that it has in use, as the system counts them.
+  long ResidentBytes() const;
   int WaitForThreads(int wanted, Milliseconds timeout = Milliseconds(20000)) const;
 
   // The same for its open descriptors, and another limit for them.

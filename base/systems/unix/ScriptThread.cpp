@@ -1,10 +1,33 @@
 #include "base/systems/unix/ScriptThread.h"
 
+#include <semaphore.h>
+
+#include <cerrno>
 #include <cstddef>
+
+#include "base/ThreadMemory.h"
 
 namespace {
 
 const size_t kStackSize = 8 << 20;
+
+// On the stack of the thread that waits for the start.
+struct Start {
+  void* (*body)(void*);
+  void* argument;
+  bool prepared;
+  sem_t done;
+};
+
+void* Begin(void* argument) {
+  auto* start = static_cast<Start*>(argument);
+  void* (*const body)(void*) = start->body;
+  void* const of_body = start->argument;
+  const bool prepared = start->prepared = ThreadMemory::Prepare();
+  // The start is gone from here on.
+  sem_post(&start->done);
+  return prepared ? body(of_body) : nullptr;
+}
 
 }  // namespace
 
@@ -14,7 +37,15 @@ int StartScriptThread(pthread_t* thread, void* (*body)(void*), void* argument) {
   size_t size = 0;
   pthread_attr_getstacksize(&attributes, &size);
   if (size < kStackSize) pthread_attr_setstacksize(&attributes, kStackSize);
-  int result = pthread_create(thread, &attributes, body, argument);
+  Start start = {body, argument, false, {}};
+  sem_init(&start.done, 0, 0);
+  const int result = pthread_create(thread, &attributes, Begin, &start);
   pthread_attr_destroy(&attributes);
-  return result;
+  if (result == 0) {
+    while (sem_wait(&start.done) != 0) {
+    }
+    if (!start.prepared) pthread_join(*thread, nullptr);
+  }
+  sem_destroy(&start.done);
+  return result == 0 && !start.prepared ? ENOMEM : result;
 }

@@ -31,6 +31,7 @@
 #include "base/SpecialVariable.h"
 #include "base/SystemLibrary.h"
 #include "base/TaggedFile.h"
+#include "base/ThreadMemory.h"
 #include "base/UFCrypt.h"
 #include "base/VariableHash.h"
 #include "base/ZephVM.h"
@@ -117,16 +118,11 @@ UNIXApplication::UNIXApplication(int argc, char** argv, int copied_argc, char** 
   base_name = slash ? slash + 1 : program;
 }
 
+// The members are plain pointers: behind the other constructor the destructor sees to them.
 UNIXApplication::UNIXApplication(UNIXApplication& other)
-    : library_manager(other.library_manager),
-      argument_count(other.argument_count),
-      arguments(other.arguments),
-      copied_argument_count(other.copied_argument_count),
-      copied_arguments(other.copied_arguments),
-      process_id(other.process_id),
-      thread_id(other.thread_id),
-      base_name(other.base_name),
-      host_name(other.host_name) {
+    : UNIXApplication(other.argument_count, other.arguments, other.copied_argument_count,
+                      other.copied_arguments, other.library_manager) {
+  thread_id = other.thread_id;
   if (other.cookie) cookie.reset(zeph_strdup(other.cookie.get()));
   configuration = new Config(*other.configuration);
   current_output = new NullOutput(nullptr);
@@ -380,6 +376,10 @@ bool UNIXApplication::ReadScript(ScriptTables* tables, File* file, TaggedFile* t
   if (tables->Read(tagged)) return true;
   reason->assign("File is either corrupt or not a valid compiled Zeph Script file", -1);
   return false;
+}
+
+void UNIXApplication::LimitMemory() {
+  ThreadMemory::SetLimit(configuration->value_integer(Config_memory_limit));
 }
 
 void UNIXApplication::MakeMachine(ScriptTables* tables, TaggedFile* tagged, const String& path) {

@@ -95,6 +95,9 @@ class UNIXApplication : public ZephApplication {
   [[nodiscard]] bool ReadScript(ScriptTables* tables, File* file, TaggedFile* tagged,
                                 const String& path, int* owner, String* reason);
 
+  // Takes the settings' limit of memory for the run that goes on on this thread.
+  void LimitMemory();
+
   // Makes the machine of the loaded script. The file can still be read on demand from here on, but
   // ties up no descriptor while the script runs. The variables of the configuration are there.
   void MakeMachine(ScriptTables* tables, TaggedFile* tagged, const String& path);

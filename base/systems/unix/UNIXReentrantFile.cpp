@@ -195,6 +195,11 @@ class KnownPaths {
   unsigned next = 0;
 };
 
+KnownPaths& KnownToThread() {
+  thread_local KnownPaths known;
+  return known;
+}
+
 // Whether each directory passed on the way to the last element could be opened for reading.
 bool PassesReadableOnly(int base, const char* path) {
   char passed[PATH_MAX];
@@ -223,7 +228,7 @@ bool PassesReadableOnly(int base, const char* path) {
 int WalkInOneCall(int base, const char* path) {
   // One element is one call either way. With ".." the walk may have to keep a trail.
   if (strchr(path, '/') == nullptr || strstr(path, "..") != nullptr) return -1;
-  thread_local KnownPaths known;
+  KnownPaths& known = KnownToThread();
   FileDescriptor opened(system_calls.open_without_links(base, path, walk_flags));
   if (opened.get() <= 0) return -1;
   if (*path == '/') {
@@ -254,6 +259,10 @@ int WalkByDescriptor(UNIXFileManager* manager, int base, const char* path, int* 
 }
 
 }  // namespace
+
+void UNIXReentrantFileManager::PrepareThread() {
+  KnownToThread();
+}
 
 UNIXReentrantFileManager::UNIXReentrantFileManager(ZephApplication* application)
     : UNIXFileManager(application, WalkByDescriptor) {}

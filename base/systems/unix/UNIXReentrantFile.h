@@ -9,6 +9,9 @@
 // Made by an application and used on its thread. Any number of them work side by side.
 class UNIXReentrantFileManager : public UNIXFileManager {
  public:
+  // Makes what a thread needs to remember directories.
+  static void PrepareThread();
+
   explicit UNIXReentrantFileManager(ZephApplication* application);
   // See UNIXFileManager.
   UNIXReentrantFileManager(ZephApplication* application, UNIXReentrantFileManager& other);

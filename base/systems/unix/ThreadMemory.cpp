@@ -1,0 +1,413 @@
+// Tested in tests/base/systems/unix/ThreadMemoryTest.cpp.
+
+#include "base/ThreadMemory.h"
+
+#include <malloc.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include "base/ExternalLibrary.h"
+#include "base/FreeList.h"
+#include "base/TaggedFile.h"
+#include "base/Variable.h"
+#include "base/systems/unix/UNIXReentrantFile.h"
+
+// The address sanitizer wants a block freed as it was made.
+#if defined(__SANITIZE_ADDRESS__)
+#define ZEPH_MATCHED_BLOCKS true
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ZEPH_MATCHED_BLOCKS true
+#endif
+#endif
+
+extern "C" {
+// Of jemalloc; null in a process that has another heap.
+[[gnu::weak]] int mallctl(const char* name, void* old, size_t* old_length, void* value,
+                          size_t length);
+// Read by jemalloc when the process starts. Pages that nobody uses go back to the system within
+// seconds; the beats see to it in a process that is idle (GiveUnusedMemoryBack).
+extern const char* malloc_conf;
+const char* malloc_conf = "dirty_decay_ms:3000,muzzy_decay_ms:0";
+}
+
+namespace {
+
+// Far from all that a process can have, and from what an int64_t can hold.
+const size_t kAny = SIZE_MAX / 2;
+// For a message when there is nothing left.
+const size_t kReserve = 64 << 10;
+// What the end of a run may take beyond its limit.
+const int64_t kGrace = 1 << 20;
+// A run that has taken more leaves no blocks for the next one.
+const uint64_t kLargeRun = 4 << 20;
+// More than the heap takes at once for the first block of a thread.
+const size_t kFirstPages = 4 << 20;
+
+// Counters of jemalloc for this thread, read in place; null until they are asked for.
+constinit thread_local const uint64_t* heap_taken = nullptr;
+constinit thread_local const uint64_t* heap_freed = nullptr;
+
+constinit thread_local int64_t base = 0;  // what was used when the run began
+constinit thread_local uint64_t taken_before = 0;
+constinit thread_local int64_t limit = 0;  // 0 is none
+constinit thread_local int64_t grace = 0;
+constinit thread_local ThreadMemory::Judge judge = nullptr;
+constinit thread_local void* reserve = nullptr;
+constinit thread_local bool prepared = false;
+// Of the last block that was refused.
+constinit thread_local size_t refused = 0;
+constinit thread_local bool refused_by_limit = false;
+constinit thread_local bool ran_short = false;
+
+const uint64_t* HeapCounter(const char* name) {
+  uint64_t* counter = nullptr;
+  size_t length = sizeof counter;
+  if (!mallctl || mallctl(name, &counter, &length, nullptr, 0) != 0) return nullptr;
+  return counter;
+}
+
+[[noreturn]] void Refuse(size_t size, bool by_limit) {
+  refused = size;
+  refused_by_limit = by_limit;
+  throw std::bad_alloc();
+}
+
+}  // namespace
+
+// --- The operators -------------------------------------------------------------------------------
+
+struct ThreadMemoryOperators {
+  static void* New(size_t size) {
+    ThreadMemory::Charge(size);
+    return Counted(malloc(size), size);
+  }
+  static void* NewAligned(size_t size, std::align_val_t alignment) {
+    ThreadMemory::Charge(size);
+    void* memory = nullptr;
+    const size_t least = static_cast<size_t>(alignment) < sizeof(void*)
+                             ? sizeof(void*)
+                             : static_cast<size_t>(alignment);
+    if (posix_memalign(&memory, least, size) != 0) memory = nullptr;
+    return Counted(memory, size);
+  }
+  static void* Counted(void* memory, size_t size) {
+    if (!memory) [[unlikely]]
+      Refuse(size, false);
+    if (ThreadMemory::counts) ThreadMemory::taken += malloc_usable_size(memory);
+    return memory;
+  }
+  static void NoteFree(void* memory) {
+    if (ThreadMemory::counts && memory) ThreadMemory::freed += malloc_usable_size(memory);
+  }
+  static void Delete(void* memory) {
+    NoteFree(memory);
+    free(memory);
+  }
+  template <typename Make>
+  static void* OrNull(Make make) noexcept {
+    try {
+      return make();
+    } catch (const std::bad_alloc&) {
+      return nullptr;
+    }
+  }
+};
+
+using Operators = ThreadMemoryOperators;
+
+#ifdef ZEPH_MATCHED_BLOCKS
+
+// The sanitizer's own forms with an alignment tell apart what was made by which operator.
+const std::align_val_t kUsual{__STDCPP_DEFAULT_NEW_ALIGNMENT__};
+
+void* operator new(size_t size) {
+  ThreadMemory::Charge(size);
+  return Operators::Counted(::operator new(size, kUsual, std::nothrow), size);
+}
+void* operator new[](size_t size) {
+  ThreadMemory::Charge(size);
+  return Operators::Counted(::operator new[](size, kUsual, std::nothrow), size);
+}
+void operator delete(void* memory) noexcept {
+  Operators::NoteFree(memory);
+  ::operator delete(memory, kUsual);
+}
+void operator delete[](void* memory) noexcept {
+  Operators::NoteFree(memory);
+  ::operator delete[](memory, kUsual);
+}
+void operator delete(void* memory, size_t size) noexcept {
+  Operators::NoteFree(memory);
+  ::operator delete(memory, size, kUsual);
+}
+void operator delete[](void* memory, size_t size) noexcept {
+  Operators::NoteFree(memory);
+  ::operator delete[](memory, size, kUsual);
+}
+
+#else
+
+void* operator new(size_t size) {
+  return Operators::New(size);
+}
+void* operator new[](size_t size) {
+  return Operators::New(size);
+}
+void* operator new(size_t size, std::align_val_t alignment) {
+  return Operators::NewAligned(size, alignment);
+}
+void* operator new[](size_t size, std::align_val_t alignment) {
+  return Operators::NewAligned(size, alignment);
+}
+void* operator new(size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+  return Operators::OrNull([=] { return Operators::NewAligned(size, alignment); });
+}
+void* operator new[](size_t size, std::align_val_t alignment, const std::nothrow_t&) noexcept {
+  return Operators::OrNull([=] { return Operators::NewAligned(size, alignment); });
+}
+void operator delete(void* memory) noexcept {
+  Operators::Delete(memory);
+}
+void operator delete[](void* memory) noexcept {
+  Operators::Delete(memory);
+}
+void operator delete(void* memory, size_t) noexcept {
+  Operators::Delete(memory);
+}
+void operator delete[](void* memory, size_t) noexcept {
+  Operators::Delete(memory);
+}
+void operator delete(void* memory, std::align_val_t) noexcept {
+  Operators::Delete(memory);
+}
+void operator delete[](void* memory, std::align_val_t) noexcept {
+  Operators::Delete(memory);
+}
+void operator delete(void* memory, size_t, std::align_val_t) noexcept {
+  Operators::Delete(memory);
+}
+void operator delete[](void* memory, size_t, std::align_val_t) noexcept {
+  Operators::Delete(memory);
+}
+void operator delete(void* memory, std::align_val_t, const std::nothrow_t&) noexcept {
+  Operators::Delete(memory);
+}
+void operator delete[](void* memory, std::align_val_t, const std::nothrow_t&) noexcept {
+  Operators::Delete(memory);
+}
+
+#endif
+
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return Operators::OrNull([=] { return ::operator new(size); });
+}
+void* operator new[](size_t size, const std::nothrow_t&) noexcept {
+  return Operators::OrNull([=] { return ::operator new[](size); });
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+  ::operator delete(memory);
+}
+void operator delete[](void* memory, const std::nothrow_t&) noexcept {
+  ::operator delete[](memory);
+}
+
+// --- What a run has taken ------------------------------------------------------------------------
+
+namespace {
+
+// Has the operators count where the heap does not.
+struct Counting {
+  explicit Counting(bool* counts) { *counts = HeapCounter("thread.allocatedp") == nullptr; }
+};
+
+}  // namespace
+
+bool ThreadMemory::NewIsHere() {
+  // A library that was loaded before the program may bring operators of its own. The judge is asked
+  // by those that stand here, and by no others.
+  static const bool same = [] {
+    static constinit thread_local bool asked = false;
+    void* (*volatile make)(size_t) = &::operator new[];
+    const Judge before = judge;
+    SetJudge([](size_t) { return !(asked = true); });
+    void* memory = make(1);
+    SetJudge(before);
+    ::operator delete[](memory);
+    return asked;
+  }();
+  return same;
+}
+
+bool ThreadMemory::NewIsMalloc() {
+#ifdef ZEPH_MATCHED_BLOCKS
+  return false;
+#else
+  return NewIsHere();
+#endif
+}
+
+void ThreadMemory::Refuse(size_t size) {
+  ::Refuse(size, false);
+}
+
+int64_t ThreadMemory::Used() {
+  if (counts) return static_cast<int64_t>(taken - freed) - base;
+  if (!heap_taken) return 0;
+  return static_cast<int64_t>(*heap_taken - *heap_freed) - base;
+}
+
+void ThreadMemory::Begin() {
+  Begin(0);
+}
+
+void ThreadMemory::Begin(int64_t given) {
+  static const Counting counting(&counts);
+  (void)counting;
+  if (!counts && !heap_taken) {
+    heap_freed = HeapCounter("thread.deallocatedp");
+    heap_taken = HeapCounter("thread.allocatedp");
+  }
+  limit = grace = 0;
+  refused = 0;
+  ran_short = false;
+  base = 0;
+  base = Used() - given;
+  taken_before = counts ? taken : *heap_taken;
+  allowance = judge ? 0 : kAny;
+  if (prepared && !reserve) reserve = malloc(kReserve);
+}
+
+void ThreadMemory::SetLimit(int64_t bytes) {
+  limit = bytes > 0 ? bytes : 0;
+  allowance = 0;
+}
+
+void ThreadMemory::HandOver(int64_t bytes) {
+  base += bytes;
+}
+
+void ThreadMemory::End() {
+  limit = grace = 0;
+  allowance = judge ? 0 : kAny;
+  if ((counts ? taken : *heap_taken) - taken_before < kLargeRun) return;
+  FreeLists::Trim();
+  if (mallctl) mallctl("thread.tcache.flush", nullptr, nullptr, nullptr, 0);
+}
+
+void ThreadMemory::Refill(size_t size) {
+  if (judge && judge(size)) ::Refuse(size, false);
+  size_t left = kAny;
+  if (limit != 0) {
+    const int64_t free = limit + grace - Used();
+    left = free > 0 ? static_cast<size_t>(free) : 0;
+  }
+  if (size > left) ::Refuse(size, limit != 0);
+  allowance = judge ? 0 : left - size;
+}
+
+void ThreadMemory::SetJudge(Judge asked) {
+  judge = asked;
+  allowance = 0;
+}
+
+// --- Out of memory -------------------------------------------------------------------------------
+
+bool ThreadMemory::RanShort() {
+  return ran_short;
+}
+
+void ThreadMemory::Exhausted(const char* path, int length) {
+  if (grace == 0) grace = kGrace;
+  ran_short = ran_short || !refused_by_limit;
+  allowance = 0;
+  free(reserve);
+  reserve = nullptr;
+  // Nothing here takes memory.
+  char line[1024];
+  char what[64];
+  const time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
+  if (refused == 0) {
+    snprintf(what, sizeof what, "a text has no more than 2147483647 bytes");
+  } else if (refused_by_limit) {
+    snprintf(what, sizeof what, "memory_limit is %lld bytes", static_cast<long long>(limit));
+  } else {
+    snprintf(what, sizeof what, "the process has no %zu bytes left", refused);
+  }
+  refused = 0;
+  const int used =
+      snprintf(line, sizeof line, "%04d-%02d-%02d %02d:%02d:%02d %.*s: Out of memory: %s\n",
+               local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
+               local.tm_sec, length < 800 ? length : 800, path, what);
+  if (used > 0 && write(STDERR_FILENO, line, static_cast<size_t>(used)) < 0) return;
+}
+
+// --- Threads -------------------------------------------------------------------------------------
+
+namespace {
+
+// The thread that the process begins with is there to its end.
+[[maybe_unused]] const bool main_keeps_blocks = (FreeLists::Open(), true);
+
+// The last thing of a thread that goes.
+struct ThreadEnd {
+  ~ThreadEnd() {
+    FreeLists::Close();
+    free(reserve);
+    reserve = nullptr;
+    prepared = false;
+  }
+};
+
+// jemalloc makes a store for a thread with its first block, and does not look whether it has got
+// the memory for that. So it is made sure of before.
+bool HasFirstPages() {
+  void* pages =
+      mmap(nullptr, kFirstPages, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (pages == MAP_FAILED) return false;
+  munmap(pages, kFirstPages);
+  return true;
+}
+
+}  // namespace
+
+bool ThreadMemory::Prepare() {
+  if (prepared) return true;
+  if (!HasFirstPages()) return false;
+  static thread_local ThreadEnd end;
+  (void)end;
+  // What registers a destructor. The list of suspects is behind FreeCycles.
+  ExternalLibrary::PrepareThread();
+  TaggedFile::PrepareThread();
+  UNIXReentrantFileManager::PrepareThread();
+  Variable::FreeCycles();
+  FreeLists::Open();
+  prepared = true;
+  Begin();
+  return true;
+}
+
+void FreeLists::Trim() {
+  while (List* list = used) {
+    used = list->next_used;
+    list->next_used = nullptr;
+    list->room = 0;
+    while (Block* block = list->head) {
+      list->head = block->next;
+      ::operator delete(block);
+    }
+  }
+}
+
+void GiveUnusedMemoryBack() {
+  // 4096 stands for all arenas.
+  if (mallctl) mallctl("arena.4096.decay", nullptr, nullptr, nullptr, 0);
+}
