@@ -87,18 +87,25 @@ void AggregateElementTree::BecomeTree() {
   const int count = dense.count();
   if (count == 0) return;
   const SplayShape& shape = dense.Shape();
-  std::unique_ptr<Node*[]> nodes(new Node*[static_cast<size_t>(count) + 1]);
-  nodes[0] = nullptr;
-  for (int rank = 1; rank <= count; rank++) nodes[rank] = new Node{nullptr, nullptr, nullptr};
-  for (int rank = 1; rank <= count; rank++) {
-    nodes[rank]->left = nodes[shape.node(rank).left];
-    nodes[rank]->right = nodes[shape.node(rank).right];
-  }
-  Node* top = nodes[shape.root()];
   const int first = dense.first();
+  // All memory is there before the row is touched.
+  std::vector<std::unique_ptr<Node>> nodes(static_cast<size_t>(count) + 1);
+  std::vector<std::unique_ptr<AggregateElement>> made(static_cast<size_t>(count) + 1);
+  for (size_t rank = 1; rank < nodes.size(); rank++) {
+    nodes[rank].reset(new Node{nullptr, nullptr, nullptr});
+    made[rank].reset(new AggregateElement(first + static_cast<int>(rank) - 1, nullptr));
+  }
+  for (int rank = 1; rank <= count; rank++) {
+    Node* node = nodes[static_cast<size_t>(rank)].get();
+    node->left = nodes[static_cast<size_t>(shape.node(rank).left)].get();
+    node->right = nodes[static_cast<size_t>(shape.node(rank).right)].get();
+  }
+  Node* top = nodes[static_cast<size_t>(shape.root())].get();
   const std::unique_ptr<Variable*[]> variables = dense.TakeVariables();
-  for (int i = 0; i < count; i++) {
-    nodes[i + 1]->item = new AggregateElement(first + i, variables[i]);
+  for (size_t rank = 1; rank < nodes.size(); rank++) {
+    made[rank]->variable = variables[rank - 1];
+    nodes[rank]->item = made[rank].release();
+    (void)nodes[rank].release();
   }
   root = top;
 }

@@ -457,6 +457,14 @@ class SplayTree {
   void AppendToListStack(List<T>& list, Node* node) const;
 };
 
+// Inserts an element that the container takes over. If there is no memory for that, the element
+// goes.
+template <class Container, class T, class... Position>
+void InsertOwned(Container& container, std::unique_ptr<T> element, Position... position) {
+  container.Insert(element.get(), position...);
+  (void)element.release();
+}
+
 // --- List ----------------------------------------------------------------------------------------
 
 template <class T>

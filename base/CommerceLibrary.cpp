@@ -1,5 +1,7 @@
 #include "base/CommerceLibrary.h"
 
+#include <memory>
+
 #include "base/ExternalLibrary.h"
 #include "base/ZephApplication.h"
 
@@ -11,7 +13,9 @@ constexpr int loop_ended = 2;
 // Copies of the source's libraries for another owner, in their order.
 void CopyLibraries(CommerceLibraryTable& source, CommerceLibraryTable* target) {
   for (int i = 0; i < source.Entries(); i++) {
-    if (CommerceLibrary* library = source.Index(i)) target->Insert(new CommerceLibrary(*library));
+    if (CommerceLibrary* library = source.Index(i)) {
+      InsertOwned(*target, std::make_unique<CommerceLibrary>(*library));
+    }
   }
 }
 
@@ -108,7 +112,7 @@ CommerceLibraryManager::CommerceLibraryManager(ZephApplication* owner,
 CommerceLibraryManager::~CommerceLibraryManager() = default;
 
 bool CommerceLibraryManager::RegisterDSO(const char* name, const char* path) {
-  library_table.Insert(new CommerceLibrary(name, path));
+  InsertOwned(library_table, std::make_unique<CommerceLibrary>(name, path));
   return true;
 }
 

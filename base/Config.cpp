@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
+#include <utility>
 
 namespace {
 
@@ -70,15 +72,18 @@ int ConfigTable::Compare(ConfigValue* item, const char* key, int) {
 
 void ConfigTable::Put(ConfigValue* value) {
   int id = value->id();
+  std::unique_ptr<ConfigValue> owned(value);
   delete Remove(reinterpret_cast<const char*>(&id), sizeof id);
-  Insert(value);
+  InsertOwned(*this, std::move(owned));
 }
 
 Config::Config() = default;
 
 Config::Config(Config& other) {
   for (int i = 0; i < other.values.Entries(); i++) {
-    if (ConfigValue* value = other.values.Index(i)) values.Insert(new ConfigValue(*value));
+    if (ConfigValue* value = other.values.Index(i)) {
+      InsertOwned(values, std::make_unique<ConfigValue>(*value));
+    }
   }
 }
 
@@ -88,8 +93,9 @@ Config::~Config() = default;
 ConfigValue* Config::Value(int id) {
   ConfigValue* value = values.Lookup(id);
   if (value != nullptr) return value;
-  value = default_value(id);
-  if (value != nullptr) values.Insert(value);
+  std::unique_ptr<ConfigValue> read(default_value(id));
+  value = read.get();
+  if (value != nullptr) InsertOwned(values, std::move(read));
   return value;
 }
 

@@ -167,35 +167,34 @@ void DeferredText::Append(const DeferredText& text) {
 }
 
 char* DeferredText::Release(int* all) {
-  const std::unique_ptr<DeferredText> self(this);
   ThrowIfLost();
   *all = length();
   auto* flat = new char[static_cast<size_t>(*all) + 1];
+  const std::unique_ptr<DeferredText> self(this);
   Flatten(flat);
   flat[*all] = '\0';
   return flat;
 }
 
 void DeferredText::Assign(Variable* target, bool adopt) {
+  std::unique_ptr<DeferredText> self(this);
+  ThrowIfLost();
   if (prefix && (target == prefix || target->RealIdentity() == prefix)) {
-    const std::unique_ptr<DeferredText> self(this);
     Variable* variable = prefix;
     StopWatching();
     variable->AppendText(bytes, used, adopt);
     return;
   }
   if (!prefix) {
-    std::unique_ptr<DeferredText> self(this);
-    ThrowIfLost();
     if (!adopt) {
       target->SetValue(bytes, used);
       return;
     }
     if (target->CopyAsAdopted(bytes, used)) return;
-    (void)self.release();
   }
   int all;
   char* text = Release(&all);
+  (void)self.release();
   if (adopt) {
     target->SetValue_Nocopy(text, all, all + 1);
     return;

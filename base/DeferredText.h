@@ -52,7 +52,7 @@ class DeferredText {
   int length() const { return prefix_length + used; }
 
   // The whole text in a buffer of length + 1 bytes, NUL-terminated, which the caller frees with
-  // delete[]. Deletes the object.
+  // delete[]. Deletes the object, unless it fails with std::bad_alloc.
   [[nodiscard]] char* Release(int* length);
   // Stores the text in the variable and deletes the object. With adopt the outcome is that of
   // SetValue_Nocopy with a buffer of length + 1 bytes, else of SetValue.

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/Variable.h"
+#include "base/VariableRef.h"
 
 // --- SplayShape ----------------------------------------------------------------------------------
 
@@ -229,9 +230,9 @@ void DenseElements::OrderForCopy(std::vector<int>* ranks) {
 
 // Inserted in falling order, ranks make the rising chain, and the other way round.
 void DenseElements::BecomeCopyOf(DenseElements* source) {
+  slots = new DenseSlot[static_cast<size_t>(source->count_)]();
   capacity = count_ = source->count_;
   base = source->base;
-  slots = new DenseSlot[static_cast<size_t>(capacity)]();
   chain_count = count_;
   if (count_ <= 99) {
     BecomeChain(true);
@@ -284,12 +285,12 @@ void DenseElements::Drop() {
 }
 
 Variable* DenseElements::MakeVariable(DenseSlot* slot) {
-  auto* made = new Variable();
+  VariableRef made(new Variable());
   if (slot->IsInteger()) {
     made->Write_Integer(slot->integer());
   } else {
     made->Write_Double(slot->number());
   }
-  *slot = DenseSlot(made);
-  return made;
+  *slot = DenseSlot(made.get());
+  return made.release();
 }

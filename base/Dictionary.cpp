@@ -78,7 +78,7 @@ Dictionary::Dictionary(Dictionary& other)
   for (auto* block = other.blocks.First(); block; block = other.blocks.Next()) {
     auto copy = std::make_unique<DictionaryDataBlock>(*block);
     copies.emplace_back(block, copy.get());
-    blocks.Insert(copy.release(), ListTail);
+    InsertOwned(blocks, std::move(copy), ListTail);
   }
   auto copy_of = [&copies](DictionaryDataBlock* block) -> DictionaryDataBlock* {
     for (const auto& [original, copy] : copies)
@@ -129,8 +129,9 @@ int Dictionary::Enter(const char* text, int length, BlockAdd add) {
   int offset = current ? (current->*add)(text, length) : -1;
   if (offset < 0) {
     auto block = std::make_unique<DictionaryDataBlock>(BlockSize(length));
-    current = block.get();
-    blocks.Insert(block.release(), ListTail);
+    DictionaryDataBlock* made = block.get();
+    InsertOwned(blocks, std::move(block), ListTail);
+    current = made;
     offset = current->Append(text, length);
   }
   entries[entry_count] = {current, offset, length};
@@ -166,9 +167,10 @@ bool Dictionary::ReadSection(TaggedFile* file) {
       file->Section_View(RecordSize * static_cast<long long>(count), &scratch);
   if (!records || !file->Section_Holds(data_length)) return false;
   auto block = std::make_unique<DictionaryDataBlock>(BlockSize(data_length));
-  current = block.get();
-  current->length = data_length;
-  blocks.Insert(block.release(), ListTail);
+  DictionaryDataBlock* made = block.get();
+  made->length = data_length;
+  InsertOwned(blocks, std::move(block), ListTail);
+  current = made;
   entries = std::make_unique_for_overwrite<TextEntry[]>(static_cast<size_t>(count));
   entry_count = count;
   capacity = count;
@@ -234,6 +236,6 @@ bool Dictionary::CompressInto(long long size) {
   }
   blocks.Dump();
   current = packed.get();
-  blocks.Insert(packed.release(), ListTail);
+  InsertOwned(blocks, std::move(packed), ListTail);
   return true;
 }

@@ -3,6 +3,7 @@
 #include "base/DoContext.h"
 
 #include <memory>
+#include <new>
 
 #include "base/Dictionary.h"
 #include "base/File.h"
@@ -117,16 +118,23 @@ DoContexts::~DoContexts() {
 DoContext* DoContexts::Find(const char* path, int length) {
   DoContext* context = by_path.Find(path, length);
   if (context && context != by_use.First()) {
-    by_use.Seek(context);
-    by_use.Remove(ListCurrent);
+    // At both places for a moment: a context that is at none would be lost.
     by_use.Insert(context, ListHead);
+    by_use.Last();
+    while (by_use.Current() != context) by_use.Previous();
+    by_use.Remove(ListCurrent);
   }
   return context;
 }
 
 void DoContexts::Insert(DoContext* context) {
-  by_path.Insert(context);
   by_use.Insert(context, ListHead);
+  try {
+    by_path.Insert(context);
+  } catch (const std::bad_alloc&) {
+    by_use.Remove(ListHead);
+    throw;
+  }
 }
 
 void DoContexts::Evict(int limit) {

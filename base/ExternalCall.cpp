@@ -6,6 +6,7 @@
 #include "base/ZephApplication.h"
 
 #include <cstring>
+#include <memory>
 #include <new>
 
 namespace {
@@ -129,9 +130,9 @@ ExternalCall* ExternalCallManager::Lookup_External(const char* name, int length)
   for (int i = 0; i < count; i++) {
     _ZP_EL_Function* row = FindRow(registrations[size_t(i)].functions, wanted);
     if (row == nullptr) continue;
-    call = new ExternalCall(row);
-    calls.Insert(call);
-    return call;
+    auto made = std::make_unique<ExternalCall>(row);
+    calls.Insert(made.get());
+    return made.release();
   }
   return nullptr;
 }
@@ -145,7 +146,8 @@ void ExternalCallManager::Register_Persistent(ZephVM* vm, const char* name, int 
                                               void (*destroy)(void* vm, void* data)) {
   // The callback may leave something under the name again.
   while (ExternalCallPersistentData* old = persistent.Remove(name, length)) delete old;
-  persistent.Insert(new ExternalCallPersistentData(vm, name, length, data, destroy));
+  InsertOwned(persistent,
+              std::make_unique<ExternalCallPersistentData>(vm, name, length, data, destroy));
 }
 
 void ExternalCallManager::MachineEnds(ZephVM* vm, ZephVM* parent) {

@@ -8,6 +8,7 @@
 #include "base/TagErrors.h"
 #include "base/Variable.h"
 #include "base/VariableHash.h"
+#include "base/VariableRef.h"
 #include "base/ZephApplication.h"
 
 namespace {
@@ -19,12 +20,9 @@ void ReleaseAll(List<Variable>& pending) {
   pending.RemoveAll();
 }
 
-// The table adopts the counts, so the list only forgets them.
+// The table adopts the counts, so the list forgets each before.
 void MoveAll(List<Variable>& pending, VariableHash* table) {
-  for (Variable* variable = pending.First(); variable != nullptr; variable = pending.Next()) {
-    table->SetVariable(variable);
-  }
-  pending.RemoveAll();
+  while (pending.First() != nullptr) table->SetVariable(pending.Remove(ListHead));
 }
 
 }  // namespace
@@ -135,12 +133,16 @@ bool ExternalConfig::Register_Library_Builtin(const char* path) {
 
 void ExternalConfig::SetVariable_System(const char* name, int namelength, const char* value,
                                         int valuelength) {
-  pending_system.Insert(new ImmutableVariable(name, namelength, value, valuelength), ListTail);
+  VariableRef variable(new ImmutableVariable(name, namelength, value, valuelength));
+  pending_system.Insert(variable.get(), ListTail);
+  (void)variable.release();
 }
 
 void ExternalConfig::SetVariable_Global(const char* name, int namelength, const char* value,
                                         int valuelength) {
-  pending_global.Insert(new Variable(name, namelength, value, valuelength), ListTail);
+  VariableRef variable(new Variable(name, namelength, value, valuelength));
+  pending_global.Insert(variable.get(), ListTail);
+  (void)variable.release();
 }
 
 void ExternalConfig::AddVariables() {

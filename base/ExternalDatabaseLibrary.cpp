@@ -4,6 +4,7 @@
 #include "base/ZephApplication.h"
 
 #include <cstddef>
+#include <memory>
 
 static_assert(offsetof(_ZP_EL_Database, create) == 8);
 static_assert(offsetof(_ZP_EL_Database, variable_free) == 240);
@@ -30,14 +31,16 @@ ExternalDatabaseLibraryManager::ExternalDatabaseLibraryManager(
     : ExternalDatabaseLibraryManager(owner) {
   for (int i = 0; i < source.library_table.Entries(); i++) {
     ExternalDatabaseLibrary* library = source.library_table.Index(i);
-    if (library != nullptr) library_table.Insert(new ExternalDatabaseLibrary(*library));
+    if (library != nullptr) {
+      InsertOwned(library_table, std::make_unique<ExternalDatabaseLibrary>(*library));
+    }
   }
 }
 
 ExternalDatabaseLibraryManager::~ExternalDatabaseLibraryManager() = default;
 
 bool ExternalDatabaseLibraryManager::RegisterDSO(const char* name, const char* path) {
-  library_table.Insert(new ExternalDatabaseLibrary(name, path));
+  InsertOwned(library_table, std::make_unique<ExternalDatabaseLibrary>(name, path));
   return true;
 }
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 
 namespace {
@@ -63,8 +64,9 @@ bool FileManager::FreeFileSpace(int count) {
 }
 
 File* FileManager::FileOpened(File* file) {
+  std::unique_ptr<File> opened(file);
   open_files.Insert(file, ListHead);
-  return file;
+  return opened.release();
 }
 
 void FileManager::FileClosed(File* file) {

@@ -3,6 +3,7 @@
 #include <cctype>
 #include <climits>
 #include <cstring>
+#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -84,7 +85,7 @@ Function::Function(ZephApplication* application, Dictionary* dictionary, Functio
       local_variables(application, dictionary, other.local_variables) {
   auto& list = other.parameter_list;
   for (auto* parameter = list.First(); parameter; parameter = list.Next())
-    parameter_list.Insert(new FunctionParameter(*parameter), ListTail);
+    InsertOwned(parameter_list, std::make_unique<FunctionParameter>(*parameter), ListTail);
 }
 
 Function::~Function() = default;
@@ -101,7 +102,8 @@ int Function::AddParameter(int byreference, const char* name, int length) {
   length = TextLength(name, length);
   int id = name_dictionary->Entry_Add(name, length);
   int index = local_variables.Insert(id, nullptr, -1, nullptr);
-  parameter_list.Insert(new FunctionParameter(id, name, length, byreference, index), ListTail);
+  InsertOwned(parameter_list,
+              std::make_unique<FunctionParameter>(id, name, length, byreference, index), ListTail);
   has_slots = false;
   return index;
 }
@@ -298,9 +300,10 @@ Function* FunctionManager::MakeStored(int index) const {
     id = GetInt32(bytes);
     length = 0;
     name = stored->Name(*dictionary, id, &length);
-    function->parameters().Insert(
-        new FunctionParameter(id, name, length, GetInt32(bytes + 4), GetInt32(bytes + 8)),
-        ListTail);
+    InsertOwned(function->parameters(),
+                std::make_unique<FunctionParameter>(id, name, length, GetInt32(bytes + 4),
+                                                    GetInt32(bytes + 8)),
+                ListTail);
   }
   TaggedFile rest(bytes, static_cast<int>(stored->bytes.get() + stored->length - bytes));
   if (!function->variables().Read(&rest)) return nullptr;

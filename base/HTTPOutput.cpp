@@ -10,6 +10,7 @@
 #include <memory>
 #include <new>
 #include <thread>
+#include <utility>
 
 #include "base/Config.h"
 
@@ -94,7 +95,7 @@ int HTTPOutput::Header(const char* name, int namelength, int nameowned, const ch
                                                    valueowned);
   if (headers_sent) return 0;
   delete headers.Remove(field->name, field->namelength);
-  headers.Insert(field.release());
+  InsertOwned(headers, std::move(field));
   return 1;
 }
 

@@ -1,5 +1,7 @@
 #include "base/SystemLibrary.h"
 
+#include <memory>
+
 #include "base/ExternalLibrary.h"
 #include "base/ZephApplication.h"
 
@@ -36,14 +38,16 @@ SystemLibraryManager::SystemLibraryManager(ZephApplication* owner, SystemLibrary
     : SystemLibraryManager(owner) {
   for (int i = 0; i < source.library_table.Entries(); i++) {
     SystemLibrary* library = source.library_table.Index(i);
-    if (library != nullptr) library_table.Insert(new SystemLibrary(*library));
+    if (library != nullptr) {
+      InsertOwned(library_table, std::make_unique<SystemLibrary>(*library));
+    }
   }
 }
 
 SystemLibraryManager::~SystemLibraryManager() = default;
 
 bool SystemLibraryManager::RegisterDSO(const char* name, const char* path) {
-  library_table.Insert(new SystemLibrary(name, path));
+  InsertOwned(library_table, std::make_unique<SystemLibrary>(name, path));
   return true;
 }
 

@@ -728,11 +728,11 @@ void Variable::CopyScalar(Variable& source) {
 
 // A source without a buffer leaves the old bytes of the text in place, valid as they then are.
 void Variable::CopyForms(Variable& source) {
-  valid_forms = source.valid_forms;
-  primary = source.primary;
-  if ((valid_forms & TextForm) && source.string_value.data) {
+  if ((source.valid_forms & TextForm) && source.string_value.data) {
     string_value.assign(source.string_value.data, source.string_value.length);
   }
+  valid_forms = source.valid_forms;
+  primary = source.primary;
   if (valid_forms & IntegerForm) integer_value = source.integer_value;
   if (valid_forms & DoubleForm) double_value = source.double_value;
 }
@@ -1009,8 +1009,9 @@ void VariableList::Insert(Variable* variable, ListPosition position) {
 }
 
 void VariableList::Insert(Variable* variable, ListPosition position, int count_it) {
+  VariableRef counted = count_it ? VariableRef::Share(variable) : VariableRef(variable);
   List<Variable>::Insert(variable, position);
-  if (count_it && variable) variable->IncRefCount();
+  (void)counted.release();
 }
 
 void VariableList::Purge(Variable* variable) {

@@ -154,12 +154,12 @@ using SomeRowsList = FreeList<SomeRows * sizeof(_VH_Entry)>;
 
 void VariableHash::TakeMoreEntries(int count) {
   if (count <= SomeRows) {
-    allocated_entries = SomeRows;
     entries = static_cast<_VH_Entry*>(SomeRowsList::Allocate());
+    allocated_entries = SomeRows;
   } else {
-    allocated_entries = count;
     entries =
         static_cast<_VH_Entry*>(::operator new(sizeof(_VH_Entry) * static_cast<size_t>(count)));
+    allocated_entries = count;
   }
 }
 
@@ -885,7 +885,8 @@ void SystemVariableHash::AllocatedVars(VariableList* list) {
 
 // The record takes over the entry's count on the variable.
 void SystemVariableHash::Save(int position, int version, Variable* variable) {
-  current->Insert(new _SVH_Entry{position, version, variable}, ListTail);
+  InsertOwned(*current, std::unique_ptr<_SVH_Entry>(new _SVH_Entry{position, version, variable}),
+              ListTail);
 }
 
 void SystemVariableHash::Replace(int position, Variable* variable) {
@@ -961,8 +962,9 @@ Variable* SystemVariableHash::Index(int position, int create) {
 }
 
 void SystemVariableHash::Push() {
-  current = new List<_SVH_Entry>(1);
-  frames.Push(current);
+  auto records = std::make_unique<List<_SVH_Entry>>(1);
+  frames.Push(records.get());
+  current = records.release();
   depth++;
 }
 

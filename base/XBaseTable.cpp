@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -167,8 +168,10 @@ bool XBaseTable::ReadTableFields() {
       return FileError("'", table_path, std::string_view(middle.data, middle.length), nullptr);
     }
     if (type == XBaseField_Memo) header.version = version_memo;
-    field_list.Insert(
-        MakeField(this, name, name_length, static_cast<XBaseFieldType>(type), bytes[16], bytes[17]),
+    InsertOwned(
+        field_list,
+        std::unique_ptr<XBaseField>(MakeField(
+            this, name, name_length, static_cast<XBaseFieldType>(type), bytes[16], bytes[17])),
         ListTail);
     fields_length += bytes[16];
   }
@@ -354,11 +357,11 @@ bool XBaseTable::Create(File* file, const String& path, File* memo, const String
   if (!CheckSize(path, fields)) return false;
   // The fields and paths given may be those of this object.
   const String new_path = path, new_memo_path = memo_path;
-  std::vector<XBaseField*> made;
+  std::vector<std::unique_ptr<XBaseField>> made;
   header.version = version_plain;
   header.record_length = 1;
   for (XBaseField* field = fields.First(); field; field = fields.Next()) {
-    made.push_back(
+    made.emplace_back(
         MakeField(this, field->name(), -1, field->type(), field->length(), field->decimalcount()));
     header.record_length += field->length();
     if (field->type() == XBaseField_Memo) header.version = version_memo;
@@ -371,7 +374,7 @@ bool XBaseTable::Create(File* file, const String& path, File* memo, const String
   table_path = new_path;
   memo_file_path = new_memo_path;
   field_list.Dump();
-  for (XBaseField* field : made) field_list.Insert(field, ListTail);
+  for (auto& field : made) InsertOwned(field_list, std::move(field), ListTail);
   return WriteNewFiles(file, memo);
 }
 

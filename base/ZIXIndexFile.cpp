@@ -233,7 +233,8 @@ bool ZIXIndexFile::PushPage(uint32_t pagenum) {
   page->pagenum = pagenum;
   page->position = 0;
   if (!LoadPage(*page)) return false;
-  pages.Push(page.release());
+  pages.Push(page.get());
+  (void)page.release();
   depth++;
   return true;
 }

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <memory>
 
 #include "base/Config.h"
 #include "base/Output.h"
@@ -254,8 +255,8 @@ void ZephApplication::ParseLogFilter(const char* text) {
       }
     }
     if (length > 0) {
-      (exclude ? log_excludes : log_includes)
-          .Insert(new LogFilterEntry(name, length, first, last), ListTail);
+      InsertOwned(exclude ? log_excludes : log_includes,
+                  std::make_unique<LogFilterEntry>(name, length, first, last), ListTail);
     }
     while (*p && *p != ',') p++;
     if (*p) p++;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -93,19 +94,24 @@ ZephVM::ZephVM(ZephApplication* host, ZephVM& source, int* heartbeat, int* timed
       null_variable(new NULLVariable),
       parent(clone->parent.get()),
       root(parent ? parent->root : this) {
-  std::copy_n(source.tag_errors, tag_count, tag_errors);
-  segment = segments->Lookup(loaded_segment);
-  if (segment) {
-    code = segment->code();
-    code_length = segment->length();
-  }
-  if (source.text_parameters) {
-    text_parameters = std::make_unique<VariableHash>(host, dictionary, *source.text_parameters);
-  }
   if (parent) parent->children++;
-  clone->locals.emplace_back(source.global_variables, global_variables);
-  clone->locals.emplace_back(source.system_variables, system_variables);
-  CloneFrames(source);
+  std::copy_n(source.tag_errors, tag_count, tag_errors);
+  try {
+    segment = segments->Lookup(loaded_segment);
+    if (segment) {
+      code = segment->code();
+      code_length = segment->length();
+    }
+    if (source.text_parameters) {
+      text_parameters = std::make_unique<VariableHash>(host, dictionary, *source.text_parameters);
+    }
+    clone->locals.emplace_back(source.global_variables, global_variables);
+    clone->locals.emplace_back(source.system_variables, system_variables);
+    CloneFrames(source);
+  } catch (const std::bad_alloc&) {
+    End();
+    throw;
+  }
 }
 
 // From the base of the run to the present frame, since later frames borrow from older ones.

@@ -148,7 +148,7 @@ DoContext* ZephVM::DoContextFind(const char* name, int length) {
   if (DoContext* found = contexts_here->Find(path.get(), path_length)) return found;
   const int limit = application->config()->value_integer(Config_max_docache);
   if (limit != 0) contexts_here->Evict(limit);
-  File* const file = manager->Open(ZephPath_Script, path.get(), FileMode_Read);
+  std::unique_ptr<File> file(manager->Open(ZephPath_Script, path.get(), FileMode_Read));
   if (!file) {
     EncodedRuntimeError(Tag_Do, manager->error());
     return nullptr;
@@ -156,7 +156,7 @@ DoContext* ZephVM::DoContextFind(const char* name, int length) {
   auto context =
       std::make_unique<DoContext>(global_variables, system_variables, application, this,
                                   external_calls, commerce_libraries, database_libraries);
-  if (!context->Open(path.release(), path_length, size, file)) {
+  if (!context->Open(path.release(), path_length, size, file.release())) {
     EncodedRuntimeError(Tag_Do, context->error());
     return nullptr;
   }
@@ -238,6 +238,6 @@ Segment* ZephVM::FunctionCall(DoContext* context, const char* text, int length) 
     EncodedRuntimeError(Tag_Do, error);
     return nullptr;
   }
-  context->expressions().Insert(new DoExpression(text, length, compiled));
+  InsertOwned(context->expressions(), std::make_unique<DoExpression>(text, length, compiled));
   return compiled;
 }

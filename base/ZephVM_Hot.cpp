@@ -283,7 +283,8 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // and is no array, so only what takes it without these has to wake it; a number stored in it does.
 #define WAKE(variable) if ((variable)->IsAsleep()) [[unlikely]] (variable)->Wake();
 #define SECOND(record) VARIABLE_AT(0, (record)->second)
-// What the stack's own operations need to know, and leave.
+// What the stack's own operations need to know, and leave. It is told of its end, too, before all
+// that may take memory: where there is none, it frees the entries up to there.
 #define TELL_STACK s->SetEnd(top);
 #define ASK_STACK { \
   top = s->End(); \
@@ -361,6 +362,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   on_##name##Element: {                                                                    \
     double b; int number;                                                                  \
     variable = VARIABLE(op);                                                               \
+    TELL_STACK                                                                             \
     SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumberBeside>(top - 1) && variable && \
                   IntegerOf(VARIABLE(op + 1), &number) && number >= 1 &&                   \
                   variable->ReadElement(number, &b))                                       \
@@ -463,6 +465,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     LEAVE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable)                  \
     variable = top[-2].value.variable;                                                     \
     LEAVE_UNLESS(variable->IsPlain() && IntegerIn(top - 1, &number) && number >= 1)        \
+    TELL_STACK                                                                             \
     variable = variable->At(number, create);                                               \
     if (!variable) variable = null_variable;                                               \
     variable->Hold();                                                                      \
@@ -475,6 +478,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain() &&                           \
                   IntegerOf(VARIABLE(op + 1), &number) && number >= 1)                     \
     WAKE(variable)                                                                         \
+    TELL_STACK                                                                             \
     variable = variable->At(number, create);                                               \
     PUSH(SetVariable(variable ? variable : null_variable))                                 \
     NEXT(3)                                                                                \
@@ -485,6 +489,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     LEAVE_UNLESS(top[-1].kind == ZephVM_Stack::KindString && !top[-1].deferred)            \
     variable = top[-2].value.variable;                                                     \
     LEAVE_UNLESS(variable->IsPlain())                                                      \
+    TELL_STACK                                                                             \
     variable = variable->Member(top[-1].value.text, top[-1].length, create);               \
     if (!variable) variable = null_variable;                                               \
     variable->Hold();                                                                      \
@@ -495,6 +500,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     variable = VARIABLE(op);                                                               \
     SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain())                             \
     WAKE(variable)                                                                         \
+    TELL_STACK                                                                             \
     variable = variable->Member(op[1].text, op[1].length, create);                         \
     PUSH(SetVariable(variable ? variable : null_variable))                                 \
     NEXT(3)                                                                                \
@@ -564,6 +570,7 @@ on_Store:
   variable = top[-1].value.variable;
   LEAVE_UNLESS(variable->IsPlain() && IsNumberOrPlain(top - 2))
   if (top[-2].kind == ZephVM_Stack::KindVariable) {
+    TELL_STACK
     variable->SetValue(*top[-2].value.variable);
     top -= 2;
     ZephVM_Stack::Free(top + 1);
@@ -603,6 +610,7 @@ on_ConcatenateVariable:
 on_ConcatenateTextVariable : {
   variable = VARIABLE(op + 1);
   SINGLE_UNLESS(HAS_ROOM && variable && op->length <= ZephVM_Stack::ShortText)
+  TELL_STACK
   const unsigned forms = variable->plain_forms();
   if (forms == Variable::IntegerForm) {
     PUSH(SetDeferred(op->text, op->length, variable->plain_integer()))
@@ -616,6 +624,7 @@ on_ConcatenateTextVariable : {
 on_ConcatenateVariableText : {
   variable = VARIABLE(op);
   SINGLE_UNLESS(HAS_ROOM && variable && (variable->plain_forms() & Variable::TextForm) != 0)
+  TELL_STACK
   DeferredText* const text = DeferredText::Begin(variable);
   SINGLE_UNLESS(text)
   top->SetDeferred(text);
@@ -740,6 +749,7 @@ on_ElementOfVariableUpdate : {
   SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain() &&
                 IntegerOf(VARIABLE(op + 1), &number) && number >= 1)
   WAKE(variable)
+  TELL_STACK
   variable = variable->At(number, 1);
   op += 3;
   UPDATE_FOUND
@@ -748,6 +758,7 @@ on_MemberOfVariableUpdate:
   variable = VARIABLE(op);
   SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain())
   WAKE(variable)
+  TELL_STACK
   variable = variable->Member(op[1].text, op[1].length, 1);
   op += 3;
   if (!variable) [[unlikely]]
@@ -761,6 +772,7 @@ on_ElementOfVariableStore : {
   SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE)
   variable = VARIABLE(op);
   SINGLE_UNLESS(variable && IntegerOf(VARIABLE(op + 1), &number) && number >= 1)
+  TELL_STACK
   if (top[-1].kind == ZephVM_Stack::KindDouble) {
     SINGLE_UNLESS(variable->WriteElement(number, top[-1].value.number))
   } else if (top[-1].kind == ZephVM_Stack::KindInteger) {
@@ -889,9 +901,9 @@ unknown_called:
     }
   }
 call : {
+  TELL_STACK
   Function* function = functions ? functions->Lookup(op->first) : nullptr;
   LEAVE_UNLESS(function && (log_mask & Log_OfCalls) == 0)
-  TELL_STACK
   instruction_start = op->start;
   program_counter = op[1].start;
   if (function->flags() & Function_External) {

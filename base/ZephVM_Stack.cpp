@@ -104,7 +104,11 @@ bool ZephVM_Stack::Grow() {
     return false;
   }
   const int hidden = Capacity - SS;
-  auto* all = static_cast<Entry*>(::operator new(sizeof(Entry) * Capacity));
+  auto* all = static_cast<Entry*>(::operator new(sizeof(Entry) * Capacity, std::nothrow));
+  if (!all) {
+    vm->OutOfMemory();
+    return false;
+  }
   memcpy(all, entries - hidden, sizeof(Entry) * static_cast<size_t>(hidden + used));
   entries = all + hidden;
   top = entries + used;
@@ -145,18 +149,14 @@ void ZephVM_Stack::FreeText(Entry* entry) {
 // Puts a deferred text together, as the kind that it counts as.
 void ZephVM_Stack::Settle(Entry* entry) {
   int length;
-  if (entry->kind == KindString) {
-    char* text = entry->value.pending->Release(&length);
-    entry->value.text = text;
-    entry->length = length;
-    entry->size = length + 1;
-  } else {
-    auto buffer = std::make_unique<LinkBuffer>(kFirstBlock, kNextBlock);
-    char* text = entry->value.pending->Release(&length);
-    buffer->cat_nocopy(text, length, length + 1);
-    entry->value.buffer = buffer.release();
-  }
+  const bool chained = entry->kind == KindLinkBuffer;
+  char* text = entry->value.pending->Release(&length);
+  entry->kind = KindString;
   entry->deferred = 0;
+  entry->value.text = text;
+  entry->length = length;
+  entry->size = length + 1;
+  if (chained) MakeLinkBuffer(entry);
 }
 
 void ZephVM_Stack::PushS(const char* data, int length, int size, int deletable) {
@@ -494,8 +494,8 @@ char* ZephVM_Stack::ConvertEntryToString(Entry* entry, int* length, int* size, i
       return entry->value.text;
     case KindLinkBuffer: {
       if (owned) {
-        std::unique_ptr<LinkBuffer> buffer(entry->value.buffer);
-        Disown(entry);
+        const std::unique_ptr<LinkBuffer> buffer(entry->value.buffer);
+        entry->SetInteger(0);
         char* text = buffer->release(length, size, 1);
         text[*length] = '\0';
         return text;
@@ -531,8 +531,9 @@ void ZephVM_Stack::AppendEntry(LinkBuffer* buffer, Entry* entry) {
     case KindVariable: buffer->cat(entry->value.variable); break;
     case KindString:
       if (moved) {
-        buffer->cat_nocopy(entry->value.text, entry->length, entry->size);
-        Disown(entry);
+        const Entry taken = *entry;
+        entry->SetInteger(0);
+        buffer->cat_nocopy(taken.value.text, taken.length, taken.size);
       } else {
         buffer->cat(entry->value.text, entry->length);
       }
@@ -558,8 +559,9 @@ void ZephVM_Stack::PrependEntry(LinkBuffer* buffer, Entry* entry) {
     case KindVariable: buffer->prepend(entry->value.variable); break;
     case KindString:
       if (moved) {
-        buffer->prepend_nocopy(entry->value.text, entry->length, entry->size);
-        Disown(entry);
+        const Entry taken = *entry;
+        entry->SetInteger(0);
+        buffer->prepend_nocopy(taken.value.text, taken.length, taken.size);
       } else {
         buffer->prepend(entry->value.text, entry->length);
       }

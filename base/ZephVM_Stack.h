@@ -7,6 +7,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 
 #include "base/DeferredText.h"
 #include "base/FreeList.h"
@@ -88,11 +89,10 @@ class ZephVM_Stack {
     // A constant text and a variable's value behind it, as cat leaves them.
     template <typename Value>
     void SetDeferred(const char* bytes, int count, Value added) {
-      auto* text = new DeferredText;
-      Set(KindLinkBuffer | OwnedMark | DeferredMark, reinterpret_cast<uintptr_t>(text),
-          Lengths(8, 8));
+      auto text = std::make_unique<DeferredText>();
       text->Append(bytes, count);
       text->Append(added);
+      SetDeferred(text.release());
     }
     // A deferred text that begins with a variable's, which cat takes for one that is owned.
     void SetDeferred(DeferredText* text) {
@@ -312,7 +312,7 @@ class ZephVM_Stack {
   // takes the room for all of its entries only when it needs it.
   static const int FirstEntries = 16;
 
-  // Room for an entry on top, to be filled; null after an overflow.
+  // Room for an entry on top, to be filled; null after an overflow, and where there is no memory.
   Stack_Entry* Room() { return top < limit || Grow() ? top++ : nullptr; }
   // The value as a number, if it is one without being converted.
   static bool IsNumber(const Stack_Entry* entry, double* number) {
@@ -340,7 +340,7 @@ class ZephVM_Stack {
   void Drop();
   static void Disown(Stack_Entry* entry);
   static void FreeText(Stack_Entry* entry);
-  static void Settle(Stack_Entry* entry);
+  void Settle(Stack_Entry* entry);
   int PopConvertedI();
   double PopConvertedD();
   void PopConvertedV(Variable* target);

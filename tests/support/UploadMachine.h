@@ -42,8 +42,10 @@ class UploadFiles : public MemoryFileManager {
     }
     const std::string path = std::string(prefix) + "." + std::to_string(count++);
     made += path + " " + std::to_string(mode) + ";";
-    *name = OwnedText(path);
-    return new Temporary(this, path.c_str(), &files[path]);
+    std::unique_ptr<char[]> text(OwnedText(path));
+    File* file = new Temporary(this, path.c_str(), &files[path]);
+    *name = text.release();
+    return file;
   }
 
  private:

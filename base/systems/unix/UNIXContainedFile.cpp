@@ -515,7 +515,7 @@ bool UNIXFileManager::DirectoryListing(Zeph_PathType type, const char* path, Lis
     errno = 0;
     dirent* entry = readdir(stream.get());
     if (entry == nullptr) return errno == 0 || SystemError();
-    names->Insert(new String(entry->d_name, -1), ListTail);
+    InsertOwned(*names, std::make_unique<String>(entry->d_name, -1), ListTail);
   }
 }
 

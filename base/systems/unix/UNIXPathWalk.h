@@ -7,6 +7,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <memory>
+
 #include "base/BaseTemplates.h"
 #include "base/systems/unix/SystemCalls.h"
 
@@ -39,7 +41,7 @@ class SeenTargets : public HashTable<struct stat> {
   bool Add(const struct stat& target) {
     struct stat copy = target;
     if (Find(&copy) != nullptr) return false;
-    Insert(new struct stat(target));
+    InsertOwned(*this, std::make_unique<struct stat>(target));
     return true;
   }
 };
