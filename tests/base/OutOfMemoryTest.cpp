@@ -21,6 +21,13 @@
 
 namespace {
 
+class OutOfMemory : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
+  }
+};
+
 std::string Assembled(const std::string& source) {
   std::string image, errors;
   EXPECT_TRUE(AssembleScript(source, "script.zpa", &image, &errors)) << errors;
@@ -124,6 +131,7 @@ void ExpectNothingIsLostOf(const std::string& source, int log_level = 0) {
 class OutOfMemoryOf : public testing::TestWithParam<const char*> {};
 
 TEST_P(OutOfMemoryOf, NoInstructionLosesValues) {
+  if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
   // TODO: circles, and captures that a function leaves open, when to note them takes no memory.
   const std::string source = GetParam();
   const bool leaves_captures = source.find("capture\n") != std::string::npos &&
@@ -135,7 +143,7 @@ TEST_P(OutOfMemoryOf, NoInstructionLosesValues) {
 
 INSTANTIATE_TEST_SUITE_P(Scripts, OutOfMemoryOf, testing::ValuesIn(script_run_seeds));
 
-TEST(OutOfMemory, NoLogRecordLosesValues) {
+TEST_F(OutOfMemory, NoLogRecordLosesValues) {
   ExpectNothingIsLostOf(
       "pushg v\npushc \"text\"\ncall f\nout\npushi 1\ncall twice\nout\npushnc \"a b\"\n"
       ".function twice(a) external\n"
@@ -144,7 +152,7 @@ TEST(OutOfMemory, NoLogRecordLosesValues) {
 }
 
 // Code that runs often is decoded, and an array without gaps is kept as a row.
-TEST(OutOfMemory, AnArrayThatGrowsInALoopIsGivenBack) {
+TEST_F(OutOfMemory, AnArrayThatGrowsInALoopIsGivenBack) {
   ExpectNothingIsLostOf(
       "again: pushc \"some text\"\npushg i\ncat\npushg a\npushg i\npushi 1\nadd\nelem\nstore\n"
       "incg i, 1\ncmpgi i, 100\njmp_lt again\npushg a\npopg b\npushg b\nout\n");
@@ -156,7 +164,7 @@ TEST(OutOfMemory, AnArrayThatGrowsInALoopIsGivenBack) {
       "swap\nstore\nincg i, 1\ncmpgi i, 60\njmp_lt again\npushg a\npushc \"1key\"\nmemb\nout\n");
 }
 
-TEST(OutOfMemory, CallsInALoopLoseNothing) {
+TEST_F(OutOfMemory, CallsInALoopLoseNothing) {
   ExpectNothingIsLostOf(
       "again: pushg i\npushg s\npushc \"b\"\ncall f\npopg s\nincg i, 1\ncmpgi i, 60\n"
       "jmp_lt again\npushg s\nout\n.segment 1\n.function f(n, s var, t)\n.local x\npushl s\npushl "
@@ -164,20 +172,20 @@ TEST(OutOfMemory, CallsInALoopLoseNothing) {
       "cat\npopl x\npushl x\npushl n\ncat\nret");
 }
 
-TEST(OutOfMemory, ExternalCallsLoseNothing) {
+TEST_F(OutOfMemory, ExternalCallsLoseNothing) {
   ExpectNothingIsLostOf(
       "pushc \"something that is longer than a short text\"\ncall twice\npopg a\n"
       "pushg a\ncall twice\nout\n.function twice(a) external\n");
 }
 
-TEST(OutOfMemory, TextsLoseNothing) {
+TEST_F(OutOfMemory, TextsLoseNothing) {
   ExpectNothingIsLostOf(
       "again: pushg s\npushc \"a piece of a text that gets long\"\ncat\npushg i\ncat\npopg s\n"
       "pushg s\npushc \"z\"\ncat\npushg s\ncat\npopg t\nincg i, 1\ncmpgi i, 60\njmp_lt again\n"
       "pushg t\npushg s\ncmp\nout\npushg t\npushf 1.5\ncat\nout_comp\n");
 }
 
-TEST(OutOfMemory, FormsLoseNothing) {
+TEST_F(OutOfMemory, FormsLoseNothing) {
   ExpectNothingIsLost([] {
     Dictionary dictionary;
     VariableHash table(&dictionary, 12, 512);
@@ -204,7 +212,7 @@ const char* const kGrowing =
     "again: pushc \"some text that fills the memory\"\npushg i\ncat\npushg a\npushg i\npushi 1\n"
     "add\nelem\nstore\nincg i, 1\njmp again\n";
 
-TEST(OutOfMemory, IsAFatalErrorBehindWhatWasWritten) {
+TEST_F(OutOfMemory, IsAFatalErrorBehindWhatWasWritten) {
   ThreadMemory::Begin();
   ThreadMemory::SetLimit(8 << 20);
   Machine machine;
@@ -216,7 +224,7 @@ TEST(OutOfMemory, IsAFatalErrorBehindWhatWasWritten) {
   EXPECT_NE(machine.Output().find("]: Out of memory\n"), std::string::npos);
 }
 
-TEST(OutOfMemory, ARunThatFollowsHasAllOfItsMemory) {
+TEST_F(OutOfMemory, ARunThatFollowsHasAllOfItsMemory) {
   const int64_t before = ThreadMemory::Used();
   for (int i = 0; i < 3; i++) {
     ThreadMemory::Begin();
@@ -236,7 +244,7 @@ TEST(OutOfMemory, ARunThatFollowsHasAllOfItsMemory) {
 }
 
 // A text doubles in a few instructions: the block that is too large is refused, and not made first.
-TEST(OutOfMemory, ABlockBeyondTheLimitIsNotMade) {
+TEST_F(OutOfMemory, ABlockBeyondTheLimitIsNotMade) {
   ThreadMemory::Begin();
   ThreadMemory::SetLimit(64 << 20);
   Machine machine;
@@ -250,7 +258,7 @@ TEST(OutOfMemory, ABlockBeyondTheLimitIsNotMade) {
 }
 
 // The other file's run ends first, and with it that of the page.
-TEST(OutOfMemory, OfAnotherFileEndsThePage) {
+TEST_F(OutOfMemory, OfAnotherFileEndsThePage) {
   ScriptFiles files;
   files.Script("dir/part.zpc", kGrowing);
   Machine machine;

@@ -25,6 +25,13 @@
 #if __has_feature(address_sanitizer)
 #define ZEPH_MATCHED_BLOCKS true
 #endif
+#if __has_feature(thread_sanitizer)
+#define ZEPH_FOREIGN_NEW true
+#endif
+#endif
+// The thread sanitizer has operators that cannot be replaced: nothing is counted or refused there.
+#if defined(__SANITIZE_THREAD__)
+#define ZEPH_FOREIGN_NEW true
 #endif
 
 extern "C" {
@@ -122,7 +129,8 @@ struct ThreadMemoryOperators {
 
 using Operators = ThreadMemoryOperators;
 
-#ifdef ZEPH_MATCHED_BLOCKS
+#if defined(ZEPH_FOREIGN_NEW)
+#elif defined(ZEPH_MATCHED_BLOCKS)
 
 // The sanitizer's own forms with an alignment tell apart what was made by which operator.
 const std::align_val_t kUsual{__STDCPP_DEFAULT_NEW_ALIGNMENT__};
@@ -143,13 +151,11 @@ void operator delete[](void* memory) noexcept {
   Operators::NoteFree(memory);
   ::operator delete[](memory, kUsual);
 }
-void operator delete(void* memory, size_t size) noexcept {
-  Operators::NoteFree(memory);
-  ::operator delete(memory, size, kUsual);
+void operator delete(void* memory, size_t) noexcept {
+  ::operator delete(memory);
 }
-void operator delete[](void* memory, size_t size) noexcept {
-  Operators::NoteFree(memory);
-  ::operator delete[](memory, size, kUsual);
+void operator delete[](void* memory, size_t) noexcept {
+  ::operator delete[](memory);
 }
 
 #else
@@ -205,6 +211,7 @@ void operator delete[](void* memory, std::align_val_t, const std::nothrow_t&) no
 
 #endif
 
+#ifndef ZEPH_FOREIGN_NEW
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
   return Operators::OrNull([=] { return ::operator new(size); });
 }
@@ -217,6 +224,7 @@ void operator delete(void* memory, const std::nothrow_t&) noexcept {
 void operator delete[](void* memory, const std::nothrow_t&) noexcept {
   ::operator delete[](memory);
 }
+#endif
 
 // --- What a run has taken ------------------------------------------------------------------------
 

@@ -21,9 +21,16 @@
 
 namespace {
 
+class ThreadMemoryTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
+  }
+};
+
 const int64_t kMegabyte = 1 << 20;
 
-TEST(ThreadMemory, CountsWhatTheRunHolds) {
+TEST_F(ThreadMemoryTest, CountsWhatTheRunHolds) {
   const ThreadMemory::Run run;
   EXPECT_EQ(ThreadMemory::Used(), 0);
   auto block = std::make_unique<char[]>(kMegabyte);
@@ -33,13 +40,13 @@ TEST(ThreadMemory, CountsWhatTheRunHolds) {
   EXPECT_EQ(ThreadMemory::Used(), 0);
 }
 
-TEST(ThreadMemory, WhatWasHeldBeforeTheRunDoesNotCount) {
+TEST_F(ThreadMemoryTest, WhatWasHeldBeforeTheRunDoesNotCount) {
   auto block = std::make_unique<char[]>(kMegabyte);
   const ThreadMemory::Run run;
   EXPECT_EQ(ThreadMemory::Used(), 0);
 }
 
-TEST(ThreadMemory, RefusesWhatIsBeyondTheLimit) {
+TEST_F(ThreadMemoryTest, RefusesWhatIsBeyondTheLimit) {
   const ThreadMemory::Run run;
   ThreadMemory::SetLimit(kMegabyte);
   EXPECT_THROW(std::make_unique<char[]>(kMegabyte + 1), std::bad_alloc);
@@ -51,19 +58,19 @@ TEST(ThreadMemory, RefusesWhatIsBeyondTheLimit) {
 }
 
 // However many blocks come and go.
-TEST(ThreadMemory, FreedBlocksCanBeTakenAgain) {
+TEST_F(ThreadMemoryTest, FreedBlocksCanBeTakenAgain) {
   const ThreadMemory::Run run;
   ThreadMemory::SetLimit(kMegabyte);
   for (int i = 0; i < 1000; i++) EXPECT_NE(std::make_unique<char[]>(kMegabyte / 2), nullptr);
 }
 
-TEST(ThreadMemory, TheFormThatDoesNotThrowReturnsNull) {
+TEST_F(ThreadMemoryTest, TheFormThatDoesNotThrowReturnsNull) {
   const ThreadMemory::Run run;
   ThreadMemory::SetLimit(kMegabyte);
   EXPECT_EQ(std::unique_ptr<char[]>(new (std::nothrow) char[2 * kMegabyte]), nullptr);
 }
 
-TEST(ThreadMemory, ThereIsNoLimitBehindARun) {
+TEST_F(ThreadMemoryTest, ThereIsNoLimitBehindARun) {
   {
     const ThreadMemory::Run run;
     ThreadMemory::SetLimit(kMegabyte);
@@ -71,7 +78,7 @@ TEST(ThreadMemory, ThereIsNoLimitBehindARun) {
   EXPECT_NE(std::make_unique<char[]>(4 * kMegabyte), nullptr);
 }
 
-TEST(ThreadMemory, ZeroAndLessAreNoLimit) {
+TEST_F(ThreadMemoryTest, ZeroAndLessAreNoLimit) {
   const ThreadMemory::Run run;
   for (int bytes : {0, -1}) {
     ThreadMemory::SetLimit(bytes);
@@ -79,7 +86,7 @@ TEST(ThreadMemory, ZeroAndLessAreNoLimit) {
   }
 }
 
-TEST(ThreadMemory, OfOneThreadIsNoneOfAnothersConcern) {
+TEST_F(ThreadMemoryTest, OfOneThreadIsNoneOfAnothersConcern) {
   const ThreadMemory::Run run;
   ThreadMemory::SetLimit(kMegabyte);
   std::thread([] {
@@ -89,7 +96,7 @@ TEST(ThreadMemory, OfOneThreadIsNoneOfAnothersConcern) {
   EXPECT_LT(ThreadMemory::Used(), kMegabyte);
 }
 
-TEST(ThreadMemory, WhatIsHandedOverCountsForTheOther) {
+TEST_F(ThreadMemoryTest, WhatIsHandedOverCountsForTheOther) {
   const ThreadMemory::Run run;
   std::unique_ptr<char[]> block(new char[kMegabyte]);
   const int64_t given = ThreadMemory::Used();
@@ -103,7 +110,7 @@ TEST(ThreadMemory, WhatIsHandedOverCountsForTheOther) {
   EXPECT_LT(ThreadMemory::Used(), 1000);  // what std::thread has made
 }
 
-TEST(ThreadMemory, ALineTellsOfTheLimitThatWasMet) {
+TEST_F(ThreadMemoryTest, ALineTellsOfTheLimitThatWasMet) {
   const ThreadMemory::Run run;
   ThreadMemory::SetLimit(kMegabyte);
   testing::internal::CaptureStderr();
@@ -116,7 +123,7 @@ TEST(ThreadMemory, ALineTellsOfTheLimitThatWasMet) {
   EXPECT_FALSE(ThreadMemory::RanShort());
 }
 
-TEST(ThreadMemory, ALineTellsOfAProcessThatHasNoMemory) {
+TEST_F(ThreadMemoryTest, ALineTellsOfAProcessThatHasNoMemory) {
   const ThreadMemory::Run run;
   testing::internal::CaptureStderr();
   {
@@ -132,7 +139,7 @@ TEST(ThreadMemory, ALineTellsOfAProcessThatHasNoMemory) {
 }
 
 // The message and the end of the run need some.
-TEST(ThreadMemory, ThereIsALittleBeyondTheLimitOnceItWasMet) {
+TEST_F(ThreadMemoryTest, ThereIsALittleBeyondTheLimitOnceItWasMet) {
   const ThreadMemory::Run run;
   ThreadMemory::SetLimit(kMegabyte);
   auto block = std::make_unique<char[]>(kMegabyte - 1000);
@@ -144,12 +151,12 @@ TEST(ThreadMemory, ThereIsALittleBeyondTheLimitOnceItWasMet) {
 
 // --- Buffers -------------------------------------------------------------------------------------
 
-TEST(ThreadMemory, ReallocHasTheBlocksOfNew) {
+TEST_F(ThreadMemoryTest, ReallocHasTheBlocksOfNew) {
   EXPECT_TRUE(ThreadMemory::NewIsHere());
   EXPECT_EQ(ThreadMemory::NewIsMalloc(), !AddressSanitizer);
 }
 
-TEST(ThreadMemory, ABufferThatGrowsCounts) {
+TEST_F(ThreadMemoryTest, ABufferThatGrowsCounts) {
   const ThreadMemory::Run run;
   ThreadMemory::SetLimit(4 * kMegabyte);
   char* buffer = new char[100];
