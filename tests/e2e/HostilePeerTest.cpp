@@ -1,6 +1,9 @@
 // What a peer may send that speaks the protocol badly, or well but as no server does: it costs its
 // own connection and nothing else.
 
+#include <memory>
+#include <vector>
+
 #include "tests/e2e/Pages.h"
 
 namespace {
@@ -163,10 +166,27 @@ TEST_F(HostilePeer, PaddingMayFollowAnyRecord) {
 
 TEST_F(HostilePeer, AParameterForWhichThereIsNoMemory) {
   if (AddressSanitizer || ThreadSanitizer) GTEST_SKIP() << "needs a limit of address space";
+  constexpr int threads = 16;
+  engine.arguments = {"-t", std::to_string(threads)};
   ASSERT_TRUE(engine.Start());
-  ExpectPage(engine.Get("/page.zpc"), "page");
+  // Each keeps a thread, which has served by then.
+  std::vector<std::unique_ptr<FastCGIClient>> clients;
+  for (int i = 0; i < threads; i++) {
+    clients.push_back(std::make_unique<FastCGIClient>());
+    ASSERT_TRUE(clients.back()->Connect(engine.socket()));
+    ExpectPage(clients.back()->Request(engine.Parameters("/page.zpc"), "", true), "page");
+  }
+  // More together than the heap may have in store.
   engine.LimitMemory(8 << 20);
-  for (int i = 0; i < 3; i++) ExpectDropped(Announces(0, 30 << 20));
+  for (auto& client : clients) ASSERT_TRUE(client->Send(Announces(0, 30 << 20)));
+  int dropped = 0;
+  for (int attempt = 0; attempt < 200 && dropped == 0; attempt++) {
+    for (auto& client : clients) dropped += client->WaitForClose(Milliseconds(5));
+  }
+  EXPECT_GT(dropped, 0);
+  clients.clear();
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  EXPECT_TRUE(engine.Running()) << engine.Log();
 }
 
 TEST_F(HostilePeer, LargeParametersAreTaken) {
