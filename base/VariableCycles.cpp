@@ -161,8 +161,7 @@ void Variable::ForgetSuspect() {
 
 void Variable::FreeCycles() {
   std::vector<Variable*>& listed = Suspects();
-  if (listed.empty()) return;
-  VariableCycles().Free(listed);
+  if (!listed.empty()) VariableCycles().Free(listed);
   // Those left are somebody's: a library may keep variables beyond a request.
   for (Variable* survivor : listed) survivor->state &= ~Suspect;
   std::vector<Variable*>().swap(listed);

@@ -1,7 +1,6 @@
 // The end of a run when there is no memory left: what a script leaves behind is deleted without
 // asking for any, since a destructor that fails to get some would end the process.
 
-#include <cstdlib>
 #include <memory>
 #include <new>
 #include <string>
@@ -14,56 +13,17 @@
 #include "base/DeferredText.h"
 #include "base/Lockfile.h"
 #include "base/VariableRef.h"
+#include "tests/support/FailingAllocator.h"
 #include "tests/support/Machine.h"
 
 namespace {
 
-thread_local bool exhausted = false;
-thread_local int refused = 0;
-
-void* Allocate(size_t size) {
-  if (exhausted) {
-    refused++;
-    throw std::bad_alloc();
-  }
-  void* memory = malloc(size > 0 ? size : 1);
-  if (!memory) throw std::bad_alloc();
-  return memory;
-}
-
 // While one lives, nothing can be allocated on this thread. Nothing is expected of it meanwhile:
 // that would allocate.
-class NoMemory {
+class NoMemory : public FailingAllocator {
  public:
-  NoMemory() {
-    refused = 0;
-    exhausted = true;
-  }
-  ~NoMemory() { exhausted = false; }
+  NoMemory() : FailingAllocator(1, FromThereOn) {}
 };
-
-}  // namespace
-
-void* operator new(size_t size) {
-  return Allocate(size);
-}
-void* operator new[](size_t size) {
-  return Allocate(size);
-}
-void operator delete(void* memory) noexcept {
-  free(memory);
-}
-void operator delete[](void* memory) noexcept {
-  free(memory);
-}
-void operator delete(void* memory, size_t) noexcept {
-  free(memory);
-}
-void operator delete[](void* memory, size_t) noexcept {
-  free(memory);
-}
-
-namespace {
 
 // Runs the code and ends the request without memory.
 void EndWithoutMemory(const std::string& code) {
@@ -71,19 +31,22 @@ void EndWithoutMemory(const std::string& code) {
   machine.Assemble(code);
   machine.Go();
   Output* left;
+  long asked;
   {
     const NoMemory none;
     machine.Close();
     machine.global.Dump();
     Variable::FreeCycles();
     left = machine.application.output();
+    asked = FailingAllocator::Asked();
   }
-  EXPECT_EQ(refused, 0);
+  EXPECT_EQ(asked, 0);
   EXPECT_EQ(left, &machine.output);
 }
 
 TEST(Cleanup, TheAllocatorOfThisTestRefuses) {
   bool threw = false;
+  long asked;
   {
     const NoMemory none;
     try {
@@ -91,9 +54,10 @@ TEST(Cleanup, TheAllocatorOfThisTestRefuses) {
     } catch (const std::bad_alloc&) {
       threw = true;
     }
+    asked = FailingAllocator::Asked();
   }
   EXPECT_TRUE(threw);
-  EXPECT_EQ(refused, 1);
+  EXPECT_EQ(asked, 1);
 }
 
 TEST(Cleanup, OfCapturesOnTheStack) {
@@ -141,12 +105,14 @@ TEST(Cleanup, OfCirclesOfTreesInAnyShape) {
     arrays[0]->SetElement(AggregateIndex(2000 + i * 2), arrays.back().get());
   }
   const VariableRef kept = VariableRef::Share(arrays[7].get());
+  long asked;
   {
     const NoMemory none;
     for (VariableRef& array : arrays) array.reset();
     Variable::FreeCycles();
+    asked = FailingAllocator::Asked();
   }
-  EXPECT_EQ(refused, 0);
+  EXPECT_EQ(asked, 0);
   EXPECT_EQ(kept->Element(AggregateIndex(1), 0)->value_integer(), 0);
   EXPECT_EQ(kept->Element(AggregateIndex(1001), 0)->NextIdentity()->ElementsUsed(), 112);
   const VariableRef first = VariableRef::Share(kept->Element(AggregateIndex(1001), 0));
@@ -162,11 +128,13 @@ TEST(Cleanup, ATextWhoseVariableIsGoneIsLostWithoutMemory) {
   DeferredText* text = DeferredText::Begin(variable);
   ASSERT_NE(text, nullptr);
   text->Append("y", 1);
+  long asked;
   {
     const NoMemory none;
     variable->DecRefCount();
+    asked = FailingAllocator::Asked();
   }
-  EXPECT_EQ(refused, 1);
+  EXPECT_EQ(asked, 1);
   int length;
   EXPECT_THROW(text->Append("z", 1), std::bad_alloc);
   EXPECT_THROW((void)text->Release(&length), std::bad_alloc);
