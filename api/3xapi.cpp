@@ -7,13 +7,13 @@
 #include "api/FileLocation.h"
 #include "api/zpFile.h"
 #include "api/zpVariable.h"
-#include "base/Aggregate.h"
-#include "base/File.h"
-#include "base/LinkBuffer.h"
-#include "base/Variable.h"
-#include "base/VariableHash.h"
-#include "base/ZephApplication.h"
-#include "base/ZephVM.h"
+#include "base/compiled/VariableHash.h"
+#include "base/core/LinkBuffer.h"
+#include "base/host/File.h"
+#include "base/host/ZephApplication.h"
+#include "base/machine/ZephVM.h"
+#include "base/values/Aggregate.h"
+#include "base/values/Variable.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #ifndef ZEPH_API_3XAPI_H
 #define ZEPH_API_3XAPI_H
 
-#include "base/ExtensionHandles.h"
+#include "base/extensions/ExtensionHandles.h"
 
 #ifdef __cplusplus
 extern "C" {

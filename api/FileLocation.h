@@ -3,9 +3,9 @@
 #ifndef ZEPH_API_FILELOCATION_H
 #define ZEPH_API_FILELOCATION_H
 
-#include "base/ExtensionHandles.h"
-#include "base/File.h"
-#include "base/StringClass.h"
+#include "base/core/StringClass.h"
+#include "base/extensions/ExtensionHandles.h"
+#include "base/host/File.h"
 
 // The type of path that a location of api/zpFile.h stands for; result receives the path in its
 // directory. A length of -1 means strlen.

@@ -12,7 +12,7 @@
 #include "api/zpProgram.h"
 #include "api/zpSystemLibrary.h"
 #include "api/zpVariable.h"
-#include "base/ConfigLibrary.h"
-#include "base/FunctionLibrary.h"
+#include "base/extensions/ConfigLibrary.h"
+#include "base/extensions/FunctionLibrary.h"
 
 #endif

@@ -1,6 +1,6 @@
 #include "api/zpConfig.h"
 
-#include "base/ExternalConfig.h"
+#include "base/extensions/ExternalConfig.h"
 
 int zpConfig_SetValue(ZPCONFIG config, int id, const char* text, int length, int owned) {
   return config->SetValue(id, text, length, owned) ? 0 : -1;

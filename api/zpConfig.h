@@ -9,7 +9,7 @@
 #ifndef ZEPH_API_ZPCONFIG_H
 #define ZEPH_API_ZPCONFIG_H
 
-#include "base/ConfigLibrary.h"
+#include "base/extensions/ConfigLibrary.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -3,11 +3,11 @@
 #include <cstring>
 
 #include "api/FileLocation.h"
-#include "base/Config.h"
-#include "base/File.h"
-#include "base/Variable.h"
-#include "base/ZephApplication.h"
-#include "base/ZephVM.h"
+#include "base/host/Config.h"
+#include "base/host/File.h"
+#include "base/host/ZephApplication.h"
+#include "base/machine/ZephVM.h"
+#include "base/values/Variable.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #ifndef ZEPH_API_ZPFILE_H
 #define ZEPH_API_ZPFILE_H
 
-#include "base/ExtensionHandles.h"
+#include "base/extensions/ExtensionHandles.h"
 
 #ifdef __cplusplus
 extern "C" {

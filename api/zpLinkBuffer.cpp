@@ -1,6 +1,6 @@
 #include "api/zpLinkBuffer.h"
 
-#include "base/LinkBuffer.h"
+#include "base/core/LinkBuffer.h"
 
 ZPLINKBUFFER zpLinkBuffer_Allocate(int first, int next) {
   return new LinkBuffer(first, next);

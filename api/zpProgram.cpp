@@ -1,13 +1,13 @@
 #include "api/zpProgram.h"
 
 #include "api/FileLocation.h"
-#include "base/ExternalCall.h"
-#include "base/Output.h"
-#include "base/SystemLibrary.h"
-#include "base/Variable.h"
-#include "base/VariableHash.h"
-#include "base/ZephApplication.h"
-#include "base/ZephVM.h"
+#include "base/compiled/VariableHash.h"
+#include "base/core/Output.h"
+#include "base/extensions/ExternalCall.h"
+#include "base/extensions/SystemLibrary.h"
+#include "base/host/ZephApplication.h"
+#include "base/machine/ZephVM.h"
+#include "base/values/Variable.h"
 
 namespace {
 

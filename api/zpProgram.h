@@ -5,7 +5,7 @@
 #ifndef ZEPH_API_ZPPROGRAM_H
 #define ZEPH_API_ZPPROGRAM_H
 
-#include "base/FunctionLibrary.h"
+#include "base/extensions/FunctionLibrary.h"
 
 #ifdef __cplusplus
 extern "C" {

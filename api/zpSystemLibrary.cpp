@@ -1,9 +1,9 @@
 #include "api/zpSystemLibrary.h"
 
-#include "base/ExternalLibrary.h"
-#include "base/SystemLibrary.h"
-#include "base/ZephApplication.h"
-#include "base/ZephVM.h"
+#include "base/extensions/ExternalLibrary.h"
+#include "base/extensions/SystemLibrary.h"
+#include "base/host/ZephApplication.h"
+#include "base/machine/ZephVM.h"
 
 void* zpSystemLibrary_GetFunction(ZPSYSTEMLIBRARY library, const char* name) {
   ExternalLibrary* file = library->library();

@@ -4,7 +4,7 @@
 #ifndef ZEPH_API_ZPSYSTEMLIBRARY_H
 #define ZEPH_API_ZPSYSTEMLIBRARY_H
 
-#include "base/ExtensionHandles.h"
+#include "base/extensions/ExtensionHandles.h"
 
 #ifdef __cplusplus
 extern "C" {

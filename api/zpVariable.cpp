@@ -3,12 +3,12 @@
 #include <cstring>
 #include <vector>
 
-#include "base/Aggregate.h"
-#include "base/Variable.h"
-#include "base/VariableHash.h"
-#include "base/VariableRef.h"
-#include "base/ZephApplication.h"
-#include "base/memcmpi.h"
+#include "base/compiled/VariableHash.h"
+#include "base/core/memcmpi.h"
+#include "base/host/ZephApplication.h"
+#include "base/values/Aggregate.h"
+#include "base/values/Variable.h"
+#include "base/values/VariableRef.h"
 
 namespace {
 

@@ -18,7 +18,7 @@
 #ifndef ZEPH_API_ZPVARIABLE_H
 #define ZEPH_API_ZPVARIABLE_H
 
-#include "base/ExtensionHandles.h"
+#include "base/extensions/ExtensionHandles.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "base/BaseTemplates.h"
-#include "base/LinkBuffer.h"
-#include "base/StringClass.h"
+#include "base/core/BaseTemplates.h"
+#include "base/core/LinkBuffer.h"
+#include "base/core/StringClass.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "base/UFCrypt.h"
-#include "base/ZephApplication.h"
+#include "base/core/UFCrypt.h"
+#include "base/host/ZephApplication.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "base/dtoa.h"
+#include "base/core/dtoa.h"
 
 namespace {
 

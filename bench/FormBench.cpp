@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <string>
 
-#include "base/MultipartFormParser.h"
-#include "base/URLEncodedParser.h"
+#include "base/request/MultipartFormParser.h"
+#include "base/request/URLEncodedParser.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "tests/support/Machine.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "base/hash.h"
-#include "base/memcmpi.h"
+#include "base/core/hash.h"
+#include "base/core/memcmpi.h"
 
 namespace {
 

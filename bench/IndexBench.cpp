@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "base/ZIXIndexFile.h"
+#include "base/database/ZIXIndexFile.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TestApplication.h"

@@ -2,14 +2,14 @@
 
 #include <benchmark/benchmark.h>
 
-#include "base/BufferedOutput.h"
-#include "base/Config.h"
-#include "base/Dictionary.h"
-#include "base/Instructions.h"
-#include "base/Segment.h"
-#include "base/Variable.h"
-#include "base/VariableHash.h"
-#include "base/ZephVM.h"
+#include "base/compiled/Dictionary.h"
+#include "base/compiled/Instructions.h"
+#include "base/compiled/Segment.h"
+#include "base/compiled/VariableHash.h"
+#include "base/host/BufferedOutput.h"
+#include "base/host/Config.h"
+#include "base/machine/ZephVM.h"
+#include "base/values/Variable.h"
 #include "tests/support/TestApplication.h"
 
 namespace {

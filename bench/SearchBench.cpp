@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "base/string_search.h"
+#include "base/core/string_search.h"
 
 namespace {
 

@@ -3,11 +3,11 @@
 
 #include <benchmark/benchmark.h>
 
-#include "base/Aggregate.h"
-#include "base/Config.h"
-#include "base/Dictionary.h"
-#include "base/LogRecord.h"
-#include "base/SpecialVariable.h"
+#include "base/compiled/Dictionary.h"
+#include "base/host/Config.h"
+#include "base/request/SpecialVariable.h"
+#include "base/values/Aggregate.h"
+#include "base/values/LogRecord.h"
 #include "tests/support/TestApplication.h"
 
 namespace {

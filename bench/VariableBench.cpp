@@ -7,11 +7,11 @@
 
 #include <benchmark/benchmark.h>
 
-#include "base/Aggregate.h"
-#include "base/Dictionary.h"
-#include "base/Variable.h"
-#include "base/VariableHash.h"
-#include "base/VariableRef.h"
+#include "base/compiled/Dictionary.h"
+#include "base/compiled/VariableHash.h"
+#include "base/values/Aggregate.h"
+#include "base/values/Variable.h"
+#include "base/values/VariableRef.h"
 
 namespace {
 

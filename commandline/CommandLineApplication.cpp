@@ -12,11 +12,11 @@
 #include <ctime>
 #include <memory>
 
-#include "base/Config.h"
-#include "base/ExternalConfig.h"
-#include "base/TaggedFile.h"
-#include "base/VariableHash.h"
-#include "base/ZephVM.h"
+#include "base/compiled/TaggedFile.h"
+#include "base/compiled/VariableHash.h"
+#include "base/extensions/ExternalConfig.h"
+#include "base/host/Config.h"
+#include "base/machine/ZephVM.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "commandline/CommandLineOutput.h"
 #include "commandline/Options.h"

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <string>
 
-#include "base/ScriptTables.h"
+#include "base/request/ScriptTables.h"
 #include "base/systems/unix/UNIXApplication.h"
 
 struct Options;

@@ -9,11 +9,11 @@
 #include <ctime>
 #include <new>
 
-#include "base/Mutex.h"
-#include "base/ThreadMemory.h"
-#include "base/Variable.h"
+#include "base/core/Mutex.h"
+#include "base/core/ThreadMemory.h"
 #include "base/systems/unix/ScriptThread.h"
 #include "base/systems/unix/UNIXExternalLibrary.h"
+#include "base/values/Variable.h"
 #include "commandline/CommandLineApplication.h"
 
 namespace {

@@ -2,8 +2,8 @@
 // it once and calls the functions of the table below for every request, from all its threads.
 
 #include "api/zpConfig.h"
-#include "base/Settings.h"
-#include "base/TagLookup.h"
+#include "base/host/Settings.h"
+#include "base/host/TagLookup.h"
 #include "config/Glob.h"
 #include "config/Snapshot.h"
 #include "config/SnapshotStore.h"

@@ -1,7 +1,7 @@
 #include "config/Snapshot.h"
 
-#include "base/Settings.h"
-#include "base/TagLookup.h"
+#include "base/host/Settings.h"
+#include "base/host/TagLookup.h"
 #include "config/Suggestion.h"
 
 #include <algorithm>
@@ -379,7 +379,7 @@ ErrorSettings ShippedErrorSettings() {
   ErrorSettings settings = {};
 #define ZEPH_TAG(number, name, value) settings[number] = value;
 #define ZEPH_TAG_EXPRESSION(number, name, variable, value) settings[number] = value;
-#include "base/TagErrors.def"
+#include "base/host/TagErrors.def"
 #undef ZEPH_TAG
 #undef ZEPH_TAG_EXPRESSION
   return settings;

@@ -4,7 +4,7 @@
 #ifndef ZEPH_CONFIG_SNAPSHOT_H
 #define ZEPH_CONFIG_SNAPSHOT_H
 
-#include "base/TagErrors.h"
+#include "base/host/TagErrors.h"
 
 #include <array>
 #include <cstdint>

@@ -1,6 +1,6 @@
 #include "config/SnapshotStore.h"
 
-#include "base/FileDescriptor.h"
+#include "base/host/FileDescriptor.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/StringClass.h"
+#include "base/core/StringClass.h"
 #include "fastcgi/FastCGIThreads.h"
 
 namespace {

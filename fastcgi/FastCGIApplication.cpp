@@ -12,14 +12,14 @@
 #include <memory>
 #include <new>
 
-#include "base/ExternalConfig.h"
-#include "base/RunLimit.h"
-#include "base/TaggedFile.h"
-#include "base/ThreadMemory.h"
-#include "base/Variable.h"
-#include "base/VariableHash.h"
-#include "base/ZephVM.h"
+#include "base/compiled/TaggedFile.h"
+#include "base/compiled/VariableHash.h"
+#include "base/core/RunLimit.h"
+#include "base/core/ThreadMemory.h"
+#include "base/extensions/ExternalConfig.h"
+#include "base/machine/ZephVM.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
+#include "base/values/Variable.h"
 #include "fastcgi/FastCGIAsynchronousApplication.h"
 #include "fastcgi/FastCGIOutput.h"
 #include "fastcgi/FastCGIThreads.h"

@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "base/ScriptTables.h"
+#include "base/request/ScriptTables.h"
 #include "fastcgi/FastCGIBaseApplication.h"
 #include "fastcgi/RequestVariables.h"
 

@@ -7,12 +7,12 @@
 #include <memory>
 #include <new>
 
-#include "base/Config.h"
-#include "base/ThreadMemory.h"
-#include "base/Variable.h"
-#include "base/VariableHash.h"
-#include "base/ZephVM.h"
+#include "base/compiled/VariableHash.h"
+#include "base/core/ThreadMemory.h"
+#include "base/host/Config.h"
+#include "base/machine/ZephVM.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
+#include "base/values/Variable.h"
 #include "fastcgi/FastCGIThreads.h"
 
 namespace {

@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "base/Config.h"
+#include "base/host/Config.h"
 #include "fastcgi/FastCGIThreads.h"
 
 FastCGIBaseApplication::FastCGIBaseApplication(int argc, char** argv, int copied_argc,

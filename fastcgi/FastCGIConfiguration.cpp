@@ -1,6 +1,6 @@
 // The stages of a request that find, load and obey the configuration.
 
-#include "base/ExternalConfig.h"
+#include "base/extensions/ExternalConfig.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "fastcgi/FastCGIApplication.h"
 #include "fastcgi/FastCGIConnection.h"

@@ -10,7 +10,7 @@
 #include <memory>
 #include <vector>
 
-#include "base/ExternalConfig.h"
+#include "base/extensions/ExternalConfig.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "fastcgi/FastCGIApplication.h"
 

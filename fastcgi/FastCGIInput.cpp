@@ -7,12 +7,12 @@
 #include <cstring>
 #include <memory>
 
-#include "base/Config.h"
-#include "base/MultipartFormParser.h"
-#include "base/RunLimit.h"
-#include "base/URLEncodedParser.h"
-#include "base/VariableHash.h"
-#include "base/memcmpi.h"
+#include "base/compiled/VariableHash.h"
+#include "base/core/RunLimit.h"
+#include "base/core/memcmpi.h"
+#include "base/host/Config.h"
+#include "base/request/MultipartFormParser.h"
+#include "base/request/URLEncodedParser.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "fastcgi/FastCGIApplication.h"
 

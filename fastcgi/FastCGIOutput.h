@@ -3,7 +3,7 @@
 #ifndef ZEPH_FASTCGI_FASTCGIOUTPUT_H
 #define ZEPH_FASTCGI_FASTCGIOUTPUT_H
 
-#include "base/HTTPOutput.h"
+#include "base/host/HTTPOutput.h"
 
 class FastCGIApplication;
 struct FCGX_Request;

@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <new>
 
-#include "base/ThreadMemory.h"
-#include "base/Variable.h"
+#include "base/core/ThreadMemory.h"
+#include "base/values/Variable.h"
 #include "fastcgi/FastCGIApplication.h"
 #include "fastcgi/FastCGIConnection.h"
 #include "fastcgi/FastCGIExternalLibrary.h"

@@ -17,7 +17,7 @@
 #include <ctime>
 #include <memory>
 
-#include "base/ThreadMemory.h"
+#include "base/core/ThreadMemory.h"
 #include "base/systems/unix/ScriptThread.h"
 #include "fastcgi/FastCGIAsynchronousApplication.h"
 #include "fastcgi/FastCGIRequestThread.h"

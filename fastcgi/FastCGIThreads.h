@@ -10,8 +10,8 @@
 
 #include <atomic>
 
-#include "base/BaseTemplates.h"
-#include "base/Mutex.h"
+#include "base/core/BaseTemplates.h"
+#include "base/core/Mutex.h"
 
 class FastCGIAsynchronousApplication;
 class FastCGIBaseApplication;

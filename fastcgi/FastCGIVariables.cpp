@@ -9,10 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/RunLimit.h"
-#include "base/SpecialVariable.h"
-#include "base/URLEncodedParser.h"
-#include "base/VariableHash.h"
+#include "base/compiled/VariableHash.h"
+#include "base/core/RunLimit.h"
+#include "base/request/SpecialVariable.h"
+#include "base/request/URLEncodedParser.h"
 #include "fastcgi/FastCGIApplication.h"
 #include "fastcgi/RequestVariables.h"
 

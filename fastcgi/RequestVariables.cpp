@@ -6,9 +6,9 @@
 #include <bit>
 #include <cstring>
 
-#include "base/Variable.h"
-#include "base/hash.h"
-#include "base/memcmpi.h"
+#include "base/core/hash.h"
+#include "base/core/memcmpi.h"
+#include "base/values/Variable.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <memory>
 #include <vector>
 
-#include "base/StringClass.h"
-#include "base/VariableHash.h"
+#include "base/compiled/VariableHash.h"
+#include "base/core/StringClass.h"
 
 // The web server's parameters and the system variables. A parameter has the name under which it was
 // sent; those that say nothing of the request are left out: "termcap", "logname", "mail" and

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "base/LittleEndian.h"
+#include "base/core/LittleEndian.h"
 #include "tests/support/CompiledFileBytes.h"
 
 extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t max_size);

@@ -5,14 +5,14 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "base/Dictionary.h"
-#include "base/ExpressionCompiler.h"
-#include "base/ExternalCall.h"
-#include "base/Function.h"
-#include "base/Instructions.h"
-#include "base/Segment.h"
-#include "base/VariableHash.h"
-#include "base/ZephVM.h"
+#include "base/compiled/Dictionary.h"
+#include "base/compiled/Function.h"
+#include "base/compiled/Instructions.h"
+#include "base/compiled/Segment.h"
+#include "base/compiled/VariableHash.h"
+#include "base/extensions/ExternalCall.h"
+#include "base/machine/ExpressionCompiler.h"
+#include "base/machine/ZephVM.h"
 #include "tests/support/RecordingOutput.h"
 #include "tests/support/TestApplication.h"
 

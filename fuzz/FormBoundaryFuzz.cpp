@@ -3,8 +3,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "base/Dictionary.h"
-#include "base/MultipartFormParser.h"
+#include "base/compiled/Dictionary.h"
+#include "base/request/MultipartFormParser.h"
 #include "fuzz/FormText.h"
 
 namespace {

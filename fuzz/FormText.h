@@ -10,9 +10,9 @@
 #include <random>
 #include <string>
 
-#include "base/HTTPContentParser.h"
-#include "base/Variable.h"
-#include "base/VariableHash.h"
+#include "base/compiled/VariableHash.h"
+#include "base/request/HTTPContentParser.h"
+#include "base/values/Variable.h"
 
 inline void Require(bool condition) {
   if (!condition) abort();

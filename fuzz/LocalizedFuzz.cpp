@@ -6,9 +6,9 @@
 #include <cstring>
 #include <string>
 
-#include "base/ExternalCall.h"
-#include "base/Instructions.h"
-#include "base/ZephVM.h"
+#include "base/compiled/Instructions.h"
+#include "base/extensions/ExternalCall.h"
+#include "base/machine/ZephVM.h"
 #include "fuzz/CompiledFileMutator.h"
 #include "tests/support/FaultyFile.h"
 #include "tests/support/LoadedScript.h"

@@ -7,17 +7,17 @@
 #include <string>
 #include <string_view>
 
-#include "base/Config.h"
-#include "base/Dictionary.h"
-#include "base/ExternalCall.h"
-#include "base/Function.h"
-#include "base/Instructions.h"
-#include "base/LogRecord.h"
-#include "base/Output.h"
-#include "base/Segment.h"
-#include "base/VariableHash.h"
-#include "base/ZephVM.h"
+#include "base/compiled/Dictionary.h"
+#include "base/compiled/Function.h"
+#include "base/compiled/Instructions.h"
+#include "base/compiled/Segment.h"
+#include "base/compiled/VariableHash.h"
+#include "base/core/Output.h"
+#include "base/extensions/ExternalCall.h"
+#include "base/host/Config.h"
+#include "base/machine/ZephVM.h"
 #include "base/systems/unix/UNIXApplication.h"
+#include "base/values/LogRecord.h"
 #include "tests/support/RecordingOutput.h"
 
 namespace {

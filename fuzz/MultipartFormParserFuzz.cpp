@@ -1,10 +1,10 @@
 // Forms in parts, with files: any body gives the same fields, files and calls, however it is cut
 // into blocks. The script that is called answers by the name of the file.
 
-#include "base/BufferedOutput.h"
-#include "base/ExternalCall.h"
-#include "base/MultipartFormParser.h"
-#include "base/ZephVM.h"
+#include "base/extensions/ExternalCall.h"
+#include "base/host/BufferedOutput.h"
+#include "base/machine/ZephVM.h"
+#include "base/request/MultipartFormParser.h"
 #include "fuzz/FormText.h"
 #include "tests/support/LoadedScript.h"
 #include "tests/support/TestApplication.h"

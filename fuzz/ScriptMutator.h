@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "base/Instructions.h"
-#include "base/LittleEndian.h"
+#include "base/compiled/Instructions.h"
+#include "base/core/LittleEndian.h"
 #include "fuzz/CompiledFileMutator.h"
 
 class ScriptMutator {

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "base/TaggedFile.h"
+#include "base/compiled/TaggedFile.h"
 #include "fuzz/CompiledFileMutator.h"
 #include "tests/support/FaultyFile.h"
 

@@ -1,7 +1,7 @@
 // Plain forms: any body gives the same variables, however it is cut into blocks.
 
-#include "base/Dictionary.h"
-#include "base/URLEncodedParser.h"
+#include "base/compiled/Dictionary.h"
+#include "base/request/URLEncodedParser.h"
 #include "fuzz/FormText.h"
 
 namespace {

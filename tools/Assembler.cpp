@@ -7,7 +7,7 @@
 #include <memory>
 #include <vector>
 
-#include "base/Instructions.h"
+#include "base/compiled/Instructions.h"
 #include "tools/AssemblyProgram.h"
 #include "tools/AssemblySource.h"
 #include "tools/FunctionFlagNames.h"

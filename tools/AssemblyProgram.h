@@ -10,13 +10,13 @@
 #include <string_view>
 #include <vector>
 
-#include "base/Dictionary.h"
-#include "base/Function.h"
-#include "base/LocalizedDictionary.h"
-#include "base/LocalizedLanguages.h"
-#include "base/Segment.h"
-#include "base/TaggedFile.h"
-#include "base/VariableHash.h"
+#include "base/compiled/Dictionary.h"
+#include "base/compiled/Function.h"
+#include "base/compiled/LocalizedDictionary.h"
+#include "base/compiled/LocalizedLanguages.h"
+#include "base/compiled/Segment.h"
+#include "base/compiled/TaggedFile.h"
+#include "base/compiled/VariableHash.h"
 
 // The sections' tags. An index of tokens has the language's number in its upper half; in a file
 // older than separate_indexes there is one of them, with tag 0.
@@ -32,8 +32,8 @@ constexpr int IndexTag(int language) {
   return static_cast<int>(static_cast<unsigned>(language) << 16 | 0x584C);
 }
 
-// Sizes of the tables. A request fills the buckets of its own tables anew, so those of variables are
-// as many as a page with its environment needs, and no more.
+// Sizes of the tables. A request fills the buckets of its own tables anew, so those of variables
+// are as many as a page with its environment needs, and no more.
 constexpr int variable_bits = 8;
 constexpr int variable_capacity = 512;
 constexpr int function_bits = 8;

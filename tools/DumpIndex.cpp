@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "base/ZIXIndexFile.h"
+#include "base/database/ZIXIndexFile.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <system_error>
 #include <vector>
 
-#include "base/XBaseTable.h"
+#include "base/database/XBaseTable.h"
 
 namespace {
 

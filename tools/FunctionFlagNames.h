@@ -3,7 +3,7 @@
 #ifndef ZEPH_TOOLS_FUNCTIONFLAGNAMES_H
 #define ZEPH_TOOLS_FUNCTIONFLAGNAMES_H
 
-#include "base/Function.h"
+#include "base/compiled/Function.h"
 
 struct FunctionFlagName {
   const char* name;

@@ -7,7 +7,7 @@
 #include <set>
 #include <vector>
 
-#include "base/Instructions.h"
+#include "base/compiled/Instructions.h"
 #include "tools/Assembler.h"
 #include "tools/AssemblyProgram.h"
 #include "tools/AssemblySource.h"

@@ -7,7 +7,7 @@
 #include <map>
 #include <string>
 
-#include "base/File.h"
+#include "base/host/File.h"
 
 // A flat set of named files, whatever the type of a path. Opens and deletes them, and refuses every
 // other operation on names: the classes that read and write compiled scripts need no more.

@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "base/XBaseTable.h"
-#include "base/ZIXIndexFile.h"
+#include "base/database/XBaseTable.h"
+#include "base/database/ZIXIndexFile.h"
 #include "tools/Dump.h"
 
 namespace {

@@ -1,5 +1,5 @@
-/* The text functions that the measured scripts call, as a builtin library: what other languages have
-   in their own libraries. Scripts declare them as external functions:
+/* The text functions that the measured scripts call, as a builtin library: what other languages
+   have in their own libraries. Scripts declare them as external functions:
 
      length(text var)                       bytes of a text
      byte(text var, position)               the byte at a position, as a number; 0 outside
@@ -64,8 +64,7 @@ static void encodeentities(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIA
 }
 
 static _ZP_EL_Parameter one_text[] = {{"text", 4, _ZP_EL_ByReference}};
-static _ZP_EL_Parameter text_and_position[] = {{"text", 4, _ZP_EL_ByReference},
-                                               {"position", 8, 0}};
+static _ZP_EL_Parameter text_and_position[] = {{"text", 4, _ZP_EL_ByReference}, {"position", 8, 0}};
 static _ZP_EL_Parameter text_and_range[] = {
     {"text", 4, _ZP_EL_ByReference}, {"position", 8, 0}, {"count", 5, 0}};
 static _ZP_EL_Parameter copied_text[] = {{"text", 4, 0}};

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "api/zpVariable.h"
-#include "base/Variable.h"
+#include "base/values/Variable.h"
 
 namespace {
 

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "api/zeph.h"
-#include "base/ExternalCall.h"
-#include "base/SystemLibrary.h"
-#include "base/ZephVM.h"
+#include "base/extensions/ExternalCall.h"
+#include "base/extensions/SystemLibrary.h"
+#include "base/machine/ZephVM.h"
 #include "tests/support/LibraryFixture.h"
 #include "tests/support/LoadedScript.h"
 #include "tests/support/RecordingOutput.h"

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "api/3xapi.h"
-#include "base/Config.h"
+#include "base/host/Config.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "tests/api/ProgramFixture.h"
 #include "tests/support/TemporaryDirectory.h"

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "api/zpProgram.h"
-#include "base/Variable.h"
+#include "base/values/Variable.h"
 #include "tests/api/ProgramFixture.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include <sstream>
 #include <string>
 
-#include "base/Config.h"
+#include "base/host/Config.h"
 #include "config/Snapshot.h"
 
 namespace {

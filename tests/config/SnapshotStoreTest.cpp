@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "base/Settings.h"
+#include "base/host/Settings.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "base/Settings.h"
+#include "base/host/Settings.h"
 
 namespace {
 

@@ -41,8 +41,8 @@ TEST(Arguments, ThreadCountTakesNumbersAboveZero) {
     const char* value;
     int expected;
   };
-  const Case cases[] = {{"4", 4},      {"2.9", 2},        {"0", 10},    {"-3", 10},
-                        {"abc", 10},   {"", 10},          {"0.5", 10},  {"1e1", 10},
+  const Case cases[] = {{"4", 4},      {"2.9", 2},         {"0", 10},   {"-3", 10},
+                        {"abc", 10},   {"", 10},           {"0.5", 10}, {"1e1", 10},
                         {"7seven", 7}, {"3000000000", 10}, {"nan", 10}, {"inf", 10}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.value);

@@ -13,10 +13,10 @@
 #include <string>
 #include <thread>
 
-#include "base/BufferedOutput.h"
-#include "base/Config.h"
-#include "base/Feature.h"
-#include "base/ZephVM.h"
+#include "base/host/BufferedOutput.h"
+#include "base/host/Config.h"
+#include "base/machine/Feature.h"
+#include "base/machine/ZephVM.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "tests/support/LoadedScript.h"
 #include "tests/support/TemporaryDirectory.h"

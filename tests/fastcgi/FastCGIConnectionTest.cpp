@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "base/FileDescriptor.h"
+#include "base/host/FileDescriptor.h"
 #include "fastcgi/FastCGIThreads.h"
 #include "tests/support/FastCGIClient.h"
 

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "base/Config.h"
+#include "base/host/Config.h"
 #include "fastcgi/FastCGIBaseApplication.h"
 
 namespace {
@@ -209,8 +209,8 @@ TEST(FastCGIBaseApplication, CurrentDateHasWholeHoursOfTheZone) {
     const char* zone;
     const char* suffix;
   };
-  const Case cases[] = {{"UTC0", " -0000"},     {"XST-5:30", " +0500"}, {"XST5", " -0500"},
-                        {"XST-1", " +0100"},    {"XST3:30", " -0300"},  {"XST-14", " +1400"}};
+  const Case cases[] = {{"UTC0", " -0000"},  {"XST-5:30", " +0500"}, {"XST5", " -0500"},
+                        {"XST-1", " +0100"}, {"XST3:30", " -0300"},  {"XST-14", " +1400"}};
   BaseApplication application;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.zone);

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "base/Dictionary.h"
-#include "base/SpecialVariable.h"
+#include "base/compiled/Dictionary.h"
+#include "base/request/SpecialVariable.h"
 #include "tests/support/TestApplication.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "base/hash.h"
+#include "base/core/hash.h"
 
 namespace CompiledFileBytes {
 

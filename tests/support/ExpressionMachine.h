@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "base/ExpressionCompiler.h"
+#include "base/machine/ExpressionCompiler.h"
 #include "tests/support/Machine.h"
 
 class ExpressionMachine : public Machine {

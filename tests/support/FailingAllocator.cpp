@@ -5,7 +5,7 @@
 #include <new>
 #include <thread>
 
-#include "base/ThreadMemory.h"
+#include "base/core/ThreadMemory.h"
 
 namespace {
 

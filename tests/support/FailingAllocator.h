@@ -1,5 +1,5 @@
 // Memory that runs out where a test wants it to, under the operators new of the process
-// (base/ThreadMemory.h), and so with every sanitizer too.
+// (base/core/ThreadMemory.h), and so with every sanitizer too.
 
 #ifndef ZEPH_TESTS_SUPPORT_FAILINGALLOCATOR_H
 #define ZEPH_TESTS_SUPPORT_FAILINGALLOCATOR_H

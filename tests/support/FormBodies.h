@@ -10,9 +10,9 @@
 #include <string_view>
 #include <vector>
 
-#include "base/HTTPContentParser.h"
-#include "base/Variable.h"
-#include "base/VariableHash.h"
+#include "base/compiled/VariableHash.h"
+#include "base/request/HTTPContentParser.h"
+#include "base/values/Variable.h"
 
 using Blocks = std::vector<std::string_view>;
 

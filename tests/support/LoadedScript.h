@@ -3,15 +3,15 @@
 #ifndef ZEPH_TESTS_SUPPORT_LOADEDSCRIPT_H
 #define ZEPH_TESTS_SUPPORT_LOADEDSCRIPT_H
 
-#include "base/Dictionary.h"
-#include "base/File.h"
-#include "base/Function.h"
-#include "base/LocalizedDictionary.h"
-#include "base/LocalizedLanguages.h"
-#include "base/Segment.h"
-#include "base/TaggedFile.h"
-#include "base/VariableHash.h"
-#include "base/ZephApplication.h"
+#include "base/compiled/Dictionary.h"
+#include "base/compiled/Function.h"
+#include "base/compiled/LocalizedDictionary.h"
+#include "base/compiled/LocalizedLanguages.h"
+#include "base/compiled/Segment.h"
+#include "base/compiled/TaggedFile.h"
+#include "base/compiled/VariableHash.h"
+#include "base/host/File.h"
+#include "base/host/ZephApplication.h"
 
 struct LoadedScript {
   TaggedFile file;

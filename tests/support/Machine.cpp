@@ -1,6 +1,6 @@
 #include "tests/support/Machine.h"
 
-#include "base/PoppedString.h"
+#include "base/machine/PoppedString.h"
 #include "tools/Assembler.h"
 
 void MachineApplication::Log(unsigned type, LogParameter* parameters) {

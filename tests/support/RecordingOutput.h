@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "base/Output.h"
+#include "base/core/Output.h"
 
 class RecordingOutput : public Output {
  public:

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "base/LittleEndian.h"
-#include "base/XBaseMemoField.h"
-#include "base/XBaseTable.h"
+#include "base/core/LittleEndian.h"
+#include "base/database/XBaseMemoField.h"
+#include "base/database/XBaseTable.h"
 #include "tests/support/FaultyFile.h"
 #include "tests/support/TestApplication.h"
 

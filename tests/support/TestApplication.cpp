@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/Config.h"
-#include "base/Output.h"
+#include "base/core/Output.h"
+#include "base/host/Config.h"
 
 TestApplication::TestApplication() : own_config(std::make_unique<Config>()) {}
 

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "base/ZephApplication.h"
+#include "base/host/ZephApplication.h"
 
 // Starts with process id 1000, thread id 2, the lock host name "testhost", a lock expiration of 0,
 // settings of its own with the built-in defaults, and none of the other services. Everything set

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "base/MultipartFormParser.h"
+#include "base/request/MultipartFormParser.h"
 #include "tests/support/FormBodies.h"
 #include "tests/support/Machine.h"
 #include "tools/MemoryFile.h"

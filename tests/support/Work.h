@@ -11,8 +11,8 @@
 #include <cstring>
 #include <string>
 
-#include "base/Aggregate.h"
-#include "base/Variable.h"
+#include "base/values/Aggregate.h"
+#include "base/values/Variable.h"
 
 // Seconds that this thread has computed, whatever else the machine does.
 inline double ThreadSeconds() {

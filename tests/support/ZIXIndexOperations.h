@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "base/LittleEndian.h"
-#include "base/ZIXIndexFile.h"
+#include "base/core/LittleEndian.h"
+#include "base/database/ZIXIndexFile.h"
 #include "tests/support/ZIXIndexChecker.h"
 
 // Numbers of a header; the default ones are those of a new file.

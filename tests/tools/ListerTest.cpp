@@ -6,14 +6,14 @@
 #include <random>
 #include <string>
 
-#include "base/Dictionary.h"
-#include "base/Function.h"
-#include "base/Instructions.h"
-#include "base/LocalizedDictionary.h"
-#include "base/LocalizedLanguages.h"
-#include "base/Segment.h"
-#include "base/TaggedFile.h"
-#include "base/VariableHash.h"
+#include "base/compiled/Dictionary.h"
+#include "base/compiled/Function.h"
+#include "base/compiled/Instructions.h"
+#include "base/compiled/LocalizedDictionary.h"
+#include "base/compiled/LocalizedLanguages.h"
+#include "base/compiled/Segment.h"
+#include "base/compiled/TaggedFile.h"
+#include "base/compiled/VariableHash.h"
 #include "tools/Assembler.h"
 #include "tools/MemoryFile.h"
 

@@ -1,11 +1,11 @@
-#include "base/BufferRoom.h"
+#include "base/core/BufferRoom.h"
 
 #include <malloc.h>
 
 #include <cstdlib>
 #include <cstring>
 
-#include "base/ThreadMemory.h"
+#include "base/core/ThreadMemory.h"
 
 namespace {
 

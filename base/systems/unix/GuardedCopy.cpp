@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/Mutex.h"
+#include "base/core/Mutex.h"
 
 namespace {
 

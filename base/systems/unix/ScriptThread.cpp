@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstddef>
 
-#include "base/ThreadMemory.h"
+#include "base/core/ThreadMemory.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #ifndef ZEPH_BASE_SYSTEMS_UNIX_STANDARDOUTPUT_H
 #define ZEPH_BASE_SYSTEMS_UNIX_STANDARDOUTPUT_H
 
-#include "base/BufferedOutput.h"
+#include "base/host/BufferedOutput.h"
 
 class StandardOutput : public BufferedOutput {
  public:

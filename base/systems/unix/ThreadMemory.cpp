@@ -1,6 +1,6 @@
 // Tested in tests/base/systems/unix/ThreadMemoryTest.cpp.
 
-#include "base/ThreadMemory.h"
+#include "base/core/ThreadMemory.h"
 
 #include <malloc.h>
 #include <sys/mman.h>
@@ -12,11 +12,11 @@
 #include <ctime>
 #include <new>
 
-#include "base/ExternalLibrary.h"
-#include "base/FreeList.h"
-#include "base/TaggedFile.h"
-#include "base/Variable.h"
+#include "base/compiled/TaggedFile.h"
+#include "base/core/FreeList.h"
+#include "base/extensions/ExternalLibrary.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
+#include "base/values/Variable.h"
 
 // The address sanitizer wants a block freed as it was made.
 #if defined(__SANITIZE_ADDRESS__)

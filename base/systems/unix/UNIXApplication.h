@@ -7,8 +7,8 @@
 
 #include <memory>
 
-#include "base/Mutex.h"
-#include "base/ZephApplication.h"
+#include "base/core/Mutex.h"
+#include "base/host/ZephApplication.h"
 
 class File;
 class TaggedFile;

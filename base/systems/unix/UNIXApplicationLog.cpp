@@ -3,12 +3,12 @@
 
 #include <cstring>
 
-#include "base/Config.h"
-#include "base/File.h"
-#include "base/LogRecord.h"
+#include "base/core/zptime.h"
+#include "base/host/Config.h"
+#include "base/host/File.h"
 #include "base/systems/unix/UNIXApplication.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
-#include "base/zptime.h"
+#include "base/values/LogRecord.h"
 
 namespace {
 

@@ -20,7 +20,7 @@
 #include <memory>
 #include <optional>
 
-#include "base/ZephApplication.h"
+#include "base/host/ZephApplication.h"
 #include "base/systems/unix/SystemCalls.h"
 #include "base/systems/unix/UNIXFile.h"
 #include "base/systems/unix/UNIXPathWalk.h"

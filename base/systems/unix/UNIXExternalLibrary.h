@@ -3,7 +3,7 @@
 #ifndef ZEPH_BASE_SYSTEMS_UNIX_UNIXEXTERNALLIBRARY_H
 #define ZEPH_BASE_SYSTEMS_UNIX_UNIXEXTERNALLIBRARY_H
 
-#include "base/ExternalLibrary.h"
+#include "base/extensions/ExternalLibrary.h"
 
 class UNIXExternalLibrary : public ExternalLibrary {
  public:

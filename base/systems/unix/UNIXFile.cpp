@@ -19,7 +19,7 @@
 #include <limits>
 #include <memory>
 
-#include "base/ZephApplication.h"
+#include "base/host/ZephApplication.h"
 #include "base/systems/unix/SystemCalls.h"
 
 namespace {

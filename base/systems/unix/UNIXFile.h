@@ -9,8 +9,8 @@
 #include <memory>
 #include <vector>
 
-#include "base/File.h"
-#include "base/FileDescriptor.h"
+#include "base/host/File.h"
+#include "base/host/FileDescriptor.h"
 #include "base/systems/unix/FileWindow.h"
 #include "base/systems/unix/UNIXFilePath.h"
 

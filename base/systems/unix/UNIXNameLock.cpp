@@ -24,9 +24,9 @@
 #include <ctime>
 #include <memory>
 
-#include "base/Config.h"
-#include "base/MD5.h"
-#include "base/ZephApplication.h"
+#include "base/core/MD5.h"
+#include "base/host/Config.h"
+#include "base/host/ZephApplication.h"
 #include "base/systems/unix/SystemCalls.h"
 #include "base/systems/unix/UNIXFile.h"
 

@@ -9,7 +9,7 @@
 
 #include <memory>
 
-#include "base/BaseTemplates.h"
+#include "base/core/BaseTemplates.h"
 #include "base/systems/unix/SystemCalls.h"
 
 // An element that is a link must answer ELOOP, which O_DIRECTORY would turn into ENOTDIR.

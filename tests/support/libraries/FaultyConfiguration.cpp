@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "api/zpConfig.h"
-#include "base/ConfigLibrary.h"
-#include "base/Settings.h"
+#include "base/extensions/ConfigLibrary.h"
+#include "base/host/Settings.h"
 
 namespace {
 

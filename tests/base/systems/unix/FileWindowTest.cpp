@@ -9,7 +9,7 @@
 #include <random>
 #include <string>
 
-#include "base/FileDescriptor.h"
+#include "base/host/FileDescriptor.h"
 #include "tests/base/systems/unix/FileFixture.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "base/FileDescriptor.h"
+#include "base/host/FileDescriptor.h"
 #include "tests/support/Sanitizers.h"
 
 namespace {

@@ -1,6 +1,6 @@
 // Claims about the lockfile and lockfile_end instructions, on real files.
 
-#include "base/Lockfile.h"
+#include "base/machine/Lockfile.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -16,8 +16,8 @@
 #include <thread>
 #include <vector>
 
-#include "base/Config.h"
-#include "base/File.h"
+#include "base/host/Config.h"
+#include "base/host/File.h"
 #include "tests/base/systems/unix/FileFixture.h"
 #include "tests/support/Machine.h"
 

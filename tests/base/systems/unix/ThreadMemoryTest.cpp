@@ -1,4 +1,4 @@
-#include "base/ThreadMemory.h"
+#include "base/core/ThreadMemory.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -13,9 +13,9 @@
 #include <thread>
 #include <vector>
 
-#include "base/BufferRoom.h"
-#include "base/Variable.h"
+#include "base/core/BufferRoom.h"
 #include "base/systems/unix/ScriptThread.h"
+#include "base/values/Variable.h"
 #include "tests/support/FailingAllocator.h"
 #include "tests/support/Sanitizers.h"
 

@@ -11,10 +11,10 @@
 #include <thread>
 #include <vector>
 
-#include "base/Config.h"
-#include "base/Variable.h"
+#include "base/host/Config.h"
 #include "base/systems/unix/UNIXApplication.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
+#include "base/values/Variable.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {

@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "base/Config.h"
+#include "base/host/Config.h"
 #include "tests/base/systems/unix/FileFixture.h"
 
 namespace {

@@ -1,0 +1,343 @@
+#include "base/compiled/HotCode.h"
+
+#include <atomic>
+
+#include "base/compiled/Dictionary.h"
+#include "base/compiled/Function.h"
+#include "base/compiled/Instructions.h"
+#include "base/core/LittleEndian.h"
+#include "base/core/Numbers.h"
+
+namespace {
+
+// The most instructions that one idiom has: as many records end the list, so that looking ahead
+// needs no test.
+const int kLongestIdiom = 8;
+
+HotAction SingleAction(Instruction::Code code) {
+  using namespace Instruction;
+  switch (code) {
+    case code_pushc: return HotAction::PushText;
+    case code_pushi: return HotAction::PushInteger;
+    case code_pushf: return HotAction::PushDouble;
+    case code_pushg:
+    case code_pushl: return HotAction::PushVariable;
+    case code_popg:
+    case code_popl: return HotAction::PopVariable;
+    case code_pop: return HotAction::Pop;
+    case code_dup: return HotAction::Dup;
+    case code_cat: return HotAction::Concatenate;
+    case code_store: return HotAction::Store;
+    case code_swap: return HotAction::Swap;
+    case code_add: return HotAction::Add;
+    case code_sub: return HotAction::Sub;
+    case code_mul: return HotAction::Mul;
+    case code_div: return HotAction::Div;
+    case code_mod: return HotAction::Mod;
+    case code_eq: return HotAction::Equal;
+    case code_ne: return HotAction::NotEqual;
+    case code_lt: return HotAction::Less;
+    case code_le: return HotAction::LessEqual;
+    case code_gt: return HotAction::Greater;
+    case code_ge: return HotAction::GreaterEqual;
+    case code_jmp: return HotAction::Jump;
+    case code_jmp_eq: return HotAction::JumpEqual;
+    case code_jmp_ne: return HotAction::JumpNotEqual;
+    case code_jmp_lt: return HotAction::JumpLess;
+    case code_jmp_le: return HotAction::JumpLessEqual;
+    case code_jmp_gt: return HotAction::JumpGreater;
+    case code_jmp_ge: return HotAction::JumpGreaterEqual;
+    case code_cmpgi: return HotAction::CompareConstant;
+    case code_cmpgg: return HotAction::CompareGlobals;
+    case code_modgg: return HotAction::ModGlobals;
+    case code_incg: return HotAction::Increment;
+    case code_storegi: return HotAction::StoreConstant;
+    case code_lineno: return HotAction::Line;
+    case code_elem: return HotAction::Element;
+    case code_elem_readonly: return HotAction::ElementReadOnly;
+    case code_memb: return HotAction::Member;
+    case code_memb_readonly: return HotAction::MemberReadOnly;
+    case code_call: return HotAction::Call;
+    case code_ret: return HotAction::Return;
+#define HANDLER(name) case code_##name:
+      ZEPH_HOT_HANDLERS return HotAction::Handler;
+#undef HANDLER
+    default: return HotAction::Leave;
+  }
+}
+
+bool IsJump(HotAction action) {
+  return action >= HotAction::Jump && action <= HotAction::JumpGreaterEqual;
+}
+
+bool IsConditional(HotAction action) {
+  return IsJump(action) && action != HotAction::Jump;
+}
+
+// HotOp::orders of a jump.
+unsigned char OrdersOf(HotAction jump) {
+  switch (jump) {
+    case HotAction::JumpEqual: return 2;
+    case HotAction::JumpNotEqual: return 5;
+    case HotAction::JumpLess: return 1;
+    case HotAction::JumpLessEqual: return 3;
+    case HotAction::JumpGreater: return 4;
+    case HotAction::JumpGreaterEqual: return 6;
+    default: return 7;
+  }
+}
+
+bool IsConstant(HotAction action) {
+  return action == HotAction::PushInteger || action == HotAction::PushDouble;
+}
+
+// The action at a distance from another one in the list.
+HotAction Shifted(HotAction action, HotAction from, HotAction to) {
+  return static_cast<HotAction>(static_cast<int>(to) + static_cast<int>(action) -
+                                static_cast<int>(from));
+}
+
+bool IsArithmetic(HotAction action) {
+  return action >= HotAction::Add && action <= HotAction::Div;
+}
+
+bool IsComparison(HotAction action) {
+  return action >= HotAction::Equal && action <= HotAction::GreaterEqual;
+}
+
+// Whether it is a jump on the truth that a comparison leaves.
+bool IsTest(HotAction action) {
+  return action == HotAction::JumpEqual || action == HotAction::JumpNotEqual;
+}
+
+long NextSerial() {
+  static std::atomic<long> last{0};
+  return ++last;
+}
+
+// Whether an operation reads both of its operands as numbers, whatever they are.
+bool IsNumeric(HotAction action) {
+  return action >= HotAction::Add && action <= HotAction::Mod;
+}
+
+}  // namespace
+
+HotCode::HotCode(const unsigned char* code, int length, const Dictionary& dictionary,
+                 const FunctionManager* functions)
+    : code_serial(NextSerial()) {
+  Decode(code, length, dictionary);
+  FindTargets(length);
+  LeaveBadCalls(functions);
+  for (size_t i = 1; i + kLongestIdiom <= ops.size(); i++) {
+    ops[i].after_number = Is(i - 1, HotAction::Call) && IsUsedAsNumber(i, functions);
+  }
+  for (size_t i = 0; i + kLongestIdiom <= ops.size(); i++) ops[i].action = Idiom(i);
+}
+
+void HotCode::Decode(const unsigned char* code, int length, const Dictionary& dictionary) {
+  records.assign(static_cast<size_t>(length) + 1, -1);
+  int at = 0;
+  // The machine takes a last byte alone for the end.
+  while (at < length - 1) {
+    HotOp op;
+    op.start = at;
+    records[static_cast<size_t>(at)] = static_cast<int>(ops.size());
+    const unsigned short word = LittleEndian::Get16(code + at);
+    const unsigned char* operands = code + at + 2;
+    const int first_size = Instruction::FirstOperandSize(word);
+    if (first_size == 4) op.first = LittleEndian::GetInt32(operands);
+    if (first_size == 8) op.number = LittleEndian::GetDouble(operands);
+    if (Instruction::SecondOperandSize(word) == 4) {
+      op.second = LittleEndian::GetInt32(operands + first_size);
+    }
+    const Instruction::Code number = Instruction::CodeOf(word);
+    op.code = static_cast<unsigned short>(number);
+    op.single = SingleAction(number);
+    op.local = number == Instruction::code_pushl || number == Instruction::code_popl;
+    if (op.single == HotAction::PushInteger) op.number = op.first;
+    if (op.single == HotAction::PushDouble) op.first = DoubleToInteger(op.number);
+    if (op.single == HotAction::PushText) {
+      op.text = dictionary.Entry(op.first, &op.length);
+      if (!op.text) op.single = HotAction::Leave;
+    }
+    ops.push_back(op);
+    at += 2 + Instruction::OperandSize(word);
+  }
+  HotOp end;
+  end.start = at;
+  if (at <= length) records[static_cast<size_t>(at)] = static_cast<int>(ops.size());
+  ops.insert(ops.end(), kLongestIdiom, end);
+}
+
+// A jump to where no instruction begins, seen from the start, is left to the machine.
+void HotCode::FindTargets(int length) {
+  for (size_t i = 0; i + kLongestIdiom < ops.size(); i++) {
+    HotOp& op = ops[i];
+    if (!IsJump(op.single)) continue;
+    const int goal = WrapAdd(ops[i + 1].start, op.first);
+    const int record = goal < 0 || goal > length ? -1 : records[static_cast<size_t>(goal)];
+    if (record < 0) {
+      op.single = HotAction::Leave;
+    } else {
+      op.target = &ops[static_cast<size_t>(record)];
+      op.orders = OrdersOf(op.single);
+    }
+  }
+}
+
+// The number of a function that is called in decoded code is one.
+void HotCode::LeaveBadCalls(const FunctionManager* functions) {
+  const int count = functions ? functions->Functions() : 0;
+  for (HotOp& op : ops) {
+    if (op.single == HotAction::Call && (op.first < 0 || op.first >= count)) {
+      op.single = HotAction::Leave;
+    }
+  }
+}
+
+namespace {
+
+// What an instruction takes off the stack and puts on it; false where that is not known here.
+bool StackEffect(const HotOp& op, const FunctionManager* functions, int* taken, int* put) {
+  *put = 1;
+  *taken = 0;
+  switch (op.single) {
+    case HotAction::PushInteger:
+    case HotAction::PushDouble:
+    case HotAction::PushText:
+    case HotAction::PushVariable: return true;
+    case HotAction::Line: *put = 0; return true;
+    case HotAction::Element:
+    case HotAction::ElementReadOnly:
+    case HotAction::Member:
+    case HotAction::MemberReadOnly:
+    case HotAction::Concatenate: *taken = 2; return true;
+    case HotAction::Call: {
+      Function* function = functions->Lookup(op.first);
+      if (!function) return false;
+      *taken = static_cast<int>(function->slots().size());
+      return true;
+    }
+    default: *taken = 2; return IsNumeric(op.single);
+  }
+}
+
+}  // namespace
+
+// Follows the value that lies on top in front of an instruction to the one that takes it.
+bool HotCode::IsUsedAsNumber(size_t i, const FunctionManager* functions) const {
+  int above = 0;  // entries above the value
+  for (; i + kLongestIdiom <= ops.size(); i++) {
+    int taken, put;
+    if (!StackEffect(ops[i], functions, &taken, &put)) return false;
+    if (taken > above) return taken == 2 && IsNumeric(ops[i].single);
+    above += put - taken;
+  }
+  return false;
+}
+
+HotAction HotCode::Idiom(size_t i) const {
+  const HotAction action = ops[i].single;
+  const HotAction next = ops[i + 1].single;
+  if (IsConditional(next)) {
+    if (action == HotAction::CompareConstant) return HotAction::CompareConstantJump;
+    if (action == HotAction::CompareGlobals) return HotAction::CompareGlobalsJump;
+    if (action == HotAction::ModGlobals) return HotAction::ModGlobalsJump;
+  }
+  if (action == HotAction::Increment && next == HotAction::CompareConstant &&
+      ops[i + 1].first == ops[i].first && IsConditional(ops[i + 2].single)) {
+    return HotAction::IncrementCompareJump;
+  }
+  if (IsArithmetic(action) && next == HotAction::PopVariable) {
+    return Shifted(action, HotAction::Add, HotAction::AddPop);
+  }
+  if (IsArithmetic(action) && next == HotAction::Return) {
+    return Shifted(action, HotAction::Add, HotAction::AddReturn);
+  }
+  if (action == HotAction::Dup) return Update(i);
+  if (IsConstant(action) && IsArithmetic(next)) {
+    return Shifted(next, HotAction::Add, HotAction::AddConstant);
+  }
+  if (IsConstant(action) && next == HotAction::Mod) return HotAction::ModConstant;
+  if (IsConstant(action) && IsComparison(next) && IsTest(ops[i + 2].single)) {
+    return Shifted(next, HotAction::Equal, HotAction::EqualConstantJump);
+  }
+  if (action == HotAction::PushInteger && IsHandler(i + 1, Instruction::code_rounds) &&
+      IsOut(i + 2)) {
+    return HotAction::OutRounded;
+  }
+  if (action == HotAction::PushText) {
+    if (next == HotAction::Concatenate) return HotAction::ConcatenateText;
+    if (next == HotAction::PushVariable && Is(i + 2, HotAction::Concatenate)) {
+      return HotAction::ConcatenateTextVariable;
+    }
+    return IsOut(i + 1) ? HotAction::OutText : action;
+  }
+  if (action != HotAction::PushVariable) return action;
+  if (IsConstant(next)) return IdiomOfVariableAndConstant(i);
+  if (IsArithmetic(next)) return Shifted(next, HotAction::Add, HotAction::AddVariable);
+  if (next == HotAction::Concatenate) return HotAction::ConcatenateVariable;
+  if (IsOut(i + 1)) return HotAction::OutVariable;
+  if (next == HotAction::Return && ops[i].local) return HotAction::ReturnVariable;
+  if (next == HotAction::PushVariable) return IdiomOfVariables(i);
+  if (next == HotAction::PushText) {
+    if (Is(i + 2, HotAction::Member)) {
+      return IsUpdate(i + 3) ? HotAction::MemberOfVariableUpdate : HotAction::MemberOfVariable;
+    }
+    if (Is(i + 2, HotAction::MemberReadOnly)) return HotAction::MemberReadOnlyOfVariable;
+    if (Is(i + 2, HotAction::Concatenate)) return HotAction::ConcatenateVariableText;
+  }
+  return action;
+}
+
+HotAction HotCode::IdiomOfVariableAndConstant(size_t i) const {
+  const HotAction operation = ops[i + 2].single;
+  const HotAction after = ops[i + 3].single;
+  const bool tested = IsTest(after);
+  if (IsArithmetic(operation)) {
+    if (after == HotAction::Call) {
+      return Shifted(operation, HotAction::Add, HotAction::AddVariableConstantCall);
+    }
+    return Shifted(operation, HotAction::Add, HotAction::AddVariableConstant);
+  }
+  if (operation == HotAction::Mod) {
+    return tested ? HotAction::ModVariableConstantJump : HotAction::ModVariableConstant;
+  }
+  if (tested && IsComparison(operation)) {
+    return Shifted(operation, HotAction::Equal, HotAction::EqualVariableConstantJump);
+  }
+  return HotAction::PushVariable;
+}
+
+HotAction HotCode::IdiomOfVariables(size_t i) const {
+  const HotAction operation = ops[i + 2].single;
+  const HotAction next = ops[i + 3].single;
+  if (IsArithmetic(operation)) return Shifted(operation, HotAction::Add, HotAction::AddVariables);
+  if (IsComparison(operation) && IsTest(next)) {
+    return Shifted(operation, HotAction::Equal, HotAction::EqualVariablesJump);
+  }
+  if (Is(i + 2, HotAction::Element)) {
+    if (IsUpdate(i + 3)) return HotAction::ElementOfVariableUpdate;
+    return next == HotAction::Store ? HotAction::ElementOfVariableStore
+                                    : HotAction::ElementOfVariable;
+  }
+  if (Is(i + 2, HotAction::ElementReadOnly)) {
+    return IsArithmetic(next) ? Shifted(next, HotAction::Add, HotAction::AddElement)
+                              : HotAction::ElementReadOnlyOfVariable;
+  }
+  return HotAction::PushVariable;
+}
+
+// The variable is on top: "dup", another operand, an operation, "swap", "store".
+HotAction HotCode::Update(size_t i) const {
+  const HotAction operation = ops[i + 2].single;
+  if (!IsArithmetic(operation) || !Is(i + 3, HotAction::Swap) || !Is(i + 4, HotAction::Store)) {
+    return HotAction::Dup;
+  }
+  if (IsConstant(ops[i + 1].single)) {
+    return Shifted(operation, HotAction::Add, HotAction::UpdateAddConstant);
+  }
+  return Is(i + 1, HotAction::PushVariable)
+             ? Shifted(operation, HotAction::Add, HotAction::UpdateAddVariable)
+             : HotAction::Dup;
+}

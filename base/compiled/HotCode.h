@@ -1,0 +1,175 @@
+// Code that runs often, decoded once. The machine runs a segment's bytes as they stand; when it has
+// come back to them a few times, it makes this of them: one record for each instruction, and where
+// some instructions in a row are a usual idiom, such as a comparison with a jump behind it, an
+// action that does them all at once.
+//
+// Nothing that a script can observe depends on it. An action does what can be done without an
+// error, on ordinary variables; in any other case the instruction is left to the machine's loop,
+// one by one.
+
+#ifndef ZEPH_BASE_HOTCODE_H
+#define ZEPH_BASE_HOTCODE_H
+
+#include <cstddef>
+#include <vector>
+
+#include "base/compiled/Instructions.h"
+
+class Dictionary;
+class FunctionManager;
+
+// What the hot loop (base/machine/ZephVM_Hot.cpp) does at an instruction, or at several: ACTION is
+// defined by whoever lists them.
+//
+//   Leave                         nothing: it is left to the machine's loop
+//   Handler                       one instruction, by the machine's own handler
+//   Push..., Pop, ..., Return     one instruction
+//   ReturnVariable                the value of a local variable, and the return with it
+//   ...VariableConstant           a variable, a constant, and an operation on the two
+//   ...VariableConstantJump       the same, with a jump on the outcome
+//   ...VariableConstantCall       the same, with a call of a function that takes the outcome
+//   ...Variables, ...VariablesJump  the same of two variables
+//   ...Constant, ...Variable      a constant or a variable, and an operation on the top and it
+//   ...ConstantJump               a constant, a comparison of the top with it, and a jump on it
+//   Out...                        a constant text or a variable, written to the output
+//   OutRounded                    a constant, the top rounded to so many decimals and written
+//   Concatenate...                a constant text or a variable, put behind the text on top
+//   ConcatenateTextVariable       a constant text, a variable, and the two together
+//   ConcatenateVariableText       the same in the other order, where the variable has a long text
+//   ...Element                    an element of an array, and an operation on the top and it
+//   ...Pop                        an operation, and its outcome stored in a variable
+//   ...Return                     an operation, and the return with its outcome
+//   Update...Constant/Variable    an operation on the variable on top and something else, and its
+//                                 outcome stored in the variable
+//   Compare...Jump, ModGlobalsJump  a comparison or a division of globals, and a jump on it
+//   IncrementCompareJump          the end of a counting loop: all three of one global
+//   Element...OfVariable          an array and a position, both variables, and the element
+//   ElementOfVariableStore        the same, with the value on the stack stored in the element
+//   Member...OfVariable           a structure in a variable, a constant name, and the member
+//   ...OfVariableUpdate           the same, with an update of the element or member
+//
+// Operations on doubles, and comparisons, stand in the same order wherever they do.
+// clang-format off
+#define ZEPH_HOT_UPDATES                                                                             \
+  ACTION(UpdateAddConstant) ACTION(UpdateSubConstant)                                                \
+  ACTION(UpdateMulConstant) ACTION(UpdateDivConstant)                                                \
+  ACTION(UpdateAddVariable) ACTION(UpdateSubVariable)                                                \
+  ACTION(UpdateMulVariable) ACTION(UpdateDivVariable)
+#define ZEPH_HOT_ACTIONS                                                                             \
+  ACTION(Leave) ACTION(Handler)                                                                      \
+  ACTION(PushInteger) ACTION(PushDouble) ACTION(PushText) ACTION(PushVariable) ACTION(PopVariable)   \
+  ACTION(Pop) ACTION(Dup) ACTION(Swap) ACTION(Store) ACTION(Concatenate)                             \
+  ACTION(Add) ACTION(Sub) ACTION(Mul) ACTION(Div) ACTION(Mod)                                        \
+  ACTION(Equal) ACTION(NotEqual) ACTION(Less) ACTION(LessEqual) ACTION(Greater) ACTION(GreaterEqual) \
+  ACTION(Jump) ACTION(JumpEqual) ACTION(JumpNotEqual) ACTION(JumpLess)                               \
+  ACTION(JumpLessEqual) ACTION(JumpGreater) ACTION(JumpGreaterEqual)                                 \
+  ACTION(CompareConstant) ACTION(CompareGlobals) ACTION(ModGlobals)                                  \
+  ACTION(Increment) ACTION(StoreConstant) ACTION(Line)                                               \
+  ACTION(Element) ACTION(ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly)                      \
+  ACTION(Call) ACTION(Return) ACTION(ReturnVariable)                                                 \
+  ACTION(ConcatenateText) ACTION(ConcatenateVariable) ACTION(OutText) ACTION(OutVariable)            \
+  ACTION(OutRounded) ACTION(ConcatenateTextVariable) ACTION(ConcatenateVariableText)                 \
+  ACTION(AddVariableConstant) ACTION(SubVariableConstant)                                            \
+  ACTION(MulVariableConstant) ACTION(DivVariableConstant)                                            \
+  ACTION(AddVariables) ACTION(SubVariables) ACTION(MulVariables) ACTION(DivVariables)                \
+  ACTION(AddVariableConstantCall) ACTION(SubVariableConstantCall)                                    \
+  ACTION(MulVariableConstantCall) ACTION(DivVariableConstantCall)                                    \
+  ACTION(ModVariableConstant) ACTION(ModVariableConstantJump) ACTION(ModConstant)                    \
+  ACTION(EqualVariableConstantJump) ACTION(NotEqualVariableConstantJump)                             \
+  ACTION(LessVariableConstantJump) ACTION(LessEqualVariableConstantJump)                             \
+  ACTION(GreaterVariableConstantJump) ACTION(GreaterEqualVariableConstantJump)                       \
+  ACTION(EqualConstantJump) ACTION(NotEqualConstantJump)                                             \
+  ACTION(LessConstantJump) ACTION(LessEqualConstantJump)                                             \
+  ACTION(GreaterConstantJump) ACTION(GreaterEqualConstantJump)                                       \
+  ACTION(EqualVariablesJump) ACTION(NotEqualVariablesJump)                                           \
+  ACTION(LessVariablesJump) ACTION(LessEqualVariablesJump)                                           \
+  ACTION(GreaterVariablesJump) ACTION(GreaterEqualVariablesJump)                                     \
+  ACTION(AddConstant) ACTION(SubConstant) ACTION(MulConstant) ACTION(DivConstant)                    \
+  ACTION(AddVariable) ACTION(SubVariable) ACTION(MulVariable) ACTION(DivVariable)                    \
+  ACTION(AddElement) ACTION(SubElement) ACTION(MulElement) ACTION(DivElement)                        \
+  ACTION(AddPop) ACTION(SubPop) ACTION(MulPop) ACTION(DivPop)                                        \
+  ACTION(AddReturn) ACTION(SubReturn) ACTION(MulReturn) ACTION(DivReturn)                            \
+  ZEPH_HOT_UPDATES                                                                                   \
+  ACTION(CompareConstantJump) ACTION(CompareGlobalsJump) ACTION(ModGlobalsJump)                      \
+  ACTION(IncrementCompareJump)                                                                       \
+  ACTION(ElementOfVariable) ACTION(ElementReadOnlyOfVariable) ACTION(ElementOfVariableStore)         \
+  ACTION(MemberOfVariable) ACTION(MemberReadOnlyOfVariable)                                          \
+  ACTION(ElementOfVariableUpdate) ACTION(MemberOfVariableUpdate)
+// clang-format on
+
+// Instructions that the hot loop runs by the machine's handler of that name: those that are
+// frequent, too long to stand in line, and change nothing of the machine but its stack and its
+// flags.
+// clang-format off
+#define ZEPH_HOT_HANDLERS                                                                            \
+  HANDLER(out) HANDLER(out_comp) HANDLER(rounds) HANDLER(roundf) HANDLER(isnull)                     \
+  HANDLER(in) HANDLER(cin) HANDLER(ein) HANDLER(ecin)
+// clang-format on
+
+enum class HotAction : unsigned char {
+#define ACTION(name) name,
+  ZEPH_HOT_ACTIONS
+#undef ACTION
+};
+
+// One instruction.
+struct HotOp {
+  HotAction action = HotAction::Leave;
+  HotAction single = HotAction::Leave;  // the action for this instruction alone
+  bool local = false;                   // whether a variable's position is one of the locals
+  // Whether the value of the call in front of this instruction is used as a number, by an operation
+  // that is sure to come, and in no other way.
+  bool after_number = false;
+  // Of a jump, on which orders it is made: bit 0 for less, 1 for equal, 2 for greater.
+  unsigned char orders = 0;
+  unsigned short code = 0;  // the instruction's number, see base/compiled/Instructions.h
+  int start = 0;            // offset of the instruction in the segment
+  int first = 0;            // its integer operands; a constant as an integer
+  int second = 0;
+  int length = 0;  // of a text
+  union {
+    double number = 0.0;  // a constant as a double
+    const char* text;
+    const HotOp* target;  // of a jump
+  };
+};
+
+class HotCode {
+ public:
+  // Decodes that many bytes of code, which have 16 further bytes behind them. The texts of
+  // constants stay the dictionary's. The functions may be null: nothing is known of calls then.
+  HotCode(const unsigned char* code, int length, const Dictionary& dictionary,
+          const FunctionManager* functions);
+
+  // Told apart from all other decoded code, also from what is gone; above 0.
+  long serial() const { return code_serial; }
+
+  // The record of the instruction at an offset; null where none begins.
+  const HotOp* At(int offset) const {
+    if (static_cast<unsigned>(offset) >= static_cast<unsigned>(records.size())) return nullptr;
+    const int record = records[static_cast<size_t>(offset)];
+    return record < 0 ? nullptr : &ops[static_cast<size_t>(record)];
+  }
+
+ private:
+  void Decode(const unsigned char* code, int length, const Dictionary& dictionary);
+  void FindTargets(int length);
+  void LeaveBadCalls(const FunctionManager* functions);
+  bool IsUsedAsNumber(size_t i, const FunctionManager* functions) const;
+  HotAction Idiom(size_t i) const;
+  HotAction IdiomOfVariableAndConstant(size_t i) const;
+  HotAction IdiomOfVariables(size_t i) const;
+  HotAction Update(size_t i) const;
+  bool IsUpdate(size_t i) const { return Is(i, HotAction::Dup) && Update(i) != HotAction::Dup; }
+  bool Is(size_t i, HotAction action) const { return ops[i].single == action; }
+  bool IsHandler(size_t i, int code) const {
+    return Is(i, HotAction::Handler) && ops[i].code == code;
+  }
+  bool IsOut(size_t i) const { return IsHandler(i, Instruction::code_out); }
+
+  long code_serial;
+  std::vector<HotOp> ops;    // the last ones, behind the code, leave
+  std::vector<int> records;  // by offset, -1 where no instruction begins
+};
+
+#endif

@@ -1,0 +1,91 @@
+#include "base/compiled/Instructions.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <string_view>
+
+namespace Instruction {
+namespace {
+
+constexpr bool Listed = true;
+constexpr bool Unlisted = false;
+
+constexpr Row rows[] = {
+#define INSTRUCTION(word, identifier, name, first, second, listed, effect) \
+  {word, name, Operand::first, Operand::second, listed, effect},
+#include "base/compiled/Instructions.def"
+#undef INSTRUCTION
+};
+constexpr int row_count = sizeof rows / sizeof rows[0];
+
+constexpr int OperandSize(Operand operand) {
+  return operand == Operand::None ? 0 : operand == Operand::Double ? 8 : 4;
+}
+
+// The operands of the list and those that the words declare are told twice; they must agree.
+constexpr bool OperandsMatchWords() {
+  for (const Row& row : rows) {
+    if (FirstOperandSize(row.word) != OperandSize(row.first)) return false;
+    if (SecondOperandSize(row.word) != OperandSize(row.second)) return false;
+  }
+  return true;
+}
+static_assert(OperandsMatchWords());
+
+constexpr bool WordsAreUnique() {
+  for (int i = 0; i < row_count; i++) {
+    for (int k = 0; k < i; k++) {
+      if (rows[i].word == rows[k].word) return false;
+    }
+  }
+  return true;
+}
+static_assert(WordsAreUnique());
+static_assert(row_count < 255);
+
+constexpr std::array<unsigned char, row_count> rows_by_name = [] {
+  std::array<unsigned char, row_count> order{};
+  for (int i = 0; i < row_count; i++) order[i] = static_cast<unsigned char>(i);
+  std::sort(order.begin(), order.end(), [](unsigned char a, unsigned char b) {
+    return std::string_view(rows[a].name) < std::string_view(rows[b].name);
+  });
+  return order;
+}();
+
+constexpr bool NamesAreUnique() {
+  for (int i = 1; i < row_count; i++) {
+    if (std::string_view(rows[rows_by_name[i - 1]].name) == rows[rows_by_name[i]].name)
+      return false;
+  }
+  return true;
+}
+static_assert(NamesAreUnique());
+
+}  // namespace
+
+const Row* const Rows = rows;
+const int RowCount = row_count;
+
+constexpr std::array<Code, 65536> MakeCodes() {
+  std::array<Code, 65536> codes{};
+  for (int i = 0; i < row_count; i++) codes[rows[i].word] = static_cast<Code>(i + 1);
+  return codes;
+}
+constinit const std::array<Code, 65536> Codes = MakeCodes();
+
+const Row* Find(unsigned short word) {
+  const int code = Codes[word];
+  return code == code_none ? nullptr : &rows[code - 1];
+}
+
+const Row* Find(const char* name, int length) {
+  std::string_view wanted(name, length < 0 ? strlen(name) : static_cast<size_t>(length));
+  auto found = std::lower_bound(
+      rows_by_name.begin(), rows_by_name.end(), wanted,
+      [](unsigned char i, std::string_view text) { return std::string_view(rows[i].name) < text; });
+  if (found == rows_by_name.end() || rows[*found].name != wanted) return nullptr;
+  return &rows[*found];
+}
+
+}  // namespace Instruction

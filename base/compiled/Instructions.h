@@ -1,0 +1,81 @@
+// What is known of every instruction without running it: word, name, operands. The machine's
+// switch, the listing of a segment and the assembler all come from the one list in
+// base/compiled/Instructions.def, so that none of them can fall out of step.
+
+#ifndef ZEPH_BASE_INSTRUCTIONS_H
+#define ZEPH_BASE_INSTRUCTIONS_H
+
+#include <array>
+
+namespace Instruction {
+
+// The instruction words, one enumerator each: Instruction::pushc is 0x4001.
+enum Word : unsigned short {
+#define INSTRUCTION(word, identifier, name, first, second, listed, effect) identifier = word,
+#include "base/compiled/Instructions.def"
+#undef INSTRUCTION
+};
+
+// What an operand means. Double takes 8 bytes in code, None nothing, all others are signed
+// integers of 4 bytes.
+enum class Operand : unsigned char {
+  None,
+  Number,    // as it stands
+  Double,    // as it stands
+  Text,      // dictionary id
+  System,    // position in the file's table of system variables
+  Global,    // position in the file's table of global variables
+  Local,     // position in the function's table of local variables
+  Function,  // index of a function
+  Distance,  // signed, added to the offset of the byte behind all operands
+};
+
+// One instruction. Rows live for ever.
+struct Row {
+  unsigned short word;
+  const char* name;  // NUL-terminated, unique
+  Operand first;
+  Operand second;
+  bool listed;         // whether Segment::Dump knows it
+  const char* effect;  // the stack before and after, and what happens
+};
+
+// Rows in the order of the list, for walks over all of them.
+extern const Row* const Rows;
+extern const int RowCount;
+
+// The row of a word, null for what is no instruction. Constant time.
+const Row* Find(unsigned short word);
+
+// The row of a name, by case; null for an unknown one. The name needn't be terminated; a length of
+// -1 means strlen.
+const Row* Find(const char* name, int length);
+
+// Bytes of the operands that a word's top bits declare, whether or not it is an instruction.
+constexpr int FirstOperandSize(unsigned short word) {
+  return (word & 0xC000) == 0x4000 ? 4 : (word & 0xC000) == 0x8000 ? 8 : 0;
+}
+constexpr int SecondOperandSize(unsigned short word) {
+  return (word & 0x3000) == 0x1000 ? 4 : (word & 0x3000) == 0x2000 ? 8 : 0;
+}
+
+constexpr int OperandSize(unsigned short word) {
+  return FirstOperandSize(word) + SecondOperandSize(word);
+}
+
+// The instructions, numbered from 1 on in the order of the list: what the machine switches on.
+// CodeOf is 0 for a word that is none; the table has a byte for every word.
+enum Code : unsigned char {
+  code_none,
+#define INSTRUCTION(word, identifier, name, first, second, listed, effect) code_##identifier,
+#include "base/compiled/Instructions.def"
+#undef INSTRUCTION
+};
+extern const std::array<Code, 65536> Codes;
+inline Code CodeOf(unsigned short word) {
+  return Codes[word];
+}
+
+}  // namespace Instruction
+
+#endif

@@ -1,0 +1,145 @@
+// The hash table of names as compiled files store it: functions, languages, tokens and variables
+// are all found this way. A bucket has the index of its first entry, each entry the index of the
+// next one, and chains are sorted by name length, then by memcmpi. Tables are taken from the file
+// as they stand and never rebuilt.
+
+#ifndef ZEPH_BASE_STOREDNAMETABLE_H
+#define ZEPH_BASE_STOREDNAMETABLE_H
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "base/core/memcmpi.h"
+
+// Order of names in a chain: below 0, 0 or above 0.
+inline int CompareNames(const char* a, int a_length, const char* b, int b_length) {
+  if (a_length != b_length) return a_length < b_length ? -1 : 1;
+  return memcmpi(a, b, static_cast<size_t>(a_length));
+}
+
+// Buckets and chains, for an owner that has the entries and their names. Belongs to one thread.
+//
+// A file can state any head and any link. What points outside the entries, or into an endless
+// chain, ends a walk: no content of a file makes a lookup fail in another way than "not found".
+//
+// A request makes several of these and reads most of them only to throw them away, so nothing is
+// allocated before the first entry, and a table from a file keeps the few buckets it has as a
+// sorted list. The array over all buckets is made at the first insertion.
+class StoredNameTable {
+ public:
+  // Bucket numbers have 16 bits in the file.
+  static constexpr int MaxBits = 16;
+
+  // The first 7 bytes of every stored table.
+  struct Head {
+    static constexpr int Size = 7;
+
+    int occupied;  // buckets in use: 2 bytes
+    int bits;      // log2 of the bucket count: 1 byte
+    int count;     // entries: 4 bytes
+
+    static Head Decode(const unsigned char* bytes);
+    bool valid() const { return bits <= MaxBits && count >= 0; }
+  };
+  // A bucket in the file: its number (2 bytes) and its first entry (4 bytes).
+  static constexpr int BucketSize = 6;
+
+  // bits is 0 to MaxBits; capacity is the number of entries to make room for at first.
+  StoredNameTable(int bits, int capacity);
+  StoredNameTable(const StoredNameTable& other);
+  StoredNameTable& operator=(const StoredNameTable&) = delete;
+
+  int bits() const { return hash_bits; }
+  int bucket_count() const { return 1 << hash_bits; }
+  int buckets_used() const { return used; }
+  int capacity() const { return chain_capacity; }
+  int count() const { return entry_count; }
+  // The next entry of the same bucket; -1 ends the chain. entry must be an entry.
+  int next(int entry) const { return chain[entry]; }
+
+  // The bucket of a name: its hash without regard to case, masked.
+  int hash(const char* name, int length) const;
+  // The first entry of a bucket, -1 for an empty one; as the file states it, so maybe no entry.
+  int first(int bucket) const;
+
+  // The first entry of that name, or -1. name_of(entry, &length) gives an entry's name. A name that
+  // sorts behind the wanted one ends the walk.
+  template <class NameOf>
+  int Find(const char* name, int length, NameOf name_of) const {
+    int entry = first(hash(name, length));
+    for (int left = entry_count; left > 0 && IsEntry(entry); left--) {
+      int other_length = 0;
+      const char* other = name_of(entry, &other_length);
+      int order = CompareNames(name, length, other, other_length);
+      if (order == 0) return entry;
+      if (order < 0) return -1;
+      entry = chain[entry];
+    }
+    return -1;
+  }
+
+  // Makes room for one more entry. True when capacity() has changed, or the first entry comes: the
+  // owner then brings its own array to capacity() entries.
+  bool MakeRoom(int growth);
+
+  // Enters a name and answers its entry, the one at count(). There must be room for it. An equal
+  // name stands behind the first and is never found.
+  template <class NameOf>
+  int Insert(const char* name, int length, NameOf name_of) {
+    MakeHeads();
+    int entry = entry_count;
+    int bucket = hash(name, length);
+    int previous = -1;
+    int following = heads[bucket];
+    if (following == -1) used++;
+    for (int left = entry; left > 0 && IsEntry(following); left--) {
+      int other_length = 0;
+      const char* other = name_of(following, &other_length);
+      if (CompareNames(name, length, other, other_length) < 0) break;
+      previous = following;
+      following = chain[following];
+    }
+    chain[entry] = IsEntry(following) ? following : -1;
+    (previous == -1 ? heads[bucket] : chain[previous]) = entry;
+    entry_count++;
+    return entry;
+  }
+
+  // Takes over a stored table: head must be valid, buckets holds head.occupied records, and links
+  // the links of all entries, each stride bytes behind the one before.
+  void Read(const Head& head, const unsigned char* buckets, const unsigned char* links, int stride);
+
+  // Appends the head, with reserved zero bytes behind it, and the buckets in ascending order.
+  void Write(std::string* bytes, int reserved) const;
+
+ private:
+  struct Bucket {
+    int number;
+    int first;
+  };
+
+  bool IsEntry(int entry) const { return entry >= 0 && entry < entry_count; }
+  void MakeHeads();
+
+  int hash_bits;
+  int used = 0;
+  int stored_count = 0;
+  std::unique_ptr<Bucket[]> stored;  // ascending; only while there are no heads
+  std::unique_ptr<int[]> heads;      // one a bucket
+  std::unique_ptr<int[]> chain;
+  int chain_capacity;
+  int chain_room = 0;  // links that there is memory for; doubles, where the capacity grows by steps
+  int entry_count = 0;
+};
+
+// Brings an owner's array to capacity entries, the first count of them moved, the others zero.
+template <class T>
+void ResizeEntries(std::unique_ptr<T[]>* entries, int count, int capacity) {
+  auto larger = std::make_unique<T[]>(static_cast<size_t>(capacity));
+  if (*entries) std::move(entries->get(), entries->get() + count, larger.get());
+  *entries = std::move(larger);
+}
+
+#endif

@@ -1,0 +1,93 @@
+// Where a script's text goes. The application has one current Output; a capture or a mail puts
+// another one in front of it for a while. "Compressed" writes drop white space; nothing here
+// compresses data.
+
+#ifndef ZEPH_BASE_OUTPUT_H
+#define ZEPH_BASE_OUTPUT_H
+
+#include <cstddef>
+
+#include "base/core/CopyText.h"
+
+// Sink of text. Belongs to one request and its thread. The order of the virtual operations is
+// known to extension libraries. Lengths are bytes; a length of -1 means strlen, everywhere.
+class Output {
+ public:
+  // Write, for the many short texts of a page. True if the output holds room open for it and the
+  // text was put there in line: no other code has run then.
+  bool Put(const char* text, int length) {
+    if (static_cast<unsigned>(length - 1) >= static_cast<unsigned>(room_end - room)) {
+      Write(text, length);
+      return false;
+    }
+    CopyText(room, text, static_cast<size_t>(length));
+    room += length;
+    return true;
+  }
+
+  enum Flags : int { CompressFast = 1, CompressFull = 2 };
+  enum Type : int { Buffered = 0, HTTP = 1, Null = 2 };
+
+  Output() = default;
+  virtual ~Output();
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  // Write, then Flush(): for messages that must reach the client now. The result is Write's.
+  virtual int Write_Error(const char* text, int length);
+  // Sets a header field, replacing one of that name. The owned flags hand the texts over: they are
+  // freed with delete[], also on failure. Answers 1, or 0 where there are no header fields or they
+  // have been sent.
+  virtual int Header(const char* name, const char* value);
+  virtual int Header(const char* name, int namelength, int nameowned, const char* value,
+                     int valuelength, int valueowned);
+  // Answers the count of bytes taken, negative when the sink has failed.
+  virtual int Write(const char* text, int length) = 0;
+  // Writes with less white space, as the flags say; answers the input length whatever was dropped.
+  virtual int Write_Compressed(const char* text, int length);
+  virtual int Flush() = 0;
+  // With withlength set, the last flush of a response: a "Content-Length" may still be added.
+  virtual int Flush(int withlength);
+  virtual int type() = 0;
+  virtual int flags();
+  virtual void SetFlags(int flags);
+  // Drops one leading white-space byte behind white space.
+  virtual int Write_Compressed_Fast(const char* text, int length);
+  // Reduces every run of white space, across writes too, to its first byte.
+  virtual int Write_Compressed_Full(const char* text, int length);
+
+ protected:
+  // Notes whether the text ends in white space, for the next compressed write.
+  void NoteLastByte(const char* text, int length) {
+    if (length > 0) previous_was_space = IsSpace(text[length - 1]);
+  }
+  // The white space of the "C" locale; bytes are unsigned.
+  static bool IsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+  // Holds room open for Put, until CloseRoom answers the bytes that have come there.
+  void OpenRoom(char* begin, int size) {
+    room_begin = room = begin;
+    room_end = begin + size;
+  }
+  int CloseRoom() {
+    const auto put = static_cast<int>(room - room_begin);
+    if (put > 0) NoteLastByte(room_begin, put);
+    room_begin = room = room_end = nullptr;
+    return put;
+  }
+  // Whether the last byte written was white space.
+  bool IsBehindSpace() const {
+    return room > room_begin ? IsSpace(room[-1]) : previous_was_space != 0;
+  }
+
+  int output_flags = 0;
+  // Starts set, so that white space at the very start of a response counts as a repetition.
+  int previous_was_space = 1;
+
+ private:
+  char* room_begin = nullptr;  // of the bytes put since the room was opened
+  char* room = nullptr;
+  char* room_end = nullptr;
+};
+
+#endif

@@ -1,0 +1,118 @@
+#include "base/database/XBaseMemoField.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "base/database/XBaseTable.h"
+
+namespace {
+
+char* CopyOf(const char* text, int length) {
+  char* copy = new char[static_cast<size_t>(length) + 1];
+  std::copy_n(text, length, copy);
+  copy[length] = 0;
+  return copy;
+}
+
+// The block number in a record; one that does not fit an int is as far outside of the file as one
+// can be.
+int BlockNumber(const char* text) {
+  const long number = strtol(text, nullptr, 10);
+  return static_cast<int>(std::clamp<long>(number, INT_MIN, INT_MAX));
+}
+
+}  // namespace
+
+XBaseMemoField::XBaseMemoField(XBaseTable* owner, const char* name, int length, int decimalcount)
+    : XBaseField(owner, name, XBaseField_Memo, length, decimalcount) {}
+
+XBaseMemoField::XBaseMemoField(XBaseTable* owner, const char* name, int name_length, int length,
+                               int decimalcount)
+    : XBaseField(owner, name, name_length, XBaseField_Memo, length, decimalcount) {}
+
+XBaseMemoField::~XBaseMemoField() {
+  delete[] memo;
+  delete[] original_memo;
+}
+
+void XBaseMemoField::Read(unsigned char* bytes) {
+  dirty = 0;
+  delete[] std::exchange(memo, nullptr);
+  delete[] std::exchange(original_memo, nullptr);
+  memo_length = original_memo_length = 0;
+  XBaseField::Read(bytes);
+}
+
+bool XBaseMemoField::Write(unsigned char* bytes) {
+  // A change that lies swapped away is written when it is back.
+  if (dirty && memo && !WriteBlocks()) return false;
+  return XBaseField::Write(bytes);
+}
+
+bool XBaseMemoField::WriteBlocks() {
+  if (*memo == 0) {
+    XBaseField::Set("", 0);
+    dirty = 0;
+    return true;
+  }
+  const int block = table ? table->WriteMemoBlock(memo) : -1;
+  if (block < 0) return false;
+  char number[16];
+  const int digits = snprintf(number, sizeof(number), "%d", block);
+  // Cut to the field's length, the number would lead to the memo of another record.
+  if (digits > field_length) {
+    table->MemoNumberError();
+    return false;
+  }
+  XBaseField::Set(number, digits);
+  dirty = 0;
+  return true;
+}
+
+void XBaseMemoField::Set(const char* text, int length) {
+  if (!text || length < -1) length = 0;
+  if (length == -1) length = static_cast<int>(strlen(text));
+  char* copy = CopyOf(text, length);
+  delete[] std::exchange(memo, copy);
+  memo_length = length;
+  dirty = 1;
+}
+
+const char* XBaseMemoField::data() {
+  return memo || Load() ? memo : nullptr;
+}
+
+bool XBaseMemoField::Load() {
+  char* text = nullptr;
+  int count = 0;
+  if (const int block = BlockNumber(current); block == 0) {
+    text = CopyOf("", 0);
+  } else if (!table || !table->ReadMemoBlock(block, &text, &count)) {
+    delete[] text;
+    return false;
+  }
+  memo = text;
+  memo_length = count;
+  // While the texts are exchanged, a changed memo lies there.
+  if (!original_memo) {
+    original_memo = CopyOf(memo, count);
+    original_memo_length = count;
+  }
+  return true;
+}
+
+void XBaseMemoField::SwapOriginal() {
+  std::swap(memo, original_memo);
+}
+
+void XBaseMemoField::SetOriginal() {
+  if (!memo) return;
+  const int count = static_cast<int>(strlen(memo));
+  delete[] std::exchange(original_memo, nullptr);
+  original_memo = CopyOf(memo, count);
+  original_memo_length = count;
+}

@@ -1,0 +1,168 @@
+#include "base/extensions/ExternalCall.h"
+
+#include "base/extensions/ExternalLibrary.h"
+#include "base/host/ZephApplication.h"
+#include "base/values/Variable.h"
+#include "base/values/VariableRef.h"
+
+#include <cstring>
+#include <memory>
+#include <new>
+
+namespace {
+
+constexpr int registrations_step = 16;
+
+}  // namespace
+
+ExternalCall::ExternalCall(_ZP_EL_Function* descriptor)
+    : function(descriptor), result_variable(new Variable()) {}
+
+ExternalCall::~ExternalCall() {
+  if (state != nullptr) function->function(nullptr, nullptr, nullptr, &state);
+  result_variable->DecRefCount();
+}
+
+// Whether nobody can see what happens to the result of the last call: it is held here alone, and is
+// no reference to a variable of somebody else.
+bool ExternalCall::ResultIsFree() {
+  return result_variable->IsPlain() && result_variable->plain_count() < 2;
+}
+
+void ExternalCall::SetResult(Variable* adopted) {
+  Variable* old = result_variable;
+  result_variable = adopted;
+  old->DecRefCount();
+}
+
+int ExternalCall::Call(ZephVM* vm, VariableHash* parameters) {
+  if (ResultIsFree()) {
+    result_variable->SetNULL();
+  } else {
+    SetResult(new Variable());
+  }
+  // The function may run scripts that call it again: each of those calls finds the result held and
+  // makes one of its own.
+  VariableRef result = VariableRef::Share(result_variable);
+  function->function(vm, parameters, result.get(), &state);
+  if (result_variable != result.get()) SetResult(result.release());
+  return 1;
+}
+
+ExternalCallPersistentData::ExternalCallPersistentData(ZephVM* machine, const char* name,
+                                                       int length, void* data,
+                                                       void (*destroy_data)(void*, void*))
+    : vm(machine), held(data), destroy(destroy_data) {
+  std::string_view text = KeyText(name, length);
+  key = new char[text.size()];
+  key_length = int(text.size());
+  if (!text.empty()) memcpy(key, text.data(), text.size());
+}
+
+ExternalCallPersistentData::~ExternalCallPersistentData() {
+  if (destroy != nullptr) {
+    destroy(vm, held);
+  } else {
+    ::operator delete(held);
+  }
+  delete[] key;
+}
+
+ExternalCallManager::ExternalCallManager(ZephApplication* owner)
+    : application(owner), calls(1, 1, 12, 512), persistent(1, 1, 12, 512) {}
+
+ExternalCallManager::ExternalCallManager(ZephApplication* owner, ExternalCallManager& source)
+    : ExternalCallManager(owner) {
+  for (int i = 0; i < source.count; i++) {
+    ExternalCallManager::RegisterDSO(source.registrations[size_t(i)].library->path().data);
+  }
+}
+
+ExternalCallManager::~ExternalCallManager() = default;
+
+bool ExternalCallManager::RegisterDSO(const char* path) {
+  ExternalLibraryManager* manager = application->librarymanager();
+  ExternalLibrary* library = manager->Lookup(path);
+  if (library == nullptr) {
+    Error(manager->error());
+    return false;
+  }
+  using TableFunction = _ZP_EL_FunctionTable* (*)();
+  auto table = reinterpret_cast<TableFunction>(library->Get_Function("zeph_function_table"));
+  if (table == nullptr) {
+    Error(library->error());
+    return false;
+  }
+  const _ZP_EL_FunctionTable* functions = table();
+  if (functions == nullptr) {
+    Error("Unable to retrieve function descriptor table");
+    return false;
+  }
+  Append(library, functions->functions);
+  return true;
+}
+
+void ExternalCallManager::Append(ExternalLibrary* library, _ZP_EL_Function* functions) {
+  if (count == capacity) {
+    auto larger = std::make_unique<Registration[]>(size_t(capacity + registrations_step));
+    for (int i = 0; i < count; i++) larger[size_t(i)] = registrations[size_t(i)];
+    registrations = std::move(larger);
+    capacity += registrations_step;
+  }
+  registrations[size_t(count++)] = {library, functions};
+}
+
+// The row of that name in the table, or null.
+static _ZP_EL_Function* FindRow(_ZP_EL_Function* row, std::string_view name) {
+  if (row == nullptr) return nullptr;
+  for (; row->name != nullptr; row++) {
+    if (row->namelength == int(name.size()) && memcmpi(row->name, name.data(), name.size()) == 0) {
+      return row;
+    }
+  }
+  return nullptr;
+}
+
+ExternalCall* ExternalCallManager::Lookup_External(const char* name, int length) {
+  ExternalCall* call = calls.Find(name, length);
+  if (call != nullptr) return call;
+  std::string_view wanted = KeyText(name, length);
+  for (int i = 0; i < count; i++) {
+    _ZP_EL_Function* row = FindRow(registrations[size_t(i)].functions, wanted);
+    if (row == nullptr) continue;
+    auto made = std::make_unique<ExternalCall>(row);
+    calls.Insert(made.get());
+    return made.release();
+  }
+  return nullptr;
+}
+
+void* ExternalCallManager::Lookup_Persistent(const char* name, int length) {
+  ExternalCallPersistentData* entry = persistent.Find(name, length);
+  return entry != nullptr ? entry->data() : nullptr;
+}
+
+void ExternalCallManager::Register_Persistent(ZephVM* vm, const char* name, int length, void* data,
+                                              void (*destroy)(void* vm, void* data)) {
+  // The callback may leave something under the name again.
+  while (ExternalCallPersistentData* old = persistent.Remove(name, length)) delete old;
+  InsertOwned(persistent,
+              std::make_unique<ExternalCallPersistentData>(vm, name, length, data, destroy));
+}
+
+void ExternalCallManager::MachineEnds(ZephVM* vm, ZephVM* parent) {
+  // A callback may look for other data, and leave some: the count of entries changes under way.
+  for (int i = 0; i < persistent.Entries(); i++) {
+    ExternalCallPersistentData* entry = persistent.Index(i);
+    if (entry == nullptr || entry->machine() != vm) continue;
+    if (parent != nullptr) {
+      entry->SetMachine(parent);
+    } else {
+      delete persistent.Remove(entry->name(), entry->namelength());
+    }
+  }
+}
+
+void ExternalCallManager::Error(const String& text) {
+  if (text.data != nullptr) last_error = text;
+}

@@ -1,0 +1,138 @@
+// Functions of builtin libraries, which scripts call as if they were their own. A library hands
+// out a table of its functions; the manager of a request finds a function in the tables by name at
+// its first call and keeps what belongs to it until the request ends.
+
+#ifndef ZEPH_BASE_EXTERNALCALL_H
+#define ZEPH_BASE_EXTERNALCALL_H
+
+#include "base/core/BaseTemplates.h"
+#include "base/core/StringClass.h"
+#include "base/extensions/FunctionLibrary.h"
+
+#include <memory>
+
+class ExternalLibrary;
+class ZephApplication;
+
+// A function that a request has called, with the state and result that go with it.
+class ExternalCall {
+ public:
+  // The row is borrowed from the library.
+  explicit ExternalCall(_ZP_EL_Function* descriptor);
+  // Lets the function free its state.
+  virtual ~ExternalCall();
+  ExternalCall(const ExternalCall&) = delete;
+  ExternalCall& operator=(const ExternalCall&) = delete;
+
+  // Calls the function; answers 1. result() then holds what it gave, NULL if nothing. A result of
+  // an earlier call that somebody still holds keeps its value, and so does that of a call that is
+  // still running.
+  virtual int Call(ZephVM* vm, VariableHash* parameters);
+
+  const _ZP_EL_Function* descriptor() const { return function; }
+  // Borrowed; whoever keeps it takes a count.
+  Variable* result() { return result_variable; }
+
+ private:
+  bool ResultIsFree();
+  void SetResult(Variable* adopted);
+
+  _ZP_EL_Function* function;
+  void* state = nullptr;
+  Variable* result_variable;  // one count held
+};
+
+struct ExternalCallName {
+  static std::string_view Key(const ExternalCall* item) {
+    return KeyText(item->descriptor()->name, item->descriptor()->namelength);
+  }
+};
+using ExternalCallTable = NamedHashTable<ExternalCall, ExternalCallName>;
+
+// Data that an extension leaves under a name, for its later calls in the same request.
+class ExternalCallPersistentData {
+ public:
+  // Copies the name, which is not terminated in the copy; a length of -1 means strlen. Without a
+  // destroy callback the data was made with operator new.
+  ExternalCallPersistentData(ZephVM* vm, const char* name, int length, void* data,
+                             void (*destroy)(void* vm, void* data));
+  // Destroys the data.
+  virtual ~ExternalCallPersistentData();
+  ExternalCallPersistentData(const ExternalCallPersistentData&) = delete;
+  ExternalCallPersistentData& operator=(const ExternalCallPersistentData&) = delete;
+
+  const char* name() const { return key; }
+  int namelength() const { return key_length; }
+  void* data() const { return held; }
+  // The machine that the callback gets.
+  ZephVM* machine() const { return vm; }
+  void SetMachine(ZephVM* machine) { vm = machine; }
+
+ private:
+  ZephVM* vm;
+  char* key;
+  int key_length;
+  void* held;
+  void (*destroy)(void* vm, void* data);
+};
+
+struct ExternalCallPersistentDataName {
+  static std::string_view Key(const ExternalCallPersistentData* item) {
+    return KeyText(item->name(), item->namelength());
+  }
+};
+using ExternalCallPersistentDataTable =
+    NamedHashTable<ExternalCallPersistentData, ExternalCallPersistentDataName>;
+
+// The builtin libraries of one request or task, on its thread. The order of the virtual operations
+// stays.
+class ExternalCallManager {
+ public:
+  explicit ExternalCallManager(ZephApplication* application);
+  // Registers the source's libraries anew, in their order, through the given application. Calls
+  // and persistent data stay with the source.
+  ExternalCallManager(ZephApplication* application, ExternalCallManager& source);
+  virtual ~ExternalCallManager();
+  ExternalCallManager(const ExternalCallManager&) = delete;
+  ExternalCallManager& operator=(const ExternalCallManager&) = delete;
+
+  // Opens a library and appends its table. False leaves the reason in error().
+  virtual bool RegisterDSO(const char* path);
+  // The function of that name, in any case, from the library that was registered first; null when
+  // no library has it. Owned by the manager. A length of -1 means strlen.
+  virtual ExternalCall* Lookup_External(const char* name, int length);
+  // The data left under that name, in any case, or null. A length of -1 means strlen.
+  virtual void* Lookup_Persistent(const char* name, int length);
+  // Keeps data under a name until the machine ends, for a nested one the machine above all. Data of
+  // that name which is there already is destroyed first. The name is copied; a length of -1 means
+  // strlen.
+  virtual void Register_Persistent(ZephVM* vm, const char* name, int length, void* data,
+                                   void (*destroy)(void* vm, void* data));
+
+  // Tells that a machine is about to be deleted, while it still works: the destroy callbacks get
+  // the machine, and may use it. Data that was registered with it is destroyed, or goes over to the
+  // parent, under whose run it was registered. Data of other machines stays.
+  void MachineEnds(ZephVM* vm, ZephVM* parent);
+
+  const String& error() const { return last_error; }
+  // Keeps the older text when the given one is null.
+  void Error(const String& text);
+
+ private:
+  struct Registration {
+    ExternalLibrary* library;  // borrowed from the process
+    _ZP_EL_Function* functions;
+  };
+
+  void Append(ExternalLibrary* library, _ZP_EL_Function* functions);
+
+  ZephApplication* application;
+  ExternalCallTable calls;
+  String last_error;
+  std::unique_ptr<Registration[]> registrations;  // made at the first registration
+  int capacity = 0;
+  int count = 0;
+  ExternalCallPersistentDataTable persistent;
+};
+
+#endif

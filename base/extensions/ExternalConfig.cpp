@@ -1,0 +1,156 @@
+#include "base/extensions/ExternalConfig.h"
+
+#include "base/compiled/VariableHash.h"
+#include "base/extensions/CommerceLibrary.h"
+#include "base/extensions/ExternalCall.h"
+#include "base/extensions/ExternalDatabaseLibrary.h"
+#include "base/extensions/ExternalLibrary.h"
+#include "base/extensions/SystemLibrary.h"
+#include "base/host/TagErrors.h"
+#include "base/host/ZephApplication.h"
+#include "base/values/Variable.h"
+#include "base/values/VariableRef.h"
+
+namespace {
+
+void ReleaseAll(List<Variable>& pending) {
+  for (Variable* variable = pending.First(); variable != nullptr; variable = pending.Next()) {
+    variable->DecRefCount();
+  }
+  pending.RemoveAll();
+}
+
+// The table adopts the counts, so the list forgets each before.
+void MoveAll(List<Variable>& pending, VariableHash* table) {
+  while (pending.First() != nullptr) table->SetVariable(pending.Remove(ListHead));
+}
+
+}  // namespace
+
+ExternalConfig::ExternalConfig(ZephApplication* owner, ExternalCallManager* calls,
+                               CommerceLibraryManager* commerce,
+                               ExternalDatabaseLibraryManager* databases,
+                               SystemLibraryManager* systems, VariableHash* system_table,
+                               VariableHash* global_table)
+    : application(owner),
+      call_manager(calls),
+      commerce_manager(commerce),
+      database_manager(databases),
+      system_manager(systems),
+      system_variables(system_table),
+      global_variables(global_table) {}
+
+ExternalConfig::~ExternalConfig() {
+  // They are gone by now; a library that registers something in its shutdown is not heard.
+  call_manager = nullptr;
+  commerce_manager = nullptr;
+  database_manager = nullptr;
+  system_manager = nullptr;
+  if (descriptor != nullptr && descriptor->shutdown != nullptr) descriptor->shutdown(this, &data);
+  ReleaseAll(pending_system);
+  ReleaseAll(pending_global);
+}
+
+bool ExternalConfig::Load(const char* path, int zero, void* arguments, int count) {
+  ExternalLibraryManager* manager = application->librarymanager();
+  library = manager->Lookup(path);
+  if (library == nullptr) {
+    Error(manager->error());
+    return false;
+  }
+  auto table =
+      reinterpret_cast<_ZP_EL_ConfigFunction>(library->Get_Function("zeph_config_library"));
+  if (table == nullptr) {
+    Error(library->error());
+    return false;
+  }
+  descriptor = table();
+  if (descriptor == nullptr) return Fail("Unable to retrieve configuration descriptor table");
+  if (descriptor->initialize == nullptr) return true;
+  if (descriptor->initialize(this, &data, zero, arguments, count) == 0) return true;
+  return FailWithLibraryText("Error initializing configuration library");
+}
+
+bool ExternalConfig::LoadScriptConfig(const char* path, File* file) {
+  if (library == nullptr || descriptor == nullptr) return false;
+  if (descriptor->version == 1 && descriptor->load_script_v1 != nullptr) {
+    return Fail(
+        "Configuration library uses no longer supported v1 API script-specific configuration load "
+        "method");
+  }
+  if (descriptor->load_script_config == nullptr) return true;
+  if (descriptor->load_script_config(this, &data, path, file) == 0) return true;
+  return FailWithLibraryText("Error loading script-specific configuration");
+}
+
+bool ExternalConfig::Fail(const char* text) {
+  Error(text);
+  return false;
+}
+
+bool ExternalConfig::FailWithLibraryText(const char* text) {
+  const char* own = descriptor->get_error != nullptr ? descriptor->get_error(this, &data) : nullptr;
+  return Fail(own != nullptr ? own : text);
+}
+
+void ExternalConfig::Error(const String& text) {
+  if (text.data != nullptr) last_error = text;
+}
+
+ConfigValue* ExternalConfig::default_value(int id) {
+  if (library != nullptr && descriptor != nullptr) {
+    int kind = id & ConfigKind_Mask;
+    if (kind == ConfigKind_Text && descriptor->get_string != nullptr) {
+      const char* text = nullptr;
+      int length = 0;
+      int owned = 0;
+      if (descriptor->get_string(this, &data, id, &text, &length, &owned) == 0) {
+        return new ConfigValue(id, text, length, owned);
+      }
+    } else if (kind == ConfigKind_Integer && descriptor->get_integer != nullptr) {
+      int value = 0;
+      if (descriptor->get_integer(this, &data, id, &value) == 0) return new ConfigValue(id, value);
+    }
+  }
+  return Config::default_value(id);
+}
+
+bool ExternalConfig::Register_Library_Commerce(const char* name, const char* path) {
+  return commerce_manager != nullptr && commerce_manager->RegisterDSO(name, path);
+}
+
+bool ExternalConfig::Register_Library_Database(const char* name, const char* path) {
+  return database_manager != nullptr && database_manager->RegisterDSO(name, path);
+}
+
+bool ExternalConfig::Register_Library_System(const char* name, const char* path) {
+  return system_manager != nullptr && system_manager->RegisterDSO(name, path);
+}
+
+bool ExternalConfig::Register_Library_Builtin(const char* path) {
+  return call_manager != nullptr && call_manager->RegisterDSO(path);
+}
+
+void ExternalConfig::SetVariable_System(const char* name, int namelength, const char* value,
+                                        int valuelength) {
+  VariableRef variable(new ImmutableVariable(name, namelength, value, valuelength));
+  pending_system.Insert(variable.get(), ListTail);
+  (void)variable.release();
+}
+
+void ExternalConfig::SetVariable_Global(const char* name, int namelength, const char* value,
+                                        int valuelength) {
+  VariableRef variable(new Variable(name, namelength, value, valuelength));
+  pending_global.Insert(variable.get(), ListTail);
+  (void)variable.release();
+}
+
+void ExternalConfig::AddVariables() {
+  MoveAll(pending_system, system_variables);
+  MoveAll(pending_global, global_variables);
+}
+
+void ExternalConfig::Set_DefaultErrorSetting(const char* tag, int taglength, int value) {
+  const TagKeyword* keyword = tag_lookup.Lookup(tag, taglength);
+  if (keyword != nullptr) SetDefaultErrorSetting(keyword->tag, value);
+}

@@ -1,0 +1,118 @@
+// Database libraries: engines for databases of other types than the built-in one. Configuration
+// names the types; a library is opened when a script first opens a database of its type.
+
+#ifndef ZEPH_BASE_EXTERNALDATABASELIBRARY_H
+#define ZEPH_BASE_EXTERNALDATABASELIBRARY_H
+
+#include "base/core/BaseTemplates.h"
+#include "base/core/StringClass.h"
+
+class ZephApplication;
+
+// A function word of the table below. What a function takes depends on the operation, and for
+// some on the table's version, so the caller of each casts it to the form in use.
+typedef void (*_ZP_EL_DatabaseFunction)();
+
+// The functions of a database library, as its export zeph_database_library answers them. Words of
+// 8 bytes; any function may be null. A library says in version how far its table reaches: fields
+// from a later version are behind its end and must not be looked at.
+struct _ZP_EL_Database {
+  int version;
+  _ZP_EL_DatabaseFunction create;
+  _ZP_EL_DatabaseFunction open;
+  _ZP_EL_DatabaseFunction close;
+  _ZP_EL_DatabaseFunction openview;
+  _ZP_EL_DatabaseFunction runquery;
+  _ZP_EL_DatabaseFunction pack;
+  _ZP_EL_DatabaseFunction setprimaryindex;
+  _ZP_EL_DatabaseFunction createindex;
+  _ZP_EL_DatabaseFunction openindexes;
+  _ZP_EL_DatabaseFunction reindex;
+  _ZP_EL_DatabaseFunction error;
+  _ZP_EL_DatabaseFunction view_close;
+  _ZP_EL_DatabaseFunction view_skip;
+  _ZP_EL_DatabaseFunction view_go;
+  _ZP_EL_DatabaseFunction view_add;
+  _ZP_EL_DatabaseFunction view_delete;
+  _ZP_EL_DatabaseFunction view_undelete;
+  _ZP_EL_DatabaseFunction view_update;
+  _ZP_EL_DatabaseFunction view_filter;
+  _ZP_EL_DatabaseFunction view_find;
+  _ZP_EL_DatabaseFunction view_revealstructure_table;
+  _ZP_EL_DatabaseFunction view_revealstructure_aggregate;
+  _ZP_EL_DatabaseFunction view_error;
+  _ZP_EL_DatabaseFunction variable_get_integer;
+  _ZP_EL_DatabaseFunction variable_get_double;
+  _ZP_EL_DatabaseFunction variable_get_string;
+  _ZP_EL_DatabaseFunction variable_set_integer;
+  _ZP_EL_DatabaseFunction variable_set_double;
+  _ZP_EL_DatabaseFunction variable_set_string;
+  _ZP_EL_DatabaseFunction variable_free;
+  _ZP_EL_DatabaseFunction commit;         // since version 2
+  _ZP_EL_DatabaseFunction rollback;       // since version 2
+  _ZP_EL_DatabaseFunction variable_type;  // since version 4
+  _ZP_EL_DatabaseFunction transaction;    // since version 5
+  _ZP_EL_DatabaseFunction command;        // since version 5
+  _ZP_EL_DatabaseFunction free_data;      // since version 6
+};
+
+// One database type of a request or task.
+class ExternalDatabaseLibrary {
+ public:
+  // Copies both texts.
+  ExternalDatabaseLibrary(const char* name, const char* path);
+  // For a task: name, path and the table, when it is loaded.
+  ExternalDatabaseLibrary(const ExternalDatabaseLibrary& other);
+  ~ExternalDatabaseLibrary();
+  ExternalDatabaseLibrary& operator=(const ExternalDatabaseLibrary&) = delete;
+
+  const char* name() const { return type_name; }
+  const char* path() const { return library_path; }
+  // The library's table, in its memory; null until loaded.
+  _ZP_EL_Database* descriptor() const { return table; }
+  void SetDescriptor(_ZP_EL_Database* descriptor) { table = descriptor; }
+
+ private:
+  char* type_name;
+  char* library_path;
+  _ZP_EL_Database* table = nullptr;
+};
+
+struct ExternalDatabaseLibraryName {
+  static std::string_view Key(const ExternalDatabaseLibrary* item) { return KeyText(item->name()); }
+};
+using ExternalDatabaseLibraryTable =
+    NamedHashTable<ExternalDatabaseLibrary, ExternalDatabaseLibraryName>;
+
+// The database types that configuration has named for a request or task, on its thread. The order
+// of the virtual operations stays.
+class ExternalDatabaseLibraryManager {
+ public:
+  explicit ExternalDatabaseLibraryManager(ZephApplication* application);
+  // For a task: copies of the source's libraries, to be opened through the given application.
+  ExternalDatabaseLibraryManager(ZephApplication* application,
+                                 ExternalDatabaseLibraryManager& source);
+  virtual ~ExternalDatabaseLibraryManager();
+  ExternalDatabaseLibraryManager(const ExternalDatabaseLibraryManager&) = delete;
+  ExternalDatabaseLibraryManager& operator=(const ExternalDatabaseLibraryManager&) = delete;
+
+  // Names a type; the file is not looked at. Answers true.
+  virtual bool RegisterDSO(const char* name, const char* path);
+  // The type of that name, in any case, with its descriptor() set; owned by the manager. Null
+  // leaves the reason in error(). A length of -1 means strlen.
+  [[nodiscard]] virtual ExternalDatabaseLibrary* Lookup_DB(const char* name, int length);
+
+  const String& error() const { return last_error; }
+  // Keeps the older text when the given one is null.
+  void Error(const String& text);
+
+  // In the order of registration.
+  ExternalDatabaseLibraryTable& libraries() { return library_table; }
+
+ private:
+  ZephApplication* application;
+  ExternalDatabaseLibraryTable library_table;
+  String last_error;
+};
+
+#endif

@@ -1,0 +1,75 @@
+// System libraries: shared libraries that extensions know by name and take functions from, without
+// being linked against them. The engine itself calls nothing in them. Configuration names them; a
+// library is opened when an extension first asks for it.
+
+#ifndef ZEPH_BASE_SYSTEMLIBRARY_H
+#define ZEPH_BASE_SYSTEMLIBRARY_H
+
+#include "base/core/BaseTemplates.h"
+#include "base/core/StringClass.h"
+
+class ExternalLibrary;
+class ZephApplication;
+
+// One named library of a request or task. The order of the virtual operations stays.
+class SystemLibrary {
+ public:
+  // Copies both texts.
+  SystemLibrary(const char* name, const char* path);
+  // For a task: name, path and the opened file, if it is open.
+  SystemLibrary(const SystemLibrary& other);
+  virtual ~SystemLibrary();
+  SystemLibrary& operator=(const SystemLibrary&) = delete;
+
+  // Keeps the opened file, which stays the process's. Answers true.
+  virtual bool Load(ExternalLibrary* library);
+  // Keeps the older text when the given one is null.
+  virtual void Error(const String& text);
+  virtual const String& error();
+
+  const char* name() const { return library_name; }
+  const char* path() const { return library_path; }
+  // Null until loaded.
+  ExternalLibrary* library() const { return opened; }
+
+ private:
+  char* library_name;
+  char* library_path;
+  ExternalLibrary* opened = nullptr;
+  String last_error;
+};
+
+struct SystemLibraryName {
+  static std::string_view Key(const SystemLibrary* item) { return KeyText(item->name()); }
+};
+using SystemLibraryTable = NamedHashTable<SystemLibrary, SystemLibraryName>;
+
+// The system libraries that configuration has named for a request or task, on its thread.
+class SystemLibraryManager {
+ public:
+  explicit SystemLibraryManager(ZephApplication* application);
+  // For a task: copies of the source's libraries, to be opened through the given application.
+  SystemLibraryManager(ZephApplication* application, SystemLibraryManager& source);
+  virtual ~SystemLibraryManager();
+  SystemLibraryManager(const SystemLibraryManager&) = delete;
+  SystemLibraryManager& operator=(const SystemLibraryManager&) = delete;
+
+  // Names a library; the file is not looked at. Answers true.
+  virtual bool RegisterDSO(const char* name, const char* path);
+  // The library of that name, in any case, opened and owned by the manager. Null leaves the reason
+  // in error(). A length of -1 means strlen.
+  [[nodiscard]] virtual SystemLibrary* Lookup_System_Library(const char* name, int length);
+  // Keeps the older text when the given one is null.
+  virtual void Error(const String& text);
+  virtual const String& error();
+
+  // In the order of registration.
+  SystemLibraryTable& libraries() { return library_table; }
+
+ private:
+  ZephApplication* application;
+  SystemLibraryTable library_table;
+  String last_error;
+};
+
+#endif

@@ -1,0 +1,183 @@
+// One buffer in front of a sink, the capture of text in memory, and the output to nowhere.
+
+#include "base/host/BufferedOutput.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <new>
+#include <utility>
+
+namespace {
+
+const int kDefaultCapacity = 8192;
+
+}  // namespace
+
+BufferedOutput::BufferedOutput(int bytes)
+    : buffer(nullptr), capacity(bytes < 1 ? kDefaultCapacity : bytes) {
+  buffer = new char[static_cast<size_t>(capacity)];
+}
+
+BufferedOutput::~BufferedOutput() {
+  delete[] buffer;
+}
+
+int BufferedOutput::Write(const char* text, int length) {
+  if (length == -1) length = static_cast<int>(strlen(text));
+  if (length <= 0) return 0;
+  if (length > capacity) {
+    const char* p = text;
+    int left = length;
+    while (left > 0) {
+      if (used == capacity) Flush();
+      int part = std::min(left, capacity - used);
+      memcpy(buffer + used, p, static_cast<size_t>(part));
+      used += part;
+      p += part;
+      left -= part;
+    }
+  } else {
+    if (length > capacity - used) Flush();
+    memcpy(buffer + used, text, static_cast<size_t>(length));
+    used += length;
+  }
+  NoteLastByte(text, length);
+  return length;
+}
+
+int BufferedOutput::Flush() {
+  if (used == 0) return 0;
+  int written = DoWrite(buffer, used);
+  used = 0;
+  return written;
+}
+
+int BufferedOutput::type() {
+  return Buffered;
+}
+
+CaptureOutput::CaptureOutput(Output* parent)
+    : BufferedOutput(kDefaultCapacity),
+      base(buffer),
+      parent_output(parent),
+      outer(dynamic_cast<CaptureOutput*>(parent)) {
+  if (outer) outer->holders++;
+  allocated = capacity;
+  capacity--;  // room for the terminator that the receiver writes
+}
+
+CaptureOutput::~CaptureOutput() {
+  if (outer) outer->Release();
+  delete[] base;
+  buffer = nullptr;  // it lies within base
+}
+
+// The text goes at once: others may still lead on to the parent for long.
+void CaptureOutput::Close() {
+  over = true;
+  delete[] base;
+  base = buffer = nullptr;
+  captured = used = capacity = 0;
+  Release();
+}
+
+// In a loop: captures can be nested without bound.
+void CaptureOutput::Release() {
+  CaptureOutput* released = this;
+  while (released && --released->holders == 0) {
+    CaptureOutput* const next = std::exchange(released->outer, nullptr);
+    delete released;
+    released = next;
+  }
+}
+
+// Gives up a parent that is over for that one's parent.
+void CaptureOutput::StepOver() {
+  CaptureOutput* const gone = outer;
+  parent_output = gone->parent_output;
+  outer = gone->outer;
+  if (outer) outer->holders++;
+  gone->Release();
+}
+
+Output* CaptureOutput::parent() {
+  while (parent_over()) StepOver();
+  return parent_output;
+}
+
+Output* CaptureOutput::Outermost() const {
+  const CaptureOutput* last = this;
+  while (last->outer) last = last->outer;
+  return last->parent_output;
+}
+
+int CaptureOutput::Write_Error(const char* text, int length) {
+  return Outermost()->Write_Error(text, length);
+}
+
+int CaptureOutput::Header(const char* name, const char* value) {
+  return Outermost()->Header(name, value);
+}
+
+int CaptureOutput::Header(const char* name, int namelength, int nameowned, const char* value,
+                          int valuelength, int valueowned) {
+  return Outermost()->Header(name, namelength, nameowned, value, valuelength, valueowned);
+}
+
+int CaptureOutput::Flush() {
+  long total = static_cast<long>(captured) + used;
+  long needed = total + capacity + 1;
+  if (needed > INT_MAX) throw std::bad_alloc();
+  if (needed > allocated) {
+    long size = std::max(needed, std::min(2 * allocated, static_cast<long>(INT_MAX)));
+    char* grown = new char[static_cast<size_t>(size)];
+    memcpy(grown, base, static_cast<size_t>(total));
+    delete[] base;
+    base = grown;
+    allocated = size;
+  }
+  captured = static_cast<int>(total);
+  buffer = base + captured;
+  used = 0;
+  return 0;
+}
+
+int CaptureOutput::DoWrite(const char*, int length) {
+  return length;
+}
+
+char* CaptureOutput::data(int* length, int* size) {
+  char* next = new char[static_cast<size_t>(capacity) + 1];
+  char* text = base;
+  *length = captured + used;
+  *size = captured + capacity + 1;
+  base = buffer = next;
+  allocated = capacity + 1;
+  captured = used = 0;
+  return text;
+}
+
+NullOutput::NullOutput(int (*receiver)(const char*, int)) : callback(receiver) {}
+
+int NullOutput::Write(const char* text, int length) {
+  if (length == -1) length = static_cast<int>(strlen(text));
+  return DoWrite(text, length);
+}
+
+int NullOutput::Write_Compressed(const char* text, int length) {
+  return Write(text, length);
+}
+int NullOutput::Flush() {
+  return 1;
+}
+int NullOutput::Flush(int) {
+  return 0;
+}
+int NullOutput::type() {
+  return Null;
+}
+
+int NullOutput::DoWrite(const char* text, int length) {
+  return callback ? callback(text, length) : length;
+}

@@ -1,0 +1,576 @@
+// Numbers to text and back, and the encoders of ZephApplication. Their exact rules are the number
+// and text semantics of the script language: variables and instructions have no others.
+// Tested in tests/base/host/ConversionsTest.cpp.
+
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <clocale>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string_view>
+
+#include "base/core/CopyText.h"
+#include "base/core/RunLimit.h"
+#include "base/core/ascii.h"
+#include "base/core/dtoa.h"
+#include "base/host/ZephApplication.h"
+
+namespace {
+
+// Decimals of a double whose count of decimals is open.
+constexpr int OpenPlaces = 20;
+constexpr int DigitRoom = 512;
+
+constexpr char UpperHex[] = "0123456789ABCDEF";
+
+int LengthOf(const char* text, int length) {
+  if (!text) return 0;
+  if (length != -1) return length < 0 ? 0 : length;
+  const size_t measured = strlen(text);
+  if (measured > INT_MAX) throw std::bad_alloc();
+  return static_cast<int>(measured);
+}
+
+// Calls step(from, to) for one part of a text after the other; each returns where the next one
+// begins, at to or behind it. Returns where the work has ended: at the end of the text, or where
+// the time limit has passed.
+template <class Step>
+int ByParts(int length, Step step) {
+  int done = 0;
+  while (done < length) {
+    if (done > 0 && RunLimit::Over()) break;
+    done = step(done, length - done > RunLimit::Bytes ? done + RunLimit::Bytes : length);
+  }
+  return done;
+}
+
+// The buffer of a result. Lengths are 32-bit by contract, so a longer result cannot be given.
+char* NewText(int64_t size) {
+  if (size > INT_MAX) throw std::bad_alloc();
+  return new char[static_cast<size_t>(size)];
+}
+
+void Report(int64_t length, int64_t size, int* length_out, int* size_out) {
+  if (length_out) *length_out = static_cast<int>(length);
+  if (size_out) *size_out = static_cast<int>(size);
+}
+
+char* Constant(const char* text, int* length, int* size) {
+  const int count = static_cast<int>(strlen(text));
+  char* buffer = NewText(count + 1);
+  memcpy(buffer, text, static_cast<size_t>(count) + 1);
+  Report(count, count + 1, length, size);
+  return buffer;
+}
+
+int HexDigit(unsigned char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  c = zp_toupper(c);
+  return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+}
+
+bool IsDigit(unsigned char c) {
+  return c >= '0' && c <= '9';
+}
+
+// Significant digits of a finite double, without trailing zeros; point counts from the first one.
+struct Digits {
+  char text[DigitRoom];
+  int count;
+  int point;
+  int sign;
+};
+
+// Writes the digits as text and answers its end. The point stands only where decimals are asked
+// for or there.
+char* WriteDigits(char* out, const Digits& digits, int precision) {
+  int64_t countdown = precision;
+  int used = 0;
+  if (digits.sign) *out++ = '-';
+  if (digits.point > 0) {
+    used = digits.count < digits.point ? digits.count : digits.point;
+    memcpy(out, digits.text, static_cast<size_t>(used));
+    memset(out + used, '0', static_cast<size_t>(digits.point - used));
+    out += digits.point;
+  } else {
+    *out++ = '0';
+  }
+  if (precision > 0 || used < digits.count) {
+    *out++ = '.';
+    for (int zeros = digits.point; zeros < 0; zeros++, countdown--) *out++ = '0';
+    const int rest = digits.count - used;
+    memcpy(out, digits.text + used, static_cast<size_t>(rest));
+    out += rest;
+    countdown -= rest;
+  }
+  ByParts(countdown > 0 ? static_cast<int>(countdown) : 0, [&out](int from, int to) {
+    memset(out, '0', static_cast<size_t>(to - from));
+    out += to - from;
+    return to;
+  });
+  return out;
+}
+
+// Whole numbers below 10^15 are most of what scripts print; they need no digit generation.
+char* WholeToText(double value, int* length, int* size) {
+  char reversed[20];
+  int count = 0;
+  uint64_t rest = static_cast<uint64_t>(std::fabs(value));
+  do {
+    reversed[count++] = static_cast<char>('0' + rest % 10);
+    rest /= 10;
+  } while (rest);
+  const int allocated = OpenPlaces + count + 3;
+  char* buffer = NewText(allocated);
+  char* out = buffer;
+  if (std::signbit(value)) *out++ = '-';
+  while (count > 0) *out++ = reversed[--count];
+  *out = 0;
+  Report(out - buffer, allocated, length, size);
+  return buffer;
+}
+
+char* NotFiniteToText(double value, int* length, int* size) {
+  const bool negative = std::signbit(value);
+  if (std::isnan(value)) return Constant(negative ? "-NaN" : "NaN", length, size);
+  return Constant(negative ? "-Infinity" : "Infinity", length, size);
+}
+
+// Hexadecimal text behind its "0x".
+int HexToInteger(const char* text, int length, int* error) {
+  unsigned result = 0;
+  for (int i = 0; i < length; i++) {
+    const int digit = HexDigit(static_cast<unsigned char>(text[i]));
+    if (digit < 0) {
+      *error = 1;
+      return 0;
+    }
+    result = result * 16 + static_cast<unsigned>(digit);
+  }
+  return static_cast<int>(result);
+}
+
+// strtod of the "C" locale, whatever a library has made of the process locale. The text is
+// terminated. It reads signs, white space in front, hexadecimal forms, "inf" and "nan".
+double TerminatedToDouble(const char* text, int length, int* error) {
+  static const locale_t locale = newlocale(LC_ALL_MASK, "C", nullptr);
+  char* end = nullptr;
+  errno = 0;
+  const double value = strtod_l(text, &end, locale);
+  if (end - text != length) {
+    *error = 1;
+    return 0.0;
+  }
+  if (std::isinf(value) && errno == ERANGE) *error = 1;
+  return value;
+}
+
+double PlainToDouble(const char* text, int length, int size, int* error) {
+  if (size > length && text[length] == 0) return TerminatedToDouble(text, length, error);
+  char local[106];
+  std::unique_ptr<char[]> heap;
+  char* copy = local;
+  if (length > 105) {
+    heap.reset(new char[static_cast<size_t>(length) + 1]);
+    copy = heap.get();
+  }
+  memcpy(copy, text, static_cast<size_t>(length));
+  copy[length] = 0;
+  return TerminatedToDouble(copy, length, error);
+}
+
+// Bytes that URL encoding leaves as they are.
+struct AttributeTable {
+  bool plain[256] = {};
+  constexpr AttributeTable() {
+    for (int c = 'A'; c <= 'Z'; c++) plain[c] = plain[c - 'A' + 'a'] = true;
+    for (int c = '0'; c <= '9'; c++) plain[c] = true;
+    for (unsigned char c : {'*', '-', '.', '@', '_'}) plain[c] = true;
+  }
+};
+constexpr AttributeTable attribute_table;
+
+// The six bytes that become entities; the parentheses are among them, the apostrophe is not. All
+// others stand for themselves.
+struct EntityTable {
+  unsigned char length[256] = {};
+  char text[256][7] = {};
+  constexpr EntityTable() {
+    for (int byte = 0; byte < 256; byte++) {
+      length[byte] = 1;
+      text[byte][0] = static_cast<char>(byte);
+    }
+    Set('"', "&quot;");
+    Set('&', "&amp;");
+    Set('(', "&#40;");
+    Set(')', "&#41;");
+    Set('<', "&lt;");
+    Set('>', "&gt;");
+  }
+  constexpr void Set(char byte, std::string_view entity) {
+    const auto i = static_cast<unsigned char>(byte);
+    length[i] = static_cast<unsigned char>(entity.size());
+    for (size_t k = 0; k < entity.size(); k++) text[i][k] = entity[k];
+  }
+};
+constexpr EntityTable entity_table;
+
+bool EqualName(const char* text, const char* lower, int length) {
+  for (int i = 0; i < length; i++) {
+    if (zp_tolower(static_cast<unsigned char>(text[i])) != static_cast<unsigned char>(lower[i])) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// The byte that an entity stands for, -1 for none. The name lies between "&" and the stop.
+int EntityByte(const char* name, int length) {
+  switch (length) {
+    case 2:
+      if (EqualName(name, "lt", 2)) return '<';
+      if (EqualName(name, "gt", 2)) return '>';
+      return -1;
+    case 3:
+      if (EqualName(name, "amp", 3)) return '&';
+      if (memcmp(name, "#40", 3) == 0) return '(';
+      if (memcmp(name, "#41", 3) == 0) return ')';
+      return -1;
+    case 4: return EqualName(name, "quot", 4) ? '"' : -1;
+    default: return -1;
+  }
+}
+
+// Decodes what begins with the "&" at i, and returns the place behind it.
+//
+// One scan forward to the stop: a second "&" on the way is not looked at. The end of the text stops
+// it like a semicolon, white space makes the whole no entity.
+int DecodeEntity(const char* text, int length, int i, char** out) {
+  int stop = i + 1;
+  while (stop < length && text[stop] != ';' &&
+         !zp_isspace(static_cast<unsigned char>(text[stop]))) {
+    stop++;
+  }
+  const bool candidate = stop == length || text[stop] == ';';
+  const int byte = candidate ? EntityByte(text + i + 1, stop - i - 1) : -1;
+  const int behind = stop < length ? stop + 1 : length;
+  if (byte >= 0) {
+    *(*out)++ = static_cast<char>(byte);
+  } else {
+    memcpy(*out, text + i, static_cast<size_t>(behind - i));
+    *out += behind - i;
+  }
+  return behind;
+}
+
+// Bytes of a script literal: 1 stays, 2 gets a backslash and the letter, 0 depends on the
+// character set.
+struct ScriptTable {
+  uint8_t kind[256] = {};
+  char letter[256] = {};
+  constexpr ScriptTable() {
+    for (int c = 'A'; c <= 'Z'; c++) kind[c] = kind[c - 'A' + 'a'] = 1;
+    for (int c = '0'; c <= '9'; c++) kind[c] = 1;
+    for (unsigned char c : {' ', '$', '+', ',', '-', '.', ':', '@', '_'}) kind[c] = 1;
+    Escape(7, 'b');  // the bell has the short form, the backspace has not
+    Escape('\t', 't');
+    Escape('\n', 'n');
+    Escape('\f', 'f');
+    Escape('\r', 'r');
+    Escape('"', '"');
+    Escape('/', '/');
+    Escape('\\', '\\');
+  }
+  constexpr void Escape(unsigned char byte, char with) {
+    kind[byte] = 2;
+    letter[byte] = with;
+  }
+};
+constexpr ScriptTable script_table;
+
+char* WriteCode(char* out, unsigned high, unsigned low) {
+  *out++ = '\\';
+  *out++ = 'u';
+  *out++ = UpperHex[high >> 4 & 15];
+  *out++ = UpperHex[high & 15];
+  *out++ = UpperHex[low >> 4 & 15];
+  *out++ = UpperHex[low & 15];
+  return out;
+}
+
+// Encodes the character at the start of the text and answers how many bytes it took. At most six
+// bytes are written to *out, which moves behind them.
+int EncodeScriptByte(const unsigned char* text, int length, bool utf8, char** out) {
+  const unsigned c = text[0];
+  switch (script_table.kind[c]) {
+    case 1: *(*out)++ = static_cast<char>(c); return 1;
+    case 2:
+      *(*out)++ = '\\';
+      *(*out)++ = script_table.letter[c];
+      return 1;
+    default: break;
+  }
+  if (!utf8 && c >= 160) {
+    *(*out)++ = static_cast<char>(c);
+    return 1;
+  }
+  if (utf8 && c >= 194 && c <= 223 && length > 1) {
+    *out = WriteCode(*out, c >> 2 & 7, (text[1] & 63u) | (c & 3) << 6);
+    return 2;
+  }
+  if (utf8 && c >> 4 == 0xE && length > 2) {
+    *out = WriteCode(*out, (text[1] >> 2 & 15u) | (c & 15) << 4,
+                     (text[1] & 3u) << 6 | (text[2] & 63u));
+    return 3;
+  }
+  *out = WriteCode(*out, 0, c);
+  return 1;
+}
+
+}  // namespace
+
+char* ZephApplication::itos(int value, int* length, int* size) {
+  char text[12];
+  const auto end = std::to_chars(text, text + sizeof text, value);
+  const int count = static_cast<int>(end.ptr - text);
+  char* buffer = new char[static_cast<size_t>(count) + 1];
+  memcpy(buffer, text, static_cast<size_t>(count));
+  buffer[count] = 0;
+  Report(count, count + 1, length, size);
+  return buffer;
+}
+
+char* ZephApplication::dtos(double value, int* length, int* size, int precision) {
+  if (!std::isfinite(value)) return NotFiniteToText(value, length, size);
+  if (precision == -1 && std::fabs(value) < 1e15 && value == std::trunc(value)) {
+    return WholeToText(value, length, size);
+  }
+  const int places = precision == -1 ? OpenPlaces : precision;
+  Digits digits;
+  digits.count = dtoa(digits.text, DigitRoom, 5, places, &digits.point, &digits.sign, value);
+  const int larger = digits.point > digits.count ? digits.point : digits.count;
+  int64_t allocated = int64_t{places} + larger + (digits.point == 0) + 3;
+  // The sum is short by one for a negative number that rounds to nothing, and means nothing for a
+  // precision below 0: then what is written counts, and it is never more than this.
+  const int64_t fraction = places > 0 ? places : 0;
+  const int64_t whole = digits.point > 0 ? digits.point : 1;
+  const int64_t needed = digits.sign + whole + 1 + fraction + 1;
+  if (allocated < needed) allocated = needed;
+  char* buffer = NewText(allocated);
+  char* end = WriteDigits(buffer, digits, precision);
+  *end = 0;
+  Report(end - buffer, allocated, length, size);
+  return buffer;
+}
+
+int ZephApplication::stoi(const char* text, int length, int* error) {
+  int ignored;
+  if (!error) error = &ignored;
+  *error = 0;
+  length = LengthOf(text, length);
+  if (length >= 3 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X') &&
+      HexDigit(static_cast<unsigned char>(text[2])) >= 0) {
+    return HexToInteger(text + 2, length - 2, error);
+  }
+  const bool negative = length > 0 && text[0] == '-';
+  if (!negative && (length == 0 || !IsDigit(static_cast<unsigned char>(text[0])))) {
+    *error = 1;
+    return 0;
+  }
+  unsigned result = 0;
+  for (int i = negative; i < length; i++) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (!IsDigit(c)) {
+      *error = 1;
+      return 0;
+    }
+    result = result * 10 + (c - '0');
+  }
+  return static_cast<int>(negative ? 0u - result : result);
+}
+
+double ZephApplication::stod(const char* text, int length, int size, int* error) {
+  int ignored;
+  if (!error) error = &ignored;
+  *error = 0;
+  if (length == -1 && text) {
+    length = LengthOf(text, -1);
+    size = length < INT_MAX ? length + 1 : length;
+  }
+  length = LengthOf(text, length);
+  if (length == 0) return 0.0;
+  // Decimal text, which is nearly all, takes the quick reader; it rounds as strtod does. What it
+  // does not take to the end, or finds out of range, is for strtod to judge.
+  const unsigned char first = static_cast<unsigned char>(text[text[0] == '-' && length > 1]);
+  if (IsDigit(first) || first == '.') {
+    double value = 0.0;
+    const auto result = std::from_chars(text, text + length, value);
+    if (result.ec == std::errc() && result.ptr == text + length) return value;
+  }
+  return PlainToDouble(text, length, size, error);
+}
+
+char* ZephApplication::EncodeAttribute(const char* text, int textlength, int* length, int* size) {
+  textlength = LengthOf(text, textlength);
+  int64_t needed = 0;
+  textlength = ByParts(textlength, [&needed, text](int from, int to) {
+    for (int i = from; i < to; i++) {
+      const auto c = static_cast<unsigned char>(text[i]);
+      needed += attribute_table.plain[c] || c == ' ' ? 1 : 3;
+    }
+    return to;
+  });
+  char* buffer = NewText(needed + 1);
+  char* out = buffer;
+  ByParts(textlength, [&out, text](int from, int to) {
+    char* end = out;
+    for (int i = from; i < to; i++) {
+      const auto c = static_cast<unsigned char>(text[i]);
+      if (attribute_table.plain[c]) {
+        *end++ = static_cast<char>(c);
+      } else if (c == ' ') {
+        *end++ = '+';
+      } else {
+        *end++ = '%';
+        *end++ = UpperHex[c >> 4];
+        *end++ = UpperHex[c & 15];
+      }
+    }
+    out = end;
+    return to;
+  });
+  *out = 0;
+  Report(out - buffer, needed + 1, length, size);
+  return buffer;
+}
+
+char* ZephApplication::DecodeAttribute(const char* text, int textlength, int* length, int* size) {
+  textlength = LengthOf(text, textlength);
+  char* buffer = NewText(int64_t{textlength} + 1);
+  char* out = buffer;
+  ByParts(textlength, [&out, text, textlength](int i, int to) {
+    char* end = out;
+    for (; i < to; i++) {
+      const char c = text[i];
+      if (c == '%' && textlength - i > 2) {
+        const int high = HexDigit(static_cast<unsigned char>(text[i + 1]));
+        const int low = HexDigit(static_cast<unsigned char>(text[i + 2]));
+        if (high >= 0 && low >= 0) {
+          *end++ = static_cast<char>(high << 4 | low);
+          i += 2;
+          continue;
+        }
+      }
+      *end++ = c == '+' ? ' ' : c;
+    }
+    out = end;
+    return i;
+  });
+  *out = 0;
+  Report(out - buffer, int64_t{textlength} + 1, length, size);
+  return buffer;
+}
+
+char* ZephApplication::EncodeEntities(const char* text, int textlength, int* length, int* size) {
+  textlength = LengthOf(text, textlength);
+  int64_t needed = 0;
+  textlength = ByParts(textlength, [&needed, text](int from, int to) {
+    for (int i = from; i < to; i++) {
+      needed += entity_table.length[static_cast<unsigned char>(text[i])];
+    }
+    return to;
+  });
+  char* buffer = NewText(needed + 1);
+  char* out = buffer;
+  ByParts(textlength, [&out, text](int from, int to) {
+    char* end = out;
+    for (int i = from; i < to; i++) {
+      const auto byte = static_cast<unsigned char>(text[i]);
+      const int taken = entity_table.length[byte];
+      if (taken == 1) {
+        *end++ = text[i];
+      } else {
+        CopyText(end, entity_table.text[byte], static_cast<size_t>(taken));
+        end += taken;
+      }
+    }
+    out = end;
+    return to;
+  });
+  *out = 0;
+  Report(out - buffer, needed + 1, length, size);
+  return buffer;
+}
+
+char* ZephApplication::DecodeEntities(const char* text, int textlength, int* length, int* size) {
+  textlength = LengthOf(text, textlength);
+  char* buffer = NewText(int64_t{textlength} + 1);
+  char* out = buffer;
+  ByParts(textlength, [&out, text, textlength](int i, int to) {
+    char* end = out;
+    while (i < to) {
+      if (text[i] == '&') {
+        i = DecodeEntity(text, textlength, i, &end);
+      } else {
+        *end++ = text[i++];
+      }
+    }
+    out = end;
+    return i;
+  });
+  *out = 0;
+  Report(out - buffer, int64_t{textlength} + 1, length, size);
+  return buffer;
+}
+
+char* ZephApplication::StripNULLs(const char* text, int textlength, int* length, int* size) {
+  textlength = LengthOf(text, textlength);
+  char* buffer = NewText(int64_t{textlength} + 1);
+  char* out = buffer;
+  ByParts(textlength, [&out, text](int from, int to) {
+    char* end = out;
+    for (int i = from; i < to; i++) {
+      if (text[i]) *end++ = text[i];
+    }
+    out = end;
+    return to;
+  });
+  *out = 0;
+  Report(out - buffer, int64_t{textlength} + 1, length, size);
+  return buffer;
+}
+
+char* ZephApplication::EncodeJavaScriptString(const char* text, int textlength, int* length,
+                                              int* size) {
+  textlength = LengthOf(text, textlength);
+  const bool utf8 = CharacterSetIsUTF8() != 0;
+  const auto* bytes = reinterpret_cast<const unsigned char*>(text);
+  char piece[8];
+  int64_t needed = 0;
+  const int counted = ByParts(textlength, [=, &needed, &piece](int i, int to) {
+    while (i < to) {
+      char* out = piece;
+      i += EncodeScriptByte(bytes + i, textlength - i, utf8, &out);
+      needed += out - piece;
+    }
+    return i;
+  });
+  // The size that callers see is that of a text built in blocks: 512 bytes of slack while they
+  // suffice, then none.
+  int64_t allocated = needed + 1;
+  if (needed > 0 && allocated < int64_t{textlength} + 512) allocated = int64_t{textlength} + 512;
+  char* buffer = NewText(allocated);
+  char* out = buffer;
+  ByParts(counted, [=, &out](int i, int to) {
+    while (i < to) i += EncodeScriptByte(bytes + i, textlength - i, utf8, &out);
+    return i;
+  });
+  *out = 0;
+  Report(out - buffer, allocated, length, size);
+  return buffer;
+}

@@ -1,0 +1,257 @@
+// The application: the one object through which every subsystem reaches its host. A request has
+// one (FastCGIApplication), a background task has one, a command-line run has one. Files, network,
+// output, settings, libraries and the clock of a script are asked for here, never taken from the
+// process.
+
+#ifndef ZEPH_BASE_ZEPHAPPLICATION_H
+#define ZEPH_BASE_ZEPHAPPLICATION_H
+
+#include <ctime>
+
+#include "base/core/BaseTemplates.h"
+#include "base/core/StringClass.h"
+
+class CommerceLibraryManager;
+class Config;
+class ExternalDatabaseLibraryManager;
+class ExternalLibraryManager;
+class FileManager;
+class NetworkManager;
+class Output;
+class SystemLibraryManager;
+class Variable;
+class ZephVM;
+enum Zeph_PathType : int;
+
+// Bits of the setting log_level; each is one type of log record.
+enum LogType : unsigned {
+  Log_FunctionCall = 0x10,
+  Log_FunctionParameter = 0x20,
+  Log_FunctionReturnValue = 0x40,
+  Log_FunctionReturn = 0x80,
+  Log_ExternalFunctionCall = 0x100,
+  Log_ExternalFunctionParameter = 0x200,
+  Log_ExternalFunctionReturnValue = 0x400,
+  Log_ExternalFunctionReturn = 0x800,
+  Log_DoEnter = 0x1000,
+  Log_DoExit = 0x2000,
+  Log_Call = 0x100000,
+  Log_SMTP = 0x200000,
+  Log_TimedOut = 0x8000000,
+  Log_RuntimeError = 0x10000000,
+  Log_FatalError = 0x20000000,
+  Log_Trace = 0x40000000,
+  // All records of calls, of functions of the script and of libraries.
+  Log_OfCalls = 0xFF0,
+};
+
+// One element of a log record's parameter list; the list ends with an element of type End.
+struct LogParameter {
+  enum Type : int { Text = 0, Integer = 1, Double = 2, Value = 3, End = 4 };
+
+  Type type;
+  union {
+    const char* text;
+    int integer;
+    double number;
+    Variable* variable;
+  };
+  int length;  // bytes of a Text; -1 means strlen
+
+  static LogParameter OfText(const char* text, int length);
+  static LogParameter OfInteger(int value);
+  static LogParameter OfDouble(double value);
+  static LogParameter OfVariable(Variable* variable);
+  static LogParameter OfEnd();
+};
+
+// One entry of the setting log_filter: a source file, and a range of its lines.
+class LogFilterEntry {
+ public:
+  // Copies the name, which is not terminated. Line 0 means no bound on that side.
+  LogFilterEntry(const char* name, int length, int first, int last);
+  virtual ~LogFilterEntry();
+  LogFilterEntry(const LogFilterEntry&) = delete;
+  LogFilterEntry& operator=(const LogFilterEntry&) = delete;
+
+  char* name;
+  int namelength;
+  int firstline;
+  int lastline;
+};
+
+// Answers of BeginAsynchronousTask.
+enum AsynchronousTaskResult : int {
+  AsynchronousTask_Started = 0,
+  AsynchronousTask_Continue = 1,
+  AsynchronousTask_Failed = 2,
+  AsynchronousTask_NotSupported = 3,
+  AsynchronousTask_LimitReached = 4,
+  AsynchronousTask_InTask = 5,
+};
+
+// Abstract base of every host. Made by the host, once a request or task, used by that request's
+// thread; Heartbeat is called by the heartbeat thread as well. The order of the virtual operations
+// is part of the interface: it stays.
+class ZephApplication {
+ public:
+  ZephApplication();
+  virtual ~ZephApplication();
+  ZephApplication(const ZephApplication&) = delete;
+  ZephApplication& operator=(const ZephApplication&) = delete;
+
+  // Services of the host. All borrowed; commercemanager, databasemanager and systemlibrarymanager
+  // are null in a host without such libraries.
+  virtual NetworkManager* networkmanager() = 0;
+  virtual FileManager* filemanager() = 0;
+  virtual ExternalLibraryManager* librarymanager() = 0;
+  virtual CommerceLibraryManager* commercemanager();
+  virtual ExternalDatabaseLibraryManager* databasemanager();
+  virtual SystemLibraryManager* systemlibrarymanager();
+  virtual Config* config() = 0;
+
+  // The program's name without its folder; the machine's host name.
+  virtual const char* basename() = 0;
+  virtual const char* hostname() = 0;
+  // Local time as mail headers write it, "Sat, 21 Nov 2026 10:00:00 +0100"; whole hours of the
+  // zone.
+  virtual String currentdate() = 0;
+  // The system's text for errno, "Unknown error" where it has none. Call it before any clean-up
+  // that may change errno.
+  virtual String lasterror() = 0;
+
+  // The current output, borrowed. SetOutput carries the flags of the old output over, installs
+  // the new one and returns the old one; ownership stays with whoever had it.
+  virtual Output* output() = 0;
+  virtual Output* SetOutput(Output* output) = 0;
+
+  // crypt(3) of at most 8 bytes of the key under a salt of two characters. The result is
+  // NUL-terminated, made with new[] and owned by the caller; *length receives 13, *size 14.
+  virtual char* Crypt(const char* key, int keylength, const char* salt, int* length, int* size) = 0;
+  // 32 hexadecimal digits that nobody can guess; NUL-terminated, made with new[], the caller's.
+  virtual char* MakeSessionID(int* length) = 0;
+
+  // Time limits, in whole seconds and as exact as the heartbeat's five. ResetGlobalTimeout starts
+  // the script's clock anew with timeout_global, ResetPOSTTimeout the upload's with timeout_post;
+  // a setting of 0 means no limit.
+  virtual void ResetGlobalTimeout();
+  virtual void ResetPOSTTimeout();
+  virtual void ClearPOSTTimeout();
+  // Whether the script has to end: its time is over, or it was cancelled. Any thread may ask.
+  virtual int cancelled();
+
+  virtual int processid() = 0;
+  virtual int threadid() = 0;
+  // The name by which lock records know this host, and the age in seconds after which another
+  // host's lock counts as abandoned; 0 is never.
+  virtual const char* lockhostname() = 0;
+  virtual int lockexpiration() = 0;
+
+  // Sends text to the client as it stands, header fields first when none were sent.
+  virtual void Error(const String& text);
+  virtual void Error(const char* text);
+  virtual void OutputError(const char* text, int length);
+
+  // Pauses the script for that many milliseconds; a cancelled script wakes within a heartbeat.
+  virtual void Sleep(int milliseconds) = 0;
+  // The effective user id in decimal.
+  virtual const char* GetUserID() = 0;
+
+  virtual int BeginAsynchronousTask(ZephVM* vm);
+  virtual void AsynchronousSleep(long wakeat, Zeph_PathType type, const char* path);
+
+  // One beat: counts it, and raises the time-out flags whose deadlines lie before now.
+  virtual void Heartbeat(long now);
+  // Seconds until the global deadline, -1 without one.
+  virtual long TimeRemaining();
+
+  // What a script may set for itself. Each has a counter that changes with it, so that whoever
+  // keeps a copy sees by one comparison that it is stale.
+  virtual const String& language();
+  virtual int languagecount();
+  virtual const String& defaultlanguage();
+  virtual int defaultlanguagecount();
+  virtual const String& defaultdatabase();
+  virtual int defaultdatabasecount();
+  virtual void SetLanguage(const String& language);
+  virtual void SetDefaultLanguage(const String& language);
+  virtual void SetDefaultDatabase(const String& database);
+  virtual const String& charset();
+  virtual int charsetcount();
+  virtual void SetCharacterSet(const String& charset);
+  virtual const String& GetCharacterSet();
+  virtual int CharacterSetIsUTF8();
+
+  virtual int SSL_Available();
+  virtual int SSL_Initialize() = 0;
+  virtual void* SSL_GetFunction(const char* name) = 0;
+
+  // Replaces both filter lists by the entries of a log_filter text.
+  virtual void ParseLogFilter(const char* text);
+  // Writes one record of a type of LogType. The base has no log.
+  virtual void Log(unsigned type, LogParameter* parameters);
+  virtual const char* Log_Description(unsigned type);
+
+  virtual const char* process_name();
+  virtual void SetProcessName(const char* name);
+
+  // --- Text and numbers (base/host/Conversions.cpp) ----------------------------------------------
+  // All results are NUL-terminated buffers made with new[] and owned by the caller. *length
+  // receives the bytes of text, *size the bytes allocated. An input length of -1 means strlen.
+  static char* itos(int value, int* length, int* size);
+  static char* dtos(double value, int* length, int* size, int precision);
+  static int stoi(const char* text, int length, int* error);
+  static double stod(const char* text, int length, int size, int* error);
+  static char* EncodeAttribute(const char* text, int textlength, int* length, int* size);
+  static char* DecodeAttribute(const char* text, int textlength, int* length, int* size);
+  static char* EncodeEntities(const char* text, int textlength, int* length, int* size);
+  static char* DecodeEntities(const char* text, int textlength, int* length, int* size);
+  static char* StripNULLs(const char* text, int textlength, int* length, int* size);
+  // Needs the character set, hence an object.
+  char* EncodeJavaScriptString(const char* text, int textlength, int* length, int* size);
+
+  // Shared with the machine and read there without a lock at every instruction, through
+  // std::atomic_ref in relaxed order: the count of heartbeats; whether the time is over or the
+  // script was cancelled; and whether the script asked to end.
+  int* heartbeatcounter() { return &heartbeat_counter; }
+  int* timedoutflag() { return &global_timed_out; }
+  int* exitflag() { return &exit_flag; }
+  // The same for the reading of a form: whether its time is over.
+  int* posttimedoutflag() { return &post_timed_out; }
+  bool posttimedout() const;
+
+  // Log settings of this request, as the machine's test before a record reads them.
+  bool logsuppressed() const { return log_suppressed != 0; }
+  List<LogFilterEntry>* logincludes() { return &log_includes; }
+  List<LogFilterEntry>* logexcludes() { return &log_excludes; }
+
+ protected:
+  // Start a clock with a limit in whole seconds, 0 for none, and take its flag back. For a host
+  // that guards the clocks with a mutex: to read the setting calls the configuration library, which
+  // must not happen under it.
+  void StartGlobalClock(int seconds);
+  void StartPOSTClock(int seconds);
+
+  void* ssl_context = nullptr;
+  void** ssl_functions = nullptr;
+  int heartbeat_counter = 0;
+  int global_timed_out = 0;
+  int post_timed_out = 0;
+  int exit_flag = 0;
+  time_t global_deadline = 0;  // 0 is none
+  time_t post_deadline = 0;
+  int log_suppressed = 0;
+  List<LogFilterEntry> log_includes;
+  List<LogFilterEntry> log_excludes;
+  String current_language;
+  int language_count = 1;
+  String default_language;
+  int default_language_count = 1;
+  String default_database;
+  int default_database_count = 1;
+  String character_set;
+  int character_set_count = 1;
+  int character_set_is_utf8 = 1;
+};
+
+#endif

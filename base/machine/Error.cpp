@@ -1,0 +1,136 @@
+// Fatal and runtime errors of the machine, and the records of them in the trace log.
+
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "base/compiled/Dictionary.h"
+#include "base/compiled/VariableHash.h"
+#include "base/core/RunLimit.h"
+#include "base/host/ZephApplication.h"
+#include "base/machine/ZephVM.h"
+#include "base/values/Variable.h"
+
+namespace {
+
+// A line bound admits when it is 0.
+bool Admits(const LogFilterEntry* entry, const char* file, int length, int line) {
+  return entry->namelength == length && (entry->firstline == 0 || entry->firstline <= line) &&
+         (entry->lastline == 0 || entry->lastline >= line) &&
+         memcmp(entry->name, file, static_cast<size_t>(length)) == 0;
+}
+
+bool AnyAdmits(List<LogFilterEntry>* entries, const char* file, int length, int line) {
+  for (LogFilterEntry* entry = entries->First(); entry; entry = entries->Next()) {
+    if (Admits(entry, file, length, line)) return true;
+  }
+  return false;
+}
+
+LogParameter LogText(const String& text) {
+  return LogParameter::OfText(text.data, text.length);
+}
+
+}  // namespace
+
+String ZephVM::ErrorPrefix(const char* kind, const char* tag) {
+  char place[48];
+  String text;
+  text.cat(error_prefix.data, error_prefix.length);
+  text.cat(kind, -1);
+  text.cat(script_path.data, script_path.length);
+  snprintf(place, sizeof place, " @ [%08x:%08x]: ", static_cast<unsigned>(loaded_segment),
+           static_cast<unsigned>(instruction_start));
+  text.cat(place, -1);
+  int length;
+  const char* file = SourceFile(&length);
+  if (length > 0) {
+    text.cat(file, length);
+    text.cat(": ", 2);
+  }
+  if (current_line != 0) {
+    snprintf(place, sizeof place, "Line %d: ", current_line);
+    text.cat(place, -1);
+  }
+  if (tag) {
+    text.cat(tag, -1);
+    text.cat(": ", 2);
+  }
+  return text;
+}
+
+int ZephVM::FatalError(const String& message) {
+  // First: there may be no memory for the text.
+  stop_flag = true;
+  // A stack reports to its own machine, and ends those that work on it too. Two files that call
+  // each other are guests of one another.
+  for (ZephVM* other = guest; other && !other->stop_flag; other = other->guest) {
+    other->stop_flag = true;
+  }
+  error_text = ErrorPrefix("Fatal error in ", nullptr);
+  error_text.cat(message.data, message.length);
+  error_text.cat('\n');
+  application->Error(error_text);
+  if (WantsLog(Log_FatalError)) WriteLog(Log_FatalError, {LogText(error_text)});
+  return 0;
+}
+
+// What failed because its work was cut short is no error of the script: the time-out is told.
+void ZephVM::RuntimeError(int tag, const String& message) {
+  if (RunLimit::WasCut()) return;
+  const bool known = tag >= 0 && tag < tag_count;
+  const TagErrorSetting unknown = {tag, nullptr, nullptr, TagError_Display | TagError_Fatal};
+  const TagErrorSetting& setting = known ? tag_errors[tag] : unknown;
+  error_text = ErrorPrefix("Runtime error in ", setting.name);
+  error_text.cat(message.data, message.length);
+  error_text.cat('\n');
+  // Set either way: a handler raises one error, and a failure that code nested in it has survived
+  // does not end the script.
+  stop_flag = (setting.settings & TagError_Fatal) != 0;
+  if ((frame->error_output & ZephVM_Frame::ErrorOutput_Display) &&
+      (setting.settings & TagError_Display)) {
+    application->Error(error_text);
+  }
+  if (setting.variable) {
+    global_variables->SetVariable(setting.variable, -1, message.data, message.length);
+  }
+  if (WantsLog(Log_RuntimeError)) {
+    if (setting.name) {
+      WriteLog(Log_RuntimeError, {LogParameter::OfText(setting.name, -1), LogText(message)});
+    } else {
+      WriteLog(Log_RuntimeError, {LogText(message)});
+    }
+  }
+}
+
+void ZephVM::EncodedRuntimeError(int tag, const String& message) {
+  int length, size;
+  char* text = ZephApplication::EncodeEntities(message.data ? message.data : "", message.length,
+                                               &length, &size);
+  RuntimeError(tag, String(text, length, size));
+}
+
+void ZephVM::ClearErrorVariable(int tag) {
+  if (tag >= 0 && tag < tag_count && tag_errors[tag].variable) {
+    global_variables->ClearVariable(tag_errors[tag].variable, -1);
+  }
+}
+
+bool ZephVM::LogAdmitsPlace() {
+  if (application->logsuppressed()) return false;
+  int length;
+  const char* file = SourceFile(&length);
+  if (AnyAdmits(application->logexcludes(), file, length, current_line)) return false;
+  List<LogFilterEntry>* includes = application->logincludes();
+  return includes->Entries() == 0 || AnyAdmits(includes, file, length, current_line);
+}
+
+void ZephVM::WriteLog(unsigned type, std::initializer_list<LogParameter> more) {
+  int length;
+  const char* file = SourceFile(&length);
+  std::vector<LogParameter> parameters = {LogText(script_path), LogParameter::OfText(file, length),
+                                          LogParameter::OfInteger(current_line)};
+  parameters.insert(parameters.end(), more);
+  parameters.push_back(LogParameter::OfEnd());
+  application->Log(type, parameters.data());
+}

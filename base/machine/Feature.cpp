@@ -1,0 +1,72 @@
+// What all features share, and the stack of them.
+
+#include "base/machine/Feature.h"
+
+#include "base/machine/ZephVM.h"
+
+Feature::Feature(ZephApplication* host, ZephVM* machine, int type)
+    : application(host), vm(machine), frame_serial(machine->FrameSerial()), feature_type(type) {}
+
+Feature::~Feature() = default;
+
+void Feature::Heartbeat() {}
+
+void Feature::Error(const String& text) {
+  if (text.data) error_text.assign(text.data, text.length);
+}
+
+// --- The stack -----------------------------------------------------------------------------------
+
+void FeatureStack::Push(Feature* feature) {
+  feature->below = top;
+  feature->older = newest;
+  if (newest) newest->newer = feature;
+  top = newest = feature;
+}
+
+Feature* FeatureStack::Lookup(int type) const {
+  Feature* feature = top;
+  while (feature && feature->type() != type) feature = feature->below;
+  return feature;
+}
+
+void FeatureStack::Pop(Feature* wanted) {
+  Feature* feature = top;
+  while (feature && feature != wanted) feature = feature->below;
+  if (!feature) return;
+  while (top != wanted) {
+    top->is_dropped = true;
+    TakeTop();
+  }
+  TakeTop();
+  Delete(wanted);
+}
+
+void FeatureStack::TakeTop() {
+  if (next_to_beat == top) next_to_beat = top->below;
+  top = top->below;
+}
+
+// A feature is off the stack when it is deleted: its end may look at the stack.
+void FeatureStack::Delete(Feature* feature) {
+  if (feature->older) feature->older->newer = feature->newer;
+  (feature->newer ? feature->newer->older : newest) = feature->older;
+  delete feature;
+}
+
+void FeatureStack::DeleteAll() {
+  while (newest) {
+    Feature* const feature = newest;
+    if (feature == top) TakeTop();
+    Delete(feature);
+  }
+}
+
+// A beat may run code that passes on the next beat: that one has reached all, and ends this walk.
+void FeatureStack::Heartbeat() {
+  for (Feature* feature = top; feature; feature = next_to_beat) {
+    next_to_beat = feature->below;
+    feature->Heartbeat();
+  }
+  next_to_beat = nullptr;
+}

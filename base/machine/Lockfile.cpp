@@ -1,0 +1,62 @@
+#include "base/machine/Lockfile.h"
+
+#include <cmath>
+#include <cstring>
+#include <new>
+
+#include "base/host/Config.h"
+#include "base/host/File.h"
+#include "base/host/ZephApplication.h"
+
+Lockfile::Lockfile(ZephApplication* host, ZephVM* machine, const char* name, int length)
+    : Feature(host, machine, Type_Lockfile) {
+  const size_t bytes = name && length > 0 ? strnlen(name, static_cast<size_t>(length)) : 0;
+  if (bytes > 0) path.assign(name, static_cast<int>(bytes));
+  path.cat(".lck", -1);
+}
+
+Lockfile::~Lockfile() {
+  if (locked) GiveBack();
+}
+
+bool Lockfile::Lock() {
+  if (application->filemanager()->Lock(ZephPath_Data, path.data) == FileLock_Held) {
+    locked = true;
+    return true;
+  }
+  const String reason = application->filemanager()->error();
+  String text("Error creating lockfile '", -1);
+  text.cat(path.data, path.length);
+  text.cat("': ", -1);
+  text.cat(reason.data, reason.length);
+  Error(text);
+  return false;
+}
+
+void Lockfile::Heartbeat() {
+  application->filemanager()->TouchFile(ZephPath_Data, path.data);
+}
+
+void Lockfile::GiveBack() {
+  if (DeleteFile()) return;
+  const double timeout = application->config()->value_integer(Config_timeout_file);
+  const int delay = application->config()->value_integer(Config_delay_file);
+  // Without a pause there would be no end of tries, and as little sense in them.
+  if (delay == 0) return;
+  const double tries = std::trunc(timeout * (1000.0 / delay));
+  if (tries < 0) return;
+  for (double i = 0; i <= tries; i++) {
+    if (application->cancelled() || DeleteFile()) return;
+    application->Sleep(delay);
+  }
+}
+
+// The way to the file takes memory, which may be what has ended the script: that is one try that
+// has failed.
+bool Lockfile::DeleteFile() {
+  try {
+    return application->filemanager()->Delete(ZephPath_Data, path.data);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}

@@ -1,0 +1,66 @@
+// Guards of a text that was popped from a stack.
+
+#ifndef ZEPH_BASE_POPPEDSTRING_H
+#define ZEPH_BASE_POPPEDSTRING_H
+
+#include <cstring>
+
+#include "base/machine/ZephVM_Stack.h"
+
+// Pops the top as text and frees it at the end of the scope, if the stack says so. After a stack
+// error the text is empty and the machine's stop flag is set.
+class PoppedString {
+ public:
+  explicit PoppedString(ZephVM_Stack* stack) : text(stack->PopS(&bytes, &room, &deletable)) {}
+  ~PoppedString() {
+    if (deletable) delete[] text;
+  }
+  PoppedString(const PoppedString&) = delete;
+  PoppedString& operator=(const PoppedString&) = delete;
+
+  // Never null; not NUL-terminated as a rule.
+  const char* data() const { return text; }
+  int length() const { return bytes; }
+  int size() const { return room; }
+  bool owned() const { return deletable != 0; }
+  // For an operation that takes an owned text over, and clears the flag then.
+  int* ownership() { return &deletable; }
+  // Hands an owned text to the caller, who frees it with delete[].
+  char* release() {
+    deletable = 0;
+    return text;
+  }
+
+ protected:
+  PoppedString() = default;
+
+  int bytes = 0;
+  int room = 0;
+  int deletable = 0;
+  char* text = nullptr;
+};
+
+// The name of a file: without the NUL bytes in it, with one behind it, and always owned.
+class PoppedPath : public PoppedString {
+ public:
+  explicit PoppedPath(ZephVM_Stack* stack) { text = stack->PopS_NS(&bytes, &room, &deletable); }
+};
+
+// A text that stays as it is while other variables are popped, looked up and read, and while code
+// runs: that of an array is made anew each time it is asked for. So a variable's text is copied.
+class KeptString : public PoppedString {
+ public:
+  explicit KeptString(ZephVM_Stack* stack) {
+    const ZephVM_Stack::Stack_Entry* top = stack->Peek();
+    const bool of_variable = top && top->kind == ZephVM_Stack::KindVariable;
+    text = stack->PopS(&bytes, &room, &deletable);
+    if (deletable || !of_variable) return;
+    auto* copy = new char[static_cast<size_t>(bytes) + 1];
+    memcpy(copy, text, static_cast<size_t>(bytes));
+    text = copy;
+    room = bytes + 1;
+    deletable = 1;
+  }
+};
+
+#endif

@@ -1,0 +1,651 @@
+// The loop, and the instructions of the plainest scripts.
+//
+//   construction and end     what a machine is made of
+//   the loop                 Go, its checks, segments and time-out
+//   features                 the stack of constructs that outlive an instruction
+//   handlers                 one instruction each, under its reference text
+
+#include "base/machine/ZephVM.h"
+
+#include <atomic>
+#include <cstring>
+#include <new>
+
+#include "base/compiled/Dictionary.h"
+#include "base/compiled/HotCode.h"
+#include "base/compiled/Instructions.h"
+#include "base/compiled/Segment.h"
+#include "base/compiled/VariableHash.h"
+#include "base/core/LinkBuffer.h"
+#include "base/core/Output.h"
+#include "base/core/RunLimit.h"
+#include "base/core/ThreadMemory.h"
+#include "base/extensions/ExternalCall.h"
+#include "base/host/Config.h"
+#include "base/host/ZephApplication.h"
+#include "base/machine/Capture.h"
+#include "base/machine/DoContext.h"
+#include "base/machine/Feature.h"
+#include "base/machine/Lockfile.h"
+#include "base/machine/PoppedString.h"
+#include "base/machine/ZephVM_Clone.h"
+#include "base/values/Variable.h"
+#include "base/values/VariableRef.h"
+
+namespace {
+
+// The host's integers are written by other threads; a stale value only delays the reaction by an
+// instruction.
+inline int Read(int* shared) {
+  return std::atomic_ref<int>(*shared).load(std::memory_order_relaxed);
+}
+
+inline unsigned Byte(const unsigned char* p, int i) {
+  return p[i];
+}
+
+// Operands are little-endian and unaligned. Compilers turn these into plain loads.
+inline int ReadInteger(const unsigned char* p) {
+  return static_cast<int>(Byte(p, 0) | Byte(p, 1) << 8 | Byte(p, 2) << 16 | Byte(p, 3) << 24);
+}
+
+inline unsigned short ReadWord(const unsigned char* p) {
+  return static_cast<unsigned short>(Byte(p, 0) | Byte(p, 1) << 8);
+}
+
+inline double ReadDouble(const unsigned char* p) {
+  unsigned long bits = 0;
+  for (int i = 7; i >= 0; i--) bits = bits << 8 | p[i];
+  double value;
+  memcpy(&value, &bits, sizeof value);
+  return value;
+}
+
+}  // namespace
+
+// --- Construction and end ------------------------------------------------------------------------
+
+ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* host, Dictionary* names,
+               VariableHash* system, VariableHash* global, SegmentManager* code_segments,
+               FunctionManager* script_functions, ExternalCallManager* externalcalls,
+               CommerceLibraryManager* commerce, ExternalDatabaseLibraryManager* databases,
+               LocalizedLanguages* script_languages, LocalizedDictionary* texts, int* heartbeat,
+               int* timedout, int* exit, ZephVM* parent_machine)
+    : script_path(path, pathlength),
+      heartbeat_counter(heartbeat),
+      timed_out(timedout),
+      exit_flag(exit),
+      application(host),
+      dictionary(names),
+      system_variables(system),
+      global_variables(global),
+      segments(code_segments),
+      functions(script_functions),
+      external_calls(externalcalls),
+      commerce_libraries(commerce),
+      database_libraries(databases),
+      languages(script_languages),
+      localized(texts),
+      null_variable(new NULLVariable),
+      parent(parent_machine),
+      root(parent_machine ? parent_machine->root : this) {
+  if (parent) {
+    if (!heartbeat_counter) heartbeat_counter = parent->heartbeat_counter;
+    if (!timed_out) timed_out = parent->timed_out;
+    if (!exit_flag) exit_flag = parent->exit_flag;
+    parent->children++;
+  }
+  try {
+    CopyDefaultErrorSettings(tag_errors);
+    MakeBaseFrame();
+    segment = segments->Start();
+    code = segment->code();
+    code_length = segment->length();
+    wanted_segment = loaded_segment = segment->number();
+    SetScriptDirectory();
+    // A run whose records would go nowhere does not ask at every call.
+    if ((dictionary->flags() & 1) == 0 && !application->logsuppressed()) {
+      log_mask = static_cast<unsigned>(application->config()->value_integer(Config_log_level));
+    }
+  } catch (const std::bad_alloc&) {
+    End();
+    throw;
+  }
+}
+
+ZephVM::~ZephVM() {
+  End();
+}
+
+// Also of a machine that was not made to its end.
+void ZephVM::End() {
+  // While the machine can still run functions: libraries may do so to free what they left.
+  try {
+    if (external_calls) external_calls->MachineEnds(this, parent);
+  } catch (const std::bad_alloc&) {
+    OutOfMemory();
+  }
+  DeleteFrames();
+  null_variable->DecRefCount();
+  features.DeleteAll();
+  if (parent) parent->children--;
+  // The contexts, with their machines, before what is left of those.
+  contexts.reset();
+}
+
+// Frames may be many, and the variables of each may refer to those of the one below.
+void ZephVM::DeleteFrames() {
+  const ReleaseGroup group;
+  while (frame) {
+    ZephVM_Frame* previous = frame->previous;
+    delete frame;
+    frame = previous;
+  }
+  for (ZephVM_FunctionFrame* idle : idle_frames) {
+    while (idle) {
+      ZephVM_FunctionFrame* next = idle->next_idle;
+      delete idle;
+      idle = next;
+    }
+  }
+}
+
+void ZephVM::MakeBaseFrame() {
+  auto base = std::make_unique<ZephVM_Frame>(-1, 0);
+  base->Set_LocalVariable_Hash(global_variables, false);
+  base->Set_Stack(new ZephVM_Stack(this), true);
+  EnterFrame(base.release());
+}
+
+void ZephVM::SetScriptDirectory() {
+  const char* slash = script_path.length > 0 ? strrchr(script_path.data, '/') : nullptr;
+  int length = slash ? static_cast<int>(slash - script_path.data) + 1 : 0;
+  script_directory.assign(script_path.data, length);
+}
+
+// --- The loop ------------------------------------------------------------------------------------
+
+// What a handler has in its hands is in guards, all else is the machine's, its frames' and stacks'.
+// So the run ends as with any other error: code that has asked for it sees it fail.
+int ZephVM::Go() {
+  const bool hot = in_hot;
+  try {
+    return Loop();
+  } catch (const std::bad_alloc&) {
+    in_hot = hot;
+    return OutOfMemory();
+  }
+}
+
+int ZephVM::OutOfMemory() {
+  hot_mode = NoMode;
+  ThreadMemory::Exhausted(script_path.data ? script_path.data : "", script_path.length);
+  try {
+    FatalError("Out of memory");
+  } catch (const std::bad_alloc&) {
+    // Not even for the message.
+  }
+  return 0;
+}
+
+// One pass is one instruction. The whole word decides, but the switch is on its slot, which is
+// dense; a word that only shares a slot with an instruction is none. Frequent instructions stand
+// here, in line, and work on the program counter in a local variable; the others are called, and
+// may change anything: counter, segment, frame, stack and the flags.
+//
+// The flags of the host and of the machine are looked at before each instruction, all in one test.
+int ZephVM::Loop() {
+  int* const beats = heartbeat_counter;
+  int* const over = timed_out;
+  int* const ended = exit_flag;
+  if (Read(over)) return TimedOut();
+  const RunLimit limit(over);
+  int pc = program_counter;
+  bool was_hot = false;
+  for (;;) {
+    if (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat) | stop_flag) [[unlikely]] {
+      program_counter = pc;
+      if (Read(over)) return TimedOut();
+      if (Read(beats) != last_heartbeat) Heartbeat();
+      // An error is seen before the next instruction starts, and before an exit.
+      if (stop_flag) return 0;
+      if (Read(ended)) return 1;
+      pc = program_counter;
+    }
+    if (wanted_segment != loaded_segment) [[unlikely]] {
+      program_counter = pc;
+      if (!Set_Segment()) return 0;
+    }
+    if (!was_hot && segment && segment->hot()) {
+      if (const HotOp* op = segment->hot()->At(pc)) {
+        RunHot(segment->hot(), op);
+        pc = program_counter;
+        was_hot = true;
+        continue;
+      }
+    }
+    was_hot = false;
+    instruction_start = pc;
+    // The counter may have been set to anything by a jump; outside of the segment is its end.
+    if (pc < 0 || pc >= code_length - 1) [[unlikely]] {
+      program_counter = pc;
+      if (EndOfSegment() == Pass::Normal) return 1;
+      pc = program_counter;
+      continue;
+    }
+    // Operands that the end of the segment cuts off read as zero: bytes of that value follow it.
+    const unsigned char* p = code + pc;
+    const unsigned short word = ReadWord(p);
+    p += 2;
+
+// A case for one instruction. The counter moves behind its operands.
+#define CASE(name) \
+  case Instruction::code_##name: pc += 2 + Instruction::OperandSize(Instruction::name);
+// Cases of what a handler of the same name does, with no operand, one or two, or a double.
+#define CALL(name)      \
+  CASE(name)            \
+  program_counter = pc; \
+  name();               \
+  pc = program_counter; \
+  continue;
+#define CALL_INTEGER(name)        \
+  CASE(name)                      \
+  first_integer = ReadInteger(p); \
+  program_counter = pc;           \
+  name();                         \
+  pc = program_counter;           \
+  continue;
+#define CALL_INTEGERS(name)            \
+  CASE(name)                           \
+  first_integer = ReadInteger(p);      \
+  second_integer = ReadInteger(p + 4); \
+  program_counter = pc;                \
+  name();                              \
+  pc = program_counter;                \
+  continue;
+// A jump on the integer that is popped.
+#define JUMP_IF(name, relation)                                  \
+  CASE(name)                                                     \
+  if (stack->PopI() relation 0) pc = Jumped(pc, ReadInteger(p)); \
+  continue;
+// An integer from the order of two values.
+#define COMPARE(name, result)             \
+  CASE(name) {                            \
+    const int order = stack->Compare();   \
+    if (!stop_flag) stack->PushI(result); \
+    continue;                             \
+  }
+// A double from two doubles.
+#define COMPUTE(name, result)             \
+  CASE(name) {                            \
+    const double b = stack->PopD();       \
+    const double a = stack->PopD();       \
+    if (!stop_flag) stack->PushD(result); \
+    continue;                             \
+  }
+
+    switch (Instruction::CodeOf(word)) {
+      CASE(noop) continue;
+      CASE(pushi) stack->PushI(ReadInteger(p));
+      continue;
+      CASE(pushf) stack->PushD(ReadDouble(p));
+      continue;
+      CASE(pop) stack->Pop();
+      continue;
+      CASE(dup) stack->Dupe();
+      continue;
+      CASE(swap) stack->Swap(0, 1);
+      continue;
+      CASE(swapn) stack->Swap(ReadInteger(p), ReadInteger(p + 4));
+      continue;
+      CASE(cat) stack->Concatenate();
+      continue;
+      CASE(pushg) PushPosition(global_variables, ReadInteger(p));
+      continue;
+      CASE(pushl) PushPosition(frame->variables, ReadInteger(p));
+      continue;
+      CASE(popg) stack->PopV(global_variables->At(ReadInteger(p), 1));
+      continue;
+      CASE(popl) stack->PopV(frame->variables->At(ReadInteger(p), 1));
+      continue;
+
+      COMPUTE(add, a + b)
+      COMPUTE(sub, a - b)
+      COMPUTE(mul, a * b)
+      // 0 whenever a is 0; another number by 0 is an infinity, not an error.
+      COMPUTE(div, a == 0.0 ? 0.0 : a / b)
+      CASE(mod) {
+        const int b = stack->PopI();
+        const int a = stack->PopI();
+        if (!stop_flag) stack->PushI(Remainder(a, b));
+        continue;
+      }
+      COMPARE(cmp, order)
+      COMPARE(eq, order == 0)
+      COMPARE(ne, order != 0)
+      COMPARE(ge, order >= 0)
+      COMPARE(le, order <= 0)
+      COMPARE(lt, order < 0)
+      COMPARE(gt, order > 0)
+
+      CASE(cmpgi) {
+        Variable* a = GlobalOrFail(ReadInteger(p));
+        if (a) stack->PushI(Compare(a, ReadInteger(p + 4)));
+        continue;
+      }
+      // The sum wraps.
+      CASE(incg) {
+        Variable* v = GlobalOrFail(ReadInteger(p));
+        if (v) v->Write_Integer(WrapAdd(v->Read_Integer(), ReadInteger(p + 4)));
+        continue;
+      }
+      CASE(storegi) {
+        Variable* v = GlobalOrFail(ReadInteger(p));
+        if (v) v->Write_Integer(ReadInteger(p + 4));
+        continue;
+      }
+      CASE(jmp) pc = Jumped(pc, ReadInteger(p));
+      continue;
+      JUMP_IF(jmp_eq, ==)
+      JUMP_IF(jmp_ne, !=)
+      JUMP_IF(jmp_lt, <)
+      JUMP_IF(jmp_gt, >)
+      JUMP_IF(jmp_le, <=)
+      JUMP_IF(jmp_ge, >=)
+
+      CASE(lineno) first_integer = ReadInteger(p);
+      lineno();
+      continue;
+      CASE(erroutput) frame->error_output = ReadInteger(p);
+      continue;
+      CASE(exit2) program_counter = pc;
+      exit();
+      pc = program_counter;
+      continue;
+
+      CALL_INTEGER(pushc)
+      CALL_INTEGER(pushs)
+      CALL_INTEGER(pops)
+      CALL(pushn)
+      CALL_INTEGER(pushnc)
+      CALL(popn)
+      CALL_INTEGER(popnc)
+      CALL(pushd)
+      CALL_INTEGERS(pushdc)
+      CALL(popd)
+      CALL_INTEGERS(popdc)
+      CALL(store)
+      CALL(refer)
+      CALL(poprn)
+      CALL_INTEGER(poprnc)
+      CALL_INTEGER(poprg)
+      CALL_INTEGER(poprl)
+      CALL(elem)
+      CALL(elem_readonly)
+      CALL(memb)
+      CALL(memb_readonly)
+      CALL(spush)
+      CALL(spop)
+      CALL(pow)
+      CALL(rounds)
+      CALL(roundf)
+      CALL(crypt)
+      CALL(op_bitand)
+      CALL(op_bitor)
+      CALL(bitxor)
+      CALL(bitoc)
+      CALL(bitsl)
+      CALL(bitsr)
+      CALL(op_and)
+      CALL(op_or)
+      CALL(op_not)
+      CALL(isnull)
+      CALL(in)
+      CALL(cin)
+      CALL(ein)
+      CALL(ecin)
+      CALL_INTEGER(call)
+      CALL(ret)
+      CALL(retn)
+      CALL(exit)
+      CALL_INTEGER(sourcefile)
+      CALL_INTEGERS(tagerror)
+      CALL_INTEGER(stdoutput)
+      CALL(out)
+      CALL(out_comp)
+      CALL(op_errmsg)
+      CALL(hide)
+      CALL(capture)
+      CALL(capture_end)
+      CALL(lockfile)
+      CALL(lockfile_end)
+      CALL_INTEGER(async)
+      CALL(op_do_file)
+      CALL(op_do_function)
+      CALL_INTEGER(poplvnc)
+      CALL_INTEGER(localize)
+      CALL_INTEGER(localizev)
+      CALL_INTEGER(import)
+      CALL_INTEGER(importf)
+      CALL_INTEGER(import_loop)
+      CALL_INTEGER(import_stop)
+      CALL(op_export)
+      CALL_INTEGERS(cmpgg)
+      CALL_INTEGERS(modgg)
+      default: pc += 2 + Instruction::OperandSize(word); FatalError("Illegal Instruction");
+    }
+#undef COMPUTE
+#undef COMPARE
+#undef JUMP_IF
+#undef CALL_INTEGERS
+#undef CALL_INTEGER
+#undef CALL
+#undef CASE
+  }
+}
+
+int ZephVM::Set_Segment() {
+  return LoadSegment() ? 1 : FatalError("Invalid segment reference");
+}
+
+// False, with no code, for a segment that is not there: the wanted one is not the loaded one then.
+bool ZephVM::LoadSegment() {
+  segment = segments->Lookup(wanted_segment);
+  code = segment ? segment->code() : nullptr;
+  code_length = segment ? segment->length() : 0;
+  if (segment) loaded_segment = wanted_segment;
+  return segment != nullptr;
+}
+
+ZephVM::Pass ZephVM::EndOfSegment() {
+  const int type = frame->type();
+  if (type == ZephVM_Frame::Plain || type == ZephVM_Frame::Function) return Pass::Normal;
+  if (type == ZephVM_Frame::Filter) {
+    const int result = stack->Entries() > 0 && stack->PopBool();
+    while (stack->Entries() > 0) stack->Pop();
+    (this->*static_cast<ZephVM_FilterFrame*>(frame)->completion)(result);
+  }
+  return Pass::Continue;
+}
+
+int ZephVM::TimedOut() {
+  if (stop_flag) return 0;
+  stop_flag = true;
+  application->Error("Application timed out");
+  if (WantsLog(Log_TimedOut)) WriteLog(Log_TimedOut, {});
+  return 0;
+}
+
+void ZephVM::Heartbeat() {
+  last_heartbeat = Read(heartbeat_counter);
+  if (parent) parent->Heartbeat();
+  features.Heartbeat();
+}
+
+const char* ZephVM::SourceFile(int* length) {
+  if (!source_name && source_file != -1) {
+    source_name = dictionary->Entry(source_file, &source_name_length);
+  }
+  *length = source_name ? source_name_length : 0;
+  return source_name ? source_name : "";
+}
+
+// --- Features ------------------------------------------------------------------------------------
+
+void ZephVM::Pop_Feature(Feature* feature) {
+  features.Pop(feature ? feature : features.Top());
+}
+
+// --- Handlers ------------------------------------------------------------------------------------
+
+// pushc  ( -- s )  The dictionary's text, not copied. A bad id is the fatal error "Invalid
+// dictionary reference".
+void ZephVM::pushc() {
+  int length;
+  const char* text = dictionary->Entry(first_integer, &length);
+  if (!text) {
+    FatalError("Invalid dictionary reference");
+    return;
+  }
+  stack->PushS(text, length, length, 0);
+}
+
+namespace {
+// Writes a text, a long one by parts: a client may take them slowly. Past the time limit the rest
+// is not written.
+void Put(Output* output, const char* text, int length) {
+  while (length > RunLimit::Bytes) {
+    output->Put(text, RunLimit::Bytes);
+    if (RunLimit::Over()) return;
+    text += RunLimit::Bytes;
+    length -= RunLimit::Bytes;
+  }
+  output->Put(text, length);
+}
+}  // namespace
+
+// out  ( x -- )  Writes x to the output. A chained text goes out block by block, unflattened.
+void ZephVM::out() {
+  if (const std::unique_ptr<DeferredText> text(stack->PopDeferred()); text) {
+    text->Write(application->output());
+    return;
+  }
+  ZephVM_Stack::Stack_Entry* top = stack->Peek();
+  if (top && top->kind == ZephVM_Stack::KindLinkBuffer) {
+    top->value.buffer->output(application->output());
+    stack->Pop();
+    return;
+  }
+  if (top && top->kind == ZephVM_Stack::KindString) {
+    ZephVM_Stack::Stack_Entry taken;
+    taken.CopyFrom(*top);
+    stack->SetEnd(top);
+    Put(application->output(), taken.value.text, taken.length);
+    ZephVM_Stack::Free(&taken);
+    return;
+  }
+  if (top && top->kind == ZephVM_Stack::KindVariable &&
+      (top->value.variable->plain_forms() & Variable::TextForm)) {
+    const String& text = top->value.variable->plain_text();
+    if (text.data) Put(application->output(), text.data, text.length);
+    stack->Pop();
+    return;
+  }
+  PoppedString text(stack);
+  if (!stop_flag) Put(application->output(), text.data(), text.length());
+}
+
+// out_comp  ( x -- )  Writes x to the output with less white space, as the output mode says.
+void ZephVM::out_comp() {
+  PoppedString text(stack);
+  if (!stop_flag) application->output()->Write_Compressed(text.data(), text.length());
+}
+
+// exit  ( -- )  Ends the run in order: no error, and what was written stays.
+void ZephVM::exit() {
+  program_counter = code_length;
+  std::atomic_ref<int>(*exit_flag).store(1, std::memory_order_relaxed);
+}
+
+// lineno  ( -- )  Sets the line that messages report, and traces it when the log wants that.
+void ZephVM::lineno() {
+  current_line = first_integer;
+  if ((log_mask & Log_Trace) == 0 || current_line == traced_line) return;
+  traced_line = current_line;
+  if (WantsLog(Log_Trace)) WriteLog(Log_Trace, {});
+}
+
+// sourcefile  ( -- )  Sets the source file that messages report, by dictionary id.
+void ZephVM::sourcefile() {
+  if (source_file != first_integer) traced_line = 0;
+  source_file = first_integer;
+  source_name = nullptr;
+}
+
+// tagerror  ( -- )  Sets what errors of a tag do in this script. A number that is no tag's is
+// ignored.
+void ZephVM::tagerror() {
+  if (static_cast<unsigned>(first_integer) < static_cast<unsigned>(tag_count)) {
+    tag_errors[first_integer].settings = second_integer;
+  }
+}
+
+// stdoutput  ( -- )  Sets the frame's output mode: which white space compressed writes drop.
+void ZephVM::stdoutput() {
+  frame->output_mode = first_integer;
+  application->output()->SetFlags(first_integer);
+}
+
+// op_errmsg  ( s -- )  Every later error message starts with s.
+void ZephVM::op_errmsg() {
+  PoppedString text(stack);
+  if (!stop_flag) error_prefix.assign(text.data(), text.length());
+}
+
+// capture  ( v -- )  From here on output is collected for the variable v.
+void ZephVM::capture() {
+  Variable* variable;
+  int deletable;
+  stack->PopV(&variable, &deletable);
+  VariableRef held(deletable ? variable : nullptr);
+  if (stop_flag) return;
+  auto feature = std::make_unique<Capture>(application, this, variable);
+  feature->Start();
+  Push_Feature(feature.release());
+}
+
+// capture_end  ( -- )  Gives the collected text to the variable of the newest capture. Without one
+// it is the fatal error "Invalid instruction".
+void ZephVM::capture_end() {
+  auto* feature = static_cast<Capture*>(Lookup_Feature(Feature::Type_Capture));
+  if (!feature) {
+    FatalError("Invalid instruction");
+    return;
+  }
+  feature->End();
+  Pop_Feature(feature);
+}
+
+// lockfile  ( name -- )  Takes the lock of that name, or waits for it, until lockfile_end or the
+// end of the script. A lock that cannot be had is an error of ZpLOCKFILE.
+void ZephVM::lockfile() {
+  PoppedString name(stack);
+  if (stop_flag) return;
+  auto feature = std::make_unique<Lockfile>(application, this, name.data(), name.length());
+  if (feature->Lock()) {
+    Push_Feature(feature.release());
+  } else {
+    EncodedRuntimeError(Tag_Lockfile, feature->error());
+  }
+}
+
+// lockfile_end  ( -- )  Gives the newest lock back. Without one it is the fatal error "Invalid
+// instruction".
+void ZephVM::lockfile_end() {
+  Feature* feature = Lookup_Feature(Feature::Type_Lockfile);
+  if (feature) {
+    Pop_Feature(feature);
+  } else {
+    FatalError("Invalid instruction");
+  }
+}

@@ -1,0 +1,370 @@
+// Instructions that compute: arithmetic, rounding, bits, comparison, logic, search and the password
+// hash. Each stands under its reference text. Operands are popped from the right; one that could
+// not be popped has set the stop flag, and then nothing is pushed.
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <memory>
+
+#include "base/core/Numbers.h"
+#include "base/core/RunLimit.h"
+#include "base/core/dtoa.h"
+#include "base/core/string_search.h"
+#include "base/host/ZephApplication.h"
+#include "base/machine/PoppedString.h"
+#include "base/machine/ZephVM.h"
+
+namespace {
+
+// From this length of a text on, the search that makes a table first is worth it.
+const int kLongText = 300;
+
+// What is left of a value rounded to some decimals, with its digits as dtoa writes them.
+struct Rounded {
+  enum Kind { Number, Infinity, NaN };
+  Kind kind = Number;
+  double value = 0.0;
+  char digits[20];
+  int count = 0;  // of digits; 0 where only a conversion of the value gives them
+  int point = 0;
+  int sign = 0;
+
+  // Takes the digits of whole / 10^decimals. Numbers of 15 digits come back from a double as they
+  // were, so its conversion would find the same ones.
+  void SetDigits(unsigned long whole, int decimals) {
+    const unsigned long most = 1000000000000000;
+    count = 0;
+    if (whole >= most) return;
+    count = static_cast<int>(std::to_chars(digits, std::end(digits), whole).ptr - digits);
+    point = whole ? count - decimals : 1;
+    while (count > 1 && digits[count - 1] == '0') count--;
+  }
+};
+
+const unsigned kPowers[] = {1,      10,      100,      1000,      10000,
+                            100000, 1000000, 10000000, 100000000, 1000000000};
+
+double PowerOfTen(int exponent) {
+  static const double kLarger[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9, 1e10,
+                                   1e11, 1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19, 1e20};
+  return exponent <= 20 ? kLarger[exponent] : pow(10.0, exponent);
+}
+
+// Rounds as Round does, to a whole number of units of the last decimal, where that takes no digits
+// of the value: its fraction behind the last decimal that is kept is not so near to a half that the
+// digits, which differ from the value by at most half of its last bit, might say otherwise. False
+// for all others, and for what is less than 1 or too large.
+bool RoundByFraction(double value, int decimals, unsigned long* whole) {
+  const double magnitude = fabs(value);
+  if (!(magnitude >= 1.0 && magnitude < 4503599627370496.0)) return false;  // 2 to the 52nd
+  if (decimals < 1 || decimals > 9) return false;
+  const uint64_t bits = std::bit_cast<uint64_t>(magnitude);
+  const uint64_t mantissa = (bits & ((uint64_t{1} << 52) - 1)) | uint64_t{1} << 52;
+  const int shift = 1075 - static_cast<int>(bits >> 52);  // bits behind the point: 1 to 52
+  const uint64_t power = kPowers[decimals];
+  __extension__ const auto scaled = static_cast<unsigned __int128>(mantissa) * power;
+  const auto fraction = static_cast<uint64_t>(scaled) & ((uint64_t{1} << shift) - 1);
+  const uint64_t half = uint64_t{1} << (shift - 1);
+  const uint64_t distance = fraction > half ? fraction - half : half - fraction;
+  if (distance <= power || scaled >> shift >= 999999999999999) return false;
+  *whole = static_cast<unsigned long>(scaled >> shift) + (fraction > half);
+  return true;
+}
+
+// Rounds half to even by the decimal digits that the value is written with, not by its binary
+// fraction: 2.345 has a half to round, though the double is no exact half. Where rounding would
+// begin in front of the first digit, that digit is tested as if it stood there: 0.0006 to two
+// decimals is 0.01, and scripts know it so.
+Rounded Round(double value, int decimals) {
+  Rounded rounded;
+  unsigned long whole = 0;
+  if (RoundByFraction(value, decimals, &whole)) {
+    const double quotient = static_cast<double>(whole) / kPowers[decimals];
+    rounded.sign = value < 0;
+    rounded.value = rounded.sign ? -quotient : quotient;
+    rounded.SetDigits(whole, decimals);
+    return rounded;
+  }
+  rounded.value = value;
+  char* digits = rounded.digits;
+  const int length =
+      dtoa(digits, sizeof rounded.digits, 5, 20, &rounded.point, &rounded.sign, value);
+  const int point = rounded.point;
+  if (point == 9999) {
+    rounded.kind = digits[0] == 'I' ? Rounded::Infinity : Rounded::NaN;
+    return rounded;
+  }
+  if (decimals == 0 || length - point <= decimals) {
+    // Without decimals it is the conversion to text that rounds; behind 20 it may find more digits.
+    rounded.count = decimals >= 1 && decimals <= 20 ? length : 0;
+    return rounded;
+  }
+  const int kept = point + decimals;
+  for (int i = 0; i < kept; i++) whole = whole * 10 + static_cast<unsigned long>(digits[i] - '0');
+  const int test = kept > 0 ? kept : 0;
+  bool up = digits[test] > '5';
+  if (digits[test] == '5') {
+    const char* rest = digits + test + 1;
+    up = rest[strspn(rest, "0")] != '\0' || (whole & 1) != 0;
+  }
+  whole += up;
+  const double magnitude = static_cast<double>(whole) / PowerOfTen(decimals);
+  rounded.value = rounded.sign ? -magnitude : magnitude;
+  rounded.SetDigits(whole, decimals);
+  return rounded;
+}
+
+// Writes a rounded value with its digits known: what dtos makes of it, size included.
+char* RoundedText(const Rounded& rounded, int decimals, int* length, int* size) {
+  const int whole = std::max(rounded.point, 1);
+  const int larger = std::max(rounded.point, rounded.count);
+  *size =
+      std::max(decimals + larger + (rounded.point == 0) + 3, rounded.sign + whole + decimals + 2);
+  char* text = new char[static_cast<size_t>(*size)];
+  char* end = text;
+  if (rounded.sign) *end++ = '-';
+  auto digit = [&rounded](int i) { return i >= 0 && i < rounded.count ? rounded.digits[i] : '0'; };
+  for (int i = rounded.point - whole; i < rounded.point; i++) *end++ = digit(i);
+  *end++ = '.';
+  for (int i = rounded.point; i < rounded.point + decimals; i++) *end++ = digit(i);
+  *end = '\0';
+  *length = static_cast<int>(end - text);
+  return text;
+}
+
+}  // namespace
+
+// --- Arithmetic ----------------------------------------------------------------------------------
+
+// pow  ( a b -- d )  a to the power b, in doubles.
+void ZephVM::pow() {
+  const double b = stack->PopD();
+  const double a = stack->PopD();
+  if (!stop_flag) stack->PushD(::pow(a, b));
+}
+
+// rounds  ( a b -- s )  a as text, rounded half to even to b decimals; a negative b counts as 0.
+// What is no number gives "Infinity", whatever its sign, or "NaN".
+void ZephVM::rounds() {
+  int decimals = stack->PopI();
+  const double value = stack->PopD();
+  if (stop_flag) return;
+  if (decimals < 0) decimals = 0;
+  const Rounded rounded = Round(value, decimals);
+  if (rounded.kind == Rounded::Infinity) {
+    stack->PushS("Infinity", 8, 9, 0);
+  } else if (rounded.kind == Rounded::NaN) {
+    stack->PushS("NaN", 3, 4, 0);
+  } else {
+    int length, size;
+    char* text = rounded.count ? RoundedText(rounded, decimals, &length, &size)
+                               : ZephApplication::dtos(rounded.value, &length, &size, decimals);
+    stack->PushS(text, length, size, 1);
+  }
+}
+
+// What is at least 1 has a digit in front of the point.
+int ZephVM::WriteRounded(double value, int decimals, char* text) {
+  unsigned long whole;
+  if (!RoundByFraction(value, decimals, &whole)) return 0;
+  char* end = text;
+  if (value < 0) *end++ = '-';
+  end = std::to_chars(end, text + MostRounded, whole).ptr;
+  for (int i = 0; i < decimals; i++) end[-i] = end[-i - 1];
+  end[-decimals] = '.';
+  return static_cast<int>(end + 1 - text);
+}
+
+// roundf  ( a b -- d )  a rounded half to even to b decimals; a negative b counts as 0. What is no
+// number gives infinity.
+void ZephVM::roundf() {
+  int decimals = stack->PopI();
+  const double value = stack->PopD();
+  if (stop_flag) return;
+  if (decimals < 0) decimals = 0;
+  const Rounded rounded = Round(value, decimals);
+  stack->PushD(rounded.kind == Rounded::Number ? rounded.value : HUGE_VAL);
+}
+
+// --- Bits ----------------------------------------------------------------------------------------
+
+// bitand  ( a b -- i )  Bitwise and.
+void ZephVM::op_bitand() {
+  const int b = stack->PopI();
+  const int a = stack->PopI();
+  if (!stop_flag) stack->PushI(a & b);
+}
+
+// bitor  ( a b -- i )  Bitwise or.
+void ZephVM::op_bitor() {
+  const int b = stack->PopI();
+  const int a = stack->PopI();
+  if (!stop_flag) stack->PushI(a | b);
+}
+
+// bitxor  ( a b -- i )  Bitwise exclusive or.
+void ZephVM::bitxor() {
+  const int b = stack->PopI();
+  const int a = stack->PopI();
+  if (!stop_flag) stack->PushI(a ^ b);
+}
+
+// bitoc  ( a -- i )  The one's complement.
+void ZephVM::bitoc() {
+  const int a = stack->PopI();
+  if (!stop_flag) stack->PushI(~a);
+}
+
+// bitsl  ( a b -- i )  a shifted left by the low five bits of b.
+void ZephVM::bitsl() {
+  const int b = stack->PopI();
+  const int a = stack->PopI();
+  if (!stop_flag) stack->PushI(static_cast<int>(static_cast<unsigned>(a) << (b & 31)));
+}
+
+// bitsr  ( a b -- i )  a shifted right by the low five bits of b; the sign spreads.
+void ZephVM::bitsr() {
+  const int b = stack->PopI();
+  const int a = stack->PopI();
+  if (!stop_flag) stack->PushI(a >> (b & 31));
+}
+
+// --- Logic ---------------------------------------------------------------------------------------
+
+// and  ( a b -- i )  1 if both are true. Both are looked at, always.
+void ZephVM::op_and() {
+  const bool b = stack->PopBool();
+  const bool a = stack->PopBool();
+  if (!stop_flag) stack->PushI(a && b);
+}
+
+// or  ( a b -- i )  1 if either is true. Both are looked at, always.
+void ZephVM::op_or() {
+  const bool b = stack->PopBool();
+  const bool a = stack->PopBool();
+  if (!stop_flag) stack->PushI(a || b);
+}
+
+// not  ( a -- i )  1 if a is false.
+void ZephVM::op_not() {
+  const bool a = stack->PopBool();
+  if (!stop_flag) stack->PushI(!a);
+}
+
+// isnull  ( a -- i )  1 if a has no value or is an empty text.
+void ZephVM::isnull() {
+  const bool null = stack->PopNull();
+  if (!stop_flag) stack->PushI(null);
+}
+
+// --- Comparison ----------------------------------------------------------------------------------
+
+namespace {
+ZephVM_Stack::Stack_Entry EntryOf(Variable* variable) {
+  ZephVM_Stack::Stack_Entry entry{};
+  entry.kind = ZephVM_Stack::KindVariable;
+  entry.value.variable = variable;
+  return entry;
+}
+}  // namespace
+
+int ZephVM::CompareTexts(Variable* left, Variable* right) {
+  const ZephVM_Stack::Stack_Entry a = EntryOf(left);
+  const ZephVM_Stack::Stack_Entry b = EntryOf(right);
+  return ZephVM_Stack::Compare(&a, &b);
+}
+
+int ZephVM::CompareTexts(Variable* left, int right) {
+  const ZephVM_Stack::Stack_Entry a = EntryOf(left);
+  ZephVM_Stack::Stack_Entry b{};
+  b.kind = ZephVM_Stack::KindInteger;
+  b.value.integer = right;
+  return ZephVM_Stack::Compare(&a, &b);
+}
+
+// --- Search --------------------------------------------------------------------------------------
+
+namespace {
+// Searches a text by parts, which overlap by what a match needs, so that a long search ends at the
+// time limit.
+int SearchByParts(int (*search)(const char*, int, const char*, int), const char* needle, int length,
+                  const char* text, int text_length) {
+  const int step = std::max(RunLimit::Bytes, length);
+  for (int start = 0;;) {
+    const int rest = text_length - start;
+    const int part = rest - step < length ? rest : step + length - 1;
+    const int found = search(needle, length, text + start, part);
+    if (found >= 0) return start + found;
+    if (part == rest || RunLimit::Over()) return -1;
+    start += step;
+  }
+}
+}  // namespace
+
+// A text is searched with the plain scan, or if it is long with the one that makes a table first.
+void ZephVM::PushMatch(Search plain, Search fast, bool last_byte) {
+  const PoppedString text(stack);
+  const PoppedString needle(stack);
+  if (stop_flag) return;
+  if (needle.length() == 0) {
+    stack->PushI(last_byte ? 0 : 1);
+    return;
+  }
+  int offset = -1;
+  if (needle.length() <= text.length()) {
+    const Search search = text.length() >= kLongText ? fast : plain;
+    offset = SearchByParts(search, needle.data(), needle.length(), text.data(), text.length());
+  }
+  stack->PushI(offset < 0 ? 0 : offset + (last_byte ? needle.length() : 1));
+}
+
+// in  ( needle text -- i )  Where in the text the needle stands first, from 1; 0 for nowhere. An
+// empty needle stands at 1.
+void ZephVM::in() {
+  PushMatch(bf_search, bm_search, false);
+}
+
+// cin  ( needle text -- i )  As in, without regard to case.
+void ZephVM::cin() {
+  PushMatch(bf_searchi, bm_searchi, false);
+}
+
+// ein  ( needle text -- i )  Where in the text the first match of the needle ends, from 1; 0 for no
+// match. An empty needle, unlike with in, gives 0.
+void ZephVM::ein() {
+  PushMatch(bf_search, bm_search, true);
+}
+
+// ecin  ( needle text -- i )  As ein, without regard to case.
+void ZephVM::ecin() {
+  PushMatch(bf_searchi, bm_searchi, true);
+}
+
+// --- Password hash -------------------------------------------------------------------------------
+
+// crypt  ( text salt -- s )  The password hash of the first 8 bytes of text under the first two
+// bytes of salt. One byte of salt counts twice, an empty salt is made up.
+void ZephVM::crypt() {
+  // 63 of the 64 are ever picked: hashes made by older sites were, too.
+  static const char kSalt[] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+  const PoppedString salt(stack);
+  const PoppedString text(stack);
+  if (stop_flag) return;
+  char two[3] = {};
+  if (salt.length() == 0) {
+    two[0] = kSalt[rand() % 63];
+    two[1] = kSalt[rand() % 63];
+  } else {
+    two[0] = salt.data()[0];
+    two[1] = salt.data()[salt.length() > 1 ? 1 : 0];
+  }
+  int length, size;
+  char* hash = application->Crypt(text.data(), text.length(), two, &length, &size);
+  stack->PushS(hash, length, size, 1);
+}

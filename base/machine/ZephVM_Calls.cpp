@@ -1,0 +1,495 @@
+// Functions: calls and returns, the calls of external libraries, and runs of the machine that
+// native code nests in the current one.
+
+#include <atomic>
+#include <memory>
+
+#include "base/compiled/Function.h"
+#include "base/compiled/Segment.h"
+#include "base/compiled/VariableHash.h"
+#include "base/core/LinkBuffer.h"
+#include "base/core/Output.h"
+#include "base/core/RunLimit.h"
+#include "base/extensions/ExternalCall.h"
+#include "base/host/ZephApplication.h"
+#include "base/machine/Feature.h"
+#include "base/machine/NestedRun.h"
+#include "base/machine/ZephVM.h"
+#include "base/values/Variable.h"
+#include "base/values/VariableRef.h"
+
+namespace {
+
+// Runs within runs: each takes a piece of the thread's own stack or, a filter's, an open file.
+const int kMostRuns = 500;
+
+int ErrorOutputIn(int caller_flags, int function_flags) {
+  int flags = caller_flags;
+  if (function_flags & Function_ErrorOutputOn) flags |= ZephVM_Frame::ErrorOutput_Display;
+  if (function_flags & Function_ErrorOutputOff) flags &= ~ZephVM_Frame::ErrorOutput_Display;
+  return flags;
+}
+
+int OutputModeIn(int caller_mode, int function_flags) {
+  if (function_flags & Function_InheritOutputMode) return (caller_mode & 3) != 0 ? 2 : 0;
+  return (function_flags & Function_OutputMode1) != 0 ? 1 : 0;
+}
+
+LogParameter OfString(const String& text) {
+  return LogParameter::OfText(text.data ? text.data : "", text.length);
+}
+
+}  // namespace
+
+// --- Calls and returns ---------------------------------------------------------------------------
+
+// call  ( args -- x )  Calls a function by index, its arguments pushed in the order of its
+// parameters; every call leaves one value. A bad index is the fatal error "Invalid function call".
+void ZephVM::call() {
+  Function* function = functions ? functions->Lookup(first_integer) : nullptr;
+  if (!function) {
+    FatalError("Invalid function call");
+  } else if (function->flags() & Function_External) {
+    CallExternalFunction(function);
+  } else {
+    CallFunction(function);
+  }
+}
+
+void ZephVM::CallFunction(Function* function) {
+  if (frame_count >= MostFrames) {
+    FatalError("Stack overflow");
+    return;
+  }
+  std::unique_ptr<ZephVM_FunctionFrame> called(FrameFor(function));
+  called->return_segment = wanted_segment;
+  called->return_offset = program_counter;
+  called->error_output = ErrorOutputIn(frame->error_output, function->flags());
+  called->output_mode = OutputModeIn(frame->output_mode, function->flags());
+  called->previous = frame;
+  SetOutputMode(called->output_mode);
+  if (WantsLog(Log_FunctionCall)) WriteLog(Log_FunctionCall, {OfString(function->name())});
+  TakeArguments(function, called->variables);
+  // The frame is entered after a failure as well: the stop flag ends the loop before its code runs.
+  wanted_segment = function->segment();
+  program_counter = function->offset();
+  if (Segment* called_code = segments->Lookup(wanted_segment)) {
+    called_code->NoteRepeat(*dictionary, functions);
+  }
+  frame_count++;
+  EnterFrame(called.release());
+}
+
+// A frame with an empty stack and the function's locals, the caller's. One that has served a call
+// before, if there is one.
+ZephVM_FunctionFrame* ZephVM::FrameFor(Function* function) {
+  const auto index = static_cast<size_t>(function->index());
+  if (index < idle_frames.size()) {
+    ZephVM_FunctionFrame* idle = idle_frames[index];
+    if (idle && idle->function == function) {
+      idle_frames[index] = idle->next_idle;
+      idle->return_code = 0;
+      idle->returns_hot = ReturnsNeedNoRecord();
+      return idle;
+    }
+  }
+  const auto all = static_cast<size_t>(functions->Functions());
+  if (index < all && index >= idle_frames.size()) idle_frames.resize(all);
+  auto made = std::make_unique<ZephVM_FunctionFrame>(0, 0, function);
+  made->Set_LocalVariable_Hash(new VariableHash(function->variables()), true);
+  made->Set_Stack(new ZephVM_Stack(this), true);
+  if (index < all && ReturnsNeedNoRecord()) {
+    made->simple_parameters = SimpleParameters(function);
+    made->returns_hot = true;
+  }
+  made->entry_segment = function->segment();
+  made->entry_offset = function->offset();
+  made->place = index;
+  made->locals = &function->variables();
+  made->simple_mode = OutputModeIn(0, function->flags());
+  return made.release();
+}
+
+bool ZephVM::ReturnsNeedNoRecord() const {
+  return (log_mask & Log_OfCalls) == 0;
+}
+
+int ZephVM::SimpleParameters(Function* function) {
+  const int others = Function_ErrorOutputOn | Function_ErrorOutputOff | Function_InheritOutputMode |
+                     Function_External;
+  if (function->flags() & others) return -1;
+  const std::vector<FunctionParameter*>& parameters = function->slots();
+  for (size_t i = 0; i < parameters.size(); i++) {
+    if (parameters[i]->byreference() || parameters[i]->index() != static_cast<int>(i)) return -1;
+  }
+  return static_cast<int>(parameters.size());
+}
+
+// Takes over a frame that was left: for the next call, if it can be made as new.
+void ZephVM::KeepFrame(ZephVM_FunctionFrame* left) {
+  std::unique_ptr<ZephVM_FunctionFrame> held(left);
+  if (!root->reuses_frames) return;
+  if (left->place >= idle_frames.size() || !left->owns_variables || !left->owns_stack) return;
+  while (left->stack->Entries() > 0) left->stack->Pop();
+  if (!left->variables->Renew(*left->locals)) return;
+  left->next_idle = idle_frames[left->place];
+  idle_frames[left->place] = held.release();
+}
+
+// The output may be told its mode by others too, but not while the hot loop runs.
+void ZephVM::SetOutputMode(int mode) {
+  if (hot_mode == mode) return;
+  application->output()->SetFlags(mode);
+  hot_mode = in_hot ? mode : NoMode;
+}
+
+// The last argument is on top of the caller's stack.
+void ZephVM::TakeArguments(Function* function, VariableHash* locals) {
+  const std::vector<FunctionParameter*>& parameters = function->slots();
+  for (size_t i = parameters.size(); i-- > 0;) {
+    FunctionParameter* p = parameters[i];
+    // The record wants it after a table that has no such place has refused it.
+    VariableRef held;
+    Variable* argument;
+    if (p->byreference()) {
+      held = PopHeld(&argument);
+      if (!argument) return;
+      locals->SetVariable_Reference(p->index(), argument);
+    } else {
+      argument = locals->At(p->index(), 1);
+      if (!argument) {
+        FatalError("Invalid parameter reference");
+        return;
+      }
+      stack->PopV(argument);
+    }
+    if (WantsLog(Log_FunctionParameter)) LogParameterOf(function, p, argument);
+  }
+}
+
+void ZephVM::LogParameterOf(Function* function, FunctionParameter* parameter, Variable* value) {
+  WriteLog(Log_FunctionParameter, {OfString(function->name()), OfString(parameter->name()),
+                                   LogParameter::OfVariable(value)});
+}
+
+ZephVM_FunctionFrame* ZephVM::ReturningFrame() {
+  if (!frame->previous) {
+    FatalError("Frame underflow");
+    return nullptr;
+  }
+  if (frame->type() != ZephVM_Frame::Function) {
+    FatalError("Return outside of function");
+    return nullptr;
+  }
+  return static_cast<ZephVM_FunctionFrame*>(frame);
+}
+
+// Back to the caller. What is left on the frame's stack goes with it.
+void ZephVM::LeaveFrame() {
+  auto* left = static_cast<ZephVM_FunctionFrame*>(frame);
+  frame = left->previous;
+  stack = frame->stack;
+  frame_count--;
+  KeepFrame(left);
+  SetOutputMode(frame->output_mode);
+}
+
+// ret  ( x -- )  Returns from a function; x is the value of the call. Outside of a function it is
+// the fatal error "Frame underflow", in a filter "Return outside of function".
+void ZephVM::ret() {
+  ZephVM_FunctionFrame* left = ReturningFrame();
+  if (!left) return;
+  Cleanup_Function_Features(left);
+  wanted_segment = left->return_segment;
+  program_counter = left->return_offset;
+  left->previous->stack->Push(left->stack, 1);
+  if (log_mask & (Log_FunctionReturnValue | Log_FunctionReturn)) LogReturn(left, true);
+  LeaveFrame();
+}
+
+// retn  ( -- )  Returns from a function without a value; the call leaves an empty text.
+void ZephVM::retn() {
+  ZephVM_FunctionFrame* left = ReturningFrame();
+  if (!left) return;
+  Cleanup_Function_Features(left);
+  wanted_segment = left->return_segment;
+  program_counter = left->return_offset;
+  if (log_mask & Log_FunctionReturn) LogReturn(left, false);
+  LeaveFrame();
+  stack->PushS("", 0, 0, 0);
+}
+
+// The value has moved to the caller's stack, and is recorded in the form that it has there.
+void ZephVM::LogReturn(ZephVM_FunctionFrame* left, bool with_value) {
+  const LogParameter name = OfString(left->function->name());
+  ZephVM_Stack::Stack_Entry* value = left->previous->stack->Peek();
+  if (with_value && value && !stop_flag && WantsLog(Log_FunctionReturnValue)) {
+    LogParameter result = LogParameter::OfInteger(value->value.integer);
+    int length;
+    switch (value->kind) {
+      case ZephVM_Stack::KindInteger: break;
+      case ZephVM_Stack::KindDouble: result = LogParameter::OfDouble(value->value.number); break;
+      case ZephVM_Stack::KindString:
+        result = LogParameter::OfText(value->value.text, value->length);
+        break;
+      case ZephVM_Stack::KindVariable:
+        result = LogParameter::OfVariable(value->value.variable);
+        break;
+      default: {
+        const char* text = value->value.buffer->data(&length, nullptr);
+        result = LogParameter::OfText(text, length);
+      }
+    }
+    WriteLog(Log_FunctionReturnValue, {name, result});
+  }
+  if (WantsLog(Log_FunctionReturn)) WriteLog(Log_FunctionReturn, {name});
+}
+
+// A frame with features is left by the handlers of returns, which end them.
+long ZephVM::FrameSerial() {
+  if (frame->serial == 0) {
+    frame->serial = ++frame_serials;
+    frame->returns_hot = false;
+    frame->return_code = 0;
+  }
+  return frame->serial;
+}
+
+// The lowest of the frame's features is closed; those above it wait for the end of the machine.
+void ZephVM::Cleanup_Function_Features(ZephVM_Frame* left) {
+  Feature* lowest = nullptr;
+  for (Feature* feature = features.Top(); feature && feature->frame() == left->serial;
+       feature = FeatureStack::Below(feature)) {
+    lowest = feature;
+  }
+  if (lowest) Pop_Feature(lowest);
+}
+
+// --- External functions --------------------------------------------------------------------------
+
+void ZephVM::CallExternalFunction(Function* function) {
+  ExternalCall* external = FindExternal(function);
+  if (!external) return;
+  const _ZP_EL_Function* row = external->descriptor();
+  if (row->parametercount != static_cast<int>(function->slots().size())) {
+    FatalError("Number of parameters mismatch in call to external function");
+    return;
+  }
+  if (WantsLog(Log_ExternalFunctionCall)) {
+    WriteLog(Log_ExternalFunctionCall, {OfString(function->name())});
+  }
+  // A table for each call: the function may call a script function that calls it again. It comes
+  // with a frame, which is not entered, since those are kept.
+  const auto keep = [this](ZephVM_FunctionFrame* used) { KeepFrame(used); };
+  const std::unique_ptr<ZephVM_FunctionFrame, decltype(keep)> called(FrameFor(function), keep);
+  if (!TakeExternalArguments(function, row, called->variables)) return;
+  external->Call(this, called->variables);
+  // A library may ask for new time, but not for a script that goes on with parts of values.
+  if (RunLimit::WasCut()) std::atomic_ref<int>(*timed_out).store(1, std::memory_order_relaxed);
+  stack->PushHeld(external->result());
+  if (WantsLog(Log_ExternalFunctionReturnValue)) {
+    WriteLog(Log_ExternalFunctionReturnValue,
+             {OfString(function->name()), LogParameter::OfVariable(external->result())});
+  }
+  if (WantsLog(Log_ExternalFunctionReturn)) {
+    WriteLog(Log_ExternalFunctionReturn, {OfString(function->name())});
+  }
+}
+
+// Bound by name at the first call, so that a script may name a function that no library has, as
+// long as it does not call it.
+ExternalCall* ZephVM::FindExternal(Function* function) {
+  auto* external = static_cast<ExternalCall*>(function->calldata);
+  if (external) return external;
+  const String& name = function->name();
+  if (external_calls) {
+    external = external_calls->Lookup_External(name.data ? name.data : "", name.length);
+  }
+  if (external) {
+    function->calldata = external;
+    return external;
+  }
+  String message("Unresolved call to external function '", -1);
+  message.cat(name.data, name.length);
+  message.cat('\'');
+  FatalError(message);
+  return nullptr;
+}
+
+bool ZephVM::TakeExternalArguments(Function* function, const _ZP_EL_Function* row,
+                                   VariableHash* locals) {
+  const std::vector<FunctionParameter*>& parameters = function->slots();
+  for (int i = row->parametercount; i-- > 0;) {
+    const FunctionParameter* p = parameters[static_cast<size_t>(i)];
+    const int expected = row->parameters[i].flags;
+    if (p->flagword() != expected) {
+      FatalError("Parameter type mismatch in call to external function");
+      return false;
+    }
+    VariableRef held;
+    Variable* argument;
+    if (p->byreference()) {
+      held = PopHeld(&argument);
+      if (!argument) return false;
+      locals->SetVariable_Reference(p->index(), argument);
+    } else {
+      argument = locals->At(p->index(), 1);
+      if (!argument) {
+        FatalError("Invalid parameter reference");
+        return false;
+      }
+      stack->PopV(argument);
+      if (stop_flag) return false;
+    }
+    if (WantsLog(Log_ExternalFunctionParameter)) {
+      WriteLog(Log_ExternalFunctionParameter, {OfString(function->name()), OfString(p->name()),
+                                               LogParameter::OfVariable(argument)});
+    }
+  }
+  return true;
+}
+
+// --- Runs within a run ---------------------------------------------------------------------------
+
+ZephVM::NestedRun::NestedRun(ZephVM* machine)
+    : vm(machine),
+      outer(machine->frame),
+      program_counter(machine->program_counter),
+      wanted_segment(machine->wanted_segment) {
+  vm->root->runs++;
+}
+
+// Frames that the run has left, because an error ended it inside of a function, go with it.
+ZephVM::NestedRun::~NestedRun() {
+  LeaveFrames();
+  vm->stack = outer->stack;
+  vm->application->output()->SetFlags(outer->output_mode);
+  vm->program_counter = program_counter;
+  vm->wanted_segment = wanted_segment;
+  // The loop reports a segment that is not there, before it runs on.
+  if (vm->loaded_segment != wanted_segment) vm->LoadSegment();
+  vm->root->runs--;
+}
+
+void ZephVM::NestedRun::LeaveFrames() {
+  const ReleaseGroup group;
+  while (vm->frame != outer) {
+    std::unique_ptr<ZephVM_Frame> left(vm->frame);
+    vm->frame = left->previous ? left->previous : outer;
+    if (left->type() == ZephVM_Frame::Function) vm->frame_count--;
+    if (left->type() == ZephVM_Frame::Filter) vm->root->runs--;
+  }
+}
+
+void ZephVM::NestedRun::Enter(VariableHash* variables, ZephVM_Stack* entries) {
+  auto base = std::make_unique<ZephVM_Frame>(wanted_segment, program_counter);
+  base->Set_LocalVariable_Hash(variables, false);
+  base->Set_Stack(entries ? entries : new ZephVM_Stack(vm), !entries);
+  vm->EnterFrame(base.release());
+}
+
+void ZephVM::NestedRun::Begin(Segment* start) {
+  vm->segment = start;
+  vm->code = start->code();
+  vm->code_length = start->length();
+  vm->wanted_segment = vm->loaded_segment = start->number();
+  vm->program_counter = 0;
+}
+
+// All machines of a family run on one thread's stack.
+bool ZephVM::MayNest() {
+  if (root->runs < kMostRuns) return true;
+  FatalError("Stack overflow");
+  return false;
+}
+
+int ZephVM::Go_Recursive() {
+  if (!MayNest()) return 0;
+  NestedRun nested(this);
+  nested.Enter(global_variables, nullptr);
+  nested.Begin(segments->Start());
+  return Go();
+}
+
+// The run ends when the function returns: it then goes on behind the end of the caller's segment,
+// in a plain frame, whose end is the end of a run.
+template <typename Push, typename Take>
+int ZephVM::RunNested(Function* function, bool wants_result, Push push, Take take) {
+  if (!MayNest()) return 0;
+  const int error_output = frame->error_output;
+  const int output_mode = frame->output_mode;
+  NestedRun nested(this);
+  nested.Enter(frame->variables, stack);
+  frame->error_output = error_output;
+  frame->output_mode = output_mode;
+  push();
+  program_counter = code_length;
+  if (function->flags() & Function_External) {
+    CallExternalFunction(function);
+  } else {
+    CallFunction(function);
+    if (Set_Segment()) Go();
+  }
+  if (stop_flag) return 0;
+  // After an exit the function has not returned.
+  if (stack->Entries() > 0 && !frame->previous) {
+    take();
+  } else if (wants_result) {
+    FatalError("Stack underflow");
+  }
+  return stop_flag ? 0 : 1;
+}
+
+int ZephVM::RunFunction(const char* name, int length, VariableList* arguments, Variable* result) {
+  Function* function = functions ? functions->Function_Get(name, length) : nullptr;
+  if (!function) return 0;
+  if (arguments && arguments->Entries() != function->parameters().Entries()) return 0;
+  return RunNested(
+      function, false,
+      [&] {
+        if (!arguments) return;
+        for (Variable* v = arguments->First(); v; v = arguments->Next()) stack->PushV(v, 1, 1);
+      },
+      [&] {
+        if (result) {
+          stack->PopV(result);
+        } else {
+          stack->Pop();
+        }
+      });
+}
+
+int ZephVM::ValidateFileUpload(const char* field, int fieldlength, const char* name, int namelength,
+                               const char* type, int typelength, int* answer) {
+  *answer = -1;
+  Function* function = functions ? functions->Function_Get("Zeph_ValidateFileUpload", -1) : nullptr;
+  if (!function) return 1;
+  if (function->parameters().Entries() != 3) return 0;
+  return RunNested(
+      function, true,
+      [&] {
+        stack->PushS(field, fieldlength, fieldlength, 0);
+        stack->PushS(name, namelength, namelength, 0);
+        stack->PushS(type, typelength, typelength, 0);
+      },
+      [&] { *answer = stack->PopI(); });
+}
+
+int ZephVM::ProcessFileUpload(const char* field, int fieldlength, const char* name, int namelength,
+                              const char* status, int statuslength, const char* path,
+                              int pathlength, const char* type, int typelength, int size) {
+  Function* function = functions ? functions->Function_Get("Zeph_ProcessFileUpload", -1) : nullptr;
+  if (!function) return 1;
+  if (function->parameters().Entries() != 6) return 0;
+  return RunNested(
+      function, true,
+      [&] {
+        stack->PushS(field, fieldlength, fieldlength, 0);
+        stack->PushS(name, namelength, namelength, 0);
+        stack->PushS(status, statuslength, statuslength, 0);
+        stack->PushS(path, pathlength, pathlength, 0);
+        stack->PushS(type, typelength, typelength, 0);
+        stack->PushI(size);
+      },
+      [&] { stack->Pop(); });
+}

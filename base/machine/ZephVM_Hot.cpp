@@ -1,0 +1,1030 @@
+// The loop for code that runs often: what it does at each record of base/compiled/HotCode.h.
+//
+// The actions that stand here in line do not fail and run no code but their own. Whatever does not
+// fit goes back to the machine's loop with everything as it was before the instruction. So the
+// flags of the host, which other threads raise, need a look only where the code may go round, which
+// is at jumps and at calls, and not at each of these: no script can tell that from a look at
+// each instruction. Handlers of the machine, external functions and the output may raise any flag,
+// and all of them are looked at after these; and so are the host's flags after an action that takes
+// as long as a value is large, such as the copy of an array.
+
+#include <atomic>
+#include <charconv>
+
+#include "base/compiled/Function.h"
+#include "base/compiled/HotCode.h"
+#include "base/compiled/Instructions.h"
+#include "base/compiled/Segment.h"
+#include "base/compiled/VariableHash.h"
+#include "base/core/Output.h"
+#include "base/host/ZephApplication.h"
+#include "base/machine/ZephVM.h"
+#include "base/values/Aggregate.h"
+#include "base/values/Variable.h"
+
+namespace {
+
+using Entry = ZephVM_Stack::Stack_Entry;
+
+inline int Read(int* shared) {
+  return std::atomic_ref<int>(*shared).load(std::memory_order_relaxed);
+}
+
+// Whether a variable has a form of a number that value_double() gives. What goes beyond a number
+// alone stands apart, and nothing is read before all operands are known to be numbers: so no number
+// has to be kept in memory across a call.
+[[gnu::noinline]] bool HasNumberBeside(const Variable* variable) {
+  const unsigned forms = variable->plain_forms();
+  return (forms & Variable::DoubleForm) || forms == Variable::IntegerForm;
+}
+
+// The same for a comparison, which goes by the text first.
+[[gnu::noinline]] bool IsComparableBeside(const Variable* variable) {
+  return HasNumberBeside(variable) && !(variable->plain_forms() & Variable::TextForm);
+}
+
+using Suitable = bool (*)(const Variable*);
+
+template <Suitable Beside>
+[[gnu::always_inline]] inline bool Has(const Variable* variable) {
+  return variable->HoldsDouble() || variable->HoldsInteger() || Beside(variable);
+}
+
+// The number of a variable that has one.
+[[gnu::always_inline]] inline double NumberOf(const Variable* variable) {
+  return variable->has_double() ? variable->plain_double() : variable->plain_integer();
+}
+
+// Both in one, for the operand that is looked at last.
+template <Suitable Beside>
+[[gnu::always_inline]] inline bool Find(const Variable* variable, double* number) {
+  if (variable->HoldsDouble()) [[likely]] {
+    *number = variable->plain_double();
+  } else if (variable->HoldsInteger()) {
+    *number = variable->plain_integer();
+  } else {
+    if (!Beside(variable)) return false;
+    *number = NumberOf(variable);
+  }
+  return true;
+}
+
+// The number of a variable that has nothing else: every form that is asked of it later follows from
+// that. A text may have two forms that do not agree: "99999999999" is 191 when it is read as an
+// integer first.
+[[gnu::always_inline]] inline bool FindAlone(const Variable* variable, double* number) {
+  if (variable->HoldsDouble()) {
+    *number = variable->plain_double();
+    return true;
+  }
+  *number = variable->plain_integer();
+  return variable->HoldsInteger();
+}
+
+// As value_integer() gives it.
+[[gnu::always_inline]] inline bool IntegerOf(const Variable* variable, int* number) {
+  if (!variable) return false;
+  const unsigned forms = variable->plain_forms();
+  *number = variable->plain_integer();
+  if (forms & Variable::IntegerForm) return true;
+  *number = DoubleToInteger(variable->plain_double());
+  return (forms & Variable::DoubleForm) != 0;
+}
+
+template <Suitable Beside>
+bool IsNumber(const Entry* entry) {
+  return entry->kind <= ZephVM_Stack::KindDouble ||
+         (entry->kind == ZephVM_Stack::KindVariable && Has<Beside>(entry->value.variable));
+}
+
+double NumberIn(const Entry* entry) {
+  if (entry->kind == ZephVM_Stack::KindDouble) return entry->value.number;
+  if (entry->kind == ZephVM_Stack::KindInteger) return entry->value.integer;
+  return NumberOf(entry->value.variable);
+}
+
+inline bool IsDouble(const Entry* entry) {
+  return entry->kind == ZephVM_Stack::KindDouble;
+}
+
+// Makes doubles of the two entries on top, for an operation that takes both off as numbers; false,
+// and nothing done, if one is none.
+template <Suitable Beside>
+[[gnu::noinline]] bool MakeTwoDoubles(Entry* top) {
+  if (!IsNumber<Beside>(top - 1) || !IsNumber<Beside>(top - 2)) return false;
+  const double right = NumberIn(top - 1);
+  const double left = NumberIn(top - 2);
+  ZephVM_Stack::Free(top - 1);
+  ZephVM_Stack::Free(top - 2);
+  top[-1].SetDouble(right);
+  top[-2].SetDouble(left);
+  return true;
+}
+
+// The same for one.
+template <Suitable Beside>
+[[gnu::noinline]] bool MakeDouble(Entry* top) {
+  if (!IsNumber<Beside>(top - 1)) return false;
+  const double number = NumberIn(top - 1);
+  ZephVM_Stack::Free(top - 1);
+  top[-1].SetDouble(number);
+  return true;
+}
+
+[[gnu::always_inline]] inline bool IntegerIn(const Entry* entry, int* number) {
+  if (entry->kind == ZephVM_Stack::KindInteger) {
+    *number = entry->value.integer;
+    return true;
+  }
+  if (entry->kind == ZephVM_Stack::KindVariable) return IntegerOf(entry->value.variable, number);
+  *number = DoubleToInteger(entry->value.number);
+  return entry->kind == ZephVM_Stack::KindDouble;
+}
+
+// Moves the numbers that lie on top of a stack into the first of a function's variables, as its
+// arguments, and answers where the stack ends then; null, and the stack as it was, if one is no
+// number or has no variable yet.
+[[gnu::noinline]] Entry* TakeNumbers(const _VH_Entry* locals, int count, Entry* top) {
+  Entry* argument = top;
+  for (int i = count; i-- > 0;) {
+    --argument;
+    Variable* variable = locals[i].variable;
+    if (!variable) return nullptr;
+    if (argument->kind == ZephVM_Stack::KindDouble) {
+      variable->Write_Double(argument->value.number);
+    } else if (argument->kind == ZephVM_Stack::KindInteger) {
+      variable->Write_Integer(argument->value.integer);
+    } else if (argument->kind != ZephVM_Stack::KindVariable ||
+               !variable->CopyNumber(*argument->value.variable)) {
+      return nullptr;
+    }
+  }
+  while (top != argument) ZephVM_Stack::Free(--top);
+  return argument;
+}
+
+// Jumps and calls from one look at the flags of the host to the next: nanoseconds each.
+const int kPatience = 32;
+
+// The most entries that an idiom, or its instructions one by one, push before they take off any.
+const int kMostPushed = 3;
+
+// Whether nothing but the machine's own code runs when the entry is read as text.
+inline bool IsOrdinary(const Entry* entry) {
+  return entry->kind != ZephVM_Stack::KindVariable || entry->value.variable->IsOrdinary();
+}
+
+inline bool IsNumberOrPlain(const Entry* entry) {
+  return entry->kind <= ZephVM_Stack::KindDouble ||
+         (entry->kind == ZephVM_Stack::KindVariable && entry->value.variable->IsPlain());
+}
+
+// The order of two numbers, as its bit in HotOp::orders: 0 for less, 1 for equal, 2 for greater,
+// which NaN on either side counts as.
+template <typename Number>
+[[gnu::always_inline]] inline int OrderOf(Number left, Number right) {
+  return !(left < right) + !(left <= right);
+}
+
+[[gnu::always_inline]] inline bool FindOrder(const Variable* left, int right, int* order) {
+  if (!left) return false;
+  if (left->HoldsInteger()) [[likely]] {
+    *order = OrderOf(left->plain_integer(), right);
+    return true;
+  }
+  double number;
+  if (!Find<IsComparableBeside>(left, &number)) return false;
+  *order = OrderOf<double>(number, right);
+  return true;
+}
+
+[[gnu::always_inline]] inline bool FindOrder(const Variable* left, const Variable* right,
+                                             int* order) {
+  if (!left || !right || !Has<IsComparableBeside>(left)) return false;
+  double number;
+  if (!Find<IsComparableBeside>(right, &number)) return false;
+  *order = OrderOf(NumberOf(left), number);
+  return true;
+}
+
+// How an order answers to a jump.
+[[gnu::always_inline]] inline bool Jumps(const HotOp* jump, int order) {
+  return (jump->orders >> order & 1) != 0;
+}
+
+}  // namespace
+
+void ZephVM::RunHot(const HotCode* hot, const HotOp* op) {
+  const auto all = static_cast<size_t>(functions ? functions->Functions() : 0);
+  if (idle_frames.size() < all) idle_frames.resize(all);
+  const bool outer = in_hot;
+  in_hot = true;
+  HotLoop(hot, op);
+  in_hot = outer;
+  hot_mode = NoMode;
+}
+
+void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
+  int* const over = timed_out;
+  int* const ended = exit_flag;
+  int* const beats = heartbeat_counter;
+  // Of the current frame: its stack, with where its entries end and begin, and up to where there is
+  // room for what any action pushes; and the rows of both tables, the globals first.
+  ZephVM_Stack* s;
+  Entry* top;
+  const _VH_Entry* rows[2];
+  unsigned counts[2];
+  Entry* bottom;
+  Entry* limit;
+  Variable* variable = nullptr;
+  const Variable* other = nullptr;
+  // Of a call or a return.
+  ZephVM_FunctionFrame* called;
+  const _VH_Entry* locals;
+  double number_passed;
+  const long code_serial = hot->serial();
+  int patience = kPatience;  // jumps and calls until the next look at the flags of the host
+
+// Where each action stands. The jump from one to the next is made at the end of each: processors
+// foresee it better than one jump for all.
+#define ACTION(name) &&on_##name,
+  __extension__ static const void* const places[] = {ZEPH_HOT_ACTIONS};
+#undef ACTION
+// The same for updates of a variable that is not on the stack.
+#define ACTION(name) &&found_##name,
+  __extension__ static const void* const updates[] = {ZEPH_HOT_UPDATES};
+#undef ACTION
+
+// clang-format off
+#define GO_TO(action) __extension__({ goto *places[static_cast<int>(action)]; })
+// Each action ends with one of these: on behind so many instructions; the same after work of any
+// length, with a look at the flags of the host; to the first instruction alone, where the idiom does
+// not fit; to the machine's loop; or by a jump, with such a look now and then.
+#define NEXT(count) { op += (count); GO_TO(op->action); }
+#define RAISED (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat))
+#define NEXT_AFTER_WORK(count) { \
+  op += (count); \
+  if (RAISED) [[unlikely]] goto on_Leave; \
+  GO_TO(op->action); }
+#define SINGLE_UNLESS(condition) if (!(condition)) [[unlikely]] { GO_TO(op->single); }
+#define LEAVE_UNLESS(condition) if (!(condition)) [[unlikely]] { goto on_Leave; }
+#define JUMP(jump) { \
+  op = (jump)->target; \
+  if (--patience == 0) [[unlikely]] goto look; \
+  GO_TO(op->action); }
+#define JUMP_IF(condition, jump, count) \
+  if (condition) JUMP(jump) \
+  NEXT(count)
+// The variable at a record's position, null if it was not made yet.
+#define VARIABLE_AT(table, position) \
+  (static_cast<unsigned>(position) < counts[table] ? rows[table][position].variable : nullptr)
+#define VARIABLE(record) VARIABLE_AT((record)->local, (record)->first)
+// A local variable that no instruction of this call has touched sleeps in its row. It has no forms
+// and is no array, so only what takes it without these has to wake it; a number stored in it does.
+#define WAKE(variable) if ((variable)->IsAsleep()) [[unlikely]] (variable)->Wake();
+#define SECOND(record) VARIABLE_AT(0, (record)->second)
+// What the stack's own operations need to know, and leave. It is told of its end, too, before all
+// that may take memory: where there is none, it frees the entries up to there.
+#define TELL_STACK s->SetEnd(top);
+#define ASK_STACK { \
+  top = s->End(); \
+  bottom = s->Begin(); \
+  limit = s->Limit() - kMostPushed; }
+#define PUSH(set) { top->set; ++top; }
+// In place of what is on top, or of the two that are.
+#define REPLACE_ONE(set) { \
+  ZephVM_Stack::Free(top - 1); \
+  top[-1].set; }
+#define REPLACE_TWO(set) { \
+  ZephVM_Stack::Free(top - 1); \
+  ZephVM_Stack::Free(top - 2); \
+  --top; \
+  top[-1].set; }
+#define HOLDS_ONE (top > bottom)
+#define HOLDS_TWO (top - 1 > bottom)
+#define HAS_ROOM (top <= limit)
+// Whether an operation finds numbers on top, which are doubles then. As the entries may have changed
+// by this, it is asked last.
+#define ONE_NUMBER (HOLDS_ONE && (IsDouble(top - 1) || MakeDouble<HasNumberBeside>(top)))
+#define ONE_COMPARABLE (HOLDS_ONE && (IsDouble(top - 1) || MakeDouble<IsComparableBeside>(top)))
+#define TWO_DOUBLES (IsDouble(top - 1) && IsDouble(top - 2))
+#define TWO_NUMBERS (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<HasNumberBeside>(top)))
+#define TWO_COMPARABLE (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<IsComparableBeside>(top)))
+#define IS_NUMBER(variable) ((variable) && Has<HasNumberBeside>(variable))
+#define IS_COMPARABLE(variable) ((variable) && Has<IsComparableBeside>(variable))
+// The same, and *number is the number.
+#define FIND_NUMBER(variable, number) ((variable) && Find<HasNumberBeside>(variable, number))
+#define FIND_COMPARABLE(variable, number) ((variable) && Find<IsComparableBeside>(variable, number))
+// Whether a frame is kept for the function that a call is of, and was made ready for calls from
+// here: then called is the frame, with its locals, which are as new where they are there.
+#define KNOWS_CALLED \
+  (called = idle_frames[static_cast<unsigned>(op->first)], \
+   called && called->return_code == code_serial && frame_count < MostFrames && \
+   (locals = called->variables->Rows(&counts[1]), true))
+
+// All forms of an operation on the doubles a and b. What is an entry on top already stays one.
+#define ARITHMETIC(name, result)                                                           \
+  on_##name: {                                                                             \
+    LEAVE_UNLESS(TWO_NUMBERS)                                                              \
+    const double a = top[-2].value.number, b = top[-1].value.number;                       \
+    --top;                                                                                 \
+    top[-1].value.number = result;                                                         \
+    NEXT(1)                                                                                \
+  }                                                                                        \
+  on_##name##Pop: {                                                                        \
+    variable = VARIABLE(op + 1);                                                           \
+    SINGLE_UNLESS(variable && variable->IsPlain() && TWO_NUMBERS)                          \
+    const double a = top[-2].value.number, b = top[-1].value.number;                       \
+    top -= 2;                                                                              \
+    variable->Write_Double(result);                                                        \
+    NEXT(2)                                                                                \
+  }                                                                                        \
+  on_##name##Return: {                                                                     \
+    SINGLE_UNLESS(frame->return_code == code_serial && TWO_NUMBERS)                        \
+    const double a = top[-2].value.number, b = top[-1].value.number;                       \
+    top -= 2;                                                                              \
+    number_passed = result;                                                                \
+    goto return_number;                                                                    \
+  }                                                                                        \
+  on_##name##Constant: {                                                                   \
+    SINGLE_UNLESS(HAS_ROOM && ONE_NUMBER)                                                  \
+    const double a = top[-1].value.number, b = op->number;                                 \
+    top[-1].value.number = result;                                                         \
+    NEXT(2)                                                                                \
+  }                                                                                        \
+  on_##name##Variable: {                                                                   \
+    variable = VARIABLE(op);                                                               \
+    SINGLE_UNLESS(HAS_ROOM && IS_NUMBER(variable) && ONE_NUMBER)                           \
+    const double a = top[-1].value.number, b = NumberOf(variable);                         \
+    top[-1].value.number = result;                                                         \
+    NEXT(2)                                                                                \
+  }                                                                                        \
+  on_##name##Element: {                                                                    \
+    double b; int number;                                                                  \
+    variable = VARIABLE(op);                                                               \
+    TELL_STACK                                                                             \
+    SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumberBeside>(top - 1) && variable && \
+                  IntegerOf(VARIABLE(op + 1), &number) && number >= 1 &&                   \
+                  variable->ReadElement(number, &b))                                       \
+    if (!IsDouble(top - 1)) MakeDouble<HasNumberBeside>(top);                              \
+    const double a = top[-1].value.number;                                                 \
+    top[-1].value.number = result;                                                         \
+    NEXT(4)                                                                                \
+  }                                                                                        \
+  on_##name##Variables: {                                                                  \
+    variable = VARIABLE(op);                                                               \
+    other = VARIABLE(op + 1);                                                              \
+    double b;                                                                              \
+    SINGLE_UNLESS(HAS_ROOM && IS_NUMBER(variable) && FIND_NUMBER(other, &b))               \
+    const double a = NumberOf(variable);                                                   \
+    PUSH(SetDouble(result))                                                                \
+    NEXT(3)                                                                                \
+  }                                                                                        \
+  on_##name##VariableConstant: {                                                           \
+    variable = VARIABLE(op);                                                               \
+    double a;                                                                              \
+    SINGLE_UNLESS(HAS_ROOM && FIND_NUMBER(variable, &a))                                   \
+    const double b = op[1].number;                                                         \
+    PUSH(SetDouble(result))                                                                \
+    NEXT(3)                                                                                \
+  }                                                                                        \
+  on_##name##VariableConstantCall: {                                                       \
+    variable = VARIABLE(op);                                                               \
+    double a;                                                                              \
+    SINGLE_UNLESS(HAS_ROOM && FIND_NUMBER(variable, &a))                                   \
+    const double b = op[1].number;                                                         \
+    number_passed = result;                                                                \
+    op += 3;                                                                               \
+    goto call_with_number;                                                                 \
+  }                                                                                        \
+  UPDATE(Update##name##Constant, true, op[1].number, result)                               \
+  UPDATE(Update##name##Variable, (other = VARIABLE(op + 1), IS_NUMBER(other)),             \
+         NumberOf(other), result)
+// An operation on the variable on top, or on the one that was just found and is not on the stack.
+// The same variable may be the other operand, which is read before.
+#define UPDATE(name, condition, operand, result)                                           \
+  on_##name: {                                                                             \
+    SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindVariable)     \
+    variable = top[-1].value.variable;                                                     \
+    double a;                                                                              \
+    SINGLE_UNLESS((condition) && Find<HasNumberBeside>(variable, &a))                      \
+    const double b = operand;                                                              \
+    variable->Write_Double(result);                                                        \
+    --top;                                                                                 \
+    ZephVM_Stack::Free(top);                                                               \
+    NEXT(5)                                                                                \
+  }                                                                                        \
+  found_##name: {                                                                          \
+    double a;                                                                              \
+    if (!((condition) && Find<HasNumberBeside>(variable, &a))) [[unlikely]] goto push_found; \
+    const double b = operand;                                                              \
+    variable->Write_Double(result);                                                        \
+    NEXT(5)                                                                                \
+  }
+// A comparison of a and b. With NaN on either side their order counts as above 0.
+#define COMPARISON(name, holds)                                                            \
+  on_##name: {                                                                             \
+    LEAVE_UNLESS(TWO_COMPARABLE)                                                           \
+    const double a = top[-2].value.number, b = top[-1].value.number;                       \
+    --top;                                                                                 \
+    top[-1].SetInteger(holds);                                                             \
+    NEXT(1)                                                                                \
+  }                                                                                        \
+  on_##name##ConstantJump: {                                                               \
+    SINGLE_UNLESS(HAS_ROOM && ONE_COMPARABLE)                                              \
+    --top;                                                                                 \
+    const double a = top->value.number, b = op->number;                                    \
+    JUMP_IF((holds) == (op[2].single == HotAction::JumpNotEqual), op + 2, 3)               \
+  }                                                                                        \
+  on_##name##VariableConstantJump: {                                                       \
+    variable = VARIABLE(op);                                                               \
+    double a;                                                                              \
+    SINGLE_UNLESS(HAS_ROOM && FIND_COMPARABLE(variable, &a))                               \
+    const double b = op[1].number;                                                         \
+    JUMP_IF((holds) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)               \
+  }                                                                                        \
+  on_##name##VariablesJump: {                                                              \
+    variable = VARIABLE(op);                                                               \
+    other = VARIABLE(op + 1);                                                              \
+    double b;                                                                              \
+    SINGLE_UNLESS(HAS_ROOM && IS_COMPARABLE(variable) && FIND_COMPARABLE(other, &b))       \
+    const double a = NumberOf(variable);                                                   \
+    JUMP_IF((holds) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)               \
+  }
+#define JUMP_ON(name, holds)                                                               \
+  on_##name: {                                                                             \
+    int order;                                                                             \
+    LEAVE_UNLESS(HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindInteger)                   \
+    --top;                                                                                 \
+    order = top->value.integer;                                                            \
+    JUMP_IF(holds, op, 1)                                                                  \
+  }
+#define ELEMENT(name, create)                                                              \
+  on_##name: {                                                                             \
+    int number;                                                                            \
+    LEAVE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable)                  \
+    variable = top[-2].value.variable;                                                     \
+    LEAVE_UNLESS(variable->IsPlain() && IntegerIn(top - 1, &number) && number >= 1)        \
+    TELL_STACK                                                                             \
+    variable = variable->At(number, create);                                               \
+    if (!variable) variable = null_variable;                                               \
+    variable->Hold();                                                                      \
+    REPLACE_TWO(SetOwned(variable))                                                        \
+    NEXT(1)                                                                                \
+  }                                                                                        \
+  on_##name##OfVariable: {                                                                 \
+    int number;                                                                            \
+    variable = VARIABLE(op);                                                               \
+    SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain() &&                           \
+                  IntegerOf(VARIABLE(op + 1), &number) && number >= 1)                     \
+    WAKE(variable)                                                                         \
+    TELL_STACK                                                                             \
+    variable = variable->At(number, create);                                               \
+    PUSH(SetVariable(variable ? variable : null_variable))                                 \
+    NEXT(3)                                                                                \
+  }
+#define MEMBER(name, create)                                                               \
+  on_##name: {                                                                             \
+    LEAVE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable)                  \
+    LEAVE_UNLESS(top[-1].kind == ZephVM_Stack::KindString && !top[-1].deferred)            \
+    variable = top[-2].value.variable;                                                     \
+    LEAVE_UNLESS(variable->IsPlain())                                                      \
+    TELL_STACK                                                                             \
+    variable = variable->Member(top[-1].value.text, top[-1].length, create);               \
+    if (!variable) variable = null_variable;                                               \
+    variable->Hold();                                                                      \
+    REPLACE_TWO(SetOwned(variable))                                                        \
+    NEXT(1)                                                                                \
+  }                                                                                        \
+  on_##name##OfVariable: {                                                                 \
+    variable = VARIABLE(op);                                                               \
+    SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain())                             \
+    WAKE(variable)                                                                         \
+    TELL_STACK                                                                             \
+    variable = variable->Member(op[1].text, op[1].length, create);                         \
+    PUSH(SetVariable(variable ? variable : null_variable))                                 \
+    NEXT(3)                                                                                \
+  }
+// The action at a record is an update: that of the variable that was found.
+#define UPDATE_FOUND __extension__({ \
+  goto *updates[static_cast<int>(op->action) - static_cast<int>(HotAction::UpdateAddConstant)]; });
+  // clang-format on
+
+  goto entered;
+
+on_PushInteger:
+  LEAVE_UNLESS(HAS_ROOM)
+  PUSH(SetInteger(op->first))
+  NEXT(1)
+on_PushDouble:
+  LEAVE_UNLESS(HAS_ROOM)
+  PUSH(SetDouble(op->number))
+  NEXT(1)
+on_PushText:
+  LEAVE_UNLESS(HAS_ROOM)
+  PUSH(SetText(op->text, op->length))
+  NEXT(1)
+on_PushVariable:
+  variable = VARIABLE(op);
+  LEAVE_UNLESS(variable && HAS_ROOM)
+  WAKE(variable)
+  PUSH(SetVariable(variable))
+  NEXT(1)
+on_PopVariable:
+  variable = VARIABLE(op);
+  LEAVE_UNLESS(variable && HOLDS_ONE)
+  if (variable->IsPlain() && top[-1].kind <= ZephVM_Stack::KindDouble) {
+    --top;
+    if (top->kind == ZephVM_Stack::KindDouble) {
+      variable->Write_Double(top->value.number);
+    } else {
+      variable->Write_Integer(top->value.integer);
+    }
+    NEXT(1)
+  }
+  LEAVE_UNLESS(variable->IsOrdinary() && IsOrdinary(top - 1))
+  WAKE(variable)
+  if (top[-1].deferred) {
+    --top;
+    TELL_STACK
+    top->value.pending->Assign(variable, top->kind == ZephVM_Stack::KindLinkBuffer);
+    NEXT_AFTER_WORK(1)
+  }
+  TELL_STACK
+  s->PopV(variable);
+  ASK_STACK
+  NEXT_AFTER_WORK(1)
+on_Pop:
+  LEAVE_UNLESS(HOLDS_ONE)
+  --top;
+  ZephVM_Stack::Free(top);
+  NEXT(1)
+on_Dup:
+  LEAVE_UNLESS(HOLDS_ONE && HAS_ROOM && IsNumberOrPlain(top - 1))
+  TELL_STACK
+  s->Dupe();
+  ASK_STACK
+  NEXT(1)
+on_Store:
+  LEAVE_UNLESS(HOLDS_TWO && top[-1].kind == ZephVM_Stack::KindVariable)
+  variable = top[-1].value.variable;
+  LEAVE_UNLESS(variable->IsPlain() && IsNumberOrPlain(top - 2))
+  if (top[-2].kind == ZephVM_Stack::KindVariable) {
+    TELL_STACK
+    variable->SetValue(*top[-2].value.variable);
+    top -= 2;
+    ZephVM_Stack::Free(top + 1);
+    ZephVM_Stack::Free(top);
+    NEXT_AFTER_WORK(1)
+  }
+  if (top[-2].kind == ZephVM_Stack::KindDouble) {
+    variable->Write_Double(top[-2].value.number);
+  } else {
+    variable->Write_Integer(top[-2].value.integer);
+  }
+  top -= 2;
+  ZephVM_Stack::Free(top + 1);
+  NEXT(1)
+on_Concatenate:
+  LEAVE_UNLESS(HOLDS_TWO && IsOrdinary(top - 1) && IsOrdinary(top - 2))
+  TELL_STACK
+  s->Concatenate();
+  ASK_STACK
+  NEXT_AFTER_WORK(1)
+on_ConcatenateText:
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].deferred)
+  TELL_STACK
+  top[-1].AppendDeferred(op->text, op->length);
+  NEXT(2)
+on_ConcatenateVariable:
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].deferred && variable && variable->IsOrdinary())
+  WAKE(variable)
+  TELL_STACK
+  if (variable->plain_forms() == Variable::IntegerForm) {
+    top[-1].AppendDeferred(variable->plain_integer());
+  } else {
+    top[-1].AppendDeferred(variable);
+  }
+  NEXT(2)
+on_ConcatenateTextVariable : {
+  variable = VARIABLE(op + 1);
+  SINGLE_UNLESS(HAS_ROOM && variable && op->length <= ZephVM_Stack::ShortText)
+  TELL_STACK
+  const unsigned forms = variable->plain_forms();
+  if (forms == Variable::IntegerForm) {
+    PUSH(SetDeferred(op->text, op->length, variable->plain_integer()))
+  } else {
+    SINGLE_UNLESS((forms & Variable::TextForm) != 0 &&
+                  variable->plain_text().length <= ZephVM_Stack::ShortText)
+    PUSH(SetDeferred(op->text, op->length, variable))
+  }
+  NEXT(3)
+}
+on_ConcatenateVariableText : {
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(HAS_ROOM && variable && (variable->plain_forms() & Variable::TextForm) != 0)
+  TELL_STACK
+  DeferredText* const text = DeferredText::Begin(variable);
+  SINGLE_UNLESS(text)
+  top->SetDeferred(text);
+  ++top;
+  TELL_STACK
+  text->Append(op[1].text, op[1].length);
+  NEXT(3)
+}
+on_Swap:
+  LEAVE_UNLESS(HOLDS_TWO)
+  s->Swap(top - 1, top - 2);
+  NEXT(1)
+  ARITHMETIC(Add, a + b)
+  ARITHMETIC(Sub, a - b)
+  ARITHMETIC(Mul, a * b)
+  ARITHMETIC(Div, a == 0.0 ? 0.0 : a / b)
+on_Mod : {
+  int order, number;
+  LEAVE_UNLESS(HOLDS_TWO && IntegerIn(top - 2, &order) && IntegerIn(top - 1, &number))
+  REPLACE_TWO(SetInteger(Remainder(order, number)))
+  NEXT(1)
+}
+on_ModConstant : {
+  int order;
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IntegerIn(top - 1, &order))
+  REPLACE_ONE(SetInteger(Remainder(order, op->first)))
+  NEXT(2)
+}
+on_ModVariableConstant : {
+  int order;
+  SINGLE_UNLESS(HAS_ROOM && IntegerOf(VARIABLE(op), &order))
+  PUSH(SetInteger(Remainder(order, op[1].first)))
+  NEXT(3)
+}
+on_ModVariableConstantJump : {
+  int order;
+  SINGLE_UNLESS(HAS_ROOM && IntegerOf(VARIABLE(op), &order))
+  order = Remainder(order, op[1].first);
+  JUMP_IF((order != 0) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)
+}
+  COMPARISON(Equal, a == b)
+  COMPARISON(NotEqual, !(a == b))
+  COMPARISON(Less, a < b)
+  COMPARISON(LessEqual, a <= b)
+  COMPARISON(Greater, !(a <= b))
+  COMPARISON(GreaterEqual, !(a < b))
+
+on_Jump:
+  JUMP(op)
+  JUMP_ON(JumpEqual, order == 0)
+  JUMP_ON(JumpNotEqual, order != 0)
+  JUMP_ON(JumpLess, order < 0)
+  JUMP_ON(JumpLessEqual, order <= 0)
+  JUMP_ON(JumpGreater, order > 0)
+  JUMP_ON(JumpGreaterEqual, order >= 0)
+
+on_CompareConstant : {
+  int order;
+  LEAVE_UNLESS(HAS_ROOM && FindOrder(VARIABLE(op), op->second, &order))
+  PUSH(SetInteger(order - 1))
+  NEXT(1)
+}
+on_CompareConstantJump : {
+  int order;
+  LEAVE_UNLESS(HAS_ROOM && FindOrder(VARIABLE(op), op->second, &order))
+  JUMP_IF(Jumps(op + 1, order), op + 1, 2)
+}
+on_CompareGlobals : {
+  int order;
+  LEAVE_UNLESS(HAS_ROOM && FindOrder(VARIABLE(op), SECOND(op), &order))
+  PUSH(SetInteger(order - 1))
+  NEXT(1)
+}
+on_CompareGlobalsJump : {
+  int order;
+  LEAVE_UNLESS(HAS_ROOM && FindOrder(VARIABLE(op), SECOND(op), &order))
+  JUMP_IF(Jumps(op + 1, order), op + 1, 2)
+}
+on_ModGlobals : {
+  int order, number;
+  LEAVE_UNLESS(HAS_ROOM && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
+               number != 0)
+  PUSH(SetInteger(Remainder(order, number)))
+  NEXT(1)
+}
+on_ModGlobalsJump : {
+  int order, number;
+  LEAVE_UNLESS(HAS_ROOM && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
+               number != 0)
+  JUMP_IF(Jumps(op + 1, OrderOf(Remainder(order, number), 0)), op + 1, 2)
+}
+on_Increment : {
+  int number;
+  variable = VARIABLE(op);
+  LEAVE_UNLESS(IntegerOf(variable, &number))
+  variable->Write_Integer(WrapAdd(number, op->second));
+  NEXT(1)
+}
+on_IncrementCompareJump : {
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(HAS_ROOM && variable && variable->HoldsInteger())
+  const int number = WrapAdd(variable->plain_integer(), op->second);
+  variable->Write_Integer(number);
+  JUMP_IF(Jumps(op + 2, OrderOf(number, op[1].second)), op + 2, 3)
+}
+on_StoreConstant:
+  variable = VARIABLE(op);
+  LEAVE_UNLESS(variable && variable->IsPlain())
+  variable->Write_Integer(op->second);
+  NEXT(1)
+on_Line:
+  LEAVE_UNLESS((log_mask & Log_Trace) == 0)
+  current_line = op->first;
+  NEXT(1)
+  ELEMENT(Element, 1)
+  ELEMENT(ElementReadOnly, 0)
+  MEMBER(Member, 1)
+  MEMBER(MemberReadOnly, 0)
+on_ElementOfVariableUpdate : {
+  int number;
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain() &&
+                IntegerOf(VARIABLE(op + 1), &number) && number >= 1)
+  WAKE(variable)
+  TELL_STACK
+  variable = variable->At(number, 1);
+  op += 3;
+  UPDATE_FOUND
+}
+on_MemberOfVariableUpdate:
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain())
+  WAKE(variable)
+  TELL_STACK
+  variable = variable->Member(op[1].text, op[1].length, 1);
+  op += 3;
+  if (!variable) [[unlikely]]
+    variable = null_variable;
+  UPDATE_FOUND
+push_found:
+  PUSH(SetVariable(variable))
+  GO_TO(op->single);
+on_ElementOfVariableStore : {
+  int number;
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE)
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(variable && IntegerOf(VARIABLE(op + 1), &number) && number >= 1)
+  TELL_STACK
+  if (top[-1].kind == ZephVM_Stack::KindDouble) {
+    SINGLE_UNLESS(variable->WriteElement(number, top[-1].value.number))
+  } else if (top[-1].kind == ZephVM_Stack::KindInteger) {
+    SINGLE_UNLESS(variable->WriteElement(number, top[-1].value.integer))
+  } else {
+    SINGLE_UNLESS(top[-1].kind == ZephVM_Stack::KindVariable)
+    const Variable* source = top[-1].value.variable;
+    const unsigned forms = source->plain_forms();
+    if (forms == Variable::IntegerForm) {
+      SINGLE_UNLESS(variable->WriteElement(number, source->plain_integer()))
+    } else {
+      SINGLE_UNLESS(forms == Variable::DoubleForm &&
+                    variable->WriteElement(number, source->plain_double()))
+    }
+  }
+  --top;
+  ZephVM_Stack::Free(top);
+  NEXT(4)
+}
+on_Handler:
+  TELL_STACK
+  instruction_start = op->start;
+  first_integer = op->first;
+  program_counter = op[1].start;
+  switch (op->code) {
+#define HANDLER(name) \
+  case Instruction::code_##name: name(); break;
+    ZEPH_HOT_HANDLERS
+#undef HANDLER
+  }
+  if (stop_flag | RAISED) return;
+  ASK_STACK
+  NEXT(1)
+on_OutText:
+  SINGLE_UNLESS(HAS_ROOM)
+  TELL_STACK
+  if (application->output()->Put(op->text, op->length)) NEXT(2)
+  goto written;
+on_OutVariable : {
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(HAS_ROOM && variable)
+  TELL_STACK
+  const unsigned forms = variable->plain_forms();
+  if (forms & Variable::TextForm) {
+    const String& text = variable->plain_text();
+    SINGLE_UNLESS(text.data)
+    if (application->output()->Put(text.data, text.length)) NEXT(2)
+  } else {
+    SINGLE_UNLESS(forms == Variable::IntegerForm)
+    char digits[20];
+    const char* const end =
+        std::to_chars(digits, digits + sizeof digits, variable->plain_integer()).ptr;
+    if (application->output()->Put(digits, static_cast<int>(end - digits))) NEXT(2)
+  }
+  goto written;
+}
+on_OutRounded : {
+  char text[MostRounded];
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumberBeside>(top - 1))
+  const int length = WriteRounded(NumberIn(top - 1), op->first, text);
+  SINGLE_UNLESS(length > 0)
+  --top;
+  ZephVM_Stack::Free(top);
+  TELL_STACK
+  if (application->output()->Put(text, length)) NEXT(3)
+  op++;
+}
+// The output may find that the client is gone.
+written:
+  op += 2;
+  if (stop_flag | RAISED) goto on_Leave;
+  GO_TO(op->action);
+
+// Most calls are of a function here, with numbers for its arguments, and a frame is kept for it.
+// The result will have room where the caller's stack ends.
+on_Call:
+  if (!(KNOWS_CALLED && HAS_ROOM)) [[unlikely]]
+    goto unknown_called;
+  if (called->simple_parameters == 1 && HOLDS_ONE && IsDouble(top - 1) && locals->variable) {
+    --top;
+    locals->variable->Begin(top->value.number);
+  } else {
+    const int count = called->simple_parameters;
+    Entry* const taken = top - count >= bottom ? TakeNumbers(locals, count, top) : nullptr;
+    if (!taken) goto call;
+    top = taken;
+  }
+enter : {
+  ZephVM_Frame* const caller = frame;
+  TELL_STACK
+  idle_frames[static_cast<unsigned>(op->first)] = called->next_idle;
+  called->return_offset = op[1].start;
+  called->return_op = op + 1;
+  called->error_output = caller->error_output;
+  called->output_mode = called->simple_mode;
+  called->previous = caller;
+  if (hot_mode != called->simple_mode) [[unlikely]]
+    SetOutputMode(called->simple_mode);
+  frame_count++;
+  op = called->entry;
+  rows[1] = locals;
+  EnterFrame(called);
+  s = called->stack;
+  ASK_STACK
+  if (--patience == 0) [[unlikely]]
+    goto look;
+  GO_TO(op->action);
+}
+// The number would be on top now, and is the only argument in most cases.
+call_with_number:
+  if (KNOWS_CALLED && called->simple_parameters == 1 && locals->variable) [[likely]] {
+    locals->variable->Begin(number_passed);
+    goto enter;
+  }
+  PUSH(SetDouble(number_passed))
+  goto on_Call;
+unknown_called:
+  if (called && called->simple_parameters >= 0 && called->return_code != code_serial &&
+      called->entry_segment == loaded_segment) {
+    called->entry = hot->At(called->entry_offset);
+    if (called->entry) {
+      called->return_segment = loaded_segment;
+      called->return_code = code_serial;
+      called->returns_hot = true;
+      goto on_Call;
+    }
+  }
+call : {
+  TELL_STACK
+  Function* function = functions ? functions->Lookup(op->first) : nullptr;
+  LEAVE_UNLESS(function && (log_mask & Log_OfCalls) == 0)
+  instruction_start = op->start;
+  program_counter = op[1].start;
+  if (function->flags() & Function_External) {
+    CallExternalFunction(function);
+    hot_mode = NoMode;
+  } else {
+    CallFunction(function);
+  }
+  goto moved;
+}
+
+on_Return : {
+  LEAVE_UNLESS(frame->returns_hot && HOLDS_ONE)
+  ZephVM_Stack* const callers = frame->previous->stack;
+  Entry* const value = callers->End();
+  LEAVE_UNLESS(callers->HasRoom(1))
+  // A borrowed variable may be a local one, which goes with the frame.
+  LEAVE_UNLESS(top[-1].kind != ZephVM_Stack::KindVariable || top[-1].deletable)
+  --top;
+  value->CopyFrom(*top);
+  callers->SetEnd(value + 1);
+  goto returned;
+}
+// A variable that only the function holds, with a number and nothing else in it: a caller that uses
+// the result as a number alone gets the number.
+on_ReturnVariable:
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(HAS_ROOM && variable && frame->return_code == code_serial &&
+                static_cast<ZephVM_FunctionFrame*>(frame)->return_op->after_number &&
+                FindAlone(variable, &number_passed) && variable->plain_count() == 1)
+return_number : {
+  ZephVM_Stack* const callers = frame->previous->stack;
+  Entry* const value = callers->End();
+  value->SetDouble(number_passed);
+  callers->SetEnd(value + 1);
+}
+// The value is on the caller's stack. What else there is on the function's own goes with the frame,
+// which is kept.
+returned : {
+  while (HOLDS_ONE) [[unlikely]] ZephVM_Stack::Free(--top);
+  TELL_STACK
+  called = static_cast<ZephVM_FunctionFrame*>(frame);
+  ZephVM_Frame* const caller = called->previous;
+  frame = caller;
+  stack = s = caller->stack;
+  frame_count--;
+  if (called->return_code == code_serial && called->variables->Renew(*called->locals)) [[likely]] {
+    op = called->return_op;
+    ZephVM_FunctionFrame** const idle = &idle_frames[called->place];
+    called->next_idle = *idle;
+    *idle = called;
+  } else {
+    wanted_segment = called->return_segment;
+    program_counter = called->return_offset;
+    op = wanted_segment == loaded_segment ? hot->At(program_counter) : nullptr;
+    KeepFrame(called);
+  }
+  if (hot_mode != caller->output_mode) [[unlikely]]
+    SetOutputMode(caller->output_mode);
+  if (!op) [[unlikely]]
+    return;
+  ASK_STACK
+  rows[1] = caller->variables->Rows(&counts[1]);
+  GO_TO(op->action);
+}
+
+look:
+  patience = kPatience;
+  if (RAISED) goto on_Leave;
+  GO_TO(op->action);
+
+// What the code does elsewhere may have written to this segment, which drops what was made of it.
+moved:
+  if (stop_flag || wanted_segment != loaded_segment || segment->hot() != hot || RAISED) return;
+  op = hot->At(program_counter);
+  if (!op) return;
+entered:
+  s = stack;
+  ASK_STACK
+  rows[0] = global_variables->Rows(&counts[0]);
+  rows[1] = frame->variables->Rows(&counts[1]);
+  GO_TO(op->action);
+
+on_Leave:
+  TELL_STACK
+  program_counter = op->start;
+#undef GO_TO
+#undef NEXT
+#undef RAISED
+#undef NEXT_AFTER_WORK
+#undef SINGLE_UNLESS
+#undef LEAVE_UNLESS
+#undef JUMP
+#undef JUMP_IF
+#undef VARIABLE_AT
+#undef VARIABLE
+#undef SECOND
+#undef WAKE
+#undef TELL_STACK
+#undef ASK_STACK
+#undef PUSH
+#undef REPLACE_ONE
+#undef REPLACE_TWO
+#undef HOLDS_ONE
+#undef HOLDS_TWO
+#undef HAS_ROOM
+#undef ONE_NUMBER
+#undef ONE_COMPARABLE
+#undef TWO_DOUBLES
+#undef TWO_NUMBERS
+#undef TWO_COMPARABLE
+#undef IS_NUMBER
+#undef IS_COMPARABLE
+#undef FIND_NUMBER
+#undef FIND_COMPARABLE
+#undef KNOWS_CALLED
+#undef ARITHMETIC
+#undef UPDATE
+#undef UPDATE_FOUND
+#undef COMPARISON
+#undef JUMP_ON
+#undef ELEMENT
+#undef MEMBER
+}

@@ -1,0 +1,241 @@
+// Delimited text files in scripts: the loop over an import with its filter, and the export.
+//
+// A filter is code like any other. Before each record that it is to judge, it gets a frame of its
+// own; the end of its segment leads to import_filter_resume, which goes on with the loop's body,
+// with the filter again for the next record, or behind the loop.
+
+#include <memory>
+#include <string_view>
+
+#include "base/compiled/Segment.h"
+#include "base/core/RunLimit.h"
+#include "base/host/ZephApplication.h"
+#include "base/machine/ExpressionCompiler.h"
+#include "base/machine/Import.h"
+#include "base/machine/PoppedString.h"
+#include "base/machine/ZephVM.h"
+#include "base/values/Variable.h"
+
+// --- Filters -------------------------------------------------------------------------------------
+
+// The code of a filter, which a text gets once: null with the message in error.
+Segment* ZephVM::FilterSegment(const char* text, int length, String* error) {
+  const std::string_view key(text, static_cast<size_t>(length));
+  auto known = import_filters.find(key);
+  if (known == import_filters.end()) {
+    ImportFilter compiled;
+    compiled.segment =
+        Compile_Dynamic_Expression(text, length, nullptr, nullptr, &compiled.error, nullptr, 0, 1);
+    if (!compiled.segment && RunLimit::WasCut()) return nullptr;
+    known = import_filters.emplace(key, compiled).first;
+  }
+  if (!known->second.segment) *error = known->second.error;
+  return known->second.segment;
+}
+
+// Runs the filter on the record that was read. The loop's body begins at body, and its end is at
+// behind, both in the current segment.
+//
+// The filter's stack is one of its own: an expression may take more than it has put there, or leave
+// something, and what lies on the caller's stack is none of its business.
+//
+// A filter counts as a run within a run although it takes nothing of the thread's stack: each one
+// that is under way has an open file, so that a filter whose function imports with the same filter
+// would use up the descriptors of the process.
+void ZephVM::RunFilter(Segment* filter, int body, int behind) {
+  if (!MayNest()) return;
+  auto entered = std::make_unique<ZephVM_FilterFrame>(wanted_segment, body, wanted_segment, behind,
+                                                      &ZephVM::import_filter_resume);
+  entered->Set_LocalVariable_Hash(frame->variables, false);
+  entered->Set_Stack(new ZephVM_Stack(this), true);
+  entered->error_output = frame->error_output;
+  entered->output_mode = frame->output_mode;
+  entered->previous = frame;
+  EnterFrame(entered.release());
+  root->runs++;
+  filter->NoteRepeat(*dictionary, functions);
+  wanted_segment = filter->number();
+  program_counter = 0;
+}
+
+// Leaves the frame of a filter.
+void ZephVM::LeaveFilter(int to_segment, int to_offset) {
+  const std::unique_ptr<ZephVM_Frame> left(frame);
+  frame = left->previous;
+  stack = frame->stack;
+  root->runs--;
+  wanted_segment = to_segment;
+  program_counter = to_offset;
+}
+
+// A filter has run to its end, in its frame.
+void ZephVM::import_filter_resume(int accepted) {
+  auto* const judged = static_cast<ZephVM_FilterFrame*>(frame);
+  // A function that the filter has called may have left the loop.
+  auto* const feature = static_cast<Import*>(Lookup_Feature(Feature::Type_Import));
+  if (!feature) {
+    FatalError("Invalid instruction");
+    return;
+  }
+  if (accepted) {
+    feature->CountRecord();
+    LeaveFilter(judged->return_segment, judged->return_offset);
+    return;
+  }
+  if (feature->Next() != 0) {
+    LeaveFilter(judged->saved_segment, judged->saved_offset);
+    Pop_Feature(feature);
+    return;
+  }
+  if (segment) segment->NoteRepeat(*dictionary, functions);
+  program_counter = 0;
+}
+
+// --- The loop ------------------------------------------------------------------------------------
+
+// What both opening instructions take.
+struct ZephVM::ImportOperands {
+  explicit ImportOperands(ZephVM_Stack* stack) : fields(stack), delimiter(stack), name(stack) {}
+
+  KeptString fields;
+  KeptString delimiter;
+  PoppedPath name;
+};
+
+void ZephVM::BeginImport(ImportOperands* operands, Segment* filter) {
+  const int distance = first_integer;
+  auto feature = std::make_unique<Import>(application, this);
+  KeptString& delimiter = operands->delimiter;
+  feature->SetDelimiter(delimiter.data(), delimiter.length(), delimiter.ownership());
+  feature->SetFields(operands->fields.data(), operands->fields.length());
+  if (stop_flag || RunLimit::WasCut()) return;
+  feature->SetFilter(filter);
+  PoppedPath& name = operands->name;
+  if (!feature->Start(name.data(), name.length(), name.size(), name.ownership())) {
+    EncodedRuntimeError(Tag_Import, feature->error());
+    program_counter = Jumped(program_counter, distance);
+    return;
+  }
+  ClearErrorVariable(Tag_Import);
+  if (feature->Next() != 0) {
+    program_counter = Jumped(program_counter, distance);
+    return;
+  }
+  Push_Feature(feature.release());
+  if (filter) RunFilter(filter, program_counter, WrapAdd(program_counter, distance));
+}
+
+// import  ( file delimiter fields -- )  Opens a text file of the data directory and reads its first
+// record: the pieces between the delimiters go to the variables of a comma-separated list of names,
+// and the record's number to the global recno. Without a record, and after an error of ZpIMPORT,
+// the loop is skipped. The form of a record is told in import.md.
+void ZephVM::import() {
+  ImportOperands operands(stack);
+  if (!stop_flag) BeginImport(&operands, nullptr);
+}
+
+// importf  ( file delimiter fields filter -- )  As import, but the loop runs, and recno counts,
+// only for records for which the filter is true: an expression, which finds the record in the
+// variables. One that leaves nothing is false. An empty filter takes all; one that is no expression
+// is an error of ZpIMPORT.
+void ZephVM::importf() {
+  const KeptString text(stack);
+  ImportOperands operands(stack);
+  if (stop_flag) return;
+  if (ExpressionCompiler::Expression_Empty(text.data(), text.length())) {
+    BeginImport(&operands, nullptr);
+    return;
+  }
+  String error;
+  Segment* const filter = FilterSegment(text.data(), text.length(), &error);
+  if (filter) {
+    BeginImport(&operands, filter);
+    return;
+  }
+  String message("Syntax error in filter: ", -1);
+  message.cat(error.data, error.length);
+  EncodedRuntimeError(Tag_Import, message);
+  program_counter = Jumped(program_counter, first_integer);
+}
+
+// import_loop  ( -- )  Reads the next record of the newest import and goes back to the loop's body;
+// at the end of the file it closes the import and goes on. Without an import it is the fatal error
+// "Invalid instruction".
+void ZephVM::import_loop() {
+  auto* const feature = static_cast<Import*>(Lookup_Feature(Feature::Type_Import));
+  if (!feature) {
+    FatalError("Invalid instruction");
+    return;
+  }
+  if (feature->Next() != 0) {
+    Pop_Feature(feature);
+    return;
+  }
+  const int body = Jumped(program_counter, first_integer);
+  if (feature->filter()) {
+    RunFilter(feature->filter(), body, program_counter);
+  } else {
+    program_counter = body;
+  }
+}
+
+// import_stop  ( -- )  Closes the newest import and leaves its loop. Without an import it is the
+// fatal error "Invalid instruction".
+void ZephVM::import_stop() {
+  Feature* const feature = Lookup_Feature(Feature::Type_Import);
+  if (!feature) {
+    FatalError("Invalid instruction");
+    return;
+  }
+  Pop_Feature(feature);
+  program_counter = Jumped(program_counter, first_integer);
+}
+
+// --- The export ----------------------------------------------------------------------------------
+
+// op_export  ( file delimiter fields -- )  Appends a record to a text file of the data directory,
+// which is made if there is none: the values of a comma-separated list of variables, with the
+// delimiter between. The record is written at once, so those of several exporters do not mix. Sets
+// the error variable of ZpEXPORT.
+void ZephVM::op_export() {
+  const KeptString names(stack);
+  const KeptString delimiter(stack);
+  const PoppedPath name(stack);
+  if (stop_flag) return;
+  FileManager* const files = application->filemanager();
+  const std::unique_ptr<File> file(
+      files->Open(ZephPath_Data, name.data(), FileMode_Write | FileMode_Create | FileMode_Append));
+  if (!file) {
+    String message("Unable to create file '", -1);
+    message.cat(name.data(), name.length());
+    message.cat("': ", 3);
+    message.cat(files->error().data, files->error().length);
+    EncodedRuntimeError(Tag_Export, message);
+    return;
+  }
+  VariableList fields;
+  Lookup_VariableList(&fields, names.data(), names.length());
+  // A bad name is fatal, and no reason to leave a record without a value.
+  if (stop_flag) return;
+  ExportRecord record;
+  bool is_first = true;
+  RunWatch watch(64);
+  for (Variable* field = fields.First(); field; field = fields.Next()) {
+    if (!is_first) record.AppendPlain(delimiter.data(), delimiter.length());
+    is_first = false;
+    const String& value = field->value();
+    if (value.data) record.AppendField(value.data, value.length);
+    if (watch.Over()) break;
+  }
+  // Part of a record is worse than none.
+  if (RunLimit::WasCut()) return;
+  record.AppendPlain("\n", 1);
+  if (record.whole() && file->Write(record.data(), record.length()) == record.length()) {
+    ClearErrorVariable(Tag_Export);
+    return;
+  }
+  String message("Unable to write to file '", -1);
+  message.cat(name.data(), name.length());
+  message.cat("'.", 2);
+  EncodedRuntimeError(Tag_Export, message);
+}

@@ -1,0 +1,296 @@
+// System variables without a value of their own: each read asks the clock, the application or the
+// settings. To a script they are ordinary variables that it cannot write, but for the four that are
+// settings of its own, such as its language.
+
+#ifndef ZEPH_BASE_SPECIALVARIABLE_H
+#define ZEPH_BASE_SPECIALVARIABLE_H
+
+#include "base/compiled/VariableHash.h"
+#include "base/host/ZephApplication.h"
+#include "base/values/Variable.h"
+
+// The system variables that every script finds, for the caller's table: the moment of this call,
+// which stands still, a few facts, and the special variables. The application is borrowed: it
+// outlives them.
+[[nodiscard]] LateVariables* NewSystemVariables(ZephApplication* application);
+
+// A number or a text that is computed at each read and never kept, so that two reads may differ.
+class ComputedVariable : public ImmutableVariable {
+ public:
+  // type is VariableComputedInteger or VariableComputedText.
+  ComputedVariable(const char* name, int type);
+
+  String& value() override;
+  // 0 for a text, whatever it says.
+  int value_integer() override;
+  double value_double() override;
+  double value_compare(int* not_numeric) override;
+  int type() override;
+  int IsNULL() override;
+
+ protected:
+  bool is_text() const { return computed_type == VariableComputedText; }
+  // The one that the type asks for is called; a null text is an empty one.
+  virtual long Number() = 0;
+  virtual const char* Text() = 0;
+
+ private:
+  int computed_type;
+};
+
+// What a DynamicTimeVariable tells of the present moment, in local time.
+enum DynamicTimeVariableType : int {
+  dyn_time_t = 0,
+  dyn_tm_usec = 1,
+  dyn_tm_sec = 2,
+  dyn_tm_min = 3,
+  dyn_tm_hour = 4,
+  dyn_tm_mday = 5,
+  dyn_tm_mon = 6,
+  dyn_stm_mon = 7,  // text
+  dyn_tm_year = 8,
+  dyn_tm_wday = 9,
+  dyn_stm_wday = 10,  // text
+  dyn_tm_yday = 11,
+  dyn_tm_isdst = 12,
+  dyn_stm_zone = 13,  // text
+};
+
+class DynamicTimeVariable : public ComputedVariable {
+ public:
+  ZEPH_FREE_LIST_OPERATORS(DynamicTimeVariable)
+
+  DynamicTimeVariable(const char* name, DynamicTimeVariableType what);
+
+  Variable* Clone(ZephApplication* application) override;
+
+ protected:
+  long Number() override;
+  const char* Text() override;
+
+ private:
+  DynamicTimeVariableType what;
+};
+
+// Seconds until the script's time is over, negative behind that; -1 without a limit.
+class TimeRemainingVariable : public ComputedVariable {
+ public:
+  TimeRemainingVariable(const char* name, ZephApplication* application);
+
+  Variable* Clone(ZephApplication* application) override;
+
+ protected:
+  long Number() override;
+  const char* Text() override;
+
+ private:
+  ZephApplication* application;
+};
+
+// A variable that keeps its value as others do, and sees to it before each read that it is still
+// the right one.
+class RefreshedVariable : public ImmutableVariable {
+ public:
+  using ImmutableVariable::ImmutableVariable;
+
+  String& value() override;
+  int value_integer() override;
+  double value_double() override;
+  double value_compare(int* not_numeric) override;
+  // Whoever copies a value asks for its type first and then looks at the forms themselves.
+  int type() override;
+  int primary_type() override;
+  int IsTrue() override;
+  int IsNULL() override;
+  AggregateElementTree* aggregateelements() override;
+  AggregateType aggregatetype() override;
+  Variable* Element(const AggregateIndex& index, int create) override;
+  Variable* Element(List<AggregateIndex>* path, int create) override;
+  int Max() override;
+  int Min() override;
+  int Next(int position) override;
+  int Previous(int position) override;
+  int ElementsUsed() override;
+
+ protected:
+  // Never called while the variable refers to nothing.
+  virtual void Refresh() = 0;
+  void StoreText(const char* text, int length);
+
+ private:
+  void RefreshOwn() {
+    if (!redirected()) Refresh();
+  }
+};
+
+// One of the texts that the application keeps for the script with a count of changes. Reading
+// copies the text when the count has moved on; writing changes the setting.
+class ApplicationTextVariable : public RefreshedVariable {
+ public:
+  int SetValue(const char* text, int length) override;
+  // Takes the source's text, up to its first NUL.
+  int SetValue(Variable& source) override;
+  int SetValue_Nocopy(char* buffer, int length, int allocated) override;
+  int SetValue_Integer(int value) override;
+  int SetValue_Double(double value) override;
+
+ protected:
+  ApplicationTextVariable(const char* name, ZephApplication* application);
+
+  void Refresh() override;
+  virtual const String& Setting() = 0;
+  virtual int Changes() = 0;
+  virtual void Change(const String& text) = 0;
+
+  ZephApplication* application;
+
+ private:
+  int changes_seen = 0;
+};
+
+class LanguageVariable : public ApplicationTextVariable {
+ public:
+  LanguageVariable(const char* name, ZephApplication* application);
+  Variable* Clone(ZephApplication* application) override;
+
+ protected:
+  const String& Setting() override { return application->language(); }
+  int Changes() override { return application->languagecount(); }
+  void Change(const String& text) override { application->SetLanguage(text); }
+};
+
+class DefaultLanguageVariable : public ApplicationTextVariable {
+ public:
+  DefaultLanguageVariable(const char* name, ZephApplication* application);
+  Variable* Clone(ZephApplication* application) override;
+
+ protected:
+  const String& Setting() override { return application->defaultlanguage(); }
+  int Changes() override { return application->defaultlanguagecount(); }
+  void Change(const String& text) override { application->SetDefaultLanguage(text); }
+};
+
+class DefaultDatabaseVariable : public ApplicationTextVariable {
+ public:
+  DefaultDatabaseVariable(const char* name, ZephApplication* application);
+  Variable* Clone(ZephApplication* application) override;
+
+ protected:
+  const String& Setting() override { return application->defaultdatabase(); }
+  int Changes() override { return application->defaultdatabasecount(); }
+  void Change(const String& text) override { application->SetDefaultDatabase(text); }
+};
+
+class CharacterSetVariable : public ApplicationTextVariable {
+ public:
+  CharacterSetVariable(const char* name, ZephApplication* application);
+  Variable* Clone(ZephApplication* application) override;
+
+ protected:
+  const String& Setting() override { return application->charset(); }
+  int Changes() override { return application->charsetcount(); }
+  void Change(const String& text) override { application->SetCharacterSet(text); }
+};
+
+// Whether connections can be encrypted, 1 or 0. The first read asks, which may load a library; the
+// answer stays.
+class SSLAvailableVariable : public RefreshedVariable {
+ public:
+  SSLAvailableVariable(const char* name, ZephApplication* application);
+  Variable* Clone(ZephApplication* application) override;
+
+ protected:
+  void Refresh() override;
+
+ private:
+  ZephApplication* application;
+};
+
+// The name under which process listings show the process.
+class ProcessNameVariable : public RefreshedVariable {
+ public:
+  ProcessNameVariable(const char* name, ZephApplication* application);
+  Variable* Clone(ZephApplication* application) override;
+
+ protected:
+  void Refresh() override;
+
+ private:
+  ZephApplication* application;
+};
+
+// --- Settings ------------------------------------------------------------------------------------
+
+// One setting. Reading it may ask the configuration library.
+class ConfigurationVariable : public ComputedVariable {
+ public:
+  // identifier is one of ConfigID.
+  ConfigurationVariable(const char* name, ZephApplication* application, int identifier);
+  Variable* Clone(ZephApplication* application) override;
+
+ protected:
+  long Number() override;
+  const char* Text() override;
+
+ private:
+  ZephApplication* application;
+  int identifier;
+};
+
+// The kinds of libraries that settings name.
+enum _ConfigurationLibrary_Type : int {
+  ConfigurationLibrary_Commerce = 0,
+  ConfigurationLibrary_Database = 1,
+  ConfigurationLibrary_System = 2,
+};
+
+// The names of the libraries of one kind, as an array from 1 on, made at the first read.
+class ConfigurationLibraryListVariable : public RefreshedVariable {
+ public:
+  ConfigurationLibraryListVariable(const char* name, ZephApplication* application,
+                                   _ConfigurationLibrary_Type kind);
+  Variable* Clone(ZephApplication* application) override;
+
+ protected:
+  void Refresh() override;
+
+ private:
+  ZephApplication* application;
+  _ConfigurationLibrary_Type kind;
+  bool loaded = false;
+};
+
+// A structure whose member of any name tells whether the library of that name can be had: 1 or 0.
+// Asking for a member loads the library; the answer stays.
+class ConfigurationLibraryLookupVariable : public ImmutableVariable {
+ public:
+  ConfigurationLibraryLookupVariable(const char* name, ZephApplication* application,
+                                     _ConfigurationLibrary_Type kind);
+  Variable* Clone(ZephApplication* application) override;
+  using ImmutableVariable::Element;
+  Variable* Element(const AggregateIndex& index, int create) override;
+
+ private:
+  bool LibraryIsThere(const char* name, int length);
+
+  ZephApplication* application;
+  _ConfigurationLibrary_Type kind;
+};
+
+// The structure of all settings, and of the lists of libraries, made at the first read.
+class ConfigurationAggregateVariable : public RefreshedVariable {
+ public:
+  ConfigurationAggregateVariable(const char* name, ZephApplication* application);
+  Variable* Clone(ZephApplication* application) override;
+
+ protected:
+  void Refresh() override;
+
+ private:
+  void AddMember(const char* name, Variable* adopted);
+
+  ZephApplication* application;
+  bool loaded = false;
+};
+
+#endif

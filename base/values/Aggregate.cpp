@@ -1,0 +1,413 @@
+// Tested in tests/base/values/AggregateTest.cpp.
+
+#include "base/values/Aggregate.h"
+
+#include <cstdio>
+#include <memory>
+
+#include "base/values/VariableRef.h"
+
+AggregateIndex::operator String&() {
+  if (position != -1 && key.length == 0) {
+    char text[16];
+    key.assign(text, snprintf(text, sizeof text, "%d", position));
+  }
+  return key;
+}
+
+String& AggregateIndex::serialized() {
+  if (serialized_text.length > 0) return serialized_text;
+  if (position != -1) {
+    char text[16];
+    serialized_text.assign(text, snprintf(text, sizeof text, "[%d]", position));
+  } else if (key.length > 0) {
+    serialized_text.assign(":", 1);
+    serialized_text.cat(key.data, key.length);
+  }
+  return serialized_text;
+}
+
+AggregateElement::AggregateElement(const AggregateIndex& index)
+    : key(index), variable(new Variable()) {}
+
+AggregateElement::AggregateElement(const AggregateIndex& index, Variable* shared)
+    : key(index), variable(shared) {
+  if (variable) variable->IncRefCount();
+}
+
+AggregateElement::AggregateElement(const AggregateElement& source)
+    : key(source.key), variable(source.variable ? new Variable(*source.variable) : nullptr) {}
+
+AggregateElement::~AggregateElement() {
+  if (variable) variable->DecRefCount();
+}
+
+void AggregateElement::SetVariable(Variable* replacement) {
+  if (replacement) replacement->IncRefCount();
+  Variable* old = variable;
+  variable = replacement;
+  if (old) old->DecRefCount();
+}
+
+// The texts that stand for the old position go with it.
+void AggregateElement::Renumber(int position) {
+  key.position = position;
+  key.key.destroy();
+  key.serialized_text.destroy();
+}
+
+namespace {
+void Shift(AggregateElement* element, int delta) {
+  element->Renumber(WrapAdd(element->index().position, delta));
+}
+}  // namespace
+
+AggregateElementTree::AggregateElementTree() : SplayTree(1) {}
+
+// The row of the source is no less a source: as a tree it has the same elements.
+AggregateElementTree::AggregateElementTree(const AggregateElementTree& source) : SplayTree(1) {
+  const_cast<AggregateElementTree&>(source).BecomeTree();
+  CopyFromSplayTree(source);
+}
+
+AggregateElementTree::~AggregateElementTree() = default;
+
+const AggregateIndex& AggregateElementTree::Key(AggregateElement* element) {
+  return element->key;
+}
+
+int AggregateElementTree::Compare(const AggregateIndex& key, AggregateElement* element) {
+  return element->key.Compare(key);
+}
+
+// --- The row -------------------------------------------------------------------------------------
+
+// Makes the nodes and elements that the row stands for.
+void AggregateElementTree::BecomeTree() {
+  const int count = dense.count();
+  if (count == 0) return;
+  const SplayShape& shape = dense.Shape();
+  const int first = dense.first();
+  // All memory is there before the row is touched.
+  std::vector<std::unique_ptr<Node>> nodes(static_cast<size_t>(count) + 1);
+  std::vector<std::unique_ptr<AggregateElement>> made(static_cast<size_t>(count) + 1);
+  for (size_t rank = 1; rank < nodes.size(); rank++) {
+    nodes[rank].reset(new Node{nullptr, nullptr, nullptr});
+    made[rank].reset(new AggregateElement(first + static_cast<int>(rank) - 1, nullptr));
+  }
+  for (int rank = 1; rank <= count; rank++) {
+    Node* node = nodes[static_cast<size_t>(rank)].get();
+    node->left = nodes[static_cast<size_t>(shape.node(rank).left)].get();
+    node->right = nodes[static_cast<size_t>(shape.node(rank).right)].get();
+  }
+  Node* top = nodes[static_cast<size_t>(shape.root())].get();
+  const std::unique_ptr<Variable*[]> variables = dense.TakeVariables();
+  for (size_t rank = 1; rank < nodes.size(); rank++) {
+    made[rank]->variable = variables[rank - 1];
+    nodes[rank]->item = made[rank].release();
+    (void)nodes[rank].release();
+  }
+  root = top;
+}
+
+void AggregateElementTree::AppendDense(int position, Variable* variable) {
+  dense.Append(position, variable);
+  entries = dense.count();
+}
+
+AggregateElementTree::Place AggregateElementTree::PlaceOf(AggregateElement* element) {
+  if (!element) return {false, 0, nullptr};
+  return {true, element->key.position, element->variable};
+}
+
+AggregateElementTree::Place AggregateElementTree::NextPlace(int position) {
+  if (position < 0) position = 0;
+  if (dense.count() == 0) return PlaceOf(Next(AggregateIndex(position)));
+  dense.Search(position);
+  if (position >= dense.last()) return {false, 0, nullptr};
+  const int next = position < dense.first() ? dense.first() : position + 1;
+  return {true, next, dense.Peek(next)};
+}
+
+AggregateElementTree::Place AggregateElementTree::PreviousPlace(int position) {
+  if (position < 0) position = 0;
+  if (dense.count() == 0) return PlaceOf(Previous(AggregateIndex(position)));
+  dense.Search(position);
+  if (position <= dense.first()) return {false, 0, nullptr};
+  const int previous = position > dense.last() ? dense.last() : position - 1;
+  return {true, previous, dense.Peek(previous)};
+}
+
+AggregateElementTree::Place AggregateElementTree::FirstPlace() {
+  if (dense.count() == 0) return PlaceOf(First());
+  return {true, dense.first(), dense.Peek(dense.first())};
+}
+
+AggregateElementTree::Place AggregateElementTree::LastPlace() {
+  if (dense.count() == 0) return PlaceOf(Last());
+  return {true, dense.last(), dense.Peek(dense.last())};
+}
+
+Variable* AggregateElementTree::InsertNew(const AggregateIndex& index) {
+  if (TakesDense(index)) {
+    VariableRef variable(new Variable());
+    AppendDense(index.position, variable.get());
+    return variable.release();
+  }
+  auto element = std::make_unique<AggregateElement>(index);
+  Insert(element.get());
+  return element.release()->variable;
+}
+
+void AggregateElementTree::InsertNew(const AggregateIndex& index, Variable* variable) {
+  if (variable && TakesDense(index)) {
+    AppendDense(index.position, variable);
+    variable->Hold();
+    return;
+  }
+  auto element = std::make_unique<AggregateElement>(index, variable);
+  Insert(element.get());
+  (void)element.release();
+}
+
+void AggregateElementTree::Exchange(int position, Variable* variable) {
+  if (variable) {
+    variable->Hold();
+    dense.Replace(position, variable)->Release();
+  } else {
+    Find(AggregateIndex(position))->SetVariable(nullptr);
+  }
+}
+
+bool AggregateElementTree::RemoveFromRow(int position) {
+  if (position == dense.last()) {
+    Variable* removed = dense.RemoveLast();
+    entries = dense.count();
+    removed->Release();
+    return true;
+  }
+  if (position >= dense.first() && position < dense.last()) return false;
+  dense.Search(position);
+  return true;
+}
+
+// Where there was a position 0, the position that an element gets may be that of the next one: then
+// the search is for the element. One that searches miss keeps its position, and the walk has no
+// more steps than there are elements.
+int AggregateElementTree::Collapse() {
+  if (dense.count() > 0) {
+    for (int position = dense.first(); position <= dense.last(); position++) {
+      dense.Search(position);
+    }
+    dense.MoveTo(1);
+    return dense.count();
+  }
+  AggregateElement* element = SplayTree::First();
+  const bool shifts_up = element && element->key.position == 0;
+  for (int position = 1; element && position <= Entries(); position++) {
+    element->Renumber(position);
+    const AggregateIndex key(position);
+    const int order = SplayBy([&key, element, shifts_up](AggregateElement* other) {
+      const int compared = other->key.Compare(key);
+      return compared == 0 && shifts_up && other != element ? -1 : compared;
+    });
+    element = order < 0 ? root->item : LeastOf(root->right);
+  }
+  return Entries();
+}
+
+void AggregateElementTree::ExpectCopyOf(AggregateElementTree* source) {
+  if (source->dense.count() == 0) return;
+  dense.BecomeCopyOf(&source->dense);
+  entries = dense.count();
+}
+
+Variable* AggregateElementTree::InsertCopy(const Row& source) {
+  if (dense.count() > 0) {
+    auto* variable = new Variable();
+    dense.Replace(source.position, variable);
+    return variable;
+  }
+  auto element = std::make_unique<AggregateElement>(source.element->key);
+  Insert(element.get());
+  return element.release()->variable;
+}
+
+// --- The tree ------------------------------------------------------------------------------------
+
+int AggregateElementTree::SplayKey(const AggregateIndex& key) {
+  if (key.position < 0) {
+    return SplayBy([&key](AggregateElement* element) { return element->key.Compare(key); });
+  }
+  const int position = key.position;
+  return SplayBy([&key, position](AggregateElement* element) {
+    const int other = element->key.position;
+    // Sums that wrap can give an element the position of a name.
+    if (other == -1) [[unlikely]]
+      return element->key.Compare(key);
+    return (position > other) - (position < other);
+  });
+}
+
+AggregateElement* AggregateElementTree::FindMember(const char* name, int length) {
+  BecomeTree();
+  const int order = SplayBy([name, length](AggregateElement* element) {
+    return element->key.CompareWithName(name, length);
+  });
+  return root && order == 0 ? root->item : nullptr;
+}
+
+AggregateElement* AggregateElementTree::Find(const AggregateIndex& key) {
+  BecomeTree();
+  return root && SplayKey(key) == 0 ? root->item : nullptr;
+}
+
+AggregateElement* AggregateElementTree::Next(const AggregateIndex& key) {
+  BecomeTree();
+  if (!root) return nullptr;
+  return SplayKey(key) < 0 ? root->item : LeastOf(root->right);
+}
+
+AggregateElement* AggregateElementTree::LeastOf(Node* node) {
+  while (node && node->left) node = node->left;
+  return node ? node->item : nullptr;
+}
+
+AggregateElement* AggregateElementTree::Previous(const AggregateIndex& key) {
+  BecomeTree();
+  if (!root) return nullptr;
+  if (SplayKey(key) > 0) return root->item;
+  Node* node = root->left;
+  while (node && node->right) node = node->right;
+  return node ? node->item : nullptr;
+}
+
+AggregateElement* AggregateElementTree::First() {
+  BecomeTree();
+  return SplayTree::First();
+}
+
+AggregateElement* AggregateElementTree::Last() {
+  BecomeTree();
+  return SplayTree::Last();
+}
+
+void AggregateElementTree::Insert(AggregateElement* element) {
+  BecomeTree();
+  InsertAtRoot(element, root ? SplayKey(element->key) : 0);
+}
+
+AggregateElement* AggregateElementTree::Remove(const AggregateIndex& key) {
+  BecomeTree();
+  return SplayTree::Remove(key);
+}
+
+void AggregateElementTree::Dump() {
+  if (dense.count() > 0) entries = 0;
+  dense.Drop();
+  SplayTree::Dump();
+}
+
+void AggregateElementTree::AppendToList(List<AggregateElement>& list) {
+  BecomeTree();
+  SplayTree::AppendToList(list);
+}
+
+// Behind the last element there is nothing to move: what is left is the search.
+void AggregateElementTree::Displace(int from, int delta) {
+  if (delta == 0 || IsEmpty()) return;
+  const AggregateIndex first(from);
+  if (dense.count() > 0 && first.position > dense.last()) {
+    dense.Search(first.position);
+    return;
+  }
+  BecomeTree();
+  Splay(first);
+  if (root->item->key.position >= first.position) Shift(root->item, delta);
+  if (!root->right) return;
+  if (Entries() > kRecursionLimit) {
+    DisplaceStack(delta, root->right);
+  } else {
+    DisplaceRecurse(delta, root->right);
+  }
+}
+
+void AggregateElementTree::DisplaceRecurse(int delta, SplayTreeNode<AggregateElement>* node) {
+  if (node->left) DisplaceRecurse(delta, node->left);
+  Shift(node->item, delta);
+  if (node->right) DisplaceRecurse(delta, node->right);
+}
+
+void AggregateElementTree::DisplaceStack(int delta, SplayTreeNode<AggregateElement>* node) {
+  std::vector<SplayTreeNode<AggregateElement>*> above;
+  while (node || !above.empty()) {
+    for (; node; node = node->left) above.push_back(node);
+    node = above.back();
+    above.pop_back();
+    Shift(node->item, delta);
+    node = node->right;
+  }
+}
+
+// --- Listings ------------------------------------------------------------------------------------
+
+namespace {
+AggregateElementTree::Row RowOf(AggregateElement* element) {
+  return {element, element->index().position, element->var()};
+}
+}  // namespace
+
+void AggregateElementTree::Listing(std::vector<Row>* rows) {
+  if (rows->empty()) rows->reserve(static_cast<size_t>(Entries()));
+  for (int i = 0; i < dense.count(); i++) {
+    const int position = dense.first() + i;
+    rows->push_back({nullptr, position, dense.Peek(position)});
+  }
+  // A path from the root is no longer than the tree has elements.
+  Node* near[kRecursionLimit];
+  std::unique_ptr<Node*[]> far;
+  Node** above = near;
+  if (root && Entries() > kRecursionLimit) {
+    far.reset(new Node*[static_cast<size_t>(Entries())]);
+    above = far.get();
+  }
+  int depth = 0;
+  Node* node = root;
+  while (node || depth > 0) {
+    for (; node; node = node->left) above[depth++] = node;
+    node = above[--depth];
+    rows->push_back(RowOf(node->item));
+    node = node->right;
+  }
+}
+
+void AggregateElementTree::Listing(std::vector<AggregateElement*>* elements) {
+  BecomeTree();
+  std::vector<Row> rows;
+  Listing(&rows);
+  for (const Row& row : rows) elements->push_back(row.element);
+}
+
+void AggregateElementTree::ListingForCopy(std::vector<Row>* rows) {
+  if (Entries() <= kRecursionLimit) {
+    Listing(rows);
+    return;
+  }
+  if (dense.count() > 0) {
+    std::vector<int> ranks;
+    dense.OrderForCopy(&ranks);
+    for (const int rank : ranks) {
+      const int position = dense.first() + rank - 1;
+      rows->push_back({nullptr, position, dense.Peek(position)});
+    }
+    return;
+  }
+  std::vector<Node*> pending(1, root);
+  while (!pending.empty()) {
+    Node* node = pending.back();
+    pending.pop_back();
+    if (node->left) pending.push_back(node->left);
+    if (node->right) pending.push_back(node->right);
+    rows->push_back(RowOf(node->item));
+  }
+}

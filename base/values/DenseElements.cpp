@@ -1,0 +1,296 @@
+// Tested in tests/base/values/DenseElementsTest.cpp, against the tree that it stands for.
+
+#include "base/values/DenseElements.h"
+
+#include <cstring>
+#include <utility>
+
+#include "base/values/Variable.h"
+#include "base/values/VariableRef.h"
+
+// --- SplayShape ----------------------------------------------------------------------------------
+
+void SplayShape::MakeChain(int count, bool falling) {
+  Clear(count);
+  for (int rank = 1; rank <= count; rank++) {
+    nodes[static_cast<size_t>(rank)] =
+        falling ? Links{rank - 1, 0} : Links{0, rank < count ? rank + 1 : 0};
+  }
+  root_ = count == 0 ? 0 : falling ? count : 1;
+}
+
+void SplayShape::Clear(int count) {
+  nodes.assign(static_cast<size_t>(count) + 1, Links{0, 0});
+  root_ = 0;
+}
+
+// Step by step what SplayTree::SplayBy does.
+void SplayShape::Splay(int key) {
+  if (root_ == 0) return;
+  Links* node = nodes.data();
+  int less = 0;
+  int greater = 0;
+  int top = root_;
+  node[0] = {0, 0};
+  while (key != top) {
+    int child = key < top ? node[top].left : node[top].right;
+    if (child == 0) break;
+    if (key < top) {
+      if (key < child) {
+        node[top].left = node[child].right;
+        node[child].right = top;
+        top = child;
+        child = node[top].left;
+        if (child == 0) break;
+      }
+      node[greater].left = top;
+      greater = top;
+    } else {
+      if (key > child) {
+        node[top].right = node[child].left;
+        node[child].left = top;
+        top = child;
+        child = node[top].right;
+        if (child == 0) break;
+      }
+      node[less].right = top;
+      less = top;
+    }
+    top = child;
+  }
+  node[less].right = node[top].left;
+  node[greater].left = node[top].right;
+  node[top].left = node[0].right;
+  node[top].right = node[0].left;
+  root_ = top;
+}
+
+void SplayShape::Insert(int rank) {
+  if (static_cast<size_t>(rank) >= nodes.size()) {
+    nodes.resize(static_cast<size_t>(rank) + 1, Links{0, 0});
+  }
+  Splay(rank);
+  Links* node = nodes.data();
+  if (root_ == 0) {
+    node[rank] = {0, 0};
+  } else if (rank < root_) {
+    node[rank] = {std::exchange(node[root_].left, 0), root_};
+  } else {
+    node[rank] = {root_, std::exchange(node[root_].right, 0)};
+  }
+  root_ = rank;
+}
+
+void SplayShape::RemoveGreatest(int rank) {
+  Splay(rank);
+  root_ = node(rank).left;
+}
+
+void SplayShape::OrderForCopy(std::vector<int>* ranks) const {
+  std::vector<int> pending;
+  if (root_ != 0) pending.push_back(root_);
+  while (!pending.empty()) {
+    const int rank = pending.back();
+    pending.pop_back();
+    if (node(rank).left != 0) pending.push_back(node(rank).left);
+    if (node(rank).right != 0) pending.push_back(node(rank).right);
+    ranks->push_back(rank);
+  }
+}
+
+// --- Searches ------------------------------------------------------------------------------------
+
+// Runs join: where the rank is a neighbour of the root, the root begins the run, since searching it
+// once more changes nothing.
+void DenseElements::TouchElsewhere(int rank) {
+  const int difference = rank - top;
+  if (difference == 1 || difference == -1) {
+    if (step != difference) {
+      if (step != 0) CloseRun();
+      StartRun(top);
+      step = difference;
+      if (run_first == 1 && step == 1) goal = count_;
+      if (run_first == count_ && step == -1) goal = 1;
+    }
+    top = rank;
+    if (rank == goal) {
+      BecomeChain(step == 1);
+    } else {
+      expected = rank + step;
+    }
+    return;
+  }
+  CloseRun();
+  StartRun(rank);
+  top = rank;
+  unnoted = true;
+}
+
+void DenseElements::StartRun(int rank) {
+  run_first = rank;
+  step = 0;
+  expected = goal = Nowhere;
+}
+
+void DenseElements::BecomeChain(bool is_falling) {
+  falling = is_falling;
+  chain_count = count_;
+  history.reset();
+  StandAt(falling ? count_ : 1);
+}
+
+void DenseElements::CloseRun() {
+  if (run_first != top || unnoted) Note(run_first, top);
+  unnoted = false;
+}
+
+void DenseElements::Note(int run_from, int run_to) {
+  if (!history) history = std::make_unique<History>();
+  history->runs.push_back({run_from, run_to});
+  // So that the notes stay in proportion to what they are about.
+  if (history->runs.size() > 1024 + static_cast<size_t>(count_) / 2) PlayNotes();
+}
+
+void DenseElements::NoteAppendInHistory() {
+  if (count_ == 0) {
+    history.reset();
+    falling = true;
+    return;
+  }
+  CloseRun();
+  // An array that is only filled makes one note of it.
+  if (history && !history->runs.empty()) {
+    Run& run = history->runs.back();
+    if (run.first < 0 && run.last == count_) {
+      run.last = count_ + 1;
+      return;
+    }
+  }
+  Note(-(count_ + 1), count_ + 1);
+}
+
+// The open run is not played: it is closed before, or noted later.
+void DenseElements::PlayNotes() {
+  SplayShape& shape = history->shape;
+  if (!history->shaped) shape.MakeChain(chain_count, falling);
+  for (const Run& run : history->runs) {
+    if (run.first < 0) {
+      for (int rank = -run.first; rank <= run.last; rank++) shape.Insert(rank);
+    } else if (run.first <= run.last) {
+      for (int rank = run.first; rank < run.last; rank++) shape.Splay(rank);
+      shape.Splay(run.last);
+    } else {
+      for (int rank = run.first; rank >= run.last; rank--) shape.Splay(rank);
+    }
+  }
+  history->runs.clear();
+  history->shaped = true;
+}
+
+// A stack of a script, pushed and popped, stays a falling chain.
+Variable* DenseElements::RemoveLast() {
+  Touch(count_);
+  Variable* removed = VariableOf(&slots[count_ - 1]);
+  int root = count_ - 1;
+  if (!IsChain() || !falling) {
+    SplayShape& shape = UpToDate()->shape;
+    shape.RemoveGreatest(count_);
+    root = shape.root();
+  }
+  --count_;
+  if (count_ == 0) {
+    history.reset();
+    falling = true;
+  }
+  if (!history) chain_count = count_;
+  StandAt(root);
+  return removed;
+}
+
+// --- The shape -----------------------------------------------------------------------------------
+
+DenseElements::History* DenseElements::UpToDate() {
+  CloseRun();
+  if (!history) history = std::make_unique<History>();
+  PlayNotes();
+  StandAt(top);
+  return history.get();
+}
+
+void DenseElements::OrderForCopy(std::vector<int>* ranks) {
+  ranks->reserve(ranks->size() + static_cast<size_t>(count_));
+  if (!IsChain()) {
+    Shape().OrderForCopy(ranks);
+  } else if (falling) {
+    for (int rank = count_; rank >= 1; rank--) ranks->push_back(rank);
+  } else {
+    for (int rank = 1; rank <= count_; rank++) ranks->push_back(rank);
+  }
+}
+
+// Inserted in falling order, ranks make the rising chain, and the other way round.
+void DenseElements::BecomeCopyOf(DenseElements* source) {
+  slots = new DenseSlot[static_cast<size_t>(source->count_)]();
+  capacity = count_ = source->count_;
+  base = source->base;
+  chain_count = count_;
+  if (count_ <= 99) {
+    BecomeChain(true);
+  } else if (source->IsChain()) {
+    BecomeChain(!source->falling);
+  } else {
+    std::vector<int> ranks;
+    source->OrderForCopy(&ranks);
+    history = std::make_unique<History>();
+    history->shape.Clear(count_);
+    for (const int rank : ranks) history->shape.Insert(rank);
+    history->shaped = true;
+    StandAt(history->shape.root());
+  }
+}
+
+// --- Memory --------------------------------------------------------------------------------------
+
+void DenseElements::Grow() {
+  const int larger = capacity == 0          ? 8
+                     : capacity < (1 << 16) ? capacity * 2
+                                            : capacity + capacity / 2;
+  auto* moved = new DenseSlot[static_cast<size_t>(larger)];
+  if (count_ > 0) memcpy(moved, slots, sizeof(DenseSlot) * static_cast<size_t>(count_));
+  delete[] slots;
+  slots = moved;
+  capacity = larger;
+}
+
+std::unique_ptr<Variable* []> DenseElements::TakeVariables() {
+  std::unique_ptr<Variable*[]> taken(new Variable*[static_cast<size_t>(count_)]);
+  for (int i = 0; i < count_; i++) taken[static_cast<size_t>(i)] = VariableOf(&slots[i]);
+  count_ = 0;
+  Drop();
+  return taken;
+}
+
+// Variables that are released may ask for elements of the array, which is empty by then.
+void DenseElements::Drop() {
+  const int releases = count_;
+  const std::unique_ptr<DenseSlot[]> dropped(std::exchange(slots, nullptr));
+  count_ = capacity = chain_count = 0;
+  history.reset();
+  falling = true;
+  StandAt(0);
+  for (int i = 0; i < releases; i++) {
+    const DenseSlot& slot = dropped[static_cast<size_t>(i)];
+    if (slot.IsVariable() && slot.variable()) slot.variable()->Release();
+  }
+}
+
+Variable* DenseElements::MakeVariable(DenseSlot* slot) {
+  VariableRef made(new Variable());
+  if (slot->IsInteger()) {
+    made->Write_Integer(slot->integer());
+  } else {
+    made->Write_Double(slot->number());
+  }
+  *slot = DenseSlot(made.get());
+  return made.release();
+}

@@ -1,0 +1,1024 @@
+// The value itself: reading, writing, references and counts. The operations on elements are in
+// VariableElements.cpp, the search for values that only hold themselves in VariableCycles.cpp.
+// Tested in tests/base/values/VariableTest.cpp.
+
+#include "base/values/Variable.h"
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "base/core/BufferRoom.h"
+#include "base/core/CopyText.h"
+#include "base/core/RunLimit.h"
+#include "base/host/ZephApplication.h"
+#include "base/values/Aggregate.h"
+#include "base/values/DeferredText.h"
+#include "base/values/VariableRef.h"
+#include "base/values/VariableWalk.h"
+
+static_assert(std::endian::native == std::endian::little, "valid_forms is the low byte of state");
+
+// --- Construction and deletion -------------------------------------------------------------------
+
+Variable::Variable() = default;
+
+Variable::Variable(const char* name, int length) : name_(name, length) {}
+
+Variable::Variable(const char* name, int length, const char* value, int valuelength)
+    : name_(name, length),
+      string_value(value, valuelength),
+      state(Unproved | TextForm),
+      primary(PrimaryText) {}
+
+Variable::Variable(const String& name, const String& value)
+    : name_(name), string_value(value), state(Unproved | TextForm), primary(PrimaryText) {}
+
+Variable::Variable(const char* name, int length, char* buffer, int valuelength, int allocated)
+    : string_value(buffer, valuelength, allocated),
+      state(Unproved | TextForm),
+      primary(PrimaryText) {
+  name_.assign(name, length);
+}
+
+Variable::Variable(const char* name, int length, int value)
+    : name_(name, length),
+      integer_value(value),
+      double_value(value),
+      state(Unproved | IntegerForm),
+      primary(PrimaryInteger) {}
+
+Variable::Variable(const char* name, int length, double value)
+    : name_(name, length),
+      integer_value(DoubleToInteger(value)),
+      double_value(value),
+      state(Unproved | IntegerForm | DoubleForm),
+      primary(PrimaryDouble) {}
+
+Variable::Variable(const Variable& source) {
+  SetName(source.name_);
+  // Reading a value fills its caches, so the source is not const in truth.
+  Variable::SetValue(const_cast<Variable&>(source));
+}
+
+Variable::~Variable() {
+  if (state & Watched) DeferredText::SettleLast(this);
+  if (elements) DeleteTree(elements);
+  if (state & Suspect) ForgetSuspect();
+  if (name_.allocated == SharedMark) DropSharedName();
+}
+
+bool Variable::ProvesPlain() const {
+  if ((state & NotPlain) != Unproved || !IsOfThisClass()) return false;
+  state &= ~Unproved;
+  return true;
+}
+
+// A text goes last: nothing is done to what is not as new without it.
+bool Variable::Renew() {
+  if (!IsPlain()) return false;
+  char* const text = std::exchange(string_value.data, nullptr);
+  const bool renewed = RenewNumber();
+  string_value.data = text;
+  if (renewed) string_value.destroy();
+  return renewed;
+}
+
+void Variable::DeletePlain() {
+  this->Variable::~Variable();
+  Variable::operator delete(this, sizeof(Variable));
+}
+
+namespace {
+// What the releases of this thread have under way.
+struct Releases {
+  AggregateElementTree* waiting = nullptr;  // trees, while one is being deleted
+  Variable* indebted = nullptr;             // references, while there is a group
+  int groups = 0;
+  bool deletes_tree = false;
+};
+constinit thread_local Releases releases;
+}  // namespace
+
+// Elements have elements, and deleting a variable within a tree comes back here: then the inner
+// tree waits for its turn, so that no nesting is too deep for the native stack.
+void Variable::DeleteTree(AggregateElementTree* tree) {
+  tree->next_deleted = releases.waiting;
+  releases.waiting = tree;
+  if (releases.deletes_tree) return;
+  const ReleaseGroup group;
+  releases.deletes_tree = true;
+  while ((tree = releases.waiting)) {
+    releases.waiting = tree->next_deleted;
+    delete tree;
+  }
+  releases.deletes_tree = false;
+}
+
+void Variable::DropElements() {
+  AggregateElementTree* tree = elements;
+  elements = nullptr;
+  aggregate = AggregateNone;
+  if (tree) DeleteTree(tree);
+}
+
+Variable* Variable::Clone(ZephApplication* application) {
+  if (reference) return Final()->Clone(application);
+  if (state & Gone) return new NULLVariable();
+  return new Variable(*this);
+}
+
+// --- Identity and counts -------------------------------------------------------------------------
+
+String& Variable::name() {
+  if (name_.allocated == SharedMark) OwnName();
+  return name_;
+}
+
+// Who asks for the name gets a String like any other, to change as well.
+void Variable::OwnName() {
+  SharedName* shared = SharedName::Of(name_.release());
+  name_.assign(shared->text(), shared->length());
+  shared->Release();
+}
+
+void Variable::SetName(const String& name) {
+  if (name.data && &name != &name_) this->name() = name;
+}
+
+Variable* Variable::NextIdentity() {
+  return state & Reference ? reference : this;
+}
+
+namespace {
+// Counts the references of this thread that came to refer to something else, or to nothing. At its
+// limit it stays, and nothing is remembered any more.
+constinit thread_local unsigned changed_references = 1;
+
+void NoteChangedReference() {
+  if (changed_references != UINT_MAX) changed_references++;
+}
+}  // namespace
+
+// Scripts can chain references without bound, and then use each of them: so those that were passed
+// remember the end, where it leads on if it has become a reference, in what would be their numbers.
+// It holds while no reference was changed. A chain has an end, since no reference is ever made to
+// what refers to it.
+Variable* Variable::Final() {
+  if (!reference) return this;
+  if (!reference->reference) return reference;
+  const auto remembers = static_cast<int>(changed_references);
+  const auto following = [remembers](Variable* holder) {
+    const bool is_marked = (holder->state & (Indebted | Settling | Reached)) != 0;
+    if (!is_marked && holder->integer_value == remembers && holder->link()) return holder->link();
+    return holder->reference;
+  };
+  Variable* end = this;
+  while (end->reference) end = following(end);
+  if (changed_references == UINT_MAX) return end;
+  for (Variable* holder = this; holder->reference;) {
+    Variable* const next = following(holder);
+    if (!(holder->state & (Indebted | Settling | Reached))) {
+      holder->SetLink(end);
+      holder->integer_value = remembers;
+    }
+    holder = next;
+  }
+  return end;
+}
+
+Variable* Variable::RealIdentity() {
+  return Final();
+}
+
+int Variable::type() {
+  if (!redirected()) return VariableStored;
+  return state & Reference ? VariableReference : VariableNULL;
+}
+
+int Variable::TypeReferredTo() {
+  return reference ? reference->type() : type();
+}
+
+int Variable::refcount() {
+  return refcount_;
+}
+
+void Variable::IncRefCount() {
+  AddCounts(this, 1);
+}
+
+void Variable::DecRefCount() {
+  TakeCounts(this, 1);
+}
+
+void Variable::AddCounts(Variable* holder, int counts) {
+  for (; holder; holder = holder->reference) holder->refcount_ += counts;
+}
+
+void Variable::TakeCounts(Variable* holder, int counts) {
+  if (holder->reference && releases.groups > 0) {
+    TakeCountsLater(holder, counts);
+  } else {
+    TakeCountsNow(holder, counts);
+  }
+}
+
+void Variable::TakeCountsNow(Variable* holder, int counts) {
+  while (holder) {
+    // The target stands while its turn is to come: it has the counts of this holder.
+    Variable* target = holder->reference;
+    // What is listed in a group goes with the list.
+    if ((holder->refcount_ -= counts) == 0 && !(holder->state & Indebted)) delete holder;
+    holder = target;
+  }
+}
+
+// --- Groups of releases --------------------------------------------------------------------------
+
+ReleaseGroup::ReleaseGroup() {
+  releases.groups++;
+}
+
+ReleaseGroup::~ReleaseGroup() {
+  if (--releases.groups == 0 && releases.indebted) {
+    Variable::SettleDebts(std::exchange(releases.indebted, nullptr));
+  }
+}
+
+// A reference in a group has as many counts on its target as there are on itself and as it owes
+// together. One that is deleted owes all that it has. If it is in the list by then, it stays there
+// with no counts, and the object goes when the list does.
+void Variable::TakeCountsLater(Variable* holder, int counts) {
+  for (;;) {
+    const bool is_listed = (holder->state & Indebted) != 0;
+    const int owed = counts + (is_listed ? holder->number() : 0);
+    if ((holder->refcount_ -= counts) > 0) {
+      if (!is_listed) {
+        holder->state |= Indebted;
+        holder->SetLink(releases.indebted);
+        releases.indebted = holder;
+      }
+      holder->number() = owed;
+      return;
+    }
+    Variable* const target = holder->reference;
+    if (!is_listed) delete holder;
+    if (!target->reference) {
+      TakeCountsNow(target, owed);
+      return;
+    }
+    holder = target;
+    counts = owed;
+  }
+}
+
+// Nothing is deleted here but what has no counts any more: whoever owes is held, and so is what it
+// refers to.
+//
+// First all chains are walked once, each up to where another one was met before, and every variable
+// on them counts the ways that lead to it. Then debts are handed on, from each variable once the
+// last way to it has brought its own. That count is kept in primary, which is 0 before and after.
+void Variable::SettleDebts(Variable* list) {
+  Variable* indebted = nullptr;
+  while (Variable* const first = list) {
+    list = first->link();
+    if (first->refcount_ == 0) {
+      delete first;
+      continue;
+    }
+    first->SetLink(indebted);
+    indebted = first;
+    for (Variable* holder = first; holder->reference; holder = holder->reference) {
+      if (holder != first) holder->primary++;
+      if (holder->state & Settling) break;
+      holder->state |= Settling;
+      if (!(holder->state & Indebted)) holder->number() = 0;
+    }
+  }
+  while (Variable* const first = indebted) {
+    indebted = first->link();
+    const bool begins = (first->state & Settling) && first->primary == 0;
+    first->state &= ~Indebted;
+    first->SetLink(nullptr);
+    if (!begins) continue;
+    for (Variable* holder = first;;) {
+      const int owed = std::exchange(holder->number(), 0);
+      holder->state &= ~Settling;
+      holder = holder->reference;
+      holder->refcount_ -= owed;
+      if (!holder->reference) break;
+      holder->number() += owed;
+      if (--holder->primary > 0) break;
+    }
+  }
+}
+
+// --- References ----------------------------------------------------------------------------------
+
+void Variable::Make_Reference(Variable* target) {
+  if (!target || target == this || (state & Gone)) return;
+  Changing();
+  if (state & Reference) {
+    Rebind(target);
+  } else if (target->RealIdentity() != this) {
+    ReferTo(target);
+  }
+}
+
+// The object keeps its class and its place in memory, since others hold its address; only its
+// state says from here on that the value is elsewhere. A reference has as many counts on its
+// target as there are on itself.
+void Variable::ReferTo(Variable* target) {
+  const VariableRef target_pin = VariableRef::Share(target);
+  // An element may refer to this object and have one of its counts.
+  const VariableRef pin = VariableRef::Share(this);
+  string_value.destroy();
+  error_.destroy();
+  valid_forms = 0;
+  primary = PrimaryNone;
+  integer_value = 0;
+  double_value = 0.0;
+  DropElements();
+  NoteEdge(target);
+  AddCounts(target, refcount_);
+  state |= Reference;
+  reference = target;
+}
+
+void Variable::Rebind(Variable* target) {
+  if (target == reference || target->RealIdentity() == Final()) return;
+  NoteEdge(target);
+  NoteChangedReference();
+  const VariableRef pin = VariableRef::Share(this);
+  AddCounts(target, refcount_);
+  const int counts = refcount_ + Forgive();
+  Variable* old = reference;
+  reference = target;
+  // This may delete the old target and, with it, take a count off this object.
+  if (old) TakeCounts(old, counts);
+}
+
+// What a reference owes its target, which it does not any more.
+int Variable::Forgive() {
+  return state & Indebted ? std::exchange(number(), 0) : 0;
+}
+
+void Variable::Make_NULL() {
+  Changing();
+  const VariableRef pin = VariableRef::Share(this);
+  const int counts = refcount_ + Forgive();
+  Variable* old = reference;
+  if (old) NoteChangedReference();
+  reference = nullptr;
+  state = (state & ~Reference) | Gone;
+  valid_forms = 0;
+  primary = PrimaryNone;
+  integer_value = 0;
+  if (!(state & Indebted)) double_value = 0.0;
+  if (name_.allocated == SharedMark) DropSharedName();
+  name_.destroy();
+  string_value.destroy();
+  error_.destroy();
+  DropElements();
+  if (old) TakeCounts(old, counts);
+}
+
+// --- Reading -------------------------------------------------------------------------------------
+
+String& Variable::value() {
+  if (redirected()) {
+    if (reference) return Final()->value();
+    if (state & Gone) return string_value;
+  }
+  if (elements) {
+    string_value.assign("", 0);
+    Serialize(string_value);
+  } else if (!(valid_forms & TextForm)) {
+    Convert_String();
+  }
+  return string_value;
+}
+
+int Variable::value_integer() {
+  if (redirected()) return reference ? Final()->value_integer() : 0;
+  if (elements) return 0;
+  if (!(valid_forms & IntegerForm)) Convert_Integer();
+  return integer_value;
+}
+
+double Variable::value_double() {
+  if (redirected()) return reference ? Final()->value_double() : 0.0;
+  if (elements) return 0.0;
+  if (!(valid_forms & DoubleForm)) Convert_Double();
+  return double_value;
+}
+
+// Text is read as a number each time, cached double or not: only the reading tells whether it is
+// one.
+double Variable::value_compare(int* not_numeric) {
+  if (reference) return Final()->value_compare(not_numeric);
+  *not_numeric = 0;
+  if (redirected()) return 0.0;
+  if (elements) {
+    *not_numeric = 1;
+    return 0.0;
+  }
+  if (valid_forms & TextForm) {
+    double_value = ZephApplication::stod(string_value.data, string_value.length,
+                                         string_value.allocated, not_numeric);
+    if (!*not_numeric) valid_forms |= DoubleForm;
+    return double_value;
+  }
+  if (valid_forms & DoubleForm) return double_value;
+  if (valid_forms & IntegerForm) {
+    double_value = integer_value;
+    valid_forms |= DoubleForm;
+    return double_value;
+  }
+  return 0.0;
+}
+
+int Variable::primary_type() {
+  return reference ? Final()->primary_type() : primary;
+}
+
+int Variable::preferred_type() {
+  return reference ? Final()->preferred_type() : PrimaryText;
+}
+
+int Variable::IsTrue() {
+  if (redirected()) return reference ? Final()->IsTrue() : 0;
+  if (valid_forms & TextForm) return IsTrue(string_value.data, string_value.length);
+  if (valid_forms & DoubleForm) return double_value != 0.0;
+  if (valid_forms & IntegerForm) return integer_value != 0;
+  const String& text = value();
+  return IsTrue(text.data, text.length);
+}
+
+int Variable::IsTrue(const char* text, int length) {
+  bool point = false;
+  for (int i = 0; i < length; i++) {
+    if (text[i] == '0') continue;
+    if (text[i] != '.' || point) return 1;
+    point = true;
+  }
+  return 0;
+}
+
+int Variable::IsNULL() {
+  if (redirected()) return reference ? Final()->IsNULL() : 1;
+  if (elements) return 0;
+  if (valid_forms & TextForm) return string_value.length == 0;
+  return (valid_forms & (IntegerForm | DoubleForm)) == 0;
+}
+
+AggregateElementTree* Variable::aggregateelements() {
+  return reference ? Final()->aggregateelements() : elements;
+}
+
+AggregateType Variable::aggregatetype() {
+  return reference ? Final()->aggregatetype() : aggregate;
+}
+
+String& Variable::error() {
+  return reference ? Final()->error() : error_;
+}
+
+// A double goes before an integer, since an integer beside it is only its truncation.
+void Variable::Convert_String() {
+  Changing();
+  if (elements) {
+    string_value.assign("", 0);
+    Serialize(string_value);
+    return;
+  }
+  int length;
+  int size;
+  if (valid_forms & DoubleForm) {
+    char* text = ZephApplication::dtos(double_value, &length, &size, -1);
+    string_value.assign_nocopy(text, length, size);
+  } else if (valid_forms & IntegerForm) {
+    StoreIntegerText();
+  } else {
+    string_value.assign("", 0);
+  }
+  valid_forms |= TextForm;
+}
+
+// As itos and adopting its buffer, but in the buffer that is there, if it is large enough: a
+// counter that is written out has its text made again and again.
+void Variable::StoreIntegerText() {
+  char text[12];
+  const int length =
+      static_cast<int>(std::to_chars(text, text + sizeof text, integer_value).ptr - text);
+  if (string_value.allocated <= length) {
+    string_value.assign_nocopy(new char[static_cast<size_t>(length) + 1], 0, length + 1);
+  }
+  memcpy(string_value.data, text, static_cast<size_t>(length));
+  string_value.data[length] = '\0';
+  string_value.length = length;
+  string_value.allocated = length + 1;
+}
+
+void Variable::Convert_Integer() {
+  integer_value = 0;
+  if (elements) return;
+  if (valid_forms & DoubleForm) {
+    integer_value = DoubleToInteger(double_value);
+  } else if (valid_forms & TextForm) {
+    int error = 0;
+    integer_value = ZephApplication::stoi(string_value.data, string_value.length, &error);
+    if (error) {
+      Convert_Double();
+      integer_value = DoubleToInteger(double_value);
+    }
+  }
+  valid_forms |= IntegerForm;
+}
+
+// Text goes before an integer here, other than in Convert_Integer.
+void Variable::Convert_Double() {
+  double_value = 0.0;
+  if (elements) return;
+  if (valid_forms & TextForm) {
+    double_value = ZephApplication::stod(string_value.data, string_value.length,
+                                         string_value.allocated, nullptr);
+  } else if (valid_forms & IntegerForm) {
+    double_value = integer_value;
+  }
+  valid_forms |= DoubleForm;
+}
+
+namespace {
+// An element in bytes that take as long, and the elements of a walk between two looks at the limit:
+// an element may be a long chain of references, or a long text.
+constexpr int kElementCost = 64;
+constexpr int kElements = 256;
+
+void AppendItem(String& out, const String& text) {
+  if (out.length > 0) out.cat(',');
+  if (text.data) out.cat(text.data, text.length);
+}
+}  // namespace
+
+// What stands in a list shows as the list's own elements. What is only referred to shows as one
+// text, the referred variable's own: it is flattened into that variable's string_value first.
+void Variable::Serialize(String& out) {
+  if (!elements) {
+    AppendItem(out, value());
+    return;
+  }
+  const int before = out.length;
+  if (AppendElements(&out)) return;
+  // Nothing rather than a part, which could not be told from a whole list.
+  out.truncate(static_cast<unsigned>(before));
+  if (out.data) out.data[before] = '\0';
+}
+
+// False when the time was over before the end.
+bool Variable::AppendElements(String* all) {
+  std::vector<AggregateElementTree::Row> rows;
+  elements->Listing(&rows);
+  const auto is_flat = [](const auto& row) {
+    return row.variable && row.variable->IsPlain() && !row.variable->elements;
+  };
+  if (std::all_of(rows.begin(), rows.end(), is_flat)) {
+    RunWatch watch(RunLimit::Bytes);
+    for (const auto& row : rows) {
+      const String& text = row.variable->Read_Text();
+      AppendItem(*all, text);
+      if (watch.Over(kElementCost + text.length)) return false;
+    }
+    return true;
+  }
+  VariableWalk walk(this);
+  RunWatch watch(kElements);
+  std::vector<String*> outs(1, all);
+  for (auto step = walk.Next(); step != VariableWalk::End; step = walk.Next()) {
+    if (watch.Over()) return false;
+    Variable* identity = walk.identity();
+    if (step == VariableWalk::Scalar) AppendItem(*outs.back(), identity->value());
+    if (walk.variable() == identity) continue;
+    if (step == VariableWalk::Enter) {
+      identity->string_value.assign("", 0);
+      outs.push_back(&identity->string_value);
+    } else if (step == VariableWalk::Leave) {
+      outs.pop_back();
+      AppendItem(*outs.back(), identity->string_value);
+    } else if (step == VariableWalk::Repeated) {
+      AppendItem(*outs.back(), String());
+    }
+  }
+  return true;
+}
+
+// --- Writing -------------------------------------------------------------------------------------
+
+void Variable::SetNULL() {
+  if (RedirectedStore()) {
+    if (reference) Final()->SetNULL();
+    return;
+  }
+  if (valid_forms & TextForm) string_value.Empty();
+  valid_forms = 0;
+  primary = PrimaryNone;
+  if (elements) DropElements();
+}
+
+// In all stores the elements go last: the text may stand in one of them, and one of them may have
+// the last count of this object.
+
+int Variable::SetValue(const char* text, int length) {
+  if (RedirectedStore()) return reference ? Final()->SetValue(text, length) : 1;
+  string_value.assign(text, length);
+  valid_forms = TextForm;
+  primary = PrimaryText;
+  if (elements) DropElements();
+  return 1;
+}
+
+int Variable::SetValue_Nocopy(char* buffer, int length, int allocated) {
+  if (RedirectedStore()) {
+    if (reference) return Final()->SetValue_Nocopy(buffer, length, allocated);
+    delete[] buffer;
+    return 1;
+  }
+  string_value.assign_nocopy(buffer, length, allocated);
+  valid_forms = TextForm;
+  primary = PrimaryText;
+  if (elements) DropElements();
+  return 1;
+}
+
+int Variable::SetValue_Integer(int value) {
+  if (RedirectedStore()) return reference ? Final()->SetValue_Integer(value) : 1;
+  integer_value = value;
+  valid_forms = IntegerForm;
+  primary = PrimaryInteger;
+  if (elements) DropElements();
+  return 1;
+}
+
+int Variable::SetValue_Double(double value) {
+  if (RedirectedStore()) return reference ? Final()->SetValue_Double(value) : 1;
+  double_value = value;
+  valid_forms = DoubleForm;
+  primary = PrimaryDouble;
+  if (elements) DropElements();
+  return 1;
+}
+
+int Variable::SetValue(Variable& source) {
+  if (RedirectedStore()) return reference ? Final()->SetValue(source) : 1;
+  if (source.plain_forms() != 0 && &source != this) {
+    CopyForms(source);
+    if (elements) DropElements();
+    return 1;
+  }
+  Variable* from = source.RealIdentity();
+  if (from->aggregateelements()) {
+    AggregateElementTree* copy = CopyElementTree(from);
+    AggregateElementTree* old = elements;
+    elements = copy;
+    aggregate = from->aggregatetype();
+    valid_forms = 0;
+    primary = PrimaryNone;
+    if (old) DeleteTree(old);
+  } else if (from != this) {
+    CopyScalar(*from);
+    if (elements) DropElements();
+  }
+  return 1;
+}
+
+// The value of a source without elements. Computed values are read, stored ones copied form by
+// form; a stored NULL arrives as empty text with primary 0.
+void Variable::CopyScalar(Variable& source) {
+  switch (source.type()) {
+    case VariableNULL:
+      valid_forms = 0;
+      primary = PrimaryNone;
+      return;
+    case VariableComputedInteger:
+      integer_value = source.value_integer();
+      valid_forms = IntegerForm;
+      primary = PrimaryInteger;
+      return;
+    case VariableComputedText: {
+      const String& text = source.value();
+      if (text.data) string_value.assign(text.data, text.length);
+      valid_forms = TextForm;
+      primary = PrimaryText;
+      return;
+    }
+    case VariableComputed: CopyComputed(source); return;
+    default:
+      if (source.valid_forms == 0) source.value();
+      CopyForms(source);
+      return;
+  }
+}
+
+// A source without a buffer leaves the old bytes of the text in place, valid as they then are.
+void Variable::CopyForms(Variable& source) {
+  if ((source.valid_forms & TextForm) && source.string_value.data) {
+    string_value.assign(source.string_value.data, source.string_value.length);
+  }
+  valid_forms = source.valid_forms;
+  primary = source.primary;
+  if (valid_forms & IntegerForm) integer_value = source.integer_value;
+  if (valid_forms & DoubleForm) double_value = source.double_value;
+}
+
+void Variable::CopyComputed(Variable& source) {
+  CopyForms(source);
+  if (primary != PrimaryNone && valid_forms != 0) return;
+  switch (source.preferred_type()) {
+    case PrimaryDouble:
+      double_value = source.value_double();
+      valid_forms |= DoubleForm;
+      primary = PrimaryDouble;
+      return;
+    case PrimaryInteger:
+      integer_value = source.value_integer();
+      valid_forms |= IntegerForm;
+      primary = PrimaryInteger;
+      return;
+    default: {
+      const String& text = source.value();
+      if (text.data) string_value.assign(text.data, text.length);
+      valid_forms |= TextForm;
+      primary = PrimaryText;
+      return;
+    }
+  }
+}
+
+// A deep copy of the elements of a variable, owned by the caller. Each element gets a new variable
+// with the name and value of the old one; references are replaced by what they refer to. What is
+// found twice is copied twice, so that a few variables that refer to one another can make a copy
+// beyond all bounds: past the time limit the rest is left out.
+AggregateElementTree* Variable::CopyElementTree(Variable* source) {
+  auto copy = std::make_unique<AggregateElementTree>();
+  std::vector<AggregateElementTree*> open;
+  VariableWalk walk(source, VariableWalk::ForCopy);
+  RunWatch watch(kElements);
+  for (auto step = walk.Next(); step != VariableWalk::End; step = walk.Next()) {
+    if (watch.Over()) break;
+    if (step == VariableWalk::Leave) {
+      open.pop_back();
+      continue;
+    }
+    if (walk.at_root()) {
+      copy->ExpectCopyOf(walk.identity()->aggregateelements());
+      open.push_back(copy.get());
+      continue;
+    }
+    Variable* variable = open.back()->InsertCopy(walk.row());
+    variable->SetName(walk.variable()->name_);
+    if (step == VariableWalk::Enter) {
+      AggregateElementTree* tree = walk.identity()->aggregateelements();
+      variable->elements = new AggregateElementTree();
+      variable->aggregate = walk.identity()->aggregatetype();
+      variable->elements->ExpectCopyOf(tree);
+      open.push_back(variable->elements);
+    } else if (step == VariableWalk::Scalar) {
+      variable->CopyScalar(*walk.identity());
+    } else {
+      variable->Convert_String();
+    }
+  }
+  return copy.release();
+}
+
+// --- Texts that grow
+// ------------------------------------------------------------------------------
+
+void Variable::Unwatch() {
+  DeferredText::Settle(this);
+}
+
+int Variable::WatchableText() {
+  if (!IsOfThisClass() || redirected() || elements) return -1;
+  const String& text = value();
+  return text.data && text.data[text.length] == '\0' ? text.length : -1;
+}
+
+namespace {
+// The size of the buffer that a String makes for so many bytes.
+int StringSize(int length) {
+  const int64_t size = (static_cast<int64_t>(length) + 24) / 24 * 24;
+  if (size > INT_MAX) throw std::bad_alloc();
+  return static_cast<int>(size);
+}
+}  // namespace
+
+// The buffer doubles, so that a text of any length is built in linear time; the pages that are not
+// used yet take no memory. What it says of itself is what it would be told after a store of the
+// whole text.
+void Variable::AppendText(const char* bytes, int count, bool adopted) {
+  Changing();
+  const int old = string_value.length;
+  const int total = old + count;
+  int told = string_value.allocated;
+  if (adopted) {
+    told = total + 1;
+  } else if (total >= told) {
+    told = StringSize(total);
+  }
+  if (BufferRoom(string_value.data) < static_cast<size_t>(told)) {
+    string_value.data =
+        GrowBuffer(string_value.data, static_cast<size_t>(old), static_cast<size_t>(told) * 2);
+  }
+  CopyText(string_value.data + old, bytes, static_cast<size_t>(count));
+  string_value.data[total] = '\0';
+  string_value.length = total;
+  string_value.allocated = told;
+  SetForms(TextForm);
+  primary = PrimaryText;
+}
+
+bool Variable::CopyAsAdopted(const char* bytes, int count) {
+  if (!IsPlain() || elements) return false;
+  if (string_value.allocated <= count) {
+    auto* buffer = new char[static_cast<size_t>(count) + 1];
+    string_value.destroy();
+    string_value.data = buffer;
+  }
+  memcpy(string_value.data, bytes, static_cast<size_t>(count));
+  string_value.data[count] = '\0';
+  string_value.length = count;
+  string_value.allocated = count + 1;
+  SetForms(TextForm);
+  primary = PrimaryText;
+  return true;
+}
+
+// --- ReferenceVariable ---------------------------------------------------------------------------
+
+ReferenceVariable::ReferenceVariable(const char* name, int length, Variable* target)
+    : Variable(name, length) {
+  state |= Reference;
+  reference = target;
+  if (target) target->IncRefCount();
+}
+
+ReferenceVariable::ReferenceVariable(SharedName* name, Variable* target) : Variable(name) {
+  state |= Reference;
+  reference = target;
+  if (target) target->IncRefCount();
+}
+
+ReferenceVariable::ReferenceVariable(const String& name, Variable* target,
+                                     List<AggregateIndex>* path)
+    : ReferenceVariable(name.data, name.length, target ? target->Element(path, 1) : nullptr) {}
+
+// --- ImmutableVariable ---------------------------------------------------------------------------
+
+ImmutableVariable::ImmutableVariable() = default;
+ImmutableVariable::ImmutableVariable(const char* name, int length) : Variable(name, length) {}
+ImmutableVariable::ImmutableVariable(const char* name, int length, const char* value,
+                                     int valuelength)
+    : Variable(name, length, value, valuelength) {}
+ImmutableVariable::ImmutableVariable(const String& name, const String& value)
+    : Variable(name, value) {}
+ImmutableVariable::ImmutableVariable(const char* name, int length, char* buffer, int valuelength,
+                                     int allocated)
+    : Variable(name, length, buffer, valuelength, allocated) {}
+ImmutableVariable::ImmutableVariable(const char* name, int length, int value)
+    : Variable(name, length, value) {}
+ImmutableVariable::ImmutableVariable(const char* name, int length, double value)
+    : Variable(name, length, value) {}
+
+ImmutableVariable::~ImmutableVariable() {
+  if (null_element) null_element->DecRefCount();
+}
+
+Variable* ImmutableVariable::Clone(ZephApplication*) {
+  const char* name = name_.data;
+  const int length = name_.length;
+  if (valid_forms & TextForm) {
+    return new ImmutableVariable(name, length, string_value.data, string_value.length);
+  }
+  if (valid_forms & DoubleForm) return new ImmutableVariable(name, length, double_value);
+  if (valid_forms & IntegerForm) return new ImmutableVariable(name, length, integer_value);
+  return new ImmutableVariable(name, length);
+}
+
+void ImmutableVariable::SetNULL() {}
+int ImmutableVariable::SetValue(const char*, int) {
+  return 1;
+}
+int ImmutableVariable::SetValue(Variable&) {
+  return 1;
+}
+int ImmutableVariable::SetValue_Nocopy(char* buffer, int, int) {
+  delete[] buffer;
+  return 1;
+}
+int ImmutableVariable::SetValue_Integer(int) {
+  return 1;
+}
+int ImmutableVariable::SetValue_Double(double) {
+  return 1;
+}
+void ImmutableVariable::SetElement(const AggregateIndex&, Variable*) {}
+void ImmutableVariable::InsertElement(int, Variable*) {}
+void ImmutableVariable::DeleteElement(const AggregateIndex&, bool) {}
+void ImmutableVariable::DeleteElements(int, int, bool) {}
+void ImmutableVariable::MergeElements(Variable*, int, int, int, bool) {}
+void ImmutableVariable::CopyElements(Variable*, int, int, int, bool) {}
+void ImmutableVariable::Make_Reference(Variable*) {}
+
+int ImmutableVariable::CollapseElements() {
+  return aggregatetype() == AggregateArray ? ElementsUsed() : 0;
+}
+
+Variable* ImmutableVariable::Missing(int create) {
+  if (!create) return nullptr;
+  if (!null_element) null_element = new NULLVariable();
+  return null_element;
+}
+
+Variable* ImmutableVariable::Element(const AggregateIndex& index, int create) {
+  Variable* found = Variable::Element(index, 0);
+  return found ? found : Missing(create);
+}
+
+Variable* ImmutableVariable::Element(List<AggregateIndex>* path, int create) {
+  Variable* found = Variable::Element(path, 0);
+  return found ? found : Missing(create);
+}
+
+// --- NULLVariable --------------------------------------------------------------------------------
+
+Variable* NULLVariable::Clone(ZephApplication*) {
+  return new NULLVariable();
+}
+String& NULLVariable::value() {
+  return string_value;
+}
+int NULLVariable::value_integer() {
+  return integer_value;
+}
+double NULLVariable::value_double() {
+  return double_value;
+}
+double NULLVariable::value_compare(int* not_numeric) {
+  *not_numeric = 0;
+  return 0.0;
+}
+int NULLVariable::type() {
+  return VariableNULL;
+}
+int NULLVariable::IsTrue() {
+  return 0;
+}
+int NULLVariable::IsNULL() {
+  return 1;
+}
+Variable* NULLVariable::Element(const AggregateIndex&, int create) {
+  return create ? this : nullptr;
+}
+Variable* NULLVariable::Element(List<AggregateIndex>*, int create) {
+  return create ? this : nullptr;
+}
+int NULLVariable::CollapseElements() {
+  return 0;
+}
+
+// --- VariableList --------------------------------------------------------------------------------
+
+VariableList::VariableList() : List<Variable>(1) {}
+
+// Here, while Purge is still this class's.
+VariableList::~VariableList() {
+  const ReleaseGroup group;
+  VariableList::Dump();
+}
+
+void VariableList::Insert(Variable* variable, ListPosition position) {
+  Insert(variable, position, 1);
+}
+
+void VariableList::Insert(Variable* variable, ListPosition position, int count_it) {
+  VariableRef counted = count_it ? VariableRef::Share(variable) : VariableRef(variable);
+  List<Variable>::Insert(variable, position);
+  (void)counted.release();
+}
+
+void VariableList::Purge(Variable* variable) {
+  if (variable) variable->DecRefCount();
+}
+
+void VariableList::Destroy() {
+  Dump();
+  delete this;
+}

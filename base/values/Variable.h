@@ -1,0 +1,585 @@
+// The value of the script language. Stacks, tables, databases and extension libraries exchange
+// nothing else with scripts: one Variable holds a scalar in up to three cached forms (text, 32-bit
+// integer, double), or an array or structure of further variables, or refers to another variable.
+
+#ifndef ZEPH_BASE_VARIABLE_H
+#define ZEPH_BASE_VARIABLE_H
+
+#include <bit>
+#include <cassert>
+#include <cstdint>
+
+#include "base/core/BaseTemplates.h"
+#include "base/core/FreeList.h"
+#include "base/core/Numbers.h"
+#include "base/core/StringClass.h"
+#include "base/values/SharedName.h"
+
+class AggregateElementTree;
+class AggregateIndex;
+class DeferredText;
+class ZephApplication;
+
+// The virtual operations of a Variable, as the compiler lays them out: what Variable::IsPlain()
+// compares with.
+extern const void* const VariableOperations[] __asm__("_ZTV8Variable");
+
+// What a variable is made of. An index with a position asks for an array, one with a name for a
+// structure.
+enum AggregateType : int { AggregateStructure = 0, AggregateArray = 1, AggregateNone = 2 };
+
+// Answers of Variable::type(): the kind of object that a copy has to deal with.
+enum VariableType : int {
+  VariableStored = 0,
+  VariableReference = 1,
+  VariableNULL = 2,
+  VariableComputedInteger = 3,  // read it through value_integer()
+  VariableComputedText = 4,     // read it through value()
+  VariableComputed = 5,         // read it as preferred_type() says
+};
+
+// Answers of primary_type() and, from the second on, of preferred_type().
+enum PrimaryType : int { PrimaryNone = 0, PrimaryText = 1, PrimaryInteger = 2, PrimaryDouble = 3 };
+
+// A value without a declared type: it is what was stored last, and every read asks for the form
+// that it wants, converting once and caching.
+//
+// Life: made with a count of 1, deleted by the DecRefCount that reaches 0 and by nothing else. Who
+// keeps the pointer takes a count, and during an operation somebody but the variable's own elements
+// has to hold it. A Variable belongs to one request or task and its thread: reads fill caches, so
+// even they change it. Values reach another thread through Clone only.
+//
+// References: Make_Reference turns a variable into a reference to another one, under all who hold
+// it. The object keeps its class; every operation looks first whether it is redirected() and then
+// works on the variable at the end of the chain. A subclass that overrides an operation does the
+// same: `if (redirected()) return Variable::Op(...)` stands before anything else, in type() too.
+//
+// Invariants: aggregate is AggregateNone exactly when elements is null. An aggregate has no valid
+// form and primary 0; its string_value is scratch. No valid form and primary 0 is the NULL scalar.
+//
+// The order of fields and virtual operations is stated and stays.
+class Variable {
+ public:
+  ZEPH_FREE_LIST_OPERATORS(Variable)
+
+  // Bits of valid_forms.
+  enum Form : uint8_t { TextForm = 1, IntegerForm = 2, DoubleForm = 4 };
+
+  // A length of -1 means strlen. All start as scalars with a count of 1.
+  Variable();
+  Variable(const char* name, int length);
+  Variable(const char* name, int length, const char* value, int valuelength);
+  Variable(const String& name, const String& value);
+  // Takes over the buffer, made with new[]; allocated is its size.
+  Variable(const char* name, int length, char* buffer, int valuelength, int allocated);
+  Variable(const char* name, int length, int value);
+  Variable(const char* name, int length, double value);
+  // Holds the name for its life.
+  explicit Variable(SharedName* name) { ShareName(name); }
+  // Copies the name and the value, deep for an aggregate, as SetValue(Variable&) does. A reference
+  // gives a copy of what it refers to.
+  Variable(const Variable& source);
+  Variable& operator=(const Variable&) = delete;
+
+  virtual ~Variable();
+  // A deep copy for another task, with a count of 1 that is the caller's. The application is the
+  // one that the copy will work for.
+  virtual Variable* Clone(ZephApplication* application);
+
+  virtual String& name();
+  // What this variable refers to: itself, or a reference's target, null without one.
+  virtual Variable* NextIdentity();
+  // The variable at the end of the chain of references; never null. A reference without a target
+  // is its own end.
+  virtual Variable* RealIdentity();
+
+  // Text form. The String belongs to the variable and holds until the next store. It may have no
+  // buffer: then its length is 0. An aggregate is flattened anew at each call.
+  virtual String& value();
+  // Number forms; 0 for an aggregate and for text that is no number.
+  virtual int value_integer();
+  virtual double value_double();
+  // The number to compare by. *not_numeric is set to 1 for an aggregate and for text that is no
+  // number, otherwise to 0; NULL compares as 0.
+  virtual double value_compare(int* not_numeric);
+  virtual int type();
+  virtual int primary_type();
+  virtual int preferred_type();
+  // Truth: text but for "", zeros and one point; numbers but for 0. An aggregate by its text.
+  virtual int IsTrue();
+  // No value, or empty text. An aggregate is never NULL.
+  virtual int IsNULL();
+  virtual void SetNULL();
+  // The elements, owned by the variable; null for a scalar.
+  virtual AggregateElementTree* aggregateelements();
+  virtual AggregateType aggregatetype();
+  virtual int refcount();
+  // Copies the name; a String without a buffer changes nothing.
+  virtual void SetName(const String& name);
+
+  // Stores. Each drops what was there, elements included, and answers 1, or 0 where a subclass
+  // refuses the value and leaves its text in error().
+  virtual int SetValue(const char* text, int length);
+  // Copies the value of the source, deep for an aggregate; the source may be one of this
+  // variable's own elements, or this variable.
+  virtual int SetValue(Variable& source);
+  // Takes over a buffer made with new[], also when the store is refused or ignored.
+  virtual int SetValue_Nocopy(char* buffer, int length, int allocated);
+  virtual int SetValue_Integer(int value);
+  virtual int SetValue_Double(double value);
+  virtual String& error();
+
+  // The element of that key, borrowed. Without it: null, or with create a new NULL element, for
+  // which a scalar or an aggregate of the other kind gives way.
+  virtual Variable* Element(const AggregateIndex& index, int create);
+  // Applies the indices in turn; an empty or null path gives the variable itself.
+  virtual Variable* Element(List<AggregateIndex>* path, int create);
+  // Makes the variable itself the element, with a count of its own, replacing what stood there.
+  virtual void SetElement(const AggregateIndex& index, Variable* variable);
+  // Inserts before position index, moving that and all later elements up by one; below 1 appends.
+  virtual void InsertElement(int index, Variable* variable);
+  // Removes one element; with compact, the later elements of an array move down by one.
+  virtual void DeleteElement(const AggregateIndex& index, bool compact);
+  // Removes count positions from start on, and with compact moves the later elements down by
+  // count. A count of -1 removes all from start on. Anything but an array becomes an empty one.
+  virtual void DeleteElements(int start, int count, bool compact);
+  // Inserts positions of another array (or of this one) before dest, moving what is there up by
+  // count. A start or dest below 1 and a negative count mean: from the first, at the end, up to
+  // the last. With copy false the elements are shared by both arrays.
+  virtual void MergeElements(Variable* source, int start, int count, int dest, bool copy);
+  // The same, but overwrites what is there. Gaps of the source leave the target as it was.
+  virtual void CopyElements(Variable* source, int start, int count, int dest, bool copy);
+  // Renumbers an array from 1 on and answers its count of elements; 0 for anything else.
+  virtual int CollapseElements();
+  // Largest and smallest position; 0 when there is none, -1 for a structure.
+  virtual int Max();
+  virtual int Min();
+  // Position of the nearest element above or below; 0 without one, -1 for a structure.
+  virtual int Next(int position);
+  virtual int Previous(int position);
+  virtual int ElementsUsed();
+
+  // A count on a reference is a count on all that it refers to. DecRefCount may delete the object.
+  virtual void IncRefCount();
+  virtual void DecRefCount();
+
+  // Fill one cache from the other forms. Called by the reads above when a form is not valid: the
+  // hook by which a subclass computes its value. They work on this object, never on a target.
+  virtual void Convert_String();
+  virtual void Convert_Integer();
+  virtual void Convert_Double();
+  // Makes the object an empty aggregate of that kind, unless it has the kind already. A reference
+  // stays as it is.
+  virtual void Convert_Aggregate(AggregateType kind);
+  // Appends the text form, elements separated by commas in the order of their keys. A variable
+  // that contains itself is met as empty within itself. When the time limit of the run
+  // (base/core/RunLimit.h) passes on the way, nothing is appended.
+  virtual void Serialize(String& out);
+  // Turns the variable into a reference to the target, or a reference to another target. Nothing
+  // happens for null, and where the chain would end at this variable.
+  virtual void Make_Reference(Variable* target);
+  // The type() of a reference's target, or the object's own.
+  virtual int TypeReferredTo();
+
+  // --- Short ways ------------------------------------------------------------------------------
+  // What the virtual operations of like name do, without the virtual call where the variable is an
+  // ordinary one, as most are in a running script. All others are served by the virtual operation,
+  // so a caller need not ask IsPlain() before.
+
+  // Whether this is a Variable and of no derived class, and no reference: then nothing is computed
+  // or refused, and value and elements are the object's own.
+  bool IsPlain() const { return !(state & NotPlain) || ProvesPlain(); }
+  // The same, though its text may be watched: whatever is done with it runs no code but its own.
+  bool IsOrdinary() const { return IsOfThisClass() && !redirected(); }
+  // The forms, as bits of Form, in which a plain scalar has its value; 0 for a NULL scalar, for
+  // an aggregate and for what is not plain.
+  unsigned plain_forms() const { return IsPlain() ? state & AllForms : 0u; }
+  // Whether a plain variable is stored as a number of that form and has no other form of it: what
+  // numbers of a running script mostly are, in one comparison.
+  bool HoldsInteger() const { return state == IntegerForm; }
+  bool HoldsDouble() const { return state == DoubleForm; }
+  // For a variable whose plain_forms() is not 0.
+  bool has_double() const { return (state & DoubleForm) != 0; }
+  // For a variable whose plain_forms() has that form.
+  int plain_integer() const { return integer_value; }
+  double plain_double() const { return double_value; }
+  const String& plain_text() const { return string_value; }
+  // For one that is plain.
+  int plain_count() const { return refcount_; }
+
+  // value_integer()
+  int Read_Integer() {
+    if (IsPlain()) {
+      if (state & IntegerForm) return integer_value;
+      if (state & DoubleForm) {
+        state |= IntegerForm;
+        return integer_value = DoubleToInteger(double_value);
+      }
+    }
+    return value_integer();
+  }
+  // value_double()
+  double Read_Double() {
+    if (IsPlain()) {
+      if (state & DoubleForm) return double_value;
+      if ((state & AllForms) == IntegerForm) {
+        state |= DoubleForm;
+        return double_value = integer_value;
+      }
+    }
+    return value_double();
+  }
+  // value_compare()
+  double Read_Compare(int* not_numeric) {
+    if (IsPlain() && (state & AllForms) != 0 && !(state & TextForm)) {
+      *not_numeric = 0;
+      if (state & DoubleForm) return double_value;
+      state |= DoubleForm;
+      return double_value = integer_value;
+    }
+    return value_compare(not_numeric);
+  }
+  // value()
+  String& Read_Text() { return IsPlain() && (state & TextForm) ? string_value : value(); }
+  // IsTrue()
+  int Read_Truth() {
+    if (IsPlain() && (state & AllForms) != 0 && !(state & TextForm)) {
+      return state & DoubleForm ? double_value != 0.0 : integer_value != 0;
+    }
+    return IsTrue();
+  }
+  // SetValue_Integer()
+  int Write_Integer(int value) {
+    if (!HoldsInteger()) [[unlikely]] {
+      if (!IsPlain() || elements) return SetValue_Integer(value);
+      SetForms(IntegerForm);
+    }
+    integer_value = value;
+    primary = PrimaryInteger;
+    return 1;
+  }
+  // SetValue_Double()
+  int Write_Double(double value) {
+    if (!HoldsDouble()) [[unlikely]] {
+      if (!IsPlain() || elements) return SetValue_Double(value);
+      SetForms(DoubleForm);
+    }
+    double_value = value;
+    primary = PrimaryDouble;
+    return 1;
+  }
+  // SetValue(source)
+  int Write_Value(Variable& source) {
+    if (!IsPlain() || elements || source.plain_forms() == 0 || &source == this) {
+      return SetValue(source);
+    }
+    CopyForms(source);
+    return 1;
+  }
+  // SetValue(source) for a plain scalar and a plain source that is stored as a number and nothing
+  // else; false, and nothing done, for others.
+  bool CopyNumber(const Variable& source) {
+    const unsigned forms = source.plain_forms();
+    if (forms == 0 || (forms & TextForm) || !IsPlain() || elements) return false;
+    integer_value = source.integer_value;
+    double_value = source.double_value;
+    SetForms(forms);
+    primary = source.primary;
+    return true;
+  }
+  // IncRefCount() and DecRefCount()
+  void Hold() {
+    if (IsPlain()) {
+      ++refcount_;
+    } else {
+      IncRefCount();
+    }
+  }
+  void Release() {
+    if (!IsPlain()) {
+      DecRefCount();
+    } else if (--refcount_ == 0) {
+      DeletePlain();
+    }
+  }
+  // Stores the first value in a variable that is as new, and held by a table alone. It wakes.
+  void Begin(double value) {
+    assert((state & ~Asleep) == 0 && !elements);
+    double_value = value;
+    state = DoubleForm;
+    primary = PrimaryDouble;
+  }
+  void Begin(int value) {
+    assert((state & ~Asleep) == 0 && !elements);
+    integer_value = value;
+    state = IntegerForm;
+    primary = PrimaryInteger;
+  }
+  // Makes a local variable, whose call is over, as new for the next call, and puts it to sleep;
+  // false if that can be told from a new one: somebody else holds it, or it has been more than a
+  // scalar.
+  bool Renew();
+  // The same for one that has held numbers and no more, as most have; false, and nothing done, for
+  // others.
+  bool RenewNumber() {
+    if ((state & (NotPlain | Suspect)) || refcount_ != 1 || elements || string_value.data ||
+        error_.data || name_.allocated != SharedMark) {
+      return false;
+    }
+    integer_value = 0;
+    double_value = 0.0;
+    state = Asleep;
+    primary = PrimaryNone;
+    return true;
+  }
+  // Whether it waits in its row for a call to touch it: to scripts it does not exist. Only the
+  // table that holds it may have its pointer, and wakes it before handing it out.
+  bool IsAsleep() const { return (state & Asleep) != 0; }
+  void Wake() { state &= ~Asleep; }
+  // Element(AggregateIndex(position), create)
+  Variable* At(int position, int create);
+  // What a script's read or store of a number by position does, for a number as value_double()
+  // gives it and a position of 1 or more; false, and nothing done, where that takes more. The
+  // element has no variable while nobody asks for it. In base/values/Aggregate.h.
+  bool ReadElement(int position, double* number);
+  template <typename Number>  // int or double
+  bool WriteElement(int position, Number number);
+  // Element(AggregateIndex(name, length), create) for a name of known length, which is only
+  // looked at. In base/values/Aggregate.h.
+  Variable* Member(const char* name, int length, int create);
+
+  // The text test of IsTrue().
+  static int IsTrue(const char* text, int length);
+
+  // Turns the object, under all who hold it, into a NULL value that ignores writes: for a variable
+  // whose database goes away while scripts still refer to it. Counts stay.
+  void Make_NULL();
+
+  // Deletes what only holds itself: variables of this thread that contain or refer to one another
+  // in a circle and that nobody else counts on. The host calls it once at the end of a request or
+  // task, after machine and tables are gone.
+  static void FreeCycles();
+
+ protected:
+  // Further bits of state, above those of Form.
+  static constexpr uint32_t AllForms = TextForm | IntegerForm | DoubleForm;
+  static constexpr uint32_t Watched = 0x100;    // the text is part of another, DeferredText.h
+  static constexpr uint32_t Reference = 0x200;  // value and elements are those of a target
+  static constexpr uint32_t Gone = 0x400;       // there is no value, and there will be none
+  static constexpr uint32_t Unproved = 0x800;   // the object may be of a derived class
+  static constexpr uint32_t NotPlain = Watched | Reference | Gone | Unproved;
+  static constexpr uint32_t Walked = 0x1000;   // a walk is inside of this variable
+  static constexpr uint32_t Suspect = 0x2000;  // listed for FreeCycles
+  static constexpr uint32_t Asleep = 0x4000;   // see IsAsleep()
+  // For a time, and with the number forms for scratch, which what is marked has no use for:
+  static constexpr uint32_t Indebted = 0x8000;   // in the list of a ReleaseGroup
+  static constexpr uint32_t Settling = 0x10000;  // on a chain that a ReleaseGroup settles
+  static constexpr uint32_t Reached = 0x20000;   // in the list of FreeCycles
+  static constexpr uint32_t Held = 0x40000;      // and held from outside of it
+
+  // Whether reads and writes go elsewhere: to a target, or nowhere.
+  bool redirected() const { return (state & (Reference | Gone)) != 0; }
+  // Also wakes: a number that is stored in a sleeping variable, in line, needs no test for it.
+  void SetForms(uint32_t forms) { state = (state & ~(AllForms | Asleep)) | forms; }
+
+  String name_;  // while it is shared the text is a SharedName's, and allocated is SharedMark
+  String string_value;
+  int integer_value = 0;
+  double double_value = 0.0;
+  // One word, so that one test tells whether a value can be had at once. What runs often goes by
+  // the word throughout: a byte that was just written makes a read of the word wait.
+  union {
+    mutable uint32_t state = Unproved;  // bits of Form and those above
+    uint8_t valid_forms;
+  };
+  int primary = PrimaryNone;
+  AggregateType aggregate = AggregateNone;
+  AggregateElementTree* elements = nullptr;
+  int refcount_ = 1;
+  int suspect_place = 0;  // among those listed, if it is Suspect
+  String error_;
+  Variable* reference = nullptr;
+
+ private:
+  static constexpr int SharedMark = -1;
+
+  friend class DeferredText;
+  friend class ReleaseGroup;
+  friend class VariableCycles;
+  friend class VariableWalk;
+
+  void ShareName(SharedName* name) {
+    name->Hold();
+    name_.data = name->text();
+    name_.length = name->length();
+    name_.allocated = SharedMark;
+  }
+  void DropSharedName() { SharedName::Of(name_.release())->Release(); }
+  void OwnName();
+  void DeletePlain();
+  bool IsOfThisClass() const {
+    return *reinterpret_cast<const void* const*>(this) == VariableOperations + 2;
+  }
+  // IsPlain() where the object's class was not looked at yet. Not for constructors, in which a
+  // derived object still is of the base class.
+  bool ProvesPlain() const;
+  Variable* Final();
+  Variable* SearchMember(const char* name, int length, int create);
+  // Like redirected(), for what changes text or kind: who watches takes its copy first.
+  bool RedirectedStore() {
+    Changing();
+    return redirected();
+  }
+  void Changing() {
+    if (state & Watched) Unwatch();
+  }
+  void Unwatch();
+  // For DeferredText: the length of a text that can be watched, or -1; whether it is watched; and
+  // bytes behind it, to the outcome that storing the whole text has.
+  int WatchableText();
+  bool watched() const { return (state & Watched) != 0; }
+  void SetWatched(bool watched) {
+    state &= ~Watched;
+    if (watched) state |= Watched;
+  }
+  void AppendText(const char* bytes, int count, bool adopted);
+  // What SetValue_Nocopy with a copy of count + 1 bytes does, in the buffer that is there if the
+  // bytes fit; false, and nothing done, for what is no plain scalar.
+  bool CopyAsAdopted(const char* bytes, int count);
+  void StoreIntegerText();
+  void DropElements();
+  void CopyForms(Variable& source);
+  void CopyScalar(Variable& source);
+  void CopyComputed(Variable& source);
+  void ReferTo(Variable* target);
+  void Rebind(Variable* target);
+  void PlaceRange(Variable* source, int start, int end, int delta, bool copy);
+  void PlaceElement(Variable* element, int position, bool copy);
+  void NoteEdge(Variable* target);
+  void ForgetSuspect();
+  // IncRefCount and DecRefCount, so many times.
+  static void AddCounts(Variable* holder, int counts);
+  static void TakeCounts(Variable* holder, int counts);
+  static void TakeCountsNow(Variable* holder, int counts);
+  static void TakeCountsLater(Variable* holder, int counts);
+  static void SettleDebts(Variable* list);
+  int Forgive();
+  // The scratch of marked variables.
+  int& number() { return integer_value; }
+  Variable* link() const { return std::bit_cast<Variable*>(double_value); }
+  void SetLink(Variable* next) { double_value = std::bit_cast<double>(next); }
+  void ClearScratch() {
+    integer_value = 0;
+    double_value = 0.0;
+  }
+  static AggregateElementTree* CopyElementTree(Variable* source);
+  bool AppendElements(String* all);
+  static void DeleteTree(AggregateElementTree* tree);
+};
+
+// For whoever releases many variables at once: the end of a table, of frames, of elements.
+//
+// A count of a reference is a count of all that it refers to, so that to release the references of
+// a chain one by one takes time by the square of its length. While a group lives, a reference keeps
+// the counts that it owes its target, and hands them on in one sum when it is deleted, or at the
+// end of the outermost group of the thread. What nobody holds is deleted at once all the same;
+// until that end, counts of what others refer to may be too high. Allocates nothing.
+class ReleaseGroup {
+ public:
+  ReleaseGroup();
+  ~ReleaseGroup();
+  ReleaseGroup(const ReleaseGroup&) = delete;
+  ReleaseGroup& operator=(const ReleaseGroup&) = delete;
+};
+
+// A variable that refers to another one from the start. It has the size and layout of Variable.
+class ReferenceVariable : public Variable {
+ public:
+  // Takes a count on the target; null makes a reference that reads as NULL and ignores writes.
+  ReferenceVariable(const char* name, int length, Variable* target);
+  ReferenceVariable(SharedName* name, Variable* target);
+  // Refers to the element of the target that the path names, which is made if it is not there.
+  ReferenceVariable(const String& name, Variable* target, List<AggregateIndex>* path);
+};
+
+// A value that scripts can read but not write: every store is ignored and counts as done.
+class ImmutableVariable : public Variable {
+ public:
+  ZEPH_FREE_LIST_OPERATORS(ImmutableVariable)
+
+  ImmutableVariable();
+  ImmutableVariable(const char* name, int length);
+  ImmutableVariable(const char* name, int length, const char* value, int valuelength);
+  ImmutableVariable(const String& name, const String& value);
+  ImmutableVariable(const char* name, int length, char* buffer, int valuelength, int allocated);
+  ImmutableVariable(const char* name, int length, int value);
+  ImmutableVariable(const char* name, int length, double value);
+  ImmutableVariable(const ImmutableVariable&) = delete;
+  ImmutableVariable& operator=(const ImmutableVariable&) = delete;
+
+  ~ImmutableVariable() override;
+  Variable* Clone(ZephApplication* application) override;
+  void SetNULL() override;
+  int SetValue(const char* text, int length) override;
+  int SetValue(Variable& source) override;
+  int SetValue_Nocopy(char* buffer, int length, int allocated) override;
+  int SetValue_Integer(int value) override;
+  int SetValue_Double(double value) override;
+  // With create, a missing element is the null_element: it takes writes and shows none of them.
+  Variable* Element(const AggregateIndex& index, int create) override;
+  Variable* Element(List<AggregateIndex>* path, int create) override;
+  void SetElement(const AggregateIndex& index, Variable* variable) override;
+  void InsertElement(int index, Variable* variable) override;
+  void DeleteElement(const AggregateIndex& index, bool compact) override;
+  void DeleteElements(int start, int count, bool compact) override;
+  void MergeElements(Variable* source, int start, int count, int dest, bool copy) override;
+  void CopyElements(Variable* source, int start, int count, int dest, bool copy) override;
+  // Does not renumber: the count of elements of an array, else 0.
+  int CollapseElements() override;
+  void Make_Reference(Variable* target) override;
+
+ protected:
+  Variable* null_element = nullptr;  // made at the first miss with create; owned
+
+ private:
+  Variable* Missing(int create);
+};
+
+// The value of what is not there. Reads as empty, ignores writes, and any element of it is itself.
+class NULLVariable : public ImmutableVariable {
+ public:
+  NULLVariable() = default;
+  NULLVariable(const char* name, int length) : ImmutableVariable(name, length) {}
+
+  Variable* Clone(ZephApplication* application) override;
+  String& value() override;
+  int value_integer() override;
+  double value_double() override;
+  double value_compare(int* not_numeric) override;
+  int type() override;
+  int IsTrue() override;
+  int IsNULL() override;
+  Variable* Element(const AggregateIndex& index, int create) override;
+  Variable* Element(List<AggregateIndex>* path, int create) override;
+  int CollapseElements() override;
+};
+
+// A list that holds one count on each of its variables, and gives it back on removal with purge,
+// Dump and destruction.
+class VariableList : public List<Variable> {
+ public:
+  VariableList();
+  ~VariableList() override;
+  VariableList(const VariableList&) = delete;
+  VariableList& operator=(const VariableList&) = delete;
+
+  // Takes a count.
+  void Insert(Variable* variable, ListPosition position) override;
+  // Takes a count if count_it is not 0; otherwise adopts one that the caller held.
+  void Insert(Variable* variable, ListPosition position, int count_it);
+  void Purge(Variable* variable) override;
+  // Empties the list and deletes it.
+  void Destroy();
+};
+
+#endif

@@ -1,0 +1,292 @@
+// Arrays and structures: what a Variable does with its elements. Positions and counts come from
+// scripts unchecked, so sums wrap and every walk ends, at the latest when the time limit has
+// passed. Tested in tests/base/values/VariableElementsTest.cpp.
+
+#include "base/core/RunLimit.h"
+#include "base/values/Aggregate.h"
+#include "base/values/Variable.h"
+#include "base/values/VariableRef.h"
+
+namespace {
+// Elements that are placed or deleted between two looks at the limit: each may be large.
+constexpr int kElements = 256;
+}  // namespace
+
+void Variable::Convert_Aggregate(AggregateType kind) {
+  if (aggregate == kind || RedirectedStore()) return;
+  AggregateElementTree* old = elements;
+  elements = kind == AggregateNone ? nullptr : new AggregateElementTree();
+  aggregate = kind;
+  valid_forms = 0;
+  primary = PrimaryNone;
+  if (old) DeleteTree(old);
+}
+
+Variable* Variable::Element(const AggregateIndex& index, int create) {
+  if (redirected()) {
+    if (reference) return Final()->Element(index, create);
+    return create ? this : nullptr;
+  }
+  const AggregateType kind = index.kind();
+  if (aggregate != kind) {
+    if (!create) return nullptr;
+    Convert_Aggregate(kind);
+  }
+  if (elements->IsRow()) {
+    if (Variable* found = elements->SearchRow(index.position)) return found;
+  } else if (AggregateElement* element = elements->Find(index)) {
+    return element->var();
+  }
+  return create ? elements->InsertNew(index) : nullptr;
+}
+
+Variable* Variable::At(int position, int create) {
+  if (IsPlain() && aggregate == AggregateArray && elements->IsRow()) {
+    if (Variable* found = elements->SearchRow(position < 0 ? 0 : position)) return found;
+    return create ? elements->InsertNew(AggregateIndex(position)) : nullptr;
+  }
+  return Element(AggregateIndex(position), create);
+}
+
+Variable* Variable::SearchMember(const char* name, int length, int create) {
+  if (!IsPlain() || aggregate != AggregateStructure) {
+    return Element(AggregateIndex(name, length), create);
+  }
+  if (AggregateElement* element = elements->FindMember(name, length)) return element->var();
+  return create ? elements->InsertNew(AggregateIndex(name, length)) : nullptr;
+}
+
+Variable* Variable::Element(List<AggregateIndex>* path, int create) {
+  Variable* variable = this;
+  if (!path) return variable;
+  for (AggregateIndex* index = path->First(); index && variable; index = path->Next()) {
+    variable = variable->Element(*index, create);
+  }
+  return variable;
+}
+
+// The variable may be one of the elements that give way, so it is held first.
+void Variable::SetElement(const AggregateIndex& index, Variable* variable) {
+  if (redirected()) {
+    if (reference) Final()->SetElement(index, variable);
+    return;
+  }
+  const VariableRef pin = VariableRef::Share(variable);
+  NoteEdge(variable);
+  const AggregateType kind = index.kind();
+  AggregateElement* element = nullptr;
+  if (aggregate == kind && elements->IsRow()) {
+    if (elements->SearchRow(index.position)) {
+      elements->Exchange(index.position, variable);
+      return;
+    }
+  } else if (aggregate == kind) {
+    element = elements->Find(index);
+  }
+  if (element) {
+    element->SetVariable(variable);
+  } else {
+    Convert_Aggregate(kind);
+    elements->InsertNew(index, variable);
+  }
+}
+
+void Variable::InsertElement(int index, Variable* variable) {
+  if (redirected()) {
+    if (reference) Final()->InsertElement(index, variable);
+    return;
+  }
+  const VariableRef pin = VariableRef::Share(variable);
+  NoteEdge(variable);
+  int place = index;
+  if (aggregate != AggregateArray) {
+    Convert_Aggregate(AggregateArray);
+    if (place < 1) place = 1;
+  } else if (index >= 1) {
+    elements->Displace(index, 1);
+  } else {
+    place = WrapAdd(Max(), 1);
+  }
+  elements->InsertNew(AggregateIndex(place), variable);
+}
+
+void Variable::DeleteElement(const AggregateIndex& index, bool compact) {
+  if (redirected()) {
+    if (reference) Final()->DeleteElement(index, compact);
+    return;
+  }
+  if (aggregate != index.kind()) return;
+  // The index may be the element's own, which is gone after this.
+  const int position = index.position;
+  if (!elements->IsRow() || !elements->RemoveFromRow(position)) delete elements->Remove(index);
+  if (aggregate == AggregateArray && compact) elements->Displace(WrapAdd(position, 1), -1);
+}
+
+// Remove may lose elements from where a search finds them. What it does not give back ends the
+// loop, else the loop would meet the same element for ever.
+void Variable::DeleteElements(int start, int count, bool compact) {
+  if (redirected()) {
+    if (reference) Final()->DeleteElements(start, count, compact);
+    return;
+  }
+  const VariableRef pin = VariableRef::Share(this);
+  Convert_Aggregate(AggregateArray);
+  RunWatch watch(kElements);
+  if (count == -1) {
+    while (elements->IsRow() && elements->LastPlace().position >= start && !watch.Over()) {
+      elements->RemoveFromRow(elements->LastPlace().position);
+    }
+    if (elements->IsRow()) return;
+    AggregateElement* last = elements->Last();
+    while (last && last->index().position >= start && !watch.Over()) {
+      AggregateElement* removed = elements->Remove(last->index());
+      if (!removed) return;
+      delete removed;
+      last = elements->Last();
+    }
+    return;
+  }
+  const int end = WrapAdd(start, count);
+  AggregateElement* element = elements->Next(AggregateIndex(WrapSubtract(start, 1)));
+  while (element && element->index().position < end && !watch.Over()) {
+    AggregateElement* removed = elements->Remove(element->index());
+    if (!removed) break;
+    element = elements->Next(removed->index());
+    delete removed;
+  }
+  if (compact) elements->Displace(end, WrapSubtract(0, count));
+}
+
+// Makes a copy of an element's variable, or that variable itself, the element at the position.
+void Variable::PlaceElement(Variable* element, int position, bool copy) {
+  const AggregateIndex place(position);
+  if (!copy || !element) {
+    SetElement(place, element);
+    return;
+  }
+  const VariableRef variable(new Variable(*element));
+  SetElement(place, variable.get());
+}
+
+// Places the elements from start up to, not including, end, walking upward. In a walk through the
+// own elements those just placed may lie ahead; no honest walk visits more than were there.
+void Variable::PlaceRange(Variable* source, int start, int end, int delta, bool copy) {
+  int left = source->ElementsUsed();
+  auto place = source->aggregateelements()->NextPlace(WrapSubtract(start, 1));
+  RunWatch watch(kElements);
+  while (place.there && place.position < end && left-- > 0 && !watch.Over()) {
+    const int position = place.position;
+    PlaceElement(place.variable, WrapAdd(position, delta), copy);
+    AggregateElementTree* tree = source->aggregateelements();
+    if (!tree) return;
+    place = tree->NextPlace(position);
+    if (place.position <= position) return;
+  }
+}
+
+void Variable::CopyElements(Variable* source, int start, int count, int dest, bool copy) {
+  if (redirected()) {
+    if (reference) Final()->CopyElements(source, start, count, dest, copy);
+    return;
+  }
+  const VariableRef pin = VariableRef::Share(source);
+  Convert_Aggregate(AggregateArray);
+  if (!source) return;
+  Variable* from = source->RealIdentity();
+  if (from->aggregatetype() != AggregateArray) return;
+  if (start < 1) start = from->Min();
+  if (start < 1) return;
+  if (count < 0) {
+    const int last = from->Max();
+    if (last < 1) return;
+    count = WrapAdd(WrapSubtract(last, start), 1);
+  }
+  if (dest < 1) dest = WrapAdd(Max(), 1);
+  if (dest == start && from == this && !copy) return;
+  const int delta = WrapSubtract(dest, start);
+  const int end = WrapAdd(start, count);
+  if (dest < start) {
+    PlaceRange(from, start, end, delta, copy);
+    return;
+  }
+  // Downward, so that an overlapping range is read before it is overwritten.
+  auto place = from->aggregateelements()->PreviousPlace(end);
+  RunWatch watch(kElements);
+  while (place.there && place.position >= start && !watch.Over()) {
+    const int position = place.position;
+    PlaceElement(place.variable, WrapAdd(position, delta), copy);
+    AggregateElementTree* tree = from->aggregateelements();
+    if (!tree) return;
+    place = tree->PreviousPlace(position);
+    if (place.position >= position) return;
+  }
+}
+
+void Variable::MergeElements(Variable* source, int start, int count, int dest, bool copy) {
+  if (redirected()) {
+    if (reference) Final()->MergeElements(source, start, count, dest, copy);
+    return;
+  }
+  const VariableRef pin = VariableRef::Share(source);
+  Convert_Aggregate(AggregateArray);
+  if (!source) return;
+  Variable* from = source->RealIdentity();
+  if (start < 1) start = from->Min();
+  if (start < 1) start = 1;
+  if (count < 0) {
+    const int last = from->Max();
+    count = last > 0 ? WrapAdd(WrapSubtract(last, start), 1) : last;
+  }
+  if (dest < 1) dest = WrapAdd(Max(), 1);
+  elements->Displace(dest, count);
+  if (from->aggregatetype() != AggregateArray) return;
+  const int end = WrapAdd(start, count);
+  const int delta = WrapSubtract(dest, start);
+  if (from != this || end <= dest) {
+    PlaceRange(from, start, end, delta, copy);
+  } else if (dest <= start) {
+    // The whole range has moved up with the gap.
+    PlaceRange(this, end, WrapAdd(end, count), WrapSubtract(dest, end), copy);
+  } else {
+    // The gap has split the range. The bound of its upper part is wider than the part, and what
+    // lies between is merged as well: scripts know it so.
+    PlaceRange(this, start, dest, delta, copy);
+    const int bound = WrapAdd(WrapAdd(WrapAdd(dest, count), count), count);
+    PlaceRange(this, WrapAdd(dest, count), bound, WrapSubtract(delta, count), copy);
+  }
+}
+
+int Variable::CollapseElements() {
+  if (reference) return Final()->CollapseElements();
+  if (aggregate != AggregateArray) return 0;
+  return elements->Collapse();
+}
+
+int Variable::Max() {
+  if (reference) return Final()->Max();
+  return elements ? elements->LastPlace().position : 0;
+}
+
+int Variable::Min() {
+  if (reference) return Final()->Min();
+  return elements ? elements->FirstPlace().position : 0;
+}
+
+int Variable::Next(int position) {
+  if (reference) return Final()->Next(position);
+  if (!elements) return 0;
+  if (aggregate != AggregateArray) return -1;
+  return elements->NextPlace(position).position;
+}
+
+int Variable::Previous(int position) {
+  if (reference) return Final()->Previous(position);
+  if (!elements) return 0;
+  if (aggregate != AggregateArray) return -1;
+  return elements->PreviousPlace(position).position;
+}
+
+int Variable::ElementsUsed() {
+  if (reference) return Final()->ElementsUsed();
+  return elements ? elements->Entries() : 0;
+}

@@ -1,0 +1,148 @@
+#include "base/host/BufferedOutput.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/RecordingOutput.h"
+
+namespace {
+
+class Sink : public BufferedOutput {
+ public:
+  explicit Sink(int bytes) : BufferedOutput(bytes) {}
+  int DoWrite(const char* text, int length) override {
+    writes.emplace_back(text, static_cast<size_t>(length));
+    return result < 0 ? result : length;
+  }
+  std::vector<std::string> writes;
+  int result = 0;
+};
+
+TEST(BufferedOutput, CollectsUntilTheBufferIsFull) {
+  Sink output(8);
+  EXPECT_EQ(output.Write("abc", 3), 3);
+  EXPECT_EQ(output.Write("defgh", -1), 5);
+  EXPECT_TRUE(output.writes.empty());
+  output.Write("i", 1);
+  ASSERT_EQ(output.writes.size(), 1u);
+  EXPECT_EQ(output.writes[0], "abcdefgh");
+}
+
+TEST(BufferedOutput, TextThatDoesNotFitGoesBehindAFlush) {
+  Sink output(8);
+  output.Write("abcde", 5);
+  output.Write("fghi", 4);
+  EXPECT_EQ(output.writes, std::vector<std::string>{"abcde"});
+  output.Flush();
+  EXPECT_EQ(output.writes[1], "fghi");
+}
+
+TEST(BufferedOutput, LongTextFillsTheBufferAgainAndAgain) {
+  Sink output(4);
+  output.Write("ab", 2);
+  EXPECT_EQ(output.Write("0123456789", 10), 10);
+  EXPECT_EQ(output.writes, (std::vector<std::string>{"ab01", "2345"}));
+  output.Flush();
+  EXPECT_EQ(output.writes[2], "6789");
+}
+
+TEST(BufferedOutput, FlushAnswersWhatTheSinkSaid) {
+  Sink output(8);
+  EXPECT_EQ(output.Flush(), 0);
+  output.Write("abc", 3);
+  output.result = -1;
+  EXPECT_EQ(output.Flush(), -1);
+  EXPECT_EQ(output.Flush(), 0);
+}
+
+TEST(BufferedOutput, EmptyTextWritesNothing) {
+  Sink output(8);
+  EXPECT_EQ(output.Write("", 0), 0);
+  EXPECT_EQ(output.Write("", -1), 0);
+  EXPECT_EQ(output.type(), Output::Buffered);
+}
+
+TEST(CaptureOutput, GivesAwayAllThatWasWritten) {
+  RecordingOutput parent;
+  CaptureOutput output(&parent);
+  std::string expected;
+  for (int i = 0; i < 5000; i++) {
+    std::string line = "line " + std::to_string(i) + "\n";
+    output.Write(line.data(), static_cast<int>(line.size()));
+    expected += line;
+  }
+  int length, size;
+  std::unique_ptr<char[]> text(output.data(&length, &size));
+  EXPECT_EQ(std::string(text.get(), static_cast<size_t>(length)), expected);
+  EXPECT_GT(size, length);
+  text[length] = '\0';
+  EXPECT_TRUE(parent.text.empty());
+}
+
+TEST(CaptureOutput, ReportsCapturedAndCapacityAsSize) {
+  RecordingOutput parent;
+  CaptureOutput output(&parent);
+  int length, size;
+  output.Write("abc", 3);
+  std::unique_ptr<char[]> first(output.data(&length, &size));
+  EXPECT_EQ(length, 3);
+  EXPECT_EQ(size, 8192);
+  std::string text(10000, 'x');
+  output.Write(text.data(), 10000);
+  std::unique_ptr<char[]> second(output.data(&length, &size));
+  EXPECT_EQ(length, 10000);
+  EXPECT_EQ(size, 8191 + 8192);
+}
+
+TEST(CaptureOutput, OneWriteOfManyMegabytesIsCaptured) {
+  RecordingOutput parent;
+  CaptureOutput output(&parent);
+  std::string text(30 << 20, 'x');
+  EXPECT_EQ(output.Write(text.data(), static_cast<int>(text.size())), 30 << 20);
+  int length, size;
+  std::unique_ptr<char[]> captured(output.data(&length, &size));
+  EXPECT_EQ(length, 30 << 20);
+}
+
+TEST(CaptureOutput, BeginsAnewAfterItsTextWasTaken) {
+  RecordingOutput parent;
+  CaptureOutput output(&parent);
+  int length, size;
+  output.Write("abc", 3);
+  std::unique_ptr<char[]> first(output.data(&length, &size));
+  output.Write("de", 2);
+  output.Flush();
+  output.Write("f", 1);
+  std::unique_ptr<char[]> second(output.data(&length, &size));
+  EXPECT_EQ(std::string(second.get(), static_cast<size_t>(length)), "def");
+}
+
+TEST(CaptureOutput, ErrorsAndHeaderFieldsPassItBy) {
+  RecordingOutput parent;
+  CaptureOutput output(&parent);
+  output.Write("captured", -1);
+  output.Write_Error("oops", -1);
+  EXPECT_EQ(output.Header("X-A", "1"), 1);
+  EXPECT_EQ(parent.text, "oops");
+  EXPECT_EQ(parent.headers, std::vector<std::string>{"X-A: 1"});
+}
+
+int Half(const char*, int length) {
+  return length / 2;
+}
+
+TEST(NullOutput, SwallowsOrAsksItsCallback) {
+  NullOutput silent(nullptr);
+  EXPECT_EQ(silent.Write("abcd", -1), 4);
+  EXPECT_EQ(silent.Write_Compressed("  ab", 4), 4);
+  EXPECT_EQ(silent.Flush(), 1);
+  EXPECT_EQ(silent.Flush(1), 0);
+  EXPECT_EQ(silent.type(), Output::Null);
+  NullOutput half(Half);
+  EXPECT_EQ(half.Write("abcd", 4), 2);
+}
+
+}  // namespace

@@ -1,0 +1,774 @@
+#include "base/compiled/HotCode.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/host/Config.h"
+#include "base/host/HTTPOutput.h"
+#include "base/machine/Feature.h"
+#include "base/values/Aggregate.h"
+#include "tests/support/Machine.h"
+
+namespace {
+
+using namespace Instruction;
+
+// Behind that many bytes a segment is never decoded.
+void KeepCold(Machine* machine) {
+  machine->segments.Start()->Write_Byte(Segment::LongestHot, 0);
+}
+
+// Writes a loop of a body that runs as often, counted in a global of its own.
+template <typename Body>
+void Loop(Machine* machine, int rounds, Body body) {
+  const int counter = machine->Global("rounds");
+  machine->Op(storegi, counter, 0);
+  const int start = machine->end;
+  body();
+  machine->Op(incg, counter, 1);
+  machine->Op(cmpgi, counter, rounds);
+  machine->Op(jmp_lt, start - (machine->end + 6));
+}
+
+const int kRounds = 3 * Segment::Repeats;
+
+TEST(HotCode, IsMadeWhenALoopComesRoundAndDroppedByAWrite) {
+  Machine machine;
+  Loop(&machine, kRounds, [] {});
+  EXPECT_EQ(machine.segments.Start()->hot(), nullptr);
+  EXPECT_EQ(machine.Go(), 1);
+  ASSERT_NE(machine.segments.Start()->hot(), nullptr);
+  EXPECT_EQ(machine.Value("rounds"), std::to_string(kRounds));
+  machine.Op(noop);
+  EXPECT_EQ(machine.segments.Start()->hot(), nullptr);
+}
+
+TEST(HotCode, KnowsWhereInstructionsBegin) {
+  Dictionary dictionary;
+  Segment segment(0);
+  int end = segment.Write_Word(0, pushi);
+  end = segment.Write_Dword(end, 7);
+  end = segment.Write_Word(end, add);
+  const HotCode hot(segment.code(), segment.length(), dictionary, nullptr);
+  ASSERT_NE(hot.At(0), nullptr);
+  EXPECT_EQ(hot.At(0)->first, 7);
+  EXPECT_EQ(hot.At(0)->action, HotAction::AddConstant);
+  EXPECT_EQ(hot.At(0)->single, HotAction::PushInteger);
+  EXPECT_EQ(hot.At(1), nullptr);
+  ASSERT_NE(hot.At(6), nullptr);
+  EXPECT_EQ(hot.At(6)->action, HotAction::Add);
+  ASSERT_NE(hot.At(8), nullptr);
+  EXPECT_EQ(hot.At(8)->action, HotAction::Leave);
+  EXPECT_EQ(hot.At(9), nullptr);
+  EXPECT_EQ(hot.At(-1), nullptr);
+}
+
+TEST(HotCode, AJumpBetweenInstructionsIsLeftToTheLoop) {
+  Dictionary dictionary;
+  Segment segment(0);
+  int end = segment.Write_Word(0, jmp);
+  end = segment.Write_Dword(end, static_cast<unsigned>(-5));
+  const HotCode hot(segment.code(), segment.length(), dictionary, nullptr);
+  EXPECT_EQ(hot.At(0)->action, HotAction::Leave);
+}
+
+TEST(HotCode, AnErrorInsideHotCodeTellsItsOwnPlace) {
+  Machine machine;
+  const int counter = machine.Global("counter");
+  const int start = machine.end;
+  machine.Op(incg, counter, 1);
+  machine.Op(cmpgi, counter, kRounds);
+  machine.Op(jmp_lt, start - (machine.end + 6));
+  char place[40];
+  snprintf(place, sizeof place, "[00000000:%08x]: ", static_cast<unsigned>(machine.end));
+  machine.Op(add);
+  EXPECT_EQ(machine.Go(), 0);
+  EXPECT_NE(machine.Error().find(std::string(place) + "Stack underflow"), std::string::npos)
+      << machine.Error();
+}
+
+TEST(HotCode, TheStackOverflowsAtItsLastEntryAlsoInALoop) {
+  Machine machine;
+  const int counter = machine.Global("counter");
+  machine.Op(storegi, counter, 0);
+  const int start = machine.end;
+  machine.Op(pushg, counter);
+  machine.Op(pushi, 1);
+  machine.Op(add);
+  machine.Op(incg, counter, 1);
+  machine.Op(jmp, start - (machine.end + 6));
+  EXPECT_EQ(machine.Go(), 0);
+  EXPECT_NE(machine.Error().find("Stack overflow"), std::string::npos);
+  EXPECT_EQ(machine.stack().Entries(), 512);
+  // The 512th round has no room for the constant beside the variable.
+  EXPECT_EQ(machine.Value("counter"), "511");
+}
+
+TEST(HotCode, AnExitFromOutsideEndsALoopWithoutCalls) {
+  Machine machine;
+  const int start = machine.end;
+  machine.Op(jmp, start - (machine.end + 6));
+  ZephVM& vm = machine.vm();
+  class Exits : public Feature {
+   public:
+    Exits(Machine* m, ZephVM* v) : Feature(&m->application, v, Type_Lockfile), machine(m) {}
+    void Heartbeat() override { *machine->application.exitflag() = 1; }
+    Machine* machine;
+  };
+  vm.Push_Feature(new Exits(&machine, &vm));
+  std::thread beat([&] { std::atomic_ref<int>(*machine.application.heartbeatcounter()).store(1); });
+  EXPECT_EQ(machine.Go(), 1);
+  beat.join();
+}
+
+// Programs of random instructions give the same globals, stack and errors, hot or not.
+struct RandomProgram {
+  explicit RandomProgram(unsigned seed) : random(seed) {}
+
+  int Below(int bound) { return static_cast<int>(random() % static_cast<unsigned>(bound)); }
+
+  void Write(Machine* machine) {
+    for (const char* name : {"a", "b", "c", "d"}) globals.push_back(machine->Global(name));
+    Start(machine);
+    Loop(machine, kRounds, [&] {
+      const int statements = 1 + Below(6);
+      for (int i = 0; i < statements; i++) Statement(machine);
+    });
+    machine->Op(Instruction::exit);
+  }
+
+  // What the globals begin with: integers, doubles, texts, nothing, an array.
+  void Start(Machine* machine) {
+    for (int global : globals) {
+      switch (Below(6)) {
+        case 0: machine->Op(storegi, global, Below(100) - 50); break;
+        case 1: machine->OpDouble(pushf, Below(1000) / 8.0).Op(popg, global); break;
+        case 2: machine->Text(std::to_string(Below(50))).Op(popg, global); break;
+        case 3: machine->Text("text").Op(popg, global); break;
+        case 4: machine->Op(pushg, global).Op(pushi, 2).Op(elem).Op(pop); break;
+        default: break;
+      }
+    }
+  }
+
+  int Any() { return globals[static_cast<size_t>(Below(4))]; }
+  void Operand(Machine* machine) {
+    switch (Below(4)) {
+      case 0: machine->Op(pushi, Below(9) - 4); break;
+      case 1: machine->OpDouble(pushf, Below(64) / 4.0 - 4); break;
+      default: machine->Op(pushg, Any());
+    }
+  }
+  void Operation(Machine* machine) {
+    static const unsigned short operations[] = {
+        add, sub, mul, Instruction::div, mod, eq, ne, lt, le, gt, ge, add, sub, mod};
+    machine->Op(operations[Below(14)]);
+  }
+  void Expression(Machine* machine) {
+    Operand(machine);
+    for (int i = Below(3); i >= 0; i--) {
+      Operand(machine);
+      Operation(machine);
+    }
+  }
+  void Statement(Machine* machine) {
+    static const unsigned short jumps[] = {jmp_eq, jmp_ne, jmp_lt, jmp_le, jmp_gt, jmp_ge};
+    switch (Below(12)) {
+      case 0: machine->Op(incg, Any(), Below(5) - 2); break;
+      case 1: machine->Op(storegi, Any(), Below(9)); break;
+      case 2: {
+        const int compared = Any();
+        if (Below(2)) machine->Op(incg, Below(3) ? compared : Any(), Below(5) - 2);
+        machine->Op(cmpgi, compared, Below(9)).Op(jumps[Below(6)], 10).Op(incg, Any(), 1);
+        break;
+      }
+      case 9: machine->Op(cmpgg, Any(), Any()).Op(jumps[Below(6)], 10).Op(incg, Any(), 1); break;
+      case 10:
+        machine->Op(modgg, Any(), Any());
+        if (Below(2)) {
+          machine->Op(jumps[Below(6)], 10).Op(incg, Any(), 1);
+        } else {
+          machine->Op(popg, Any());
+        }
+        break;
+      case 3:
+        Expression(machine);
+        machine->Op(jumps[Below(6)], 10).Op(storegi, Any(), Below(9));
+        break;
+      case 4:
+        Expression(machine);
+        machine->Op(pushg, Any()).Op(pushi, 1 + Below(3)).Op(elem).Op(store);
+        break;
+      case 5:
+        Expression(machine);
+        machine->Op(pushg, Any()).Text("m").Op(memb).Op(store);
+        break;
+      case 6: machine->Op(pushg, Any()).Op(pushi, 1 + Below(3)).Op(elem).Op(popg, Any()); break;
+      case 7: machine->Op(pushg, Any()).Text("m").Op(memb_readonly).Op(popg, Any()); break;
+      default: Expression(machine); machine->Op(popg, Any());
+    }
+  }
+
+  std::mt19937 random;
+  std::vector<int> globals;
+};
+
+struct Outcome {
+  int result;
+  std::string values;
+  std::string error;
+  int entries;
+};
+
+Outcome OutcomeOf(unsigned seed, bool cold) {
+  Machine machine;
+  RandomProgram(seed).Write(&machine);
+  if (cold) KeepCold(&machine);
+  Outcome outcome;
+  outcome.result = machine.Go();
+  if (cold) {
+    EXPECT_EQ(machine.segments.Start()->hot(), nullptr);
+  }
+  for (const char* name : {"a", "b", "c", "d", "rounds"}) {
+    outcome.values += machine.Value(name) + "|";
+  }
+  outcome.error = machine.Error();
+  outcome.entries = machine.stack().Entries();
+  return outcome;
+}
+
+TEST(HotCode, RandomProgramsDoTheSameHotAndCold) {
+  for (unsigned seed = 1; seed <= 1000; seed++) {
+    SCOPED_TRACE(seed);
+    const Outcome hot = OutcomeOf(seed, false);
+    const Outcome cold = OutcomeOf(seed, true);
+    ASSERT_EQ(hot.values, cold.values);
+    ASSERT_EQ(hot.result, cold.result);
+    ASSERT_EQ(hot.error, cold.error);
+    ASSERT_EQ(hot.entries, cold.entries);
+  }
+}
+
+// The same for program text: with functions, arrays that grow, texts, and what the hot loop leaves
+// to the machine's handlers.
+class RandomText {
+ public:
+  explicit RandomText(unsigned seed) : random(seed) {}
+
+  std::string Program() {
+    text = "storegi n, 0\n";
+    for (const char* name : {"a", "b", "c", "d"}) Start(name);
+    text += "pushc \"" + std::string(static_cast<size_t>(120 + Below(20)), 's') + "\"\npopg s\n";
+    text += "storegi i, 0\nagain: incg i, 1\n";
+    const int statements = 2 + Below(6);
+    for (int k = 0; k < statements; k++) Statement();
+    text += "cmpgi i, " + std::to_string(Segment::Repeats + 12) + "\njmp_lt again\n";
+    text += "pushg a\nout\npushg b\nout\npushg c\nout\npushg d\nout\npushg s\nout\nexit\n";
+    Functions();
+    return text;
+  }
+
+ private:
+  int Below(int bound) { return static_cast<int>(random() % static_cast<unsigned>(bound)); }
+  std::string OneOf(std::initializer_list<const char*> words) {
+    return words.begin()[Below(static_cast<int>(words.size()))];
+  }
+  std::string Label() { return "label" + std::to_string(labels++); }
+  std::string Global() { return OneOf({"a", "b", "c", "d"}); }
+  std::string PushGlobal() { return "pushg " + Global() + "\n"; }
+  std::string Number() {
+    return Below(2) ? "pushi " + std::to_string(Below(9) - 3) + "\n"
+                    : "pushf " + std::to_string(Below(40) / 8.0 - 2) + "\n";
+  }
+  std::string Constant() { return "pushc \"" + OneOf({"", "x", "7"}) + "\"\n"; }
+  std::string Member() { return OneOf({"m", "m", "M", "k", "longer than a word", ""}); }
+  std::string Operation() { return OneOf({"add\n", "sub\n", "mul\n", "div\n", "mod\n"}); }
+
+  void Start(const std::string& name) {
+    switch (Below(6)) {
+      case 0: text += "storegi " + name + ", " + std::to_string(Below(50)) + "\n"; break;
+      case 1: text += "pushf 1.75\npopg " + name + "\n"; break;
+      case 2: text += "pushc \"12\"\npopg " + name + "\n"; break;
+      case 3: text += "pushc \"word\"\npopg " + name + "\n"; break;
+      default: text += "pushi 5\npushg " + name + "\npushi 1\nelem\nstore\n"; break;
+    }
+  }
+  std::string Operand() {
+    switch (Below(9)) {
+      case 0: return PushGlobal() + "pushg i\nelem_readonly\n";
+      case 1: return PushGlobal() + "pushi 1\nelem_readonly\n";
+      case 2: return PushGlobal() + "pushc \"" + Member() + "\"\nmemb_readonly\n";
+      case 3: return Operand() + "call " + OneOf({"twice", "sum", "echo"}) + "\n";
+      case 4: return Constant();
+      case 5: return "pushg i\n";
+      default: return Below(2) ? Number() : PushGlobal();
+    }
+  }
+  std::string Expression() {
+    std::string result = Operand();
+    for (int k = Below(3); k > 0; k--) result += Operand() + (Below(4) ? Operation() : "cat\n");
+    return result;
+  }
+  std::string Target() {
+    switch (Below(5)) {
+      case 0: return "pushg a\npushg i\nelem\n";
+      case 1: return PushGlobal() + "pushg i\nelem\n";
+      case 2: return PushGlobal() + "pushi " + std::to_string(1 + Below(3)) + "\nelem\n";
+      case 3: return PushGlobal() + "pushc \"" + Member() + "\"\nmemb\n";
+      default: return PushGlobal();
+    }
+  }
+  // A text that is long enough to grow in place, and what may come in between.
+  std::string LongText() {
+    std::string result = "pushg s\n" + Constant() + "cat\n";
+    for (int k = Below(4); k > 0; k--) {
+      result += OneOf({"pushg i\n", "pushg n\n", "pushc \", \"\n", "pushf 0.5\n"}) + "cat\n";
+    }
+    if (Below(4) == 0) result += "pushg a\npopg s\n";
+    return result + OneOf({"popg s\n", "popg s\n", "popg d\n", "out\n", "call echo\npopg s\n"});
+  }
+  void Statement() {
+    switch (Below(15)) {
+      case 0: text += Target() + "dup\n" + Operand() + Operation() + "swap\nstore\n"; break;
+      case 1: text += Target() + "dup\n" + Number() + Operation() + "swap\nstore\n"; break;
+      case 2: text += Expression() + "popg " + Global() + "\n"; break;
+      case 3:
+        text += "pushg " + OneOf({"i", "n"}) + "\npushg " + Global() + "\npushg i\nelem\nstore\n";
+        break;
+      case 4: {
+        const std::string label = Label();
+        text += Expression() + Operand() + OneOf({"lt\n", "eq\n", "ge\n", "ne\n"}) +
+                OneOf({"jmp_eq ", "jmp_ne "}) + label + "\nincg n, 1\n" + label + ": noop\n";
+        break;
+      }
+      case 5: text += Number() + "pushi 2\nrounds\npopg " + Global() + "\n"; break;
+      case 6: text += Operand() + Operand() + "in\npopg n\n"; break;
+      case 7: text += Operand() + "isnull\npopg n\n" + Operand() + "out\n"; break;
+      case 8: text += "pushi " + std::to_string(Below(6)) + "\ncall down\n" + "popg n\n"; break;
+      case 9:
+        text += Operand() + "pushi " + std::to_string(Below(12) - 1) + "\nrounds\nout\n";
+        break;
+      case 10: text += Constant() + PushGlobal() + "cat\n" + OneOf({"out\n", "popg d\n"}); break;
+      case 11:
+        text += Constant() + "pushg i\ncat\n" +
+                OneOf({"out\n", "popg b\n", "call echo\npopg c\n", "pushg a\ncat\nout\n"});
+        break;
+      case 12:
+      case 13: text += LongText(); break;
+      // A whole array or its text within an element of it would double with each round.
+      default: text += Expression() + Number() + Operation() + Target() + "store\n"; break;
+    }
+    if (Below(3) == 0) text += "pushc \"\"\npopg b\n";
+  }
+  void Functions() {
+    text += ".function twice(x)\npushl x\npushi 2\nmul\nret\n.end\n";
+    text += ".function echo(x)\n" + std::string(Below(2) ? "pushi 3\npushl x\nadd\npopl x\n" : "") +
+            "pushl x\nret\n.end\n";
+    text += ".function sum(x)\n.local t\npushl x\npopl t\npushl t\npushl x\n" + Operation() +
+            "popl t\npushl t\nret\n.end\n";
+    text += ".function down(k)\npushl k\npushi 1\nlt\njmp_eq more\n" +
+            OneOf({"pushl k\n", "pushc \"end\"\n", "pushl k\npushc \"e\"\ncat\n"}) +
+            "ret\nmore: pushl k\npushi 1\nsub\ncall down\npushl k\n" + OneOf({"add\n", "cat\n"}) +
+            "ret\n.end\n";
+  }
+
+  std::mt19937 random;
+  std::string text;
+  int labels = 0;
+};
+
+// A page in small blocks, some of which go out early.
+class Page : public HTTPOutput {
+ public:
+  Page() : HTTPOutput(64, 150) {}
+  void OutputHeaders() override {}
+  int DoWrite(const char* text, int length) override {
+    body.append(text, static_cast<size_t>(length));
+    return length;
+  }
+  std::string body;
+};
+
+Outcome OutcomeOf(const std::string& program, bool cold) {
+  Page page;
+  Machine machine;
+  if (!cold) machine.application.SetOutput(&page);
+  machine.Assemble(program);
+  if (cold) KeepCold(&machine);
+  Outcome outcome;
+  outcome.result = machine.Go();
+  EXPECT_EQ(machine.segments.Start()->hot() == nullptr, cold);
+  for (const char* name : {"a", "b", "c", "d", "i", "n"}) {
+    outcome.values += machine.Value(name) + "|";
+  }
+  page.Flush();
+  outcome.values += page.body + machine.Output();
+  outcome.error = machine.Error();
+  outcome.entries = machine.stack().Entries();
+  return outcome;
+}
+
+TEST(HotCode, RandomProgramTextsDoTheSameHotAndCold) {
+  for (unsigned seed = 1; seed <= 1000; seed++) {
+    const std::string program = RandomText(seed).Program();
+    SCOPED_TRACE(testing::Message() << seed << "\n" << program);
+    const Outcome hot = OutcomeOf(program, false);
+    const Outcome cold = OutcomeOf(program, true);
+    ASSERT_EQ(hot.values, cold.values);
+    ASSERT_EQ(hot.result, cold.result);
+    ASSERT_EQ(hot.error, cold.error);
+    ASSERT_EQ(hot.entries, cold.entries);
+  }
+}
+
+// A program that ends in order writes the same, decoded or not.
+void ExpectTheSameHotAndCold(const std::string& program) {
+  Machine hot, cold;
+  hot.Assemble(program);
+  cold.Assemble(program);
+  KeepCold(&cold);
+  EXPECT_EQ(hot.Go(), 1);
+  EXPECT_EQ(cold.Go(), 1);
+  EXPECT_NE(hot.segments.Start()->hot(), nullptr);
+  EXPECT_EQ(hot.Output(), cold.Output());
+}
+
+// Idioms take room for what their instructions would push, on a stack that grows once and then has
+// an end.
+TEST(HotCode, AnyDepthOfTheStackDoesTheSameHotAndCold) {
+  for (int depth = 0; depth <= 514; depth += depth == 20 ? 485 : 1) {
+    SCOPED_TRACE(depth);
+    std::string program = "storegi n, 0\nagain: incg n, 1\n";
+    for (int i = 0; i < depth; i++) program += "pushi 1\n";
+    program +=
+        "pushg n\npushi 2\nadd\npopg sum\npushg n\npushg n\nmul\npopg square\n"
+        "pushg s\npushc \"m\"\nmemb\ndup\npushi 1\nadd\nswap\nstore\n"
+        "pushg a\npushg n\nelem\ndup\npushg n\nadd\nswap\nstore\n"
+        "pushg n\npushi 2\nmul\ncall less\npopg odd\ncall seven\npopg seven\n";
+    for (int i = 0; i < depth; i++) program += "pop\n";
+    program +=
+        "cmpgi n, " + std::to_string(kRounds) +
+        "\njmp_lt again\npushg s\nout\npushg a\nout\nexit\n"
+        ".function less(x)\npushl x\npushi 1\nsub\nret\n.end\n.function seven()\npushi 7\nret\n";
+    Machine hot, cold;
+    hot.Assemble(program);
+    cold.Assemble(program);
+    KeepCold(&cold);
+    EXPECT_EQ(hot.Go(), cold.Go());
+    EXPECT_EQ(hot.Output(), cold.Output());
+    EXPECT_EQ(hot.Error(), cold.Error());
+    for (const char* name : {"n", "sum", "square", "odd", "seven"})
+      EXPECT_EQ(hot.Value(name), cold.Value(name));
+  }
+}
+
+TEST(HotCode, RoundedValuesAreWrittenAsRoundsMakesThem) {
+  const char* const values[] = {"0",    "0.0006", "0.5",   "1",        "-1",        "1.005",
+                                "2.5",  "2.345",  "-9.99", "9.995",    "99.999",    "123456.789",
+                                "1e10", "1e14",   "1e15",  "-4.5e15",  "1e300",     "inf",
+                                "-inf", "nan",    "-0.0",  "1.999999", "7.0000001", "-1234.5678"};
+  for (const char* value : values) {
+    for (int decimals = -1; decimals <= 21; decimals++) {
+      SCOPED_TRACE(testing::Message() << value << " to " << decimals);
+      ExpectTheSameHotAndCold("storegi n, 0\nagain: incg n, 1\npushf " + std::string(value) +
+                              "\npushi " + std::to_string(decimals) +
+                              "\nrounds\nout\npushc \" \"\nout\ncmpgi n, " +
+                              std::to_string(kRounds) + "\njmp_lt again\n");
+    }
+  }
+}
+
+TEST(HotCode, AKeptFrameHasTheOutputModeOfItsFunction) {
+  const std::string program =
+      "storegi n, 0\nagain: incg n, 1\npushg n\ncall f\npop\npushc \"a  b\"\nout_comp\n"
+      "cmpgi n, " +
+      std::to_string(kRounds) +
+      "\njmp_lt again\nexit\n.function f(x)\npushc \"<   >\"\nout_comp\nstdoutput 2\n"
+      "pushl x\nret\n";
+  ExpectTheSameHotAndCold(program);
+}
+
+// A sum as the argument of a call goes straight into the variable of the function, if that is its
+// only one and a number's place.
+TEST(HotCode, ASumIsTheArgumentOfAnyFunction) {
+  const char* const kFunctions[] = {
+      ".function f(x)\npushl x\nret\n",
+      ".function f(x)\npushl x\npushl x\nmul\nret\n",
+      ".function f(x)\npushc \"<\"\npushl x\ncat\nret\n",
+      ".function f(x)\npushc \"text\"\npopl x\npushl x\nret\n",
+      ".function f(x)\npushc \"a\"\npushl x\npushc \"m\"\nmemb\nstore\npushl x\nret\n",
+      (".function f(x)\npushi 2\npushl x\nlt\njmp_eq no\npushl x\npushi 1\nsub\ncall f\nret\n"
+       "no: pushl x\nret\n"),
+      ".function f(x var)\npushi 7\npopl x\npushi 3\nret\n",
+      ".function f()\npushi 4\nret\n",
+  };
+  for (const char* function : kFunctions) {
+    SCOPED_TRACE(function);
+    const std::string program =
+        "storegi n, 0\nagain: pushc \"x\"\npushg n\npushi 3\nadd\ncall f\nout\n"
+        "pushg n\npushf 0.5\nmul\ncall f\nout\nout\nincg n, 1\ncmpgi n, " +
+        std::to_string(kRounds) + "\njmp_lt again\nexit\n";
+    Machine hot, cold;
+    hot.Assemble(program + function);
+    cold.Assemble(program + function);
+    KeepCold(&cold);
+    EXPECT_EQ(hot.Go(), cold.Go());
+    EXPECT_EQ(hot.Output(), cold.Output());
+    EXPECT_EQ(hot.Error(), cold.Error());
+  }
+}
+
+TEST(HotCode, ASumBelowTwoParametersIsTheLast) {
+  const std::string program =
+      "storegi n, 0\nagain: pushc \"a\"\npushg n\npushi 3\nsub\ncall f\nout\nincg n, 1\ncmpgi n, " +
+      std::to_string(kRounds) + "\njmp_lt again\nexit\n" +
+      ".function f(x, y)\npushl x\npushl y\ncat\nret\n";
+  ExpectTheSameHotAndCold(program);
+}
+
+// A frame's features end with its return, however often frames of the function returned before, and
+// those of its callers stay.
+TEST(HotCode, AReturnEndsTheFeaturesOfItsFunction) {
+  ExpectTheSameHotAndCold(
+      "storegi n, 0\npushg all\ncapture\nagain: incg n, 1\n"
+      "pushg n\npushi 1\nadd\ncall plain\nout\npushg n\ncall caught\nout\n"
+      "pushg n\npushi 3\nmul\ncall plain\nout\ncmpgi n, " +
+      std::to_string(2 * kRounds) +
+      "\njmp_lt again\ncapture_end\npushg all\nout\npushg text\nout\nexit\n"
+      ".function plain(x)\npushl x\npushi 2\nmul\nret\n.end\n"
+      ".function caught(x)\npushl x\npushi 9\nmod\njmp_ne no\npushg text\ncapture\npushl x\nout\n"
+      "no: pushl x\npushl x\nadd\nret\n");
+}
+
+// Calls of one function with arguments of all kinds take turns, so that its frames are entered by
+// either loop.
+TEST(HotCode, AFrameServesCallsOfEitherLoop) {
+  ExpectTheSameHotAndCold(
+      "storegi n, 0\nagain: incg n, 1\npushg n\npushg n\ncall pair\nout\n"
+      "pushg n\npushc \"b\"\ncall pair\nout\npushc \"a\"\npushg n\ncall pair\nout\n"
+      "pushf 0.5\npushi 3\ncall pair\nout\npushg n\npushi 1\nadd\ncall one\nout\n"
+      "pushc \"c\"\ncall one\nout\npushg n\npushi 2\nmul\ncall one\nout\ncmpgi n, " +
+      std::to_string(kRounds) +
+      "\njmp_lt again\nexit\n"
+      ".function pair(x, y)\n.local t\npushl x\npushl y\ncat\npopl t\npushl t\nret\n.end\n"
+      ".function one(x)\n.local t\npushl t\nout\npushl x\npopl t\npushl x\npushl t\nadd\nret\n");
+}
+
+TEST(HotCode, ACallOfNoFunctionTellsItsOwnPlace) {
+  for (int index : {-1, 1, 1 << 30}) {
+    SCOPED_TRACE(index);
+    Machine hot, cold;
+    for (Machine* machine : {&hot, &cold}) {
+      Loop(machine, kRounds, [] {});
+      machine->Op(pushi, 1).Op(call, index);
+    }
+    KeepCold(&cold);
+    EXPECT_EQ(hot.Go(), 0);
+    EXPECT_EQ(cold.Go(), 0);
+    EXPECT_NE(hot.Error().find("Invalid function call"), std::string::npos);
+    EXPECT_EQ(hot.Error(), cold.Error());
+  }
+}
+
+// --- Numbers of which there are two forms --------------------------------------------------------
+
+// Reads a value that is on top in each way that asks for an integer, and writes what that gives.
+std::string ReadAsIntegers(const std::string& push) {
+  static const char* const kReads[] = {
+      "pushi 1000\nmod\n",   "pushg thousand\nmod\n",
+      "pushi 255\nbitand\n", "pushi 255\nbitor\n",
+      "pushi 255\nbitxor\n", "bitoc\n",
+      "pushi 3\nbitsl\n",    "pushi 3\nbitsr\n",
+      "pushi 0\nadd\n",      "pushi 0\nadd\npushi 1000\nmod\n",
+      "pushi 7\neq\n",
+  };
+  std::string code;
+  for (const char* read : kReads) code += push + read + "out\npushc \" \"\nout\n";
+  // As the right operand, as a position, and as a count of decimals.
+  code += "pushi 123456\n" + push + "mod\nout\npushc \" \"\nout\n";
+  code += "pushg row\n" + push + "pushi 5\nbitand\npushi 1\nadd\nelem_readonly\nout\n";
+  code += "pushf 2.125\n" + push + "pushi 7\nbitand\nrounds\nout\n";
+  return code;
+}
+
+const char* const kValues[] = {"pushc \"99999999999\"\n",
+                               "pushc \"1e11\"\n",
+                               "pushc \"3.9\"\n",
+                               "pushc \"0x10\"\n",
+                               "pushc \"1e3\"\n",
+                               "pushc \"12ab\"\n",
+                               "pushf 1e11\n",
+                               "pushf -3.9\n",
+                               "pushi -7\n",
+                               "pushc \"\"\n",
+                               "pushf nan\n"};
+
+const struct {
+  const char* label;
+  const char* reads;  // of the variable on top, and what they leave is dropped
+} kReadsBefore[] = {
+    {"nothing", "pop\n"},
+    {"integer", "pushi 1\nmod\npop\n"},
+    {"double", "pushi 1\nadd\npop\n"},
+    {"integer, double", "dup\npushi 1\nmod\npop\npushi 1\nadd\npop\n"},
+    {"double, integer", "dup\npushi 1\nadd\npop\npushi 1\nmod\npop\n"},
+    {"text", "pushc \"\"\ncat\npop\n"},
+    {"comparison", "pushi 1\neq\npop\n"},
+};
+
+// The value reaches the reads as it is, from a local variable of a function, as an argument, and
+// from an element.
+TEST(HotCode, AnIntegerIsTheSameHotAndColdWhateverWasReadBefore) {
+  for (const char* value : kValues) {
+    for (const auto& b : kReadsBefore) {
+      SCOPED_TRACE(testing::Message() << value << " after " << b.label);
+      const std::string prepare = value + std::string("popg v\npushg v\n") + b.reads;
+      std::string program =
+          "storegi thousand, 1000\npushi 9\npushg row\npushi 1\nelem\nstore\n"
+          "pushi 8\npushg row\npushi 5\nelem\nstore\nstoregi n, 0\nstoregi one, 1\n"
+          "again: incg n, 1\n" +
+          prepare;
+      program += ReadAsIntegers("pushg v\n");
+      program += prepare + ReadAsIntegers("pushi 0\ncall local\n");
+      program += prepare + ReadAsIntegers("pushg v\ncall echo\n");
+      program += prepare + ReadAsIntegers("pushg v\ncall same\n");
+      program += prepare + "pushg v\npushg a\npushg one\nelem\nstore\n";
+      program += ReadAsIntegers("pushg a\npushg one\nelem_readonly\n");
+      program += prepare + "pushg v\npushg s\npushc \"m\"\nmemb\nstore\n";
+      program += ReadAsIntegers("pushg s\npushc \"m\"\nmemb_readonly\n");
+      program += prepare + "modgg v, thousand\nout\n";
+      program += prepare + "incg v, 1\npushg v\nout\n";
+      program += prepare + "cmpgi v, 191\nout\n";
+      program += "cmpgi n, " + std::to_string(kRounds) + "\njmp_lt again\nexit\n";
+      program += ".function local(x)\n.local t\n" + std::string(value) + "popl t\npushl t\n" +
+                 std::string(b.reads) + "pushl t\nret\n.end\n";
+      program += ".function echo(x)\npushl x\nret\n.end\n";
+      program += ".function same(x var)\npushl x\nret\n.end\n";
+      ExpectTheSameHotAndCold(program);
+    }
+  }
+}
+
+// A position may be none, which ends the program with the same message, also where it comes up when
+// the loop is decoded.
+TEST(HotCode, APositionIsTheSameHotAndColdWhateverWasReadBefore) {
+  for (const char* value : kValues) {
+    for (const auto& b : kReadsBefore) {
+      for (const char* element :
+           {"elem", "elem_readonly", "elem\ndup\npushi 1\nadd\nswap\nstore\npushi 1"}) {
+        SCOPED_TRACE(testing::Message() << value << " after " << b.label << ": " << element);
+        const std::string program =
+            "again: incg n, 1\nstoregi v, 2\ncmpgi n, " + std::to_string(kRounds) +
+            "\njmp_lt use\n" + value + "popg v\npushg v\n" + b.reads +
+            "use: pushg n\npushg row\npushg v\n" + element + "\nout\npop\n" +
+            "pushg n\npushg row\npushg v\nelem\nstore\n" + "cmpgi n, " +
+            std::to_string(kRounds + 3) + "\njmp_lt again\npushg row\nout\n";
+        Machine hot, cold;
+        hot.Assemble(program);
+        cold.Assemble(program);
+        KeepCold(&cold);
+        EXPECT_EQ(hot.Go(), cold.Go());
+        EXPECT_EQ(hot.Output(), cold.Output());
+        EXPECT_EQ(hot.Error(), cold.Error());
+        EXPECT_NE(hot.segments.Start()->hot(), nullptr);
+      }
+    }
+  }
+}
+
+// --- Long work -----------------------------------------------------------------------------------
+
+// An element that raises the time-out when it is read, which a copy of its array does, for the last
+// time.
+class Raises : public ImmutableVariable {
+ public:
+  Raises(Machine* m, int last_read) : machine(m), reads(last_read) {}
+  int type() override { return VariableComputedText; }
+  String& value() override {
+    if (--reads == 0) std::atomic_ref<int>(*machine->application.timedoutflag()).store(1);
+    return ImmutableVariable::value();
+  }
+
+ private:
+  Machine* machine;
+  int reads;
+};
+
+TEST(HotCode, WorkThatMayBeLongIsTheLastBeforeATimeOut) {
+  const char* const works[] = {
+      "pushg a\npopg b\n",
+      "pushg a\npushg b\nstore\n",
+      "pushg a\npushg b\npushi 1\nelem\nstore\n",
+      "pushg a\npushc \"x\"\ncat\npop\n",
+      "pushg a\ncall f\npop\n",
+      "pushg a\nout\n",
+  };
+  for (const char* work : works) {
+    for (int last : {2, 20, 21, 50, 51, 52, 70}) {
+      SCOPED_TRACE(testing::Message() << work << last);
+      Machine machine;
+      machine.Assemble("again: incg n, 1\n" + std::string(work) +
+                       "incg done, 1\ncmpgi n, 100\njmp_lt again\nexit\n"
+                       ".function f(x)\nretn\n");
+      auto* element = new Raises(&machine, last);
+      Variable* array = machine.global.Index(machine.global.Seek(-1, "a", -1, nullptr), 1);
+      array->SetElement(AggregateIndex(1), element);
+      element->DecRefCount();
+      EXPECT_EQ(machine.Go(), 0);
+      EXPECT_EQ(machine.Value("n"), std::to_string(last));
+      EXPECT_EQ(machine.Value("done"), std::to_string(last - 1));
+    }
+  }
+}
+
+// --- The log -------------------------------------------------------------------------------------
+
+// A loop that notes its lines and calls a function, with the records of a level, and whether the
+// run was in hot code at its end.
+std::vector<std::string> LogOfLoop(unsigned level, bool hot) {
+  Machine machine;
+  machine.application.config()->SetValue_Integer(Config_log_level, static_cast<int>(level));
+  machine.Assemble(
+      "storegi n, 0\nagain: lineno 5\npushg n\ncall twice\npopg sum\nlineno 6\nincg n, 1\n"
+      "cmpgi n, " +
+      std::to_string(kRounds) +
+      "\njmp_lt again\npop\nexit\n"
+      ".function twice(x)\nlineno 20\npushl x\npushi 2\nmul\nret\n");
+  if (!hot) KeepCold(&machine);
+  EXPECT_EQ(machine.Go(), 0);
+  EXPECT_EQ(machine.segments.Start()->hot() != nullptr, hot);
+  EXPECT_EQ(machine.Value("sum"), std::to_string(2 * (kRounds - 1)));
+  return machine.application.log;
+}
+
+TEST(HotCode, LeavesOutNoRecordOfTheLog) {
+  const struct {
+    const char* label;
+    unsigned level;
+    size_t records;
+  } cases[] = {
+      {"none", 0, 0},
+      {"errors", Log_FatalError | Log_RuntimeError | Log_TimedOut, 1},
+      {"lines", Log_Trace, 3 * kRounds},
+      {"calls", Log_FunctionCall, kRounds},
+      {"parameters", Log_FunctionParameter, kRounds},
+      {"values", Log_FunctionReturnValue, kRounds},
+      {"returns", Log_FunctionReturn, kRounds},
+      {"libraries", Log_ExternalFunctionCall, 0},
+      {"all", ~0u, 7 * kRounds + 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    const std::vector<std::string> cold = LogOfLoop(c.level, false);
+    EXPECT_EQ(cold.size(), c.records);
+    EXPECT_EQ(LogOfLoop(c.level, true), cold);
+  }
+}
+
+}  // namespace
