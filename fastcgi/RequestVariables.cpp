@@ -105,7 +105,9 @@ Variable* RequestVariables::Make(int number) {
 }
 
 LateVariables* RequestVariables::Clone(ZephApplication* application) {
-  auto copy = std::make_unique<RequestVariables>(nullptr, system->Clone(application));
+  std::unique_ptr<LateVariables> cloned(system->Clone(application));
+  auto copy = std::make_unique<RequestVariables>(nullptr, cloned.get());
+  (void)cloned.release();
   for (const Fact& fact : facts) copy->facts.push_back(fact);
   for (const Parameter& parameter : parameters) {
     copy->kept.push_back(std::make_unique<String>(parameter.text, -1));

@@ -58,13 +58,17 @@ void StoredNameTable::MakeHeads() {
 
 bool StoredNameTable::MakeRoom(int growth) {
   if (chain && entry_count < chain_capacity) return false;
-  if (entry_count >= chain_capacity) chain_capacity += growth;
-  if (chain_capacity <= chain_room && chain) return true;
-  chain_room = std::max(chain_capacity, 2 * chain_room);
-  auto larger = std::make_unique_for_overwrite<int[]>(static_cast<size_t>(chain_room));
-  std::fill_n(larger.get(), chain_room, -1);
-  if (chain) std::copy_n(chain.get(), entry_count, larger.get());
-  chain = std::move(larger);
+  const int grown = entry_count >= chain_capacity ? chain_capacity + growth : chain_capacity;
+  if (grown > chain_room || !chain) {
+    const int room = std::max(grown, 2 * chain_room);
+    auto larger = std::make_unique_for_overwrite<int[]>(static_cast<size_t>(room));
+    std::fill_n(larger.get(), room, -1);
+    if (chain) std::copy_n(chain.get(), entry_count, larger.get());
+    chain = std::move(larger);
+    chain_room = room;
+  }
+  // Where there is no memory, the table stays as it was.
+  chain_capacity = grown;
   return true;
 }
 

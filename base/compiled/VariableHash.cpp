@@ -227,15 +227,18 @@ int VariableHash::Seek(int name_index, const char* name, int length, _VH_Entry**
 // The memory grows up to the capacity, which is what a table reports from the start: most tables
 // hold a fraction of it. Beyond that it doubles: a form may have a million names.
 void VariableHash::MakeRoom() {
-  if (entry_count == capacity) capacity += Growth;
-  if (entry_count < allocated_entries) return;
-  int larger = allocated_entries < 32 ? 64 : allocated_entries * 2;
-  if (larger > capacity && allocated_entries < capacity - Growth) larger = capacity;
-  _VH_Entry* old = entries;
-  const int old_allocated = allocated_entries;
-  TakeEntries(larger);
-  if (entry_count > 0) memcpy(entries, old, sizeof(_VH_Entry) * static_cast<size_t>(entry_count));
-  FreeEntries(old, old_allocated);
+  const int grown = entry_count == capacity ? capacity + Growth : capacity;
+  if (entry_count == allocated_entries) {
+    int larger = allocated_entries < 32 ? 64 : allocated_entries * 2;
+    if (larger > grown && allocated_entries < grown - Growth) larger = grown;
+    _VH_Entry* old = entries;
+    const int old_allocated = allocated_entries;
+    TakeEntries(larger);
+    if (entry_count > 0) memcpy(entries, old, sizeof(_VH_Entry) * static_cast<size_t>(entry_count));
+    FreeEntries(old, old_allocated);
+  }
+  // Where there is no memory, the table stays as it was.
+  capacity = grown;
 }
 
 void VariableHash::OwnIndex() {
@@ -890,24 +893,26 @@ void SystemVariableHash::Save(int position, int version, Variable* variable) {
 }
 
 void SystemVariableHash::Replace(int position, Variable* variable) {
+  VariableRef adopted(variable);
   _VH_Entry* entry = &entries[position];
   Variable* old = entry->variable;
   if (depth > 0) {
     Save(position, entry->version, old);
     old = nullptr;
   }
-  entry->variable = variable;
+  entry->variable = adopted.release();
   entry->version = depth;
   if (old) old->DecRefCount();
 }
 
 void SystemVariableHash::SetVariable(Variable* variable) {
+  VariableRef adopted(variable);
   const String& name = variable->name();
   const int found = MakeLate(name.data, name.length);
   if (found >= 0) {
-    Replace(found, variable);
+    Replace(found, adopted.release());
   } else {
-    Insert(-1, name.data ? name.data : "", name.length, variable);
+    Insert(-1, name.data ? name.data : "", name.length, adopted.release());
   }
 }
 
@@ -924,14 +929,15 @@ int SystemVariableHash::SetVariable_Fancy(const char* path, int length, const ch
 }
 
 int SystemVariableHash::Insert(int name_index, const char* name, int length, Variable* variable) {
+  VariableRef adopted(variable);
   ReserveLateNames();
-  if (depth == 0) return VariableHash::Insert(name_index, name, length, variable);
+  if (depth == 0) return VariableHash::Insert(name_index, name, length, adopted.release());
   const int known = Seek(name_index, name, length, nullptr);
   if (known >= 0) {
-    Replace(known, variable);
+    Replace(known, adopted.release());
     return known;
   }
-  const int made = VariableHash::Insert(name_index, name, length, variable);
+  const int made = VariableHash::Insert(name_index, name, length, adopted.release());
   Save(made, 0, nullptr);
   return made;
 }
@@ -997,13 +1003,15 @@ ClonedVariableHash::ClonedVariableHash(ZephApplication* application, Dictionary*
     CloneVariables(application, source);
     return;
   }
-  Dictionary* theirs = names;
-  if (real != &source) theirs = owned_dictionary = DictionaryCopy(*real);
+  std::unique_ptr<Dictionary> copied;
+  if (real != &source) copied.reset(DictionaryCopy(*real));
+  Dictionary* theirs = copied ? copied.get() : names;
   if (system) {
     target = new SystemVariableHash(application, theirs, *real);
   } else {
     target = new VariableHash(application, theirs, *real);
   }
+  if (copied) owned_dictionary = copied.release();
   ForgetTarget();
 }
 

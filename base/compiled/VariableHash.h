@@ -204,9 +204,12 @@ class VariableHash {
   // Memory for at least so many rows, nothing in them: the table's own if it is enough, as it is
   // for most calls.
   void TakeEntries(int count) {
-    allocated_entries = FewRows;
-    entries = few_rows;
-    if (count > FewRows) TakeMoreEntries(count);
+    if (count > FewRows) {
+      TakeMoreEntries(count);
+    } else {
+      allocated_entries = FewRows;
+      entries = few_rows;
+    }
   }
   void TakeMoreEntries(int count);
   void FreeEntries(_VH_Entry* rows, int allocated);

@@ -136,7 +136,15 @@ void String::Grow(int told) {
   constexpr int LongText = 2048;
   const auto size = static_cast<size_t>(told);
   if (told >= LongText && data) {
-    if (BufferRoom(data) < size) data = GrowBuffer(data, static_cast<size_t>(allocated), size * 2);
+    if (BufferRoom(data) < size) {
+      const auto used = static_cast<size_t>(allocated);
+      try {
+        data = GrowBuffer(data, used, size * 2);
+      } catch (const std::bad_alloc&) {
+        // Room to spare is a wish.
+        data = GrowBuffer(data, used, size);
+      }
+    }
   } else {
     char* buffer = new char[size];
     if (data) memcpy(buffer, data, allocated);

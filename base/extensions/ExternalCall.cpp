@@ -19,7 +19,11 @@ ExternalCall::ExternalCall(_ZP_EL_Function* descriptor)
     : function(descriptor), result_variable(new Variable()) {}
 
 ExternalCall::~ExternalCall() {
-  if (state != nullptr) function->function(nullptr, nullptr, nullptr, &state);
+  try {
+    if (state != nullptr) function->function(nullptr, nullptr, nullptr, &state);
+  } catch (const std::bad_alloc&) {
+    // What the library has not given back by then stays with it.
+  }
   result_variable->DecRefCount();
 }
 
@@ -61,7 +65,12 @@ ExternalCallPersistentData::ExternalCallPersistentData(ZephVM* machine, const ch
 
 ExternalCallPersistentData::~ExternalCallPersistentData() {
   if (destroy != nullptr) {
-    destroy(vm, held);
+    try {
+      destroy(vm, held);
+    } catch (const std::bad_alloc&) {
+      // The callback may run functions of the script, which may use up the memory. What it has not
+      // given back by then stays with the library.
+    }
   } else {
     ::operator delete(held);
   }

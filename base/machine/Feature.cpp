@@ -55,6 +55,7 @@ void FeatureStack::Delete(Feature* feature) {
 }
 
 void FeatureStack::DeleteAll() {
+  const ReleaseGroup group;
   while (newest) {
     Feature* const feature = newest;
     if (feature == top) TakeTop();

@@ -283,6 +283,8 @@ void ZephVM::CallExternalFunction(Function* function) {
   const auto keep = [this](ZephVM_FunctionFrame* used) { KeepFrame(used); };
   const std::unique_ptr<ZephVM_FunctionFrame, decltype(keep)> called(FrameFor(function), keep);
   if (!TakeExternalArguments(function, row, called->variables)) return;
+  // A library might keep or send what it is given, so it is not given parts.
+  if (RunLimit::WasCut()) return;
   external->Call(this, called->variables);
   // A library may ask for new time, but not for a script that goes on with parts of values.
   if (RunLimit::WasCut()) std::atomic_ref<int>(*timed_out).store(1, std::memory_order_relaxed);
@@ -367,7 +369,13 @@ ZephVM::NestedRun::~NestedRun() {
   vm->program_counter = program_counter;
   vm->wanted_segment = wanted_segment;
   // The loop reports a segment that is not there, before it runs on.
-  if (vm->loaded_segment != wanted_segment) vm->LoadSegment();
+  try {
+    if (vm->loaded_segment != wanted_segment) vm->LoadSegment();
+  } catch (const std::bad_alloc&) {
+    vm->segment = nullptr;
+    vm->code = nullptr;
+    vm->code_length = 0;
+  }
   vm->root->runs--;
 }
 
@@ -425,6 +433,8 @@ int ZephVM::RunNested(Function* function, bool wants_result, Push push, Take tak
   push();
   program_counter = code_length;
   if (function->flags() & Function_External) {
+    // Go makes the limit of a script's own function.
+    const RunLimit limit(timed_out);
     CallExternalFunction(function);
   } else {
     CallFunction(function);

@@ -369,8 +369,9 @@ int ApplicationTextVariable::SetValue(Variable& source) {
 
 int ApplicationTextVariable::SetValue_Nocopy(char* buffer, int length, int allocated) {
   if (redirected()) return ImmutableVariable::SetValue_Nocopy(buffer, length, allocated);
+  std::unique_ptr<char[]> owned(buffer);
   Change(String(buffer, length));
-  return Variable::SetValue_Nocopy(buffer, length, allocated);
+  return Variable::SetValue_Nocopy(owned.release(), length, allocated);
 }
 
 int ApplicationTextVariable::SetValue_Integer(int value) {

@@ -203,7 +203,7 @@ int AggregateElementTree::Collapse() {
     return dense.count();
   }
   AggregateElement* element = SplayTree::First();
-  const bool shifts_up = element && element->key.position == 0;
+  const bool shifts_up = element && element->key.position <= 0;
   for (int position = 1; element && position <= Entries(); position++) {
     element->Renumber(position);
     const AggregateIndex key(position);

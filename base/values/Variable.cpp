@@ -594,7 +594,7 @@ bool Variable::AppendElements(String* all) {
     for (const auto& row : rows) {
       const String& text = row.variable->Read_Text();
       AppendItem(*all, text);
-      if (watch.Over(kElementCost + text.length)) return false;
+      if (watch.Over(kElementCost) || watch.Over(text.length)) return false;
     }
     return true;
   }
@@ -645,12 +645,12 @@ int Variable::SetValue(const char* text, int length) {
 }
 
 int Variable::SetValue_Nocopy(char* buffer, int length, int allocated) {
+  // A text that begins with the old value is made whole first, which may fail.
+  std::unique_ptr<char[]> owned(buffer);
   if (RedirectedStore()) {
-    if (reference) return Final()->SetValue_Nocopy(buffer, length, allocated);
-    delete[] buffer;
-    return 1;
+    return reference ? Final()->SetValue_Nocopy(owned.release(), length, allocated) : 1;
   }
-  string_value.assign_nocopy(buffer, length, allocated);
+  string_value.assign_nocopy(owned.release(), length, allocated);
   valid_forms = TextForm;
   primary = PrimaryText;
   if (elements) DropElements();
@@ -764,14 +764,18 @@ void Variable::CopyComputed(Variable& source) {
 // A deep copy of the elements of a variable, owned by the caller. Each element gets a new variable
 // with the name and value of the old one; references are replaced by what they refer to. What is
 // found twice is copied twice, so that a few variables that refer to one another can make a copy
-// beyond all bounds: past the time limit the rest is left out.
+// beyond all bounds: past the time limit the copy is empty.
 AggregateElementTree* Variable::CopyElementTree(Variable* source) {
   auto copy = std::make_unique<AggregateElementTree>();
   std::vector<AggregateElementTree*> open;
   VariableWalk walk(source, VariableWalk::ForCopy);
   RunWatch watch(kElements);
   for (auto step = walk.Next(); step != VariableWalk::End; step = walk.Next()) {
-    if (watch.Over()) break;
+    if (watch.Over()) {
+      // The rows of the copy are not filled to their ends, so nothing of it can be used.
+      copy = std::make_unique<AggregateElementTree>();
+      break;
+    }
     if (step == VariableWalk::Leave) {
       open.pop_back();
       continue;
