@@ -66,6 +66,7 @@ class FastCGIApplication : public FastCGIBaseApplication {
   // The input (fastcgi/FastCGIInput.cpp):
   bool ProcessPOSTedData();
   std::unique_ptr<HTTPContentParser> ContentHandler(const char* type, int length);
+  bool EndsForShutdown();
   bool ReadInput(HTTPContentParser* handler, int length);
 
   bool ExecuteError(const String& path, const String& text, bool encode);

@@ -18,6 +18,7 @@
 #include <new>
 #include <string>
 
+#include "base/host/FileDescriptor.h"
 #include "fastcgi/FastCGIThreads.h"
 
 namespace {
@@ -46,7 +47,8 @@ union Address {
 // Of accept, when the connection went wrong and the socket did not.
 bool IsOfConnection(int error) {
   return error == EPROTO || error == ECONNABORTED || error == ECONNRESET || error == ETIMEDOUT ||
-         error == EHOSTUNREACH || error == ENETUNREACH;
+         error == EHOSTUNREACH || error == ENETUNREACH || error == EHOSTDOWN || error == ENETDOWN ||
+         error == ENONET || error == ENOPROTOOPT || error == EPERM;
 }
 
 // Whether the comma-separated list has the address, or is none.
@@ -90,6 +92,7 @@ FastCGIConnection* FastCGIConnection::Current() {
 
 int FastCGIConnection::AcceptRequest(FCGX_Request* request) {
   accepting = true;
+  write_limit = kWriteLimit;
   int result;
   try {
     result = FCGX_Accept_r(request);
@@ -118,6 +121,8 @@ int FastCGIConnection::Accept(int listening, const char* clients) {
       if (IsOfConnection(errno)) continue;
       return -1;
     }
+    // The list of clients is looked through in memory that may not be there.
+    FileDescriptor owned(accepted);
     const int family = address.any.sa_family;
     if (family == AF_INET || family == AF_INET6) {
       const int set = 1;
@@ -125,12 +130,11 @@ int FastCGIConnection::Accept(int listening, const char* clients) {
     }
     if ((family == AF_INET && !IsAllowed(address.internet, clients)) ||
         (family == AF_UNIX && !WaitForInput(accepted, Clock::now() + kFirstByte))) {
-      close(accepted);
       continue;
     }
     records.Start();
     next = last = received;
-    return accepted;
+    return owned.release();
   }
 }
 
@@ -151,6 +155,11 @@ ssize_t FastCGIConnection::Read(int descriptor, char* buffer, size_t room) {
 ssize_t FastCGIConnection::Refill(int descriptor) {
   for (;;) {
     if (manager->PeersAreGivenUp()) return GiveUp(descriptor);
+    // A peer that never stops sending keeps no wait going.
+    if (input_end != Clock::time_point::max() && Clock::now() >= input_end) {
+      errno = ETIMEDOUT;
+      return -1;
+    }
     const ssize_t count = recv(descriptor, received, sizeof received, MSG_DONTWAIT);
     if (count >= 0) {
       next = received;

@@ -15,6 +15,7 @@
 #include "base/request/URLEncodedParser.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "fastcgi/FastCGIApplication.h"
+#include "fastcgi/FastCGIThreads.h"
 
 namespace {
 
@@ -54,7 +55,7 @@ std::unique_ptr<HTTPContentParser> FastCGIApplication::ContentHandler(const char
 bool FastCGIApplication::ReadInput(HTTPContentParser* handler, int length) {
   char block[kBlockSize];
   const RunLimit limit(posttimedoutflag());
-  while (length > 0) {
+  while (length > 0 && !EndsForShutdown()) {
     const int count = FCGX_GetStr(block, std::min(length, kBlockSize), request->in);
     if (count <= 0) break;
     length -= count;
@@ -69,9 +70,19 @@ bool FastCGIApplication::ReadInput(HTTPContentParser* handler, int length) {
       return false;
     }
   }
+  // The read may have ended because the process does.
+  if (length > 0) (void)EndsForShutdown();
   if (handler->Finalize()) return true;
   Error(handler->error());
   return false;
+}
+
+// Whether the process is about to end. The script is cancelled then: it is not to begin with a part
+// of its fields.
+bool FastCGIApplication::EndsForShutdown() {
+  if (!thread_manager || !thread_manager->ShuttingDown()) return false;
+  Cancelled();
+  return true;
 }
 
 bool FastCGIApplication::ProcessPOSTedData() {

@@ -137,6 +137,8 @@ void* FastCGIRequestThread(void* argument) {
     Finish(&request, &connection);
     if (thread->Stopped()) break;
   }
+  // A connection that was kept ends here, so that its client sends its next request elsewhere.
+  FCGX_Free(&request, 1);
   thread->Exit();
   return nullptr;
 }

@@ -5,9 +5,11 @@
 #include <netdb.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "base/compiled/VariableHash.h"
 #include "base/core/RunLimit.h"
@@ -48,7 +50,9 @@ bool FastCGIApplication::AddVariables() {
 }
 
 void FastCGIApplication::AddEnvironmentVariables() {
-  request_variables = std::make_unique<RequestVariables>(request->envp, NewSystemVariables(this));
+  std::unique_ptr<LateVariables> system(NewSystemVariables(this));
+  request_variables = std::make_unique<RequestVariables>(request->envp, system.get());
+  (void)system.release();
 }
 
 // Stores the argument behind those that there are.
@@ -96,7 +100,14 @@ bool FastCGIApplication::AddQueryVariables() {
   ResetPOSTTimeout();
   const RunLimit limit(posttimedoutflag());
   URLEncodedParser parser(tables.global_variables, 0);
-  if (!parser.Parse(fields, static_cast<int>(strlen(fields))) || !parser.Finalize()) {
+  size_t left = strlen(fields);
+  while (left > 0 && !EndsForShutdown()) {
+    const size_t piece = std::min<size_t>(left, 8192);
+    if (!parser.Parse(fields, static_cast<int>(piece))) break;
+    fields += piece;
+    left -= piece;
+  }
+  if (parser.error().length > 0 || !parser.Finalize()) {
     Error(parser.error());
     return false;
   }
