@@ -60,6 +60,13 @@ void Report(int64_t length, int64_t size, int* length_out, int* size_out) {
   if (size_out) *size_out = static_cast<int>(size);
 }
 
+// Ends a text that was converted by parts. One that the time limit has cut short is empty, because
+// a part of it may mean something else.
+void EndText(char* buffer, char** out, bool is_whole) {
+  if (!is_whole) *out = buffer;
+  **out = 0;
+}
+
 char* Constant(const char* text, int* length, int* size) {
   const int count = static_cast<int>(strlen(text));
   char* buffer = NewText(count + 1);
@@ -86,9 +93,10 @@ struct Digits {
   int sign;
 };
 
-// Writes the digits as text and answers its end. The point stands only where decimals are asked
-// for or there.
+// Writes the digits as text and returns its end, which is its beginning if the time limit has cut
+// it short. There is a point only where decimals are asked for or there.
 char* WriteDigits(char* out, const Digits& digits, int precision) {
+  char* const begin = out;
   int64_t countdown = precision;
   int used = 0;
   if (digits.sign) *out++ = '-';
@@ -108,12 +116,13 @@ char* WriteDigits(char* out, const Digits& digits, int precision) {
     out += rest;
     countdown -= rest;
   }
-  ByParts(countdown > 0 ? static_cast<int>(countdown) : 0, [&out](int from, int to) {
+  const int zeros = countdown > 0 ? static_cast<int>(countdown) : 0;
+  const int written = ByParts(zeros, [&out](int from, int to) {
     memset(out, '0', static_cast<size_t>(to - from));
     out += to - from;
     return to;
   });
-  return out;
+  return written == zeros ? out : begin;
 }
 
 // Whole numbers below 10^15 are most of what scripts print; they need no digit generation.
@@ -418,7 +427,7 @@ double ZephApplication::stod(const char* text, int length, int size, int* error)
 char* ZephApplication::EncodeAttribute(const char* text, int textlength, int* length, int* size) {
   textlength = LengthOf(text, textlength);
   int64_t needed = 0;
-  textlength = ByParts(textlength, [&needed, text](int from, int to) {
+  const int counted = ByParts(textlength, [&needed, text](int from, int to) {
     for (int i = from; i < to; i++) {
       const auto c = static_cast<unsigned char>(text[i]);
       needed += attribute_table.plain[c] || c == ' ' ? 1 : 3;
@@ -427,7 +436,7 @@ char* ZephApplication::EncodeAttribute(const char* text, int textlength, int* le
   });
   char* buffer = NewText(needed + 1);
   char* out = buffer;
-  ByParts(textlength, [&out, text](int from, int to) {
+  const int done = ByParts(counted, [&out, text](int from, int to) {
     char* end = out;
     for (int i = from; i < to; i++) {
       const auto c = static_cast<unsigned char>(text[i]);
@@ -444,7 +453,7 @@ char* ZephApplication::EncodeAttribute(const char* text, int textlength, int* le
     out = end;
     return to;
   });
-  *out = 0;
+  EndText(buffer, &out, done == textlength);
   Report(out - buffer, needed + 1, length, size);
   return buffer;
 }
@@ -453,7 +462,7 @@ char* ZephApplication::DecodeAttribute(const char* text, int textlength, int* le
   textlength = LengthOf(text, textlength);
   char* buffer = NewText(int64_t{textlength} + 1);
   char* out = buffer;
-  ByParts(textlength, [&out, text, textlength](int i, int to) {
+  const int done = ByParts(textlength, [&out, text, textlength](int i, int to) {
     char* end = out;
     for (; i < to; i++) {
       const char c = text[i];
@@ -471,7 +480,7 @@ char* ZephApplication::DecodeAttribute(const char* text, int textlength, int* le
     out = end;
     return i;
   });
-  *out = 0;
+  EndText(buffer, &out, done == textlength);
   Report(out - buffer, int64_t{textlength} + 1, length, size);
   return buffer;
 }
@@ -479,7 +488,7 @@ char* ZephApplication::DecodeAttribute(const char* text, int textlength, int* le
 char* ZephApplication::EncodeEntities(const char* text, int textlength, int* length, int* size) {
   textlength = LengthOf(text, textlength);
   int64_t needed = 0;
-  textlength = ByParts(textlength, [&needed, text](int from, int to) {
+  const int counted = ByParts(textlength, [&needed, text](int from, int to) {
     for (int i = from; i < to; i++) {
       needed += entity_table.length[static_cast<unsigned char>(text[i])];
     }
@@ -487,7 +496,7 @@ char* ZephApplication::EncodeEntities(const char* text, int textlength, int* len
   });
   char* buffer = NewText(needed + 1);
   char* out = buffer;
-  ByParts(textlength, [&out, text](int from, int to) {
+  const int done = ByParts(counted, [&out, text](int from, int to) {
     char* end = out;
     for (int i = from; i < to; i++) {
       const auto byte = static_cast<unsigned char>(text[i]);
@@ -502,7 +511,7 @@ char* ZephApplication::EncodeEntities(const char* text, int textlength, int* len
     out = end;
     return to;
   });
-  *out = 0;
+  EndText(buffer, &out, done == textlength);
   Report(out - buffer, needed + 1, length, size);
   return buffer;
 }
@@ -511,7 +520,7 @@ char* ZephApplication::DecodeEntities(const char* text, int textlength, int* len
   textlength = LengthOf(text, textlength);
   char* buffer = NewText(int64_t{textlength} + 1);
   char* out = buffer;
-  ByParts(textlength, [&out, text, textlength](int i, int to) {
+  const int done = ByParts(textlength, [&out, text, textlength](int i, int to) {
     char* end = out;
     while (i < to) {
       if (text[i] == '&') {
@@ -523,7 +532,7 @@ char* ZephApplication::DecodeEntities(const char* text, int textlength, int* len
     out = end;
     return i;
   });
-  *out = 0;
+  EndText(buffer, &out, done == textlength);
   Report(out - buffer, int64_t{textlength} + 1, length, size);
   return buffer;
 }
@@ -532,7 +541,7 @@ char* ZephApplication::StripNULLs(const char* text, int textlength, int* length,
   textlength = LengthOf(text, textlength);
   char* buffer = NewText(int64_t{textlength} + 1);
   char* out = buffer;
-  ByParts(textlength, [&out, text](int from, int to) {
+  const int done = ByParts(textlength, [&out, text](int from, int to) {
     char* end = out;
     for (int i = from; i < to; i++) {
       if (text[i]) *end++ = text[i];
@@ -540,7 +549,7 @@ char* ZephApplication::StripNULLs(const char* text, int textlength, int* length,
     out = end;
     return to;
   });
-  *out = 0;
+  EndText(buffer, &out, done == textlength);
   Report(out - buffer, int64_t{textlength} + 1, length, size);
   return buffer;
 }
@@ -566,11 +575,11 @@ char* ZephApplication::EncodeJavaScriptString(const char* text, int textlength, 
   if (needed > 0 && allocated < int64_t{textlength} + 512) allocated = int64_t{textlength} + 512;
   char* buffer = NewText(allocated);
   char* out = buffer;
-  ByParts(counted, [=, &out](int i, int to) {
+  const int done = ByParts(counted, [=, &out](int i, int to) {
     while (i < to) i += EncodeScriptByte(bytes + i, textlength - i, utf8, &out);
     return i;
   });
-  *out = 0;
+  EndText(buffer, &out, done == textlength);
   Report(out - buffer, allocated, length, size);
   return buffer;
 }

@@ -169,6 +169,20 @@ class Doubling {
   VariableRef array;
 };
 
+// An empty text that says when it is read.
+class Signal : public Variable {
+ public:
+  Signal(const char* name, std::atomic<bool>* read) : Variable(name, -1, "", 0), was_read(read) {}
+  String& value() override {
+    was_read->store(true);
+    return Variable::value();
+  }
+  int type() override { return VariableComputedText; }
+
+ private:
+  std::atomic<bool>* was_read;
+};
+
 struct LongInstruction {
   const char* name;
   const char* code;
@@ -218,15 +232,14 @@ TEST(LongWork, AValueBeyondAllBoundsIsLeftWhenTheTimeIsOver) {
 TEST(LongWork, AnotherThreadEndsAnInstruction) {
   Machine machine;
   machine.Assemble(".global big\nl: pushg big\nnot\npop\njmp l\n");
-  const VariableRef leaf(new Variable("leaf", 4, "", 0));
+  std::atomic<bool> begun = false;
+  const VariableRef leaf(new Signal("leaf", &begun));
   const VariableRef array(MakeDoublingArrays(60, leaf.get()));
   machine.global.SetVariable(new ReferenceVariable("big", 3, array.get()));
-  std::atomic<bool> begun = false;
   std::thread host([&] {
     while (!begun) std::this_thread::yield();
     std::atomic_ref<int>(*machine.application.timedoutflag()).store(1);
   });
-  begun = true;
   EXPECT_EQ(machine.Go(), 0);
   host.join();
   EXPECT_EQ(machine.Output(), kTimedOut);
@@ -400,14 +413,35 @@ void ReadAndAskForTime(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE 
 TEST(LongWork, ALibraryGetsNoNewTimeForPartsOfValues) {
   Machine machine;
   machine.Assemble(
-      ".global big\npushg big\ncall f\npushc \"behind\"\nout\n.function f(a) external");
-  _ZP_EL_Parameter parameter = {"a", 1, 0};
+      ".global big\npushg big\ncall f\npushc \"behind\"\nout\n.function f(a var) external");
+  _ZP_EL_Parameter parameter = {"a", 1, _ZP_EL_ByReference};
   _ZP_EL_Function row = {"f", 1, 1, &parameter, ReadAndAskForTime};
   ExternalCall call(&row);
   machine.functions.Function_Get("f", 1)->calldata = &call;
   Doubling value(&machine, 20);
   EXPECT_EQ(machine.Go(), 0);
   EXPECT_EQ(machine.Output(), kTimedOut);
+  machine.Close();
+  machine.global.Dump();
+}
+
+// It might keep or send what it is given.
+TEST(LongWork, ALibraryIsNotCalledWithPartsOfValues) {
+  static bool was_called;
+  was_called = false;
+  Machine machine;
+  machine.Assemble(".global big\npushg big\ncall f\n.function f(a) external");
+  _ZP_EL_Parameter parameter = {"a", 1, 0};
+  _ZP_EL_Function row = {"f", 1, 1, &parameter,
+                         [](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE, void**) {
+                           if (program) was_called = true;
+                         }};
+  ExternalCall call(&row);
+  machine.functions.Function_Get("f", 1)->calldata = &call;
+  Doubling value(&machine, 20);
+  EXPECT_EQ(machine.Go(), 0);
+  EXPECT_EQ(machine.Output(), kTimedOut);
+  EXPECT_FALSE(was_called);
   machine.Close();
   machine.global.Dump();
 }
@@ -595,7 +629,7 @@ TEST(LongWork, ALongTextIsNotWrittenToItsEndPastTheTime) {
 
 // --- Conversions ---------------------------------------------------------------------------------
 
-TEST(LongWork, PastTheTimeALongTextIsNotEncodedToItsEnd) {
+TEST(LongWork, PastTheTimeALongTextIsNotEncoded) {
   using Application = ZephApplication;
   std::string text;
   while (text.size() < 3 * static_cast<size_t>(RunLimit::Bytes)) text += "a&lt;%41<\"+";
@@ -619,21 +653,21 @@ TEST(LongWork, PastTheTimeALongTextIsNotEncodedToItsEnd) {
     const std::unique_ptr<char[]> small_before(convert(which, 1000, &small));
     const TimeIsOver over;
     const std::unique_ptr<char[]> after(convert(which, all, &cut));
-    EXPECT_LT(cut, whole / 2);
-    EXPECT_EQ(after[static_cast<size_t>(cut)], '\0');
-    EXPECT_EQ(memcmp(before.get(), after.get(), static_cast<size_t>(cut)), 0);
+    EXPECT_GT(whole, all / 2);
+    EXPECT_EQ(cut, 0);
+    EXPECT_EQ(after[0], '\0');
     const std::unique_ptr<char[]> small_after(convert(which, 1000, &cut));
     EXPECT_EQ(cut, small);
     EXPECT_STREQ(small_after.get(), small_before.get());
   }
 }
 
-TEST(LongWork, PastTheTimeANumberHasNotAllItsDecimals) {
+TEST(LongWork, PastTheTimeANumberOfManyDecimalsIsNotWritten) {
   const TimeIsOver over;
   int length;
   const std::unique_ptr<char[]> text(ZephApplication::dtos(0.5, &length, nullptr, 100000000));
-  EXPECT_LT(length, 50000000);
-  EXPECT_EQ(std::string(text.get(), 5), "0.500");
+  EXPECT_EQ(length, 0);
+  EXPECT_EQ(text[0], '\0');
 }
 
 }  // namespace
