@@ -454,6 +454,8 @@ bool UNIXFileManager::CheckCopySource(int descriptor) {
 bool UNIXFileManager::CopyBytes(int from, int to) {
   char buffer[8192];
   for (;;) {
+    // A device need not have an end.
+    if (owner->cancelled()) return Fail("The copy was cancelled");
     ssize_t count = Retry([&] { return system_calls.read(from, buffer, sizeof(buffer)); });
     if (count == 0) return true;
     if (count < 0) return SystemError();
