@@ -847,7 +847,7 @@ int SystemVariableHash::MakeLate(const char* name, int length) {
     ReserveLateNames();
     found = Locate(name, length);
     // A chain that a damaged file has cut off hides what is in it.
-    if (found < 0) return -1;
+    if (found < 0 || entries[found].variable) return found;
   }
   entries[found].variable = late->Make(number);
   return found;

@@ -89,7 +89,7 @@ TEST(RequestVariables, WhatTheHostKnowsComesBeforeAll) {
   EXPECT_EQ(found->primary_type(), PrimaryInteger);
   ASSERT_TRUE(request.table.Find(&found, "empty", -1, 0));
   EXPECT_EQ(found->primary_type(), PrimaryText);
-  Dictionary dictionary;
+  Dictionary dictionary(request.dictionary);
   SystemVariableHash copy(&request.application, &dictionary, request.table);
   EXPECT_EQ(RequestTable::Value(&copy, "arg1"), "second");
   EXPECT_EQ(RequestTable::Value(&copy, "nargs"), "2");

@@ -125,7 +125,7 @@ TEST(Cleanup, OfCirclesOfTreesInAnyShape) {
 // The text's bytes are copied when its variable goes, and may be too many for what memory is left.
 TEST(Cleanup, ATextWhoseVariableIsGoneIsLostWithoutMemory) {
   auto* variable = new Variable("s", 1, std::string(500, 'x').c_str(), 500);
-  DeferredText* text = DeferredText::Begin(variable);
+  const std::unique_ptr<DeferredText> text(DeferredText::Begin(variable));
   ASSERT_NE(text, nullptr);
   text->Append("y", 1);
   long asked;
