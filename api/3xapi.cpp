@@ -1,3 +1,5 @@
+// The older functions for extension libraries. Tested in tests/api/3xapiTest.cpp.
+
 #include "api/3xapi.h"
 
 #include <cstdlib>
@@ -40,7 +42,8 @@ void CatEncoded(LinkBuffer* buffer, const String& text) {
   buffer->cat(encoded.get(), length);
 }
 
-// Behind "?" or "+" fields can follow at once; behind a query there is a "+" in between.
+// Returns the text between url and fields: fields can follow "?" or "+" directly; after a query
+// they need a "+".
 const char* BeforeFields(const char* url) {
   if (!strchr(url, '?')) return "?";
   const char last = url[strlen(url) - 1];

@@ -1,6 +1,6 @@
-/* The older functions for extension libraries, for those that were written for them. Plain C. Texts
-   are NUL-terminated and have no lengths; apart from that these are the functions of like names in
-   api/zpVariable.h and api/zpFile.h, whose notes hold here. */
+/* The older functions for extension libraries, for libraries that were written for them. Plain C.
+   Texts are NUL-terminated and have no lengths. Apart from that these are the functions with
+   similar names in api/zpVariable.h and api/zpFile.h, whose notes apply here. */
 
 #ifndef ZEPH_API_3XAPI_H
 #define ZEPH_API_3XAPI_H
@@ -21,26 +21,26 @@ void zeph_free(void* memory);
 /* --- Variables ---------------------------------------------------------------------------------
  */
 
-/* Name and value are never null. */
+/* Return name and value, never null. */
 const char* zeph_variable_name(ZPVARIABLE variable);
 const char* zeph_variable_value(ZPVARIABLE variable);
 void zeph_variable_setvalue(ZPVARIABLE variable, const char* value);
-/* A new variable with a count of 1, and its end. */
+/* _new makes a variable with a count of 1, _delete gives the count back. */
 ZPVARIABLE zeph_variable_new(const char* name, const char* value);
 void zeph_variable_delete(ZPVARIABLE variable);
 
 /* An element, or null. */
 ZPVARIABLE zeph_variable_array_element(ZPVARIABLE array, int index);
 ZPVARIABLE zeph_variable_structure_member(ZPVARIABLE structure, const char* name);
-/* Store in an element, which is made if it is not there. */
+/* Store in an element; a missing one is made. */
 void zeph_variable_set_array_element_value(ZPVARIABLE array, int index, const char* value);
 void zeph_variable_set_structure_member_value(ZPVARIABLE structure, const char* name,
                                               const char* value);
-/* The count of elements, and the smallest and largest position. */
+/* The number of elements; the smallest and the largest position. */
 int zeph_variable_array_elements(ZPVARIABLE array);
 int zeph_variable_array_min(ZPVARIABLE array);
 int zeph_variable_array_max(ZPVARIABLE array);
-/* 2 for a structure, 1 an array, 0 a scalar. */
+/* 2 for a structure, 1 for an array, 0 for a scalar. */
 int zeph_variable_aggregate_type(ZPVARIABLE variable);
 void zeph_variable_aggregate_list(ZPVARIABLE variable, ZPVARIABLELIST list);
 
@@ -55,8 +55,8 @@ ZPVARIABLE zeph_variablelist_current(ZPVARIABLELIST list);
 ZPVARIABLE zeph_variablelist_next(ZPVARIABLELIST list);
 ZPVARIABLE zeph_variablelist_find(ZPVARIABLELIST list, const char* name);
 void zeph_variablelist_setvariable(ZPVARIABLELIST list, const char* name, const char* value);
-/* The url with all variables behind it, "name=value" joined by "&", both encoded. zeph_free frees
-   it. */
+/* Returns the url followed by all variables as "name=value", joined by "&", both encoded. The
+   caller frees it with zeph_free. */
 char* zeph_variablelist_to_url(const char* url, ZPVARIABLELIST list);
 
 /* --- Tables ------------------------------------------------------------------------------------
@@ -73,8 +73,8 @@ void zeph_variabletree_insert(ZPVARIABLEHASH tree, ZPVARIABLE variable);
 /* --- Files -------------------------------------------------------------------------------------
  */
 
-/* Location 1 is the script directory, any other the data directory. The path stays as it is: a
-   relative one is not one beside the script. */
+/* Location 1 is the script directory, any other the data directory. The path is used unchanged: a
+   relative one does not begin at the running script's directory. */
 int zeph_file_resolve(ZPPROGRAM program, int location, const char* path);
 ZPFILE zeph_file_open(ZPPROGRAM program, int location, const char* path, int flags);
 int zeph_file_delete(ZPPROGRAM program, int location, const char* path);

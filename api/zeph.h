@@ -1,5 +1,5 @@
-/* All that an extension library includes: what it exports, and the functions that the engine has
-   for it. Plain C; docs/extensions.md tells how to write one. */
+/* The one header that an extension library includes: the interfaces that it exports, and the
+   engine's functions for it. Plain C; docs/extensions.md explains how to write one. */
 
 #ifndef ZEPH_API_ZEPH_H
 #define ZEPH_API_ZEPH_H

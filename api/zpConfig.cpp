@@ -1,3 +1,5 @@
+// The functions for configuration libraries. Tested in tests/config/LibraryTest.cpp.
+
 #include "api/zpConfig.h"
 
 #include "base/extensions/ExternalConfig.h"

@@ -1,3 +1,5 @@
+// The functions for files. Tested in tests/api/zpFileTest.cpp.
+
 #include "api/zpFile.h"
 
 #include <cstring>
@@ -23,7 +25,7 @@ bool IsSeparator(FileManager* files, char c) {
   return c == '/' || c == files->pathseparator();
 }
 
-// A path of a script's world, ready for the file manager.
+// A location and path of an extension, converted for the file manager.
 struct Place {
   Place(ZPPROGRAM program, int location, const char* text, int length)
       : type(__zpFile_Location(program, location, text, length, path)) {}

@@ -1,14 +1,15 @@
 /* The engine's functions for files, for extension libraries: the files of scripts, under the same
-   rules. Plain C; what is said at the top of api/zpVariable.h holds here.
+   rules. Plain C; the notes at the top of api/zpVariable.h apply here.
 
-   Paths come with a location, and are confined to its directory as those of scripts are:
+   Paths have a location and, like those of scripts, cannot leave its directory:
 
      ZPFILE_DATA      below the data directory
-     ZPFILE_SCRIPT    below the script directory; a relative path begins beside the running script
-     ZPFILE_COMMERCE  in the data directory, behind the setting dir_commerce where there is one
+     ZPFILE_SCRIPT    below the script directory; a relative path begins at the running script's
+                      directory
+     ZPFILE_COMMERCE  in the data directory, below the setting dir_commerce if it is set
 
-   Functions about a path answer 0 for success and -1 for a failure, or what is asked for and -1.
-   The reason stands in zpFile_Error then. */
+   Functions on a path return 0 for success and -1 for a failure, or the requested value and -1. The
+   reason is then in zpFile_Error. */
 
 #ifndef ZEPH_API_ZPFILE_H
 #define ZEPH_API_ZPFILE_H
@@ -33,12 +34,13 @@ enum {
 
 /* --- Paths ------------------------------------------------------------------------------------ */
 
-/* No longer there: answers 0, and the error says so. */
+/* No longer supported: returns 0 and sets an error that says so. */
 int zpFile_Resolve(ZPPROGRAM program, int location, const char* path, int length);
-/* The opened file, which zpFile_Close closes, or null. */
+/* Returns the opened file, which the caller closes with zpFile_Close, or null. */
 ZPFILE zpFile_Open(ZPPROGRAM program, int location, const char* path, int length, int flags);
-/* Makes and opens a file that was not there, in that directory: the prefix with a number behind it.
- *name receives its path, which zpProgram_Free frees. */
+/* Makes and opens a file with an unused name in that directory: the prefix followed by a number.
+   Returns null on failure, else *name receives its path, which the caller frees with
+   zpProgram_Free. */
 ZPFILE zpFile_MakeTemporary(ZPPROGRAM program, int location, const char* directory, int length,
                             const char* prefix, char** name, int flags);
 int zpFile_Delete(ZPPROGRAM program, int location, const char* path, int length);
@@ -46,50 +48,52 @@ int zpFile_Rename(ZPPROGRAM program, int fromlocation, const char* from, int fro
                   int tolocation, const char* to, int tolength);
 int zpFile_Copy(ZPPROGRAM program, int fromlocation, const char* from, int fromlength,
                 int tolocation, const char* to, int tolength);
-/* Makes the link `to`, which leads to `from`. */
+/* Makes the link `to`, which refers to `from`. */
 int zpFile_MakeSymbolicLink(ZPPROGRAM program, int fromlocation, const char* from, int fromlength,
                             int tolocation, const char* to, int tolength);
-/* Sets the times of the file to now; an empty one is made if there is none. */
+/* Sets the times of the file to the present; a missing file is made empty. */
 int zpFile_TouchFile(ZPPROGRAM program, int location, const char* path, int length);
-/* Takes the lock that the name stands for, and waits for it; zpFile_Delete gives it up. 0 when it
-   is held, 1 when the time was over, 2 after a failure. */
+/* Waits for the lock with that name and takes it; zpFile_Delete releases it. Returns 0 if it is
+   held, 1 after a time-out, 2 after a failure. */
 int zpFile_LockFile(ZPPROGRAM program, int location, const char* path, int length);
-/* 1 or 0. */
+/* Return 1, 0, or -1 for a failure. */
 int zpFile_Exists(ZPPROGRAM program, int location, const char* path, int length);
 int zpFile_IsDirectory(ZPPROGRAM program, int location, const char* path, int length);
-/* Bytes; seconds since 1970; the system's mode word. */
+/* Return bytes; seconds since 1970; the system's mode word. */
 long zpFile_Size(ZPPROGRAM program, int location, const char* path, int length);
 long zpFile_Time(ZPPROGRAM program, int location, const char* path, int length);
 int zpFile_Mode(ZPPROGRAM program, int location, const char* path, int length);
 int zpFile_Change_Mode(ZPPROGRAM program, int location, const char* path, int length, int mode);
 int zpFile_MakeDirectory(ZPPROGRAM program, int location, const char* path, int length);
 int zpFile_RemoveDirectory(ZPPROGRAM program, int location, const char* path, int length);
-/* Appends a variable for each entry of the directory, "." and ".." included, with its name as the
-   value. */
+/* Appends a variable for each entry of the directory, including "." and ".."; its value is the
+   entry's name. */
 int zpDirectory_Listing(ZPPROGRAM program, int location, const char* path, int length,
                         ZPVARIABLELIST list);
 char zpFile_Path_Separator(ZPPROGRAM program);
-/* The path without "." and ".." and repeated slashes, which zpProgram_Free frees; null when there
-   is no such directory. The disk is not looked at. */
+/* Returns the path without "." and ".." and repeated slashes, which the caller frees with
+   zpProgram_Free; null if the location's directory does not exist. Does not look up the path on
+   disk. */
 char* zpFile_NormalizePath(ZPPROGRAM program, int location, const char* path, int length,
                            int* resultlength);
 
 /* --- Open files ------------------------------------------------------------------------------- */
 
-/* The count of bytes, which may be short, 0 at the end of the file, -1 after a failure. */
+/* Return the number of bytes, which may be less than length; 0 at the end of the file; -1 for a
+   failure. */
 int zpFile_Read(ZPFILE file, char* buffer, int length);
 int zpFile_Write(ZPFILE file, const char* bytes, int length);
-/* Bytes from the start; the place reached, or -1. */
+/* Return the position in bytes from the start, or -1. */
 int zpFile_Seek(ZPFILE file, long position);
 int zpFile_Tell(ZPFILE file);
 long zpFile_Length(ZPFILE file);
-/* Locks the whole file, waiting for it: type 2 exclusively, any other shared. */
+/* Waits for a lock on the whole file and takes it: type 2 is exclusive, any other shared. */
 int zpFile_Lock(ZPFILE file, int type);
 int zpFile_Release(ZPFILE file);
 int zpFile_OwnerID(ZPFILE file);
 int zpFile_GroupID(ZPFILE file);
 void zpFile_Close(ZPFILE file);
-/* What the last failure with that file said, or, with null, the last one with a path. */
+/* The text of the last failure with that file or, with null, of the last failure with a path. */
 const char* zpFile_Error(ZPPROGRAM program, ZPFILE file, int* length);
 
 #ifdef __cplusplus

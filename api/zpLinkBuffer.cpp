@@ -1,3 +1,5 @@
+// The functions for growing texts. Tested in tests/api/zpLinkBufferTest.cpp.
+
 #include "api/zpLinkBuffer.h"
 
 #include "base/core/LinkBuffer.h"

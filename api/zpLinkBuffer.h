@@ -1,5 +1,5 @@
-/* Texts that grow, for extension libraries. Plain C; what is said at the top of api/zpVariable.h
-   holds here, but for lengths: -1 is no sign for strlen here, and negative ones count as 0. */
+/* Texts that grow, for extension libraries. Plain C; the notes at the top of api/zpVariable.h apply
+   here, except for lengths: -1 does not mean strlen, and negative lengths count as 0. */
 
 #ifndef ZEPH_API_ZPLINKBUFFER_H
 #define ZEPH_API_ZPLINKBUFFER_H
@@ -10,12 +10,12 @@
 extern "C" {
 #endif
 
-/* An empty text, which the caller frees. Memory is taken in multiples of so many bytes, first and
-   from then on. */
+/* Returns an empty text, which the caller frees. Memory is allocated in multiples of `first` bytes
+   at first, then of `next` bytes. */
 ZPLINKBUFFER zpLinkBuffer_Allocate(int first, int next);
 void zpLinkBuffer_Free(ZPLINKBUFFER buffer);
 
-/* Append. Nocopy takes over memory from zpProgram_Allocate, of that size; HexChar appends two
+/* Append. Nocopy adopts memory from zpProgram_Allocate; allocated is its size. HexChar appends two
    hexadecimal digits. */
 void zpLinkBuffer_Concat_String(ZPLINKBUFFER buffer, const char* text, int length);
 void zpLinkBuffer_Concat_String_Nocopy(ZPLINKBUFFER buffer, char* text, int length, int allocated);
@@ -25,10 +25,11 @@ void zpLinkBuffer_Concat_Int(ZPLINKBUFFER buffer, int value);
 void zpLinkBuffer_Concat_Double(ZPLINKBUFFER buffer, double value);
 void zpLinkBuffer_Concat_Variable(ZPLINKBUFFER buffer, ZPVARIABLE variable);
 
-/* Hands the text over, with a NUL behind it; zpProgram_Free frees it. The buffer is empty then.
- *length receives the bytes without the NUL, *allocated those of the memory; either may be null. */
+/* Returns the text, NUL-terminated; the caller frees it with zpProgram_Free. The buffer is then
+   empty. *length receives the bytes without the NUL, *allocated the size of the memory; either may
+   be null. */
 char* zpLinkBuffer_Release(ZPLINKBUFFER buffer, int* length, int* allocated);
-/* The text, NUL-terminated, good until the next change. */
+/* Returns the text, NUL-terminated, valid until the next change. */
 const char* zpLinkBuffer_Data(ZPLINKBUFFER buffer, int* length);
 
 #ifdef __cplusplus

@@ -1,3 +1,5 @@
+// The functions for the running script. Tested in tests/api/zpProgramTest.cpp.
+
 #include "api/zpProgram.h"
 
 #include "api/FileLocation.h"
@@ -15,7 +17,7 @@ ZephApplication* Host(ZPPROGRAM program) {
   return program->Application();
 }
 
-// Runs a conversion whose out-parameters may not be null with ones that may.
+// Runs a conversion whose out-parameters must not be null, with ones that may be.
 template <class Conversion>
 char* Convert(Conversion convert, int* length, int* size) {
   int own_length, own_size;

@@ -1,3 +1,5 @@
+// The functions for system libraries. Tested in tests/api/zpProgramTest.cpp.
+
 #include "api/zpSystemLibrary.h"
 
 #include "base/extensions/ExternalLibrary.h"

@@ -1,5 +1,5 @@
 /* System libraries, for extension libraries: shared libraries that the configuration names, whose
-   functions an extension takes without being linked with them. Plain C. */
+   functions an extension calls without being linked with them. Plain C. */
 
 #ifndef ZEPH_API_ZPSYSTEMLIBRARY_H
 #define ZEPH_API_ZPSYSTEMLIBRARY_H
@@ -10,9 +10,10 @@
 extern "C" {
 #endif
 
-/* The function of that name, or null. zpProgram_SystemLibrary gives the library. */
+/* Returns the function of that name, or null. zpProgram_SystemLibrary returns the library. */
 void* zpSystemLibrary_GetFunction(ZPSYSTEMLIBRARY library, const char* name);
-/* What the last failure with that library said, or, with null, the last search for one. */
+/* The text of the last failure with that library or, if library is null, of the last look-up of
+   one. */
 const char* zpSystemLibrary_Error(ZPPROGRAM program, ZPSYSTEMLIBRARY library, int* length);
 
 #ifdef __cplusplus

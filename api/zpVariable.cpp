@@ -1,3 +1,5 @@
+// The functions for values, lists and tables. Tested in tests/api/zpVariableTest.cpp.
+
 #include "api/zpVariable.h"
 
 #include <cstring>
@@ -91,14 +93,14 @@ int zpVariable_Type(ZPVARIABLE variable) {
     case AggregateArray: return 5;
     default: break;
   }
-  // By primary_type().
+  // Indexed by primary_type().
   static const int codes[] = {0, 3, 1, 2};
   const int primary = variable->primary_type();
   return primary >= PrimaryNone && primary <= PrimaryDouble ? codes[primary] : -1;
 }
 
 int zpVariable_Aggregate_Type(ZPVARIABLE variable) {
-  // By aggregatetype().
+  // Indexed by aggregatetype().
   static const int codes[] = {2, 1, 0};
   const int type = variable->aggregatetype();
   return type >= AggregateStructure && type <= AggregateNone ? codes[type] : -1;

@@ -1,5 +1,5 @@
-// What a request pays for its script: all objects made, the file opened, all sections read, the
-// file given back, everything thrown away.
+// The cost of a request's script: all objects are made, the file is opened, all sections are read,
+// the descriptor is given back, and everything is deleted.
 
 #include <benchmark/benchmark.h>
 
@@ -23,8 +23,8 @@ std::string Numbered(const char* prefix, long number) {
   return prefix + std::to_string(number);
 }
 
-// A page of some size: 150 texts, 3 KB of code in two segments, 12 globals, 6 system variables, two
-// languages with 8 texts, and functions of three parameters and two further variables.
+// A page of medium size: 150 texts, 3 KB of code in two segments, 12 globals, 6 system variables,
+// two languages with 8 texts, and functions of three parameters and two further variables.
 void WriteScript(FileManager* manager, const char* name, long functions) {
   TestApplication application;
   LoadedScript script(&application, manager);
@@ -65,7 +65,7 @@ void LoadOnce(TestApplication* application, FileManager* manager, const char* na
   benchmark::DoNotOptimize(script.segments.Start()->code());
 }
 
-// The readers alone.
+// The readers alone, on a file in memory.
 void LoadFromMemory(benchmark::State& state) {
   TestApplication application;
   FaultyFileManager manager;
@@ -75,7 +75,7 @@ void LoadFromMemory(benchmark::State& state) {
 }
 BENCHMARK(LoadFromMemory)->Arg(0)->Arg(1)->Arg(10)->Arg(100);
 
-// The same with the system calls of a file in the page cache.
+// The same with the system calls, on a file in the page cache.
 void LoadFromDisk(benchmark::State& state) {
   TemporaryDirectory directory;
   TestApplication application;
@@ -86,7 +86,7 @@ void LoadFromDisk(benchmark::State& state) {
 }
 BENCHMARK(LoadFromDisk)->Arg(0)->Arg(10)->Arg(100);
 
-// What a request pays for the objects alone, before anything is read.
+// The cost of the objects alone, before anything is read.
 void MakeTheObjects(benchmark::State& state) {
   TestApplication application;
   FaultyFileManager manager;

@@ -1,5 +1,5 @@
-// Strings, buffers and containers, by what a request does with them: make many that stay empty,
-// fill a few, look names up, and build a page out of small writes.
+// Strings, buffers and containers, as a request uses them: it makes many that stay empty, fills a
+// few, looks names up, and builds a page out of small writes.
 
 #include <benchmark/benchmark.h>
 
@@ -85,7 +85,7 @@ void FindNamed(benchmark::State& state) {
 }
 BENCHMARK(FindNamed)->Arg(50)->Arg(1000)->Arg(20000);
 
-// Through the virtual comparison of the base.
+// With the virtual comparison of the base class.
 void FindInBase(benchmark::State& state) {
   std::vector<Entry> entries = Entries(static_cast<int>(state.range(0)));
   Table table(0, 1, 12, 512);

@@ -80,7 +80,7 @@ void Stod(benchmark::State& state) {
 }
 BENCHMARK(Stod)->ArgName("whole, cents, quotients")->DenseRange(0, 2);
 
-// What is no number is asked as well: each comparison of texts begins so.
+// A text that is no number: each comparison of texts first tries to read both as numbers.
 void StodOfAWord(benchmark::State& state) {
   int error;
   for (auto _ : state) benchmark::DoNotOptimize(App::stod("customer", 8, 9, &error));

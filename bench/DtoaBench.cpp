@@ -1,4 +1,4 @@
-// Doubles to digits, by the kinds of numbers that scripts write. The names of the second group go
+// Doubles to digits, by the kinds of numbers that scripts write. The second group measures the way
 // through big integers alone.
 
 #include <benchmark/benchmark.h>
@@ -27,7 +27,7 @@ std::vector<double> Thirds() {
   return values;
 }
 
-// Where a cut to two places is in doubt.
+// Values exactly between two results, so that rounding to two places needs a closer look.
 std::vector<double> Halves() {
   std::vector<double> values;
   for (int i = 0; i < 1000; ++i) values.push_back((i * 10 + 5) / 1000.0);

@@ -1,6 +1,6 @@
-// What a request pays for its files: opening the base directories, and opening one script with and
-// without directories and links on the way. BM_KernelWalk is the floor: one call that asks nothing
-// of the directories it passes.
+// The cost of a request's files: opening the base directories, and opening one script with and
+// without directories and links on the way. BM_KernelWalk is the lower bound: one system call that
+// checks nothing about the directories that it passes.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>

@@ -1,5 +1,6 @@
-// Bodies of forms, in the blocks in which the engine reads them: plain and in parts, one large
-// field, one large file, two thousand small fields. Bytes a second are those of the body.
+// Bodies of forms, in blocks of the size that the engine reads: plain forms and forms in parts,
+// with one large field, one large file, or two thousand small fields. The bytes a second are those
+// of the body.
 
 #include <benchmark/benchmark.h>
 
@@ -83,7 +84,7 @@ std::string Lines(size_t size) {
   return Repeated("a line of some text, as files have it\r\n", size);
 }
 
-// What a part has goes nowhere: the parser alone.
+// The parser alone: the content of a part is discarded.
 class Sink : public MultipartFormParser {
  public:
   explicit Sink(VariableHash* table) : MultipartFormParser(nullptr, nullptr, table, kType, 0) {}
@@ -117,7 +118,7 @@ void StoreFields(benchmark::State& state, const std::string& body) {
   NoteBytes(state, body);
 }
 
-// With the calls of the script and a temporary file on the disk.
+// With the calls of the script, and with a temporary file on disk.
 void StoreFile(benchmark::State& state, const std::string& body) {
   Machine machine;
   machine.Assemble(

@@ -1,4 +1,4 @@
-// The key hash and the comparison behind it: the inner loop of every name lookup. The argument is
+// The key hash and the comparison after it: the inner loop of every name look-up. The argument is
 // the length of the name.
 
 #include <benchmark/benchmark.h>

@@ -1,5 +1,5 @@
-// An index file on a disk: what an insertion, a search and a step cost with their locks, in an
-// index of 100,000 keys that came in no order.
+// An index file on a disk: the cost of an insertion, a search and a step with their locks, in an
+// index of 100,000 keys that were inserted in random order.
 
 #include <benchmark/benchmark.h>
 
@@ -85,7 +85,7 @@ void BM_Next(benchmark::State& state) {
 }
 BENCHMARK(BM_Next)->Iterations(kKeys + 1);
 
-// Takes an entry out and puts it back.
+// Deletes an entry and inserts it again.
 void BM_DeleteAndInsert(benchmark::State& state) {
   Index& index = Filled();
   unsigned i = 0;

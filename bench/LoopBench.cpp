@@ -1,4 +1,4 @@
-// The machine: what building it costs, and one pass of its loop for the plainest instructions.
+// The machine: the cost of building it, and of one pass of its loop for the simplest instructions.
 
 #include <benchmark/benchmark.h>
 
@@ -14,7 +14,7 @@
 
 namespace {
 
-// A script of `repeats` times the same instructions, and everything that a machine is built on.
+// A script that repeats the same instructions `repeats` times, and everything that a machine needs.
 class Script {
  public:
   Script() { application.SetOutput(&output); }

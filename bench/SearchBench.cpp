@@ -1,5 +1,5 @@
-// The searches behind the script operators: a text of words with the pattern at its end. The
-// argument is the length of the text; the operators change the method at 300 bytes.
+// The searches that the script operators use, in a text of words with the pattern at its end. The
+// argument is the length of the text. The operators change the method at 300 bytes.
 
 #include <benchmark/benchmark.h>
 
@@ -24,7 +24,7 @@ void Words(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
 }
 
-// What the table alone would take quadratic time for.
+// The shift table alone would need quadratic time for this text.
 template <Search search>
 void Repetition(benchmark::State& state) {
   std::string text(state.range(0), 'a');

@@ -1,5 +1,4 @@
-// What the system variables of all scripts cost a request that does not use them, and what a record
-// of the log costs one that is logged.
+// What the system variables cost a request that does not use them, and what a log record costs.
 
 #include <benchmark/benchmark.h>
 

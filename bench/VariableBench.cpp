@@ -170,7 +170,8 @@ void LookupPath(benchmark::State& state) {
 }
 BENCHMARK(LookupPath);
 
-// The locals of a call: a twin of the template, two of its variables made, all dropped.
+// The locals of a call: a twin of the template is made, two of its variables are made, all are
+// deleted.
 void Locals(benchmark::State& state) {
   Dictionary dictionary;
   VariableHash locals(&dictionary, 8, 64);

@@ -1,4 +1,5 @@
 // The stages of a run.
+// Tested in tests/e2e/CommandLineTest.cpp and tests/e2e/ZprunTest.cpp.
 
 #include "commandline/CommandLineApplication.h"
 
@@ -30,7 +31,7 @@ bool Exists(const char* path) {
   return access(path, F_OK) == 0;
 }
 
-// An environment variable; null when it is not set or empty.
+// An environment variable; null if it is not set or empty.
 const char* Environment(const char* name) {
   const char* value = getenv(name);
   return value && *value ? value : nullptr;
@@ -42,7 +43,7 @@ bool HasConfigurationFile() {
          Exists(config_file_system);
 }
 
-// The resolved path; empty, with errno set, for what is not there.
+// The resolved path; empty, with errno set, if there is no such file.
 std::string Resolved(const char* path) {
   std::unique_ptr<char, decltype(&free)> full(realpath(path, nullptr), free);
   return full ? full.get() : "";
@@ -76,7 +77,7 @@ int CommandLineApplication::Go(const Options& options) {
   if (!Prepare(options, &tagged, &path)) return 1;
   LimitMemory();
   ProcessLogSettings();
-  // Somebody who looks on sees each write at once.
+  // On a terminal the user sees each write at once.
   auto* standard_output = new CommandLineOutput(this, isatty(STDOUT_FILENO) ? 0 : 1,
                                                 configuration->buffer_size(Config_bufsz_output));
   current_output = standard_output;
@@ -85,11 +86,11 @@ int CommandLineApplication::Go(const Options& options) {
   AddArguments(options);
   ResetGlobalTimeout();
   const bool ran = vm->Go() != 0;
-  // Also while a capture that the script left open stands in front.
+  // Flushes standard output itself, in case the script left a capture open.
   standard_output->Flush();
   const int failure = standard_output->failure();
   if (failure == 0) return ran ? 0 : 1;
-  // Whoever read has seen enough; that is no news.
+  // EPIPE is not reported: the reader has closed the pipe because it needs no more.
   errno = failure;
   if (failure != EPIPE) Fail("standard output", lasterror());
   return 1;
@@ -122,9 +123,9 @@ bool CommandLineApplication::Prepare(const Options& options, TaggedFile* tagged,
          LoadScript(options.script, file, tagged, *path) && InitializeDirectories();
 }
 
-// The library is looked for where the engine looks, with the process's environment in place of the
-// request's parameters. Failing that the one that came with the program is taken, if there is a
-// file for it to read; without one all settings keep their defaults.
+// Looks for the library where the engine does, with the process's environment instead of the
+// request's parameters. If it is not there, the library that was shipped with the program is used,
+// if there is a file for it to read; without such a file all settings keep their defaults.
 bool CommandLineApplication::LoadConfiguration(const Options& options) {
   if (Exists(kLibrary)) return LoadLibrary(kLibrary);
   if (const char* named = Environment("ZpCONFIG_LIBRARY")) return LoadLibrary(named);
@@ -136,7 +137,7 @@ bool CommandLineApplication::LoadConfiguration(const Options& options) {
 
 bool CommandLineApplication::LoadLibrary(const char* path) {
   const char kLoading[] = "Error loading configuration library";
-  // The system looks a plain name up in its own folders only.
+  // dlopen looks up a plain name in the system's folders only, so the path is resolved.
   const std::string full = Resolved(path);
   if (full.empty()) {
     String text(path, -1);
@@ -152,8 +153,8 @@ bool CommandLineApplication::LoadLibrary(const char* path) {
   return has_library || Fail(kLoading, tables.config->error());
 }
 
-// Finds the directory that confines the script, and the path in it. A script below dir_zeph has the
-// place that it has for requests; any other script has its own folder.
+// Finds the directory that confines the script, and the script's path in it. A script below
+// dir_zeph has the same path as for requests; for any other script the directory is its own folder.
 bool CommandLineApplication::Place(const char* named, String* directory, String* path) {
   const std::string full = Resolved(named);
   if (full.empty()) return Fail(named, lasterror());
@@ -200,8 +201,8 @@ bool CommandLineApplication::LoadScript(const char* named, File* file, TaggedFil
   return ReadScript(&tables, owned.release(), tagged, path, &owner, &reason) || Fail(named, reason);
 }
 
-// Behind the loading of the script, so that settings for this script alone count. Without dir_data
-// a script works on the files of the working directory, as other programs of the command line do.
+// Runs after the script is loaded, so that settings for this script alone count. Without dir_data a
+// script works on the files of the working directory, as other command line programs do.
 bool CommandLineApplication::InitializeDirectories() {
   const char* temporary = configuration->value_string(Config_dir_temp);
   if (temporary && !file_manager->InitializeTempDirectory(temporary)) {
@@ -210,7 +211,8 @@ bool CommandLineApplication::InitializeDirectories() {
   if (const char* data = configuration->value_string(Config_dir_data)) {
     return file_manager->InitializeDataDirectory(data) || Fail("", file_manager->error());
   }
-  // Nobody asked for it, so a script that needs no files runs where it cannot be used, too.
+  // Failure is ignored: no setting names this directory, and a script that needs no files runs
+  // without it.
   char working_directory[PATH_MAX];
   if (getcwd(working_directory, sizeof working_directory)) {
     static_cast<void>(file_manager->InitializeDataDirectory(working_directory));

@@ -11,15 +11,15 @@
 
 struct Options;
 
-// Made, run and deleted on the script's thread; Heartbeat and Interrupt come from another one. What
-// goes wrong before the script runs is told on standard error; messages of the running script are
-// part of its output, as on a page.
+// Made, run and deleted on the script's thread; another thread calls Heartbeat and Interrupt.
+// Failures before the script runs go to standard error. Messages of the running script are part of
+// its output, as on a page.
 class CommandLineApplication : public UNIXApplication {
  public:
   // The arguments of the process; all pointers are borrowed.
   CommandLineApplication(int argc, char** argv, ExternalLibraryManager* library_manager);
 
-  // Runs the script, once. Answers the exit status.
+  // Runs the script, once. Returns the exit status.
   int Go(const Options& options);
   // Ends the script for good. Any thread.
   void Interrupt();
@@ -27,7 +27,7 @@ class CommandLineApplication : public UNIXApplication {
   void ResetGlobalTimeout() override;
 
  private:
-  // Stages; one that fails has told so and answers false.
+  // Stages. One that fails has reported its failure and returns false.
   bool Prepare(const Options& options, TaggedFile* tagged, String* path);
   bool LoadConfiguration(const Options& options);
   bool LoadLibrary(const char* path);
@@ -37,7 +37,7 @@ class CommandLineApplication : public UNIXApplication {
   bool Place(const char* named, String* directory, String* path);
   void AddArguments(const Options& options);
 
-  // "zprun: subject: text" on standard error; an empty subject is left out. Answers false.
+  // Writes "zprun: subject: text" to standard error; an empty subject is left out. Returns false.
   bool Fail(const char* subject, const String& text);
 
   bool has_library = false;
@@ -45,8 +45,8 @@ class CommandLineApplication : public UNIXApplication {
   ScriptTables tables;
 };
 
-// The configuration library that zprun came with: beside the program, or in the library folders of
-// the tree that the program is in; empty when it is not there.
+// The configuration library that was shipped with zprun: it is looked for beside the program and in
+// the library folders of the program's tree. Empty if it is not there.
 std::string ShippedConfigurationLibrary();
 
 #endif

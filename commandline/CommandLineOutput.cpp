@@ -1,3 +1,6 @@
+// A failed write ends the script.
+// Tested in tests/commandline/CommandLineOutputTest.cpp.
+
 #include "commandline/CommandLineOutput.h"
 
 #include <cerrno>

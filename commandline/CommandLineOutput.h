@@ -1,5 +1,4 @@
-// The output of a script of the command line: standard output, and the end of the script when
-// nobody takes it any more.
+// Standard output as the output of a script. The script ends when standard output takes no more.
 
 #ifndef ZEPH_COMMANDLINE_COMMANDLINEOUTPUT_H
 #define ZEPH_COMMANDLINE_COMMANDLINEOUTPUT_H
@@ -10,11 +9,12 @@ class UNIXApplication;
 
 class CommandLineOutput : public StandardOutput {
  public:
-  // See StandardOutput. The application is borrowed; it is cancelled by the first write that fails.
+  // Arguments as in StandardOutput. The application is borrowed; the first write that fails cancels
+  // it.
   CommandLineOutput(UNIXApplication* application, int buffered, int buffersize);
 
   int DoWrite(const char* text, int length) override;
-  // errno of the first write that failed, 0 while all is well.
+  // The errno of the first write that failed, 0 if none has failed.
   int failure() const { return first_error; }
 
  private:

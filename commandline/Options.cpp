@@ -1,3 +1,6 @@
+// The command line of zprun.
+// Tested in tests/commandline/OptionsTest.cpp.
+
 #include "commandline/Options.h"
 
 #include <cstring>

@@ -7,18 +7,18 @@
 
 extern const char zprun_usage[];
 
-// What a command line asks for. The texts are those of the command line.
+// The parsed command line. The texts are those of argv, borrowed.
 struct Options {
   bool help = false;
-  const char* config = nullptr;  // a configuration file, null when none was named
-  const char* script = nullptr;  // set unless help is
-  int argument_count = 0;        // of what stands behind the script
+  const char* config = nullptr;  // the path of a configuration file, or null
+  const char* script = nullptr;  // set unless help is true
+  int argument_count = 0;        // arguments after the script
   char** arguments = nullptr;
 };
 
-// Options stand in front of the script; whatever stands behind it is the script's, options or not.
-// "--" ends the options too, for a script whose name begins with "-". False leaves what is wrong in
-// *problem.
+// Parses the command line. Options come before the script; all arguments after it belong to the
+// script, whether they look like options or not. "--" ends the options, for a script whose name
+// begins with "-". Returns false on an error, with the message in *problem.
 [[nodiscard]] bool ParseOptions(int argc, char** argv, Options* options, std::string* problem);
 
 #endif

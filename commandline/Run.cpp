@@ -1,3 +1,6 @@
+// The two threads of zprun, and the signals between them.
+// Tested in tests/e2e/CommandLineTest.cpp and tests/e2e/ZprunTest.cpp.
+
 #include "commandline/Run.h"
 
 #include <pthread.h>
@@ -19,16 +22,16 @@
 namespace {
 
 const time_t kBeatSeconds = 1;
-// The script's thread sends it when it has done; nobody else is meant to.
+// Sent by the script's thread when it has finished; other processes have no reason to send it.
 const int kFinished = SIGUSR1;
 
-// What the two threads share.
+// The state that the two threads share.
 class ScriptRun {
  public:
   ScriptRun(int count, char** texts, const Options& asked)
       : argc(count), argv(texts), options(asked), waiting(pthread_self()) {}
 
-  // The body of the script's thread. Values are made and deleted on it.
+  // The body of the script's thread, on which all values are made and deleted.
   void Body();
   void Heartbeat() {
     MutexGuard guard(mutex);
@@ -49,7 +52,8 @@ class ScriptRun {
     if (current && interrupted) current->Interrupt();
   }
 
-  // The current application for a scope, so that no beat meets one that is being deleted.
+  // Makes an application the current one for a scope, so that Heartbeat and Interrupt never use one
+  // that is being deleted.
   class Current {
    public:
     Current(ScriptRun* owner, CommandLineApplication* application) : run(owner) {
@@ -84,7 +88,7 @@ void ScriptRun::Body() {
   } catch (const std::bad_alloc&) {
     fprintf(stderr, "zprun: out of memory\n");
   }
-  // Values that the script tied into circles are held by nobody now.
+  // Values that refer to each other in a circle have no other holder now.
   Variable::FreeCycles();
   has_finished.store(true);
   pthread_kill(waiting, kFinished);
@@ -100,7 +104,7 @@ bool IsIgnored(int number) {
   return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-// Blocked from here on, in all threads, and taken by the waiting one.
+// Blocks the signals in all threads that are started from here on; the waiting thread takes them.
 sigset_t BlockSignals() {
   sigset_t set;
   sigemptyset(&set);
@@ -109,7 +113,7 @@ sigset_t BlockSignals() {
   }
   sigaddset(&set, kFinished);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  // A write into a closed pipe is told by its result.
+  // A write to a closed pipe fails with EPIPE instead.
   signal(SIGPIPE, SIG_IGN);
   return set;
 }

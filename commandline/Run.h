@@ -5,10 +5,10 @@
 
 struct Options;
 
-// Runs the script on a thread of its own while the calling one, which is the only one of the
-// process, gives it the time and waits for signals. SIGINT, SIGTERM, SIGHUP and SIGQUIT end the
-// script in order, a second one of them ends the process at once; what was ignored at the start
-// stays ignored. Answers the exit status.
+// Runs the script on a thread of its own. The calling thread, the only other one, passes the time
+// to it and waits for signals. The first SIGINT, SIGTERM, SIGHUP or SIGQUIT ends the script in
+// order, a second one ends the process at once. A signal that was ignored at the start stays
+// ignored. Returns the exit status.
 int RunScript(int argc, char** argv, const Options& options);
 
 #endif

@@ -20,7 +20,8 @@ int main(int argc, char** argv) {
     fputs(zprun_usage, stdout);
     return fflush(stdout) == 0 ? 0 : 1;
   }
-  // Before there are threads: the library that reads the file looks here for its name.
+  // setenv is safe only before there are threads. The library that reads the file takes its path
+  // from this variable.
   if (options.config) setenv(config_file_variable, options.config, 1);
   tzset();
   return RunScript(argc, argv, options);

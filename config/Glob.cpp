@@ -1,3 +1,5 @@
+// Matches patterns and normalizes paths. Tested in tests/config/GlobTest.cpp.
+
 #include "config/Glob.h"
 
 #include <vector>
@@ -8,14 +10,14 @@ unsigned char Byte(std::string_view text, size_t at) {
   return static_cast<unsigned char>(text[at]);
 }
 
-// Matches one byte against the set that begins at pattern[at], a "[". Answers the position behind
+// Matches one byte against the set that begins at pattern[at], a "[". Returns the position after
 // the set, or 0 when it has no end.
 size_t MatchSet(std::string_view pattern, size_t at, unsigned char byte, bool* matches) {
   size_t p = at + 1;
   bool inverted = p < pattern.size() && pattern[p] == '!';
   if (inverted) p++;
   bool found = false;
-  // A "]" in the first place is a member.
+  // A "]" in the first position is a member.
   for (bool first = true; p < pattern.size() && (first || pattern[p] != ']'); first = false) {
     unsigned char low = Byte(pattern, p);
     unsigned char high = low;
@@ -31,8 +33,8 @@ size_t MatchSet(std::string_view pattern, size_t at, unsigned char byte, bool* m
   return p + 1;
 }
 
-// Matches one byte against the element at pattern[at], which is no "*". Answers the position
-// behind the element when it matches, else 0.
+// Matches one byte against the element at pattern[at], which is not a "*". Returns the position
+// after the element when it matches, else 0.
 size_t MatchOne(std::string_view pattern, size_t at, unsigned char byte) {
   switch (pattern[at]) {
     case '?': return at + 1;
@@ -56,8 +58,8 @@ bool MatchesGlob(std::string_view pattern, std::string_view text) {
   constexpr size_t none = std::string_view::npos;
   size_t p = 0;
   size_t t = 0;
-  // The last "*" seen and where its run ends so far. Only the last one needs another try: what an
-  // earlier one could give up, the last one can take.
+  // The last "*" seen, and where its run ends so far. Only the last one needs another try: any
+  // bytes that an earlier one could leave, the last one can match.
   size_t star = none;
   size_t star_end = 0;
   while (t < text.size()) {

@@ -1,5 +1,6 @@
-// The configuration library of the engine: answers for settings from a TOML file. The engine loads
-// it once and calls the functions of the table below for every request, from all its threads.
+// The configuration library of the engine: gives it settings from a TOML file. The engine loads it
+// once and calls the functions of the table below for every request, from all its threads. Tested
+// in tests/config/LibraryTest.cpp.
 
 #include "api/zpConfig.h"
 #include "base/host/Settings.h"
@@ -15,8 +16,8 @@
 
 namespace {
 
-// The data word of a request: keeps its snapshot alive, so that a change of the file in the middle
-// of a request changes nothing for it, and texts may be handed out as they stand.
+// The data word of a request. It keeps the snapshot alive: a change of the file in the middle of a
+// request has no effect on that request, and texts can be returned without a copy.
 struct Request {
   std::shared_ptr<const Snapshot> snapshot;
 };
@@ -25,15 +26,15 @@ const Snapshot& SnapshotOf(void** data) {
   return *static_cast<Request*>(*data)->snapshot;
 }
 
-// What tag errors do belongs to the process, not to a request, so a snapshot is applied once, by
-// the first request that has it. What the last one set and this one does not goes back to what was
-// shipped.
+// The actions on tag errors belong to the process, not to a request. So a snapshot is applied once,
+// by the first request that has it. A tag that the last snapshot set and this one does not goes
+// back to its shipped value.
 class AppliedErrorSettings {
  public:
   void Apply(ZPCONFIG config, const Snapshot& snapshot) {
     if (generation.load(std::memory_order_acquire) >= snapshot.generation) return;
     std::lock_guard<std::mutex> lock(mutex);
-    // Also when a request with an older snapshot comes late.
+    // This also stops a late request with an older snapshot.
     if (generation.load(std::memory_order_relaxed) >= snapshot.generation) return;
     for (const TagKeyword& keyword : tag_keywords) {
       int value = snapshot.error_settings[size_t(keyword.tag)];
@@ -109,8 +110,8 @@ void Shutdown(ZPCONFIG, void** data) {
   *data = nullptr;
 }
 
-// Written into the request's settings, so that they also replace what was read before the script
-// was known. Of two sections that match, the later one in the file wins.
+// The values are written into the request's settings, so that they also replace those that were
+// read before the script was known. Of two sections that match, the later one in the file wins.
 int LoadScriptConfig(ZPCONFIG config, void** data, const char* path, File*) {
   const Snapshot& snapshot = SnapshotOf(data);
   if (snapshot.scripts.empty()) return 0;

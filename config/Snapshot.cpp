@@ -1,3 +1,5 @@
+// Parses the configuration file. Tested in tests/config/SnapshotTest.cpp.
+
 #include "config/Snapshot.h"
 
 #include "base/host/Settings.h"
@@ -10,7 +12,7 @@
 #include <cmath>
 #include <map>
 
-// No exceptions, and none of the parts that write TOML.
+// Compile the TOML library without exceptions and without the parts that write TOML.
 #define TOML_EXCEPTIONS 0
 #define TOML_ENABLE_FORMATTERS 0
 #include <toml++/toml.h>
@@ -24,7 +26,7 @@ struct Item {
   unsigned line;
 };
 
-// A table's items in the order of the file; the table itself is sorted by key.
+// Returns a table's items in the order of the file; the table itself is sorted by key.
 std::vector<Item> InFileOrder(const toml::table& table) {
   std::vector<Item> items;
   for (auto&& [key, node] : table) {
@@ -66,7 +68,7 @@ const ConfigSetting* FindSetting(std::string_view name) {
   return nullptr;
 }
 
-// What the engine uses to find the script is settled before a script is known.
+// False for settings that the engine uses to find the script: they are applied before it is known.
 bool CanDifferByScript(int id) {
   switch (id) {
     case Config_dir_zeph:
@@ -84,7 +86,7 @@ std::vector<std::string_view> SettingNames() {
   return names;
 }
 
-// Fills a snapshot from a parsed file, and keeps the complaint that stands first in the file.
+// Fills a snapshot from a parsed file, and keeps the error that comes first in the file.
 class Reader {
  public:
   Reader(const std::string& file_name, Snapshot& target) : file(file_name), snapshot(target) {}
@@ -112,7 +114,7 @@ class Reader {
   const std::string& file;
   Snapshot& snapshot;
   unsigned error_line = UINT_MAX;
-  // Libraries by kind and name in lower case, with their lines.
+  // The libraries by kind and lower-case name, with their lines.
   std::map<std::pair<LibraryKind, std::string>, unsigned> library_names;
 };
 
@@ -122,7 +124,7 @@ void Reader::Complain(unsigned line, const std::string& key, const std::string& 
   snapshot.error = file + ":" + std::to_string(line) + ": " + key + ": " + what;
 }
 
-// section is the path of the section with a dot behind it, empty at the top.
+// section is the path of the section followed by a dot, or empty at the top.
 void Reader::UnknownKey(const std::string& section, const Item& item,
                         const std::vector<std::string_view>& known) {
   std::string what =
@@ -213,7 +215,7 @@ void Reader::ReadVariables(const Item& section) {
   }
 }
 
-// The text of a number, the shortest that reads back the same.
+// Returns the shortest text that reads back as the same number.
 template <typename Number>
 std::string NumberText(Number number) {
   char buffer[32];
@@ -329,7 +331,7 @@ void Reader::ReadScript(const toml::table& table, unsigned line) {
     if (item.key == "match") {
       has_match = true;
       if (!ReadText(key, item, &script.match)) continue;
-      // Paths of scripts have no slash in front; people write one.
+      // Paths of scripts have no leading slash, but administrators write one.
       script.match.erase(0, script.match.find_first_not_of('/'));
       if (script.match.empty()) Complain(item.line, key, "matches no script");
       continue;

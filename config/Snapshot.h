@@ -1,5 +1,5 @@
-// What one state of the configuration file says. Parsed once, never changed afterwards, shared by
-// all requests until the file changes.
+// The content of one state of the configuration file. Parsed once, never changed afterwards, shared
+// by all requests until the file changes.
 
 #ifndef ZEPH_CONFIG_SNAPSHOT_H
 #define ZEPH_CONFIG_SNAPSHOT_H
@@ -19,7 +19,7 @@ struct Setting {
   std::string text;  // of a text setting
 };
 
-// A [[script]] section: what holds for the scripts that match.
+// A [[script]] section: the settings for the scripts that match.
 struct ScriptSection {
   std::string match;  // without a leading slash
   std::vector<Setting> settings;
@@ -39,22 +39,22 @@ struct NamedValue {
   std::string value;
 };
 
-// What the errors of each tag do, by tag number.
+// The action for the errors of each tag, by tag number.
 using ErrorSettings = std::array<int, tag_count>;
 ErrorSettings ShippedErrorSettings();
 
 struct Snapshot {
-  // Reads a file's text. In messages the file goes by the given name. A text that is not in order
-  // gives a snapshot with nothing but the error of its first bad line.
+  // Parses a file's text. `file` is the file's name in messages. If the text has errors, the
+  // snapshot has only the error of its first bad line.
   static Snapshot Parse(const std::string& file, std::string_view text);
   static Snapshot Failed(const std::string& message);
 
-  // The setting that the file gives outside of [[script]] sections, or null.
+  // Returns the setting that the file gives outside of [[script]] sections, or null.
   const Setting* Find(int id) const;
 
   // "file:line: key: what is wrong", empty when the file is in order.
   std::string error;
-  // Grows by one with each snapshot that a store takes into force.
+  // Grows by one with each snapshot that a store puts into force.
   uint64_t generation = 0;
 
   std::vector<Setting> settings;  // sorted by identifier
@@ -62,7 +62,7 @@ struct Snapshot {
   std::vector<LibrarySection> libraries;
   std::vector<NamedValue> system_variables;
   std::vector<NamedValue> global_variables;
-  // As shipped, but for what [errors] says.
+  // The shipped values, changed by [errors].
   ErrorSettings error_settings = {};
 };
 

@@ -1,3 +1,5 @@
+// Finds, reads and watches the configuration file. Tested in tests/config/SnapshotStoreTest.cpp.
+
 #include "config/SnapshotStore.h"
 
 #include "base/host/FileDescriptor.h"
@@ -13,9 +15,10 @@
 
 namespace {
 
-// The kernel stamps files by a clock of its own that advances in ticks of up to 10 ms.
+// The kernel stamps files with a clock of its own, which advances in ticks of up to 10 ms.
 constexpr int64_t tick_nanoseconds = 20'000'000;
-// Far beyond any configuration; a device or a log named by mistake is not read to its end.
+// Far larger than any configuration. A device or a log that is named by mistake is not read to its
+// end.
 constexpr off_t largest_file = 16 << 20;
 
 std::string ErrorText(int number) {
@@ -23,7 +26,7 @@ std::string ErrorText(int number) {
   return strerror_r(number, buffer, sizeof buffer);
 }
 
-// The path by which an administrator knows the file, whatever the working directory.
+// Returns the absolute path of the file, so that an administrator knows which file is meant.
 std::string FullPath(const char* path) {
   char* full = realpath(path, nullptr);
   std::string result = full != nullptr ? full : path;
@@ -44,7 +47,7 @@ bool WithinTick(const timespec& modified) {
 void ReportOnStandardError(const std::string& error) {
   std::string line = "libzephconfig: " + error + "; the last good configuration stays in force\n";
   ssize_t written = write(STDERR_FILENO, line.data(), line.size());
-  (void)written;  // nobody is left to tell
+  (void)written;  // there is no other place to report a failure of this write
 }
 
 bool SameTime(const timespec& a, const timespec& b) {
@@ -96,8 +99,9 @@ std::string SnapshotStore::MissingText(const Identity& identity) {
          config_file_system + " exists";
 }
 
-// Reads the file that *identity names; *identity is then that of the bytes that were read, as the
-// file may have been replaced since it was found. Answers what went wrong, nothing if all is well.
+// Reads the file that *identity names, and sets *identity to that of the bytes that were read,
+// because the file may have been replaced since it was found. Returns the error text, empty on
+// success.
 std::string SnapshotStore::ReadFile(Identity* identity, std::string* text) {
   // A FIFO named by mistake must not hang the request.
   FileDescriptor file(open(identity->path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -115,7 +119,7 @@ std::string SnapshotStore::ReadFile(Identity* identity, std::string* text) {
   return "Too large for a configuration file";
 }
 
-// Takes a snapshot into force, unless it has an error and a good one is there.
+// Puts a snapshot into force, unless it has an error and the present one is good.
 void SnapshotStore::Install(Snapshot snapshot) {
   if (!snapshot.error.empty() && current != nullptr && current->error.empty()) {
     ReportOnStandardError(snapshot.error);
@@ -125,7 +129,7 @@ void SnapshotStore::Install(Snapshot snapshot) {
   current = std::make_shared<const Snapshot>(std::move(snapshot));
 }
 
-// Looks again, since another thread may have been here between the caller's look and the lock.
+// Looks again, because another thread may have reloaded between the caller's look and the lock.
 void SnapshotStore::Reload() {
   Identity identity = Look();
   std::string file = FullPath(identity.path.c_str());
@@ -136,8 +140,8 @@ void SnapshotStore::Reload() {
   } else if (std::string problem = ReadFile(&identity, &text); !problem.empty()) {
     error = file + ": " + problem;
   }
-  // What was wrong counts as the content of a file that could not be read, so that a second look
-  // at the same state says nothing twice.
+  // For a file that could not be read the error counts as its content, so that a second look at the
+  // same state reports nothing again.
   const std::string& content = error.empty() ? text : error;
   bool same = current != nullptr && identity == seen && content == seen_text;
   seen = identity;

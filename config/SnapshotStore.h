@@ -10,8 +10,8 @@
 #include <mutex>
 #include <string>
 
-// Where the file is looked for: the one that this environment variable names, else the first of
-// the two that exists.
+// The file is the one that this environment variable names, or else the first of the two that
+// exists.
 inline constexpr char config_file_variable[] = "ZEPH_CONFIG";
 inline constexpr char config_file_local[] = "zeph.toml";
 inline constexpr char config_file_system[] = "/etc/zeph/zeph.toml";
@@ -23,17 +23,17 @@ class SnapshotStore {
   SnapshotStore(const SnapshotStore&) = delete;
   SnapshotStore& operator=(const SnapshotStore&) = delete;
 
-  // The snapshot that holds for a request that begins now; never null. Looks whether the file has
-  // changed since the last call and reads it again if so. A file that is not in order leaves the
-  // last good snapshot in force, and one line on standard error for each such state of the file.
-  // Where no good one was ever read, the answer is a snapshot with an error.
+  // Returns the snapshot for a request that begins now; never null. Checks if the file has changed
+  // since the last call and reads it again if so. If the file has errors, the last good snapshot
+  // stays in force, and each such state of the file gives one line on standard error. If no good
+  // one was ever read, returns a snapshot with an error.
   std::shared_ptr<const Snapshot> Current();
 
  private:
-  // By what a state of the file is known.
+  // Identifies a state of the file.
   struct Identity {
     std::string path;  // empty when no file was named or found
-    int error = 0;     // errno of the look at it, 0 when it is there
+    int error = 0;     // errno of looking it up, 0 when it exists
     dev_t device = 0;
     ino_t inode = 0;
     off_t size = 0;
@@ -54,11 +54,11 @@ class SnapshotStore {
   std::mutex mutex;  // guards all below
   std::shared_ptr<const Snapshot> current;
   uint64_t generations = 0;
-  // The state that was last looked into, and what it said.
+  // The state that was last read, and its content.
   Identity seen;
   std::string seen_text;
-  // Clear while the file is so young that another write in the same tick of the clock could leave
-  // its identity as it is; it is then read again to be sure.
+  // False while the file is so young that another write in the same tick of the clock could leave
+  // its identity unchanged. The next call then reads it again to be sure.
   bool settled = false;
 };
 

@@ -1,3 +1,5 @@
+// Edit distances between words. Tested in tests/config/SuggestionTest.cpp.
+
 #include "config/Suggestion.h"
 
 #include <algorithm>
@@ -15,7 +17,7 @@ bool Same(char a, char b) {
 }  // namespace
 
 int EditDistance(std::string_view a, std::string_view b) {
-  // Rows of the usual matrix: two back, one back and the one being filled.
+  // Rows of the usual matrix: two rows back, one row back and the one being filled.
   std::vector<int> before(b.size() + 1);
   std::vector<int> above(b.size() + 1);
   std::vector<int> row(b.size() + 1);

@@ -1,4 +1,5 @@
-// Options and the process title.
+// The options of the command line and the title of the process.
+// Tested in tests/fastcgi/ArgumentsTest.cpp.
 
 #include "fastcgi/Arguments.h"
 

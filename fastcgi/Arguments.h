@@ -5,15 +5,16 @@
 
 struct _FastCGIMainArgs;
 
-// A new array of new copies; the caller frees it with FreeArgs. Backslashes are removed, from the
-// given texts as well.
+// Copies the arguments. The caller frees the array with FreeArgs. Backslashes are removed from the
+// copies and also, in place, from the given texts.
 char** CopyArgs(int argc, char** argv);
 void FreeArgs(int argc, char** copies);
 
-// Reads the options. "-t" and a number above 0 sets the thread count; anything else leaves it.
-// "-p" and a text makes that text the title of the process in listings: it overwrites the texts of
-// arguments.arguments, which lie one behind the other in memory, and leaves one of them. The copied
-// arguments stay as they are. An option without its value, and any other argument, is passed over.
+// Reads the options. "-t" with a number of 1 or more sets the thread count; any other value leaves
+// it. "-p" with a text makes that text the title of the process in listings: it overwrites the
+// texts of arguments.arguments, which follow one another in memory, and sets the count of arguments
+// to 1. The copied arguments stay as they are. An option without its value and any other argument
+// are ignored.
 void Process_CommandLine_Args(_FastCGIMainArgs* arguments);
 
 #endif

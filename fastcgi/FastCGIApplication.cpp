@@ -1,5 +1,5 @@
-// The request cycle: what is built for a request, the order of its stages, and the messages that
-// end it.
+// The request cycle: the objects that a request needs, the order of its stages, and the messages
+// that end it.
 
 #include "fastcgi/FastCGIApplication.h"
 
@@ -26,7 +26,7 @@
 
 namespace {
 
-// Where the process was started, and stays: no thread ever leaves it.
+// The process never changes its working directory, so one call of getcwd is enough.
 const char* WorkingDirectory() {
   static char path[512];
   static const bool known = getcwd(path, sizeof path) != nullptr;
@@ -61,8 +61,8 @@ int FastCGIApplication::Go(FastCGIThread* thread) {
   return Run(&tagged);
 }
 
-// The machine sees to its own script. What else asks for more than there is, a script file or a
-// form, is told here.
+// The machine reports a lack of memory in its own script. The other stages, which read the script
+// file or a form, are covered here.
 int FastCGIApplication::Run(TaggedFile* tagged) {
   String path;
   try {
@@ -86,13 +86,13 @@ int FastCGIApplication::RunStages(TaggedFile* tagged, String* path) {
   // The script's time starts here: loading and the upload do not count against it.
   ResetGlobalTimeout();
   vm->Go();
-  // The response's own output, also while a capture that the script left open stands in front:
-  // what was captured is lost, what was written before it is sent.
+  // Flushes the response itself: if the script left a capture open, current_output is the capture.
+  // The captured text is lost, the text written before it is sent.
   response->Flush(1);
   return 0;
 }
 
-// From the settings to a loaded script.
+// The stages from the settings to a loaded script.
 bool FastCGIApplication::Prepare(TaggedFile* tagged, String* path) {
   if (!LoadConfiguration() || !CheckConfiguration()) return false;
   file_manager->MaxFiles(configuration->value_integer(Config_max_files));
@@ -125,7 +125,7 @@ int FastCGIApplication::BeginAsynchronousTask(ZephVM* machine) {
   const int64_t before = ThreadMemory::Used();
   auto task = std::make_unique<FastCGIAsynchronousApplication>(this, machine);
   const int64_t given = ThreadMemory::Used() - before;
-  // The time may have passed while the copies were made: then they are not whole.
+  // If the time limit passed while the copies were made, they are incomplete.
   if (RunLimit::WasCut()) return AsynchronousTask_Failed;
   started_tasks++;
   task->SetMemory(given);
@@ -140,7 +140,8 @@ void FastCGIApplication::OutputHeaders() {
   if (configuration->value_integer(Config_cookies) != 0) OutputCookie();
 }
 
-// The visitor's id goes out with every response, so that a known visitor gets a fresh year.
+// Every response carries the visitor's id, so that the cookie of a returning visitor is good for
+// another year.
 void FastCGIApplication::OutputCookie() {
   static const char kName[] = "zixcallerid=";
   static const long kYear = 31536000;
@@ -165,9 +166,9 @@ void FastCGIApplication::OutputCookie() {
   field.cat("; expires=", -1);
   field.cat(date, -1);
   field.cat("; path=/", -1);
-  // The length first: release() leaves the null string.
+  // Reads the length before release(), which leaves the null string.
   const int length = field.length;
   current_output->Header("Set-Cookie", -1, 0, field.release(), length, 1);
-  // Null for the page of an error that comes before the variables.
+  // request_variables is null if an error page comes before the variables are made.
   if (request_variables) request_variables->AddText("callerid", 8, id.data, id.length);
 }

@@ -1,5 +1,5 @@
-// One request, from its parameters to its response. Go reads as the table of contents of all that
-// happens in between.
+// One request, from its parameters to its response. Go reads as a table of contents of the stages
+// in between.
 
 #ifndef ZEPH_FASTCGI_FASTCGIAPPLICATION_H
 #define ZEPH_FASTCGI_FASTCGIAPPLICATION_H
@@ -14,29 +14,29 @@ class FastCGIThread;
 class HTTPContentParser;
 struct FCGX_Request;
 
-// Made by a request thread for each request and deleted when it is answered; nothing of a script
-// outlives it. A stage that fails has sent its message to the client and answers false.
+// A request thread makes one for each request and deletes it after the response; nothing of a
+// script outlives it. A stage that fails sends its message to the client and returns false.
 class FastCGIApplication : public FastCGIBaseApplication {
  public:
-  // Arguments as in _FastCGIMainArgs; all pointers are borrowed. The parameters of the request stay
-  // in place as long as the request does.
+  // Arguments as in _FastCGIMainArgs; all pointers are borrowed. The request and its parameters
+  // must outlive the application.
   FastCGIApplication(int argc, char** argv, int copied_argc, char** copied_argv,
                      FastCGIThreadManager* thread_manager, ExternalLibraryManager* library_manager,
                      FCGX_Request* request);
 
-  // Answers the request: 0 when the script ran, 1 when it ended in an earlier stage.
+  // Runs the request. Returns 0 if the script ran, 1 if the request ended in an earlier stage.
   int Go(FastCGIThread* thread);
 
   void OutputError(const char* text, int length) override;
   int BeginAsynchronousTask(ZephVM* machine) override;
-  // Sends a failure of the configuration, with the address of whoever can mend it.
+  // Sends a failure of the configuration, followed by the setting info_serveradmin if there is one.
   virtual void ConfigurationError(const String& text);
 
-  // The user id that owns the script file, 0 until it is read.
+  // The user id that owns the script file; 0 until the file is read.
   int ScriptOwner() const { return owner_id; }
 
  private:
-  // A parameter of the request by name, null when it was not sent.
+  // A parameter of the request by name; null if the web server did not send it.
   const char* Parameter(const char* name) const;
 
   int Run(TaggedFile* tagged);
@@ -56,7 +56,7 @@ class FastCGIApplication : public FastCGIBaseApplication {
   void OutputCookie();
   // The variables of the request (fastcgi/FastCGIVariables.cpp):
   bool AddVariables();
-  // And the system variables, which stand in place of parameters of their names.
+  // Also adds the system variables, which replace parameters of the same names.
   void AddEnvironmentVariables();
   void AddQueryArguments();
   void AddArgument(const char* text, int length, int* count);
@@ -72,14 +72,14 @@ class FastCGIApplication : public FastCGIBaseApplication {
   bool ExecuteError(const String& path, const String& text, bool encode);
 
   FCGX_Request* request;
-  String first_argument;                                // as documenturl names the script
-  std::unique_ptr<RequestVariables> request_variables;  // until the table has them
+  String first_argument;                                // names the script in documenturl
+  std::unique_ptr<RequestVariables> request_variables;  // null once the table has them
   const char* working_directory;
   int owner_id = 0;
-  int started_tasks = 0;  // whether or not they have ended
+  int started_tasks = 0;  // including those that have ended
   const char* path_info;  // the parameters themselves; either may be null
   const char* query_string;
-  // Copies: a library may set a setting again, which frees the text that it had. Null when not set.
+  // Copies, because a library may set a setting again, which frees its old text. Null if not set.
   String script_root;
   String temp_directory;
   String user_directory;

@@ -1,3 +1,6 @@
+// A background task: its clock, its sleep, and the body of its thread.
+// Tested in tests/fastcgi/FastCGIAsynchronousApplicationTest.cpp and tests/e2e/TaskTest.cpp.
+
 #include "fastcgi/FastCGIAsynchronousApplication.h"
 
 #include <algorithm>
@@ -17,13 +20,13 @@
 
 namespace {
 
-// A deadline of 0 is none, so one that is over lies at 1 at least.
+// A deadline that is so many seconds away. 0 means no deadline, so the result is 1 at least.
 long After(long seconds) {
   const long deadline = time(nullptr) + seconds;
   return deadline > 0 ? deadline : 1;
 }
 
-// Later times than the clock can tell are as good as never.
+// Later times are cut to this one, because the clock cannot represent all of them.
 constexpr long kLatest = 9000000000;
 
 }  // namespace
@@ -53,8 +56,8 @@ void FastCGIAsynchronousApplication::ResetGlobalTimeout() {
   SetDeadline(seconds);
 }
 
-// Under the application mutex. A task that was cancelled by a shutdown does not get new time: none
-// may outlive it.
+// A task that a shutdown has cancelled gets no more time, because no script may outlive the
+// shutdown.
 void FastCGIAsynchronousApplication::SetDeadline(long seconds) {
   global_deadline = seconds == 0 ? 0 : After(seconds);
   const int ends = thread_manager && thread_manager->ShuttingDown() ? cancelled() : 0;
@@ -73,7 +76,7 @@ void FastCGIAsynchronousApplication::AsynchronousSleep(long wakeat, Zeph_PathTyp
     MutexGuard guard(application_mutex);
     if (global_deadline != 0) remaining = std::max(TimeRemaining(), 0L);
   }
-  // The file as it is now is what a change is told by, so it is read before the sleep begins.
+  // Read before the sleep begins: the sleep ends when the file has a later time than this.
   const long before = ModifiedTime(type, path);
   {
     MutexGuard guard(application_mutex);
@@ -84,13 +87,13 @@ void FastCGIAsynchronousApplication::AsynchronousSleep(long wakeat, Zeph_PathTyp
   global_deadline = remaining < 0 ? 0 : After(remaining - 1);
 }
 
-// When the file was modified; 0 without one.
+// The time of the file's last modification; 0 if there is no file.
 long FastCGIAsynchronousApplication::ModifiedTime(Zeph_PathType type, const char* path) {
   long time = 0;
   return path && *path && file_manager->ModifiedTime(type, path, &time) ? time : 0;
 }
 
-// False when the sleep has lasted too long or was cancelled.
+// Returns false if the sleep was cancelled or has lasted too long.
 bool FastCGIAsynchronousApplication::SleepUntil(long wakeat, Zeph_PathType type, const char* path,
                                                 long before) {
   const Condition::Time end =
@@ -102,7 +105,7 @@ bool FastCGIAsynchronousApplication::SleepUntil(long wakeat, Zeph_PathType type,
       if (!application_condition.WaitUntil(application_mutex, end)) return true;
     }
     if (ModifiedTime(type, path) > before) return true;
-    // Outside of the mutex: the beat of a feature may take its time.
+    // Not under the mutex, because the heartbeat of a feature may take long.
     vm->Heartbeat();
   }
 }

@@ -8,29 +8,30 @@
 
 class FastCGIThread;
 
-// Made on the request's thread; from StartAsynchronousThread on it belongs to the task's thread,
-// which deletes it. It has copies of all that the request has and shares none of it. There is no
-// client: what the task writes goes nowhere.
+// Made on the request's thread. StartAsynchronousThread hands it to the task's thread, which
+// deletes it. It has copies of everything that the request has and shares none of it. There is no
+// client: the output of a task is discarded.
 class FastCGIAsynchronousApplication : public FastCGIBaseApplication {
  public:
-  // The source's thread is the calling one, and its machine stands still.
+  // REQUIRES: the caller is the source's thread, and its machine does not run meanwhile.
   FastCGIAsynchronousApplication(FastCGIBaseApplication* source, ZephVM* machine);
   ~FastCGIAsynchronousApplication() override;
 
-  // What the copies take of the heap: it counts as the task's.
+  // The bytes of heap that the copies use. They count as the task's memory.
   void SetMemory(int64_t bytes) { memory_bytes = bytes; }
   int64_t memory() const { return memory_bytes; }
 
-  // Runs the block: what ZephVM::Go answers.
+  // Runs the block. Returns the result of ZephVM::Go.
   int Go(FastCGIThread* thread);
 
-  // Starts the task's clock anew, with timeout_async.
+  // Restarts the task's clock with timeout_async.
   void ResetGlobalTimeout() override;
   // A task starts no tasks.
   int BeginAsynchronousTask(ZephVM* machine) override;
-  // Sleeps until that time, in seconds since 1970, or until the file at the path has been modified,
-  // which is looked for once a heartbeat; a null or empty path is no file. The sleep may last
-  // timeout_async_sleep seconds, and counts one second against the time of the task.
+  // Sleeps until `wakeat`, in seconds since 1970, or until the file at the path is modified,
+  // whichever comes first. The file is checked once a heartbeat; a null or empty path means no
+  // file. The sleep may last timeout_async_sleep seconds. It costs one second of the task's own
+  // time limit.
   void AsynchronousSleep(long wakeat, Zeph_PathType type, const char* path) override;
 
  private:

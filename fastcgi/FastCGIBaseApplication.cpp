@@ -1,3 +1,6 @@
+// The time limit of a script while the process shuts down.
+// Tested in tests/fastcgi/FastCGIThreadsTest.cpp and tests/e2e/ShutdownTest.cpp.
+
 #include "fastcgi/FastCGIBaseApplication.h"
 
 #include <atomic>
@@ -18,7 +21,8 @@ void FastCGIBaseApplication::ResetGlobalTimeout() {
   MutexGuard guard(application_mutex);
   const int timed_out = cancelled();
   StartGlobalClock(seconds);
-  // A script that was cancelled by a shutdown does not get new time: none may outlive it.
+  // A script that a shutdown has cancelled gets no more time, because no script may outlive the
+  // shutdown.
   if (timed_out && thread_manager && thread_manager->ShuttingDown()) {
     std::atomic_ref<int>(global_timed_out).store(1, std::memory_order_relaxed);
   }

@@ -1,5 +1,5 @@
-// What the applications of this host have in common, whether they answer a request or run a
-// background task.
+// What the two applications of this host share: the one of a request and the one of a background
+// task.
 
 #ifndef ZEPH_FASTCGI_FASTCGIBASEAPPLICATION_H
 #define ZEPH_FASTCGI_FASTCGIBASEAPPLICATION_H
@@ -8,15 +8,15 @@
 
 class FastCGIThreadManager;
 
-// Belongs to one thread of the manager's. Heartbeat and Cancelled come from the heartbeat thread.
+// Used by one thread of the manager. The heartbeat thread calls Heartbeat and Cancelled.
 class FastCGIBaseApplication : public UNIXApplication {
  public:
-  // Arguments as in _FastCGIMainArgs, borrowed like both managers.
+  // Arguments as in _FastCGIMainArgs. They and both managers are borrowed.
   FastCGIBaseApplication(int argc, char** argv, int copied_argc, char** copied_argv,
                          FastCGIThreadManager* thread_manager,
                          ExternalLibraryManager* library_manager);
 
-  // For a background task that the other one starts (UNIXApplication).
+  // For a background task that the other application starts; see UNIXApplication.
   explicit FastCGIBaseApplication(FastCGIBaseApplication& other);
 
   void ResetGlobalTimeout() override;

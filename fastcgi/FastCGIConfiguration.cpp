@@ -1,4 +1,4 @@
-// The stages of a request that find, load and obey the configuration.
+// The stages of a request that find, load and apply the configuration.
 
 #include "base/extensions/ExternalConfig.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
@@ -17,7 +17,7 @@ String LoadingError(const char* text, int length) {
   return message;
 }
 
-// Leaves the copy null without the setting.
+// Leaves the copy null if the setting is not set.
 void CopySetting(Config* settings, int id, String* copy) {
   if (const char* text = settings->value_string(id)) copy->assign(text, -1);
 }
@@ -28,7 +28,7 @@ bool FastCGIApplication::LoadConfiguration() {
   String path(working_directory, -1);
   path.cat("/libzephconfig.so", -1);
   const char* library = path.data;
-  // By its name alone: the system looks it up where the path would lead, without the walk there.
+  // The relative name finds the same file as the path, without a walk through its folders.
   LibraryFile found = LookAtLibrary("libzephconfig.so");
   if (found == LibraryFile::Missing) {
     library = Parameter("ZpCONFIG_LIBRARY");
@@ -63,7 +63,7 @@ bool FastCGIApplication::CheckConfiguration() {
   return true;
 }
 
-// Behind the loading of the script, so that settings for this script alone count.
+// Runs after the script is loaded, so that settings for this script alone count.
 bool FastCGIApplication::ProcessConfiguration() {
   CopySetting(configuration, Config_dir_data, &data_directory);
   if (!data_directory.data) {

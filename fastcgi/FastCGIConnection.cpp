@@ -1,4 +1,4 @@
-// Waits for peers, with an end to each.
+// Accept, read, write and close of a connection, with an end to each wait.
 // Tested in tests/fastcgi/FastCGIConnectionTest.cpp and tests/e2e/ShutdownTest.cpp.
 
 #include "fastcgi/FastCGIConnection.h"
@@ -25,13 +25,13 @@ namespace {
 
 using Clock = FastCGIConnection::Clock;
 
-// Until the settings of the first request are read.
+// Seconds, until the settings of the first request are read.
 const int kWriteLimit = 90;
-// How long a client on a UNIX socket may take to send its first byte: one that has gone before it
-// was accepted is told from a slow one by this alone.
+// How long a client on a UNIX socket may take to send its first byte. A client that closed its
+// connection before it was accepted looks the same as a slow one until then.
 const std::chrono::seconds kFirstByte(2);
 const std::chrono::seconds kLingering(2);
-// A waiting write looks at the flags this often.
+// A waiting write checks the flags this often.
 const int kWriteSlice = 500;  // milliseconds
 
 thread_local FastCGIConnection* current = nullptr;
@@ -44,14 +44,14 @@ union Address {
   sockaddr_storage room;
 };
 
-// Of accept, when the connection went wrong and the socket did not.
+// Whether accept failed because of the connection and not because of the socket.
 bool IsOfConnection(int error) {
   return error == EPROTO || error == ECONNABORTED || error == ECONNRESET || error == ETIMEDOUT ||
          error == EHOSTUNREACH || error == ENETUNREACH || error == EHOSTDOWN || error == ENETDOWN ||
          error == ENONET || error == ENOPROTOOPT || error == EPERM;
 }
 
-// Whether the comma-separated list has the address, or is none.
+// Whether the list, separated by commas, contains the address. An empty list allows all.
 bool IsAllowed(const sockaddr_in& address, const char* clients) {
   if (!clients || !*clients) return true;
   const std::string list(clients);
@@ -63,7 +63,7 @@ bool IsAllowed(const sockaddr_in& address, const char* clients) {
   return false;
 }
 
-// The time until then for ppoll, null for no end.
+// The time left until `end`, for ppoll; null if there is no end.
 const timespec* TimeUntil(Clock::time_point end, timespec* room) {
   if (end == Clock::time_point::max()) return nullptr;
   const auto left = std::max(std::chrono::nanoseconds(end - Clock::now()).count(), int64_t{0});
@@ -138,7 +138,7 @@ int FastCGIConnection::Accept(int listening, const char* clients) {
   }
 }
 
-// libfcgi takes 0 for a peer that has left, and gives the connection up.
+// A result of 0 makes libfcgi close the connection, as if the peer had left.
 ssize_t FastCGIConnection::Read(int descriptor, char* buffer, size_t room) {
   for (;;) {
     while (next < last || records.Refused()) {
@@ -151,7 +151,7 @@ ssize_t FastCGIConnection::Read(int descriptor, char* buffer, size_t room) {
   }
 }
 
-// Returns what recv returned.
+// Fills the buffer. Returns the result of recv.
 ssize_t FastCGIConnection::Refill(int descriptor) {
   for (;;) {
     if (manager->PeersAreGivenUp()) return GiveUp(descriptor);
@@ -175,8 +175,8 @@ ssize_t FastCGIConnection::Refill(int descriptor) {
   }
 }
 
-// Whether the wait ended because of the peer. The signal is delivered in ppoll alone, so that none
-// is lost that comes between the look at the flag and the wait.
+// Returns whether the peer ended the wait. SIGUSR2 is unblocked only inside ppoll, so that a signal
+// between the check of the flag and the wait is not lost.
 bool FastCGIConnection::WaitForInput(int descriptor, Clock::time_point end) {
   for (;;) {
     if (manager->ShuttingDown()) return false;
@@ -197,7 +197,8 @@ ssize_t FastCGIConnection::Write(int descriptor, const char* bytes, size_t lengt
     if (errno != EAGAIN && errno != EINTR) return -1;
     if (!waited && write_limit > 0) end = Clock::now() + std::chrono::seconds(write_limit);
     if (Clock::now() >= end) return GiveUp(descriptor);
-    // A socket takes a little before it calls itself writable, so each slice ends with another try.
+    // The kernel reports a socket as writable only when a good part of its buffer is free, so each
+    // slice ends with another attempt to send.
     pollfd waiting{descriptor, POLLOUT, 0};
     poll(&waiting, 1, kWriteSlice);
   }
@@ -222,10 +223,10 @@ int FastCGIConnection::Close(int descriptor) {
   return close(descriptor);
 }
 
-// --- What the linker puts in place of libfcgi's functions of these names -------------------------
+// --- Replacements that the linker puts in place of libfcgi's functions ---------------------------
 
-// Declared by libfcgi without the prefix; __real_ is what they replace, for a thread without a
-// connection of this kind.
+// libfcgi declares these names without the prefix. __real_ is the replaced function, for a thread
+// without a FastCGIConnection.
 extern "C" {
 int __real_OS_Accept(int listening, int fail_on_intr, const char* clients);
 int __real_OS_Read(int descriptor, char* buffer, size_t room);
@@ -252,7 +253,8 @@ int __wrap_OS_IpcClose(int descriptor, int shutdown) {
   return current->Close(descriptor);
 }
 
-// All of this program's calls come here, few as they are beside those of operator new.
+// These receive all calls of malloc and realloc in this program. They are few, because most memory
+// comes from operator new.
 void* __real_malloc(size_t size);
 void* __real_realloc(void* memory, size_t size);
 

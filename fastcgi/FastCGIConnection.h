@@ -1,13 +1,13 @@
-// The system calls of libfcgi, which the linker leads here: accept, read, write and close of a
-// connection; and its allocations.
+// The connection between libfcgi and a peer. The linker leads libfcgi's accept, read, write and
+// close here, and its allocations.
 //
-// libfcgi waits without limit for its peers. Here each wait has an end that no peer can put off:
-// the end of the process, and for a client that has stopped reading also the script's limit of
-// time. What is read passes FastCGIRecords first.
+// libfcgi waits for its peers without limit. Here each wait ends at a moment that no peer can
+// delay: the shutdown of the process, or, while a client takes nothing of a response, the script's
+// time limit. Input passes FastCGIRecords before libfcgi sees it.
 //
-// libfcgi asserts that it gets the memory that it asks for. While it accepts a request, a failure
-// throws std::bad_alloc instead, through its frames: they hold nothing that its request does not
-// know, but a few bytes of a stream that is half made.
+// libfcgi asserts that its allocations succeed. While it accepts a request, a failed allocation
+// throws std::bad_alloc through its frames instead. Those frames own nothing that its request does
+// not also own, except a few bytes of a stream that is half made.
 
 #ifndef ZEPH_FASTCGI_FASTCGICONNECTION_H
 #define ZEPH_FASTCGI_FASTCGICONNECTION_H
@@ -22,12 +22,12 @@
 class FastCGIThreadManager;
 struct FCGX_Request;
 
-// Serves the calls that libfcgi makes on one request thread, from its construction to its
-// destruction on that thread; a thread has one. It keeps no descriptor: libfcgi does.
+// Serves the calls that libfcgi makes on one request thread. It is made and deleted on that thread,
+// and a thread has at most one. libfcgi owns the descriptor; this class stores none.
 //
-// Ends of waits, by what the manager says:
-//   ShuttingDown()      no wait for input. What has come is read.
-//   PeersAreGivenUp()   neither reads nor writes: the connection is shut down.
+// How a shutdown ends waits, by the state of the manager:
+//   ShuttingDown()      no wait for input; bytes that have already come are read.
+//   PeersAreGivenUp()   no read and no write: the connection is shut down.
 class FastCGIConnection {
  public:
   using Clock = std::chrono::steady_clock;
@@ -37,26 +37,26 @@ class FastCGIConnection {
   FastCGIConnection(const FastCGIConnection&) = delete;
   FastCGIConnection& operator=(const FastCGIConnection&) = delete;
 
-  // The one of the calling thread, or null.
+  // The connection of the calling thread, or null.
   static FastCGIConnection* Current();
 
-  // Ends a write during which the client has taken nothing for that many seconds; 0 is no limit.
+  // Gives up a write when the client has taken nothing for that many seconds; 0 means no limit.
   void LimitWrites(int seconds) { write_limit = seconds; }
-  // Ends every wait for input from that long on; ClearInputLimit takes the limit away.
+  // From `time` after this call on, no read waits for input. ClearInputLimit removes the limit.
   void LimitInput(Clock::duration time) { input_end = Clock::now() + time; }
   void ClearInputLimit() { input_end = Clock::time_point::max(); }
 
-  // FCGX_Accept_r, for this thread. -ENOMEM when there is no memory for a request: its connection
-  // is closed.
+  // Calls FCGX_Accept_r on this thread. Returns 0, or a negative errno: -ENOMEM if there is no
+  // memory for a request, whose connection is then closed.
   int AcceptRequest(FCGX_Request* request);
 
-  // With the results of the system's calls, errno included. The list of clients is libfcgi's: IPv4
-  // addresses with commas between them, null or empty for all.
+  // Results are those of the system calls, errno included. `clients` is libfcgi's list of allowed
+  // clients: IPv4 addresses separated by commas; null or empty allows all.
   int Accept(int listening, const char* clients);
   ssize_t Read(int descriptor, char* buffer, size_t room);
   ssize_t Write(int descriptor, const char* bytes, size_t length);
-  // Tells the client that nothing more comes, waits a moment for it to close, so that the last of
-  // the response is not lost to a reset, and closes.
+  // Shuts down the sending side and waits at most two seconds for the client to close before it
+  // closes the descriptor, because a reset would lose the end of the response.
   int Close(int descriptor);
 
  private:
@@ -67,9 +67,9 @@ class FastCGIConnection {
   FastCGIThreadManager* manager;
   int write_limit;
   Clock::time_point input_end = Clock::time_point::max();
-  sigset_t while_waiting;  // blocked in a wait for input: all that the thread blocks but SIGUSR2
+  sigset_t while_waiting;  // signals blocked in a wait for input: the thread's own but SIGUSR2
   FastCGIRecords records;
-  const unsigned char* next = nullptr;  // of what was read and has not passed
+  const unsigned char* next = nullptr;  // bytes received that have not passed yet
   const unsigned char* last = nullptr;
   unsigned char received[8192];
 };

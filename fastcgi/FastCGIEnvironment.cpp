@@ -16,7 +16,7 @@
 
 namespace {
 
-// The home directory of a user; false for a name that the system does not know.
+// The home directory of a user. Returns false if the system does not know the name.
 bool HomeDirectory(const char* user, String* home) {
   long room = sysconf(_SC_GETPW_R_SIZE_MAX);
   std::vector<char> buffer(static_cast<size_t>(room > 0 ? room : 1024));
@@ -75,8 +75,9 @@ bool FastCGIApplication::GetScriptInformation(File** file, String& path) {
   return OpenScript(file, path);
 }
 
-// The directory in which the script is looked for: dir_zeph, or a user's own for a path that begins
-// with "~name/". *path is moved behind the name then. A "~" path without a further "/" has no root.
+// The directory that the script is looked up in: dir_zeph, or a user's own directory if the path
+// begins with "~name/"; *path then points to the text after that. A "~" path without a "/" has no
+// root.
 bool FastCGIApplication::ScriptRoot(const char** path, String* root, bool* has_root) {
   *has_root = true;
   if ((*path)[0] != '~' || (*path)[1] == '\0') {
@@ -102,10 +103,11 @@ bool FastCGIApplication::ScriptRoot(const char** path, String* root, bool* has_r
   return true;
 }
 
-// Opens what the path names; in a directory, its default file, and so on.
+// Opens the file that the path names. In a directory that is its default file, which may be a
+// directory again.
 bool FastCGIApplication::OpenScript(File** file, String& path) {
   for (;;) {
-    // No path at all is the script directory itself.
+    // An empty path means the script directory itself.
     const char* name = path.length > 0 ? path.data : ".";
     std::unique_ptr<File> opened(file_manager->Open(ZephPath_Script, name, FileMode_Read));
     if (!opened) return ExecuteError(path, file_manager->error(), true);
@@ -119,7 +121,7 @@ bool FastCGIApplication::OpenScript(File** file, String& path) {
     if (path.length == 0 || path.data[path.length - 1] != '/') path.cat('/');
     const char* default_file = configuration->value_string(Config_default_file);
     if (default_file) path.cat(default_file, -1);
-    // A default file that names the directory itself, or nothing, would be followed for ever.
+    // A default file that is empty or names the directory itself would be followed without end.
     if (path.length >= PATH_MAX || path.length == before) {
       errno = path.length == before ? EISDIR : ENAMETOOLONG;
       return ExecuteError(path, lasterror(), true);

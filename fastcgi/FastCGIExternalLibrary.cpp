@@ -1,3 +1,6 @@
+// The look-up of a library, under a lock.
+// Tested in tests/fastcgi/FastCGIExternalLibraryTest.cpp.
+
 #include "fastcgi/FastCGIExternalLibrary.h"
 
 ExternalLibrary* FastCGIExternalLibraryManager::Lookup(const char* path) {

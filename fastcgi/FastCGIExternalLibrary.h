@@ -7,11 +7,11 @@
 
 #include <mutex>
 
-// Made by main before the first thread, and outlives them all. Any thread may call it.
+// Made by main before the first thread; outlives all threads. Any thread may call it.
 class FastCGIExternalLibraryManager : public UNIXExternalLibraryManager {
  public:
-  // Under the lock, also while a file is loaded: two requests that want the same file at once load
-  // it once.
+  // The lock is held while a file is loaded, so that two requests that need the same file at once
+  // load it only once.
   [[nodiscard]] ExternalLibrary* Lookup(const char* path) override;
 
  private:

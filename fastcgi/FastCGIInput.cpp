@@ -1,4 +1,4 @@
-// The body of a request, from the web server into the variables of the script.
+// The body of a request, read into the variables of the script.
 
 #include <fcgiapp.h>
 
@@ -28,7 +28,8 @@ bool BeginsWith(const char* text, const char* prefix) {
 
 }  // namespace
 
-// What reads a body of that type; null when it is refused, with the message sent.
+// The parser for a body of that type. Returns null if the body is refused; the message is then
+// sent.
 std::unique_ptr<HTTPContentParser> FastCGIApplication::ContentHandler(const char* type,
                                                                       int length) {
   const int most_fields = configuration->value_integer(Config_max_post_vars);
@@ -51,7 +52,7 @@ std::unique_ptr<HTTPContentParser> FastCGIApplication::ContentHandler(const char
   return std::make_unique<UnknownContentHandler>(tables.system_variables, length);
 }
 
-// Feeds the handler with what comes, up to the length that was announced. Less is no failure.
+// Passes the body to the handler, up to the announced length. A shorter body is no failure.
 bool FastCGIApplication::ReadInput(HTTPContentParser* handler, int length) {
   char block[kBlockSize];
   const RunLimit limit(posttimedoutflag());
@@ -59,8 +60,8 @@ bool FastCGIApplication::ReadInput(HTTPContentParser* handler, int length) {
     const int count = FCGX_GetStr(block, std::min(length, kBlockSize), request->in);
     if (count <= 0) break;
     length -= count;
-    // A client that sends nothing is not noticed before it sends again: the read waits for it, but
-    // for the end of the process.
+    // The time limit is checked only after a block has come: the read before it waits for the
+    // client as long as it takes, or until the process shuts down.
     if (posttimedout()) {
       Error("Timeout processing POST data");
       return false;

@@ -1,4 +1,4 @@
-// Header fields and body bytes on their way to libfcgi.
+// Writes header fields and body bytes to libfcgi.
 
 #include "fastcgi/FastCGIOutput.h"
 
@@ -30,7 +30,7 @@ void FastCGIOutput::OutputHeaders() {
 
 int FastCGIOutput::DoWrite(const char* text, int length) {
   int written = FCGX_PutStr(text, length, request->out);
-  // An earlier failure of the stream shows in its error alone.
+  // After an earlier failure, FCGX_PutStr may succeed; only the stream's error shows it.
   if (written >= 0 && FCGX_GetError(request->out) != 0) written = -1;
   if (written < 0) application->Cancelled();
   return written;

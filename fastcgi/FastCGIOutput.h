@@ -8,14 +8,14 @@
 class FastCGIApplication;
 struct FCGX_Request;
 
-// Hands bytes to libfcgi, which sends them when its own buffer is full or the request is finished.
+// Passes bytes to libfcgi, which sends them when its own buffer is full or the request is finished.
 class FastCGIOutput : public HTTPOutput {
  public:
   // Both are borrowed.
   FastCGIOutput(FastCGIApplication* application, FCGX_Request* request);
 
   void OutputHeaders() override;
-  // A client that is gone cancels the script.
+  // A failed write, as after a client has left, cancels the script.
   int DoWrite(const char* text, int length) override;
 
  private:

@@ -1,5 +1,5 @@
-// Tested in tests/fastcgi/FastCGIRecordsTest.cpp, and with the engine in
-// tests/e2e/HostilePeerTest.cpp.
+// Which records of a peer reach libfcgi.
+// Tested in tests/fastcgi/FastCGIRecordsTest.cpp and tests/e2e/HostilePeerTest.cpp.
 
 #include "fastcgi/FastCGIRecords.h"
 
@@ -34,7 +34,7 @@ bool FastCGIPairs::Add(const unsigned char* bytes, int length) {
   return true;
 }
 
-// A length is one byte below 128, or four bytes whose first bit is set.
+// A length is one byte below 128, or four bytes whose first bit is 1.
 bool FastCGIPairs::AddLength(unsigned char byte) {
   if (bytes_left < 0) {
     bytes_left = (byte & 0x80) ? 3 : 0;
@@ -49,7 +49,7 @@ bool FastCGIPairs::AddLength(unsigned char byte) {
   return field == 1 || AddPair();
 }
 
-// Either length has 31 bits, so that the sum fits.
+// Each length has 31 bits at most, so their sum fits.
 bool FastCGIPairs::AddPair() {
   skip = lengths[0] + lengths[1];
   if (skip > largest_pair || skip + FastCGIRecords::kPairCost > left) return false;
@@ -107,7 +107,7 @@ bool FastCGIRecords::TakeHeader(const unsigned char** from, const unsigned char*
   return true;
 }
 
-// The room has a byte for the padding of a question.
+// One byte of the room stays free for the padding of a query.
 bool FastCGIRecords::TakeContent(const unsigned char** from, const unsigned char* end,
                                  unsigned char* to, int* passed, int room) {
   int count = std::min(static_cast<int>(end - *from), content_left);
@@ -124,8 +124,8 @@ bool FastCGIRecords::TakeContent(const unsigned char** from, const unsigned char
   return true;
 }
 
-// With a whole header in hand: what becomes of the record. The header that passes announces what
-// passes.
+// Decides about a record once its header is complete. The header is changed so that it announces
+// only the bytes that pass.
 bool FastCGIRecords::BeginRecord() {
   if (header[0] != FCGI_VERSION_1) return false;
   const int type = header[1];
@@ -138,7 +138,7 @@ bool FastCGIRecords::BeginRecord() {
   if (type == FCGI_BEGIN_REQUEST) return BeginRequest(id);
   if (id == FCGI_NULL_REQUEST_ID) return BeginManagementRecord();
   if (phase != Phase::BetweenRequests && id == request_id) return BeginStreamRecord(type);
-  // Of a request that is over, or that was never taken.
+  // The record belongs to a request that has ended or was never accepted.
   header_passes = false;
   content = Content::Drop;
   return true;
@@ -146,7 +146,7 @@ bool FastCGIRecords::BeginRecord() {
 
 bool FastCGIRecords::BeginManagementRecord() {
   if (header[1] == FCGI_GET_VALUES) {
-    // Three answers of the longest kind fit into libfcgi's buffer.
+    // Three of the longest replies fit into libfcgi's buffer.
     question.Start(FCGI_MAX_LENGTH, 2 * FCGI_MAX_LENGTH, 3);
     content = Content::Question;
     header[6] = 1;
@@ -157,7 +157,7 @@ bool FastCGIRecords::BeginManagementRecord() {
   return true;
 }
 
-// libfcgi refuses another request on a connection that has one; the one that it has goes on.
+// While a connection has a request, libfcgi refuses another one; the first goes on.
 bool FastCGIRecords::BeginRequest(int id) {
   if (id == FCGI_NULL_REQUEST_ID || content_left != sizeof(FCGI_BeginRequestBody)) return false;
   if (phase != Phase::BetweenRequests) return true;
@@ -167,7 +167,8 @@ bool FastCGIRecords::BeginRequest(int id) {
   return true;
 }
 
-// An abort ends the request for libfcgi as any record does that is out of place.
+// Returns false for a record that is out of place. An abort is one of them, because libfcgi gives
+// up the request at either.
 bool FastCGIRecords::BeginStreamRecord(int type) {
   if (type != (phase == Phase::Parameters ? FCGI_PARAMS : FCGI_STDIN)) return false;
   if (phase == Phase::Parameters) content = Content::Parameters;

@@ -1,65 +1,66 @@
-// The gate between a connection and libfcgi: what a peer sends passes it record by record, and
-// libfcgi sees only what it reads without harm.
+// The filter between a connection and libfcgi. The peer's bytes pass it record by record, and
+// libfcgi sees only records that it can read without harm.
 //
-// libfcgi trusts its peer in places where a process that serves others must not. It allocates what
-// a parameter announces before a byte of it has come, and asserts that there is that much; it
-// writes the answer to a question for its limits into 64 bytes, however often the question is
-// repeated, and does not answer before it has a byte after the question; and it loses its place
-// after padding at the end of a stream, after an empty record of another request, and after the
-// content of a management record that it does not know.
+// libfcgi trusts its peer too much for a process that serves others as well:
+// 1. It allocates the announced length of a parameter before a byte of it has come, and asserts
+//    that the allocation succeeds.
+// 2. It writes its reply to a query for its limits into 64 bytes, however often a name is repeated,
+//    and sends the reply only after it has read a byte past the query.
+// 3. It loses its place in the stream after padding at the end of a stream, after an empty record
+//    of another request, and after the content of a management record of unknown type.
 
 #ifndef ZEPH_FASTCGI_FASTCGIRECORDS_H
 #define ZEPH_FASTCGI_FASTCGIRECORDS_H
 
-// The lengths of name-value pairs, in a stream of bytes that may be cut anywhere.
+// Checks the lengths of name-value pairs in a stream of bytes that may be cut anywhere.
 class FastCGIPairs {
  public:
-  // Forgets everything. A pair may announce no more bytes than largest; all pairs together, each
-  // with what it costs to keep, no more than total; and there may be no more than most_long pairs
-  // whose names have kLongName bytes or more.
+  // Resets the object. A pair may announce at most `largest` bytes. All pairs together, each with
+  // kPairCost, may announce at most `total`. At most `most_long` pairs may have a name of kLongName
+  // bytes or more.
   void Start(int largest, int total, int most_long);
-  // Whether the limits hold with these bytes as well.
+  // Adds the next bytes of the stream. Returns false if a limit is exceeded.
   [[nodiscard]] bool Add(const unsigned char* bytes, int length);
 
-  // The shortest name of a limit that libfcgi tells when it is asked.
+  // The shortest name of a limit that libfcgi reports when it is queried.
   static constexpr unsigned kLongName = 13;
 
  private:
   bool AddLength(unsigned char byte);
   bool AddPair();
 
-  unsigned lengths[2];  // of the name and the value, as far as they are known
-  int field;            // which of them comes
-  int bytes_left;       // that the length in hand still lacks; -1 before its first byte
+  unsigned lengths[2];  // of the name and the value, as far as they have come
+  int field;            // which of them comes next
+  int bytes_left;       // still missing from the current length; -1 before its first byte
   unsigned skip;        // bytes of the pair's texts that are still to come
   unsigned largest_pair;
   unsigned left;  // of the total
   int long_names_left;
 };
 
-// One connection. Records pass without their padding, but a question for limits with a byte of it;
-// records of other requests and the contents of unknown management records are dropped. At the end
-// of a request's input it stops, so that what a peer has sent ahead is there when libfcgi begins to
-// read the next request.
+// The records of one connection. They pass without their padding, except that a query for limits
+// gets one byte of it. Records of other requests and the contents of unknown management records are
+// dropped. Pass stops at the end of a request's input, so that the bytes that a peer has sent ahead
+// are still there when libfcgi begins to read the next request.
 class FastCGIRecords {
  public:
-  // What the parameters of a request may announce together, with kPairCost for each.
+  // The bytes that the parameters of a request may announce together, kPairCost for each included.
   static constexpr int kMostParameterBytes = 32 << 20;
-  // What libfcgi needs beside the texts of a parameter, rounded up.
+  // The bytes that libfcgi needs for a parameter in addition to its texts, rounded up.
   static constexpr int kPairCost = 64;
-  // Room that Pass needs at least.
+  // The least room that Pass may be called with.
   static constexpr int kLeastRoom = 9;
 
-  // A new connection.
+  // Resets the object for a new connection.
   void Start();
 
-  // Takes bytes from *from on, at most up to end, and moves *from after what was taken. What passes
-  // is written to `to`, which has room for that many bytes, at least kLeastRoom. Returns the count
-  // that has passed, which may be 0; -1 when the connection has to be given up, for good, and what
-  // came before has passed.
+  // Takes bytes from *from up to `end` and moves *from past those it has taken. Writes the bytes
+  // that pass to `to`, which has room for `room` bytes. Returns how many have passed, which may be
+  // 0, or -1 if the connection has to be given up; every later call then returns -1 too. Bytes
+  // before the fault pass first. REQUIRES: room >= kLeastRoom.
   [[nodiscard]] int Pass(const unsigned char** from, const unsigned char* end, unsigned char* to,
                          int room);
-  // Whether the next Pass returns -1.
+  // Whether the peer has broken the protocol or exceeded a limit: the next Pass then returns -1.
   bool Refused() const { return refused; }
 
  private:

@@ -1,4 +1,5 @@
-// Accept, answer, finish, again.
+// The loop of a request thread: accept a request, run it, finish it.
+// Tested in tests/e2e/ConnectionTest.cpp and tests/e2e/HostilePeerTest.cpp.
 
 #include "fastcgi/FastCGIRequestThread.h"
 
@@ -17,7 +18,7 @@
 
 namespace {
 
-// What accept gets when the process or the machine is short of something for a moment.
+// Whether an error of accept means a shortage that passes.
 bool IsPassing(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM ||
          error == ECONNABORTED;
@@ -27,10 +28,10 @@ const std::chrono::milliseconds kShortage(100);
 const int kDrained = 1 << 20;
 const std::chrono::seconds kDrainTime(2);
 
-// libfcgi takes its blocks for a request without a look whether it has got them. What it takes is
-// given back to the store of the thread when the request ends, and found there for the next one; so
-// it is enough that the store has something of all sizes to begin with, and after a run that has
-// used up the memory. False when there is none now.
+// Allocates and frees blocks of the sizes that libfcgi uses for a request, because libfcgi does not
+// check its allocations. The blocks stay in the thread's own store: a request takes them from there
+// and returns them at its end. So they are needed only before the first request, and after a run
+// that has used up the memory. Returns false if there is not enough memory.
 bool KeepBlocks() {
   static const struct {
     size_t size;
@@ -49,10 +50,10 @@ bool KeepBlocks() {
   return true;
 }
 
-// What the script has not read of the request's input, and at least the record that ends it, would
-// be met where the next request is to begin. A connection with much of it left, or on which it does
-// not come, is given up: to open another one is cheaper than to wait. libfcgi closes a connection
-// whose input has failed.
+// Reads the rest of the request's input, at least the record that ends it, because the next request
+// begins after it. A connection with much input left, or on which it does not come in time, is
+// given up: a new connection costs less than the wait. libfcgi closes a connection whose input has
+// failed.
 void DrainInput(FCGX_Request* request, FastCGIConnection* connection) {
   if (!request->keepConnection) return;
   connection->LimitInput(kDrainTime);
@@ -67,8 +68,8 @@ void DrainInput(FCGX_Request* request, FastCGIConnection* connection) {
   if (left <= 0) request->keepConnection = 0;
 }
 
-// The response goes out before the rest of the input is looked at: a client may wait for the one
-// before it sends the other.
+// Sends the response before the rest of the input is read: a client may wait for the response
+// before it sends that rest.
 void Finish(FCGX_Request* request, FastCGIConnection* connection) {
   const bool failed = FCGX_FClose(request->err) != 0 || FCGX_FClose(request->out) != 0;
   if (failed) {
@@ -79,14 +80,14 @@ void Finish(FCGX_Request* request, FastCGIConnection* connection) {
   FCGX_Finish_r(request);
 }
 
-// Whether all parameters have come. libfcgi takes a connection that fails between two of them for
-// the end of them, and only its input stream tells.
+// Whether all parameters have come. If a connection fails between two of them, libfcgi ends the
+// list there without an error; only its input stream shows the failure.
 bool IsWhole(const FCGX_Request& request) {
   return FCGX_GetError(request.in) == 0;
 }
 
-// Runs one request. Memory that a hostile length asked for and that is not to be had ends the
-// request, not the process.
+// Runs one request. If a hostile length needs more memory than there is, the request ends and
+// not the process.
 void Answer(FastCGITaskThread* thread, _FastCGIMainArgs* arguments, FastCGIThreadManager* manager,
             FCGX_Request* request) {
   const ThreadMemory::Run run;
@@ -94,13 +95,14 @@ void Answer(FastCGITaskThread* thread, _FastCGIMainArgs* arguments, FastCGIThrea
     FastCGIApplication application(arguments->argument_count, arguments->arguments,
                                    arguments->copied_argument_count, arguments->copied_arguments,
                                    manager, arguments->library_manager, request);
-    // Declared behind the application, so that the thread forgets it first, however it ends.
+    // Declared after the application, so that the thread forgets the application before it is
+    // deleted, also after an exception.
     CurrentApplication current(thread, &application);
     application.Go(thread);
   } catch (const std::bad_alloc&) {
     ThreadMemory::Exhausted("request", 7);
   }
-  // Values that the script tied into circles are held by nobody now.
+  // Values that refer to each other in a circle have no other holder now.
   Variable::FreeCycles();
 }
 

@@ -3,8 +3,8 @@
 #ifndef ZEPH_FASTCGI_FASTCGIREQUESTTHREAD_H
 #define ZEPH_FASTCGI_FASTCGIREQUESTTHREAD_H
 
-// Accepts requests and answers them one after the other until the process shuts down or accept
-// fails for good. The argument is the FastCGIThread, whose own argument is the _FastCGIMainArgs.
+// Accepts requests and runs them one after the other until the process shuts down or accept fails
+// for good. The argument is the FastCGIThread, whose own argument is the _FastCGIMainArgs.
 void* FastCGIRequestThread(void* thread);
 
 #endif

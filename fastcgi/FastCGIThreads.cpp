@@ -1,10 +1,12 @@
-// Threads, heartbeat, signals and the way down.
+// Threads, heartbeat, signals and shutdown.
+// Tested in tests/fastcgi/FastCGIThreadsTest.cpp and tests/e2e/ShutdownTest.cpp.
 //
-// A signal sets a flag; the heartbeat sees it within five seconds and calls Shutdown; each request
-// thread ends its script, finishes its response and leaves; Run joins it. Peers that take longer
-// than two further beats are given up. When the last thread is gone the heartbeat is released. So
-// the process leaves within 20 seconds of the signal, whatever its peers do: a beat, two beats, and
-// what is left of them for a thread to notice and to be joined.
+// A shutdown takes at most 20 seconds from the signal, whatever the peers do:
+// 1. The signal handler sets a flag. The heartbeat sees it at its next beat, within five seconds,
+//    and calls Shutdown.
+// 2. Each request thread ends its script, finishes its response and leaves; Run joins it.
+// 3. Two beats later the remaining peers are given up, so that the last threads can leave.
+// 4. When the last thread has left, Run stops the heartbeat.
 
 #include "fastcgi/FastCGIThreads.h"
 
@@ -30,8 +32,9 @@ namespace {
 const std::chrono::seconds kBeat(5);
 const std::chrono::seconds kInterruptRetry(1);
 const int kBeatsForPeers = 2;
-// What a request holds before its script runs: the connection, three base directories, the script,
-// the log, and what a walk and a configuration library have open for a moment.
+// Descriptors that a request holds before its script runs: the connection, three base directories,
+// the script, the log, and those that a walk along a path and a configuration library open for a
+// moment.
 const int kDescriptorsPerRequest = 9;
 const int kThreadsInReserve = 1000;
 
@@ -51,7 +54,7 @@ sigset_t AcceptSignal() {
   return set;
 }
 
-// Whether one waits for the main thread that ends the process.
+// Whether a signal that ends the process is pending until the main thread handles it.
 bool ShutdownSignalIsPending() {
   sigset_t pending;
   sigpending(&pending);
@@ -61,8 +64,8 @@ bool ShutdownSignalIsPending() {
   return false;
 }
 
-// SIGUSR2 interrupts accept and waits for input, which have to return then; all other calls are
-// restarted.
+// SIGUSR2 has to interrupt accept and waits for input, so it does not restart system calls. All
+// other signals do.
 void InstallHandler(int signal) {
   struct sigaction action {};
   action.sa_handler = FastCGISignalHandler;
@@ -70,8 +73,8 @@ void InstallHandler(int signal) {
   sigaction(signal, &action, nullptr);
 }
 
-// Beats until it is released. A shutdown does not end it: a script that a thread began just then
-// has to be cancelled as well.
+// Beats until it is stopped. A shutdown does not end it, because a script that a thread starts at
+// that moment has to be cancelled as well.
 void* FastCGIHeartbeatThread(void* argument) {
   auto* thread = static_cast<FastCGIThread*>(argument);
   auto* manager = static_cast<FastCGIThreadManager*>(thread->argument());
@@ -216,8 +219,8 @@ int FastCGIThreadManager::StartAsynchronousThread(FastCGIAsynchronousApplication
 }
 
 int FastCGIThreadManager::StartTaskThread(FastCGIThread::StartRoutine routine, void* argument) {
-  // Held until the thread exists: the list must not be walked with a thread in it that has no
-  // handle yet.
+  // Held until the thread exists: the list must not be walked while it contains a thread without a
+  // handle.
   MutexGuard guard(manager_mutex);
   auto made = std::make_unique<FastCGITaskThread>(++last_number, this, routine, argument);
   threads.Insert(made.get(), ListTail);
@@ -263,7 +266,7 @@ void FastCGIThreadManager::WaitForExit() {
     return;
   }
   for (FastCGIThread* thread = threads.First(); thread; thread = threads.Next()) thread->Stop();
-  // The signal can fall between a thread's test and its accept, so it is sent again.
+  // The signal may come between a thread's check of the flag and its accept, so it is sent again.
   if (!condition.WaitUntil(manager_mutex, std::chrono::system_clock::now() + kInterruptRetry)) {
     InterruptWaits();
   }
@@ -278,7 +281,7 @@ void FastCGIThreadManager::InterruptWaits() {
 void FastCGIThreadManager::Shutdown() {
   MutexGuard guard(manager_mutex);
   shutdown.store(true, std::memory_order_relaxed);
-  // Before a wait for input ends: no script is to begin with the half of a body.
+  // Before the waits for input end, so that no script begins with half of a body.
   CancelAll();
   InterruptWaits();
   condition.Signal();

@@ -1,5 +1,5 @@
 // The threads of the process: a fixed pool of request threads, one thread for each background task,
-// and the heartbeat that gives all of them the time.
+// and the heartbeat thread, which passes the time to all of them.
 //
 // Lock order: the manager's mutex, then a thread's application mutex, then the application's own.
 
@@ -29,35 +29,36 @@ struct _FastCGIMainArgs {
   int thread_count;
 };
 
-// Set by the signal handler and looked at by the heartbeat and the request threads.
-extern std::atomic<char> FastCGICancelPending;    // SIGHUP: cancel the scripts that run
-extern std::atomic<char> FastCGIShutdownPending;  // any other: end the process in order
+// Set by the signal handler, read by the heartbeat and the request threads.
+extern std::atomic<char> FastCGICancelPending;    // SIGHUP: cancel running scripts
+extern std::atomic<char> FastCGIShutdownPending;  // any other signal: end the process in order
 
-// One thread. Made, joined and deleted by the manager.
+// One thread. The manager makes, joins and deletes it.
 class FastCGIThread {
  public:
   using StartRoutine = void* (*)(void*);
 
-  // The body is given the thread object; argument() is for the body.
+  // The body gets the thread object as its argument; argument() is for the body.
   FastCGIThread(unsigned number, FastCGIThreadManager* manager, StartRoutine routine,
                 void* argument);
   virtual ~FastCGIThread();
   FastCGIThread(const FastCGIThread&) = delete;
   FastCGIThread& operator=(const FastCGIThread&) = delete;
 
-  // Called by the heartbeat thread under the manager's mutex: the time, and the word that whatever
-  // runs here is to end. A plain thread does nothing.
+  // The heartbeat thread calls these under the manager's mutex: Heartbeat passes the time, in
+  // seconds since 1970; Cancelled ends the script that runs here. A plain thread does nothing.
   virtual void Heartbeat(long now);
   virtual void Cancelled();
 
-  // Answers what pthread_create answered, 0 for success. The stack has at least 8 MB.
+  // Starts the thread, with a stack of at least 8 MB. Returns the result of pthread_create, 0 on
+  // success.
   int Start();
-  // Tells the thread that it may leave when it is between requests. Any thread.
+  // Sets the stop flag: the thread leaves when it is between requests. Any thread may call it.
   void Stop();
   bool Stopped();
-  // Waits for Stop until the time; false when that came first.
+  // Waits for Stop, at most until that time. Returns whether Stop was called.
   bool WaitForStop(Condition::Time until);
-  // The thread's last act: the manager joins and deletes it.
+  // The last call of the thread's body. The manager then joins and deletes the thread.
   void Exit();
 
   unsigned number() const { return thread_number; }
@@ -74,13 +75,13 @@ class FastCGIThread {
   Mutex stop_mutex;
   Condition stop_condition;
   bool stop GUARDED_BY(stop_mutex) = false;
-  bool exited = false;  // the manager's, under its mutex
+  bool exited = false;  // guarded by the manager's mutex
 
   friend class FastCGIThreadManager;
 };
 
-// A thread that runs scripts. Its application comes and goes under the application mutex, so that
-// the heartbeat never meets one that is being destroyed.
+// A thread that runs scripts. Its application is set and cleared under the application mutex, so
+// that the heartbeat never uses one that is being destroyed.
 class FastCGITaskThread : public FastCGIThread {
  public:
   using FastCGIThread::FastCGIThread;
@@ -109,7 +110,8 @@ class CurrentApplication {
   FastCGITaskThread* thread;
 };
 
-// Starts threads, beats, and takes them down. One per process, on the stack of main.
+// Starts the threads, passes heartbeats to them and ends them. One per process, on the stack of
+// main.
 class FastCGIThreadManager {
  public:
   FastCGIThreadManager();
@@ -117,38 +119,39 @@ class FastCGIThreadManager {
   FastCGIThreadManager(const FastCGIThreadManager&) = delete;
   FastCGIThreadManager& operator=(const FastCGIThreadManager&) = delete;
 
-  // Blocks in the calling thread, and so in all that it starts, the signals that only the main
-  // thread is to see. Called before any other thread exists.
+  // Blocks the signals that only the main thread handles, in the calling thread and in all threads
+  // that it starts. REQUIRES: no other thread exists.
   static void BlockSignals();
 
-  // Starts the heartbeat, before any thread that depends on it. Returns what pthread_create
-  // returned, 0 for success.
+  // Starts the heartbeat thread, on which all others depend. Returns the result of pthread_create,
+  // 0 on success.
   int StartHeartbeat();
-  // Returns what pthread_create returned; a thread that could not be made is forgotten.
+  // Returns the result of pthread_create. A thread that could not be started is removed from the
+  // list.
   int StartRequestThread(_FastCGIMainArgs* arguments);
-  // Starts as many as the arguments say, or as the system gives: when one cannot be made it says so
-  // on standard error and starts no further one. A signal of shutdown ends the start as well; it
-  // stays pending until Run. Returns how many there are.
+  // Starts as many threads as the arguments say. If one cannot be started, a message goes to
+  // standard error and no further one is tried. A pending signal of shutdown also ends the start;
+  // it stays pending until Run. Returns how many were started.
   int StartRequestThreads(_FastCGIMainArgs* arguments);
-  // Takes the task over; without a thread it is deleted. The thread blocks the signals that the
-  // calling one blocks.
+  // Takes ownership of the task, and deletes it if the thread cannot be started. The thread blocks
+  // the signals that the calling thread blocks. Returns the result of pthread_create, 0 on success.
   int StartAsynchronousThread(FastCGIAsynchronousApplication* task);
 
-  // How many descriptors scripts have to leave to the requests of all threads. Known before the
-  // first thread starts.
+  // How many descriptors scripts must leave for the requests of all threads. Set before the first
+  // thread starts.
   int DescriptorReserve() const { return descriptor_reserve; }
 
-  // The body of the main thread: handles signals from here on and returns when no task thread is
-  // left. REQUIRES: a heartbeat.
+  // The body of the main thread. Handles signals from here on and returns when no task thread is
+  // left. REQUIRES: the heartbeat thread was started.
   void Run();
-  // Sets the shutdown flag, cancels what runs, and shakes the threads out of accept and out of
-  // waits for input.
+  // Sets the shutdown flag, cancels running scripts, and interrupts accept and waits for input in
+  // all threads.
   void Shutdown();
   bool ShuttingDown() const { return shutdown.load(std::memory_order_relaxed); }
-  // Two beats after that: whatever a peer has not taken by then it does not get.
+  // Called two beats after Shutdown: from then on nothing more is sent to peers.
   void GiveUpPeers() { peers_given_up.store(true, std::memory_order_relaxed); }
   bool PeersAreGivenUp() const { return peers_given_up.load(std::memory_order_relaxed); }
-  // Passed on to every thread.
+  // Both are passed to every thread.
   void Cancelled();
   void Heartbeat(long now);
   void ThreadExited(FastCGIThread* thread);
@@ -170,9 +173,9 @@ class FastCGIThreadManager {
   int descriptor_reserve = 0;
 };
 
-// Lets the calling thread be interrupted by Shutdown for a scope: around accept. A wait for input
-// lets the same signal through by itself; a write inside a response that is interrupted would cut
-// the page short.
+// Lets Shutdown interrupt the calling thread for a scope: around accept. A wait for input unblocks
+// the same signal by itself. It stays blocked everywhere else, because an interrupted write would
+// cut a response short.
 class AcceptInterruptible {
  public:
   AcceptInterruptible();
@@ -181,7 +184,7 @@ class AcceptInterruptible {
   AcceptInterruptible& operator=(const AcceptInterruptible&) = delete;
 };
 
-// The handler of all signals: sets a flag.
+// The handler of all signals. It sets a flag.
 void FastCGISignalHandler(int signal);
 
 #endif

@@ -1,5 +1,5 @@
-// What a script finds of its request: the web server's parameters, the arguments, the fields of the
-// query string, its own address.
+// The variables that a script gets from its request: the web server's parameters, the arguments,
+// the fields of the query string, and the page's address.
 
 #include <fcgiapp.h>
 #include <netdb.h>
@@ -32,7 +32,7 @@ bool IsIPv6Address(const char* host) {
   return true;
 }
 
-// Appends a number behind a text.
+// Appends a number to the text.
 void AppendNumber(String* text, int number) {
   char digits[12];
   const auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;
@@ -55,7 +55,7 @@ void FastCGIApplication::AddEnvironmentVariables() {
   (void)system.release();
 }
 
-// Stores the argument behind those that there are.
+// Stores the next argument, arg1, arg2 and so on.
 void FastCGIApplication::AddArgument(const char* text, int length, int* count) {
   ++*count;
   String name("arg", 3);
@@ -67,7 +67,7 @@ void FastCGIApplication::AddArgument(const char* text, int length, int* count) {
 void FastCGIApplication::AddQueryArguments() {
   int count = 0;
   if (path_info) AddArgument(path_info, -1, &count);
-  // What decodes to nothing takes no number.
+  // A piece that decodes to an empty text gets no number.
   const auto add_decoded = [&](const char* text, int length) {
     int decoded_length, size;
     char* decoded = DecodeAttribute(text, length, &decoded_length, &size);
@@ -87,7 +87,8 @@ void FastCGIApplication::AddQueryArguments() {
   request_variables->AddNumber("nargs", count);
 }
 
-// With a path all of the query string are fields, without one what stands behind the script's name.
+// With a path the whole query string consists of fields; without one the fields follow the script's
+// name and a "+".
 bool FastCGIApplication::AddQueryVariables() {
   if (!query_string) return true;
   const char* fields = query_string;
@@ -96,7 +97,7 @@ bool FastCGIApplication::AddQueryVariables() {
     if (!fields) return true;
     fields++;
   }
-  // Fields are fields: these have the time that those of a body have, which comes after them.
+  // These fields have the same time limit as those of a body. The limit starts again for the body.
   ResetPOSTTimeout();
   const RunLimit limit(posttimedoutflag());
   URLEncodedParser parser(tables.global_variables, 0);
@@ -122,8 +123,8 @@ void FastCGIApplication::AddAPIVariables() {
   if (Parameter("SERVER_NAME")) AddDocumentURL();
 }
 
-// The address of this page, up to where a script may append fields: the "?" or "+" at its end is
-// there on purpose. Any HTTPS parameter says https, as servers set it to "on" or leave it out.
+// The address of this page, up to the place where a script may append fields, so it ends with "?"
+// or "+". Any HTTPS parameter means https, because servers either set it to "on" or leave it out.
 void FastCGIApplication::AddDocumentURL() {
   const bool secure = Parameter("HTTPS") != nullptr;
   const int default_port = secure ? 443 : 80;

@@ -1,4 +1,5 @@
-// Tested in tests/fastcgi/RequestVariablesTest.cpp.
+// The system variables of a request, made when they are looked up. Tested in
+// tests/fastcgi/RequestVariablesTest.cpp.
 
 #include "fastcgi/RequestVariables.h"
 
@@ -12,7 +13,7 @@
 
 namespace {
 
-// What a process inherits without its being about the request.
+// Variables that a process inherits and that are not about the request.
 bool IsPrivate(const char* name, int length) {
   static const char* const names[] = {"termcap", "logname", "mail", "path"};
   if (length < 4 || length > 7) return false;

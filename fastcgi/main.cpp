@@ -1,4 +1,4 @@
-// Entry of the process: arguments, threads, and the wait for their end.
+// Entry of the engine: arguments, threads, and the wait for their end.
 
 #include <fcgiapp.h>
 #include <fcntl.h>
@@ -17,14 +17,15 @@ namespace {
 
 const int kListeningSocket = 0;
 
-// Request threads wait in accept; on a socket that does not block they would all leave at once.
+// Request threads wait in accept. On a non-blocking socket accept would fail and all threads would
+// leave at once.
 void MakeBlocking(int descriptor) {
   int flags = fcntl(descriptor, F_GETFL);
   if (flags >= 0 && (flags & O_NONBLOCK)) fcntl(descriptor, F_SETFL, flags & ~O_NONBLOCK);
 }
 
-// Without a socket to accept from every thread leaves at once, and the process with them: what is
-// wrong would show nowhere.
+// Without a listening socket every thread, and so the process, leaves at once; this message is the
+// only sign of the reason.
 void CheckListening(int descriptor) {
   int listening = 0;
   socklen_t length = sizeof listening;
@@ -35,8 +36,8 @@ void CheckListening(int descriptor) {
   if (!listening) fprintf(stderr, "zeph-fcgi: descriptor 0 is no listening socket: %s\n", problem);
 }
 
-// Runs until the process is told to stop. Without a heartbeat no script would have a limit of time,
-// and no signal an effect, so nothing is served.
+// Runs until a signal ends the process. Without a heartbeat no script would have a time limit and
+// no signal an effect, so nothing is served.
 void Serve(FastCGIThreadManager* threads, _FastCGIMainArgs* arguments) {
   if (const int error = threads->StartHeartbeat()) {
     fprintf(stderr, "zeph-fcgi: no heartbeat thread: %s\n", strerror(error));
@@ -59,7 +60,8 @@ int main(int argc, char** argv) {
   arguments.thread_count = 10;
   Process_CommandLine_Args(&arguments);
   tzset();
-  // Before libfcgi has handlers of its own, which would swallow a signal to end.
+  // Before FCGX_Init, because libfcgi installs handlers of its own, which would swallow a signal of
+  // shutdown.
   FastCGIThreadManager::BlockSignals();
   FCGX_Init();
   CheckListening(kListeningSocket);

@@ -1,5 +1,5 @@
-// Mutations of compiled files that leave most of a file whole. Plain mutations nearly always break
-// the header or the directory, and the readers behind them are never reached.
+// Mutations of compiled files that keep most of a file valid. Plain mutations nearly always break
+// the header or the directory, so that the readers after them are never reached.
 
 #ifndef ZEPH_FUZZ_COMPILEDFILEMUTATOR_H
 #define ZEPH_FUZZ_COMPILEDFILEMUTATOR_H
@@ -19,13 +19,13 @@ extern "C" size_t LLVMFuzzerMutate(uint8_t* data, size_t size, size_t max_size);
 
 class CompiledFileMutator {
  public:
-  // Changes the file in place and answers its new size, as libFuzzer's custom mutator does.
+  // Changes the file in place and returns its new size, as libFuzzer's custom mutator does.
   static size_t Mutate(uint8_t* data, size_t size, size_t max_size, unsigned seed) {
     std::minstd_rand random(seed);
     std::string file(reinterpret_cast<char*>(data), size);
     std::vector<CompiledFileBytes::SectionBytes> sections;
     if (!Parse(file, &sections)) {
-      // No compiled file (any more): begin anew with a good one, or leave it to chance.
+      // Not a compiled file: mostly replaced by a valid one, sometimes left as it is.
       if (random() % 4 != 0) file = CompiledFileBytes::Container(CompiledFileBytes::SmallScript());
     } else if (random() % 8 == 0) {
       return LLVMFuzzerMutate(data, size, max_size);
@@ -41,7 +41,7 @@ class CompiledFileMutator {
     return file.size();
   }
 
-  // The sections of a file whose directory is in order; false for any other.
+  // The sections of a file with a valid directory; returns false for any other file.
   static bool Parse(const std::string& file,
                     std::vector<CompiledFileBytes::SectionBytes>* sections) {
     const auto* bytes = reinterpret_cast<const unsigned char*>(file.data());
@@ -60,7 +60,7 @@ class CompiledFileMutator {
   }
 
  private:
-  // Writes a number that readers may stumble over, in 1, 2 or 4 bytes.
+  // Writes a number that readers may handle wrongly, in 1, 2 or 4 bytes.
   static void ChangeNumber(std::string* bytes, std::minstd_rand& random) {
     static const uint32_t numbers[] = {
         0,          1,          2,          7,          12,         16,         17,

@@ -1,5 +1,5 @@
-// A whole compiled file through the sections that a request reads, and whatever loads is used as a
-// machine would use it.
+// A whole compiled file through the readers of the sections that a request loads. Everything that
+// loads is then used as a machine would use it.
 
 #include "fuzz/CompiledFileMutator.h"
 #include "tests/support/FaultyFile.h"
@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   bool loaded = script.Load("s", file, &failed);
   if (failed == std::string("open")) delete file;
   script.file.Deactivate();
-  // What broke off half-way must still be safe to look at by name.
+  // Sections that were read in part must still be safe to look up by name.
   script.functions.Function_Get("area", -1);
   script.globals.Seek(-1, "user", 4, nullptr);
   script.languages.Get_Language_Entry("de", 2);
@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (!loaded) return 0;
 
   script.UseEverything(&application);
-  // Expressions compiled at run time add to what a file brought.
+  // Expressions that are compiled at run time add entries to those of the file.
   script.functions.Function_Add(0, 0, "added", 5, "a, b var", 8, 0);
   script.functions.Function_Add("area", -1, 0);
   script.globals.Insert("added", 5);

@@ -1,5 +1,5 @@
-// Expressions as a script may build them of what a client has sent. Whatever the text is, either
-// there is a message, or the code is of whole instructions, and running it comes to an end.
+// Expressions that a script may build from a client's input. For any text there is either a
+// message, or code of whole instructions that ends when it is run.
 
 #include <cstdint>
 #include <cstdio>

@@ -1,4 +1,4 @@
-// The boundary that the type of a body names, against another reader of the same rules.
+// The boundary in the content type of a body, compared with a second reader of the same rules.
 
 #include <cstring>
 #include <string_view>
@@ -9,7 +9,7 @@
 
 namespace {
 
-// The value, and whether there is one.
+// The value of the boundary, and whether there is one.
 class Model {
  public:
   explicit Model(std::string_view text) : rest(text) { Read(); }
@@ -70,7 +70,7 @@ class Parser : public MultipartFormParser {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  // A header field has no NUL: what stands behind one is not there.
+  // A header field ends at its first NUL.
   const std::string text(reinterpret_cast<const char*>(data),
                          strnlen(reinterpret_cast<const char*>(data), size));
   const std::unique_ptr<char[]> exact(new char[text.size() + 1]);
@@ -81,7 +81,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Parser parser(&table, exact.get());
   Require(parser.Learns() == !model.found);
   Require(parser.Boundary() == (model.found ? "\r\n--" + model.value : "\r\n"));
-  // A field between two such boundaries is read, unless the boundary holds what ends lines.
+  // A field between two such boundaries is read, unless the boundary contains a byte that ends
+  // lines or "-".
   if (model.value.find_first_of("\r\n-") != std::string::npos) return 0;
   const std::string body = "--" + model.value +
                            "\r\nContent-Disposition: form-data; name=\"a\"\r\n\r\n1\r\n--" +

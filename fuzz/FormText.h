@@ -1,4 +1,4 @@
-// What the form fuzzers share: bodies cut into blocks by the input itself, and tables as text.
+// Shared by the form fuzzers: bodies cut into blocks by the input itself, and tables as text.
 
 #ifndef ZEPH_FUZZ_FORMTEXT_H
 #define ZEPH_FUZZ_FORMTEXT_H
@@ -18,7 +18,7 @@ inline void Require(bool condition) {
   if (!condition) abort();
 }
 
-// A text of the variables, in the order in which they were made.
+// The variables as text, in the order in which they were made.
 inline std::string Contents(VariableHash& table) {
   std::string text;
   for (int i = 0; i < table.Entries(); i++) {
@@ -33,15 +33,16 @@ inline std::string Contents(VariableHash& table) {
   return text;
 }
 
-// A seed that depends on all of the input.
+// A seed that depends on every byte of the input.
 inline unsigned SeedOf(const uint8_t* data, size_t size) {
   unsigned seed = static_cast<unsigned>(size);
   for (size_t i = 0; i < size; i++) seed = seed * 31 + data[i];
   return seed;
 }
 
-// Feeds a body in blocks of at most that many bytes, each of random length and with memory of its
-// own. Answers the error's text behind "!", and the empty text behind a success.
+// Passes a body to the parser in blocks of at most `most` bytes, each of random length and in
+// memory of its own, so that a read past its end is found. Returns "!" and the error's text if a
+// block fails, else the empty text.
 inline std::string Feed(HTTPContentParser& parser, const std::string& body, size_t most,
                         unsigned seed) {
   std::minstd_rand random(seed);

@@ -1,5 +1,5 @@
-// Delimited text files: whatever they hold and however they are cut into blocks, records and fields
-// are those that slow and short code finds. What came in goes out and comes in again.
+// Delimited text files: for any content and any cut into blocks, the reader finds the records and
+// fields that a slow and short model finds. Records that are exported can be imported again.
 
 #include <cstdlib>
 #include <string>
@@ -39,7 +39,7 @@ std::vector<Record> Model(const std::string& content, const std::string& delimit
   return DelimitedRecords(content, delimiter, kFields);
 }
 
-// A machine with nothing to run, which imports need for their variables.
+// A machine without code, which imports need for their variables.
 class Reader {
  public:
   explicit Reader(int buffer, int most) {
@@ -86,8 +86,8 @@ class Reader {
 
 }  // namespace
 
-// The first bytes: the size of the buffer, the most that a read gives, the delimiter's length and
-// the delimiter.
+// The first bytes are the size of the buffer, the most bytes that a read returns, the delimiter's
+// length, and the delimiter.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 3) return 0;
   const int buffer = static_cast<int8_t>(data[0]);
@@ -110,7 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Require(line.whole());
     written.append(line.data(), static_cast<size_t>(line.length()));
   }
-  // A delimiter is written as it is: with a byte of its own meaning in it, other records come back.
+  // The delimiter is written unescaped, so one that contains a special byte gives other records.
   if (delimiter.find_first_of("\n\r\\") == std::string::npos) {
     std::vector<Record> again = reader.Read(written, delimiter);
     Require(again.size() == expected.size());

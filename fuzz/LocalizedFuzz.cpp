@@ -1,6 +1,6 @@
-// The sections of localized texts, under a dictionary that is in order: the languages, an index for
-// each or the single one of older files, and the pieces. Whatever they hold, a script that asks for
-// its texts ends, and its writing them and taking them as values say the same.
+// The sections of localized texts, with a valid dictionary: the languages, an index for each (or
+// the single one of older files), and the pieces. With any content a script that uses its texts
+// ends, and writing a text gives the same as taking it as a value.
 
 #include <cstdlib>
 #include <cstring>
@@ -20,7 +20,7 @@ namespace {
 
 const char* const languages[] = {"en-US", "DE", "xx"};
 
-// A good file, of a version before or since the indexes by language.
+// A valid file, of a version before or after the indexes by language.
 std::string GoodFile(bool old) {
   std::string source = old ? ".version 0x10007\n" : "";
   source +=
@@ -40,7 +40,8 @@ void PushConstant(Segment* code, int* end, unsigned short word, int operand) {
   *end = code->Write_Dword(*end, static_cast<unsigned>(operand));
 }
 
-// What one instruction makes of a token in the application's language, with the parameter "name".
+// The text that one instruction makes of a token in the application's language, with the parameter
+// "name".
 std::string TextOf(LoadedScript* script, TestApplication* application, unsigned short word,
                    int token, bool* failed) {
   RecordingOutput output;
@@ -79,7 +80,7 @@ void UseTexts(LoadedScript* script, TestApplication* application) {
   }
 }
 
-// Adding to what a damaged file brought, and writing it, must be as safe.
+// Entries can be added to those of a damaged file, and written, as safely.
 void AddAndWrite(LoadedScript* script, FaultyFileManager* manager) {
   script->languages.Add_Entry("de", 2, "added", 5, 0);
   script->languages.Add_Entry("added", 5, "added", 5, script->pieces.Entry_Add(1, 0, -1));
@@ -118,7 +119,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return 0;
   }
   if (!script.dictionary.Read(&script.file)) return 0;
-  // As a file that another one includes is read: what fails leaves nothing, and the rest goes on.
+  // The same way as an included file is read: a section that fails leaves nothing, and the rest is
+  // read.
   static_cast<void>(script.languages.Read());
   static_cast<void>(script.pieces.Read(&script.file));
   script.file.Deactivate();

@@ -1,6 +1,6 @@
-// The settings of the trace log, and what a client can put into it: a filter, the cookies of a
-// request with the one that is wanted, and a text that is logged, with NUL bytes between the four.
-// Whatever they are, a filter means what its entries say, and a record is one line.
+// The settings of the trace log and the parts of it that a client can set: a filter, the cookies of
+// a request, the cookie that the setting requires, and a text that is logged, separated by NUL
+// bytes. For any input a filter means what its entries say, and a record is one line.
 
 #include <cstdlib>
 #include <cstring>
@@ -34,7 +34,7 @@ class Application : public UNIXApplication {
   abort();
 }
 
-// The list as the setting could be written.
+// The list in the form of the setting.
 std::string Written(List<LogFilterEntry>* entries, const char* mark) {
   std::string text;
   for (LogFilterEntry* e = entries->First(); e; e = entries->Next()) {
@@ -65,7 +65,7 @@ bool Wanted(Application* application, const std::string& file, int line) {
   return false;
 }
 
-// Asks a machine that stands at a line of a file.
+// Compares with a machine that is at that line of the file.
 void CompareWithMachine(Application* application, const std::string& file, int line) {
   RecordingOutput output;
   application->SetOutput(&output);

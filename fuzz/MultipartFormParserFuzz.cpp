@@ -1,5 +1,5 @@
-// Forms in parts, with files: any body gives the same fields, files and calls, however it is cut
-// into blocks. The script that is called answers by the name of the file.
+// Forms in parts, with files: any body gives the same fields, files and calls, for any cut into
+// blocks. The script's functions choose their result by the name of the file.
 
 #include "base/extensions/ExternalCall.h"
 #include "base/host/BufferedOutput.h"
@@ -13,7 +13,7 @@
 
 namespace {
 
-// No limit for most files; one that is named "refuse" is refused, "fail" and "exit" end the script.
+// Most files have no limit. A file named "refuse" is refused; "fail" and "exit" end the script.
 const char script_text[] = R"(
         exit
         .function Zeph_ValidateFileUpload(field, name, type)
@@ -87,7 +87,7 @@ class TextOutput : public BufferedOutput {
   std::string* text;
 };
 
-// Notes what was in each temporary file. A write takes a part of the bytes now and then.
+// Records the content of each temporary file. Some writes take only a part of the bytes.
 class Files : public MemoryFileManager {
  public:
   using MemoryFileManager::Delete;
@@ -144,8 +144,8 @@ std::string Parsed(const std::string& content_type, const std::string& body, int
 
 }  // namespace
 
-// The first byte chooses the limit of fields, and how long the type of the content is that stands
-// in front of the body; 0 is the usual one.
+// The first byte chooses the limit of fields and the length of the content type that comes before
+// the body; length 0 means the usual type.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 1) return 0;
   std::string body(reinterpret_cast<const char*>(data) + 1, size - 1);

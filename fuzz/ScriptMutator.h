@@ -1,6 +1,6 @@
-// Mutations of scripts that are to be run. A compiled file is taken apart down to its instructions,
-// and put together again with some of them changed, so that what comes out runs far more often than
-// not: jumps go to where they went, operands name texts, variables and functions that there are.
+// Mutations of scripts that are to be run. A compiled file is taken apart into its instructions and
+// put together again with some of them changed, so that the result can nearly always be run: jumps
+// keep their targets, and operands name existing texts, variables and functions.
 
 #ifndef ZEPH_FUZZ_SCRIPTMUTATOR_H
 #define ZEPH_FUZZ_SCRIPTMUTATOR_H
@@ -20,10 +20,10 @@
 
 class ScriptMutator {
  public:
-  // The compiled files to begin with and to take pieces of code from.
+  // The compiled files to start from and to take pieces of code from.
   explicit ScriptMutator(std::vector<std::string> seeds) : good(std::move(seeds)) {}
 
-  // As libFuzzer's custom mutator.
+  // Arguments and result as for libFuzzer's custom mutator.
   size_t Mutate(uint8_t* data, size_t size, size_t max_size, unsigned seed) {
     random.seed(seed);
     std::string file(reinterpret_cast<char*>(data), size);
@@ -49,11 +49,11 @@ class ScriptMutator {
  private:
   using Sections = std::vector<CompiledFileBytes::SectionBytes>;
 
-  // One instruction; what is no whole one at the end of a segment is all bytes.
+  // One instruction. An incomplete one at the end of a segment is stored as bytes.
   struct Item {
     std::string bytes;
     const Instruction::Row* row = nullptr;
-    size_t target = 0;  // of a distance: an index of items, or their count for the end
+    size_t target = 0;  // of a jump: an index of items; their count means the end
     bool jumps = false;
   };
   using Code = std::vector<Item>;
@@ -125,7 +125,7 @@ class ScriptMutator {
     return bytes;
   }
 
-  // How many there are of what operands name.
+  // The numbers of texts, variables and so on that operands may name.
   struct Counts {
     uint32_t texts, system, globals, functions;
   };
@@ -154,7 +154,8 @@ class ScriptMutator {
 
   Item MakeItem(const Counts& counts, size_t items) {
     Item item;
-    // The words of databases, networks and the like stand at the end of the list's numbers.
+    // Instructions for databases, networks and the like have the words 0x100 to 0x2FF; they are
+    // chosen seldom.
     do {
       item.row = &Instruction::Rows[Below(static_cast<size_t>(Instruction::RowCount))];
     } while ((item.row->word & 0x0FFF) >= 0x100 && (item.row->word & 0x0FFF) < 0x300 && !OneIn(16));
@@ -213,7 +214,7 @@ class ScriptMutator {
     }
   }
 
-  // The code of some segment of some good script.
+  // The code of a random segment of a random seed.
   Code SeedCode() {
     Sections sections;
     CompiledFileMutator::Parse(good[Below(good.size())], &sections);
@@ -223,7 +224,7 @@ class ScriptMutator {
     return Decode(segments[Below(segments.size())]);
   }
 
-  // The segments of the section, which may be damaged.
+  // The segments of the section. The section may be damaged.
   static bool Split(const std::string& section, std::vector<std::string>* segments) {
     size_t count = Number(section, 0);
     size_t base = 8 + 8 * count;
@@ -267,7 +268,7 @@ class ScriptMutator {
     *section = table + all;
   }
 
-  // Some number of another section: flags and parameters of functions, texts, names.
+  // Changes one byte in another section: flags and parameters of functions, texts, names.
   void ChangeTables(Sections* sections) {
     const char* const tags[] = {"func", "func", "dict", "glbl", "syst"};
     std::string* content = Find(sections, tags[Below(std::size(tags))]);

@@ -1,5 +1,5 @@
-// Scripts that are loaded and run, by a machine with all its tables. Whatever a script does, it
-// ends soon when it is told to, and leaves nothing behind.
+// Scripts that are loaded and run by a machine with all its tables. Any script ends soon after it
+// is cancelled and leaks nothing.
 //
 //   ScriptRunFuzz -max_len=8000 -rss_limit_mb=4000 -malloc_limit_mb=2000 CORPUS
 
@@ -34,8 +34,8 @@
 
 // --- Memory --------------------------------------------------------------------------------------
 
-// A script may ask for any amount of memory. It gets this much, and std::bad_alloc for what is
-// beyond it, which is no finding.
+// A script may allocate this much; an allocation beyond it gets std::bad_alloc, which is no
+// finding.
 static constexpr long memory_limit = 600L << 20;
 
 namespace {
@@ -87,7 +87,7 @@ class Watchdog {
 
 // Functions in C++ that scripts call, and that call scripts.
 
-// call(name, argument var): what the script's function of that name gives for the argument.
+// call(name, argument var): calls the script's function of that name with the argument.
 void Call(ZephVM* vm, VariableHash* parameters, Variable* result, void**) {
   Variable* argument = parameters->Index(1, 1);
   Variable* name = parameters->Index(0, 1);
@@ -98,7 +98,7 @@ void Call(ZephVM* vm, VariableHash* parameters, Variable* result, void**) {
   vm->RunFunction(text.data ? text.data : "", text.length, &arguments, result);
 }
 
-// change(v var): makes an array of it, with what it was as an element.
+// change(v var): makes an array of v, with its former value as an element.
 void Change(ZephVM*, VariableHash* parameters, Variable* result, void**) {
   Variable* variable = parameters->Index(0, 1);
   if (!variable) return;
@@ -108,7 +108,7 @@ void Change(ZephVM*, VariableHash* parameters, Variable* result, void**) {
   result->SetValue(*variable);
 }
 
-// count(): how often it was called. Keeps something of its own until the end.
+// count(): how often it was called. Its state is kept until the end of the run.
 void Count(ZephVM* vm, VariableHash*, Variable* result, void** state) {
   auto* count = static_cast<int*>(*state);
   if (!vm) {
@@ -119,7 +119,8 @@ void Count(ZephVM* vm, VariableHash*, Variable* result, void** state) {
   result->SetValue_Integer(++*count);
 }
 
-// write(text): writes it, hides it, and fails if it is empty.
+// write(text): writes the text as a hidden form field, and fails if it is NULL. The result refers
+// to it.
 void Write(ZephVM* vm, VariableHash* parameters, Variable* result, void**) {
   Variable* text = parameters->Index(0, 1);
   if (!text) return;
@@ -186,7 +187,7 @@ class Application : public TestApplication {
         std::make_unique<ZephVM>(this, *vm, heartbeatcounter(), timedoutflag(), exitflag()));
     return AsynchronousTask_Started;
   }
-  // Runs what the script has started, when all of the script is gone.
+  // Runs the tasks that the script has started, after the script and its machine are gone.
   void RunTasks() {
     running_tasks = true;
     for (auto& task : tasks) {
@@ -217,7 +218,7 @@ class Files : public MemoryFileManager {
   }
 };
 
-// What native code does with a script beside running it.
+// The calls that native code may make on a script, besides running it.
 void UseNatively(LoadedScript* script, ZephVM* vm) {
   for (int i = 0; i < script->functions.Functions() && i < 8; i++) {
     Function* function = script->functions.Lookup(i);
@@ -278,8 +279,8 @@ void RunScript(Application* application, const std::string& file, Watchdog* watc
 }
 
 void Run(const std::string& file, Watchdog* watchdog) {
-  // Scripts read and write this file, and others that they make. They run and call themselves, and
-  // another script that calls them back.
+  // Scripts read and write this file and others that they make. They run and call themselves, and
+  // another script, which calls them back.
   static const std::string other = Assembled(script_run_other);
   Files files;
   files.files["s"] = file;
@@ -291,13 +292,14 @@ void Run(const std::string& file, Watchdog* watchdog) {
   application.SetLibraryManager(&libraries);
   application.SetOutput(&output);
   application.SetFileManager(&files);
-  // A byte of the stamp decides whether the run is logged, the next one how many scripts are kept.
+  // One byte of the stamp decides whether the run is logged, the next one how many scripts are
+  // kept.
   if (file.size() > 8 && file[8]) application.config()->SetValue_Integer(Config_log_level, -1);
   if (file.size() > 9) application.config()->SetValue_Integer(Config_max_docache, file[9] & 3);
   RunScript(&application, file, watchdog);
   application.RunTasks();
   watchdog->End();
-  // Captures that were left open have given the output back.
+  // Captures that the script left open have restored the output.
   if (application.output() != &output) abort();
 }
 

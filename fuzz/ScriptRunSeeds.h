@@ -1,4 +1,4 @@
-// Small scripts that use every instruction of the machine, to begin with.
+// The seeds: small scripts that together use every instruction of the machine.
 
 #ifndef ZEPH_FUZZ_SCRIPTRUNSEEDS_H
 #define ZEPH_FUZZ_SCRIPTRUNSEEDS_H
@@ -570,7 +570,7 @@ end:  pushl n
       ret
       .end
     )zpa",
-    // Tasks, which run behind the script.
+    // Tasks, which run after the script.
     R"zpa(
       pushc "a text that is long enough to be watched while something is put behind it, so long that"
       popg s
@@ -636,7 +636,7 @@ more: pushi 1
     )zpa",
 };
 
-// A script that all of them can run and call.
+// A script that all others can run and call.
 inline const char* const script_run_other = R"zpa(
       incg x, 1
       cmpgi x, 5

@@ -1,5 +1,5 @@
-// The container against a plain model of it: the same reads of any kind, in any order, give the
-// same bytes, wherever the window stands.
+// The container compared with a simple model: the same reads, of any kind and in any order, give
+// the same bytes, for any position of the window.
 
 #include <climits>
 #include <cstdlib>
@@ -15,7 +15,7 @@ void Require(bool condition) {
   if (!condition) abort();
 }
 
-// The directory as the bytes state it, and reads as the format defines them.
+// The directory as the bytes define it, and reads as the format defines them.
 class Model {
  public:
   explicit Model(const std::string& content) : file(content) {

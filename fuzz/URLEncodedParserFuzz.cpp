@@ -1,4 +1,4 @@
-// Plain forms: any body gives the same variables, however it is cut into blocks.
+// Plain forms: any body gives the same variables, for any cut into blocks.
 
 #include "base/compiled/Dictionary.h"
 #include "base/request/URLEncodedParser.h"

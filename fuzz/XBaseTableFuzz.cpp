@@ -1,6 +1,6 @@
-// Tables and memo files with any bytes: every operation ends, tells why it failed, gives up its
-// locks, and what could be appended reads back. The file is either the input itself, or a whole
-// table that the input damages, which gets past the header far more often.
+// Tables and memo files of any bytes: every operation ends, reports why it failed and releases its
+// locks, and a record that could be appended can be read back. The files are either the input
+// itself, or a whole table that the input damages, which gets past the header far more often.
 
 #include <cstdint>
 #include <cstdlib>
@@ -19,7 +19,7 @@ void Require(bool condition) {
   if (!condition) abort();
 }
 
-// The input, taken from its front.
+// The input; bytes are taken from its front.
 class Input {
  public:
   Input(const uint8_t* data, size_t size) : next(data), left(size) {}
@@ -99,7 +99,7 @@ class Session {
  public:
   Session(Files content, Input* rest) : input(rest) {
     application.SetFileManager(&files);
-    // A damaged header names places gigabytes away.
+    // A damaged header may hold offsets of gigabytes.
     files.size_limit = 1 << 18;
     files.files["t.dbf"] = std::move(content.table);
     files.files["t.dbt"] = std::move(content.memos);

@@ -1,5 +1,5 @@
-// Index files of any bytes: every operation ends, with a stated text where it fails. A sound tree
-// gives the entries that the checker finds by itself, and is sound behind all changes.
+// Index files of any bytes: every operation ends, and fails only with one of its defined texts. A
+// sound tree gives the entries that the independent checker finds, and is sound after all changes.
 
 #include <cstdio>
 #include <cstdlib>
@@ -17,7 +17,7 @@ void Require(bool condition, const std::string& what) {
   abort();
 }
 
-// Takes bytes from the input, zeros behind its end.
+// Takes bytes from the input, and zeros after its end.
 class Bytes {
  public:
   Bytes(const uint8_t* data, size_t size) : next(data), end(data + size) {}
@@ -29,8 +29,8 @@ class Bytes {
   const uint8_t* end;
 };
 
-// A file whose pages are written by few bytes each: a fuzzer that had to write whole pages would
-// seldom come to a second one. Numbers are small, so that they often name pages there are.
+// A file whose pages are made from few bytes each: a fuzzer that had to write whole pages would
+// seldom reach a second one. Page numbers are small, so that many of them exist.
 std::string Compose(Bytes input) {
   ZIXIndexShape shape;
   shape.flags = input.Byte() & 15;
@@ -65,12 +65,12 @@ std::string Compose(Bytes input) {
 
 }  // namespace
 
-// The first byte says whether the rest is a file as it is, or what one is composed of.
+// The first byte says whether the rest is a whole file or the input of Compose.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 8) return 0;
   std::string file = data[0] & 1 ? std::string(reinterpret_cast<const char*>(data) + 1, size - 1)
                                  : Compose(Bytes(data + 1, size - 1));
-  // Raw bytes seldom begin like an index; from here on they may.
+  // Raw bytes seldom begin with a valid header, so half of them get one.
   if ((data[0] & 3) == 3 && file.size() > 27) {
     const ZIXIndexShape shape{file[25] & 15u, 4 + file[17] % 6, 432, 12 + file[21] % 16};
     file.replace(0, 27,
@@ -96,7 +96,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Require(fault.empty(), fault);
   Require(files.held.empty(), "a lock is still held");
   if (sound) {
-    // Numbers and texts mixed have no order that a change could keep.
+    // An index of numbers that also holds other texts has no order that a change could keep.
     const std::string after =
         !(checker.flags() & ZIXIndex_Text) ? "" : ZIXIndexChecker(files.files["i.zix"]).Check();
     Require(after.empty(), "a sound tree became unsound: " + after);

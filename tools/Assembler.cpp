@@ -1,3 +1,6 @@
+// The assembler: reads statements, and writes code, tables and sections into a program. Tested in
+// tests/tools/AssemblerTest.cpp.
+
 #include "tools/Assembler.h"
 
 #include <algorithm>
@@ -16,7 +19,7 @@ namespace {
 
 using Kind = AssemblyToken::Kind;
 
-// Reports stop here: what follows a wild file is of no help to anybody.
+// Reports stop after this many: for a file that is not program text, more errors are no help.
 constexpr size_t error_limit = 20;
 
 // The number of single-byte edits that turn one name into another, for "did you mean".
@@ -53,7 +56,7 @@ bool DecodeHex(std::string_view digits, std::string* bytes) {
   return true;
 }
 
-// Reads statements one by one into a program. Operands that name something further down, labels
+// Reads statements one by one into a program. Operands that may name something further down, labels
 // and functions, are written as zero and filled in at the end.
 class Assembler {
  public:
@@ -73,11 +76,11 @@ class Assembler {
   std::vector<AssemblyError>& reports() { return errors; }
 
  private:
-  // A place in the code that waits for the address of a name.
+  // A position in the code to be filled with the address of a name.
   struct Reference {
     int segment;
     int position;  // of the four bytes to fill
-    int base;      // what a distance counts from
+    int base;      // the offset that a distance counts from
     AssemblyToken name;
     int line;
   };
@@ -111,7 +114,7 @@ class Assembler {
     errors.push_back({line, column, text});
     return false;
   }
-  // Every statement says what it would have taken where it stopped.
+  // Every error says what would have been valid at the token where the statement stopped.
   bool Expected(const std::string& what) {
     return Fail("expected " + what + ", found " + DescribeToken(Token()));
   }
@@ -160,7 +163,7 @@ class Assembler {
   bool UnknownWord() {
     const std::string& word = Token().text;
     const char* nearest = nullptr;
-    size_t distance = 3;  // farther away is no misspelling
+    size_t distance = 3;  // a word farther away is not a misspelling of this one
     for (int i = 0; i < Instruction::RowCount; i++) {
       size_t edits = EditDistance(word, Instruction::Rows[i].name);
       if (edits < distance && edits < word.size()) {
@@ -174,7 +177,7 @@ class Assembler {
 
   // --- Operands ----------------------------------------------------------------------------------
 
-  // Reads one operand and appends it to the code. end is the offset behind all operands.
+  // Reads one operand and appends it to the code. end is the offset after all operands.
   bool Operand(const Instruction::Row& row, Instruction::Operand kind, int end) {
     if (kind == Instruction::Operand::Double) {
       double value = 0;
@@ -194,7 +197,8 @@ class Assembler {
     bool named = At(Kind::Name) || At(Kind::Text);
     switch (kind) {
       case Instruction::Operand::Text:
-        // A bare word behind pushc is a variable that was meant to be pushed by another name.
+        // pushc takes only quoted texts: an unquoted word is probably the name of a variable, which
+        // needs another instruction.
         if (row.word == Instruction::pushc && At(Kind::Name)) return Expected("a quoted text");
         if (At(Kind::Number)) return Integer("a text or the number of an entry", value);
         return DictionaryName("a text", value);
@@ -260,7 +264,7 @@ class Assembler {
     return true;
   }
 
-  // Outside of functions the machine's local variables are the globals.
+  // Outside of functions the machine's local variables are the global ones.
   VariableHash* locals() { return function ? &function->variables() : program.globals.get(); }
 
   // --- Directives --------------------------------------------------------------------------------
@@ -331,8 +335,8 @@ class Assembler {
     return DeclareVariables(&function->variables());
   }
 
-  // A plain name is declared once, however often it is told; a name by number is always inserted,
-  // which is how a listing tells of tables that hold a name twice.
+  // A plain name is declared once, even if it is given several times. A name given by number is
+  // always inserted; a listing uses that for tables that hold a name twice.
   bool DeclareVariables(VariableHash* table) {
     do {
       int id = 0;
@@ -400,8 +404,8 @@ class Assembler {
     return true;
   }
 
-  // "at segment:offset" states where the function begins, wherever the line stands. Its locals are
-  // those of its parameters and of .local lines behind it.
+  // "at segment:offset" says where the function begins, independent of the place of the line. Its
+  // locals are its parameters and those of the .local lines that follow.
   bool PlacedFunction(int name, const std::vector<ParameterDeclaration>& parameters, int flags) {
     int number = 0;
     int offset = 0;
@@ -556,7 +560,8 @@ class Assembler {
   // --- References --------------------------------------------------------------------------------
 
   void ResolveReferences() {
-    // The segment may well be made behind the line that says it is the first to run.
+    // Checked at the end, because a segment may be made after the line that makes it the start
+    // segment.
     for (const Reference& start : starts) {
       if (start_segment < 0 || start_segment >= program.segments.Segments()) {
         FailAt(start.line, start.name.column,
@@ -602,8 +607,8 @@ class Assembler {
 
   AssemblyProgram program;
   Segment* segment = program.SegmentAt(0);
-  Function* function = nullptr;    // whose locals the names are; null outside of functions
-  std::string* section = nullptr;  // where bytes go; null for the segment
+  Function* function = nullptr;    // its locals are in scope; null outside of functions
+  std::string* section = nullptr;  // the section that bytes go to; null for the segment
   int language = -1;               // dictionary id; -1 before the first
   std::map<std::string, Label, std::less<>> labels;
   std::vector<Reference> jumps;

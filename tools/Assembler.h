@@ -1,4 +1,4 @@
-// The assembler behind zpasm: turns program text (.zpa) into the bytes of a compiled script (.zpc).
+// The assembler of zpasm: turns program text (.zpa) into the bytes of a compiled script (.zpc).
 // Tests link it to build scripts in memory. docs/zpasm.md describes the text.
 
 #ifndef ZEPH_TOOLS_ASSEMBLER_H
@@ -7,9 +7,10 @@
 #include <string>
 #include <string_view>
 
-// Assembles source. On success *image holds the whole compiled file and *errors is empty. On
-// failure *image is empty and *errors has one line an error, "name:line:column: expected ...";
-// line and column count from 1, the column in bytes. name is what the errors call the source.
+// Assembles source. On success returns true, *image holds the whole compiled file and *errors is
+// empty. On failure returns false, *image is empty and *errors has one line for each error,
+// "name:line:column: expected ..."; line and column count from 1, the column in bytes. Errors use
+// name for the source.
 [[nodiscard]] bool AssembleScript(std::string_view source, std::string_view name,
                                   std::string* image, std::string* errors);
 

@@ -1,3 +1,5 @@
+// Builds and writes a compiled script. Tested in tests/tools/AssemblerTest.cpp.
+
 #include "tools/AssemblyProgram.h"
 
 #include <algorithm>
@@ -55,7 +57,7 @@ Function* AssemblyProgram::AddFunction(int name,
 
 Segment* AssemblyProgram::SegmentAt(int number) {
   if (Segment* segment = segments.Lookup(number)) return segment;
-  // The place of the first segment exists from the beginning, and is filled by Start().
+  // The entry of the first segment exists from the beginning; Start() makes its segment.
   return number == 0 ? segments.Start() : segments.Segment_Add();
 }
 
@@ -122,11 +124,11 @@ bool AssemblyProgram::WriteSection(TaggedFile* file, int tag) {
     case tag_dictionary: return dictionary.Write(file);
     case tag_system: return system->Write(file, tag);
     case tag_global: return globals->Write(file, tag);
-    case tag_languages: return languages->Write(file);  // with the indexes behind it
+    case tag_languages: return languages->Write(file);  // and the indexes after it
     case tag_pieces: return pieces.Write(file);
     case tag_segments: return segments.Write(file);
     case tag_functions: {
-      // The functions are last as a rule, and leave their section to the caller to end.
+      // As a rule the functions are the last section, so Write leaves it for the caller to end.
       bool written = functions->Write(file);
       file->Section_End();
       return written;

@@ -1,5 +1,5 @@
-// A compiled script under construction, made of the engine's own classes, so that zpasm writes what
-// the engine's writers write.
+// A compiled script under construction, made of the engine's own classes, so that zpasm writes the
+// same bytes as the engine's writers.
 
 #ifndef ZEPH_TOOLS_ASSEMBLYPROGRAM_H
 #define ZEPH_TOOLS_ASSEMBLYPROGRAM_H
@@ -18,8 +18,8 @@
 #include "base/compiled/TaggedFile.h"
 #include "base/compiled/VariableHash.h"
 
-// The sections' tags. An index of tokens has the language's number in its upper half; in a file
-// older than separate_indexes there is one of them, with tag 0.
+// The tags of the sections. An index of tokens has the language's number in its upper half. A file
+// older than separate_indexes has only one of them, with tag 0.
 constexpr int tag_dictionary = MakeTag("dict");
 constexpr int tag_system = MakeTag("syst");
 constexpr int tag_global = MakeTag("glbl");
@@ -32,8 +32,8 @@ constexpr int IndexTag(int language) {
   return static_cast<int>(static_cast<unsigned>(language) << 16 | 0x584C);
 }
 
-// Sizes of the tables. A request fills the buckets of its own tables anew, so those of variables
-// are as many as a page with its environment needs, and no more.
+// Sizes of the tables. Each request fills the buckets of its own tables again, so the tables of
+// variables have no more buckets than a page with its environment needs.
 constexpr int variable_bits = 8;
 constexpr int variable_capacity = 512;
 constexpr int function_bits = 8;
@@ -42,13 +42,14 @@ constexpr int language_bits = 12;
 constexpr int language_capacity = 8;
 constexpr size_t stamp_size = 16;
 
-// A piece of a message: its text's dictionary id, and whether it is literal or a parameter's name.
+// A piece of a message: the dictionary id of its text. A piece is either literal or a parameter's
+// name.
 struct MessagePiece {
   int text;
   bool literal;
 };
 
-// A parameter of a function: its name's dictionary id, and whether it is passed by reference.
+// A parameter of a function: the dictionary id of its name, and the way it is passed.
 struct ParameterDeclaration {
   int name;
   bool by_reference;
@@ -60,25 +61,26 @@ class AssemblyProgram {
   AssemblyProgram(const AssemblyProgram&) = delete;
   AssemblyProgram& operator=(const AssemblyProgram&) = delete;
 
-  // The id of the first entry with exactly this text, which is added when there is none.
+  // Returns the id of the first entry with exactly this text, and adds one when there is none.
   int Intern(std::string_view text);
-  // Adds an entry, whether or not another has its text, and answers its id.
+  // Adds an entry, even if another has its text, and returns its id.
   int AddEntry(std::string_view text);
 
-  // The position of a name in a table, case apart; the name is added when it is missing.
+  // Returns the position of a name in a table, ignoring case, and adds the name when it is missing.
   int Variable(VariableHash* table, std::string_view name);
 
   // Adds a function at the next index. name and the parameters' names are dictionary ids.
   Function* AddFunction(int name, const std::vector<ParameterDeclaration>& parameters, int flags,
                         int segment, int offset);
 
-  // The segment of a number, made if the number is the next one.
+  // Returns the segment of a number, and makes it if the number is the next one.
   Segment* SegmentAt(int number);
 
-  // Adds a message of a language, both dictionary ids. Its pieces follow one another.
+  // Adds a message of a language; both arguments are dictionary ids. Its pieces follow one another.
   void AddMessage(int language, int token, const std::vector<MessagePiece>& message);
 
-  // The whole compiled file into *image. False with a text when it cannot be written.
+  // Writes the whole compiled file into *image. Returns false with a text when it cannot be
+  // written.
   [[nodiscard]] bool Write(std::string* image, std::string* error);
 
   Dictionary dictionary;
@@ -91,11 +93,11 @@ class AssemblyProgram {
 
   int version = 0;  // 0 is the newest
   std::string stamp = std::string(stamp_size, '\0');
-  // Sections that are given as bytes: they replace those of the same tag, or come last.
+  // Sections given as bytes: they replace those of the same tag, or come last.
   std::vector<std::pair<int, std::string>> given_sections;
   // The sections to write, in order; empty for the usual ones.
   std::vector<int> section_order;
-  // A file that is given as bytes altogether.
+  // The whole file, if it is given as bytes.
   std::string given_image;
   bool has_given_image = false;
 

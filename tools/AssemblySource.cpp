@@ -1,3 +1,6 @@
+// Splits program text into tokens and parses numbers and texts. Tested in
+// tests/tools/AssemblySourceTest.cpp.
+
 #include "tools/AssemblySource.h"
 
 #include <bit>
@@ -8,7 +11,7 @@
 
 namespace {
 
-// The language is ASCII whatever the locale, so <cctype> is of no use here.
+// The language is ASCII in every locale, so <cctype> is of no use here.
 bool IsLetter(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
 }
@@ -23,7 +26,7 @@ int HexValue(char c) {
   return -1;
 }
 
-// Whether bytes are UTF-8, which an editor can show, as far as lead and continuation bytes tell.
+// True if bytes are UTF-8, which an editor can show. Checks only lead and continuation bytes.
 bool IsUTF8(std::string_view bytes) {
   int left = 0;
   for (char c : bytes) {
@@ -39,7 +42,7 @@ bool IsUTF8(std::string_view bytes) {
   return left == 0;
 }
 
-// Reads one line. position is an offset in text; columns are position + 1.
+// Reads one line. position is an offset in the text; columns are position + 1.
 class LineReader {
  public:
   LineReader(std::string_view line, int line_number, std::vector<AssemblyError>* reports)
@@ -54,7 +57,7 @@ class LineReader {
   }
 
  private:
-  // False at the end of the line, at a comment, and behind an error.
+  // Returns false at the end of the line, at a comment, and after an error.
   bool NextToken(AssemblyToken* token) {
     while (position < text.size() &&
            (text[position] == ' ' || text[position] == '\t' || text[position] == '\r')) {
@@ -87,9 +90,9 @@ class LineReader {
     return true;
   }
 
-  // Takes all that a number of any form may hold; whether it is one is seen when it is used. A sign
-  // belongs to the number at its start and behind an exponent's letter, which a hexadecimal number
-  // does not have. "-inf" is a number, "inf" a name that a double accepts.
+  // Reads all characters that a number of any form may have; a later parse decides if it is valid.
+  // A sign belongs to the number at its start and after the letter of an exponent, which a
+  // hexadecimal number does not have. "-inf" is a number, "inf" a name that a double accepts.
   bool ReadNumber(AssemblyToken* token) {
     token->kind = AssemblyToken::Number;
     bool hexadecimal = false;
@@ -171,7 +174,7 @@ std::vector<AssemblyLine> ReadAssemblySource(std::string_view source,
     size_t end = source.find('\n');
     size_t known = errors->size();
     AssemblyLine line = LineReader(source.substr(0, end), ++number, errors).Read();
-    // A line that failed is not looked at again: one mistake gives one error.
+    // A line that failed is skipped: one mistake gives one error.
     if (line.tokens.size() > 1 && errors->size() == known) lines.push_back(std::move(line));
     source = end == std::string_view::npos ? std::string_view() : source.substr(end + 1);
   }
@@ -249,7 +252,7 @@ std::string QuoteText(std::string_view bytes) {
 std::string SpellDouble(double value) {
   char buffer[32];
   if (std::isnan(value)) {
-    // A NaN carries bits that no decimal spelling has.
+    // A NaN has bits that no decimal spelling can express.
     std::snprintf(buffer, sizeof buffer, "0x%016llX",
                   static_cast<unsigned long long>(std::bit_cast<uint64_t>(value)));
     return buffer;

@@ -1,5 +1,4 @@
-// Program text as tokens. One statement stands on one line; a semicolon outside of quotes begins a
-// comment.
+// Program text as tokens. A line has one statement; a semicolon outside of quotes begins a comment.
 
 #ifndef ZEPH_TOOLS_ASSEMBLYSOURCE_H
 #define ZEPH_TOOLS_ASSEMBLYSOURCE_H
@@ -11,9 +10,9 @@
 struct AssemblyToken {
   enum Kind {
     Name,         // letters, digits and underscores, not beginning with a digit
-    Directive,    // a name with a dot in front, which stays in the text
-    Number,       // as spelled, with its sign; what it may be depends on the operand
-    Text,         // what stood between the quotes, escapes resolved
+    Directive,    // a name with a dot before it; the text includes the dot
+    Number,       // as spelled, with its sign; the operand decides which numbers are valid
+    Text,         // the text between the quotes, escapes resolved
     Punctuation,  // one of ( ) , : #
     End,          // the end of the line; every line has one
   };
@@ -40,20 +39,20 @@ struct AssemblyError {
 std::vector<AssemblyLine> ReadAssemblySource(std::string_view source,
                                              std::vector<AssemblyError>* errors);
 
-// How an error names a token: "'pushc'", "the text", "the end of the line".
+// Returns the name of a token in an error: "'pushc'", "the text", "the end of the line".
 std::string DescribeToken(const AssemblyToken& token);
 
-// Numbers. An integer is decimal or, behind 0x, hexadecimal, and fits 32 bits signed or unsigned.
-// A double is decimal, inf, -inf or nan; hexadecimal gives its 64 bits as they are. Each answers
-// false, leaving *value alone, when the spelling is anything else.
+// Numbers. An integer is decimal or, after 0x, hexadecimal, and fits 32 bits signed or unsigned. A
+// double is decimal, inf, -inf or nan; hexadecimal gives its 64 bits as they are. Each returns
+// false and leaves *value unchanged for any other spelling.
 bool ParseInteger(const std::string& spelling, int* value);
 bool ParseDouble(const std::string& spelling, double* value);
 
-// The text between quotes that reads back as bytes, and the number that reads back as value.
+// Return the quoted text that reads back as bytes, and the number that reads back as value.
 std::string QuoteText(std::string_view bytes);
 std::string SpellDouble(double value);
 
-// Whether bytes can stand without quotes as a Name.
+// True if bytes are valid without quotes as a Name.
 bool IsPlainName(std::string_view bytes);
 
 #endif

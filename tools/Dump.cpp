@@ -1,8 +1,10 @@
+// Writes texts as CSV and JSON. Tested in tests/tools/DumpTableTest.cpp.
+
 #include "tools/Dump.h"
 
 namespace {
 
-// How many bytes of UTF-8 the text begins with as one character; 0 for none.
+// The number of bytes of the UTF-8 character that the text begins with; 0 if it begins with none.
 size_t CharacterLength(std::string_view text) {
   const unsigned char first = static_cast<unsigned char>(text[0]);
   if (first < 0x80) return 1;

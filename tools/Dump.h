@@ -1,5 +1,5 @@
-// What the halves of zpdbf, one for each kind of file, have in common: what was asked for, how
-// values are written, and the host that the classes of tables and index files want.
+// Shared by the two halves of zpdbf, one for tables and one for index files: the request, the way
+// values are written, and the host that the classes of tables and index files need.
 
 #ifndef ZEPH_TOOLS_DUMP_H
 #define ZEPH_TOOLS_DUMP_H
@@ -24,13 +24,12 @@ constexpr int dump_done = 0;
 constexpr int dump_failed = 1;  // the file can't be read, or a check found something
 constexpr int dump_usage = 2;
 
-// Quoted where a reader needs it.
+// With quotes only where a reader needs them.
 void WriteCsvCell(std::ostream& out, std::string_view text);
-// With its quotes. Bytes that are no UTF-8 are taken for Latin-1, so that any text makes valid
-// JSON.
+// With its quotes. Bytes that are not UTF-8 are read as Latin-1, so that any text gives valid JSON.
 void WriteJsonText(std::ostream& out, std::string_view text);
 
-// Opens files by the paths of the command line, whatever directory they are said to be in.
+// Opens files by the paths of the command line and ignores the type of a path.
 class DumpFileManager : public UNIXReentrantFileManager {
  public:
   using UNIXReentrantFileManager::Open;

@@ -1,3 +1,5 @@
+// Shows and checks index files. Tested in tests/tools/DumpIndexTest.cpp.
+
 #include "tools/DumpIndex.h"
 
 #include <algorithm>
@@ -18,7 +20,7 @@ std::string_view View(const unsigned char* text) {
   return text ? reinterpret_cast<const char*>(text) : "";
 }
 
-// A terminal gets no commands from a key.
+// Control characters are replaced, so that a key sends no commands to a terminal.
 void WritePlain(std::ostream& out, std::string_view text) {
   for (char c : text) out << (iscntrl(static_cast<unsigned char>(c)) ? '?' : c);
 }
@@ -95,21 +97,23 @@ bool WriteKeys(ZIXIndexFile& index, DumpForm form, std::ostream& out) {
     WriteKey(form, out, record, View(index.current_key()), first);
     good = index._Next(&record, nullptr, 1);
   }
-  // A header that can't be read ends a walk like the last entry; only the text tells.
+  // If the header can't be read, a walk ends as it does after the last entry; only the error text
+  // shows the difference.
   return good && index.error().length == 0;
 }
 
 // --- Checking ------------------------------------------------------------------------------------
 
-// Walks all pages from the root. It reads them by itself: the cursor of an index shows entries and
-// not where they stand.
+// Walks all pages from the root. It reads the pages itself, because the cursor of an index gives
+// entries but not their place.
 class IndexCheck {
  public:
   IndexCheck(const ZIXIndexFile& checked, File* opened, std::ostream& output)
       : index(checked), file(opened), out(output), reached(PagesInFile()) {}
 
   int Run() {
-    // What a writer leaves that ends before its last header; the next one writes over them.
+    // A writer that ends before it has written its last header leaves such pages; the next writer
+    // overwrites them.
     if (index.numpages() < reached.size())
       out << "note: the file has " << reached.size() << " pages, the header counts "
           << index.numpages() << "\n";
@@ -126,7 +130,7 @@ class IndexCheck {
 
  private:
   static constexpr long most_lines = 100;
-  // No sound tree is deeper.
+  // No sound tree is deeper than this.
   static constexpr int most_depth = 64;
 
   size_t PagesInFile() const {

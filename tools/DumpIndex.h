@@ -1,4 +1,4 @@
-// The half of zpdbf that reads index files.
+// The half of zpdbf for index files.
 
 #ifndef ZEPH_TOOLS_DUMPINDEX_H
 #define ZEPH_TOOLS_DUMPINDEX_H
@@ -7,13 +7,13 @@
 
 #include "tools/Dump.h"
 
-// Writes the header and, in their order, the keys with their record numbers. Answers an exit
-// status.
+// Writes the header and, in the order of the index, the keys with their record numbers. Returns an
+// exit status.
 int ShowIndex(const DumpRequest& request, std::ostream& out, std::ostream& errors);
 
-// Walks the tree and writes a line for each thing that is wrong with it: "problem: ". Pages that no
-// way leads to are noted. Holds the index's shared lock meanwhile, so that it meets no half change.
-// Answers an exit status, of failure for problems alone.
+// Walks the tree and writes a line for each fault: "problem: ". Pages that are not part of the tree
+// are noted. Holds the index's shared lock during the walk, so that it never sees half of a change.
+// Returns an exit status, which is a failure only for problems.
 int CheckIndex(const DumpRequest& request, std::ostream& out, std::ostream& errors);
 
 #endif

@@ -1,3 +1,5 @@
+// Shows and checks tables. Tested in tests/tools/DumpTableTest.cpp.
+
 #include "tools/DumpTable.h"
 
 #include <algorithm>
@@ -15,7 +17,7 @@
 
 namespace {
 
-constexpr char type_letters[] = "CNDLM";  // by XBaseFieldType
+constexpr char type_letters[] = "CNDLM";  // the index is an XBaseFieldType
 
 std::string_view View(const String& text) {
   return {text.data ? text.data : "", static_cast<size_t>(text.length)};
@@ -68,8 +70,8 @@ class TableWriter {
   }
 
  protected:
-  // The field's text in the current record, without blanks behind it unless it is a memo. Of a memo
-  // that can't be read, which is told, it is null.
+  // The field's text in the current record, without the blanks after it unless it is a memo. Null,
+  // with the error reported, for a memo that can't be read.
   std::string_view Value(XBaseField* field) {
     const char* value = field->data();
     if (!value) {
@@ -86,7 +88,7 @@ class TableWriter {
   std::ostream& out;
 
  private:
-  // A damaged header may promise a thousand million records behind the end.
+  // Stop after this many: a damaged header may count a thousand million records past the end.
   static constexpr int most_unreadable = 10;
 
   void Failed() {
@@ -138,7 +140,8 @@ class TextWriter : public TableWriter {
   void End() override {}
 
  private:
-  // Further lines of a memo stand below the first; a terminal gets no commands from a table.
+  // Further lines of a memo are printed below the first. Control characters are replaced, so that a
+  // table sends no commands to a terminal.
   void WriteCharacter(char c) {
     if (c == '\n') {
       out << "\n" << std::string(width + 4, ' ');
@@ -152,7 +155,7 @@ class TextWriter : public TableWriter {
   size_t width = 0;
 };
 
-// Fields as rows, or records as rows.
+// A CSV file has one kind of rows: either fields or records.
 class CsvWriter : public TableWriter {
  public:
   using TableWriter::TableWriter;
@@ -184,7 +187,7 @@ class CsvWriter : public TableWriter {
   void End() override {}
 };
 
-// Whether the text is a number as JSON has them, which knows neither "+1" nor "01" nor ".5".
+// True if the text is a number in JSON, which has no "+1", "01" or ".5".
 bool IsJsonNumber(std::string_view text) {
   size_t i = !text.empty() && text[0] == '-';
   const auto digits = [&] {
@@ -336,7 +339,7 @@ class TableChecker {
     stream.seekg(0, std::ios::end);
     return static_cast<long>(stream.tellg());
   }
-  // The byte at a place, -1 behind the end.
+  // The byte at a position, -1 past the end.
   static int ByteAt(std::ifstream& stream, long place) {
     stream.clear();
     stream.seekg(place);
@@ -403,7 +406,7 @@ class TableChecker {
       Problem("the next free memo block is " + std::to_string(table.next_memo_block()));
     memo_length = LengthOf(memo_file);
     const long used = (memo_length - 1) / block_length;
-    // A new memo file has its end mark in the block that is free.
+    // In a new memo file the end mark is in the first free block.
     if (table.next_memo_block() >= 1 && used > table.next_memo_block())
       Note("the memo file goes on behind the next free block");
   }
@@ -412,7 +415,8 @@ class TableChecker {
     int unreadable = 0;
     for (int i = 1; i <= table.record_count(); i++) {
       if (!table.Goto(i)) {
-        // The file's end has been told; other reasons are not told a million times.
+        // CheckLength has reported a file that is too short. Of other reasons only the first is
+        // reported, because a damaged header may count millions of records.
         if (problems == 0) Problem("record " + std::to_string(i) + ": " + ErrorText());
         if (++unreadable == 10) return;
         continue;
@@ -443,7 +447,7 @@ class TableChecker {
   void CheckMemo(int record, XBaseField* field) {
     const std::string where = Where(record) + "memo " + field->name() + " ";
     unsigned char number[256];
-    // The block number is what the field puts into a record.
+    // The block number is the text that the field writes into a record.
     field->Write(number);
     const std::string text(reinterpret_cast<char*>(number), static_cast<size_t>(field->length()));
     if (IsBlank(text)) return;
@@ -465,7 +469,8 @@ class TableChecker {
     memos.push_back({block, end / block_length + 1, record});
   }
 
-  // Records that were copied share a memo, which is as good as two until one of them is packed.
+  // Records that were copied share a memo. That works as well as two memos until one of them is
+  // packed.
   void CheckOverlaps() {
     std::sort(memos.begin(), memos.end(), [](const MemoExtent& a, const MemoExtent& b) {
       return a.start != b.start ? a.start < b.start : a.record < b.record;
@@ -543,7 +548,7 @@ int ShowTable(const DumpRequest& request, std::ostream& out, std::ostream& error
     writer = std::make_unique<JsonWriter>(table, out, errors);
   else
     writer = std::make_unique<TextWriter>(table, out, errors);
-  // Rows of one kind make a table of CSV.
+  // With CSV the header is left out before records, because all rows of CSV are of one kind.
   if (request.header_only || request.form != DumpForm::Csv) writer->Header();
   const int status = request.header_only ? dump_done : writer->Records();
   writer->End();

@@ -1,3 +1,6 @@
+// Lists compiled scripts: reads the file, tries ever more explicit forms, and checks each result.
+// Tested in tests/tools/ListerTest.cpp.
+
 #include "tools/Lister.h"
 
 #include <algorithm>
@@ -20,7 +23,7 @@ constexpr char file_name[] = "image";
 constexpr size_t header_size = 32;
 constexpr size_t hex_bytes_per_line = 32;
 
-// Reads rows of a table, which are of no use to the engine itself and so are protected there.
+// Reads rows of a table. The engine itself has no use for them, so they are protected there.
 struct TableRows : VariableHash {
   static int NameIndex(VariableHash& table, int index) {
     return (table.*(&TableRows::entries))[index].name_index;
@@ -40,7 +43,7 @@ struct StoredSection {
   std::string bytes;
 };
 
-// The directory's sections with their bytes; what lies outside of the image is cut off.
+// The directory's sections with their bytes; bytes outside of the image are cut off.
 std::vector<StoredSection> ReadSections(std::string_view image) {
   std::vector<StoredSection> sections;
   if (image.size() < header_size) return sections;
@@ -74,8 +77,8 @@ std::string HexLines(std::string_view bytes) {
   return lines;
 }
 
-// How much a listing has to say. Each is something that the assembler would do by itself, and that
-// the file at hand has done in another way.
+// How explicit a listing has to be. Each field is for something that the assembler would do by
+// itself, but that is different in this file.
 struct Form {
   bool tables = false;   // the names of all tables, in order
   bool entries = false;  // the dictionary's entries, in order
@@ -83,14 +86,14 @@ struct Form {
   std::set<int> given;   // sections whose bytes are given
 };
 
-// The compiled file, read by the engine's own readers as far as they take it.
+// The compiled file, read with the engine's own readers as far as they accept it.
 class StoredProgram {
  public:
   explicit StoredProgram(std::string_view bytes) : image(bytes), file(&manager) {
     manager.files[file_name] = bytes;
   }
 
-  // False when it is no compiled file; the text is in file.error().
+  // Returns false when it is not a compiled file; the text is in file.error().
   bool Open() {
     if (!file.Open(file_name, FileMode_Read)) return false;
     sections = ReadSections(image);
@@ -115,13 +118,13 @@ class StoredProgram {
     return text ? std::string_view(text, static_cast<size_t>(length)) : std::string_view();
   }
   bool IsEntry(int id) const { return id >= 0 && id < dictionary.Entries(); }
-  // Whether a text stands for this id, as it does for the first entry that has it.
+  // True if this id can be written as its text, which means the first entry with that text.
   bool IsFirst(int id) const {
     auto found = first_ids.find(TextOf(id));
     return IsEntry(id) && found != first_ids.end() && found->second == id;
   }
 
-  // The indexes' tags in the order in which they are written behind "locl".
+  // The tags of the indexes in the order in which they are written after "locl".
   std::vector<int> IndexTags() {
     std::vector<int> tags;
     int count = languages ? languages->Entries() : 0;
@@ -145,8 +148,9 @@ class StoredProgram {
   std::vector<std::unique_ptr<LocalizedIndex>> indexes;
 
  private:
-  // Reads one section. What its reader refuses is listed as bytes, and its contents count as none:
-  // the readers would otherwise go on with a section that an earlier one has left selected.
+  // Reads one section. A section that its reader refuses is listed as bytes and counts as empty.
+  // Any section that is still selected is ended first, because the reader would otherwise continue
+  // in it.
   template <typename Read>
   void ReadSection(int tag, Read read) {
     file.Section_Read_End();
@@ -189,7 +193,7 @@ class Printer {
     if (!program.Unreadable(tag_functions)) PrintFunctionsUpTo(FirstInPlace());
     PrintCode();
     PrintSections();
-    // Every part has an empty line in front, the first one too.
+    // Every part begins with an empty line. Remove the first one.
     text.erase(0, text.find_first_not_of('\n'));
     return std::move(text);
   }
@@ -210,7 +214,7 @@ class Printer {
     return IsPlainName(name) ? std::string(name) : QuoteText(name);
   }
 
-  // A declared name: its text where that means this id.
+  // A declared name: its text if that leads to this id, else its number.
   std::string DeclaredName(int id) const {
     return program.IsFirst(id) ? Name(program.TextOf(id)) : "#" + std::to_string(id);
   }
@@ -237,7 +241,7 @@ class Printer {
 
   static unsigned Unsigned(int value) { return static_cast<unsigned>(value); }
 
-  // The third byte of these sections.
+  // The bits are in the third byte of these sections.
   int StoredBits(int tag) const {
     return program.Unreadable(tag) ? 0 : program.Bytes(tag)[2] & 0xFF;
   }
@@ -267,13 +271,13 @@ class Printer {
     for (int i = 0; i < table.Entries(); i++) Line(directive + DeclaredRow(table, i));
   }
 
-  // A name that the table has already cannot be declared by its text.
+  // If the table already has the name, it cannot be declared by its text.
   std::string DeclaredRow(VariableHash& table, int index) {
     int id = TableRows::NameIndex(table, index);
     return Reaches(table, index) ? DeclaredName(id) : "#" + std::to_string(id);
   }
 
-  // Whether a lookup by name gives this position.
+  // True if a lookup by name gives this position.
   bool Reaches(VariableHash& table, int index) {
     int id = TableRows::NameIndex(table, index);
     if (!program.IsEntry(id)) return false;
@@ -296,7 +300,7 @@ class Printer {
   void PrintMessage(const LocalizedIndex::TokenEntry& entry) {
     std::string line = ".message " + DeclaredName(entry.token);
     LocalizedDictionary::Piece* piece = program.pieces.Entry(entry.first);
-    // A chain may be a circle; no honest one is longer than the table.
+    // A damaged chain may be a circle; no sound one is longer than the table.
     for (int left = program.pieces.Entries(); piece && left > 0; left--) {
       line += " " + PieceText(*piece);
       piece = program.pieces.Entry(piece->next);
@@ -319,7 +323,8 @@ class Printer {
            function.offset() == -1;
   }
 
-  // The index of the first function, from next_function on, that is listed where it begins.
+  // The index of the first function, from next_function on, that is listed at the place where it
+  // begins.
   int FirstInPlace() {
     int index = next_function;
     while (index < program.functions.Functions() &&
@@ -352,7 +357,8 @@ class Printer {
       Statement(".local " + DeclaredRow(function.variables(), i));
   }
 
-  // The name where it leads to this function; else, behind the mark, its entry in the dictionary.
+  // The function's name if it leads to this function; else the mark and the number of its entry in
+  // the dictionary.
   std::string FunctionName(Function& function, const std::string& mark) {
     return LeadsTo(function) && program.IsFirst(function.nameid())
                ? Name(program.TextOf(function.nameid()))
@@ -398,11 +404,12 @@ class Printer {
     if (!program.Unreadable(tag_functions)) PrintFunctionsUpTo(program.functions.Functions());
   }
 
-  // An instruction with all its operands, or a word that is none, at an offset in the code.
+  // An instruction with all its operands, or a word that is not an instruction, at an offset in the
+  // code.
   struct Decoded {
     const Instruction::Row* row = nullptr;
     unsigned short word = 0;
-    int end = 0;  // offset behind it, or 0 when it is cut off
+    int end = 0;  // offset after it, or 0 when it is cut off
   };
 
   static Decoded Decode(const Segment& segment, int offset) {
@@ -437,7 +444,7 @@ class Printer {
     if (targets.count(segment.length())) Line(LabelName(segment, segment.length()) + ":");
   }
 
-  // Which starts of instructions are jumped to. The end of the segment counts as one.
+  // Finds the starts of instructions that jumps lead to. The end of the segment counts as one.
   void FindTargets(const Segment& segment) {
     std::set<int> starts = {segment.length()};
     std::set<int> wanted;
@@ -568,7 +575,8 @@ class Printer {
     for (int tag : order) Line(".sections " + TagText(tag));
   }
 
-  // The tags to tell of, none where they are the usual ones. The indexes come with "locl".
+  // The tags for .sections lines; none if they are the usual ones in the usual order. The indexes
+  // are written with "locl".
   std::vector<int> Order() {
     std::vector<int> usual = {tag_dictionary, tag_system, tag_global, tag_languages};
     std::vector<int> indexes;
@@ -597,7 +605,7 @@ class Printer {
   int next_function = 0;
 };
 
-// Finds the form in which a program can be listed.
+// Finds the plainest form in which a program can be listed.
 class Lister {
  public:
   explicit Lister(std::string_view bytes) : image(bytes), program(bytes) {}
@@ -620,7 +628,7 @@ class Lister {
   }
 
  private:
-  // From the plainest form on: each says more than the one before.
+  // Tries the forms from the plainest on; each is more explicit than the one before.
   bool TryForms() {
     form.given = SectionsWithoutForm();
     form.placed = FunctionsOutOfPlace();
@@ -645,7 +653,7 @@ class Lister {
     return WithIndexes(given);
   }
 
-  // "locl" and the indexes are written together, so they are given together.
+  // "locl" and the indexes are written together, so they are also given together.
   std::set<int> WithIndexes(std::set<int> given) {
     std::set<int> languages = {tag_languages};
     for (int tag : program.IndexTags()) languages.insert(tag);
@@ -655,7 +663,7 @@ class Lister {
     return given;
   }
 
-  // Whether functions do not begin in the order of their indexes.
+  // True if functions do not begin in the order of their indexes.
   bool FunctionsOutOfPlace() {
     if (program.Unreadable(tag_functions)) return false;
     std::pair<int, int> last = {0, 0};
@@ -679,7 +687,7 @@ class Lister {
     return AssembleScript(text, "listing", &assembled, &errors) && assembled == image;
   }
 
-  // Gives as bytes what the last form did not reproduce.
+  // Gives the sections that the last form did not reproduce as bytes.
   bool TryGivenSections() {
     std::vector<StoredSection> made = ReadSections(assembled);
     for (const StoredSection& section : program.sections) {

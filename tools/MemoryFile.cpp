@@ -1,3 +1,5 @@
+// Files in memory. Tested through the assembler and the lister in tests/tools.
+
 #include "tools/MemoryFile.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// Files that exist in memory only: the assembler builds a compiled script in one, and the lister
-// reads one that may be damaged, without touching the disk. Tests derive theirs from them.
+// Files that exist only in memory: the assembler builds a compiled script in one, and the lister
+// reads one that may be damaged, without using the disk. Tests derive their own from them.
 
 #ifndef ZEPH_TOOLS_MEMORYFILE_H
 #define ZEPH_TOOLS_MEMORYFILE_H
@@ -9,8 +9,9 @@
 
 #include "base/host/File.h"
 
-// A flat set of named files, whatever the type of a path. Opens and deletes them, and refuses every
-// other operation on names: the classes that read and write compiled scripts need no more.
+// A flat set of named files; the type of a path is ignored. Opens and deletes them, and refuses
+// every other operation on names, because the classes that read and write compiled scripts need no
+// more.
 class MemoryFileManager : public FileManager {
  public:
   explicit MemoryFileManager(ZephApplication* application = nullptr) : FileManager(application) {}
@@ -18,7 +19,7 @@ class MemoryFileManager : public FileManager {
   // Contents by name.
   std::map<std::string, std::string> files;
 
-  // What a file holds; empty for an unknown name.
+  // The content of a file; empty for an unknown name.
   std::string Contents(const std::string& name) const;
 
   File* Open(const char* path, int mode) override;
@@ -62,7 +63,7 @@ class MemoryFileManager : public FileManager {
   char* NormalizeContainedPath(Type, const char*, int*, int*) override { return nullptr; }
 
  protected:
-  // The content of the file to open, null with the reason stored.
+  // The content of the file to open; null with the reason stored.
   std::string* Content(const char* path, int mode);
 
  private:
@@ -70,7 +71,7 @@ class MemoryFileManager : public FileManager {
   File* RefuseFile();
 };
 
-// One open file. Its content may change under it, as a file's on a disk.
+// One open file. Its content may change while it is open, like that of a file on a disk.
 class MemoryFile : public File {
  public:
   // The content is borrowed from the manager.
@@ -79,7 +80,7 @@ class MemoryFile : public File {
 
   int Read(char* buffer, int length) override;
   int Write(const char* text, int length) override;
-  // As on a disk, a place beyond the end is reached all the same.
+  // As on a disk, seeking to a position beyond the end succeeds.
   int Seek(long place) override;
   int Tell() override { return static_cast<int>(position); }
   long Length() override { return static_cast<long>(bytes->size()); }

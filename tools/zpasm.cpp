@@ -1,4 +1,5 @@
-// zpasm: assembles and lists compiled scripts. The work is done by the library beside it.
+// zpasm: assembles and lists compiled scripts. The library of the assembler does the work. Tested
+// in tests/tools/ProgramTest.cpp.
 
 #include <unistd.h>
 
@@ -35,7 +36,7 @@ bool ReadFile(const std::string& path, std::string* bytes) {
   } else {
     std::ifstream file(path, std::ios::binary);
     if (!file || !(text << file.rdbuf()).good()) {
-      // An empty file inserts nothing, which streams call a failure.
+      // An empty file inserts nothing, which streams report as a failure.
       if (!file || file.peek() != std::ifstream::traits_type::eof()) {
         std::cerr << "zpasm: cannot read " << path << ": " << strerror(errno) << "\n";
         return false;
@@ -46,7 +47,8 @@ bool ReadFile(const std::string& path, std::string* bytes) {
   return true;
 }
 
-// Puts the file into its place as a whole: an engine that runs it meets the old one or the new one.
+// Replaces the file in one step: an engine that runs it sees the old file or the new one, never a
+// part.
 bool WriteFile(const std::string& path, const std::string& bytes) {
   if (path == "-") {
     std::cout << bytes;

@@ -1,5 +1,5 @@
-// zpdbf: shows and checks tables and index files. The work is done by the halves, one for each kind
-// of file.
+// zpdbf: shows and checks tables and index files. Each kind of file has its own half, which does
+// the work. Tested in tests/tools/ZpdbfTest.cpp.
 
 #include <filesystem>
 #include <fstream>
@@ -31,7 +31,8 @@ struct FileKind {
   int (*check)(const DumpRequest& request, std::ostream& out, std::ostream& errors);
 };
 
-// Tables begin with a version byte that says little: whatever is nothing else is tried as one.
+// Tables begin with a version byte that several kinds of files may begin with. So every file of no
+// other kind is tried as a table.
 constexpr FileKind kinds[] = {
     {"ZIXI", ShowIndex, CheckIndex},
     {"", ShowTable, CheckTable},
@@ -40,7 +41,8 @@ constexpr FileKind kinds[] = {
 const FileKind& KindOf(const std::string& path) {
   char bytes[8] = {};
   std::ifstream file;
-  // A FIFO would be waited for. What is no file is told by the one that opens it as a table.
+  // Opening a FIFO would wait. For a path that is not a file, opening it as a table reports the
+  // error.
   std::error_code unknown;
   if (std::filesystem::is_regular_file(path, unknown)) file.open(path, std::ios::binary);
   file.read(bytes, sizeof(bytes));

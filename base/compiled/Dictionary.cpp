@@ -1,3 +1,4 @@
+// The table of texts and its section. Tested in tests/base/compiled/DictionaryTest.cpp.
 #include "base/compiled/Dictionary.h"
 
 #include <algorithm>
@@ -29,7 +30,7 @@ constexpr int RecordSize = 8;
 constexpr int BlockStep = 8192;
 constexpr int EntryGrowth = 128;
 
-// A block for that many bytes has room for more, which run-time texts use.
+// A block always has more room than the bytes it is made for, because run-time texts are added.
 int BlockSize(long long length) {
   long long size = length / BlockStep * BlockStep + BlockStep;
   if (size > INT_MAX) throw std::bad_alloc();
@@ -90,7 +91,7 @@ Dictionary::Dictionary(Dictionary& other)
   entries = std::make_unique<TextEntry[]>(static_cast<size_t>(capacity));
   for (int i = 0; i < entry_count; i++) {
     entries[i] = other.entries[i];
-    // Neighbours share a block nearly always.
+    // Neighbouring entries nearly always share a block, so copy_of is rarely needed.
     entries[i].block = i > 0 && other.entries[i].block == other.entries[i - 1].block
                            ? entries[i - 1].block
                            : copy_of(other.entries[i].block);
@@ -119,7 +120,7 @@ int Dictionary::Enter(const char* text, int length, BlockAdd add) {
   if (length == -1) length = text ? static_cast<int>(strlen(text)) : 0;
   if (!text || length < 0) length = 0;
   if (entry_count == capacity) {
-    // A form may have a million names.
+    // Doubles, because a form may have a million names.
     const int more = std::max<int>(capacity, EntryGrowth);
     auto larger = std::make_unique<TextEntry[]>(static_cast<size_t>(capacity + more));
     if (entries) std::copy_n(entries.get(), entry_count, larger.get());
@@ -174,7 +175,7 @@ bool Dictionary::ReadSection(TaggedFile* file) {
   entries = std::make_unique_for_overwrite<TextEntry[]>(static_cast<size_t>(count));
   entry_count = count;
   capacity = count;
-  // A wrong entry is bent until it lies in the data area: it gives a wrong text, never a crash.
+  // Clamps wrong entries to the data area: they give a wrong text, never a crash.
   for (int i = 0; i < count; i++, records += RecordSize) {
     int offset = std::clamp(GetInt32(records), 0, std::max(data_length - 1, 0));
     int length = std::clamp(GetInt32(records + 4), 0, data_length - offset);
@@ -214,13 +215,13 @@ void Dictionary::Compress() {
   long long in_use = 0;
   for (auto* block = blocks.First(); block; block = blocks.Next()) in_use += block->length;
   if (CompressInto(in_use)) return;
-  // Texts that overlapped ("ab" and "bc" in "abc") can need more room one after the other.
+  // Texts that overlapped ("ab" and "bc" in "abc") may need more room one after the other.
   long long texts = 0;
   for (int i = 0; i < entry_count; i++) texts += entries[i].length;
   CompressInto(texts);
 }
 
-// False, with nothing changed, when the texts don't fit into a block of that size.
+// Returns false and changes nothing if the texts do not fit into a block of that size.
 bool Dictionary::CompressInto(long long size) {
   if (size > INT_MAX) throw std::bad_alloc();
   auto packed = std::make_unique<DictionaryDataBlock>(static_cast<int>(size));

@@ -1,5 +1,5 @@
-// Every name and text constant of a compiled script, addressed by number. Code and tables never
-// hold a text: they hold an id of the Dictionary.
+// Dictionary, the names and text constants of a compiled script, addressed by number. Code and
+// tables never hold a text: they hold its id in the Dictionary.
 
 #ifndef ZEPH_BASE_DICTIONARY_H
 #define ZEPH_BASE_DICTIONARY_H
@@ -19,10 +19,10 @@ class DictionaryDataBlock {
   DictionaryDataBlock(const DictionaryDataBlock& other);
   DictionaryDataBlock& operator=(const DictionaryDataBlock&) = delete;
 
-  // The offset of the text in the block: where it stands already, else where it is appended; -1
-  // when there is no room for it. The empty text stands at 0.
+  // The offset of the text in the block. Bytes that are already there are shared, others are
+  // appended; -1 if there is no room. The empty text is at 0.
   int Add(const char* text, int length);
-  // Appends in any case; -1 when there is no room.
+  // Appends without a search; -1 if there is no room.
   int Append(const char* text, int length);
 
   std::unique_ptr<char[]> data;
@@ -34,29 +34,29 @@ class DictionaryDataBlock {
   int Search(const char* text, int text_length) const;
 };
 
-// The table of texts. The application makes one per request and reads it first of all sections; an
-// expression compiled at run time adds to it. Ids are positions and never change. Belongs to one
-// thread.
+// The table of texts. The application makes one for each request and reads it before all other
+// sections; an expression compiled at run time adds to it. Ids are positions and never change.
+// Belongs to one thread.
 class Dictionary {
  public:
   Dictionary();
-  // For the clone of a machine: the same ids over copies of the blocks.
+  // For the clone of a machine: the same ids on copies of the blocks.
   Dictionary(Dictionary& other);
   Dictionary& operator=(const Dictionary&) = delete;
   virtual ~Dictionary();
 
   virtual String& error();
-  // A null String leaves the older text.
+  // A null String keeps the older text.
   virtual void Error(const String& text);
 
-  // Adds a text, not terminated, -1 meaning strlen, and answers its id: always a new one, though
-  // the bytes may be shared.
+  // Adds a text and returns its id, which is always a new one, though the bytes may be shared. A
+  // length of -1 means strlen.
   int Entry_Add(const char* text, int length);
-  // The same without looking for the bytes, for names that come with a request: there are many, and
-  // a dictionary that may be large would be searched for each.
+  // The same without a search for the bytes. For names that come with a request: they can be many,
+  // and the dictionary large.
   int Entry_Append(const char* text, int length);
-  // The text of an id, not terminated, good for the life of the dictionary; *length, if not null,
-  // receives its bytes. Null for what is no id, and *length is left alone.
+  // The text of an id, not terminated, valid for the life of the dictionary; *length, if not null,
+  // receives its count of bytes. Null for an invalid id; *length is then unchanged.
   const char* Entry(int id, int* length) const {
     if (static_cast<unsigned>(id) >= static_cast<unsigned>(entry_count)) return nullptr;
     const TextEntry& entry = entries[id];
@@ -65,14 +65,16 @@ class Dictionary {
   }
   int Entries() const { return entry_count; }
 
-  // The section "dict". Read replaces everything, and leaves its section selected in the file;
-  // after a failure the dictionary is empty. Both report the file's text.
+  // Read and write the section "dict". Read replaces everything and leaves the section selected in
+  // the file; after a failure the dictionary is empty. A failure stores the file's text.
   [[nodiscard]] bool Read(TaggedFile* file);
   [[nodiscard]] bool Write(TaggedFile* file);
-  // Packs all texts into one block, which shares all repeats. Texts handed out before are gone.
+  // Packs all texts into one block in which repeated bytes are shared. Texts returned before are
+  // invalid afterwards.
   void Compress();
 
-  // Bit 0 keeps the machine from logging; the others survive a read and a write.
+  // Bit 0 keeps the machine from logging. Other bits have no meaning and are kept by Read and
+  // Write.
   int flags() const { return flag_word; }
   void SetFlags(int flags) { flag_word = flags; }
 

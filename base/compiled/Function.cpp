@@ -1,3 +1,4 @@
+// Functions and their section. Tested in tests/base/compiled/FunctionTest.cpp.
 #include "base/compiled/Function.h"
 
 #include <cctype>
@@ -163,7 +164,7 @@ const char* FunctionManager::NameOf(int index, int* length) const {
     *length = function->name().length;
     return function->name().data;
   }
-  // What is neither made nor stored is behind the place where a section broke off.
+  // A function that is neither made nor stored is one after the place where a section broke off.
   if (!stored || index >= stored->count) return nullptr;
   const unsigned char* bytes = stored->bytes.get() + stored->offsets[index];
   return stored->Name(*dictionary, GetInt32(bytes), length);
@@ -195,7 +196,8 @@ Function* FunctionManager::Function_Add(const char* name, int length, int flags)
 Function* FunctionManager::Function_Add(Function* other) {
   const String& name = other->name();
   dictionary->Entry_Add(name.data, name.length);
-  // The name id stays the source's, whatever it means here: expressions call by index.
+  // Keeps the source's name id, which has no meaning in this dictionary. That is harmless, because
+  // expressions call by index.
   auto function = std::make_unique<Function>(Functions(), other->flags(), other->nameid(),
                                              name.data, name.length, -1, -1, dictionary);
   auto& list = other->parameters();
@@ -245,8 +247,8 @@ bool FunctionManager::ReadSection(TaggedFile* file) {
          ReadFunctions(file, StoredNameTable::Head::Size + buckets_size + links_size, head.count);
 }
 
-// Walks over the functions, which begin at an offset in the section, and keeps those that are
-// whole.
+// Walks over the functions, which begin at offset start in the section, and keeps the complete
+// ones.
 bool FunctionManager::ReadFunctions(TaggedFile* file, long long start, int count) {
   auto read = std::make_shared<Stored>();
   read->offsets = std::make_unique_for_overwrite<int[]>(static_cast<size_t>(count));
@@ -284,7 +286,7 @@ bool FunctionManager::ReadFunctions(TaggedFile* file, long long start, int count
   return whole;
 }
 
-// Makes the function of an index from the bytes of its section, which have been checked.
+// Makes the function of an index from the bytes of its section, which ReadFunctions has checked.
 Function* FunctionManager::MakeStored(int index) const {
   if (!stored || index >= stored->count) return nullptr;
   const unsigned char* bytes = stored->bytes.get() + stored->offsets[index];

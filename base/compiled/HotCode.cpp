@@ -1,3 +1,5 @@
+// Decodes a segment into records and finds idioms in them. Tested in
+// tests/base/machine/HotCodeTest.cpp.
 #include "base/compiled/HotCode.h"
 
 #include <atomic>
@@ -10,8 +12,8 @@
 
 namespace {
 
-// The most instructions that one idiom has: as many records end the list, so that looking ahead
-// needs no test.
+// The instructions of the longest idiom. That many records end the list, so that looking ahead
+// needs no bounds check.
 const int kLongestIdiom = 8;
 
 HotAction SingleAction(Instruction::Code code) {
@@ -91,7 +93,8 @@ bool IsConstant(HotAction action) {
   return action == HotAction::PushInteger || action == HotAction::PushDouble;
 }
 
-// The action at a distance from another one in the list.
+// Maps an action of the group that begins with `from` to the one at the same place of the group
+// that begins with `to`.
 HotAction Shifted(HotAction action, HotAction from, HotAction to) {
   return static_cast<HotAction>(static_cast<int>(to) + static_cast<int>(action) -
                                 static_cast<int>(from));
@@ -105,7 +108,7 @@ bool IsComparison(HotAction action) {
   return action >= HotAction::Equal && action <= HotAction::GreaterEqual;
 }
 
-// Whether it is a jump on the truth that a comparison leaves.
+// Whether it is a jump on the truth value of a comparison.
 bool IsTest(HotAction action) {
   return action == HotAction::JumpEqual || action == HotAction::JumpNotEqual;
 }
@@ -115,7 +118,7 @@ long NextSerial() {
   return ++last;
 }
 
-// Whether an operation reads both of its operands as numbers, whatever they are.
+// Whether an operation reads both of its operands as numbers, whatever their types.
 bool IsNumeric(HotAction action) {
   return action >= HotAction::Add && action <= HotAction::Mod;
 }
@@ -137,7 +140,7 @@ HotCode::HotCode(const unsigned char* code, int length, const Dictionary& dictio
 void HotCode::Decode(const unsigned char* code, int length, const Dictionary& dictionary) {
   records.assign(static_cast<size_t>(length) + 1, -1);
   int at = 0;
-  // The machine takes a last byte alone for the end.
+  // A single last byte counts as the end of the code, as in the machine's loop.
   while (at < length - 1) {
     HotOp op;
     op.start = at;
@@ -169,7 +172,8 @@ void HotCode::Decode(const unsigned char* code, int length, const Dictionary& di
   ops.insert(ops.end(), kLongestIdiom, end);
 }
 
-// A jump to where no instruction begins, seen from the start, is left to the machine.
+// Resolves the targets of jumps. A jump to an offset at which this decoding has no instruction is
+// left to the machine's loop.
 void HotCode::FindTargets(int length) {
   for (size_t i = 0; i + kLongestIdiom < ops.size(); i++) {
     HotOp& op = ops[i];
@@ -185,7 +189,7 @@ void HotCode::FindTargets(int length) {
   }
 }
 
-// The number of a function that is called in decoded code is one.
+// Leaves calls of invalid function numbers to the machine's loop, so that Call needs no check.
 void HotCode::LeaveBadCalls(const FunctionManager* functions) {
   const int count = functions ? functions->Functions() : 0;
   for (HotOp& op : ops) {
@@ -197,7 +201,8 @@ void HotCode::LeaveBadCalls(const FunctionManager* functions) {
 
 namespace {
 
-// What an instruction takes off the stack and puts on it; false where that is not known here.
+// How many entries an instruction takes off the stack and puts on it; false if that is not known
+// here.
 bool StackEffect(const HotOp& op, const FunctionManager* functions, int* taken, int* put) {
   *put = 1;
   *taken = 0;
@@ -224,7 +229,7 @@ bool StackEffect(const HotOp& op, const FunctionManager* functions, int* taken, 
 
 }  // namespace
 
-// Follows the value that lies on top in front of an instruction to the one that takes it.
+// Follows the value on top of the stack before instruction i to the instruction that takes it.
 bool HotCode::IsUsedAsNumber(size_t i, const FunctionManager* functions) const {
   int above = 0;  // entries above the value
   for (; i + kLongestIdiom <= ops.size(); i++) {
@@ -328,7 +333,7 @@ HotAction HotCode::IdiomOfVariables(size_t i) const {
   return HotAction::PushVariable;
 }
 
-// The variable is on top: "dup", another operand, an operation, "swap", "store".
+// An update of the variable on top is "dup", another operand, an operation, "swap", "store".
 HotAction HotCode::Update(size_t i) const {
   const HotAction operation = ops[i + 2].single;
   if (!IsArithmetic(operation) || !Is(i + 3, HotAction::Swap) || !Is(i + 4, HotAction::Store)) {

@@ -1,11 +1,10 @@
-// Code that runs often, decoded once. The machine runs a segment's bytes as they stand; when it has
-// come back to them a few times, it makes this of them: one record for each instruction, and where
-// some instructions in a row are a usual idiom, such as a comparison with a jump behind it, an
-// action that does them all at once.
+// HotCode, code that runs often, decoded once. The machine first runs the bytes of a segment
+// directly. When it has come back to them a few times it decodes them into one record for each
+// instruction. A common sequence of instructions, such as a comparison followed by a jump, gets a
+// single action that does them all.
 //
-// Nothing that a script can observe depends on it. An action does what can be done without an
-// error, on ordinary variables; in any other case the instruction is left to the machine's loop,
-// one by one.
+// A script cannot observe the difference. An action handles the cases that cannot fail, on ordinary
+// variables; in all other cases the machine's loop runs the instructions one by one.
 
 #ifndef ZEPH_BASE_HOTCODE_H
 #define ZEPH_BASE_HOTCODE_H
@@ -18,27 +17,27 @@
 class Dictionary;
 class FunctionManager;
 
-// What the hot loop (base/machine/ZephVM_Hot.cpp) does at an instruction, or at several: ACTION is
-// defined by whoever lists them.
+// The actions of the hot loop (base/machine/ZephVM_Hot.cpp), each for one instruction or several. A
+// file that uses the list defines ACTION first.
 //
-//   Leave                         nothing: it is left to the machine's loop
+//   Leave                         nothing: the machine's loop runs it
 //   Handler                       one instruction, by the machine's own handler
 //   Push..., Pop, ..., Return     one instruction
-//   ReturnVariable                the value of a local variable, and the return with it
+//   ReturnVariable                the value of a local variable, and the return of it
 //   ...VariableConstant           a variable, a constant, and an operation on the two
 //   ...VariableConstantJump       the same, with a jump on the outcome
 //   ...VariableConstantCall       the same, with a call of a function that takes the outcome
-//   ...Variables, ...VariablesJump  the same of two variables
-//   ...Constant, ...Variable      a constant or a variable, and an operation on the top and it
+//   ...Variables, ...VariablesJump  the same with two variables
+//   ...Constant, ...Variable      a constant or variable, and an operation on the top and it
 //   ...ConstantJump               a constant, a comparison of the top with it, and a jump on it
 //   Out...                        a constant text or a variable, written to the output
-//   OutRounded                    a constant, the top rounded to so many decimals and written
-//   Concatenate...                a constant text or a variable, put behind the text on top
+//   OutRounded                    a constant, and the top rounded to so many decimals and written
+//   Concatenate...                a constant text or a variable, appended to the text on top
 //   ConcatenateTextVariable       a constant text, a variable, and the two together
-//   ConcatenateVariableText       the same in the other order, where the variable has a long text
+//   ConcatenateVariableText       the same in the other order, if the variable has a long text
 //   ...Element                    an element of an array, and an operation on the top and it
 //   ...Pop                        an operation, and its outcome stored in a variable
-//   ...Return                     an operation, and the return with its outcome
+//   ...Return                     an operation, and the return of its outcome
 //   Update...Constant/Variable    an operation on the variable on top and something else, and its
 //                                 outcome stored in the variable
 //   Compare...Jump, ModGlobalsJump  a comparison or a division of globals, and a jump on it
@@ -48,7 +47,8 @@ class FunctionManager;
 //   Member...OfVariable           a structure in a variable, a constant name, and the member
 //   ...OfVariableUpdate           the same, with an update of the element or member
 //
-// Operations on doubles, and comparisons, stand in the same order wherever they do.
+// Operations on doubles, and comparisons, are in the same order in every group: see Shifted in
+// HotCode.cpp.
 // clang-format off
 #define ZEPH_HOT_UPDATES                                                                             \
   ACTION(UpdateAddConstant) ACTION(UpdateSubConstant)                                                \
@@ -97,9 +97,8 @@ class FunctionManager;
   ACTION(ElementOfVariableUpdate) ACTION(MemberOfVariableUpdate)
 // clang-format on
 
-// Instructions that the hot loop runs by the machine's handler of that name: those that are
-// frequent, too long to stand in line, and change nothing of the machine but its stack and its
-// flags.
+// Instructions that the hot loop runs with the machine's handler of that name. They are frequent,
+// too long to be in line, and change nothing of the machine but its stack and its flags.
 // clang-format off
 #define ZEPH_HOT_HANDLERS                                                                            \
   HANDLER(out) HANDLER(out_comp) HANDLER(rounds) HANDLER(roundf) HANDLER(isnull)                     \
@@ -117,10 +116,10 @@ struct HotOp {
   HotAction action = HotAction::Leave;
   HotAction single = HotAction::Leave;  // the action for this instruction alone
   bool local = false;                   // whether a variable's position is one of the locals
-  // Whether the value of the call in front of this instruction is used as a number, by an operation
-  // that is sure to come, and in no other way.
+  // Whether the result of the call before this instruction is used only as a number, by an
+  // operation that is certain to be reached.
   bool after_number = false;
-  // Of a jump, on which orders it is made: bit 0 for less, 1 for equal, 2 for greater.
+  // The orders on which a jump is made: bit 0 for less, 1 for equal, 2 for greater.
   unsigned char orders = 0;
   unsigned short code = 0;  // the instruction's number, see base/compiled/Instructions.h
   int start = 0;            // offset of the instruction in the segment
@@ -136,15 +135,17 @@ struct HotOp {
 
 class HotCode {
  public:
-  // Decodes that many bytes of code, which have 16 further bytes behind them. The texts of
-  // constants stay the dictionary's. The functions may be null: nothing is known of calls then.
+  // Decodes that many bytes of code. Borrows the texts of constants from the dictionary. The
+  // functions may be null; calls are then left to the machine's loop. REQUIRES: 16 more bytes after
+  // the code may be read.
   HotCode(const unsigned char* code, int length, const Dictionary& dictionary,
           const FunctionManager* functions);
 
-  // Told apart from all other decoded code, also from what is gone; above 0.
+  // A number above 0 that no other HotCode has or had, so that a cache can tell deleted code from
+  // code at the same address.
   long serial() const { return code_serial; }
 
-  // The record of the instruction at an offset; null where none begins.
+  // The record of the instruction at an offset; null if none begins there.
   const HotOp* At(int offset) const {
     if (static_cast<unsigned>(offset) >= static_cast<unsigned>(records.size())) return nullptr;
     const int record = records[static_cast<size_t>(offset)];
@@ -168,7 +169,7 @@ class HotCode {
   bool IsOut(size_t i) const { return IsHandler(i, Instruction::code_out); }
 
   long code_serial;
-  std::vector<HotOp> ops;    // the last ones, behind the code, leave
+  std::vector<HotOp> ops;    // the last ones, after the code, are Leave
   std::vector<int> records;  // by offset, -1 where no instruction begins
 };
 

@@ -1,3 +1,4 @@
+// The table of instructions and its look-ups. Tested in tests/base/compiled/InstructionsTest.cpp.
 #include "base/compiled/Instructions.h"
 
 #include <algorithm>
@@ -23,7 +24,7 @@ constexpr int OperandSize(Operand operand) {
   return operand == Operand::None ? 0 : operand == Operand::Double ? 8 : 4;
 }
 
-// The operands of the list and those that the words declare are told twice; they must agree.
+// Both the list and the top bits of a word declare the operands; they must agree.
 constexpr bool OperandsMatchWords() {
   for (const Row& row : rows) {
     if (FirstOperandSize(row.word) != OperandSize(row.first)) return false;

@@ -1,6 +1,6 @@
-// What is known of every instruction without running it: word, name, operands. The machine's
-// switch, the listing of a segment and the assembler all come from the one list in
-// base/compiled/Instructions.def, so that none of them can fall out of step.
+// The table of instructions: word, name, operands. The machine's switch, the listing of a segment
+// and the assembler are all made from the one list in base/compiled/Instructions.def, so that they
+// cannot disagree.
 
 #ifndef ZEPH_BASE_INSTRUCTIONS_H
 #define ZEPH_BASE_INSTRUCTIONS_H
@@ -16,18 +16,18 @@ enum Word : unsigned short {
 #undef INSTRUCTION
 };
 
-// What an operand means. Double takes 8 bytes in code, None nothing, all others are signed
-// integers of 4 bytes.
+// The kind of an operand. Double has 8 bytes in code, None has none, all others are signed integers
+// of 4 bytes.
 enum class Operand : unsigned char {
   None,
-  Number,    // as it stands
-  Double,    // as it stands
+  Number,    // an integer constant
+  Double,    // a double constant
   Text,      // dictionary id
   System,    // position in the file's table of system variables
   Global,    // position in the file's table of global variables
   Local,     // position in the function's table of local variables
   Function,  // index of a function
-  Distance,  // signed, added to the offset of the byte behind all operands
+  Distance,  // signed, added to the offset of the byte after all operands
 };
 
 // One instruction. Rows live for ever.
@@ -36,22 +36,21 @@ struct Row {
   const char* name;  // NUL-terminated, unique
   Operand first;
   Operand second;
-  bool listed;         // whether Segment::Dump knows it
-  const char* effect;  // the stack before and after, and what happens
+  bool listed;         // whether Segment::Dump shows it by name
+  const char* effect;  // the stack before and after, and the action
 };
 
-// Rows in the order of the list, for walks over all of them.
+// All rows, in the order of the list.
 extern const Row* const Rows;
 extern const int RowCount;
 
-// The row of a word, null for what is no instruction. Constant time.
+// The row of a word, null if it is not an instruction. Constant time.
 const Row* Find(unsigned short word);
 
-// The row of a name, by case; null for an unknown one. The name needn't be terminated; a length of
-// -1 means strlen.
+// The row of a name, with regard to case; null for an unknown name. A length of -1 means strlen.
 const Row* Find(const char* name, int length);
 
-// Bytes of the operands that a word's top bits declare, whether or not it is an instruction.
+// Bytes of the operands that a word's top bits declare, even if it is not an instruction.
 constexpr int FirstOperandSize(unsigned short word) {
   return (word & 0xC000) == 0x4000 ? 4 : (word & 0xC000) == 0x8000 ? 8 : 0;
 }
@@ -63,8 +62,8 @@ constexpr int OperandSize(unsigned short word) {
   return FirstOperandSize(word) + SecondOperandSize(word);
 }
 
-// The instructions, numbered from 1 on in the order of the list: what the machine switches on.
-// CodeOf is 0 for a word that is none; the table has a byte for every word.
+// The instructions, numbered from 1 in the order of the list, for the machine's switch. CodeOf is 0
+// for a word that is not an instruction; the table has a byte for every word.
 enum Code : unsigned char {
   code_none,
 #define INSTRUCTION(word, identifier, name, first, second, listed, effect) code_##identifier,

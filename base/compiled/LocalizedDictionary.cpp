@@ -1,3 +1,5 @@
+// The pieces of localized texts and their section. Tested in
+// tests/base/compiled/LocalizedDictionaryTest.cpp.
 #include "base/compiled/LocalizedDictionary.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // The pieces of localized texts. A text is a chain of pieces: literal text, and the names of
-// parameters that the script sets just before.
+// parameters that the script sets just before it uses the text.
 
 #ifndef ZEPH_BASE_LOCALIZEDDICTIONARY_H
 #define ZEPH_BASE_LOCALIZEDDICTIONARY_H
@@ -14,7 +14,7 @@ class TaggedFile;
 class LocalizedDictionary {
  public:
   struct Piece {
-    int literal;  // not 0: the text is written as it is; 0: it is a parameter's name
+    int literal;  // not 0: the text is written unchanged; 0: it is a parameter's name
     int text;     // dictionary id
     int next;     // index of the next piece, -1 at the end
   };
@@ -26,20 +26,20 @@ class LocalizedDictionary {
   virtual ~LocalizedDictionary();
 
   virtual String& error();
-  // A null String leaves the older text.
+  // A null String keeps the older text.
   virtual void Error(const String& text);
 
-  // Adds a piece and answers its index.
+  // Adds a piece and returns its index.
   int Entry_Add(int literal, int text, int next);
-  // The piece, good until the next Entry_Add; null for an index that is none. A file can chain
-  // pieces into a circle: whoever follows next has to count, there are Entries() pieces at most.
+  // The piece, valid until the next Entry_Add; null for an invalid index. A damaged file can chain
+  // pieces into a circle, so a caller that follows next stops after Entries() pieces.
   Piece* Entry(int index) {
     if (static_cast<unsigned>(index) >= static_cast<unsigned>(count)) return nullptr;
     return &pieces[index];
   }
   int Entries() const { return count; }
 
-  // The section "locd". Both report the file's text.
+  // Read and write the section "locd". A failure stores the file's text.
   [[nodiscard]] bool Read(TaggedFile* file);
   [[nodiscard]] bool Write(TaggedFile* file);
 

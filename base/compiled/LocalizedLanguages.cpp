@@ -1,3 +1,5 @@
+// Languages, their indexes and the sections of both. Tested in
+// tests/base/compiled/LocalizedLanguagesTest.cpp.
 #include "base/compiled/LocalizedLanguages.h"
 
 #include <algorithm>
@@ -32,7 +34,7 @@ constexpr int TokenGrowth = 128;
 constexpr unsigned FirstVersionWithIndexes = 0x10008;
 constexpr int SingleIndexTag = 0;
 
-// The bytes "LX" and the language's number.
+// The tag of an index: the bytes "LX" and the language's number.
 int IndexTag(int number) {
   return static_cast<int>(static_cast<unsigned>(number) << 16 | 0x584C);
 }
@@ -210,7 +212,7 @@ void LocalizedLanguages::NeedIndex(int number) {
   LanguageEntry& entry = entries[number];
   if (entry.index || !file) return;
   entry.index = new LocalizedIndex(number, dictionary);
-  // A language whose index is missing or broken has no texts: the default language steps in.
+  // A language whose index is missing or broken has no texts, so the default language is used.
   static_cast<void>(entry.index->Read(file, IndexTag(number)));
   file->Deactivate();
 }
@@ -253,7 +255,7 @@ LocalizedIndex::TokenEntry* LocalizedLanguages::Get_Entry(int token) {
   return TokenIn(default_language, token);
 }
 
-// The index of a language that is going to be added to or written.
+// The index of a language, made if there is none, to add to it or to write it.
 LocalizedIndex* LocalizedLanguages::OwnIndex(int number) {
   NeedIndex(number);
   LanguageEntry& entry = entries[number];

@@ -1,6 +1,6 @@
-// Where the texts of each language begin. A localized text is asked for by a token, found in the
-// language that the script has set or else in the default language, and then followed through the
-// LocalizedDictionary.
+// The places where the localized texts of each language begin. A script names a text by a token.
+// The token is looked up in the language that the script has set, then in the default language, and
+// gives the first piece in the LocalizedDictionary.
 
 #ifndef ZEPH_BASE_LOCALIZEDLANGUAGES_H
 #define ZEPH_BASE_LOCALIZEDLANGUAGES_H
@@ -15,7 +15,7 @@ class Dictionary;
 class TaggedFile;
 class ZephApplication;
 
-// The tokens of one language. Names are the tokens' texts, without regard to case.
+// The tokens of one language, found by their texts without regard to case.
 class LocalizedIndex {
  public:
   struct TokenEntry {
@@ -35,17 +35,17 @@ class LocalizedIndex {
   // A null String leaves the older text.
   virtual void Error(const String& text);
 
-  // Adds a token and answers the entry's number.
+  // Adds a token and returns the entry's number.
   int Add_Entry(int token, int first);
-  // The entry with the same text as the token, null for none. Good until the next Add_Entry.
+  // The entry with the same text as the token, or null. Valid until the next Add_Entry.
   TokenEntry* Get_Entry(int token);
-  // By position; null for what is no entry.
+  // The entry at a position; null for an invalid one.
   TokenEntry* Index(int number);
   int hash(const char* name, int length) const;
 
-  // The section of that tag. In files older than version 0x10008 the only index has tag 0, and is
-  // read in place of one that is not there. Both report the file's text; a failed Read leaves the
-  // index as it was.
+  // Read and write the section of that tag. In files older than version 0x10008 the only index has
+  // tag 0 and is read instead of a missing one. A failure stores the file's text; a failed Read
+  // leaves the index unchanged.
   [[nodiscard]] bool Read(TaggedFile* file, int tag);
   [[nodiscard]] bool Write(TaggedFile* file, int tag);
 
@@ -60,8 +60,8 @@ class LocalizedIndex {
   String error_text;
 };
 
-// The languages of a script, and their indexes, each read from the file when it is first needed.
-// Read with the script; belongs to one machine.
+// The languages of a script and their indexes. The languages are read with the script, an index
+// when it is first needed. Belongs to one machine.
 class LocalizedLanguages {
  public:
   struct LanguageEntry {
@@ -69,10 +69,11 @@ class LocalizedLanguages {
     LocalizedIndex* index;  // owned by the table; null until read
   };
 
-  // All borrowed; file may be null, then no index is read. bits is log2 of the bucket count.
+  // Borrows all three objects. file may be null; no index is read then. bits is log2 of the bucket
+  // count.
   LocalizedLanguages(ZephApplication* application, Dictionary* dictionary, TaggedFile* file,
                      int bits, int capacity);
-  // For the clone of a machine: the languages with the indexes that have been read, on another
+  // For the clone of a machine: copies the languages and the indexes read so far, on another
   // dictionary with the same ids. The copy has no file.
   LocalizedLanguages(ZephApplication* application, Dictionary* dictionary,
                      const LocalizedLanguages& other);
@@ -85,26 +86,28 @@ class LocalizedLanguages {
   // A null String leaves the older text.
   virtual void Error(const String& text);
 
-  // The section "locl", from the file of the constructor. Write appends it, and then the indexes:
-  // all, or in a file older than version 0x10008 the first alone. Both report the file's text.
+  // Read reads the section "locl" from the file of the constructor. Write appends it and the
+  // indexes to a file: all of them, or only the first for a version older than 0x10008. A failure
+  // stores the file's text.
   [[nodiscard]] bool Read();
   [[nodiscard]] bool Write(TaggedFile* file);
 
-  // A language by name or by dictionary id, with its index read; null for one that is not there.
-  // An index that cannot be read is an empty one. Good until a language is added.
+  // A language by name or by dictionary id, or null. Reads its index; one that cannot be read is
+  // empty. Valid until a language is added.
   LanguageEntry* Get_Language_Entry(const char* name, int length);
   LanguageEntry* Get_Language_Entry(int id);
-  // By position, whether or not its index has been read; null for what is no language.
+  // The language at a position, with its index read or not; null for an invalid position.
   LanguageEntry* Index(int number);
 
-  // The token in the application's current language, else in its default language, else null.
+  // The token in the application's current language, or else in its default language, or else null.
   LocalizedIndex::TokenEntry* Get_Entry(int token);
-  // The token in one language, both dictionary ids. What does not exist is made, the entry with
-  // first piece -1.
+  // The token in one language; both are dictionary ids. Makes a missing language and a missing
+  // entry, the latter with first piece -1.
   LocalizedIndex::TokenEntry* Get_Entry(int language, int token);
 
-  // For the writer. A language answers its number, a token its entry's number in its language. The
-  // last form adds both texts to the dictionary; a length of -1 means strlen.
+  // For the writer of a file. The first form adds a language and returns its number; the others add
+  // a token and return its number in the language. The last form adds both texts to the dictionary;
+  // a length of -1 means strlen.
   int Add_Entry(int language);
   int Add_Entry(int language, int token, int first);
   int Add_Entry(const char* language, int language_length, const char* token, int token_length,
@@ -127,7 +130,8 @@ class LocalizedLanguages {
   ZephApplication* application;
   Dictionary* dictionary;
   TaggedFile* file;
-  // The languages last asked for, by position (-1: not there), and the application's counts then.
+  // The positions of the current and the default language as last resolved (-1: not there), and the
+  // application's counters at that time.
   int current_language = -1;
   int current_count = 0;
   int default_language = -1;

@@ -1,3 +1,4 @@
+// Code segments and their section. Tested in tests/base/compiled/SegmentTest.cpp.
 #include "base/compiled/Segment.h"
 
 #include <algorithm>
@@ -22,7 +23,7 @@ namespace {
 //
 //  0              4          count of segments
 //  4              4          number of the start segment
-//  8              8 * count  table: offset behind the table (4), length (4)
+//  8              8 * count  table: offset after the table's end (4), length (4)
 //  8 + 8 * count             code
 constexpr int SegmentsTag = MakeTag("segs");
 constexpr int HeadSize = 8;
@@ -190,7 +191,7 @@ void Segment::Dump(const char* path, const char* expression, int length) const {
     int second = Instruction::SecondOperandSize(word);
     fprintf(file, "%d\t", position);
     if (row && row->listed) {
-      // Operands cut off at the end are read from the padding.
+      // Operands that are cut off at the end are read from the padding.
       fprintf(file, "%s\t", row->name);
       DumpOperand(file, "", bytes + 2, first);
       DumpOperand(file, ", ", bytes + 2 + first, second);
@@ -205,7 +206,7 @@ void Segment::Dump(const char* path, const char* expression, int length) const {
 
 // --- SegmentManager ------------------------------------------------------------------------------
 
-// A section whose rows share their code.
+// The bytes of a section whose rows share their code.
 struct SegmentManager::SharedCode {
   struct Row {
     int offset;
@@ -285,7 +286,7 @@ bool SegmentManager::ReadSection(TaggedFile* file) {
   long long table_size = RecordSize * static_cast<long long>(count);
   const unsigned char* bytes = file->Section_View(HeadSize, table_size, &scratch);
   if (!bytes) return false;
-  // Copied, since reading the code may move the window away from the table.
+  // Copied, because reading the code may move the window away from the table.
   std::string table(reinterpret_cast<const char*>(bytes), static_cast<size_t>(table_size));
 
   segments = std::make_unique<std::unique_ptr<Segment>[]>(static_cast<size_t>(count));
@@ -302,7 +303,7 @@ bool SegmentManager::ReadSection(TaggedFile* file) {
     const int length = GetInt32(record + 4);
     if (!file->Section_Holds(offset, length)) return false;
     total += length;
-    // Only rows that share bytes have more of them than the section.
+    // The sum can exceed the section only if rows share bytes.
     if (!file->Section_Holds(0, total)) return ReadShared(file, table);
     segments[i] = std::make_unique<Segment>(i, length);
     if (!segments[i]->Read(file, SegmentsTag, static_cast<int>(offset))) return false;
@@ -310,7 +311,7 @@ bool SegmentManager::ReadSection(TaggedFile* file) {
   return true;
 }
 
-// The segments from the first one that is missing on are left to MakeLate.
+// Keeps the whole section. MakeLate makes the segments that ReadSection has not made yet.
 bool SegmentManager::ReadShared(TaggedFile* file, const std::string& table) {
   const long long code_start = HeadSize + static_cast<long long>(table.size());
   auto shared = std::make_shared<SharedCode>();

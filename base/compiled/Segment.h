@@ -1,5 +1,5 @@
-// Code. A Segment is a growable array of instructions in the machine's encoding, run in place as it
-// was read; the SegmentManager owns the numbered segments of a script.
+// Code. A Segment is a growable array of instructions in the machine's encoding, which the machine
+// runs in place; the SegmentManager owns the numbered segments of a script.
 
 #ifndef ZEPH_BASE_SEGMENT_H
 #define ZEPH_BASE_SEGMENT_H
@@ -16,8 +16,8 @@ class TaggedFile;
 
 // One run of code. Positions and lengths are bytes.
 //
-// Behind the code there are always Padding zero bytes: the machine fetches operands without a
-// bounds check, and an instruction cut off at the segment's end finds zeros.
+// The code is always followed by Padding zero bytes. The machine fetches operands without a bounds
+// check, and an instruction that is cut off at the segment's end reads zeros.
 class Segment {
  public:
   static constexpr int Padding = 16;  // two operands of 8 bytes
@@ -27,7 +27,7 @@ class Segment {
 
   // An empty segment with room for Growth bytes.
   explicit Segment(int number);
-  // A segment of that many zero bytes, all in use. A negative length is 0.
+  // A segment of that many zero bytes, all in use. A negative length counts as 0.
   Segment(int number, int length);
   // A segment with a copy of that many bytes.
   Segment(int number, const unsigned char* bytes, int length);
@@ -35,40 +35,41 @@ class Segment {
   Segment& operator=(const Segment&) = delete;
   virtual ~Segment();
 
-  // Store a value low byte first, growing the segment as needed; a gap is filled with zeros.
-  // Answer the position behind it, or -1 when the position is negative or beyond what a segment
-  // can hold, and nothing is written.
+  // Write a value low byte first and grow the segment as needed; a gap is filled with zeros. Return
+  // the position after the value. Return -1 and write nothing if the position is negative or more
+  // than a segment can hold.
   int Write_Byte(int position, unsigned char value);
   int Write_Word(int position, unsigned short value);
   int Write_Dword(int position, unsigned int value);
   int Write_Double(int position, double value);
 
-  // Read a value. Answer the position behind it, or -1 when it doesn't lie wholly within the
-  // length, and *value is left alone.
+  // Read a value. Return the position after it. Return -1 and leave *value unchanged if the value
+  // is not wholly within the length.
   int Read_Byte(int position, unsigned char* value) const;
   int Read_Word(int position, unsigned short* value) const;
   int Read_Dword(int position, unsigned int* value) const;
   int Read_Double(int position, double* value) const;
 
-  // Makes room for an end position of size: nothing below the capacity, else the next multiple of
-  // Growth. The length stays. The memory at least doubles, so that code of any length is written in
-  // linear time.
+  // Makes room for an end position of size. Does nothing if size is below the capacity; otherwise
+  // the capacity becomes the next multiple of Growth. The length stays. The memory at least
+  // doubles, so that code of any length is written in linear time.
   void Grow(int size);
 
-  // Gives back the room that is not in use, for code that is complete.
+  // Frees the unused room, for code that is complete.
   void Trim();
 
-  // Fills the whole length from a section at an offset; appends it to the section being written.
-  // False when fewer bytes were moved.
+  // Read fills the whole length from an offset in a section; Write appends the code to the section
+  // being written. False if fewer bytes were read or written.
   [[nodiscard]] bool Read(TaggedFile* file, int tag, int offset);
   [[nodiscard]] bool Write(TaggedFile* file) const;
 
-  // Writes a listing to a file, for debugging an expression; the expression heads it. A file that
-  // cannot be made is passed over in silence.
+  // Writes a listing to a file, headed by the expression, for debugging an expression. Does nothing
+  // if the file cannot be made.
   void Dump(const char* path, const char* expression, int length) const;
 
-  // The machine comes back to code that it has run before: from the Repeats-th time on there is the
-  // decoded form of a segment that is not too long for it. A write drops it.
+  // The machine calls this when it comes back to code that it has run before. The Repeats-th call
+  // makes the decoded form, unless the segment is longer than LongestHot. A write to the segment
+  // drops it.
   void NoteRepeat(const Dictionary& dictionary, const FunctionManager* functions) {
     if (repeats < Repeats && ++repeats == Repeats) MakeHot(dictionary, functions);
   }
@@ -80,7 +81,7 @@ class Segment {
   int length() const { return data_length; }
 
  private:
-  // The bytes at a position about to be written, null when there can be none.
+  // The bytes at a position that is about to be written, null if the segment cannot hold it.
   unsigned char* Place(int position, int size);
   bool Holds(int position, int size) const {
     return position >= 0 && size <= data_length && position <= data_length - size;
@@ -98,11 +99,11 @@ class Segment {
   int repeats = 0;
 };
 
-// The segments of a script. A number stays good for as long as the manager lives. Belongs to one
-// machine, a clone's to the clone.
+// The segments of a script. A number is valid for the life of the manager. Belongs to one machine;
+// a clone has its own.
 class SegmentManager {
  public:
-  // One segment, the start, which Start() makes.
+  // Has one segment, the start, which Start() makes when it is needed.
   SegmentManager();
   // For the clone of a machine: copies every segment.
   SegmentManager(const SegmentManager& other);
@@ -110,10 +111,11 @@ class SegmentManager {
   virtual ~SegmentManager();
 
   virtual String& error();
-  // A null String leaves the older text.
+  // A null String keeps the older text.
   virtual void Error(const String& text);
 
-  // The segment where execution begins, made empty if its place is. Owned by the manager.
+  // The segment where execution begins; an empty one is made if there is none. Owned by the
+  // manager.
   Segment* Start();
   // A new empty segment with the next number. Owned by the manager.
   Segment* Segment_Add();
@@ -124,18 +126,19 @@ class SegmentManager {
     return found || !shared_code ? found : MakeLate(number);
   }
 
-  // The section "segs". A count below 1, a start that is no segment, or code that does not lie in
-  // the section fails with the file's text; the segments read so far stay.
+  // Read and write the section "segs". Read fails with the file's text if the count is below 1, if
+  // the start is not a segment, or if code is outside the section; the segments read so far stay.
   //
-  // Rows of the table may share their code. Where they do, in sum, more than a little, the section
-  // is kept as it is, and a segment gets its copy when it is first looked up: memory goes by the
-  // section's length and by the segments that are in use, and not by what a table states.
+  // Rows of the table may share their code. If their lengths add up to more than the section has,
+  // the section's bytes are kept and a segment is copied when it is first looked up. The memory
+  // used then depends on the section's length and the segments in use, not on lengths that a file
+  // states.
   [[nodiscard]] bool Read(TaggedFile* file);
   [[nodiscard]] bool Write(TaggedFile* file);
 
   int Segments() const { return segment_count; }
   int start() const { return start_number; }
-  // Ignores what is no segment.
+  // Ignores an invalid number.
   void SetStart(int number) {
     if (number >= 0 && number < segment_count) start_number = number;
   }
@@ -148,12 +151,12 @@ class SegmentManager {
   Segment* MakeLate(int number) const;
   void MakeArray();
 
-  std::unique_ptr<std::unique_ptr<Segment>[]> segments;  // made at first need
+  std::unique_ptr<std::unique_ptr<Segment>[]> segments;  // made when first needed
   int array_capacity = 64;
   int segment_count = 1;
   int start_number = 0;
   String error_text;
-  // Read only, so that a clone may have it too; null unless rows share their code.
+  // Never changed, so that clones share it; null unless rows share their code.
   std::shared_ptr<const SharedCode> shared_code;
 };
 

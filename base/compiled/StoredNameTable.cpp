@@ -1,3 +1,4 @@
+// The stored hash table of names. Tested in tests/base/compiled/StoredNameTableTest.cpp.
 #include "base/compiled/StoredNameTable.h"
 
 #include "base/core/LittleEndian.h"
@@ -94,8 +95,8 @@ void StoredNameTable::Read(const Head& head, const unsigned char* buckets,
       heads[bucket.number] = bucket.first;
     } else {
       stored[stored_count++] = bucket;
-      // Every known writer goes by ascending bucket; any other order needs the array, where the
-      // last record of a bucket stands.
+      // Known writers store ascending buckets. Any other order needs the array, in which the last
+      // record of a bucket wins.
       if (stored_count > 1 && stored[stored_count - 2].number >= bucket.number) MakeHeads();
     }
   }

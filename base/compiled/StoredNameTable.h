@@ -1,7 +1,7 @@
-// The hash table of names as compiled files store it: functions, languages, tokens and variables
-// are all found this way. A bucket has the index of its first entry, each entry the index of the
-// next one, and chains are sorted by name length, then by memcmpi. Tables are taken from the file
-// as they stand and never rebuilt.
+// The hash table of names as compiled files store it, for functions, languages, tokens and
+// variables. A bucket has the index of its first entry, each entry the index of the next one, and
+// chains are sorted by name length, then by memcmpi. Tables from a file are used unchanged and
+// never rebuilt.
 
 #ifndef ZEPH_BASE_STOREDNAMETABLE_H
 #define ZEPH_BASE_STOREDNAMETABLE_H
@@ -13,20 +13,21 @@
 
 #include "base/core/memcmpi.h"
 
-// Order of names in a chain: below 0, 0 or above 0.
+// The order of two names in a chain: below 0, 0 or above 0.
 inline int CompareNames(const char* a, int a_length, const char* b, int b_length) {
   if (a_length != b_length) return a_length < b_length ? -1 : 1;
   return memcmpi(a, b, static_cast<size_t>(a_length));
 }
 
-// Buckets and chains, for an owner that has the entries and their names. Belongs to one thread.
+// Buckets and chains, for an owner that holds the entries and their names. Belongs to one thread.
 //
-// A file can state any head and any link. What points outside the entries, or into an endless
-// chain, ends a walk: no content of a file makes a lookup fail in another way than "not found".
+// A file can state any head and any link. A link outside the entries ends a walk, and so does a
+// chain longer than the count of entries: whatever a file holds, the worst result of a lookup is
+// "not found".
 //
-// A request makes several of these and reads most of them only to throw them away, so nothing is
-// allocated before the first entry, and a table from a file keeps the few buckets it has as a
-// sorted list. The array over all buckets is made at the first insertion.
+// A request makes several tables and never uses most of them. Therefore nothing is allocated before
+// the first entry, and a table from a file keeps its few buckets as a sorted list. The array of all
+// buckets is made at the first insertion.
 class StoredNameTable {
  public:
   // Bucket numbers have 16 bits in the file.
@@ -46,7 +47,7 @@ class StoredNameTable {
   // A bucket in the file: its number (2 bytes) and its first entry (4 bytes).
   static constexpr int BucketSize = 6;
 
-  // bits is 0 to MaxBits; capacity is the number of entries to make room for at first.
+  // bits is 0 to MaxBits; capacity is the count of entries to make room for at first.
   StoredNameTable(int bits, int capacity);
   StoredNameTable(const StoredNameTable& other);
   StoredNameTable& operator=(const StoredNameTable&) = delete;
@@ -56,16 +57,17 @@ class StoredNameTable {
   int buckets_used() const { return used; }
   int capacity() const { return chain_capacity; }
   int count() const { return entry_count; }
-  // The next entry of the same bucket; -1 ends the chain. entry must be an entry.
+  // The next entry of the same bucket; -1 ends the chain. REQUIRES: 0 <= entry < count().
   int next(int entry) const { return chain[entry]; }
 
   // The bucket of a name: its hash without regard to case, masked.
   int hash(const char* name, int length) const;
-  // The first entry of a bucket, -1 for an empty one; as the file states it, so maybe no entry.
+  // The first entry of a bucket, -1 for an empty one. The file states it, so it may be out of
+  // range.
   int first(int bucket) const;
 
   // The first entry of that name, or -1. name_of(entry, &length) gives an entry's name. A name that
-  // sorts behind the wanted one ends the walk.
+  // sorts after the one searched for ends the walk.
   template <class NameOf>
   int Find(const char* name, int length, NameOf name_of) const {
     int entry = first(hash(name, length));
@@ -80,12 +82,12 @@ class StoredNameTable {
     return -1;
   }
 
-  // Makes room for one more entry. True when capacity() has changed, or the first entry comes: the
-  // owner then brings its own array to capacity() entries.
+  // Makes room for one more entry. Returns true if capacity() has changed or the first entry is
+  // about to come; the owner then resizes its own array to capacity() entries.
   bool MakeRoom(int growth);
 
-  // Enters a name and answers its entry, the one at count(). There must be room for it. An equal
-  // name stands behind the first and is never found.
+  // Enters a name and returns its entry, whose index is the old count(). A name that equals an
+  // older one comes after it in the chain and is never found. REQUIRES: MakeRoom was called before.
   template <class NameOf>
   int Insert(const char* name, int length, NameOf name_of) {
     MakeHeads();
@@ -107,11 +109,11 @@ class StoredNameTable {
     return entry;
   }
 
-  // Takes over a stored table: head must be valid, buckets holds head.occupied records, and links
-  // the links of all entries, each stride bytes behind the one before.
+  // Replaces this table with a stored one. buckets has head.occupied records. links points to the
+  // first entry's link; each further one is stride bytes later. REQUIRES: head.valid().
   void Read(const Head& head, const unsigned char* buckets, const unsigned char* links, int stride);
 
-  // Appends the head, with reserved zero bytes behind it, and the buckets in ascending order.
+  // Appends the head, that many reserved zero bytes, and the buckets in ascending order.
   void Write(std::string* bytes, int reserved) const;
 
  private:
@@ -126,15 +128,15 @@ class StoredNameTable {
   int hash_bits;
   int used = 0;
   int stored_count = 0;
-  std::unique_ptr<Bucket[]> stored;  // ascending; only while there are no heads
+  std::unique_ptr<Bucket[]> stored;  // ascending; empty once heads exists
   std::unique_ptr<int[]> heads;      // one a bucket
   std::unique_ptr<int[]> chain;
   int chain_capacity;
-  int chain_room = 0;  // links that there is memory for; doubles, where the capacity grows by steps
+  int chain_room = 0;  // links that there is memory for; doubles, while the capacity grows by steps
   int entry_count = 0;
 };
 
-// Brings an owner's array to capacity entries, the first count of them moved, the others zero.
+// Resizes an owner's array to capacity entries: the first count are moved, the others are zero.
 template <class T>
 void ResizeEntries(std::unique_ptr<T[]>* entries, int count, int capacity) {
   auto larger = std::make_unique<T[]>(static_cast<size_t>(capacity));

@@ -1,3 +1,4 @@
+// The container of a compiled script. Tested in tests/base/compiled/TaggedFileTest.cpp.
 #include "base/compiled/TaggedFile.h"
 
 #include <algorithm>
@@ -37,8 +38,8 @@ constexpr char InvalidSectionText[] = "Invalid section";
 constexpr char PastEndText[] = "Read past end of section boundary";
 constexpr char EndOfFileText[] = "Unexpected end of file";
 
-// A thread loads one script after the other, each through a window of the same size. The last one
-// given up serves the next, so that its pages are not asked for and returned with every request.
+// A thread loads many scripts in turn, each through a window of the same size. It keeps the last
+// window for the next script, so that the pages are not taken and returned with every request.
 thread_local std::unique_ptr<char[]> spare_window;
 
 }  // namespace
@@ -79,12 +80,12 @@ bool TaggedFile::Open(const char* name, int mode) {
   }
   file_name.assign(name);
   if (Header_Read() && Directory_Read()) return true;
-  section_count = 0;  // as the header states it, without a directory
+  section_count = 0;  // the header has set it, but there is no directory
   return false;
 }
 
 bool TaggedFile::Open(const char* name, File* opened) {
-  // The file stays the caller's unless it is a good one, also if memory runs out on the way.
+  // The file stays the caller's until it has proved valid, also if memory runs out meanwhile.
   struct Attempt {
     ~Attempt() {
       if (good) return;
@@ -127,14 +128,14 @@ void TaggedFile::Forget() {
 
 void TaggedFile::Deactivate() {
   DropWindow();
-  file_length = -1;  // another file may have the name when it is opened again
+  file_length = -1;  // another file may have the name when it is reopened
   if (file) filemanager->DeactivateFile(file);
 }
 
 // --- The file and its window ---------------------------------------------------------------------
 
 bool TaggedFile::SeekTo(long offset) {
-  // Offsets are signed 32-bit values, and a failed seek answers -1, which is no place.
+  // Offsets are signed 32-bit values, and a failed seek returns -1, which is not an offset.
   if (!file || offset < 0 || offset > INT_MAX) return false;
   if (file_position == offset) return true;
   file_position = file->Seek(offset);
@@ -158,7 +159,8 @@ const char* TaggedFile::Windowed(long offset, long long length) const {
   return window + (offset - window_start);
 }
 
-// Moves the window to an offset where the file stands. Reads as much as is wanted and fits.
+// Moves the window to an offset, which is the current position of the file. Reads `wanted` bytes,
+// or as many as fit.
 void TaggedFile::FillWindow(long offset, long long wanted) {
   if (!window_buffer) {
     window_buffer =
@@ -178,7 +180,7 @@ void TaggedFile::DropWindow() {
   window_length = 0;
 }
 
-// Reads at a file offset within the selected section.
+// Reads at an offset of the file that is within the selected section.
 int TaggedFile::ReadAt(long offset, char* buffer, int length) {
   const char* bytes = Windowed(offset, length);
   if (!bytes) {
@@ -226,7 +228,7 @@ bool TaggedFile::Directory_Read() {
   long long size = static_cast<long long>(section_count) * EntrySize;
   std::unique_ptr<char[]> scratch;
   const char* bytes = size < 0 ? nullptr : Windowed(offset, size);
-  // Even an empty directory must lie where a file can be positioned.
+  // Even an empty directory must be at an offset to which a file can seek.
   if (!bytes && size >= 0 && SeekTo(offset) && (size == 0 || offset + size <= FileLength())) {
     scratch = std::make_unique_for_overwrite<char[]>(static_cast<size_t>(size));
     if (size == 0 || FileRead(scratch.get(), static_cast<int>(size)) == size) bytes = scratch.get();
@@ -282,8 +284,8 @@ bool TaggedFile::Section(int index, int* tag, int* length) const {
 
 // --- Reading -------------------------------------------------------------------------------------
 
-// Selects the section of a tag. An absent tag leaves the selected section in place, and it is read
-// in its stead: a script without functions has no "func" and gets by with the bytes of "segs".
+// Selects the section of a tag. If the tag is absent, the section selected before stays and is read
+// instead: a script without functions has no "func", and the bytes of "segs" are read in its place.
 bool TaggedFile::Lookup(int tag) {
   if (current && current->tag == tag) return true;
   for (int i = 0; i < section_count; i++) {

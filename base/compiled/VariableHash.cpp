@@ -1,5 +1,7 @@
-// Tested in tests/base/compiled/VariableHashTest.cpp; the tables that forward, shadow or clone in
-// tests/base/compiled/VariableTablesTest.cpp.
+// Tables of variables, in this order: construction, names and entries, variables, paths, files,
+// scopes; then ReferenceVariableHash, the forwarding that it shares with ClonedVariableHash,
+// SystemVariableHash, ClonedVariableHash and UserVariableHash. Tested in
+// tests/base/compiled/VariableHashTest.cpp and VariableTablesTest.cpp.
 
 #include "base/compiled/VariableHash.h"
 
@@ -55,7 +57,7 @@ struct VariableHash::SharedIndex {
 
   int holders = 1;
   StoredNameTable names;
-  // By entry, made at need for the variables of twins.
+  // One for each entry, made when first needed, for the variables of twins.
   std::unique_ptr<SharedName*[]> shared_names;
   int names_shared = 0;
 };
@@ -70,7 +72,7 @@ VariableHash::VariableHash(Dictionary* names, int hash_bits, int entry_capacity)
       capacity(entry_capacity < 1 ? 1 : entry_capacity),
       dictionary(names) {}
 
-// A call makes its locals this way: no name is hashed, and as a rule nothing comes from the heap.
+// A call makes its locals this way: no name is hashed, and usually nothing is allocated.
 VariableHash::VariableHash(VariableHash& source)
     : bits(source.bits),
       bucket_count(source.bucket_count),
@@ -82,7 +84,7 @@ VariableHash::VariableHash(VariableHash& source)
   ++index->holders;
 }
 
-// Another dictionary means another task, maybe on another thread, so nothing is shared.
+// Another dictionary means another task, which may be on another thread, so nothing is shared.
 VariableHash::VariableHash(Dictionary* names, VariableHash& source)
     : bits(source.bits),
       bucket_count(source.bucket_count),
@@ -106,7 +108,7 @@ VariableHash::VariableHash(ZephApplication* application, Dictionary* names, Vari
   CloneVariables(application, source);
 }
 
-// Past the time limit the rest is left out; a task is not started then.
+// After the time limit the other variables are left out; the task is not started then.
 void VariableHash::CloneVariables(ZephApplication* application, VariableHash& source) {
   RunWatch watch(256);
   for (int i = 0; i < entry_count && !watch.Over(); i++) {
@@ -125,7 +127,7 @@ VariableHash::~VariableHash() {
   ReleaseIndex();
 }
 
-// What cannot be renewed is made anew when it is touched.
+// Drops variables that cannot be renewed; they are made again when they are accessed.
 void VariableHash::RenewVariables() {
   for (int i = 0; i < entry_count; i++) {
     Variable* variable = entries[i].variable;
@@ -147,7 +149,7 @@ void VariableHash::ReleaseEntries() {
 }
 
 namespace {
-// Rows of a size that calls are served with from a list of the thread.
+// Row arrays of up to this size come from a free list of the thread, because many calls need one.
 constexpr int SomeRows = 32;
 using SomeRowsList = FreeList<SomeRows * sizeof(_VH_Entry)>;
 }  // namespace
@@ -178,7 +180,7 @@ void VariableHash::ReleaseIndex() {
 }
 
 void VariableHash::Dump() {
-  // Dump is not virtual, and what a system variable was to be is released with the others.
+  // Dump is not virtual, so late system variables are dropped here, with the others.
   if (auto* system = dynamic_cast<SystemVariableHash*>(this)) system->ForgetLateVariables();
   const ReleaseGroup group;
   for (int i = 0; i < entry_count; i++) {
@@ -216,7 +218,7 @@ int VariableHash::Seek(int name_index, const char* name, int length, _VH_Entry**
   const int found = Locate(name, NameLength(name, length));
   if (found < 0 || !entry) return found;
   *entry = &entries[found];
-  // The row itself goes out, so it may hold nothing that is not there.
+  // The caller sees the row itself, so a variable that is asleep must not be in it.
   if ((*entry)->variable && (*entry)->variable->IsAsleep()) {
     (*entry)->variable->Release();
     (*entry)->variable = nullptr;
@@ -224,8 +226,8 @@ int VariableHash::Seek(int name_index, const char* name, int length, _VH_Entry**
   return found;
 }
 
-// The memory grows up to the capacity, which is what a table reports from the start: most tables
-// hold a fraction of it. Beyond that it doubles: a form may have a million names.
+// The memory first grows to the capacity, which is not allocated at the start because most tables
+// use a fraction of it. Beyond that it doubles, because a form may have a million names.
 void VariableHash::MakeRoom() {
   const int grown = entry_count == capacity ? capacity + Growth : capacity;
   if (entry_count == allocated_entries) {
@@ -418,8 +420,8 @@ int NameEnd(const char* path, int start, int length) {
   return end;
 }
 
-// The number of an index, as strtol reads it: white space in front, then digits to the first other
-// byte; above the range of long it is the largest long. Cut to 32 bits.
+// The number of an index, as strtol reads it: leading white space, then digits up to the first
+// other byte; the largest long if it is out of range. Truncated to 32 bits.
 int IndexNumber(const char* text, int length) {
   int i = 0;
   while (i < length && zp_isspace(static_cast<unsigned char>(text[i]))) i++;
@@ -433,8 +435,8 @@ int IndexNumber(const char* text, int length) {
   return static_cast<int>(number);
 }
 
-// One ":member" or "[number]" of a path. Reads it at *position, which moves behind it, and sets
-// *variable to the element; false for what is no index.
+// One ":member" or "[number]" of a path. Reads it at *position, moves *position past it, and sets
+// *variable to the element; false if it is not an index.
 bool WalkStep(const char* path, int length, int create, int* position, Variable** variable) {
   const int start = *position + 1;
   if (path[*position] == ':') {
@@ -571,7 +573,7 @@ bool VariableHash::Write(TaggedFile* file) {
 
 namespace {
 
-// Whether the name has the word, given in upper case, at that position.
+// Whether the name has the word (given in upper case) at that position.
 bool HasWord(const char* name, int length, int position, const char* word) {
   for (; *word; word++, position++) {
     if (position >= length) return false;
@@ -654,7 +656,7 @@ int ReferenceVariableHash::SetVariable_Fancy(const char* path, int length, const
   return target->SetVariable_Fancy(path, length, value, valuelength, accumulate);
 }
 
-// The two dictionaries number differently, so a name goes over as text.
+// The two dictionaries have different ids, so the name is passed as text.
 int ReferenceVariableHash::Seek(int name_index, const char* name, int length, _VH_Entry** entry) {
   if (!name && !(name = dictionary->Entry(name_index, &length))) return -1;
   return target->Seek(-1, name, length, entry);
@@ -715,14 +717,14 @@ int ReferenceVariableHash::LookupVariable_Fancy(Variable** out, const char* path
   return LookupThrough(target, out, path, length, create);
 }
 
-// --- Forwarding, for the tables whose variables are in another one -------------------------------
+// --- Forwarding, for tables whose variables are in another one -----------------------------------
 
 void VariableHash::ForgetTarget() {
   for (int i = 0; i < entry_count; i++) entries[i].version = -1;
 }
 
-// Position of an entry in the table that it stands for; kept once it is known, asked for again
-// until then.
+// The position of an entry in the other table. Kept once it is known; until then each call looks it
+// up.
 int VariableHash::Resolve(VariableHash* other, int position) {
   _VH_Entry* entry = &entries[position];
   if (entry->version == -1) {
@@ -837,7 +839,7 @@ void SystemVariableHash::ReserveLateNames() {
   }
 }
 
-// It is made on no level, so it stays after the Pop of any.
+// The variable belongs to no level, so no Pop removes it.
 int SystemVariableHash::MakeLate(const char* name, int length) {
   int found = Locate(name, length);
   if (!late || (found >= 0 && entries[found].variable)) return found;
@@ -846,7 +848,7 @@ int SystemVariableHash::MakeLate(const char* name, int length) {
   if (found < 0) {
     ReserveLateNames();
     found = Locate(name, length);
-    // A chain that a damaged file has cut off hides what is in it.
+    // The name is still not found if a damaged file has cut off its chain.
     if (found < 0 || entries[found].variable) return found;
   }
   entries[found].variable = late->Make(number);
@@ -886,7 +888,7 @@ void SystemVariableHash::AllocatedVars(VariableList* list) {
   VariableHash::AllocatedVars(list);
 }
 
-// The record takes over the entry's count on the variable.
+// The record adopts the entry's count on the variable.
 void SystemVariableHash::Save(int position, int version, Variable* variable) {
   InsertOwned(*current, std::unique_ptr<_SVH_Entry>(new _SVH_Entry{position, version, variable}),
               ListTail);
@@ -949,7 +951,7 @@ bool SystemVariableHash::Find(Variable** out, const char* name, int length, int 
   return true;
 }
 
-// A variable that is made while a level is open goes with it.
+// A variable that is made while a level is open is removed by its Pop.
 Variable* SystemVariableHash::Index(int position, int create) {
   if (position >= entry_count) ReserveLateNames();
   if (static_cast<unsigned>(position) >= static_cast<unsigned>(entry_count)) return nullptr;
@@ -957,7 +959,7 @@ Variable* SystemVariableHash::Index(int position, int create) {
   if (late) {
     int length;
     const char* name = EntryName(position, &length);
-    // Not the row of a name that is there twice, unless it is the first.
+    // If the name has two rows, only the first one gets the late variable.
     if (MakeLate(name, length) == position && entries[position].variable) {
       return entries[position].variable;
     }
@@ -974,8 +976,8 @@ void SystemVariableHash::Push() {
   depth++;
 }
 
-// From the first record to the last: where an entry was replaced twice, the second record wins, and
-// the variable of the first is released by it.
+// Restores from the first record to the last. If an entry was replaced twice, the second record
+// wins and releases the variable that the first has restored.
 int SystemVariableHash::Pop() {
   if (depth == 0) return 0;
   for (_SVH_Entry* saved = current->First(); saved; saved = current->Next()) {

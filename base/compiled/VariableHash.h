@@ -1,6 +1,6 @@
 // Tables of variables by name: a running script's globals, system variables and locals. Compiled
-// code reaches a variable by its position, which never changes; names are hashed only where a
-// script looks one up at run time. Names are compared without regard to case.
+// code uses the position of a variable, which never changes; a name is hashed only if a script
+// looks it up at run time. Names are compared without regard to case.
 
 #ifndef ZEPH_BASE_VARIABLEHASH_H
 #define ZEPH_BASE_VARIABLEHASH_H
@@ -15,16 +15,16 @@ class SharedName;
 class TaggedFile;
 class ZephApplication;
 
-// One row of a table. The variable may be null: the name is known, the variable not made yet.
+// One row of a table. The variable is null if the name is known but the variable has not been made.
 struct _VH_Entry {
   int name_index;  // number of the name in the dictionary
   // The table's Version() when the variable was made. In a table that forwards to another one: the
-  // entry's position there, -1 while nobody has asked.
+  // entry's position there, -1 until it is looked up.
   int version;
   Variable* variable;  // the table holds one count
 };
 
-// Scopes of a name, as VariableHash::Scope answers them.
+// Scopes of a name, the results of VariableHash::Scope.
 enum VariableScope : int {
   ScopeLocal = 0,
   ScopeGlobal = 1,
@@ -37,11 +37,11 @@ enum VariableScope : int {
 // position stays valid for the table's life.
 //
 // A chain holds the entries of one bucket, sorted by the length of the name and then by memcmpi; a
-// search stops at the first entry that comes behind the name. The arrays of a table are made at its
-// first insertion: a request builds several tables that stay empty.
+// search stops at the first entry that sorts after the name. The arrays of a table are made at its
+// first insertion, because a request makes several tables that stay empty.
 //
-// Everywhere: a length of -1 means strlen, a name_index of -1 a name that the dictionary does not
-// have yet. The order of fields and virtual operations is stated and stays.
+// In all operations a length of -1 means strlen, and a name_index of -1 means that the dictionary
+// does not have the name yet. The order of fields and virtual operations is fixed.
 class VariableHash {
  public:
   ZEPH_FREE_LIST_OPERATORS(VariableHash)
@@ -49,71 +49,75 @@ class VariableHash {
   // The dictionary is borrowed and outlives the table. There are 2^bits buckets; bits from 0 to 16.
   // Main tables take 12 and 512, small ones 8 and 64.
   VariableHash(Dictionary* dictionary, int bits, int capacity);
-  // The empty twin: the names and positions of the source and none of its variables. A call makes
-  // its locals with it, so the two share what finds a name until one of them gets a further name.
+  // The empty twin: the names and positions of the source without its variables. A call makes its
+  // locals with it. The two therefore share the index of names until one of them gets another name.
   VariableHash(VariableHash& source);
-  // Names and positions of the source on another dictionary that numbers alike, with a Clone for
-  // the application of each variable.
+  // The names and positions of the source on another dictionary with the same ids, and a Clone of
+  // each variable for the application.
   VariableHash(ZephApplication* application, Dictionary* dictionary, VariableHash& source);
   VariableHash& operator=(const VariableHash&) = delete;
 
   virtual ~VariableHash();
 
-  // Each adopts the caller's count on the variable and answers the new position. A name that is
-  // there already gets a second entry, which no search by name reaches.
+  // The forms of Insert return the new position. This one adopts the caller's count on the
+  // variable. A name that the table already has gets a second entry, which no search by name finds.
   virtual int Insert(Variable* variable);
   // Reserve a name, without a variable.
   virtual int Insert(const char* name, int length);
   virtual int Insert(int name_index);
-  // Stores text in the variable of that name, which is made if there is none.
+  // Stores text in the variable of that name; makes the variable if there is none.
   virtual void SetVariable(const char* name, int length, const char* value, int valuelength);
-  // Puts the variable in place of the one of its name, adopting the caller's count.
+  // Replaces the variable of the same name, or adds a new one. Adopts the caller's count.
   virtual void SetVariable(Variable* variable);
   // Makes the entry a new reference to the variable, under the entry's name.
   virtual void SetVariable_Reference(int index, Variable* variable);
-  // Stores by a path, as names of form fields are. With accumulate, a second value of one path
-  // makes an array of it and further ones append. Answers 0; a bad path stores nothing.
+  // Stores by a path, such as the name of a form field. With accumulate, a second value for the
+  // same path turns the variable into an array, and further ones are appended. Always returns 0; a
+  // bad path stores nothing.
   virtual int SetVariable_Fancy(const char* path, int length, const char* value, int valuelength,
                                 int accumulate);
-  // Position of a name, -1 without it; *entry, if not null, receives its row on success. A null
-  // name is taken from the dictionary by name_index.
+  // The position of a name, or -1; *entry, if not null, receives its row on success. If name is
+  // null, the name of name_index in the dictionary is used.
   virtual int Seek(int name_index, const char* name, int length, _VH_Entry** entry);
-  // The insertion behind all others.
+  // The insertion that all other forms use. A null name is read from the dictionary. Adopts the
+  // caller's count on the variable, which may be null.
   virtual int Insert(int name_index, const char* name, int length, Variable* variable);
-  // What entries made now are marked with.
+  // The mark of entries that are made at this time.
   virtual int Version();
-  // SetNULL on the variable of that name: 1, or 0 if there is none.
+  // Calls SetNULL on the variable of that name. Returns 1, or 0 if there is none.
   virtual int ClearVariable(const char* name, int length);
-  // Answers whether the name is known, and then sets *out to its variable, which is null if it was
-  // not made and create is 0. *out stays as it is for an unknown name, and may for a known one
-  // without a variable: callers preset null. Never adds a name.
+  // Returns whether the name is known. If so, sets *out to its variable; null if it has not been
+  // made and create is 0. *out is unchanged for an unknown name, and may be unchanged for a known
+  // name without a variable, so callers preset null. Never adds a name.
   virtual bool Find(Variable** out, const char* name, int length, int create);
-  // Walks a path, a name followed by any number of ":member" and "[number]". *out is the variable,
-  // or null if it is not there and create is 0; with create everything on the way is made. Answers
-  // 1, or 0 for a bad index, with null in *out and the text in error().
+  // Walks a path, a name followed by any number of ":member" and "[number]". *out receives the
+  // variable, or null if it does not exist and create is 0; with create everything on the path is
+  // made. Returns 1; or 0 for a bad index, with null in *out and the text in error().
   virtual int LookupVariable_Fancy(Variable** out, const char* path, int length, int create);
-  // The variable at a position, borrowed; null out of range, or if it was not made and create is 0.
+  // The variable at a position, borrowed; null if the position is out of range, or if the variable
+  // has not been made and create is 0.
   virtual Variable* Index(int index, int create);
   virtual int Entries();
-  // Appends every existing variable, with a count of the list's own, in the order of positions.
+  // Appends every existing variable in the order of positions. The list takes its own counts.
   virtual void AllocatedVars(VariableList* list);
-  // The section of that tag. False on a short or damaged file, with the file's text in error(); a
-  // table that was read in part is safe to use and to delete.
+  // Read and write the section of that tag. False on a short or damaged file, with the file's text
+  // in error(); a table that was read in part is safe to use and to delete.
   virtual bool Read(TaggedFile* file, int tag);
   virtual bool Write(TaggedFile* file, int tag);
-  // The body alone, at the current position of a section.
+  // The same for the body alone, at the current position of a section.
   virtual bool Read(TaggedFile* file);
   virtual bool Write(TaggedFile* file);
   virtual String& error();
   virtual void Error(const String& text);
-  // Levels of shadowed values, which only the system table has. Pop answers 0 without a level.
+  // Begin and end a level of shadowed values; only the system table has them. Pop returns 1, or 0
+  // if there is no level.
   virtual void Push();
   virtual int Pop();
   // The table that holds the variables: this one, or the one that it forwards to.
   virtual VariableHash* RealIdentity();
 
-  // Index(position, create) for code that runs: in line where the variable is there already, for a
-  // table that forwards to another one too.
+  // Index(position, create) for running code: in line if the variable exists, also in a table that
+  // forwards to another one.
   Variable* At(int position, int create) {
     if (static_cast<unsigned>(position) < static_cast<unsigned>(entry_count)) {
       Variable* const variable = entries[position].variable;
@@ -122,18 +126,18 @@ class VariableHash {
     return Index(position, create);
   }
 
-  // The rows of all positions and their count, until a further name comes. A row may hold a
-  // variable that is asleep: the caller wakes it before it uses it.
+  // The rows of all positions and their count, valid until another name is added. A row may hold a
+  // variable that is asleep: the caller wakes it before use.
   const _VH_Entry* Rows(unsigned* count) const {
     *count = static_cast<unsigned>(entry_count);
     return entries;
   }
 
-  // Makes the empty twin of a source, whose call is over, an empty twin for the next call. False if
-  // it is none any more, since it has got a name of its own.
+  // Reuses an empty twin of the source, whose call is over, as an empty twin for the next call.
+  // False if it is no longer a twin because it has got a name of its own.
   //
-  // Variables that can be made as new stay in their rows, asleep: no operation of the table sees
-  // one before the next call touches its position or name in a way that makes a variable.
+  // Variables that can be reset stay in their rows, asleep. No operation of the table sees them
+  // until the next call accesses the position or name in a way that makes a variable.
   bool Renew(const VariableHash& source) {
     if (entry_count != source.entry_count || index != source.index || error_.data) return false;
     const _VH_Entry* const end = entries + entry_count;
@@ -146,42 +150,42 @@ class VariableHash {
     return true;
   }
 
-  // Bucket of a name.
+  // The bucket of a name.
   unsigned hash(const char* name, int length) const;
   // Releases all variables and keeps the names.
   void Dump();
 
-  // Splits a name with a scope prefix such as "global." or "db.d."; *rest is the name without it.
-  // *database names the database of ScopeDatabase; its length 0 means any. The out-parameters
-  // point into the name. Answers one of VariableScope.
+  // Splits a name with a scope prefix such as "global." or "db.d.". Returns a VariableScope. *rest
+  // receives the name without the prefix, *database the name of the database of ScopeDatabase; a
+  // length of 0 means any. Both point into the name.
   static int Scope(const char* name, int length, const char** rest, int* restlength,
                    const char** database, int* databaselength);
 
  protected:
-  // The empty twin on another dictionary that numbers alike.
+  // The empty twin on another dictionary with the same ids.
   VariableHash(Dictionary* dictionary, VariableHash& source);
 
-  // What finds a name: counted, shared by a table and its twins, and never changed while shared.
+  // The index of names: counted, shared by a table and its twins, and never changed while shared.
   struct SharedIndex;
 
-  // Like Seek for a name of known length, but always on this table's own entries.
+  // Seek for a name of known length, always in this table's own entries.
   int Locate(const char* name, int length);
-  // Name of an entry, borrowed from the dictionary.
+  // The name of an entry, borrowed from the dictionary.
   const char* EntryName(int index, int* length);
-  // The name of an entry for the variables of all twins; null where nothing shares it.
+  // The name of an entry, shared by the variables of all twins; null if the table has no twin.
   SharedName* NameForTwins(int position);
   // The variable of an entry, null if there is none or it is asleep.
   static Variable* Present(const _VH_Entry& entry) {
     return entry.variable && !entry.variable->IsAsleep() ? entry.variable : nullptr;
   }
-  // Makes the variable of an entry that has none, or wakes the one that is asleep there.
+  // Makes the variable of an entry, or wakes one that is asleep there.
   Variable* MakeVariable(_VH_Entry* entry);
-  // Gives each entry a Clone of the variable at the same position of the source.
+  // Gives each entry a Clone of the source's variable at the same position.
   void CloneVariables(ZephApplication* application, VariableHash& source);
-  // A copy of another table's dictionary, the caller's.
+  // A copy of another table's dictionary, owned by the caller.
   static Dictionary* DictionaryCopy(const VariableHash& other);
 
-  // For tables whose variables are in another one: each entry's version is its position there.
+  // For tables that forward to another one: each entry's version is its position there.
   void ForgetTarget();
   int Resolve(VariableHash* other, int position);
   Variable* InsertThrough(VariableHash* other, int position, Variable* refers_to);
@@ -190,7 +194,7 @@ class VariableHash {
   void ReferThrough(VariableHash* other, int position, Variable* variable);
   int LookupThrough(VariableHash* other, Variable** out, const char* path, int length, int create);
 
-  SharedIndex* index = nullptr;  // buckets and chains, null before the first name
+  SharedIndex* index = nullptr;  // buckets and chains; null before the first name
   int bits;
   int bucket_count;
   int capacity;  // grows by 512
@@ -201,8 +205,8 @@ class VariableHash {
 
  private:
   void CopyNames(const VariableHash& source);
-  // Memory for at least so many rows, nothing in them: the table's own if it is enough, as it is
-  // for most calls.
+  // Memory for at least that many rows, uninitialised. The table's own few_rows are enough for most
+  // calls.
   void TakeEntries(int count) {
     if (count > FewRows) {
       TakeMoreEntries(count);
@@ -226,8 +230,8 @@ class VariableHash {
   _VH_Entry few_rows[FewRows];
 };
 
-// A compiled file's own numbering of the names of a running table: the file's code uses positions
-// of this table, the variables live in the target.
+// A compiled file's own numbering of the names of a running table. The file's code uses positions
+// of this table; the variables are in the target.
 class ReferenceVariableHash : public VariableHash {
  public:
   // Forwards to the target's RealIdentity(), which outlives this table.
@@ -258,9 +262,9 @@ class ReferenceVariableHash : public VariableHash {
   VariableHash* target;
 };
 
-// Variables that a table of system variables has from the start, and makes one by one when somebody
-// looks for them: most scripts look for none of them. They are numbered in the order in which they
-// are listed; a name may have several numbers, the first of which is its place.
+// Variables that a table of system variables has from the start but makes only when they are looked
+// up, because most scripts use none of them. They are numbered in the order of listings. A name may
+// have several numbers; the first gives its position.
 class LateVariables {
  public:
   LateVariables() = default;
@@ -268,31 +272,31 @@ class LateVariables {
   LateVariables& operator=(const LateVariables&) = delete;
   virtual ~LateVariables() = default;
 
-  // The number of a name, from 0 on, for Make: that of the variable that counts if there are
-  // several. -1 for a name that is none of these, which most are that scripts look up, so it comes
-  // quickly.
+  // The number of a name for Make, counted from 0; if the name has several, the one whose variable
+  // is used. -1 for any other name. Must be fast in that case, because most names that scripts look
+  // up are others.
   virtual int Number(const char* name, int length) = 0;
   virtual int Count() = 0;
   virtual const char* Name(int number, int* length) = 0;
-  // A new variable, with its count the caller's.
+  // A new variable; the caller owns its count.
   virtual Variable* Make(int number) = 0;
-  // The same variables for a task, the caller's.
+  // The same variables for a task, owned by the caller.
   virtual LateVariables* Clone(ZephApplication* application) = 0;
 };
 
-// The system variables. Push opens a level; what changes from then on is taken back by Pop.
+// The system variables. Push opens a level; Pop takes back the changes made since.
 //
-// The names of late variables that the table does not have from its file are reserved together, in
-// their order, when the first of them is found or anything else goes by positions: so positions and
-// listings are the same whatever was looked up first.
+// The late variables' names that the table does not have from its file are reserved together, in
+// their order, when the first of them is found or any operation uses positions. Positions and
+// listings are therefore the same, whatever was looked up first.
 class SystemVariableHash : public VariableHash {
  public:
   SystemVariableHash(Dictionary* dictionary, int bits, int capacity);
   SystemVariableHash(ZephApplication* application, Dictionary* dictionary, VariableHash& source);
   ~SystemVariableHash() override;
 
-  // Adopts variables to be made when they are looked for, in place of what goes by their names now.
-  // Nobody can tell from then on which of them have been made.
+  // Adopts the late variables and drops existing variables of their names. From then on no caller
+  // can tell which of them have been made.
   void SetLateVariables(LateVariables* variables);
   // Reserves the names of all late variables and drops those that were not made.
   void ForgetLateVariables();
@@ -305,11 +309,11 @@ class SystemVariableHash : public VariableHash {
   void AllocatedVars(VariableList* list) override;
   void SetVariable(Variable* variable) override;
   void SetVariable_Reference(int index, Variable* variable) override;
-  // Stores plainly: system variables never collect values.
+  // Ignores accumulate: system variables never collect values.
   int SetVariable_Fancy(const char* path, int length, const char* value, int valuelength,
                         int accumulate) override;
   int Insert(int name_index, const char* name, int length, Variable* variable) override;
-  // The count of levels in force.
+  // The count of open levels.
   int Version() override;
   bool Find(Variable** out, const char* name, int length, int create) override;
   Variable* Index(int index, int create) override;
@@ -317,7 +321,7 @@ class SystemVariableHash : public VariableHash {
   int Pop() override;
 
  protected:
-  // State of an entry before a change, put back by Pop; holds the count of the old variable.
+  // The state of an entry before a change, which Pop restores. Holds the count of the old variable.
   struct _SVH_Entry {
     int index;
     int version;
@@ -326,7 +330,7 @@ class SystemVariableHash : public VariableHash {
 
   void Save(int position, int version, Variable* variable);
   void Replace(int position, Variable* variable);
-  // The position of a name, -1 without it; a late variable of that name is there behind this.
+  // The position of a name, or -1. If the name is a late variable's, it exists afterwards.
   int MakeLate(const char* name, int length);
   void MakeAllLate();
   void ReserveLateNames();
@@ -338,10 +342,10 @@ class SystemVariableHash : public VariableHash {
   bool late_names_reserved = false;
 };
 
-// Private copies of a table's variables for a background task.
+// Copies of a table's variables for a background task.
 class ClonedVariableHash : public VariableHash {
  public:
-  // The dictionary is the task's and numbers as the source's does; it is borrowed.
+  // The dictionary is borrowed from the task and has the same ids as the source's.
   ClonedVariableHash(ZephApplication* application, Dictionary* dictionary, VariableHash& source);
   ~ClonedVariableHash() override;
 
@@ -368,10 +372,10 @@ class ClonedVariableHash : public VariableHash {
   bool own() const { return target == this; }
 
   VariableHash* target;          // deleted with the table, unless it is the table itself
-  Dictionary* owned_dictionary;  // deleted with the table, unless it is the one it was given
+  Dictionary* owned_dictionary;  // deleted with the table, unless it is the borrowed one
 };
 
-// A free-standing table with a dictionary of its own, for extension libraries.
+// A separate table with a dictionary of its own, for extension libraries.
 class UserVariableHash : public VariableHash {
  public:
   UserVariableHash();

@@ -1,6 +1,6 @@
 // The engine's containers: List, Stack, SearchableList, HashTable and SplayTree. All of them hold
-// pointers, have a flag that says whether they own what is pointed at, and are virtual where an
-// instance adds its key rules. None locks: a container that threads share is guarded by its owner.
+// pointers, have a flag that says whether they own the elements, and are virtual where an instance
+// adds its key rules. None of them locks: the owner guards a container that threads share.
 //
 //   List            doubly linked, one cursor
 //   Stack           singly linked, a reading cursor that Pop unwinds to
@@ -10,8 +10,8 @@
 //   SplayTree       ordered by key, the last element touched at its root
 //
 // The constructor's flag own: non-zero means that Dump and the destructor delete the elements.
-// Operations that take one element out hand it to the caller and never delete it. A null element is
-// a value like any other in a List or a Stack, so a null answer does not prove absence there.
+// Operations that take one element out hand it to the caller and never delete it. A List or a Stack
+// may hold null elements, so a null result does not prove that an element is absent.
 
 #ifndef ZEPH_BASE_BASETEMPLATES_H
 #define ZEPH_BASE_BASETEMPLATES_H
@@ -35,7 +35,7 @@ struct ListNode {
 };
 
 // A list with one cursor, the current node, which may be none. The order of the virtual operations
-// stays: derived classes add theirs behind.
+// is fixed, because derived classes add theirs after them.
 template <class T>
 class List {
  public:
@@ -47,16 +47,16 @@ class List {
   // Puts the element first, last, or directly in front of the current one, and makes it current.
   // ListCurrent without a current node puts it last.
   virtual void Insert(T* item, ListPosition position);
-  // Takes the first, last or current element out and answers it. The cursor moves only if it stood
-  // there: to the successor, or, at the tail, to the predecessor. On an empty list the answer is
-  // null and the count drops to -1 all the same: callers ask Entries() or First() before. Without
-  // a current node ListCurrent does nothing.
+  // Takes the first, last or current element out and returns it. The cursor moves only if it was on
+  // that element: to the successor, or, at the tail, to the predecessor. Without a current node
+  // ListCurrent does nothing and returns null. REQUIRES: the list is not empty; otherwise the
+  // result is null but the count still drops to -1, so callers check Entries() or First() first.
   virtual T* Remove(ListPosition position);
   virtual int Entries() { return entries; }
-  // Moves the cursor to the node of that pointer, or to none, and answers the element or null.
+  // Moves the cursor to the node of that pointer, or to none, and returns the element or null.
   virtual T* Seek(T* item);
-  // These move the cursor and answer the element there, or null with the cursor on none. Next and
-  // Previous stay on none.
+  // These move the cursor and return the element there, or null with the cursor on none. Next and
+  // Previous leave a cursor that is on none where it is.
   virtual T* First() { return Move(head); }
   virtual T* Last() { return Move(tail); }
   virtual T* Current() { return current ? current->item : nullptr; }
@@ -98,9 +98,10 @@ class Stack {
 
   virtual int Entries() { return entries; }
   virtual void Push(T* item);
-  // Unwinds down to the cursor: drops what lies above it, deleting owned elements, takes the
-  // cursor's element out and answers it. So it is a plain pop after Push and Top. With the cursor
-  // beyond the bottom only the bottom element is left to answer. Null on an empty stack.
+  // Unwinds down to the cursor: drops the elements above it (deleting them if owned), then takes
+  // the cursor's element out and returns it. After Push and Top it is therefore a plain pop. If the
+  // cursor is past the bottom, everything is dropped but the bottom element, which is returned.
+  // Null on an empty stack.
   virtual T* Pop();
   virtual T* Top() {
     cursor = top;
@@ -111,7 +112,7 @@ class Stack {
     if (cursor) cursor = cursor->next;
     return cursor ? cursor->item : nullptr;
   }
-  // Empties the stack, deleting owned elements. The count stays as it was.
+  // Empties the stack, deleting owned elements. Does not reset the count.
   virtual void Dump() { DeleteAll(); }
 
  protected:
@@ -129,13 +130,13 @@ class Stack {
   void DeleteAll();
 };
 
-// A List that is searched from its head, or from behind the current element on.
+// A List that is searched from its head, or from the element after the current one.
 template <class T, class K>
 class SearchableList : public List<T> {
  public:
   using List<T>::List;
 
-  // Both move the cursor to the element found, or to none, and answer the element or null.
+  // Both move the cursor to the element found, or to none, and return the element or null.
   virtual T* Find(K key) { return FindFrom(key, this->head); }
   virtual T* FindNext(K key) {
     return this->current ? FindFrom(key, this->current->next) : nullptr;
@@ -150,22 +151,22 @@ class SearchableList : public List<T> {
   }
 };
 
-// Chained hashing over arrays. The elements stand in slots in the order of insertion, and a walk
-// goes through the slots; a removed element leaves a gap that is never used again, so a walk may
-// remove what it meets. The slots grow by 512, the buckets never: a big table has long chains,
-// ordered by key length and then by bytes, in which a search can stop early.
+// Chained hashing over arrays. The elements are in slots in the order of insertion, and a walk goes
+// through the slots; a removed element leaves a gap that is never used again, so a walk may remove
+// the elements it meets. The slots grow by 512, the buckets never: a big table has long chains.
+// Chains are ordered by key length and then by bytes, so that a search can stop early.
 //
-// The arrays are made at the first insertion, since most tables of a request stay empty, and most
-// others hold a handful: up to `scanned` slots the elements are searched one by one, and buckets
-// and chains, 16 KB to fill in a table of 12 bits, are made for the next one.
+// The arrays are made at the first insertion, because most tables of a request stay empty. Most
+// others hold a handful: up to `scanned` slots are searched one by one. Buckets and chains (16 KB
+// to fill in a table of 12 bits) are made only when one more element is inserted.
 //
 // An instance says what the key of an element is. Most keys are texts, and then the instance is a
 // few lines over NamedHashTable below. Any other instance overrides hash and both forms of Compare.
 template <class T>
 class HashTable {
  public:
-  // ignore_case non-zero: keys agree regardless of case. The table has 2^hash_bits buckets and at
-  // first that many slots; nearly all instances of the engine use 12 and 512.
+  // ignore_case non-zero: keys are compared without regard to case. The table has 2^hash_bits
+  // buckets and at first slot_count slots; nearly all instances of the engine use 12 and 512.
   HashTable(int owns, int ignore_case, int hash_bits, int slot_count)
       : own(owns),
         nocase(ignore_case),
@@ -174,8 +175,8 @@ class HashTable {
                               : hash_bits),
         bucket_count(1 << bits),
         capacity(slot_count > 0 ? slot_count : 0) {}
-  // Shares the elements. When both sides own them only one may be left to delete them. The walk
-  // starts at the first slot.
+  // Shares the elements; the walk starts at the first slot. REQUIRES: if own is set, only one of
+  // the two tables still owns the elements when they are deleted.
   HashTable(const HashTable& other);
   HashTable& operator=(const HashTable&) = delete;
   virtual ~HashTable() { DeleteElements(); }
@@ -185,12 +186,13 @@ class HashTable {
   virtual void Dump();
   // The bucket of the element's key, 0 to 2^bits - 1.
   virtual int hash(T* item) = 0;
-  // Order of two keys, respectively of an element's key and a given one: negative, 0 or positive,
-  // by length first, so that the shorter is the lesser. The length given is never a sentinel.
+  // The order of two elements' keys, and of an element's key and a given one: negative, 0 or
+  // positive. The shorter key is the lesser; equal lengths are compared by bytes. The length is
+  // never -1 here.
   virtual int Compare(T* a, T* b) = 0;
   virtual int Compare(T* item, const char* key, int length) = 0;
 
-  // Adds the element, behind those of an equal key. A null pointer is ignored.
+  // Adds the element after those of an equal key. A null pointer is ignored.
   void Insert(T* item) {
     if (!item || Append(item)) return;
     Link(item, hash(item), [this, item](T* other) { return Compare(item, other); });
@@ -205,7 +207,8 @@ class HashTable {
     const auto order = [=, this](T* other) { return Compare(other, item); };
     return buckets ? Search(hash(item), order) : Scan(order);
   }
-  // Takes the element that Find answers out of the table and hands it over; null without one.
+  // Takes the element that Find returns out of the table and hands it to the caller; null if there
+  // is none.
   T* Remove(const char* key, int length) {
     length = KeyLength(key, length);
     const auto order = [=, this](T* item) { return Compare(item, key, length); };
@@ -218,7 +221,7 @@ class HashTable {
     return static_cast<int>(value & static_cast<unsigned>(bucket_count - 1));
   }
 
-  // The element in a slot, counted from 0; null in a gap and outside.
+  // The element in a slot, counted from 0; null in a gap and out of range.
   T* Index(int i) const { return i >= 0 && i < high_water ? slots[i] : nullptr; }
   // The walk in the order of insertion, and backwards; null at the end.
   T* First() { return WalkUp(0); }
@@ -237,8 +240,8 @@ class HashTable {
 
   static constexpr int scanned = 24;
 
-  // Order answers the order of an element against what is searched for, here and in the three
-  // below. Search and Unlink go by the buckets, Scan and Drop by the slots of a table without.
+  // Here and in the three below, Order returns the order of an element against the key searched
+  // for. Search and Unlink use the buckets; Scan and Drop walk the slots of a table that has none.
   template <class Order>
   T* Search(int bucket, Order order) const {
     for (int slot = buckets[bucket]; slot >= 0; slot = chain[slot]) {
@@ -265,9 +268,10 @@ class HashTable {
     }
     return nullptr;
   }
-  // Puts the element into the next slot of a table without buckets. False when it needs them.
+  // Puts the element into the next slot of a table without buckets. False if the table has or needs
+  // them; they exist afterwards.
   bool Append(T* item);
-  // Order answers the order of the new element against another.
+  // Order returns the order of the new element against another.
   template <class Order>
   void Link(T* item, int bucket, Order order);
 
@@ -307,15 +311,15 @@ inline std::string_view KeyText(const char* text, int length = -1) {
   return length >= 0 ? std::string_view(text, static_cast<size_t>(length)) : std::string_view(text);
 }
 
-// A HashTable whose keys are texts. KeyOf tells the key of an element:
+// A HashTable whose keys are texts. KeyOf gives the key of an element:
 //
 //   struct LibraryName {
 //     static std::string_view Key(Library* library) { return KeyText(library->name); }
 //   };
 //   using LibraryTable = NamedHashTable<Library, LibraryName>;
 //
-// Searches through this class compare without a virtual call, searches through the base find the
-// same.
+// Searches through this class compare without a virtual call; searches through the base class give
+// the same results.
 template <class T, class KeyOf>
 class NamedHashTable : public HashTable<T> {
  public:
@@ -372,13 +376,13 @@ struct SplayTreeNode {
 };
 
 // A top-down splay tree of Sleator and Tarjan, ordered by a key that each element carries. Every
-// search moves what it touched last to the root, so a reader changes the tree too. It may
-// degenerate into a chain as long as it has elements; what visits all of them recurses only up to
-// 99 elements.
+// search moves the node it touched last to the root, so a search changes the tree too. The tree may
+// degenerate into a chain of all its elements; operations that visit all of them therefore recurse
+// only in trees of up to 99.
 //
-// An instance overrides Key and Compare. They are not there while this base is constructed, so
-// an instance's copy constructor passes own on and calls CopyFromSplayTree in its body. The order
-// of the virtual operations stays: derived classes add theirs behind.
+// An instance overrides Key and Compare. They cannot be called while this base is constructed, so
+// an instance's copy constructor passes own to the base and calls CopyFromSplayTree in its body.
+// The order of the virtual operations is fixed, because derived classes add theirs after them.
 template <class T, class K>
 class SplayTree {
  public:
@@ -387,18 +391,18 @@ class SplayTree {
   SplayTree& operator=(const SplayTree&) = delete;
   virtual ~SplayTree() { Destroy(); }
 
-  // The new element becomes the root. Duplicates are not detected: callers ask Find before.
+  // The new element becomes the root. Duplicates are not detected: callers check with Find first.
   virtual void Insert(T* item);
-  // Takes the element with that key out and hands it over; null without one. See the body for one
-  // case that leaves elements where a search may miss them, while walks still meet them: a loop
-  // of Next and Remove has to end when Remove answers null.
+  // Takes the element with that key out and hands it to the caller; null if there is none. In one
+  // case (see the body) elements are left where a search may miss them although walks still meet
+  // them: a loop of Next and Remove must end when Remove returns null.
   virtual T* Remove(K key);
   virtual T* Find(K key) { return Splay(key) == 0 && root ? root->item : nullptr; }
-  // The element of the next greater key, respectively the next lesser one, or null. The key itself
-  // need not be there.
+  // The element with the next greater key, and with the next lesser key, or null. The key itself
+  // need not be in the tree.
   virtual T* Next(K key);
   virtual T* Previous(K key);
-  // The elements of the least and of the greatest key, without a splay; null on an empty tree.
+  // The elements with the least and the greatest key, without a splay; null on an empty tree.
   virtual T* First() { return Leftmost(root); }
   virtual T* Last() { return Rightmost(root); }
   int Entries() const { return entries; }
@@ -414,21 +418,21 @@ class SplayTree {
   void AppendToList(List<T>& list) const;
 
  protected:
-  // The most elements that are visited by recursion.
+  // The largest tree that is visited by recursion.
   static constexpr int kRecursionLimit = 99;
 
   using Node = SplayTreeNode<T>;
 
-  // Brings the node with the key, or a last one on the way to it, to the root, and answers the
-  // order of the key against it. On an empty tree the answer is 0 and means nothing.
+  // Brings the node with the key, or the last one on the way to it, to the root, and returns the
+  // order of the key against it. On an empty tree the result is 0 and means nothing.
   int Splay(K key) {
     return SplayBy([this, &key](T* item) { return Compare(key, item); });
   }
-  // The same by a comparison of the key that is looked for with an element, for instances that
-  // have a quicker one than the virtual Compare.
+  // The same with a given comparison of the key against an element, for instances that have a
+  // faster one than the virtual Compare.
   template <class Order>
   int SplayBy(Order order_of);
-  // Makes the element the root, in front of or behind a root that has just been splayed.
+  // Makes the element the root, before or after a root that has just been splayed.
   void InsertAtRoot(T* item, int order);
   // Fills this empty tree with the elements of another: copies made by T's copy constructor if own
   // is set, else the same pointers.
@@ -457,8 +461,8 @@ class SplayTree {
   void AppendToListStack(List<T>& list, Node* node) const;
 };
 
-// Inserts an element that the container takes over. If there is no memory for that, the element
-// goes.
+// Inserts an element that the container then owns. If there is no memory for the insertion, the
+// element is deleted.
 template <class Container, class T, class... Position>
 void InsertOwned(Container& container, std::unique_ptr<T> element, Position... position) {
   container.Insert(element.get(), position...);
@@ -637,7 +641,7 @@ void HashTable<T>::MakeBuckets() {
   }
 }
 
-// Puts 512 slots more. What is behind high_water is never read, so it needs no filling.
+// Adds 512 slots. Slots from high_water on are never read, so they are not filled.
 template <class T>
 void HashTable<T>::MakeRoom() {
   const int grown = capacity + 512;
@@ -697,8 +701,8 @@ template <class T, class K>
 template <class Order>
 int SplayTree<T, K>::SplayBy(Order order_of) {
   if (!root) return 0;
-  // The trees of what is less and of what is greater hang on the header: the lesser one on its
-  // right, the greater one on its left.
+  // The header holds the tree of the lesser nodes on its right and that of the greater ones on its
+  // left.
   Node header = {nullptr, nullptr, nullptr};
   Node* less = &header;
   Node* greater = &header;
@@ -778,8 +782,9 @@ T* SplayTree<T, K>::Remove(K key) {
     child->left = removed->left;
     root = child;
   } else if (!child->right) {
-    // The child's element goes to the root with all that is less than it on its right. Scripts
-    // see which elements a search then misses, so this stays as it is; walks meet every element.
+    // The child's element becomes the root, and the lesser elements on its left move to its right.
+    // A search then misses them, while walks meet every element. Scripts can observe which ones are
+    // missed, so this must not change.
     root = child;
     child->right = child->left;
     child->left = removed->left;
@@ -829,9 +834,9 @@ void SplayTree<T, K>::DumpRecurse(Node* node) {
   if (right) DumpRecurse(right);
 }
 
-// Post-order. The stack of the nodes above runs through the pointers that the walk has followed,
-// so that a destructor allocates nothing: a node's way back up stands in its left pointer while the
-// walk is on its left, else in its right one.
+// Post-order. A destructor must not allocate, so the stack of the nodes above is threaded through
+// the pointers that the walk has followed: a node's way back up is in its left pointer while the
+// walk is in its left subtree, otherwise in its right one.
 template <class T, class K>
 void SplayTree<T, K>::DumpStack(Node* node) {
   Node bottom = {nullptr, nullptr, nullptr};

@@ -1,4 +1,5 @@
-// Copies of short texts. The C library's copy costs more for its call than a few bytes do.
+// Copies of short texts, in line, because for a few bytes the call of memcpy costs more than the
+// copy.
 
 #ifndef ZEPH_BASE_COPYTEXT_H
 #define ZEPH_BASE_COPYTEXT_H

@@ -1,6 +1,6 @@
 // Memory for the small objects that a request makes and drops by the thousand: variables, elements,
-// tree nodes. A thread keeps some blocks of a size for itself, so that neither side of a short life
-// goes to the heap.
+// tree nodes. A thread keeps freed blocks of each size for itself, so that neither the allocation
+// nor the release of a short-lived object goes to the heap.
 
 #ifndef ZEPH_BASE_FREELIST_H
 #define ZEPH_BASE_FREELIST_H
@@ -8,15 +8,16 @@
 #include <cstddef>
 #include <new>
 
-// What the lists of a thread have in common. They are open from ThreadMemory::Prepare to the end of
-// the thread: elsewhere all blocks come from the heap and go there. To open a list takes no memory.
+// The common part of the lists of a thread. They are open from ThreadMemory::Prepare to the end of
+// the thread; at other times all blocks come from the heap and go back to it. Opening a list takes
+// no memory.
 class FreeLists {
  public:
   // Lets the thread keep blocks.
   static void Open() { open = true; }
-  // Gives all blocks back. The lists stay as open as they were.
+  // Gives all blocks back to the heap. The lists stay open or closed as they were.
   static void Trim();
-  // Gives all blocks back, and keeps none any more.
+  // Gives all blocks back and keeps none from here on.
   static void Close() {
     open = false;
     Trim();
@@ -37,7 +38,7 @@ class FreeLists {
 };
 
 // Blocks of one size. A class uses it in its operators new and delete. A block may be freed by
-// another thread than the one that took it; it then serves there.
+// another thread than the one that took it; it then joins that thread's list.
 template <size_t Size>
 class FreeList : public FreeLists {
  public:
@@ -63,7 +64,7 @@ class FreeList : public FreeLists {
  private:
   static_assert(Size >= sizeof(Block));
 
-  // With the address sanitizer nothing is kept: it has to see each use after a deletion.
+  // Under the address sanitizer nothing is kept, because it must see each use after a deletion.
 #if defined(__SANITIZE_ADDRESS__)
   static constexpr int Limit = 0;
 #elif defined(__has_feature)
@@ -76,7 +77,7 @@ class FreeList : public FreeLists {
   static constexpr int Limit = 2048;
 #endif
 
-  // False when the list is full, or not to be used.
+  // False if the list is full or must not be used.
   static bool MakeRoom() {
     if (list.head || !open || Limit == 0) return false;
     list.room = Limit;
@@ -88,8 +89,8 @@ class FreeList : public FreeLists {
   static constinit inline thread_local List list;
 };
 
-// The operators of a class whose objects of exactly that size come from a list. Objects of derived
-// classes have other sizes, which the heap serves.
+// The operators of a class whose own objects come from a list. Objects of derived classes have
+// other sizes and come from the heap.
 #define ZEPH_FREE_LIST_OPERATORS(Class)                                                        \
   static void* operator new(size_t size) {                                                     \
     return size == sizeof(Class) ? FreeList<sizeof(Class)>::Allocate() : ::operator new(size); \

@@ -1,4 +1,4 @@
-// Bytes that come in pieces: a text of a form that ends in another block than it began.
+// A buffer for bytes that arrive in pieces, such as a form's text that spans two blocks of input.
 
 #ifndef ZEPH_BASE_GROWINGBUFFER_H
 #define ZEPH_BASE_GROWINGBUFFER_H
@@ -8,12 +8,12 @@
 #include <memory>
 #include <new>
 
-// Appends in amortised constant time: the room doubles. Keeps its room when it is emptied, and what
-// stands in it until it is written over. Nothing is allocated before the first byte. A text that is
-// longer than texts can be fails as an allocation. One thread at a time.
+// Appends in amortised constant time: the room doubles. Emptying it keeps the room, and the bytes
+// in it until they are overwritten. Nothing is allocated before the first byte. A text longer than
+// INT_MAX bytes fails with std::bad_alloc. One thread at a time.
 class GrowingBuffer {
  public:
-  // capacity is the first room in bytes, above 0.
+  // capacity is the size of the first buffer in bytes. REQUIRES: capacity > 0.
   explicit GrowingBuffer(int capacity) : first_capacity(capacity) {}
 
   // The bytes so far, without a terminator; never null.
@@ -31,7 +31,8 @@ class GrowingBuffer {
     memcpy(Room(length), text, static_cast<size_t>(length));
     count += length;
   }
-  // Where at least that many more bytes can be written; Advance makes them part of the text.
+  // A place where at least that many more bytes can be written. Advance makes them part of the
+  // text.
   char* Room(int length) {
     if (room - count < length) Grow(length);
     return bytes.get() + count;

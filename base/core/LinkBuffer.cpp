@@ -1,5 +1,5 @@
-// The chain itself. What needs the script's values is in LinkBufferValues.cpp. Tested in
-// tests/base/core/LinkBufferTest.cpp.
+// LinkBuffer, the chain of blocks. The operations on script values are in LinkBufferValues.cpp.
+// Tested in tests/base/core/LinkBufferTest.cpp.
 
 #include "base/core/LinkBuffer.h"
 
@@ -42,7 +42,7 @@ void LinkBuffer_Block::release() {
   allocated = 0;
 }
 
-// A block always has more room than it is made for.
+// A block always has more room than the bytes it is made for.
 LinkBuffer_Block* LinkBuffer::NewBlock(int length, int granularity) {
   int64_t size = (static_cast<int64_t>(length) / granularity + 1) * granularity;
   if (size > INT_MAX) throw std::bad_alloc();
@@ -74,8 +74,9 @@ void LinkBuffer::LinkHead(LinkBuffer_Block* block) {
   head = block;
 }
 
-// With no block, or more bytes than the tail takes: fills the tail to its last byte and puts the
-// rest into a block of its own, which is made first, so that a failure changes nothing.
+// For a chain without a block, or more bytes than the tail has room for: fills the tail to its last
+// byte and puts the rest into a new block. The block is made first, so that a failure changes
+// nothing.
 void LinkBuffer::CatBeyondTail(const char* bytes, int length) {
   if (length < 0) length = 0;
   if (length > INT_MAX - total) throw std::bad_alloc();
@@ -103,7 +104,8 @@ void LinkBuffer::cat_hex(unsigned char c) {
 }
 
 void LinkBuffer::cat(LinkBuffer* other) {
-  // With itself the tail is both read and written, so the end to stop at is taken now.
+  // If other is this buffer, the tail is both read and written, so the end to stop at is noted
+  // first.
   const LinkBuffer_Block* last = other->tail;
   int last_used = last ? last->used : 0;
   for (const LinkBuffer_Block* block = other->head; block; block = block->next) {
@@ -147,7 +149,7 @@ void LinkBuffer::prepend_nocopy(const char* bytes, int used, int allocated) {
 }
 
 void LinkBuffer::prepend(LinkBuffer* other) {
-  // With itself the walk would go on into the blocks that it puts in front.
+  // If other is this buffer, the walk must not go on into the blocks that it has put in front.
   const LinkBuffer_Block* first = other->head;
   for (const LinkBuffer_Block* block = other->tail; block; block = block->previous) {
     if (block->used > 0) prepend(block->data, block->used);
@@ -175,7 +177,7 @@ void LinkBuffer::prepend_destroy(LinkBuffer* other) {
 void LinkBuffer::coalesce(int extra) {
   if (!head) return;
   int64_t size = static_cast<int64_t>(total) + (extra > 0 ? extra : 0);
-  // With nothing in them the blocks stay, as long as the first has the room.
+  // Empty blocks count as flat: they stay if the first has the room.
   bool flat = head == tail || total == 0;
   if (flat && size <= head->allocated) return;
   if (size > INT_MAX) throw std::bad_alloc();

@@ -1,5 +1,5 @@
-// Integers and doubles as compiled files and code hold them: low byte first, unaligned, whatever
-// the host. The shifts compile to one load or store where the host agrees.
+// Reads and writes integers and doubles as compiled files and code hold them: low byte first and
+// unaligned, on any host. On a little-endian host the shifts compile to one load or store.
 
 #ifndef ZEPH_BASE_LITTLEENDIAN_H
 #define ZEPH_BASE_LITTLEENDIAN_H
@@ -43,7 +43,7 @@ inline void PutDouble(unsigned char* bytes, double value) {
   Put64(bytes, std::bit_cast<uint64_t>(value));
 }
 
-// Append to what is going to be written.
+// Append to a text that is going to be written to a file.
 inline void Append16(std::string* text, uint16_t value) {
   unsigned char bytes[2];
   Put16(bytes, value);

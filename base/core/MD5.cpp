@@ -1,4 +1,4 @@
-// Tested in tests/base/core/MD5Test.cpp.
+// MD5 and HMAC-MD5. Tested in tests/base/core/MD5Test.cpp.
 
 #include "base/core/MD5.h"
 
@@ -27,8 +27,8 @@ void StoreLittleEndian(uchar* bytes, uint32_t word) {
   for (int i = 0; i < 4; ++i) bytes[i] = static_cast<uchar>(word >> (8 * i));
 }
 
-// One of the four rounds: 16 steps of the mixing function f, each on the word that starts + i *
-// stride names.
+// One of the four rounds: 16 steps of the mixing function f. Step i reads word start + i * stride,
+// modulo 16.
 template <int round, class Function>
 inline void Round(uint32_t (&s)[4], const unsigned* block, int start, int stride, Function f) {
 #pragma GCC unroll 16

@@ -1,5 +1,5 @@
 // Mutex and condition variable of the standard library, with the annotations by which clang checks
-// that what a mutex guards is touched under it (-Wthread-safety).
+// that guarded fields are accessed only under their mutex (-Wthread-safety).
 
 #ifndef ZEPH_BASE_MUTEX_H
 #define ZEPH_BASE_MUTEX_H
@@ -44,7 +44,7 @@ class SCOPED_CAPABILITY MutexGuard {
   Mutex& mutex;
 };
 
-// A condition to wait for under a mutex. A wait may end early without reason: look again.
+// A condition to wait for under a mutex. A wait may end spuriously: check the condition again.
 class Condition {
  public:
   using Time = std::chrono::system_clock::time_point;
@@ -58,7 +58,7 @@ class Condition {
     lock.release();
   }
 
-  // False when the time, of the system's clock, came first.
+  // False if the time (of the system clock) was reached before a signal.
   bool WaitUntil(Mutex& mutex, Time time) REQUIRES(mutex) {
     std::unique_lock<std::mutex> lock(mutex.mutex, std::adopt_lock);
     bool woken = condition.wait_until(lock, time) == std::cv_status::no_timeout;

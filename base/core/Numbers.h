@@ -4,8 +4,8 @@
 #ifndef ZEPH_BASE_NUMBERS_H
 #define ZEPH_BASE_NUMBERS_H
 
-// The integer form of a double: truncated toward zero. What does not fit in 32 bits, NaN included,
-// is -2147483648.
+// The integer form of a double: truncated toward zero. Values that do not fit in 32 bits, NaN
+// included, give -2147483648.
 inline int DoubleToInteger(double value) {
   if (value > -2147483649.0 && value < 2147483648.0) return static_cast<int>(value);
   return -2147483647 - 1;
@@ -20,7 +20,8 @@ inline int WrapSubtract(int a, int b) {
 }
 
 // The remainder of a division truncated toward zero, with the sign of the dividend; 0 for a divisor
-// of 0. By -1 it is 0 as well, but the processor divides for it and the quotient may not fit.
+// of 0. A divisor of -1 also gives 0, without a division, because the processor traps if the
+// quotient does not fit.
 inline int Remainder(int dividend, int divisor) {
   return divisor == 0 || divisor == -1 ? 0 : dividend % divisor;
 }

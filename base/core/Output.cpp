@@ -1,4 +1,4 @@
-// The parts of an output that do not depend on where its text goes.
+// The parts of an output that do not depend on its sink. Tested in tests/base/core/OutputTest.cpp.
 
 #include "base/core/Output.h"
 

@@ -1,5 +1,5 @@
-// Where a script's text goes. The application has one current Output; a capture or a mail puts
-// another one in front of it for a while. "Compressed" writes drop white space; nothing here
+// Output, the sink for a script's text. The application has one current Output; a capture or a mail
+// replaces it with another for a while. "Compressed" writes drop white space; nothing here
 // compresses data.
 
 #ifndef ZEPH_BASE_OUTPUT_H
@@ -9,12 +9,13 @@
 
 #include "base/core/CopyText.h"
 
-// Sink of text. Belongs to one request and its thread. The order of the virtual operations is
-// known to extension libraries. Lengths are bytes; a length of -1 means strlen, everywhere.
+// A sink of text. Belongs to one request and its thread. The order of the virtual operations is
+// fixed, because extension libraries call them. Lengths are bytes; a length of -1 means strlen in
+// every operation.
 class Output {
  public:
-  // Write, for the many short texts of a page. True if the output holds room open for it and the
-  // text was put there in line: no other code has run then.
+  // Write, for the many short texts of a page. True if the output holds room open and the text was
+  // copied there in line: no other code has run then. Otherwise calls Write and returns false.
   bool Put(const char* text, int length) {
     if (static_cast<unsigned>(length - 1) >= static_cast<unsigned>(room_end - room)) {
       Write(text, length);
@@ -35,15 +36,15 @@ class Output {
 
   // Write, then Flush(): for messages that must reach the client now. The result is Write's.
   virtual int Write_Error(const char* text, int length);
-  // Sets a header field, replacing one of that name. The owned flags hand the texts over: they are
-  // freed with delete[], also on failure. Answers 1, or 0 where there are no header fields or they
-  // have been sent.
+  // Sets a header field, replacing one of that name. An owned flag that is set passes the text's
+  // ownership to the output, which frees it with delete[], also on failure. Returns 1, or 0 if the
+  // output has no header fields or has already sent them.
   virtual int Header(const char* name, const char* value);
   virtual int Header(const char* name, int namelength, int nameowned, const char* value,
                      int valuelength, int valueowned);
-  // Answers the count of bytes taken, negative when the sink has failed.
+  // Returns the count of bytes taken, negative if the sink has failed.
   virtual int Write(const char* text, int length) = 0;
-  // Writes with less white space, as the flags say; answers the input length whatever was dropped.
+  // Writes with less white space, as the flags say. Returns the input length, whatever was dropped.
   virtual int Write_Compressed(const char* text, int length);
   virtual int Flush() = 0;
   // With withlength set, the last flush of a response: a "Content-Length" may still be added.
@@ -51,20 +52,20 @@ class Output {
   virtual int type() = 0;
   virtual int flags();
   virtual void SetFlags(int flags);
-  // Drops one leading white-space byte behind white space.
+  // Drops the first byte if it is white space and follows white space.
   virtual int Write_Compressed_Fast(const char* text, int length);
   // Reduces every run of white space, across writes too, to its first byte.
   virtual int Write_Compressed_Full(const char* text, int length);
 
  protected:
-  // Notes whether the text ends in white space, for the next compressed write.
+  // Notes for the next compressed write whether the text ends in white space.
   void NoteLastByte(const char* text, int length) {
     if (length > 0) previous_was_space = IsSpace(text[length - 1]);
   }
   // The white space of the "C" locale; bytes are unsigned.
   static bool IsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
-  // Holds room open for Put, until CloseRoom answers the bytes that have come there.
+  // Holds room open for Put until CloseRoom, which returns the count of bytes put there.
   void OpenRoom(char* begin, int size) {
     room_begin = room = begin;
     room_end = begin + size;
@@ -85,7 +86,7 @@ class Output {
   int previous_was_space = 1;
 
  private:
-  char* room_begin = nullptr;  // of the bytes put since the room was opened
+  char* room_begin = nullptr;  // start of the bytes put since the room was opened
   char* room = nullptr;
   char* room_end = nullptr;
 };

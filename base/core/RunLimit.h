@@ -1,32 +1,32 @@
-// The time limit of the run that a thread is in. The machine looks at its time-out flag between
-// instructions; work that one instruction can make long looks at it here, however deep below the
-// instruction it is done.
+// The time limit of the run that a thread is in. The machine checks its time-out flag between
+// instructions. A single instruction can also start long work; that work checks the flag here, at
+// any call depth.
 
 #ifndef ZEPH_BASE_RUNLIMIT_H
 #define ZEPH_BASE_RUNLIMIT_H
 
 #include <atomic>
 
-// While an object exists, the flag that it was given is the limit of this thread. The newest one
-// counts: a machine makes one for each of its runs, and a form that is read has one before the
-// script starts. With none, as when a request is cleaned up, nothing is ever cut short.
+// While an object exists, its flag is the limit of this thread. The newest object counts: a machine
+// makes one for each of its runs, and the reader of a form has one before the script starts.
+// Without one, as during the clean-up of a request, nothing is cut short.
 //
-// Work that was cut short leaves something valid, with less in it than there should be. It goes no
-// further than the instruction: the machine finds the flag set next. What would outlast the run,
-// such as a record for a file, asks WasCut() first.
+// Work that is cut short leaves a valid but incomplete result. No further instruction sees it,
+// because the machine finds the flag set next. Code whose result outlasts the run, such as a record
+// for a file, checks WasCut() first.
 class RunLimit {
  public:
-  // The flag is borrowed. It is set by any thread, and read in relaxed order.
+  // Borrows the flag. Any thread may set it; it is read in relaxed order.
   explicit RunLimit(int* flag) : over(flag), outer(newest) { newest = this; }
   ~RunLimit() {
     newest = outer;
-    // A run within a run of the same limit.
+    // A nested run with the same limit: the outer run was cut too.
     if (outer && outer->over == over) outer->cut |= cut;
   }
   RunLimit(const RunLimit&) = delete;
   RunLimit& operator=(const RunLimit&) = delete;
 
-  // Whether long work has to end here. A caller that is told so ends it.
+  // Whether long work must end here. A caller that gets true must end its work.
   static bool Over() {
     if (!newest || std::atomic_ref<int>(*newest->over).load(std::memory_order_relaxed) == 0) {
       return false;
@@ -34,10 +34,10 @@ class RunLimit {
     newest->cut = true;
     return true;
   }
-  // Whether any work under the newest limit was told to end.
+  // Whether Over() has returned true under the newest limit.
   static bool WasCut() { return newest && newest->cut; }
 
-  // Bytes that a text is worked on between two looks: some milliseconds.
+  // Bytes of text to process between two checks: some milliseconds of work.
   static constexpr int Bytes = 1 << 21;
 
  private:
@@ -48,13 +48,14 @@ class RunLimit {
   static constinit inline thread_local RunLimit* newest = nullptr;
 };
 
-// Counts one piece of work, and looks at the limit after each so many units of it. What is smaller
-// is always done whole, also after the time is over: that goes for the texts that tell about it.
+// Counts the units of one piece of work and checks the limit each time `units` of them are done.
+// Smaller work is always completed, even after the time is over: the texts of time-out messages
+// rely on that.
 class RunWatch {
  public:
   explicit RunWatch(int units) : interval(units), left(units) {}
 
-  // Whether the work has to end, with so many more units done. Once true, it stays so.
+  // Counts that many more units and returns whether the work must end. Once true, it stays true.
   bool Over(int units = 1) {
     left -= units;
     return left <= 0 && Look();

@@ -1,4 +1,4 @@
-// Whether two texts are the same, for names: these are short, and mostly are the same.
+// Equality of two texts of the same length, made for names, which are short and usually equal.
 
 #ifndef ZEPH_BASE_SAMEBYTES_H
 #define ZEPH_BASE_SAMEBYTES_H
@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <cstring>
 
-// Whether both begin with a word, and end with one. Between them they cover a length of one word to
-// two.
+// Whether the first words and the last words of both texts are equal. Together the two words cover
+// any length from one word to two.
 template <typename Word>
 inline bool SameEnds(const char* a, const char* b, size_t length) {
   Word first_a, first_b, last_a, last_b;
@@ -19,7 +19,7 @@ inline bool SameEnds(const char* a, const char* b, size_t length) {
   return ((first_a ^ first_b) | (last_a ^ last_b)) == 0;
 }
 
-// memcmp(a, b, length) == 0, in line for what is not long. With a length of 0 nothing is read.
+// memcmp(a, b, length) == 0, in line for up to 16 bytes. With a length of 0 nothing is read.
 inline bool SameBytes(const char* a, const char* b, size_t length) {
   if (length > 2 * sizeof(uint64_t)) return memcmp(a, b, length) == 0;
   if (length >= sizeof(uint64_t)) return SameEnds<uint64_t>(a, b, length);

@@ -1,4 +1,4 @@
-// Tested in tests/base/core/StringClassTest.cpp.
+// String, the byte string of the engine. Tested in tests/base/core/StringClassTest.cpp.
 
 #include "base/core/StringClass.h"
 
@@ -23,7 +23,7 @@ int BufferSize(int64_t bytes) {
   return static_cast<int>(size);
 }
 
-// A text argument's length with the sentinel resolved.
+// The length of a text argument, with -1 resolved to strlen.
 int TextLength(const char* text, int length) {
   if (!text) return 0;
   if (length >= 0) return length;
@@ -37,7 +37,7 @@ bool IsBlank(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
 
-// memmem with its answer as a position at or after start.
+// memmem that returns a position at or after start, or -1.
 int Position(const String& text, const char* pattern, int pattern_length, int start) {
   if (start < 0) start = 0;
   if (pattern_length == 0 || pattern_length > text.length || start >= text.length) return -1;
@@ -46,7 +46,7 @@ int Position(const String& text, const char* pattern, int pattern_length, int st
   return found ? static_cast<int>(found - text.data) : -1;
 }
 
-// The text from a position to the first NUL, which after chop may lie behind the length.
+// The text from a position to the first NUL, which after chop may be past the length.
 String ToNUL(const String& text, int position) {
   const char* start = text.data + position;
   return String(start, static_cast<int>(strnlen(start, text.allocated - position)));
@@ -57,8 +57,8 @@ int LengthToNUL(const String& text) {
   return static_cast<int>(strnlen(text.data, text.length));
 }
 
-// Puts the terminator to a length that was changed by hand. There is room: a length never reaches
-// the size of the buffer.
+// Sets the length and writes the terminator. There is room for it, because a length is always less
+// than the size of the buffer.
 void Terminate(String& text, int length) {
   text.length = length;
   text.data[length] = 0;
@@ -72,7 +72,7 @@ void String::assign(const char* text, int text_length) {
     int size = BufferSize(static_cast<int64_t>(n) + 1);
     char* buffer = new char[size];
     if (n > 0) memcpy(buffer, text, n);
-    // The old buffer goes last: the text may be part of it.
+    // The old buffer is deleted last, because the text may be part of it.
     delete[] data;
     data = buffer;
     allocated = size;
@@ -131,7 +131,8 @@ void String::GrowForByte() {
   Grow(BufferSize(static_cast<int64_t>(allocated) + 1));
 }
 
-// Below a page or so a text gets just what it says: most texts grow no further.
+// A short text gets exactly `told` bytes, because most texts do not grow further. A long one gets
+// twice as much, so that appending byte by byte stays linear.
 void String::Grow(int told) {
   constexpr int LongText = 2048;
   const auto size = static_cast<size_t>(told);
@@ -239,8 +240,8 @@ int String::matches(const char* text, int position) const {
   if (position < 0) position = 0;
   if (n > static_cast<int64_t>(length) - position) return 0;
   for (int i = position, j = 0; i < length; ++i, ++j) {
-    // The text's terminator takes part in the comparison, and equals a NUL at the end of the
-    // string. What lies behind it isn't text.
+    // The text's terminator takes part in the comparison and equals a NUL in the string. The bytes
+    // after it are not text.
     if (j > n) return 0;
     unsigned char other = j < n ? text[j] : 0;
     if (zp_toupper(data[i]) != zp_toupper(other)) return 0;
@@ -255,7 +256,8 @@ void String::gsub(const char* pattern, const char* replacement) {
   int added = TextLength(replacement, -1);
   int64_t total = length;
   int position = 0;
-  // Measured first: to grow by steps of 24 would copy a long text over and over.
+  // The result is measured first, because growing by steps of 24 would copy a long text over and
+  // over.
   for (int i = found; i >= 0; i = Position(*this, pattern, n, i + n)) {
     total += added - n;
     position = i + n;
@@ -339,7 +341,7 @@ String String::padl(int width, char c) const {
 String String::padr(int width, char c) const {
   String result(*this);
   if (width <= length) return result;
-  // One byte more than the text needs, as a row of cat(char) reserves.
+  // One byte more than the text needs, as repeated cat(char) would reserve.
   int size = BufferSize(static_cast<int64_t>(width) + 2);
   std::unique_ptr<char[]> padded(new char[size]);
   if (length > 0) memcpy(padded.get(), data, length);

@@ -1,8 +1,8 @@
-// The heap as a thread sees it: how much of it a run has taken, how much it may take, and what a
-// thread needs so that it never has to ask for memory on its way out.
+// The heap as a thread sees it: how much a run has taken and may take, and the preparation of a
+// thread so that its end never needs memory.
 //
-// The operators new and delete of the process are defined here too, on malloc and free. What is
-// made with new char[] may so become larger by realloc.
+// This unit also defines the operators new and delete of the process, on top of malloc and free, so
+// that memory made with new char[] can grow by realloc.
 
 #ifndef ZEPH_BASE_THREADMEMORY_H
 #define ZEPH_BASE_THREADMEMORY_H
@@ -10,33 +10,34 @@
 #include <cstddef>
 #include <cstdint>
 
-// All of it is about the calling thread.
+// All operations apply to the calling thread.
 //
-// Blocks that a thread frees are taken off what it has used, whoever had made them. The heap counts
-// by itself where it can tell (jemalloc); elsewhere the operators do, and then what comes from
-// malloc directly does not count.
+// A block that a thread frees is subtracted from what it has used, even if another thread made it.
+// jemalloc counts by itself; with other heaps the operators count, and memory from malloc directly
+// is then not included.
 class ThreadMemory {
  public:
-  // Makes what the thread needs for as long as it lives, and from then on keeps freed blocks in its
-  // lists (base/core/FreeList.h). The first act of a thread that runs scripts: what registers a
-  // destructor for the end of a thread needs memory, and ends the process where there is none.
-  // False if there is so little left that the thread had better end at once, untouched.
+  // Makes everything that the thread needs for its whole life, and from then on keeps freed blocks
+  // in its lists (base/core/FreeList.h). A thread that runs scripts calls it first, because the
+  // registration of a destructor for the end of a thread needs memory and ends the process if there
+  // is none. False if so little memory is left that the thread should end at once; nothing has been
+  // made then.
   [[nodiscard]] static bool Prepare();
 
   // --- A run, which is a request or a task -------------------------------------------------------
-  // A run begins: what is used is counted from here on. There is no limit yet.
+  // Begins a run: memory is counted from here on. There is no limit yet.
   static void Begin();
-  // The same, with bytes that the run was given by another thread.
+  // The same for a run that has received that many bytes of memory from another thread.
   static void Begin(int64_t given);
-  // Bytes that the run may use, 0 or less for any. operator new refuses what is beyond, with
+  // Sets how many bytes the run may use; 0 or less is no limit. operator new refuses more with
   // std::bad_alloc.
   static void SetLimit(int64_t bytes);
-  // What the run uses of the heap, in bytes; below 0 when it has freed more than it has taken.
+  // The bytes of heap that the run uses; below 0 if it has freed more than it has taken.
   static int64_t Used();
-  // Hands bytes of the run on to another thread, which frees them.
+  // Transfers that many bytes of the run to another thread, which frees them.
   static void HandOver(int64_t bytes);
-  // The run has ended. There is no limit from here on, and after a large run what the thread kept
-  // for its next blocks goes back to the process.
+  // Ends the run and its limit. After a large run the blocks that the thread kept for reuse go back
+  // to the heap.
   static void End();
 
   // Begin and End for a scope.
@@ -49,16 +50,16 @@ class ThreadMemory {
   };
 
   // --- Out of memory -----------------------------------------------------------------------------
-  // For whoever has caught std::bad_alloc, before a message is made: writes a line on standard
-  // error, with the time, the path of the script, and what the limit was, and makes room for the
-  // message and for what the end of a run may need, once in a run.
+  // Code that has caught std::bad_alloc calls this before it makes a message. Writes a line on
+  // standard error with the time, the path of the script (length bytes) and the limit. Once in a
+  // run it also makes some room for the message and for the clean-up.
   static void Exhausted(const char* path, int length);
-  // Whether the last run, or the one that goes on, has met the end of the memory, and not of its
-  // limit alone.
+  // Whether the current run, or the last one, ran out of the process's memory, not only of its own
+  // limit.
   static bool RanShort();
 
-  // --- For whoever takes blocks ------------------------------------------------------------------
-  // Before a block is taken. Throws std::bad_alloc if the thread may not have it.
+  // --- For code that takes blocks ----------------------------------------------------------------
+  // Called before a block is taken. Throws std::bad_alloc if the thread may not have it.
   static void Charge(size_t size) {
     if (size > allowance) [[unlikely]] {
       Refill(size);
@@ -66,23 +67,24 @@ class ThreadMemory {
       allowance -= size;
     }
   }
-  // After realloc has made a block of one size that of another.
+  // Called after realloc has changed the size of a block.
   static void NoteResize(size_t before, size_t after) {
     if (!counts) return;
     taken += after;
     freed += before;
   }
 
-  // Where memory of another kind was refused: throws std::bad_alloc.
+  // For an allocation by other means than operator new that failed: throws std::bad_alloc.
   [[noreturn]] static void Refuse(size_t size);
 
-  // Whether the process's operator new[] is that of this unit, so that its blocks have a size that
-  // malloc tells; and whether realloc may have them, which the address sanitizer minds.
+  // Whether operator new[] of the process is the one of this unit, so that malloc knows the size of
+  // its blocks; and whether realloc may be used on them, which the address sanitizer forbids.
   static bool NewIsHere();
   static bool NewIsMalloc();
 
   // --- For tests ---------------------------------------------------------------------------------
-  // Asks before each block that the thread takes, until it is set to null: true refuses the block.
+  // Until it is set to null, the judge is called before each block that the thread takes; true
+  // refuses the block.
   using Judge = bool (*)(size_t size);
   static void SetJudge(Judge judge);
 
@@ -91,17 +93,17 @@ class ThreadMemory {
 
   static void Refill(size_t size);
 
-  // Bytes that may be taken before somebody has to look what is really used. Freed blocks do not
-  // come back to it, so that nothing has to be done for them.
+  // Bytes that may be taken before Refill checks the real use. Freeing a block does not raise it,
+  // so that a free needs no work here.
   static constinit inline thread_local size_t allowance = SIZE_MAX / 2;
-  // By the operators, where the heap itself does not count.
+  // Counted by the operators if the heap itself does not count.
   static constinit inline thread_local uint64_t taken = 0;
   static constinit inline thread_local uint64_t freed = 0;
   static constinit inline bool counts = false;
 };
 
-// Returns pages to the system that no block has lain in for some seconds. A busy heap does that by
-// and by; an idle one has to be asked.
+// Returns pages to the system that have held no block for some seconds. A busy heap does so by
+// itself over time; an idle one only when this is called.
 void GiveUnusedMemoryBack();
 
 #endif

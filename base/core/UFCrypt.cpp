@@ -1,4 +1,5 @@
-// Tested in tests/base/core/UFCryptTest.cpp, against the system's crypt(3).
+// The traditional crypt(3), DES with joined tables. Tested in tests/base/core/UFCryptTest.cpp,
+// against the system's crypt(3).
 
 #include "base/core/UFCrypt.h"
 
@@ -15,7 +16,7 @@ constexpr uint8_t pc1[56] = {57, 49, 41, 33, 25, 17, 9,  1,  58, 50, 42, 34, 26,
                              63, 55, 47, 39, 31, 23, 15, 7,  62, 54, 46, 38, 30, 22,  //
                              14, 6,  61, 53, 45, 37, 29, 21, 13, 5,  28, 20, 12, 4};
 
-// By how many bits the halves turn before each round.
+// The bits by which the halves are rotated before each round.
 constexpr uint8_t rots[16] = {1, 1, 2, 2, 2, 2, 2, 2, 1, 2, 2, 2, 2, 2, 2, 1};
 
 // The 48 bits of a round key, from the schedule.
@@ -30,7 +31,7 @@ constexpr uint8_t esel[48] = {32, 1,  2,  3,  4,  5,  4,  5,  6,  7,  8,  9,   /
                               16, 17, 18, 19, 20, 21, 20, 21, 22, 23, 24, 25,  //
                               24, 25, 26, 27, 28, 29, 28, 29, 30, 31, 32, 1};
 
-// The permutation of what the S-boxes give.
+// The permutation of the S-boxes' output.
 constexpr uint8_t perm32[32] = {16, 7, 20, 21, 29, 12, 28, 17, 1,  15, 23, 26, 5,  18, 31, 10,
                                 2,  8, 24, 14, 32, 27, 3,  9,  19, 13, 30, 6,  22, 11, 4,  25};
 
@@ -91,7 +92,7 @@ uint32_t Turn(uint32_t half, int by) {
   return (half << by | half >> (28 - by)) & HalfMask;
 }
 
-// What box gives for six bits: the outer two choose the row.
+// The output of a box for six bits: the outer two choose the row.
 unsigned BoxOutput(int box, unsigned input) {
   return sbox[box][(input >> 4 & 2) | (input & 1)][input >> 1 & 15];
 }
@@ -144,7 +145,7 @@ void UFCrypt::FillKeyTables() {
 }
 
 void UFCrypt::FillBoxTables() {
-  // Where each output bit of the boxes comes to stand after permutation and expansion.
+  // The places of each output bit of the boxes after permutation and expansion.
   Expanded places[32] = {};
   for (int to = 0; to < 48; to++) SetBit(&places[perm32[esel[to] - 1] - 1], to);
   for (int pair = 0; pair < 4; pair++) {
@@ -162,8 +163,8 @@ void UFCrypt::FillBoxTables() {
   }
 }
 
-// A salt bit exchanges one bit of the expansion with the one 24 places on. The tables hold expanded
-// values, so they are changed where the old and the new salt differ.
+// A salt bit exchanges one bit of the expansion with the one 24 places after it. The tables hold
+// expanded values, so bits are exchanged in them where the old and the new salt differ.
 void UFCrypt::UFC_Salt(char first, char second) {
   if (first == salt_characters[0] && second == salt_characters[1]) return;
   salt_characters[0] = first;

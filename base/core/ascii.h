@@ -1,6 +1,6 @@
 // Letter case and white space of the "C" locale. The engine's names, tags and number texts never
-// depend on the locale of the process or of a library that changes it, and bytes of 128 and above
-// are nobody's letters.
+// depend on the locale of the process, which a library may change. Bytes of 128 and above are not
+// letters.
 
 #ifndef ZEPH_BASE_ASCII_H
 #define ZEPH_BASE_ASCII_H
@@ -33,7 +33,7 @@ inline constexpr uint64_t zp_tolower_word(uint64_t word) {
   return word | (upper >> 2);
 }
 
-// The next four or eight bytes as a little-endian number, at any alignment.
+// The first four or eight bytes as a little-endian number, at any alignment.
 inline uint32_t zp_load32(const void* bytes) {
   uint32_t word;
   memcpy(&word, bytes, sizeof word);

@@ -1,4 +1,4 @@
-// Tested in tests/base/core/Base64Test.cpp.
+// Base64. Tested in tests/base/core/Base64Test.cpp.
 
 #include "base/core/base64.h"
 

@@ -1,4 +1,4 @@
-// Tested in tests/base/core/BigintTest.cpp.
+// Integers of any size for exact conversions. Tested in tests/base/core/BigintTest.cpp.
 
 #include "base/core/bigint.h"
 
@@ -19,7 +19,7 @@ namespace {
 
 std::atomic<int> live_bigints{0};
 
-// The exponent of the least number of words that holds that many.
+// The least k for which 2^k words hold that many.
 int RoomFor(int words) {
   return words <= 1 ? 0 : std::bit_width(static_cast<unsigned>(words - 1));
 }
@@ -192,13 +192,14 @@ Bigint* diff(const Bigint* a, const Bigint* b) {
 
 double ulp(double x) {
   x = std::fabs(x);
-  // Taken downwards at the top, where the next greater one is infinite.
+  // For the greatest double, whose next one is infinite, the distance to the next lesser one is
+  // used.
   double next = std::nextafter(x, HUGE_VAL);
   return std::isinf(next) ? x - std::nextafter(x, 0.0) : next - x;
 }
 
 double b2d(const Bigint* a, int* e) {
-  // 64 leading bits, cut to the 53 of a double; the words behind never matter.
+  // 64 leading bits, cut to the 53 of a double; the words after them never matter.
   int top = a->wds - 1;
   int zeros = hi0bits(a->x[top]);
   uint64_t high = static_cast<uint64_t>(a->x[top]) << 32 | (top >= 1 ? a->x[top - 1] : 0);
@@ -239,7 +240,7 @@ int quorem(Bigint* b, const Bigint* S) {
   if (b->wds < S->wds) return 0;
   uint64_t high = b->x[b->wds - 1];
   if (b->wds > S->wds) high = high << 32 | b->x[b->wds - 2];
-  // Never too large, since the divisor's highest word counts as one more.
+  // Never too large, because the divisor's highest word is counted as one more.
   uint32_t q = static_cast<uint32_t>(high / (static_cast<uint64_t>(S->x[S->wds - 1]) + 1));
   if (q > 0) SubtractMultiple(b, S, q);
   while (cmp(b, S) >= 0) {

@@ -22,17 +22,17 @@ struct Bigint {
 extern const double _tens[23];
 extern const double _bigtens[5];
 
-// Room for 2^k words, with sign and wds 0. Fails with std::bad_alloc.
+// A number with room for 2^k words, and sign and wds 0. Fails with std::bad_alloc.
 Bigint* Balloc(int k);
 void Bfree(Bigint* number);
 
-// Below, "takes" means: the argument is freed, also on failure, or is what is answered.
+// Below, "takes" means that the function owns the argument: it frees it, also on failure, or
+// returns it. Every result is owned by the caller.
 
 // b * m + a; takes b. m and a are not negative.
 Bigint* multadd(Bigint* b, int m, int a);
-// The number of a decimal text of nd digits, of which the first nd0 stand in front of the decimal
-// point; the point is skipped. y9 is the value of the first nine digits, or of all if they are
-// fewer.
+// The number of a decimal text of nd digits, of which the first nd0 are before the decimal point;
+// the point is skipped. y9 is the value of the first nine digits, or of all if there are fewer.
 Bigint* s2b(const char* s, int nd0, int nd, uint32_t y9);
 // The zero bits above the highest set bit; 32 for 0.
 int hi0bits(uint32_t x);
@@ -57,8 +57,8 @@ double b2d(const Bigint* a, int* e);
 Bigint* d2b(double d, int* e, int* bits);
 // a / b, rounded a few times on the way.
 double ratio(const Bigint* a, const Bigint* b);
-// The quotient of b and S, of which the caller knows that it is at most 9; b becomes the rest. Fast
-// if S has 28 bits in its highest word.
+// The quotient of b and S; b becomes the remainder. REQUIRES: the quotient is at most 9. Fast if
+// the highest word of S has 28 bits.
 int quorem(Bigint* b, const Bigint* S);
 
 struct BigintDeleter {

@@ -1,4 +1,4 @@
-// Tested in tests/base/core/Crc32Test.cpp.
+// CRC-32 by a table of bytes. Tested in tests/base/core/Crc32Test.cpp.
 
 #include "base/core/crc32.h"
 
@@ -6,7 +6,7 @@
 
 namespace {
 
-// What the top byte of the checksum, shifted out over eight bits, leaves behind.
+// The value by which each top byte changes the checksum while it is shifted out.
 constexpr std::array<unsigned, 256> MakeTable() {
   std::array<unsigned, 256> table = {};
   for (unsigned byte = 0; byte < 256; ++byte) {

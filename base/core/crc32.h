@@ -6,9 +6,9 @@
 
 // The value to begin with.
 unsigned crc32_init();
-// Goes on over that many bytes; a length of 0 or less changes nothing.
+// Returns the value after that many more bytes; a length of 0 or less changes nothing.
 unsigned crc32_data(unsigned crc, const void* bytes, int length);
-// The checksum of what went through.
+// The checksum of all bytes given.
 unsigned crc32_final(unsigned crc);
 
 #endif

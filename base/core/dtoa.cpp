@@ -1,7 +1,7 @@
-// Two ways to one result. Nearly every value takes the fast one: the shortest digits, which the
-// standard library finds without big integers, are already the answer or can be cut. What it
-// cannot decide goes through big integers, digit by digit. Tested in tests/base/core/DtoaTest.cpp,
-// which compares the two.
+// Doubles to decimal digits, by two ways that give the same result. Nearly every value takes the
+// fast way: the shortest digits, which the standard library finds without big integers, are the
+// result or can be cut to it. Values that it cannot decide are converted with big integers, digit
+// by digit. Tested in tests/base/core/DtoaTest.cpp, which compares the two.
 
 #include "base/core/dtoa.h"
 
@@ -18,14 +18,14 @@ namespace {
 
 constexpr int kNotFinite = 9999;
 
-// What is asked for, in one form for all modes.
+// The caller's request, in one form for all modes.
 struct Request {
-  bool shortest;   // the digits of mode 0 are good, if they go no further
+  bool shortest;   // the digits of mode 0 are the result if there are not too many
   bool half_even;  // a neighbour's bound belongs to the interval that reads back (not mode 1)
-  bool places;     // digits counts places behind the point
+  bool places;     // digits counts places after the point
   bool unlimited;  // modes 0 and 1
   int digits;
-  int room;  // the most digits that the buffer takes
+  int room;  // the most digits that fit the buffer
 
   Request(int mode, int wanted, int size)
       : shortest(mode != 2 && mode != 3),
@@ -35,8 +35,8 @@ struct Request {
         digits(std::clamp(wanted, -1000000000, 1000000000)),
         room(size - 1) {}
 
-  // How many digits to give at most, when the first of them counts 10^k. 0: only a rounding up can
-  // leave one. Negative: nothing is left.
+  // The most digits to give if the first of them counts 10^k. 0: there is a digit only if the value
+  // is rounded up. Negative: there is none.
   int Limit(int k) const {
     if (unlimited) return room;
     return std::min(places ? digits + k + 1 : std::max(digits, 1), room);
@@ -62,15 +62,15 @@ struct Digits {
   void StripZeros() {
     while (count > 0 && text[count - 1] == '0') --count;
   }
-  // The answer when nothing of the value is left at that many places.
+  // The result if the value rounds to nothing at that many places.
   void SetNothing(int places) {
     count = 0;
     k = -1 - places;
   }
 };
 
-// Rounds the digits to a lesser count. Only right if the value stands to each half where these
-// digits do.
+// Rounds the digits to a lesser count. Correct only if the value is on the same side of the halfway
+// point as these digits are.
 void Cut(Digits& result, int limit, int places) {
   if (limit < 0) {
     result.SetNothing(places);
@@ -117,10 +117,10 @@ void ShortestDigits(Digits& result, double value) {
   std::from_chars(exponent, end, result.k);
 }
 
-// Answers false where only the exact value decides: more digits are wanted than the shortest text
-// has, or that text ends in a 5 just where it would be cut, and the value may lie on either side.
-// No other place is in doubt: a half between the value and its shortest text would itself be a
-// text as short that reads back, and a nearer one.
+// Returns false if only the exact value can decide: more digits are requested than the shortest
+// text has, or that text ends in a 5 just where it would be cut, and the value may be on either
+// side of it. No other cut is in doubt: a halfway point between the value and its shortest text
+// would itself be a text as short that reads back as the value, and a nearer one.
 bool ConvertFast(const Request& request, double value, Digits& result) {
   if (!request.half_even || request.room < 17) return false;
   bool exact = IsSmallInteger(value);
@@ -172,7 +172,7 @@ struct Fraction {
   }
 };
 
-// Sets the fraction up so that its first digit counts 10^k, and answers k.
+// Sets the fraction up so that its first digit counts 10^k, and returns k.
 int SetUp(Fraction& fraction, double value) {
   int exponent;
   int bits;
@@ -182,7 +182,7 @@ int SetUp(Fraction& fraction, double value) {
   bool uneven = bits == 1 && exponent > -1022;
   int lowest = uneven ? half - 1 : half;
 
-  // At most one too large: the logarithm is good to far more than what is added.
+  // At most one too large: the error of the logarithm is far less than the term added.
   int k = static_cast<int>(std::floor(std::log10(value) + 1e-10));
   int rest_shift = exponent - lowest + std::max(lowest, 0);
   int below_shift = std::max(lowest, 0);
@@ -193,7 +193,8 @@ int SetUp(Fraction& fraction, double value) {
   fraction.rest.reset(pow5mult(fraction.rest.release(), std::max(-k, 0)));
   fraction.below.reset(pow5mult(i2b(1), std::max(-k, 0)));
 
-  // Common factors go, and the scale's highest word gets the 28 bits that quorem likes.
+  // Removes common factors of two, and gives the scale's highest word the 28 bits with which quorem
+  // is fast.
   int common = std::min({rest_shift, below_shift, scale_shift});
   int scale_bits = 32 - hi0bits(fraction.scale->x[fraction.scale->wds - 1]) + scale_shift - common;
   int normalise = (28 - scale_bits) & 31;
@@ -212,8 +213,8 @@ int SetUp(Fraction& fraction, double value) {
   return k;
 }
 
-// One digit is due: whether the digits so far and this one, or the next greater, already read back
-// as the value. If so it is chosen, the nearer of the two if both do.
+// Whether the digits so far, followed by this digit or by the next greater one, already read back
+// as the value. If so, appends the digit that does, or the nearer of the two if both do.
 bool EndShortest(const Fraction& fraction, const Request& request, bool even, int digit,
                  Digits& result) {
   int low = cmp(fraction.rest.get(), fraction.below.get());
@@ -232,7 +233,8 @@ bool EndShortest(const Fraction& fraction, const Request& request, bool even, in
   return true;
 }
 
-// Digits one by one, until nothing is left, the limit is reached, or they read back.
+// Makes digits one by one, until nothing is left, the limit is reached, or they read back as the
+// value.
 void Generate(Fraction& fraction, const Request& request, bool even, int limit, Digits& result) {
   for (;;) {
     int digit = quorem(fraction.rest.get(), fraction.scale.get());
@@ -263,8 +265,8 @@ void ConvertExactly(const Request& request, double value, Digits& result) {
     Generate(fraction, request, even, limit, result);
     return;
   }
-  // What is left of the value is at most one unit of the last place: more than half of it, or
-  // nothing.
+  // At limit 0 the value is less than one unit of the last place: it rounds up to that unit if it
+  // is more than half of it, else to nothing.
   if (limit == 0) {
     fraction.scale.reset(multadd(fraction.scale.release(), 5, 0));
     if (cmp(fraction.rest.get(), fraction.scale.get()) > 0) {
@@ -275,7 +277,7 @@ void ConvertExactly(const Request& request, double value, Digits& result) {
   result.SetNothing(request.digits);
 }
 
-// Text instead of digits, as much as there is room for.
+// Writes a text instead of digits, as much of it as there is room for.
 int CopyText(char* buffer, int size, const char* text) {
   int count = std::min(static_cast<int>(strlen(text)), size - 1);
   memcpy(buffer, text, count);

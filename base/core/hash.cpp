@@ -1,4 +1,4 @@
-// Tested in tests/base/core/HashTest.cpp.
+// Bob Jenkins' lookup2. Tested in tests/base/core/HashTest.cpp.
 
 #include "base/core/hash.h"
 
@@ -32,9 +32,9 @@ struct LowerCase {
   static uint64_t Word(uint64_t word) { return zp_tolower_word(word); }
 };
 
-// The next 0 to 3 bytes, and the next 0 to 7, as a number padded with zeros. They are read by loads
-// that overlap: names are short, and bytes collected one by one in a buffer would hold up the load
-// of the whole.
+// The next 0 to 3 bytes, and the next 0 to 7, as a number padded with zeros. The loads overlap
+// instead of collecting bytes in a buffer: a word load after byte stores would stall, and most
+// names are short enough to feel it.
 inline uint32_t Upto3(const unsigned char* bytes, unsigned length) {
   if (length == 0) return 0;
   unsigned middle = length / 2;

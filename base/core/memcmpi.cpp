@@ -1,4 +1,4 @@
-// Tested in tests/base/core/MemcmpiTest.cpp.
+// memcmp without regard to case. Tested in tests/base/core/MemcmpiTest.cpp.
 
 #include "base/core/memcmpi.h"
 
@@ -11,7 +11,7 @@ int memcmpi(const void* a, const void* b, size_t length) {
     uint64_t l = zp_tolower_word(zp_load64(left));
     uint64_t r = zp_tolower_word(zp_load64(right));
     if (l != r) {
-      // Little-endian: the lowest differing bit lies in the first differing byte.
+      // The words are little-endian: the lowest differing bit is in the first differing byte.
       int shift = std::countr_zero(l ^ r) & ~7;
       return ((l >> shift) & 0xFF) < ((r >> shift) & 0xFF) ? -1 : 1;
     }

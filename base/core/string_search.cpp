@@ -1,4 +1,4 @@
-// Tested in tests/base/core/StringSearchTest.cpp.
+// Searches for bytes in bytes. Tested in tests/base/core/StringSearchTest.cpp.
 
 #include "base/core/string_search.h"
 
@@ -24,7 +24,7 @@ struct LowerCase {
   static unsigned char Of(char c) { return zp_tolower(static_cast<unsigned char>(c)); }
 };
 
-// How many bytes at the start of both are equal.
+// The count of equal bytes at the start of both.
 template <class Case>
 int Common(const char* a, const char* b, int length) {
   int i = 0;
@@ -37,13 +37,13 @@ bool Equal(const char* a, const char* b, int length) {
   return Common<Case>(a, b, length) == length;
 }
 
-// What a search may spend on comparing before it counts as one of a text that repeats itself, for
-// which only a linear method will do.
+// The bytes that a search may compare before the text counts as repetitive and the search changes
+// to a linear method.
 int64_t ComparisonBudget(int n) {
   return 4 * static_cast<int64_t>(n);
 }
 
-// Knuth, Morris and Pratt, from the window at start on: the first match, or the last one.
+// Knuth-Morris-Pratt, from the window at start on: the first match, or the last one.
 enum class Wanted { First, Last };
 template <class Case>
 int LinearSearch(const char* pattern, int m, const char* text, int n, int start,
@@ -113,7 +113,7 @@ int RabinKarp(const char* pattern, int m, const char* text, int n) {
     window = (window * radix + Case::Of(text[i])) % modulus;
   }
   for (int i = 0; i <= n - m; ++i) {
-    // A multiple of the modulus that exceeds the product keeps the difference positive.
+    // Adds a multiple of the modulus that exceeds the product, so that the difference is positive.
     uint64_t removed = static_cast<uint64_t>(Case::Of(text[i])) * leading;
     uint64_t rest = (window + (uint64_t{256} * modulus) - removed) % modulus;
     unsigned char entering = i + m < n ? Case::Of(text[i + m]) : 0;
@@ -133,8 +133,8 @@ int Memmem(const char* pattern, int m, const char* text, int n) {
 }
 
 #ifdef __x86_64__
-// The least place of a candidate, t + i for a bit i of the mask, where the pattern stands; else -1.
-// Each comparison is taken from the budget.
+// The first candidate place, t + i for a set bit i of the mask, at which the pattern matches; else
+// -1. Each comparison is subtracted from the budget.
 inline int FirstMatch(uint64_t candidates, const char* pattern, int m, const char* text, int t,
                       int64_t* budget) {
   for (; candidates != 0; candidates &= candidates - 1) {
@@ -145,7 +145,7 @@ inline int FirstMatch(uint64_t candidates, const char* pattern, int m, const cha
   return -1;
 }
 
-// Bit i is set where bytes i of both sixteens equal first and last.
+// Bit i is set if byte i at at_first equals first and byte i at at_last equals last.
 unsigned Candidates(const char* at_first, const char* at_last, __m128i first, __m128i last) {
   const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at_first));
   const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at_last));
@@ -153,11 +153,11 @@ unsigned Candidates(const char* at_first, const char* at_last, __m128i first, __
       _mm_movemask_epi8(_mm_and_si128(_mm_cmpeq_epi8(a, first), _mm_cmpeq_epi8(b, last))));
 }
 
-// These look at sixteen places a step, or at sixty-four with the wider registers that most
-// processors have: only where the first and the last byte of the pattern both stand is the rest
-// compared, which in texts is seldom. The last step goes back as far as it has to, so that it ends
-// with the text. They start at *t and answer the place, or -1 with *t behind the places that they
-// have looked at: too few for a step, all of them, or fewer if the text keeps the comparisons busy.
+// These test sixteen places in a step, or sixty-four with the wider registers that most processors
+// have. The rest of the pattern is compared only where both its first and its last byte match,
+// which is rare in texts. The last step goes back far enough to end with the text. They start at *t
+// and return the place of a match, or -1 with *t after the last place tested. That may be before
+// the end: if there is too little text for a step, or if the budget is used up.
 int SearchBySixteen(const char* pattern, int m, const char* text, int n, int* t, int64_t* budget) {
   const __m128i first = _mm_set1_epi8(pattern[0]);
   const __m128i last = _mm_set1_epi8(pattern[m - 1]);
@@ -197,7 +197,7 @@ __attribute__((target("avx2"))) int SearchBySixtyFour(const char* pattern, int m
   return -1;
 }
 
-// What the vector searches leave over goes to memmem, whose time is linear.
+// memmem, whose time is linear, searches the places that the vector searches have not tested.
 int ExactSearch(const char* pattern, int m, const char* text, int n) {
   static const bool wide = __builtin_cpu_supports("avx2");
   int t = 0;
@@ -262,7 +262,7 @@ int bm_searchi(const char* pattern, int pattern_length, const char* text, int te
   std::fill_n(table, 256, m);
   for (int i = 0; i < m; ++i) table[LowerCase::Of(pattern[i])] = m - 1 - i;
   // The bad-character table alone is quadratic on repetitive texts, and a script may choose both
-  // sides. Once the comparisons show it the search goes on with the linear method.
+  // text and pattern. When the budget is used up the search continues with the linear method.
   int64_t budget = ComparisonBudget(n);
   for (int64_t t = m - 1; t < n;) {
     int j = m - 1;

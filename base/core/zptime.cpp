@@ -1,4 +1,4 @@
-// Tested in tests/base/core/ZPTimeTest.cpp.
+// The clock and the calendar. Tested in tests/base/core/ZPTimeTest.cpp.
 
 #include "base/core/zptime.h"
 
@@ -10,7 +10,8 @@ constexpr const char* kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 constexpr const char* kWeekdays[7] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
 
-// mktime sets all that is not given here, and finds out itself whether daylight saving holds.
+// Broken-down time for mktime, which sets the other fields and decides by itself whether daylight
+// saving applies.
 struct tm BrokenDown(int year, int month, int day, int hour, int minute, int second) {
   struct tm fields = {};
   fields.tm_sec = second;
@@ -49,7 +50,7 @@ void zp_gettimevalues(ZPTIME* values) {
 time_t zp_to_time_t(int year, int month, int day, int hour, int minute, int second) {
   struct tm fields = BrokenDown(year, month, day, hour, minute, second);
   time_t local = mktime(&fields);
-  // The offset of that very date, not the zone's present one: zones have changed theirs.
+  // The offset at that date, not the zone's current one, because zones have changed theirs.
   return local == -1 ? -1 : local + fields.tm_gmtoff;
 }
 

@@ -5,7 +5,7 @@
 
 #include <ctime>
 
-// One moment in local time. The texts are static, none is owned. The order of the fields stays.
+// One moment in local time. The texts are static and not owned. The order of the fields is fixed.
 struct ZPTIME {
   time_t seconds;            // since the epoch
   long microseconds;         // 0 to 999999
@@ -23,13 +23,14 @@ struct ZPTIME {
   const char* zone_name;     // the zone's abbreviation, of its standard or its daylight saving time
 };
 
-// Fills in the present moment.
+// Fills in the current time.
 void zp_gettimevalues(ZPTIME* values);
 
-// The seconds since the epoch of a date and a time of day, read as UTC, respectively as local time;
-// months count from 1. Nothing is range-checked: the 32nd is the 1st of the next month. -1 for a
-// date that cannot be represented. Reading as UTC goes through local time too, so a time of day
-// that daylight saving skips in the local zone comes out moved by what it skips.
+// The seconds since the epoch of a date and a time of day; zp_to_time_t reads them as UTC,
+// zp_mktime_t as local time. Months count from 1. Nothing is range-checked: the 32nd is the 1st of
+// the next month. -1 for a date that cannot be represented. zp_to_time_t converts through local
+// time too, so a time of day that daylight saving skips in the local zone is moved by the skipped
+// time.
 time_t zp_to_time_t(int year, int month, int day, int hour, int minute, int second);
 time_t zp_mktime_t(int year, int month, int day, int hour, int minute, int second);
 

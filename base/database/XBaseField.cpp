@@ -1,3 +1,6 @@
+// Fields of every type but memo: a value and its form in a record. Tested in
+// tests/base/database/XBaseFieldTest.cpp.
+
 #include "base/database/XBaseField.h"
 
 #include <algorithm>
@@ -13,7 +16,7 @@ bool IsRightAligned(XBaseFieldType type) {
   return type == XBaseField_Numeric || type == XBaseField_Memo;
 }
 
-// The bytes of a text argument: -1 means strlen.
+// The number of bytes of a text argument; -1 means strlen.
 int TextLength(const char* text, int length) {
   if (!text || length < -1) return 0;
   return length == -1 ? static_cast<int>(strlen(text)) : length;

@@ -1,12 +1,12 @@
 // One field of an xBase table, with its value in the table's current record. Values are text, as
-// the file has them; what they mean to a script is not this unit's matter.
+// the file has them. This unit does not know what they mean to a script.
 
 #ifndef ZEPH_BASE_XBASEFIELD_H
 #define ZEPH_BASE_XBASEFIELD_H
 
 class XBaseTable;
 
-// In the order of the letters "C", "N", "D", "L" and "M" in a file.
+// In the order of the type letters "C", "N", "D", "L" and "M" in a file.
 enum XBaseFieldType : int {
   XBaseField_Character = 0,
   XBaseField_Numeric = 1,
@@ -15,15 +15,15 @@ enum XBaseFieldType : int {
   XBaseField_Memo = 4,
 };
 
-// Made with a table, for one column of it, and deleted with the table's list. Holds two texts: the
-// value as it is now, and the value as it was last read or written, which is what an index still
-// has a key for. Both are NUL-terminated: what stands behind a NUL byte in a record is not seen.
-// The order of the virtual operations stays.
+// Describes one column of a table. The table makes it and deletes it with its list of fields. It
+// holds two texts: the value as it is now, and the value as it was last read or written, which is
+// the one that an index still has a key for. Both are NUL-terminated, so bytes of a record after a
+// NUL are not seen. The order of the virtual operations must not change.
 class XBaseField {
  public:
-  // Copies the name, up to its NUL, respectively name_length bytes (-1 means strlen). The length is
-  // the field's bytes in a record; less than 0 is 0. The table is borrowed, and null in a field
-  // that only describes a column for XBaseTable::Create. The value is empty at first.
+  // Copies the name: name_length bytes of it, or up to its NUL (-1 means strlen). The length is the
+  // field's bytes in a record; less than 0 counts as 0. The table is borrowed. It is null in a
+  // field that only describes a column for XBaseTable::Create. The value is empty at first.
   XBaseField(XBaseTable* table, const char* name, XBaseFieldType type, int length,
              int decimalcount);
   XBaseField(XBaseTable* table, const char* name, int name_length, XBaseFieldType type, int length,
@@ -32,24 +32,27 @@ class XBaseField {
   XBaseField(const XBaseField&) = delete;
   XBaseField& operator=(const XBaseField&) = delete;
 
-  // Takes both texts from the field's length() bytes in a record: of a character field without the
-  // blanks behind the text, of a numeric or memo field without those in front, of others whole.
+  // Sets both texts from the field's length() bytes in a record: for a character field without the
+  // blanks after the text, for a numeric or memo field without those before it, for other types all
+  // of the bytes.
   virtual void Read(unsigned char* bytes);
-  // Puts the value into the field's length() bytes in a record, numbers to the right and all other
-  // types to the left, with blanks around. False leaves the bytes as they were; only memos fail.
+  // Writes the value into the field's length() bytes in a record, padded with blanks: numeric and
+  // memo fields to the right, all other types to the left. Only memo fields can fail; then it
+  // returns false and leaves the bytes as they were.
   virtual bool Write(unsigned char* bytes);
-  // Replaces the value by that text, of which length() bytes at most are taken. A length of -1
-  // means strlen; a null text is an empty one. The text may lie in the value itself.
+  // Replaces the value by the first length() bytes of the text. A length of -1 means strlen; a null
+  // text counts as an empty one. The text may be part of the value itself.
   virtual void Set(const char* text, int length);
   virtual const char* name();
   virtual XBaseFieldType type();
   virtual int length();
   virtual int decimalcount();
-  // The value, NUL-terminated, good until the next change. Null only for a memo that can't be read.
+  // The value, NUL-terminated, valid until the next change. Null only for a memo that can't be
+  // read.
   virtual const char* data();
-  // Exchanges the value and the original. Indexes compute their old keys between two calls.
+  // Exchanges the value and the original. An index computes its old keys between two such calls.
   virtual void SwapOriginal();
-  // Makes the value the original too, since the file has it.
+  // Makes the value the original too, because the file now has it.
   virtual void SetOriginal();
 
  protected:
@@ -58,7 +61,7 @@ class XBaseField {
   int field_length;
   int decimals;
   char* current;   // field_length + 1 bytes
-  char* original;  // likewise
+  char* original;  // also field_length + 1 bytes
   XBaseTable* table;
 };
 

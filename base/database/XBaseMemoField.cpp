@@ -1,3 +1,6 @@
+// Memo fields: reads their texts when they are needed and writes changed ones. Tested in
+// tests/base/database/XBaseMemoFieldTest.cpp.
+
 #include "base/database/XBaseMemoField.h"
 
 #include <algorithm>
@@ -18,8 +21,8 @@ char* CopyOf(const char* text, int length) {
   return copy;
 }
 
-// The block number in a record; one that does not fit an int is as far outside of the file as one
-// can be.
+// The block number in a record. One that does not fit an int becomes INT_MAX or INT_MIN, which no
+// file has either.
 int BlockNumber(const char* text) {
   const long number = strtol(text, nullptr, 10);
   return static_cast<int>(std::clamp<long>(number, INT_MIN, INT_MAX));
@@ -48,7 +51,7 @@ void XBaseMemoField::Read(unsigned char* bytes) {
 }
 
 bool XBaseMemoField::Write(unsigned char* bytes) {
-  // A change that lies swapped away is written when it is back.
+  // While SwapOriginal has moved a changed memo away, it is not written; a later call does that.
   if (dirty && memo && !WriteBlocks()) return false;
   return XBaseField::Write(bytes);
 }
@@ -63,7 +66,7 @@ bool XBaseMemoField::WriteBlocks() {
   if (block < 0) return false;
   char number[16];
   const int digits = snprintf(number, sizeof(number), "%d", block);
-  // Cut to the field's length, the number would lead to the memo of another record.
+  // Cut to the field's length, the number would be that of another record's memo.
   if (digits > field_length) {
     table->MemoNumberError();
     return false;
@@ -97,7 +100,7 @@ bool XBaseMemoField::Load() {
   }
   memo = text;
   memo_length = count;
-  // While the texts are exchanged, a changed memo lies there.
+  // If SwapOriginal has exchanged the texts, a changed memo is here: keep it.
   if (!original_memo) {
     original_memo = CopyOf(memo, count);
     original_memo_length = count;

@@ -1,16 +1,15 @@
-// A memo field: its text lies in the table's .dbt file, and the record holds only the number of the
-// text's first block there. A text is read when it is first asked for, since most walks over a
-// table never look at it.
+// A memo field: its text is in the table's .dbt file, and the record holds only the number of the
+// text's first block there. A text is read only when a caller first needs it, because most walks
+// over a table never look at it.
 
 #ifndef ZEPH_BASE_XBASEMEMOFIELD_H
 #define ZEPH_BASE_XBASEMEMOFIELD_H
 
 #include "base/database/XBaseField.h"
 
-// Of type XBaseField_Memo. The texts of the base class are those of the block number. A memo ends
-// at its first NUL, and in the file at its first 0x1A. The lengths belong to the texts as they were
-// read or set, and stay in place when SwapOriginal exchanges the texts, so that nothing is measured
-// by them.
+// Of type XBaseField_Memo. The texts of the base class hold the block number. A memo ends at its
+// first NUL, and in the file at its first 0x1A. The lengths are those of the texts as they were
+// read or set. SwapOriginal exchanges only the texts, so do not use the lengths to measure a text.
 class XBaseMemoField : public XBaseField {
  public:
   // As for XBaseField; the length is that of the block number, in digits.
@@ -19,17 +18,18 @@ class XBaseMemoField : public XBaseField {
                  int decimalcount);
   ~XBaseMemoField() override;
 
-  // Takes the block number, and forgets the memo of the record before.
+  // Reads the block number and drops the memo of the previous record.
   void Read(unsigned char* bytes) override;
-  // Puts a changed memo into new blocks of the file first; an empty one has no block. False, with
-  // the table's error stored, leaves bytes and block number as they were, and the memo to be
-  // written by the next call.
+  // Writes a changed memo into new blocks of the file first; an empty memo has no block. On failure
+  // it returns false with the table's error stored, leaves the bytes and the block number as they
+  // were, and the next call tries to write the memo again.
   bool Write(unsigned char* bytes) override;
-  // Replaces the memo in memory. Any length is taken.
+  // Replaces the memo in memory. There is no limit on the length.
   void Set(const char* text, int length) override;
-  // The memo's text, read from the file if it wasn't yet; null with the table's error stored.
+  // The memo's text, read from the file on the first call. Null with the table's error stored if it
+  // cannot be read.
   const char* data() override;
-  // Exchanges the memos alone; the block number stays.
+  // Exchanges only the memos; the block number stays.
   void SwapOriginal() override;
   void SetOriginal() override;
 
@@ -37,10 +37,10 @@ class XBaseMemoField : public XBaseField {
   bool Load();
   bool WriteBlocks();
 
-  int dirty = 0;                  // set, and not written yet
+  int dirty = 0;                  // the memo was set and is not written yet
   char* memo = nullptr;           // null until it is read or set
   int memo_length = 0;            // without the NUL
-  char* original_memo = nullptr;  // null as long as none was read or written
+  char* original_memo = nullptr;  // null until a memo was read or written
   int original_memo_length = 0;
 };
 

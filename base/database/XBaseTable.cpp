@@ -1,4 +1,8 @@
-// Parts, in this order: texts of failures and whole reads and writes; headers; opening and
+// The table on its files: headers, records and memos. Tested in
+// tests/base/database/XBaseTableTest.cpp, XBaseDamageTest.cpp, XBaseSharedTableTest.cpp and
+// XBaseKilledTest.cpp.
+//
+// Divisions, in this order: texts of failures and whole reads and writes; headers; opening and
 // creating; records; memos.
 
 #include "base/database/XBaseTable.h"
@@ -32,10 +36,10 @@ constexpr unsigned char header_end = 0x0D;
 constexpr unsigned char text_end = 0x1A;
 constexpr unsigned char flag_deleted = '*';
 constexpr unsigned char flag_kept = ' ';
-constexpr char type_letters[] = "CNDLM";  // by XBaseFieldType
+constexpr char type_letters[] = "CNDLM";  // the index is an XBaseFieldType
 
-// A lock on a byte range for as long as this lives. The range is kept as it was locked: the header
-// that it was computed from may say something else by the time it is released.
+// Locks a byte range for as long as this object lives. The range is kept as it was locked, because
+// the header that it was computed from may have changed by the time it is released.
 class RangeLock {
  public:
   RangeLock(File* locked_file, FileLockType type, long first, long count)
@@ -105,7 +109,8 @@ bool XBaseTable::ReadAll(File* file, const String& path, unsigned char* bytes, i
   return true;
 }
 
-// Goes on behind a short write, which leaves no reason; the next one says that the disk is full.
+// Continues after a short write, which has no error text; the next write reports that the disk is
+// full.
 bool XBaseTable::WriteAll(File* file, const String& path, const unsigned char* bytes, int length) {
   int done = 0;
   while (done < length) {
@@ -118,9 +123,9 @@ bool XBaseTable::WriteAll(File* file, const String& path, const unsigned char* b
 
 // --- Headers -------------------------------------------------------------------------------------
 
-// Takes over nothing from a header that is refused. A count of 2^31 and more and a header without
-// room for its own end are refused as if they could not be read: records would be looked for, and
-// written, in places that are not theirs.
+// A refused header changes nothing in this object. A count of 2^31 or more and a header without
+// room for its own end are refused with the text of a read error. With such numbers, records would
+// be read and written in the wrong places.
 bool XBaseTable::ReadTableHeader() {
   unsigned char bytes[fixed_header_length];
   if (!table_file || table_file->Seek(0) != 0) return ReadError(table_file, table_path);
@@ -229,7 +234,7 @@ bool XBaseTable::WriteMemoHeader() {
   return WriteAll(memo_file, memo_file_path, bytes, sizeof(bytes));
 }
 
-// Writes the header back as it is in the file, with the date of today: another process may have
+// Reads the header from the file and writes it back with today's date: another process may have
 // appended since this object last looked.
 bool XBaseTable::RefreshHeader() {
   RangeLock lock(table_file, FileLock_Exclusive, 0, header.header_length);
@@ -257,7 +262,7 @@ void XBaseTable::Close() {
   memo_file_path = "";
 }
 
-// Through the manager, which is who opens them again.
+// Goes through the manager, because the manager opens the files again.
 void XBaseTable::Deactivate() {
   for (File* file : {table_file, memo_file})
     if (file) file->manager()->DeactivateFile(file);
@@ -276,7 +281,7 @@ void XBaseTable::SetMemoPath(const String& path, String& memo_path) const {
 }
 
 bool XBaseTable::Open(Zeph_PathType type, const char* path, int length, int mode) {
-  // The path given may be this object's own.
+  // The caller may pass this object's own path, which Close empties.
   String opened(path, length);
   Close();
   current_record = is_deleted = 0;
@@ -301,7 +306,7 @@ bool XBaseTable::OpenMemoFile(Zeph_PathType type, int mode) {
   return ReadMemoHeader();
 }
 
-// Both numbers have to fit the 16 bits that the header has for the lengths.
+// The count of fields and the record's length must be small enough for the header's 16-bit lengths.
 bool XBaseTable::CheckSize(const String& path, List<XBaseField>& fields) {
   int count = 0;
   long length = 1;
@@ -355,7 +360,7 @@ bool XBaseTable::Create(Zeph_PathType type, const String& path, const char* memo
 bool XBaseTable::Create(File* file, const String& path, File* memo, const String& memo_path,
                         List<XBaseField>& fields) {
   if (!CheckSize(path, fields)) return false;
-  // The fields and paths given may be those of this object.
+  // The caller may pass this object's own fields and paths.
   const String new_path = path, new_memo_path = memo_path;
   std::vector<std::unique_ptr<XBaseField>> made;
   header.version = version_plain;
@@ -378,7 +383,7 @@ bool XBaseTable::Create(File* file, const String& path, File* memo, const String
   return WriteNewFiles(file, memo);
 }
 
-// The files stay the caller's until all is written.
+// The files belong to the caller until everything is written.
 bool XBaseTable::WriteNewFiles(File* file, File* memo) {
   if (!file) return FileError("Internal error opening '", table_path, "'", nullptr);
   table_file = file;
@@ -399,8 +404,8 @@ long XBaseTable::RecordOffset(int number) const {
   return (static_cast<long>(number) - 1) * header.record_length + header.header_length;
 }
 
-// The buffer, filled with blanks. A damaged header may give the records fewer bytes than the fields
-// take: these bytes are blank then.
+// The buffer, filled with blanks. In a damaged table the fields may be longer than the header's
+// record length: the bytes beyond it are then blank.
 unsigned char* XBaseTable::BlankRecord() {
   const int room = std::max(header.record_length, fields_length + 1) + 1;
   if (room > record_room) {
@@ -455,7 +460,7 @@ bool XBaseTable::Update() {
   {
     RangeLock lock(table_file, FileLock_Exclusive, offset, header.record_length);
     if (!lock) return LockError(table_file, table_path, "' for write: ");
-    // Ahead of the memos: a place that no file can have leaves them unwritten too.
+    // Seek before the memos are written: if no file can have this place, no memo is written either.
     if (table_file->Seek(offset) != offset) return WriteError(table_file, table_path);
     unsigned char* bytes = BlankRecord();
     BuildRecord(bytes, true);
@@ -482,8 +487,8 @@ bool XBaseTable::UpdateDeleted(int deleted_now) {
   return RefreshHeader();
 }
 
-// The record is written first: until the header counts it, nobody sees it, and a process that ends
-// in between leaves a whole table.
+// The record is written first: no reader sees it until the header counts it, and a process that
+// ends in between leaves an intact table.
 bool XBaseTable::Append() {
   RangeLock lock(table_file, FileLock_Exclusive, 0, header.header_length);
   if (!lock) return LockError(table_file, table_path, "' for write: ");
@@ -521,8 +526,8 @@ void XBaseTable::SwapOriginal() {
 
 // --- Memos ---------------------------------------------------------------------------------------
 
-// Most memos are shorter than a block, and the room doubles for the others. The end of the file
-// ends a memo as well: tables that were cut off still give what is left.
+// Most memos are shorter than a block; for the others the room doubles. The end of the file also
+// ends a memo, so that a table that was cut off still gives the rest of its text.
 bool XBaseTable::ReadMemoBlock(int block, char** text, int* length) {
   *text = nullptr;
   const long offset = static_cast<long>(block) * block_length;
@@ -563,14 +568,14 @@ int XBaseTable::WriteMemoBlock(char* text) {
     ReadError(memo_file, memo_file_path);
     return next_block;
   }
-  // Block 0 is the header, and in a record it stands for no memo. Files that were never given a
-  // first block have this.
+  // Block 0 is the header, and a record's 0 means no memo. A file has 0 here if no maker ever set
+  // its first free block.
   if (next_block == 0) next_block = 1;
   return WriteMemoText(text);
 }
 
-// Under the lock, with the header just read. Blocks count only once the header has moved on, so a
-// process that ends in between leaves nothing but bytes that the next memo goes over.
+// REQUIRES: the lock is held and the header was just read. Blocks count only once the header is
+// written, so a process that ends in between leaves only bytes that the next memo overwrites.
 int XBaseTable::WriteMemoText(const char* text) {
   const size_t length = strlen(text);
   const long offset = static_cast<long>(next_block) * block_length;

@@ -1,5 +1,5 @@
-// The life of an index file, its header and its pages.
-// Tests: tests/base/database/ZIXIndexFileTest.cpp, ZIXIndexDamageTest.cpp, ZIXIndexSharingTest.cpp
+// Opens, creates and closes index files, and reads and writes their header and pages. Tested in
+// tests/base/database/ZIXIndexFileTest.cpp, ZIXIndexDamageTest.cpp and ZIXIndexSharingTest.cpp.
 
 #include "base/database/ZIXIndexFile.h"
 
@@ -108,7 +108,8 @@ void ZIXIndexFile::CloseFile() {
   file = nullptr;
 }
 
-// Through the manager: it has to know that the file's next operation needs a descriptor again.
+// Goes through the manager, which must know that the file's next operation needs a descriptor
+// again.
 void ZIXIndexFile::Deactivate() {
   if (file) file->manager()->DeactivateFile(file);
 }
@@ -144,7 +145,7 @@ bool ZIXIndexFile::CorruptTree() {
 
 // --- The header ----------------------------------------------------------------------------------
 
-// Leaves the header in memory alone unless the file's is sound.
+// Changes the header in memory only if the file's header is sound.
 bool ZIXIndexFile::ReadHeader() {
   if (!file) return Fail({"Internal error opening '", View(file_path), "'"});
   unsigned char bytes[ZIXHeader_Length];
@@ -159,9 +160,9 @@ bool ZIXIndexFile::ReadHeader() {
   return true;
 }
 
-// Sizes that no index has are refused like a wrong identifier, so that everything behind may rely
-// on them: keys have room, a page holds `order` entries with all child pages, a page that is not
-// the root keeps at least one, and page 1 begins behind the header.
+// Sizes that no index has are refused like a wrong identifier, because all other code relies on
+// these bounds: keys have room, a page holds `order` entries with all child pages, a page other
+// than the root keeps at least one entry, and page 1 begins after the header.
 bool ZIXIndexFile::CheckHeader(const unsigned char* bytes) {
   const int entry = LittleEndian::Get16(bytes + ZIXHeader_KeyRecordSize);
   const int page = LittleEndian::Get16(bytes + ZIXHeader_PageSize);
@@ -194,12 +195,13 @@ bool ZIXIndexFile::LoadPage(ZIXIndexPage& page) {
   return (file->Seek(offset) >= 0 && page.Read(file)) || ReadError();
 }
 
-// The page numpages itself passes here; it ends in a short read.
+// Page `numpages`, one past the last, passes this check; reading it fails because the file ends
+// there.
 bool ZIXIndexFile::ReadPage(ZIXIndexPage& page) {
   return page.pagenum > numpages() ? ReadError() : LoadPage(page);
 }
 
-// For recursions: a page that stands above itself, or deeper than any tree, makes a cycle.
+// For recursions: a page that is its own ancestor, or deeper than any tree, means a cycle.
 bool ZIXIndexFile::ReadBelow(ZIXIndexPage& page, const Way* above) {
   if (above && above->depth >= kMostDepth) return CorruptTree();
   for (const Way* way = above; way; way = way->above)
@@ -212,8 +214,9 @@ bool ZIXIndexFile::WritePage(const ZIXIndexPage& page) {
   return (file->Seek(offset) >= 0 && page.Write(file)) || WriteError();
 }
 
-// Whether a walk that meets every page once has read more than the file has: then pages have
-// several pages above them, and it might go on for ages. Only a long walk asks.
+// True if a walk that meets every page once has read more pages than the file has: then some pages
+// have several parents, and the walk might take ages. The file's length is checked only once in
+// 1024 pages.
 bool ZIXIndexFile::TooManyPages(long count) {
   return count % 1024 == 0 && count > file->Length() / pagesize();
 }
@@ -239,7 +242,8 @@ bool ZIXIndexFile::PushPage(uint32_t pagenum) {
   return true;
 }
 
-// Top sets the stack's cursor, down to which Pop would unwind. Null on an empty stack.
+// The call to Top sets the stack's cursor to the top; Pop would unwind down to wherever the cursor
+// is. Returns null on an empty stack.
 std::unique_ptr<ZIXIndexPage> ZIXIndexFile::PopPage() {
   if (!pages.Top()) return nullptr;
   depth--;

@@ -1,17 +1,17 @@
 // Index files: one B-tree of text keys in one file, each key with the number of a table's record.
 // docs/formats/index-file.md draws the file. XBaseIndex works on this class: it computes the keys.
 //
-// The file is an array of pages; page 0 holds the header. Entries live in inner pages as well as in
+// The file is an array of pages; page 0 holds the header. Entries are in inner pages as well as in
 // leaves. Any number of threads and processes share a file, each through an object of its own:
 //
 //   range            lock       for
 //   bytes 0 to 426   shared     an operation that reads
-//   bytes 0 to 426   exclusive  one that changes
+//   bytes 0 to 426   exclusive  an operation that changes
 //
-// An operation takes the lock, reads the header, and gives the lock up at its end, so that changes
-// never meet. A cursor keeps copies of the pages above it between operations and holds no lock
-// then. Others may change the tree under it; the header's updatecount tells, and the cursor finds
-// its place again by key and record.
+// An operation takes the lock, reads the header, and releases the lock at its end, so that two
+// changes never overlap. Between operations a cursor keeps copies of its page and the pages above,
+// and holds no lock. Others may then change the tree. The header's updatecount shows that, and the
+// cursor finds its place again by key and record.
 //
 // Units: ZIXIndexFile.cpp (life, header and pages), ZIXIndexFile_Cursor.cpp (search and steps),
 // ZIXIndexFile_Insert.cpp, ZIXIndexFile_Delete.cpp.
@@ -32,14 +32,14 @@
 
 class ZephApplication;
 
-// The header's image: offset, bytes.
+// The header in the file: offset, with the bytes in the comment.
 enum ZIXIndexHeader : int {
   ZIXHeader_Identifier = 0,      // 4, "ZIXI"
   ZIXHeader_Version = 4,         // 1
   ZIXHeader_UpdateCount = 5,     // 4, raised by every completed insert or delete
   ZIXHeader_NumPages = 9,        // 4, page 0 included
   ZIXHeader_StartingPage = 13,   // 4, the root
-  ZIXHeader_Order = 17,          // 2, the most entries that are kept in a page
+  ZIXHeader_Order = 17,          // 2, the most entries that a page keeps
   ZIXHeader_PageSize = 19,       // 2
   ZIXHeader_KeyRecordSize = 21,  // 2
   ZIXHeader_Flags = 23,          // 4, bits of ZIXIndexFlag
@@ -47,17 +47,17 @@ enum ZIXIndexHeader : int {
   ZIXHeader_Length = 427,
 };
 
-// One open index file with one cursor, used by one thread. Operations answer false after a failure,
-// with the text in error(). There is no journal: what a failed change wrote stays.
+// One open index file with one cursor, used by one thread. Operations return false after a failure,
+// with the text in error(). There is no journal: the writes of a failed change stay in the file.
 //
-// Record numbers count from 1; 0 stands for no record, at either end of the index as well, which is
-// no failure. In all operations a key's length of -1 means strlen, and a key longer than keysize()
-// - 1 bytes is cut. `lock` is 0 only for a caller that holds the header's lock by itself, or whose
-// file nobody else knows.
+// Record numbers count from 1; 0 means no record. Both ends of the index give record 0 too, which
+// is no failure. In all operations a key length of -1 means strlen, and a key longer than keysize()
+// - 1 bytes is cut. `lock` is 0 only for a caller that already holds the header's lock, or whose
+// file is unknown to every other process and thread.
 //
-// _First, _Last, _Next and _Prev answer true with record 0, as at an end, when the lock or the
-// header can't be had: the text is in error() all the same. They answer false when a page can't be
-// read.
+// If the lock fails or the header can't be read, _First, _Last, _Next and _Prev return true with
+// record 0, as at an end, and the text is in error() all the same. They return false when a page
+// can't be read.
 class ZIXIndexFile {
  public:
   // Borrows the application, whose file manager opens the file.
@@ -66,55 +66,57 @@ class ZIXIndexFile {
   ZIXIndexFile(const ZIXIndexFile&) = delete;
   ZIXIndexFile& operator=(const ZIXIndexFile&) = delete;
 
-  // mode has bits of FileMode. Whatever was open is closed; after a failure no file is open.
+  // mode has bits of FileMode. Closes the file that was open before; after a failure no file is
+  // open.
   [[nodiscard]] bool Open(Zeph_PathType type, const char* path, int mode);
-  // Makes an empty index over whatever the file held. At most 400 bytes of the expression are kept:
-  // the caller refuses longer ones. flags has bits of ZIXIndexFlag. The second form takes a file
-  // that is open for reading and writing, and adopts it when it succeeds.
+  // Makes an empty index and overwrites what the file held. At most 400 bytes of the expression are
+  // kept: the caller refuses longer ones. flags has bits of ZIXIndexFlag. The second form adopts
+  // the file when it succeeds. REQUIRES: that file is open for reading and writing.
   [[nodiscard]] bool Create(Zeph_PathType type, const char* path,
                             const unsigned char* keyexpression, unsigned flags);
   [[nodiscard]] bool Create(File* file, const char* path, const unsigned char* keyexpression,
                             unsigned flags);
-  // Deletes the file object; always true.
+  // Deletes the file object. Always returns true.
   bool Close();
-  // Gives up the descriptor until the next operation. The cursor stays.
+  // Gives up the descriptor; the next operation opens it again. The cursor stays.
   void Deactivate();
 
   // Go to an end of the index.
   [[nodiscard]] bool _First(unsigned* record, int lock);
   [[nodiscard]] bool _Last(unsigned* record, int lock);
-  // Step. *key, if key is not null, receives the entry's key, good until the next operation; it is
-  // untouched at the end. A cursor that stands on no entry steps to record 0, as does one whose
-  // entry others have deleted.
+  // Go to the next or previous entry. *key, if key is not null, receives the entry's key, valid
+  // until the next operation; at the end of the index it is untouched. A cursor that is on no entry
+  // steps to record 0, and so does one whose entry others have deleted.
   [[nodiscard]] bool _Next(unsigned* record, const unsigned char** key, int lock);
   [[nodiscard]] bool _Prev(unsigned* record, int lock);
   // Looks for the first entry with the key or, with exact 0, the first whose bytes begin with it.
-  // Without one, *found is 0 and *record the entry's in front of the place where the key would
-  // stand, 0 if there is none. The cursor then stands in the page of that entry and behind it, or
-  // without one at the end of the way down, on the first entry.
+  // Without a match *found is 0 and *record is that of the entry just before the key's place, 0 if
+  // there is none. The cursor is then in the page of that entry, just after it. If no entry is
+  // before the key, the cursor is at the end of the way down, on the first entry.
   [[nodiscard]] bool _Find(const unsigned char* key, int length, int exact, unsigned* record,
                            int* found, int lock);
-  // Positions on the first entry with that record at or behind the first one with the key. False if
-  // there is none.
+  // Positions on the entry with that record, searched from the first entry with the key on. Returns
+  // false if there is none.
   [[nodiscard]] bool _Seek(const unsigned char* key, int length, unsigned record, int lock);
 
-  // The key of the cursor's entry, good until the next operation; null where the cursor stands on
-  // none.
+  // The key of the cursor's entry, valid until the next operation; null when the cursor is on no
+  // entry.
   const unsigned char* current_key();
 
-  // Adds an entry, in front of those with an equal key. The cursor finds its place again at its
-  // next step, after Delete too.
+  // Adds an entry before those with an equal key. After Insert and Delete the cursor finds its
+  // place again at its next step.
   [[nodiscard]] bool Insert(unsigned record, const unsigned char* key, int length);
-  // Removes an entry. One that is not there is a failure.
+  // Removes an entry. Fails if the entry is not there.
   [[nodiscard]] bool Delete(unsigned record, const unsigned char* key, int length);
-  // Removes the cursor's entry if it still is there and has that record; otherwise does nothing and
-  // answers true. The cursor then stands nowhere. updatecount stays: cursors of others don't
-  // notice.
+  // Removes the cursor's entry if it is still there and has that record; otherwise does nothing and
+  // returns true. Afterwards the cursor is on no entry. updatecount stays, so cursors of other
+  // objects do not notice.
   [[nodiscard]] bool Delete_Current(unsigned record);
 
-  // The order of a against b: negative, 0 or positive. With exact 0 whether b begins with a.
+  // The order of a against b: negative, 0 or positive. With exact 0 the result is 0 if b begins
+  // with a.
   static int Compare(const unsigned char* a, const unsigned char* b, int exact, int flags);
-  // -1, 0 or 1, and -2 for texts that are not both numbers.
+  // Returns -1, 0 or 1, and -2 for texts that are not both numbers.
   static int NumberCompare(const unsigned char* a, const unsigned char* b);
 
   // The header as this object last read or wrote it.
@@ -132,7 +134,7 @@ class ZIXIndexFile {
   // NUL-terminated, at most 400 bytes.
   const unsigned char* keyexpression() const { return &header[ZIXHeader_KeyExpression]; }
 
-  // These change the header in memory only; the next operation reads it again.
+  // These change only the header in memory; the next operation reads it from the file again.
   void SetIdentifier(std::string_view four_bytes);
   void SetVersion(unsigned value) { header[ZIXHeader_Version] = static_cast<unsigned char>(value); }
   void SetUpdatecount(uint32_t value) { Put32(ZIXHeader_UpdateCount, value); }
@@ -148,10 +150,10 @@ class ZIXIndexFile {
   bool is_open() const { return file != nullptr; }
 
  private:
-  // The header's lock, for the time of an operation.
+  // Holds the header's lock during an operation.
   class HeaderLock {
    public:
-    // With lock 0, and without a file, there is nothing to take.
+    // With lock 0, or without a file, takes no lock.
     HeaderLock(File* file, FileLockType type, int lock = 1);
     ~HeaderLock();
     HeaderLock(const HeaderLock&) = delete;
@@ -163,7 +165,7 @@ class ZIXIndexFile {
     bool has_failed = false;
   };
 
-  // A page that a recursion is in, and those above it.
+  // A page that a recursion is in, linked to those above it.
   struct Way {
     const ZIXIndexPage* page;
     const Way* above;
@@ -171,10 +173,10 @@ class ZIXIndexFile {
   };
 
   enum InsertResult { Insert_Promoted = 0, Insert_Failed = 1, Insert_Done = 2 };
-  // What an insertion carries through the tree.
+  // The state that an insertion carries through the tree.
   struct Insertion {
     const ZIXIndexKey& key;
-    // The entry that the page above has to take in, and the page behind it.
+    // The entry that the page above has to add, and the child page after it.
     uint32_t record;
     std::unique_ptr<unsigned char[]> promoted;
     uint32_t child = 0;
@@ -211,7 +213,7 @@ class ZIXIndexFile {
 
   static std::string_view View(const String& text);
 
-  // Failures; all answer false.
+  // Failures; all return false.
   bool Fail(std::initializer_list<std::string_view> parts);
   bool ReadError();
   bool WriteError();
@@ -271,15 +273,16 @@ class ZIXIndexFile {
 
   ZephApplication* application;
   File* file = nullptr;
-  std::unique_ptr<unsigned char[]> header;  // with a NUL behind it, for the expression
+  std::unique_ptr<unsigned char[]> header;  // with a NUL after it, for the expression
   ZIXIndexPageStack pages;
   String file_path;
   String error_text;
 
-  // The cursor's own copy: changes by this object count as those of others.
+  // The updatecount when the cursor's pages were read. Changes by this object count as those of
+  // others.
   uint32_t cursor_updatecount = 0;
   int depth = 0;      // of the stack
-  long descents = 0;  // pages pushed since the cursor was placed or turned round
+  long descents = 0;  // pages pushed since the cursor was placed or changed direction
   int last_direction = 0;
   std::vector<std::unique_ptr<ZIXIndexPage>> spare_pages;
 };

@@ -1,6 +1,5 @@
-// Searches and steps. Each sets the cursor's updatecount to the one under which its pages were
-// read.
-// Tests: tests/base/database/ZIXIndexFileTest.cpp, ZIXIndexCursorTest.cpp
+// Searches and steps of the cursor. Each sets the cursor's updatecount to the one under which its
+// pages were read. Tested in tests/base/database/ZIXIndexFileTest.cpp and ZIXIndexCursorTest.cpp.
 
 #include <cstring>
 
@@ -52,8 +51,8 @@ bool ZIXIndexFile::_Last(unsigned* record, int lock) {
   return root->childpage(n) ? DescendRight(root->childpage(n), record) : AnswerEntry(n - 1, record);
 }
 
-// To the first entry below a child page. Without pages the cursor stands nowhere, which is all that
-// a failed descent can leave.
+// Goes to the first entry below a child page. A failed descent drops all pages: the cursor is then
+// on no entry.
 bool ZIXIndexFile::DescendLeft(uint32_t child, unsigned* record) {
   while (child) {
     if (!PushPage(child)) {
@@ -78,7 +77,7 @@ bool ZIXIndexFile::DescendRight(uint32_t child, unsigned* record) {
   return AnswerEntry(pages.Top()->numentries() - 1, record);
 }
 
-// Puts the cursor on an entry of the top page. Only a damaged tree has a page without any here.
+// Puts the cursor on an entry of the top page. Only a damaged tree has a page without entries here.
 bool ZIXIndexFile::AnswerEntry(int position, unsigned* record) {
   ZIXIndexPage* page = pages.Top();
   if (page->numentries() == 0) {
@@ -101,7 +100,7 @@ const unsigned char* ZIXIndexFile::current_key() {
   return OnEntry() ? pages.Top()->key(pages.Top()->position) : nullptr;
 }
 
-// Whether there is an entry to step from.
+// True if there is an entry to step from.
 bool ZIXIndexFile::StartStep(const HeaderLock& lock, int direction) {
   if (!StartReading(lock) || !OnEntry()) return false;
   if (updatecount() != cursor_updatecount && !FindPlace()) return false;
@@ -111,7 +110,7 @@ bool ZIXIndexFile::StartStep(const HeaderLock& lock, int direction) {
 }
 
 // Goes to the entry with the key and record of the current one, in a tree that others may have
-// changed. Without it the cursor stands nowhere.
+// changed. If it is gone, the cursor is on no entry.
 bool ZIXIndexFile::FindPlace() {
   const ZIXIndexPage* page = pages.Top();
   const uint32_t wanted = page->recordnum(page->position);
@@ -184,9 +183,9 @@ bool ZIXIndexFile::_Find(const unsigned char* key, int length, int exact, unsign
   return Search(ZIXIndexKey(key, length, keysize(), flags()), exact, record, found);
 }
 
-// On an empty stack. The page of the last entry in front of the key, or of the first equal one,
-// ends on top with the position where its scan stopped. Nobody in front and nobody equal leaves the
-// whole way down.
+// REQUIRES: the stack is empty. Afterwards the top page is the one of the first equal entry or,
+// without one, of the last entry before the key; its position is where the scan stopped. If there
+// is neither, the whole way down stays on the stack.
 bool ZIXIndexFile::Search(const ZIXIndexKey& key, int exact, unsigned* record, int* found) {
   const ZIXIndexPage* remembered = nullptr;
   const bool first_is_only = exact && (flags() & ZIXIndex_Unique);

@@ -1,7 +1,7 @@
 // Deletion. A page that falls below the minimum takes entries from a sibling, or merges with one;
-// the page above is then one short, and so on up. The one that underflows is left to its caller to
-// write.
-// Tests: tests/base/database/ZIXIndexDeleteTest.cpp, ZIXIndexFaultTest.cpp
+// the page above then has one entry less, and so on up. A function that returns Delete_Underflow
+// leaves the page for its caller to write. Tested in tests/base/database/ZIXIndexDeleteTest.cpp and
+// ZIXIndexFaultTest.cpp.
 
 #include <cstring>
 #include <vector>
@@ -20,9 +20,9 @@ bool ZIXIndexFile::Delete(unsigned record, const unsigned char* key, int length)
   return EndChange(result == Delete_Done);
 }
 
-// The counter tells of all changes but those made here, by another cursor. So where it has not
-// moved the place holds if the pages above it still lead to the entry: they are read again, since
-// what is written back has to be what the file holds.
+// updatecount counts Insert and Delete, but not this operation, which another cursor may have used.
+// So even with an equal count the place is good only if the pages above still lead to the entry.
+// They are read again, because the pages that are written back must be those of the file.
 bool ZIXIndexFile::Delete_Current(unsigned record) {
   HeaderLock held(file, FileLock_Exclusive);
   if (!StartChange(held)) return false;
@@ -38,8 +38,8 @@ bool ZIXIndexFile::Delete_Current(unsigned record) {
   return startingpage() == root || WriteHeader();
 }
 
-// Reads the cursor's pages again, from the current one to the root. False, with the current page as
-// it was, if they do not lead to its entry any more.
+// Reads the cursor's pages again, from the current one to the root. Returns false, with the current
+// page as it was, if they no longer lead to its entry.
 bool ZIXIndexFile::ReadPlaceAgain() {
   ZIXIndexPage* const top = pages.Top();
   ZIXIndexPage current = BlankPage(top->pagenum);
@@ -83,8 +83,8 @@ int ZIXIndexFile::DoDelete(DeleteState state, ZIXIndexPage* parent, ZIXIndexPage
   return SearchAndDelete(page, way, work);
 }
 
-// Equal keys stand in any of the pages between them, so each is tried. So are those behind the key:
-// numbers and texts mixed make an order in which it may be there.
+// Entries with equal keys are in any of the pages between them, so each is tried. The pages after
+// the key are tried too: where numbers and texts are mixed, the order may have put the entry there.
 int ZIXIndexFile::SearchAndDelete(ZIXIndexPage& page, const Way& way, Deletion* work) {
   const int n = page.numentries();
   for (page.position = 0; page.position <= n; page.position++) {
@@ -102,8 +102,8 @@ int ZIXIndexFile::SearchAndDelete(ZIXIndexPage& page, const Way& way, Deletion* 
   return Delete_NotFound;
 }
 
-// The entry at the page's position. In an inner page its successor takes its place, which is the
-// first entry of a leaf.
+// Deletes the entry at the page's position. In an inner page its successor, which is the first
+// entry of a leaf, replaces it.
 int ZIXIndexFile::DeleteEntry(ZIXIndexPage& page, const Way& way, Deletion* work) {
   if (page.IsLeaf()) return RemoveFromLeaf(page, page.position);
   const uint32_t child = page.childpage(page.position + 1);
@@ -125,7 +125,7 @@ int ZIXIndexFile::TakeSuccessor(ZIXIndexPage& parent, ZIXIndexPage& page, const 
   return WritePage(parent) ? RemoveFromLeaf(page, 0) : Delete_Failed;
 }
 
-// Carries on in a child page of `page`, and mends it afterwards.
+// Continues in a child page of `page`, and repairs an underflow of that child afterwards.
 int ZIXIndexFile::DeleteBelow(DeleteState state, ZIXIndexPage* parent, ZIXIndexPage& page,
                               uint32_t child, const Way& way, Deletion* work) {
   if (TooManyPages(++work->pages_read)) {
@@ -184,7 +184,7 @@ bool ZIXIndexFile::ReadSibling(ZIXIndexPage& sibling, const ZIXIndexPage& parent
   return ReadPage(sibling);
 }
 
-// Evens two siblings out. One has more than the minimum and the other less.
+// Evens out two siblings. One has more entries than the minimum and the other less.
 bool ZIXIndexFile::Redistribute(ZIXIndexPage& left, ZIXIndexPage& parent, ZIXIndexPage& right) {
   const int separator = parent.ChildIndex(left.pagenum);
   if (separator < 0 || separator >= parent.numentries()) return CorruptTree();
@@ -213,7 +213,7 @@ bool ZIXIndexFile::MoveRight(ZIXIndexPage& left, ZIXIndexPage& parent, int separ
                              ZIXIndexPage& right) {
   const int nl = left.numentries();
   const int j = nl - (nl + right.numentries()) / 2;
-  // As it stands: the deleted entry leaves the file before another one moves.
+  // Write the page first, so that the deleted entry leaves the file before another one moves.
   if (!WritePage(right)) return false;
   right.InsertBefore(0, left.childpage(nl), parent.recordnum(separator), parent.key(separator));
   parent.CopyEntry(separator, left, nl - j);
@@ -227,7 +227,7 @@ bool ZIXIndexFile::MoveRight(ZIXIndexPage& left, ZIXIndexPage& parent, int separ
   return true;
 }
 
-// Merges right into left. The parent is left to the caller to write.
+// Merges right into left. The caller writes the parent.
 bool ZIXIndexFile::Concatenate(ZIXIndexPage& left, ZIXIndexPage& parent, ZIXIndexPage& right) {
   const int separator = parent.ChildIndex(left.pagenum);
   if (separator < 0 || separator >= parent.numentries()) return CorruptTree();

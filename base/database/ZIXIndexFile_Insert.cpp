@@ -1,5 +1,5 @@
-// Insertion. A full page is split in two, and the entry between them goes up.
-// Tests: tests/base/database/ZIXIndexFileTest.cpp, ZIXIndexFaultTest.cpp
+// Insertion. A full page is split in two, and the entry between them moves up. Tested in
+// tests/base/database/ZIXIndexFileTest.cpp and ZIXIndexFaultTest.cpp.
 
 #include <cstring>
 
@@ -28,7 +28,7 @@ bool ZIXIndexFile::Insert(unsigned record, const unsigned char* key, int length)
 }
 
 int ZIXIndexFile::DoInsert(uint32_t pagenum, const Way* above, Insertion* work) {
-  // Below a leaf: the entry goes into the page above, with no page behind it.
+  // Below a leaf: the entry goes into the page above, with no child page after it.
   if (pagenum == 0) return Insert_Promoted;
   ZIXIndexPage page = BlankPage(pagenum);
   if (!ReadBelow(page, above)) return Insert_Failed;
@@ -52,11 +52,11 @@ int ZIXIndexFile::DoInsert(uint32_t pagenum, const Way* above, Insertion* work) 
   return WritePage(page) ? Insert_Done : Insert_Failed;
 }
 
-// The header goes first: should the process end here, the page is lost, but its number is not
-// given to two. The new page goes before the old one, which is whole until then.
+// The header is written first: if the process ends here, the page is lost, but its number is never
+// used twice. The new page is written before the old one, which is intact until then.
 bool ZIXIndexFile::SplitPage(ZIXIndexPage& page, int i, int page_depth, Insertion* work) {
-  // A tree that can't be finished is not begun: all pages on the way up may split, and a root may
-  // come on top. The file layer refuses places beyond 2^31.
+  // Do not begin a tree that can't be finished: all pages on the way up may split, and a new root
+  // may be added. The file layer refuses positions beyond 2^31.
   const long last = static_cast<long>(numpages()) + page_depth;
   if (!work->has_split && file->Seek(last * pagesize()) < 0) return WriteError();
   work->has_split = true;

@@ -1,4 +1,4 @@
-// Tests: tests/base/database/ZIXIndexKeyTest.cpp
+// Compares keys as numbers or as bytes. Tested in tests/base/database/ZIXIndexKeyTest.cpp.
 
 #include "base/database/ZIXIndexKey.h"
 
@@ -16,7 +16,8 @@ const char* Chars(const unsigned char* text) {
   return reinterpret_cast<const char*>(text);
 }
 
-// Whole numbers of up to 15 digits, which a double holds exactly: nearly all numbers among keys.
+// Reads whole numbers of up to 15 digits, which a double holds exactly. Nearly all numbers among
+// keys are of this kind, and strtod is slow.
 bool ReadDigits(const unsigned char* text, double* value) {
   const bool negative = *text == '-';
   if (negative) text++;
@@ -30,7 +31,8 @@ bool ReadDigits(const unsigned char* text, double* value) {
   return true;
 }
 
-// Whether strtod could find anything: white space, a sign, a digit, a point, "inf" or "nan".
+// False if strtod can't find a number: it needs white space, a sign, a digit, a point, "inf" or
+// "nan".
 bool MayBeNumber(unsigned char first) {
   return first <= '9' || (first | 0x20) == 'i' || (first | 0x20) == 'n';
 }

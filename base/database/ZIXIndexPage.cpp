@@ -1,4 +1,4 @@
-// Tests: tests/base/database/ZIXIndexPageTest.cpp
+// The layout of one page of an index. Tested in tests/base/database/ZIXIndexPageTest.cpp.
 
 #include "base/database/ZIXIndexPage.h"
 

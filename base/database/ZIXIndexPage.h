@@ -1,15 +1,15 @@
-// One page of an index file, and the stack of pages that a cursor stands on.
+// One page of an index file, and the stack of pages from the root to a cursor's page.
 //
 // Page of `pagesize` bytes, `n` entries, with `size` for keyrecordsize. Integers little-endian:
 //
 //   offset         bytes      meaning
 //   0              4          n
 //   4 + i * size   4          child page i, for i from 0 to n: the keys before entry i; the last
-//                             one holds the keys behind all entries; 0 for none
+//                             one holds the keys after all entries; 0 for none
 //   8 + i * size   4          record number of entry i
 //   12 + i * size  size - 8   key of entry i, ended by a NUL
 //
-// What is behind the last child page is whatever was there. A page without child pages is a leaf.
+// The bytes after the last child page are undefined. A page without child pages is a leaf.
 
 #ifndef ZEPH_BASE_ZIXINDEXPAGE_H
 #define ZEPH_BASE_ZIXINDEXPAGE_H
@@ -22,8 +22,8 @@
 
 class File;
 
-// Works on the image of the page; nothing here is checked against n, which Read has bounded. The
-// image has room for one entry more than the page, so that a full page can be split in it.
+// Works on the page's bytes. No operation checks an index against n, which Read has bounded. The
+// buffer has room for one entry more than the page, so that a full page can be split in it.
 class ZIXIndexPage {
  public:
   uint32_t pagenum;        // where it belongs in the file
@@ -50,32 +50,33 @@ class ZIXIndexPage {
   void SetNumentries(int n) { LittleEndian::Put32(data.get(), static_cast<uint32_t>(n)); }
   void SetChildpage(int i, uint32_t child) { LittleEndian::Put32(at(4, i), child); }
   void SetRecordnum(int i, uint32_t record) { LittleEndian::Put32(at(8, i), record); }
-  // Cuts the key to what fits and fills up with NULs.
+  // Cuts the key to the room of an entry and fills the rest with NULs.
   void SetKey(int i, const unsigned char* text);
 
-  // Makes entry i, moving those from i on up; the new child page follows the entry.
+  // Makes entry i and moves the entries from i on up; the new child page follows the entry.
   void Insert(int i, uint32_t child, uint32_t record, const unsigned char* key);
-  // The same with the new child page in front of the entry.
+  // The same, with the new child page before the entry.
   void InsertBefore(int i, uint32_t child, uint32_t record, const unsigned char* key);
-  // Removes entry i with the child page in front of it.
+  // Removes entry i and the child page before it.
   void Delete(int i);
-  // Removes the last entry with the child page in front of it.
+  // Removes the last entry and the child page before it.
   void DeleteLast();
   void CopyEntry(int i, const ZIXIndexPage& from, int j);
-  // Whether entry i of another page of this geometry is the same here, record and key.
+  // True if entry i has the same record and key here and in another page of this geometry.
   bool SameEntry(int i, const ZIXIndexPage& other) const;
 
-  // Inserts as Insert does into a full page, and spreads what it then has: the first entries stay
-  // in left, one is handed up, the others go to right. key_up has room for keysize bytes.
+  // Inserts as Insert does into a full page, then distributes the entries: the first ones stay in
+  // left, one is handed up, the others go to right. REQUIRES: key_up has room for keysize bytes.
   static void Split(int i, ZIXIndexPage& left, ZIXIndexPage& right, uint32_t child, uint32_t record,
                     const unsigned char* key, uint32_t* record_up, unsigned char* key_up);
 
-  // Reads the image from a file that stands at the page, and ends every key in its last byte at
-  // the latest. A page that the end of the file cuts is filled up with zeros. False if there is no
-  // count, or one of more entries than the bytes that were read hold: the file then has the text.
+  // Reads the page and ends every key with a NUL in its last byte at the latest. If the file ends
+  // within the page, the rest is zeros. Returns false if there is no count, or if the count is more
+  // than the bytes read can hold: the file then has the error text. REQUIRES: the file's position
+  // is at the page.
   bool Read(File* file);
   bool Write(File* file) const;
-  // Takes the image of another page of this geometry.
+  // Copies the bytes of another page of this geometry.
   void CopyImage(const unsigned char* image);
 
  private:
@@ -87,11 +88,11 @@ class ZIXIndexPage {
   size_t Room() const { return size_t{pagesize} + keyrecordsize + 4; }
 };
 
-// From the root to the current page, which is on top.
+// The pages from the root to the current page, which is on top.
 class ZIXIndexPageStack : public Stack<ZIXIndexPage> {
  public:
   ZIXIndexPageStack() : Stack<ZIXIndexPage>(1) {}
-  // 1 if a page of that number is on the stack. Leaves the stack's cursor anywhere.
+  // Returns 1 if a page of that number is on the stack. Moves the stack's cursor.
   int CheckForRecursion(unsigned page);
 };
 

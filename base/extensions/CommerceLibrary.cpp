@@ -1,3 +1,5 @@
+// Finds and calls commerce libraries. Tested in tests/base/extensions/CommerceLibraryTest.cpp.
+
 #include "base/extensions/CommerceLibrary.h"
 
 #include <memory>
@@ -7,10 +9,10 @@
 
 namespace {
 
-// An answer of loop that ends it.
+// A result of loop that ends it.
 constexpr int loop_ended = 2;
 
-// Copies of the source's libraries for another owner, in their order.
+// Copies the source's libraries for another owner, in their order.
 void CopyLibraries(CommerceLibraryTable& source, CommerceLibraryTable* target) {
   for (int i = 0; i < source.Entries(); i++) {
     if (CommerceLibrary* library = source.Index(i)) {

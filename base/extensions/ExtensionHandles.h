@@ -1,5 +1,5 @@
-/* What extension libraries know the engine's objects by: pointers that only the engine looks into.
-   Plain C. */
+/* The handles by which extension libraries refer to the engine's objects: pointers that only the
+   engine dereferences. Plain C. */
 
 #ifndef ZEPH_BASE_EXTENSIONHANDLES_H
 #define ZEPH_BASE_EXTENSIONHANDLES_H
@@ -23,7 +23,7 @@ typedef struct ZephVM ZephVM;
 #endif
 
 typedef Variable* ZPVARIABLE;           /* a value of a script */
-typedef VariableList* ZPVARIABLELIST;   /* values in an order */
+typedef VariableList* ZPVARIABLELIST;   /* a list of values */
 typedef VariableHash* ZPVARIABLEHASH;   /* values by name and by position */
 typedef ZephVM* ZPPROGRAM;              /* the running script */
 typedef File* ZPFILE;                   /* an open file */

@@ -1,3 +1,6 @@
+// Finds and calls functions of builtin libraries. Tested in
+// tests/base/extensions/ExternalCallTest.cpp.
+
 #include "base/extensions/ExternalCall.h"
 
 #include "base/extensions/ExternalLibrary.h"
@@ -27,8 +30,8 @@ ExternalCall::~ExternalCall() {
   result_variable->DecRefCount();
 }
 
-// Whether nobody can see what happens to the result of the last call: it is held here alone, and is
-// no reference to a variable of somebody else.
+// Whether the result of the last call can be reused, because no other code can see it: only this
+// object holds it, and it is no reference to another variable.
 bool ExternalCall::ResultIsFree() {
   return result_variable->IsPlain() && result_variable->plain_count() < 2;
 }
@@ -45,8 +48,8 @@ int ExternalCall::Call(ZephVM* vm, VariableHash* parameters) {
   } else {
     SetResult(new Variable());
   }
-  // The function may run scripts that call it again: each of those calls finds the result held and
-  // makes one of its own.
+  // The function may run scripts that call it again: each of those calls finds that the result is
+  // held, and makes its own.
   VariableRef result = VariableRef::Share(result_variable);
   function->function(vm, parameters, result.get(), &state);
   if (result_variable != result.get()) SetResult(result.release());
@@ -121,7 +124,7 @@ void ExternalCallManager::Append(ExternalLibrary* library, _ZP_EL_Function* func
   registrations[size_t(count++)] = {library, functions};
 }
 
-// The row of that name in the table, or null.
+// Returns the row of that name in the table, or null.
 static _ZP_EL_Function* FindRow(_ZP_EL_Function* row, std::string_view name) {
   if (row == nullptr) return nullptr;
   for (; row->name != nullptr; row++) {
@@ -153,14 +156,14 @@ void* ExternalCallManager::Lookup_Persistent(const char* name, int length) {
 
 void ExternalCallManager::Register_Persistent(ZephVM* vm, const char* name, int length, void* data,
                                               void (*destroy)(void* vm, void* data)) {
-  // The callback may leave something under the name again.
+  // The callback may register data under the same name again.
   while (ExternalCallPersistentData* old = persistent.Remove(name, length)) delete old;
   InsertOwned(persistent,
               std::make_unique<ExternalCallPersistentData>(vm, name, length, data, destroy));
 }
 
 void ExternalCallManager::MachineEnds(ZephVM* vm, ZephVM* parent) {
-  // A callback may look for other data, and leave some: the count of entries changes under way.
+  // A callback may look up and register data, so the number of entries can change during the loop.
   for (int i = 0; i < persistent.Entries(); i++) {
     ExternalCallPersistentData* entry = persistent.Index(i);
     if (entry == nullptr || entry->machine() != vm) continue;

@@ -1,6 +1,6 @@
-// Functions of builtin libraries, which scripts call as if they were their own. A library hands
-// out a table of its functions; the manager of a request finds a function in the tables by name at
-// its first call and keeps what belongs to it until the request ends.
+// Functions of builtin libraries, which scripts call like their own. A library provides a table of
+// its functions. At the first call of a function, the manager of a request finds it in the tables
+// by name; its state and result are kept until the request ends.
 
 #ifndef ZEPH_BASE_EXTERNALCALL_H
 #define ZEPH_BASE_EXTERNALCALL_H
@@ -14,7 +14,7 @@
 class ExternalLibrary;
 class ZephApplication;
 
-// A function that a request has called, with the state and result that go with it.
+// A function that a request has called, with its state and result.
 class ExternalCall {
  public:
   // The row is borrowed from the library.
@@ -24,13 +24,13 @@ class ExternalCall {
   ExternalCall(const ExternalCall&) = delete;
   ExternalCall& operator=(const ExternalCall&) = delete;
 
-  // Calls the function; answers 1. result() then holds what it gave, NULL if nothing. A result of
-  // an earlier call that somebody still holds keeps its value, and so does that of a call that is
-  // still running.
+  // Calls the function; returns 1. Afterwards result() is the function's result, NULL if it set
+  // none. If another holder keeps the result of an earlier call, that variable is unchanged; so is
+  // the result of a call that is still running.
   virtual int Call(ZephVM* vm, VariableHash* parameters);
 
   const _ZP_EL_Function* descriptor() const { return function; }
-  // Borrowed; whoever keeps it takes a count.
+  // Borrowed; a caller that keeps it takes a count.
   Variable* result() { return result_variable; }
 
  private:
@@ -49,11 +49,11 @@ struct ExternalCallName {
 };
 using ExternalCallTable = NamedHashTable<ExternalCall, ExternalCallName>;
 
-// Data that an extension leaves under a name, for its later calls in the same request.
+// Data that an extension keeps under a name, for its later calls in the same request.
 class ExternalCallPersistentData {
  public:
-  // Copies the name, which is not terminated in the copy; a length of -1 means strlen. Without a
-  // destroy callback the data was made with operator new.
+  // Copies the name; the copy has no NUL. A length of -1 means strlen. If destroy is null, the data
+  // must come from operator new.
   ExternalCallPersistentData(ZephVM* vm, const char* name, int length, void* data,
                              void (*destroy)(void* vm, void* data));
   // Destroys the data.
@@ -64,7 +64,7 @@ class ExternalCallPersistentData {
   const char* name() const { return key; }
   int namelength() const { return key_length; }
   void* data() const { return held; }
-  // The machine that the callback gets.
+  // The machine that is passed to the callback.
   ZephVM* machine() const { return vm; }
   void SetMachine(ZephVM* machine) { vm = machine; }
 
@@ -84,12 +84,12 @@ struct ExternalCallPersistentDataName {
 using ExternalCallPersistentDataTable =
     NamedHashTable<ExternalCallPersistentData, ExternalCallPersistentDataName>;
 
-// The builtin libraries of one request or task, on its thread. The order of the virtual operations
-// stays.
+// The builtin libraries of one request or task. Used on its thread. The order of the virtual
+// operations must not change.
 class ExternalCallManager {
  public:
   explicit ExternalCallManager(ZephApplication* application);
-  // Registers the source's libraries anew, in their order, through the given application. Calls
+  // Registers the source's libraries again, in their order, through the given application. Calls
   // and persistent data stay with the source.
   ExternalCallManager(ZephApplication* application, ExternalCallManager& source);
   virtual ~ExternalCallManager();
@@ -98,24 +98,24 @@ class ExternalCallManager {
 
   // Opens a library and appends its table. False leaves the reason in error().
   virtual bool RegisterDSO(const char* path);
-  // The function of that name, in any case, from the library that was registered first; null when
-  // no library has it. Owned by the manager. A length of -1 means strlen.
+  // Returns the function of that name, in any case, from the library that was registered first, or
+  // null if no library has it. Owned by the manager. A length of -1 means strlen.
   virtual ExternalCall* Lookup_External(const char* name, int length);
-  // The data left under that name, in any case, or null. A length of -1 means strlen.
+  // Returns the data under that name, in any case, or null. A length of -1 means strlen.
   virtual void* Lookup_Persistent(const char* name, int length);
-  // Keeps data under a name until the machine ends, for a nested one the machine above all. Data of
-  // that name which is there already is destroyed first. The name is copied; a length of -1 means
+  // Keeps data under a name until the machine ends, or for a nested machine until the top machine
+  // ends. Older data of that name is destroyed first. The name is copied; a length of -1 means
   // strlen.
   virtual void Register_Persistent(ZephVM* vm, const char* name, int length, void* data,
                                    void (*destroy)(void* vm, void* data));
 
-  // Tells that a machine is about to be deleted, while it still works: the destroy callbacks get
-  // the machine, and may use it. Data that was registered with it is destroyed, or goes over to the
-  // parent, under whose run it was registered. Data of other machines stays.
+  // Called before a machine is deleted, while it still works, because the destroy callbacks get the
+  // machine and may use it. Data that was registered with vm is destroyed or, with a parent (the
+  // machine that ran the nested one), passes to the parent. Data of other machines stays.
   void MachineEnds(ZephVM* vm, ZephVM* parent);
 
   const String& error() const { return last_error; }
-  // Keeps the older text when the given one is null.
+  // Keeps the older text if the given one is null.
   void Error(const String& text);
 
  private:

@@ -1,3 +1,6 @@
+// Runs a configuration library for a request. Tested in
+// tests/base/extensions/ExternalConfigTest.cpp.
+
 #include "base/extensions/ExternalConfig.h"
 
 #include "base/compiled/VariableHash.h"
@@ -20,7 +23,7 @@ void ReleaseAll(List<Variable>& pending) {
   pending.RemoveAll();
 }
 
-// The table adopts the counts, so the list forgets each before.
+// The table adopts the count of each variable, so the list drops it first without releasing.
 void MoveAll(List<Variable>& pending, VariableHash* table) {
   while (pending.First() != nullptr) table->SetVariable(pending.Remove(ListHead));
 }
@@ -41,7 +44,8 @@ ExternalConfig::ExternalConfig(ZephApplication* owner, ExternalCallManager* call
       global_variables(global_table) {}
 
 ExternalConfig::~ExternalConfig() {
-  // They are gone by now; a library that registers something in its shutdown is not heard.
+  // The managers may be deleted already; registrations that a library makes in its shutdown are
+  // ignored.
   call_manager = nullptr;
   commerce_manager = nullptr;
   database_manager = nullptr;

@@ -1,6 +1,7 @@
-// The settings of a request, answered by a configuration library. A new one is made for every
-// request and the library is driven anew each time; besides answering for settings it may register
-// extension libraries, name variables and set what tag errors do, through the zpConfig functions.
+// The settings of a request, provided by a configuration library. The application makes a new
+// object for every request, and the library is initialized and shut down with it. Besides providing
+// settings the library may register extension libraries, name variables and set the defaults for
+// tag errors, through the zpConfig functions.
 
 #ifndef ZEPH_BASE_EXTERNALCONFIG_H
 #define ZEPH_BASE_EXTERNALCONFIG_H
@@ -20,9 +21,8 @@ class Variable;
 class VariableHash;
 class ZephApplication;
 
-// Made and deleted by the application, after the managers and tables that it is given and borrows.
-// They may be deleted before it: the destructor does not look at them. Used by the request's
-// thread alone.
+// The application makes it after the managers and tables, which it borrows, and deletes it. They
+// may be deleted first: the destructor does not use them. Used only by the request's thread.
 class ExternalConfig : public Config {
  public:
   ExternalConfig(ZephApplication* application, ExternalCallManager* call_manager,
@@ -30,47 +30,48 @@ class ExternalConfig : public Config {
                  ExternalDatabaseLibraryManager* database_manager,
                  SystemLibraryManager* system_manager, VariableHash* system_variables,
                  VariableHash* global_variables);
-  // Lets the library shut down, then releases the variables that never reached a table.
+  // Shuts the library down, then releases the variables that never reached a table.
   ~ExternalConfig() override;
   ExternalConfig(const ExternalConfig&) = delete;
   ExternalConfig& operator=(const ExternalConfig&) = delete;
 
-  // Loads the library at path, or finds it loaded, and initializes it with the arguments of the
-  // process. False leaves the reason in error().
+  // Loads the library at path, unless it is loaded already, and initializes it with the arguments
+  // of the process. False leaves the reason in error().
   [[nodiscard]] bool Load(const char* path, int zero, void* arguments, int count);
-  // Tells the library which script this request runs, so that it may change settings for it. The
-  // file is open and borrowed. False leaves the reason in error(), no text without a library.
+  // Informs the library which script this request runs, so that it can change settings for it. The
+  // file is open and borrowed. False leaves the reason in error(), or no text if there is no
+  // library.
   [[nodiscard]] bool LoadScriptConfig(const char* path, File* file);
 
-  // What the library answers for id, else the built-in default.
+  // Returns the library's value for id, or the built-in default if it has none. The caller owns it.
   ConfigValue* default_value(int id) override;
 
-  // Registrations of extension libraries. Nothing is opened but a builtin library. False leaves
-  // the reason with the manager concerned.
+  // Register extension libraries. Only a builtin library is opened at once. False leaves the reason
+  // in the manager concerned.
   bool Register_Library_Commerce(const char* name, const char* path);
   bool Register_Library_Database(const char* name, const char* path);
   bool Register_Library_System(const char* name, const char* path);
   bool Register_Library_Builtin(const char* path);
 
-  // Notes a variable for AddVariables: a system variable, which scripts cannot write, or a global
+  // Keep a variable for AddVariables: a system variable, which scripts cannot write, or a global
   // one. Name and value are copied; a length of -1 means strlen.
   void SetVariable_System(const char* name, int namelength, const char* value, int valuelength);
   void SetVariable_Global(const char* name, int namelength, const char* value, int valuelength);
-  // Puts the noted variables into the tables, system ones first, each kind in the order in which
-  // they were noted; of two with one name the later stays. The tables take over their counts.
+  // Puts the kept variables into the tables, system ones first, each kind in the order in which
+  // they came; of two with one name the later remains. The tables adopt their counts.
   void AddVariables();
 
-  // Sets what an error of the tag does by default, bit 0 display and bit 1 stop, for the whole
-  // process. The name counts without regard to case; one that is no tag's is ignored.
+  // Sets the default handling of the tag's errors for the whole process: bit 0 display, bit 1 stop.
+  // Case does not matter in the name; an unknown name is ignored.
   void Set_DefaultErrorSetting(const char* tag, int taglength, int value);
 
   const String& error() const { return last_error; }
-  // Keeps the older text when the given one is null.
+  // Keeps the older text if the given one is null.
   void Error(const String& text);
 
  private:
   ZephApplication* application;
-  void* data = nullptr;  // the library's
+  void* data = nullptr;  // a word for the library's use
   _ZP_EL_Config* descriptor = nullptr;
   ExternalLibrary* library = nullptr;  // borrowed from the process
   String last_error;
@@ -80,7 +81,7 @@ class ExternalConfig : public Config {
   SystemLibraryManager* system_manager;
   VariableHash* system_variables;
   VariableHash* global_variables;
-  // One count of each variable is held here until AddVariables.
+  // Each list holds one count of its variables until AddVariables.
   List<Variable> pending_system;
   List<Variable> pending_global;
   TagLookup tag_lookup;

@@ -1,3 +1,6 @@
+// Finds and opens database libraries. Tested in
+// tests/base/extensions/ExternalDatabaseLibraryTest.cpp.
+
 #include "base/extensions/ExternalDatabaseLibrary.h"
 
 #include "base/extensions/ExternalLibrary.h"

@@ -1,4 +1,4 @@
-// Database libraries: engines for databases of other types than the built-in one. Configuration
+// Database libraries: engines for databases of other types than the built-in one. The configuration
 // names the types; a library is opened when a script first opens a database of its type.
 
 #ifndef ZEPH_BASE_EXTERNALDATABASELIBRARY_H
@@ -9,13 +9,13 @@
 
 class ZephApplication;
 
-// A function word of the table below. What a function takes depends on the operation, and for
-// some on the table's version, so the caller of each casts it to the form in use.
+// A function of the table below. Its parameters depend on the operation, and for some on the
+// table's version, so each caller casts it to the form in use.
 typedef void (*_ZP_EL_DatabaseFunction)();
 
-// The functions of a database library, as its export zeph_database_library answers them. Words of
-// 8 bytes; any function may be null. A library says in version how far its table reaches: fields
-// from a later version are behind its end and must not be looked at.
+// The functions of a database library, as its export zeph_database_library returns them. Fields of
+// 8 bytes; any function may be null. version is the version of the table: fields of a later version
+// are past its end and must not be read.
 struct _ZP_EL_Database {
   int version;
   _ZP_EL_DatabaseFunction create;
@@ -61,14 +61,14 @@ class ExternalDatabaseLibrary {
  public:
   // Copies both texts.
   ExternalDatabaseLibrary(const char* name, const char* path);
-  // For a task: name, path and the table, when it is loaded.
+  // For a task: copies name, path and, if it is loaded, the table.
   ExternalDatabaseLibrary(const ExternalDatabaseLibrary& other);
   ~ExternalDatabaseLibrary();
   ExternalDatabaseLibrary& operator=(const ExternalDatabaseLibrary&) = delete;
 
   const char* name() const { return type_name; }
   const char* path() const { return library_path; }
-  // The library's table, in its memory; null until loaded.
+  // The library's table, in the library's memory; null until loaded.
   _ZP_EL_Database* descriptor() const { return table; }
   void SetDescriptor(_ZP_EL_Database* descriptor) { table = descriptor; }
 
@@ -84,26 +84,26 @@ struct ExternalDatabaseLibraryName {
 using ExternalDatabaseLibraryTable =
     NamedHashTable<ExternalDatabaseLibrary, ExternalDatabaseLibraryName>;
 
-// The database types that configuration has named for a request or task, on its thread. The order
-// of the virtual operations stays.
+// The database types that the configuration names for a request or task. Used on its thread. The
+// order of the virtual operations must not change.
 class ExternalDatabaseLibraryManager {
  public:
   explicit ExternalDatabaseLibraryManager(ZephApplication* application);
-  // For a task: copies of the source's libraries, to be opened through the given application.
+  // For a task: copies the source's libraries, to be opened through the given application.
   ExternalDatabaseLibraryManager(ZephApplication* application,
                                  ExternalDatabaseLibraryManager& source);
   virtual ~ExternalDatabaseLibraryManager();
   ExternalDatabaseLibraryManager(const ExternalDatabaseLibraryManager&) = delete;
   ExternalDatabaseLibraryManager& operator=(const ExternalDatabaseLibraryManager&) = delete;
 
-  // Names a type; the file is not looked at. Answers true.
+  // Registers a type; the file is not opened yet. Returns true.
   virtual bool RegisterDSO(const char* name, const char* path);
-  // The type of that name, in any case, with its descriptor() set; owned by the manager. Null
-  // leaves the reason in error(). A length of -1 means strlen.
+  // Returns the type of that name, in any case, with its descriptor() set; owned by the manager.
+  // Null leaves the reason in error(). A length of -1 means strlen.
   [[nodiscard]] virtual ExternalDatabaseLibrary* Lookup_DB(const char* name, int length);
 
   const String& error() const { return last_error; }
-  // Keeps the older text when the given one is null.
+  // Keeps the older text if the given one is null.
   void Error(const String& text);
 
   // In the order of registration.

@@ -1,11 +1,14 @@
+// The table of loaded libraries, and their errors per thread. Tested in
+// tests/base/systems/unix/UNIXExternalLibraryTest.cpp.
+
 #include "base/extensions/ExternalLibrary.h"
 
 #include <memory>
 
 namespace {
 
-// What went wrong last on this thread, and with which object. Libraries and managers are shared,
-// so a text in the object could change while its reader copies it.
+// The last failure on this thread, and the object that had it. Libraries and managers are shared,
+// so a text in the object could change while a reader copies it.
 struct ThreadError {
   const void* owner = nullptr;
   String text;

@@ -1,6 +1,5 @@
-// Shared libraries loaded into the process. Extension libraries of all kinds and the configuration
-// library come through one manager, which loads each file once and keeps it until the process
-// ends.
+// Shared libraries loaded into the process. One manager loads all extension libraries and the
+// configuration library; it loads each file once and keeps it until the process ends.
 
 #ifndef ZEPH_BASE_EXTERNALLIBRARY_H
 #define ZEPH_BASE_EXTERNALLIBRARY_H
@@ -8,11 +7,11 @@
 #include "base/core/BaseTemplates.h"
 #include "base/core/StringClass.h"
 
-// One loaded file. Made by a manager, which owns it; shared by all requests. Failures are kept for
-// each thread apart, since several requests use one library at once.
+// One loaded file. Made and owned by a manager, shared by all requests. Failures are kept per
+// thread, because several requests use one library at once.
 class ExternalLibrary {
  public:
-  // Makes what a thread needs for error().
+  // Makes the calling thread's storage for error(), for libraries and managers.
   static void PrepareThread();
 
   ExternalLibrary();
@@ -20,15 +19,18 @@ class ExternalLibrary {
   ExternalLibrary(const ExternalLibrary&) = delete;
   ExternalLibrary& operator=(const ExternalLibrary&) = delete;
 
-  // Opens the file; called once, before the library is shared. False leaves the reason in error().
+  // Opens the file. False leaves the reason in error().
+  // REQUIRES: called once, before the library is shared.
   [[nodiscard]] virtual bool Load(const char* path) = 0;
-  // The address of an exported symbol, or null with the reason in error(). Any thread.
+  // Returns the address of an exported symbol, or null with the reason in error(). Any thread may
+  // call it.
   [[nodiscard]] virtual void* Get_Function(const char* name) = 0;
 
   const String& path() const { return library_path; }
-  // What the calling thread's last failure with this library said; the null string without one.
+  // The text of the calling thread's last failure with this library; the null string if there is
+  // none.
   const String& error() const;
-  // Keeps the calling thread's older text when the given one is null.
+  // Keeps the calling thread's older text if the given one is null.
   void Error(const String& text);
 
  protected:
@@ -43,26 +45,27 @@ struct ExternalLibraryPath {
 using ExternalLibraryTable = NamedHashTable<ExternalLibrary, ExternalLibraryPath>;
 
 // The loaded files by path. This class is for one thread; the host's subclass adds the lock. The
-// error is kept for each thread apart, since it is read after the lock was given back.
+// error is kept per thread, because it is read after the lock was released.
 class ExternalLibraryManager {
  public:
   ExternalLibraryManager();
-  // Unloads everything: nothing of any library may be in use any more.
+  // Unloads everything. REQUIRES: no code or data of any library is in use.
   virtual ~ExternalLibraryManager();
   ExternalLibraryManager(const ExternalLibraryManager&) = delete;
   ExternalLibraryManager& operator=(const ExternalLibraryManager&) = delete;
 
-  // The library of that file, loaded at the first call and borrowed by the caller. Null leaves the
-  // reason in error(); a later call tries again.
+  // Returns the library of that file, loaded at the first call; the caller borrows it. Null leaves
+  // the reason in error(); a later call tries again.
   [[nodiscard]] virtual ExternalLibrary* Lookup(const char* path);
 
-  // Loads a file whether it is in the table or not; a new object, the caller's, or null with the
-  // reason in error().
+  // Loads a file even if it is in the table. Returns a new object, owned by the caller, or null
+  // with the reason in error().
   [[nodiscard]] virtual ExternalLibrary* Load(const char* path) = 0;
 
-  // What the calling thread's last failure with this manager said; the null string without one.
+  // The text of the calling thread's last failure with this manager; the null string if there is
+  // none.
   const String& error() const;
-  // Keeps the calling thread's older text when the given one is null.
+  // Keeps the calling thread's older text if the given one is null.
   void Error(const String& text);
 
  private:

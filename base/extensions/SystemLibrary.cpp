@@ -1,3 +1,5 @@
+// Finds and opens system libraries. Tested in tests/base/extensions/SystemLibraryTest.cpp.
+
 #include "base/extensions/SystemLibrary.h"
 
 #include <memory>

@@ -1,6 +1,6 @@
-// System libraries: shared libraries that extensions know by name and take functions from, without
-// being linked against them. The engine itself calls nothing in them. Configuration names them; a
-// library is opened when an extension first asks for it.
+// System libraries: shared libraries whose functions extensions look up by name, without being
+// linked against them. The engine itself calls no function in them. The configuration names them; a
+// library is opened when an extension first uses it.
 
 #ifndef ZEPH_BASE_SYSTEMLIBRARY_H
 #define ZEPH_BASE_SYSTEMLIBRARY_H
@@ -11,19 +11,19 @@
 class ExternalLibrary;
 class ZephApplication;
 
-// One named library of a request or task. The order of the virtual operations stays.
+// One named library of a request or task. The order of the virtual operations must not change.
 class SystemLibrary {
  public:
   // Copies both texts.
   SystemLibrary(const char* name, const char* path);
-  // For a task: name, path and the opened file, if it is open.
+  // For a task: copies name, path and, if it is open, the opened file.
   SystemLibrary(const SystemLibrary& other);
   virtual ~SystemLibrary();
   SystemLibrary& operator=(const SystemLibrary&) = delete;
 
-  // Keeps the opened file, which stays the process's. Answers true.
+  // Keeps the opened file, borrowed: the process owns it. Returns true.
   virtual bool Load(ExternalLibrary* library);
-  // Keeps the older text when the given one is null.
+  // Keeps the older text if the given one is null.
   virtual void Error(const String& text);
   virtual const String& error();
 
@@ -44,22 +44,22 @@ struct SystemLibraryName {
 };
 using SystemLibraryTable = NamedHashTable<SystemLibrary, SystemLibraryName>;
 
-// The system libraries that configuration has named for a request or task, on its thread.
+// The system libraries that the configuration names for a request or task. Used on its thread.
 class SystemLibraryManager {
  public:
   explicit SystemLibraryManager(ZephApplication* application);
-  // For a task: copies of the source's libraries, to be opened through the given application.
+  // For a task: copies the source's libraries, to be opened through the given application.
   SystemLibraryManager(ZephApplication* application, SystemLibraryManager& source);
   virtual ~SystemLibraryManager();
   SystemLibraryManager(const SystemLibraryManager&) = delete;
   SystemLibraryManager& operator=(const SystemLibraryManager&) = delete;
 
-  // Names a library; the file is not looked at. Answers true.
+  // Registers a library; the file is not opened yet. Returns true.
   virtual bool RegisterDSO(const char* name, const char* path);
-  // The library of that name, in any case, opened and owned by the manager. Null leaves the reason
-  // in error(). A length of -1 means strlen.
+  // Returns the library of that name, in any case, opened and owned by the manager. Null leaves the
+  // reason in error(). A length of -1 means strlen.
   [[nodiscard]] virtual SystemLibrary* Lookup_System_Library(const char* name, int length);
-  // Keeps the older text when the given one is null.
+  // Keeps the older text if the given one is null.
   virtual void Error(const String& text);
   virtual const String& error();
 

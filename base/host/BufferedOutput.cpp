@@ -1,4 +1,5 @@
-// One buffer in front of a sink, the capture of text in memory, and the output to nowhere.
+// One buffer in front of a sink, the capture of text in memory, and the output to nowhere. Tested
+// in tests/base/host/BufferedOutputTest.cpp.
 
 #include "base/host/BufferedOutput.h"
 
@@ -70,10 +71,11 @@ CaptureOutput::CaptureOutput(Output* parent)
 CaptureOutput::~CaptureOutput() {
   if (outer) outer->Release();
   delete[] base;
-  buffer = nullptr;  // it lies within base
+  buffer = nullptr;  // it points into base
 }
 
-// The text goes at once: others may still lead on to the parent for long.
+// The text is freed at once, because captures that have found this one may keep the object for
+// long.
 void CaptureOutput::Close() {
   over = true;
   delete[] base;
@@ -82,7 +84,7 @@ void CaptureOutput::Close() {
   Release();
 }
 
-// In a loop: captures can be nested without bound.
+// A loop instead of recursion, because captures can be nested without bound.
 void CaptureOutput::Release() {
   CaptureOutput* released = this;
   while (released && --released->holders == 0) {
@@ -92,7 +94,7 @@ void CaptureOutput::Release() {
   }
 }
 
-// Gives up a parent that is over for that one's parent.
+// Replaces a parent that is over with that parent's own parent.
 void CaptureOutput::StepOver() {
   CaptureOutput* const gone = outer;
   parent_output = gone->parent_output;

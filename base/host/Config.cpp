@@ -1,3 +1,4 @@
+// The store of settings and its table. Tested in tests/base/host/ConfigTest.cpp.
 #include "base/host/Config.h"
 
 #include <algorithm>
@@ -89,7 +90,7 @@ Config::Config(Config& other) {
 
 Config::~Config() = default;
 
-// The cached value, read at the first call; null when there is none.
+// The cached value, read at the first call; null if there is none.
 ConfigValue* Config::Value(int id) {
   ConfigValue* value = values.Lookup(id);
   if (value != nullptr) return value;

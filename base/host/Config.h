@@ -1,6 +1,6 @@
-// The settings of one request or task: a small store of values under fixed numeric identifiers.
-// A value is read once, from the configuration library or the built-in defaults, and then stays as
-// it was read until the request ends, unless SetValue replaces it.
+// The settings of one request or task: a small store of values under fixed numeric identifiers. A
+// value is read once, from the configuration library or the built-in defaults, and then kept until
+// the request ends, unless SetValue replaces it.
 
 #ifndef ZEPH_BASE_CONFIG_H
 #define ZEPH_BASE_CONFIG_H
@@ -12,10 +12,11 @@
 class ConfigValue {
  public:
   ConfigValue(int id, int value);
-  // Keeps the text pointer itself. With owned set the text, made with new[], is freed with the
-  // value. A length of -1 means strlen. The text may be null: a setting that is known to be unset.
+  // Keeps the text pointer itself. If owned is set, the text was made with new[] and is deleted
+  // with the value. A length of -1 means strlen. A null text means that the setting is known to be
+  // unset.
   ConfigValue(int id, const char* text, int length, int owned);
-  // Copies the text, with a NUL behind it.
+  // Copies the text and appends a NUL.
   ConfigValue(const ConfigValue& other);
   virtual ~ConfigValue();
   ConfigValue& operator=(const ConfigValue&) = delete;
@@ -45,36 +46,36 @@ class ConfigTable final : public HashTable<ConfigValue> {
 
   // The cached value, or null.
   ConfigValue* Lookup(int id) { return Find(reinterpret_cast<const char*>(&id), sizeof id); }
-  // Takes the value over, in place of one of the same identifier.
+  // Adopts the value and deletes one of the same identifier.
   void Put(ConfigValue* value);
 };
 
-// The store with the built-in defaults only: what a background task has, as a copy of its
-// request's settings. One thread at a time. The order of the virtual operations stays.
+// A store with the built-in defaults only. A background task has one as a copy of its request's
+// settings. One thread at a time. The order of the virtual operations is fixed.
 class Config {
  public:
   Config();
-  // Copies every value that the source has read or been given so far; what it has not read comes
-  // from the built-in defaults here.
+  // Copies every value that the source has read or been given so far. Other settings of the copy
+  // come from the built-in defaults.
   Config(Config& other);
   virtual ~Config();
   Config& operator=(const Config&) = delete;
 
-  // The integer setting, -1 for a text identifier or an integer identifier that nobody knows.
+  // The integer setting; -1 for a text identifier and for an unknown integer identifier.
   virtual int value_integer(int id);
-  // The text setting, NUL-terminated, owned by the store and valid until SetValue or the store's
-  // end. Null for an integer identifier, and for a setting that has no value; a setting that is
+  // The text setting, NUL-terminated, owned by the store and valid until SetValue or the end of the
+  // store. Null for an integer identifier and for a setting without a value; a setting that is
   // present but empty gives an empty text.
   virtual const char* value_string(int id);
   // Replaces a setting. The text pointer itself is kept and must stay valid for the life of the
-  // store; with owned set it was made with new[] and passes to the store. Answers 0, and takes
-  // nothing over, when the identifier is of the other kind; otherwise 1.
+  // store; with owned set it was made with new[] and passes to the store. Returns 1; or 0 if the
+  // identifier is of the other kind, and the text stays the caller's.
   virtual int SetValue(int id, const char* text, int length, int owned);
   virtual int SetValue_Integer(int id, int value);
-  // A new value for a setting that is not cached, the caller's, or null when there is none.
+  // A new value for a setting that is not cached, owned by the caller; null if there is none.
   virtual ConfigValue* default_value(int id);
 
-  // A bufsz_ setting as a count of bytes to allocate: 8192 where it is 0 or less.
+  // A bufsz_ setting as a count of bytes to allocate; 8192 if it is 0 or less.
   int buffer_size(int id);
 
  private:

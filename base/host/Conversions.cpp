@@ -1,5 +1,5 @@
 // Numbers to text and back, and the encoders of ZephApplication. Their exact rules are the number
-// and text semantics of the script language: variables and instructions have no others.
+// and text semantics of the script language; variables and instructions have no other conversions.
 // Tested in tests/base/host/ConversionsTest.cpp.
 
 #include <cerrno>
@@ -22,7 +22,7 @@
 
 namespace {
 
-// Decimals of a double whose count of decimals is open.
+// The most decimals of a double for which the caller gives no count.
 constexpr int OpenPlaces = 20;
 constexpr int DigitRoom = 512;
 
@@ -36,9 +36,9 @@ int LengthOf(const char* text, int length) {
   return static_cast<int>(measured);
 }
 
-// Calls step(from, to) for one part of a text after the other; each returns where the next one
-// begins, at to or behind it. Returns where the work has ended: at the end of the text, or where
-// the time limit has passed.
+// Calls step(from, to) for each part of a text in turn. A step returns where the next part begins,
+// at `to` or later. Returns where the work ended: the end of the text, or the point at which the
+// time limit had passed.
 template <class Step>
 int ByParts(int length, Step step) {
   int done = 0;
@@ -49,7 +49,8 @@ int ByParts(int length, Step step) {
   return done;
 }
 
-// The buffer of a result. Lengths are 32-bit by contract, so a longer result cannot be given.
+// The buffer of a result. Lengths have 32 bits, so a longer result cannot be returned and fails as
+// an allocation.
 char* NewText(int64_t size) {
   if (size > INT_MAX) throw std::bad_alloc();
   return new char[static_cast<size_t>(size)];
@@ -93,8 +94,8 @@ struct Digits {
   int sign;
 };
 
-// Writes the digits as text and returns its end, which is its beginning if the time limit has cut
-// it short. There is a point only where decimals are asked for or there.
+// Writes the digits as text and returns its end, or its beginning if the time limit has cut it
+// short. There is a point only if decimals are requested or present.
 char* WriteDigits(char* out, const Digits& digits, int precision) {
   char* const begin = out;
   int64_t countdown = precision;
@@ -150,7 +151,7 @@ char* NotFiniteToText(double value, int* length, int* size) {
   return Constant(negative ? "-Infinity" : "Infinity", length, size);
 }
 
-// Hexadecimal text behind its "0x".
+// Hexadecimal text after its "0x".
 int HexToInteger(const char* text, int length, int* error) {
   unsigned result = 0;
   for (int i = 0; i < length; i++) {
@@ -164,8 +165,8 @@ int HexToInteger(const char* text, int length, int* error) {
   return static_cast<int>(result);
 }
 
-// strtod of the "C" locale, whatever a library has made of the process locale. The text is
-// terminated. It reads signs, white space in front, hexadecimal forms, "inf" and "nan".
+// strtod of the "C" locale, because a library may have changed the locale of the process. It reads
+// signs, leading white space, hexadecimal forms, "inf" and "nan". REQUIRES: the text is terminated.
 double TerminatedToDouble(const char* text, int length, int* error) {
   static const locale_t locale = newlocale(LC_ALL_MASK, "C", nullptr);
   char* end = nullptr;
@@ -205,7 +206,7 @@ struct AttributeTable {
 constexpr AttributeTable attribute_table;
 
 // The six bytes that become entities; the parentheses are among them, the apostrophe is not. All
-// others stand for themselves.
+// others are unchanged.
 struct EntityTable {
   unsigned char length[256] = {};
   char text[256][7] = {};
@@ -238,7 +239,7 @@ bool EqualName(const char* text, const char* lower, int length) {
   return true;
 }
 
-// The byte that an entity stands for, -1 for none. The name lies between "&" and the stop.
+// The byte of an entity, -1 if there is no such entity. name is the text between "&" and the stop.
 int EntityByte(const char* name, int length) {
   switch (length) {
     case 2:
@@ -255,10 +256,11 @@ int EntityByte(const char* name, int length) {
   }
 }
 
-// Decodes what begins with the "&" at i, and returns the place behind it.
+// Decodes the entity that may begin with the "&" at i, and returns the place after the text that it
+// has read.
 //
-// One scan forward to the stop: a second "&" on the way is not looked at. The end of the text stops
-// it like a semicolon, white space makes the whole no entity.
+// One scan forward to the stop: a second "&" on the way is ignored. The end of the text counts as a
+// semicolon; if white space comes first, the text is not an entity.
 int DecodeEntity(const char* text, int length, int i, char** out) {
   int stop = i + 1;
   while (stop < length && text[stop] != ';' &&
@@ -277,8 +279,8 @@ int DecodeEntity(const char* text, int length, int i, char** out) {
   return behind;
 }
 
-// Bytes of a script literal: 1 stays, 2 gets a backslash and the letter, 0 depends on the
-// character set.
+// Bytes of a script literal: kind 1 is unchanged, 2 becomes a backslash and the letter, 0 depends
+// on the character set.
 struct ScriptTable {
   uint8_t kind[256] = {};
   char letter[256] = {};
@@ -286,7 +288,7 @@ struct ScriptTable {
     for (int c = 'A'; c <= 'Z'; c++) kind[c] = kind[c - 'A' + 'a'] = 1;
     for (int c = '0'; c <= '9'; c++) kind[c] = 1;
     for (unsigned char c : {' ', '$', '+', ',', '-', '.', ':', '@', '_'}) kind[c] = 1;
-    Escape(7, 'b');  // the bell has the short form, the backspace has not
+    Escape(7, 'b');  // the bell has the short form, the backspace does not
     Escape('\t', 't');
     Escape('\n', 'n');
     Escape('\f', 'f');
@@ -312,8 +314,8 @@ char* WriteCode(char* out, unsigned high, unsigned low) {
   return out;
 }
 
-// Encodes the character at the start of the text and answers how many bytes it took. At most six
-// bytes are written to *out, which moves behind them.
+// Encodes the character at the start of the text and returns how many bytes it had. Writes at most
+// six bytes to *out and moves it past them.
 int EncodeScriptByte(const unsigned char* text, int length, bool utf8, char** out) {
   const unsigned c = text[0];
   switch (script_table.kind[c]) {
@@ -364,8 +366,8 @@ char* ZephApplication::dtos(double value, int* length, int* size, int precision)
   digits.count = dtoa(digits.text, DigitRoom, 5, places, &digits.point, &digits.sign, value);
   const int larger = digits.point > digits.count ? digits.point : digits.count;
   int64_t allocated = int64_t{places} + larger + (digits.point == 0) + 3;
-  // The sum is short by one for a negative number that rounds to nothing, and means nothing for a
-  // precision below 0: then what is written counts, and it is never more than this.
+  // The sum is one too small for a negative number that rounds to nothing, and meaningless for a
+  // precision below 0. In these cases the buffer needs this upper bound of what is written.
   const int64_t fraction = places > 0 ? places : 0;
   const int64_t whole = digits.point > 0 ? digits.point : 1;
   const int64_t needed = digits.sign + whole + 1 + fraction + 1;
@@ -413,8 +415,8 @@ double ZephApplication::stod(const char* text, int length, int size, int* error)
   }
   length = LengthOf(text, length);
   if (length == 0) return 0.0;
-  // Decimal text, which is nearly all, takes the quick reader; it rounds as strtod does. What it
-  // does not take to the end, or finds out of range, is for strtod to judge.
+  // Nearly all numbers are plain decimal text, for which from_chars is faster and rounds as strtod
+  // does. Text that it does not read to the end, or finds out of range, goes to strtod.
   const unsigned char first = static_cast<unsigned char>(text[text[0] == '-' && length > 1]);
   if (IsDigit(first) || first == '.') {
     double value = 0.0;
@@ -569,8 +571,8 @@ char* ZephApplication::EncodeJavaScriptString(const char* text, int textlength, 
     }
     return i;
   });
-  // The size that callers see is that of a text built in blocks: 512 bytes of slack while they
-  // suffice, then none.
+  // Callers see the size of a text built in blocks: 512 bytes of slack as long as that is enough,
+  // then none.
   int64_t allocated = needed + 1;
   if (needed > 0 && allocated < int64_t{textlength} + 512) allocated = int64_t{textlength} + 512;
   char* buffer = NewText(allocated);

@@ -1,5 +1,5 @@
-// The part of files and managers that needs no system: error texts and the pool of open files.
-// Tests: tests/base/host/FileTest.cpp
+// The portable part of files and managers: error texts and the pool of open files. Tested in
+// tests/base/host/FileTest.cpp.
 
 #include "base/host/File.h"
 
@@ -43,7 +43,7 @@ void FileManager::Error(const String& text) {
 bool FileManager::FreeFileSpace(int count) {
   if (max_files == 0) return true;
   if (count > max_files) {
-    // The limit, where one would look for the count: this text is known like that.
+    // The number is the limit, not the count that the text seems to name: scripts know this text.
     char text[160];
     snprintf(text, sizeof(text),
              "Simultaneous request for %d file handles exceeds the maximum number of simultaneous "
@@ -97,7 +97,7 @@ bool FileManager::ActivateFile(File* file) {
     Error(text);
     return false;
   }
-  // Opening may have gone through the pool, so the cursor is not where it was.
+  // Activate may have used the pool, so the cursor may have moved.
   Take(inactive_files, file);
   open_files.Insert(file, ListHead);
   return true;

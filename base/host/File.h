@@ -1,7 +1,6 @@
-// Files as the engine sees them. A script never names a file on its own authority: it names a path
-// together with a Zeph_PathType, and the manager of its application confines that path to one of
-// three configured directories. The manager also keeps the pool of open files, so that a request
-// holds no more than max_files descriptors at once.
+// The engine's interface to files. A path that comes from a script always has a Zeph_PathType, and
+// the application's manager confines it to one of three configured directories. The manager also
+// keeps the pool of open files, so that a request holds no more than max_files descriptors at once.
 
 #ifndef ZEPH_BASE_FILE_H
 #define ZEPH_BASE_FILE_H
@@ -16,11 +15,11 @@ class ZephApplication;
 enum Zeph_PathType : int {
   ZephPath_Data = 0,
   ZephPath_Script = 1,
-  ZephPath_Temporary = 2,  // the data directory, when no temporary directory is configured
+  ZephPath_Temporary = 2,  // the data directory if no temporary directory is configured
 };
 
-// Bits of the mode that Open and MakeTemporary take. Without FileMode_Write a file is opened for
-// reading, whatever FileMode_Read says.
+// Bits of the mode of Open and MakeTemporary. Without FileMode_Write a file is opened for reading,
+// with or without FileMode_Read.
 enum FileMode : int {
   FileMode_Read = 1,
   FileMode_Write = 2,
@@ -48,43 +47,44 @@ enum FileSecurity : int {
   FileSecurity_TempOtherOwner = 512,
 };
 
-// Answers of FileManager::Lock.
+// Results of FileManager::Lock.
 enum FileLockResult : int {
   FileLock_Held = 0,
   FileLock_TimedOut = 1,
   FileLock_Failed = 2,
 };
 
-// Opens files and works on names, for one application and on its thread. Every operation that can
-// fail stores its text and answers false, -1 or null (Lock: a FileLockResult); out-parameters are
-// then untouched. The order of the virtual operations stays.
+// Opens files and works on names, for one application and on its thread. An operation that fails
+// stores its text, returns false, -1 or null (Lock: a FileLockResult) and leaves the out-parameters
+// unchanged. The order of the virtual operations is fixed.
 //
 // The forms without a Zeph_PathType act on the path as given, relative to the working directory.
 // They are for the engine's own files and never for a path that comes from a script.
 class FileManager {
  public:
   explicit FileManager(ZephApplication* application);
-  // Files opened by a manager are deleted before it.
+  // REQUIRES: all files that the manager has opened are deleted.
   virtual ~FileManager();
   FileManager(const FileManager&) = delete;
   FileManager& operator=(const FileManager&) = delete;
 
-  // The file, owned by the caller, or null. mode has bits of FileMode. Neither opening, nor reading
-  // or writing then, waits for the other end of a FIFO or for a device: to write to a FIFO that no
-  // one reads fails at once, to read from one gives what is there, which is nothing, as at the end
-  // of a file, or a failure while one writes to it.
+  // The file, owned by the caller, or null. mode has bits of FileMode. Neither opening nor later
+  // reading or writing waits for the other end of a FIFO or for a device. Opening a FIFO for
+  // writing fails at once if it has no reader. Reading from a FIFO returns the bytes that are
+  // there; if there are none, it returns 0 as at the end of a file, or fails while the FIFO has a
+  // writer.
   [[nodiscard]] virtual File* Open(const char* path, int mode) = 0;
-  // Takes the lock that the name stands for, and waits for it as long as the application is not
-  // cancelled. The lock is the existence of the name; Delete gives it up. Answers a FileLockResult.
+  // Takes the lock of that name. Waits for it until the application is cancelled. The lock is the
+  // existence of the name; Delete gives it up. Returns a FileLockResult.
   [[nodiscard]] virtual int Lock(const char* path) = 0;
   virtual bool Delete(const char* path) = 0;
-  // Replaces the target. A copy that fails on the way leaves what was written.
+  // Replaces the target. A copy that fails midway leaves the bytes written so far.
   virtual bool Copy(const char* from, const char* to) = 0;
   virtual bool Rename(const char* from, const char* to) = 0;
-  // Sets the times of the file to now; makes an empty file if there is none.
+  // Sets the times of the file to the current time; makes an empty file if there is none.
   virtual bool TouchFile(const char* path) = 0;
-  // A file that is not there is a failure of this form; only the form with a type answers true
-  // with *exists false.
+  // In this form a file that does not exist is a failure. Only the form with a type returns true
+  // and sets *exists to false.
   virtual bool Exists(const char* path, bool* exists) = 0;
   // Bytes; 0 for a FIFO.
   virtual bool Length(const char* path, long* length) = 0;
@@ -102,7 +102,7 @@ class FileManager {
   // receives the name, made with new[] and owned by the caller. Create and exclusive are implied.
   [[nodiscard]] virtual File* MakeTemporary(const char* prefix, char** name, int mode) = 0;
 
-  // The same within the directory that the type stands for.
+  // The same for a path within the base directory of the type.
   [[nodiscard]] virtual File* Open(Zeph_PathType type, const char* path, int mode) = 0;
   [[nodiscard]] virtual int Lock(Zeph_PathType type, const char* path) = 0;
   virtual bool Delete(Zeph_PathType type, const char* path) = 0;
@@ -117,16 +117,16 @@ class FileManager {
   virtual bool ModifiedTime(Zeph_PathType type, const char* path, long* time) = 0;
   virtual bool MakeDirectory(Zeph_PathType type, const char* path) = 0;
   virtual bool RemoveDirectory(Zeph_PathType type, const char* path) = 0;
-  // The link's content is the text of fromtype's directory with `from` behind it.
+  // The link's content is the text of fromtype's directory followed by `from`.
   virtual bool MakeSymbolicLink(Zeph_PathType fromtype, const char* from, Zeph_PathType totype,
                                 const char* to) = 0;
   virtual bool Mode(Zeph_PathType type, const char* path, int* mode) = 0;
   virtual bool ChangeMode(Zeph_PathType type, const char* path, int mode) = 0;
-  // In the directory, "" or "." being the base itself; the prefix has no slash. *name has the
-  // directory in front.
+  // Makes the file in the directory; "" or "." is the base directory itself. The prefix has no
+  // slash. *name begins with the directory.
   [[nodiscard]] virtual File* MakeTemporary(Zeph_PathType type, const char* directory,
                                             const char* prefix, char** name, int mode) = 0;
-  // Beside the file that the path names, with that name as the prefix.
+  // Makes the file beside the one of that path, with its name as the prefix.
   [[nodiscard]] virtual File* MakeTemporaryLike(Zeph_PathType type, const char* path, char** name,
                                                 int mode) = 0;
   // Appends a String, owned by the caller, for each entry, "." and ".." included, in the order of
@@ -137,26 +137,27 @@ class FileManager {
   virtual const String& error();
   virtual void Error(const String& text);
   virtual char pathseparator() = 0;
-  // The path without "." and ".." and repeated slashes, and joined to the base's text where
-  // absolute paths are accepted; the disk is not looked at. Made with new[] and owned by the
-  // caller; null when there is no such base directory.
+  // The path without "." and ".." and repeated slashes, joined to the base's text if absolute paths
+  // are accepted. Does not access the disk. Made with new[] and owned by the caller; null if there
+  // is no such base directory.
   [[nodiscard]] virtual char* NormalizeContainedPath(Zeph_PathType type, const char* path,
                                                      int* length, int* allocated) = 0;
 
   // --- The pool ----------------------------------------------------------------------------------
-  // A pooled file is in open_files, most recently opened first, or in inactive_files. It gets there
-  // by FileOpened, and comes back from inactive_files by the first operation that needs it.
+  // A pooled file is in open_files, most recently opened first, or in inactive_files. FileOpened
+  // puts it into the pool. The first operation that needs an inactive file moves it back to
+  // open_files.
 
-  // Makes room for that many more descriptors by deactivating the files that have waited longest.
-  // Files that hold a byte-range lock stay: closing would give up the lock in the middle of its
-  // transaction. So the limit may be exceeded while many are locked. False only when count alone
-  // exceeds the limit.
+  // Makes room for that many more descriptors by deactivating files from the end of open_files.
+  // Files that hold a byte-range lock stay open, because closing them would give up the lock in the
+  // middle of a transaction; so the limit may be exceeded while many are locked. False only if
+  // count alone exceeds the limit.
   virtual bool FreeFileSpace(int count);
-  // Enters an open file; answers the file.
+  // Enters an open file into the pool and returns it. If there is no memory for that, deletes it.
   virtual File* FileOpened(File* file);
-  // Forgets a file that is about to be deleted.
+  // Removes a file that is about to be deleted.
   virtual void FileClosed(File* file);
-  // Gives up the descriptor of a pooled file, held locks included.
+  // Closes the descriptor of a pooled file, which also gives up its locks.
   virtual void DeactivateFile(File* file);
   virtual bool ActivateFile(File* file);
 
@@ -176,11 +177,11 @@ class FileManager {
   List<File> inactive_files;
 };
 
-// One open file. Owned by whoever opened it. A failed operation stores its text in the file. The
-// order of the virtual operations stays.
+// One open file. Owned by the caller of Open. A failed operation stores its text in the file. The
+// order of the virtual operations is fixed.
 class File {
  public:
-  // Copies the path. The first form is of a file outside the base directories.
+  // Copies the path. The first form is for a file that is not confined to a base directory.
   File(FileManager* manager, const char* path);
   File(FileManager* manager, Zeph_PathType type, const char* path);
   virtual ~File();
@@ -192,23 +193,24 @@ class File {
   // The count of bytes, which may be short; 0 at the end of the file, -1 on failure.
   virtual int Read(char* buffer, int length) = 0;
   virtual int Write(const char* bytes, int length) = 0;
-  // Bytes from the start of the file; the place reached, or -1. Places of 2^31 and above are
-  // failures, of Tell too.
+  // position counts bytes from the start of the file. Returns the position reached, or -1.
+  // Positions of 2^31 and above fail, in Tell too.
   virtual int Seek(long position) = 0;
   virtual int Tell() = 0;
   // Bytes, 0 for a FIFO, -1 on failure.
   virtual long Length() = 0;
   virtual bool IsDirectory(bool* result) = 0;
-  // Locks bytes against other open files, of this thread or any other process, and waits for them
-  // as long as the application is not cancelled. A length of 0 reaches to the end of any file.
+  // Locks bytes against other open files, of this thread or any other process. Waits for them until
+  // the application is cancelled. A length of 0 reaches to the end of any file.
   virtual bool Lock(FileLockType type, long start, long length) = 0;
   virtual bool Release(long start, long length) = 0;
-  // Maps a part for reading; -1 is the length of the file. Offset is a multiple of the page size.
-  // Replaces an earlier mapping; lives until Release() or the end of the object. Null on failure.
+  // Maps a part for reading; a length of -1 is that of the file. Replaces an earlier mapping, and
+  // is valid until Release() or the end of the object. Null on failure. REQUIRES: offset is a
+  // multiple of the page size.
   virtual char* Map(long offset, long length) = 0;
   virtual void Release() = 0;
-  // Opens and closes the descriptor; for the manager's pool. Activate stores nothing: its text goes
-  // to the argument.
+  // Open and close the descriptor, for the manager's pool. Activate puts its error text into the
+  // argument instead of storing it.
   virtual bool Activate(String& error) = 0;
   virtual void Deactivate() = 0;
   // A null String keeps the older text.
@@ -226,9 +228,9 @@ class File {
   FileManager* manager() const { return file_manager; }
   bool contained() const { return is_contained != 0; }
   Zeph_PathType type() const { return path_type; }
-  // As it was given to the manager, NUL-terminated.
+  // The path that was given to the manager, NUL-terminated.
   const char* path() const { return path_text; }
-  // Whether a byte-range lock is held, which keeps the file from being deactivated by the pool.
+  // Whether a byte-range lock is held. The pool does not deactivate such a file.
   bool locked() const { return holds_lock; }
 
  protected:

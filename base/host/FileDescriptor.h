@@ -1,4 +1,4 @@
-// Guard of a file descriptor inside a function: what it holds is closed on every way out.
+// Guard of a file descriptor inside a function: closes it on every way out.
 
 #ifndef ZEPH_BASE_FILEDESCRIPTOR_H
 #define ZEPH_BASE_FILEDESCRIPTOR_H
@@ -8,7 +8,7 @@
 #include <cerrno>
 
 // Owns one descriptor, or none (-1). Closing never changes errno, so a failure may be reported
-// after the guards of its function have done their work.
+// after the guards have closed their descriptors.
 class FileDescriptor {
  public:
   explicit FileDescriptor(int opened = -1) : descriptor(opened) {}
@@ -32,8 +32,8 @@ class FileDescriptor {
     return result;
   }
 
-  // Closes what is held and adopts another descriptor. EINTR is no reason to close again: the
-  // descriptor is gone by then, and its number may belong to another thread.
+  // Closes the descriptor, if there is one, and adopts another. close is not repeated after EINTR,
+  // because the descriptor is gone by then and another thread may already use its number.
   void reset(int other = -1) {
     if (descriptor >= 0) {
       int saved = errno;

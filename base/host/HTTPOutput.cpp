@@ -1,4 +1,5 @@
-// Header table, chain of blocks, and the flush that joins them.
+// The response of a request: header table, chain of blocks, and the flush that sends both. Tested
+// in tests/base/host/HTTPOutputTest.cpp.
 
 #include "base/host/HTTPOutput.h"
 
@@ -153,7 +154,7 @@ int HTTPOutput::Flush() {
 int HTTPOutput::Flush(int withlength) {
   CountPut();
   if (!headers_sent) {
-    // The length is a header field like others, so it is added while the table is still open.
+    // The length is a header field like others, so it must be added before headers_sent is set.
     if (withlength) Header_ContentLength();
     headers_sent = 1;
     OutputHeaders();

@@ -28,8 +28,9 @@ class HTTPOutput_Header {
   int valueowned;
 };
 
-// A block of the chain. A growable block gets larger, a fixed one takes what fits; the rest goes
-// into the next block. Owns its storage; who holds the head deletes the blocks one by one.
+// A block of the chain. A growable block gets larger; a fixed one takes the bytes that fit, and the
+// rest goes into the next block. Owns its storage, but not the next block: the owner of the head
+// deletes the blocks one by one.
 class HTTPOutput_Chain {
  public:
   HTTPOutput_Chain(int growable, int blocksize);
@@ -37,7 +38,7 @@ class HTTPOutput_Chain {
   HTTPOutput_Chain(const HTTPOutput_Chain&) = delete;
   HTTPOutput_Chain& operator=(const HTTPOutput_Chain&) = delete;
 
-  // Answers the bytes taken: all in a growable block, what fits in a fixed one.
+  // Returns the count of bytes taken: all in a growable block, those that fit in a fixed one.
   int Write(const char* text, int length);
 
   int growable;
@@ -53,11 +54,11 @@ struct HTTPOutput_HeaderName {
     return KeyText(header->name, header->namelength);
   }
 };
-// One field a name, whatever its case.
+// One field for a name, whatever its case.
 using HTTPOutput_HeaderTable = NamedHashTable<HTTPOutput_Header, HTTPOutput_HeaderName>;
 
-// Two states: header fields open, header fields sent. The first flush of any kind moves from the
-// one to the other, and Header refuses from then on.
+// Two states: header fields open, and header fields sent. The first flush of any kind moves to the
+// second state, in which Header returns 0.
 class HTTPOutput : public Output {
  public:
   // Block size and flush threshold in bytes; a block size below 1 counts as 8192.
@@ -69,21 +70,22 @@ class HTTPOutput : public Output {
   using Output::Header;
   int Write(const char* text, int length) override;
   int Flush() override;
-  // Sends the header fields, when that has not happened, and all collected bytes; answers the count
+  // Sends the header fields, if they are not sent yet, and all collected bytes. Returns the count
   // of body bytes that the client took.
   int Flush(int withlength) override;
   int type() override;
 
-  // Adds "Content-Length" with the bytes written so far unless the script has set its own.
+  // Adds "Content-Length" with the count of bytes written so far, unless the script has set its
+  // own.
   virtual void Header_ContentLength();
-  // Sends the header fields and the empty line behind them.
+  // Sends the header fields and the empty line after them.
   virtual void OutputHeaders() = 0;
-  // Hands bytes to the client; answers the count taken, negative when the client is gone.
+  // Hands bytes to the client. Returns the count taken, negative if the client is gone.
   virtual int DoWrite(const char* text, int length) = 0;
-  // The settings, borrowed; asked for delay_file alone.
+  // The settings, borrowed. Only delay_file is read.
   virtual void SetConfig(Config* config);
 
-  // From here on new blocks have this size; the flush threshold likewise. In bytes.
+  // The size of new blocks and the flush threshold from here on, in bytes.
   void SetBlockSize(int bytes);
   void SetFlushThreshold(int bytes) {
     CountPut();
@@ -98,18 +100,19 @@ class HTTPOutput : public Output {
   HTTPOutput_Chain* head = nullptr;  // made at the first write
   HTTPOutput_Chain* tail = nullptr;
   long long total = 0;        // body bytes written by the script
-  long long since_flush = 0;  // of them since the last automatic flush
+  long long since_flush = 0;  // those of them since the last automatic flush
   Config* configuration = nullptr;
   long pause = -1;  // microseconds between partial writes; -1 until read from delay_file
 
  private:
   void Append(const char* text, int length);
-  // Counts what was put behind the last write. Whatever looks at blocks or counts begins with it.
+  // Counts the bytes put since the last write. Every operation that uses blocks or counts calls it
+  // first.
   void CountPut();
-  // Holds open what is left of the last block, as far as the bytes do not have to go out.
+  // Opens the rest of the last block for Put, up to the byte at which a flush is due.
   void HoldRoom();
-  // Writes one block, with pauses while the client takes only part of it. Answers the bytes taken;
-  // *failed is set when the client takes no more.
+  // Writes one block, with pauses while the client takes only part of it. Returns the count of
+  // bytes taken; sets *failed if the client takes no more.
   long long WriteBlock(const char* text, int length, bool* failed);
   void Pause();
 };

@@ -1,10 +1,11 @@
-// The identifiers, script names and built-in defaults of all settings, as constants. Needs nothing
-// of the engine, so that a configuration library may include it too.
+// The identifiers, script names and built-in defaults of all settings, as constants. Includes
+// nothing else of the engine, so that a configuration library may include it too.
 
 #ifndef ZEPH_BASE_SETTINGS_H
 #define ZEPH_BASE_SETTINGS_H
 
-// What Config and configuration libraries know a setting by: Config_timeout_global and so on.
+// The identifiers of settings for Config and configuration libraries: Config_timeout_global and so
+// on.
 enum ConfigID : int {
 #define ZEPH_SETTING_TEXT(name, identifier, value) Config_##name = identifier,
 #define ZEPH_SETTING_INTEGER(name, identifier, value) Config_##name = identifier,
@@ -18,7 +19,7 @@ enum ConfigKind : int {
   ConfigKind_Integer = 0x1000000,
   ConfigKind_Text = 0x2000000,
   ConfigKind_Mask = 0xF000000,
-  ConfigKind_Hidden = 0x800000,  // beside a kind: not for scripts
+  ConfigKind_Hidden = 0x800000,  // added to a kind: not for scripts
 };
 
 // One row of the list of settings. A text setting has default_integer 0; an integer setting has

@@ -1,3 +1,5 @@
+// The tables of tag errors and their access by several threads. Tested in
+// tests/base/host/TagErrorsTest.cpp.
 #include "base/host/TagErrors.h"
 
 #include <atomic>
@@ -30,8 +32,8 @@ bool IsIndex(int tag) {
   return tag >= 0 && tag < tag_count;
 }
 
-// The one word of an entry that changes. Every order of two requests' writes is as good as the
-// other, so relaxed access is enough.
+// The one word of an entry that changes. The order of writes from two requests does not matter, so
+// relaxed access is enough.
 std::atomic_ref<int> Settings(int tag) {
   return std::atomic_ref<int>(tag_default_errorsettings[tag].settings);
 }

@@ -1,6 +1,6 @@
-// What a runtime error of each tag does: whether its message goes to the client, whether the
-// script stops, and the variable that receives the message. The defaults belong to the process; a
-// machine works on a copy, so that a script changes its own table only.
+// The settings of runtime errors for each tag: whether the message goes to the client, whether the
+// script stops, and the variable that receives the message. The process holds the defaults; a
+// machine works on a copy, so that a script changes only its own table.
 
 #ifndef ZEPH_BASE_TAGERRORS_H
 #define ZEPH_BASE_TAGERRORS_H
@@ -20,7 +20,7 @@ struct TagErrorSetting {
 };
 
 inline constexpr int tag_count = 77;
-// Numbers that handlers use. Errors in an expression go under its own, whatever tag it stands in.
+// Numbers that handlers use. Errors in an expression use Tag_Expression, whatever tag contains it.
 inline constexpr int Tag_Import = 2;
 inline constexpr int Tag_Export = 4;
 inline constexpr int Tag_Do = 22;
@@ -28,16 +28,16 @@ inline constexpr int Tag_Lockfile = 23;
 inline constexpr int Tag_Expression = 62;
 inline constexpr int Tag_Asynchronous = 75;
 
-// The defaults in force, indexed by tag number. A request may set one while others are read by the
-// machines of other requests, so the settings are accessed through the functions below only.
+// The current defaults, indexed by tag number. One request may set a default while machines of
+// other requests read, so the settings are accessed only through the functions below.
 extern TagErrorSetting tag_default_errorsettings[tag_count];
 // The defaults as shipped.
 extern const TagErrorSetting original_tag_default_errorsettings[tag_count];
 
-// Copies the defaults in force into a machine's table of tag_count entries. Any thread.
+// Copies the current defaults into a machine's table of tag_count entries. Any thread.
 void CopyDefaultErrorSettings(TagErrorSetting* table);
-// The default in force of a tag, and a change of it; a number that is no index is ignored and
-// reads as 0. Any thread; machines built later see it.
+// Read and set the current default of a tag. An invalid number reads as 0 and is not set. Any
+// thread; machines made later see the change.
 int DefaultErrorSetting(int tag);
 void SetDefaultErrorSetting(int tag, int settings);
 

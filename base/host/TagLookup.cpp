@@ -1,3 +1,4 @@
+// The sorted table of tag names. Tested in tests/base/host/TagLookupTest.cpp.
 #include "base/host/TagLookup.h"
 
 #include <algorithm>

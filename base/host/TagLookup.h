@@ -1,4 +1,4 @@
-// Finds a tag's number by its name in lower case, for configuration that sets what tag errors do.
+// Finds a tag's number by its name, for configuration of the settings of tag errors.
 
 #ifndef ZEPH_BASE_TAGLOOKUP_H
 #define ZEPH_BASE_TAGLOOKUP_H
@@ -6,7 +6,7 @@
 #include <array>
 
 // A name that configuration may use. Two tags have a second, shorter name: zpasync and
-// zpfuncreturn; errors inside expressions go by the name "expression".
+// zpfuncreturn; errors inside expressions have the name "expression".
 struct TagKeyword {
   int tag;
   int length;
@@ -22,7 +22,8 @@ extern const std::array<TagKeyword, tag_keyword_count> tag_keywords;
 // Stateless; any thread.
 class TagLookup {
  public:
-  // The keyword that equals name without regard to case, or null. A length of -1 means strlen.
+  // The keyword that equals name without regard to case, or null; it lives for ever. A length of -1
+  // means strlen.
   const TagKeyword* Lookup(const char* name, int length) const;
 };
 

@@ -1,5 +1,5 @@
-// What all hosts share: the clock of a script, its language and character set, and the filter of
-// the trace log.
+// The part that all hosts share: the clock of a script, its language and character set, and the
+// filter of the trace log.
 
 #include "base/host/ZephApplication.h"
 
@@ -25,7 +25,7 @@ const char* SkipSpace(const char* p) {
   return p;
 }
 
-// Reads a line number and moves behind it; no digits read as 0.
+// Reads a line number and moves past it; no digits read as 0.
 int LineNumber(const char** p) {
   const char* start = *p;
   while (IsDigit(**p)) (*p)++;
@@ -246,7 +246,7 @@ void ZephApplication::ParseLogFilter(const char* text) {
     p = SkipSpace(p);
     if (*p == ':') {
       p = SkipSpace(p + 1);
-      if (!*p) return;  // a text that ends in ":" makes no entry of it
+      if (!*p) return;  // a last entry that ends in ":" is dropped
       first = last = LineNumber(&p);
       p = SkipSpace(p);
       if (*p == '-') {

@@ -1,6 +1,6 @@
-// The application: the one object through which every subsystem reaches its host. A request has
-// one (FastCGIApplication), a background task has one, a command-line run has one. Files, network,
-// output, settings, libraries and the clock of a script are asked for here, never taken from the
+// ZephApplication, the one object through which every subsystem reaches its host. A request has one
+// (FastCGIApplication), a background task has one, a command-line run has one. It provides files,
+// network, output, settings, libraries and the clock of a script; no subsystem takes them from the
 // process.
 
 #ifndef ZEPH_BASE_ZEPHAPPLICATION_H
@@ -41,7 +41,7 @@ enum LogType : unsigned {
   Log_RuntimeError = 0x10000000,
   Log_FatalError = 0x20000000,
   Log_Trace = 0x40000000,
-  // All records of calls, of functions of the script and of libraries.
+  // All records of calls of script functions and library functions.
   Log_OfCalls = 0xFF0,
 };
 
@@ -80,7 +80,7 @@ class LogFilterEntry {
   int lastline;
 };
 
-// Answers of BeginAsynchronousTask.
+// Results of BeginAsynchronousTask.
 enum AsynchronousTaskResult : int {
   AsynchronousTask_Started = 0,
   AsynchronousTask_Continue = 1,
@@ -90,9 +90,9 @@ enum AsynchronousTaskResult : int {
   AsynchronousTask_InTask = 5,
 };
 
-// Abstract base of every host. Made by the host, once a request or task, used by that request's
-// thread; Heartbeat is called by the heartbeat thread as well. The order of the virtual operations
-// is part of the interface: it stays.
+// Abstract base of every host. The host makes one for each request or task, and that request's
+// thread uses it; Heartbeat is also called by the heartbeat thread. The order of the virtual
+// operations is part of the interface and fixed.
 class ZephApplication {
  public:
   ZephApplication();
@@ -100,7 +100,7 @@ class ZephApplication {
   ZephApplication(const ZephApplication&) = delete;
   ZephApplication& operator=(const ZephApplication&) = delete;
 
-  // Services of the host. All borrowed; commercemanager, databasemanager and systemlibrarymanager
+  // Services of the host, all borrowed. commercemanager, databasemanager and systemlibrarymanager
   // are null in a host without such libraries.
   virtual NetworkManager* networkmanager() = 0;
   virtual FileManager* filemanager() = 0;
@@ -113,46 +113,48 @@ class ZephApplication {
   // The program's name without its folder; the machine's host name.
   virtual const char* basename() = 0;
   virtual const char* hostname() = 0;
-  // Local time as mail headers write it, "Sat, 21 Nov 2026 10:00:00 +0100"; whole hours of the
-  // zone.
+  // Local time in the form of mail headers, "Sat, 21 Nov 2026 10:00:00 +0100". The zone has whole
+  // hours only.
   virtual String currentdate() = 0;
-  // The system's text for errno, "Unknown error" where it has none. Call it before any clean-up
-  // that may change errno.
+  // The system's text for errno, "Unknown error" if it has none. Call it before any clean-up that
+  // may change errno.
   virtual String lasterror() = 0;
 
-  // The current output, borrowed. SetOutput carries the flags of the old output over, installs
-  // the new one and returns the old one; ownership stays with whoever had it.
+  // The current output, borrowed. SetOutput copies the flags of the old output to the new one,
+  // installs the new one and returns the old one. Ownership of neither changes.
   virtual Output* output() = 0;
   virtual Output* SetOutput(Output* output) = 0;
 
   // crypt(3) of at most 8 bytes of the key under a salt of two characters. The result is
   // NUL-terminated, made with new[] and owned by the caller; *length receives 13, *size 14.
   virtual char* Crypt(const char* key, int keylength, const char* salt, int* length, int* size) = 0;
-  // 32 hexadecimal digits that nobody can guess; NUL-terminated, made with new[], the caller's.
+  // 32 hexadecimal digits that cannot be guessed; NUL-terminated, made with new[] and owned by the
+  // caller.
   virtual char* MakeSessionID(int* length) = 0;
 
-  // Time limits, in whole seconds and as exact as the heartbeat's five. ResetGlobalTimeout starts
-  // the script's clock anew with timeout_global, ResetPOSTTimeout the upload's with timeout_post;
-  // a setting of 0 means no limit.
+  // Time limits, in whole seconds and as exact as the heartbeat's period of five.
+  // ResetGlobalTimeout restarts the script's clock with timeout_global, ResetPOSTTimeout the
+  // upload's with timeout_post; a setting of 0 means no limit.
   virtual void ResetGlobalTimeout();
   virtual void ResetPOSTTimeout();
   virtual void ClearPOSTTimeout();
-  // Whether the script has to end: its time is over, or it was cancelled. Any thread may ask.
+  // Whether the script has to end because its time is over or it was cancelled. Any thread may call
+  // it.
   virtual int cancelled();
 
   virtual int processid() = 0;
   virtual int threadid() = 0;
-  // The name by which lock records know this host, and the age in seconds after which another
-  // host's lock counts as abandoned; 0 is never.
+  // This host's name in lock records; and the age in seconds after which another host's lock counts
+  // as abandoned, 0 for never.
   virtual const char* lockhostname() = 0;
   virtual int lockexpiration() = 0;
 
-  // Sends text to the client as it stands, header fields first when none were sent.
+  // Sends text to the client unchanged, after the header fields if they have not been sent.
   virtual void Error(const String& text);
   virtual void Error(const char* text);
   virtual void OutputError(const char* text, int length);
 
-  // Pauses the script for that many milliseconds; a cancelled script wakes within a heartbeat.
+  // Pauses the script for that many milliseconds. A cancelled script wakes within a heartbeat.
   virtual void Sleep(int milliseconds) = 0;
   // The effective user id in decimal.
   virtual const char* GetUserID() = 0;
@@ -160,13 +162,14 @@ class ZephApplication {
   virtual int BeginAsynchronousTask(ZephVM* vm);
   virtual void AsynchronousSleep(long wakeat, Zeph_PathType type, const char* path);
 
-  // One beat: counts it, and raises the time-out flags whose deadlines lie before now.
+  // One beat: counts it and sets the time-out flags whose deadlines are before now (seconds since
+  // the epoch).
   virtual void Heartbeat(long now);
   // Seconds until the global deadline, -1 without one.
   virtual long TimeRemaining();
 
-  // What a script may set for itself. Each has a counter that changes with it, so that whoever
-  // keeps a copy sees by one comparison that it is stale.
+  // Values that a script may set. Each has a counter that changes with it, so that the holder of a
+  // copy can tell by one comparison that the copy is stale.
   virtual const String& language();
   virtual int languagecount();
   virtual const String& defaultlanguage();
@@ -186,9 +189,9 @@ class ZephApplication {
   virtual int SSL_Initialize() = 0;
   virtual void* SSL_GetFunction(const char* name) = 0;
 
-  // Replaces both filter lists by the entries of a log_filter text.
+  // Replaces both filter lists with the entries of a log_filter text.
   virtual void ParseLogFilter(const char* text);
-  // Writes one record of a type of LogType. The base has no log.
+  // Writes one record of a LogType. The base class has no log and does nothing.
   virtual void Log(unsigned type, LogParameter* parameters);
   virtual const char* Log_Description(unsigned type);
 
@@ -207,28 +210,28 @@ class ZephApplication {
   static char* EncodeEntities(const char* text, int textlength, int* length, int* size);
   static char* DecodeEntities(const char* text, int textlength, int* length, int* size);
   static char* StripNULLs(const char* text, int textlength, int* length, int* size);
-  // Needs the character set, hence an object.
+  // Not static, because it needs the character set.
   char* EncodeJavaScriptString(const char* text, int textlength, int* length, int* size);
 
-  // Shared with the machine and read there without a lock at every instruction, through
-  // std::atomic_ref in relaxed order: the count of heartbeats; whether the time is over or the
-  // script was cancelled; and whether the script asked to end.
+  // Flags that the machine reads at every instruction without a lock, through std::atomic_ref in
+  // relaxed order: the count of heartbeats; whether the time is over or the script was cancelled;
+  // and whether the script requested to end.
   int* heartbeatcounter() { return &heartbeat_counter; }
   int* timedoutflag() { return &global_timed_out; }
   int* exitflag() { return &exit_flag; }
-  // The same for the reading of a form: whether its time is over.
+  // The same for the reader of a form: whether its time is over.
   int* posttimedoutflag() { return &post_timed_out; }
   bool posttimedout() const;
 
-  // Log settings of this request, as the machine's test before a record reads them.
+  // Log settings of this request. The machine checks them before it makes a record.
   bool logsuppressed() const { return log_suppressed != 0; }
   List<LogFilterEntry>* logincludes() { return &log_includes; }
   List<LogFilterEntry>* logexcludes() { return &log_excludes; }
 
  protected:
-  // Start a clock with a limit in whole seconds, 0 for none, and take its flag back. For a host
-  // that guards the clocks with a mutex: to read the setting calls the configuration library, which
-  // must not happen under it.
+  // Start a clock with a limit in whole seconds, 0 for none, and clear its flag. For a host that
+  // guards the clocks with a mutex: reading the setting calls the configuration library, which must
+  // not happen under that mutex.
   void StartGlobalClock(int seconds);
   void StartPOSTClock(int seconds);
 

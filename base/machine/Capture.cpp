@@ -1,4 +1,5 @@
-// Puts a capture in front of the application's output and takes it away again.
+// Puts a capture in front of the application's output and takes it away again. Tested in
+// tests/base/machine/InstructionsOutputTest.cpp and DoContextTest.cpp.
 
 #include "base/machine/Capture.h"
 
@@ -31,9 +32,9 @@ void Capture::End() {
   Restore();
 }
 
-// Another output is in front where a capture was left open above this one. It may be that the
-// output was set since without regard to this capture: then the one that it found is over, and
-// there is nothing to give back.
+// Another output is in front if a capture above this one was left open, or if the output was set
+// without regard to this capture. In the latter case the output that this capture found may be
+// over, and there is nothing to restore.
 void Capture::Restore() {
   if (!active) return;
   active = false;

@@ -1,4 +1,4 @@
-// Output of a stretch of a script, collected for a variable.
+// Collects the output of a part of a script for a variable.
 
 #ifndef ZEPH_BASE_CAPTURE_H
 #define ZEPH_BASE_CAPTURE_H
@@ -8,19 +8,19 @@
 
 class Variable;
 
-// Stands in front of the application's output from Start to End. Captures nest: each gives way to
-// the output that it found, also when others have come to stand in front of it, whose text is then
-// no longer asked for.
+// Replaces the application's output from Start to End. Captures nest: at its end each restores the
+// output that it found. It does so even if other captures have been put in front of it since; their
+// text is then lost.
 class Capture : public Feature {
  public:
   // Takes a count on the variable.
   Capture(ZephApplication* application, ZephVM* vm, Variable* variable);
-  // Gives the output back if the capture was not ended; what it collected is lost then. One that
-  // was dropped only gives it back if it is in front.
+  // Restores the output if the capture was not ended; the collected text is lost then. A dropped
+  // capture restores the output only if the capture itself is in front.
   ~Capture() override;
 
   void Start();
-  // Gives the text to the variable without copying it, and the output back.
+  // Moves the text to the variable without a copy, and restores the output.
   void End();
 
  private:

@@ -1,4 +1,4 @@
-// Loads a file for ZpDO, and keeps those that were loaded.
+// Loads files for ZpDO and keeps them. Tested in tests/base/machine/DoContextTest.cpp.
 
 #include "base/machine/DoContext.h"
 
@@ -27,8 +27,8 @@ DoContext::DoContext(VariableHash* global, VariableHash* system, ZephApplication
       commerce_libraries(commerce),
       database_libraries(databases) {}
 
-// The dictionary has the names that the tables and the machine refer to. Variables that the file
-// has left in tables of other machines have names of their own.
+// Deletes the tables and the machine before the dictionary, which has the names that they refer to.
+// Variables that the file has left in tables of other machines have names of their own.
 DoContext::~DoContext() {
   delete segments;
   delete functions;
@@ -77,7 +77,7 @@ void DoContext::MakeTables() {
 }
 
 bool DoContext::ReadTables() {
-  // A file without localized texts is a good one.
+  // A file may be without localized texts.
   static_cast<void>(localized->Read(file));
   static_cast<void>(languages->Read());
   return system_variables->Read(file, MakeTag("syst")) &&
@@ -97,8 +97,9 @@ void DoContext::DecRefCount() {
 
 // --- The contexts of a family --------------------------------------------------------------------
 
-// A machine that goes is one child less of its parent, whose context may then go as well. With the
-// newest first most are found in one walk: a parent was there before its children.
+// A context in use cannot be deleted. Deleting a machine takes a child from its parent, which may
+// free the parent's context for deletion, so the walk is repeated until it finds nothing. It begins
+// with the newest, so that one walk finds most: parents were there before their children.
 DoContexts::~DoContexts() {
   for (bool found = true; found;) {
     found = false;
@@ -118,7 +119,8 @@ DoContexts::~DoContexts() {
 DoContext* DoContexts::Find(const char* path, int length) {
   DoContext* context = by_path.Find(path, length);
   if (context && context != by_use.First()) {
-    // At both places for a moment: a context that is at none would be lost.
+    // Inserted at the head before it is removed: if the insertion fails, the context is still in
+    // the list.
     by_use.Insert(context, ListHead);
     by_use.Last();
     while (by_use.Current() != context) by_use.Previous();

@@ -1,6 +1,6 @@
-// Compiled files that a script uses beside its own: ZpDO runs another file, or calls one of its
-// functions. The file gets a machine of its own, a child of the one that asked first, and is kept
-// for the rest of the request: it is loaded once, and its global variables are those of its caller.
+// Compiled files that a script uses besides its own: ZpDO runs another file, or calls one of its
+// functions. The file gets a machine of its own, a child of the machine that used it first, and is
+// kept for the rest of the request: it is loaded once. Its global variables are its caller's.
 
 #ifndef ZEPH_BASE_DOCONTEXT_H
 #define ZEPH_BASE_DOCONTEXT_H
@@ -28,7 +28,7 @@ class ZephVM;
 // it (DoContexts), on their thread. The order of the fields stays.
 class DoContext {
  public:
-  // All are borrowed and outlive the context; the tables are the parent's.
+  // All are borrowed and outlive the context. The two tables are the parent's.
   DoContext(VariableHash* global, VariableHash* system, ZephApplication* application,
             ZephVM* parent, ExternalCallManager* external_calls, CommerceLibraryManager* commerce,
             ExternalDatabaseLibraryManager* databases);
@@ -36,13 +36,13 @@ class DoContext {
   DoContext& operator=(const DoContext&) = delete;
   virtual ~DoContext();
 
-  // Loads the file, once. Adopts the path, which has length bytes and a NUL in a buffer of size
-  // bytes made with new[], and the file. False after a failure: error() tells why a file could not
-  // be opened, and is empty for one whose sections are damaged.
+  // Loads the file. Adopts the path, which has length bytes and a NUL in a buffer of size bytes
+  // made with new[], and the file. Returns false after a failure: error() says why a file could not
+  // be opened, and is empty if a section of it is damaged. REQUIRES: it is called once.
   [[nodiscard]] bool Open(char* path, int length, int size, File* opened);
 
-  // How often the context is in use: runs of it that have not ended, and machines that have its
-  // machine for a parent. Good after Open.
+  // The number of uses: runs of it that have not ended, plus machines that have its machine as
+  // parent. REQUIRES: Open has returned true.
   int RefCount() const;
   void IncRefCount();
   void DecRefCount();
@@ -50,7 +50,7 @@ class DoContext {
   const String& path() const { return file_path; }
   const String& error() const { return error_text; }
   ZephVM* machine() const { return child; }
-  // The function calls that were compiled for this file, by text.
+  // The calls of its functions that were compiled, by text.
   DoExpressionTable& expressions() { return calls; }
 
  private:
@@ -84,7 +84,7 @@ struct DoContextPath {
   }
 };
 
-// The contexts of a family of machines, which are the machine of a request and all whose parents
+// The contexts of a family of machines: the machine of a request and all machines whose parents
 // lead to it. Owned by that machine.
 class DoContexts {
  public:
@@ -95,19 +95,19 @@ class DoContexts {
   ~DoContexts();
 
   int Entries() { return by_use.Entries(); }
-  // The context of a path, which is the one used last from then on; null if there is none.
+  // Returns the context of a path and makes it the most recently used; null if there is none.
   DoContext* Find(const char* path, int length);
-  // Adopts the context. It is the one used last.
+  // Adopts the context, which becomes the most recently used.
   void Insert(DoContext* context);
-  // Deletes contexts that are not in use, the one that was not used for longest first, until there
-  // are no more than that many; those in use stay.
+  // Deletes contexts that are not in use, the least recently used first, until at most limit are
+  // left. Contexts in use stay.
   void Evict(int limit);
 
  private:
   void DeleteCurrent();
 
   NamedHashTable<DoContext, DoContextPath> by_path{0, 1, 12, 512};
-  List<DoContext> by_use;  // the newest first
+  List<DoContext> by_use;  // the most recently used first
 };
 
 #endif

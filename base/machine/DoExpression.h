@@ -1,6 +1,6 @@
 // Expressions that a script has compiled at run time, by their text. A compiled expression stays in
-// the machine's segments for as long as the machine lives, so whoever evaluates the same text again
-// keeps its segment here instead of compiling it once more.
+// the machine's segments as long as the machine exists, so code that may evaluate the same text
+// again keeps its segment here instead of compiling it again.
 
 #ifndef ZEPH_BASE_DOEXPRESSION_H
 #define ZEPH_BASE_DOEXPRESSION_H
@@ -10,7 +10,7 @@
 
 class Segment;
 
-// One entry: a private copy of the text, and the code that came of it.
+// One entry: a private copy of the text, and its code.
 class DoExpression {
  public:
   // A length of -1 means strlen. The segment is borrowed from its manager.

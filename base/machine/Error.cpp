@@ -1,4 +1,5 @@
-// Fatal and runtime errors of the machine, and the records of them in the trace log.
+// Fatal and runtime errors of the machine, and their records in the trace log. Tested in
+// tests/base/machine/ZephVMTest.cpp and InstructionsErrorsTest.cpp.
 
 #include <cstdio>
 #include <cstring>
@@ -13,7 +14,7 @@
 
 namespace {
 
-// A line bound admits when it is 0.
+// A line bound of 0 admits every line.
 bool Admits(const LogFilterEntry* entry, const char* file, int length, int line) {
   return entry->namelength == length && (entry->firstline == 0 || entry->firstline <= line) &&
          (entry->lastline == 0 || entry->lastline >= line) &&
@@ -60,10 +61,10 @@ String ZephVM::ErrorPrefix(const char* kind, const char* tag) {
 }
 
 int ZephVM::FatalError(const String& message) {
-  // First: there may be no memory for the text.
+  // This comes first, because there may be no memory for the text.
   stop_flag = true;
-  // A stack reports to its own machine, and ends those that work on it too. Two files that call
-  // each other are guests of one another.
+  // A stack reports to its own machine, so machines that work on that stack are ended too. The test
+  // of the flag ends the loop: two files that call each other are guests of one another.
   for (ZephVM* other = guest; other && !other->stop_flag; other = other->guest) {
     other->stop_flag = true;
   }
@@ -75,7 +76,7 @@ int ZephVM::FatalError(const String& message) {
   return 0;
 }
 
-// What failed because its work was cut short is no error of the script: the time-out is told.
+// If the work failed because the time limit cut it short, the time-out is reported instead.
 void ZephVM::RuntimeError(int tag, const String& message) {
   if (RunLimit::WasCut()) return;
   const bool known = tag >= 0 && tag < tag_count;
@@ -84,8 +85,8 @@ void ZephVM::RuntimeError(int tag, const String& message) {
   error_text = ErrorPrefix("Runtime error in ", setting.name);
   error_text.cat(message.data, message.length);
   error_text.cat('\n');
-  // Set either way: a handler raises one error, and a failure that code nested in it has survived
-  // does not end the script.
+  // Set in both cases: a handler raises one error, and code nested in it may have survived a
+  // failure, which must not end the script.
   stop_flag = (setting.settings & TagError_Fatal) != 0;
   if ((frame->error_output & ZephVM_Frame::ErrorOutput_Display) &&
       (setting.settings & TagError_Display)) {

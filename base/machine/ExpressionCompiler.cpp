@@ -1,3 +1,12 @@
+// Compiles expressions into instructions. Tested in tests/base/machine/ExpressionCompilerTest.cpp
+// and ExpressionValuesTest.cpp.
+//
+//   scanning    finds operators, quotes and brackets
+//   operators   orders them by precedence
+//   values      constants, variables and their elements
+//   functions   calls and their arguments
+//   emitting    words, operands, lines and error texts
+
 #include "base/machine/ExpressionCompiler.h"
 
 #include <cstring>
@@ -15,7 +24,7 @@
 
 namespace {
 
-// Ids of the operators that are no single instruction.
+// Ids of the operators that are not one instruction.
 enum : int { OperatorGroup = 32, OperatorIncrement = 33, OperatorDecrement = 34 };
 
 constexpr _OperatorInfo Operators[] = {
@@ -58,8 +67,8 @@ constexpr _OperatorInfo Operators[] = {
 constexpr int LongestOperator = 6;
 constexpr int NoLimit = -1;
 
-// A text that goes to the dictionary is looked for in a block of it, and a function in the chain of
-// a table: in bytes that take as long to scan.
+// The time for adding a text to the dictionary, or for finding a function, as the number of bytes
+// that take as long to scan: one searches a block, the other a chain of a table.
 constexpr int EntryCost = 1 << 17;
 
 bool IsDigit(char c) {
@@ -89,7 +98,7 @@ int TextLength(const char* text, int length) {
 
 }  // namespace
 
-// Counts one level of nesting for as long as it stands.
+// Counts one level of nesting as long as the object exists.
 class ExpressionCompiler::Nesting {
  public:
   explicit Nesting(int* counted) : level(counted) { ++*level; }
@@ -130,7 +139,7 @@ int ExpressionCompiler::Run() {
   if (error_text.data) return 0;
   if (source_id != -1) Emit(Instruction::sourcefile, source_id);
   if (!Parse(0, text_length)) return 0;
-  // Code beyond what a segment can hold was not written.
+  // The segment was full, so code is missing.
   if (write_position < 0) Fail("Unable to store variable");
   return error_text.data ? 0 : 1;
 }
@@ -165,7 +174,7 @@ int ExpressionCompiler::SkipName(int start, int end) const {
   return start;
 }
 
-// The end of the quoted text that begins at start: the position of the closing quote.
+// Finds the closing quote of the text that begins at start.
 bool ExpressionCompiler::FindQuoteEnd(int start, int end, int* position) {
   for (int i = start + 1; i < end; i++) {
     if (text[i] == text[start] && text[i - 1] != '\\') {
@@ -176,7 +185,7 @@ bool ExpressionCompiler::FindQuoteEnd(int start, int end, int* position) {
   return Fail("Mismatched Quotes found in Expression");
 }
 
-// The position of what closes the bracket at start.
+// Finds the end of the bracket at start.
 bool ExpressionCompiler::FindEnd(int start, int end, char open, char close, const char* message,
                                  int* position) {
   int level = 0;
@@ -198,8 +207,8 @@ const char* const MismatchedInside = "Mismatched Parentheses found in Expression
 const char* const MismatchedGroup = "Mismatched Parentheses in Expression";
 }  // namespace
 
-// The operator of one of the bytes "$(*+-/", null for the sign of a number. Only where a value may
-// begin can there be a sign: behind a value, a group for one, "-5" subtracts.
+// The operator at one of the bytes "$(*+-/"; null for the sign of a number. A sign is possible only
+// where a value may begin: after a value, such as a group, "-5" subtracts.
 const _OperatorInfo* ExpressionCompiler::OperatorOfByte(int position, int end, bool sign) const {
   const char c = text[position];
   const char next = position + 1 < end ? text[position + 1] : '\0';
@@ -209,8 +218,8 @@ const _OperatorInfo* ExpressionCompiler::OperatorOfByte(int position, int end, b
   return IsOperator(text + position, 1);
 }
 
-// Finds the next operator that no parentheses, brackets or quotes enclose. sign tells whether the
-// first byte may be the sign of a number.
+// Finds the next operator outside of parentheses, brackets and quotes. sign says whether the first
+// byte may be the sign of a number.
 bool ExpressionCompiler::NextOperator(int start, int end, bool sign, FoundOperator* found) {
   found->info = nullptr;
   const int first = SkipWhitespace(start, end);
@@ -234,7 +243,7 @@ bool ExpressionCompiler::NextOperator(int start, int end, bool sign, FoundOperat
 }
 
 // Reads the word at *position: an operator, or the name of a function or variable, whose arguments
-// or subscripts are passed over.
+// or subscripts are skipped.
 bool ExpressionCompiler::ScanWord(int* position, int end, FoundOperator* found) {
   const int start = *position;
   int i = SkipName(start, end);
@@ -265,8 +274,8 @@ bool ExpressionCompiler::Parse(int start, int end) {
   return ParseOperators(start, end, NoLimit, &next);
 }
 
-// Compiles from start on, where *next is the first operator, until there is none left or one that
-// binds no tighter than limit; *next is then that one.
+// Compiles from start on, where *next is the first operator, until no operator is left or one binds
+// no tighter than limit; *next is then that operator.
 bool ExpressionCompiler::ParseOperators(int start, int end, int limit, FoundOperator* next) {
   bool has_left = SkipWhitespace(start, next->start) < next->start;
   if (next->info->infix && !has_left) return Fail("Argument expected in Expression");
@@ -297,8 +306,8 @@ bool ExpressionCompiler::ParseOperators(int start, int end, int limit, FoundOper
   }
 }
 
-// A group, and a "++" or "--" behind a value, are compiled as soon as they are met, and are then
-// the value in front of the next operator.
+// A group, and a "++" or "--" after a value, are compiled at once, and are then the value in front
+// of the next operator.
 bool ExpressionCompiler::CompleteOperand(bool has_left, int end, FoundOperator* current,
                                          bool* complete) {
   const int id = current->info->id;
@@ -332,8 +341,8 @@ bool ExpressionCompiler::CompileOperator(const _OperatorInfo* info) {
   return true;
 }
 
-// The operand is a variable, on top of the stack. In front of it, the new value is left; behind it,
-// the old one as a number.
+// The operand is a variable, on top of the stack. The prefix form leaves the new value, the postfix
+// form the old one as a number.
 bool ExpressionCompiler::CompileIncrementDecrement(bool prefix, unsigned short instruction) {
   if (format_version < IncrementVersion) return Fail("Invalid operator found in expression");
   Emit(Instruction::dup);
@@ -356,7 +365,7 @@ bool ExpressionCompiler::CompileIncrementDecrement(bool prefix, unsigned short i
   return true;
 }
 
-// Compiles the group that begins at start; *position is the place behind it.
+// Compiles the group that begins at start; *position receives the place after it.
 bool ExpressionCompiler::CompileParentheses(int start, int end, int* position) {
   int close;
   if (!FindEnd(start, end, '(', ')', MismatchedGroup, &close)) return false;
@@ -389,7 +398,7 @@ bool ExpressionCompiler::CompileValue(int start, int end) {
   return true;
 }
 
-// A variable or a function call; *position is the place behind it.
+// Compiles a variable or a function call; *position receives the place after it.
 bool ExpressionCompiler::CompileWord(int start, int end, int* position) {
   int i = SkipName(start, end);
   if (i < end && text[i] == '(') return CompileFunction(start, i - start, end, position);
@@ -407,8 +416,8 @@ bool ExpressionCompiler::CompileWord(int start, int end, int* position) {
   return CompileVariable(i, start);
 }
 
-// A number; *position is the place behind it. There is no negative hexadecimal number: such a text,
-// as any other that is none, becomes a text constant.
+// Compiles a number; *position receives the place after it. Negative hexadecimal numbers do not
+// exist: such a text, like any other that is not a number, becomes a text constant.
 bool ExpressionCompiler::CompileNumber(int start, int end, int* position) {
   int i = text[start] == '-' ? start + 1 : start;
   const bool hexadecimal = i + 2 < end && text[i] == '0' &&
@@ -438,7 +447,7 @@ bool ExpressionCompiler::CompileNumber(int start, int end, int* position) {
   return true;
 }
 
-// A text constant. One that begins with a quote loses its first and last byte.
+// Compiles a text constant. One that begins with a quote loses its first and last byte.
 bool ExpressionCompiler::CompileConstant(const char* constant, int length) {
   if (length >= 2 && IsQuote(constant[0])) {
     constant++;
@@ -457,8 +466,8 @@ bool ExpressionCompiler::CompileConstant(const char* constant, int length) {
   return true;
 }
 
-// A reference to a variable. Expressions reach every variable by its name: they are compiled long
-// after positions were given out.
+// Compiles a reference to a variable. Expressions reach every variable by its name, because they
+// are compiled long after positions were assigned.
 bool ExpressionCompiler::CompileVariable(int end, int start) {
   EmitLine();
   int i = start;
@@ -480,7 +489,7 @@ bool ExpressionCompiler::CompileVariable(int end, int start) {
 }
 
 // Whether a name is that of a database field whose database is known. The alias at its beginning
-// has *aliaslength bytes; with 0 the default alias goes.
+// has *aliaslength bytes; if that is 0, the default alias is used.
 bool ExpressionCompiler::Scope(const char* name, int length, const char** field, int* fieldlength,
                                int* aliaslength) {
   const char* alias;
@@ -489,7 +498,7 @@ bool ExpressionCompiler::Scope(const char* name, int length, const char** field,
          (*aliaslength > 0 || default_alias);
 }
 
-// The subscripts and members of a reference, up to the first byte that begins neither.
+// Compiles the subscripts and members of a reference, up to the first byte that begins neither.
 bool ExpressionCompiler::CompileElements(int start, int end) {
   int i = start;
   while (i < end && (text[i] == '[' || text[i] == ':')) {
@@ -513,7 +522,8 @@ bool ExpressionCompiler::CompileElements(int start, int end) {
 
 // --- Functions -----------------------------------------------------------------------------------
 
-// A call; *position is the place behind its parentheses, which stand directly behind the name.
+// Compiles a call, whose parentheses directly follow the name; *position receives the place after
+// them.
 bool ExpressionCompiler::CompileFunction(int namestart, int namelength, int end, int* position) {
   EmitLine();
   if (!Scanned(EntryCost)) return false;
@@ -540,8 +550,8 @@ bool ExpressionCompiler::CompileFunction(int namestart, int namelength, int end,
   return true;
 }
 
-// Compiles what stands between commas. Only what leaves code counts as an argument, so that a call
-// never takes from the stack what its expression has not put there.
+// Compiles the texts between commas. Only a text that gives code counts as an argument, so that a
+// call never takes entries from the stack that its expression has not pushed.
 bool ExpressionCompiler::CompileArguments(int start, int end, int* count) {
   *count = 0;
   int argument = start;
@@ -595,7 +605,7 @@ int ExpressionCompiler::Add(const char* entry, int length) {
   return id;
 }
 
-// Counts what was scanned, a byte at the least. False past the time limit.
+// Counts scanned bytes, at least one. False past the time limit.
 bool ExpressionCompiler::Scanned(int bytes) {
   return !watch.Over(bytes + 1) || Fail("Application timed out");
 }
@@ -608,7 +618,7 @@ bool ExpressionCompiler::Fail(const char* message) {
 bool ExpressionCompiler::Fail(const char* before, const char* middle, int length,
                               const char* behind) {
   error_text.assign(before);
-  // Byte by byte: what stands in the text may be a NUL.
+  // Byte by byte, because the byte from the expression may be a NUL.
   for (int i = 0; i < length; i++) error_text.cat(middle[i]);
   error_text.cat(behind);
   return false;

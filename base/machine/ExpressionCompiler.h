@@ -1,9 +1,9 @@
-// Expressions that exist only as text while a script runs, such as the filter of an import: they
-// are compiled into a segment of the script, with constants and names in its dictionary.
+// Compiles expressions that exist only as text while a script runs, such as the filter of an
+// import, into a segment of the script, with their constants and names in its dictionary.
 //
 // There is neither a token stream nor a syntax tree. The compiler scans the text for the next
-// operator, works out what stands between two of them, and emits instructions in postfix order as
-// it goes.
+// operator, compiles what is between two of them, and emits instructions in postfix order as it
+// goes.
 
 #ifndef ZEPH_BASE_EXPRESSIONCOMPILER_H
 #define ZEPH_BASE_EXPRESSIONCOMPILER_H
@@ -25,30 +25,30 @@ struct _OperatorInfo {
   int precedence;  // the higher binds tighter
   int id;
   int infix;  // 1 infix, 0 prefix
-  // What it emits; 0 for the operators that are no single instruction.
+  // The instruction; 0 for operators that are more than one.
   unsigned short instruction;
 };
 
-// Compiles one text, once. Everything that is handed in is borrowed; the segment and what went into
-// the dictionary outlive the compiler. Used on the machine's thread.
+// Compiles one text, once. All arguments are borrowed; the segment and what was added to the
+// dictionary outlive the compiler. Used on the machine's thread.
 //
-// An infix operator with nothing in front of it is an error, but what stands behind an operator may
-// be empty: "1 +" compiles, and finds the stack empty when it runs. Likewise "a (b)" leaves both
-// values. Whoever runs an expression looks at what it has left.
+// An infix operator with nothing before it is an error, but nothing need follow an operator: "1 +"
+// compiles, and finds the stack empty when it runs. In the same way "a (b)" leaves both values, so
+// the code that runs an expression has to check what it has left.
 //
 // The order of the fields stays.
 class ExpressionCompiler {
  public:
-  // Parentheses, subscripts, arguments and operands may lie so deep in one another. The machine's
-  // stack has as many entries, and a thread's stack has room for the recursion.
+  // How deep parentheses, subscripts, arguments and operands may nest. The machine's stack has as
+  // many entries, and a thread's stack has room for the recursion.
   static constexpr int MostNested = 512;
-  // From this version of the compiled format on there are "++" and "--".
+  // The first version of the compiled format that has "++" and "--".
   static constexpr int IncrementVersion = 0x10009;
 
-  // text holds length bytes, -1 meaning strlen. parent, which may be null, is where the functions
-  // of an enclosing machine are looked for. alias, null or terminated, names the database of fields
-  // that name none. Code goes to the segment from position on; a null segment is a new one of the
-  // manager. sourcefile may be null; with it, the code notes the file and, where it changes, the
+  // text has length bytes; -1 means strlen. parent, which may be null, is where functions of an
+  // enclosing machine are looked up. alias, null or terminated, is the database of fields that name
+  // none. Code goes to the segment from position on; if segment is null, to a new one of the
+  // manager. sourcefile may be null; otherwise the code records the file and, where it changes, the
   // line. version is the compiled format's.
   ExpressionCompiler(ExternalCallManager* external_calls, SegmentManager* segments,
                      Dictionary* dictionary, FunctionManager* functions, FunctionManager* parent,
@@ -59,9 +59,9 @@ class ExpressionCompiler {
   ExpressionCompiler& operator=(const ExpressionCompiler&) = delete;
   virtual ~ExpressionCompiler();
 
-  // Compiles the text: 1, or 0 with the reason in error(). What was emitted before a failure stays
-  // in the segment. An empty text is no failure. The end of the time limit (base/core/RunLimit.h)
-  // is one: what is nested is scanned once for each level.
+  // Compiles the text. Returns 1, or 0 with the reason in error(); what was emitted before a
+  // failure stays in the segment. An empty text is not a failure. The time limit
+  // (base/core/RunLimit.h) applies, because nested text is scanned once for each level.
   int Run();
 
   const String& error() const { return error_text; }
@@ -71,16 +71,16 @@ class ExpressionCompiler {
   // How many operators were emitted.
   int operators() const { return operator_count; }
 
-  // Whether the text is of nothing but tab, newline, carriage return and blank. A length of -1
-  // means strlen.
+  // Whether the text has only tabs, newlines, carriage returns and blanks. A length of -1 means
+  // strlen.
   static bool Expression_Empty(const char* text, int length);
-  // The row of a name in any case, null for what is no operator.
+  // Returns the row of an operator's name, in any case; null if it is not an operator.
   static const _OperatorInfo* IsOperator(const char* word, int length);
-  // Emits the operator's instruction. Fails for one that has none of its own.
+  // Emits the operator's instruction. Returns false for an operator that has none of its own.
   bool CompileOperator(const _OperatorInfo* info);
 
  private:
-  // An operator with its place in the text; info is null where there is no further one.
+  // An operator with its place in the text; info is null if there is no further one.
   struct FoundOperator {
     const _OperatorInfo* info = nullptr;
     int start = 0;
@@ -88,8 +88,8 @@ class ExpressionCompiler {
   };
   class Nesting;
 
-  // Everywhere: positions are offsets in the text, start is the first byte and end the one behind
-  // the last. False means that the error is set.
+  // In all of these, positions are offsets in the text; start is the first byte and end the one
+  // after the last. False means that the error is set.
   bool NextOperator(int start, int end, bool sign, FoundOperator* found);
   bool ScanWord(int* position, int end, FoundOperator* found);
   const _OperatorInfo* OperatorOfByte(int position, int end, bool sign) const;
@@ -139,11 +139,11 @@ class ExpressionCompiler {
   int operator_count = 0;
   int source_id = -1;
   int current_line;
-  int last_line = -1;  // -1 when none is in force
+  int last_line = -1;  // -1 while no line is in force
   int format_version;
   String error_text;
   int nesting = 0;
-  RunWatch watch{1 << 20};  // counts bytes that are scanned
+  RunWatch watch{1 << 20};  // counts scanned bytes
 };
 
 #endif

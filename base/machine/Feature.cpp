@@ -1,4 +1,4 @@
-// What all features share, and the stack of them.
+// What all features share, and their stack. Tested in tests/base/machine/ZephVMTest.cpp.
 
 #include "base/machine/Feature.h"
 
@@ -47,7 +47,7 @@ void FeatureStack::TakeTop() {
   top = top->below;
 }
 
-// A feature is off the stack when it is deleted: its end may look at the stack.
+// REQUIRES: the feature is no longer on the stack, because its destructor may look at the stack.
 void FeatureStack::Delete(Feature* feature) {
   if (feature->older) feature->older->newer = feature->newer;
   (feature->newer ? feature->newer->older : newest) = feature->older;
@@ -63,7 +63,8 @@ void FeatureStack::DeleteAll() {
   }
 }
 
-// A beat may run code that passes on the next beat: that one has reached all, and ends this walk.
+// A beat may run code that passes on the next beat. That inner walk reaches all features, and ends
+// this one by setting next_to_beat to null.
 void FeatureStack::Heartbeat() {
   for (Feature* feature = top; feature; feature = next_to_beat) {
     next_to_beat = feature->below;

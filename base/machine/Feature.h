@@ -1,6 +1,6 @@
 // A feature is a construct of a script that outlives one instruction: an import, a call, a mail, a
-// capture. It lies on a stack of the machine between its opening and its closing instruction and
-// gets the machine's heartbeat meanwhile.
+// capture. Between its opening and its closing instruction it is on a stack of the machine and gets
+// the machine's heartbeat.
 
 #ifndef ZEPH_BASE_FEATURE_H
 #define ZEPH_BASE_FEATURE_H
@@ -11,8 +11,8 @@ class ZephApplication;
 class ZephVM;
 class ZephVM_Frame;
 
-// Made by its opening instruction and pushed with ZephVM::Push_Feature, from then on owned by the
-// machine. Features of one type may nest.
+// Made by its opening instruction and pushed with ZephVM::Push_Feature; from then on the machine
+// owns it. Features of one type may nest.
 class Feature {
  public:
   enum Type : int {
@@ -25,24 +25,24 @@ class Feature {
     Type_Capture = 8,
   };
 
-  // Both are borrowed and outlive the feature. The frame is the machine's current one.
+  // Both are borrowed and outlive the feature. Its frame is the machine's current one.
   Feature(ZephApplication* application, ZephVM* vm, int type);
   virtual ~Feature();
   Feature(const Feature&) = delete;
   Feature& operator=(const Feature&) = delete;
 
-  // Called once for each beat that the machine has seen, at most every five seconds.
+  // Called once for each beat that the machine has noticed, at most every five seconds.
   virtual void Heartbeat();
-  // Keeps the text; a null String leaves the older one.
+  // Stores the text for error(); a null String leaves the older one.
   virtual void Error(const String& text);
 
   int type() const { return feature_type; }
   const String& error() const { return error_text; }
-  // The serial number of the frame in which the feature was made. It is never used again by another
-  // frame, unlike an address.
+  // The serial number of the frame in which the feature was made. Unlike an address, it is never
+  // used again by another frame.
   long frame() const { return frame_serial; }
-  // Whether the machine has taken it off its stack together with one below it. It then has no end
-  // but that of the machine.
+  // Whether the machine has taken it off its stack together with one below it. It is then deleted
+  // only at the machine's end.
   bool dropped() const { return is_dropped; }
 
  protected:
@@ -61,9 +61,9 @@ class Feature {
   bool is_dropped = false;
 };
 
-// The features of one machine: those on its stack, and those that were dropped from it and wait for
-// the machine's end. They are linked through themselves, so that keeping and deleting them
-// allocates nothing, and takes the same time for each, however many there are.
+// The features of one machine: those on its stack, and those that were dropped from it and are
+// deleted at the machine's end. They are linked through themselves, so keeping and deleting one
+// allocates nothing and takes constant time.
 class FeatureStack {
  public:
   FeatureStack() = default;
@@ -71,21 +71,21 @@ class FeatureStack {
   FeatureStack(const FeatureStack&) = delete;
   FeatureStack& operator=(const FeatureStack&) = delete;
 
-  // Takes the feature over.
+  // Adopts the feature.
   void Push(Feature* feature);
-  // The newest one; null on an empty stack.
+  // Returns the newest one; null on an empty stack.
   Feature* Top() const { return top; }
-  // The one below a feature of the stack, or null.
+  // Returns the one below a feature of the stack, or null.
   static Feature* Below(const Feature* feature) { return feature->below; }
-  // The newest of a Feature::Type, or null.
+  // Returns the newest of a Feature::Type on the stack, or null.
   Feature* Lookup(int type) const;
-  // Deletes a feature of the stack. Those above it are dropped first. Nothing happens for one that
-  // is not on the stack, which is only compared.
+  // Deletes a feature of the stack; those above it are dropped first. Does nothing for one that is
+  // not on the stack: the pointer is only compared.
   void Pop(Feature* feature);
-  // Deletes all, dropped ones too, from the newest to the oldest.
+  // Deletes all, including dropped ones, from the newest to the oldest.
   void DeleteAll();
-  // Passes a beat to each feature of the stack, the newest first. A feature may pop features
-  // meanwhile.
+  // Passes a beat to each feature of the stack, the newest first. A feature may pop features during
+  // its beat.
   void Heartbeat();
 
  private:
@@ -94,7 +94,7 @@ class FeatureStack {
 
   Feature* top = nullptr;
   Feature* newest = nullptr;
-  Feature* next_to_beat = nullptr;  // while a beat is passed on
+  Feature* next_to_beat = nullptr;  // null unless a beat is being passed on
 };
 
 #endif

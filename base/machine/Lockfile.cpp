@@ -1,3 +1,6 @@
+// Takes and releases the lock of a script's block. Tested in
+// tests/base/systems/unix/LockfileTest.cpp.
+
 #include "base/machine/Lockfile.h"
 
 #include <cmath>
@@ -41,7 +44,7 @@ void Lockfile::GiveBack() {
   if (DeleteFile()) return;
   const double timeout = application->config()->value_integer(Config_timeout_file);
   const int delay = application->config()->value_integer(Config_delay_file);
-  // Without a pause there would be no end of tries, and as little sense in them.
+  // A delay of 0 would mean trying without end and without a pause, so there is no second try.
   if (delay == 0) return;
   const double tries = std::trunc(timeout * (1000.0 / delay));
   if (tries < 0) return;
@@ -51,8 +54,8 @@ void Lockfile::GiveBack() {
   }
 }
 
-// The way to the file takes memory, which may be what has ended the script: that is one try that
-// has failed.
+// Finding the file's path allocates, and the script may have ended because memory ran out. That
+// counts as one failed try.
 bool Lockfile::DeleteFile() {
   try {
     return application->filemanager()->Delete(ZephPath_Data, path.data);

@@ -1,4 +1,4 @@
-// A run of the machine inside of another one, which native code starts: on a plain frame with
+// A run of the machine inside another one, started by native code. It runs on a plain frame with
 // nothing below it, so that no return crosses into the run around it.
 
 #ifndef ZEPH_BASE_NESTEDRUN_H
@@ -9,8 +9,8 @@
 class VariableHash;
 class ZephVM_Stack;
 
-// Made where the run begins, after ZephVM::MayNest; its end puts frame, stack, output mode and
-// place of the machine back, however the run has ended.
+// Made where the run begins. The destructor restores frame, stack, output mode and program counter
+// of the machine, however the run has ended. REQUIRES: ZephVM::MayNest has returned true.
 class ZephVM::NestedRun {
  public:
   explicit NestedRun(ZephVM* machine);
@@ -18,10 +18,10 @@ class ZephVM::NestedRun {
   NestedRun(const NestedRun&) = delete;
   NestedRun& operator=(const NestedRun&) = delete;
 
-  // Makes the run's frame and enters it. Variables and stack are borrowed; without a stack it gets
-  // a new one.
+  // Makes the run's frame and enters it. Variables and stack are borrowed; if the stack is null,
+  // the frame gets its own.
   void Enter(VariableHash* variables, ZephVM_Stack* entries);
-  // Makes the code current, at its beginning.
+  // Makes the segment current, at its beginning.
   void Begin(Segment* start);
 
  private:

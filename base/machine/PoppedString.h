@@ -1,4 +1,4 @@
-// Guards of a text that was popped from a stack.
+// Guards that free a text popped from a stack.
 
 #ifndef ZEPH_BASE_POPPEDSTRING_H
 #define ZEPH_BASE_POPPEDSTRING_H
@@ -7,8 +7,8 @@
 
 #include "base/machine/ZephVM_Stack.h"
 
-// Pops the top as text and frees it at the end of the scope, if the stack says so. After a stack
-// error the text is empty and the machine's stop flag is set.
+// Pops the top as text and frees it at the end of the scope if it is deletable. After a stack error
+// the text is empty and the machine's stop flag is set.
 class PoppedString {
  public:
   explicit PoppedString(ZephVM_Stack* stack) : text(stack->PopS(&bytes, &room, &deletable)) {}
@@ -18,12 +18,12 @@ class PoppedString {
   PoppedString(const PoppedString&) = delete;
   PoppedString& operator=(const PoppedString&) = delete;
 
-  // Never null; not NUL-terminated as a rule.
+  // Never null. Usually not NUL-terminated.
   const char* data() const { return text; }
   int length() const { return bytes; }
   int size() const { return room; }
   bool owned() const { return deletable != 0; }
-  // For an operation that takes an owned text over, and clears the flag then.
+  // For an operation that adopts an owned text and clears the flag.
   int* ownership() { return &deletable; }
   // Hands an owned text to the caller, who frees it with delete[].
   char* release() {
@@ -40,14 +40,14 @@ class PoppedString {
   char* text = nullptr;
 };
 
-// The name of a file: without the NUL bytes in it, with one behind it, and always owned.
+// The name of a file: its NUL bytes are removed, and it is terminated and always owned.
 class PoppedPath : public PoppedString {
  public:
   explicit PoppedPath(ZephVM_Stack* stack) { text = stack->PopS_NS(&bytes, &room, &deletable); }
 };
 
-// A text that stays as it is while other variables are popped, looked up and read, and while code
-// runs: that of an array is made anew each time it is asked for. So a variable's text is copied.
+// A text that stays valid while other variables are popped, looked up and read, and while code
+// runs. A variable's text is copied, because for example that of an array is rebuilt at each read.
 class KeptString : public PoppedString {
  public:
   explicit KeptString(ZephVM_Stack* stack) {

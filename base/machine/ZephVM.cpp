@@ -1,4 +1,5 @@
-// The loop, and the instructions of the plainest scripts.
+// The machine's loop, and the instructions that the simplest scripts need. Tested in
+// tests/base/machine/ZephVMTest.cpp and Instructions*Test.cpp.
 //
 //   construction and end     what a machine is made of
 //   the loop                 Go, its checks, segments and time-out
@@ -103,7 +104,7 @@ ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* host, Dictiona
     code_length = segment->length();
     wanted_segment = loaded_segment = segment->number();
     SetScriptDirectory();
-    // A run whose records would go nowhere does not ask at every call.
+    // If records would go nowhere, no call checks for them.
     if ((dictionary->flags() & 1) == 0 && !application->logsuppressed()) {
       log_mask = static_cast<unsigned>(application->config()->value_integer(Config_log_level));
     }
@@ -117,9 +118,10 @@ ZephVM::~ZephVM() {
   End();
 }
 
-// Also of a machine that was not made to its end.
+// Also ends a machine whose constructor failed.
 void ZephVM::End() {
-  // While the machine can still run functions: libraries may do so to free what they left.
+  // This comes first, while the machine can still run functions: libraries may call some to free
+  // what they left.
   try {
     if (external_calls) external_calls->MachineEnds(this, parent);
   } catch (const std::bad_alloc&) {
@@ -129,11 +131,12 @@ void ZephVM::End() {
   null_variable->DecRefCount();
   features.DeleteAll();
   if (parent) parent->children--;
-  // The contexts, with their machines, before what is left of those.
+  // Deletes the contexts, with their machines, before the tables that those machines borrow.
   contexts.reset();
 }
 
-// Frames may be many, and the variables of each may refer to those of the one below.
+// There may be many frames, and the variables of each may refer to those of the one below. The
+// group keeps the time for releasing such chains linear.
 void ZephVM::DeleteFrames() {
   const ReleaseGroup group;
   while (frame) {
@@ -165,8 +168,9 @@ void ZephVM::SetScriptDirectory() {
 
 // --- The loop ------------------------------------------------------------------------------------
 
-// What a handler has in its hands is in guards, all else is the machine's, its frames' and stacks'.
-// So the run ends as with any other error: code that has asked for it sees it fail.
+// A handler keeps what it owns in guards; everything else belongs to the machine, its frames and
+// stacks. So an allocation failure can end the run like any other error, and code that has nested
+// the run sees it fail.
 int ZephVM::Go() {
   const bool hot = in_hot;
   try {
@@ -183,17 +187,17 @@ int ZephVM::OutOfMemory() {
   try {
     FatalError("Out of memory");
   } catch (const std::bad_alloc&) {
-    // Not even for the message.
+    // There is no memory even for the message.
   }
   return 0;
 }
 
-// One pass is one instruction. The whole word decides, but the switch is on its slot, which is
-// dense; a word that only shares a slot with an instruction is none. Frequent instructions stand
-// here, in line, and work on the program counter in a local variable; the others are called, and
-// may change anything: counter, segment, frame, stack and the flags.
+// One pass is one instruction. The switch is on the instruction's number in the list, because these
+// are dense and words are not; a word that is no instruction has the number 0. Frequent
+// instructions are run here, in line, with the program counter in a local variable. The others are
+// called, and may change anything: counter, segment, frame, stack and the flags.
 //
-// The flags of the host and of the machine are looked at before each instruction, all in one test.
+// The flags of the host and of the machine are checked before each instruction, all in one test.
 int ZephVM::Loop() {
   int* const beats = heartbeat_counter;
   int* const over = timed_out;
@@ -207,7 +211,8 @@ int ZephVM::Loop() {
       program_counter = pc;
       if (Read(over)) return TimedOut();
       if (Read(beats) != last_heartbeat) Heartbeat();
-      // An error is seen before the next instruction starts, and before an exit.
+      // An error ends the run before the next instruction starts, and takes precedence over an
+      // exit.
       if (stop_flag) return 0;
       if (Read(ended)) return 1;
       pc = program_counter;
@@ -226,22 +231,22 @@ int ZephVM::Loop() {
     }
     was_hot = false;
     instruction_start = pc;
-    // The counter may have been set to anything by a jump; outside of the segment is its end.
+    // A jump may have set the counter to anything; any place outside of the segment is its end.
     if (pc < 0 || pc >= code_length - 1) [[unlikely]] {
       program_counter = pc;
       if (EndOfSegment() == Pass::Normal) return 1;
       pc = program_counter;
       continue;
     }
-    // Operands that the end of the segment cuts off read as zero: bytes of that value follow it.
+    // Operands that the end of the segment cuts off read as zero, because zero bytes follow it.
     const unsigned char* p = code + pc;
     const unsigned short word = ReadWord(p);
     p += 2;
 
-// A case for one instruction. The counter moves behind its operands.
+// A case for one instruction. Moves the counter past its operands.
 #define CASE(name) \
   case Instruction::code_##name: pc += 2 + Instruction::OperandSize(Instruction::name);
-// Cases of what a handler of the same name does, with no operand, one or two, or a double.
+// Cases for instructions that have a handler of the same name, with no integer operand, one or two.
 #define CALL(name)      \
   CASE(name)            \
   program_counter = pc; \
@@ -268,14 +273,14 @@ int ZephVM::Loop() {
   CASE(name)                                                     \
   if (stack->PopI() relation 0) pc = Jumped(pc, ReadInteger(p)); \
   continue;
-// An integer from the order of two values.
+// Pushes an integer that depends on the order of two values.
 #define COMPARE(name, result)             \
   CASE(name) {                            \
     const int order = stack->Compare();   \
     if (!stop_flag) stack->PushI(result); \
     continue;                             \
   }
-// A double from two doubles.
+// Pushes a double computed from two doubles.
 #define COMPUTE(name, result)             \
   CASE(name) {                            \
     const double b = stack->PopD();       \
@@ -312,7 +317,7 @@ int ZephVM::Loop() {
       COMPUTE(add, a + b)
       COMPUTE(sub, a - b)
       COMPUTE(mul, a * b)
-      // 0 whenever a is 0; another number by 0 is an infinity, not an error.
+      // 0 if a is 0; any other number divided by 0 is an infinity, not an error.
       COMPUTE(div, a == 0.0 ? 0.0 : a / b)
       CASE(mod) {
         const int b = stack->PopI();
@@ -448,7 +453,8 @@ int ZephVM::Set_Segment() {
   return LoadSegment() ? 1 : FatalError("Invalid segment reference");
 }
 
-// False, with no code, for a segment that is not there: the wanted one is not the loaded one then.
+// Returns false, with no code loaded, if the segment does not exist. loaded_segment then still
+// differs from wanted_segment, so the loop reports the error.
 bool ZephVM::LoadSegment() {
   segment = segments->Lookup(wanted_segment);
   code = segment ? segment->code() : nullptr;
@@ -511,8 +517,8 @@ void ZephVM::pushc() {
 }
 
 namespace {
-// Writes a text, a long one by parts: a client may take them slowly. Past the time limit the rest
-// is not written.
+// Writes a text; a long one in parts, because a client may read slowly. Past the time limit the
+// rest is not written.
 void Put(Output* output, const char* text, int length) {
   while (length > RunLimit::Bytes) {
     output->Put(text, RunLimit::Bytes);
@@ -561,13 +567,13 @@ void ZephVM::out_comp() {
   if (!stop_flag) application->output()->Write_Compressed(text.data(), text.length());
 }
 
-// exit  ( -- )  Ends the run in order: no error, and what was written stays.
+// exit  ( -- )  Ends the run without an error; what was written stays.
 void ZephVM::exit() {
   program_counter = code_length;
   std::atomic_ref<int>(*exit_flag).store(1, std::memory_order_relaxed);
 }
 
-// lineno  ( -- )  Sets the line that messages report, and traces it when the log wants that.
+// lineno  ( -- )  Sets the line that messages report, and traces it if the log level includes that.
 void ZephVM::lineno() {
   current_line = first_integer;
   if ((log_mask & Log_Trace) == 0 || current_line == traced_line) return;
@@ -582,7 +588,7 @@ void ZephVM::sourcefile() {
   source_name = nullptr;
 }
 
-// tagerror  ( -- )  Sets what errors of a tag do in this script. A number that is no tag's is
+// tagerror  ( -- )  Sets what errors of a tag do in this script. A number that belongs to no tag is
 // ignored.
 void ZephVM::tagerror() {
   if (static_cast<unsigned>(first_integer) < static_cast<unsigned>(tag_count)) {
@@ -602,7 +608,7 @@ void ZephVM::op_errmsg() {
   if (!stop_flag) error_prefix.assign(text.data(), text.length());
 }
 
-// capture  ( v -- )  From here on output is collected for the variable v.
+// capture  ( v -- )  From here on, output is collected for the variable v.
 void ZephVM::capture() {
   Variable* variable;
   int deletable;
@@ -626,8 +632,9 @@ void ZephVM::capture_end() {
   Pop_Feature(feature);
 }
 
-// lockfile  ( name -- )  Takes the lock of that name, or waits for it, until lockfile_end or the
-// end of the script. A lock that cannot be had is an error of ZpLOCKFILE.
+// lockfile  ( name -- )  Takes the lock of that name, waiting for it if necessary, and holds it
+// until lockfile_end or the end of the script. A lock that cannot be taken is an error of
+// ZpLOCKFILE.
 void ZephVM::lockfile() {
   PoppedString name(stack);
   if (stop_flag) return;
@@ -639,7 +646,7 @@ void ZephVM::lockfile() {
   }
 }
 
-// lockfile_end  ( -- )  Gives the newest lock back. Without one it is the fatal error "Invalid
+// lockfile_end  ( -- )  Releases the newest lock. Without one it is the fatal error "Invalid
 // instruction".
 void ZephVM::lockfile_end() {
   Feature* feature = Lookup_Feature(Feature::Type_Lockfile);

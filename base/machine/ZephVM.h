@@ -1,7 +1,6 @@
 // The stack machine that runs compiled scripts. Go is its loop; the operand stack is
-// base/machine/ZephVM_Stack.h, the frames are base/machine/ZephVM_Frame.h, and the words of the
-// instruction set are listed once, in base/compiled/Instructions.def. Errors are in
-// base/machine/Error.cpp.
+// base/machine/ZephVM_Stack.h, the frames are base/machine/ZephVM_Frame.h, and the instructions are
+// listed once, in base/compiled/Instructions.def. Errors are in base/machine/Error.cpp.
 
 #ifndef ZEPH_BASE_ZEPHVM_H
 #define ZEPH_BASE_ZEPHVM_H
@@ -45,26 +44,27 @@ struct HotOp;
 struct LogParameter;
 struct _ZP_EL_Function;
 
-// One per request, on the request's thread. Borrows the tables that it is built on, which outlive
-// it; owns its frames, stacks and features.
+// Runs one compiled file for one request, on that request's thread. Borrows the tables that it is
+// built on, which outlive it; owns its frames, stacks and features.
 //
-// A failing instruction sets the stop flag and returns, leaving the stack as it is; the loop sees
+// A failing instruction sets the stop flag and returns, leaving the stack as it is. The loop sees
 // the flag before the next instruction, so nothing unwinds.
 class ZephVM {
  public:
-  // path names the script, as messages show it; a length of -1 means strlen. heartbeat, timedout
-  // and exit point to the integers that the host shares with the machine (ZephApplication); with a
-  // parent, null ones are taken from it.
+  // path is the script's name as messages show it; a length of -1 means strlen. heartbeat, timedout
+  // and exit point to the integers that the host shares with the machine (ZephApplication); a null
+  // one is taken from the parent. functions, externalcalls, languages and localized may be null.
+  // REQUIRES: without a parent, none of the three integers is null.
   ZephVM(const char* path, int pathlength, ZephApplication* application, Dictionary* dictionary,
          VariableHash* system, VariableHash* global, SegmentManager* segments,
          FunctionManager* functions, ExternalCallManager* externalcalls,
          CommerceLibraryManager* commerce, ExternalDatabaseLibraryManager* databases,
          LocalizedLanguages* languages, LocalizedDictionary* localized, int* heartbeat,
          int* timedout, int* exit, ZephVM* parent);
-  // The copy for a background task, which goes on where the source is
-  // (base/machine/ZephVM_Clone.cpp). It belongs to the host, whose integers are given, and works on
-  // copies of its own of all that the source works on, parents included; features stay with the
-  // source, which stands still meanwhile.
+  // Copies a machine for a background task, which continues where the source is
+  // (base/machine/ZephVM_Clone.cpp). The copy runs for the given application, whose integers are
+  // given too. It has copies of everything that the source works on, including the source's
+  // parents, but not the source's features. REQUIRES: the source does not run while it is copied.
   ZephVM(ZephApplication* application, ZephVM& source, int* heartbeat, int* timedout, int* exit);
   virtual ~ZephVM();
   ZephVM(const ZephVM&) = delete;
@@ -74,58 +74,61 @@ class ZephVM {
   // result. Failures are fatal errors.
   virtual void CallExternalFunction(Function* function);
   // Enters a function of the script: takes its arguments from the stack, makes its frame current
-  // and goes on at its first instruction. The frame is entered even when that has failed.
+  // and continues at its first instruction. The frame is entered even if an argument is refused;
+  // only a stack overflow enters none.
   virtual void CallFunction(Function* function);
 
-  // Runs until the script ends: 1 after a normal end or an exit, 0 after an error or a time-out.
+  // Runs until the script ends. Returns 1 after a normal end or an exit, 0 after an error or a
+  // time-out.
   int Go();
   // Notes the heartbeat counter and passes the beat to the parent and to all features, newest
   // first.
   void Heartbeat();
 
   // --- Runs within a run (base/machine/ZephVM_Calls.cpp) -----------------------------------------
-  // Runs the start segment from its beginning on a frame and stack of its own, then goes on as
-  // before. Answers as Go.
+  // Runs the start segment from its beginning on a frame and stack of its own, then continues as
+  // before. Returns what Go returns.
   int Go_Recursive();
-  // Calls a function of the script from native code. The arguments are borrowed, and their count
-  // has to be that of the parameters; without a list they are on the stack already. The result, if
-  // not null, receives what the function returned. 0 if there is no such function, the count is
-  // another, or an error has ended the script; 1 after its end, or an exit, which leaves the result
-  // as it is. A length of -1 means strlen.
+  // Calls a function of the script from native code. The arguments are borrowed, and there must be
+  // as many as the function has parameters; if the list is null, they are already on the stack.
+  // result, if not null, receives what the function returned. Returns 1 after the function's end,
+  // or after an exit, which leaves result as it is; 0 if there is no such function, the counts
+  // differ, or an error has ended the script. A length of -1 means strlen.
   int RunFunction(const char* name, int length, VariableList* arguments, Variable* result);
-  // Asks the script whether to take an uploaded file: what it answers is the limit in bytes, 0 for
-  // none and a negative one to refuse, which is also the answer of a script that was not written
-  // to be asked. 0 if the call failed; an exit in the function is a failure.
+  // Calls the script's function Zeph_ValidateFileUpload, which decides whether to accept an
+  // uploaded file. *answer receives what it returns: the limit in bytes, 0 for no limit, or a
+  // negative number to refuse the file. It is -1 if the script has no such function. Returns 1, or
+  // 0 if the call failed; an exit in the function is a failure.
   int ValidateFileUpload(const char* field, int fieldlength, const char* name, int namelength,
                          const char* type, int typelength, int* answer);
-  // Hands an uploaded file to the script. status is "COMPLETE" or "PARTIAL", path the temporary
-  // file's, size its bytes. 1 also for a script that does not care; 0 if the call failed, by an
-  // exit for example.
+  // Calls the script's function Zeph_ProcessFileUpload for an uploaded file. status is "COMPLETE"
+  // or "PARTIAL", path is the temporary file's and size its length in bytes. Returns 1, also if the
+  // script has no such function, or 0 if the call failed, for example by an exit.
   int ProcessFileUpload(const char* field, int fieldlength, const char* name, int namelength,
                         const char* status, int statuslength, const char* path, int pathlength,
                         const char* type, int typelength, int size);
 
   // --- Expressions and other files (base/machine/ZephVM_Expressions.cpp) -------------------------
-  // Compiles an expression into a new segment of this machine, which stays for as long as the
-  // machine: who evaluates one text often keeps the segment. Functions are looked for here, and
-  // external ones also in the caller, or without one in the parent. alias, null or terminated,
-  // names the database of fields that name none; sourcefile, which may be null, and line are what
-  // messages of the expression name. Null after a failure, with its text in *error, if that is not
-  // null. Lengths of -1 mean strlen.
+  // Compiles an expression into a new segment of this machine. The segment exists as long as the
+  // machine, so a caller that evaluates one text often keeps it. Functions are looked up here;
+  // external ones also in the caller or, if that is null, in the parent. alias, null or terminated,
+  // is the database of fields that name none. sourcefile, which may be null, and line are the place
+  // that messages of the expression report. Returns null after a failure, with the message in
+  // *error if error is not null. Lengths of -1 mean strlen.
   Segment* Compile_Dynamic_Expression(const char* text, int length, const char* alias,
                                       ZephVM* caller, String* error, const char* sourcefile,
                                       int sourcefilelength, int line);
-  // Runs a compiled expression: 1, or 0 after an error or a time-out. It leaves one value at most
-  // on the stack, and reaches none of the entries that are there; a null stack is the current one.
-  // An expression that leaves several values has the last of them as its own. variables are what
-  // the scope "local" means in it, null for those of the current frame; bare names are not looked
-  // for there. All are borrowed. On the stack of another machine, what the stack reports is that
-  // machine's error, and ends both.
+  // Runs a compiled expression on the given stack; null means the current one. Returns 1, or 0
+  // after an error or a time-out. The expression cannot reach the entries that are on the stack. It
+  // leaves at most one more: the last, if it has several values; none after a failure. variables is
+  // the table that the scope "local" means in the expression, null for the current frame's; bare
+  // names are not looked up there. All arguments are borrowed. If the stack belongs to another
+  // machine, a stack error is that machine's error and ends both.
   int Execute_Dynamic_Expression(Segment* expression, ZephVM_Stack* entries,
                                  VariableHash* variables);
-  // The same, with the value taken from the stack if the run was good, and the results left alone
-  // if not: as PopBool, PopS and PopV(Variable**, int*) do. An expression without a value is false,
-  // an empty text or the null variable.
+  // The same, but after a success the value is popped, as PopBool, PopS and PopV(Variable**, int*)
+  // do; after a failure the results are unchanged. An expression without a value gives false, an
+  // empty text or the null variable.
   int Execute_Dynamic_Expression(Segment* expression, ZephVM_Stack* entries,
                                  VariableHash* variables, int* result);
   int Execute_Dynamic_Expression(Segment* expression, ZephVM_Stack* entries,
@@ -133,33 +136,36 @@ class ZephVM {
                                  int* deletable);
   int Execute_Dynamic_Expression(Segment* expression, ZephVM_Stack* entries,
                                  VariableHash* variables, Variable** result, int* deletable);
-  // The context of another compiled file, opened if it has not been. A relative name is one in the
-  // directory of this machine's script. Borrowed, and good until the next call. Null after a
-  // runtime error. A length of -1 means strlen.
+  // Returns the context of another compiled file, and opens it if it is not open. A relative name
+  // is resolved in the directory of this machine's script. The context is borrowed and valid until
+  // the next call. Returns null after a runtime error. A length of -1 means strlen.
   DoContext* DoContextFind(const char* name, int length);
-  // How many machines have this one for a parent, and how many runs of it a context has asked for.
+  // The number of machines that have this one as parent, plus the runs of it that its context has
+  // started and that have not ended.
   int Children() const { return children; }
   void AddChild() { children++; }
   void RemoveChild() { children--; }
 
   // --- Variables by name (base/machine/ZephVM_Lookup.cpp) ----------------------------------------
-  // All results are borrowed. A length of -1 means strlen, but for a list.
+  // All results are borrowed. A length of -1 means strlen, except for the length of a list.
   //
-  // The variable of a name with scope and path, as scripts write it; null if there is none, and
-  // after the fatal error that a bad name is.
+  // Returns the variable of a name with scope and path, as scripts write it; null if there is none.
+  // A bad name is a fatal error and also gives null.
   Variable* Lookup_Variable(const char* name, int length);
-  // The same, but a bad name answers 0 and leaves its text in error. *out may be null with 1, too.
+  // The same, but a bad name returns 0, with the message in *error. Otherwise returns 1; *out is
+  // null if there is no such variable.
   int Lookup_Variable(Variable** out, const char* name, int length, String* error);
-  // The global of a plain name, made if its name is known; null for an unknown name.
+  // Returns the global variable of a plain name and creates it if necessary; null if the script's
+  // tables do not know the name.
   Variable* Lookup_Global(const char* name, int length);
-  // Fills the list with a reference to each variable of a comma-separated list of names; a name
-  // that is nobody's refers to the null variable. Answers their count.
+  // Fills the list with a reference to each variable of a comma-separated list of names. A name
+  // without a variable gets a reference to the null variable. Returns the number of references.
   int Lookup_VariableList(VariableList* list, const char* names, int length);
-  // Writes a variable as a hidden form field of that name, an aggregate as one field for each
-  // element below it.
+  // Writes a variable as a hidden form field of that name. An aggregate becomes one field for each
+  // scalar in it.
   void HideVar(const String& name, Variable* variable);
 
-  // Compare as the instruction cmp does.
+  // Compare as the instruction cmp does: below 0, 0 or above 0.
   static int Compare(Variable* left, Variable* right) {
     int no_number;
     const double a = left->Read_Compare(&no_number);
@@ -180,16 +186,16 @@ class ZephVM {
   }
 
   // --- Errors (base/machine/Error.cpp) -----------------------------------------------------------
-  // The code or the state of the machine is wrong: the message goes to the client and the run ends.
-  // Answers 0.
+  // Reports that the code or the state of the machine is wrong: sends the message to the client and
+  // ends the run. Returns 0.
   int FatalError(const String& message);
-  // The fatal error of whoever has met std::bad_alloc in a run. A line on standard error tells the
-  // operator. Answers 0, and lets nothing through.
+  // Reports std::bad_alloc, caught during a run, as a fatal error, and writes a line to standard
+  // error for the operator. Returns 0. Throws nothing.
   int OutOfMemory();
-  // A tag of the script has failed: whether the message is shown and the run ends is for the tag's
-  // settings to say. The bare message is left in the tag's error variable.
+  // Reports that a tag of the script has failed. The tag's settings decide whether the message is
+  // shown and whether the run ends. The bare message is stored in the tag's error variable.
   void RuntimeError(int tag, const String& message);
-  // The same for a message with text from outside, which is entity-encoded first.
+  // The same for a message that contains text from outside: it is entity-encoded first.
   void EncodedRuntimeError(int tag, const String& message);
   // Sets the tag's error variable to NULL.
   void ClearErrorVariable(int tag);
@@ -198,38 +204,39 @@ class ZephVM {
   bool stopped() const { return stop_flag; }
 
   // --- Features ----------------------------------------------------------------------------------
-  // Takes the feature over.
+  // Adopts the feature.
   void Push_Feature(Feature* feature) { features.Push(feature); }
-  // The newest of a Feature::Type, or null.
+  // Returns the newest feature of a Feature::Type, or null.
   Feature* Lookup_Feature(int type) { return features.Lookup(type); }
-  // Takes the feature off the stack, with all above it, and deletes it; null means the top. Those
-  // above are kept until the machine ends and deleted then, without running their ends.
+  // Takes the feature off the stack, together with all above it, and deletes it; null means the
+  // top. Those above it are only deleted when the machine ends, and their closing instructions
+  // never run.
   void Pop_Feature(Feature* feature);
-  // Closes all features of this machine and those above it, for a library that starts a task anew.
+  // Closes all features of this machine and of its parents, for a library that restarts a task.
   void ResetAsynchronousState();
 
-  // Whether a record of this LogType is wanted at the current place of the script.
+  // Whether a record of this LogType is to be written at the current place of the script.
   bool WantsLog(unsigned type) { return (log_mask & type) != 0 && LogAdmitsPlace(); }
 
-  // Whether the frames of calls that are over serve later calls, which is so from the start. No
-  // script can tell: tests compare a machine and its children with and without.
+  // Sets whether frames of finished calls are reused for later calls, which is the default. Scripts
+  // cannot observe it; tests compare a machine and its children with and without it.
   void SetFrameReuse(bool reuse) { root->reuses_frames = reuse; }
 
   ZephApplication* Application() { return application; }
   ZephVM_Frame* CurrentFrame() { return frame; }
-  // The current frame's serial number, for a feature that is to end with the frame. Few frames have
-  // one, so it is given when somebody asks.
+  // The current frame's serial number, for a feature that is to end with the frame. Few frames need
+  // one, so it is assigned by the first call.
   long FrameSerial();
   ZephVM_Stack* CurrentStack() { return stack; }
   VariableHash* SystemVariables() { return system_variables; }
   VariableHash* GlobalVariables() { return global_variables; }
-  // The builtin libraries of the run; null where the host has none.
+  // The builtin libraries of the run; null if the host has none.
   ExternalCallManager* ExternalCalls() { return external_calls; }
   const String& ScriptPath() const { return script_path; }
   // The path up to and including its last separator; empty without one.
   const String& ScriptDirectory() const { return script_directory; }
   int Line() const { return current_line; }
-  // Segment and offset of the instruction that runs, as messages report them.
+  // Segment and offset of the current instruction, as messages report them.
   int SegmentNumber() const { return loaded_segment; }
   int InstructionStart() const { return instruction_start; }
   // The name of the current source file as the dictionary gives it; empty when there is none.
@@ -239,7 +246,7 @@ class ZephVM {
  private:
   enum class Pass { Continue, Normal };
 
-  // Go, but for the end of the memory.
+  // Go, without the handling of std::bad_alloc.
   int Loop();
 
   friend class MachineClone;
@@ -262,19 +269,21 @@ class ZephVM {
   int Set_Segment();
   bool LoadSegment();
   Pass EndOfSegment();
-  // Runs decoded code from a record on, up to an instruction that is the loop's to do.
+  // Runs decoded code from a record on, until an instruction that Loop has to run.
   void RunHot(const HotCode* hot, const HotOp* op);
   void HotLoop(const HotCode* hot, const HotOp* op);
-  // What rounds makes of a value, where that is found quickly: its length, without a NUL. 0 for
-  // other values, and nothing is written.
+  // Writes what the instruction rounds makes of a value, if that can be found quickly, and returns
+  // its length; no NUL is written. Returns 0 for other values and writes nothing. REQUIRES: text
+  // has room for MostRounded bytes.
   static constexpr int MostRounded = 24;
   static int WriteRounded(double value, int decimals, char* text);
   int TimedOut();
-  // A record with script path, source file and line, and the given parameters behind them.
+  // Writes a log record: script path, source file and line, then the given parameters.
   void WriteLog(unsigned type, std::initializer_list<LogParameter> parameters);
   String ErrorPrefix(const char* kind, const char* tag);
 
-  // Where a jump from behind its instruction leads.
+  // The target of a jump; from is the offset after its operands. Code that a backward jump repeats
+  // may get decoded.
   int Jumped(int from, int distance) {
     if (distance < 0 && segment) segment->NoteRepeat(*dictionary, functions);
     return WrapAdd(from, distance);
@@ -283,8 +292,8 @@ class ZephVM {
   static int CompareTexts(Variable* left, Variable* right);
   static int CompareTexts(Variable* left, int right);
 
-  // What handlers share. PopHeld takes a variable off the stack, null after an error, with the
-  // count that the entry held.
+  // Shared by handlers. PopHeld takes a variable off the stack, null after an error, and returns
+  // the count that the entry held.
   VariableRef PopHeld(Variable** variable);
   const char* DictionaryText(int id, int* length);
   bool LookupOrFail(Variable** out, const char* name, int length);
@@ -295,7 +304,7 @@ class ZephVM {
   Variable* FirstDatabaseField(const char* name, int length);
   Variable* AnyDatabaseField(const char* name, int length);
   void AssignOrDrop(Variable* variable);
-  // One of the forms of base/core/string_search.h.
+  // One of the functions of base/core/string_search.h.
   using Search = int (*)(const char* pattern, int pattern_length, const char* text,
                          int text_length);
   void PushMatch(Search plain, Search fast, bool last_byte);
@@ -316,36 +325,35 @@ class ZephVM {
     }
   }
 
-  // Calls. There may be far more activations than a script needs, and few enough for the memory of
-  // a thread.
+  // Calls. The limit is far above what scripts need, and low enough for the memory of a thread.
   static constexpr int MostFrames = 65536;
   class NestedRun;  // base/machine/NestedRun.h
   ZephVM_FunctionFrame* FrameFor(Function* function);
   void KeepFrame(ZephVM_FunctionFrame* left);
   int SimpleParameters(Function* function);
-  // All of the machine's run is logged, or none of it.
+  // Whether calls and returns need no log record. This is the same for the machine's whole run.
   bool ReturnsNeedNoRecord() const;
-  static constexpr long NoMode = LONG_MIN;  // none of the modes, which are of any int
+  static constexpr long NoMode = LONG_MIN;  // no mode: those are ints
   void SetOutputMode(int mode);
   void TakeArguments(Function* function, VariableHash* locals);
   void LogParameterOf(Function* function, FunctionParameter* parameter, Variable* value);
   ZephVM_FunctionFrame* ReturningFrame();
   void LeaveFrame();
   void LogReturn(ZephVM_FunctionFrame* left, bool with_value);
-  // Closes the features that were made in a frame which is about to end.
+  // Closes the features that were made in a frame that is about to end.
   void Cleanup_Function_Features(ZephVM_Frame* left);
   ExternalCall* FindExternal(Function* function);
   bool TakeExternalArguments(Function* function, const _ZP_EL_Function* row, VariableHash* locals);
   bool MayNest();
-  // wants_result: without one, after an exit that is, the run has failed.
+  // With wants_result, a run that leaves no result has failed; that happens after an exit.
   template <typename Push, typename Take>
   int RunNested(Function* function, bool wants_result, Push push, Take take);
 
   // Imports (base/machine/ZephVM_Import.cpp).
   struct ImportOperands;
   struct ImportFilter {
-    Segment* segment = nullptr;  // the code; null for a text that is no expression
-    String error;                // what is wrong with it then
+    Segment* segment = nullptr;  // null if the text is no expression
+    String error;                // the compiler's message then
   };
   void BeginImport(ImportOperands* operands, Segment* filter);
   Segment* FilterSegment(const char* text, int length, String* error);
@@ -438,7 +446,7 @@ class ZephVM {
   // base/machine/ZephVM_Clone.cpp
   void async();
 
-  // What a task's machine owns, and deletes last; null in any other.
+  // What the machine of a task owns and deletes last; null in any other machine.
   std::unique_ptr<MachineClone> clone;
   int children = 0;
   String error_text;
@@ -451,7 +459,7 @@ class ZephVM {
   String script_directory;
   String error_prefix;  // set by op_errmsg
   TagErrorSetting tag_errors[tag_count];
-  // Operands of the current instruction. One keeps its value when the next instruction has none.
+  // Operands of the current instruction. An instruction without operands leaves them as they are.
   int first_integer = 0;
   int second_integer = 0;
   double first_double = 0.0;
@@ -482,25 +490,25 @@ class ZephVM {
   ExternalDatabaseLibraryManager* database_libraries;
   LocalizedLanguages* languages;
   LocalizedDictionary* localized;
-  // Of the next localized text; null until one is set.
+  // Parameters of the next localized text; null until one is set.
   std::unique_ptr<VariableHash> text_parameters;
   FeatureStack features;
-  // Compiled once, by text: a loop may open its import again and again.
+  // By text. Each is compiled once, because a loop may open its import again and again.
   std::map<std::string, ImportFilter, std::less<>> import_filters;
   NULLVariable* null_variable;
   ZephVM* parent;
   // --- Of the family: a machine, its children, and theirs ----------------------------------------
-  ZephVM* root;                          // the machine that has no parent
+  ZephVM* root;                          // the machine without a parent
   std::unique_ptr<DoContexts> contexts;  // the root's; null until a script names another file
-  int runs = 0;                          // that are nested in one another; the root's
+  int runs = 0;                          // runs in progress, nested in one another; the root's
   bool reuses_frames = true;             // the root's
-  // The machine that works on this one's stack.
+  // The machine that currently works on this one's stack, or null.
   ZephVM* guest = nullptr;
   // -----------------------------------------------------------------------------------------------
   int frame_count = 0;  // of functions that have not returned
-  // Frames of calls that are over, by function, with their stack and locals, for the next calls.
+  // Frames of finished calls, by function index, with their stack and locals, kept for later calls.
   std::vector<ZephVM_FunctionFrame*> idle_frames;
-  // The mode that the output has, where that is certain: since the hot loop set it.
+  // The output's mode if the hot loop set it and so knows it, else NoMode.
   long hot_mode = NoMode;
   bool in_hot = false;
   long frame_serials = 0;  // the last serial number given to a frame

@@ -1,6 +1,8 @@
 // Instructions that compute: arithmetic, rounding, bits, comparison, logic, search and the password
-// hash. Each stands under its reference text. Operands are popped from the right; one that could
-// not be popped has set the stop flag, and then nothing is pushed.
+// hash. Each handler follows its reference text. Operands are popped from the right; a failed pop
+// sets the stop flag, and then nothing is pushed. Tested in
+// tests/base/machine/InstructionsArithmeticTest.cpp, InstructionsComparisonTest.cpp and
+// InstructionsSearchTest.cpp.
 
 #include <algorithm>
 #include <bit>
@@ -22,21 +24,21 @@
 
 namespace {
 
-// From this length of a text on, the search that makes a table first is worth it.
+// From this length of a text on, the search that builds a table first is faster.
 const int kLongText = 300;
 
-// What is left of a value rounded to some decimals, with its digits as dtoa writes them.
+// A value rounded to some decimals, with its digits as dtoa writes them.
 struct Rounded {
   enum Kind { Number, Infinity, NaN };
   Kind kind = Number;
   double value = 0.0;
   char digits[20];
-  int count = 0;  // of digits; 0 where only a conversion of the value gives them
+  int count = 0;  // of digits; 0 if the value has to be converted to get them
   int point = 0;
   int sign = 0;
 
-  // Takes the digits of whole / 10^decimals. Numbers of 15 digits come back from a double as they
-  // were, so its conversion would find the same ones.
+  // Sets the digits of whole / 10^decimals. A number of up to 15 digits survives the conversion to
+  // a double and back, so converting the value would give the same digits.
   void SetDigits(unsigned long whole, int decimals) {
     const unsigned long most = 1000000000000000;
     count = 0;
@@ -56,17 +58,17 @@ double PowerOfTen(int exponent) {
   return exponent <= 20 ? kLarger[exponent] : pow(10.0, exponent);
 }
 
-// Rounds as Round does, to a whole number of units of the last decimal, where that takes no digits
-// of the value: its fraction behind the last decimal that is kept is not so near to a half that the
-// digits, which differ from the value by at most half of its last bit, might say otherwise. False
-// for all others, and for what is less than 1 or too large.
+// Rounds as Round does, but without the value's digits; the result is a whole number of units of
+// the last decimal. This works if the fraction after the last kept decimal is not so near to a half
+// that the digits, which differ from the value by at most half of its last bit, could decide
+// otherwise. Returns false in all other cases, and for values that are below 1 or too large.
 bool RoundByFraction(double value, int decimals, unsigned long* whole) {
   const double magnitude = fabs(value);
   if (!(magnitude >= 1.0 && magnitude < 4503599627370496.0)) return false;  // 2 to the 52nd
   if (decimals < 1 || decimals > 9) return false;
   const uint64_t bits = std::bit_cast<uint64_t>(magnitude);
   const uint64_t mantissa = (bits & ((uint64_t{1} << 52) - 1)) | uint64_t{1} << 52;
-  const int shift = 1075 - static_cast<int>(bits >> 52);  // bits behind the point: 1 to 52
+  const int shift = 1075 - static_cast<int>(bits >> 52);  // bits after the point: 1 to 52
   const uint64_t power = kPowers[decimals];
   __extension__ const auto scaled = static_cast<unsigned __int128>(mantissa) * power;
   const auto fraction = static_cast<uint64_t>(scaled) & ((uint64_t{1} << shift) - 1);
@@ -78,9 +80,9 @@ bool RoundByFraction(double value, int decimals, unsigned long* whole) {
 }
 
 // Rounds half to even by the decimal digits that the value is written with, not by its binary
-// fraction: 2.345 has a half to round, though the double is no exact half. Where rounding would
-// begin in front of the first digit, that digit is tested as if it stood there: 0.0006 to two
-// decimals is 0.01, and scripts know it so.
+// fraction: 2.345 has a half to round, though the double is not exactly half. If rounding would
+// begin before the first digit, the first digit is tested as if it were there: 0.0006 to two
+// decimals is 0.01, and scripts rely on that.
 Rounded Round(double value, int decimals) {
   Rounded rounded;
   unsigned long whole = 0;
@@ -101,7 +103,8 @@ Rounded Round(double value, int decimals) {
     return rounded;
   }
   if (decimals == 0 || length - point <= decimals) {
-    // Without decimals it is the conversion to text that rounds; behind 20 it may find more digits.
+    // Without decimals, the conversion to text does the rounding; with more than 20, it may find
+    // more digits than dtoa was asked for.
     rounded.count = decimals >= 1 && decimals <= 20 ? length : 0;
     return rounded;
   }
@@ -120,7 +123,7 @@ Rounded Round(double value, int decimals) {
   return rounded;
 }
 
-// Writes a rounded value with its digits known: what dtos makes of it, size included.
+// Writes a rounded value whose digits are known. Text and size are those that dtos gives.
 char* RoundedText(const Rounded& rounded, int decimals, int* length, int* size) {
   const int whole = std::max(rounded.point, 1);
   const int larger = std::max(rounded.point, rounded.count);
@@ -149,8 +152,8 @@ void ZephVM::pow() {
   if (!stop_flag) stack->PushD(::pow(a, b));
 }
 
-// rounds  ( a b -- s )  a as text, rounded half to even to b decimals; a negative b counts as 0.
-// What is no number gives "Infinity", whatever its sign, or "NaN".
+// rounds  ( a b -- s )  a as text, rounded half to even to b decimals; a negative b counts as 0. An
+// infinity gives "Infinity", without its sign, and NaN gives "NaN".
 void ZephVM::rounds() {
   int decimals = stack->PopI();
   const double value = stack->PopD();
@@ -169,7 +172,7 @@ void ZephVM::rounds() {
   }
 }
 
-// What is at least 1 has a digit in front of the point.
+// The value is at least 1, so there is a digit before the point.
 int ZephVM::WriteRounded(double value, int decimals, char* text) {
   unsigned long whole;
   if (!RoundByFraction(value, decimals, &whole)) return 0;
@@ -181,8 +184,8 @@ int ZephVM::WriteRounded(double value, int decimals, char* text) {
   return static_cast<int>(end + 1 - text);
 }
 
-// roundf  ( a b -- d )  a rounded half to even to b decimals; a negative b counts as 0. What is no
-// number gives infinity.
+// roundf  ( a b -- d )  a rounded half to even to b decimals; a negative b counts as 0. An infinity
+// or NaN gives positive infinity.
 void ZephVM::roundf() {
   int decimals = stack->PopI();
   const double value = stack->PopD();
@@ -228,7 +231,7 @@ void ZephVM::bitsl() {
   if (!stop_flag) stack->PushI(static_cast<int>(static_cast<unsigned>(a) << (b & 31)));
 }
 
-// bitsr  ( a b -- i )  a shifted right by the low five bits of b; the sign spreads.
+// bitsr  ( a b -- i )  a shifted right by the low five bits of b; the sign bit is copied in.
 void ZephVM::bitsr() {
   const int b = stack->PopI();
   const int a = stack->PopI();
@@ -237,14 +240,14 @@ void ZephVM::bitsr() {
 
 // --- Logic ---------------------------------------------------------------------------------------
 
-// and  ( a b -- i )  1 if both are true. Both are looked at, always.
+// and  ( a b -- i )  1 if both are true. Both are always read.
 void ZephVM::op_and() {
   const bool b = stack->PopBool();
   const bool a = stack->PopBool();
   if (!stop_flag) stack->PushI(a && b);
 }
 
-// or  ( a b -- i )  1 if either is true. Both are looked at, always.
+// or  ( a b -- i )  1 if either is true. Both are always read.
 void ZephVM::op_or() {
   const bool b = stack->PopBool();
   const bool a = stack->PopBool();
@@ -291,8 +294,8 @@ int ZephVM::CompareTexts(Variable* left, int right) {
 // --- Search --------------------------------------------------------------------------------------
 
 namespace {
-// Searches a text by parts, which overlap by what a match needs, so that a long search ends at the
-// time limit.
+// Searches a text in parts, so that a long search ends at the time limit. The parts overlap by the
+// length of a match less one.
 int SearchByParts(int (*search)(const char*, int, const char*, int), const char* needle, int length,
                   const char* text, int text_length) {
   const int step = std::max(RunLimit::Bytes, length);
@@ -307,7 +310,7 @@ int SearchByParts(int (*search)(const char*, int, const char*, int), const char*
 }
 }  // namespace
 
-// A text is searched with the plain scan, or if it is long with the one that makes a table first.
+// Short texts are searched with the plain scan, long ones with the search that builds a table.
 void ZephVM::PushMatch(Search plain, Search fast, bool last_byte) {
   const PoppedString text(stack);
   const PoppedString needle(stack);
@@ -324,8 +327,8 @@ void ZephVM::PushMatch(Search plain, Search fast, bool last_byte) {
   stack->PushI(offset < 0 ? 0 : offset + (last_byte ? needle.length() : 1));
 }
 
-// in  ( needle text -- i )  Where in the text the needle stands first, from 1; 0 for nowhere. An
-// empty needle stands at 1.
+// in  ( needle text -- i )  The position of the needle's first occurrence in the text, from 1; 0 if
+// there is none. An empty needle is at 1.
 void ZephVM::in() {
   PushMatch(bf_search, bm_search, false);
 }
@@ -335,8 +338,8 @@ void ZephVM::cin() {
   PushMatch(bf_searchi, bm_searchi, false);
 }
 
-// ein  ( needle text -- i )  Where in the text the first match of the needle ends, from 1; 0 for no
-// match. An empty needle, unlike with in, gives 0.
+// ein  ( needle text -- i )  The position at which the first match of the needle in the text ends,
+// from 1; 0 if there is none. An empty needle gives 0, unlike with in.
 void ZephVM::ein() {
   PushMatch(bf_search, bm_search, true);
 }
@@ -349,9 +352,9 @@ void ZephVM::ecin() {
 // --- Password hash -------------------------------------------------------------------------------
 
 // crypt  ( text salt -- s )  The password hash of the first 8 bytes of text under the first two
-// bytes of salt. One byte of salt counts twice, an empty salt is made up.
+// bytes of salt. A single byte of salt counts twice; an empty salt is replaced by a random one.
 void ZephVM::crypt() {
-  // 63 of the 64 are ever picked: hashes made by older sites were, too.
+  // Only 63 of the 64 are ever picked, as for the hashes that older sites have made.
   static const char kSalt[] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
   const PoppedString salt(stack);
   const PoppedString text(stack);

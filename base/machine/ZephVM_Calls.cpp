@@ -1,5 +1,6 @@
-// Functions: calls and returns, the calls of external libraries, and runs of the machine that
-// native code nests in the current one.
+// Functions: calls and returns, calls of external libraries, and runs of the machine that native
+// code nests in the current one. Tested in tests/base/machine/FunctionCallTest.cpp,
+// FrameReuseTest.cpp and RunFunctionTest.cpp.
 
 #include <atomic>
 #include <memory>
@@ -20,7 +21,8 @@
 
 namespace {
 
-// Runs within runs: each takes a piece of the thread's own stack or, a filter's, an open file.
+// The limit of runs within runs: each uses some of the thread's own stack or, for a filter, an open
+// file.
 const int kMostRuns = 500;
 
 int ErrorOutputIn(int caller_flags, int function_flags) {
@@ -70,7 +72,7 @@ void ZephVM::CallFunction(Function* function) {
   SetOutputMode(called->output_mode);
   if (WantsLog(Log_FunctionCall)) WriteLog(Log_FunctionCall, {OfString(function->name())});
   TakeArguments(function, called->variables);
-  // The frame is entered after a failure as well: the stop flag ends the loop before its code runs.
+  // The frame is entered after a failure too: the stop flag ends the loop before its code runs.
   wanted_segment = function->segment();
   program_counter = function->offset();
   if (Segment* called_code = segments->Lookup(wanted_segment)) {
@@ -80,8 +82,8 @@ void ZephVM::CallFunction(Function* function) {
   EnterFrame(called.release());
 }
 
-// A frame with an empty stack and the function's locals, the caller's. One that has served a call
-// before, if there is one.
+// Returns a frame with an empty stack and the function's locals, which the caller owns: one from an
+// earlier call, if one is kept.
 ZephVM_FunctionFrame* ZephVM::FrameFor(Function* function) {
   const auto index = static_cast<size_t>(function->index());
   if (index < idle_frames.size()) {
@@ -125,7 +127,8 @@ int ZephVM::SimpleParameters(Function* function) {
   return static_cast<int>(parameters.size());
 }
 
-// Takes over a frame that was left: for the next call, if it can be made as new.
+// Adopts a frame that was left, and keeps it for a later call if its variables can be made like new
+// ones.
 void ZephVM::KeepFrame(ZephVM_FunctionFrame* left) {
   std::unique_ptr<ZephVM_FunctionFrame> held(left);
   if (!root->reuses_frames) return;
@@ -136,7 +139,7 @@ void ZephVM::KeepFrame(ZephVM_FunctionFrame* left) {
   idle_frames[left->place] = held.release();
 }
 
-// The output may be told its mode by others too, but not while the hot loop runs.
+// Other code may set the output's mode too, but not while the hot loop runs.
 void ZephVM::SetOutputMode(int mode) {
   if (hot_mode == mode) return;
   application->output()->SetFlags(mode);
@@ -148,7 +151,7 @@ void ZephVM::TakeArguments(Function* function, VariableHash* locals) {
   const std::vector<FunctionParameter*>& parameters = function->slots();
   for (size_t i = parameters.size(); i-- > 0;) {
     FunctionParameter* p = parameters[i];
-    // The record wants it after a table that has no such place has refused it.
+    // Keeps the argument alive for the log record if the table refuses it.
     VariableRef held;
     Variable* argument;
     if (p->byreference()) {
@@ -184,7 +187,7 @@ ZephVM_FunctionFrame* ZephVM::ReturningFrame() {
   return static_cast<ZephVM_FunctionFrame*>(frame);
 }
 
-// Back to the caller. What is left on the frame's stack goes with it.
+// Returns to the caller. What is left on the frame's stack is dropped with it.
 void ZephVM::LeaveFrame() {
   auto* left = static_cast<ZephVM_FunctionFrame*>(frame);
   frame = left->previous;
@@ -219,7 +222,7 @@ void ZephVM::retn() {
   stack->PushS("", 0, 0, 0);
 }
 
-// The value has moved to the caller's stack, and is recorded in the form that it has there.
+// The value is on the caller's stack by now, and is recorded in the form that it has there.
 void ZephVM::LogReturn(ZephVM_FunctionFrame* left, bool with_value) {
   const LogParameter name = OfString(left->function->name());
   ZephVM_Stack::Stack_Entry* value = left->previous->stack->Peek();
@@ -245,7 +248,8 @@ void ZephVM::LogReturn(ZephVM_FunctionFrame* left, bool with_value) {
   if (WantsLog(Log_FunctionReturn)) WriteLog(Log_FunctionReturn, {name});
 }
 
-// A frame with features is left by the handlers of returns, which end them.
+// A frame with features must not return in the hot loop, because the handlers of returns end its
+// features.
 long ZephVM::FrameSerial() {
   if (frame->serial == 0) {
     frame->serial = ++frame_serials;
@@ -255,7 +259,8 @@ long ZephVM::FrameSerial() {
   return frame->serial;
 }
 
-// The lowest of the frame's features is closed; those above it wait for the end of the machine.
+// Closes the lowest of the frame's features; that drops those above it, which are deleted at the
+// end of the machine.
 void ZephVM::Cleanup_Function_Features(ZephVM_Frame* left) {
   Feature* lowest = nullptr;
   for (Feature* feature = features.Top(); feature && feature->frame() == left->serial;
@@ -278,15 +283,16 @@ void ZephVM::CallExternalFunction(Function* function) {
   if (WantsLog(Log_ExternalFunctionCall)) {
     WriteLog(Log_ExternalFunctionCall, {OfString(function->name())});
   }
-  // A table for each call: the function may call a script function that calls it again. It comes
-  // with a frame, which is not entered, since those are kept.
+  // Each call needs a table of its own, because the function may call a script function that calls
+  // it again. The table comes with a frame, because frames are kept for reuse; the frame is not
+  // entered.
   const auto keep = [this](ZephVM_FunctionFrame* used) { KeepFrame(used); };
   const std::unique_ptr<ZephVM_FunctionFrame, decltype(keep)> called(FrameFor(function), keep);
   if (!TakeExternalArguments(function, row, called->variables)) return;
   // A library might keep or send what it is given, so it is not given parts.
   if (RunLimit::WasCut()) return;
   external->Call(this, called->variables);
-  // A library may ask for new time, but not for a script that goes on with parts of values.
+  // A library may extend the time limit, but not for a script whose values were cut short.
   if (RunLimit::WasCut()) std::atomic_ref<int>(*timed_out).store(1, std::memory_order_relaxed);
   stack->PushHeld(external->result());
   if (WantsLog(Log_ExternalFunctionReturnValue)) {
@@ -298,8 +304,8 @@ void ZephVM::CallExternalFunction(Function* function) {
   }
 }
 
-// Bound by name at the first call, so that a script may name a function that no library has, as
-// long as it does not call it.
+// Bound by name at the first call. So a script may declare a function that no library has, as long
+// as it does not call it.
 ExternalCall* ZephVM::FindExternal(Function* function) {
   auto* external = static_cast<ExternalCall*>(function->calldata);
   if (external) return external;
@@ -361,14 +367,14 @@ ZephVM::NestedRun::NestedRun(ZephVM* machine)
   vm->root->runs++;
 }
 
-// Frames that the run has left, because an error ended it inside of a function, go with it.
+// Also deletes the frames that are left if an error ended the run inside a function.
 ZephVM::NestedRun::~NestedRun() {
   LeaveFrames();
   vm->stack = outer->stack;
   vm->application->output()->SetFlags(outer->output_mode);
   vm->program_counter = program_counter;
   vm->wanted_segment = wanted_segment;
-  // The loop reports a segment that is not there, before it runs on.
+  // If the segment does not exist, the loop reports that before it continues.
   try {
     if (vm->loaded_segment != wanted_segment) vm->LoadSegment();
   } catch (const std::bad_alloc&) {
@@ -404,7 +410,7 @@ void ZephVM::NestedRun::Begin(Segment* start) {
   vm->program_counter = 0;
 }
 
-// All machines of a family run on one thread's stack.
+// Counted in the root, because all machines of a family run on one thread's stack.
 bool ZephVM::MayNest() {
   if (root->runs < kMostRuns) return true;
   FatalError("Stack overflow");
@@ -419,8 +425,8 @@ int ZephVM::Go_Recursive() {
   return Go();
 }
 
-// The run ends when the function returns: it then goes on behind the end of the caller's segment,
-// in a plain frame, whose end is the end of a run.
+// The run ends when the function returns. It then continues past the end of the caller's segment,
+// in a plain frame, and the end of a segment there is the end of the run.
 template <typename Push, typename Take>
 int ZephVM::RunNested(Function* function, bool wants_result, Push push, Take take) {
   if (!MayNest()) return 0;
@@ -441,7 +447,7 @@ int ZephVM::RunNested(Function* function, bool wants_result, Push push, Take tak
     if (Set_Segment()) Go();
   }
   if (stop_flag) return 0;
-  // After an exit the function has not returned.
+  // After an exit the function has not returned, and its frame is still current.
   if (stack->Entries() > 0 && !frame->previous) {
     take();
   } else if (wants_result) {

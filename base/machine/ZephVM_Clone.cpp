@@ -1,6 +1,7 @@
-// The machine of a background task: a copy of the machine that starts it, with everything that it
-// reaches, so that the two can run at the same time. Counts of variables, free names, decoded code
-// and the positions of lists are nobody's to lock: nothing that is ever written is shared.
+// Copies a machine, with everything that it reaches, for a background task, so that the two can run
+// at the same time. Counts of variables, free names, decoded code and the positions of lists have
+// no locks, so nothing that is ever written is shared. Tested in
+// tests/base/machine/ZephVM_CloneTest.cpp.
 
 #include <algorithm>
 #include <cstring>
@@ -24,7 +25,8 @@
 #include "base/machine/ZephVM_Clone.h"
 #include "base/values/Variable.h"
 
-// A copy with every name that the tables have, also those that they reserve at need.
+// A copy with every name that the tables have. The call of Entries makes the table reserve the
+// names that it otherwise reserves when they are needed.
 Dictionary* MachineClone::DictionaryOf(ZephVM& source) {
   source.system_variables->Entries();
   return new Dictionary(*source.dictionary);
@@ -114,7 +116,7 @@ ZephVM::ZephVM(ZephApplication* host, ZephVM& source, int* heartbeat, int* timed
   }
 }
 
-// From the base of the run to the present frame, since later frames borrow from older ones.
+// From the base of the run to the current frame, because later frames borrow from older ones.
 void ZephVM::CloneFrames(ZephVM& source) {
   std::vector<ZephVM_Frame*> originals;
   for (ZephVM_Frame* f = source.frame; f; f = f->previous) originals.push_back(f);
@@ -138,8 +140,8 @@ void ZephVM::CloneFrames(ZephVM& source) {
   }
 }
 
-// A frame with its variables. What a filter's frame leads back to is a feature, and stays with the
-// machine that has it: the copy is a plain one, whose end is the end of the run.
+// Copies a frame with its variables. A filter's frame leads back to an import, which stays with the
+// source: the copy is a plain frame, at whose end the run ends.
 std::unique_ptr<ZephVM_Frame> ZephVM::CloneFrame(ZephVM_Frame* original) {
   std::unique_ptr<ZephVM_Frame> copy;
   if (original->type() == ZephVM_Frame::Function) {
@@ -156,7 +158,8 @@ std::unique_ptr<ZephVM_Frame> ZephVM::CloneFrame(ZephVM_Frame* original) {
     copy->Set_LocalVariable_Hash(known, false);
     return copy;
   }
-  // A table that is no function's belongs to a machine beside this one, and goes by its dictionary.
+  // A table that is not a function's belongs to a machine that is no parent of this one, and its
+  // positions are those of that machine's dictionary. The copy is empty.
   std::unique_ptr<VariableHash> table;
   if (copy->type() == ZephVM_Frame::Function) {
     table = std::make_unique<VariableHash>(application, dictionary, *original->variables);
@@ -168,7 +171,8 @@ std::unique_ptr<ZephVM_Frame> ZephVM::CloneFrame(ZephVM_Frame* original) {
   return copy;
 }
 
-// Entries of texts point into the dictionary, variables and buffers of the other machine.
+// Texts are copied, because their entries point into the dictionary, variables and buffers of the
+// other machine.
 void ZephVM_Stack::CopyEntries(ZephApplication* application, ZephVM_Stack& source) {
   for (Stack_Entry* entry = source.entries; entry < source.top; entry++) {
     source.Settled(entry);
@@ -196,15 +200,15 @@ void ZephVM_Stack::CopyEntries(ZephApplication* application, ZephVM_Stack& sourc
 
 // --- Starting a task -----------------------------------------------------------------------------
 
-// async  ( -- )  Starts the block behind it as a task of its own, with copies of all that the
-// script has, and goes on behind the block. A task that cannot be started is an error of
+// async  ( -- )  Starts the block that follows as a task of its own, with copies of everything that
+// the script has, and continues after the block. A task that cannot be started is an error of
 // ZpASYNCHRONOUS.
 void ZephVM::async() {
   const char* failure = nullptr;
   switch (application->BeginAsynchronousTask(this)) {
     case AsynchronousTask_Continue: return;
     case AsynchronousTask_Failed: failure = "Unable to start asynchronous task"; break;
-    // The word is spelled so in the messages that scripts compare.
+    // Scripts compare the message, so the misspelling has to stay.
     case AsynchronousTask_NotSupported: failure = "Asynchronoust tasks are not supported"; break;
     case AsynchronousTask_LimitReached:
       failure = "Maximum number of asynchronous tasks exceeded";

@@ -1,5 +1,5 @@
-// What the machine of a background task owns beside its frames: the copies of all that the machine
-// which started it has borrowed.
+// What the machine of a background task owns besides its frames: copies of everything that the
+// machine that started it has borrowed.
 
 #ifndef ZEPH_BASE_ZEPHVM_CLONE_H
 #define ZEPH_BASE_ZEPHVM_CLONE_H
@@ -19,32 +19,33 @@ class VariableHash;
 class ZephApplication;
 class ZephVM;
 
-// Made with the machine and deleted behind everything else that it has. All copies are made on the
-// thread of the source, which stands still meanwhile, and belong to the task's from then on. Each
-// text index is that of the source: the dictionaries number alike.
+// Made with the machine and deleted after everything else that the machine has. The copies are made
+// on the source's thread, while the source does not run; from then on they belong to the task's
+// thread. Text ids are the source's, because the dictionaries have the same numbering.
 class MachineClone {
  public:
-  // Clones the source's parents first, if it has any.
+  // Clones the source's parents first, if it has any. The host and its three integers are borrowed.
   MachineClone(ZephApplication* application, ZephVM& source, int* heartbeat, int* timedout,
                int* exit);
   ~MachineClone();
   MachineClone(const MachineClone&) = delete;
   MachineClone& operator=(const MachineClone&) = delete;
 
-  // The copy of a table that a frame of this machine or its parents has; null for an unknown one.
+  // Returns the copy of a table that a frame of this machine or of its parents uses; null for an
+  // unknown one.
   VariableHash* Find(const VariableHash* original) const;
 
-  // The rest is in the order in which it is made, and goes in the opposite one.
+  // The fields are in the order in which they are made, and are deleted in the opposite order.
   std::unique_ptr<ZephVM> parent;
   std::unique_ptr<Dictionary> dictionary;
   std::unique_ptr<ClonedVariableHash> system_variables;
   std::unique_ptr<ClonedVariableHash> global_variables;
   std::unique_ptr<SegmentManager> segments;
   std::unique_ptr<FunctionManager> functions;
-  std::unique_ptr<ExternalCallManager> external_calls;  // a child uses its parent's
+  std::unique_ptr<ExternalCallManager> external_calls;  // null in a child, which uses its parent's
   std::unique_ptr<LocalizedLanguages> languages;
   std::unique_ptr<LocalizedDictionary> localized;
-  // Tables of frames with their copies.
+  // Tables of frames, each with its copy.
   std::vector<std::pair<const VariableHash*, VariableHash*>> locals;
 
  private:

@@ -1,5 +1,6 @@
-// Code that is not in the script's own file: expressions that come as text while it runs, and other
-// compiled files (base/machine/DoContext.h).
+// Code that is not in the script's own file: expressions that the script has as text, and other
+// compiled files (base/machine/DoContext.h). Tested in tests/base/machine/DynamicExpressionTest.cpp
+// and DoContextTest.cpp.
 
 #include <cstring>
 #include <memory>
@@ -21,12 +22,12 @@ namespace {
 
 const int kFormatVersion = 0x1000B;  // of the code that expressions are compiled to
 
-// Keeps a run from what was on a stack before it. An expression may have fewer operands than
-// operators: "1 +" would add the caller's value.
+// Hides what is on a stack from a run. An expression may have fewer operands than operators need:
+// "1 +" would add the caller's value.
 class HiddenEntries {
  public:
   explicit HiddenEntries(ZephVM_Stack* entries) : stack(entries), hidden(entries->HideEntries()) {}
-  // What a failed run has left is dropped by then.
+  // REQUIRES: what a failed run has left was dropped before.
   ~HiddenEntries() { stack->ShowEntries(hidden); }
   HiddenEntries(const HiddenEntries&) = delete;
   HiddenEntries& operator=(const HiddenEntries&) = delete;
@@ -60,7 +61,7 @@ Segment* ZephVM::Compile_Dynamic_Expression(const char* text, int length, const 
                               other ? other->functions : nullptr, text, length, alias, nullptr, 0,
                               sourcefile, sourcefilelength, line, kFormatVersion);
   const bool compiled = compiler.Run() == 1;
-  // It stays for as long as the machine: most texts need far less room than a segment has.
+  // The segment exists as long as the machine, and most texts need far less room than it has.
   compiler.segment()->Trim();
   if (compiled) return compiler.segment();
   if (error) *error = compiler.error();
@@ -164,7 +165,7 @@ DoContext* ZephVM::DoContextFind(const char* name, int length) {
   return context.release();
 }
 
-// A failure in the other file is the end of this one too. The client has its text already.
+// A failure in the other file ends this one too. The client already has its message.
 void ZephVM::AfterChild(ZephVM* child, int result) {
   if (!result) {
     if (child != this && child->error_text.data) error_text = child->error_text;
@@ -191,8 +192,8 @@ void ZephVM::op_do_file() {
 }
 
 // op_do_function  ( file expression -- x )  Calls a function of another compiled file. The
-// expression is the text of the call, whose arguments reach the variables that are local here by
-// the scope "local". Leaves one value in any case, null where there is none.
+// expression is the text of the call, whose arguments reach the local variables of this call by the
+// scope "local". Always leaves one value, the null variable if there is no other.
 void ZephVM::op_do_function() {
   bool has_value = false;
   {
@@ -204,7 +205,7 @@ void ZephVM::op_do_function() {
   if (!has_value) stack->PushV(null_variable, 1, 1);
 }
 
-// Whether the call has left a value.
+// Returns whether the call has left a value.
 bool ZephVM::Run_Function(DoContext* context, const char* text, int length) {
   Segment* const call = FunctionCall(context, text, length);
   if (!call) return false;
@@ -220,12 +221,12 @@ bool ZephVM::Run_Function(DoContext* context, const char* text, int length) {
   }
   AfterChild(child, result);
   if (stack->Entries() == before) return false;
-  // The context may go before its text does.
+  // The context, which may own the text, may be deleted before the entry is used.
   stack->OwnTop();
   return true;
 }
 
-// The code of a call, compiled when its text comes for the first time.
+// Returns the code of a call, compiled the first time that its text occurs.
 Segment* ZephVM::FunctionCall(DoContext* context, const char* text, int length) {
   if (DoExpression* known = context->expressions().Find(text, length)) return known->segment();
   int file_length;

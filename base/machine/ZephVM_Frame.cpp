@@ -1,4 +1,5 @@
-// Frames own what they were told to own.
+// The frames, which own a table and a stack if they are told to. Tested in
+// tests/base/machine/FunctionCallTest.cpp.
 
 #include "base/machine/ZephVM_Frame.h"
 
@@ -9,7 +10,8 @@ ZephVM_Frame::ZephVM_Frame(int segment, int offset)
     : return_segment(segment), return_offset(offset) {}
 
 ZephVM_Frame::~ZephVM_Frame() {
-  // Texts on the stack may watch variables, which would give them copies when they go.
+  // The stack first: deferred texts on it may watch the variables, and would get copies of their
+  // texts if the variables were deleted before.
   if (owns_stack) delete stack;
   if (owns_variables) delete variables;
 }

@@ -1,12 +1,12 @@
-// The loop for code that runs often: what it does at each record of base/compiled/HotCode.h.
+// The loop for decoded code: what it does at each record of base/compiled/HotCode.h. Tested in
+// tests/base/machine/HotCodeTest.cpp and FrameReuseTest.cpp.
 //
-// The actions that stand here in line do not fail and run no code but their own. Whatever does not
-// fit goes back to the machine's loop with everything as it was before the instruction. So the
-// flags of the host, which other threads raise, need a look only where the code may go round, which
-// is at jumps and at calls, and not at each of these: no script can tell that from a look at
-// each instruction. Handlers of the machine, external functions and the output may raise any flag,
-// and all of them are looked at after these; and so are the host's flags after an action that takes
-// as long as a value is large, such as the copy of an array.
+// The actions written here cannot fail and run no code but their own. If one does not apply, the
+// instruction goes back to the machine's loop, with everything as it was before it. The host's
+// flags, which other threads set, are polled only at jumps and calls, one in kPatience of them; a
+// script cannot observe the delay. Handlers of the machine, external functions and the output may
+// set any flag, so all flags are checked after these. The host's flags are also checked after an
+// action whose time grows with the size of a value, such as the copy of an array.
 
 #include <atomic>
 #include <charconv>
@@ -30,15 +30,15 @@ inline int Read(int* shared) {
   return std::atomic_ref<int>(*shared).load(std::memory_order_relaxed);
 }
 
-// Whether a variable has a form of a number that value_double() gives. What goes beyond a number
-// alone stands apart, and nothing is read before all operands are known to be numbers: so no number
-// has to be kept in memory across a call.
+// Whether a variable has a number in a form that value_double() returns. The rare cases of Has: out
+// of line, so that the fast test keeps its registers. Numbers are read only after all operands have
+// been tested, so that none has to be saved across this call.
 [[gnu::noinline]] bool HasNumberBeside(const Variable* variable) {
   const unsigned forms = variable->plain_forms();
   return (forms & Variable::DoubleForm) || forms == Variable::IntegerForm;
 }
 
-// The same for a comparison, which goes by the text first.
+// The same for a comparison, which uses the text if there is one.
 [[gnu::noinline]] bool IsComparableBeside(const Variable* variable) {
   return HasNumberBeside(variable) && !(variable->plain_forms() & Variable::TextForm);
 }
@@ -50,12 +50,12 @@ template <Suitable Beside>
   return variable->HoldsDouble() || variable->HoldsInteger() || Beside(variable);
 }
 
-// The number of a variable that has one.
+// The number of a variable. REQUIRES: it has one.
 [[gnu::always_inline]] inline double NumberOf(const Variable* variable) {
   return variable->has_double() ? variable->plain_double() : variable->plain_integer();
 }
 
-// Both in one, for the operand that is looked at last.
+// Has and NumberOf in one, for the operand that is tested last.
 template <Suitable Beside>
 [[gnu::always_inline]] inline bool Find(const Variable* variable, double* number) {
   if (variable->HoldsDouble()) [[likely]] {
@@ -69,9 +69,9 @@ template <Suitable Beside>
   return true;
 }
 
-// The number of a variable that has nothing else: every form that is asked of it later follows from
-// that. A text may have two forms that do not agree: "99999999999" is 191 when it is read as an
-// integer first.
+// The number of a variable that has no other form. Only such a number can replace its variable,
+// because every form that is read later follows from it. The forms of a text may disagree:
+// "99999999999" is 191 when it is read as an integer first.
 [[gnu::always_inline]] inline bool FindAlone(const Variable* variable, double* number) {
   if (variable->HoldsDouble()) {
     *number = variable->plain_double();
@@ -81,7 +81,7 @@ template <Suitable Beside>
   return variable->HoldsInteger();
 }
 
-// As value_integer() gives it.
+// The integer that value_integer() returns.
 [[gnu::always_inline]] inline bool IntegerOf(const Variable* variable, int* number) {
   if (!variable) return false;
   const unsigned forms = variable->plain_forms();
@@ -107,8 +107,8 @@ inline bool IsDouble(const Entry* entry) {
   return entry->kind == ZephVM_Stack::KindDouble;
 }
 
-// Makes doubles of the two entries on top, for an operation that takes both off as numbers; false,
-// and nothing done, if one is none.
+// Turns the two entries on top into doubles, for an operation that pops both as numbers. Returns
+// false and changes nothing if either is not a number.
 template <Suitable Beside>
 [[gnu::noinline]] bool MakeTwoDoubles(Entry* top) {
   if (!IsNumber<Beside>(top - 1) || !IsNumber<Beside>(top - 2)) return false;
@@ -141,9 +141,9 @@ template <Suitable Beside>
   return entry->kind == ZephVM_Stack::KindDouble;
 }
 
-// Moves the numbers that lie on top of a stack into the first of a function's variables, as its
-// arguments, and answers where the stack ends then; null, and the stack as it was, if one is no
-// number or has no variable yet.
+// Moves the numbers on top of a stack into the first variables of a function, as its arguments.
+// Returns where the stack then ends; null, with the stack unchanged, if an argument is not a number
+// or its variable does not exist yet.
 [[gnu::noinline]] Entry* TakeNumbers(const _VH_Entry* locals, int count, Entry* top) {
   Entry* argument = top;
   for (int i = count; i-- > 0;) {
@@ -163,13 +163,13 @@ template <Suitable Beside>
   return argument;
 }
 
-// Jumps and calls from one look at the flags of the host to the next: nanoseconds each.
+// Jumps and calls between two polls of the host's flags. Each takes nanoseconds.
 const int kPatience = 32;
 
-// The most entries that an idiom, or its instructions one by one, push before they take off any.
+// The most entries that an idiom, or its instructions run one by one, can push before popping any.
 const int kMostPushed = 3;
 
-// Whether nothing but the machine's own code runs when the entry is read as text.
+// Whether reading the entry as text runs only the machine's own code.
 inline bool IsOrdinary(const Entry* entry) {
   return entry->kind != ZephVM_Stack::KindVariable || entry->value.variable->IsOrdinary();
 }
@@ -179,8 +179,8 @@ inline bool IsNumberOrPlain(const Entry* entry) {
          (entry->kind == ZephVM_Stack::KindVariable && entry->value.variable->IsPlain());
 }
 
-// The order of two numbers, as its bit in HotOp::orders: 0 for less, 1 for equal, 2 for greater,
-// which NaN on either side counts as.
+// The order of two numbers, as the number of its bit in HotOp::orders: 0 for less, 1 for equal, 2
+// for greater. NaN on either side counts as greater.
 template <typename Number>
 [[gnu::always_inline]] inline int OrderOf(Number left, Number right) {
   return !(left < right) + !(left <= right);
@@ -207,7 +207,7 @@ template <typename Number>
   return true;
 }
 
-// How an order answers to a jump.
+// Whether the jump is made on this order.
 [[gnu::always_inline]] inline bool Jumps(const HotOp* jump, int order) {
   return (jump->orders >> order & 1) != 0;
 }
@@ -228,8 +228,8 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   int* const over = timed_out;
   int* const ended = exit_flag;
   int* const beats = heartbeat_counter;
-  // Of the current frame: its stack, with where its entries end and begin, and up to where there is
-  // room for what any action pushes; and the rows of both tables, the globals first.
+  // Of the current frame: its stack, the end and the beginning of its entries, and the last end at
+  // which any action has room to push; and the rows of both tables of variables, the globals first.
   ZephVM_Stack* s;
   Entry* top;
   const _VH_Entry* rows[2];
@@ -238,15 +238,15 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   Entry* limit;
   Variable* variable = nullptr;
   const Variable* other = nullptr;
-  // Of a call or a return.
+  // For a call or a return.
   ZephVM_FunctionFrame* called;
   const _VH_Entry* locals;
   double number_passed;
   const long code_serial = hot->serial();
-  int patience = kPatience;  // jumps and calls until the next look at the flags of the host
+  int patience = kPatience;  // jumps and calls until the next poll of the host's flags
 
-// Where each action stands. The jump from one to the next is made at the end of each: processors
-// foresee it better than one jump for all.
+// The address of each action. Each action ends with a jump of its own to the next one, because
+// processors predict these better than one jump that all share.
 #define ACTION(name) &&on_##name,
   __extension__ static const void* const places[] = {ZEPH_HOT_ACTIONS};
 #undef ACTION
@@ -257,9 +257,10 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 
 // clang-format off
 #define GO_TO(action) __extension__({ goto *places[static_cast<int>(action)]; })
-// Each action ends with one of these: on behind so many instructions; the same after work of any
-// length, with a look at the flags of the host; to the first instruction alone, where the idiom does
-// not fit; to the machine's loop; or by a jump, with such a look now and then.
+// Each action ends with one of these. NEXT continues after count instructions. NEXT_AFTER_WORK does
+// the same after work of any length, and polls the host's flags. SINGLE_UNLESS runs the first
+// instruction alone if the idiom does not apply. LEAVE_UNLESS returns to the machine's loop. JUMP
+// polls the host's flags once in kPatience times.
 #define NEXT(count) { op += (count); GO_TO(op->action); }
 #define RAISED (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat))
 #define NEXT_AFTER_WORK(count) { \
@@ -275,23 +276,25 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define JUMP_IF(condition, jump, count) \
   if (condition) JUMP(jump) \
   NEXT(count)
-// The variable at a record's position, null if it was not made yet.
+// The variable at a record's position; null if it does not exist yet.
 #define VARIABLE_AT(table, position) \
   (static_cast<unsigned>(position) < counts[table] ? rows[table][position].variable : nullptr)
 #define VARIABLE(record) VARIABLE_AT((record)->local, (record)->first)
-// A local variable that no instruction of this call has touched sleeps in its row. It has no forms
-// and is no array, so only what takes it without these has to wake it; a number stored in it does.
+// A local variable that no instruction of this call has touched is asleep in its row. It has no
+// forms and is not an array, so only an action that uses a variable without testing these has to
+// wake it. Storing a number wakes it too.
 #define WAKE(variable) if ((variable)->IsAsleep()) [[unlikely]] (variable)->Wake();
 #define SECOND(record) VARIABLE_AT(0, (record)->second)
-// What the stack's own operations need to know, and leave. It is told of its end, too, before all
-// that may take memory: where there is none, it frees the entries up to there.
+// Store the end in the stack before its own operations, and reload what they may have changed. The
+// end is also stored before anything that allocates: if that throws, the stack frees the entries up
+// to there.
 #define TELL_STACK s->SetEnd(top);
 #define ASK_STACK { \
   top = s->End(); \
   bottom = s->Begin(); \
   limit = s->Limit() - kMostPushed; }
 #define PUSH(set) { top->set; ++top; }
-// In place of what is on top, or of the two that are.
+// Replace the entry on top, or the two on top.
 #define REPLACE_ONE(set) { \
   ZephVM_Stack::Free(top - 1); \
   top[-1].set; }
@@ -303,8 +306,8 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define HOLDS_ONE (top > bottom)
 #define HOLDS_TWO (top - 1 > bottom)
 #define HAS_ROOM (top <= limit)
-// Whether an operation finds numbers on top, which are doubles then. As the entries may have changed
-// by this, it is asked last.
+// Whether the operands on top are numbers; they are doubles afterwards. This may change the
+// entries, so it is the last test of a condition.
 #define ONE_NUMBER (HOLDS_ONE && (IsDouble(top - 1) || MakeDouble<HasNumberBeside>(top)))
 #define ONE_COMPARABLE (HOLDS_ONE && (IsDouble(top - 1) || MakeDouble<IsComparableBeside>(top)))
 #define TWO_DOUBLES (IsDouble(top - 1) && IsDouble(top - 2))
@@ -312,17 +315,18 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define TWO_COMPARABLE (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<IsComparableBeside>(top)))
 #define IS_NUMBER(variable) ((variable) && Has<HasNumberBeside>(variable))
 #define IS_COMPARABLE(variable) ((variable) && Has<IsComparableBeside>(variable))
-// The same, and *number is the number.
+// The same; *number receives the number.
 #define FIND_NUMBER(variable, number) ((variable) && Find<HasNumberBeside>(variable, number))
 #define FIND_COMPARABLE(variable, number) ((variable) && Find<IsComparableBeside>(variable, number))
-// Whether a frame is kept for the function that a call is of, and was made ready for calls from
-// here: then called is the frame, with its locals, which are as new where they are there.
+// Whether a frame is kept for the called function and is prepared for calls from this code. If so,
+// called is the frame and locals are its variables; those that exist are as a new call needs them.
 #define KNOWS_CALLED \
   (called = idle_frames[static_cast<unsigned>(op->first)], \
    called && called->return_code == code_serial && frame_count < MostFrames && \
    (locals = called->variables->Rows(&counts[1]), true))
 
-// All forms of an operation on the doubles a and b. What is an entry on top already stays one.
+// All forms of an operation on the doubles a and b. An operand that is a double entry already is
+// overwritten in place.
 #define ARITHMETIC(name, result)                                                           \
   on_##name: {                                                                             \
     LEAVE_UNLESS(TWO_NUMBERS)                                                              \
@@ -401,7 +405,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   UPDATE(Update##name##Variable, (other = VARIABLE(op + 1), IS_NUMBER(other)),             \
          NumberOf(other), result)
 // An operation on the variable on top, or on the one that was just found and is not on the stack.
-// The same variable may be the other operand, which is read before.
+// The other operand may be the same variable, so it is read before the result is written.
 #define UPDATE(name, condition, operand, result)                                           \
   on_##name: {                                                                             \
     SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindVariable)     \
@@ -421,7 +425,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     variable->Write_Double(result);                                                        \
     NEXT(5)                                                                                \
   }
-// A comparison of a and b. With NaN on either side their order counts as above 0.
+// A comparison of a and b. If either is NaN, their order counts as above 0.
 #define COMPARISON(name, holds)                                                            \
   on_##name: {                                                                             \
     LEAVE_UNLESS(TWO_COMPARABLE)                                                           \
@@ -505,7 +509,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     PUSH(SetVariable(variable ? variable : null_variable))                                 \
     NEXT(3)                                                                                \
   }
-// The action at a record is an update: that of the variable that was found.
+// Runs the update at the current record on the variable that was found.
 #define UPDATE_FOUND __extension__({ \
   goto *updates[static_cast<int>(op->action) - static_cast<int>(HotAction::UpdateAddConstant)]; });
   // clang-format on
@@ -840,14 +844,14 @@ on_OutRounded : {
   if (application->output()->Put(text, length)) NEXT(3)
   op++;
 }
-// The output may find that the client is gone.
+// The output may set a flag, for example because the client has gone.
 written:
   op += 2;
   if (stop_flag | RAISED) goto on_Leave;
   GO_TO(op->action);
 
-// Most calls are of a function here, with numbers for its arguments, and a frame is kept for it.
-// The result will have room where the caller's stack ends.
+// Most calls are of functions in this code, with numbers as arguments and a kept frame. HAS_ROOM
+// also ensures that the result fits on the caller's stack, so return_number need not test that.
 on_Call:
   if (!(KNOWS_CALLED && HAS_ROOM)) [[unlikely]]
     goto unknown_called;
@@ -881,7 +885,8 @@ enter : {
     goto look;
   GO_TO(op->action);
 }
-// The number would be on top now, and is the only argument in most cases.
+// In most cases the number is the only argument and goes straight into its variable. Otherwise it
+// is pushed.
 call_with_number:
   if (KNOWS_CALLED && called->simple_parameters == 1 && locals->variable) [[likely]] {
     locals->variable->Begin(number_passed);
@@ -920,15 +925,15 @@ on_Return : {
   ZephVM_Stack* const callers = frame->previous->stack;
   Entry* const value = callers->End();
   LEAVE_UNLESS(callers->HasRoom(1))
-  // A borrowed variable may be a local one, which goes with the frame.
+  // A borrowed variable may be a local one, which does not outlive the call.
   LEAVE_UNLESS(top[-1].kind != ZephVM_Stack::KindVariable || top[-1].deletable)
   --top;
   value->CopyFrom(*top);
   callers->SetEnd(value + 1);
   goto returned;
 }
-// A variable that only the function holds, with a number and nothing else in it: a caller that uses
-// the result as a number alone gets the number.
+// If the caller uses the result only as a number, pass the number and leave the variable. The
+// variable must have no other form and no other holder.
 on_ReturnVariable:
   variable = VARIABLE(op);
   SINGLE_UNLESS(HAS_ROOM && variable && frame->return_code == code_serial &&
@@ -940,8 +945,8 @@ return_number : {
   value->SetDouble(number_passed);
   callers->SetEnd(value + 1);
 }
-// The value is on the caller's stack. What else there is on the function's own goes with the frame,
-// which is kept.
+// The value is on the caller's stack. Whatever else the function left on its own stack is freed,
+// and the frame is kept.
 returned : {
   while (HOLDS_ONE) [[unlikely]] ZephVM_Stack::Free(--top);
   TELL_STACK
@@ -975,7 +980,7 @@ look:
   if (RAISED) goto on_Leave;
   GO_TO(op->action);
 
-// What the code does elsewhere may have written to this segment, which drops what was made of it.
+// The called code may have written to this segment, which drops its decoded form.
 moved:
   if (stop_flag || wanted_segment != loaded_segment || segment->hot() != hot || RAISED) return;
   op = hot->At(program_counter);

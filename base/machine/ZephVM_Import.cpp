@@ -1,8 +1,9 @@
-// Delimited text files in scripts: the loop over an import with its filter, and the export.
+// The instructions on delimited text files: the loop over an import with its filter, and the
+// export. Tested in tests/base/machine/ImportTest.cpp.
 //
-// A filter is code like any other. Before each record that it is to judge, it gets a frame of its
-// own; the end of its segment leads to import_filter_resume, which goes on with the loop's body,
-// with the filter again for the next record, or behind the loop.
+// A filter is code like any other. Before each record that it has to judge, it gets a frame of its
+// own. The end of its segment leads to import_filter_resume, which continues with the loop's body,
+// with the filter again for the next record, or after the loop.
 
 #include <memory>
 #include <string_view>
@@ -18,7 +19,7 @@
 
 // --- Filters -------------------------------------------------------------------------------------
 
-// The code of a filter, which a text gets once: null with the message in error.
+// Returns the code of a filter, compiled once for each text; null with the message in *error.
 Segment* ZephVM::FilterSegment(const char* text, int length, String* error) {
   const std::string_view key(text, static_cast<size_t>(length));
   auto known = import_filters.find(key);
@@ -33,15 +34,15 @@ Segment* ZephVM::FilterSegment(const char* text, int length, String* error) {
   return known->second.segment;
 }
 
-// Runs the filter on the record that was read. The loop's body begins at body, and its end is at
-// behind, both in the current segment.
+// Runs the filter on the record that was read. The loop's body begins at the offset body, and the
+// loop ends at behind, both in the current segment.
 //
-// The filter's stack is one of its own: an expression may take more than it has put there, or leave
-// something, and what lies on the caller's stack is none of its business.
+// The filter has a stack of its own, because an expression may pop more than it has pushed or leave
+// something, and must not touch the caller's entries.
 //
-// A filter counts as a run within a run although it takes nothing of the thread's stack: each one
-// that is under way has an open file, so that a filter whose function imports with the same filter
-// would use up the descriptors of the process.
+// A filter counts as a run within a run although it uses none of the thread's stack: each filter in
+// progress has an open file, so a filter whose function imports with the same filter would use up
+// the descriptors of the process.
 void ZephVM::RunFilter(Segment* filter, int body, int behind) {
   if (!MayNest()) return;
   auto entered = std::make_unique<ZephVM_FilterFrame>(wanted_segment, body, wanted_segment, behind,
@@ -68,10 +69,10 @@ void ZephVM::LeaveFilter(int to_segment, int to_offset) {
   program_counter = to_offset;
 }
 
-// A filter has run to its end, in its frame.
+// Called at the end of a filter's segment, in the filter's frame.
 void ZephVM::import_filter_resume(int accepted) {
   auto* const judged = static_cast<ZephVM_FilterFrame*>(frame);
-  // A function that the filter has called may have left the loop.
+  // A function that the filter called may have left the loop.
   auto* const feature = static_cast<Import*>(Lookup_Feature(Feature::Type_Import));
   if (!feature) {
     FatalError("Invalid instruction");
@@ -93,7 +94,7 @@ void ZephVM::import_filter_resume(int accepted) {
 
 // --- The loop ------------------------------------------------------------------------------------
 
-// What both opening instructions take.
+// The operands that both opening instructions pop.
 struct ZephVM::ImportOperands {
   explicit ImportOperands(ZephVM_Stack* stack) : fields(stack), delimiter(stack), name(stack) {}
 
@@ -128,16 +129,16 @@ void ZephVM::BeginImport(ImportOperands* operands, Segment* filter) {
 // import  ( file delimiter fields -- )  Opens a text file of the data directory and reads its first
 // record: the pieces between the delimiters go to the variables of a comma-separated list of names,
 // and the record's number to the global recno. Without a record, and after an error of ZpIMPORT,
-// the loop is skipped. The form of a record is told in import.md.
+// the loop is skipped. For the form of a record see import.md.
 void ZephVM::import() {
   ImportOperands operands(stack);
   if (!stop_flag) BeginImport(&operands, nullptr);
 }
 
 // importf  ( file delimiter fields filter -- )  As import, but the loop runs, and recno counts,
-// only for records for which the filter is true: an expression, which finds the record in the
-// variables. One that leaves nothing is false. An empty filter takes all; one that is no expression
-// is an error of ZpIMPORT.
+// only for records for which the filter is true. The filter is an expression that reads the record
+// from the variables; one that leaves nothing is false. An empty filter accepts all records; one
+// that is not an expression is an error of ZpIMPORT.
 void ZephVM::importf() {
   const KeptString text(stack);
   ImportOperands operands(stack);
@@ -159,8 +160,8 @@ void ZephVM::importf() {
 }
 
 // import_loop  ( -- )  Reads the next record of the newest import and goes back to the loop's body;
-// at the end of the file it closes the import and goes on. Without an import it is the fatal error
-// "Invalid instruction".
+// at the end of the file it closes the import and continues. Without an import it is the fatal
+// error "Invalid instruction".
 void ZephVM::import_loop() {
   auto* const feature = static_cast<Import*>(Lookup_Feature(Feature::Type_Import));
   if (!feature) {
@@ -215,7 +216,7 @@ void ZephVM::op_export() {
   }
   VariableList fields;
   Lookup_VariableList(&fields, names.data(), names.length());
-  // A bad name is fatal, and no reason to leave a record without a value.
+  // A bad name is fatal; no record with a value missing is written.
   if (stop_flag) return;
   ExportRecord record;
   bool is_first = true;
@@ -227,7 +228,7 @@ void ZephVM::op_export() {
     if (value.data) record.AppendField(value.data, value.length);
     if (watch.Over()) break;
   }
-  // Part of a record is worse than none.
+  // Rather no record than part of one.
   if (RunLimit::WasCut()) return;
   record.AppendPlain("\n", 1);
   if (record.whole() && file->Write(record.data(), record.length()) == record.length()) {

@@ -1,5 +1,5 @@
-// Texts in the visitor's language: their parameters, and what is put together of them.
-// Tested in tests/base/machine/InstructionsLocalizedTest.cpp.
+// Texts in the visitor's language: their parameters, and putting them together. Tested in
+// tests/base/machine/InstructionsLocalizedTest.cpp.
 
 #include <atomic>
 #include <cstring>
@@ -24,7 +24,7 @@ void ZephVM::poplvnc() {
   if (!name) return;
   PoppedString text(stack);
   if (stop_flag) return;
-  // Most scripts never come here, so the table is made when one does.
+  // Few scripts use parameters, so the table is made by the first.
   if (!text_parameters) text_parameters = std::make_unique<VariableHash>(dictionary, 12, 512);
   VariableRef parameter(new Variable(name, length));
   if (text.owned()) {
@@ -38,7 +38,7 @@ void ZephVM::poplvnc() {
 }
 
 // Hands each piece of a token's text to write(text, length), in order. A token that no language has
-// is an empty text. The parameters serve for one text, whatever becomes of it.
+// is an empty text. The parameters are for one text, so they are dropped in any case.
 template <typename Write>
 void ZephVM::WriteLocalized(int token, Write write) {
   struct Parameters {
@@ -50,7 +50,8 @@ void ZephVM::WriteLocalized(int token, Write write) {
   const LocalizedIndex::TokenEntry* entry = languages ? languages->Get_Entry(token) : nullptr;
   if (!entry || !localized) return;
   int index = entry->first;
-  // A file can chain its pieces into a circle, and repeat a long text without bound.
+  // A file can chain its pieces into a circle, and repeat a long text without bound: the number of
+  // pieces limits the steps, and the time-out flag their length.
   for (int left = localized->Entries(); left > 0; left--) {
     const LocalizedDictionary::Piece* piece = localized->Entry(index);
     if (!piece || std::atomic_ref<int>(*timed_out).load(std::memory_order_relaxed)) return;
@@ -71,9 +72,9 @@ void ZephVM::WriteLocalized(int token, Write write) {
   }
 }
 
-// localize  ( -- )  Writes a localized text: the token's in the current language or else in the
-// default language, with the parameters that were set before. A parameter that was not set leaves
-// nothing in its place, nor does a token that neither language has.
+// localize  ( -- )  Writes the text of a token in the current language, or else in the default
+// language, with the parameters that were set before. A parameter that was not set is empty, and so
+// is a token that neither language has.
 void ZephVM::localize() {
   Output* output = application->output();
   WriteLocalized(first_integer,
@@ -90,6 +91,6 @@ void ZephVM::localizev() {
   int length;
   char* bytes = text.release(&length, nullptr, 1);
   bytes[length] = '\0';
-  // The size that the text needs, whatever the buffer's is.
+  // Reports the size that the text needs, not that of the buffer.
   stack->PushS(bytes, length, length + 1, 1);
 }

@@ -1,5 +1,6 @@
 // Variables by the names that scripts write: scopes, paths, lists of names, and the hidden form
-// fields that carry a list of variables to the next page.
+// fields that carry a list of variables to the next page. Tested in
+// tests/base/machine/LookupTest.cpp.
 
 #include <cstdio>
 #include <cstring>
@@ -26,7 +27,7 @@ bool LookupIn(VariableHash* table, Variable** out, const char* name, int length,
   return false;
 }
 
-// Names of a list, and fields of a form, between two looks at the time limit.
+// How many names of a list, and fields of a form, are done between two checks of the time limit.
 const int kNames = 4;
 const int kFields = 16;
 
@@ -34,8 +35,8 @@ bool IsSpace(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-// Calls visit(text, length) with each piece of a list that has more than white space in it. Past
-// the time limit the rest is left out: each may be looked up in long chains.
+// Calls visit(text, length) with each piece of a list that is not only white space. Past the time
+// limit the rest is left out, because each look-up may walk long chains.
 template <typename Visit>
 void ForEachName(const char* text, int length, Visit visit) {
   const char* end = text + length;
@@ -70,7 +71,7 @@ void WriteHiddenField(Output* output, const std::string& name, const String& val
   WriteLiteral(output, "\">");
 }
 
-// The name of an element as paths write it, behind its aggregate's.
+// Appends an element's name to its aggregate's, as paths write it.
 void AppendKey(std::string* name, const AggregateIndex& index) {
   if (index.kind() == AggregateArray) {
     char text[16];
@@ -111,7 +112,8 @@ int ZephVM::Lookup_Variable(Variable** out, const char* name, int length, String
   }
 }
 
-// A bare name is a system variable's first; whatever is not found anywhere becomes a new global.
+// A bare name is looked up among the system variables first. If it is found nowhere, it becomes a
+// new global.
 int ZephVM::LookupUnscoped(Variable** out, const char* name, int length, String* error) {
   if (!LookupIn(system_variables, out, name, length, 0, error)) return 0;
   if (*out) return 1;
@@ -140,7 +142,7 @@ int ZephVM::Lookup_VariableList(VariableList* list, const char* names, int lengt
 
 void ZephVM::HideVar(const String& name, Variable* variable) {
   std::string path(name.data ? name.data : "", static_cast<size_t>(name.length));
-  std::vector<size_t> outer;  // lengths of the path at the aggregates that the walk is inside of
+  std::vector<size_t> outer;  // lengths of the path at the aggregates around the walk
   VariableWalk walk(variable);
   RunWatch watch(kFields);
   for (auto step = walk.Next(); step != VariableWalk::End && !watch.Over(); step = walk.Next()) {

@@ -1,4 +1,5 @@
-// Conversions of stack entries, and the two operations that work on a pair of them.
+// The operand stack: conversions of its entries, and comparison and concatenation of pairs. Tested
+// in tests/base/machine/ZephVM_StackTest.cpp.
 
 #include "base/machine/ZephVM_Stack.h"
 
@@ -25,7 +26,7 @@ const int kNextBlock = 4096;
 
 const char kNothing[] = "";
 
-// A text behind an entry, with what has to be freed for it.
+// The text of an entry, and the buffer that has to be freed after its use, if any.
 struct EntryText {
   const char* data = kNothing;
   int length = 0;
@@ -47,7 +48,7 @@ const char* VariableText(Variable* variable, int* length) {
   return text.data ? text.data : kNothing;
 }
 
-// The entry's text where it lies, or a temporary for a number.
+// The entry's text, in place; for a number, in a temporary buffer.
 EntryText TextOf(const Entry* entry) {
   EntryText text;
   switch (entry->kind) {
@@ -71,8 +72,8 @@ EntryText TextOf(const Entry* entry) {
   return text;
 }
 
-// Whether a variable's text lies still until the variable is next assigned. Computed values and
-// aggregates are rendered anew by every read.
+// Whether a variable's text stays in place until the variable is next assigned. Computed values and
+// aggregates are rendered again by every read.
 bool HasStableText(Variable* variable) {
   Variable* real = variable->RealIdentity();
   return real->type() < VariableComputedInteger && real->aggregatetype() == AggregateNone;
@@ -146,7 +147,7 @@ void ZephVM_Stack::FreeText(Entry* entry) {
   }
 }
 
-// Puts a deferred text together, as the kind that it counts as.
+// Puts a deferred text together, as the kind that the entry has.
 void ZephVM_Stack::Settle(Entry* entry) {
   int length;
   const bool chained = entry->kind == KindLinkBuffer;
@@ -193,7 +194,8 @@ void ZephVM_Stack::PushV(Variable* variable, int addref, int deletable) {
 }
 
 void ZephVM_Stack::Push(ZephVM_Stack* from, int count) {
-  // The equality is the rule that scripts know; the range test keeps the array whole.
+  // The equality is the limit that scripts can observe; the other test only keeps the array in
+  // bounds.
   const long end = static_cast<long>(count) + Entries();
   if (end - 1 == SS || end > SS || (count > limit - top && !Grow())) {
     vm->FatalError("Stack overflow");
@@ -389,7 +391,7 @@ double ZephVM_Stack::NumericValue(const Entry* entry, int* not_numeric) {
 
 int ZephVM_Stack::CompareTexts(const Entry* left, const Entry* right) {
   EntryText a = TextOf(left);
-  // A computed variable on both sides writes its second text over the first.
+  // If both sides are the same computed variable, the second read overwrites the first text.
   if (left->kind == KindVariable && !HasStableText(left->value.variable)) {
     a.temporary.reset(CopyText(a.data, a.length));
     a.data = a.temporary.get();
@@ -397,7 +399,7 @@ int ZephVM_Stack::CompareTexts(const Entry* left, const Entry* right) {
   EntryText b = TextOf(right);
   int shorter = a.length < b.length ? a.length : b.length;
   int i = 0;
-  // What is long and equal is passed over by blocks.
+  // Long equal parts are skipped in blocks.
   constexpr int Block = 4096;
   while (shorter - i > Block && memcmp(a.data + i, b.data + i, Block) == 0) i += Block;
   for (; i < shorter; i++) {
@@ -440,7 +442,8 @@ void ZephVM_Stack::Dupe() {
   copy->deletable = 0;
   copy->private_copy = 0;
   if (!source->deletable && !source->private_copy) return;
-  // The source may be consumed first, so the copy must not lean on it.
+  // The source may be consumed first, so the copy owns its value. The entry counts as not pushed
+  // until it does, since what follows may throw.
   top--;
   if (source->kind == KindString) {
     copy->value.text = CopyText(source->value.text, source->length);
@@ -469,7 +472,8 @@ bool ZephVM_Stack::KeptElsewhere(const Entry* entry) const {
   Variable* variable = entry->value.variable;
   int others = variable->refcount() - 1;
   if (others <= 0) return false;
-  // Counts held by entries that the same instruction may consume next do not keep a text alive.
+  // Entries that the same instruction may consume next do not keep the text alive, so their counts
+  // are subtracted.
   if (others <= Entries()) {
     for (const Entry* below = entries; below < entry; below++) {
       if (below->kind == KindVariable && below->value.variable == variable &&
@@ -522,7 +526,8 @@ char* ZephVM_Stack::ConvertEntryToString(Entry* entry, int* length, int* size, i
   return copy;
 }
 
-// Moves or copies what an entry holds behind the buffer's text; the entry owns nothing afterwards.
+// Moves or copies an entry's value to the end of the buffer's text; the entry owns nothing
+// afterwards.
 void ZephVM_Stack::AppendEntry(LinkBuffer* buffer, Entry* entry) {
   const bool moved = entry->deletable;
   switch (entry->kind) {
@@ -550,7 +555,7 @@ void ZephVM_Stack::AppendEntry(LinkBuffer* buffer, Entry* entry) {
   Disown(entry);
 }
 
-// The mirror of AppendEntry, for the text in front.
+// The mirror of AppendEntry: puts the value before the buffer's text.
 void ZephVM_Stack::PrependEntry(LinkBuffer* buffer, Entry* entry) {
   const bool moved = entry->deletable;
   switch (entry->kind) {
@@ -649,8 +654,9 @@ void AppendTo(DeferredText* text, const Entry* entry) {
 
 }  // namespace
 
-// A text is put together when it is looked at, which for the usual s = s cat x is never: see
-// base/values/DeferredText.h. The entry counts as what it would be.
+// Makes the result a deferred text if that pays, and returns whether it has. A deferred text is put
+// together when something reads it, which in the usual s = s cat x never happens: see
+// base/values/DeferredText.h. The entry's kind is that of the finished text.
 bool ZephVM_Stack::Defer(Entry* left, Entry* right) {
   if (left->deferred) {
     AppendTo(left->value.pending, right);
@@ -683,8 +689,8 @@ void ZephVM_Stack::Concatenate() {
     vm->FatalError("Stack underflow");
     return;
   }
-  // Both entries stay on the stack until the work is done: should memory run out, they are freed
-  // with it.
+  // Both entries stay on the stack until the work is done, so that they are freed with it if memory
+  // runs out.
   Entry* left = top - 2;
   Entry* right = top - 1;
   if (Defer(left, right)) return;

@@ -1,5 +1,5 @@
-// The operand stack of one frame. Entries carry their own type and ownership, so that a text
-// travels from the dictionary or a variable to the output without being copied.
+// The operand stack of one frame. Entries carry their own type and ownership, so that a text gets
+// from the dictionary or a variable to the output without being copied.
 
 #ifndef ZEPH_BASE_ZEPHVM_STACK_H
 #define ZEPH_BASE_ZEPHVM_STACK_H
@@ -18,12 +18,12 @@ class LinkBuffer;
 class ZephApplication;
 class ZephVM;
 
-// Belongs to one machine and its thread. A stack has 512 entries for good: that limits the depth of
+// Belongs to one machine and its thread. A stack has at most 512 entries: that limits the depth of
 // one expression, not of the script.
 //
-// "Deletable" says that the entry owns its value: dropping it frees a String (delete[]), deletes a
+// "Deletable" means that the entry owns its value: dropping it frees a String (delete[]), deletes a
 // LinkBuffer, or gives back one count of a Variable. An operation that fails reports through
-// ZephVM::FatalError, does nothing further, and answers 0, 0.0 or null; values that were handed to
+// ZephVM::FatalError, does nothing further, and returns 0, 0.0 or null; values that were handed to
 // it are freed.
 class ZephVM_Stack {
  public:
@@ -37,16 +37,16 @@ class ZephVM_Stack {
     KindLinkBuffer = 4,
   };
   static const int Capacity = 512;
-  // Longer texts are chained sooner than copied.
+  // Longer texts are chained instead of copied.
   static const int ShortText = 256;
 
   struct Stack_Entry {
     int kind;
     unsigned char deletable;
-    // Set on the copy that Dupe makes of an entry: it owns what it holds, so that the two can be
-    // consumed in any order, yet counts as not deletable wherever that makes a difference.
+    // Set on the copy that Dupe makes of an entry. The copy owns its value, so that the two can be
+    // consumed in any order, but counts as not deletable wherever that makes a difference.
     unsigned char private_copy;
-    // The value, a String or a LinkBuffer by its kind, is still to be put together: pending has it.
+    // The value, a String or a LinkBuffer according to kind, is not put together yet; see pending.
     unsigned char deferred;
     union {
       int integer;
@@ -59,8 +59,8 @@ class ZephVM_Stack {
     int length;  // bytes of a String; 4 for an Integer, 8 otherwise
     int size;    // capacity of a String's buffer, otherwise as length
 
-    // Entries are written and copied in words: a processor forwards a word that it has just stored
-    // to whoever reads it or a part of it, but makes wait who reads more than was stored at once.
+    // Entries are written and copied in 8-byte words: a load wider than the last store misses store
+    // forwarding and stalls.
     void CopyFrom(const Stack_Entry& other) {
       const auto* from = reinterpret_cast<const uint64_t*>(&other);
       Set(from[0], from[1], from[2]);
@@ -69,7 +69,7 @@ class ZephVM_Stack {
     void SetDouble(double number) {
       Set(KindDouble, std::bit_cast<uint64_t>(number), Lengths(8, 8));
     }
-    // Text that is not the entry's; the pointer is kept.
+    // A text that the entry does not own; the pointer is kept.
     void SetText(const char* bytes, int count) {
       Set(KindString, reinterpret_cast<uintptr_t>(bytes), Lengths(count, count));
     }
@@ -77,7 +77,7 @@ class ZephVM_Stack {
     void SetOwned(Variable* held) {
       Set(KindVariable | OwnedMark, reinterpret_cast<uintptr_t>(held), Lengths(8, 8));
     }
-    // Takes one.
+    // Takes a count on the variable.
     void SetVariable(Variable* held) {
       held->Hold();
       SetOwned(held);
@@ -86,7 +86,7 @@ class ZephVM_Stack {
       kind = KindLinkBuffer;
       length = size = 8;
     }
-    // A constant text and a variable's value behind it, as cat leaves them.
+    // A constant text followed by a variable's value, as cat leaves them.
     template <typename Value>
     void SetDeferred(const char* bytes, int count, Value added) {
       auto text = std::make_unique<DeferredText>();
@@ -94,12 +94,13 @@ class ZephVM_Stack {
       text->Append(added);
       SetDeferred(text.release());
     }
-    // A deferred text that begins with a variable's, which cat takes for one that is owned.
+    // A deferred text that begins with a variable's text; cat treats the variable as owned, so the
+    // result is chained.
     void SetDeferred(DeferredText* text) {
       Set(KindLinkBuffer | OwnedMark | DeferredMark, reinterpret_cast<uintptr_t>(text),
           Lengths(8, 8));
     }
-    // Puts more behind a deferred text. What comes of two cats is a LinkBuffer.
+    // Appends to a deferred text. The result of two cats is a LinkBuffer.
     template <typename Value>
     void AppendDeferred(Value added) {
       value.pending->Append(added);
@@ -109,7 +110,7 @@ class ZephVM_Stack {
       value.pending->Append(bytes, count);
       MarkChained();
     }
-    // Whether the entry has something to free.
+    // Whether the entry owns something. Reads deletable and private_copy in one load.
     bool Owns() const {
       uint16_t owned;
       memcpy(&owned, &deletable, sizeof owned);
@@ -130,7 +131,7 @@ class ZephVM_Stack {
     }
   };
 
-  // The machine is borrowed; it hears of underflows and overflows.
+  // The machine is borrowed; underflows and overflows are reported to it.
   explicit ZephVM_Stack(ZephVM* vm);
   ~ZephVM_Stack();
   ZephVM_Stack(const ZephVM_Stack&) = delete;
@@ -144,24 +145,24 @@ class ZephVM_Stack {
   void PushD(double value) {
     if (Stack_Entry* entry = Room()) entry->SetDouble(value);
   }
-  // The pointer is kept, not copied; a deletable text was made with new[].
+  // Keeps the pointer, without a copy. REQUIRES: a deletable text was made with new[].
   void PushS(const char* data, int length, int size, int deletable);
   void PushLinkBuffer(LinkBuffer* buffer, int deletable);
   // With addref a count is taken. Null is the fatal error "Invalid variable reference".
   void PushV(Variable* variable, int addref, int deletable);
-  // PushV(variable, 1, 1) for a variable that is there.
+  // PushV(variable, 1, 1). REQUIRES: the variable is not null.
   void PushHeld(Variable* variable) {
     if (Stack_Entry* entry = Room()) entry->SetVariable(variable);
   }
-  // Moves count entries, one at a time from the top of the other stack to this one's, so that their
-  // order is reversed. A Variable that was borrowed is owned from then on: the other stack may die
-  // first. Serves to hand a function's result to its caller, with a count of 1.
+  // Moves count entries, one at a time from the top of the other stack to the top of this one, so
+  // their order is reversed. A borrowed Variable becomes owned, because the other stack may be
+  // deleted first. With a count of 1 it hands a function's result to the caller.
   void Push(ZephVM_Stack* from, int count);
-  // Pushes copies of all entries of another machine's stack, for a task of that application: what
-  // they hold is the copies' own.
+  // Pushes copies of all entries of another machine's stack, for a task of that application. The
+  // copies share nothing with the originals.
   void CopyEntries(ZephApplication* application, ZephVM_Stack& source);
 
-  // The top entry, null on an empty stack.
+  // Returns the top entry; null on an empty stack. A deferred text is put together first.
   Stack_Entry* Peek() { return top > entries ? Settled(top - 1) : nullptr; }
   void Pop() {
     if (top > entries) {
@@ -170,7 +171,8 @@ class ZephVM_Stack {
       Underflow();
     }
   }
-  // A double is truncated; one that does not fit in 32 bits, and NaN, give -2147483648.
+  // Pops an integer. A double is truncated; NaN and one that does not fit in 32 bits give
+  // -2147483648.
   int PopI() {
     if (top > entries) {
       Stack_Entry* entry = top - 1;
@@ -199,18 +201,18 @@ class ZephVM_Stack {
   }
   // A text is false if empty or if it has nothing but "0" and at most one ".".
   bool PopBool();
-  // Whether the text is empty or the variable is NULL; numbers never are.
+  // True for an empty text and a NULL variable; numbers are never null.
   bool PopNull();
-  // As PopI, but a text "top" gives -1 and "bottom" -2, whatever the case.
+  // As PopI, but the text "top" gives -1 and "bottom" -2, in any case.
   int PopDBPosition();
-  // The top as text, never null. *deletable tells whether the caller must delete[] it; else it
-  // stays valid until the end of the instruction. A text is NUL-terminated only where its size
+  // Pops the top as text, never null. *deletable is set if the caller must delete[] it; otherwise
+  // it stays valid until the end of the instruction. A text is NUL-terminated only if its size
   // exceeds its length and its maker wrote one. *size may be less than length for a text that is
   // not deletable.
   char* PopS(int* length, int* size, int* deletable);
   // PopS without the NUL bytes; always deletable and terminated.
   char* PopS_NS(int* length, int* size, int* deletable);
-  // Assigns the top to the target, which is borrowed.
+  // Pops the top and assigns it to the target, which is borrowed.
   void PopV(Variable* target) {
     if (target && top > entries) {
       if (top[-1].kind == KindDouble) {
@@ -224,13 +226,13 @@ class ZephVM_Stack {
     }
     PopConvertedV(target);
   }
-  // Takes out a Variable with its count, if *deletable is set then; answers 1. Anything else is
-  // dropped with the fatal error "Expected variable, found constant"; then *out is null, *deletable
-  // 0 and the answer 0.
+  // Pops a Variable and returns 1; if *deletable is set, the caller gets its count. Anything else
+  // is dropped with the fatal error "Expected variable, found constant": *out is null, *deletable
+  // 0, and 0 is returned.
   int PopV(Variable** out, int* deletable);
 
-  // Takes two entries off and compares the lower with the top: as numbers when both are, else as
-  // text byte by byte. Below 0, 0 or above 0.
+  // Pops two entries and compares the lower with the top: as numbers if both are, else as text byte
+  // by byte. Returns below 0, 0 or above 0.
   int Compare() {
     if (top - entries >= 2) {
       Stack_Entry* left = top - 2;
@@ -247,19 +249,20 @@ class ZephVM_Stack {
   }
   static int Compare(const Stack_Entry* left, const Stack_Entry* right);
   void Dupe();
-  // Takes a text off that is still to be put together, as the caller's; null for anything else.
+  // Pops a deferred text, which then belongs to the caller; returns null and pops nothing if the
+  // top is anything else.
   DeferredText* PopDeferred() {
     return top > entries && top[-1].deferred ? (--top)->value.pending : nullptr;
   }
   // Exchanges the entries at two depths; 0 is the top.
   void Swap(int a, int b);
-  // Takes two entries off and pushes the lower followed by the top. A run of these builds one
+  // Pops two entries and pushes the lower followed by the top. A sequence of these builds one
   // LinkBuffer in place.
   void Concatenate();
 
-  // --- Runs that work on somebody's stack --------------------------------------------------------
-  // Hides all entries, whose count it answers: until they are back, the stack is an empty one with
-  // so much less room, and whatever takes more than it has pushed underflows.
+  // --- Runs on a stack that has entries ----------------------------------------------------------
+  // Hides all entries and returns their number. Until ShowEntries, the stack behaves as an empty
+  // one with that much less room, and code that pops more than it has pushed underflows.
   int HideEntries() {
     const int hidden = Entries();
     entries += hidden;
@@ -272,11 +275,11 @@ class ZephVM_Stack {
   }
   // Drops all entries but the top.
   void KeepTop();
-  // Makes the top own what it holds, if it does not: a text of a dictionary may go before it.
+  // Makes the top own what it holds, because a text in a dictionary may be freed first.
   void OwnTop();
 
-  // The conversions behind the above, for code that handles entries itself. Both consume what the
-  // entry owns; the entry must not be used again.
+  // The conversions that the above use, for code that handles entries itself. Both consume what the
+  // entry owns; the entry must not be used afterwards.
   char* ConvertEntryToString(Stack_Entry* entry, int* length, int* size, int* deletable);
   LinkBuffer* ConvertEntryToDeletableLinkBuffer(Stack_Entry* entry);
 
@@ -284,12 +287,13 @@ class ZephVM_Stack {
   void Dump_Stack();
 
   // --- For the hot loop, which makes the tests itself (base/machine/ZephVM_Hot.cpp) --------------
-  // Behind the last entry, the first one, and behind the last that there is room for.
+  // The place after the last entry, the first entry, and the place after the last that there is
+  // room for.
   Stack_Entry* End() const { return top; }
   Stack_Entry* Begin() const { return entries; }
   Stack_Entry* Limit() const { return limit; }
   void SetEnd(Stack_Entry* end) { top = end; }
-  // Whether that many entries fit behind the last.
+  // Whether that many more entries fit.
   bool HasRoom(int count) const { return limit - top >= count; }
   static void Swap(Stack_Entry* a, Stack_Entry* b) {
     Stack_Entry held;
@@ -297,7 +301,7 @@ class ZephVM_Stack {
     a->CopyFrom(*b);
     b->CopyFrom(held);
   }
-  // Frees what an entry owns. The entry stays as it is.
+  // Frees what an entry owns. The entry's bytes stay as they are.
   static void Free(Stack_Entry* entry) {
     if (!entry->Owns()) return;
     if (entry->kind == KindVariable) {
@@ -309,12 +313,13 @@ class ZephVM_Stack {
 
  private:
   // Deep enough for almost all expressions. Functions call one another by the thousand, so a stack
-  // takes the room for all of its entries only when it needs it.
+  // allocates room for all 512 entries only when it needs them.
   static const int FirstEntries = 16;
 
-  // Room for an entry on top, to be filled; null after an overflow, and where there is no memory.
+  // Returns room for an entry on top, which the caller fills; null after an overflow, or without
+  // memory.
   Stack_Entry* Room() { return top < limit || Grow() ? top++ : nullptr; }
-  // The value as a number, if it is one without being converted.
+  // Whether the value is a number without a conversion; *number receives it.
   static bool IsNumber(const Stack_Entry* entry, double* number) {
     if (entry->kind == KindInteger) {
       *number = entry->value.integer;
@@ -357,9 +362,9 @@ class ZephVM_Stack {
 
   ZephVM* vm;
   Stack_Entry* entries = first_entries;
-  Stack_Entry* top = first_entries;  // behind the last entry
+  Stack_Entry* top = first_entries;  // after the last entry
   int SS = Capacity;
-  Stack_Entry* limit = first_entries + FirstEntries;  // of the room that there is now
+  Stack_Entry* limit = first_entries + FirstEntries;  // end of the current room
   Stack_Entry first_entries[FirstEntries];
 };
 

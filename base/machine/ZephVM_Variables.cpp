@@ -1,5 +1,7 @@
 // Instructions on variables: access by position and by name, database fields, references, elements,
-// and the fused forms on globals. Each stands under its reference text.
+// and the fused forms on globals. Each handler follows its reference text. Tested in
+// tests/base/machine/InstructionsVariableAccessTest.cpp, InstructionsReferencesTest.cpp,
+// InstructionsElementsTest.cpp and InstructionsFusedTest.cpp.
 
 #include "base/compiled/Dictionary.h"
 #include "base/compiled/VariableHash.h"
@@ -13,13 +15,13 @@
 
 // --- By position ---------------------------------------------------------------------------------
 
-// pushs  ( -- v )  System variable by position; the null variable where there is none.
+// pushs  ( -- v )  The system variable at a position; the null variable if there is none.
 void ZephVM::pushs() {
   Variable* variable = system_variables->Index(first_integer, 0);
   stack->PushHeld(variable ? variable : null_variable);
 }
 
-// pops  ( x -- )  Assigns a system variable, which may refuse; drops x where there is none.
+// pops  ( x -- )  Assigns a system variable, which may refuse; drops x if there is none.
 void ZephVM::pops() {
   Variable* variable = system_variables->Index(first_integer, 0);
   if (variable) {
@@ -50,8 +52,8 @@ void ZephVM::PushNamed(const char* name, int length) {
   stack->PushHeld(variable ? variable : null_variable);
 }
 
-// A name that is nobody's leaves the value on the stack: compiled code counts on that, other than
-// with pops.
+// A name without a variable leaves the value on the stack, unlike pops: compiled code counts on
+// that.
 void ZephVM::PopNamed(const char* name, int length) {
   Variable* variable;
   if (LookupOrFail(&variable, name, length) && variable) stack->PopV(variable);
@@ -88,7 +90,7 @@ void ZephVM::popnc() {
 
 // --- Database fields -----------------------------------------------------------------------------
 
-// No instruction opens a database yet, so no alias is a view's and no field is found.
+// No instruction opens a database yet, so no alias names a view and no field is found.
 Variable* ZephVM::ViewField(const char*, int, const char*, int) {
   return nullptr;
 }
@@ -153,7 +155,7 @@ VariableRef ZephVM::PopHeld(Variable** variable) {
   return VariableRef(deletable ? *variable : nullptr);
 }
 
-// store  ( x v -- )  Assigns x to the variable v. A constant in its place is the fatal error
+// store  ( x v -- )  Assigns x to the variable v. A constant in place of v is the fatal error
 // "Expected variable, found constant".
 void ZephVM::store() {
   Variable* variable;
@@ -161,7 +163,7 @@ void ZephVM::store() {
   if (variable) stack->PopV(variable);
 }
 
-// refer  ( v w -- )  Makes the variable w a reference to the variable v, under all who hold it.
+// refer  ( v w -- )  Makes the variable w a reference to the variable v, for all holders of w.
 void ZephVM::refer() {
   Variable* reference;
   const VariableRef held_reference = PopHeld(&reference);
@@ -188,34 +190,35 @@ void ZephVM::poprnc() {
   const char* name = DictionaryText(first_integer, &length);
   Variable* reference;
   if (!name || !LookupOrFail(&reference, name, length)) return;
-  // The lookup borrows; what is popped may have the last count on it.
+  // The look-up borrows, and the popped variable may hold the last count on it.
   const VariableRef kept = VariableRef::Share(reference);
   Variable* target;
   const VariableRef held = PopHeld(&target);
   if (!stop_flag && reference && target) reference->Make_Reference(target);
 }
 
-// poprg  ( v -- )  Binds a global position to the variable v: from here on they are one.
+// poprg  ( v -- )  Binds a global position to the variable v: from then on both are the same
+// variable.
 void ZephVM::poprg() {
   Variable* variable;
   const VariableRef held = PopHeld(&variable);
   if (variable) global_variables->SetVariable_Reference(first_integer, variable);
 }
 
-// poprl  ( v -- )  Binds a local position to the variable v, as an argument by reference is.
+// poprl  ( v -- )  Binds a local position to the variable v, as for an argument by reference.
 void ZephVM::poprl() {
   Variable* variable;
   const VariableRef held = PopHeld(&variable);
   if (variable) frame->variables->SetVariable_Reference(first_integer, variable);
 }
 
-// spush  ( -- )  From here on, changed system variables are shadowed.
+// spush  ( -- )  From here on, a system variable that is changed is shadowed: spop restores it.
 void ZephVM::spush() {
   system_variables->Push();
 }
 
-// spop  ( -- )  Gives the system variables back that were shadowed since the last spush. Without
-// one it is the fatal error "System variable stack underflow".
+// spop  ( -- )  Restores the system variables that were shadowed since the last spush. Without one
+// it is the fatal error "System variable stack underflow".
 void ZephVM::spop() {
   if (!system_variables->Pop()) FatalError("System variable stack underflow");
 }
@@ -278,8 +281,8 @@ void ZephVM::cmpgg() {
   if (b) stack->PushI(Compare(a, b));
 }
 
-// modgg  ( -- i )  The first global modulo the second, in integers. A second one of 0 is no
-// divisor: the fatal error "Illegal Instruction".
+// modgg  ( -- i )  The first global modulo the second, in integers. If the second is 0, it is the
+// fatal error "Illegal Instruction".
 void ZephVM::modgg() {
   Variable* a = GlobalOrFail(first_integer);
   Variable* b = a ? GlobalOrFail(second_integer) : nullptr;

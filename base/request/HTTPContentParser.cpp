@@ -1,4 +1,5 @@
-// Tested in tests/base/request/UnknownContentHandlerTest.cpp.
+// The base of the body parsers, and the handler of bodies of other types. Tested in
+// tests/base/request/UnknownContentHandlerTest.cpp.
 
 #include "base/request/HTTPContentParser.h"
 
@@ -14,7 +15,7 @@
 
 namespace {
 
-// What a body gets at once; a small one with a terminator fits exactly.
+// First size of the buffer, in bytes; a smaller body with its terminator gets exactly its size.
 const int kFirstRoom = 65536;
 
 }  // namespace
@@ -47,7 +48,7 @@ bool UnknownContentHandler::MakeRoom(int length) {
   const long needed = static_cast<long>(used) + length + 1;
   if (needed <= capacity) return true;
   if (needed > INT_MAX) return false;
-  // The last step ends where the body is said to end.
+  // Growth stops at the declared length, so that the last buffer is not larger than the body.
   long larger = std::max(2L * capacity, needed);
   if (needed <= declared + 1L) larger = std::min(larger, declared + 1L);
   larger = std::min<long>(larger, INT_MAX);

@@ -1,5 +1,5 @@
-// What reads the body of a request: block after block, as it comes from the web server, into
-// variables. A block may end anywhere, inside of an escape, a header or a boundary.
+// Parsers of a request's body: they read it block by block, as it comes from the web server, into
+// variables. A block may end anywhere, even inside an escape, a header or a boundary.
 
 #ifndef ZEPH_BASE_HTTPCONTENTPARSER_H
 #define ZEPH_BASE_HTTPCONTENTPARSER_H
@@ -8,20 +8,22 @@
 
 class VariableHash;
 
-// The abstract base. Made for one body, on the request's thread. The order of fields and virtual
-// operations is stated and stays.
+// The abstract base. One parser reads one body, on the request's thread. The order of fields and
+// virtual operations must not change.
 class HTTPContentParser {
  public:
-  // The table is borrowed and outlives the parser.
+  // The table is borrowed. REQUIRES: it outlives the parser.
   explicit HTTPContentParser(VariableHash* target);
   virtual ~HTTPContentParser();
   HTTPContentParser(const HTTPContentParser&) = delete;
   HTTPContentParser& operator=(const HTTPContentParser&) = delete;
 
-  // Takes the next bytes, which are borrowed for the call. False ends the reading, with the reason
-  // in error(); the parser is then good for nothing but to be deleted.
+  // Parses the next length bytes, borrowed for the call. False ends the reading, with the reason in
+  // error(); the caller may then only delete the parser.
   [[nodiscard]] virtual bool Parse(const char* data, int length) = 0;
-  // The body has ended, also where it was cut short. Called once at most.
+  // The caller reports the end of the body, complete or cut short. False leaves the reason in
+  // error().
+  // REQUIRES: called at most once.
   [[nodiscard]] virtual bool Finalize() = 0;
   virtual const String& error();
   virtual void Error(const String& text);
@@ -31,25 +33,25 @@ class HTTPContentParser {
   VariableHash* target;
 };
 
-// Keeps a body of a type that nobody knows as the system variable "content_data".
+// Keeps a body of a type that has no parser as the system variable "content_data".
 class UnknownContentHandler : public HTTPContentParser {
  public:
-  // The length is the one that the request states, in bytes. What is allocated follows what comes,
-  // not what was announced.
+  // length is the one that the request states, in bytes. Memory grows with the bytes that arrive;
+  // the stated length alone allocates at most the first 64 KB.
   UnknownContentHandler(VariableHash* system, int length);
   ~UnknownContentHandler() override;
 
-  // False, with "Out of memory", where there is none for so many bytes.
+  // Returns false, with the error "Out of memory", if the buffer cannot grow.
   bool Parse(const char* data, int length) override;
-  // Hands the bytes over to the variable, without a copy.
+  // Passes the buffer to the variable, without a copy. Returns true.
   bool Finalize() override;
 
  protected:
-  // Makes room for so many more bytes and a terminator.
+  // Makes room for length more bytes and a terminator. False without memory.
   bool MakeRoom(int length);
 
   int declared;
-  char* buffer;  // owned; null when there was no memory for it
+  char* buffer;  // owned; null if its allocation failed
   int used = 0;
   int capacity;
 };

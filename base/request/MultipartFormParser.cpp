@@ -1,4 +1,5 @@
-// Tested in tests/base/request/MultipartFormParserTest.cpp and UploadTest.cpp, measured in
+// Reads forms with files: a state machine over the bytes of the body. Tested in
+// tests/base/request/MultipartFormParserTest.cpp and UploadTest.cpp, measured in
 // bench/FormBench.cpp.
 
 #include "base/request/MultipartFormParser.h"
@@ -24,13 +25,13 @@ bool Equals(const GrowingBuffer& text, const char* other) {
          memcmp(text.data(), other, strlen(other)) == 0;
 }
 
-// Behind the next ";" or at the end.
+// The position after the next ";", or the end.
 const char* BehindSemicolon(const char* p) {
   p += strcspn(p, ";");
   return *p ? p + 1 : p;
 }
 
-// Behind a quoted value, whose first quote has been read.
+// The position after a quoted value, or the end. p is after its first quote.
 const char* BehindQuotes(const char* p) {
   while (*p && *p != '"') p += *p == '\\' && p[1] ? 2 : 1;
   return *p ? p + 1 : p;
@@ -42,7 +43,7 @@ MultipartFormParser::MultipartFormParser(ZephVM* machine, FileManager* manager, 
                                          const char* contenttype, int most)
     : HTTPContentParser(table), vm(machine), files(manager), limit(most) {
   if (ExtractBoundary(contenttype)) {
-    // In front of the first boundary there is no end of line.
+    // The first boundary has no end of line before it, so the CR LF counts as matched.
     matched = 2;
   } else {
     boundary.Clear();
@@ -110,7 +111,7 @@ bool MultipartFormParser::Parse(const char* data, int length) {
   return true;
 }
 
-// A failure here shows at the next block.
+// A failure here is reported by the next call of Parse.
 void MultipartFormParser::EndBlock(Block* block) {
   if (state == Body) {
     WriteBody(block, block->end);
@@ -218,7 +219,8 @@ void MultipartFormParser::ReadHeader(Block* block) {
   }
 }
 
-// Any other name goes on behind its ":", and with its value, until the end of the line fails.
+// After any other name the state stays HeaderName: the value is read like a name until the end of
+// the line, where the body fails.
 void MultipartFormParser::EndHeaderName() {
   if (Equals(header_name, "Content-Type")) {
     content_type.Clear();
@@ -262,7 +264,7 @@ void MultipartFormParser::ReadAttribute(char c) {
 void MultipartFormParser::EndAttribute() {
   const char* value = attribute_value.data();
   const int length = attribute_value.used();
-  // Two quotes with nothing in them are what a browser sends where no file was chosen.
+  // Browsers send two quotes with nothing in them if no file was chosen.
   if (Equals(attribute_name, "filename") && length >= 3) {
     file_name.reset(new char[static_cast<size_t>(length)]);
     memcpy(file_name.get(), value, static_cast<size_t>(length));
@@ -313,7 +315,7 @@ void MultipartFormParser::MatchBoundary(Block* block) {
   }
 }
 
-// What was taken for a boundary in an earlier block and is none belongs to the part.
+// If bytes of an earlier block looked like a boundary and are none, they belong to the part.
 void MultipartFormParser::MatchContinuedBoundary(Block* block) {
   if (matched == boundary.used()) {
     state = BoundaryComplete;
@@ -363,7 +365,7 @@ bool MultipartFormParser::Form_Fragment_End() {
 }
 
 bool MultipartFormParser::StoreField() {
-  // Names with the same hash are found one after the other, so few fields may take long.
+  // Names with the same hash are searched one after the other, so even few fields may take long.
   if (RunLimit::Over()) {
     Error("Timeout processing POST data");
     return false;
@@ -382,7 +384,7 @@ bool MultipartFormParser::StoreField() {
 
 bool MultipartFormParser::StartUpload() {
   ZephApplication* application = vm->Application();
-  // Code of the script is about to run.
+  // The script's code runs next, with its own time limit.
   application->ResetGlobalTimeout();
   if (vm->ValidateFileUpload(field_name.data ? field_name.data : "", field_name.length,
                              file_name.get() + 1, file_name_length - 2,
@@ -396,7 +398,7 @@ bool MultipartFormParser::StartUpload() {
     upload_status = "SKIPPED";
     return true;
   }
-  // A file may take as long as it takes.
+  // The transfer of a file has no time limit.
   application->ClearPOSTTimeout();
   upload_status = "COMPLETE";
   char* path = nullptr;
@@ -412,8 +414,9 @@ bool MultipartFormParser::StartUpload() {
   return true;
 }
 
-// The limit is held by blocks: a block that would bring the file above it when counted once more is
-// cut where the limit is, which may be in front of it.
+// The limit is checked per block, and the block counts twice. If the limit is exceeded that way,
+// only upload_limit - received bytes of the block are stored, where received includes the block;
+// that may be none. The rest of the file is dropped.
 bool MultipartFormParser::WriteUpload(const char* data, int length) {
   received += length;
   if (upload_mode != Writing) return true;
@@ -435,7 +438,8 @@ bool MultipartFormParser::WriteUpload(const char* data, int length) {
   return true;
 }
 
-// A script that wants the file moves or copies it in its function: it is deleted in any case.
+// The temporary file is deleted in any case: a script that needs the file moves or copies it in its
+// function.
 bool MultipartFormParser::EndUpload() {
   if (upload_mode == Skipped) return true;
   temporary_file.reset();

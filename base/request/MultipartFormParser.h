@@ -1,6 +1,7 @@
 // Forms with files, "multipart/form-data": parts with header lines, between boundaries. Plain parts
-// become variables; a file goes into a temporary file and to two functions of the script, which
-// says whether it wants it and takes it over (ZephVM::ValidateFileUpload, ProcessFileUpload).
+// become variables. A file is written to a temporary file and passed to two functions of the
+// script: one says whether it accepts the file, the other takes it (ZephVM::ValidateFileUpload,
+// ProcessFileUpload).
 
 #ifndef ZEPH_BASE_MULTIPARTFORMPARSER_H
 #define ZEPH_BASE_MULTIPARTFORMPARSER_H
@@ -14,43 +15,44 @@ class File;
 class FileManager;
 class ZephVM;
 
-// Runs script functions on the machine of the request, before the script itself runs, so it stands
-// on the request's thread; machine and manager are borrowed.
+// Runs script functions on the machine of the request, before the script itself runs. Used on the
+// request's thread; machine and manager are borrowed.
 //
-// Strict where browsers agree: a part has no header lines but "Content-Type" and
-// "Content-Disposition", in this spelling, a ";" ends an attribute even in quotes, and behind a
-// boundary nothing but its end of line may stand. Lax where clients differ: without a boundary in
-// the type of the content the first line of the body is it, and a body may end anywhere.
+// Strict where browsers agree: a part has no header lines except "Content-Type" and
+// "Content-Disposition", in this spelling; a ";" ends an attribute even in quotes; after a boundary
+// only its end of line may follow. Lax where clients differ: if the content type has no boundary,
+// the first line of the body is the boundary; and a body may end anywhere.
 class MultipartFormParser : public HTTPContentParser {
  public:
   // contenttype is the header field's value, NUL-terminated. At most limit plain fields are stored;
-  // 0 is no limit, a negative one admits none.
+  // 0 means no limit, a negative limit admits none.
   MultipartFormParser(ZephVM* vm, FileManager* files, VariableHash* target, const char* contenttype,
                       int limit);
-  // Closes a file that has not ended; it stays where it is.
+  // Closes a file that has not ended, and leaves it on disk.
   ~MultipartFormParser() override;
 
   bool Parse(const char* data, int length) override;
-  // Always true: a body may be cut off. What has not ended by then gets no variable and no call.
+  // Always true, because a body may be cut off. A part that has not ended by then gets no variable
+  // and no call.
   bool Finalize() override;
 
-  // The three below are called for each part: once at its first byte, for each run of bytes, and
-  // once behind its boundary. False fails the body, with the reason in error().
+  // Called for each part: once at its first byte, for each run of bytes, and once after its
+  // boundary. False fails the body, with the reason in error().
   virtual bool Form_Fragment_Start();
   virtual bool Form_Fragment_Write(const char* data, int length);
   virtual bool Form_Fragment_End();
 
  protected:
-  // Each names what the next byte is expected to be, or what it is part of.
+  // Each state says what the next byte should be, or what it is part of.
   //
-  //   FirstBoundary, LearningBoundary    start; the latter without a boundary from the header
-  //   BehindFirstBoundary, BoundaryLost  one that is not followed by an end of line is none
+  //   FirstBoundary, LearningBoundary    start; the latter if the header field has no boundary
+  //   BehindFirstBoundary, BoundaryLost  a boundary without an end of line after it does not count
   //   LineFeed, HeaderLine .. AttributeValue, BlankLineFeed     the header of a part
   //   BodyStart, Body                    the part itself
-  //   Boundary, ContinuedBoundary        a boundary, maybe: one that began in this block, one that
-  //                                      began in an earlier one
-  //   BoundaryComplete, SecondDash       the byte behind it says what comes
-  //   EndOfForm, Failed                  nothing is read any more
+  //   Boundary, ContinuedBoundary        possibly a boundary: it began in this block, or in an
+  //                                      earlier one
+  //   BoundaryComplete, SecondDash       the byte after the boundary decides what follows
+  //   EndOfForm, Failed                  nothing more is read
   enum State : int {
     FirstBoundary = 0,
     LearningBoundary = 1,
@@ -80,17 +82,17 @@ class MultipartFormParser : public HTTPContentParser {
   struct Block {
     const char* next;
     const char* end;
-    const char* body;  // where bytes of the part begin that are not handed on yet; null if nowhere
+    const char* body;  // first byte of the part not yet passed on; null if none
   };
 
-  // Finds the boundary in the header field's value. False if there is none.
+  // Finds the boundary in the header field's value. Returns false if there is none.
   bool ExtractBoundary(const char* contenttype);
-  // Reads a quoted value from behind its first quote; answers where it has ended.
+  // Reads a quoted value, p being after its first quote; returns the position after it.
   const char* GetQuotedBoundary(const char* p);
 
-  // Look at the next byte, or some, in the present state; those that leave it for the next state
-  // to look at do not move on. ReadPreamble serves the states up to BoundaryLost, ReadHeader those
-  // up to BlankLineFeed, and ReadBody the others.
+  // Process the next byte, or several, in the present state. A function that leaves a byte to the
+  // next state does not advance. ReadPreamble handles the states up to BoundaryLost, ReadHeader
+  // those up to BlankLineFeed, ReadBody the others.
   void ReadPreamble(Block* block);
   void LearnBoundary(Block* block);
   void ReadHeader(Block* block);
@@ -103,7 +105,7 @@ class MultipartFormParser : public HTTPContentParser {
   void EndHeaderName();
   void EndAttribute();
   void EndBlock(Block* block);
-  // Hands on the bytes of the part up to there.
+  // Passes on the bytes of the part up to end.
   void WriteBody(Block* block, const char* end);
   void Expect(char c, char wanted, State next, const char* complaint);
   void Fail(const char* text);
@@ -119,16 +121,16 @@ class MultipartFormParser : public HTTPContentParser {
   FileManager* files;
   int limit;
   int variable_count = 0;
-  GrowingBuffer boundary{100};  // with the CR LF and the dashes in front of it
+  GrowingBuffer boundary{100};  // including the CR LF and the dashes before it
   GrowingBuffer attribute_name{50};
   GrowingBuffer attribute_value{50};
   GrowingBuffer header_name{50};
   GrowingBuffer content_type{25};
-  bool has_content_type = false;  // a part without one has that of the part before
+  bool has_content_type = false;  // a part without one has that of the previous part
   int upload_limit = 0;           // of the file, in bytes; 0 is none
-  int matched = 0;                // bytes of the boundary
+  int matched = 0;                // bytes of the boundary that have matched
   String field_name;
-  std::unique_ptr<char[]> file_name;  // as it was sent, in its quotes; null for a plain field
+  std::unique_ptr<char[]> file_name;  // as sent, with its quotes; null for a plain field
   int file_name_length = 0;
   const char* upload_status = "";
   long received = 0;  // bytes of the file, stored or not

@@ -1,3 +1,5 @@
+// Reads and deletes the tables of a run.
+
 #include "base/request/ScriptTables.h"
 
 #include "base/compiled/Dictionary.h"

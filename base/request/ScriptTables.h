@@ -1,5 +1,5 @@
-// What one run of a script works on beside its machine. All hosts build it in the same way, fill it
-// from one compiled file and delete it after the machine.
+// The tables that one run of a script uses besides its machine. All hosts build them in the same
+// way, fill them from one compiled file and delete them after the machine.
 
 #ifndef ZEPH_BASE_SCRIPTTABLES_H
 #define ZEPH_BASE_SCRIPTTABLES_H
@@ -15,17 +15,17 @@ class SystemVariableHash;
 class TaggedFile;
 class VariableHash;
 
-// The tables of a run, owned, and deleted in the order in which they stand here. A member of its
-// application: UNIXApplication::BuildTables makes them, and they go before the file manager, since
-// they keep files and variables open. Null until they are made.
+// The tables of a run, owned, and deleted in the order in which they are listed here. The struct is
+// a member of the application: UNIXApplication::BuildTables makes the tables. They are deleted
+// before the file manager, because they keep files and variables open. Null until they are made.
 struct ScriptTables {
   ScriptTables() = default;
   ~ScriptTables();
   ScriptTables(const ScriptTables&) = delete;
   ScriptTables& operator=(const ScriptTables&) = delete;
 
-  // Reads all sections of an opened compiled file. False leaves tables that are good for nothing
-  // but to be deleted.
+  // Reads all sections of an opened compiled file. If it returns false, the tables may only be
+  // deleted.
   [[nodiscard]] bool Read(TaggedFile* tagged);
 
   Dictionary* dictionary = nullptr;
@@ -36,7 +36,7 @@ struct ScriptTables {
   ExternalCallManager* external_calls = nullptr;
   LocalizedLanguages* languages = nullptr;
   LocalizedDictionary* localized = nullptr;
-  // The settings that go with them: the application's, which deletes them last.
+  // The settings that belong to these tables, borrowed: the application deletes them last.
   ExternalConfig* config = nullptr;
 };
 

@@ -1,4 +1,5 @@
-// Tested in tests/base/request/SpecialVariableTest.cpp.
+// The system variables: the table of their names, and how each gets its value. Tested in
+// tests/base/request/SpecialVariableTest.cpp.
 
 #include "base/request/SpecialVariable.h"
 
@@ -30,12 +31,12 @@ ZPTIME Now() {
   return now;
 }
 
-// Of the language, as scripts ask for it.
+// The version of the language, as scripts read it.
 const char version_of_the_language[] = "5.29";
 
 // --- All of them ---------------------------------------------------------------------------------
 
-// What the variables are made from.
+// The values from which the variables are made.
 struct StartOfRun {
   ZephApplication* application;
   ZPTIME time;
@@ -74,7 +75,7 @@ struct SystemName {
   Maker make;
 };
 
-// In the order in which they are listed.
+// The order is that in which scripts list the variables.
 constexpr SystemName system_names[] = {
     {"time_t", MakeMoment<&ZPTIME::seconds>},
     {"tm_usec", MakeMoment<&ZPTIME::microseconds>},
@@ -116,8 +117,8 @@ constexpr SystemName system_names[] = {
     {"process_name", Make<ProcessNameVariable>},
 };
 
-// By the length of a name, the first letters of those that have it, one bit each: case and other
-// high bits of a letter are left out.
+// For each length, a bit set of the first letters of the names with that length. Only the low five
+// bits of a letter count, so upper and lower case are the same.
 constexpr int LetterBits = 31;
 constexpr auto letters_by_length = [] {
   std::array<uint32_t, 32> letters{};
@@ -131,7 +132,8 @@ class SystemVariables : public LateVariables {
  public:
   explicit SystemVariables(const StartOfRun& run) : start(run) {}
 
-  // Every bare name of a script comes here first. There is no name of length 0.
+  // Called first for every name of a script without a scope, so most must be rejected quickly. No
+  // name has length 0.
   int Number(const char* name, int length) override {
     if (static_cast<size_t>(length) >= letters_by_length.size()) return -1;
     const uint32_t letters = letters_by_length[static_cast<size_t>(length)];
@@ -154,7 +156,7 @@ class SystemVariables : public LateVariables {
   Variable* Make(int number) override {
     return system_names[number].make(system_names[number].name.data(), start);
   }
-  // A task has the moment of the run that started it.
+  // A task gets the start time of the run that started it.
   LateVariables* Clone(ZephApplication* owner) override {
     return new SystemVariables({owner, start.time, start.timeout});
   }
@@ -175,7 +177,7 @@ LateVariables* NewSystemVariables(ZephApplication* application) {
 ComputedVariable::ComputedVariable(const char* name, int type)
     : ImmutableVariable(name, -1), computed_type(type) {}
 
-// The text is scratch: no form is valid, so that nothing takes it for the value.
+// The text is scratch: no form is marked valid, so that no reader uses it as the value.
 String& ComputedVariable::value() {
   if (redirected()) return ImmutableVariable::value();
   if (is_text()) {
@@ -354,7 +356,7 @@ void ApplicationTextVariable::Refresh() {
   changes_seen = changes;
 }
 
-// The change has moved the count on, so the next read takes the text from the application again.
+// Change has increased the count, so the next read copies the text from the application again.
 int ApplicationTextVariable::SetValue(const char* text, int length) {
   if (redirected()) return ImmutableVariable::SetValue(text, length);
   Change(String(text, length));
@@ -456,8 +458,8 @@ int TypeOfSetting(int identifier) {
   return identifier & ConfigKind_Integer ? VariableComputedInteger : VariableComputedText;
 }
 
-// Hands the names of a manager's libraries to visit(name), in the order of registration. A host
-// without such libraries has no manager.
+// Calls visit(name) for each library of a manager, in the order of registration. A host without
+// such libraries has no manager.
 template <typename Manager, typename Visit>
 void ForEachLibrary(Manager* manager, Visit visit) {
   if (!manager) return;

@@ -1,6 +1,6 @@
-// System variables without a value of their own: each read asks the clock, the application or the
-// settings. To a script they are ordinary variables that it cannot write, but for the four that are
-// settings of its own, such as its language.
+// System variables without a stored value: each read gets it from the clock, the application or the
+// settings. To a script they are ordinary variables that it cannot write, except the four that are
+// the script's own settings, such as its language.
 
 #ifndef ZEPH_BASE_SPECIALVARIABLE_H
 #define ZEPH_BASE_SPECIALVARIABLE_H
@@ -9,19 +9,20 @@
 #include "base/host/ZephApplication.h"
 #include "base/values/Variable.h"
 
-// The system variables that every script finds, for the caller's table: the moment of this call,
-// which stands still, a few facts, and the special variables. The application is borrowed: it
-// outlives them.
+// Makes the system variables that every script has, for the caller's table: the time of this call,
+// which does not change, a few facts, and the special variables. The caller owns the result. The
+// application is borrowed.
+// REQUIRES: it outlives them.
 [[nodiscard]] LateVariables* NewSystemVariables(ZephApplication* application);
 
-// A number or a text that is computed at each read and never kept, so that two reads may differ.
+// A number or a text that is computed at each read and not cached, so two reads may differ.
 class ComputedVariable : public ImmutableVariable {
  public:
   // type is VariableComputedInteger or VariableComputedText.
   ComputedVariable(const char* name, int type);
 
   String& value() override;
-  // 0 for a text, whatever it says.
+  // 0 for a text, even if it contains a number.
   int value_integer() override;
   double value_double() override;
   double value_compare(int* not_numeric) override;
@@ -30,7 +31,7 @@ class ComputedVariable : public ImmutableVariable {
 
  protected:
   bool is_text() const { return computed_type == VariableComputedText; }
-  // The one that the type asks for is called; a null text is an empty one.
+  // The reads call the one for the type. A null text is an empty one.
   virtual long Number() = 0;
   virtual const char* Text() = 0;
 
@@ -38,7 +39,7 @@ class ComputedVariable : public ImmutableVariable {
   int computed_type;
 };
 
-// What a DynamicTimeVariable tells of the present moment, in local time.
+// The part of the present local time that a DynamicTimeVariable returns.
 enum DynamicTimeVariableType : int {
   dyn_time_t = 0,
   dyn_tm_usec = 1,
@@ -72,7 +73,7 @@ class DynamicTimeVariable : public ComputedVariable {
   DynamicTimeVariableType what;
 };
 
-// Seconds until the script's time is over, negative behind that; -1 without a limit.
+// Seconds until the script's time limit, negative after it; -1 without a limit.
 class TimeRemainingVariable : public ComputedVariable {
  public:
   TimeRemainingVariable(const char* name, ZephApplication* application);
@@ -87,8 +88,7 @@ class TimeRemainingVariable : public ComputedVariable {
   ZephApplication* application;
 };
 
-// A variable that keeps its value as others do, and sees to it before each read that it is still
-// the right one.
+// A variable that stores its value like others, and updates it before each read if necessary.
 class RefreshedVariable : public ImmutableVariable {
  public:
   using ImmutableVariable::ImmutableVariable;
@@ -97,7 +97,8 @@ class RefreshedVariable : public ImmutableVariable {
   int value_integer() override;
   double value_double() override;
   double value_compare(int* not_numeric) override;
-  // Whoever copies a value asks for its type first and then looks at the forms themselves.
+  // Code that copies a value calls type() first and then reads the forms directly, so type()
+  // refreshes.
   int type() override;
   int primary_type() override;
   int IsTrue() override;
@@ -113,7 +114,7 @@ class RefreshedVariable : public ImmutableVariable {
   int ElementsUsed() override;
 
  protected:
-  // Never called while the variable refers to nothing.
+  // Updates the value. Never called for a variable that is a reference or NULL for good.
   virtual void Refresh() = 0;
   void StoreText(const char* text, int length);
 
@@ -123,12 +124,12 @@ class RefreshedVariable : public ImmutableVariable {
   }
 };
 
-// One of the texts that the application keeps for the script with a count of changes. Reading
-// copies the text when the count has moved on; writing changes the setting.
+// One of the texts that the application keeps for the script, with a count of changes. A read
+// copies the text if the count has changed; a write changes the setting.
 class ApplicationTextVariable : public RefreshedVariable {
  public:
   int SetValue(const char* text, int length) override;
-  // Takes the source's text, up to its first NUL.
+  // Stores the source's text, up to its first NUL.
   int SetValue(Variable& source) override;
   int SetValue_Nocopy(char* buffer, int length, int allocated) override;
   int SetValue_Integer(int value) override;
@@ -192,8 +193,8 @@ class CharacterSetVariable : public ApplicationTextVariable {
   void Change(const String& text) override { application->SetCharacterSet(text); }
 };
 
-// Whether connections can be encrypted, 1 or 0. The first read asks, which may load a library; the
-// answer stays.
+// Whether connections can be encrypted, 1 or 0. The first read finds out, which may load a library;
+// the result is kept.
 class SSLAvailableVariable : public RefreshedVariable {
  public:
   SSLAvailableVariable(const char* name, ZephApplication* application);
@@ -206,7 +207,7 @@ class SSLAvailableVariable : public RefreshedVariable {
   ZephApplication* application;
 };
 
-// The name under which process listings show the process.
+// The process name that process listings show.
 class ProcessNameVariable : public RefreshedVariable {
  public:
   ProcessNameVariable(const char* name, ZephApplication* application);
@@ -221,7 +222,7 @@ class ProcessNameVariable : public RefreshedVariable {
 
 // --- Settings ------------------------------------------------------------------------------------
 
-// One setting. Reading it may ask the configuration library.
+// One setting. A read may call the configuration library.
 class ConfigurationVariable : public ComputedVariable {
  public:
   // identifier is one of ConfigID.
@@ -237,7 +238,7 @@ class ConfigurationVariable : public ComputedVariable {
   int identifier;
 };
 
-// The kinds of libraries that settings name.
+// The kinds of libraries that the configuration names.
 enum _ConfigurationLibrary_Type : int {
   ConfigurationLibrary_Commerce = 0,
   ConfigurationLibrary_Database = 1,
@@ -260,8 +261,8 @@ class ConfigurationLibraryListVariable : public RefreshedVariable {
   bool loaded = false;
 };
 
-// A structure whose member of any name tells whether the library of that name can be had: 1 or 0.
-// Asking for a member loads the library; the answer stays.
+// A structure with a member for every name: 1 if a library of that name can be loaded, else 0.
+// Reading a member loads the library; the result is kept.
 class ConfigurationLibraryLookupVariable : public ImmutableVariable {
  public:
   ConfigurationLibraryLookupVariable(const char* name, ZephApplication* application,

@@ -1,4 +1,5 @@
-// Tested in tests/base/request/URLEncodedParserTest.cpp, measured in bench/FormBench.cpp.
+// Reads URL-encoded fields, 16 bytes at a time between special characters. Tested in
+// tests/base/request/URLEncodedParserTest.cpp, measured in bench/FormBench.cpp.
 
 #include "base/request/URLEncodedParser.h"
 
@@ -15,8 +16,8 @@
 
 namespace {
 
-// What each byte counts as a digit behind "%". Only 0-9, A-F and a-f are meant to stand there; the
-// others count by the same two rules.
+// The value of each byte as a hexadecimal digit after "%". Only 0-9, A-F and a-f are valid there,
+// but the same two rules give the others a value too.
 constexpr std::array<unsigned char, 256> DigitValues() {
   std::array<unsigned char, 256> values{};
   for (unsigned i = 0; i < 256; i++) {
@@ -39,8 +40,8 @@ inline bool Stops(char c, bool in_name) {
 #ifdef __SSE2__
 const int kStep = 16;
 
-// Copies the bytes in front of the first one that stops, 16 at most, with blanks in place of "+".
-// What lies behind them is left alone. Answers their count.
+// Copies the bytes before the first one that stops, at most 16, with blanks in place of "+". Leaves
+// the memory after them unchanged. Returns their number.
 inline int CopyStep(const char* from, char* to, bool in_name) {
   const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
   const __m128i plus = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('+'));
@@ -67,7 +68,7 @@ URLEncodedParser::URLEncodedParser(VariableHash* table, int most)
     : HTTPContentParser(table), limit(most) {}
 
 bool URLEncodedParser::SetVariable() {
-  // Names with the same hash are found one after the other, so few fields may take long.
+  // Names with the same hash are searched one after the other, so even few fields may take long.
   if (RunLimit::Over()) {
     Error("Timeout processing POST data");
     return false;
@@ -98,7 +99,7 @@ const char* URLEncodedParser::TakePlain(const char* from, const char* end, Growi
   return from;
 }
 
-// The second byte of an escape ends it.
+// Takes one of the two bytes after "%"; the second completes the escape.
 void URLEncodedParser::TakeDigit(char c) {
   digits[digit_count++] = static_cast<unsigned char>(c);
   if (digit_count < 2) return;
@@ -107,7 +108,7 @@ void URLEncodedParser::TakeDigit(char c) {
   state -= 2;
 }
 
-// Takes the byte that TakePlain has stopped at, but for "%".
+// Takes the byte at which TakePlain stopped. REQUIRES: it is not "%".
 bool URLEncodedParser::EndOfPart(char c) {
   if (state == InName) name_length = name.used();
   if (c == '=') {
@@ -128,7 +129,7 @@ bool URLEncodedParser::Parse(const char* data, int length) {
     }
     GrowingBuffer* text = state == InName ? &name : &value;
     data = TakePlain(data, end, text);
-    // An escape that is all here needs no state.
+    // An escape that is complete in this block needs no state.
     while (end - data >= 3 && *data == '%') {
       text->Append(
           Escaped(static_cast<unsigned char>(data[1]), static_cast<unsigned char>(data[2])));

@@ -1,5 +1,5 @@
-// Fields as query strings and plain forms have them: name=value&name=value, with "+" for a blank
-// and %XX for any byte.
+// Fields of query strings and plain forms: name=value&name=value, with "+" for a blank and %XX for
+// any byte.
 
 #ifndef ZEPH_BASE_URLENCODEDPARSER_H
 #define ZEPH_BASE_URLENCODEDPARSER_H
@@ -8,28 +8,29 @@
 #include "base/request/HTTPContentParser.h"
 
 // Stores each field under its name, which may be a path (VariableHash::SetVariable_Fancy); a name
-// that comes again makes an array.
+// that occurs again makes an array.
 //
-// No text fails: two bytes behind a "%" make a byte whatever they are, so that "%zz" is as good as
-// "%41", and "%&x" is one byte too.
+// No text is invalid: any two bytes after a "%" make one byte, so "%zz" is accepted like "%41", and
+// "%&x" is one byte too.
 class URLEncodedParser : public HTTPContentParser {
  public:
-  // At most limit fields are stored; 0 is no limit, a negative one admits none.
+  // At most limit fields are stored; 0 means no limit, a negative limit admits none.
   URLEncodedParser(VariableHash* target, int limit);
 
-  // Both fail only at one field too many, with "Maximum number of POST variables exceeded".
+  // Both fail at one field too many, with "Maximum number of POST variables exceeded", and when the
+  // time limit has passed, with "Timeout processing POST data".
   bool Parse(const char* data, int length) override;
-  // Stores the last field. What has no "=" counts only if the field before it has set a length:
-  // "a=1&abc" has two fields, "abc" alone none. An escape that the end cuts off is dropped, and if
-  // it stood in a name, that name is cut to the length of the last one.
+  // Stores the last field. A field without "=" counts only if an earlier field has set a name
+  // length: "a=1&abc" has two fields, "abc" alone none. An escape that the end cuts off is dropped;
+  // if it was in a name, that name is cut to the length of the previous one.
   bool Finalize() override;
 
  protected:
   enum State : int { InName = 0, InValue = 1, EscapeInName = 2, EscapeInValue = 3 };
 
-  // Stores a field of the last lengths and begins the next one.
+  // Stores the field with the last lengths and begins the next one.
   bool SetVariable();
-  // Takes bytes up to the next one that means something, or the end; answers where.
+  // Takes bytes up to the next special one, or the end. Returns its position.
   const char* TakePlain(const char* from, const char* end, GrowingBuffer* text);
   void TakeDigit(char c);
   bool EndOfPart(char c);
@@ -37,7 +38,7 @@ class URLEncodedParser : public HTTPContentParser {
   int limit;
   int variable_count = 0;
   GrowingBuffer name{512};
-  int name_length = 0;  // of the last name that a "=" or "&" ended
+  int name_length = 0;  // of the last name ended by "=" or "&"
   GrowingBuffer value{512};
   int value_length = 0;
   unsigned char digits[2] = {};

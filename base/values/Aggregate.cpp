@@ -1,4 +1,5 @@
-// Tested in tests/base/values/AggregateTest.cpp.
+// The elements of arrays and structures, as a row or as a splay tree. Tested in
+// tests/base/values/AggregateTest.cpp.
 
 #include "base/values/Aggregate.h"
 
@@ -49,7 +50,7 @@ void AggregateElement::SetVariable(Variable* replacement) {
   if (old) old->DecRefCount();
 }
 
-// The texts that stand for the old position go with it.
+// The cached texts of the old position are dropped.
 void AggregateElement::Renumber(int position) {
   key.position = position;
   key.key.destroy();
@@ -64,7 +65,7 @@ void Shift(AggregateElement* element, int delta) {
 
 AggregateElementTree::AggregateElementTree() : SplayTree(1) {}
 
-// The row of the source is no less a source: as a tree it has the same elements.
+// If the source is a row, it becomes a tree here; to scripts its elements stay the same.
 AggregateElementTree::AggregateElementTree(const AggregateElementTree& source) : SplayTree(1) {
   const_cast<AggregateElementTree&>(source).BecomeTree();
   CopyFromSplayTree(source);
@@ -82,13 +83,13 @@ int AggregateElementTree::Compare(const AggregateIndex& key, AggregateElement* e
 
 // --- The row -------------------------------------------------------------------------------------
 
-// Makes the nodes and elements that the row stands for.
+// Makes the nodes and elements of the tree that the row represents.
 void AggregateElementTree::BecomeTree() {
   const int count = dense.count();
   if (count == 0) return;
   const SplayShape& shape = dense.Shape();
   const int first = dense.first();
-  // All memory is there before the row is touched.
+  // Everything is allocated before the row is changed, so a failure leaves the row intact.
   std::vector<std::unique_ptr<Node>> nodes(static_cast<size_t>(count) + 1);
   std::vector<std::unique_ptr<AggregateElement>> made(static_cast<size_t>(count) + 1);
   for (size_t rank = 1; rank < nodes.size(); rank++) {
@@ -191,9 +192,9 @@ bool AggregateElementTree::RemoveFromRow(int position) {
   return true;
 }
 
-// Where there was a position 0, the position that an element gets may be that of the next one: then
-// the search is for the element. One that searches miss keeps its position, and the walk has no
-// more steps than there are elements.
+// If there is a position 0, all positions move up, so an element's new position may be the old one
+// of the next element. The comparison then prefers the element itself. An element that searches
+// miss keeps its position, and the loop makes at most one step per element.
 int AggregateElementTree::Collapse() {
   if (dense.count() > 0) {
     for (int position = dense.first(); position <= dense.last(); position++) {
@@ -242,7 +243,7 @@ int AggregateElementTree::SplayKey(const AggregateIndex& key) {
   const int position = key.position;
   return SplayBy([&key, position](AggregateElement* element) {
     const int other = element->key.position;
-    // Sums that wrap can give an element the position of a name.
+    // Sums that wrap can give an element the position -1, which marks a name.
     if (other == -1) [[unlikely]]
       return element->key.Compare(key);
     return (position > other) - (position < other);
@@ -313,7 +314,7 @@ void AggregateElementTree::AppendToList(List<AggregateElement>& list) {
   SplayTree::AppendToList(list);
 }
 
-// Behind the last element there is nothing to move: what is left is the search.
+// After the last element nothing moves; only the search remains.
 void AggregateElementTree::Displace(int from, int delta) {
   if (delta == 0 || IsEmpty()) return;
   const AggregateIndex first(from);
@@ -363,7 +364,7 @@ void AggregateElementTree::Listing(std::vector<Row>* rows) {
     const int position = dense.first() + i;
     rows->push_back({nullptr, position, dense.Peek(position)});
   }
-  // A path from the root is no longer than the tree has elements.
+  // A path from the root has at most as many nodes as the tree has elements.
   Node* near[kRecursionLimit];
   std::unique_ptr<Node*[]> far;
   Node** above = near;

@@ -1,6 +1,6 @@
-// Arrays and structures: the keys of elements, the elements, and the tree that holds those of one
-// variable. To scripts both kinds are one splay tree: an array is sparse, and what searches and
-// removals do is what that tree does.
+// Arrays and structures: the keys of elements, the elements, and the tree that holds the elements
+// of one variable. To scripts both kinds are one splay tree: an array is sparse, and the results of
+// searches and removals are those of that tree.
 
 #ifndef ZEPH_BASE_AGGREGATE_H
 #define ZEPH_BASE_AGGREGATE_H
@@ -19,17 +19,17 @@
 #include "base/values/Variable.h"
 
 // Key of an element: the position in an array, or the name of a structure's member. Names that
-// differ only in case are one key. The order of the fields is stated and stays.
+// differ only in case are one key. The order of the fields must not change.
 class AggregateIndex {
  public:
-  String key;    // name of a member; for a position empty until its decimal text is asked for
-  int position;  // -1 for the name of a member
-  String serialized_text;  // what serialized() has made
+  String key;              // name of a member; for a position, empty until its decimal text is read
+  int position;            // -1 for the name of a member
+  String serialized_text;  // cache of serialized()
 
   AggregateIndex() : position(-1) {}
   AggregateIndex(const String& name) : key(name), position(-1) {}
   AggregateIndex(const char* name, int length) : key(name, length), position(-1) {}
-  // A negative position becomes 0. That positions of scripts start at 1 is their callers' rule.
+  // A negative position becomes 0. Callers enforce that positions in scripts start at 1.
   AggregateIndex(int number) : position(number < 0 ? 0 : number) {}
   AggregateIndex(const AggregateIndex& other) : position(other.position) {
     if (other.key.data) key = other.key;
@@ -37,10 +37,10 @@ class AggregateIndex {
   AggregateIndex(AggregateIndex&&) noexcept = default;
   AggregateIndex& operator=(const AggregateIndex&) = delete;
 
-  // The kind of aggregate that the key asks for.
+  // The kind of aggregate that has such keys.
   AggregateType kind() const { return position >= 0 ? AggregateArray : AggregateStructure; }
 
-  // Positive when other sorts behind this key, negative when before, 0 for the same key.
+  // Positive if other sorts after this key, negative if before it, 0 for the same key.
   int Compare(const AggregateIndex& other) const {
     if (position != -1) {
       return position == other.position ? 0 : position > other.position ? -1 : 1;
@@ -69,7 +69,7 @@ class AggregateIndex {
            (length <= 0 || SameBytes(key.data, name, static_cast<size_t>(length)));
   }
 
-  // The name, or the decimal text of the position.
+  // The name, or the decimal text of the position. The String belongs to the key.
   operator String&();
   // ":name" or "[position]", as paths are written; empty for an empty name.
   String& serialized();
@@ -84,17 +84,17 @@ class AggregateElement {
   explicit AggregateElement(const AggregateIndex& index);
   // Takes a count on the variable, which may be null.
   AggregateElement(const AggregateIndex& index, Variable* variable);
-  // Gets a new variable with a deep copy of the value.
+  // Makes a new variable with a deep copy of the value.
   AggregateElement(const AggregateElement& source);
   AggregateElement& operator=(const AggregateElement&) = delete;
   virtual ~AggregateElement();
 
-  // The key, to be changed only by what keeps the order of the tree.
+  // The key. Only code that keeps the order of the tree may change it.
   virtual AggregateIndex& index() { return key; }
   virtual Variable* var() { return variable; }
   // Takes a count on the new variable, then releases the old one.
   virtual void SetVariable(Variable* replacement);
-  // Gives the element another position. The caller keeps the order of the tree.
+  // Gives the element another position. REQUIRES: the order in the tree stays the same.
   void Renumber(int position);
 
  private:
@@ -107,22 +107,23 @@ class AggregateElement {
   Variable* variable;
 };
 
-// The elements of one variable, which it owns. All keys are of one kind.
+// The elements of one variable, which owns them. All keys are of one kind.
 //
-// An array whose positions have no gap, from 1 or 0 on, is a row of variables (DenseElements). What
-// the row has no answer for makes it the tree for good: a key that leaves a gap, a removal, an
-// insertion before others, and whoever asks for an AggregateElement.
+// An array whose positions have no gap, starting at 1 or 0, is a row of variables (DenseElements).
+// An operation that the row does not support turns it into the tree for good: a key that leaves a
+// gap, removing an element that is not the last, inserting before others, and any access to an
+// AggregateElement.
 class AggregateElementTree : public SplayTree<AggregateElement, const AggregateIndex&> {
  public:
   ZEPH_FREE_LIST_OPERATORS(AggregateElementTree)
 
-  // An element where it stands, by its position and variable.
+  // An element by its position and variable.
   struct Place {
     bool there;
     int position;
     Variable* variable;
   };
-  // The same of any kind, with the element if it is in a tree.
+  // An element of an array or a structure; element is null if it is in a row.
   struct Row {
     AggregateElement* element;
     int position;
@@ -135,20 +136,22 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   ~AggregateElementTree() override;
 
   // --- By variable -----------------------------------------------------------------------------
-  // Whether this is a row: then all elements have a variable and a position.
+  // Whether this is a row. Then every element has a position, and a variable that is made when it
+  // is read.
   bool IsRow() const { return dense.count() > 0; }
-  // Of a row, the variable at a position of 0 or more, or null; a search.
+  // The variable at that position, or null; a search. REQUIRES: IsRow(), and position is 0 or more.
   Variable* SearchRow(int position) { return dense.Find(position); }
-  // Of a row, the number that the element is stored as, or its plain variable's; false, and no
-  // search, for all else.
+  // Reads a number of a row by a search: the number in the element's slot, or that of its variable
+  // if it is plain and has no text to convert. Returns false and makes no search in all other
+  // cases; *number is then undefined.
   bool ReadNumber(int position, double* number) {
     const DenseSlot* slot = dense.SlotAt(position);
     if (!slot || !NumberIn(*slot, number)) return false;
     dense.Search(position);
     return true;
   }
-  // Of a row, stores a number in the element, or in a new one behind the last. False, and nothing
-  // done, where that takes more.
+  // Stores a number in an element of a row, or in a new one after the last. Returns false and does
+  // nothing where that takes more work.
   template <typename Number>
   bool WriteNumber(int position, Number number) {
     if (!DenseSlot::Takes(number)) return false;
@@ -171,49 +174,55 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
     }
     return true;
   }
-  // The variable of the member that a search for the name finds at the root, where it changes
-  // nothing; else null. Scripts mostly ask for the member that they asked for last, which is there.
+  // The variable of the root if a search for that name would end there without changing the tree;
+  // else null. Scripts mostly use the same member as the last time, and that is the root.
   Variable* MemberAtRoot(const char* name, int length) {
     return root && root->item->key.IsSpelled(name, length) ? root->item->variable : nullptr;
   }
-  // The element of that name, which is only looked at; a search.
+  // The element with that name, or null; a search. The name is borrowed for the call.
   AggregateElement* FindMember(const char* name, int length);
-  // The next greater and the next lesser position. As Next and Previous a search for the position
-  // itself.
+  // The elements with the next greater and the next lesser position. Like Next and Previous, they
+  // search for the position itself.
   Place NextPlace(int position);
   Place PreviousPlace(int position);
-  // The least and the greatest position, which are no searches.
+  // The elements with the least and the greatest position, without a search.
   Place FirstPlace();
   Place LastPlace();
-  // Inserts a key that is not there, with a new variable, which is answered, or with a count on a
-  // given one, which may be null.
+  // Insert a key: the first with a new variable, which it returns, borrowed; the second with a
+  // given variable, which may be null, and takes a count on it.
+  // REQUIRES: the key is not in the tree.
   Variable* InsertNew(const AggregateIndex& index);
   void InsertNew(const AggregateIndex& index, Variable* variable);
-  // Of a row, puts another variable, with a count on it, at a position that is there.
+  // Puts another variable, with a count on it, at a position of a row.
+  // REQUIRES: the row has the position.
   void Exchange(int position, Variable* variable);
-  // Of a row, removes an element that is the last, or is not there: what a search for it does, and
-  // that its variable is released. False, and nothing done, for one before others.
+  // Removes an element of a row if it is the last, and releases its variable. If there is none at
+  // the position, only does what a search for it does. Returns false and does nothing if other
+  // elements follow it.
   bool RemoveFromRow(int position);
-  // Gives the elements the positions from 1 on and answers their count. Each is found by a search
-  // for the position that the one before it has got.
+  // Renumbers the elements from 1 on and returns their number. Each is found by a search for the
+  // position that the element before it was given.
   int Collapse();
 
-  // Appends all elements in the order of their keys. Walks of a whole tree go through this, never
-  // through Next: they change nothing, and meet every element.
+  // Appends all elements in the order of their keys. Walks of a whole tree use this and never Next:
+  // it does not change the tree's shape, and it reaches every element.
   void Listing(std::vector<Row>* rows);
-  // Visits the variables of all elements, but for those that a row has not made. Allocates nothing.
-  // The visit may look at variables alone: while it runs, the tree is not whole.
+  // Visits the variables of all elements, except those that a row has not made. Allocates nothing.
+  // The visit may look at variables only: while it runs, the tree's links are altered.
   template <class Visit>
   void ForEachVariable(Visit visit);
-  // Appends them in the order in which a copy inserts them, which decides the shape of its tree.
+  // Appends all elements in the order in which a copy inserts them. That order decides the shape of
+  // the copy's tree.
   void ListingForCopy(std::vector<Row>* rows);
-  // Makes this empty tree ready for copies of all elements of the source. They come by InsertCopy
-  // in that order, each with a new variable, which is answered.
+  // Prepares this empty tree for copies of all elements of the source. The caller then calls
+  // InsertCopy for each row in the order of ListingForCopy; it makes a new variable and returns it,
+  // borrowed.
   void ExpectCopyOf(AggregateElementTree* source);
   Variable* InsertCopy(const Row& source);
 
   // --- By element ------------------------------------------------------------------------------
-  // Those of the base, on the tree; with the comparison in line where scripts use them.
+  // The operations of the base class, on the tree; where scripts use them, the comparison is
+  // inline.
   AggregateElement* Find(const AggregateIndex& key) override;
   AggregateElement* Next(const AggregateIndex& key) override;
   AggregateElement* Previous(const AggregateIndex& key) override;
@@ -226,7 +235,7 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   void Listing(std::vector<AggregateElement*>* elements);
 
   // Adds delta to all positions from the given one on. The order stays, so nothing is rebalanced; a
-  // negative delta larger than the gap lets keys meet.
+  // negative delta larger than the gap can give two elements the same key.
   virtual void Displace(int from, int delta);
   virtual void DisplaceRecurse(int delta, SplayTreeNode<AggregateElement>* node);
   virtual void DisplaceStack(int delta, SplayTreeNode<AggregateElement>* node);
@@ -262,12 +271,13 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   static Place PlaceOf(AggregateElement* element);
   static AggregateElement* LeastOf(Node* node);
 
-  DenseElements dense;                           // with elements in it, root is null
-  AggregateElementTree* next_deleted = nullptr;  // the chain of trees that wait for their deletion
+  DenseElements dense;                           // if it has elements, root is null
+  AggregateElementTree* next_deleted = nullptr;  // next in the list of trees that wait for deletion
 };
 
-// A tree is walked without a stack: it may be as deep as it is large. On the way down to the left
-// of a node, the greatest node there gets a right child for a time, which is the way back up.
+// Walks a tree without a stack, because it may be as deep as it has elements. On the way down to
+// the left of a node, the greatest node there temporarily gets that node as its right child, which
+// is the way back up.
 template <class Visit>
 void AggregateElementTree::ForEachVariable(Visit visit) {
   for (int i = 0; i < dense.count(); i++) {

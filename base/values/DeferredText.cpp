@@ -1,4 +1,5 @@
-// Tested in tests/base/values/DeferredTextTest.cpp.
+// A text that begins with a variable's text without a copy of it. Tested in
+// tests/base/values/DeferredTextTest.cpp.
 
 #include "base/values/DeferredText.h"
 
@@ -14,8 +15,8 @@
 #include "base/values/Variable.h"
 
 namespace {
-// Those that watch a variable of this thread, the newest first: hardly ever more than one, but
-// calls that call themselves can leave one on the stack of each.
+// The objects that watch a variable of this thread, the newest first. There is rarely more than
+// one, but each level of a recursive call can leave one on the stack.
 constinit thread_local DeferredText* watching = nullptr;
 }  // namespace
 
@@ -40,7 +41,7 @@ DeferredText::DeferredText(Variable* variable, int length)
   variable->SetWatched(true);
 }
 
-// Of those that watch a variable, the first one, or null.
+// The first object in the list that watches the variable, or null.
 DeferredText* DeferredText::FirstOf(Variable* variable) {
   if (!variable->watched()) return nullptr;
   DeferredText* text = watching;
@@ -53,7 +54,8 @@ DeferredText::~DeferredText() {
   if (bytes != small) delete[] bytes;
 }
 
-// A variable stays watched as long as anybody does. Stacks that end may have many such texts.
+// A variable stays watched while any object watches it. Only the neighbours are checked, because a
+// stack that ends may have many such texts.
 void DeferredText::StopWatching() {
   (previous ? previous->next : watching) = next;
   if (next) next->previous = previous;
@@ -62,7 +64,7 @@ void DeferredText::StopWatching() {
   prefix = nullptr;
 }
 
-// The next one that watches the same variable, or null.
+// The next object that watches the same variable, or null.
 DeferredText* DeferredText::NextOfVariable() const {
   return next && next->prefix == prefix ? next : nullptr;
 }
@@ -149,7 +151,8 @@ void DeferredText::Append(double value) {
   Append(text.get(), count);
 }
 
-// An integer reads the same whether the variable keeps its text or not.
+// The integer is converted here, so that the variable need not cache a text: reads return the same
+// with or without it.
 void DeferredText::Append(Variable* variable) {
   if (variable->plain_forms() == Variable::IntegerForm) {
     Append(variable->plain_integer());

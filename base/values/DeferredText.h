@@ -1,8 +1,8 @@
-// A concatenation that is still going on. As long as its bytes stand only on the operand stack,
-// nobody can tell how they are kept, so a short one is gathered in a buffer that comes with the
-// object; and of one that begins with the text of a variable, as where scripts build long texts by
-// s = s cat x, that text is not copied: when the result goes to the variable that it began with,
-// only the new bytes are written, behind the old ones.
+// The result of a concatenation that is still in progress. While its bytes are only on the operand
+// stack, a script cannot observe how they are stored. So a short one is gathered in a buffer inside
+// the object. If it begins with the text of a variable, as in s = s cat x, by which scripts build
+// long texts, that text is not copied: when the result is stored in the same variable, only the new
+// bytes are appended.
 
 #ifndef ZEPH_BASE_DEFERREDTEXT_H
 #define ZEPH_BASE_DEFERREDTEXT_H
@@ -13,31 +13,32 @@
 class Output;
 class Variable;
 
-// The text of a variable, or none, followed by bytes of its own. Made by Begin, ended by Release,
-// Assign or delete. Belongs to the variable's thread.
+// The text of a variable, or none, followed by bytes of the object's own. Made by Begin or new,
+// ended by Release, Assign or delete. Belongs to the variable's thread.
 //
-// The variable is borrowed, and watched: just before its text changes, or it goes, whoever changes
-// it, the object takes a copy and is on its own from then on. Reading it changes nothing.
+// The variable is borrowed and watched: just before its text changes or it is deleted, the object
+// copies the text and no longer depends on the variable. Reading the variable has no effect on it.
 class DeferredText {
  public:
   ZEPH_FREE_LIST_OPERATORS(DeferredText)
 
-  // Shorter texts are copied sooner than watched.
+  // Shorter texts, in bytes, are cheaper to copy than to watch.
   static constexpr int ShortestPrefix = 128;
 
-  // Begins with nothing.
+  // Begins with no text.
   DeferredText() = default;
 
-  // Begins with the present text of the variable, which is read if it is not there yet, or of what
-  // it refers to. Null where that can't be watched or isn't worth it: the text of a derived class,
-  // of an aggregate, a short one.
+  // Returns an object, the caller's, that begins with the present text of the variable or of the
+  // target it refers to. The text is converted if that form is not valid yet. Returns null if the
+  // text can't be watched or isn't worth it: the text of a derived class or of an aggregate, or a
+  // short one.
   [[nodiscard]] static DeferredText* Begin(Variable* variable);
   ~DeferredText();
   DeferredText(const DeferredText&) = delete;
   DeferredText& operator=(const DeferredText&) = delete;
 
-  // Append copies of what is given. A sum of lengths that no text can have fails as an allocation,
-  // with std::bad_alloc, and leaves the object as it was.
+  // Append copies of their arguments. If the total length would exceed the maximum of a text, they
+  // throw std::bad_alloc and leave the object unchanged.
   void Append(const char* text, int count) {
     if (count <= 0) return;
     CopyText(count <= room - used ? bytes + used : Room(count), text, static_cast<size_t>(count));
@@ -48,22 +49,22 @@ class DeferredText {
   void Append(Variable* variable);
   void Append(const DeferredText& text);
 
-  // All bytes.
+  // The length of the whole text in bytes.
   int length() const { return prefix_length + used; }
 
-  // The whole text in a buffer of length + 1 bytes, NUL-terminated, which the caller frees with
-  // delete[]. Deletes the object, unless it fails with std::bad_alloc.
+  // Returns the whole text, NUL-terminated, in a buffer of length + 1 bytes, which the caller frees
+  // with delete[]. Deletes the object, unless it throws std::bad_alloc.
   [[nodiscard]] char* Release(int* length);
   // Stores the text in the variable and deletes the object. With adopt the outcome is that of
-  // SetValue_Nocopy with a buffer of length + 1 bytes, else of SetValue.
+  // SetValue_Nocopy with a buffer of length + 1 bytes, otherwise that of SetValue.
   void Assign(Variable* target, bool adopt);
 
   void Write(Output* output) const;
 
-  // For the variable, which is about to change.
+  // Called by a watched variable before its text changes.
   static void Settle(Variable* variable);
-  // For the variable, which is about to go. Never fails: where there is no memory for the copy, the
-  // text is lost, and whoever asks for it next gets the std::bad_alloc.
+  // Called by a watched variable before it is deleted. Never fails: without memory for the copy the
+  // text is lost, and the next operation that needs it throws the std::bad_alloc.
   static void SettleLast(Variable* variable);
 
  private:
@@ -79,12 +80,12 @@ class DeferredText {
 
   static constexpr int Small = 200;
 
-  Variable* prefix = nullptr;  // null without one: all text is in bytes
+  Variable* prefix = nullptr;  // null if all text is in bytes
   int prefix_length = 0;       // bytes of the variable's text
   int used = 0;
-  int room = Small;  // of bytes, less if the whole text would get too long
+  int room = Small;  // size of bytes; less if the whole text would get too long
   char* bytes = small;
-  // Of those that watch on this thread. All that watch one variable stand side by side.
+  // The list of objects that watch on this thread. All that watch one variable are adjacent.
   DeferredText* next = nullptr;
   DeferredText* previous = nullptr;
   bool is_lost = false;

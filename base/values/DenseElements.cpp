@@ -1,4 +1,5 @@
-// Tested in tests/base/values/DenseElementsTest.cpp, against the tree that it stands for.
+// A row of array elements, and the shape of the splay tree that it represents. Tested in
+// tests/base/values/DenseElementsTest.cpp, against a real splay tree.
 
 #include "base/values/DenseElements.h"
 
@@ -24,7 +25,7 @@ void SplayShape::Clear(int count) {
   root_ = 0;
 }
 
-// Step by step what SplayTree::SplayBy does.
+// Does the same steps as SplayTree::SplayBy.
 void SplayShape::Splay(int key) {
   if (root_ == 0) return;
   Links* node = nodes.data();
@@ -100,8 +101,8 @@ void SplayShape::OrderForCopy(std::vector<int>* ranks) const {
 
 // --- Searches ------------------------------------------------------------------------------------
 
-// Runs join: where the rank is a neighbour of the root, the root begins the run, since searching it
-// once more changes nothing.
+// If the rank is a neighbour of the root, the run begins at the root, because searching the root
+// again changes nothing. So adjacent runs become one.
 void DenseElements::TouchElsewhere(int rank) {
   const int difference = rank - top;
   if (difference == 1 || difference == -1) {
@@ -147,7 +148,7 @@ void DenseElements::CloseRun() {
 void DenseElements::Note(int run_from, int run_to) {
   if (!history) history = std::make_unique<History>();
   history->runs.push_back({run_from, run_to});
-  // So that the notes stay in proportion to what they are about.
+  // Bounds the memory of the notes by the size of the row.
   if (history->runs.size() > 1024 + static_cast<size_t>(count_) / 2) PlayNotes();
 }
 
@@ -158,7 +159,7 @@ void DenseElements::NoteAppendInHistory() {
     return;
   }
   CloseRun();
-  // An array that is only filled makes one note of it.
+  // Consecutive appends are one note.
   if (history && !history->runs.empty()) {
     Run& run = history->runs.back();
     if (run.first < 0 && run.last == count_) {
@@ -169,7 +170,7 @@ void DenseElements::NoteAppendInHistory() {
   Note(-(count_ + 1), count_ + 1);
 }
 
-// The open run is not played: it is closed before, or noted later.
+// The open run is not played: the caller has closed it, or it is noted later.
 void DenseElements::PlayNotes() {
   SplayShape& shape = history->shape;
   if (!history->shaped) shape.MakeChain(chain_count, falling);
@@ -187,7 +188,8 @@ void DenseElements::PlayNotes() {
   history->shaped = true;
 }
 
-// A stack of a script, pushed and popped, stays a falling chain.
+// A falling chain without its greatest rank is a falling chain, so an array that a script uses as a
+// stack needs no notes.
 Variable* DenseElements::RemoveLast() {
   Touch(count_);
   Variable* removed = VariableOf(&slots[count_ - 1]);
@@ -228,7 +230,7 @@ void DenseElements::OrderForCopy(std::vector<int>* ranks) {
   }
 }
 
-// Inserted in falling order, ranks make the rising chain, and the other way round.
+// Inserting ranks in falling order makes the rising chain, and the other way round.
 void DenseElements::BecomeCopyOf(DenseElements* source) {
   slots = new DenseSlot[static_cast<size_t>(source->count_)]();
   capacity = count_ = source->count_;
@@ -270,7 +272,7 @@ std::unique_ptr<Variable* []> DenseElements::TakeVariables() {
   return taken;
 }
 
-// Variables that are released may ask for elements of the array, which is empty by then.
+// Releasing a variable may run code that uses the array, so the row is made empty first.
 void DenseElements::Drop() {
   const int releases = count_;
   const std::unique_ptr<DenseSlot[]> dropped(std::exchange(slots, nullptr));

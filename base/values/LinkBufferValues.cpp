@@ -1,6 +1,7 @@
-// The script's values in a LinkBuffer: numbers in the text form that scripts see, which is adopted
-// as a block and not copied, and variables. Apart from the chain, so that what only gathers bytes
-// does not pull the values in. Tested in tests/base/values/LinkBufferValuesTest.cpp.
+// The operations of LinkBuffer that take script values: numbers, in the text form that scripts see,
+// which is adopted as a block and not copied, and variables. They are apart from LinkBuffer.cpp so
+// that code that only gathers bytes does not depend on values. Tested in
+// tests/base/values/LinkBufferValuesTest.cpp.
 
 #include "base/core/LinkBuffer.h"
 #include "base/host/ZephApplication.h"

@@ -1,4 +1,4 @@
-// Tested in tests/base/values/LogRecordTest.cpp.
+// Formats the records of the trace log. Tested in tests/base/values/LogRecordTest.cpp.
 
 #include "base/values/LogRecord.h"
 
@@ -65,8 +65,8 @@ void LogRecord::AppendDouble(double value) {
   line.append(text.get(), static_cast<size_t>(length));
 }
 
-// What is computed has no form that it was stored in, but a text. A stored NULL has neither, and is
-// not asked: that would leave it with a text.
+// A computed variable has no primary form and is written as text. A stored NULL has none either,
+// and is not read, because reading it would leave it with a text.
 void LogRecord::AppendScalar(Variable* variable) {
   switch (variable->primary_type()) {
     case PrimaryInteger: AppendInteger(variable->value_integer()); return;
@@ -80,7 +80,7 @@ void LogRecord::AppendScalar(Variable* variable) {
   AppendText(text.data, text.length);
 }
 
-// Arrays are "[highest position] = [ a, b ]", structures "{ name: a, other: b }".
+// Writes an array as "[highest position] = [ a, b ]", a structure as "{ name: a, other: b }".
 void LogRecord::AppendVariable(ZephApplication* application, Variable* variable) {
   struct Open {
     bool is_structure;

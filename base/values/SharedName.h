@@ -7,15 +7,15 @@
 #include <cstring>
 #include <new>
 
-// The text, with its NUL, behind a count of its holders. It goes with the last of them, whoever
-// that is: a variable may outlive its table, and both the dictionary that the name came from. The
-// holders belong to one thread.
+// A count of holders, followed in memory by the text and its NUL. The last holder that releases it
+// frees it: a variable may outlive its table, and both may outlive the dictionary that the name
+// came from. All holders belong to one thread.
 class SharedName {
  public:
   SharedName(const SharedName&) = delete;
   SharedName& operator=(const SharedName&) = delete;
 
-  // Copies the text, which may be null for an empty one. The first count is the caller's.
+  // Copies the text of length bytes; null gives an empty one. The first count is the caller's.
   [[nodiscard]] static SharedName* Make(const char* text, int length) {
     const size_t bytes = text && length > 0 ? static_cast<size_t>(length) : 0;
     auto* name = new (::operator new(sizeof(SharedName) + bytes + 1)) SharedName;
@@ -24,7 +24,7 @@ class SharedName {
     name->text()[bytes] = '\0';
     return name;
   }
-  // The name whose text that is.
+  // The name that contains the text. REQUIRES: text is the text() of a name.
   static SharedName* Of(char* text) {
     return reinterpret_cast<SharedName*>(text - sizeof(SharedName));
   }

@@ -63,7 +63,7 @@ Variable::Variable(const char* name, int length, double value)
 
 Variable::Variable(const Variable& source) {
   SetName(source.name_);
-  // Reading a value fills its caches, so the source is not const in truth.
+  // Reading a value fills its caches, so the source does change.
   Variable::SetValue(const_cast<Variable&>(source));
 }
 
@@ -80,7 +80,7 @@ bool Variable::ProvesPlain() const {
   return true;
 }
 
-// A text goes last: nothing is done to what is not as new without it.
+// Frees the text only if everything else could be reset.
 bool Variable::Renew() {
   if (!IsPlain()) return false;
   char* const text = std::exchange(string_value.data, nullptr);
@@ -96,7 +96,7 @@ void Variable::DeletePlain() {
 }
 
 namespace {
-// What the releases of this thread have under way.
+// The state of releases in progress on this thread.
 struct Releases {
   AggregateElementTree* waiting = nullptr;  // trees, while one is being deleted
   Variable* indebted = nullptr;             // references, while there is a group
@@ -106,8 +106,8 @@ struct Releases {
 constinit thread_local Releases releases;
 }  // namespace
 
-// Elements have elements, and deleting a variable within a tree comes back here: then the inner
-// tree waits for its turn, so that no nesting is too deep for the native stack.
+// Elements have elements, and deleting a variable within a tree calls this function again. The
+// inner tree then waits in a list, so that no nesting is too deep for the native stack.
 void Variable::DeleteTree(AggregateElementTree* tree) {
   tree->next_deleted = releases.waiting;
   releases.waiting = tree;
@@ -141,7 +141,7 @@ String& Variable::name() {
   return name_;
 }
 
-// Who asks for the name gets a String like any other, to change as well.
+// name() returns a String that the caller may change, so a shared name is copied first.
 void Variable::OwnName() {
   SharedName* shared = SharedName::Of(name_.release());
   name_.assign(shared->text(), shared->length());
@@ -157,8 +157,8 @@ Variable* Variable::NextIdentity() {
 }
 
 namespace {
-// Counts the references of this thread that came to refer to something else, or to nothing. At its
-// limit it stays, and nothing is remembered any more.
+// Counts how often a reference of this thread was changed to another target or to none. At UINT_MAX
+// it stays, and Final() no longer caches ends.
 constinit thread_local unsigned changed_references = 1;
 
 void NoteChangedReference() {
@@ -166,10 +166,11 @@ void NoteChangedReference() {
 }
 }  // namespace
 
-// Scripts can chain references without bound, and then use each of them: so those that were passed
-// remember the end, where it leads on if it has become a reference, in what would be their numbers.
-// It holds while no reference was changed. A chain has an end, since no reference is ever made to
-// what refers to it.
+// Scripts can build chains of references of any length, and then use each of them. So each
+// reference passed on the way caches the end of the chain: link() has the end, integer_value the
+// counter at that time (a reference has no number of its own). The cache is valid while no
+// reference was changed. If the end has become a reference since, the walk continues from there. A
+// chain always has an end, because no reference is ever made to a variable that refers to it.
 Variable* Variable::Final() {
   if (!reference) return this;
   if (!reference->reference) return reference;
@@ -232,9 +233,9 @@ void Variable::TakeCounts(Variable* holder, int counts) {
 
 void Variable::TakeCountsNow(Variable* holder, int counts) {
   while (holder) {
-    // The target stands while its turn is to come: it has the counts of this holder.
+    // The target lives until its turn in this loop: it has the counts of this holder.
     Variable* target = holder->reference;
-    // What is listed in a group goes with the list.
+    // A holder that is in the list of a group is deleted with the list.
     if ((holder->refcount_ -= counts) == 0 && !(holder->state & Indebted)) delete holder;
     holder = target;
   }
@@ -252,9 +253,9 @@ ReleaseGroup::~ReleaseGroup() {
   }
 }
 
-// A reference in a group has as many counts on its target as there are on itself and as it owes
-// together. One that is deleted owes all that it has. If it is in the list by then, it stays there
-// with no counts, and the object goes when the list does.
+// In a group, a reference's counts on its target are the counts on itself plus those that it owes.
+// A reference that is deleted owes all of them. If it is in the list already, it stays there with a
+// count of 0, and is deleted with the list.
 void Variable::TakeCountsLater(Variable* holder, int counts) {
   for (;;) {
     const bool is_listed = (holder->state & Indebted) != 0;
@@ -279,12 +280,13 @@ void Variable::TakeCountsLater(Variable* holder, int counts) {
   }
 }
 
-// Nothing is deleted here but what has no counts any more: whoever owes is held, and so is what it
-// refers to.
+// Only variables with a count of 0 are deleted here: a reference that owes counts has holders, and
+// so do its targets.
 //
-// First all chains are walked once, each up to where another one was met before, and every variable
-// on them counts the ways that lead to it. Then debts are handed on, from each variable once the
-// last way to it has brought its own. That count is kept in primary, which is 0 before and after.
+// The first loop walks all chains, each up to a variable that was met before; every variable on
+// them counts the ways that lead to it. The second loop passes the debts on, from each variable
+// after the last of these ways has brought its debt. The number of ways is kept in primary, which
+// is 0 before and after.
 void Variable::SettleDebts(Variable* list) {
   Variable* indebted = nullptr;
   while (Variable* const first = list) {
@@ -332,9 +334,9 @@ void Variable::Make_Reference(Variable* target) {
   }
 }
 
-// The object keeps its class and its place in memory, since others hold its address; only its
-// state says from here on that the value is elsewhere. A reference has as many counts on its
-// target as there are on itself.
+// The object keeps its class and its address, because other holders have that address. From here on
+// its state says that a target has the value. A reference has as many counts on its target as there
+// are on itself.
 void Variable::ReferTo(Variable* target) {
   const VariableRef target_pin = VariableRef::Share(target);
   // An element may refer to this object and have one of its counts.
@@ -361,11 +363,11 @@ void Variable::Rebind(Variable* target) {
   const int counts = refcount_ + Forgive();
   Variable* old = reference;
   reference = target;
-  // This may delete the old target and, with it, take a count off this object.
+  // This may delete the old target, which may take a count off this object.
   if (old) TakeCounts(old, counts);
 }
 
-// What a reference owes its target, which it does not any more.
+// Cancels and returns the counts that a reference owes its target.
 int Variable::Forgive() {
   return state & Indebted ? std::exchange(number(), 0) : 0;
 }
@@ -420,8 +422,8 @@ double Variable::value_double() {
   return double_value;
 }
 
-// Text is read as a number each time, cached double or not: only the reading tells whether it is
-// one.
+// Text is parsed each time, even with a cached double, because only the parse shows whether the
+// text is a number.
 double Variable::value_compare(int* not_numeric) {
   if (reference) return Final()->value_compare(not_numeric);
   *not_numeric = 0;
@@ -491,7 +493,7 @@ String& Variable::error() {
   return reference ? Final()->error() : error_;
 }
 
-// A double goes before an integer, since an integer beside it is only its truncation.
+// A double has priority over an integer: beside a double, the integer is only its truncation.
 void Variable::Convert_String() {
   Changing();
   if (elements) {
@@ -512,8 +514,8 @@ void Variable::Convert_String() {
   valid_forms |= TextForm;
 }
 
-// As itos and adopting its buffer, but in the buffer that is there, if it is large enough: a
-// counter that is written out has its text made again and again.
+// The outcome is that of adopting the buffer of itos, but the present buffer is reused if it is
+// large enough: scripts write out counters again and again.
 void Variable::StoreIntegerText() {
   char text[12];
   const int length =
@@ -543,7 +545,7 @@ void Variable::Convert_Integer() {
   valid_forms |= IntegerForm;
 }
 
-// Text goes before an integer here, other than in Convert_Integer.
+// Text has priority over an integer here, unlike in Convert_Integer.
 void Variable::Convert_Double() {
   double_value = 0.0;
   if (elements) return;
@@ -557,8 +559,9 @@ void Variable::Convert_Double() {
 }
 
 namespace {
-// An element in bytes that take as long, and the elements of a walk between two looks at the limit:
-// an element may be a long chain of references, or a long text.
+// kElementCost: the time for an element, in bytes that take as long. kElements: elements of a walk
+// between two checks of the time limit; few, because an element may be a long chain of references
+// or a long text.
 constexpr int kElementCost = 64;
 constexpr int kElements = 256;
 
@@ -568,8 +571,9 @@ void AppendItem(String& out, const String& text) {
 }
 }  // namespace
 
-// What stands in a list shows as the list's own elements. What is only referred to shows as one
-// text, the referred variable's own: it is flattened into that variable's string_value first.
+// An aggregate that is itself an element is written as its elements. One that is only referred to
+// is written as one text, that variable's own: it is flattened into that variable's string_value
+// first.
 void Variable::Serialize(String& out) {
   if (!elements) {
     AppendItem(out, value());
@@ -577,12 +581,12 @@ void Variable::Serialize(String& out) {
   }
   const int before = out.length;
   if (AppendElements(&out)) return;
-  // Nothing rather than a part, which could not be told from a whole list.
+  // A part could not be distinguished from a whole list, so nothing is written instead.
   out.truncate(static_cast<unsigned>(before));
   if (out.data) out.data[before] = '\0';
 }
 
-// False when the time was over before the end.
+// Returns false if the time limit passed before the end.
 bool Variable::AppendElements(String* all) {
   std::vector<AggregateElementTree::Row> rows;
   elements->Listing(&rows);
@@ -632,7 +636,7 @@ void Variable::SetNULL() {
   if (elements) DropElements();
 }
 
-// In all stores the elements go last: the text may stand in one of them, and one of them may have
+// All stores drop the elements last: the new text may be in one of them, and one of them may have
 // the last count of this object.
 
 int Variable::SetValue(const char* text, int length) {
@@ -698,8 +702,8 @@ int Variable::SetValue(Variable& source) {
   return 1;
 }
 
-// The value of a source without elements. Computed values are read, stored ones copied form by
-// form; a stored NULL arrives as empty text with primary 0.
+// Copies the value of a source without elements. Computed values are read, stored ones copied form
+// by form; a stored NULL becomes empty text with primary 0.
 void Variable::CopyScalar(Variable& source) {
   switch (source.type()) {
     case VariableNULL:
@@ -726,7 +730,7 @@ void Variable::CopyScalar(Variable& source) {
   }
 }
 
-// A source without a buffer leaves the old bytes of the text in place, valid as they then are.
+// If the source's text has no buffer, the old bytes stay in place and become valid text.
 void Variable::CopyForms(Variable& source) {
   if ((source.valid_forms & TextForm) && source.string_value.data) {
     string_value.assign(source.string_value.data, source.string_value.length);
@@ -761,10 +765,10 @@ void Variable::CopyComputed(Variable& source) {
   }
 }
 
-// A deep copy of the elements of a variable, owned by the caller. Each element gets a new variable
-// with the name and value of the old one; references are replaced by what they refer to. What is
-// found twice is copied twice, so that a few variables that refer to one another can make a copy
-// beyond all bounds: past the time limit the copy is empty.
+// Returns a deep copy of the elements of a variable, owned by the caller. Each element gets a new
+// variable with the name and value of the old one; references are replaced by what they refer to. A
+// value that is reachable in two ways is copied twice, so a few variables that refer to one another
+// can make a copy of unbounded size: after the time limit the copy is empty.
 AggregateElementTree* Variable::CopyElementTree(Variable* source) {
   auto copy = std::make_unique<AggregateElementTree>();
   std::vector<AggregateElementTree*> open;
@@ -802,8 +806,7 @@ AggregateElementTree* Variable::CopyElementTree(Variable* source) {
   return copy.release();
 }
 
-// --- Texts that grow
-// ------------------------------------------------------------------------------
+// --- Texts that grow -----------------------------------------------------------------------------
 
 void Variable::Unwatch() {
   DeferredText::Settle(this);
@@ -816,7 +819,7 @@ int Variable::WatchableText() {
 }
 
 namespace {
-// The size of the buffer that a String makes for so many bytes.
+// The size of the buffer that a String allocates for that many bytes.
 int StringSize(int length) {
   const int64_t size = (static_cast<int64_t>(length) + 24) / 24 * 24;
   if (size > INT_MAX) throw std::bad_alloc();
@@ -824,9 +827,8 @@ int StringSize(int length) {
 }
 }  // namespace
 
-// The buffer doubles, so that a text of any length is built in linear time; the pages that are not
-// used yet take no memory. What it says of itself is what it would be told after a store of the
-// whole text.
+// The buffer doubles, so that building a text takes linear time; unused pages take no memory.
+// `allocated` reports what a store of the whole text would have reported.
 void Variable::AppendText(const char* bytes, int count, bool adopted) {
   Changing();
   const int old = string_value.length;
@@ -1002,7 +1004,7 @@ int NULLVariable::CollapseElements() {
 
 VariableList::VariableList() : List<Variable>(1) {}
 
-// Here, while Purge is still this class's.
+// Dump is called here, because in the base's destructor Purge is no longer this class's.
 VariableList::~VariableList() {
   const ReleaseGroup group;
   VariableList::Dump();

@@ -20,15 +20,14 @@ class AggregateIndex;
 class DeferredText;
 class ZephApplication;
 
-// The virtual operations of a Variable, as the compiler lays them out: what Variable::IsPlain()
-// compares with.
+// The virtual table of Variable. IsPlain() compares an object's table pointer with it.
 extern const void* const VariableOperations[] __asm__("_ZTV8Variable");
 
-// What a variable is made of. An index with a position asks for an array, one with a name for a
+// The kind of a variable's elements. An index with a position makes an array, one with a name a
 // structure.
 enum AggregateType : int { AggregateStructure = 0, AggregateArray = 1, AggregateNone = 2 };
 
-// Answers of Variable::type(): the kind of object that a copy has to deal with.
+// Results of Variable::type(): the kind of object that a copy has to handle.
 enum VariableType : int {
   VariableStored = 0,
   VariableReference = 1,
@@ -38,26 +37,31 @@ enum VariableType : int {
   VariableComputed = 5,         // read it as preferred_type() says
 };
 
-// Answers of primary_type() and, from the second on, of preferred_type().
+// Results of primary_type() and, from the second on, of preferred_type().
 enum PrimaryType : int { PrimaryNone = 0, PrimaryText = 1, PrimaryInteger = 2, PrimaryDouble = 3 };
 
-// A value without a declared type: it is what was stored last, and every read asks for the form
-// that it wants, converting once and caching.
+// A value without a declared type: it is what was stored last. A read returns the form that it
+// needs, converting once and caching the result.
 //
-// Life: made with a count of 1, deleted by the DecRefCount that reaches 0 and by nothing else. Who
-// keeps the pointer takes a count, and during an operation somebody but the variable's own elements
-// has to hold it. A Variable belongs to one request or task and its thread: reads fill caches, so
-// even they change it. Values reach another thread through Clone only.
+// Life: the constructor sets a count of 1; the DecRefCount that reaches 0 deletes the object, and
+// nothing else does. Code that keeps the pointer takes a count. During an operation, at least one
+// holder other than the variable's own elements must have a count. A Variable belongs to one
+// request or task and to its thread: reads fill caches, so even they change it. Only Clone passes a
+// value to another thread.
 //
-// References: Make_Reference turns a variable into a reference to another one, under all who hold
-// it. The object keeps its class; every operation looks first whether it is redirected() and then
-// works on the variable at the end of the chain. A subclass that overrides an operation does the
-// same: `if (redirected()) return Variable::Op(...)` stands before anything else, in type() too.
+// References: Make_Reference turns a variable into a reference to another one, for all its holders.
+// The object keeps its class; every operation first checks redirected() and then works on the
+// variable at the end of the chain. A subclass that overrides an operation does the same, in type()
+// too; its first line is
 //
-// Invariants: aggregate is AggregateNone exactly when elements is null. An aggregate has no valid
-// form and primary 0; its string_value is scratch. No valid form and primary 0 is the NULL scalar.
+//   if (redirected()) return Variable::Op(...);
 //
-// The order of fields and virtual operations is stated and stays.
+// Invariants:
+// 1. aggregate is AggregateNone exactly when elements is null.
+// 2. An aggregate has no valid form and primary 0; its string_value is scratch.
+// 3. A scalar with no valid form and primary 0 is NULL.
+//
+// The order of fields and virtual operations must not change.
 class Variable {
  public:
   ZEPH_FREE_LIST_OPERATORS(Variable)
@@ -65,36 +69,37 @@ class Variable {
   // Bits of valid_forms.
   enum Form : uint8_t { TextForm = 1, IntegerForm = 2, DoubleForm = 4 };
 
-  // A length of -1 means strlen. All start as scalars with a count of 1.
+  // Lengths are in bytes; -1 means strlen. All of these make scalars with a count of 1.
   Variable();
   Variable(const char* name, int length);
   Variable(const char* name, int length, const char* value, int valuelength);
   Variable(const String& name, const String& value);
-  // Takes over the buffer, made with new[]; allocated is its size.
+  // Adopts the buffer, made with new[]; allocated is its size in bytes.
   Variable(const char* name, int length, char* buffer, int valuelength, int allocated);
   Variable(const char* name, int length, int value);
   Variable(const char* name, int length, double value);
-  // Holds the name for its life.
+  // Takes a count on the name, given back at the latest on deletion.
   explicit Variable(SharedName* name) { ShareName(name); }
-  // Copies the name and the value, deep for an aggregate, as SetValue(Variable&) does. A reference
-  // gives a copy of what it refers to.
+  // Copies the name and the value, as SetValue(Variable&) does: deep for an aggregate. The copy of
+  // a reference is a copy of what it refers to.
   Variable(const Variable& source);
   Variable& operator=(const Variable&) = delete;
 
   virtual ~Variable();
-  // A deep copy for another task, with a count of 1 that is the caller's. The application is the
-  // one that the copy will work for.
+  // Returns a deep copy for another task, with a count of 1 that the caller owns. application is
+  // the one that the copy will work for.
   virtual Variable* Clone(ZephApplication* application);
 
   virtual String& name();
-  // What this variable refers to: itself, or a reference's target, null without one.
+  // The next step of the chain: a reference's target (null if it has none), else the variable
+  // itself.
   virtual Variable* NextIdentity();
   // The variable at the end of the chain of references; never null. A reference without a target
   // is its own end.
   virtual Variable* RealIdentity();
 
-  // Text form. The String belongs to the variable and holds until the next store. It may have no
-  // buffer: then its length is 0. An aggregate is flattened anew at each call.
+  // Text form. The String belongs to the variable and is valid until the next store. It may have no
+  // buffer: then its length is 0. An aggregate is flattened again at each call.
   virtual String& value();
   // Number forms; 0 for an aggregate and for text that is no number.
   virtual int value_integer();
@@ -105,7 +110,8 @@ class Variable {
   virtual int type();
   virtual int primary_type();
   virtual int preferred_type();
-  // Truth: text but for "", zeros and one point; numbers but for 0. An aggregate by its text.
+  // Truth. Text is false if it is empty or consists of zeros and at most one point; a number is
+  // false if it is 0. An aggregate is tested by its text.
   virtual int IsTrue();
   // No value, or empty text. An aggregate is never NULL.
   virtual int IsNULL();
@@ -117,24 +123,26 @@ class Variable {
   // Copies the name; a String without a buffer changes nothing.
   virtual void SetName(const String& name);
 
-  // Stores. Each drops what was there, elements included, and answers 1, or 0 where a subclass
-  // refuses the value and leaves its text in error().
+  // Stores. Each replaces the old value, elements included. Returns 1, or 0 if a subclass refuses
+  // the value and leaves its text in error().
   virtual int SetValue(const char* text, int length);
   // Copies the value of the source, deep for an aggregate; the source may be one of this
   // variable's own elements, or this variable.
   virtual int SetValue(Variable& source);
-  // Takes over a buffer made with new[], also when the store is refused or ignored.
+  // Adopts a buffer made with new[], even if the store is refused or ignored.
   virtual int SetValue_Nocopy(char* buffer, int length, int allocated);
   virtual int SetValue_Integer(int value);
   virtual int SetValue_Double(double value);
   virtual String& error();
 
-  // The element of that key, borrowed. Without it: null, or with create a new NULL element, for
-  // which a scalar or an aggregate of the other kind gives way.
+  // The element with that key, borrowed. If there is none: returns null, or with create makes a new
+  // NULL element. To hold it, a scalar or an aggregate of the other kind becomes an empty aggregate
+  // first.
   virtual Variable* Element(const AggregateIndex& index, int create);
   // Applies the indices in turn; an empty or null path gives the variable itself.
   virtual Variable* Element(List<AggregateIndex>* path, int create);
-  // Makes the variable itself the element, with a count of its own, replacing what stood there.
+  // Makes the given variable itself the element, with a count of its own, and replaces the old
+  // element.
   virtual void SetElement(const AggregateIndex& index, Variable* variable);
   // Inserts before position index, moving that and all later elements up by one; below 1 appends.
   virtual void InsertElement(int index, Variable* variable);
@@ -143,13 +151,14 @@ class Variable {
   // Removes count positions from start on, and with compact moves the later elements down by
   // count. A count of -1 removes all from start on. Anything but an array becomes an empty one.
   virtual void DeleteElements(int start, int count, bool compact);
-  // Inserts positions of another array (or of this one) before dest, moving what is there up by
-  // count. A start or dest below 1 and a negative count mean: from the first, at the end, up to
-  // the last. With copy false the elements are shared by both arrays.
+  // Inserts count positions of another array (or of this one) before dest, after moving the
+  // elements from dest on up by count. A start below 1 means the first position, a dest below 1 the
+  // end, and a negative count all up to the last. With copy false both arrays share the elements.
   virtual void MergeElements(Variable* source, int start, int count, int dest, bool copy);
-  // The same, but overwrites what is there. Gaps of the source leave the target as it was.
+  // The same, but overwrites the positions from dest on. Gaps of the source leave the target
+  // unchanged.
   virtual void CopyElements(Variable* source, int start, int count, int dest, bool copy);
-  // Renumbers an array from 1 on and answers its count of elements; 0 for anything else.
+  // Renumbers an array from 1 on and returns its number of elements; 0 for anything else.
   virtual int CollapseElements();
   // Largest and smallest position; 0 when there is none, -1 for a structure.
   virtual int Max();
@@ -163,48 +172,49 @@ class Variable {
   virtual void IncRefCount();
   virtual void DecRefCount();
 
-  // Fill one cache from the other forms. Called by the reads above when a form is not valid: the
-  // hook by which a subclass computes its value. They work on this object, never on a target.
+  // Fill one cache from the other forms. The reads above call them when a form is not valid; a
+  // subclass overrides them to compute its value. They work on this object, never on a target.
   virtual void Convert_String();
   virtual void Convert_Integer();
   virtual void Convert_Double();
-  // Makes the object an empty aggregate of that kind, unless it has the kind already. A reference
-  // stays as it is.
+  // Makes the object an empty aggregate of that kind, unless it already has the kind. No effect on
+  // a reference.
   virtual void Convert_Aggregate(AggregateType kind);
-  // Appends the text form, elements separated by commas in the order of their keys. A variable
-  // that contains itself is met as empty within itself. When the time limit of the run
-  // (base/core/RunLimit.h) passes on the way, nothing is appended.
+  // Appends the text form: elements separated by commas, in the order of their keys. A variable
+  // that contains itself is empty text within itself. If the time limit of the run
+  // (base/core/RunLimit.h) passes during the call, nothing is appended.
   virtual void Serialize(String& out);
-  // Turns the variable into a reference to the target, or a reference to another target. Nothing
-  // happens for null, and where the chain would end at this variable.
+  // Turns the variable into a reference to the target, or makes a reference refer to another
+  // target. No effect for null, or if the chain would end at this variable.
   virtual void Make_Reference(Variable* target);
   // The type() of a reference's target, or the object's own.
   virtual int TypeReferredTo();
 
   // --- Short ways ------------------------------------------------------------------------------
-  // What the virtual operations of like name do, without the virtual call where the variable is an
-  // ordinary one, as most are in a running script. All others are served by the virtual operation,
-  // so a caller need not ask IsPlain() before.
+  // These do the same as the virtual operations of like name, without the virtual call if the
+  // variable is an ordinary one, as most are in a running script. For all others they call the
+  // virtual operation, so a caller need not check IsPlain() first.
 
-  // Whether this is a Variable and of no derived class, and no reference: then nothing is computed
-  // or refused, and value and elements are the object's own.
+  // Whether the object is a Variable, not of a derived class, and no reference: then no value is
+  // computed, no store refused, and value and elements are the object's own.
   bool IsPlain() const { return !(state & NotPlain) || ProvesPlain(); }
-  // The same, though its text may be watched: whatever is done with it runs no code but its own.
+  // The same, but its text may be watched (DeferredText.h): operations run no code of a derived
+  // class.
   bool IsOrdinary() const { return IsOfThisClass() && !redirected(); }
-  // The forms, as bits of Form, in which a plain scalar has its value; 0 for a NULL scalar, for
-  // an aggregate and for what is not plain.
+  // The valid forms of a plain scalar, as bits of Form; 0 for a NULL scalar, for an aggregate and
+  // for a variable that is not plain.
   unsigned plain_forms() const { return IsPlain() ? state & AllForms : 0u; }
-  // Whether a plain variable is stored as a number of that form and has no other form of it: what
-  // numbers of a running script mostly are, in one comparison.
+  // Whether the variable is plain and has the number in that form and no other. One comparison;
+  // most numbers of a running script are like this.
   bool HoldsInteger() const { return state == IntegerForm; }
   bool HoldsDouble() const { return state == DoubleForm; }
-  // For a variable whose plain_forms() is not 0.
+  // REQUIRES: plain_forms() is not 0.
   bool has_double() const { return (state & DoubleForm) != 0; }
-  // For a variable whose plain_forms() has that form.
+  // REQUIRES: plain_forms() contains that form.
   int plain_integer() const { return integer_value; }
   double plain_double() const { return double_value; }
   const String& plain_text() const { return string_value; }
-  // For one that is plain.
+  // REQUIRES: IsPlain().
   int plain_count() const { return refcount_; }
 
   // value_integer()
@@ -276,8 +286,8 @@ class Variable {
     CopyForms(source);
     return 1;
   }
-  // SetValue(source) for a plain scalar and a plain source that is stored as a number and nothing
-  // else; false, and nothing done, for others.
+  // SetValue(source) for a plain scalar and a plain source that has number forms and no text.
+  // Returns false and does nothing for others.
   bool CopyNumber(const Variable& source) {
     const unsigned forms = source.plain_forms();
     if (forms == 0 || (forms & TextForm) || !IsPlain() || elements) return false;
@@ -302,7 +312,9 @@ class Variable {
       DeletePlain();
     }
   }
-  // Stores the first value in a variable that is as new, and held by a table alone. It wakes.
+  // Stores the first value and wakes the variable.
+  // REQUIRES: the variable has the state of a new one (it may be asleep), and only its table holds
+  // it.
   void Begin(double value) {
     assert((state & ~Asleep) == 0 && !elements);
     double_value = value;
@@ -315,12 +327,12 @@ class Variable {
     state = IntegerForm;
     primary = PrimaryInteger;
   }
-  // Makes a local variable, whose call is over, as new for the next call, and puts it to sleep;
-  // false if that can be told from a new one: somebody else holds it, or it has been more than a
-  // scalar.
+  // Resets a local variable, after its call has ended, for the next call, and puts it to sleep.
+  // Returns false if a script could distinguish it from a new variable: there is another holder, or
+  // it has been more than a scalar.
   bool Renew();
-  // The same for one that has held numbers and no more, as most have; false, and nothing done, for
-  // others.
+  // The same for a variable that has held only numbers, as most have. Returns false and does
+  // nothing for others.
   bool RenewNumber() {
     if ((state & (NotPlain | Suspect)) || refcount_ != 1 || elements || string_value.data ||
         error_.data || name_.allocated != SharedMark) {
@@ -332,62 +344,65 @@ class Variable {
     primary = PrimaryNone;
     return true;
   }
-  // Whether it waits in its row for a call to touch it: to scripts it does not exist. Only the
-  // table that holds it may have its pointer, and wakes it before handing it out.
+  // Whether it waits in its table's row until a call touches it: until then it does not exist for
+  // scripts. Only the table may have its pointer, and wakes it before handing it out.
   bool IsAsleep() const { return (state & Asleep) != 0; }
   void Wake() { state &= ~Asleep; }
   // Element(AggregateIndex(position), create)
   Variable* At(int position, int create);
-  // What a script's read or store of a number by position does, for a number as value_double()
-  // gives it and a position of 1 or more; false, and nothing done, where that takes more. The
-  // element has no variable while nobody asks for it. In base/values/Aggregate.h.
+  // A script's read or store of a number by position, the number as value_double() gives it. Return
+  // false and change nothing (but *number, which is then undefined) where more work is needed. The
+  // element gets no Variable until a caller needs one. In base/values/Aggregate.h.
+  // REQUIRES: position is 1 or more.
   bool ReadElement(int position, double* number);
   template <typename Number>  // int or double
   bool WriteElement(int position, Number number);
-  // Element(AggregateIndex(name, length), create) for a name of known length, which is only
-  // looked at. In base/values/Aggregate.h.
+  // Element(AggregateIndex(name, length), create), but a search copies no name. length is in bytes;
+  // -1 is not allowed. In base/values/Aggregate.h.
   Variable* Member(const char* name, int length, int create);
 
   // The text test of IsTrue().
   static int IsTrue(const char* text, int length);
 
-  // Turns the object, under all who hold it, into a NULL value that ignores writes: for a variable
+  // Turns the object, for all its holders, into a NULL value that ignores writes: for a variable
   // whose database goes away while scripts still refer to it. Counts stay.
   void Make_NULL();
 
-  // Deletes what only holds itself: variables of this thread that contain or refer to one another
-  // in a circle and that nobody else counts on. The host calls it once at the end of a request or
-  // task, after machine and tables are gone.
+  // Deletes variables of this thread that only hold themselves: they contain or refer to one
+  // another in a circle, and no other holder has a count on them. The host calls it once at the end
+  // of a request or task, after machine and tables are gone.
   static void FreeCycles();
 
  protected:
   // Further bits of state, above those of Form.
   static constexpr uint32_t AllForms = TextForm | IntegerForm | DoubleForm;
-  static constexpr uint32_t Watched = 0x100;    // the text is part of another, DeferredText.h
-  static constexpr uint32_t Reference = 0x200;  // value and elements are those of a target
-  static constexpr uint32_t Gone = 0x400;       // there is no value, and there will be none
-  static constexpr uint32_t Unproved = 0x800;   // the object may be of a derived class
+  static constexpr uint32_t Watched = 0x100;    // a DeferredText borrows the text
+  static constexpr uint32_t Reference = 0x200;  // a target has the value and elements
+  static constexpr uint32_t Gone = 0x400;       // NULL for good, after Make_NULL()
+  static constexpr uint32_t Unproved = 0x800;   // the object's class was not checked yet
   static constexpr uint32_t NotPlain = Watched | Reference | Gone | Unproved;
-  static constexpr uint32_t Walked = 0x1000;   // a walk is inside of this variable
+  static constexpr uint32_t Walked = 0x1000;   // a VariableWalk is inside this variable
   static constexpr uint32_t Suspect = 0x2000;  // listed for FreeCycles
   static constexpr uint32_t Asleep = 0x4000;   // see IsAsleep()
-  // For a time, and with the number forms for scratch, which what is marked has no use for:
+  // Temporary. While one of these is set, integer_value and double_value are scratch: the kinds of
+  // variable that get these marks have no number of their own.
   static constexpr uint32_t Indebted = 0x8000;   // in the list of a ReleaseGroup
   static constexpr uint32_t Settling = 0x10000;  // on a chain that a ReleaseGroup settles
   static constexpr uint32_t Reached = 0x20000;   // in the list of FreeCycles
-  static constexpr uint32_t Held = 0x40000;      // and held from outside of it
+  static constexpr uint32_t Held = 0x40000;      // and reachable from a holder outside that list
 
-  // Whether reads and writes go elsewhere: to a target, or nowhere.
+  // Whether reads and writes go to a target, or nowhere.
   bool redirected() const { return (state & (Reference | Gone)) != 0; }
-  // Also wakes: a number that is stored in a sleeping variable, in line, needs no test for it.
+  // Also clears Asleep, so that inline stores of numbers need no test for a sleeping variable.
   void SetForms(uint32_t forms) { state = (state & ~(AllForms | Asleep)) | forms; }
 
-  String name_;  // while it is shared the text is a SharedName's, and allocated is SharedMark
+  String name_;  // if allocated is SharedMark, the text is a SharedName's
   String string_value;
   int integer_value = 0;
   double double_value = 0.0;
-  // One word, so that one test tells whether a value can be had at once. What runs often goes by
-  // the word throughout: a byte that was just written makes a read of the word wait.
+  // One word, so that one test shows whether a form can be read directly. Hot code uses the word
+  // throughout: a load of the word after a store of its low byte misses store forwarding and
+  // stalls.
   union {
     mutable uint32_t state = Unproved;  // bits of Form and those above
     uint8_t valid_forms;
@@ -396,7 +411,7 @@ class Variable {
   AggregateType aggregate = AggregateNone;
   AggregateElementTree* elements = nullptr;
   int refcount_ = 1;
-  int suspect_place = 0;  // among those listed, if it is Suspect
+  int suspect_place = 0;  // index in the list of suspects, if it is Suspect
   String error_;
   Variable* reference = nullptr;
 
@@ -420,12 +435,14 @@ class Variable {
   bool IsOfThisClass() const {
     return *reinterpret_cast<const void* const*>(this) == VariableOperations + 2;
   }
-  // IsPlain() where the object's class was not looked at yet. Not for constructors, in which a
-  // derived object still is of the base class.
+  // The slow part of IsPlain(): checks the object's class and remembers the result.
+  // REQUIRES: not called from a constructor, where a derived object still has the base class's
+  // table.
   bool ProvesPlain() const;
   Variable* Final();
   Variable* SearchMember(const char* name, int length, int create);
-  // Like redirected(), for what changes text or kind: who watches takes its copy first.
+  // redirected() for operations that change text or kind: a DeferredText that watches the text
+  // copies it first.
   bool RedirectedStore() {
     Changing();
     return redirected();
@@ -434,8 +451,9 @@ class Variable {
     if (state & Watched) Unwatch();
   }
   void Unwatch();
-  // For DeferredText: the length of a text that can be watched, or -1; whether it is watched; and
-  // bytes behind it, to the outcome that storing the whole text has.
+  // For DeferredText. WatchableText returns the length of the text, or -1 if it cannot be watched.
+  // AppendText appends bytes; the outcome is that of storing the whole text, with adopted by
+  // SetValue_Nocopy, else by SetValue.
   int WatchableText();
   bool watched() const { return (state & Watched) != 0; }
   void SetWatched(bool watched) {
@@ -443,8 +461,8 @@ class Variable {
     if (watched) state |= Watched;
   }
   void AppendText(const char* bytes, int count, bool adopted);
-  // What SetValue_Nocopy with a copy of count + 1 bytes does, in the buffer that is there if the
-  // bytes fit; false, and nothing done, for what is no plain scalar.
+  // The same as SetValue_Nocopy with a copy of count + 1 bytes, but reuses the present buffer if
+  // the bytes fit. Returns false and does nothing if this is no plain scalar.
   bool CopyAsAdopted(const char* bytes, int count);
   void StoreIntegerText();
   void DropElements();
@@ -457,7 +475,7 @@ class Variable {
   void PlaceElement(Variable* element, int position, bool copy);
   void NoteEdge(Variable* target);
   void ForgetSuspect();
-  // IncRefCount and DecRefCount, so many times.
+  // IncRefCount and DecRefCount, counts times.
   static void AddCounts(Variable* holder, int counts);
   static void TakeCounts(Variable* holder, int counts);
   static void TakeCountsNow(Variable* holder, int counts);
@@ -477,13 +495,13 @@ class Variable {
   static void DeleteTree(AggregateElementTree* tree);
 };
 
-// For whoever releases many variables at once: the end of a table, of frames, of elements.
+// Used where many variables are released at once: at the end of a table, of frames, of elements.
 //
-// A count of a reference is a count of all that it refers to, so that to release the references of
-// a chain one by one takes time by the square of its length. While a group lives, a reference keeps
-// the counts that it owes its target, and hands them on in one sum when it is deleted, or at the
-// end of the outermost group of the thread. What nobody holds is deleted at once all the same;
-// until that end, counts of what others refer to may be too high. Allocates nothing.
+// A count on a reference is a count on all that it refers to, so releasing the references of a
+// chain one by one takes time quadratic in its length. While a group lives, a reference keeps the
+// counts that it owes its target, and passes them on in one sum when it is deleted, or at the end
+// of the thread's outermost group. A variable without holders is still deleted at once; until that
+// end, the counts of targets may be too high. Allocates nothing.
 class ReleaseGroup {
  public:
   ReleaseGroup();
@@ -498,7 +516,7 @@ class ReferenceVariable : public Variable {
   // Takes a count on the target; null makes a reference that reads as NULL and ignores writes.
   ReferenceVariable(const char* name, int length, Variable* target);
   ReferenceVariable(SharedName* name, Variable* target);
-  // Refers to the element of the target that the path names, which is made if it is not there.
+  // Refers to the element of the target that the path names; a missing element is made.
   ReferenceVariable(const String& name, Variable* target, List<AggregateIndex>* path);
 };
 
@@ -525,7 +543,7 @@ class ImmutableVariable : public Variable {
   int SetValue_Nocopy(char* buffer, int length, int allocated) override;
   int SetValue_Integer(int value) override;
   int SetValue_Double(double value) override;
-  // With create, a missing element is the null_element: it takes writes and shows none of them.
+  // With create, a missing element is the null_element, which ignores all writes.
   Variable* Element(const AggregateIndex& index, int create) override;
   Variable* Element(List<AggregateIndex>* path, int create) override;
   void SetElement(const AggregateIndex& index, Variable* variable) override;
@@ -534,18 +552,19 @@ class ImmutableVariable : public Variable {
   void DeleteElements(int start, int count, bool compact) override;
   void MergeElements(Variable* source, int start, int count, int dest, bool copy) override;
   void CopyElements(Variable* source, int start, int count, int dest, bool copy) override;
-  // Does not renumber: the count of elements of an array, else 0.
+  // Does not renumber. Returns the number of elements of an array, else 0.
   int CollapseElements() override;
   void Make_Reference(Variable* target) override;
 
  protected:
-  Variable* null_element = nullptr;  // made at the first miss with create; owned
+  Variable* null_element = nullptr;  // made at the first miss with create; one count is owned
 
  private:
   Variable* Missing(int create);
 };
 
-// The value of what is not there. Reads as empty, ignores writes, and any element of it is itself.
+// The value of something that does not exist. Reads as empty, ignores writes, and any element of it
+// is itself.
 class NULLVariable : public ImmutableVariable {
  public:
   NULLVariable() = default;
@@ -575,7 +594,7 @@ class VariableList : public List<Variable> {
 
   // Takes a count.
   void Insert(Variable* variable, ListPosition position) override;
-  // Takes a count if count_it is not 0; otherwise adopts one that the caller held.
+  // Takes a count if count_it is not 0; otherwise adopts a count of the caller's.
   void Insert(Variable* variable, ListPosition position, int count_it);
   void Purge(Variable* variable) override;
   // Empties the list and deletes it.

@@ -1,7 +1,8 @@
-// Values that hold only themselves. Counts free everything but circles: an array that is its own
-// element, an element that refers to its array. Scripts can make them, so a request that ends looks
-// for them. Memory may be what the request has run out of, so the search allocates nothing: it
-// marks and links the variables themselves. Tested in tests/base/values/VariableCyclesTest.cpp.
+// Finds and deletes values that hold only themselves. Counts free everything except circles: an
+// array that is its own element, an element that refers to its array. Scripts can make them, so the
+// host searches for them at the end of a request. The request may have run out of memory, so the
+// search allocates nothing: it marks and links the variables themselves. Tested in
+// tests/base/values/VariableCyclesTest.cpp.
 
 #include <vector>
 
@@ -10,9 +11,9 @@
 
 namespace {
 
-// A circle closes when something gets to hold a variable that has elements: from there a way may
-// lead back. Such holders are listed here, flagged as suspect, until they are deleted. Copies hold
-// nothing but new variables and are never listed, so for most requests the list stays empty.
+// A circle closes when a variable begins to hold another one that has elements: from there a way
+// may lead back. Such holders are listed here and flagged Suspect until they are deleted. A copy
+// holds only new variables and is never listed, so for most requests the list stays empty.
 std::vector<Variable*>& Suspects() {
   thread_local std::vector<Variable*> suspects;
   return suspects;
@@ -20,13 +21,13 @@ std::vector<Variable*>& Suspects() {
 
 }  // namespace
 
-// Trial deletion: takes all that the suspects reach and subtracts the counts that these variables
-// have on one another. Who has counts left is held from outside, with all that it reaches. The
-// others are a circle, or hang on one.
+// Trial deletion: collects all variables that the suspects reach, and subtracts the counts that
+// these variables have on one another. A variable with counts left has a holder outside, and all
+// that it reaches is held too. The others are in a circle, or are only reachable from one.
 //
-// Only variables that hold others, with elements or as references, are looked at. Neither kind has
-// a number of its own, so the count of those found and the link to the next variable stand there.
-// A variable without elements that hangs on a circle goes with what holds it.
+// Only variables that hold others, by elements or as references, are collected. Neither kind has a
+// number of its own, so these fields keep the number of counts found and the link to the next
+// variable. A variable without elements is deleted when its last holder is.
 class VariableCycles {
  public:
   void Free(const std::vector<Variable*>& suspects) {
@@ -81,7 +82,8 @@ class VariableCycles {
     }
   }
 
-  // Marks a variable, and what it refers to; elements wait for their turn.
+  // Marks a variable and what it refers to. Its elements are marked later, from the list to_mark,
+  // so that deep nesting needs no native stack.
   void Hold(Variable* variable) {
     for (; variable; variable = variable->reference) {
       if ((variable->state & (Variable::Reached | Variable::Held)) != Variable::Reached) return;
@@ -92,7 +94,7 @@ class VariableCycles {
     }
   }
 
-  // Takes what is held off the list, so that the marks are those of the others alone.
+  // Takes held variables off the list, so that only the others stay marked.
   void LeaveHeld() {
     Variable* next = first;
     first = nullptr;
@@ -108,9 +110,9 @@ class VariableCycles {
     }
   }
 
-  // All counts of these are their own. So they need not be given back one by one, but none may
-  // reach 0 before its turn. References come first: what is released then is no reference to one
-  // of these any more.
+  // The remaining variables have counts only from one another. So these need not be given back one
+  // by one, but no count may reach 0 before its turn. References are dropped first, so that no
+  // variable released later is a reference to one of these.
   void DeleteOthers() {
     const ReleaseGroup group;
     for (Variable* variable = first; variable; variable = variable->link()) {
@@ -138,7 +140,7 @@ class VariableCycles {
   AggregateElementTree* to_mark = nullptr;
 };
 
-// Before the target is held, so that nothing has to be taken back if the list cannot grow.
+// Called before the target is held, so that nothing has to be undone if the list cannot grow.
 void Variable::NoteEdge(Variable* target) {
   if ((state & Suspect) || !target) return;
   const AggregateElementTree* tree = target->Final()->elements;
@@ -162,7 +164,7 @@ void Variable::ForgetSuspect() {
 void Variable::FreeCycles() {
   std::vector<Variable*>& listed = Suspects();
   if (!listed.empty()) VariableCycles().Free(listed);
-  // Those left are somebody's: a library may keep variables beyond a request.
+  // The survivors have other holders: a library may keep variables beyond a request.
   for (Variable* survivor : listed) survivor->state &= ~Suspect;
   std::vector<Variable*>().swap(listed);
 }

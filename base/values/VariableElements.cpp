@@ -1,6 +1,6 @@
-// Arrays and structures: what a Variable does with its elements. Positions and counts come from
-// scripts unchecked, so sums wrap and every walk ends, at the latest when the time limit has
-// passed. Tested in tests/base/values/VariableElementsTest.cpp.
+// The operations of a Variable on its elements. Positions and counts come from scripts unchecked,
+// so sums wrap, and every walk ends, at the latest when the time limit has passed. Tested in
+// tests/base/values/VariableElementsTest.cpp.
 
 #include "base/core/RunLimit.h"
 #include "base/values/Aggregate.h"
@@ -8,7 +8,7 @@
 #include "base/values/VariableRef.h"
 
 namespace {
-// Elements that are placed or deleted between two looks at the limit: each may be large.
+// Elements that are placed or deleted between two checks of the time limit: each may be large.
 constexpr int kElements = 256;
 }  // namespace
 
@@ -65,7 +65,7 @@ Variable* Variable::Element(List<AggregateIndex>* path, int create) {
   return variable;
 }
 
-// The variable may be one of the elements that give way, so it is held first.
+// The variable may be one of the elements that Convert_Aggregate drops, so it is held first.
 void Variable::SetElement(const AggregateIndex& index, Variable* variable) {
   if (redirected()) {
     if (reference) Final()->SetElement(index, variable);
@@ -116,14 +116,14 @@ void Variable::DeleteElement(const AggregateIndex& index, bool compact) {
     return;
   }
   if (aggregate != index.kind()) return;
-  // The index may be the element's own, which is gone after this.
+  // The index may be the key of the removed element, which is deleted with it.
   const int position = index.position;
   if (!elements->IsRow() || !elements->RemoveFromRow(position)) delete elements->Remove(index);
   if (aggregate == AggregateArray && compact) elements->Displace(WrapAdd(position, 1), -1);
 }
 
-// Remove may lose elements from where a search finds them. What it does not give back ends the
-// loop, else the loop would meet the same element for ever.
+// Remove can leave elements where a search does not find them. If it returns none, the loop ends,
+// because it would otherwise meet the same element forever.
 void Variable::DeleteElements(int start, int count, bool compact) {
   if (redirected()) {
     if (reference) Final()->DeleteElements(start, count, compact);
@@ -157,7 +157,7 @@ void Variable::DeleteElements(int start, int count, bool compact) {
   if (compact) elements->Displace(end, WrapSubtract(0, count));
 }
 
-// Makes a copy of an element's variable, or that variable itself, the element at the position.
+// Stores an element's variable, or a copy of it, at the position.
 void Variable::PlaceElement(Variable* element, int position, bool copy) {
   const AggregateIndex place(position);
   if (!copy || !element) {
@@ -168,8 +168,9 @@ void Variable::PlaceElement(Variable* element, int position, bool copy) {
   SetElement(place, variable.get());
 }
 
-// Places the elements from start up to, not including, end, walking upward. In a walk through the
-// own elements those just placed may lie ahead; no honest walk visits more than were there.
+// Places the elements from start up to, not including, end, walking upward. In a walk through this
+// array's own elements, those just placed may be ahead; so the number of steps is limited to the
+// number of elements at the start.
 void Variable::PlaceRange(Variable* source, int start, int end, int delta, bool copy) {
   int left = source->ElementsUsed();
   auto place = source->aggregateelements()->NextPlace(WrapSubtract(start, 1));
@@ -248,8 +249,8 @@ void Variable::MergeElements(Variable* source, int start, int count, int dest, b
     // The whole range has moved up with the gap.
     PlaceRange(this, end, WrapAdd(end, count), WrapSubtract(dest, end), copy);
   } else {
-    // The gap has split the range. The bound of its upper part is wider than the part, and what
-    // lies between is merged as well: scripts know it so.
+    // The gap has split the range. The bound of its upper part is larger than needed, so the
+    // elements between are merged as well: scripts rely on that.
     PlaceRange(this, start, dest, delta, copy);
     const int bound = WrapAdd(WrapAdd(WrapAdd(dest, count), count), count);
     PlaceRange(this, WrapAdd(dest, count), bound, WrapSubtract(delta, count), copy);

@@ -5,12 +5,12 @@
 
 #include "base/values/Variable.h"
 
-// Holds one count, or nothing, and gives it back when it goes. Not shared between threads, as
-// little as the Variable itself.
+// Holds one count, or nothing, and releases it on destruction. Like the Variable itself, not shared
+// between threads.
 class VariableRef {
  public:
   VariableRef() = default;
-  // Adopts a count that the caller holds: that of a Variable just made, or of a popped entry.
+  // Adopts a count that the caller holds: that of a new Variable, or of a popped entry.
   explicit VariableRef(Variable* adopted) : variable_(adopted) {}
   VariableRef(VariableRef&& other) noexcept : variable_(other.release()) {}
   VariableRef& operator=(VariableRef&& other) noexcept {
@@ -21,8 +21,8 @@ class VariableRef {
   VariableRef& operator=(const VariableRef&) = delete;
   ~VariableRef() { reset(); }
 
-  // Takes a count of its own, so that the variable outlives what the caller is about to do.
-  // Null gives an empty guard.
+  // Takes a count of its own, so that the variable survives the caller's next steps. Null gives an
+  // empty guard.
   [[nodiscard]] static VariableRef Share(Variable* variable) {
     if (variable) variable->Hold();
     return VariableRef(variable);
@@ -33,13 +33,13 @@ class VariableRef {
   Variable& operator*() const { return *variable_; }
   explicit operator bool() const { return variable_ != nullptr; }
 
-  // Hands the count to the caller; the guard is empty afterwards.
+  // Passes the count to the caller; the guard is empty afterwards.
   [[nodiscard]] Variable* release() {
     Variable* variable = variable_;
     variable_ = nullptr;
     return variable;
   }
-  // Gives the count back and adopts another one.
+  // Releases the count and adopts another one.
   void reset(Variable* adopted = nullptr) {
     Variable* old = variable_;
     variable_ = adopted;

@@ -1,4 +1,4 @@
-// Tested in tests/base/values/VariableWalkTest.cpp.
+// The walk through nested values. Tested in tests/base/values/VariableWalkTest.cpp.
 
 #include "base/values/VariableWalk.h"
 

@@ -1,9 +1,9 @@
 // tablestore DIR N: records with an id, a name, an amount and a date, and an index on the name.
-// Puts N of them one by one into a new table in DIR, looks N names up in random order, walks over
-// all records in the order of the names, and over all in the order of the table. Each operation
+// Appends N of them one by one to a new table in DIR, looks N names up in random order, and walks
+// over all records, first in the order of the names, then in the order of the table. Each operation
 // takes the locks that it takes in an engine. Prints one line of JSON: microseconds for each
-// operation by the clock and of the processor, and the sums that tell whether the right records
-// were met.
+// operation, as wall time and processor time, and the sums that show whether the right records were
+// read.
 
 #include <cstdio>
 #include <cstdlib>
@@ -21,7 +21,7 @@ namespace {
 
 enum FieldPlace { kId, kName, kAmount, kDay, kFields };
 
-// A permutation of the numbers makes names that are unique and come in no order.
+// A permutation of the numbers gives names that are unique and in no order.
 std::string NameOf(long i) {
   char text[32];
   snprintf(text, sizeof(text), "customer %06ld", (i * 7919 + 12345) % 100003);
@@ -39,7 +39,7 @@ double Now(clockid_t clock) {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-// Microseconds for each operation since it was made.
+// Microseconds for each operation, since the timer was made.
 class Timer {
  public:
   Timer() : wall(Now(CLOCK_MONOTONIC)), processor(Now(CLOCK_PROCESS_CPUTIME_ID)) {}

@@ -10,7 +10,7 @@
 
 #include "api/zeph.h"
 
-/* The parameters stand in the order of their declaration. */
+/* The parameters are in the order of their declaration. */
 static const char* text_argument(ZPVARIABLEHASH parameters, int* length) {
   ZPVARIABLE text = zpVariableHash_Index(parameters, 0, 1);
   const char* bytes = text ? zpVariable_Value(text, length) : 0;

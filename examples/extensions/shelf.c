@@ -1,14 +1,14 @@
-/* shelf: a builtin library for pages that take files from their visitors. What they keep lies in
-   the folder "shelf" of the data directory.
+/* shelf: a builtin library for pages that take files from their visitors. They are kept in the
+   folder "shelf" of the data directory.
 
-     keep(path, name)         moves an uploaded file there and answers the name that it has got: a
-                              visitor's name with nothing in it that could lead elsewhere, and a
-                              number where there was one of that name; empty if it cannot be kept
-     shelf(list var)          answers how many files there are; list becomes an array, in the order
+     keep(path, name)         moves an uploaded file there and returns its new name: the visitor's
+                              name without anything that could lead to another folder, and with a
+                              number if the name was taken; empty if the file cannot be kept
+     shelf(list var)          returns how many files there are; list becomes an array, in the order
                               of the names, of structures with the members name and bytes
      html(text)               the text as a page shows it: "<" is written "&lt;", and so on
 
-   Everything a visitor sends is shown through html, and no path is made of it but by keep. */
+   Pages show all input of a visitor through html, and only keep makes a path of it. */
 
 #define _POSIX_C_SOURCE 200809L
 
@@ -22,7 +22,8 @@ enum { longest_name = 80, most_numbers = 10000 };
 
 static const char folder[] = "shelf/";
 
-/* The argument of that name. A script may have declared others: null, with its error told. */
+/* The argument of that name. A script may have declared the function with other parameters: then
+   the result is null, and the script's error is set. */
 static ZPVARIABLE find_argument(ZPPROGRAM program, ZPVARIABLEHASH parameters, const char* name) {
   ZPVARIABLE argument = zpVariableHash_Find(parameters, name, -1);
   if (argument == NULL) {
@@ -40,8 +41,8 @@ static int is_plain(unsigned char c) {
          c == '-' || c == '_' || c == '.';
 }
 
-/* What stands behind the last slash of either kind, as a name of a file that is not hidden. clean
-   has room for longest_name bytes and a NUL. */
+/* Makes a file name that is not hidden of the part after the last slash or backslash. clean has
+   room for longest_name bytes and a NUL. */
 static void clean_name(const char* name, int length, char* clean) {
   int used = 0;
   for (int i = 0; i < length; i++) {
@@ -67,7 +68,7 @@ static void numbered_path(const char* name, int n, char* path, size_t room) {
   }
 }
 
-/* Takes the first path that is free, by making the file: no other request gets the same one. */
+/* Finds the first free path and creates the file, so that no other request gets the same path. */
 static int reserve_path(ZPPROGRAM program, const char* name, char* path, size_t room) {
   for (int n = 1; n <= most_numbers; n++) {
     numbered_path(name, n, path, room);
@@ -93,7 +94,7 @@ static void keep(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result
   char name[longest_name + 1];
   clean_name(text, length, name);
   char path[longest_name + sizeof folder + 16];
-  zpFile_MakeDirectory(program, ZPFILE_DATA, "shelf", -1); /* most times it is there */
+  zpFile_MakeDirectory(program, ZPFILE_DATA, "shelf", -1); /* usually exists */
   if (!reserve_path(program, name, path, sizeof path)) return;
   const char* uploaded = zpVariable_Value(from, &length);
   if (zpFile_Rename(program, ZPFILE_DATA, uploaded, length, ZPFILE_DATA, path, -1) != 0) {
@@ -109,8 +110,8 @@ static int compare_names(const void* a, const void* b) {
   return strcmp(*(char* const*)a, *(char* const*)b);
 }
 
-/* A copy of each name, in an array that has been made with malloc; hidden ones are left out. Null
-   without any. */
+/* Copies of the names, in an array from malloc; hidden files are left out. Null if there are no
+   names. */
 static char** sorted_names(ZPVARIABLELIST list, int* count) {
   *count = 0;
   char** names = calloc((size_t)zpVariableList_Entries(list) + 1, sizeof *names);

@@ -1,11 +1,11 @@
 /* textstat: a builtin library for pages about texts. Scripts declare its functions as external ones
    and call them like their own:
 
-     measure(text, report var)  answers the count of words; report becomes a structure with the
+     measure(text, report var)  returns the count of words; report becomes a structure with the
                                 members characters, words, lines and longest
      slug(title)                "Ten Years After!" -> "ten-years-after", for addresses and anchors;
-                                no two calls of a request get the same answer
-     totals(report var)         answers how many texts were measured in this request; report as
+                                no two calls of a request return the same slug
+     totals(report var)         returns how many texts were measured in this request; report as
                                 above, over all of them
 
    It shows the three places where a library keeps something: variables, which are the script's; the
@@ -13,7 +13,7 @@
    a request find by name (measure and totals). Nothing is kept beyond the request, and no static
    variable changes, since the engine runs many requests at the same time.
 
-   docs/extensions.md tells how it is built and registered. */
+   docs/extensions.md says how it is built and registered. */
 
 #include <ctype.h>
 #include <stdio.h>
@@ -24,7 +24,8 @@
 
 /* --- Arguments -------------------------------------------------------------------------------- */
 
-/* The argument of that name. A script may have declared others: null, with its error told. */
+/* The argument of that name. A script may have declared the function with other parameters: then
+   the result is null, and the script's error is set. */
 static ZPVARIABLE find_argument(ZPPROGRAM program, ZPVARIABLEHASH parameters, const char* name) {
   ZPVARIABLE argument = zpVariableHash_Find(parameters, name, -1);
   if (argument == NULL) {
@@ -47,7 +48,7 @@ typedef struct Measures {
   int longest_characters;
 } Measures;
 
-/* Bytes of UTF-8 that continue a character do not count as one. */
+/* UTF-8 continuation bytes do not count as characters. */
 static int count_characters(const char* text, int length) {
   int count = 0;
   for (int i = 0; i < length; i++) count += ((unsigned char)text[i] & 0xC0) != 0x80;
@@ -81,7 +82,7 @@ static void add_text(Measures* measures, const char* text, int length) {
     }
   }
   if (word >= 0) note_word(measures, text + word, length - word);
-  /* A last line without an end is a line. */
+  /* A last line without a line end counts too. */
   if (length > 0 && text[length - 1] != '\n') measures->lines++;
 }
 
@@ -109,7 +110,7 @@ static void free_totals(void* program, void* data) {
   free(totals);
 }
 
-/* Null, with the script's error told, when there is no memory. */
+/* Null, with the script's error set, if there is no memory. */
 static Measures* find_totals(ZPPROGRAM program) {
   Measures* totals = zpProgram_Lookup_Persistent(program, totals_name, -1);
   if (totals != NULL) return totals;
@@ -149,7 +150,7 @@ static void totals(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE resu
 
 /* --- Slugs ------------------------------------------------------------------------------------ */
 
-/* One that was given out. The state word of slug() points to the list of them. */
+/* A slug that was returned. The state word of slug() points to the list of them. */
 typedef struct Slug {
   struct Slug* next;
   int length;
@@ -163,8 +164,8 @@ static int is_taken(const Slug* slugs, const char* text, int length) {
   return 0;
 }
 
-/* Letters and digits, lower-case, with one "-" for whatever stands between them. Bytes beyond ASCII
-   stay as they are. The buffer has room for length bytes. */
+/* Letters and digits in lower case, with one "-" for everything between two of them. Bytes outside
+   ASCII are kept. The buffer has room for length bytes. */
 static int make_slug(const char* title, int length, char* buffer) {
   int used = 0;
   for (int i = 0; i < length; i++) {

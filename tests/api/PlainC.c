@@ -1,5 +1,5 @@
-/* The headers for extension libraries are plain C: each is included here, and this is compiled as
- * C. */
+/* The headers for extension libraries are plain C: this file includes each of them and is compiled
+   as C. */
 
 #include "api/3xapi.h"
 #include "api/zeph.h"

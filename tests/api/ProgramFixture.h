@@ -1,5 +1,5 @@
-// A running script that calls into the test: its external functions are bodies that a test gives,
-// reached through a loaded library as those of an extension are.
+// A running script that calls into the test. A test provides the bodies of its external functions;
+// the script reaches them through a loaded library, like those of an extension.
 
 #ifndef ZEPH_TESTS_API_PROGRAMFIXTURE_H
 #define ZEPH_TESTS_API_PROGRAMFIXTURE_H
@@ -34,7 +34,7 @@ class ProgramFixture : public LibraryFixture {
   }
   ~ProgramFixture() override { End(); }
 
-  // Runs a script that declares the functions "first" and "second" and calls them as it likes:
+  // Runs a script that declares the functions "first" and "second" and calls them as it needs:
   //
   //   .function first(a, b var) external
   //   .function second() external
@@ -61,7 +61,7 @@ class ProgramFixture : public LibraryFixture {
     second = std::move(body);
     return Run("call second\nout\n");
   }
-  // The end of the request.
+  // Ends the request.
   void End() { machine.reset(); }
 
   MemoryFileManager files;
@@ -89,7 +89,7 @@ class ProgramFixture : public LibraryFixture {
   _ZP_EL_FunctionTable table = {};
 };
 
-// A text that a function of the interface answers, with its length.
+// A text that a function of the interface returns, with its length.
 template <class Handle>
 std::string TextOf(const char* (*function)(Handle, int*), Handle handle) {
   int length = -1;

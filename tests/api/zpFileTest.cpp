@@ -23,7 +23,7 @@ using testing::UnorderedElementsAre;
 constexpr char outside_script[] =
     "The specified path references a path outside the configured script directory";
 
-// A script dir/page.zpc that is running, with a script directory and a data directory.
+// A running script dir/page.zpc, with a script directory and a data directory.
 class zpFile : public ProgramFixture {
  protected:
   zpFile() : manager(&application) {
@@ -35,7 +35,7 @@ class zpFile : public ProgramFixture {
     directory.File("data/plain", "plain");
   }
 
-  // Runs the body inside of the script.
+  // Runs the body inside the script.
   void Inside(std::function<void(ZPPROGRAM)> body) {
     EXPECT_EQ(Call([&](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE) { body(program); }), 1);
   }
@@ -144,7 +144,7 @@ TEST_F(zpFile, AWholeFileIsLocked) {
       EXPECT_FALSE(file->locked());
     }
     zpFile_Close(file);
-    // Type 2 is exclusive, so it needs a file that can be written.
+    // Type 2 is exclusive, so it needs a writable file.
     file = zpFile_Open(program, ZPFILE_DATA, "plain", -1, ZPFILE_READ);
     EXPECT_EQ(zpFile_Lock(file, 1), 0);
     EXPECT_EQ(zpFile_Lock(file, 2), -1);

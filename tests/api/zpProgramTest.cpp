@@ -69,7 +69,7 @@ TEST_F(zpProgram, ResultOfAnEarlierCallKeepsItsValue) {
   EXPECT_EQ(output.text, "21");
 }
 
-// Each call has variables and a result of its own, however often the function is inside of itself.
+// Each call has its own variables and result, at any depth of recursion.
 TEST_F(zpProgram, FunctionMayBeCalledWhileItRuns) {
   first = [](ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result) {
     ZPVARIABLE a = zpVariableHash_Find(parameters, "a", -1);
@@ -146,7 +146,7 @@ TEST_F(zpProgram, ListsTheVariablesThatThereAre) {
             1);
 }
 
-// Of a local that only an earlier call had, no operation tells.
+// No operation shows a local that only an earlier call had.
 TEST_F(zpProgram, ListsAndFindsTheLocalsOfThisCallAlone) {
   std::string seen;
   second = [&seen](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE) {
@@ -215,7 +215,7 @@ TEST_F(zpProgram, WritesToTheOutput) {
   EXPECT_EQ(output.flushes, 1);
 }
 
-// What a value without a text answers may be passed on as it is.
+// A value without text returns null with length 0; a library may pass both on unchanged.
 TEST_F(zpProgram, ANullTextOfNoLengthIsAnEmptyOne) {
   Call([](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE result) {
     EXPECT_EQ(zpProgram_Output(program, nullptr, 0), 0);
@@ -280,7 +280,7 @@ struct Destroyed {
   int result = -1;
 };
 
-// The program still works: the script's own function can be run.
+// The program still works, so the script's own function can be run.
 void Destroy(void* program, void* data) {
   auto* destroyed = static_cast<Destroyed*>(data);
   destroyed->program = static_cast<ZPPROGRAM>(program);
@@ -338,7 +338,7 @@ TEST_F(zpProgram, RunsFunctionsOfTheScript) {
     ZPVARIABLELIST arguments = zpVariableList_Allocate();
     zpVariableList_SetVariable(arguments, "a", -1, "2", -1);
     ZPVARIABLE sum = zpVariable_Allocate("", -1, "", -1);
-    // Another count of parameters runs nothing, a null list counts as none.
+    // With another number of parameters nothing runs; a null list counts as none.
     EXPECT_EQ(zpProgram_RunFunction(program, "sum", -1, arguments, sum), 0);
     EXPECT_EQ(zpProgram_RunFunction(program, "sum", -1, nullptr, sum), 0);
     EXPECT_EQ(zpProgram_RunFunction(program, "nobody", -1, arguments, sum), 0);
@@ -404,7 +404,7 @@ TEST_F(zpProgram, SleepsAndStartsTheClockAnew) {
   });
 }
 
-// Where a task sleeps, and for how long.
+// Records on which file a task sleeps, and until when.
 class SleepingApplication : public TestApplication {
  public:
   void AsynchronousSleep(long wakeat, Zeph_PathType type, const char* path) override {
@@ -456,8 +456,8 @@ TEST_F(zpProgram, AFunctionThatNobodyKnowsMayBeDeclared) {
   EXPECT_EQ(output.text, "page");
 }
 
-// The declarations of the fixture come first in the table of functions, so these have other names,
-// and rows of their own.
+// The declarations of the fixture come first in the table of functions, so these have other names
+// and their own rows.
 class zpProgramMismatch : public zpProgram {
  protected:
   std::string Message(const std::string& declaration, const std::string& arguments) {
@@ -496,7 +496,7 @@ TEST_F(zpProgramMismatch, AConstantByReferenceIsFatal) {
               HasSubstr(": Expected variable, found constant\n"));
 }
 
-// A compiled file may say anything of where a parameter stands.
+// A compiled file may give a parameter any position.
 TEST_F(zpProgramMismatch, AParameterOutsideOfTheTableIsFatal) {
   second = [this](ZPPROGRAM, ZPVARIABLEHASH, ZPVARIABLE) {
     script.functions.Function_Get("pair", -1)

@@ -11,7 +11,7 @@
 
 namespace {
 
-// Standard output is another file for the life of the object.
+// Redirects standard output to another file for the life of the object.
 class Redirected {
  public:
   explicit Redirected(const char* path) : saved(dup(STDOUT_FILENO)) {

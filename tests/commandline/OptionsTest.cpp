@@ -6,7 +6,7 @@
 
 namespace {
 
-// A command line; the texts live as long as it does.
+// A command line, with its texts.
 class Line {
  public:
   explicit Line(std::vector<std::string> words) : texts(std::move(words)) {

@@ -1,4 +1,4 @@
-// config/zeph.toml is what people start from, so what it says has to be true.
+// Administrators start from config/zeph.toml, so its comments have to be true.
 
 #include <gtest/gtest.h>
 
@@ -19,7 +19,7 @@ std::string ExampleText() {
   return text.str();
 }
 
-// The file with all that is commented out taken in. Prose has no "word = value" at its start.
+// The file with all commented-out settings enabled. Prose must not begin with "word = value".
 Snapshot WithAllExamples() {
   std::istringstream in(ExampleText());
   std::ostringstream out;
@@ -37,7 +37,7 @@ TEST(ExampleFile, IsInOrderAsItStands) {
   EXPECT_EQ(snapshot.settings.size(), 3u);
   EXPECT_NE(snapshot.Find(Config_dir_zeph), nullptr);
   EXPECT_NE(snapshot.Find(Config_dir_data), nullptr);
-  // A script that runs wild takes all memory within seconds, and a service should not.
+  // A runaway script takes all memory within seconds, which a service should not allow.
   ASSERT_NE(snapshot.Find(Config_memory_limit), nullptr);
   EXPECT_EQ(snapshot.Find(Config_memory_limit)->integer, 512 << 20);
   EXPECT_EQ(snapshot.error_settings, ShippedErrorSettings());

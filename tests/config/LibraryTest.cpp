@@ -1,4 +1,4 @@
-// The configuration library as the engine sees it: loaded, driven for a request, and dropped.
+// The configuration library as the engine uses it: loaded, called for a request, and dropped.
 
 #include <gtest/gtest.h>
 
@@ -26,7 +26,7 @@
 
 namespace {
 
-// All that a request gives to its configuration.
+// The objects that a request gives to its configuration.
 struct Request {
   explicit Request(ExternalLibraryManager* libraries)
       : system(&dictionary, 12, 512),
@@ -57,8 +57,8 @@ struct Request {
   std::unique_ptr<ExternalConfig> config;
 };
 
-// Each test loads a copy of the library, which so begins without a configuration. What tag errors
-// do belongs to the process and is put back.
+// Each test loads its own copy of the library, which therefore begins without a configuration. The
+// actions on tag errors belong to the process, so they are restored.
 class LibraryTest : public testing::Test {
  protected:
   LibraryTest() : library(directory.path("libzephconfig.so")), file(directory.path("test.toml")) {
@@ -121,7 +121,7 @@ TEST_F(LibraryTest, ChangedFileHoldsFromTheNextRequestOn) {
   Write("dir_zeph = '/srv/new'\ntimeout_global = 6\n");
   auto after = MakeLoaded();
   EXPECT_STREQ(after->config->value_string(Config_dir_zeph), "/srv/new");
-  // Also what it had not yet read.
+  // This value had not been read before the change.
   EXPECT_STREQ(before->config->value_string(Config_dir_zeph), "/srv/old");
 }
 
@@ -159,7 +159,7 @@ TEST_F(LibraryTest, ErrorSettingThatIsTakenOutGoesBackToTheShippedOne) {
   EXPECT_EQ(DefaultErrorSetting(29), 1);
 }
 
-// Applying them for each request would undo what something else in the process has set since.
+// If each request applied them, it would undo what other code in the process has set since.
 TEST_F(LibraryTest, ErrorSettingsAreAppliedOncePerState) {
   Write("[errors]\nZpOPEN = 3\n");
   MakeLoaded();
@@ -230,7 +230,7 @@ TEST_F(LibraryTest, ScriptSectionHoldsForMatchingScriptsOnly) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path);
     auto request = MakeLoaded();
-    // Read before the script is known, and replaced all the same.
+    // Read before the script is known, but replaced all the same.
     EXPECT_EQ(request->config->value_integer(Config_timeout_global), 5);
     ASSERT_TRUE(request->config->LoadScriptConfig(c.path, nullptr));
     EXPECT_EQ(request->config->value_integer(Config_timeout_global), c.timeout);
@@ -240,7 +240,8 @@ TEST_F(LibraryTest, ScriptSectionHoldsForMatchingScriptsOnly) {
 
 TEST_F(LibraryTest, RequestsOnManyThreadsWhileTheFileChanges) {
   Write("timeout_global = 1\n[errors]\nZpOPEN = 1\n");
-  // Loaded before the threads, as a plain library manager is no manager for several.
+  // Loaded before the threads start, because a plain library manager is not made for several
+  // threads.
   ASSERT_NE(libraries.Lookup(library.c_str()), nullptr);
   std::atomic<bool> done{false};
   std::vector<std::thread> threads;

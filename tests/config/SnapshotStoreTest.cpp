@@ -26,7 +26,7 @@ class SnapshotStoreTest : public testing::Test {
   ~SnapshotStoreTest() override { unsetenv("ZEPH_CONFIG"); }
 
   void Write(const std::string& text) { directory.File("test.toml", text); }
-  // As editors do: a new file takes the name.
+  // Replaces the file as editors do: a new file gets the name.
   void Replace(const std::string& text) {
     std::filesystem::rename(directory.File("new", text), file);
   }
@@ -37,7 +37,7 @@ class SnapshotStoreTest : public testing::Test {
   SnapshotStore store;
 };
 
-// Puts the file's time far enough back that its content counts as settled.
+// Sets the file's time far enough back that its content counts as settled.
 void Age(const std::string& path, int seconds) {
   timespec times[2] = {{1000000000 + seconds, 0}, {1000000000 + seconds, 0}};
   ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
@@ -69,8 +69,8 @@ TEST_F(SnapshotStoreTest, ChangeIsTakenAtTheNextRequest) {
   EXPECT_EQ(store.Current()->generation, 3u);
 }
 
-// A change in the same tick of the clock, of the same size and in the same file, leaves all of the
-// file's identity as it was.
+// A change in the same tick of the clock, of the same size and in the same file, leaves the file's
+// identity unchanged.
 TEST_F(SnapshotStoreTest, ChangeWithinOneTickIsSeen) {
   for (int i = 10; i < 60; i++) {
     Write("timeout_global = " + std::to_string(i) + "\n");
@@ -83,14 +83,14 @@ TEST_F(SnapshotStoreTest, EachPartOfTheIdentityCounts) {
   Age(file, 0);
   EXPECT_EQ(Timeout(), 5);
   Write("timeout_global = 6\n");
-  Age(file, 1);  // the time alone
+  Age(file, 1);  // only the time
   EXPECT_EQ(Timeout(), 6);
   Write("timeout_global = 70\n");
-  Age(file, 1);  // the size alone
+  Age(file, 1);  // only the size
   EXPECT_EQ(Timeout(), 70);
   directory.File("other", "timeout_global = 80\n");
   Age(directory.path("other"), 1);
-  std::filesystem::rename(directory.path("other"), file);  // the inode alone
+  std::filesystem::rename(directory.path("other"), file);  // only the inode
   EXPECT_EQ(Timeout(), 80);
 }
 
@@ -171,7 +171,7 @@ TEST_F(SnapshotStoreTest, FileThatCannotBeLookedAtIsAnError) {
   EXPECT_EQ(store.Current()->error, file + ": Too many levels of symbolic links");
 }
 
-// The working directory belongs to the whole process, so these restore it.
+// The working directory belongs to the whole process, so each test restores it.
 class WorkingDirectory {
  public:
   explicit WorkingDirectory(const std::string& path) : before(std::filesystem::current_path()) {

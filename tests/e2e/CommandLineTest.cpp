@@ -1,4 +1,4 @@
-// The engine's command line, and what its end looks like from outside.
+// The engine's command line, and the end of its process.
 
 #include <signal.h>
 #include <unistd.h>
@@ -10,8 +10,8 @@
 
 namespace {
 
-// Starts an engine with arguments, and answers the count of its request threads once all of them
-// are there: it handles signals when it has made them, and the heartbeat is the last to come.
+// Starts an engine with arguments. Returns the number of its request threads after all of them have
+// started: the engine handles signals only then, and the heartbeat comes last.
 int RequestThreads(const std::vector<std::string>& arguments, int expected) {
   EngineProcess engine;
   engine.arguments = arguments;
@@ -77,7 +77,7 @@ TEST(CommandLine, ATitleWithoutAValueChangesNothing) {
 }
 
 TEST(CommandLine, ScriptsSeeTheArgumentsBehindATitle) {
-  // Without PATH_INFO the first argument is the script, whatever it is.
+  // Without PATH_INFO the first argument is the script, whatever its text is.
   EngineProcess engine;
   engine.arguments = {"-p", "title"};
   engine.Script("-p", Writes("the script named -p"));
@@ -133,7 +133,7 @@ TEST(SlowCommandLine, ASignalEndsTheStartOfManyThreads) {
   EngineProcess engine;
   engine.arguments = {"-t", "3000"};
   ASSERT_TRUE(engine.Start());
-  // The heartbeat and the first threads are there.
+  // The heartbeat and the first threads have started.
   while (engine.Running() && engine.Threads() < 5) std::this_thread::yield();
   engine.Signal(SIGTERM);
   EXPECT_EQ(engine.Wait(), 0) << engine.Log();

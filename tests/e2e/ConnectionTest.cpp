@@ -1,4 +1,4 @@
-// Connections as web servers use them, and as they do not.
+// Connections as web servers use them, and as they should not.
 
 #include <atomic>
 #include <thread>
@@ -33,8 +33,8 @@ TEST_F(Connections, AKeptConnectionServesOneRequestAfterTheOther) {
 }
 
 TEST_F(Connections, AKeptConnectionServesOnWhenTheEndOfTheInputComesLate) {
-  // The record that ends the (empty) input lies just behind the 8192 bytes that are read at once,
-  // so that the script has run before anybody has looked at it.
+  // The record that ends the (empty) input comes just after the 8192 bytes that are read at once,
+  // so the script has run before that record is read.
   constexpr size_t records = 16 + 8 + 8;  // begin, and the headers of both parameter records
   FastCGIParameters parameters = engine.Parameters("/page.zpc");
   size_t length = 2 + 4 + 6;  // the lengths and the name of the filling one
@@ -70,7 +70,7 @@ TEST_F(Connections, AKeptConnectionGetsItsPageBeforeItsInputHasCome) {
   ASSERT_TRUE(client.Parameters(engine.Parameters("/page.zpc", {{"CONTENT_LENGTH", "10"}})));
   ASSERT_TRUE(client.EndParameters());
   ExpectPage(client.Read(Milliseconds(20000)), "page");
-  // With the input it is kept, and without it its thread serves others.
+  // If the input comes, the connection is kept; without it, its thread serves others.
   ASSERT_TRUE(client.EndInput());
   ExpectPage(client.Request(engine.Parameters("/page.zpc"), "", true), "page");
   ASSERT_TRUE(client.Begin(true));
@@ -125,8 +125,8 @@ TEST_F(Connections, ClientsOfTheNetworkAreThoseThatTheEnvironmentAllows) {
 }
 
 TEST_F(Connections, AScriptCannotTakeTheLastDescriptors) {
-  // Each call opens the file once more. When that fails the script goes on, and waits with all of
-  // them for a client that does not read.
+  // Each call opens the file once more. When that fails, the script goes on, and waits with all
+  // open files for a client that does not read.
   engine.descriptor_limit = 200;
   engine.settings = "bufsz_output_flush = 1\n";
   engine.Script("greedy.zpc",
@@ -205,7 +205,7 @@ TEST_F(Connections, AClientThatLeavesInTheMiddleEndsItsScript) {
   ASSERT_TRUE(client.EndInput());
   EXPECT_GE(client.ReadOutput(100000).size(), 100000u);
   client.Close();
-  // The only thread is free again, and the process is none the worse.
+  // The only thread is free again, and the process is unharmed.
   ExpectPage(engine.Get("/page.zpc"), "page");
   EXPECT_TRUE(engine.Running());
 }

@@ -1,4 +1,4 @@
-// Scripts that use other compiled files, through the built engine and from the command line.
+// Scripts that use other compiled files, in the engine and on the command line.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

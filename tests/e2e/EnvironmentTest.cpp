@@ -1,5 +1,5 @@
-// What a script finds of its request: parameters, arguments, fields of the query string, its own
-// address, the moment, the visitor.
+// The variables that a script gets from its request: parameters, arguments, fields of the query
+// string, its own address, the time, the visitor.
 
 #include <unistd.h>
 
@@ -13,7 +13,7 @@ namespace {
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-// Program text that writes each variable, which is looked up by name at run time, and a line's end.
+// Program text that looks up each variable by name at run time and writes it, with a line end.
 std::string Shows(const std::vector<std::string>& names) {
   std::string source;
   for (const std::string& name : names) {
@@ -74,7 +74,7 @@ TEST_F(Environment, WithAPathItIsTheFirstArgument) {
 TEST_F(Environment, WithAPathAllOfTheQueryAreFields) {
   Start(ShowsSystem(kRequest) + Shows({"x", "y"}));
   EXPECT_EQ(Page("/a/b.zpc", ServerAnd({{"QUERY_STRING", "x=1&y=2+3"}})),
-            // A "+" is a blank of the field, and parts arguments all the same.
+            // A "+" is a blank in the field, and also separates arguments.
             Lines({"/a/b.zpc", "x=1&y=2", "3", "Redirect", "http://www.example.org/a/b.zpc?", "1",
                    "2 3"}));
 }
@@ -105,7 +105,7 @@ TEST_F(Environment, ArgumentsAreDecodedAndEmptyOnesTakeNoNumber) {
             "Unable to execute 'a%2Ezpc': No such file or directory");
   EXPECT_EQ(Page(nullptr, ServerAnd({{"QUERY_STRING", "a.zpc++b%20%3Cc%3e+%zz++"}})),
             Lines({"a.zpc", "b <c>", "%zz", "3", "http://www.example.org?a.zpc+"}));
-  // The first argument is the first that there is, wherever it stands.
+  // The first argument is the first nonempty one, at any position.
   EXPECT_EQ(Page(nullptr, ServerAnd({{"QUERY_STRING", "+%41"}})),
             Lines({"A", "", "", "1", "http://www.example.org?A+"}));
 }
@@ -115,7 +115,7 @@ TEST_F(Environment, ArgumentsOfTheProcessTakeThePlaceOfTheQuerys) {
   Start(ShowsSystem({"arg1", "arg2", "arg3", "nargs"}) + Shows({"x"}));
   EXPECT_EQ(Page(nullptr, {{"QUERY_STRING", "other.zpc+x=1"}}),
             Lines({"a.zpc", "b c", "d", "3", "1"}));
-  // Behind a path they count on from 2.
+  // After a path they are counted from 2.
   EXPECT_EQ(Page("/a.zpc", {{"QUERY_STRING", "x=1"}}), Lines({"/a.zpc", "a.zpc", "b c", "4", "1"}));
 }
 
@@ -148,7 +148,7 @@ TEST_F(Environment, DocumentURLByServerPortAndScheme) {
       {{{"SERVER_NAME", "host"}, {"SERVER_PORT", "443"}, {"HTTPS", "on"}}, "https://host/a.zpc?"},
       {{{"SERVER_NAME", "host"}, {"SERVER_PORT", "80"}, {"HTTPS", "on"}}, "https://host:80/a.zpc?"},
       {{{"SERVER_NAME", "host"}, {"HTTPS", "1"}}, "https://host/a.zpc?"},
-      // Present at all is enough.
+      // Any value is enough.
       {{{"SERVER_NAME", "host"}, {"HTTPS", "off"}}, "https://host/a.zpc?"},
       {{{"SERVER_NAME", "host"}, {"HTTPS", ""}}, "https://host/a.zpc?"},
       {{{"SERVER_NAME", "::1"}, {"SERVER_PORT", "8080"}}, "http://[::1]:8080/a.zpc?"},
@@ -157,7 +157,7 @@ TEST_F(Environment, DocumentURLByServerPortAndScheme) {
       {{{"SERVER_NAME", "127.0.0.1"}}, "http://127.0.0.1/a.zpc?"},
       {{{"SERVER_NAME", "not:an:address"}}, "http://not:an:address/a.zpc?"},
       {{{"SERVER_NAME", ""}}, "http:///a.zpc?"},
-      // Without a name there is no address.
+      // Without a server name there is no address.
       {{{"SERVER_PORT", "80"}}, ""},
   };
   Start(ShowsSystem({"documenturl"}));
@@ -218,7 +218,7 @@ TEST_F(Environment, AFieldOfTheVisitorsDoesNotHideASystemVariable) {
             Lines({"10.0.0.1", "5.29"}));
 }
 
-// A parameter is made before the time and the arguments, so they are what stays.
+// The engine's variables are made after the parameters, so they count.
 TEST_F(Environment, TheEnginesOwnVariablesReplaceParametersOfTheirNames) {
   Start(ShowsSystem({"nargs", "arg1", "apitype", "zephversion", "documenturl", "globaltimeout"}));
   EXPECT_EQ(Page("/a.zpc", ServerAnd({{"nargs", "9"},
@@ -230,7 +230,7 @@ TEST_F(Environment, TheEnginesOwnVariablesReplaceParametersOfTheirNames) {
             Lines({"1", "/a.zpc", "Redirect", "5.29", "http://www.example.org/a.zpc?", "90"}));
 }
 
-// --- The moment, the process, the visitor --------------------------------------------------------
+// --- The time, the process, the visitor ----------------------------------------------------------
 
 TEST_F(Environment, TheMomentOfTheRequest) {
   engine.environment["TZ"] = "EST5EDT";
@@ -328,7 +328,8 @@ TEST_F(Environment, AQueryOfPlusSignsAndOneThatNests) {
 TEST_F(Environment, ABrokenTailOfTheQueryIsReadAsFarAsItGoes) {
   Start("pushg x\nout\n");
   EXPECT_EQ(Page("/a.zpc", {{"QUERY_STRING", "x=1&y=%"}}), "1");
-  // A name that is cut off takes the length of the one before it, whose bytes are still there.
+  // A name that is cut off gets the length of the name before it, whose bytes are still in the
+  // buffer.
   EXPECT_EQ(Page("/a.zpc", {{"QUERY_STRING", "x=1&%4"}}), "1,");
 }
 

@@ -19,7 +19,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-// configuration is the text of a zeph.toml, none if empty.
+// configuration is the text of a zeph.toml; empty for none.
 std::string Page(const std::string& name, const std::string& configuration = "") {
   TemporaryDirectory directory;
   std::vector<std::string> arguments = {ZEPH_BINARY_DIR "/bin/zprun"};
@@ -166,11 +166,11 @@ TEST(ExampleSite, TheListOfTeasIsWrittenOnceAndReadWithAFilter) {
   EXPECT_THAT(limited("limit=1"), HasSubstr("<table>\n</table>\n<pre>"));
 }
 
-// The library that these pages have at the site.
+// The library that the site registers for these pages.
 const std::string shelf =
     "[[library]]\nkind = \"builtin\"\npath = \"" ZEPH_BINARY_DIR "/lib/libshelf.so\"\n";
 
-// A cell of a table that has the name in front.
+// A cell of a table, after the name.
 std::string Row(const std::string& name, const std::string& value) {
   return "<tr><th scope=\"row\"><code>" + name + "</code></th><td>" + value + "</td></tr>\n";
 }
@@ -251,12 +251,12 @@ TEST(ExampleSite, TheShelfKeepsFilesUnderHarmlessNamesAndListsThem) {
   EXPECT_EQ(names, (std::set<std::string>{"passwd", "a_b.txt", "a_b-2.txt", "_hidden", "_",
                                           std::string(80, 'n')}));
   EXPECT_THAT(engine.Get("/upload.zpc").Body(), HasSubstr("a_b-2.txt"));
-  // A field of a visitor's own is not taken for what has come.
+  // A field of that name from a visitor does not count as a received file.
   EXPECT_THAT(engine.Get("/upload.zpc", {{"QUERY_STRING", "this:taken=5&taken=5"}}).Body(),
               Not(HasSubstr("Thank you")));
 }
 
-// A page of the built site, among the scripts of an engine.
+// A page of the built site, as a script of an engine.
 void ServeExample(const EngineProcess& engine, const std::string& name) {
   std::filesystem::copy_file(ZEPH_BINARY_DIR "/site/" + name, engine.Path("scripts/" + name));
 }

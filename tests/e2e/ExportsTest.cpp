@@ -1,4 +1,4 @@
-// The functions that extension libraries resolve are there to be resolved, in both hosts.
+// Both hosts export the functions that extension libraries resolve.
 
 #include <gtest/gtest.h>
 
@@ -75,7 +75,7 @@ zeph_file_changemode zeph_file_pathseparator zeph_file_read zeph_file_write zeph
 zeph_file_tell zeph_file_length zeph_file_lock zeph_file_release zeph_file_close zeph_file_error
 )";
 
-// What a program exports as plain functions.
+// The plain functions that a program exports.
 std::set<std::string> Exports(const std::string& program) {
   Command command({"/usr/bin/nm", "-D", "--defined-only", ZEPH_BINARY_DIR "/bin/" + program});
   EXPECT_EQ(command.Run(), 0) << command.errors;

@@ -1,5 +1,5 @@
-// Builtin libraries from outside: registered by the configuration, called by scripts, in the engine
-// and in zprun. The one that is tested is examples/extensions/textstat.c.
+// Builtin libraries, seen from outside: registered by the configuration, called by scripts, in the
+// engine and in zprun. The tested library is examples/extensions/textstat.c.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ std::string Member(const std::string& name) {
   return "pushg report\npushc \"" + name + "\"\nmemb\nout\npushc \" \"\nout\n";
 }
 
-// What a script writes in each of the two hosts.
+// The output of a script in each of the two hosts.
 class Extension : public testing::Test {
  protected:
   Extension() { engine.settings = Registers(library); }

@@ -25,7 +25,7 @@ class FailurePages : public testing::Test {
  protected:
   FailurePages() { engine.Script("page.zpc", Writes("page")); }
 
-  // One request for page.zpc to an engine that this starts.
+  // One request for page.zpc to an engine that this function starts.
   FastCGIResponse Page(const FastCGIParameters& more = {}) {
     EXPECT_TRUE(engine.Start());
     return engine.Get("/page.zpc", more);
@@ -38,7 +38,7 @@ class FailurePages : public testing::Test {
     return Page({{"ZpCONFIG_LIBRARY", FaultyLibrary()}});
   }
 
-  // A copy of the configuration library that belongs to somebody else.
+  // A copy of the configuration library that belongs to another user.
   std::string ForeignLibrary(const std::string& name) {
     std::string path = engine.Path(name);
     std::filesystem::copy_file(EngineProcess::ConfigurationLibrary(), path);
@@ -150,7 +150,7 @@ TEST_F(FailurePages, DirectoriesThatAreNotSetOrNotUsable) {
     std::string configuration;
     const char* text;
   };
-  EngineProcess place;  // for the names of folders that exist
+  EngineProcess place;  // for the names of existing folders
   place.Script("page.zpc", Writes("page"));
   std::string scripts = "dir_zeph = \"" + place.Path("scripts") + "\"\n";
   std::string data = "dir_data = \"" + place.Path("data") + "\"\n";
@@ -359,7 +359,7 @@ TEST_F(FailurePages, ASectionThatCannotBeRead) {
 }
 
 TEST_F(FailurePages, SectionsThatAreMissing) {
-  // Without functions the reader finds the bytes of the segments, and a small script still runs.
+  // Without functions the reader uses the bytes of the segments, and a small script still runs.
   struct Case {
     const char* missing;
     const char* sections;

@@ -1,5 +1,5 @@
-// What a peer may send that speaks the protocol badly, or well but as no server does: it costs its
-// own connection and nothing else.
+// Peers that speak the protocol badly, or well but as no server does: they lose their own
+// connection, and nothing else happens.
 
 #include <memory>
 #include <vector>
@@ -29,7 +29,7 @@ std::string Asks(unsigned name, unsigned value) {
   return Record(kQuestion, 0, FastCGIClient::PairLengths(name, value));
 }
 
-// The pairs of parameters that are short enough for lengths of one byte.
+// The name-value pairs of parameters that are short enough for lengths of one byte.
 std::string Pairs(const FastCGIParameters& parameters) {
   std::string pairs;
   for (const auto& [name, value] : parameters) {
@@ -47,7 +47,7 @@ class HostilePeer : public testing::Test {
     engine.Script("page.zpc", Writes("page"));
   }
 
-  // That the engine drops a connection with these bytes on it, and serves the next.
+  // Expects that the engine closes a connection with these bytes on it, and serves the next one.
   void ExpectDropped(const std::string& bytes) {
     FastCGIClient client;
     ASSERT_TRUE(client.Connect(engine.socket()));
@@ -169,14 +169,14 @@ TEST_F(HostilePeer, AParameterForWhichThereIsNoMemory) {
   constexpr int threads = 16;
   engine.arguments = {"-t", std::to_string(threads)};
   ASSERT_TRUE(engine.Start());
-  // Each keeps a thread, which has served by then.
+  // Each keeps a thread, which has served a request by then.
   std::vector<std::unique_ptr<FastCGIClient>> clients;
   for (int i = 0; i < threads; i++) {
     clients.push_back(std::make_unique<FastCGIClient>());
     ASSERT_TRUE(clients.back()->Connect(engine.socket()));
     ExpectPage(clients.back()->Request(engine.Parameters("/page.zpc"), "", true), "page");
   }
-  // More together than the heap may have in store.
+  // Together more than the heap may have in its store.
   engine.LimitMemory(8 << 20);
   for (auto& client : clients) ASSERT_TRUE(client->Send(Announces(0, 30 << 20)));
   int dropped = 0;

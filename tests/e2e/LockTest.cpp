@@ -1,4 +1,4 @@
-// Lock files in the engine: how they go back when a request ends in an unusual way.
+// Lock files in the engine: how they are released when a request ends in an unusual way.
 
 #include <chrono>
 #include <filesystem>
@@ -8,11 +8,12 @@
 
 namespace {
 
-// The tries pause, and the beats of a pause go to the machine that runs: this one is about to go.
+// There are pauses between the tries, and beats during a pause go to the current machine: this one
+// is being deleted.
 TEST(SlowLock, AFileThatIsInTheWayIsTriedAgainWhileTheMachineGoes) {
   EngineProcess engine;
   engine.settings = "timeout_file = 7\ndelay_file = 1000\n";
-  // It ends within the block, when the test has put something else in the place of its lock.
+  // The script ends inside the block, after the test has replaced its lock by something else.
   engine.Script("lock.zpc",
                 "tagerror 2, 0\npushc \"a\"\nlockfile\npushc \"b\"\nlockfile\n"
                 "pushc \"begun\"\npopg x\npushc \"begun.txt\"\npushc \",\"\npushc \"x\"\nexport\n"

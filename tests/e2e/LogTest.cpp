@@ -1,4 +1,4 @@
-// The trace log of both hosts: what stands in its file behind a request and behind a run.
+// The trace log of both hosts: the content of its file after a request and after a run.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -36,7 +36,7 @@ class TraceLog : public testing::Test {
     command.Run();
     EXPECT_EQ(command.errors, "");
   }
-  // The lines of the log, without time, process and thread; the log is empty behind that.
+  // The lines of the log, without time, process and thread. Empties the log.
   std::vector<std::string> Records(const std::string& name = "data/trace.log") {
     const std::string path = engine.Path(name);
     std::vector<std::string> records;
@@ -160,7 +160,7 @@ TEST_F(TraceLog, ALogThatCannotBeOpenedIsNoneAndPagesGoOn) {
   ExpectPage(engine.Get("/page.zpc"), "page");
 }
 
-// Eight request threads and many records each, of a length that no buffer has in one piece.
+// Eight request threads with many records each, too long for any one buffer.
 TEST_F(TraceLog, RequestsAtTheSameTimeLeaveWholeLines) {
   const int kClients = 8;
   const int kCalls = 100;

@@ -1,4 +1,4 @@
-// Scripts that take more memory than they may have, or than there is, in the engine.
+// Scripts in the engine that take more memory than they may have, or than there is.
 
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -66,7 +66,7 @@ TEST_F(MemoryTest, AFormBeyondTheLimitIsRefused) {
   EXPECT_EQ(engine.Get("page.zpc").Body(), "page");
 }
 
-// Where an address space has an end, all threads meet it at once.
+// The limit of an address space hits all threads at once.
 TEST_F(MemoryTest, AProcessThatHasNoneLeftGoesOn) {
   if (AddressSanitizer || ThreadSanitizer) GTEST_SKIP() << "they need more than can be refused";
   engine.address_space_limit = 900UL << 20;

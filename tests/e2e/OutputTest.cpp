@@ -1,4 +1,4 @@
-// What a script writes, and how it reaches the client.
+// The output of a script, and how it reaches the client.
 
 #include "tests/e2e/Pages.h"
 
@@ -8,7 +8,7 @@ using testing::StartsWith;
 
 class OutputChain : public testing::Test {
  protected:
-  // The response of a script to an engine that this starts.
+  // The response of a script, from an engine that this function starts.
   FastCGIResponse Run(const std::string& source) {
     engine.Script("page.zpc", source);
     EXPECT_TRUE(engine.Start());
@@ -171,7 +171,7 @@ TEST_F(OutputChain, AnErrorPrefixComesFirst) {
 TEST_F(OutputChain, AStackThatOverflowsEndsTheScriptAndKeepsWhatWasWritten) {
   std::string pushes;
   for (int i = 0; i < 600; i++) pushes += "pushi 1\n";
-  // 8 bytes of code in front, and 512 entries of 6 bytes each that the stack takes.
+  // 8 bytes of code before, and 512 entries of 6 bytes each that fit on the stack.
   ExpectFailure(Run(Writes("x") + pushes),
                 "xFatal error in page.zpc @ [00000000:00000c08]: Stack overflow\n");
 }

@@ -1,4 +1,4 @@
-// What the end-to-end tests expect of pages, and the smallest scripts.
+// The pages that the end-to-end tests expect, and the smallest scripts.
 
 #ifndef ZEPH_TESTS_E2E_PAGES_H
 #define ZEPH_TESTS_E2E_PAGES_H
@@ -15,8 +15,8 @@ inline std::string Writes(const std::string& text) {
   return "pushc \"" + text + "\"\nout\n";
 }
 
-// Program text that writes 8000 bytes that many times, from one text. A client that reads slowly
-// makes it run as long as a test wants it to.
+// Program text that writes 8000 bytes that many times, from one text. With a client that reads
+// slowly it runs as long as a test needs.
 constexpr size_t flood_part = 8000;
 inline std::string Floods(int times) {
   std::string source = ".entry \"" + std::string(flood_part, 'x') + "\"\n";
@@ -24,13 +24,13 @@ inline std::string Floods(int times) {
   return source;
 }
 
-// The page of a request that fails in its configuration. The administrator's default is told.
+// The page of a request that fails in its configuration, with the default administrator.
 inline std::string ConfigurationErrorPage(const std::string& text) {
   return "Configuration Error: " + text +
          "<br>Please contact the server administrator: webmaster@localhost";
 }
 
-// A good response to the last byte: the fields of a whole page, and the body.
+// A complete valid response: the fields of a whole page, and the body.
 inline void ExpectPage(const FastCGIResponse& response, const std::string& body) {
   EXPECT_TRUE(response.ended) << response.problem;
   EXPECT_EQ(response.application_status, 0);
@@ -41,7 +41,7 @@ inline void ExpectPage(const FastCGIResponse& response, const std::string& body)
   EXPECT_EQ(response.standard_error, "");
 }
 
-// A failure's response: it was flushed before its length could be known.
+// The response of a failure, which was flushed before its length was known.
 inline void ExpectFailure(const FastCGIResponse& response, const std::string& body) {
   EXPECT_TRUE(response.ended) << response.problem;
   EXPECT_EQ(response.Header("Content-Type"), "text/html");

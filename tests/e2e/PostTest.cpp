@@ -1,4 +1,4 @@
-// Bodies of requests: forms, files and what is neither, as a web server hands them over.
+// Bodies of requests as a web server sends them: forms, files and other types.
 
 #include <climits>
 #include <filesystem>
@@ -38,7 +38,7 @@ class Post : public testing::Test {
     EXPECT_TRUE(response.ended) << response.problem;
     return response.Body();
   }
-  // The most memory that the engine has had so far, in megabytes.
+  // The engine's peak memory so far, in megabytes.
   long Peak() const {
     std::ifstream status("/proc/" + std::to_string(engine.pid()) + "/status");
     std::string word;
@@ -59,7 +59,7 @@ class Post : public testing::Test {
   EngineProcess engine;
 };
 
-// --- Which handler -------------------------------------------------------------------------------
+// --- The choice of the handler -------------------------------------------------------------------
 
 TEST_F(Post, TheTypeOfTheContentChoosesTheReader) {
   struct Case {
@@ -129,7 +129,7 @@ TEST_F(Post, WithoutATypeOrALengthThereIsNothingToRead) {
       Posted(plain_form, "abc"),
       Posted(plain_form, "-1"),
       Posted(plain_form, "-2147483648"),
-      // Cut to 32 bits this one is negative, and the next 0.
+      // Cut to 32 bits, this one is negative, and the next one is 0.
       Posted(plain_form, "2147483648"),
       Posted(plain_form, "4294967296"),
       Posted("text/plain", "0"),
@@ -171,7 +171,7 @@ TEST_F(Post, LessThanTheLengthIsAcceptedAsItIs) {
   }
 }
 
-// Two gigabytes that never come take no memory.
+// An announced body of two gigabytes that never comes takes no memory.
 TEST_F(Post, ALengthOfTwoGigabytesIsNotAllocated) {
   engine.settings = "max_unknown_content_length = 0\n";
   Start();
@@ -223,7 +223,7 @@ TEST_F(Post, TheSettingForUnknownTypes) {
   EXPECT_EQ(Page("text/plain", "12345"), "||12345");
   ExpectFailure(Send("text/plain", "123456"),
                 "POST content length exceeds configured maximum for unknown content types");
-  // It is the announced length that counts, and only for types that are unknown.
+  // Only the announced length counts, and only for unknown types.
   ExpectFailure(engine.Get("/page.zpc", Posted("text/plain", "6"), "123"),
                 "POST content length exceeds configured maximum for unknown content types");
   EXPECT_EQ(Page(plain_form, "a=1234567890"), "1234567890||");
@@ -323,7 +323,7 @@ TEST_F(Post, ANestingNameAndABoundaryOf64Kilobytes) {
   std::string name = "a";
   for (int i = 0; i < 100000; i++) name += ":a";
   EXPECT_EQ(Page(plain_form, name + "=deep&b=2"), "deep|2|");
-  // A FastCGI parameter may be that long, whatever web servers say.
+  // A FastCGI parameter may be that long, even if web servers do not send such ones.
   const std::string boundary(65536, 'x');
   const std::string body = "--" + boundary +
                            "\r\nContent-Disposition: form-data; name=\"a\"\r\n\r\n1\r\n--" +
@@ -446,7 +446,7 @@ TEST_F(Post, EightUploadsAtOnceKeepTheirFilesApart) {
 
 class SlowPost : public Post {
  protected:
-  // A body in two halves, with a pause of that many seconds between them.
+  // Sends a body in two halves, with a pause of that many seconds between them.
   FastCGIResponse SendSlowly(const std::string& type, const std::string& first,
                              const std::string& second, int seconds) {
     FastCGIClient client;
@@ -475,7 +475,7 @@ TEST_F(SlowPost, ATimeLimitOfZeroIsNone) {
   EXPECT_EQ(SendSlowly(plain_form, "a=1&b=", "2", 8).Body(), "1|2|");
 }
 
-// A body that ends while the time runs out is taken: the end is seen before the flag is.
+// A body that ends when the time limit passes is accepted: the end is seen before the flag.
 TEST_F(SlowPost, AnEndThatComesTooLateEndsTheBodyInOrder) {
   engine.settings = "timeout_post = 1\n";
   Start();

@@ -1,4 +1,4 @@
-// The sequence of random numbers that a script draws from.
+// The sequence of random numbers that a script gets.
 
 #include <ctime>
 #include <set>

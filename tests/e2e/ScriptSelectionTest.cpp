@@ -1,4 +1,4 @@
-// Which script a request names, and the fields that every response has.
+// The script that a request names, and the fields that every response has.
 
 #include <pwd.h>
 #include <unistd.h>
@@ -93,7 +93,7 @@ TEST_F(ScriptSelection, AFolderWithoutTheDefaultFileIsToldByTheWholePath) {
 }
 
 TEST_F(ScriptSelection, ADefaultFileThatIsAFolderGrowsUntilThePathIsTooLong) {
-  // "." is the folder itself, again and again.
+  // "." is the folder itself, without end.
   engine.settings = "default_file = \".\"\n";
   ASSERT_TRUE(engine.Start());
   FastCGIResponse response = engine.Get("/a");
@@ -103,7 +103,7 @@ TEST_F(ScriptSelection, ADefaultFileThatIsAFolderGrowsUntilThePathIsTooLong) {
 }
 
 TEST_F(ScriptSelection, AUsersScriptsLieBelowTheHomeDirectory) {
-  // The setting leads from the home directory up to the root, and down to the test's own folder.
+  // The setting leads from the home directory up to the root and down to the test's folder.
   passwd* user = getpwuid(geteuid());
   ASSERT_NE(user, nullptr);
   std::string home = user->pw_dir;
@@ -154,7 +154,7 @@ TEST_F(ScriptSelection, ABrokenChangeLeavesTheGoodConfigurationInForceAndIsToldO
   EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
 }
 
-// The value of the caller's cookie in a response.
+// The value of the visitor's cookie in a response.
 std::string CallerID(const FastCGIResponse& response) {
   std::string cookie = response.Header("Set-Cookie");
   const std::string name = "zixcallerid=";

@@ -1,5 +1,5 @@
-// The end of the process beside peers that would keep it: whatever they do, it has left with status
-// 0 within 20 seconds of the signal.
+// The end of the process while peers delay it: whatever they do, it leaves with status 0 within 20
+// seconds of the signal.
 
 #include <signal.h>
 
@@ -30,7 +30,7 @@ class SlowShutdown : public testing::Test {
     return *clients.back();
   }
 
-  // Peers that leave the engine waiting.
+  // Peers that make the engine wait.
   void SaysNothing() { Client(); }
   void SendsHalfARecord() { Client().Send("\1\1\0"); }
   void SendsHalfItsParameters() {
@@ -101,7 +101,7 @@ TEST_F(SlowShutdown, BesideASilentConnection) {
   engine.arguments = {"-t", "1"};
   ASSERT_TRUE(engine.Start());
   ASSERT_TRUE(engine.WaitUntilReady());
-  // One of them is waited for at any moment until the signal is acted on.
+  // The engine waits for one of them at any time until it acts on the signal.
   for (int i = 0; i < 10; i++) SaysNothing();
   ExpectGoneInTime();
 }

@@ -23,16 +23,15 @@ int Requests() {
   return given ? atoi(given) : standard_requests;
 }
 
-// One kind of request: a script, what is sent with it, and the page that has to
-// come. A page that ends in "..." only has to begin so; one that is empty is
-// not read: the client leaves.
+// One kind of request: a script, the body that is sent with it, and the expected page. An expected
+// page that ends in "..." is only a beginning; an empty one is not read, because the client leaves.
 struct Kind {
   const char* name;
   std::string source;
   FastCGIParameters parameters;
   std::string page;
-  std::string body = {};  // of the request: a form in parts
-  int cut = 0;            // the client leaves when it has sent so many bytes of it
+  std::string body = {};  // the request's body: a form in parts
+  int cut = 0;            // the client leaves after so many bytes of the body
 };
 
 FastCGIParameters Form(const std::string& body) {
@@ -129,7 +128,7 @@ std::vector<Kind> Kinds() {
        languages + "pushc \"Zoe\"\npoplvnc name\nlocalize hello\n",
        {},
        "Hello, Zoe!"},
-      // Locks of the thread's own, which are left in other ways than at their ends.
+      // Locks of the thread's own, whose blocks are left before their ends.
       {"lock_exit.zpc", "pushs thread_id\nlockfile\n" + Writes("out") + "exit\n", {}, "out"},
       {"lock_failing.zpc", "pushs thread_id\nlockfile\npop\n", {}, "Fatal error in ..."},
       {"lock_function.zpc",
@@ -142,7 +141,8 @@ std::vector<Kind> Kinds() {
   };
 }
 
-// What ends by its time. Each takes a second and what is left of a beat, so there are a few only.
+// Requests that end by their time limit. Each takes a second and the rest of a beat, so there are
+// only a few.
 std::vector<Kind> SlowKinds() {
   const std::string for_ever = "around: jmp around\n";
   return {
@@ -155,7 +155,7 @@ std::vector<Kind> SlowKinds() {
        {},
        "Application timed out"},
       {"late/do.zpc", "pushc \"page.zpc\"\nop_do_file\n", {}, "begun Application timed out"},
-      // The page is there at once, and its task goes later.
+      // The page comes at once, and its task ends later.
       {"late/task.zpc",
        "pushs zeph_config\npushc \"timeout_async\"\nmemb\npop\nasync behind\n"
        "pushs thread_id\nlockfile\n" +
@@ -175,7 +175,7 @@ long ResidentKilobytes(pid_t process) {
   return 0;
 }
 
-// Answers what is wrong with a request of that kind, empty if nothing.
+// Sends a request of that kind. Returns the fault, empty if there is none.
 std::string Try(const EngineProcess& engine, const Kind& kind) {
   FastCGIClient client;
   if (!client.Connect(engine.socket())) return "no connection";
@@ -216,9 +216,9 @@ TEST(SlowSoak, EveryResponseIsRightAndMemoryStaysAsItIs) {
                 "pushi 21\npopg shared\n" + Writes("part ") +
                     "jmp end\n.function twice(n)\npushl n\npushi 2\nmul\nret\n.end\nend: noop\n");
   engine.Write("data/list.txt", "1;two\\nlines\n3;4\n");
-  // The address sanitizer keeps what was freed, 256 MB of it unless told otherwise; a few
-  // megabytes are full long before the first half is over. The stacks that it makes up for frames
-  // grow with each thread's deepest call, which may come late.
+  // The address sanitizer keeps freed memory, 256 MB of it by default; a few megabytes are full
+  // long before the first half ends. Its own copies of stack frames grow with the deepest call of
+  // each thread, which may come late.
   if (const char* options = getenv("ASAN_OPTIONS"); AddressSanitizer) {
     engine.environment["ASAN_OPTIONS"] =
         std::string(options ? options : "") +
@@ -248,18 +248,19 @@ TEST(SlowSoak, EveryResponseIsRightAndMemoryStaysAsItIs) {
   }
   for (std::thread& client : clients) client.join();
   EXPECT_EQ(wrong, 0);
-  // Tasks end behind their requests.
+  // Tasks end after their requests.
   const int threads = connections + EngineProcess::OtherThreads;
   EXPECT_EQ(engine.WaitForThreads(threads), threads);
   const long end = ResidentKilobytes(engine.pid());
-  // No lock is left; files that were not sent to their ends are, for whoever looks after them.
+  // No lock remains. Files that were not sent to their ends do remain.
   for (const auto& entry : std::filesystem::directory_iterator(engine.Path("data"))) {
     EXPECT_NE(entry.path().extension(), ".lck") << entry.path();
   }
   RecordProperty("half_kilobytes", std::to_string(half));
   RecordProperty("end_kilobytes", std::to_string(end));
   printf("%d requests, resident %ld KB at half, %ld KB at the end\n", all, half.load(), end);
-  // A request that lost one kilobyte would show. The thread sanitizer's shadow grows by itself.
+  // A leak of one kilobyte for each request would show. The thread sanitizer's shadow memory grows
+  // by itself.
   if (!ThreadSanitizer) {
     EXPECT_LT(end, half + all / 2);
   }

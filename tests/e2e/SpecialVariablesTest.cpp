@@ -1,4 +1,4 @@
-// System variables that are computed when they are read, as scripts of both hosts find them.
+// System variables that are computed when they are read, in scripts of both hosts.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -40,7 +40,7 @@ TEST_F(SpecialVariableHosts, TheClockAndTheTimeThatIsLeft) {
          "[0-9]+ [A-Z][a-z]+ 20[0-9]+ (600|59[0-9]) ");
 }
 
-// What a client or a server sends goes by other names, but a name that both have is the engine's.
+// Clients and servers send other names, but if both have a name, the engine's variable counts.
 TEST_F(SpecialVariableHosts, ParametersOfARequestDoNotHideThem) {
   engine.Script("page.zpc", Named("zeph_language") + Named("zeph_config:timeout_global"));
   ASSERT_TRUE(engine.Start());
@@ -48,7 +48,7 @@ TEST_F(SpecialVariableHosts, ParametersOfARequestDoNotHideThem) {
             "en-US 90 ");
 }
 
-// The moment of the request stands still; the clock goes on.
+// The time of the request stays the same; the clock goes on.
 TEST_F(SpecialVariableHosts, OneClockIsThatOfTheRequest) {
   const std::string wait =
       "pushs time_t\npopg first\npushs dyn_tm_usec\npopg u\n"

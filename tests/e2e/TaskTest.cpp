@@ -1,5 +1,5 @@
-// Background tasks in the engine: what they see, what they leave alone, how they are limited and
-// ended. Tasks tell of themselves through files: a lock's file is there as long as its block runs.
+// Background tasks in the engine: what they see, what they do not change, how they are limited and
+// ended. Tests follow a task by its files: a lock's file exists as long as its block runs.
 
 #include <signal.h>
 
@@ -25,13 +25,13 @@ std::string Content(const std::string& path) {
 
 class Task : public testing::Test {
  protected:
-  // The log tells a test what a task has come to: each line of a task's is one of its records.
+  // Tests follow a task by the log: each line of a task is one of its records.
   Task() {
     engine.settings = "log_file = \"tasks.log\"\nlog_level = 268435520\n";
     engine.Script("page.zpc", Writes("page"));
   }
 
-  // Code that leaves a mark in the log: the parameter of a call. The function is of Functions().
+  // Code that writes a mark to the log: the parameter of a call. The function is in Functions().
   static std::string Notes(const std::string& push) { return push + "\ncall note\npop\n"; }
   static constexpr char functions[] = "exit\n.function note(text)\npushl text\nret\n.end\n";
   // A block that runs in a task.
@@ -40,7 +40,7 @@ class Task : public testing::Test {
     return "async " + behind + "\n" + block + "exit\n" + behind + ":\n";
   }
 
-  // Code that goes on when the data directory has a file of that name.
+  // Code that waits until the data directory has a file of that name.
   static std::string WaitsFor(const std::string& file) {
     const std::string label = "wait" + std::to_string(++blocks);
     return "tagerror 2, 0\n" + label + ": pushc \"" + file +
@@ -64,7 +64,7 @@ class Task : public testing::Test {
     }
     return true;
   }
-  // Waits until that many lines of the log have the text.
+  // Waits until that many lines of the log contain the text.
   bool Noted(const std::string& text, int count = 1) {
     if (Eventually([&] { return CountInLog(text) >= count; })) return true;
     ADD_FAILURE() << text << " is missing in\n" << Log();
@@ -103,7 +103,7 @@ TEST_F(Task, ABlockInAFunctionHasItsLocalsAndItsCallers) {
                     std::string(functions).substr(5));
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/task.zpc"), "left 7");
-  // The task has returned from the function, too, to a copy of what was on the caller's stack.
+  // The task has also returned from the function, to a copy of the caller's stack.
   Noted("both are here", 2);
 }
 
@@ -120,7 +120,7 @@ TEST_F(Task, ARequestMayStartOnlySoManyTasks) {
   Noted("second");
   EXPECT_EQ(engine.WaitForThreads(Idle()), Idle());
   EXPECT_EQ(CountInLog("third"), 0);
-  // The limit is one of the request.
+  // The limit holds for each request.
   engine.Get("/task.zpc");
   Noted("first", 2);
 }
@@ -157,14 +157,15 @@ TEST_F(Task, ATaskHasAThreadOfItsOwnAndNoClient) {
   EXPECT_GT(std::stoi(task), std::stoi(request)) << Log();
 }
 
-// Signals are for the main thread, also while a task runs.
+// Signals go to the main thread, also while a task runs.
 TEST_F(Task, ATaskBlocksSignals) {
   engine.Script("task.zpc",
                 Async(Notes("pushc \"begun\"") + WaitsFor("go.txt")) + Writes("page") + functions);
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/task.zpc"), "page");
   Noted("begun");
-  // The first page may be there before the last of the threads, for whose start all signals wait.
+  // The first page may come before the last thread has started, and signals are handled only after
+  // that.
   int threads = 0, open = 0;
   const std::string tasks = "/proc/" + std::to_string(engine.pid()) + "/task";
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -245,7 +246,7 @@ std::string Header(const std::string& name, const std::string& value) {
 
 TEST_F(Task, HeaderFieldsOfATaskAreNobodys) {
   engine.settings += RegistersTaskFunctions();
-  // The request sends its header when the task has tried to change it.
+  // The request sends its header after the task has tried to change it.
   engine.Script("task.zpc",
                 extension + Header("X-Page", "of the page") + "pop\n" +
                     Async(Notes("pushc \"task \"\n" + Header("X-Page", "of the task") + "cat\n" +
@@ -307,7 +308,7 @@ constexpr char for_ever[] = "around: jmp around\n";
 
 TEST_F(SlowTask, ATaskRunsOnWithoutItsRequestUntilItsOwnTimeIsOver) {
   engine.settings += "timeout_global = 1\n";
-  // The script has read the setting, so the task has it, too.
+  // The script has read the setting, so the task has it too.
   engine.Script("task.zpc", "pushs zeph_config\npushc \"timeout_async\"\nmemb\npopg pinned\n" +
                                 Async(Notes("pushc \"begun\"") + for_ever) + Writes("page") +
                                 functions);
@@ -346,7 +347,7 @@ TEST_F(SlowTask, ASleepEndsAtTheBeatBehindAChangeOfItsFile) {
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/task.zpc"), "page");
   Noted("asleep");
-  // Its time as the task has first read it may be one of these changes, but not the last.
+  // The file's time that the task reads first may be one of these changes, but not the last.
   const auto now = std::filesystem::file_time_type::clock::now();
   int seconds = 0;
   EXPECT_TRUE(Eventually([&] {
@@ -356,8 +357,8 @@ TEST_F(SlowTask, ASleepEndsAtTheBeatBehindAChangeOfItsFile) {
   const std::string log = Log();
   int slept = 0, remaining = 0;
   ASSERT_EQ(sscanf(log.c_str() + log.find("slept "), "slept %d and has %d", &slept, &remaining), 2);
-  // A beat is five seconds; the rest is for a slow machine. Of the hour that a task has, the sleep
-  // takes one second.
+  // A beat takes five seconds at most; the rest is for a slow machine. The sleep takes one second
+  // of the task's hour.
   EXPECT_LE(slept, 30);
   EXPECT_GE(remaining, 3600 - 1 - 30);
   EXPECT_LE(remaining, 3599);

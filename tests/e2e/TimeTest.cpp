@@ -1,8 +1,8 @@
 // Time limits, signals and the end of the process. These tests wait for heartbeats, which come
-// every five seconds, and so are labelled as slow.
+// every five seconds, so they are labelled as slow.
 //
-// A script runs for as long as its client takes to read what it writes: the clients here read half
-// a megabyte a second.
+// A script runs as long as its client takes to read the output: the clients here read half a
+// megabyte a second.
 
 #include <signal.h>
 
@@ -50,7 +50,7 @@ class RunningScript {
   Clock::time_point started;
 };
 
-// A page that was cut off by the end of its script's time.
+// A page whose script was ended by the time limit.
 void ExpectCutOff(const FastCGIResponse& response) {
   EXPECT_TRUE(response.ended) << response.problem;
   std::string body = response.Body();
@@ -82,8 +82,8 @@ TEST_F(SlowTime, AScriptEndsWithinABeatAfterItsLimit) {
   ASSERT_TRUE(engine.Start());
   RunningScript script(engine, "/long.zpc");
   ExpectCutOff(script.ReadSlowly());
-  // The deadline is a whole second that must have passed, beats are five seconds apart, and what
-  // the socket held had to be read.
+  // The deadline is a whole second that must have passed, beats are five seconds apart, and the
+  // client also has to read the bytes in the socket.
   EXPECT_GE(SecondsSince(script.started), 6.9);
   EXPECT_LE(SecondsSince(script.started), 14.5);
   EXPECT_EQ(engine.Get("/page.zpc").Body(), "page");
@@ -128,8 +128,8 @@ TEST_F(SlowTime, HangupWhileIdleHarmsNoLaterRequest) {
   ASSERT_TRUE(engine.WaitUntilReady());
   engine.Signal(SIGHUP);
   EXPECT_EQ(engine.Get("/page.zpc").Body(), "page");
-  // Waits for the beat that acts on the signal with no request there, so that the one that follows
-  // must not see it.
+  // Waits for the beat that acts on the signal while there is no request: the next request must not
+  // be affected.
   ASSERT_FALSE(engine.Wait(Milliseconds(7000)) >= 0);
   RunningScript script(engine, "/medium.zpc");
   ExpectWhole(script.ReadSlowly(), 500 * flood_part);
@@ -172,10 +172,10 @@ TEST_F(SlowTime, AProcessThatEndsSendsAFinishedPageToItsLastByte) {
   engine.settings = "bufsz_output_flush = 100000000\n";
   engine.Script("large.zpc", Floods(2500));
   ASSERT_TRUE(engine.Start());
-  // The script has run, and its page is on its way into a connection that nobody reads.
+  // The script has run, and its page is on its way to a client that does not read.
   RunningScript script(engine, "/large.zpc");
   engine.Signal(SIGTERM);
-  // Longer than the heartbeat takes to see the signal, and shorter than peers are waited for.
+  // Longer than the heartbeat needs to see the signal, and shorter than the time that peers get.
   EXPECT_EQ(engine.Wait(Milliseconds(7000)), -1);
   ExpectWhole(script.client.Read(), 2500 * flood_part);
   EXPECT_EQ(engine.Wait(), 0);

@@ -1,5 +1,5 @@
-// The engine behind real web servers, with curl as the browser. The servers listen on UNIX sockets,
-// so that no port is taken.
+// The engine with real web servers, and curl as the browser. The servers listen on UNIX sockets, so
+// that no port is taken.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -36,7 +36,7 @@ bool Eventually(Milliseconds timeout, Test test) {
   return true;
 }
 
-// What a command prints; its errors go to the test's own.
+// The output of a command; its errors go to the test's own standard error.
 std::string OutputOf(const std::string& command) {
   std::string text;
   FILE* pipe = popen(command.c_str(), "r");
@@ -48,7 +48,7 @@ std::string OutputOf(const std::string& command) {
   return text;
 }
 
-// The process that an engine's wrapper has noted, 0 when there is none.
+// The process that an engine's wrapper has noted; 0 if there is none.
 pid_t NotedProcess(const std::string& path) {
   std::ifstream file(path);
   pid_t pid = 0;
@@ -76,7 +76,7 @@ class Server {
     _exit(127);
   }
 
-  // Sends a signal and waits for the end; answers the exit status, 128 and more for a signal.
+  // Sends a signal and waits for the end. Returns the exit status, 128 and more for a signal.
   int Stop(int number) {
     if (pid <= 0) return -1;
     kill(pid, number);
@@ -108,13 +108,13 @@ class SlowWebServers : public testing::Test {
     chmod(engine.Path("engine.sh").c_str(), 0755);
   }
 
-  // The engine belongs to the web server here, and must be gone with the test all the same.
+  // The web server starts the engine here, but it must end with the test.
   ~SlowWebServers() override {
     pid_t pid = NotedProcess(engine.Path("engine.pid"));
     if (Alive(pid)) kill(pid, SIGKILL);
   }
 
-  // A request for a path, with curl's options in front.
+  // A request for a path, with curl's options before it.
   std::string Curl(const std::string& path, const std::string& options = "-s") {
     return OutputOf("curl --max-time 60 --unix-socket '" + engine.Path("http.sock") + "' " +
                     options + " 'http://localhost" + path + "'");
@@ -147,11 +147,11 @@ class SlowWebServers : public testing::Test {
                 HasSubstr("\r\nSet-Cookie: zixcallerid=abc; expires="));
     EXPECT_THAT(Curl("/index.zpc", "-s -D - -o /dev/null"),
                 HasSubstr("\r\nContent-Length: 21\r\n"));
-    // A compiled script is never sent as it stands.
+    // The server never sends the compiled script itself.
     EXPECT_THAT(Curl("/INDEX.ZPC"), Not(HasSubstr("Zeph\x0b")));
   }
 
-  // Shows fields, the type of a body that is no form, and each file, which it keeps.
+  // Shows fields, the type of a body that is no form, and each file, and keeps the files.
   static std::string FormScript() {
     return "pushg a\nout\npushc \"|\"\nout\npushnc \"b:c\"\nout\npushc \"|\"\nout\n"
            "pushs content_data\nout\nexit\n"
@@ -185,7 +185,7 @@ class SlowWebServers : public testing::Test {
     EXPECT_EQ(
         OutputOf("cmp '" + sent + "' '" + engine.Path("data/shelf/sent.bin") + "' && echo same"),
         "same\n");
-    // What is no form at all is told, and the connection serves the next one.
+    // An invalid form gets a message, and the connection serves the next request.
     EXPECT_EQ(Curl("/form.zpc",
                    "-s -H 'Content-Type: multipart/form-data; boundary=B' -d 'nothing of it'"),
               "||");
@@ -266,12 +266,11 @@ TEST_F(SlowWebServers, NginxServesTheSiteWithAnEngineFromSpawnFcgi) {
   EXPECT_TRUE(Eventually(end_timeout, [&] { return !Alive(process); }));
 }
 
-// script/server as it is used: the example site on a free port. The build that these tests belong
-// to is there already, so the script builds nothing; what pages keep goes into the test's own
-// folder.
+// script/server as users call it: the example site on a free port. The build of these tests exists
+// already, so the script builds nothing; files that pages keep go to the test's own folder.
 class SlowExampleSite : public SlowWebServers {
  protected:
-  // The address; empty when it does not come up.
+  // The address; empty if the server does not come up.
   std::string Serve() {
     engine.Folder("build");
     engine.Folder("run");
@@ -301,7 +300,7 @@ class SlowExampleSite : public SlowWebServers {
     return NotedProcess(run.substr(0, run.find('\n')) + "/engine.pid");
   }
 
-  // What a terminal does for Ctrl-C.
+  // Signals as a terminal does for Ctrl-C.
   void Interrupt() {
     kill(-server.pid, SIGINT);
     server.Stop(0);

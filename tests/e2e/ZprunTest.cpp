@@ -1,4 +1,4 @@
-// zprun as it is run.
+// The program zprun, seen from outside.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -27,8 +27,8 @@ class Zprun : public testing::Test {
     directory.File(name, image);
   }
 
-  // Runs zprun in the test's directory with those arguments; answers the exit status and leaves
-  // what was written in output and errors.
+  // Runs zprun in the test's directory with those arguments. Returns the exit status, and stores
+  // the two outputs in output and errors.
   int Run(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), program);
     Command command(arguments);
@@ -47,7 +47,7 @@ class Zprun : public testing::Test {
   }
 
   TemporaryDirectory directory;
-  // What the test itself was started with must not change what is seen.
+  // The test's own environment must not change the results.
   std::map<std::string, std::string> environment = {{"ZEPH_CONFIG", ""}, {"ZpCONFIG_LIBRARY", ""}};
   std::string output_file;
   std::string output;
@@ -174,14 +174,14 @@ TEST_F(Zprun, ALibraryThatIsNotThereOrOfSomebodyElseIsRefused) {
 TEST_F(Zprun, AScriptBelowTheScriptDirectoryHasItsPlaceThere) {
   directory.File("settings.toml", "dir_zeph = \"" + directory.path("site") +
                                       "\"\n[[script]]\nmatch = \"shop/*\"\nbufsz_output = 1\n");
-  // Messages name the script as it was asked for.
+  // Messages name the script by its path on the command line.
   Script("site/shop/page.zpc", "out\n");
   EXPECT_EQ(Run({"--config", "settings.toml", "site/shop/page.zpc"}), 1);
   EXPECT_THAT(output, StartsWith("Fatal error in shop/page.zpc @"));
   Script("elsewhere/page.zpc", "out\n");
   EXPECT_EQ(Run({"--config", "settings.toml", "elsewhere/page.zpc"}), 1);
   EXPECT_THAT(output, StartsWith("Fatal error in page.zpc @"));
-  // A folder whose name begins alike is another one.
+  // A folder whose name only begins with that text is another one.
   Script("site2/page.zpc", "out\n");
   EXPECT_EQ(Run({"--config", "settings.toml", "site2/page.zpc"}), 1);
   EXPECT_THAT(output, StartsWith("Fatal error in page.zpc @"));
@@ -252,7 +252,7 @@ TEST_F(Zprun, AScriptThatTakesTooLongIsEnded) {
 class ZprunSignal : public Zprun {
  protected:
   ZprunSignal() : command({program, "--config", "settings.toml", "endless.zpc"}) {
-    // Each write is seen at once.
+    // Each write appears at once.
     directory.File("settings.toml", "bufsz_output = 1\n");
     Script("endless.zpc", endless);
     command.directory = directory.path();
@@ -283,7 +283,7 @@ TEST_F(ZprunSignal, ThatWasIgnoredStaysIgnored) {
   command.Signal(SIGHUP);
   command.Signal(SIGINT);
   command.Signal(SIGTERM);
-  // The others would have made it the second one.
+  // If an ignored signal counted, SIGTERM would be the second one and end the process at once.
   EXPECT_EQ(command.Finish(), 1);
   EXPECT_EQ(command.output, timed_out);
 }
@@ -292,7 +292,7 @@ TEST_F(ZprunSignal, ASecondOneEndsTheProcessAtOnce) {
   Script("long.zpc", Floods(1000));
   command.arguments = {program, "long.zpc"};
   command.Start();
-  // It waits for a reader, so the first one is of no avail.
+  // The program waits for a reader, so the first signal has no effect.
   command.WaitForOutput();
   command.WaitUntilAsleep();
   command.Signal(SIGINT);

@@ -10,7 +10,7 @@
 
 namespace {
 
-// Arguments as a process gets them: one text behind the other in memory.
+// Arguments as a process gets them: their texts follow one another in memory.
 class Arguments {
  public:
   explicit Arguments(const std::vector<std::string>& texts) {
@@ -93,7 +93,7 @@ TEST(Arguments, LastTitleCounts) {
 }
 
 TEST(Arguments, TitleIsCutToTheAreaOfTheArguments) {
-  // The title lies in the area too, so it always fits; the last byte stays a terminator.
+  // The title is itself in the area, so it always fits; the last byte stays a terminator.
   Arguments titled({"z", "-p", "a long title for a short name"});
   EXPECT_STREQ(titled.argv[0], "a long title for a short name");
   EXPECT_EQ(titled.area.back(), '\0');

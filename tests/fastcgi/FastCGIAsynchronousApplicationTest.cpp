@@ -1,5 +1,5 @@
-// The application of a background task by itself: what it takes over, its clock, and its sleep. The
-// tests give the beats.
+// The application of a background task without its thread: what it copies, its clock, and its
+// sleep. The tests call the heartbeats.
 
 #include "fastcgi/FastCGIAsynchronousApplication.h"
 
@@ -23,7 +23,7 @@
 
 namespace {
 
-// The application of a request that has got as far as its machine.
+// The application of a request that has just made its machine.
 class RequestApplication : public FastCGIBaseApplication {
  public:
   explicit RequestApplication(const TemporaryDirectory& directory)
@@ -39,7 +39,7 @@ class TaskApplication : public FastCGIAsynchronousApplication {
  public:
   using FastCGIAsynchronousApplication::FastCGIAsynchronousApplication;
   ZephVM* machine() { return vm; }
-  // The limit of sleeps, a day, is in force; the file has been looked at by then.
+  // When the limit of sleeps, a day, is in force, the file's time has been read.
   bool Asleep() {
     MutexGuard guard(application_mutex);
     return TimeRemaining() > 50000;
@@ -69,7 +69,7 @@ class TaskSleep : public testing::Test {
   ~TaskSleep() override { Join(); }
 
   void Set(int setting, int value) { request.config()->SetValue_Integer(setting, value); }
-  // The task as it is behind its start.
+  // The task after its start.
   TaskApplication& Task() {
     if (!task) {
       task = std::make_unique<TaskApplication>(&request, &machine);
@@ -92,8 +92,8 @@ class TaskSleep : public testing::Test {
     if (!awake) task->Cancelled();
     sleeper.join();
   }
-  // Beats, at that time, until the sleep has passed so many of them on or is over. False if it has
-  // not after a long while.
+  // Sends beats of that time until the sleep has passed on so many of them or has ended. Returns
+  // false if it has not after a long while.
   bool Beat(int count, long now = time(nullptr)) {
     const int wanted = beats + count;
     return Beats(now, [&] { return beats >= wanted || awake; });
@@ -111,8 +111,8 @@ class TaskSleep : public testing::Test {
     }
     return true;
   }
-  // Modified, as the file system tells it, so many seconds from now. A file that is there is not
-  // written again: its time would be the present one for a moment.
+  // Sets the file's modification time to so many seconds from now. An existing file is not written
+  // again, because its time would be the present one for a moment.
   void Modify(const char* name, int seconds) {
     if (!directory.Exists(name)) directory.File(name);
     const auto now = std::filesystem::file_time_type::clock::now();
@@ -145,7 +145,7 @@ TEST_F(TaskSleep, EndsAtTheBeatBehindAChangeOfItsFile) {
   EXPECT_FALSE(Task().cancelled());
 }
 
-// Nobody tells the task of a change: it looks when a beat wakes it, so without one it sleeps on.
+// The task checks the file only when a beat wakes it, so without a beat it sleeps on.
 TEST_F(TaskSleep, DoesNotSeeAChangeWithoutABeat) {
   Modify("flag", -100);
   const long until = time(nullptr) + 2;
@@ -210,7 +210,7 @@ TEST_F(TaskSleep, IsHeldToItsOwnLimitAndNotToTheTasks) {
   EXPECT_FALSE(awake);
   EXPECT_TRUE(BeatUntilAwake(time(nullptr) + 1002));
   EXPECT_TRUE(Task().cancelled());
-  // A sleep that has lasted too long ends the task, which gets none of its own time back.
+  // A sleep that has lasted too long ends the task, and the task's own time is not restored.
   EXPECT_GE(Task().TimeRemaining(), 900);
 }
 
@@ -258,7 +258,7 @@ TEST_F(TaskServices, SettingsAreThoseThatTheRequestHasReadAndElseTheDefaults) {
   task.reset();
   Set(Config_timeout_async, 50);
   EXPECT_LE(Task().TimeRemaining(), 50);
-  // What the request sets from now on is its own.
+  // The request's later changes do not reach the task.
   Set(Config_timeout_async, 5000);
   Task().ResetGlobalTimeout();
   EXPECT_LE(Task().TimeRemaining(), 50);

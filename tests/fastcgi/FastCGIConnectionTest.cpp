@@ -24,7 +24,7 @@ class Connection : public testing::Test {
     engine.reset(ends[0]);
     peer.reset(ends[1]);
   }
-  // Until the peer's socket takes no more.
+  // Writes until the peer's socket takes no more.
   void FillUp() {
     const std::string bytes(8192, 'x');
     while (send(engine.get(), bytes.data(), bytes.size(), MSG_DONTWAIT) > 0) {
@@ -34,7 +34,7 @@ class Connection : public testing::Test {
   void Send(const std::string& bytes) {
     EXPECT_EQ(send(peer.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
   }
-  // Whether the engine has ended the connection and not only its side of it.
+  // Whether the engine has shut down both directions of the connection.
   bool PeerIsCutOff() { return send(peer.get(), "x", 1, MSG_NOSIGNAL) < 0; }
 
   FastCGIThreadManager manager;

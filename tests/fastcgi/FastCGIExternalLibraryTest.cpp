@@ -39,7 +39,7 @@ TEST(FastCGIExternalLibraryManager, EachThreadReadsItsOwnError) {
   for (std::thread& thread : threads) thread.join();
 }
 
-// A library is shared, and so are its failed lookups.
+// Libraries are shared, and so are failed look-ups.
 TEST(FastCGIExternalLibraryManager, EachThreadReadsItsOwnErrorOfALibrary) {
   FastCGIExternalLibraryManager manager;
   ExternalLibrary* library = manager.Lookup(TestLibraryPath("FakeEmpty").c_str());

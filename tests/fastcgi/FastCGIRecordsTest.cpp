@@ -17,8 +17,8 @@ constexpr int kInput = 5;
 constexpr int kQuestion = 9;
 const std::string kResponder("\0\1\1\0\0\0\0\0", 8);
 
-// What passes of the bytes when they come in pieces of that size, and "refused" after it when the
-// connection is given up.
+// The bytes that pass if the input comes in pieces of that size, with "refused" after them if the
+// connection has to be given up.
 std::string Passed(const std::string& bytes, size_t piece = 8192, int room = 8192) {
   FastCGIRecords records;
   records.Start();
@@ -152,7 +152,7 @@ TEST(FastCGIRecords, WhatAParameterAnnouncesIsBounded) {
     SCOPED_TRACE(testing::Message() << c.name << " and " << c.value);
     const std::string lengths = FastCGIClient::PairLengths(c.name, c.value);
     EXPECT_EQ(IsRefused(Begin() + Record(kParameters, 1, lengths)), c.refused);
-    // Also in pieces, each in a record of its own.
+    // The same in pieces, each in a record of its own.
     EXPECT_EQ(IsRefused(Begin() + Record(kParameters, 1, lengths.substr(0, 3)) +
                         Record(kParameters, 1, lengths.substr(3))),
               c.refused);
@@ -160,7 +160,7 @@ TEST(FastCGIRecords, WhatAParameterAnnouncesIsBounded) {
 }
 
 TEST(FastCGIRecords, AllParametersOfARequestAreBoundedTogether) {
-  // Half a million empty parameters cost what they need beside their texts.
+  // Half a million empty parameters cost kPairCost each.
   const size_t most = FastCGIRecords::kMostParameterBytes / FastCGIRecords::kPairCost;
   const std::string pairs(60000, '\0');
   std::string bytes = Begin();
@@ -184,7 +184,7 @@ TEST(FastCGIRecords, AQuestionMayAskForThreeLimits) {
   std::string names;
   for (int i = 0; i < 3; i++) names += std::string("\17\0", 2) + "FCGI_MPXS_CONNS";
   const std::string others = std::string("\5\0", 2) + "OTHER";
-  // libfcgi answers when it has seen a byte of padding.
+  // libfcgi replies after it has read a byte of padding.
   const std::string passed = Record(kQuestion, 0, names + others, 1);
   for (size_t piece = 1; piece < 90; piece++) {
     EXPECT_EQ(Passed(Record(kQuestion, 0, names + others, 8), piece),

@@ -149,7 +149,7 @@ TEST(FastCGIBaseApplication, NoScriptGetsNewTimeInAShutdown) {
   EXPECT_TRUE(application.cancelled());
 }
 
-// Settings of a library that takes as long as the heartbeat needs to pass by.
+// Settings whose reading lasts until a heartbeat has passed.
 class PatientConfig : public Config {
  public:
   explicit PatientConfig(FastCGIBaseApplication* owner) : application(owner) {}

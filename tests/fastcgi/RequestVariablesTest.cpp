@@ -12,7 +12,7 @@
 
 namespace {
 
-// A table with the parameters of a request, which may go before the table does.
+// A table with the parameters of a request. The parameters may be freed before the table.
 class RequestTable {
  public:
   explicit RequestTable(std::vector<std::string> parameters) : texts(std::move(parameters)) {
@@ -21,7 +21,7 @@ class RequestTable {
     table.SetLateVariables(new RequestVariables(entries.data(), NewSystemVariables(&application)));
   }
 
-  // The text of a variable, "(none)" for a name that is not there.
+  // The text of a variable; "(none)" if there is none of that name.
   static std::string Value(SystemVariableHash* table, const char* name) {
     Variable* found = nullptr;
     if (!table->Find(&found, name, -1, 0) || !found) return "(none)";
@@ -114,8 +114,8 @@ std::vector<std::string> Names(SystemVariableHash* table) {
   return names;
 }
 
-// Names of the file, the server's parameters as they came, the system variables, what the host
-// knows.
+// The order of the names: those of the file, the server's parameters as they came, the system
+// variables, the facts of the host.
 TEST(RequestVariables, AreListedInOneOrder) {
   TestApplication application;
   Dictionary of_system;
@@ -150,8 +150,8 @@ TEST(RequestVariables, AreListedInOneOrder) {
   }
 }
 
-// Every bare name of a script is asked for here. The bound is a hundred times of what the look-ups
-// take, and a fraction of what comparisons with all parameters would.
+// Every plain name of a script is looked up here. The bound is a hundred times the time of these
+// look-ups, and a fraction of the time that comparisons with all parameters would take.
 TEST(RequestVariables, ANameThatIsNoneOfThemIsNotComparedWithAll) {
   std::vector<std::string> many;
   for (int i = 0; i < 30000; i++) many.push_back("HTTP_" + std::to_string(100000 + i) + "=x");

@@ -1,5 +1,5 @@
-// The order of the application's virtual operations, which extension libraries were built on: read
-// from pointers to members, which hold the distance of the slot in the table, plus one.
+// The order of the application's virtual operations, which extension libraries depend on. It is
+// read from pointers to members, which contain the offset of the slot in the table, plus one.
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@
 
 namespace {
 
-// The slot from 0 on; -1 for an operation that is not virtual.
+// The slot, counted from 0; -1 for an operation that is not virtual.
 template <class Member>
 int Slot(Member member) {
   std::intptr_t words[2];

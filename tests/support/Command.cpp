@@ -1,3 +1,5 @@
+// Runs a program and reads its output and its state in /proc.
+
 #include "tests/support/Command.h"
 
 #include <fcntl.h>
@@ -21,7 +23,7 @@ void CloseDescriptor(int* descriptor) {
   *descriptor = -1;
 }
 
-// Reads what is there; false at the end.
+// Reads the bytes that are there. Returns false at the end.
 bool ReadSome(int descriptor, std::string* text) {
   char buffer[8192];
   ssize_t count = read(descriptor, buffer, sizeof buffer);
@@ -29,12 +31,12 @@ bool ReadSome(int descriptor, std::string* text) {
   return count > 0;
 }
 
-// Whether the thread whose folder in /proc that is sleeps.
+// Whether a thread sleeps. The argument is its folder in /proc.
 bool IsAsleep(const std::filesystem::path& thread) {
   std::ifstream file(thread / "stat");
   std::string text;
   std::getline(file, text);
-  // The state follows the name, which stands in parentheses and may hold any byte.
+  // The state follows the name, which is in parentheses and may contain any byte.
   const size_t name_end = text.rfind(')');
   return name_end != std::string::npos && text.compare(name_end, 3, ") S") == 0;
 }

@@ -1,5 +1,5 @@
-// A program that a test runs to its end: its arguments, its environment, what it wrote and how it
-// ended.
+// A program that a test runs to its end: its arguments, its environment, its output and its exit
+// status.
 
 #ifndef ZEPH_TESTS_SUPPORT_COMMAND_H
 #define ZEPH_TESTS_SUPPORT_COMMAND_H
@@ -23,22 +23,23 @@ class Command {
   std::vector<std::string> arguments;
   std::string directory;                           // its working directory; empty is the test's
   std::map<std::string, std::string> environment;  // added to the test's
-  std::string output_file;                         // in place of the pipe that Finish reads
+  std::string output_file;                         // instead of the pipe that Finish reads
   std::vector<int> ignored_signals;
 
-  // --- The run ---------------------------------------------------------------------------------
-  // Fails the test when the program cannot be started.
+  // Fails the test if the program cannot be started.
   void Start();
-  // Waits until it has written something to its standard output.
+  // Waits until the program has written something to its standard output.
   void WaitForOutput();
-  // Waits until it waits itself, in all its threads: for a reader, say.
+  // Waits until all threads of the program sleep, for example because no one reads the output.
   void WaitUntilAsleep() const;
-  // Waits for its end without reading what it writes: who waits for a reader gets none.
+  // Waits for the program's end without reading its output, so a program that waits for a reader
+  // gets none.
   void WaitForEnd() const;
   // Closes the pipe from its standard output.
   void StopReading();
   void Signal(int number);
-  // Reads what it writes until it ends. Answers the exit status, 128 and more for a signal.
+  // Reads the program's output until it ends. Returns the exit status, or 128 and more for a
+  // signal.
   int Finish();
   // Start and Finish.
   int Run();

@@ -1,5 +1,5 @@
 // Compiled files put together byte by byte, without the engine's own writers, so that readers and
-// writers are held against the format and not against each other.
+// writers are compared with the format instead of with each other.
 
 #ifndef ZEPH_TESTS_SUPPORT_COMPILEDFILEBYTES_H
 #define ZEPH_TESTS_SUPPORT_COMPILEDFILEBYTES_H
@@ -40,7 +40,7 @@ struct SectionBytes {
   std::string content;
 };
 
-// The container: sections from offset 32 on, the directory behind them.
+// The container: sections from offset 32 on, the directory after them.
 inline std::string Container(const std::vector<SectionBytes>& sections, unsigned version = 0x1000B,
                              const std::string& stamp = std::string(16, '\0')) {
   std::string body;
@@ -128,8 +128,8 @@ inline std::string VariableTable(const Texts& texts, const std::vector<int>& ids
   return bytes;
 }
 
-// A whole small script: it writes a greeting, a variable and a localized text, and has a function
-// with two parameters, the second by reference, and one external function.
+// A small complete script: it writes a greeting, a variable and a localized text, and has a
+// function with two parameters, the second by reference, and one external function.
 inline std::vector<SectionBytes> SmallScript() {
   Texts texts;
   int greeting = texts.Add("Hello, world\n");
@@ -190,7 +190,7 @@ inline std::vector<SectionBytes> SmallScript() {
           {"func", func}};
 }
 
-// The sections without one.
+// The sections except the one with that tag.
 inline std::vector<SectionBytes> Without(std::vector<SectionBytes> sections, std::string_view tag) {
   std::erase_if(sections, [tag](const SectionBytes& section) { return section.tag == tag; });
   return sections;

@@ -1,4 +1,4 @@
-// What a delimited text file holds, found by code that is slow and short, to compare imports with.
+// The records of a delimited text file, found by slow and short code, to compare imports with.
 
 #ifndef ZEPH_TESTS_SUPPORT_DELIMITEDMODEL_H
 #define ZEPH_TESTS_SUPPORT_DELIMITEDMODEL_H
@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-// The values of so many fields of each record. A field that a record has not is empty.
+// The values of `fields` fields of each record. A field that a record does not have is empty.
 inline std::vector<std::vector<std::string>> DelimitedRecords(const std::string& content,
                                                               const std::string& delimiter,
                                                               size_t fields) {
@@ -23,7 +23,7 @@ inline std::vector<std::vector<std::string>> DelimitedRecords(const std::string&
       } else if (c == '\n') {
         ended = true;
       } else if (c == '\r') {
-        // What is behind it has to be seen: at the end of the file it is not the end of a record.
+        // A CR ends a record unless it is the last byte of the file.
         ended = at < content.size();
         if (ended && content[at] == '\n') at++;
       } else {

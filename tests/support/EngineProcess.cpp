@@ -1,3 +1,5 @@
+// Starts, observes and ends the built engine.
+
 #include "tests/support/EngineProcess.h"
 
 #include <arpa/inet.h>
@@ -33,7 +35,7 @@ std::string ReadWhole(const std::string& path) {
   return text.str();
 }
 
-// Polls until test answers true; answers whether it did.
+// Polls until test returns true. Returns whether it did.
 template <typename Test>
 bool Eventually(EngineProcess::Milliseconds timeout, Test test) {
   auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -44,7 +46,7 @@ bool Eventually(EngineProcess::Milliseconds timeout, Test test) {
   return true;
 }
 
-// A listening socket on a free port of the loopback; -1 when that fails.
+// A listening socket on a free port of the loopback; -1 on an error.
 int ListenOnPort(int* port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -147,10 +149,10 @@ int EngineProcess::OpenDescriptor0() {
   return -1;
 }
 
-// Runs between fork and exec, in a process that has this one thread: nothing here allocates in a
-// way that another thread of the test could hold up, since tests that start engines have none.
+// Runs between fork and exec, in a process with this one thread. Allocation is safe here because
+// tests that start engines have no other thread that could hold the heap's lock.
 void EngineProcess::RunChild(int descriptor) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that crashes leaves nothing behind
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that crashes leaves no process
   if (descriptor >= 0) {
     dup2(descriptor, 0);
   } else {
@@ -159,7 +161,7 @@ void EngineProcess::RunChild(int descriptor) {
   int log = open(Path("log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
   dup2(log, 1);
   dup2(log, 2);
-  // What the test's own parent has left open is no business of the engine's.
+  // Descriptors that the test has inherited are not passed to the engine.
   close_range(3, ~0u, 0);
   if (descriptor_limit > 0) {
     rlimit limit{descriptor_limit, highest_descriptor_limit};
@@ -187,7 +189,7 @@ bool EngineProcess::Start() {
   }
   process = fork();
   if (process == 0) RunChild(listening);
-  // The engine alone listens from here on: when it has gone, connecting fails.
+  // From here on only the engine listens: connecting fails after its end.
   if (listening >= 0) close(listening);
   listening = -1;
   return process > 0;
@@ -261,7 +263,7 @@ void EngineProcess::LimitDescriptors(unsigned limit) const {
 }
 
 void EngineProcess::LimitMemory(size_t more) const {
-  // The first number there is the size of its address space, in pages.
+  // The first number in that file is the size of the address space, in pages.
   const auto pages = std::stoul(ReadWhole("/proc/" + std::to_string(process) + "/statm"));
   const rlim_t limit = pages * static_cast<size_t>(sysconf(_SC_PAGESIZE)) + more;
   rlimit wanted{limit, limit};

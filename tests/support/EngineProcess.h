@@ -24,100 +24,97 @@
 
 class EngineProcess {
  public:
-  // Its threads beside those that serve requests: the main one, the heartbeat, and one of the
-  // thread sanitizer's own.
+  // The threads that serve no requests: the main thread, the heartbeat, and one of the thread
+  // sanitizer.
   static constexpr int OtherThreads = 2 + (ThreadSanitizer ? 1 : 0);
   using Milliseconds = std::chrono::milliseconds;
-  // How long an orderly shutdown may take at most: a heartbeat, and the time of a slow machine.
+  // The longest time of an orderly shutdown: a heartbeat, and the delay of a slow machine.
   static constexpr Milliseconds ShutdownTimeout{40000};
 
   EngineProcess();
-  // Kills the engine if it still runs. Fails the test when a sanitizer has complained in it.
+  // Kills the engine if it still runs. Fails the test if a sanitizer has reported an error in it.
   ~EngineProcess();
   EngineProcess(const EngineProcess&) = delete;
   EngineProcess& operator=(const EngineProcess&) = delete;
 
-  // --- Before the start ------------------------------------------------------------------------
-  // Command line behind the program's name.
+  // The command line after the program's name.
   std::vector<std::string> arguments;
-  // Added to, or replacing, what the test's own environment has.
+  // Added to the test's own environment, or replacing variables of it.
   std::map<std::string, std::string> environment;
-  // Text behind the directories in zeph.toml.
+  // Text after the directories in zeph.toml.
   std::string settings;
-  // The whole of zeph.toml; when set, the directories and settings above are not written.
+  // The whole of zeph.toml; if set, the directories and settings above are not written.
   std::string configuration;
-  // What descriptor 0 is; a listening UNIX socket by default.
+  // The kind of descriptor 0; a listening UNIX socket by default.
   enum Descriptor0 { ListeningSocket, NonBlockingSocket, TCPSocket, PlainFile, Closed };
   Descriptor0 descriptor0 = ListeningSocket;
 
-  // How many descriptors it may have at first; 0 leaves the limit alone.
+  // The engine's first limit of descriptors; 0 keeps the test's limit.
   unsigned descriptor_limit = 0;
-  // Bytes of address space that it may have, and the size of stacks that the system starts it with;
-  // 0 leaves them alone. The sanitizers need more address space than any machine has.
+  // Limits of the engine's address space and of the stacks that the system starts it with, in
+  // bytes; 0 keeps the test's limits. The sanitizers need more address space than any machine has
+  // memory.
   unsigned long address_space_limit = 0;
   unsigned long stack_limit = 0;
 
   // Whether standard parameters name the configuration library; a test may put it elsewhere.
   bool name_library = true;
 
-  // --- Files ------------------------------------------------------------------------------------
-  // All paths are relative to the temporary directory; folders are made as needed. They answer the
-  // absolute path, and fail the test when they cannot do what they are asked to.
+  // All paths are relative to the temporary directory; folders are made when needed. The functions
+  // return the absolute path, and fail the test on an error.
   std::string Path(std::string_view relative) const;
   std::string Write(std::string_view relative, std::string_view bytes);
   // Assembles a script into scripts/.
   std::string Script(std::string_view name, std::string_view source);
   std::string Folder(std::string_view relative);
 
-  // Writes zeph.toml anew, from the members above. Start does this too.
+  // Writes zeph.toml again, from the members above. Start does this too.
   void WriteConfiguration();
 
-  // --- The process ------------------------------------------------------------------------------
-  // Writes zeph.toml and starts the engine. Fails the test, and answers false, when it cannot.
+  // Writes zeph.toml and starts the engine. On an error it fails the test and returns false.
   bool Start();
   pid_t pid() const { return process; }
   const std::string& socket() const { return socket_path; }
-  // Of a TCPSocket.
+  // The port of a TCPSocket.
   int port() const { return listening_port; }
-  // Waits for the end; answers the exit status, 128 and more for a signal, or -1 when it still
-  // runs.
+  // Waits for the end. Returns the exit status, 128 and more for a signal, or -1 if the engine
+  // still runs.
   int Wait(Milliseconds timeout = ShutdownTimeout);
   void Signal(int number);
   bool Running();
-  // What it has printed so far.
+  // The engine's output so far.
   std::string Log() const;
-  // Its arguments as process listings show them, NUL bytes included.
+  // The engine's arguments as process listings show them, NUL bytes included.
   std::string ProcessArguments() const;
-  // Waits until it has made all its request threads and handles signals.
+  // Waits until the engine has made all its request threads and handles signals.
   bool WaitUntilReady();
-  // The count of its threads; the second waits until it is the wanted one, and answers the last
-  // count seen.
+  // The number of the engine's threads. The second function waits until it is the expected one, and
+  // returns the last number that it has read.
   int Threads() const;
-  // Bytes of memory that it has in use, as the system counts them.
+  // Bytes of memory that the engine uses, as the system counts them.
   long ResidentBytes() const;
   int WaitForThreads(int wanted, Milliseconds timeout = Milliseconds(20000)) const;
 
-  // The same for its open descriptors, and another limit for them.
+  // The number of open descriptors, and another limit for them.
   int Descriptors() const;
   int WaitForDescriptors(int wanted, Milliseconds timeout = Milliseconds(20000)) const;
   void LimitDescriptors(unsigned limit) const;
-  // Leaves it that many bytes of address space beyond what it has.
+  // Limits the engine's address space to that many bytes more than it uses.
   void LimitMemory(size_t more) const;
 
-  // --- Requests ---------------------------------------------------------------------------------
-  // Parameters that every request needs: ZpCONFIG_LIBRARY, and PATH_INFO when path is not null.
+  // The parameters that every request needs: ZpCONFIG_LIBRARY, and PATH_INFO if path is not null.
   FastCGIParameters Parameters(const char* path, const FastCGIParameters& more = {}) const;
-  // One request on a connection of its own.
+  // Sends one request on a connection of its own.
   FastCGIResponse Get(const char* path, const FastCGIParameters& more = {},
                       std::string_view input = "");
 
-  // Where the build has put things.
+  // The folders of the build.
   static std::string Program();
   static std::string ConfigurationLibrary();
 
  private:
   int OpenDescriptor0();
-  // Of a folder of the process in /proc.
+  // The number of entries in a folder of the process in /proc.
   int CountOfEntries(const char* folder) const;
   [[noreturn]] void RunChild(int descriptor);
 
@@ -126,7 +123,7 @@ class EngineProcess {
   int listening = -1;
   int listening_port = 0;
   pid_t process = -1;
-  int status = -1;  // of the process once it has ended
+  int status = -1;  // of the process after its end
 };
 
 #endif

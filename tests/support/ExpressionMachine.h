@@ -12,7 +12,7 @@
 
 class ExpressionMachine : public Machine {
  public:
-  // What the next compilation is given beside the text.
+  // Arguments of the next compilation, besides the text.
   const char* alias = nullptr;
   const char* source_file = nullptr;
   int line = 0;
@@ -20,7 +20,7 @@ class ExpressionMachine : public Machine {
   FunctionManager* parent = nullptr;
   ExternalCallManager* calls = &external_calls;
 
-  // Compiles behind the code that is there already. False leaves the message in failure.
+  // Compiles to the end of the existing code. Returns false with the message in failure.
   bool Compile(std::string_view text) {
     ExpressionCompiler compiler(calls, &segments, &dictionary, &functions, parent, text.data(),
                                 static_cast<int>(text.size()), alias, segments.Start(), end,
@@ -37,15 +37,15 @@ class ExpressionMachine : public Machine {
     return compiled;
   }
 
-  // The code of a text: instructions with their operands behind a blank, joined by "; ". Constants
-  // stand in quotes.
+  // The code of a text: instructions with their operands after a blank, joined by "; ". Constants
+  // are in quotes.
   std::string Code(std::string_view text) {
     return Compile(text) ? Listing() : "failed: " + failure;
   }
   std::string Message(std::string_view text) {
     return Compile(text) ? "compiled: " + Listing() : failure;
   }
-  // What the code of a text leaves on the stack, as Machine::StackText writes it.
+  // The stack after the code of a text has run, as Machine::StackText writes it.
   std::string Run(std::string_view text) {
     if (!Compile(text)) return "failed: " + failure;
     return Go() == 1 ? StackText() : "stopped: " + Failure();

@@ -1,3 +1,5 @@
+// Refuses blocks by their number, and repeats a run for each of its blocks.
+
 #include "tests/support/FailingAllocator.h"
 
 #include <gtest/gtest.h>
@@ -25,7 +27,7 @@ void RunToItsEnd(const std::function<void()>& run) {
   }
 }
 
-// Whether the run was over before.
+// Whether the run ended before its block was reached.
 bool RunWithout(const std::function<void()>& run, long number, FailingAllocator::Mode mode) {
   const int64_t before = ThreadMemory::Used();
   bool refused;
@@ -42,7 +44,7 @@ bool RunWithout(const std::function<void()>& run, long number, FailingAllocator:
 
 long RunAll(const std::function<void()>& run, bool both, long each) {
   ThreadMemory::Begin();
-  // Fills what lasts as long as the thread.
+  // Allocates once what stays for the life of the thread.
   RunToItsEnd(run);
   long whole;
   {

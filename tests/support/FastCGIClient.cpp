@@ -1,3 +1,5 @@
+// The records of the FastCGI protocol, written and read.
+
 #include "tests/support/FastCGIClient.h"
 
 #include <arpa/inet.h>
@@ -300,7 +302,8 @@ FastCGIResponse FastCGIClient::Request(const FastCGIParameters& parameters, std:
                                        bool keep, Milliseconds timeout) {
   FastCGIResponse failed;
   failed.problem = "the engine does not take the request";
-  // An engine that answers early may close before all input is sent; its answer is there to read.
+  // An engine that responds early may close before all input is sent; its response can still be
+  // read.
   if (!Begin(keep) || !Parameters(parameters) || !EndParameters()) return failed;
   if (!input.empty()) Input(input);
   EndInput();

@@ -1,5 +1,5 @@
-// Files in memory that count what is asked of them and fail on demand. For readers and writers that
-// are to be tested, measured or fuzzed without a disk.
+// Files in memory that count calls and fail on demand, so that readers and writers can be tested,
+// measured or fuzzed without a disk.
 
 #ifndef ZEPH_TESTS_SUPPORT_FAULTYFILE_H
 #define ZEPH_TESTS_SUPPORT_FAULTYFILE_H
@@ -11,7 +11,7 @@
 
 #include "tools/MemoryFile.h"
 
-// A byte range that a file of the manager holds locked.
+// A byte range that a file of the manager has locked.
 struct HeldLock {
   const File* file;
   FileLockType type;
@@ -23,7 +23,7 @@ class FaultyFileManager : public MemoryFileManager {
  public:
   using MemoryFileManager::MemoryFileManager;
 
-  // What was asked of all files so far.
+  // Calls on all files so far.
   int opens = 0;
   int reads = 0;
   int writes = 0;
@@ -33,14 +33,13 @@ class FaultyFileManager : public MemoryFileManager {
   int open_now = 0;
   // Reads, writes, seeks, lengths, locks and releases together.
   int calls = 0;
-  // What was locked and released, in order, as "lock t.dbf 0 97 exclusive" and "release t.dbf 0
-  // 97".
+  // All locks and releases, in order, as "lock t.dbf 0 97 exclusive" and "release t.dbf 0 97".
   std::vector<std::string> lock_log;
-  // What is locked now. A file that is deleted gives up its locks, a release without a lock is
-  // recorded all the same.
+  // The present locks. Deleting a file object releases its locks; a release without a lock is
+  // recorded as well.
   std::vector<HeldLock> held;
 
-  // The n-th call from now on fails, 1 being the next; 0 is none. A failed call answers -1 with
+  // The n-th call from now on fails, 1 being the next; 0 means none. A failed call returns -1 with
   // the text "Injected failure".
   int fail_open = 0;
   int fail_read = 0;
@@ -48,20 +47,20 @@ class FaultyFileManager : public MemoryFileManager {
   int fail_seek = 0;
   int fail_lock = 0;
   int fail_release = 0;
-  // Once that many more bytes have been written, nothing is taken any more; -1 is no limit.
+  // After that many more bytes, writes take nothing; -1 means no limit.
   long write_room = -1;
-  // No file grows beyond that many bytes: a damaged header may name places gigabytes away.
+  // No file grows beyond that many bytes, because a damaged header may hold offsets of gigabytes.
   long size_limit = LONG_MAX;
-  // No read gives more than that at once; 0 is no limit.
+  // No read returns more than that; 0 means no limit.
   int read_limit = 0;
 
-  // The process is killed at the n-th call from now on, 1 being the next, 0 never: that call and
-  // all calls behind it, of all files, fail and leave no trace. If that call is a write, its first
-  // killed_write_length bytes arrive all the same.
+  // Simulates that the process is killed at the n-th call from now on, 1 being the next, 0 never:
+  // that call and all calls after it, of all files, fail without effect. If that call is a write,
+  // its first killed_write_length bytes are still written.
   int kill_call = 0;
   int killed_write_length = 0;
   bool killed = false;
-  // A new process comes to the files as the killed one left them.
+  // A new process uses the files as the killed one left them.
   void Revive() {
     killed = false;
     kill_call = 0;
@@ -126,7 +125,7 @@ class FaultyFile final : public MemoryFile {
     return Dies() ? Fail() : MemoryFile::Length();
   }
 
-  // Nobody waits here: a lock is recorded and granted.
+  // No lock waits here: it is recorded and granted.
   bool Lock(FileLockType type, long start, long length) override {
     if (Dies() || Due(&files->fail_lock)) return Fail() >= 0;
     Log("lock", start, length, type == FileLock_Exclusive ? " exclusive" : " shared");

@@ -1,5 +1,5 @@
-// Bodies of forms, fed to a parser in pieces of every kind: what comes out must not depend on where
-// a block ends.
+// Bodies of forms, passed to a parser in pieces of every kind: the result must not depend on the
+// ends of blocks.
 
 #ifndef ZEPH_TESTS_SUPPORT_FORMBODIES_H
 #define ZEPH_TESTS_SUPPORT_FORMBODIES_H
@@ -16,7 +16,7 @@
 
 using Blocks = std::vector<std::string_view>;
 
-// A text with its NULs.
+// A text with the NUL bytes in it.
 inline std::string TextOf(const String& text) {
   return text.data ? std::string(text.data, static_cast<size_t>(text.length)) : "";
 }
@@ -39,10 +39,10 @@ inline std::string Contents(VariableHash& table) {
   return text;
 }
 
-// Feeds the blocks and the end. The error's text behind a failure, and empty otherwise.
+// Passes the blocks and the end. Returns the error's text after a failure, else the empty text.
 inline std::string Feed(HTTPContentParser& parser, const Blocks& blocks) {
   for (std::string_view block : blocks) {
-    // A copy of its own, so that a read beyond the block is seen by a sanitizer.
+    // A copy in memory of its own, so that a sanitizer sees a read past the block.
     const std::vector<char> bytes(block.begin(), block.end());
     if (!parser.Parse(bytes.data(), static_cast<int>(bytes.size()))) {
       return "failed: " + TextOf(parser.error());
@@ -59,7 +59,7 @@ inline Blocks SingleBytes(std::string_view body) {
 }
 
 // Runs a body whole, byte by byte, in blocks of seven, and cut in two at every position.
-// run(blocks) answers a text of all that came of it; it has to be the same text each time.
+// run(blocks) returns a text of all results; it has to be the same text each time.
 template <typename Run>
 void ExpectInAllCuts(std::string_view body, const std::string& expected, Run run) {
   EXPECT_EQ(run({body}), expected) << "whole";

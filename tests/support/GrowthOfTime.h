@@ -1,5 +1,5 @@
-// How the time of some work grows with its size: told by the processor time of the thread, at two
-// sizes, so that neither a slow nor a busy machine matters.
+// How the time of some work grows with its size, measured as processor time of the thread at two
+// sizes, so that a slow or busy machine does not matter.
 
 #ifndef ZEPH_TESTS_SUPPORT_GROWTHOFTIME_H
 #define ZEPH_TESTS_SUPPORT_GROWTHOFTIME_H
@@ -7,13 +7,13 @@
 #include <algorithm>
 #include <ctime>
 
-// How many times as long work takes for 16 times the size. Work by size is near 16, or a few times
-// that where the smaller one fits into caches; work by the square of the size is near 256.
+// Returns how many times as long the work takes for 16 times the size. Linear work is near 16, or a
+// few times that if the smaller size fits into caches; quadratic work is near 256.
 constexpr int SizeGrowth = 16;
 constexpr double NearLinear = 100;
 
-// made = make(size) prepares, work(&made) is measured. The best of three of each, since memory that
-// is touched for the first time costs more.
+// made = make(size) prepares, work(&made) is measured. The best of three of each counts, because
+// memory costs more when it is touched for the first time.
 template <class Make, class Work>
 double GrowthOfTime(int size, Make make, Work work) {
   const auto measure = [&](int count) {

@@ -1,5 +1,5 @@
-// What tests of extension libraries have in common: an application with a library manager, and
-// access to the tables that the fake library answers.
+// Shared by tests of extension libraries: an application with a library manager, and access to the
+// tables that the fake library returns.
 
 #ifndef ZEPH_TESTS_SUPPORT_LIBRARYFIXTURE_H
 #define ZEPH_TESTS_SUPPORT_LIBRARYFIXTURE_H
@@ -21,7 +21,7 @@ inline std::string Text(const String& text) {
   return text.data == nullptr ? std::string() : std::string(text.data, size_t(text.length));
 }
 
-// Whether a text names a file that cannot be opened, in the words of the system.
+// Whether a text says, in the words of the system, that a file cannot be opened.
 inline bool NamesMissingFile(const String& text, const std::string& path) {
   return Text(text).find(path) != std::string::npos &&
          Text(text).find("No such file or directory") != std::string::npos;
@@ -38,8 +38,8 @@ class LibraryFixture : public testing::Test {
     Exported<int>("fake_calls") = 0;
   }
 
-  // A variable that the fake library exports. It is opened through a manager apart, so that the
-  // tested one has not seen it.
+  // A variable that the fake library exports. A separate manager opens the library, so that the
+  // tested manager has not loaded it.
   template <typename T>
   T& Exported(const char* name) {
     ExternalLibrary* library = access.Lookup(fake.c_str());

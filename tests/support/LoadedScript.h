@@ -1,4 +1,4 @@
-// A compiled file and all that a request reads from it, in the order in which a request does.
+// A compiled file and everything that a request reads from it, in the same order.
 
 #ifndef ZEPH_TESTS_SUPPORT_LOADEDSCRIPT_H
 #define ZEPH_TESTS_SUPPORT_LOADEDSCRIPT_H
@@ -30,7 +30,7 @@ struct LoadedScript {
         languages(application, &dictionary, &file, 12, 8),
         functions(&dictionary, 8) {}
 
-  // Adopts the file when its header and directory are good. failed_section, if not null, receives
+  // Adopts the file if its header and directory are valid. failed_section, if not null, receives
   // the tag of the section that could not be read, or "open".
   bool Load(const char* name, File* opened, const char** failed_section = nullptr) {
     const char* stage = "open";
@@ -43,9 +43,8 @@ struct LoadedScript {
     return good;
   }
 
-  // Looks at every text, name, byte of code and link that was loaded, as a machine could, and finds
-  // nothing to be wrong. Sets languages of the application. The answer only keeps a compiler from
-  // leaving something out.
+  // Reads every loaded text, name, byte of code and link, as a machine could. Sets languages of the
+  // application. The result only keeps the compiler from omitting the reads.
   size_t UseEverything(ZephApplication* application) {
     return UseTexts() + UseFunctions() + UseCode() + UsePieces() + UseLanguages(application);
   }

@@ -1,3 +1,5 @@
+// A machine for tests: code from program text, and its stack as text.
+
 #include "tests/support/Machine.h"
 
 #include "base/machine/PoppedString.h"

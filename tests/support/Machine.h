@@ -1,5 +1,5 @@
-// A machine with everything around it, for tests of the loop, the stack and the handlers. Code
-// comes as program text, which zpasm would assemble, or is put into the start segment word by word.
+// A machine with everything that it needs, for tests of the loop, the stack and the handlers. Code
+// is program text as for zpasm, or is written to the start segment word by word.
 
 #ifndef ZEPH_TESTS_SUPPORT_MACHINE_H
 #define ZEPH_TESTS_SUPPORT_MACHINE_H
@@ -30,8 +30,8 @@
 #include "tests/support/TestApplication.h"
 #include "tools/MemoryFile.h"
 
-// The host of the machine: as TestApplication, with the password hash of scripts and a log. Files
-// of scripts are the machine's own, in memory, unless a test sets others.
+// The host of the machine: a TestApplication with the password hash of scripts and a log. Files of
+// scripts are the machine's own, in memory, unless a test sets others.
 class MachineApplication : public TestApplication {
  public:
   char* Crypt(const char* key, int keylength, const char* salt, int* length, int* size) override {
@@ -47,7 +47,7 @@ class MachineApplication : public TestApplication {
     return begin_task ? begin_task(vm) : TestApplication::BeginAsynchronousTask(vm);
   }
 
-  // What answers a script that starts a task; without it the host has no tasks.
+  // Called when a script starts a task; without it the host has no tasks.
   std::function<int(ZephVM*)> begin_task;
   // The records of the log: the type's description and the parameters, with "|" between.
   std::vector<std::string> log;
@@ -77,10 +77,9 @@ class Machine {
   }
   ZephVM_Stack& stack() { return *vm().CurrentStack(); }
 
-  // --- Code --------------------------------------------------------------------------------------
   // Assembles program text (docs/zpasm.md) and reads it into the tables, as a request reads a
-  // compiled file. Stands before everything else that fills them. The second form is given the
-  // compiled file itself.
+  // compiled file. REQUIRES: nothing else has filled the tables. The second form takes the compiled
+  // file itself.
   Machine& Assemble(std::string_view source);
   Machine& Load(const std::string& image);
   Machine& Op(unsigned short word) {
@@ -109,7 +108,7 @@ class Machine {
   }
   int Global(const char* name) { return global.Insert(name, -1); }
 
-  // Variables by name; null where the table has none.
+  // Variables by name; null if the table has none.
   Variable* GlobalVariable(const char* name) { return Find(&global, name); }
   Variable* SystemVariable(const char* name) { return Find(&system, name); }
 
@@ -138,9 +137,9 @@ class Machine {
     if (!text.empty() && text.back() == '\n') text.pop_back();
     return text;
   }
-  // What lies on the current stack, bottom first and with blanks between: integers as they are,
-  // doubles with a d in front, texts in quotes, chained texts in angle brackets, variables in
-  // parentheses, and the null variable as (null).
+  // The entries of the current stack, bottom first and separated by blanks: integers as they are,
+  // doubles after a d, texts in quotes, chained texts in angle brackets, variables in parentheses,
+  // and the null variable as (null).
   std::string StackText();
 
   RecordingOutput output;
@@ -168,14 +167,14 @@ class Machine {
   std::unique_ptr<ZephVM> machine;
 };
 
-// A text made with new[], as the stack takes over.
+// A text from new[], as the stack adopts it.
 inline char* OwnedText(const std::string& text) {
   char* copy = new char[text.size() + 1];
   memcpy(copy, text.c_str(), text.size() + 1);
   return copy;
 }
 
-// Program text with what it leaves on the stack, as Machine::StackText writes it.
+// Program text with the stack that it leaves, as Machine::StackText writes it.
 struct StackCase {
   const char* code;
   const char* stack;

@@ -1,4 +1,4 @@
-// An output that keeps what it is given, for tests.
+// An output that keeps everything that is written to it, for tests.
 
 #ifndef ZEPH_TESTS_SUPPORT_RECORDINGOUTPUT_H
 #define ZEPH_TESTS_SUPPORT_RECORDINGOUTPUT_H
@@ -34,7 +34,7 @@ class RecordingOutput : public Output {
   int type() override { return Null; }
 
   std::string text;
-  std::vector<std::string> pieces;   // one a write
+  std::vector<std::string> pieces;   // one for each write
   std::vector<std::string> headers;  // "name: value"
   int flushes = 0;
 };

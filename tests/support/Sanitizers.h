@@ -1,4 +1,4 @@
-// Which sanitizer this test was built with. g++ says it by macros, clang by features.
+// The sanitizer that this test was built with. g++ defines macros for it, clang has features.
 
 #pragma once
 

@@ -13,7 +13,7 @@
 #include "tests/support/FaultyFile.h"
 #include "tools/Assembler.h"
 
-// The path of a file has no slash in front: the directory of scripts is where all paths begin.
+// Paths have no leading slash; they begin in the directory of scripts.
 class ScriptFiles : public FaultyFileManager {
  public:
   // Assembles program text as the file of that path.

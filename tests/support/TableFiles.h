@@ -80,7 +80,8 @@ inline std::vector<std::string> ValuesOf(XBaseTable& table) {
   return table.Append();
 }
 
-// The three bytes of today's date in a header; the day changes while no test runs for long.
+// The three bytes of today's date in a header. No test runs long enough to mind the change of the
+// day.
 inline std::string DateBytes() {
   const time_t now = time(nullptr);
   struct tm date = {};
@@ -89,12 +90,12 @@ inline std::string DateBytes() {
           static_cast<char>(date.tm_mday)};
 }
 
-// A header and its descriptors as another maker might write them.
+// A header and its descriptors as another program might write them.
 struct TableHeader {
   int version = 0x03;
   std::string date = DateBytes();
   unsigned record_count = 0;
-  int header_length = -1;  // -1 is what the columns take
+  int header_length = -1;  // -1 means the size of the columns
   int record_length = -1;
 
   std::string Bytes(const std::vector<Column>& columns) const {

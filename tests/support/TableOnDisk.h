@@ -1,4 +1,4 @@
-// A table in files of a test's directory, with a host of its own, as each request thread has one.
+// A table in files of a test's directory, with a host of its own, like each request thread.
 
 #ifndef ZEPH_TESTS_SUPPORT_TABLEONDISK_H
 #define ZEPH_TESTS_SUPPORT_TABLEONDISK_H

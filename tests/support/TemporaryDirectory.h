@@ -16,7 +16,7 @@
 class TemporaryDirectory {
  public:
   TemporaryDirectory() {
-    // Resolved, so that the directory's own path never holds a symbolic link.
+    // Resolved, so that the directory's own path contains no symbolic link.
     std::string name = std::filesystem::canonical(std::filesystem::temp_directory_path()).string();
     name += "/zeph-test-XXXXXX";
     if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed: " + name);
@@ -29,11 +29,12 @@ class TemporaryDirectory {
   TemporaryDirectory(const TemporaryDirectory&) = delete;
   TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
-  // Absolute, without a slash at the end, or with `name` behind it.
+  // The absolute path, without a slash at the end; with `name` after it in the second form.
   const std::string& path() const { return root; }
   std::string path(std::string_view name) const { return root + "/" + std::string(name); }
 
-  // Each answers the absolute path of what it made. Directories on the way are made as needed.
+  // Each makes a file or a directory and returns its absolute path. Directories on the way are made
+  // when needed.
   std::string Directory(std::string_view name) const {
     std::filesystem::create_directories(path(name));
     return path(name);
@@ -48,7 +49,7 @@ class TemporaryDirectory {
     return path(name);
   }
 
-  // The bytes of a file, empty when it cannot be read.
+  // The bytes of a file; empty if it cannot be read.
   std::string Content(std::string_view name) const {
     std::ifstream in(path(name), std::ios::binary);
     std::ostringstream text;

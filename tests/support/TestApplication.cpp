@@ -1,3 +1,5 @@
+// The services of the host for tests.
+
 #include "tests/support/TestApplication.h"
 
 #include <cerrno>

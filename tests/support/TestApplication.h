@@ -1,4 +1,4 @@
-// A host for tests: an application whose every service and answer a test sets for itself.
+// A host for tests: an application whose services and results a test sets.
 
 #ifndef ZEPH_TESTS_SUPPORT_TESTAPPLICATION_H
 #define ZEPH_TESTS_SUPPORT_TESTAPPLICATION_H
@@ -10,8 +10,8 @@
 #include "base/host/ZephApplication.h"
 
 // Starts with process id 1000, thread id 2, the lock host name "testhost", a lock expiration of 0,
-// settings of its own with the built-in defaults, and none of the other services. Everything set
-// is borrowed: the test keeps it alive for as long as the application.
+// settings of its own with the built-in defaults, and no other services. Everything that a test
+// sets is borrowed: it must outlive the application.
 class TestApplication : public ZephApplication {
  public:
   TestApplication();
@@ -23,7 +23,7 @@ class TestApplication : public ZephApplication {
   void SetCommerceManager(CommerceLibraryManager* manager) { commerce_manager = manager; }
   void SetDatabaseManager(ExternalDatabaseLibraryManager* manager) { database_manager = manager; }
   void SetSystemLibraryManager(SystemLibraryManager* manager) { system_manager = manager; }
-  // Null goes back to the settings of its own.
+  // Null restores the application's own settings.
   void SetConfig(Config* config) { other_config = config; }
   void SetProcessID(int id) { process_id = id; }
   void SetThreadID(int id) { thread_id = id; }
@@ -46,7 +46,7 @@ class TestApplication : public ZephApplication {
   String lasterror() override;
   Output* output() override { return current_output; }
   Output* SetOutput(Output* output) override;
-  // Null: a test that needs it derives.
+  // Null; a test that needs one derives from this class.
   char* Crypt(const char* key, int keylength, const char* salt, int* length, int* size) override;
   // 32 digits that count up from 1.
   char* MakeSessionID(int* length) override;

@@ -1,5 +1,5 @@
-// A machine with files in memory, for forms that upload: what the script is asked and told, and
-// what was in the temporary files when they were deleted.
+// A machine with files in memory, for forms that upload: it shows the calls of the script's
+// functions, and the content of the temporary files when they were deleted.
 
 #ifndef ZEPH_TESTS_SUPPORT_UPLOADMACHINE_H
 #define ZEPH_TESTS_SUPPORT_UPLOADMACHINE_H
@@ -15,9 +15,9 @@
 // Temporary files in memory. They can fail.
 class UploadFiles : public MemoryFileManager {
  public:
-  // The n-th write from now on fails, 1 being the next; 0 is none.
+  // The n-th write from now on fails, 1 being the next; 0 means none.
   int fail_write = 0;
-  // Writes take no more than that many bytes at once; 0 is no limit.
+  // A write takes no more than that many bytes; 0 means no limit.
   int write_limit = 0;
   bool fail_temporary = false;
   // "path mode" of each call, and the content of each file at its deletion.
@@ -72,7 +72,7 @@ class UploadFiles : public MemoryFileManager {
   int count = 0;
 };
 
-// The clock of uploads, as calls: G resets the script's, R and C reset and clear the upload's.
+// The calls on the clock of uploads: G resets the script's, R and C reset and clear the upload's.
 class UploadApplication : public MachineApplication {
  public:
   void ResetGlobalTimeout() override { calls += 'G'; }
@@ -81,8 +81,7 @@ class UploadApplication : public MachineApplication {
   std::string calls;
 };
 
-// Program text of the two functions. Validating shows what it is asked and answers a limit;
-// processing shows what it is told.
+// Program text of the two functions. Each shows its arguments; the validating one returns a limit.
 inline std::string ValidatesWith(const std::string& limit) {
   return ".function Zeph_ValidateFileUpload(field, name, type)\npushc \"ask(\"\nout\npushl field\n"
          "out\npushc \"|\"\nout\npushl name\nout\npushc \"|\"\nout\npushl type\nout\npushc \")\"\n"
@@ -108,8 +107,8 @@ struct Upload {
   int fail_write = 0;
   int write_limit = 0;
 
-  // Feeds a body to a new parser. The text has, each only where there is something of it: the
-  // variables, what the script wrote, the files at their deletion, files that were left, and the
+  // Passes a body to a new parser. The returned text has these parts, each only if it is not empty:
+  // the variables, the script's output, the files at their deletion, files that were left, and the
   // failure.
   std::string operator()(const Blocks& blocks) const {
     Machine machine;

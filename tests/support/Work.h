@@ -1,4 +1,4 @@
-// How the cost of work grows, and variables that let the time run out in the middle of it.
+// How the cost of work grows, and variables whose reading lets the time limit pass.
 
 #ifndef ZEPH_TESTS_SUPPORT_WORK_H
 #define ZEPH_TESTS_SUPPORT_WORK_H
@@ -14,16 +14,17 @@
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
 
-// Seconds that this thread has computed, whatever else the machine does.
+// Seconds of processor time of this thread.
 inline double ThreadSeconds() {
   timespec now;
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-// Expects that four times the size takes about four times as long: less than ten, where what is
-// quadratic takes sixteen. work(size) does it all. The best of a few tries counts. Work of less than
-// a tenth of a millisecond counts as that much: caches and the clock would tell more than the size.
+// Expects that four times the size takes about four times as long: less than ten, while quadratic
+// work takes sixteen. work(size) does it all. The best of a few tries counts. Work of less than a
+// tenth of a millisecond counts as that much, because caches and the clock would matter more than
+// the size.
 template <class Work>
 void ExpectNearLinear(int size, Work work) {
   double ratio = 0;
@@ -42,7 +43,7 @@ void ExpectNearLinear(int size, Work work) {
   ADD_FAILURE() << "four times the size took " << ratio << " times as long";
 }
 
-// A computed text, whose reading lets the time run out. Counts the readings.
+// A computed text whose reading lets the time limit pass. Counts the readings.
 class Alarm : public Variable {
  public:
   Alarm(const char* name, const std::string& text, int* flag)
@@ -61,8 +62,9 @@ class Alarm : public Variable {
   int* over;
 };
 
-// Arrays within arrays: so many levels, each of two references to the next, so that the last one,
-// whose only element is given, is met 2 to the power levels times. The caller releases the first.
+// Arrays within arrays: that many levels, each with two references to the next, so that a walk
+// reaches the last one, which has a single element, 2 to the power `levels` times. The caller
+// releases the first.
 inline Variable* MakeDoublingArrays(int levels, Variable* leaf) {
   auto* next = new Variable();
   next->SetElement(AggregateIndex(1), leaf);

@@ -1,10 +1,12 @@
+// The walk over the tree of an index file, from its bytes alone.
+
 #include "tests/support/ZIXIndexChecker.h"
 
 #include <cstdlib>
 
 namespace {
 
-// The order of an index in words of its own: by value where both keys are numbers.
+// An independent version of the order of an index: by value if both keys are numbers.
 int Order(const std::string& a, const std::string& b, uint32_t flags) {
   int order = a < b ? -1 : a > b ? 1 : 0;
   char* end_a = nullptr;
@@ -51,7 +53,7 @@ std::string ZIXIndexChecker::Check() {
   return fault.empty() ? CheckOrder() : fault;
 }
 
-// In order. A page takes its entries' place among those of the pages below.
+// Collects the entries in order: those of a page go between those of the pages below.
 std::string ZIXIndexChecker::Walk(uint32_t page, int level) {
   if (page == 0 || page >= numpages()) return Fault(page, "outside the file");
   if ((size_t{page} + 1) * pagesize() > bytes.size()) return Fault(page, "cut");

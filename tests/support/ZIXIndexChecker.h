@@ -1,5 +1,5 @@
-// Reads the bytes of an index file by itself, without the class, and proves that they are a tree as
-// the format asks for.
+// Reads the bytes of an index file without the engine's class, and checks that they are a tree as
+// the format requires.
 
 #ifndef ZEPH_TESTS_SUPPORT_ZIXINDEXCHECKER_H
 #define ZEPH_TESTS_SUPPORT_ZIXINDEXCHECKER_H
@@ -19,9 +19,9 @@ class ZIXIndexChecker {
   // Borrows the file's bytes.
   explicit ZIXIndexChecker(const std::string& file) : bytes(file) {}
 
-  // What is wrong first, empty for a whole index: the header's numbers, pages out of range or
-  // reached twice, too many or too few entries, leaves at different depths, keys without an end or
-  // out of order, equal keys in a UNIQUE index, record number 0.
+  // Returns the first fault, empty for a valid index: in the header's numbers, pages out of range
+  // or reached twice, too many or too few entries, leaves at different depths, keys without an end
+  // or out of order, equal keys in a UNIQUE index, record number 0.
   std::string Check();
 
   // Found by Check: all entries in order, the pages in use, and the depth, 1 for a root alone.

@@ -1,5 +1,5 @@
-// Index files in a line each: their bytes written by hand, and their operations with keys that are
-// strings. Without the test framework, for fuzzers.
+// Index files made in one line each: their bytes written by hand, and their operations with keys
+// that are strings. It does not use the test framework, so that fuzzers can include it.
 
 #ifndef ZEPH_TESTS_SUPPORT_ZIXINDEXOPERATIONS_H
 #define ZEPH_TESTS_SUPPORT_ZIXINDEXOPERATIONS_H
@@ -13,7 +13,7 @@
 #include "base/database/ZIXIndexFile.h"
 #include "tests/support/ZIXIndexChecker.h"
 
-// Numbers of a header; the default ones are those of a new file.
+// The numbers of a header; the defaults are those of a new file.
 struct ZIXIndexShape {
   unsigned flags = 0;
   int order = 8;
@@ -74,7 +74,7 @@ inline bool Delete(ZIXIndexFile& index, const std::string& key, unsigned record)
   return index.Delete(record, KeyBytes(key), static_cast<int>(key.size()));
 }
 
-// Where a search ended.
+// The result of a search.
 struct ZIXIndexFound {
   bool good;
   int found;
@@ -107,7 +107,7 @@ inline unsigned Prev(ZIXIndexFile& index) {
   return index._Prev(&record, 1) ? record : 99999;
 }
 
-// The records from end to end.
+// All records, from one end to the other.
 inline std::vector<unsigned> Forward(ZIXIndexFile& index) {
   std::vector<unsigned> records;
   for (unsigned record = First(index); record != 0 && record != 99999; record = Next(index))
@@ -125,9 +125,9 @@ inline std::string ErrorText(const ZIXIndexFile& index) {
   return index.error().data ? std::string(index.error().data) : "";
 }
 
-// Runs every operation on an index that may be damaged in any way. Answers an empty text, or what
-// should never be: a failure without one of the stated texts, or a walk without an end. Changes are
-// left out where they would make a file of more than 16 MB.
+// Runs every operation on an index that may be damaged in any way. Returns an empty text, or a
+// fault: a failure without one of the defined texts, or a walk without an end. Changes are left out
+// if they would make a file of more than 16 MB.
 inline std::string ExerciseZIXIndex(ZIXIndexFile& index, const std::string& path,
                                     size_t file_length) {
   const auto judged = [&](bool good, const char* operation) -> std::string {
@@ -147,7 +147,7 @@ inline std::string ExerciseZIXIndex(ZIXIndexFile& index, const std::string& path
     if (fault.empty()) fault = judged(good, operation);
     return good;
   };
-  // A walk meets each page of the file once, or 1024 pages until it asks for the length.
+  // A walk reaches each page of the file once, or 1024 pages before it reads the file's length.
   const size_t pages = file_length / static_cast<size_t>(index.pagesize()) + 2048;
   const size_t most = pages * static_cast<size_t>(index.pagesize() / index.keyrecordsize() + 1);
   std::vector<std::string> keys = {"", "0", "5", "key", "m", "~"};

@@ -1,4 +1,4 @@
-// Entry of every test program.
+// The entry of every test program.
 #include <gtest/gtest.h>
 
 int main(int argc, char** argv) {

@@ -21,7 +21,7 @@ std::string Text(const String& text) {
   return text.data ? std::string(text.data, static_cast<size_t>(text.length)) : "(null)";
 }
 
-// An assembled script as the engine's own readers see it.
+// An assembled script, read with the engine's own readers.
 class Script {
  public:
   explicit Script(const std::string& source) {

@@ -38,7 +38,7 @@ class DumpIndexTest : public testing::Test {
     errors = failures.str();
     return status;
   }
-  // Checks the file with some bytes replaced, and puts it back.
+  // Checks the file with some bytes replaced, and restores it.
   std::string CheckWith(size_t at, const std::string& patch) {
     const std::string whole = directory.Content("i.zix");
     std::string damaged = whole;

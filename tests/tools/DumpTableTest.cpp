@@ -38,7 +38,7 @@ class DumpTable : public ::testing::Test {
     EXPECT_EQ(CheckTable(Request(), out, errors), status);
     return out.str();
   }
-  // Damages a copy of the files, and answers what the check says.
+  // Damages a copy of the files, and returns the output of the check.
   std::string CheckDamaged(int status,
                            const std::function<void(std::string&, std::string&)>& damage) {
     std::string table = table_bytes, memos = memo_bytes;

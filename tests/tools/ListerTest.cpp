@@ -28,7 +28,7 @@ std::string Assembled(const std::string& source) {
   return image;
 }
 
-// The listing of an image, which is checked to give the image again.
+// Returns the listing of an image, and checks that it assembles to the image again.
 std::string Listed(const std::string& image) {
   std::string text, error, again, errors;
   EXPECT_TRUE(ListScript(image, &text, &error)) << error;
@@ -178,7 +178,7 @@ TEST(Lister, ListsOtherSectionsOrdersAndGapsInTheDirectory) {
 }
 
 TEST(Lister, GivesADictionaryLaidOutInAnotherWayAsBytes) {
-  // Two entries whose texts lie in the other order than their ids.
+  // Two entries whose texts are in another order than their ids.
   std::string image = Assembled(
       ".section \"dict\"\n.dword 2, 2, 0, 1, 1, 0, 1\n.text \"ba\"\n.segment 0\npushc 0\nout\n");
   std::string text = Listed(image);

@@ -1,5 +1,5 @@
-// Tables as other programs read and write them: ours read by theirs, theirs read and changed by us,
-// and read again by their makers. Each program runs once a test; calc takes seconds to start.
+// Tables shared with other programs: they read ours, we read and change theirs, and they read their
+// own again. Each program runs once in each test, because calc takes seconds to start.
 
 #include <algorithm>
 #include <sstream>
@@ -39,7 +39,8 @@ Lines Split(const std::string& text) {
 
 class OtherMakers : public ::testing::Test {
  protected:
-  // A script of tests/support/xbase, with the system's interpreter: its modules come from packages.
+  // Runs a script of tests/support/xbase with the system's interpreter, because its modules come
+  // from packages.
   std::string Script(const std::string& name, const std::string& table) {
     const bool perl = name.ends_with(".pl");
     return Run({perl ? "/usr/bin/perl" : "/usr/bin/python3",
@@ -67,7 +68,7 @@ class OtherMakers : public ::testing::Test {
     }
   }
 
-  // One line for each record, as the scripts print them.
+  // One line for each record, in the format of the scripts.
   Lines Read(const std::string& name) {
     TableOnDisk reader(directory);
     EXPECT_TRUE(reader.table.Open(ZephPath_Data, name.c_str(), -1, FileMode_Read))
@@ -80,7 +81,7 @@ class OtherMakers : public ::testing::Test {
     return lines;
   }
 
-  // A new memo for Ann, one for Cid who had none, and a record more.
+  // Adds a memo for Ann, one for Cid who had none, and a record.
   void Change(const std::string& name) {
     TableOnDisk changer(directory);
     XBaseTable& table = changer.table;
@@ -103,7 +104,7 @@ class OtherMakers : public ::testing::Test {
     return lines;
   }
 
-  // dbfread has the deleted ones in a list of their own.
+  // dbfread has the deleted records in a list of their own.
   static Lines DeletedLast(Lines lines) {
     std::stable_partition(lines.begin(), lines.end(),
                           [](const std::string& line) { return line[0] != '*'; });
@@ -124,7 +125,7 @@ class OtherMakers : public ::testing::Test {
       snprintf(text, sizeof(text), "%.2f", std::stod(amount));
       amount = text;
     }
-    // Where one program has blanks or a question mark for an unknown day, another has a number.
+    // For an unknown day some programs have blanks or a question mark, others a number.
     std::string day = ValueOf(table, 2);
     if (day.find(' ') != std::string::npos) day = "";
     std::string paid = trimmed(ValueOf(table, 3));
@@ -157,8 +158,8 @@ TEST_F(OtherMakers, PythonDbfReadsOurs) {
   EXPECT_EQ(Split(Script("dbf_read.py", "t.dbf")), kOurs);
 }
 
-// It goes on over the end of a memo whose first end mark is a block's last byte, and its second the
-// next one's first: a memo of 511 bytes comes out longer.
+// DBD::XBase does not see the end of a memo if the first end mark is the last byte of a block and
+// the second is the first byte of the next: a memo of 511 bytes comes out longer.
 TEST_F(OtherMakers, DBDXBaseReadsOursButForMemosOf511Modulo512) {
   MakeOurs("t.dbf");
   Lines lines = Split(Script("xbase_read.pl", "t.dbf"));
@@ -169,7 +170,7 @@ TEST_F(OtherMakers, DBDXBaseReadsOursButForMemosOf511Modulo512) {
   EXPECT_EQ(lines, kOurs);
 }
 
-// It leaves deleted records out, and takes an unknown logical for false.
+// pgdbf leaves deleted records out and reads an unknown logical as false.
 TEST_F(OtherMakers, PgdbfReadsOurs) {
   MakeOurs("t.dbf");
   const Lines all = Split(Run({"/usr/bin/pgdbf", "-m", directory.path("t.dbt"), "t.dbf"}));
@@ -247,7 +248,7 @@ TEST_F(SlowOtherMakers, CalcReadsOursAndItsOwnThatWeChanged) {
   directory.File("theirs.dbt", directory.Content("converted/theirs.dbt"));
   Convert("csv", {"ours.dbf", "theirs.dbf"});
   const std::string head = "\"NAME,C,10\",\"AMOUNT,N,8,2\",\"DAY,D\",\"PAID,L\",\"NOTE,M\"\n";
-  // It leaves deleted records out.
+  // Deleted records are left out.
   EXPECT_EQ(directory.Content("converted/ours.csv"),
             head + "Ann,12.5,01/31/2024,TRUE,\"first memo\nline two\"\nCid,,,,\nDan,1,,," +
                 std::string(510, 'y') + "\nEve,1,,," + std::string(511, 'z') + "\nFay,1,,," +

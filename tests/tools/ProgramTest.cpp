@@ -1,4 +1,4 @@
-// zpasm as it is run: files, standard streams, exit statuses.
+// zpasm as a program: files, standard streams, exit statuses.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ struct Result {
 
 class Program : public testing::Test {
  protected:
-  // Runs zpasm in the test's directory, with the shell's redirections in the arguments.
+  // Runs zpasm in the test's directory; the arguments may have redirections of the shell.
   Result Run(const std::string& arguments) {
     std::string command = "cd '" + directory.path() + "' && '" + std::string(ZEPH_BINARY_DIR) +
                           "/bin/zpasm' " + arguments;

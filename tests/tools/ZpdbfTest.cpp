@@ -1,4 +1,4 @@
-// The program's command line: what it takes, what it writes where, and its exit status.
+// The command line of zpdbf: its arguments, its output on each stream, and its exit status.
 
 #include <sys/stat.h>
 

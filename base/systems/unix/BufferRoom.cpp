@@ -1,3 +1,5 @@
+// The usable size of a heap block, and growth of a block by realloc.
+
 #include "base/core/BufferRoom.h"
 
 #include <malloc.h>
@@ -9,13 +11,13 @@
 
 namespace {
 
-// Found out when the process starts. Where some library has brought operators of its own, what they
-// make can neither be measured nor be given to realloc.
+// Set when the process starts. If a library has brought its own operators new and delete, their
+// blocks can be neither measured nor passed to realloc.
 const bool known_size = ThreadMemory::NewIsHere();
 const bool may_realloc = ThreadMemory::NewIsMalloc();
 
-// The compiler knows that new[] and realloc are no pair, and is right but for this process: so it
-// is not shown both at once.
+// The compiler warns that new[] and realloc do not match. In this process they do, so this function
+// is kept out of line: the compiler then never sees both at once.
 [[gnu::noinline]] char* MoveToLarger(char* buffer, size_t used, size_t room) {
   auto* larger = new char[room];
   if (used > 0) memcpy(larger, buffer, used);
@@ -29,7 +31,8 @@ size_t BufferRoom(const char* buffer) {
   return known_size ? malloc_usable_size(const_cast<char*>(buffer)) : 0;
 }
 
-// A large block grows in place, or moves by its pages, where a copy would touch all of both.
+// realloc grows a large block in place or moves its pages, while a copy would touch every byte of
+// both blocks.
 char* GrowBuffer(char* buffer, size_t used, size_t room) {
   if (!may_realloc) return MoveToLarger(buffer, used, room);
   const size_t before = buffer ? malloc_usable_size(buffer) : 0;

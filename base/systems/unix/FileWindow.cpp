@@ -1,4 +1,5 @@
-// Tests: tests/base/systems/unix/FileWindowTest.cpp
+// Maps a file that is read in small pieces and copies from the mapping. Tested in
+// tests/base/systems/unix/FileWindowTest.cpp.
 
 #include "base/systems/unix/FileWindow.h"
 
@@ -16,16 +17,17 @@
 
 namespace {
 
-// A mapping with its faults costs about as much as this many reads. Larger pieces cost more to copy
-// than to ask for.
+// A mapping and its page faults cost about as much as this many reads. Copying a larger piece costs
+// more than a read.
 constexpr int misses_before_mapping = 32;
 constexpr size_t longest_piece = 4096;
 
-// How far behind a piece of zeros a byte that is not zero is looked for.
+// After a piece of zeros, a byte that is not zero is searched for within this distance.
 constexpr size_t witness_distance = 1024;
 
-// Local file systems whose reads come from the pages that a mapping shows, and take no lock that a
-// write holds: of a write that goes on at that moment, either may see a part.
+// True for local file systems whose reads come from the same pages that a mapping shows, and take
+// no lock that a write holds: while a write is going on, both reads and mappings may see a part of
+// it.
 bool SharesPages(int descriptor) {
   struct statfs status;
   if (fstatfs(descriptor, &status) != 0) return false;
@@ -59,7 +61,7 @@ bool FileWindow::Copy(long position, char* bytes, size_t length) {
   return bytes[length - 1] != 0 || ShowsByteFrom(behind);
 }
 
-// Behind the copy: a file that was cut off before it shows zeros by now.
+// Checks after the copy: if the file was truncated before it, the mapping shows zeros by now.
 bool FileWindow::ShowsByteFrom(long position) {
   char bytes[witness_distance];
   const auto distance = static_cast<size_t>(witness - position);

@@ -1,19 +1,19 @@
-// Small reads of one file without a call of the system: once it is clear that a file is read in
-// many small pieces, as the records of a table are, it is mapped, and they are copied from there.
+// Small reads of one file without a system call: once it is clear that a file is read in many small
+// pieces, as the records of a table are, it is mapped, and the pieces are copied from the mapping.
 //
-// What a reader gets is what the system's read would have given it at that moment. The mapping
-// shows every write of every process at once, as reading does, on the file systems that are known
-// to keep both in the same pages and to let reads run beside writes: the others are never mapped.
-// A piece behind the end of the file has no bytes for the system's read and zeros in the mapping,
-// or no memory at all. So a piece counts only when a byte that is not zero shows that the file
-// goes on at least to the piece's end.
+// A reader gets what the system's read would have given it at that moment. The mapping shows every
+// write of every process at once, as reading does. That holds on file systems that are known to use
+// the same pages for both and to let reads run beside writes; files on others are never mapped. For
+// a piece past the end of the file the system's read gives no bytes, but the mapping has zeros, or
+// no memory at all. So a piece counts only when a byte that is not zero shows that the file reaches
+// at least to the piece's end.
 
 #ifndef ZEPH_BASE_SYSTEMS_UNIX_FILEWINDOW_H
 #define ZEPH_BASE_SYSTEMS_UNIX_FILEWINDOW_H
 
 #include <cstddef>
 
-// Belongs to one open file and is used by its thread. Unmaps when it is destroyed.
+// Belongs to one open file and is used by that file's thread. Unmaps when it is destroyed.
 class FileWindow {
  public:
   FileWindow() = default;
@@ -21,10 +21,11 @@ class FileWindow {
   FileWindow(const FileWindow&) = delete;
   FileWindow& operator=(const FileWindow&) = delete;
 
-  // Reads the bytes at a position, of a regular file that is open for reading. False if the system
-  // has to be asked; the bytes of the buffer then have any values. Either is no reason for a text.
+  // Reads the bytes at a position. REQUIRES: a regular file that is open for reading. Returns false
+  // if the caller has to call the system; the bytes of the buffer are then undefined. Stores no
+  // error text.
   [[nodiscard]] bool Read(int descriptor, long position, char* bytes, size_t length);
-  // Unmaps: the file is about to be closed.
+  // Unmaps. The caller is about to close the file.
   void Close();
 
  private:
@@ -34,9 +35,9 @@ class FileWindow {
   void Open(int descriptor);
 
   const char* start = nullptr;  // null without a mapping
-  long end = 0;                 // in the file, of what is mapped
+  long end = 0;                 // where the mapping ends in the file
   int misses = 0;               // reads that the system did since the last mapping
-  // A byte that was not zero when somebody looked last, for pieces that end in zeros themselves.
+  // The position of a byte that was not zero at the last check, for pieces that end in zeros.
   long witness = -1;
 };
 

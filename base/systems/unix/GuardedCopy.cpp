@@ -1,4 +1,5 @@
-// Tests: tests/base/systems/unix/GuardedCopyTest.cpp
+// Copies that survive SIGBUS, and the chain of its handlers. Tested in
+// tests/base/systems/unix/GuardedCopyTest.cpp.
 
 #include "base/systems/unix/GuardedCopy.h"
 
@@ -16,23 +17,24 @@ namespace {
 
 constexpr uintptr_t smallest_page = 4096;
 
-// A copy that is under way, and where its thread goes on when it fails.
+// A copy in progress, and the point to which its thread jumps when it fails.
 struct Copying {
   sigjmp_buf landing;
-  uintptr_t start;  // of the bytes copied from
+  uintptr_t start;  // of the source
   size_t length;
 };
 
 thread_local Copying* volatile copying = nullptr;
 
-// A handler that was found in place of ours, and those found before it. They stay for the life of
-// the process, since a handler may be running with one.
+// A handler that was installed in place of ours, with those found before it. Entries stay for the
+// life of the process, because a handler may be running with one.
 struct EarlierHandler {
   struct sigaction action;
   const EarlierHandler* older;
 };
 
-// Handlers that take turns in front of ours are left alone after so many times.
+// If several handlers keep replacing ours in turn, ours is no longer put back after this many
+// times.
 constexpr size_t most_handlers = 16;
 
 Mutex handlers_mutex;
@@ -40,8 +42,8 @@ EarlierHandler handlers[most_handlers];  // written under the mutex, before it i
 size_t handler_count GUARDED_BY(handlers_mutex) = 0;
 std::atomic<const EarlierHandler*> newest_handler{nullptr};
 
-// A signal that this thread is passing on. The handler that gets it may pass it on itself, to the
-// one that it found when it was installed. If that is ours, it is the next older one's turn.
+// A signal that this thread is passing on. The handler that receives it may pass it on to the one
+// that it replaced. If that is ours, the next older handler gets it.
 struct Passing {
   const EarlierHandler* handler = nullptr;
   const siginfo_t* info = nullptr;
@@ -50,19 +52,20 @@ struct Passing {
 
 thread_local Passing passing;
 
-// The same signal further down on the stack: a handler may also have jumped out of an earlier one.
+// True if this is the same signal, deeper in the stack. The depth is compared because a handler may
+// have left an earlier signal with a jump.
 bool IsPassedBack(const siginfo_t* info, uintptr_t frame) {
   return passing.handler && passing.info == info && frame < passing.frame;
 }
 
-// Whether no instruction of this thread has caused the signal: it was sent, or tells of memory that
-// went bad without being touched.
+// True if no instruction of this thread has caused the signal: it was sent, or it reports memory
+// that failed without being touched.
 bool IsFromElsewhere(const siginfo_t* info) {
   return info->si_code <= 0 || info->si_code == BUS_MCEERR_AO;
 }
 
-// The default kills: by the instruction that has caused the signal, which runs again, or by another
-// signal.
+// The default action kills the process: either the instruction that caused the signal runs again,
+// or the signal is raised again.
 void TakeDefault(int signal, const siginfo_t* info) {
   struct sigaction action = {};
   action.sa_handler = SIG_DFL;
@@ -70,7 +73,7 @@ void TakeDefault(int signal, const siginfo_t* info) {
   if (IsFromElsewhere(info)) raise(signal);
 }
 
-// An earlier handler gets what no copy has caused.
+// Not caused by a copy: call the earlier handler.
 [[gnu::noinline]] void PassOn(int signal, siginfo_t* info, void* context) {
   const auto frame = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
   const Passing before = passing;
@@ -90,18 +93,19 @@ void TakeDefault(int signal, const siginfo_t* info) {
   passing = before;
 }
 
-// Whether the copy that is under way has touched a page that is gone. A signal from elsewhere may
-// come in the middle of a copy as well, and so may the fault of a handler that has interrupted it.
+// True if the copy in progress has touched a page that is gone. A signal from elsewhere may also
+// come in the middle of a copy, and so may the fault of a handler that has interrupted it.
 bool IsOfCopy(const Copying* copy, const siginfo_t* info) {
   if (!copy || IsFromElsewhere(info)) return false;
-  // Of some faults only the page is told.
+  // For some faults the address is only that of the page.
   const uintptr_t page = reinterpret_cast<uintptr_t>(info->si_addr) / smallest_page;
   return page >= copy->start / smallest_page &&
          page <= (copy->start + copy->length - 1) / smallest_page;
 }
 
-// The signal is the thread's own doing, so the jump leaves nothing but memcpy. Which signals are
-// blocked is put right here, as by a return: to have the jump do it takes a call for each copy.
+// The thread itself raised the signal, so the jump interrupts nothing but memcpy. The signal mask
+// is restored here, as a return would do it; if the jump did it, each copy would cost a system call
+// to save the mask.
 void LeaveCopy(int signal, siginfo_t* info, void* context) {
   if (IsOfCopy(copying, info)) {
     pthread_sigmask(SIG_SETMASK, &static_cast<ucontext_t*>(context)->uc_sigmask, nullptr);
@@ -110,13 +114,13 @@ void LeaveCopy(int signal, siginfo_t* info, void* context) {
   PassOn(signal, info, context);
 }
 
-// What the signal is given to: a function, SIG_DFL or SIG_IGN.
+// Returns the handler of an action: a function, SIG_DFL or SIG_IGN.
 const void* HandlerOf(const struct sigaction& action) {
   if (action.sa_flags & SA_SIGINFO) return reinterpret_cast<const void*>(action.sa_sigaction);
   return reinterpret_cast<const void*>(action.sa_handler);
 }
 
-// Puts our handler in front of the one that is there, unless it is ours.
+// Installs our handler in front of the present one, unless that is ours.
 bool InstallHandler() {
   const MutexGuard guard(handlers_mutex);
   struct sigaction present;

@@ -1,3 +1,5 @@
+// Starts threads and waits until they have the memory they need.
+
 #include "base/systems/unix/ScriptThread.h"
 
 #include <semaphore.h>
@@ -11,7 +13,7 @@ namespace {
 
 const size_t kStackSize = 8 << 20;
 
-// On the stack of the thread that waits for the start.
+// Is on the stack of the thread that calls StartScriptThread and waits there.
 struct Start {
   void* (*body)(void*);
   void* argument;
@@ -24,7 +26,7 @@ void* Begin(void* argument) {
   void* (*const body)(void*) = start->body;
   void* const of_body = start->argument;
   const bool prepared = start->prepared = ThreadMemory::Prepare();
-  // The start is gone from here on.
+  // After this call *start is gone.
   sem_post(&start->done);
   return prepared ? body(of_body) : nullptr;
 }

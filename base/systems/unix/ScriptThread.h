@@ -5,10 +5,11 @@
 
 #include <pthread.h>
 
-// Starts a thread with a stack of at least 8 MB, whatever the limits that the process was started
-// with: the machine's limit for nested runs counts on it. When it returns, the thread has what it
-// needs for its life (ThreadMemory::Prepare). Answers 0 for success, else what pthread_create
-// answered, or ENOMEM where the thread has found too little memory; then the body is not run.
+// Starts a thread with a stack of at least 8 MB, no matter which limits the process was started
+// with, because the machine's limit for nested runs relies on it. When it returns, the thread has
+// the memory that it needs for its life (ThreadMemory::Prepare). Returns 0 for success, else the
+// error of pthread_create, or ENOMEM if the thread found too little memory; then the body is not
+// run.
 int StartScriptThread(pthread_t* thread, void* (*body)(void*), void* argument);
 
 #endif

@@ -7,13 +7,13 @@
 
 class StandardOutput : public BufferedOutput {
  public:
-  // With buffered 0 every write is flushed at once. The buffer size is in bytes.
+  // With buffered 0 every write is flushed at once. buffersize is in bytes.
   StandardOutput(int buffered, int buffersize);
   // Flushes what is left.
   ~StandardOutput() override;
 
   int Write(const char* text, int length) override;
-  // Answers the bytes written, -1 when nothing could be written.
+  // Returns the bytes written, or -1 when nothing could be written.
   int DoWrite(const char* text, int length) override;
 
  private:

@@ -1,5 +1,5 @@
-// The system calls of the file unit whose failures no file system can be made to produce at will.
-// They go through one table, in which a test replaces an entry before it acts.
+// The system calls of the file unit whose failures a test cannot provoke on a real file system.
+// They go through one table, in which a test replaces an entry.
 
 #ifndef ZEPH_BASE_SYSTEMS_UNIX_SYSTEMCALLS_H
 #define ZEPH_BASE_SYSTEMS_UNIX_SYSTEMCALLS_H
@@ -16,18 +16,18 @@
 
 #include <cerrno>
 
-// Added to every open. A descriptor never reaches another program, a terminal never becomes ours,
-// and a FIFO or a device never makes its opener wait for the other end. Of what is no regular file,
-// reads and writes do not wait either.
+// Added to every open. A descriptor is never inherited by another program, a terminal never becomes
+// our controlling terminal, and opening a FIFO or a device never waits for the other end. Reads and
+// writes of files that are not regular do not wait either.
 constexpr int quiet_flags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
 
-// openat, which takes its mode only where it is needed.
+// openat with a mode that is always passed, where the system's takes it only for some flags.
 inline int OpenAt(int directory, const char* name, int flags, mode_t mode) {
   return ::openat(directory, name, flags, mode);
 }
 
-// openat of a whole path that fails with ELOOP at any link on the way; with ENOSYS before
-// Linux 5.6.
+// openat of a whole path that fails with ELOOP at any link on the way, and with ENOSYS before Linux
+// 5.6.
 inline int OpenWithoutLinks(int directory, const char* path, int flags) {
   open_how how = {};
   how.flags = static_cast<unsigned>(flags);
@@ -35,14 +35,14 @@ inline int OpenWithoutLinks(int directory, const char* path, int flags) {
   return static_cast<int>(syscall(SYS_openat2, directory, path, &how, sizeof(how)));
 }
 
-// Whether the effective user may read what the path names; ENOSYS before Linux 5.8. The library's
-// faccessat would guess there.
+// Checks that the effective user may read the file of that path. Fails with ENOSYS before Linux
+// 5.8, where the library's faccessat would guess.
 inline int CheckReadable(int directory, const char* path) {
   return static_cast<int>(syscall(SYS_faccessat2, directory, path, R_OK, AT_EACCESS));
 }
 
-// Entries have the contracts of the calls they are named after. Written only by a test that has no
-// other thread running.
+// Entries have the contracts of the calls that they are named after. Only a test writes to the
+// table, while no other thread runs.
 struct SystemCalls {
   ssize_t (*read)(int, void*, size_t) = ::read;
   ssize_t (*write)(int, const void*, size_t) = ::write;
@@ -62,7 +62,7 @@ struct SystemCalls {
 
 inline SystemCalls system_calls;
 
-// The result of a call, which is made again when a signal cut it short.
+// Returns the result of a call, repeated as long as a signal interrupts it.
 template <class Call>
 auto Retry(Call call) {
   auto result = call();
@@ -70,8 +70,8 @@ auto Retry(Call call) {
   return result;
 }
 
-// Writes all of it. A write that stops short says nothing of the reason; trying the rest does, so
-// that errno has it when this answers false.
+// Writes all of the bytes. A short write gives no reason; writing the rest does, so errno has the
+// reason when this returns false.
 inline bool WriteAll(int descriptor, const char* bytes, size_t length) {
   while (length > 0) {
     ssize_t count = Retry([=] { return system_calls.write(descriptor, bytes, length); });

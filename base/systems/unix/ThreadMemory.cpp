@@ -1,4 +1,5 @@
-// Tested in tests/base/systems/unix/ThreadMemoryTest.cpp.
+// The operators new and delete of the process, and what each run takes from the heap. Tested in
+// tests/base/systems/unix/ThreadMemoryTest.cpp.
 
 #include "base/core/ThreadMemory.h"
 
@@ -18,7 +19,8 @@
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "base/values/Variable.h"
 
-// The address sanitizer wants a block freed as it was made.
+// The address sanitizer requires that a block is freed by the counterpart of the operator that made
+// it.
 #if defined(__SANITIZE_ADDRESS__)
 #define ZEPH_MATCHED_BLOCKS true
 #elif defined(__has_feature)
@@ -35,40 +37,40 @@
 #endif
 
 extern "C" {
-// Of jemalloc; null in a process that has another heap.
+// A function of jemalloc; null in a process that has another heap.
 [[gnu::weak]] int mallctl(const char* name, void* old, size_t* old_length, void* value,
                           size_t length);
-// Read by jemalloc when the process starts. Pages that nobody uses go back to the system within
-// seconds; the beats see to it in a process that is idle (GiveUnusedMemoryBack).
+// jemalloc reads this when the process starts. Unused pages go back to the system within seconds.
+// In an idle process the heartbeats trigger that (GiveUnusedMemoryBack).
 extern const char* malloc_conf;
 const char* malloc_conf = "dirty_decay_ms:3000,muzzy_decay_ms:0";
 }
 
 namespace {
 
-// Far from all that a process can have, and from what an int64_t can hold.
+// More than any process can have, and far below the limit of an int64_t.
 const size_t kAny = SIZE_MAX / 2;
-// For a message when there is nothing left.
+// Kept for a message when no memory is left.
 const size_t kReserve = 64 << 10;
-// What the end of a run may take beyond its limit.
+// The end of a run may take this much beyond its limit.
 const int64_t kGrace = 1 << 20;
-// A run that has taken more leaves no blocks for the next one.
+// A run that has taken more than this leaves no blocks for the next one.
 const uint64_t kLargeRun = 4 << 20;
 // More than the heap takes at once for the first block of a thread.
 const size_t kFirstPages = 4 << 20;
 
-// Counters of jemalloc for this thread, read in place; null until they are asked for.
+// jemalloc's counters for this thread, read in place; null until the first run.
 constinit thread_local const uint64_t* heap_taken = nullptr;
 constinit thread_local const uint64_t* heap_freed = nullptr;
 
-constinit thread_local int64_t base = 0;  // what was used when the run began
+constinit thread_local int64_t base = 0;  // the bytes used when the run began
 constinit thread_local uint64_t taken_before = 0;
 constinit thread_local int64_t limit = 0;  // 0 is none
 constinit thread_local int64_t grace = 0;
 constinit thread_local ThreadMemory::Judge judge = nullptr;
 constinit thread_local void* reserve = nullptr;
 constinit thread_local bool prepared = false;
-// Of the last block that was refused.
+// The last block that was refused.
 constinit thread_local size_t refused = 0;
 constinit thread_local bool refused_by_limit = false;
 constinit thread_local bool ran_short = false;
@@ -132,7 +134,7 @@ using Operators = ThreadMemoryOperators;
 #if defined(ZEPH_FOREIGN_NEW)
 #elif defined(ZEPH_MATCHED_BLOCKS)
 
-// The sanitizer's own forms with an alignment tell apart what was made by which operator.
+// The sanitizer's own operators with an alignment remember which operator made a block.
 const std::align_val_t kUsual{__STDCPP_DEFAULT_NEW_ALIGNMENT__};
 
 void* operator new(size_t size) {
@@ -226,11 +228,11 @@ void operator delete[](void* memory, const std::nothrow_t&) noexcept {
 }
 #endif
 
-// --- What a run has taken ------------------------------------------------------------------------
+// --- The memory that a run has taken -------------------------------------------------------------
 
 namespace {
 
-// Has the operators count where the heap does not.
+// Makes the operators count if the heap does not.
 struct Counting {
   explicit Counting(bool* counts) { *counts = HeapCounter("thread.allocatedp") == nullptr; }
 };
@@ -238,8 +240,8 @@ struct Counting {
 }  // namespace
 
 bool ThreadMemory::NewIsHere() {
-  // A library that was loaded before the program may bring operators of its own. The judge is asked
-  // by those that stand here, and by no others.
+  // A library that was loaded before the program may bring its own operators. Only the operators of
+  // this file call the judge.
   static const bool same = [] {
     static constinit thread_local bool asked = false;
     void* (*volatile make)(size_t) = &::operator new[];
@@ -337,7 +339,7 @@ void ThreadMemory::Exhausted(const char* path, int length) {
   allowance = 0;
   free(reserve);
   reserve = nullptr;
-  // Nothing here takes memory.
+  // Nothing below allocates memory.
   char line[1024];
   char what[64];
   const time_t now = time(nullptr);
@@ -362,10 +364,10 @@ void ThreadMemory::Exhausted(const char* path, int length) {
 
 namespace {
 
-// The thread that the process begins with is there to its end.
+// The main thread lives until the process ends, so it may keep freed blocks.
 [[maybe_unused]] const bool main_keeps_blocks = (FreeLists::Open(), true);
 
-// The last thing of a thread that goes.
+// Runs last when a thread ends.
 struct ThreadEnd {
   ~ThreadEnd() {
     FreeLists::Close();
@@ -375,8 +377,8 @@ struct ThreadEnd {
   }
 };
 
-// jemalloc makes a store for a thread with its first block, and does not look whether it has got
-// the memory for that. So it is made sure of before.
+// jemalloc makes a store for a thread with its first block, and does not check that it got the
+// memory for that. So check beforehand.
 bool HasFirstPages() {
   void* pages =
       mmap(nullptr, kFirstPages, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -392,7 +394,7 @@ bool ThreadMemory::Prepare() {
   if (!HasFirstPages()) return false;
   static thread_local ThreadEnd end;
   (void)end;
-  // What registers a destructor. The list of suspects is behind FreeCycles.
+  // These register destructors. FreeCycles makes the list of suspects.
   ExternalLibrary::PrepareThread();
   TaggedFile::PrepareThread();
   UNIXReentrantFileManager::PrepareThread();
@@ -416,6 +418,6 @@ void FreeLists::Trim() {
 }
 
 void GiveUnusedMemoryBack() {
-  // 4096 stands for all arenas.
+  // 4096 means all arenas.
   if (mallctl) mallctl("arena.4096.decay", nullptr, nullptr, nullptr, 0);
 }

@@ -1,4 +1,4 @@
-// Identity, clock, cancellation, and the stages of a run.
+// The application of a POSIX host: identity, clock, cancellation, and the stages of a run.
 
 #include "base/systems/unix/UNIXApplication.h"
 
@@ -39,7 +39,8 @@
 
 namespace {
 
-// What a session id is the digest of: a host name, four numbers, and random bytes for the rest.
+// A session id is the digest of this many bytes: a host name, four numbers, and random bytes for
+// the rest.
 const int kSessionSeed = 323;
 const int kSessionHostName = 255;
 
@@ -47,11 +48,11 @@ void AppendBigEndian(unsigned char** p, unsigned value) {
   for (int shift = 24; shift >= 0; shift -= 8) *(*p)++ = static_cast<unsigned char>(value >> shift);
 }
 
-// Random bytes of the system, fetched for some ids at once: the kernel takes about as long to begin
-// as to make the bytes of one id. What was handed out is wiped.
+// Random bytes of the system, fetched for several ids at once, because the kernel takes about as
+// long to begin as to make the bytes of one id. Bytes that were handed out are wiped.
 class RandomPool {
  public:
-  // False where the system gives none.
+  // Returns false if the system gives none.
   bool Take(unsigned char* bytes, size_t length) {
     if (length > sizeof pool) return false;
     if (length > left && !Fill()) return false;
@@ -87,7 +88,7 @@ void FillRandom(unsigned char* bytes, size_t length) {
   for (size_t i = 0; i < length; i++) bytes[i] = static_cast<unsigned char>(rand());
 }
 
-// What is the same for all of a process, asked for once.
+// Facts that are the same for the whole process, fetched once.
 struct ProcessIdentity {
   ProcessIdentity() : id(getpid()) {
     if (gethostname(host_name, sizeof host_name - 1) != 0) host_name[0] = '\0';
@@ -118,7 +119,8 @@ UNIXApplication::UNIXApplication(int argc, char** argv, int copied_argc, char** 
   base_name = slash ? slash + 1 : program;
 }
 
-// The members are plain pointers: behind the other constructor the destructor sees to them.
+// Once the delegated constructor has finished, the destructor runs even if this body throws, and
+// frees the plain pointers.
 UNIXApplication::UNIXApplication(UNIXApplication& other)
     : UNIXApplication(other.argument_count, other.arguments, other.copied_argument_count,
                       other.copied_arguments, other.library_manager) {
@@ -142,9 +144,9 @@ UNIXApplication::UNIXApplication(UNIXApplication& other)
   SetCharacterSet(other.character_set);
 }
 
-// The managers of libraries go first and the settings last, since a configuration library may still
-// read its own private state while it shuts down; files and network go before the output through
-// which they might report.
+// The managers of libraries are deleted first and the settings last, because a configuration
+// library may still read its own private state while it shuts down. Files and network are deleted
+// before the output, through which they might report.
 UNIXApplication::~UNIXApplication() {
   delete commerce_manager;
   delete database_manager;
@@ -265,8 +267,8 @@ char* UNIXApplication::MakeSessionID(int* length) {
   return text;
 }
 
-// Settings are read before the mutex is taken: a configuration library that takes its time would
-// hold up the heartbeat, and all other threads with it.
+// Read the settings before taking the mutex: a slow configuration library would hold up the
+// heartbeat, and all other threads with it.
 void UNIXApplication::ResetGlobalTimeout() {
   const int seconds = config()->value_integer(Config_timeout_global);
   MutexGuard guard(application_mutex);
@@ -353,7 +355,8 @@ void UNIXApplication::BuildTables(ScriptTables* tables, TaggedFile* tagged) {
   configuration = tables->config;
 }
 
-// Also within the same second: what a script draws first must not depend on the requests before it.
+// Every run is seeded, even within the same second: the first number that a script draws must not
+// depend on the requests before it.
 void UNIXApplication::SeedRandom() {
   srand(static_cast<unsigned>(time(nullptr)));
 }
@@ -372,7 +375,7 @@ bool UNIXApplication::ReadScript(ScriptTables* tables, File* file, TaggedFile* t
     *reason = tagged->error();
     return false;
   }
-  static_cast<void>(owned.release());  // the container's from here on
+  static_cast<void>(owned.release());  // the container owns it from here on
   if (tables->Read(tagged)) return true;
   reason->assign("File is either corrupt or not a valid compiled Zeph Script file", -1);
   return false;
@@ -392,7 +395,8 @@ void UNIXApplication::MakeMachine(ScriptTables* tables, TaggedFile* tagged, cons
 }
 
 void UNIXApplication::DeleteMachine() {
-  // What ends with the machine may sleep, and a sleep passes beats on to the machine.
+  // Destructors of the machine's objects may sleep, and Sleep passes heartbeats to the machine:
+  // clear `vm` before the machine is deleted.
   ZephVM* const ending = vm;
   vm = nullptr;
   delete ending;

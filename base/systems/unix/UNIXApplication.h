@@ -1,6 +1,6 @@
-// What the applications of all hosts on a POSIX system have in common, whether they answer a
-// request, run a background task or a script of the command line: services, identity, clock,
-// cancellation, and the stages that lead from an opened script to its machine.
+// The common part of the applications of all hosts on a POSIX system, whether they serve a request,
+// run a background task or a script of the command line: services, identity, clock, cancellation,
+// and the stages from an opened script to its machine.
 
 #ifndef ZEPH_BASE_SYSTEMS_UNIX_UNIXAPPLICATION_H
 #define ZEPH_BASE_SYSTEMS_UNIX_UNIXAPPLICATION_H
@@ -16,19 +16,19 @@ class UFCrypt;
 class UNIXReentrantFileManager;
 struct ScriptTables;
 
-// Belongs to one thread. Only Heartbeat and Cancelled are called from another one, which gives the
-// time, and what they touch is guarded by the application mutex. The virtual operations continue
-// those of ZephApplication in a stated order, and those of a host follow: it stays, and nothing
-// virtual stands between.
+// Belongs to one thread. Only Heartbeat and Cancelled are called from another one, the thread that
+// gives the time, and the application mutex guards the data that they use. The virtual operations
+// continue those of ZephApplication in a stated order, and those of a host follow. The order must
+// not change, and no other virtual operation may come in between.
 class UNIXApplication : public ZephApplication {
  public:
-  // The arguments of the process, as it shows them and as scripts and the configuration library see
-  // them; borrowed, like the library manager.
+  // The arguments of the process: first as the system shows them, then the copies that scripts and
+  // the configuration library see. All are borrowed, like the library manager.
   UNIXApplication(int argc, char** argv, int copied_argc, char** copied_argv,
                   ExternalLibraryManager* library_manager);
-  // For a background task, on the thread of the request: services, identity and settings as copies
-  // of the other's, with the settings that have been read and no library behind them, and an output
-  // that swallows everything. Clock, flags, mutex and log are new.
+  // For a background task; called on the thread of the request. Services, identity and settings are
+  // copies of the other's. The settings are those that have been read, without a configuration
+  // library. The output discards everything. Clock, flags, mutex and log are its own.
   explicit UNIXApplication(UNIXApplication& other);
   ~UNIXApplication() override;
 
@@ -63,15 +63,16 @@ class UNIXApplication : public ZephApplication {
 
   void Log(unsigned type, LogParameter* parameters) override;
 
-  // Obeys the settings of the log, once, when the data directory is there: filter, cookie, and the
-  // file, which is opened. A file that cannot be opened is no failure: there is no log then.
+  // Applies the settings of the log: filter, cookie, and the file, which it opens. Called once,
+  // when the data directory is open. If the file cannot be opened, that is no failure: there is no
+  // log then.
   virtual void ProcessLogSettings();
-  // Leaves the run out of the log, unless the client has shown the cookie "zephlogcookie" with
+  // Leaves the run out of the log, unless the client has sent the cookie "zephlogcookie" with
   // exactly this value.
   virtual void ProcessLogCookie(const char* text);
-  // Ends the script that runs here at its next instruction, and its sleep. Any thread.
+  // Ends the script that runs here at its next instruction, and its sleep. Any thread may call it.
   virtual void Cancelled();
-  // Loads the libraries of that names for TLS, once in the life of the process, with the file of
+  // Loads the TLS libraries of those names, once in the life of the process, with the file of
   // settings unless that is null. *error receives the text of a failure. A host without TLS does
   // nothing here.
   virtual void SSL_Configure(const char* libssl, const char* libcrypto, const char* config_file,
@@ -79,32 +80,32 @@ class UNIXApplication : public ZephApplication {
 
  protected:
   // --- Stages of a run, in this order ------------------------------------------------------------
-  // Makes empty tables, the managers of libraries and the settings.
+  // Makes the empty tables, the managers of libraries and the settings.
   void BuildTables(ScriptTables* tables, TaggedFile* tagged);
 
-  // Seeds rand() with the time in whole seconds, each time it is called.
+  // Seeds rand() with the time in whole seconds, on every call.
   static void SeedRandom();
 
-  // A configuration library runs inside the process, so it has to belong to root or to the user
-  // that the process runs as.
+  // A configuration library runs inside the process, so it must belong to root or to the user that
+  // the process runs as.
   enum class LibraryFile { Missing, Foreign, Usable };
   static LibraryFile LookAtLibrary(const char* path);
 
-  // Opens the file as a compiled script and reads it into the tables. The file is the stage's from
-  // here on. *owner receives its user id. False leaves the reason.
+  // Opens the file as a compiled script and reads it into the tables. Adopts the file in any case.
+  // *owner receives its user id. On failure returns false with the text in *reason.
   [[nodiscard]] bool ReadScript(ScriptTables* tables, File* file, TaggedFile* tagged,
                                 const String& path, int* owner, String* reason);
 
-  // Takes the settings' limit of memory for the run that goes on on this thread.
+  // Applies the memory limit of the settings to the current run of this thread.
   void LimitMemory();
 
-  // Makes the machine of the loaded script. The file can still be read on demand from here on, but
-  // ties up no descriptor while the script runs. The variables of the configuration are there.
+  // Makes the machine of the loaded script and adds the variables of the configuration. From here
+  // on the file holds no descriptor while the script runs, but can still be read on demand.
   void MakeMachine(ScriptTables* tables, TaggedFile* tagged, const String& path);
   void DeleteMachine();
 
-  // The system variables that every script finds: the moment at which it is asked for, and what
-  // runs it.
+  // Adds the system variables that every script finds: the time of this call, and facts about the
+  // host that runs it.
   void AddSystemVariables(ScriptTables* tables);
 
   // Deletes the machine at the end of a scope, before the tables and the file that it runs on.
@@ -119,31 +120,32 @@ class UNIXApplication : public ZephApplication {
     UNIXApplication* application;
   };
 
-  Config* configuration = nullptr;  // owned; an ExternalConfig, but for a background task
+  Config* configuration = nullptr;  // owned; an ExternalConfig, except for a background task
   NetworkManager* network_manager = nullptr;
   UNIXReentrantFileManager* file_manager = nullptr;
-  ExternalLibraryManager* library_manager;  // the process's
+  ExternalLibraryManager* library_manager;  // belongs to the process
   CommerceLibraryManager* commerce_manager = nullptr;
   ExternalDatabaseLibraryManager* database_manager = nullptr;
   SystemLibraryManager* system_manager = nullptr;
   Output* current_output = nullptr;
-  UFCrypt* password_hash = nullptr;  // made at first use
+  UFCrypt* password_hash = nullptr;  // made on first use
   int argument_count;
   char** arguments;
   int copied_argument_count;
   char** copied_arguments;
   int process_id;
   int thread_id = 0;
-  // Outlives whatever may still call Heartbeat, Cancelled or Sleep while the application goes.
+  // Outlives all objects that may still call Heartbeat, Cancelled or Sleep while the application is
+  // destroyed.
   Mutex application_mutex;
   Condition application_condition;
   const char* base_name;
   const char* host_name;
   std::unique_ptr<char[]> user_id;
-  // A copy of the cookies that the client has sent, as they came; null without any. A run that no
-  // client has asked for has none.
+  // A copy of the cookies as the client has sent them; null without any. A run without a client has
+  // none.
   std::unique_ptr<char[]> cookie;
-  std::unique_ptr<File> log_file;  // goes before the file manager; null without a log
+  std::unique_ptr<File> log_file;  // deleted before the file manager; null without a log
   ZephVM* vm = nullptr;
 };
 

@@ -1,5 +1,5 @@
-// The trace log of a run: whether there is one, and the writing of its records.
-// Tested in tests/base/systems/unix/UNIXApplicationLogTest.cpp and tests/e2e/LogTest.cpp.
+// The trace log of a run: decides if there is one and writes its records. Tested in
+// tests/base/systems/unix/UNIXApplicationLogTest.cpp and tests/e2e/LogTest.cpp.
 
 #include <cstring>
 
@@ -28,7 +28,7 @@ void UNIXApplication::ProcessLogSettings() {
     log_file.reset(file_manager->Open(ZephPath_Data, path,
                                       FileMode_Write | FileMode_Create | FileMode_Append));
   }
-  // A machine without a log need not put records together, whatever its level is.
+  // Without a log the machine does not have to build records, no matter what its level is.
   if (!log_file) log_suppressed = 1;
 }
 
@@ -42,8 +42,8 @@ void UNIXApplication::ProcessLogCookie(const char* text) {
   if (length == strlen(text) && memcmp(value, text, length) == 0) log_suppressed = 0;
 }
 
-// One write a record: what other threads and processes append to the file stands before or behind
-// it, never within.
+// One write for each record: what other threads and processes append to the file is then before or
+// after it, never within it.
 void UNIXApplication::Log(unsigned type, LogParameter* parameters) {
   if (!log_file) return;
   ZPTIME now;

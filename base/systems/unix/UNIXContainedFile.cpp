@@ -1,12 +1,13 @@
-// The operations of the manager on paths inside the base directories.
+// The operations of the manager on paths inside the base directories. Tested in
+// tests/base/systems/unix/UNIXContainedFileTest.cpp.
+//
+// Divisions, in this order:
 //
 //   Base directories and their settings
 //   From a path to the descriptor of its directory
 //   Opening a file, and following links at the end of a path
 //   Operations on names
 //   The walk through the working directory
-//
-// Tests: tests/base/systems/unix/UNIXContainedFileTest.cpp
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -27,7 +28,7 @@
 
 namespace {
 
-// Descriptors below this are what a program is started with.
+// A program is started with the descriptors below this.
 constexpr int first_descriptor = 3;
 
 int Duplicate(int descriptor) {
@@ -195,8 +196,8 @@ bool UNIXFileManager::CheckContained(Zeph_PathType type, const _UNIXContainedPat
     return settings.path->Contains(lexical) || WalkError(type, PathWalk_Outside);
   }
   while (**path == '/') ++*path;
-  // Only a path that begins with ".." once collapsed can get above its base, so that most paths
-  // need not be joined to the text of the base and compared with it.
+  // Only a path that begins with ".." once collapsed can get above its base. Most paths therefore
+  // need not be joined to the base's text and compared with it.
   if (strstr(*path, "..") == nullptr || !UNIXFilePath(*path).StartsAboveBase()) return true;
   UNIXFilePath lexical(settings.path->value(), *path);
   return settings.path->Contains(lexical) || WalkError(type, PathWalk_Outside);
@@ -218,8 +219,8 @@ bool UNIXFileManager::OpenDirectory(Zeph_PathType type, const _UNIXContainedPath
   return true;
 }
 
-// Walks go element by element and would never meet the system's own limit; a script that lets a
-// path grow has to.
+// Walks go element by element and would never meet the system's own limit, so it is checked here: a
+// script can make a path grow without end.
 bool UNIXFileManager::CheckLength(const char* path) {
   if (path == nullptr || strlen(path) < PATH_MAX) return true;
   errno = ENAMETOOLONG;
@@ -234,18 +235,18 @@ bool UNIXFileManager::Enter(Zeph_PathType type, UNIXFilePath& path, ContainedDir
 
 // --- Opening a file, and following links at the end of a path ------------------------------------
 
-// The place that the last element of a path has led to so far.
+// The directory and name that the last element of a path has led to so far.
 struct UNIXFileManager::FinalName {
   _UNIXContainedPathSettings settings;
   ContainedDirectory directory;
   const char* name = nullptr;
-  bool same_directory = false;  // the last link named a neighbour
+  bool same_directory = false;  // the last link named a file in its own directory
   std::optional<SeenTargets> seen;
   char link_text[link_text_size];
 };
 
-// Puts the target of the link in its place. `user` is the one that the target has to belong to,
-// where that matters.
+// Replaces the name by the target of the link. `user` is the owner that the target must have if
+// other owners are not allowed.
 bool UNIXFileManager::FollowFinalLink(Zeph_PathType type, FinalName* final, unsigned user) {
   char text[link_text_size];
   struct stat target;
@@ -285,8 +286,8 @@ int UNIXFileManager::OpenContained(Zeph_PathType type, const char* path, int fla
 
   const bool links = final.settings.allow_symlinks != 0;
   const bool compare = links && final.settings.allow_other_owner == 0;
-  bool check = true;       // the name was there when it was looked at
-  bool exclusive = false;  // O_EXCL is ours and not the caller's
+  bool check = true;       // the name existed when it was looked at
+  bool exclusive = false;  // we set O_EXCL, not the caller
   struct stat expected = {};
   flags |= O_NOFOLLOW;
   for (;;) {
@@ -297,7 +298,8 @@ int UNIXFileManager::OpenContained(Zeph_PathType type, const char* path, int fla
         SystemError();
         return -1;
       }
-      // A link planted here from now on makes the open fail, instead of being created through.
+      // If a link is planted here from now on, the open fails instead of creating a file through
+      // it.
       check = false;
       exclusive = !(flags & O_EXCL);
       flags |= O_EXCL;
@@ -456,7 +458,7 @@ bool UNIXFileManager::MakeSymbolicLink(Zeph_PathType fromtype, const char* from,
   ContainedDirectory directory;
   if (!ContainedPathSettings(fromtype, &settings) || !Enter(totype, parsed, &directory))
     return false;
-  // Where the link leads is not tested here: whoever follows it is subject to the flags.
+  // Do not check where the link leads: the flags are applied when it is followed.
   UNIXFilePath joined(settings.path == nullptr ? "" : settings.path->value(), from);
   std::unique_ptr<char[]> content(joined.Collapsed_Path(nullptr, nullptr));
   return symlinkat(content.get(), directory.get(), parsed.Collapsed_Filename()) == 0;
@@ -502,8 +504,8 @@ bool UNIXFileManager::DirectoryListing(Zeph_PathType type, const char* path, Lis
   ContainedDirectory directory;
   if (!ContainedPathSettings(type, &settings) || !OpenDirectory(type, settings, path, &directory))
     return false;
-  // Reading moves the descriptor's place, and a duplicate of the base directory would share it with
-  // every other listing, of other threads too. So the base is opened anew.
+  // Reading moves the descriptor's position, and a duplicate of the base directory would share it
+  // with every other listing, also in other threads. So the base is opened again.
   FileDescriptor opened(directory.borrowed()
                             ? system_calls.openat(directory.get(), ".", walk_flags, 0)
                             : directory.Release());
@@ -535,7 +537,7 @@ char* UNIXFileManager::NormalizeContainedPath(Zeph_PathType type, const char* pa
 
 namespace {
 
-// Puts the working directory back at the end of a scope.
+// Restores the working directory at the end of a scope.
 class WorkingDirectory {
  public:
   explicit WorkingDirectory(UNIXFileManager* files)
@@ -544,7 +546,7 @@ class WorkingDirectory {
   WorkingDirectory(const WorkingDirectory&) = delete;
   WorkingDirectory& operator=(const WorkingDirectory&) = delete;
   bool is_saved() const { return saved >= 0; }
-  // Back to where it was, for another start from there.
+  // Goes back to the saved directory, for another walk from there.
   bool Return() const { return fchdir(saved) == 0; }
 
  private:

@@ -1,3 +1,6 @@
+// Loads shared libraries with dlopen. Tested in
+// tests/base/systems/unix/UNIXExternalLibraryTest.cpp.
+
 #include "base/systems/unix/UNIXExternalLibrary.h"
 
 #include <dlfcn.h>
@@ -12,8 +15,8 @@ UNIXExternalLibrary::~UNIXExternalLibrary() {
 
 bool UNIXExternalLibrary::Load(const char* path) {
   library_path = path;
-  // The loader would wait for the other end of a FIFO. A name without a slash is searched for,
-  // among the system's own directories.
+  // The loader would wait for the other end of a FIFO. A name without a slash is not checked: the
+  // loader searches for it in the system's own directories.
   struct stat status;
   if (path != nullptr && strchr(path, '/') != nullptr && stat(path, &status) == 0 &&
       !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
@@ -22,7 +25,7 @@ bool UNIXExternalLibrary::Load(const char* path) {
     Error(text);
     return false;
   }
-  // A null name would be the engine itself.
+  // dlopen with a null name would return the engine itself.
   handle = dlopen(library_path.data, RTLD_LAZY);
   if (handle != nullptr) return true;
   Error(dlerror());

@@ -10,7 +10,7 @@ class UNIXExternalLibrary : public ExternalLibrary {
   UNIXExternalLibrary() = default;
   ~UNIXExternalLibrary() override;
 
-  // Symbols are bound when they are first called, against the engine's exports among others.
+  // Symbols are bound when they are first called. A library may use the engine's exports.
   [[nodiscard]] bool Load(const char* path) override;
   [[nodiscard]] void* Get_Function(const char* name) override;
 

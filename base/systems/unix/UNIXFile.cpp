@@ -1,5 +1,5 @@
-// Open files, and the operations of the manager on names outside the base directories.
-// Tests: tests/base/systems/unix/UNIXFileTest.cpp
+// Open files, and the operations of the manager on names outside the base directories. Tested in
+// tests/base/systems/unix/UNIXFileTest.cpp.
 
 #include "base/systems/unix/UNIXFile.h"
 
@@ -24,10 +24,11 @@
 
 namespace {
 
-// What would create or empty the file when it is opened again.
+// Flags that would create or empty the file when it is opened again.
 constexpr int creating_flags = O_CREAT | O_TRUNC | O_EXCL;
 
-// Descriptors below this are never kept from scripts, and opening one costs no look at the limit.
+// Descriptors below this are never kept from scripts, so opening one does not have to read the
+// limit.
 constexpr int plenty_of_descriptors = 64;
 
 constexpr long no_end = std::numeric_limits<long>::max();
@@ -63,8 +64,8 @@ bool UNIXFile::SystemError() {
   return false;
 }
 
-// What is done with a descriptor that was just opened: a regular file gets the flags that were
-// asked for, since none of its reads and writes has another end to wait for.
+// Called with a descriptor that was just opened. A regular file gets exactly the flags that the
+// caller passed, without O_NONBLOCK, because its reads and writes never wait for another end.
 void UNIXFile::Settle() {
   struct stat status;
   if (fstat(descriptor, &status) != 0) return;
@@ -87,14 +88,14 @@ bool UNIXFile::Status(struct stat* buffer) {
   return true;
 }
 
-// Whether the position is kept here, which it is from the first question or seek on, unless the
+// True if the position is kept here. That begins with the first status query or seek, unless the
 // file was read or written before.
 bool UNIXFile::KnowsPlace() {
   if (place < 0 && !moved && is_regular && (flags & O_APPEND) == 0) place = position;
   return place >= 0;
 }
 
-// The answer of a read or a write that the system answered with that many bytes.
+// Returns the result of a read or a write for which the system returned that count.
 int UNIXFile::Moved(long count) {
   moved = true;
   if (count < 0) SystemError();
@@ -190,9 +191,9 @@ bool UNIXFile::IsDirectory(bool* result) {
   return true;
 }
 
-// The lock belongs to the open file and not to the process, as a classic record lock would: threads
-// of one process have to exclude each other too. Waiting is a short poll, since the kernel's own
-// wait can't be left when the script is cancelled.
+// The lock belongs to the open file and not to the process, unlike a classic record lock, because
+// threads of one process have to exclude each other too. Waiting is a short poll, because the
+// kernel's own wait can't be left when the script is cancelled.
 bool UNIXFile::Lock(FileLockType type, long start, long length) {
   if (!Ready()) return false;
   struct flock range = {};
@@ -220,7 +221,7 @@ bool UNIXFile::Release(long start, long length) {
   struct flock range = {};
   range.l_type = F_UNLCK;
   range.l_whence = SEEK_SET;
-  // All bytes there are: the system then makes no preparations to split what it has.
+  // If nothing else is locked, release all bytes: the system then does not prepare to split a lock.
   if (!IsAllThatIsLocked(start, length)) {
     range.l_start = start;
     range.l_len = length;
@@ -235,10 +236,10 @@ bool UNIXFile::IsAllThatIsLocked(long start, long length) const {
          locked_ranges[0].end - start == length;
 }
 
-// Keeps the set of locked bytes as the kernel has it: the pool must know whether any is left, and
-// locks and releases need not come in pairs.
+// Keeps the set of locked bytes as the kernel has it. The pool must know if any is left, and locks
+// and releases need not come in pairs.
 void UNIXFile::NoteLocked(long start, long length, bool held) {
-  // One lock that is taken and released again is nearly all there is.
+  // Nearly every call takes a single lock or releases it again.
   if (held && locked_ranges.empty() && length > 0 && start <= no_end - length) {
     locked_ranges.push_back({start, start + length});
     holds_lock = true;
@@ -321,11 +322,11 @@ bool UNIXFile::Activate(String& text) {
 
 void UNIXFile::Deactivate() {
   if (descriptor < 0) return;
-  // A pipe has no position; it goes on as it is.
+  // A pipe has no position and continues where it is.
   position = place >= 0 ? place : std::max<long>(system_calls.lseek(descriptor, 0, SEEK_CUR), 0);
   place = -1;
   window.Close();
-  // By its next activation the name may stand for another file.
+  // By its next activation the name may lead to another file.
   status_known = moved = false;
   close(descriptor);
   descriptor = -1;
@@ -367,9 +368,9 @@ int UNIXFileManager::OpenMode(int mode) {
   return flags;
 }
 
-// An open that may not wait fails where another program, such as a server of this file to other
-// machines, holds a lease on a regular file. The failure has asked that program to give it up,
-// which the kernel sees to in less than a minute.
+// An open that may not wait fails if another program, such as a server of this file to other
+// machines, holds a lease on a regular file. The failed open makes the kernel tell that program to
+// give up the lease, and the kernel enforces it in less than a minute.
 int UNIXFileManager::OpenQuietly(int directory, const char* name, int flags, unsigned permissions) {
   constexpr int pause = 10;  // milliseconds
   for (;;) {
@@ -385,7 +386,7 @@ int UNIXFileManager::OpenQuietly(int directory, const char* name, int flags, uns
   }
 }
 
-// The system hands out the lowest free number, so a high one tells that all below are in use.
+// The system returns the lowest free number, so a high one means that all lower ones are in use.
 bool UNIXFileManager::IsSpare(int descriptor) {
   if (kept_descriptors == 0 || descriptor < plenty_of_descriptors) return true;
   rlimit limit;
@@ -475,8 +476,8 @@ bool UNIXFileManager::TouchFile(const char* path) {
   return created.is_open() || SystemError();
 }
 
-// Here only EEXIST would mean that there is no file, which stat never says: callers take a missing
-// file for a failure.
+// Only EEXIST counts as "no file" here, and stat never fails with it. So a missing file is a
+// failure, which callers rely on.
 bool UNIXFileManager::Exists(const char* path, bool* exists) {
   struct stat status;
   if (stat(path, &status) == 0) {

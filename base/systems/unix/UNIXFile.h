@@ -1,5 +1,5 @@
-// Files on POSIX calls: the open file, and the manager with its name operations, its lock protocol
-// and the confinement of script paths. UNIXReentrantFileManager is the one that a server uses.
+// Files on POSIX calls: the open file, and the manager with its operations on names, its lock
+// protocol and the confinement of script paths. A server uses UNIXReentrantFileManager.
 
 #ifndef ZEPH_BASE_SYSTEMS_UNIX_UNIXFILE_H
 #define ZEPH_BASE_SYSTEMS_UNIX_UNIXFILE_H
@@ -16,7 +16,7 @@
 
 class UNIXFileManager;
 
-// What holds for the contained paths of one type. Borrows from the manager.
+// The settings for the contained paths of one type. Borrows from the manager.
 struct _UNIXContainedPathSettings {
   int directory = -1;            // descriptor of the base directory
   UNIXFilePath* path = nullptr;  // its text, as configured
@@ -28,8 +28,8 @@ struct _UNIXContainedPathSettings {
 // An open or deactivated file. Adopts the descriptor it is made with.
 class UNIXFile : public File {
  public:
-  // flags are open(2) flags; what would create or empty the file is dropped from them, so that
-  // opening it again does neither.
+  // flags are open(2) flags. Those that would create or empty the file are dropped, so that opening
+  // it again does neither.
   UNIXFile(UNIXFileManager* manager, int descriptor, int flags, const char* path);
   UNIXFile(UNIXFileManager* manager, int descriptor, int flags, Zeph_PathType type,
            const char* path);
@@ -75,23 +75,23 @@ class UNIXFile : public File {
   void* map_address = nullptr;
   size_t map_length = 0;
   int flags;
-  long position = 0;  // where a deactivated file goes on
-  // The position of a regular file, which is kept here and told with each read and write: the
-  // system's own is not used then, and a seek costs no call. -1 in other files, in one that
-  // appends, and until something is asked or sought.
+  long position = 0;  // the position that an activation restores
+  // The position of a regular file. It is kept here and passed with each read and write: the
+  // system's own position is then unused, and a seek costs no call. -1 in other files, in a file
+  // that appends, and before the first seek or status query.
   long place = -1;
-  FileWindow window;   // used with a place of one's own only
-  bool moved = false;  // read, written or sought in since it was opened
+  FileWindow window;   // used only with a valid place
+  bool moved = false;  // read, written or moved by a seek since it was opened
   // The result of fstat at the time of opening, valid until the first read, write or seek.
   bool status_known = false;
   bool is_regular = false;
   bool is_directory = false;
   int owner = 0;
   int group = 0;
-  std::vector<LockedRange> locked_ranges;  // sorted, apart from each other
+  std::vector<LockedRange> locked_ranges;  // sorted; no two overlap or touch
 };
 
-// Answers of the walk to a directory.
+// Results of the walk to a directory.
 enum PathWalkResult : int {
   PathWalk_Done = 0,
   PathWalk_NotFound = 1,    // or any other failure
@@ -114,7 +114,8 @@ class ContainedDirectory {
     opened.reset(other);
     descriptor = other;
   }
-  // For a caller that closes it: a borrowed descriptor is duplicated. -1 when that fails.
+  // Returns a descriptor that the caller closes: a borrowed one is duplicated. Returns -1 when that
+  // fails.
   [[nodiscard]] int Release();
 
  private:
@@ -122,16 +123,16 @@ class ContainedDirectory {
   FileDescriptor opened;
 };
 
-// The manager in its plain form, which walks to directories through the working directory of the
-// process: for a program with one thread. All operations on names are written here, once, on a
-// directory descriptor; how that is reached is what the derived class replaces.
+// The manager in its plain form, for a program with one thread: it walks to directories through the
+// working directory of the process. All operations on names are written here, once, on a directory
+// descriptor; the derived class replaces only how that descriptor is reached.
 class UNIXFileManager : public FileManager {
   friend class UNIXFile;
 
  public:
   explicit UNIXFileManager(ZephApplication* application);
-  // For a background task: the same directories, limits and flags on descriptors of its own, and
-  // an empty pool. Later changes to either manager do not reach the other.
+  // For a background task: the same directories, limits and flags on descriptors of its own, and an
+  // empty pool. Later changes to one manager do not affect the other.
   UNIXFileManager(ZephApplication* application, UNIXFileManager& other);
   ~UNIXFileManager() override;
 
@@ -157,7 +158,7 @@ class UNIXFileManager : public FileManager {
   bool Delete(Zeph_PathType type, const char* path) override;
   bool Copy(Zeph_PathType fromtype, const char* from, Zeph_PathType totype,
             const char* to) override;
-  // Across file systems a copy and a deletion. Any other failure leaves the error text as it was.
+  // Across file systems copies and deletes. Any other failure leaves the error text as it was.
   bool Rename(Zeph_PathType fromtype, const char* from, Zeph_PathType totype,
               const char* to) override;
   bool TouchFile(Zeph_PathType type, const char* path) override;
@@ -181,69 +182,68 @@ class UNIXFileManager : public FileManager {
   char* NormalizeContainedPath(Zeph_PathType type, const char* path, int* length,
                                int* allocated) override;
 
-  // Open a base directory and keep it; what was configured before is given up first. The path is
-  // absolute. The user, if not null, is named in the texts of a failure. SecurityOptions comes
-  // first: the links on the way are judged by it.
+  // Open a base directory and keep it open; one that was configured before is closed first. The
+  // path is absolute. The user, if not null, is named in the text of a failure. REQUIRES:
+  // SecurityOptions was called before, because its flags decide which links on the way are allowed.
   virtual bool InitializeScriptDirectory(const char* path, const char* user);
   virtual bool InitializeDataDirectory(const char* path);
   virtual bool InitializeTempDirectory(const char* path);
 
-  // From here on a file is not opened for a script, nor made, when that would leave the process
-  // fewer than that many descriptors, or fewer than a quarter of them if the limit is low: it fails
-  // as if there were none left. They are for the other requests, which have to find their scripts.
-  // What is opened again, and what is opened for a moment, may use them.
+  // From this call on, a script can't open or make a file if that would leave the process fewer
+  // than `count` descriptors, or fewer than a quarter of them if the limit is low: it fails as if
+  // there were none left. They are kept for other requests, which have to open their scripts. Files
+  // that are opened again, or only for a moment, may use them.
   void KeepDescriptors(int count) { kept_descriptors = count; }
 
   // Opens a file, or a directory for reading, inside a base directory. flags are those of open(2).
-  // A descriptor that the caller closes, or -1.
+  // Returns a descriptor that the caller closes, or -1.
   [[nodiscard]] virtual int OpenContained(Zeph_PathType type, const char* path, int flags);
 
-  // A descriptor of the working directory, or -1; RestoreCurrentDirectory goes back to it and
-  // closes it, and answers -1 on failure.
+  // SaveCurrentDirectory returns a descriptor of the working directory, or -1.
+  // RestoreCurrentDirectory goes back to it and closes it, and returns -1 on failure.
   [[nodiscard]] virtual int SaveCurrentDirectory();
   virtual int RestoreCurrentDirectory(int descriptor);
-  // The directory that a text leads to, as the system names it, the caller's to delete. The
-  // second form compares with `path` to see whether a link was involved. Both use the working
-  // directory of the process and put it back. Answer a PathWalkResult.
+  // Find the directory that a text leads to, as the system names it; the caller deletes *result.
+  // The second form compares it with `path` to see if a link was involved. Both use the working
+  // directory of the process and restore it. Return a PathWalkResult.
   [[nodiscard]] virtual int RealizePath(const char* path, UNIXFilePath** result, bool symlinks,
                                         bool other_owner);
   [[nodiscard]] virtual int RealizePath(UNIXFilePath* path, const char* text, UNIXFilePath** result,
                                         bool symlinks, bool other_owner);
-  // False when that type has no directory. A type that nobody knows leaves the settings as they
-  // were: empty, so that whatever uses them fails.
+  // Returns false when that type has no directory. An unknown type leaves the settings as they
+  // were: empty, so that every use of them fails.
   virtual bool ContainedPathSettings(Zeph_PathType type, _UNIXContainedPathSettings* settings);
-  // As OpenContainedPath of the derived class, with a path as the result.
+  // Like OpenContainedPath of the derived class, with a path as the result.
   virtual bool RealizeContainedPath(Zeph_PathType type, const char* path, UNIXFilePath** result);
   virtual bool RealizeContainedPath(Zeph_PathType type, _UNIXContainedPathSettings* settings,
                                     const char* path, UNIXFilePath** result);
-  // fstat of the file that OpenContained finds, so it has to be readable.
+  // fstat of the file that OpenContained finds, so the file has to be readable.
   virtual bool Stat(Zeph_PathType type, const char* path, struct stat* buffer);
 
-  // The lock protocol on a name in a directory, AT_FDCWD being the working directory. Answers a
+  // The lock protocol on a name in a directory; AT_FDCWD is the working directory. Returns a
   // FileLockResult.
   [[nodiscard]] int LockAt(int directory, const char* name);
 
-  // The open(2) flags of FileMode bits.
+  // Returns the open(2) flags of FileMode bits.
   static int OpenMode(int mode);
 
  protected:
-  // Opens the directory `path`, from `base` on, element by element. `confined` refuses a ".." that
-  // leads out of base by a directory that was moved meanwhile. *result receives a descriptor that
-  // the caller closes. Answers a PathWalkResult.
+  // Opens the directory `path`, starting at `base`, element by element. `confined` refuses a ".."
+  // that leads out of base because a directory was moved meanwhile. *result receives a descriptor
+  // that the caller closes. Returns a PathWalkResult.
   using DirectoryWalk = int (*)(UNIXFileManager* manager, int base, const char* path, int* result,
                                 bool symlinks, bool other_owner, bool confined);
 
   UNIXFileManager(ZephApplication* application, DirectoryWalk walk);
   UNIXFileManager(ZephApplication* application, UNIXFileManager& other, DirectoryWalk walk);
 
-  // The directory `path` of a base directory. On failure the text is stored.
+  // Opens the directory `path` of a base directory. On failure returns false with the text stored.
   bool OpenDirectory(Zeph_PathType type, const _UNIXContainedPathSettings& settings,
                      const char* path, ContainedDirectory* result);
-  // Stores the text of a PathWalkResult that is a failure, and answers false.
+  // Stores the text of a PathWalkResult that is a failure, and returns false.
   bool WalkError(Zeph_PathType type, int result);
 
-  // The numbers that MakeTemporary tries lie below this. Only a test that wants to see the end of
-  // them lowers it.
+  // MakeTemporary tries the numbers below this. A test lowers it to see how they run out.
   static inline unsigned temporary_limit = 0x7FFFFFFE;
 
   UNIXFilePath* script_path = nullptr;
@@ -256,33 +256,34 @@ class UNIXFileManager : public FileManager {
  private:
   struct FinalName;
 
-  // Both store a text and answer false.
+  // Both store a text and return false.
   bool SystemError();
   bool Fail(const char* text);
 
-  // openat that waits for no other end, with the permissions of a file that it makes.
+  // openat that never waits for another end; `permissions` are for a file that it makes.
   int OpenQuietly(int directory, const char* name, int flags, unsigned permissions);
-  // Whether a script may hold this descriptor; whether it may hold one more. The second is for
-  // modes that create or empty files, which must not be done by an open that fails.
+  // IsSpare returns true if a script may hold this descriptor, HasSpare if it may hold one more.
+  // HasSpare is for modes that create or empty files, because an open that fails must do neither.
   bool IsSpare(int descriptor);
   bool HasSpare(int mode);
-  // A File on the descriptor, entered in the pool unless the mode forbids it.
+  // Makes a File on the descriptor and enters it in the pool unless the mode forbids that.
   File* Adopt(FileDescriptor& descriptor, int mode, const char* path);
   File* Adopt(FileDescriptor& descriptor, int mode, Zeph_PathType type, const char* path);
   bool CheckCopySource(int descriptor);
   bool CopyBytes(int from, int to);
   bool CheckPrefix(const char* prefix);
-  // A descriptor of a new file in the directory, or -1. *name receives its full name, which has
-  // the text `leading` in front.
+  // Returns a descriptor of a new file in the directory, or -1. *name receives its full name, with
+  // the text `leading` at the start.
   int CreateTemporary(int directory, const char* leading, const char* prefix, int mode,
                       std::unique_ptr<char[]>* name);
 
   bool InitializeDirectory(const char* what, const char* user, const char* path, bool symlinks,
                            bool other_owner, UNIXFilePath** text, int* descriptor);
-  // Whether the path is inside by its text. Moves *path behind the slashes that do not count.
+  // Returns true if the path is inside the base directory by its text. Moves *path past leading
+  // slashes, which do not count.
   bool CheckContained(Zeph_PathType type, const _UNIXContainedPathSettings& settings,
                       const char** path);
-  // The directory of a path's last element.
+  // Opens the directory of a path's last element.
   bool Enter(Zeph_PathType type, UNIXFilePath& path, ContainedDirectory* directory);
   bool CheckLength(const char* path);
   bool CheckOwner(int descriptor, unsigned user);

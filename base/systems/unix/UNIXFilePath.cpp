@@ -1,4 +1,5 @@
-// Tests: tests/base/systems/unix/UNIXFilePathTest.cpp
+// Splits, collapses and compares paths as text. Tested in
+// tests/base/systems/unix/UNIXFilePathTest.cpp.
 
 #include "base/systems/unix/UNIXFilePath.h"
 
@@ -17,7 +18,7 @@ char* CopyOf(const char* text) {
   return copy;
 }
 
-// What stands between two elements, as it was given or after Element has been there.
+// The character between two elements: a slash, or the NUL that Element has put there.
 bool IsSeparator(char c) {
   return c == '/' || c == 0;
 }
@@ -172,8 +173,8 @@ char* UNIXFilePath::Collapsed_Path(int* result_length, int* allocated) const {
   return result;
 }
 
-// Moves the directories together over the dropped elements between them. What follows the last of
-// them becomes one long run of slashes, so the file name keeps its place and its pointers.
+// Moves the directories together over the dropped elements between them. The rest up to the file
+// name becomes one long run of slashes, so the file name and pointers to it stay in place.
 void UNIXFilePath::Compact(int directories) {
   RestoreSlashes(0, length);
   int end = offsets[collapsed[collapsed_count - 1]] + ElementLength(collapsed[collapsed_count - 1]);
@@ -182,7 +183,7 @@ void UNIXFilePath::Compact(int directories) {
     int element = collapsed[i];
     int n = ElementLength(element);
     memmove(text + to, text + offsets[element], static_cast<size_t>(n));
-    // An element behind the one in hand is not overwritten by this: it starts behind a slash.
+    // This does not overwrite the elements that follow: each of them starts after a slash.
     collapsed[i] = to;
     to += n;
     text[to++] = '/';

@@ -1,49 +1,50 @@
-// A path split into its elements, in place. The lexical half of the confinement of script paths:
+// A path split into its elements, in place. The textual half of the confinement of script paths:
 // what a path means as text, before any directory is opened.
 
 #ifndef ZEPH_BASE_SYSTEMS_UNIX_UNIXFILEPATH_H
 #define ZEPH_BASE_SYSTEMS_UNIX_UNIXFILEPATH_H
 
 // Owns its text. Elements count from 0; element 0 of an absolute path is the root. Element, Span
-// and the Collapsed_ operations hand out pointers into the text and put NULs between elements, so
-// that a directory and a file name of one path can be used side by side; they stay valid until
-// another Element or Span covers the same bytes. One thread at a time.
+// and the Collapsed_ operations return pointers into the text and put NULs between elements, so
+// that a directory and a file name of one path can be used at the same time. The pointers stay
+// valid until another Element or Span covers the same bytes. Used by one thread at a time.
 class UNIXFilePath {
  public:
   // A null path counts as empty.
   explicit UNIXFilePath(const char* path);
-  // With copy false adopts the buffer, which was made with new[].
+  // With copy false adopts the buffer. REQUIRES: it was made with new[].
   UNIXFilePath(char* path, bool copy);
-  // The two with a slash between them.
+  // Joins the two with a slash between them.
   UNIXFilePath(const char* first, const char* second);
-  // Starts from the collapsed form.
+  // Starts from the collapsed form of the other path.
   UNIXFilePath(const UNIXFilePath& other);
   virtual ~UNIXFilePath();
   UNIXFilePath& operator=(const UNIXFilePath&) = delete;
 
-  // Finds the elements. Runs of slashes count as one, and slashes at the end vanish. The
-  // constructors have done so.
+  // Finds the elements. Runs of slashes count as one, and slashes at the end are cut off. The
+  // constructors call it.
   void Parse();
 
-  // NUL-terminated, in place; null out of range. A shared "/" for the root.
+  // Element i, NUL-terminated, in place; null out of range. The root is a shared "/".
   const char* Element(int i);
   // Elements first to last with the slashes between them, in place; null for bad arguments.
   const char* Span(int first, int last);
 
-  // Decides which elements are kept: drops ".", and ".." together with the element before it.
-  // Purely textual; "..", where nothing is left to drop, stays in a relative path.
+  // Decides which elements are kept: drops ".", and ".." together with the element before it. Uses
+  // only the text. In a relative path a ".." with no element left to drop stays.
   void Collapse() const;
-  // The kept elements in a buffer made with new[], the caller's; "." or "/" when none are. The out
-  // parameters may be null; *length is without the NUL, *allocated the size of the buffer.
+  // Returns the kept elements in a buffer made with new[], which the caller owns; "." or "/" when
+  // there are none. The out-parameters may be null; *length is without the NUL, *allocated is the
+  // size of the buffer.
   [[nodiscard]] char* Collapsed_Path(int* length, int* allocated) const;
-  // What a file operation works in and on: the kept elements but the last, and the last one. A
-  // path that ends in ".." has all of them as its directory, and "." as its name.
+  // The directory and the name that a file operation uses: all kept elements but the last, and the
+  // last one. A path that ends in ".." has all of them as its directory, and "." as its name.
   const char* Collapsed_Directory();
   const char* Collapsed_Filename();
 
-  // Whether the other path is this one or lies below it, by text and with regard to case.
+  // True if the other path is this one or is below it, by text and case-sensitive.
   bool Contains(const UNIXFilePath& other) const;
-  // Whether both have the same kept elements, the last `skip` of them aside.
+  // True if both have the same kept elements, not counting the last `skip` of them.
   bool Matches(const UNIXFilePath& other, int skip) const;
 
   // Restores the text and hands its buffer to the caller, who frees it with delete[].
@@ -51,10 +52,10 @@ class UNIXFilePath {
 
   int elements() const { return element_count; }
   bool is_absolute() const { return absolute != 0; }
-  // The text as it was given, but for slashes at its end. Only before Element, Span,
-  // Collapsed_Directory or Collapsed_Filename was called.
+  // The text as it was given, without slashes at its end. REQUIRES: Element, Span,
+  // Collapsed_Directory and Collapsed_Filename were not called.
   const char* value() const { return text; }
-  // Whether the first kept element is "..": only such a relative path can leave its base.
+  // True if the first kept element is "..": only such a relative path can leave its base.
   bool StartsAboveBase() const;
 
  private:

@@ -1,15 +1,15 @@
 // Locks that are names. A lock on a name N is the existence of N, as a hard link to a private file
 // of its owner, which holds a record: "process!thread:host". Linking is atomic on every file
 // system, so this works between the threads of a process, processes, and hosts that share a
-// directory. The record survives a crash of its owner, and whoever waits looks whether the owner is
-// still there.
+// directory. The record survives a crash of its owner, so each waiter checks if the owner is still
+// alive.
 //
-//   nobody holds N    no file N          linkat makes one
+//   free              no file N          linkat makes one
 //   held              N has a record     Delete, by the owner, ends it
 //   abandoned         N has the record of a dead process of this host, or is another host's and has
 //                     not been touched for lock_expiration seconds: a waiter removes it
 //
-// Tests: tests/base/systems/unix/UNIXNameLockTest.cpp
+// Tested in tests/base/systems/unix/UNIXNameLockTest.cpp.
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -35,10 +35,10 @@ namespace {
 // Without O_NOFOLLOW a link could make a waiter read a file outside of the directory.
 constexpr int record_flags = O_NOFOLLOW | quiet_flags;
 
-// Bytes of a record that are looked at.
+// At most this many bytes of a record are read.
 constexpr size_t record_limit = 511;
 
-// What is written in a lock. Text that is not a record gives process 0 and no host.
+// The content of a lock file. Text that is not a record gives process 0 and no host.
 struct OwnerRecord {
   int process = 0;
   int thread = 0;
@@ -60,7 +60,7 @@ bool SameFile(const struct stat& a, const struct stat& b) {
   return a.st_ino == b.st_ino && a.st_dev == b.st_dev;
 }
 
-// One attempt to take a lock, from its private file to the end.
+// One attempt to take a lock, from making its private file to the result.
 class NameLock {
  public:
   NameLock(ZephApplication* owner, int in, const char* locked);
@@ -70,7 +70,7 @@ class NameLock {
 
   enum Outcome { Held, TimedOut, Deadlock, Failed };
 
-  // Failed leaves the reason in errno.
+  // On Failed the reason is in errno.
   Outcome Take();
 
  private:
@@ -122,8 +122,8 @@ NameLock::~NameLock() {
 bool NameLock::MakePrivateFile() {
   FileDescriptor created(system_calls.openat(
       directory, private_name.get(), O_WRONLY | O_CREAT | O_TRUNC | O_EXCL | quiet_flags, 0664));
-  // A file that is there already is of an earlier life of this process number, or of somebody who
-  // claims to be us: it stays for whoever looks after the directory.
+  // If the file exists already, an earlier process with this number left it, or another program
+  // pretends to be us. It is not deleted here; that is up to the administrator of the directory.
   has_private_file = created.is_open() || errno != EEXIST;
   if (!created.is_open()) return false;
   size_t size = strlen(host) + 2 * 10 + 3;
@@ -144,7 +144,7 @@ NameLock::Outcome NameLock::Take() {
       if (errno != ENOENT) Pause();
       continue;
     }
-    // A network file system may report success for a link that somebody else's request made.
+    // A network file system may report success for a link that another waiter's request made.
     if (linked && status.st_ino == private_status.st_ino &&
         status.st_rdev == private_status.st_rdev)
       return Held;
@@ -184,8 +184,8 @@ NameLock::Next NameLock::Judge(OwnerRecord record, int descriptor) {
 // the lock that the faster one has taken meanwhile. So N is removed only by the holder of a lock on
 // the very file that was read, and only while N is still that file.
 //
-// flock also takes a descriptor that is not writable, which is all that one gets of another user's
-// file. The record lock is for file systems on which flock stays on this host.
+// flock also works on a descriptor that is not writable, and another user's file gives no other.
+// The record lock is for file systems on which flock has an effect only within this host.
 NameLock::Next NameLock::RemoveAbandoned(int descriptor) {
   FileDescriptor writable(system_calls.openat(directory, name, O_RDWR | record_flags, 0));
   struct stat read_file;
@@ -207,7 +207,7 @@ NameLock::Next NameLock::RemoveAbandoned(int descriptor) {
   return system_calls.unlinkat(directory, name, 0) == 0 ? TryNow : TryLater;
 }
 
-// In slices, so that a script that is cancelled during a long pause does not sit it out.
+// Waits in slices, so that a script that is cancelled during a long pause ends soon.
 void NameLock::Pause() {
   long rest = std::max(application->config()->value_integer(Config_delay_file), 1);
   constexpr long slice = 500;

@@ -1,5 +1,5 @@
-// What the walks of the file manager share: the flags that a directory on the way is opened with,
-// and the memory of the links that were followed.
+// Shared by the walks of the file manager: the flags for opening a directory on the way, and the
+// set of links that were followed.
 
 #ifndef ZEPH_BASE_SYSTEMS_UNIX_UNIXPATHWALK_H
 #define ZEPH_BASE_SYSTEMS_UNIX_UNIXPATHWALK_H
@@ -12,13 +12,13 @@
 #include "base/core/BaseTemplates.h"
 #include "base/systems/unix/SystemCalls.h"
 
-// An element that is a link must answer ELOOP, which O_DIRECTORY would turn into ENOTDIR.
+// An element that is a link must fail with ELOOP; O_DIRECTORY would turn that into ENOTDIR.
 constexpr int walk_flags = O_RDONLY | O_NOFOLLOW | quiet_flags;
 
-// The text of a link together with the path behind it fits into this, NUL included.
+// Room for the text of a link and the path after it, NUL included.
 constexpr int link_text_size = 1024;
 
-// Objects that links led to, known by device and inode: a link to one of them again is a loop.
+// The targets that links led to, known by device and inode. A second link to one of them is a loop.
 class SeenTargets : public HashTable<struct stat> {
  public:
   SeenTargets() : HashTable(1, 1, 12, 512) {}
@@ -34,10 +34,10 @@ class SeenTargets : public HashTable<struct stat> {
     if (a->st_ino != b->st_ino) return a->st_ino < b->st_ino ? -1 : 1;
     return 0;
   }
-  // Nobody looks a target up by text.
+  // No caller looks a target up by text.
   int Compare(struct stat*, const char*, int) override { return 1; }
 
-  // Notes a target; false when it was there before.
+  // Adds a target; returns false when it was there before.
   bool Add(const struct stat& target) {
     struct stat copy = target;
     if (Find(&copy) != nullptr) return false;
@@ -46,8 +46,9 @@ class SeenTargets : public HashTable<struct stat> {
   }
 };
 
-// The text of a link, NUL-terminated, in a buffer of link_text_size bytes; false with errno set. A
-// text that does not fit is a failure: cut short it would name something else.
+// Reads the text of a link, NUL-terminated, into a buffer of link_text_size bytes; returns false
+// with errno set. A text that does not fit is a failure, because cut short it would name another
+// file.
 bool ReadLinkText(int directory, const char* name, char* buffer);
 
 #endif

@@ -1,5 +1,5 @@
-// The walk on descriptors.
-// Tests: tests/base/systems/unix/UNIXReentrantFileTest.cpp
+// The walk to a directory on descriptors. Tested in
+// tests/base/systems/unix/UNIXReentrantFileTest.cpp.
 
 #include "base/systems/unix/UNIXReentrantFile.h"
 
@@ -19,18 +19,19 @@
 
 namespace {
 
-// Tells, for a path with "..", whether the walk still is where the text says. A ".." leads to
-// wherever a directory's parent is now: out of the base, if the directory was moved since the walk
+// Checks, for a path with "..", that the walk still is where the text says. A ".." leads to the
+// directory's present parent. That is outside of the base if the directory was moved since the walk
 // went into it, or if the base itself has another parent than its configured text says.
 //
-// The place of the walk is known as steps up from the base and, from there, steps down. A step down
-// that meets the directory which the steps up have come from takes one of those back, so that
+// The position of the walk is known as steps up from the base and, from there, steps down. If a
+// step down enters the directory that the last step up came from, it cancels that step, so that
 // "../other/../data" is back in the base "data".
 class Trail {
  public:
   explicit Trail(int base) { ancestors.push_back(IdentityOf(base)); }
 
-  // The walk went from the last directory into this one, by this element.
+  // Records that the walk went from the last directory into this one, by this element. Returns
+  // false if the walk is not where the text says.
   bool Follow(const char* element, int descriptor) {
     if (strcmp(element, ".") == 0) return true;
     const Identity here = IdentityOf(descriptor);
@@ -48,7 +49,7 @@ class Trail {
     return true;
   }
 
-  // In the base, or below it. An absolute path is at least below the root that it begins at.
+  // True in the base or below it. An absolute path is at least below the root that it begins at.
   bool ended_inside() const { return above == 0; }
 
  private:
@@ -77,8 +78,8 @@ class Trail {
   }
 
   std::vector<Identity> ancestors;  // the base or the root, its parent, and so on, as far as met
-  size_t above = 0;                 // of the ancestors, the one that the steps down begin at
-  std::vector<Identity> below;      // the steps down
+  size_t above = 0;                 // index of the ancestor where the steps down begin
+  std::vector<Identity> below;      // the directories of the steps down
 };
 
 // One walk from a base to a directory, element by element, so that no link is followed unseen.
@@ -87,7 +88,7 @@ class Walker {
   Walker(int from, bool follow, bool follow_other_owner)
       : base(from), current(from), symlinks(follow), other_owner(follow_other_owner) {}
 
-  // Answers a PathWalkResult. *result receives the descriptor, the caller's.
+  // Returns a PathWalkResult. *result receives the descriptor, which the caller closes.
   int Walk(const char* path, bool confined, int* result) {
     size_t length = strlen(path);
     if (length >= sizeof(text)) return PathWalk_NotFound;
@@ -114,7 +115,7 @@ class Walker {
   }
 
  private:
-  // Cuts the next element off. `rest` then starts with the one behind it, or is empty.
+  // Cuts the next element off. `rest` then starts with the element after it, or is empty.
   const char* NextElement() {
     char* element = rest;
     if (*rest == '/') {
@@ -126,8 +127,8 @@ class Walker {
     return element;
   }
 
-  // A positive descriptor, or not, with errno. Descriptor 0 belongs to the web server's socket, and
-  // counts as a failure.
+  // Returns a positive descriptor, or another number with errno set. Descriptor 0 belongs to the
+  // web server's socket, and counts as a failure.
   int OpenElement(const char* element) {
     int next = system_calls.openat(current, element, walk_flags, 0);
     if (next == 0) {
@@ -137,7 +138,7 @@ class Walker {
     return next;
   }
 
-  // Puts the text of a link in front of the rest.
+  // Puts the text of a link before the rest of the path.
   int FollowLink(const char* link) {
     struct stat from;
     struct stat target;
@@ -162,7 +163,7 @@ class Walker {
     memcpy(text, buffer, length);
     text[length] = 0;
     rest = text;
-    // Links are the administrator's permission to leave the base.
+    // With links the administrator permits paths to leave the base.
     trail.reset();
     return PathWalk_Done;
   }
@@ -178,8 +179,8 @@ class Walker {
   char text[PATH_MAX];
 };
 
-// The configured directories that this thread has found readable all the way. They are opened anew
-// by every request, and what holds for the directories above them hardly ever changes.
+// The configured directories on whose whole path this thread has found every directory readable.
+// Every request opens them again, and the directories above them hardly ever change.
 class KnownPaths {
  public:
   bool Contains(const char* path) const {
@@ -200,7 +201,7 @@ KnownPaths& KnownToThread() {
   return known;
 }
 
-// Whether each directory passed on the way to the last element could be opened for reading.
+// True if each directory on the way to the last element could be opened for reading.
 bool PassesReadableOnly(int base, const char* path) {
   char passed[PATH_MAX];
   size_t length = strlen(path);
@@ -218,15 +219,15 @@ bool PassesReadableOnly(int base, const char* path) {
   return true;
 }
 
-// Lets the kernel do the whole walk, where that can only come to the same result: there is no link
-// on the way, and each directory passed could have been opened for reading. The second is not the
-// kernel's condition: it is content with directories that may be searched. Asking costs a call for
-// each directory, where opening and closing it costs two, dearer ones; for a configured directory
-// it is asked once a thread.
+// Lets the kernel do the whole walk, if the result must be the same: there is no link on the way,
+// and each directory on the way could be opened for reading. The kernel does not check the latter,
+// because it requires only search permission. The check costs one call for each directory, while
+// opening and closing it costs two, more expensive ones. For a configured directory the check is
+// made once in each thread.
 //
-// A descriptor, or -1 when the walk has to find out for itself.
+// Returns a descriptor, or -1 when the element-by-element walk has to decide.
 int WalkInOneCall(int base, const char* path) {
-  // One element is one call either way. With ".." the walk may have to keep a trail.
+  // For one element the walk takes one call as well. With ".." it may have to keep a trail.
   if (strchr(path, '/') == nullptr || strstr(path, "..") != nullptr) return -1;
   KnownPaths& known = KnownToThread();
   FileDescriptor opened(system_calls.open_without_links(base, path, walk_flags));
@@ -242,10 +243,11 @@ int WalkInOneCall(int base, const char* path) {
   return opened.release();
 }
 
-// A PathWalkResult.
+// Returns a PathWalkResult.
 int WalkByDescriptor(UNIXFileManager* manager, int base, const char* path, int* result,
                      bool symlinks, bool other_owner, bool confined) {
   if (!manager->FreeFileSpace(1)) return PathWalk_NotFound;
+  // All links are allowed, so no element has to be checked on the way.
   if (symlinks && other_owner) {
     int descriptor = system_calls.openat(base, path, walk_flags & ~O_NOFOLLOW, 0);
     if (descriptor < 0) return PathWalk_NotFound;

@@ -6,24 +6,24 @@
 
 #include "base/systems/unix/UNIXFile.h"
 
-// Made by an application and used on its thread. Any number of them work side by side.
+// Made by an application and used on its thread. Each thread has its own.
 class UNIXReentrantFileManager : public UNIXFileManager {
  public:
-  // Makes what a thread needs to remember directories.
+  // Makes the memory in which this thread keeps known directories.
   static void PrepareThread();
 
   explicit UNIXReentrantFileManager(ZephApplication* application);
   // See UNIXFileManager.
   UNIXReentrantFileManager(ZephApplication* application, UNIXReentrantFileManager& other);
 
-  // Opens a directory, or whatever the path names, for reading. `base` is where a relative path
-  // starts, AT_FDCWD being the working directory. Links are followed only with symlinks set, and
-  // without other_owner only if link and target have one owner. *result receives a descriptor that
-  // the caller closes. Answers a PathWalkResult and stores no text.
+  // Opens a directory, or any file that the path names, for reading. A relative path starts at
+  // `base`; AT_FDCWD is the working directory. Links are followed only with symlinks set; without
+  // other_owner only if link and target have the same owner. *result receives a descriptor that the
+  // caller closes. Returns a PathWalkResult and stores no text.
   [[nodiscard]] virtual int OpenPath(int base, const char* path, int* result, bool symlinks,
                                      bool other_owner);
-  // A directory inside a base directory; null, "" and "." are the base itself. *result receives a
-  // descriptor that the caller closes. On failure false, with the text stored.
+  // Opens a directory inside a base directory; null, "" and "." are the base itself. *result
+  // receives a descriptor that the caller closes. On failure returns false with the text stored.
   [[nodiscard]] virtual bool OpenContainedPath(Zeph_PathType type, const char* path, int* result);
   [[nodiscard]] virtual bool OpenContainedPath(Zeph_PathType type,
                                                _UNIXContainedPathSettings* settings,

@@ -1,5 +1,4 @@
-// A compiled file as a request loads it: all sections in their order, from good files and from
-// damaged ones.
+// Loads compiled files as a request does: all sections in order, from good files and damaged ones.
 
 #include <gtest/gtest.h>
 
@@ -75,8 +74,7 @@ TEST_F(CompiledFile, AScriptBiggerThanTheWindowLoads) {
   UseEverything();
 }
 
-// --- Sections that are not there
-// -------------------------------------------------------------------
+// --- Missing sections -----------------------------------------------------------------
 
 TEST_F(CompiledFile, OneWithoutADictionaryIsCorrupt) {
   EXPECT_EQ(LoadFails(Container(Without(SmallScript(), "dict"))), "dict");
@@ -84,20 +82,21 @@ TEST_F(CompiledFile, OneWithoutADictionaryIsCorrupt) {
 }
 
 // The dictionary leaves its section selected, so the system table is read from the dictionary's
-// bytes: two bytes of the count are the buckets, the third the bits, and what follows the entries.
+// bytes: two bytes of its count are taken as the buckets, the third as the bits, and the next bytes
+// as the count of entries.
 TEST_F(CompiledFile, WithoutSystemVariablesTheDictionarysBytesAreRead) {
   EXPECT_EQ(LoadFails(Container(Without(SmallScript(), "syst"))), "syst");
   EXPECT_EQ(script->file.error().length, 0) << "the lookup itself reports nothing";
 
-  // An empty dictionary reads as an empty table: count 0 is no bucket, no bits and, with the low
-  // bytes of the data length, no entry.
+  // An empty dictionary reads as an empty table: its count of 0 gives no bucket, no bits and, with
+  // the low bytes of the data length, no entry.
   auto sections = Without(SmallScript(), "syst");
   sections[0].content = LE32(0) + LE32(0) + LE32(0);
   EXPECT_EQ(LoadFails(Container(sections)), "");
   EXPECT_EQ(script->system.Entries(), 0);
 }
 
-// The tables in the middle end their section, so the next missing one finds nothing selected.
+// The tables in the middle deselect their section, so for the next missing one none is selected.
 TEST_F(CompiledFile, OneWithoutGlobalsLanguagesPiecesOrCodeIsCorrupt) {
   for (const char* tag : {"glbl", "locl", "locd", "segs"}) {
     SCOPED_TRACE(tag);
@@ -106,9 +105,9 @@ TEST_F(CompiledFile, OneWithoutGlobalsLanguagesPiecesOrCodeIsCorrupt) {
   }
 }
 
-// Segments are read at random, which leaves their section selected: the function table is read
-// from the segments' bytes. With one segment and start 0 these are one bucket, no bits, no
-// function, and a head that is no entry.
+// Segments are read at random, which leaves their section selected: the function table is read from
+// the segments' bytes. With one segment and start 0 these bytes mean one bucket, no bits, no
+// function, and a head that is not an entry.
 TEST_F(CompiledFile, WithoutFunctionsTheBytesOfTheCodeAreReadAndASmallScriptRuns) {
   auto sections = Without(SmallScript(), "func");
   std::string code = LE16(0x4001) + LE32(0) + LE16(21);
@@ -130,13 +129,13 @@ TEST_F(CompiledFile, WithoutFunctionsASingleEmptySegmentStillRuns) {
 
 TEST_F(CompiledFile, WithoutFunctionsAStartOtherThanZeroIsReadAsACountOfThem) {
   auto sections = Without(SmallScript(), "func");
-  // The low byte of the start is the second byte of the count: 256 functions, which are not there.
+  // The low byte of the start is read as the second byte of the count: 256 functions, which do not
+  // exist.
   sections.back().content = LE32(2) + LE32(1) + LE32(0) + LE32(0) + LE32(0) + LE32(0);
   EXPECT_EQ(LoadFails(Container(sections)), "func");
 }
 
-// --- Damage
-// ----------------------------------------------------------------------------------------
+// --- Damage --------------------------------------------------------------------------------------
 
 TEST_F(CompiledFile, CutAnywhereItDoesNotOpen) {
   std::string content = Container(SmallScript());
@@ -147,7 +146,7 @@ TEST_F(CompiledFile, CutAnywhereItDoesNotOpen) {
 }
 
 TEST_F(CompiledFile, CutAnywhereBehindADirectoryInFrontItIsCorrupt) {
-  // The directory in front, so that the sections are what is missing.
+  // The directory is in front, so that a cut file lacks sections.
   std::string content = Container(SmallScript());
   size_t directory = content.size() - 9 * 12;
   std::string body = content.substr(32, directory - 32);
@@ -195,7 +194,7 @@ TEST_F(CompiledFile, AnyFourBytesMayBeAnExtremeNumber) {
 }
 
 TEST_F(CompiledFile, AFailingReadAtAnyPointIsCorrupt) {
-  // Sections far apart, so that each takes reads of its own.
+  // The sections are far apart, so that each needs reads of its own.
   std::vector<SectionBytes> sections;
   for (const SectionBytes& section : SmallScript()) {
     sections.push_back({"junk", std::string(70000, 'j')});
@@ -220,8 +219,7 @@ TEST_F(CompiledFile, AFailingReadAtAnyPointIsCorrupt) {
   EXPECT_GT(reads, 7);
 }
 
-// --- On a disk
-// -------------------------------------------------------------------------------------
+// --- On a disk -----------------------------------------------------------------------------------
 
 TEST_F(CompiledFile, IsWrittenToADiskAndReadBack) {
   TemporaryDirectory directory;

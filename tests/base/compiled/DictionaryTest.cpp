@@ -29,7 +29,7 @@ class DictionaryFile : public testing::Test {
     EXPECT_TRUE(file.Open("s", FileMode_Read));
     return dictionary.Read(&file);
   }
-  // A section with one entry over the data.
+  // A section with one entry that covers the data.
   static std::string One(long offset, long length, const std::string& data) {
     return LE32(1) + LE32(static_cast<long>(data.size())) + LE32(0) + LE32(offset) + LE32(length) +
            data;
@@ -46,8 +46,7 @@ class DictionaryFile : public testing::Test {
   Dictionary dictionary;
 };
 
-// --- Blocks
-// ----------------------------------------------------------------------------------------
+// --- Blocks --------------------------------------------------------------------------------------
 
 TEST(DictionaryDataBlock, FindsATextAnywhere) {
   const struct {
@@ -100,8 +99,7 @@ TEST(DictionaryDataBlock, SearchesBytesOfAllValues) {
   EXPECT_EQ(block.Add("\0\1", 2), 0);
 }
 
-// --- Entries
-// ---------------------------------------------------------------------------------------
+// --- Entries -------------------------------------------------------------------------------------
 
 TEST(Dictionary, IdsOutOfRangeGiveNullAndLeaveTheLengthAlone) {
   Dictionary dictionary;
@@ -178,8 +176,7 @@ TEST(Dictionary, ATextOf8192BytesGetsABlockOfTwiceThat) {
   EXPECT_NE(dictionary.Entry(2, nullptr), start + 16384);
 }
 
-// --- The section
-// -----------------------------------------------------------------------------------
+// --- The section ---------------------------------------------------------------------------------
 
 TEST_F(DictionaryFile, ReadsWhatTheFormatSays) {
   Texts texts;
@@ -256,7 +253,7 @@ TEST_F(DictionaryFile, EntriesOverNoDataAreEmptyTextsAtTheStart) {
 TEST_F(DictionaryFile, ASectionWithoutEntriesReadsAndHasRoom) {
   ASSERT_TRUE(Read(LE32(0) + LE32(0) + LE32(0)));
   EXPECT_EQ(dictionary.Entries(), 0);
-  // The empty block takes 8192 bytes, and not one more.
+  // The empty block has room for 8192 bytes and no more.
   std::string a(8191, 'a');
   EXPECT_EQ(Add(&dictionary, a), 0);
   EXPECT_EQ(Add(&dictionary, "b"), 1);
@@ -326,8 +323,7 @@ TEST_F(DictionaryFile, FailingWritesHaveTheFilesText) {
   EXPECT_FALSE(dictionary.Write(&file)) << "a short write";
 }
 
-// --- Compress and copy
-// -----------------------------------------------------------------------------
+// --- Compress and copy ---------------------------------------------------------------------------
 
 TEST_F(DictionaryFile, CompressLeavesOneBlockWithEveryText) {
   std::string a(8190, 'a');
@@ -346,7 +342,7 @@ TEST_F(DictionaryFile, CompressLeavesOneBlockWithEveryText) {
 }
 
 TEST_F(DictionaryFile, CompressMakesRoomForTextsThatOverlapped) {
-  // "ab" and "bc" need four bytes one after the other, where the file had three.
+  // "ab" and "bc" need four bytes in sequence; the file had three.
   ASSERT_TRUE(Read(LE32(2) + LE32(3) + LE32(0) + LE32(0) + LE32(2) + LE32(1) + LE32(2) + "abc"));
   dictionary.Compress();
   EXPECT_EQ(TextOf(dictionary, 0), "ab");

@@ -50,8 +50,7 @@ class FunctionTable : public testing::Test {
   FunctionManager functions{&dictionary, 8};
 };
 
-// --- Parameters
-// ------------------------------------------------------------------------------------
+// --- Parameters ----------------------------------------------------------------------------------
 
 TEST_F(FunctionTable, ParametersAreDeclaredByAList) {
   const struct {
@@ -99,8 +98,7 @@ TEST_F(FunctionTable, AParameterIsAVariableOfTheLocalTable) {
   EXPECT_EQ(TextOf(dictionary, parameter->nameid()), "width");
 }
 
-// --- Adding and finding
-// ----------------------------------------------------------------------------
+// --- Adding and finding --------------------------------------------------------------------------
 
 TEST_F(FunctionTable, AFunctionKnowsWhereItsCodeIs) {
   Function* function = functions.Function_Add(3, 40, "area", 4, "a", 1, 16);
@@ -206,8 +204,7 @@ TEST_F(FunctionTable, ACloneHasFunctionsOfItsOwn) {
   EXPECT_EQ(functions.Functions(), 2);
 }
 
-// --- The section
-// -----------------------------------------------------------------------------------
+// --- The section ---------------------------------------------------------------------------------
 
 class FunctionFile : public testing::Test {
  protected:
@@ -306,7 +303,7 @@ TEST_F(FunctionFile, NamesThatTheDictionaryLacksAreEmpty) {
 TEST_F(FunctionFile, NamesGoByTheDictionaryAsItWasThen) {
   std::string section = Section();
   size_t area = 7 + 12 + 8;
-  Patch(&section, area, LE32(5));  // one behind the last entry
+  Patch(&section, area, LE32(5));  // one past the last entry
   Patch(&section, area + 20, LE32(5));
   ASSERT_TRUE(Read(section));
   ASSERT_EQ(dictionary.Entry_Add("late", -1), 5);
@@ -349,7 +346,7 @@ TEST_F(FunctionFile, ACloneOutlivesTheTableItWasMadeOf) {
 TEST_F(FunctionFile, ASectionMayStateMoreThanTheFileHas) {
   manager.files["s"] = Container({{"dict", texts.Section()}, {"func", Section()}});
   std::string& content = manager.files["s"];
-  // The directory in front of the last section, so that the file ends where the functions do.
+  // The directory is before the last section, so that the file ends with the functions.
   size_t directory = content.size() - 24;
   std::string entries = content.substr(directory);
   size_t start = OffsetOf({{"dict", texts.Section()}, {"func", ""}}, "func");
@@ -454,7 +451,7 @@ TEST_F(FunctionFile, ChainsWithoutAnEndEndTheLookup) {
       std::string section = Section();
       Patch(&section, 19, LE32(first) + LE32(second));
       ASSERT_TRUE(Read(section));
-      // Names of any length, so that each walk goes down a whole chain.
+      // Names of any length, so that each search walks a whole chain.
       for (int i = 0; i < 2000; i++) {
         std::string name = "zzzz" + std::to_string(i);
         EXPECT_EQ(functions.Function_Get(name.c_str(), -1), nullptr);
@@ -463,8 +460,8 @@ TEST_F(FunctionFile, ChainsWithoutAnEndEndTheLookup) {
   }
 }
 
-// A search relies on the order of a chain: what stands behind a longer name, or behind one that
-// sorts behind, is not found, though calls by its index work.
+// A search relies on the order of a chain: a name that follows a longer one, or one that sorts
+// after it, is not found, though calls by its index work.
 TEST_F(FunctionFile, AChainOutOfOrderIsSearchedToTheNameThatSortsBehind) {
   const int ab = texts.Add("ab"), mmm = texts.Add("mmm"), aaa = texts.Add("aaa");
   const auto section = [&](const std::vector<int>& names) {

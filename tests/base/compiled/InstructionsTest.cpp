@@ -7,7 +7,7 @@
 
 namespace {
 
-// The encoding that compiled files in the field hold: word, name, and whether a listing knows it.
+// The encoding of existing compiled files: word, name, and whether a listing shows the name.
 const struct {
   unsigned short word;
   const char* name;

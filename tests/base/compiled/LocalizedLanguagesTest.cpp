@@ -41,7 +41,7 @@ class Localized : public testing::Test {
   }
   static std::string Tag(int number) { return "LX" + LE16(number); }
 
-  // German has both texts, English the first.
+  // German has both texts, English only the first.
   std::vector<SectionBytes> TwoLanguages() {
     return {{"dict", texts.Section()},
             {"locl", Languages({De, En})},
@@ -55,7 +55,7 @@ class Localized : public testing::Test {
     file.Section_Read_End();
     return languages.Read();
   }
-  // The first piece of a token in the current state; 0 for none.
+  // The first piece of a token in the current language; 0 for none.
   int First(int token) {
     LocalizedIndex::TokenEntry* entry = languages.Get_Entry(token);
     return entry ? entry->first : 0;
@@ -69,8 +69,7 @@ class Localized : public testing::Test {
   LocalizedLanguages languages{&application, &dictionary, &file, 12, 8};
 };
 
-// --- Finding a text
-// --------------------------------------------------------------------------------
+// --- Finding a text ------------------------------------------------------------------------------
 
 TEST_F(Localized, ATokenIsFoundInTheCurrentLanguage) {
   ASSERT_TRUE(Read(TwoLanguages()));
@@ -213,8 +212,7 @@ TEST_F(Localized, ReadingAgainForgetsWhatWasRead) {
   EXPECT_EQ(First(Welcome), 51);
 }
 
-// --- The sections
-// ----------------------------------------------------------------------------------
+// --- The sections --------------------------------------------------------------------------------
 
 TEST_F(Localized, ReadingForgetsTheSection) {
   ASSERT_TRUE(Read(TwoLanguages()));
@@ -334,8 +332,7 @@ TEST_F(Localized, AMissingSectionHasTheFilesText) {
   EXPECT_STREQ(languages.error().data, "Invalid section");
 }
 
-// --- Writing
-// ---------------------------------------------------------------------------------------
+// --- Writing -------------------------------------------------------------------------------------
 
 TEST_F(Localized, WritesLanguagesAndIndexes) {
   EXPECT_FALSE(Read({{"dict", texts.Section()}}));

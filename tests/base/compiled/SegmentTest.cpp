@@ -28,8 +28,7 @@ bool PaddingIsZero(const Segment& segment) {
   return true;
 }
 
-// --- Segment
-// ---------------------------------------------------------------------------------------
+// --- Segment -------------------------------------------------------------------------------------
 
 TEST(Segment, IsEmptyWithRoomAtFirst) {
   Segment segment(7);
@@ -132,7 +131,7 @@ TEST(Segment, AWriteUpToTheCapacityLeavesIt) {
   EXPECT_EQ(segment.length(), 8192);
 }
 
-// The memory doubles, whatever the capacity says.
+// The memory doubles, though the capacity grows by steps.
 TEST(Segment, CodeThatGrowsIsMovedFewTimes) {
   Segment segment(0);
   int moves = 0;
@@ -218,8 +217,7 @@ TEST(Segment, ACopyIsIndependent) {
   EXPECT_TRUE(PaddingIsZero(copy));
 }
 
-// --- Listing
-// ---------------------------------------------------------------------------------------
+// --- Listing -------------------------------------------------------------------------------------
 
 class SegmentListing : public testing::Test {
  protected:
@@ -257,8 +255,8 @@ TEST_F(SegmentListing, ShowsNamesAndOperands) {
 }
 
 TEST_F(SegmentListing, SkipsWhatItDoesNotKnowByItsKindBits) {
-  // An unknown word without operands, unknown ones with two of either kind, and instructions that
-  // the machine runs but a listing does not name.
+  // An unknown word without operands, unknown words with two operands of each size, and
+  // instructions that the machine runs but a listing does not show by name.
   std::string code = LE16(0x0001) + LE16(0x6FFF) + LE32(0) + Double(0) + LE16(0x9FFF) + Double(0) +
                      LE32(0) + LE16(91) + LE16(0x505C) + LE32(0) + LE32(1) + LE16(278) + LE16(535) +
                      LE16(0);
@@ -300,8 +298,7 @@ TEST_F(SegmentListing, AnUnwritablePathIsPassedOver) {
   EXPECT_FALSE(directory.Exists("no"));
 }
 
-// --- SegmentManager
-// --------------------------------------------------------------------------------
+// --- SegmentManager ------------------------------------------------------------------------------
 
 class SegmentFile : public testing::Test {
  protected:
@@ -322,7 +319,7 @@ class SegmentFile : public testing::Test {
   SegmentManager segments;
 };
 
-// Two segments, the second being the start.
+// Two segments; the second is the start.
 const std::string TwoSegments =
     LE32(2) + LE32(1) + LE32(0) + LE32(3) + LE32(3) + LE32(4) + "abc" + "defg";
 

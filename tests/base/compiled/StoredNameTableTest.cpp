@@ -13,7 +13,7 @@ using CompiledFileBytes::LE32;
 
 namespace {
 
-// A table with its names beside it, as its owners have them.
+// A table and its names, as an owner holds them.
 struct NamedTable {
   explicit NamedTable(int bits, int capacity = 4) : table(bits, capacity) {}
 
@@ -33,7 +33,7 @@ struct NamedTable {
     table.MakeRoom(4);
     return table.Insert(name.data(), static_cast<int>(name.size()), NameOf());
   }
-  // Takes over a table as a file would state it.
+  // Reads a table in the form in which a file states it.
   void Read(const std::vector<std::string>& stored_names, int bits, int occupied,
             const std::string& buckets, const std::vector<int>& links) {
     names = stored_names;
@@ -96,7 +96,7 @@ TEST(StoredNameTable, ChainsAreSortedByLengthThenText) {
 }
 
 TEST(StoredNameTable, ASearchEndsAtTheFirstNameThatSortsBehind) {
-  // The chain is out of order: "b" stands behind "cc", where no search comes by.
+  // The chain is out of order: "b" follows "cc", so no search reaches it.
   NamedTable names(0);
   names.Read({"cc", "b"}, 0, 1, LE16(0) + LE32(0), {1, -1});
   EXPECT_EQ(names.Find("cc"), 0);

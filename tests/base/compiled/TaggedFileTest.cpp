@@ -39,7 +39,7 @@ class TaggedFileTest : public testing::Test {
   }
   std::string Error() { return TextOf(file.error()); }
 
-  // Up to `length` bytes of a section from an offset; "-1" for a failure.
+  // Up to `length` bytes of a section from an offset; "-1" on failure.
   std::string At(int tag, int offset, int length) {
     std::string bytes(static_cast<size_t>(length), '?');
     int count = file.Section_Read(tag, offset, bytes.data(), length);
@@ -290,7 +290,7 @@ TEST_F(TaggedFileTest, RandomReadsClipAtTheSectionsEnd) {
 }
 
 TEST_F(TaggedFileTest, ARandomReadOfNothingPastTheEndIsNotLookedAt) {
-  // The boundary is tested only when offset and length together exceed it; behind the end they do.
+  // The boundary is checked only if offset plus length exceeds it, which is so past the end.
   ASSERT_TRUE(Open(Container(TwoSections)));
   EXPECT_EQ(At(TagAaaa, 10, 0), "");
   EXPECT_EQ(At(TagAaaa, 11, 0), "-1");
@@ -501,7 +501,7 @@ TEST(TaggedFile, BytesInMemoryAreASectionOfTheirOwn) {
   EXPECT_EQ(file.Section_View(0, 1, &scratch), nullptr);
 }
 
-// Reads in any order, of any kind, give the bytes of the sections, wherever the window stands.
+// Reads of any kind in any order return the bytes of the sections, wherever the window is.
 TEST_F(TaggedFileTest, RandomReadsOfABigFileAgreeWithItsBytes) {
   unsigned seed = std::random_device()();
   SCOPED_TRACE(testing::Message() << "seed " << seed);
@@ -653,7 +653,7 @@ TEST_F(TaggedFileWriting, WhatIsWrittenReadsBack) {
 }
 
 TEST_F(TaggedFileWriting, EveryFailingWriteIsReported) {
-  // The header, three sections' writes, two directory entries, the header again.
+  // The writes are: the header, three of sections, two directory entries, the header again.
   for (int n = 1; n <= 7; n++) {
     SCOPED_TRACE(n);
     file.Error("");

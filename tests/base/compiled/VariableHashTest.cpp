@@ -36,7 +36,7 @@ Variable* Named(const string& name, const string& value) {
                       static_cast<int>(value.size()));
 }
 
-// Shows what a table reports of itself.
+// Gives the tests access to protected fields.
 class Table : public VariableHash {
  public:
   using VariableHash::bits;
@@ -66,7 +66,7 @@ struct VariableHashTest : testing::Test {
     hash.SetVariable(name.data(), static_cast<int>(name.size()), value.data(),
                      static_cast<int>(value.size()));
   }
-  // Answers the path's variable; *result receives the lookup's answer.
+  // Returns the path's variable; *result receives the result of the lookup.
   Variable* Lookup(const string& path, int create, int* result = nullptr) {
     Variable* variable = reinterpret_cast<Variable*>(1);
     const int answer =
@@ -288,7 +288,7 @@ TEST_F(VariableHashTest, AnEmptyTwinHasTheNamesAndNoVariable) {
   EXPECT_EQ(Value(empty, "x"), "y");
 }
 
-// A frame's locals between two calls: the second finds none of the first.
+// A frame's locals are reused for a second call, which must not see any of the first call's.
 struct RenewedTwin : VariableHashTest {
   RenewedTwin() {
     table.Insert("a", 1);
@@ -713,7 +713,7 @@ struct StoredTable {
     for (const string& name : names)
       dictionary.Entry_Add(name.data(), static_cast<int>(name.size()));
   }
-  // A section as the engine's own writer does not have to make it.
+  // Reads a section with the given body, which need not come from the engine's own writer.
   bool Read(VariableHash* table, const string& body) {
     files.files["f"] = CompiledFileBytes::Container({{"glbl", body}});
     return file.Open("f", 1) && table->Read(&file, MakeTag("glbl"));
@@ -725,7 +725,7 @@ int Bucket(const string& name, int bits) {
                           ((1u << bits) - 1));
 }
 
-// The body of three names with a chain each.
+// The body of a table with three names, each in a chain of its own.
 string Body(const StoredTable& stored, int bits) {
   std::map<int, int> buckets;
   for (int i = 0; i < 3; i++) buckets[Bucket(stored.names[i], bits)] = i;

@@ -1,4 +1,4 @@
-// The tables beside the plain one: those that forward to another, shadow values, or belong to a
+// The tables other than the plain one: those that forward to another, shadow values, or belong to a
 // background task.
 
 #include <memory>
@@ -45,7 +45,8 @@ void Set(VariableHash& table, const char* name, const char* value) {
 
 // --- ReferenceVariableHash -----------------------------------------------------------------------
 
-// A do file's names, in a dictionary that numbers otherwise than the running script's.
+// The names of a file that a script runs with ZpDO; its dictionary has other ids than the running
+// script's.
 struct ReferenceTable : testing::Test {
   FaultyFileManager files;
   Dictionary running_names;
@@ -121,7 +122,7 @@ TEST_F(ReferenceTable, WritesGoToTheTarget) {
   EXPECT_EQ(running.Entries(), 3);
   table->Insert(Named("inserted", "i"));
   EXPECT_EQ(Value(running, "inserted"), "i");
-  EXPECT_EQ(table->Insert(0), 4);  // the file's own number, entered by its text
+  EXPECT_EQ(table->Insert(0), 4);  // the file's own id, entered by its text
   EXPECT_EQ(running.Seek(-1, "missing", -1, nullptr), 4);
   EXPECT_EQ(table->Seek(0, nullptr, 0, nullptr), 4);
   EXPECT_EQ(table->ClearVariable("first", -1), 1);
@@ -241,7 +242,7 @@ TEST_F(SystemTable, PopBringsWhatAReferenceReplacedBack) {
   table.Push();
   table.SetVariable_Reference(0, target.get());
   EXPECT_EQ(Value(table, "a"), "target");
-  // No test for what stands there already: each call replaces.
+  // Each call replaces the variable, without a check for the one that is already there.
   table.SetVariable_Reference(0, Find(table, "a"));
   table.SetVariable_Reference(9, target.get());
   table.Pop();

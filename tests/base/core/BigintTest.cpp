@@ -38,7 +38,7 @@ uint128 Value(const BigintPtr& number) {
 class BigintTest : public ::testing::Test {
  protected:
   ~BigintTest() override { EXPECT_EQ(LiveBigints(), before); }
-  // A number of up to that many bits, of all sizes alike.
+  // A number of up to that many bits; all sizes are equally likely.
   uint128 Random(int bits) {
     uint128 value = static_cast<uint128>(random()) << 64 | random();
     return value >> (128 - bits + static_cast<int>(random() % bits));
@@ -209,7 +209,7 @@ TEST_F(BigintTest, RatioIsNearlyTheQuotient) {
 TEST_F(BigintTest, QuotientAndRest) {
   for (int i = 0; i < 20000; ++i) {
     uint128 divisor = Random(124) | 1;
-    // Every quotient, with the rest at its bounds and between.
+    // Every quotient, with the remainder at its bounds and between.
     uint128 rest = i % 3 == 0 ? 0 : i % 3 == 1 ? divisor - 1 : Random(124) % divisor;
     auto quotient = static_cast<unsigned>(random() % 10);
     BigintPtr number = Make(divisor * quotient + rest);

@@ -54,7 +54,7 @@ class Doubles {
     auto units = static_cast<double>(random() % 10000000);
     return (units + 1) / _tens[random() % 8];
   }
-  // A decimal that ends in a 5: the place where a cut is in doubt.
+  // A decimal that ends in a 5, where rounding is in doubt.
   double Half() {
     auto units = static_cast<double>(random() % 100000 * 10 + 5);
     return units / _tens[random() % 12];
@@ -78,7 +78,7 @@ std::string Show(double value) {
   return text;
 }
 
-// The digits and point that a decimal text stands for.
+// The digits and the point of a decimal text.
 Result FromDecimal(const std::string& text) {
   Result result = {"", 0, 0};
   size_t point = text.find('.');
@@ -212,7 +212,7 @@ TEST(Dtoa, FastAndExactWayAgree) {
     double value = doubles.Next();
     int mode = doubles.Between(2, 5);
     int exponent = std::ilogb(value) * 3 / 10;
-    // Most cuts fall among the digits that the value has.
+    // Most requests cut within the digits that the value has.
     int digits = mode & 1 ? doubles.Between(-3, 21) - exponent : doubles.Between(0, 20);
     if (doubles.Between(0, 3) == 0) digits = doubles.Between(-5, 20);
     ASSERT_EQ(Convert(mode, digits, value), Convert(mode + 4, digits, value))
@@ -248,7 +248,7 @@ TEST(Dtoa, SignificantDigitsAreRoundedAsThePrinterRounds) {
   }
 }
 
-// Mode 5 is mode 3 unless the shortest digits go no further.
+// Mode 5 is mode 3, except if the shortest digits do not go further.
 TEST(Dtoa, ModeFiveIsTheRoundedValueOrTheShorterText) {
   Doubles doubles;
   for (int i = 0; i < 200000; ++i) {

@@ -25,7 +25,7 @@ struct ItemName {
   static std::string_view Key(Item* item) { return item->name; }
 };
 
-// What the tests look at beyond the operations.
+// Gives the tests access to protected fields.
 class Table : public NamedHashTable<Item, ItemName> {
  public:
   using NamedHashTable::NamedHashTable;
@@ -44,7 +44,7 @@ class Table : public NamedHashTable<Item, ItemName> {
   }
 };
 
-// A key that is a number: an instance that doesn't go by texts.
+// An instance whose keys are numbers instead of texts.
 struct Setting {
   int id;
 };
@@ -156,7 +156,7 @@ TEST(HashTable, CaseCountsOnlyWithoutNocase) {
 }
 
 TEST(HashTable, KeysOfDifferentLengthNeverCompareEqual) {
-  // One bucket, so that only the comparison can tell.
+  // One bucket, so that only the comparison can tell the keys apart.
   Table table(1, 1, 0, 8);
   table.Insert(new Item("namespace"));
   EXPECT_EQ(table.Find("name", -1), nullptr);
@@ -397,7 +397,7 @@ TEST(HashTable, AgreesWithAModelUnderRandomOperations) {
   for (int round = 0; round < 20; ++round) {
     int nocase = round & 1;
     Table table(1, nocase, static_cast<int>(random() % 4), 4);
-    // By key in lower case: the elements in the order of insertion.
+    // For each key in lower case, the elements in the order of insertion.
     std::multimap<std::string, Item*> model;
     std::vector<Item*> slots;
     for (int step = 0; step < 3000; ++step) {

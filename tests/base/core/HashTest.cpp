@@ -10,7 +10,7 @@
 
 namespace {
 
-// lookup2 as it was published, with the bytes read one at a time.
+// lookup2 as published, with the bytes read one at a time.
 uint32_t Published(const std::string& key, uint32_t seed) {
   uint32_t a = 0x9E3779B9, b = 0x9E3779B9, c = seed;
   auto mix = [&] {
@@ -64,7 +64,7 @@ std::string Lower(std::string text) {
   return text;
 }
 
-// Computed apart from this code. Tables in compiled files hold these numbers.
+// Computed independently of this code. Tables in compiled files hold these numbers.
 TEST(Hash, KnownValues) {
   std::string all_bytes;
   for (int i = 0; i < 256; ++i) all_bytes += static_cast<char>(i);
@@ -115,7 +115,7 @@ TEST(Hash, CaseMattersOnlyToTheExactForm) {
   EXPECT_NE(Hash("Content-Type"), Hash("content-type"));
   EXPECT_EQ(Hashi("Content-Type"), Hashi("cONTENT-tYPE"));
   EXPECT_EQ(Hashi("content-type"), Hash("content-type"));
-  // What differs from a letter by the same bit is no letter.
+  // Bytes that differ from a letter only in the case bit but are not letters.
   EXPECT_NE(Hashi("@[`{"), Hashi("`{`{"));
   EXPECT_NE(Hashi("\xc4"), Hashi("\xe4"));
 }

@@ -18,7 +18,7 @@ std::string Text(LinkBuffer& buffer) {
   return std::string(data, length);
 }
 
-// The chain's blocks as text, each in brackets, with the links and the total checked on the way.
+// The chain's blocks as text, each in brackets. Also checks the links and the total.
 std::string Blocks(const LinkBuffer& buffer) {
   std::string shape;
   int total = 0;
@@ -417,7 +417,7 @@ TEST(LinkBuffer, AMillionBlocksAreFlattened) {
   EXPECT_EQ(buffer.head, buffer.tail);
 }
 
-// A total that an int cannot hold fails like an allocation, and changes nothing.
+// A total that an int cannot hold fails with std::bad_alloc and changes nothing.
 TEST(LinkBuffer, TotalsBeyondAnIntFailAsAllocations) {
   LinkBuffer buffer(8, 8);
   buffer.cat("abcd", 4);

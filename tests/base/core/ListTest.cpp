@@ -14,7 +14,7 @@ struct Item {
   int* deleted;
 };
 
-// The list from head to tail, with the current element in capitals, and the way back checked.
+// The list from head to tail, with the current element in capitals. Also checks the links backward.
 class Letters : public List<Item> {
  public:
   using List<Item>::List;

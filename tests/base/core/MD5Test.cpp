@@ -59,7 +59,7 @@ TEST(MD5, VectorsOfRFC1321) {
   }
 }
 
-// Lengths around the end of a block, where the padding takes another one. Computed with md5sum.
+// Lengths around the end of a block, where the padding needs another block. Computed with md5sum.
 TEST(MD5, LengthsAroundABlock) {
   const struct {
     size_t length;
@@ -88,7 +88,7 @@ TEST(MD5, PiecesGiveTheSameAsTheWhole) {
   EXPECT_EQ(Printable(digest), Digest(text));
 }
 
-// The state after the 64 bytes is that of the whole block, and the padding tells 70 bytes.
+// The state is that after the whole block of 64 bytes, and the padding has the count of 70 bytes.
 TEST(MD5, BytesBehindTheLastWholeBlockOfAPieceAreDroppedButCounted) {
   std::string text(70, 'x');
   MD5Encoder encoder;

@@ -41,7 +41,7 @@ class Tree : public SplayTree<Item, const int&> {
   }
   // "(left key right)", a missing child left out.
   std::string Shape() const { return Shape(root); }
-  // Replaces the tree by a given shape: how a case of Remove is set up.
+  // Replaces the tree with one of a given shape, to set up a case of Remove.
   Node* Make(Node* left, int key, Node* right) {
     ++entries;
     return new Node{left, right, new Item(key)};
@@ -167,7 +167,7 @@ TEST(SplayTree, RemoveOfAnAbsentKeyChangesNoElement) {
   EXPECT_EQ(Keys(tree), (std::vector<int>{1, 3}));
 }
 
-// Each case of Remove, with the removed element at the root already.
+// Each case of Remove, with the element to remove already at the root.
 class SplayTreeRemove : public ::testing::Test {
  protected:
   void RemoveRoot(Tree::Node* root, const char* expected) {
@@ -204,7 +204,7 @@ TEST_F(SplayTreeRemove, RightChildWithoutALeftSubtreeTakesThePlace) {
 TEST_F(SplayTreeRemove, RightChildWithOnlyALeftSubtreeKeepsItOnItsRight) {
   auto child = tree.Make(tree.Make(nullptr, 6, nullptr), 8, nullptr);
   RemoveRoot(tree.Make(tree.Make(nullptr, 3, nullptr), 5, child), "((3)8(6))");
-  // Out of order: a search for 6 goes left at 8, and a walk meets it behind.
+  // The tree is out of order: a search for 6 goes left at 8, and a walk meets 6 after it.
   EXPECT_EQ(tree.Find(6), nullptr);
   EXPECT_EQ(tree.Find(8)->key, 8);
   EXPECT_EQ(Keys(tree), (std::vector<int>{3, 8, 6}));
@@ -279,8 +279,8 @@ std::vector<int> DumpOrder(int count) {
   return order;
 }
 
-// The tree is a chain to the right, so recursion deletes it in order, and the walk with a stack,
-// which goes down first, from behind.
+// The tree is a chain to the right. Recursion deletes it in order; the walk with a stack goes down
+// first, and deletes it from the last key to the first.
 TEST(SplayTree, RecursionEndsAt99Elements) {
   std::vector<int> ascending = UpTo(99);
   EXPECT_EQ(DumpOrder(99), ascending);
@@ -354,8 +354,8 @@ TEST(SplayTree, DumpOfANotOwningTreeLeavesTheElements) {
   EXPECT_EQ(Item::alive, 150);
 }
 
-// Against a model. A removal that takes the case that breaks the order loses nothing either; the
-// model goes on with a tree in order.
+// Compares with a model. The case of Remove that breaks the order does not lose elements either;
+// after it the comparison continues with a tree in order.
 TEST(SplayTree, AgreesWithAModelUnderRandomOperations) {
   std::mt19937 random(20261121);
   int out_of_order = 0;

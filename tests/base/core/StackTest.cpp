@@ -18,7 +18,7 @@ class StackTest : public ::testing::Test {
   void Fill(const char* letters) {
     for (; *letters; ++letters) stack.Push(new Item(*letters, &deleted));
   }
-  // The name of a popped element, which is deleted without a note; '-' for null.
+  // The name of a popped element, which is deleted without an entry in the log; '-' for null.
   static char Take(Item* item) {
     if (!item) return '-';
     char name = item->name;

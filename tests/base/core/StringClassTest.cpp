@@ -10,7 +10,7 @@
 
 namespace {
 
-// The content by its length, so that NULs count.
+// The content by its length, NULs included.
 std::string Bytes(const String& s) {
   return s.data ? std::string(s.data, s.length) : std::string("(null)");
 }
@@ -382,7 +382,7 @@ TEST(String, FromPattern) {
   EXPECT_TRUE(IsEmptyOf24(s.from("?")));
 }
 
-// What is behind the length is still text to whoever reads to the NUL.
+// Bytes past the length are still text for code that reads to the NUL.
 TEST(String, TextToTheNULReachesBehindAChoppedEnd) {
   String s("abcdef");
   s.chop(2);
@@ -637,7 +637,7 @@ TEST(String, PaddingWithNULAddsBehindButNotInFront) {
   EXPECT_EQ(Bytes(String("a").padr(3, '\0')), std::string("a\0\0", 3));
 }
 
-// The sizes are those of adding byte after byte.
+// The sizes are those of appending byte by byte.
 TEST(String, PaddingAllocatesAsByteAfterByteWould) {
   for (int width = 1; width < 200; ++width) {
     SCOPED_TRACE(width);
@@ -661,7 +661,7 @@ TEST(String, Base64RoundTrip) {
   EXPECT_EQ(Bytes(String("QUJ").Base64_Decode()), "");
 }
 
-// A length that an int cannot hold fails like an allocation, and leaves the string as it was.
+// A length that an int cannot hold fails with std::bad_alloc and leaves the string unchanged.
 TEST(String, LengthsBeyondAnIntFailAsAllocations) {
   char* buffer = Buffer("abc", 8);
   String s(buffer, 3, 8);
@@ -719,7 +719,7 @@ TEST(Strdup, CopiesWithTheTerminator) {
   EXPECT_EQ(zeph_strdup(nullptr), nullptr);
 }
 
-// A string in the plainest words: its bytes, and what its buffer is said to have.
+// A model of a string: its bytes, and the size that it reports for its buffer.
 struct PlainString {
   std::string bytes;
   int allocated = 24;
@@ -768,7 +768,7 @@ TEST(String, EqualsAPlainModelThroughRandomChanges) {
           break;
         }
         case 3: {
-          // A part of its own.
+          // A part of the string's own text.
           const size_t start = random() % (model.bytes.size() + 1);
           const size_t count = random() % (model.bytes.size() - start + 1);
           if (model.bytes.size() > 100000) break;

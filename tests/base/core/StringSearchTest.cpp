@@ -163,7 +163,7 @@ TEST(StringSearch, AgreesWithTheStandardLibrary) {
   }
 }
 
-// The operators take the plain scan below 300 bytes and the table from there on.
+// The script operators use the plain scan below 300 bytes and the table from there on.
 TEST(StringSearch, BothMethodsAgreeAroundTheLimitOfTheOperators) {
   std::mt19937 random(7);
   for (size_t length : {299u, 300u}) {
@@ -176,7 +176,8 @@ TEST(StringSearch, BothMethodsAgreeAroundTheLimitOfTheOperators) {
   }
 }
 
-// Around every length of a step, with the pattern at every place and nearly at others.
+// Lengths around each step of the search, with the pattern at every place and near misses at
+// others.
 TEST(StringSearch, ExactSearchesFindPatternsOfAnyLengthAtAnyPlace) {
   std::mt19937 random(20261122);
   for (int i = 0; i < 20000; ++i) {
@@ -188,7 +189,7 @@ TEST(StringSearch, ExactSearchesFindPatternsOfAnyLengthAtAnyPlace) {
     if (random() % 4 && size > 0) pattern = text.substr(random() % size, length);
     if (random() % 4 == 0) pattern[random() % pattern.size()] = 'b';
     const int expected = Position(text.find(pattern));
-    // At the very end of its buffer, so that nothing behind it may be read.
+    // At the very end of its buffer, so that a sanitizer sees a read past it.
     const std::unique_ptr<char[]> exact(new char[text.size() + 1]);
     memcpy(exact.get() + 1, text.data(), text.size());
     for (const auto search : {bf_search, bm_search}) {
@@ -207,7 +208,7 @@ TEST(StringSearch, TextsFullOfFirstAndLastBytesTakeLinearTime) {
   EXPECT_EQ(Find(bf_search, pattern, text + pattern), 4000000);
 }
 
-// Repetitive texts turn the case-insensitive search to its linear method on the way.
+// Repetitive texts make the case-insensitive search change to its linear method midway.
 TEST(StringSearch, RepetitiveTextsGiveTheSameAnswers) {
   std::mt19937 random(20261121);
   for (int i = 0; i < 3000; ++i) {
@@ -230,14 +231,14 @@ TEST(StringSearch, RepetitiveTextsTakeLinearTime) {
   EXPECT_EQ(Find(bm_searchi, pattern, text + 'B' + std::string(1000000, 'A')), 4000000);
 }
 
-// The last place of a byte in the pattern decides how far the window moves back.
+// The window moves back by the last place of a byte in the pattern.
 TEST(StringSearch, TableReverseMayPassOverAPatternWithAByteTwice) {
   EXPECT_EQ(Find(bf_search_reverse, "xccy", "xccy?"), 0);
   EXPECT_EQ(Find(bm_search_reverse, "xccy", "xccy?"), -1);
   EXPECT_EQ(Find(bm_searchi_reverse, "xccy", "xccy?"), -1);
 }
 
-// The table is in lower case and looked up with the text's raw byte.
+// The table is in lower case, but is looked up with the text's raw byte.
 TEST(StringSearch, TableReverseIgnoringCaseMayPassOverCapitals) {
   EXPECT_EQ(Find(bm_searchi_reverse, "abc", "abc?"), 0);
   EXPECT_EQ(Find(bf_searchi_reverse, "abc", "aBc?"), 0);
@@ -264,7 +265,7 @@ TEST(StringSearch, RollingHashNeverFindsThePositionZero) {
 }
 
 TEST(StringSearch, RollingHashTakesTheByteBehindTheTextForNUL) {
-  // The text is not followed by a NUL; it isn't read.
+  // The byte after the text is not a NUL; it is not read.
   EXPECT_EQ(rk_search("b\0", 2, "aabX", 3), 2);
   EXPECT_EQ(rk_search("bX", 2, "aabX", 3), -1);
   EXPECT_EQ(rk_search("\0", 1, "aabX", 3), 3);

@@ -8,7 +8,7 @@
 
 namespace {
 
-// The process's zone, put back at the end.
+// Sets the zone of the process and restores it at the end.
 class Zone {
  public:
   explicit Zone(const char* name) {
@@ -59,7 +59,7 @@ TEST(ZPTime, DateReadAsUTCDoesNotDependOnTheZone) {
   }
 }
 
-// London kept its clocks an hour ahead all through 1970, without calling it daylight saving.
+// London's clocks were an hour ahead all through 1970, but that did not count as daylight saving.
 TEST(ZPTime, DateReadAsUTCTakesTheOffsetOfItsDay) {
   if (!std::filesystem::exists("/usr/share/zoneinfo/Europe/London")) GTEST_SKIP();
   Zone set("Europe/London");

@@ -1,5 +1,5 @@
-// Tables and memo files that are cut, or whose header bytes say something else: each operation
-// ends, with what it was asked for or with one of its texts.
+// Tables and memo files that are cut off, or whose header bytes have other values: each operation
+// ends, with a result or with one of its error texts.
 
 #include <cstring>
 #include <string>
@@ -22,11 +22,11 @@ class XBaseDamageTest : public TableFiles {
     }
     whole_table = Table();
     whole_memos = Memos();
-    // What a header says may lie two gigabytes away.
+    // A damaged header may refer to a position two gigabytes away.
     files.size_limit = 1000000;
   }
 
-  // Reads all of it, and then changes it.
+  // Reads the whole table, then changes it.
   void UseDamaged() {
     {
       XBaseTable table(&application);
@@ -107,7 +107,7 @@ TEST_F(XBaseDamageTest, RecordsInFrontOfTheCutAreWhole) {
 
 TEST_F(XBaseDamageTest, EveryHeaderByteTakesEveryValue) {
   for (size_t place = 0; place < 193; place++) {
-    // The bytes that readers skip need no more than one try.
+    // Readers skip these bytes, so two values are enough.
     const size_t of_field = place % 32;
     const bool skipped =
         place < 32 ? place >= 12 : of_field >= 18 || (of_field >= 12 && of_field < 16);
@@ -154,7 +154,7 @@ TEST_F(XBaseDamageTest, ABlockNumberInsideAnotherMemoReadsWhatIsThere) {
   EXPECT_EQ(ValueOf(table, 4), std::string(88, 'x'));
 }
 
-// Another process may damage what this one has open.
+// Another process may damage a table that this one has open.
 TEST_F(XBaseDamageTest, AHeaderThatChangesUnderAnOpenTableIsFollowedOrRefused) {
   XBaseTable table(&application);
   Open(table);

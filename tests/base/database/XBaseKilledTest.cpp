@@ -1,6 +1,6 @@
-// A process that is killed between any two of its calls, or in the middle of a write: what the next
-// process finds in the files. A record is counted when it is whole, a memo is pointed at when it is
-// whole, and nothing that was there before is touched.
+// A process is killed between any two of its calls, or in the middle of a write: what does the next
+// process find in the files? A record is counted only when it is whole, a field points to a memo
+// only when the memo is whole, and the data from before is untouched.
 
 #include <functional>
 #include <string>
@@ -25,8 +25,8 @@ class XBaseKilledTest : public TableFiles {
   }
 
   // Runs the operation on record 2 again and again, killed at its first call, its second and so on,
-  // and looks at what each has left. The last of a killed write to arrive is 0 bytes, or all of it,
-  // or `torn`.
+  // and checks what each run has left. A killed write still writes its first `torn` bytes: none,
+  // some or all of them.
   void KillAtEveryCall(int torn, const std::function<bool(XBaseTable&)>& operation,
                        const std::function<void(XBaseTable&)>& look) {
     bool done = false;
@@ -55,7 +55,7 @@ class XBaseKilledTest : public TableFiles {
     }
   }
 
-  // Whatever was left, the table can be worked with.
+  // No matter what was left, the table is usable.
   void AppendOneMore() {
     const Lines eve = {"Eve", "5", "20250101", "F", "Eve's memo"};
     XBaseTable table(&application);
@@ -118,7 +118,8 @@ TEST_F(XBaseKilledTest, UpdatingLeavesTheOldRecordOrTheNewOne) {
   }
 }
 
-// The system writes a record whole; where it does not, its neighbours and all memos still stand.
+// The system writes a record in one piece. If it does not, the neighbours and all memos are still
+// whole.
 TEST_F(XBaseKilledTest, ATornUpdateTouchesItsOwnRecordAlone) {
   for (int torn : {1, 5, 37}) {
     KillAtEveryCall(

@@ -18,7 +18,7 @@ class XBaseMemoFieldTest : public TableFiles {
   void Append(const std::string& memo) {
     ASSERT_TRUE(AppendRow(table, {"1", memo})) << ErrorOf(table);
   }
-  // The memo of a record as a reader finds it who has just opened the table.
+  // The memo of a record, as read by an object that has just opened the table.
   std::string Reread(int record) {
     XBaseTable reader(&application);
     EXPECT_TRUE(reader.Open(ZephPath_Data, "t.dbf", -1, kOpenTable)) << ErrorOf(reader);
@@ -208,7 +208,7 @@ TEST_F(XBaseMemoFieldTest, AFailedWriteLeavesBytesAndNumberAndIsTriedAgain) {
   EXPECT_EQ(std::string(bytes, bytes + 10), "         2");
 }
 
-// Cut to one digit, the number 10 would lead to the first memo.
+// Cut to one digit, the number 10 would be that of the first memo.
 TEST_F(XBaseMemoFieldTest, ANumberThatIsTooLongForTheFieldIsAFailedWrite) {
   Create(table, {{"ID", XBaseField_Numeric, 4, 0}, {"NOTE", XBaseField_Memo, 1, 0}});
   Memos().replace(0, 4, std::string("\x09\0\0\0", 4));

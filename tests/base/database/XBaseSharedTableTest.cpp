@@ -1,4 +1,4 @@
-// Tables on a disk, shared by threads that have nothing but the files in common.
+// Tables on a disk, shared by threads that have only the files in common.
 
 #include <atomic>
 #include <csignal>
@@ -90,7 +90,7 @@ TEST(XBaseSharedTable, ALockThatAnotherHoldsIsWaitedForUntilTheScriptIsCancelled
   EXPECT_TRUE(worker.table.Append()) << ErrorOf(worker.table);
 }
 
-// Other programs lock with fcntl, which belongs to their process.
+// Other programs lock with fcntl; such a lock belongs to their process.
 TEST(XBaseSharedTable, AClassicLockOfAnotherProcessIsRespected) {
   TemporaryDirectory directory;
   TableOnDisk worker(directory);
@@ -114,7 +114,8 @@ TEST(XBaseSharedTable, AClassicLockOfAnotherProcessIsRespected) {
   EXPECT_TRUE(worker.table.Append()) << ErrorOf(worker.table);
 }
 
-// A place that the file layer cannot say. The memo comes after it, and is not written either.
+// A position that the file layer cannot express. The memo would be written after the seek, so it is
+// not written either.
 TEST(XBaseSharedTable, RecordsBeyondTwoGigabytesAreRefused) {
   TemporaryDirectory directory;
   TableOnDisk worker(directory);

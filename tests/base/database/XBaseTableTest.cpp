@@ -17,7 +17,7 @@ constexpr size_t kPlainRecord = 11;
 
 class XBaseTableTest : public TableFiles {
  protected:
-  // A table of kPlain with that many records, "r1" with 1 and so on.
+  // A table with the fields of kPlain and that many records: "r1" with 1 and so on.
   void Fill(int records) {
     XBaseTable maker(&application);
     Create(maker, kPlain);
@@ -188,7 +188,7 @@ TEST_F(XBaseTableTest, ATableOfItsOwnFieldsIsOneOfTheSameFields) {
   EXPECT_EQ(Table(), before);
 }
 
-// Odd, and kept: the count is the object's.
+// Odd, but callers may rely on it: the count is the object's.
 TEST_F(XBaseTableTest, CreatingAgainTakesTheCountOver) {
   Fill(3);
   XBaseTable table(&application);
@@ -670,7 +670,7 @@ TEST_F(XBaseTableTest, AppendingWhatIsInMemoryTakesUnchangedFieldsAlong) {
   EXPECT_EQ(Table().substr(kPlainHeader + kPlainRecord), " copy     1\x1a");
 }
 
-// The number in memory is that of another record's memo.
+// The number in memory is that of another record's memo, so it must not be written.
 TEST_F(XBaseTableTest, AnAppendedRecordWhoseMemoFailedHasNoMemo) {
   XBaseTable table(&application);
   Create(table, AllTypes());

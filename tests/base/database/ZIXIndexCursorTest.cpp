@@ -1,4 +1,4 @@
-// Claims about the cursor of base/database/ZIXIndexFile.h when the tree changes under it.
+// Claims about the cursor of base/database/ZIXIndexFile.h when the tree changes between its steps.
 
 #include <gtest/gtest.h>
 
@@ -116,7 +116,8 @@ TEST_F(ZIXIndexCursorTest, AFailureWhileThePlaceIsLookedForEndsTheWalk) {
 }
 
 TEST_F(ZIXIndexCursorTest, TheCounterIsComparedWithTheCursorsOwnCopy) {
-  // A header read in between by an insertion must not hide the change from the cursor.
+  // An insertion by this object reads the header too. That must not hide the change from the
+  // cursor.
   ASSERT_EQ(1u, First(index));
   ASSERT_TRUE(Delete(other, "b", 2));
   ASSERT_TRUE(Insert(index, "zz", 99));

@@ -1,5 +1,5 @@
-// Damaged index files: the stated words, no endless walk, nothing read past. Run under the address
-// sanitizer these say more.
+// Damaged index files: the stated error texts, no endless walk, no read past a buffer. Under the
+// address sanitizer these tests find more.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ const char kInvalid[] = "'i.zix' is either corrupt or is not a valid index file"
 
 class ZIXIndexDamageTest : public ZIXIndexFixture {
  protected:
-  // Small pages make a deep tree of few bytes.
+  // Small pages make a deep tree with few bytes.
   std::string SmallTree(int entries) {
     OpenBytes(EmptyZIXIndex(small));
     for (int i = 0; i < entries; i++)
@@ -32,7 +32,7 @@ class ZIXIndexDamageTest : public ZIXIndexFixture {
     index.Close();
     return bytes();
   }
-  // Opens a file with these bytes, if it lets itself be opened, and runs everything on it.
+  // Opens a file with these bytes and, if that succeeds, runs every operation on it.
   void Exercise(const std::string& content) {
     bytes() = content;
     if (!index.Open(ZephPath_Data, "i.zix", 3)) {
@@ -76,7 +76,7 @@ TEST_F(ZIXIndexDamageTest, EachHeaderByteMayBeWrong) {
   const std::string whole = SmallTree(24);
   for (size_t at = 0; at < 427; at++) {
     for (int change : {1, 2, 4, 8, 16, 32, 64, 128, 255}) {
-      // To the tree the expression's bytes say nothing.
+      // The bytes of the expression have no meaning for the tree.
       if (at >= ZIXHeader_KeyExpression && change != 255) continue;
       SCOPED_TRACE("byte " + std::to_string(at) + " xor " + std::to_string(change));
       std::string content = whole;
@@ -103,7 +103,7 @@ TEST_F(ZIXIndexDamageTest, EachByteOfAPageMayBeWrong) {
   }
 }
 
-// --- Single damages, and the words for each ------------------------------------------------------
+// --- Single damages, and the error text for each -------------------------------------------------
 
 TEST_F(ZIXIndexDamageTest, NineEntriesArePossibleAndTenAreNot) {
   Create();
@@ -203,7 +203,7 @@ TEST_F(ZIXIndexDamageTest, AChildPageOutsideTheFileIsAReadingError) {
 TEST_F(ZIXIndexDamageTest, TheHeaderIsNoPageOfTheTree) {
   Create(ZIXIndex_Text);
   InsertLetters(9);
-  Put32(&bytes(), 13, 4);  // a root behind the file
+  Put32(&bytes(), 13, 4);  // a root past the end of the file
   EXPECT_EQ(99999u, First(index));
   Put32(&bytes(), 13, 0);
   EXPECT_EQ(0u, First(index));
@@ -253,8 +253,8 @@ TEST_F(ZIXIndexDamageTest, AnEmptyLeafIsNoPlaceForACursor) {
   EXPECT_EQ(kCycle, ErrorText(index));
 }
 
-// Each page has the next one as all of its children: no cycle, and yet a walk through it all would
-// never end.
+// Each page has the next one as all of its children: there is no cycle, but a walk through all of
+// it would never end.
 TEST_F(ZIXIndexDamageTest, PagesWithManyPagesAboveThemEndAWalk) {
   constexpr uint32_t kDepth = 30;
   std::string content = ZIXIndexHeaderBytes(small, 0, kDepth + 1, 1, "key");
@@ -273,7 +273,7 @@ TEST_F(ZIXIndexDamageTest, PagesWithManyPagesAboveThemEndAWalk) {
   EXPECT_EQ(kCycle, ErrorText(index));
 }
 
-// A chain of pages that is deeper than any tree, each number once.
+// A chain of pages that is deeper than any tree; each number occurs once.
 TEST_F(ZIXIndexDamageTest, AChainOfPagesIsTooDeep) {
   constexpr uint32_t kDepth = 300;
   std::string content = ZIXIndexHeaderBytes(small, 0, kDepth + 1, 1, "key");
@@ -290,7 +290,7 @@ TEST_F(ZIXIndexDamageTest, AChainOfPagesIsTooDeep) {
   EXPECT_EQ(content, bytes());
 }
 
-// A page that merges must have a sibling of its own.
+// A page that merges must have another page as its sibling.
 TEST_F(ZIXIndexDamageTest, AParentThatNamesAPageTwiceIsCorrupt) {
   Create(ZIXIndex_Text);
   InsertLetters(9);
@@ -317,12 +317,12 @@ TEST_F(ZIXIndexDamageTest, APageAloneUnderItsParentCannotBeMended) {
   EXPECT_EQ(kCycle, ErrorText(index));
 }
 
-// --- Places that the file layer refuses ----------------------------------------------------------
+// --- Positions that the file layer refuses -------------------------------------------------------
 
 TEST_F(ZIXIndexDamageTest, ASplitThatCannotBeFinishedIsNotBegun) {
   Create(ZIXIndex_Text);
   InsertLetters(8);
-  // The new page would fit below 2^31, the root on top of it not.
+  // The new page would fit below 2^31, but not a new root after it.
   Put32(&bytes(), 9, 0x1FFFFF);
   const std::string before = bytes();
   EXPECT_FALSE(Insert(index, "i", 9));

@@ -134,7 +134,8 @@ TEST_F(ZIXIndexDeleteTest, TheLeftSiblingGoesFirst) {
 }
 
 TEST_F(ZIXIndexDeleteTest, TheWritesOfARedistributionAreInOrder) {
-  // Left larger: the right page is written as it stands, then left, right, parent and header.
+  // Left larger: the right page is written first, without the deleted entry, then left, right,
+  // parent and header.
   TwoLeaves({11, 12, 13, 14}, 20, {21, 22, 23});
   files.ResetCounts();
   ASSERT_TRUE(Drop(21));
@@ -250,7 +251,7 @@ TEST_F(ZIXIndexDeleteTest, TheCursorsEntryIsFoundAgainInAChangedTree) {
   EXPECT_TRUE(index.Delete_Current(7));
   EXPECT_EQ("", Check());
   EXPECT_EQ((ZIXIndexFound{true, 0, 6}), Find(index, "g"));
-  // The counter does not tell of that deletion; the place is looked for all the same.
+  // updatecount does not show that deletion; the cursor still finds its place again.
   ASSERT_EQ((ZIXIndexFound{true, 1, 8}), Find(index, "h"));
   ASSERT_EQ((ZIXIndexFound{true, 1, 6}), Find(other, "f"));
   EXPECT_TRUE(other.Delete_Current(6));
@@ -261,7 +262,7 @@ TEST_F(ZIXIndexDeleteTest, TheCursorsEntryIsFoundAgainInAChangedTree) {
       Entries());
 }
 
-// The two keys are one number, so a search would come to the other entry first.
+// The two keys are the same number, so a search would find the other entry first.
 TEST_F(ZIXIndexDeleteTest, TheCursorsEntryGoesWhereTheCursorStands) {
   Create();
   ASSERT_TRUE(Insert(index, "1", 5));
@@ -272,7 +273,7 @@ TEST_F(ZIXIndexDeleteTest, TheCursorsEntryGoesWhereTheCursorStands) {
   EXPECT_EQ((std::vector<ZIXIndexEntry>{{"1.0", 5}}), Entries());
 }
 
-// Numbers and texts have no order that holds for all of them: a search passes some entries by.
+// Numbers and texts together have no consistent order, so a search misses some entries.
 TEST_F(ZIXIndexDeleteTest, TheCursorsEntryGoesWhereNoSearchFindsIt) {
   Create();
   for (const auto& [key, record] : {std::pair("10", 1u), {"9", 2u}, {"5a", 3u}, {"8", 4u}})

@@ -1,5 +1,5 @@
-// Index files whose writer fails or dies on the way: what is left, and what it still can be used
-// for.
+// Index files whose writer fails or dies in the middle of a change: what is left, and how far it is
+// usable.
 
 #include <gtest/gtest.h>
 
@@ -23,7 +23,7 @@ class ZIXIndexFaultTest : public ZIXIndexFixture {
   };
   static std::string Key(unsigned record) { return "key " + std::to_string(100 + record); }
 
-  // Grows a tree of some levels and takes it down again.
+  // Grows a tree of several levels and empties it again.
   static std::vector<Change> Changes() {
     std::vector<Change> all;
     for (unsigned i = 0; i < 30; i++) all.push_back({true, 1 + i * 7 % 30});
@@ -35,7 +35,8 @@ class ZIXIndexFaultTest : public ZIXIndexFixture {
                             : Delete(index, Key(change.record), change.record);
   }
 
-  // What a reindex does: a new file by the old one's header, filled from the table.
+  // Does what a reindex does: makes a new file with the old one's header and fills it from the
+  // table.
   void Rebuild(const std::vector<ZIXIndexEntry>& table) {
     ZIXIndexFile old(&application);
     ASSERT_TRUE(old.Open(ZephPath_Data, "i.zix", 3)) << ErrorText(old);
@@ -67,14 +68,14 @@ TEST_F(ZIXIndexFaultTest, AKilledChangeLeavesAFileThatIsSafeToUseAndToRebuild) {
       const bool done = Apply(change);
       files.Revive();
       if (done) break;
-      // A new process comes.
+      // Another process opens the file.
       index.Close();
       Open(index);
       const std::string left = bytes();
       const std::string fault = Check();
       fault.empty() ? whole++ : damaged++;
-      // Whatever half a page may say, and pages that are being evened out: no insertion gives a
-      // page number twice.
+      // A page may be half written, and two pages may be in the middle of a redistribution. Apart
+      // from that no insertion gives a page number twice.
       if (change.insertion && files.killed_write_length == 0) {
         EXPECT_EQ(std::string::npos, fault.find("reached twice"));
       }
@@ -94,8 +95,8 @@ TEST_F(ZIXIndexFaultTest, AKilledChangeLeavesAFileThatIsSafeToUseAndToRebuild) {
   EXPECT_GT(damaged, 0);
 }
 
-// The new page goes to the file before the old one gives up its entries, and the header before
-// both: until the page above is written only those two can be out of step.
+// The new page is written before the old one gives up its entries, and the header before both.
+// Until the page above is written, only those two can contradict each other.
 TEST_F(ZIXIndexFaultTest, AnInsertThatIsKilledBeforeItsLastPagesLosesNothing) {
   for (unsigned record = 1; record <= 4; record++) ASSERT_TRUE(Insert(index, Key(record), record));
   const std::string before = bytes();
@@ -111,14 +112,14 @@ TEST_F(ZIXIndexFaultTest, AnInsertThatIsKilledBeforeItsLastPagesLosesNothing) {
     EXPECT_EQ("Error writing to 'i.zix': Injected failure", ErrorText(index));
     EXPECT_TRUE(files.held.empty());
     ZIXIndexChecker checker(bytes());
-    // The last page is the new root, which only the last header counts.
+    // The last page is the new root, and only the last header counts it.
     EXPECT_EQ(write == 5 ? "more pages than counted" : "", checker.Check());
     EXPECT_EQ(4u, checker.updatecount());
     EXPECT_EQ(write == 1 ? 2u : 3u, checker.numpages());
     if (write <= 3) {
       EXPECT_EQ(4u, checker.entries.size()) << "the old page is whole until the new one is";
     }
-    // What comes next finds its pages.
+    // Later insertions find their pages.
     for (unsigned record = 6; record <= 20; record++)
       EXPECT_TRUE(Insert(index, Key(record), record));
     EXPECT_EQ("", Check());

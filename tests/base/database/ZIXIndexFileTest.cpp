@@ -303,7 +303,7 @@ TEST_F(ZIXIndexFileTest, EightEntriesFillTheRootAndTheNinthSplitsIt) {
   EXPECT_EQ(ZIXIndexPageBytes(shape, {{"e", 5}}, {1, 2}), bytes().substr(3 * 1024));
   EXPECT_EQ(ZIXIndexPageBytes(shape, {{"f", 6}, {"g", 7}, {"h", 8}, {"i", 9}}),
             bytes().substr(2 * 1024, 1024));
-  // What the left page had behind its fourth entry stays there.
+  // The bytes that the left page had after its fourth entry stay there.
   EXPECT_EQ(ZIXIndexPageBytes(shape, {{"a", 1}, {"b", 2}, {"c", 3}, {"d", 4}}).substr(4, 432),
             bytes().substr(1024 + 4, 432));
   EXPECT_EQ(4u, checker.Count(1));
@@ -448,7 +448,7 @@ TEST_F(ZIXIndexFileTest, ADescendingIndexBeginsWithTheGreatestKey) {
 }
 
 // "9" < "10" as numbers, "10" < "5a" and "5a" < "9" as bytes: each key goes where its comparisons
-// lead, and a search may miss one that is there. A deletion looks behind the key as well.
+// lead, and a search may miss one that is there. A deletion therefore looks after the key as well.
 TEST_F(ZIXIndexFileTest, NumbersAndTextsMixedMakeAnOrderWithARing) {
   Create();
   ASSERT_TRUE(Insert(index, "10", 1));
@@ -533,8 +533,8 @@ TEST_F(ZIXIndexFileTest, AfterAHitTheCursorStandsOnTheEntry) {
   }
 }
 
-// The record that a miss answers is not where the cursor stands: that is on the first entry behind
-// the key in the same page, and in front of all keys on the first one of all.
+// After a miss the cursor is not on the record that Find returned. It is on the first entry after
+// the key in the same page; if no entry is before the key, it is on the first entry of all.
 TEST_F(ZIXIndexFileTest, AfterAMissTheCursorStandsBehindTheKeysPlace) {
   Create(ZIXIndex_Text);
   InsertLetters(6);
@@ -552,7 +552,7 @@ TEST_F(ZIXIndexFileTest, AMissInADeepTreeStaysInThePageOfTheEntryInFront) {
   Create(ZIXIndex_Text);
   InsertLetters(9);  // root "e", leaves "a" to "d" and "f" to "i"
   ASSERT_EQ((ZIXIndexFound{true, 0, 5}), Find(index, "ee"));
-  // The root is remembered, behind its one entry.
+  // The cursor is in the root, after its only entry.
   EXPECT_EQ(0u, Next(index));
   ASSERT_EQ((ZIXIndexFound{true, 0, 5}), Find(index, "ee"));
   EXPECT_EQ(0u, Prev(index));
@@ -568,7 +568,7 @@ TEST_F(ZIXIndexFileTest, BehindTheLastKeyThereIsNothingToStepFrom) {
   EXPECT_EQ(0u, Next(index));
   ASSERT_EQ((ZIXIndexFound{true, 0, 5}), Find(index, "z"));
   EXPECT_EQ(0u, Prev(index));
-  // The same when others have written meanwhile.
+  // The same when another object has written in between.
   ZIXIndexFile other(&application);
   Open(other);
   ASSERT_EQ((ZIXIndexFound{true, 0, 5}), Find(index, "z"));

@@ -1,5 +1,5 @@
-// Claims about what base/database/ZIXIndexFile.h sees of others: each operation finds the file as
-// it is, what the header tells of and what it does not.
+// Claims about how base/database/ZIXIndexFile.h follows the changes of others: each operation finds
+// the file as it is, even where the header does not show a change.
 
 #include "base/database/ZIXIndexFile.h"
 
@@ -105,7 +105,8 @@ TEST_F(ZIXIndexFreshPages, AFileThatIsCutIsReadAgain) {
   EXPECT_EQ("Error reading from 'i.zix': ", ErrorText(other));
 }
 
-// A change that was broken off: the page is written, the header is not, and no clock has moved.
+// A change that was interrupted: the page is written, the header is not, and updatecount is the
+// same.
 class ZIXIndexUntoldChange : public ZIXIndexFixture {
  protected:
   void SetUp() override {

@@ -45,7 +45,7 @@ TEST(ZIXIndexKey, NumbersCompareByValueAndOtherTextsAreNone) {
       {"-", "1", -2},
       {"1-", "1", -2},
       {".", "1", -2},
-      // A first number beyond all doubles is none; a second one counts as infinite.
+      // A first number beyond all doubles is not a number; a second one counts as infinite.
       {"1e999", "1", -2},
       {"-1e999", "1", -2},
       {"1", "1e999", -1},
@@ -57,7 +57,7 @@ TEST(ZIXIndexKey, NumbersCompareByValueAndOtherTextsAreNone) {
       {"-infinity", "1e999", -2},
       {"1", "1e-999", 1},
       {"1e-999", "0", 0},
-      // No order at all, which counts as less.
+      // A NaN has no order; it counts as less.
       {"nan", "1", -1},
       {"1", "nan", -1},
       {"nan", "nan", -1},
@@ -105,7 +105,7 @@ TEST(ZIXIndexKey, CompareFollowsFlagsAndExactness) {
       {"abc", "ab", 0, 4, 1},
       {"abc", "ab", 0, 6, -1},
       {"", "abc", 0, 0, 0},
-      // A prefix is one of bytes, never of numbers.
+      // A prefix is compared by bytes, never by numbers.
       {"1", "1.0", 0, 0, 0},
       {"1.0", "1", 0, 0, 1},
       {"2", "10", 0, 0, 1},

@@ -1,4 +1,4 @@
-// Claims about base/database/ZIXIndexPage.h: the image of a page and its shifts.
+// Claims about base/database/ZIXIndexPage.h: the bytes of a page and how entries move in it.
 
 #include "base/database/ZIXIndexPage.h"
 
@@ -20,7 +20,7 @@ ZIXIndexPage Page(const std::vector<ZIXIndexEntry>& entries,
   return page;
 }
 
-// Child pages and records in turn, as "(1) 10 (2)".
+// Child pages and records in alternation, as "(1) 10 (2)".
 std::string Text(const ZIXIndexPage& page) {
   std::string text;
   for (int i = 0; i < page.numentries(); i++) {

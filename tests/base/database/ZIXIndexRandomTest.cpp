@@ -1,5 +1,5 @@
-// Random changes of an index beside a std::multimap. After each, the file is proved by the checker
-// and compared entry by entry, and a cursor of another object takes a step.
+// Random changes of an index and of a std::multimap. After each change the checker examines the
+// file, all entries are compared, and a cursor of another object takes a step.
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@
 
 namespace {
 
-// Sanitizers take ten times as long; there they see a tenth of the operations.
+// Sanitizers are ten times slower, so there a tenth of the operations run.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int kShare = 10;
 #elif defined(__has_feature)
@@ -66,7 +66,7 @@ class RandomIndex {
  private:
   int Below(int limit) { return static_cast<int>(random() % static_cast<unsigned>(limit)); }
 
-  // Numbers have several spellings that are equal.
+  // A number has several spellings that are equal.
   std::string Key() {
     const std::string number = std::to_string(Below(range));
     if (flags & ZIXIndex_Text) return "key " + number;
@@ -128,8 +128,8 @@ class RandomIndex {
     ASSERT_TRUE(files.held.empty());
   }
 
-  // A step from the entry that the last walk ended on, or a search for a place to begin. The
-  // counter does not tell of a deletion at the cursor, so then the walk begins anew.
+  // A step from the entry that the last walk ended on, or a search for a place to begin.
+  // updatecount does not show a deletion at a cursor, so after one the walk begins again.
   void Walk() {
     if (current == 0 || forgotten) {
       Search();
@@ -173,10 +173,10 @@ class RandomIndex {
   bool growing = true;
   bool forgotten = false;
   unsigned last_record = 0;
-  unsigned current = 0;  // where the walker stands
+  unsigned current = 0;  // the record that the walker is on
 };
 
-// All kinds of indexes take turns, with pages of 4 (which keep 1), of 7 and of 8 entries.
+// Runs all kinds of indexes in turn, with pages of 4 (which keep 1), of 7 and of 8 entries.
 void RunAll(int key_range, int operations) {
   const unsigned kinds[] = {0, 1, 2, 3, 4, 5, 6, 7};
   const int most = std::min(2 * key_range, 160);

@@ -1,4 +1,4 @@
-// Many threads and processes on one table and its index: nothing is lost, nothing is there twice.
+// Many threads and processes on one table and its index: no entry is lost, and none is there twice.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -29,7 +29,7 @@ constexpr int kRecordsOfEach = 400;
 constexpr int kThreads = 8;
 constexpr int kProcesses = 4;
 
-// Holds threads and processes until all are there.
+// Holds threads and processes until all are ready.
 class Gate {
  public:
   Gate() {
@@ -37,7 +37,7 @@ class Gate {
   }
   ~Gate() { close(ends[0]); }
   void Open() { close(ends[1]); }
-  // The end of the pipe comes when nobody can write to it any more.
+  // read returns at the end of the pipe, which comes when no writer is left.
   void Wait() {
     char byte;
     while (read(ends[0], &byte, 1) > 0) {
@@ -48,7 +48,7 @@ class Gate {
   int ends[2];
 };
 
-// One opener of the table and its index, with everything that a request has of its own.
+// One opener of the table and its index, with all the objects that a request has.
 class Opener {
  public:
   explicit Opener(const std::string& directory) {
@@ -68,8 +68,8 @@ class Opener {
            index.Open(ZephPath_Data, "t.zix", 3);
   }
 
-  // Appends records under names of its own. Each second one is found by its key again, changed,
-  // and goes to another key. Empty if all went well.
+  // Appends records under names of its own. Every second one is then found by its key, changed, and
+  // gets another key. Returns an empty text if all went well.
   std::string Work(int opener) {
     if (!Open()) return "open: " + Reasons();
     for (int i = 0; i < kRecordsOfEach; i++) {
@@ -124,7 +124,7 @@ class Opener {
   bool good;
 };
 
-// What all openers together must have left.
+// Checks what all openers together must have left.
 void CheckAll(const std::string& directory, const std::string& index_bytes, int openers) {
   Opener reader(directory);
   ASSERT_TRUE(reader.Open());
@@ -148,7 +148,7 @@ void CheckAll(const std::string& directory, const std::string& index_bytes, int 
   EXPECT_EQ("", checker.Check());
   std::sort(in_table.begin(), in_table.end());
   EXPECT_EQ(in_table, checker.entries);
-  // An insertion for each record, and two changes for each second one.
+  // One insertion for each record, and two changes for every second one.
   EXPECT_EQ(static_cast<uint32_t>(expected * 2), checker.updatecount());
 }
 
@@ -193,10 +193,10 @@ TEST(ZIXIndexSharing, ThreadsOfOneProcessExcludeEachOther) {
   RunOpeners(0, 3);
 }
 
-// --- Locks of another make -----------------------------------------------------------------------
+// --- Locks of other programs ---------------------------------------------------------------------
 
-// A process that locks the way other programs do, with a lock that belongs to the process. It takes
-// one order at a time and answers each.
+// A process that locks the way other programs do, with a lock that belongs to the process. It
+// carries out one order at a time and replies to each.
 class ForeignProcess {
  public:
   explicit ForeignProcess(const std::string& path) {
@@ -211,7 +211,7 @@ class ForeignProcess {
   }
 
   // 'x' locks the header exclusively, 's' shared, 'u' unlocks, 'w' raises the update count by
-  // writing a root with the one key "foreign". The answer is '+' or '-'.
+  // writing a root with the one key "foreign". Returns the reply, '+' or '-'.
   char Do(char order) {
     char answer = 0;
     if (write(orders[1], &order, 1) != 1 || read(answers[0], &answer, 1) != 1) return 0;
@@ -263,7 +263,7 @@ class ZIXIndexForeignLock : public testing::Test {
 
 TEST_F(ZIXIndexForeignLock, IsRespected) {
   ForeignProcess foreign(directory.path("i.zix"));
-  // A cancelled script gives up instead of waiting, which tells whether it would have to wait.
+  // A cancelled script gives up instead of waiting, which shows if it would have to wait.
   application.SetCancelled(1);
   ASSERT_EQ('+', foreign.Do('x'));
   EXPECT_FALSE(Find(index, "own").good);
@@ -286,7 +286,7 @@ TEST_F(ZIXIndexForeignLock, IsWaitedFor) {
     return Find(index, "foreign");
   });
   begun.get_future().wait();
-  // Written late: a search that had not waited would not find it.
+  // This is written late: a search that had not waited would not find it.
   ASSERT_EQ('+', foreign.Do('w'));
   ASSERT_EQ('+', foreign.Do('u'));
   EXPECT_EQ((ZIXIndexFound{true, 1, 77}), found.get());

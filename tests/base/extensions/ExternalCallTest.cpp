@@ -125,7 +125,7 @@ TEST_F(ExternalCallTest, FirstRegisteredOfTwoLibrariesWins) {
   std::string second = directory.path("second.so");
   std::filesystem::copy_file(fake, second);
   ASSERT_TRUE(Register({Row("answer", Answer42)}));
-  // The copy has variables of its own.
+  // The copy has its own variables.
   _ZP_EL_Function other_rows[] = {Row("answer", Answer43), Row("more", Answer43), end_of_table};
   _ZP_EL_FunctionTable other_table = {0, other_rows};
   ExternalLibrary* library = libraries.Lookup(second.c_str());
@@ -174,7 +174,7 @@ TEST_F(ExternalCallTest, ResultThatAScriptHoldsKeepsItsValue) {
   EXPECT_EQ(held->refcount(), 1);
 }
 
-// The call that runs, which calls itself once more.
+// The running call, which calls itself once more.
 ExternalCall* recursive_call = nullptr;
 int recursion_depth = 0;
 
@@ -184,7 +184,7 @@ void CountDown(ZephVM* vm, VariableHash* parameters, Variable* result, void**) {
   if (depth == 0) return;
   recursive_call->Call(vm, parameters);
   events.push_back(std::to_string(recursive_call->result()->value_integer()));
-  // Its own is still there, and still its own.
+  // This call's own result is still there and unchanged.
   events.push_back(std::to_string(result->value_integer()));
 }
 
@@ -303,7 +303,7 @@ TEST_F(ExternalCallTest, PersistentDataOfANestedMachineGoesOverToItsParent) {
   EXPECT_EQ(events, (std::vector<std::string>{"destroyed a"}));
 }
 
-// What a callback has at its hands.
+// The manager that a callback uses.
 ExternalCallManager* callback_manager = nullptr;
 
 void LeaveAnother(void* vm, void* data) {

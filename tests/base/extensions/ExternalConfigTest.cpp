@@ -19,7 +19,7 @@
 
 namespace {
 
-// What the table's functions below do and were told; each test starts anew.
+// What the table's functions below return and receive; each test starts with a new one.
 struct Script {
   int initialize_result = 0;
   int load_result = 0;

@@ -15,7 +15,7 @@ char* Owned(const char* text) {
   return strcpy(copy, text);
 }
 
-// Notes what is asked of it and answers for a few identifiers of its own.
+// Counts the calls of default_value for each identifier.
 class CountingConfig : public Config {
  public:
   ConfigValue* default_value(int id) override {

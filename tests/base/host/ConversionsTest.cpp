@@ -33,7 +33,7 @@ struct Text {
   int size;
 };
 
-// Takes a conversion's buffer; fails the test unless it is terminated and as large as it says.
+// Takes a conversion's buffer. Fails the test unless it is terminated and has the reported size.
 Text Take(char* buffer, int length, int size) {
   std::unique_ptr<char[]> owned(buffer);
   EXPECT_GT(size, length);
@@ -178,7 +178,7 @@ TEST(Dtos, TableOfValues) {
       {9.999, 2, "10.00", 7},
       {0.999, 2, "1.00", 6},
       {0.001, 2, "0.00", 5},
-      {-0.001, 2, "-0.00", 6},  // its rule for the size would lack the last byte
+      {-0.001, 2, "-0.00", 6},  // the general rule for the size is one byte short here
       {1e-20, -1, "0.00000000000000000001", 24},
       {-1e-20, -1, "-0.00000000000000000001", 24},
       {1.5e-20, -1, "0.00000000000000000002", 24},
@@ -231,8 +231,8 @@ TEST(Dtos, OutParametersMayBeNull) {
   EXPECT_STREQ(text.get(), "7");
 }
 
-// The digits of the shortest text that reads back as the value, laid out without an exponent. Empty
-// when they reach behind the 20th decimal.
+// The digits of the shortest text that reads back as the value, written without an exponent. Empty
+// if they go past the 20th decimal.
 string ShortestPlain(double value) {
   char text[64];
   const auto end = std::to_chars(text, text + sizeof text, value, std::chars_format::scientific);
@@ -282,7 +282,7 @@ TEST(Dtos, EqualsAnIndependentShortestFormForAMillionValues) {
   }
 }
 
-// Mode 9 of dtoa gives the digits of mode 5 by big integers alone.
+// Mode 9 of dtoa makes the digits of mode 5 by big integers alone.
 string ByBigIntegers(double value, int precision) {
   char digits[512];
   int point;
@@ -497,7 +497,7 @@ TEST(Stod, TableOfTexts) {
   for (const StodCase& c : cases) {
     SCOPED_TRACE(c.text);
     const int length = static_cast<int>(c.text.size());
-    // With a terminator behind the text, and in a buffer that ends with it.
+    // With a terminator after the text, and in a buffer that ends with the text.
     ExpectStod(c, length, length + 1, c.text.c_str());
     const std::unique_ptr<char[]> exact(new char[c.text.size() + 1]);
     memcpy(exact.get(), c.text.data(), c.text.size());
@@ -809,8 +809,8 @@ TEST(EncodeJavaScriptString, TheSizeHasTheSlackOfItsBlocks) {
 
 // --- Plain models --------------------------------------------------------------------------------
 
-// The conversions once more, each in the plainest words, to compare with on random texts. They have
-// nothing of the engine's: no tables, and no number routine of its own.
+// The conversions again, each in the plainest form, to compare with on random texts. They use
+// neither tables nor number routines of the engine.
 
 const char* const UpperDigits = "0123456789ABCDEF";
 
@@ -963,7 +963,7 @@ string PlainScript(const string& text, bool utf8) {
   return all;
 }
 
-// A text of pieces that mean something to one conversion or another.
+// A text of pieces that are special in one conversion or another.
 string RandomText(std::mt19937* random, size_t length) {
   static const string pieces[] = {
       "%",    "%4",    "%41",  "%zz",  "+",    "&",    "&lt;", "&LT",
@@ -995,7 +995,7 @@ TEST(Encoders, EqualPlainModelsOnRandomTexts) {
   }
 }
 
-// Long texts are worked on by parts: what begins in one may end in the next.
+// Long texts are converted in parts: an entity or escape may begin in one part and end in the next.
 TEST(Encoders, EqualPlainModelsWhereTheirPartsMeet) {
   constexpr unsigned seed = 7002;
   SCOPED_TRACE(seed);
@@ -1004,7 +1004,7 @@ TEST(Encoders, EqualPlainModelsWhereTheirPartsMeet) {
   utf8.SetCharacterSet("utf-8");
   for (size_t behind = 0; behind < 30; behind++) {
     SCOPED_TRACE(behind);
-    // Stands for itself in all of them.
+    // This byte is unchanged in all of them.
     const string filler(static_cast<size_t>(RunLimit::Bytes) - behind, 'x');
     const string end = RandomText(&random, 60);
     const string text = filler + end;
@@ -1021,7 +1021,8 @@ TEST(Encoders, EqualPlainModelsWhereTheirPartsMeet) {
   }
 }
 
-// From the last digit to the first, each times a power of the base, in arithmetic that wraps.
+// Adds the digits from the last to the first, each times a power of the base, in wrapping
+// arithmetic.
 int PlainStoi(const string& text, int* error) {
   *error = 0;
   uint32_t factor = 1;
@@ -1074,8 +1075,8 @@ TEST(Stoi, EqualsAPlainModelOnRandomTexts) {
   EXPECT_GT(numbers, 100000);
 }
 
-// The shortest digits that read back as the value, if no more decimals are asked for than they
-// have; else the value itself, which the C library rounds to that many.
+// The shortest digits that read back as the value, if they have at least as many decimals as
+// requested; otherwise the value itself, which the C library rounds to that many.
 string PlainDtos(double value, int precision) {
   const string shortest = ShortestPlain(value);
   const size_t point = shortest.find('.');

@@ -57,7 +57,9 @@ TEST(FileDescriptor, MovingLeavesTheSourceEmpty) {
   int descriptor = OpenSomething();
   FileDescriptor source(descriptor);
   FileDescriptor target(std::move(source));
-  EXPECT_FALSE(source.is_open());  // NOLINT(bugprone-use-after-move): that is the claim
+  EXPECT_FALSE(
+      source
+          .is_open());  // NOLINT(bugprone-use-after-move): the test is about the moved-from object
   EXPECT_EQ(descriptor, target.get());
   FileDescriptor third(OpenSomething());
   third = std::move(target);

@@ -15,7 +15,7 @@ std::string Text(const String& text) {
   return text.data == nullptr ? "" : std::string(text.data, static_cast<size_t>(text.length));
 }
 
-// A file that only keeps account of what the pool does with it.
+// A file without a system, which records the calls of the pool.
 class PoolFile : public File {
  public:
   explicit PoolFile(FileManager* manager) : File(manager, "pool") {}

@@ -8,7 +8,8 @@
 
 namespace {
 
-// Keeps what a client would get; takes at most `step` bytes a write, and fails on demand.
+// Keeps the text that a client would get. Takes at most `step` bytes in a write, and fails on
+// demand.
 class TestOutput : public HTTPOutput {
  public:
   TestOutput(int blocksize, int threshold) : HTTPOutput(blocksize, threshold) {}
@@ -110,7 +111,7 @@ TEST(HTTPOutput, CountsAnewAfterAnAutomaticFlush) {
   EXPECT_EQ(output.body.size(), 20u);
 }
 
-// Puts go into room that the output holds open, and nobody can tell.
+// Put writes into room that the output holds open, and the client gets the same text as from Write.
 TEST(HTTPOutput, PutDoesWhatWriteDoes) {
   std::mt19937 random(7);
   auto below = [&](unsigned bound) { return static_cast<int>(random() % bound); };
@@ -194,7 +195,7 @@ TEST(HTTPOutput, FailedWriteEndsTheWalk) {
   output.Write("0123456789", 10);
   EXPECT_EQ(output.Flush(0), 4);
   EXPECT_EQ(output.writes, 2);
-  // What was not taken is gone.
+  // Bytes that were not taken are dropped.
   output.fail_after = 1 << 30;
   output.Write("ab", 2);
   EXPECT_EQ(output.Flush(0), 2);

@@ -36,7 +36,7 @@ TEST(TagErrors, LastSlotIsEmpty) {
   EXPECT_EQ(original_tag_default_errorsettings[76].settings, 0);
 }
 
-// The settings as shipped, in the order of the tags: the text has one digit a tag.
+// The shipped settings in the order of the tags: the text has one digit for each tag.
 TEST(TagErrors, ShippedSettings) {
   const std::string settings =
       "3313133313113333333"

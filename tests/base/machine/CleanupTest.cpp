@@ -1,5 +1,5 @@
-// The end of a run when there is no memory left: what a script leaves behind is deleted without
-// asking for any, since a destructor that fails to get some would end the process.
+// The end of a run without memory: what a script leaves is deleted without allocating, because a
+// destructor that fails to allocate would end the process.
 
 #include <memory>
 #include <new>
@@ -18,14 +18,14 @@
 
 namespace {
 
-// While one lives, nothing can be allocated on this thread. Nothing is expected of it meanwhile:
-// that would allocate.
+// As long as one exists, nothing can be allocated on this thread. Tests have no expectations
+// meanwhile, because these allocate.
 class NoMemory : public FailingAllocator {
  public:
   NoMemory() : FailingAllocator(1, FromThereOn) {}
 };
 
-// Runs the code and ends the request without memory.
+// Runs the code, then ends the request without memory.
 void EndWithoutMemory(const std::string& code) {
   Machine machine;
   machine.Assemble(code);
@@ -91,7 +91,7 @@ TEST(Cleanup, OfCirclesAndChains) {
       "cmpgi i, 300\njmp_lt again");
 }
 
-// Structures and arrays of all shapes that hold one another.
+// Structures and arrays of all shapes, with references that make circles.
 TEST(Cleanup, OfCirclesOfTreesInAnyShape) {
   std::vector<VariableRef> arrays;
   for (int i = 0; i < 50; i++) {
@@ -122,7 +122,7 @@ TEST(Cleanup, OfCirclesOfTreesInAnyShape) {
   }
 }
 
-// The text's bytes are copied when its variable goes, and may be too many for what memory is left.
+// The text's bytes are copied when its variable is deleted, and there may be no memory for that.
 TEST(Cleanup, ATextWhoseVariableIsGoneIsLostWithoutMemory) {
   auto* variable = new Variable("s", 1, std::string(500, 'x').c_str(), 500);
   const std::unique_ptr<DeferredText> text(DeferredText::Begin(variable));
@@ -140,7 +140,7 @@ TEST(Cleanup, ATextWhoseVariableIsGoneIsLostWithoutMemory) {
   EXPECT_THROW((void)text->Release(&length), std::bad_alloc);
 }
 
-// Cannot get memory for the way to the file at first.
+// The first two deletions have no memory for the file's path.
 class ScarceFileManager : public MemoryFileManager {
  public:
   int Lock(Zeph_PathType, const char*) override { return FileLock_Held; }

@@ -15,19 +15,19 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-// The machine of dir/page.zpc, and the files beside it.
+// The machine of dir/page.zpc, and the files in its directory.
 class Do : public testing::Test {
  protected:
   Do() { machine.application.SetFileManager(&files); }
 
   void Script(const std::string& path, const std::string& source) { files.Script(path, source); }
-  // What the page writes, to its end.
+  // Runs the page to its end and returns its output.
   std::string Page(const std::string& source) {
     machine.Assemble(source);
     EXPECT_EQ(machine.Go(), 1) << machine.Error();
     return machine.Output();
   }
-  // The last error of a page that fails.
+  // Runs a page that fails and returns its last error.
   std::string Failure(const std::string& source) {
     machine.Assemble(source);
     EXPECT_EQ(machine.Go(), 0);
@@ -39,11 +39,11 @@ class Do : public testing::Test {
   Machine machine;
 };
 
-// Runs the named file.
+// Code that runs the named file.
 std::string Runs(const std::string& name) {
   return "pushc \"" + name + "\"\nop_do_file\n";
 }
-// Calls a function of it, and writes what it gives.
+// Code that calls a function of the file and writes the result.
 std::string Calls(const std::string& name, const std::string& call) {
   return "pushc \"" + name + "\"\npushc \"" + call + "\"\nop_do_function\nout\n";
 }
@@ -91,7 +91,7 @@ TEST_F(Do, AFileThatIsNoScriptIsToldWithItsPath) {
   EXPECT_EQ(files.open_now, 0);
 }
 
-// Cut anywhere, and with any byte changed, it fails in order or runs as something else.
+// Cut at any length, and with any byte changed, it fails with an error or runs as another script.
 TEST_F(Do, ADamagedFileFailsInOrder) {
   Script("dir/part.zpc", Writes("part") + ".function f(x)\npushl x\nret\n");
   const std::string good = files.files["dir/part.zpc"];
@@ -113,7 +113,7 @@ TEST_F(Do, ADamagedFileFailsInOrder) {
   EXPECT_GT(failed, static_cast<int>(good.size()) / 2);
 }
 
-// The file can be opened, but a section of it cannot be read.
+// The file can be opened, but one of its sections cannot be read.
 TEST_F(Do, AFileWithABadSectionIsAnErrorWithoutAText) {
   Script("dir/part.zpc", Writes("part"));
   DoContext context(&machine.global, &machine.system, &machine.application, &machine.vm(), nullptr,
@@ -185,7 +185,7 @@ TEST_F(Do, AFatalErrorOfTheFileEndsTheScript) {
   machine.Assemble(Runs("part.zpc") + Writes("never"));
   EXPECT_EQ(machine.Go(), 0);
   EXPECT_THAT(machine.Error(), StartsWith("Fatal error in dir/part.zpc"));
-  // It was shown once.
+  // The error is shown only once.
   EXPECT_THAT(machine.Output(), EndsWith("Stack underflow\n"));
   EXPECT_EQ(machine.Output().find("Fatal"), machine.Output().rfind("Fatal"));
 }
@@ -252,7 +252,7 @@ TEST_F(Do, ArgumentsReachLocalVariablesOfTheCaller) {
             "15,15");
 }
 
-// The text of an array is made anew each time, for the name of the file as well.
+// The text of an array is rebuilt at each read, also when it is read as the name of the file.
 TEST_F(Do, FileAndCallMayComeOfOneArray) {
   Script("dir/file,name", "noop\n");
   machine.Assemble(
@@ -297,7 +297,7 @@ TEST_F(Do, AnExpressionLeavesOneValue) {
   EXPECT_EQ(machine.StackText(), "5 \"c\"");
 }
 
-// The stack is the caller's, and so is the error.
+// The stack belongs to the caller's machine, so that machine has the error.
 TEST_F(Do, AnExpressionThatNeedsMoreThanItHasEndsBoth) {
   Script("dir/part.zpc", ".function f()\n" + Writes("f") + "pushi 1\nret\n");
   machine.Assemble("pushi 5\npushc \"part.zpc\"\npushc \"1 + (NOT) + f()\"\nop_do_function\n");
@@ -323,8 +323,8 @@ TEST_F(Do, AnExitInTheFunctionEndsTheScriptInOrder) {
   EXPECT_EQ(Page(Calls("part.zpc", "f()") + Writes("never")), "f");
 }
 
-// The frame of a call that an exit has ended has a stack of its own; what waits for the call lies
-// on the caller's, and nobody may read it as a result.
+// A call that an exit ends has a stack of its own. Values that wait for the call are on the
+// caller's stack, and must not be read as the result.
 TEST_F(Do, AnExitLeavesAtMostOneValue) {
   Script("dir/part.zpc", ".function f()\nexit\nretn\n");
   machine.Assemble("pushi 5\npushc \"part.zpc\"\npushc \"1 + (2 + f())\"\nop_do_function\n");
@@ -398,7 +398,8 @@ class DoCache : public Do {
   void Limit(int count) {
     machine.application.config()->SetValue_Integer(Config_max_docache, count);
   }
-  // Which files have to be opened again, in the order of use that the text has.
+  // Uses the files named by the letters of the text, in order, and returns those that had to be
+  // opened.
   std::string Opened(const std::string& uses) {
     std::string opened;
     for (char name : uses) {
@@ -414,7 +415,7 @@ TEST_F(DoCache, HasNoLimitByDefault) {
   EXPECT_EQ(Opened("abcdabcd"), "abcd");
 }
 
-// The walk ends at a count that is the limit, and then one more comes.
+// Eviction stops when the count is the limit, and then one more is added.
 TEST_F(DoCache, MayBeOneAboveItsLimit) {
   Limit(2);
   EXPECT_EQ(Opened("abcabc"), "abc");
@@ -452,7 +453,7 @@ TEST_F(DoCache, AContextWithChildrenStays) {
   EXPECT_EQ(a->RefCount(), 1);
   EXPECT_EQ(Opened("c"), "c");
   EXPECT_EQ(Find("a.zpc"), a);
-  // Its child has gone on the way, and so it may go now.
+  // Its child was evicted, so it can be evicted now.
   EXPECT_EQ(a->RefCount(), 0);
   EXPECT_EQ(Opened("cba"), "ba");
 }
@@ -501,7 +502,7 @@ TEST_F(DoCache, EverythingEndsWithTheFirstMachine) {
   EXPECT_EQ(files.open_now, 0);
 }
 
-// Captures that lead on to one another belong to machines that end in another order.
+// The captures have each other as parents, but their machines end in another order.
 TEST_F(DoCache, CapturesThatAreLeftOpenGiveTheOutputBack) {
   Script("dir/e.zpc", Writes("(e)") + "pushg there\ncapture\n" + Writes("e"));
   const char* const pages[] = {
@@ -524,7 +525,7 @@ TEST_F(DoCache, CapturesThatAreLeftOpenGiveTheOutputBack) {
   }
 }
 
-// The output that the page's capture found, not the file's, is what goes on.
+// The page's capture restores the output that it found, not the capture of the file.
 TEST_F(DoCache, ACaptureEndsUnderOneThatAFileHasLeftOpen) {
   Limit(-1);
   Script("dir/e.zpc", "pushg there\ncapture\n" + Writes("lost"));
@@ -536,7 +537,8 @@ TEST_F(DoCache, ACaptureEndsUnderOneThatAFileHasLeftOpen) {
   EXPECT_EQ(machine.application.output(), &machine.output);
 }
 
-// Ended by a later run of the file, when the capture below it is gone and another one is in front.
+// A later run of the file ends the capture, after the one below it is gone and while another one is
+// in front.
 TEST_F(DoCache, ACaptureEndsWithoutTheOneThatItFound) {
   Limit(-1);
   Script("dir/e.zpc", "cmpgi again, 1\njmp_eq end\npushi 1\npopg again\npushg there\ncapture\n" +

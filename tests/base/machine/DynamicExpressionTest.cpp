@@ -19,7 +19,7 @@ class DynamicExpression : public testing::Test {
   int Execute(const std::string& text) {
     return machine.vm().Execute_Dynamic_Expression(Compile(text), nullptr, nullptr);
   }
-  // What a run leaves, on a stack that had "below" and 7.
+  // Runs the expression on a stack with "below" and 7 and returns what is then on the stack.
   std::string Left(const std::string& text) {
     machine.stack().PushS("below", 5, 5, 0);
     machine.stack().PushI(7);
@@ -50,7 +50,7 @@ TEST_F(DynamicExpression, AnEmptyTextLeavesTheStackAsItWas) {
   EXPECT_EQ(Left(" \t\r\n"), "\"below\" 7");
 }
 
-// These emit an operator in front of its operand.
+// In these texts the operator is emitted before its operand.
 TEST_F(DynamicExpression, NeverTakesAnOperandOfItsCaller) {
   for (const char* text : {"1 +", "NOT", "++(a)", "1 + BITOC 2", "ISNULL", "BITOC", "1 $ NOT"}) {
     SCOPED_TRACE(text);
@@ -79,7 +79,7 @@ TEST_F(DynamicExpression, TheLastValueOutlivesTheOthers) {
 }
 
 TEST_F(DynamicExpression, RunsOnAStackThatGrowsMeanwhile) {
-  // 16 entries lie in the stack itself, further ones move it to other memory.
+  // 16 entries are in the stack object; further ones move them to allocated memory.
   std::string text = "1";
   for (int i = 0; i < 40; i++) text = "1 + (" + text + ")";
   for (int i = 0; i < 14; i++) machine.stack().PushI(i);

@@ -1,5 +1,5 @@
-// The code that comes of expressions compiled at run time, instruction by instruction, and the
-// messages for texts that are none. ExpressionValuesTest runs the code.
+// The code of expressions compiled at run time, instruction by instruction, and the messages for
+// texts that are not expressions. ExpressionValuesTest runs the code.
 
 #include "base/machine/ExpressionCompiler.h"
 
@@ -297,7 +297,8 @@ TEST(ExpressionCompiler, ComplementTakesWhatIsOfItsRank) {
   });
 }
 
-// The operator in front is ready when one of its rank or below it follows, whatever stands between.
+// The first operator is emitted when the next one has the same or a lower precedence, whatever is
+// between them.
 TEST(ExpressionCompiler, LoosePrefixOperatorsComeTooLateForTheOperatorInFront) {
   ExpectCode({
       {"1 + BITOC 2", "pushi 1; add; pushi 2; bitoc"},
@@ -421,7 +422,7 @@ TEST_F(ExpressionFunctions, TrailingCommasDontCount) {
             "Function 'sum' is defined with 2 parameters and was called with 1");
 }
 
-// A call never takes from the stack what the expression has not put there.
+// A call never pops an entry that the expression has not pushed.
 TEST_F(ExpressionFunctions, EmptyArgumentsDontCountEither) {
   EXPECT_EQ(machine.Message("sum(,1)"),
             "Function 'sum' is defined with 2 parameters and was called with 1");
@@ -454,7 +455,7 @@ TEST_F(ExpressionFunctions, TheParentsExternalFunctionsAreCopied) {
   EXPECT_TRUE(copy->flags() & Function_External);
   ASSERT_EQ(copy->slots().size(), 2u);
   EXPECT_TRUE(copy->slots()[1]->byreference());
-  // It is there at the second time.
+  // The second time, it is already there.
   EXPECT_EQ(machine.Code("outside(1, a)"), "pushi 1; pushnc a; call outside");
   EXPECT_EQ(machine.functions.Functions(), 4);
   EXPECT_EQ(machine.Message("inside(1)"), "Unable to find function 'inside'");

@@ -1,6 +1,6 @@
-// Compiled expressions run on a machine, and what they leave there is compared with known values
-// and with an evaluator that has nothing in common with the compiler: it reduces a list of operands
-// and operators, the tightest operator first.
+// Runs compiled expressions on a machine and compares their values with known ones, and with an
+// evaluator that shares nothing with the compiler: it reduces a list of operands and operators, the
+// tightest operator first.
 
 #include <gtest/gtest.h>
 
@@ -153,7 +153,7 @@ int Order(const Value& a, const Value& b) {
   return a.Text().compare(b.Text());
 }
 
-// The position of the needle from 1, or of its last byte.
+// The position of the needle, from 1, or with last that of its last byte.
 Value Position(const Value& needle, const Value& text, bool fold, bool last) {
   std::string n = needle.Text(), t = text.Text();
   if (n.empty()) return Value::Of(last ? 0 : 1);
@@ -212,8 +212,8 @@ const Infix infix_operators[] = {
 
 // --- Random expressions --------------------------------------------------------------------------
 
-// Writes a valid expression and works out its value. The machine knows the variables that the text
-// has, and the functions sum(a, b) and half(x).
+// Writes a valid expression and works out its value. The machine has the variables of the text, and
+// the functions sum(a, b) and half(x).
 class Generator {
  public:
   Generator(unsigned seed, ExpressionMachine* runs) : random(seed), machine(runs) {}
@@ -227,7 +227,7 @@ class Generator {
       AppendOperator(text, *operators.back());
       std::string operand;
       values.push_back(Operand(&operand, depth));
-      // A sign would make one operator of two.
+      // The sign would turn two operators into one.
       if (operand[0] == '-' || operand[0] == '+') *text += ' ';
       *text += operand;
     }

@@ -1,5 +1,5 @@
-// Frames of calls that are over serve later calls of their function: what a call finds by name is
-// what it would find in a frame of its own.
+// Frames of finished calls are reused for later calls of their function: a call finds the same
+// variables by name as in a frame of its own.
 
 #include <gtest/gtest.h>
 
@@ -25,7 +25,7 @@ const Way kWays[] = {{"hot, frames reused", true, true},
 
 const char* const kRecords = "1,one\n2,two\n3,three\n";
 
-// Everything that tells two runs apart.
+// Everything in which two runs can differ.
 struct Outcome {
   bool operator==(const Outcome&) const = default;
 
@@ -43,7 +43,7 @@ std::ostream& operator<<(std::ostream& out, const Outcome& outcome) {
              << "\nexported " << outcome.exported;
 }
 
-// A segment that is as long as this is never decoded.
+// A segment of this length is never decoded.
 void KeepCold(Machine* machine) {
   machine->segments.Start()->Write_Byte(Segment::LongestHot, 0);
 }
@@ -69,8 +69,8 @@ Outcome OutcomeOf(const std::string& program, const Way& way,
 
 // --- Look-ups of each kind -----------------------------------------------------------------------
 
-// Calls a function often, so that every call of the last rounds is decoded: with 0, with 1, which
-// makes it touch its local "v", and with 0 again. Each writes what the code finds and leaves.
+// Calls a function often enough for the last rounds to be decoded: with 0; with 1, which makes it
+// touch its local "v"; and with 0 again. Each call writes what the code finds and leaves.
 std::string Alternating(const std::string& code) {
   return "pushc \"global\"\npopg v\nstoregi n, 0\n"
          "again: incg n, 1\npushi 0\ncall f\npop\npushi 1\ncall f\npop\npushi 0\ncall f\npop\n"
@@ -122,7 +122,7 @@ TEST(FrameReuse, ALookUpByNameDoesNotMeetALocalOfAnEarlierCall) {
   }
 }
 
-// A local that the scope names is made by that, in every call again.
+// A look-up with the scope of locals creates the local, again in every call.
 TEST(FrameReuse, ALookUpByScopeMakesTheLocal) {
   for (const Way& way : kWays) {
     SCOPED_TRACE(way.label);
@@ -134,7 +134,7 @@ TEST(FrameReuse, ALookUpByScopeMakesTheLocal) {
   }
 }
 
-// What is bound by name is the global where the call has no local of the name.
+// Binding by name binds the global if the call has no local of the name.
 TEST(FrameReuse, AReferenceByNameBindsTheGlobal) {
   for (const char* bind : {"poprnc \"v\"\n", "pushc \"v\"\npoprn\n"}) {
     for (const Way& way : kWays) {
@@ -167,8 +167,8 @@ TEST(FrameReuse, AnExportWritesTheGlobal) {
   }
 }
 
-// A touch is a push, a store or a binding, whatever becomes of the value, and each kind of
-// instruction that is decoded together with others counts.
+// A touch is a push, a store or a binding, whatever happens to the value. There is a case for each
+// kind of instruction that is decoded together with others.
 TEST(FrameReuse, EveryTouchOfALocalMakesIt) {
   const char* const touches[] = {
       "pushl v\npop\n",
@@ -215,8 +215,8 @@ TEST(FrameReuse, EveryTouchOfALocalMakesIt) {
 
 // --- Random programs -----------------------------------------------------------------------------
 
-// Functions that call one another, have locals of the globals' names, touch them on some paths and
-// look names up on others.
+// Functions that call one another, have locals with the names of globals, touch them on some paths
+// and look names up on others.
 class RandomCalls {
  public:
   explicit RandomCalls(unsigned seed) : random(seed) {}
@@ -245,7 +245,7 @@ class RandomCalls {
   }
   std::string Name() { return OneOf({"a", "b", "c"}); }
   std::string Label() { return "label" + Text(labels++); }
-  // By position: a local one of most functions, else a global.
+  // Pushes a variable by position: mostly a local if the function has one, else a global.
   std::string Push(const std::string& name) {
     return (IsLocal(name) && Below(4) ? "pushl " : "pushg ") + name + "\n";
   }
@@ -364,7 +364,7 @@ class RandomCalls {
   }
 
   std::mt19937 random;
-  std::string locals;  // of the function that is being written, one letter each
+  std::string locals;  // locals of the current function, one letter each
   bool in_function = false;
   int labels = 0;
 };
@@ -382,7 +382,7 @@ TEST(FrameReuse, RandomProgramsDoTheSameInFreshFramesAndInReusedOnes) {
     }
     ended += reused.result;
   }
-  // Most are no short ones that fail at once.
+  // Most programs must not fail early.
   EXPECT_GT(ended, 250);
 }
 

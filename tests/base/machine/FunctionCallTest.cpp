@@ -8,8 +8,8 @@
 
 namespace {
 
-// Program text of a main part, which ends where its segment ends, and of functions behind it in a
-// segment of their own.
+// Program text of a main part, which ends at the end of its segment, and of functions in a segment
+// of their own.
 std::string Script(const std::string& main, const std::string& functions) {
   return main + "\n.segment 1\n" + functions;
 }
@@ -56,7 +56,7 @@ TEST(FunctionCall, ValuesOfEveryKindArePassed) {
 TEST(FunctionCall, ByValueIsACopy) {
   ExpectCall("pushi 1\npopg v\npushg v\ncall f\npop\npushg v",
              ".function f(a)\npushi 2\npopl a\nretn", "(1)");
-  // Of an array with all its elements.
+  // An array is copied with all its elements.
   ExpectCall("pushi 1\npushg v\npushi 1\nelem\nstore\npushg v\ncall f\npop\npushg v",
              ".function f(a)\npushi 2\npushl a\npushi 1\nelem\nstore\nretn", "(1)");
 }
@@ -66,7 +66,7 @@ TEST(FunctionCall, ByReferenceIsTheVariableItself) {
              ".function f(a var)\npushi 2\npopl a\nretn", "(2)");
   ExpectCall("pushg v\ncall f\npop\npushg v",
              ".function f(a var)\npushi 2\npushl a\npushi 1\nelem\nstore\nretn", "(2)");
-  // An element, which the function outlives.
+  // An element, also one whose array is overwritten while the function runs.
   ExpectCall("pushg v\npushi 3\nelem\ncall f\npop\npushg v",
              ".function f(a var)\npushi 2\npopl a\nretn", "(2)");
   ExpectCall("pushi 1\npushg v\npushi 3\nelem\nstore\npushg v\npushi 3\nelem\ncall f\npushg v",
@@ -79,7 +79,7 @@ TEST(FunctionCall, ByReferenceIsTheVariableItself) {
              ".function f(a var)\npushl a\ncall g\npop\nretn\n"
              ".function g(b var)\npushi 8\npopl b\nretn",
              "(8)");
-  // The null variable takes writes and keeps nothing.
+  // The null variable ignores writes.
   ExpectCall("pushs unknown\ncall f", ".function f(a var)\npushi 5\npopl a\npushl a\nisnull\nret",
              "1");
 }
@@ -117,7 +117,7 @@ TEST(FunctionCall, IndexesThatAreNoFunctions) {
   ExpectFailure({"call 0", "Invalid function call"});
 }
 
-// A function that no library has. What a library's functions do is tested with libraries.
+// A function that no library has. Functions that libraries have are tested with the libraries.
 TEST(FunctionCall, ExternalFunctionThatNobodyHasIsFatal) {
   Machine machine;
   machine.Assemble("pushi 1\ncall f\n.function f(a) external");
@@ -130,7 +130,7 @@ TEST(FunctionCall, ExternalFunctionThatNobodyHasIsFatal) {
 TEST(FunctionCall, EveryCallLeavesExactlyOneValue) {
   ExpectCall("pushi 1\ncall f", ".function f()\npushi 2\nret", "1 2");
   ExpectCall("pushi 1\ncall f", ".function f()\nretn", "1 \"\"");
-  // What else the function left on its stack goes with it.
+  // What else the function left on its stack is dropped.
   ExpectCall("pushi 1\ncall f", ".function f()\npushi 2\npushi 3\npushi 4\ncat\npushi 5\nret",
              "1 5");
   ExpectCall("pushi 1\ncall f", ".function f()\npushi 3\npushi 4\ncat\nretn", "1 \"\"");
@@ -256,9 +256,9 @@ TEST(FunctionCall, BareNamesSeeTheLocalsOfTheCallThatRuns) {
   ExpectCall("pushi 2\ncall f", ".function f(y)\ncall g\nret\n.function g()\npushnc y\nisnull\nret",
              "1");
   ExpectCall("pushi 2\ncall f\npop\npushnc y\nisnull", ".function f(y)\nretn", "1");
-  // A local of the file's table that nobody has made yet hides nothing.
+  // A declared local that does not exist yet hides nothing.
   ExpectCall("pushi 1\npopg x\ncall f", ".function f()\n.local x\npushnc x\nret", "(1)");
-  // A scoped name is made in the table it names.
+  // A name with a scope is created in that scope's table.
   ExpectCall("call f\npushnc \"g.z\"\nisnull",
              ".function f()\npushi 3\npopnc \"l.z\"\npushnc \"l.z\"\nret", "(3) 1");
 }
@@ -271,13 +271,13 @@ TEST(FunctionCall, ASystemVariableComesBeforeALocal) {
   EXPECT_EQ(machine.StackText(), "(system)");
 }
 
-// Names that a call adds to its table are not seen by the next one.
+// The next call does not see names that a call has added to its table.
 TEST(FunctionCall, NamesMadeAtRunTimeEndWithTheCall) {
   ExpectCall("call f\ncall f",
              ".function f()\npushnc \"l.made\"\nisnull\npushi 5\npopnc \"l.made\"\nret", "1 1");
 }
 
-// --- Where a call goes on ------------------------------------------------------------------------
+// --- Where a call continues ----------------------------------------------------------------------
 
 TEST(FunctionCall, FunctionsOfTheSameSegmentAndOfOthers) {
   ExpectStacks({
@@ -295,7 +295,7 @@ TEST(FunctionCall, FunctionsWhoseCodeIsNowhere) {
       {"call f\n.function f() at 9:0", "Invalid segment reference"},
       {"call f\n.function f() at -1:0", "Invalid segment reference"},
   });
-  // Behind the end of a segment the run ends.
+  // Past the end of a segment the run ends.
   for (const char* place : {"0:1000", "0:-5", "0:2147483647"}) {
     SCOPED_TRACE(place);
     Machine machine;
@@ -353,7 +353,7 @@ TEST(FunctionCall, FlagsOfAFunctionDecideWhetherErrorsAreShown) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
     Machine machine;
-    // The index is a runtime error that is displayed and lets the script go on.
+    // The index is a runtime error that is displayed and does not end the script.
     machine.Assemble(Script("tagerror 62, 1\nerroutput " + std::to_string(c.caller) +
                                 "\ncall f\npop\npushg x\npushi 0\nelem",
                             std::string(".function f() ") + c.flags +
@@ -383,7 +383,7 @@ TEST(FunctionCall, FlagsSetInAFunctionEndWithIt) {
 
 // --- Output mode ---------------------------------------------------------------------------------
 
-// Notes the flags that it has when it is written to.
+// Records its flags at each write.
 class ModeOutput : public RecordingOutput {
  public:
   int Write(const char* bytes, int length) override {
@@ -411,7 +411,7 @@ TEST(FunctionCall, FlagsOfAFunctionDecideTheOutputMode) {
       {3, "inherit", 2},
       {4, "inherit", 0},
       {5, "inherit", 2},
-      // Inheriting goes first.
+      // Inheriting takes precedence.
       {0, "compress inherit", 0},
       {1, "compress inherit", 2},
   };
@@ -455,7 +455,7 @@ TEST(FunctionCall, ACaptureLeftOpenByAFunctionEndsWithIt) {
   }
 }
 
-// The lower one is deleted, and gives back the output that it found.
+// The lower one is deleted, and restores the output that it found.
 TEST(FunctionCall, TwoCapturesLeftOpenByAFunction) {
   for (const char* result : {"retn", "pushi 1\nret"}) {
     Machine machine;
@@ -514,7 +514,8 @@ TEST(FunctionCall, ACaptureOfTheCallerGoesOnInTheFunction) {
   EXPECT_EQ(machine.Value("y"), "lost");
 }
 
-// The function's frame is gone; a later one must not be taken for it, wherever it lies in memory.
+// The function's frame is gone. A later frame must not be mistaken for it, even at the same
+// address.
 TEST(FunctionCall, FeaturesAreToldApartByFrame) {
   Machine machine;
   machine.Assemble(

@@ -1,4 +1,4 @@
-// Scripts that no compiler would write. Whatever they do, they end, and nothing is left behind.
+// Scripts that no compiler would write. Whatever they do, they end and leave nothing allocated.
 
 #include <gtest/gtest.h>
 
@@ -12,7 +12,7 @@ namespace {
 
 using namespace Instruction;
 
-// Runs it and ends the request. Answers what Go did.
+// Runs the machine and ends the request. Returns what Go returned.
 int RunToTheEnd(Machine* machine) {
   int result = machine->Go();
   machine->Close();
@@ -30,7 +30,7 @@ int RunToTheEnd(const std::string& source) {
 
 // --- Words and stacks ----------------------------------------------------------------------------
 
-// Every instruction on stacks of all sorts, with operands that name something and nothing.
+// Every instruction on stacks of all kinds, with operands that are valid and invalid.
 TEST(HostileScript, AnyInstructionOnAnyStack) {
   const char* const stacks[] = {
       "",
@@ -57,7 +57,7 @@ TEST(HostileScript, AnyInstructionOnAnyStack) {
           machine.end = machine.segments.Start()->Write_Byte(
               machine.end, static_cast<unsigned char>(operand >> b % 4 * 8));
         }
-        // A jump backwards would run for ever.
+        // A backward jump would never end.
         if (row.first == Operand::Distance && operand < 0) continue;
         machine.Op(out);
         RunToTheEnd(&machine);
@@ -66,7 +66,7 @@ TEST(HostileScript, AnyInstructionOnAnyStack) {
   }
 }
 
-// A variable whose text is made anew at each read, where no text of it was before.
+// A variable whose text is rebuilt at each read, in another buffer.
 class FleetingVariable : public Variable {
  public:
   FleetingVariable() : Variable("fleeting", 8) {}
@@ -107,7 +107,7 @@ TEST(HostileScript, AComputedVariableOnAllSides) {
   }
 }
 
-// Operands that are instructions themselves when a jump leads into them.
+// Operands that are instructions when a jump leads to them.
 TEST(HostileScript, JumpsIntoTheMiddleOfInstructions) {
   for (int distance = 0; distance < 40; distance++) {
     SCOPED_TRACE(distance);
@@ -131,7 +131,7 @@ TEST(HostileScript, PrecisionsThatNoTextCanHave) {
 
 // --- Values --------------------------------------------------------------------------------------
 
-// A chain of elements, each in the one before.
+// A chain of elements, each inside the previous one.
 TEST(HostileScript, NestingAsDeepAsAScriptLikes) {
   for (const char* step : {"pushi 1\nelem\n", "pushc \"m\"\nmemb\n"}) {
     SCOPED_TRACE(step);
@@ -149,7 +149,7 @@ TEST(HostileScript, NestingAsDeepAsAScriptLikes) {
 
 TEST(HostileScript, CirclesOfReferences) {
   const char* const circles[] = {
-      // An element that refers to its array, to an array beside it that refers back, to itself.
+      // An element that refers to its array, to another array that refers back, and to itself.
       "pushg a\npushg a\npushi 1\nelem\nrefer\n",
       "pushg a\npushg b\npushi 1\nelem\nrefer\npushg b\npushg a\npushi 1\nelem\nrefer\n",
       "pushg a\npushi 1\nelem\npushg a\npushi 1\nelem\nrefer\n",
@@ -177,7 +177,7 @@ TEST(HostileScript, ChainsOfReferences) {
             1);
 }
 
-// Elements come and go while they lie on the stack.
+// Elements are created and deleted while they are on the stack.
 TEST(HostileScript, OperandsThatGoWhileTheyAreUsed) {
   const char* const codes[] = {
       "pushg a\npushi 1\nelem\npushi 0\npopg a\nout\n",
@@ -242,7 +242,8 @@ TEST(HostileScript, NamesThatNobodyWouldGive) {
 
 // --- Features and frames -------------------------------------------------------------------------
 
-// The upper capture stayed in front of the output and led on to the lower one, which was gone.
+// The upper capture stayed in front of the output and had the lower one, already deleted, as its
+// parent.
 TEST(HostileScript, CapturesLeftOpenByFunctions) {
   const char* const functions[] = {
       "pushg x\ncapture\npushg y\ncapture\nretn",
@@ -284,7 +285,7 @@ TEST(HostileScript, DeepCallsThatFailAtTheirEnd) {
   }
 }
 
-// The last argument is a variable that only the stack holds.
+// The last argument is a variable with no other holder than the stack.
 TEST(HostileScript, ParametersOutsideOfTheTable) {
   for (int log : {0, static_cast<int>(Log_FunctionParameter)}) {
     for (int by_reference : {0, 1}) {

@@ -1,3 +1,5 @@
+// Decoded code does what the plain loop does: idioms, random programs, calls, and long work.
+
 #include "base/compiled/HotCode.h"
 
 #include <gtest/gtest.h>
@@ -19,12 +21,12 @@ namespace {
 
 using namespace Instruction;
 
-// Behind that many bytes a segment is never decoded.
+// A segment of more bytes is never decoded.
 void KeepCold(Machine* machine) {
   machine->segments.Start()->Write_Byte(Segment::LongestHot, 0);
 }
 
-// Writes a loop of a body that runs as often, counted in a global of its own.
+// Writes a loop that runs a body the given number of times, counted in a global of its own.
 template <typename Body>
 void Loop(Machine* machine, int rounds, Body body) {
   const int counter = machine->Global("rounds");
@@ -106,7 +108,7 @@ TEST(HotCode, TheStackOverflowsAtItsLastEntryAlsoInALoop) {
   EXPECT_EQ(machine.Go(), 0);
   EXPECT_NE(machine.Error().find("Stack overflow"), std::string::npos);
   EXPECT_EQ(machine.stack().Entries(), 512);
-  // The 512th round has no room for the constant beside the variable.
+  // The 512th round has no room for the constant after the variable.
   EXPECT_EQ(machine.Value("counter"), "511");
 }
 
@@ -127,7 +129,7 @@ TEST(HotCode, AnExitFromOutsideEndsALoopWithoutCalls) {
   beat.join();
 }
 
-// Programs of random instructions give the same globals, stack and errors, hot or not.
+// Random instructions. Hot or not, a program gives the same globals, stack and errors.
 struct RandomProgram {
   explicit RandomProgram(unsigned seed) : random(seed) {}
 
@@ -143,7 +145,7 @@ struct RandomProgram {
     machine->Op(Instruction::exit);
   }
 
-  // What the globals begin with: integers, doubles, texts, nothing, an array.
+  // Sets the initial globals: integers, doubles, texts, nothing, an array.
   void Start(Machine* machine) {
     for (int global : globals) {
       switch (Below(6)) {
@@ -255,8 +257,8 @@ TEST(HotCode, RandomProgramsDoTheSameHotAndCold) {
   }
 }
 
-// The same for program text: with functions, arrays that grow, texts, and what the hot loop leaves
-// to the machine's handlers.
+// The same as program text: with functions, arrays that grow, texts, and instructions that the hot
+// loop runs by the machine's handlers.
 class RandomText {
  public:
   explicit RandomText(unsigned seed) : random(seed) {}
@@ -324,7 +326,7 @@ class RandomText {
       default: return PushGlobal();
     }
   }
-  // A text that is long enough to grow in place, and what may come in between.
+  // A text that is long enough to grow in place, and actions that may interrupt that.
   std::string LongText() {
     std::string result = "pushg s\n" + Constant() + "cat\n";
     for (int k = Below(4); k > 0; k--) {
@@ -361,7 +363,7 @@ class RandomText {
         break;
       case 12:
       case 13: text += LongText(); break;
-      // A whole array or its text within an element of it would double with each round.
+      // A whole array, or its text, in one of its elements would double with each round.
       default: text += Expression() + Number() + Operation() + Target() + "store\n"; break;
     }
     if (Below(3) == 0) text += "pushc \"\"\npopg b\n";
@@ -427,7 +429,7 @@ TEST(HotCode, RandomProgramTextsDoTheSameHotAndCold) {
   }
 }
 
-// A program that ends in order writes the same, decoded or not.
+// A program without an error writes the same, decoded or not.
 void ExpectTheSameHotAndCold(const std::string& program) {
   Machine hot, cold;
   hot.Assemble(program);
@@ -439,8 +441,8 @@ void ExpectTheSameHotAndCold(const std::string& program) {
   EXPECT_EQ(hot.Output(), cold.Output());
 }
 
-// Idioms take room for what their instructions would push, on a stack that grows once and then has
-// an end.
+// Idioms require the room that their instructions would require, on a stack that grows once and has
+// a limit.
 TEST(HotCode, AnyDepthOfTheStackDoesTheSameHotAndCold) {
   for (int depth = 0; depth <= 514; depth += depth == 20 ? 485 : 1) {
     SCOPED_TRACE(depth);
@@ -494,8 +496,8 @@ TEST(HotCode, AKeptFrameHasTheOutputModeOfItsFunction) {
   ExpectTheSameHotAndCold(program);
 }
 
-// A sum as the argument of a call goes straight into the variable of the function, if that is its
-// only one and a number's place.
+// A sum that is the argument of a call goes straight into the function's variable if there is only
+// one parameter, by value.
 TEST(HotCode, ASumIsTheArgumentOfAnyFunction) {
   const char* const kFunctions[] = {
       ".function f(x)\npushl x\nret\n",
@@ -532,8 +534,8 @@ TEST(HotCode, ASumBelowTwoParametersIsTheLast) {
   ExpectTheSameHotAndCold(program);
 }
 
-// A frame's features end with its return, however often frames of the function returned before, and
-// those of its callers stay.
+// A frame's features end with its return, even if frames of the function have returned often
+// before; its callers' features stay.
 TEST(HotCode, AReturnEndsTheFeaturesOfItsFunction) {
   ExpectTheSameHotAndCold(
       "storegi n, 0\npushg all\ncapture\nagain: incg n, 1\n"
@@ -546,8 +548,7 @@ TEST(HotCode, AReturnEndsTheFeaturesOfItsFunction) {
       "no: pushl x\npushl x\nadd\nret\n");
 }
 
-// Calls of one function with arguments of all kinds take turns, so that its frames are entered by
-// either loop.
+// Calls of one function with arguments of all kinds alternate, so that both loops enter its frames.
 TEST(HotCode, AFrameServesCallsOfEitherLoop) {
   ExpectTheSameHotAndCold(
       "storegi n, 0\nagain: incg n, 1\npushg n\npushg n\ncall pair\nout\n"
@@ -578,7 +579,7 @@ TEST(HotCode, ACallOfNoFunctionTellsItsOwnPlace) {
 
 // --- Numbers of which there are two forms --------------------------------------------------------
 
-// Reads a value that is on top in each way that asks for an integer, and writes what that gives.
+// Reads a value in each way that converts it to an integer, and writes the results.
 std::string ReadAsIntegers(const std::string& push) {
   static const char* const kReads[] = {
       "pushi 1000\nmod\n",   "pushg thousand\nmod\n",
@@ -611,7 +612,7 @@ const char* const kValues[] = {"pushc \"99999999999\"\n",
 
 const struct {
   const char* label;
-  const char* reads;  // of the variable on top, and what they leave is dropped
+  const char* reads;  // of the variable on top; results are dropped
 } kReadsBefore[] = {
     {"nothing", "pop\n"},
     {"integer", "pushi 1\nmod\npop\n"},
@@ -622,8 +623,8 @@ const struct {
     {"comparison", "pushi 1\neq\npop\n"},
 };
 
-// The value reaches the reads as it is, from a local variable of a function, as an argument, and
-// from an element.
+// The reads get the value directly, from a local variable of a function, as an argument, and from
+// an element.
 TEST(HotCode, AnIntegerIsTheSameHotAndColdWhateverWasReadBefore) {
   for (const char* value : kValues) {
     for (const auto& b : kReadsBefore) {
@@ -655,8 +656,8 @@ TEST(HotCode, AnIntegerIsTheSameHotAndColdWhateverWasReadBefore) {
   }
 }
 
-// A position may be none, which ends the program with the same message, also where it comes up when
-// the loop is decoded.
+// A position may be invalid, which ends the program with the same message, even if the loop is
+// decoded by then.
 TEST(HotCode, APositionIsTheSameHotAndColdWhateverWasReadBefore) {
   for (const char* value : kValues) {
     for (const auto& b : kReadsBefore) {
@@ -684,8 +685,7 @@ TEST(HotCode, APositionIsTheSameHotAndColdWhateverWasReadBefore) {
 
 // --- Long work -----------------------------------------------------------------------------------
 
-// An element that raises the time-out when it is read, which a copy of its array does, for the last
-// time.
+// An element that sets the time-out flag at its last read, which a copy of its array makes.
 class Raises : public ImmutableVariable {
  public:
   Raises(Machine* m, int last_read) : machine(m), reads(last_read) {}
@@ -729,8 +729,8 @@ TEST(HotCode, WorkThatMayBeLongIsTheLastBeforeATimeOut) {
 
 // --- The log -------------------------------------------------------------------------------------
 
-// A loop that notes its lines and calls a function, with the records of a level, and whether the
-// run was in hot code at its end.
+// Runs a loop that sets its lines and calls a function. Returns the records of a level, and whether
+// the run was in hot code at its end.
 std::vector<std::string> LogOfLoop(unsigned level, bool hot) {
   Machine machine;
   machine.application.config()->SetValue_Integer(Config_log_level, static_cast<int>(level));

@@ -23,7 +23,7 @@ namespace {
 using testing::EndsWith;
 using testing::HasSubstr;
 
-// Writes each record as "number:a|b|c;", and "end" with the count and the error behind the loop.
+// Writes each record as "number:a|b|c;", and after the loop "end" with the count and the error.
 const char* const kLoop = R"(
         pushc "in"
         pushg delimiter
@@ -107,7 +107,7 @@ struct ImportCase {
   const char* output;
 };
 
-// What kLoop writes of a file by the plain model of one.
+// What kLoop writes for a file, according to a simple model.
 std::string Model(const std::string& content, const std::string& delimiter) {
   std::string all;
   int number = 0;
@@ -537,8 +537,8 @@ TEST(ImportFilter, ATextThatIsNoExpressionIsAnErrorAndSkipsTheLoop) {
   EXPECT_THAT(run.machine.Value("ZpIMPORT_Error"), Not(HasSubstr("<")));
 }
 
-// What a filter leaves, or takes without having put it there, does not touch what lies on the stack
-// around the loop.
+// A filter that leaves entries, or pops more than it has pushed, does not touch the entries that
+// the stack has around the loop.
 TEST(ImportFilter, TheStackOfTheScriptIsNoneOfItsBusiness) {
   for (const char* filter : {"a gt 2", "(1) (2) a gt 2", "()", "1"}) {
     SCOPED_TRACE(filter);
@@ -582,7 +582,7 @@ TEST(ImportFilter, LoopsWithFiltersNest) {
   EXPECT_EQ(run.Output(kRecords), "12 14 34 end");
 }
 
-// A loop over the file with the filter, which calls functions of the script.
+// A loop over the file with a filter that calls functions of the script.
 std::string WithFunctions(const std::string& functions) {
   return FilteredLoop() + "exit\n" + functions;
 }
@@ -607,7 +607,7 @@ TEST(ImportFilter, MayCallFunctionsThatImportThemselves) {
   EXPECT_EQ(run.Output(kRecords), "1:2|y|;2:4|y|;end");
 }
 
-// A variable whose value comes from a function of the script.
+// A variable whose value a function of the script computes.
 class AskingVariable : public Variable {
  public:
   explicit AskingVariable(ImportRun* importing) : Variable("probe", 5), run(importing) {}
@@ -623,7 +623,7 @@ class AskingVariable : public Variable {
   ImportRun* run;
 };
 
-// The end of such a run is not the end of the filter that it runs in.
+// The end of such a nested run is not the end of the filter.
 TEST(ImportFilter, ItsOperandsMayRunFunctions) {
   ImportRun run(WithFunctions(".function g()\nincg count, 1\npushg a\npushi 2\nmod\nret\n.end\n"));
   run.machine.system.SetVariable(new AskingVariable(&run));
@@ -693,7 +693,7 @@ TEST(ImportFilter, ARunThatEndsInAFilterCountsItNoMore) {
   EXPECT_EQ(run.files.opens, 600);
 }
 
-// No text compiles to a return; the test writes one behind the code of the filter.
+// No text compiles to a return, so the test appends one to the filter's code.
 TEST(ImportFilter, AReturnInItIsOutsideOfAFunction) {
   ImportRun run(".function f()\n" + FilteredLoop() + "retn\n.end\n.segment 0\n");
   run.Set("filter", "1");
@@ -778,7 +778,7 @@ TEST(ImportFilter, RunsOftenAndIsAsRightAsAtFirst) {
 
 // --- The export ----------------------------------------------------------------------------------
 
-// Files in a directory, since those in memory have no append.
+// Files in a directory, because those in memory cannot be appended to.
 class ExportTest : public testing::Test {
  protected:
   ExportTest() : files(&machine.application) {
@@ -883,8 +883,8 @@ TEST_F(ExportTest, ABadNameWritesNothing) {
   EXPECT_EQ(Exported(), "");
 }
 
-// Values come back as they were, unless they have the delimiter in them, or there is nothing of a
-// record but its end.
+// Values are read back unchanged, unless they contain the delimiter, or the record is nothing but
+// its end.
 TEST_F(ExportTest, RandomValuesComeBack) {
   machine.Assemble(std::string(kExport) + R"(
         pushc "out"
@@ -907,7 +907,7 @@ TEST_F(ExportTest, RandomValuesComeBack) {
   };
   machine.Close();
   for (int round = 0; round < 300; round++) {
-    // The delimiter ends with a byte that no value has, and has none that is escaped.
+    // The delimiter ends with a byte that no value has, and contains no byte that is escaped.
     const std::string delimiter = text(0, 3, "ab,", 3) + "|";
     std::string values[3];
     for (std::string& value : values) value = text(0, 40, "\n\r\\nrab,\0\xff", 10);
@@ -918,7 +918,7 @@ TEST_F(ExportTest, RandomValuesComeBack) {
     machine.Close();
     machine.vm();
     ASSERT_EQ(machine.Go(), 1) << machine.Error();
-    // What stands in front of the first delimiter may end with the beginning of it.
+    // The text before a delimiter may end with the beginning of one.
     std::string record = values[0] + delimiter + values[1] + delimiter + values[2];
     std::vector<std::string> expected;
     for (size_t at = 0; expected.size() < 3;) {

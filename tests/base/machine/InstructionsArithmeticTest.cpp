@@ -74,7 +74,7 @@ TEST(InstructionsArithmetic, RemainderHasTheSignOfTheDividend) {
       {"pushf 7.9\npushf 2.9\nmod", "1"},
       {"pushc \"17\"\npushc \"5\"\nmod", "2"},
       {"pushi 7\npushc \"abc\"\nmod", "0"},
-      // The quotient of these does not fit.
+      // The quotient does not fit in an integer.
       {"pushi -2147483648\npushi -1\nmod", "0"},
       {"pushi 5\npushi -1\nmod", "0"},
       // A double that does not fit is the least integer.
@@ -169,17 +169,17 @@ TEST(InstructionsArithmetic, RoundingToDecimals) {
       {0, 2, "0.00", "0"},
       {1e20, 2, "100000000000000000000.00", "100000000000000000000"},
       {1234567.891, 1, "1234567.9", "1234567.9"},
-      // The first digit stands right behind the last place kept.
+      // The first digit directly follows the last kept place.
       {0.006, 2, "0.01", "0.01"},
       {0.005, 2, "0.00", "0"},
       {0.004, 2, "0.00", "0"},
       {0.0051, 2, "0.01", "0.01"},
-      // Further to the right it is looked at as if it stood there.
+      // A first digit further to the right is tested as if it were there.
       {0.0006, 2, "0.01", "0.01"},
       {0.0004, 2, "0.00", "0"},
       {0.00009, 2, "0.01", "0.01"},
       {-0.0006, 2, "-0.01", "-0.01"},
-      // With a precision of 0 or below nothing is rounded first.
+      // With 0 decimals or fewer, only the conversion to text rounds.
       {2.0, 0, "2", "2"},
       {-7.0, -3, "-7", "-7"},
   };
@@ -197,7 +197,7 @@ TEST(InstructionsArithmetic, RoundingToDecimals) {
   }
 }
 
-// The shortest digits of a value, rounded half to even at so many decimals: text by text.
+// The shortest digits of a value, rounded half to even to the given decimals, as text.
 std::string RoundedByDigits(double value, int decimals) {
   char buffer[400];
   const auto end =
@@ -228,7 +228,7 @@ double RandomValue(std::mt19937_64* random, int decimals) {
   switch ((*random)() % 4) {
     case 0: return 1 + static_cast<double>((*random)() % 100000000) / 1000;
     case 1: return 1 + static_cast<double>((*random)() % 1000000) / 7;
-    case 2: {  // a half behind the last decimal that is kept, or a neighbour
+    case 2: {  // a half after the last kept decimal, or a neighbour
       const auto tens = static_cast<double>(1000000000 + (*random)() % 9000000000);
       const double value = (tens * 10 + 5) / std::pow(10, decimals + 1);
       if ((*random)() % 2) return value;
@@ -310,14 +310,14 @@ TEST(InstructionsArithmetic, RoundingTakesTextAndHugePrecisions) {
       {"pushf 0.1\npushi 25\nrounds", "\"0.1000000000000000000000000\""},
       {"pushf 1e-300\npushi 400\nroundf", "d0"},
   });
-  // The digits of a number end long before this: the rest is zeros.
+  // A number's digits end long before this; the rest is zeros.
   Machine machine;
   machine.Assemble("pushf 0.5\npushi 100000\nrounds");
   EXPECT_EQ(machine.Go(), 1);
   EXPECT_EQ(PopText(machine.stack()), "0.5" + std::string(99999, '0'));
 }
 
-// Steps of the rounding as they are stated, on the digits of the number.
+// The rounding step by step, on the digits of the number.
 double Rounded(double value, int places) {
   char digits[512];
   int point, sign;
@@ -342,7 +342,7 @@ TEST(InstructionsArithmetic, RoundingOfManyNumbers) {
   for (int i = 0; i < 20000; i++) {
     int places = i % 3 ? rand() % 6 : rand() % 23;
     double value = (rand() % 2 ? 1 : -1) * (rand() % 2000000) / std::pow(10, rand() % 12);
-    // Numbers of all lengths beside those of few digits.
+    // Numbers of all lengths, besides those of few digits.
     if (i % 4 == 0) value *= 1 + rand() / 3e9;
     if (i % 64 == 0) value *= std::pow(10, rand() % 40 - 20);
     SCOPED_TRACE(testing::Message() << value << " to " << places);
@@ -352,7 +352,7 @@ TEST(InstructionsArithmetic, RoundingOfManyNumbers) {
     machine.OpDouble(Instruction::pushf, value).Op(Instruction::pushi, places);
     machine.Op(Instruction::rounds);
     ASSERT_EQ(machine.Go(), 1);
-    // The text is that of the rounded number, its memory included.
+    // The text is that of the rounded number, and so is the size of its buffer.
     int length, size;
     std::unique_ptr<char[]> text(
         machine.application.dtos(Rounded(value, places), &length, &size, places));

@@ -28,7 +28,7 @@ TEST(InstructionsComparison, CmpGivesTheDifferenceOfTheFirstBytesThatDiffer) {
       {"pushc \"ab\"\npushc \"abc\"\ncmp", "-1"},
       {"pushc \"abc\"\npushc \"ABC\"\ncmp", "32"},
       {"pushc \"\\xff\"\npushc \"a\"\ncmp", "158"},
-      // One side that is no number makes both texts.
+      // If one side is not a number, both are compared as texts.
       {"pushc \"abc\"\npushi 5\ncmp", "44"},
       {"pushi 5\npushc \"abc\"\ncmp", "-44"},
       {"pushf 0.5\npushc \"0.5x\"\ncmp", "-1"},
@@ -55,7 +55,7 @@ TEST(InstructionsComparison, AnswersOfAllComparisons) {
       // A chained text.
       {"pushi 1\npushi 2\ncat\npushi 12\n", 1, 0, 1, 1, 0, 0},
       {"pushi 12\npushi 1\npushi 2\ncat\n", 1, 0, 1, 1, 0, 0},
-      // Arrays are texts.
+      // Arrays are compared as texts.
       {"pushi 5\npushg x\npushi 1\nelem\nstore\npushg x\npushc \"5\"\n", 1, 0, 1, 1, 0, 0},
   };
   for (const auto& c : cases) {
@@ -113,7 +113,7 @@ TEST(InstructionsComparison, AndAndOrOfAllPairs) {
   }
 }
 
-// Both operands are taken and given up, also when one of them settles the answer.
+// Both operands are popped and released, even if one of them decides the result.
 TEST(InstructionsComparison, AndAndOrConsumeBothOperands) {
   for (const char* name : {"and", "or"}) {
     for (int truth : {0, 1}) {
@@ -145,7 +145,7 @@ TEST(InstructionsComparison, NullIsNoValueOrEmptyText) {
       {"pushs unknown\nisnull", "1"},
       {"pushi 0\npopg x\npushg x\nisnull", "0"},
       {"pushc \"\"\npopg x\npushg x\nisnull", "1"},
-      // An array is a value, whatever is in it.
+      // An array is never null, whatever it contains.
       {"pushg x\npushi 1\nelem\npop\npushg x\nisnull", "0"},
       {"pushg x\npushi 1\nelem\nisnull", "1"},
   });

@@ -72,7 +72,7 @@ TEST(InstructionsElements, MemberNamesAreNotChecked) {
   });
 }
 
-// A variable is an array or a structure or neither, as it was last written.
+// A variable is an array, a structure or neither, depending on the last write.
 TEST(InstructionsElements, WritingTheOtherKindDropsWhatWasThere) {
   ExpectStacks({
       {"pushi 7\npopg v\npushg v\npushi 1\nelem\npushg v\nisnull\npushg v", "() 0 ()"},
@@ -82,7 +82,7 @@ TEST(InstructionsElements, WritingTheOtherKindDropsWhatWasThere) {
       {"pushi 7\npushg v\npushi 1\nelem\nstore\npushi 8\npushg v\npushc \"m\"\nmemb\nstore\n"
        "pushg v\npushi 1\nelem_readonly\npushg v",
        "(null) (8)"},
-      // Looking for the wrong kind drops nothing.
+      // Reading an element of the wrong kind drops nothing.
       {"pushi 7\npushg v\npushi 1\nelem\nstore\npushg v\npushc \"m\"\nmemb_readonly\npushg v",
        "(null) (7)"},
   });
@@ -130,7 +130,7 @@ TEST(InstructionsElements, ConstantsHaveNone) {
   });
 }
 
-// The entry on the stack keeps the element whatever becomes of the array.
+// The entry on the stack keeps the element, whatever happens to the array.
 TEST(InstructionsElements, ElementsOutliveTheirArray) {
   for (const char* name : {"elem", "elem_readonly"}) {
     ExpectStack({(std::string("pushc \"kept\"\npushg a\npushi 1\nelem\nstore\npushg a\npushi 1\n") +

@@ -1,4 +1,4 @@
-// What a script says about its errors: lines, files, settings of tags, and the log.
+// How a script controls its errors: lines, files, settings of tags, and the log.
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@ namespace {
 
 using Records = std::vector<std::string>;
 
-// The log of a script at a level, whatever the script comes to.
+// The log of a script at a level, whether or not the script fails.
 Records LogOf(const std::string& code, unsigned level, bool timed_out = false) {
   Machine machine;
   machine.application.config()->SetValue_Integer(Config_log_level, static_cast<int>(level));
@@ -43,7 +43,7 @@ TEST(InstructionsErrors, RuntimeErrorsAreLoggedWithTheirTag) {
   const Records expected = {
       "Runtime Error|dir/page.zpc||7|(in expression)|Array index must be positive integer"};
   EXPECT_EQ(LogOf(code, Log_RuntimeError), expected);
-  // Also where nobody is shown anything.
+  // Errors that are not shown are logged too.
   EXPECT_EQ(LogOf("tagerror 62, 0\n" + code, Log_RuntimeError), expected);
   EXPECT_EQ(LogOf(code, Log_FatalError), Records{});
 }
@@ -53,7 +53,8 @@ TEST(InstructionsErrors, TimeOutsAreLogged) {
             Records{"Application Timed Out|dir/page.zpc||0"});
 }
 
-// The flags of the frame and the settings of the tag decide each for themselves.
+// Both the frame's flags and the tag's settings can hide an error; only the settings decide whether
+// it ends the script.
 TEST(InstructionsErrors, ShownAndEnding) {
   for (int settings = 0; settings < 4; settings++) {
     for (int flags = 0; flags < 8; flags++) {
@@ -69,7 +70,7 @@ TEST(InstructionsErrors, ShownAndEnding) {
   }
 }
 
-// A fatal error is shown, whatever the frame's flags are.
+// A fatal error is shown even if the frame's flags hide errors.
 TEST(InstructionsErrors, FatalErrorsAreAlwaysShown) {
   Machine machine;
   machine.Assemble("erroutput 0\npop");

@@ -1,4 +1,4 @@
-// Fused instructions on global variables. Each does what the instructions do that it stands for.
+// Fused instructions on global variables. Each does the same as the instructions that it replaces.
 
 #include <gtest/gtest.h>
 
@@ -29,7 +29,7 @@ const char* const values[] = {
 };
 const int numbers[] = {0, 1, -1, 5, 10, 2147483647, -2147483647 - 1};
 
-// What a script leaves on the stack and in x.
+// Runs a script and returns what it leaves on the stack and in x.
 std::string Outcome(const std::string& code) {
   Machine machine;
   machine.Assemble(code);
@@ -108,7 +108,7 @@ TEST(InstructionsFused, ModggIsTheRemainder) {
   });
 }
 
-// The script fails, and nothing else.
+// Only the script fails; the process does not trap.
 TEST(InstructionsFused, ModggByZeroIsFatal) {
   ExpectFailures({
       {"pushi 7\npopg x\npushi 0\npopg y\nmodgg x, y", "Illegal Instruction"},

@@ -1,4 +1,4 @@
-// Jumps.
+// Jumps: their conditions, distances, and targets outside of the segment.
 
 #include <gtest/gtest.h>
 
@@ -50,7 +50,7 @@ TEST(InstructionsJumps, LoopsRunAsOftenAsTheyCount) {
   EXPECT_EQ(machine.stack().Entries(), 0);
 }
 
-// The jump ends at offset 14 of a segment of 22 bytes.
+// The instruction ends at offset 14 of a segment of 22 bytes.
 TEST(InstructionsJumps, OutOfTheSegmentIsItsEnd) {
   for (int distance : {7, 8, 1000000, 2147483647, -15, -1000000, -2147483647 - 1}) {
     SCOPED_TRACE(distance);

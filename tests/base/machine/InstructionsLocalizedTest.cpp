@@ -1,4 +1,4 @@
-// Texts in the visitor's language, as scripts write them.
+// The instructions that write texts in the visitor's language.
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 
 namespace {
 
-// German has one message more than English, which is the default language.
+// German has one more message than English, which is the default language.
 const std::string texts =
     ".language \"en-US\"\n"
     ".message welcome \"Welcome, \" name \"!\"\n"
@@ -20,7 +20,7 @@ const std::string texts =
     ".message only_german \"Deutsch\"\n"
     ".message both a \" und \" b \" und \" a\n";
 
-// What a script writes in a language, having run to its end.
+// Runs a script to its end in a language and returns its output.
 std::string Written(const std::string& code, const char* language = "de") {
   Machine machine;
   machine.Assemble(texts + code);
@@ -92,7 +92,7 @@ TEST(InstructionsLocalized, ParametersKeepTheValueThatTheyWereGiven) {
             "Willkommen, long!");
 }
 
-// Whatever became of the text that they were meant for.
+// This is so whether or not the text that they were set for was written.
 TEST(InstructionsLocalized, ParametersServeForOneTextOnly) {
   const std::string set = "pushc \"Ada\"\npoplvnc name\n";
   for (const char* first : {"localize welcome\n", "localize only_german\n", "localize nowhere\n",
@@ -189,7 +189,7 @@ std::string Piece(int literal, int text, int next) {
 
 TEST(InstructionsLocalized, ACircleOfPiecesEndsWithTheirCount) {
   using CompiledFileBytes::LE32;
-  // The dictionary's entry 1 is "t", in whatever order the assembler has made them.
+  // Entry 1 of the dictionary is "t", in whatever order the assembler has made the entries.
   for (int next : {0, 1}) {
     SCOPED_TRACE(next);
     Machine machine;

@@ -1,4 +1,4 @@
-// Output, hidden form fields, captures, and the words that other units of the machine bring.
+// Output, hidden form fields, captures, and the instructions that this build does not run.
 
 #include <gtest/gtest.h>
 
@@ -47,7 +47,7 @@ TEST(InstructionsOutput, CompressedOutputFollowsTheMode) {
   EXPECT_EQ(Written("stdoutput 2\npushc \"a  b\\n\\n c\"\nout_comp"), "a b\nc");
   EXPECT_EQ(Written("stdoutput 2\npushi 12\npushc \"   \"\ncat\nout_comp\npushf 0.5\nout_comp"),
             "12 0.5");
-  // A mode that both bits are set in is the first one.
+  // If both bits of the mode are set, the first counts.
   EXPECT_EQ(Written("stdoutput 3\npushc \"a  b \"\nout_comp\npushc \"  c\"\nout_comp"), "a  b  c");
 }
 
@@ -82,7 +82,8 @@ TEST(InstructionsOutput, HideWritesFormFields) {
             Hidden("x", "1") + Hidden("y", "2"));
   EXPECT_EQ(Written("pushc \"\"\nhide\npushc \" , \"\nhide"), "");
   EXPECT_EQ(Written("pushi 1\npopg x\npushc \"g.x\"\nhide"), Hidden("x", "1"));
-  // Not there: the name as it was given, without a value. A bare name is a new global.
+  // A name without a variable is written as given, with an empty value. A bare name is a new
+  // global.
   EXPECT_EQ(Written("pushc \"s.nothing\"\nhide"), Hidden("s.nothing", ""));
   EXPECT_EQ(Written("pushc \"nothing\"\nhide"), Hidden("nothing", ""));
 }
@@ -145,7 +146,7 @@ TEST(InstructionsOutput, CaptureIntoAnElement) {
   EXPECT_EQ(Written("pushg a\npushi 2\nelem\ncapture\npushi 7\nout\ncapture_end\npushi 0\npopg b\n"
                     "pushg a\nout"),
             "7");
-  // The element's array goes while the capture is open.
+  // The element's array is overwritten while the capture is open.
   EXPECT_EQ(Written("pushg a\npushi 2\nelem\ncapture\npushi 7\nout\npushi 0\npopg a\ncapture_end\n"
                     "pushg a\nout"),
             "0");
@@ -166,7 +167,7 @@ TEST(InstructionsOutput, EveryWordHasAHandlerOrSaysSo) {
     SCOPED_TRACE(row.name);
     bool to_come = words_to_come.count(row.name) || row.word >> 8 == 2;
     Machine machine;
-    // A variable that is 1, so that no instruction divides by nothing.
+    // A variable that is 1, so that no instruction divides by 0.
     machine.global.Insert(new Variable("x", 1, 1));
     machine.Op(row.word);
     for (int b = 0;

@@ -11,10 +11,10 @@ TEST(InstructionsReferences, TopRefersToTheOneBelow) {
       {"pushi 1\npopg v\npushi 2\npopg w\npushg v\npushg w\nrefer\npushg w", "(1)"},
       {"pushg v\npushg w\nrefer\npushi 5\npopg w\npushg v", "(5)"},
       {"pushg v\npushg w\nrefer\npushi 5\npopg v\npushg w", "(5)"},
-      // Elements of the one are elements of the other.
+      // The two have the same elements.
       {"pushg v\npushg w\nrefer\npushi 5\npushg w\npushi 2\nelem\nstore\npushg v\npushi 2\nelem",
        "(5)"},
-      // To an element, which stays when its array goes.
+      // A reference to an element, which outlives its array.
       {"pushi 1\npushg a\npushi 1\nelem\nstore\npushg a\npushi 1\nelem\npushg w\nrefer\n"
        "pushi 9\npopg a\npushg w",
        "(1)"},
@@ -52,7 +52,7 @@ TEST(InstructionsReferences, NoReferenceEndsAtItself) {
   });
 }
 
-// x[1] refers to x: a circle, which walks must not follow for ever.
+// x[1] refers to x: a circle, which walks must not follow without end.
 TEST(InstructionsReferences, AnElementMayReferToItsArray) {
   Machine machine;
   machine.Assemble(
@@ -102,7 +102,7 @@ TEST(InstructionsReferences, NamesBecomeReferences) {
       {"pushi 1\npopg v\npushg v\npoprnc \"g.w\"\npushi 2\npopg w\npushg v", "(2)"},
       {"pushi 1\npopg v\npushg v\npoprnc \"w[3]:m\"\npushi 2\npopg v\npushg w", "(2)"},
       {"pushi 1\npopg v\npushg v\npushc \"w\"\npushi 1\ncat\npoprn\npushnc w1", "(1)"},
-      // Nothing of that name: the variable is dropped, and that is all.
+      // If there is no variable of that name, the operand is dropped and nothing else happens.
       {"pushi 1\npopg v\npushi 5\npushg v\npushc \"s.nothing\"\npoprn", "5"},
       {"pushi 1\npopg v\npushi 5\npushg v\npoprnc \"s.nothing\"", "5"},
   });
@@ -112,9 +112,9 @@ TEST(InstructionsReferences, PositionsAreBoundAnew) {
   ExpectStacks({
       {"pushi 1\npopg v\npushg v\npoprg w\npushi 2\npopg w\npushg v", "(2)"},
       {"pushi 1\npopg v\npushg v\npoprl w\npushi 2\npopl w\npushg v", "(2)"},
-      // The variable that was there stays with whoever holds it.
+      // The previous variable stays valid for its other holders.
       {"pushi 1\npopg v\npushi 2\npopg w\npushg w\npushg v\npoprg w\npushg w", "(2) (1)"},
-      // An element; the position's own variable; a position that is none.
+      // An element; the position's own variable; an invalid position.
       {"pushi 7\npushg a\npushi 1\nelem\nstore\npushg a\npushi 1\nelem\npoprg w\npushi 8\npopg w\n"
        "pushg a",
        "(8)"},

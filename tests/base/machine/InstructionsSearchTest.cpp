@@ -9,7 +9,7 @@
 
 namespace {
 
-// What a search instruction answers.
+// Runs a search instruction and returns its result.
 int Search(const char* instruction, const std::string& needle, const std::string& text) {
   Machine machine;
   machine.Text(needle).Text(text).Op(Instruction::Find(instruction, -1)->word);
@@ -37,10 +37,10 @@ TEST(InstructionsSearch, PositionsOfFirstAndLastByte) {
       {"", "abc", 1, 1, 0, 0},
       {"", "", 1, 1, 0, 0},
       {"a", "", 0, 0, 0, 0},
-      // Bytes are bytes.
+      // Bytes of any value, NUL included.
       {"\0b"s, "a\0b"s, 2, 2, 3, 3},
       {"\xe4", "\xc4\xe4", 2, 2, 2, 2},
-      // Letters differ from what stands 32 away from them in the table.
+      // Only letters have a counterpart of the other case 32 places away.
       {"[", "{[", 2, 2, 2, 2},
       {"@", "`@", 2, 2, 2, 2},
   };
@@ -64,7 +64,7 @@ std::string Lower(std::string text) {
   return text;
 }
 
-// Texts on both sides of the length from which on another search is used.
+// Texts shorter and longer than the length at which another search takes over.
 TEST(InstructionsSearch, AgreesWithAPlainSearch) {
   srand(11);
   for (int i = 0; i < 1500; i++) {

@@ -151,12 +151,12 @@ TEST(InstructionsVariableAccess, NamesResolveByScope) {
       {"pushi 5\npopg x\npushnc \"s.x\"", "(null)"},
       {"pushi 5\npopg x\npushnc \"d.x\"", "(null)"},
       {"pushi 5\npopg x\npushnc \"db.d.x\"", "(null)"},
-      // A name that nothing has yet is a new global.
+      // A name without a variable is a new global.
       {"pushnc fresh", "()"},
       {"pushc \"fr\"\npushc \"esh\"\ncat\npushn", "()"},
       {"pushi 5\npopg x\npushc \"x\"\npushn", "(5)"},
       {"pushi 5\npopg x\npushc \"x\"\npopg name\npushg name\npushn", "(5)"},
-      // Paths lead to elements, which are made on the way.
+      // Paths lead to elements, which are created if they are missing.
       {"pushi 5\npushg x\npushi 2\nelem\nstore\npushnc \"x[2]\"", "(5)"},
       {"pushi 5\npushg x\npushc \"m\"\nmemb\nstore\npushnc \"x:M\"", "(5)"},
       {"pushnc \"x:a[3]:b\"\npushi 7\nswap\nstore\npushg x\npushc \"a\"\nmemb", "(7)"},
@@ -185,7 +185,7 @@ TEST(InstructionsVariableAccess, SystemVariablesComeBeforeGlobals) {
   EXPECT_EQ(machine.StackText(), "(9) (1)");
 }
 
-// A name of the system table whose variable was never made is passed over.
+// A name of the system table without a variable is skipped.
 TEST(InstructionsVariableAccess, ReservedSystemNamesHideNothing) {
   Machine machine;
   machine.Assemble("pushs reserved\npop\npushi 1\npopnc reserved\npushnc reserved");
@@ -256,7 +256,7 @@ TEST(InstructionsVariableAccess, StoreAssignsBelowToTop) {
       {"pushi 1\npopg x\npushi 2\npopg y\npushg x\npushg y\nstore\npushg x\npushg y", "(1) (1)"},
       {"pushi 1\npopg x\npushg x\npushg x\nstore\npushg x", "(1)"},
       {"pushi 9\npushs unknown\nstore", ""},
-      // An element becomes the value of the array that it lies in.
+      // An element is assigned to its own array.
       {"pushi 5\npushg x\npushi 1\nelem\nstore\npushg x\npushi 1\nelem\npushg x\nstore\n"
        "pushg x\nisnull\npushg x",
        "0 (5)"},
@@ -271,7 +271,7 @@ TEST(InstructionsVariableAccess, StoreAssignsBelowToTop) {
 
 // --- Shadowed system variables -------------------------------------------------------------------
 
-// Runs something of the test's when the script writes.
+// Calls a function of the test when the script writes.
 class CallingOutput : public RecordingOutput {
  public:
   int Write(const char* bytes, int length) override {

@@ -1,6 +1,6 @@
-// What one instruction can make long: its cost grows with the size of what it is given and no
-// faster, and it ends soon when the time is over while it runs. Here the time runs out when an
-// operand is read, or is over before the work begins: what is small is done whole all the same.
+// Work that one instruction can make long: its cost is linear in the size of its operands, and it
+// ends soon after the time limit passes. In these tests the limit passes when an operand is read,
+// or before the work begins; small work is done completely all the same.
 
 #include <gmock/gmock.h>
 
@@ -31,7 +31,7 @@ using testing::StartsWith;
 
 const char kTimedOut[] = "Application timed out";
 
-// For as long as it exists, all work is past its time.
+// As long as one exists, the time limit of all work has passed.
 class TimeIsOver {
  public:
   TimeIsOver() : limit(&flag) {}
@@ -47,7 +47,7 @@ VariableRef ArrayOf(int count, const char* text) {
   return array;
 }
 
-// As a tree, where ArrayOf makes a row.
+// Keeps its elements in a tree, while ArrayOf makes a row.
 VariableRef StructureOf(int count) {
   VariableRef structure(new Variable("structure", -1));
   for (int i = 1; i <= count; i++) {
@@ -78,7 +78,7 @@ TEST(LongWork, AStringGrowsInLinearTimeTextAfterText) {
   });
 }
 
-// As calls within calls leave them, each on a stack of its own.
+// As nested calls leave them, each on a stack of its own.
 TEST(LongWork, ConcatenationsThatWaitAreDroppedInLinearTime) {
   ExpectNearLinear(10000, [](int size) {
     std::vector<VariableRef> variables;
@@ -151,7 +151,7 @@ TEST(LongWork, WithoutALimitNothingIsCut) {
 
 // --- Values that are met again and again ---------------------------------------------------------
 
-// An array whose text, or whose copy, would have 2 to the power levels elements.
+// An array whose text or copy would have 2 to the power of levels elements.
 class Doubling {
  public:
   explicit Doubling(Machine* machine, int levels)
@@ -188,7 +188,7 @@ struct LongInstruction {
   const char* code;
 };
 
-// Each would take longer than anyone waits.
+// Without the limit, each would practically never end.
 TEST(LongWork, AValueBeyondAllBoundsIsLeftWhenTheTimeIsOver) {
   const LongInstruction instructions[] = {
       {"as a text", "pushg big\nout\n"},
@@ -228,7 +228,7 @@ TEST(LongWork, AValueBeyondAllBoundsIsLeftWhenTheTimeIsOver) {
   }
 }
 
-// The flag comes from another thread, once the script has begun.
+// Another thread sets the flag after the script has begun.
 TEST(LongWork, AnotherThreadEndsAnInstruction) {
   Machine machine;
   machine.Assemble(".global big\nl: pushg big\nnot\npop\njmp l\n");
@@ -273,7 +273,7 @@ TEST(LongWork, PastTheTimeACopyLacksElementsAndIsSound) {
     }
     EXPECT_EQ(source->ElementsUsed(), 5000);
     EXPECT_LT(copy->value().length, source->value().length);
-    // It can be used like any other.
+    // The copy can be used like any other value.
     copy->SetValue(*source);
     EXPECT_EQ(TextOfValue(copy.get()), TextOfValue(source.get()));
   }
@@ -315,14 +315,14 @@ TEST(LongWork, PastTheTimeATableIsNotClonedWhole) {
 
 // --- References ----------------------------------------------------------------------------------
 
-// As many counts as the chain of references has links: counted one by one it is quadratic.
+// As many holders as the chain of references has links: counted one by one, that is quadratic.
 TEST(LongWork, ManyHoldersOfALongChainAreCountedTogether) {
   ExpectNearLinear(20000, [](int size) {
     const VariableRef first(new Variable());
     Variable* last = first.get();
     for (int i = 0; i < size; i++) {
-      // Held by the link before it alone, and linked while nothing is behind it: each costs the
-      // same.
+      // Only the previous link holds it, and it is linked before it has a successor, so that each
+      // link costs the same.
       auto* next = new Variable();
       last->Make_Reference(next);
       next->DecRefCount();
@@ -401,7 +401,8 @@ TEST(LongWork, AFilterThatIsNotCompiledInTimeIsNoError) {
 
 // --- Libraries -----------------------------------------------------------------------------------
 
-// Reads its argument as a text, which takes until the time is over, and asks for new time.
+// Reads its argument as a text, which takes until the time limit passes, and then asks for a new
+// time limit.
 void ReadAndAskForTime(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result, void**) {
   if (!program) return;
   Variable* argument = nullptr;
@@ -492,7 +493,7 @@ TEST(LongWork, AnImportedRecordIsDealtOutInTime) {
 )");
   machine.files.files["in"] = record + "\n";
   machine.global.SetVariable("names", -1, names.data(), static_cast<int>(names.size()));
-  // The record's first field is stored through it.
+  // The variable of the record's first field: storing it sets the flag.
   class Stored : public Variable {
    public:
     explicit Stored(int* flag) : Variable("n0", 2), over(flag) {}
@@ -562,7 +563,7 @@ TEST(LongWork, SearchesOfTextsThatRepeatThemselvesAreLinear) {
   }
 }
 
-// A match in the second part of a text that is searched by parts, or across their border.
+// A match in the second part of a text that is searched in parts, or across their border.
 TEST(LongWork, AMatchIsFoundWhereverThePartsOfALongTextEnd) {
   const int border = RunLimit::Bytes;
   const std::string needle = "Needle";

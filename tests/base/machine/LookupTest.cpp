@@ -81,7 +81,7 @@ TEST_F(Lookup, FollowsPaths) {
   element->SetValue("x", 1);
   EXPECT_EQ(Value("g.list[ 2 ]:NAME"), "x");
   EXPECT_EQ(machine.GlobalVariable("list")->Max(), 2);
-  // Of a system variable nothing is made.
+  // Nothing is created in a system variable.
   EXPECT_EQ(Find("s.path:member"), nullptr);
   EXPECT_EQ(Value("s.path"), "of the system");
 }
@@ -117,7 +117,7 @@ TEST_F(Lookup, NothingFoundIsNoFailure) {
 TEST_F(Lookup, GlobalsByTheirBareName) {
   EXPECT_EQ(machine.vm().Lookup_Global("path", -1), machine.GlobalVariable("path"));
   EXPECT_EQ(machine.vm().Lookup_Global("COUNT", 5), machine.GlobalVariable("count"));
-  // A name that is known gets its variable.
+  // A known name gets its variable.
   EXPECT_NE(machine.vm().Lookup_Global("reserved", -1), nullptr);
   EXPECT_NE(machine.GlobalVariable("reserved"), nullptr);
 }
@@ -213,7 +213,7 @@ TEST_F(Lookup, HiddenArraysAreInOrderWhateverTheirSize) {
 }
 
 TEST_F(Lookup, HiddenCirclesAndDepthsEnd) {
-  // An element that refers to its array is met as empty.
+  // An element that refers to its array counts as empty.
   auto* circle = new Variable("c", 1);
   circle->Element(AggregateIndex(1), 1)->SetValue_Integer(1);
   circle->Element(AggregateIndex(2), 1)->Make_Reference(circle);
@@ -221,7 +221,7 @@ TEST_F(Lookup, HiddenCirclesAndDepthsEnd) {
   EXPECT_EQ(machine.Output().substr(0, Field("c[1]", "1").size()), Field("c[1]", "1"));
   circle->SetNULL();
   circle->DecRefCount();
-  // A chain far deeper than the native stack would take.
+  // A chain far deeper than the native stack allows.
   Machine other;
   Variable deep;
   Variable* end = &deep;

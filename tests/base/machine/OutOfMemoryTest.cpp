@@ -1,4 +1,4 @@
-// Scripts that run out of memory, at any place: they end with an error, and give all back.
+// Scripts that run out of memory at any place: they end with an error and release everything.
 
 #include <gtest/gtest.h>
 
@@ -67,7 +67,7 @@ class NativeLibraries : public ExternalLibraryManager {
 
 // --- A request -----------------------------------------------------------------------------------
 
-// From the load of the file to the end of its machine and tables, with its tasks.
+// A whole request, from loading the file to deleting its machine and tables, with its tasks.
 void RunScript(const std::string& image, const std::string& other, int log_level) {
   ScriptFiles files;
   files.files["script"] = image;
@@ -94,7 +94,7 @@ void RunScript(const std::string& image, const std::string& other, int log_level
     machine.Load(image);
     machine.application.SetLanguage("de");
     machine.Go();
-    // Tasks run on when the request is over.
+    // Tasks outlive the request.
     machine.Close();
     in_task = true;
     for (const auto& task : tasks) {
@@ -136,7 +136,7 @@ TEST_F(OutOfMemory, NoLogRecordLosesValues) {
       -1);
 }
 
-// Code that runs often is decoded, and an array without gaps is kept as a row.
+// This covers decoded code, and an array without gaps, which is kept as a row.
 TEST_F(OutOfMemory, AnArrayThatGrowsInALoopIsGivenBack) {
   ExpectNothingIsLostOf(
       "again: pushc \"some text\"\npushg i\ncat\npushg a\npushg i\npushi 1\nadd\nelem\nstore\n"
@@ -190,7 +190,7 @@ TEST_F(OutOfMemory, FormsLoseNothing) {
   });
 }
 
-// --- What the run comes to -----------------------------------------------------------------------
+// --- The result of the run -----------------------------------------------------------------------
 
 const char* const kGrowing =
     "pushc \"before\"\nout\n"
@@ -228,7 +228,8 @@ TEST_F(OutOfMemory, ARunThatFollowsHasAllOfItsMemory) {
   (void)before;
 }
 
-// A text doubles in a few instructions: the block that is too large is refused, and not made first.
+// A text doubles with each few instructions. The block that is too large is refused before it is
+// allocated.
 TEST_F(OutOfMemory, ABlockBeyondTheLimitIsNotMade) {
   ThreadMemory::Begin();
   ThreadMemory::SetLimit(64 << 20);
@@ -242,7 +243,7 @@ TEST_F(OutOfMemory, ABlockBeyondTheLimitIsNotMade) {
   ThreadMemory::End();
 }
 
-// The other file's run ends first, and with it that of the page.
+// The run of the other file ends first, and the page ends with it.
 TEST_F(OutOfMemory, OfAnotherFileEndsThePage) {
   ScriptFiles files;
   files.Script("dir/part.zpc", kGrowing);

@@ -99,7 +99,7 @@ TEST_F(RunFunction, AFunctionThatRunsOffItsEndLeavesTheMachineInOrder) {
   EXPECT_EQ(machine.Go(), 1);
 }
 
-// Calls a script function while the machine runs, as native code within an instruction does.
+// Calls a script function while the machine runs, as native code in an instruction does.
 class CallingOutput : public RecordingOutput {
  public:
   int Write(const char* bytes, int length) override {
@@ -188,7 +188,7 @@ TEST_F(RunFunctionWithin, ExitEndsTheWholeScript) {
   EXPECT_EQ(output.text, "");
 }
 
-// Native code that calls a script that calls native code: each level takes native stack.
+// Native code calls a script that calls native code again: each level uses native stack.
 TEST_F(RunFunctionWithin, EndlessNestingIsAStackOverflow) {
   machine.Assemble("pushc \"call\"\nout\n.segment 1\n.function f()\npushc \"call\"\nout\nretn");
   int depth = 0;
@@ -314,7 +314,8 @@ TEST_F(FileUpload, FailuresAnswerZero) {
   EXPECT_EQ(other.vm().ProcessFileUpload("f", 1, "n", 1, "s", 1, "p", 1, "t", 1, 2), 0);
 }
 
-// There is no answer to take, and no script to go on with behind a form that was not read.
+// The function has returned nothing, and the script must not continue with a form that was not
+// read.
 TEST_F(FileUpload, ExitIsAFailure) {
   machine.Assemble(".function Zeph_ValidateFileUpload(a, b, c)\npushi 5\nexit\nret");
   EXPECT_EQ(Validate(), 0);

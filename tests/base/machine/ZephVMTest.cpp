@@ -1,3 +1,5 @@
+// The machine's loop, its errors, variables, output, captures and features.
+
 #include "base/machine/ZephVM.h"
 
 #include <gtest/gtest.h>
@@ -60,7 +62,8 @@ TEST(ZephVM, UnknownWordsAreIllegal) {
 
 TEST(ZephVM, WordsDeclareTheirOperandsAlsoWhenUnknown) {
   Machine machine;
-  // Bits 15-14 and 13-12 both declare a double: 16 bytes are skipped before the error ends the run.
+  // Bits 15-14 and 13-12 both declare a double, so 16 bytes are skipped before the error ends the
+  // run.
   machine.Op(0xA123);
   machine.end += 16;
   machine.Text("x").Op(out);
@@ -169,7 +172,7 @@ TEST(ZephVM, LogFilterChoosesByFileAndLine) {
       {"a.zp:5-", "a.zp", 1000, true},
       {"a.zp:5-", "a.zp", 4, false},
       {"a.zp : 5 - 6 junk , b.zp", "a.zp", 6, true},
-      {"a.zp:", "a.zp", 1, true},  // no entry is made of it, so there is no filter
+      {"a.zp:", "a.zp", 1, true},  // makes no entry, so there is no filter
       {",,a.zp,,", "a.zp", 1, true},
   };
   for (const Case& c : cases) {
@@ -476,14 +479,14 @@ TEST(Feature, PopTakesThoseAboveOffAndKeepsThemUntilTheEnd) {
     EXPECT_EQ(deleted, (std::vector<int>{3, 1}));
     machine.vm().Heartbeat();
     EXPECT_EQ(features[4]->beats, 0);
-    // Not on the stack any more: nothing happens.
+    // It is no longer on the stack, so nothing happens.
     machine.vm().Pop_Feature(features[5]);
     EXPECT_EQ(deleted.size(), 2u);
   }
   EXPECT_EQ(deleted, (std::vector<int>{3, 1, 5, 4, 2}));
 }
 
-// Its end may look at the stack, as that of a capture does.
+// A feature that looks at the stack when it ends, as a capture does.
 class LookingFeature : public Feature {
  public:
   LookingFeature(Machine& machine, int type, std::vector<bool>* seen)
@@ -512,7 +515,7 @@ TEST(Feature, IsOffTheStackWhenItIsDeleted) {
   EXPECT_EQ(found, std::vector<bool>(5, false));
 }
 
-// It ends features, that of its own and others, while the beat goes on below them.
+// Pops features, itself and others, while the beat is passed on to those below.
 class PoppingFeature : public CountingFeature {
  public:
   using CountingFeature::CountingFeature;
@@ -572,7 +575,7 @@ TEST(Feature, PopOfNothingTakesTheTop) {
     machine.vm().Push_Feature(new CountingFeature(machine, 2, 2, &deleted));
     machine.vm().Pop_Feature(nullptr);
     EXPECT_EQ(deleted, std::vector<int>{2});
-    // The cursor was left elsewhere by a lookup; the pop is of the top all the same.
+    // A look-up has found another feature; the pop still takes the top.
     machine.vm().Push_Feature(new CountingFeature(machine, 3, 3, &deleted));
     machine.vm().Lookup_Feature(1);
     machine.vm().Pop_Feature(nullptr);

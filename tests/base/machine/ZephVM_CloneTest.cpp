@@ -1,6 +1,6 @@
-// Clones of machines, as background tasks have them. A script starts a task, and here the task is
-// run when the script has ended, mostly after all of the script is gone: whatever the two shared
-// would be missed then.
+// Clones of machines, as background tasks have them. A script starts a task, and the test runs it
+// after the script's end, mostly after the script's machine and tables are deleted, so that
+// anything the two shared would be missing.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -38,13 +38,13 @@ class TaskMachine : public testing::Test {
     Variable::FreeCycles();
   }
 
-  // Runs the script to its end; what it writes.
+  // Runs the script to its end and returns its output.
   std::string Script(const std::string& source) {
     script->Assemble(source);
     EXPECT_EQ(script->Go(), 1) << script->Error();
     return script->Output();
   }
-  // The same of the task, after all that the script had is gone.
+  // The same for the task, after everything of the script is deleted.
   std::string Task(int expected = 1) {
     EXPECT_TRUE(clone);
     if (!clone) return "";
@@ -179,7 +179,7 @@ TEST_F(TaskMachine, AParameterByReferenceIsDetached) {
 }
 
 TEST_F(TaskMachine, CallsMayBeDeep) {
-  // Each call adds its number to what the next one gives, in the script and in the task.
+  // Each call adds its number to the next call's result, in the script and in the task.
   const int depth = 20000;
   const std::string sum = std::to_string(depth * (depth + 1) / 2);
   EXPECT_EQ(Script("pushi " + std::to_string(depth) +
@@ -190,7 +190,7 @@ TEST_F(TaskMachine, CallsMayBeDeep) {
   EXPECT_EQ(Task(), sum);
 }
 
-// --- What lies on the stack ----------------------------------------------------------------------
+// --- Entries of the stack ------------------------------------------------------------------------
 
 TEST_F(TaskMachine, EntriesOfEveryKindAreCopied) {
   const std::string all = "out\nout\nout\nout\nout\n";
@@ -202,7 +202,7 @@ TEST_F(TaskMachine, EntriesOfEveryKindAreCopied) {
   EXPECT_EQ(Task(), "x3y in a variable  constant 2.51");
 }
 
-// A concatenation that is still going on is made of the variable's present text and what is behind.
+// A deferred text consists of the variable's current text and the bytes after it.
 TEST_F(TaskMachine, TextsThatAreStillPutTogetherAreWhole) {
   const std::string text(300, 't');
   EXPECT_EQ(Script("pushc \"" + text + "\"\npopg s\npushg s\npushc \" and more\"\ncat\n" +
@@ -235,7 +235,7 @@ TEST_F(TaskMachine, ParametersOfTextsAreTheTasksOwn) {
   EXPECT_EQ(Task(), "Hello, Ada!Hello, Zoe!");
 }
 
-// The file of the script is not the task's: it has the languages that the script has looked into.
+// The task does not have the script's file, only the languages that the script has read.
 TEST_F(TaskMachine, LanguagesAreThoseThatTheScriptHasUsed) {
   for (const bool used : {false, true}) {
     SCOPED_TRACE(used);
@@ -307,7 +307,7 @@ TEST_F(TaskMachine, AnImportIsNotTheTasks) {
   EXPECT_THAT(task_output.text, HasSubstr("Invalid instruction"));
 }
 
-// What a filter's frame leads back to is the import, which the task has not.
+// A filter's frame leads back to the import, which the task does not have.
 TEST_F(TaskMachine, ATaskThatAFilterStartsEndsWithTheFilter) {
   files.files["in"] = "1\n2\n";
   EXPECT_EQ(Script("pushc \"in\"\npushc \",\"\npushc \"a\"\npushc \"f() eq 7\"\nimportf done\n"
@@ -348,8 +348,8 @@ TEST_F(TaskMachine, ATaskOfAFileGoesOnToTheFilesEnd) {
   EXPECT_EQ(Task(), "task");
 }
 
-// The function works on the stack of its caller, whose entries are hidden meanwhile, and on its
-// locals.
+// The function works on the stack of its caller, whose entries are hidden meanwhile, and on the
+// caller's locals.
 TEST_F(TaskMachine, ATaskOfAFunctionOfAFileEndsWithTheExpression) {
   files.Script("dir/part.zpc",
                "exit\n.function f(v var)\n" +

@@ -1,3 +1,5 @@
+// The operand stack: conversions, comparison, concatenation, limits, and ownership of the entries.
+
 #include "base/machine/ZephVM_Stack.h"
 
 #include <gtest/gtest.h>
@@ -30,13 +32,13 @@ class ZephVM_StackTest : public testing::Test {
     stack().PushLinkBuffer(buffer, deletable);
     if (!deletable) kept.emplace_back(buffer);
   }
-  // A variable that only the stack's entry holds.
+  // Pushes a variable that only the entry holds.
   void PushDyingVariable(const char* text) {
     auto* variable = new Variable("v", 1);
     variable->SetValue(text, -1);
     stack().PushV(variable, 0, 1);
   }
-  // A variable that the test holds as well.
+  // Returns a variable that the test holds too.
   Variable* Held(const char* text) {
     auto* variable = new Variable("v", 1);
     variable->SetValue(text, -1);
@@ -227,8 +229,7 @@ TEST_F(ZephVM_StackTest, PopSOfVariablesCopiesOnlyWhatIsAboutToDie) {
 }
 
 TEST_F(ZephVM_StackTest, TextOfAVariableThatOnlyTheStackHoldsSurvivesTheSecondPop) {
-  // Both entries hold the variable and nobody else does: the first text must not lean on the
-  // second.
+  // Only the two entries hold the variable, so the first text must not depend on the second entry.
   auto* variable = new Variable("v", 1);
   variable->SetValue("both", -1);
   stack().PushV(variable, 0, 1);
@@ -460,7 +461,7 @@ TEST_F(ZephVM_StackTest, BothTextsOfACopiedVariableStayValid) {
   EXPECT_EQ(std::string(second.data(), 8), "variable");
 }
 
-// A variable that writes the text of each read over the one before.
+// A variable whose reads all write their text to the same buffer.
 class Reader : public Variable {
  public:
   Reader() : Variable("reader", 6) {}

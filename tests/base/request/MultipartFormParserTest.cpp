@@ -68,7 +68,7 @@ TEST(MultipartFormParser, APartThatHasNotEndedIsNoVariable) {
   const size_t second = body.find("--B", 3), end = body.find("--B", second + 3);
   for (size_t length = 0; length <= body.size(); length++) {
     SCOPED_TRACE(length);
-    // A boundary is complete when the byte behind it has come.
+    // A boundary is complete when the byte after it has come.
     std::string expected;
     if (length > second + 3) expected += "a=1;";
     if (length > end + 3) expected += "b=2;";
@@ -126,7 +126,7 @@ TEST(MultipartFormParser, Attributes) {
   });
 }
 
-// The words about the end of a line are those for any header that is not one of the two.
+// The same error text is used for any header that is not one of the two.
 TEST(MultipartFormParser, AnyOtherHeaderFailsTheBody) {
   const std::string premature = "{Premature end of line when expecting file header type}";
   ExpectAll({
@@ -141,13 +141,13 @@ TEST(MultipartFormParser, AnyOtherHeaderFailsTheBody) {
   });
 }
 
-// A colon behind another name is passed over, and what follows it is the name's too.
+// A colon after another name is skipped, and the text after it belongs to the name too.
 TEST(MultipartFormParser, ANameInTwoPiecesIsTheNameAllTheSame) {
   ExpectAll({{"a colon within",
               Part("Content-:Disposition: form-data; name=\"a\"", "1") + EndOfBody(), "a=1;"}});
 }
 
-// Without an attribute the line has no end: what follows is skipped up to the next ";".
+// Without an attribute the line has no end: everything up to the next ";" is skipped.
 TEST(MultipartFormParser, ADispositionWithoutAttributesSwallowsTheLinesBelow) {
   ExpectAll(
       {{"next part", Part("Content-Disposition: form-data", "1") + Field("b", "2") + EndOfBody(),
@@ -213,7 +213,7 @@ TEST(MultipartFormParser, AfterAFailureEveryBlockFails) {
   EXPECT_EQ(TextOf(parser.error()), "Found x when expected LF");
 }
 
-// How the type of the content names the boundary. The body is one field behind it.
+// How the content type names the boundary. The body is one field after it.
 TEST(MultipartFormParser, BoundariesAsClientsNameThem) {
   struct Boundary {
     const char* content_type;
@@ -325,7 +325,7 @@ TEST(MultipartFormParser, ANameThatNests) {
   EXPECT_EQ(Upload()({Field(name, "1") + EndOfBody()}), "x={1};");
 }
 
-// Random pieces of bodies in random blocks: the result is that of the whole body.
+// Random pieces of bodies in random blocks: the result is the same as for the whole body.
 TEST(MultipartFormParser, RandomBodiesAreTheSameInAnyBlocks) {
   const unsigned seed = std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed));

@@ -16,7 +16,7 @@
 
 namespace {
 
-// Counts of an application that are asked for, and answers that a test sets.
+// An application that counts the calls of SSL_Available and returns what a test sets.
 class CountingApplication : public MachineApplication {
  public:
   int SSL_Available() override {
@@ -54,7 +54,7 @@ class SpecialVariables : public testing::Test {
   NULLVariable nothing;
 };
 
-// The names of a table as a listing shows them.
+// The names of a table, in the order of a listing.
 std::string Listing(VariableHash* table) {
   VariableList all;
   table->AllocatedVars(&all);
@@ -89,7 +89,7 @@ TEST_F(SpecialVariables, AreNotMadeUntilSomebodyLooks) {
   EXPECT_EQ(table.Entries(), 38);
 }
 
-// Each look-up by itself, then listings and positions.
+// Each look-up on its own, then listings and positions.
 TEST_F(SpecialVariables, HaveOneOrderWhateverWasLookedUpFirst) {
   const std::string order = Listing(&table);
   void (*const looks[])(SystemVariableHash*) = {
@@ -140,7 +140,7 @@ TEST_F(SpecialVariables, AreThereByPositionBeforeAnyOtherQuestion) {
   EXPECT_EQ(table.Index(-1, 0), nullptr);
 }
 
-// The names stay, as those of all variables do.
+// The names remain, like those of all variables.
 TEST_F(SpecialVariables, AreGoneAfterADump) {
   for (bool seen : {false, true}) {
     SCOPED_TRACE(seen);
@@ -274,8 +274,8 @@ TEST_F(SpecialVariables, AReplacedOneStaysReplaced) {
 
 // --- The clock -----------------------------------------------------------------------------------
 
-// Every field lies between what the clock says before and behind the read, unless it has turned
-// over meanwhile, which a second try does not meet.
+// Every field is between the clock's values before and after the read, unless it has wrapped in
+// between; a second try then succeeds.
 TEST_F(SpecialVariables, TheClockIsReadFieldByField) {
   const struct {
     const char* name;
@@ -340,7 +340,8 @@ TEST_F(SpecialVariables, NamesOfTheClockAreNoNumbers) {
   }
 }
 
-// Each second of the table's time is one that the clock has shown, whenever it is asked for.
+// Each second of the table's time is one that the clock has shown, at whatever time a script reads
+// it.
 TEST_F(SpecialVariables, TheMomentOfTheTableStandsStill) {
   ZPTIME now;
   zp_gettimevalues(&now);
@@ -381,7 +382,7 @@ TEST_F(SpecialVariables, TheMomentOfTheTableStandsStill) {
   EXPECT_EQ(get("tm_usec"), microseconds);
   EXPECT_EQ(get("globaltimeout"), "90");
   EXPECT_EQ(get("zephversion"), "5.29");
-  // Also in a task that begins later, whether or not the run has asked for it.
+  // Also in a task that begins later, whether or not the run has read it.
   CountingApplication task;
   Dictionary names(dictionary);
   ClonedVariableHash copy(&task, &names, fresh);
@@ -517,7 +518,7 @@ TEST_F(SpecialVariables, SettingsOfTheScriptAreReadAndWritten) {
   }
 }
 
-// A change from outside shows at the next read, whatever is read.
+// A change from outside is visible at the next read, of any kind.
 TEST_F(SpecialVariables, AChangeFromOutsideIsSeenByEveryRead) {
   for (const TextSetting& s : text_settings) {
     SCOPED_TRACE(s.name);
@@ -681,7 +682,7 @@ TEST_F(SpecialVariables, ASettingShowsWhatItIsNow) {
   EXPECT_EQ(Text(Setting("TIMEOUT_GLOBAL")), "12");
   application.config()->SetValue(Config_dir_temp, "/somewhere", -1, 0);
   EXPECT_EQ(Text(Setting("dir_temp")), "/somewhere");
-  // A text that looks like a number is a text all the same.
+  // A text that looks like a number is still a text.
   application.config()->SetValue(Config_dir_temp, "42", -1, 0);
   EXPECT_EQ(Setting("dir_temp").value_integer(), 0);
 }

@@ -12,7 +12,7 @@ namespace {
 
 const char kTooMany[] = "failed: Maximum number of POST variables exceeded";
 
-// What comes of a body: an error in front, then the table.
+// The result of a body: an error first, if any, then the table.
 std::string Parsed(const Blocks& blocks, int limit = 0) {
   Dictionary dictionary;
   VariableHash table(&dictionary, 12, 512);
@@ -70,7 +70,7 @@ TEST(URLEncodedParser, ANameMayBeAPath) {
       {"list[2]=b&list[1]=a", "list=(a,b);"},
       {"list%5B2%5D=b", "list=(b);"},
       {"x:a:b:c=1", "x={1};"},
-      // A bad index stores nothing, but its variable is there.
+      // A bad index stores nothing, but its variable is made.
       {"list[x]=1&b=2", "list=;b=2;"},
       {"list[1=1&b=2", "list=;b=2;"},
   });
@@ -103,14 +103,15 @@ TEST(URLEncodedParser, AnEscapeThatTheEndCutsOffIsDropped) {
   });
 }
 
-// Kept as it is: the name has the length of the last one, and what this one did not write over.
+// Deliberate: the name gets the length of the last one, and keeps that one's bytes where it did not
+// overwrite them.
 TEST(URLEncodedParser, AnEscapeThatTheEndCutsOffInANameLeavesTheLengthOfTheLastName) {
   ExpectAll({
       {"ab%4", "=;"},
       {"a=1&bcd%4", "a=1;b=;"},
       {"abc=1&d%4", "abc=1;dbc=;"},
       {"abc=1&%", "abc=(1,);"},
-      // However many bytes are copied at once, no byte behind the name is written over.
+      // Copying several bytes at once overwrites no byte after the name.
       {"abcdefghijklmnop=1&x%41%42%", "abcdefghijklmnop=1;xABdefghijklmnop=;"},
       {"abcdefghijklmnop=1&x&y%zzzzzzzzzzzzzzzzzzzz%", "abcdefghijklmnop=1;x=;y=;"},
   });
@@ -156,7 +157,7 @@ TEST(URLEncodedParser, BytesThatMeanNothingStayAsTheyAre) {
   ExpectInAllCuts(body, expected + ";", [](const Blocks& blocks) { return Parsed(blocks); });
 }
 
-// A plain reading of the same rules, a byte at a time, as the truth for random bodies.
+// A simple implementation of the same rules, a byte at a time, to compare with on random bodies.
 std::string PlainReading(std::string_view body) {
   std::string text, name, value, bytes;
   std::vector<std::pair<std::string, std::string>> fields;
@@ -252,7 +253,7 @@ TEST(URLEncodedParser, NamesAndValuesOfAnyLength) {
   }
 }
 
-// The last name's length reaches beyond what is left of it; the bytes there are still its own.
+// The last name's length exceeds the rest of the cut one; the bytes there still belong to the body.
 TEST(URLEncodedParser, ACutNameAcrossAGrowingBufferHasNoForeignBytes) {
   const std::string first(510, 'a'), second(505, 'b');
   const std::string body = first + "=1&" + second + "%4";

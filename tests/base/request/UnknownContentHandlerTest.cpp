@@ -1,4 +1,4 @@
-// Bodies of a type that nobody knows.
+// Bodies of a type that has no parser.
 
 #include <gtest/gtest.h>
 
@@ -49,7 +49,7 @@ TEST(UnknownContentHandler, GrowsToAnyLength) {
   }
 }
 
-// The memory is that of what has come: with an address sanitizer two gigabytes would be refused.
+// Memory follows the bytes that arrive: an address sanitizer would refuse two gigabytes.
 TEST(UnknownContentHandler, ALengthOfTwoGigabytesAllocatesNothingInAdvance) {
   Dictionary dictionary;
   SystemVariableHash table(&dictionary, 12, 512);

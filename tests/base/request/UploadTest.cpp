@@ -1,4 +1,5 @@
-// Files in forms: what a script is asked, what it is told, what is stored and what is left.
+// Files in forms: the script's two functions and their arguments, and the files that are stored and
+// left.
 
 #include <gtest/gtest.h>
 
@@ -21,7 +22,7 @@ TEST(Upload, TheScriptIsAskedAndGetsTheFileWhereverABlockEnds) {
                   Accepts());
   ExpectInAllCuts(FilePart("f", "x", "y", "a\r\n--A\r\n\r") + EndOfBody(),
                   "ask(f|x|y)file(f|x|COMPLETE|ZEPH_FUP.0|y|9)[a\r\n--A\r\n\r]", Accepts());
-  // What begins as the boundary does is one, and what stands behind it is not right.
+  // Text that begins like the boundary is one, and the byte after it is then invalid.
   EXPECT_EQ(Accepts()({FilePart("f", "x", "y", content) + EndOfBody()}),
             "ask(f|x|y)file(f|x|COMPLETE|ZEPH_FUP.0|y|22)[line one\r\n--line two\r\n]"
             "{Found a when expected CR or '-'}");
@@ -45,7 +46,7 @@ TEST(Upload, AnEmptyFileNameMakesAPlainField) {
       "Content-Type: application/octet-stream\r\n\r\n\r\n" +
           EndOfBody(),
       "f=;", Accepts());
-  // So does any value that is too short to have quotes with something between.
+  // So does any value that is too short for two quotes with a byte between them.
   for (const char* name : {"", "x", "xy"}) {
     SCOPED_TRACE(name);
     EXPECT_EQ(Accepts()({std::string("--B\r\nContent-Disposition: form-data; name=\"f\"; "
@@ -78,7 +79,7 @@ TEST(Upload, TheTypeIsTheLastOneThatWasSeen) {
   EXPECT_EQ(Accepts()({untyped + EndOfBody()}), "ask(f|n|)file(f|n|COMPLETE|ZEPH_FUP.0||1)[1]");
   EXPECT_EQ(Accepts("-1")({FilePart("g", "x", "image/png", "") + untyped + EndOfBody()}),
             "ask(g|x|image/png)ask(f|n|image/png)");
-  // Blanks are dropped wherever they stand.
+  // Blanks are dropped at any place.
   EXPECT_EQ(Accepts("-1")({FilePart("g", "x", "text/plain; charset = utf-8", "") + EndOfBody()}),
             "ask(g|x|text/plain;charset=utf-8)");
 }
@@ -114,7 +115,7 @@ TEST(Upload, FilesDoNotCountAsVariables) {
 
 // --- The limit of a file -------------------------------------------------------------------------
 
-// A body of one file, as one block, has its bytes counted twice.
+// The bytes of a block count twice, so those of a file that is one block all do.
 TEST(Upload, AFileInOneBlockAboveHalfTheLimitIsCut) {
   struct Case {
     int bytes;
@@ -144,7 +145,8 @@ TEST(Upload, InManyBlocksTheCutComesABlockBeforeTheLimit) {
   const std::string head =
       "--B\r\nContent-Disposition: form-data; name=\"f\"; filename=\"n\"\r\n\r\n";
   const std::string block(1000, 'x'), end = "\r\n--B--";
-  // 1000 + 1000 is not above 2500, 2000 + 1000 is: the cut keeps 2500 - 2000 of the second block.
+  // 1000 + 1000 is not above 2500, 2000 + 1000 is: the cut keeps 2500 - 2000 bytes of the second
+  // block.
   EXPECT_EQ(Accepts("2500")({head, block, block, block, block, end}),
             "ask(f|n|)file(f|n|PARTIAL|ZEPH_FUP.0||4000)[" + std::string(1500, 'x') + "]");
   EXPECT_EQ(Accepts("3000")({head, block, block, block, end}),
@@ -185,7 +187,7 @@ TEST(Upload, AnErrorOrAnExitInAFunctionFailsTheBody) {
                     code + "\nretn\n.end\n";
     result = upload({FilePart("f", "n", "t", "x") + EndOfBody()});
     EXPECT_NE(result.find("Stack underflow"), std::string::npos) << result;
-    // The file is deleted all the same.
+    // The file is deleted anyway.
     EXPECT_NE(result.find("[x]{Failed call to ProcessFileUpload}"), std::string::npos) << result;
   }
 }

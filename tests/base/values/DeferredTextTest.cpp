@@ -1,5 +1,4 @@
-// base/values/DeferredText.h: what a script can see has to be the same as if the text had been
-// copied.
+// base/values/DeferredText.h: a script must see the same as if the text had been copied.
 
 #include <climits>
 #include <cstring>
@@ -83,7 +82,8 @@ TEST(DeferredText, MayBeginWithNothing) {
   EXPECT_EQ(Release(new DeferredText()), "");
 }
 
-// Into a buffer that is large enough, one that is not, and none; into what is no scalar.
+// Into a buffer that is large enough, into one that is not, into none, and into values that are no
+// scalar.
 TEST(DeferredText, WithoutAPrefixItIsAssignedAsAStoreWouldBe) {
   for (const bool adopt : {false, true}) {
     for (const string& old : {string(), string(10, 'o'), string(100, 'o')}) {
@@ -133,7 +133,7 @@ TEST(DeferredText, BeginsOnlyWhereThePrefixCanBeWatched) {
   const VariableRef gone = New(Long);
   gone->Make_NULL();
   EXPECT_EQ(DeferredText::Begin(gone.get()), nullptr);
-  // A text with other bytes behind its end.
+  // A text with other bytes after its end.
   const VariableRef chopped = New(Long);
   chopped->value().chop(1);
   EXPECT_EQ(DeferredText::Begin(chopped.get()), nullptr);
@@ -240,7 +240,7 @@ TEST(DeferredText, DroppedItLeavesAPlainVariable) {
   EXPECT_EQ(Text(s), Long);
 }
 
-// Both ways on one variable each, over many lengths: texts and sizes have to agree.
+// Both ways, each on its own variable, over many lengths: texts and sizes must agree.
 TEST(DeferredText, AssignedToItsVariableItIsWhatAStoreOfTheWholeTextLeaves) {
   for (const bool adopt : {false, true}) {
     const VariableRef deferred = New(Long);
@@ -338,7 +338,7 @@ TEST(DeferredText, ALongTextGrowsInLinearTime) {
   EXPECT_EQ(s->value().length, 300 + 300000 * 6 + 1688890);
 }
 
-// Frames that are left by an error have their texts still.
+// Frames that an error has ended still have their texts.
 TEST(DeferredText, ManyAreDeletedInTimeByTheirNumber) {
   struct Watched {
     VariableRef variable;
@@ -381,8 +381,8 @@ TEST(DeferredText, AVariableIsWatchedByAllThatBeganWithIt) {
 
 // --- Random scripts ------------------------------------------------------------------------------
 
-// Writes statements that build, keep and change texts, and works out what the variables then have.
-// A text that was concatenated is what it was then, whatever becomes of its variables.
+// Writes statements that build, keep and change texts, and computes the resulting values of the
+// variables. A concatenated text stays as it was, whatever happens to its variables.
 class TextScript {
  public:
   explicit TextScript(unsigned seed) : random(seed) {
@@ -443,7 +443,7 @@ class TextScript {
   }
   void Statement() {
     const size_t which = Below(Variables);
-    // Texts stay of a length that tests can have.
+    // Keeps the texts short enough for a test.
     if (values[which].size() > 3000 || Below(12) == 0) {
       source += "pushc \"" + string(150, 'z') + "\"\n";
       Store(which, string(150, 'z'));

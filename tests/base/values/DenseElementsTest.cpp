@@ -1,5 +1,5 @@
-// Arrays without a gap against the splay tree that they stand for: over random histories, every
-// answer and, at the end, the shape of the tree have to be those of the tree itself.
+// Compares arrays without a gap with the splay tree that they represent: over random histories
+// every result and, at the end, the shape of the tree must be equal.
 
 #include "base/values/DenseElements.h"
 
@@ -19,7 +19,7 @@
 
 namespace {
 
-// The tree alone, with the operations of an array written down as they are told.
+// The reference: a splay tree with the operations of an array, each implemented directly.
 class Plain : public SplayTree<AggregateElement, const AggregateIndex&> {
  public:
   Plain() : SplayTree(1) {}
@@ -84,7 +84,7 @@ class Plain : public SplayTree<AggregateElement, const AggregateIndex&> {
     AppendInOrder(root->right, &right);
     for (AggregateElement* e = right.First(); e; e = right.Next()) Move(e, delta);
   }
-  // Only for trees that have no position 0.
+  // REQUIRES: the tree has no position 0.
   int Collapse() {
     int position = 0;
     for (AggregateElement* e = First(); e && position < Entries();
@@ -159,7 +159,7 @@ class Plain : public SplayTree<AggregateElement, const AggregateIndex&> {
     }
     return text;
   }
-  // Each position with those of its children; a falling chain of any length included.
+  // Each position with its children's positions; works for a falling chain of any length.
   std::string Shape() const {
     std::string text;
     std::vector<const Node*> pending(1, root);
@@ -197,7 +197,7 @@ class Plain : public SplayTree<AggregateElement, const AggregateIndex&> {
       const int position = e->index().position;
       Place(e, position + delta, copy);
       e = source->Next(AggregateIndex(position));
-      // A search may miss elements that a removal has lost, and turn back.
+      // A removal can leave elements where searches miss them, so the walk may turn back.
       if (e && e->index().position <= position) return;
     }
   }
@@ -219,7 +219,7 @@ class Plain : public SplayTree<AggregateElement, const AggregateIndex&> {
   }
 };
 
-// An array of a script and the tree that it should be.
+// An array of a script, and the tree that it must equal.
 class Pair {
  public:
   Pair() : array(new Variable()), tree(new Plain()) { array->Convert_Aggregate(AggregateArray); }
@@ -287,7 +287,7 @@ class Pair {
     array->MergeElements(source->array.get(), start, many, dest, copy);
     tree->MergeElements(source->tree.get(), start, many, dest, copy);
   }
-  // Needs more than 99 elements: the order of a copy goes by the shape then.
+  // REQUIRES: more than 99 elements, because only then does the order of a copy follow the shape.
   void CompareOutline() {
     std::vector<AggregateElementTree::Row> rows;
     array->aggregateelements()->ListingForCopy(&rows);
@@ -295,7 +295,7 @@ class Pair {
     for (const auto& row : rows) positions.push_back(row.position);
     ASSERT_EQ(positions, tree->Outline());
   }
-  // Goes on with a copy, and leaves the original behind.
+  // Replaces the original by a copy.
   void Copy() {
     array = VariableRef(new Variable(*array));
     tree = std::make_unique<Plain>(*tree);
@@ -323,7 +323,7 @@ int Below(Random& random, int limit) {
   return static_cast<int>(random() % static_cast<unsigned>(limit));
 }
 
-// What keeps an array a row: searches of all kinds, and elements added behind the last.
+// Operations that keep an array a row: searches of all kinds, and elements added after the last.
 void OneSearch(Random& random, Pair* pair, int first, int* count) {
   const int last = first + *count - 1;
   const int at = first + Below(random, *count + 2) - 1;
@@ -393,7 +393,7 @@ int SomeCount(Random& random) {
   return counts[Below(random, 15)];
 }
 
-// The tree of the row, from its notes, in the form of Plain::Shape.
+// The tree of the row, rebuilt from its notes, in the form of Plain::Shape.
 std::string ShapeOf(DenseElements* row) {
   const SplayShape& shape = row->Shape();
   const auto name = [row](int rank) {
@@ -494,7 +494,7 @@ TEST(DenseElements, AnswerAsTheTreeWhateverIsReadWhatever) {
   }
 }
 
-// Removals show the shape: after them searches have to miss the same elements.
+// Removals make the shape visible: afterwards searches must miss the same elements.
 TEST(DenseElements, LoseTheElementsThatTheTreeLoses) {
   int trees = 0;
   for (unsigned seed = 1; seed <= 3000; seed++) {
@@ -540,8 +540,7 @@ TEST(DenseElements, LoseTheElementsThatTheTreeLoses) {
   EXPECT_GT(trees, 2000);
 }
 
-// What every operation leaves is the tree that it leaves as it is told: with the same elements, in
-// the same shape.
+// Every operation must leave the same elements in the same shape as the reference.
 TEST(DenseElements, EveryOperationLeavesItsShape) {
   for (unsigned seed = 1; seed <= 400; seed++) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);
@@ -594,8 +593,8 @@ TEST(DenseElements, ARenumberedArrayHasTheShapeOfTheWalk) {
   }
 }
 
-// A copy of more than 99 elements is inserted in an order that is the shape's, which its own
-// removals show.
+// A copy of more than 99 elements is inserted in an order that follows the shape; removals from the
+// copy make its own shape visible.
 TEST(DenseElements, ACopyHasTheShapeThatItsInsertionLeaves) {
   for (unsigned seed = 1; seed <= 300; seed++) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);

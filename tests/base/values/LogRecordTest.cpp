@@ -168,7 +168,7 @@ TEST(LogRecord, Structures) {
   EXPECT_EQ(Shown(structure.get()), "{ Grams: 100, name: tea }");
 }
 
-// A form's field may be named so.
+// A client can send a form's field with such a name.
 TEST(LogRecord, NamesOfMembersBreakNoLineEither) {
   const VariableRef structure(new Variable("s", -1));
   Add(structure.get(), AggregateIndex("a\nb", -1), new Variable("", 0, 1));

@@ -163,11 +163,10 @@ TEST_F(VariableCycles, RandomGraphsThatNobodyHoldsAreFreedCompletely) {
   }
 }
 
-// --- Many
-// -----------------------------------------------------------------------------------------
+// --- Many ----------------------------------------------------------------------------------------
 
-// An array of references, each to the one before it. Made from the last one on, since each count of
-// a reference is one of all that it leads to.
+// An array of references, each to the one before it. Made from the last one on, because each count
+// on a reference is also a count on all that it refers to.
 VariableRef Chain(int count) {
   VariableRef array(new Variable());
   for (int i = 1; i <= count; i++) array->Element(Place(i), 1);
@@ -246,7 +245,7 @@ TEST_F(VariableCycles, AReferenceTakesAllItsCountsAlongInOneStep) {
             NearLinear);
 }
 
-// Variables that refer to one another, each with some further counts.
+// Variables that refer to one another, each with some extra counts.
 struct Forest {
   explicit Forest(unsigned seed) {
     std::mt19937 random(seed);
@@ -260,7 +259,7 @@ struct Forest {
     }
     std::shuffle(further.begin(), further.end(), random);
   }
-  // Gives so many of the further counts back, and may change a variable under way.
+  // Releases count of the extra counts, and may change a variable in between.
   void Release(size_t count, unsigned change) {
     for (size_t i = 0; i < count; i++) {
       if (i == count / 2) Change(change);
@@ -283,7 +282,7 @@ struct Forest {
   std::vector<Variable*> further;
 };
 
-// Counts are whole again when a group has ended, whatever was released in it.
+// Counts are exact again when a group has ended, whatever was released in it.
 TEST_F(VariableCycles, AGroupOfReleasesLeavesTheCountsOfSingleOnes) {
   std::mt19937 random(7);
   for (unsigned round = 0; round < 3000; round++) {

@@ -270,7 +270,7 @@ TEST(DeleteElements, RemovesARangeAndShiftsWithCompact) {
     SCOPED_TRACE(testing::Message() << c.start << ", " << c.count << ", " << c.compact);
     const VariableRef array = Array(all);
     array->DeleteElements(c.start, c.count, c.compact);
-    if (c.start == -3) continue;  // only that it ends
+    if (c.start == -3) continue;  // checks only that the operation ends
     EXPECT_EQ(Content(array), c.expected);
   }
 }
@@ -303,7 +303,7 @@ TEST(DeleteElements, DestroyAStructureWhateverTheArguments) {
   }
 }
 
-// Removals may put elements where a search misses them; every operation has to end all the same.
+// Removals can leave elements where a search misses them; every operation must still end.
 TEST(DeleteElements, EndsOnEveryTreeThatRemovalsLeave) {
   constexpr unsigned seed = 11;
   SCOPED_TRACE(seed);
@@ -470,7 +470,7 @@ TEST(CopyElements, FromAnElementOfWhatGivesWay) {
   EXPECT_EQ(Content(structure), (Map{{2, "inner"}}));
 }
 
-// The source stands in the place that its own first element goes to.
+// The source is in the place to which its own first element is copied.
 TEST(CopyElements, FromAnElementThatIsOverwritten) {
   for (const bool copy : {false, true}) {
     SCOPED_TRACE(copy);
@@ -546,7 +546,7 @@ TEST(MergeElements, IntoItselfInsideTheRangeKeepsTheWidenedBound) {
                                  {10, "f"}}));
 }
 
-// A plain model of the two operations: positions to shared texts.
+// A simple model of the two operations: positions to shared texts.
 struct Model {
   std::map<int, std::shared_ptr<string>> elements;
 
@@ -595,7 +595,7 @@ struct Model {
       Place(Range(before, start, start + count), dest - start, copy);
     } else {
       Place(Range(before, start, dest), dest - start, copy);
-      // What is now between dest + count and dest + 3 * count goes back by that.
+      // The elements that are between dest + count and dest + 3 * count move back by that.
       Place(Range(*this, dest + count, dest + 3 * count), dest - start - count, copy);
     }
   }
@@ -614,7 +614,7 @@ struct Pair {
     Set(array->Element(AggregateIndex(position), 1), text);
     model.elements[position] = std::make_shared<string>(text);
   }
-  // A write through one place shows in all that share it.
+  // A write through one position is visible at all that share it.
   void Write(int position, const string& text) {
     Set(array->Element(AggregateIndex(position), 0), text);
     *model.elements[position] = text;
@@ -649,7 +649,7 @@ TEST(CopyAndMerge, EqualAPlainModelOverRandomRanges) {
                    << (merge ? "merge " : "copy ") << (&target == &source ? "self " : "other ")
                    << start << ", " << count << ", " << dest << ", " << copy);
       if (merge) {
-        // A range that starts behind the last has a negative count, which closes gaps by collision.
+        // A range that starts after the last has a negative count, which closes gaps by collision.
         const int first = start < 1 ? source.model.Min() : start;
         if (count < 0 && source.model.Max() - first + 1 < 0) continue;
         target.array->MergeElements(source.array.get(), start, count, dest, copy);

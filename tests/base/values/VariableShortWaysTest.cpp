@@ -1,4 +1,4 @@
-// The short ways of base/values/Variable.h against the virtual operations that they stand for.
+// Compares the short ways of base/values/Variable.h with the virtual operations.
 
 #include <functional>
 #include <limits>
@@ -15,7 +15,7 @@ namespace {
 
 using std::string;
 
-// A stored value, with the fields that tell what a read has cached.
+// A stored value, with the fields that show what a read has cached.
 class Probe : public Variable {
  public:
   using Variable::double_value;
@@ -79,7 +79,7 @@ const std::vector<State>& States() {
   return states;
 }
 
-// Both ways on two variables of one state; what they answer and what they leave has to agree.
+// Runs both ways on two variables in the same state; results and final states must agree.
 void Agree(const char* what, const std::function<string(Variable*)>& by_virtual,
            const std::function<string(Variable*)>& by_short_way) {
   for (const State& state : States()) {

@@ -35,7 +35,7 @@ class Probe : public Variable {
   explicit Probe(const Variable& source) : Variable(source) {}
 };
 
-// Tells when it is deleted.
+// Reports when it is deleted.
 class Witness : public Variable {
  public:
   explicit Witness(int* deletions) : Variable("witness", 7), counter(deletions) {}
@@ -511,7 +511,7 @@ TEST(Variable, ACopyOfWhatContainsItselfIsEmptyThere) {
   }
 }
 
-// Computed values, as the special and the field variables have them.
+// Computed values, like those of special and field variables.
 class Computed : public Variable {
  public:
   Computed(int kind, int preferred) : kind_(kind), preferred_(preferred) {}
@@ -636,7 +636,7 @@ TEST(VariableSerialize, AReferredArrayShowsAsItsOwnText) {
   const VariableRef outer = Array({"a"});
   At(outer, 2)->Make_Reference(inner.get());
   EXPECT_EQ(Value(outer), "a,b");
-  // The same array as an element itself keeps its empty first element.
+  // If the array is an element itself, its empty first element is kept.
   outer->SetElement(AggregateIndex(2), inner.get());
   EXPECT_EQ(Value(outer), "a,,b");
 }
@@ -704,8 +704,8 @@ TEST(VariableDepth, AChainOfArraysThatReferToTheNextIsReadAndDeleted) {
   EXPECT_EQ(Value(copy), "bottom");
 }
 
-// A count on a reference is one on each variable behind it, so the chain is short, and so is the
-// stack.
+// A count on a reference is a count on each variable of its chain, so a long one takes too long to
+// build: the chain is short, and so is the stack.
 void* FollowAChain(void*) {
   VariableRef next = New("end");
   for (int i = 0; i < 6000; i++) {
@@ -1130,7 +1130,7 @@ TEST(ImmutableVariable, PathsWalkWithoutMaking) {
   EXPECT_EQ(variable->Element(&path, 1), At(variable, 1));
 }
 
-// A read-only value with elements, as the settings are.
+// A read-only value with elements, like the settings.
 class ReadOnlyArray : public ImmutableVariable {
  public:
   ReadOnlyArray() {
@@ -1240,14 +1240,14 @@ TEST(VariableRef, GivesItsCountBackOnce) {
 
 // --- A plain model of the text of a value --------------------------------------------------------
 
-// A value in the plainest words: a text, elements in the order of their keys, or a reference.
+// A value in its simplest form: a text, elements in the order of their keys, or a reference.
 struct PlainValue {
   enum { IsText, IsAggregate, IsReference } kind = IsText;
   string text;
   std::vector<PlainValue> elements;
   PlainValue* target = nullptr;
 
-  // What is appended, with the size that the buffer is said to have.
+  // Appends the text, with the allocated size that the buffer must report.
   void Serialize(string* out, int* allocated) const {
     if (kind == IsAggregate) {
       for (const PlainValue& element : elements) element.Serialize(out, allocated);
@@ -1273,7 +1273,7 @@ struct PlainValue {
   }
 };
 
-// Makes a value and its model. What it refers to was made before it.
+// Makes a value and its model. It refers only to values that were made before it.
 class ValueMaker {
  public:
   explicit ValueMaker(unsigned seed) : random(seed) {}
@@ -1300,7 +1300,7 @@ class ValueMaker {
       Set(variable, model->text);
     }
   }
-  // Keeps a value for others to refer to.
+  // Keeps a value that others can refer to.
   void AddTarget() {
     VariableRef target = New();
     auto model = std::make_unique<PlainValue>();
@@ -1314,7 +1314,7 @@ class ValueMaker {
     model->kind = PlainValue::IsAggregate;
     const bool array = random() % 2;
     variable->Convert_Aggregate(array ? AggregateArray : AggregateStructure);
-    // Around the count from which trees are walked in another way, now and then.
+    // Sometimes near the number of elements from which trees are walked in another way.
     size_t count = random() % 6;
     if (depth == 3 && random() % 4 == 0) count = 97 + random() % 6;
     model->elements.resize(count);
@@ -1346,12 +1346,12 @@ TEST(VariableSerialize, EqualsAPlainModelForRandomValues) {
       int allocated = 24;
       const string expected = model.Value(&allocated);
       ASSERT_EQ(Value(variable), expected);
-      // A buffer that is there already is used again, and none becomes smaller.
+      // An existing buffer is reused, and never becomes smaller.
       if (model.kind == PlainValue::IsAggregate && reading == 0) {
         ASSERT_EQ(variable->value().allocated, allocated);
       }
     }
-    // A copy has the same text, but for references, which it has resolved.
+    // A copy has the same text; references in it are resolved.
     const VariableRef copy(new Variable(*variable));
     string out = "before";
     String copied("before", 6);

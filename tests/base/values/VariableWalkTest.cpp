@@ -13,8 +13,8 @@ namespace {
 
 using std::string;
 
-// One letter a step: a scalar's text, "(" and ")" around the elements of an aggregate, "@" where
-// the walk is inside of it already.
+// One letter per step: a scalar's text, "(" and ")" around the elements of an aggregate, "@" where
+// the walk is already inside the aggregate.
 string Steps(Variable* variable) {
   string steps;
   VariableWalk walk(variable);
@@ -68,7 +68,7 @@ TEST(VariableWalk, MeetsWhatItIsInsideOfAsRepeated) {
   At(variable, 1)->SetValue("a", 1);
   At(variable, 2)->Make_Reference(variable.get());
   EXPECT_EQ(Steps(variable.get()), "(a@)");
-  // Twice side by side is no repetition.
+  // The same value twice side by side is no repetition.
   const VariableRef both(new Variable());
   At(both, 1)->Make_Reference(variable.get());
   At(both, 2)->Make_Reference(variable.get());

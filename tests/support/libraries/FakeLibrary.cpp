@@ -1,5 +1,5 @@
-// An extension library of every kind whose tables a test sets for itself: each export answers the
-// pointer that stands in the exported variable beside it.
+// An extension library of every kind whose tables a test sets: each export returns the pointer in
+// the exported variable beside it.
 
 struct _ZP_EL_Commerce;
 struct _ZP_EL_Config;

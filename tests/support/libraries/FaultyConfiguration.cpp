@@ -1,7 +1,7 @@
-// A configuration library that fails at the point that the environment names, as the engine's tests
-// want it: ZEPH_TEST_FAULT is "no table", "initialize", "initialize silently", "script", "script
-// silently" or "version 1"; or "directories again", which sets them again as soon as they were
-// read. ZEPH_TEST_ROOT is the folder that holds scripts, data and temp.
+// A configuration library that fails at the point that the environment names: ZEPH_TEST_FAULT is
+// "no table", "initialize", "initialize silently", "script", "script silently" or "version 1"; with
+// "directories again" it sets the directories again after they were read. ZEPH_TEST_ROOT is the
+// folder that contains scripts, data and temp.
 
 #include <cstdlib>
 #include <cstring>
@@ -43,13 +43,13 @@ int GetText(ZPCONFIG, void**, int id, const char** text, int* length, int* owned
   return 0;
 }
 
-// Asked for after the directories were read and before they are used.
+// Read after the directories and before they are used.
 int GetNumber(ZPCONFIG config, void**, int id, int*) {
   if (!FaultIs("directories again") || id != Config_max_files) return 1;
   const std::string root = getenv("ZEPH_TEST_ROOT");
   const std::string nowhere(root.size() + strlen("/scripts"), '?');
   zpConfig_SetValue(config, Config_dir_zeph, Copy(nowhere), static_cast<int>(nowhere.size()), 1);
-  // Memory that was given back shows what is in it next.
+  // Overwrites the memory that was freed.
   static std::vector<char*> taken;
   for (int i = 0; i < 1000; i++) taken.push_back(Copy(nowhere));
   return 1;

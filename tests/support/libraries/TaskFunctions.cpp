@@ -1,8 +1,8 @@
-// A builtin library for scripts of tests: what a task can do through extensions only.
+// A builtin library for scripts of tests, with what a task can do only through extensions.
 //
-//   header(name, value)   sets a header field; answers what the host does
+//   header(name, value)   sets a header field; returns the host's result
 //   sleep(seconds, file)  sleeps as a task does, until then or until the file of the data directory
-//                         changes; answers how many seconds it took
+//                         changes; returns how many seconds it took
 
 #include <cstring>
 #include <ctime>
@@ -18,7 +18,7 @@ const char* TextArgument(ZPVARIABLEHASH parameters, const char* name, int* lengt
   return zpVariable_Value(zpVariableHash_Find(parameters, name, -1), length);
 }
 
-// A copy for the host to keep: what a variable has goes before the header is sent.
+// A copy that the host can keep: the variable's own text is freed before the header is sent.
 char* Copy(ZPPROGRAM program, const char* text, int length) {
   char* const copy = zpProgram_Allocate(program, length + 1);
   if (copy) memcpy(copy, text, static_cast<size_t>(length));

@@ -1,4 +1,4 @@
-// What the tests of the file managers stand on: an application, a directory tree of its own, and
+// The base of the tests of the file managers: an application, a directory tree of its own, and
 // short forms of checks.
 
 #ifndef ZEPH_TESTS_BASE_SYSTEMS_UNIX_FILEFIXTURE_H
@@ -23,7 +23,7 @@ inline std::string Text(const String& text) {
                               : std::string(text.data, static_cast<size_t>(text.length));
 }
 
-// Puts the table of system calls back at the end of a test.
+// Restores the table of system calls at the end of a test.
 class RestoredSystemCalls {
  public:
   RestoredSystemCalls() : saved(system_calls) {}
@@ -35,7 +35,7 @@ class RestoredSystemCalls {
   SystemCalls saved;
 };
 
-// The manager of requests on a kernel that walks no path by itself.
+// The manager of requests on a kernel that has no call to walk a whole path without links.
 class ElementWalkManager : public UNIXReentrantFileManager {
  public:
   explicit ElementWalkManager(ZephApplication* application)
@@ -58,7 +58,8 @@ class ElementWalkManager : public UNIXReentrantFileManager {
   RestoredSystemCalls restored;
 };
 
-// The tree has the empty directories data, script, temp and outside. Manager is what is tested.
+// The tree has the empty directories data, script, temp and outside. Manager is the class under
+// test.
 template <class Manager>
 class ContainedFixture : public testing::Test {
  protected:
@@ -66,7 +67,7 @@ class ContainedFixture : public testing::Test {
     for (const char* name : {"data", "script", "temp", "outside"}) tree.Directory(name);
   }
 
-  // Opens data and script, under these flags; temp only if told so.
+  // Opens data and script with these flags; temp only if `temporary` is set.
   void Configure(int flags, bool temporary = false) {
     files.SecurityOptions(flags);
     ASSERT_TRUE(files.InitializeDataDirectory(tree.path("data").c_str())) << error();
@@ -102,7 +103,7 @@ class ContainedFixture : public testing::Test {
   Manager files;
 };
 
-// A user that is not us, for files of others. Only root can give files away.
+// A user other than ours, for files of others. Only root can give files away.
 inline constexpr unsigned other_user = 12345;
 
 #define ZEPH_NEEDS_ROOT() \

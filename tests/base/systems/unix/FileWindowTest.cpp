@@ -14,10 +14,10 @@
 
 namespace {
 
-// More reads than a window lets the system do before it maps.
+// More reads than a window leaves to the system before it maps.
 constexpr int many = 64;
 
-// On a file in memory, which can be mapped wherever the tests run.
+// Uses a file in memory, which can be mapped on every machine.
 class FileWindowTest : public testing::Test {
  protected:
   void Write(long position, const std::string& text) {
@@ -96,7 +96,7 @@ TEST_F(FileWindowTest, AFileThatGrowsIsMappedAgain) {
   EXPECT_EQ("yyyyyyyyyy", bytes);
 }
 
-// A piece may have zeros at its end because it has them, or because the file does not reach there.
+// A piece may end in zeros because they are in the file, or because the file ends before them.
 TEST_F(FileWindowTest, ZerosCountWhenAByteBehindThemShowsThatTheyAreThere) {
   Write(0, "head" + std::string(96, '\0') + "tail");
   Warm();
@@ -155,7 +155,7 @@ TEST_F(FileWindowTest, FilesThatCannotBeMappedAreLeftToTheSystem) {
     EXPECT_FALSE(window.Read(write_only.get(), 0, piece, sizeof(piece)));
 }
 
-// Whatever is written and cut off between two reads, an answer is what the system would have given.
+// No matter what is written and cut off between two reads, a read gives what the system's would.
 TEST_F(FileWindowTest, AnswersAreWhatTheSystemReads) {
   std::mt19937 random(4);
   const auto upto = [&](long most) {
@@ -165,7 +165,7 @@ TEST_F(FileWindowTest, AnswersAreWhatTheSystemReads) {
   int answered = 0;
   for (int i = 0; i < 50000; i++) {
     if (i % 4 == 0) {
-      // Now letters, now zeros, so that ends of pieces look like the end of the file.
+      // Write letters or zeros, so that ends of pieces look like the end of the file.
       const char letter = upto(3) == 0 ? '\0' : static_cast<char>('a' + upto(26));
       Write(upto(20000), std::string(static_cast<size_t>(1 + upto(300)), letter));
     }

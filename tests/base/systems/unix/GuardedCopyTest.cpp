@@ -41,10 +41,10 @@ class GuardedCopyTest : public testing::Test {
     ASSERT_EQ(static_cast<ssize_t>(2 * page), pwrite(file.get(), letters.data(), 2 * page, 0));
   }
   void Cut(size_t length) { ASSERT_EQ(0, ftruncate(file.get(), static_cast<off_t>(length))); }
-  // What a program does that is not guarded.
+  // An access without a guard, as any program may make.
   static void Touch(const volatile char* byte) { (void)*byte; }
 
-  // Sanitizers have a handler, which reports the signal and ends the process.
+  // Sanitizers have a handler that reports the signal and ends the process.
   static bool IsKill(int status) {
     if (WIFSIGNALED(status)) return WTERMSIG(status) == SIGBUS;
     return (AddressSanitizer || ThreadSanitizer) && WEXITSTATUS(status) != 0;
@@ -131,7 +131,7 @@ TEST_F(GuardedCopyDeathTest, ASentSignalStillKills) {
   EXPECT_EXIT(raise(SIGBUS), IsKill, "");
 }
 
-// Each in a process of its own, since a handler stays in front of those found.
+// Each test runs in a process of its own, because a handler stays in front of those that it found.
 class GuardedCopyChainDeathTest : public testing::Test {
  protected:
   void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
@@ -171,7 +171,7 @@ TEST_F(GuardedCopyChainDeathTest, TheHandlerOfBeforeGetsOtherFaults) {
 
 std::atomic<int> received;
 
-// A megabyte takes long enough for signals to come in the middle of it.
+// Copying a megabyte takes long enough for signals to come in the middle of it.
 [[noreturn]] void CopyUnderSignals() {
   std::atomic<bool> ready{false}, over{false};
   std::atomic<int> failed{0};
@@ -203,7 +203,7 @@ TEST_F(GuardedCopyChainDeathTest, ASignalThatWasSentDoesNotEndACopy) {
 
 std::atomic<bool> has_copied;
 
-// A library may take the signal for itself after the first mapping.
+// A library may install its own handler after the first mapping.
 TEST_F(GuardedCopyChainDeathTest, AHandlerThatCameLaterIsPutBehind) {
   EXPECT_EXIT(
       {
@@ -222,7 +222,7 @@ TEST_F(GuardedCopyChainDeathTest, AHandlerThatCameLaterIsPutBehind) {
 
 struct sigaction found_by_library;
 
-// As a well-behaved library does it: the handler of the time of its installation gets the rest.
+// Like a well-behaved library: passes all signals to the handler that it found.
 void InstallLibraryHandler() {
   struct sigaction action = {};
   action.sa_sigaction = [](int signal, siginfo_t* info, void* context) {

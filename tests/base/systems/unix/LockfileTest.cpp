@@ -44,7 +44,7 @@ class Lockfiles : public testing::Test {
     for (const char* name : {"data", "data/orders", "outside"}) tree.Directory(name);
   }
 
-  // Runs the code; answers the failure's message, empty after a good end.
+  // Runs the code; returns the failure's message, empty on success.
   std::string Run(const std::string& code, int thread = 2) {
     LockMachine machine(tree, thread);
     machine.Assemble(code);
@@ -97,7 +97,7 @@ TEST_F(Lockfiles, AFailureStopsTheScriptOnlyIfTheTagSaysSo) {
 TEST_F(Lockfiles, NestedBlocksOnOneNameFailAtTheInnerOne) {
   EXPECT_EQ(Run(std::string(take) + take),
             "ZpLOCKFILE: Error creating lockfile 'orders.lck': Possible deadlock detected");
-  // The outer one was given back.
+  // The outer lock was released.
   EXPECT_EQ(Run(take), "");
 }
 
@@ -116,7 +116,7 @@ TEST_F(Lockfiles, AnEndGivesTheNewestBack) {
   EXPECT_FALSE(tree.Exists("data/b.lck"));
 }
 
-// Of several features that a function leaves open only the lowest ends with it.
+// If a function leaves several features open, only the lowest ends with it.
 TEST_F(Lockfiles, ALockThatAFunctionLeavesOpenAboveACapture) {
   LockMachine machine(tree, 2);
   machine.Assemble("call f\npop\npushc \"b\"\nout\n.segment 1\n.function f()\npushg x\ncapture\n" +
@@ -134,7 +134,7 @@ TEST_F(Lockfiles, ALockThatAFunctionLeavesOpenBelowACapture) {
                    std::string(take) + "pushg x\ncapture\npushc \"a\"\nout\nretn");
   ASSERT_EQ(machine.Go(), 1) << machine.Error();
   EXPECT_FALSE(tree.Exists("data/orders.lck"));
-  // The capture stays in front until the machine ends.
+  // The capture stays the output until the machine ends.
   EXPECT_EQ(machine.Output(), "");
   machine.Close();
   EXPECT_EQ(machine.application.output(), &machine.output);
@@ -198,7 +198,7 @@ TEST_F(Lockfiles, ABeatTouchesTheFile) {
   EXPECT_GT(status.st_mtime, 1000000);
 }
 
-// --- Who holds it --------------------------------------------------------------------------------
+// --- The owner of a lock -------------------------------------------------------------------------
 
 TEST_F(Lockfiles, ThreadsTakeTurns) {
   // Reads, waits a little, writes: without the lock increments are lost.
@@ -277,7 +277,7 @@ TEST_F(Lockfiles, AnotherHostsLockIsTakenWhenItHasNotBeenTouchedForLong) {
   EXPECT_EQ(tree.Content("data/orders.lck"), std::to_string(getpid()) + "!2:testhost");
 }
 
-// Counts the beats that reach it.
+// Counts the heartbeats that reach it.
 class Beats : public Feature {
  public:
   Beats(Machine* machine, int* counter)
@@ -311,14 +311,14 @@ TEST_F(Lockfiles, AWaitEndsWhenTheScriptIsCancelledAndRunsNoBeats) {
   EXPECT_EQ(machine.Failure(),
             "ZpLOCKFILE: Error creating lockfile 'orders.lck': Timed out waiting for lock");
   EXPECT_EQ(system_calls_seen, 5);
-  // The one that came in the end.
+  // One heartbeat, passed on after the wait.
   EXPECT_EQ(beats, 1);
   EXPECT_EQ(tree.Content("data/orders.lck"), "1!2:elsewhere");
 }
 
 // --- A lock that does not go away ----------------------------------------------------------------
 
-// Refuses to delete until it was asked that often.
+// Refuses to delete until it was called so many times.
 class StubbornFiles : public UNIXReentrantFileManager {
  public:
   using UNIXReentrantFileManager::Delete;
@@ -355,7 +355,8 @@ TEST_F(StubbornLock, IsTriedAgainForTheTimeOutOfFiles) {
     int timeout, delay, tries;
     long slept;
   } cases[] = {
-      // One more than fit into the time; pauses that do not divide a second lose the fraction.
+      // One try more than pauses fit into the time; pauses that do not divide a second lose the
+      // fraction.
       {30, 100, 301, 30100}, {1, 300, 4, 1200}, {0, 100, 1, 100}, {-1, 100, 0, 0},
       {1, -100, 0, 0},       {1, 0, 0, 0},      {0, 0, 0, 0},
   };

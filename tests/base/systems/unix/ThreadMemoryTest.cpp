@@ -57,7 +57,7 @@ TEST_F(ThreadMemoryTest, RefusesWhatIsBeyondTheLimit) {
   EXPECT_LE(blocks.size(), 104u);
 }
 
-// However many blocks come and go.
+// The limit is on the bytes in use, not on the sum of all blocks.
 TEST_F(ThreadMemoryTest, FreedBlocksCanBeTakenAgain) {
   const ThreadMemory::Run run;
   ThreadMemory::SetLimit(kMegabyte);
@@ -107,7 +107,7 @@ TEST_F(ThreadMemoryTest, WhatIsHandedOverCountsForTheOther) {
     EXPECT_EQ(ThreadMemory::Used(), 0);
   }).join();
   ThreadMemory::HandOver(given);
-  EXPECT_LT(ThreadMemory::Used(), 1000);  // what std::thread has made
+  EXPECT_LT(ThreadMemory::Used(), 1000);  // the bytes that std::thread has allocated
 }
 
 TEST_F(ThreadMemoryTest, ALineTellsOfTheLimitThatWasMet) {
@@ -138,7 +138,7 @@ TEST_F(ThreadMemoryTest, ALineTellsOfAProcessThatHasNoMemory) {
   EXPECT_TRUE(ThreadMemory::RanShort());
 }
 
-// The message and the end of the run need some.
+// The message and the end of the run need some memory.
 TEST_F(ThreadMemoryTest, ThereIsALittleBeyondTheLimitOnceItWasMet) {
   const ThreadMemory::Run run;
   ThreadMemory::SetLimit(kMegabyte);
@@ -197,7 +197,7 @@ void FreeOnAThreadWithoutMemory() {
 }
 
 void StartAThreadWithoutMemory() {
-  // The stack of the first one lies ready for the second.
+  // The stack of the first thread is kept and used again for the second.
   pthread_t thread;
   const auto body = [](void*) -> void* { return nullptr; };
   if (StartScriptThread(&thread, body, nullptr) == 0) pthread_join(thread, nullptr);
@@ -205,8 +205,8 @@ void StartAThreadWithoutMemory() {
   _exit(StartScriptThread(&thread, body, nullptr) == ENOMEM ? 7 : 8);
 }
 
-// To keep a block in a list for the first time, or to look for circles, registered a destructor for
-// the end of the thread, which takes memory.
+// Keeping the first block in a list, or looking for cycles, would register a destructor for the end
+// of the thread, which takes memory.
 TEST(ThreadMemoryDeathTest, AThreadWithoutMemoryCanStillFree) {
   if (AddressSanitizer || ThreadSanitizer) GTEST_SKIP() << "their own memory would not be had";
   EXPECT_EXIT(FreeOnAThreadWithoutMemory(), testing::ExitedWithCode(7), "");

@@ -100,7 +100,7 @@ TEST_F(ApplicationLog, AFifoThatNothingReadsIsNoLog) {
   EXPECT_NE(0, application->logsuppressed());
 }
 
-// The file is one of the data directory, as those of scripts are.
+// The log is a file of the data directory, like those of scripts.
 TEST_F(ApplicationLog, ItCannotLeaveTheDataDirectory) {
   for (const std::string& name : {std::string("../trace.log"), directory.path() + "/trace.log"}) {
     SCOPED_TRACE(name);
@@ -142,7 +142,7 @@ TEST_F(ApplicationLog, TheCookieHasToBeExactlyTheSettings) {
       {"secret", "zephlogcookie", true},
       {"secret", "Zephlogcookie=secret", true},
       {"secret", "zephlogcookie=x; zephlogcookie=secret", true},
-      {"secret", "myzephlogcookie=secret", false},  // looked for anywhere
+      {"secret", "myzephlogcookie=secret", false},  // found anywhere in the text
       {"", nullptr, false},
       {"", "zephlogcookie=x", false},
       {nullptr, "zephlogcookie=x", false},
@@ -158,7 +158,7 @@ TEST_F(ApplicationLog, TheCookieHasToBeExactlyTheSettings) {
   }
 }
 
-// Eight threads, each with an application of its own, as requests are.
+// Eight threads, each with its own application, as in requests.
 TEST_F(ApplicationLog, ManyThreadsLeaveWholeLines) {
   const int kThreads = 8;
   const int kRecords = 500;

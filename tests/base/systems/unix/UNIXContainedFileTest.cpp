@@ -1,4 +1,4 @@
-// Claims about contained paths that hold for both managers, and for either way of walking.
+// Claims about contained paths that hold for both managers, and for both ways of walking.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -49,7 +49,7 @@ struct ManagerNames {
 using Managers = testing::Types<UNIXFileManager, UNIXReentrantFileManager, ElementWalkManager>;
 TYPED_TEST_SUITE(ContainedPath, Managers, ManagerNames);
 
-// Changes the owner of a file or link itself.
+// Changes the owner of a file, or of a link itself.
 void GiveAway(const std::string& path) {
   ASSERT_EQ(0, lchown(path.c_str(), other_user, other_user)) << path << strerror(errno);
 }
@@ -146,7 +146,7 @@ TYPED_TEST(ContainedPath, EachLinkBitGovernsItsOwnDirectory) {
       {FileSecurity_ScriptSymlinks, true, false, false},
       {FileSecurity_DataSymlinks, false, true, false},
       {FileSecurity_TempSymlinks, false, false, true},
-      // The owner bits and the bits for absolute paths allow no link by themselves.
+      // The flags for other owners and for absolute paths do not allow links by themselves.
       {FileSecurity_ScriptOtherOwner | FileSecurity_DataOtherOwner | FileSecurity_TempOtherOwner |
            FileSecurity_DataAbsolute | FileSecurity_ScriptAbsolute,
        false, false, false},
@@ -223,7 +223,7 @@ TYPED_TEST(ContainedPath, SettingsFollowTheFlags) {
   EXPECT_EQ(this->tree.path("temp"), settings.path->value());
 }
 
-// --- The lexical rule ----------------------------------------------------------------------------
+// --- Confinement by text -------------------------------------------------------------------------
 
 TYPED_TEST(ContainedPath, PathsStayInsideByTheirText) {
   this->Configure(0);
@@ -265,7 +265,7 @@ TYPED_TEST(ContainedPath, PathsStayInsideByTheirText) {
   bool plain = std::is_same_v<TypeParam, UNIXFileManager>;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.path);
-    // chdir is less patient with a file in the place of a directory than openat is.
+    // chdir fails if a file is in the place of a directory; openat does not.
     std::string expected =
         plain && strcmp(c.path, "x/y") == 0 ? missing_directory_text : c.expected;
     EXPECT_EQ(expected, this->Read(c.path));
@@ -276,7 +276,7 @@ TYPED_TEST(ContainedPath, OutsideTextNamesTheTypeOfThePath) {
   this->Configure(0);
   EXPECT_EQ("[The specified path references a path outside the configured script directory]",
             this->Read("../x", ZephPath_Script));
-  // Without a temporary directory its paths act on the data directory.
+  // Without a temporary directory, temporary paths use the data directory.
   this->tree.File("data/f", "in data");
   EXPECT_EQ("in data", this->Read("f", ZephPath_Temporary));
   EXPECT_EQ("[The specified path references a path outside the configured temporary directory]",
@@ -331,7 +331,7 @@ TYPED_TEST(ContainedPath, NormalizesByTextAlone) {
   struct Case {
     int flags;
     const char* path;
-    const char* expected;  // "@" stands for the base
+    const char* expected;  // "@" means the base
   } cases[] = {
       {0, "a//b/../c", "a/c"},
       {0, "/a/b", "a/b"},
@@ -417,7 +417,7 @@ TYPED_TEST(ContainedPath, LinkToAnotherOwnersFileIsRefused) {
   this->tree.Link("data/link", "theirs");
   this->tree.Directory("data/d");
   this->tree.Link("data/d/link", "../theirs");
-  EXPECT_EQ("theirs", this->Read("theirs"));  // only links are judged
+  EXPECT_EQ("theirs", this->Read("theirs"));  // only the owners of links are checked
   EXPECT_EQ(other_file_text, this->Read("link"));
   EXPECT_EQ(other_file_text, this->Read("d/link"));
   bool exists = false;
@@ -539,10 +539,9 @@ TYPED_TEST(ContainedPath, WritesThroughALink) {
   EXPECT_EQ("new", this->tree.Content("data/f"));
 }
 
-// --- Races at the last element, which a replaced system call brings about
-// -------------------------
+// --- Races at the last element, made by a replaced system call -----------------------------------
 
-// What happens between the look at a name and its opening.
+// The file of this name changes between the check of the name and its opening.
 std::string* race_path;
 
 TYPED_TEST(ContainedPath, FileCreatedMeanwhileIsOpened) {
@@ -843,7 +842,7 @@ TYPED_TEST(ContainedPath, MakesLinksWithTheTextOfTheBase) {
   EXPECT_EQ(this->tree.path("script/d/f"),
             std::filesystem::read_symlink(this->tree.path("data/link")).string());
   EXPECT_EQ("x", this->Read("link"));
-  // What the link says is not tested; following it is.
+  // The target of the link is not checked; following the link is.
   EXPECT_TRUE(this->files.MakeSymbolicLink(ZephPath_Script, "../outside", ZephPath_Data, "out"));
   EXPECT_EQ(this->tree.path("outside"),
             std::filesystem::read_symlink(this->tree.path("data/out")).string());
@@ -903,8 +902,8 @@ TYPED_TEST(ContainedPath, TemporaryFilesTakeTheFirstFreeNumber) {
   }
 }
 
-// What a directory's path means, by other means than those of the managers: its text is inside if
-// the standard library says so, what is on the disk is inside if realpath does.
+// The meaning of a directory's path, found in another way than the managers do: its text is inside
+// if the standard library says so, and the directory on the disk is inside if realpath says so.
 struct DirectoryModel {
   std::filesystem::path base;
 
@@ -917,8 +916,9 @@ struct DirectoryModel {
   bool InsideByText(const std::string& path) const {
     return Within(base, (Joined(path) / "x").lexically_normal().parent_path());
   }
-  // As each prefix of the path is, before the next element is entered. The plain manager compares
-  // where it arrives with the text instead, and so does not see a link that made no difference.
+  // Checks each prefix of the path, before the next element is entered. The plain manager instead
+  // compares the directory that it reaches with the text, so it does not see a link that made no
+  // difference.
   bool MeetsLink(const std::string& path, bool plain) const {
     if (plain) return (Joined(path) / "x").lexically_normal().parent_path() != Real(path);
     std::filesystem::path prefix;
@@ -928,7 +928,7 @@ struct DirectoryModel {
     }
     return false;
   }
-  // Empty if there is none.
+  // The real path of the directory; empty if there is none.
   std::string Real(const std::string& path) const {
     std::unique_ptr<char, void (*)(void*)> real(realpath(Joined(path).c_str(), nullptr), free);
     return real && std::filesystem::is_directory(real.get()) ? real.get() : "";
@@ -975,7 +975,7 @@ TYPED_TEST(ContainedPath, DirectoriesOfAnyPathAreThoseOfTheText) {
       "../..",
       "../other/..",
   };
-  // And whatever a few elements make.
+  // Add random paths of a few elements.
   const char* const elements[] = {"..", "..", "data", "other", "a", "b", "in", "out", "up", "."};
   std::mt19937 random(20261122);
   for (int i = 0; i < 3000; i++) {
@@ -1100,7 +1100,7 @@ TYPED_TEST(ContainedPath, TemporaryStopsAtAnErrorOfTheSystem) {
   EXPECT_EQ("Permission denied", this->error());
 }
 
-// Tries no more than three names.
+// Tries at most three names.
 class FewTemporaries : public UNIXReentrantFileManager {
  public:
   explicit FewTemporaries(ZephApplication* application) : UNIXReentrantFileManager(application) {
@@ -1147,7 +1147,7 @@ TYPED_TEST(ContainedPath, CopyForATaskHasItsOwnDescriptors) {
   this->files.MaxFiles(7);
   TestApplication other_application;
   auto copy = std::make_unique<TypeParam>(&other_application, this->files);
-  // Each closes its own: what the source is given afterwards does not reach the copy.
+  // Each closes its own descriptors: a later change to the source does not affect the copy.
   EXPECT_FALSE(this->files.InitializeDataDirectory(nullptr));
   bool exists = false;
   EXPECT_TRUE(copy->Exists(ZephPath_Data, "link", &exists));

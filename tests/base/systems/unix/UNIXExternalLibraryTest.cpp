@@ -97,7 +97,7 @@ TEST(UNIXExternalLibraryManager, ErrorsOfThreadsAndManagersAreApart) {
   EXPECT_EQ(other.error().data, nullptr);
 }
 
-// Errors are known by the object's address, which a later object may get.
+// Errors are stored by the object's address, which a later object may get.
 TEST(UNIXExternalLibraryManager, ErrorEndsWithItsManager) {
   alignas(UNIXExternalLibraryManager) char place[sizeof(UNIXExternalLibraryManager)];
   auto* first = new (place) UNIXExternalLibraryManager();

@@ -109,7 +109,7 @@ TEST(UNIXFilePath, CollapsesByTextAlone) {
       {"/../../a", "/a", "/", "a"},
       {"/a/..", "/", "/", "."},
       {"/.", "/", "/", "."},
-      // The dropped elements lie between kept ones.
+      // The dropped elements are between kept ones.
       {"a/x/../b/c", "a/b/c", "a/b", "c"},
       {"/a/x/../b/c", "/a/b/c", "/a/b", "c"},
       {"a/./b/c", "a/b/c", "a/b", "c"},
@@ -125,7 +125,7 @@ TEST(UNIXFilePath, CollapsesByTextAlone) {
     SCOPED_TRACE(c.path);
     UNIXFilePath path(c.path);
     EXPECT_EQ(c.whole, CollapsedText(path));
-    // Both are used side by side, in either order.
+    // Both are used at the same time, in either order.
     const char* directory = path.Collapsed_Directory();
     const char* filename = path.Collapsed_Filename();
     EXPECT_STREQ(c.directory, directory);
@@ -146,7 +146,7 @@ TEST(UNIXFilePath, CollapsedPathTellsLengthAndSize) {
   std::unique_ptr<char[]> text(path.Collapsed_Path(&length, &allocated));
   EXPECT_STREQ("bcd", text.get());
   EXPECT_EQ(3, length);
-  EXPECT_EQ(9, allocated);  // of the text it came from, without the slash at its end
+  EXPECT_EQ(9, allocated);  // of the text that it was made from, without the slash at its end
   text.reset(UNIXFilePath("a/..").Collapsed_Path(&length, &allocated));
   EXPECT_EQ(1, length);
   EXPECT_EQ(2, allocated);

@@ -31,8 +31,7 @@ class UNIXFileTest : public ContainedFixture<UNIXReentrantFileManager> {
   std::string path(std::string_view name) { return tree.path(name); }
 };
 
-// --- Descriptors that scripts leave
-// -----------------------------------------------------------------
+// --- Descriptors kept from scripts ---------------------------------------------------------------
 
 class UNIXFileReserve : public UNIXFileTest {
  protected:
@@ -114,7 +113,7 @@ TEST_F(UNIXFileTest, NewFilesGetAllRightsLessTheMask) {
   EXPECT_EQ(0640, mode & 0777);
 }
 
-// --- Bytes and places ----------------------------------------------------------------------------
+// --- Bytes and positions -------------------------------------------------------------------------
 
 TEST_F(UNIXFileTest, WritesAndReadsBytes) {
   auto file = Open("f", FileMode_Read | FileMode_Write | FileMode_Create);
@@ -193,7 +192,8 @@ TEST_F(UNIXFileTest, ASeekInARegularFileCostsNoCall) {
   EXPECT_EQ("01x3456789", tree.Content("f"));
 }
 
-// Seeks, reads and writes at random, with the descriptor given up now and then, beside a text.
+// Random seeks, reads and writes, with the descriptor given up from time to time, compared with a
+// text in memory.
 TEST_F(UNIXFileTest, AnyOrderOfOperationsLeavesTheFileAsTold) {
   std::mt19937 random(3);
   auto below = [&](unsigned bound) { return static_cast<int>(random() % bound); };
@@ -344,7 +344,7 @@ TEST_F(UNIXFileTest, ARegularFileIsReadInTheModeThatWasAskedFor) {
   }
 }
 
-// A server of files to other machines has a lease on those that its clients keep.
+// A server that shares files with other machines has leases on the files that its clients keep.
 TEST_F(UNIXFileTest, AFileUnderALeaseIsOpenedWhenTheLeaseIsGivenUp) {
   tree.File("f", "text");
   const FileDescriptor holder(open(path("f").c_str(), O_RDONLY | O_CLOEXEC));
@@ -422,7 +422,7 @@ TEST_F(UNIXFileTest, MappingSurvivesDeactivation) {
 
 // --- Byte-range locks ----------------------------------------------------------------------------
 
-// Whether another open file of that name may lock the bytes now.
+// True if another open file of that name could lock the bytes at present.
 bool Lockable(const std::string& path, short type, long start, long length) {
   FileDescriptor other(open(path.c_str(), O_RDWR | O_CLOEXEC));
   struct flock range = {};
@@ -463,7 +463,7 @@ TEST_F(UNIXFileTest, LockSeparatesTwoFilesOfOneProcess) {
   application.SetCancelled(1);
   EXPECT_FALSE(second->Lock(FileLock_Exclusive, 0, 1));
   EXPECT_EQ("Timed out waiting for lock", Text(second->error()));
-  // Closing another open file of the process does not give the lock up either.
+  // Closing another open file of the process does not release the lock either.
   second.reset();
   EXPECT_FALSE(Lockable(path("f"), F_WRLCK, 0, 1));
 }

@@ -40,7 +40,7 @@ class NameLock : public ContainedFixture<UNIXReentrantFileManager> {
            std::to_string(thread);
   }
 
-  // How many files the data directory has.
+  // The number of files in the data directory.
   int Entries() {
     int count = 0;
     for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(tree.path("data")))
@@ -53,14 +53,14 @@ class NameLock : public ContainedFixture<UNIXReentrantFileManager> {
     ASSERT_EQ(0, utimensat(AT_FDCWD, tree.path(name).c_str(), times, 0));
   }
 
-  // Lets the next look at `cancelled` after some pauses end the wait.
+  // Ends the wait after some pauses, at the next check of `cancelled`.
   class CancelAfterAWhile : public TestApplication {
    public:
     int cancelled() override { return ++asked > 5; }
     int asked = 0;
   };
 
-  // The answer of a lock that has nobody to wait for but itself: it is cancelled after a while.
+  // The result of a lock that no other holder will release: it is cancelled after a while.
   int LockForAWhile(const std::function<void(TestApplication&)>& prepare = {}) {
     CancelAfterAWhile impatient;
     impatient.SetProcessID(getpid());
@@ -76,7 +76,7 @@ class NameLock : public ContainedFixture<UNIXReentrantFileManager> {
     return result;
   }
 
-  // A process number that is nobody's.
+  // A process number that no process has.
   int DeadProcess() {
     pid_t child = fork();
     if (child == 0) _exit(0);
@@ -188,7 +188,7 @@ TEST_F(NameLock, PausesAsLongAsTheSettingSays) {
       {1200, {500, 500, 200}},
       {0, {1, 1}},  // never a busy loop
       {-5, {1, 1}},
-      // A script that is cancelled does not sit it out.
+      // A script that is cancelled does not wait to the end of a long pause.
       {1000000, {500, 500, 500, 500}},
   };
   tree.File("data/lock", "1!1:elsewhere");
@@ -261,7 +261,7 @@ TEST_F(NameLock, TouchKeepsALockFromExpiring) {
 }
 
 TEST_F(NameLock, LongRecordIsReadAsFarAsItMatters) {
-  // The colon of this one lies behind the bytes that are looked at, so that no host exists.
+  // The colon of this record is after the bytes that are read, so it has no host.
   tree.File("data/lock", std::to_string(getpid()) + "!2" + std::string(600, ' ') + ":testhost");
   EXPECT_EQ(FileLock_TimedOut, LockForAWhile());
 }
@@ -285,7 +285,7 @@ TEST_F(NameLock, RecordThatCannotBeWrittenLeavesNothing) {
 }
 
 TEST_F(NameLock, LinkThatIsNotOursDoesNotCount) {
-  // A network file system answered yes, but the name is somebody else's.
+  // A network file system reported success, but another holder's file has the name.
   RestoredSystemCalls restored;
   system_calls.linkat = [](int, const char*, int, const char*, int) { return 0; };
   tree.File("data/lock", "77!1:elsewhere");
@@ -362,7 +362,7 @@ TEST_F(NameLock, LockTakenMeanwhileIsNotRemovedForTheAbandonedOne) {
   fresh_lock = &path;
   RestoredSystemCalls restored;
   // Another waiter is faster: it has removed the abandoned lock and made its own, just when this
-  // one has found the owner dead.
+  // one has found that the owner is dead.
   system_calls.kill = [](pid_t process, int signal) {
     if (!fresh_lock->empty()) {
       std::filesystem::remove(*fresh_lock);
@@ -414,8 +414,8 @@ TEST_F(NameLock, ExcludesThreads) {
   EXPECT_EQ(0, Entries());
 }
 
-// Raises a number in a file; without the lock some of the raises would be lost. Some children die
-// with the lock in their hands.
+// Raises a number in a file; without the lock some increments would be lost. Some children die
+// while they hold the lock.
 void CountInChild(const std::string& root, int rounds, bool dies) {
   TestApplication own;
   own.SetProcessID(getpid());
@@ -449,7 +449,7 @@ TEST_F(NameLock, ExcludesProcessesAndSurvivesTheirDeath) {
     if (child == 0) CountInChild(tree.path(), rounds, i % 2 == 0);
     processes.push_back(child);
   }
-  // In the order of their ends: a dead child that nobody has asked after still counts as alive.
+  // Waits in the order of their ends: a dead child that was not waited for still counts as alive.
   for (size_t i = 0; i < processes.size(); i++) {
     int status = 0;
     ASSERT_GT(wait(&status), 0);

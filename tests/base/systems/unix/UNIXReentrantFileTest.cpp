@@ -19,7 +19,7 @@ namespace {
 class Reentrant : public ContainedFixture<UNIXReentrantFileManager> {
  protected:
   // The object that OpenPath reaches from the tree's root, as its path below the tree, or the
-  // result code.
+  // result code as text.
   std::string Walk(const std::string& path, bool symlinks = false, bool other_owner = false) {
     FileDescriptor base(open(tree.path().c_str(), O_RDONLY | O_CLOEXEC));
     int descriptor = -1;
@@ -51,7 +51,7 @@ TEST_F(Reentrant, WalkOpensElementByElement) {
   EXPECT_EQ("/", Walk("/"));
   EXPECT_EQ("1", Walk("data/missing/b"));
   EXPECT_EQ("1", Walk(""));
-  EXPECT_EQ("data/a/b/f", Walk("data/a/b/f"));  // what it leads to need not be a directory
+  EXPECT_EQ("data/a/b/f", Walk("data/a/b/f"));  // the target need not be a directory
   EXPECT_EQ("1", Walk("data/a/b/f/g"));
 }
 
@@ -78,7 +78,7 @@ TEST_F(Reentrant, WalkEndsInALoop) {
   tree.Link("data/here", ".");
   EXPECT_EQ("1", Walk("data/one", true));
   EXPECT_EQ("1", Walk("data/one/z", true));
-  // The same directory may be linked to only once in a walk.
+  // A walk may follow a link to the same directory only once.
   EXPECT_EQ("data", Walk("data/here", true));
   EXPECT_EQ("1", Walk("data/here/here", true));
 }
@@ -95,7 +95,7 @@ TEST_F(Reentrant, WalkComparesTheOwnersOfLinkAndTarget) {
 }
 
 TEST_F(Reentrant, LinkTextAndRestFitIntoOneBuffer) {
-  // The text, a slash and the rest may come to 1023 bytes together.
+  // The text, a slash and the rest may have 1023 bytes together.
   std::string rest = "r";
   tree.Directory("data/d/r");
   std::string dots;
@@ -107,7 +107,7 @@ TEST_F(Reentrant, LinkTextAndRestFitIntoOneBuffer) {
   EXPECT_EQ("data/d/r", Walk("data/fits/r///", true));
   tree.Directory("data/d/rr");
   EXPECT_EQ("1", Walk("data/fits/rr", true));
-  tree.Link("data/whole", "./" + dots);  // 1023, and nothing behind it
+  tree.Link("data/whole", "./" + dots);  // 1023, and nothing after it
   EXPECT_EQ("data/d", Walk("data/whole", true));
   tree.Link("data/cut", "/" + std::string(1022, '/') + "/");
   EXPECT_EQ("1", Walk("data/cut", true));
@@ -293,7 +293,7 @@ TEST_F(Reentrant, NothingOutsideIsOpenedWhileDirectoriesMove) {
   RestoredSystemCalls restored;
   int inside = 0;
   for (int i = 0; i < 5000; i++) {
-    // Half of the time by the kernel's own walk.
+    // Every second walk is the kernel's own.
     system_calls.open_without_links =
         i % 2 == 0 ? OpenWithoutLinks : [](int, const char*, int) { return -1; };
     for (const char* path : {"a/b/c/f", "a/b/c/../c/f", "../data/a/b/c/f", "a/f", "a/c/f"}) {
@@ -463,7 +463,7 @@ TEST_F(Reentrant, ConfiguredDirectoriesAreAskedForOnceAThread) {
   EXPECT_EQ(questions("/once/a/b"), 3);
   EXPECT_EQ(questions("/once/a/b"), 0);
   EXPECT_EQ(questions("/once/a/c"), 3);
-  // What is named from within a base directory may be anything, and is asked for each time.
+  // A path inside a base directory may name anything, so it is checked each time.
   EXPECT_EQ(questions("once/a/b"), 2);
   EXPECT_EQ(questions("once/a/b"), 2);
   int elsewhere = 0;
