@@ -186,6 +186,43 @@ TEST_F(SlowShutdown, NoScriptBeginsWithTheHalfOfABody) {
   EXPECT_EQ(engine.Wait(Milliseconds(20000)), 0);
 }
 
+TEST_F(SlowShutdown, BesideFieldsThatTakeLong) {
+  ASSERT_TRUE(engine.Start());
+  ASSERT_TRUE(engine.WaitUntilReady());
+  std::string query;
+  while (query.size() < 8 << 20) query += "name" + std::to_string(query.size()) + "=&";
+  FastCGIClient& client = Client();
+  client.Begin();
+  client.Parameters(engine.Parameters("/page.zpc", {{"QUERY_STRING", query}}));
+  client.EndParameters();
+  client.EndInput();
+  ExpectGoneInTime();
+}
+
+// Another peer keeps the process for some seconds after that.
+TEST_F(SlowShutdown, AConnectionThatIsKeptIsClosedWithItsPage) {
+  engine.arguments = {"-t", "3"};
+  engine.Script("long.zpc", Floods(1000));
+  ASSERT_TRUE(engine.Start());
+  ASSERT_TRUE(engine.WaitUntilReady());
+  ReadsNothing();
+  FastCGIClient& client = Client();
+  client.Begin(true);
+  client.Parameters(engine.Parameters("/long.zpc"));
+  client.EndParameters();
+  client.EndInput();
+  EXPECT_GE(client.ReadOutput(1).size(), 1u);
+  engine.Signal(SIGTERM);
+  // The idle thread leaves as soon as the shutdown begins.
+  const int two_serve = EngineProcess::OtherThreads + 2;
+  ASSERT_EQ(engine.WaitForThreads(two_serve), two_serve);
+  const auto page = client.Read();
+  EXPECT_TRUE(page.ended) << page.problem;
+  EXPECT_TRUE(client.WaitForClose());
+  EXPECT_GE(engine.Threads(), two_serve - 1) << "closed by the end of the process";
+  EXPECT_EQ(engine.Wait(Milliseconds(20000)), 0);
+}
+
 // --- While the process serves --------------------------------------------------------------------
 
 TEST_F(SlowShutdown, AClientThatDoesNotReadLosesItsThreadWithTheScriptsTime) {

@@ -2,6 +2,7 @@
 
 #include <fcgios.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -82,6 +83,21 @@ TEST_F(Connection, AWaitForInputEndsWithItsLimit) {
   std::thread late([this] { Send(kRecord); });
   EXPECT_EQ(Read(), static_cast<ssize_t>(kRecord.size()));
   late.join();
+}
+
+// Else a peer that never stops sending would keep the wait going: records of another request than
+// the connection's are passed over.
+TEST_F(Connection, NothingIsReadPastTheLimitOfAWaitForInput) {
+  Send(kRecord);
+  EXPECT_EQ(Read(), static_cast<ssize_t>(kRecord.size()));
+  const std::string other = FastCGIClient::Record(5, 99, std::string(30000, 'x'));
+  Send(other);
+  connection.LimitInput(FastCGIConnection::Clock::duration::zero());
+  EXPECT_EQ(Read(), -1);
+  EXPECT_EQ(errno, ETIMEDOUT);
+  int unread = 0;
+  EXPECT_EQ(ioctl(engine.get(), FIONREAD, &unread), 0);
+  EXPECT_EQ(unread, static_cast<int>(other.size()));
 }
 
 TEST_F(Connection, AWaitingWriteEndsWhenThePeersAreGivenUp) {

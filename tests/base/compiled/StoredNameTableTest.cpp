@@ -2,10 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <new>
 #include <random>
+#include <string>
 #include <vector>
 
+#include "base/core/ThreadMemory.h"
 #include "tests/support/CompiledFileBytes.h"
+#include "tests/support/FailingAllocator.h"
 
 using CompiledFileBytes::LE;
 using CompiledFileBytes::LE16;
@@ -113,6 +117,33 @@ TEST(StoredNameTable, ManyNamesAllKeepTheirEntries) {
     EXPECT_EQ(names.table.count(), 500);
     EXPECT_EQ(names.table.capacity(), 500);
   }
+}
+
+TEST(StoredNameTable, RoomThatThereIsNoMemoryForIsMadeLater) {
+  if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
+  NamedTable names(8);
+  int refused = 0;
+  for (int i = 0; i < 300; i++) {
+    const int capacity = names.table.capacity();
+    bool failed = false;
+    {
+      const FailingAllocator allocator(1, FailingAllocator::Once);
+      try {
+        names.table.MakeRoom(4);
+      } catch (const std::bad_alloc&) {
+        failed = true;
+      }
+    }
+    if (failed) {
+      refused++;
+      EXPECT_EQ(names.table.capacity(), capacity);
+      EXPECT_EQ(names.table.count(), i);
+    }
+    EXPECT_EQ(names.Insert("name" + std::to_string(i)), i);
+    ASSERT_LT(i, names.table.capacity());
+  }
+  EXPECT_GT(refused, 3);
+  for (int i = 0; i < 300; i++) EXPECT_EQ(names.Find("name" + std::to_string(i)), i);
 }
 
 TEST(StoredNameTable, AWrittenTableIsTheFormats) {

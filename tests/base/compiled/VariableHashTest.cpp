@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <random>
 #include <string>
 #include <vector>
@@ -12,11 +13,13 @@
 #include "base/compiled/Dictionary.h"
 #include "base/compiled/TaggedFile.h"
 #include "base/core/LittleEndian.h"
+#include "base/core/ThreadMemory.h"
 #include "base/core/hash.h"
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
 #include "base/values/VariableRef.h"
 #include "tests/support/CompiledFileBytes.h"
+#include "tests/support/FailingAllocator.h"
 #include "tests/support/FaultyFile.h"
 #include "tests/support/TestApplication.h"
 
@@ -179,6 +182,39 @@ TEST_F(VariableHashTest, GrowsBy512AndKeepsPositions) {
   for (int i = 513; i < 3000; i++) table.Insert(("v" + std::to_string(i)).c_str(), -1);
   EXPECT_EQ(table.capacity, 3072);
   for (int i = 0; i < 3000; i++) ASSERT_EQ(Seek(table, "V" + std::to_string(i)), i);
+}
+
+TEST_F(VariableHashTest, AnInsertionWithoutMemoryLeavesTheTableAsItWas) {
+  if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
+  const auto name = [](int number) { return "name" + std::to_string(number); };
+  int refused = 0;
+  for (int count = 0; count < 1100; count++) {
+    const string inserted = name(count);
+    const int capacity = table.capacity;
+    for (long number = 1;; number++) {
+      bool failed = false;
+      {
+        const FailingAllocator allocator(number, FailingAllocator::Once);
+        try {
+          table.Insert(inserted.data(), static_cast<int>(inserted.size()));
+        } catch (const std::bad_alloc&) {
+          failed = true;
+        }
+      }
+      if (!failed) break;
+      refused++;
+      ASSERT_EQ(table.Entries(), count);
+      EXPECT_LE(table.capacity, capacity + 512);
+      EXPECT_EQ(table.Seek(-1, inserted.data(), -1, nullptr), -1);
+      for (int i = 0; i < count; i++) ASSERT_EQ(table.Seek(-1, name(i).data(), -1, nullptr), i);
+    }
+    ASSERT_EQ(table.Entries(), count + 1);
+  }
+  EXPECT_GT(refused, 5);
+  for (int i = 0; i < 1100; i++) {
+    ASSERT_EQ(table.Seek(-1, name(i).data(), -1, nullptr), i);
+    EXPECT_NE(table.Index(i, 1), nullptr);
+  }
 }
 
 TEST_F(VariableHashTest, LongChainsAreSearchedInOrder) {

@@ -6,7 +6,9 @@
 #include <random>
 #include <string>
 
+#include "base/core/ThreadMemory.h"
 #include "gtest/gtest.h"
+#include "tests/support/FailingAllocator.h"
 
 namespace {
 
@@ -671,6 +673,44 @@ TEST(String, LengthsBeyondAnIntFailAsAllocations) {
   EXPECT_THROW((void)s.padl(INT_MAX, 'x'), std::bad_alloc);
   EXPECT_EQ(s.data, buffer);
   EXPECT_STREQ(s.data, "abc");
+}
+
+// A long text asks for room to spare.
+TEST(String, ALongTextGrowsWithoutRoomToSpareWhereThereIsNone) {
+  if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
+  const std::string start(5000, 'a');
+  const std::string more(100000, 'b');
+  String string(start.data(), 5000);
+  long asked;
+  {
+    const FailingAllocator allocator(1, FailingAllocator::Once);
+    string.cat(more.data(), 100000);
+    asked = FailingAllocator::Asked();
+  }
+  EXPECT_EQ(asked, 2);
+  EXPECT_EQ(Bytes(string), start + more);
+  EXPECT_EQ(string.allocated, 105024);
+}
+
+TEST(String, ALongTextStaysWhereThereIsNoMemoryAtAll) {
+  if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
+  const std::string start(5000, 'a');
+  const std::string more(100000, 'b');
+  String string(start.data(), 5000);
+  bool refused = false;
+  {
+    const FailingAllocator allocator(1, FailingAllocator::FromThereOn);
+    try {
+      string.cat(more.data(), 100000);
+    } catch (const std::bad_alloc&) {
+      refused = true;
+    }
+  }
+  EXPECT_TRUE(refused);
+  EXPECT_EQ(Bytes(string), start);
+  EXPECT_EQ(string.allocated, 5016);
+  string.cat(more.data(), 100000);
+  EXPECT_EQ(Bytes(string), start + more);
 }
 
 TEST(Split, CutsAtEverySeparator) {

@@ -208,7 +208,7 @@ TEST(StringSearch, TextsFullOfFirstAndLastBytesTakeLinearTime) {
   EXPECT_EQ(Find(bf_search, pattern, text + pattern), 4000000);
 }
 
-// Repetitive texts make the case-insensitive search change to its linear method midway.
+// Repetitive texts make some searches change to their linear method midway.
 TEST(StringSearch, RepetitiveTextsGiveTheSameAnswers) {
   std::mt19937 random(20261121);
   for (int i = 0; i < 3000; ++i) {
@@ -218,8 +218,16 @@ TEST(StringSearch, RepetitiveTextsGiveTheSameAnswers) {
     std::string pattern = RandomText(random, 1, "aAb");
     while (pattern.size() < 60) pattern += unit;
     if (random() % 2) pattern = text.substr(random() % 300, 60);
-    ASSERT_EQ(Find(bm_searchi, pattern, text), Position(Lower(text).find(Lower(pattern))))
-        << pattern << ' ' << text;
+    for (const Routine& routine : kForward) {
+      const size_t found = routine.nocase ? Lower(text).find(Lower(pattern)) : text.find(pattern);
+      ASSERT_EQ(Find(routine.search, pattern, text), Position(found))
+          << routine.name << ' ' << pattern << ' ' << text;
+    }
+    for (const Routine& routine : kPlainReverse) {
+      const size_t found = routine.nocase ? Lower(text).rfind(Lower(pattern)) : text.rfind(pattern);
+      ASSERT_EQ(Find(routine.search, pattern, text), Position(found))
+          << routine.name << ' ' << pattern << ' ' << text;
+    }
   }
 }
 

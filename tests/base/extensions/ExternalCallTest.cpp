@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -230,6 +231,22 @@ TEST_F(ExternalCallTest, StateIsKeptFromCallToCallAndFreedAtTheEnd) {
   EXPECT_EQ(events, (std::vector<std::string>{"first", "again", "freed"}));
 }
 
+void KeepStateWithoutMemory(ZephVM* vm, VariableHash* parameters, Variable* result, void** state) {
+  KeepState(vm, parameters, result, state);
+  if (vm == nullptr) throw std::bad_alloc();
+}
+
+TEST_F(ExternalCallTest, StateIsFreedAlthoughThatOfAnotherFunctionRunsOutOfMemory) {
+  {
+    ExternalCallManager request(&application);
+    ASSERT_TRUE(Register({Row("a", KeepStateWithoutMemory), Row("b", KeepStateWithoutMemory)}));
+    ASSERT_TRUE(request.RegisterDSO(fake.c_str()));
+    for (const char* name : {"a", "b"}) request.Lookup_External(name, -1)->Call(some_vm, nullptr);
+    events.clear();
+  }
+  EXPECT_EQ(events, (std::vector<std::string>{"freed", "freed"}));
+}
+
 TEST_F(ExternalCallTest, FunctionWithoutStateIsNotCalledAtTheEnd) {
   {
     ExternalCallManager request(&application);
@@ -321,6 +338,34 @@ TEST_F(ExternalCallTest, WhatACallbackLeavesIsDestroyedToo) {
   EXPECT_EQ(events, (std::vector<std::string>{"destroyed a", "destroyed left behind", "destroyed b",
                                               "destroyed left behind"}));
   EXPECT_EQ(manager.Lookup_Persistent("pool", -1), nullptr);
+}
+
+// A callback may call functions of the script, which may use up the memory.
+void DestroyWithoutMemory(void* vm, void* data) {
+  NoteDestroyed(vm, data);
+  throw std::bad_alloc();
+}
+
+TEST_F(ExternalCallTest, PersistentDataEndsAlthoughACallbackRunsOutOfMemory) {
+  {
+    ExternalCallManager request(&application);
+    request.Register_Persistent(some_vm, "a", -1, Data("a"), DestroyWithoutMemory);
+    request.Register_Persistent(some_vm, "b", -1, Data("b"), NoteDestroyed);
+    request.Register_Persistent(some_vm, "c", -1, Data("c"), DestroyWithoutMemory);
+    request.Register_Persistent(some_vm, "A", -1, Data("d"), DestroyWithoutMemory);
+    EXPECT_EQ(events, (std::vector<std::string>{"destroyed a"}));
+    EXPECT_STREQ(static_cast<char*>(request.Lookup_Persistent("a", -1)), "d");
+    events.clear();
+    request.MachineEnds(some_vm, nullptr);
+    EXPECT_EQ(events.size(), 3u);
+    for (const char* name : {"a", "b", "c"}) {
+      EXPECT_EQ(request.Lookup_Persistent(name, -1), nullptr) << name;
+    }
+    events.clear();
+    request.Register_Persistent(some_vm, "e", -1, Data("e"), DestroyWithoutMemory);
+    request.Register_Persistent(some_vm, "f", -1, Data("f"), DestroyWithoutMemory);
+  }
+  EXPECT_EQ(events, (std::vector<std::string>{"destroyed e", "destroyed f"}));
 }
 
 // Under the address sanitizer data that is not freed fails the test.

@@ -261,21 +261,45 @@ TEST(LongWork, AnExportThatWasCutWritesNothing) {
 
 // --- Copies --------------------------------------------------------------------------------------
 
-TEST(LongWork, PastTheTimeACopyLacksElementsAndIsSound) {
+TEST(LongWork, PastTheTimeACopyIsEmptyAndSound) {
+  const int count = 5000;
   for (const bool row : {true, false}) {
     SCOPED_TRACE(row);
-    const VariableRef source = row ? ArrayOf(5000, "element") : StructureOf(5000);
-    const VariableRef copy(new Variable());
-    {
+    const VariableRef source = row ? ArrayOf(count, "element") : StructureOf(count);
+    const auto cut = [&source] {
+      VariableRef copy(new Variable());
       const TimeIsOver over;
       copy->SetValue(*source);
       EXPECT_TRUE(RunLimit::WasCut());
-    }
-    EXPECT_EQ(source->ElementsUsed(), 5000);
-    EXPECT_LT(copy->value().length, source->value().length);
-    // The copy can be used like any other value.
+      return copy;
+    };
+    VariableRef copy = cut();
+    EXPECT_EQ(source->ElementsUsed(), count);
+    EXPECT_EQ(copy->ElementsUsed(), 0);
+    EXPECT_EQ(TextOfValue(copy.get()), "");
+    // It can be used like any other.
     copy->SetValue(*source);
     EXPECT_EQ(TextOfValue(copy.get()), TextOfValue(source.get()));
+
+    copy = cut();
+    const VariableRef numbers = cut();
+    for (int i = count; i >= 1; i--) {
+      double number;
+      EXPECT_FALSE(copy->ReadElement(i, &number));
+      EXPECT_EQ(copy->At(i, 0), nullptr);
+      copy->At(i, 1)->SetValue_Integer(i);
+      EXPECT_EQ(copy->At(i, 0)->value_integer(), i);
+      if (!numbers->WriteElement(i, i)) numbers->At(i, 1)->SetValue_Integer(i);
+      EXPECT_EQ(numbers->At(i, 0)->value_integer(), i);
+    }
+    EXPECT_EQ(copy->ElementsUsed(), count);
+    EXPECT_EQ(numbers->ElementsUsed(), count);
+    for (int i = 1; i <= count; i += row ? 1 : 50) {
+      copy = cut();
+      copy->DeleteElements(i, i % 2 ? 1 : -1, i % 3 == 0);
+      copy->DeleteElement(AggregateIndex(i), i % 2 == 0);
+      EXPECT_EQ(copy->ElementsUsed(), 0);
+    }
   }
 }
 

@@ -10,6 +10,7 @@
 #include "base/core/ThreadMemory.h"
 #include "base/extensions/ExternalLibrary.h"
 #include "base/host/Config.h"
+#include "base/request/SpecialVariable.h"
 #include "base/request/URLEncodedParser.h"
 #include "fuzz/ScriptRunSeeds.h"
 #include "tests/support/FailingAllocator.h"
@@ -111,10 +112,11 @@ void RunScript(const std::string& image, const std::string& other, int log_level
 const char* const kOther =
     "pushc \"in\"\nout\nincg count, 1\n.function f(a, b var)\npushl a\npushl b\ncat\nret\n";
 
-void ExpectNothingIsLostOf(const std::string& source, int log_level = 0) {
+void ExpectNothingIsLostOf(const std::string& source, int log_level = 0,
+                           const std::string& other_source = kOther) {
   SCOPED_TRACE(source);
   const std::string image = Assembled(source);
-  const std::string other = Assembled(kOther);
+  const std::string other = Assembled(other_source);
   EXPECT_GT(ExpectNothingIsLost([&] { RunScript(image, other, log_level); }), 20);
 }
 
@@ -170,6 +172,92 @@ TEST_F(OutOfMemory, TextsLoseNothing) {
       "pushg t\npushg s\ncmp\nout\npushg t\npushf 1.5\ncat\nout_comp\n");
 }
 
+// A variable whose text is on the stack, to be copied before the variable gets another one.
+TEST_F(OutOfMemory, AStoreIntoAVariableWhoseTextWaitsLosesNothing) {
+  const std::string text(200, 'x');
+  ExpectNothingIsLostOf("pushc \"" + text + "\"\npopg s\npushg s\npushc \"y\"\ncat\npushc \"" +
+                        text + text + "\"\npushc \"b\"\ncat\npushc \"c\"\ncat\npopg s\nout\n");
+}
+
+TEST_F(OutOfMemory, ACaptureIntoAVariableWhoseTextWaitsLosesNothing) {
+  ExpectNothingIsLostOf(
+      "pushc \"" + std::string(200, 'x') +
+      "\"\npopg s\npushg s\ncapture\npushc \"t\"\nout\npushg s\npushc \"y\"\ncat\n"
+      "capture_end\nout\n");
+}
+
+TEST_F(OutOfMemory, AStoreOfTheLanguageLosesNothing) {
+  const std::string image =
+      Assembled("pushc \"d\"\npushc \"e\"\ncat\npushc \"-XX\"\ncat\npops zeph_language\n");
+  ExpectNothingIsLost([&] {
+    Machine machine;
+    machine.system.SetLateVariables(NewSystemVariables(&machine.application));
+    machine.Load(image);
+    machine.Go();
+    machine.Close();
+  });
+}
+
+// The names of the other file are numbered in a dictionary of its own, which its task gets too.
+TEST_F(OutOfMemory, ATaskOfAnotherFileLosesNothing) {
+  ExpectNothingIsLostOf("pushc \"c\"\nop_do_file\nout\n", 0,
+                        "async done\npushc \"task\"\nout\nexit\n"
+                        "done: pushs subject\nout\npushg q\nout\n");
+}
+
+TEST_F(OutOfMemory, LevelsOfSystemVariablesLoseNothing) {
+  const auto variable = [](const char* name) { return new Variable(name, 1, "text", 4); };
+  ExpectNothingIsLost([&] {
+    Dictionary dictionary;
+    SystemVariableHash table(&dictionary, 12, 512);
+    table.SetVariable(variable("a"));
+    table.Push();
+    table.SetVariable(variable("a"));
+    table.SetVariable(variable("b"));
+    table.Push();
+    table.Insert(variable("a"));
+    table.Insert(variable("c"));
+    table.Pop();
+    table.Pop();
+  });
+}
+
+// After a block was refused the table takes all names, and has each of them once.
+TEST_F(OutOfMemory, FormsOfManyNamesLoseNothing) {
+  const struct {
+    int names;
+    long each;
+  } forms[] = {{9, 300}, {65, 300}, {600, 60}};
+  for (const auto& form : forms) {
+    SCOPED_TRACE(form.names);
+    std::vector<std::string> names;
+    std::string body;
+    for (int i = 0; i < form.names; i++) {
+      names.push_back("name" + std::to_string(i));
+      body += (i ? "&" : "") + names.back() + "=value";
+    }
+    ExpectNothingIsLost(
+        [&] {
+          Dictionary dictionary;
+          VariableHash table(&dictionary, 12, 512);
+          try {
+            URLEncodedParser parser(&table, 0);
+            (void)Feed(parser, {body});
+          } catch (const std::bad_alloc&) {
+          }
+          for (const std::string& name : names) {
+            const int length = static_cast<int>(name.size());
+            if (table.Seek(-1, name.data(), length, nullptr) < 0) table.Insert(name.data(), length);
+            Variable* made = nullptr;
+            EXPECT_TRUE(table.Find(&made, name.data(), length, 1));
+            EXPECT_NE(made, nullptr);
+          }
+          EXPECT_EQ(table.Entries(), form.names);
+        },
+        true, form.each);
+  }
+}
+
 TEST_F(OutOfMemory, FormsLoseNothing) {
   ExpectNothingIsLost([] {
     Dictionary dictionary;
@@ -210,7 +298,6 @@ TEST_F(OutOfMemory, IsAFatalErrorBehindWhatWasWritten) {
 }
 
 TEST_F(OutOfMemory, ARunThatFollowsHasAllOfItsMemory) {
-  const int64_t before = ThreadMemory::Used();
   for (int i = 0; i < 3; i++) {
     ThreadMemory::Begin();
     ThreadMemory::SetLimit(8 << 20);
@@ -225,7 +312,6 @@ TEST_F(OutOfMemory, ARunThatFollowsHasAllOfItsMemory) {
     EXPECT_LT(ThreadMemory::Used(), 1 << 20);
     ThreadMemory::End();
   }
-  (void)before;
 }
 
 // A text doubles with each few instructions. The block that is too large is refused before it is

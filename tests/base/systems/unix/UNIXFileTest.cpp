@@ -358,8 +358,11 @@ TEST_F(UNIXFileTest, AFileUnderALeaseIsOpenedWhenTheLeaseIsGivenUp) {
     GTEST_SKIP() << "no leases here: " << strerror(errno);
   }
   std::thread giver([&] {
+    const timespec most = {60, 0};
     int signal;
-    sigwait(&told, &signal);
+    while ((signal = sigtimedwait(&told, nullptr, &most)) < 0 && errno == EINTR) {
+    }
+    EXPECT_EQ(SIGIO, signal) << "the open has not asked for the lease";
     EXPECT_EQ(0, fcntl(holder.get(), F_SETLEASE, F_UNLCK));
   });
   auto file = Open("f", FileMode_Read | FileMode_Write);
