@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/core/ThreadMemory.h"
 #include "base/host/Config.h"
 #include "base/machine/Lockfile.h"
 #include "base/values/Aggregate.h"
@@ -45,6 +46,7 @@ void EndWithoutMemory(const std::string& code) {
 }
 
 TEST(Cleanup, TheAllocatorOfThisTestRefuses) {
+  if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
   bool threw = false;
   long asked;
   {
@@ -124,6 +126,7 @@ TEST(Cleanup, OfCirclesOfTreesInAnyShape) {
 
 // The text's bytes are copied when its variable is deleted, and there may be no memory for that.
 TEST(Cleanup, ATextWhoseVariableIsGoneIsLostWithoutMemory) {
+  if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
   auto* variable = new Variable("s", 1, std::string(500, 'x').c_str(), 500);
   const std::unique_ptr<DeferredText> text(DeferredText::Begin(variable));
   ASSERT_NE(text, nullptr);
