@@ -42,7 +42,8 @@ class FastCGIConnection {
 
   // Gives up a write when the client has taken nothing for that many seconds; 0 means no limit.
   void LimitWrites(int seconds) { write_limit = seconds; }
-  // From `time` after this call on, no read waits for input. ClearInputLimit removes the limit.
+  // From `time` after this call on, every read fails with ETIMEDOUT, even if bytes have come.
+  // ClearInputLimit removes the limit.
   void LimitInput(Clock::duration time) { input_end = Clock::now() + time; }
   void ClearInputLimit() { input_end = Clock::time_point::max(); }
 
