@@ -9,11 +9,12 @@
 
 #include "base/host/Config.h"
 #include "config/Snapshot.h"
+#include "tests/support/Paths.h"
 
 namespace {
 
 std::string ExampleText() {
-  std::ifstream in(ZEPH_SOURCE_DIR "/config/zeph.toml");
+  std::ifstream in(InSource("config/zeph.toml"));
   std::ostringstream text;
   text << in.rdbuf();
   return text.str();

@@ -22,6 +22,7 @@
 #include "base/host/TagErrors.h"
 #include "base/values/Variable.h"
 #include "tests/support/LibraryFixture.h"
+#include "tests/support/Paths.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
@@ -62,7 +63,7 @@ struct Request {
 class LibraryTest : public testing::Test {
  protected:
   LibraryTest() : library(directory.path("libzephconfig.so")), file(directory.path("test.toml")) {
-    std::filesystem::copy_file(ZEPH_BINARY_DIR "/lib/libzephconfig.so", library);
+    std::filesystem::copy_file(InBuild("lib/libzephconfig.so"), library);
     setenv("ZEPH_CONFIG", file.c_str(), 1);
   }
   ~LibraryTest() override {

@@ -5,6 +5,7 @@
 
 #include "tests/e2e/Pages.h"
 #include "tests/support/Command.h"
+#include "tests/support/Paths.h"
 
 namespace {
 
@@ -80,7 +81,7 @@ TEST_F(DoFiles, TheCommandLineRunsThemToo) {
   engine.Script("part.zpc", Writes("part "));
   engine.WriteConfiguration();
   for (const bool configured : {false, true}) {
-    std::vector<std::string> arguments = {ZEPH_BINARY_DIR "/bin/zprun"};
+    std::vector<std::string> arguments = {InBuild("bin/zprun")};
     if (configured) {
       arguments.push_back("--config");
       arguments.push_back(engine.Path("zeph.toml"));

@@ -10,6 +10,7 @@
 
 #include "tests/support/Command.h"
 #include "tests/support/EngineProcess.h"
+#include "tests/support/Paths.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/UploadMachine.h"
 
@@ -22,12 +23,12 @@ using testing::StartsWith;
 // configuration is the text of a zeph.toml; empty for none.
 std::string Page(const std::string& name, const std::string& configuration = "") {
   TemporaryDirectory directory;
-  std::vector<std::string> arguments = {ZEPH_BINARY_DIR "/bin/zprun"};
+  std::vector<std::string> arguments = {InBuild("bin/zprun")};
   if (!configuration.empty()) {
     arguments.push_back("--config");
     arguments.push_back(directory.File("zeph.toml", configuration));
   }
-  arguments.push_back(ZEPH_BINARY_DIR "/site/" + name);
+  arguments.push_back(InBuild("site/") + name);
   Command command(arguments);
   command.environment = {{"ZEPH_CONFIG", ""}, {"ZpCONFIG_LIBRARY", ""}};
   EXPECT_EQ(command.Run(), name == "mistake.zpc" ? 1 : 0) << command.errors;
@@ -75,7 +76,7 @@ TEST(ExampleSite, PagesShareFunctions) {
 TEST(ExampleSite, APageFindsItsFilesWhenItIsServed) {
   EngineProcess engine;
   engine.configuration =
-      "dir_zeph = \"" ZEPH_BINARY_DIR "/site\"\ndir_data = \"" + engine.Folder("data") + "\"\n";
+      "dir_zeph = \"" + InBuild("site") + "\"\ndir_data = \"" + engine.Folder("data") + "\"\n";
   ASSERT_TRUE(engine.Start());
   for (int request = 0; request < 3; request++) {
     const std::string page = engine.Get("/shared.zpc", {}).Body();
@@ -125,7 +126,7 @@ TEST(ExampleSite, TheLanguageOfTheBrowserIsTheFirstChoiceAndUnknownOnesAreEnglis
 TEST(ExampleSite, ALinkChoosesTheLanguageOfAServedPage) {
   EngineProcess engine;
   engine.configuration =
-      "dir_zeph = \"" ZEPH_BINARY_DIR "/site\"\ndir_data = \"" + engine.Folder("data") + "\"\n";
+      "dir_zeph = \"" + InBuild("site") + "\"\ndir_data = \"" + engine.Folder("data") + "\"\n";
   ASSERT_TRUE(engine.Start());
   const auto page = [&](const char* query, const char* browser) {
     return engine
@@ -142,7 +143,7 @@ TEST(ExampleSite, ALinkChoosesTheLanguageOfAServedPage) {
 TEST(ExampleSite, TheListOfTeasIsWrittenOnceAndReadWithAFilter) {
   EngineProcess engine;
   engine.configuration =
-      "dir_zeph = \"" ZEPH_BINARY_DIR "/site\"\ndir_data = \"" + engine.Folder("data") + "\"\n";
+      "dir_zeph = \"" + InBuild("site") + "\"\ndir_data = \"" + engine.Folder("data") + "\"\n";
   ASSERT_TRUE(engine.Start());
   const auto row = [](const char* number, const char* name, const char* price, const char* about) {
     return "<tr><td class=\"number\">" + std::string(number) + "</td><td>" + name +
@@ -168,7 +169,7 @@ TEST(ExampleSite, TheListOfTeasIsWrittenOnceAndReadWithAFilter) {
 
 // The library that the site registers for these pages.
 const std::string shelf =
-    "[[library]]\nkind = \"builtin\"\npath = \"" ZEPH_BINARY_DIR "/lib/libshelf.so\"\n";
+    "[[library]]\nkind = \"builtin\"\npath = \"" + InBuild("lib/libshelf.so") + "\"\n";
 
 // A cell of a table, after the name.
 std::string Row(const std::string& name, const std::string& value) {
@@ -210,7 +211,7 @@ TEST(ExampleSite, TheShelfKeepsFilesUnderHarmlessNamesAndListsThem) {
   EngineProcess engine;
   engine.settings = shelf;
   const auto copy = [&engine](const char* name) {
-    std::filesystem::copy_file(std::string(ZEPH_BINARY_DIR "/site/") + name,
+    std::filesystem::copy_file(InBuild("site/") + name,
                                engine.Path(std::string("scripts/") + name));
   };
   copy("upload.zpc");
@@ -258,7 +259,7 @@ TEST(ExampleSite, TheShelfKeepsFilesUnderHarmlessNamesAndListsThem) {
 
 // A page of the built site, as a script of an engine.
 void ServeExample(const EngineProcess& engine, const std::string& name) {
-  std::filesystem::copy_file(ZEPH_BINARY_DIR "/site/" + name, engine.Path("scripts/" + name));
+  std::filesystem::copy_file(InBuild("site/") + name, engine.Path("scripts/" + name));
 }
 
 TEST(ExampleSite, TheCounterGivesEveryVisitorANumberOfItsOwn) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tests/support/Command.h"
+#include "tests/support/Paths.h"
 
 namespace {
 
@@ -77,7 +78,7 @@ zeph_file_tell zeph_file_length zeph_file_lock zeph_file_release zeph_file_close
 
 // The plain functions that a program exports.
 std::set<std::string> Exports(const std::string& program) {
-  Command command({"/usr/bin/nm", "-D", "--defined-only", ZEPH_BINARY_DIR "/bin/" + program});
+  Command command({"/usr/bin/nm", "-D", "--defined-only", InBuild("bin/") + program});
   EXPECT_EQ(command.Run(), 0) << command.errors;
   std::istringstream lines(command.output);
   std::set<std::string> exported;

@@ -8,6 +8,7 @@
 
 #include "tests/e2e/Pages.h"
 #include "tests/support/Command.h"
+#include "tests/support/Paths.h"
 #include "tools/Assembler.h"
 
 namespace {
@@ -15,7 +16,7 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const std::string library = ZEPH_BINARY_DIR "/lib/libtextstat.so";
+const std::string library = InBuild("lib/libtextstat.so");
 
 std::string Registers(const std::string& path) {
   return "[[library]]\nkind = \"builtin\"\npath = \"" + path + "\"\n";
@@ -53,7 +54,7 @@ class Extension : public testing::Test {
   std::string FromZprun() {
     engine.Script("page.zpc", script);
     engine.WriteConfiguration();
-    Command command({ZEPH_BINARY_DIR "/bin/zprun", "--config", engine.Path("zeph.toml"),
+    Command command({InBuild("bin/zprun"), "--config", engine.Path("zeph.toml"),
                      engine.Path("scripts/page.zpc")});
     status = command.Run();
     EXPECT_EQ(command.errors, "");

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "tests/e2e/Pages.h"
+#include "tests/support/Paths.h"
 #include "tools/Assembler.h"
 
 namespace {
@@ -18,7 +19,7 @@ constexpr char loading[] = "Error loading configuration library: ";
 constexpr char corrupt[] = "File is either corrupt or not a valid compiled Zeph Script file";
 
 std::string FaultyLibrary() {
-  return std::string(ZEPH_BINARY_DIR) + "/lib/test/FaultyConfiguration.so";
+  return InBuild("lib/test/FaultyConfiguration.so");
 }
 
 class FailurePages : public testing::Test {
@@ -90,8 +91,7 @@ TEST_F(FailurePages, TheLibraryInTheWorkingDirectoryIsTakenFirst) {
 
 TEST_F(FailurePages, ALibraryWithoutTheFunction) {
   engine.name_library = false;
-  FastCGIResponse response =
-      Page({{"ZpCONFIG_LIBRARY", std::string(ZEPH_BINARY_DIR) + "/lib/test/FakeEmpty.so"}});
+  FastCGIResponse response = Page({{"ZpCONFIG_LIBRARY", InBuild("lib/test/FakeEmpty.so")}});
   EXPECT_THAT(response.Body(), AllOf(StartsWith(std::string("Configuration Error: ") + loading),
                                      HasSubstr("zeph_config_library")));
 }

@@ -11,6 +11,7 @@
 
 #include "tests/e2e/Pages.h"
 #include "tests/support/Command.h"
+#include "tests/support/Paths.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ class TraceLog : public testing::Test {
   }
   void Zprun(const std::string& name) {
     engine.WriteConfiguration();
-    Command command({ZEPH_BINARY_DIR "/bin/zprun", "--config", engine.Path("zeph.toml"),
+    Command command({InBuild("bin/zprun"), "--config", engine.Path("zeph.toml"),
                      engine.Path("scripts/" + name)});
     command.Run();
     EXPECT_EQ(command.errors, "");
@@ -86,7 +87,7 @@ TEST_F(TraceLog, CallsOfLibrariesInBothHosts) {
                 ".function slug(title) external\n.end\n"
                 "lineno 5\npushc \"Green Tea\"\ncall slug\nout\n");
   LogTo("trace.log", 256 + 512 + 1024 + 2048,
-        "[[library]]\nkind = \"builtin\"\npath = \"" ZEPH_BINARY_DIR "/lib/libtextstat.so\"\n");
+        "[[library]]\nkind = \"builtin\"\npath = \"" + InBuild("lib/libtextstat.so") + "\"\n");
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/page.zpc"), "green-tea");
   const auto expected =

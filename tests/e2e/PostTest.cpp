@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "tests/e2e/Pages.h"
+#include "tests/support/Paths.h"
 #include "tests/support/UploadMachine.h"
 
 namespace {
@@ -339,7 +340,7 @@ constexpr char parts[] = "multipart/form-data; boundary=B";
 
 TEST_F(Post, AFileIsInTheDataDirectoryWhileTheScriptHasIt) {
   engine.settings =
-      "[[library]]\nkind = \"builtin\"\npath = \"" ZEPH_BINARY_DIR "/lib/libshelf.so\"\n";
+      "[[library]]\nkind = \"builtin\"\npath = \"" + InBuild("lib/libshelf.so") + "\"\n";
   Start(".function keep(path, name) external\n.end\n" + std::string(shows) + "exit\n" +
         ValidatesWith("0") +
         ".function Zeph_ProcessFileUpload(field, name, status, path, type, size)\n"

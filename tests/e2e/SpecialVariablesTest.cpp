@@ -5,6 +5,7 @@
 
 #include "tests/e2e/Pages.h"
 #include "tests/support/Command.h"
+#include "tests/support/Paths.h"
 
 namespace {
 
@@ -14,7 +15,7 @@ class SpecialVariableHosts : public testing::Test {
  protected:
   std::string FromZprun() {
     engine.WriteConfiguration();
-    Command command({ZEPH_BINARY_DIR "/bin/zprun", "--config", engine.Path("zeph.toml"),
+    Command command({InBuild("bin/zprun"), "--config", engine.Path("zeph.toml"),
                      engine.Path("scripts/page.zpc")});
     command.Run();
     EXPECT_EQ(command.errors, "");
@@ -62,8 +63,8 @@ TEST_F(SpecialVariableHosts, SettingsAndLibraries) {
   engine.settings =
       "timeout_global = 123\n"
       "[[library]]\nkind = \"commerce\"\nname = \"pay\"\npath = \"/nowhere/pay.so\"\n"
-      "[[library]]\nkind = \"system\"\nname = \"stat\"\npath = \"" ZEPH_BINARY_DIR
-      "/lib/libtextstat.so\"\n";
+      "[[library]]\nkind = \"system\"\nname = \"stat\"\npath = \"" +
+      InBuild("lib/libtextstat.so") + "\"\n";
   Expect(Named("zeph_config:timeout_global") + Named("zeph_config:dir_user") +
              Named("zeph_config:dir_ca") + Named("zeph_config:commerce_list[1]") +
              Named("zeph_config:commerce_lookup:pay") + Named("zeph_config:systemlib_lookup:stat") +
@@ -84,7 +85,7 @@ TEST_F(SpecialVariableHosts, TheProcessIsNamedAsItIsListed) {
   engine.Script("page.zpc", Named("process_name"));
   ASSERT_TRUE(engine.Start());
   EXPECT_EQ(engine.Get("/page.zpc").Body(), "zeph for tests ");
-  EXPECT_EQ(FromZprun(), ZEPH_BINARY_DIR "/bin/zprun ");
+  EXPECT_EQ(FromZprun(), InBuild("bin/zprun") + " ");
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "tests/e2e/Pages.h"
+#include "tests/support/Paths.h"
 
 namespace {
 
@@ -237,8 +238,8 @@ TEST_F(Task, SixteenRequestsStartTasksAtOnce) {
 constexpr char extension[] =
     ".function header(name, value) external\n.function sleep(seconds, file) external\n.end\n";
 std::string RegistersTaskFunctions() {
-  return "[[library]]\nkind = \"builtin\"\npath = \"" ZEPH_BINARY_DIR
-         "/lib/test/TaskFunctions.so\"\n";
+  return "[[library]]\nkind = \"builtin\"\npath = \"" + InBuild("lib/test/TaskFunctions.so") +
+         "\"\n";
 }
 std::string Header(const std::string& name, const std::string& value) {
   return "pushc \"" + name + "\"\npushc \"" + value + "\"\ncall header\n";

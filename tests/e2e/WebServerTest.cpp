@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "tests/e2e/Pages.h"
+#include "tests/support/Paths.h"
 #include "tests/support/UploadMachine.h"
 
 namespace {
@@ -99,12 +100,11 @@ class SlowWebServers : public testing::Test {
     engine.Script("large.zpc", Floods(500));
     engine.Script("form.zpc", FormScript());
     engine.settings =
-        "[[library]]\nkind = \"builtin\"\npath = \"" ZEPH_BINARY_DIR "/lib/libshelf.so\"\n";
+        "[[library]]\nkind = \"builtin\"\npath = \"" + InBuild("lib/libshelf.so") + "\"\n";
     engine.WriteConfiguration();
     engine.Write("engine.sh", "#!/bin/sh\necho $$ >'" + engine.Path("engine.pid") + "'\ncd '" +
-                                  std::string(ZEPH_BINARY_DIR) + "/lib' && ZEPH_CONFIG='" +
-                                  engine.Path("zeph.toml") + "' exec '" + EngineProcess::Program() +
-                                  "'\n");
+                                  InBuild("lib") + "' && ZEPH_CONFIG='" + engine.Path("zeph.toml") +
+                                  "' exec '" + EngineProcess::Program() + "'\n");
     chmod(engine.Path("engine.sh").c_str(), 0755);
   }
 
@@ -204,8 +204,8 @@ class SlowWebServers : public testing::Test {
 TEST_F(SlowWebServers, LighttpdServesTheSiteAndSpawnsTheEngine) {
   server.Start("env BIND='" + engine.Path("http.sock") + "' PORT=0 RUN='" + engine.Path("work") +
                    "' DOCROOT='" + engine.Path("scripts") + "' ENGINE='" +
-                   engine.Path("engine.sh") + "' lighttpd -D -f '" + std::string(ZEPH_SOURCE_DIR) +
-                   "/script/server.conf'",
+                   engine.Path("engine.sh") + "' lighttpd -D -f '" +
+                   InSource("script/server.conf") + "'",
                engine.Path("log"));
   ASSERT_TRUE(WaitUntilItServes()) << engine.Log();
   ExpectSite();
@@ -275,14 +275,13 @@ class SlowExampleSite : public SlowWebServers {
     engine.Folder("build");
     engine.Folder("run");
     for (const char* part : {"bin", "lib"}) {
-      std::filesystem::create_symlink(std::string(ZEPH_BINARY_DIR) + "/" + part,
-                                      engine.Path(std::string("build/") + part));
+      std::filesystem::create_symlink(InBuild(part), engine.Path(std::string("build/") + part));
     }
     // A script directory that is a link would be refused.
-    std::filesystem::copy(ZEPH_BINARY_DIR "/site", engine.Path("build/site"),
+    std::filesystem::copy(InBuild("site"), engine.Path("build/site"),
                           std::filesystem::copy_options::recursive);
     server.Start("env ZEPH_BUILD='" + engine.Path("build") + "' TMPDIR='" + engine.Path("run") +
-                     "' '" + std::string(ZEPH_SOURCE_DIR) + "/script/server'",
+                     "' '" + InSource("script/server") + "'",
                  engine.Path("log"));
     std::string address;
     Eventually(start_timeout, [&] {
@@ -345,8 +344,8 @@ TEST_F(SlowExampleSite, ABrowserSendsFormsAndFiles) {
   const std::string second = engine.Write("sent/notes.txt", "one\r\ntwo\r\n--three");
   const std::string shown =
       OutputOf("HOME='" + engine.Folder("home") + "' TMPDIR='" + engine.Folder("browser") +
-               "' timeout 100 python3 '" + std::string(ZEPH_SOURCE_DIR) +
-               "/tests/support/browser.py' " + address + " '" + first + "' '" + second + "' 2>&1");
+               "' timeout 100 python3 '" + InSource("tests/support/browser.py") + "' " + address +
+               " '" + first + "' '" + second + "' 2>&1");
   for (const char* line :
        {"form|received|Ada <Lovelace> & \xC3\x9Cn\xC3\xAF+1%", "form|received|7",
         "form|received|Oolong", "form|received|Milk,Lemon", "form|received|first line second line",

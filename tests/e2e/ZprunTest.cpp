@@ -7,6 +7,7 @@
 
 #include "tests/e2e/Pages.h"
 #include "tests/support/Command.h"
+#include "tests/support/Paths.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tools/Assembler.h"
 
@@ -15,8 +16,8 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const std::string program = ZEPH_BINARY_DIR "/bin/zprun";
-const std::string shipped_library = ZEPH_BINARY_DIR "/lib/libzephconfig.so";
+const std::string program = InBuild("bin/zprun");
+const std::string shipped_library = InBuild("lib/libzephconfig.so");
 
 class Zprun : public testing::Test {
  protected:
@@ -152,7 +153,7 @@ TEST_F(Zprun, AFileThatIsNotInOrderIsTold) {
 TEST_F(Zprun, TheLibraryOfTheWorkingDirectoryComesFirstThenTheNamedOne) {
   Script("page.zpc", named);
   directory.File("zeph.toml", names);
-  environment["ZpCONFIG_LIBRARY"] = ZEPH_BINARY_DIR "/lib/test/FakeEmpty.so";
+  environment["ZpCONFIG_LIBRARY"] = InBuild("lib/test/FakeEmpty.so");
   ExpectFailure({"page.zpc"},
                 "Error loading configuration library: Unknown symbol 'zeph_config_library'");
   directory.Link("libzephconfig.so", shipped_library);

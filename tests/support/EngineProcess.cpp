@@ -21,6 +21,7 @@
 #include <sstream>
 #include <thread>
 
+#include "tests/support/Paths.h"
 #include "tools/Assembler.h"
 
 namespace {
@@ -87,11 +88,11 @@ EngineProcess::~EngineProcess() {
 }
 
 std::string EngineProcess::Program() {
-  return std::string(ZEPH_BINARY_DIR) + "/bin/zeph-fcgi";
+  return InBuild("bin/zeph-fcgi");
 }
 
 std::string EngineProcess::ConfigurationLibrary() {
-  return std::string(ZEPH_BINARY_DIR) + "/lib/libzephconfig.so";
+  return InBuild("lib/libzephconfig.so");
 }
 
 std::string EngineProcess::Path(std::string_view relative) const {

@@ -9,11 +9,12 @@
 #include <string>
 
 #include "base/systems/unix/UNIXExternalLibrary.h"
+#include "tests/support/Paths.h"
 #include "tests/support/TestApplication.h"
 
 // The path of a library in tests/support/libraries.
 inline std::string TestLibraryPath(const std::string& name) {
-  return ZEPH_BINARY_DIR "/lib/test/" + name + ".so";
+  return InBuild("lib/test/") + name + ".so";
 }
 
 // A String as a test compares it; the null string is empty.

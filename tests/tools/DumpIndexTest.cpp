@@ -8,6 +8,7 @@
 #include <string>
 
 #include "tests/support/Command.h"
+#include "tests/support/Paths.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/ZIXIndexOperations.h"
 
@@ -227,10 +228,10 @@ TEST_F(DumpIndexTest, ManyProblemsAreCounted) {
 }
 
 TEST_F(DumpIndexTest, TheProgramKnowsAnIndexByItsFirstBytes) {
-  Command show({ZEPH_BINARY_DIR "/bin/zpdbf", "--csv", path()});
+  Command show({InBuild("bin/zpdbf"), "--csv", path()});
   EXPECT_EQ(0, show.Run());
   EXPECT_EQ(0u, show.output.rfind("record,key\n1,a\n", 0));
-  Command check({ZEPH_BINARY_DIR "/bin/zpdbf", "--check", path()});
+  Command check({InBuild("bin/zpdbf"), "--check", path()});
   EXPECT_EQ(0, check.Run());
   EXPECT_EQ("ok: 9 entries in 3 pages, depth 2, 0 pages unused\n", check.output);
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tests/support/Command.h"
+#include "tests/support/Paths.h"
 #include "tests/support/TableOnDisk.h"
 
 namespace {
@@ -44,7 +45,7 @@ class OtherMakers : public ::testing::Test {
   std::string Script(const std::string& name, const std::string& table) {
     const bool perl = name.ends_with(".pl");
     return Run({perl ? "/usr/bin/perl" : "/usr/bin/python3",
-                ZEPH_SOURCE_DIR "/tests/support/xbase/" + name, directory.path(table)});
+                InSource("tests/support/xbase/") + name, directory.path(table)});
   }
 
   std::string Run(const Lines& arguments) {

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <string>
 
+#include "tests/support/Paths.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tools/Assembler.h"
 
@@ -25,8 +26,8 @@ class Program : public testing::Test {
  protected:
   // Runs zpasm in the test's directory; the arguments may have redirections of the shell.
   Result Run(const std::string& arguments) {
-    std::string command = "cd '" + directory.path() + "' && '" + std::string(ZEPH_BINARY_DIR) +
-                          "/bin/zpasm' " + arguments;
+    std::string command =
+        "cd '" + directory.path() + "' && '" + InBuild("bin/zpasm") + "' " + arguments;
     FILE* pipe = popen(("(" + command + ") 2>&1").c_str(), "r");
     if (!pipe) return {-1, "popen failed"};
     Result result{0, ""};

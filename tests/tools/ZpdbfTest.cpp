@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tests/support/Command.h"
+#include "tests/support/Paths.h"
 #include "tests/support/TableOnDisk.h"
 
 namespace {
@@ -22,7 +23,7 @@ class Zpdbf : public ::testing::Test {
   }
 
   int Run(Lines arguments) {
-    arguments.insert(arguments.begin(), ZEPH_BINARY_DIR "/bin/zpdbf");
+    arguments.insert(arguments.begin(), InBuild("bin/zpdbf"));
     Command command(arguments);
     command.directory = directory.path();
     const int status = command.Run();
@@ -92,7 +93,7 @@ TEST_F(Zpdbf, AWrongCommandLineIsToldWithTheUsage) {
 }
 
 TEST_F(Zpdbf, OutputThatCannotBeWrittenIsAFailure) {
-  Command command({ZEPH_BINARY_DIR "/bin/zpdbf", directory.path("t.dbf")});
+  Command command({InBuild("bin/zpdbf"), directory.path("t.dbf")});
   command.output_file = "/dev/full";
   EXPECT_EQ(command.Run(), 1);
 }

@@ -13,6 +13,7 @@
 #include "base/systems/unix/UNIXExternalLibrary.h"
 #include "base/values/Aggregate.h"
 #include "tests/support/Machine.h"
+#include "tests/support/Paths.h"
 
 namespace {
 
@@ -749,7 +750,7 @@ class SpecialVariableLibraries : public SpecialVariables {
   SystemLibraryManager system{&application};
 };
 
-const std::string loadable = ZEPH_BINARY_DIR "/lib/test/";
+const std::string loadable = InBuild("lib/test/");
 
 TEST_F(SpecialVariableLibraries, AreListedInTheOrderOfRegistration) {
   commerce.RegisterDSO("zeta", "/nowhere");
