@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "base/core/BaseTemplates.h"
+#include "base/core/HashTable.h"
 #include "gtest/gtest.h"
 
 namespace {

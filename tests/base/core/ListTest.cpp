@@ -1,6 +1,7 @@
 #include <string>
 
-#include "base/core/BaseTemplates.h"
+#include "base/core/List.h"
+#include "base/core/SearchableList.h"
 #include "gtest/gtest.h"
 
 namespace {

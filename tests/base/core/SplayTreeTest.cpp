@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "base/core/BaseTemplates.h"
+#include "base/core/SplayTree.h"
 #include "gtest/gtest.h"
 
 namespace {

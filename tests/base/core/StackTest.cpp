@@ -1,6 +1,6 @@
 #include <string>
 
-#include "base/core/BaseTemplates.h"
+#include "base/core/Stack.h"
 #include "gtest/gtest.h"
 
 namespace {
