@@ -8,6 +8,8 @@
 #include <cstddef>
 #include <new>
 
+#include "base/core/Sanitizers.h"
+
 // The common part of the lists of a thread. They are open from ThreadMemory::Prepare to the end of
 // the thread; at other times all blocks come from the heap and go back to it. Opening a list takes
 // no memory.
@@ -65,22 +67,12 @@ class FreeList : public FreeLists {
   static_assert(Size >= sizeof(Block));
 
   // Under the address sanitizer nothing is kept, because it must see each use after a deletion.
-#if defined(__SANITIZE_ADDRESS__)
-  static constexpr int Limit = 0;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-  static constexpr int Limit = 0;
-#else
-  static constexpr int Limit = 2048;
-#endif
-#else
-  static constexpr int Limit = 2048;
-#endif
+  static constexpr int kLimit = kAddressSanitizer ? 0 : 2048;
 
   // False if the list is full or must not be used.
   static bool MakeRoom() {
-    if (list.head || !open || Limit == 0) return false;
-    list.room = Limit;
+    if (list.head || !open || kLimit == 0) return false;
+    list.room = kLimit;
     list.next_used = used;
     used = &list;
     return true;

@@ -77,10 +77,14 @@ class ThreadMemory {
   // For an allocation by other means than operator new that failed: throws std::bad_alloc.
   [[noreturn]] static void Refuse(size_t size);
 
-  // Whether operator new[] of the process is the one of this unit, so that malloc knows the size of
-  // its blocks; and whether realloc may be used on them, which the address sanitizer forbids.
+  // Whether operator new[] of the process is the one of this unit, so that it counts and may
+  // refuse; and whether realloc may be used on its blocks, which the address sanitizer forbids.
   static bool NewIsHere();
   static bool NewIsMalloc();
+  // Whether malloc_usable_size knows the blocks of operator new[]: those of this unit, and those of
+  // the thread sanitizer, whose operators are its own. Not those of a library that has brought its
+  // operators.
+  static bool NewIsMeasurable();
 
   // --- For tests ---------------------------------------------------------------------------------
   // Until it is set to null, the judge is called before each block that the thread takes; true

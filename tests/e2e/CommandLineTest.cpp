@@ -6,6 +6,7 @@
 #include <memory>
 #include <thread>
 
+#include "base/core/Sanitizers.h"
 #include "tests/e2e/Pages.h"
 
 namespace {
@@ -117,7 +118,7 @@ TEST(CommandLine, EndsAtOnceWithStatusZeroWhenDescriptorZeroIsNoSocket) {
 }
 
 TEST(SlowCommandLine, StartsAsManyThreadsAsTheSystemGives) {
-  if (AddressSanitizer || ThreadSanitizer) GTEST_SKIP() << "needs a limit of address space";
+  if (kAddressSanitizer || kThreadSanitizer) GTEST_SKIP() << "needs a limit of address space";
   EngineProcess engine;
   engine.arguments = {"-t", "2000000000"};
   engine.address_space_limit = 1ul << 30;
@@ -140,7 +141,7 @@ TEST(SlowCommandLine, ASignalEndsTheStartOfManyThreads) {
 }
 
 TEST(CommandLine, ServesNothingWithoutAHeartbeat) {
-  if (AddressSanitizer || ThreadSanitizer) GTEST_SKIP() << "needs a limit of address space";
+  if (kAddressSanitizer || kThreadSanitizer) GTEST_SKIP() << "needs a limit of address space";
   EngineProcess engine;
   engine.stack_limit = 1ul << 36;
   engine.address_space_limit = 1ul << 35;

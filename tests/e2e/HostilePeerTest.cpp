@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include "base/core/Sanitizers.h"
 #include "tests/e2e/Pages.h"
 
 namespace {
@@ -165,7 +166,7 @@ TEST_F(HostilePeer, PaddingMayFollowAnyRecord) {
 }
 
 TEST_F(HostilePeer, AParameterForWhichThereIsNoMemory) {
-  if (AddressSanitizer || ThreadSanitizer) GTEST_SKIP() << "needs a limit of address space";
+  if (kAddressSanitizer || kThreadSanitizer) GTEST_SKIP() << "needs a limit of address space";
   constexpr int threads = 16;
   engine.arguments = {"-t", std::to_string(threads)};
   ASSERT_TRUE(engine.Start());

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/core/Sanitizers.h"
 #include "tests/e2e/Pages.h"
 
 namespace {
@@ -24,7 +25,7 @@ const char* const kGreedy =
 class MemoryTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (ThreadSanitizer) GTEST_SKIP() << "there is no limit";
+    if (kThreadSanitizer) GTEST_SKIP() << "there is no limit";
   }
   void Start() {
     engine.Script("greedy.zpc", kGreedy);
@@ -68,7 +69,7 @@ TEST_F(MemoryTest, AFormBeyondTheLimitIsRefused) {
 
 // The limit of an address space hits all threads at once.
 TEST_F(MemoryTest, AProcessThatHasNoneLeftGoesOn) {
-  if (AddressSanitizer || ThreadSanitizer) GTEST_SKIP() << "they need more than can be refused";
+  if (kAddressSanitizer || kThreadSanitizer) GTEST_SKIP() << "they need more than can be refused";
   engine.address_space_limit = 900UL << 20;
   engine.arguments = {"-t", "4"};
   Start();
@@ -85,7 +86,7 @@ TEST_F(MemoryTest, AProcessThatHasNoneLeftGoesOn) {
 }
 
 TEST(SlowMemory, IsGivenBackWhenTheLoadIsOver) {
-  if (AddressSanitizer || ThreadSanitizer) GTEST_SKIP() << "they keep what was freed";
+  if (kAddressSanitizer || kThreadSanitizer) GTEST_SKIP() << "they keep what was freed";
   EngineProcess engine;
   engine.settings = "memory_limit = 50331648\n";
   engine.Script("greedy.zpc", kGreedy);

@@ -10,6 +10,7 @@
 #include <functional>
 #include <thread>
 
+#include "base/core/Sanitizers.h"
 #include "tests/e2e/Pages.h"
 #include "tests/support/UploadMachine.h"
 
@@ -219,7 +220,7 @@ TEST(SlowSoak, EveryResponseIsRightAndMemoryStaysAsItIs) {
   // The address sanitizer keeps freed memory, 256 MB of it by default; a few megabytes are full
   // long before the first half ends. Its own copies of stack frames grow with the deepest call of
   // each thread, which may come late.
-  if (const char* options = getenv("ASAN_OPTIONS"); AddressSanitizer) {
+  if (const char* options = getenv("ASAN_OPTIONS"); kAddressSanitizer) {
     engine.environment["ASAN_OPTIONS"] =
         std::string(options ? options : "") +
         ":quarantine_size_mb=4:thread_local_quarantine_size_kb=64:detect_stack_use_after_return=0";
@@ -261,7 +262,7 @@ TEST(SlowSoak, EveryResponseIsRightAndMemoryStaysAsItIs) {
   printf("%d requests, resident %ld KB at half, %ld KB at the end\n", all, half.load(), end);
   // A leak of one kilobyte for each request would show. The thread sanitizer's shadow memory grows
   // by itself.
-  if (!ThreadSanitizer) {
+  if (!kThreadSanitizer) {
     EXPECT_LT(end, half + all / 2);
   }
   engine.Signal(SIGTERM);

@@ -18,15 +18,15 @@
 #include <string_view>
 #include <vector>
 
+#include "base/core/Sanitizers.h"
 #include "tests/support/FastCGIClient.h"
-#include "tests/support/Sanitizers.h"
 #include "tests/support/TemporaryDirectory.h"
 
 class EngineProcess {
  public:
   // The threads that serve no requests: the main thread, the heartbeat, and one of the thread
   // sanitizer.
-  static constexpr int OtherThreads = 2 + (ThreadSanitizer ? 1 : 0);
+  static constexpr int OtherThreads = 2 + (kThreadSanitizer ? 1 : 0);
   using Milliseconds = std::chrono::milliseconds;
   // The longest time of an orderly shutdown: a heartbeat, and the delay of a slow machine.
   static constexpr Milliseconds ShutdownTimeout{40000};

@@ -11,22 +11,9 @@
 
 namespace {
 
-// The thread sanitizer's operators are its own, but it measures their blocks as it does malloc's.
-#if defined(__SANITIZE_THREAD__)
-constexpr bool thread_sanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-constexpr bool thread_sanitizer = true;
-#else
-constexpr bool thread_sanitizer = false;
-#endif
-#else
-constexpr bool thread_sanitizer = false;
-#endif
-
 // Set when the process starts. If a library has brought its own operators new and delete, their
 // blocks can be neither measured nor passed to realloc.
-const bool known_size = ThreadMemory::NewIsHere() || thread_sanitizer;
+const bool known_size = ThreadMemory::NewIsMeasurable();
 const bool may_realloc = ThreadMemory::NewIsMalloc();
 
 // The compiler warns that new[] and realloc do not match. In this process they do, so this function

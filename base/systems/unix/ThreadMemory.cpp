@@ -15,26 +15,10 @@
 
 #include "base/compiled/TaggedFile.h"
 #include "base/core/FreeList.h"
+#include "base/core/Sanitizers.h"
 #include "base/extensions/ExternalLibrary.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "base/values/Variable.h"
-
-// The address sanitizer requires that a block is freed by the counterpart of the operator that made
-// it.
-#if defined(__SANITIZE_ADDRESS__)
-#define ZEPH_MATCHED_BLOCKS true
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define ZEPH_MATCHED_BLOCKS true
-#endif
-#if __has_feature(thread_sanitizer)
-#define ZEPH_FOREIGN_NEW true
-#endif
-#endif
-// The thread sanitizer has operators that cannot be replaced: nothing is counted or refused there.
-#if defined(__SANITIZE_THREAD__)
-#define ZEPH_FOREIGN_NEW true
-#endif
 
 extern "C" {
 // A function of jemalloc; null in a process that has another heap.
@@ -131,8 +115,11 @@ struct ThreadMemoryOperators {
 
 using Operators = ThreadMemoryOperators;
 
-#if defined(ZEPH_FOREIGN_NEW)
-#elif defined(ZEPH_MATCHED_BLOCKS)
+// Under the thread sanitizer there are none of these: its operators cannot be replaced, so nothing
+// is counted or refused there. The address sanitizer requires that a block is freed by the
+// counterpart of the operator that made it.
+#if ZEPH_THREAD_SANITIZER
+#elif ZEPH_ADDRESS_SANITIZER
 
 // The sanitizer's own operators with an alignment remember which operator made a block.
 const std::align_val_t kUsual{__STDCPP_DEFAULT_NEW_ALIGNMENT__};
@@ -213,7 +200,7 @@ void operator delete[](void* memory, std::align_val_t, const std::nothrow_t&) no
 
 #endif
 
-#ifndef ZEPH_FOREIGN_NEW
+#if !ZEPH_THREAD_SANITIZER
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
   return Operators::OrNull([=] { return ::operator new(size); });
 }
@@ -256,11 +243,11 @@ bool ThreadMemory::NewIsHere() {
 }
 
 bool ThreadMemory::NewIsMalloc() {
-#ifdef ZEPH_MATCHED_BLOCKS
-  return false;
-#else
-  return NewIsHere();
-#endif
+  return !kAddressSanitizer && NewIsHere();
+}
+
+bool ThreadMemory::NewIsMeasurable() {
+  return kThreadSanitizer || NewIsHere();
 }
 
 void ThreadMemory::Refuse(size_t size) {

@@ -11,23 +11,14 @@
 #include <utility>
 #include <vector>
 
+#include "base/core/Sanitizers.h"
 #include "base/database/ZIXIndexFile.h"
 #include "tests/support/ZIXIndexFixture.h"
 
 namespace {
 
 // Sanitizers are ten times slower, so there a tenth of the operations run.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int kShare = 10;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr int kShare = 10;
-#else
-constexpr int kShare = 1;
-#endif
-#else
-constexpr int kShare = 1;
-#endif
+constexpr int kShare = kAddressSanitizer || kThreadSanitizer ? 10 : 1;
 
 struct Order {
   unsigned flags;

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/core/Sanitizers.h"
 #include "base/database/XBaseTable.h"
 #include "base/database/ZIXIndexFile.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
@@ -21,11 +22,7 @@
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int kRecordsOfEach = 60;
-#else
-constexpr int kRecordsOfEach = 400;
-#endif
+constexpr int kRecordsOfEach = kAddressSanitizer || kThreadSanitizer ? 60 : 400;
 constexpr int kThreads = 8;
 constexpr int kProcesses = 4;
 

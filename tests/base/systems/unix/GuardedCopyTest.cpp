@@ -14,8 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include "base/core/Sanitizers.h"
 #include "base/host/FileDescriptor.h"
-#include "tests/support/Sanitizers.h"
 
 namespace {
 
@@ -47,7 +47,7 @@ class GuardedCopyTest : public testing::Test {
   // Sanitizers have a handler that reports the signal and ends the process.
   static bool IsKill(int status) {
     if (WIFSIGNALED(status)) return WTERMSIG(status) == SIGBUS;
-    return (AddressSanitizer || ThreadSanitizer) && WEXITSTATUS(status) != 0;
+    return (kAddressSanitizer || kThreadSanitizer) && WEXITSTATUS(status) != 0;
   }
 
   FileDescriptor file;

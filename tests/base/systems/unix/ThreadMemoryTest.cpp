@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "base/core/BufferRoom.h"
+#include "base/core/Sanitizers.h"
 #include "base/systems/unix/ScriptThread.h"
 #include "base/values/Variable.h"
 #include "tests/support/FailingAllocator.h"
-#include "tests/support/Sanitizers.h"
 
 namespace {
 
@@ -153,7 +153,7 @@ TEST_F(ThreadMemoryTest, ThereIsALittleBeyondTheLimitOnceItWasMet) {
 
 TEST_F(ThreadMemoryTest, ReallocHasTheBlocksOfNew) {
   EXPECT_TRUE(ThreadMemory::NewIsHere());
-  EXPECT_EQ(ThreadMemory::NewIsMalloc(), !AddressSanitizer);
+  EXPECT_EQ(ThreadMemory::NewIsMalloc(), !kAddressSanitizer);
 }
 
 TEST_F(ThreadMemoryTest, ABufferThatGrowsCounts) {
@@ -208,12 +208,12 @@ void StartAThreadWithoutMemory() {
 // Keeping the first block in a list, or looking for cycles, would register a destructor for the end
 // of the thread, which takes memory.
 TEST(ThreadMemoryDeathTest, AThreadWithoutMemoryCanStillFree) {
-  if (AddressSanitizer || ThreadSanitizer) GTEST_SKIP() << "their own memory would not be had";
+  if (kAddressSanitizer || kThreadSanitizer) GTEST_SKIP() << "their own memory would not be had";
   EXPECT_EXIT(FreeOnAThreadWithoutMemory(), testing::ExitedWithCode(7), "");
 }
 
 TEST(ThreadMemoryDeathTest, AThreadThatCannotHaveMemoryIsNotStarted) {
-  if (AddressSanitizer || ThreadSanitizer) GTEST_SKIP() << "their own memory would not be had";
+  if (kAddressSanitizer || kThreadSanitizer) GTEST_SKIP() << "their own memory would not be had";
   EXPECT_EXIT(StartAThreadWithoutMemory(), testing::ExitedWithCode(7), "");
 }
 
