@@ -41,8 +41,8 @@ int BlockSize(long long length) {
 
 // --- DictionaryDataBlock -------------------------------------------------------------------------
 
-DictionaryDataBlock::DictionaryDataBlock(int bytes)
-    : data(std::make_unique_for_overwrite<char[]>(static_cast<size_t>(bytes))), size(bytes) {}
+DictionaryDataBlock::DictionaryDataBlock(int size)
+    : data(std::make_unique_for_overwrite<char[]>(static_cast<size_t>(size))), size(size) {}
 
 DictionaryDataBlock::DictionaryDataBlock(const DictionaryDataBlock& other)
     : DictionaryDataBlock(other.size) {

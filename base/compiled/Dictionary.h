@@ -21,9 +21,9 @@ class DictionaryDataBlock {
 
   // The offset of the text in the block. Bytes that are already there are shared, others are
   // appended; -1 if there is no room. The empty text is at 0.
-  int Add(const char* text, int length);
+  int Add(const char* text, int text_length);
   // Appends without a search; -1 if there is no room.
-  int Append(const char* text, int length);
+  int Append(const char* text, int text_length);
 
   std::unique_ptr<char[]> data;
   int size;

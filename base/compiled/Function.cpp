@@ -55,18 +55,19 @@ std::string_view Stripped(std::string_view text) {
 
 // --- FunctionParameter ---------------------------------------------------------------------------
 
-FunctionParameter::FunctionParameter(int id, const char* name, int length, int flag_word, int index)
-    : name_id(id), parameter_name(name, length), flags(flag_word), variable_index(index) {}
+FunctionParameter::FunctionParameter(int name_id, const char* name, int length, int flags,
+                                     int index)
+    : name_id(name_id), parameter_name(name, length), flags(flags), variable_index(index) {}
 
 FunctionParameter::~FunctionParameter() = default;
 
 // --- Function ------------------------------------------------------------------------------------
 
-Function::Function(int index, int flags, int id, const char* name, int length, int segment,
+Function::Function(int index, int flags, int name_id, const char* name, int length, int segment,
                    int offset, Dictionary* dictionary)
     : function_index(index),
       flag_word(flags),
-      name_id(id),
+      name_id(name_id),
       function_name(name, length),
       parameter_list(1),
       segment_number(segment),
@@ -127,17 +128,20 @@ void Function::SetParameters(const char* text, int length) {
 
 // --- FunctionManager -----------------------------------------------------------------------------
 
-FunctionManager::FunctionManager(Dictionary* names, int bits, int capacity)
-    : table(bits, capacity), dictionary(names) {}
+FunctionManager::FunctionManager(Dictionary* dictionary, int bits, int capacity)
+    : table(bits, capacity), dictionary(dictionary) {}
 
-FunctionManager::FunctionManager(ZephApplication* application, Dictionary* names,
+FunctionManager::FunctionManager(ZephApplication* application, Dictionary* dictionary,
                                  FunctionManager& other)
-    : error_text(other.error_text), table(other.table), stored(other.stored), dictionary(names) {
+    : error_text(other.error_text),
+      table(other.table),
+      stored(other.stored),
+      dictionary(dictionary) {
   if (!other.functions) return;
   functions = std::make_unique<std::unique_ptr<Function>[]>(static_cast<size_t>(table.capacity()));
   for (int i = 0; i < table.count(); i++) {
     if (!other.functions[i]) continue;
-    functions[i] = std::make_unique<Function>(application, names, *other.functions[i]);
+    functions[i] = std::make_unique<Function>(application, dictionary, *other.functions[i]);
   }
 }
 

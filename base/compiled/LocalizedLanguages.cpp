@@ -48,13 +48,13 @@ int TextLength(const char* text, int length) {
 
 // --- LocalizedIndex ------------------------------------------------------------------------------
 
-LocalizedIndex::LocalizedIndex(int number, Dictionary* names)
-    : language_number(number), table(TokenBits, TokenCapacity), dictionary(names) {}
+LocalizedIndex::LocalizedIndex(int number, Dictionary* dictionary)
+    : language_number(number), table(TokenBits, TokenCapacity), dictionary(dictionary) {}
 
-LocalizedIndex::LocalizedIndex(Dictionary* names, const LocalizedIndex& other)
+LocalizedIndex::LocalizedIndex(Dictionary* dictionary, const LocalizedIndex& other)
     : language_number(other.language_number),
       table(other.table),
-      dictionary(names),
+      dictionary(dictionary),
       error_text(other.error_text) {
   if (!other.entries) return;
   entries = std::make_unique<TokenEntry[]>(static_cast<size_t>(table.capacity()));
@@ -151,15 +151,15 @@ bool LocalizedIndex::Write(TaggedFile* file, int tag) {
 
 // --- LocalizedLanguages --------------------------------------------------------------------------
 
-LocalizedLanguages::LocalizedLanguages(ZephApplication* host, Dictionary* names, TaggedFile* source,
-                                       int bits, int capacity)
-    : table(bits, capacity), application(host), dictionary(names), file(source) {}
+LocalizedLanguages::LocalizedLanguages(ZephApplication* application, Dictionary* dictionary,
+                                       TaggedFile* file, int bits, int capacity)
+    : table(bits, capacity), application(application), dictionary(dictionary), file(file) {}
 
-LocalizedLanguages::LocalizedLanguages(ZephApplication* host, Dictionary* names,
+LocalizedLanguages::LocalizedLanguages(ZephApplication* application, Dictionary* dictionary,
                                        const LocalizedLanguages& other)
     : table(other.table),
-      application(host),
-      dictionary(names),
+      application(application),
+      dictionary(dictionary),
       file(nullptr),
       error_text(other.error_text) {
   if (!other.entries) return;
@@ -167,7 +167,7 @@ LocalizedLanguages::LocalizedLanguages(ZephApplication* host, Dictionary* names,
   for (int i = 0; i < table.count(); i++) {
     const LanguageEntry& entry = other.entries[i];
     entries[i].language = entry.language;
-    if (entry.index) entries[i].index = new LocalizedIndex(names, *entry.index);
+    if (entry.index) entries[i].index = new LocalizedIndex(dictionary, *entry.index);
   }
 }
 
@@ -325,24 +325,24 @@ bool LocalizedLanguages::ReadSection() {
   return true;
 }
 
-bool LocalizedLanguages::Write(TaggedFile* target) {
+bool LocalizedLanguages::Write(TaggedFile* file) {
   std::string bytes;
   table.Write(&bytes, 0);
   for (int i = 0; i < table.count(); i++) {
     Append32(&bytes, entries[i].language);
     Append32(&bytes, table.next(i));
   }
-  target->Section_Start(LanguagesTag);
-  if (!target->Section_Write(bytes)) {
-    Error(target->error());
+  file->Section_Start(LanguagesTag);
+  if (!file->Section_Write(bytes)) {
+    Error(file->error());
     return false;
   }
-  target->Section_End();
-  bool single = target->version() < FirstVersionWithIndexes;
+  file->Section_End();
+  bool single = file->version() < FirstVersionWithIndexes;
   int count = single ? std::min(table.count(), 1) : table.count();
   for (int i = 0; i < count; i++) {
     LocalizedIndex* index = OwnIndex(i);
-    if (!index->Write(target, single ? SingleIndexTag : IndexTag(i))) {
+    if (!index->Write(file, single ? SingleIndexTag : IndexTag(i))) {
       Error(index->error());
       return false;
     }

@@ -48,7 +48,7 @@ void TaggedFile::PrepareThread() {
   spare_window.reset();
 }
 
-TaggedFile::TaggedFile(FileManager* manager) : filemanager(manager) {}
+TaggedFile::TaggedFile(FileManager* filemanager) : filemanager(filemanager) {}
 
 TaggedFile::TaggedFile(const unsigned char* bytes, int length)
     : filemanager(nullptr),

@@ -57,7 +57,7 @@ class TaggedFile {
   [[nodiscard]] bool Open(const char* name, int mode);
   // The same with a file that the caller has opened. Adopts it on success; on failure it stays open
   // and the caller's, and name() is empty.
-  [[nodiscard]] bool Open(const char* name, File* file);
+  [[nodiscard]] bool Open(const char* name, File* opened);
   // Deletes the File object, if there is one, and forgets its directory.
   void Close();
   // Gives the descriptor back until the next read, so that a running script holds none.

@@ -82,8 +82,8 @@ class AggregateElement {
 
   // Makes a new NULL variable without a name.
   explicit AggregateElement(const AggregateIndex& index);
-  // Takes a count on the variable, which may be null.
-  AggregateElement(const AggregateIndex& index, Variable* variable);
+  // Takes a count on the shared variable, which may be null.
+  AggregateElement(const AggregateIndex& index, Variable* shared);
   // Makes a new variable with a deep copy of the value.
   AggregateElement(const AggregateElement& source);
   AggregateElement& operator=(const AggregateElement&) = delete;

@@ -52,9 +52,10 @@ class DeferredText {
   // The length of the whole text in bytes.
   int length() const { return prefix_length + used; }
 
-  // Returns the whole text, NUL-terminated, in a buffer of length + 1 bytes, which the caller frees
-  // with delete[]. Deletes the object, unless it throws std::bad_alloc.
-  [[nodiscard]] char* Release(int* length);
+  // Returns the whole text, NUL-terminated, in a buffer of length() + 1 bytes, which the caller
+  // frees with delete[]. *all receives the length without the NUL. Deletes the object, unless it
+  // throws std::bad_alloc.
+  [[nodiscard]] char* Release(int* all);
   // Stores the text in the variable and deletes the object. With adopt the outcome is that of
   // SetValue_Nocopy with a buffer of length + 1 bytes, otherwise that of SetValue.
   void Assign(Variable* target, bool adopt);
@@ -69,7 +70,7 @@ class DeferredText {
 
  private:
   DeferredText(Variable* variable, int length);
-  char* Room(int length);
+  char* Room(int count);
   static DeferredText* FirstOf(Variable* variable);
   DeferredText* NextOfVariable() const;
   void CopyPrefix();

@@ -4,7 +4,7 @@
 
 #include "base/values/Variable.h"
 
-VariableWalk::VariableWalk(Variable* root, Order walk_order) : order(walk_order) {
+VariableWalk::VariableWalk(Variable* root, Order order) : order(order) {
   if (root) pending.push_back({{nullptr, 0, root}, nullptr, true, false});
 }
 
