@@ -16,6 +16,7 @@
 #include "base/machine/ZephVM.h"
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 
 namespace {
 

@@ -10,6 +10,7 @@
 #include "base/host/ZephApplication.h"
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 
 namespace {

@@ -7,6 +7,7 @@
 #include "base/request/SpecialVariable.h"
 #include "base/values/Aggregate.h"
 #include "base/values/LogRecord.h"
+#include "base/values/VariableKinds.h"
 #include "tests/support/TestApplication.h"
 
 namespace {

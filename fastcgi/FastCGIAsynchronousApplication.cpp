@@ -16,6 +16,7 @@
 #include "base/machine/ZephVM.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 #include "fastcgi/FastCGIThreads.h"
 
 namespace {

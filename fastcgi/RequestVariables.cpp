@@ -10,6 +10,7 @@
 #include "base/core/hash.h"
 #include "base/core/memcmpi.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 
 namespace {
 

@@ -20,6 +20,7 @@
 #include "base/values/Aggregate.h"
 #include "base/values/SharedName.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 
 namespace {

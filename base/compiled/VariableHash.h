@@ -13,6 +13,7 @@
 class Dictionary;
 class SharedName;
 class TaggedFile;
+class VariableList;
 class ZephApplication;
 
 // One row of a table. The variable is null if the name is known but the variable has not been made.

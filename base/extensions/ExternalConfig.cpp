@@ -12,6 +12,7 @@
 #include "base/host/TagErrors.h"
 #include "base/host/ZephApplication.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 
 namespace {

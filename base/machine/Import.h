@@ -18,6 +18,7 @@
 #include "base/host/File.h"
 #include "base/machine/Feature.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 
 class Segment;

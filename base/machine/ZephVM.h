@@ -22,6 +22,7 @@
 #include "base/machine/Feature.h"
 #include "base/machine/ZephVM_Frame.h"
 #include "base/machine/ZephVM_Stack.h"
+#include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 
 class CommerceLibraryManager;
@@ -38,7 +39,6 @@ class HotCode;
 class LocalizedDictionary;
 class LocalizedLanguages;
 class MachineClone;
-class VariableList;
 class ZephApplication;
 struct HotOp;
 struct LogParameter;

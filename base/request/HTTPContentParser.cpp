@@ -12,6 +12,7 @@
 
 #include "base/compiled/VariableHash.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 
 namespace {
 

@@ -339,7 +339,7 @@ int RefreshedVariable::ElementsUsed() {
 
 void RefreshedVariable::StoreText(const char* text, int length) {
   string_value.assign(text, length);
-  valid_forms = TextForm;
+  SetForms(TextForm);
   primary = PrimaryText;
 }
 
@@ -431,9 +431,9 @@ Variable* SSLAvailableVariable::Clone(ZephApplication* owner) {
 }
 
 void SSLAvailableVariable::Refresh() {
-  if (valid_forms != 0) return;
+  if (valid_forms() != 0) return;
   integer_value = application->SSL_Available();
-  valid_forms = IntegerForm;
+  SetForms(IntegerForm);
   primary = PrimaryInteger;
 }
 

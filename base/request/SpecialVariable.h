@@ -8,6 +8,7 @@
 #include "base/compiled/VariableHash.h"
 #include "base/host/ZephApplication.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 
 // Makes the system variables that every script has, for the caller's table: the time of this call,
 // which does not change, a few facts, and the special variables. The caller owns the result. The

@@ -1,16 +1,17 @@
-// The value itself: reading, writing, references and counts. The operations on elements are in
-// VariableElements.cpp, the search for values that only hold themselves in VariableCycles.cpp.
+// The value itself: reading, writing and references. The counts of holders are in
+// VariableCounts.cpp, the operations on elements in VariableElements.cpp, the search for values
+// that only hold themselves in VariableCycles.cpp, the kinds of variables in VariableKinds.cpp.
 // Tested in tests/base/values/VariableTest.cpp.
 
 #include "base/values/Variable.h"
 
 #include <algorithm>
-#include <bit>
 #include <charconv>
 #include <climits>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -20,10 +21,9 @@
 #include "base/host/ZephApplication.h"
 #include "base/values/Aggregate.h"
 #include "base/values/DeferredText.h"
+#include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 #include "base/values/VariableWalk.h"
-
-static_assert(std::endian::native == std::endian::little, "valid_forms is the low byte of state");
 
 // --- Construction and deletion -------------------------------------------------------------------
 
@@ -74,10 +74,18 @@ Variable::~Variable() {
   if (name_.allocated == SharedMark) DropSharedName();
 }
 
+void Variable::NoteClass() const {
+  state = (state & ~Unproved) | (typeid(*this) == typeid(Variable) ? 0 : Derived);
+}
+
 bool Variable::ProvesPlain() const {
-  if ((state & NotPlain) != Unproved || !IsOfThisClass()) return false;
-  state &= ~Unproved;
-  return true;
+  if (state & Unproved) NoteClass();
+  return (state & NotPlain) == 0;
+}
+
+bool Variable::ProvesOrdinary() const {
+  if (state & Unproved) NoteClass();
+  return (state & NotOrdinary) == 0;
 }
 
 // Frees the text only if everything else could be reset.
@@ -95,32 +103,6 @@ void Variable::DeletePlain() {
   Variable::operator delete(this, sizeof(Variable));
 }
 
-namespace {
-// The state of releases in progress on this thread.
-struct Releases {
-  AggregateElementTree* waiting = nullptr;  // trees, while one is being deleted
-  Variable* indebted = nullptr;             // references, while there is a group
-  int groups = 0;
-  bool deletes_tree = false;
-};
-constinit thread_local Releases releases;
-}  // namespace
-
-// Elements have elements, and deleting a variable within a tree calls this function again. The
-// inner tree then waits in a list, so that no nesting is too deep for the native stack.
-void Variable::DeleteTree(AggregateElementTree* tree) {
-  tree->next_deleted = releases.waiting;
-  releases.waiting = tree;
-  if (releases.deletes_tree) return;
-  const ReleaseGroup group;
-  releases.deletes_tree = true;
-  while ((tree = releases.waiting)) {
-    releases.waiting = tree->next_deleted;
-    delete tree;
-  }
-  releases.deletes_tree = false;
-}
-
 void Variable::DropElements() {
   AggregateElementTree* tree = elements;
   elements = nullptr;
@@ -134,7 +116,7 @@ Variable* Variable::Clone(ZephApplication* application) {
   return new Variable(*this);
 }
 
-// --- Identity and counts -------------------------------------------------------------------------
+// --- Identity ------------------------------------------------------------------------------------
 
 String& Variable::name() {
   if (name_.allocated == SharedMark) OwnName();
@@ -207,121 +189,6 @@ int Variable::TypeReferredTo() {
   return reference ? reference->type() : type();
 }
 
-int Variable::refcount() {
-  return refcount_;
-}
-
-void Variable::IncRefCount() {
-  AddCounts(this, 1);
-}
-
-void Variable::DecRefCount() {
-  TakeCounts(this, 1);
-}
-
-void Variable::AddCounts(Variable* holder, int counts) {
-  for (; holder; holder = holder->reference) holder->refcount_ += counts;
-}
-
-void Variable::TakeCounts(Variable* holder, int counts) {
-  if (holder->reference && releases.groups > 0) {
-    TakeCountsLater(holder, counts);
-  } else {
-    TakeCountsNow(holder, counts);
-  }
-}
-
-void Variable::TakeCountsNow(Variable* holder, int counts) {
-  while (holder) {
-    // The target lives until its turn in this loop: it has the counts of this holder.
-    Variable* target = holder->reference;
-    // A holder that is in the list of a group is deleted with the list.
-    if ((holder->refcount_ -= counts) == 0 && !(holder->state & Indebted)) delete holder;
-    holder = target;
-  }
-}
-
-// --- Groups of releases --------------------------------------------------------------------------
-
-ReleaseGroup::ReleaseGroup() {
-  releases.groups++;
-}
-
-ReleaseGroup::~ReleaseGroup() {
-  if (--releases.groups == 0 && releases.indebted) {
-    Variable::SettleDebts(std::exchange(releases.indebted, nullptr));
-  }
-}
-
-// In a group, a reference's counts on its target are the counts on itself plus those that it owes.
-// A reference that is deleted owes all of them. If it is in the list already, it stays there with a
-// count of 0, and is deleted with the list.
-void Variable::TakeCountsLater(Variable* holder, int counts) {
-  for (;;) {
-    const bool is_listed = (holder->state & Indebted) != 0;
-    const int owed = counts + (is_listed ? holder->number() : 0);
-    if ((holder->refcount_ -= counts) > 0) {
-      if (!is_listed) {
-        holder->state |= Indebted;
-        holder->SetLink(releases.indebted);
-        releases.indebted = holder;
-      }
-      holder->number() = owed;
-      return;
-    }
-    Variable* const target = holder->reference;
-    if (!is_listed) delete holder;
-    if (!target->reference) {
-      TakeCountsNow(target, owed);
-      return;
-    }
-    holder = target;
-    counts = owed;
-  }
-}
-
-// Only variables with a count of 0 are deleted here: a reference that owes counts has holders, and
-// so do its targets.
-//
-// The first loop walks all chains, each up to a variable that was met before; every variable on
-// them counts the ways that lead to it. The second loop passes the debts on, from each variable
-// after the last of these ways has brought its debt. The number of ways is kept in primary, which
-// is 0 before and after.
-void Variable::SettleDebts(Variable* list) {
-  Variable* indebted = nullptr;
-  while (Variable* const first = list) {
-    list = first->link();
-    if (first->refcount_ == 0) {
-      delete first;
-      continue;
-    }
-    first->SetLink(indebted);
-    indebted = first;
-    for (Variable* holder = first; holder->reference; holder = holder->reference) {
-      if (holder != first) holder->primary++;
-      if (holder->state & Settling) break;
-      holder->state |= Settling;
-      if (!(holder->state & Indebted)) holder->number() = 0;
-    }
-  }
-  while (Variable* const first = indebted) {
-    indebted = first->link();
-    const bool begins = (first->state & Settling) && first->primary == 0;
-    first->state &= ~Indebted;
-    first->SetLink(nullptr);
-    if (!begins) continue;
-    for (Variable* holder = first;;) {
-      const int owed = std::exchange(holder->number(), 0);
-      holder->state &= ~Settling;
-      holder = holder->reference;
-      holder->refcount_ -= owed;
-      if (!holder->reference) break;
-      holder->number() += owed;
-      if (--holder->primary > 0) break;
-    }
-  }
-}
-
 // --- References ----------------------------------------------------------------------------------
 
 void Variable::Make_Reference(Variable* target) {
@@ -343,7 +210,7 @@ void Variable::ReferTo(Variable* target) {
   const VariableRef pin = VariableRef::Share(this);
   string_value.destroy();
   error_.destroy();
-  valid_forms = 0;
+  SetForms(0);
   primary = PrimaryNone;
   integer_value = 0;
   double_value = 0.0;
@@ -380,7 +247,7 @@ void Variable::Make_NULL() {
   if (old) NoteChangedReference();
   reference = nullptr;
   state = (state & ~Reference) | Gone;
-  valid_forms = 0;
+  SetForms(0);
   primary = PrimaryNone;
   integer_value = 0;
   if (!(state & Indebted)) double_value = 0.0;
@@ -402,7 +269,7 @@ String& Variable::value() {
   if (elements) {
     string_value.assign("", 0);
     Serialize(string_value);
-  } else if (!(valid_forms & TextForm)) {
+  } else if (!(valid_forms() & TextForm)) {
     Convert_String();
   }
   return string_value;
@@ -411,14 +278,14 @@ String& Variable::value() {
 int Variable::value_integer() {
   if (redirected()) return reference ? Final()->value_integer() : 0;
   if (elements) return 0;
-  if (!(valid_forms & IntegerForm)) Convert_Integer();
+  if (!(valid_forms() & IntegerForm)) Convert_Integer();
   return integer_value;
 }
 
 double Variable::value_double() {
   if (redirected()) return reference ? Final()->value_double() : 0.0;
   if (elements) return 0.0;
-  if (!(valid_forms & DoubleForm)) Convert_Double();
+  if (!(valid_forms() & DoubleForm)) Convert_Double();
   return double_value;
 }
 
@@ -432,16 +299,16 @@ double Variable::value_compare(int* not_numeric) {
     *not_numeric = 1;
     return 0.0;
   }
-  if (valid_forms & TextForm) {
+  if (valid_forms() & TextForm) {
     double_value = ZephApplication::stod(string_value.data, string_value.length,
                                          string_value.allocated, not_numeric);
-    if (!*not_numeric) valid_forms |= DoubleForm;
+    if (!*not_numeric) AddForm(DoubleForm);
     return double_value;
   }
-  if (valid_forms & DoubleForm) return double_value;
-  if (valid_forms & IntegerForm) {
+  if (valid_forms() & DoubleForm) return double_value;
+  if (valid_forms() & IntegerForm) {
     double_value = integer_value;
-    valid_forms |= DoubleForm;
+    AddForm(DoubleForm);
     return double_value;
   }
   return 0.0;
@@ -457,9 +324,9 @@ int Variable::preferred_type() {
 
 int Variable::IsTrue() {
   if (redirected()) return reference ? Final()->IsTrue() : 0;
-  if (valid_forms & TextForm) return IsTrue(string_value.data, string_value.length);
-  if (valid_forms & DoubleForm) return double_value != 0.0;
-  if (valid_forms & IntegerForm) return integer_value != 0;
+  if (valid_forms() & TextForm) return IsTrue(string_value.data, string_value.length);
+  if (valid_forms() & DoubleForm) return double_value != 0.0;
+  if (valid_forms() & IntegerForm) return integer_value != 0;
   const String& text = value();
   return IsTrue(text.data, text.length);
 }
@@ -477,8 +344,8 @@ int Variable::IsTrue(const char* text, int length) {
 int Variable::IsNULL() {
   if (redirected()) return reference ? Final()->IsNULL() : 1;
   if (elements) return 0;
-  if (valid_forms & TextForm) return string_value.length == 0;
-  return (valid_forms & (IntegerForm | DoubleForm)) == 0;
+  if (valid_forms() & TextForm) return string_value.length == 0;
+  return (valid_forms() & (IntegerForm | DoubleForm)) == 0;
 }
 
 AggregateElementTree* Variable::aggregateelements() {
@@ -503,15 +370,15 @@ void Variable::Convert_String() {
   }
   int length;
   int size;
-  if (valid_forms & DoubleForm) {
+  if (valid_forms() & DoubleForm) {
     char* text = ZephApplication::dtos(double_value, &length, &size, -1);
     string_value.assign_nocopy(text, length, size);
-  } else if (valid_forms & IntegerForm) {
+  } else if (valid_forms() & IntegerForm) {
     StoreIntegerText();
   } else {
     string_value.assign("", 0);
   }
-  valid_forms |= TextForm;
+  AddForm(TextForm);
 }
 
 // The outcome is that of adopting the buffer of itos, but the present buffer is reused if it is
@@ -532,9 +399,9 @@ void Variable::StoreIntegerText() {
 void Variable::Convert_Integer() {
   integer_value = 0;
   if (elements) return;
-  if (valid_forms & DoubleForm) {
+  if (valid_forms() & DoubleForm) {
     integer_value = DoubleToInteger(double_value);
-  } else if (valid_forms & TextForm) {
+  } else if (valid_forms() & TextForm) {
     int error = 0;
     integer_value = ZephApplication::stoi(string_value.data, string_value.length, &error);
     if (error) {
@@ -542,20 +409,20 @@ void Variable::Convert_Integer() {
       integer_value = DoubleToInteger(double_value);
     }
   }
-  valid_forms |= IntegerForm;
+  AddForm(IntegerForm);
 }
 
 // Text has priority over an integer here, unlike in Convert_Integer.
 void Variable::Convert_Double() {
   double_value = 0.0;
   if (elements) return;
-  if (valid_forms & TextForm) {
+  if (valid_forms() & TextForm) {
     double_value = ZephApplication::stod(string_value.data, string_value.length,
                                          string_value.allocated, nullptr);
-  } else if (valid_forms & IntegerForm) {
+  } else if (valid_forms() & IntegerForm) {
     double_value = integer_value;
   }
-  valid_forms |= DoubleForm;
+  AddForm(DoubleForm);
 }
 
 namespace {
@@ -630,8 +497,8 @@ void Variable::SetNULL() {
     if (reference) Final()->SetNULL();
     return;
   }
-  if (valid_forms & TextForm) string_value.Empty();
-  valid_forms = 0;
+  if (valid_forms() & TextForm) string_value.Empty();
+  SetForms(0);
   primary = PrimaryNone;
   if (elements) DropElements();
 }
@@ -642,7 +509,7 @@ void Variable::SetNULL() {
 int Variable::SetValue(const char* text, int length) {
   if (RedirectedStore()) return reference ? Final()->SetValue(text, length) : 1;
   string_value.assign(text, length);
-  valid_forms = TextForm;
+  SetForms(TextForm);
   primary = PrimaryText;
   if (elements) DropElements();
   return 1;
@@ -655,7 +522,7 @@ int Variable::SetValue_Nocopy(char* buffer, int length, int allocated) {
     return reference ? Final()->SetValue_Nocopy(owned.release(), length, allocated) : 1;
   }
   string_value.assign_nocopy(owned.release(), length, allocated);
-  valid_forms = TextForm;
+  SetForms(TextForm);
   primary = PrimaryText;
   if (elements) DropElements();
   return 1;
@@ -664,7 +531,7 @@ int Variable::SetValue_Nocopy(char* buffer, int length, int allocated) {
 int Variable::SetValue_Integer(int value) {
   if (RedirectedStore()) return reference ? Final()->SetValue_Integer(value) : 1;
   integer_value = value;
-  valid_forms = IntegerForm;
+  SetForms(IntegerForm);
   primary = PrimaryInteger;
   if (elements) DropElements();
   return 1;
@@ -673,7 +540,7 @@ int Variable::SetValue_Integer(int value) {
 int Variable::SetValue_Double(double value) {
   if (RedirectedStore()) return reference ? Final()->SetValue_Double(value) : 1;
   double_value = value;
-  valid_forms = DoubleForm;
+  SetForms(DoubleForm);
   primary = PrimaryDouble;
   if (elements) DropElements();
   return 1;
@@ -692,7 +559,7 @@ int Variable::SetValue(Variable& source) {
     AggregateElementTree* old = elements;
     elements = copy;
     aggregate = from->aggregatetype();
-    valid_forms = 0;
+    SetForms(0);
     primary = PrimaryNone;
     if (old) DeleteTree(old);
   } else if (from != this) {
@@ -707,24 +574,24 @@ int Variable::SetValue(Variable& source) {
 void Variable::CopyScalar(Variable& source) {
   switch (source.type()) {
     case VariableNULL:
-      valid_forms = 0;
+      SetForms(0);
       primary = PrimaryNone;
       return;
     case VariableComputedInteger:
       integer_value = source.value_integer();
-      valid_forms = IntegerForm;
+      SetForms(IntegerForm);
       primary = PrimaryInteger;
       return;
     case VariableComputedText: {
       const String& text = source.value();
       if (text.data) string_value.assign(text.data, text.length);
-      valid_forms = TextForm;
+      SetForms(TextForm);
       primary = PrimaryText;
       return;
     }
     case VariableComputed: CopyComputed(source); return;
     default:
-      if (source.valid_forms == 0) source.value();
+      if (source.valid_forms() == 0) source.value();
       CopyForms(source);
       return;
   }
@@ -732,33 +599,33 @@ void Variable::CopyScalar(Variable& source) {
 
 // If the source's text has no buffer, the old bytes stay in place and become valid text.
 void Variable::CopyForms(Variable& source) {
-  if ((source.valid_forms & TextForm) && source.string_value.data) {
+  if ((source.valid_forms() & TextForm) && source.string_value.data) {
     string_value.assign(source.string_value.data, source.string_value.length);
   }
-  valid_forms = source.valid_forms;
+  SetForms(source.valid_forms());
   primary = source.primary;
-  if (valid_forms & IntegerForm) integer_value = source.integer_value;
-  if (valid_forms & DoubleForm) double_value = source.double_value;
+  if (valid_forms() & IntegerForm) integer_value = source.integer_value;
+  if (valid_forms() & DoubleForm) double_value = source.double_value;
 }
 
 void Variable::CopyComputed(Variable& source) {
   CopyForms(source);
-  if (primary != PrimaryNone && valid_forms != 0) return;
+  if (primary != PrimaryNone && valid_forms() != 0) return;
   switch (source.preferred_type()) {
     case PrimaryDouble:
       double_value = source.value_double();
-      valid_forms |= DoubleForm;
+      AddForm(DoubleForm);
       primary = PrimaryDouble;
       return;
     case PrimaryInteger:
       integer_value = source.value_integer();
-      valid_forms |= IntegerForm;
+      AddForm(IntegerForm);
       primary = PrimaryInteger;
       return;
     default: {
       const String& text = source.value();
       if (text.data) string_value.assign(text.data, text.length);
-      valid_forms |= TextForm;
+      AddForm(TextForm);
       primary = PrimaryText;
       return;
     }
@@ -813,7 +680,7 @@ void Variable::Unwatch() {
 }
 
 int Variable::WatchableText() {
-  if (!IsOfThisClass() || redirected() || elements) return -1;
+  if (!IsOrdinary() || elements) return -1;
   const String& text = value();
   return text.data && text.data[text.length] == '\0' ? text.length : -1;
 }
@@ -865,166 +732,4 @@ bool Variable::CopyAsAdopted(const char* bytes, int count) {
   SetForms(TextForm);
   primary = PrimaryText;
   return true;
-}
-
-// --- ReferenceVariable ---------------------------------------------------------------------------
-
-ReferenceVariable::ReferenceVariable(const char* name, int length, Variable* target)
-    : Variable(name, length) {
-  state |= Reference;
-  reference = target;
-  if (target) target->IncRefCount();
-}
-
-ReferenceVariable::ReferenceVariable(SharedName* name, Variable* target) : Variable(name) {
-  state |= Reference;
-  reference = target;
-  if (target) target->IncRefCount();
-}
-
-ReferenceVariable::ReferenceVariable(const String& name, Variable* target,
-                                     List<AggregateIndex>* path)
-    : ReferenceVariable(name.data, name.length, target ? target->Element(path, 1) : nullptr) {}
-
-// --- ImmutableVariable ---------------------------------------------------------------------------
-
-ImmutableVariable::ImmutableVariable() = default;
-ImmutableVariable::ImmutableVariable(const char* name, int length) : Variable(name, length) {}
-ImmutableVariable::ImmutableVariable(const char* name, int length, const char* value,
-                                     int valuelength)
-    : Variable(name, length, value, valuelength) {}
-ImmutableVariable::ImmutableVariable(const String& name, const String& value)
-    : Variable(name, value) {}
-ImmutableVariable::ImmutableVariable(const char* name, int length, char* buffer, int valuelength,
-                                     int allocated)
-    : Variable(name, length, buffer, valuelength, allocated) {}
-ImmutableVariable::ImmutableVariable(const char* name, int length, int value)
-    : Variable(name, length, value) {}
-ImmutableVariable::ImmutableVariable(const char* name, int length, double value)
-    : Variable(name, length, value) {}
-
-ImmutableVariable::~ImmutableVariable() {
-  if (null_element) null_element->DecRefCount();
-}
-
-Variable* ImmutableVariable::Clone(ZephApplication*) {
-  const char* name = name_.data;
-  const int length = name_.length;
-  if (valid_forms & TextForm) {
-    return new ImmutableVariable(name, length, string_value.data, string_value.length);
-  }
-  if (valid_forms & DoubleForm) return new ImmutableVariable(name, length, double_value);
-  if (valid_forms & IntegerForm) return new ImmutableVariable(name, length, integer_value);
-  return new ImmutableVariable(name, length);
-}
-
-void ImmutableVariable::SetNULL() {}
-int ImmutableVariable::SetValue(const char*, int) {
-  return 1;
-}
-int ImmutableVariable::SetValue(Variable&) {
-  return 1;
-}
-int ImmutableVariable::SetValue_Nocopy(char* buffer, int, int) {
-  delete[] buffer;
-  return 1;
-}
-int ImmutableVariable::SetValue_Integer(int) {
-  return 1;
-}
-int ImmutableVariable::SetValue_Double(double) {
-  return 1;
-}
-void ImmutableVariable::SetElement(const AggregateIndex&, Variable*) {}
-void ImmutableVariable::InsertElement(int, Variable*) {}
-void ImmutableVariable::DeleteElement(const AggregateIndex&, bool) {}
-void ImmutableVariable::DeleteElements(int, int, bool) {}
-void ImmutableVariable::MergeElements(Variable*, int, int, int, bool) {}
-void ImmutableVariable::CopyElements(Variable*, int, int, int, bool) {}
-void ImmutableVariable::Make_Reference(Variable*) {}
-
-int ImmutableVariable::CollapseElements() {
-  return aggregatetype() == AggregateArray ? ElementsUsed() : 0;
-}
-
-Variable* ImmutableVariable::Missing(int create) {
-  if (!create) return nullptr;
-  if (!null_element) null_element = new NULLVariable();
-  return null_element;
-}
-
-Variable* ImmutableVariable::Element(const AggregateIndex& index, int create) {
-  Variable* found = Variable::Element(index, 0);
-  return found ? found : Missing(create);
-}
-
-Variable* ImmutableVariable::Element(List<AggregateIndex>* path, int create) {
-  Variable* found = Variable::Element(path, 0);
-  return found ? found : Missing(create);
-}
-
-// --- NULLVariable --------------------------------------------------------------------------------
-
-Variable* NULLVariable::Clone(ZephApplication*) {
-  return new NULLVariable();
-}
-String& NULLVariable::value() {
-  return string_value;
-}
-int NULLVariable::value_integer() {
-  return integer_value;
-}
-double NULLVariable::value_double() {
-  return double_value;
-}
-double NULLVariable::value_compare(int* not_numeric) {
-  *not_numeric = 0;
-  return 0.0;
-}
-int NULLVariable::type() {
-  return VariableNULL;
-}
-int NULLVariable::IsTrue() {
-  return 0;
-}
-int NULLVariable::IsNULL() {
-  return 1;
-}
-Variable* NULLVariable::Element(const AggregateIndex&, int create) {
-  return create ? this : nullptr;
-}
-Variable* NULLVariable::Element(List<AggregateIndex>*, int create) {
-  return create ? this : nullptr;
-}
-int NULLVariable::CollapseElements() {
-  return 0;
-}
-
-// --- VariableList --------------------------------------------------------------------------------
-
-VariableList::VariableList() : List<Variable>(1) {}
-
-// Dump is called here, because in the base's destructor Purge is no longer this class's.
-VariableList::~VariableList() {
-  const ReleaseGroup group;
-  VariableList::Dump();
-}
-
-void VariableList::Insert(Variable* variable, ListPosition position) {
-  Insert(variable, position, 1);
-}
-
-void VariableList::Insert(Variable* variable, ListPosition position, int count_it) {
-  VariableRef counted = count_it ? VariableRef::Share(variable) : VariableRef(variable);
-  List<Variable>::Insert(variable, position);
-  (void)counted.release();
-}
-
-void VariableList::Purge(Variable* variable) {
-  if (variable) variable->DecRefCount();
-}
-
-void VariableList::Destroy() {
-  Dump();
-  delete this;
 }

@@ -1,6 +1,7 @@
 // The value of the script language. Stacks, tables, databases and extension libraries exchange
 // nothing else with scripts: one Variable holds a scalar in up to three cached forms (text, 32-bit
 // integer, double), or an array or structure of further variables, or refers to another variable.
+// VariableKinds.h has the kinds that are so from the start: references, read-only values, lists.
 
 #ifndef ZEPH_BASE_VARIABLE_H
 #define ZEPH_BASE_VARIABLE_H
@@ -9,8 +10,8 @@
 #include <cassert>
 #include <cstdint>
 
-#include "base/core/BaseTemplates.h"
 #include "base/core/FreeList.h"
+#include "base/core/List.h"
 #include "base/core/Numbers.h"
 #include "base/core/StringClass.h"
 #include "base/values/SharedName.h"
@@ -19,9 +20,6 @@ class AggregateElementTree;
 class AggregateIndex;
 class DeferredText;
 class ZephApplication;
-
-// The virtual table of Variable. IsPlain() compares an object's table pointer with it.
-extern const void* const VariableOperations[] __asm__("_ZTV8Variable");
 
 // The kind of a variable's elements. An index with a position makes an array, one with a name a
 // structure.
@@ -66,7 +64,7 @@ class Variable {
  public:
   ZEPH_FREE_LIST_OPERATORS(Variable)
 
-  // Bits of valid_forms.
+  // Bits of valid_forms().
   enum Form : uint8_t { TextForm = 1, IntegerForm = 2, DoubleForm = 4 };
 
   // Lengths are in bytes; -1 means strlen. All of these make scalars with a count of 1.
@@ -200,7 +198,7 @@ class Variable {
   bool IsPlain() const { return !(state & NotPlain) || ProvesPlain(); }
   // The same, but its text may be watched (DeferredText.h): operations run no code of a derived
   // class.
-  bool IsOrdinary() const { return IsOfThisClass() && !redirected(); }
+  bool IsOrdinary() const { return !(state & NotOrdinary) || ProvesOrdinary(); }
   // The valid forms of a plain scalar, as bits of Form; 0 for a NULL scalar, for an aggregate and
   // for a variable that is not plain.
   unsigned plain_forms() const { return IsPlain() ? state & AllForms : 0u; }
@@ -380,7 +378,9 @@ class Variable {
   static constexpr uint32_t Reference = 0x200;  // a target has the value and elements
   static constexpr uint32_t Gone = 0x400;       // NULL for good, after Make_NULL()
   static constexpr uint32_t Unproved = 0x800;   // the object's class was not checked yet
-  static constexpr uint32_t NotPlain = Watched | Reference | Gone | Unproved;
+  static constexpr uint32_t Derived = 0x80000;  // it was, and is a derived one
+  static constexpr uint32_t NotOrdinary = Reference | Gone | Unproved | Derived;
+  static constexpr uint32_t NotPlain = Watched | NotOrdinary;
   static constexpr uint32_t Walked = 0x1000;   // a VariableWalk is inside this variable
   static constexpr uint32_t Suspect = 0x2000;  // listed for FreeCycles
   static constexpr uint32_t Asleep = 0x4000;   // see IsAsleep()
@@ -393,20 +393,21 @@ class Variable {
 
   // Whether reads and writes go to a target, or nowhere.
   bool redirected() const { return (state & (Reference | Gone)) != 0; }
+  // The forms that can be read, as bits of Form. A store sets its own alone; a read that converts
+  // adds one. These are the only access to the forms: all of them use the whole word, because a
+  // load of the word after a store of one of its bytes misses store forwarding and stalls.
+  unsigned valid_forms() const { return state & AllForms; }
   // Also clears Asleep, so that inline stores of numbers need no test for a sleeping variable.
   void SetForms(uint32_t forms) { state = (state & ~(AllForms | Asleep)) | forms; }
+  void AddForm(Form form) { state |= form; }
 
   String name_;  // if allocated is SharedMark, the text is a SharedName's
   String string_value;
   int integer_value = 0;
   double double_value = 0.0;
-  // One word, so that one test shows whether a form can be read directly. Hot code uses the word
-  // throughout: a load of the word after a store of its low byte misses store forwarding and
-  // stalls.
-  union {
-    mutable uint32_t state = Unproved;  // bits of Form and those above
-    uint8_t valid_forms;
-  };
+  // Bits of Form and those above. One word, so that one test shows whether a form can be read
+  // directly.
+  mutable uint32_t state = Unproved;
   int primary = PrimaryNone;
   AggregateType aggregate = AggregateNone;
   AggregateElementTree* elements = nullptr;
@@ -432,13 +433,12 @@ class Variable {
   void DropSharedName() { SharedName::Of(name_.release())->Release(); }
   void OwnName();
   void DeletePlain();
-  bool IsOfThisClass() const {
-    return *reinterpret_cast<const void* const*>(this) == VariableOperations + 2;
-  }
-  // The slow part of IsPlain(): checks the object's class and remembers the result.
-  // REQUIRES: not called from a constructor, where a derived object still has the base class's
-  // table.
+  // The slow parts of IsPlain() and IsOrdinary(). The first of them finds out the object's class;
+  // from then on the state has it.
+  // REQUIRES: not called from a constructor, where a derived object is still one of the base class.
   bool ProvesPlain() const;
+  bool ProvesOrdinary() const;
+  void NoteClass() const;
   Variable* Final();
   Variable* SearchMember(const char* name, int length, int create);
   // redirected() for operations that change text or kind: a DeferredText that watches the text
@@ -508,97 +508,6 @@ class ReleaseGroup {
   ~ReleaseGroup();
   ReleaseGroup(const ReleaseGroup&) = delete;
   ReleaseGroup& operator=(const ReleaseGroup&) = delete;
-};
-
-// A variable that refers to another one from the start. It has the size and layout of Variable.
-class ReferenceVariable : public Variable {
- public:
-  // Takes a count on the target; null makes a reference that reads as NULL and ignores writes.
-  ReferenceVariable(const char* name, int length, Variable* target);
-  ReferenceVariable(SharedName* name, Variable* target);
-  // Refers to the element of the target that the path names; a missing element is made.
-  ReferenceVariable(const String& name, Variable* target, List<AggregateIndex>* path);
-};
-
-// A value that scripts can read but not write: every store is ignored and counts as done.
-class ImmutableVariable : public Variable {
- public:
-  ZEPH_FREE_LIST_OPERATORS(ImmutableVariable)
-
-  ImmutableVariable();
-  ImmutableVariable(const char* name, int length);
-  ImmutableVariable(const char* name, int length, const char* value, int valuelength);
-  ImmutableVariable(const String& name, const String& value);
-  ImmutableVariable(const char* name, int length, char* buffer, int valuelength, int allocated);
-  ImmutableVariable(const char* name, int length, int value);
-  ImmutableVariable(const char* name, int length, double value);
-  ImmutableVariable(const ImmutableVariable&) = delete;
-  ImmutableVariable& operator=(const ImmutableVariable&) = delete;
-
-  ~ImmutableVariable() override;
-  Variable* Clone(ZephApplication* application) override;
-  void SetNULL() override;
-  int SetValue(const char* text, int length) override;
-  int SetValue(Variable& source) override;
-  int SetValue_Nocopy(char* buffer, int length, int allocated) override;
-  int SetValue_Integer(int value) override;
-  int SetValue_Double(double value) override;
-  // With create, a missing element is the null_element, which ignores all writes.
-  Variable* Element(const AggregateIndex& index, int create) override;
-  Variable* Element(List<AggregateIndex>* path, int create) override;
-  void SetElement(const AggregateIndex& index, Variable* variable) override;
-  void InsertElement(int index, Variable* variable) override;
-  void DeleteElement(const AggregateIndex& index, bool compact) override;
-  void DeleteElements(int start, int count, bool compact) override;
-  void MergeElements(Variable* source, int start, int count, int dest, bool copy) override;
-  void CopyElements(Variable* source, int start, int count, int dest, bool copy) override;
-  // Does not renumber. Returns the number of elements of an array, else 0.
-  int CollapseElements() override;
-  void Make_Reference(Variable* target) override;
-
- protected:
-  Variable* null_element = nullptr;  // made at the first miss with create; one count is owned
-
- private:
-  Variable* Missing(int create);
-};
-
-// The value of something that does not exist. Reads as empty, ignores writes, and any element of it
-// is itself.
-class NULLVariable : public ImmutableVariable {
- public:
-  NULLVariable() = default;
-  NULLVariable(const char* name, int length) : ImmutableVariable(name, length) {}
-
-  Variable* Clone(ZephApplication* application) override;
-  String& value() override;
-  int value_integer() override;
-  double value_double() override;
-  double value_compare(int* not_numeric) override;
-  int type() override;
-  int IsTrue() override;
-  int IsNULL() override;
-  Variable* Element(const AggregateIndex& index, int create) override;
-  Variable* Element(List<AggregateIndex>* path, int create) override;
-  int CollapseElements() override;
-};
-
-// A list that holds one count on each of its variables, and gives it back on removal with purge,
-// Dump and destruction.
-class VariableList : public List<Variable> {
- public:
-  VariableList();
-  ~VariableList() override;
-  VariableList(const VariableList&) = delete;
-  VariableList& operator=(const VariableList&) = delete;
-
-  // Takes a count.
-  void Insert(Variable* variable, ListPosition position) override;
-  // Takes a count if count_it is not 0; otherwise adopts a count of the caller's.
-  void Insert(Variable* variable, ListPosition position, int count_it);
-  void Purge(Variable* variable) override;
-  // Empties the list and deletes it.
-  void Destroy();
 };
 
 #endif

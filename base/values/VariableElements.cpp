@@ -17,7 +17,7 @@ void Variable::Convert_Aggregate(AggregateType kind) {
   AggregateElementTree* old = elements;
   elements = kind == AggregateNone ? nullptr : new AggregateElementTree();
   aggregate = kind;
-  valid_forms = 0;
+  SetForms(0);
   primary = PrimaryNone;
   if (old) DeleteTree(old);
 }

@@ -7,6 +7,7 @@
 
 #include "api/zpVariable.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 
 namespace {
 

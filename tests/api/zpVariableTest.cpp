@@ -9,6 +9,7 @@
 
 #include "api/zpProgram.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 #include "tests/api/ProgramFixture.h"
 
 namespace {

@@ -8,6 +8,7 @@
 
 #include "base/compiled/Dictionary.h"
 #include "base/request/SpecialVariable.h"
+#include "base/values/VariableKinds.h"
 #include "tests/support/TestApplication.h"
 
 namespace {

@@ -17,6 +17,7 @@
 #include "base/core/hash.h"
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 #include "tests/support/CompiledFileBytes.h"
 #include "tests/support/FailingAllocator.h"

@@ -11,6 +11,7 @@
 #include "base/compiled/VariableHash.h"
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 #include "tests/support/FaultyFile.h"
 #include "tests/support/TestApplication.h"

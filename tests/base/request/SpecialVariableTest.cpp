@@ -12,6 +12,7 @@
 #include "base/host/Config.h"
 #include "base/systems/unix/UNIXExternalLibrary.h"
 #include "base/values/Aggregate.h"
+#include "base/values/VariableKinds.h"
 #include "tests/support/Machine.h"
 #include "tests/support/Paths.h"
 

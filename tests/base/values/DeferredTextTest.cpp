@@ -14,6 +14,7 @@
 #include "base/values/Aggregate.h"
 #include "base/values/DeferredText.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 #include "tests/support/GrowthOfTime.h"
 #include "tests/support/Machine.h"

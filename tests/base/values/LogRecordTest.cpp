@@ -7,6 +7,7 @@
 #include "base/request/SpecialVariable.h"
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 #include "tests/support/TestApplication.h"
 

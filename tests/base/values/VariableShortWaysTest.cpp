@@ -8,7 +8,9 @@
 #include <gtest/gtest.h>
 
 #include "base/values/Aggregate.h"
+#include "base/values/DeferredText.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 
 namespace {
@@ -91,7 +93,7 @@ void Agree(const char* what, const std::function<string(Variable*)>& by_virtual,
     EXPECT_EQ(by_short_way(b.get()), by_virtual(a.get()));
     auto* left = static_cast<Probe*>(a.get());
     auto* right = static_cast<Probe*>(b.get());
-    EXPECT_EQ(right->valid_forms, left->valid_forms);
+    EXPECT_EQ(right->valid_forms(), left->valid_forms());
     EXPECT_EQ(right->primary, left->primary);
     EXPECT_EQ(right->integer_value, left->integer_value);
     EXPECT_EQ(std::to_string(right->double_value), std::to_string(left->double_value));
@@ -210,6 +212,53 @@ TEST(VariableShortWays, OnlyAVariableThatStandsForItselfIsPlain) {
   EXPECT_FALSE(plain->IsPlain());
   target->Make_NULL();
   EXPECT_FALSE(target->IsPlain());
+}
+
+// The two questions share what the first of them found out about the class.
+TEST(VariableShortWays, TheOrderOfTheQuestionsDoesNotMatter) {
+  for (const bool plain_first : {true, false}) {
+    SCOPED_TRACE(plain_first);
+    const auto ask = [plain_first](const Variable& v) {
+      string both = "..";
+      for (const bool plain : {plain_first, !plain_first, plain_first}) {
+        if (plain ? v.IsPlain() : v.IsOrdinary()) both[plain ? 0 : 1] = plain ? 'P' : 'O';
+      }
+      return both;
+    };
+    const VariableRef stored(new Variable("v", 1, "text", 4));
+    EXPECT_EQ(ask(*stored), "PO");
+    const VariableRef derived(new ImmutableVariable("i", 1, 3));
+    EXPECT_EQ(ask(*derived), "..");
+    EXPECT_EQ(ask(*VariableRef(new Probe())), "..");
+    const VariableRef reference(new ReferenceVariable("r", 1, stored.get()));
+    EXPECT_EQ(ask(*reference), "..");
+    const VariableRef fresh(new Variable());
+    fresh->Make_Reference(stored.get());
+    EXPECT_EQ(ask(*fresh), "..");
+    fresh->Make_NULL();
+    EXPECT_EQ(ask(*fresh), "..");
+    derived->Make_NULL();
+    EXPECT_EQ(ask(*derived), "..");
+    EXPECT_EQ(ask(*stored), "PO");
+  }
+}
+
+TEST(VariableShortWays, AWatchedTextIsOrdinaryAndNotPlain) {
+  for (const bool plain_first : {true, false}) {
+    SCOPED_TRACE(plain_first);
+    const string long_text(DeferredText::ShortestPrefix, 'x');
+    const VariableRef watched(
+        new Variable("v", 1, long_text.data(), static_cast<int>(long_text.size())));
+    DeferredText* text = DeferredText::Begin(watched.get());
+    ASSERT_NE(text, nullptr);
+    if (plain_first) {
+      EXPECT_FALSE(watched->IsPlain());
+    }
+    EXPECT_TRUE(watched->IsOrdinary());
+    EXPECT_FALSE(watched->IsPlain());
+    delete text;
+    EXPECT_TRUE(watched->IsPlain());
+  }
 }
 
 TEST(VariableShortWays, FormsOfAPlainScalarAreToldAndReadable) {
