@@ -5,6 +5,7 @@
 #include "base/compiled/Dictionary.h"
 #include "base/compiled/Instructions.h"
 #include "base/compiled/Segment.h"
+#include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/VariableHash.h"
 #include "base/host/BufferedOutput.h"
 #include "base/host/Config.h"

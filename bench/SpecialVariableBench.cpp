@@ -3,6 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include "base/compiled/Dictionary.h"
+#include "base/compiled/SystemVariableHash.h"
 #include "base/host/Config.h"
 #include "base/request/SpecialVariable.h"
 #include "base/values/Aggregate.h"

@@ -8,6 +8,7 @@
 #include <benchmark/benchmark.h>
 
 #include "base/compiled/Dictionary.h"
+#include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/VariableHash.h"
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 
+#include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/VariableHash.h"
 #include "base/core/RunLimit.h"
 #include "base/request/SpecialVariable.h"

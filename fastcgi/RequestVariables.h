@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/VariableHash.h"
 #include "base/core/StringClass.h"
 

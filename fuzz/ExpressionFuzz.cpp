@@ -9,6 +9,7 @@
 #include "base/compiled/Function.h"
 #include "base/compiled/Instructions.h"
 #include "base/compiled/Segment.h"
+#include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/VariableHash.h"
 #include "base/extensions/ExternalCall.h"
 #include "base/machine/ExpressionCompiler.h"

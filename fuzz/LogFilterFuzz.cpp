@@ -11,6 +11,7 @@
 #include "base/compiled/Function.h"
 #include "base/compiled/Instructions.h"
 #include "base/compiled/Segment.h"
+#include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/VariableHash.h"
 #include "base/core/Output.h"
 #include "base/extensions/ExternalCall.h"

@@ -1,11 +1,10 @@
-// Tables of variables, in this order: construction, names and entries, variables, paths, files,
-// scopes; then ReferenceVariableHash, the forwarding that it shares with ClonedVariableHash,
-// SystemVariableHash, ClonedVariableHash and UserVariableHash. Tested in
-// tests/base/compiled/VariableHashTest.cpp and VariableTablesTest.cpp.
+// The table of variables itself, in this order: construction, names and entries, variables, files,
+// and the table of extension libraries. Paths and scopes are in VariablePaths.cpp, the tables that
+// forward to another one in ForwardingVariableHash.cpp, the system variables in
+// SystemVariableHash.cpp. Tested in tests/base/compiled/VariableHashTest.cpp.
 
 #include "base/compiled/VariableHash.h"
 
-#include <climits>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -13,11 +12,11 @@
 
 #include "base/compiled/Dictionary.h"
 #include "base/compiled/StoredNameTable.h"
+#include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/TaggedFile.h"
 #include "base/core/LittleEndian.h"
 #include "base/core/RunLimit.h"
-#include "base/core/ascii.h"
-#include "base/values/Aggregate.h"
+#include "base/core/hash.h"
 #include "base/values/SharedName.h"
 #include "base/values/Variable.h"
 #include "base/values/VariableKinds.h"
@@ -32,15 +31,6 @@ namespace {
 //   then          8 * entries   per entry: name id (4), link (4)
 constexpr int EntrySize = 8;
 constexpr int Growth = 512;
-
-constexpr char IndexError[] = "Array index must be positive integer";
-
-int NameLength(const char* name, int length) {
-  if (!name) return 0;
-  if (length != -1) return length < 0 ? 0 : length;
-  const size_t measured = strlen(name);
-  return measured > INT_MAX ? INT_MAX : static_cast<int>(measured);
-}
 
 }  // namespace
 
@@ -65,13 +55,13 @@ struct VariableHash::SharedIndex {
 
 // --- Construction --------------------------------------------------------------------------------
 
-VariableHash::VariableHash(Dictionary* names, int hash_bits, int entry_capacity)
-    : bits(hash_bits < 0                          ? 0
-           : hash_bits > StoredNameTable::MaxBits ? StoredNameTable::MaxBits
-                                                  : hash_bits),
-      bucket_count(1 << bits),
-      capacity(entry_capacity < 1 ? 1 : entry_capacity),
-      dictionary(names) {}
+VariableHash::VariableHash(Dictionary* dictionary, int bits, int capacity)
+    : bits(bits < 0                          ? 0
+           : bits > StoredNameTable::MaxBits ? StoredNameTable::MaxBits
+                                             : bits),
+      bucket_count(1 << this->bits),
+      capacity(capacity < 1 ? 1 : capacity),
+      dictionary(dictionary) {}
 
 // A call makes its locals this way: no name is hashed, and usually nothing is allocated.
 VariableHash::VariableHash(VariableHash& source)
@@ -86,11 +76,11 @@ VariableHash::VariableHash(VariableHash& source)
 }
 
 // Another dictionary means another task, which may be on another thread, so nothing is shared.
-VariableHash::VariableHash(Dictionary* names, VariableHash& source)
+VariableHash::VariableHash(Dictionary* dictionary, VariableHash& source)
     : bits(source.bits),
       bucket_count(source.bucket_count),
       capacity(source.capacity),
-      dictionary(names) {
+      dictionary(dictionary) {
   if (source.entry_count == 0) return;
   CopyNames(source);
   index = new SharedIndex(source.index->names);
@@ -104,8 +94,9 @@ void VariableHash::CopyNames(const VariableHash& source) {
   }
 }
 
-VariableHash::VariableHash(ZephApplication* application, Dictionary* names, VariableHash& source)
-    : VariableHash(names, source) {
+VariableHash::VariableHash(ZephApplication* application, Dictionary* dictionary,
+                           VariableHash& source)
+    : VariableHash(dictionary, source) {
   CloneVariables(application, source);
 }
 
@@ -200,7 +191,7 @@ const char* VariableHash::EntryName(int entry, int* length) {
 }
 
 unsigned VariableHash::hash(const char* name, int length) const {
-  return hashi(name, static_cast<unsigned>(NameLength(name, length)), 0) &
+  return hashi(name, static_cast<unsigned>(MeasuredName(name, length)), 0) &
          static_cast<unsigned>(bucket_count - 1);
 }
 
@@ -216,7 +207,7 @@ int VariableHash::Seek(int name_index, const char* name, int length, _VH_Entry**
     name = dictionary->Entry(name_index, &length);
     if (!name) return -1;
   }
-  const int found = Locate(name, NameLength(name, length));
+  const int found = Locate(name, MeasuredName(name, length));
   if (found < 0 || !entry) return found;
   *entry = &entries[found];
   // The caller sees the row itself, so a variable that is asleep must not be in it.
@@ -261,7 +252,7 @@ int VariableHash::Insert(int name_index, const char* name, int length, Variable*
     name = dictionary->Entry(name_index, &length);
     if (!name) name = "";
   } else {
-    length = NameLength(name, length);
+    length = MeasuredName(name, length);
     if (name_index == -1) name_index = dictionary->Entry_Append(name, length);
   }
   MakeRoom();
@@ -281,7 +272,7 @@ int VariableHash::Insert(Variable* variable) {
 }
 
 int VariableHash::Insert(const char* name, int length) {
-  return Insert(-1, name ? name : "", NameLength(name, length), nullptr);
+  return Insert(-1, name ? name : "", MeasuredName(name, length), nullptr);
 }
 
 int VariableHash::Insert(int name_index) {
@@ -347,7 +338,7 @@ Variable* VariableHash::MakeVariable(_VH_Entry* entry) {
 }
 
 bool VariableHash::Find(Variable** out, const char* name, int length, int create) {
-  const int found = Locate(name, NameLength(name, length));
+  const int found = Locate(name, MeasuredName(name, length));
   if (found < 0) return false;
   *out = VariableHash::Index(found, create);
   return true;
@@ -360,7 +351,7 @@ Variable* VariableHash::Index(int position, int create) {
 }
 
 void VariableHash::SetVariable(const char* name, int length, const char* value, int valuelength) {
-  length = NameLength(name, length);
+  length = MeasuredName(name, length);
   Variable* variable = nullptr;
   if (!Find(&variable, name, length, 1) || !variable) {
     variable = new Variable(name, length);
@@ -398,7 +389,7 @@ void VariableHash::SetVariable_Reference(int position, Variable* variable) {
 }
 
 int VariableHash::ClearVariable(const char* name, int length) {
-  const int found = Locate(name, NameLength(name, length));
+  const int found = Locate(name, MeasuredName(name, length));
   Variable* variable = found < 0 ? nullptr : Present(entries[found]);
   if (!variable) return 0;
   variable->SetNULL();
@@ -409,98 +400,6 @@ void VariableHash::AllocatedVars(VariableList* list) {
   for (int i = 0; i < entry_count; i++) {
     if (Variable* variable = Present(entries[i])) list->Insert(variable, ListTail);
   }
-}
-
-// --- Paths ---------------------------------------------------------------------------------------
-
-namespace {
-
-int NameEnd(const char* path, int start, int length) {
-  int end = start;
-  while (end < length && path[end] != ':' && path[end] != '[') end++;
-  return end;
-}
-
-// The number of an index, as strtol reads it: leading white space, then digits up to the first
-// other byte; the largest long if it is out of range. Truncated to 32 bits.
-int IndexNumber(const char* text, int length) {
-  int i = 0;
-  while (i < length && zp_isspace(static_cast<unsigned char>(text[i]))) i++;
-  long number = 0;
-  for (; i < length && text[i] >= '0' && text[i] <= '9'; i++) {
-    if (__builtin_mul_overflow(number, 10L, &number) ||
-        __builtin_add_overflow(number, static_cast<long>(text[i] - '0'), &number)) {
-      return static_cast<int>(LONG_MAX);
-    }
-  }
-  return static_cast<int>(number);
-}
-
-// One ":member" or "[number]" of a path. Reads it at *position, moves *position past it, and sets
-// *variable to the element; false if it is not an index.
-bool WalkStep(const char* path, int length, int create, int* position, Variable** variable) {
-  const int start = *position + 1;
-  if (path[*position] == ':') {
-    const int end = NameEnd(path, start, length);
-    *position = end;
-    *variable = (*variable)->Element(AggregateIndex(path + start, end - start), create);
-    return true;
-  }
-  if (path[*position] != '[') return false;
-  int end = start;
-  while (end < length && path[end] != ']') {
-    const auto c = static_cast<unsigned char>(path[end]);
-    if (!zp_isspace(c) && (c < '0' || c > '9')) return false;
-    end++;
-  }
-  if (end == length) return false;
-  *position = end + 1;
-  *variable = (*variable)->Element(AggregateIndex(IndexNumber(path + start, end - start)), create);
-  return true;
-}
-
-}  // namespace
-
-int VariableHash::LookupVariable_Fancy(Variable** out, const char* path, int length, int create) {
-  *out = nullptr;
-  length = NameLength(path, length);
-  if (!path) path = "";
-  int position = NameEnd(path, 0, length);
-  Variable* variable = nullptr;
-  const bool known = Find(&variable, path, position, create);
-  if (!variable && create) {
-    if (known) return 1;
-    variable = new Variable(path, position);
-    Insert(variable);
-  }
-  while (variable && position < length) {
-    if (!WalkStep(path, length, create, &position, &variable)) {
-      Error(IndexError);
-      return 0;
-    }
-  }
-  *out = variable;
-  return 1;
-}
-
-int VariableHash::SetVariable_Fancy(const char* path, int length, const char* value,
-                                    int valuelength, int accumulate) {
-  Variable* variable = nullptr;
-  if (!LookupVariable_Fancy(&variable, path, length, 1) || !variable) return 0;
-  const bool array = variable->aggregatetype() == AggregateArray;
-  if (!accumulate || (variable->IsNULL() && !array)) {
-    variable->SetValue(value, valuelength);
-  } else if (variable->aggregatetype() != AggregateNone) {
-    const AggregateIndex next(WrapAdd(variable->ElementsUsed(), 1));
-    if (Variable* element = variable->Element(next, 1)) element->SetValue(value, valuelength);
-  } else {
-    const VariableRef first(new Variable(*variable));
-    Variable* element = variable->Element(AggregateIndex(1), 1);
-    if (element) element->SetValue(*first);
-    element = variable->Element(AggregateIndex(2), 1);
-    if (element) element->SetValue(value, valuelength);
-  }
-  return 0;
 }
 
 // --- Files ---------------------------------------------------------------------------------------
@@ -568,554 +467,6 @@ bool VariableHash::Write(TaggedFile* file) {
   const int length = static_cast<int>(body.size());
   if (file->Section_Write(body.data(), length) != length) return Fail(file);
   return true;
-}
-
-// --- Scope ---------------------------------------------------------------------------------------
-
-namespace {
-
-// Whether the name has the word (given in upper case) at that position.
-bool HasWord(const char* name, int length, int position, const char* word) {
-  for (; *word; word++, position++) {
-    if (position >= length) return false;
-    if (zp_toupper(static_cast<unsigned char>(name[position])) !=
-        static_cast<unsigned char>(*word)) {
-      return false;
-    }
-  }
-  return true;
-}
-
-struct ScopedName {
-  int scope = ScopeNone;
-  int prefix = 0;    // bytes of the prefix
-  int database = 0;  // bytes at the start that name a database
-};
-
-ScopedName ShortScope(const char* name, int length) {
-  const unsigned char letter = zp_toupper(static_cast<unsigned char>(name[0]));
-  if (letter == 'L') return {ScopeLocal, 2, 0};
-  if (letter == 'G') return {ScopeGlobal, 2, 0};
-  if (letter == 'S') return {ScopeSystem, 2, 0};
-  if (letter >= 'A' && letter <= 'Z') {
-    if (length >= 5 && HasWord(name, length, 1, ".D.")) return {ScopeDatabase, 4, 1};
-    if (length >= 12 && HasWord(name, length, 1, ".DATABASE.")) return {ScopeDatabase, 11, 1};
-  }
-  if (letter == 'D') return {ScopeDatabase, 2, 0};
-  return {};
-}
-
-ScopedName LongScope(const char* name, int length) {
-  const auto* found = static_cast<const char*>(memchr(name, '.', static_cast<size_t>(length)));
-  if (!found) return {};
-  if (HasWord(name, length, 0, "LOCAL.")) return {ScopeLocal, 6, 0};
-  if (HasWord(name, length, 0, "GLOBAL.")) return {ScopeGlobal, 7, 0};
-  if (HasWord(name, length, 0, "SYSTEM.")) return {ScopeSystem, 7, 0};
-  const int dot = static_cast<int>(found - name);
-  if (HasWord(name, length, dot, ".D.")) return {ScopeDatabase, dot + 3, dot};
-  if (HasWord(name, length, dot, ".DATABASE.")) return {ScopeDatabase, dot + 10, dot};
-  if (HasWord(name, length, 0, "DATABASE.")) return {ScopeDatabase, 9, 0};
-  return {};
-}
-
-}  // namespace
-
-int VariableHash::Scope(const char* name, int length, const char** rest, int* restlength,
-                        const char** database, int* databaselength) {
-  length = NameLength(name, length);
-  if (!name) name = "";
-  ScopedName scoped;
-  if (length >= 2 && name[1] == '.') {
-    scoped = ShortScope(name, length);
-  } else if (length > 0) {
-    scoped = LongScope(name, length);
-  }
-  *rest = name + scoped.prefix;
-  *restlength = length - scoped.prefix;
-  *database = name;
-  *databaselength = scoped.database;
-  return scoped.scope;
-}
-
-// --- ReferenceVariableHash -----------------------------------------------------------------------
-
-ReferenceVariableHash::ReferenceVariableHash(Dictionary* names, int hash_bits, int entry_capacity,
-                                             VariableHash* running)
-    : VariableHash(names, hash_bits, entry_capacity), target(running->RealIdentity()) {}
-
-void ReferenceVariableHash::SetVariable(const char* name, int length, const char* value,
-                                        int valuelength) {
-  target->SetVariable(name, length, value, valuelength);
-}
-
-void ReferenceVariableHash::SetVariable(Variable* variable) {
-  target->SetVariable(variable);
-}
-
-int ReferenceVariableHash::SetVariable_Fancy(const char* path, int length, const char* value,
-                                             int valuelength, int accumulate) {
-  return target->SetVariable_Fancy(path, length, value, valuelength, accumulate);
-}
-
-// The two dictionaries have different ids, so the name is passed as text.
-int ReferenceVariableHash::Seek(int name_index, const char* name, int length, _VH_Entry** entry) {
-  if (!name && !(name = dictionary->Entry(name_index, &length))) return -1;
-  return target->Seek(-1, name, length, entry);
-}
-
-int ReferenceVariableHash::Insert(int name_index, const char* name, int length,
-                                  Variable* variable) {
-  if (!name) {
-    length = 0;
-    name = dictionary->Entry(name_index, &length);
-  }
-  return target->Insert(-1, name ? name : "", length, variable);
-}
-
-int ReferenceVariableHash::Version() {
-  return target->Version();
-}
-int ReferenceVariableHash::Entries() {
-  return target->Entries();
-}
-void ReferenceVariableHash::AllocatedVars(VariableList* list) {
-  target->AllocatedVars(list);
-}
-void ReferenceVariableHash::Push() {
-  target->Push();
-}
-int ReferenceVariableHash::Pop() {
-  return target->Pop();
-}
-VariableHash* ReferenceVariableHash::RealIdentity() {
-  return target;
-}
-
-int ReferenceVariableHash::ClearVariable(const char* name, int length) {
-  return target->ClearVariable(name, length);
-}
-
-bool ReferenceVariableHash::Read(TaggedFile* file) {
-  if (!VariableHash::Read(file)) return false;
-  ForgetTarget();
-  return true;
-}
-
-bool ReferenceVariableHash::Find(Variable** out, const char* name, int length, int create) {
-  return FindThrough(target, out, name, length, create);
-}
-
-Variable* ReferenceVariableHash::Index(int position, int create) {
-  return IndexThrough(target, position, create);
-}
-
-void ReferenceVariableHash::SetVariable_Reference(int position, Variable* variable) {
-  ReferThrough(target, position, variable);
-}
-
-int ReferenceVariableHash::LookupVariable_Fancy(Variable** out, const char* path, int length,
-                                                int create) {
-  return LookupThrough(target, out, path, length, create);
-}
-
-// --- Forwarding, for tables whose variables are in another one -----------------------------------
-
-void VariableHash::ForgetTarget() {
-  for (int i = 0; i < entry_count; i++) entries[i].version = -1;
-}
-
-// The position of an entry in the other table. Kept once it is known; until then each call looks it
-// up.
-int VariableHash::Resolve(VariableHash* other, int position) {
-  _VH_Entry* entry = &entries[position];
-  if (entry->version == -1) {
-    int length;
-    const char* name = EntryName(position, &length);
-    entry->version = other->Seek(-1, name, length, nullptr);
-  }
-  return entry->version;
-}
-
-// A new variable in the other table, under the entry's name.
-Variable* VariableHash::InsertThrough(VariableHash* other, int position, Variable* refers_to) {
-  int length;
-  const char* name = EntryName(position, &length);
-  Variable* variable =
-      refers_to ? new ReferenceVariable(name, length, refers_to) : new Variable(name, length);
-  entries[position].version = other->Insert(-1, name, length, variable);
-  return variable;
-}
-
-bool VariableHash::FindThrough(VariableHash* other, Variable** out, const char* name, int length,
-                               int create) {
-  length = NameLength(name, length);
-  const int found = Locate(name, length);
-  if (found < 0) return other->Find(out, name, length, create);
-  const int position = Resolve(other, found);
-  if (position >= 0) {
-    *out = other->Index(position, create);
-  } else if (create) {
-    *out = InsertThrough(other, found, nullptr);
-  }
-  return true;
-}
-
-Variable* VariableHash::IndexThrough(VariableHash* other, int position, int create) {
-  if (static_cast<unsigned>(position) >= static_cast<unsigned>(entry_count)) return nullptr;
-  const int there = Resolve(other, position);
-  if (there >= 0) return other->Index(there, create);
-  return create ? InsertThrough(other, position, nullptr) : nullptr;
-}
-
-void VariableHash::ReferThrough(VariableHash* other, int position, Variable* variable) {
-  if (static_cast<unsigned>(position) >= static_cast<unsigned>(entry_count) || !variable) return;
-  const int there = Resolve(other, position);
-  if (there >= 0) {
-    other->SetVariable_Reference(there, variable);
-  } else {
-    InsertThrough(other, position, variable);
-  }
-}
-
-int VariableHash::LookupThrough(VariableHash* other, Variable** out, const char* path, int length,
-                                int create) {
-  const int result = other->LookupVariable_Fancy(out, path, length, create);
-  if (!result) Error(other->error());
-  return result;
-}
-
-// --- SystemVariableHash --------------------------------------------------------------------------
-
-SystemVariableHash::SystemVariableHash(Dictionary* names, int hash_bits, int entry_capacity)
-    : VariableHash(names, hash_bits, entry_capacity), frames(1) {}
-
-SystemVariableHash::SystemVariableHash(ZephApplication* application, Dictionary* names,
-                                       VariableHash& source)
-    : VariableHash(application, names, source), frames(1) {
-  const auto* system = dynamic_cast<SystemVariableHash*>(&source);
-  if (system && system->late) late = system->late->Clone(application);
-}
-
-SystemVariableHash::~SystemVariableHash() {
-  delete late;
-  while (List<_SVH_Entry>* list = frames.Top()) {
-    for (_SVH_Entry* saved = list->First(); saved; saved = list->Next()) {
-      if (saved->variable) saved->variable->DecRefCount();
-    }
-    delete frames.Pop();
-  }
-}
-
-int SystemVariableHash::Version() {
-  return depth;
-}
-
-void SystemVariableHash::SetLateVariables(LateVariables* variables) {
-  delete late;
-  late = variables;
-  late_names_reserved = false;
-  for (int i = 0; i < entry_count; i++) {
-    if (!entries[i].variable) continue;
-    int length;
-    const char* name = EntryName(i, &length);
-    if (late->Number(name, length) < 0) continue;
-    entries[i].variable->DecRefCount();
-    entries[i].variable = nullptr;
-  }
-}
-
-void SystemVariableHash::ForgetLateVariables() {
-  ReserveLateNames();
-  delete late;
-  late = nullptr;
-}
-
-void SystemVariableHash::ReserveLateNames() {
-  if (!late || late_names_reserved) return;
-  late_names_reserved = true;
-  for (int i = 0; i < late->Count(); i++) {
-    int length;
-    const char* name = late->Name(i, &length);
-    if (Locate(name, length) < 0) VariableHash::Insert(-1, name, length, nullptr);
-  }
-}
-
-// The variable belongs to no level, so no Pop removes it.
-int SystemVariableHash::MakeLate(const char* name, int length) {
-  int found = Locate(name, length);
-  if (!late || (found >= 0 && entries[found].variable)) return found;
-  const int number = late->Number(name, length);
-  if (number < 0) return found;
-  if (found < 0) {
-    ReserveLateNames();
-    found = Locate(name, length);
-    // The name is still not found if a damaged file has cut off its chain.
-    if (found < 0 || entries[found].variable) return found;
-  }
-  entries[found].variable = late->Make(number);
-  return found;
-}
-
-void SystemVariableHash::MakeAllLate() {
-  ReserveLateNames();
-  for (int i = 0; late && i < late->Count(); i++) {
-    int length;
-    const char* name = late->Name(i, &length);
-    MakeLate(name, length);
-  }
-}
-
-int SystemVariableHash::Seek(int name_index, const char* name, int length, _VH_Entry** entry) {
-  if (late) {
-    int bytes = NameLength(name, length);
-    const char* text = name ? name : dictionary->Entry(name_index, &bytes);
-    if (text) MakeLate(text, bytes);
-  }
-  return VariableHash::Seek(name_index, name, length, entry);
-}
-
-int SystemVariableHash::ClearVariable(const char* name, int length) {
-  MakeLate(name, NameLength(name, length));
-  return VariableHash::ClearVariable(name, length);
-}
-
-int SystemVariableHash::Entries() {
-  ReserveLateNames();
-  return VariableHash::Entries();
-}
-
-void SystemVariableHash::AllocatedVars(VariableList* list) {
-  MakeAllLate();
-  VariableHash::AllocatedVars(list);
-}
-
-// The record adopts the entry's count on the variable.
-void SystemVariableHash::Save(int position, int version, Variable* variable) {
-  InsertOwned(*current, std::unique_ptr<_SVH_Entry>(new _SVH_Entry{position, version, variable}),
-              ListTail);
-}
-
-void SystemVariableHash::Replace(int position, Variable* variable) {
-  VariableRef adopted(variable);
-  _VH_Entry* entry = &entries[position];
-  Variable* old = entry->variable;
-  if (depth > 0) {
-    Save(position, entry->version, old);
-    old = nullptr;
-  }
-  entry->variable = adopted.release();
-  entry->version = depth;
-  if (old) old->DecRefCount();
-}
-
-void SystemVariableHash::SetVariable(Variable* variable) {
-  VariableRef adopted(variable);
-  const String& name = variable->name();
-  const int found = MakeLate(name.data, name.length);
-  if (found >= 0) {
-    Replace(found, adopted.release());
-  } else {
-    Insert(-1, name.data ? name.data : "", name.length, adopted.release());
-  }
-}
-
-void SystemVariableHash::SetVariable_Reference(int position, Variable* variable) {
-  if (static_cast<unsigned>(position) >= static_cast<unsigned>(entry_count) || !variable) return;
-  int length;
-  const char* name = EntryName(position, &length);
-  Replace(position, new ReferenceVariable(name, length, variable));
-}
-
-int SystemVariableHash::SetVariable_Fancy(const char* path, int length, const char* value,
-                                          int valuelength, int) {
-  return VariableHash::SetVariable_Fancy(path, length, value, valuelength, 0);
-}
-
-int SystemVariableHash::Insert(int name_index, const char* name, int length, Variable* variable) {
-  VariableRef adopted(variable);
-  ReserveLateNames();
-  if (depth == 0) return VariableHash::Insert(name_index, name, length, adopted.release());
-  const int known = Seek(name_index, name, length, nullptr);
-  if (known >= 0) {
-    Replace(known, adopted.release());
-    return known;
-  }
-  const int made = VariableHash::Insert(name_index, name, length, adopted.release());
-  Save(made, 0, nullptr);
-  return made;
-}
-
-bool SystemVariableHash::Find(Variable** out, const char* name, int length, int create) {
-  const int found = MakeLate(name, NameLength(name, length));
-  if (found < 0) return false;
-  *out = Index(found, create);
-  return true;
-}
-
-// A variable that is made while a level is open is removed by its Pop.
-Variable* SystemVariableHash::Index(int position, int create) {
-  if (position >= entry_count) ReserveLateNames();
-  if (static_cast<unsigned>(position) >= static_cast<unsigned>(entry_count)) return nullptr;
-  if (entries[position].variable) return entries[position].variable;
-  if (late) {
-    int length;
-    const char* name = EntryName(position, &length);
-    // If the name has two rows, only the first one gets the late variable.
-    if (MakeLate(name, length) == position && entries[position].variable) {
-      return entries[position].variable;
-    }
-  }
-  if (!create) return nullptr;
-  if (depth > 0) Save(position, 0, nullptr);
-  return MakeVariable(&entries[position]);
-}
-
-void SystemVariableHash::Push() {
-  auto records = std::make_unique<List<_SVH_Entry>>(1);
-  frames.Push(records.get());
-  current = records.release();
-  depth++;
-}
-
-// Restores from the first record to the last. If an entry was replaced twice, the second record
-// wins and releases the variable that the first has restored.
-int SystemVariableHash::Pop() {
-  if (depth == 0) return 0;
-  for (_SVH_Entry* saved = current->First(); saved; saved = current->Next()) {
-    _VH_Entry* entry = &entries[saved->index];
-    Variable* present = entry->variable;
-    entry->version = saved->version;
-    entry->variable = saved->variable;
-    if (present) present->DecRefCount();
-  }
-  frames.Top();
-  delete frames.Pop();
-  depth--;
-  current = frames.Top();
-  return 1;
-}
-
-// --- ClonedVariableHash --------------------------------------------------------------------------
-
-ClonedVariableHash::ClonedVariableHash(ZephApplication* application, Dictionary* names,
-                                       VariableHash& source)
-    : VariableHash(names, source), target(this), owned_dictionary(names) {
-  VariableHash* real = source.RealIdentity();
-  const bool system = dynamic_cast<SystemVariableHash*>(real) != nullptr;
-  if (real == &source && !system) {
-    CloneVariables(application, source);
-    return;
-  }
-  std::unique_ptr<Dictionary> copied;
-  if (real != &source) copied.reset(DictionaryCopy(*real));
-  Dictionary* theirs = copied ? copied.get() : names;
-  if (system) {
-    target = new SystemVariableHash(application, theirs, *real);
-  } else {
-    target = new VariableHash(application, theirs, *real);
-  }
-  if (copied) owned_dictionary = copied.release();
-  ForgetTarget();
-}
-
-ClonedVariableHash::~ClonedVariableHash() {
-  if (!own()) delete target;
-  if (owned_dictionary != dictionary) delete owned_dictionary;
-}
-
-void ClonedVariableHash::SetVariable(const char* name, int length, const char* value,
-                                     int valuelength) {
-  if (own()) {
-    VariableHash::SetVariable(name, length, value, valuelength);
-  } else {
-    target->SetVariable(name, length, value, valuelength);
-  }
-}
-
-void ClonedVariableHash::SetVariable(Variable* variable) {
-  if (own()) {
-    VariableHash::SetVariable(variable);
-  } else {
-    target->SetVariable(variable);
-  }
-}
-
-int ClonedVariableHash::SetVariable_Fancy(const char* path, int length, const char* value,
-                                          int valuelength, int accumulate) {
-  if (own()) return VariableHash::SetVariable_Fancy(path, length, value, valuelength, accumulate);
-  return target->SetVariable_Fancy(path, length, value, valuelength, accumulate);
-}
-
-int ClonedVariableHash::Seek(int name_index, const char* name, int length, _VH_Entry** entry) {
-  if (own()) return VariableHash::Seek(name_index, name, length, entry);
-  if (!name && !(name = dictionary->Entry(name_index, &length))) return -1;
-  return target->Seek(-1, name, length, entry);
-}
-
-int ClonedVariableHash::Insert(int name_index, const char* name, int length, Variable* variable) {
-  if (own()) return VariableHash::Insert(name_index, name, length, variable);
-  if (!name) {
-    length = 0;
-    name = dictionary->Entry(name_index, &length);
-  }
-  return target->Insert(-1, name ? name : "", length, variable);
-}
-
-int ClonedVariableHash::Version() {
-  return own() ? VariableHash::Version() : target->Version();
-}
-
-int ClonedVariableHash::Entries() {
-  return own() ? VariableHash::Entries() : target->Entries();
-}
-
-int ClonedVariableHash::ClearVariable(const char* name, int length) {
-  if (own()) return VariableHash::ClearVariable(name, length);
-  return target->ClearVariable(name, length);
-}
-
-bool ClonedVariableHash::Find(Variable** out, const char* name, int length, int create) {
-  if (own()) return VariableHash::Find(out, name, length, create);
-  return FindThrough(target, out, name, length, create);
-}
-
-Variable* ClonedVariableHash::Index(int position, int create) {
-  if (own()) return VariableHash::Index(position, create);
-  return IndexThrough(target, position, create);
-}
-
-void ClonedVariableHash::SetVariable_Reference(int position, Variable* variable) {
-  if (own()) {
-    VariableHash::SetVariable_Reference(position, variable);
-  } else {
-    ReferThrough(target, position, variable);
-  }
-}
-
-int ClonedVariableHash::LookupVariable_Fancy(Variable** out, const char* path, int length,
-                                             int create) {
-  if (own()) return VariableHash::LookupVariable_Fancy(out, path, length, create);
-  return LookupThrough(target, out, path, length, create);
-}
-
-void ClonedVariableHash::AllocatedVars(VariableList* list) {
-  if (own()) {
-    VariableHash::AllocatedVars(list);
-  } else {
-    target->AllocatedVars(list);
-  }
-}
-
-void ClonedVariableHash::Push() {
-  if (!own()) target->Push();
-}
-
-int ClonedVariableHash::Pop() {
-  return own() ? 0 : target->Pop();
-}
-
-VariableHash* ClonedVariableHash::RealIdentity() {
-  return target;
 }
 
 // --- UserVariableHash ----------------------------------------------------------------------------

@@ -1,11 +1,18 @@
 // Tables of variables by name: a running script's globals, system variables and locals. Compiled
 // code uses the position of a variable, which never changes; a name is hashed only if a script
 // looks it up at run time. Names are compared without regard to case.
+//
+//   VariableHash           the table: a file's globals, a call's locals
+//   ForwardingVariableHash tables whose variables are in another one (ForwardingVariableHash.h)
+//   SystemVariableHash     the system variables (SystemVariableHash.h)
+//   UserVariableHash       a table of an extension library
 
 #ifndef ZEPH_BASE_VARIABLEHASH_H
 #define ZEPH_BASE_VARIABLEHASH_H
 
-#include "base/core/BaseTemplates.h"
+#include <climits>
+#include <cstring>
+
 #include "base/core/FreeList.h"
 #include "base/core/StringClass.h"
 #include "base/values/Variable.h"
@@ -71,7 +78,7 @@ class VariableHash {
   // Replaces the variable of the same name, or adds a new one. Adopts the caller's count.
   virtual void SetVariable(Variable* variable);
   // Makes the entry a new reference to the variable, under the entry's name.
-  virtual void SetVariable_Reference(int index, Variable* variable);
+  virtual void SetVariable_Reference(int position, Variable* variable);
   // Stores by a path, such as the name of a form field. With accumulate, a second value for the
   // same path turns the variable into an array, and further ones are appended. Always returns 0; a
   // bad path stores nothing.
@@ -97,7 +104,7 @@ class VariableHash {
   virtual int LookupVariable_Fancy(Variable** out, const char* path, int length, int create);
   // The variable at a position, borrowed; null if the position is out of range, or if the variable
   // has not been made and create is 0.
-  virtual Variable* Index(int index, int create);
+  virtual Variable* Index(int position, int create);
   virtual int Entries();
   // Appends every existing variable in the order of positions. The list takes its own counts.
   virtual void AllocatedVars(VariableList* list);
@@ -169,10 +176,18 @@ class VariableHash {
   // The index of names: counted, shared by a table and its twins, and never changed while shared.
   struct SharedIndex;
 
+  // The bytes of a name: the given length, or strlen for -1; 0 for any other negative length and
+  // for a null name.
+  static int MeasuredName(const char* name, int length) {
+    if (!name) return 0;
+    if (length != -1) return length < 0 ? 0 : length;
+    const size_t measured = strlen(name);
+    return measured > INT_MAX ? INT_MAX : static_cast<int>(measured);
+  }
   // Seek for a name of known length, always in this table's own entries.
   int Locate(const char* name, int length);
   // The name of an entry, borrowed from the dictionary.
-  const char* EntryName(int index, int* length);
+  const char* EntryName(int entry, int* length);
   // The name of an entry, shared by the variables of all twins; null if the table has no twin.
   SharedName* NameForTwins(int position);
   // The variable of an entry, null if there is none or it is asleep.
@@ -185,15 +200,6 @@ class VariableHash {
   void CloneVariables(ZephApplication* application, VariableHash& source);
   // A copy of another table's dictionary, owned by the caller.
   static Dictionary* DictionaryCopy(const VariableHash& other);
-
-  // For tables that forward to another one: each entry's version is its position there.
-  void ForgetTarget();
-  int Resolve(VariableHash* other, int position);
-  Variable* InsertThrough(VariableHash* other, int position, Variable* refers_to);
-  bool FindThrough(VariableHash* other, Variable** out, const char* name, int length, int create);
-  Variable* IndexThrough(VariableHash* other, int position, int create);
-  void ReferThrough(VariableHash* other, int position, Variable* variable);
-  int LookupThrough(VariableHash* other, Variable** out, const char* path, int length, int create);
 
   SharedIndex* index = nullptr;  // buckets and chains; null before the first name
   int bits;
@@ -229,151 +235,6 @@ class VariableHash {
 
   int allocated_entries = 0;  // entries that there is memory for
   _VH_Entry few_rows[FewRows];
-};
-
-// A compiled file's own numbering of the names of a running table. The file's code uses positions
-// of this table; the variables are in the target.
-class ReferenceVariableHash : public VariableHash {
- public:
-  // Forwards to the target's RealIdentity(), which outlives this table.
-  ReferenceVariableHash(Dictionary* dictionary, int bits, int capacity, VariableHash* target);
-
-  using VariableHash::Insert;
-  using VariableHash::Read;
-  void SetVariable(const char* name, int length, const char* value, int valuelength) override;
-  void SetVariable(Variable* variable) override;
-  void SetVariable_Reference(int index, Variable* variable) override;
-  int SetVariable_Fancy(const char* path, int length, const char* value, int valuelength,
-                        int accumulate) override;
-  int Seek(int name_index, const char* name, int length, _VH_Entry** entry) override;
-  int Insert(int name_index, const char* name, int length, Variable* variable) override;
-  int Version() override;
-  int ClearVariable(const char* name, int length) override;
-  bool Find(Variable** out, const char* name, int length, int create) override;
-  int LookupVariable_Fancy(Variable** out, const char* path, int length, int create) override;
-  Variable* Index(int index, int create) override;
-  int Entries() override;
-  void AllocatedVars(VariableList* list) override;
-  bool Read(TaggedFile* file) override;
-  void Push() override;
-  int Pop() override;
-  VariableHash* RealIdentity() override;
-
- protected:
-  VariableHash* target;
-};
-
-// Variables that a table of system variables has from the start but makes only when they are looked
-// up, because most scripts use none of them. They are numbered in the order of listings. A name may
-// have several numbers; the first gives its position.
-class LateVariables {
- public:
-  LateVariables() = default;
-  LateVariables(const LateVariables&) = delete;
-  LateVariables& operator=(const LateVariables&) = delete;
-  virtual ~LateVariables() = default;
-
-  // The number of a name for Make, counted from 0; if the name has several, the one whose variable
-  // is used. -1 for any other name. Must be fast in that case, because most names that scripts look
-  // up are others.
-  virtual int Number(const char* name, int length) = 0;
-  virtual int Count() = 0;
-  virtual const char* Name(int number, int* length) = 0;
-  // A new variable; the caller owns its count.
-  virtual Variable* Make(int number) = 0;
-  // The same variables for a task, owned by the caller.
-  virtual LateVariables* Clone(ZephApplication* application) = 0;
-};
-
-// The system variables. Push opens a level; Pop takes back the changes made since.
-//
-// The late variables' names that the table does not have from its file are reserved together, in
-// their order, when the first of them is found or any operation uses positions. Positions and
-// listings are therefore the same, whatever was looked up first.
-class SystemVariableHash : public VariableHash {
- public:
-  SystemVariableHash(Dictionary* dictionary, int bits, int capacity);
-  SystemVariableHash(ZephApplication* application, Dictionary* dictionary, VariableHash& source);
-  ~SystemVariableHash() override;
-
-  // Adopts the late variables and drops existing variables of their names. From then on no caller
-  // can tell which of them have been made.
-  void SetLateVariables(LateVariables* variables);
-  // Reserves the names of all late variables and drops those that were not made.
-  void ForgetLateVariables();
-
-  using VariableHash::Insert;
-  using VariableHash::SetVariable;
-  int Seek(int name_index, const char* name, int length, _VH_Entry** entry) override;
-  int ClearVariable(const char* name, int length) override;
-  int Entries() override;
-  void AllocatedVars(VariableList* list) override;
-  void SetVariable(Variable* variable) override;
-  void SetVariable_Reference(int index, Variable* variable) override;
-  // Ignores accumulate: system variables never collect values.
-  int SetVariable_Fancy(const char* path, int length, const char* value, int valuelength,
-                        int accumulate) override;
-  int Insert(int name_index, const char* name, int length, Variable* variable) override;
-  // The count of open levels.
-  int Version() override;
-  bool Find(Variable** out, const char* name, int length, int create) override;
-  Variable* Index(int index, int create) override;
-  void Push() override;
-  int Pop() override;
-
- protected:
-  // The state of an entry before a change, which Pop restores. Holds the count of the old variable.
-  struct _SVH_Entry {
-    int index;
-    int version;
-    Variable* variable;
-  };
-
-  void Save(int position, int version, Variable* variable);
-  void Replace(int position, Variable* variable);
-  // The position of a name, or -1. If the name is a late variable's, it exists afterwards.
-  int MakeLate(const char* name, int length);
-  void MakeAllLate();
-  void ReserveLateNames();
-
-  int depth = 0;
-  Stack<List<_SVH_Entry>> frames;
-  List<_SVH_Entry>* current = nullptr;
-  LateVariables* late = nullptr;  // owned; null without any
-  bool late_names_reserved = false;
-};
-
-// Copies of a table's variables for a background task.
-class ClonedVariableHash : public VariableHash {
- public:
-  // The dictionary is borrowed from the task and has the same ids as the source's.
-  ClonedVariableHash(ZephApplication* application, Dictionary* dictionary, VariableHash& source);
-  ~ClonedVariableHash() override;
-
-  using VariableHash::Insert;
-  void SetVariable(const char* name, int length, const char* value, int valuelength) override;
-  void SetVariable(Variable* variable) override;
-  void SetVariable_Reference(int index, Variable* variable) override;
-  int SetVariable_Fancy(const char* path, int length, const char* value, int valuelength,
-                        int accumulate) override;
-  int Seek(int name_index, const char* name, int length, _VH_Entry** entry) override;
-  int Insert(int name_index, const char* name, int length, Variable* variable) override;
-  int Version() override;
-  int ClearVariable(const char* name, int length) override;
-  bool Find(Variable** out, const char* name, int length, int create) override;
-  int LookupVariable_Fancy(Variable** out, const char* path, int length, int create) override;
-  Variable* Index(int index, int create) override;
-  int Entries() override;
-  void AllocatedVars(VariableList* list) override;
-  void Push() override;
-  int Pop() override;
-  VariableHash* RealIdentity() override;
-
- protected:
-  bool own() const { return target == this; }
-
-  VariableHash* target;          // deleted with the table, unless it is the table itself
-  Dictionary* owned_dictionary;  // deleted with the table, unless it is the borrowed one
 };
 
 // A separate table with a dictionary of its own, for extension libraries.

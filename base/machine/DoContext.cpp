@@ -6,6 +6,7 @@
 #include <new>
 
 #include "base/compiled/Dictionary.h"
+#include "base/compiled/ForwardingVariableHash.h"
 #include "base/compiled/Function.h"
 #include "base/compiled/LocalizedDictionary.h"
 #include "base/compiled/LocalizedLanguages.h"

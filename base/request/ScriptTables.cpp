@@ -7,8 +7,8 @@
 #include "base/compiled/LocalizedDictionary.h"
 #include "base/compiled/LocalizedLanguages.h"
 #include "base/compiled/Segment.h"
+#include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/TaggedFile.h"
-#include "base/compiled/VariableHash.h"
 #include "base/extensions/ExternalCall.h"
 
 ScriptTables::~ScriptTables() {

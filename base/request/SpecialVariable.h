@@ -5,6 +5,7 @@
 #ifndef ZEPH_BASE_SPECIALVARIABLE_H
 #define ZEPH_BASE_SPECIALVARIABLE_H
 
+#include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/VariableHash.h"
 #include "base/host/ZephApplication.h"
 #include "base/values/Variable.h"

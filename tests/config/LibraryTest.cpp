@@ -13,6 +13,7 @@
 
 #include "api/zpConfig.h"
 #include "base/compiled/Dictionary.h"
+#include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/VariableHash.h"
 #include "base/extensions/CommerceLibrary.h"
 #include "base/extensions/ExternalCall.h"

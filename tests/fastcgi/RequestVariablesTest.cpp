@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/compiled/Dictionary.h"
+#include "base/compiled/SystemVariableHash.h"
 #include "base/request/SpecialVariable.h"
 #include "base/values/VariableKinds.h"
 #include "tests/support/TestApplication.h"

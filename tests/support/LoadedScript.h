@@ -8,6 +8,7 @@
 #include "base/compiled/LocalizedDictionary.h"
 #include "base/compiled/LocalizedLanguages.h"
 #include "base/compiled/Segment.h"
+#include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/TaggedFile.h"
 #include "base/compiled/VariableHash.h"
 #include "base/host/File.h"

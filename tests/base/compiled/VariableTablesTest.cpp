@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include "base/compiled/Dictionary.h"
+#include "base/compiled/ForwardingVariableHash.h"
+#include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/TaggedFile.h"
 #include "base/compiled/VariableHash.h"
 #include "base/values/Aggregate.h"
@@ -408,6 +410,26 @@ TEST_F(ClonedTable, OfAReferenceTableOverTheSystemTableForwardsToASystemTable) {
   const VariableRef target(Named("t", "target"));
   clone.SetVariable_Reference(0, target.get());
   EXPECT_EQ(clone.Index(0, 1), nullptr);
+}
+
+// The positions that the copy has for its first names are not those of the names that it reads.
+TEST_F(ClonedTable, NamesThatAreReadAreLookedUpInTheTarget) {
+  FaultyFileManager files;
+  Dictionary file_names;
+  ReferenceVariableHash reference(&file_names, 12, 512, &globals);
+  Dictionary copy(file_names);
+  VariableHash written(&copy, 12, 512);
+  for (const char* name : {"reserved", "array", "a"}) written.Insert(name, -1);
+  ClonedVariableHash clone(&application, &copy, reference);
+  TaggedFile file(&files);
+  ASSERT_TRUE(file.Create("f", nullptr, 0));
+  ASSERT_TRUE(written.Write(&file, MakeTag("glbl")));
+  ASSERT_TRUE(file.Section_Flush());
+  ASSERT_TRUE(file.Open("f", 1));
+  ASSERT_TRUE(clone.Read(&file, MakeTag("glbl")));
+  ASSERT_NE(clone.Index(2, 0), nullptr);
+  EXPECT_EQ(Text(clone.Index(2, 0)->value()), "1");
+  EXPECT_EQ(clone.Index(1, 0), Find(*clone.RealIdentity(), "array"));
 }
 
 }  // namespace

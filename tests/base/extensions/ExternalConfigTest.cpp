@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/compiled/Dictionary.h"
+#include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/VariableHash.h"
 #include "base/extensions/CommerceLibrary.h"
 #include "base/extensions/ExternalCall.h"

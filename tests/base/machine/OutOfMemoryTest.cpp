@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/compiled/SystemVariableHash.h"
 #include "base/core/ThreadMemory.h"
 #include "base/extensions/ExternalLibrary.h"
 #include "base/host/Config.h"

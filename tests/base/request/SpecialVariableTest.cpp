@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "base/compiled/ForwardingVariableHash.h"
+#include "base/compiled/SystemVariableHash.h"
 #include "base/core/zptime.h"
 #include "base/extensions/CommerceLibrary.h"
 #include "base/extensions/ExternalDatabaseLibrary.h"

@@ -5,6 +5,7 @@
 #include <climits>
 
 #include "base/compiled/Dictionary.h"
+#include "base/compiled/SystemVariableHash.h"
 #include "tests/support/FormBodies.h"
 
 namespace {
