@@ -7,8 +7,8 @@
 
 #include <cstring>
 #include <memory>
-#include <new>
 #include <string>
+#include <utility>
 
 #include "base/compiled/Dictionary.h"
 #include "base/compiled/StoredNameTable.h"
@@ -63,7 +63,7 @@ VariableHash::VariableHash(Dictionary* dictionary, int bits, int capacity)
       capacity(capacity < 1 ? 1 : capacity),
       dictionary(dictionary) {}
 
-// A call makes its locals this way: no name is hashed, and usually nothing is allocated.
+// A call makes its locals this way: no name is hashed, and only the rows are allocated.
 VariableHash::VariableHash(VariableHash& source)
     : bits(source.bits),
       bucket_count(source.bucket_count),
@@ -82,13 +82,14 @@ VariableHash::VariableHash(Dictionary* dictionary, VariableHash& source)
       capacity(source.capacity),
       dictionary(dictionary) {
   if (source.entry_count == 0) return;
+  auto copy = std::make_unique<SharedIndex>(source.index->names);
   CopyNames(source);
-  index = new SharedIndex(source.index->names);
+  index = copy.release();
 }
 
 void VariableHash::CopyNames(const VariableHash& source) {
-  TakeEntries(source.entry_count);
-  entry_count = source.entry_count;
+  entries = new _VH_Entry[static_cast<size_t>(source.entry_count)];
+  allocated_entries = entry_count = source.entry_count;
   for (int i = 0; i < entry_count; i++) {
     entries[i] = {source.entries[i].name_index, 0, nullptr};
   }
@@ -135,35 +136,8 @@ void VariableHash::ReleaseEntries() {
   for (int i = 0; i < entry_count; i++) {
     if (entries[i].variable) entries[i].variable->Release();
   }
-  FreeEntries(entries, allocated_entries);
-  entries = nullptr;
+  delete[] std::exchange(entries, nullptr);
   allocated_entries = entry_count = 0;
-}
-
-namespace {
-// Row arrays of up to this size come from a free list of the thread, because many calls need one.
-constexpr int SomeRows = 32;
-using SomeRowsList = FreeList<SomeRows * sizeof(_VH_Entry)>;
-}  // namespace
-
-void VariableHash::TakeMoreEntries(int count) {
-  if (count <= SomeRows) {
-    entries = static_cast<_VH_Entry*>(SomeRowsList::Allocate());
-    allocated_entries = SomeRows;
-  } else {
-    entries =
-        static_cast<_VH_Entry*>(::operator new(sizeof(_VH_Entry) * static_cast<size_t>(count)));
-    allocated_entries = count;
-  }
-}
-
-void VariableHash::FreeEntries(_VH_Entry* rows, int allocated) {
-  if (!rows || rows == few_rows) return;
-  if (allocated == SomeRows) {
-    SomeRowsList::Free(rows);
-  } else {
-    ::operator delete(rows);
-  }
 }
 
 void VariableHash::ReleaseIndex() {
@@ -225,11 +199,11 @@ void VariableHash::MakeRoom() {
   if (entry_count == allocated_entries) {
     int larger = allocated_entries < 32 ? 64 : allocated_entries * 2;
     if (larger > grown && allocated_entries < grown - Growth) larger = grown;
-    _VH_Entry* old = entries;
-    const int old_allocated = allocated_entries;
-    TakeEntries(larger);
-    if (entry_count > 0) memcpy(entries, old, sizeof(_VH_Entry) * static_cast<size_t>(entry_count));
-    FreeEntries(old, old_allocated);
+    auto* rows = new _VH_Entry[static_cast<size_t>(larger)];
+    if (entry_count > 0)
+      memcpy(rows, entries, sizeof(_VH_Entry) * static_cast<size_t>(entry_count));
+    delete[] std::exchange(entries, rows);
+    allocated_entries = larger;
   }
   // Where there is no memory, the table stays as it was.
   capacity = grown;
@@ -441,8 +415,8 @@ bool VariableHash::Read(TaggedFile* file) {
   if (head.count == 0) return true;
   auto made = std::make_unique<SharedIndex>(bits, capacity);
   made->names.Read(head, bytes, bytes + links + 4, EntrySize);
-  TakeEntries(head.count);
-  entry_count = head.count;
+  entries = new _VH_Entry[static_cast<size_t>(head.count)];
+  allocated_entries = entry_count = head.count;
   bytes += links;
   for (int i = 0; i < entry_count; i++, bytes += EntrySize) {
     entries[i] = {LittleEndian::GetInt32(bytes), 0, nullptr};

@@ -13,7 +13,6 @@
 #include <climits>
 #include <cstring>
 
-#include "base/core/FreeList.h"
 #include "base/core/StringClass.h"
 #include "base/values/Variable.h"
 
@@ -52,8 +51,6 @@ enum VariableScope : int {
 // does not have the name yet. The order of fields and virtual operations is fixed.
 class VariableHash {
  public:
-  ZEPH_FREE_LIST_OPERATORS(VariableHash)
-
   // The dictionary is borrowed and outlives the table. There are 2^bits buckets; bits from 0 to 16.
   // Main tables take 12 and 512, small ones 8 and 64.
   VariableHash(Dictionary* dictionary, int bits, int capacity);
@@ -212,18 +209,6 @@ class VariableHash {
 
  private:
   void CopyNames(const VariableHash& source);
-  // Memory for at least that many rows, uninitialised. The table's own few_rows are enough for most
-  // calls.
-  void TakeEntries(int count) {
-    if (count > FewRows) {
-      TakeMoreEntries(count);
-    } else {
-      allocated_entries = FewRows;
-      entries = few_rows;
-    }
-  }
-  void TakeMoreEntries(int count);
-  void FreeEntries(_VH_Entry* rows, int allocated);
   void MakeRoom();
   void OwnIndex();
   void RenewVariables();
@@ -231,10 +216,7 @@ class VariableHash {
   void ReleaseEntries();
   bool Fail(TaggedFile* file);
 
-  static constexpr int FewRows = 8;
-
   int allocated_entries = 0;  // entries that there is memory for
-  _VH_Entry few_rows[FewRows];
 };
 
 // A separate table with a dictionary of its own, for extension libraries.

@@ -62,8 +62,6 @@ class ZephVM_Frame {
 // The activation of a function of the script.
 class ZephVM_FunctionFrame : public ZephVM_Frame {
  public:
-  ZEPH_FREE_LIST_OPERATORS(ZephVM_FunctionFrame)
-
   // The function is borrowed and outlives the frame.
   ZephVM_FunctionFrame(int return_segment, int return_offset, ::Function* function);
 
