@@ -7,8 +7,8 @@
 #include "base/machine/ZephVM.h"
 #include "base/values/Variable.h"
 
-Capture::Capture(ZephApplication* host, ZephVM* machine, Variable* target)
-    : Feature(host, machine, Type_Capture), variable(target) {
+Capture::Capture(ZephApplication* application, ZephVM* vm, Variable* variable)
+    : Feature(application, vm, Type_Capture), variable(variable) {
   variable->IncRefCount();
 }
 

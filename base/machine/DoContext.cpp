@@ -17,14 +17,14 @@
 #include "base/host/ZephApplication.h"
 #include "base/machine/ZephVM.h"
 
-DoContext::DoContext(VariableHash* global, VariableHash* system, ZephApplication* host,
-                     ZephVM* parent_machine, ExternalCallManager* externals,
+DoContext::DoContext(VariableHash* global, VariableHash* system, ZephApplication* application,
+                     ZephVM* parent, ExternalCallManager* external_calls,
                      CommerceLibraryManager* commerce, ExternalDatabaseLibraryManager* databases)
-    : parent(parent_machine),
+    : parent(parent),
       parent_global_variables(global),
       parent_system_variables(system),
-      application(host),
-      external_calls(externals),
+      application(application),
+      external_calls(external_calls),
       commerce_libraries(commerce),
       database_libraries(databases) {}
 

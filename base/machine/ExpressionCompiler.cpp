@@ -111,21 +111,21 @@ class ExpressionCompiler::Nesting {
   int* level;
 };
 
-ExpressionCompiler::ExpressionCompiler(ExternalCallManager* calls, SegmentManager* manager,
-                                       Dictionary* names, FunctionManager* own_functions,
-                                       FunctionManager* parent, const char* expression, int length,
-                                       const char* alias, Segment* segment, int position,
-                                       const char* sourcefile, int sourcefilelength, int line,
-                                       int version)
-    : external_calls(calls),
-      segments(manager),
-      dictionary(names),
-      functions(own_functions),
+ExpressionCompiler::ExpressionCompiler(ExternalCallManager* external_calls,
+                                       SegmentManager* segments, Dictionary* dictionary,
+                                       FunctionManager* functions, FunctionManager* parent,
+                                       const char* text, int length, const char* alias,
+                                       Segment* segment, int position, const char* sourcefile,
+                                       int sourcefilelength, int line, int version)
+    : external_calls(external_calls),
+      segments(segments),
+      dictionary(dictionary),
+      functions(functions),
       parent_functions(parent),
-      target(segment ? segment : segments->Segment_Add()),
+      target(segment ? segment : this->segments->Segment_Add()),
       write_position(position),
-      text(expression),
-      text_length(TextLength(expression, length)),
+      text(text),
+      text_length(TextLength(text, length)),
       default_alias(alias),
       current_line(line),
       format_version(version) {

@@ -105,7 +105,7 @@ class ExpressionCompiler {
   bool CompileValue(int start, int end);
   bool CompileWord(int start, int end, int* position);
   bool CompileNumber(int start, int end, int* position);
-  bool CompileConstant(const char* text, int length);
+  bool CompileConstant(const char* constant, int length);
   bool CompileVariable(int end, int start);
   bool CompileElements(int start, int end);
   bool CompileFunction(int namestart, int namelength, int end, int* position);
@@ -117,7 +117,7 @@ class ExpressionCompiler {
 
   int SkipWhitespace(int start, int end) const;
   int SkipName(int start, int end) const;
-  int Add(const char* text, int length);
+  int Add(const char* entry, int length);
   bool Fail(const char* message);
   bool Scanned(int bytes);
   bool Fail(const char* before, const char* middle, int length, const char* behind);

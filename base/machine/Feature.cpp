@@ -4,8 +4,8 @@
 
 #include "base/machine/ZephVM.h"
 
-Feature::Feature(ZephApplication* host, ZephVM* machine, int type)
-    : application(host), vm(machine), frame_serial(machine->FrameSerial()), feature_type(type) {}
+Feature::Feature(ZephApplication* application, ZephVM* vm, int type)
+    : application(application), vm(vm), frame_serial(vm->FrameSerial()), feature_type(type) {}
 
 Feature::~Feature() = default;
 

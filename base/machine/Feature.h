@@ -81,7 +81,7 @@ class FeatureStack {
   Feature* Lookup(int type) const;
   // Deletes a feature of the stack; those above it are dropped first. Does nothing for one that is
   // not on the stack: the pointer is only compared.
-  void Pop(Feature* feature);
+  void Pop(Feature* wanted);
   // Deletes all, including dropped ones, from the newest to the oldest.
   void DeleteAll();
   // Passes a beat to each feature of the stack, the newest first. A feature may pop features during

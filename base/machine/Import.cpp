@@ -47,8 +47,8 @@ const char* FindSpecial(const char* p, const char* end) {
 
 // --- The import ----------------------------------------------------------------------------------
 
-Import::Import(ZephApplication* host, ZephVM* machine) : Feature(host, machine, Type_Import) {
-  input_size = host->config()->buffer_size(Config_bufsz_import);
+Import::Import(ZephApplication* application, ZephVM* vm) : Feature(application, vm, Type_Import) {
+  input_size = application->config()->buffer_size(Config_bufsz_import);
 }
 
 Import::~Import() = default;

@@ -11,8 +11,8 @@
 #include "base/host/File.h"
 #include "base/host/ZephApplication.h"
 
-Lockfile::Lockfile(ZephApplication* host, ZephVM* machine, const char* name, int length)
-    : Feature(host, machine, Type_Lockfile) {
+Lockfile::Lockfile(ZephApplication* application, ZephVM* vm, const char* name, int length)
+    : Feature(application, vm, Type_Lockfile) {
   const size_t bytes = name && length > 0 ? strnlen(name, static_cast<size_t>(length)) : 0;
   if (bytes > 0) path.assign(name, static_cast<int>(bytes));
   path.cat(".lck", -1);

@@ -66,30 +66,31 @@ inline double ReadDouble(const unsigned char* p) {
 
 // --- Construction and end ------------------------------------------------------------------------
 
-ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* host, Dictionary* names,
-               VariableHash* system, VariableHash* global, SegmentManager* code_segments,
-               FunctionManager* script_functions, ExternalCallManager* externalcalls,
-               CommerceLibraryManager* commerce, ExternalDatabaseLibraryManager* databases,
-               LocalizedLanguages* script_languages, LocalizedDictionary* texts, int* heartbeat,
-               int* timedout, int* exit, ZephVM* parent_machine)
+ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* application,
+               Dictionary* dictionary, VariableHash* system, VariableHash* global,
+               SegmentManager* segments, FunctionManager* functions,
+               ExternalCallManager* externalcalls, CommerceLibraryManager* commerce,
+               ExternalDatabaseLibraryManager* databases, LocalizedLanguages* languages,
+               LocalizedDictionary* localized, int* heartbeat, int* timedout, int* exit,
+               ZephVM* parent)
     : script_path(path, pathlength),
       heartbeat_counter(heartbeat),
       timed_out(timedout),
       exit_flag(exit),
-      application(host),
-      dictionary(names),
+      application(application),
+      dictionary(dictionary),
       system_variables(system),
       global_variables(global),
-      segments(code_segments),
-      functions(script_functions),
+      segments(segments),
+      functions(functions),
       external_calls(externalcalls),
       commerce_libraries(commerce),
       database_libraries(databases),
-      languages(script_languages),
-      localized(texts),
+      languages(languages),
+      localized(localized),
       null_variable(new NULLVariable),
-      parent(parent_machine),
-      root(parent_machine ? parent_machine->root : this) {
+      parent(parent),
+      root(parent ? parent->root : this) {
   if (parent) {
     if (!heartbeat_counter) heartbeat_counter = parent->heartbeat_counter;
     if (!timed_out) timed_out = parent->timed_out;

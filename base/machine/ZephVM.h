@@ -279,7 +279,7 @@ class ZephVM {
   static int WriteRounded(double value, int decimals, char* text);
   int TimedOut();
   // Writes a log record: script path, source file and line, then the given parameters.
-  void WriteLog(unsigned type, std::initializer_list<LogParameter> parameters);
+  void WriteLog(unsigned type, std::initializer_list<LogParameter> more);
   String ErrorPrefix(const char* kind, const char* tag);
 
   // The target of a jump; from is the offset after its operands. Code that a backward jump repeats

@@ -63,8 +63,9 @@ VariableHash* MachineClone::Find(const VariableHash* original) const {
   return parent ? parent->clone->Find(original) : nullptr;
 }
 
-ZephVM::ZephVM(ZephApplication* host, ZephVM& source, int* heartbeat, int* timedout, int* exit)
-    : clone(new MachineClone(host, source, heartbeat, timedout, exit)),
+ZephVM::ZephVM(ZephApplication* application, ZephVM& source, int* heartbeat, int* timedout,
+               int* exit)
+    : clone(new MachineClone(application, source, heartbeat, timedout, exit)),
       error_text(source.error_text),
       current_line(source.current_line),
       source_file(source.source_file),
@@ -83,15 +84,15 @@ ZephVM::ZephVM(ZephApplication* host, ZephVM& source, int* heartbeat, int* timed
       heartbeat_counter(heartbeat),
       timed_out(timedout),
       exit_flag(exit),
-      application(host),
+      application(application),
       dictionary(clone->dictionary.get()),
       system_variables(clone->system_variables.get()),
       global_variables(clone->global_variables.get()),
       segments(clone->segments.get()),
       functions(clone->functions.get()),
       external_calls(clone->parent ? clone->parent->external_calls : clone->external_calls.get()),
-      commerce_libraries(host->commercemanager()),
-      database_libraries(host->databasemanager()),
+      commerce_libraries(application->commercemanager()),
+      database_libraries(application->databasemanager()),
       languages(clone->languages.get()),
       localized(clone->localized.get()),
       null_variable(new NULLVariable),
@@ -106,7 +107,8 @@ ZephVM::ZephVM(ZephApplication* host, ZephVM& source, int* heartbeat, int* timed
       code_length = segment->length();
     }
     if (source.text_parameters) {
-      text_parameters = std::make_unique<VariableHash>(host, dictionary, *source.text_parameters);
+      text_parameters =
+          std::make_unique<VariableHash>(application, dictionary, *source.text_parameters);
     }
     clone->locals.emplace_back(source.global_variables, global_variables);
     clone->locals.emplace_back(source.system_variables, system_variables);

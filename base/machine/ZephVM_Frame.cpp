@@ -6,8 +6,8 @@
 #include "base/compiled/VariableHash.h"
 #include "base/machine/ZephVM_Stack.h"
 
-ZephVM_Frame::ZephVM_Frame(int segment, int offset)
-    : return_segment(segment), return_offset(offset) {}
+ZephVM_Frame::ZephVM_Frame(int return_segment, int return_offset)
+    : return_segment(return_segment), return_offset(return_offset) {}
 
 ZephVM_Frame::~ZephVM_Frame() {
   // The stack first: deferred texts on it may watch the variables, and would get copies of their
@@ -32,19 +32,20 @@ void ZephVM_Frame::Set_Stack(ZephVM_Stack* new_stack, bool owned) {
   owns_stack = owned;
 }
 
-ZephVM_FunctionFrame::ZephVM_FunctionFrame(int segment, int offset, ::Function* called)
-    : ZephVM_Frame(segment, offset), function(called) {}
+ZephVM_FunctionFrame::ZephVM_FunctionFrame(int return_segment, int return_offset,
+                                           ::Function* function)
+    : ZephVM_Frame(return_segment, return_offset), function(function) {}
 
 int ZephVM_FunctionFrame::type() {
   return Function;
 }
 
-ZephVM_FilterFrame::ZephVM_FilterFrame(int segment, int offset, int segment_behind,
-                                       int offset_behind, Completion routine)
-    : ZephVM_Frame(segment, offset),
-      completion(routine),
-      saved_offset(offset_behind),
-      saved_segment(segment_behind) {}
+ZephVM_FilterFrame::ZephVM_FilterFrame(int return_segment, int return_offset, int saved_segment,
+                                       int saved_offset, Completion completion)
+    : ZephVM_Frame(return_segment, return_offset),
+      completion(completion),
+      saved_offset(saved_offset),
+      saved_segment(saved_segment) {}
 
 int ZephVM_FilterFrame::type() {
   return Filter;

@@ -32,8 +32,8 @@ class ZephVM_Frame {
   virtual int type();
   // Replace the table or the stack; the old one is deleted if the frame owned it. With owned, the
   // frame deletes the new one.
-  virtual void Set_LocalVariable_Hash(VariableHash* variables, bool owned);
-  virtual void Set_Stack(ZephVM_Stack* stack, bool owned);
+  virtual void Set_LocalVariable_Hash(VariableHash* table, bool owned);
+  virtual void Set_Stack(ZephVM_Stack* new_stack, bool owned);
 
   // Where the caller continues; segment -1 in the base frame.
   int return_segment;

@@ -91,7 +91,7 @@ int PositionOf(const char* data, int length) {
 
 }  // namespace
 
-ZephVM_Stack::ZephVM_Stack(ZephVM* machine) : vm(machine) {}
+ZephVM_Stack::ZephVM_Stack(ZephVM* vm) : vm(vm) {}
 
 ZephVM_Stack::~ZephVM_Stack() {
   while (top > entries) Free(--top);

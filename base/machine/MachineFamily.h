@@ -1,0 +1,44 @@
+// A family of machines: the machine of a request or a task, which has no parent, and the machines
+// of the other compiled files that it uses, which are its children, and theirs.
+
+#ifndef ZEPH_BASE_MACHINEFAMILY_H
+#define ZEPH_BASE_MACHINEFAMILY_H
+
+#include <memory>
+
+class DoContexts;
+
+// What the machines of a family share. Belongs to the machine without a parent, which outlives the
+// others. All machines of a family run on one thread, nested in one another, so nothing is locked.
+class MachineFamily {
+ public:
+  MachineFamily();
+  ~MachineFamily();
+  MachineFamily(const MachineFamily&) = delete;
+  MachineFamily& operator=(const MachineFamily&) = delete;
+
+  // The files that the family has opened, each with its machine. Made by the first call.
+  DoContexts* contexts();
+  // Deletes them, with the children. The owner calls this before it deletes the tables that the
+  // children borrow.
+  void DeleteContexts();
+
+  // Runs in progress, nested in one another. Each uses some of the thread's own stack or, for a
+  // filter, an open file, so there is a limit. REQUIRES: a run that begins has room and is ended.
+  bool HasRoomForRun() const { return runs < kMostRuns; }
+  void BeginRun() { runs++; }
+  void EndRun() { runs--; }
+
+  // Whether frames of finished calls are kept for later calls, which is the default.
+  bool reuses_frames() const { return frame_reuse; }
+  void SetFrameReuse(bool reuse) { frame_reuse = reuse; }
+
+ private:
+  static constexpr int kMostRuns = 500;
+
+  std::unique_ptr<DoContexts> files;  // null until a script names another file
+  int runs = 0;
+  bool frame_reuse = true;
+};
+
+#endif
