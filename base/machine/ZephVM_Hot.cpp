@@ -7,6 +7,20 @@
 // script cannot observe the delay. Handlers of the machine, external functions and the output may
 // set any flag, so all flags are checked after these. The host's flags are also checked after an
 // action whose time grows with the size of a value, such as the copy of an array.
+//
+// The file is longer than others because HotLoop is one function: every action ends with a jump of
+// its own to the next, and all share the variables below in registers. Its divisions:
+//
+//   tests and numbers         what an operand has, and its number: Has..., Find..., Make..., ...In
+//   RunHot                    prepares the machine for the loop
+//   HotLoop: state            its variables, and the addresses of the actions
+//   HotLoop: macros           how an action ends, the stack, tests of operands
+//   HotLoop: forms            all actions of one operation: ARITHMETIC, UPDATE, COMPARISON, ...
+//   HotLoop: values           pushes, pops, store, texts, swap
+//   HotLoop: operations       arithmetic, comparisons, jumps, and the fused ones on globals
+//   HotLoop: elements         elements and members, with their updates
+//   HotLoop: handlers         instructions that a handler runs, and the output
+//   HotLoop: calls            call, return, and the way back into the loop
 
 #include <atomic>
 #include <charconv>
@@ -30,24 +44,25 @@ inline int Read(int* shared) {
   return std::atomic_ref<int>(*shared).load(std::memory_order_relaxed);
 }
 
-// Whether a variable has a number in a form that value_double() returns. The rare cases of Has: out
-// of line, so that the fast test keeps its registers. Numbers are read only after all operands have
-// been tested, so that none has to be saved across this call.
-[[gnu::noinline]] bool HasNumberBeside(const Variable* variable) {
+// Whether a variable has a number in a form that value_double() returns. These are the rare cases
+// of Has. The function is slow because it is out of line, and it is out of line so that the fast
+// test keeps its registers. Numbers are read only after all operands have been tested, so that none
+// has to be saved across this call.
+[[gnu::noinline]] bool HasNumberSlow(const Variable* variable) {
   const unsigned forms = variable->plain_forms();
   return (forms & Variable::DoubleForm) || forms == Variable::IntegerForm;
 }
 
 // The same for a comparison, which uses the text if there is one.
-[[gnu::noinline]] bool IsComparableBeside(const Variable* variable) {
-  return HasNumberBeside(variable) && !(variable->plain_forms() & Variable::TextForm);
+[[gnu::noinline]] bool IsComparableSlow(const Variable* variable) {
+  return HasNumberSlow(variable) && !(variable->plain_forms() & Variable::TextForm);
 }
 
 using Suitable = bool (*)(const Variable*);
 
-template <Suitable Beside>
+template <Suitable Slow>
 [[gnu::always_inline]] inline bool Has(const Variable* variable) {
-  return variable->HoldsDouble() || variable->HoldsInteger() || Beside(variable);
+  return variable->HoldsDouble() || variable->HoldsInteger() || Slow(variable);
 }
 
 // The number of a variable. REQUIRES: it has one.
@@ -56,14 +71,14 @@ template <Suitable Beside>
 }
 
 // Has and NumberOf in one, for the operand that is tested last.
-template <Suitable Beside>
+template <Suitable Slow>
 [[gnu::always_inline]] inline bool Find(const Variable* variable, double* number) {
   if (variable->HoldsDouble()) [[likely]] {
     *number = variable->plain_double();
   } else if (variable->HoldsInteger()) {
     *number = variable->plain_integer();
   } else {
-    if (!Beside(variable)) return false;
+    if (!Slow(variable)) return false;
     *number = NumberOf(variable);
   }
   return true;
@@ -91,10 +106,10 @@ template <Suitable Beside>
   return (forms & Variable::DoubleForm) != 0;
 }
 
-template <Suitable Beside>
+template <Suitable Slow>
 bool IsNumber(const Entry* entry) {
   return entry->kind <= ZephVM_Stack::KindDouble ||
-         (entry->kind == ZephVM_Stack::KindVariable && Has<Beside>(entry->value.variable));
+         (entry->kind == ZephVM_Stack::KindVariable && Has<Slow>(entry->value.variable));
 }
 
 double NumberIn(const Entry* entry) {
@@ -109,9 +124,9 @@ inline bool IsDouble(const Entry* entry) {
 
 // Turns the two entries on top into doubles, for an operation that pops both as numbers. Returns
 // false and changes nothing if either is not a number.
-template <Suitable Beside>
+template <Suitable Slow>
 [[gnu::noinline]] bool MakeTwoDoubles(Entry* top) {
-  if (!IsNumber<Beside>(top - 1) || !IsNumber<Beside>(top - 2)) return false;
+  if (!IsNumber<Slow>(top - 1) || !IsNumber<Slow>(top - 2)) return false;
   const double right = NumberIn(top - 1);
   const double left = NumberIn(top - 2);
   ZephVM_Stack::Free(top - 1);
@@ -122,9 +137,9 @@ template <Suitable Beside>
 }
 
 // The same for one.
-template <Suitable Beside>
+template <Suitable Slow>
 [[gnu::noinline]] bool MakeDouble(Entry* top) {
-  if (!IsNumber<Beside>(top - 1)) return false;
+  if (!IsNumber<Slow>(top - 1)) return false;
   const double number = NumberIn(top - 1);
   ZephVM_Stack::Free(top - 1);
   top[-1].SetDouble(number);
@@ -193,16 +208,16 @@ template <typename Number>
     return true;
   }
   double number;
-  if (!Find<IsComparableBeside>(left, &number)) return false;
+  if (!Find<IsComparableSlow>(left, &number)) return false;
   *order = OrderOf<double>(number, right);
   return true;
 }
 
 [[gnu::always_inline]] inline bool FindOrder(const Variable* left, const Variable* right,
                                              int* order) {
-  if (!left || !right || !Has<IsComparableBeside>(left)) return false;
+  if (!left || !right || !Has<IsComparableSlow>(left)) return false;
   double number;
-  if (!Find<IsComparableBeside>(right, &number)) return false;
+  if (!Find<IsComparableSlow>(right, &number)) return false;
   *order = OrderOf(NumberOf(left), number);
   return true;
 }
@@ -308,16 +323,16 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define HAS_ROOM (top <= limit)
 // Whether the operands on top are numbers; they are doubles afterwards. This may change the
 // entries, so it is the last test of a condition.
-#define ONE_NUMBER (HOLDS_ONE && (IsDouble(top - 1) || MakeDouble<HasNumberBeside>(top)))
-#define ONE_COMPARABLE (HOLDS_ONE && (IsDouble(top - 1) || MakeDouble<IsComparableBeside>(top)))
+#define ONE_NUMBER (HOLDS_ONE && (IsDouble(top - 1) || MakeDouble<HasNumberSlow>(top)))
+#define ONE_COMPARABLE (HOLDS_ONE && (IsDouble(top - 1) || MakeDouble<IsComparableSlow>(top)))
 #define TWO_DOUBLES (IsDouble(top - 1) && IsDouble(top - 2))
-#define TWO_NUMBERS (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<HasNumberBeside>(top)))
-#define TWO_COMPARABLE (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<IsComparableBeside>(top)))
-#define IS_NUMBER(variable) ((variable) && Has<HasNumberBeside>(variable))
-#define IS_COMPARABLE(variable) ((variable) && Has<IsComparableBeside>(variable))
+#define TWO_NUMBERS (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<HasNumberSlow>(top)))
+#define TWO_COMPARABLE (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<IsComparableSlow>(top)))
+#define IS_NUMBER(variable) ((variable) && Has<HasNumberSlow>(variable))
+#define IS_COMPARABLE(variable) ((variable) && Has<IsComparableSlow>(variable))
 // The same; *number receives the number.
-#define FIND_NUMBER(variable, number) ((variable) && Find<HasNumberBeside>(variable, number))
-#define FIND_COMPARABLE(variable, number) ((variable) && Find<IsComparableBeside>(variable, number))
+#define FIND_NUMBER(variable, number) ((variable) && Find<HasNumberSlow>(variable, number))
+#define FIND_COMPARABLE(variable, number) ((variable) && Find<IsComparableSlow>(variable, number))
 // Whether a frame is kept for the called function and is prepared for calls from this code. If so,
 // called is the frame and locals are its variables; those that exist are as a new call needs them.
 #define KNOWS_CALLED \
@@ -367,10 +382,10 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     double b; int number;                                                                  \
     variable = VARIABLE(op);                                                               \
     TELL_STACK                                                                             \
-    SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumberBeside>(top - 1) && variable && \
+    SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumberSlow>(top - 1) && variable && \
                   IntegerOf(VARIABLE(op + 1), &number) && number >= 1 &&                   \
                   variable->ReadElement(number, &b))                                       \
-    if (!IsDouble(top - 1)) MakeDouble<HasNumberBeside>(top);                              \
+    if (!IsDouble(top - 1)) MakeDouble<HasNumberSlow>(top);                              \
     const double a = top[-1].value.number;                                                 \
     top[-1].value.number = result;                                                         \
     NEXT(4)                                                                                \
@@ -411,7 +426,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindVariable)     \
     variable = top[-1].value.variable;                                                     \
     double a;                                                                              \
-    SINGLE_UNLESS((condition) && Find<HasNumberBeside>(variable, &a))                      \
+    SINGLE_UNLESS((condition) && Find<HasNumberSlow>(variable, &a))                      \
     const double b = operand;                                                              \
     variable->Write_Double(result);                                                        \
     --top;                                                                                 \
@@ -420,7 +435,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   }                                                                                        \
   found_##name: {                                                                          \
     double a;                                                                              \
-    if (!((condition) && Find<HasNumberBeside>(variable, &a))) [[unlikely]] goto push_found; \
+    if (!((condition) && Find<HasNumberSlow>(variable, &a))) [[unlikely]] goto push_found; \
     const double b = operand;                                                              \
     variable->Write_Double(result);                                                        \
     NEXT(5)                                                                                \
@@ -835,7 +850,7 @@ on_OutVariable : {
 }
 on_OutRounded : {
   char text[MostRounded];
-  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumberBeside>(top - 1))
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumberSlow>(top - 1))
   const int length = WriteRounded(NumberIn(top - 1), op->first, text);
   SINGLE_UNLESS(length > 0)
   --top;
