@@ -1,9 +1,7 @@
-// Fatal and runtime errors of the machine, and their records in the trace log. Tested in
-// tests/base/machine/ZephVMTest.cpp and InstructionsErrorsTest.cpp.
+// Fatal and runtime errors of the machine, and the records that it writes to the trace log. Tested
+// in tests/base/machine/ZephVMTest.cpp and InstructionsErrorsTest.cpp.
 
 #include <cstdio>
-#include <cstring>
-#include <vector>
 
 #include "base/compiled/Dictionary.h"
 #include "base/compiled/VariableHash.h"
@@ -13,20 +11,6 @@
 #include "base/values/Variable.h"
 
 namespace {
-
-// A line bound of 0 admits every line.
-bool Admits(const LogFilterEntry* entry, const char* file, int length, int line) {
-  return entry->namelength == length && (entry->firstline == 0 || entry->firstline <= line) &&
-         (entry->lastline == 0 || entry->lastline >= line) &&
-         memcmp(entry->name, file, static_cast<size_t>(length)) == 0;
-}
-
-bool AnyAdmits(List<LogFilterEntry>* entries, const char* file, int length, int line) {
-  for (LogFilterEntry* entry = entries->First(); entry; entry = entries->Next()) {
-    if (Admits(entry, file, length, line)) return true;
-  }
-  return false;
-}
 
 LogParameter LogText(const String& text) {
   return LogParameter::OfText(text.data, text.length);
@@ -117,21 +101,12 @@ void ZephVM::ClearErrorVariable(int tag) {
   }
 }
 
-bool ZephVM::LogAdmitsPlace() {
-  if (application->logsuppressed()) return false;
+LogPlace ZephVM::Place() {
   int length;
   const char* file = SourceFile(&length);
-  if (AnyAdmits(application->logexcludes(), file, length, current_line)) return false;
-  List<LogFilterEntry>* includes = application->logincludes();
-  return includes->Entries() == 0 || AnyAdmits(includes, file, length, current_line);
+  return {script_path, file, length, current_line};
 }
 
 void ZephVM::WriteLog(unsigned type, std::initializer_list<LogParameter> more) {
-  int length;
-  const char* file = SourceFile(&length);
-  std::vector<LogParameter> parameters = {LogText(script_path), LogParameter::OfText(file, length),
-                                          LogParameter::OfInteger(current_line)};
-  parameters.insert(parameters.end(), more);
-  parameters.push_back(LogParameter::OfEnd());
-  application->Log(type, parameters.data());
+  log_gate.Write(type, Place(), more);
 }

@@ -74,6 +74,7 @@ ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* application,
                LocalizedDictionary* localized, int* heartbeat, int* timedout, int* exit,
                ZephVM* parent)
     : script_path(path, pathlength),
+      log_gate(application, 0),
       heartbeat_counter(heartbeat),
       timed_out(timedout),
       exit_flag(exit),
@@ -90,7 +91,7 @@ ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* application,
       localized(localized),
       null_variable(new NULLVariable),
       parent(parent),
-      root(parent ? parent->root : this) {
+      family(parent ? parent->family : &own_family) {
   if (parent) {
     if (!heartbeat_counter) heartbeat_counter = parent->heartbeat_counter;
     if (!timed_out) timed_out = parent->timed_out;
@@ -107,7 +108,8 @@ ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* application,
     SetScriptDirectory();
     // If records would go nowhere, no call checks for them.
     if ((dictionary->flags() & 1) == 0 && !application->logsuppressed()) {
-      log_mask = static_cast<unsigned>(application->config()->value_integer(Config_log_level));
+      log_gate.SetLevel(
+          static_cast<unsigned>(application->config()->value_integer(Config_log_level)));
     }
   } catch (const std::bad_alloc&) {
     End();
@@ -132,8 +134,8 @@ void ZephVM::End() {
   null_variable->DecRefCount();
   features.DeleteAll();
   if (parent) parent->children--;
-  // Deletes the contexts, with their machines, before the tables that those machines borrow.
-  contexts.reset();
+  // A child's own family is empty.
+  own_family.DeleteContexts();
 }
 
 // There may be many frames, and the variables of each may refer to those of the one below. The
@@ -577,7 +579,7 @@ void ZephVM::exit() {
 // lineno  ( -- )  Sets the line that messages report, and traces it if the log level includes that.
 void ZephVM::lineno() {
   current_line = first_integer;
-  if ((log_mask & Log_Trace) == 0 || current_line == traced_line) return;
+  if (!log_gate.Wants(Log_Trace) || current_line == traced_line) return;
   traced_line = current_line;
   if (WantsLog(Log_Trace)) WriteLog(Log_Trace, {});
 }

@@ -6,11 +6,8 @@
 #define ZEPH_BASE_ZEPHVM_H
 
 #include <climits>
-#include <functional>
 #include <initializer_list>
-#include <map>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "base/compiled/Segment.h"
@@ -20,6 +17,9 @@
 #include "base/core/StringClass.h"
 #include "base/host/TagErrors.h"
 #include "base/machine/Feature.h"
+#include "base/machine/ImportFilters.h"
+#include "base/machine/LogGate.h"
+#include "base/machine/MachineFamily.h"
 #include "base/machine/ZephVM_Frame.h"
 #include "base/machine/ZephVM_Stack.h"
 #include "base/values/VariableKinds.h"
@@ -28,7 +28,6 @@
 class CommerceLibraryManager;
 class Dictionary;
 class DoContext;
-class DoContexts;
 class ExternalCall;
 class ExternalCallManager;
 class ExternalDatabaseLibraryManager;
@@ -216,11 +215,11 @@ class ZephVM {
   void ResetAsynchronousState();
 
   // Whether a record of this LogType is to be written at the current place of the script.
-  bool WantsLog(unsigned type) { return (log_mask & type) != 0 && LogAdmitsPlace(); }
+  bool WantsLog(unsigned type) { return log_gate.Wants(type) && log_gate.Admits(Place()); }
 
   // Sets whether frames of finished calls are reused for later calls, which is the default. Scripts
   // cannot observe it; tests compare a machine and its children with and without it.
-  void SetFrameReuse(bool reuse) { root->reuses_frames = reuse; }
+  void SetFrameReuse(bool reuse) { family->SetFrameReuse(reuse); }
 
   ZephApplication* Application() { return application; }
   ZephVM_Frame* CurrentFrame() { return frame; }
@@ -263,8 +262,8 @@ class ZephVM {
     stack = frame->stack;
   }
 
-  bool LogAdmitsPlace();
-
+  // The current place of the script, as the log has it.
+  LogPlace Place();
   // Steps of the loop.
   int Set_Segment();
   bool LoadSegment();
@@ -278,7 +277,7 @@ class ZephVM {
   static constexpr int MostRounded = 24;
   static int WriteRounded(double value, int decimals, char* text);
   int TimedOut();
-  // Writes a log record: script path, source file and line, then the given parameters.
+  // Writes a log record of the current place, with the given parameters after those of the place.
   void WriteLog(unsigned type, std::initializer_list<LogParameter> more);
   String ErrorPrefix(const char* kind, const char* tag);
 
@@ -351,14 +350,7 @@ class ZephVM {
 
   // Imports (base/machine/ZephVM_Import.cpp).
   struct ImportOperands;
-  struct ImportFilter {
-    Segment* segment = nullptr;  // null if the text is no expression
-    String error;                // the compiler's message then
-  };
-  void BeginImport(ImportOperands* operands, Segment* filter);
-  Segment* FilterSegment(const char* text, int length, String* error);
-  void RunFilter(Segment* filter, int body, int behind);
-  void LeaveFilter(int to_segment, int to_offset);
+  class ImportLoop;
   void import_filter_resume(int accepted);
 
   // Handlers, each named as its instruction: base/machine/ZephVM.cpp
@@ -474,7 +466,7 @@ class ZephVM {
   int loaded_segment = 0;
   int instruction_start = 0;
   bool stop_flag = false;
-  unsigned log_mask = 0;
+  LogGate log_gate;
   int* heartbeat_counter;
   int* timed_out;
   int* exit_flag;
@@ -493,18 +485,14 @@ class ZephVM {
   // Parameters of the next localized text; null until one is set.
   std::unique_ptr<VariableHash> text_parameters;
   FeatureStack features;
-  // By text. Each is compiled once, because a loop may open its import again and again.
-  std::map<std::string, ImportFilter, std::less<>> import_filters;
+  ImportFilters import_filters;
   NULLVariable* null_variable;
   ZephVM* parent;
-  // --- Of the family: a machine, its children, and theirs ----------------------------------------
-  ZephVM* root;                          // the machine without a parent
-  std::unique_ptr<DoContexts> contexts;  // the root's; null until a script names another file
-  int runs = 0;                          // runs in progress, nested in one another; the root's
-  bool reuses_frames = true;             // the root's
-  // The machine that currently works on this one's stack, or null.
+  // The family's data, which the machine without a parent owns; unused in a child.
+  MachineFamily own_family;
+  MachineFamily* family;  // the parent's, or own_family
+  // The machine of the family that currently works on this one's stack, or null.
   ZephVM* guest = nullptr;
-  // -----------------------------------------------------------------------------------------------
   int frame_count = 0;  // of functions that have not returned
   // Frames of finished calls, by function index, with their stack and locals, kept for later calls.
   std::vector<ZephVM_FunctionFrame*> idle_frames;

@@ -21,10 +21,6 @@
 
 namespace {
 
-// The limit of runs within runs: each uses some of the thread's own stack or, for a filter, an open
-// file.
-const int kMostRuns = 500;
-
 int ErrorOutputIn(int caller_flags, int function_flags) {
   int flags = caller_flags;
   if (function_flags & Function_ErrorOutputOn) flags |= ZephVM_Frame::ErrorOutput_Display;
@@ -113,7 +109,7 @@ ZephVM_FunctionFrame* ZephVM::FrameFor(Function* function) {
 }
 
 bool ZephVM::ReturnsNeedNoRecord() const {
-  return (log_mask & Log_OfCalls) == 0;
+  return !log_gate.Wants(Log_OfCalls);
 }
 
 int ZephVM::SimpleParameters(Function* function) {
@@ -131,7 +127,7 @@ int ZephVM::SimpleParameters(Function* function) {
 // ones.
 void ZephVM::KeepFrame(ZephVM_FunctionFrame* left) {
   std::unique_ptr<ZephVM_FunctionFrame> held(left);
-  if (!root->reuses_frames) return;
+  if (!family->reuses_frames()) return;
   if (left->place >= idle_frames.size() || !left->owns_variables || !left->owns_stack) return;
   while (left->stack->Entries() > 0) left->stack->Pop();
   if (!left->variables->Renew(*left->locals)) return;
@@ -206,7 +202,7 @@ void ZephVM::ret() {
   wanted_segment = left->return_segment;
   program_counter = left->return_offset;
   left->previous->stack->Push(left->stack, 1);
-  if (log_mask & (Log_FunctionReturnValue | Log_FunctionReturn)) LogReturn(left, true);
+  if (log_gate.Wants(Log_FunctionReturnValue | Log_FunctionReturn)) LogReturn(left, true);
   LeaveFrame();
 }
 
@@ -217,7 +213,7 @@ void ZephVM::retn() {
   Cleanup_Function_Features(left);
   wanted_segment = left->return_segment;
   program_counter = left->return_offset;
-  if (log_mask & Log_FunctionReturn) LogReturn(left, false);
+  if (log_gate.Wants(Log_FunctionReturn)) LogReturn(left, false);
   LeaveFrame();
   stack->PushS("", 0, 0, 0);
 }
@@ -364,7 +360,7 @@ ZephVM::NestedRun::NestedRun(ZephVM* machine)
       outer(machine->frame),
       program_counter(machine->program_counter),
       wanted_segment(machine->wanted_segment) {
-  vm->root->runs++;
+  vm->family->BeginRun();
 }
 
 // Also deletes the frames that are left if an error ended the run inside a function.
@@ -382,7 +378,7 @@ ZephVM::NestedRun::~NestedRun() {
     vm->code = nullptr;
     vm->code_length = 0;
   }
-  vm->root->runs--;
+  vm->family->EndRun();
 }
 
 void ZephVM::NestedRun::LeaveFrames() {
@@ -391,7 +387,7 @@ void ZephVM::NestedRun::LeaveFrames() {
     std::unique_ptr<ZephVM_Frame> left(vm->frame);
     vm->frame = left->previous ? left->previous : outer;
     if (left->type() == ZephVM_Frame::Function) vm->frame_count--;
-    if (left->type() == ZephVM_Frame::Filter) vm->root->runs--;
+    if (left->type() == ZephVM_Frame::Filter) vm->family->EndRun();
   }
 }
 
@@ -410,9 +406,8 @@ void ZephVM::NestedRun::Begin(Segment* start) {
   vm->program_counter = 0;
 }
 
-// Counted in the root, because all machines of a family run on one thread's stack.
 bool ZephVM::MayNest() {
-  if (root->runs < kMostRuns) return true;
+  if (family->HasRoomForRun()) return true;
   FatalError("Stack overflow");
   return false;
 }

@@ -80,7 +80,7 @@ ZephVM::ZephVM(ZephApplication* application, ZephVM& source, int* heartbeat, int
       program_counter(source.program_counter),
       loaded_segment(source.loaded_segment),
       instruction_start(source.instruction_start),
-      log_mask(source.log_mask),
+      log_gate(application, source.log_gate.level()),
       heartbeat_counter(heartbeat),
       timed_out(timedout),
       exit_flag(exit),
@@ -97,7 +97,7 @@ ZephVM::ZephVM(ZephApplication* application, ZephVM& source, int* heartbeat, int
       localized(clone->localized.get()),
       null_variable(new NULLVariable),
       parent(clone->parent.get()),
-      root(parent ? parent->root : this) {
+      family(parent ? parent->family : &own_family) {
   if (parent) parent->children++;
   std::copy_n(source.tag_errors, tag_count, tag_errors);
   try {

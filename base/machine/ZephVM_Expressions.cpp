@@ -144,11 +144,10 @@ DoContext* ZephVM::DoContextFind(const char* name, int length) {
     EncodedRuntimeError(Tag_Do, manager->error());
     return nullptr;
   }
-  if (!root->contexts) root->contexts = std::make_unique<DoContexts>();
-  DoContexts* const contexts_here = root->contexts.get();
-  if (DoContext* found = contexts_here->Find(path.get(), path_length)) return found;
+  DoContexts* const contexts = family->contexts();
+  if (DoContext* found = contexts->Find(path.get(), path_length)) return found;
   const int limit = application->config()->value_integer(Config_max_docache);
-  if (limit != 0) contexts_here->Evict(limit);
+  if (limit != 0) contexts->Evict(limit);
   std::unique_ptr<File> file(manager->Open(ZephPath_Script, path.get(), FileMode_Read));
   if (!file) {
     EncodedRuntimeError(Tag_Do, manager->error());
@@ -161,7 +160,7 @@ DoContext* ZephVM::DoContextFind(const char* name, int length) {
     EncodedRuntimeError(Tag_Do, context->error());
     return nullptr;
   }
-  contexts_here->Insert(context.get());
+  contexts->Insert(context.get());
   return context.release();
 }
 

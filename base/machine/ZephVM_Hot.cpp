@@ -755,7 +755,7 @@ on_StoreConstant:
   variable->Write_Integer(op->second);
   NEXT(1)
 on_Line:
-  LEAVE_UNLESS((log_mask & Log_Trace) == 0)
+  LEAVE_UNLESS(!log_gate.Wants(Log_Trace))
   current_line = op->first;
   NEXT(1)
   ELEMENT(Element, 1)
@@ -923,7 +923,7 @@ unknown_called:
 call : {
   TELL_STACK
   Function* function = functions ? functions->Lookup(op->first) : nullptr;
-  LEAVE_UNLESS(function && (log_mask & Log_OfCalls) == 0)
+  LEAVE_UNLESS(function && !log_gate.Wants(Log_OfCalls))
   instruction_start = op->start;
   program_counter = op[1].start;
   if (function->flags() & Function_External) {

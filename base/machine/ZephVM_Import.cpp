@@ -6,7 +6,6 @@
 // with the filter again for the next record, or after the loop.
 
 #include <memory>
-#include <string_view>
 
 #include "base/compiled/Segment.h"
 #include "base/core/RunLimit.h"
@@ -17,56 +16,67 @@
 #include "base/machine/ZephVM.h"
 #include "base/values/Variable.h"
 
+// The operands that both opening instructions pop.
+struct ZephVM::ImportOperands {
+  explicit ImportOperands(ZephVM_Stack* stack) : fields(stack), delimiter(stack), name(stack) {}
+
+  KeptString fields;
+  KeptString delimiter;
+  PoppedPath name;
+};
+
+// The steps of an import's loop. Holds no state of its own: the loop is a feature of the machine,
+// and a filter in progress is a frame.
+class ZephVM::ImportLoop {
+ public:
+  explicit ImportLoop(ZephVM* machine) : vm(machine) {}
+
+  // Opens the import and reads the first record; skips the loop if there is none. A null filter
+  // accepts all records.
+  void Begin(ImportOperands* operands, Segment* filter);
+  // Runs the filter on the record that was read. The loop's body begins at the offset body, and the
+  // loop ends at the offset end, both in the current segment.
+  void RunFilter(Segment* filter, int body, int end);
+  // Leaves the frame of a filter, and continues at that place.
+  void LeaveFilter(int to_segment, int to_offset);
+
+ private:
+  ZephVM* vm;
+};
+
 // --- Filters -------------------------------------------------------------------------------------
 
-// Returns the code of a filter, compiled once for each text; null with the message in *error.
-Segment* ZephVM::FilterSegment(const char* text, int length, String* error) {
-  const std::string_view key(text, static_cast<size_t>(length));
-  auto known = import_filters.find(key);
-  if (known == import_filters.end()) {
-    ImportFilter compiled;
-    compiled.segment =
-        Compile_Dynamic_Expression(text, length, nullptr, nullptr, &compiled.error, nullptr, 0, 1);
-    if (!compiled.segment && RunLimit::WasCut()) return nullptr;
-    known = import_filters.emplace(key, compiled).first;
-  }
-  if (!known->second.segment) *error = known->second.error;
-  return known->second.segment;
-}
-
-// Runs the filter on the record that was read. The loop's body begins at the offset body, and the
-// loop ends at behind, both in the current segment.
-//
 // The filter has a stack of its own, because an expression may pop more than it has pushed or leave
 // something, and must not touch the caller's entries.
 //
 // A filter counts as a run within a run although it uses none of the thread's stack: each filter in
 // progress has an open file, so a filter whose function imports with the same filter would use up
 // the descriptors of the process.
-void ZephVM::RunFilter(Segment* filter, int body, int behind) {
-  if (!MayNest()) return;
-  auto entered = std::make_unique<ZephVM_FilterFrame>(wanted_segment, body, wanted_segment, behind,
-                                                      &ZephVM::import_filter_resume);
-  entered->Set_LocalVariable_Hash(frame->variables, false);
-  entered->Set_Stack(new ZephVM_Stack(this), true);
-  entered->error_output = frame->error_output;
-  entered->output_mode = frame->output_mode;
-  entered->previous = frame;
-  EnterFrame(entered.release());
-  root->runs++;
-  filter->NoteRepeat(*dictionary, functions);
-  wanted_segment = filter->number();
-  program_counter = 0;
+void ZephVM::ImportLoop::RunFilter(Segment* filter, int body, int end) {
+  if (!vm->MayNest()) return;
+  const int place = vm->wanted_segment;
+  auto entered =
+      std::make_unique<ZephVM_FilterFrame>(place, body, place, end, &ZephVM::import_filter_resume);
+  ZephVM_Frame* const outer = vm->frame;
+  entered->Set_LocalVariable_Hash(outer->variables, false);
+  entered->Set_Stack(new ZephVM_Stack(vm), true);
+  entered->error_output = outer->error_output;
+  entered->output_mode = outer->output_mode;
+  entered->previous = outer;
+  vm->EnterFrame(entered.release());
+  vm->family->BeginRun();
+  filter->NoteRepeat(*vm->dictionary, vm->functions);
+  vm->wanted_segment = filter->number();
+  vm->program_counter = 0;
 }
 
-// Leaves the frame of a filter.
-void ZephVM::LeaveFilter(int to_segment, int to_offset) {
-  const std::unique_ptr<ZephVM_Frame> left(frame);
-  frame = left->previous;
-  stack = frame->stack;
-  root->runs--;
-  wanted_segment = to_segment;
-  program_counter = to_offset;
+void ZephVM::ImportLoop::LeaveFilter(int to_segment, int to_offset) {
+  const std::unique_ptr<ZephVM_Frame> left(vm->frame);
+  vm->frame = left->previous;
+  vm->stack = vm->frame->stack;
+  vm->family->EndRun();
+  vm->wanted_segment = to_segment;
+  vm->program_counter = to_offset;
 }
 
 // Called at the end of a filter's segment, in the filter's frame.
@@ -80,11 +90,11 @@ void ZephVM::import_filter_resume(int accepted) {
   }
   if (accepted) {
     feature->CountRecord();
-    LeaveFilter(judged->return_segment, judged->return_offset);
+    ImportLoop(this).LeaveFilter(judged->return_segment, judged->return_offset);
     return;
   }
   if (feature->Next() != 0) {
-    LeaveFilter(judged->saved_segment, judged->saved_offset);
+    ImportLoop(this).LeaveFilter(judged->saved_segment, judged->saved_offset);
     Pop_Feature(feature);
     return;
   }
@@ -94,36 +104,33 @@ void ZephVM::import_filter_resume(int accepted) {
 
 // --- The loop ------------------------------------------------------------------------------------
 
-// The operands that both opening instructions pop.
-struct ZephVM::ImportOperands {
-  explicit ImportOperands(ZephVM_Stack* stack) : fields(stack), delimiter(stack), name(stack) {}
-
-  KeptString fields;
-  KeptString delimiter;
-  PoppedPath name;
-};
-
-void ZephVM::BeginImport(ImportOperands* operands, Segment* filter) {
-  const int distance = first_integer;
-  auto feature = std::make_unique<Import>(application, this);
+void ZephVM::ImportLoop::Begin(ImportOperands* operands, Segment* filter) {
+  const int distance = vm->first_integer;
+  auto feature = std::make_unique<Import>(vm->application, vm);
   KeptString& delimiter = operands->delimiter;
   feature->SetDelimiter(delimiter.data(), delimiter.length(), delimiter.ownership());
   feature->SetFields(operands->fields.data(), operands->fields.length());
-  if (stop_flag || RunLimit::WasCut()) return;
+  if (vm->stop_flag || RunLimit::WasCut()) return;
   feature->SetFilter(filter);
   PoppedPath& name = operands->name;
+  const auto skip = [this, distance] {
+    vm->program_counter = vm->Jumped(vm->program_counter, distance);
+  };
   if (!feature->Start(name.data(), name.length(), name.size(), name.ownership())) {
-    EncodedRuntimeError(Tag_Import, feature->error());
-    program_counter = Jumped(program_counter, distance);
+    vm->EncodedRuntimeError(Tag_Import, feature->error());
+    skip();
     return;
   }
-  ClearErrorVariable(Tag_Import);
+  vm->ClearErrorVariable(Tag_Import);
   if (feature->Next() != 0) {
-    program_counter = Jumped(program_counter, distance);
+    skip();
     return;
   }
-  Push_Feature(feature.release());
-  if (filter) RunFilter(filter, program_counter, WrapAdd(program_counter, distance));
+  vm->Push_Feature(feature.release());
+  if (filter) {
+    const int body = vm->program_counter;
+    RunFilter(filter, body, WrapAdd(body, distance));
+  }
 }
 
 // import  ( file delimiter fields -- )  Opens a text file of the data directory and reads its first
@@ -132,7 +139,7 @@ void ZephVM::BeginImport(ImportOperands* operands, Segment* filter) {
 // the loop is skipped. For the form of a record see import.md.
 void ZephVM::import() {
   ImportOperands operands(stack);
-  if (!stop_flag) BeginImport(&operands, nullptr);
+  if (!stop_flag) ImportLoop(this).Begin(&operands, nullptr);
 }
 
 // importf  ( file delimiter fields filter -- )  As import, but the loop runs, and recno counts,
@@ -144,13 +151,13 @@ void ZephVM::importf() {
   ImportOperands operands(stack);
   if (stop_flag) return;
   if (ExpressionCompiler::Expression_Empty(text.data(), text.length())) {
-    BeginImport(&operands, nullptr);
+    ImportLoop(this).Begin(&operands, nullptr);
     return;
   }
   String error;
-  Segment* const filter = FilterSegment(text.data(), text.length(), &error);
+  Segment* const filter = import_filters.Find(this, text.data(), text.length(), &error);
   if (filter) {
-    BeginImport(&operands, filter);
+    ImportLoop(this).Begin(&operands, filter);
     return;
   }
   String message("Syntax error in filter: ", -1);
@@ -174,7 +181,7 @@ void ZephVM::import_loop() {
   }
   const int body = Jumped(program_counter, first_integer);
   if (feature->filter()) {
-    RunFilter(feature->filter(), body, program_counter);
+    ImportLoop(this).RunFilter(feature->filter(), body, program_counter);
   } else {
     program_counter = body;
   }
