@@ -61,11 +61,10 @@ HotAction SingleAction(Instruction::Code code) {
     case code_memb_readonly: return HotAction::MemberReadOnly;
     case code_call: return HotAction::Call;
     case code_ret: return HotAction::Return;
-#define HANDLER(name) case code_##name:
-      ZEPH_HOT_HANDLERS return HotAction::Handler;
-#undef HANDLER
-    default: return HotAction::Leave;
+    default: break;
   }
+  const bool has_handler = code != code_none && Rows[code - 1].run == Run::HotHandler;
+  return has_handler ? HotAction::Handler : HotAction::Leave;
 }
 
 bool IsJump(HotAction action) {

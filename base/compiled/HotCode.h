@@ -21,7 +21,8 @@ class FunctionManager;
 // file that uses the list defines ACTION first.
 //
 //   Leave                         nothing: the machine's loop runs it
-//   Handler                       one instruction, by the machine's own handler
+//   Handler                       one instruction, by the machine's own handler: the rows of the
+//                                 list of instructions that are run by a HotHandler
 //   Push..., Pop, ..., Return     one instruction
 //   ReturnVariable                the value of a local variable, and the return of it
 //   ...VariableConstant           a variable, a constant, and an operation on the two
@@ -95,14 +96,6 @@ class FunctionManager;
   ACTION(ElementOfVariable) ACTION(ElementReadOnlyOfVariable) ACTION(ElementOfVariableStore)         \
   ACTION(MemberOfVariable) ACTION(MemberReadOnlyOfVariable)                                          \
   ACTION(ElementOfVariableUpdate) ACTION(MemberOfVariableUpdate)
-// clang-format on
-
-// Instructions that the hot loop runs with the machine's handler of that name. They are frequent,
-// too long to be in line, and change nothing of the machine but its stack and its flags.
-// clang-format off
-#define ZEPH_HOT_HANDLERS                                                                            \
-  HANDLER(out) HANDLER(out_comp) HANDLER(rounds) HANDLER(roundf) HANDLER(isnull)                     \
-  HANDLER(in) HANDLER(cin) HANDLER(ein) HANDLER(ecin)
 // clang-format on
 
 enum class HotAction : unsigned char {

@@ -13,8 +13,8 @@ constexpr bool Listed = true;
 constexpr bool Unlisted = false;
 
 constexpr Row rows[] = {
-#define INSTRUCTION(word, identifier, name, first, second, listed, effect) \
-  {word, name, Operand::first, Operand::second, listed, effect},
+#define INSTRUCTION(word, identifier, name, first, second, run, listed, effect) \
+  {word, name, Operand::first, Operand::second, Run::run, listed, effect},
 #include "base/compiled/Instructions.def"
 #undef INSTRUCTION
 };

@@ -1,6 +1,6 @@
-// The table of instructions: word, name, operands. The machine's switch, the listing of a segment
-// and the assembler are all made from the one list in base/compiled/Instructions.def, so that they
-// cannot disagree.
+// The table of instructions: word, name, operands, and how each is run. The machine's switch and
+// handlers, the listing of a segment and the assembler are all made from the one list in
+// base/compiled/Instructions.def, so that they cannot disagree.
 
 #ifndef ZEPH_BASE_INSTRUCTIONS_H
 #define ZEPH_BASE_INSTRUCTIONS_H
@@ -11,7 +11,7 @@ namespace Instruction {
 
 // The instruction words, one enumerator each: Instruction::pushc is 0x4001.
 enum Word : unsigned short {
-#define INSTRUCTION(word, identifier, name, first, second, listed, effect) identifier = word,
+#define INSTRUCTION(word, identifier, name, first, second, run, listed, effect) identifier = word,
 #include "base/compiled/Instructions.def"
 #undef INSTRUCTION
 };
@@ -30,12 +30,16 @@ enum class Operand : unsigned char {
   Distance,  // signed, added to the offset of the byte after all operands
 };
 
+// How the machine runs an instruction; see the list.
+enum class Run : unsigned char { InLine, Handler, HotHandler, Absent };
+
 // One instruction. Rows live for ever.
 struct Row {
   unsigned short word;
   const char* name;  // NUL-terminated, unique
   Operand first;
   Operand second;
+  Run run;
   bool listed;         // whether Segment::Dump shows it by name
   const char* effect;  // the stack before and after, and the action
 };
@@ -66,7 +70,7 @@ constexpr int OperandSize(unsigned short word) {
 // for a word that is not an instruction; the table has a byte for every word.
 enum Code : unsigned char {
   code_none,
-#define INSTRUCTION(word, identifier, name, first, second, listed, effect) code_##identifier,
+#define INSTRUCTION(word, identifier, name, first, second, run, listed, effect) code_##identifier,
 #include "base/compiled/Instructions.def"
 #undef INSTRUCTION
 };

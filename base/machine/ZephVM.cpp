@@ -249,28 +249,26 @@ int ZephVM::Loop() {
 // A case for one instruction. Moves the counter past its operands.
 #define CASE(name) \
   case Instruction::code_##name: pc += 2 + Instruction::OperandSize(Instruction::name);
-// Cases for instructions that have a handler of the same name, with no integer operand, one or two.
-#define CALL(name)      \
-  CASE(name)            \
-  program_counter = pc; \
-  name();               \
-  pc = program_counter; \
-  continue;
-#define CALL_INTEGER(name)        \
-  CASE(name)                      \
-  first_integer = ReadInteger(p); \
-  program_counter = pc;           \
-  name();                         \
-  pc = program_counter;           \
-  continue;
-#define CALL_INTEGERS(name)            \
-  CASE(name)                           \
-  first_integer = ReadInteger(p);      \
-  second_integer = ReadInteger(p + 4); \
-  program_counter = pc;                \
-  name();                              \
-  pc = program_counter;                \
-  continue;
+// What the list adds to the switch for a row: a case that calls the handler, a case for a word that
+// this build does not run, or nothing if the case is written here. So the compiler reports a row
+// that has no case, and one that has two. Operands that an instruction does not have stay as the
+// last instruction left them.
+#define CALL_InLine(name)
+#define CALL_Handler(name)                                                       \
+  CASE(name) {                                                                   \
+    constexpr int first_size = Instruction::FirstOperandSize(Instruction::name); \
+    static_assert(first_size != 8, "handlers take integers");                    \
+    if constexpr (first_size == 4) first_integer = ReadInteger(p);               \
+    if constexpr (Instruction::OperandSize(Instruction::name) == 8)              \
+      second_integer = ReadInteger(p + 4);                                       \
+    program_counter = pc;                                                        \
+    name();                                                                      \
+    pc = program_counter;                                                        \
+    continue;                                                                    \
+  }
+#define CALL_HotHandler(name) CALL_Handler(name)
+#define CALL_Absent(name) \
+  case Instruction::code_##name: break;
 // A jump on the integer that is popped.
 #define JUMP_IF(name, relation)                                  \
   CASE(name)                                                     \
@@ -361,9 +359,6 @@ int ZephVM::Loop() {
       JUMP_IF(jmp_le, <=)
       JUMP_IF(jmp_ge, >=)
 
-      CASE(lineno) first_integer = ReadInteger(p);
-      lineno();
-      continue;
       CASE(erroutput) frame->error_output = ReadInteger(p);
       continue;
       CASE(exit2) program_counter = pc;
@@ -371,83 +366,22 @@ int ZephVM::Loop() {
       pc = program_counter;
       continue;
 
-      CALL_INTEGER(pushc)
-      CALL_INTEGER(pushs)
-      CALL_INTEGER(pops)
-      CALL(pushn)
-      CALL_INTEGER(pushnc)
-      CALL(popn)
-      CALL_INTEGER(popnc)
-      CALL(pushd)
-      CALL_INTEGERS(pushdc)
-      CALL(popd)
-      CALL_INTEGERS(popdc)
-      CALL(store)
-      CALL(refer)
-      CALL(poprn)
-      CALL_INTEGER(poprnc)
-      CALL_INTEGER(poprg)
-      CALL_INTEGER(poprl)
-      CALL(elem)
-      CALL(elem_readonly)
-      CALL(memb)
-      CALL(memb_readonly)
-      CALL(spush)
-      CALL(spop)
-      CALL(pow)
-      CALL(rounds)
-      CALL(roundf)
-      CALL(crypt)
-      CALL(op_bitand)
-      CALL(op_bitor)
-      CALL(bitxor)
-      CALL(bitoc)
-      CALL(bitsl)
-      CALL(bitsr)
-      CALL(op_and)
-      CALL(op_or)
-      CALL(op_not)
-      CALL(isnull)
-      CALL(in)
-      CALL(cin)
-      CALL(ein)
-      CALL(ecin)
-      CALL_INTEGER(call)
-      CALL(ret)
-      CALL(retn)
-      CALL(exit)
-      CALL_INTEGER(sourcefile)
-      CALL_INTEGERS(tagerror)
-      CALL_INTEGER(stdoutput)
-      CALL(out)
-      CALL(out_comp)
-      CALL(op_errmsg)
-      CALL(hide)
-      CALL(capture)
-      CALL(capture_end)
-      CALL(lockfile)
-      CALL(lockfile_end)
-      CALL_INTEGER(async)
-      CALL(op_do_file)
-      CALL(op_do_function)
-      CALL_INTEGER(poplvnc)
-      CALL_INTEGER(localize)
-      CALL_INTEGER(localizev)
-      CALL_INTEGER(import)
-      CALL_INTEGER(importf)
-      CALL_INTEGER(import_loop)
-      CALL_INTEGER(import_stop)
-      CALL(op_export)
-      CALL_INTEGERS(cmpgg)
-      CALL_INTEGERS(modgg)
-      default: pc += 2 + Instruction::OperandSize(word); FatalError("Illegal Instruction");
+#define INSTRUCTION(word, identifier, name, first, second, run, listed, effect) \
+  CALL_##run(identifier)
+#include "base/compiled/Instructions.def"
+#undef INSTRUCTION
+      case Instruction::code_none: break;
     }
+    // Only words that cannot be run get here.
+    pc += 2 + Instruction::OperandSize(word);
+    FatalError("Illegal Instruction");
 #undef COMPUTE
 #undef COMPARE
 #undef JUMP_IF
-#undef CALL_INTEGERS
-#undef CALL_INTEGER
-#undef CALL
+#undef CALL_Absent
+#undef CALL_HotHandler
+#undef CALL_Handler
+#undef CALL_InLine
 #undef CASE
   }
 }

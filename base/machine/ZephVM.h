@@ -353,90 +353,27 @@ class ZephVM {
   class ImportLoop;
   void import_filter_resume(int accepted);
 
-  // Handlers, each named as its instruction: base/machine/ZephVM.cpp
-  void pushc();
-  void out();
-  void out_comp();
-  void exit();
-  void lineno();
-  void sourcefile();
-  void tagerror();
-  void stdoutput();
-  void op_errmsg();
-  void capture();
-  void capture_end();
-  void lockfile();
-  void lockfile_end();
-  // base/machine/ZephVM_Variables.cpp
-  void pushs();
-  void pops();
-  void pushn();
-  void pushnc();
-  void popn();
-  void popnc();
-  void pushd();
-  void pushdc();
-  void popd();
-  void popdc();
-  void store();
-  void refer();
-  void poprn();
-  void poprnc();
-  void poprg();
-  void poprl();
-  void spush();
-  void spop();
-  void elem();
-  void elem_readonly();
-  void memb();
-  void memb_readonly();
-  void cmpgg();
-  void modgg();
-  // base/machine/ZephVM_Arithmetic.cpp
-  void pow();
-  void rounds();
-  void roundf();
-  void op_bitand();
-  void op_bitor();
-  void bitxor();
-  void bitoc();
-  void bitsl();
-  void bitsr();
-  void op_and();
-  void op_or();
-  void op_not();
-  void isnull();
-  void in();
-  void cin();
-  void ein();
-  void ecin();
-  void crypt();
-  // base/machine/ZephVM_Calls.cpp, base/machine/ZephVM_Lookup.cpp
-  void call();
-  void ret();
-  void retn();
-  void hide();
-  // base/machine/ZephVM_Import.cpp
-  void import();
-  void importf();
-  void import_loop();
-  void import_stop();
-  void op_export();
-  // base/machine/ZephVM_Expressions.cpp
-  void op_do_file();
-  void op_do_function();
+  // Other files (base/machine/ZephVM_Expressions.cpp) and localized texts
+  // (base/machine/ZephVM_Localized.cpp).
   bool Run_Function(DoContext* context, const char* text, int length);
   Segment* FunctionCall(DoContext* context, const char* text, int length);
   void AfterChild(ZephVM* child, int result);
-  // base/machine/ZephVM_Localized.cpp
-  void poplvnc();
-  void localize();
-  void localizev();
   template <typename Write>
   void WriteLocalized(int token, Write write);
 
-  // base/machine/ZephVM_Clone.cpp
-  void async();
+  // The handlers, each named as its instruction, for the rows of the list that have one.
+#define ZEPH_DECLARE_InLine(identifier)
+#define ZEPH_DECLARE_Handler(identifier) void identifier();
+#define ZEPH_DECLARE_HotHandler(identifier) void identifier();
+#define ZEPH_DECLARE_Absent(identifier)
+#define INSTRUCTION(word, identifier, name, first, second, run, listed, effect) \
+  ZEPH_DECLARE_##run(identifier)
+#include "base/compiled/Instructions.def"
+#undef INSTRUCTION
+#undef ZEPH_DECLARE_Absent
+#undef ZEPH_DECLARE_HotHandler
+#undef ZEPH_DECLARE_Handler
+#undef ZEPH_DECLARE_InLine
 
   // What the machine of a task owns and deletes last; null in any other machine.
   std::unique_ptr<MachineClone> clone;

@@ -817,10 +817,21 @@ on_Handler:
   first_integer = op->first;
   program_counter = op[1].start;
   switch (op->code) {
-#define HANDLER(name) \
-  case Instruction::code_##name: name(); break;
-    ZEPH_HOT_HANDLERS
-#undef HANDLER
+#define CALL_InLine(name)
+#define CALL_Handler(name)
+#define CALL_HotHandler(name)    \
+  case Instruction::code_##name: \
+    name();                      \
+    break;
+#define CALL_Absent(name)
+#define INSTRUCTION(word, identifier, name, first, second, run, listed, effect) \
+  CALL_##run(identifier)
+#include "base/compiled/Instructions.def"
+#undef INSTRUCTION
+#undef CALL_Absent
+#undef CALL_HotHandler
+#undef CALL_Handler
+#undef CALL_InLine
   }
   if (stop_flag | RAISED) return;
   ASK_STACK
