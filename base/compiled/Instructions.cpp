@@ -12,9 +12,34 @@ namespace {
 constexpr bool Listed = true;
 constexpr bool Unlisted = false;
 
+// Counts the entries of an effect such as "( a b... -- [c] )  text". Runs at compile time, where a
+// text of another form is an error.
+constexpr StackEffect CountsOf(std::string_view effect) {
+  StackEffect counts{};
+  bool before = true;
+  size_t i = 1;
+  for (;;) {
+    while (effect[i] == ' ') i++;
+    if (effect[i] == ')') return counts;
+    const size_t begin = i;
+    while (effect[i] != ' ') i++;
+    const std::string_view item = effect.substr(begin, i - begin);
+    if (item == "--") {
+      before = false;
+    } else if (item.ends_with("...")) {
+      counts.takes_more = true;
+    } else if (before) {
+      counts.taken++;
+    } else {
+      counts.most_put++;
+      if (item[0] != '[') counts.least_put++;
+    }
+  }
+}
+
 constexpr Row rows[] = {
 #define INSTRUCTION(word, identifier, name, first, second, run, listed, effect) \
-  {word, name, Operand::first, Operand::second, Run::run, listed, effect},
+  {word, name, Operand::first, Operand::second, Run::run, listed, effect, CountsOf(effect)},
 #include "base/compiled/Instructions.def"
 #undef INSTRUCTION
 };

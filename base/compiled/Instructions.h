@@ -33,6 +33,14 @@ enum class Operand : unsigned char {
 // How the machine runs an instruction; see the list.
 enum class Run : unsigned char { InLine, Handler, HotHandler, Absent };
 
+// How many entries an instruction that succeeds takes off the stack and puts on it.
+struct StackEffect {
+  signed char taken;      // at least this many if takes_more is set, otherwise exactly
+  signed char least_put;  // it puts from least_put to most_put entries on the stack
+  signed char most_put;
+  bool takes_more;  // any number, which the instruction's operand or the called function tells
+};
+
 // One instruction. Rows live for ever.
 struct Row {
   unsigned short word;
@@ -42,6 +50,7 @@ struct Row {
   Run run;
   bool listed;         // whether Segment::Dump shows it by name
   const char* effect;  // the stack before and after, and the action
+  StackEffect stack;   // the counts of the effect
 };
 
 // All rows, in the order of the list.

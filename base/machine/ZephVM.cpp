@@ -27,6 +27,7 @@
 #include "base/machine/Capture.h"
 #include "base/machine/DoContext.h"
 #include "base/machine/Feature.h"
+#include "base/machine/InstructionCheck.h"
 #include "base/machine/Lockfile.h"
 #include "base/machine/PoppedString.h"
 #include "base/machine/ZephVM_Clone.h"
@@ -290,6 +291,9 @@ int ZephVM::Loop() {
     continue;                             \
   }
 
+#ifndef NDEBUG
+    const InstructionCheck check(this, Instruction::CodeOf(word), ReadInteger(p));
+#endif
     switch (Instruction::CodeOf(word)) {
       CASE(noop) continue;
       CASE(pushi) stack->PushI(ReadInteger(p));

@@ -326,7 +326,8 @@ class ZephVM {
 
   // Calls. The limit is far above what scripts need, and low enough for the memory of a thread.
   static constexpr int MostFrames = 65536;
-  class NestedRun;  // base/machine/NestedRun.h
+  class NestedRun;         // base/machine/NestedRun.h
+  class InstructionCheck;  // base/machine/InstructionCheck.h
   ZephVM_FunctionFrame* FrameFor(Function* function);
   void KeepFrame(ZephVM_FunctionFrame* left);
   int SimpleParameters(Function* function);

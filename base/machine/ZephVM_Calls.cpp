@@ -41,7 +41,7 @@ LogParameter OfString(const String& text) {
 
 // --- Calls and returns ---------------------------------------------------------------------------
 
-// call  ( args -- x )  Calls a function by index, its arguments pushed in the order of its
+// call  ( args... -- x )  Calls a function by index, its arguments pushed in the order of its
 // parameters; every call leaves one value. A bad index is the fatal error "Invalid function call".
 void ZephVM::call() {
   Function* function = functions ? functions->Lookup(first_integer) : nullptr;

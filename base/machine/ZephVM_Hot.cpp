@@ -23,6 +23,7 @@
 //   HotLoop: calls            call, return, and the way back into the loop
 
 #include <atomic>
+#include <cassert>
 #include <charconv>
 
 #include "base/compiled/Function.h"
@@ -32,6 +33,7 @@
 #include "base/compiled/VariableHash.h"
 #include "base/core/Output.h"
 #include "base/host/ZephApplication.h"
+#include "base/machine/InstructionCheck.h"
 #include "base/machine/ZephVM.h"
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
@@ -270,22 +272,46 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   __extension__ static const void* const updates[] = {ZEPH_HOT_UPDATES};
 #undef ACTION
 
+// In a build with assertions, STARTED notes where an action begins, and RAN checks the stack after
+// the records from there up to end. RAN_UP_TO does so when the record at end, a call, has consumed
+// that many entries.
+#ifdef NDEBUG
+#define STARTED
+#define RAN_UP_TO(end, consumed)
+#else
+  const HotOp* started = op;
+  long started_with = 0;
+#define STARTED                                     \
+  {                                                 \
+    assert(stack == s && frame->stack == s);        \
+    started = op;                                   \
+    started_with = static_cast<long>(top - bottom); \
+  }
+#define RAN_UP_TO(end, consumed)                             \
+  assert(InstructionCheck::Agree(started, end, started_with, \
+                                 static_cast<long>(top - bottom) + (consumed)));
+#endif
+#define RAN(end) RAN_UP_TO(end, 0)
+
 // clang-format off
-#define GO_TO(action) __extension__({ goto *places[static_cast<int>(action)]; })
+#define GO_TO(action) __extension__({ STARTED goto *places[static_cast<int>(action)]; })
 // Each action ends with one of these. NEXT continues after count instructions. NEXT_AFTER_WORK does
 // the same after work of any length, and polls the host's flags. SINGLE_UNLESS runs the first
 // instruction alone if the idiom does not apply. LEAVE_UNLESS returns to the machine's loop. JUMP
 // polls the host's flags once in kPatience times.
-#define NEXT(count) { op += (count); GO_TO(op->action); }
+#define NEXT(count) { op += (count); RAN(op) GO_TO(op->action); }
 #define RAISED (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat))
 #define NEXT_AFTER_WORK(count) { \
   op += (count); \
+  RAN(op) \
   if (RAISED) [[unlikely]] goto on_Leave; \
   GO_TO(op->action); }
-#define SINGLE_UNLESS(condition) if (!(condition)) [[unlikely]] { GO_TO(op->single); }
+#define SINGLE_UNLESS(condition) if (!(condition)) [[unlikely]] { RAN(op) GO_TO(op->single); }
 #define LEAVE_UNLESS(condition) if (!(condition)) [[unlikely]] { goto on_Leave; }
 #define JUMP(jump) { \
+  RAN((jump) + 1) \
   op = (jump)->target; \
+  STARTED \
   if (--patience == 0) [[unlikely]] goto look; \
   GO_TO(op->action); }
 #define JUMP_IF(condition, jump, count) \
@@ -785,6 +811,7 @@ on_MemberOfVariableUpdate:
   UPDATE_FOUND
 push_found:
   PUSH(SetVariable(variable))
+  RAN(op)
   GO_TO(op->single);
 on_ElementOfVariableStore : {
   int number;
@@ -874,6 +901,7 @@ on_OutRounded : {
 written:
   op += 2;
   if (stop_flag | RAISED) goto on_Leave;
+  RAN(op)
   GO_TO(op->action);
 
 // Most calls are of functions in this code, with numbers as arguments and a kept frame. HAS_ROOM
@@ -892,6 +920,7 @@ on_Call:
   }
 enter : {
   ZephVM_Frame* const caller = frame;
+  RAN_UP_TO(op, called->simple_parameters)
   TELL_STACK
   idle_frames[static_cast<unsigned>(op->first)] = called->next_idle;
   called->return_offset = op[1].start;
@@ -907,6 +936,7 @@ enter : {
   EnterFrame(called);
   s = called->stack;
   ASK_STACK
+  STARTED
   if (--patience == 0) [[unlikely]]
     goto look;
   GO_TO(op->action);
@@ -932,11 +962,15 @@ unknown_called:
     }
   }
 call : {
+  RAN(op)
   TELL_STACK
   Function* function = functions ? functions->Lookup(op->first) : nullptr;
   LEAVE_UNLESS(function && !log_gate.Wants(Log_OfCalls))
   instruction_start = op->start;
   program_counter = op[1].start;
+#ifndef NDEBUG
+  const InstructionCheck check(this, Instruction::code_call, op->first);
+#endif
   if (function->flags() & Function_External) {
     CallExternalFunction(function);
     hot_mode = NoMode;
@@ -1019,9 +1053,15 @@ entered:
   GO_TO(op->action);
 
 on_Leave:
+  if (!stop_flag) {
+    RAN(op)
+  }
   TELL_STACK
   program_counter = op->start;
 #undef GO_TO
+#undef STARTED
+#undef RAN
+#undef RAN_UP_TO
 #undef NEXT
 #undef RAISED
 #undef NEXT_AFTER_WORK

@@ -93,6 +93,21 @@ int PositionOf(const char* data, int length) {
 
 ZephVM_Stack::ZephVM_Stack(ZephVM* vm) : vm(vm) {}
 
+bool ZephVM_Stack::IsSound() const {
+  if (top < entries || top > limit || limit - entries > SS) return false;
+  if (top == entries) return true;
+  const Stack_Entry& last = top[-1];
+  switch (last.kind) {
+    case KindInteger:
+    case KindDouble: return !last.deferred;
+    case KindString: return last.deferred ? last.value.pending != nullptr : last.length >= 0;
+    case KindVariable:
+      return !last.deferred && last.value.variable && last.value.variable->plain_count() > 0;
+    case KindLinkBuffer: return last.value.buffer != nullptr;
+    default: return false;
+  }
+}
+
 ZephVM_Stack::~ZephVM_Stack() {
   while (top > entries) Free(--top);
   if (entries != first_entries) ::operator delete(entries);

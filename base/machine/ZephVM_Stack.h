@@ -285,6 +285,9 @@ class ZephVM_Stack {
 
   // Prints all entries to standard output.
   void Dump_Stack();
+  // Whether the entries are within their room and the top is one that this class makes. Always
+  // true; for assertions.
+  bool IsSound() const;
 
   // --- For the hot loop, which makes the tests itself (base/machine/ZephVM_Hot.cpp) --------------
   // The place after the last entry, the first entry, and the place after the last that there is

@@ -74,14 +74,14 @@ void ZephVM::pushnc() {
   if (name) PushNamed(name, length);
 }
 
-// popn  ( x name -- )  Assigns the variable of a name known at run time. If there is none, x stays
-// on the stack.
+// popn  ( x name -- [x] )  Assigns the variable of a name known at run time. If there is none, x
+// stays on the stack.
 void ZephVM::popn() {
   const PoppedString name(stack);
   if (!stop_flag) PopNamed(name.data(), name.length());
 }
 
-// popnc  ( x -- )  As popn, with a constant name.
+// popnc  ( x -- [x] )  As popn, with a constant name.
 void ZephVM::popnc() {
   int length;
   const char* name = DictionaryText(first_integer, &length);

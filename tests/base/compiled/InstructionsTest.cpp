@@ -5,6 +5,7 @@
 #include <iterator>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -241,6 +242,100 @@ TEST(Instructions, JumpsAndLoopsTakeDistances) {
 TEST(Instructions, RowsGiveThemInTheOrderOfTheList) {
   EXPECT_STREQ(Instruction::Rows[0].name, "noop");
   EXPECT_STREQ(Instruction::Rows[Instruction::RowCount - 1].name, "storegi");
+}
+
+// What each instruction takes off the stack and puts on it, written by hand.
+TEST(Instructions, TheCountsOfAnEffectAreItsEntries) {
+  const struct {
+    int taken;
+    int put;
+    std::vector<const char*> names;
+  } cases[] = {
+      {0, 0, {"noop",      "swapn",    "spush",       "spop",         "jmp",         "retn",
+              "exit",      "exit2",    "lineno",      "sourcefile",   "tagerror",    "erroutput",
+              "stdoutput", "localize", "capture_end", "lockfile_end", "import_loop", "import_stop",
+              "async",     "incg",     "storegi"}},
+      {0,
+       1,
+       {"pushc", "pushi", "pushf", "pushs", "pushg", "pushl", "pushnc", "pushdc", "localizev",
+        "cmpgg", "cmpgi", "modgg"}},
+      {1, 0, {"pop",    "pops",    "popg",       "popl",    "popdc",    "poprnc",
+              "poprg",  "poprl",   "jmp_eq",     "jmp_lt",  "jmp_gt",   "jmp_le",
+              "jmp_ge", "jmp_ne",  "ret",        "out",     "out_comp", "op_errmsg",
+              "hide",   "poplvnc", "op_do_file", "capture", "lockfile"}},
+      {1, 1, {"pushn", "bitoc", "not", "isnull"}},
+      {1, 2, {"dup"}},
+      {2, 0, {"store", "refer", "poprn"}},
+      {2,
+       1,
+       {"pushd",
+        "elem",
+        "elem_readonly",
+        "memb",
+        "memb_readonly",
+        "add",
+        "sub",
+        "mul",
+        "div",
+        "mod",
+        "pow",
+        "cat",
+        "bitand",
+        "bitor",
+        "bitxor",
+        "bitsl",
+        "bitsr",
+        "rounds",
+        "roundf",
+        "crypt",
+        "cmp",
+        "eq",
+        "ne",
+        "ge",
+        "le",
+        "lt",
+        "gt",
+        "and",
+        "or",
+        "in",
+        "cin",
+        "ein",
+        "ecin",
+        "op_do_function"}},
+      {2, 2, {"swap"}},
+      {3, 0, {"popd", "import", "export"}},
+      {4, 0, {"importf"}},
+  };
+  std::set<std::string> counted = {"popn", "popnc", "call"};
+  for (const auto& c : cases) {
+    for (const char* name : c.names) {
+      SCOPED_TRACE(name);
+      const Instruction::StackEffect& effect = Instruction::Find(name, -1)->stack;
+      EXPECT_EQ(effect.taken, c.taken);
+      EXPECT_EQ(effect.least_put, c.put);
+      EXPECT_EQ(effect.most_put, c.put);
+      EXPECT_FALSE(effect.takes_more);
+      counted.insert(name);
+    }
+  }
+  for (int i = 0; i < Instruction::RowCount; i++) {
+    const Instruction::Row& row = Instruction::Rows[i];
+    EXPECT_EQ(counted.count(row.name), row.run == Instruction::Run::Absent ? 0u : 1u) << row.name;
+  }
+}
+
+TEST(Instructions, AnEffectThatVariesSaysSo) {
+  const Instruction::StackEffect& popn = Instruction::Find("popn", -1)->stack;
+  EXPECT_EQ(popn.taken, 2);
+  EXPECT_EQ(popn.least_put, 0);
+  EXPECT_EQ(popn.most_put, 1);
+  const Instruction::StackEffect& popnc = Instruction::Find("popnc", -1)->stack;
+  EXPECT_EQ(popnc.taken, 1);
+  EXPECT_EQ(popnc.least_put, 0);
+  EXPECT_EQ(popnc.most_put, 1);
+  const Instruction::StackEffect& call = Instruction::Find("call", -1)->stack;
+  EXPECT_TRUE(call.takes_more);
+  EXPECT_EQ(call.least_put, 1);
 }
 
 // The hot loop calls these from the middle of decoded code.
