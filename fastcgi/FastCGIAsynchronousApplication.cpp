@@ -61,8 +61,8 @@ void FastCGIAsynchronousApplication::ResetGlobalTimeout() {
 // shutdown.
 void FastCGIAsynchronousApplication::SetDeadline(long seconds) {
   global_deadline = seconds == 0 ? 0 : After(seconds);
-  const int ends = thread_manager && thread_manager->ShuttingDown() ? cancelled() : 0;
-  std::atomic_ref<int>(global_timed_out).store(ends, std::memory_order_relaxed);
+  const int timedout = thread_manager && thread_manager->ShuttingDown() ? cancelled() : 0;
+  std::atomic_ref<int>(timedout_flag).store(timedout, std::memory_order_relaxed);
 }
 
 int FastCGIAsynchronousApplication::BeginAsynchronousTask(ZephVM*) {

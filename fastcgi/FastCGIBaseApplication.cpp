@@ -19,11 +19,11 @@ FastCGIBaseApplication::FastCGIBaseApplication(FastCGIBaseApplication& other)
 void FastCGIBaseApplication::ResetGlobalTimeout() {
   const int seconds = config()->value_integer(Config_timeout_global);
   MutexGuard guard(application_mutex);
-  const int timed_out = cancelled();
+  const int timedout = cancelled();
   StartGlobalClock(seconds);
   // A script that a shutdown has cancelled gets no more time, because no script may outlive the
   // shutdown.
-  if (timed_out && thread_manager && thread_manager->ShuttingDown()) {
-    std::atomic_ref<int>(global_timed_out).store(1, std::memory_order_relaxed);
+  if (timedout && thread_manager && thread_manager->ShuttingDown()) {
+    std::atomic_ref<int>(timedout_flag).store(1, std::memory_order_relaxed);
   }
 }

@@ -47,10 +47,10 @@ class Watchdog {
  public:
   Watchdog() : thread([this] { Watch(); }) { thread.detach(); }
 
-  void Begin(int* heartbeat, int* timed_out) {
+  void Begin(int* heartbeat, int* timedout) {
     std::lock_guard<std::mutex> guard(mutex);
     beat = heartbeat;
-    flag = timed_out;
+    flag = timedout;
     changed.notify_one();
   }
   void End() {

@@ -16,19 +16,19 @@
 // for a file, checks WasCut() first.
 class RunLimit {
  public:
-  // Borrows the flag. Any thread may set it; it is read in relaxed order.
-  explicit RunLimit(int* flag) : over(flag), outer(newest) { newest = this; }
+  // Borrows the time-out flag. Any thread may set it; it is read in relaxed order.
+  explicit RunLimit(int* timedout) : timedout(timedout), outer(newest) { newest = this; }
   ~RunLimit() {
     newest = outer;
     // A nested run with the same limit: the outer run was cut too.
-    if (outer && outer->over == over) outer->cut |= cut;
+    if (outer && outer->timedout == timedout) outer->cut |= cut;
   }
   RunLimit(const RunLimit&) = delete;
   RunLimit& operator=(const RunLimit&) = delete;
 
   // Whether long work must end here. A caller that gets true must end its work.
   static bool Over() {
-    if (!newest || std::atomic_ref<int>(*newest->over).load(std::memory_order_relaxed) == 0) {
+    if (!newest || std::atomic_ref<int>(*newest->timedout).load(std::memory_order_relaxed) == 0) {
       return false;
     }
     newest->cut = true;
@@ -41,7 +41,7 @@ class RunLimit {
   static constexpr int Bytes = 1 << 21;
 
  private:
-  int* const over;
+  int* const timedout;
   RunLimit* const outer;
   bool cut = false;
 

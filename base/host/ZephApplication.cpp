@@ -125,25 +125,25 @@ void ZephApplication::ResetPOSTTimeout() {
 
 void ZephApplication::StartGlobalClock(int seconds) {
   global_deadline = seconds == 0 ? 0 : time(nullptr) + seconds;
-  Raise(global_timed_out, 0);
+  Raise(timedout_flag, 0);
 }
 
 void ZephApplication::StartPOSTClock(int seconds) {
   post_deadline = seconds == 0 ? 0 : time(nullptr) + seconds;
-  Raise(post_timed_out, 0);
+  Raise(post_timedout_flag, 0);
 }
 
 void ZephApplication::ClearPOSTTimeout() {
   post_deadline = 0;
-  Raise(post_timed_out, 0);
+  Raise(post_timedout_flag, 0);
 }
 
 int ZephApplication::cancelled() {
-  return Read(global_timed_out);
+  return Read(timedout_flag);
 }
 
 bool ZephApplication::posttimedout() const {
-  return Read(const_cast<int&>(post_timed_out)) != 0;
+  return Read(const_cast<int&>(post_timedout_flag)) != 0;
 }
 
 void ZephApplication::Error(const String& text) {
@@ -165,8 +165,8 @@ void ZephApplication::AsynchronousSleep(long, Zeph_PathType, const char*) {}
 
 void ZephApplication::Heartbeat(long now) {
   Raise(heartbeat_counter, Read(heartbeat_counter) + 1);
-  if (global_deadline > 0 && global_deadline < now) Raise(global_timed_out, 1);
-  if (post_deadline > 0 && post_deadline < now) Raise(post_timed_out, 1);
+  if (global_deadline > 0 && global_deadline < now) Raise(timedout_flag, 1);
+  if (post_deadline > 0 && post_deadline < now) Raise(post_timedout_flag, 1);
 }
 
 long ZephApplication::TimeRemaining() {

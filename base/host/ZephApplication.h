@@ -138,8 +138,8 @@ class ZephApplication {
   virtual void ResetGlobalTimeout();
   virtual void ResetPOSTTimeout();
   virtual void ClearPOSTTimeout();
-  // Whether the script has to end because its time is over or it was cancelled. Any thread may call
-  // it.
+  // Whether the script has to end because its time is over or it was cancelled: the time-out flag.
+  // Any thread may call it. This asks; the order of a host is Cancelled.
   virtual int cancelled();
 
   virtual int processid() = 0;
@@ -214,13 +214,13 @@ class ZephApplication {
   char* EncodeJavaScriptString(const char* text, int textlength, int* length, int* size);
 
   // Flags that the machine reads at every instruction without a lock, through std::atomic_ref in
-  // relaxed order: the count of heartbeats; whether the time is over or the script was cancelled;
-  // and whether the script requested to end.
+  // relaxed order: the count of heartbeats; the time-out flag, set when
+  // the time is over or the script was cancelled; and whether the script requested to end.
   int* heartbeatcounter() { return &heartbeat_counter; }
-  int* timedoutflag() { return &global_timed_out; }
+  int* timedoutflag() { return &timedout_flag; }
   int* exitflag() { return &exit_flag; }
   // The same for the reader of a form: whether its time is over.
-  int* posttimedoutflag() { return &post_timed_out; }
+  int* posttimedoutflag() { return &post_timedout_flag; }
   bool posttimedout() const;
 
   // Log settings of this request. The machine checks them before it makes a record.
@@ -238,8 +238,8 @@ class ZephApplication {
   void* ssl_context = nullptr;
   void** ssl_functions = nullptr;
   int heartbeat_counter = 0;
-  int global_timed_out = 0;
-  int post_timed_out = 0;
+  int timedout_flag = 0;
+  int post_timedout_flag = 0;
   int exit_flag = 0;
   time_t global_deadline = 0;  // 0 is none
   time_t post_deadline = 0;

@@ -77,7 +77,7 @@ ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* application,
     : script_path(path, pathlength),
       log_gate(application, 0),
       heartbeat_counter(heartbeat),
-      timed_out(timedout),
+      timedout_flag(timedout),
       exit_flag(exit),
       application(application),
       dictionary(dictionary),
@@ -95,7 +95,7 @@ ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* application,
       family(parent ? parent->family : &own_family) {
   if (parent) {
     if (!heartbeat_counter) heartbeat_counter = parent->heartbeat_counter;
-    if (!timed_out) timed_out = parent->timed_out;
+    if (!timedout_flag) timedout_flag = parent->timedout_flag;
     if (!exit_flag) exit_flag = parent->exit_flag;
     parent->children++;
   }
@@ -204,16 +204,16 @@ int ZephVM::OutOfMemory() {
 // The flags of the host and of the machine are checked before each instruction, all in one test.
 int ZephVM::Loop() {
   int* const beats = heartbeat_counter;
-  int* const over = timed_out;
+  int* const timedout = timedout_flag;
   int* const ended = exit_flag;
-  if (Read(over)) return TimedOut();
-  const RunLimit limit(over);
+  if (Read(timedout)) return TimedOut();
+  const RunLimit limit(timedout);
   int pc = program_counter;
   bool was_hot = false;
   for (;;) {
-    if (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat) | stop_flag) [[unlikely]] {
+    if (Read(timedout) | Read(ended) | (Read(beats) ^ last_heartbeat) | stop_flag) [[unlikely]] {
       program_counter = pc;
-      if (Read(over)) return TimedOut();
+      if (Read(timedout)) return TimedOut();
       if (Read(beats) != last_heartbeat) Heartbeat();
       // An error ends the run before the next instruction starts, and takes precedence over an
       // exit.

@@ -406,7 +406,7 @@ class ZephVM {
   bool stop_flag = false;
   LogGate log_gate;
   int* heartbeat_counter;
-  int* timed_out;
+  int* timedout_flag;
   int* exit_flag;
   int last_heartbeat = 0;
   ZephApplication* application;

@@ -289,7 +289,7 @@ void ZephVM::CallExternalFunction(Function* function) {
   if (RunLimit::WasCut()) return;
   external->Call(this, called->variables);
   // A library may extend the time limit, but not for a script whose values were cut short.
-  if (RunLimit::WasCut()) std::atomic_ref<int>(*timed_out).store(1, std::memory_order_relaxed);
+  if (RunLimit::WasCut()) std::atomic_ref<int>(*timedout_flag).store(1, std::memory_order_relaxed);
   stack->PushHeld(external->result());
   if (WantsLog(Log_ExternalFunctionReturnValue)) {
     WriteLog(Log_ExternalFunctionReturnValue,
@@ -435,7 +435,7 @@ int ZephVM::RunNested(Function* function, bool wants_result, Push push, Take tak
   program_counter = code_length;
   if (function->flags() & Function_External) {
     // Go makes the limit of a script's own function.
-    const RunLimit limit(timed_out);
+    const RunLimit limit(timedout_flag);
     CallExternalFunction(function);
   } else {
     CallFunction(function);

@@ -82,7 +82,7 @@ ZephVM::ZephVM(ZephApplication* application, ZephVM& source, int* heartbeat, int
       instruction_start(source.instruction_start),
       log_gate(application, source.log_gate.level()),
       heartbeat_counter(heartbeat),
-      timed_out(timedout),
+      timedout_flag(timedout),
       exit_flag(exit),
       application(application),
       dictionary(clone->dictionary.get()),

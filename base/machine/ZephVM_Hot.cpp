@@ -242,7 +242,7 @@ void ZephVM::RunHot(const HotCode* hot, const HotOp* op) {
 }
 
 void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
-  int* const over = timed_out;
+  int* const timedout = timedout_flag;
   int* const ended = exit_flag;
   int* const beats = heartbeat_counter;
   // Of the current frame: its stack, the end and the beginning of its entries, and the last end at
@@ -300,7 +300,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // instruction alone if the idiom does not apply. LEAVE_UNLESS returns to the machine's loop. JUMP
 // polls the host's flags once in kPatience times.
 #define NEXT(count) { op += (count); RAN(op) GO_TO(op->action); }
-#define RAISED (Read(over) | Read(ended) | (Read(beats) ^ last_heartbeat))
+#define RAISED (Read(timedout) | Read(ended) | (Read(beats) ^ last_heartbeat))
 #define NEXT_AFTER_WORK(count) { \
   op += (count); \
   RAN(op) \

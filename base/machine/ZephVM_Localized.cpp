@@ -54,7 +54,7 @@ void ZephVM::WriteLocalized(int token, Write write) {
   // pieces limits the steps, and the time-out flag their length.
   for (int left = localized->Entries(); left > 0; left--) {
     const LocalizedDictionary::Piece* piece = localized->Entry(index);
-    if (!piece || std::atomic_ref<int>(*timed_out).load(std::memory_order_relaxed)) return;
+    if (!piece || std::atomic_ref<int>(*timedout_flag).load(std::memory_order_relaxed)) return;
     int length;
     const char* text = DictionaryText(piece->text, &length);
     if (!text) return;

@@ -46,12 +46,12 @@ void ExpectNearLinear(int size, Work work) {
 // A computed text whose reading lets the time limit pass. Counts the readings.
 class Alarm : public Variable {
  public:
-  Alarm(const char* name, const std::string& text, int* flag)
+  Alarm(const char* name, const std::string& text, int* timedout)
       : Variable(name, static_cast<int>(strlen(name)), text.data(), static_cast<int>(text.size())),
-        over(flag) {}
+        timedout(timedout) {}
   String& value() override {
     readings++;
-    std::atomic_ref<int>(*over).store(1);
+    std::atomic_ref<int>(*timedout).store(1);
     return Variable::value();
   }
   int type() override { return VariableComputedText; }
@@ -59,7 +59,7 @@ class Alarm : public Variable {
   int readings = 0;
 
  private:
-  int* over;
+  int* timedout;
 };
 
 // Arrays within arrays: that many levels, each with two references to the next, so that a walk

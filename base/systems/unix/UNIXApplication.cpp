@@ -328,7 +328,7 @@ void UNIXApplication::Heartbeat(long now) {
 void UNIXApplication::Cancelled() {
   MutexGuard guard(application_mutex);
   if (cancelled()) return;
-  std::atomic_ref<int>(global_timed_out).store(1, std::memory_order_relaxed);
+  std::atomic_ref<int>(timedout_flag).store(1, std::memory_order_relaxed);
   application_condition.Broadcast();
 }
 

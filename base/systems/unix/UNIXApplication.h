@@ -70,7 +70,8 @@ class UNIXApplication : public ZephApplication {
   // Leaves the run out of the log, unless the client has sent the cookie "zephlogcookie" with
   // exactly this value.
   virtual void ProcessLogCookie(const char* text);
-  // Ends the script that runs here at its next instruction, and its sleep. Any thread may call it.
+  // Sets the time-out flag, so that the script that runs here ends at its next instruction, and so
+  // does its sleep. Any thread may call it. This is the order; cancelled() asks.
   virtual void Cancelled();
   // Loads the TLS libraries of those names, once in the life of the process, with the file of
   // settings unless that is null. *error receives the text of a failure. A host without TLS does

@@ -10,12 +10,12 @@ namespace {
 using Records = std::vector<std::string>;
 
 // The log of a script at a level, whether or not the script fails.
-Records LogOf(const std::string& code, unsigned level, bool timed_out = false) {
+Records LogOf(const std::string& code, unsigned level, bool timedout = false) {
   Machine machine;
   machine.application.config()->SetValue_Integer(Config_log_level, static_cast<int>(level));
   machine.Assemble(code);
   machine.vm();
-  if (timed_out) *machine.application.timedoutflag() = 1;
+  if (timedout) *machine.application.timedoutflag() = 1;
   machine.Go();
   return machine.application.log;
 }

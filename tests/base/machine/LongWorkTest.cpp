@@ -520,14 +520,14 @@ TEST(LongWork, AnImportedRecordIsDealtOutInTime) {
   // The variable of the record's first field: storing it sets the flag.
   class Stored : public Variable {
    public:
-    explicit Stored(int* flag) : Variable("n0", 2), over(flag) {}
+    explicit Stored(int* timedout) : Variable("n0", 2), timedout(timedout) {}
     int SetValue(const char* text, int length) override {
-      *over = 1;
+      *timedout = 1;
       return Variable::SetValue(text, length);
     }
 
    private:
-    int* over;
+    int* timedout;
   };
   machine.global.SetVariable(new Stored(machine.application.timedoutflag()));
   EXPECT_EQ(machine.Go(), 0);
