@@ -2,24 +2,10 @@
 
 #include "base/extensions/CommerceLibrary.h"
 
-#include <memory>
-
-#include "base/extensions/ExternalLibrary.h"
-#include "base/host/ZephApplication.h"
-
 namespace {
 
 // A result of loop that ends it.
 constexpr int loop_ended = 2;
-
-// Copies the source's libraries for another owner, in their order.
-void CopyLibraries(CommerceLibraryTable& source, CommerceLibraryTable* target) {
-  for (int i = 0; i < source.Entries(); i++) {
-    if (CommerceLibrary* library = source.Index(i)) {
-      InsertOwned(*target, std::make_unique<CommerceLibrary>(*library));
-    }
-  }
-}
 
 template <typename Function>
 bool Find(ExternalLibrary* library, const char* name, Function* function) {
@@ -29,22 +15,15 @@ bool Find(ExternalLibrary* library, const char* name, Function* function) {
 
 }  // namespace
 
-CommerceLibrary::CommerceLibrary(const char* name, const char* path)
-    : method_name(zeph_strdup(name)), library_path(zeph_strdup(path)) {}
-
 CommerceLibrary::CommerceLibrary(const CommerceLibrary& other)
-    : method_name(zeph_strdup(other.method_name)),
-      library_path(zeph_strdup(other.library_path)),
+    : NamedLibrary(other),
       is_loaded(other.is_loaded),
       init(other.init),
       loop(other.loop),
       cleanup(other.cleanup),
       error_text(other.error_text) {}
 
-CommerceLibrary::~CommerceLibrary() {
-  delete[] method_name;
-  delete[] library_path;
-}
+CommerceLibrary::~CommerceLibrary() = default;
 
 int CommerceLibrary::Init(ZephVM* vm, void** state, const char* method, const char* action,
                           VariableList* fields, VariableHash* system) {
@@ -68,11 +47,11 @@ const char* CommerceLibrary::Error(ZephVM* vm, void** state, const char* method,
 }
 
 const String& CommerceLibrary::Get_Error() {
-  return last_error;
+  return last_error.text();
 }
 
 void CommerceLibrary::Set_Error(const String& text) {
-  if (text.data != nullptr) last_error = text;
+  last_error.Set(text);
 }
 
 bool CommerceLibrary::Load(ExternalLibrary* library) {
@@ -102,47 +81,36 @@ bool CommerceLibrary::Load(ExternalLibrary* library) {
   return found;
 }
 
-CommerceLibraryManager::CommerceLibraryManager(ZephApplication* owner)
-    : application(owner), library_table(1, 1, 12, 512) {}
+CommerceLibraryManager::CommerceLibraryManager(ZephApplication* application) : named(application) {}
 
-CommerceLibraryManager::CommerceLibraryManager(ZephApplication* owner,
+CommerceLibraryManager::CommerceLibraryManager(ZephApplication* application,
                                                CommerceLibraryManager& source)
-    : CommerceLibraryManager(owner) {
-  CopyLibraries(source.library_table, &library_table);
+    : named(application) {
+  named.Copy(source.named);
 }
 
 CommerceLibraryManager::~CommerceLibraryManager() = default;
 
 bool CommerceLibraryManager::RegisterDSO(const char* name, const char* path) {
-  InsertOwned(library_table, std::make_unique<CommerceLibrary>(name, path));
+  named.Register(name, path);
   return true;
 }
 
 CommerceLibrary* CommerceLibraryManager::Lookup_Commerce_Library(const char* name, int length) {
-  CommerceLibrary* method = library_table.Find(name, length);
-  if (method == nullptr) {
-    String text("Commerce method '");
-    text.cat(name, length);
-    text.cat("' is unsupported or not configured");
-    Set_Error(text);
-    return nullptr;
-  }
-  if (method->loaded()) return method;
-  ExternalLibraryManager* manager = application->librarymanager();
-  ExternalLibrary* library = manager->Lookup(method->path());
-  if (library == nullptr) {
-    Set_Error(manager->error());
-    return nullptr;
-  }
-  if (method->Load(library)) return method;
-  Set_Error(method->Get_Error());
-  return nullptr;
+  return named.LookUp(
+      name, length, "Commerce method '", "' is unsupported or not configured",
+      [](const CommerceLibrary* method) { return method->loaded(); },
+      [this](CommerceLibrary* method, ExternalLibrary* file) {
+        if (method->Load(file)) return true;
+        Set_Error(method->Get_Error());
+        return false;
+      });
 }
 
 void CommerceLibraryManager::Set_Error(const String& text) {
-  if (text.data != nullptr) last_error = text;
+  named.error().Set(text);
 }
 
 const String& CommerceLibraryManager::Get_Error() {
-  return last_error;
+  return named.error().text();
 }

@@ -5,13 +5,11 @@
 #ifndef ZEPH_BASE_COMMERCELIBRARY_H
 #define ZEPH_BASE_COMMERCELIBRARY_H
 
-#include "base/core/BaseTemplates.h"
 #include "base/core/StringClass.h"
+#include "base/extensions/NamedLibraries.h"
 
-class ExternalLibrary;
 class VariableHash;
 class VariableList;
-class ZephApplication;
 class ZephVM;
 
 // The functions of a commerce library. state is a word for the library's own use during one loop of
@@ -39,11 +37,10 @@ struct _ZP_EL_Commerce {
 };
 
 // One method of a request or task. The order of the virtual operations must not change.
-class CommerceLibrary {
+class CommerceLibrary : public NamedLibrary {
  public:
-  // Copies both texts.
-  CommerceLibrary(const char* name, const char* path);
-  // For a task: copies name, path and, if they are loaded, the functions.
+  using NamedLibrary::NamedLibrary;
+  // For a task: copies name, path and, if they are loaded, the functions, but no error.
   CommerceLibrary(const CommerceLibrary& other);
   virtual ~CommerceLibrary();
   CommerceLibrary& operator=(const CommerceLibrary&) = delete;
@@ -65,25 +62,16 @@ class CommerceLibrary {
   // Takes the functions from the opened file. False leaves the reason in Get_Error().
   [[nodiscard]] virtual bool Load(ExternalLibrary* library);
 
-  const char* name() const { return method_name; }
-  const char* path() const { return library_path; }
   bool loaded() const { return is_loaded != 0; }
 
  private:
-  char* method_name;
-  char* library_path;
-  String last_error;
+  LastError last_error;
   int is_loaded = 0;
   _ZP_EL_CommerceInit init = nullptr;
   _ZP_EL_CommerceLoop loop = nullptr;
   _ZP_EL_CommerceCleanup cleanup = nullptr;
   _ZP_EL_CommerceError error_text = nullptr;
 };
-
-struct CommerceLibraryName {
-  static std::string_view Key(const CommerceLibrary* item) { return KeyText(item->name()); }
-};
-using CommerceLibraryTable = NamedHashTable<CommerceLibrary, CommerceLibraryName>;
 
 // The methods that the configuration names for a request or task. Used on its thread.
 class CommerceLibraryManager {
@@ -105,12 +93,10 @@ class CommerceLibraryManager {
   virtual const String& Get_Error();
 
   // In the order of registration.
-  CommerceLibraryTable& libraries() { return library_table; }
+  NamedLibraries<CommerceLibrary>::Table& libraries() { return named.libraries(); }
 
  private:
-  ZephApplication* application;
-  CommerceLibraryTable library_table;
-  String last_error;
+  NamedLibraries<CommerceLibrary> named;
 };
 
 #endif

@@ -80,11 +80,11 @@ ExternalCallPersistentData::~ExternalCallPersistentData() {
   delete[] key;
 }
 
-ExternalCallManager::ExternalCallManager(ZephApplication* owner)
-    : application(owner), calls(1, 1, 12, 512), persistent(1, 1, 12, 512) {}
+ExternalCallManager::ExternalCallManager(ZephApplication* application)
+    : application(application), calls(1, 1, 12, 512), persistent(1, 1, 12, 512) {}
 
-ExternalCallManager::ExternalCallManager(ZephApplication* owner, ExternalCallManager& source)
-    : ExternalCallManager(owner) {
+ExternalCallManager::ExternalCallManager(ZephApplication* application, ExternalCallManager& source)
+    : ExternalCallManager(application) {
   for (int i = 0; i < source.count; i++) {
     ExternalCallManager::RegisterDSO(source.registrations[size_t(i)].library->path().data);
   }
@@ -116,7 +116,7 @@ bool ExternalCallManager::RegisterDSO(const char* path) {
 
 void ExternalCallManager::Append(ExternalLibrary* library, _ZP_EL_Function* functions) {
   if (count == capacity) {
-    auto larger = std::make_unique<Registration[]>(size_t(capacity + registrations_step));
+    auto larger = std::make_unique<Registration[]>(size_t(capacity) + registrations_step);
     for (int i = 0; i < count; i++) larger[size_t(i)] = registrations[size_t(i)];
     registrations = std::move(larger);
     capacity += registrations_step;
@@ -173,8 +173,4 @@ void ExternalCallManager::MachineEnds(ZephVM* vm, ZephVM* parent) {
       delete persistent.Remove(entry->name(), entry->namelength());
     }
   }
-}
-
-void ExternalCallManager::Error(const String& text) {
-  if (text.data != nullptr) last_error = text;
 }

@@ -8,6 +8,7 @@
 #include "base/core/BaseTemplates.h"
 #include "base/core/StringClass.h"
 #include "base/extensions/FunctionLibrary.h"
+#include "base/extensions/LastError.h"
 
 #include <memory>
 
@@ -114,9 +115,9 @@ class ExternalCallManager {
   // machine that ran the nested one), passes to the parent. Data of other machines stays.
   void MachineEnds(ZephVM* vm, ZephVM* parent);
 
-  const String& error() const { return last_error; }
+  const String& error() const { return last_error.text(); }
   // Keeps the older text if the given one is null.
-  void Error(const String& text);
+  void Error(const String& text) { last_error.Set(text); }
 
  private:
   struct Registration {
@@ -128,7 +129,7 @@ class ExternalCallManager {
 
   ZephApplication* application;
   ExternalCallTable calls;
-  String last_error;
+  LastError last_error;
   std::unique_ptr<Registration[]> registrations;  // made at the first registration
   int capacity = 0;
   int count = 0;

@@ -26,23 +26,23 @@ void ReleaseAll(List<Variable>& pending) {
 
 // The table adopts the count of each variable, so the list drops it first without releasing.
 void MoveAll(List<Variable>& pending, VariableHash* table) {
-  while (pending.First() != nullptr) table->SetVariable(pending.Remove(ListHead));
+  while (Variable* variable = pending.Remove(ListHead)) table->SetVariable(variable);
 }
 
 }  // namespace
 
-ExternalConfig::ExternalConfig(ZephApplication* owner, ExternalCallManager* calls,
-                               CommerceLibraryManager* commerce,
-                               ExternalDatabaseLibraryManager* databases,
-                               SystemLibraryManager* systems, VariableHash* system_table,
-                               VariableHash* global_table)
-    : application(owner),
-      call_manager(calls),
-      commerce_manager(commerce),
-      database_manager(databases),
-      system_manager(systems),
-      system_variables(system_table),
-      global_variables(global_table) {}
+ExternalConfig::ExternalConfig(ZephApplication* application, ExternalCallManager* call_manager,
+                               CommerceLibraryManager* commerce_manager,
+                               ExternalDatabaseLibraryManager* database_manager,
+                               SystemLibraryManager* system_manager, VariableHash* system_variables,
+                               VariableHash* global_variables)
+    : application(application),
+      call_manager(call_manager),
+      commerce_manager(commerce_manager),
+      database_manager(database_manager),
+      system_manager(system_manager),
+      system_variables(system_variables),
+      global_variables(global_variables) {}
 
 ExternalConfig::~ExternalConfig() {
   // The managers may be deleted already; registrations that a library makes in its shutdown are
@@ -96,10 +96,6 @@ bool ExternalConfig::Fail(const char* text) {
 bool ExternalConfig::FailWithLibraryText(const char* text) {
   const char* own = descriptor->get_error != nullptr ? descriptor->get_error(this, &data) : nullptr;
   return Fail(own != nullptr ? own : text);
-}
-
-void ExternalConfig::Error(const String& text) {
-  if (text.data != nullptr) last_error = text;
 }
 
 ConfigValue* ExternalConfig::default_value(int id) {

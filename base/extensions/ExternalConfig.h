@@ -8,6 +8,7 @@
 
 #include "base/core/StringClass.h"
 #include "base/extensions/ConfigLibrary.h"
+#include "base/extensions/LastError.h"
 #include "base/host/Config.h"
 #include "base/host/TagLookup.h"
 
@@ -65,16 +66,16 @@ class ExternalConfig : public Config {
   // Case does not matter in the name; an unknown name is ignored.
   void Set_DefaultErrorSetting(const char* tag, int taglength, int value);
 
-  const String& error() const { return last_error; }
+  const String& error() const { return last_error.text(); }
   // Keeps the older text if the given one is null.
-  void Error(const String& text);
+  void Error(const String& text) { last_error.Set(text); }
 
  private:
   ZephApplication* application;
   void* data = nullptr;  // a word for the library's use
   _ZP_EL_Config* descriptor = nullptr;
   ExternalLibrary* library = nullptr;  // borrowed from the process
-  String last_error;
+  LastError last_error;
   ExternalCallManager* call_manager;
   CommerceLibraryManager* commerce_manager;
   ExternalDatabaseLibraryManager* database_manager;

@@ -4,10 +4,8 @@
 #ifndef ZEPH_BASE_EXTERNALDATABASELIBRARY_H
 #define ZEPH_BASE_EXTERNALDATABASELIBRARY_H
 
-#include "base/core/BaseTemplates.h"
 #include "base/core/StringClass.h"
-
-class ZephApplication;
+#include "base/extensions/NamedLibraries.h"
 
 // A function of the table below. Its parameters depend on the operation, and for some on the
 // table's version, so each caller casts it to the form in use.
@@ -57,32 +55,18 @@ struct _ZP_EL_Database {
 };
 
 // One database type of a request or task.
-class ExternalDatabaseLibrary {
+class ExternalDatabaseLibrary : public NamedLibrary {
  public:
-  // Copies both texts.
-  ExternalDatabaseLibrary(const char* name, const char* path);
-  // For a task: copies name, path and, if it is loaded, the table.
-  ExternalDatabaseLibrary(const ExternalDatabaseLibrary& other);
-  ~ExternalDatabaseLibrary();
-  ExternalDatabaseLibrary& operator=(const ExternalDatabaseLibrary&) = delete;
+  using NamedLibrary::NamedLibrary;
+  // The copy for a task has the table too, if it is loaded.
 
-  const char* name() const { return type_name; }
-  const char* path() const { return library_path; }
   // The library's table, in the library's memory; null until loaded.
   _ZP_EL_Database* descriptor() const { return table; }
   void SetDescriptor(_ZP_EL_Database* descriptor) { table = descriptor; }
 
  private:
-  char* type_name;
-  char* library_path;
   _ZP_EL_Database* table = nullptr;
 };
-
-struct ExternalDatabaseLibraryName {
-  static std::string_view Key(const ExternalDatabaseLibrary* item) { return KeyText(item->name()); }
-};
-using ExternalDatabaseLibraryTable =
-    NamedHashTable<ExternalDatabaseLibrary, ExternalDatabaseLibraryName>;
 
 // The database types that the configuration names for a request or task. Used on its thread. The
 // order of the virtual operations must not change.
@@ -102,17 +86,15 @@ class ExternalDatabaseLibraryManager {
   // Null leaves the reason in error(). A length of -1 means strlen.
   [[nodiscard]] virtual ExternalDatabaseLibrary* Lookup_DB(const char* name, int length);
 
-  const String& error() const { return last_error; }
+  const String& error() const { return named.error().text(); }
   // Keeps the older text if the given one is null.
-  void Error(const String& text);
+  void Error(const String& text) { named.error().Set(text); }
 
   // In the order of registration.
-  ExternalDatabaseLibraryTable& libraries() { return library_table; }
+  NamedLibraries<ExternalDatabaseLibrary>::Table& libraries() { return named.libraries(); }
 
  private:
-  ZephApplication* application;
-  ExternalDatabaseLibraryTable library_table;
-  String last_error;
+  NamedLibraries<ExternalDatabaseLibrary> named;
 };
 
 #endif

@@ -2,23 +2,10 @@
 
 #include "base/extensions/SystemLibrary.h"
 
-#include <memory>
-
-#include "base/extensions/ExternalLibrary.h"
-#include "base/host/ZephApplication.h"
-
-SystemLibrary::SystemLibrary(const char* name, const char* path)
-    : library_name(zeph_strdup(name)), library_path(zeph_strdup(path)) {}
-
 SystemLibrary::SystemLibrary(const SystemLibrary& other)
-    : library_name(zeph_strdup(other.library_name)),
-      library_path(zeph_strdup(other.library_path)),
-      opened(other.opened) {}
+    : NamedLibrary(other), opened(other.opened) {}
 
-SystemLibrary::~SystemLibrary() {
-  delete[] library_name;
-  delete[] library_path;
-}
+SystemLibrary::~SystemLibrary() = default;
 
 bool SystemLibrary::Load(ExternalLibrary* library) {
   opened = library;
@@ -26,57 +13,39 @@ bool SystemLibrary::Load(ExternalLibrary* library) {
 }
 
 void SystemLibrary::Error(const String& text) {
-  if (text.data != nullptr) last_error = text;
+  last_error.Set(text);
 }
 
 const String& SystemLibrary::error() {
-  return last_error;
+  return last_error.text();
 }
 
-SystemLibraryManager::SystemLibraryManager(ZephApplication* owner)
-    : application(owner), library_table(1, 1, 12, 512) {}
+SystemLibraryManager::SystemLibraryManager(ZephApplication* application) : named(application) {}
 
-SystemLibraryManager::SystemLibraryManager(ZephApplication* owner, SystemLibraryManager& source)
-    : SystemLibraryManager(owner) {
-  for (int i = 0; i < source.library_table.Entries(); i++) {
-    SystemLibrary* library = source.library_table.Index(i);
-    if (library != nullptr) {
-      InsertOwned(library_table, std::make_unique<SystemLibrary>(*library));
-    }
-  }
+SystemLibraryManager::SystemLibraryManager(ZephApplication* application,
+                                           SystemLibraryManager& source)
+    : named(application) {
+  named.Copy(source.named);
 }
 
 SystemLibraryManager::~SystemLibraryManager() = default;
 
 bool SystemLibraryManager::RegisterDSO(const char* name, const char* path) {
-  InsertOwned(library_table, std::make_unique<SystemLibrary>(name, path));
+  named.Register(name, path);
   return true;
 }
 
 SystemLibrary* SystemLibraryManager::Lookup_System_Library(const char* name, int length) {
-  SystemLibrary* library = library_table.Find(name, length);
-  if (library == nullptr) {
-    String text("System library '");
-    text.cat(name, length);
-    text.cat("' is not configured");
-    Error(text);
-    return nullptr;
-  }
-  if (library->library() != nullptr) return library;
-  ExternalLibraryManager* manager = application->librarymanager();
-  ExternalLibrary* opened = manager->Lookup(library->path());
-  if (opened == nullptr) {
-    Error(manager->error());
-    return nullptr;
-  }
-  library->Load(opened);
-  return library;
+  return named.LookUp(
+      name, length, "System library '", "' is not configured",
+      [](const SystemLibrary* library) { return library->library() != nullptr; },
+      [](SystemLibrary* library, ExternalLibrary* file) { return library->Load(file); });
 }
 
 void SystemLibraryManager::Error(const String& text) {
-  if (text.data != nullptr) last_error = text;
+  named.error().Set(text);
 }
 
 const String& SystemLibraryManager::error() {
-  return last_error;
+  return named.error().text();
 }

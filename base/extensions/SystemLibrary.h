@@ -5,18 +5,14 @@
 #ifndef ZEPH_BASE_SYSTEMLIBRARY_H
 #define ZEPH_BASE_SYSTEMLIBRARY_H
 
-#include "base/core/BaseTemplates.h"
 #include "base/core/StringClass.h"
-
-class ExternalLibrary;
-class ZephApplication;
+#include "base/extensions/NamedLibraries.h"
 
 // One named library of a request or task. The order of the virtual operations must not change.
-class SystemLibrary {
+class SystemLibrary : public NamedLibrary {
  public:
-  // Copies both texts.
-  SystemLibrary(const char* name, const char* path);
-  // For a task: copies name, path and, if it is open, the opened file.
+  using NamedLibrary::NamedLibrary;
+  // For a task: copies name, path and, if it is open, the opened file, but no error.
   SystemLibrary(const SystemLibrary& other);
   virtual ~SystemLibrary();
   SystemLibrary& operator=(const SystemLibrary&) = delete;
@@ -27,22 +23,13 @@ class SystemLibrary {
   virtual void Error(const String& text);
   virtual const String& error();
 
-  const char* name() const { return library_name; }
-  const char* path() const { return library_path; }
   // Null until loaded.
   ExternalLibrary* library() const { return opened; }
 
  private:
-  char* library_name;
-  char* library_path;
   ExternalLibrary* opened = nullptr;
-  String last_error;
+  LastError last_error;
 };
-
-struct SystemLibraryName {
-  static std::string_view Key(const SystemLibrary* item) { return KeyText(item->name()); }
-};
-using SystemLibraryTable = NamedHashTable<SystemLibrary, SystemLibraryName>;
 
 // The system libraries that the configuration names for a request or task. Used on its thread.
 class SystemLibraryManager {
@@ -64,12 +51,10 @@ class SystemLibraryManager {
   virtual const String& error();
 
   // In the order of registration.
-  SystemLibraryTable& libraries() { return library_table; }
+  NamedLibraries<SystemLibrary>::Table& libraries() { return named.libraries(); }
 
  private:
-  ZephApplication* application;
-  SystemLibraryTable library_table;
-  String last_error;
+  NamedLibraries<SystemLibrary> named;
 };
 
 #endif
