@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "base/compiled/VariableHash.h"
+#include "base/core/MeasuredLength.h"
 #include "base/core/memcmpi.h"
 #include "base/host/ZephApplication.h"
 #include "base/values/Aggregate.h"
@@ -194,7 +195,8 @@ int zpVariableList_Entries(ZPVARIABLELIST list) {
   return list->Entries();
 }
 ZPVARIABLE zpVariableList_Find(ZPVARIABLELIST list, const char* name, int length) {
-  if (length == -1) length = static_cast<int>(strlen(name));
+  // Other negative lengths match no name.
+  if (length == -1) length = MeasuredLength(name, -1);
   Variable* variable = list->First();
   while (variable && !HasName(variable, name, length)) variable = list->Next();
   return variable;

@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 
+#include "base/core/CLocale.h"
 #include "base/core/StringClass.h"
 #include "fastcgi/FastCGIThreads.h"
 
@@ -57,7 +57,7 @@ void Process_CommandLine_Args(_FastCGIMainArgs* arguments) {
   const char* title = nullptr;
   for (int i = 1; i + 1 < argc; i++) {
     if (IsOption(argv[i], 't')) {
-      double count = strtod(argv[++i], nullptr);
+      double count = strtod_l(argv[++i], nullptr, CLocale());
       if (count >= 1 && count < static_cast<double>(INT_MAX) + 1) {
         arguments->thread_count = static_cast<int>(count);
       }

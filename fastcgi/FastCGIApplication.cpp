@@ -14,6 +14,7 @@
 
 #include "base/compiled/TaggedFile.h"
 #include "base/compiled/VariableHash.h"
+#include "base/core/CLocale.h"
 #include "base/core/RunLimit.h"
 #include "base/core/ThreadMemory.h"
 #include "base/extensions/ExternalConfig.h"
@@ -36,10 +37,11 @@ const char* WorkingDirectory() {
 }  // namespace
 
 FastCGIApplication::FastCGIApplication(int argc, char** argv, int copied_argc, char** copied_argv,
-                                       FastCGIThreadManager* threads,
-                                       ExternalLibraryManager* libraries, FCGX_Request* fcgi)
-    : FastCGIBaseApplication(argc, argv, copied_argc, copied_argv, threads, libraries),
-      request(fcgi),
+                                       FastCGIThreadManager* thread_manager,
+                                       ExternalLibraryManager* library_manager,
+                                       FCGX_Request* request)
+    : FastCGIBaseApplication(argc, argv, copied_argc, copied_argv, thread_manager, library_manager),
+      request(request),
       working_directory(WorkingDirectory()) {
   path_info = Parameter("PATH_INFO");
   query_string = Parameter("QUERY_STRING");
@@ -160,7 +162,7 @@ void FastCGIApplication::OutputCookie() {
   tm utc{};
   gmtime_r(&expiry, &utc);
   char date[64];
-  strftime(date, sizeof date, "%a, %d-%b-%Y %H:%M:%S GMT", &utc);
+  strftime_l(date, sizeof date, "%a, %d-%b-%Y %H:%M:%S GMT", &utc, CLocale());
   String field(kName, -1);
   field.cat(id.data, id.length);
   field.cat("; expires=", -1);

@@ -36,6 +36,9 @@ class FastCGIApplication : public FastCGIBaseApplication {
   int ScriptOwner() const { return owner_id; }
 
  private:
+  // How many bytes of a body, or of a query, are parsed between two looks at the time limit.
+  static constexpr int kInputBlock = 8192;
+
   // A parameter of the request by name; null if the web server did not send it.
   const char* Parameter(const char* name) const;
 

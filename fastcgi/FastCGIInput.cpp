@@ -3,11 +3,11 @@
 #include <fcgiapp.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "base/compiled/VariableHash.h"
+#include "base/core/CLocale.h"
 #include "base/core/RunLimit.h"
 #include "base/core/memcmpi.h"
 #include "base/host/Config.h"
@@ -18,8 +18,6 @@
 #include "fastcgi/FastCGIThreads.h"
 
 namespace {
-
-const int kBlockSize = 8192;
 
 bool BeginsWith(const char* text, const char* prefix) {
   const size_t length = strlen(prefix);
@@ -54,10 +52,10 @@ std::unique_ptr<HTTPContentParser> FastCGIApplication::ContentHandler(const char
 
 // Passes the body to the handler, up to the announced length. A shorter body is no failure.
 bool FastCGIApplication::ReadInput(HTTPContentParser* handler, int length) {
-  char block[kBlockSize];
+  char block[kInputBlock];
   const RunLimit limit(posttimedoutflag());
   while (length > 0 && !EndsForShutdown()) {
-    const int count = FCGX_GetStr(block, std::min(length, kBlockSize), request->in);
+    const int count = FCGX_GetStr(block, std::min(length, kInputBlock), request->in);
     if (count <= 0) break;
     length -= count;
     // The time limit is checked only after a block has come: the read before it waits for the
@@ -90,7 +88,7 @@ bool FastCGIApplication::ProcessPOSTedData() {
   const char* type = Parameter("CONTENT_TYPE");
   const char* announced = Parameter("CONTENT_LENGTH");
   if (!type || !announced) return true;
-  const int length = static_cast<int>(strtol(announced, nullptr, 10));
+  const int length = static_cast<int>(LeadingNumber(announced));
   if (length <= 0) return true;
   const std::unique_ptr<HTTPContentParser> handler = ContentHandler(type, length);
   if (!handler) return false;

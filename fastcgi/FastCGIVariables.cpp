@@ -7,12 +7,12 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/VariableHash.h"
+#include "base/core/CLocale.h"
 #include "base/core/RunLimit.h"
 #include "base/request/SpecialVariable.h"
 #include "base/request/URLEncodedParser.h"
@@ -104,7 +104,7 @@ bool FastCGIApplication::AddQueryVariables() {
   URLEncodedParser parser(tables.global_variables, 0);
   size_t left = strlen(fields);
   while (left > 0 && !EndsForShutdown()) {
-    const size_t piece = std::min<size_t>(left, 8192);
+    const size_t piece = std::min<size_t>(left, kInputBlock);
     if (!parser.Parse(fields, static_cast<int>(piece))) break;
     fields += piece;
     left -= piece;
@@ -130,7 +130,7 @@ void FastCGIApplication::AddDocumentURL() {
   const bool secure = Parameter("HTTPS") != nullptr;
   const int default_port = secure ? 443 : 80;
   const char* sent_port = Parameter("SERVER_PORT");
-  const int port = sent_port ? static_cast<int>(strtol(sent_port, nullptr, 10)) : default_port;
+  const int port = sent_port ? static_cast<int>(LeadingNumber(sent_port)) : default_port;
   const char* host = Parameter("SERVER_NAME");
   const bool bracketed = IsIPv6Address(host);
   String url(secure ? "https://" : "http://", -1);

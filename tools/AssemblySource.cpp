@@ -9,21 +9,12 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "base/core/ascii.h"
+
 namespace {
 
-// The language is ASCII in every locale, so <cctype> is of no use here.
 bool IsLetter(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
-}
-bool IsDigit(char c) {
-  return c >= '0' && c <= '9';
-}
-
-int HexValue(char c) {
-  if (IsDigit(c)) return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
+  return zp_isalpha(c) || c == '_';
 }
 
 // True if bytes are UTF-8, which an editor can show. Checks only lead and continuation bytes.
@@ -69,7 +60,7 @@ class LineReader {
     char c = text[position];
     if (IsLetter(c)) return ReadName(token, AssemblyToken::Name);
     if (c == '.' && IsLetter(Peek(1))) return ReadName(token, AssemblyToken::Directive);
-    if (IsDigit(c) || c == '-' || c == '+' || c == '.') return ReadNumber(token);
+    if (zp_isdigit(c) || c == '-' || c == '+' || c == '.') return ReadNumber(token);
     if (c == '"') return ReadText(token);
     if (std::string_view("(),:#").find(c) != std::string_view::npos) {
       token->kind = AssemblyToken::Punctuation;
@@ -86,7 +77,7 @@ class LineReader {
     token->kind = kind;
     do {
       token->text += text[position++];
-    } while (position < text.size() && (IsLetter(text[position]) || IsDigit(text[position])));
+    } while (position < text.size() && (IsLetter(text[position]) || zp_isdigit(text[position])));
     return true;
   }
 
@@ -101,7 +92,7 @@ class LineReader {
       char last = token->text.empty() ? 0 : token->text.back();
       bool sign =
           (c == '-' || c == '+') && (last == 0 || (!hexadecimal && (last == 'e' || last == 'E')));
-      if (!sign && !IsLetter(c) && !IsDigit(c) && c != '.') break;
+      if (!sign && !IsLetter(c) && !zp_isdigit(c) && c != '.') break;
       if ((c == 'x' || c == 'X') && last == '0') hexadecimal = true;
       token->text += c;
       position++;
@@ -134,8 +125,8 @@ class LineReader {
       case '\\':
       case '"': token->text += c; break;
       case 'x': {
-        int high = HexValue(Peek(2));
-        int low = HexValue(Peek(3));
+        int high = zp_hexvalue(Peek(2));
+        int low = zp_hexvalue(Peek(3));
         if (high < 0 || low < 0) return Fail(position, "expected two hexadecimal digits after \\x");
         token->text += static_cast<char>(high * 16 + low);
         position += 2;
@@ -264,7 +255,7 @@ std::string SpellDouble(double value) {
 bool IsPlainName(std::string_view bytes) {
   if (bytes.empty() || !IsLetter(bytes[0])) return false;
   for (char c : bytes) {
-    if (!IsLetter(c) && !IsDigit(c)) return false;
+    if (!IsLetter(c) && !zp_isdigit(c)) return false;
   }
   return true;
 }

@@ -3,7 +3,6 @@
 #include "tools/DumpIndex.h"
 
 #include <algorithm>
-#include <cctype>
 #include <memory>
 #include <string>
 #include <vector>

@@ -3,7 +3,6 @@
 #include "tools/DumpTable.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -13,6 +12,8 @@
 #include <system_error>
 #include <vector>
 
+#include "base/core/CLocale.h"
+#include "base/core/ascii.h"
 #include "base/database/XBaseTable.h"
 
 namespace {
@@ -192,7 +193,7 @@ bool IsJsonNumber(std::string_view text) {
   size_t i = !text.empty() && text[0] == '-';
   const auto digits = [&] {
     const size_t start = i;
-    while (i < text.size() && isdigit(static_cast<unsigned char>(text[i]))) i++;
+    while (i < text.size() && zp_isdigit(text[i])) i++;
     return i - start;
   };
   const size_t first = i;
@@ -454,7 +455,7 @@ class TableChecker {
     const size_t digits = text.find_first_not_of(' ');
     if (text.find_first_not_of("0123456789 ", digits) != std::string::npos)
       return Problem(where + "has no number: '" + text + "'");
-    const long block = strtol(text.c_str(), nullptr, 10);
+    const long block = LeadingNumber(text.c_str());
     if (block == 0) return;
     if (block >= table.next_memo_block())
       return Problem(where + "begins at block " + std::to_string(block) +
@@ -494,9 +495,9 @@ class TableChecker {
     const size_t end = text.find_last_not_of(' ') + 1;
     size_t i = text[0] == '-' || text[0] == '+', digits = 0, points = 0;
     for (; i < end; i++) {
-      digits += isdigit(static_cast<unsigned char>(text[i])) != 0;
+      digits += zp_isdigit(text[i]);
       points += text[i] == '.';
-      if (!isdigit(static_cast<unsigned char>(text[i])) && text[i] != '.') return false;
+      if (!zp_isdigit(text[i]) && text[i] != '.') return false;
     }
     return digits > 0 && points <= 1;
   }

@@ -1,45 +1,67 @@
-// Reads and writes integers and doubles as compiled files and code hold them: low byte first and
-// unaligned, on any host. On a little-endian host the shifts compile to one load or store.
+// Reads and writes integers and doubles low byte first, at any alignment and on any host: in
+// compiled files and code, database files, hashes and digests. On a little-endian host each is one
+// load or store. Tested in tests/base/core/LittleEndianTest.cpp.
 
 #ifndef ZEPH_BASE_LITTLEENDIAN_H
 #define ZEPH_BASE_LITTLEENDIAN_H
 
 #include <bit>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 namespace LittleEndian {
 
-inline uint16_t Get16(const unsigned char* bytes) {
-  return static_cast<uint16_t>(bytes[0] | bytes[1] << 8);
+inline uint16_t Reversed(uint16_t value) {
+  return __builtin_bswap16(value);
 }
-inline uint32_t Get32(const unsigned char* bytes) {
-  return bytes[0] | static_cast<uint32_t>(bytes[1]) << 8 | static_cast<uint32_t>(bytes[2]) << 16 |
-         static_cast<uint32_t>(bytes[3]) << 24;
+inline uint32_t Reversed(uint32_t value) {
+  return __builtin_bswap32(value);
 }
-inline int32_t GetInt32(const unsigned char* bytes) {
+inline uint64_t Reversed(uint64_t value) {
+  return __builtin_bswap64(value);
+}
+
+// The unsigned integer of that type.
+template <class Integer>
+Integer Get(const void* bytes) {
+  Integer value;
+  memcpy(&value, bytes, sizeof value);
+  if constexpr (std::endian::native == std::endian::big) value = Reversed(value);
+  return value;
+}
+template <class Integer>
+void Put(void* bytes, Integer value) {
+  if constexpr (std::endian::native == std::endian::big) value = Reversed(value);
+  memcpy(bytes, &value, sizeof value);
+}
+
+inline uint16_t Get16(const void* bytes) {
+  return Get<uint16_t>(bytes);
+}
+inline uint32_t Get32(const void* bytes) {
+  return Get<uint32_t>(bytes);
+}
+inline int32_t GetInt32(const void* bytes) {
   return static_cast<int32_t>(Get32(bytes));
 }
-inline uint64_t Get64(const unsigned char* bytes) {
-  return Get32(bytes) | static_cast<uint64_t>(Get32(bytes + 4)) << 32;
+inline uint64_t Get64(const void* bytes) {
+  return Get<uint64_t>(bytes);
 }
-inline double GetDouble(const unsigned char* bytes) {
+inline double GetDouble(const void* bytes) {
   return std::bit_cast<double>(Get64(bytes));
 }
 
-inline void Put16(unsigned char* bytes, uint16_t value) {
-  bytes[0] = static_cast<unsigned char>(value);
-  bytes[1] = static_cast<unsigned char>(value >> 8);
+inline void Put16(void* bytes, uint16_t value) {
+  Put(bytes, value);
 }
-inline void Put32(unsigned char* bytes, uint32_t value) {
-  Put16(bytes, static_cast<uint16_t>(value));
-  Put16(bytes + 2, static_cast<uint16_t>(value >> 16));
+inline void Put32(void* bytes, uint32_t value) {
+  Put(bytes, value);
 }
-inline void Put64(unsigned char* bytes, uint64_t value) {
-  Put32(bytes, static_cast<uint32_t>(value));
-  Put32(bytes + 4, static_cast<uint32_t>(value >> 32));
+inline void Put64(void* bytes, uint64_t value) {
+  Put(bytes, value);
 }
-inline void PutDouble(unsigned char* bytes, double value) {
+inline void PutDouble(void* bytes, double value) {
   Put64(bytes, std::bit_cast<uint64_t>(value));
 }
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/core/ascii.h"
+#include "base/core/LittleEndian.h"
 
 namespace {
 
@@ -22,10 +22,6 @@ constexpr uint32_t kSines[64] = {
     0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391};
 
 constexpr int kShifts[4][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
-
-void StoreLittleEndian(uchar* bytes, uint32_t word) {
-  for (int i = 0; i < 4; ++i) bytes[i] = static_cast<uchar>(word >> (8 * i));
-}
 
 // One of the four rounds: 16 steps of the mixing function f. Step i reads word start + i * stride,
 // modulo 16.
@@ -66,7 +62,7 @@ void MD5Encoder::MD5_Hash(const unsigned* block) {
 }
 
 void MD5Encoder::Decode_Block(const uchar* bytes, unsigned* block) {
-  for (int i = 0; i < 16; ++i) block[i] = zp_load32(bytes + 4 * i);
+  for (int i = 0; i < 16; ++i) block[i] = LittleEndian::Get32(bytes + static_cast<size_t>(4 * i));
 }
 
 void MD5Encoder::Hash_Blocks(const uchar* bytes, unsigned length) {
@@ -89,13 +85,13 @@ void MD5Encoder::Encode_Final(const uchar* bytes, unsigned length, uchar* digest
   if (rest > 0) memcpy(padded, bytes + (length - rest), rest);
   padded[rest] = 0x80;
   unsigned padded_length = rest < 56 ? 64 : 128;
-  StoreLittleEndian(padded + padded_length - 8, count << 3);
-  StoreLittleEndian(padded + padded_length - 4, count >> 29);
+  LittleEndian::Put32(padded + padded_length - 8, count << 3);
+  LittleEndian::Put32(padded + padded_length - 4, count >> 29);
   Hash_Blocks(padded, padded_length);
-  StoreLittleEndian(digest, a);
-  StoreLittleEndian(digest + 4, b);
-  StoreLittleEndian(digest + 8, c);
-  StoreLittleEndian(digest + 12, d);
+  LittleEndian::Put32(digest, a);
+  LittleEndian::Put32(digest + 4, b);
+  LittleEndian::Put32(digest + 8, c);
+  LittleEndian::Put32(digest + 12, d);
 }
 
 void MD5Encoder::Encode(const uchar* bytes, unsigned length, uchar* digest) {

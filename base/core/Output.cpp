@@ -2,9 +2,11 @@
 
 #include "base/core/Output.h"
 
-#include <cstring>
-
+#include "base/core/MeasuredLength.h"
 #include "base/core/RunLimit.h"
+
+// A compressed write returns the length that it was given, a negative one too, so only -1 is
+// measured here.
 
 Output::~Output() = default;
 
@@ -43,27 +45,27 @@ void Output::SetFlags(int flags) {
 }
 
 int Output::Write_Compressed_Fast(const char* text, int length) {
-  if (length == -1) length = static_cast<int>(strlen(text));
-  int skip = length > 0 && IsBehindSpace() && IsSpace(text[0]) ? 1 : 0;
+  if (length == -1) length = MeasuredLength(text, -1);
+  int skip = length > 0 && IsBehindSpace() && zp_isspace(text[0]) ? 1 : 0;
   if (length > skip) Write(text + skip, length - skip);
   return length;
 }
 
 int Output::Write_Compressed_Full(const char* text, int length) {
-  if (length == -1) length = static_cast<int>(strlen(text));
+  if (length == -1) length = MeasuredLength(text, -1);
   const char* p = text;
   const char* end = text + length;
   if (IsBehindSpace()) {
-    while (p < end && IsSpace(*p)) p++;
+    while (p < end && zp_isspace(*p)) p++;
   }
   // Each piece is a run of text with the one white-space byte that ends it.
   RunWatch watch(1 << 16);
   while (p < end && !watch.Over()) {
     const char* start = p;
-    while (p < end && !IsSpace(*p)) p++;
+    while (p < end && !zp_isspace(*p)) p++;
     if (p < end) p++;
     Write(start, static_cast<int>(p - start));
-    while (p < end && IsSpace(*p)) p++;
+    while (p < end && zp_isspace(*p)) p++;
   }
   return length;
 }

@@ -8,6 +8,7 @@
 #include <cstddef>
 
 #include "base/core/CopyText.h"
+#include "base/core/ascii.h"
 
 // A sink of text. Belongs to one request and its thread. The order of the virtual operations is
 // fixed, because extension libraries call them. Lengths are bytes; a length of -1 means strlen in
@@ -60,10 +61,8 @@ class Output {
  protected:
   // Notes for the next compressed write whether the text ends in white space.
   void NoteLastByte(const char* text, int length) {
-    if (length > 0) previous_was_space = IsSpace(text[length - 1]);
+    if (length > 0) previous_was_space = zp_isspace(text[length - 1]);
   }
-  // The white space of the "C" locale; bytes are unsigned.
-  static bool IsSpace(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
   // Holds room open for Put until CloseRoom, which returns the count of bytes put there.
   void OpenRoom(char* begin, int size) {
@@ -78,7 +77,7 @@ class Output {
   }
   // Whether the last byte written was white space.
   bool IsBehindSpace() const {
-    return room > room_begin ? IsSpace(room[-1]) : previous_was_space != 0;
+    return room > room_begin ? zp_isspace(room[-1]) : previous_was_space != 0;
   }
 
   int output_flags = 0;

@@ -2,6 +2,7 @@
 
 #include "base/core/StringClass.h"
 
+#include <cassert>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -10,6 +11,7 @@
 #include <new>
 
 #include "base/core/BufferRoom.h"
+#include "base/core/MeasuredLength.h"
 #include "base/core/ascii.h"
 #include "base/core/base64.h"
 
@@ -21,20 +23,6 @@ int BufferSize(int64_t bytes) {
   int64_t size = (bytes + 23) / 24 * 24;
   if (size > INT_MAX) throw std::bad_alloc();
   return static_cast<int>(size);
-}
-
-// The length of a text argument, with -1 resolved to strlen.
-int TextLength(const char* text, int length) {
-  if (!text) return 0;
-  if (length >= 0) return length;
-  if (length != -1) return 0;
-  size_t measured = strlen(text);
-  if (measured > INT_MAX) throw std::bad_alloc();
-  return static_cast<int>(measured);
-}
-
-bool IsBlank(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
 
 // memmem that returns a position at or after start, or -1.
@@ -60,6 +48,7 @@ int LengthToNUL(const String& text) {
 // Sets the length and writes the terminator. There is room for it, because a length is always less
 // than the size of the buffer.
 void Terminate(String& text, int length) {
+  assert(text.data);
   text.length = length;
   text.data[length] = 0;
 }
@@ -67,7 +56,7 @@ void Terminate(String& text, int length) {
 }  // namespace
 
 void String::assign(const char* text, int text_length) {
-  int n = TextLength(text, text_length);
+  int n = MeasuredLength(text, text_length);
   if (n >= allocated) {
     int size = BufferSize(static_cast<int64_t>(n) + 1);
     char* buffer = new char[size];
@@ -77,6 +66,7 @@ void String::assign(const char* text, int text_length) {
     data = buffer;
     allocated = size;
   } else if (n > 0) {
+    assert(data);
     memmove(data, text, n);
   }
   Terminate(*this, n);
@@ -93,8 +83,8 @@ void String::assign_nocopy(char* buffer, int text_length, int buffer_size) {
     return;
   }
   int size = buffer_size > 0 ? buffer_size : 0;
-  int n =
-      text_length == -1 ? static_cast<int>(strnlen(buffer, size)) : TextLength(buffer, text_length);
+  int n = text_length == -1 ? static_cast<int>(strnlen(buffer, size))
+                            : MeasuredLength(buffer, text_length);
   if (data != buffer) delete[] data;
   if (size <= n) {
     data = nullptr;
@@ -114,7 +104,7 @@ void String::cat(const char* text, int text_length) {
     assign(text, text_length);
     return;
   }
-  int n = TextLength(text, text_length);
+  int n = MeasuredLength(text, text_length);
   int64_t total = static_cast<int64_t>(length) + n;
   if (total >= allocated) {
     const std::less<const char*> before;
@@ -161,7 +151,7 @@ void String::prepend(char c) {
 }
 
 void String::prepend(const char* text, int text_length) {
-  int n = TextLength(text, text_length);
+  int n = MeasuredLength(text, text_length);
   int64_t total = static_cast<int64_t>(length) + n;
   int size = total >= allocated ? BufferSize(total + 1) : allocated;
   char* buffer = new char[size];
@@ -189,7 +179,7 @@ String String::after(int position) const {
 }
 
 String String::after(const char* pattern, int start) const {
-  int n = TextLength(pattern, -1);
+  int n = MeasuredLength(pattern, -1);
   int found = Position(*this, pattern, n, start);
   if (found < 0 || found + n >= length) return String("", 0);
   return ToNUL(*this, found + n);
@@ -203,7 +193,8 @@ String String::from(int position) const {
 
 String String::from(const char* pattern, int start) const {
   int found = search(pattern, start);
-  return found < 0 ? String("", 0) : ToNUL(*this, found);
+  if (found < 0) return String("", 0);
+  return ToNUL(*this, found);
 }
 
 String String::at(int start, int end) const {
@@ -213,7 +204,7 @@ String String::at(int start, int end) const {
 }
 
 int String::search(const char* pattern, int start) const {
-  return Position(*this, pattern, TextLength(pattern, -1), start);
+  return Position(*this, pattern, MeasuredLength(pattern, -1), start);
 }
 
 int String::contains(char c, int start) const {
@@ -222,7 +213,7 @@ int String::contains(char c, int start) const {
 }
 
 int String::freq(const char* pattern) const {
-  int n = TextLength(pattern, -1);
+  int n = MeasuredLength(pattern, -1);
   int count = 0;
   for (int i = Position(*this, pattern, n, 0); i >= 0; i = Position(*this, pattern, n, i + 1)) {
     ++count;
@@ -236,7 +227,7 @@ int String::matches(char c, int position) const {
 }
 
 int String::matches(const char* text, int position) const {
-  int n = TextLength(text, -1);
+  int n = MeasuredLength(text, -1);
   if (position < 0) position = 0;
   if (n > static_cast<int64_t>(length) - position) return 0;
   for (int i = position, j = 0; i < length; ++i, ++j) {
@@ -250,10 +241,10 @@ int String::matches(const char* text, int position) const {
 }
 
 void String::gsub(const char* pattern, const char* replacement) {
-  int n = TextLength(pattern, -1);
+  int n = MeasuredLength(pattern, -1);
   int found = Position(*this, pattern, n, 0);
   if (found < 0) return;
-  int added = TextLength(replacement, -1);
+  int added = MeasuredLength(replacement, -1);
   int64_t total = length;
   int position = 0;
   // The result is measured first, because growing by steps of 24 would copy a long text over and
@@ -282,7 +273,7 @@ void String::gsub(const char* pattern, const char* replacement) {
 void String::StripWhitespace() {
   if (!data) return;
   int n = LengthToNUL(*this);
-  while (n > 0 && IsBlank(data[n - 1])) --n;
+  while (n > 0 && zp_iswhite(data[n - 1])) --n;
   Terminate(*this, n);
   ltrim();
 }
@@ -291,7 +282,7 @@ void String::ltrim() {
   if (!data) return;
   int n = LengthToNUL(*this);
   int start = 0;
-  while (start < n && IsBlank(data[start])) ++start;
+  while (start < n && zp_iswhite(data[start])) ++start;
   if (start > 0) memmove(data, data + start, n - start);
   Terminate(*this, n - start);
 }
@@ -301,7 +292,7 @@ void String::CompressWhitespace() {
   int n = LengthToNUL(*this);
   int kept = 0;
   for (int i = 0; i < n; ++i) {
-    if (i > 0 && IsBlank(data[i]) && IsBlank(data[i - 1])) continue;
+    if (i > 0 && zp_iswhite(data[i]) && zp_iswhite(data[i - 1])) continue;
     data[kept++] = data[i];
   }
   Terminate(*this, kept);
@@ -371,7 +362,7 @@ String String::Base64_Decode() const {
 
 int split(const String& text, String* parts, int max, const char* separator) {
   if (max < 1) return 0;
-  int n = TextLength(separator, -1);
+  int n = MeasuredLength(separator, -1);
   if (n == 0) {
     if (text.data) parts[0] = text;
     return 1;

@@ -277,8 +277,8 @@ void ConvertExactly(const Request& request, double value, Digits& result) {
   result.SetNothing(request.digits);
 }
 
-// Writes a text instead of digits, as much of it as there is room for.
-int CopyText(char* buffer, int size, const char* text) {
+// Writes a word instead of digits, as much of it as there is room for.
+int PutWord(char* buffer, int size, const char* text) {
   int count = std::min(static_cast<int>(strlen(text)), size - 1);
   memcpy(buffer, text, count);
   buffer[count] = 0;
@@ -292,8 +292,8 @@ int dtoa(char* buffer, int size, int mode, int digits, int* decimal_point, int* 
   *sign = std::signbit(value);
   *decimal_point = std::isfinite(value) ? 1 : kNotFinite;
   if (size < 1) return 0;
-  if (!std::isfinite(value)) return CopyText(buffer, size, std::isnan(value) ? "NaN" : "Infinity");
-  if (value == 0) return CopyText(buffer, size, "0");
+  if (!std::isfinite(value)) return PutWord(buffer, size, std::isnan(value) ? "NaN" : "Infinity");
+  if (value == 0) return PutWord(buffer, size, "0");
   buffer[0] = 0;
   if (size == 1) return 0;
 

@@ -2,6 +2,7 @@
 
 #include "base/core/hash.h"
 
+#include "base/core/LittleEndian.h"
 #include "base/core/ascii.h"
 
 namespace {
@@ -45,14 +46,15 @@ inline uint32_t Upto3(const unsigned char* bytes, unsigned length) {
 
 inline uint64_t Upto7(const unsigned char* bytes, unsigned length) {
   if (length < 4) return Upto3(bytes, length);
-  uint64_t high = static_cast<uint64_t>(zp_load32(bytes + length - 4)) >> (8 * (8 - length));
-  return zp_load32(bytes) | high << 32;
+  uint64_t high =
+      static_cast<uint64_t>(LittleEndian::Get32(bytes + length - 4)) >> (8 * (8 - length));
+  return LittleEndian::Get32(bytes) | high << 32;
 }
 
 // The last 0 to 11 bytes. The lowest byte of the third word belongs to the length.
 template <class Case>
 inline void AddTail(State& state, const unsigned char* bytes, unsigned length) {
-  uint64_t low = Case::Word(length >= 8 ? zp_load64(bytes) : Upto7(bytes, length));
+  uint64_t low = Case::Word(length >= 8 ? LittleEndian::Get64(bytes) : Upto7(bytes, length));
   state.a += static_cast<uint32_t>(low);
   state.b += static_cast<uint32_t>(low >> 32);
   if (length > 8) {
@@ -66,10 +68,10 @@ inline unsigned Lookup2(const void* key, unsigned length, unsigned seed) {
   State state = {0x9E3779B9u, 0x9E3779B9u, seed};
   unsigned left = length;
   for (; left >= 12; left -= 12, bytes += 12) {
-    uint64_t low = Case::Word(zp_load64(bytes));
+    uint64_t low = Case::Word(LittleEndian::Get64(bytes));
     state.a += static_cast<uint32_t>(low);
     state.b += static_cast<uint32_t>(low >> 32);
-    state.c += static_cast<uint32_t>(Case::Word(zp_load32(bytes + 8)));
+    state.c += static_cast<uint32_t>(Case::Word(LittleEndian::Get32(bytes + 8)));
     state.Mix();
   }
   state.c += length;

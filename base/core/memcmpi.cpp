@@ -2,14 +2,17 @@
 
 #include "base/core/memcmpi.h"
 
+#include <bit>
+
+#include "base/core/LittleEndian.h"
 #include "base/core/ascii.h"
 
 int memcmpi(const void* a, const void* b, size_t length) {
   auto left = static_cast<const unsigned char*>(a);
   auto right = static_cast<const unsigned char*>(b);
   while (length >= 8) {
-    uint64_t l = zp_tolower_word(zp_load64(left));
-    uint64_t r = zp_tolower_word(zp_load64(right));
+    uint64_t l = zp_tolower_word(LittleEndian::Get64(left));
+    uint64_t r = zp_tolower_word(LittleEndian::Get64(right));
     if (l != r) {
       // The words are little-endian: the lowest differing bit is in the first differing byte.
       int shift = std::countr_zero(l ^ r) & ~7;

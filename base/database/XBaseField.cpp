@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "base/core/CopyText.h"
+#include "base/core/MeasuredLength.h"
 
 namespace {
 
@@ -16,26 +17,18 @@ bool IsRightAligned(XBaseFieldType type) {
   return type == XBaseField_Numeric || type == XBaseField_Memo;
 }
 
-// The number of bytes of a text argument; -1 means strlen.
-int TextLength(const char* text, int length) {
-  if (!text || length < -1) return 0;
-  return length == -1 ? static_cast<int>(strlen(text)) : length;
-}
-
 }  // namespace
 
-XBaseField::XBaseField(XBaseTable* owner, const char* name, XBaseFieldType type, int length,
+XBaseField::XBaseField(XBaseTable* table, const char* name, XBaseFieldType type, int length,
                        int decimalcount)
-    : XBaseField(owner, name, -1, type, length, decimalcount) {}
+    : XBaseField(table, name, -1, type, length, decimalcount) {}
 
-XBaseField::XBaseField(XBaseTable* owner, const char* name, int name_length, XBaseFieldType type,
+XBaseField::XBaseField(XBaseTable* table, const char* name, int name_length, XBaseFieldType type,
                        int length, int decimalcount)
-    : field_type(type), field_length(std::max(length, 0)), decimals(decimalcount), table(owner) {
-  const int count = TextLength(name, name_length);
+    : field_type(type), field_length(std::max(length, 0)), decimals(decimalcount), table(table) {
+  const int count = MeasuredLength(name, name_length);
   const size_t size = static_cast<size_t>(field_length) + 1;
-  field_name = new char[static_cast<size_t>(count) + 1];
-  std::copy_n(name, count, field_name);
-  field_name[count] = 0;
+  field_name = NewTextCopy(name, count);
   current = new char[size]();
   original = new char[size]();
 }
@@ -69,7 +62,7 @@ bool XBaseField::Write(unsigned char* bytes) {
 }
 
 void XBaseField::Set(const char* text, int length) {
-  const int count = std::min(TextLength(text, length), field_length);
+  const int count = std::min(MeasuredLength(text, length), field_length);
   if (count > 0) memmove(current, text, static_cast<size_t>(count));
   current[count] = 0;
 }

@@ -6,36 +6,30 @@
 #include <algorithm>
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <utility>
 
+#include "base/core/CLocale.h"
+#include "base/core/CopyText.h"
+#include "base/core/MeasuredLength.h"
 #include "base/database/XBaseTable.h"
 
 namespace {
 
-char* CopyOf(const char* text, int length) {
-  char* copy = new char[static_cast<size_t>(length) + 1];
-  std::copy_n(text, length, copy);
-  copy[length] = 0;
-  return copy;
-}
-
 // The block number in a record. One that does not fit an int becomes INT_MAX or INT_MIN, which no
 // file has either.
 int BlockNumber(const char* text) {
-  const long number = strtol(text, nullptr, 10);
-  return static_cast<int>(std::clamp<long>(number, INT_MIN, INT_MAX));
+  return static_cast<int>(std::clamp<long>(LeadingNumber(text), INT_MIN, INT_MAX));
 }
 
 }  // namespace
 
-XBaseMemoField::XBaseMemoField(XBaseTable* owner, const char* name, int length, int decimalcount)
-    : XBaseField(owner, name, XBaseField_Memo, length, decimalcount) {}
+XBaseMemoField::XBaseMemoField(XBaseTable* table, const char* name, int length, int decimalcount)
+    : XBaseField(table, name, XBaseField_Memo, length, decimalcount) {}
 
-XBaseMemoField::XBaseMemoField(XBaseTable* owner, const char* name, int name_length, int length,
+XBaseMemoField::XBaseMemoField(XBaseTable* table, const char* name, int name_length, int length,
                                int decimalcount)
-    : XBaseField(owner, name, name_length, XBaseField_Memo, length, decimalcount) {}
+    : XBaseField(table, name, name_length, XBaseField_Memo, length, decimalcount) {}
 
 XBaseMemoField::~XBaseMemoField() {
   delete[] memo;
@@ -77,9 +71,8 @@ bool XBaseMemoField::WriteBlocks() {
 }
 
 void XBaseMemoField::Set(const char* text, int length) {
-  if (!text || length < -1) length = 0;
-  if (length == -1) length = static_cast<int>(strlen(text));
-  char* copy = CopyOf(text, length);
+  length = MeasuredLength(text, length);
+  char* copy = NewTextCopy(text, length);
   delete[] std::exchange(memo, copy);
   memo_length = length;
   dirty = 1;
@@ -93,7 +86,7 @@ bool XBaseMemoField::Load() {
   char* text = nullptr;
   int count = 0;
   if (const int block = BlockNumber(current); block == 0) {
-    text = CopyOf("", 0);
+    text = NewTextCopy("", 0);
   } else if (!table || !table->ReadMemoBlock(block, &text, &count)) {
     delete[] text;
     return false;
@@ -102,7 +95,7 @@ bool XBaseMemoField::Load() {
   memo_length = count;
   // If SwapOriginal has exchanged the texts, a changed memo is here: keep it.
   if (!original_memo) {
-    original_memo = CopyOf(memo, count);
+    original_memo = NewTextCopy(memo, count);
     original_memo_length = count;
   }
   return true;
@@ -116,6 +109,6 @@ void XBaseMemoField::SetOriginal() {
   if (!memo) return;
   const int count = static_cast<int>(strlen(memo));
   delete[] std::exchange(original_memo, nullptr);
-  original_memo = CopyOf(memo, count);
+  original_memo = NewTextCopy(memo, count);
   original_memo_length = count;
 }

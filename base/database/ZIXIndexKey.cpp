@@ -2,13 +2,13 @@
 
 #include "base/database/ZIXIndexKey.h"
 
-#include <locale.h>
-#include <stdlib.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+
+#include "base/core/CLocale.h"
+#include "base/core/ascii.h"
 
 namespace {
 
@@ -23,8 +23,7 @@ bool ReadDigits(const unsigned char* text, double* value) {
   if (negative) text++;
   long sum = 0;
   int digits = 0;
-  for (; *text >= '0' && *text <= '9' && digits <= 15; text++, digits++)
-    sum = sum * 10 + *text - '0';
+  for (; zp_isdigit(*text) && digits <= 15; text++, digits++) sum = sum * 10 + *text - '0';
   if (*text != 0 || digits == 0 || digits > 15) return false;
   *value = static_cast<double>(sum);
   if (negative) *value = -*value;
@@ -44,7 +43,6 @@ int Turned(int order, unsigned flags) {
 }  // namespace
 
 ZIXIndexOrder::Number ZIXIndexOrder::Read(const unsigned char* text) {
-  static const locale_t locale = newlocale(LC_ALL_MASK, "C", nullptr);
   Number number = {0.0, false, false};
   if (ReadDigits(text, &number.value)) {
     number.whole = true;
@@ -53,7 +51,7 @@ ZIXIndexOrder::Number ZIXIndexOrder::Read(const unsigned char* text) {
   if (!MayBeNumber(*text)) return number;
   char* end = nullptr;
   errno = 0;
-  number.value = strtod_l(Chars(text), &end, locale);
+  number.value = strtod_l(Chars(text), &end, CLocale());
   number.whole = *end == 0;
   number.out_of_range = errno == ERANGE;
   return number;
@@ -67,8 +65,8 @@ int ZIXIndexOrder::NumberCompare(const Number& a, const unsigned char* text) {
   return a.value > b.value ? 1 : -1;
 }
 
-ZIXIndexKey::ZIXIndexKey(const unsigned char* text, int length, int keysize, unsigned index_flags)
-    : flags(index_flags) {
+ZIXIndexKey::ZIXIndexKey(const unsigned char* text, int length, int keysize, unsigned flags)
+    : flags(flags) {
   const size_t room = static_cast<size_t>(std::max(keysize - 1, 0));
   const size_t given = !text ? 0 : length < 0 ? room : static_cast<size_t>(length);
   const size_t kept = text ? strnlen(Chars(text), std::min(given, room)) : 0;

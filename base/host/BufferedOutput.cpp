@@ -4,10 +4,13 @@
 #include "base/host/BufferedOutput.h"
 
 #include <algorithm>
+#include <cassert>
 #include <climits>
 #include <cstring>
 #include <new>
 #include <utility>
+
+#include "base/core/MeasuredLength.h"
 
 namespace {
 
@@ -15,9 +18,9 @@ const int kDefaultCapacity = 8192;
 
 }  // namespace
 
-BufferedOutput::BufferedOutput(int bytes)
-    : buffer(nullptr), capacity(bytes < 1 ? kDefaultCapacity : bytes) {
-  buffer = new char[static_cast<size_t>(capacity)];
+BufferedOutput::BufferedOutput(int capacity)
+    : buffer(nullptr), capacity(capacity < 1 ? kDefaultCapacity : capacity) {
+  buffer = new char[static_cast<size_t>(this->capacity)];
 }
 
 BufferedOutput::~BufferedOutput() {
@@ -25,8 +28,8 @@ BufferedOutput::~BufferedOutput() {
 }
 
 int BufferedOutput::Write(const char* text, int length) {
-  if (length == -1) length = static_cast<int>(strlen(text));
-  if (length <= 0) return 0;
+  length = MeasuredLength(text, length);
+  if (length == 0) return 0;
   if (length > capacity) {
     const char* p = text;
     int left = length;
@@ -99,7 +102,11 @@ void CaptureOutput::StepOver() {
   CaptureOutput* const gone = outer;
   parent_output = gone->parent_output;
   outer = gone->outer;
-  if (outer) outer->holders++;
+  if (outer) {
+    outer->holders++;
+    // The one that is over holds a count too, so releasing it does not free the new parent.
+    assert(outer->holders > 1);
+  }
   gone->Release();
 }
 
@@ -163,7 +170,8 @@ char* CaptureOutput::data(int* length, int* size) {
 NullOutput::NullOutput(int (*receiver)(const char*, int)) : callback(receiver) {}
 
 int NullOutput::Write(const char* text, int length) {
-  if (length == -1) length = static_cast<int>(strlen(text));
+  // The receiver gets other negative lengths as they are.
+  if (length == -1) length = MeasuredLength(text, -1);
   return DoWrite(text, length);
 }
 

@@ -6,6 +6,9 @@
 #include <memory>
 #include <utility>
 
+#include "base/core/CopyText.h"
+#include "base/core/MeasuredLength.h"
+
 namespace {
 
 constexpr int default_buffer_size = 8192;
@@ -39,7 +42,8 @@ ConfigValue::ConfigValue(int id, const char* text, int length, int owned)
       text_length(length),
       text_owned(owned),
       value_integer(0) {
-  if (length < 0) text_length = text != nullptr ? int(strlen(text)) : 0;
+  // Configuration libraries may give any negative length for a terminated text.
+  if (length < 0) text_length = MeasuredLength(text, -1);
 }
 
 ConfigValue::ConfigValue(const ConfigValue& other)
@@ -49,9 +53,7 @@ ConfigValue::ConfigValue(const ConfigValue& other)
       text_owned(1),
       value_integer(other.value_integer) {
   if (other.value_text == nullptr) return;
-  value_text = new char[size_t(text_length) + 1];
-  memcpy(value_text, other.value_text, size_t(text_length));
-  value_text[text_length] = 0;
+  value_text = NewTextCopy(other.value_text, text_length);
 }
 
 ConfigValue::~ConfigValue() {

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <charconv>
 #include <climits>
-#include <clocale>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -14,7 +13,9 @@
 #include <new>
 #include <string_view>
 
+#include "base/core/CLocale.h"
 #include "base/core/CopyText.h"
+#include "base/core/MeasuredLength.h"
 #include "base/core/RunLimit.h"
 #include "base/core/ascii.h"
 #include "base/core/dtoa.h"
@@ -27,14 +28,6 @@ constexpr int OpenPlaces = 20;
 constexpr int DigitRoom = 512;
 
 constexpr char UpperHex[] = "0123456789ABCDEF";
-
-int LengthOf(const char* text, int length) {
-  if (!text) return 0;
-  if (length != -1) return length < 0 ? 0 : length;
-  const size_t measured = strlen(text);
-  if (measured > INT_MAX) throw std::bad_alloc();
-  return static_cast<int>(measured);
-}
 
 // Calls step(from, to) for each part of a text in turn. A step returns where the next part begins,
 // at `to` or later. Returns where the work ended: the end of the text, or the point at which the
@@ -69,21 +62,9 @@ void EndText(char* buffer, char** out, bool is_whole) {
 }
 
 char* Constant(const char* text, int* length, int* size) {
-  const int count = static_cast<int>(strlen(text));
-  char* buffer = NewText(count + 1);
-  memcpy(buffer, text, static_cast<size_t>(count) + 1);
+  const int count = MeasuredLength(text, -1);
   Report(count, count + 1, length, size);
-  return buffer;
-}
-
-int HexDigit(unsigned char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  c = zp_toupper(c);
-  return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
-
-bool IsDigit(unsigned char c) {
-  return c >= '0' && c <= '9';
+  return NewTextCopy(text, count);
 }
 
 // Significant digits of a finite double, without trailing zeros; point counts from the first one.
@@ -155,7 +136,7 @@ char* NotFiniteToText(double value, int* length, int* size) {
 int HexToInteger(const char* text, int length, int* error) {
   unsigned result = 0;
   for (int i = 0; i < length; i++) {
-    const int digit = HexDigit(static_cast<unsigned char>(text[i]));
+    const int digit = zp_hexvalue(text[i]);
     if (digit < 0) {
       *error = 1;
       return 0;
@@ -165,13 +146,12 @@ int HexToInteger(const char* text, int length, int* error) {
   return static_cast<int>(result);
 }
 
-// strtod of the "C" locale, because a library may have changed the locale of the process. It reads
-// signs, leading white space, hexadecimal forms, "inf" and "nan". REQUIRES: the text is terminated.
+// strtod of the "C" locale. It reads signs, leading white space, hexadecimal forms, "inf" and
+// "nan". REQUIRES: the text is terminated.
 double TerminatedToDouble(const char* text, int length, int* error) {
-  static const locale_t locale = newlocale(LC_ALL_MASK, "C", nullptr);
   char* end = nullptr;
   errno = 0;
-  const double value = strtod_l(text, &end, locale);
+  const double value = strtod_l(text, &end, CLocale());
   if (end - text != length) {
     *error = 1;
     return 0.0;
@@ -263,8 +243,7 @@ int EntityByte(const char* name, int length) {
 // semicolon; if white space comes first, the text is not an entity.
 int DecodeEntity(const char* text, int length, int i, char** out) {
   int stop = i + 1;
-  while (stop < length && text[stop] != ';' &&
-         !zp_isspace(static_cast<unsigned char>(text[stop]))) {
+  while (stop < length && text[stop] != ';' && !zp_isspace(text[stop])) {
     stop++;
   }
   const bool candidate = stop == length || text[stop] == ';';
@@ -349,11 +328,8 @@ char* ZephApplication::itos(int value, int* length, int* size) {
   char text[12];
   const auto end = std::to_chars(text, text + sizeof text, value);
   const int count = static_cast<int>(end.ptr - text);
-  char* buffer = new char[static_cast<size_t>(count) + 1];
-  memcpy(buffer, text, static_cast<size_t>(count));
-  buffer[count] = 0;
   Report(count, count + 1, length, size);
-  return buffer;
+  return NewTextCopy(text, count);
 }
 
 char* ZephApplication::dtos(double value, int* length, int* size, int precision) {
@@ -383,20 +359,20 @@ int ZephApplication::stoi(const char* text, int length, int* error) {
   int ignored;
   if (!error) error = &ignored;
   *error = 0;
-  length = LengthOf(text, length);
+  length = MeasuredLength(text, length);
   if (length >= 3 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X') &&
-      HexDigit(static_cast<unsigned char>(text[2])) >= 0) {
+      zp_hexvalue(text[2]) >= 0) {
     return HexToInteger(text + 2, length - 2, error);
   }
   const bool negative = length > 0 && text[0] == '-';
-  if (!negative && (length == 0 || !IsDigit(static_cast<unsigned char>(text[0])))) {
+  if (!negative && (length == 0 || !zp_isdigit(text[0]))) {
     *error = 1;
     return 0;
   }
   unsigned result = 0;
   for (int i = negative; i < length; i++) {
     const auto c = static_cast<unsigned char>(text[i]);
-    if (!IsDigit(c)) {
+    if (!zp_isdigit(c)) {
       *error = 1;
       return 0;
     }
@@ -410,15 +386,15 @@ double ZephApplication::stod(const char* text, int length, int size, int* error)
   if (!error) error = &ignored;
   *error = 0;
   if (length == -1 && text) {
-    length = LengthOf(text, -1);
+    length = MeasuredLength(text, -1);
     size = length < INT_MAX ? length + 1 : length;
   }
-  length = LengthOf(text, length);
+  length = MeasuredLength(text, length);
   if (length == 0) return 0.0;
   // Nearly all numbers are plain decimal text, for which from_chars is faster and rounds as strtod
   // does. Text that it does not read to the end, or finds out of range, goes to strtod.
   const unsigned char first = static_cast<unsigned char>(text[text[0] == '-' && length > 1]);
-  if (IsDigit(first) || first == '.') {
+  if (zp_isdigit(first) || first == '.') {
     double value = 0.0;
     const auto result = std::from_chars(text, text + length, value);
     if (result.ec == std::errc() && result.ptr == text + length) return value;
@@ -427,7 +403,7 @@ double ZephApplication::stod(const char* text, int length, int size, int* error)
 }
 
 char* ZephApplication::EncodeAttribute(const char* text, int textlength, int* length, int* size) {
-  textlength = LengthOf(text, textlength);
+  textlength = MeasuredLength(text, textlength);
   int64_t needed = 0;
   const int counted = ByParts(textlength, [&needed, text](int from, int to) {
     for (int i = from; i < to; i++) {
@@ -461,7 +437,7 @@ char* ZephApplication::EncodeAttribute(const char* text, int textlength, int* le
 }
 
 char* ZephApplication::DecodeAttribute(const char* text, int textlength, int* length, int* size) {
-  textlength = LengthOf(text, textlength);
+  textlength = MeasuredLength(text, textlength);
   char* buffer = NewText(int64_t{textlength} + 1);
   char* out = buffer;
   const int done = ByParts(textlength, [&out, text, textlength](int i, int to) {
@@ -469,8 +445,8 @@ char* ZephApplication::DecodeAttribute(const char* text, int textlength, int* le
     for (; i < to; i++) {
       const char c = text[i];
       if (c == '%' && textlength - i > 2) {
-        const int high = HexDigit(static_cast<unsigned char>(text[i + 1]));
-        const int low = HexDigit(static_cast<unsigned char>(text[i + 2]));
+        const int high = zp_hexvalue(text[i + 1]);
+        const int low = zp_hexvalue(text[i + 2]);
         if (high >= 0 && low >= 0) {
           *end++ = static_cast<char>(high << 4 | low);
           i += 2;
@@ -488,7 +464,7 @@ char* ZephApplication::DecodeAttribute(const char* text, int textlength, int* le
 }
 
 char* ZephApplication::EncodeEntities(const char* text, int textlength, int* length, int* size) {
-  textlength = LengthOf(text, textlength);
+  textlength = MeasuredLength(text, textlength);
   int64_t needed = 0;
   const int counted = ByParts(textlength, [&needed, text](int from, int to) {
     for (int i = from; i < to; i++) {
@@ -519,7 +495,7 @@ char* ZephApplication::EncodeEntities(const char* text, int textlength, int* len
 }
 
 char* ZephApplication::DecodeEntities(const char* text, int textlength, int* length, int* size) {
-  textlength = LengthOf(text, textlength);
+  textlength = MeasuredLength(text, textlength);
   char* buffer = NewText(int64_t{textlength} + 1);
   char* out = buffer;
   const int done = ByParts(textlength, [&out, text, textlength](int i, int to) {
@@ -540,7 +516,7 @@ char* ZephApplication::DecodeEntities(const char* text, int textlength, int* len
 }
 
 char* ZephApplication::StripNULLs(const char* text, int textlength, int* length, int* size) {
-  textlength = LengthOf(text, textlength);
+  textlength = MeasuredLength(text, textlength);
   char* buffer = NewText(int64_t{textlength} + 1);
   char* out = buffer;
   const int done = ByParts(textlength, [&out, text](int from, int to) {
@@ -558,7 +534,7 @@ char* ZephApplication::StripNULLs(const char* text, int textlength, int* length,
 
 char* ZephApplication::EncodeJavaScriptString(const char* text, int textlength, int* length,
                                               int* size) {
-  textlength = LengthOf(text, textlength);
+  textlength = MeasuredLength(text, textlength);
   const bool utf8 = CharacterSetIsUTF8() != 0;
   const auto* bytes = reinterpret_cast<const unsigned char*>(text);
   char piece[8];

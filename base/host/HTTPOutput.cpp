@@ -13,34 +13,34 @@
 #include <thread>
 #include <utility>
 
+#include "base/core/MeasuredLength.h"
 #include "base/host/Config.h"
 
 namespace {
 
 const int kDefaultBlockSize = 8192;
 
-int LengthOf(const char* text, int length) {
-  return length == -1 ? static_cast<int>(strlen(text)) : length;
-}
-
 }  // namespace
 
-HTTPOutput_Header::HTTPOutput_Header(const char* field, int fieldlength, int fieldowned,
-                                     const char* content, int contentlength, int contentowned)
-    : name(field),
-      namelength(LengthOf(field, fieldlength)),
-      nameowned(fieldowned),
-      value(content),
-      valuelength(LengthOf(content, contentlength)),
-      valueowned(contentowned) {}
+HTTPOutput_Header::HTTPOutput_Header(const char* name, int namelength, int nameowned,
+                                     const char* value, int valuelength, int valueowned)
+    : name(name),
+      namelength(MeasuredLength(name, namelength)),
+      nameowned(nameowned),
+      value(value),
+      valuelength(MeasuredLength(value, valuelength)),
+      valueowned(valueowned) {}
 
 HTTPOutput_Header::~HTTPOutput_Header() {
   if (nameowned) delete[] name;
   if (valueowned) delete[] value;
 }
 
-HTTPOutput_Chain::HTTPOutput_Chain(int grows, int size)
-    : growable(grows), data(new char[static_cast<size_t>(size)]), blocksize(size), capacity(size) {}
+HTTPOutput_Chain::HTTPOutput_Chain(int growable, int blocksize)
+    : growable(growable),
+      data(new char[static_cast<size_t>(blocksize)]),
+      blocksize(blocksize),
+      capacity(blocksize) {}
 
 HTTPOutput_Chain::~HTTPOutput_Chain() {
   delete[] data;
@@ -115,8 +115,8 @@ void HTTPOutput::HoldRoom() {
 }
 
 int HTTPOutput::Write(const char* text, int length) {
-  if (length == -1) length = static_cast<int>(strlen(text));
-  if (length <= 0) return 0;
+  length = MeasuredLength(text, length);
+  if (length == 0) return 0;
   CountPut();
   total += length;
   since_flush += length;

@@ -8,27 +8,21 @@
 #include <memory>
 
 #include "base/core/Output.h"
+#include "base/core/ascii.h"
 #include "base/core/memcmpi.h"
 #include "base/host/Config.h"
 
 namespace {
 
-inline bool IsSpace(char c) {
-  return c == ' ' || (c >= '\t' && c <= '\r');
-}
-inline bool IsDigit(char c) {
-  return c >= '0' && c <= '9';
-}
-
 const char* SkipSpace(const char* p) {
-  while (IsSpace(*p)) p++;
+  while (zp_isspace(*p)) p++;
   return p;
 }
 
 // Reads a line number and moves past it; no digits read as 0.
 int LineNumber(const char** p) {
   const char* start = *p;
-  while (IsDigit(**p)) (*p)++;
+  while (zp_isdigit(**p)) (*p)++;
   int length = static_cast<int>(*p - start);
   return length == 0 ? 0 : ZephApplication::stoi(start, length, nullptr);
 }
@@ -192,18 +186,18 @@ int ZephApplication::defaultdatabasecount() {
   return default_database_count;
 }
 
-void ZephApplication::SetLanguage(const String& text) {
-  current_language.assign(text.data, text.length);
+void ZephApplication::SetLanguage(const String& language) {
+  current_language.assign(language.data, language.length);
   language_count++;
 }
 
-void ZephApplication::SetDefaultLanguage(const String& text) {
-  default_language.assign(text.data, text.length);
+void ZephApplication::SetDefaultLanguage(const String& language) {
+  default_language.assign(language.data, language.length);
   default_language_count++;
 }
 
-void ZephApplication::SetDefaultDatabase(const String& text) {
-  default_database.assign(text.data, text.length);
+void ZephApplication::SetDefaultDatabase(const String& database) {
+  default_database.assign(database.data, database.length);
   default_database_count++;
 }
 
@@ -214,8 +208,8 @@ int ZephApplication::charsetcount() {
   return character_set_count;
 }
 
-void ZephApplication::SetCharacterSet(const String& text) {
-  character_set.assign(text.data, text.length);
+void ZephApplication::SetCharacterSet(const String& charset) {
+  character_set.assign(charset.data, charset.length);
   character_set_count++;
   character_set_is_utf8 = character_set.length == 5 && memcmpi(character_set.data, "utf-8", 5) == 0;
 }
@@ -240,7 +234,7 @@ void ZephApplication::ParseLogFilter(const char* text) {
     bool exclude = *p == '!';
     if (exclude) p = SkipSpace(p + 1);
     const char* name = p;
-    while (*p && !IsSpace(*p) && *p != ',' && *p != ':') p++;
+    while (*p && !zp_isspace(*p) && *p != ',' && *p != ':') p++;
     int length = static_cast<int>(p - name);
     int first = 0, last = 0;
     p = SkipSpace(p);

@@ -68,8 +68,9 @@ struct LogParameter {
 // One entry of the setting log_filter: a source file, and a range of its lines.
 class LogFilterEntry {
  public:
-  // Copies the name, which is not terminated. Line 0 means no bound on that side.
-  LogFilterEntry(const char* name, int length, int first, int last);
+  // text is the name of the file; length bytes of it are copied. Line 0 means no bound on that
+  // side.
+  LogFilterEntry(const char* text, int length, int first, int last);
   virtual ~LogFilterEntry();
   LogFilterEntry(const LogFilterEntry&) = delete;
   LogFilterEntry& operator=(const LogFilterEntry&) = delete;

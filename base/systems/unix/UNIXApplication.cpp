@@ -22,6 +22,7 @@
 #include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/TaggedFile.h"
 #include "base/compiled/VariableHash.h"
+#include "base/core/CLocale.h"
 #include "base/core/MD5.h"
 #include "base/core/Output.h"
 #include "base/core/ThreadMemory.h"
@@ -107,8 +108,8 @@ const ProcessIdentity& ThisProcess() {
 }  // namespace
 
 UNIXApplication::UNIXApplication(int argc, char** argv, int copied_argc, char** copied_argv,
-                                 ExternalLibraryManager* libraries)
-    : library_manager(libraries),
+                                 ExternalLibraryManager* library_manager)
+    : library_manager(library_manager),
       argument_count(argc),
       arguments(argv),
       copied_argument_count(copied_argc),
@@ -212,7 +213,7 @@ String UNIXApplication::currentdate() {
   tm local{};
   localtime_r(&now, &local);
   char text[64];
-  size_t length = strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S ", &local);
+  size_t length = strftime_l(text, sizeof text, "%a, %d %b %Y %H:%M:%S ", &local, CLocale());
   // Whole hours west of Greenwich, daylight saving counting as an hour to the east.
   long west = timezone / 3600 - (local.tm_isdst > 0 ? 1 : 0);
   snprintf(text + length, sizeof text - length, west < 0 ? "+%04ld" : "-%04ld",
@@ -290,10 +291,8 @@ void UNIXApplication::ClearPOSTTimeout() {
 const char* UNIXApplication::lockhostname() {
   const char* name = configuration->value_string(Config_lock_hostname);
   if (name) return name;
-  size_t length = strlen(host_name);
-  char* copy = new char[length + 1];
-  memcpy(copy, host_name, length + 1);
-  configuration->SetValue(Config_lock_hostname, copy, static_cast<int>(length), 1);
+  char* copy = zeph_strdup(host_name);
+  configuration->SetValue(Config_lock_hostname, copy, -1, 1);
   return copy;
 }
 

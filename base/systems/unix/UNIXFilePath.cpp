@@ -6,17 +6,12 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/core/StringClass.h"
+
 namespace {
 
 const char root_text[] = "/";
 const char dot_text[] = ".";
-
-char* CopyOf(const char* text) {
-  size_t size = strlen(text) + 1;
-  char* copy = new char[size];
-  memcpy(copy, text, size);
-  return copy;
-}
 
 // The character between two elements: a slash, or the NUL that Element has put there.
 bool IsSeparator(char c) {
@@ -25,11 +20,11 @@ bool IsSeparator(char c) {
 
 }  // namespace
 
-UNIXFilePath::UNIXFilePath(const char* path) : text(CopyOf(path == nullptr ? "" : path)) {
+UNIXFilePath::UNIXFilePath(const char* path) : text(zeph_strdup(path == nullptr ? "" : path)) {
   Parse();
 }
 
-UNIXFilePath::UNIXFilePath(char* path, bool copy) : text(copy ? CopyOf(path) : path) {
+UNIXFilePath::UNIXFilePath(char* path, bool copy) : text(copy ? zeph_strdup(path) : path) {
   Parse();
 }
 

@@ -34,9 +34,9 @@ class UNIXFilePath {
   // only the text. In a relative path a ".." with no element left to drop stays.
   void Collapse() const;
   // Returns the kept elements in a buffer made with new[], which the caller owns; "." or "/" when
-  // there are none. The out-parameters may be null; *length is without the NUL, *allocated is the
-  // size of the buffer.
-  [[nodiscard]] char* Collapsed_Path(int* length, int* allocated) const;
+  // there are none. The out-parameters may be null; *result_length is without the NUL, *allocated
+  // is the size of the buffer.
+  [[nodiscard]] char* Collapsed_Path(int* result_length, int* allocated) const;
   // The directory and the name that a file operation uses: all kept elements but the last, and the
   // last one. A path that ends in ".." has all of them as its directory, and "." as its name.
   const char* Collapsed_Directory();

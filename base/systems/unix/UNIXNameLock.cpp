@@ -19,11 +19,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
 
+#include "base/core/CLocale.h"
 #include "base/core/MD5.h"
 #include "base/host/Config.h"
 #include "base/host/ZephApplication.h"
@@ -38,6 +38,9 @@ constexpr int record_flags = O_NOFOLLOW | quiet_flags;
 // At most this many bytes of a record are read.
 constexpr size_t record_limit = 511;
 
+constexpr int kDigestLetters = 32;
+constexpr size_t kNumberLetters = 10;  // the most of an unsigned
+
 // The content of a lock file. Text that is not a record gives process 0 and no host.
 struct OwnerRecord {
   int process = 0;
@@ -50,9 +53,9 @@ struct OwnerRecord {
       *colon = 0;
       host = colon + 1;
     }
-    process = static_cast<int>(strtol(text, nullptr, 10));
+    process = static_cast<int>(LeadingNumber(text));
     char* mark = strchr(text, '!');
-    if (mark != nullptr) thread = static_cast<int>(strtol(mark + 1, nullptr, 10));
+    if (mark != nullptr) thread = static_cast<int>(LeadingNumber(mark + 1));
   }
 };
 
@@ -102,14 +105,15 @@ NameLock::NameLock(ZephApplication* owner, int in, const char* locked)
       thread(static_cast<unsigned>(owner->threadid())) {
   if (host == nullptr) host = "";
   unsigned char digest[16];
-  char printable[32];
+  char printable[kDigestLetters];
   MD5Encoder encoder;
   encoder.Encode(reinterpret_cast<const unsigned char*>(host), static_cast<unsigned>(strlen(host)),
                  digest);
   encoder.Make_Printable(digest, printable);
-  size_t size = strlen(name) + 32 + 2 * 10 + 4;
+  size_t size = strlen(name) + kDigestLetters + 2 * kNumberLetters + 4;
   private_name.reset(new char[size]);
-  snprintf(private_name.get(), size, "%s.%.*s.%u.%u", name, 32, printable, process, thread);
+  snprintf(private_name.get(), size, "%s.%.*s.%u.%u", name, kDigestLetters, printable, process,
+           thread);
 }
 
 NameLock::~NameLock() {
@@ -126,7 +130,7 @@ bool NameLock::MakePrivateFile() {
   // pretends to be us. It is not deleted here; that is up to the administrator of the directory.
   has_private_file = created.is_open() || errno != EEXIST;
   if (!created.is_open()) return false;
-  size_t size = strlen(host) + 2 * 10 + 3;
+  size_t size = strlen(host) + 2 * kNumberLetters + 3;
   std::unique_ptr<char[]> record(new char[size]);
   int length = snprintf(record.get(), size, "%u!%u:%s", process, thread, host);
   return WriteAll(created.get(), record.get(), static_cast<size_t>(length)) &&

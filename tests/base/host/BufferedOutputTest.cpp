@@ -134,6 +134,44 @@ int Half(const char*, int length) {
   return length / 2;
 }
 
+// Each capture but the last is over when the last one looks for its parent, and its makers have
+// given their counts back: the look frees all of them on its way.
+TEST(CaptureOutput, ParentIsTheNearestThatIsNotOverHoweverManyAreBetween) {
+  NullOutput outermost(nullptr);
+  auto* last = new CaptureOutput(&outermost);
+  auto* living = last;
+  for (int i = 0; i < 100; i++) {
+    auto* next = new CaptureOutput(last);
+    if (last != living) last->Close();
+    last = next;
+  }
+  EXPECT_EQ(last->parent(), living);
+  // Held by the last one only, from here on.
+  living->Close();
+  EXPECT_TRUE(last->parent_over());
+  EXPECT_EQ(last->parent(), &outermost);
+  EXPECT_FALSE(last->parent_over());
+  EXPECT_EQ(last->parent(), &outermost);
+  last->Close();
+}
+
+// Two captures have the same parent that is over: the first look must not free what the second
+// reads.
+TEST(CaptureOutput, OneThatIsOverStaysForEachCaptureInIt) {
+  NullOutput outermost(nullptr);
+  auto* over = new CaptureOutput(&outermost);
+  auto* between = new CaptureOutput(over);
+  auto* first = new CaptureOutput(between);
+  auto* second = new CaptureOutput(between);
+  over->Close();
+  between->Close();
+  EXPECT_EQ(first->parent(), &outermost);
+  EXPECT_TRUE(second->parent_over());
+  EXPECT_EQ(second->parent(), &outermost);
+  first->Close();
+  second->Close();
+}
+
 TEST(NullOutput, SwallowsOrAsksItsCallback) {
   NullOutput silent(nullptr);
   EXPECT_EQ(silent.Write("abcd", -1), 4);
