@@ -54,11 +54,45 @@ void Report(int64_t length, int64_t size, int* length_out, int* size_out) {
   if (size_out) *size_out = static_cast<int>(size);
 }
 
-// Ends a text that was converted by parts. One that the time limit has cut short is empty, because
-// a part of it may mean something else.
-void EndText(char* buffer, char** out, bool is_whole) {
-  if (!is_whole) *out = buffer;
-  **out = 0;
+// The two passes of the encoders. An encoder is a function for one unit, the bytes that are
+// converted together: it gets the place of the unit, and returns the place after it.
+
+// Adds up the bytes of the result: measure(i, &needed) adds those of the unit at i. Returns the
+// place where the count ended, by the end of the text or by the time limit.
+template <class Measure>
+int MeasureUnits(int textlength, int64_t* needed, Measure measure) {
+  return ByParts(textlength, [needed, &measure](int i, int to) {
+    int64_t sum = *needed;  // a local is kept in a register
+    while (i < to) i = measure(i, &sum);
+    *needed = sum;
+    return i;
+  });
+}
+
+// Converts the first `through` bytes of a text into a buffer of that size, which the caller gets:
+// convert(i, &out) writes the unit at i and moves out past it. A text that the time limit has cut
+// short is empty, because a part of it may mean something else.
+template <class Convert>
+char* ConvertUnits(int textlength, int through, int64_t allocated, int* length, int* size,
+                   Convert convert) {
+  char* const buffer = NewText(allocated);
+  char* out = buffer;
+  const int done = ByParts(through, [&out, &convert](int i, int to) {
+    char* end = out;
+    while (i < to) i = convert(i, &end);
+    out = end;
+    return i;
+  });
+  if (done != textlength) out = buffer;
+  *out = 0;
+  Report(out - buffer, allocated, length, size);
+  return buffer;
+}
+
+// ConvertUnits for a result that is at most as long as the text.
+template <class Convert>
+char* ShrinkUnits(int textlength, int* length, int* size, Convert convert) {
+  return ConvertUnits(textlength, textlength, int64_t{textlength} + 1, length, size, convert);
 }
 
 char* Constant(const char* text, int* length, int* size) {
@@ -405,131 +439,78 @@ double ZephApplication::stod(const char* text, int length, int size, int* error)
 char* ZephApplication::EncodeAttribute(const char* text, int textlength, int* length, int* size) {
   textlength = MeasuredLength(text, textlength);
   int64_t needed = 0;
-  const int counted = ByParts(textlength, [&needed, text](int from, int to) {
-    for (int i = from; i < to; i++) {
-      const auto c = static_cast<unsigned char>(text[i]);
-      needed += attribute_table.plain[c] || c == ' ' ? 1 : 3;
-    }
-    return to;
+  const int counted = MeasureUnits(textlength, &needed, [text](int i, int64_t* sum) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    *sum += attribute_table.plain[c] || c == ' ' ? 1 : 3;
+    return i + 1;
   });
-  char* buffer = NewText(needed + 1);
-  char* out = buffer;
-  const int done = ByParts(counted, [&out, text](int from, int to) {
-    char* end = out;
-    for (int i = from; i < to; i++) {
-      const auto c = static_cast<unsigned char>(text[i]);
-      if (attribute_table.plain[c]) {
-        *end++ = static_cast<char>(c);
-      } else if (c == ' ') {
-        *end++ = '+';
-      } else {
-        *end++ = '%';
-        *end++ = UpperHex[c >> 4];
-        *end++ = UpperHex[c & 15];
-      }
+  return ConvertUnits(textlength, counted, needed + 1, length, size, [text](int i, char** out) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (attribute_table.plain[c]) {
+      *(*out)++ = static_cast<char>(c);
+    } else if (c == ' ') {
+      *(*out)++ = '+';
+    } else {
+      *(*out)++ = '%';
+      *(*out)++ = UpperHex[c >> 4];
+      *(*out)++ = UpperHex[c & 15];
     }
-    out = end;
-    return to;
+    return i + 1;
   });
-  EndText(buffer, &out, done == textlength);
-  Report(out - buffer, needed + 1, length, size);
-  return buffer;
 }
 
 char* ZephApplication::DecodeAttribute(const char* text, int textlength, int* length, int* size) {
   textlength = MeasuredLength(text, textlength);
-  char* buffer = NewText(int64_t{textlength} + 1);
-  char* out = buffer;
-  const int done = ByParts(textlength, [&out, text, textlength](int i, int to) {
-    char* end = out;
-    for (; i < to; i++) {
-      const char c = text[i];
-      if (c == '%' && textlength - i > 2) {
-        const int high = zp_hexvalue(text[i + 1]);
-        const int low = zp_hexvalue(text[i + 2]);
-        if (high >= 0 && low >= 0) {
-          *end++ = static_cast<char>(high << 4 | low);
-          i += 2;
-          continue;
-        }
+  return ShrinkUnits(textlength, length, size, [text, textlength](int i, char** out) {
+    const char c = text[i];
+    if (c == '%' && textlength - i > 2) {
+      const int high = zp_hexvalue(text[i + 1]);
+      const int low = zp_hexvalue(text[i + 2]);
+      if (high >= 0 && low >= 0) {
+        *(*out)++ = static_cast<char>(high << 4 | low);
+        return i + 3;
       }
-      *end++ = c == '+' ? ' ' : c;
     }
-    out = end;
-    return i;
+    *(*out)++ = c == '+' ? ' ' : c;
+    return i + 1;
   });
-  EndText(buffer, &out, done == textlength);
-  Report(out - buffer, int64_t{textlength} + 1, length, size);
-  return buffer;
 }
 
 char* ZephApplication::EncodeEntities(const char* text, int textlength, int* length, int* size) {
   textlength = MeasuredLength(text, textlength);
   int64_t needed = 0;
-  const int counted = ByParts(textlength, [&needed, text](int from, int to) {
-    for (int i = from; i < to; i++) {
-      needed += entity_table.length[static_cast<unsigned char>(text[i])];
-    }
-    return to;
+  const int counted = MeasureUnits(textlength, &needed, [text](int i, int64_t* sum) {
+    *sum += entity_table.length[static_cast<unsigned char>(text[i])];
+    return i + 1;
   });
-  char* buffer = NewText(needed + 1);
-  char* out = buffer;
-  const int done = ByParts(counted, [&out, text](int from, int to) {
-    char* end = out;
-    for (int i = from; i < to; i++) {
-      const auto byte = static_cast<unsigned char>(text[i]);
-      const int taken = entity_table.length[byte];
-      if (taken == 1) {
-        *end++ = text[i];
-      } else {
-        CopyText(end, entity_table.text[byte], static_cast<size_t>(taken));
-        end += taken;
-      }
+  return ConvertUnits(textlength, counted, needed + 1, length, size, [text](int i, char** out) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const int taken = entity_table.length[byte];
+    if (taken == 1) {
+      *(*out)++ = text[i];
+    } else {
+      CopyText(*out, entity_table.text[byte], static_cast<size_t>(taken));
+      *out += taken;
     }
-    out = end;
-    return to;
+    return i + 1;
   });
-  EndText(buffer, &out, done == textlength);
-  Report(out - buffer, needed + 1, length, size);
-  return buffer;
 }
 
 char* ZephApplication::DecodeEntities(const char* text, int textlength, int* length, int* size) {
   textlength = MeasuredLength(text, textlength);
-  char* buffer = NewText(int64_t{textlength} + 1);
-  char* out = buffer;
-  const int done = ByParts(textlength, [&out, text, textlength](int i, int to) {
-    char* end = out;
-    while (i < to) {
-      if (text[i] == '&') {
-        i = DecodeEntity(text, textlength, i, &end);
-      } else {
-        *end++ = text[i++];
-      }
-    }
-    out = end;
-    return i;
+  return ShrinkUnits(textlength, length, size, [text, textlength](int i, char** out) {
+    if (text[i] == '&') return DecodeEntity(text, textlength, i, out);
+    *(*out)++ = text[i];
+    return i + 1;
   });
-  EndText(buffer, &out, done == textlength);
-  Report(out - buffer, int64_t{textlength} + 1, length, size);
-  return buffer;
 }
 
 char* ZephApplication::StripNULLs(const char* text, int textlength, int* length, int* size) {
   textlength = MeasuredLength(text, textlength);
-  char* buffer = NewText(int64_t{textlength} + 1);
-  char* out = buffer;
-  const int done = ByParts(textlength, [&out, text](int from, int to) {
-    char* end = out;
-    for (int i = from; i < to; i++) {
-      if (text[i]) *end++ = text[i];
-    }
-    out = end;
-    return to;
+  return ShrinkUnits(textlength, length, size, [text](int i, char** out) {
+    if (text[i]) *(*out)++ = text[i];
+    return i + 1;
   });
-  EndText(buffer, &out, done == textlength);
-  Report(out - buffer, int64_t{textlength} + 1, length, size);
-  return buffer;
 }
 
 char* ZephApplication::EncodeJavaScriptString(const char* text, int textlength, int* length,
@@ -537,27 +518,19 @@ char* ZephApplication::EncodeJavaScriptString(const char* text, int textlength, 
   textlength = MeasuredLength(text, textlength);
   const bool utf8 = CharacterSetIsUTF8() != 0;
   const auto* bytes = reinterpret_cast<const unsigned char*>(text);
-  char piece[8];
   int64_t needed = 0;
-  const int counted = ByParts(textlength, [=, &needed, &piece](int i, int to) {
-    while (i < to) {
-      char* out = piece;
-      i += EncodeScriptByte(bytes + i, textlength - i, utf8, &out);
-      needed += out - piece;
-    }
-    return i;
+  const int counted = MeasureUnits(textlength, &needed, [=](int i, int64_t* sum) {
+    char piece[8];
+    char* out = piece;
+    const int taken = EncodeScriptByte(bytes + i, textlength - i, utf8, &out);
+    *sum += out - piece;
+    return i + taken;
   });
   // Callers see the size of a text built in blocks: 512 bytes of slack as long as that is enough,
   // then none.
   int64_t allocated = needed + 1;
   if (needed > 0 && allocated < int64_t{textlength} + 512) allocated = int64_t{textlength} + 512;
-  char* buffer = NewText(allocated);
-  char* out = buffer;
-  const int done = ByParts(counted, [=, &out](int i, int to) {
-    while (i < to) i += EncodeScriptByte(bytes + i, textlength - i, utf8, &out);
-    return i;
+  return ConvertUnits(textlength, counted, allocated, length, size, [=](int i, char** out) {
+    return i + EncodeScriptByte(bytes + i, textlength - i, utf8, out);
   });
-  EndText(buffer, &out, done == textlength);
-  Report(out - buffer, allocated, length, size);
-  return buffer;
 }
