@@ -89,12 +89,18 @@ void LinkBuffer::CatBeyondTail(const char* bytes, int length) {
   total += length;
 }
 
-void LinkBuffer::cat_nocopy(const char* bytes, int used, int allocated) {
+// A block of the given bytes, which it adopts, added to the total but not to the chain. A failure
+// frees the bytes.
+LinkBuffer_Block* LinkBuffer::Adopt(const char* bytes, int used, int allocated) {
   std::unique_ptr<char[]> owned(const_cast<char*>(bytes));
   std::unique_ptr<LinkBuffer_Block> block(new LinkBuffer_Block(bytes, used, allocated));
   (void)owned.release();
   AddToTotal(block->used);
-  LinkTail(block.release());
+  return block.release();
+}
+
+void LinkBuffer::cat_nocopy(const char* bytes, int used, int allocated) {
+  LinkTail(Adopt(bytes, used, allocated));
 }
 
 void LinkBuffer::cat_hex(unsigned char c) {
@@ -141,11 +147,7 @@ void LinkBuffer::prepend(const char* bytes, int length) {
 }
 
 void LinkBuffer::prepend_nocopy(const char* bytes, int used, int allocated) {
-  std::unique_ptr<char[]> owned(const_cast<char*>(bytes));
-  std::unique_ptr<LinkBuffer_Block> block(new LinkBuffer_Block(bytes, used, allocated));
-  (void)owned.release();
-  AddToTotal(block->used);
-  LinkHead(block.release());
+  LinkHead(Adopt(bytes, used, allocated));
 }
 
 void LinkBuffer::prepend(LinkBuffer* other) {

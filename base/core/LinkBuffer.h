@@ -112,6 +112,7 @@ class LinkBuffer {
  private:
   void CatBeyondTail(const char* bytes, int length);
   LinkBuffer_Block* NewBlock(int length, int granularity);
+  LinkBuffer_Block* Adopt(const char* bytes, int used, int allocated);
   void AddToTotal(int length);
   void LinkTail(LinkBuffer_Block* block);
   void LinkHead(LinkBuffer_Block* block);

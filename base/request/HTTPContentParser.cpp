@@ -21,7 +21,7 @@ const int kFirstRoom = 65536;
 
 }  // namespace
 
-HTTPContentParser::HTTPContentParser(VariableHash* table) : target(table) {}
+HTTPContentParser::HTTPContentParser(VariableHash* target) : target(target) {}
 HTTPContentParser::~HTTPContentParser() = default;
 
 const String& HTTPContentParser::error() {

@@ -39,9 +39,9 @@ const char* BehindQuotes(const char* p) {
 
 }  // namespace
 
-MultipartFormParser::MultipartFormParser(ZephVM* machine, FileManager* manager, VariableHash* table,
-                                         const char* contenttype, int most)
-    : HTTPContentParser(table), vm(machine), files(manager), limit(most) {
+MultipartFormParser::MultipartFormParser(ZephVM* vm, FileManager* files, VariableHash* target,
+                                         const char* contenttype, int limit)
+    : HTTPContentParser(target), vm(vm), files(files), limit(limit) {
   if (ExtractBoundary(contenttype)) {
     // The first boundary has no end of line before it, so the CR LF counts as matched.
     matched = 2;
@@ -304,25 +304,27 @@ void MultipartFormParser::StartBody(Block* block) {
   state = Body;
 }
 
-void MultipartFormParser::MatchBoundary(Block* block) {
+// False if the next byte is not the next one of the boundary.
+bool MultipartFormParser::MatchBoundaryByte(Block* block) {
   if (matched == boundary.used()) {
     state = BoundaryComplete;
   } else if (*block->next == boundary.data()[matched]) {
     matched++;
     block->next++;
   } else {
-    state = Body;
+    return false;
   }
+  return true;
+}
+
+void MultipartFormParser::MatchBoundary(Block* block) {
+  if (!MatchBoundaryByte(block)) state = Body;
 }
 
 // If bytes of an earlier block looked like a boundary and are none, they belong to the part.
 void MultipartFormParser::MatchContinuedBoundary(Block* block) {
-  if (matched == boundary.used()) {
-    state = BoundaryComplete;
-  } else if (*block->next == boundary.data()[matched]) {
-    matched++;
-    block->next++;
-  } else if (Form_Fragment_Write(boundary.data(), matched)) {
+  if (MatchBoundaryByte(block)) return;
+  if (Form_Fragment_Write(boundary.data(), matched)) {
     block->body = block->next;
     state = Body;
   } else {

@@ -99,6 +99,7 @@ class MultipartFormParser : public HTTPContentParser {
   void ReadAttribute(char c);
   void ReadBody(Block* block);
   void StartBody(Block* block);
+  bool MatchBoundaryByte(Block* block);
   void MatchBoundary(Block* block);
   void MatchContinuedBoundary(Block* block);
   void CompleteBoundary(Block* block);

@@ -214,12 +214,12 @@ int ComputedVariable::IsNULL() {
   return redirected() ? ImmutableVariable::IsNULL() : value().length == 0;
 }
 
-DynamicTimeVariable::DynamicTimeVariable(const char* name, DynamicTimeVariableType field)
-    : ComputedVariable(name, IsTextOfTime(field) ? VariableComputedText : VariableComputedInteger),
-      what(field) {}
+DynamicTimeVariable::DynamicTimeVariable(const char* name, DynamicTimeVariableType what)
+    : ComputedVariable(name, IsTextOfTime(what) ? VariableComputedText : VariableComputedInteger),
+      what(what) {}
 
-Variable* DynamicTimeVariable::Clone(ZephApplication* owner) {
-  if (redirected()) return Variable::Clone(owner);
+Variable* DynamicTimeVariable::Clone(ZephApplication* application) {
+  if (redirected()) return Variable::Clone(application);
   return new DynamicTimeVariable(name().data, what);
 }
 
@@ -250,12 +250,12 @@ const char* DynamicTimeVariable::Text() {
   }
 }
 
-TimeRemainingVariable::TimeRemainingVariable(const char* name, ZephApplication* host)
-    : ComputedVariable(name, VariableComputedInteger), application(host) {}
+TimeRemainingVariable::TimeRemainingVariable(const char* name, ZephApplication* application)
+    : ComputedVariable(name, VariableComputedInteger), application(application) {}
 
-Variable* TimeRemainingVariable::Clone(ZephApplication* owner) {
-  if (redirected()) return Variable::Clone(owner);
-  return new TimeRemainingVariable(name().data, owner);
+Variable* TimeRemainingVariable::Clone(ZephApplication* application) {
+  if (redirected()) return Variable::Clone(application);
+  return new TimeRemainingVariable(name().data, application);
 }
 
 long TimeRemainingVariable::Number() {
@@ -345,8 +345,8 @@ void RefreshedVariable::StoreText(const char* text, int length) {
 
 // --- Settings of the script ----------------------------------------------------------------------
 
-ApplicationTextVariable::ApplicationTextVariable(const char* name, ZephApplication* host)
-    : RefreshedVariable(name, -1), application(host) {}
+ApplicationTextVariable::ApplicationTextVariable(const char* name, ZephApplication* application)
+    : RefreshedVariable(name, -1), application(application) {}
 
 void ApplicationTextVariable::Refresh() {
   const int changes = Changes();
@@ -388,46 +388,14 @@ int ApplicationTextVariable::SetValue_Double(double value) {
   return SetValue_Nocopy(text, length, size);
 }
 
-LanguageVariable::LanguageVariable(const char* name, ZephApplication* host)
-    : ApplicationTextVariable(name, host) {}
-
-Variable* LanguageVariable::Clone(ZephApplication* owner) {
-  if (redirected()) return Variable::Clone(owner);
-  return new LanguageVariable(name().data, owner);
-}
-
-DefaultLanguageVariable::DefaultLanguageVariable(const char* name, ZephApplication* host)
-    : ApplicationTextVariable(name, host) {}
-
-Variable* DefaultLanguageVariable::Clone(ZephApplication* owner) {
-  if (redirected()) return Variable::Clone(owner);
-  return new DefaultLanguageVariable(name().data, owner);
-}
-
-DefaultDatabaseVariable::DefaultDatabaseVariable(const char* name, ZephApplication* host)
-    : ApplicationTextVariable(name, host) {}
-
-Variable* DefaultDatabaseVariable::Clone(ZephApplication* owner) {
-  if (redirected()) return Variable::Clone(owner);
-  return new DefaultDatabaseVariable(name().data, owner);
-}
-
-CharacterSetVariable::CharacterSetVariable(const char* name, ZephApplication* host)
-    : ApplicationTextVariable(name, host) {}
-
-Variable* CharacterSetVariable::Clone(ZephApplication* owner) {
-  if (redirected()) return Variable::Clone(owner);
-  return new CharacterSetVariable(name().data, owner);
-}
-
 // --- Facts of the process ------------------------------------------------------------------------
 
-SSLAvailableVariable::SSLAvailableVariable(const char* name, ZephApplication* host)
-    : RefreshedVariable(name, -1), application(host) {}
+SSLAvailableVariable::SSLAvailableVariable(const char* name, ZephApplication* application)
+    : RefreshedVariable(name, -1), application(application) {}
 
-Variable* SSLAvailableVariable::Clone(ZephApplication* owner) {
-  if (redirected()) return Variable::Clone(owner);
-  return new SSLAvailableVariable(name().data, owner);
+Variable* SSLAvailableVariable::Clone(ZephApplication* application) {
+  if (redirected()) return Variable::Clone(application);
+  return new SSLAvailableVariable(name().data, application);
 }
 
 void SSLAvailableVariable::Refresh() {
@@ -437,12 +405,12 @@ void SSLAvailableVariable::Refresh() {
   primary = PrimaryInteger;
 }
 
-ProcessNameVariable::ProcessNameVariable(const char* name, ZephApplication* host)
-    : RefreshedVariable(name, -1), application(host) {}
+ProcessNameVariable::ProcessNameVariable(const char* name, ZephApplication* application)
+    : RefreshedVariable(name, -1), application(application) {}
 
-Variable* ProcessNameVariable::Clone(ZephApplication* owner) {
-  if (redirected()) return Variable::Clone(owner);
-  return new ProcessNameVariable(name().data, owner);
+Variable* ProcessNameVariable::Clone(ZephApplication* application) {
+  if (redirected()) return Variable::Clone(application);
+  return new ProcessNameVariable(name().data, application);
 }
 
 void ProcessNameVariable::Refresh() {
@@ -471,12 +439,15 @@ void ForEachLibrary(Manager* manager, Visit visit) {
 
 }  // namespace
 
-ConfigurationVariable::ConfigurationVariable(const char* name, ZephApplication* host, int id)
-    : ComputedVariable(name, TypeOfSetting(id)), application(host), identifier(id) {}
+ConfigurationVariable::ConfigurationVariable(const char* name, ZephApplication* application,
+                                             int identifier)
+    : ComputedVariable(name, TypeOfSetting(identifier)),
+      application(application),
+      identifier(identifier) {}
 
-Variable* ConfigurationVariable::Clone(ZephApplication* owner) {
-  if (redirected()) return Variable::Clone(owner);
-  return new ConfigurationVariable(name().data, owner, identifier);
+Variable* ConfigurationVariable::Clone(ZephApplication* application) {
+  if (redirected()) return Variable::Clone(application);
+  return new ConfigurationVariable(name().data, application, identifier);
 }
 
 long ConfigurationVariable::Number() {
@@ -488,13 +459,13 @@ const char* ConfigurationVariable::Text() {
 }
 
 ConfigurationLibraryListVariable::ConfigurationLibraryListVariable(const char* name,
-                                                                   ZephApplication* host,
-                                                                   _ConfigurationLibrary_Type type)
-    : RefreshedVariable(name, -1), application(host), kind(type) {}
+                                                                   ZephApplication* application,
+                                                                   _ConfigurationLibrary_Type kind)
+    : RefreshedVariable(name, -1), application(application), kind(kind) {}
 
-Variable* ConfigurationLibraryListVariable::Clone(ZephApplication* owner) {
-  if (redirected()) return Variable::Clone(owner);
-  return new ConfigurationLibraryListVariable(name().data, owner, kind);
+Variable* ConfigurationLibraryListVariable::Clone(ZephApplication* application) {
+  if (redirected()) return Variable::Clone(application);
+  return new ConfigurationLibraryListVariable(name().data, application, kind);
 }
 
 void ConfigurationLibraryListVariable::Refresh() {
@@ -516,12 +487,12 @@ void ConfigurationLibraryListVariable::Refresh() {
 }
 
 ConfigurationLibraryLookupVariable::ConfigurationLibraryLookupVariable(
-    const char* name, ZephApplication* host, _ConfigurationLibrary_Type type)
-    : ImmutableVariable(name, -1), application(host), kind(type) {}
+    const char* name, ZephApplication* application, _ConfigurationLibrary_Type kind)
+    : ImmutableVariable(name, -1), application(application), kind(kind) {}
 
-Variable* ConfigurationLibraryLookupVariable::Clone(ZephApplication* owner) {
-  if (redirected()) return Variable::Clone(owner);
-  return new ConfigurationLibraryLookupVariable(name().data, owner, kind);
+Variable* ConfigurationLibraryLookupVariable::Clone(ZephApplication* application) {
+  if (redirected()) return Variable::Clone(application);
+  return new ConfigurationLibraryLookupVariable(name().data, application, kind);
 }
 
 Variable* ConfigurationLibraryLookupVariable::Element(const AggregateIndex& index, int create) {
@@ -536,36 +507,36 @@ Variable* ConfigurationLibraryLookupVariable::Element(const AggregateIndex& inde
   return answer.get();
 }
 
-bool ConfigurationLibraryLookupVariable::LibraryIsThere(const char* library, int length) {
+bool ConfigurationLibraryLookupVariable::LibraryIsThere(const char* name, int length) {
   switch (kind) {
     case ConfigurationLibrary_Commerce: {
       auto* manager = application->commercemanager();
-      return manager && manager->Lookup_Commerce_Library(library, length);
+      return manager && manager->Lookup_Commerce_Library(name, length);
     }
     case ConfigurationLibrary_Database: {
       auto* manager = application->databasemanager();
-      return manager && manager->Lookup_DB(library, length);
+      return manager && manager->Lookup_DB(name, length);
     }
     case ConfigurationLibrary_System: {
       auto* manager = application->systemlibrarymanager();
-      return manager && manager->Lookup_System_Library(library, length);
+      return manager && manager->Lookup_System_Library(name, length);
     }
   }
   return false;
 }
 
 ConfigurationAggregateVariable::ConfigurationAggregateVariable(const char* name,
-                                                               ZephApplication* host)
-    : RefreshedVariable(name, -1), application(host) {}
+                                                               ZephApplication* application)
+    : RefreshedVariable(name, -1), application(application) {}
 
-Variable* ConfigurationAggregateVariable::Clone(ZephApplication* owner) {
-  if (redirected()) return Variable::Clone(owner);
-  return new ConfigurationAggregateVariable(name().data, owner);
+Variable* ConfigurationAggregateVariable::Clone(ZephApplication* application) {
+  if (redirected()) return Variable::Clone(application);
+  return new ConfigurationAggregateVariable(name().data, application);
 }
 
-void ConfigurationAggregateVariable::AddMember(const char* member, Variable* adopted) {
+void ConfigurationAggregateVariable::AddMember(const char* name, Variable* adopted) {
   const VariableRef held(adopted);
-  Variable::SetElement(AggregateIndex(member, -1), adopted);
+  Variable::SetElement(AggregateIndex(name, -1), adopted);
 }
 
 void ConfigurationAggregateVariable::Refresh() {

@@ -151,49 +151,36 @@ class ApplicationTextVariable : public RefreshedVariable {
   int changes_seen = 0;
 };
 
-class LanguageVariable : public ApplicationTextVariable {
+// One of those texts, by the application's functions for it. A copy for a task has the setting of
+// the task's application.
+template <auto kText, auto kChanges, auto kChange>
+class ApplicationSetting : public ApplicationTextVariable {
  public:
-  LanguageVariable(const char* name, ZephApplication* application);
-  Variable* Clone(ZephApplication* application) override;
+  ApplicationSetting(const char* name, ZephApplication* application)
+      : ApplicationTextVariable(name, application) {}
+  Variable* Clone(ZephApplication* application) override {
+    if (redirected()) return Variable::Clone(application);
+    return new ApplicationSetting(name().data, application);
+  }
 
  protected:
-  const String& Setting() override { return application->language(); }
-  int Changes() override { return application->languagecount(); }
-  void Change(const String& text) override { application->SetLanguage(text); }
+  const String& Setting() override { return (application->*kText)(); }
+  int Changes() override { return (application->*kChanges)(); }
+  void Change(const String& text) override { (application->*kChange)(text); }
 };
 
-class DefaultLanguageVariable : public ApplicationTextVariable {
- public:
-  DefaultLanguageVariable(const char* name, ZephApplication* application);
-  Variable* Clone(ZephApplication* application) override;
-
- protected:
-  const String& Setting() override { return application->defaultlanguage(); }
-  int Changes() override { return application->defaultlanguagecount(); }
-  void Change(const String& text) override { application->SetDefaultLanguage(text); }
-};
-
-class DefaultDatabaseVariable : public ApplicationTextVariable {
- public:
-  DefaultDatabaseVariable(const char* name, ZephApplication* application);
-  Variable* Clone(ZephApplication* application) override;
-
- protected:
-  const String& Setting() override { return application->defaultdatabase(); }
-  int Changes() override { return application->defaultdatabasecount(); }
-  void Change(const String& text) override { application->SetDefaultDatabase(text); }
-};
-
-class CharacterSetVariable : public ApplicationTextVariable {
- public:
-  CharacterSetVariable(const char* name, ZephApplication* application);
-  Variable* Clone(ZephApplication* application) override;
-
- protected:
-  const String& Setting() override { return application->charset(); }
-  int Changes() override { return application->charsetcount(); }
-  void Change(const String& text) override { application->SetCharacterSet(text); }
-};
+using LanguageVariable =
+    ApplicationSetting<&ZephApplication::language, &ZephApplication::languagecount,
+                       &ZephApplication::SetLanguage>;
+using DefaultLanguageVariable =
+    ApplicationSetting<&ZephApplication::defaultlanguage, &ZephApplication::defaultlanguagecount,
+                       &ZephApplication::SetDefaultLanguage>;
+using DefaultDatabaseVariable =
+    ApplicationSetting<&ZephApplication::defaultdatabase, &ZephApplication::defaultdatabasecount,
+                       &ZephApplication::SetDefaultDatabase>;
+using CharacterSetVariable =
+    ApplicationSetting<&ZephApplication::charset, &ZephApplication::charsetcount,
+                       &ZephApplication::SetCharacterSet>;
 
 // Whether connections can be encrypted, 1 or 0. The first read finds out, which may load a library;
 // the result is kept.

@@ -64,8 +64,8 @@ inline int CopyStep(const char* from, char* to, bool in_name) {
 
 }  // namespace
 
-URLEncodedParser::URLEncodedParser(VariableHash* table, int most)
-    : HTTPContentParser(table), limit(most) {}
+URLEncodedParser::URLEncodedParser(VariableHash* target, int limit)
+    : HTTPContentParser(target), limit(limit) {}
 
 bool URLEncodedParser::SetVariable() {
   // Names with the same hash are searched one after the other, so even few fields may take long.
