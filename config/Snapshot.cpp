@@ -187,6 +187,7 @@ void Reader::ReadErrors(const Item& section) {
     const TagKeyword* keyword = lookup.Lookup(item.key.data(), int(item.key.size()));
     if (keyword == nullptr) {
       std::vector<std::string_view> known;
+      known.reserve(std::size(tag_keywords));
       for (const TagKeyword& each : tag_keywords) known.push_back(each.text);
       UnknownKey("errors.", item, known);
       continue;

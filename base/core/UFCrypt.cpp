@@ -233,7 +233,7 @@ void UFCrypt::UFC_Encrypt(uint32_t left_high, uint32_t left_low, uint32_t right_
 }
 
 void UFCrypt::UFC_Output(const char* salt, char* result) {
-  uint8_t block[64];
+  uint8_t block[64] = {};
   int bit = 0;
   for (Expanded half : {left, right}) {
     const uint32_t exchanged = (half.high ^ half.low) & salt_mask;

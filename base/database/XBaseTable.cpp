@@ -159,7 +159,7 @@ bool XBaseTable::ReadTableFields() {
   if (!ReadAll(table_file, table_path, block.get(), room)) return false;
   const int count = (room - 1) / descriptor_length;
   for (int i = 0; i < count; i++) {
-    const unsigned char* bytes = block.get() + i * descriptor_length;
+    const unsigned char* bytes = block.get() + static_cast<size_t>(i) * descriptor_length;
     const char* name = reinterpret_cast<const char*>(bytes);
     const int name_length = static_cast<int>(strnlen(name, name_room));
     const char letter = static_cast<char>(bytes[name_room]);
@@ -244,7 +244,7 @@ bool XBaseTable::RefreshHeader() {
 
 // --- Opening and creating ------------------------------------------------------------------------
 
-XBaseTable::XBaseTable(ZephApplication* owner) : application(owner) {}
+XBaseTable::XBaseTable(ZephApplication* application) : application(application) {}
 
 XBaseTable::~XBaseTable() {
   field_list.Dump();
@@ -334,14 +334,14 @@ File* XBaseTable::CreateFile(Zeph_PathType type, const String& path) {
   return file;
 }
 
-bool XBaseTable::Create(Zeph_PathType type, const String& path, const char* memo, int memo_length,
-                        List<XBaseField>& fields) {
+bool XBaseTable::Create(Zeph_PathType type, const String& path, const char* memo_path,
+                        int memo_length, List<XBaseField>& fields) {
   if (!CheckSize(path, fields)) return false;
   String chosen;
-  if (memo_length == 0 || !memo || *memo == 0)
+  if (memo_length == 0 || !memo_path || *memo_path == 0)
     SetMemoPath(path, chosen);
   else
-    chosen.assign(memo, memo_length);
+    chosen.assign(memo_path, memo_length);
   std::unique_ptr<File> file(CreateFile(type, path));
   if (!file) return false;
   std::unique_ptr<File> blocks;
@@ -360,7 +360,8 @@ bool XBaseTable::Create(Zeph_PathType type, const String& path, const char* memo
 bool XBaseTable::Create(File* file, const String& path, File* memo, const String& memo_path,
                         List<XBaseField>& fields) {
   if (!CheckSize(path, fields)) return false;
-  // The caller may pass this object's own fields and paths.
+  // The caller may pass this object's own fields and paths, which change before these are used.
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization)
   const String new_path = path, new_memo_path = memo_path;
   std::vector<std::unique_ptr<XBaseField>> made;
   header.version = version_plain;
@@ -400,8 +401,8 @@ bool XBaseTable::WriteNewFiles(File* file, File* memo) {
 
 // --- Records -------------------------------------------------------------------------------------
 
-long XBaseTable::RecordOffset(int number) const {
-  return (static_cast<long>(number) - 1) * header.record_length + header.header_length;
+long XBaseTable::RecordOffset(int record) const {
+  return (static_cast<long>(record) - 1) * header.record_length + header.header_length;
 }
 
 // The buffer, filled with blanks. In a damaged table the fields may be longer than the header's
@@ -470,7 +471,7 @@ bool XBaseTable::Update() {
   return RefreshHeader();
 }
 
-bool XBaseTable::UpdateDeleted(int deleted_now) {
+bool XBaseTable::UpdateDeleted(int deleted) {
   if (current_record < 1) {
     error_text = "Invalid record number";
     return false;
@@ -480,9 +481,9 @@ bool XBaseTable::UpdateDeleted(int deleted_now) {
     RangeLock lock(table_file, FileLock_Exclusive, offset, 1);
     if (!lock) return LockError(table_file, table_path, "' for write: ");
     if (table_file->Seek(offset) != offset) return WriteError(table_file, table_path);
-    const unsigned char flag = deleted_now ? flag_deleted : flag_kept;
+    const unsigned char flag = deleted ? flag_deleted : flag_kept;
     if (!WriteAll(table_file, table_path, &flag, 1)) return false;
-    is_deleted = deleted_now;
+    is_deleted = deleted;
   }
   return RefreshHeader();
 }

@@ -7,8 +7,8 @@
 // The identifiers of settings for Config and configuration libraries: Config_timeout_global and so
 // on.
 enum ConfigID : int {
-#define ZEPH_SETTING_TEXT(name, identifier, value) Config_##name = identifier,
-#define ZEPH_SETTING_INTEGER(name, identifier, value) Config_##name = identifier,
+#define ZEPH_SETTING_TEXT(name, identifier, value) Config_##name = (identifier),
+#define ZEPH_SETTING_INTEGER(name, identifier, value) Config_##name = (identifier),
 #include "base/host/Settings.def"
 #undef ZEPH_SETTING_TEXT
 #undef ZEPH_SETTING_INTEGER

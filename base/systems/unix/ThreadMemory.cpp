@@ -7,6 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -271,6 +272,7 @@ void ThreadMemory::Begin(int64_t given) {
     heap_freed = HeapCounter("thread.deallocatedp");
     heap_taken = HeapCounter("thread.allocatedp");
   }
+  assert(counts || heap_taken);
   limit = grace = 0;
   refused = 0;
   ran_short = false;
