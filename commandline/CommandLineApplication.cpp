@@ -62,8 +62,8 @@ std::string ShippedConfigurationLibrary() {
 }
 
 CommandLineApplication::CommandLineApplication(int argc, char** argv,
-                                               ExternalLibraryManager* libraries)
-    : UNIXApplication(argc, argv, argc, argv, libraries) {
+                                               ExternalLibraryManager* library_manager)
+    : UNIXApplication(argc, argv, argc, argv, library_manager) {
   thread_id = 1;
   file_manager = new UNIXReentrantFileManager(this);
 }

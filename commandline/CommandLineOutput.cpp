@@ -7,8 +7,8 @@
 
 #include "base/systems/unix/UNIXApplication.h"
 
-CommandLineOutput::CommandLineOutput(UNIXApplication* owner, int buffer_writes, int buffersize)
-    : StandardOutput(buffer_writes, buffersize), application(owner) {}
+CommandLineOutput::CommandLineOutput(UNIXApplication* application, int buffered, int buffersize)
+    : StandardOutput(buffered, buffersize), application(application) {}
 
 int CommandLineOutput::DoWrite(const char* text, int length) {
   errno = 0;

@@ -9,9 +9,11 @@
 #include "fastcgi/FastCGIThreads.h"
 
 FastCGIBaseApplication::FastCGIBaseApplication(int argc, char** argv, int copied_argc,
-                                               char** copied_argv, FastCGIThreadManager* threads,
-                                               ExternalLibraryManager* libraries)
-    : UNIXApplication(argc, argv, copied_argc, copied_argv, libraries), thread_manager(threads) {}
+                                               char** copied_argv,
+                                               FastCGIThreadManager* thread_manager,
+                                               ExternalLibraryManager* library_manager)
+    : UNIXApplication(argc, argv, copied_argc, copied_argv, library_manager),
+      thread_manager(thread_manager) {}
 
 FastCGIBaseApplication::FastCGIBaseApplication(FastCGIBaseApplication& other)
     : UNIXApplication(other), thread_manager(other.thread_manager) {}

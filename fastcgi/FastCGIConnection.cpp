@@ -74,8 +74,8 @@ const timespec* TimeUntil(Clock::time_point end, timespec* room) {
 
 }  // namespace
 
-FastCGIConnection::FastCGIConnection(FastCGIThreadManager* owner)
-    : manager(owner), write_limit(kWriteLimit) {
+FastCGIConnection::FastCGIConnection(FastCGIThreadManager* manager)
+    : manager(manager), write_limit(kWriteLimit) {
   pthread_sigmask(SIG_BLOCK, nullptr, &while_waiting);
   sigdelset(&while_waiting, SIGUSR2);
   records.Start();

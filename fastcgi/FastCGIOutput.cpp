@@ -13,8 +13,8 @@ const int kFlushThreshold = 1048576;
 
 }  // namespace
 
-FastCGIOutput::FastCGIOutput(FastCGIApplication* host, FCGX_Request* fcgi)
-    : HTTPOutput(kBlockSize, kFlushThreshold), application(host), request(fcgi) {}
+FastCGIOutput::FastCGIOutput(FastCGIApplication* application, FCGX_Request* request)
+    : HTTPOutput(kBlockSize, kFlushThreshold), application(application), request(request) {}
 
 void FastCGIOutput::OutputHeaders() {
   HTTPOutput_Chain text(1, block_size);

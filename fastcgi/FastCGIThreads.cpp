@@ -123,9 +123,9 @@ AcceptInterruptible::~AcceptInterruptible() {
 
 // --- FastCGIThread -------------------------------------------------------------------------------
 
-FastCGIThread::FastCGIThread(unsigned number, FastCGIThreadManager* owner, StartRoutine routine,
+FastCGIThread::FastCGIThread(unsigned number, FastCGIThreadManager* manager, StartRoutine routine,
                              void* argument)
-    : thread_number(number), manager(owner), start_routine(routine), start_argument(argument) {}
+    : thread_number(number), manager(manager), start_routine(routine), start_argument(argument) {}
 
 FastCGIThread::~FastCGIThread() = default;
 

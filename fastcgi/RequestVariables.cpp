@@ -26,9 +26,9 @@ bool IsPrivate(const char* name, int length) {
 
 }  // namespace
 
-RequestVariables::RequestVariables(char** entries, LateVariables* system_variables)
+RequestVariables::RequestVariables(char** parameters, LateVariables* system_variables)
     : system(system_variables) {
-  for (; entries && *entries; entries++) Add(*entries);
+  for (; parameters && *parameters; parameters++) Add(*parameters);
 }
 
 void RequestVariables::Add(const char* text) {

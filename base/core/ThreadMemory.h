@@ -87,10 +87,10 @@ class ThreadMemory {
   static bool NewIsMeasurable();
 
   // --- For tests ---------------------------------------------------------------------------------
-  // Until it is set to null, the judge is called before each block that the thread takes; true
+  // Until it is set to null, asked is called before each block that the thread takes; true
   // refuses the block.
   using Judge = bool (*)(size_t size);
-  static void SetJudge(Judge judge);
+  static void SetJudge(Judge asked);
 
  private:
   friend struct ThreadMemoryOperators;

@@ -64,7 +64,7 @@ class XBaseTable {
 
   // Loads a record, counted from 1. For one past the last known record it reads the header again,
   // because another process may have appended it.
-  [[nodiscard]] bool Goto(int record);
+  [[nodiscard]] bool Goto(int number);
   // Writes the record in memory back, changed memos into new blocks first. A memo that can't be
   // written keeps its old block; that does not make Update fail. A failure to update the header's
   // date after the write does.

@@ -39,8 +39,8 @@ ZIXIndexFile::HeaderLock::~HeaderLock() {
 
 // --- Life ----------------------------------------------------------------------------------------
 
-ZIXIndexFile::ZIXIndexFile(ZephApplication* owner)
-    : application(owner), header(new unsigned char[ZIXHeader_Length + 1]()) {}
+ZIXIndexFile::ZIXIndexFile(ZephApplication* application)
+    : application(application), header(new unsigned char[ZIXHeader_Length + 1]()) {}
 
 ZIXIndexFile::~ZIXIndexFile() {
   delete file;
@@ -58,29 +58,29 @@ bool ZIXIndexFile::Open(Zeph_PathType type, const char* path, int mode) {
 }
 
 bool ZIXIndexFile::Create(Zeph_PathType type, const char* path, const unsigned char* keyexpression,
-                          unsigned index_flags) {
+                          unsigned flags) {
   CloseFile();
   file_path.assign(path);
   FileManager* files = application->filemanager();
   std::unique_ptr<File> created(files->Open(type, path, kOpenForCreation));
   if (!created) return Fail({"Error creating '", View(file_path), "': ", View(files->error())});
-  if (!Create(created.get(), path, keyexpression, index_flags)) return false;
+  if (!Create(created.get(), path, keyexpression, flags)) return false;
   (void)created.release();
   return true;
 }
 
 bool ZIXIndexFile::Create(File* created, const char* path, const unsigned char* keyexpression,
-                          unsigned index_flags) {
+                          unsigned flags) {
   CloseFile();
   file_path.assign(path);
   if (!created) return Fail({"Internal error opening '", View(file_path), "'"});
   file = created;
-  if (WriteNewFile(keyexpression, index_flags)) return true;
+  if (WriteNewFile(keyexpression, flags)) return true;
   file = nullptr;
   return false;
 }
 
-bool ZIXIndexFile::WriteNewFile(const unsigned char* keyexpression, unsigned index_flags) {
+bool ZIXIndexFile::WriteNewFile(const unsigned char* keyexpression, unsigned flags) {
   memset(header.get(), 0, ZIXHeader_Length);
   memcpy(&header[ZIXHeader_Identifier], kIdentifier, sizeof(kIdentifier));
   SetVersion(kVersion);
@@ -89,7 +89,7 @@ bool ZIXIndexFile::WriteNewFile(const unsigned char* keyexpression, unsigned ind
   SetOrder(kOrder);
   SetPagesize(kPageSize);
   SetKeyrecordsize(kKeyRecordSize);
-  Put32(ZIXHeader_Flags, index_flags);
+  Put32(ZIXHeader_Flags, flags);
   if (keyexpression) {
     const char* text = reinterpret_cast<const char*>(keyexpression);
     memcpy(&header[ZIXHeader_KeyExpression], text, strnlen(text, kExpressionSize));

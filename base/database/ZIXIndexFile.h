@@ -71,10 +71,10 @@ class ZIXIndexFile {
   [[nodiscard]] bool Open(Zeph_PathType type, const char* path, int mode);
   // Makes an empty index and overwrites what the file held. At most 400 bytes of the expression are
   // kept: the caller refuses longer ones. flags has bits of ZIXIndexFlag. The second form adopts
-  // the file when it succeeds. REQUIRES: that file is open for reading and writing.
+  // created when it succeeds. REQUIRES: created is open for reading and writing.
   [[nodiscard]] bool Create(Zeph_PathType type, const char* path,
                             const unsigned char* keyexpression, unsigned flags);
-  [[nodiscard]] bool Create(File* file, const char* path, const unsigned char* keyexpression,
+  [[nodiscard]] bool Create(File* created, const char* path, const unsigned char* keyexpression,
                             unsigned flags);
   // Deletes the file object. Always returns true.
   bool Close();
@@ -154,7 +154,7 @@ class ZIXIndexFile {
   class HeaderLock {
    public:
     // With lock 0, or without a file, takes no lock.
-    HeaderLock(File* file, FileLockType type, int lock = 1);
+    HeaderLock(File* locked, FileLockType type, int lock = 1);
     ~HeaderLock();
     HeaderLock(const HeaderLock&) = delete;
     HeaderLock& operator=(const HeaderLock&) = delete;

@@ -54,10 +54,10 @@ int ZIXIndexFile::DoInsert(uint32_t pagenum, const Way* above, Insertion* work) 
 
 // The header is written first: if the process ends here, the page is lost, but its number is never
 // used twice. The new page is written before the old one, which is intact until then.
-bool ZIXIndexFile::SplitPage(ZIXIndexPage& page, int i, int page_depth, Insertion* work) {
+bool ZIXIndexFile::SplitPage(ZIXIndexPage& page, int i, int depth, Insertion* work) {
   // Do not begin a tree that can't be finished: all pages on the way up may split, and a new root
   // may be added. The file layer refuses positions beyond 2^31.
-  const long last = static_cast<long>(numpages()) + page_depth;
+  const long last = static_cast<long>(numpages()) + depth;
   if (!work->has_split && file->Seek(last * pagesize()) < 0) return WriteError();
   work->has_split = true;
   ZIXIndexPage right = BlankPage(numpages());

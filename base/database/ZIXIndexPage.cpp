@@ -7,10 +7,10 @@
 
 #include "base/host/File.h"
 
-ZIXIndexPage::ZIXIndexPage(uint32_t number, uint16_t entry_size, uint16_t size)
-    : pagenum(number),
-      keyrecordsize(entry_size),
-      pagesize(size),
+ZIXIndexPage::ZIXIndexPage(uint32_t pagenum, uint16_t keyrecordsize, uint16_t pagesize)
+    : pagenum(pagenum),
+      keyrecordsize(keyrecordsize),
+      pagesize(pagesize),
       data(new unsigned char[Room()]()) {}
 
 bool ZIXIndexPage::IsLeaf() const {

@@ -6,8 +6,8 @@
 
 #include <cerrno>
 
-StandardOutput::StandardOutput(int buffer_writes, int buffersize)
-    : BufferedOutput(buffersize), buffered(buffer_writes) {}
+StandardOutput::StandardOutput(int buffered, int buffersize)
+    : BufferedOutput(buffersize), buffered(buffered) {}
 
 StandardOutput::~StandardOutput() {
   Flush();

@@ -74,11 +74,11 @@ UNIXFileManager::UNIXFileManager(ZephApplication* application)
 UNIXFileManager::UNIXFileManager(ZephApplication* application, UNIXFileManager& other)
     : UNIXFileManager(application, other, WalkByWorkingDirectory) {}
 
-UNIXFileManager::UNIXFileManager(ZephApplication* application, DirectoryWalk how)
-    : FileManager(application), walk(how) {}
+UNIXFileManager::UNIXFileManager(ZephApplication* application, DirectoryWalk walk)
+    : FileManager(application), walk(walk) {}
 
 UNIXFileManager::UNIXFileManager(ZephApplication* application, UNIXFileManager& other,
-                                 DirectoryWalk how)
+                                 DirectoryWalk walk)
     : FileManager(application),
       script_path(other.script_path == nullptr ? nullptr : new UNIXFilePath(*other.script_path)),
       script_directory(Duplicate(other.script_directory)),
@@ -86,7 +86,7 @@ UNIXFileManager::UNIXFileManager(ZephApplication* application, UNIXFileManager& 
       data_directory(Duplicate(other.data_directory)),
       temp_path(other.temp_path == nullptr ? nullptr : new UNIXFilePath(*other.temp_path)),
       temp_directory(Duplicate(other.temp_directory)),
-      walk(how) {
+      walk(walk) {
   max_files = other.max_files;
   security_flags = other.security_flags;
   kept_descriptors = other.kept_descriptors;

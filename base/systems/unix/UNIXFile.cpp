@@ -37,14 +37,14 @@ constexpr long no_end = std::numeric_limits<long>::max();
 
 // --- The open file -------------------------------------------------------------------------------
 
-UNIXFile::UNIXFile(UNIXFileManager* manager, int opened, int open_flags, const char* path)
-    : File(manager, path), descriptor(opened), flags(open_flags & ~creating_flags) {
+UNIXFile::UNIXFile(UNIXFileManager* manager, int descriptor, int flags, const char* path)
+    : File(manager, path), descriptor(descriptor), flags(flags & ~creating_flags) {
   Settle();
 }
 
-UNIXFile::UNIXFile(UNIXFileManager* manager, int opened, int open_flags, Zeph_PathType type,
+UNIXFile::UNIXFile(UNIXFileManager* manager, int descriptor, int flags, Zeph_PathType type,
                    const char* path)
-    : File(manager, type, path), descriptor(opened), flags(open_flags & ~creating_flags) {
+    : File(manager, type, path), descriptor(descriptor), flags(flags & ~creating_flags) {
   Settle();
 }
 
@@ -150,14 +150,14 @@ int UNIXFile::Write(const char* bytes, int length) {
   }));
 }
 
-int UNIXFile::Seek(long wanted) {
+int UNIXFile::Seek(long position) {
   if (!Ready()) return -1;
-  if (wanted >= 0 && wanted <= INT_MAX && KnowsPlace()) {
-    moved = moved || wanted != place;
-    place = wanted;
-    return static_cast<int>(wanted);
+  if (position >= 0 && position <= INT_MAX && KnowsPlace()) {
+    moved = moved || position != place;
+    place = position;
+    return static_cast<int>(position);
   }
-  off_t reached = system_calls.lseek(descriptor, wanted, SEEK_SET);
+  off_t reached = system_calls.lseek(descriptor, position, SEEK_SET);
   moved = true;
   if (place >= 0 && reached >= 0) place = reached;
   if (reached > INT_MAX) {
@@ -300,19 +300,19 @@ void UNIXFile::Release() {
   map_length = 0;
 }
 
-bool UNIXFile::Activate(String& text) {
+bool UNIXFile::Activate(String& error) {
   UNIXFileManager* files = static_cast<UNIXFileManager*>(file_manager);
   FileDescriptor opened;
   if (contained()) {
     opened.reset(files->OpenContained(type(), path(), flags));
-    if (!opened.is_open()) text = files->error();
+    if (!opened.is_open()) error = files->error();
   } else {
     opened.reset(files->OpenQuietly(AT_FDCWD, path(), flags, 0));
-    if (!opened.is_open()) text = files->application()->lasterror();
+    if (!opened.is_open()) error = files->application()->lasterror();
   }
   if (!opened.is_open()) return false;
   if (position != 0 && system_calls.lseek(opened.get(), position, SEEK_SET) != position) {
-    text = "Unable to restore file position during activation";
+    error = "Unable to restore file position during activation";
     return false;
   }
   descriptor = opened.release();
