@@ -10,6 +10,7 @@
 
 #include "base/compiled/TaggedFile.h"
 #include "base/core/LittleEndian.h"
+#include "base/core/MeasuredLength.h"
 #include "base/core/string_search.h"
 
 using namespace LittleEndian;
@@ -117,8 +118,7 @@ int Dictionary::Entry_Append(const char* text, int length) {
 }
 
 int Dictionary::Enter(const char* text, int length, BlockAdd add) {
-  if (length == -1) length = text ? static_cast<int>(strlen(text)) : 0;
-  if (!text || length < 0) length = 0;
+  length = MeasuredLength(text, length);
   if (entry_count == capacity) {
     // Doubles, because a form may have a million names.
     const int more = std::max<int>(capacity, EntryGrowth);

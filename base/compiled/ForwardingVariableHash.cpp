@@ -7,6 +7,7 @@
 
 #include "base/compiled/Dictionary.h"
 #include "base/compiled/SystemVariableHash.h"
+#include "base/core/MeasuredLength.h"
 #include "base/values/VariableKinds.h"
 
 // --- Positions in the target ---------------------------------------------------------------------
@@ -47,7 +48,7 @@ Variable* ForwardingVariableHash::InsertThrough(int position, Variable* refers_t
 
 bool ForwardingVariableHash::Find(Variable** out, const char* name, int length, int create) {
   if (own()) return VariableHash::Find(out, name, length, create);
-  length = MeasuredName(name, length);
+  length = MeasuredLength(name, length);
   const int found = Locate(name, length);
   if (found < 0) return target->Find(out, name, length, create);
   const int there = Resolve(found);

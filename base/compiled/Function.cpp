@@ -1,7 +1,6 @@
 // Functions and their section. Tested in tests/base/compiled/FunctionTest.cpp.
 #include "base/compiled/Function.h"
 
-#include <cctype>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -11,6 +10,8 @@
 #include "base/compiled/Dictionary.h"
 #include "base/compiled/TaggedFile.h"
 #include "base/core/LittleEndian.h"
+#include "base/core/MeasuredLength.h"
+#include "base/core/ascii.h"
 
 using namespace LittleEndian;
 
@@ -36,18 +37,9 @@ constexpr int FunctionGrowth = 64;
 constexpr int LocalBits = 8;
 constexpr int LocalCapacity = 64;
 
-int TextLength(const char* text, int length) {
-  if (!text) return 0;
-  return length == -1 ? static_cast<int>(strlen(text)) : length < 0 ? 0 : length;
-}
-
-bool IsSpace(char c) {
-  return isspace(static_cast<unsigned char>(c)) != 0;
-}
-
 std::string_view Stripped(std::string_view text) {
-  while (!text.empty() && IsSpace(text.front())) text.remove_prefix(1);
-  while (!text.empty() && IsSpace(text.back())) text.remove_suffix(1);
+  while (!text.empty() && zp_isspace(text.front())) text.remove_prefix(1);
+  while (!text.empty() && zp_isspace(text.back())) text.remove_suffix(1);
   return text;
 }
 
@@ -101,7 +93,7 @@ void Function::FillSlots() {
 }
 
 int Function::AddParameter(int byreference, const char* name, int length) {
-  length = TextLength(name, length);
+  length = MeasuredLength(name, length);
   int id = name_dictionary->Entry_Add(name, length);
   int index = local_variables.Insert(id, nullptr, -1, nullptr);
   InsertOwned(parameter_list,
@@ -111,13 +103,13 @@ int Function::AddParameter(int byreference, const char* name, int length) {
 }
 
 void Function::SetParameters(const char* text, int length) {
-  std::string_view rest(text ? text : "", static_cast<size_t>(TextLength(text, length)));
+  std::string_view rest(text ? text : "", static_cast<size_t>(MeasuredLength(text, length)));
   if (rest.empty()) return;
   for (;;) {
     size_t comma = rest.find(',');
     std::string_view piece = Stripped(rest.substr(0, comma));
     size_t name_end = 0;
-    while (name_end < piece.size() && !IsSpace(piece[name_end])) name_end++;
+    while (name_end < piece.size() && !zp_isspace(piece[name_end])) name_end++;
     std::string_view mode = Stripped(piece.substr(name_end));
     bool byreference = CompareNames(mode.data(), static_cast<int>(mode.size()), "var", 3) == 0;
     AddParameter(byreference, piece.data(), static_cast<int>(name_end));
@@ -156,7 +148,7 @@ void FunctionManager::Error(const String& text) {
 }
 
 int FunctionManager::hash(const char* name, int length) const {
-  return table.hash(name, TextLength(name, length));
+  return table.hash(name, MeasuredLength(name, length));
 }
 
 const char* FunctionManager::Stored::Name(const Dictionary& names, int id, int* name_length) const {
@@ -175,13 +167,13 @@ const char* FunctionManager::NameOf(int index, int* length) const {
 }
 
 Function* FunctionManager::Function_Get(const char* name, int length) {
-  return Lookup(table.Find(name, TextLength(name, length),
+  return Lookup(table.Find(name, MeasuredLength(name, length),
                            [this](int i, int* bytes) { return NameOf(i, bytes); }));
 }
 
 Function* FunctionManager::Function_Add(int segment, int offset, const char* name, int name_length,
                                         const char* parameters, int parameters_length, int flags) {
-  name_length = TextLength(name, name_length);
+  name_length = MeasuredLength(name, name_length);
   int id = dictionary->Entry_Add(name, name_length);
   auto function = std::make_unique<Function>(Functions(), flags, id, name, name_length, segment,
                                              offset, dictionary);
@@ -190,7 +182,7 @@ Function* FunctionManager::Function_Add(int segment, int offset, const char* nam
 }
 
 Function* FunctionManager::Function_Add(const char* name, int length, int flags) {
-  length = TextLength(name, length);
+  length = MeasuredLength(name, length);
   int id = dictionary->Entry_Add(name, length);
   return Enter(std::make_unique<Function>(Functions(), flags | Function_External, id, name, length,
                                           -1, -1, dictionary),
@@ -212,7 +204,7 @@ Function* FunctionManager::Function_Add(Function* other) {
 }
 
 Function* FunctionManager::Function_Add(Function* function, const char* name, int length) {
-  return Enter(std::unique_ptr<Function>(function), name, TextLength(name, length));
+  return Enter(std::unique_ptr<Function>(function), name, MeasuredLength(name, length));
 }
 
 Function* FunctionManager::Enter(std::unique_ptr<Function> function, const char* name, int length) {

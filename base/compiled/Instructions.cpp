@@ -3,8 +3,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <string_view>
+
+#include "base/core/MeasuredLength.h"
 
 namespace Instruction {
 namespace {
@@ -106,7 +107,7 @@ const Row* Find(unsigned short word) {
 }
 
 const Row* Find(const char* name, int length) {
-  std::string_view wanted(name, length < 0 ? strlen(name) : static_cast<size_t>(length));
+  std::string_view wanted(name, static_cast<size_t>(MeasuredLength(name, length)));
   auto found = std::lower_bound(
       rows_by_name.begin(), rows_by_name.end(), wanted,
       [](unsigned char i, std::string_view text) { return std::string_view(rows[i].name) < text; });

@@ -11,7 +11,7 @@ namespace Instruction {
 
 // The instruction words, one enumerator each: Instruction::pushc is 0x4001.
 enum Word : unsigned short {
-#define INSTRUCTION(word, identifier, name, first, second, run, listed, effect) identifier = word,
+#define INSTRUCTION(word, identifier, name, first, second, run, listed, effect) identifier = (word),
 #include "base/compiled/Instructions.def"
 #undef INSTRUCTION
 };

@@ -9,6 +9,7 @@
 #include "base/compiled/Dictionary.h"
 #include "base/compiled/TaggedFile.h"
 #include "base/core/LittleEndian.h"
+#include "base/core/MeasuredLength.h"
 #include "base/host/ZephApplication.h"
 
 using namespace LittleEndian;
@@ -37,11 +38,6 @@ constexpr int SingleIndexTag = 0;
 // The tag of an index: the bytes "LX" and the language's number.
 int IndexTag(int number) {
   return static_cast<int>(static_cast<unsigned>(number) << 16 | 0x584C);
-}
-
-int TextLength(const char* text, int length) {
-  if (!text) return 0;
-  return length == -1 ? static_cast<int>(strlen(text)) : length < 0 ? 0 : length;
 }
 
 }  // namespace
@@ -76,7 +72,7 @@ void LocalizedIndex::Error(const String& text) {
 }
 
 int LocalizedIndex::hash(const char* name, int length) const {
-  return table.hash(name, TextLength(name, length));
+  return table.hash(name, MeasuredLength(name, length));
 }
 
 const char* LocalizedIndex::NameOf(int entry, int* length) const {
@@ -192,7 +188,7 @@ void LocalizedLanguages::Error(const String& text) {
 }
 
 int LocalizedLanguages::hash(const char* name, int length) const {
-  return table.hash(name, TextLength(name, length));
+  return table.hash(name, MeasuredLength(name, length));
 }
 
 const char* LocalizedLanguages::NameOf(int entry, int* length) const {
@@ -219,7 +215,7 @@ void LocalizedLanguages::NeedIndex(int number) {
 
 LocalizedLanguages::LanguageEntry* LocalizedLanguages::Get_Language_Entry(const char* name,
                                                                           int length) {
-  int number = Find(name, TextLength(name, length));
+  int number = Find(name, MeasuredLength(name, length));
   if (number < 0) return nullptr;
   NeedIndex(number);
   return &entries[number];
@@ -291,7 +287,7 @@ int LocalizedLanguages::Add_Entry(int language, int token, int first) {
 
 int LocalizedLanguages::Add_Entry(const char* language, int language_length, const char* token,
                                   int token_length, int first) {
-  int number = Find(language, TextLength(language, language_length));
+  int number = Find(language, MeasuredLength(language, language_length));
   if (number < 0) number = Add_Entry(dictionary->Entry_Add(language, language_length));
   return OwnIndex(number)->Add_Entry(dictionary->Entry_Add(token, token_length), first);
 }

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "base/compiled/Dictionary.h"
+#include "base/core/MeasuredLength.h"
 #include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 
@@ -90,7 +91,7 @@ void SystemVariableHash::MakeAllLate() {
 
 int SystemVariableHash::Seek(int name_index, const char* name, int length, _VH_Entry** entry) {
   if (late) {
-    int bytes = MeasuredName(name, length);
+    int bytes = MeasuredLength(name, length);
     const char* text = name ? name : dictionary->Entry(name_index, &bytes);
     if (text) MakeLate(text, bytes);
   }
@@ -98,7 +99,7 @@ int SystemVariableHash::Seek(int name_index, const char* name, int length, _VH_E
 }
 
 int SystemVariableHash::ClearVariable(const char* name, int length) {
-  MakeLate(name, MeasuredName(name, length));
+  MakeLate(name, MeasuredLength(name, length));
   return VariableHash::ClearVariable(name, length);
 }
 
@@ -169,7 +170,7 @@ int SystemVariableHash::Insert(int name_index, const char* name, int length, Var
 }
 
 bool SystemVariableHash::Find(Variable** out, const char* name, int length, int create) {
-  const int found = MakeLate(name, MeasuredName(name, length));
+  const int found = MakeLate(name, MeasuredLength(name, length));
   if (found < 0) return false;
   *out = Index(found, create);
   return true;

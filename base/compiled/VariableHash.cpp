@@ -15,6 +15,7 @@
 #include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/TaggedFile.h"
 #include "base/core/LittleEndian.h"
+#include "base/core/MeasuredLength.h"
 #include "base/core/RunLimit.h"
 #include "base/core/hash.h"
 #include "base/values/SharedName.h"
@@ -165,7 +166,7 @@ const char* VariableHash::EntryName(int entry, int* length) {
 }
 
 unsigned VariableHash::hash(const char* name, int length) const {
-  return hashi(name, static_cast<unsigned>(MeasuredName(name, length)), 0) &
+  return hashi(name, static_cast<unsigned>(MeasuredLength(name, length)), 0) &
          static_cast<unsigned>(bucket_count - 1);
 }
 
@@ -181,7 +182,7 @@ int VariableHash::Seek(int name_index, const char* name, int length, _VH_Entry**
     name = dictionary->Entry(name_index, &length);
     if (!name) return -1;
   }
-  const int found = Locate(name, MeasuredName(name, length));
+  const int found = Locate(name, MeasuredLength(name, length));
   if (found < 0 || !entry) return found;
   *entry = &entries[found];
   // The caller sees the row itself, so a variable that is asleep must not be in it.
@@ -226,7 +227,7 @@ int VariableHash::Insert(int name_index, const char* name, int length, Variable*
     name = dictionary->Entry(name_index, &length);
     if (!name) name = "";
   } else {
-    length = MeasuredName(name, length);
+    length = MeasuredLength(name, length);
     if (name_index == -1) name_index = dictionary->Entry_Append(name, length);
   }
   MakeRoom();
@@ -246,7 +247,7 @@ int VariableHash::Insert(Variable* variable) {
 }
 
 int VariableHash::Insert(const char* name, int length) {
-  return Insert(-1, name ? name : "", MeasuredName(name, length), nullptr);
+  return Insert(-1, name ? name : "", MeasuredLength(name, length), nullptr);
 }
 
 int VariableHash::Insert(int name_index) {
@@ -312,7 +313,7 @@ Variable* VariableHash::MakeVariable(_VH_Entry* entry) {
 }
 
 bool VariableHash::Find(Variable** out, const char* name, int length, int create) {
-  const int found = Locate(name, MeasuredName(name, length));
+  const int found = Locate(name, MeasuredLength(name, length));
   if (found < 0) return false;
   *out = VariableHash::Index(found, create);
   return true;
@@ -325,7 +326,7 @@ Variable* VariableHash::Index(int position, int create) {
 }
 
 void VariableHash::SetVariable(const char* name, int length, const char* value, int valuelength) {
-  length = MeasuredName(name, length);
+  length = MeasuredLength(name, length);
   Variable* variable = nullptr;
   if (!Find(&variable, name, length, 1) || !variable) {
     variable = new Variable(name, length);
@@ -363,7 +364,7 @@ void VariableHash::SetVariable_Reference(int position, Variable* variable) {
 }
 
 int VariableHash::ClearVariable(const char* name, int length) {
-  const int found = Locate(name, MeasuredName(name, length));
+  const int found = Locate(name, MeasuredLength(name, length));
   Variable* variable = found < 0 ? nullptr : Present(entries[found]);
   if (!variable) return 0;
   variable->SetNULL();

@@ -173,14 +173,6 @@ class VariableHash {
   // The index of names: counted, shared by a table and its twins, and never changed while shared.
   struct SharedIndex;
 
-  // The bytes of a name: the given length, or strlen for -1; 0 for any other negative length and
-  // for a null name.
-  static int MeasuredName(const char* name, int length) {
-    if (!name) return 0;
-    if (length != -1) return length < 0 ? 0 : length;
-    const size_t measured = strlen(name);
-    return measured > INT_MAX ? INT_MAX : static_cast<int>(measured);
-  }
   // Seek for a name of known length, always in this table's own entries.
   int Locate(const char* name, int length);
   // The name of an entry, borrowed from the dictionary.

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "base/compiled/VariableHash.h"
+#include "base/core/MeasuredLength.h"
 #include "base/core/ascii.h"
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
@@ -64,7 +65,7 @@ bool WalkStep(const char* path, int length, int create, int* position, Variable*
 
 int VariableHash::LookupVariable_Fancy(Variable** out, const char* path, int length, int create) {
   *out = nullptr;
-  length = MeasuredName(path, length);
+  length = MeasuredLength(path, length);
   if (!path) path = "";
   int position = NameEnd(path, 0, length);
   Variable* variable = nullptr;
@@ -156,7 +157,7 @@ ScopedName LongScope(const char* name, int length) {
 
 int VariableHash::Scope(const char* name, int length, const char** rest, int* restlength,
                         const char** database, int* databaselength) {
-  length = MeasuredName(name, length);
+  length = MeasuredLength(name, length);
   if (!name) name = "";
   ScopedName scoped;
   if (length >= 2 && name[1] == '.') {

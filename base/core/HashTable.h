@@ -16,6 +16,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/core/MeasuredLength.h"
 #include "base/core/hash.h"
 #include "base/core/memcmpi.h"
 
@@ -67,7 +68,7 @@ class HashTable {
   }
   // The earliest inserted element with that key, or null. A length of -1 means strlen.
   T* Find(const char* key, int length) {
-    length = KeyLength(key, length);
+    length = MeasuredLength(key, length);
     const auto order = [=, this](T* item) { return Compare(item, key, length); };
     return buckets ? Search(hash(key, length), order) : Scan(order);
   }
@@ -78,13 +79,13 @@ class HashTable {
   // Takes the element that Find returns out of the table and hands it to the caller; null if there
   // is none.
   T* Remove(const char* key, int length) {
-    length = KeyLength(key, length);
+    length = MeasuredLength(key, length);
     const auto order = [=, this](T* item) { return Compare(item, key, length); };
     return buckets ? Unlink(hash(key, length), order) : Drop(order);
   }
   // The bucket of a key.
   int hash(const char* key, int length) const {
-    unsigned n = static_cast<unsigned>(KeyLength(key, length));
+    unsigned n = static_cast<unsigned>(MeasuredLength(key, length));
     unsigned value = nocase ? ::hashi(key, n, 0) : ::hash(key, n, 0);
     return static_cast<int>(value & static_cast<unsigned>(bucket_count - 1));
   }
@@ -101,11 +102,6 @@ class HashTable {
   int Entries() const { return high_water; }
 
  protected:
-  static int KeyLength(const char* key, int length) {
-    if (length > 0) return key ? length : 0;
-    return length == -1 && key ? static_cast<int>(strlen(key)) : 0;
-  }
-
   static constexpr int scanned = 24;
 
   // Here and in the three below, Order returns the order of an element against the key searched
@@ -222,7 +218,7 @@ class NamedHashTable : public HashTable<T> {
     return this->buckets ? this->Search(Bucket(text), order) : this->Scan(order);
   }
   static std::string_view Sized(const char* key, int length) {
-    return std::string_view(key, static_cast<size_t>(HashTable<T>::KeyLength(key, length)));
+    return std::string_view(key, static_cast<size_t>(MeasuredLength(key, length)));
   }
   int Bucket(std::string_view key) const { return hash(key.data(), static_cast<int>(key.size())); }
   int Order(T* item, std::string_view key) const {

@@ -18,6 +18,8 @@
 #include "base/compiled/Instructions.h"
 #include "base/compiled/Segment.h"
 #include "base/compiled/VariableHash.h"
+#include "base/core/MeasuredLength.h"
+#include "base/core/ascii.h"
 #include "base/core/memcmpi.h"
 #include "base/extensions/ExternalCall.h"
 #include "base/host/ZephApplication.h"
@@ -71,29 +73,14 @@ constexpr int NoLimit = -1;
 // that take as long to scan: one searches a block, the other a chain of a table.
 constexpr int EntryCost = 1 << 17;
 
-bool IsDigit(char c) {
-  return c >= '0' && c <= '9';
-}
 bool IsHexDigit(char c) {
-  return IsDigit(c) || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-}
-bool IsLetter(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+  return zp_hexvalue(c) >= 0;
 }
 bool IsNameByte(char c) {
-  return IsLetter(c) || IsDigit(c) || c == '_';
-}
-bool IsWhitespace(char c) {
-  return c == '\t' || c == '\n' || c == '\r' || c == ' ';
+  return zp_isalpha(c) || zp_isdigit(c) || c == '_';
 }
 bool IsQuote(char c) {
   return c == '"' || c == '\'';
-}
-
-int TextLength(const char* text, int length) {
-  if (!text) return 0;
-  if (length == -1) return static_cast<int>(strlen(text));
-  return length < 0 ? 0 : length;
 }
 
 }  // namespace
@@ -125,7 +112,7 @@ ExpressionCompiler::ExpressionCompiler(ExternalCallManager* external_calls,
       target(segment ? segment : this->segments->Segment_Add()),
       write_position(position),
       text(text),
-      text_length(TextLength(text, length)),
+      text_length(MeasuredLength(text, length)),
       default_alias(alias),
       current_line(line),
       format_version(version) {
@@ -145,9 +132,9 @@ int ExpressionCompiler::Run() {
 }
 
 bool ExpressionCompiler::Expression_Empty(const char* text, int length) {
-  length = TextLength(text, length);
+  length = MeasuredLength(text, length);
   for (int i = 0; i < length; i++) {
-    if (!IsWhitespace(text[i])) return false;
+    if (!zp_iswhite(text[i])) return false;
   }
   return true;
 }
@@ -165,7 +152,7 @@ const _OperatorInfo* ExpressionCompiler::IsOperator(const char* word, int length
 }
 
 int ExpressionCompiler::SkipWhitespace(int start, int end) const {
-  while (start < end && IsWhitespace(text[start])) start++;
+  while (start < end && zp_iswhite(text[start])) start++;
   return start;
 }
 
@@ -214,7 +201,7 @@ const _OperatorInfo* ExpressionCompiler::OperatorOfByte(int position, int end, b
   const char next = position + 1 < end ? text[position + 1] : '\0';
   const bool plus_or_minus = c == '+' || c == '-';
   if (plus_or_minus && next == c) return IsOperator(text + position, 2);
-  if (plus_or_minus && sign && (next == '.' || IsDigit(next))) return nullptr;
+  if (plus_or_minus && sign && (next == '.' || zp_isdigit(next))) return nullptr;
   return IsOperator(text + position, 1);
 }
 
@@ -226,7 +213,7 @@ bool ExpressionCompiler::NextOperator(int start, int end, bool sign, FoundOperat
   int i = first;
   while (i < end && !found->info) {
     const char c = text[i];
-    if (IsLetter(c)) {
+    if (zp_isalpha(c)) {
       if (!ScanWord(&i, end, found)) return false;
       continue;
     }
@@ -380,9 +367,9 @@ bool ExpressionCompiler::CompileValue(int start, int end) {
   if (start == end) return true;
   const char c = text[start];
   int i;
-  if (IsLetter(c) || c == '_') {
+  if (zp_isalpha(c) || c == '_') {
     if (!CompileWord(start, end, &i)) return false;
-  } else if (IsDigit(c) || c == '-' || c == '.') {
+  } else if (zp_isdigit(c) || c == '-' || c == '.') {
     if (!CompileNumber(start, end, &i)) return false;
   } else if (IsQuote(c)) {
     if (!FindQuoteEnd(start, end, &i)) return false;
@@ -392,7 +379,7 @@ bool ExpressionCompiler::CompileValue(int start, int end) {
     return Fail("Invalid Argument '", &c, 1, "' Found in expression");
   }
   for (; i < end; i++) {
-    if (IsWhitespace(text[i]) || text[i] == '\0') continue;
+    if (zp_iswhite(text[i]) || text[i] == '\0') continue;
     return Fail("Found additional argument '", text + i, 1, "' while looking for operator");
   }
   return true;
@@ -409,7 +396,7 @@ bool ExpressionCompiler::CompileWord(int start, int end, int* position) {
       break;
     }
   }
-  if (i < end && !IsWhitespace(text[i])) {
+  if (i < end && !zp_iswhite(text[i])) {
     return Fail("Invalid Argument '", text + i, 1, "' in Expression");
   }
   *position = i;
@@ -427,7 +414,7 @@ bool ExpressionCompiler::CompileNumber(int start, int end, int* position) {
   for (; i < end; i++) {
     if (text[i] == '.' && !point) {
       point = true;
-    } else if (!(hexadecimal ? IsHexDigit(text[i]) : IsDigit(text[i]))) {
+    } else if (!(hexadecimal ? IsHexDigit(text[i]) : zp_isdigit(text[i]))) {
       break;
     }
   }

@@ -18,6 +18,7 @@
 #include "base/compiled/Segment.h"
 #include "base/compiled/VariableHash.h"
 #include "base/core/LinkBuffer.h"
+#include "base/core/LittleEndian.h"
 #include "base/core/Output.h"
 #include "base/core/RunLimit.h"
 #include "base/core/ThreadMemory.h"
@@ -42,26 +43,10 @@ inline int Read(int* shared) {
   return std::atomic_ref<int>(*shared).load(std::memory_order_relaxed);
 }
 
-inline unsigned Byte(const unsigned char* p, int i) {
-  return p[i];
-}
-
-// Operands are little-endian and unaligned. Compilers turn these into plain loads.
-inline int ReadInteger(const unsigned char* p) {
-  return static_cast<int>(Byte(p, 0) | Byte(p, 1) << 8 | Byte(p, 2) << 16 | Byte(p, 3) << 24);
-}
-
-inline unsigned short ReadWord(const unsigned char* p) {
-  return static_cast<unsigned short>(Byte(p, 0) | Byte(p, 1) << 8);
-}
-
-inline double ReadDouble(const unsigned char* p) {
-  unsigned long bits = 0;
-  for (int i = 7; i >= 0; i--) bits = bits << 8 | p[i];
-  double value;
-  memcpy(&value, &bits, sizeof value);
-  return value;
-}
+// Operands of instructions.
+using LittleEndian::Get16;
+using LittleEndian::GetDouble;
+using LittleEndian::GetInt32;
 
 }  // namespace
 
@@ -244,7 +229,7 @@ int ZephVM::Loop() {
     }
     // Operands that the end of the segment cuts off read as zero, because zero bytes follow it.
     const unsigned char* p = code + pc;
-    const unsigned short word = ReadWord(p);
+    const unsigned short word = Get16(p);
     p += 2;
 
 // A case for one instruction. Moves the counter past its operands.
@@ -259,9 +244,9 @@ int ZephVM::Loop() {
   CASE(name) {                                                                   \
     constexpr int first_size = Instruction::FirstOperandSize(Instruction::name); \
     static_assert(first_size != 8, "handlers take integers");                    \
-    if constexpr (first_size == 4) first_integer = ReadInteger(p);               \
+    if constexpr (first_size == 4) first_integer = GetInt32(p);                  \
     if constexpr (Instruction::OperandSize(Instruction::name) == 8)              \
-      second_integer = ReadInteger(p + 4);                                       \
+      second_integer = GetInt32(p + 4);                                          \
     program_counter = pc;                                                        \
     name();                                                                      \
     pc = program_counter;                                                        \
@@ -271,9 +256,9 @@ int ZephVM::Loop() {
 #define CALL_Absent(name) \
   case Instruction::code_##name: break;
 // A jump on the integer that is popped.
-#define JUMP_IF(name, relation)                                  \
-  CASE(name)                                                     \
-  if (stack->PopI() relation 0) pc = Jumped(pc, ReadInteger(p)); \
+#define JUMP_IF(name, relation)                               \
+  CASE(name)                                                  \
+  if (stack->PopI() relation 0) pc = Jumped(pc, GetInt32(p)); \
   continue;
 // Pushes an integer that depends on the order of two values.
 #define COMPARE(name, result)             \
@@ -292,13 +277,13 @@ int ZephVM::Loop() {
   }
 
 #ifndef NDEBUG
-    const InstructionCheck check(this, Instruction::CodeOf(word), ReadInteger(p));
+    const InstructionCheck check(this, Instruction::CodeOf(word), GetInt32(p));
 #endif
     switch (Instruction::CodeOf(word)) {
       CASE(noop) continue;
-      CASE(pushi) stack->PushI(ReadInteger(p));
+      CASE(pushi) stack->PushI(GetInt32(p));
       continue;
-      CASE(pushf) stack->PushD(ReadDouble(p));
+      CASE(pushf) stack->PushD(GetDouble(p));
       continue;
       CASE(pop) stack->Pop();
       continue;
@@ -306,17 +291,17 @@ int ZephVM::Loop() {
       continue;
       CASE(swap) stack->Swap(0, 1);
       continue;
-      CASE(swapn) stack->Swap(ReadInteger(p), ReadInteger(p + 4));
+      CASE(swapn) stack->Swap(GetInt32(p), GetInt32(p + 4));
       continue;
       CASE(cat) stack->Concatenate();
       continue;
-      CASE(pushg) PushPosition(global_variables, ReadInteger(p));
+      CASE(pushg) PushPosition(global_variables, GetInt32(p));
       continue;
-      CASE(pushl) PushPosition(frame->variables, ReadInteger(p));
+      CASE(pushl) PushPosition(frame->variables, GetInt32(p));
       continue;
-      CASE(popg) stack->PopV(global_variables->At(ReadInteger(p), 1));
+      CASE(popg) stack->PopV(global_variables->At(GetInt32(p), 1));
       continue;
-      CASE(popl) stack->PopV(frame->variables->At(ReadInteger(p), 1));
+      CASE(popl) stack->PopV(frame->variables->At(GetInt32(p), 1));
       continue;
 
       COMPUTE(add, a + b)
@@ -339,22 +324,22 @@ int ZephVM::Loop() {
       COMPARE(gt, order > 0)
 
       CASE(cmpgi) {
-        Variable* a = GlobalOrFail(ReadInteger(p));
-        if (a) stack->PushI(Compare(a, ReadInteger(p + 4)));
+        Variable* a = GlobalOrFail(GetInt32(p));
+        if (a) stack->PushI(Compare(a, GetInt32(p + 4)));
         continue;
       }
       // The sum wraps.
       CASE(incg) {
-        Variable* v = GlobalOrFail(ReadInteger(p));
-        if (v) v->Write_Integer(WrapAdd(v->Read_Integer(), ReadInteger(p + 4)));
+        Variable* v = GlobalOrFail(GetInt32(p));
+        if (v) v->Write_Integer(WrapAdd(v->Read_Integer(), GetInt32(p + 4)));
         continue;
       }
       CASE(storegi) {
-        Variable* v = GlobalOrFail(ReadInteger(p));
-        if (v) v->Write_Integer(ReadInteger(p + 4));
+        Variable* v = GlobalOrFail(GetInt32(p));
+        if (v) v->Write_Integer(GetInt32(p + 4));
         continue;
       }
-      CASE(jmp) pc = Jumped(pc, ReadInteger(p));
+      CASE(jmp) pc = Jumped(pc, GetInt32(p));
       continue;
       JUMP_IF(jmp_eq, ==)
       JUMP_IF(jmp_ne, !=)
@@ -363,7 +348,7 @@ int ZephVM::Loop() {
       JUMP_IF(jmp_le, <=)
       JUMP_IF(jmp_ge, >=)
 
-      CASE(erroutput) frame->error_output = ReadInteger(p);
+      CASE(erroutput) frame->error_output = GetInt32(p);
       continue;
       CASE(exit2) program_counter = pc;
       exit();

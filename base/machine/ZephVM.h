@@ -335,15 +335,13 @@ class ZephVM {
   bool ReturnsNeedNoRecord() const;
   static constexpr long NoMode = LONG_MIN;  // no mode: those are ints
   void SetOutputMode(int mode);
-  void TakeArguments(Function* function, VariableHash* locals);
-  void LogParameterOf(Function* function, FunctionParameter* parameter, Variable* value);
+  bool TakeArguments(Function* function, const _ZP_EL_Function* row, VariableHash* locals);
   ZephVM_FunctionFrame* ReturningFrame();
   void LeaveFrame();
   void LogReturn(ZephVM_FunctionFrame* left, bool with_value);
   // Closes the features that were made in a frame that is about to end.
   void Cleanup_Function_Features(ZephVM_Frame* left);
   ExternalCall* FindExternal(Function* function);
-  bool TakeExternalArguments(Function* function, const _ZP_EL_Function* row, VariableHash* locals);
   bool MayNest();
   // With wants_result, a run that leaves no result has failed; that happens after an exit.
   template <typename Push, typename Take>

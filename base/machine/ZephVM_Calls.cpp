@@ -67,7 +67,7 @@ void ZephVM::CallFunction(Function* function) {
   called->previous = frame;
   SetOutputMode(called->output_mode);
   if (WantsLog(Log_FunctionCall)) WriteLog(Log_FunctionCall, {OfString(function->name())});
-  TakeArguments(function, called->variables);
+  TakeArguments(function, nullptr, called->variables);
   // The frame is entered after a failure too: the stop flag ends the loop before its code runs.
   wanted_segment = function->segment();
   program_counter = function->offset();
@@ -142,33 +142,40 @@ void ZephVM::SetOutputMode(int mode) {
   hot_mode = in_hot ? mode : NoMode;
 }
 
-// The last argument is on top of the caller's stack.
-void ZephVM::TakeArguments(Function* function, VariableHash* locals) {
+// The last argument is on top of the caller's stack. row is that of a library's function, null for
+// a function of the script. REQUIRES: a row has as many parameters as the function.
+bool ZephVM::TakeArguments(Function* function, const _ZP_EL_Function* row, VariableHash* locals) {
   const std::vector<FunctionParameter*>& parameters = function->slots();
+  const unsigned record = row ? Log_ExternalFunctionParameter : Log_FunctionParameter;
   for (size_t i = parameters.size(); i-- > 0;) {
-    FunctionParameter* p = parameters[i];
+    const FunctionParameter* p = parameters[i];
+    if (row && p->flagword() != row->parameters[i].flags) {
+      FatalError("Parameter type mismatch in call to external function");
+      return false;
+    }
     // Keeps the argument alive for the log record if the table refuses it.
     VariableRef held;
     Variable* argument;
     if (p->byreference()) {
       held = PopHeld(&argument);
-      if (!argument) return;
+      if (!argument) return false;
       locals->SetVariable_Reference(p->index(), argument);
     } else {
       argument = locals->At(p->index(), 1);
       if (!argument) {
         FatalError("Invalid parameter reference");
-        return;
+        return false;
       }
       stack->PopV(argument);
+      // A call of the script's own function still has a record of each parameter.
+      if (row && stop_flag) return false;
     }
-    if (WantsLog(Log_FunctionParameter)) LogParameterOf(function, p, argument);
+    if (WantsLog(record)) {
+      WriteLog(record, {OfString(function->name()), OfString(p->name()),
+                        LogParameter::OfVariable(argument)});
+    }
   }
-}
-
-void ZephVM::LogParameterOf(Function* function, FunctionParameter* parameter, Variable* value) {
-  WriteLog(Log_FunctionParameter, {OfString(function->name()), OfString(parameter->name()),
-                                   LogParameter::OfVariable(value)});
+  return true;
 }
 
 ZephVM_FunctionFrame* ZephVM::ReturningFrame() {
@@ -284,7 +291,7 @@ void ZephVM::CallExternalFunction(Function* function) {
   // entered.
   const auto keep = [this](ZephVM_FunctionFrame* used) { KeepFrame(used); };
   const std::unique_ptr<ZephVM_FunctionFrame, decltype(keep)> called(FrameFor(function), keep);
-  if (!TakeExternalArguments(function, row, called->variables)) return;
+  if (!TakeArguments(function, row, called->variables)) return;
   // A library might keep or send what it is given, so it is not given parts.
   if (RunLimit::WasCut()) return;
   external->Call(this, called->variables);
@@ -318,39 +325,6 @@ ExternalCall* ZephVM::FindExternal(Function* function) {
   message.cat('\'');
   FatalError(message);
   return nullptr;
-}
-
-bool ZephVM::TakeExternalArguments(Function* function, const _ZP_EL_Function* row,
-                                   VariableHash* locals) {
-  const std::vector<FunctionParameter*>& parameters = function->slots();
-  for (int i = row->parametercount; i-- > 0;) {
-    const FunctionParameter* p = parameters[static_cast<size_t>(i)];
-    const int expected = row->parameters[i].flags;
-    if (p->flagword() != expected) {
-      FatalError("Parameter type mismatch in call to external function");
-      return false;
-    }
-    VariableRef held;
-    Variable* argument;
-    if (p->byreference()) {
-      held = PopHeld(&argument);
-      if (!argument) return false;
-      locals->SetVariable_Reference(p->index(), argument);
-    } else {
-      argument = locals->At(p->index(), 1);
-      if (!argument) {
-        FatalError("Invalid parameter reference");
-        return false;
-      }
-      stack->PopV(argument);
-      if (stop_flag) return false;
-    }
-    if (WantsLog(Log_ExternalFunctionParameter)) {
-      WriteLog(Log_ExternalFunctionParameter, {OfString(function->name()), OfString(p->name()),
-                                               LogParameter::OfVariable(argument)});
-    }
-  }
-  return true;
 }
 
 // --- Runs within a run ---------------------------------------------------------------------------

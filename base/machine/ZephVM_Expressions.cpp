@@ -7,6 +7,7 @@
 
 #include "base/compiled/Segment.h"
 #include "base/compiled/VariableHash.h"
+#include "base/core/MeasuredLength.h"
 #include "base/core/Output.h"
 #include "base/host/Config.h"
 #include "base/host/File.h"
@@ -132,7 +133,7 @@ int ZephVM::Execute_Dynamic_Expression(Segment* expression, ZephVM_Stack* entrie
 DoContext* ZephVM::DoContextFind(const char* name, int length) {
   FileManager* const manager = application->filemanager();
   String named;
-  if (length < 0) length = static_cast<int>(strlen(name));
+  if (length < 0) length = MeasuredLength(name, -1);
   if (length == 0 || (name[0] != manager->pathseparator() && name[0] != '/')) {
     named.cat(script_directory.data, script_directory.length);
   }

@@ -8,8 +8,10 @@
 #include <vector>
 
 #include "base/compiled/VariableHash.h"
+#include "base/core/MeasuredLength.h"
 #include "base/core/Output.h"
 #include "base/core/RunLimit.h"
+#include "base/core/ascii.h"
 #include "base/host/ZephApplication.h"
 #include "base/machine/PoppedString.h"
 #include "base/machine/ZephVM.h"
@@ -31,10 +33,6 @@ bool LookupIn(VariableHash* table, Variable** out, const char* name, int length,
 const int kNames = 4;
 const int kFields = 16;
 
-bool IsSpace(char c) {
-  return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
 // Calls visit(text, length) with each piece of a list that is not only white space. Past the time
 // limit the rest is left out, because each look-up may walk long chains.
 template <typename Visit>
@@ -45,8 +43,8 @@ void ForEachName(const char* text, int length, Visit visit) {
     const char* stop = p;
     while (stop < end && *stop != ',') stop++;
     const char* last = stop;
-    while (p < last && IsSpace(*p)) p++;
-    while (last > p && IsSpace(last[-1])) last--;
+    while (p < last && zp_isspace(*p)) p++;
+    while (last > p && zp_isspace(last[-1])) last--;
     if (last > p) visit(p, static_cast<int>(last - p));
     p = stop;
   }
@@ -97,7 +95,7 @@ Variable* ZephVM::Lookup_Variable(const char* name, int length) {
 
 int ZephVM::Lookup_Variable(Variable** out, const char* name, int length, String* error) {
   *out = nullptr;
-  if (length < 0) length = static_cast<int>(strlen(name));
+  if (length < 0) length = MeasuredLength(name, -1);
   const char *rest, *database;
   int rest_length, database_length;
   switch (VariableHash::Scope(name, length, &rest, &rest_length, &database, &database_length)) {

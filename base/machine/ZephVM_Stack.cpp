@@ -9,6 +9,7 @@
 #include <memory>
 #include <new>
 
+#include "base/core/CopyText.h"
 #include "base/core/LinkBuffer.h"
 #include "base/core/Numbers.h"
 #include "base/core/memcmpi.h"
@@ -32,14 +33,6 @@ struct EntryText {
   int length = 0;
   std::unique_ptr<char[]> temporary;
 };
-
-char* CopyText(const char* data, int length) {
-  if (length == INT_MAX) throw std::bad_alloc();
-  char* copy = new char[static_cast<size_t>(length) + 1];
-  memcpy(copy, data, static_cast<size_t>(length));
-  copy[length] = '\0';
-  return copy;
-}
 
 // The text of a variable; one without a buffer reads as empty.
 const char* VariableText(Variable* variable, int* length) {
@@ -243,7 +236,7 @@ void ZephVM_Stack::OwnTop() {
   if (top == entries || top[-1].Owns()) return;
   Entry* entry = top - 1;
   if (entry->kind == KindString) {
-    entry->value.text = CopyText(entry->value.text, entry->length);
+    entry->value.text = NewTextCopy(entry->value.text, entry->length);
     entry->size = entry->length + 1;
   } else if (entry->kind == KindLinkBuffer) {
     entry->value.buffer = ConvertEntryToDeletableLinkBuffer(entry);
@@ -408,7 +401,7 @@ int ZephVM_Stack::CompareTexts(const Entry* left, const Entry* right) {
   EntryText a = TextOf(left);
   // If both sides are the same computed variable, the second read overwrites the first text.
   if (left->kind == KindVariable && !HasStableText(left->value.variable)) {
-    a.temporary.reset(CopyText(a.data, a.length));
+    a.temporary.reset(NewTextCopy(a.data, a.length));
     a.data = a.temporary.get();
   }
   EntryText b = TextOf(right);
@@ -461,7 +454,7 @@ void ZephVM_Stack::Dupe() {
   // until it does, since what follows may throw.
   top--;
   if (source->kind == KindString) {
-    copy->value.text = CopyText(source->value.text, source->length);
+    copy->value.text = NewTextCopy(source->value.text, source->length);
     if (copy->size > copy->length) copy->size = copy->length + 1;
   } else if (source->kind == KindVariable) {
     source->value.variable->IncRefCount();
@@ -522,7 +515,7 @@ char* ZephVM_Stack::ConvertEntryToString(Entry* entry, int* length, int* size, i
       EntryText text = TextOf(entry);
       *length = text.length;
       *size = text.length + 1;
-      return CopyText(text.data, text.length);
+      return NewTextCopy(text.data, text.length);
     }
   }
   Variable* variable = entry->value.variable;
@@ -536,7 +529,7 @@ char* ZephVM_Stack::ConvertEntryToString(Entry* entry, int* length, int* size, i
     return const_cast<char*>(data);
   }
   *size = bytes + 1;
-  char* copy = CopyText(data, bytes);
+  char* copy = NewTextCopy(data, bytes);
   if (owned) variable->DecRefCount();
   return copy;
 }
@@ -618,7 +611,7 @@ void ZephVM_Stack::ConcatenateTexts(Entry* left, Entry* right) {
   {
     EntryText a = TextOf(left);
     if (left->kind == KindVariable && !HasStableText(left->value.variable)) {
-      a.temporary.reset(CopyText(a.data, a.length));
+      a.temporary.reset(NewTextCopy(a.data, a.length));
       a.data = a.temporary.get();
     }
     EntryText b = TextOf(right);

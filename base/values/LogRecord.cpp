@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "base/core/MeasuredLength.h"
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
 #include "base/values/VariableWalk.h"
@@ -42,7 +43,7 @@ const std::string& LogRecord::Finish() {
 
 void LogRecord::AppendText(const char* text, int length) {
   if (!text) return;
-  const size_t bytes = length == -1 ? strlen(text) : static_cast<size_t>(length < 0 ? 0 : length);
+  const auto bytes = static_cast<size_t>(MeasuredLength(text, length));
   for (size_t i = 0; i < bytes && line.size() < MostBytes; i++) {
     const auto c = static_cast<unsigned char>(text[i]);
     if (c >= 32) {
