@@ -3,8 +3,7 @@
 
 #include "base/extensions/ExternalCall.h"
 
-#include "base/extensions/ExternalLibrary.h"
-#include "base/host/ZephApplication.h"
+#include "base/extensions/OpenedLibrary.h"
 #include "base/values/Variable.h"
 #include "base/values/VariableRef.h"
 
@@ -93,23 +92,11 @@ ExternalCallManager::ExternalCallManager(ZephApplication* application, ExternalC
 ExternalCallManager::~ExternalCallManager() = default;
 
 bool ExternalCallManager::RegisterDSO(const char* path) {
-  ExternalLibraryManager* manager = application->librarymanager();
-  ExternalLibrary* library = manager->Lookup(path);
-  if (library == nullptr) {
-    Error(manager->error());
-    return false;
-  }
-  using TableFunction = _ZP_EL_FunctionTable* (*)();
-  auto table = reinterpret_cast<TableFunction>(library->Get_Function("zeph_function_table"));
-  if (table == nullptr) {
-    Error(library->error());
-    return false;
-  }
-  const _ZP_EL_FunctionTable* functions = table();
-  if (functions == nullptr) {
-    Error("Unable to retrieve function descriptor table");
-    return false;
-  }
+  ExternalLibrary* library = OpenLibrary(application, path, &last_error);
+  if (library == nullptr) return false;
+  const auto* functions = ExportedTable<_ZP_EL_FunctionTable>(
+      library, "zeph_function_table", "Unable to retrieve function descriptor table", &last_error);
+  if (functions == nullptr) return false;
   Append(library, functions->functions);
   return true;
 }

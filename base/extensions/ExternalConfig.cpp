@@ -7,7 +7,7 @@
 #include "base/extensions/CommerceLibrary.h"
 #include "base/extensions/ExternalCall.h"
 #include "base/extensions/ExternalDatabaseLibrary.h"
-#include "base/extensions/ExternalLibrary.h"
+#include "base/extensions/OpenedLibrary.h"
 #include "base/extensions/SystemLibrary.h"
 #include "base/host/TagErrors.h"
 #include "base/host/ZephApplication.h"
@@ -57,20 +57,12 @@ ExternalConfig::~ExternalConfig() {
 }
 
 bool ExternalConfig::Load(const char* path, int zero, void* arguments, int count) {
-  ExternalLibraryManager* manager = application->librarymanager();
-  library = manager->Lookup(path);
-  if (library == nullptr) {
-    Error(manager->error());
-    return false;
-  }
-  auto table =
-      reinterpret_cast<_ZP_EL_ConfigFunction>(library->Get_Function("zeph_config_library"));
-  if (table == nullptr) {
-    Error(library->error());
-    return false;
-  }
-  descriptor = table();
-  if (descriptor == nullptr) return Fail("Unable to retrieve configuration descriptor table");
+  library = OpenLibrary(application, path, &last_error);
+  if (library == nullptr) return false;
+  descriptor = ExportedTable<_ZP_EL_Config>(library, "zeph_config_library",
+                                            "Unable to retrieve configuration descriptor table",
+                                            &last_error);
+  if (descriptor == nullptr) return false;
   if (descriptor->initialize == nullptr) return true;
   if (descriptor->initialize(this, &data, zero, arguments, count) == 0) return true;
   return FailWithLibraryText("Error initializing configuration library");

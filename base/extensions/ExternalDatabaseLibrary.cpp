@@ -30,15 +30,9 @@ ExternalDatabaseLibrary* ExternalDatabaseLibraryManager::Lookup_DB(const char* n
       name, length, "Database type '", "' is unsupported or not configured",
       [](const ExternalDatabaseLibrary* type) { return type->descriptor() != nullptr; },
       [this](ExternalDatabaseLibrary* type, ExternalLibrary* file) {
-        using TableFunction = _ZP_EL_Database* (*)();
-        auto table = reinterpret_cast<TableFunction>(file->Get_Function("zeph_database_library"));
-        if (table == nullptr) {
-          Error(file->error());
-          return false;
-        }
-        type->SetDescriptor(table());
-        if (type->descriptor() != nullptr) return true;
-        Error("Unable to retrieve database descriptor table");
-        return false;
+        type->SetDescriptor(ExportedTable<_ZP_EL_Database>(
+            file, "zeph_database_library", "Unable to retrieve database descriptor table",
+            &named.error()));
+        return type->descriptor() != nullptr;
       });
 }

@@ -8,9 +8,8 @@
 
 #include "base/core/BaseTemplates.h"
 #include "base/core/StringClass.h"
-#include "base/extensions/ExternalLibrary.h"
 #include "base/extensions/LastError.h"
-#include "base/host/ZephApplication.h"
+#include "base/extensions/OpenedLibrary.h"
 
 // The name of a library in scripts and the path of its file: the first fields of each kind. Copies
 // both texts; a null text stays null.
@@ -81,13 +80,8 @@ class NamedLibraries {
       return nullptr;
     }
     if (is_loaded(library)) return library;
-    ExternalLibraryManager* manager = application->librarymanager();
-    ExternalLibrary* file = manager->Lookup(library->path());
-    if (file == nullptr) {
-      last_error.Set(manager->error());
-      return nullptr;
-    }
-    return load(library, file) ? library : nullptr;
+    ExternalLibrary* file = OpenLibrary(application, library->path(), &last_error);
+    return file != nullptr && load(library, file) ? library : nullptr;
   }
 
   // In the order of registration.
