@@ -97,8 +97,9 @@ char* ShrinkUnits(int textlength, int* length, int* size, Convert convert) {
 
 char* Constant(const char* text, int* length, int* size) {
   const int count = MeasuredLength(text, -1);
+  char* buffer = NewTextCopy(text, count);
   Report(count, count + 1, length, size);
-  return NewTextCopy(text, count);
+  return buffer;
 }
 
 // Significant digits of a finite double, without trailing zeros; point counts from the first one.
@@ -362,8 +363,9 @@ char* ZephApplication::itos(int value, int* length, int* size) {
   char text[12];
   const auto end = std::to_chars(text, text + sizeof text, value);
   const int count = static_cast<int>(end.ptr - text);
+  char* buffer = NewTextCopy(text, count);
   Report(count, count + 1, length, size);
-  return NewTextCopy(text, count);
+  return buffer;
 }
 
 char* ZephApplication::dtos(double value, int* length, int* size, int precision) {

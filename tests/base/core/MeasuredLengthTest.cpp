@@ -46,7 +46,7 @@ TEST(MeasuredLength, EveryNegativeLengthOfASettingMeansTheTextUpToItsNUL) {
 }
 
 TEST(MeasuredLength, ChainOfBlocksMeasuresNothing) {
-  LinkBuffer text;
+  LinkBuffer text(64, 64);
   text.cat("text", -1);
   text.cat("text", -2);
   EXPECT_EQ(text.total, 0);
