@@ -15,18 +15,22 @@ UNIXExternalLibrary::~UNIXExternalLibrary() {
 
 bool UNIXExternalLibrary::Load(const char* path) {
   library_path = path;
+  // The loader would return the engine itself, as a library that it never loaded.
+  if (path == nullptr) {
+    Error("The library has no path");
+    return false;
+  }
   // The loader would wait for the other end of a FIFO. A name without a slash is not checked: the
   // loader searches for it in the system's own directories.
   struct stat status;
-  if (path != nullptr && strchr(path, '/') != nullptr && stat(path, &status) == 0 &&
-      !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
+  if (strchr(path, '/') != nullptr && stat(path, &status) == 0 && !S_ISREG(status.st_mode) &&
+      !S_ISDIR(status.st_mode)) {
     String text(path, -1);
     text.cat(": not a regular file");
     Error(text);
     return false;
   }
-  // dlopen with a null name would return the engine itself.
-  handle = dlopen(library_path.data, RTLD_LAZY);
+  handle = dlopen(path, RTLD_LAZY);
   if (handle != nullptr) return true;
   Error(dlerror());
   return false;

@@ -54,6 +54,30 @@ TEST(UNIXExternalLibrary, AFifoIsNotWaitedFor) {
   EXPECT_EQ(Text(library.error()), path + ": not a regular file");
 }
 
+TEST(UNIXExternalLibrary, ADirectoryIsRefusedByTheLoader) {
+  TemporaryDirectory directory;
+  UNIXExternalLibrary library;
+  EXPECT_FALSE(library.Load(directory.path().c_str()));
+  EXPECT_NE(Text(library.error()).find(directory.path()), std::string::npos);
+}
+
+TEST(UNIXExternalLibrary, ANameWithoutASlashIsLookedForInTheSystemsDirectories) {
+  UNIXExternalLibrary library;
+  ASSERT_TRUE(library.Load("libc.so.6"));
+  EXPECT_NE(library.Get_Function("strlen"), nullptr);
+  UNIXExternalLibrary unknown;
+  EXPECT_FALSE(unknown.Load("libnosuchthing.so.1"));
+  EXPECT_TRUE(NamesMissingFile(unknown.error(), "libnosuchthing.so.1"));
+}
+
+// A library that was registered with a null path was the engine itself.
+TEST(UNIXExternalLibrary, NoNameIsNoLibrary) {
+  UNIXExternalLibrary library;
+  EXPECT_FALSE(library.Load(nullptr));
+  EXPECT_EQ(Text(library.error()), "The library has no path");
+  EXPECT_EQ(library.Get_Function("main"), nullptr);
+}
+
 TEST(UNIXExternalLibraryManager, LoadsAFileOnce) {
   UNIXExternalLibraryManager manager;
   ExternalLibrary* first = manager.Lookup(TestLibraryPath("FakeLibrary").c_str());
