@@ -252,6 +252,7 @@ TEST(LinkBuffer, DestroyFormsWithAnEmptySideArePlainMoves) {
   target.cat_destroy(new LinkBuffer(1, 1));
   target.prepend_destroy(new LinkBuffer(1, 1));
   target.cat_destroy(nullptr);
+  target.prepend_destroy(nullptr);
   EXPECT_EQ(Blocks(target), "[cd]");
 }
 

@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "tests/support/LibraryFixture.h"
 
@@ -116,6 +117,42 @@ TEST_F(CommerceLibraryTest, ThreeFunctionsFail) {
   }
 }
 
+// A library with the four functions less one.
+class LibraryWithout : public ExternalLibrary {
+ public:
+  explicit LibraryWithout(std::string_view name) : missing(name) {}
+  bool Load(const char*) override { return true; }
+  void* Get_Function(const char* name) override {
+    const std::string_view wanted = name;
+    if (wanted == missing) return nullptr;
+    if (wanted == "zeph_commerce_init") return reinterpret_cast<void*>(Init);
+    if (wanted == "zeph_commerce_loop") return reinterpret_cast<void*>(Loop);
+    if (wanted == "zeph_commerce_cleanup") return reinterpret_cast<void*>(Cleanup);
+    if (wanted == "zeph_commerce_error") return reinterpret_cast<void*>(ErrorText);
+    return nullptr;
+  }
+
+ private:
+  std::string_view missing;
+};
+
+TEST_F(CommerceLibraryTest, EachOfTheFourFunctionsMustBeThere) {
+  for (const char* name : {"zeph_commerce_init", "zeph_commerce_loop", "zeph_commerce_cleanup",
+                           "zeph_commerce_error"}) {
+    SCOPED_TRACE(name);
+    LibraryWithout incomplete(name);
+    CommerceLibrary library("pay", "pay.so");
+    EXPECT_FALSE(library.Load(&incomplete));
+    EXPECT_FALSE(library.loaded());
+    EXPECT_EQ(Text(library.Get_Error()),
+              "Unable to load commerce library descriptor table/functions");
+  }
+  LibraryWithout complete("");
+  CommerceLibrary library("pay", "pay.so");
+  EXPECT_TRUE(library.Load(&complete));
+  EXPECT_TRUE(library.loaded());
+}
+
 TEST_F(CommerceLibraryTest, CopyHasTheLibrariesWithTheirFunctions) {
   auto source = std::make_unique<CommerceLibraryManager>(&application);
   source->RegisterDSO("pay", TestLibraryPath("FakeCommerceFunctions").c_str());
@@ -138,6 +175,10 @@ TEST_F(CommerceLibraryTest, NullTextKeepsTheOlderError) {
   manager.Set_Error("first");
   manager.Set_Error(String());
   EXPECT_EQ(Text(manager.Get_Error()), "first");
+  CommerceLibrary library("pay", "pay.so");
+  library.Set_Error("second");
+  library.Set_Error(String());
+  EXPECT_EQ(Text(library.Get_Error()), "second");
 }
 
 }  // namespace

@@ -59,6 +59,9 @@ TEST_F(SystemLibraryTest, NullTextKeepsTheOlderError) {
   library.Error("first");
   library.Error(String());
   EXPECT_EQ(Text(library.error()), "first");
+  manager.Error("second");
+  manager.Error(String());
+  EXPECT_EQ(Text(manager.error()), "second");
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -128,6 +129,65 @@ TEST(CaptureOutput, ErrorsAndHeaderFieldsPassItBy) {
   EXPECT_EQ(output.Header("X-A", "1"), 1);
   EXPECT_EQ(parent.text, "oops");
   EXPECT_EQ(parent.headers, std::vector<std::string>{"X-A: 1"});
+}
+
+TEST(CaptureOutput, HeaderFieldsWithTheirOwnersPassEveryCapture) {
+  RecordingOutput page;
+  CaptureOutput outer(&page);
+  CaptureOutput inner(&outer);
+  char* name = new char[4]{'X', '-', 'B', 0};
+  char* value = new char[2]{'2', 0};
+  EXPECT_EQ(inner.Header(name, 3, 1, value, 1, 1), 1);
+  EXPECT_EQ(page.headers, std::vector<std::string>{"X-B: 2"});
+}
+
+std::string Captured(CaptureOutput* capture) {
+  int length, size;
+  const std::unique_ptr<char[]> text(capture->data(&length, &size));
+  return std::string(text.get(), static_cast<size_t>(length));
+}
+
+// A loop around a capture may end it while one that began within it goes on.
+TEST(CaptureOutput, OneThatEndsFirstIsSteppedOver) {
+  RecordingOutput page;
+  auto* outer = new CaptureOutput(&page);
+  auto* inner = new CaptureOutput(outer);
+  outer->Write("outer", -1);
+  inner->Write("inner", -1);
+  EXPECT_FALSE(inner->parent_over());
+  EXPECT_EQ(inner->parent(), outer);
+  outer->Close();
+  EXPECT_TRUE(inner->parent_over());
+  EXPECT_EQ(inner->parent(), &page);
+  EXPECT_FALSE(inner->parent_over());
+  EXPECT_EQ(Captured(inner), "inner");
+  inner->Write_Error("oops", -1);
+  EXPECT_EQ(page.text, "oops");
+  inner->Close();
+}
+
+TEST(CaptureOutput, AnyOrderOfEndsLeadsToTheNearestThatIsNotOver) {
+  // Four captures, each within the one before it, end in every order.
+  int order[] = {0, 1, 2, 3};
+  do {
+    SCOPED_TRACE(order[0] * 1000 + order[1] * 100 + order[2] * 10 + order[3]);
+    RecordingOutput page;
+    CaptureOutput* captures[4];
+    Output* last = &page;
+    for (CaptureOutput*& capture : captures) last = capture = new CaptureOutput(last);
+    bool over[4] = {};
+    for (const int ended : order) {
+      captures[ended]->Close();
+      over[ended] = true;
+      for (int i = 0; i < 4; i++) {
+        if (over[i]) continue;
+        int nearest = i - 1;
+        while (nearest >= 0 && over[nearest]) nearest--;
+        Output* const expected = nearest < 0 ? &page : static_cast<Output*>(captures[nearest]);
+        EXPECT_EQ(captures[i]->parent(), expected) << i;
+      }
+    }
+  } while (std::next_permutation(order, order + 4));
 }
 
 int Half(const char*, int length) {

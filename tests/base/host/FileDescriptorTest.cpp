@@ -67,6 +67,13 @@ TEST(FileDescriptor, MovingLeavesTheSourceEmpty) {
   EXPECT_FALSE(target.is_open());  // NOLINT(bugprone-use-after-move)
 }
 
+TEST(FileDescriptor, MovedToItselfItKeepsItsDescriptor) {
+  FileDescriptor guard(OpenSomething());
+  FileDescriptor& same = guard;
+  guard = std::move(same);
+  EXPECT_TRUE(IsOpen(guard.get()));  // NOLINT(bugprone-use-after-move)
+}
+
 TEST(FileDescriptor, ClosingKeepsErrno) {
   {
     FileDescriptor invalid(1 << 20);

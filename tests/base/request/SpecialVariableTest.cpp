@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <vector>
 
 #include "base/compiled/ForwardingVariableHash.h"
 #include "base/compiled/SystemVariableHash.h"
@@ -15,6 +16,7 @@
 #include "base/systems/unix/UNIXExternalLibrary.h"
 #include "base/values/Aggregate.h"
 #include "base/values/VariableKinds.h"
+#include "base/values/VariableRef.h"
 #include "tests/support/Machine.h"
 #include "tests/support/Paths.h"
 
@@ -85,6 +87,9 @@ TEST_F(SpecialVariables, AreNotMadeUntilSomebodyLooks) {
   EXPECT_FALSE(table.Find(&found, "zeph_languages", -1, 0));
   EXPECT_FALSE(table.Find(&found, "dyn_", -1, 0));
   EXPECT_FALSE(table.Find(&found, "", 0, 0));
+  for (int length : {31, 32, 33, 1000}) {
+    EXPECT_FALSE(table.Find(&found, std::string(length, 'z').c_str(), length, 0)) << length;
+  }
   EXPECT_EQ(dictionary.Entries(), before);
   EXPECT_TRUE(table.Find(&found, "ZEPH_Language", -1, 0));
   Variable* again = nullptr;
@@ -465,6 +470,54 @@ TEST_F(SpecialVariables, TheOthersCannotBeWritten) {
   }
 }
 
+// A variable that is gone reads as NULL for all its holders, whatever its class computes, and a
+// store into it must not reach the application.
+TEST_F(SpecialVariables, OneThatIsGoneReadsAsNULLAndTellsNothing) {
+  std::vector<VariableRef> gone;
+  for (const char* name : {"dyn_time_t", "dyn_stm_mon", "dyn_time_remaining", "zeph_language",
+                           "zeph_defaultlanguage", "zeph_defaultdatabase", "zeph_charset",
+                           "zeph_sslavailable", "zeph_config", "process_name"}) {
+    gone.push_back(VariableRef::Share(&Get(name)));
+  }
+  for (const char* name : {"timeout_global", "dir_temp", "commerce_list", "commerce_lookup"}) {
+    gone.push_back(VariableRef::Share(&Setting(name)));
+  }
+  application.SetLanguage("de");
+  application.SetDefaultLanguage("de");
+  application.SetDefaultDatabase("db");
+  application.SetCharacterSet("latin1");
+  for (const VariableRef& held : gone) {
+    Variable& v = *held.get();
+    SCOPED_TRACE(v.name().data);
+    v.Make_NULL();
+    EXPECT_EQ(v.SetValue("written", -1), 1);
+    EXPECT_EQ(v.SetValue_Integer(4711), 1);
+    EXPECT_EQ(v.SetValue_Double(4711.5), 1);
+    EXPECT_EQ(v.SetValue_Nocopy(OwnedText("written"), 7, 8), 1);
+    Variable source("source", -1, 4711);
+    EXPECT_EQ(v.SetValue(source), 1);
+    EXPECT_EQ(Text(v), "");
+    EXPECT_EQ(v.value_integer(), 0);
+    EXPECT_EQ(v.value_double(), 0.0);
+    int not_numeric = 1;
+    EXPECT_EQ(v.value_compare(&not_numeric), 0.0);
+    EXPECT_EQ(not_numeric, 0);
+    EXPECT_EQ(v.type(), VariableNULL);
+    EXPECT_EQ(v.IsNULL(), 1);
+    EXPECT_EQ(v.IsTrue(), 0);
+    EXPECT_EQ(v.ElementsUsed(), 0);
+    EXPECT_EQ(v.Element(AggregateIndex("x", -1), 0), nullptr);
+    const VariableRef clone(v.Clone(&application));
+    EXPECT_EQ(clone->type(), VariableNULL);
+    EXPECT_EQ(Text(*clone), "");
+  }
+  EXPECT_EQ(application.asked_for_ssl, 0);
+  EXPECT_STREQ(application.language().data, "de");
+  EXPECT_STREQ(application.defaultlanguage().data, "de");
+  EXPECT_STREQ(application.defaultdatabase().data, "db");
+  EXPECT_STREQ(application.charset().data, "latin1");
+}
+
 // --- What a script may set -----------------------------------------------------------------------
 
 struct TextSetting {
@@ -599,6 +652,9 @@ TEST_F(SpecialVariables, AClonedVariableAsksItsOwnApplication) {
   EXPECT_EQ(clone("dyn_stm_mon")->type(), VariableComputedText);
   EXPECT_GT(clone("dyn_time_t")->value_integer(), 1700000000);
   task.config()->SetValue_Integer(Config_timeout_global, 17);
+  const VariableRef setting(Setting("timeout_global").Clone(&task));
+  EXPECT_EQ(setting->value_integer(), 17);
+  EXPECT_STREQ(setting->name().data, "timeout_global");
   const VariableRef config = clone("zeph_config");
   EXPECT_EQ(config->Element(AggregateIndex("timeout_global", -1), 0)->value_integer(), 17);
   EXPECT_EQ(Setting("timeout_global").value_integer(), 90);
@@ -703,6 +759,12 @@ TEST_F(SpecialVariables, WhatEverIsAskedForFirstTheSettingsAreThere) {
       {"ElementsUsed", [](Variable& v) { return v.ElementsUsed() > 40; }},
       {"value", [](Variable& v) { return v.value().length > 40; }},
       {"Max", [](Variable& v) { return v.Max() == -1; }},
+      {"Element by a path",
+       [](Variable& v) {
+         List<AggregateIndex> path(1);
+         path.Insert(new AggregateIndex("cookies", -1), ListTail);
+         return v.Element(&path, 0) && v.Element(&path, 0)->value_integer() == 1;
+       }},
       {"Element",
        [](Variable& v) { return v.Element(AggregateIndex("cookies", -1), 0) != nullptr; }},
       {"copy",
@@ -836,6 +898,38 @@ TEST_F(SpecialVariableLibraries, AreTriedWhenTheyAreLookedUp) {
   const Variable* missing = lookup.Element(AggregateIndex(1), 1);
   ASSERT_NE(missing, nullptr);
   EXPECT_EQ(lookup.Element(AggregateIndex(2), 1), missing) << "as in any value that cannot change";
+}
+
+TEST_F(SpecialVariableLibraries, EachKindIsLookedUpAmongItsOwn) {
+  commerce.RegisterDSO("pay", (loadable + "FakeCommerceFunctions.so").c_str());
+  system.RegisterDSO("tools", (loadable + "FakeLibrary.so").c_str());
+  const struct {
+    const char* lookup;
+    int pay, tools;
+  } rows[] = {{"commerce_lookup", 1, 0}, {"database_lookup", 0, 0}, {"systemlib_lookup", 0, 1}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.lookup);
+    Variable& lookup = Setting(row.lookup);
+    EXPECT_EQ(lookup.Element(AggregateIndex("pay", -1), 0)->value_integer(), row.pay);
+    EXPECT_EQ(lookup.Element(AggregateIndex("tools", -1), 0)->value_integer(), row.tools);
+  }
+}
+
+// A copy for a task has the libraries of the task's application, and has to find them again.
+TEST_F(SpecialVariableLibraries, ACloneAsksTheLibrariesOfItsOwnApplication) {
+  commerce.RegisterDSO("pay", (loadable + "FakeCommerceFunctions.so").c_str());
+  EXPECT_EQ(Text(Setting("commerce_list")), "pay");
+  EXPECT_EQ(Setting("commerce_lookup").Element(AggregateIndex("other", -1), 0)->value_integer(), 0);
+  CountingApplication task;
+  CommerceLibraryManager others(&task);
+  task.SetLibraryManager(&loader);
+  task.SetCommerceManager(&others);
+  others.RegisterDSO("other", (loadable + "FakeCommerceFunctions.so").c_str());
+  const VariableRef list(Setting("commerce_list").Clone(&task));
+  EXPECT_EQ(Text(*list), "other");
+  const VariableRef lookup(Setting("commerce_lookup").Clone(&task));
+  EXPECT_EQ(lookup->Element(AggregateIndex("other", -1), 0)->value_integer(), 1);
+  EXPECT_EQ(lookup->Element(AggregateIndex("pay", -1), 0)->value_integer(), 0);
 }
 
 TEST_F(SpecialVariableLibraries, ScriptsLookThemUpByPath) {

@@ -77,6 +77,19 @@ TEST(UnknownContentHandler, WithoutMemoryItSaysSo) {
   EXPECT_EQ(Feed(handler, {"abc"}), "failed: Out of memory");
 }
 
+// The second block is refused by its length, before any of its bytes is read.
+TEST(UnknownContentHandler, MoreThanTheLargestLengthIsTooMuch) {
+  Dictionary dictionary;
+  SystemVariableHash table(&dictionary, 12, 512);
+  UnknownContentHandler handler(&table, 10);
+  ASSERT_TRUE(handler.Parse("abc", 3));
+  EXPECT_FALSE(handler.Parse("d", INT_MAX - 3));
+  EXPECT_EQ(TextOf(handler.error()), "Out of memory");
+  ASSERT_TRUE(handler.Parse("d", 1));
+  ASSERT_TRUE(handler.Finalize());
+  EXPECT_EQ(Contents(table), "content_data=abcd;");
+}
+
 TEST(UnknownContentHandler, TheVariableIgnoresWrites) {
   Dictionary dictionary;
   SystemVariableHash table(&dictionary, 12, 512);

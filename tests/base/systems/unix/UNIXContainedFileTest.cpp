@@ -185,6 +185,125 @@ TYPED_TEST(ContainedPath, TypesWithoutADirectoryAreRefused) {
   EXPECT_EQ("[There is no configured data directory]", this->Read("f", ZephPath_Temporary));
 }
 
+// Each operation on names, with all other arguments in order. Returns whether it did anything.
+struct NamedOperation {
+  const char* label;
+  bool (*run)(UNIXFileManager& files, const char* path);
+};
+const NamedOperation named_operations[] = {
+    {"Delete", [](UNIXFileManager& f, const char* p) { return f.Delete(ZephPath_Data, p); }},
+    {"Copy from", [](UNIXFileManager& f,
+                     const char* p) { return f.Copy(ZephPath_Data, p, ZephPath_Script, "n"); }},
+    {"Copy to", [](UNIXFileManager& f,
+                   const char* p) { return f.Copy(ZephPath_Script, "f", ZephPath_Data, p); }},
+    {"Rename from", [](UNIXFileManager& f,
+                       const char* p) { return f.Rename(ZephPath_Data, p, ZephPath_Script, "n"); }},
+    {"Rename to", [](UNIXFileManager& f,
+                     const char* p) { return f.Rename(ZephPath_Script, "f", ZephPath_Data, p); }},
+    {"TouchFile", [](UNIXFileManager& f, const char* p) { return f.TouchFile(ZephPath_Data, p); }},
+    {"Exists",
+     [](UNIXFileManager& f, const char* p) {
+       bool exists;
+       return f.Exists(ZephPath_Data, p, &exists);
+     }},
+    {"Length",
+     [](UNIXFileManager& f, const char* p) {
+       long length;
+       return f.Length(ZephPath_Data, p, &length);
+     }},
+    {"IsDirectory",
+     [](UNIXFileManager& f, const char* p) {
+       bool directory;
+       return f.IsDirectory(ZephPath_Data, p, &directory);
+     }},
+    {"ModifiedTime",
+     [](UNIXFileManager& f, const char* p) {
+       long time;
+       return f.ModifiedTime(ZephPath_Data, p, &time);
+     }},
+    {"MakeDirectory",
+     [](UNIXFileManager& f, const char* p) { return f.MakeDirectory(ZephPath_Data, p); }},
+    {"RemoveDirectory",
+     [](UNIXFileManager& f, const char* p) { return f.RemoveDirectory(ZephPath_Data, p); }},
+    {"MakeSymbolicLink",
+     [](UNIXFileManager& f, const char* p) {
+       return f.MakeSymbolicLink(ZephPath_Script, "f", ZephPath_Data, p);
+     }},
+    {"Mode",
+     [](UNIXFileManager& f, const char* p) {
+       int mode;
+       return f.Mode(ZephPath_Data, p, &mode);
+     }},
+    {"ChangeMode",
+     [](UNIXFileManager& f, const char* p) { return f.ChangeMode(ZephPath_Data, p, 0600); }},
+    {"MakeTemporary",
+     [](UNIXFileManager& f, const char* p) {
+       char* name;
+       const std::string directory(p, strrchr(p, '/') ? strrchr(p, '/') - p : 0);
+       const std::unique_ptr<File> made(
+           f.MakeTemporary(ZephPath_Data, directory.c_str(), "t", &name, FileMode_Write));
+       if (made) delete[] name;
+       return made != nullptr;
+     }},
+    {"MakeTemporaryLike",
+     [](UNIXFileManager& f, const char* p) {
+       char* name;
+       const std::unique_ptr<File> made(
+           f.MakeTemporaryLike(ZephPath_Data, p, &name, FileMode_Write));
+       if (made) delete[] name;
+       return made != nullptr;
+     }},
+    {"Lock",
+     [](UNIXFileManager& f, const char* p) { return f.Lock(ZephPath_Data, p) == FileLock_Held; }},
+    {"DirectoryListing",
+     [](UNIXFileManager& f, const char* p) {
+       List<String> names(1);
+       return f.DirectoryListing(ZephPath_Data, p, &names);
+     }},
+};
+
+TYPED_TEST(ContainedPath, NoOperationWorksWithoutADirectory) {
+  ASSERT_TRUE(this->files.InitializeScriptDirectory(this->tree.path("script").c_str(), nullptr));
+  this->tree.File("script/f", "x");
+  for (const NamedOperation& operation : named_operations) {
+    SCOPED_TRACE(operation.label);
+    this->files.Error("older");
+    EXPECT_FALSE(operation.run(this->files, "n"));
+    EXPECT_EQ("There is no configured data directory", this->error());
+  }
+  EXPECT_FALSE(this->tree.Exists("script/n"));
+  EXPECT_EQ("x", this->tree.Content("script/f"));
+}
+
+// With a base, each refuses a path past it, a path through a link, and one whose directory is not
+// there.
+TYPED_TEST(ContainedPath, NoOperationLeavesTheDirectory) {
+  this->Configure(0);
+  this->tree.File("script/f", "x");
+  this->tree.Directory("outside/n");
+  this->tree.Link("data/link", this->tree.path("outside"));
+  const struct {
+    const char* path;
+    const char* error;
+  } cases[] = {
+      {"../outside/n", outside_data_text},
+      {"link/n", symlink_text},
+      {"missing/n", missing_directory_text},
+  };
+  for (const NamedOperation& operation : named_operations) {
+    SCOPED_TRACE(operation.label);
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c.path);
+      this->files.Error("older");
+      EXPECT_FALSE(operation.run(this->files, c.path));
+      EXPECT_EQ(c.error, "[" + this->error() + "]");
+    }
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(this->tree.path("outside/n")));
+  EXPECT_FALSE(this->tree.Exists("script/n"));
+  EXPECT_EQ("x", this->tree.Content("script/f"));
+}
+
 TYPED_TEST(ContainedPath, UnknownTypesReachNothing) {
   this->Configure(FileSecurity_DataAbsolute | FileSecurity_ScriptAbsolute | all_links);
   this->tree.File("data/f", "x");
@@ -471,6 +590,58 @@ TYPED_TEST(ContainedPath, ChainIsComparedLinkByLink) {
   EXPECT_EQ(other_file_text, this->Read("first"));
 }
 
+TYPED_TEST(ContainedPath, MissingFileIsMissingWhateverLinksMayDo) {
+  for (int flags : {0, FileSecurity_DataSymlinks + 0, all_links}) {
+    SCOPED_TRACE(flags);
+    this->Configure(flags);
+    EXPECT_EQ(missing_text, this->Read("missing"));
+    EXPECT_FALSE(this->tree.Exists("data/missing"));
+  }
+}
+
+// The last link is ours and so is the file, but a link on the way to it leads into a directory that
+// is not.
+TYPED_TEST(ContainedPath, LinkPastAnotherOwnersDirectoryIsRefused) {
+  ZEPH_NEEDS_ROOT();
+  this->Configure(FileSecurity_DataSymlinks);
+  this->tree.File("data/theirs/f", "x");
+  GiveAway(this->tree.path("data/theirs"));
+  this->tree.Link("data/way", "theirs");
+  this->tree.Link("data/link", "way/f");
+  EXPECT_EQ("x", this->Read("theirs/f"));
+  EXPECT_EQ(other_directory_text, this->Read("link"));
+  bool exists = true;
+  EXPECT_FALSE(this->files.Exists(ZephPath_Data, "link", &exists));
+  EXPECT_EQ(other_directory_text, "[" + this->error() + "]");
+  this->Configure(all_links);
+  EXPECT_EQ("x", this->Read("link"));
+}
+
+// More links than the kernel follows, and more than the set of seen ones finds without a hash.
+TYPED_TEST(ContainedPath, ChainOfAnyLengthLeadsToItsEnd) {
+  const int count = 120;
+  const auto name = [](int i) { return "l" + std::to_string(i); };
+  for (int flags : {FileSecurity_DataSymlinks + 0, all_links}) {
+    SCOPED_TRACE(flags);
+    this->Configure(flags);
+    if (!this->tree.Exists("data/f")) {
+      this->tree.File("data/f", "x");
+      this->tree.Link("data/l0", "f");
+      for (int i = 1; i < count; i++) {
+        this->tree.Link("data/" + name(i), name(i - 1));
+      }
+      for (int i = 0; i < count; i++) {
+        this->tree.Link("data/circle" + name(i), "circle" + name((i + 1) % count));
+      }
+    }
+    EXPECT_EQ("x", this->Read(name(count - 1).c_str()));
+    bool exists = false;
+    EXPECT_TRUE(this->files.Exists(ZephPath_Data, name(count - 1).c_str(), &exists));
+    EXPECT_TRUE(exists);
+    EXPECT_EQ(recursive_text, this->Read("circlel0"));
+  }
+}
+
 TYPED_TEST(ContainedPath, LoopIsRecursiveAtTheEndAndMissingInTheMiddle) {
   for (int flags : {FileSecurity_DataSymlinks + 0, all_links}) {
     SCOPED_TRACE(flags);
@@ -632,6 +803,17 @@ TYPED_TEST(ContainedPath, ExistsTakesAMissingNameForAnAnswer) {
   this->tree.Link("data/link", "d");
   EXPECT_FALSE(this->files.Exists(ZephPath_Data, "link", &exists));
   EXPECT_EQ(symlink_text, "[" + this->error() + "]");
+}
+
+TYPED_TEST(ContainedPath, ExistsOfANameThatNoFileCanHaveFails) {
+  this->Configure(0);
+  const std::string name(256, 'n');
+  bool exists = true;
+  EXPECT_FALSE(this->files.Exists(ZephPath_Data, name.c_str(), &exists));
+  EXPECT_EQ("File name too long", this->error());
+  EXPECT_TRUE(exists);  // untouched
+  EXPECT_TRUE(this->files.Exists(ZephPath_Data, name.c_str() + 1, &exists));
+  EXPECT_FALSE(exists);
 }
 
 TYPED_TEST(ContainedPath, ExistsFollowsAllowedLinks) {

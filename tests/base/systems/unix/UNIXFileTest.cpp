@@ -523,6 +523,11 @@ TEST_F(UNIXFileTest, KnowsWhetherAnyByteIsStillLocked) {
        {{true, 0, 1, true}, {true, 9, 1, true}, {false, 0, 1, true}, {false, 9, 1, false}}},
       {"missed",
        {{true, 5, 1, true}, {false, 0, 5, true}, {false, 6, 0, true}, {false, 0, 0, false}}},
+      {"front", {{true, 0, 10, true}, {false, 0, 4, true}, {false, 4, 6, false}}},
+      {"more than it", {{true, 2, 3, true}, {false, 2, 4, false}}},
+      {"last byte", {{true, LONG_MAX, 1, true}, {false, LONG_MAX, 1, false}}},
+      {"last byte and another",
+       {{true, 0, 1, true}, {true, LONG_MAX, 1, true}, {false, 0, 1, true}, {false, 9, 0, false}}},
   };
   tree.File("f", "x");
   for (const Case& c : cases) {
@@ -782,6 +787,28 @@ TEST_F(UNIXFileTest, CopyThatEndsEarlyLeavesThePartAndTellsTheReason) {
   EXPECT_EQ(std::string(10000, 'x'), tree.Content("b"));
 }
 
+TEST_F(UNIXFileTest, CopyOfAMissingFileMakesNone) {
+  EXPECT_FALSE(files.Copy(path("missing").c_str(), path("b").c_str()));
+  EXPECT_EQ("No such file or directory", error());
+  EXPECT_FALSE(tree.Exists("b"));
+}
+
+// A device has no end; the copy ends with the script.
+TEST_F(UNIXFileTest, CopyEndsWhenTheScriptIsCancelled) {
+  RestoredSystemCalls restored;
+  static TestApplication* running;
+  static int reads;
+  running = &application;
+  reads = 0;
+  system_calls.read = [](int descriptor, void* bytes, size_t length) {
+    if (++reads == 3) running->SetCancelled(1);
+    return ::read(descriptor, bytes, length);
+  };
+  EXPECT_FALSE(files.Copy("/dev/zero", path("b").c_str()));
+  EXPECT_EQ("The copy was cancelled", error());
+  EXPECT_EQ(3, reads);
+}
+
 TEST_F(UNIXFileTest, CopyStopsAtAFailedRead) {
   tree.File("a", "x");
   RestoredSystemCalls restored;
@@ -814,6 +841,15 @@ TEST_F(UNIXFileTest, TouchSetsTheTimeToNow) {
   EXPECT_EQ("x", tree.Content("f"));
 }
 
+TEST_F(UNIXFileTest, TouchMakesNoDirectories) {
+  EXPECT_FALSE(files.TouchFile(path("missing/new").c_str()));
+  EXPECT_EQ("No such file or directory", error());
+  tree.File("f", "x");
+  EXPECT_FALSE(files.TouchFile(path("f/new").c_str()));
+  EXPECT_EQ("Not a directory", error());
+  EXPECT_FALSE(tree.Exists("missing"));
+}
+
 TEST_F(UNIXFileTest, ExistsWithoutATypeFailsForAMissingFile) {
   bool exists = true;
   EXPECT_FALSE(files.Exists(path("missing").c_str(), &exists));
@@ -834,6 +870,8 @@ TEST_F(UNIXFileTest, DirectoriesAndLinksByPath) {
   EXPECT_EQ("File exists", error());
   EXPECT_TRUE(files.MakeSymbolicLink("anywhere", path("link").c_str()));
   EXPECT_EQ("anywhere", std::filesystem::read_symlink(path("link")).string());
+  EXPECT_FALSE(files.MakeSymbolicLink("elsewhere", path("link").c_str()));
+  EXPECT_EQ("File exists", error());
   EXPECT_TRUE(files.RemoveDirectory(path("d").c_str()));
   EXPECT_FALSE(files.RemoveDirectory(path("d").c_str()));
 }
