@@ -237,7 +237,7 @@ long DynamicTimeVariable::Number() {
     case dyn_tm_wday: return now.weekday;
     case dyn_tm_yday: return now.yearday;
     case dyn_tm_isdst: return now.dst;
-    default: return 0;
+    default: return 0;  // never: a read of a text calls Text()
   }
 }
 

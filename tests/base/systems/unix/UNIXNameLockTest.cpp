@@ -15,6 +15,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "base/host/Config.h"
@@ -374,6 +375,72 @@ TEST_F(NameLock, LockTakenMeanwhileIsNotRemovedForTheAbandonedOne) {
   };
   EXPECT_EQ(FileLock_TimedOut, LockForAWhile());
   EXPECT_EQ("77!1:elsewhere", tree.Content("data/lock"));
+}
+
+std::string given_up;  // the path of a lock whose holder gives it up during a call
+int pauses_made = 0;
+
+// Whatever a waiter has just asked of a lock that is given up, it takes the name without a pause.
+TEST_F(NameLock, LockGivenUpMeanwhileIsTakenAtOnce) {
+  const struct {
+    const char* label;
+    std::string record;
+    void (*prepare)();
+  } cases[] = {
+      {"before its status is read", "1!1:elsewhere",
+       [] {
+         system_calls.fstatat = [](int directory, const char* name, struct stat* s, int flags) {
+           if (strcmp(name, "lock") == 0) unlink(std::exchange(given_up, "").c_str());
+           return ::fstatat(directory, name, s, flags);
+         };
+       }},
+      {"before it is opened", "1!1:elsewhere",
+       [] {
+         system_calls.openat = [](int directory, const char* name, int flags, mode_t mode) {
+           if (strcmp(name, "lock") == 0) unlink(std::exchange(given_up, "").c_str());
+           return OpenAt(directory, name, flags, mode);
+         };
+       }},
+      {"before it is removed as abandoned", std::to_string(DeadProcess()) + "!9:testhost",
+       [] {
+         system_calls.kill = [](pid_t process, int signal) {
+           unlink(std::exchange(given_up, "").c_str());
+           return ::kill(process, signal);
+         };
+       }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    given_up = tree.File("data/lock", c.record);
+    pauses_made = 0;
+    RestoredSystemCalls restored;
+    system_calls.poll = [](pollfd*, nfds_t, int) { return ++pauses_made; };
+    c.prepare();
+    EXPECT_EQ(FileLock_Held, Lock());
+    EXPECT_EQ("", given_up);
+    EXPECT_EQ(0, pauses_made);
+    EXPECT_TRUE(files.Delete(ZephPath_Data, "lock"));
+  }
+}
+
+// The last look before an abandoned lock is removed: by then a faster waiter has replaced it.
+TEST_F(NameLock, LockReplacedAtTheLastLookIsNotRemoved) {
+  given_up = tree.File("data/lock", std::to_string(DeadProcess()) + "!9:testhost");
+  RestoredSystemCalls restored;
+  static int looks;
+  looks = 0;
+  system_calls.fstatat = [](int directory, const char* name, struct stat* s, int flags) {
+    if (strcmp(name, "lock") == 0 && ++looks == 2) {
+      const std::string fresh = given_up + ".fresh";
+      FileDescriptor created(open(fresh.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+      EXPECT_EQ(15, write(created.get(), "1!1:elsewhere.n", 15));
+      EXPECT_EQ(0, rename(fresh.c_str(), given_up.c_str()));
+    }
+    return ::fstatat(directory, name, s, flags);
+  };
+  EXPECT_EQ(FileLock_TimedOut, LockForAWhile());
+  EXPECT_GT(looks, 2);
+  EXPECT_EQ("1!1:elsewhere.n", tree.Content("data/lock"));
 }
 
 TEST_F(NameLock, AnotherUsersAbandonedLockIsRemoved) {
