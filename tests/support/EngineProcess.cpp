@@ -78,6 +78,11 @@ EngineProcess::EngineProcess() {
 }
 
 EngineProcess::~EngineProcess() {
+#ifdef ZEPH_COVERAGE
+  // A process writes its counts when it ends by itself.
+  Signal(SIGTERM);
+  Wait();
+#endif
   if (Running()) {
     kill(process, SIGKILL);
     Wait();
