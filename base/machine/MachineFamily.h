@@ -7,6 +7,7 @@
 #include <memory>
 
 class DoContexts;
+struct MachineDatabases;
 
 // What the machines of a family share. Belongs to the machine without a parent, which outlives the
 // others. All machines of a family run on one thread, nested in one another, so nothing is locked.
@@ -23,6 +24,13 @@ class MachineFamily {
   // children borrow.
   void DeleteContexts();
 
+  // The databases that the family has open. Made by the first call; databases_if_any
+  // returns null before that. The owner calls DeleteDatabases while all of its machines still
+  // exist. In base/database/Database.cpp.
+  MachineDatabases& databases();
+  MachineDatabases* databases_if_any() const { return open_databases; }
+  void DeleteDatabases();
+
   // Runs in progress, nested in one another. Each uses some of the thread's own stack or, for a
   // filter, an open file, so there is a limit. REQUIRES: a run that begins has room and is ended.
   bool HasRoomForRun() const { return runs < kMostRuns; }
@@ -36,7 +44,8 @@ class MachineFamily {
  private:
   static constexpr int kMostRuns = 500;
 
-  std::unique_ptr<DoContexts> files;  // null until a script names another file
+  MachineDatabases* open_databases = nullptr;  // null until a script opens one
+  std::unique_ptr<DoContexts> files;           // null until a script names another file
   int runs = 0;
   bool frame_reuse = true;
 };

@@ -119,8 +119,9 @@ void ZephVM::End() {
   DeleteFrames();
   null_variable->DecRefCount();
   features.DeleteAll();
-  if (parent) parent->children--;
   // A child's own family is empty.
+  own_family.DeleteDatabases();
+  if (parent) parent->children--;
   own_family.DeleteContexts();
 }
 

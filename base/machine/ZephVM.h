@@ -41,6 +41,7 @@ class MachineClone;
 class ZephApplication;
 struct HotOp;
 struct LogParameter;
+struct MachineDatabases;
 struct _ZP_EL_Function;
 
 // Runs one compiled file for one request, on that request's thread. Borrows the tables that it is
@@ -229,6 +230,8 @@ class ZephVM {
   ZephVM_Stack* CurrentStack() { return stack; }
   VariableHash* SystemVariables() { return system_variables; }
   VariableHash* GlobalVariables() { return global_variables; }
+  // The databases that the family has open, borrowed.
+  MachineDatabases& Databases() { return family->databases(); }
   // The builtin libraries of the run; null if the host has none.
   ExternalCallManager* ExternalCalls() { return external_calls; }
   const String& ScriptPath() const { return script_path; }
