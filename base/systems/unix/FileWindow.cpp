@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "base/systems/unix/GuardedCopy.h"
+#include "base/systems/unix/SystemCalls.h"
 
 namespace {
 
@@ -84,11 +85,12 @@ void FileWindow::CountMiss(int descriptor) {
 
 void FileWindow::Open(int descriptor) {
   struct stat status;
-  if (!SharesPages(descriptor) || !CanGuardCopies() || fstat(descriptor, &status) != 0 ||
-      status.st_size < 1)
+  if (!SharesPages(descriptor) || !CanGuardCopies() ||
+      system_calls.fstat(descriptor, &status) != 0 || status.st_size < 1)
     return;
   const long length = std::min<long>(status.st_size, INT_MAX);
-  void* address = mmap(nullptr, static_cast<size_t>(length), PROT_READ, MAP_SHARED, descriptor, 0);
+  void* address =
+      system_calls.mmap(nullptr, static_cast<size_t>(length), PROT_READ, MAP_SHARED, descriptor, 0);
   if (address == MAP_FAILED) return;
   start = static_cast<const char*>(address);
   end = length;

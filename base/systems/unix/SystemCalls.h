@@ -1,14 +1,21 @@
-// The system calls of the file unit whose failures a test cannot provoke on a real file system.
-// They go through one table, in which a test replaces an entry.
+// The system calls of the file unit. They go through one table, in which a test replaces an entry,
+// because most of their failures cannot be provoked on a real file system. A call through the table
+// costs what a call into a shared library costs anyway: an indirect jump.
+//
+// Not in the table are close, whose result is not used, and the calls of the plain manager's walk
+// through the working directory.
 
 #ifndef ZEPH_BASE_SYSTEMS_UNIX_SYSTEMCALLS_H
 #define ZEPH_BASE_SYSTEMS_UNIX_SYSTEMCALLS_H
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
+#include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
@@ -41,6 +48,17 @@ inline int CheckReadable(int directory, const char* path) {
   return static_cast<int>(syscall(SYS_faccessat2, directory, path, R_OK, AT_EACCESS));
 }
 
+// fcntl of one command each, with the argument that it takes.
+inline int SetLock(int descriptor, struct flock* range) {
+  return ::fcntl(descriptor, F_OFD_SETLK, range);
+}
+inline int SetFlags(int descriptor, int flags) {
+  return ::fcntl(descriptor, F_SETFL, flags);
+}
+inline int DuplicateFrom(int descriptor, int lowest) {
+  return ::fcntl(descriptor, F_DUPFD_CLOEXEC, lowest);
+}
+
 // Entries have the contracts of the calls that they are named after. Only a test writes to the
 // table, while no other thread runs.
 struct SystemCalls {
@@ -52,10 +70,25 @@ struct SystemCalls {
   int (*openat)(int, const char*, int, mode_t) = OpenAt;
   int (*open_without_links)(int, const char*, int) = OpenWithoutLinks;
   int (*check_readable)(int, const char*) = CheckReadable;
+  int (*fstat)(int, struct stat*) = ::fstat;
   int (*fstatat)(int, const char*, struct stat*, int) = ::fstatat;
   int (*linkat)(int, const char*, int, const char*, int) = ::linkat;
   int (*unlinkat)(int, const char*, int) = ::unlinkat;
   int (*renameat)(int, const char*, int, const char*) = ::renameat;
+  int (*mkdirat)(int, const char*, mode_t) = ::mkdirat;
+  int (*symlinkat)(const char*, int, const char*) = ::symlinkat;
+  ssize_t (*readlinkat)(int, const char*, char*, size_t) = ::readlinkat;
+  int (*fchmod)(int, mode_t) = ::fchmod;
+  int (*fchmodat)(int, const char*, mode_t, int) = ::fchmodat;
+  int (*futimens)(int, const timespec*) = ::futimens;
+  int (*utimensat)(int, const char*, const timespec*, int) = ::utimensat;
+  DIR* (*fdopendir)(int) = ::fdopendir;
+  dirent* (*readdir)(DIR*) = ::readdir;
+  void* (*mmap)(void*, size_t, int, int, int, off_t) = ::mmap;
+  int (*set_lock)(int, struct flock*) = SetLock;
+  int (*set_flags)(int, int) = SetFlags;
+  int (*duplicate_from)(int, int) = DuplicateFrom;
+  int (*flock)(int, int) = ::flock;
   int (*kill)(pid_t, int) = ::kill;
   int (*poll)(pollfd*, nfds_t, int) = ::poll;
 };

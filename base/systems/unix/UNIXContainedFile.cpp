@@ -11,7 +11,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +18,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <optional>
 
 #include "base/host/ZephApplication.h"
@@ -32,7 +32,7 @@ namespace {
 constexpr int first_descriptor = 3;
 
 int Duplicate(int descriptor) {
-  return descriptor < 0 ? -1 : fcntl(descriptor, F_DUPFD_CLOEXEC, first_descriptor);
+  return descriptor < 0 ? -1 : system_calls.duplicate_from(descriptor, first_descriptor);
 }
 
 const char* TypeName(Zeph_PathType type) {
@@ -52,7 +52,7 @@ const char text_recursive[] = "The specified path references a recursive symboli
 }  // namespace
 
 bool ReadLinkText(int directory, const char* name, char* buffer) {
-  ssize_t length = readlinkat(directory, name, buffer, link_text_size);
+  ssize_t length = system_calls.readlinkat(directory, name, buffer, link_text_size);
   if (length < 0) return false;
   if (length == link_text_size) {
     errno = ENAMETOOLONG;
@@ -77,16 +77,19 @@ UNIXFileManager::UNIXFileManager(ZephApplication* application, UNIXFileManager& 
 UNIXFileManager::UNIXFileManager(ZephApplication* application, DirectoryWalk walk)
     : FileManager(application), walk(walk) {}
 
+// Delegates first: if there is no memory for a copy, the destructor then frees the others.
 UNIXFileManager::UNIXFileManager(ZephApplication* application, UNIXFileManager& other,
                                  DirectoryWalk walk)
-    : FileManager(application),
-      script_path(other.script_path == nullptr ? nullptr : new UNIXFilePath(*other.script_path)),
-      script_directory(Duplicate(other.script_directory)),
-      data_path(other.data_path == nullptr ? nullptr : new UNIXFilePath(*other.data_path)),
-      data_directory(Duplicate(other.data_directory)),
-      temp_path(other.temp_path == nullptr ? nullptr : new UNIXFilePath(*other.temp_path)),
-      temp_directory(Duplicate(other.temp_directory)),
-      walk(walk) {
+    : UNIXFileManager(application, walk) {
+  const auto copy = [](const UNIXFilePath* path) {
+    return path == nullptr ? nullptr : new UNIXFilePath(*path);
+  };
+  script_path = copy(other.script_path);
+  script_directory = Duplicate(other.script_directory);
+  data_path = copy(other.data_path);
+  data_directory = Duplicate(other.data_directory);
+  temp_path = copy(other.temp_path);
+  temp_directory = Duplicate(other.temp_directory);
   max_files = other.max_files;
   security_flags = other.security_flags;
   kept_descriptors = other.kept_descriptors;
@@ -329,14 +332,14 @@ int UNIXFileManager::OpenContained(Zeph_PathType type, const char* path, int fla
 
 bool UNIXFileManager::CheckOwner(int descriptor, unsigned user) {
   struct stat status;
-  if (fstat(descriptor, &status) != 0) return SystemError();
+  if (system_calls.fstat(descriptor, &status) != 0) return SystemError();
   return status.st_uid == user || Fail(text_file_owner);
 }
 
 bool UNIXFileManager::Stat(Zeph_PathType type, const char* path, struct stat* buffer) {
   FileDescriptor opened(OpenContained(type, path, O_RDONLY));
   if (!opened.is_open()) return false;
-  return fstat(opened.get(), buffer) == 0 || SystemError();
+  return system_calls.fstat(opened.get(), buffer) == 0 || SystemError();
 }
 
 bool UNIXFileManager::Exists(Zeph_PathType type, const char* path, bool* exists) {
@@ -412,7 +415,7 @@ bool UNIXFileManager::Rename(Zeph_PathType fromtype, const char* from, Zeph_Path
 bool UNIXFileManager::TouchFile(Zeph_PathType type, const char* path) {
   FileDescriptor opened(OpenContained(type, path, O_WRONLY | O_CREAT));
   if (!opened.is_open()) return false;
-  return futimes(opened.get(), nullptr) == 0 || SystemError();
+  return system_calls.futimens(opened.get(), nullptr) == 0 || SystemError();
 }
 
 bool UNIXFileManager::Length(Zeph_PathType type, const char* path, long* length) {
@@ -440,7 +443,8 @@ bool UNIXFileManager::MakeDirectory(Zeph_PathType type, const char* path) {
   UNIXFilePath parsed(path);
   ContainedDirectory directory;
   if (!Enter(type, parsed, &directory)) return false;
-  return mkdirat(directory.get(), parsed.Collapsed_Filename(), 0777) == 0 || SystemError();
+  return system_calls.mkdirat(directory.get(), parsed.Collapsed_Filename(), 0777) == 0 ||
+         SystemError();
 }
 
 bool UNIXFileManager::RemoveDirectory(Zeph_PathType type, const char* path) {
@@ -461,7 +465,7 @@ bool UNIXFileManager::MakeSymbolicLink(Zeph_PathType fromtype, const char* from,
   // Do not check where the link leads: the flags are applied when it is followed.
   UNIXFilePath joined(settings.path == nullptr ? "" : settings.path->value(), from);
   std::unique_ptr<char[]> content(joined.Collapsed_Path(nullptr, nullptr));
-  return symlinkat(content.get(), directory.get(), parsed.Collapsed_Filename()) == 0;
+  return system_calls.symlinkat(content.get(), directory.get(), parsed.Collapsed_Filename()) == 0;
 }
 
 bool UNIXFileManager::Mode(Zeph_PathType type, const char* path, int* mode) {
@@ -474,7 +478,7 @@ bool UNIXFileManager::Mode(Zeph_PathType type, const char* path, int* mode) {
 bool UNIXFileManager::ChangeMode(Zeph_PathType type, const char* path, int mode) {
   FileDescriptor opened(OpenContained(type, path, O_RDONLY));
   if (!opened.is_open()) return false;
-  return fchmod(opened.get(), static_cast<mode_t>(mode)) == 0 || SystemError();
+  return system_calls.fchmod(opened.get(), static_cast<mode_t>(mode)) == 0 || SystemError();
 }
 
 File* UNIXFileManager::MakeTemporary(Zeph_PathType type, const char* directory, const char* prefix,
@@ -488,7 +492,13 @@ File* UNIXFileManager::MakeTemporary(Zeph_PathType type, const char* directory, 
   std::unique_ptr<char[]> chosen;
   FileDescriptor created(CreateTemporary(opened.get(), directory, prefix, mode, &chosen));
   if (!created.is_open()) return nullptr;
-  File* file = Adopt(created, mode, type, chosen.get());
+  File* file = nullptr;
+  try {
+    file = Adopt(created, mode, type, chosen.get());
+  } catch (const std::bad_alloc&) {
+    Discard(opened.get(), chosen.get());
+    throw;
+  }
   *name = chosen.release();
   return file;
 }
@@ -510,13 +520,22 @@ bool UNIXFileManager::DirectoryListing(Zeph_PathType type, const char* path, Lis
                             ? system_calls.openat(directory.get(), ".", walk_flags, 0)
                             : directory.Release());
   if (!opened.is_open()) return SystemError();
-  std::unique_ptr<DIR, int (*)(DIR*)> stream(fdopendir(opened.get()), closedir);
+  std::unique_ptr<DIR, int (*)(DIR*)> stream(system_calls.fdopendir(opened.get()), closedir);
   if (stream == nullptr) return SystemError();
   (void)opened.release();
-  for (;;) {
+  for (int added = 0;; added++) {
     errno = 0;
-    dirent* entry = readdir(stream.get());
-    if (entry == nullptr) return errno == 0 || SystemError();
+    dirent* entry = system_calls.readdir(stream.get());
+    if (entry == nullptr) {
+      if (errno == 0) return true;
+      SystemError();
+      // A part of the names would look like all of them.
+      for (; added > 0; added--) {
+        names->Last();
+        delete names->Remove(ListCurrent);
+      }
+      return false;
+    }
     InsertOwned(*names, std::make_unique<String>(entry->d_name, -1), ListTail);
   }
 }

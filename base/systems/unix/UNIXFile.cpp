@@ -7,9 +7,7 @@
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/time.h>
 #include <unistd.h>
-#include <utime.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,6 +16,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <new>
 
 #include "base/host/ZephApplication.h"
 #include "base/systems/unix/SystemCalls.h"
@@ -68,9 +67,9 @@ bool UNIXFile::SystemError() {
 // caller passed, without O_NONBLOCK, because its reads and writes never wait for another end.
 void UNIXFile::Settle() {
   struct stat status;
-  if (fstat(descriptor, &status) != 0) return;
+  if (system_calls.fstat(descriptor, &status) != 0) return;
   Note(status);
-  if (is_regular) fcntl(descriptor, F_SETFL, flags);
+  if (is_regular) system_calls.set_flags(descriptor, flags);
 }
 
 void UNIXFile::Note(const struct stat& status) {
@@ -83,7 +82,7 @@ void UNIXFile::Note(const struct stat& status) {
 
 bool UNIXFile::Status(struct stat* buffer) {
   if (!Ready()) return false;
-  if (fstat(descriptor, buffer) != 0) return SystemError();
+  if (system_calls.fstat(descriptor, buffer) != 0) return SystemError();
   (void)KnowsPlace();
   return true;
 }
@@ -201,9 +200,15 @@ bool UNIXFile::Lock(FileLockType type, long start, long length) {
   range.l_whence = SEEK_SET;
   range.l_start = start;
   range.l_len = length;
+  // Room to note the lock, because one that is held and not noted would be lost when the pool
+  // closes the file.
+  if (locked_ranges.empty())
+    locked_ranges.reserve(1);
+  else
+    spare_ranges.reserve(locked_ranges.size() + 1);
   timespec pause = {0, 50000};
   constexpr long longest_pause = 10000000;
-  while (fcntl(descriptor, F_OFD_SETLK, &range) != 0) {
+  while (system_calls.set_lock(descriptor, &range) != 0) {
     if (errno != EAGAIN && errno != EACCES && errno != EINTR) return SystemError();
     if (file_manager->application()->cancelled()) {
       Error("Timed out waiting for lock");
@@ -226,8 +231,12 @@ bool UNIXFile::Release(long start, long length) {
     range.l_start = start;
     range.l_len = length;
   }
-  if (Retry([&] { return fcntl(descriptor, F_OFD_SETLK, &range); }) != 0) return SystemError();
-  NoteLocked(start, length, false);
+  if (Retry([&] { return system_calls.set_lock(descriptor, &range); }) != 0) return SystemError();
+  try {
+    NoteLocked(start, length, false);
+  } catch (const std::bad_alloc&) {
+    // More is noted than is held: the pool keeps the file open for longer than it must.
+  }
   return true;
 }
 
@@ -239,12 +248,6 @@ bool UNIXFile::IsAllThatIsLocked(long start, long length) const {
 // Keeps the set of locked bytes as the kernel has it. The pool must know if any is left, and locks
 // and releases need not come in pairs.
 void UNIXFile::NoteLocked(long start, long length, bool held) {
-  // Nearly every call takes a single lock or releases it again.
-  if (held && locked_ranges.empty() && length > 0 && start <= no_end - length) {
-    locked_ranges.push_back({start, start + length});
-    holds_lock = true;
-    return;
-  }
   if (!held && IsAllThatIsLocked(start, length)) {
     locked_ranges.clear();
     holds_lock = false;
@@ -253,7 +256,14 @@ void UNIXFile::NoteLocked(long start, long length, bool held) {
   LockedRange range = {start, no_end};
   if (length < 0) range = {start + length, start};
   if (length > 0 && start <= no_end - length) range.end = start + length;
-  std::vector<LockedRange> kept;
+  // Nearly every call takes a single lock or releases it again.
+  if (held && locked_ranges.empty()) {
+    locked_ranges.push_back(range);
+    holds_lock = true;
+    return;
+  }
+  std::vector<LockedRange>& kept = spare_ranges;
+  kept.clear();
   for (const LockedRange& other : locked_ranges) {
     if (other.end < range.start || other.start > range.end) {
       kept.push_back(other);
@@ -282,8 +292,8 @@ char* UNIXFile::Map(long offset, long length) {
     Error("Invalid argument");
     return nullptr;
   }
-  void* address =
-      mmap(nullptr, static_cast<size_t>(length), PROT_READ, MAP_SHARED, descriptor, offset);
+  void* address = system_calls.mmap(nullptr, static_cast<size_t>(length), PROT_READ, MAP_SHARED,
+                                    descriptor, offset);
   if (address == MAP_FAILED) {
     SystemError();
     return nullptr;
@@ -311,7 +321,8 @@ bool UNIXFile::Activate(String& error) {
     if (!opened.is_open()) error = files->application()->lasterror();
   }
   if (!opened.is_open()) return false;
-  if (position != 0 && system_calls.lseek(opened.get(), position, SEEK_SET) != position) {
+  if (position < 0 ||
+      (position != 0 && system_calls.lseek(opened.get(), position, SEEK_SET) != position)) {
     error = "Unable to restore file position during activation";
     return false;
   }
@@ -322,8 +333,10 @@ bool UNIXFile::Activate(String& error) {
 
 void UNIXFile::Deactivate() {
   if (descriptor < 0) return;
-  // A pipe has no position and continues where it is.
-  position = place >= 0 ? place : std::max<long>(system_calls.lseek(descriptor, 0, SEEK_CUR), 0);
+  position = place >= 0 ? place : system_calls.lseek(descriptor, 0, SEEK_CUR);
+  // A pipe has no position and continues where it is. A regular file whose position is unknown must
+  // not continue at its start, so its activation will fail.
+  if (position < 0 && !is_regular) position = 0;
   place = -1;
   window.Close();
   // By its next activation the name may lead to another file.
@@ -399,23 +412,21 @@ bool UNIXFileManager::IsSpare(int descriptor) {
 
 bool UNIXFileManager::HasSpare(int mode) {
   if (kept_descriptors == 0 || (mode & (FileMode_Create | FileMode_Truncate)) == 0) return true;
-  FileDescriptor probe(open("/", O_PATH | O_CLOEXEC));
+  FileDescriptor probe(system_calls.openat(AT_FDCWD, "/", O_PATH | O_CLOEXEC, 0));
   return !probe.is_open() || IsSpare(probe.get());
 }
 
 File* UNIXFileManager::Adopt(FileDescriptor& descriptor, int mode, const char* path) {
   auto file = std::make_unique<UNIXFile>(this, descriptor.get(), OpenMode(mode), path);
   (void)descriptor.release();
-  if (!(mode & FileMode_Unpooled)) FileOpened(file.get());
-  return file.release();
+  return mode & FileMode_Unpooled ? file.release() : FileOpened(file.release());
 }
 
 File* UNIXFileManager::Adopt(FileDescriptor& descriptor, int mode, Zeph_PathType type,
                              const char* path) {
   auto file = std::make_unique<UNIXFile>(this, descriptor.get(), OpenMode(mode), type, path);
   (void)descriptor.release();
-  if (!(mode & FileMode_Unpooled)) FileOpened(file.get());
-  return file.release();
+  return mode & FileMode_Unpooled ? file.release() : FileOpened(file.release());
 }
 
 File* UNIXFileManager::Open(const char* path, int mode) {
@@ -433,7 +444,7 @@ int UNIXFileManager::Lock(const char* path) {
 }
 
 bool UNIXFileManager::Delete(const char* path) {
-  return unlink(path) == 0 || SystemError();
+  return system_calls.unlinkat(AT_FDCWD, path, 0) == 0 || SystemError();
 }
 
 bool UNIXFileManager::Copy(const char* from, const char* to) {
@@ -448,7 +459,7 @@ bool UNIXFileManager::Copy(const char* from, const char* to) {
 
 bool UNIXFileManager::CheckCopySource(int descriptor) {
   struct stat status;
-  if (fstat(descriptor, &status) != 0) return SystemError();
+  if (system_calls.fstat(descriptor, &status) != 0) return SystemError();
   return !S_ISDIR(status.st_mode) || Fail("The source file is a directory");
 }
 
@@ -469,7 +480,7 @@ bool UNIXFileManager::Rename(const char* from, const char* to) {
 }
 
 bool UNIXFileManager::TouchFile(const char* path) {
-  if (utime(path, nullptr) == 0) return true;
+  if (system_calls.utimensat(AT_FDCWD, path, nullptr, 0) == 0) return true;
   if (errno != ENOENT) return SystemError();
   if (!FreeFileSpace(1)) return false;
   FileDescriptor created(OpenQuietly(AT_FDCWD, path, O_WRONLY | O_CREAT, 0644));
@@ -480,7 +491,7 @@ bool UNIXFileManager::TouchFile(const char* path) {
 // failure, which callers rely on.
 bool UNIXFileManager::Exists(const char* path, bool* exists) {
   struct stat status;
-  if (stat(path, &status) == 0) {
+  if (system_calls.fstatat(AT_FDCWD, path, &status, 0) == 0) {
     *exists = true;
     return true;
   }
@@ -491,46 +502,46 @@ bool UNIXFileManager::Exists(const char* path, bool* exists) {
 
 bool UNIXFileManager::Length(const char* path, long* length) {
   struct stat status;
-  if (stat(path, &status) != 0) return SystemError();
+  if (system_calls.fstatat(AT_FDCWD, path, &status, 0) != 0) return SystemError();
   *length = S_ISFIFO(status.st_mode) ? 0 : static_cast<long>(status.st_size);
   return true;
 }
 
 bool UNIXFileManager::IsDirectory(const char* path, bool* result) {
   struct stat status;
-  if (stat(path, &status) != 0) return SystemError();
+  if (system_calls.fstatat(AT_FDCWD, path, &status, 0) != 0) return SystemError();
   *result = S_ISDIR(status.st_mode);
   return true;
 }
 
 bool UNIXFileManager::ModifiedTime(const char* path, long* time) {
   struct stat status;
-  if (stat(path, &status) != 0) return SystemError();
+  if (system_calls.fstatat(AT_FDCWD, path, &status, 0) != 0) return SystemError();
   *time = static_cast<long>(status.st_mtime);
   return true;
 }
 
 bool UNIXFileManager::MakeDirectory(const char* path) {
-  return mkdir(path, 0777) == 0 || SystemError();
+  return system_calls.mkdirat(AT_FDCWD, path, 0777) == 0 || SystemError();
 }
 
 bool UNIXFileManager::RemoveDirectory(const char* path) {
-  return rmdir(path) == 0 || SystemError();
+  return system_calls.unlinkat(AT_FDCWD, path, AT_REMOVEDIR) == 0 || SystemError();
 }
 
 bool UNIXFileManager::MakeSymbolicLink(const char* from, const char* to) {
-  return symlink(from, to) == 0 || SystemError();
+  return system_calls.symlinkat(from, AT_FDCWD, to) == 0 || SystemError();
 }
 
 bool UNIXFileManager::Mode(const char* path, int* mode) {
   struct stat status;
-  if (stat(path, &status) != 0) return SystemError();
+  if (system_calls.fstatat(AT_FDCWD, path, &status, 0) != 0) return SystemError();
   *mode = static_cast<int>(status.st_mode);
   return true;
 }
 
 bool UNIXFileManager::ChangeMode(const char* path, int mode) {
-  return chmod(path, static_cast<mode_t>(mode)) == 0 || SystemError();
+  return system_calls.fchmodat(AT_FDCWD, path, static_cast<mode_t>(mode), 0) == 0 || SystemError();
 }
 
 File* UNIXFileManager::MakeTemporary(const char* prefix, char** name, int mode) {
@@ -538,9 +549,20 @@ File* UNIXFileManager::MakeTemporary(const char* prefix, char** name, int mode) 
   std::unique_ptr<char[]> chosen;
   FileDescriptor created(CreateTemporary(AT_FDCWD, "", prefix, mode, &chosen));
   if (!created.is_open()) return nullptr;
-  File* file = Adopt(created, mode, chosen.get());
+  File* file = nullptr;
+  try {
+    file = Adopt(created, mode, chosen.get());
+  } catch (const std::bad_alloc&) {
+    Discard(AT_FDCWD, chosen.get());
+    throw;
+  }
   *name = chosen.release();
   return file;
+}
+
+void UNIXFileManager::Discard(int directory, const char* path) {
+  const char* slash = strrchr(path, '/');
+  system_calls.unlinkat(directory, slash ? slash + 1 : path, 0);
 }
 
 bool UNIXFileManager::CheckPrefix(const char* prefix) {

@@ -75,7 +75,7 @@ class UNIXFile : public File {
   void* map_address = nullptr;
   size_t map_length = 0;
   int flags;
-  long position = 0;  // the position that an activation restores
+  long position = 0;  // the position that an activation restores; -1 if it is unknown
   // The position of a regular file. It is kept here and passed with each read and write: the
   // system's own position is then unused, and a seek costs no call. -1 in other files, in a file
   // that appends, and before the first seek or status query.
@@ -89,6 +89,7 @@ class UNIXFile : public File {
   int owner = 0;
   int group = 0;
   std::vector<LockedRange> locked_ranges;  // sorted; no two overlap or touch
+  std::vector<LockedRange> spare_ranges;   // room for the next list
 };
 
 // Results of the walk to a directory.
@@ -276,6 +277,8 @@ class UNIXFileManager : public FileManager {
   // the text `leading` at the start.
   int CreateTemporary(int directory, const char* leading, const char* prefix, int mode,
                       std::unique_ptr<char[]>* name);
+  // Removes a new file, of that full name in its directory, that no one will get.
+  static void Discard(int directory, const char* path);
 
   bool InitializeDirectory(const char* what, const char* user, const char* path, bool symlinks,
                            bool other_owner, UNIXFilePath** text, int* descriptor);

@@ -80,6 +80,7 @@ class NameLock {
   enum Next { TryNow, TryLater, OwnedByUs };
 
   bool MakePrivateFile();
+  void RemoveOwnName();
   Next LookAtOwner();
   Next Judge(OwnerRecord record, int descriptor);
   Next RemoveAbandoned(int descriptor);
@@ -93,6 +94,8 @@ class NameLock {
   unsigned thread;
   std::unique_ptr<char[]> private_name;
   bool has_private_file = false;
+  bool may_be_linked = false;  // the name may be a link that was made here
+  bool held = false;
   struct stat private_status = {};
 };
 
@@ -119,8 +122,18 @@ NameLock::NameLock(ZephApplication* owner, int in, const char* locked)
 NameLock::~NameLock() {
   if (!has_private_file) return;
   int saved = errno;
+  if (may_be_linked && !held) RemoveOwnName();
   system_calls.unlinkat(directory, private_name.get(), 0);
   errno = saved;
+}
+
+// A link can be made although the call fails, or although it could not be checked afterwards. No
+// one would ever remove it, since this process lives.
+void NameLock::RemoveOwnName() {
+  struct stat status;
+  if (system_calls.fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+      SameFile(status, private_status))
+    system_calls.unlinkat(directory, name, 0);
 }
 
 bool NameLock::MakePrivateFile() {
@@ -134,14 +147,15 @@ bool NameLock::MakePrivateFile() {
   std::unique_ptr<char[]> record(new char[size]);
   int length = snprintf(record.get(), size, "%u!%u:%s", process, thread, host);
   return WriteAll(created.get(), record.get(), static_cast<size_t>(length)) &&
-         fstat(created.get(), &private_status) == 0;
+         system_calls.fstat(created.get(), &private_status) == 0;
 }
 
 NameLock::Outcome NameLock::Take() {
   if (!MakePrivateFile()) return Failed;
   for (;;) {
     if (application->cancelled()) return TimedOut;
-    bool linked = system_calls.linkat(directory, private_name.get(), directory, name, 0) == 0;
+    const bool linked = system_calls.linkat(directory, private_name.get(), directory, name, 0) == 0;
+    if (linked || errno != EEXIST) may_be_linked = true;
     if (!linked && errno != EEXIST) return Failed;
     struct stat status;
     if (system_calls.fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -149,9 +163,12 @@ NameLock::Outcome NameLock::Take() {
       continue;
     }
     // A network file system may report success for a link that another waiter's request made.
-    if (linked && status.st_ino == private_status.st_ino &&
-        status.st_rdev == private_status.st_rdev)
+    // The link may be one of an earlier round that could not be checked then.
+    if (may_be_linked && status.st_ino == private_status.st_ino &&
+        status.st_rdev == private_status.st_rdev) {
+      held = true;
       return Held;
+    }
     switch (LookAtOwner()) {
       case TryNow: break;
       case TryLater: Pause(); break;
@@ -180,7 +197,7 @@ NameLock::Next NameLock::Judge(OwnerRecord record, int descriptor) {
   }
   int expiration = application->lockexpiration();
   struct stat status;
-  if (expiration == 0 || fstat(descriptor, &status) != 0) return TryLater;
+  if (expiration == 0 || system_calls.fstat(descriptor, &status) != 0) return TryLater;
   return time(nullptr) - status.st_mtime >= expiration ? RemoveAbandoned(descriptor) : TryLater;
 }
 
@@ -194,17 +211,17 @@ NameLock::Next NameLock::RemoveAbandoned(int descriptor) {
   FileDescriptor writable(system_calls.openat(directory, name, O_RDWR | record_flags, 0));
   struct stat read_file;
   struct stat present;
-  if (fstat(descriptor, &read_file) != 0) return TryLater;
+  if (system_calls.fstat(descriptor, &read_file) != 0) return TryLater;
   if (writable.is_open()) {
-    if (fstat(writable.get(), &present) != 0) return TryLater;
+    if (system_calls.fstat(writable.get(), &present) != 0) return TryLater;
     if (!SameFile(read_file, present)) return TryNow;
     descriptor = writable.get();
   }
   struct flock whole = {};
   whole.l_type = F_WRLCK;
   whole.l_whence = SEEK_SET;
-  if (flock(descriptor, LOCK_EX | LOCK_NB) != 0) return TryLater;
-  if (writable.is_open() && fcntl(descriptor, F_OFD_SETLK, &whole) != 0) return TryLater;
+  if (system_calls.flock(descriptor, LOCK_EX | LOCK_NB) != 0) return TryLater;
+  if (writable.is_open() && system_calls.set_lock(descriptor, &whole) != 0) return TryLater;
   if (system_calls.fstatat(directory, name, &present, AT_SYMLINK_NOFOLLOW) != 0 ||
       !SameFile(read_file, present))
     return TryNow;

@@ -73,7 +73,7 @@ class Trail {
 
   static Identity IdentityOf(int descriptor) {
     struct stat status;
-    if (fstat(descriptor, &status) != 0) return {};
+    if (system_calls.fstat(descriptor, &status) != 0) return {};
     return {status.st_dev, status.st_ino};
   }
 
