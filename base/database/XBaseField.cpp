@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 
 #include "base/core/CopyText.h"
 #include "base/core/MeasuredLength.h"
@@ -28,9 +29,11 @@ XBaseField::XBaseField(XBaseTable* table, const char* name, int name_length, XBa
     : field_type(type), field_length(std::max(length, 0)), decimals(decimalcount), table(table) {
   const int count = MeasuredLength(name, name_length);
   const size_t size = static_cast<size_t>(field_length) + 1;
-  field_name = NewTextCopy(name, count);
-  current = new char[size]();
+  std::unique_ptr<char[]> name_copy(NewTextCopy(name, count));
+  std::unique_ptr<char[]> blank_text(new char[size]());
   original = new char[size]();
+  current = blank_text.release();
+  field_name = name_copy.release();
 }
 
 XBaseField::~XBaseField() {

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -52,7 +53,12 @@ class RangeLock {
 
   explicit operator bool() const { return held; }
   void Release() {
-    if (std::exchange(held, false)) file->Release(start, length);
+    if (!std::exchange(held, false)) return;
+    try {
+      file->Release(start, length);
+    } catch (const std::bad_alloc&) {
+      // There was no memory for the text of a failure, which no one reads.
+    }
   }
 
  private:
@@ -367,8 +373,10 @@ bool XBaseTable::Create(File* file, const String& path, File* memo, const String
   header.version = version_plain;
   header.record_length = 1;
   for (XBaseField* field = fields.First(); field; field = fields.Next()) {
-    made.emplace_back(
+    // Owned before the vector grows.
+    std::unique_ptr<XBaseField> copy(
         MakeField(this, field->name(), -1, field->type(), field->length(), field->decimalcount()));
+    made.push_back(std::move(copy));
     header.record_length += field->length();
     if (field->type() == XBaseField_Memo) header.version = version_memo;
   }
@@ -384,9 +392,17 @@ bool XBaseTable::Create(File* file, const String& path, File* memo, const String
   return WriteNewFiles(file, memo);
 }
 
-// The files belong to the caller until everything is written.
+// The files belong to the caller until everything is written, also if memory runs out meanwhile.
 bool XBaseTable::WriteNewFiles(File* file, File* memo) {
+  struct Attempt {
+    ~Attempt() {
+      if (!written) table->table_file = table->memo_file = nullptr;
+    }
+    XBaseTable* table;
+    bool written = false;
+  };
   if (!file) return FileError("Internal error opening '", table_path, "'", nullptr);
+  Attempt attempt{this};
   table_file = file;
   bool written =
       WriteTableHeader() && WriteTableFields() && WriteAll(table_file, table_path, &text_end, 1);
@@ -395,7 +411,7 @@ bool XBaseTable::WriteNewFiles(File* file, File* memo) {
     written = memo ? WriteMemoHeader() && WriteAll(memo_file, memo_file_path, &text_end, 1)
                    : FileError("Internal errorl opening '", memo_file_path, "'", nullptr);
   }
-  if (!written) table_file = memo_file = nullptr;
+  attempt.written = written;
   return written;
 }
 

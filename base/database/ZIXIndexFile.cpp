@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include "base/host/ZephApplication.h"
@@ -34,7 +35,12 @@ ZIXIndexFile::HeaderLock::HeaderLock(File* locked, FileLockType type, int lock)
 }
 
 ZIXIndexFile::HeaderLock::~HeaderLock() {
-  if (file) file->Release(0, ZIXHeader_Length);
+  if (!file) return;
+  try {
+    file->Release(0, ZIXHeader_Length);
+  } catch (const std::bad_alloc&) {
+    // There was no memory for the text of a failure, which no one reads.
+  }
 }
 
 // --- Life ----------------------------------------------------------------------------------------
@@ -74,10 +80,17 @@ bool ZIXIndexFile::Create(File* created, const char* path, const unsigned char* 
   CloseFile();
   file_path.assign(path);
   if (!created) return Fail({"Internal error opening '", View(file_path), "'"});
+  // It stays the caller's until it is written, also if memory runs out meanwhile.
+  struct Attempt {
+    ~Attempt() {
+      if (!written) index->file = nullptr;
+    }
+    ZIXIndexFile* index;
+    bool written = false;
+  } attempt{this};
   file = created;
-  if (WriteNewFile(keyexpression, flags)) return true;
-  file = nullptr;
-  return false;
+  attempt.written = WriteNewFile(keyexpression, flags);
+  return attempt.written;
 }
 
 bool ZIXIndexFile::WriteNewFile(const unsigned char* keyexpression, unsigned flags) {
