@@ -3,6 +3,8 @@
 
 #include "base/extensions/ExternalConfig.h"
 
+#include <new>
+
 #include "base/compiled/VariableHash.h"
 #include "base/extensions/CommerceLibrary.h"
 #include "base/extensions/ExternalCall.h"
@@ -51,7 +53,8 @@ ExternalConfig::~ExternalConfig() {
   commerce_manager = nullptr;
   database_manager = nullptr;
   system_manager = nullptr;
-  if (descriptor != nullptr && descriptor->shutdown != nullptr) descriptor->shutdown(this, &data);
+  if (descriptor != nullptr && descriptor->shutdown != nullptr && (!interrupted || data != nullptr))
+    descriptor->shutdown(this, &data);
   ReleaseAll(pending_system);
   ReleaseAll(pending_global);
 }
@@ -64,7 +67,12 @@ bool ExternalConfig::Load(const char* path, int zero, void* arguments, int count
                                             &last_error);
   if (descriptor == nullptr) return false;
   if (descriptor->initialize == nullptr) return true;
-  if (descriptor->initialize(this, &data, zero, arguments, count) == 0) return true;
+  try {
+    if (descriptor->initialize(this, &data, zero, arguments, count) == 0) return true;
+  } catch (const std::bad_alloc&) {
+    interrupted = true;
+    throw;
+  }
   return FailWithLibraryText("Error initializing configuration library");
 }
 
@@ -91,7 +99,7 @@ bool ExternalConfig::FailWithLibraryText(const char* text) {
 }
 
 ConfigValue* ExternalConfig::default_value(int id) {
-  if (library != nullptr && descriptor != nullptr) {
+  if (library != nullptr && descriptor != nullptr && !interrupted) {
     int kind = id & ConfigKind_Mask;
     if (kind == ConfigKind_Text && descriptor->get_string != nullptr) {
       const char* text = nullptr;

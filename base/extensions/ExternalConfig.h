@@ -73,6 +73,9 @@ class ExternalConfig : public Config {
  private:
   ZephApplication* application;
   void* data = nullptr;  // a word for the library's use
+  // Memory ran out while the library was being initialized: it is asked for nothing, and shut down
+  // only if it has set its word.
+  bool interrupted = false;
   _ZP_EL_Config* descriptor = nullptr;
   ExternalLibrary* library = nullptr;  // borrowed from the process
   LastError last_error;
