@@ -52,8 +52,7 @@ bool FastCGIApplication::AddVariables() {
 
 void FastCGIApplication::AddEnvironmentVariables() {
   std::unique_ptr<LateVariables> system(NewSystemVariables(this));
-  request_variables = std::make_unique<RequestVariables>(request->envp, system.get());
-  (void)system.release();
+  request_variables = std::make_unique<RequestVariables>(request->envp, std::move(system));
 }
 
 // Stores the next argument, arg1, arg2 and so on.

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <utility>
 
 #include "base/core/hash.h"
 #include "base/core/memcmpi.h"
@@ -26,8 +27,8 @@ bool IsPrivate(const char* name, int length) {
 
 }  // namespace
 
-RequestVariables::RequestVariables(char** parameters, LateVariables* system_variables)
-    : system(system_variables) {
+RequestVariables::RequestVariables(char** parameters, std::unique_ptr<LateVariables> system_variables)
+    : system(std::move(system_variables)) {
   for (; parameters && *parameters; parameters++) Add(*parameters);
 }
 
@@ -108,8 +109,7 @@ Variable* RequestVariables::Make(int number) {
 
 LateVariables* RequestVariables::Clone(ZephApplication* application) {
   std::unique_ptr<LateVariables> cloned(system->Clone(application));
-  auto copy = std::make_unique<RequestVariables>(nullptr, cloned.get());
-  (void)cloned.release();
+  auto copy = std::make_unique<RequestVariables>(nullptr, std::move(cloned));
   for (const Fact& fact : facts) copy->facts.push_back(fact);
   for (const Parameter& parameter : parameters) {
     copy->kept.push_back(std::make_unique<String>(parameter.text, -1));

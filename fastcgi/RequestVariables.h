@@ -17,9 +17,8 @@
 // a system variable counts before both, and a fact before all.
 class RequestVariables : public LateVariables {
  public:
-  // The parameters are borrowed: "name=value" each, with a null after the last. The system
-  // variables are adopted.
-  RequestVariables(char** parameters, LateVariables* system_variables);
+  // The parameters are borrowed: "name=value" each, with a null after the last.
+  RequestVariables(char** parameters, std::unique_ptr<LateVariables> system_variables);
 
   // Add a fact of the host; facts are listed after the rest. Texts are copied; a length of -1 means
   // strlen. REQUIRES: the table of system variables does not have this object yet.

@@ -20,7 +20,8 @@ class RequestTable {
   explicit RequestTable(std::vector<std::string> parameters) : texts(std::move(parameters)) {
     for (std::string& text : texts) entries.push_back(text.data());
     entries.push_back(nullptr);
-    table.SetLateVariables(new RequestVariables(entries.data(), NewSystemVariables(&application)));
+    table.SetLateVariables(new RequestVariables(
+        entries.data(), std::unique_ptr<LateVariables>(NewSystemVariables(&application))));
   }
 
   // The text of a variable; "(none)" if there is none of that name.
@@ -73,8 +74,9 @@ TEST(RequestVariables, ALaterOneAndASystemVariableStandInPlace) {
 
 TEST(RequestVariables, WhatTheHostKnowsComesBeforeAll) {
   RequestTable request({"arg1=sent", "other=sent"});
-  auto* known =
-      new RequestVariables(request.entries.data(), NewSystemVariables(&request.application));
+  auto* known = new RequestVariables(
+      request.entries.data(),
+      std::unique_ptr<LateVariables>(NewSystemVariables(&request.application)));
   known->AddText("arg1", -1, "first", -1);
   known->AddText("arg1", -1, "second", 6);
   known->AddText("empty", 5, "", 0);
@@ -131,8 +133,9 @@ TEST(RequestVariables, AreListedInOneOrder) {
   for (const char* first : {"", "nargs", "Z", "tm_mon", "nobody"}) {
     SCOPED_TRACE(first);
     RequestTable request({"Z=1", "A=2", "z=3", "TM_MON=4", "nargs=5", "M=6"});
-    auto* known =
-        new RequestVariables(request.entries.data(), NewSystemVariables(&request.application));
+    auto* known = new RequestVariables(
+        request.entries.data(),
+        std::unique_ptr<LateVariables>(NewSystemVariables(&request.application)));
     known->AddText("arg1", -1, "first", -1);
     known->AddNumber("nargs", 1);
     known->AddText("documenturl", -1, "here", -1);
