@@ -92,8 +92,13 @@ int HTTPOutput::type() {
 
 int HTTPOutput::Header(const char* name, int namelength, int nameowned, const char* value,
                        int valuelength, int valueowned) {
+  // Owned texts are freed also if there is no memory for the field.
+  std::unique_ptr<const char[]> owned_name(nameowned ? name : nullptr);
+  std::unique_ptr<const char[]> owned_value(valueowned ? value : nullptr);
   auto field = std::make_unique<HTTPOutput_Header>(name, namelength, nameowned, value, valuelength,
                                                    valueowned);
+  (void)owned_name.release();
+  (void)owned_value.release();
   if (headers_sent) return 0;
   delete headers.Remove(field->name, field->namelength);
   InsertOwned(headers, std::move(field));
