@@ -42,8 +42,15 @@ void Lockfile::Heartbeat() {
 
 void Lockfile::GiveBack() {
   if (DeleteFile()) return;
-  const double timeout = application->config()->value_integer(Config_timeout_file);
-  const int delay = application->config()->value_integer(Config_delay_file);
+  double timeout = 0;
+  int delay = 0;
+  try {
+    timeout = application->config()->value_integer(Config_timeout_file);
+    delay = application->config()->value_integer(Config_delay_file);
+  } catch (const std::bad_alloc&) {
+    // A setting is made when it is read for the first time. This runs in a destructor.
+    return;
+  }
   // A delay of 0 would mean trying without end and without a pause, so there is no second try.
   if (delay == 0) return;
   const double tries = std::trunc(timeout * (1000.0 / delay));
