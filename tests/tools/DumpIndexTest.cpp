@@ -153,6 +153,15 @@ TEST_F(DumpIndexTest, PagesBehindTheCountAreNoted) {
       output);
 }
 
+// A writer that ends in a split leaves a tree that is sound by itself, and the rest beside it.
+TEST_F(DumpIndexTest, EntriesBesideTheTreeAreNamed) {
+  EXPECT_EQ(
+      "problem: page 2: is not in the tree, and has 4 entries that the tree has not\n"
+      "problem: page 3: is not in the tree, and has 1 entry that the tree has not\n"
+      "2 problems\n",
+      CheckWith(13, std::string("\1\0\0\0", 4)));
+}
+
 TEST_F(DumpIndexTest, EachDamageIsNamed) {
   const size_t left = 1024, right = 2 * 1024, root = 3 * 1024;
   const auto number = [](char value) { return std::string(1, value) + std::string(3, '\0'); };
