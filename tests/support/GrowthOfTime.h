@@ -1,37 +1,49 @@
-// How the time of some work grows with its size, measured as processor time of the thread at two
-// sizes, so that a slow or busy machine does not matter.
+// How the time of some work grows with its size, measured as processor time of the thread, so that
+// a slow or busy machine does not matter.
 
 #ifndef ZEPH_TESTS_SUPPORT_GROWTHOFTIME_H
 #define ZEPH_TESTS_SUPPORT_GROWTHOFTIME_H
 
+#include <gtest/gtest.h>
+#include <time.h>
+
 #include <algorithm>
-#include <ctime>
 
-// Returns how many times as long the work takes for 16 times the size. Linear work is near 16, or a
-// few times that if the smaller size fits into caches; quadratic work is near 256.
-constexpr int SizeGrowth = 16;
-constexpr double NearLinear = 100;
+// Seconds of processor time of this thread.
+inline double ThreadSeconds() {
+  timespec now;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
 
-// made = make(size) prepares, work(&made) is measured. The best of three of each counts, because
-// memory costs more when it is touched for the first time.
+// Expects that four times the size takes about four times as long: less than ten, while quadratic
+// work takes sixteen. made = make(size) prepares, work(&made) is measured. The best of a few tries
+// counts. Work of less than a tenth of a millisecond counts as that much, because caches and the
+// clock would matter more than the size.
 template <class Make, class Work>
-double GrowthOfTime(int size, Make make, Work work) {
-  const auto measure = [&](int count) {
-    double best = 1e9;
-    for (int i = 0; i < 3; i++) {
-      auto made = make(count);
-      timespec before;
-      timespec after;
-      clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
-      work(&made);
-      clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
-      best = std::min(best, static_cast<double>(after.tv_sec - before.tv_sec) +
-                                static_cast<double>(after.tv_nsec - before.tv_nsec) * 1e-9);
+void ExpectNearLinear(int size, Make make, Work work) {
+  double ratio = 0;
+  for (int attempt = 0; attempt < 5; attempt++) {
+    double seconds[2] = {1e9, 1e9};
+    for (int run = 0; run < 3; run++) {
+      for (int i = 0; i < 2; i++) {
+        auto made = make(i == 0 ? size : 4 * size);
+        const double start = ThreadSeconds();
+        work(&made);
+        seconds[i] = std::min(seconds[i], ThreadSeconds() - start);
+      }
     }
-    return best;
-  };
-  const double small = measure(size);
-  return measure(size * SizeGrowth) / std::max(small, 20e-6);
+    ratio = seconds[1] / std::max(seconds[0], 1e-4);
+    if (ratio < 10) return;
+  }
+  ADD_FAILURE() << "four times the size took " << ratio << " times as long";
+}
+
+// The same where work(size) does it all.
+template <class Work>
+void ExpectNearLinear(int size, Work work) {
+  ExpectNearLinear(
+      size, [](int count) { return count; }, [&work](int* count) { work(*count); });
 }
 
 #endif

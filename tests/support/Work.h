@@ -1,47 +1,15 @@
-// How the cost of work grows, and variables whose reading lets the time limit pass.
+// Variables for tests of long work: one whose reading lets the time limit pass, and arrays that
+// take a walk through them as long as one likes.
 
 #ifndef ZEPH_TESTS_SUPPORT_WORK_H
 #define ZEPH_TESTS_SUPPORT_WORK_H
 
-#include <gtest/gtest.h>
-#include <time.h>
-
-#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <string>
 
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
-
-// Seconds of processor time of this thread.
-inline double ThreadSeconds() {
-  timespec now;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
-
-// Expects that four times the size takes about four times as long: less than ten, while quadratic
-// work takes sixteen. work(size) does it all. The best of a few tries counts. Work of less than a
-// tenth of a millisecond counts as that much, because caches and the clock would matter more than
-// the size.
-template <class Work>
-void ExpectNearLinear(int size, Work work) {
-  double ratio = 0;
-  for (int attempt = 0; attempt < 5; attempt++) {
-    double seconds[2] = {1e9, 1e9};
-    for (int run = 0; run < 3; run++) {
-      for (int i = 0; i < 2; i++) {
-        const double start = ThreadSeconds();
-        work(i == 0 ? size : 4 * size);
-        seconds[i] = std::min(seconds[i], ThreadSeconds() - start);
-      }
-    }
-    ratio = seconds[1] / std::max(seconds[0], 1e-4);
-    if (ratio < 10) return;
-  }
-  ADD_FAILURE() << "four times the size took " << ratio << " times as long";
-}
 
 // A computed text whose reading lets the time limit pass. Counts the readings.
 class Alarm : public Variable {

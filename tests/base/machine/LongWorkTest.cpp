@@ -19,6 +19,7 @@
 #include "base/values/DeferredText.h"
 #include "base/values/VariableRef.h"
 #include "tests/support/FormBodies.h"
+#include "tests/support/GrowthOfTime.h"
 #include "tests/support/Machine.h"
 #include "tests/support/Work.h"
 

@@ -555,15 +555,14 @@ std::unique_ptr<Machine> MachineWithFeatures(int count, std::vector<int>* delete
 TEST(Feature, ManyAreDroppedAndDeletedInTimeByTheirNumber) {
   std::vector<int> deleted;
   for (const bool dropped : {false, true}) {
-    EXPECT_LT(GrowthOfTime(
-                  2000, [&](int count) { return MachineWithFeatures(count, &deleted); },
-                  [dropped](std::unique_ptr<Machine>* machine) {
-                    if (dropped) {
-                      (*machine)->vm().Pop_Feature((*machine)->vm().Lookup_Feature(1));
-                    }
-                    (*machine)->Close();
-                  }),
-              NearLinear);
+    ExpectNearLinear(
+        8000, [&](int count) { return MachineWithFeatures(count, &deleted); },
+        [dropped](std::unique_ptr<Machine>* machine) {
+          if (dropped) {
+            (*machine)->vm().Pop_Feature((*machine)->vm().Lookup_Feature(1));
+          }
+          (*machine)->Close();
+        });
   }
 }
 

@@ -345,21 +345,20 @@ TEST(DeferredText, ManyAreDeletedInTimeByTheirNumber) {
     VariableRef variable;
     std::unique_ptr<DeferredText> text;
   };
-  EXPECT_LT(GrowthOfTime(
-                2000,
-                [](int count) {
-                  std::vector<Watched> all;
-                  for (int i = 0; i < count; i++) {
-                    VariableRef variable(new Variable("", 0, std::string(150, 'x').c_str(), 150));
-                    std::unique_ptr<DeferredText> text(DeferredText::Begin(variable.get()));
-                    all.push_back({std::move(variable), std::move(text)});
-                  }
-                  return all;
-                },
-                [](std::vector<Watched>* all) {
-                  for (Watched& watched : *all) watched.text.reset();
-                }),
-            NearLinear);
+  ExpectNearLinear(
+      8000,
+      [](int count) {
+        std::vector<Watched> all;
+        for (int i = 0; i < count; i++) {
+          VariableRef variable(new Variable("", 0, std::string(150, 'x').c_str(), 150));
+          std::unique_ptr<DeferredText> text(DeferredText::Begin(variable.get()));
+          all.push_back({std::move(variable), std::move(text)});
+        }
+        return all;
+      },
+      [](std::vector<Watched>* all) {
+        for (Watched& watched : *all) watched.text.reset();
+      });
 }
 
 TEST(DeferredText, AVariableIsWatchedByAllThatBeganWithIt) {

@@ -177,72 +177,68 @@ VariableRef Chain(int count) {
 }
 
 TEST_F(VariableCycles, AChainOfReferencesIsDeletedInTimeByItsLength) {
-  EXPECT_LT(GrowthOfTime(2000, Chain, [](VariableRef* chain) { chain->reset(); }), NearLinear);
+  ExpectNearLinear(8000, Chain, [](VariableRef* chain) { chain->reset(); });
 }
 
 TEST_F(VariableCycles, AChainThatATableHoldsIsReleasedInTimeByItsLength) {
   Dictionary names;
-  EXPECT_LT(GrowthOfTime(
-                2000,
-                [&names](int count) {
-                  auto table = std::make_unique<VariableHash>(&names, 12, 512);
-                  for (int i = 0; i < count; i++) {
-                    const std::string name = "v" + std::to_string(i);
-                    table->Insert(new Variable(name.c_str(), -1));
-                  }
-                  for (int i = count - 1; i > 0; i--) {
-                    table->Index(i, 0)->Make_Reference(table->Index(i - 1, 0));
-                  }
-                  return table;
-                },
-                [](std::unique_ptr<VariableHash>* table) { table->reset(); }),
-            NearLinear);
+  ExpectNearLinear(
+      8000,
+      [&names](int count) {
+        auto table = std::make_unique<VariableHash>(&names, 12, 512);
+        for (int i = 0; i < count; i++) {
+          const std::string name = "v" + std::to_string(i);
+          table->Insert(new Variable(name.c_str(), -1));
+        }
+        for (int i = count - 1; i > 0; i--) {
+          table->Index(i, 0)->Make_Reference(table->Index(i - 1, 0));
+        }
+        return table;
+      },
+      [](std::unique_ptr<VariableHash>* table) { table->reset(); });
 }
 
 TEST_F(VariableCycles, ACircleThroughAChainIsFreedInTimeByItsLength) {
-  EXPECT_LT(GrowthOfTime(
-                2000,
-                [](int count) {
-                  VariableRef chain = Chain(count);
-                  chain->Element(Place(1), 0)->Make_Reference(chain.get());
-                  chain.reset();
-                  return 0;
-                },
-                [](int*) { Variable::FreeCycles(); }),
-            NearLinear);
+  ExpectNearLinear(
+      8000,
+      [](int count) {
+        VariableRef chain = Chain(count);
+        chain->Element(Place(1), 0)->Make_Reference(chain.get());
+        chain.reset();
+        return 0;
+      },
+      [](int*) { Variable::FreeCycles(); });
 }
 
 TEST_F(VariableCycles, CirclesAreFreedInTimeByTheirNumber) {
-  EXPECT_LT(GrowthOfTime(
-                2000,
-                [](int count) {
-                  for (int i = 0; i < count; i++) {
-                    const VariableRef array(new Variable());
-                    array->SetElement(Place(1), array.get());
-                  }
-                  return 0;
-                },
-                [](int*) { Variable::FreeCycles(); }),
-            NearLinear);
+  ExpectNearLinear(
+      8000,
+      [](int count) {
+        for (int i = 0; i < count; i++) {
+          const VariableRef array(new Variable());
+          array->SetElement(Place(1), array.get());
+        }
+        return 0;
+      },
+      [](int*) { Variable::FreeCycles(); });
 }
 
 TEST_F(VariableCycles, AReferenceTakesAllItsCountsAlongInOneStep) {
-  EXPECT_LT(GrowthOfTime(
-                2000,
-                [](int count) {
-                  auto variable = std::make_unique<Variable>();
-                  for (int i = 0; i < count; i++) variable->IncRefCount();
-                  return std::pair(VariableRef(variable.release()), Chain(count));
-                },
-                [](std::pair<VariableRef, VariableRef>* made) {
-                  const int counts = made->first->refcount();
-                  made->first->Make_Reference(made->second->Element(Place(2), 0));
-                  made->first->Make_Reference(made->second->Element(Place(made->second->Max()), 0));
-                  made->first->Make_NULL();
-                  for (int i = 1; i < counts; i++) made->first->DecRefCount();
-                  made->second.reset();
-                }),
-            NearLinear);
+  ExpectNearLinear(
+      8000,
+      [](int count) {
+        auto variable = std::make_unique<Variable>();
+        for (int i = 0; i < count; i++) variable->IncRefCount();
+        return std::pair(VariableRef(variable.release()), Chain(count));
+      },
+      [](std::pair<VariableRef, VariableRef>* made) {
+        const int counts = made->first->refcount();
+        made->first->Make_Reference(made->second->Element(Place(2), 0));
+        made->first->Make_Reference(made->second->Element(Place(made->second->Max()), 0));
+        made->first->Make_NULL();
+        for (int i = 1; i < counts; i++) made->first->DecRefCount();
+        made->second.reset();
+      });
 }
 
 // Variables that refer to one another, each with some extra counts.
