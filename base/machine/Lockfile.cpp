@@ -7,6 +7,7 @@
 #include <cstring>
 #include <new>
 
+#include "base/core/ThreadMemory.h"
 #include "base/host/Config.h"
 #include "base/host/File.h"
 #include "base/host/ZephApplication.h"
@@ -61,12 +62,15 @@ void Lockfile::GiveBack() {
   }
 }
 
-// Finding the file's path allocates, and the script may have ended because memory ran out. That
-// counts as one failed try.
+// Finding the file's path allocates, and the script may have ended because memory ran out: the
+// thread's reserve is for such a clean-up. Without memory even then it counts as one failed try.
 bool Lockfile::DeleteFile() {
-  try {
-    return application->filemanager()->Delete(ZephPath_Data, path.data);
-  } catch (const std::bad_alloc&) {
-    return false;
+  for (bool again = false;; again = true) {
+    try {
+      return application->filemanager()->Delete(ZephPath_Data, path.data);
+    } catch (const std::bad_alloc&) {
+      if (again) return false;
+      ThreadMemory::Exhausted(path.data, path.length);
+    }
   }
 }
