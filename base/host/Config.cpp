@@ -116,7 +116,11 @@ const char* Config::value_string(int id) {
 
 int Config::SetValue(int id, const char* text, int length, int owned) {
   if (!IsText(id)) return 0;
-  values.Put(new ConfigValue(id, text, length, owned));
+  // An owned text is freed also if there is no memory for the value.
+  std::unique_ptr<const char[]> owned_text(owned ? text : nullptr);
+  auto value = std::make_unique<ConfigValue>(id, text, length, owned);
+  (void)owned_text.release();
+  values.Put(value.release());
   return 1;
 }
 
