@@ -86,15 +86,14 @@ bool IsWhole(const FCGX_Request& request) {
   return FCGX_GetError(request.in) == 0;
 }
 
-// Runs one request. If a hostile length needs more memory than there is, the request ends and
-// not the process.
-void Answer(FastCGITaskThread* thread, _FastCGIMainArgs* arguments, FastCGIThreadManager* manager,
-            FCGX_Request* request) {
+}  // namespace
+
+void AnswerRequest(FastCGITaskThread* thread, _FastCGIMainArgs* arguments, FCGX_Request* request) {
   const ThreadMemory::Run run;
   try {
     FastCGIApplication application(arguments->argument_count, arguments->arguments,
                                    arguments->copied_argument_count, arguments->copied_arguments,
-                                   manager, arguments->library_manager, request);
+                                   thread->Manager(), arguments->library_manager, request);
     // Declared after the application, so that the thread forgets the application before it is
     // deleted, also after an exception.
     CurrentApplication current(thread, &application);
@@ -105,8 +104,6 @@ void Answer(FastCGITaskThread* thread, _FastCGIMainArgs* arguments, FastCGIThrea
   // Values that refer to each other in a circle have no other holder now.
   Variable::FreeCycles();
 }
-
-}  // namespace
 
 void* FastCGIRequestThread(void* argument) {
   auto* thread = static_cast<FastCGITaskThread*>(argument);
@@ -135,7 +132,7 @@ void* FastCGIRequestThread(void* argument) {
       FCGX_Free(&request, 1);
       continue;
     }
-    Answer(thread, arguments, thread->Manager(), &request);
+    AnswerRequest(thread, arguments, &request);
     Finish(&request, &connection);
     if (thread->Stopped()) break;
   }

@@ -13,11 +13,15 @@ namespace {
 
 constinit thread_local long first_refused = 0;
 constinit thread_local long asked = 0;
-constinit thread_local bool only_once = false;
+constinit thread_local FailingAllocator::Mode refusal = FailingAllocator::Once;
+constinit thread_local bool exists = false;
 
 bool IsRefused(size_t) {
   asked++;
-  return only_once ? asked == first_refused : asked >= first_refused;
+  if (first_refused == 0) return false;
+  if (refusal == FailingAllocator::Once) return asked == first_refused;
+  if (refusal == FailingAllocator::UntilReserve && ThreadMemory::RanShort()) return false;
+  return asked >= first_refused;
 }
 
 void RunToItsEnd(const std::function<void()>& run) {
@@ -65,11 +69,13 @@ long RunAll(const std::function<void()>& run, bool both, long each) {
 FailingAllocator::FailingAllocator(long number, Mode mode) {
   first_refused = number;
   asked = 0;
-  only_once = mode == Once;
+  refusal = mode;
+  exists = true;
   ThreadMemory::SetJudge(IsRefused);
 }
 
 FailingAllocator::~FailingAllocator() {
+  exists = false;
   ThreadMemory::SetJudge(nullptr);
 }
 
@@ -79,6 +85,14 @@ bool FailingAllocator::Refused() {
 
 long FailingAllocator::Asked() {
   return asked;
+}
+
+FailingAllocator::Pause::Pause() {
+  ThreadMemory::SetJudge(nullptr);
+}
+
+FailingAllocator::Pause::~Pause() {
+  ThreadMemory::SetJudge(exists ? IsRefused : nullptr);
 }
 
 long ExpectNothingIsLost(const std::function<void()>& run, bool both, long each) {

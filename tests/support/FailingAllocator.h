@@ -12,6 +12,8 @@ class FailingAllocator {
   enum Mode {
     Once,         // one block, like a single block that is too large
     FromThereOn,  // that block and all after it, as if no memory is left
+    // Like FromThereOn, until the run has learned that no memory is left: it then has its reserve.
+    UntilReserve,
   };
   // The next block is number 1.
   FailingAllocator(long number, Mode mode);
@@ -23,6 +25,16 @@ class FailingAllocator {
   static bool Refused();
   // How many blocks were allocated or refused.
   static long Asked();
+
+  // Within its scope blocks are neither refused nor counted, so that a run can check its own
+  // results. Has no effect without an allocator.
+  class Pause {
+   public:
+    Pause();
+    ~Pause();
+    Pause(const Pause&) = delete;
+    Pause& operator=(const Pause&) = delete;
+  };
 };
 
 // Calls `run` on a thread of its own that keeps no freed blocks, again and again, and refuses a
