@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/compiled/TaggedFile.h"
+#include "base/core/Limits.h"
 #include "base/core/LittleEndian.h"
 #include "base/core/MeasuredLength.h"
 #include "base/core/string_search.h"
@@ -28,7 +29,7 @@ constexpr int DictionaryTag = MakeTag("dict");
 constexpr int HeadSize = 12;
 constexpr int RecordSize = 8;
 
-constexpr int BlockStep = 8192;
+constexpr int BlockStep = kDictionaryBlock;
 constexpr int EntryGrowth = 128;
 
 // A block always has more room than the bytes it is made for, because run-time texts are added.

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <utility>
 
+#include "base/core/Limits.h"
 #include "base/core/LittleEndian.h"
 #include "base/host/File.h"
 
@@ -27,7 +28,7 @@ constexpr char Magic[4] = {'Z', 'e', 'p', 'h'};
 constexpr int EntrySize = 12;
 constexpr int DirectoryGrowth = 16;
 
-constexpr int WindowSize = 65536;
+constexpr int WindowSize = kCompiledFileWindow;
 constexpr int CreateMode = 15;  // read, write, create, truncate
 
 constexpr char CorruptText[] = "File is either corrupt or not a valid compiled Zeph Script file";

@@ -10,16 +10,11 @@
 #include <new>
 #include <utility>
 
+#include "base/core/Limits.h"
 #include "base/core/MeasuredLength.h"
 
-namespace {
-
-const int kDefaultCapacity = 8192;
-
-}  // namespace
-
 BufferedOutput::BufferedOutput(int capacity)
-    : buffer(nullptr), capacity(capacity < 1 ? kDefaultCapacity : capacity) {
+    : buffer(nullptr), capacity(capacity < 1 ? kOutputBuffer : capacity) {
   buffer = new char[static_cast<size_t>(this->capacity)];
 }
 
@@ -62,7 +57,7 @@ int BufferedOutput::type() {
 }
 
 CaptureOutput::CaptureOutput(Output* parent)
-    : BufferedOutput(kDefaultCapacity),
+    : BufferedOutput(kOutputBuffer),
       base(buffer),
       parent_output(parent),
       outer(dynamic_cast<CaptureOutput*>(parent)) {

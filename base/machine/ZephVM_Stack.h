@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "base/core/FreeList.h"
+#include "base/core/Limits.h"
 #include "base/core/Numbers.h"
 #include "base/values/DeferredText.h"
 #include "base/values/Variable.h"
@@ -317,7 +318,7 @@ class ZephVM_Stack {
  private:
   // Deep enough for almost all expressions. Functions call one another by the thousand, so a stack
   // allocates room for all 512 entries only when it needs them.
-  static const int FirstEntries = 16;
+  static const int FirstEntries = kFirstStackEntries;
 
   // Returns room for an entry on top, which the caller fills; null after an overflow, or without
   // memory.

@@ -11,13 +11,14 @@
 #include <utility>
 
 #include "base/compiled/VariableHash.h"
+#include "base/core/Limits.h"
 #include "base/values/Variable.h"
 #include "base/values/VariableKinds.h"
 
 namespace {
 
 // First size of the buffer, in bytes; a smaller body with its terminator gets exactly its size.
-const int kFirstRoom = 65536;
+const int kFirstRoom = kFirstBodyRoom;
 
 }  // namespace
 

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "base/core/Limits.h"
 #include "base/systems/unix/GuardedCopy.h"
 #include "base/systems/unix/SystemCalls.h"
 
@@ -20,7 +21,7 @@ namespace {
 
 // A mapping and its page faults cost about as much as this many reads. Copying a larger piece costs
 // more than a read.
-constexpr int misses_before_mapping = 32;
+constexpr int misses_before_mapping = kReadsBeforeMapping;
 constexpr size_t longest_piece = 4096;
 
 // After a piece of zeros, a byte that is not zero is searched for within this distance.
