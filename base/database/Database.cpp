@@ -87,11 +87,11 @@ Variable* DatabaseView::FindField(const char* name, int length) {
   return fields.Find(name, length);
 }
 
-void DatabaseView::SetFilter(ZephVM* runs_on, Segment* segment) {
+void DatabaseView::SetFilter(ZephVM* machine, Segment* segment) {
   // The new count comes first: it may be the same machine.
-  if (runs_on) runs_on->AddChild();
+  if (machine) machine->AddChild();
   if (filter_vm) filter_vm->RemoveChild();
-  filter_vm = runs_on;
+  filter_vm = machine;
   filter = segment;
 }
 

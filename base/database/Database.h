@@ -91,7 +91,7 @@ class DatabaseView {
   virtual String& name() { return name_; }
   // Stores the filter and moves the count on its machine; null and null for none. The segment is
   // borrowed from that machine.
-  virtual void SetFilter(ZephVM* vm, Segment* segment);
+  virtual void SetFilter(ZephVM* machine, Segment* segment);
   virtual bool IsFiltered() { return filter != nullptr; }
   virtual String& error() { return error_; }
   // Stores the text, unless it is a null String.

@@ -51,20 +51,20 @@ void XBaseDatabaseView::Init() {
   MakeVariables(*table, false);
 }
 
-void XBaseDatabaseView::SetupCurrentRecord(XBaseTable& table) {
+void XBaseDatabaseView::SetupCurrentRecord(XBaseTable& of_table) {
   variables.clear();
   fields.Dump();
-  MakeVariables(table, true);
+  MakeVariables(of_table, true);
 }
 
 // A field that has the name of one of the first four is not found by its name, because the table of
 // names finds the earliest one.
-void XBaseDatabaseView::MakeVariables(XBaseTable& table, bool check_dates) {
-  AddVariable(totrec = new XBaseTotalRecordsVariable(&table));
-  AddVariable(recno = new XBaseRecordNumberVariable(&table));
-  AddVariable(deleted = new XBaseDeletedVariable(&table));
+void XBaseDatabaseView::MakeVariables(XBaseTable& of_table, bool check_dates) {
+  AddVariable(totrec = new XBaseTotalRecordsVariable(&of_table));
+  AddVariable(recno = new XBaseRecordNumberVariable(&of_table));
+  AddVariable(deleted = new XBaseDeletedVariable(&of_table));
   AddVariable(eof = new XBaseEOFVariable);
-  for (XBaseField* field = table.fields().First(); field; field = table.fields().Next()) {
+  for (XBaseField* field = of_table.fields().First(); field; field = of_table.fields().Next()) {
     if (field->type() == XBaseField_Numeric) {
       AddVariable(new XBaseNumberVariable(field));
     } else if (field->type() == XBaseField_Logical) {
@@ -83,8 +83,8 @@ void XBaseDatabaseView::AddVariable(XBaseVariable* variable) {
   variables.push_back(variable);
 }
 
-void XBaseDatabaseView::SetTable(XBaseTable* new_table) {
-  table = new_table;
+void XBaseDatabaseView::SetTable(XBaseTable* replacement) {
+  table = replacement;
 }
 
 void XBaseDatabaseView::SetDirty(int all) {
@@ -123,12 +123,12 @@ bool XBaseDatabaseView::Filter(ZephVM* vm, const char* expression, int length, i
   return true;
 }
 
-void XBaseDatabaseView::SetFilter(ZephVM* vm, Segment* segment) {
+void XBaseDatabaseView::SetFilter(ZephVM* machine, Segment* segment) {
   if (database->IsEvaluating()) {
     Error(Database::kInUse);
     return;
   }
-  DatabaseView::SetFilter(vm, segment);
+  DatabaseView::SetFilter(machine, segment);
   if (segment) {
     Go_Filter(kFirst);
   } else {

@@ -73,19 +73,19 @@ class XBaseDatabaseView : public DatabaseView {
   bool RevealStructure_Table(const char* path, int length, int allocated, int* deletable) override;
   bool RevealStructure_Aggregate(Variable** variable) override;
   // Also goes to the first record. Refused while a filter or a key runs.
-  void SetFilter(ZephVM* vm, Segment* segment) override;
+  void SetFilter(ZephVM* machine, Segment* segment) override;
   void SetDirty(int all) override;
 
   // Makes the view work on another table. REQUIRES: SetupCurrentRecord is called next, because the
   // variables still belong to the old table.
-  virtual void SetTable(XBaseTable* table);
+  virtual void SetTable(XBaseTable* replacement);
   // Moves the index to the entry of the current record. REQUIRES: it is the first of the list.
   virtual bool SetPrimaryIndex(XBaseIndex* index);
 
   // Replaces all variables by those of a table's current record. Variables that the script still
   // holds become NULL. Date fields get variables that check dates, other than at the opening of a
   // database, which gives them those of character fields. Scripts rely on both.
-  void SetupCurrentRecord(XBaseTable& table);
+  void SetupCurrentRecord(XBaseTable& of_table);
   // Call the operation of that name of all variables.
   void SetOriginal();
   void SwapOriginal();
@@ -107,7 +107,7 @@ class XBaseDatabaseView : public DatabaseView {
   static constexpr long kFirst = -1;  // positions of Go
   static constexpr long kLast = -2;
 
-  void MakeVariables(XBaseTable& table, bool check_dates);
+  void MakeVariables(XBaseTable& of_table, bool check_dates);
   void AddVariable(XBaseVariable* variable);
   XBaseIndex* PrimaryIndex() { return indexes.First(); }
   bool Fail(const String& text);

@@ -173,12 +173,12 @@ bool XBaseDatabase::Rebuild::CopyRecords() {
 }
 
 bool XBaseDatabase::Rebuild::AddAllKeys() {
-  XBaseTable& table = *of->table;
-  const int last = table.record_count();
+  XBaseTable& from = *of->table;
+  const int last = from.record_count();
   RunWatch watch(kRecords);
   for (int record = 1; record <= last; record++) {
     if (watch.Over()) return of->Fail(kTimeIsOver);
-    if (!table.Goto(record)) return of->Fail(table.error());
+    if (!from.Goto(record)) return of->Fail(from.error());
     of->View()->SetDirty(1);
     if (!AddKeys(record)) return false;
   }
