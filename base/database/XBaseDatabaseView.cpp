@@ -1,5 +1,5 @@
 // A view's variables, its filter, and changes of records with their indexes. The moves are in
-// XBaseDatabaseView_Moves.cpp. Tested in tests/base/database/XBaseDatabaseViewTest.cpp,
+// XBaseDatabaseView_Moves.cpp. Tested in tests/base/database/XBaseDatabaseTest.cpp,
 // XBaseChangesTest.cpp and XBaseEvaluationTest.cpp.
 
 #include "base/database/XBaseDatabaseView.h"

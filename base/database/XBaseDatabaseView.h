@@ -35,8 +35,7 @@ inline constexpr char kTimeIsOver[] = "The time limit of the script is over";
 
 // Made and owned by the database, used on its thread. Operations return false after a failure, with
 // the text in error(). When the time limit of the run (base/core/RunLimit.h) is over, a move ends
-// where it is and returns true. The order of fields and virtual operations
-// must not change.
+// where it is and returns true. The order of fields and virtual operations must not change.
 class XBaseDatabaseView : public DatabaseView {
  public:
   // Copies the name. Table and indexes are borrowed. Goes to record 1, if there is one.
@@ -91,10 +90,6 @@ class XBaseDatabaseView : public DatabaseView {
   void SwapOriginal();
   void Commit();
 
- protected:
-  // Makes the first variables, of the first record.
-  void Init();
-
  private:
   // The keys of a record before and after its change.
   struct Keys {
@@ -107,6 +102,7 @@ class XBaseDatabaseView : public DatabaseView {
   static constexpr long kFirst = -1;  // positions of Go
   static constexpr long kLast = -2;
 
+  void Init();
   void MakeVariables(XBaseTable& of_table, bool check_dates);
   void AddVariable(XBaseVariable* variable);
   XBaseIndex* PrimaryIndex() { return indexes.First(); }

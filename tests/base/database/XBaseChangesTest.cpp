@@ -38,6 +38,46 @@ TEST_F(XBaseChangesTest, AddAppendsWhatTheVariablesHold) {
   EXPECT_EQ(Value("name"), "b");
 }
 
+// The variables of the record's place were read before, and a change makes them read again, with
+// and without an index.
+TEST_F(XBaseChangesTest, ChangesShowInTheVariablesOfTheRecordsPlace) {
+  Fill("ab");
+  for (const bool with_index : {false, true}) {
+    SCOPED_TRACE(with_index);
+    if (with_index) {
+      ASSERT_TRUE(CreateIndex("name.zix", "d.name"));
+    }
+    ASSERT_TRUE(Go(1));
+    const int count = Field("totrec")->value_integer();
+    EXPECT_EQ(Value("recno") + Value("deleted"), "10");
+    ASSERT_TRUE(view().Delete());
+    EXPECT_EQ(Value("deleted"), "1");
+    Set("n", "77");
+    ASSERT_TRUE(Add({{"name", with_index ? "y" : "x"}}));
+    EXPECT_EQ(Value("totrec"), std::to_string(count + 1));
+    EXPECT_EQ(Value("recno"), std::to_string(count + 1));
+    EXPECT_EQ(Value("deleted"), "0");
+    ASSERT_TRUE(Go(1));
+    ASSERT_TRUE(view().UnDelete());
+    EXPECT_EQ(Value("deleted"), "0");
+  }
+}
+
+// Another process has added a record; an update reads the header again.
+TEST_F(XBaseChangesTest, AnUpdateOfAnotherRecordsCountShowsAfterTheNextMove) {
+  Fill("ab");
+  ASSERT_TRUE(Go(1));
+  EXPECT_EQ(Value("totrec"), "2");
+  XBaseTable other(&machine.application);
+  ASSERT_TRUE(other.Open(ZephPath_Data, "t.dbf", -1, 3));
+  ASSERT_TRUE(other.Append());
+  Set("name", "z");
+  ASSERT_TRUE(view().Update());
+  ASSERT_TRUE(Go(3));
+  EXPECT_EQ(Place(), "3");
+  EXPECT_EQ(Value("totrec"), "3");
+}
+
 TEST_F(XBaseChangesTest, AddedRecordsAreNotDeleted) {
   Fill("a");
   ASSERT_TRUE(view().Delete());

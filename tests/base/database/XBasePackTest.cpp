@@ -230,6 +230,8 @@ TEST_F(XBasePackTest, AnEndOfTheRunsTimeLeavesTheFilesAsTheyWere) {
   EXPECT_FALSE(database->Pack());
   EXPECT_EQ(Error(), "The time limit of the script is over");
   EXPECT_EQ(files.files, before);
+  EXPECT_FALSE(CreateIndex("other.zix", "d.n"));
+  EXPECT_EQ(Error(), "The time limit of the script is over");
   over = 0;
   ASSERT_TRUE(database->Pack()) << Error();
   EXPECT_EQ(Value("totrec"), "403");
