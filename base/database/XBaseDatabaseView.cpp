@@ -158,7 +158,7 @@ bool XBaseDatabaseView::AddToIndex(XBaseIndex* index, int record) {
   return Go_NoFilter(record);
 }
 
-// The record is checked first: an index would take an entry for record 0.
+// Without a record no index is asked: it would report a missing entry instead.
 bool XBaseDatabaseView::Update() {
   const int record = table->record_number();
   if (record < 1) return Fail("Invalid record number");
