@@ -64,7 +64,7 @@ class XBaseIndex {
   // Make an empty index. flags has bits of ZIXIndexFlag. An expression of more than 400 bytes is
   // refused before the file is touched. The second form adopts the file when it succeeds.
   [[nodiscard]] bool Create(const String& path, const unsigned char* expression, long flags);
-  [[nodiscard]] bool Create(File* file, const char* path, const unsigned char* expression,
+  [[nodiscard]] bool Create(File* created, const char* path, const unsigned char* expression,
                             long flags);
   bool Close();
   void Deactivate() { file.Deactivate(); }
