@@ -51,7 +51,7 @@ class DatabaseVariableHash : public HashTable<Variable> {
 class DatabaseView {
  public:
   // Copies the name; a length of -1 means strlen. The rest is borrowed.
-  DatabaseView(ZephVM* vm, Database* database, const char* name, int length);
+  DatabaseView(ZephVM* machine, Database* owner, const char* name, int length);
   virtual ~DatabaseView();
   DatabaseView(const DatabaseView&) = delete;
   DatabaseView& operator=(const DatabaseView&) = delete;
@@ -124,7 +124,7 @@ using DatabaseViewTable = NamedHashTable<DatabaseView, DatabaseViewName>;
 class Database {
  public:
   // Takes one count on the machine. Copies the name unless it adopts it.
-  Database(ZephVM* vm, const char* name, int length, int allocated, int* deletable);
+  Database(ZephVM* machine, const char* name, int length, int allocated, int* deletable);
   // Deletes all views and gives back the count on the machine.
   virtual ~Database();
   Database(const Database&) = delete;
@@ -206,6 +206,9 @@ class Database {
     Database* of;
   };
   bool IsEvaluating() const { return evaluations > 0; }
+  // The error of an operation that is refused for that reason.
+  static constexpr char kInUse[] =
+      "Database is in use by the evaluation of a filter or an index key";
 
  protected:
   ZephApplication* application;

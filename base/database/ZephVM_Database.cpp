@@ -191,33 +191,25 @@ void OpenDatabase(ZephVM& vm, KeptString* fifth) {
 
 // --- The open databases --------------------------------------------------------------------------
 
-MachineDatabases& ZephVM::Databases() {
-  if (!root->databases) root->databases = new MachineDatabases;
-  return *root->databases;
-}
-
-// The pointer stays until all are gone, because each takes itself out of the tables.
-void ZephVM::EndDatabases() {
-  delete databases;
-  databases = nullptr;
-}
-
 Variable* ZephVM::ViewField(const char* alias, int aliaslength, const char* name, int length) {
-  if (!root->databases) return nullptr;
-  DatabaseView* view = root->databases->views_by_name.Find(alias, aliaslength);
+  MachineDatabases* const open = family->databases_if_any();
+  if (!open) return nullptr;
+  DatabaseView* view = open->views_by_name.Find(alias, aliaslength);
   return view ? view->FindField(name, length) : nullptr;
 }
 
 Variable* ZephVM::FirstDatabaseField(const char* name, int length) {
-  Database* first = root->databases ? root->databases->databases.First() : nullptr;
+  MachineDatabases* const open = family->databases_if_any();
+  Database* first = open ? open->databases.First() : nullptr;
   DatabaseView* view = first ? first->PrimaryView() : nullptr;
   return view ? view->FindField(name, length) : nullptr;
 }
 
 Variable* ZephVM::AnyDatabaseField(const char* name, int length) {
-  if (!root->databases) return nullptr;
-  List<Database>& open = root->databases->databases;
-  for (Database* database = open.First(); database; database = open.Next()) {
+  MachineDatabases* const open = family->databases_if_any();
+  if (!open) return nullptr;
+  List<Database>& databases = open->databases;
+  for (Database* database = databases.First(); database; database = databases.Next()) {
     if (Variable* variable = database->Find(name, length)) return variable;
   }
   return nullptr;

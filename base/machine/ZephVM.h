@@ -234,6 +234,8 @@ class ZephVM {
   MachineDatabases& Databases() { return family->databases(); }
   // The builtin libraries of the run; null if the host has none.
   ExternalCallManager* ExternalCalls() { return external_calls; }
+  // The types of databases that the configuration names; null if the host has none.
+  ExternalDatabaseLibraryManager* DatabaseLibraries() { return database_libraries; }
   const String& ScriptPath() const { return script_path; }
   // The path up to and including its last separator; empty without one.
   const String& ScriptDirectory() const { return script_directory; }

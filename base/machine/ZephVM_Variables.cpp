@@ -90,17 +90,6 @@ void ZephVM::popnc() {
 
 // --- Database fields -----------------------------------------------------------------------------
 
-// No instruction opens a database yet, so no alias names a view and no field is found.
-Variable* ZephVM::ViewField(const char*, int, const char*, int) {
-  return nullptr;
-}
-Variable* ZephVM::FirstDatabaseField(const char*, int) {
-  return nullptr;
-}
-Variable* ZephVM::AnyDatabaseField(const char*, int) {
-  return nullptr;
-}
-
 // pushd  ( alias field -- v )  A field of the view of that alias; the null variable without one.
 void ZephVM::pushd() {
   const PoppedString field(stack);

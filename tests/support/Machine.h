@@ -25,6 +25,7 @@
 #include "base/core/LinkBuffer.h"
 #include "base/core/UFCrypt.h"
 #include "base/extensions/ExternalCall.h"
+#include "base/extensions/ExternalDatabaseLibrary.h"
 #include "base/machine/ZephVM.h"
 #include "base/values/Variable.h"
 #include "tests/support/RecordingOutput.h"
@@ -68,11 +69,11 @@ class Machine {
   // The machine is built at first use, so that a test can fill the tables before.
   ZephVM& vm() {
     if (!machine) {
-      machine =
-          std::make_unique<ZephVM>(script_path.data(), -1, &application, &dictionary, &system,
-                                   &global, &segments, &functions, &external_calls, nullptr,
-                                   nullptr, &languages, &localized, application.heartbeatcounter(),
-                                   application.timedoutflag(), application.exitflag(), nullptr);
+      machine = std::make_unique<ZephVM>(script_path.data(), -1, &application, &dictionary, &system,
+                                         &global, &segments, &functions, &external_calls, nullptr,
+                                         &database_libraries, &languages, &localized,
+                                         application.heartbeatcounter(), application.timedoutflag(),
+                                         application.exitflag(), nullptr);
     }
     return *machine;
   }
@@ -155,6 +156,7 @@ class Machine {
   LocalizedLanguages languages{&application, &dictionary, &script, 12, 8};
   LocalizedDictionary localized;
   ExternalCallManager external_calls{&application};
+  ExternalDatabaseLibraryManager database_libraries{&application};
   int end = 0;
 
  private:
