@@ -19,7 +19,7 @@ class Opened : public Kind {
   using Kind::changed;
   using Kind::Kind;
   using Kind::primary;
-  unsigned forms() const { return this->valid_forms; }
+  unsigned forms() const { return this->valid_forms(); }
 };
 
 constexpr unsigned kText = Variable::TextForm;

@@ -182,7 +182,7 @@ TEST_F(DatabaseInstructions, AnEmptyTypeIsTheDefaultDatabases) {
   for (const char* setting : {"", "xBase3", "nosuch"}) {
     SCOPED_TRACE(setting);
     DatabaseMachine script(directory);
-    script.machine.system.Insert("zeph_defaultdatabase", -1, setting, -1);
+    script.machine.system.SetVariable("zeph_defaultdatabase", -1, setting, -1);
     script.Run(OpenDatabase("a", "a.dbf") + Show("a", "n"));
     EXPECT_EQ(script.Output().substr(0, 2), std::string(setting) == "nosuch" ? "|" : "1|");
   }
