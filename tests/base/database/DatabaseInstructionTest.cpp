@@ -97,7 +97,8 @@ TEST_F(DatabaseInstructions, PrimaryNeedsTheNameOfAnOpenDatabase) {
     DatabaseMachine script(directory);
     script.machine.Assemble(kOpenBoth + Op("dbprimary", {name, "", ""}));
     EXPECT_EQ(script.machine.Go(), 0);
-    EXPECT_EQ(script.machine.Failure(), "Database '" + std::string(name) + "' is not open");
+    EXPECT_EQ(script.machine.Failure(),
+              "ZpPRIMARY: Database '" + std::string(name) + "' is not open");
   }
 }
 
@@ -111,7 +112,7 @@ TEST_F(DatabaseInstructions, PrimaryReportsAMissingViewOrIndexAfterItHasMovedThe
     DatabaseMachine script(directory);
     script.machine.Assemble(kOpenBoth + c.code);
     EXPECT_EQ(script.machine.Go(), 0);
-    EXPECT_EQ(script.machine.Failure(), c.message);
+    EXPECT_EQ(script.machine.Failure(), std::string("ZpPRIMARY: ") + c.message);
     Database* first = script.machine.vm().Databases().databases.First();
     EXPECT_STREQ(first->name().data, "a");
   }
@@ -182,9 +183,10 @@ TEST_F(DatabaseInstructions, AnEmptyTypeIsTheDefaultDatabases) {
   for (const char* setting : {"", "xBase3", "nosuch"}) {
     SCOPED_TRACE(setting);
     DatabaseMachine script(directory);
-    script.machine.system.SetVariable("zeph_defaultdatabase", -1, setting, -1);
-    script.Run(OpenDatabase("a", "a.dbf") + Show("a", "n"));
-    EXPECT_EQ(script.Output().substr(0, 2), std::string(setting) == "nosuch" ? "|" : "1|");
+    script.machine.Assemble(OpenDatabase("a", "a.dbf") + Show("a", "n"));
+    script.machine.system.SetVariable(new Variable("zeph_defaultdatabase", -1, setting, -1));
+    EXPECT_EQ(script.machine.Go(), 1) << script.machine.Error();
+    EXPECT_EQ(script.Output() == "1|", std::string(setting) != "nosuch") << script.Output();
   }
 }
 
@@ -234,9 +236,9 @@ TEST_F(DatabaseInstructions, AReferenceToAFieldOfAClosedDatabaseIsNull) {
 }
 
 TEST_F(DatabaseInstructions, AFieldThatIsAReferenceKeepsItsTarget) {
-  EXPECT_EQ(Page(OpenDatabase("a", "a.dbf") + "pushi 7\npopg g\n" + Op("pushd", {"a", "n"}) +
-                 "pushg g\nrefer\n" + Show("a", "n") + Skip("a", 1) + Show("a", "n") +
-                 Op("dbclose", {"a"}) + ShowGlobal("g")),
+  EXPECT_EQ(Page(OpenDatabase("a", "a.dbf") + "pushi 7\npopg g\npushg g\n" +
+                 Op("pushd", {"a", "n"}) + "refer\n" + Show("a", "n") + Skip("a", 1) +
+                 Show("a", "n") + Op("dbclose", {"a"}) + ShowGlobal("g")),
             "7|7|7|");
 }
 
@@ -248,8 +250,9 @@ TEST_F(DatabaseInstructions, TransactionsSucceedAndDoNothing) {
              OnView("dbupdate", "a") + Op("dbrollback", {"a"}) + Go("a", 1) + Show("a", "n") +
              Op("dbcommit", {"a"}));
   EXPECT_EQ(script.Output(), "9|");
+  // A success makes no error variable.
   for (const char* variable : {"ZpTRANSACT_Error", "ZpROLLBACK_Error", "ZpCOMMIT_Error"}) {
-    EXPECT_EQ(script.Value(variable), "") << variable;
+    EXPECT_EQ(script.Value(variable), "(none)") << variable;
   }
 }
 
