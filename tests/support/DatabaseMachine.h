@@ -44,6 +44,8 @@ inline std::string Push(const std::string& text) {
     if (c == '"' || c == '\\') quoted += '\\';
     if (c == '\t') {
       quoted += "\\t";
+    } else if (c == '\n') {
+      quoted += "\\n";
     } else {
       quoted += c;
     }
