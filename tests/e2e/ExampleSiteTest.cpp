@@ -310,4 +310,121 @@ TEST(ExampleSite, ATaskLeavesItsSumForLaterVisits) {
   }
 }
 
+// --- The address list ----------------------------------------------------------------------------
+
+class AddressPage : public testing::Test {
+ protected:
+  void SetUp() override {
+    engine.settings = shelf;
+    ServeExample(engine, "addresses.zpc");
+    ASSERT_TRUE(engine.Start());
+  }
+
+  // The page after a form was sent, which has the fields as a browser encodes them.
+  std::string Post(const std::string& form) {
+    const std::string page = engine
+                                 .Get("/addresses.zpc",
+                                      {{"REQUEST_METHOD", "POST"},
+                                       {"CONTENT_TYPE", "application/x-www-form-urlencoded"},
+                                       {"CONTENT_LENGTH", std::to_string(form.size())}},
+                                      form)
+                                 .Body();
+    EXPECT_THAT(page, HasSubstr("</html>\n"));
+    EXPECT_THAT(page, Not(HasSubstr("error in ")));
+    return page;
+  }
+  std::string Get(const std::string& query = "") {
+    const std::string page =
+        engine.Get("/addresses.zpc", {{"REQUEST_METHOD", "GET"}, {"QUERY_STRING", query}}).Body();
+    EXPECT_THAT(page, HasSubstr("</html>\n"));
+    EXPECT_THAT(page, Not(HasSubstr("error in ")));
+    return page;
+  }
+  static std::string Add(const std::string& name, const std::string& street = "",
+                         const std::string& city = "") {
+    return "add=1&name=" + name + "&street=" + street + "&city=" + city;
+  }
+
+  // The rows of the list, without tags.
+  static std::vector<std::string> List(const std::string& page) {
+    std::vector<std::string> rows;
+    for (size_t at = page.find("<tr><td>"); at != std::string::npos;
+         at = page.find("<tr><td>", at + 1)) {
+      const size_t end = page.find("</td><td><button", at);
+      std::string row = page.substr(at + 8, end - at - 8);
+      for (size_t cell = row.find("</td><td>"); cell != std::string::npos;
+           cell = row.find("</td><td>"))
+        row.replace(cell, 9, "|");
+      rows.push_back(row);
+    }
+    return rows;
+  }
+
+  EngineProcess engine;
+};
+
+using Rows = std::vector<std::string>;
+
+TEST_F(AddressPage, EntriesAreAddedListedByNameAndFoundByTheBeginning) {
+  EXPECT_EQ(List(Get()), Rows{});
+  EXPECT_EQ(List(Post(Add("Carla", "Long+Street+3", "Rome"))), Rows{"Carla|Long Street 3|Rome"});
+  Post(Add("Anna"));
+  Post(Add("Carl", "", "Bonn"));
+  EXPECT_EQ(List(Post(Add("Bert"))),
+            (Rows{"Anna||", "Bert||", "Carl||Bonn", "Carla|Long Street 3|Rome"}));
+  EXPECT_EQ(List(Get("search=Carl")), (Rows{"Carl||Bonn", "Carla|Long Street 3|Rome"}));
+  EXPECT_EQ(List(Get("search=Carla")), Rows{"Carla|Long Street 3|Rome"});
+  EXPECT_EQ(List(Get("search=D")), Rows{});
+  EXPECT_EQ(List(Get("search=arl")), Rows{});
+}
+
+TEST_F(AddressPage, ADeletedEntryIsGoneForAllAndCanBeAddedAgain) {
+  for (const char* name : {"Anna", "Bert", "Carl"}) Post(Add(name));
+  EXPECT_EQ(List(Post("remove=2")), (Rows{"Anna||", "Carl||"}));
+  EXPECT_EQ(List(Get("search=B")), Rows{});
+  // No record, one that is deleted already, and none of that kind.
+  for (const char* form : {"remove=99", "remove=2", "remove=0", "remove=-7", "remove=x", "remove="})
+    EXPECT_EQ(List(Post(form)), (Rows{"Anna||", "Carl||"})) << form;
+  EXPECT_EQ(List(Post(Add("Bert", "", "Oslo")))[1], "Bert||Oslo");
+}
+
+TEST_F(AddressPage, TextOfAVisitorIsShownAsText) {
+  const std::string page =
+      Post(Add("%3Cscript%3Ealert(1)%3C%2Fscript%3E", "%22%26+%3Cb%3E", "K%C3%B6ln+%7C+%5C%27"));
+  EXPECT_THAT(page, Not(HasSubstr("<script>")));
+  EXPECT_THAT(page, Not(HasSubstr("<b>")));
+  ASSERT_EQ(List(page).size(), 1u);
+  EXPECT_THAT(List(page)[0], StartsWith("&lt;script&gt;alert"));
+  EXPECT_THAT(List(page)[0], HasSubstr("&amp; &lt;b&gt;"));
+  EXPECT_THAT(List(page)[0], HasSubstr("K\xc3\xb6ln"));
+  // The search keeps its text in the field.
+  const std::string found = Get("search=%3Cscript%3E%22");
+  EXPECT_THAT(found, Not(HasSubstr("<script>")));
+  EXPECT_THAT(found, Not(HasSubstr("value=\"<")));
+  EXPECT_EQ(List(Get("search=%3Cscr")).size(), 1u);
+  EXPECT_EQ(List(Get("search=%3Cscr%22")).size(), 0u);
+}
+
+TEST_F(AddressPage, ALinkChangesNothing) {
+  Post(Add("Anna"));
+  EXPECT_EQ(List(Get(Add("Bert"))), Rows{"Anna||"});
+  EXPECT_EQ(List(Get("remove=1")), Rows{"Anna||"});
+  EXPECT_EQ(List(Get()), Rows{"Anna||"});
+  // An empty form changes nothing either.
+  EXPECT_EQ(List(Post("add=1&name=")), Rows{"Anna||"});
+  EXPECT_EQ(List(Post("name=Bert")), Rows{"Anna||"});
+}
+
+TEST_F(AddressPage, FirstVisitorsAtOnceMakeOneTable) {
+  const int visitors = 8;
+  std::vector<std::thread> clients;
+  for (int i = 0; i < visitors; i++) {
+    clients.emplace_back([&, i] { Post(Add("Visitor" + std::to_string(i))); });
+  }
+  for (std::thread& client : clients) client.join();
+  Rows all;
+  for (int i = 0; i < visitors; i++) all.push_back("Visitor" + std::to_string(i) + "||");
+  EXPECT_EQ(List(Get()), all);
+}
+
 }  // namespace
