@@ -3,14 +3,10 @@
 //
 //   ScriptRunFuzz -max_len=8000 -rss_limit_mb=4000 -malloc_limit_mb=2000 CORPUS
 
-#include <atomic>
 #include <cmath>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <new>
-#include <thread>
 
 #include "base/core/ThreadMemory.h"
 #include "base/core/UFCrypt.h"
@@ -27,6 +23,7 @@
 #include "base/values/VariableRef.h"
 #include "fuzz/ScriptMutator.h"
 #include "fuzz/ScriptRunSeeds.h"
+#include "fuzz/Watchdog.h"
 #include "tests/support/FaultyFile.h"
 #include "tests/support/LoadedScript.h"
 #include "tests/support/TestApplication.h"
@@ -39,49 +36,6 @@
 static constexpr long memory_limit = 600L << 20;
 
 namespace {
-
-// --- Time ----------------------------------------------------------------------------------------
-
-// Ends a run that takes long, as the heartbeat of a host does.
-class Watchdog {
- public:
-  Watchdog() : thread([this] { Watch(); }) { thread.detach(); }
-
-  void Begin(int* heartbeat, int* timedout) {
-    std::lock_guard<std::mutex> guard(mutex);
-    beat = heartbeat;
-    flag = timedout;
-    changed.notify_one();
-  }
-  void End() {
-    std::lock_guard<std::mutex> guard(mutex);
-    beat = flag = nullptr;
-    changed.notify_one();
-  }
-
- private:
-  void Watch() {
-    std::unique_lock<std::mutex> lock(mutex);
-    for (;;) {
-      changed.wait(lock, [this] { return flag != nullptr; });
-      int* watched = flag;
-      for (int beats = 0; beats < 3 && flag == watched; beats++) {
-        if (changed.wait_for(lock, std::chrono::milliseconds(4)) == std::cv_status::timeout && beat)
-          std::atomic_ref<int>(*beat).fetch_add(1, std::memory_order_relaxed);
-      }
-      if (flag && flag == watched) {
-        std::atomic_ref<int>(*flag).store(1, std::memory_order_relaxed);
-        flag = nullptr;
-      }
-    }
-  }
-
-  std::mutex mutex;
-  std::condition_variable changed;
-  int* beat = nullptr;
-  int* flag = nullptr;
-  std::thread thread;
-};
 
 // --- A library -----------------------------------------------------------------------------------
 

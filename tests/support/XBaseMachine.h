@@ -12,46 +12,9 @@
 
 #include "base/database/XBaseDatabase.h"
 #include "base/database/XBaseTable.h"
-#include "tests/support/FaultyFile.h"
 #include "tests/support/Machine.h"
+#include "tests/support/RebuildFiles.h"
 #include "tests/support/ZIXIndexChecker.h"
-
-// Files in memory that can also be renamed and made beside others, as pack and reindex need. A file
-// that another one has replaced stays readable for those who have it open.
-class RebuildFiles : public FaultyFileManager {
- public:
-  // The n-th call from now on fails, 1 being the next; 0 means none.
-  int fail_rename = 0;
-  int fail_temporary = 0;
-
-  bool Rename(Zeph_PathType, const char* from, Zeph_PathType, const char* to) override {
-    if (killed || Due(&fail_rename)) {
-      Error("Injected failure");
-      return false;
-    }
-    auto node = files.extract(from);
-    if (!node) return false;
-    if (auto old = files.extract(to)) replaced.push_back(std::move(old));
-    node.key() = to;
-    files.insert(std::move(node));
-    return true;
-  }
-  bool Delete(Zeph_PathType, const char* path) override { return MemoryFileManager::Delete(path); }
-  File* MakeTemporaryLike(Zeph_PathType, const char* path, char** name, int mode) override {
-    if (killed || Due(&fail_temporary)) {
-      Error("Injected failure");
-      return nullptr;
-    }
-    std::string made = path;
-    for (int i = 0; files.count(made) != 0; i++) made = path + ("." + std::to_string(i));
-    File* file = Open(made.c_str(), mode | FileMode_Create);
-    if (file) *name = OwnedText(made);
-    return file;
-  }
-
- private:
-  std::vector<std::map<std::string, std::string>::node_type> replaced;
-};
 
 // A variable that runs code of the test when an expression reads it. It stands for a function of
 // the script that uses the database. Its value is what the code returns.
