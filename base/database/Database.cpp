@@ -1,8 +1,11 @@
 // Databases and views as scripts see them, without an engine: registration, look-up, and the counts
-// that keep machines and variables alive. Tested in tests/base/database/DatabaseTest.cpp.
+// that keep machines and variables alive. Tested in tests/base/database/DatabaseInstructionTest.cpp
+// and XBaseMemoryTest.cpp.
 
 #include "base/database/Database.h"
 
+#include <new>
+#include <utility>
 #include <vector>
 
 #include "base/core/memcmpi.h"
@@ -21,14 +24,22 @@ int Order(std::string_view a, std::string_view b) {
 }
 
 // Takes this very view out of a table. Several databases may have a view of one name, so all of
-// that name are taken out, and the others go back in their old order.
+// that name are taken out, and the others go back in their old order. Destructors call this: if
+// there is no memory to put the others back, their names are not found any more.
 void RemoveView(DatabaseViewTable& table, DatabaseView* view) {
   const String& name = view->name();
   std::vector<DatabaseView*> others;
   while (DatabaseView* found = table.Remove(name.data, name.length)) {
-    if (found != view) others.push_back(found);
+    if (found == view) continue;
+    try {
+      others.push_back(found);
+    } catch (const std::bad_alloc&) {
+    }
   }
-  for (DatabaseView* other : others) table.Insert(other);
+  try {
+    for (DatabaseView* other : others) table.Insert(other);
+  } catch (const std::bad_alloc&) {
+  }
 }
 
 }  // namespace
@@ -66,6 +77,16 @@ void DatabaseVariableHash::Dereference() {
     if (variable->refcount() > 1 && variable->RealIdentity() == variable) variable->Make_NULL();
     variable->DecRefCount();
   }
+}
+
+void DatabaseVariableHash::Swap(DatabaseVariableHash& other) noexcept {
+  std::swap(buckets, other.buckets);
+  std::swap(buckets_used, other.buckets_used);
+  std::swap(chain, other.chain);
+  std::swap(slots, other.slots);
+  std::swap(capacity, other.capacity);
+  std::swap(high_water, other.high_water);
+  std::swap(iterator, other.iterator);
 }
 
 // --- Views ---------------------------------------------------------------------------------------
@@ -109,6 +130,8 @@ Database::Database(ZephVM* machine, const char* name, int length, int allocated,
   } else {
     name_.assign(name, length);
   }
+  // The destructor looks for views in the machine's tables, and must not be the first to make them.
+  (void)machine->Databases();
   machine->AddChild();
 }
 
@@ -126,7 +149,7 @@ void Database::Release_VM() {
 // The list comes first, because it owns the view from then on, even if there is no memory for the
 // rest.
 void Database::View_Add(DatabaseView* view) {
-  views.Insert(view, ListTail);
+  InsertOwned(views, std::unique_ptr<DatabaseView>(view), ListTail);
   if (vm) vm->Databases().views_by_name.Insert(view);
   views_by_name.Insert(view);
 }
@@ -142,7 +165,7 @@ void Database::View_Del(DatabaseView* view) {
 
 void Database::SetPrimaryView(DatabaseView* view) {
   if (!views.Seek(view)) return;
-  views.Insert(views.Remove(ListCurrent), ListHead);
+  MoveToFront(views, view);
   primary_view = view;
 }
 

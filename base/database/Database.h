@@ -23,6 +23,16 @@ class ZephVM;
 // made with new[], and then clears the flag; a callee that copies leaves the flag as it is. The
 // text may belong to a variable, so an operation that runs code or changes fields copies it first.
 
+// Makes an element the first of a list. If there is no memory for that, the list stays as it is.
+// REQUIRES: it is in the list.
+template <class T>
+void MoveToFront(List<T>& list, T* item) {
+  list.Insert(item, ListHead);
+  while (list.Next() != item) {
+  }
+  list.Remove(ListCurrent);
+}
+
 // The variables of the current record by name, without regard to case. The table holds one count on
 // each. The names are the variables' own, because fields have no number in a script's dictionary.
 class DatabaseVariableHash : public HashTable<Variable> {
@@ -41,6 +51,8 @@ class DatabaseVariableHash : public HashTable<Variable> {
   // ignores writes; one that a script has turned into a reference stays a reference. The slots are
   // empty afterwards.
   virtual void Dereference();
+  // Exchanges the contents of two tables. Needs no memory.
+  void Swap(DatabaseVariableHash& other) noexcept;
 
   using HashTable<Variable>::hash;
 };

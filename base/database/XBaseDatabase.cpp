@@ -70,9 +70,9 @@ bool XBaseDatabase::GoToFirst() {
 
 void XBaseDatabase::Adopt(std::unique_ptr<XBaseTable> opened) {
   table = opened.release();
-  auto view = std::make_unique<XBaseDatabaseView>(vm, this, name_, table, indexes);
-  primary_view = view.get();
-  View_Add(view.release());
+  auto* const view = new XBaseDatabaseView(vm, this, name_, table, indexes);
+  View_Add(view);
+  primary_view = view;
 }
 
 bool XBaseDatabase::Open(const char* path, int pathlength, int, int*, const char*, int, int, int*,
@@ -140,7 +140,7 @@ bool XBaseDatabase::SetPrimaryIndex(const char* name, int length, int, int*) {
   const String wanted(name, length);
   XBaseIndex* const index = indexes.Find(wanted.data);
   if (!index) return PrimaryIndexFailed("Database has no index with that name");
-  indexes.Insert(indexes.Remove(ListCurrent), ListHead);
+  MoveToFront<XBaseIndex>(indexes, index);
   return View()->SetPrimaryIndex(index) || Fail(View()->error());
 }
 

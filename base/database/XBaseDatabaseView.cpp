@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <utility>
 
 #include "base/database/XBaseTable.h"
 #include "base/database/XBaseVariable.h"
@@ -48,39 +49,47 @@ bool XBaseDatabaseView::Fail(const String& text) {
 // A table without records leaves the fields empty.
 void XBaseDatabaseView::Init() {
   (void)table->Goto(1);
-  MakeVariables(*table, false);
+  SetupCurrentRecord(std::make_unique<Record>(*table, false));
 }
 
 void XBaseDatabaseView::SetupCurrentRecord(XBaseTable& of_table) {
-  variables.clear();
-  fields.Dump();
-  MakeVariables(of_table, true);
+  SetupCurrentRecord(std::make_unique<Record>(of_table, true));
+}
+
+// The old variables go with the record that held the new ones.
+void XBaseDatabaseView::SetupCurrentRecord(std::unique_ptr<Record> record) noexcept {
+  fields.Swap(record->by_name);
+  variables.swap(record->all);
+  totrec = record->totrec;
+  recno = record->recno;
+  deleted = record->deleted;
+  eof = record->eof;
 }
 
 // A field that has the name of one of the first four is not found by its name, because the table of
 // names finds the earliest one.
-void XBaseDatabaseView::MakeVariables(XBaseTable& of_table, bool check_dates) {
-  AddVariable(totrec = new XBaseTotalRecordsVariable(&of_table));
-  AddVariable(recno = new XBaseRecordNumberVariable(&of_table));
-  AddVariable(deleted = new XBaseDeletedVariable(&of_table));
-  AddVariable(eof = new XBaseEOFVariable);
-  for (XBaseField* field = of_table.fields().First(); field; field = of_table.fields().Next()) {
+XBaseDatabaseView::Record::Record(XBaseTable& table, bool check_dates) {
+  Add(totrec = new XBaseTotalRecordsVariable(&table));
+  Add(recno = new XBaseRecordNumberVariable(&table));
+  Add(deleted = new XBaseDeletedVariable(&table));
+  Add(eof = new XBaseEOFVariable);
+  for (XBaseField* field = table.fields().First(); field; field = table.fields().Next()) {
     if (field->type() == XBaseField_Numeric) {
-      AddVariable(new XBaseNumberVariable(field));
+      Add(new XBaseNumberVariable(field));
     } else if (field->type() == XBaseField_Logical) {
-      AddVariable(new XBaseBooleanVariable(field));
+      Add(new XBaseBooleanVariable(field));
     } else if (field->type() == XBaseField_Date && check_dates) {
-      AddVariable(new XBaseDateVariable(field));
+      Add(new XBaseDateVariable(field));
     } else {
-      AddVariable(new XBaseStringVariable(field));
+      Add(new XBaseStringVariable(field));
     }
   }
 }
 
 // The table of names takes over the count that the new variable has.
-void XBaseDatabaseView::AddVariable(XBaseVariable* variable) {
-  InsertOwned(fields, std::unique_ptr<Variable>(variable));
-  variables.push_back(variable);
+void XBaseDatabaseView::Record::Add(XBaseVariable* variable) {
+  InsertOwned(by_name, std::unique_ptr<Variable>(variable));
+  all.push_back(variable);
 }
 
 void XBaseDatabaseView::SetTable(XBaseTable* replacement) {
@@ -173,19 +182,34 @@ bool XBaseDatabaseView::Update() {
   return done;
 }
 
+// While it exists, fields and variables have the values that the file has.
+class XBaseDatabaseView::OldValues {
+ public:
+  explicit OldValues(XBaseDatabaseView* view) : view(view) {
+    view->table->SwapOriginal();
+    view->SetOriginal();
+  }
+  ~OldValues() {
+    view->table->SwapOriginal();
+    view->SwapOriginal();
+  }
+  OldValues(const OldValues&) = delete;
+  OldValues& operator=(const OldValues&) = delete;
+
+ private:
+  XBaseDatabaseView* const view;
+};
+
 // Both keys are copies: the text of the first may be in a variable, and the second computation
 // gives that variable another value.
 bool XBaseDatabaseView::ComputeKeys(XBaseIndex* index, Keys* keys) {
   XBaseKey key;
   if (!index->ComputeKey(&key)) return false;
   keys->after = key.Copy();
-  table->SwapOriginal();
-  SetOriginal();
-  const bool computed = index->ComputeKey(&key);
-  if (computed) keys->before = key.Copy();
-  table->SwapOriginal();
-  SwapOriginal();
-  return computed;
+  const OldValues old(this);
+  if (!index->ComputeKey(&key)) return false;
+  keys->before = key.Copy();
+  return true;
 }
 
 // If the new key is refused, the old one is gone from the index all the same.

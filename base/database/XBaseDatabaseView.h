@@ -17,6 +17,7 @@
 #ifndef ZEPH_BASE_XBASEDATABASEVIEW_H
 #define ZEPH_BASE_XBASEDATABASEVIEW_H
 
+#include <memory>
 #include <vector>
 
 #include "base/database/Database.h"
@@ -75,14 +76,34 @@ class XBaseDatabaseView : public DatabaseView {
   void SetFilter(ZephVM* machine, Segment* segment) override;
   void SetDirty(int all) override;
 
-  // Makes the view work on another table. REQUIRES: SetupCurrentRecord is called next, because the
-  // variables still belong to the old table.
+  // Makes the view work on another table. REQUIRES: SetupCurrentRecord is called with that table,
+  // before or next, because the variables belong to one.
   virtual void SetTable(XBaseTable* replacement);
   // Moves the index to the entry of the current record. REQUIRES: it is the first of the list.
   virtual bool SetPrimaryIndex(XBaseIndex* index);
 
-  // Replaces all variables by those of a table's current record. Variables that the script still
-  // holds become NULL. Date fields get variables that check dates, other than at the opening of a
+  // The variables of a table's record. A rebuild makes them before it changes anything, because it
+  // has to put the old ones back also when there is no memory left.
+  class Record {
+   public:
+    // Date fields get variables that check dates if that is wanted. The table is borrowed.
+    Record(XBaseTable& table, bool check_dates);
+
+   private:
+    friend class XBaseDatabaseView;
+    void Add(XBaseVariable* variable);
+
+    DatabaseVariableHash by_name;  // has one count on each
+    std::vector<XBaseVariable*> all;
+    XBaseTotalRecordsVariable* totrec;
+    XBaseRecordNumberVariable* recno;
+    XBaseDeletedVariable* deleted;
+    XBaseEOFVariable* eof;
+  };
+  // Replaces all variables by those of a record. Variables that the script still holds become NULL.
+  void SetupCurrentRecord(std::unique_ptr<Record> record) noexcept;
+  // Replaces all variables by those of a table's current record; after std::bad_alloc the old ones
+  // are still there. Date fields get variables that check dates, other than at the opening of a
   // database, which gives them those of character fields. Scripts rely on both.
   void SetupCurrentRecord(XBaseTable& of_table);
   // Call the operation of that name of all variables.
@@ -95,6 +116,7 @@ class XBaseDatabaseView : public DatabaseView {
   struct Keys {
     String before, after;
   };
+  class OldValues;
 
   // How a walk over records with a filter has ended; the time limit ends it like the last record.
   enum class Walk { Failed, Ended, Passed };
@@ -103,8 +125,6 @@ class XBaseDatabaseView : public DatabaseView {
   static constexpr long kLast = -2;
 
   void Init();
-  void MakeVariables(XBaseTable& of_table, bool check_dates);
-  void AddVariable(XBaseVariable* variable);
   XBaseIndex* PrimaryIndex() { return indexes.First(); }
   bool Fail(const String& text);
 

@@ -2,6 +2,7 @@
 // first of them does, a failure leaves everything as it was. Tested in
 // tests/base/database/XBasePackTest.cpp.
 
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -30,13 +31,13 @@ class XBaseDatabase::Rebuild {
  public:
   explicit Rebuild(XBaseDatabase* database)
       : of(database), files(database->application->filemanager()) {}
-  // Deletes the temporary files that have not replaced their originals.
-  // REQUIRES: the view does not use the new table.
+  // Deletes the temporary files that have not replaced their originals, and puts the view's
+  // variables of the old table back. Needs no memory for that: there may be none left.
   ~Rebuild() {
+    if (before) of->View()->SetupCurrentRecord(std::move(before));
     made.clear();
     copy.reset();
-    for (const XBaseTemporaryFile& file : temporaries)
-      if (file.temporary.length > 0) files->Delete(ZephPath_Data, file.temporary.data);
+    for (const XBaseTemporaryFile& file : temporaries) DeleteIfAny(file);
   }
   Rebuild(const Rebuild&) = delete;
   Rebuild& operator=(const Rebuild&) = delete;
@@ -59,6 +60,7 @@ class XBaseDatabase::Rebuild {
   std::unique_ptr<File> MakeTemporary(const String& original, String* name);
   bool CopyFields(XBaseTable& from);
   bool AddKeys(int record);
+  void DeleteIfAny(const XBaseTemporaryFile& file) noexcept;
   void TakeNames();
   void OpenAgain();
   // Keeps the first reason, because later failures follow from it.
@@ -71,6 +73,8 @@ class XBaseDatabase::Rebuild {
   FileManager* const files;
   std::vector<XBaseTemporaryFile> temporaries;
   std::unique_ptr<XBaseTable> copy;  // null for a reindex
+  // Variables of the old table for the view, until a pack has replaced that table.
+  std::unique_ptr<XBaseDatabaseView::Record> before;
   std::vector<NewIndex> made;
   String failure;
 };
@@ -95,8 +99,17 @@ std::unique_ptr<File> XBaseDatabase::Rebuild::MakeTemporary(const String& origin
   return file;
 }
 
+// Without memory for the path the file stays.
+void XBaseDatabase::Rebuild::DeleteIfAny(const XBaseTemporaryFile& file) noexcept {
+  try {
+    if (file.temporary.length > 0) files->Delete(ZephPath_Data, file.temporary.data);
+  } catch (const std::bad_alloc&) {
+  }
+}
+
 bool XBaseDatabase::Rebuild::MakeTable() {
   XBaseTable& old = *of->table;
+  before = std::make_unique<XBaseDatabaseView::Record>(old, true);
   String path, memo_path;
   std::unique_ptr<File> file = MakeTemporary(of->table_path, &path);
   if (!file) return false;
@@ -202,20 +215,23 @@ void XBaseDatabase::Rebuild::TakeNames() {
   }
 }
 
-// The view's variables belong to the old or the new table until they are made again; both tables
-// live until then. A table that cannot be opened has no records.
+// The view's variables belong to the new table until they are made again; that table and the old
+// one live until then. A table that cannot be opened has no records.
 void XBaseDatabase::Rebuild::OpenAgain() {
-  std::unique_ptr<XBaseTable> old;
+  std::unique_ptr<XBaseTable> opened;
   if (copy) {
-    auto opened = std::make_unique<XBaseTable>(of->application);
+    opened = std::make_unique<XBaseTable>(of->application);
     if (!opened->Open(ZephPath_Data, of->table_path.data, -1, FileMode_Read | FileMode_Write))
       Note(opened->error());
-    old.reset(std::exchange(of->table, opened.release()));
+  }
+  of->View()->SetupCurrentRecord(copy ? *opened : *of->table);
+  if (copy) {
+    before.reset();
+    opened.reset(std::exchange(of->table, opened.release()));
     of->View()->SetTable(of->table);
   }
   for (const NewIndex& one : made)
     if (!one.old->Open(one.old->path())) Note(one.old->error());
-  of->View()->SetupCurrentRecord(*of->table);
   if (!of->View()->Go_NoFilter(-1)) Note(of->View()->error());
 }
 
@@ -229,9 +245,7 @@ bool XBaseDatabase::Pack() {
   if (IsEvaluating()) return RefuseInUse();
   if (!CountRecords()) return false;
   Rebuild work(this);
-  if (work.MakeTable() && work.MakeIndexes() && work.CopyRecords()) return work.Replace();
-  View()->SetupCurrentRecord(*table);
-  return false;
+  return work.MakeTable() && work.MakeIndexes() && work.CopyRecords() && work.Replace();
 }
 
 bool XBaseDatabase::Reindex() {

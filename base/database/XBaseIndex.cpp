@@ -76,14 +76,21 @@ Segment* XBaseIndex::GetSegment() {
   return segment;
 }
 
+// The key is set only when all of it is there: without memory for the text, the call ends after it
+// has said that a text is to be deleted.
 bool XBaseIndex::ComputeKey(XBaseKey* key) {
   Segment* const code = GetSegment();
   if (!code) return false;
   key->Free();
   const Database::Evaluation running(database);
-  if (vm->Execute_Dynamic_Expression(code, nullptr, nullptr, &key->bytes, &key->count, &key->room,
-                                     &key->deletable))
-    return true;
-  error_ = vm->error();
-  return false;
+  const char* text;
+  int length, size, deletable;
+  if (!vm->Execute_Dynamic_Expression(code, nullptr, nullptr, &text, &length, &size, &deletable)) {
+    error_ = vm->error();
+    return false;
+  }
+  key->bytes = text;
+  key->count = length;
+  key->deletable = deletable;
+  return true;
 }

@@ -35,12 +35,12 @@ class XBaseKey {
   friend class XBaseIndex;
   void Free() {
     if (deletable) delete[] bytes;
-    deletable = 0;
+    bytes = "";
+    count = deletable = 0;
   }
 
   const char* bytes = "";
   int count = 0;
-  int room = 0;
   int deletable = 0;
 };
 

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "base/core/Numbers.h"
 #include "base/core/ascii.h"
@@ -35,17 +36,15 @@ void XBaseVariable::Commit() {
   changed = 0;
 }
 
+// This and SwapOriginal move the text, so that they need no memory.
 void XBaseVariable::SetOriginal() {
   if (redirected()) return;
   original_forms = static_cast<uint8_t>(valid_forms());
   original_primary = primary;
   original_integer = integer_value;
   original_double = double_value;
-  if (valid_forms() & TextForm) {
-    original_string = string_value;
-  } else {
-    original_string.destroy();
-  }
+  original_string.destroy();
+  if (valid_forms() & TextForm) original_string = std::move(string_value);
   changed = 0;
   SetForms(0);
   primary = PrimaryNone;
@@ -59,7 +58,7 @@ void XBaseVariable::SwapOriginal() {
     if (original_forms == 0) return;
     Variable::SetNULL();
   }
-  if (original_string.data) string_value = original_string;
+  if (original_string.data) string_value = std::move(original_string);
   integer_value = original_integer;
   double_value = original_double;
   SetForms(original_forms);

@@ -56,7 +56,8 @@ class XBaseVariable : public Variable {
   // Saves the value and drops it, so that the next read takes it from the field. Afterwards nothing
   // counts as changed.
   virtual void SetOriginal();
-  // Restores the value that SetOriginal saved. REQUIRES: SetOriginal was called before.
+  // Restores the value that SetOriginal saved. REQUIRES: SetOriginal was called before, and this
+  // was not called since.
   virtual void SwapOriginal();
 
  protected:

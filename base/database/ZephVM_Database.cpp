@@ -279,8 +279,7 @@ void ZephVM::dbprimary() {
     EncodedRuntimeError(Tag_Primary, Message() << "Database '" << name << "' is not open");
     return;
   }
-  open.databases.Seek(database);
-  open.databases.Insert(open.databases.Remove(ListCurrent), ListHead);
+  MoveToFront(open.databases, database);
   if (view_name.length() > 0) {
     DatabaseView* view;
     if (!FindDatabaseView(*this, Tag_Primary, database, view_name, &view)) return;
