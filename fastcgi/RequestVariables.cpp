@@ -27,7 +27,8 @@ bool IsPrivate(const char* name, int length) {
 
 }  // namespace
 
-RequestVariables::RequestVariables(char** parameters, std::unique_ptr<LateVariables> system_variables)
+RequestVariables::RequestVariables(char** parameters,
+                                   std::unique_ptr<LateVariables> system_variables)
     : system(std::move(system_variables)) {
   for (; parameters && *parameters; parameters++) Add(*parameters);
 }

@@ -47,7 +47,7 @@ void RemoveView(DatabaseViewTable& table, DatabaseView* view) {
 // --- The variables of a record -------------------------------------------------------------------
 
 DatabaseVariableHash::~DatabaseVariableHash() {
-  Dereference();
+  DatabaseVariableHash::Dereference();
 }
 
 void DatabaseVariableHash::Dump() {

@@ -1,10 +1,11 @@
-/* What the measured scripts of bench/db need beside the database, as a builtin library: the records and
-   look-ups that all contenders make, and clocks. Scripts declare them as external functions:
+/* What the measured scripts of bench/db need beside the database, as a builtin library: the records
+   and look-ups that all contenders make, and clocks. Scripts declare them as external functions:
 
      row_name(i), row_amount(i), row_date(i)   the values of record i, counted from 0
      lookups(n)       starts the sequence of n look-ups again
      lookup_name()    the name that is looked up next
-     wall(), cpu()    microseconds: of a clock that runs on, and of the processor, system included */
+     wall(), cpu()    microseconds: of a clock that runs on, and of the processor, system included
+ */
 
 #include <stdio.h>
 #include <sys/resource.h>
@@ -36,7 +37,8 @@ static void row_name(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE re
 static void row_amount(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result,
                        void** state) {
   (void)program, (void)state;
-  zpVariable_SetValue_Double(result, (double)((long)number_argument(parameters) * 37 % 1000000) / 100);
+  zpVariable_SetValue_Double(result,
+                             (double)((long)number_argument(parameters) * 37 % 1000000) / 100);
 }
 
 static void row_date(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result,
@@ -74,9 +76,8 @@ static void cpu(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result,
   struct rusage used;
   (void)program, (void)parameters, (void)state;
   getrusage(RUSAGE_SELF, &used);
-  zpVariable_SetValue_Double(result,
-                             (double)(used.ru_utime.tv_sec + used.ru_stime.tv_sec) * 1e6 +
-                                 (double)(used.ru_utime.tv_usec + used.ru_stime.tv_usec));
+  zpVariable_SetValue_Double(result, (double)(used.ru_utime.tv_sec + used.ru_stime.tv_sec) * 1e6 +
+                                         (double)(used.ru_utime.tv_usec + used.ru_stime.tv_usec));
 }
 
 static _ZP_EL_Parameter number[] = {{"number", 6, 0}};
