@@ -45,6 +45,15 @@ TEST(InstructionCheck, DecodedCodeIsCheckedToo) {
   EXPECT_DEATH(WriteTwentyTimes(20), "InstructionCheck::Agree");
 }
 
+// The message of a bad index, and the script goes on without the array that was missing.
+TEST(InstructionCheck, ABadIndexIsReportedBeforeTheArrayIsMissed) {
+  Machine machine;
+  machine.Assemble("tagerror 62, 0\npushi 0\nelem\npushc \"on\"\nout\n");
+  EXPECT_EQ(machine.Go(), 1);
+  EXPECT_EQ(machine.Value("ZpEXPRESSION_Error"), "Array index must be positive integer");
+  EXPECT_EQ(machine.Output(), "on");
+}
+
 #endif
 
 }  // namespace
