@@ -115,6 +115,8 @@ class Client {
 
   std::map<int, Record> records;
   std::vector<Doubtful> doubtful;  // of one request, because the client stops there
+  // Of races that another client has won: each is in the table, and in no index.
+  std::vector<Record> losers;
   std::string fault;
   long operations = 0;
   int races_won = 0;
@@ -229,11 +231,6 @@ class Client {
     return response.Body();
   }
 
- public:
-  // Of races that another client has won: each is in the table, and in no index.
-  std::vector<Record> losers;
-
- private:
   int id;
   int codes = 0;
   std::mt19937 random;
