@@ -4,6 +4,8 @@
 #ifndef ZEPH_BASE_NETWORKMANAGER_H
 #define ZEPH_BASE_NETWORKMANAGER_H
 
+#include <memory>
+
 #include "base/core/StringClass.h"
 #include "base/network/NetworkConnection.h"
 
@@ -67,7 +69,9 @@ class NetworkManager {
       const char* certificate_type, const char* password, int timeout);
   // Writes the head of a request and its body. The path has no slash in front. A body_length of -1
   // means strlen; a null body is none. extra_headers is null, or whole lines with their CR LF. An
-  // http_version above 9.0 means 1.1, one below 0.0 means 1.0.
+  // http_version above 9.0 means 1.1, one below 0.0 means 1.0. A null body with a body_length above
+  // 0 announces a body that the caller writes afterwards. An extra_headers_length of -1 means
+  // strlen.
   [[nodiscard]] virtual bool OpenURL_SendRequest(
       NetworkConnection* connection, const char* method, const char* path, int path_length,
       const char* host, int host_length, const char* port, int port_length, int port_number,
@@ -116,6 +120,11 @@ class NetworkManager {
   virtual const String& error();
   virtual void Error(const String& text);
 
+  // Whether a URL of `length` bytes (-1 means strlen) has no CR, LF and NUL, so that nothing in it
+  // can become a line of the request. Stores a text if not. OpenURL makes the same check, but there
+  // a NUL is the end of the URL: a caller that has a length checks first.
+  [[nodiscard]] bool CheckURL(const char* url, int length);
+
   // OpenURL with a decorator around the connection, so that the request is seen by it as well. The
   // Decorator has a constructor (const String& hostname, int port, NetworkConnection*, void* data),
   // which takes ownership of the connection.
@@ -127,9 +136,11 @@ class NetworkManager {
                                            const char* certificate_type, const char* password,
                                            const char* extra_headers, int extra_headers_length,
                                            double http_version, int timeout, void* data) {
-    const Decorate decorate = [](const String& hostname, int port, NetworkConnection* connection,
+    // The connection is released only once there is memory for the decorator.
+    const Decorate decorate = [](const String& hostname, int port,
+                                 std::unique_ptr<NetworkConnection>& connection,
                                  void* made_from) -> NetworkConnection* {
-      return new Decorator(hostname, port, connection, made_from);
+      return new Decorator(hostname, port, connection.release(), made_from);
     };
     return OpenURL_Decorated(method, url, body, content_type, body_length, certificate_file,
                              certificate_data, certificate_type, password, extra_headers,
@@ -137,9 +148,10 @@ class NetworkManager {
   }
 
  protected:
-  // Makes a decorator; the host name is as written in the URL.
+  // Makes a decorator, which takes the connection; the host name is as written in the URL.
   using Decorate = NetworkConnection* (*)(const String& hostname, int port,
-                                          NetworkConnection* connection, void* data);
+                                          std::unique_ptr<NetworkConnection>& connection,
+                                          void* data);
   // Both forms of OpenURL; decorate is null for the plain one.
   [[nodiscard]] NetworkConnection* OpenURL_Decorated(
       const char* method, const char* url, const char* body, const char* content_type,
