@@ -18,6 +18,7 @@
 #include "base/extensions/ExternalConfig.h"
 #include "base/host/Config.h"
 #include "base/machine/ZephVM.h"
+#include "base/systems/unix/UNIXNetworkManager.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "commandline/CommandLineOutput.h"
 #include "commandline/Options.h"
@@ -65,6 +66,7 @@ CommandLineApplication::CommandLineApplication(int argc, char** argv,
                                                ExternalLibraryManager* library_manager)
     : UNIXApplication(argc, argv, argc, argv, library_manager) {
   thread_id = 1;
+  network_manager = new UNIXNetworkManager(this);
   file_manager = new UNIXReentrantFileManager(this);
 }
 

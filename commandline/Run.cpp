@@ -16,6 +16,7 @@
 #include "base/core/ThreadMemory.h"
 #include "base/systems/unix/ScriptThread.h"
 #include "base/systems/unix/UNIXExternalLibrary.h"
+#include "base/systems/unix/UNIXOpenSSL.h"
 #include "base/values/Variable.h"
 #include "commandline/CommandLineApplication.h"
 
@@ -90,6 +91,7 @@ void ScriptRun::Body() {
   }
   // Values that refer to each other in a circle have no other holder now.
   Variable::FreeCycles();
+  FastCGIApplication_OpenSSL_Thread_Cleanup();
   has_finished.store(true);
   pthread_kill(waiting, kFinished);
 }
@@ -131,6 +133,7 @@ sigset_t BlockSignals() {
 }  // namespace
 
 int RunScript(int argc, char** argv, const Options& options) {
+  FastCGIApplication_OpenSSL_Initialize();
   const sigset_t signals = BlockSignals();
   ScriptRun run(argc, argv, options);
   pthread_t thread;
@@ -152,5 +155,6 @@ int RunScript(int argc, char** argv, const Options& options) {
     run.Interrupt();
   }
   pthread_join(thread, nullptr);
+  FastCGIApplication_OpenSSL_Cleanup();
   return run.status();
 }

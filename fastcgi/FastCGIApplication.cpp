@@ -19,6 +19,7 @@
 #include "base/core/ThreadMemory.h"
 #include "base/extensions/ExternalConfig.h"
 #include "base/machine/ZephVM.h"
+#include "base/systems/unix/UNIXNetworkManager.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "base/values/Variable.h"
 #include "fastcgi/FastCGIAsynchronousApplication.h"
@@ -45,6 +46,7 @@ FastCGIApplication::FastCGIApplication(int argc, char** argv, int copied_argc, c
       working_directory(WorkingDirectory()) {
   path_info = Parameter("PATH_INFO");
   query_string = Parameter("QUERY_STRING");
+  network_manager = new UNIXNetworkManager(this);
   file_manager = new UNIXReentrantFileManager(this);
   current_output = new FastCGIOutput(this, request);
   if (const char* sent = Parameter("HTTP_COOKIE")) cookie.reset(zeph_strdup(sent));

@@ -14,6 +14,7 @@
 #include "base/core/ThreadMemory.h"
 #include "base/host/Config.h"
 #include "base/machine/ZephVM.h"
+#include "base/systems/unix/UNIXOpenSSL.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "base/values/Variable.h"
 #include "base/values/VariableKinds.h"
@@ -128,6 +129,7 @@ void* FastCGIAsynchronousThread(void* argument) {
     application.reset();
     Variable::FreeCycles();
   }
+  FastCGIApplication_OpenSSL_Thread_Cleanup();
   thread->Exit();
   return nullptr;
 }

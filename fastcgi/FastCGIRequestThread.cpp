@@ -10,6 +10,7 @@
 #include <new>
 
 #include "base/core/ThreadMemory.h"
+#include "base/systems/unix/UNIXOpenSSL.h"
 #include "base/values/Variable.h"
 #include "fastcgi/FastCGIApplication.h"
 #include "fastcgi/FastCGIConnection.h"
@@ -138,6 +139,7 @@ void* FastCGIRequestThread(void* argument) {
   }
   // A connection that was kept ends here, so that its client sends its next request elsewhere.
   FCGX_Free(&request, 1);
+  FastCGIApplication_OpenSSL_Thread_Cleanup();
   thread->Exit();
   return nullptr;
 }

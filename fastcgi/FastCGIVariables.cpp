@@ -2,8 +2,6 @@
 // the fields of the query string, and the page's address.
 
 #include <fcgiapp.h>
-#include <netdb.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <charconv>
@@ -14,24 +12,13 @@
 #include "base/compiled/VariableHash.h"
 #include "base/core/CLocale.h"
 #include "base/core/RunLimit.h"
+#include "base/network/NetworkManager.h"
 #include "base/request/SpecialVariable.h"
 #include "base/request/URLEncodedParser.h"
 #include "fastcgi/FastCGIApplication.h"
 #include "fastcgi/RequestVariables.h"
 
 namespace {
-
-// Whether a host is an IPv6 address and no name.
-bool IsIPv6Address(const char* host) {
-  if (!strchr(host, ':')) return false;
-  addrinfo hints{};
-  hints.ai_family = AF_INET6;
-  hints.ai_flags = AI_NUMERICHOST;
-  addrinfo* found = nullptr;
-  if (getaddrinfo(host, nullptr, &hints, &found) != 0) return false;
-  freeaddrinfo(found);
-  return true;
-}
 
 // Appends a number to the text.
 void AppendNumber(String* text, int number) {
@@ -131,7 +118,8 @@ void FastCGIApplication::AddDocumentURL() {
   const char* sent_port = Parameter("SERVER_PORT");
   const int port = sent_port ? static_cast<int>(LeadingNumber(sent_port)) : default_port;
   const char* host = Parameter("SERVER_NAME");
-  const bool bracketed = IsIPv6Address(host);
+  // A name has no colon; most hosts are names.
+  const bool bracketed = strchr(host, ':') && network_manager->IsIPv6Address(host);
   String url(secure ? "https://" : "http://", -1);
   if (bracketed) url.cat('[');
   url.cat(host, -1);

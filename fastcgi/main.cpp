@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/systems/unix/UNIXOpenSSL.h"
 #include "fastcgi/Arguments.h"
 #include "fastcgi/FastCGIExternalLibrary.h"
 #include "fastcgi/FastCGIThreads.h"
@@ -64,9 +65,11 @@ int main(int argc, char** argv) {
   // shutdown.
   FastCGIThreadManager::BlockSignals();
   FCGX_Init();
+  FastCGIApplication_OpenSSL_Initialize();
   CheckListening(kListeningSocket);
   MakeBlocking(kListeningSocket);
   Serve(&threads, &arguments);
+  FastCGIApplication_OpenSSL_Cleanup();
   FreeArgs(argc, arguments.copied_arguments);
   return 0;
 }

@@ -221,8 +221,8 @@ int ZephApplication::CharacterSetIsUTF8() {
   return character_set_is_utf8;
 }
 
-int ZephApplication::SSL_Available() {
-  return 0;
+int ZephApplication::SSL_Available(String* error) {
+  return ssl_context ? 1 : SSL_Initialize(error);
 }
 
 void ZephApplication::ParseLogFilter(const char* text) {

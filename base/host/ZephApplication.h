@@ -21,6 +21,8 @@ class Output;
 class SystemLibraryManager;
 class Variable;
 class ZephVM;
+struct OpenSSLFunctions;
+struct ssl_ctx_st;
 enum Zeph_PathType : int;
 
 // Bits of the setting log_level; each is one type of log record.
@@ -186,8 +188,12 @@ class ZephApplication {
   virtual const String& GetCharacterSet();
   virtual int CharacterSetIsUTF8();
 
-  virtual int SSL_Available();
-  virtual int SSL_Initialize() = 0;
+  // Whether connections can be encrypted, 1 or 0. The first call in an application prepares it and
+  // may load the libraries; *error, which may be null, receives the text of a failure, if there is
+  // a new one. After 1, sslcontext and sslfunctions are not null.
+  virtual int SSL_Available(String* error);
+  virtual int SSL_Initialize(String* error) = 0;
+  // A function of the TLS libraries, for an extension library; null without one of that name.
   virtual void* SSL_GetFunction(const char* name) = 0;
 
   // Replaces both filter lists with the entries of a log_filter text.
@@ -224,6 +230,11 @@ class ZephApplication {
   int* posttimedoutflag() { return &post_timedout_flag; }
   bool posttimedout() const;
 
+  // For the network units: the context that secure connections are made from, and the functions of
+  // the TLS library. Borrowed; null before SSL_Available has returned 1.
+  ssl_ctx_st* sslcontext() { return ssl_context; }
+  const OpenSSLFunctions* sslfunctions() { return ssl_functions; }
+
   // Log settings of this request. The machine checks them before it makes a record.
   bool logsuppressed() const { return log_suppressed != 0; }
   List<LogFilterEntry>* logincludes() { return &log_includes; }
@@ -236,8 +247,8 @@ class ZephApplication {
   void StartGlobalClock(int seconds);
   void StartPOSTClock(int seconds);
 
-  void* ssl_context = nullptr;
-  void** ssl_functions = nullptr;
+  ssl_ctx_st* ssl_context = nullptr;
+  OpenSSLFunctions* ssl_functions = nullptr;
   int heartbeat_counter = 0;
   int timedout_flag = 0;
   int post_timedout_flag = 0;

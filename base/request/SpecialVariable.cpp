@@ -400,7 +400,7 @@ Variable* SSLAvailableVariable::Clone(ZephApplication* application) {
 
 void SSLAvailableVariable::Refresh() {
   if (valid_forms() != 0) return;
-  integer_value = application->SSL_Available();
+  integer_value = application->SSL_Available(nullptr);
   SetForms(IntegerForm);
   primary = PrimaryInteger;
 }

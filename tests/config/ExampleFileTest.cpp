@@ -35,9 +35,12 @@ Snapshot WithAllExamples() {
 TEST(ExampleFile, IsInOrderAsItStands) {
   Snapshot snapshot = Snapshot::Parse("zeph.toml", ExampleText());
   EXPECT_EQ(snapshot.error, "");
-  EXPECT_EQ(snapshot.settings.size(), 3u);
+  EXPECT_EQ(snapshot.settings.size(), 4u);
   EXPECT_NE(snapshot.Find(Config_dir_zeph), nullptr);
   EXPECT_NE(snapshot.Find(Config_dir_data), nullptr);
+  // Without authorities no secure server would be accepted.
+  ASSERT_NE(snapshot.Find(Config_dir_ca), nullptr);
+  EXPECT_EQ(snapshot.Find(Config_dir_ca)->text, "/etc/ssl/certs");
   // A runaway script takes all memory within seconds, which a service should not allow.
   ASSERT_NE(snapshot.Find(Config_memory_limit), nullptr);
   EXPECT_EQ(snapshot.Find(Config_memory_limit)->integer, 512 << 20);

@@ -77,7 +77,12 @@ TEST_F(SpecialVariableHosts, LanguageIsSetAndNothingIsLeftOfItForTheNext) {
                            Named("zeph_language") + Named("zeph_defaultlanguage") +
                            Named("zeph_defaultdatabase") + Named("zeph_charset") +
                            Named("zeph_sslavailable");
-  for (int i = 0; i < 3; i++) Expect(page, "en-US de en-US xbase3 utf-8 0 ");
+  for (int i = 0; i < 3; i++) Expect(page, "en-US de en-US xbase3 utf-8 1 ");
+}
+
+TEST_F(SpecialVariableHosts, WithoutTheTLSLibraryNothingIsEncrypted) {
+  engine.settings = "ssl_openssl = \"libnone.so\"\nssl_crypto = \"libnone.so\"\n";
+  for (int i = 0; i < 2; i++) Expect(Named("zeph_sslavailable"), "0 ");
 }
 
 TEST_F(SpecialVariableHosts, TheProcessIsNamedAsItIsListed) {

@@ -58,7 +58,7 @@ class TestApplication : public ZephApplication {
   // Does not wait; the milliseconds add up in slept.
   void Sleep(int milliseconds) override { slept += milliseconds; }
   const char* GetUserID() override { return "0"; }
-  int SSL_Initialize() override { return 0; }
+  int SSL_Initialize(String*) override { return 0; }
   void* SSL_GetFunction(const char* name) override;
 
   long slept = 0;

@@ -37,6 +37,7 @@
 #include "base/machine/ZephVM.h"
 #include "base/request/ScriptTables.h"
 #include "base/request/SpecialVariable.h"
+#include "base/systems/unix/UNIXNetworkManager.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 
 namespace {
@@ -130,6 +131,7 @@ UNIXApplication::UNIXApplication(UNIXApplication& other)
   if (other.cookie) cookie.reset(zeph_strdup(other.cookie.get()));
   configuration = new Config(*other.configuration);
   current_output = new NullOutput(nullptr);
+  network_manager = new UNIXNetworkManager(this);
   file_manager = new UNIXReentrantFileManager(this, *other.file_manager);
   if (other.commerce_manager) {
     commerce_manager = new CommerceLibraryManager(this, *other.commerce_manager);
@@ -156,11 +158,14 @@ UNIXApplication::~UNIXApplication() {
   log_file.reset();
   delete file_manager;
   file_manager = nullptr;
+  delete network_manager;
+  network_manager = nullptr;
   delete current_output;
   current_output = nullptr;
   delete configuration;
   configuration = nullptr;
   delete password_hash;
+  FreeTLS();
 }
 
 NetworkManager* UNIXApplication::networkmanager() {
@@ -196,13 +201,6 @@ int UNIXApplication::processid() {
 int UNIXApplication::threadid() {
   return thread_id;
 }
-int UNIXApplication::SSL_Initialize() {
-  return 0;
-}
-void* UNIXApplication::SSL_GetFunction(const char*) {
-  return nullptr;
-}
-void UNIXApplication::SSL_Configure(const char*, const char*, const char*, String*) {}
 
 ExternalDatabaseLibraryManager* UNIXApplication::databasemanager() {
   return database_manager;

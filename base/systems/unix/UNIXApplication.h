@@ -57,7 +57,7 @@ class UNIXApplication : public ZephApplication {
   void Sleep(int milliseconds) override;
   const char* GetUserID() override;
   void Heartbeat(long now) override;
-  int SSL_Initialize() override;
+  int SSL_Initialize(String* error) override;
   void* SSL_GetFunction(const char* name) override;
   const char* process_name() override;
 
@@ -74,8 +74,8 @@ class UNIXApplication : public ZephApplication {
   // does its sleep. Any thread may call it. This is the order; cancelled() asks.
   virtual void Cancelled();
   // Loads the TLS libraries of those names, once in the life of the process, with the file of
-  // settings unless that is null. *error receives the text of a failure. A host without TLS does
-  // nothing here.
+  // settings unless that is null or empty. *error, which may be null, receives the text of a
+  // failure, which only the first call can have.
   virtual void SSL_Configure(const char* libssl, const char* libcrypto, const char* config_file,
                              String* error);
 
@@ -121,8 +121,14 @@ class UNIXApplication : public ZephApplication {
     UNIXApplication* application;
   };
 
+  // Parts of SSL_Initialize (base/systems/unix/UNIXOpenSSL.cpp). The first resolves the functions
+  // of the TLS library; the names are those of the settings, for its text.
+  [[nodiscard]] bool ResolveOpenSSL(const char* libssl, const char* libcrypto, String* error);
+  void SeedOpenSSL();
+  void FreeTLS();
+
   Config* configuration = nullptr;  // owned; an ExternalConfig, except for a background task
-  NetworkManager* network_manager = nullptr;
+  NetworkManager* network_manager = nullptr;  // owned; made by the host
   UNIXReentrantFileManager* file_manager = nullptr;
   ExternalLibraryManager* library_manager;  // belongs to the process
   CommerceLibraryManager* commerce_manager = nullptr;

@@ -25,7 +25,7 @@ namespace {
 // An application that counts the calls of SSL_Available and returns what a test sets.
 class CountingApplication : public MachineApplication {
  public:
-  int SSL_Available() override {
+  int SSL_Available(String*) override {
     asked_for_ssl++;
     return ssl;
   }

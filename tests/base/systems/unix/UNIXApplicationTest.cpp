@@ -129,11 +129,12 @@ TEST(UNIXApplication, ATaskHasTheCookiesOfItsRequest) {
   }
 }
 
-TEST(UNIXApplication, HasNoEncryptionOfItsOwn) {
+// A host makes the network manager of its requests; a task has one of its own.
+TEST(UNIXApplication, ATaskHasANetworkManager) {
   Host host;
-  EXPECT_EQ(host.SSL_Initialize(), 0);
-  EXPECT_EQ(host.SSL_GetFunction("SSL_new"), nullptr);
   EXPECT_EQ(host.networkmanager(), nullptr);
+  Host task(host);
+  EXPECT_NE(task.networkmanager(), nullptr);
 }
 
 }  // namespace
