@@ -57,7 +57,8 @@ class HTTPResponseStream {
   //
   // The end is the last chunk, the declared length, or the end of the stream. A peer that closes
   // its side early also gives 0, in each of the three cases; a caller who has to know compares
-  // `total` with `content_length`. After a failure between two chunks all further reads fail.
+  // `total` with `content_length`. After a failure between two chunks all further reads fail;
+  // after one that follows the last chunk they return 0.
   // REQUIRES: Read_Headers has returned true, and Close has not been called.
   [[nodiscard]] int Read(char* buffer, int length);
 

@@ -216,7 +216,7 @@ bool NetworkManager::OpenURL_SendRequest(NetworkConnection* connection, const ch
     AddNumber(head, body_length);
     head.cat("\r\n", 2);
   }
-  if (extra_headers && extra_headers_length != 0) head.cat(extra_headers, extra_headers_length);
+  head.cat(extra_headers, extra_headers_length);
   head.cat(http_version >= 1.1 ? "Connection: close\r\n\r\n" : "\r\n");
 
   if (connection->Write(head, timeout) != head.length ||
