@@ -177,8 +177,8 @@ bool NetworkManager::SSL_Connect(NetworkConnection* connection, const char* host
 
 // --- Client certificates -------------------------------------------------------------------------
 
-// The file is mapped, which tells what kind of file it is, but its bytes are read: bytes of a
-// mapping are gone when someone cuts the file, and that would end the process.
+// The file is mapped, which fails for what is no file with content, but its bytes are read: if a
+// script cuts the file meanwhile, an access to the mapping would end the process.
 bool NetworkManager::Load_Client_Certificate(const char* file, const char* type,
                                              const char* password, x509_st** certificate,
                                              evp_pkey_st** key) {

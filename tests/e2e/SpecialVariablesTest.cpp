@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include "tests/e2e/Pages.h"
 #include "tests/support/Command.h"
@@ -83,6 +84,14 @@ TEST_F(SpecialVariableHosts, LanguageIsSetAndNothingIsLeftOfItForTheNext) {
 TEST_F(SpecialVariableHosts, WithoutTheTLSLibraryNothingIsEncrypted) {
   engine.settings = "ssl_openssl = \"libnone.so\"\nssl_crypto = \"libnone.so\"\n";
   for (int i = 0; i < 2; i++) Expect(Named("zeph_sslavailable"), "0 ");
+}
+
+TEST_F(SpecialVariableHosts, AProcessThatHasLoadedTheTLSLibraryEndsInOrder) {
+  engine.Script("page.zpc", Named("zeph_sslavailable"));
+  ASSERT_TRUE(engine.Start());
+  EXPECT_EQ(engine.Get("/page.zpc").Body(), "1 ");
+  engine.Signal(SIGTERM);
+  EXPECT_EQ(engine.Wait(), 0) << engine.Log();
 }
 
 TEST_F(SpecialVariableHosts, TheProcessIsNamedAsItIsListed) {

@@ -77,7 +77,7 @@ class UNIXNetworkManagerTest : public testing::Test {
 };
 
 TEST_F(UNIXNetworkManagerTest, TellsAddressesFromNames) {
-  // The system counts an IPv4 address in the clothes of the other family as both.
+  // The system takes an IPv4 address that is written as an IPv6 address for both.
   const struct {
     const char* text;
     bool v4, v6;
