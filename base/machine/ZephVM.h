@@ -357,6 +357,9 @@ class ZephVM {
   class ImportLoop;
   void import_filter_resume(int accepted);
 
+  // Calls of URLs (base/network/ZephVM_Call.cpp).
+  class CallLoop;
+
   // Other files (base/machine/ZephVM_Expressions.cpp) and localized texts
   // (base/machine/ZephVM_Localized.cpp).
   bool Run_Function(DoContext* context, const char* text, int length);

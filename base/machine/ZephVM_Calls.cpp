@@ -369,6 +369,7 @@ void ZephVM::NestedRun::Enter(VariableHash* variables, ZephVM_Stack* entries) {
   auto base = std::make_unique<ZephVM_Frame>(wanted_segment, program_counter);
   base->Set_LocalVariable_Hash(variables, false);
   base->Set_Stack(entries ? entries : new ZephVM_Stack(vm), !entries);
+  base->around = outer;
   vm->EnterFrame(base.release());
 }
 

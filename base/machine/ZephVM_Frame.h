@@ -45,6 +45,7 @@ class ZephVM_Frame {
   int error_output = ErrorOutput_All;
   int output_mode = 0;               // passed to Output::SetFlags while the frame is current
   ZephVM_Frame* previous = nullptr;  // the caller; null at the base of a run
+  ZephVM_Frame* around = nullptr;    // at the base of a run within a run: the frame it goes back to
 
   // A number that no other frame of the machine has or had; 0 until the machine assigns it, see
   // ZephVM::FrameSerial().

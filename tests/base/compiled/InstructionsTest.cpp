@@ -251,10 +251,11 @@ TEST(Instructions, TheCountsOfAnEffectAreItsEntries) {
     int put;
     std::vector<const char*> names;
   } cases[] = {
-      {0, 0, {"noop",      "swapn",    "spush",       "spop",         "jmp",         "retn",
-              "exit",      "exit2",    "lineno",      "sourcefile",   "tagerror",    "erroutput",
-              "stdoutput", "localize", "capture_end", "lockfile_end", "import_loop", "import_stop",
-              "async",     "incg",     "storegi"}},
+      {0, 0, {"noop",         "swapn",       "spush",       "spop",         "jmp",
+              "retn",         "exit",        "exit2",       "lineno",       "sourcefile",
+              "tagerror",     "erroutput",   "stdoutput",   "localize",     "capture_end",
+              "lockfile_end", "import_loop", "import_stop", "op_http_loop", "op_http_stop",
+              "async",        "incg",        "storegi"}},
       {0,
        1,
        {"pushc", "pushi", "pushf", "pushs", "pushg", "pushl", "pushnc", "pushdc", "localizev",
@@ -311,10 +312,12 @@ TEST(Instructions, TheCountsOfAnEffectAreItsEntries) {
        {"popd", "import", "export", "dbskip", "dbgo", "dbprimary", "dbsetindex", "dbfilter",
         "dbquery", "dbrevealstructuredb", "dbrevealstructureagg", "dbcommand"}},
       {4, 0, {"importf", "dbfind", "dbmakeindex", "dbcreate", "dbopenview"}},
+      {5, 0, {"op_http"}},
       {6, 0, {"dbopen"}},
       {7, 0, {"dbopen1"}},
+      {8, 0, {"op_http8"}},
   };
-  std::set<std::string> counted = {"popn", "popnc", "call"};
+  std::set<std::string> counted = {"popn", "popnc", "call", "op_httpn"};
   for (const auto& c : cases) {
     for (const char* name : c.names) {
       SCOPED_TRACE(name);
