@@ -299,7 +299,7 @@ bool NetworkManager::Verify_Certificate_IP(x509_st* certificate, const char* add
                  CompareIPv6Addresses(text, address);
         }
         return length == 4 && ConvertIPv4ToString(binary, text, kAddressText) &&
-               strcasecmp(text, address) == 0;
+               strlen(text) == strlen(address) && memcmpi(text, address, strlen(text)) == 0;
       });
 }
 

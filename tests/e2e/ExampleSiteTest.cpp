@@ -296,6 +296,9 @@ TEST(ExampleSite, ATaskLeavesItsSumForLaterVisits) {
   engine.settings = "timeout_async = 77\n";
   ServeExample(engine, "task.zpc");
   ASSERT_TRUE(engine.Start());
+  // All request threads are there before the task begins, so that one more is the task's.
+  ASSERT_EQ(engine.WaitForThreads(10 + EngineProcess::OtherThreads),
+            10 + EngineProcess::OtherThreads);
   EXPECT_THAT(engine.Get("/task.zpc").Body(), Not(HasSubstr("Begun")));
   const std::string begun = engine.Get("/task.zpc", {{"QUERY_STRING", "limit=1000"}}).Body();
   EXPECT_THAT(begun, HasSubstr("may take 77 seconds"));
