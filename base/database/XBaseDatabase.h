@@ -43,7 +43,7 @@ class XBaseDatabase : public Database {
             const char* fifth, int fifthlength, int fifthallocated, int* fifthdeletable) override;
   // Closes the table's files. Afterwards the object can only be deleted.
   bool Close() override;
-  // Overwrites what the files held. XBaseFieldSpecification.h reads the specification.
+  // Overwrites what the files held. XBaseFieldSpecification.h reads the list of fields.
   bool Create(const char* path, int pathlength, int pathallocated, int* pathdeletable,
               const char* name, int namelength, int nameallocated, int* namedeletable,
               const char* specification, int specificationlength, int specificationallocated,
