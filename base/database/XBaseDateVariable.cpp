@@ -96,23 +96,11 @@ void XBaseDateVariable::Convert_String() {
 }
 
 void XBaseDateVariable::Convert_Integer() {
-  if (redirected() || elements) return Variable::Convert_Integer();
-  if (valid_forms() & DoubleForm) {
-    integer_value = DoubleToInteger(double_value);
-  } else if (valid_forms() & TextForm) {
-    integer_value = ZephApplication::stoi(string_value.data, string_value.length, nullptr);
-  } else {
-    integer_value = ZephApplication::stoi(TextOf(date_field), -1, nullptr);
-  }
-  AddForm(IntegerForm);
+  ConvertToInteger(date_field);
 }
 
 void XBaseDateVariable::Convert_Double() {
-  if (redirected() || elements || (valid_forms() & (TextForm | IntegerForm))) {
-    return Variable::Convert_Double();
-  }
-  double_value = ZephApplication::stod(TextOf(date_field), -1, 0, nullptr);
-  AddForm(DoubleForm);
+  ConvertToDouble(date_field);
 }
 
 double XBaseDateVariable::value_compare(int* not_numeric) {

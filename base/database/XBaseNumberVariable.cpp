@@ -127,23 +127,11 @@ void XBaseNumberVariable::Convert_String() {
 }
 
 void XBaseNumberVariable::Convert_Integer() {
-  if (redirected() || elements) return Variable::Convert_Integer();
-  if (valid_forms() & DoubleForm) {
-    integer_value = DoubleToInteger(double_value);
-  } else if (valid_forms() & TextForm) {
-    integer_value = ZephApplication::stoi(string_value.data, string_value.length, nullptr);
-  } else {
-    integer_value = ZephApplication::stoi(TextOf(field), -1, nullptr);
-  }
-  AddForm(IntegerForm);
+  ConvertToInteger(field);
 }
 
 void XBaseNumberVariable::Convert_Double() {
-  if (redirected() || elements || (valid_forms() & (TextForm | IntegerForm))) {
-    return Variable::Convert_Double();
-  }
-  double_value = ZephApplication::stod(TextOf(field), -1, 0, nullptr);
-  AddForm(DoubleForm);
+  ConvertToDouble(field);
 }
 
 double XBaseNumberVariable::value_compare(int* not_numeric) {

@@ -81,6 +81,26 @@ void XBaseVariable::ReadText(XBaseField* source) {
   AddForm(TextForm);
 }
 
+void XBaseVariable::ConvertToInteger(XBaseField* source) {
+  if (redirected() || elements) return Variable::Convert_Integer();
+  if (valid_forms() & DoubleForm) {
+    integer_value = DoubleToInteger(double_value);
+  } else if (valid_forms() & TextForm) {
+    integer_value = ZephApplication::stoi(string_value.data, string_value.length, nullptr);
+  } else {
+    integer_value = ZephApplication::stoi(TextOf(source), -1, nullptr);
+  }
+  AddForm(IntegerForm);
+}
+
+void XBaseVariable::ConvertToDouble(XBaseField* source) {
+  if (redirected() || elements || (valid_forms() & (TextForm | IntegerForm))) {
+    return Variable::Convert_Double();
+  }
+  double_value = ZephApplication::stod(TextOf(source), -1, 0, nullptr);
+  AddForm(DoubleForm);
+}
+
 double XBaseVariable::CompareText(int* not_numeric) {
   double_value = ZephApplication::stod(string_value.data, string_value.length,
                                        string_value.allocated, not_numeric);

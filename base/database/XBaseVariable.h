@@ -71,6 +71,10 @@ class XBaseVariable : public Variable {
   static const char* TextOf(XBaseField* source);
   // Makes the text of a field the valid text form. The other forms stay as they are.
   void ReadText(XBaseField* source);
+  // Convert_Integer() and Convert_Double() of number and date fields: from the valid forms,
+  // otherwise straight from the field's text, which does not become a form.
+  void ConvertToInteger(XBaseField* source);
+  void ConvertToDouble(XBaseField* source);
   // The number of the valid text. *not_numeric as for value_compare(); the number is cached as the
   // double form only if there is one.
   double CompareText(int* not_numeric);
