@@ -12,6 +12,7 @@
 
 #include "base/core/bigint.h"
 #include "gtest/gtest.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -179,7 +180,7 @@ TEST(Dtoa, KnownResults) {
 
 TEST(Dtoa, ShortestDigitsReadBackAsTheSameDouble) {
   Doubles doubles;
-  for (int i = 0; i < 1000000; ++i) {
+  for (int i = 0; i < Rounds(1000000); ++i) {
     double value = std::fabs(doubles.Any());
     Result result = Convert(0, 0, value, 32);
     ASSERT_EQ(ReadBack(result), value) << Show(value);
@@ -189,7 +190,7 @@ TEST(Dtoa, ShortestDigitsReadBackAsTheSameDouble) {
 
 TEST(Dtoa, ShortestDigitsByBigIntegersAreThoseOfTheStandardLibrary) {
   Doubles doubles;
-  for (int i = 0; i < 200000; ++i) {
+  for (int i = 0; i < Rounds(200000); ++i) {
     double value = std::fabs(doubles.Next());
     ASSERT_EQ(Convert(9, 2000, value), Shortest(value)) << Show(value);
   }
@@ -208,7 +209,7 @@ TEST(Dtoa, PowersOfTwoAndTheirNeighboursAreShortest) {
 
 TEST(Dtoa, FastAndExactWayAgree) {
   Doubles doubles;
-  for (int i = 0; i < 1000000; ++i) {
+  for (int i = 0; i < Rounds(1000000); ++i) {
     double value = doubles.Next();
     int mode = doubles.Between(2, 5);
     int exponent = std::ilogb(value) * 3 / 10;
@@ -222,7 +223,7 @@ TEST(Dtoa, FastAndExactWayAgree) {
 
 TEST(Dtoa, PlacesAreRoundedAsThePrinterRounds) {
   Doubles doubles;
-  for (int i = 0; i < 300000; ++i) {
+  for (int i = 0; i < Rounds(300000); ++i) {
     double value = std::fabs(doubles.Next());
     int digits = doubles.Between(0, 30);
     char text[512];
@@ -235,7 +236,7 @@ TEST(Dtoa, PlacesAreRoundedAsThePrinterRounds) {
 
 TEST(Dtoa, SignificantDigitsAreRoundedAsThePrinterRounds) {
   Doubles doubles;
-  for (int i = 0; i < 200000; ++i) {
+  for (int i = 0; i < Rounds(200000); ++i) {
     double value = std::fabs(doubles.Next());
     int digits = doubles.Between(1, 30);
     char text[64];
@@ -251,7 +252,7 @@ TEST(Dtoa, SignificantDigitsAreRoundedAsThePrinterRounds) {
 // Mode 5 is mode 3, except if the shortest digits do not go further.
 TEST(Dtoa, ModeFiveIsTheRoundedValueOrTheShorterText) {
   Doubles doubles;
-  for (int i = 0; i < 200000; ++i) {
+  for (int i = 0; i < Rounds(200000); ++i) {
     double value = std::fabs(doubles.Next());
     int digits = doubles.Between(0, 25);
     Result shortest = Shortest(value);

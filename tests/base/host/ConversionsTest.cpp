@@ -18,6 +18,7 @@
 #include "base/core/RunLimit.h"
 #include "base/core/dtoa.h"
 #include "base/host/ZephApplication.h"
+#include "tests/support/Rounds.h"
 #include "tests/support/TestApplication.h"
 
 namespace {
@@ -262,7 +263,7 @@ TEST(Dtos, EqualsAnIndependentShortestFormForAMillionValues) {
   SCOPED_TRACE(seed);
   std::mt19937_64 random(seed);
   int compared = 0;
-  for (int i = 0; compared < 1000000; i++) {
+  for (int i = 0; compared < Rounds(1000000); i++) {
     double value;
     switch (i % 4) {
       case 0: value = FromBits(random()); break;

@@ -11,6 +11,7 @@
 #include "base/core/ascii.h"
 #include "base/values/Aggregate.h"
 #include "tests/support/ExpressionMachine.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -373,7 +374,7 @@ class Generator {
 };
 
 TEST(ExpressionValues, AreThoseOfAnotherEvaluator) {
-  for (unsigned seed = 1; seed <= 3000; seed++) {
+  for (unsigned seed = 1; seed <= Rounds(3000u); seed++) {
     ExpressionMachine machine;
     machine.Assemble(
         "noop\n.segment 1\n.function half(x)\npushl x\npushi 2\ndiv\nret\n"

@@ -9,6 +9,7 @@
 
 #include "base/compiled/Segment.h"
 #include "tests/support/Machine.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -371,7 +372,7 @@ class RandomCalls {
 
 TEST(FrameReuse, RandomProgramsDoTheSameInFreshFramesAndInReusedOnes) {
   int ended = 0;
-  for (unsigned seed = 1; seed <= 500; seed++) {
+  for (unsigned seed = 1; seed <= Rounds(500u); seed++) {
     const std::string program = RandomCalls(seed).Program();
     SCOPED_TRACE(testing::Message() << seed << "\n" << program);
     const std::vector<const char*> globals = {"a", "b", "c", "n", "recno", "ZpIMPORT_Error"};

@@ -18,6 +18,7 @@
 #include "base/values/VariableRef.h"
 #include "tests/support/GrowthOfTime.h"
 #include "tests/support/Machine.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -462,7 +463,7 @@ class TextScript {
 };
 
 TEST(DeferredText, RandomScriptsLeaveWhatCopiesWould) {
-  for (unsigned seed = 1; seed <= 500; seed++) {
+  for (unsigned seed = 1; seed <= Rounds(500u); seed++) {
     SCOPED_TRACE(seed);
     const TextScript script(seed);
     Machine machine;

@@ -16,6 +16,7 @@
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
 #include "base/values/VariableRef.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -415,7 +416,7 @@ std::string ShapeOf(DenseElements* row) {
 
 TEST(DenseElements, HaveTheShapeThatTheTreeHasAfterEachSearch) {
   Random random(20261121);
-  for (int round = 0; round < 3000; round++) {
+  for (int round = 0; round < Rounds(3000); round++) {
     SCOPED_TRACE(testing::Message() << "round " << round);
     DenseElements row;
     Plain tree;
@@ -476,7 +477,7 @@ TEST(DenseElements, KeepTheShapeWhenThereAreTooManyNotes) {
 }
 
 TEST(DenseElements, AnswerAsTheTreeWhateverIsReadWhatever) {
-  for (unsigned seed = 1; seed <= 400; seed++) {
+  for (unsigned seed = 1; seed <= Rounds(400u); seed++) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);
     Random random(seed);
     Pair pair;
@@ -497,7 +498,7 @@ TEST(DenseElements, AnswerAsTheTreeWhateverIsReadWhatever) {
 // Removals make the shape visible: afterwards searches must miss the same elements.
 TEST(DenseElements, LoseTheElementsThatTheTreeLoses) {
   int trees = 0;
-  for (unsigned seed = 1; seed <= 3000; seed++) {
+  for (unsigned seed = 1; seed <= Rounds(3000u); seed++) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);
     Random random(seed * 77);
     Pair pair;
@@ -542,7 +543,7 @@ TEST(DenseElements, LoseTheElementsThatTheTreeLoses) {
 
 // Every operation must leave the same elements in the same shape as the reference.
 TEST(DenseElements, EveryOperationLeavesItsShape) {
-  for (unsigned seed = 1; seed <= 400; seed++) {
+  for (unsigned seed = 1; seed <= Rounds(400u); seed++) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);
     Random random(seed * 31);
     Pair pairs[2];
@@ -596,7 +597,7 @@ TEST(DenseElements, ARenumberedArrayHasTheShapeOfTheWalk) {
 // A copy of more than 99 elements is inserted in an order that follows the shape; removals from the
 // copy make its own shape visible.
 TEST(DenseElements, ACopyHasTheShapeThatItsInsertionLeaves) {
-  for (unsigned seed = 1; seed <= 300; seed++) {
+  for (unsigned seed = 1; seed <= Rounds(300u); seed++) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);
     Random random(seed);
     Pair pair;

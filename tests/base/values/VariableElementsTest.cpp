@@ -11,6 +11,7 @@
 #include "base/values/Variable.h"
 #include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -630,7 +631,7 @@ TEST(CopyAndMerge, EqualAPlainModelOverRandomRanges) {
     return from + static_cast<int>(random() % static_cast<unsigned>(to - from + 1));
   };
   int next = 0;
-  for (int round = 0; round < 8000; round++) {
+  for (int round = 0; round < Rounds(8000); round++) {
     Pair pairs[2];
     for (Pair& pair : pairs) {
       const int count = pick(0, round % 50 == 0 ? 150 : 8);

@@ -17,6 +17,7 @@
 #include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 #include "tests/base/values/VariableHelpers.h"
+#include "tests/support/Rounds.h"
 #include "tests/support/TestApplication.h"
 
 namespace {
@@ -762,7 +763,7 @@ class ValueMaker {
 };
 
 TEST(VariableSerialize, EqualsAPlainModelForRandomValues) {
-  for (unsigned seed = 1; seed <= 3000; seed++) {
+  for (unsigned seed = 1; seed <= Rounds(3000u); seed++) {
     SCOPED_TRACE(seed);
     ValueMaker maker(seed);
     for (unsigned i = 0; i < seed % 4; i++) maker.AddTarget();
