@@ -485,6 +485,12 @@ char* ZephApplication::EncodeEntities(const char* text, int textlength, int* len
     *sum += entity_table.length[static_cast<unsigned char>(text[i])];
     return i + 1;
   });
+  // Most texts have nothing to encode.
+  if (counted == textlength && needed == textlength) {
+    char* const copy = NewTextCopy(text, textlength);
+    Report(textlength, int64_t{textlength} + 1, length, size);
+    return copy;
+  }
   return ConvertUnits(textlength, counted, needed + 1, length, size, [text](int i, char** out) {
     const auto byte = static_cast<unsigned char>(text[i]);
     const int taken = entity_table.length[byte];

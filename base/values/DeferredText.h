@@ -25,8 +25,9 @@ class DeferredText {
   // Shorter texts, in bytes, are cheaper to copy than to watch.
   static constexpr int ShortestPrefix = 128;
 
-  // Begins with no text.
-  DeferredText() = default;
+  // Begins with no text. Not defaulted, because then std::make_unique would fill the buffer with
+  // zeros first.
+  DeferredText() {}
 
   // Returns an object, the caller's, that begins with the present text of the variable or of the
   // target it refers to. The text is converted if that form is not valid yet. Returns null if the

@@ -688,6 +688,18 @@ TEST(LongWork, PastTheTimeALongTextIsNotEncoded) {
   }
 }
 
+// A quarter of the text becomes as long as the whole is, and so as long as a text in which nothing
+// is to be encoded.
+TEST(LongWork, PastTheTimeTheLengthOfAPartIsNotTakenForThatOfThePlainText) {
+  const std::string text(4 * static_cast<size_t>(RunLimit::Bytes), '<');
+  const TimeIsOver over;
+  int length, size;
+  const std::unique_ptr<char[]> encoded(
+      ZephApplication::EncodeEntities(text.data(), static_cast<int>(text.size()), &length, &size));
+  EXPECT_EQ(length, 0);
+  EXPECT_EQ(encoded[0], '\0');
+}
+
 TEST(LongWork, PastTheTimeANumberOfManyDecimalsIsNotWritten) {
   const TimeIsOver over;
   int length;
