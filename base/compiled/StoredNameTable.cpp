@@ -80,6 +80,7 @@ void StoredNameTable::Read(const Head& head, const unsigned char* buckets,
   chain_capacity = head.count;
   entry_count = head.count;
   heads.reset();
+  lanes.reset();
   stored.reset();
   stored_count = 0;
   chain = std::make_unique_for_overwrite<int[]>(static_cast<size_t>(head.count));

@@ -7,9 +7,11 @@
 #define ZEPH_BASE_STOREDNAMETABLE_H
 
 #include <algorithm>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "base/core/memcmpi.h"
 
@@ -24,6 +26,10 @@ inline int CompareNames(const char* a, int a_length, const char* b, int b_length
 // A file can state any head and any link. A link outside the entries ends a walk, and so does a
 // chain longer than the count of entries: whatever a file holds, the worst result of a lookup is
 // "not found".
+//
+// The count of buckets never grows, so a visitor's form or a page that a script reads can make a
+// chain as long as it likes. A long chain therefore has a lane as well: its entries in an array in
+// the order of the chain, in which a name is found by halving.
 //
 // A request makes several tables and never uses most of them. Therefore nothing is allocated before
 // the first entry, and a table from a file keeps its few buckets as a sorted list. The array of all
@@ -70,7 +76,15 @@ class StoredNameTable {
   // sorts after the one searched for ends the walk.
   template <class NameOf>
   int Find(const char* name, int length, NameOf name_of) const {
-    int entry = first(hash(name, length));
+    const int bucket = hash(name, length);
+    if (const Lane* lane = LaneOf(bucket)) [[unlikely]] {
+      const size_t place = Place(*lane, name, length, false, name_of);
+      if (place == lane->size()) return -1;
+      int other_length = 0;
+      const char* other = name_of((*lane)[place], &other_length);
+      return CompareNames(name, length, other, other_length) == 0 ? (*lane)[place] : -1;
+    }
+    int entry = first(bucket);
     for (int left = entry_count; left > 0 && IsEntry(entry); left--) {
       int other_length = 0;
       const char* other = name_of(entry, &other_length);
@@ -93,19 +107,23 @@ class StoredNameTable {
     MakeHeads();
     int entry = entry_count;
     int bucket = hash(name, length);
+    if (LaneOf(bucket)) [[unlikely]]
+      return InsertByLane(bucket, name, length, name_of);
     int previous = -1;
     int following = heads[bucket];
     if (following == -1) used++;
-    for (int left = entry; left > 0 && IsEntry(following); left--) {
+    int steps = 0;
+    for (; steps < entry && IsEntry(following); steps++) {
       int other_length = 0;
       const char* other = name_of(following, &other_length);
       if (CompareNames(name, length, other, other_length) < 0) break;
       previous = following;
       following = chain[following];
     }
-    chain[entry] = IsEntry(following) ? following : -1;
-    (previous == -1 ? heads[bucket] : chain[previous]) = entry;
-    entry_count++;
+    if (steps >= LongChain && MakeLane(bucket, name_of)) [[unlikely]] {
+      return InsertByLane(bucket, name, length, name_of);
+    }
+    Link(bucket, previous, entry);
     return entry;
   }
 
@@ -121,9 +139,67 @@ class StoredNameTable {
     int number;
     int first;
   };
+  // The entries of one bucket in the order of its chain; empty for a chain without a lane.
+  using Lane = std::vector<int>;
+
+  // An insertion that passes so many entries makes a lane.
+  static constexpr int LongChain = 64;
 
   bool IsEntry(int entry) const { return entry >= 0 && entry < entry_count; }
   void MakeHeads();
+
+  // Null if the chain has none.
+  Lane* LaneOf(int bucket) const {
+    return lanes && !lanes[bucket].empty() ? &lanes[bucket] : nullptr;
+  }
+  // The first place in a lane whose name does not sort before the given one; with past_equal, the
+  // first whose name sorts after it.
+  template <class NameOf>
+  static size_t Place(const Lane& lane, const char* name, int length, bool past_equal,
+                      NameOf name_of) {
+    const auto found = std::partition_point(lane.begin(), lane.end(), [&](int entry) {
+      int other_length = 0;
+      const char* other = name_of(entry, &other_length);
+      return CompareNames(name, length, other, other_length) >= (past_equal ? 0 : 1);
+    });
+    return static_cast<size_t>(found - lane.begin());
+  }
+  // The lane gets the entry first, because that may fail for want of memory.
+  template <class NameOf>
+  int InsertByLane(int bucket, const char* name, int length, NameOf name_of) {
+    Lane* const lane = LaneOf(bucket);
+    const size_t place = Place(*lane, name, length, true, name_of);
+    const int entry = entry_count;
+    lane->insert(lane->begin() + static_cast<ptrdiff_t>(place), entry);
+    Link(bucket, place == 0 ? -1 : (*lane)[place - 1], entry);
+    return entry;
+  }
+  // Puts the newest entry after another one of the bucket; previous is -1 for the front.
+  void Link(int bucket, int previous, int entry) {
+    int& link = previous == -1 ? heads[bucket] : chain[previous];
+    chain[entry] = IsEntry(link) ? link : -1;
+    link = entry;
+    entry_count++;
+  }
+  // A chain that is damaged gets no lane, because its walk does not see all of its entries; false
+  // then.
+  template <class NameOf>
+  bool MakeLane(int bucket, NameOf name_of) {
+    Lane lane;
+    for (int entry = heads[bucket]; IsEntry(entry); entry = chain[entry]) {
+      if (lane.size() == static_cast<size_t>(entry_count)) return false;
+      int length = 0, before_length = 0;
+      const char* name = name_of(entry, &length);
+      if (!lane.empty()) {
+        const char* before = name_of(lane.back(), &before_length);
+        if (CompareNames(before, before_length, name, length) > 0) return false;
+      }
+      lane.push_back(entry);
+    }
+    if (!lanes) lanes = std::make_unique<Lane[]>(static_cast<size_t>(bucket_count()));
+    lanes[bucket] = std::move(lane);
+    return true;
+  }
 
   int hash_bits;
   int used = 0;
@@ -131,6 +207,7 @@ class StoredNameTable {
   std::unique_ptr<Bucket[]> stored;  // ascending; empty once heads exists
   std::unique_ptr<int[]> heads;      // one a bucket
   std::unique_ptr<int[]> chain;
+  std::unique_ptr<Lane[]> lanes;  // one a bucket, made with the first lane
   int chain_capacity;
   int chain_room = 0;  // links that there is memory for; doubles, while the capacity grows by steps
   int entry_count = 0;

@@ -10,6 +10,7 @@
 #include "base/core/ThreadMemory.h"
 #include "tests/support/CompiledFileBytes.h"
 #include "tests/support/FailingAllocator.h"
+#include "tests/support/GrowthOfTime.h"
 
 using CompiledFileBytes::LE;
 using CompiledFileBytes::LE16;
@@ -144,6 +145,54 @@ TEST(StoredNameTable, RoomThatThereIsNoMemoryForIsMadeLater) {
   }
   EXPECT_GT(refused, 3);
   for (int i = 0; i < 300; i++) EXPECT_EQ(names.Find("name" + std::to_string(i)), i);
+}
+
+// Long chains are searched by halving; their links stay what a file would have.
+TEST(StoredNameTable, ALongChainIsSortedAndFindsTheFirstOfEqualNames) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  NamedTable names(1);
+  std::vector<int> first(3000, -1);
+  for (int i = 0; i < 6000; i++) {
+    const size_t number = random() % first.size();
+    const int entry = names.Insert((random() % 2 ? "n" : "N") + std::to_string(number));
+    ASSERT_EQ(entry, i);
+    if (first[number] < 0) first[number] = entry;
+    const size_t other = random() % first.size();
+    ASSERT_EQ(names.Find("n" + std::to_string(other)), first[other]);
+  }
+  for (int bucket = 0; bucket < 2; bucket++) {
+    int before = -1;
+    for (int i = names.table.first(bucket); i != -1; before = i, i = names.table.next(i)) {
+      if (before < 0) continue;
+      const std::string& a = names.names[static_cast<size_t>(before)];
+      const std::string& b = names.names[static_cast<size_t>(i)];
+      const int order =
+          CompareNames(a.data(), static_cast<int>(a.size()), b.data(), static_cast<int>(b.size()));
+      ASSERT_TRUE(order < 0 || (order == 0 && before < i)) << a << " " << b;
+    }
+  }
+  EXPECT_EQ(names.Find("n3000"), -1);
+  EXPECT_EQ(names.Find("a"), -1);
+  EXPECT_EQ(names.Find("z99999999"), -1);
+  // A copy has the same names.
+  NamedTable copy(0);
+  copy.names = names.names;
+  const StoredNameTable second(names.table);
+  for (size_t number = 0; number < first.size(); number++) {
+    const std::string name = "n" + std::to_string(number);
+    ASSERT_EQ(second.Find(name.data(), static_cast<int>(name.size()), copy.NameOf()),
+              first[number]);
+  }
+}
+
+TEST(StoredNameTable, ManyNamesInFewBucketsTakeNearlyLinearTime) {
+  ExpectNearLinear(10000, [](int count) {
+    NamedTable names(8);
+    for (int i = 0; i < count; i++) names.Insert("name" + std::to_string(i));
+    for (int i = 0; i < count; i++) ASSERT_EQ(names.Find("name" + std::to_string(i)), i);
+  });
 }
 
 TEST(StoredNameTable, AWrittenTableIsTheFormats) {

@@ -349,6 +349,9 @@ TEST(CallScanner, LongBodiesTakeLinearTime) {
   ExpectLinear("<", "x", ">");
   ExpectLinear("<a b='", "x", "'>");
   ExpectLinear("<a", " ", ">");
+  // A tag of many attributes makes two variables for each.
+  ExpectLinear("<a", " bcdef", ">");
+  ExpectLinear("<a b='c'/><a", " bcdef", "><d>");
   ExpectLinear("<!-- ", "->", "-->");
   ExpectLinear("<!a ", "<", "");
   ExpectLinear("<![CDATA[ ", "]x>", "]]>");
