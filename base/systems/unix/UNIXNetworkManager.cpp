@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "base/host/ZephApplication.h"
+#include "base/systems/unix/UNIXHostLookup.h"
 #include "base/systems/unix/UNIXNetworkConnection.h"
 
 namespace {
@@ -19,18 +20,14 @@ struct FreeAddresses {
 };
 using Addresses = std::unique_ptr<addrinfo, FreeAddresses>;
 
-// Null if the look-up fails.
-Addresses LookUp(const char* name, const addrinfo& hints) {
-  addrinfo* found = nullptr;
-  if (network_calls.getaddrinfo(name, nullptr, &hints, &found) != 0) return nullptr;
-  return Addresses(found);
-}
-
+// Null if the text is no address.
 Addresses LookUpAddress(const char* text, int family) {
   addrinfo hints = {};
   hints.ai_flags = AI_NUMERICHOST;
   hints.ai_family = family;
-  return LookUp(text, hints);
+  addrinfo* found = nullptr;
+  if (network_calls.getaddrinfo(text, nullptr, &hints, &found) != 0) return nullptr;
+  return Addresses(found);
 }
 
 // The binary address within a result; null for a family that has none here.
@@ -70,7 +67,7 @@ void UNIXNetworkManager::LookUpFailed(const char* name, const char* more) {
 }
 
 int UNIXNetworkManager::GetHostAddress(const char* name, String& address) {
-  const Addresses list = LookUp(name, {});
+  const Addresses list(LookUpHost(application, name, {}, 0));
   if (!list) {
     LookUpFailed(name, "");
     return -1;
@@ -90,7 +87,7 @@ NetworkConnection* UNIXNetworkManager::Connect(const char* host, int port, int t
   addrinfo hints = {};
   hints.ai_socktype = SOCK_STREAM;
   hints.ai_protocol = IPPROTO_TCP;
-  const Addresses list = LookUp(host, hints);
+  const Addresses list(LookUpHost(application, host, hints, timeout));
   if (!list) {
     LookUpFailed(host, "");
     return nullptr;
