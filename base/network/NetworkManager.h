@@ -33,10 +33,11 @@ class NetworkManager {
   virtual bool IsIPv4Address(const char* text) = 0;
   virtual bool IsIPv6Address(const char* text) = 0;
   // Looks up a host and stores its first address as text. Returns 1, or -1 on failure, which leaves
-  // `address` alone.
+  // `address` alone. Waits as long as the setting timeout_global allows.
   virtual int GetHostAddress(const char* name, String& address) = 0;
-  // Connects to the first address of the host that accepts. The caller owns the connection; null on
-  // failure. The port is from 0 to 65535.
+  // Connects to the first address of the host that accepts. The look-up of the host and each
+  // attempt get the whole of the timeout. The caller owns the connection; null on failure, which a
+  // port that is not from 0 to 65535 is too.
   [[nodiscard]] virtual NetworkConnection* Connect(const char* host, int port, int timeout) = 0;
 
   // --- TLS (base/network/NetworkManager_TLS.cpp) -------------------------------------------------

@@ -106,6 +106,11 @@ bool UNIXNetworkConnection::WaitOrFail(short events, int timeout, const WaitText
 bool UNIXNetworkConnection::EstablishTCPConnection(addrinfo* address, int port, int timeout) {
   FreeTLS();
   CloseSocket();
+  // Cut to 16 bits it would be another port, perhaps one that the script has meant to avoid.
+  if (port < 0 || port > 65535) {
+    Error("Invalid port");
+    return false;
+  }
   socket = network_calls.socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
   if (socket < 0 || network_calls.make_non_blocking(socket) < 0) {
     Error(application->lasterror());

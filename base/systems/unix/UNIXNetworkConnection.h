@@ -50,7 +50,8 @@ class UNIXNetworkConnection : public NetworkConnection {
   using NetworkConnection::Write;
 
   // Connects to the first address of the list, which is borrowed, with this port in place of the
-  // one in it. What an earlier attempt left is freed, so it may be called again after a failure.
+  // one in it; fails unless it is from 0 to 65535. What an earlier attempt left is freed, so it may
+  // be called again after a failure.
   [[nodiscard]] virtual bool EstablishTCPConnection(addrinfo* address, int port, int timeout);
   // Read, ReadLine and Write of a TLS connection. The end of the stream is a failure of SSL_Read.
   [[nodiscard]] virtual int SSL_Read(char* buffer, int length, int timeout);

@@ -62,7 +62,7 @@ class UNIXNetworkConnectionTest : public testing::Test {
     return buffer.substr(0, static_cast<size_t>(count));
   }
   // The error after a failed attempt with the calls as a test has set them.
-  std::string Attempt(int family = AF_INET) {
+  std::string Attempt(int family = AF_INET, int port = 9) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -71,7 +71,7 @@ class UNIXNetworkConnectionTest : public testing::Test {
     target.ai_addr = reinterpret_cast<sockaddr*>(&address);
     target.ai_addrlen = sizeof address;
     UNIXNetworkConnection attempt(&application);
-    EXPECT_FALSE(attempt.EstablishTCPConnection(&target, 9, 1));
+    EXPECT_FALSE(attempt.EstablishTCPConnection(&target, port, 1));
     return Text(attempt.error());
   }
 
@@ -454,6 +454,19 @@ TEST_F(UNIXNetworkConnectionTest, FailuresToConnectHaveTheirTexts) {
   network_calls = NetworkCalls();
   network_calls.socket = [](int, int, int) { return ::socket(AF_INET, SOCK_STREAM, 0); };
   EXPECT_EQ(Attempt(AF_UNIX), "Unsupported address family 1");
+}
+
+// 16 bits of it may be those of a server that listens.
+TEST_F(UNIXNetworkConnectionTest, APortBeyondSixteenBitsIsRefused) {
+  ListeningPeer listening([](Peer& peer) { peer.WaitForEnd(); });
+  for (const int port :
+       {-1, -65536 + listening.port(), 65536, 65536 + listening.port(), 2147483647}) {
+    SCOPED_TRACE(port);
+    EXPECT_EQ(Attempt(AF_INET, port), "Invalid port");
+    EXPECT_EQ(manager.Connect("127.0.0.1", port, 1), nullptr);
+    EXPECT_EQ(Text(manager.error()),
+              "Error connecting to 127.0.0.1 on port " + std::to_string(port) + ": Invalid port");
+  }
 }
 
 TEST_F(UNIXNetworkConnectionTest, EachEndOfAnAttemptHasItsText) {
