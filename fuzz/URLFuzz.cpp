@@ -2,19 +2,14 @@
 // URL, the request has one line for the target and one for the host.
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <string>
 
+#include "fuzz/NetworkInput.h"
 #include "tests/support/ScriptedConnection.h"
 #include "tests/support/TestApplication.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition) abort();
-}
 
 struct Parts {
   bool good = false;
@@ -54,9 +49,7 @@ Parts Expected(const std::string& url) {
 }
 
 Parts Found(NetworkManager& manager, const std::string& url) {
-  // Without a NUL at its end.
-  const std::unique_ptr<char[]> block(new char[url.size()]);
-  url.copy(block.get(), url.size());
+  const std::unique_ptr<char[]> block = WithoutEnd(url);
   const char *scheme, *host, *port, *path;
   int scheme_length, host_length, port_length, path_length;
   Parts p;
