@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <regex>
 #include <set>
 #include <thread>
 #include <vector>
@@ -13,6 +14,7 @@
 #include "tests/support/Paths.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/UploadMachine.h"
+#include "tests/support/WebServers.h"
 
 namespace {
 
@@ -311,6 +313,52 @@ TEST(ExampleSite, ATaskLeavesItsSumForLaterVisits) {
   for (const char* query : {"limit=-1", "limit=2000000", "limit=%3Cb%3E"}) {
     EXPECT_THAT(engine.Get("/task.zpc", {{"QUERY_STRING", query}}).Body(), Not(HasSubstr("Begun")));
   }
+}
+
+// --- Calls ---------------------------------------------------------------------------------------
+
+// nginx passes the page to the engine, which calls nginx for another one, which passes that to the
+// engine as well.
+TEST(ExampleSite, APageListsTheLinksOfAnother) {
+  REQUIRE_PROGRAM("/usr/sbin/nginx");
+  REQUIRE_PROGRAM("/usr/bin/curl");
+  EngineProcess engine;
+  ServeExample(engine, "links.zpc");
+  ServeExample(engine, "index.zpc");
+  ASSERT_TRUE(engine.Start());
+  const int port = FreePort();
+  std::string parameters;
+  for (const auto& [name, value] : engine.Parameters(nullptr)) {
+    parameters += "fastcgi_param " + name + " \"" + value + "\";";
+  }
+  NginxServer server("server { listen 127.0.0.1:" + std::to_string(port) +
+                     "; location / { fastcgi_pass unix:" + engine.socket() +
+                     "; fastcgi_param PATH_INFO $uri; fastcgi_param SERVER_ADDR $server_addr; "
+                     "fastcgi_param SERVER_PORT $server_port; " +
+                     parameters + " } }\n");
+  server.WaitFor(port);
+  const auto curl = [&](const std::string& path) {
+    Command command({"/usr/bin/curl", "-sS", "--noproxy", "*",
+                     "http://127.0.0.1:" + std::to_string(port) + path});
+    EXPECT_EQ(command.Run(), 0) << command.errors;
+    return command.output;
+  };
+  std::string rows;
+  const std::string start = curl("/index.zpc");
+  const std::regex link("<a href=\"([^\"]*)\">(.*?)</a>");
+  for (std::sregex_iterator i(start.begin(), start.end(), link), end; i != end; ++i) {
+    rows += "<tr><td><code>" + i->str(1) + "</code></td><td>" + i->str(2) + "</td></tr>\n";
+  }
+  EXPECT_THAT(rows, HasSubstr("<code>links.zpc</code>"));
+  const std::string page = curl("/links.zpc");
+  EXPECT_THAT(page, HasSubstr("<th>Text of the link</th></tr>\n" + rows + "</table>\n</section>"));
+  EXPECT_THAT(page, HasSubstr("</html>\n"));
+  // Where nothing listens, and without a web server.
+  const std::string lost =
+      engine.Get("/links.zpc", {{"SERVER_ADDR", "127.0.0.9"}, {"SERVER_PORT", "1"}}).Body();
+  EXPECT_THAT(lost, HasSubstr("on port 1: Connection refused"));
+  EXPECT_THAT(lost, HasSubstr("</html>\n"));
+  EXPECT_THAT(Page("links.zpc"), HasSubstr("There is no web server here"));
 }
 
 // --- The address list ----------------------------------------------------------------------------
