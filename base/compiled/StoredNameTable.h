@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/core/Limits.h"
 #include "base/core/memcmpi.h"
 
 // The order of two names in a chain: below 0, 0 or above 0.
@@ -120,7 +121,7 @@ class StoredNameTable {
       previous = following;
       following = chain[following];
     }
-    if (steps >= LongChain && MakeLane(bucket, name_of)) [[unlikely]] {
+    if (steps >= kLongChain && MakeLane(bucket, name_of)) [[unlikely]] {
       return InsertByLane(bucket, name, length, name_of);
     }
     Link(bucket, previous, entry);
@@ -141,9 +142,6 @@ class StoredNameTable {
   };
   // The entries of one bucket in the order of its chain; empty for a chain without a lane.
   using Lane = std::vector<int>;
-
-  // An insertion that passes so many entries makes a lane.
-  static constexpr int LongChain = 64;
 
   bool IsEntry(int entry) const { return entry >= 0 && entry < entry_count; }
   void MakeHeads();

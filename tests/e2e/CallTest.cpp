@@ -349,6 +349,14 @@ TEST_F(Calls, AClientShowsItsCertificateToTheHostThatItAsksFor) {
   }
 }
 
+// The end of a secure connection is an error of the read, so what has no length ends with one.
+TEST_F(Calls, ASecureResponseWithoutALengthEndsWithAnError) {
+  REQUIRE_PROGRAM("/usr/bin/openssl");
+  TLSServer server("names", {}, "-WWW");
+  EXPECT_EQ(Get("https://127.0.0.1:" + std::to_string(server.port()) + "/page.txt"),
+            "HTTP/1.0 200 ok\n<a>b<c>|SSL Read Error: The remote server closed the connection");
+}
+
 // A server for each certificate, on a port of its own.
 class Certificates {
  public:

@@ -20,6 +20,7 @@
 //   ca/              an authority, as a folder of hashed names
 //   NAME.pem, .key   certificates of servers, and their keys
 //   client*          one of a client, with its key in the same file
+//   page.txt         "<a>b<c>d"
 class TLSFiles {
  public:
   static const TLSFiles& Get() {
@@ -68,6 +69,7 @@ openssl x509 -in client.pem -outform DER -out client_both.der
 cp client_both.der client_nokey.der
 openssl ec -in client.key -outform DER >> client_both.der
 : > empty.pem
+printf '<a>b<c>d' > page.txt
 )";
     Command command({"/bin/sh", "-c", script});
     command.directory = directory.path();
@@ -78,11 +80,13 @@ openssl ec -in client.key -outform DER >> client_both.der
 };
 
 // openssl s_server with one of the certificates. It sends every line back with its letters in
-// reverse, and ends a connection in which it reads the line CLOSE.
+// reverse, and ends a connection in which it reads the line CLOSE. With "-WWW" as its kind it is a
+// web server for the files of the folder, whose responses end with the connection.
 class TLSServer {
  public:
-  explicit TLSServer(const std::string& name, const std::vector<std::string>& more = {})
-      : command({"/usr/bin/openssl", "s_server", "-accept", "127.0.0.1:0", "-rev", "-cert",
+  explicit TLSServer(const std::string& name, const std::vector<std::string>& more = {},
+                     const std::string& kind = "-rev")
+      : command({"/usr/bin/openssl", "s_server", "-accept", "127.0.0.1:0", kind, "-cert",
                  name + ".pem", "-key", name + ".key"}) {
     command.arguments.insert(command.arguments.end(), more.begin(), more.end());
     command.directory = TLSFiles::Get().path();

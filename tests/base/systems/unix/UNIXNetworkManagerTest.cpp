@@ -184,6 +184,8 @@ TEST_F(UNIXNetworkManagerTest, TheLastFailureIsReported) {
                                              std::to_string(port) + ": Connection refused");
   EXPECT_EQ(Greeting("no such host.invalid", 80), "Error looking up 'no such host.invalid'");
   EXPECT_EQ(Greeting("", 80), "Error looking up ''");
+  // A URL without a port may leave its query in the host.
+  EXPECT_EQ(Greeting("localhost?a=1", 80), "Error looking up 'localhost?a=1'");
 }
 
 }  // namespace

@@ -211,6 +211,29 @@ TEST_F(UNIXTLSTest, TheHostNameIsSentBySetting) {
   }
 }
 
+// A library that cannot ask for one gets no name unless the setting insists.
+TEST_F(UNIXTLSTest, AnOldLibraryIsToldTheHostNameOnlyByOrder) {
+  TLSServer server(
+      "common", {"-servername", "other.example.net", "-cert2", "other.pem", "-key2", "other.key"});
+  const struct {
+    int setting;
+    unsigned long version;
+    const char* result;
+  } cases[] = {{-1, 0x0090823fUL, kRefused}, {7, 0x0090823fUL, kRefused},  {1, 0x0090823fUL, ""},
+               {0, 0x0090823fUL, kRefused},  {-1, 0x0fffffffUL, kRefused}, {-1, 0x10000000UL, ""}};
+  static unsigned long version;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.setting << " " << c.version);
+    NewHost();
+    host->Set(Config_ssl_sni, c.setting);
+    ASSERT_EQ(host->SSL_Available(nullptr), 1);
+    version = c.version;
+    const_cast<OpenSSLFunctions*>(host->sslfunctions())->SSLeay = [] { return version; };
+    Connect(server.port());
+    EXPECT_EQ(Secure("other.example.net"), c.result);
+  }
+}
+
 // --- Client certificates -------------------------------------------------------------------------
 
 TEST_F(UNIXTLSTest, AClientShowsItsCertificate) {
