@@ -4,11 +4,9 @@
 #include "base/host/BufferedOutput.h"
 
 #include <algorithm>
-#include <cassert>
 #include <climits>
 #include <cstring>
 #include <new>
-#include <utility>
 
 #include "base/core/Limits.h"
 #include "base/core/MeasuredLength.h"
@@ -57,17 +55,12 @@ int BufferedOutput::type() {
 }
 
 CaptureOutput::CaptureOutput(Output* parent)
-    : BufferedOutput(kOutputBuffer),
-      base(buffer),
-      parent_output(parent),
-      outer(dynamic_cast<CaptureOutput*>(parent)) {
-  if (outer) outer->holders++;
+    : BufferedOutput(kOutputBuffer), OutputLayer(parent, true), base(buffer) {
   allocated = capacity;
   capacity--;  // room for the terminator that the receiver writes
 }
 
 CaptureOutput::~CaptureOutput() {
-  if (outer) outer->Release();
   delete[] base;
   buffer = nullptr;  // it points into base
 }
@@ -75,58 +68,23 @@ CaptureOutput::~CaptureOutput() {
 // The text is freed at once, because captures that have found this one may keep the object for
 // long.
 void CaptureOutput::Close() {
-  over = true;
   delete[] base;
   base = buffer = nullptr;
   captured = used = capacity = 0;
-  Release();
-}
-
-// A loop instead of recursion, because captures can be nested without bound.
-void CaptureOutput::Release() {
-  CaptureOutput* released = this;
-  while (released && --released->holders == 0) {
-    CaptureOutput* const next = std::exchange(released->outer, nullptr);
-    delete released;
-    released = next;
-  }
-}
-
-// Replaces a parent that is over with that parent's own parent.
-void CaptureOutput::StepOver() {
-  CaptureOutput* const gone = outer;
-  parent_output = gone->parent_output;
-  outer = gone->outer;
-  if (outer) {
-    outer->holders++;
-    // The one that is over holds a count too, so releasing it does not free the new parent.
-    assert(outer->holders > 1);
-  }
-  gone->Release();
-}
-
-Output* CaptureOutput::parent() {
-  while (parent_over()) StepOver();
-  return parent_output;
-}
-
-Output* CaptureOutput::Outermost() const {
-  const CaptureOutput* last = this;
-  while (last->outer) last = last->outer;
-  return last->parent_output;
+  EndLayer();
 }
 
 int CaptureOutput::Write_Error(const char* text, int length) {
-  return Outermost()->Write_Error(text, length);
+  return BelowAllPassedBy()->Write_Error(text, length);
 }
 
 int CaptureOutput::Header(const char* name, const char* value) {
-  return Outermost()->Header(name, value);
+  return BelowAllPassedBy()->Header(name, value);
 }
 
 int CaptureOutput::Header(const char* name, int namelength, int nameowned, const char* value,
                           int valuelength, int valueowned) {
-  return Outermost()->Header(name, namelength, nameowned, value, valuelength, valueowned);
+  return BelowAllPassedBy()->Header(name, namelength, nameowned, value, valuelength, valueowned);
 }
 
 int CaptureOutput::Flush() {

@@ -5,6 +5,7 @@
 #define ZEPH_BASE_BUFFEREDOUTPUT_H
 
 #include "base/core/Output.h"
+#include "base/host/OutputLayer.h"
 
 // An output with one buffer of fixed capacity, which it owns. A full buffer is written with
 // DoWrite. This destructor does not flush, because the parts of a subclass are gone by then: a
@@ -33,16 +34,11 @@ class BufferedOutput : public Output {
 
 // Collects text in memory for a variable. Messages and header fields bypass it: they go to the
 // output under all captures.
-//
-// The parent is the output that was current when the capture began. It may belong to another
-// capture, and that one may end first. A CaptureOutput is therefore counted, by its own capture and
-// by the CaptureOutputs whose parent it is. One that is over stays until all of them have moved on
-// to its own parent.
-class CaptureOutput : public BufferedOutput {
+class CaptureOutput : public BufferedOutput, public OutputLayer {
  public:
-  // The parent is borrowed, or counted if it is a CaptureOutput.
+  // The parent is the output that is current; it is borrowed, or counted if it is a layer.
   explicit CaptureOutput(Output* parent);
-  // REQUIRES: no other CaptureOutput has this one as its parent. Otherwise use Close.
+  // REQUIRES: no other layer has this one below it. Otherwise use Close.
   ~CaptureOutput() override;
 
   // Ends the capture: frees the text and gives back the maker's count. The maker calls it instead
@@ -63,24 +59,10 @@ class CaptureOutput : public BufferedOutput {
   // length + 1, so that a terminator fits. None is written.
   char* data(int* length, int* size);
 
-  // The output to restore at the end of the capture: the parent, or, if that is over, the nearest
-  // one before it that is not.
-  Output* parent();
-  // Whether the parent is a capture that is over.
-  bool parent_over() const { return outer && outer->over; }
-
  private:
-  void Release();
-  void StepOver();
-  Output* Outermost() const;
-
-  char* base;        // start of the captured text; buffer points after what is captured
-  int captured = 0;  // bytes in front of buffer
-  Output* parent_output;
-  long allocated = 0;    // bytes at base; may exceed what is reported, so that growth is geometric
-  CaptureOutput* outer;  // the parent if it is a CaptureOutput; this object holds a count
-  int holders = 1;
-  bool over = false;
+  char* base;          // start of the captured text; buffer points after what is captured
+  int captured = 0;    // bytes in front of buffer
+  long allocated = 0;  // bytes at base; may exceed what is reported, so that growth is geometric
 };
 
 // Drops text, or passes it to a callback, which returns the count of bytes taken. The callback may

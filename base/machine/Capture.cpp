@@ -39,6 +39,6 @@ void Capture::Restore() {
   if (!active) return;
   active = false;
   const bool covered = application->output() != output;
-  if (covered && (dropped() || output->parent_over())) return;
-  application->SetOutput(output->parent());
+  if (covered && (dropped() || output->below_over())) return;
+  application->SetOutput(output->below());
 }

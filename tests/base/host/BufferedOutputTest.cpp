@@ -154,12 +154,12 @@ TEST(CaptureOutput, OneThatEndsFirstIsSteppedOver) {
   auto* inner = new CaptureOutput(outer);
   outer->Write("outer", -1);
   inner->Write("inner", -1);
-  EXPECT_FALSE(inner->parent_over());
-  EXPECT_EQ(inner->parent(), outer);
+  EXPECT_FALSE(inner->below_over());
+  EXPECT_EQ(inner->below(), outer);
   outer->Close();
-  EXPECT_TRUE(inner->parent_over());
-  EXPECT_EQ(inner->parent(), &page);
-  EXPECT_FALSE(inner->parent_over());
+  EXPECT_TRUE(inner->below_over());
+  EXPECT_EQ(inner->below(), &page);
+  EXPECT_FALSE(inner->below_over());
   EXPECT_EQ(Captured(inner), "inner");
   inner->Write_Error("oops", -1);
   EXPECT_EQ(page.text, "oops");
@@ -183,7 +183,7 @@ void ExpectParents(const int (&order)[4], int unnoticed) {
       int nearest = i - 1;
       while (nearest >= 0 && over[nearest]) nearest--;
       Output* const expected = nearest < 0 ? &page : static_cast<Output*>(captures[nearest]);
-      EXPECT_EQ(captures[i]->parent(), expected) << i;
+      EXPECT_EQ(captures[i]->below(), expected) << i;
     }
   }
 }
@@ -211,13 +211,13 @@ TEST(CaptureOutput, ParentIsTheNearestThatIsNotOverHoweverManyAreBetween) {
     if (last != living) last->Close();
     last = next;
   }
-  EXPECT_EQ(last->parent(), living);
+  EXPECT_EQ(last->below(), living);
   // Held by the last one only, from here on.
   living->Close();
-  EXPECT_TRUE(last->parent_over());
-  EXPECT_EQ(last->parent(), &outermost);
-  EXPECT_FALSE(last->parent_over());
-  EXPECT_EQ(last->parent(), &outermost);
+  EXPECT_TRUE(last->below_over());
+  EXPECT_EQ(last->below(), &outermost);
+  EXPECT_FALSE(last->below_over());
+  EXPECT_EQ(last->below(), &outermost);
   last->Close();
 }
 
@@ -231,9 +231,9 @@ TEST(CaptureOutput, OneThatIsOverStaysForEachCaptureInIt) {
   auto* second = new CaptureOutput(between);
   over->Close();
   between->Close();
-  EXPECT_EQ(first->parent(), &outermost);
-  EXPECT_TRUE(second->parent_over());
-  EXPECT_EQ(second->parent(), &outermost);
+  EXPECT_EQ(first->below(), &outermost);
+  EXPECT_TRUE(second->below_over());
+  EXPECT_EQ(second->below(), &outermost);
   first->Close();
   second->Close();
 }
