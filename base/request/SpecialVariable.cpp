@@ -16,6 +16,7 @@
 #include "base/extensions/ExternalDatabaseLibrary.h"
 #include "base/extensions/SystemLibrary.h"
 #include "base/host/Config.h"
+#include "base/host/Version.h"
 #include "base/values/Aggregate.h"
 #include "base/values/VariableRef.h"
 
@@ -30,9 +31,6 @@ ZPTIME Now() {
   zp_gettimevalues(&now);
   return now;
 }
-
-// The version of the language, as scripts read it.
-const char version_of_the_language[] = "5.29";
 
 // --- All of them ---------------------------------------------------------------------------------
 
@@ -59,7 +57,7 @@ Variable* MakeTimeout(const char* name, const StartOfRun& start) {
   return MakeConstant(name, start.timeout);
 }
 Variable* MakeVersion(const char* name, const StartOfRun&) {
-  return MakeConstant(name, version_of_the_language);
+  return MakeConstant(name, kZephVersion);
 }
 template <DynamicTimeVariableType what>
 Variable* MakeTime(const char* name, const StartOfRun&) {
