@@ -88,7 +88,9 @@ int CommandLineApplication::Go(const Options& options) {
   AddArguments(options);
   ResetGlobalTimeout();
   const bool ran = vm->Go() != 0;
-  // Flushes standard output itself, in case the script left a capture open.
+  // The machine ends first, because a mail that the script left open is sent then. Standard output
+  // itself is flushed, in case the script left a capture open.
+  DeleteMachine();
   standard_output->Flush();
   const int failure = standard_output->failure();
   if (failure == 0) return ran ? 0 : 1;

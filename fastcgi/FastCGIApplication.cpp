@@ -90,8 +90,10 @@ int FastCGIApplication::RunStages(TaggedFile* tagged, String* path) {
   // The script's time starts here: loading and the upload do not count against it.
   ResetGlobalTimeout();
   vm->Go();
-  // Flushes the response itself: if the script left a capture open, current_output is the capture.
-  // The captured text is lost, the text written before it is sent.
+  // The machine ends first, because a mail that the script left open is sent then. The response
+  // itself is flushed: its text of before a capture that was left open is sent, the captured text
+  // is lost.
+  DeleteMachine();
   response->Flush(1);
   return 0;
 }
