@@ -357,8 +357,9 @@ class ZephVM {
   class ImportLoop;
   void import_filter_resume(int accepted);
 
-  // Calls of URLs (base/network/ZephVM_Call.cpp).
+  // Calls of URLs (base/network/ZephVM_Call.cpp) and mails (base/network/ZephVM_SMTP.cpp).
   class CallLoop;
+  class MailBlock;
 
   // Other files (base/machine/ZephVM_Expressions.cpp) and localized texts
   // (base/machine/ZephVM_Localized.cpp).

@@ -255,7 +255,7 @@ TEST(Instructions, TheCountsOfAnEffectAreItsEntries) {
               "retn",         "exit",        "exit2",       "lineno",       "sourcefile",
               "tagerror",     "erroutput",   "stdoutput",   "localize",     "capture_end",
               "lockfile_end", "import_loop", "import_stop", "op_http_loop", "op_http_stop",
-              "async",        "incg",        "storegi"}},
+              "op_smtp_end",  "async",       "incg",        "storegi"}},
       {0,
        1,
        {"pushc", "pushi", "pushf", "pushs", "pushg", "pushl", "pushnc", "pushdc", "localizev",
@@ -312,12 +312,12 @@ TEST(Instructions, TheCountsOfAnEffectAreItsEntries) {
        {"popd", "import", "export", "dbskip", "dbgo", "dbprimary", "dbsetindex", "dbfilter",
         "dbquery", "dbrevealstructuredb", "dbrevealstructureagg", "dbcommand"}},
       {4, 0, {"importf", "dbfind", "dbmakeindex", "dbcreate", "dbopenview"}},
-      {5, 0, {"op_http"}},
+      {5, 0, {"op_http", "op_smtp"}},
       {6, 0, {"dbopen"}},
       {7, 0, {"dbopen1"}},
       {8, 0, {"op_http8"}},
   };
-  std::set<std::string> counted = {"popn", "popnc", "call", "op_httpn"};
+  std::set<std::string> counted = {"popn", "popnc", "call", "op_httpn", "op_smtpn"};
   for (const auto& c : cases) {
     for (const char* name : c.names) {
       SCOPED_TRACE(name);
