@@ -4,13 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "base/network/SMTPOutput.h"
 #include "tests/support/MailDialogue.h"
 #include "tests/support/RecordingOutput.h"
+#include "tests/support/SMTPModel.h"
 #include "tests/support/TestApplication.h"
 
 namespace {
@@ -608,6 +611,59 @@ TEST_F(SMTPClient, AnEndlessGreetingToTheFarewellEndsToo) {
   EXPECT_EQ(lines, 10);
   EXPECT_EQ(server.transcript, (MailTranscript{"C: QUIT\r\n", "close"}));
   application.SetCancelled(0);
+}
+
+// Talks of a server that are put together at random.
+TEST_F(SMTPClient, RandomTalksEndAsInTheModel) {
+  const unsigned seed = std::random_device()();
+  std::mt19937 random(seed);
+  const char* const lines[] = {"220 hi\r\n",
+                               "250 ok\r\n",
+                               "250-more\r\n",
+                               "250-STARTTLS\r\n",
+                               "250 STARTTLS\r\n",
+                               "250-AUTH LOGIN\r\n",
+                               "250 AUTH PLAIN\r\n",
+                               "354 go\r\n",
+                               "334 VXNlcm5hbWU6\r\n",
+                               "334 UGFzc3dvcmQ6\r\n",
+                               "235 ok\r\n",
+                               "550 no\r\n",
+                               "550\n",
+                               "25\n",
+                               "\n",
+                               "251-x\r\n",
+                               "334 \r\n",
+                               "250 AUTH CRAM-MD5\r\n",
+                               "250 \t a \v\r\n",
+                               "2 0 x\r\n"};
+  // Those that are good in order, so that many talks get far.
+  const char* const order[] = {"220 hi\r\n",
+                               "250-h\r\n250 AUTH LOGIN\r\n",
+                               "334 VXNlcm5hbWU6\r\n",
+                               "334 UGFzc3dvcmQ6\r\n",
+                               "235 ok\r\n",
+                               "250 a\r\n",
+                               "250 b\r\n",
+                               "354 c\r\n",
+                               "250 d\r\n",
+                               "221 e\r\n"};
+  int sent = 0;
+  for (int round = 0; round < 20000; round++) {
+    SMTPTalk talk;
+    for (const char* line : order) {
+      if (random() % 12 != 0) talk.server += line;
+      if (random() % 12 == 0) talk.server += lines[random() % std::size(lines)];
+    }
+    talk.stays = random() % 2;
+    talk.starttls = random() % 4 == 0;
+    if (random() % 4 != 0) talk.user = "user";
+    if (random() % 2) talk.password = "secret";
+    ASSERT_TRUE(SameOutcome(talk)) << "seed " << seed << "\n"
+                                   << talk.server << SendToTalk(talk).error;
+    sent += SendToTalk(talk).sent;
+  }
+  EXPECT_GT(sent, 500);
 }
 
 }  // namespace
