@@ -23,6 +23,7 @@ inline constexpr int tag_count = 77;
 // Numbers that handlers use. Errors in an expression use Tag_Expression, whatever tag contains it.
 inline constexpr int Tag_Import = 2;
 inline constexpr int Tag_Export = 4;
+inline constexpr int Tag_POP = 8;
 inline constexpr int Tag_SMTP = 11;
 inline constexpr int Tag_Call = 14;
 inline constexpr int Tag_Do = 22;

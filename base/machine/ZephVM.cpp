@@ -429,6 +429,12 @@ void ZephVM::Pop_Feature(Feature* feature) {
   features.Pop(feature ? feature : features.Top());
 }
 
+bool ZephVM::TableExists(const VariableHash* table) const {
+  const ZephVM_Frame* at = frame;
+  while (at && at->variables != table) at = at->previous ? at->previous : at->around;
+  return at || table == global_variables;
+}
+
 // --- Handlers ------------------------------------------------------------------------------------
 
 // pushc  ( -- s )  The dictionary's text, not copied. A bad id is the fatal error "Invalid

@@ -361,6 +361,13 @@ class ZephVM {
   class CallLoop;
   class MailBlock;
 
+  // Mailboxes (base/network/ZephVM_POP3.cpp).
+  class MailboxLoop;
+
+  // Whether a table that a feature borrows is still that of a frame, or the global one. A run
+  // within a run ends its frames and may leave its features open.
+  bool TableExists(const VariableHash* table) const;
+
   // Other files (base/machine/ZephVM_Expressions.cpp) and localized texts
   // (base/machine/ZephVM_Localized.cpp).
   bool Run_Function(DoContext* context, const char* text, int length);

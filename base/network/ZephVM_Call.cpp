@@ -35,7 +35,6 @@ class ZephVM::CallLoop {
 
  private:
   Call* Current();
-  bool IsAlive(const VariableHash* table) const;
   void Report(const Call& call);
   void Jump() { vm->program_counter = vm->Jumped(vm->program_counter, distance); }
 
@@ -118,15 +117,9 @@ void ZephVM::CallLoop::Report(const Call& call) {
 // A call can be left open by a run within the run, whose variables are gone.
 Call* ZephVM::CallLoop::Current() {
   auto* const call = static_cast<Call*>(vm->Lookup_Feature(Feature::Type_Call));
-  if (call && IsAlive(call->table())) return call;
+  if (call && vm->TableExists(call->table())) return call;
   vm->FatalError("Invalid instruction");
   return nullptr;
-}
-
-bool ZephVM::CallLoop::IsAlive(const VariableHash* table) const {
-  const ZephVM_Frame* at = vm->frame;
-  while (at && at->variables != table) at = at->previous ? at->previous : at->around;
-  return at || table == vm->global_variables;
 }
 
 // op_http  ( url method fields files type -- )  Sends a request and finds the first element of the

@@ -18,7 +18,8 @@
 #include "base/host/FileDescriptor.h"
 
 // Listens on 127.0.0.1, takes one connection on a thread of its own, and gives it to the script.
-// The connection is closed after the script, and the destructor waits for that.
+// The connection is closed after the script, and the destructor waits for that. A port of 0 is any
+// that is free.
 class ListeningPeer {
  public:
   class Connection {
@@ -59,10 +60,11 @@ class ListeningPeer {
     FileDescriptor descriptor;
   };
 
-  explicit ListeningPeer(std::function<void(Connection&)> script) {
+  explicit ListeningPeer(std::function<void(Connection&)> script, int port = 0) {
     listening.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address = {};
     address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<in_port_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
     EXPECT_EQ(bind(listening.get(), reinterpret_cast<sockaddr*>(&address), size), 0);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/network/LoggingNetworkConnection.h"
+#include "base/network/POP3.h"
 #include "base/systems/unix/UNIXNetworkConnection.h"
 #include "base/systems/unix/UNIXNetworkManager.h"
 
@@ -74,6 +75,17 @@ TEST(NetworkOperations, OfAManagerKeepTheirOrder) {
                  Slot(&Manager::SplitURL),
                  Slot(&Manager::error),
                  Slot(&Manager::Error)});
+}
+
+TEST(NetworkOperations, OfAMailboxKeepTheirOrder) {
+  using StoreText = void (POP3::*)(const char*, int);
+  ExpectInOrder({Slot(&POP3::Connect), Slot(&POP3::Login), Slot(&POP3::GetStat),
+                 Slot(&POP3::BuildMessageList), Slot(&POP3::GetFirstMessage),
+                 Slot(&POP3::GetNextMessage), Slot(&POP3::DeleteMessage), Slot(&POP3::GetMessage),
+                 Slot(&POP3::SendCommand), Slot(&POP3::ReadResponses), Slot(&POP3::ProcessResponse),
+                 Slot(&POP3::Disconnect), Slot(&POP3::CurrentMessageIndex), Slot(&POP3::error),
+                 Slot(static_cast<StoreText>(&POP3::Error))},
+                4);
 }
 
 }  // namespace
