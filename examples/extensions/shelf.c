@@ -6,6 +6,7 @@
                               number if the name was taken; empty if the file cannot be kept
      shelf(list var)          returns how many files there are; list becomes an array, in the order
                               of the names, of structures with the members name and bytes
+     drop(path)               removes a file that the engine has made for the page, such as a mail's
      html(text)               the text as a page shows it: "<" is written "&lt;", and so on
 
    Pages show all input of a visitor through html, and only keep makes a path of it. */
@@ -104,6 +105,16 @@ static void keep(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result
   zpVariable_SetValue(result, path + sizeof folder - 1, -1);
 }
 
+static void drop(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result, void** state) {
+  if (program == NULL) return;
+  (void)state;
+  ZPVARIABLE path = find_argument(program, parameters, "path");
+  if (path == NULL) return;
+  int length;
+  const char* text = zpVariable_Value(path, &length);
+  zpVariable_SetValue_Integer(result, zpFile_Delete(program, ZPFILE_DATA, text, length) == 0);
+}
+
 /* --- Listing ---------------------------------------------------------------------------------- */
 
 static int compare_names(const void* a, const void* b) {
@@ -175,11 +186,13 @@ static void html(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result
 
 static _ZP_EL_Parameter keep_parameters[] = {{NAME("path"), 0}, {NAME("name"), 0}};
 static _ZP_EL_Parameter shelf_parameters[] = {{NAME("list"), _ZP_EL_ByReference}};
+static _ZP_EL_Parameter drop_parameters[] = {{NAME("path"), 0}};
 static _ZP_EL_Parameter html_parameters[] = {{NAME("text"), 0}};
 static _ZP_EL_Function functions[] = {
     {NAME("keep"), 2, keep_parameters, keep},
     {NAME("shelf"), 1, shelf_parameters, shelf},
     {NAME("html"), 1, html_parameters, html},
+    {NAME("drop"), 1, drop_parameters, drop},
     {NULL, 0, 0, NULL, NULL},
 };
 static _ZP_EL_FunctionTable table = {1, functions};
