@@ -12,6 +12,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "base/compiled/VariableHash.h"
@@ -84,7 +85,11 @@ POP3Message::POP3Message(POP3Message&& other) noexcept
       used(std::exchange(other.used, 0)) {}
 
 POP3Message::~POP3Message() {
-  static_cast<void>(CloseFile());
+  try {
+    static_cast<void>(CloseFile());
+  } catch (const std::bad_alloc&) {
+    // What could not be written is lost, as if the message had broken off earlier.
+  }
 }
 
 void POP3Message::OpenFile(File* opened, const char* name) {
@@ -136,24 +141,20 @@ bool POP3Message::headers(const char* name, int length, const char** value, int*
 
 void POP3Message::Append(const char* bytes, int length) {
   if (!file) return;
-  if (length > kFileBuffer - used) Flush();
+  if (length > kFileBuffer - used) WriteAll(file, buffer.get(), std::exchange(used, 0));
   if (length > kFileBuffer) {
-    WriteAll(bytes, length);
+    WriteAll(file, bytes, length);
     return;
   }
   memcpy(buffer.get() + used, bytes, static_cast<size_t>(length));
   used += length;
 }
 
-void POP3Message::Flush() {
-  WriteAll(buffer.get(), std::exchange(used, 0));
-}
-
-void POP3Message::WriteAll(const char* bytes, int length) {
+void POP3Message::WriteAll(File* to, const char* bytes, int length) {
   while (length > 0 && !error_text.data) {
-    const int count = file->Write(bytes, length);
+    const int count = to->Write(bytes, length);
     if (count <= 0) {
-      Error(file->error());
+      Error(to->error());
       return;
     }
     bytes += count;
@@ -163,9 +164,9 @@ void POP3Message::WriteAll(const char* bytes, int length) {
 
 bool POP3Message::CloseFile() {
   if (!file) return true;
-  Flush();
-  delete std::exchange(file, nullptr);
-  buffer.reset();
+  const std::unique_ptr<File> closing(std::exchange(file, nullptr));
+  const std::unique_ptr<char[]> left(std::move(buffer));
+  WriteAll(closing.get(), left.get(), std::exchange(used, 0));
   return !error_text.data;
 }
 
@@ -185,8 +186,11 @@ POP3::POP3(ZephApplication* application, ZephVM* vm, VariableHash* variables,
       default_subject("(no subject)") {}
 
 POP3::~POP3() {
-  Disconnect();
-  messages.clear();
+  try {
+    Disconnect();
+  } catch (const std::bad_alloc&) {
+    // The text of a failed write needs memory. The connection is closed with its owner.
+  }
 }
 
 // The reply is not read: the server has all that it needs, and the script does not wait for it.

@@ -75,8 +75,7 @@ class POP3Message {
  private:
   void SaveHeader(const char* line, int length);
   void Append(const char* bytes, int length);
-  void Flush();
-  void WriteAll(const char* bytes, int length);
+  void WriteAll(File* to, const char* bytes, int length);
 
   std::unique_ptr<POP3HeaderTable> header_table;  // null until there is a header
   String error_text;                              // of the first write that has failed, else null
