@@ -81,6 +81,7 @@ service anvil {
 }
 )";
 
+// Each method is offered on its own port and on those of no method.
 const char kExim[] = R"(
 primary_hostname = mail.example.test
 spool_directory = @DIR@/spool
@@ -91,7 +92,7 @@ exim_group = Debian-exim
 never_users =
 keep_environment =
 deliver_drop_privilege = true
-daemon_smtp_ports = @SMTP@ : @SMTPS@ : @WRONG_SMTPS@ : @WRONG_STARTTLS@
+daemon_smtp_ports = @SMTP@ : @SMTPS@ : @WRONG_SMTPS@ : @WRONG_STARTTLS@ : 10031 : 10032 : 10033 : 10034
 tls_on_connect_ports = @SMTPS@ : @WRONG_SMTPS@
 local_interfaces = 127.0.0.1
 log_selector = +smtp_connection +incoming_port +incoming_interface +tls_cipher
@@ -129,21 +130,25 @@ begin retry
 begin authenticators
 login:
   driver = dovecot
+  server_advertise_condition = ${if match{$received_port}{^1003[234]}{no}{yes}}
   public_name = LOGIN
   server_socket = @DIR@/auth-client
   server_set_id = $auth1
 plain:
   driver = dovecot
+  server_advertise_condition = ${if match{$received_port}{^1003[134]}{no}{yes}}
   public_name = PLAIN
   server_socket = @DIR@/auth-client
   server_set_id = $auth1
 cram:
   driver = dovecot
+  server_advertise_condition = ${if match{$received_port}{^1003[124]}{no}{yes}}
   public_name = CRAM-MD5
   server_socket = @DIR@/auth-client
   server_set_id = $auth1
 digest:
   driver = dovecot
+  server_advertise_condition = ${if match{$received_port}{^1003[123]}{no}{yes}}
   public_name = DIGEST-MD5
   server_socket = @DIR@/auth-client
   server_set_id = $auth1

@@ -1,12 +1,11 @@
 // Real mail servers for a test: Dovecot for POP3 and for passwords, and Exim for SMTP, with two
 // users, an authority and folders of their own, in a network of their own.
 //
-//   POP3     port 110, plain
-//   SMTP     port kSMTP, with STARTTLS; kSMTPS and kWrongSMTPS, TLS from the start
-//   methods  LOGIN PLAIN CRAM-MD5 DIGEST-MD5
-//   users    joe with the password "secret", ann with "pa ss\"w", at example.test
-//
-// The certificate is for localhost, and that of kWrongSMTPS and kWrongSTARTTLS for another name.
+//   POP3    port 110, plain
+//   SMTP    ports kSMTP, and one for each method of authentication, all with STARTTLS; kSMTPS, TLS
+//           from the start. The certificate is for localhost, that of the wrong ports for another
+//           name
+//   users   joe with the password "secret", ann with "pa ss\"w", at example.test
 
 #ifndef ZEPH_TESTS_SUPPORT_MAILSERVERS_H
 #define ZEPH_TESTS_SUPPORT_MAILSERVERS_H
@@ -21,7 +20,11 @@
 
 class MailServers {
  public:
-  static constexpr int kSMTP = 10025;
+  static constexpr int kSMTP = 10025;  // all methods
+  static constexpr int kLogin = 10031;
+  static constexpr int kPlain = 10032;
+  static constexpr int kCramMD5 = 10033;
+  static constexpr int kDigestMD5 = 10034;
   static constexpr int kSMTPS = 10465;
   static constexpr int kWrongSMTPS = 10466;
   static constexpr int kWrongSTARTTLS = 10026;
