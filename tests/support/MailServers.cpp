@@ -318,6 +318,7 @@ std::vector<std::string> MailServers::Mails(const std::string& user) const {
     }
   }
   std::vector<std::string> mails;
+  mails.reserve(by_name.size());
   for (const auto& [name, mail] : by_name) mails.push_back(mail);
   return mails;
 }
