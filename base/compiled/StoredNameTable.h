@@ -121,7 +121,7 @@ class StoredNameTable {
       previous = following;
       following = chain[following];
     }
-    if (steps >= kLongChain && MakeLane(bucket, name_of)) [[unlikely]] {
+    if (steps >= LongChain && MakeLane(bucket, name_of)) [[unlikely]] {
       return InsertByLane(bucket, name, length, name_of);
     }
     Link(bucket, previous, entry);
@@ -142,6 +142,10 @@ class StoredNameTable {
   };
   // The entries of one bucket in the order of its chain; empty for a chain without a lane.
   using Lane = std::vector<int>;
+
+  // An insertion that passes so many entries makes a lane. Each of them is likely to be a miss of
+  // the cache.
+  static constexpr int LongChain = ZEPH_LIMIT(16, 2);
 
   bool IsEntry(int entry) const { return entry >= 0 && entry < entry_count; }
   void MakeHeads();

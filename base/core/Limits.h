@@ -31,9 +31,6 @@ inline constexpr int kFirstStackEntries = ZEPH_LIMIT(16, 2);
 // First bytes of a request body that no parser knows (HTTPContentParser.cpp).
 inline constexpr int kFirstBodyRoom = ZEPH_LIMIT(65536, 8);
 
-// Entries that an insertion may pass before its chain gets a lane (StoredNameTable.h).
-inline constexpr int kLongChain = ZEPH_LIMIT(16, 2);
-
 // Reads of a file before it is mapped (FileWindow.cpp).
 inline constexpr int kReadsBeforeMapping = ZEPH_LIMIT(32, 2);
 
