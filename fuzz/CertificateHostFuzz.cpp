@@ -28,7 +28,7 @@ std::vector<std::string> Labels(const std::string& name) {
   return labels;
 }
 
-// A wildcard is the last byte of the first label, has two labels with text after it, and stands for
+// A wildcard is the last byte of the first label, has two labels with text after it, and matches
 // the rest of one label of the host.
 bool Expected(const std::string& host, const std::string& pattern) {
   if (Lower(host) == Lower(pattern)) return true;

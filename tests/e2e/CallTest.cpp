@@ -357,6 +357,22 @@ TEST_F(Calls, ASecureResponseWithoutALengthEndsWithAnError) {
             "HTTP/1.0 200 ok\n<a>b<c>|SSL Read Error: The remote server closed the connection");
 }
 
+// A write to a peer that has left raises a signal by which the process would end.
+TEST_F(Calls, ASecurePeerThatLeavesDuringAWriteEndsTheCallOnly) {
+  REQUIRE_PROGRAM("/usr/bin/openssl");
+  TLSServer server("names");
+  const std::string url = "https://127.0.0.1:" + std::to_string(server.port()) + "/";
+  for (int i = 0; i < 3; i++) {
+    const std::string page = Call({{"url", url},
+                                   {"method", "RAW"},
+                                   {"fields", "a"},
+                                   {"a", "\nCLOSE\n" + std::string(4 << 20, 'x')},
+                                   {"seconds", "5"}});
+    EXPECT_THAT(page, StartsWith("|Unable to open URL '" + url + "': SSL Read Error: "));
+  }
+  EXPECT_TRUE(engine.Running());
+}
+
 // A server for each certificate, on a port of its own.
 class Certificates {
  public:
