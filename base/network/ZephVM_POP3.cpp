@@ -119,7 +119,7 @@ void ZephVM::MailboxLoop::Report(const String& text, POP3* mailbox) {
 // pop3  ( host user password directory -- )  Logs into the mailbox of a POP3 server and fetches its
 // first message: the whole of it goes to a file in the directory, which is in the data directory,
 // and local variables such as messagesubject describe it. Without a message, and after an error of
-// ZpPOP, the loop is skipped. For all variables see mail_pop3.md.
+// ZpPOP, the loop is skipped. For all variables see mail.md.
 void ZephVM::pop3() {
   MailboxLoop(this).Begin();
 }

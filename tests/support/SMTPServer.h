@@ -32,7 +32,7 @@ class SMTPServer {
 
   static std::string Program() { return InSource("tests/support/smtp_server.py"); }
   int port() const { return bound; }
-  // "mail.1" and so on, "envelope.1" and so on, "commands"; empty without such a file.
+  // "mail.1" and so on, "envelope.1" and so on, "commands", "ended"; empty without such a file.
   std::string Content(const std::string& name) const { return folder.Content(name); }
   std::string path(const std::string& name) const { return folder.path(name); }
 

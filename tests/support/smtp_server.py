@@ -6,7 +6,8 @@ MIME. It shares no code with the engine.
                    [--auth "METHODS"] [--user USER --password PASSWORD]
         Listens on 127.0.0.1 and prints "PORT number". Each mail becomes FOLDER/mail.N, N counting
         from 1, as it came, with the doubled dots taken away; the sender and the recipients are
-        FOLDER/envelope.N. FOLDER/commands has every line that came outside of a mail.
+        FOLDER/envelope.N. FOLDER/commands has every line that came outside of a mail, and
+        FOLDER/ended a line for each connection that has ended.
     smtp_server.py make KIND FILE
         Writes a mail of that kind with the email package, its lines ended by LF.
     smtp_server.py compare FILE FILE
@@ -68,6 +69,8 @@ class Session:
             pass
         finally:
             self.connection.close()
+            with lock, open(os.path.join(self.options["folder"], "ended"), "ab") as ended:
+                ended.write(b"session\n")
 
     def command(self, line):
         text = line.decode("latin-1")

@@ -147,8 +147,11 @@ TEST_F(SMTPOverTheNetwork, ACertificateThatDoesNotFitIsRefusedBeforeAnyPasswordI
                              : "Error establishing SSL connection: certificate verify failed");
       EXPECT_EQ(client->Connection(), nullptr);
       client.reset();
-      // Time for the server to read what there might be.
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      // The server has read all that there is.
+      for (int i = 0; i < 500 && server.Content("ended").empty(); i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      }
+      EXPECT_EQ(server.Content("ended"), "session\n");
       EXPECT_EQ(server.Content("commands"),
                 tls[2] == 't' ? "" : "EHLO " + std::string(host.hostname()) + "\r\nSTARTTLS\r\n");
     }
