@@ -13,6 +13,11 @@
 // and holds no lock. Others may then change the tree. The header's updatecount shows that, and the
 // cursor finds its place again by key and record.
 //
+// A step that needs no other page takes no lock if that would change nothing. At a moment in which
+// no one holds the exclusive lock, the file's header has to be the one in memory, under which the
+// cursor's pages were read. Then the step is the one that a shared lock at that moment would have
+// given. IsCurrent in ZIXIndexFile_Cursor.cpp has the argument.
+//
 // Units: ZIXIndexFile.cpp (life, header and pages), ZIXIndexFile_Cursor.cpp (search and steps),
 // ZIXIndexFile_Insert.cpp, ZIXIndexFile_Delete.cpp.
 
@@ -240,6 +245,10 @@ class ZIXIndexFile {
   void ClearPages();
   bool OnEntry();
   bool Search(const ZIXIndexKey& key, int exact, unsigned* record, int* found);
+  bool NeedsNoPage(int direction);
+  bool IsCurrent();
+  bool HasHeaderOfFile();
+  bool NoteDirection(int direction);
   bool StartStep(const HeaderLock& lock, int direction);
   bool FindPlace();
   bool StepForward(unsigned* record);

@@ -100,13 +100,64 @@ const unsigned char* ZIXIndexFile::current_key() {
   return OnEntry() ? pages.Top()->key(pages.Top()->position) : nullptr;
 }
 
+// True if there is an entry to step from, and the step stays in the pages of the stack: within the
+// page or up to one above.
+bool ZIXIndexFile::NeedsNoPage(int direction) {
+  if (!OnEntry()) return false;
+  const ZIXIndexPage* page = pages.Top();
+  return page->childpage(page->position + (direction > 0)) == 0;
+}
+
+// Returns true if the step that NeedsNoPage allows would be the same under a shared lock: the steps
+// of a scan then cost one query of the lock instead of taking and releasing it. Returns false if it
+// might not be; the step then takes the lock, waits for it, and reports its failure.
+//
+// A change holds the exclusive lock from before its first read until after its last write, which is
+// the raised updatecount. So at the moment t of the query, at which no one holds that lock, the
+// file is between two changes. Let c be the updatecount in memory, under which the pages of the
+// stack were read.
+//
+// - The header is read after t and has c. Counts only rise, so at t it was not above c; and it was
+//   not below, because a file that has had c never has less. The file had c at t, and a step that
+//   locks and unlocks at t sees the header in memory and uses the same pages of the stack.
+// - A change that begins after t may be half written when the header is read. It does not matter:
+//   no page is read, and its count is not raised yet, or the header differs.
+// - A change that is complete before this call has released the lock and raised the count, so it is
+//   seen. One that is going on at t is waited for, because false is returned.
+// - Changes that do not raise the count, such as one that failed, are not seen in the pages of the
+//   stack; nor are they by a step that takes the lock, which trusts the count in the same way.
+//
+// The header may be read while it is written, and the bytes of two counts may mix. Only the carry
+// into a higher byte can make that a wrong count: then the low byte was 0xFF and becomes 0, and
+// every mix has one of the two. With a count in memory that ends so, no step does without the lock.
+bool ZIXIndexFile::IsCurrent() {
+  const unsigned char low = header[ZIXHeader_UpdateCount];
+  return file && updatecount() == cursor_updatecount && low != 0 && low != 0xFF &&
+         file->IsLockable(FileLock_Shared, 0, ZIXHeader_Length) && HasHeaderOfFile();
+}
+
+// The bytes after the expression mean nothing and are left out: the file layer reads a piece that
+// ends in zeros more slowly.
+bool ZIXIndexFile::HasHeaderOfFile() {
+  unsigned char bytes[ZIXHeader_Length];
+  const int length = ZIXHeader_KeyExpression +
+                     static_cast<int>(strlen(reinterpret_cast<const char*>(keyexpression())));
+  return file->Seek(0) == 0 && file->Read(bytes, length) == length &&
+         memcmp(bytes, header.get(), static_cast<size_t>(length)) == 0;
+}
+
+// Always true.
+bool ZIXIndexFile::NoteDirection(int direction) {
+  if (direction != last_direction) descents = 0;
+  last_direction = direction;
+  return true;
+}
+
 // True if there is an entry to step from.
 bool ZIXIndexFile::StartStep(const HeaderLock& lock, int direction) {
   if (!StartReading(lock) || !OnEntry()) return false;
   if (updatecount() != cursor_updatecount && !FindPlace()) return false;
-  if (direction != last_direction) descents = 0;
-  last_direction = direction;
-  return true;
+  return NoteDirection(direction);
 }
 
 // Goes to the entry with the key and record of the current one, in a tree that others may have
@@ -133,8 +184,9 @@ bool ZIXIndexFile::FindPlace() {
 
 bool ZIXIndexFile::_Next(unsigned* record, const unsigned char** key, int lock) {
   *record = 0;
-  HeaderLock held(file, FileLock_Shared, lock);
-  if (!StartStep(held, 1)) return true;
+  const bool is_certain = lock && NeedsNoPage(1) && IsCurrent();
+  HeaderLock held(file, FileLock_Shared, lock && !is_certain);
+  if (!(is_certain ? NoteDirection(1) : StartStep(held, 1))) return true;
   if (!StepForward(record)) return false;
   if (key && pages.Top()) *key = pages.Top()->key(pages.Top()->position);
   return true;
@@ -142,8 +194,9 @@ bool ZIXIndexFile::_Next(unsigned* record, const unsigned char** key, int lock) 
 
 bool ZIXIndexFile::_Prev(unsigned* record, int lock) {
   *record = 0;
-  HeaderLock held(file, FileLock_Shared, lock);
-  return !StartStep(held, -1) || StepBackward(record);
+  const bool is_certain = lock && NeedsNoPage(-1) && IsCurrent();
+  HeaderLock held(file, FileLock_Shared, lock && !is_certain);
+  return !(is_certain ? NoteDirection(-1) : StartStep(held, -1)) || StepBackward(record);
 }
 
 bool ZIXIndexFile::StepForward(unsigned* record) {

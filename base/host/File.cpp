@@ -133,6 +133,10 @@ const String& File::error() {
   return error_text;
 }
 
+bool File::IsLockable(FileLockType, long, long) {
+  return false;
+}
+
 int File::Write(const String& text) {
   return Write(text.data, text.length);
 }

@@ -216,6 +216,9 @@ class File {
   // A null String keeps the older text.
   virtual void Error(const String& text);
   virtual const String& error();
+  // Returns true if at this moment no other open file holds a lock that Lock would have to wait
+  // for. Takes no lock and stores no error text. Returns false if that cannot be known.
+  virtual bool IsLockable(FileLockType type, long start, long length);
 
   int Read(unsigned char* buffer, int length) {
     return Read(reinterpret_cast<char*>(buffer), length);

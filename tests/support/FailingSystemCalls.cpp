@@ -154,6 +154,7 @@ FailingSystemCalls::FailingSystemCalls(long number, int error, Mode mode,
   ZEPH_REPLACE(readdir);
   ZEPH_REPLACE(mmap);
   ZEPH_REPLACE(set_lock);
+  ZEPH_REPLACE(get_lock);
   ZEPH_REPLACE(set_flags);
   ZEPH_REPLACE(duplicate_from);
   ZEPH_REPLACE(flock);

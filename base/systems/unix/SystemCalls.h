@@ -52,6 +52,9 @@ inline int CheckReadable(int directory, const char* path) {
 inline int SetLock(int descriptor, struct flock* range) {
   return ::fcntl(descriptor, F_OFD_SETLK, range);
 }
+inline int GetLock(int descriptor, struct flock* range) {
+  return ::fcntl(descriptor, F_OFD_GETLK, range);
+}
 inline int SetFlags(int descriptor, int flags) {
   return ::fcntl(descriptor, F_SETFL, flags);
 }
@@ -86,6 +89,7 @@ struct SystemCalls {
   dirent* (*readdir)(DIR*) = ::readdir;
   void* (*mmap)(void*, size_t, int, int, int, off_t) = ::mmap;
   int (*set_lock)(int, struct flock*) = SetLock;
+  int (*get_lock)(int, struct flock*) = GetLock;
   int (*set_flags)(int, int) = SetFlags;
   int (*duplicate_from)(int, int) = DuplicateFrom;
   int (*flock)(int, int) = ::flock;

@@ -221,6 +221,16 @@ bool UNIXFile::Lock(FileLockType type, long start, long length) {
   return true;
 }
 
+bool UNIXFile::IsLockable(FileLockType type, long start, long length) {
+  if (descriptor < 0) return false;
+  struct flock range = {};
+  range.l_type = type == FileLock_Exclusive ? F_WRLCK : F_RDLCK;
+  range.l_whence = SEEK_SET;
+  range.l_start = start;
+  range.l_len = length;
+  return system_calls.get_lock(descriptor, &range) == 0 && range.l_type == F_UNLCK;
+}
+
 bool UNIXFile::Release(long start, long length) {
   if (!Ready()) return false;
   struct flock range = {};

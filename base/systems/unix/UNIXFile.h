@@ -52,6 +52,8 @@ class UNIXFile : public File {
   void Release() override;
   bool Activate(String& error) override;
   void Deactivate() override;
+  // Also false for a deactivated file.
+  bool IsLockable(FileLockType type, long start, long length) override;
 
  private:
   struct LockedRange {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <future>
 #include <set>
 #include <string>
@@ -15,6 +16,7 @@
 #include "base/core/Sanitizers.h"
 #include "base/database/XBaseTable.h"
 #include "base/database/ZIXIndexFile.h"
+#include "base/systems/unix/SystemCalls.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TestApplication.h"
@@ -301,6 +303,190 @@ TEST_F(ZIXIndexForeignLock, HasToWaitForOurs) {
   EXPECT_EQ('-', foreign.Do('s'));
   ASSERT_TRUE(file->Release(0, 427));
   EXPECT_EQ('+', foreign.Do('x'));
+}
+
+// --- Steps without a lock ------------------------------------------------------------------------
+
+// "own" has the record 1; here are three more entries of the same page.
+class ZIXIndexStep : public ZIXIndexForeignLock {
+ protected:
+  ZIXIndexStep() {
+    EXPECT_TRUE(Insert(index, "own 2", 2));
+    EXPECT_TRUE(Insert(index, "own 3", 3));
+    EXPECT_TRUE(Insert(index, "own 4", 4));
+    EXPECT_EQ((ZIXIndexFound{true, 1, 2}), Find(index, "own 2"));
+  }
+  ~ZIXIndexStep() override { system_calls = SystemCalls(); }
+  // Counts the locks that are taken from here on.
+  void CountLocks() {
+    locks = 0;
+    system_calls.set_lock = [](int descriptor, struct flock* range) {
+      locks += range->l_type != F_UNLCK;
+      return SetLock(descriptor, range);
+    };
+  }
+  static inline int locks = 0;
+};
+
+TEST_F(ZIXIndexStep, RespectsAForeignLock) {
+  ForeignProcess foreign(directory.path("i.zix"));
+  application.SetCancelled(1);
+  ASSERT_EQ('+', foreign.Do('x'));
+  EXPECT_EQ(0u, Next(index));
+  EXPECT_EQ("Error locking 'i.zix' for read", ErrorText(index));
+  EXPECT_EQ(0u, Prev(index));
+  ASSERT_EQ('+', foreign.Do('s'));
+  EXPECT_EQ(3u, Next(index));
+  EXPECT_EQ(2u, Prev(index));
+  ASSERT_EQ('+', foreign.Do('u'));
+  EXPECT_EQ(1u, Prev(index));
+}
+
+TEST_F(ZIXIndexStep, WaitsForAForeignLock) {
+  for (const bool forward : {true, false}) {
+    ASSERT_EQ((ZIXIndexFound{true, 1, 2}), Find(index, "own 2"));
+    ForeignProcess foreign(directory.path("i.zix"));
+    ASSERT_EQ('+', foreign.Do('x'));
+    std::promise<void> begun;
+    std::future<unsigned> reached = std::async(std::launch::async, [&] {
+      begun.set_value();
+      return forward ? Next(index) : Prev(index);
+    });
+    begun.get_future().wait();
+    // The present entry is gone then: a step that had not waited would reach another one.
+    ASSERT_EQ('+', foreign.Do('w'));
+    ASSERT_EQ('+', foreign.Do('u'));
+    EXPECT_EQ(0u, reached.get());
+    ASSERT_TRUE(index.Create(ZephPath_Data, "i.zix", KeyBytes("key"), 0));
+    for (unsigned record = 1; record <= 4; record++)
+      ASSERT_TRUE(Insert(index, "own " + std::to_string(record), record));
+  }
+}
+
+TEST_F(ZIXIndexStep, SeesWhatOthersHaveDoneBetweenTwoSteps) {
+  ZIXIndexFile other(&application);
+  ASSERT_TRUE(other.Open(ZephPath_Data, "i.zix", 3));
+  ASSERT_TRUE(Insert(other, "own 2a", 5));
+  EXPECT_EQ(5u, Next(index));
+  ASSERT_TRUE(Delete(other, "own 3", 3));
+  EXPECT_EQ(4u, Next(index));
+  ASSERT_TRUE(Insert(other, "own 3a", 6));
+  EXPECT_EQ(6u, Prev(index));
+  ASSERT_TRUE(Delete(other, "own 3a", 6));
+  EXPECT_EQ(0u, Prev(index));
+  // The object's own changes count like those of others.
+  ASSERT_EQ((ZIXIndexFound{true, 1, 2}), Find(index, "own 2"));
+  ASSERT_TRUE(Insert(index, "own 2b", 7));
+  EXPECT_EQ(5u, Next(index));
+  EXPECT_EQ(7u, Next(index));
+}
+
+TEST_F(ZIXIndexStep, ReportsAHeaderThatIsDamagedMeanwhile) {
+  const int file = open(directory.path("i.zix").c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(1, pwrite(file, "X", 1, 0));
+  close(file);
+  EXPECT_EQ(0u, Next(index));
+  EXPECT_EQ("'i.zix' is either corrupt or is not a valid index file", ErrorText(index));
+}
+
+TEST_F(ZIXIndexStep, TakesALockOnlyForAnotherPage) {
+  for (unsigned record = 5; record <= 300; record++)
+    ASSERT_TRUE(Insert(index, "own " + std::to_string(1000 + record), record));
+  const size_t pages = [&] {
+    const std::string content = directory.Content("i.zix");
+    ZIXIndexChecker checker(content);
+    EXPECT_EQ("", checker.Check());
+    return checker.pages.size();
+  }();
+  CountLocks();
+  EXPECT_EQ(300u, Forward(index).size());
+  EXPECT_LE(locks, static_cast<int>(pages));
+  CountLocks();
+  EXPECT_EQ(300u, Backward(index).size());
+  EXPECT_LE(locks, static_cast<int>(pages));
+}
+
+// The low byte of such a count could come from the middle of a write that carries.
+TEST_F(ZIXIndexStep, TakesALockAtACountThatAMixOfTwoCouldBe) {
+  for (unsigned record = 5; record <= 257; record++)
+    ASSERT_TRUE(Insert(index, "own " + std::to_string(1000 + record), record));
+  // Each change raises the count, which was 4; a change at the end leaves the entries here alone.
+  for (unsigned count = 257; count < 520; count++) {
+    ASSERT_EQ(index.updatecount(), count);
+    ASSERT_EQ((ZIXIndexFound{true, 1, 2}), Find(index, "own 2"));
+    CountLocks();
+    EXPECT_EQ(3u, Next(index));
+    EXPECT_EQ(locks, count % 256 == 0 || count % 256 == 255 ? 1 : 0) << count;
+    ASSERT_TRUE(count % 2 ? Insert(index, "~", 9999) : Delete(index, "~", 9999));
+  }
+}
+
+TEST_F(ZIXIndexStep, TakesALockWhereTheSystemCannotTell) {
+  system_calls.get_lock = [](int, struct flock*) {
+    errno = EINVAL;
+    return -1;
+  };
+  CountLocks();
+  EXPECT_EQ(3u, Next(index));
+  EXPECT_EQ(2u, Prev(index));
+  EXPECT_EQ(2, locks);
+}
+
+// A process changes the tree all the time, so that pages are split and merged below a cursor of
+// this one. The entries that stay are met once each, in their order, by every walk.
+TEST(ZIXIndexSharing, WalksBesideAWriterMeetEveryEntryOnce) {
+  constexpr unsigned kStaying = 100;
+  constexpr int kWalks = kAddressSanitizer || kThreadSanitizer ? 20 : 200;
+  TemporaryDirectory directory;
+  Opener reader(directory.path());
+  ASSERT_TRUE(reader.index.Create(ZephPath_Data, "t.zix", KeyBytes("key"), ZIXIndex_Text));
+  const auto key = [](unsigned record) { return std::to_string(1000 + record); };
+  for (unsigned record = 1; record <= kStaying; record++)
+    ASSERT_TRUE(Insert(reader.index, key(record), record));
+  int stop[2];
+  ASSERT_EQ(0, pipe(stop));
+  const pid_t writer = fork();
+  if (writer == 0) {
+    close(stop[1]);
+    fcntl(stop[0], F_SETFL, O_NONBLOCK);
+    Opener opener(directory.path());
+    bool good = opener.index.Open(ZephPath_Data, "t.zix", 3);
+    char byte;
+    for (unsigned round = 0; good && read(stop[0], &byte, 1) != 0; round++) {
+      const unsigned from = round * 37 % (kStaying - 9);
+      for (unsigned i = 0; good && i < 30; i++)
+        good = Insert(opener.index, key(from + i % 10) + "+" + std::to_string(i), 1000 + i);
+      for (unsigned i = 0; good && i < 30; i++)
+        good = Delete(opener.index, key(from + i % 10) + "+" + std::to_string(i), 1000 + i);
+    }
+    _exit(good ? 0 : 1);
+  }
+  close(stop[0]);
+  for (int walk = 0; walk < kWalks; walk++) {
+    const bool forward = walk % 2 == 0;
+    // A cursor whose entry is deleted is at the end, so the walk goes on from the last one that
+    // stays.
+    unsigned expected = forward ? 1 : kStaying, met = 0;
+    unsigned record = forward ? First(reader.index) : Last(reader.index);
+    while (met < kStaying) {
+      if (record == 0) {
+        ASSERT_TRUE(met > 0);
+        const unsigned last = forward ? expected - 1 : expected + 1;
+        ASSERT_EQ((ZIXIndexFound{true, 1, last}), Find(reader.index, key(last)));
+      } else if (record <= kStaying) {
+        ASSERT_EQ(expected, record) << "walk " << walk;
+        forward ? expected++ : expected--;
+        if (++met == kStaying) break;
+      }
+      record = forward ? Next(reader.index) : Prev(reader.index);
+    }
+  }
+  close(stop[1]);
+  int status = 0;
+  ASSERT_EQ(writer, waitpid(writer, &status, 0));
+  EXPECT_EQ(0, status);
+  const std::string content = directory.Content("t.zix");
+  EXPECT_EQ("", ZIXIndexChecker(content).Check());
 }
 
 }  // namespace

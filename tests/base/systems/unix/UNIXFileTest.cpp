@@ -471,6 +471,28 @@ TEST_F(UNIXFileTest, LockSeparatesTwoFilesOfOneProcess) {
   EXPECT_FALSE(Lockable(path("f"), F_WRLCK, 0, 1));
 }
 
+TEST_F(UNIXFileTest, KnowsWhetherALockWouldHaveToWait) {
+  tree.File("f", "x");
+  auto file = Open("f", FileMode_Read | FileMode_Write);
+  auto other = Open("f", FileMode_Read | FileMode_Write);
+  EXPECT_TRUE(file->IsLockable(FileLock_Shared, 0, 10));
+  ASSERT_TRUE(other->Lock(FileLock_Shared, 5, 10));
+  EXPECT_TRUE(file->IsLockable(FileLock_Shared, 0, 10));
+  EXPECT_FALSE(file->IsLockable(FileLock_Exclusive, 0, 10));
+  EXPECT_TRUE(file->IsLockable(FileLock_Exclusive, 0, 5));
+  ASSERT_TRUE(other->Lock(FileLock_Exclusive, 5, 10));
+  EXPECT_FALSE(file->IsLockable(FileLock_Shared, 0, 10));
+  EXPECT_TRUE(file->IsLockable(FileLock_Shared, 0, 5));
+  // Its own locks do not count, and none is taken.
+  EXPECT_TRUE(other->IsLockable(FileLock_Exclusive, 0, 20));
+  EXPECT_FALSE(file->locked());
+  ASSERT_TRUE(other->Release(5, 10));
+  EXPECT_TRUE(file->IsLockable(FileLock_Exclusive, 0, 10));
+  EXPECT_TRUE(Lockable(path("f"), F_WRLCK, 0, 0));
+  files.DeactivateFile(file.get());
+  EXPECT_FALSE(file->IsLockable(FileLock_Shared, 0, 10));
+}
+
 TEST_F(UNIXFileTest, LockWaitsUntilTheOtherThreadReleases) {
   tree.File("f", "x");
   auto first = Open("f", FileMode_Read | FileMode_Write);
