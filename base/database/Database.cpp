@@ -4,6 +4,7 @@
 
 #include "base/database/Database.h"
 
+#include <cstring>
 #include <new>
 #include <utility>
 #include <vector>
@@ -50,6 +51,25 @@ DatabaseVariableHash::~DatabaseVariableHash() {
   DatabaseVariableHash::Dereference();
 }
 
+Variable* DatabaseVariableHash::Find(const char* name, int length) {
+  length = MeasuredLength(name, length);
+  if (length < 1 || length > kRecentName) return HashTable<Variable>::Find(name, length);
+  const auto size = static_cast<size_t>(length);
+  const auto byte = [name](size_t i) { return static_cast<unsigned char>(name[i]); };
+  Recent& place = recent[(byte(0) + 3 * byte(size - 1) + size) % kRecent];
+  if (place.length == length && memcmp(place.name, name, size) == 0) return place.variable;
+  Variable* const found = HashTable<Variable>::Find(name, length);
+  if (!found) return nullptr;
+  place.variable = found;
+  place.length = length;
+  memcpy(place.name, name, size);
+  return found;
+}
+
+void DatabaseVariableHash::Forget() noexcept {
+  for (Recent& place : recent) place.length = 0;
+}
+
 void DatabaseVariableHash::Dump() {
   Dereference();
   HashTable<Variable>::Dump();
@@ -71,6 +91,7 @@ int DatabaseVariableHash::Compare(Variable* variable, const char* key, int lengt
 // The storage stays the variable's own: Make_NULL changes what the object is for all of its
 // holders.
 void DatabaseVariableHash::Dereference() {
+  Forget();
   for (int i = 0; i < high_water; i++) {
     Variable* variable = std::exchange(slots[i], nullptr);
     if (!variable) continue;
@@ -87,6 +108,8 @@ void DatabaseVariableHash::Swap(DatabaseVariableHash& other) noexcept {
   std::swap(capacity, other.capacity);
   std::swap(high_water, other.high_water);
   std::swap(iterator, other.iterator);
+  Forget();
+  other.Forget();
 }
 
 // --- Views ---------------------------------------------------------------------------------------

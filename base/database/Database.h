@@ -42,6 +42,10 @@ class DatabaseVariableHash : public HashTable<Variable> {
   DatabaseVariableHash(const DatabaseVariableHash&) = delete;
   DatabaseVariableHash& operator=(const DatabaseVariableHash&) = delete;
 
+  // As that of the base class. Remembers what it has found: a script looks up the same few fields
+  // for each record, and its code has each name in one spelling.
+  Variable* Find(const char* name, int length);
+
   // Dereferences all variables and empties the table.
   void Dump() override;
   int hash(Variable* variable) override;
@@ -55,6 +59,22 @@ class DatabaseVariableHash : public HashTable<Variable> {
   void Swap(DatabaseVariableHash& other) noexcept;
 
   using HashTable<Variable>::hash;
+
+ private:
+  static constexpr int kRecent = 32;
+  static constexpr int kRecentName = 16;  // bytes; longer names are not remembered
+
+  struct Recent {
+    Variable* variable = nullptr;
+    int length = 0;
+    char name[kRecentName];  // as it was looked up
+  };
+
+  void Forget() noexcept;
+
+  // Each is what a search for that name gives: the earliest variable of a name stays the earliest
+  // when others are added, and Forget is called where variables leave the table.
+  Recent recent[kRecent];
 };
 
 // One view: a current record and the way to other records. The engine makes it and registers it

@@ -587,8 +587,9 @@ on_PopVariable:
     }
     NEXT(1)
   }
-  LEAVE_UNLESS(variable->IsOrdinary() && IsOrdinary(top - 1))
+  LEAVE_UNLESS(variable->IsOrdinary())
   WAKE(variable)
+  if (!IsOrdinary(top - 1)) goto pop_computed;
   if (top[-1].deferred) {
     --top;
     TELL_STACK
@@ -599,6 +600,16 @@ on_PopVariable:
   s->PopV(variable);
   ASK_STACK
   NEXT_AFTER_WORK(1)
+// The source computes its value, as the variables of databases do: as after a handler, any flag may
+// be set.
+pop_computed:
+  TELL_STACK
+  instruction_start = op->start;
+  program_counter = op[1].start;
+  s->PopV(variable);
+  if (stop_flag | RAISED) return;
+  ASK_STACK
+  NEXT(1)
 on_Pop:
   LEAVE_UNLESS(HOLDS_ONE)
   --top;
@@ -842,6 +853,7 @@ on_Handler:
   TELL_STACK
   instruction_start = op->start;
   first_integer = op->first;
+  second_integer = op->second;
   program_counter = op[1].start;
   switch (op->code) {
 #define CALL_InLine(name)

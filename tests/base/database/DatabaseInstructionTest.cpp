@@ -130,6 +130,21 @@ TEST_F(DatabaseInstructions, NamesOfDatabasesFieldsAndViewsHaveNoCase) {
             "3|");
 }
 
+// Code that runs often is decoded, and look-ups are remembered. Neither outlives the database.
+TEST_F(DatabaseInstructions, FieldsInALoopAreThoseOfTheDatabaseThatIsOpen) {
+  constexpr int kRounds = 50;
+  std::string code = "storegi i, 0\nnext:\n", expected;
+  for (const char* path : {"a.dbf", "b.dbf"}) {
+    code += OpenDatabase("p", path) + "pushdc \"p\", \"n\"\npopg v\npushg v\nout\n" + Push("/") +
+            "out\n" + Push(7) + "popdc \"P\", \"N\"\n" + Show("p", "n") +
+            "pushdc \"p\", \"none\"\nout\n" + Skip("p", 1) + Show("p", "n") + Op("dbclose", {"p"}) +
+            Show("p", "n");
+  }
+  code += "incg i, 1\ncmpgi i, " + std::to_string(kRounds) + "\njmp_lt next\n";
+  for (int i = 0; i < kRounds; i++) expected += "1/7|2||10/7|20||";
+  EXPECT_EQ(Page(code), expected);
+}
+
 TEST_F(DatabaseInstructions, UnknownDatabasesAndViewsAreNamed) {
   EXPECT_EQ(ErrorAfter(kOpenBoth + Skip("c", 1), "ZpSKIP_Error"), "Database 'c' is not open");
   EXPECT_EQ(ErrorAfter(kOpenBoth + Push("a") + Push("v") + Push(1) + "dbskip\n", "ZpSKIP_Error"),
