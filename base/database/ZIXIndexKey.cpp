@@ -16,16 +16,30 @@ const char* Chars(const unsigned char* text) {
   return reinterpret_cast<const char*>(text);
 }
 
-// Reads whole numbers of up to 15 digits, which a double holds exactly. Nearly all numbers among
-// keys are of this kind, and strtod is slow.
+// Reads numbers of up to 15 digits, with a point or without. Nearly all numbers among keys are of
+// this kind, and strtod is slow. The digits as a whole number and the power of ten are both exact,
+// so their quotient is the double nearest to the number, which is what strtod gives.
 bool ReadDigits(const unsigned char* text, double* value) {
+  static constexpr double kPowers[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                       1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
   const bool negative = *text == '-';
   if (negative) text++;
   long sum = 0;
   int digits = 0;
-  for (; zp_isdigit(*text) && digits <= 15; text++, digits++) sum = sum * 10 + *text - '0';
+  int before_point = -1;
+  for (; digits <= 15; text++) {
+    if (zp_isdigit(*text)) {
+      sum = sum * 10 + *text - '0';
+      digits++;
+    } else if (*text == '.' && before_point < 0) {
+      before_point = digits;
+    } else {
+      break;
+    }
+  }
   if (*text != 0 || digits == 0 || digits > 15) return false;
   *value = static_cast<double>(sum);
+  if (before_point >= 0) *value /= kPowers[digits - before_point];
   if (negative) *value = -*value;
   return true;
 }

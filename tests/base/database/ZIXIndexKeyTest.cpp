@@ -4,8 +4,13 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <clocale>
+#include <cstdint>
+#include <cstdlib>
+#include <random>
 #include <string>
+#include <vector>
 
 #include "base/database/ZIXIndexFile.h"
 #include "tests/support/ZIXIndexFixture.h"
@@ -67,6 +72,30 @@ TEST(ZIXIndexKey, NumbersCompareByValueAndOtherTextsAreNone) {
   for (const auto& row : cases) {
     SCOPED_TRACE(std::string("'") + row.a + "' with '" + row.b + "'");
     EXPECT_EQ(row.expected, ZIXIndexFile::NumberCompare(KeyBytes(row.a), KeyBytes(row.b)));
+  }
+}
+
+// Most numbers do not need strtod, which is the one that says what they are.
+TEST(ZIXIndexKey, NumbersAreWhatStrtodReads) {
+  std::mt19937_64 random(7);
+  std::vector<std::string> texts = {".5",  "5.", "-.5", "-0.0", "-5.", "1.2.3",
+                                    "..1", "-",  "-.",  "--1",  "1.-2"};
+  for (int i = 0; i < 20000; i++) {
+    std::string text = random() % 3 ? "" : "-";
+    for (unsigned digits = static_cast<unsigned>(random() % 19); digits > 0; digits--)
+      text += static_cast<char>('0' + random() % 10);
+    if (random() % 4) text.insert(random() % (text.size() + 1), ".");
+    texts.push_back(text);
+  }
+  for (const std::string& text : texts) {
+    SCOPED_TRACE(text);
+    const ZIXIndexOrder::Number number = ZIXIndexOrder::Read(KeyBytes(text));
+    char* end = nullptr;
+    const double expected = strtod(text.c_str(), &end);
+    ASSERT_EQ(number.whole, *end == 0);
+    if (number.whole) {
+      ASSERT_EQ(std::bit_cast<uint64_t>(number.value), std::bit_cast<uint64_t>(expected));
+    }
   }
 }
 
