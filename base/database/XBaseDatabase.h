@@ -61,8 +61,8 @@ class XBaseDatabase : public Database {
                    int expressionallocated, int* expressiondeletable, const char* flags,
                    int flagslength, int flagsallocated, int* flagsdeletable) override;
   // Rewrites the table without its deleted records, and its open indexes. A failure before the new
-  // files replace the old ones leaves all files as they were. After a later one some files are new
-  // and some are old; what can be opened is open again.
+  // files replace the old ones leaves all files as they were, and goes to record 1. After a later
+  // one some files are new and some are old; what can be opened is open again.
   bool Pack() override;
   // Rebuilds the open indexes from the table; without any it succeeds at once. Failures as in Pack.
   bool Reindex() override;

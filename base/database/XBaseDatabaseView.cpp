@@ -53,6 +53,7 @@ void XBaseDatabaseView::Init() {
 }
 
 void XBaseDatabaseView::SetupCurrentRecord(XBaseTable& of_table) {
+  (void)of_table.Goto(1);
   SetupCurrentRecord(std::make_unique<Record>(of_table, true));
 }
 

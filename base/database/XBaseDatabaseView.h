@@ -102,9 +102,10 @@ class XBaseDatabaseView : public DatabaseView {
   };
   // Replaces all variables by those of a record. Variables that the script still holds become NULL.
   void SetupCurrentRecord(std::unique_ptr<Record> record) noexcept;
-  // Replaces all variables by those of a table's current record; after std::bad_alloc the old ones
-  // are still there. Date fields get variables that check dates, other than at the opening of a
-  // database, which gives them those of character fields. Scripts rely on both.
+  // Goes to record 1 of a table, if there is one, and replaces all variables by those of its
+  // current record; after std::bad_alloc the old ones are still there. Date fields get variables
+  // that check dates, other than at the opening of a database, which gives them those of character
+  // fields. Scripts rely on both.
   void SetupCurrentRecord(XBaseTable& of_table);
   // Call the operation of that name of all variables.
   void SetOriginal();

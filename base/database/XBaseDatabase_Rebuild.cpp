@@ -14,13 +14,8 @@
 
 namespace {
 
-constexpr int kRecords = 256;  // to copy between two checks of the time limit
-
-bool HasMemos(XBaseTable& table) {
-  XBaseField* field = table.fields().First();
-  while (field && field->type() != XBaseField_Memo) field = table.fields().Next();
-  return field != nullptr;
-}
+constexpr int kRecords = 256;       // to copy between two checks of the time limit
+constexpr int kMemoVersion = 0x83;  // XBaseTable::version() of a table with a memo file
 
 }  // namespace
 
@@ -34,7 +29,7 @@ class XBaseDatabase::Rebuild {
   // Deletes the temporary files that have not replaced their originals, and puts the view's
   // variables of the old table back. Needs no memory for that: there may be none left.
   ~Rebuild() {
-    if (before) of->View()->SetupCurrentRecord(std::move(before));
+    if (before) PutBack();
     made.clear();
     copy.reset();
     for (const XBaseTemporaryFile& file : temporaries) DeleteIfAny(file);
@@ -60,6 +55,7 @@ class XBaseDatabase::Rebuild {
   std::unique_ptr<File> MakeTemporary(const String& original, String* name);
   bool CopyFields(XBaseTable& from);
   bool AddKeys(int record);
+  void PutBack() noexcept;
   void DeleteIfAny(const XBaseTemporaryFile& file) noexcept;
   void TakeNames();
   void OpenAgain();
@@ -107,6 +103,16 @@ void XBaseDatabase::Rebuild::DeleteIfAny(const XBaseTemporaryFile& file) noexcep
   }
 }
 
+// Like every change of the view's table, this goes to record 1. Without memory for that, the record
+// stays.
+void XBaseDatabase::Rebuild::PutBack() noexcept {
+  of->View()->SetupCurrentRecord(std::move(before));
+  try {
+    (void)of->table->Goto(1);
+  } catch (const std::bad_alloc&) {
+  }
+}
+
 bool XBaseDatabase::Rebuild::MakeTable() {
   XBaseTable& old = *of->table;
   before = std::make_unique<XBaseDatabaseView::Record>(old, true);
@@ -114,7 +120,7 @@ bool XBaseDatabase::Rebuild::MakeTable() {
   std::unique_ptr<File> file = MakeTemporary(of->table_path, &path);
   if (!file) return false;
   std::unique_ptr<File> memo;
-  if (HasMemos(old)) {
+  if (old.version() == kMemoVersion) {
     memo = MakeTemporary(old.memo_path(), &memo_path);
     if (!memo) return false;
   }
@@ -122,7 +128,9 @@ bool XBaseDatabase::Rebuild::MakeTable() {
   if (!copy->Create(file.get(), path, memo.get(), memo_path, old.fields()))
     return of->Fail(copy->error());
   (void)file.release();
-  (void)memo.release();
+  // A header may have the version without a memo field. The new one does not, and leaves the memo
+  // file empty.
+  if (copy->version() == kMemoVersion) (void)memo.release();
   return true;
 }
 

@@ -121,6 +121,29 @@ TEST_F(XBaseDatabaseTest, TheRecordsVariablesComeFirstAmongManyFields) {
   EXPECT_EQ(Value("a99"), "");
 }
 
+TEST_F(XBaseDatabaseTest, AFieldIsFoundUnderEverySpellingAgainAndAgain) {
+  std::string specification = "a0 char(1)";
+  for (int i = 1; i < 40; i++) specification += ", a" + std::to_string(i) + " char(1)";
+  ASSERT_TRUE(CreateTable(specification));
+  for (const char* when : {"at first", "again", "after a pack"}) {
+    SCOPED_TRACE(when);
+    for (int i = 0; i < 40; i++) {
+      const std::string number = std::to_string(i);
+      Variable* const field = Field(("a" + number).c_str());
+      EXPECT_EQ(TextOf(field->name()), "A" + number);
+      EXPECT_EQ(Field(("A" + number).c_str()), field);
+      EXPECT_EQ(view().FindField(("a" + number + "x").c_str(), static_cast<int>(number.size()) + 1),
+                field);
+      EXPECT_EQ(view().FindField(("a" + number + "x").c_str(), -1), nullptr);
+    }
+    if (*when == 'a' && when[1] == 'g') {
+      ASSERT_TRUE(database->Pack()) << Error();
+    }
+  }
+  EXPECT_EQ(view().FindField("", 0), nullptr);
+  EXPECT_EQ(view().FindField("a_name_that_is_longer_than_any_field", -1), nullptr);
+}
+
 TEST_F(XBaseDatabaseTest, ADateIsCheckedOnlyAfterAPackOrReindex) {
   ASSERT_TRUE(CreateTable("day date"));
   ASSERT_TRUE(Add({{"day", "20240229"}}));
@@ -194,6 +217,18 @@ TEST_F(XBaseDatabaseTest, WrongFlagsTouchNoFile) {
   EXPECT_FALSE(CreateIndex("i.zix", std::string(401, ' ')));
   EXPECT_EQ(Error(), "Error creating 'i.zix': key expression is too long (maximum 400)");
   EXPECT_EQ(files.files.count("i.zix"), 0u);
+}
+
+// The file is that of the later one, and both write to it: a script has to close an index before it
+// makes it again.
+TEST_F(XBaseDatabaseTest, AnIndexOfANameThatIsOpenIsOpenTwice) {
+  ASSERT_TRUE(CreateTable("a char(3), b char(3)"));
+  ASSERT_TRUE(Add({{"a", "x"}, {"b", "u"}}));
+  ASSERT_TRUE(CreateIndex("i.zix", "d.a"));
+  ASSERT_TRUE(CreateIndex("i.zix", "d.b"));
+  EXPECT_EQ(Pairs(Entries("i.zix")), "u:1");
+  ASSERT_TRUE(Add({{"a", "y"}, {"b", "v"}}));
+  EXPECT_EQ(Pairs(Entries("i.zix")), "u:1 v:2 y:2");
 }
 
 TEST_F(XBaseDatabaseTest, AnIndexThatCannotBeMadeIsNotOpen) {

@@ -109,6 +109,20 @@ TEST_F(XBasePackTest, ATableWithoutMemosHasNoMemoFile) {
   EXPECT_EQ(Value("a"), "x");
 }
 
+// Its header says that there is one, but no field needs it. The new table's header does not say so.
+TEST_F(XBasePackTest, AMemoFileThatNoFieldNeedsIsEmptyAfterwards) {
+  ASSERT_TRUE(CreateTable("a char(3)", "u.dbf"));
+  ASSERT_TRUE(Add({{"a", "x"}}));
+  files.files["u.dbf"][0] = static_cast<char>(0x83);
+  files.files["u.dbt"] = std::string("\1", 512) + "\x1A";
+  ASSERT_TRUE(OpenTable("u.dbf")) << Error();
+  ASSERT_TRUE(database->Pack()) << Error();
+  EXPECT_EQ(files.files["u.dbt"], "");
+  EXPECT_EQ(files.files["u.dbf"][0], 3);
+  EXPECT_EQ(Value("a"), "x");
+  EXPECT_EQ(files.open_now, 1);
+}
+
 TEST_F(XBasePackTest, AnEmptyTableStaysEmpty) {
   ASSERT_TRUE(CreateTable("a char(3)", "u.dbf"));
   ASSERT_TRUE(CreateIndex("u.zix", "d.a"));
@@ -196,9 +210,13 @@ TEST_F(XBasePackTest, AMemoThatCannotBeReadFailsThePack) {
   ASSERT_EQ(table.substr(block, 10), "         1");
   table.replace(block, 10, "1999999999");
   const auto before = files.files;
+  ASSERT_TRUE(Go(4));
   EXPECT_FALSE(database->Pack());
   EXPECT_EQ(Error().substr(0, 26), "Error reading from 't.dbt'");
   EXPECT_EQ(files.files, before);
+  // The old table is there again, at its first record.
+  EXPECT_EQ(Place(), "1");
+  EXPECT_EQ(Value("name"), "d");
 }
 
 TEST_F(XBasePackTest, AUniqueKeyThatOccursTwiceFailsTheReindex) {
