@@ -16,10 +16,11 @@
 
 #include "base/core/ThreadMemory.h"
 #include "base/extensions/ExternalCall.h"
-#include "base/extensions/ExternalLibrary.h"
 #include "base/host/BufferedOutput.h"
 #include "base/machine/ZephVM.h"
 #include "base/values/Variable.h"
+#include "fuzz/FunctionLibraries.h"
+#include "fuzz/Input.h"
 #include "fuzz/Watchdog.h"
 #include "tests/support/LoadedScript.h"
 #include "tests/support/RebuildFiles.h"
@@ -34,31 +35,6 @@ constexpr int kMostSeconds = 20;      // a run, on a busy machine, after 12 ms o
 void Require(bool condition) {
   if (!condition) abort();
 }
-
-// The input; bytes are taken from its front.
-class Input {
- public:
-  Input(const uint8_t* data, size_t size) : next(data), left(size) {}
-
-  size_t size() const { return left; }
-  unsigned Byte() {
-    if (left == 0) return 0;
-    left--;
-    return *next++;
-  }
-  unsigned Word() {
-    const unsigned low = Byte();
-    return low | Byte() << 8;
-  }
-  template <size_t count>
-  const char* Pick(const char* const (&pool)[count]) {
-    return pool[Byte() % count];
-  }
-
- private:
-  const uint8_t* next;
-  size_t left;
-};
 
 // --- Files ---------------------------------------------------------------------------------------
 
@@ -112,23 +88,6 @@ _ZP_EL_FunctionTable library_table = {1, library_functions};
 _ZP_EL_FunctionTable* LibraryTable() {
   return &library_table;
 }
-
-class Library : public ExternalLibrary {
- public:
-  bool Load(const char* path) override {
-    library_path.assign(path, -1);
-    return true;
-  }
-  void* Get_Function(const char*) override { return reinterpret_cast<void*>(&LibraryTable); }
-};
-
-class LibraryManager : public ExternalLibraryManager {
- public:
-  ExternalLibrary* Load(const char* path) override {
-    auto library = std::make_unique<Library>();
-    return library->Load(path) ? library.release() : nullptr;
-  }
-};
 
 // --- Scripts -------------------------------------------------------------------------------------
 
@@ -407,7 +366,7 @@ bool IsRefused(size_t) {
 
 // From the load of the script to the end of its machine and tables.
 void RunScript(Files* files, const char* name, Watchdog* watchdog) {
-  LibraryManager libraries;
+  FunctionLibraries libraries(LibraryTable);
   NullOutput output(nullptr);
   TestApplication application;
   application.SetLibraryManager(&libraries);

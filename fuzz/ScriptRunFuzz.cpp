@@ -12,7 +12,6 @@
 #include "base/core/UFCrypt.h"
 #include "base/core/zptime.h"
 #include "base/extensions/ExternalCall.h"
-#include "base/extensions/ExternalLibrary.h"
 #include "base/host/BufferedOutput.h"
 #include "base/host/Config.h"
 #include "base/machine/ZephVM.h"
@@ -21,6 +20,7 @@
 #include "base/values/LogRecord.h"
 #include "base/values/Variable.h"
 #include "base/values/VariableRef.h"
+#include "fuzz/FunctionLibraries.h"
 #include "fuzz/ScriptMutator.h"
 #include "fuzz/ScriptRunSeeds.h"
 #include "fuzz/Watchdog.h"
@@ -96,23 +96,6 @@ _ZP_EL_FunctionTable library_table = {1, library_functions};
 _ZP_EL_FunctionTable* LibraryTable() {
   return &library_table;
 }
-
-class Library : public ExternalLibrary {
- public:
-  bool Load(const char* path) override {
-    library_path.assign(path, -1);
-    return true;
-  }
-  void* Get_Function(const char*) override { return reinterpret_cast<void*>(&LibraryTable); }
-};
-
-class LibraryManager : public ExternalLibraryManager {
- public:
-  ExternalLibrary* Load(const char* path) override {
-    auto library = std::make_unique<Library>();
-    return library->Load(path) ? library.release() : nullptr;
-  }
-};
 
 // --- A run ---------------------------------------------------------------------------------------
 
@@ -240,7 +223,7 @@ void Run(const std::string& file, Watchdog* watchdog) {
   files.files["s"] = file;
   files.files["c"] = files.files["d"] = other;
   files.files["f"] = "1,one\n2,two\\n,2\r\n\n3,three\r4";
-  LibraryManager libraries;
+  FunctionLibraries libraries(LibraryTable);
   NullOutput output(nullptr);
   Application application;
   application.SetLibraryManager(&libraries);

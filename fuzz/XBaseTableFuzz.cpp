@@ -10,6 +10,7 @@
 #include "base/core/LittleEndian.h"
 #include "base/database/XBaseMemoField.h"
 #include "base/database/XBaseTable.h"
+#include "fuzz/Input.h"
 #include "tests/support/FaultyFile.h"
 #include "tests/support/TestApplication.h"
 
@@ -18,34 +19,6 @@ namespace {
 void Require(bool condition) {
   if (!condition) abort();
 }
-
-// The input; bytes are taken from its front.
-class Input {
- public:
-  Input(const uint8_t* data, size_t size) : next(data), left(size) {}
-
-  size_t size() const { return left; }
-  unsigned Byte() {
-    if (left == 0) return 0;
-    left--;
-    return *next++;
-  }
-  unsigned Word() {
-    const unsigned low = Byte();
-    return low | Byte() << 8;
-  }
-  std::string Bytes(size_t count) {
-    count = count < left ? count : left;
-    std::string bytes(reinterpret_cast<const char*>(next), count);
-    next += count;
-    left -= count;
-    return bytes;
-  }
-
- private:
-  const uint8_t* next;
-  size_t left;
-};
 
 struct Files {
   std::string table, memos;
