@@ -28,24 +28,44 @@ const Row kBob = {"Bob", "-3", "20231231", "F", std::string(600, 'b')};
 const Row kCid = {"Cid", "7", "20221130", "T", std::string(700, 'c')};
 const Row kDan = {"Dan", "8", "20200229", "F", ""};
 
-// A host on a directory, and a table of it.
-struct OpenTable : Host {
-  explicit OpenTable(const TemporaryDirectory& directory)
+// A host on the data directory of a test.
+struct DataHost : Host {
+  explicit DataHost(const TemporaryDirectory& directory)
       : configured(files.InitializeDataDirectory(directory.path("data").c_str())) {}
 
   bool configured;
+};
+
+class DataSweeps : public Sweeps {
+ protected:
+  void EmptyData() {
+    fs::remove_all(directory.path("data"));
+    directory.Directory("data");
+  }
+};
+
+struct OpenTable : DataHost {
+  using DataHost::DataHost;
+
+  bool Create() {
+    std::unique_ptr<List<XBaseField>> columns;
+    {
+      const FailingAllocator::Pause pause;
+      columns = ColumnList(AllTypes());
+    }
+    return table.Create(ZephPath_Data, "t.dbf", "", 0, *columns);
+  }
+
   XBaseTable table{&application};
 };
 
-class TablesUnderFailures : public Sweeps {
+class TablesUnderFailures : public DataSweeps {
  protected:
   void StartOver() {
     done = Done();
-    fs::remove_all(directory.path("data"));
-    directory.Directory("data");
+    EmptyData();
     OpenTable made(directory);
-    auto columns = ColumnList(AllTypes());
-    ASSERT_TRUE(made.table.Create(ZephPath_Data, "t.dbf", "", 0, *columns));
+    ASSERT_TRUE(made.Create());
     for (const Row& row : {kAnn, kBob}) ASSERT_TRUE(AppendRow(made.table, row));
   }
   // The values of a record; the text of the failure if it cannot be read.
@@ -136,19 +156,13 @@ TEST_F(TablesUnderFailures, RecordsAreOldOrNewAndAcknowledgedOnesAreThere) {
 TEST_F(TablesUnderFailures, ATableThatIsMadeIsWholeOrItsCreationFails) {
   bool made = false;
   ExpectBothSweeps({[&] {
-                      fs::remove_all(directory.path("data"));
-                      directory.Directory("data");
+                      EmptyData();
                       made = false;
                     },
                     [&] {
                       OpenTable host(directory);
                       if (!host.configured) return;
-                      std::unique_ptr<List<XBaseField>> columns;
-                      {
-                        const FailingAllocator::Pause pause;
-                        columns = ColumnList(AllTypes());
-                      }
-                      made = host.table.Create(ZephPath_Data, "t.dbf", "", 0, *columns);
+                      made = host.Create();
                       if (!made) NeedText(host.table.error());
                     },
                     [&](const SystemCallFault&) {
@@ -163,23 +177,20 @@ TEST_F(TablesUnderFailures, ATableThatIsMadeIsWholeOrItsCreationFails) {
 
 // --- Indexes -------------------------------------------------------------------------------------
 
-// A host on a directory, and an index of it.
-struct OpenIndex : Host {
-  explicit OpenIndex(const TemporaryDirectory& directory)
-      : configured(files.InitializeDataDirectory(directory.path("data").c_str())) {}
+struct OpenIndex : DataHost {
+  using DataHost::DataHost;
 
-  bool configured;
   ZIXIndexFile index{&application};
 };
 
-class IndexesUnderFailures : public Sweeps {
+class IndexesUnderFailures : public DataSweeps {
  protected:
   static std::string Key(unsigned record) { return "key " + std::to_string(100 + record); }
   using Records = std::set<unsigned>;
 
   // Pages of at most 4 entries, so that most changes reach several.
   void StartOver(unsigned count) {
-    fs::remove_all(directory.path("data"));
+    EmptyData();
     directory.File("data/i.zix", EmptyZIXIndex({ZIXIndex_Text, 4, 432, 24}));
     OpenIndex host(directory);
     ASSERT_TRUE(host.index.Open(ZephPath_Data, "i.zix", 3));
@@ -320,8 +331,7 @@ TEST_F(IndexesUnderFailures, AReaderThatEndsEarlyHasAText) {
 TEST_F(IndexesUnderFailures, AnIndexThatIsMadeIsWholeOrItsCreationFails) {
   bool made = false;
   ExpectBothSweeps({[&] {
-                      fs::remove_all(directory.path("data"));
-                      directory.Directory("data");
+                      EmptyData();
                       made = false;
                     },
                     [&] {
