@@ -1,14 +1,12 @@
 // The older functions for extension libraries. Tested in tests/api/3xapiTest.cpp.
 
-#include "api/3xapi.h"
+#include "api/zeph.h"
 
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "api/FileLocation.h"
-#include "api/zpFile.h"
-#include "api/zpVariable.h"
 #include "base/compiled/VariableHash.h"
 #include "base/core/LinkBuffer.h"
 #include "base/host/File.h"
@@ -80,7 +78,7 @@ ZPVARIABLE zeph_variable_new(const char* name, const char* value) {
   return new Variable(name, -1, value, -1);
 }
 void zeph_variable_delete(ZPVARIABLE variable) {
-  variable->DecRefCount();
+  zpVariable_Free(variable);
 }
 
 ZPVARIABLE zeph_variable_array_element(ZPVARIABLE array, int index) {
@@ -89,12 +87,12 @@ ZPVARIABLE zeph_variable_array_element(ZPVARIABLE array, int index) {
 ZPVARIABLE zeph_variable_structure_member(ZPVARIABLE structure, const char* name) {
   return structure->Element(AggregateIndex(name, -1), 0);
 }
-void zeph_variable_set_array_element_value(ZPVARIABLE array, int index, const char* value) {
-  array->Element(AggregateIndex(index), 1)->SetValue(value, -1);
+void zeph_variable_set_array_element_value(ZPVARIABLE array, int index, const char* text) {
+  array->Element(AggregateIndex(index), 1)->SetValue(text, -1);
 }
 void zeph_variable_set_structure_member_value(ZPVARIABLE structure, const char* name,
-                                              const char* value) {
-  structure->Element(AggregateIndex(name, -1), 1)->SetValue(value, -1);
+                                              const char* text) {
+  structure->Element(AggregateIndex(name, -1), 1)->SetValue(text, -1);
 }
 int zeph_variable_array_elements(ZPVARIABLE array) {
   return array->ElementsUsed();
@@ -122,7 +120,7 @@ ZPVARIABLELIST zeph_variablelist_new(void) {
   return new VariableList;
 }
 void zeph_variablelist_delete(ZPVARIABLELIST list) {
-  list->Destroy();
+  zpVariableList_Free(list);
 }
 void zeph_variablelist_dump(ZPVARIABLELIST list) {
   list->Dump();
@@ -190,15 +188,49 @@ void zeph_variabletree_insert(ZPVARIABLEHASH tree, ZPVARIABLE variable) {
   tree->Insert(variable);
 }
 
+// --- Network -------------------------------------------------------------------------------------
+
+int zeph_network_isipaddress(ZPPROGRAM program, const char* text) {
+  return zpNetwork_Is_IP_Address(program, text);
+}
+int zeph_network_gethostaddress(ZPPROGRAM program, const char* name, char* buffer, int size) {
+  return zpNetwork_Get_Host_Address(program, name, buffer, size);
+}
+ZPNETWORK zeph_network_connect(ZPPROGRAM program, const char* host, int port, int timeout) {
+  return zpNetwork_Connect(program, host, port, timeout);
+}
+ZPNETWORK zeph_network_openurl(ZPPROGRAM program, const char* url, const char* method,
+                               const char* body, const char* content_type, int body_length,
+                               int timeout) {
+  return zpNetwork_Open_URL(program, url, method, body, content_type, body_length, nullptr, nullptr,
+                            nullptr, nullptr, nullptr, 0, timeout);
+}
+int zeph_network_read(ZPNETWORK connection, char* buffer, int length, int timeout) {
+  return zpNetwork_Read(connection, buffer, length, timeout);
+}
+int zeph_network_readline(ZPNETWORK connection, char* buffer, int length, int timeout) {
+  return zpNetwork_Read_Line(connection, buffer, length, timeout);
+}
+int zeph_network_write(ZPNETWORK connection, const char* bytes, int length, int timeout) {
+  return zpNetwork_Write(connection, bytes, length, timeout);
+}
+void zeph_network_close(ZPNETWORK connection) {
+  zpNetwork_Close(connection);
+}
+const char* zeph_network_error(ZPPROGRAM program, ZPNETWORK connection) {
+  const char* text = zpNetwork_Error(program, connection, nullptr);
+  return text ? text : "";
+}
+
 // --- Files ---------------------------------------------------------------------------------------
 
 Zeph_PathType __zeph_file_location(int location) {
   return location == ZPFILE_SCRIPT ? ZephPath_Script : ZephPath_Data;
 }
 
-int zeph_file_resolve(ZPPROGRAM program, int, const char*) {
+char* zeph_file_resolve(ZPPROGRAM program, int, const char*) {
   Files(program)->Error("zeph_file_resolve is no longer supported");
-  return 0;
+  return nullptr;
 }
 ZPFILE zeph_file_open(ZPPROGRAM program, int location, const char* path, int flags) {
   return Files(program)->Open(__zeph_file_location(location), path, flags);
@@ -237,7 +269,7 @@ int zeph_file_mode(ZPPROGRAM program, int location, const char* path) {
 int zeph_file_changemode(ZPPROGRAM program, int location, const char* path, int mode) {
   return Status(Files(program)->ChangeMode(__zeph_file_location(location), path, mode));
 }
-char zeph_file_pathseparator(ZPPROGRAM program) {
+int zeph_file_pathseparator(ZPPROGRAM program) {
   return Files(program)->pathseparator();
 }
 int zeph_file_read(ZPFILE file, char* buffer, int length) {
@@ -249,7 +281,7 @@ int zeph_file_write(ZPFILE file, const char* bytes, int length) {
 int zeph_file_seek(ZPFILE file, long position) {
   return zpFile_Seek(file, position);
 }
-int zeph_file_tell(ZPFILE file) {
+long zeph_file_tell(ZPFILE file) {
   return zpFile_Tell(file);
 }
 long zeph_file_length(ZPFILE file) {

@@ -1,6 +1,6 @@
 // The functions for configuration libraries. Tested in tests/config/LibraryTest.cpp.
 
-#include "api/zpConfig.h"
+#include "api/zeph.h"
 
 #include "base/extensions/ExternalConfig.h"
 

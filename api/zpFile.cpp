@@ -1,6 +1,6 @@
 // The functions for files. Tested in tests/api/zpFileTest.cpp.
 
-#include "api/zpFile.h"
+#include "api/zeph.h"
 
 #include <cstring>
 
@@ -61,19 +61,29 @@ Zeph_PathType __zpFile_Location(ZPPROGRAM program, int location, const char* pat
 
 // --- Paths ---------------------------------------------------------------------------------------
 
-int zpFile_Resolve(ZPPROGRAM program, int, const char*, int) {
+char* zpFile_Resolve(ZPPROGRAM program, int, const char*, int) {
   Files(program)->Error("zpFile_Resolve is no longer supported");
-  return 0;
+  return nullptr;
 }
 
 ZPFILE zpFile_Open(ZPPROGRAM program, int location, const char* path, int length, int flags) {
   const Place place(program, location, path, length);
   return Files(program)->Open(place.type, place.text(), flags);
 }
-ZPFILE zpFile_MakeTemporary(ZPPROGRAM program, int location, const char* directory, int length,
-                            const char* prefix, char** name, int flags) {
-  const Place place(program, location, directory, length);
-  return Files(program)->MakeTemporary(place.type, place.text(), prefix, name, flags);
+ZPFILE zpFile_MakeTemporary(ZPPROGRAM program, int location, const char* directory,
+                            int directorylength, const char* prefix, int prefixlength, char** name,
+                            int flags) {
+  const Place place(program, location, directory, directorylength);
+  const String begin(prefix, prefixlength);
+  char* path = nullptr;
+  File* const file = Files(program)->MakeTemporary(place.type, place.text(),
+                                                   begin.data ? begin.data : "", &path, flags);
+  if (file && name) {
+    *name = path;
+  } else {
+    delete[] path;
+  }
+  return file;
 }
 int zpFile_Delete(ZPPROGRAM program, int location, const char* path, int length) {
   const Place place(program, location, path, length);
@@ -144,24 +154,24 @@ int zpFile_RemoveDirectory(ZPPROGRAM program, int location, const char* path, in
   return Status(Files(program)->RemoveDirectory(place.type, place.text()));
 }
 int zpDirectory_Listing(ZPPROGRAM program, int location, const char* path, int length,
-                        ZPVARIABLELIST list) {
+                        ZPVARIABLELIST names) {
   const Place place(program, location, path, length);
-  List<String> names(1);
-  if (!Files(program)->DirectoryListing(place.type, place.text(), &names)) return -1;
-  for (String* name = names.First(); name; name = names.Next()) {
-    list->Insert(new Variable(nullptr, 0, name->data, name->length), ListTail, 0);
+  List<String> entries(1);
+  if (!Files(program)->DirectoryListing(place.type, place.text(), &entries)) return -1;
+  for (String* name = entries.First(); name; name = entries.Next()) {
+    names->Insert(new Variable(nullptr, 0, name->data, name->length), ListTail, 0);
   }
   return 0;
 }
-char zpFile_Path_Separator(ZPPROGRAM program) {
+int zpFile_Path_Separator(ZPPROGRAM program) {
   return Files(program)->pathseparator();
 }
 char* zpFile_NormalizePath(ZPPROGRAM program, int location, const char* path, int length,
-                           int* resultlength) {
+                           int* outlength) {
   const Place place(program, location, path, length);
   int own_length, allocated;
-  return Files(program)->NormalizeContainedPath(
-      place.type, place.text(), resultlength ? resultlength : &own_length, &allocated);
+  return Files(program)->NormalizeContainedPath(place.type, place.text(),
+                                                outlength ? outlength : &own_length, &allocated);
 }
 
 // --- Open files ----------------------------------------------------------------------------------
@@ -175,7 +185,7 @@ int zpFile_Write(ZPFILE file, const char* bytes, int length) {
 int zpFile_Seek(ZPFILE file, long position) {
   return file->Seek(position);
 }
-int zpFile_Tell(ZPFILE file) {
+long zpFile_Tell(ZPFILE file) {
   return file->Tell();
 }
 long zpFile_Length(ZPFILE file) {

@@ -1,6 +1,6 @@
 // The functions for growing texts. Tested in tests/api/zpLinkBufferTest.cpp.
 
-#include "api/zpLinkBuffer.h"
+#include "api/zeph.h"
 
 #include "base/core/LinkBuffer.h"
 
@@ -10,11 +10,11 @@ ZPLINKBUFFER zpLinkBuffer_Allocate(int first, int next) {
 void zpLinkBuffer_Free(ZPLINKBUFFER buffer) {
   delete buffer;
 }
-void zpLinkBuffer_Concat_String(ZPLINKBUFFER buffer, const char* text, int length) {
-  buffer->cat(text, length);
+void zpLinkBuffer_Concat_String(ZPLINKBUFFER buffer, const char* bytes, int length) {
+  buffer->cat(bytes, length);
 }
-void zpLinkBuffer_Concat_String_Nocopy(ZPLINKBUFFER buffer, char* text, int length, int allocated) {
-  buffer->cat_nocopy(text, length, allocated);
+void zpLinkBuffer_Concat_String_Nocopy(ZPLINKBUFFER buffer, char* bytes, int used, int allocated) {
+  buffer->cat_nocopy(bytes, used, allocated);
 }
 void zpLinkBuffer_Concat_Char(ZPLINKBUFFER buffer, char c) {
   buffer->cat(&c, 1);
@@ -31,14 +31,14 @@ void zpLinkBuffer_Concat_Double(ZPLINKBUFFER buffer, double value) {
 void zpLinkBuffer_Concat_Variable(ZPLINKBUFFER buffer, ZPVARIABLE variable) {
   buffer->cat(variable);
 }
-char* zpLinkBuffer_Release(ZPLINKBUFFER buffer, int* length, int* allocated) {
+char* zpLinkBuffer_Release(ZPLINKBUFFER buffer, int* length, int* allocated, int extra) {
   int own_length;
   if (!length) length = &own_length;
-  char* text = buffer->release(length, allocated, 1);
-  text[*length] = '\0';
+  char* text = buffer->release(length, allocated, extra > 0 ? extra : 0);
+  if (extra > 0) text[*length] = '\0';
   return text;
 }
-const char* zpLinkBuffer_Data(ZPLINKBUFFER buffer, int* length) {
+char* zpLinkBuffer_Data(ZPLINKBUFFER buffer, int* length, int* allocated) {
   int own_length;
-  return buffer->data(length ? length : &own_length, nullptr);
+  return buffer->data(length ? length : &own_length, allocated);
 }

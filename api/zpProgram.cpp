@@ -1,9 +1,10 @@
 // The functions for the running script. Tested in tests/api/zpProgramTest.cpp.
 
-#include "api/zpProgram.h"
+#include "api/zeph.h"
 
 #include "api/FileLocation.h"
 #include "base/compiled/VariableHash.h"
+#include "base/core/MeasuredLength.h"
 #include "base/core/Output.h"
 #include "base/extensions/ExternalCall.h"
 #include "base/extensions/SystemLibrary.h"
@@ -19,9 +20,17 @@ ZephApplication* Host(ZPPROGRAM program) {
 
 // Runs a conversion whose out-parameters must not be null, with ones that may be.
 template <class Conversion>
-char* Convert(Conversion convert, int* length, int* size) {
+char* Convert(Conversion convert, int* length, int* outsize) {
   int own_length, own_size;
-  return convert(length ? length : &own_length, size ? size : &own_size);
+  return convert(length ? length : &own_length, outsize ? outsize : &own_size);
+}
+
+bool BreaksHeader(const char* text, int length) {
+  length = MeasuredLength(text, length);
+  for (int i = 0; i < length; i++) {
+    if (text[i] == '\r' || text[i] == '\n' || text[i] == '\0') return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -48,8 +57,9 @@ int zpProgram_Compare(ZPPROGRAM, ZPVARIABLE left, ZPVARIABLE right) {
   return ZephVM::Compare(left, right);
 }
 
-void zpProgram_SetProcessName(ZPPROGRAM program, const char* name) {
-  Host(program)->SetProcessName(name);
+void zpProgram_SetProcessName(ZPPROGRAM program, const char* name, int length) {
+  const String text(name, length);
+  Host(program)->SetProcessName(text.data ? text.data : "");
 }
 void zpProgram_SetLanguage(ZPPROGRAM program, const char* language, int length) {
   Host(program)->SetLanguage(String(language, length));
@@ -72,15 +82,21 @@ int zpProgram_CharacterSetIsUTF8(ZPPROGRAM program) {
   return Host(program)->CharacterSetIsUTF8();
 }
 
-char* zpProgram_Allocate(ZPPROGRAM, int size) {
+void* zpProgram_Allocate(ZPPROGRAM, int size) {
   return new char[size > 0 ? static_cast<size_t>(size) : 0];
 }
-void zpProgram_Free(ZPPROGRAM, char* memory) {
-  delete[] memory;
+void zpProgram_Free(ZPPROGRAM, void* memory) {
+  delete[] static_cast<char*>(memory);
 }
 
 int zpProgram_Output_Header(ZPPROGRAM program, const char* name, int namelength, int nameowned,
                             const char* value, int valuelength, int valueowned) {
+  // Such a byte would end the field, and what follows it would be a field of its own.
+  if (BreaksHeader(name, namelength) || BreaksHeader(value, valuelength)) {
+    if (nameowned) delete[] name;
+    if (valueowned) delete[] value;
+    return 0;
+  }
   return Host(program)->output()->Header(name, namelength, nameowned, value, valuelength,
                                          valueowned);
 }
@@ -91,35 +107,35 @@ int zpProgram_Output_Flush(ZPPROGRAM program) {
   return Host(program)->output()->Flush();
 }
 
-char* zpProgram_Attribute_Encode(ZPPROGRAM, const char* text, int length, int* resultlength,
-                                 int* size) {
+char* zpProgram_Attribute_Encode(ZPPROGRAM, const char* text, int length, int* outlength,
+                                 int* outsize) {
   return Convert(
       [=](int* l, int* s) { return ZephApplication::EncodeAttribute(text, length, l, s); },
-      resultlength, size);
+      outlength, outsize);
 }
-char* zpProgram_Attribute_Decode(ZPPROGRAM, const char* text, int length, int* resultlength,
-                                 int* size) {
+char* zpProgram_Attribute_Decode(ZPPROGRAM, const char* text, int length, int* outlength,
+                                 int* outsize) {
   return Convert(
       [=](int* l, int* s) { return ZephApplication::DecodeAttribute(text, length, l, s); },
-      resultlength, size);
+      outlength, outsize);
 }
-char* zpProgram_Entity_Encode(ZPPROGRAM, const char* text, int length, int* resultlength,
-                              int* size) {
+char* zpProgram_Entity_Encode(ZPPROGRAM, const char* text, int length, int* outlength,
+                              int* outsize) {
   return Convert(
       [=](int* l, int* s) { return ZephApplication::EncodeEntities(text, length, l, s); },
-      resultlength, size);
+      outlength, outsize);
 }
-char* zpProgram_Entity_Decode(ZPPROGRAM, const char* text, int length, int* resultlength,
-                              int* size) {
+char* zpProgram_Entity_Decode(ZPPROGRAM, const char* text, int length, int* outlength,
+                              int* outsize) {
   return Convert(
       [=](int* l, int* s) { return ZephApplication::DecodeEntities(text, length, l, s); },
-      resultlength, size);
+      outlength, outsize);
 }
 char* zpProgram_JavaScriptString_Encode(ZPPROGRAM program, const char* text, int length,
-                                        int* resultlength, int* size) {
+                                        int* outlength, int* outsize) {
   return Convert(
       [=](int* l, int* s) { return Host(program)->EncodeJavaScriptString(text, length, l, s); },
-      resultlength, size);
+      outlength, outsize);
 }
 char* zpProgram_MakeSessionID(ZPPROGRAM program, int* length) {
   int own_length;
@@ -159,13 +175,13 @@ void zpProgram_Sleep(ZPPROGRAM program, int milliseconds) {
   Host(program)->Sleep(milliseconds);
 }
 void zpProgram_Asynchronous_Sleep(ZPPROGRAM program, long wakeat, int location, const char* path,
-                                  int length) {
+                                  int pathlength) {
   if (!path) {
     Host(program)->AsynchronousSleep(wakeat, ZephPath_Data, nullptr);
     return;
   }
   String place;
-  const Zeph_PathType type = __zpFile_Location(program, location, path, length, place);
+  const Zeph_PathType type = __zpFile_Location(program, location, path, pathlength, place);
   Host(program)->AsynchronousSleep(wakeat, type, place.data);
 }
 int zpProgram_FatalError(ZPPROGRAM program, const char* message, int length) {

@@ -1,15 +1,15 @@
 // The functions for system libraries. Tested in tests/api/zpProgramTest.cpp.
 
-#include "api/zpSystemLibrary.h"
+#include "api/zeph.h"
 
 #include "base/extensions/ExternalLibrary.h"
 #include "base/extensions/SystemLibrary.h"
 #include "base/host/ZephApplication.h"
 #include "base/machine/ZephVM.h"
 
-void* zpSystemLibrary_GetFunction(ZPSYSTEMLIBRARY library, const char* name) {
+void* zpSystemLibrary_GetFunction(ZPSYSTEMLIBRARY library, const char* symbol) {
   ExternalLibrary* file = library->library();
-  void* function = file ? file->Get_Function(name) : nullptr;
+  void* function = file ? file->Get_Function(symbol) : nullptr;
   if (!function && file) library->Error(file->error());
   return function;
 }

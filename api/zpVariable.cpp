@@ -1,6 +1,6 @@
 // The functions for values, lists and tables. Tested in tests/api/zpVariableTest.cpp.
 
-#include "api/zpVariable.h"
+#include "api/zeph.h"
 
 #include <cstring>
 #include <vector>
@@ -39,7 +39,7 @@ ZPVARIABLE zpVariable_Allocate_Copy(ZPVARIABLE source) {
   return new Variable(*source);
 }
 void zpVariable_Free(ZPVARIABLE variable) {
-  variable->DecRefCount();
+  if (variable) variable->DecRefCount();
 }
 
 ZPVARIABLE zpVariable_NextIdentity(ZPVARIABLE variable) {
@@ -85,8 +85,8 @@ int zpVariable_SetValue(ZPVARIABLE variable, const char* value, int length) {
 int zpVariable_SetValue_Variable(ZPVARIABLE variable, ZPVARIABLE source) {
   return variable->SetValue(*source);
 }
-int zpVariable_SetValue_Nocopy(ZPVARIABLE variable, char* value, int length, int allocated) {
-  return variable->SetValue_Nocopy(value, length, allocated);
+int zpVariable_SetValue_Nocopy(ZPVARIABLE variable, char* buffer, int length, int allocated) {
+  return variable->SetValue_Nocopy(buffer, length, allocated);
 }
 
 int zpVariable_Type(ZPVARIABLE variable) {
@@ -158,11 +158,11 @@ int zpVariable_Array_Max(ZPVARIABLE array) {
 int zpVariable_Array_Min(ZPVARIABLE array) {
   return array->Min();
 }
-int zpVariable_Array_Next(int index, ZPVARIABLE array) {
-  return array->Next(index);
+int zpVariable_Array_Next(int position, ZPVARIABLE array) {
+  return array->Next(position);
 }
-int zpVariable_Array_Previous(int index, ZPVARIABLE array) {
-  return array->Previous(index);
+int zpVariable_Array_Previous(int position, ZPVARIABLE array) {
+  return array->Previous(position);
 }
 int zpVariable_Array_Collapse(ZPVARIABLE array) {
   return array->CollapseElements();
@@ -177,7 +177,7 @@ ZPVARIABLELIST zpVariableList_Allocate(void) {
   return new VariableList;
 }
 void zpVariableList_Free(ZPVARIABLELIST list) {
-  list->Destroy();
+  if (list) list->Destroy();
 }
 void zpVariableList_Dump(ZPVARIABLELIST list) {
   list->Dump();

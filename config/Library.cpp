@@ -2,7 +2,7 @@
 // once and calls the functions of the table below for every request, from all its threads. Tested
 // in tests/config/LibraryTest.cpp.
 
-#include "api/zpConfig.h"
+#include "api/zeph.h"
 #include "base/host/Settings.h"
 #include "base/host/TagLookup.h"
 #include "config/Glob.h"

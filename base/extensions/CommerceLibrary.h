@@ -5,36 +5,9 @@
 #ifndef ZEPH_BASE_COMMERCELIBRARY_H
 #define ZEPH_BASE_COMMERCELIBRARY_H
 
+#include "api/zeph.h"
 #include "base/core/StringClass.h"
 #include "base/extensions/NamedLibraries.h"
-
-class VariableHash;
-class VariableList;
-class ZephVM;
-
-// The functions of a commerce library. state is a word for the library's own use during one loop of
-// a script. init returns 0 for success. loop gets the number of the round, from 0, and returns 0
-// for a round, 1 for a failure and anything else for the end. error returns why init or loop
-// failed.
-typedef int (*_ZP_EL_CommerceInit)(ZephVM* vm, void** state, const char* method, const char* action,
-                                   VariableList* fields, VariableHash* system);
-typedef int (*_ZP_EL_CommerceLoop)(ZephVM* vm, void** state, const char* method, const char* action,
-                                   VariableList* fields, VariableHash* system, int index);
-typedef void (*_ZP_EL_CommerceCleanup)(ZephVM* vm, void** state, const char* method,
-                                       const char* action, VariableList* fields);
-typedef const char* (*_ZP_EL_CommerceError)(ZephVM* vm, void** state, const char* method,
-                                            const char* action, VariableList* fields);
-
-// The table that a library's export zeph_commerce_library returns; the engine does not read the
-// first word. A library without that export exports the four functions themselves:
-// zeph_commerce_init, zeph_commerce_loop, zeph_commerce_cleanup and zeph_commerce_error.
-struct _ZP_EL_Commerce {
-  int version;
-  _ZP_EL_CommerceInit init;
-  _ZP_EL_CommerceLoop loop;
-  _ZP_EL_CommerceCleanup cleanup;
-  _ZP_EL_CommerceError error;
-};
 
 // One method of a request or task. The order of the virtual operations must not change.
 class CommerceLibrary : public NamedLibrary {
@@ -67,10 +40,10 @@ class CommerceLibrary : public NamedLibrary {
  private:
   LastError last_error;
   int is_loaded = 0;
-  _ZP_EL_CommerceInit init = nullptr;
-  _ZP_EL_CommerceLoop loop = nullptr;
-  _ZP_EL_CommerceCleanup cleanup = nullptr;
-  _ZP_EL_CommerceError error_text = nullptr;
+  decltype(_ZP_EL_Commerce::init) init = nullptr;
+  decltype(_ZP_EL_Commerce::loop) loop = nullptr;
+  decltype(_ZP_EL_Commerce::cleanup) cleanup = nullptr;
+  decltype(_ZP_EL_Commerce::error) error_text = nullptr;
 };
 
 // The methods that the configuration names for a request or task. Used on its thread.

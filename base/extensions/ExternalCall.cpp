@@ -74,7 +74,7 @@ ExternalCallPersistentData::~ExternalCallPersistentData() {
       // given back by then stays with the library.
     }
   } else {
-    ::operator delete(held);
+    delete[] static_cast<char*>(held);
   }
   delete[] key;
 }

@@ -5,9 +5,9 @@
 #ifndef ZEPH_BASE_EXTERNALCALL_H
 #define ZEPH_BASE_EXTERNALCALL_H
 
+#include "api/zeph.h"
 #include "base/core/BaseTemplates.h"
 #include "base/core/StringClass.h"
-#include "base/extensions/FunctionLibrary.h"
 #include "base/extensions/LastError.h"
 
 #include <memory>
@@ -54,7 +54,7 @@ using ExternalCallTable = NamedHashTable<ExternalCall, ExternalCallName>;
 class ExternalCallPersistentData {
  public:
   // Copies the name; the copy has no NUL. A length of -1 means strlen. If destroy is null, the data
-  // must come from operator new.
+  // must come from new char[].
   ExternalCallPersistentData(ZephVM* vm, const char* name, int length, void* data,
                              void (*destroy)(void* vm, void* data));
   // Destroys the data.

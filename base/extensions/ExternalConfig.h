@@ -6,8 +6,8 @@
 #ifndef ZEPH_BASE_EXTERNALCONFIG_H
 #define ZEPH_BASE_EXTERNALCONFIG_H
 
+#include "api/zeph.h"
 #include "base/core/StringClass.h"
-#include "base/extensions/ConfigLibrary.h"
 #include "base/extensions/LastError.h"
 #include "base/host/Config.h"
 #include "base/host/TagLookup.h"

@@ -3,12 +3,6 @@
 
 #include "base/extensions/ExternalDatabaseLibrary.h"
 
-#include <cstddef>
-
-static_assert(offsetof(_ZP_EL_Database, create) == 8);
-static_assert(offsetof(_ZP_EL_Database, variable_free) == 240);
-static_assert(offsetof(_ZP_EL_Database, free_data) == 288);
-
 ExternalDatabaseLibraryManager::ExternalDatabaseLibraryManager(ZephApplication* application)
     : named(application) {}
 

@@ -4,55 +4,9 @@
 #ifndef ZEPH_BASE_EXTERNALDATABASELIBRARY_H
 #define ZEPH_BASE_EXTERNALDATABASELIBRARY_H
 
+#include "api/zeph.h"
 #include "base/core/StringClass.h"
 #include "base/extensions/NamedLibraries.h"
-
-// A function of the table below. Its parameters depend on the operation, and for some on the
-// table's version, so each caller casts it to the form in use.
-typedef void (*_ZP_EL_DatabaseFunction)();
-
-// The functions of a database library, as its export zeph_database_library returns them. Fields of
-// 8 bytes; any function may be null. version is the version of the table: fields of a later version
-// are past its end and must not be read.
-struct _ZP_EL_Database {
-  int version;
-  _ZP_EL_DatabaseFunction create;
-  _ZP_EL_DatabaseFunction open;
-  _ZP_EL_DatabaseFunction close;
-  _ZP_EL_DatabaseFunction openview;
-  _ZP_EL_DatabaseFunction runquery;
-  _ZP_EL_DatabaseFunction pack;
-  _ZP_EL_DatabaseFunction setprimaryindex;
-  _ZP_EL_DatabaseFunction createindex;
-  _ZP_EL_DatabaseFunction openindexes;
-  _ZP_EL_DatabaseFunction reindex;
-  _ZP_EL_DatabaseFunction error;
-  _ZP_EL_DatabaseFunction view_close;
-  _ZP_EL_DatabaseFunction view_skip;
-  _ZP_EL_DatabaseFunction view_go;
-  _ZP_EL_DatabaseFunction view_add;
-  _ZP_EL_DatabaseFunction view_delete;
-  _ZP_EL_DatabaseFunction view_undelete;
-  _ZP_EL_DatabaseFunction view_update;
-  _ZP_EL_DatabaseFunction view_filter;
-  _ZP_EL_DatabaseFunction view_find;
-  _ZP_EL_DatabaseFunction view_revealstructure_table;
-  _ZP_EL_DatabaseFunction view_revealstructure_aggregate;
-  _ZP_EL_DatabaseFunction view_error;
-  _ZP_EL_DatabaseFunction variable_get_integer;
-  _ZP_EL_DatabaseFunction variable_get_double;
-  _ZP_EL_DatabaseFunction variable_get_string;
-  _ZP_EL_DatabaseFunction variable_set_integer;
-  _ZP_EL_DatabaseFunction variable_set_double;
-  _ZP_EL_DatabaseFunction variable_set_string;
-  _ZP_EL_DatabaseFunction variable_free;
-  _ZP_EL_DatabaseFunction commit;         // since version 2
-  _ZP_EL_DatabaseFunction rollback;       // since version 2
-  _ZP_EL_DatabaseFunction variable_type;  // since version 4
-  _ZP_EL_DatabaseFunction transaction;    // since version 5
-  _ZP_EL_DatabaseFunction command;        // since version 5
-  _ZP_EL_DatabaseFunction free_data;      // since version 6
-};
 
 // One database type of a request or task.
 class ExternalDatabaseLibrary : public NamedLibrary {

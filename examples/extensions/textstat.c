@@ -231,7 +231,7 @@ static _ZP_EL_Function functions[] = {
     {NULL, 0, 0, NULL, NULL},
 };
 
-static _ZP_EL_FunctionTable table = {1, functions};
+static _ZP_EL_FunctionTable table = {NULL, functions};
 
 __attribute__((visibility("default"))) _ZP_EL_FunctionTable* zeph_function_table(void) {
   return &table;

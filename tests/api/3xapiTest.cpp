@@ -1,11 +1,10 @@
-#include "api/3xapi.h"
+#include "api/zeph.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
 
-#include "api/zpVariable.h"
 #include "base/values/Variable.h"
 #include "base/values/VariableKinds.h"
 

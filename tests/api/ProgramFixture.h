@@ -46,7 +46,7 @@ class ProgramFixture : public LibraryFixture {
     files.files["page.zpc"] = image;
     EXPECT_TRUE(script.Load("page.zpc", files.Open("page.zpc", FileMode_Read)));
     current = this;
-    table = {1, rows};
+    table = {nullptr, rows};
     Exported<void*>("fake_function_table") = &table;
     EXPECT_TRUE(calls.RegisterDSO(fake.c_str()));
     machine = std::make_unique<ZephVM>(

@@ -1,4 +1,4 @@
-#include "api/zpFile.h"
+#include "api/zeph.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "api/3xapi.h"
 #include "base/host/Config.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "tests/api/ProgramFixture.h"
@@ -194,12 +193,20 @@ TEST_F(zpFile, NamesAreWorkedOn) {
 TEST_F(zpFile, TemporaryFilesGetANameOfTheirOwn) {
   Inside([](ZPPROGRAM program) {
     char* name = nullptr;
-    ZPFILE file = zpFile_MakeTemporary(program, ZPFILE_DATA, "", -1, "prefix", &name, ZPFILE_WRITE);
+    ZPFILE file = zpFile_MakeTemporary(program, ZPFILE_DATA, "", -1, "prefix and more", 6, &name,
+                                       ZPFILE_WRITE);
     ASSERT_NE(file, nullptr);
     zpFile_Close(file);
     EXPECT_THAT(name, testing::HasSubstr("prefix"));
+    EXPECT_THAT(name, testing::Not(testing::HasSubstr("more")));
     EXPECT_EQ(zpFile_Exists(program, ZPFILE_DATA, name, -1), 1);
     zpProgram_Free(program, name);
+    // A caller may do without the name.
+    zpFile_Close(
+        zpFile_MakeTemporary(program, ZPFILE_DATA, "", -1, "p", -1, nullptr, ZPFILE_WRITE));
+    EXPECT_EQ(
+        zpFile_MakeTemporary(program, ZPFILE_DATA, "nowhere", -1, "p", -1, &name, ZPFILE_WRITE),
+        nullptr);
   });
 }
 
@@ -234,9 +241,9 @@ TEST_F(zpFile, PathsAreNormalized) {
 
 TEST_F(zpFile, ResolveIsNoLongerThere) {
   Inside([](ZPPROGRAM program) {
-    EXPECT_EQ(zpFile_Resolve(program, ZPFILE_DATA, "plain", -1), 0);
+    EXPECT_EQ(zpFile_Resolve(program, ZPFILE_DATA, "plain", -1), nullptr);
     EXPECT_EQ(Error(program), "zpFile_Resolve is no longer supported");
-    EXPECT_EQ(zeph_file_resolve(program, 0, "plain"), 0);
+    EXPECT_EQ(zeph_file_resolve(program, 0, "plain"), nullptr);
     EXPECT_EQ(Error(program), "zeph_file_resolve is no longer supported");
   });
 }

@@ -1,4 +1,4 @@
-#include "api/zpProgram.h"
+#include "api/zeph.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -233,13 +233,32 @@ TEST_F(zpProgram, ANullTextOfNoLengthIsAnEmptyOne) {
 
 TEST_F(zpProgram, HeaderTextsMayBeHandedOver) {
   Call([](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE) {
-    char* name = zpProgram_Allocate(program, 5);
-    char* value = zpProgram_Allocate(program, 6);
+    auto* name = static_cast<char*>(zpProgram_Allocate(program, 5));
+    auto* value = static_cast<char*>(zpProgram_Allocate(program, 6));
     strcpy(name, "Name");
     strcpy(value, "value");
     EXPECT_EQ(zpProgram_Output_Header(program, name, 4, 1, value, 5, 1), 1);
   });
   EXPECT_THAT(output.headers, ElementsAre("Name: value"));
+}
+
+// Such a byte would begin a field that the library has not meant.
+TEST_F(zpProgram, HeaderTextsWithLineBreaksAreRefusedAndFreed) {
+  Call([](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE) {
+    const std::string wrong[] = {"a\rb", "a\nb", std::string("a\0b", 3), "\n", "a\r\nX: y"};
+    for (const std::string& text : wrong) {
+      const auto length = static_cast<int>(text.size());
+      EXPECT_EQ(zpProgram_Output_Header(program, text.data(), length, 0, "value", -1, 0), 0);
+      EXPECT_EQ(zpProgram_Output_Header(program, "Name", -1, 0, text.data(), length, 0), 0);
+      auto* name = static_cast<char*>(zpProgram_Allocate(program, 5));
+      auto* value = static_cast<char*>(zpProgram_Allocate(program, length + 1));
+      memcpy(name, "Name", 5);
+      memcpy(value, text.c_str(), text.size() + 1);
+      EXPECT_EQ(zpProgram_Output_Header(program, name, 4, 1, value, length, 1), 0);
+    }
+    EXPECT_EQ(zpProgram_Output_Header(program, "Name", -1, 0, "a\nb", 1, 0), 1);
+  });
+  EXPECT_THAT(output.headers, testing::SizeIs(1));
 }
 
 TEST_F(zpProgram, EncodesAndDecodes) {
@@ -319,6 +338,17 @@ TEST_F(zpProgram, SecondRegistrationOfANameDestroysTheFirstData) {
   End();
   EXPECT_EQ(one.times, 1);
   EXPECT_EQ(two.times, 1);
+}
+
+// The sanitizer sees it if it is freed in another way, and if it is not freed.
+TEST_F(zpProgram, PersistentDataWithoutACallbackIsFreedAsItWasAllocated) {
+  Call([](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE) {
+    for (int i = 0; i < 2; i++) {
+      zpProgram_Register_Persistent(program, "memory", -1, zpProgram_Allocate(program, 10),
+                                    nullptr);
+    }
+  });
+  End();
 }
 
 // --- Calls ---------------------------------------------------------------------------------------
@@ -465,7 +495,7 @@ class zpProgramMismatch : public zpProgram {
     static _ZP_EL_Function own_rows[] = {
         {"pair", 4, 2, pair, [](ZPPROGRAM, ZPVARIABLEHASH, ZPVARIABLE, void**) {}},
         {nullptr, 0, 0, nullptr, nullptr}};
-    static _ZP_EL_FunctionTable own_table = {1, own_rows};
+    static _ZP_EL_FunctionTable own_table = {nullptr, own_rows};
     Exported<void*>("fake_function_table") = &own_table;
     EXPECT_TRUE(calls.RegisterDSO(fake.c_str()));
     Run(".function " + declaration + " external\n.end\n" + arguments + "call pair\nout\n");

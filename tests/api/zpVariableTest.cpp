@@ -1,4 +1,4 @@
-#include "api/zpVariable.h"
+#include "api/zeph.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "api/zpProgram.h"
 #include "base/values/Variable.h"
 #include "base/values/VariableKinds.h"
 #include "tests/api/ProgramFixture.h"
@@ -81,7 +80,7 @@ TEST_F(zpVariable, StoresEachForm) {
 
 TEST_F(zpVariable, TakesABufferOver) {
   ZPVARIABLE variable = Make();
-  char* buffer = zpProgram_Allocate(nullptr, 8);
+  auto* buffer = static_cast<char*>(zpProgram_Allocate(nullptr, 8));
   memcpy(buffer, "taken", 6);
   EXPECT_EQ(zpVariable_SetValue_Nocopy(variable, buffer, 5, 8), 1);
   EXPECT_EQ(Value(variable), "taken");

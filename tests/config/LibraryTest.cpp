@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "api/zpConfig.h"
+#include "api/zeph.h"
 #include "base/compiled/Dictionary.h"
 #include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/VariableHash.h"

@@ -50,7 +50,7 @@ TEST_F(CommerceLibraryTest, MissingFileShowsAtTheLookup) {
 }
 
 TEST_F(CommerceLibraryTest, TableGivesTheFunctions) {
-  _ZP_EL_Commerce table = {77, Init, Loop, Cleanup, ErrorText};
+  _ZP_EL_Commerce table = {&manager, Init, Loop, Cleanup, ErrorText};
   Exported<void*>("fake_commerce_table") = &table;
   manager.RegisterDSO("pay", fake.c_str());
   CommerceLibrary* library = manager.Lookup_Commerce_Library("PAY", -1);

@@ -8,8 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "api/zpConfig.h"
-#include "base/extensions/ConfigLibrary.h"
+#include "api/zeph.h"
 #include "base/host/Settings.h"
 
 namespace {

@@ -20,7 +20,7 @@ const char* TextArgument(ZPVARIABLEHASH parameters, const char* name, int* lengt
 
 // A copy that the host can keep: the variable's own text is freed before the header is sent.
 char* Copy(ZPPROGRAM program, const char* text, int length) {
-  char* const copy = zpProgram_Allocate(program, length + 1);
+  auto* const copy = static_cast<char*>(zpProgram_Allocate(program, length + 1));
   if (copy) memcpy(copy, text, static_cast<size_t>(length));
   return copy;
 }
@@ -50,7 +50,7 @@ _ZP_EL_Function functions[] = {
     {"sleep", 5, 2, sleep_parameters, Sleep},
     {nullptr, 0, 0, nullptr, nullptr},
 };
-_ZP_EL_FunctionTable table = {1, functions};
+_ZP_EL_FunctionTable table = {nullptr, functions};
 
 }  // namespace
 

@@ -1,0 +1,73 @@
+// What the author of an extension library gets: an installed header that pkg-config finds, with
+// which a library of ten lines is built and called.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/Pages.h"
+#include "tests/support/Command.h"
+#include "tests/support/Paths.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace {
+
+std::vector<std::string> Words(const std::string& text) {
+  std::istringstream words(text);
+  return {std::istream_iterator<std::string>(words), std::istream_iterator<std::string>()};
+}
+
+// The first block of C of a page.
+std::string CodeOf(const std::string& page) {
+  std::ifstream file(InSource(page));
+  std::stringstream text;
+  text << file.rdbuf();
+  const std::string all = text.str();
+  const size_t begin = all.find("```c\n") + 5;
+  return all.substr(begin, all.find("```", begin) - begin);
+}
+
+TEST(Install, ALibraryIsBuiltWithTheInstalledHeader) {
+  TemporaryDirectory directory;
+  Command install({"/usr/bin/env", "cmake", "--install", InBuild(""), "--component", "development",
+                   "--prefix", directory.path()});
+  ASSERT_EQ(install.Run(), 0) << install.errors;
+
+  Command flags({"/usr/bin/env", "pkg-config", "--cflags", "--libs", "zeph"});
+  flags.environment["PKG_CONFIG_PATH"] = directory.path("share/pkgconfig");
+  ASSERT_EQ(flags.Run(), 0) << flags.errors;
+
+  for (const char* compiler : {"cc", "c++"}) {
+    SCOPED_TRACE(compiler);
+    const bool c = std::string(compiler) == "cc";
+    const std::string source = directory.File(
+        c ? "hello.c" : "hello.cpp",
+        (c ? "" : "extern \"C\" {\n") + CodeOf("docs/extensions.md") + (c ? "" : "}\n"));
+    std::vector<std::string> arguments = {"/usr/bin/env", compiler,  "-Wall", "-Wextra",
+                                          "-Werror",      "-shared", "-fPIC"};
+    for (const std::string& flag : Words(flags.output)) arguments.push_back(flag);
+    for (const std::string& word : {std::string("-o"), directory.path("hello.so"), source}) {
+      arguments.push_back(word);
+    }
+    Command compile(arguments);
+    ASSERT_EQ(compile.Run(), 0) << compile.errors;
+
+    EngineProcess engine;
+    engine.settings =
+        "[[library]]\nkind = \"builtin\"\npath = \"" + directory.path("hello.so") + "\"\n";
+    engine.Script("page.zpc",
+                  ".function hello(name) external\n.end\npushc \"world\"\ncall hello\nout\n");
+    engine.WriteConfiguration();
+    Command page({InBuild("bin/zprun"), "--config", engine.Path("zeph.toml"),
+                  engine.Path("scripts/page.zpc")});
+    EXPECT_EQ(page.Run(), 0) << page.output;
+    EXPECT_EQ(page.output, "Hello, world");
+  }
+}
+
+}  // namespace
