@@ -26,6 +26,7 @@ inline constexpr int Tag_Export = 4;
 inline constexpr int Tag_POP = 8;
 inline constexpr int Tag_SMTP = 11;
 inline constexpr int Tag_Call = 14;
+inline constexpr int Tag_Commerce = 19;
 inline constexpr int Tag_Do = 22;
 inline constexpr int Tag_Lockfile = 23;
 inline constexpr int Tag_Open = 28;

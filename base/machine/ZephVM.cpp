@@ -109,30 +109,46 @@ ZephVM::~ZephVM() {
 
 // Also ends a machine whose constructor failed.
 void ZephVM::End() {
-  // This comes first, while the machine can still run functions: libraries may call some to free
-  // what they left.
+  // Libraries are called for their data, for features and for databases. They get the machine, and
+  // may look up variables and run functions, so the base frame stays to the end.
+  ZephVM_Frame* base = frame;
+  while (base && base->previous) base = base->previous;
+  EndLibraryData();
+  DeleteFrames(base);
+  features.DeleteAll();
+  // A child's own family is empty.
+  own_family.DeleteDatabases();
+  // Both may have left something again.
+  features.DeleteAll();
+  EndLibraryData();
+  DeleteFrames(nullptr);
+  null_variable->DecRefCount();
+  if (parent) parent->children--;
+  own_family.DeleteContexts();
+}
+
+void ZephVM::EndLibraryData() {
   try {
     if (external_calls) external_calls->MachineEnds(this, parent);
   } catch (const std::bad_alloc&) {
     OutOfMemory();
   }
-  DeleteFrames();
-  null_variable->DecRefCount();
-  features.DeleteAll();
-  // A child's own family is empty.
-  own_family.DeleteDatabases();
-  if (parent) parent->children--;
-  own_family.DeleteContexts();
 }
 
-// There may be many frames, and the variables of each may refer to those of the one below. The
-// group keeps the time for releasing such chains linear.
-void ZephVM::DeleteFrames() {
+// Deletes the frames above one that is kept, and all if that is null. There may be many frames, and
+// the variables of each may refer to those of the one below. The group keeps the time for releasing
+// such chains linear.
+void ZephVM::DeleteFrames(ZephVM_Frame* kept) {
   const ReleaseGroup group;
-  while (frame) {
+  while (frame != kept) {
     ZephVM_Frame* previous = frame->previous;
     delete frame;
     frame = previous;
+  }
+  if (kept) {
+    stack = kept->stack;
+    while (stack->Entries() > 0) stack->Pop();
+    return;
   }
   for (ZephVM_FunctionFrame* idle : idle_frames) {
     while (idle) {

@@ -25,6 +25,7 @@
 #include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 
+class Commerce;
 class CommerceLibraryManager;
 class Dictionary;
 class DoContext;
@@ -257,7 +258,8 @@ class ZephVM {
 
   void End();
   void MakeBaseFrame();
-  void DeleteFrames();
+  void EndLibraryData();
+  void DeleteFrames(ZephVM_Frame* kept);
   void CloneFrames(ZephVM& source);
   std::unique_ptr<ZephVM_Frame> CloneFrame(ZephVM_Frame* original);
   void SetScriptDirectory();
@@ -367,6 +369,9 @@ class ZephVM {
   // Whether a table that a feature borrows is still that of a frame, or the global one. A run
   // within a run ends its frames and may leave its features open.
   bool TableExists(const VariableHash* table) const;
+
+  // Loops of commerce libraries (base/machine/ZephVM_Commerce.cpp).
+  Commerce* CurrentCommerce();
 
   // Other files (base/machine/ZephVM_Expressions.cpp) and localized texts
   // (base/machine/ZephVM_Localized.cpp).

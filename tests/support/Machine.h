@@ -24,6 +24,7 @@
 #include "base/compiled/VariableHash.h"
 #include "base/core/LinkBuffer.h"
 #include "base/core/UFCrypt.h"
+#include "base/extensions/CommerceLibrary.h"
 #include "base/extensions/ExternalCall.h"
 #include "base/extensions/ExternalDatabaseLibrary.h"
 #include "base/machine/ZephVM.h"
@@ -69,11 +70,11 @@ class Machine {
   // The machine is built at first use, so that a test can fill the tables before.
   ZephVM& vm() {
     if (!machine) {
-      machine = std::make_unique<ZephVM>(script_path.data(), -1, &application, &dictionary, &system,
-                                         &global, &segments, &functions, &external_calls, nullptr,
-                                         &database_libraries, &languages, &localized,
-                                         application.heartbeatcounter(), application.timedoutflag(),
-                                         application.exitflag(), nullptr);
+      machine = std::make_unique<ZephVM>(
+          script_path.data(), -1, &application, &dictionary, &system, &global, &segments,
+          &functions, &external_calls, &commerce_libraries, &database_libraries, &languages,
+          &localized, application.heartbeatcounter(), application.timedoutflag(),
+          application.exitflag(), nullptr);
     }
     return *machine;
   }
@@ -156,6 +157,7 @@ class Machine {
   LocalizedLanguages languages{&application, &dictionary, &script, 12, 8};
   LocalizedDictionary localized;
   ExternalCallManager external_calls{&application};
+  CommerceLibraryManager commerce_libraries{&application};
   ExternalDatabaseLibraryManager database_libraries{&application};
   int end = 0;
 
