@@ -220,7 +220,11 @@ MachineDatabases::~MachineDatabases() {
   while (databases.First()) {
     Database* database = databases.Remove(ListHead);
     databases_by_name.Remove(database->name().data, database->name().length);
-    database->Close();
+    try {
+      database->Close();
+    } catch (const std::bad_alloc&) {
+      // A library may run code of the script, which may use up the memory.
+    }
     delete database;
   }
 }

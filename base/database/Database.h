@@ -238,7 +238,8 @@ class Database {
     Database* of;
   };
   bool IsEvaluating() const { return evaluations > 0; }
-  // The error of an operation that is refused for that reason.
+  // The error of an operation that is refused for that reason: kInUse, or the engine's own text.
+  const char* InUse() const { return in_use; }
   static constexpr char kInUse[] =
       "Database is in use by the evaluation of a filter or an index key";
 
@@ -250,6 +251,7 @@ class Database {
   List<DatabaseView> views{1};
   DatabaseViewTable views_by_name{0, 1, 12, 512};
   DatabaseView* primary_view = nullptr;
+  const char* in_use = kInUse;
 
  private:
   int evaluations = 0;

@@ -6,6 +6,7 @@
 
 #include "base/core/memcmpi.h"
 #include "base/database/Database.h"
+#include "base/database/ExternalDatabase.h"
 #include "base/database/XBaseDatabase.h"
 #include "base/extensions/ExternalDatabaseLibrary.h"
 #include "base/host/TagErrors.h"
@@ -129,8 +130,10 @@ std::unique_ptr<Database> MakeDatabase(ZephVM& vm, int tag, PoppedString* name, 
   ExternalDatabaseLibraryManager* const libraries = vm.DatabaseLibraries();
   ExternalDatabaseLibrary* library = libraries ? libraries->Lookup_DB(type, length) : nullptr;
   if (library) {
-    vm.EncodedRuntimeError(tag, String("Databases of libraries can not be opened yet"));
-  } else if (libraries) {
+    return std::make_unique<ExternalDatabase>(&vm, name->data(), name->length(), name->size(),
+                                              name->ownership(), library->descriptor());
+  }
+  if (libraries) {
     vm.EncodedRuntimeError(tag, libraries->error());
   } else {
     vm.EncodedRuntimeError(tag, String("There are no database libraries"));
@@ -138,19 +141,24 @@ std::unique_ptr<Database> MakeDatabase(ZephVM& vm, int tag, PoppedString* name, 
   return nullptr;
 }
 
+bool IsDatabaseOpen(ZephVM& vm, int tag, const char* name, int length) {
+  if (!vm.Databases().databases_by_name.Find(name, length)) return false;
+  vm.EncodedRuntimeError(tag, Message() << "A database with the name '" << String(name, length)
+                                        << "' is already open");
+  return true;
+}
+
 // Makes it known and the primary one, after it has been opened.
-void AddDatabase(ZephVM& vm, int tag, std::unique_ptr<Database> opened) {
+void AddDatabase(ZephVM& vm, int tag, std::unique_ptr<Database> opened, const String& name) {
+  // A library may have run code that has opened another one of that name.
+  if (IsDatabaseOpen(vm, tag, name.data, name.length)) {
+    opened->Close();
+    return;
+  }
   vm.ClearErrorVariable(tag);
   MachineDatabases& open = vm.Databases();
   open.databases.Insert(opened.get(), ListHead);
   open.databases_by_name.Insert(opened.release());
-}
-
-bool IsDatabaseOpen(ZephVM& vm, int tag, const PoppedString& name) {
-  if (!vm.Databases().databases_by_name.Find(name.data(), name.length())) return false;
-  vm.EncodedRuntimeError(tag, Message()
-                                  << "A database with the name '" << name << "' is already open");
-  return true;
 }
 
 // fifth is the further text of the extended form, which is above the others; null without one.
@@ -162,7 +170,7 @@ void OpenDatabase(ZephVM& vm, KeptString* fifth) {
   PoppedPath indexes(stack);
   PoppedPath path(stack);
   KeptString name(stack);
-  if (vm.stopped() || IsDatabaseOpen(vm, Tag_Open, name)) return;
+  if (vm.stopped() || IsDatabaseOpen(vm, Tag_Open, name.data(), name.length())) return;
   // The object may adopt the popped name, and the engine gets it after that.
   const String named(name.data(), name.length());
   std::unique_ptr<Database> database =
@@ -181,7 +189,7 @@ void OpenDatabase(ZephVM& vm, KeptString* fifth) {
                                  indexes.ownership());
   }
   if (done) {
-    AddDatabase(vm, Tag_Open, std::move(database));
+    AddDatabase(vm, Tag_Open, std::move(database), named);
   } else {
     vm.EncodedRuntimeError(Tag_Open, database->error());
   }
@@ -234,7 +242,7 @@ void ZephVM::dbcreate() {
   const KeptString type(stack);
   PoppedPath path(stack);
   KeptString name(stack);
-  if (stop_flag || IsDatabaseOpen(*this, Tag_Create, name)) return;
+  if (stop_flag || IsDatabaseOpen(*this, Tag_Create, name.data(), name.length())) return;
   const String named(name.data(), name.length());
   std::unique_ptr<Database> database =
       MakeDatabase(*this, Tag_Create, &name, type.data(), type.length());
@@ -243,7 +251,7 @@ void ZephVM::dbcreate() {
   if (database->Create(path.data(), path.length(), path.size(), path.ownership(), named.data,
                        named.length, named.allocated, &kept, fields.data(), fields.length(),
                        fields.size(), fields.ownership())) {
-    AddDatabase(*this, Tag_Create, std::move(database));
+    AddDatabase(*this, Tag_Create, std::move(database), named);
   } else {
     EncodedRuntimeError(Tag_Create, database->error());
   }
@@ -254,7 +262,7 @@ void ZephVM::dbclose() {
   Database* database;
   if (!GetDatabase(*this, Tag_Close, &database)) return;
   if (database->IsEvaluating()) {
-    EncodedRuntimeError(Tag_Close, String(Database::kInUse));
+    EncodedRuntimeError(Tag_Close, String(database->InUse()));
     return;
   }
   ClearErrorVariable(Tag_Close);
