@@ -87,18 +87,31 @@ ExternalCallManager::ExternalCallManager(ZephApplication* application, ExternalC
   for (int i = 0; i < source.count; i++) {
     ExternalCallManager::RegisterDSO(source.registrations[size_t(i)].library->path().data);
   }
+  unregistered = source.unregistered;
 }
 
 ExternalCallManager::~ExternalCallManager() = default;
 
 bool ExternalCallManager::RegisterDSO(const char* path) {
   ExternalLibrary* library = OpenLibrary(application, path, &last_error);
-  if (library == nullptr) return false;
-  const auto* functions = ExportedTable<_ZP_EL_FunctionTable>(
-      library, "zeph_function_table", "Unable to retrieve function descriptor table", &last_error);
-  if (functions == nullptr) return false;
+  const _ZP_EL_FunctionTable* functions =
+      library == nullptr ? nullptr
+                         : ExportedTable<_ZP_EL_FunctionTable>(
+                               library, "zeph_function_table",
+                               "Unable to retrieve function descriptor table", &last_error);
+  if (functions == nullptr) {
+    NoteFailure(LibraryFailure(path, last_error.text()));
+    return false;
+  }
   Append(library, functions->functions);
   return true;
+}
+
+// The file may have been opened and still be no library of functions.
+void ExternalCallManager::NoteFailure(const String& failure) {
+  ReportLibraryFailure(application->basename(), failure);
+  if (unregistered.length > 0) unregistered.cat("; ");
+  unregistered.cat(failure.data, failure.length);
 }
 
 void ExternalCallManager::Append(ExternalLibrary* library, _ZP_EL_Function* functions) {

@@ -116,6 +116,9 @@ class ExternalCallManager {
   void MachineEnds(ZephVM* vm, ZephVM* parent);
 
   const String& error() const { return last_error.text(); }
+  // Why libraries could not be registered, one after the other; empty or null if all could. A call
+  // of their functions fails later, and its message cannot say why.
+  const String& failures() const { return unregistered; }
   // Keeps the older text if the given one is null.
   void Error(const String& text) { last_error.Set(text); }
 
@@ -125,11 +128,13 @@ class ExternalCallManager {
     _ZP_EL_Function* functions;
   };
 
+  void NoteFailure(const String& failure);
   void Append(ExternalLibrary* library, _ZP_EL_Function* functions);
 
   ZephApplication* application;
   ExternalCallTable calls;
   LastError last_error;
+  String unregistered;
   std::unique_ptr<Registration[]> registrations;  // made at the first registration
   int capacity = 0;
   int count = 0;

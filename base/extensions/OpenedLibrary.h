@@ -5,15 +5,19 @@
 
 #include "base/extensions/ExternalLibrary.h"
 #include "base/extensions/LastError.h"
+#include "base/extensions/LibraryFailure.h"
 #include "base/host/ZephApplication.h"
 
 // Returns the library of that file, loaded at the first call; the process owns it. Null leaves the
-// reason in *error.
+// reason in *error, and reports it.
 [[nodiscard]] inline ExternalLibrary* OpenLibrary(ZephApplication* application, const char* path,
                                                   LastError* error) {
   ExternalLibraryManager* manager = application->librarymanager();
   ExternalLibrary* library = manager->Lookup(path);
-  if (library == nullptr) error->Set(manager->error());
+  if (library == nullptr) {
+    error->Set(manager->error());
+    ReportLibraryFailure(application->basename(), LibraryFailure(path, manager->error()));
+  }
   return library;
 }
 

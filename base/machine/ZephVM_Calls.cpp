@@ -324,6 +324,11 @@ ExternalCall* ZephVM::FindExternal(Function* function) {
   message.cat(name.data, name.length);
   message.cat('\'');
   FatalError(message);
+  // The reason may be a library that the host could not load. That is not the visitor's business.
+  if (external_calls && external_calls->failures().length > 0 && WantsLog(Log_FatalError)) {
+    const String& failures = external_calls->failures();
+    WriteLog(Log_FatalError, {LogParameter::OfText(failures.data, failures.length)});
+  }
   return nullptr;
 }
 

@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "tests/e2e/Pages.h"
@@ -57,8 +59,15 @@ class Extension : public testing::Test {
     Command command({InBuild("bin/zprun"), "--config", engine.Path("zeph.toml"),
                      engine.Path("scripts/page.zpc")});
     status = command.Run();
-    EXPECT_EQ(command.errors, "");
+    errors = command.errors;
+    EXPECT_EQ(errors.empty(), !unloadable);
     return command.output;
+  }
+  std::string Traced() {
+    std::ifstream file(engine.Path("data/trace.log"));
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
   }
   void ExpectPage(const std::string& page) {
     EXPECT_EQ(FromEngine(), page);
@@ -74,6 +83,8 @@ class Extension : public testing::Test {
   EngineProcess engine;
   std::string script;
   int status = -1;
+  bool unloadable = false;  // zprun has to say which library it could not load
+  std::string errors;
 };
 
 TEST_F(Extension, ResultAndParametersByValueAndByReference) {
@@ -146,10 +157,35 @@ TEST_F(Extension, AFunctionThatNoLibraryHasFailsWhereItIsCalled) {
 
 TEST_F(Extension, ALibraryThatIsNotThereIsMissedByItsCallersOnly) {
   engine.settings = Registers(engine.Path("nowhere.so"));
+  unloadable = true;
   script = Writes("page");
   ExpectPage("page");
   Script(Slug("title"));
   ExpectMessage("Unresolved call to external function 'slug'");
+}
+
+// The visitor does not see why; those who run the engine do.
+TEST_F(Extension, TheLoadersReasonIsOnStandardErrorAndInTheLog) {
+  engine.settings = "log_file = \"trace.log\"\nlog_level = 536870912\n" +
+                    Registers(engine.Path("nowhere.so")) + Registers(InBuild("lib/zephtariff.so"));
+  unloadable = true;
+  Script(Slug("title"));
+  EXPECT_THAT(FromZprun(), testing::Not(HasSubstr("nowhere.so")));
+  const std::string missing = engine.Path("nowhere.so") + ": ";
+  const std::string other = InBuild("lib/zephtariff.so") + ": Unknown symbol 'zeph_function_table'";
+  EXPECT_THAT(errors, HasSubstr("zprun: " + missing));
+  EXPECT_THAT(errors, HasSubstr("zprun: " + other));
+  const std::string log = Traced();
+  EXPECT_THAT(log, HasSubstr("Unresolved call to external function 'slug'"));
+  EXPECT_THAT(log, HasSubstr(missing));
+  EXPECT_THAT(log, HasSubstr(other));
+  // An engine says it once for all of its requests.
+  FromEngine();
+  FromEngine();
+  const std::string lines = engine.Log();
+  const size_t line = lines.find("zeph-fcgi: " + missing);
+  EXPECT_NE(line, std::string::npos) << lines;
+  EXPECT_EQ(lines.find(missing, line + 15), std::string::npos) << lines;
 }
 
 TEST_F(Extension, DeclarationsThatDifferAreTold) {
