@@ -370,7 +370,7 @@ TEST_F(ExternalCallTest, PersistentDataEndsAlthoughACallbackRunsOutOfMemory) {
 
 // Under the address sanitizer data that is not freed fails the test.
 TEST_F(ExternalCallTest, PersistentDataWithoutCallbackIsDeleted) {
-  manager.Register_Persistent(some_vm, "a", -1, ::operator new(16), nullptr);
+  manager.Register_Persistent(some_vm, "a", -1, new char[16], nullptr);
 }
 
 TEST_F(ExternalCallTest, CopyRegistersTheLibrariesAgainAndNothingElse) {
