@@ -118,13 +118,14 @@ void ZephVM::End() {
   features.DeleteAll();
   // A child's own family is empty.
   own_family.DeleteDatabases();
-  // Both may have left something again.
+  // The data that libraries have for other files comes to this machine now, and the calls so far
+  // may have left something again.
+  own_family.DeleteContexts();
   features.DeleteAll();
   EndLibraryData();
   DeleteFrames(nullptr);
   null_variable->DecRefCount();
   if (parent) parent->children--;
-  own_family.DeleteContexts();
 }
 
 void ZephVM::EndLibraryData() {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tests/api/ProgramFixture.h"
+#include "tests/support/ScriptFiles.h"
 
 namespace {
 
@@ -320,6 +321,26 @@ TEST_F(zpProgram, PersistentDataIsFoundByLaterCallsAndDestroyedWithTheMachine) {
   EXPECT_EQ(Run("pushi 7\npopg x\npushi 1\npushg x\ncall first\npop\ncall second\npop\n"), 1);
   EXPECT_EQ(data.times, 0);
   ZPPROGRAM program = machine.get();
+  End();
+  EXPECT_EQ(data.times, 1);
+  EXPECT_EQ(data.program, program);
+  EXPECT_EQ(data.result, 7);
+}
+
+// The machine of the other file ends first, so its data passes to that of the request.
+TEST_F(zpProgram, PersistentDataOfAnotherFileIsDestroyedWithTheMachine) {
+  ScriptFiles other;
+  other.Script("dir/part.zpc", ".function second() external\n.end\ncall second\npop\n");
+  application.SetFileManager(&other);
+  Destroyed data;
+  ZPPROGRAM child = nullptr;
+  second = [&](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE) {
+    child = program;
+    zpProgram_Register_Persistent(program, "data", -1, &data, Destroy);
+  };
+  EXPECT_EQ(Run("pushi 7\npopg x\npushc \"part.zpc\"\nop_do_file\n"), 1);
+  ZPPROGRAM program = machine.get();
+  EXPECT_NE(child, program);
   End();
   EXPECT_EQ(data.times, 1);
   EXPECT_EQ(data.program, program);
