@@ -40,9 +40,9 @@ void Generator::GenerateAssembly(const Statement& statement) {
     if (diagnostics->full()) return;
     const std::vector<Token>& tokens = line.tokens;
     size_t next = 0;
-    auto fail = [&](const std::string& expected) {
+    auto fail = [&](const std::string& expected, const std::string& hint = "") {
       diagnostics->Error(place_of(line.number, tokens[next].column),
-                         "expected " + expected + ", found " + DescribeToken(tokens[next]));
+                         "expected " + expected + ", found " + DescribeToken(tokens[next]) + hint);
     };
     if (tokens[0].kind == Token::Name && tokens.size() > 1 && IsMark(tokens[1], ':')) {
       CodeLabel& label = labels[tokens[0].text];
@@ -62,7 +62,7 @@ void Generator::GenerateAssembly(const Statement& statement) {
     if (!row) {
       std::vector<std::string_view> known;
       for (int i = 0; i < Instruction::RowCount; i++) known.push_back(Instruction::Rows[i].name);
-      fail("an instruction" + DidYouMean(tokens[next].text, known));
+      fail("an instruction", DidYouMean(tokens[next].text, known));
       continue;
     }
     next++;

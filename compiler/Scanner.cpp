@@ -103,8 +103,13 @@ class Scanner {
     const size_t inner = position + (plain ? 3 : 2);
     const std::string_view close = plain ? "}}}" : "}}";
     size_t end = inner;
-    while (end < text.size() && text.substr(end, close.size()) != close) {
-      if (!SkipQuoted(&end)) break;
+    bool quotes_close = true;
+    while (quotes_close && end < text.size() && text.substr(end, close.size()) != close) {
+      quotes_close = SkipQuoted(&end);
+    }
+    if (!quotes_close) {
+      position = inner;
+      return;
     }
     if (end >= text.size()) {
       diagnostics->Error(At(position, inner),
@@ -115,8 +120,7 @@ class Scanner {
     Add(plain ? Kind::Plain : Kind::Encoded, nullptr, position, end + close.size(), inner, end);
   }
 
-  // Goes past one byte, or past a whole text in quotes. False if its end is missing; *at is then
-  // the end of the page.
+  // Goes past one byte, or past a whole text in quotes. False after an error: its end is missing.
   bool SkipQuoted(size_t* at) {
     const char quote = text[*at];
     if (quote != '"' && quote != '\'') {
@@ -129,9 +133,7 @@ class Scanner {
         return true;
       }
     }
-    diagnostics->Error(At(*at, *at + 1), "this text has no closing quote");
-    *at = text.size();
-    return false;
+    return diagnostics->Error(At(*at, *at + 1), "this text has no closing quote");
   }
 
   void Tag() {
@@ -150,8 +152,11 @@ class Scanner {
                                                   DidYouMean(name, TagNames()));
     }
     size_t end = inner;
-    while (end < text.size() && text[end] != '>') {
-      if (!SkipQuoted(&end)) break;
+    bool quotes_close = true;
+    while (quotes_close && end < text.size() && text[end] != '>') quotes_close = SkipQuoted(&end);
+    if (!quotes_close) {
+      position = inner;
+      return;
     }
     if (end >= text.size()) {
       diagnostics->Error(At(position, inner), "there is no '>' that ends this tag");

@@ -32,13 +32,14 @@ inline CompileResult CompileText(const std::string& source,
 }
 
 // The instructions of a page as zpasm lists them, without blanks at the beginning of lines, without
-// the table of the dictionary, and with "; " between them.
+// the table of the dictionary, with "; " between them, and with the labels L1, L2 and so on.
 inline std::string CodeOf(const std::string& source) {
   const CompileResult result = CompileText(source);
   EXPECT_TRUE(result.succeeded) << result.formatted;
   std::string text, error;
   if (!result.succeeded || !ListScript(result.image, &text, &error)) return "failed " + error;
   std::string code;
+  std::map<std::string, std::string> labels;
   for (size_t at = 0; at < text.size();) {
     const size_t end = text.find('\n', at);
     std::string line = text.substr(at, end - at);
@@ -48,6 +49,14 @@ inline std::string CodeOf(const std::string& source) {
                           line.rfind(".system", 0) == 0 || line.rfind("sourcefile", 0) == 0;
     if (line.empty() || line[0] == ';' || is_table) continue;
     code += (code.empty() ? "" : "; ") + line;
+  }
+  for (size_t at = 0; (at = code.find('L', at)) != std::string::npos; at++) {
+    size_t end = at + 1;
+    while (end < code.size() && code[end] >= '0' && code[end] <= '9') end++;
+    if (end == at + 1) continue;
+    const std::string number = std::to_string(labels.size() + 1);
+    const std::string name = labels.emplace(code.substr(at, end - at), "L" + number).first->second;
+    code.replace(at, end - at, name);
   }
   return code;
 }

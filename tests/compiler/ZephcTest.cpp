@@ -1,0 +1,100 @@
+// The program zephc, seen from outside.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/CompiledPages.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+class Zephc : public testing::Test {
+ protected:
+  int Run(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), InBuild("bin/zephc"));
+    Command command(arguments);
+    command.directory = directory.path();
+    const int status = command.Run();
+    output = command.output;
+    errors = command.errors;
+    return status;
+  }
+
+  TemporaryDirectory directory;
+  std::string output;
+  std::string errors;
+};
+
+TEST_F(Zephc, CompilesAPage) {
+  directory.File("page.zeph", "Hello");
+  EXPECT_EQ(Run({"page.zeph", "-o", "page.zpc"}), 0);
+  EXPECT_EQ(output + errors, "");
+  EXPECT_EQ(directory.Content("page.zpc"), CompilePage("Hello", "page.zeph").image);
+}
+
+TEST_F(Zephc, CompilesThePagesOfAFolder) {
+  directory.File("site/index.zeph", "<ZpINCLUDE \"parts/_head.zeph\">");
+  directory.File("site/parts/_head.zeph", "<ZpINCLUDE \"_inner.zeph\">");
+  directory.File("site/parts/_inner.zeph", "x");
+  directory.File("site/deep/er/page.zeph", "y");
+  directory.File("site/style.css", "z");
+  EXPECT_EQ(Run({"site", "-o", "out", "--depend", "out/site.d"}), 0) << errors;
+  EXPECT_TRUE(directory.Exists("out/index.zpc"));
+  EXPECT_EQ(directory.Content("out/deep/er/page.zpc"), CompilePage("y", "deep/er/page.zeph").image);
+  EXPECT_FALSE(directory.Exists("out/parts/_head.zpc"));
+  EXPECT_FALSE(directory.Exists("out/style.css"));
+  EXPECT_EQ(directory.Content("out/site.d"),
+            "out/deep/er/page.zpc: site/deep/er/page.zeph\n"
+            "out/index.zpc: site/index.zeph site/parts/_head.zeph site/parts/_inner.zeph\n");
+}
+
+TEST_F(Zephc, FindsIncludedFilesInOtherFolders) {
+  directory.File("pages/page.zeph", "<ZpINCLUDE \"common.zeph\">");
+  directory.File("shared/common.zeph", "x");
+  EXPECT_EQ(Run({"pages/page.zeph", "-o", "page.zpc"}), 1);
+  EXPECT_THAT(errors, HasSubstr("pages/page.zeph:1:12: error: there is no file 'common.zeph'"));
+  EXPECT_EQ(Run({"-I", "shared", "pages/page.zeph", "-o", "page.zpc"}), 0) << errors;
+}
+
+TEST_F(Zephc, ChangesNoFileAfterAnError) {
+  directory.File("site/a.zeph", "new");
+  directory.File("site/b.zeph", "{{ + }}");
+  directory.File("out/a.zpc", "old");
+  EXPECT_EQ(Run({"site", "-o", "out"}), 1);
+  EXPECT_THAT(errors, HasSubstr("b.zeph:1:4: error: '+' needs a value on its left"));
+  EXPECT_EQ(directory.Content("out/a.zpc"), "old");
+}
+
+TEST_F(Zephc, ChecksWithoutWriting) {
+  directory.File("page.zeph", "<ZpASSIGN x = 1>");
+  EXPECT_EQ(Run({"--check", "page.zeph"}), 0);
+  EXPECT_THAT(errors, HasSubstr("page.zeph:1:11: warning: 'x' is assigned and never read"));
+  EXPECT_EQ(Run({"--check", "--werror", "page.zeph"}), 1);
+}
+
+TEST_F(Zephc, KnowsDefinedNamesAndLibraryFunctions) {
+  directory.File("page.zeph",
+                 "<ZpIFDEF LIVE>{{{ length(text) }}}<ZpELSE>{{{ other() }}}</ZpIFDEF>");
+  directory.File("functions", "; of the library\n\nlength(text var)\n");
+  EXPECT_EQ(Run({"-D", "live", "--functions", "functions", "page.zeph", "-o", "page.zpc"}), 0)
+      << errors;
+  EXPECT_EQ(Run({"-D", "live", "page.zeph", "-o", "page.zpc"}), 1);
+  directory.File("functions", "length(text var\n");
+  EXPECT_EQ(Run({"--functions", "functions", "page.zeph", "-o", "page.zpc"}), 1);
+  EXPECT_THAT(errors,
+              HasSubstr("functions:1:16: error: expected 'var', ',' or ')', found the end"));
+}
+
+TEST_F(Zephc, RefusesWrongCommandLines) {
+  EXPECT_EQ(Run({}), 2);
+  EXPECT_EQ(Run({"page.zeph"}), 2);
+  EXPECT_EQ(Run({"page.zeph", "-o"}), 2);
+  EXPECT_EQ(Run({"--check", "page.zeph", "-o", "x"}), 2);
+  EXPECT_EQ(Run({"none.zeph", "-o", "x"}), 1);
+  EXPECT_THAT(errors, HasSubstr("zephc: cannot read none.zeph: No such file"));
+  EXPECT_EQ(Run({"--help"}), 0);
+  EXPECT_THAT(output, HasSubstr("usage: zephc"));
+}
+
+}  // namespace
