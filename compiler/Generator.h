@@ -63,9 +63,12 @@ class Generator {
   // --- Generator_Values.cpp
   void Value(Expression* expression);
   void Prepare(Expression* expression);
+  void NoteFirst(const Expression& expression, size_t first, size_t end);
   void Range(const Expression& expression, size_t first, size_t end);
   void Item(const Expression& expression, const ExpressionItem& item);
   void Step(const ExpressionItem& item);
+  bool StepAlone(Expression* expression);
+  bool Update(Assignment* assignment);
   void PushVariable(const ExpressionItem& item, int file);
   void PushSymbol(const Symbol& symbol);
   // Pops the value into a variable. The path's own items are evaluated after the value.

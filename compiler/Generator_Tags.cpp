@@ -74,7 +74,7 @@ void Generator::GenerateTag(Statement* statement) {
   switch (tag) {
     case TagId::Assign: GenerateAssign(statement); break;
     case TagId::Eval:
-      if (statement->values.empty()) break;
+      if (statement->values.empty() || StepAlone(&statement->values[0])) break;
       Value(&statement->values[0]);
       code.Emit(Instruction::pop);
       break;
@@ -192,6 +192,9 @@ bool Generator::Constant(const Expression* value, int lowest, int highest, int* 
 
 void Generator::GenerateAssign(Statement* statement) {
   for (Assignment& assignment : statement->assignments) {
+    if (Update(&assignment)) continue;
+    const Expression& target = assignment.target;
+    NoteFirst(target, 0, target.items.size());
     if (assignment.value.IsInteger()) {
       AssignInteger(&assignment.target, assignment.value.items[0].number);
     } else {

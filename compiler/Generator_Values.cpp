@@ -125,7 +125,29 @@ void Generator::Encode() {
 
 void Generator::Value(Expression* expression) {
   Prepare(expression);
+  NoteFirst(*expression, 0, expression->items.size());
   Range(*expression, 0, expression->items.size());
+}
+
+// Notes the place before the first item if any item can fail. The machine runs common sequences of
+// instructions as one, and a line between them would part them.
+void Generator::NoteFirst(const Expression& expression, size_t first, size_t end) {
+  const int file = expression.place.file;
+  for (size_t i = first; i < end; i++) {
+    const ExpressionItem& item = expression.items[i];
+    bool notes = item.kind == Kind::Element || item.kind == Kind::Member;
+    if (item.kind == Kind::Variable) {
+      const Where where = Find(item, file)->where;
+      notes = where == Where::ByName || where == Where::Field;
+    } else if (item.kind == Kind::Call) {
+      const CalledFunction* function = FindFunction(item.text);
+      notes = function && (function->node->flags & Function_External) != 0;
+    }
+    if (!notes) continue;
+    code.SetPlace(file, expression.items[first].offset);
+    code.NotePlace();
+    return;
+  }
 }
 
 // Checks the calls of an expression, whose arguments come before them.
@@ -218,6 +240,63 @@ void Generator::Step(const ExpressionItem& item) {
   code.Emit(Instruction::store);
 }
 
+// ++ or -- whose value no one needs. False, with nothing done, if the expression is another one.
+bool Generator::StepAlone(Expression* expression) {
+  const ExpressionItem step = expression->items.back();
+  const bool is_step = step.kind == Kind::Prefix || step.kind == Kind::Postfix;
+  if (!is_step || step.base != 0) return false;
+  expression->items.pop_back();
+  const bool name = expression->IsName();
+  Symbol* symbol = FindTarget(expression->items[0], expression->place.file);
+  symbol->assigned = true;
+  Value(expression);
+  if (!name) code.Emit(Instruction::dup);
+  code.Emit(Instruction::pushi, 1);
+  code.Emit(step.word);
+  if (name) {
+    PopSymbol(symbol, expression->place);
+  } else {
+    code.Emit(Instruction::swap);
+    code.Emit(Instruction::store);
+  }
+  return true;
+}
+
+// A path that is set to an operation on itself, such as a:b = a:b + 1, is looked up once. False,
+// with nothing done, if the assignment is another one.
+bool Generator::Update(Assignment* assignment) {
+  const std::vector<ExpressionItem>& path = assignment->target.items;
+  const std::vector<ExpressionItem>& value = assignment->value.items;
+  const size_t length = path.size();
+  if (length < 2 || value.size() < length + 2 || value.back().kind != Kind::Operator) return false;
+  // The right side of the operator has to be all that is between the path and the operator.
+  if (value.back().base != 0 || value[value.size() - 2].base != static_cast<int>(length)) {
+    return false;
+  }
+  for (size_t i = 0; i + 1 < value.size(); i++) {
+    const ExpressionItem& item = value[i];
+    // What these do must not happen before the path is looked up, or only once.
+    if (item.kind == Kind::Call || item.kind == Kind::Prefix || item.kind == Kind::Postfix) {
+      return false;
+    }
+    if (i >= length) continue;
+    const ExpressionItem& other = path[i];
+    if (item.kind != other.kind || item.word != other.word || item.number != other.number ||
+        item.value != other.value || !SameName(item.text, other.text)) {
+      return false;
+    }
+    if (item.kind == Kind::Text && item.text != other.text) return false;
+  }
+  NoteFirst(assignment->target, 0, length);
+  PushTarget(&assignment->target);
+  FindTarget(path[0], assignment->target.place.file)->read = true;
+  code.Emit(Instruction::dup);
+  Range(assignment->value, length, value.size());
+  code.Emit(Instruction::swap);
+  code.Emit(Instruction::store);
+  return true;
+}
+
 void Generator::PushVariable(const ExpressionItem& item, int file) {
   Symbol* symbol = Find(item, file);
   symbol->read = true;
@@ -292,6 +371,7 @@ void Generator::Assign(Expression* target) {
 
 void Generator::JumpIf(Expression* expression, bool wanted, CodeLabel* to) {
   Prepare(expression);
+  NoteFirst(*expression, 0, expression->items.size());
   JumpIf(*expression, 0, expression->items.size(), wanted, to);
 }
 

@@ -34,10 +34,10 @@ TEST(PageCode, KnownVariablesArePositions) {
       {"{{{ s.x }}}{{{ zeph_language }}}", "pushs x; out; pushs zeph_language; out"},
       {"{{{ list.d.x }}}{{{ d.x }}}", "lineno 1; pushdc list, x; out; pushnc \"d.x\"; out"},
       {"<ZpASSIGN list.d.x = 1 d.x = 2 zeph_language = 'de'>",
-       "pushi 1; lineno 1; popdc list, x; pushi 2; popdc \"\", x; pushc \"de\"; pops "
+       "lineno 1; pushi 1; popdc list, x; pushi 2; popdc \"\", x; pushc \"de\"; pops "
        "zeph_language"},
       {"<ZpASSIGN a:b[2] = 5>{{{ a:b[2] }}}",
-       "pushi 5; pushg a; pushc \"b\"; lineno 1; memb; pushi 2; elem; store; pushg a; pushc \"b\"; "
+       "lineno 1; pushi 5; pushg a; pushc \"b\"; memb; pushi 2; elem; store; pushg a; pushc \"b\"; "
        "memb_readonly; pushi 2; elem_readonly; out"},
   });
 }
@@ -54,9 +54,24 @@ TEST(PageCode, ComparisonsOfGlobalsAreOneInstruction) {
 }
 
 TEST(PageCode, LoopsTestAtTheirEnd) {
-  ExpectCodes({{"<ZpASSIGN n = 3><ZpWHILE n GT 0><ZpEVAL n--></ZpWHILE>",
-                "storegi n, 3; jmp L1; L2:; pushg n; dup; pushi 0; add; swap; dup; pushi 1; sub; "
-                "swap; lineno 1; store; pop; L1:; cmpgi n, 0; jmp_gt L2"}});
+  ExpectCodes(
+      {{"<ZpASSIGN n = 3><ZpWHILE n GT 0><ZpEVAL n--></ZpWHILE>",
+        "storegi n, 3; jmp L1; L2:; pushg n; pushi 1; sub; popg n; L1:; cmpgi n, 0; jmp_gt L2"}});
+}
+
+TEST(PageCode, APathThatChangesItselfIsLookedUpOnce) {
+  ExpectCodes({
+      {"<ZpASSIGN s:n = s:n + 1>",
+       "lineno 1; pushg s; pushc \"n\"; memb; dup; pushi 1; add; swap; store"},
+      {"<ZpEVAL ++s:n>", "lineno 1; pushg s; pushc \"n\"; memb; dup; pushi 1; add; swap; store"},
+      {"<ZpASSIGN s:n = s:m + 1>{{{ s }}}",
+       "lineno 1; pushg s; pushc \"m\"; memb_readonly; pushi 1; add; pushg s; pushc \"n\"; memb; "
+       "store; pushg s; out"},
+      // Not the path alone is on the left of the operator.
+      {"<ZpASSIGN s:n = s:n - 1 - 2>{{{ s }}}",
+       "lineno 1; pushg s; pushc \"n\"; memb_readonly; pushi 1; sub; pushi 2; sub; pushg s; pushc "
+       "\"n\"; memb; store; pushg s; out"},
+  });
 }
 
 TEST(PageCode, OnlyWhatCanFailNotesItsLine) {
@@ -81,7 +96,7 @@ TEST(PageCode, OnlyWhatCanFailNotesItsLine) {
 
 TEST(PageCode, FunctionsAreASegmentOfTheirOwn) {
   EXPECT_EQ(CodeOf("<ZpFUNCTION f(a, b var)><ZpASSIGN b = a></ZpFUNCTION>{{{ f(1, x) }}}"),
-            "pushi 1; lineno 1; pushnc x; call f; out; .segment 1; .function f(a, b var); pushl a; "
+            "lineno 1; pushi 1; pushnc x; call f; out; .segment 1; .function f(a, b var); pushl a; "
             "popl b; retn");
 }
 
