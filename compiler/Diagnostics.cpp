@@ -11,6 +11,10 @@ namespace {
 // Bytes of a source line that a message shows.
 constexpr size_t kShownLine = 120;
 
+// Words that are compared for "did you mean".
+constexpr size_t kLongestWord = 64;
+constexpr size_t kMostCompared = 1000;
+
 bool IsControl(char c) {
   return static_cast<unsigned char>(c) < ' ' || c == 0x7F;
 }
@@ -118,9 +122,14 @@ std::string Diagnostics::Format(const Diagnostic& diagnostic) const {
 }
 
 std::string DidYouMean(std::string_view word, const std::vector<std::string_view>& known) {
-  // A hostile word could be megabytes long, and the distance takes the product of the lengths.
-  if (word.size() > 64) return "";
-  const std::string_view nearest = NearestWord(word, known);
+  // The distance takes the product of the lengths, and a source may have words of any length.
+  if (word.size() > kLongestWord) return "";
+  std::vector<std::string_view> compared;
+  for (std::string_view other : known) {
+    if (compared.size() >= kMostCompared) break;
+    if (other.size() <= kLongestWord) compared.push_back(other);
+  }
+  const std::string_view nearest = NearestWord(word, compared);
   if (nearest.empty()) return "";
   const auto distance = static_cast<size_t>(EditDistance(word, nearest));
   if (distance > 1 + nearest.size() / 3 || distance >= nearest.size()) return "";

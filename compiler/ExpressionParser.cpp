@@ -391,8 +391,13 @@ bool ExpressionParser::ParseName() {
 
 // Indexes and members, which directly follow the name.
 bool ExpressionParser::ParseElements(int base) {
+  int count = 0;
   while (position < end && (Peek() == '[' || Peek() == ':')) {
     const int start = position++;
+    // Some tags evaluate a path once for each of their values.
+    if (++count > kMostElements) {
+      return diagnostics->Error({file, start, 1}, "this path has more than 100 elements");
+    }
     if (text[static_cast<size_t>(start)] == '[') {
       if (!ParseFirst()) return false;
       if (!Take(']')) {

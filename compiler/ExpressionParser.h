@@ -26,6 +26,8 @@ class ExpressionParser {
  public:
   // How deep parentheses, indexes, arguments and operands may nest.
   static constexpr int kMostNested = 200;
+  // How many elements and members a path may have.
+  static constexpr int kMostElements = 100;
 
   // Reads the bytes from begin to end of a file.
   ExpressionParser(Diagnostics* diagnostics, Tree* tree, int file, int begin, int end);

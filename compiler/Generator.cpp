@@ -11,6 +11,9 @@
 
 namespace {
 
+// The machine finds functions and variables in chains, which have to stay short.
+constexpr int kMostFunctions = 65535;
+
 // The host calls these by name.
 constexpr std::string_view kCallbacks[] = {"Zeph_ValidateFileUpload", "Zeph_ProcessFileUpload"};
 
@@ -66,7 +69,9 @@ void Generator::Run(int file, bool several_files) {
   names.ReadPage(*tree);
   DeclareFunctions();
   DefineMessages();
-  for (const auto& node : tree->functions) DefineFunction(*node);
+  if (!diagnostics->full() && functions.size() == tree->functions.size()) {
+    for (const auto& node : tree->functions) DefineFunction(*node);
+  }
   current = nullptr;
   current_function = nullptr;
   names.BeginFunction(nullptr, nullptr);
@@ -106,6 +111,10 @@ void Generator::Run(int file, bool several_files) {
 void Generator::DeclareFunctions() {
   int index = 0;
   for (const auto& node : tree->functions) {
+    if (index >= kMostFunctions) {
+      diagnostics->Error(node->place, "there are more than 65535 functions");
+      return;
+    }
     CalledFunction function{node.get(), index++, false};
     if (!functions.emplace(LowerCase(node->name), function).second) {
       diagnostics->Error(node->place,
@@ -142,7 +151,7 @@ void Generator::DefineFunction(const FunctionNode& node) {
 
 void Generator::DefineMessages() {
   for (const MessageNode& message : tree->messages) {
-    messages.emplace(LowerCase(message.token), &message);
+    MessageParameters& parameters = messages[LowerCase(message.token)];
     const int token = program->Intern(message.token);
     for (const MessageText& text : message.texts) {
       const int language = program->Intern(text.language);
@@ -153,6 +162,10 @@ void Generator::DefineMessages() {
       for (const MessagePieceNode& piece : text.pieces) {
         // The encoded form of a parameter has a name that no plain one can have.
         const std::string spelled = std::string(piece.text) + (piece.encoded ? "&" : "");
+        if (!piece.literal) {
+          MessageParameter& parameter = parameters[LowerCase(piece.text)];
+          (piece.encoded ? parameter.encoded : parameter.plain) = true;
+        }
         pieces.push_back({program->Intern(piece.literal ? piece.text : std::string_view(spelled)),
                           piece.literal});
       }
@@ -183,6 +196,7 @@ void Generator::WarnOfFunctions(int file) {
 void Generator::GenerateBody(const Body& body) {
   bool reached = true;
   for (const auto& statement : body) {
+    if (diagnostics->full()) return;
     const bool is_white = statement->kind == Statement::Kind::Text && IsWhite(statement->text);
     if (!reached && !is_white) {
       diagnostics->Warning(statement->place, "this is never reached");
@@ -290,7 +304,9 @@ void Generator::GenerateWhile(Statement* statement) {
 }
 
 void Generator::GenerateFor(Statement* statement) {
+  // After an error the tag may be read in part.
   if (statement->assignments.empty() || statement->values.empty()) return;
+  if (statement->values.size() > 1 && !statement->values[1].IsInteger()) return;
   Assignment& range = statement->assignments[0];
   Symbol* symbol = FindTarget(range.target.items[0], range.target.place.file);
   const int step = statement->values.size() > 1 ? statement->values[1].items[0].number : 1;
@@ -348,7 +364,7 @@ void Generator::GenerateFor(Statement* statement) {
 // The stack has the position of the element, and below it the number of passes left if the tag has
 // a count.
 void Generator::GenerateForeach(Statement* statement) {
-  if (statement->assignments.empty()) return;
+  if (statement->assignments.empty() || statement->assignments[0].value.empty()) return;
   Assignment& range = statement->assignments[0];
   Expression* count = statement->Find(0);
   Expression* at = statement->Find(1);

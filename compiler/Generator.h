@@ -29,6 +29,8 @@ class Generator {
   void Run(int file, bool several_files);
 
  private:
+  friend class InlineAssembly;
+
   // A tag whose body is being generated.
   struct Construct {
     TagId tag;
@@ -36,6 +38,12 @@ class Generator {
     CodeLabel* next = nullptr;
     int entries = 0;  // that the loop has on the stack
   };
+  // How the texts of a message use a parameter.
+  struct MessageParameter {
+    bool encoded = false;
+    bool plain = false;
+  };
+  using MessageParameters = std::map<std::string, MessageParameter>;
   struct CalledFunction {
     const FunctionNode* node;
     int index;
@@ -120,7 +128,7 @@ class Generator {
   std::vector<const FunctionNode*> late_functions;  // those of libraries, in order of first use
   std::unordered_map<std::string, const FunctionNode*> library_names;
   FunctionNode encode_function;
-  std::unordered_map<std::string, const MessageNode*> messages;
+  std::unordered_map<std::string, MessageParameters> messages;  // by token in lower case
   std::vector<Construct> open;
   const FunctionNode* current = nullptr;  // null outside of functions
   Function* current_function = nullptr;

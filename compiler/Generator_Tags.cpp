@@ -345,16 +345,10 @@ void Generator::GenerateToken(Statement* statement) {
   }
   for (Attribute& attribute : statement->attributes) {
     if (attribute.index >= 0) continue;
-    bool encoded = false, plain = false;
-    std::vector<std::string_view> known;
-    for (const MessageText& text : found->second->texts) {
-      for (const MessagePieceNode& piece : text.pieces) {
-        if (!piece.literal) known.push_back(piece.text);
-        if (piece.literal || !SameName(piece.text, attribute.name)) continue;
-        (piece.encoded ? encoded : plain) = true;
-      }
-    }
-    if (!encoded && !plain) {
+    auto parameter = found->second.find(LowerCase(attribute.name));
+    if (parameter == found->second.end()) {
+      std::vector<std::string_view> known;
+      for (const auto& [spelled, use] : found->second) known.push_back(spelled);
       diagnostics->Error(attribute.place, "the message '" + name + "' has no parameter '" +
                                               std::string(attribute.name) + "'" +
                                               DidYouMean(attribute.name, known));
@@ -362,6 +356,7 @@ void Generator::GenerateToken(Statement* statement) {
     }
     Value(&attribute.value);
     const bool safe = attribute.value.IsSafe();
+    const auto [encoded, plain] = parameter->second;
     if (encoded && plain) code.Emit(Instruction::dup);
     if (encoded) {
       if (!safe) Encode();

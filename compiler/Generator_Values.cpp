@@ -154,6 +154,7 @@ void Generator::NoteFirst(const Expression& expression, size_t first, size_t end
 void Generator::Prepare(Expression* expression) {
   for (const ExpressionItem& item : expression->items) {
     if (item.kind != Kind::Call) continue;
+    if (diagnostics->full()) return;
     const Place place = PlaceOf(item, expression->place.file);
     const std::string name(item.text);
     CalledFunction* function = FindFunction(item.text);

@@ -11,6 +11,9 @@
 
 namespace {
 
+// The machine finds variables in chains, which have to stay short.
+constexpr size_t kMostNames = 65535;
+
 bool IsPlain(std::string_view name) {
   return name.find('.') == std::string_view::npos;
 }
@@ -178,6 +181,9 @@ Symbol* Names::Make(std::string_view name, const Place& place) {
 }
 
 Symbol* Names::New(Symbol::Where where, std::string_view name, const Place& place) {
+  if (symbols.size() >= kMostNames && !diagnostics->full()) {
+    diagnostics->Error(place, "there are more than 65535 names of variables");
+  }
   Symbol symbol;
   symbol.where = where;
   symbol.name = name;

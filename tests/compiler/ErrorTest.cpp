@@ -121,6 +121,20 @@ TEST(CompileErrors, OfExpressions) {
   });
 }
 
+// The rest of the page is still looked at.
+TEST(CompileErrors, OfHalfReadTags) {
+  for (const char* source :
+       {"<ZpFOREACH 5>{{ + }}</ZpFOREACH>", "<ZpFOREACH a = >{{ + }}</ZpFOREACH>",
+        "<ZpFOR 5>{{ + }}</ZpFOR>", "<ZpFOR i = 1 to >{{ + }}</ZpFOR>",
+        "<ZpFOR i = 1 to 2 step x>{{ + }}</ZpFOR>", "<ZpFOR i = 1 to 2 step - 1>{{ + }}</ZpFOR>",
+        "<ZpMEMBER 5>{{ + }}", "<ZpASSIGNARRAY a>{{ + }}", "<ZpWHILE >{{ + }}</ZpWHILE>",
+        "<ZpIF (1>{{ + }}</ZpIF>", "<ZpCAPTURE >{{ + }}</ZpCAPTURE>",
+        "<ZpIMPORT file=>{{ + }}</ZpIMPORT>", "<ZpFUNCTION (>{{ + }}</ZpFUNCTION>"}) {
+    SCOPED_TRACE(source);
+    EXPECT_EQ(CompileText(source).messages.size(), 2u) << MessagesOf(source);
+  }
+}
+
 TEST(CompileErrors, OfFunctionsAndMessages) {
   ExpectMessages({
       {"{{ pric(1) }}<ZpFUNCTION price(a)></ZpFUNCTION>",
@@ -241,6 +255,20 @@ TEST(CompileLimits, LongListsAreNotNesting) {
   EXPECT_EQ(MessagesOf("<ZpASSIGNARRAY a = 1" + Repeated(", 1", 100000) + ">{{ a }}"), "");
   EXPECT_EQ(MessagesOf("<ZpIF 1>" + Repeated("<ZpELSEIF 2>", 20000) + "</ZpIF>"), "");
   EXPECT_EQ(MessagesOf("<ZpASSIGN" + Repeated(" a[1]:b[2] = 5", 50000) + ">{{ a }}"), "");
+}
+
+TEST(CompileLimits, CountsAreBounded) {
+  std::string functions, variables;
+  for (int i = 0; i < 70000; i++) {
+    functions += "<ZpFUNCTION f" + std::to_string(i) + "()></ZpFUNCTION>";
+    variables += "{{{ v" + std::to_string(i) + " }}}";
+  }
+  EXPECT_THAT(MessagesOf(functions), HasSubstr("more than 65535 functions"));
+  EXPECT_THAT(MessagesOf(variables), HasSubstr("more than 65535 names"));
+  EXPECT_THAT(MessagesOf("{{ a" + Repeated("[1]", 1000) + " }}"), HasSubstr("more than 100"));
+  EXPECT_THAT(MessagesOf("<ZpLOCALIZED-TOKEN token=\"t\"" + Repeated(" x=1", 1000) + ">"),
+              HasSubstr("given twice"));
+  EXPECT_THAT(MessagesOf(std::string((size_t{64} << 20) + 1, 'x')), HasSubstr("larger than 64 MB"));
 }
 
 TEST(CompileLimits, IncludedFilesAreBounded) {

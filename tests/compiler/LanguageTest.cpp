@@ -253,6 +253,49 @@ TEST(Language, ReturnsCloseWhatTheFunctionHasOpen) {
   });
 }
 
+TEST(Language, TextsLoseWhiteSpaceWhereTheyAreToldTo) {
+  ExpectPages({
+      {"a page", "<ZEPH compress=2>a   \n\n  b<ZEPH compress=0>c   d", "a bc   d"},
+      {"a function", "<ZpFUNCTION f() compress>a\n   b</ZpFUNCTION>x   y<ZpEVAL f()>x   y",
+       "x   ya\n   bx   y"},
+  });
+}
+
+TEST(Language, ListsOfNamesReachLocalVariables) {
+  ExpectPages({
+      {"import and export",
+       "<ZpFUNCTION f(file)><ZpASSIGN a = 1 b = \"x,y\"><ZpEXPORT file=file fields=\"a, b\" "
+       "delimiter=\";\"><ZpIMPORT file=file fields=\"c, a\" delimiter=\";\">{{{ recno $ c $ a }}}"
+       "</ZpIMPORT></ZpFUNCTION><ZpEVAL f(\"t.txt\")>[{{{ c }}}{{{ a }}}]",
+       "11x,y[]"},
+  });
+}
+
+TEST(Language, ErrorSettingsAreOfTheirTag) {
+  ExpectPages({
+      {"shown and not stopping", "<ZEPH tag=\"ZpGO\" show=0><ZpGO to=1>a{{{ ISNULL ZpGO_Error }}}",
+       "a0"},
+      {"no messages at all", "<ZEPH errors=0><ZpGO to=1>a", "a"},
+      {"an expression", "<ZEPH tag=\"expression\" show=0 stop=0><ZpEVAL a[0]>b", "b"},
+  });
+}
+
+TEST(Language, InstructionsReachTheNamesOfThePage) {
+  ExpectPages({
+      {"a loop with labels",
+       "<ZpASSIGN n = 3><ZpASSEMBLY>\nagain: pushg n\n out\n incg n, -1\n cmpgi n, 0\n jmp_gt "
+       "again\n"
+       "</ZpASSEMBLY>.{{{ n }}}",
+       "321.0"},
+      {"a function, its local variable and a number",
+       "<ZpFUNCTION f(a)><ZpASSEMBLY> pushl a\n pushf 1.5\n add\n ret</ZpASSEMBLY></ZpFUNCTION>"
+       "<ZpASSEMBLY>pushi 2\ncall f\nout</ZpASSEMBLY>",
+       "3.5"},
+      {"a jump of another tag's instruction",
+       "<ZpASSEMBLY>pushc \"x\"\njmp end\nout\nend: pop</ZpASSEMBLY>y", "y"},
+  });
+}
+
 TEST(Language, ThePageCanDefineTheFunctionThatEncodes) {
   ExpectPages({{"its own",
                 "<ZpFUNCTION htmlencode(text)><ZpFUNCTIONRETURN \"[\" $ text $ \"]\"></ZpFUNCTION>"
