@@ -202,8 +202,9 @@ bool SMTPService::Finish(SMTPOutput* output) {
   return Read_Status();
 }
 
+// The destructor calls it, so it calls no operation of a subclass.
 void SMTPService::Disconnect() {
-  if (Write("QUIT", "", 0)) static_cast<void>(Read_Status());
+  if (Write("QUIT", "", 0)) static_cast<void>(SMTPService::Read_Status());
   CloseConnection();
 }
 
