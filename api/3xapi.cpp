@@ -75,7 +75,7 @@ void zeph_variable_setvalue(ZPVARIABLE variable, const char* value) {
   variable->SetValue(value, -1);
 }
 ZPVARIABLE zeph_variable_new(const char* name, const char* value) {
-  return new Variable(name, -1, value, -1);
+  return zpVariable_Allocate(name, -1, value, -1);
 }
 void zeph_variable_delete(ZPVARIABLE variable) {
   zpVariable_Free(variable);

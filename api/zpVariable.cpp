@@ -33,7 +33,9 @@ bool HasName(Variable* variable, const char* name, int length) {
 
 ZPVARIABLE zpVariable_Allocate(const char* name, int namelength, const char* value,
                                int valuelength) {
-  return new Variable(name, namelength, value, valuelength);
+  // A null text would make an empty one.
+  return value ? new Variable(name, namelength, value, valuelength)
+               : new Variable(name, namelength);
 }
 ZPVARIABLE zpVariable_Allocate_Copy(ZPVARIABLE source) {
   return new Variable(*source);

@@ -102,6 +102,19 @@ TEST_F(zpVariable, ValueWithoutNULBytesIsACopy) {
   zpProgram_Free(nullptr, text);
 }
 
+TEST_F(zpVariable, WithoutAValueIsNULL) {
+  for (ZPVARIABLE variable :
+       {zpVariable_Allocate("name", -1, nullptr, 5), zpVariable_Allocate("name", -1, nullptr, -1),
+        zeph_variable_new("name", nullptr)}) {
+    EXPECT_EQ(zpVariable_Type(variable), 0);
+    EXPECT_STREQ(zpVariable_Name(variable, nullptr), "name");
+    zpVariable_Free(variable);
+  }
+  ZPVARIABLE empty = zpVariable_Allocate("name", -1, "", 0);
+  EXPECT_EQ(zpVariable_Type(empty), 3);
+  zpVariable_Free(empty);
+}
+
 TEST_F(zpVariable, TypeCodes) {
   ZPVARIABLE variable = Keep(new Variable);
   EXPECT_EQ(zpVariable_Type(variable), 0);
