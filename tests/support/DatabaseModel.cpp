@@ -494,11 +494,13 @@ bool DatabaseModel::Rebuild(const std::vector<Row>& from, bool with_deleted, std
   return true;
 }
 
-// The variables are made again in any case, and from then on those of dates check their texts.
+// The variables are made again in any case, those of record 1 at first, and from then on those of
+// dates check their texts.
 void DatabaseModel::Pack() {
   std::vector<Row> packed;
   const bool done = Rebuild(rows, false, &packed);
   if (done) rows = packed;
+  Goto(1);
   MakeVariables(true);
   if (done) {
     cursor = {};
@@ -515,6 +517,7 @@ void DatabaseModel::Reindex() {
   std::vector<Row> same;
   const bool done = Rebuild(rows, true, &same);
   if (done) {
+    Goto(1);
     MakeVariables(true);
     cursor = {};
     GoUnfiltered(kTop);
