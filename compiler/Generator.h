@@ -113,6 +113,7 @@ class Generator {
   void Operands(Statement* statement, size_t count);
   void PushAttribute(Statement* statement, size_t index);
   bool IsNameList(TagId tag, std::string_view attribute) const;
+  void CheckExpressionText(TagId tag, std::string_view attribute, const Expression& value);
   bool Constant(const Expression* value, int lowest, int highest, int* number);
 
   // --- InlineAssembly.cpp

@@ -2,11 +2,11 @@
 // tests/compiler/LanguageTest.cpp and CodeTest.cpp.
 
 #include <algorithm>
-#include <climits>
 
 #include "base/compiled/Instructions.h"
 #include "base/host/TagErrors.h"
 #include "base/host/TagLookup.h"
+#include "compiler/ExpressionParser.h"
 #include "compiler/Generator.h"
 
 namespace {
@@ -159,6 +159,7 @@ void Generator::PushAttribute(Statement* statement, size_t index) {
     return;
   }
   if (value) {
+    CheckExpressionText(row.id, name, *value);
     Value(value);
     return;
   }
@@ -172,6 +173,23 @@ void Generator::PushAttribute(Statement* statement, size_t index) {
     return;
   }
   code.PushText("");
+}
+
+// An attribute whose text is an expression is read now, so that a mistake in it is found before the
+// page runs. Its names and functions are those of the run. A text with a backslash before a quote
+// is left out: its bytes are not at their places in the source.
+void Generator::CheckExpressionText(TagId tag, std::string_view attribute,
+                                    const Expression& value) {
+  const bool is_expression = attribute == "filter" || attribute == "call" ||
+                             (attribute == "key" && tag == TagId::MakeIndex);
+  if (!is_expression || !value.IsText()) return;
+  const ExpressionItem& text = value.items[0];
+  if (text.length != static_cast<int>(text.text.size()) + 2) return;
+  ExpressionParser source(diagnostics, tree, value.place.file, text.offset + 1,
+                          text.offset + 1 + static_cast<int>(text.text.size()));
+  if (source.AtEnd()) return;
+  Expression expression;
+  if (source.Parse(&expression) && !source.AtEnd()) source.Expected("an operator");
 }
 
 // The value of an attribute that has to be an integer; -1 is left for one that is not there.

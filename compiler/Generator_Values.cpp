@@ -118,7 +118,14 @@ void Generator::CallFunction(CalledFunction* function) {
 }
 
 void Generator::Encode() {
-  CallFunction(FindFunction(kEncodeFunction));
+  CalledFunction* function = FindFunction(kEncodeFunction);
+  const std::vector<Parameter>& parameters = function->node->parameters;
+  if (parameters.size() != 1 || parameters[0].by_reference) {
+    diagnostics->Error(function->node->place, "'" + std::string(kEncodeFunction) +
+                                                  "' has to have one parameter, by value");
+    return;
+  }
+  CallFunction(function);
 }
 
 // --- Values --------------------------------------------------------------------------------------

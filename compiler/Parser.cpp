@@ -87,20 +87,23 @@ void Parser::ParseBody(Input* input, const TagRow* around, Body* body) {
 bool Parser::EndsBody(const Input& input, const TagRow* around) {
   const PagePiece& piece = input.pieces[input.next];
   if (!around) return false;
-  if (piece.kind == PieceKind::Close) {
-    return std::any_of(open_tags.begin(), open_tags.end(),
-                       [&piece](const TagRow* open) { return open->number == piece.tag->number; });
-  }
+  if (piece.kind == PieceKind::Close) return IsOpen(*piece.tag);
   const bool has_parts =
       around->id == TagId::If || around->id == TagId::IfDef || around->id == TagId::IfNDef;
   return has_parts && piece.kind == PieceKind::Open && piece.tag->body == TagBody::Part;
+}
+
+// Whether a closing tag closes one of the tags around the present place. A tag with two names may
+// be closed with either.
+bool Parser::IsOpen(const TagRow& closing) const {
+  return std::any_of(open_tags.begin(), open_tags.end(),
+                     [&closing](const TagRow* tag) { return tag->number == closing.number; });
 }
 
 // Takes the closing tag of a statement.
 void Parser::CloseTag(Input* input, const Statement& statement) {
   if (input->next < input->pieces.size()) {
     const PagePiece& piece = input->pieces[input->next];
-    // A tag with two names may be closed with the other one.
     if (piece.kind == PieceKind::Close && piece.tag->number == statement.tag->number) {
       input->next++;
       return;
@@ -322,6 +325,9 @@ void Parser::ParseMessage(Input* input, Statement* statement) {
     const PagePiece& piece = input->pieces[input->next++];
     if (piece.kind == PieceKind::Close && piece.tag->id == TagId::Localized) {
       closed = true;
+    } else if (piece.kind == PieceKind::Close && IsOpen(*piece.tag)) {
+      input->next--;
+      break;
     } else if (piece.kind == PieceKind::Open && piece.tag->id == TagId::LocalizedText) {
       input->next--;
       ParseMessageText(input, &message);

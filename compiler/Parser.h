@@ -52,6 +52,7 @@ class Parser {
   void ParseFile(int file, const Input* outer, Body* body);
   void ParseBody(Input* input, const TagRow* around, Body* body);
   bool EndsBody(const Input& input, const TagRow* around);
+  bool IsOpen(const TagRow& closing) const;
   void CloseTag(Input* input, const Statement& statement);
   bool Enter(Input* input, const Statement& statement);
   void Leave(const Statement& statement);

@@ -135,8 +135,21 @@ TEST(CompileErrors, OfHalfReadTags) {
   }
 }
 
+TEST(CompileErrors, OfTextsThatAreExpressions) {
+  ExpectMessages({
+      {"<ZpFILTER filter=\"a ==1\">", "1:21+2 '==' is no operator; did you mean 'EQ'?\n"},
+      {"<ZpFILTER filter=\"\"><ZpFILTER filter=\" \"><ZpFILTER filter=\"a EQ \\\"b\">", ""},
+      {"<ZpMAKEINDEX path='x' key='d.a +'>", "1:33+1 expected a value after '+', found the end\n"},
+      {"<ZpFIND key='a +'>", ""},
+      {"<ZpDO file='x' call='f(1'>", "1:23+1 this parenthesis is not closed\n"},
+  });
+}
+
 TEST(CompileErrors, OfFunctionsAndMessages) {
   ExpectMessages({
+      {"<ZpFUNCTION htmlencode()></ZpFUNCTION>{{ x }}",
+       "1:13+10 'htmlencode' has to have one parameter, by value\n"},
+      {"<ZpIF 1><ZpLOCALIZED token='a'></ZpIF>", "1:9+12 there is no closing '</ZpLOCALIZED>'\n"},
       {"{{ pric(1) }}<ZpFUNCTION price(a)></ZpFUNCTION>",
        "1:4+4 there is no function 'pric'; did you mean 'price'?\n"},
       {"{{ f(1) }}<ZpFUNCTION f()></ZpFUNCTION>",
