@@ -187,7 +187,7 @@ POP3::POP3(ZephApplication* application, ZephVM* vm, VariableHash* variables,
 
 POP3::~POP3() {
   try {
-    Disconnect();
+    POP3::Disconnect();
   } catch (const std::bad_alloc&) {
     // The text of a failed write needs memory. The connection is closed with its owner.
   }
