@@ -321,7 +321,7 @@ bool SMTPService::EstablishTLS() {
   return false;
 }
 
-// What the server has offered before could come from somebody in between: it is asked again.
+// What the server has offered before could come from a third party in between: it is asked again.
 bool SMTPService::UpgradeToTLS(unsigned* capabilities) {
   if (!(*capabilities & HasStartTLS)) return Fail("Server does not support STARTTLS");
   return Write("STARTTLS", "", 0) && Read_Status() && EstablishTLS() &&

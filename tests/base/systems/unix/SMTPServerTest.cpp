@@ -158,7 +158,7 @@ TEST_F(SMTPOverTheNetwork, ACertificateThatDoesNotFitIsRefusedBeforeAnyPasswordI
   }
 }
 
-// Somebody in between could have put a reply into the stream in front of the handshake.
+// A third party in between could have put a reply into the stream in front of the handshake.
 TEST_F(SMTPOverTheNetwork, WhatFollowsTheReplyToSTARTTLSIsNotTakenForTheServers) {
   std::string seen;
   {
