@@ -32,7 +32,7 @@ _ZP_EL_Function functions[] = {
     {"htmlencode", 10, 1, parameters, Encode},
     {nullptr, 0, 0, nullptr, nullptr},
 };
-_ZP_EL_FunctionTable table = {1, functions};
+_ZP_EL_FunctionTable table = {nullptr, functions};
 
 }  // namespace
 
