@@ -42,6 +42,7 @@ class Scanner {
     }
     AddText(text.size());
     DropTagLines();
+    DropBodyLines();
     return std::move(pieces);
   }
 
@@ -261,6 +262,36 @@ class Scanner {
         if (end < pieces.size()) pieces[end].begin += after;
       }
       first = end;
+    }
+  }
+
+  // Whether what a tag's body writes does not go to the page at this place.
+  static bool TakesBody(TagId tag) {
+    return tag == TagId::Function || tag == TagId::Capture || tag == TagId::Localized ||
+           tag == TagId::Smtp || tag == TagId::Asynchronous || tag == TagId::Asynchronous2;
+  }
+
+  // Such a tag ends its line, whatever is in its body, if nothing else is on its lines.
+  void DropBodyLines() {
+    std::vector<size_t> opened;
+    for (size_t i = 0; i < pieces.size(); i++) {
+      const PagePiece& piece = pieces[i];
+      if (!piece.tag || !TakesBody(piece.tag->id)) continue;
+      if (piece.kind == Kind::Open) {
+        opened.push_back(i);
+        continue;
+      }
+      if (opened.empty()) continue;
+      const size_t open = opened.back();
+      opened.pop_back();
+      // The line of the closing tag may be dropped already.
+      const bool whole = i + 1 < pieces.size() && pieces[i + 1].begin == piece.end;
+      if (pieces[open].tag->number != piece.tag->number || !whole) continue;
+      const int before = BlanksBefore(open);
+      const int after = RestOfLine(i + 1);
+      if (before < 0 || after < 0) continue;
+      if (open > 0) pieces[open - 1].end -= before;
+      pieces[i + 1].begin += after;
     }
   }
 

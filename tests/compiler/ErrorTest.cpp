@@ -127,9 +127,10 @@ TEST(CompileErrors, OfHalfReadTags) {
        {"<ZpFOREACH 5>{{ + }}</ZpFOREACH>", "<ZpFOREACH a = >{{ + }}</ZpFOREACH>",
         "<ZpFOR 5>{{ + }}</ZpFOR>", "<ZpFOR i = 1 to >{{ + }}</ZpFOR>",
         "<ZpFOR i = 1 to 2 step x>{{ + }}</ZpFOR>", "<ZpFOR i = 1 to 2 step - 1>{{ + }}</ZpFOR>",
-        "<ZpMEMBER 5>{{ + }}", "<ZpASSIGNARRAY a>{{ + }}", "<ZpWHILE >{{ + }}</ZpWHILE>",
-        "<ZpIF (1>{{ + }}</ZpIF>", "<ZpCAPTURE >{{ + }}</ZpCAPTURE>",
-        "<ZpIMPORT file=>{{ + }}</ZpIMPORT>", "<ZpFUNCTION (>{{ + }}</ZpFUNCTION>"}) {
+        "<ZpFOR i = 1 to 2 step </b>{{ + }}</ZpFOR>", "<ZpMEMBER 5>{{ + }}",
+        "<ZpASSIGNARRAY a>{{ + }}", "<ZpWHILE >{{ + }}</ZpWHILE>", "<ZpIF (1>{{ + }}</ZpIF>",
+        "<ZpCAPTURE >{{ + }}</ZpCAPTURE>", "<ZpIMPORT file=>{{ + }}</ZpIMPORT>",
+        "<ZpFUNCTION (>{{ + }}</ZpFUNCTION>"}) {
     SCOPED_TRACE(source);
     EXPECT_EQ(CompileText(source).messages.size(), 2u) << MessagesOf(source);
   }

@@ -116,13 +116,7 @@ TEST(Language, EveryTagOfTheMachineIsOneOfTheLanguageAndIsInAnExample) {
     ASSERT_NE(row, nullptr);
     EXPECT_EQ(row->number, keyword.tag);
     EXPECT_THAT(document, HasSubstr(name));
-    // Those that end or continue loops have examples in the tests of loops.
-    const bool is_loop_word =
-        name.find("stop") != std::string::npos || name.find("continue") != std::string::npos;
-    const bool is_other_name = name == "zpfuncreturn" || name == "zpasync";
-    if (!is_loop_word && !is_other_name) {
-      EXPECT_THAT(sources, HasSubstr("<" + name));
-    }
+    EXPECT_THAT(sources, HasSubstr("<" + name));
   }
 }
 
@@ -158,6 +152,11 @@ TEST(Language, LinesWithNothingButTagsWriteNothing) {
       {"a value on the line", "a\n<ZpASSIGN x = 1>{{{ x }}}\nc", "a\n1\nc"},
       {"a carriage return", "a\r\n<ZpASSIGN x = 1>\r\nb\r\n", "a\r\nb\r\n"},
       {"a comment", "a\n<ZpCOMMENT>\nx\n</ZpCOMMENT>\nb", "a\nb"},
+      {"a function on one line", "a\n <ZpFUNCTION f()>x</ZpFUNCTION> \n{{{ f() }}}\n", "a\nx\n"},
+      {"a function with text on its first and last line",
+       "<ZpFUNCTION f()>x\ny</ZpFUNCTION>\n\n{{{ f() }}}\n", "\nx\ny\n"},
+      {"a capture with text after it", "<ZpCAPTURE c>x</ZpCAPTURE>.\n{{{ c }}}", ".\nx"},
+      {"an empty line after a function", "<ZpFUNCTION f()>\n</ZpFUNCTION>\n\nx{{{ f() }}}", "\nx"},
       {"only white space", " \n\t", " \n\t"},
       {"nothing", "", ""},
   });
