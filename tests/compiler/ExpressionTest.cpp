@@ -193,9 +193,10 @@ TEST(PageExpression, HasTheValueOfTheSameTextAtRunTime) {
   }
 }
 
-// At run time these leave two values, or drop what follows an element.
-TEST(PageExpression, IsRefusedWithoutAnOperatorBetweenItsValues) {
-  for (const char* text : {"(1)(2)", "a (i)", "a[1]b", "i 'x'", "1 NOT 2"}) {
+// At run time these leave two values, drop what follows an element, or count in what a function has
+// returned.
+TEST(PageExpression, IsRefusedWhereAtRunTimePartOfItIsLost) {
+  for (const char* text : {"(1)(2)", "a (i)", "a[1]b", "i 'x'", "1 NOT 2", "grow(i)++"}) {
     SCOPED_TRACE(text);
     EXPECT_EQ(InPage(text).value, "error");
   }
@@ -206,9 +207,13 @@ class Maker {
  public:
   explicit Maker(unsigned seed) : random(seed) {}
 
+  // Parts are made one after the other, so that a seed means the same with every compiler.
   std::string Make(int depth) {
     std::string text = Operand(depth);
-    for (int i = Below(4); i > 0; i--) text += Infix() + Operand(depth);
+    for (int i = Below(4); i > 0; i--) {
+      text += Infix();
+      text += Operand(depth);
+    }
     return text;
   }
 
@@ -220,10 +225,10 @@ class Maker {
   }
   std::string Infix() {
     static const char* const operators[] = {
-        " + ",      " - ",      " $ ",   " * ",      " / ",     " MOD ",    " POW ",   " and ",
-        " OR ",     " IN ",     " CIN ", " EIN ",    " Ecin ",  " EQ ",     " NE ",    " GE ",
-        " LE ",     " LT ",     " GT ",  " BITAND ", " BITOR ", " BITXOR ", " BITSL ", " BITSR ",
-        " ROUNDS ", " ROUNDF ", "+",     "*",        "$"};
+        " + ",      " - ",     " $ ",     " * ",      " / ",      " MOD ",    " POW ",
+        " and ",    " OR ",    " IN ",    " CIN ",    " EIN ",    " Ecin ",   " EQ ",
+        " NE ",     " GE ",    " LE ",    " LT ",     " GT ",     " BITAND ", " BITOR ",
+        " BITXOR ", " BITSL ", " BITSR ", " ROUNDS ", " ROUNDF ", "*",        "$"};
     return Any(operators);
   }
   std::string Operand(int depth) {
@@ -234,18 +239,20 @@ class Maker {
     static const char* const prefixes[] = {"NOT ", "ISNULL ", "BITOC ", "not "};
     static const char* const variables[] = {"i", "n", "a[1]", "s:m", "t"};
     if (depth <= 0) return Any(values);
+    std::string text;
     switch (Below(9)) {
       case 0: return "(" + Make(depth - 1) + ")";
-      case 1: return Any(prefixes) + Operand(depth - 1);
-      case 2:
-        return Below(2) ? Any(variables) + (Below(2) ? "++" : "--")
-                        : (Below(2) ? "++" : "--") + Any(variables);
+      case 1: text = Any(prefixes); return text + Operand(depth - 1);
+      case 2: text = Any(variables); break;
       case 3: return "half(" + Make(depth - 1) + ")";
-      case 4: return "both(" + Make(depth - 1) + ", " + Make(depth - 1) + ")";
+      case 4: text = "both(" + Make(depth - 1); return text + ", " + Make(depth - 1) + ")";
       case 5: return "grow(" + Any(variables) + ")";
       case 6: return "a[1 + (" + Make(depth - 1) + " BITAND 1)]";
       default: return Any(values);
     }
+    static const char* const steps[] = {"++", "--"};
+    const std::string step = Any(steps);
+    return Below(2) ? text + step : step + text;
   }
 
   std::mt19937 random;
