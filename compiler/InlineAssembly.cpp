@@ -87,6 +87,7 @@ class InlineAssembly {
                                    : nullptr;
     if (!row) {
       std::vector<std::string_view> known;
+      known.reserve(static_cast<size_t>(Instruction::RowCount));
       for (int i = 0; i < Instruction::RowCount; i++) known.push_back(Instruction::Rows[i].name);
       Fail("an instruction", DidYouMean(word, known));
       return;
