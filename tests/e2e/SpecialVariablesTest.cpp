@@ -19,7 +19,7 @@ class SpecialVariableHosts : public testing::Test {
     Command command({InBuild("bin/zprun"), "--config", engine.Path("zeph.toml"),
                      engine.Path("scripts/page.zpc")});
     command.Run();
-    EXPECT_EQ(command.errors, "");
+    EXPECT_EQ(command.errors, errors);
     return command.output;
   }
   void Expect(const std::string& source, const std::string& pattern) {
@@ -33,6 +33,7 @@ class SpecialVariableHosts : public testing::Test {
   }
 
   EngineProcess engine;
+  std::string errors;  // that zprun reports
 };
 
 TEST_F(SpecialVariableHosts, TheClockAndTheTimeThatIsLeft) {
@@ -66,6 +67,7 @@ TEST_F(SpecialVariableHosts, SettingsAndLibraries) {
       "[[library]]\nkind = \"commerce\"\nname = \"pay\"\npath = \"/nowhere/pay.so\"\n"
       "[[library]]\nkind = \"system\"\nname = \"stat\"\npath = \"" +
       InBuild("lib/libtextstat.so") + "\"\n";
+  errors = "zprun: /nowhere/pay.so: cannot open shared object file: No such file or directory\n";
   Expect(Named("zeph_config:timeout_global") + Named("zeph_config:dir_user") +
              Named("zeph_config:dir_ca") + Named("zeph_config:commerce_list[1]") +
              Named("zeph_config:commerce_lookup:pay") + Named("zeph_config:systemlib_lookup:stat") +
