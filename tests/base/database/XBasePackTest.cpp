@@ -114,7 +114,7 @@ TEST_F(XBasePackTest, AMemoFileThatNoFieldNeedsIsEmptyAfterwards) {
   ASSERT_TRUE(CreateTable("a char(3)", "u.dbf"));
   ASSERT_TRUE(Add({{"a", "x"}}));
   files.files["u.dbf"][0] = static_cast<char>(0x83);
-  files.files["u.dbt"] = std::string("\1", 512) + "\x1A";
+  files.files["u.dbt"] = "\1" + std::string(511, '\0') + "\x1A";
   ASSERT_TRUE(OpenTable("u.dbf")) << Error();
   ASSERT_TRUE(database->Pack()) << Error();
   EXPECT_EQ(files.files["u.dbt"], "");

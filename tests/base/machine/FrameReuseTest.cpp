@@ -384,7 +384,7 @@ TEST(FrameReuse, RandomProgramsDoTheSameInFreshFramesAndInReusedOnes) {
     ended += reused.result;
   }
   // Most programs must not fail early.
-  EXPECT_GT(ended, 250);
+  EXPECT_GT(ended, Rounds(250));
 }
 
 }  // namespace

@@ -538,7 +538,7 @@ TEST(DenseElements, LoseTheElementsThatTheTreeLoses) {
     ASSERT_FALSE(testing::Test::HasFatalFailure());
     trees += !pair.IsRow();
   }
-  EXPECT_GT(trees, 2000);
+  EXPECT_GT(trees, Rounds(2000));
 }
 
 // Every operation must leave the same elements in the same shape as the reference.
