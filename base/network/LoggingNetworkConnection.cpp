@@ -3,6 +3,8 @@
 
 #include "base/network/LoggingNetworkConnection.h"
 
+#include <memory>
+
 #include "base/compiled/Function.h"
 #include "base/host/ZephApplication.h"
 #include "base/machine/ZephVM.h"
@@ -11,7 +13,12 @@
 LoggingNetworkConnection::LoggingNetworkConnection(ZephApplication* application,
                                                    const String& hostname, int port,
                                                    NetworkConnection* connection)
-    : NetworkConnection(application), hostname(hostname), port(port), connection(connection) {}
+    : NetworkConnection(application), port(port), connection(connection) {
+  // Without memory for the copy, the destructor does not run.
+  std::unique_ptr<NetworkConnection> guard(connection);
+  this->hostname = hostname;
+  static_cast<void>(guard.release());
+}
 
 LoggingNetworkConnection::~LoggingNetworkConnection() {
   delete connection;

@@ -36,7 +36,7 @@ bool NetworkService::OpenConnection() {
   if (!manager) {
     reason = "No network";
   } else if (port < 0 || port > 65535) {
-    // The manager would take the lower 16 bits.
+    // Checked here, so that the text is short, and before the host is looked up.
     reason = "Invalid port";
   } else {
     connection = manager->Connect(HostName(), port, timeout);

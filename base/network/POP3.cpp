@@ -276,6 +276,7 @@ int POP3::GetMessage(POP3Message* message) {
   const int result = SendNumbered("RETR", message->number);
   if (result != Done) return result;
   SetVariables(message);
+  message->ForgetHeaders();
   return More;
 }
 

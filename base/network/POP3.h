@@ -62,6 +62,8 @@ class POP3Message {
   // The value of the first header of that name, in any case. Returns false without one; then the
   // results are unchanged. The value is borrowed until the next OpenFile, and is not terminated.
   bool headers(const char* name, int length, const char** value, int* value_length);
+  // Frees the headers. A mailbox may have millions of messages, so only the present one has them.
+  void ForgetHeaders() { header_table.reset(); }
 
   void Error(const String& text);
   const String& error() const { return error_text; }

@@ -107,8 +107,8 @@ bool SMTP::Finish() {
 }
 
 // Another output may be in front: a capture or a mail of this script that was left open, which is
-// dropped with it, or one of a file that the script has loaded. That file's output is left alone if
-// the one to go back to has ended before.
+// dropped with it, or one of a file that the script has loaded. If the output below has ended too,
+// its end has already put the right output in front: nothing is changed.
 void SMTP::GiveBack() {
   const bool covered = application->output() != output;
   if (covered && (dropped() || output->below_over())) return;

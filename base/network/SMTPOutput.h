@@ -45,7 +45,7 @@ class SMTPOutput : public NetworkOutput, public OutputLayer {
     StartCR = 1,  // a CR, an LF, or a whole line break, at the start
     StartLF = 2,
     StartBreak = 3,
-    InLine = 4,   // a byte of a line, or nothing that matters
+    InLine = 4,   // anything else: a dot here is an ordinary byte
     AfterCR = 5,  // a CR or an LF that may be half of a line break
     AfterLF = 6,
     BreakDue = 7,    // a whole line break, which is not sent yet

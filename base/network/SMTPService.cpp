@@ -109,6 +109,11 @@ bool SMTPService::Write(const char* command, const char* argument, int length) {
   return Write(line);
 }
 
+bool SMTPService::Connect() {
+  lost = false;
+  return NetworkService::Connect();
+}
+
 bool SMTPService::SMTP_Connect(bool logging) {
   lost = false;
   if (!OpenConnection()) return false;
@@ -134,7 +139,8 @@ bool SMTPService::Start(const char* to, int to_length, const char* from, int fro
   cc_length = MeasuredLength(cc, cc_length);
   String text;
   if (!CheckAddress(from, from_length, &text) || !CheckAddress(to, to_length, &text) ||
-      !CheckAddress(cc, cc_length, &text) || !CheckSubject(subject, subject_length, &text)) {
+      !CheckAddress(cc, cc_length, &text) ||
+      (!(flags & NoHeaders) && !CheckSubject(subject, subject_length, &text))) {
     Error(text);
     return false;
   }

@@ -11,11 +11,12 @@ class SMTPOutput;
 class ZephVM;
 
 // Sends one mail: SMTP_Connect, Start, the text of the mail through an SMTPOutput, Finish. The
-// destructor takes leave of the server.
+// destructor sends QUIT.
 //
 // In all arguments a length of -1 means strlen. The operations that talk to the server need a
 // connection: without one they fail. After a read or a write that failed the connection is not used
-// any more, so that no later command can be taken for an answer to an earlier state.
+// any more, because the server may take what comes next for the rest of an earlier command or of
+// the mail.
 class SMTPService : public NetworkService {
  public:
   enum Flags : unsigned { TLS = 1, StartTLS = 2, NoHeaders = 4 };
@@ -41,6 +42,7 @@ class SMTPService : public NetworkService {
   // Sends QUIT if there is a connection.
   ~SMTPService() override;
 
+  [[nodiscard]] bool Connect() override;
   // Reads a reply of one line or more, of which the last counts. The good codes are 220, 221, 250,
   // 251 and 354, at every stage. After another code the error is the server's text.
   [[nodiscard]] bool Read_Status() override;

@@ -61,7 +61,7 @@ bool ZephVM::MailBlock::Pop(int count, Arguments* arguments) {
   return !vm->stop_flag;
 }
 
-// Texts that can never be sent are refused before a connection is made.
+// Addresses that can never be sent are refused before a connection is made.
 bool ZephVM::MailBlock::Start(const Arguments& arguments, std::unique_ptr<SMTP>* mail,
                               String* failure) {
   const String &to = arguments.to, &from = arguments.from, &cc = arguments.cc;
@@ -69,7 +69,6 @@ bool ZephVM::MailBlock::Start(const Arguments& arguments, std::unique_ptr<SMTP>*
   for (const String* address : {&from, &to, &cc}) {
     if (!SMTPService::CheckAddress(address->data, address->length, failure)) return false;
   }
-  if (!SMTPService::CheckSubject(subject.data, subject.length, failure)) return false;
   *mail = std::make_unique<SMTP>(vm->application, vm);
   if (!(*mail)->Connect(arguments.host, arguments.port, arguments.flags, arguments.user,
                         arguments.password, vm->WantsLog(Log_SMTP))) {
@@ -88,6 +87,7 @@ bool ZephVM::MailBlock::Start(const Arguments& arguments, std::unique_ptr<SMTP>*
 void ZephVM::MailBlock::Begin(int count) {
   Arguments arguments;
   if (!Pop(count, &arguments)) return;
+  vm->ClearErrorVariable(Tag_SMTP);
   std::unique_ptr<SMTP> mail;
   String failure;
   if (Start(arguments, &mail, &failure)) {

@@ -81,6 +81,13 @@ TEST_F(ContactPage, AVisitorAddsNoFieldsAndNoCommands) {
   EXPECT_EQ(Mail(2), "");
 }
 
+TEST_F(ContactPage, AVisitorWritesNoErrors) {
+  Serve();
+  const std::string page = Post("name=n&address=a&message=m&ZpSMTP_Error=%3Cb%3Ex");
+  EXPECT_THAT(page, HasSubstr("<h2>Thank you"));
+  EXPECT_THAT(page, Not(HasSubstr("<b>x")));
+}
+
 TEST_F(ContactPage, AFailureIsShown) {
   Serve("wrong");
   const std::string page = Post("name=n&address=a&message=kept");

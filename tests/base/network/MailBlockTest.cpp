@@ -421,11 +421,30 @@ TEST_F(MailBlock, AnAddressWithALineBreakIsRefusedBeforeAConnectionIsMade) {
   }
 }
 
+std::string OpenWithSubject(const std::string& subject, const std::string& flags) {
+  return "pushc \"t@x\"\npushc \"f@x\"\npushc \"h\"\npushc \"\"\npushc \"" + subject +
+         "\"\npushi 25\npushc \"" + flags + "\"\nop_smtpn done, 7\n";
+}
+
 TEST_F(MailBlock, ASubjectThatWouldEndTheMailIsRefusedToo) {
-  EXPECT_EQ(Run(Mail("pushc \"t\"\npushc \"f\"\npushc \"h\"\npushc \"\"\n"
-                     "pushc \"a\\r\\n.\\r\\nQUIT\"\nop_smtp done\n")),
+  server.Says({"220 hi", "250 a", "500 e", "221 f"});
+  EXPECT_EQ(Run(Mail(OpenWithSubject("a\\r\\n.\\r\\nQUIT", ""))),
             "end:A subject must not contain a line of a single dot");
-  EXPECT_TRUE(server.transcript.empty());
+  EXPECT_EQ(
+      server.transcript,
+      (MailTranscript{"connect h 25 30", "S: 220 hi", "C: HELO testhost.example.org\r\n",
+                      "S: 250 a", "C: .\r\n", "S: 500 e", "C: QUIT\r\n", "S: 221 f", "close"}));
+}
+
+TEST_F(MailBlock, ASubjectThatIsNotSentMayBeAnything) {
+  SaysYes();
+  EXPECT_EQ(Run(Mail(OpenWithSubject("a\\r\\n.\\r\\nQUIT", "noheaders"))), "end:");
+}
+
+// A form field of that name would be shown as an error otherwise.
+TEST_F(MailBlock, ASuccessClearsTheErrorVariable) {
+  SaysYes();
+  EXPECT_EQ(Run("pushc \"old\"\npopg ZpSMTP_Error\n" + Mail()), "end:");
 }
 
 // The last argument popped is the address, whose variable may be an array.

@@ -245,14 +245,21 @@ TEST_F(SMTPClient, TLSFromTheStartComesBeforeTheGreeting) {
 }
 
 TEST_F(SMTPClient, STARTTLSAsksForTheExtensionsAgain) {
-  EXPECT_TRUE(Connect(
-      SMTPService::StartTLS, "u", "p",
-      {"250-h", "250-AUTH LOGIN", "250 STARTTLS", "220 go", "250-h", "250 AUTH PLAIN", "235 ok"}));
-  EXPECT_EQ(server.transcript,
-            (MailTranscript{"connect h 25 30", "S: 220 hi", "C: EHLO testhost.example.org\r\n",
-                            "S: 250-h", "S: 250-AUTH LOGIN", "S: 250 STARTTLS", "C: STARTTLS\r\n",
-                            "S: 220 go", "tls h 30", "C: EHLO testhost.example.org\r\n", "S: 250-h",
-                            "S: 250 AUTH PLAIN", "C: AUTH PLAIN dQB1AHA=\r\n", "S: 235 ok"}));
+  EXPECT_TRUE(Connect(SMTPService::StartTLS, "u", "p",
+                      {"250-h", "250-AUTH DIGEST-MD5", "250 STARTTLS", "220 go", "250-h",
+                       "250 AUTH PLAIN", "235 ok"}));
+  EXPECT_EQ(
+      server.transcript,
+      (MailTranscript{"connect h 25 30", "S: 220 hi", "C: EHLO testhost.example.org\r\n",
+                      "S: 250-h", "S: 250-AUTH DIGEST-MD5", "S: 250 STARTTLS", "C: STARTTLS\r\n",
+                      "S: 220 go", "tls h 30", "C: EHLO testhost.example.org\r\n", "S: 250-h",
+                      "S: 250 AUTH PLAIN", "C: AUTH PLAIN dQB1AHA=\r\n", "S: 235 ok"}));
+}
+
+TEST_F(SMTPClient, WhatWasOfferedBeforeSTARTTLSDoesNotCount) {
+  EXPECT_FALSE(Connect(SMTPService::StartTLS, "u", "p",
+                       {"250-h", "250-AUTH PLAIN", "250 STARTTLS", "220 go", "250 h"}));
+  EXPECT_EQ(Error(), "No supported authentication methods are allowed by the server");
 }
 
 TEST_F(SMTPClient, STARTTLSNeedsNoUser) {
