@@ -15,6 +15,7 @@
 #include "base/network/NetworkManager.h"
 #include "base/network/OpenSSL.h"
 #include "base/systems/unix/UNIXOpenSSL.h"
+#include "tests/support/Lateness.h"
 #include "tests/support/ListeningPeer.h"
 #include "tests/support/TLSFiles.h"
 #include "tests/support/TLSHost.h"
@@ -420,11 +421,11 @@ TEST_F(SlowTLS, EachWaitEndsAtItsTime) {
                 EXPECT_EQ(Secure("localhost", 1),
                           "Error establishing SSL connection: Connection timed out");
               }),
-              1.0, 0.5);
+              1.0, kLateness);
   connection.reset();
   ToSleeper();
-  EXPECT_NEAR(Seconds([&] { EXPECT_EQ(Some(1), "-1: SSL Read Timeout"); }), 1.0, 0.5);
-  EXPECT_NEAR(Seconds([&] { EXPECT_EQ(Line(1), "-1: SSL Read Timeout"); }), 1.0, 0.5);
+  EXPECT_NEAR(Seconds([&] { EXPECT_EQ(Some(1), "-1: SSL Read Timeout"); }), 1.0, kLateness);
+  EXPECT_NEAR(Seconds([&] { EXPECT_EQ(Line(1), "-1: SSL Read Timeout"); }), 1.0, kLateness);
   EXPECT_EQ(Flood(1), "Write Timeout");
 }
 
@@ -434,7 +435,7 @@ TEST_F(SlowTLS, CancellationEndsEveryWait) {
       std::this_thread::sleep_for(std::chrono::milliseconds(300));
       host->Cancelled();
     });
-    EXPECT_LT(Seconds(function), 2.5);
+    EXPECT_LT(Seconds(function), 1.6 + kLateness);
     canceller.join();
   };
   {
