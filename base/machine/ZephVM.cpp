@@ -194,7 +194,9 @@ int ZephVM::OutOfMemory() {
   try {
     FatalError("Out of memory");
   } catch (const std::bad_alloc&) {
-    // There is no memory even for the message.
+    // There is no memory even for the message. The run ends all the same, because a stack that
+    // could not grow lacks a value; so do the machines that work on that stack.
+    for (ZephVM* running = this; running; running = running->guest) running->stop_flag = true;
   }
   return 0;
 }
