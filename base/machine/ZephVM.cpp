@@ -276,9 +276,10 @@ int ZephVM::Loop() {
 #define CALL_Absent(name) \
   case Instruction::code_##name: break;
 // A jump on the integer that is popped.
-#define JUMP_IF(name, relation)                               \
-  CASE(name)                                                  \
-  if (stack->PopI() relation 0) pc = Jumped(pc, GetInt32(p)); \
+#define JUMP_IF(name, relation)                                 \
+  CASE(name)                                                    \
+  /* An operator. NOLINTNEXTLINE(bugprone-macro-parentheses) */ \
+  if (stack->PopI() relation 0) pc = Jumped(pc, GetInt32(p));   \
   continue;
 // Pushes an integer that depends on the order of two values.
 #define COMPARE(name, result)             \
