@@ -4,8 +4,15 @@
 #ifndef ZEPH_TESTS_SUPPORT_LATENESS_H
 #define ZEPH_TESTS_SUPPORT_LATENESS_H
 
+#include <gmock/gmock.h>
+
 #include "base/core/Sanitizers.h"
 
-inline constexpr double kLateness = kAddressSanitizer || kThreadSanitizer ? 8 : 0.9;  // seconds
+inline constexpr double kLateness = kAddressSanitizer || kThreadSanitizer ? 8 : 0.6;  // seconds
+
+// Matches the seconds of a wait that has ended by its time limit: never before it.
+inline auto EndsAtItsTime(double limit) {
+  return testing::AllOf(testing::Ge(limit - 0.05), testing::Le(limit + kLateness));
+}
 
 #endif

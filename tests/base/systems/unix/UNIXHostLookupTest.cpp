@@ -114,12 +114,14 @@ class SlowHostLookup : public testing::Test {
 };
 
 TEST_F(SlowHostLookup, ASilentServerCostsNoMoreThanTheTime) {
-  EXPECT_NEAR(Seconds([&] { EXPECT_EQ(Connect(1), "Error looking up 'silent'"); }), 1.0, kLateness);
+  EXPECT_THAT(Seconds([&] { EXPECT_EQ(Connect(1), "Error looking up 'silent'"); }),
+              EndsAtItsTime(1.0));
   application.config()->SetValue_Integer(Config_timeout_global, 1);
-  EXPECT_NEAR(Seconds([&] { EXPECT_EQ(Connect(0), "Error looking up 'silent'"); }), 1.0, kLateness);
+  EXPECT_THAT(Seconds([&] { EXPECT_EQ(Connect(0), "Error looking up 'silent'"); }),
+              EndsAtItsTime(1.0));
   String address("old", -1);
-  EXPECT_NEAR(Seconds([&] { EXPECT_EQ(manager.GetHostAddress("silent", address), -1); }), 1.0,
-              kLateness);
+  EXPECT_THAT(Seconds([&] { EXPECT_EQ(manager.GetHostAddress("silent", address), -1); }),
+              EndsAtItsTime(1.0));
   EXPECT_EQ(Text(manager.error()), "Error looking up 'silent'");
   EXPECT_EQ(Text(address), "old");
 }
@@ -129,7 +131,7 @@ TEST_F(SlowHostLookup, CancellationEndsIt) {
     servers.WaitFor(1);
     application.SetCancelled(1);
   });
-  EXPECT_LT(Seconds([&] { EXPECT_EQ(Connect(-1), "Error looking up 'silent'"); }), 1.1 + kLateness);
+  EXPECT_LT(Seconds([&] { EXPECT_EQ(Connect(-1), "Error looking up 'silent'"); }), 1.4 + kLateness);
   canceller.join();
 }
 
