@@ -28,6 +28,12 @@ constexpr Milliseconds kSlice(250);
 // A line that comes without a pause looks at cancelled() each time it has grown by so many bytes.
 constexpr int kLinePatience = 65536;
 
+// A large stream that is read in pieces of a few kilobytes costs more for the system calls than for
+// its bytes. So it is received in pieces of kAhead bytes once a Read of at least kBulk was filled.
+// Replies of a line, and the bytes before a TLS handshake, are never received early.
+constexpr int kBulk = 4096;
+constexpr int kAhead = 32768;
+
 }  // namespace
 
 UNIXNetworkConnection::UNIXNetworkConnection(ZephApplication* application)
@@ -41,6 +47,8 @@ UNIXNetworkConnection::~UNIXNetworkConnection() {
 void UNIXNetworkConnection::CloseSocket() {
   if (socket >= 0) close(socket);
   socket = -1;
+  ahead_begin = ahead_end = 0;
+  bulk = false;
 }
 
 const OpenSSLFunctions& UNIXNetworkConnection::TLS() const {
@@ -167,6 +175,28 @@ bool UNIXNetworkConnection::CheckConnected() {
 
 int UNIXNetworkConnection::Read(char* buffer, int length, int timeout) {
   if (ssl) return SSL_Read(buffer, length, timeout);
+  if (ahead_begin < ahead_end) return TakeAhead(buffer, length);
+  if (bulk && length >= kBulk && length < kAhead) {
+    if (!ahead) ahead.reset(new char[kAhead]);
+    const int count = Receive(ahead.get(), kAhead, timeout);
+    if (count <= 0) return count;
+    ahead_begin = 0;
+    ahead_end = count;
+    return TakeAhead(buffer, length);
+  }
+  const int count = Receive(buffer, length, timeout);
+  if (length >= kBulk) bulk = count == length;
+  return count;
+}
+
+int UNIXNetworkConnection::TakeAhead(char* buffer, int length) {
+  const int count = std::max(std::min(length, ahead_end - ahead_begin), 0);
+  if (count > 0) memcpy(buffer, ahead.get() + ahead_begin, static_cast<size_t>(count));
+  ahead_begin += count;
+  return count;
+}
+
+int UNIXNetworkConnection::Receive(char* buffer, int length, int timeout) {
   static const WaitTexts texts = {"Read Error: ", "Read Timeout", "Read Error"};
   const size_t size = static_cast<size_t>(std::max(length, 0));
   for (;;) {
@@ -184,6 +214,18 @@ int UNIXNetworkConnection::ReadLine(String& line, int timeout, int buffer_size) 
   const int size = std::max(buffer_size, 1);
   String collected;
   line.Empty();
+  if (ahead_begin < ahead_end) {
+    const char* const begin = ahead.get() + ahead_begin;
+    const void* const feed = memchr(begin, '\n', static_cast<size_t>(ahead_end - ahead_begin));
+    const int length = feed ? static_cast<int>(static_cast<const char*>(feed) - begin) + 1
+                            : ahead_end - ahead_begin;
+    collected.cat(begin, length);
+    ahead_begin += length;
+    if (feed) {
+      line = std::move(collected);
+      return line.length;
+    }
+  }
   std::unique_ptr<char[]> buffer(new char[static_cast<size_t>(size)]);
   for (int unlooked = 0;;) {
     ssize_t count = network_calls.recv(socket, buffer.get(), static_cast<size_t>(size), MSG_PEEK);
@@ -250,6 +292,11 @@ bool UNIXNetworkConnection::EstablishTLSConnection(const char* hostname,
   this->client_key = client_key;
   if (socket < 0) {
     Error("TCP connection not established");
+    return false;
+  }
+  // No handshake begins with what the peer has sent before it.
+  if (ahead_begin < ahead_end) {
+    Error("Error establishing SSL connection: Unexpected data");
     return false;
   }
   String text;

@@ -9,6 +9,8 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
+#include <memory>
+
 #include "base/network/NetworkConnection.h"
 
 struct OpenSSLFunctions;
@@ -81,12 +83,22 @@ class UNIXNetworkConnection : public NetworkConnection {
   const OpenSSLFunctions& TLS() const;
   void FreeTLS();
   void CloseSocket();
+  // recv with the waits of Read and its failures: the count of bytes, 0 at the end, or -1.
+  int Receive(char* buffer, int length, int timeout);
+  // Moves up to length of the bytes that were read ahead; returns how many.
+  int TakeAhead(char* buffer, int length);
 
   int socket = -1;
   ssl_st* ssl = nullptr;
   x509_st* server_certificate = nullptr;
   x509_st* client_certificate = nullptr;
   evp_pkey_st* client_key = nullptr;
+  // Bytes that were received and not read yet: those of the buffer from ahead_begin to ahead_end.
+  // Read alone reads ahead, and only while a caller takes the stream in large pieces.
+  std::unique_ptr<char[]> ahead;
+  int ahead_begin = 0;
+  int ahead_end = 0;
+  bool bulk = false;  // the last large Read got all that it asked for
 };
 
 #endif

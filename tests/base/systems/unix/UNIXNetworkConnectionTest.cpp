@@ -5,11 +5,14 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <memory>
+#include <random>
 #include <string>
 #include <thread>
 
@@ -17,6 +20,7 @@
 #include "base/systems/unix/UNIXNetworkManager.h"
 #include "tests/support/Lateness.h"
 #include "tests/support/ListeningPeer.h"
+#include "tests/support/Rounds.h"
 #include "tests/support/TestApplication.h"
 
 namespace {
@@ -131,6 +135,58 @@ TEST_F(UNIXNetworkConnectionTest, TheBufferSizeDoesNotLimitALine) {
     EXPECT_EQ(Line(), "next\n");
     Close();
   }
+}
+
+// Pieces of 4096 bytes and more are received together; all that comes after must not show it.
+TEST_F(UNIXNetworkConnectionTest, LinesAndPiecesOfEachSizeFollowLargePieces) {
+  std::string sent;
+  for (int i = 0; i < 60000; i++) sent += std::to_string(i * 7919) + (i % 9 ? " " : "\n");
+  std::mt19937 random(4);
+  for (int round = 0; round < Rounds(40); round++) {
+    SCOPED_TRACE(round);
+    To([&](Peer& peer) { peer.Send(sent); });
+    std::string all;
+    while (all.size() < sent.size()) {
+      // Without a last line feed, what is left of a line would be lost.
+      const bool line = random() % 3 == 0 && sent.find('\n', all.size()) != std::string::npos;
+      static const int kSizes[] = {1, 2, 100, 4095, 4096, 8192, 8192, 8192, 32767, 32768, 100000};
+      const std::string part = line ? Line() : Some(kSizes[random() % std::size(kSizes)]);
+      ASSERT_FALSE(part.empty());
+      if (line) {
+        ASSERT_EQ(part.find('\n'), part.size() - 1);
+      }
+      all += part;
+    }
+    EXPECT_TRUE(all == sent);
+    EXPECT_EQ(Some(8192), "");
+    Close();
+  }
+}
+
+TEST_F(UNIXNetworkConnectionTest, LargePiecesAreReceivedTogether) {
+  static size_t most;
+  most = 0;
+  To([](Peer& peer) { peer.Send(std::string(4 << 20, 'x')); });
+  network_calls.recv = [](int descriptor, void* buffer, size_t length, int flags) {
+    most = std::max(most, length);
+    return ::recv(descriptor, buffer, length, flags);
+  };
+  size_t count = 0;
+  for (std::string part; !(part = Some(8192)).empty();) count += part.size();
+  EXPECT_EQ(count, 4u << 20);
+  EXPECT_EQ(most, 32768u);
+}
+
+TEST_F(UNIXNetworkConnectionTest, WhatWasReceivedEarlyIsNoHandshake) {
+  To([](Peer& peer) { peer.WaitForEnd(); });
+  network_calls.recv = [](int, void* buffer, size_t length, int) {
+    memset(buffer, 'x', length);
+    return static_cast<ssize_t>(length);
+  };
+  EXPECT_EQ(Some(8192).size(), 8192u);
+  EXPECT_EQ(Some(8192).size(), 8192u);
+  EXPECT_FALSE(connection->EstablishTLSConnection(nullptr, nullptr, nullptr, 1));
+  EXPECT_EQ(Text(connection->error()), "Error establishing SSL connection: Unexpected data");
 }
 
 TEST_F(UNIXNetworkConnectionTest, TinyBufferSizesWork) {
