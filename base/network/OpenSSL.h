@@ -48,6 +48,7 @@ struct OpenSSLGeneralName {
 // One application's pointers. All in the list are set once the application's SSL_Available has
 // returned 1.
 struct OpenSSLFunctions {
+// The parameter list keeps its own parentheses. NOLINTNEXTLINE(bugprone-macro-parentheses)
 #define OPENSSL_FUNCTION(library, name, result, arguments) result(*name) arguments = nullptr;
 #include "base/network/OpenSSL.def"
 #undef OPENSSL_FUNCTION

@@ -107,10 +107,13 @@ class CallHost {
     return arguments;
   }
 
-  // All elements of a body that arrives in pieces, which end at these positions.
-  CallLoopSeen Read(const std::string& body, const std::set<size_t>& cuts = {}) {
+  // All elements of a body that arrives in pieces, which end at these positions. A peer that stays
+  // is silent after it, so that a read fails.
+  CallLoopSeen Read(const std::string& body, const std::set<size_t>& cuts = {},
+                    bool stays = false) {
     variables.Dump();
     peer = ScriptedPeer();
+    peer.stays = stays;
     peer.bytes = "HTTP/1.1 200 OK\r\n\r\n";
     for (const size_t cut : cuts) peer.cuts.insert(peer.bytes.size() + cut);
     peer.bytes += body;

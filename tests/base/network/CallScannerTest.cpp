@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <random>
 
 #include "base/core/RunLimit.h"
@@ -277,20 +278,26 @@ TEST(CallScanner, RandomBodiesHaveTheElementsThatAModelFinds) {
   EXPECT_LT(errors, size_t{bodies / 20 * 19});
 }
 
+// A peer falls silent after each byte of each sound body.
 TEST(CallScanner, AFailedReadEndsTheLoopWithTheTextOfTheConnection) {
-  for (const char* body : {"a", "<a>b", "<a", "<a b='", "<!-- ", "<!DOCTYPE ", "<a /"}) {
-    SCOPED_TRACE(body);
+  size_t failures = 0;
+  for (const ElementCase& row : kCases) {
+    SCOPED_TRACE(row.body);
+    const std::string body = row.body;
+    // An error of its own, or the byte that is an end, may come before the read that fails.
+    if (strchr(row.elements, '!') || body.find('\xFF') != std::string::npos) continue;
     CallHost host;
-    host.peer.bytes = std::string("HTTP/1.1 200 OK\r\n\r\n") + body;
-    host.peer.stays = true;
-    const auto call = host.Connect(CallHost::Arguments("GET"));
-    ASSERT_TRUE(host.connected) << host.failure;
-    Call::Result result;
-    while ((result = call->Find_Next_Element()) == Call::Found) {
+    const std::string whole = Shown(host.Read(body));
+    for (size_t sent = 0; sent <= body.size(); sent++) {
+      const CallLoopSeen seen = host.Read(body.substr(0, sent), {}, true);
+      EXPECT_EQ(seen.error, kReadTimeout);
+      CallLoopSeen before = seen;
+      before.error.clear();
+      EXPECT_EQ(whole.rfind(Shown(before), 0), 0u) << "elements before the failure at " << sent;
+      failures++;
     }
-    EXPECT_EQ(result, Call::Failed);
-    EXPECT_EQ(BytesOf(call->error()), kReadTimeout);
   }
+  EXPECT_GE(failures, 500u);
 }
 
 TEST(CallScanner, ReferencesToOldAttributesAreEmptied) {
