@@ -3,4 +3,4 @@ local function tak(x, y, z)
   return tak(tak(x - 1, y, z), tak(y - 1, z, x), tak(z - 1, x, y))
 end
 
-print(tak(math.tointeger(arg[1]), 12, 6))
+print(tak(math.tointeger(arg[1]), 16, 8))

@@ -4,4 +4,4 @@ function tak($x, $y, $z) {
   return tak(tak($x - 1, $y, $z), tak($y - 1, $z, $x), tak($z - 1, $x, $y));
 }
 
-echo tak((int)$argv[1], 12, 6), "\n";
+echo tak((int)$argv[1], 16, 8), "\n";
