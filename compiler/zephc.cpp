@@ -1,29 +1,22 @@
 // zephc: compiles pages, or the pages of a folder, to compiled files. The library of the compiler
 // does the work. Tested in tests/compiler/ZephcTest.cpp.
 
-#include <unistd.h>
-
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <iterator>
-#include <map>
 #include <string>
 #include <vector>
 
 #include "compiler/Compiler.h"
+#include "compiler/PageFiles.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
 constexpr int kUsageStatus = 2;
-constexpr char kSource[] = ".zeph";
-constexpr char kCompiled[] = ".zpc";
 
 constexpr char kUsage[] =
     "usage: zephc [options] page.zeph -o page.zpc    one page\n"
@@ -55,80 +48,15 @@ struct Page {
   std::vector<std::string> files;  // that it is made from, as paths
 };
 
-bool ReadFile(const fs::path& path, std::string* text) {
-  std::error_code failure;
-  if (!fs::is_regular_file(path, failure)) return false;
-  std::ifstream file(path, std::ios::binary);
-  text->assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-  return !file.bad() && file.is_open();
-}
-
 bool Report(const fs::path& path, const char* what) {
-  std::cerr << "zephc: cannot " << what << " " << path.string() << ": "
-            << strerror(errno ? errno : ENOENT) << "\n";
+  std::cerr << "zephc: cannot " << what << " " << path.string() << ": " << strerror(errno) << "\n";
   return false;
 }
-
-// Replaces the file in one step: an engine that runs it sees the old file or the new one.
-bool WriteFile(const fs::path& path, const std::string& bytes) {
-  std::error_code ignored;
-  if (path.has_parent_path()) fs::create_directories(path.parent_path(), ignored);
-  const std::string unfinished = path.string() + "." + std::to_string(getpid());
-  errno = 0;
-  std::ofstream file(unfinished, std::ios::binary | std::ios::trunc);
-  file << bytes;
-  file.close();
-  if (file && std::rename(unfinished.c_str(), path.c_str()) == 0) return true;
-  Report(path, "write");
-  unlink(unfinished.c_str());
-  return false;
-}
-
-// Where included files are: beside the file that includes them, then in the folders of -I. A name
-// is what messages use, relative to the folder that is compiled.
-class Includes {
- public:
-  Includes(const fs::path& root, const std::vector<std::string>& folders)
-      : root(root), folders(folders) {}
-
-  bool Read(const std::string& name, const std::string& from, std::string* found,
-            std::string* text) {
-    const fs::path beside = (fs::path(from).parent_path() / name).lexically_normal();
-    auto known = paths.find(from);
-    const fs::path folder =
-        known == paths.end() ? root / fs::path(from).parent_path() : known->second.parent_path();
-    if (Try(folder / name, beside, found, text)) return true;
-    for (const std::string& other : folders) {
-      const fs::path path = (fs::path(other) / name).lexically_normal();
-      if (Try(path, path, found, text)) return true;
-    }
-    return false;
-  }
-
-  // The path of a file by its name in messages.
-  std::string Path(const std::string& name) const {
-    auto known = paths.find(name);
-    return known == paths.end() ? (root / name).string() : known->second.string();
-  }
-
- private:
-  bool Try(const fs::path& path, const fs::path& name, std::string* found, std::string* text) {
-    if (!ReadFile(path, text)) return false;
-    *found = name.string();
-    paths[*found] = path.lexically_normal();
-    return true;
-  }
-
-  fs::path root;
-  const std::vector<std::string>& folders;
-  std::map<std::string, fs::path> paths;
-};
 
 bool Compile(const Arguments& arguments, const fs::path& root, CompileOptions options, Page* page) {
   std::string text;
-  errno = 0;
-  if (!ReadFile(page->source, &text)) return Report(page->source, "read");
-  Includes includes(root, arguments.folders);
+  if (!ReadWholeFile(page->source, &text)) return Report(page->source, "read");
+  PageIncludes includes(root, arguments.folders);
   options.reader = [&includes](const std::string& name, const std::string& from, std::string* found,
                                std::string* content) {
     return includes.Read(name, from, found, content);
@@ -144,21 +72,19 @@ bool Compile(const Arguments& arguments, const fs::path& root, CompileOptions op
 std::vector<Page> FindPages(const Arguments& arguments) {
   std::vector<Page> pages;
   const fs::path root = arguments.source;
-  std::error_code failure;
-  for (auto entry = fs::recursive_directory_iterator(root, failure);
-       !failure && entry != fs::recursive_directory_iterator(); entry.increment(failure)) {
-    const fs::path& path = entry->path();
-    if (path.extension() != kSource || path.filename().string()[0] == '_') continue;
-    if (!entry->is_regular_file(failure)) continue;
+  VisitFiles(root, [&](const std::string& name) {
+    if (!IsPage(name)) return;
     Page page;
-    page.name = path.lexically_relative(root).string();
-    page.source = path;
-    page.target = (fs::path(arguments.target) / page.name).replace_extension(kCompiled);
+    page.name = name;
+    page.source = root / name;
+    page.target = fs::path(arguments.target) / CompiledName(name);
     pages.push_back(std::move(page));
-  }
-  std::sort(pages.begin(), pages.end(),
-            [](const Page& a, const Page& b) { return a.name < b.name; });
+  });
   return pages;
+}
+
+bool WriteFile(const fs::path& path, const std::string& bytes) {
+  return WriteWholeFile(path, bytes) || Report(path, "write");
 }
 
 std::string ForMake(const std::string& path) {
@@ -200,8 +126,7 @@ int Run(const Arguments& arguments) {
   options.defines = arguments.defines;
   options.every_line = arguments.every_line;
   options.functions_name = arguments.functions;
-  errno = 0;
-  if (!arguments.functions.empty() && !ReadFile(arguments.functions, &options.functions)) {
+  if (!arguments.functions.empty() && !ReadWholeFile(arguments.functions, &options.functions)) {
     Report(arguments.functions, "read");
     return 1;
   }
