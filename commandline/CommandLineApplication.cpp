@@ -13,13 +13,17 @@
 #include <ctime>
 #include <memory>
 
+#include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/TaggedFile.h"
 #include "base/compiled/VariableHash.h"
+#include "base/core/ascii.h"
 #include "base/extensions/ExternalConfig.h"
 #include "base/host/Config.h"
 #include "base/machine/ZephVM.h"
+#include "base/request/URLEncodedParser.h"
 #include "base/systems/unix/UNIXNetworkManager.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
+#include "base/values/VariableKinds.h"
 #include "commandline/CommandLineOutput.h"
 #include "commandline/Options.h"
 #include "config/SnapshotStore.h"
@@ -42,6 +46,29 @@ const char* Environment(const char* name) {
 bool HasConfigurationFile() {
   return Environment(config_file_variable) || Exists(config_file_local) ||
          Exists(config_file_system);
+}
+
+// Fields "name=value" as a browser sends them, joined by "&". Names are paths of arrays and
+// structures, whose marks the reader of forms expects as they are or encoded.
+std::string Encoded(const std::vector<const char*>& fields) {
+  static const char kDigits[] = "0123456789ABCDEF";
+  std::string text;
+  for (const char* field : fields) {
+    if (!text.empty()) text += '&';
+    bool in_name = true;
+    for (const char* p = field; *p; p++) {
+      const auto c = static_cast<unsigned char>(*p);
+      if (in_name && c == '=') {
+        in_name = false;
+        text += '=';
+      } else if (zp_isalpha(c) || zp_isdigit(c) || strchr("-._~", c)) {
+        text += *p;
+      } else {
+        text += {'%', kDigits[c >> 4], kDigits[c & 15]};
+      }
+    }
+  }
+  return text;
 }
 
 // The resolved path; empty, with errno set, if there is no such file.
@@ -83,9 +110,11 @@ int CommandLineApplication::Go(const Options& options) {
   auto* standard_output = new CommandLineOutput(this, isatty(STDOUT_FILENO) ? 0 : 1,
                                                 configuration->buffer_size(Config_bufsz_output));
   current_output = standard_output;
+  if (options.headers) standard_output->ShowHeaders();
   MakeMachine(&tables, &tagged, path);
   AddSystemVariables(&tables);
   AddArguments(options);
+  if (options.is_request && !AddRequest(options, path)) return 1;
   ResetGlobalTimeout();
   const bool ran = vm->Go() != 0;
   // The machine ends first, because a mail that the script left open is sent then. Standard output
@@ -233,4 +262,65 @@ void CommandLineApplication::AddArguments(const Options& options) {
   }
   snprintf(count, sizeof count, "%d", options.argument_count);
   tables.global_variables->SetVariable("nargs", -1, count, -1);
+}
+
+// The names and values that the engine has for a request of this page from this machine. Fields of
+// the query come before those of the form, as they do there.
+bool CommandLineApplication::AddRequest(const Options& options, const String& path) {
+  const std::string query = Encoded(options.query);
+  const std::string form = Encoded(options.form);
+  const std::string page = "/" + std::string(path.data, static_cast<size_t>(path.length));
+  std::string cookies;
+  for (const char* cookie : options.cookies)
+    cookies += (cookies.empty() ? "" : "; ") + std::string(cookie);
+  AddSystemText("REQUEST_METHOD", options.form.empty() ? "GET" : "POST");
+  AddSystemText("REQUEST_URI", page + (query.empty() ? "" : "?" + query));
+  AddSystemText("PATH_INFO", page);
+  AddSystemText("SCRIPT_NAME", "");
+  AddSystemText("QUERY_STRING", query);
+  AddSystemText("SERVER_NAME", "localhost");
+  AddSystemText("SERVER_PORT", "80");
+  AddSystemText("SERVER_PROTOCOL", "HTTP/1.1");
+  AddSystemText("HTTP_HOST", "localhost");
+  AddSystemText("REMOTE_ADDR", "127.0.0.1");
+  if (!cookies.empty()) AddSystemText("HTTP_COOKIE", cookies);
+  if (!options.form.empty()) {
+    AddSystemText("CONTENT_TYPE", "application/x-www-form-urlencoded");
+    AddSystemText("CONTENT_LENGTH", std::to_string(form.size()));
+  }
+  AddSystemText("apitype", "Redirect");
+  AddSystemText("documenturl", "http://localhost" + page + "?");
+  AddCaller(cookies);
+  current_output->Header("Content-Type", "text/html");
+  return AddFields(query) && AddFields(form);
+}
+
+// The visitor's id: that of the cookie, or one that is made as the engine makes it.
+void CommandLineApplication::AddCaller(const std::string& cookies) {
+  const std::string name = "zixcallerid=";
+  const size_t at = cookies.find(name);
+  std::string id;
+  if (at != std::string::npos) {
+    const size_t begin = at + name.size();
+    id = cookies.substr(begin, cookies.find(';', begin) - begin);
+  }
+  if (id.empty()) {
+    int length;
+    const std::unique_ptr<char[]> made(MakeSessionID(&length));
+    id.assign(made.get(), static_cast<size_t>(length));
+  }
+  AddSystemText("callerid", id);
+}
+
+void CommandLineApplication::AddSystemText(const char* name, const std::string& text) {
+  tables.system_variables->SetVariable(
+      new ImmutableVariable(name, -1, text.c_str(), static_cast<int>(text.size())));
+}
+
+bool CommandLineApplication::AddFields(const std::string& fields) {
+  if (fields.empty()) return true;
+  URLEncodedParser parser(tables.global_variables, 0);
+  if (parser.Parse(fields.data(), static_cast<int>(fields.size())) && parser.Finalize())
+    return true;
+  return Fail("request", parser.error());
 }

@@ -36,6 +36,11 @@ class CommandLineApplication : public UNIXApplication {
   bool LoadScript(const char* named, File* file, TaggedFile* tagged, const String& path);
   bool Place(const char* named, String* directory, String* path);
   void AddArguments(const Options& options);
+  // Adds what a request would bring. Returns false if the fields cannot be stored.
+  bool AddRequest(const Options& options, const String& path);
+  bool AddFields(const std::string& fields);
+  void AddSystemText(const char* name, const std::string& text);
+  void AddCaller(const std::string& cookies);
 
   // Writes "zprun: subject: text" to standard error; an empty subject is left out. Returns false.
   bool Fail(const char* subject, const String& text);

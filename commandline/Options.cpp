@@ -7,7 +7,7 @@
 #include <string_view>
 
 const char zprun_usage[] =
-    "usage: zprun [--config FILE] page.zpc [argument ...]\n"
+    "usage: zprun [option ...] page.zpc [argument ...]\n"
     "       zprun --help\n"
     "\n"
     "Runs a compiled script and writes its output to standard output. The script finds the\n"
@@ -16,10 +16,56 @@ const char zprun_usage[] =
     "to its end, 1 after an error, 2 for a wrong command line.\n"
     "\n"
     "  --config FILE  settings, as libzephconfig.so reads them; without it those of the engine,\n"
-    "                 and where there are none the built-in defaults\n";
+    "                 and where there are none the built-in defaults\n"
+    "\n"
+    "The script finds a request with any of these:\n"
+    "\n"
+    "  --request            a request without fields\n"
+    "  --get NAME=VALUE     a field of the query\n"
+    "  --post NAME=VALUE    a field of a form\n"
+    "  --cookie NAME=VALUE  a cookie\n"
+    "  --headers            writes the header fields before the page\n";
+
+namespace {
+
+// Takes the value of an option, in the same word after "=" or in the next one. *i is the option's
+// index. Returns null if the option is another one; *problem is set if it has no value.
+const char* TakeValue(const char* option, const char* what, int argc, char** argv, int* i,
+                      std::string* problem) {
+  const size_t length = strlen(option);
+  const char* word = argv[*i];
+  if (strncmp(word, option, length) != 0 || (word[length] != '\0' && word[length] != '=')) {
+    return nullptr;
+  }
+  const char* value = word[length] == '=' ? word + length + 1 : "";
+  if (word[length] == '\0' && *i + 1 < argc) value = argv[++*i];
+  if (*value == '\0') *problem = std::string(option) + " needs " + what;
+  return value;
+}
+
+// A field of a request, into the list of its option. Returns false if the word is none.
+bool TakeField(int argc, char** argv, int* i, Options* options, std::string* problem) {
+  const struct {
+    const char* option;
+    std::vector<const char*>* fields;
+  } kinds[] = {
+      {"--get", &options->query}, {"--post", &options->form}, {"--cookie", &options->cookies}};
+  for (const auto& kind : kinds) {
+    const char* value = TakeValue(kind.option, "NAME=VALUE", argc, argv, i, problem);
+    if (!value) continue;
+    if (problem->empty() && (*value == '=' || !strchr(value, '='))) {
+      *problem = std::string(kind.option) + " needs NAME=VALUE, found '" + value + "'";
+    }
+    kind.fields->push_back(value);
+    options->is_request = true;
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
 
 bool ParseOptions(int argc, char** argv, Options* options, std::string* problem) {
-  constexpr std::string_view with_value = "--config=";
   int i = 1;
   for (; i < argc && argv[i][0] == '-' && argv[i][1] != '\0'; i++) {
     const std::string_view option = argv[i];
@@ -31,21 +77,15 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* problem)
       i++;
       break;
     }
-    const char* value;
-    if (option == "--config" && i + 1 < argc) {
-      value = argv[++i];
-    } else if (option.substr(0, with_value.size()) == with_value) {
-      value = argv[i] + with_value.size();
-    } else {
-      *problem = option == "--config" ? "--config needs a file"
-                                      : "unknown option '" + std::string(option) + "'";
-      return false;
+    if (option == "--request" || option == "--headers") {
+      options->is_request = true;
+      options->headers = options->headers || option == "--headers";
+    } else if (const char* value = TakeValue("--config", "a file", argc, argv, &i, problem)) {
+      options->config = value;
+    } else if (!TakeField(argc, argv, &i, options, problem)) {
+      *problem = "unknown option '" + std::string(option) + "'";
     }
-    if (*value == '\0') {
-      *problem = "--config needs a file";
-      return false;
-    }
-    options->config = value;
+    if (!problem->empty()) return false;
   }
   if (i >= argc) {
     *problem = "no script";

@@ -4,6 +4,7 @@
 #define ZEPH_COMMANDLINE_OPTIONS_H
 
 #include <string>
+#include <vector>
 
 extern const char zprun_usage[];
 
@@ -12,7 +13,13 @@ struct Options {
   bool help = false;
   const char* config = nullptr;  // the path of a configuration file, or null
   const char* script = nullptr;  // set unless help is true
-  int argument_count = 0;        // arguments after the script
+  // Whether the script finds the variables of a request; set with any of the next four.
+  bool is_request = false;
+  bool headers = false;            // the header fields are written before the page
+  std::vector<const char*> query;  // fields "name=value", as a visitor has typed them
+  std::vector<const char*> form;
+  std::vector<const char*> cookies;
+  int argument_count = 0;  // arguments after the script
   char** arguments = nullptr;
 };
 

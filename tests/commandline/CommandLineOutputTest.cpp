@@ -58,4 +58,34 @@ TEST_F(CommandLineOutputTest, AFailedWriteCancelsTheScriptAndIsKept) {
   EXPECT_EQ(output.failure(), ENOSPC);
 }
 
+TEST_F(CommandLineOutputTest, HeaderFieldsComeBeforeThePageIfTheyAreShown) {
+  TemporaryDirectory directory;
+  {
+    Redirected redirected(directory.path("out").c_str());
+    CommandLineOutput output(&application, 1, 4);
+    output.ShowHeaders();
+    EXPECT_EQ(output.Header("Content-Type", "text/html"), 1);
+    EXPECT_EQ(output.Header("X", "1"), 1);
+    EXPECT_EQ(output.Header("CONTENT-TYPE", "text/csv"), 1);
+    output.Write("a page", -1);
+    EXPECT_EQ(output.Header("Late", "1"), 0);
+    output.Flush();
+  }
+  EXPECT_EQ(directory.Content("out"), "Content-Type: text/csv\nX: 1\n\na page");
+}
+
+TEST_F(CommandLineOutputTest, APageWithoutAByteHasHeaderFields) {
+  TemporaryDirectory directory;
+  {
+    Redirected redirected(directory.path("out").c_str());
+    CommandLineOutput output(&application, 1, 4);
+    output.ShowHeaders();
+    char* name = new char[2]{'X', '\0'};
+    char* value = new char[2]{'1', '\0'};
+    EXPECT_EQ(output.Header(name, 1, 1, value, -1, 1), 1);
+    output.Flush();
+  }
+  EXPECT_EQ(directory.Content("out"), "X: 1\n\n");
+}
+
 }  // namespace

@@ -100,4 +100,44 @@ TEST(Options, AWrongCommandLineIsTold) {
   }
 }
 
+TEST(Options, FieldsMakeARequest) {
+  Line line(
+      {"--get", "a=1", "--get=b=", "--post", "c==", "--cookie", "d=e=f", "page.zpc", "--get"});
+  ASSERT_TRUE(line.Parse()) << line.problem;
+  EXPECT_TRUE(line.options.is_request);
+  EXPECT_FALSE(line.options.headers);
+  ASSERT_EQ(line.options.query.size(), 2u);
+  EXPECT_STREQ(line.options.query[0], "a=1");
+  EXPECT_STREQ(line.options.query[1], "b=");
+  ASSERT_EQ(line.options.form.size(), 1u);
+  EXPECT_STREQ(line.options.form[0], "c==");
+  ASSERT_EQ(line.options.cookies.size(), 1u);
+  EXPECT_STREQ(line.options.cookies[0], "d=e=f");
+  EXPECT_EQ(line.options.argument_count, 1);
+  for (const char* option : {"--request", "--headers"}) {
+    Line other({option, "page.zpc"});
+    ASSERT_TRUE(other.Parse());
+    EXPECT_TRUE(other.options.is_request);
+    EXPECT_EQ(other.options.headers, std::string(option) == "--headers");
+  }
+}
+
+TEST(Options, AFieldNeedsANameAndAValue) {
+  const struct {
+    std::vector<std::string> words;
+    const char* problem;
+  } cases[] = {
+      {{"--get"}, "--get needs NAME=VALUE"},
+      {{"--get="}, "--get needs NAME=VALUE"},
+      {{"--post", "a", "page.zpc"}, "--post needs NAME=VALUE, found 'a'"},
+      {{"--cookie", "=a", "page.zpc"}, "--cookie needs NAME=VALUE, found '=a'"},
+      {{"--gets", "a=1", "page.zpc"}, "unknown option '--gets'"},
+  };
+  for (const auto& row : cases) {
+    Line line(row.words);
+    EXPECT_FALSE(line.Parse());
+    EXPECT_EQ(line.problem, row.problem);
+  }
+}
+
 }  // namespace

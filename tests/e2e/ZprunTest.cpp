@@ -103,11 +103,11 @@ TEST_F(Zprun, WhatCannotBeRunIsTold) {
 
 TEST_F(Zprun, HelpIsNoErrorAndAWrongCommandLineIsOne) {
   EXPECT_EQ(Run({"--help"}), 0);
-  EXPECT_THAT(output, StartsWith("usage: zprun [--config FILE] page.zpc [argument ...]\n"));
+  EXPECT_THAT(output, StartsWith("usage: zprun [option ...] page.zpc [argument ...]\n"));
   EXPECT_EQ(errors, "");
   EXPECT_EQ(Run({}), 2);
   EXPECT_EQ(output, "");
-  EXPECT_THAT(errors, StartsWith("zprun: no script\nusage: zprun [--config FILE]"));
+  EXPECT_THAT(errors, StartsWith("zprun: no script\nusage: zprun [option ...]"));
   EXPECT_EQ(Run({"--wrong", "page.zpc"}), 2);
   EXPECT_THAT(errors, StartsWith("zprun: unknown option '--wrong'\nusage: "));
 }
