@@ -34,7 +34,7 @@ class CodeWriter {
 
   // Goes on at the end of a segment, where nothing is known about line and file. The writer begins
   // each function with it.
-  void Begin(int segment);
+  void Begin(int number);
   // Ends it: all texts are written.
   void End() { FlushText(); }
   int Position();

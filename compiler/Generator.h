@@ -108,7 +108,7 @@ class Generator {
   void GenerateCall(Statement* statement);
   void GenerateSmtp(Statement* statement);
   void GenerateTask(Statement* statement);
-  void GenerateFeatureLoop(Statement* statement, unsigned short open, unsigned short again);
+  void GenerateFeatureLoop(Statement* statement, unsigned short open_word, unsigned short again);
   void GenerateReveal(Statement* statement);
   void Operands(Statement* statement, size_t count);
   void PushAttribute(Statement* statement, size_t index);

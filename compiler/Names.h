@@ -38,7 +38,7 @@ class Names {
   // Finds the names that the page assigns outside of functions. Called once, before the others.
   void ReadPage(const Tree& tree) { Collect(tree.body, &page_names); }
   // Begins a function, with its parameters; null is the code outside of all.
-  void BeginFunction(const FunctionNode* node, Function* function);
+  void BeginFunction(const FunctionNode* node, Function* new_function);
 
   // The symbol of a name with its scope. Stays valid. A scope that does not exist is an error.
   Symbol* Find(std::string_view name, const Place& place);

@@ -133,4 +133,5 @@ def main():
         driver.close()
 
 
-main()
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,38 @@
+// A site's zeph.toml, made ready for an engine that runs the site here.
+
+#ifndef ZEPH_DEVELOP_SETTINGS_H
+#define ZEPH_DEVELOP_SETTINGS_H
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "develop/Places.h"
+#include "develop/Problem.h"
+
+extern const char settings_name[];
+
+struct SiteSettings {
+  // The file with the three directories as given, with libraries by their full paths, and otherwise
+  // as it is. Directories that the file names belong to the server that the site will be on.
+  std::string text;
+  // What the libraries declare: "name.functions" beside "name.so".
+  std::string functions;
+  // Files outside of the site that the above is made from.
+  std::vector<std::filesystem::path> files;
+  std::vector<Problem> problems;
+};
+
+struct SiteFolders {
+  std::filesystem::path pages;
+  std::filesystem::path data;
+  std::filesystem::path temporary;
+};
+
+// Reads DIR/zeph.toml. Without the file the site has the standard library, if there is one, and the
+// built-in settings. The library of a path that is not absolute is looked for below the site and
+// then where the places say. Problems are left in the result, with all that could be read.
+SiteSettings ReadSettings(const std::filesystem::path& root, const SiteFolders& folders,
+                          const Places& places);
+
+#endif

@@ -1,0 +1,41 @@
+// Tells when files of folders change.
+
+#ifndef ZEPH_DEVELOP_WATCH_H
+#define ZEPH_DEVELOP_WATCH_H
+
+#include <filesystem>
+#include <map>
+#include <set>
+#include <string>
+
+#include "base/host/FileDescriptor.h"
+
+// Watches folders through inotify. Belongs to one thread.
+class Watch {
+ public:
+  // Returns false, with errno set, if the system allows no more watchers.
+  [[nodiscard]] bool Open();
+  // Watches a folder and all folders in it but those whose name begins with "."; those that are
+  // made later, too. A folder that is watched already is left as it is. Returns false, with errno
+  // set, if the system allows no more watches.
+  [[nodiscard]] bool AddTree(const std::filesystem::path& folder);
+  [[nodiscard]] bool AddFolder(const std::filesystem::path& folder);
+
+  // To be polled; readable when there is something to Read.
+  int descriptor() const { return notifier.get(); }
+  // Adds the paths that have changed since the last call. True if there was anything, even if it
+  // cannot be named, as after too many changes at once. Does not wait.
+  bool Read(std::set<std::string>* touched);
+
+ private:
+  struct Folder {
+    std::filesystem::path path;
+    bool is_tree;
+  };
+  bool Add(const std::filesystem::path& folder, bool is_tree);
+
+  FileDescriptor notifier;
+  std::map<int, Folder> folders;
+};
+
+#endif

@@ -1,0 +1,119 @@
+#include "develop/Settings.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "config/Snapshot.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+class SettingsTest : public testing::Test {
+ protected:
+  SettingsTest() {
+    places.libraries = {directory.Directory("lib"), directory.Directory("lib/zeph")};
+    directory.Directory("site");
+  }
+  SiteSettings Read() { return ReadSettings(directory.path("site"), {"/p", "/d", "/t"}, places); }
+  // What the engine's reader makes of the text.
+  static std::string TextOf(const SiteSettings& settings, int index) {
+    const Snapshot snapshot = Snapshot::Parse("zeph.toml", settings.text);
+    EXPECT_EQ(snapshot.error, "") << settings.text;
+    const auto at = static_cast<size_t>(index);
+    return at < snapshot.libraries.size() ? snapshot.libraries[at].path : "(none)";
+  }
+
+  TemporaryDirectory directory;
+  Places places;
+};
+
+TEST_F(SettingsTest, WithoutAFileThereIsTheStandardLibrary) {
+  SiteSettings settings = Read();
+  EXPECT_EQ(settings.text, "dir_zeph = \"/p\"\ndir_data = \"/d\"\ndir_temp = \"/t\"\n");
+  EXPECT_TRUE(settings.problems.empty());
+  const std::string library = directory.File("lib/zeph/zephstd.so");
+  directory.File("lib/zeph/zephstd.functions", "htmlencode(text)");
+  settings = Read();
+  EXPECT_EQ(TextOf(settings, 0), library);
+  EXPECT_EQ(settings.functions, "htmlencode(text)\n");
+  ASSERT_EQ(settings.files.size(), 1u);
+  EXPECT_EQ(settings.files[0], directory.path("lib/zeph/zephstd.functions"));
+}
+
+TEST_F(SettingsTest, TheServersDirectoriesAreReplaced) {
+  directory.File("site/zeph.toml",
+                 "timeout_global = 5\ndir_zeph = \"/srv/site\"\n  dir_data = '''\n/srv/data'''\n"
+                 "max_files = 7\n[variables.system]\ndir_data = \"a name\"\n");
+  const SiteSettings settings = Read();
+  EXPECT_TRUE(settings.problems.empty());
+  EXPECT_EQ(settings.text,
+            "dir_zeph = \"/p\"\ndir_data = \"/d\"\ndir_temp = \"/t\"\n"
+            "timeout_global = 5\n\n\n\nmax_files = 7\n[variables.system]\ndir_data = \"a name\"\n");
+  EXPECT_EQ(Snapshot::Parse("", settings.text).error, "");
+}
+
+TEST_F(SettingsTest, LibrariesAreFoundInTheSiteThenWithZeph) {
+  const std::string own = directory.File("site/lib/own.so");
+  directory.File("site/lib/own.functions", "mine()\n");
+  const std::string shipped = directory.File("lib/shipped.so");
+  const std::string other = directory.File("else where/\"other\".so");
+  directory.File(
+      "site/zeph.toml",
+      "# \xC3\xA4\xC3\xA4\n[[library]]\nkind = \"builtin\"\npath = 'lib/own.so' # \xC3\xA4\n"
+      "[[library]]\nkind = \"builtin\"\n\"path\"=\"shipped.so\"\n"
+      "[[library]]\nkind = \"builtin\"\npath = '" +
+          other + "'\n");
+  const SiteSettings settings = Read();
+  EXPECT_TRUE(settings.problems.empty());
+  EXPECT_EQ(TextOf(settings, 0), own);
+  EXPECT_EQ(TextOf(settings, 1), shipped);
+  EXPECT_EQ(TextOf(settings, 2), other);
+  EXPECT_THAT(settings.text, HasSubstr("own.so\" # \xC3\xA4\n"));
+  EXPECT_EQ(settings.functions, "mine()\n\n");
+}
+
+TEST_F(SettingsTest, LibrariesMayBeInOneLine) {
+  const std::string own = directory.File("site/own.so");
+  directory.File("site/zeph.toml",
+                 "library = [{ name = \"\xC3\xA4\", kind = \"database\", path = \"own.so\" }, "
+                 "{ kind = \"builtin\", path = '" +
+                     own + "' }]\n");
+  const SiteSettings settings = Read();
+  EXPECT_TRUE(settings.problems.empty());
+  EXPECT_EQ(TextOf(settings, 0), own);
+  EXPECT_EQ(TextOf(settings, 1), own);
+}
+
+TEST_F(SettingsTest, MistakesHaveTheLineOfTheSitesFile) {
+  directory.File("site/zeph.toml", "max_files = 7\ntimout_global = 5\n");
+  SiteSettings settings = Read();
+  ASSERT_EQ(settings.problems.size(), 1u);
+  EXPECT_EQ(settings.problems[0].Text(""),
+            "zeph.toml:2:1: error: timout_global: unknown key, the nearest known one is "
+            "\"timeout_global\"");
+  EXPECT_EQ(settings.problems[0].lines.size(), 2u);
+
+  directory.File("site/zeph.toml", "\n\n= 5\n");
+  settings = Read();
+  ASSERT_EQ(settings.problems.size(), 1u);
+  EXPECT_THAT(settings.problems[0].Text(""), HasSubstr("zeph.toml:3:1: error: "));
+  EXPECT_THAT(settings.problems[0].text, Not(HasSubstr("zeph.toml")));
+
+  directory.File("site/zeph.toml", "[[library]]\nkind = \"builtin\"\npath = \"none.so\"\n");
+  settings = Read();
+  ASSERT_EQ(settings.problems.size(), 1u);
+  EXPECT_EQ(settings.problems[0].Text(""),
+            "zeph.toml:3:1: error: there is no library 'none.so', neither here nor with zeph");
+}
+
+TEST_F(SettingsTest, ATextThatIsNoFileIsAProblem) {
+  directory.Directory("site/zeph.toml");
+  const SiteSettings settings = Read();
+  ASSERT_EQ(settings.problems.size(), 1u);
+  EXPECT_EQ(settings.problems[0].Text(""), "zeph.toml: error: Is a directory");
+}
+
+}  // namespace
