@@ -84,6 +84,14 @@ const OperatorRow* FindOperator(std::string_view word) {
 
 }  // namespace
 
+std::vector<std::string_view> OperatorWords() {
+  std::vector<std::string_view> words;
+  for (const OperatorRow& row : kOperators) {
+    if (zp_isalpha(static_cast<unsigned char>(row.name[0]))) words.push_back(row.name);
+  }
+  return words;
+}
+
 // Counts one level of nesting as long as the object exists.
 class ExpressionParser::Nesting {
  public:

@@ -22,6 +22,9 @@ struct OperatorRow {
   bool is_step = false;  // ++ and --
 };
 
+// The operators that are words.
+std::vector<std::string_view> OperatorWords();
+
 class ExpressionParser {
  public:
   // How deep parentheses, indexes, arguments and operands may nest.
