@@ -19,17 +19,22 @@ constexpr size_t kShownLine = 300;
 std::string TagAt(std::string_view source, size_t offset) {
   const size_t farthest = 4096;
   const size_t lowest = offset > farthest ? offset - farthest : 0;
+  bool braces = false;
+  bool tag_ends = false;
   for (size_t at = std::min(offset + 1, source.size()); at-- > lowest;) {
-    if (source.substr(at, 2) == "{{") return "{{ }}";
+    if (source[at] == '>' && at < offset) tag_ends = true;
+    // Braces within a tag are what is wrong there.
+    if (!braces && source.substr(at, 2) == "{{") braces = true;
     if (source[at] != '<') continue;
     size_t end = at + 1;
     if (end < source.size() && source[end] == '/') end++;
     while (end < source.size() && (zp_isalpha(source[end]) || source[end] == '-')) end++;
     const std::string name = LowerCase(source.substr(at + 1, end - at - 1));
     const bool is_tag = name.rfind("zp", 0) == 0 || name.rfind("/zp", 0) == 0 || name == "zeph";
+    if (is_tag && braces && tag_ends) break;
     if (is_tag) return std::string(source.substr(at, end - at)) + ">";
   }
-  return "";
+  return braces ? "{{ }}" : "";
 }
 
 bool IsContinuation(char c) {

@@ -46,6 +46,9 @@ TEST(Problem, NamesTheTagAroundItsPlace) {
   EXPECT_EQ(At(1, 1, 5, "<ZpIF>").tag, "<ZpIF>");
   EXPECT_EQ(At(1, 1, 5, "</zpif>").tag, "</zpif>");
   EXPECT_EQ(At(1, 10, 1, "<p>{{ a b }}</p>").tag, "{{ }}");
+  EXPECT_EQ(At(1, 8, 1, "<ZpIF a {{ b }}>").tag, "<ZpIF>");
+  EXPECT_EQ(At(1, 12, 1, "<ZpIF a>{{ b c }}").tag, "{{ }}");
+  EXPECT_EQ(At(1, 1, 2, "{{ b").tag, "{{ }}");
   EXPECT_EQ(At(2, 3, 1, "<ZpLOCALIZED-TEXT\n  x>").tag, "<ZpLOCALIZED-TEXT>");
   EXPECT_EQ(At(1, 3, 1, "<p>text").tag, "");
 }

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -68,6 +69,28 @@ TEST(Install, ALibraryIsBuiltWithTheInstalledHeader) {
     EXPECT_EQ(page.Run(), 0) << page.output;
     EXPECT_EQ(page.output, "Hello, world");
   }
+}
+
+// zeph finds its programs, libraries and files from its own place, wherever it was installed.
+TEST(Install, ZephRunsFromWhereItIsInstalled) {
+  TemporaryDirectory directory;
+  Command install({"/usr/bin/env", "cmake", "--install", InBuild(""), "--component", "zeph",
+                   "--prefix", directory.path("usr")});
+  ASSERT_EQ(install.Run(), 0) << install.errors;
+  const std::string zeph = directory.path("usr/bin/zeph");
+  Command made({zeph, "new", directory.path("site")});
+  ASSERT_EQ(made.Run(), 0) << made.errors;
+  // A library beside the installed ones.
+  std::filesystem::copy(InBuild("lib/test/HtmlEncode.so"), directory.path("usr/lib/zeph"));
+  directory.File("site/zeph.toml",
+                 "[[library]]\nkind = \"builtin\"\npath = \"HtmlEncode.so\"\n"
+                 "[variables.system]\nsite_name = \"Tea\"\n");
+  Command run(
+      {zeph, "run", directory.path("site/index.zeph"), "--get", "name=Ann", "--get", "cups=1"});
+  run.environment = {{"ZpCONFIG_LIBRARY", ""}};
+  EXPECT_EQ(run.Run(), 0) << run.errors;
+  EXPECT_THAT(run.output, testing::HasSubstr("<title>Welcome \xE2\x80\x93 Tea</title>"));
+  EXPECT_THAT(run.output, testing::HasSubstr("<h2>Hello, Ann!</h2>"));
 }
 
 }  // namespace
