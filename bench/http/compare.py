@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """usage: compare.py ENGINE NAME...
 
-Starts the engine in the working directory and requests /NAME.zpc and /pages/NAME.zpc in turn, over kept
+Starts the engine in the working directory and requests /text/NAME.zpc and /pages/NAME.zpc in turn, over kept
 connections. Compares the processor time that the engine takes for each, the least of several rounds.
 bench/http/serve --pages calls it.
 """
@@ -76,7 +76,7 @@ def main():
             best = {}
             bodies = {}
             for _ in range(ROUNDS):
-                for kind in ("", "pages/"):
+                for kind in ("text/", "pages/"):
                     wanted = request(f"/{kind}{name}.zpc")
                     bodies[kind] = engine.get(wanted).split(b"\r\n\r\n", 1)[1]
                     before = engine.time()
@@ -84,14 +84,14 @@ def main():
                         engine.get(wanted)
                     took = (engine.time() - before) * 1000 / REQUESTS
                     best[kind] = min(took, best.get(kind, took))
-            ratio = best["pages/"] / best[""]
+            ratio = best["pages/"] / best["text/"]
             note = ""
-            if bodies[""] != bodies["pages/"]:
+            if bodies["text/"] != bodies["pages/"]:
                 note = "  other output"
             elif ratio > MOST:
                 note = "  slower"
             failed = failed or bool(note)
-            print(f"{name:<10}{best['']:>9.1f}{best['pages/']:>9.1f}{ratio:>8.3f}{note}", flush=True)
+            print(f"{name:<10}{best['text/']:>9.1f}{best['pages/']:>9.1f}{ratio:>8.3f}{note}", flush=True)
     finally:
         engine.close()
     sys.exit(1 if failed else 0)
