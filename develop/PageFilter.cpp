@@ -20,6 +20,13 @@ std::string_view Trimmed(std::string_view text) {
   return text;
 }
 
+// Fields about the bytes of the page, which are others with an addition. The web server counts what
+// it sends. A browser that were told that its copy is still good would show it with the script of
+// an old version, which reloads it at once, and so for ever.
+bool IsOfTheWholePage(const std::string& name) {
+  return name == "content-length" || name == "etag" || name == "last-modified";
+}
+
 bool IsStatusWithPage(std::string_view status) {
   return status.substr(0, 3) != "204" && status.substr(0, 3) != "304" && status.substr(0, 1) != "3";
 }
@@ -46,7 +53,6 @@ std::string PageFilter::Take(std::string_view piece) {
   return std::string(piece);
 }
 
-// The length of the page is left out: the web server counts what it sends.
 std::string PageFilter::TakeHead() {
   std::string kept;
   bool is_html = false;
@@ -72,7 +78,7 @@ std::string PageFilter::TakeHead() {
     if (name == "content-type") is_html = LowerCase(value).rfind("text/html", 0) == 0;
     if (name == "content-encoding" || name == "content-disposition") is_plain = false;
     if (name == "status" && !IsStatusWithPage(value)) is_plain = false;
-    if (name != "content-length") kept += line;
+    if (!IsOfTheWholePage(name)) kept += line;
   }
   if (head.size() < kMostHead) return "";
   head_done = true;

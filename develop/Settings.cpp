@@ -155,7 +155,8 @@ class Reader {
     std::error_code failure;
     fs::path own = fs::absolute(root / path).lexically_normal();
     if (fs::is_regular_file(own, failure)) return own;
-    return path.is_absolute() ? fs::path() : places.Library(path.string());
+    const fs::path with_zeph = path.is_absolute() ? fs::path() : places.Library(path.string());
+    return with_zeph.empty() ? places.Library(path.filename().string()) : with_zeph;
   }
 
   void AddFunctions(fs::path library) {

@@ -59,6 +59,13 @@ TEST(PageFilter, AnErrorPageIsAPage) {
             "Status: 404 Not Found\nContent-type:text/html\n\nx+");
 }
 
+TEST(PageFilter, ABrowserIsNeverToldThatItsCopyIsGood) {
+  EXPECT_EQ(
+      Filtered("Content-Type: text/html\r\nETag: \"1\"\r\nLAST-MODIFIED: x\r\nX-ETag: 2\r\n\r\nx",
+               9),
+      "Content-Type: text/html\r\nX-ETag: 2\r\n\r\nx+");
+}
+
 TEST(PageFilter, TooManyHeaderFieldsPass) {
   const std::string response = "Content-Type: text/html\r\nX: " + std::string(500000, 'x');
   EXPECT_EQ(Filtered(response, 8192), response);

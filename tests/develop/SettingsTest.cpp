@@ -75,6 +75,15 @@ TEST_F(SettingsTest, LibrariesAreFoundInTheSiteThenWithZeph) {
   EXPECT_EQ(settings.functions, "mine()\n\n");
 }
 
+TEST_F(SettingsTest, ALibraryOfTheServerIsTheOneOfThatNameHere) {
+  const std::string shipped = directory.File("lib/zeph/shipped.so");
+  directory.File("site/zeph.toml",
+                 "[[library]]\nkind = \"builtin\"\npath = \"/no/such/folder/shipped.so\"\n");
+  const SiteSettings settings = Read();
+  EXPECT_TRUE(settings.problems.empty());
+  EXPECT_EQ(TextOf(settings, 0), shipped);
+}
+
 TEST_F(SettingsTest, LibrariesMayBeInOneLine) {
   const std::string own = directory.File("site/own.so");
   directory.File("site/zeph.toml",
