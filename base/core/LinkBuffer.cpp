@@ -202,9 +202,12 @@ char* LinkBuffer::data(int* length, int* allocated) {
 
 char* LinkBuffer::release(int* length, int* allocated, int extra) {
   coalesce(extra);
-  if (!head) {
+  // A block that has adopted null is as good as none.
+  if (!head || !head->data) {
     int size = extra > 1 ? extra : 1;
     char* buffer = new char[size];
+    delete head;
+    head = tail = nullptr;
     *length = 0;
     if (allocated) *allocated = size;
     return buffer;

@@ -86,4 +86,16 @@ TEST(zpLinkBufferSizes, AreAtLeastOne) {
   zpLinkBuffer_Free(nullptr);
 }
 
+TEST_F(zpLinkBuffer, AnAdoptedTextThatIsNullIsReleasedAsAnEmptyOne) {
+  ZPLINKBUFFER buffer = zpLinkBuffer_Allocate(8, 8);
+  zpLinkBuffer_Concat_String_Nocopy(buffer, nullptr, 0, 0);
+  int length = -1, allocated = -1;
+  char* const text = zpLinkBuffer_Release(buffer, &length, &allocated, 0);
+  ASSERT_NE(text, nullptr);
+  EXPECT_EQ(length, 0);
+  EXPECT_EQ(allocated, 1);
+  zpProgram_Free(nullptr, text);
+  zpLinkBuffer_Free(buffer);
+}
+
 }  // namespace

@@ -1,6 +1,7 @@
 #include "base/core/LinkBuffer.h"
 
 #include <climits>
+#include <memory>
 #include <new>
 #include <random>
 #include <string>
@@ -495,6 +496,20 @@ TEST(LinkBufferBlock, ReleaseForgetsTheBuffer) {
   EXPECT_EQ(block.used, 0);
   EXPECT_EQ(block.allocated, 0);
   delete[] buffer;
+}
+
+TEST(LinkBuffer, ReleaseOfABlockWithoutABufferGivesOneByte) {
+  for (const int blocks : {1, 2}) {
+    LinkBuffer buffer(8, 8);
+    for (int i = 0; i < blocks; i++) buffer.cat_nocopy(nullptr, 0, 0);
+    int length = -1, allocated = -1;
+    const std::unique_ptr<char[]> text(buffer.release(&length, &allocated, 0));
+    ASSERT_NE(text, nullptr);
+    EXPECT_EQ(length, 0);
+    EXPECT_EQ(allocated, 1);
+    EXPECT_EQ(buffer.head, nullptr);
+    EXPECT_EQ(buffer.tail, nullptr);
+  }
 }
 
 }  // namespace
