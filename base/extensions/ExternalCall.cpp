@@ -3,6 +3,7 @@
 
 #include "base/extensions/ExternalCall.h"
 
+#include "base/core/MeasuredLength.h"
 #include "base/extensions/OpenedLibrary.h"
 #include "base/values/Variable.h"
 #include "base/values/VariableRef.h"
@@ -59,7 +60,7 @@ ExternalCallPersistentData::ExternalCallPersistentData(ZephVM* machine, const ch
                                                        int length, void* data,
                                                        void (*destroy_data)(void*, void*))
     : vm(machine), held(data), destroy(destroy_data) {
-  std::string_view text = KeyText(name, length);
+  std::string_view text = KeyText(name, MeasuredLength(name, length));
   key = new char[text.size()];
   key_length = int(text.size());
   if (!text.empty()) memcpy(key, text.data(), text.size());
@@ -90,7 +91,15 @@ ExternalCallManager::ExternalCallManager(ZephApplication* application, ExternalC
   unregistered = source.unregistered;
 }
 
-ExternalCallManager::~ExternalCallManager() = default;
+// Takes the entries out one by one, because a callback that gets hold of this manager may look for
+// others, or register more.
+ExternalCallManager::~ExternalCallManager() {
+  const Destruction all(this);
+  for (int i = 0; i < persistent.Entries(); i++) {
+    ExternalCallPersistentData* entry = persistent.Index(i);
+    if (entry != nullptr) delete persistent.Remove(entry->name(), entry->namelength());
+  }
+}
 
 bool ExternalCallManager::RegisterDSO(const char* path) {
   ExternalLibrary* library = OpenLibrary(application, path, &last_error);
@@ -136,9 +145,9 @@ static _ZP_EL_Function* FindRow(_ZP_EL_Function* row, std::string_view name) {
 }
 
 ExternalCall* ExternalCallManager::Lookup_External(const char* name, int length) {
-  ExternalCall* call = calls.Find(name, length);
+  std::string_view wanted = KeyText(name, MeasuredLength(name, length));
+  ExternalCall* call = calls.Find(wanted.data(), int(wanted.size()));
   if (call != nullptr) return call;
-  std::string_view wanted = KeyText(name, length);
   for (int i = 0; i < count; i++) {
     _ZP_EL_Function* row = FindRow(registrations[size_t(i)].functions, wanted);
     if (row == nullptr) continue;
@@ -156,14 +165,34 @@ void* ExternalCallManager::Lookup_Persistent(const char* name, int length) {
 
 void ExternalCallManager::Register_Persistent(ZephVM* vm, const char* name, int length, void* data,
                                               void (*destroy)(void* vm, void* data)) {
-  // The callback may register data under the same name again.
-  while (ExternalCallPersistentData* old = persistent.Remove(name, length)) delete old;
-  InsertOwned(persistent,
-              std::make_unique<ExternalCallPersistentData>(vm, name, length, data, destroy));
+  if (!MayRegister(destroy != nullptr)) return;
+  // The entry comes first, because the name may go with the older data.
+  auto entry = std::make_unique<ExternalCallPersistentData>(vm, name, length, data, destroy);
+  {
+    const Destruction older(this);
+    // The callback may register data under the same name again.
+    while (ExternalCallPersistentData* old = persistent.Remove(entry->name(), entry->namelength()))
+      delete old;
+  }
+  try {
+    persistent.Insert(entry.get());
+  } catch (const std::bad_alloc&) {
+    entry->Forget();
+    throw;
+  }
+  (void)entry.release();
+}
+
+// Callbacks that register data whose callbacks register data would go on for ever. What has no
+// callback comes to an end, so it is always accepted.
+bool ExternalCallManager::MayRegister(bool has_callback) {
+  if (!has_callback || destructions == 0) return true;
+  return ++late_registrations <= kMostLate;
 }
 
 void ExternalCallManager::MachineEnds(ZephVM* vm, ZephVM* parent) {
   // A callback may look up and register data, so the number of entries can change during the loop.
+  const Destruction all(this);
   for (int i = 0; i < persistent.Entries(); i++) {
     ExternalCallPersistentData* entry = persistent.Index(i);
     if (entry == nullptr || entry->machine() != vm) continue;

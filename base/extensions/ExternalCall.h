@@ -53,8 +53,8 @@ using ExternalCallTable = NamedHashTable<ExternalCall, ExternalCallName>;
 // Data that an extension keeps under a name, for its later calls in the same request.
 class ExternalCallPersistentData {
  public:
-  // Copies the name; the copy has no NUL. A length of -1 means strlen. If destroy is null, the data
-  // must come from new char[].
+  // Copies the name; the copy has no NUL. A length of -1 means strlen, any other negative length an
+  // empty name. If destroy is null, the data must come from new char[].
   ExternalCallPersistentData(ZephVM* vm, const char* name, int length, void* data,
                              void (*destroy)(void* vm, void* data));
   // Destroys the data.
@@ -68,6 +68,11 @@ class ExternalCallPersistentData {
   // The machine that is passed to the callback.
   ZephVM* machine() const { return vm; }
   void SetMachine(ZephVM* machine) { vm = machine; }
+  // Leaves the data to the caller: the destructor does not destroy it.
+  void Forget() {
+    held = nullptr;
+    destroy = nullptr;
+  }
 
  private:
   ZephVM* vm;
@@ -85,8 +90,8 @@ struct ExternalCallPersistentDataName {
 using ExternalCallPersistentDataTable =
     NamedHashTable<ExternalCallPersistentData, ExternalCallPersistentDataName>;
 
-// The builtin libraries of one request or task. Used on its thread. The order of the virtual
-// operations must not change.
+// The builtin libraries of one request or task. Used on its thread. The order of the first fields
+// and of the virtual operations must not change.
 class ExternalCallManager {
  public:
   explicit ExternalCallManager(ZephApplication* application);
@@ -104,9 +109,14 @@ class ExternalCallManager {
   virtual ExternalCall* Lookup_External(const char* name, int length);
   // Returns the data under that name, in any case, or null. A length of -1 means strlen.
   virtual void* Lookup_Persistent(const char* name, int length);
+  static constexpr int kMostLate = 100;
   // Keeps data under a name until the machine ends, or for a nested machine until the top machine
-  // ends. Older data of that name is destroyed first. The name is copied; a length of -1 means
-  // strlen.
+  // ends. Older data of that name is destroyed first. The name is copied, and may be a part of the
+  // older data; a length of -1 means strlen. If there is no memory, the data stays the caller's.
+  //
+  // A destroy callback may register data too, which may destroy other data, and so on. So that this
+  // ends, at most kMostLate such registrations with a callback are kept; for more, nothing is done,
+  // and the data stays the caller's.
   virtual void Register_Persistent(ZephVM* vm, const char* name, int length, void* data,
                                    void (*destroy)(void* vm, void* data));
 
@@ -128,17 +138,34 @@ class ExternalCallManager {
     _ZP_EL_Function* functions;
   };
 
+  // Made while callbacks destroy data. The outermost one covers all that they destroy in turn.
+  class Destruction {
+   public:
+    explicit Destruction(ExternalCallManager* manager) : of(manager) { of->destructions++; }
+    ~Destruction() {
+      if (--of->destructions == 0) of->late_registrations = 0;
+    }
+    Destruction(const Destruction&) = delete;
+    Destruction& operator=(const Destruction&) = delete;
+
+   private:
+    ExternalCallManager* of;
+  };
+
   void NoteFailure(const String& failure);
   void Append(ExternalLibrary* library, _ZP_EL_Function* functions);
+  bool MayRegister(bool has_callback);
 
   ZephApplication* application;
   ExternalCallTable calls;
   LastError last_error;
-  String unregistered;
   std::unique_ptr<Registration[]> registrations;  // made at the first registration
   int capacity = 0;
   int count = 0;
   ExternalCallPersistentDataTable persistent;
+  String unregistered;
+  int destructions = 0;        // nested in one another
+  int late_registrations = 0;  // made by callbacks in these
 };
 
 #endif

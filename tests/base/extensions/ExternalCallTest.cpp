@@ -156,7 +156,7 @@ TEST_F(ExternalCallTest, FunctionThatLeavesTheResultAloneGivesNull) {
   EXPECT_TRUE(call->result()->IsNULL());
 }
 
-TEST_F(ExternalCallTest, ResultThatNobodyHoldsIsUsedAgain) {
+TEST_F(ExternalCallTest, ResultThatNoOtherHolderHasIsUsedAgain) {
   ASSERT_TRUE(Register({Row("answer", Answer42)}));
   ExternalCall* call = manager.Lookup_External("answer", -1);
   Variable* before = call->result();
@@ -383,6 +383,94 @@ TEST_F(ExternalCallTest, CopyRegistersTheLibrariesAgainAndNothingElse) {
   EXPECT_NE(copy.Lookup_External("answer", -1), nullptr);
   EXPECT_NE(copy.Lookup_External("answer", -1), call);
   EXPECT_EQ(copy.Lookup_Persistent("pool", -1), nullptr);
+}
+
+// The name is often a part of the data, so that one allocation has both.
+struct NamedData {
+  char name[8];
+};
+
+void DeleteNamedData(void*, void* data) {
+  memset(static_cast<NamedData*>(data)->name, 'x', sizeof(NamedData::name));
+  delete static_cast<NamedData*>(data);
+}
+
+TEST_F(ExternalCallTest, PersistentNameMayBeAPartOfTheDataThatItReplaces) {
+  auto* const old = new NamedData{"pool"};
+  manager.Register_Persistent(some_vm, old->name, -1, old, DeleteNamedData);
+  manager.Register_Persistent(some_vm, old->name, -1, Data("b"), NoteDestroyed);
+  EXPECT_STREQ(static_cast<char*>(manager.Lookup_Persistent("pool", -1)), "b");
+  manager.MachineEnds(some_vm, nullptr);
+  EXPECT_EQ(events, (std::vector<std::string>{"destroyed b"}));
+}
+
+TEST_F(ExternalCallTest, NegativeLengthIsAnEmptyNameWhereverItIsGiven) {
+  manager.Register_Persistent(some_vm, "pool", -2, Data("a"), NoteDestroyed);
+  EXPECT_EQ(manager.Lookup_Persistent("pool", -1), nullptr);
+  EXPECT_STREQ(static_cast<char*>(manager.Lookup_Persistent("pool", -2)), "a");
+  EXPECT_STREQ(static_cast<char*>(manager.Lookup_Persistent("", 0)), "a");
+  manager.Register_Persistent(some_vm, "other", -5, Data("b"), NoteDestroyed);
+  EXPECT_EQ(events, (std::vector<std::string>{"destroyed a"}));
+  ASSERT_TRUE(Register({Row("answer", Answer42)}));
+  EXPECT_EQ(manager.Lookup_External("answer", -2), nullptr);
+}
+
+// Registers its own name again, whenever its data is destroyed.
+int comebacks = 0;
+
+void ComeBack(void*, void* data) {
+  comebacks++;
+  callback_manager->Register_Persistent(some_vm, "pool", -1, data, ComeBack);
+}
+
+// The same twice: the second registration destroys the data of the first, in the callback.
+void ComeBackTwice(void*, void* data) {
+  comebacks++;
+  for (int i = 0; i < 2; i++) {
+    callback_manager->Register_Persistent(some_vm, "pool", -1, data, ComeBackTwice);
+  }
+}
+
+TEST_F(ExternalCallTest, CallbackThatRegistersItsNameAgainIsCalledAHundredTimesMore) {
+  callback_manager = &manager;
+  for (const auto callback : {ComeBack, ComeBackTwice}) {
+    manager.Register_Persistent(some_vm, "pool", -1, Data("a"), callback);
+    comebacks = 0;
+    manager.Register_Persistent(some_vm, "pool", -1, Data("b"), callback);
+    EXPECT_EQ(comebacks, 101);
+    EXPECT_STREQ(static_cast<char*>(manager.Lookup_Persistent("pool", -1)), "b");
+    comebacks = 0;
+    manager.MachineEnds(some_vm, nullptr);
+    EXPECT_EQ(comebacks, 101);
+    EXPECT_EQ(manager.Lookup_Persistent("pool", -1), nullptr);
+  }
+}
+
+TEST_F(ExternalCallTest, CallbackThatRegistersItsNameAgainEndsWithTheManagerToo) {
+  {
+    ExternalCallManager request(&application);
+    callback_manager = &request;
+    request.Register_Persistent(some_vm, "pool", -1, Data("a"), ComeBack);
+    request.Register_Persistent(some_vm, "other", -1, Data("b"), NoteDestroyed);
+    comebacks = 0;
+  }
+  EXPECT_EQ(comebacks, 101);
+  EXPECT_EQ(events, (std::vector<std::string>{"destroyed b"}));
+}
+
+// What has no callback cannot come back, so it is always accepted. The address sanitizer sees that
+// it is freed.
+void LeaveMemory(void*, void*) {
+  for (int i = 0; i < 300; i++) {
+    callback_manager->Register_Persistent(some_vm, "memory", -1, new char[8], nullptr);
+  }
+}
+
+TEST_F(ExternalCallTest, MemoryThatACallbackLeavesIsFreed) {
+  callback_manager = &manager;
+  manager.Register_Persistent(some_vm, "pool", -1, Data("a"), LeaveMemory);
+  manager.MachineEnds(some_vm, nullptr);
+  EXPECT_EQ(manager.Lookup_Persistent("memory", -1), nullptr);
 }
 
 }  // namespace
