@@ -9,6 +9,7 @@
 #include "base/core/BaseTemplates.h"
 #include "base/core/StringClass.h"
 #include "base/extensions/LastError.h"
+#include "base/extensions/LibraryFailure.h"
 #include "base/extensions/OpenedLibrary.h"
 
 // The name of a library in scripts and the path of its file: the first fields of each kind. Copies
@@ -67,7 +68,7 @@ class NamedLibraries {
   // of -1 means strlen.
   //
   // is_loaded(library) says if the file has been opened. If not, load(library, file) takes what it
-  // needs from the file; it returns false with the reason in error().
+  // needs from the file; it returns false with the reason in error(), which is then reported.
   template <class IsLoaded, class Load>
   Library* LookUp(const char* name, int length, const char* before, const char* after,
                   IsLoaded is_loaded, Load load) {
@@ -81,7 +82,11 @@ class NamedLibraries {
     }
     if (is_loaded(library)) return library;
     ExternalLibrary* file = OpenLibrary(application, library->path(), &last_error);
-    return file != nullptr && load(library, file) ? library : nullptr;
+    if (file == nullptr) return nullptr;
+    if (load(library, file)) return library;
+    ReportLibraryFailure(application->basename(),
+                         LibraryFailure(library->path(), last_error.text()));
+    return nullptr;
   }
 
   // In the order of registration.

@@ -3,12 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 
 #include "base/extensions/CommerceLibrary.h"
 #include "base/extensions/ExternalCall.h"
+#include "base/extensions/ExternalDatabaseLibrary.h"
 #include "base/extensions/SystemLibrary.h"
 #include "tests/support/LibraryFixture.h"
+#include "tests/support/TemporaryDirectory.h"
 
 namespace {
 
@@ -53,6 +56,35 @@ TEST_F(LibraryFailureTest, IsWrittenForEachKindOfLibrary) {
               EXPECT_EQ(systems.Lookup_System_Library("tools", -1), nullptr);
             }).find("/nonexistent/system.so: "),
             std::string::npos);
+}
+
+TEST_F(LibraryFailureTest, IsWrittenForALibraryThatLacksItsExport) {
+  // Under paths of their own, because other tests use the libraries, and a line is written once.
+  TemporaryDirectory directory;
+  const std::string incomplete = directory.path("incomplete.so");
+  const std::string null = directory.path("null.so");
+  std::filesystem::copy_file(TestLibraryPath("FakeCommerceIncomplete"), incomplete);
+  std::filesystem::copy_file(fake, null);
+  EXPECT_EQ(Errors([&] {
+              CommerceLibraryManager commerce(&application);
+              commerce.RegisterDSO("pay", incomplete.c_str());
+              EXPECT_EQ(commerce.Lookup_Commerce_Library("pay", -1), nullptr);
+            }),
+            "zeph-test: " + incomplete +
+                ": Unable to load commerce library descriptor table/functions\n");
+  EXPECT_EQ(Errors([&] {
+              ExternalDatabaseLibraryManager databases(&application);
+              databases.RegisterDSO("shop", incomplete.c_str());
+              EXPECT_EQ(databases.Lookup_DB("shop", -1), nullptr);
+            }),
+            "zeph-test: " + incomplete + ": Unknown symbol 'zeph_database_library'\n");
+  // A table that is null.
+  EXPECT_EQ(Errors([&] {
+              ExternalDatabaseLibraryManager databases(&application);
+              databases.RegisterDSO("shop", null.c_str());
+              EXPECT_EQ(databases.Lookup_DB("shop", -1), nullptr);
+            }),
+            "zeph-test: " + null + ": Unable to retrieve database descriptor table\n");
 }
 
 TEST_F(LibraryFailureTest, ReasonsOfFunctionLibrariesAreKeptForTheCallThatFails) {
