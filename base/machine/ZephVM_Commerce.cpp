@@ -19,8 +19,8 @@ void ZephVM::op_commerce() {
   const KeptString method(stack);
   if (stop_flag) return;
   auto fields = std::make_unique<VariableList>();
+  // A wrong name ends the script only after the instruction: the library still gets the call.
   Lookup_VariableList(fields.get(), names.data(), names.length());
-  if (stop_flag) return;
   auto commerce = std::make_unique<Commerce>(application, this, commerce_libraries,
                                              system_variables, action.data(), action.length(),
                                              method.data(), method.length(), std::move(fields));
@@ -30,7 +30,6 @@ void ZephVM::op_commerce() {
     return;
   }
   ClearErrorVariable(Tag_Commerce);
-  if (stop_flag) return;
   if (commerce->Next() == Commerce::Ready) {
     Push_Feature(commerce.release());
   } else {

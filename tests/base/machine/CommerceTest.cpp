@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "base/host/TagErrors.h"
@@ -38,7 +39,7 @@ class CommerceTest : public LibraryFixture {
   // Runs a loop that writes "[", the results in the variable r, each in brackets, "]", and the
   // tag's error.
   int Run(const std::string& method = "pay", const std::string& body = "") {
-    machine.Assemble(
+    used->Assemble(
         "pushc \"[\"\nout\n"
         "pushc \"" +
         method +
@@ -48,8 +49,9 @@ class CommerceTest : public LibraryFixture {
         "op_commerce_loop round\nend:\npushc \"]\"\nout\n"
         "exit\n"
         ".function leave()\nop_commerce_stop over\nover:\npushc \"\"\nret\n.end\n"
-        ".function again()\nback:\nop_commerce_loop back\npushc \"\"\nret\n.end\n");
-    return machine.Go();
+        ".function again()\nback:\nop_commerce_loop back\npushc \"\"\nret\n.end\n"
+        ".function greet()\npushc \"hello\"\nout\npushc \"\"\nret\n.end\n");
+    return used->Go();
   }
   // Stores a result.
   void Give(int result) { machine.vm().Lookup_Variable("g.r", -1)->SetValue_Integer(result); }
@@ -62,16 +64,20 @@ class CommerceTest : public LibraryFixture {
   }
 
   Machine machine;
+  Machine* used = &machine;  // by Run
   std::vector<std::string> calls;
   std::function<int()> init = [] { return 0; };
   std::function<int(int)> loop = [](int) { return 2; };
+  // Called by the library's functions of these names.
+  std::function<void()> error = [] {};
+  std::function<void()> cleanup = [] {};
   const char* message = "declined & <why>";
 
  private:
   static int Init(ZPPROGRAM, void** state, const char* method, const char* action,
                   ZPVARIABLELIST fields, ZPVARIABLEHASH system) {
     EXPECT_EQ(*state, nullptr);
-    EXPECT_EQ(system, &current->machine.system);
+    EXPECT_EQ(system, &current->used->system);
     *state = current;
     current->calls.push_back(std::string("init ") + method + " " + action + " " + ListText(fields));
     return current->init();
@@ -79,7 +85,7 @@ class CommerceTest : public LibraryFixture {
   static int Loop(ZPPROGRAM program, void** state, const char* method, const char*, ZPVARIABLELIST,
                   ZPVARIABLEHASH, int index) {
     EXPECT_EQ(*state, current);
-    EXPECT_EQ(program, &current->machine.vm());
+    EXPECT_EQ(program, &current->used->vm());
     current->calls.push_back(std::string("loop ") + method + " " + std::to_string(index));
     return current->loop(index);
   }
@@ -88,6 +94,7 @@ class CommerceTest : public LibraryFixture {
     EXPECT_EQ(*state, current);
     current->calls.push_back(std::string("cleanup ") + action);
     EXPECT_EQ(fields->Entries(), 2);
+    current->cleanup();
     // The machine still works, also at its end.
     program->Lookup_Variable("l.x", -1);
     VariableList all;
@@ -95,6 +102,7 @@ class CommerceTest : public LibraryFixture {
   }
   static const char* ErrorText(ZPPROGRAM, void**, const char*, const char*, ZPVARIABLELIST) {
     current->calls.push_back("error");
+    current->error();
     return current->message;
   }
 
@@ -161,6 +169,66 @@ TEST_F(CommerceTest, AFirstResultOfTwoSkipsTheBodyWithoutAnError) {
   EXPECT_EQ(machine.Output(), "[]");
   EXPECT_EQ(machine.Value("ZpCOMMERCE_Error"), "(none)");
   EXPECT_THAT(calls, ElementsAre("init pay charge a=,b=", "loop pay 0", "cleanup charge"));
+}
+
+TEST_F(CommerceTest, AnyOtherResultEndsTheLoopWithoutAnError) {
+  for (const int result : {-1, 3}) {
+    for (const int round : {0, 1}) {
+      SCOPED_TRACE(testing::Message() << result << " in round " << round);
+      Machine each;
+      each.application.SetLibraryManager(&libraries);
+      each.commerce_libraries.RegisterDSO("pay", fake.c_str());
+      used = &each;
+      calls.clear();
+      loop = [&](int index) {
+        each.vm().Lookup_Variable("g.r", -1)->SetValue_Integer(index);
+        return index == round ? result : 0;
+      };
+      EXPECT_EQ(Run(), 1);
+      EXPECT_EQ(each.Output(), round == 0 ? "[]" : "[(0)]");
+      EXPECT_EQ(each.Value("ZpCOMMERCE_Error"), "(none)");
+      EXPECT_EQ(calls.back(), "cleanup charge");
+      EXPECT_EQ(calls.size(), round == 0 ? 3u : 4u);
+      each.Close();
+    }
+  }
+  used = &machine;
+}
+
+TEST_F(CommerceTest, WithoutItsTextsOnTheStackNothingBegins) {
+  for (const char* pushed : {"", "pushc \"a\"\n", "pushc \"pay\"\npushc \"a\"\n"}) {
+    Machine each;
+    each.application.SetLibraryManager(&libraries);
+    each.commerce_libraries.RegisterDSO("pay", fake.c_str());
+    each.Assemble(std::string(pushed) + "op_commerce end\nend:\n");
+    EXPECT_EQ(each.Go(), 0);
+    EXPECT_EQ(each.Failure(), "Stack underflow");
+  }
+  EXPECT_THAT(calls, ElementsAre());
+}
+
+// The script ends after the instruction, which is done all the same: a transaction that the library
+// has begun is also cleaned up.
+TEST_F(CommerceTest, AWrongNameInTheFieldListEndsTheScriptAfterTheFirstRound) {
+  loop = [](int) { return 0; };
+  machine.Assemble(
+      "pushc \"pay\"\npushc \"charge\"\npushc \"a,b[\"\nop_commerce end\n"
+      "round:\npushc \"body\"\nout\nop_commerce_loop round\nend:\npushg a\npop\n");
+  EXPECT_EQ(machine.Go(), 0);
+  EXPECT_THAT(calls, ElementsAre("init pay charge a=,b[=", "loop pay 0"));
+  machine.Close();
+  EXPECT_EQ(calls.back(), "cleanup charge");
+}
+
+// An error of the tag says whether the script goes on, also after an earlier failure.
+TEST_F(CommerceTest, AWrongNameInTheFieldListAndAnInitThatFailsAreTheErrorOfTheTag) {
+  init = [] { return 1; };
+  machine.Assemble(
+      "pushc \"pay\"\npushc \"charge\"\npushc \"a,b[\"\nop_commerce end\n"
+      "end:\npushg a\npop\npushc \"past\"\nout\n");
+  EXPECT_EQ(machine.Go(), 1);
+  EXPECT_THAT(machine.Output(), testing::EndsWith("past"));
+  EXPECT_THAT(calls, ElementsAre("init pay charge a=,b[=", "error", "cleanup charge"));
 }
 
 // The text stays with the loop: the script goes on as after the last result.
@@ -249,23 +317,63 @@ TEST_F(CommerceTest, NestedLoopsAreContinuedFromTheInside) {
   EXPECT_EQ(machine.Output(), "01|01|");
 }
 
-// The code that a library calls cannot end or continue the loop that the library is working for.
-class CommerceCallbackTest : public CommerceTest,
-                             public testing::WithParamInterface<const char*> {};
+// The code that a library calls in one of its functions.
+class CommerceCallbackTest
+    : public CommerceTest,
+      public testing::WithParamInterface<std::tuple<const char*, const char*>> {
+ protected:
+  // Lets that function call that function of the script; returns what Run returns.
+  int RunWith(const std::string& function, const char* called, int result) {
+    const auto call = [this, called, result] {
+      VariableList none;
+      EXPECT_EQ(machine.vm().RunFunction(called, -1, &none, nullptr), result);
+      called_back++;
+    };
+    init = [=] {
+      if (function == "init") call();
+      return 0;
+    };
+    loop = [=, this](int index) {
+      Give(index);
+      if (function == "loop" && index == 1) call();
+      return index == 0 ? 0 : function == "error" ? 1 : 2;
+    };
+    if (function == "error") error = call;
+    if (function == "cleanup") cleanup = call;
+    return Run();
+  }
 
+  int called_back = 0;
+};
+
+// It cannot end or continue the loop that the library is working for.
 TEST_P(CommerceCallbackTest, CannotTouchTheLoop) {
-  loop = [this](int index) {
-    if (index == 0) return 0;
-    VariableList none;
-    EXPECT_EQ(machine.vm().RunFunction(GetParam(), -1, &none, nullptr), 0);
-    return 0;
-  };
-  EXPECT_EQ(Run(), 0);
+  const auto& [function, called] = GetParam();
+  EXPECT_EQ(RunWith(function, called, 0), 0);
+  EXPECT_EQ(called_back, 1);
   EXPECT_EQ(machine.Failure(), "Invalid instruction");
   machine.Close();
   EXPECT_EQ(calls.back(), "cleanup charge");
 }
 
-INSTANTIATE_TEST_SUITE_P(Functions, CommerceCallbackTest, testing::Values("leave", "again"));
+INSTANTIATE_TEST_SUITE_P(Functions, CommerceCallbackTest,
+                         testing::Combine(testing::Values("init", "loop", "error", "cleanup"),
+                                          testing::Values("leave", "again")));
+
+class CommerceScriptTest : public CommerceCallbackTest {};
+
+TEST_P(CommerceScriptTest, MayDoAnythingElse) {
+  const auto& [function, called] = GetParam();
+  EXPECT_EQ(RunWith(function, called, 1), 1) << machine.Error();
+  EXPECT_EQ(called_back, 1);
+  EXPECT_THAT(machine.Output(), HasSubstr("hello"));
+  EXPECT_THAT(machine.Output(), testing::EndsWith("]"));
+  EXPECT_EQ(calls.back(), "cleanup charge");
+  EXPECT_EQ(machine.StackText(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Functions, CommerceScriptTest,
+                         testing::Combine(testing::Values("init", "loop", "error", "cleanup"),
+                                          testing::Values("greet")));
 
 }  // namespace
