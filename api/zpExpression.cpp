@@ -74,10 +74,10 @@ int zpProgram_Execute_Dynamic_Expression(ZPPROGRAM program, ZPEXPRESSION express
                                          ZPVARIABLE result) {
   ZephVM_Stack* const stack = _zpProgram_Dynamic_Stack(program);
   const int before = stack->Entries();
+  // The expression may drop what holds the result.
+  const VariableRef held = VariableRef::Share(result);
   if (!program->Execute_Dynamic_Expression(expression, stack, nullptr)) return 0;
   if (stack->Entries() <= before) return 0;
-  // The expression may have dropped what held the result.
-  const VariableRef held = VariableRef::Share(result);
   stack->PopV(result);
   return 1;
 }
@@ -88,6 +88,7 @@ int zpProgram_Execute_Dynamic_Expression_Boolean(ZPPROGRAM program, ZPEXPRESSION
   const int before = stack->Entries();
   if (!program->Execute_Dynamic_Expression(expression, stack, nullptr)) return 0;
   if (stack->Entries() <= before) return 0;
-  *result = stack->PopBool();
+  const int truth = stack->PopBool();
+  if (result) *result = truth;
   return 1;
 }

@@ -11,6 +11,7 @@
 #include "base/host/ZephApplication.h"
 #include "base/machine/ZephVM.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableRef.h"
 
 namespace {
 
@@ -158,6 +159,8 @@ const _ZP_EL_Function* zpProgram_Lookup_ExternalFunction(ZPPROGRAM program, cons
 int zpProgram_RunFunction(ZPPROGRAM program, const char* name, int length, ZPVARIABLELIST arguments,
                           ZPVARIABLE result) {
   VariableList none;
+  // The function may drop what holds the result.
+  const VariableRef held = VariableRef::Share(result);
   return program->RunFunction(name, length, arguments ? arguments : &none, result);
 }
 void* zpProgram_SSL_Function(ZPPROGRAM program, const char* name) {

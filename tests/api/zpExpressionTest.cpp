@@ -153,4 +153,29 @@ TEST_F(zpExpression, LeaveNothingOnTheStack) {
             1);
 }
 
+// An element, which the array holds until the expression replaces the array.
+TEST_F(zpExpression, HoldTheirResultWhileTheyAreEvaluated) {
+  int counts_within = 0;
+  ZPVARIABLE element = nullptr;
+  first = [&](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE) {
+    zpVariable_SetValue(zpProgram_Lookup_Variable(program, "g.list", -1), "dropped", -1);
+    counts_within = element->refcount();
+  };
+  Inside([&](ZPPROGRAM program) {
+    ZPVARIABLE list = zpProgram_Lookup_Variable(program, "g.list", -1);
+    element = zpVariable_Array_Element(1, list, 1);
+    ZPEXPRESSION expression = Compiled(program, "first(1, g.x) $ 'value'");
+    EXPECT_EQ(zpProgram_Execute_Dynamic_Expression(program, expression, element), 1);
+    EXPECT_STREQ(zpVariable_Value(list, nullptr), "dropped");
+  });
+  EXPECT_EQ(counts_within, 1);
+}
+
+TEST_F(zpExpression, MayHaveAnUnwantedTruth) {
+  Inside([](ZPPROGRAM program) {
+    EXPECT_EQ(
+        zpProgram_Execute_Dynamic_Expression_Boolean(program, Compiled(program, "1"), nullptr), 1);
+  });
+}
+
 }  // namespace

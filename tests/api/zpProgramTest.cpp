@@ -407,6 +407,24 @@ TEST_F(zpProgram, RunsFunctionsOfTheScript) {
   EXPECT_EQ(output.text, "hello 5");
 }
 
+// An element, which the array holds until the function replaces the array.
+TEST_F(zpProgram, TheResultOfAFunctionIsHeldWhileItRuns) {
+  int counts_within = 0;
+  ZPVARIABLE element = nullptr;
+  first = [&](ZPPROGRAM, ZPVARIABLEHASH, ZPVARIABLE) { counts_within = element->refcount(); };
+  second = [&](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE) {
+    element = zpVariable_Array_Element(1, zpProgram_Lookup_Variable(program, "g.list", -1), 1);
+    EXPECT_EQ(zpProgram_RunFunction(program, "drop", -1, nullptr, element), 1);
+  };
+  EXPECT_EQ(
+      Run("pushc \"\"\npopg list\npushc \"\"\npopg y\ncall second\npop\npushg list\nout\nexit\n"
+          ".function drop()\npushc \"dropped\"\npopg list\n"
+          "pushi 1\npushg y\ncall first\npop\npushc \"result\"\nret\n.end\n"),
+      1);
+  EXPECT_EQ(counts_within, 1);
+  EXPECT_EQ(output.text, "dropped");
+}
+
 TEST_F(zpProgram, RunsExternalFunctionsByTheNameThatTheScriptDeclares) {
   first = [](ZPPROGRAM, ZPVARIABLEHASH parameters, ZPVARIABLE result) {
     zpVariable_SetValue_Variable(result, zpVariableHash_Find(parameters, "a", -1));
@@ -445,7 +463,7 @@ TEST_F(zpProgram, SystemLibrariesAreFoundByName) {
 
 // --- Time and errors -----------------------------------------------------------------------------
 
-TEST_F(zpProgram, SleepsAndStartsTheClockAnew) {
+TEST_F(zpProgram, SleepsAndStartsTheClockAgain) {
   Call([this](ZPPROGRAM program, ZPVARIABLEHASH, ZPVARIABLE) {
     zpProgram_Sleep(program, 250);
     EXPECT_EQ(application.slept, 250);
@@ -496,13 +514,13 @@ TEST_F(zpProgram, AFatalErrorEndsTheScriptWhenTheFunctionReturns) {
 
 // --- What a call has to agree on -----------------------------------------------------------------
 
-TEST_F(zpProgram, AFunctionThatNobodyKnowsIsFatalOnlyWhereItIsCalled) {
+TEST_F(zpProgram, AnUnknownFunctionIsFatalOnlyWhereItIsCalled) {
   EXPECT_EQ(Run(".function nobody() external\n.end\npushc \"before\"\nout\ncall nobody\nout\n"), 0);
   EXPECT_THAT(output.text, testing::StartsWith("before"));
   EXPECT_THAT(output.text, HasSubstr(": Unresolved call to external function 'nobody'\n"));
 }
 
-TEST_F(zpProgram, AFunctionThatNobodyKnowsMayBeDeclared) {
+TEST_F(zpProgram, AnUnknownFunctionMayBeDeclared) {
   EXPECT_EQ(Run(".function nobody() external\n.end\npushc \"page\"\nout\n"), 1);
   EXPECT_EQ(output.text, "page");
 }
