@@ -74,7 +74,8 @@ int zpNetwork_Read_Line(ZPNETWORK connection, char* buffer, int length, int time
   const size_t copied = line.data ? strnlen(line.data, static_cast<size_t>(line.length)) : 0;
   const size_t used = copied < room ? copied : room;
   if (used > 0) memcpy(buffer, line.data, used);
-  buffer[used] = '\0';
+  // As strncpy does: nothing of an older line stays in the buffer.
+  memset(buffer + used, '\0', static_cast<size_t>(length) - used);
   return static_cast<int>(used);
 }
 int zpNetwork_Write(ZPNETWORK connection, const char* bytes, int length, int timeout) {

@@ -152,6 +152,20 @@ TEST_F(zpNetwork, LinesAreCutToTheBufferAndTerminated) {
   });
 }
 
+// Up to the length that it was given, and not beyond.
+TEST_F(zpNetwork, TheRestOfALinesBufferIsNULs) {
+  ListeningPeer peer([](ListeningPeer::Connection& connection) { connection.Send("one\n"); });
+  Inside([&](ZPPROGRAM program) {
+    ZPNETWORK connection = zpNetwork_Connect(program, "127.0.0.1", peer.port(), kSeconds);
+    ASSERT_NE(connection, nullptr);
+    char buffer[12];
+    memset(buffer, '#', sizeof buffer);
+    EXPECT_EQ(zpNetwork_Read_Line(connection, buffer, 10, kSeconds), 4);
+    EXPECT_EQ(std::string(buffer, 12), std::string("one\n\0\0\0\0\0\0##", 12));
+    zpNetwork_Close(connection);
+  });
+}
+
 TEST_F(zpNetwork, UrlsAreRequestedWithVersionOneDotZero) {
   std::string request;
   ListeningPeer peer([&](ListeningPeer::Connection& connection) {
