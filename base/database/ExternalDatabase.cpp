@@ -55,9 +55,13 @@ ExternalDatabase::ExternalDatabase(ZephVM* machine, const char* name, int length
 }
 
 // The views come first, because the library's words for them may refer to that of the database.
+// free_data may add views.
 ExternalDatabase::~ExternalDatabase() {
-  while (DatabaseView* view = views.First()) View_Del(view);
-  FreeData();
+  is_ending = true;
+  do {
+    while (DatabaseView* view = views.First()) View_Del(view);
+    FreeData();
+  } while (views.First());
 }
 
 bool ExternalDatabase::Fail(const String& text) {
@@ -203,6 +207,7 @@ bool ExternalDatabase::Command(const char* command, int commandlength, int, int*
 }
 
 ExternalDatabaseView* ExternalDatabase::Add_View(const char* name, int length, void* data) {
+  if (is_ending && late_views++ >= kMostLate) return nullptr;
   auto* const view = new ExternalDatabaseView(vm, this, name, length, descriptor, data);
   View_Add(view);
   if (!primary_view) primary_view = view;
@@ -214,14 +219,23 @@ void ExternalDatabase::SetData(void* data) {
   library_data = data;
 }
 
+// The word is still set while the library frees it. Another one that the library sets meanwhile is
+// freed in its turn.
 void ExternalDatabase::FreeData() {
-  if (descriptor->version < kFreeData || !descriptor->free_data || !library_data) return;
+  if (descriptor->version < kFreeData || !descriptor->free_data || is_freeing) return;
   const Evaluation running(this);
-  try {
-    descriptor->free_data(this, std::exchange(library_data, nullptr));
-  } catch (const std::bad_alloc&) {
-    // This runs in a destructor. What the library has not given back by then stays with it.
+  is_freeing = true;
+  for (int i = 0; library_data && i < kMostLate; i++) {
+    void* const freed = library_data;
+    try {
+      descriptor->free_data(this, freed);
+    } catch (const std::bad_alloc&) {
+      // This runs in a destructor. What the library has not given back by then stays with it.
+    }
+    if (library_data == freed) library_data = nullptr;
   }
+  is_freeing = false;
+  library_data = nullptr;
 }
 
 // --- Views ---------------------------------------------------------------------------------------
@@ -338,6 +352,7 @@ int ExternalDatabaseView::Commit() {
 
 ExternalDatabaseVariable* ExternalDatabaseView::Add_Variable(const char* name, int length,
                                                              void* data) {
+  if (is_dropping && late_variables++ >= ExternalDatabase::kMostLate) return nullptr;
   auto* const variable = new ExternalDatabaseVariable(this, name, length, descriptor, data);
   VariableRef owned(variable);
   fields.Insert(variable);
@@ -346,18 +361,21 @@ ExternalDatabaseVariable* ExternalDatabaseView::Add_Variable(const char* name, i
 }
 
 void ExternalDatabaseView::Clear() {
-  if (variable_calls == 0) DropVariables();
+  if (variable_calls == 0 && !vm->Family().IsReadingField()) DropVariables();
 }
 
 void ExternalDatabaseView::DropVariables() {
   {
     // The library may add variables even now; they go too.
     const VariableCall running(this);
+    is_dropping = true;
+    late_variables = 0;
     for (int i = 0; i < fields.Entries(); i++) {
       if (Variable* field = fields.Index(i)) {
         static_cast<ExternalDatabaseVariable*>(field)->Detach();
       }
     }
   }
+  is_dropping = false;
   fields.Dump();
 }

@@ -5,10 +5,9 @@
 #ifndef ZEPH_BASE_EXTERNALDATABASE_H
 #define ZEPH_BASE_EXTERNALDATABASE_H
 
-#include <utility>
-
 #include "api/zeph.h"
 #include "base/database/Database.h"
+#include "base/machine/ZephVM.h"
 #include "base/values/Variable.h"
 
 // An open database of a library. The descriptor is the library's table, borrowed; it lives as long
@@ -17,7 +16,8 @@
 //
 // While a function of the library runs, it may run code of the script, which may come back here. So
 // every call is an Evaluation: until it ends, the script can read and store fields of this
-// database, and nothing else. Therefore nothing that a library works on is deleted in its call.
+// database, and nothing else. Therefore nothing that a library works on is deleted in its call. The
+// functions that give a field's value or type run no code of a script at all (VariableRead).
 class ExternalDatabase : public Database {
  public:
   // The error of an operation that is refused for that reason.
@@ -65,10 +65,16 @@ class ExternalDatabase : public Database {
                const char* arguments, int argumentslength, int argumentsallocated,
                int* argumentsdeletable) override;
 
+  // A library may add things while such things are deleted, and these are deleted too. More than
+  // this number are not made, so that this ends.
+  static constexpr int kMostLate = 100;
+
   // Makes a view and owns it. It becomes the primary view if there is none. A length of -1 means
-  // strlen. data is the view's word for the library.
+  // strlen. data is the view's word for the library. Null if the object is being deleted and more
+  // than kMostLate views were added since.
   ExternalDatabaseView* Add_View(const char* name, int length, void* data);
-  // The database's word for the library. Setting it lets the library free the old one.
+  // The database's word for the library. Setting it lets the library free the old one first, even
+  // if it is the same; while it does so, the word is only stored.
   void SetData(void* data);
   void* data() const { return library_data; }
   // The machine that has opened the database; null after Release_VM.
@@ -83,6 +89,9 @@ class ExternalDatabase : public Database {
 
   const _ZP_EL_Database* descriptor;
   void* library_data = nullptr;
+  bool is_ending = false;
+  bool is_freeing = false;  // free_data runs
+  int late_views = 0;
 };
 
 // A view of such a database. The library adds the variables of the current record, and replaces
@@ -116,10 +125,13 @@ class ExternalDatabaseView : public DatabaseView {
   // Commits all variables. Returns 1, or 0 if one could not be committed.
   int Commit();
 
-  // Makes a variable and owns it. A length of -1 means strlen.
+  // Makes a variable and owns it. A length of -1 means strlen. Null if the variables are being
+  // removed and more than ExternalDatabase::kMostLate were added since.
   ExternalDatabaseVariable* Add_Variable(const char* name, int length, void* data);
   // Removes all variables; those that scripts hold become NULL for good. Does nothing while the
-  // library reads or writes a variable, because an operation on that variable is not at its end.
+  // library writes or frees a variable of this view, because an operation on that variable is not
+  // at its end, and while any variable of a database is read, because the reader may hold one of
+  // these.
   void Clear();
   void SetData(void* data) { library_data = data; }
   void* data() const { return library_data; }
@@ -140,6 +152,16 @@ class ExternalDatabaseView : public DatabaseView {
     ExternalDatabaseView* of;
     Database::Evaluation running;
   };
+  // One that asks for its value or its type.
+  class VariableRead {
+   public:
+    explicit VariableRead(ExternalDatabaseView* view)
+        : running(view), reading(&view->vm->Family()) {}
+
+   private:
+    VariableCall running;
+    MachineFamily::FieldRead reading;
+  };
 
  private:
   template <class... Parameters, class... Arguments>
@@ -152,6 +174,8 @@ class ExternalDatabaseView : public DatabaseView {
   const _ZP_EL_Database* descriptor;
   void* library_data;
   int variable_calls = 0;
+  bool is_dropping = false;  // DropVariables runs
+  int late_variables = 0;
 };
 
 // A field of the current record. Its value is requested from the library when a script first needs

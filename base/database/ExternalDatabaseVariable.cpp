@@ -46,7 +46,7 @@ int ExternalDatabaseVariable::preferred_type() {
   if (!owner || descriptor->version < kVariableTypes || !descriptor->variable_type) {
     return PrimaryText;
   }
-  const ExternalDatabaseView::VariableCall running(owner);
+  const ExternalDatabaseView::VariableRead running(owner);
   const int kind = descriptor->variable_type(this);
   return kind == PrimaryInteger || kind == PrimaryDouble ? kind : PrimaryText;
 }
@@ -167,7 +167,7 @@ int ExternalDatabaseVariable::Get_Integer() {
   if (!owner || !descriptor->variable_get_integer) return 0;
   int value = 0;
   {
-    const ExternalDatabaseView::VariableCall running(owner);
+    const ExternalDatabaseView::VariableRead running(owner);
     if (!descriptor->variable_get_integer(this, &value)) return 0;
   }
   if (HasOwnValue()) return 0;
@@ -180,7 +180,7 @@ int ExternalDatabaseVariable::Get_Double() {
   if (!owner || !descriptor->variable_get_double) return 0;
   double value = 0.0;
   {
-    const ExternalDatabaseView::VariableCall running(owner);
+    const ExternalDatabaseView::VariableRead running(owner);
     if (!descriptor->variable_get_double(this, &value)) return 0;
   }
   if (HasOwnValue()) return 0;
@@ -195,7 +195,7 @@ int ExternalDatabaseVariable::Get_String() {
   int length = 0;
   int owned = 0;
   {
-    const ExternalDatabaseView::VariableCall running(owner);
+    const ExternalDatabaseView::VariableRead running(owner);
     if (!descriptor->variable_get_string(this, &text, &length, &owned)) return 0;
   }
   const int bytes = MeasuredLength(text, length);

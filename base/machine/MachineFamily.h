@@ -37,6 +37,21 @@ class MachineFamily {
   void BeginRun() { runs++; }
   void EndRun() { runs--; }
 
+  // Reads of database fields in progress for which a library works. The code that reads may hold
+  // texts of other variables. So meanwhile no code of a script runs, which could store in them, and
+  // no view loses its fields.
+  bool IsReadingField() const { return field_reads > 0; }
+  class FieldRead {
+   public:
+    explicit FieldRead(MachineFamily* family) : of(family) { of->field_reads++; }
+    ~FieldRead() { of->field_reads--; }
+    FieldRead(const FieldRead&) = delete;
+    FieldRead& operator=(const FieldRead&) = delete;
+
+   private:
+    MachineFamily* of;
+  };
+
   // Whether frames of finished calls are kept for later calls, which is the default.
   bool reuses_frames() const { return frame_reuse; }
   void SetFrameReuse(bool reuse) { frame_reuse = reuse; }
@@ -47,6 +62,7 @@ class MachineFamily {
   MachineDatabases* open_databases = nullptr;  // null until a script opens one
   std::unique_ptr<DoContexts> files;           // null until a script names another file
   int runs = 0;
+  int field_reads = 0;
   bool frame_reuse = true;
 };
 

@@ -231,6 +231,8 @@ class ZephVM {
   ZephVM_Stack* CurrentStack() { return stack; }
   VariableHash* SystemVariables() { return system_variables; }
   VariableHash* GlobalVariables() { return global_variables; }
+  // What the machines of the family share, borrowed.
+  MachineFamily& Family() { return *family; }
   // The databases that the family has open, borrowed.
   MachineDatabases& Databases() { return family->databases(); }
   // The builtin libraries of the run; null if the host has none.
@@ -349,6 +351,7 @@ class ZephVM {
   // Closes the features that were made in a frame that is about to end.
   void Cleanup_Function_Features(ZephVM_Frame* left);
   ExternalCall* FindExternal(Function* function);
+  // Whether a run within this one may begin. If not, that is a fatal error.
   bool MayNest();
   // With wants_result, a run that leaves no result has failed; that happens after an exit.
   template <typename Push, typename Take>

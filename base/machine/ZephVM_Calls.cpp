@@ -387,6 +387,10 @@ void ZephVM::NestedRun::Begin(Segment* start) {
 }
 
 bool ZephVM::MayNest() {
+  if (family->IsReadingField()) {
+    FatalError("Script code cannot run while a field of a database is read");
+    return false;
+  }
   if (family->HasRoomForRun()) return true;
   FatalError("Stack overflow");
   return false;

@@ -394,8 +394,7 @@ TEST_F(zpDatabase, AValueThatIsRefusedFailsTheUpdate) {
             "the view fails");
 }
 
-// --- The script that the library calls
-// -------------------------------------------------------------
+// --- The script that the library calls -----------------------------------------------------------
 
 // Each function, and what a script function then tries with the database that the library works on.
 class Callbacks : public MemoryLibrary,
@@ -418,7 +417,7 @@ TEST_P(Callbacks, CannotTakeTheDatabaseAway) {
   std::string all;
   for (const std::string& one : tries) all += one;
   Script script(&libraries, path);
-  script.Run(Filled() + Go("m", 1) + "pushnc \"d.t\"\npushg held\nrefer\n" +
+  script.Run(Filled() + Go("m", 1) + "pushnc \"d.t\"\npushg held\nrefer\npushg v\npop\n" +
              Op("dbquery", {"m", std::string("call ") + function + " back", ""}) + use +
              "pushg held\npop\nexit\n.function back()\n" + all +
              "pushnc \"d.n\"\npop\npushc \"new\"\npopnc \"d.t\"\npushc \"called\"\nout\n"
@@ -445,18 +444,60 @@ const std::pair<const char*, std::string> kUses[] = {
     {"pack", Op("dbpack", {"m"})},
     {"command", Op("dbcommand", {"m", "c", ""})},
     {"commit", Op("dbcommit", {"m"})},
-    {"get_integer", ShowField("n")},
-    {"get_string", ShowField("t")},
-    {"get_string", "pushnc \"d.t\"\npushnc \"d.x\"\ncmp\npop\n"},
-    {"get_double", ShowField("x")},
-    {"get_integer", "pushnc \"d.n\"\npushnc \"d.x\"\nstore\n"},
     {"set_string", Push("x") + "popnc \"d.t\"\n" + OnView("dbupdate", "m")},
     {"set_integer", Push(5) + "popnc \"d.n\"\n" + OnView("dbupdate", "m")},
     {"variable_free", Skip("m", 1)},
     {"variable_free", Op("dbcloseview", {"m", "m"})},
     {"free_data", Op("dbclose", {"m"})},
+    {"setprimaryindex", Op("dbprimary", {"m", "", "i"})},
+    {"openindexes", Op("dbsetindex", {"m", "", "i"})},
+    {"createindex", Op("dbmakeindex", {"m", "p", "n", ""})},
+    {"reindex", Op("dbreindex", {"m"})},
+    {"rollback", Op("dbrollback", {"m"})},
+    {"transaction", Op("dbtransaction", {"m"})},
+    {"set_double", "pushf 5.5\npopnc \"d.x\"\n" + OnView("dbupdate", "m")},
+    {"view_revealstructure_table", Op("dbrevealstructuredb", {"m", "", "s"})},
+    {"view_revealstructure_aggregate",
+     Push("m") + Push("") + "pushg v\ndbrevealstructureagg\npushg v\npop\n"},
+    {"error", Op("dbopenview", {"m", "v", "none", ""})},
+    {"view_error", Skip("m", 9)},
 };
 INSTANTIATE_TEST_SUITE_P(Functions, Callbacks, testing::ValuesIn(kUses));
+
+// A read, and a script function that takes away what the reader works on: the text of the field
+// that the other one is compared with, or joined to.
+class Reads : public MemoryLibrary,
+              public testing::WithParamInterface<std::pair<const char*, std::string>> {};
+
+TEST_P(Reads, RunNoScript) {
+  const auto& [function, use] = GetParam();
+  Script script(&libraries, path);
+  script.machine.Assemble(Filled() + Go("m", 1) + "pushg other\npop\npushg held\npop\n" +
+                          "pushnc \"d.t\"\npushg held\nrefer\n" +
+                          Op("dbquery", {"m", std::string("call ") + function + " back", ""}) +
+                          use + "pushc \"past\"\nout\nexit\n.function back()\n" +
+                          Push(std::string(500, 'x')) +
+                          "popnc \"d.t\"\npushg other\npushnc \"d.t\"\nrefer\n" + Go("m", 2) +
+                          Op("dbclose", {"m"}) + "pushc \"called\"\nout\npushc \"\"\nret\n.end\n");
+  EXPECT_EQ(script.machine.Go(), 0);
+  EXPECT_EQ(script.machine.Failure(), "Script code cannot run while a field of a database is read");
+  EXPECT_THAT(script.machine.Output(), testing::Not(HasSubstr("called")));
+  EXPECT_THAT(script.machine.Output(), testing::Not(HasSubstr("past")));
+  script.machine.Close();
+}
+
+const std::pair<const char*, std::string> kReads[] = {
+    {"get_integer", ShowField("n")},
+    {"get_double", ShowField("x")},
+    {"get_string", ShowField("t")},
+    {"get_string", "pushnc \"d.t\"\npushnc \"d.x\"\ncmp\npop\n"},
+    {"get_double", "pushnc \"d.t\"\npushnc \"d.x\"\ncmp\npop\n"},
+    {"get_double", "pushnc \"d.t\"\npushnc \"d.x\"\ncat\npop\n"},
+    {"get_double", "pushg held\npushnc \"d.x\"\ncat\npop\n"},
+    {"get_integer", "pushnc \"d.n\"\npushnc \"d.x\"\nstore\n"},
+    {"variable_type", "pushnc \"d.n\"\npushnc \"d.x\"\nstore\n"},
+};
+INSTANTIATE_TEST_SUITE_P(Functions, Reads, testing::ValuesIn(kReads));
 
 TEST_F(zpDatabase, ALibraryMayCallTheScriptAtTheMachinesEnd) {
   for (const char* function : {"view_close", "close", "variable_free", "free_data"}) {

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <initializer_list>
 #include <memory>
 #include <string>
 
@@ -177,6 +179,271 @@ TEST_F(ExternalDatabaseTest, TheObjectsKnowOneAnotherAndTheirProgram) {
   EXPECT_EQ(view->data(), nullptr);
   database->Release_VM();
   EXPECT_EQ(database->program(), nullptr);
+}
+
+// --- Versions ------------------------------------------------------------------------------------
+
+// The texts that open and create were called with.
+std::string texts;
+
+int Note(std::initializer_list<const char*> all) {
+  texts.clear();
+  for (const char* text : all) texts += text;
+  return 1;
+}
+
+template <class Function>
+auto Older(Function* function) {
+  return reinterpret_cast<void (*)()>(function);
+}
+
+// A library that says nothing of its version, or something senseless, gets what the oldest one
+// gets.
+TEST_F(ExternalDatabaseTest, VersionsBelowOneAreTheOldestOne) {
+  int (*open)(ZPDATABASE, const char*, int, const char*, int, const char*, int) =
+      [](ZPDATABASE, const char* path, int, const char* third, int, const char* fourth, int) {
+        return Note({path, third, fourth});
+      };
+  int (*create)(ZPDATABASE, const char*, int, const char*,
+                int) = [](ZPDATABASE, const char* path, int, const char* specification, int) {
+    return Note({path, specification});
+  };
+  table.open = reinterpret_cast<decltype(table.open)>(Older(open));
+  table.create = reinterpret_cast<decltype(table.create)>(Older(create));
+  const auto unread = [](ZPDATABASE) {
+    ADD_FAILURE();
+    return 0;
+  };
+  table.commit = table.rollback = table.transaction = unread;
+  table.command = [](ZPDATABASE, const char*, int, const char*, int) {
+    ADD_FAILURE();
+    return 0;
+  };
+  table.variable_type = [](ZPDATABASEVARIABLE) {
+    ADD_FAILURE();
+    return 2;
+  };
+  table.free_data = [](ZPDATABASE, void*) { ADD_FAILURE(); };
+  for (const int version : {1, 0, -1, INT_MIN}) {
+    SCOPED_TRACE(version);
+    table.version = version;
+    EXPECT_TRUE(Open());
+    EXPECT_EQ(texts, "p34");
+    EXPECT_TRUE(database->Create("p", 1, 0, nullptr, "n", 1, 0, nullptr, "s", 1, 0, nullptr));
+    EXPECT_EQ(texts, "ps");
+    EXPECT_TRUE(database->Commit());
+    EXPECT_TRUE(database->Rollback());
+    EXPECT_TRUE(database->Transaction());
+    EXPECT_FALSE(database->Command("c", 1, 0, nullptr, "a", 1, 0, nullptr));
+    EXPECT_EQ(Error(), "ZpDBCOMMAND is an unsupported operation");
+    EXPECT_EQ(
+        database->Add_View("v", -1, nullptr)->Add_Variable("f", -1, nullptr)->preferred_type(), 1);
+    database->SetData(&table);
+    database->SetData(nullptr);
+  }
+}
+
+// What a later engine's library has more is not known here.
+TEST_F(ExternalDatabaseTest, AVersionAboveTheLastIsTheLastOne) {
+  static int calls;
+  calls = 0;
+  table.version = 7;
+  table.open = [](ZPDATABASE, const char* path, int, const char* name, int, const char* third, int,
+                  const char* fourth, int, const char* fifth, int) {
+    return Note({path, name, third, fourth, fifth});
+  };
+  table.commit = table.rollback = table.transaction = [](ZPDATABASE) { return ++calls; };
+  table.command = [](ZPDATABASE, const char*, int, const char*, int) { return ++calls; };
+  table.free_data = [](ZPDATABASE, void*) { calls++; };
+  EXPECT_TRUE(Open());
+  EXPECT_EQ(texts, "pn345");
+  EXPECT_TRUE(database->Commit());
+  EXPECT_TRUE(database->Rollback());
+  EXPECT_TRUE(database->Transaction());
+  EXPECT_TRUE(database->Command("c", 1, 0, nullptr, "a", 1, 0, nullptr));
+  database->SetData(&table);
+  database.reset();
+  EXPECT_EQ(calls, 5);
+}
+
+// --- The data word -------------------------------------------------------------------------------
+
+TEST_F(ExternalDatabaseTest, TheOldDataWordIsThereUntilItIsFreed) {
+  static std::string freed;
+  freed.clear();
+  table.free_data = [](ZPDATABASE handle, void* data) {
+    EXPECT_EQ(handle->data(), data);
+    freed += static_cast<const char*>(data);
+  };
+  database->SetData(const_cast<char*>("a"));
+  database->SetData(const_cast<char*>("b"));
+  database.reset();
+  EXPECT_EQ(freed, "ab");
+}
+
+TEST_F(ExternalDatabaseTest, ADataWordThatIsSetAgainIsFreedAgain) {
+  static int freed;
+  freed = 0;
+  table.free_data = [](ZPDATABASE, void*) { freed++; };
+  database->SetData(&table);
+  EXPECT_EQ(freed, 0);
+  database->SetData(&table);
+  EXPECT_EQ(freed, 1);
+  EXPECT_EQ(database->data(), &table);
+  database.reset();
+  EXPECT_EQ(freed, 2);
+}
+
+TEST_F(ExternalDatabaseTest, AFreeDataThatSetsTheWordToNullIsCalledOnceForEach) {
+  static std::string freed;
+  freed.clear();
+  table.free_data = [](ZPDATABASE handle, void* data) {
+    freed += static_cast<const char*>(data);
+    handle->SetData(nullptr);
+  };
+  database->SetData(const_cast<char*>("a"));
+  database->SetData(const_cast<char*>("b"));
+  EXPECT_STREQ(static_cast<const char*>(database->data()), "b");
+  database.reset();
+  EXPECT_EQ(freed, "ab");
+}
+
+// A word that free_data leaves is freed too, but a library cannot go on with that for ever.
+TEST_F(ExternalDatabaseTest, AFreeDataThatSetsAnotherWordIsCalledAHundredTimes) {
+  static int freed, words[2];
+  freed = 0;
+  table.free_data = [](ZPDATABASE handle, void* data) {
+    freed++;
+    handle->SetData(data == &words[0] ? &words[1] : &words[0]);
+  };
+  database->SetData(&words[0]);
+  database->SetData(&words[1]);
+  EXPECT_EQ(freed, 100);
+  EXPECT_EQ(database->data(), &words[1]);
+  freed = 0;
+  database.reset();
+  EXPECT_EQ(freed, 100);
+}
+
+// --- Views ---------------------------------------------------------------------------------------
+
+TEST_F(ExternalDatabaseTest, AViewThatCannotBeClosedKeepsThoseAfterIt) {
+  static std::string closed;
+  closed.clear();
+  table.close = [](ZPDATABASE) {
+    closed += "close";
+    return 1;
+  };
+  table.view_close = [](ZPDATABASEVIEW view) {
+    closed += Text(view->name());
+    return Text(view->name()) == "b" ? 0 : 1;
+  };
+  table.view_error = [](ZPDATABASEVIEW) -> const char* { return "it is in use"; };
+  for (const char* name : {"a", "b", "c"}) database->Add_View(name, -1, nullptr);
+  EXPECT_FALSE(database->Close());
+  EXPECT_EQ(closed, "ab");
+  EXPECT_EQ(Error(), "it is in use");
+  EXPECT_EQ(database->FindView("a", -1), nullptr);
+  ASSERT_NE(database->FindView("b", -1), nullptr);
+  EXPECT_NE(database->FindView("c", -1), nullptr);
+  EXPECT_EQ(database->PrimaryView(), database->FindView("b", -1));
+}
+
+// Fields without a view's name are those of the first view that has them.
+TEST_F(ExternalDatabaseTest, ThePrimaryViewIsTheFirstOfTheViews) {
+  static std::string closed;
+  closed.clear();
+  table.close = [](ZPDATABASE) { return 1; };
+  table.view_close = [](ZPDATABASEVIEW view) {
+    closed += Text(view->name());
+    return 1;
+  };
+  ExternalDatabaseView* views[3];
+  Variable* fields[3];
+  for (int i = 0; i < 3; i++) {
+    const char name[] = {static_cast<char>('a' + i), '\0'};
+    views[i] = database->Add_View(name, -1, nullptr);
+    fields[i] = views[i]->Add_Variable("f", -1, nullptr);
+  }
+  EXPECT_EQ(database->PrimaryView(), views[0]);
+  EXPECT_EQ(database->Find("f", -1), fields[0]);
+  database->SetPrimaryView(views[2]);
+  EXPECT_EQ(database->PrimaryView(), views[2]);
+  EXPECT_EQ(database->Find("f", -1), fields[2]);
+  database->SetPrimaryView(views[1]);
+  EXPECT_EQ(database->Find("f", -1), fields[1]);
+  EXPECT_TRUE(database->Close());
+  EXPECT_EQ(closed, "bca");
+}
+
+TEST_F(ExternalDatabaseTest, AViewThatIsAddedAfterTheLastWasClosedIsThePrimaryOne) {
+  database->Add_View("a", -1, nullptr);
+  EXPECT_TRUE(database->CloseView("a", 1, 0, nullptr));
+  EXPECT_EQ(database->PrimaryView(), nullptr);
+  DatabaseView* const added = database->Add_View("b", -1, nullptr);
+  EXPECT_EQ(database->PrimaryView(), added);
+  database->Add_View("c", -1, nullptr);
+  EXPECT_EQ(database->PrimaryView(), added);
+}
+
+// --- What the library adds while it is taken away ------------------------------------------------
+
+TEST_F(ExternalDatabaseTest, FieldsThatAreAddedWhileFieldsAreFreedAreFreedUpToAHundred) {
+  static int freed, added;
+  freed = added = 0;
+  table.variable_free = [](ZPDATABASEVARIABLE variable) {
+    freed++;
+    for (int i = 0; i < 2; i++) {
+      if (variable->view()->Add_Variable("again", -1, nullptr)) added++;
+    }
+  };
+  ExternalDatabaseView* const view = database->Add_View("v", -1, nullptr);
+  view->Add_Variable("f", -1, nullptr);
+  view->Add_Variable("g", -1, nullptr);
+  view->Clear();
+  EXPECT_EQ(added, 100);
+  EXPECT_EQ(freed, 102);
+  EXPECT_EQ(view->FindField("again", -1), nullptr);
+  EXPECT_NE(view->Add_Variable("h", -1, nullptr), nullptr);
+  freed = added = 0;
+  database.reset();
+  EXPECT_EQ(added, 100);
+  EXPECT_EQ(freed, 101);
+}
+
+TEST_F(ExternalDatabaseTest, ViewsThatAreAddedWhileViewsGoAreDeletedUpToAHundred) {
+  static int freed, added;
+  freed = added = 0;
+  table.variable_free = [](ZPDATABASEVARIABLE variable) {
+    freed++;
+    ExternalDatabaseView* const view =
+        variable->view()->external_database()->Add_View("again", -1, nullptr);
+    if (!view) return;
+    added++;
+    view->Add_Variable("f", -1, nullptr);
+  };
+  database->Add_View("v", -1, nullptr)->Add_Variable("f", -1, nullptr);
+  database.reset();
+  EXPECT_EQ(added, 100);
+  EXPECT_EQ(freed, 101);
+}
+
+// The destructor has deleted the views before it frees the word.
+TEST_F(ExternalDatabaseTest, AViewThatFreeDataAddsIsDeletedWithItsFields) {
+  static int freed;
+  freed = 0;
+  table.variable_free = [](ZPDATABASEVARIABLE variable) {
+    EXPECT_EQ(variable->view()->external_database()->data(), nullptr);
+    freed++;
+  };
+  table.free_data = [](ZPDATABASE handle, void*) {
+    if (auto* const view = handle->Add_View("late", -1, nullptr)) {
+      view->Add_Variable("f", -1, nullptr);
+    }
+  };
+  database->SetData(&table);
+  database.reset();
+  EXPECT_EQ(freed, 1);
 }
 
 }  // namespace

@@ -401,4 +401,116 @@ TEST_F(ExternalDatabaseVariableTest, AStoreDuringAReadWins) {
   EXPECT_EQ(Asked(), "[i42]");
 }
 
+// The reader may hold the text of another field, or of this one.
+TEST_F(ExternalDatabaseVariableTest, ALibraryCannotClearOtherViewsWhileItReadsAField) {
+  static ExternalDatabaseView* other;
+  ExternalDatabase second(&machine.vm(), "second", -1, 0, nullptr, &table);
+  for (ExternalDatabase* const owner : {database.get(), &second}) {
+    other = owner->Add_View("other", -1, nullptr);
+    other->Add_Variable("g", -1, nullptr);
+    for (const int each : {PrimaryText, PrimaryInteger, PrimaryDouble}) {
+      view->Clear();
+      field = view->Add_Variable("f", -1, nullptr);
+      table.variable_get_string = [](ZPDATABASEVARIABLE, char**, int*, int*) {
+        other->Clear();
+        return 0;
+      };
+      table.variable_get_integer = [](ZPDATABASEVARIABLE, int*) {
+        other->Clear();
+        return 0;
+      };
+      table.variable_get_double = [](ZPDATABASEVARIABLE, double*) {
+        other->Clear();
+        return 0;
+      };
+      table.variable_type = [](ZPDATABASEVARIABLE) {
+        other->Clear();
+        return 1;
+      };
+      if (each == PrimaryText) Read();
+      if (each == PrimaryInteger) field->value_integer();
+      if (each == PrimaryDouble) field->value_double();
+      field->preferred_type();
+      EXPECT_NE(other->FindField("g", -1), nullptr);
+    }
+    other->Clear();
+    EXPECT_EQ(other->FindField("g", -1), nullptr);
+  }
+}
+
+// A store, a move, or a call of any other kind would take away what the reader works on.
+TEST_F(ExternalDatabaseVariableTest, NoCodeOfTheScriptRunsWhileAFieldIsRead) {
+  static int ran;
+  static ZephVM* vm;
+  static Segment* expression;
+  ran = 0;
+  vm = &machine.vm();
+  expression = vm->Compile_Dynamic_Expression("1", -1, nullptr, nullptr, nullptr, nullptr, 0, 0);
+  ASSERT_NE(expression, nullptr);
+  static const auto run = [] {
+    ran += vm->Go_Recursive();
+    int truth = 0;
+    ran += vm->Execute_Dynamic_Expression(expression, nullptr, nullptr, &truth);
+  };
+  table.variable_get_integer = [](ZPDATABASEVARIABLE, int* value) {
+    run();
+    *value = 7;
+    return 1;
+  };
+  table.variable_get_double = [](ZPDATABASEVARIABLE, double* value) {
+    run();
+    *value = 7;
+    return 1;
+  };
+  table.variable_get_string = [](ZPDATABASEVARIABLE, char** result, int* length, int*) {
+    run();
+    *result = const_cast<char*>("7");
+    *length = 1;
+    return 1;
+  };
+  table.variable_type = [](ZPDATABASEVARIABLE) {
+    run();
+    return 2;
+  };
+  EXPECT_EQ(field->value_integer(), 7);
+  EXPECT_EQ(field->value_double(), 7.0);
+  EXPECT_EQ(Read(), "7");
+  EXPECT_EQ(field->preferred_type(), 2);
+  EXPECT_EQ(ran, 0);
+  EXPECT_EQ(machine.Failure(), "Script code cannot run while a field of a database is read");
+}
+
+TEST_F(ExternalDatabaseVariableTest, AStoredValueThatIsMarkedAsCleanIsReadInOtherFormsAgain) {
+  integer = &seven;
+  field->SetValue("12", -1);
+  field->SetDirty(0);
+  EXPECT_EQ(Read(), "12");
+  EXPECT_EQ(Asked(), "");
+  EXPECT_EQ(field->value_integer(), 7);
+  EXPECT_EQ(Asked(), "I");
+  EXPECT_EQ(field->Commit(), 1);
+  EXPECT_EQ(view->Commit(), 1);
+  EXPECT_EQ(Asked(), "");
+}
+
+TEST_F(ExternalDatabaseVariableTest, AnOwnedTextMayBeNull) {
+  static int asked, bytes;
+  for (const int length_of_null : {0, 5, -1}) {
+    asked = 0;
+    bytes = length_of_null;
+    table.variable_get_string = [](ZPDATABASEVARIABLE, char** result, int* length, int* owned) {
+      asked++;
+      *result = nullptr;
+      *length = bytes;
+      *owned = 1;
+      return 1;
+    };
+    view->Clear();
+    field = view->Add_Variable("f", -1, nullptr);
+    EXPECT_EQ(Read(), "");
+    EXPECT_EQ(Read(), "");
+    EXPECT_EQ(asked, 1);
+  }
+}
+
 }  // namespace

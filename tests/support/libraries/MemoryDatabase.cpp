@@ -289,6 +289,7 @@ int Reindex(ZPDATABASE database) {
   return Enter("reindex", database);
 }
 const char* Error(ZPDATABASE database) {
+  if (calling == "error") Enter("error", database);
   if (failing == "error") return nullptr;
   if (!failing.empty()) return "the database fails";
   return Of(database) ? Of(database)->error.c_str() : "";
@@ -400,6 +401,7 @@ int ViewRevealAggregate(ZPDATABASEVIEW handle, ZPVARIABLE* variable) {
   return 1;
 }
 const char* ViewError(ZPDATABASEVIEW handle) {
+  if (calling == "view_error") Enter("view_error", handle);
   if (failing == "view_error") return nullptr;
   return failing.empty() ? Of(handle)->error.c_str() : "the view fails";
 }
