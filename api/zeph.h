@@ -30,8 +30,7 @@
       and result of a call, variables that a function finds, and elements are borrowed.
    7. A handle is used only on the thread of the call that passed it, and not after that request.
       Several requests call a library at the same time, each with its own handles.
-   8. Handles are not null, except where a function says so. Functions that free do nothing for
-  null.
+   8. Handles are not null, except where a function says so. Functions that free ignore null.
    9. Failures are results: 0, -1 or null, as each function says. The reason is a text that the
       family's _Error function returns.
   10. If the script's time limit passes during a call, long work ends early: the text of a large
@@ -94,7 +93,8 @@ typedef ZEPH_OBJECT(Segment) ZPEXPRESSION;                        /* a compiled 
    engine reads them in place, from all its request threads. */
 
 /* Flags of a parameter. With ByReference the function gets the caller's own variable, otherwise a
-   copy. */
+   copy. In both tables namelength is exactly the length of name in bytes: -1 does not mean strlen
+   here. */
 enum { _ZP_EL_ByReference = 1 };
 
 typedef struct _ZP_EL_Parameter {
@@ -180,12 +180,24 @@ typedef struct _ZP_EL_Commerce {
    zpDatabaseView_Clear and adding them again, with the same names.
 
    While a function of the table runs, a script that it calls cannot use the same database, apart
-   from reading and writing fields. */
+   from reading and writing fields. variable_get_ and variable_type run no code of a script: a call
+   or an expression in them is a fatal error. They must not store in variables of the script either,
+   because the code that reads the field may be in the middle of these.
+
+   How long the handles are valid:
+   - a database, from the call of create or open until free_data has returned; without free_data,
+     until close has. close is not called after a create or an open that fails, an openindexes that
+     fails in the opening, and a view_close that fails in the closing;
+   - a view, until its view_close and then the variable_free of each of its fields have returned.
+     The views go before their database. After a failure as above they go without view_close;
+   - a field, until its variable_free has returned, which is when its view is cleared or goes. A
+     script may hold a field longer, but then it is NULL and the library is not called for it. */
 typedef struct _ZP_EL_Database {
   /* The version that the library was written for, at most 6. Functions of a later version are not
      read: the table may end before them. */
   int version;
-  /* Makes a database and opens it. Version 2 and below: without name. */
+  /* Makes a database and opens it. Version 2 and below: without name. After a failure the object
+     goes without close. */
   int (*create)(ZPDATABASE database, const char* path, int pathlength, const char* name,
                 int namelength, const char* specification, int specificationlength);
   /* name is the script's alias; the last three texts mean what the library defines. Version 2:
@@ -247,7 +259,8 @@ typedef struct _ZP_EL_Database {
   int (*variable_set_integer)(ZPDATABASEVARIABLE variable, int value);
   int (*variable_set_double)(ZPDATABASEVARIABLE variable, double value);
   int (*variable_set_string)(ZPDATABASEVARIABLE variable, const char* text, int length);
-  /* The field goes: frees what its data word holds. */
+  /* The field goes: frees what its data word holds. Up to 100 fields and views that are added in
+     these calls go as well; further ones are not made. */
   void (*variable_free)(ZPDATABASEVARIABLE variable);
 
   /* Since version 2. If they are null, the operations succeed. */
@@ -260,8 +273,9 @@ typedef struct _ZP_EL_Database {
   int (*transaction)(ZPDATABASE database);
   int (*command)(ZPDATABASE database, const char* command, int commandlength, const char* arguments,
                  int argumentslength);
-  /* Since version 6. Called with the database's data word, if it is not null, when another word is
-     set and when the object goes, after close. */
+  /* Since version 6. Called with the database's data word, if it is not null, whenever a word is
+     set, even if it is the same, and when the object goes, after close. The word is still set
+     during the call. A word that is set meanwhile is freed next, up to 100 words. */
   void (*free_data)(ZPDATABASE database, void* data);
 } _ZP_EL_Database;
 
@@ -467,7 +481,8 @@ void zpProgram_Free(ZPPROGRAM program, void* memory);
    none, or if name or value contains CR, LF or NUL. */
 int zpProgram_Output_Header(ZPPROGRAM program, const char* name, int namelength, int nameowned,
                             const char* value, int valuelength, int valueowned);
-/* Returns the number of bytes accepted, negative after a failure. */
+/* Returns the number of bytes accepted, negative after a failure. Output_Flush sends what is held
+   back; a negative result is a failure. */
 int zpProgram_Output(ZPPROGRAM program, const char* text, int length);
 int zpProgram_Output_Flush(ZPPROGRAM program);
 
@@ -496,7 +511,9 @@ char* zpProgram_MakeSessionID(ZPPROGRAM program, int* length);
 void* zpProgram_Lookup_Persistent(ZPPROGRAM program, const char* name, int length);
 /* Keeps data under a name for all functions of the request. destroy is called with the program and
    the data when the request ends or another registration uses the name; the program still works
-   then. If destroy is null, the data is from zpProgram_Allocate, and is freed. */
+   then. If destroy is null, the data is from zpProgram_Allocate, and is freed. The name may be a
+   part of the data that is destroyed. A destroy may register data; after 100 such registrations
+   with a destroy in a row further ones are ignored, and their data stays the library's. */
 void zpProgram_Register_Persistent(ZPPROGRAM program, const char* name, int length, void* data,
                                    void (*destroy)(void* program, void* data));
 
@@ -513,7 +530,8 @@ ZPSYSTEMLIBRARY zpProgram_SystemLibrary(ZPPROGRAM program, const char* name);
 /* Calls a function of the script by its name, with the variables of the list as its arguments; a
    null list means no arguments. result, if not null, receives the function's result. Returns 1 if
    it ran to its end; 0 if there is no such function, it has another number of parameters, or an
-   error has ended the script: the caller must then return. */
+   error has ended the script: the caller must then return. A fatal error while a field of a
+   database library is read. */
 int zpProgram_RunFunction(ZPPROGRAM program, const char* name, int length, ZPVARIABLELIST arguments,
                           ZPVARIABLE result);
 
@@ -524,7 +542,8 @@ int zpProgram_RunFunction(ZPPROGRAM program, const char* name, int length, ZPVAR
 ZPEXPRESSION zpProgram_Compile_Dynamic_Expression(ZPPROGRAM program, const char* text, int length,
                                                   char** error, int* errorlength);
 /* Evaluate it and store its value. Return 1; or 0 if it has no value, or if an error has ended the
-   script, and then the result is unchanged. Bare names are global variables. */
+   script, and then the result is unchanged. Bare names are global variables. A fatal error while a
+   field of a database library is read. */
 int zpProgram_Execute_Dynamic_Expression(ZPPROGRAM program, ZPEXPRESSION expression,
                                          ZPVARIABLE result);
 int zpProgram_Execute_Dynamic_Expression_Boolean(ZPPROGRAM program, ZPEXPRESSION expression,
@@ -616,13 +635,15 @@ int zpDirectory_Listing(ZPPROGRAM program, int location, const char* path, int l
    failure. */
 int zpFile_Read(ZPFILE file, char* buffer, int length);
 int zpFile_Write(ZPFILE file, const char* bytes, int length);
-/* Return the position in bytes from the start, or -1. */
+/* Return the position in bytes from the start, or -1. A position of 2 GB or more fails. */
 int zpFile_Seek(ZPFILE file, long position);
 long zpFile_Tell(ZPFILE file);
 long zpFile_Length(ZPFILE file);
-/* Waits for a lock on the whole file and takes it: type 2 is exclusive, any other shared. */
+/* Waits for a lock on the whole file and takes it: type 2 is exclusive, any other shared. Release
+   gives it up. Return 0, or -1 for a failure. */
 int zpFile_Lock(ZPFILE file, int type);
 int zpFile_Release(ZPFILE file);
+/* Return the number of the user or the group that owns the file, or -1. */
 int zpFile_OwnerID(ZPFILE file);
 int zpFile_GroupID(ZPFILE file);
 void zpFile_Close(ZPFILE file);
@@ -658,9 +679,9 @@ ZPNETWORK zpNetwork_Open_URL(ZPPROGRAM program, const char* url, const char* met
 /* Returns the count of bytes, which may be less than length; 0 at the end; -1 on failure. */
 int zpNetwork_Read(ZPNETWORK connection, char* buffer, int length, int timeout);
 /* Reads a line with its line feed. Copies as much of it as the buffer of length bytes has room for,
-   up to its first NUL, and terminates it; the rest of the line is lost. Returns the bytes in the
-   buffer without the NUL; -1 on failure, which the end of the stream is, and for a length below
-   1. */
+   up to its first NUL, and fills the rest of the buffer with NULs, at least one; the rest of the
+   line is lost. Returns the bytes in the buffer without the NULs; -1 on failure, which the end of
+   the stream is, and for a length below 1. */
 int zpNetwork_Read_Line(ZPNETWORK connection, char* buffer, int length, int timeout);
 /* Writes all. Returns length, or -1. */
 int zpNetwork_Write(ZPNETWORK connection, const char* bytes, int length, int timeout);
@@ -713,12 +734,14 @@ void zpConfig_Set_DefaultErrorSetting(ZPCONFIG config, const char* tag, int tagl
 /* --- For database libraries ------------------------------------------------------------------- */
 /* Databases, views and fields have a data word each, for the library's use and null at first. */
 
+/* Frees the old word with free_data, then stores the new one. */
 void zpDatabase_SetData(ZPDATABASE database, void* data);
 void* zpDatabase_data(ZPDATABASE database);
-/* Makes a view of that name with a data word; the database owns it. The first one is the primary
-   view. */
+/* Makes a view of that name with a data word; the database owns it. It is the primary view if there
+   is none. Null only as variable_free says. */
 ZPDATABASEVIEW zpDatabase_AddView(ZPDATABASE database, const char* name, int length, void* data);
-/* Makes a view the one that scripts get without naming a view. */
+/* Makes a view the first of the views, and the one that scripts get without naming a view. No
+   effect for a view of another database. */
 void zpDatabase_SetPrimaryView(ZPDATABASE database, ZPDATABASEVIEW view);
 /* The program that has opened the database. */
 ZPPROGRAM zpDatabase_Program(ZPDATABASE database);
@@ -727,9 +750,10 @@ ZPDATABASE zpDatabaseView_Database(ZPDATABASEVIEW view);
 void zpDatabaseView_SetData(ZPDATABASEVIEW view, void* data);
 void* zpDatabaseView_data(ZPDATABASEVIEW view);
 /* Removes all fields: variable_free is called for each, and scripts that still hold one read NULL.
-   Has no effect while a variable_ function runs. */
+   Has no effect while a variable_ function runs for a field of this view, and while any field of a
+   database library is read. */
 void zpDatabaseView_Clear(ZPDATABASEVIEW view);
-/* Adds a field with a data word; the view owns it. */
+/* Adds a field with a data word; the view owns it. Null only as variable_free says. */
 ZPDATABASEVARIABLE zpDatabaseView_AddVariable(ZPDATABASEVIEW view, const char* name, int length,
                                               void* data);
 /* Calls the variable_set_ function for each dirty field: that of the type that the script stored
@@ -820,8 +844,9 @@ ZPVARIABLE zeph_variablelist_next(ZPVARIABLELIST list);
 ZPVARIABLE zeph_variablelist_find(ZPVARIABLELIST list, const char* name);
 void zeph_variablelist_setvariable(ZPVARIABLELIST list, const char* name, const char* value);
 void zeph_variablelist_dump(ZPVARIABLELIST list);
-/* Returns the url followed by all variables as "name=value", joined by "&", both encoded. The
-   caller frees it with zeph_free. */
+/* Returns the url followed by all variables as "name=value", joined by "&", both encoded. Between
+   the two is a "?" or, if the url has one already, a "+", unless the url ends in either. The caller
+   frees the text with zeph_free. */
 char* zeph_variablelist_to_url(const char* url, ZPVARIABLELIST list);
 void zeph_variablelist_delete(ZPVARIABLELIST list);
 
