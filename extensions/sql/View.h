@@ -1,0 +1,866 @@
+// A view of an SQL database as scripts see one: records one after the other, whose fields are
+// variables. A view of a table can be changed; a view of a query is read.
+//
+// Tested in tests/e2e/SQLiteTest.cpp and PostgreSQLTest.cpp.
+//
+// A view of a table reads in the order of the primary index or, without one, of the key. It knows
+// its place by values, those of the index's column and of the key, and not by what the database
+// holds for it. So it can go on after any change, by any connection, in both directions, and what
+// it reads is what is there at that time:
+//
+//   Row       the values of the current record are            and came from
+//   None      nowhere: there is no record
+//   Live      in `rows`                                       a move
+//   Loaded    in `loaded`                                     Load, or a deleted record
+//   Unloaded  in the database; Load reads them by the key     Park, a change, the end of the rows
+//
+// Records whose column is NULL come first, in a query of their own, because a comparison with NULL
+// is neither true nor false.
+//
+// The fields of a view are made once. A move clears their values, and the engine asks for the
+// values that a script then reads.
+
+#ifndef ZEPH_EXTENSIONS_SQL_VIEW_H
+#define ZEPH_EXTENSIONS_SQL_VIEW_H
+
+#include <list>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "extensions/sql/Connection.h"
+
+namespace zephsql {
+
+class View;
+
+// The data word of an open database.
+struct Database {
+  Database(ZPDATABASE handle, ConnectionPointer connection)
+      : handle(handle), connection(std::move(connection)) {}
+
+  // Before a change: no view holds what a change has to wait for, or would go on with rows that it
+  // has read before.
+  void Park();
+
+  ZPDATABASE handle;
+  std::string error;
+  ConnectionPointer connection;  // ends after the views
+  std::list<View> views;
+  View* main = nullptr;  // the view of the table that was opened or made, while it is there
+  bool in_transaction = false;
+};
+
+class View {
+ public:
+  // The data word of a field: a column of the view, or one of the four that every view has.
+  struct Field {
+    View* view;
+    int column;
+    ZPDATABASEVARIABLE handle = nullptr;
+    bool is_read = false;  // the engine may have a value
+  };
+  static constexpr int kRecord = -1, kRecords = -2, kDeleted = -3, kEnd = -4;
+
+  // A view of a table, or of its records that fulfil a condition.
+  View(Database* database, Table described, std::string condition, Values values)
+      : database(database),
+        table(std::move(described)),
+        condition(std::move(condition)),
+        values(std::move(values)),
+        top_is_due(true) {
+    select = "SELECT " + (table.key.empty() ? "NULL" : table.key);
+    for (const Column& column : table.columns) select += ", " + Quoted(column.name);
+    select += " FROM " + table.sql_name;
+  }
+  // A view of a query. Start runs it.
+  View(Database* database, std::string query, Values values)
+      : database(database), by_query(true), select(std::move(query)), values(std::move(values)) {}
+  View(const View&) = delete;
+  View& operator=(const View&) = delete;
+  ~View() {
+    if (nothing) zpVariableList_Free(nothing);
+  }
+
+  // Goes to the first row of a query.
+  bool Start() {
+    if (!by_query) return true;
+    rows = connection().Open(select, values);
+    if (!rows) return FailWith("Cannot run the query");
+    table.columns = rows->columns();
+    return At(rows->Next());
+  }
+
+  // Makes the fields. The engine owns the handle, and tells when it goes.
+  void SetHandle(ZPDATABASEVIEW view) {
+    handle = view;
+    for (const int column : {kRecord, kRecords, kDeleted, kEnd}) fields.push_back({this, column});
+    read.reserve(fields.size() + table.columns.size());
+    for (size_t i = 0; i < table.columns.size(); i++) fields.push_back({this, static_cast<int>(i)});
+    // A field that is removed while it is held is without a value for good. Such a value, stored in
+    // a field, leaves it as if it had never been read.
+    nothing = zpVariableList_Allocate();
+    zpVariableList_Insert(nothing, AsVariable(zpDatabaseView_AddVariable(handle, "", 0, nullptr)));
+    zpDatabaseView_Clear(handle);
+    no_value = zpVariableList_First(nothing);
+    AddFields();
+  }
+
+  // --- Moves. Return 0 for a failure ------------------------------------------------------------
+  int Skip(int count) {
+    Settle();
+    const int direction = count < 0 ? -1 : 1;
+    int64_t left = count;
+    if (left < 0) left = -left;
+    if (left == 0 && !filter) at_end = false;
+    while (left > 0) {
+      const int found = Step(direction);
+      if (found <= 0) return At(found);
+      const int passes = Passes();
+      if (passes < 0) return 0;
+      left -= passes;
+      if (left == 0) at_end = false;
+    }
+    Refresh();
+    return 1;
+  }
+
+  int Go(long position) {
+    top_is_due = false;
+    if (position == -1 || position == -2) return GoToEnd(position == -1 ? 1 : -1);
+    if (position < 1) return At(0);
+    if (by_query) return At(Pass(Arrive(rows ? rows->Go(position) : 0)));
+    RowsPointer found;
+    Drop();
+    SetStart(1);
+    start.back().SetInteger(position);
+    const std::string where = Where(HasIntegerKey() ? table.key + " = " + Mark(0) : "");
+    found =
+        HasIntegerKey()
+            ? connection().Select(select + where, start, 1)
+            : connection().Select(
+                  select + where + OrderByKey(1) + " LIMIT 1 OFFSET " + Mark(0) + " - 1", start, 0);
+    if (!found) return FailWith("Cannot read");
+    const int next = found->Next();
+    if (next <= 0) return next < 0 ? FailWith("Cannot read") : At(0);
+    rows = std::move(found);
+    direction_of_rows = 0;
+    return At(Pass(Arrive(1)));
+  }
+
+  int Find(std::string_view key, bool exact) {
+    if (by_query) return Fail("A view of a query cannot be searched");
+    if (indexes.empty()) return Fail("Database has no open indexes");
+    top_is_due = false;
+    Drop();
+    const Index& index = indexes.front();
+    SetStart(1);
+    start.back().SetBytes(key);
+    const int rising = Rising(1);
+    block = 1;
+    phase = rising > 0 ? 1 : 0;
+    if (find_text.empty()) {
+      find_text = select + Where(OrderColumn() + (rising > 0 ? " >= " : " <= ") + Mark(0)) +
+                  OrderBy(rising, false);
+    }
+    RowsPointer found = connection().Select(find_text, start, block);
+    if (!found) return FailWith("Cannot search");
+    const int next = found->Next();
+    if (next < 0) return FailWith("Cannot search");
+    if (next == 0 || !IsKey(*found, index.column + 1, key, exact)) {
+      ended = true;
+      return At(0);
+    }
+    rows = std::move(found);
+    direction_of_rows = 1;
+    Arrive(1);
+    // Among the records with that key, the first that the filter lets pass.
+    for (;;) {
+      const int passes = Passes();
+      if (passes != 0) return passes < 0 ? 0 : At(1);
+      const int found_next = Step(1);
+      if (found_next <= 0) return At(found_next);
+      if (row != Row::Live || !IsKey(*rows, index.column + 1, key, exact)) return At(0);
+    }
+  }
+
+  int SetFilter(ZPPROGRAM program, const char* text, int length) {
+    filter = nullptr;
+    if (!Trimmed(Bytes(text, length)).empty()) {
+      char* problem = nullptr;
+      filter = zpProgram_Compile_Dynamic_Expression(program, text, length, &problem, nullptr);
+      if (!filter) {
+        error = std::string("Syntax error in filter: ") + (problem ? problem : "");
+        zpProgram_Free(program, problem);
+        return 0;
+      }
+    }
+    return Go(-1);
+  }
+
+  // --- Changes. Return 0 for a failure ----------------------------------------------------------
+  int Add() {
+    if (!CanChange() || !CollectStored()) return 0;
+    const int count = Count();
+    for (int i = 0; i < count; i++) {
+      if (stored[Place(i)] || i == table.key_column) continue;
+      // What was not stored is that of the current record, as in a table of the built-in engine.
+      Settle();
+      if (!Load()) break;
+      for (int j = 0; j < count; j++) {
+        if (stored[Place(j)] || j == table.key_column) continue;
+        pending[Place(j)] = loaded[Place(j) + 1];
+        stored[Place(j)] = true;
+      }
+      break;
+    }
+    if (insert_text.empty() || inserted != stored) {
+      inserted = stored;
+      insert_text = InsertText(false);
+    }
+    return Insert(insert_text, StoredValues(), "Cannot add a record to '" + table.name + "'");
+  }
+
+  int Update() {
+    if (!CanChange() || !CollectStored()) return 0;
+    Settle();
+    if (row == Row::None || place.kind == Kind::Null) return Fail("There is no record");
+    Values changes = StoredValues();
+    if (changes.empty()) return 1;
+    if (update_text.empty() || updated != stored) {
+      updated = stored;
+      update_text = "UPDATE " + table.sql_name + " SET ";
+      int marks = 0;
+      for (int i = 0; i < Count(); i++) {
+        if (!stored[Place(i)]) continue;
+        if (marks > 0) update_text += ", ";
+        update_text += Quoted(table.columns[Place(i)].name) + " = " + MarkOf(++marks);
+      }
+      update_text += " WHERE " + table.key + " = " + MarkOf(++marks);
+    }
+    changes.push_back(place);
+    if (!Change(update_text, changes, "Cannot update a record of '" + table.name + "'")) return 0;
+    if (table.key_column >= 0 && stored[Place(table.key_column)]) {
+      place = pending[Place(table.key_column)];
+    }
+    row = Row::Unloaded;
+    has_order = false;
+    Refresh();
+    return 1;
+  }
+
+  // The record stays in the fields.
+  int Delete() {
+    if (!CanChange()) return 0;
+    Settle();
+    if (deleted) return 1;
+    if (!Load()) return Fail("There is no record");
+    Drop();
+    row = Row::Loaded;
+    const Values values_of_key = {place};
+    if (!Change("DELETE FROM " + table.sql_name + " WHERE " + table.key + " = " + MarkOf(1),
+                values_of_key, "Cannot delete a record of '" + table.name + "'")) {
+      return 0;
+    }
+    deleted = true;
+    Refresh();
+    return 1;
+  }
+
+  // The record that Delete has removed is added again.
+  int UnDelete() {
+    if (!CanChange()) return 0;
+    if (!deleted) return 1;
+    stored.assign(table.columns.size(), true);
+    pending.assign(loaded.begin() + 1, loaded.end());
+    Values all = StoredValues();
+    if (table.key_column < 0) all.push_back(place);
+    return Insert(InsertText(true), all, "Cannot add the record to '" + table.name + "' again");
+  }
+
+  // --- Indexes ----------------------------------------------------------------------------------
+  // The first one orders the view.
+  void SetIndexes(std::vector<Index> list) {
+    Park();
+    indexes = std::move(list);
+    find_text.clear();
+    has_order = false;
+    ended = false;
+  }
+  void AddIndex(const Index& index) {
+    std::vector<Index> list = {index};
+    for (const Index& other : indexes) {
+      if (other.name != index.name) list.push_back(other);
+    }
+    SetIndexes(std::move(list));
+  }
+  // The place stays. Returns false if there is no index of that name.
+  bool MakePrimary(std::string_view name) {
+    for (const Index& index : indexes) {
+      if (index.name != name) continue;
+      AddIndex(Index(index));
+      return true;
+    }
+    return false;
+  }
+
+  // --- Fields -----------------------------------------------------------------------------------
+  // A field gets a value.
+  void Note(Field* field) {
+    if (field->is_read) return;
+    field->is_read = true;
+    read.push_back(field);
+  }
+  int GetInteger(int column, int* value) {
+    int64_t number;
+    Settle();
+    switch (column) {
+      case kRecord:
+        if (by_query) {
+          number = record_number;
+        } else if (place.kind == Kind::Integer) {
+          number = place.integer;
+        } else {
+          return 0;
+        }
+        break;
+      case kRecords: number = CountRecords(); break;
+      case kDeleted: number = deleted; break;
+      case kEnd: number = at_end; break;
+      default: {
+        const Column& of = table.columns[Place(column)];
+        const Kind kind = KindOf(column);
+        if (kind == Kind::Null) return 0;
+        if (of.boolean) {
+          Get(column, &scratch);
+          number = IsTrue(scratch);
+        } else if (kind == Kind::Integer) {
+          number = row == Row::Live ? rows->Integer(InRows(column)) : Known(column).integer;
+        } else {
+          return 0;
+        }
+      }
+    }
+    *value = static_cast<int>(number);
+    return *value == number;
+  }
+
+  int GetReal(int column, double* value) {
+    if (column < 0) return 0;
+    Settle();
+    switch (KindOf(column)) {
+      case Kind::Integer:
+        Get(column, &scratch);
+        *value = static_cast<double>(scratch.integer);
+        break;
+      case Kind::Real:
+        *value = row == Row::Live ? rows->Real(InRows(column)) : Known(column).real;
+        break;
+      case Kind::Text:
+        return table.columns[Place(column)].decimal &&
+               ReadNumber(row == Row::Live ? rows->Text(InRows(column)) : Known(column).text,
+                          value);
+      default: return 0;
+    }
+    return 1;
+  }
+
+  int GetText(int column, char** text, int* length) {
+    if (column < 0) return 0;
+    Settle();
+    std::string_view found;
+    const Column& of = table.columns[Place(column)];
+    switch (KindOf(column)) {
+      case Kind::Null: return 0;
+      case Kind::Integer:
+        Get(column, &scratch);
+        if (of.boolean) {
+          scratch.text = scratch.integer ? "1" : "0";
+        } else if (of.decimal && of.decimals > 0) {
+          SetRealText(static_cast<double>(scratch.integer), of.decimals, &scratch.text);
+        } else {
+          scratch.text = std::to_string(scratch.integer);
+        }
+        found = scratch.text;
+        break;
+      case Kind::Real:
+        if (!of.decimal) return 0;  // the engine makes a text of the number
+        SetRealText(row == Row::Live ? rows->Real(InRows(column)) : Known(column).real, of.decimals,
+                    &scratch.text);
+        found = scratch.text;
+        break;
+      default: found = row == Row::Live ? rows->Text(InRows(column)) : Known(column).text;
+    }
+    if (found.size() > static_cast<size_t>(kLongestText)) return 0;
+    *text = const_cast<char*>(found.data());
+    *length = static_cast<int>(found.size());
+    return 1;
+  }
+
+  int TypeOf(int column) const { return column < 0 ? 2 : table.columns[Place(column)].type; }
+
+  // The value of a stored field, in zpDatabaseView_Commit. Null for the fields that cannot be
+  // written.
+  Value* Store(Field* field) {
+    Note(field);
+    if (field->column < 0 || is_refreshing) return nullptr;
+    stored[Place(field->column)] = true;
+    return &pending[Place(field->column)];
+  }
+
+  // Before a change by this connection.
+  void Park() {
+    if (by_query) {
+      if (rows) rows->Park();
+      return;
+    }
+    if (row == Row::Live && !indexes.empty() && !ended) {
+      rows->Get(indexes.front().column + 1, &order);
+      has_order = true;
+    }
+    Drop();
+    records = -1;
+  }
+
+  Connection& connection() const { return *database->connection; }
+
+  Database* const database;
+  ZPDATABASEVIEW handle = nullptr;
+  Table table;
+  std::string error;
+
+ private:
+  enum class Row { None, Live, Loaded, Unloaded };
+  static constexpr int kLongestText = 0x7FFFFFFF - 1;
+  static constexpr int kLargestBlock = 512;
+
+  int Fail(std::string text) {
+    error = std::move(text);
+    return 0;
+  }
+  int FailWith(const std::string& what) { return Fail(what + ": " + connection().error()); }
+  static size_t Place(int column) { return static_cast<size_t>(column); }
+  int Count() const { return static_cast<int>(table.columns.size()); }
+  // In the rows of a table the key comes first.
+  int InRows(int column) const { return by_query ? column : column + 1; }
+  bool HasIntegerKey() const {
+    return !table.key.empty() &&
+           (table.key_column < 0 || table.columns[Place(table.key_column)].type == 2);
+  }
+
+  // --- Fields -----------------------------------------------------------------------------------
+  // A field is a variable; the two types of the handle are one in the engine.
+  static ZPVARIABLE AsVariable(ZPDATABASEVARIABLE field) {
+    return reinterpret_cast<ZPVARIABLE>(field);
+  }
+  void AddFields() {
+    static constexpr const char* kNames[] = {"recno", "totrec", "deleted", "eof"};
+    for (Field& field : fields) {
+      const bool own = field.column < 0;
+      const std::string_view name = own ? kNames[-1 - field.column]
+                                        : std::string_view(table.columns[Place(field.column)].name);
+      field.handle =
+          zpDatabaseView_AddVariable(handle, name.data(), static_cast<int>(name.size()), &field);
+    }
+  }
+  // Takes the values from the fields: those that the engine has got since the last time, and what a
+  // script has stored, of which Commit tells. The others have none. A field that has become a
+  // reference has none of its own either.
+  void Refresh() {
+    if (!handle) return;
+    is_refreshing = true;
+    zpDatabaseView_Commit(handle);
+    is_refreshing = false;
+    for (Field* const field : read) {
+      ZPVARIABLE variable = AsVariable(field->handle);
+      field->is_read = false;
+      if (zpVariable_NextIdentity(variable) != variable) continue;
+      zpVariable_SetValue_Variable(variable, no_value);
+      zpDatabaseVariable_SetDirty(field->handle, 0);
+    }
+    read.clear();
+  }
+
+  Kind KindOf(int column) {
+    if (row == Row::Live) return rows->kind(InRows(column));
+    return Load() ? loaded[Place(column) + 1].kind : Kind::Null;
+  }
+  // REQUIRES: KindOf has found a value, and the row is not Live.
+  const Value& Known(int column) const { return loaded[Place(column) + 1]; }
+  void Get(int column, Value* value) {
+    if (row == Row::Live) {
+      rows->Get(InRows(column), value);
+    } else {
+      *value = Known(column);
+    }
+  }
+
+  int64_t CountRecords() {
+    if (records < 0) {
+      const std::string text = by_query ? "SELECT count(*) FROM (" + select + ") AS counted"
+                                        : "SELECT count(*) FROM " + table.sql_name + Where("");
+      const RowsPointer counted = connection().Select(text, values, 0);
+      records = counted && counted->Next() == 1 ? counted->Integer(0) : 0;
+    }
+    return records;
+  }
+
+  // --- The place --------------------------------------------------------------------------------
+  // A view begins at its first record. A script that goes elsewhere first does not need that one.
+  void Settle() {
+    if (!top_is_due) return;
+    top_is_due = false;
+    GoToEnd(1);
+  }
+
+  void Drop() {
+    if (row == Row::Live) row = Row::Unloaded;
+    rows.reset();
+    direction_of_rows = 0;
+  }
+
+  // Takes note of the row that `rows` is at, if found is 1.
+  int Arrive(int found) {
+    if (found != 1) return found;
+    row = Row::Live;
+    deleted = false;
+    ended = false;
+    has_order = false;
+    if (by_query) {
+      record_number = rows->number();
+    } else {
+      rows->Get(0, &place);
+    }
+    return 1;
+  }
+  // The end of a move that has found a record, or none, or has failed.
+  int At(int found) {
+    if (found < 0) return 0;
+    if (by_query && found > 0) Arrive(1);
+    if (by_query && found == 0) row = Row::None;
+    at_end = found == 0;
+    Refresh();
+    return 1;
+  }
+  // A record that the filter does not let pass counts as none.
+  int Pass(int found) {
+    return found == 1 ? Passes() : found < 0 ? (FailWith("Cannot read"), -1) : 0;
+  }
+  int Passes() {
+    if (!filter) return 1;
+    Refresh();
+    int passes = 0;
+    if (zpProgram_Execute_Dynamic_Expression_Boolean(zpDatabaseView_Program(handle), filter,
+                                                     &passes) != 1) {
+      error = "The filter could not be evaluated";
+      return -1;
+    }
+    return passes != 0;
+  }
+
+  int GoToEnd(int direction) {
+    int found;
+    if (by_query) {
+      found = !rows ? 0 : direction > 0 ? rows->Go(1) : rows->Last();
+      if (found < 0) FailWith("Cannot read");
+      Arrive(found);
+    } else {
+      Drop();
+      ended = false;
+      block = kLargestBlock / 32;
+      found = Begin(direction) ? StepOn() : -1;
+    }
+    while (found == 1) {
+      const int passes = Passes();
+      if (passes != 0) return passes < 0 ? 0 : At(1);
+      found = Step(direction);
+    }
+    return At(found);
+  }
+
+  // --- Steps ------------------------------------------------------------------------------------
+  // Goes one row on. Returns 1, 0 at the end, or -1.
+  int Step(int direction) {
+    if (by_query) return StepOfQuery(direction);
+    if (rows && direction_of_rows == direction) return StepOn();
+    if (row == Row::None || place.kind == Kind::Null || (ended && !indexes.empty())) return 0;
+    if (!indexes.empty() && !FindOrder()) return 0;
+    Drop();
+    return BeginAfter(direction) ? StepOn() : -1;
+  }
+
+  int StepOfQuery(int direction) {
+    if (!rows || (at_end && direction > 0)) return 0;
+    int found;
+    if (direction > 0) {
+      found = rows->Next();
+    } else {
+      found = record_number > 1 ? rows->Go(record_number - 1) : 0;
+    }
+    if (found < 0) FailWith("Cannot read");
+    return Arrive(found);
+  }
+
+  // Goes on in `rows`, and to the queries that follow it.
+  int StepOn() {
+    for (;;) {
+      const int found = rows->Next();
+      if (found == 1) return Arrive(1);
+      if (found < 0) {
+        FailWith("Cannot read");
+        Drop();
+        return -1;
+      }
+      const int direction = direction_of_rows;
+      if (found == Rows::kMore) {
+        Park();
+        block = std::min(block * 4, kLargestBlock);
+        if (block < 16) block = 16;
+        if (!BeginAfter(direction)) return -1;
+      } else if (phase == 0 && !indexes.empty()) {
+        phase = 1;
+        Drop();
+        if (!BeginPhase(direction)) return -1;
+      } else {
+        Drop();
+        ended = true;
+        return 0;
+      }
+    }
+  }
+
+  // The order of the index's column for a direction: 1 rising, -1 falling.
+  int Rising(int direction) const {
+    return !indexes.empty() && indexes.front().descending ? -direction : direction;
+  }
+  std::string OrderColumn() const {
+    return Quoted(table.columns[Place(indexes.front().column)].name);
+  }
+  // The values of a query: those of the condition, and that many more.
+  void SetStart(size_t more) {
+    start.resize(values.size() + more);
+    for (size_t i = 0; i < values.size(); i++) start[i] = values[i];
+  }
+  // The first query of a direction: that of the records without a value, when rising.
+  bool Begin(int direction) {
+    phase = 0;
+    return BeginPhase(direction);
+  }
+  bool BeginPhase(int direction) {
+    SetStart(0);
+    if (indexes.empty()) return Began(direction, Where("") + OrderByKey(direction));
+    const bool nulls = (Rising(direction) > 0) == (phase == 0);
+    return Began(direction, Where(OrderColumn() + (nulls ? " IS NULL" : " IS NOT NULL")) +
+                                OrderBy(Rising(direction), nulls));
+  }
+  bool BeginAfter(int direction) {
+    SetStart(0);
+    const int rising = Rising(direction);
+    const char* const beyond = rising > 0 ? " > " : " < ";
+    if (indexes.empty()) {
+      start.push_back(place);
+      return Began(direction, Where(table.key + beyond + Mark(0)) + OrderByKey(direction));
+    }
+    const bool nulls = order.kind == Kind::Null;
+    phase = (rising > 0) == nulls ? 0 : 1;
+    if (nulls) {
+      start.push_back(place);
+      return Began(direction,
+                   Where(OrderColumn() + " IS NULL AND " + table.key + beyond + Mark(0)) +
+                       OrderBy(rising, true));
+    }
+    start.push_back(order);
+    start.push_back(place);
+    return Began(direction, Where("(" + OrderColumn() + ", " + table.key + ")" + beyond + "(" +
+                                  Mark(1) + ", " + Mark(0) + ")") +
+                                OrderBy(rising, false));
+  }
+  bool Began(int direction, const std::string& rest) {
+    rows = Query(rest);
+    direction_of_rows = direction;
+    if (!rows) FailWith("Cannot read");
+    return rows != nullptr;
+  }
+  RowsPointer Query(const std::string& rest) {
+    return connection().Select(select + rest, start, block);
+  }
+
+  std::string OrderByKey(int direction) const {
+    if (table.key.empty()) return "";
+    return " ORDER BY " + table.key + (direction > 0 ? "" : " DESC");
+  }
+  std::string OrderBy(int rising, bool nulls) const {
+    if (nulls) return OrderByKey(rising);
+    const char* const falls = rising > 0 ? "" : " DESC";
+    return " ORDER BY " + OrderColumn() + falls + ", " + table.key + falls;
+  }
+  std::string Where(const std::string& more) const {
+    if (condition.empty()) return more.empty() ? "" : " WHERE " + more;
+    return " WHERE (" + condition + ")" + (more.empty() ? "" : " AND " + more);
+  }
+  std::string MarkOf(size_t number) const { return connection().mark() + std::to_string(number); }
+  // The marker of the last value in `start`, or of the one that many before it.
+  std::string Mark(size_t before_last) const { return MarkOf(start.size() - before_last); }
+
+  static bool IsKey(Rows& rows, int column, std::string_view key, bool exact) {
+    Value value;
+    rows.Get(column, &value);
+    double wanted;
+    switch (value.kind) {
+      case Kind::Null: return false;
+      case Kind::Integer:
+        return ReadNumber(key, &wanted) && wanted == static_cast<double>(value.integer);
+      case Kind::Real: return ReadNumber(key, &wanted) && wanted == value.real;
+      default: break;
+    }
+    double number;
+    if (rows.columns()[static_cast<size_t>(column)].decimal && ReadNumber(value.text, &number)) {
+      return ReadNumber(key, &wanted) && wanted == number;
+    }
+    return exact ? value.text == key : std::string_view(value.text).starts_with(key);
+  }
+
+  // The value of the index's column, to go on from.
+  bool FindOrder() {
+    if (has_order) return true;
+    if (!Load()) return false;
+    order = loaded[Place(indexes.front().column) + 1];
+    return has_order = true;
+  }
+
+  // Copies the current record to `loaded`. Returns false if there is none.
+  bool Load() {
+    if (row == Row::None || row == Row::Loaded) return row == Row::Loaded;
+    Values key;
+    RowsPointer found;
+    Rows* from = rows.get();
+    if (row == Row::Unloaded) {
+      if (place.kind == Kind::Null) return false;
+      key.push_back(place);
+      found = connection().Select(select + " WHERE " + table.key + " = " + MarkOf(1), key, 0);
+      if (!found || found->Next() != 1) return false;
+      from = found.get();
+    }
+    loaded.resize(table.columns.size() + 1);
+    for (int i = by_query ? 1 : 0; i <= Count(); i++) {
+      from->Get(by_query ? i - 1 : i, &loaded[Place(i)]);
+    }
+    // A row in `rows` is still the current one there.
+    if (row == Row::Unloaded) row = Row::Loaded;
+    return true;
+  }
+
+  // --- Changes ----------------------------------------------------------------------------------
+  bool CanChange() {
+    if (!by_query && !table.key.empty()) return true;
+    Fail(by_query ? "A view of a query cannot be changed"
+                  : "The table '" + table.name + "' has no key, so its records cannot be changed");
+    return false;
+  }
+  bool CollectStored() {
+    stored.assign(table.columns.size(), false);
+    pending.resize(table.columns.size());
+    if (!zpDatabaseView_Commit(handle)) {
+      Fail("A value was refused");
+      return false;
+    }
+    for (int i = 0; i < Count(); i++) {
+      Value& value = pending[Place(i)];
+      const Column& column = table.columns[Place(i)];
+      if (!stored[Place(i)]) continue;
+      if (column.boolean) {
+        value.SetInteger(IsTrue(value));
+      } else if (!column.has_text && value.kind == Kind::Text && Trimmed(value.text).empty()) {
+        value.SetNull();
+      }
+    }
+    return true;
+  }
+  Values StoredValues() {
+    Values list;
+    for (int i = 0; i < Count(); i++) {
+      if (stored[Place(i)]) list.push_back(pending[Place(i)]);
+    }
+    return list;
+  }
+  std::string InsertText(bool with_key) const {
+    std::string names, marks;
+    size_t number = 0;
+    const auto add = [&](const std::string& name) {
+      names += (number > 0 ? ", " : "") + name;
+      marks += (number > 0 ? ", " : "") + MarkOf(number + 1);
+      number++;
+    };
+    for (int i = 0; i < Count(); i++) {
+      if (stored[Place(i)]) add(Quoted(table.columns[Place(i)].name));
+    }
+    if (with_key && table.key_column < 0) add(table.key);
+    return "INSERT INTO " + table.sql_name +
+           (number == 0 ? " DEFAULT VALUES" : " (" + names + ") VALUES (" + marks + ")");
+  }
+  int Insert(const std::string& text, const Values& list, const std::string& what) {
+    database->Park();
+    Value key;
+    if (!connection().Insert(table, text, list, &key)) return FailWith(what);
+    top_is_due = false;
+    place = std::move(key);
+    row = Row::Unloaded;
+    has_order = ended = deleted = at_end = false;
+    Refresh();
+    return 1;
+  }
+  bool Change(const std::string& text, const Values& list, const std::string& what) {
+    database->Park();
+    int64_t changed = 0;
+    if (!connection().Run(text, list, true, &changed)) return FailWith(what);
+    if (changed == 0) return Fail(what + ": it is no longer there");
+    return true;
+  }
+
+  const bool by_query = false;
+  std::string select;  // the query; or of a table: SELECT, the key, the columns, FROM
+  std::string condition;
+  Values values;  // of the query or the condition
+
+  RowsPointer rows;
+  int direction_of_rows = 0;  // 0: they cannot be gone on with
+  int phase = 0;              // 0: another query follows that of `rows`
+  int block = 1;              // rows that a query asks for, where the connection limits them
+  Values start;               // the values of `rows`
+
+  Row row = Row::None;
+  Value place;  // the key of the current record
+  Value order;  // the value of the index's column there, if has_order
+  bool has_order = false;
+  bool ended = false;  // the last move went past the end; an index then goes nowhere from there
+  Values loaded;       // the key, and the columns
+  int64_t record_number = 0;
+  int64_t records = -1;  // -1: not counted
+  bool deleted = false;
+  bool at_end = false;
+  bool top_is_due = false;
+  ZPEXPRESSION filter = nullptr;
+
+  std::vector<bool> stored;  // columns that a script has stored
+  Values pending;            // and their values
+  std::vector<bool> inserted, updated;
+  std::string insert_text, update_text, find_text;
+  Value scratch;
+
+  std::list<Field> fields;
+  std::vector<Index> indexes;  // the first one orders the view
+  std::vector<Field*> read;    // those that have is_read set
+  bool is_refreshing = false;
+  ZPVARIABLELIST nothing = nullptr;
+  ZPVARIABLE no_value = nullptr;
+};
+
+inline void Database::Park() {
+  for (View& view : views) view.Park();
+}
+
+}  // namespace zephsql
+
+#endif

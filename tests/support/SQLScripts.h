@@ -1,0 +1,147 @@
+// Scripts for the types of databases that the libraries of extensions/zephsqlite and
+// extensions/zephpostgres bring, as program text.
+
+#ifndef ZEPH_TESTS_SUPPORT_SQLSCRIPTS_H
+#define ZEPH_TESTS_SUPPORT_SQLSCRIPTS_H
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <initializer_list>
+#include <string>
+
+#include "tests/support/Command.h"
+#include "tests/support/DatabaseMachine.h"
+#include "tests/support/EngineProcess.h"
+#include "tests/support/Paths.h"
+
+// The sections of both libraries, with the connection of a PostgreSQL server.
+inline std::string SQLLibraries(const std::string& connection = "") {
+  std::string text = "timeout_global = 30\n";
+  for (const char* name : {"sqlite", "postgres"}) {
+    text += std::string("[[library]]\nkind = \"database\"\nname = \"") + name + "\"\npath = \"" +
+            InBuild("lib/zeph" + std::string(name) + ".so") + "\"\n";
+  }
+  return text + "[variables.system]\nzephpostgres_connection = \"" + connection + "\"\n";
+}
+
+// Runs a page with zprun.
+inline std::string RunPage(EngineProcess& engine, const std::string& code) {
+  engine.Script("page.zpc", code);
+  engine.WriteConfiguration();
+  Command command({InBuild("bin/zprun"), "--config", engine.Path("zeph.toml"),
+                   engine.Path("scripts/page.zpc")});
+  EXPECT_EQ(command.Run(), 0) << command.output;
+  EXPECT_EQ(command.errors, "");
+  return command.output;
+}
+
+// The same, with an empty data directory.
+inline std::string RunFirstPage(EngineProcess& engine, const std::string& code) {
+  std::filesystem::remove_all(engine.Path("data"));
+  engine.Folder("data");
+  return RunPage(engine, code);
+}
+
+inline std::string SetType(const std::string& type) {
+  return Push(type) + "pops zeph_defaultdatabase\n";
+}
+// Errors of databases are not shown, and end nothing.
+inline std::string Silent() {
+  std::string code;
+  for (int tag = 28; tag <= 58; tag++) code += "tagerror " + std::to_string(tag) + ", 0\n";
+  return code;
+}
+inline std::string ShowError(const std::string& tag) {
+  return ShowGlobal("Zp" + tag + "_Error");
+}
+inline std::string OpenView(const std::string& database, const std::string& view,
+                            const std::string& query, const std::string& variables = "") {
+  return Op("dbopenview", {database, view, query, variables});
+}
+inline std::string RunQuery(const std::string& database, const std::string& query,
+                            const std::string& variables = "") {
+  return Op("dbquery", {database, query, variables});
+}
+// Every record of a view from the current one on, its fields each with a bar, records with a
+// semicolon.
+inline std::string ShowAll(const std::string& database, const std::string& view,
+                           std::initializer_list<std::string> fields) {
+  static int labels = 0;
+  const std::string label = std::to_string(++labels);
+  const std::string name = view.empty() ? database : view;
+  std::string code = "jmp test" + label + "\nbody" + label + ":\n";
+  for (const std::string& field : fields)
+    code += Op("pushd", {name, field}) + "out\n" + Push("|") + "out\n";
+  code += Push("; ") + "out\n" + Push(database) + Push(view) + Push(1) + "dbskip\ntest" + label +
+          ":\n" + Op("pushd", {name, "eof"}) + "jmp_eq body" + label + "\n";
+  return code;
+}
+
+// Makes a table with a field of each type, and does with it all that scripts do.
+inline std::string PeopleScript() {
+  const auto person = [](const char* name, const char* age, const char* paid, const char* born,
+                         const char* member, const char* note) {
+    return SetField("t", "name", name) + SetField("t", "age", age) + SetField("t", "paid", paid) +
+           SetField("t", "born", born) + SetField("t", "member", member) +
+           SetField("t", "note", note) + OnView("dbadd", "t");
+  };
+  const std::initializer_list<std::string> all = {"name", "age",   "paid",   "born",   "member",
+                                                  "note", "recno", "totrec", "deleted"};
+  std::string code =
+      Silent() +
+      CreateDatabase(
+          "t", "people.dbf",
+          "name char(20), age number(3), paid number(5.2), born date, member bool, note memo") +
+      person("Tom", "41", "12.5", "19800102", "1", "the first\nand \"only\"") +
+      person("Ann", "37", "3", "19840229", "0", "it's") +
+      person("Zo\xC3\xAB", "7", "0", "20190401", "1", "") +
+      person("Bob", "62", "-1.25", "19630405", "0", "b");
+  // In the order of the table, forwards and backwards, and past both ends.
+  code += Go("t", -1) + ShowAll("t", "", all) + Show("t", "name") + Skip("t", -1) +
+          Show("t", "name") + Go("t", -2) + Show("t", "name") + Skip("t", -3) + Show("t", "name") +
+          Skip("t", -1) + Show("t", "eof") + Show("t", "name") + Go("t", 3) + Show("t", "name") +
+          Go("t", 9) + Show("t", "eof") + Show("t", "name");
+  // With indexes.
+  code += Op("dbmakeindex", {"t", "age.zix", "d.age", "descending"}) +
+          Op("dbmakeindex", {"t", "name.zix", "t.d.name", "string, unique"}) +
+          ShowAll("t", "", {"name"}) + Show("t", "eof") + Find("t", "Bob") + Show("t", "age") +
+          Skip("t", 1) + Show("t", "name") + Find("t", "T", 0) + Show("t", "age") +
+          Find("t", "T", 1) + Show("t", "eof") + Show("t", "name") + Find("t", "Tom") +
+          Op("dbprimary", {"t", "", "age.zix"}) + Skip("t", 1) + Show("t", "name") + Go("t", -1) +
+          ShowAll("t", "", {"name", "age"}) + Find("t", "37") + Show("t", "name") + Skip("t", -1) +
+          Show("t", "name");
+  // Changes.
+  code += SetField("t", "age", "90") + Show("t", "age") + Skip("t", 0) + Show("t", "age") +
+          SetField("t", "age", "1") + SetField("t", "note", "changed") + OnView("dbupdate", "t") +
+          Show("t", "age") + Go("t", -1) + ShowAll("t", "", {"name", "age", "note"}) + Go("t", 2) +
+          OnView("dbdelete", "t") + Show("t", "deleted") + Show("t", "name") +
+          OnView("dbundelete", "t") + Show("t", "deleted") + Go("t", 2) + Show("t", "name") +
+          OnView("dbdelete", "t") + Push("t") + "dbpack\n" +
+          Op("dbsetindex", {"t", "", "name.zix"}) + ShowAll("t", "", {"name"}) + Push("t") +
+          "dbreindex\n";
+  // What is not stored for a new record is that of the current one.
+  code += Find("t", "Tom") + SetField("t", "name", "Tim") + OnView("dbadd", "t") +
+          Show("t", "paid") + Find("t", "Tim") + Show("t", "note");
+  // A filter.
+  code += Op("dbfilter", {"t", "", "d.age GT 40"}) + ShowAll("t", "", {"name"}) + Go("t", -2) +
+          Show("t", "name") + Find("t", "Zo", 0) + Show("t", "eof") +
+          Op("dbfilter", {"t", "", ""}) + ShowAll("t", "", {"name"});
+  // Nothing of these is an error in any type.
+  for (const char* tag : {"CREATE", "ADD", "GO", "SKIP", "FIND", "MAKEINDEX", "PRIMARY", "UPDATE",
+                          "DELETE", "UNDELETE", "PACK", "SETINDEX", "REINDEX", "FILTER"}) {
+    code += ShowError(tag);
+  }
+  // The description; and the table is there when it is opened again.
+  code += Push("t") + Push("") + "pushg f\ndbrevealstructureagg\n";
+  for (int i = 1; i <= 6; i++) {
+    for (const char* name : {"NAME", "TYPE", "LEN", "DEC"}) {
+      code +=
+          "pushnc \"f[" + std::to_string(i) + "]:FIELD_" + name + "\"\nout\n" + Push(" ") + "out\n";
+    }
+  }
+  return code + Op("dbclose", {"t"}) + OpenDatabase("u", "people.dbf", "name.zix,age.zix") +
+         ShowError("OPEN") + ShowAll("u", "", {"name", "age"});
+}
+
+#endif
