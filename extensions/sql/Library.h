@@ -135,7 +135,7 @@ class Library {
     if (!required) {
       zephsql::Table described;
       const int found = database->connection->Describe(table, &described);
-      if (found < 0) return FailWith(database, "Cannot open '" + std::string(opening.path) + "'");
+      if (found < 0) return FailWith(database, "Cannot open the table '" + table + "'");
       if (found == 0) return 1;
     }
     if (!AddTable(database, Bytes(name, namelength), table, "", {})) return 0;
@@ -166,7 +166,7 @@ class Library {
         Peer::Connect({program, path, "", "", "", true}, table, &required, error);
     if (!connection) return nullptr;
     if (table->empty()) {
-      *error = "Cannot create a table: '" + std::string(path) + "' does not name one";
+      *error = "Cannot create a table: the path does not name one";
       return nullptr;
     }
     *table = Peer::NameOf(*table);
@@ -454,24 +454,26 @@ class Library {
   static int GetInteger(ZPDATABASEVARIABLE handle, int* value) {
     View::Field* const field = Of(handle);
     if (!field) return 0;
-    field->view->Note(field);
+    field->view->BeginRead(field);
     return field->view->GetInteger(field->column, value);
   }
   static int GetDouble(ZPDATABASEVARIABLE handle, double* value) {
     View::Field* const field = Of(handle);
     if (!field) return 0;
-    field->view->Note(field);
+    field->view->BeginRead(field);
     return field->view->GetReal(field->column, value);
   }
   static int GetString(ZPDATABASEVARIABLE handle, char** text, int* length, int*) {
     View::Field* const field = Of(handle);
     if (!field) return 0;
-    field->view->Note(field);
+    field->view->BeginRead(field);
     return field->view->GetText(field->column, text, length);
   }
   static int VariableType(ZPDATABASEVARIABLE handle) {
-    const View::Field* const field = Of(handle);
-    return field ? field->view->TypeOf(field->column) : 1;
+    View::Field* const field = Of(handle);
+    if (!field) return 1;
+    field->view->Settle();
+    return field->view->TypeOf(field->column);
   }
   static int SetInteger(ZPDATABASEVARIABLE handle, int value) {
     if (Value* to = Stored(handle)) to->SetInteger(value);

@@ -307,7 +307,19 @@ class View {
   }
 
   // --- Fields -----------------------------------------------------------------------------------
-  // A field gets a value.
+  // A view begins at its first record. A script that goes elsewhere first does not need that one.
+  void Settle() {
+    if (!top_is_due) return;
+    top_is_due = false;
+    GoToEnd(1);
+  }
+
+  // A field is going to get a value. What the view does for it clears the fields, so that comes
+  // first.
+  void BeginRead(Field* field) {
+    Settle();
+    Note(field);
+  }
   void Note(Field* field) {
     if (field->is_read) return;
     field->is_read = true;
@@ -315,7 +327,6 @@ class View {
   }
   int GetInteger(int column, int* value) {
     int64_t number;
-    Settle();
     switch (column) {
       case kRecord:
         if (by_query) {
@@ -349,7 +360,6 @@ class View {
 
   int GetReal(int column, double* value) {
     if (column < 0) return 0;
-    Settle();
     switch (KindOf(column)) {
       case Kind::Integer:
         Get(column, &scratch);
@@ -369,7 +379,6 @@ class View {
 
   int GetText(int column, char** text, int* length) {
     if (column < 0) return 0;
-    Settle();
     std::string_view found;
     const Column& of = table.columns[Place(column)];
     switch (KindOf(column)) {
@@ -399,7 +408,11 @@ class View {
     return 1;
   }
 
-  int TypeOf(int column) const { return column < 0 ? 2 : table.columns[Place(column)].type; }
+  // A field without a value is an empty text, and not 0.
+  int TypeOf(int column) {
+    if (column < 0) return 2;
+    return KindOf(column) == Kind::Null ? 1 : table.columns[Place(column)].type;
+  }
 
   // The value of a stored field, in zpDatabaseView_Commit. Null for the fields that cannot be
   // written.
@@ -508,13 +521,6 @@ class View {
   }
 
   // --- The place --------------------------------------------------------------------------------
-  // A view begins at its first record. A script that goes elsewhere first does not need that one.
-  void Settle() {
-    if (!top_is_due) return;
-    top_is_due = false;
-    GoToEnd(1);
-  }
-
   void Drop() {
     if (row == Row::Live) row = Row::Unloaded;
     rows.reset();

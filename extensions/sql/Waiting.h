@@ -20,7 +20,7 @@ constexpr Milliseconds kSlice(250);
 inline bool Pause(ZPPROGRAM program, Milliseconds time) {
   const Clock::time_point begin = Clock::now();
   zpProgram_Sleep(program, static_cast<int>(time.count()));
-  return Clock::now() - begin >= time / 2;
+  return 2 * (Clock::now() - begin) >= time;
 }
 
 // Whether the script has to end. Takes a millisecond if it has not. A pause is also short when the

@@ -4,7 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <chrono>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,9 +18,7 @@
 
 namespace {
 
-using testing::AllOf;
 using testing::HasSubstr;
-using testing::Not;
 
 class SQLite : public testing::Test {
  protected:
@@ -69,6 +68,133 @@ TEST_F(SQLite, PathsStayInTheDataDirectory) {
                 HasSubstr("Cannot create"))
         << path;
   }
+}
+
+TEST_F(SQLite, ScriptsGetWhatTheyAskFor) {
+  for (const SQLCase& each : SQLCases()) {
+    EXPECT_EQ(RunFirstPage(engine, SetType("sqlite") + PersonsScript() + each.code), each.output)
+        << each.name;
+  }
+}
+
+TEST_F(SQLite, TheFileIsOneOfSQLite) {
+  RunFirstPage(engine, SetType("sqlite") + PersonsScript() +
+                           Op("dbmakeindex", {"t", "age.zix", "d.age", "descending"}));
+  if (access("/usr/bin/sqlite3", X_OK) != 0) GTEST_SKIP() << "sqlite3 is not installed";
+  EXPECT_EQ(
+      Program("t.dbf", "select *, typeof(age) from t; pragma integrity_check; pragma journal_mode"),
+      "1|ann|30|integer\n2|bob|20|integer\n3|cat||null\nok\nwal\n");
+  EXPECT_THAT(Program("t.dbf", ".schema"), HasSubstr("ON \"t\" (\"age\" DESC)"));
+}
+
+TEST_F(SQLite, TablesOfOtherMakersAreReadAndChanged) {
+  if (access("/usr/bin/sqlite3", X_OK) != 0) GTEST_SKIP() << "sqlite3 is not installed";
+  engine.Folder("data");
+  Program(
+      "shop.db",
+      "create table shop(code text primary key, price decimal(8,2), stock int, big integer, "
+      "raw blob);"
+      "insert into shop values('tea', 3.5, 7, 12345678901, x'00ff'), ('jam', 2, null, -1, null);"
+      "create table people(id integer primary key, name);"
+      "insert into people values(7, 'ann'), (70, 'bob');"
+      "create table pairs(a, b, primary key(a, b)) without rowid; insert into pairs values(1, 2);"
+      "create view cheap as select code from shop where price < 3;");
+  EXPECT_EQ(Page(SetType("sqlite") + Silent() + OpenDatabase("s", "shop.db") +
+                 ShowAll("s", "", {"code", "price", "stock", "big", "recno"}) +
+                 OpenView("s", "p", "people") + ShowAll("s", "p", {"id", "name", "recno"}) +
+                 SetField("p", "name", "cat") + Op("dbadd", {"s", "p"}) + Show("p", "id") +
+                 OpenView("s", "w", "PAIRS") + ShowAll("s", "w", {"a", "b"}) +
+                 OpenView("s", "c", "cheap") + Show("c", "code") + Op("dbdelete", {"s", "c"}) +
+                 ShowError("DELETE") + OpenView("s", "b", "select hex(raw) as h, raw from shop") +
+                 Show("b", "h") + Show("b", "raw")),
+            "tea|3.50|7|12345678901|1|; jam|2.00||-1|2|; 7|ann|7|; 70|bob|70|; 71|1|2|; "
+            "jam|A view of a query cannot be changed|00FF|" +
+                std::string("\0\xFF|", 3));
+}
+
+TEST_F(SQLite, AScriptCannotLeaveItsFile) {
+  const std::string outside = engine.Path("data/other.db");
+  const std::string page = RunFirstPage(
+      engine, SetType("sqlite") + PersonsScript() + RunQuery("t", "attach '" + outside + "' as o") +
+                  ShowDone("QUERY") + SetGlobal("x", outside) +
+                  RunQuery("t", "attach ? as o", "x") + ShowDone("QUERY") +
+                  RunQuery("t", "vacuum into '" + outside + "'") + ShowDone("QUERY") +
+                  RunQuery("t", "select load_extension('/tmp/x.so')") + ShowDone("QUERY") +
+                  Op("dbcommand", {"t", "vacuum", ""}) + ShowDone("DBCOMMAND") +
+                  RunQuery("t", "delete from t; delete from t") + ShowError("QUERY"));
+  EXPECT_EQ(page, "0|0|0|0|1|Cannot run the query: only one statement is run at a time|");
+  EXPECT_NE(access(outside.c_str(), F_OK), 0);
+}
+
+// Each request adds a record in a transaction that reads first, and changes another record.
+TEST_F(SQLite, RequestsAtTheSameTimeWaitForOneAnother) {
+  constexpr int kClients = 8, kRequests = 20;
+  engine.arguments = {"-t", "8"};
+  RunFirstPage(engine, SetType("sqlite") + PersonsScript());
+  engine.Script("add.zpc", SetType("sqlite") + Silent() + OpenDatabase("t", "t.dbf") + Push("t") +
+                               "dbtransaction\n" + Go("t", -2) + SetField("t", "name", "new") +
+                               OnView("dbadd", "t") + Push("t") + "dbcommit\n" + Go("t", 2) +
+                               SetField("t", "age", "5") + OnView("dbupdate", "t") +
+                               ShowError("OPEN") + ShowError("TRANSACT") + ShowError("ADD") +
+                               ShowError("COMMIT") + ShowError("UPDATE"));
+  ASSERT_TRUE(engine.Start());
+  std::vector<std::thread> clients;
+  for (int i = 0; i < kClients; i++) {
+    clients.emplace_back([&] {
+      for (int k = 0; k < kRequests; k++) EXPECT_EQ(engine.Get("/add.zpc").Body(), "|||||");
+    });
+  }
+  for (std::thread& client : clients) client.join();
+  EXPECT_EQ(Page(SetType("sqlite") + OpenDatabase("t", "t.dbf") + Show("t", "totrec")),
+            std::to_string(3 + kClients * kRequests) + "|");
+}
+
+// What a request leaves open is undone, and holds no lock for the next one on another thread.
+TEST_F(SQLite, NothingOfARequestIsLeft) {
+  engine.arguments = {"-t", "2"};
+  RunFirstPage(engine, SetType("sqlite") + PersonsScript());
+  const std::string open = SetType("sqlite") + Silent() + OpenDatabase("t", "t.dbf");
+  engine.Script("leave.zpc", open + RunQuery("t", "pragma foreign_keys = on") + Push("t") +
+                                 "dbtransaction\n" + RunQuery("t", "delete from t") +
+                                 RunQuery("t", "create temp table secret(x)") + ShowError("QUERY"));
+  engine.Script("look.zpc", open + Op("dbcommand", {"t", "timeout", "0"}) +
+                                RunQuery("t", "update t set age = 1") + ShowError("QUERY") +
+                                Show("t", "totrec") +
+                                OpenView("t", "f", "select * from pragma_foreign_keys") +
+                                Show("f", "foreign_keys") +
+                                OpenView("t", "s", "select * from secret") + ShowDone("OPENVIEW"));
+  ASSERT_TRUE(engine.Start());
+  for (int i = 0; i < 6; i++) {
+    EXPECT_EQ(engine.Get("/leave.zpc").Body(), "|");
+    EXPECT_EQ(engine.Get("/look.zpc").Body(), "|3|0|0|");
+  }
+}
+
+TEST_F(SQLite, AFileThatWasRemovedIsNotUsedAnyMore) {
+  RunFirstPage(engine, SetType("sqlite") + PersonsScript());
+  engine.arguments = {"-t", "1"};
+  engine.Script("look.zpc", SetType("sqlite") + Silent() + OpenDatabase("t", "t.dbf") +
+                                ShowError("OPEN") + Show("t", "totrec"));
+  ASSERT_TRUE(engine.Start());
+  EXPECT_EQ(engine.Get("/look.zpc").Body(), "|3|");
+  for (const char* end : {"", "-wal", "-shm"}) {
+    std::filesystem::remove(engine.Path("data/t.dbf") + end);
+  }
+  EXPECT_EQ(engine.Get("/look.zpc").Body(), "Cannot open 't.dbf': unable to open database file||");
+}
+
+TEST_F(SQLite, ALongStatementEndsWithTheScript) {
+  RunFirstPage(engine, SetType("sqlite") + PersonsScript());
+  const std::string libraries = SQLLibraries();
+  engine.settings = "timeout_global = 1\n" + libraries.substr(libraries.find('\n') + 1);
+  engine.Script("long.zpc", SetType("sqlite") + OpenDatabase("t", "t.dbf") +
+                                RunQuery("t",
+                                         "with recursive c(x) as (select 1 union all select x + 1 "
+                                         "from c) select count(*) from c"));
+  ASSERT_TRUE(engine.Start());
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_THAT(engine.Get("/long.zpc").Body(), HasSubstr("timed out"));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
 }
 
 }  // namespace

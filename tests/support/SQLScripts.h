@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 #include "tests/support/Command.h"
 #include "tests/support/DatabaseMachine.h"
@@ -142,6 +143,110 @@ inline std::string PeopleScript() {
   }
   return code + Op("dbclose", {"t"}) + OpenDatabase("u", "people.dbf", "name.zix,age.zix") +
          ShowError("OPEN") + ShowAll("u", "", {"name", "age"});
+}
+
+// --- Claims that hold for both types
+// --------------------------------------------------------------
+
+// A script and the output that each type gives it. PersonsScript goes before it: a table t with the
+// records ann of 30, bob of 20 and cat without an age.
+struct SQLCase {
+  const char* name;
+  std::string code;
+  std::string output;
+};
+
+inline std::string PersonsScript() {
+  return Silent() + CreateDatabase("t", "t.dbf", "name char(20), age number(5)") +
+         SetField("t", "name", "ann") + SetField("t", "age", "30") + OnView("dbadd", "t") +
+         SetField("t", "name", "bob") + SetField("t", "age", "20") + OnView("dbadd", "t") +
+         RunQuery("t", "insert into t (name) values ('cat')") + Go("t", -1);
+}
+// Writes 0 if the tag has failed.
+inline std::string ShowDone(const std::string& tag) {
+  return "pushg Zp" + tag + "_Error\nisnull\nout\n" + Push("|") + "out\n";
+}
+inline std::string SetGlobal(const std::string& name, const std::string& text) {
+  return Push(text) + "popg " + name + "\n";
+}
+inline std::string SkipIn(const std::string& database, const std::string& view, int count) {
+  return Push(database) + Push(view) + Push(count) + "dbskip\n";
+}
+inline std::string GoIn(const std::string& database, const std::string& view, int position) {
+  return Push(database) + Push(view) + Push(position) + "dbgo\n";
+}
+
+inline std::vector<SQLCase> SQLCases() {
+  return {
+      {"a view of a query reads its rows in both directions",
+       OpenView("t", "q", "select name, age * 2 as twice from t order by name desc") +
+           ShowAll("t", "q", {"name", "twice", "recno", "totrec"}) + Show("q", "eof") +
+           SkipIn("t", "q", -1) + Show("q", "name") + GoIn("t", "q", 1) + Show("q", "name") +
+           GoIn("t", "q", -2) + Show("q", "name") + SkipIn("t", "q", -2) + Show("q", "name") +
+           Op("dbcloseview", {"t", "q"}) + ShowError("CLOSEVIEW"),
+       "cat||1|3|; bob|40|2|3|; ann|60|3|3|; 1|bob|cat|ann|cat||"},
+      {"parameters are values, whatever is in them",
+       SetGlobal("who", "x' or '1'='1") + "pushi 25\npopg limit\n" +
+           OpenView("t", "a", "select name from t where name = ?", "who") +
+           ShowAll("t", "a", {"name"}) +
+           OpenView("t", "b", "select name from t where age > :limit and age < ?2 + 100",
+                    "who,limit") +
+           ShowAll("t", "b", {"name"}) +
+           OpenView("t", "c", "select '?', ':who', name from t -- ? :no\nwhere age < ?", "limit") +
+           ShowAll("t", "c", {"name"}) + RunQuery("t", "insert into t (name) values (?)", "who") +
+           Go("t", -2) + Show("t", "name"),
+       "ann|; bob|; x' or '1'='1|"},
+      {"a parameter that is not given is an error",
+       OpenView("t", "a", "select name from t where name = ?") + ShowError("OPENVIEW") +
+           OpenView("t", "a", "select name from t where name = :nobody") + ShowError("OPENVIEW"),
+       "Cannot open the view 'a': the query has more parameters than there are variables|"
+       "Cannot open the view 'a': no variable 'nobody' is given to the query|"},
+      {"a view of some records of a table can be changed",
+       "pushi 25\npopg limit\n" + OpenView("t", "young", "t where age < ?", "limit") +
+           Show("young", "name") + SetField("young", "age", "5") + Op("dbupdate", {"t", "young"}) +
+           ShowError("UPDATE") + ShowAll("t", "young", {"age"}) + Op("dbdelete", {"t", "young"}) +
+           ShowError("DELETE") + Go("t", -1) + ShowAll("t", "", {"name"}),
+       "bob||5|; |ann|; cat|; "},
+      {"NULL is a field without a value",
+       Go("t", 3) + Show("t", "age") + Op("pushd", {"t", "age"}) + "isnull\nout\n" + Go("t", 1) +
+           Op("pushd", {"t", "age"}) + "pushi 1\nadd\nout\n" + Push("|") + "out\n" +
+           SetField("t", "age", "") + OnView("dbupdate", "t") +
+           OpenView("t", "n", "select count(*) as n from t where age is null") + Show("n", "n"),
+       "|131|2|"},
+      {"a transaction is undone in all views",
+       OpenView("t", "v", "t") + Push("t") + "dbtransaction\n" + SetField("t", "name", "dan") +
+           OnView("dbadd", "t") + RunQuery("t", "delete from t where name = 'ann'") + Push("t") +
+           "dbtransaction\n" + ShowError("TRANSACT") + GoIn("t", "v", -1) +
+           ShowAll("t", "v", {"name"}) + Push("t") + "dbrollback\n" + GoIn("t", "v", -1) +
+           ShowAll("t", "v", {"name"}) + Push("t") + "dbtransaction\n" +
+           RunQuery("t", "delete from t where name = 'bob'") + Push("t") + "dbcommit\n" +
+           Push("t") + "dbrollback\n" + Go("t", -1) + ShowAll("t", "", {"name"}),
+       "Cannot begin a transaction: a transaction is open already|"
+       "bob|; cat|; dan|; ann|; bob|; cat|; ann|; cat|; "},
+      {"a view that is read while its table changes goes on after its place",
+       Go("t", 1) + RunQuery("t", "delete from t where name = 'bob'") +
+           RunQuery("t", "insert into t (name) values ('eve')") + ShowAll("t", "", {"name"}),
+       "ann|; cat|; eve|; "},
+      {"records without a value are first in the order of an index",
+       Op("dbmakeindex", {"t", "age.zix", "d.age", ""}) + ShowAll("t", "", {"name"}) + Go("t", -2) +
+           Show("t", "name") + Skip("t", -2) + Show("t", "name") + Skip("t", 1) + Show("t", "name"),
+       "cat|; bob|; ann|; ann|cat|bob|"},
+      {"a duplicate in a unique index is refused",
+       Op("dbmakeindex", {"t", "name.zix", "d.name", "unique"}) + Find("t", "bob") +
+           SetField("t", "name", "ann") + OnView("dbupdate", "t") + ShowDone("UPDATE") +
+           OnView("dbadd", "t") + ShowDone("ADD") + Skip("t", 0) + Show("t", "name"),
+       "0|0|bob|"},
+      {"what cannot be done says so",
+       OpenView("t", "q", "select 1 as one") + Op("dbadd", {"t", "q"}) + ShowError("ADD") +
+           Push("t") + Push("q") + Push("k") + Push(1) + "dbfind\n" + ShowError("FIND") +
+           Find("t", "k") + ShowError("FIND") + Op("dbmakeindex", {"t", "x.zix", "d.nothing", ""}) +
+           ShowError("MAKEINDEX") + OpenView("t", "w", "nothing") + ShowError("OPENVIEW") +
+           RunQuery("t", "") + ShowError("QUERY"),
+       "A view of a query cannot be changed|A view of a query cannot be searched|"
+       "Database has no open indexes|"
+       "Cannot make the index 'x.zix': its key has to be a field, such as d.name|"
+       "There is no table 'nothing'|Cannot run the query: it is empty|"},
+  };
 }
 
 #endif
