@@ -220,15 +220,14 @@ class View {
       inserted = stored;
       insert_text = InsertText(false);
     }
-    return Insert(insert_text, StoredValues(), "Cannot add a record to '" + table.name + "'");
+    return Insert(insert_text, StoredValues(0), "Cannot add a record to '" + table.name + "'");
   }
 
   int Update() {
     if (!CanChange() || !CollectStored()) return 0;
     Settle();
     if (row == Row::None || place.kind == Kind::Null) return Fail("There is no record");
-    Values changes = StoredValues();
-    if (changes.empty()) return 1;
+    if (StoredValues(1).size() == 1) return 1;
     if (update_text.empty() || updated != stored) {
       updated = stored;
       update_text = "UPDATE " + table.sql_name + " SET ";
@@ -240,7 +239,7 @@ class View {
       }
       update_text += " WHERE " + table.key + " = " + MarkOf(++marks);
     }
-    changes.push_back(place);
+    changes.back() = place;
     if (!Change(update_text, changes, "Cannot update a record of '" + table.name + "'")) return 0;
     if (table.key_column >= 0 && stored[Place(table.key_column)]) {
       place = pending[Place(table.key_column)];
@@ -275,9 +274,9 @@ class View {
     if (!deleted) return 1;
     stored.assign(table.columns.size(), true);
     pending.assign(loaded.begin() + 1, loaded.end());
-    Values all = StoredValues();
-    if (table.key_column < 0) all.push_back(place);
-    return Insert(InsertText(true), all, "Cannot add the record to '" + table.name + "' again");
+    StoredValues(table.key_column < 0);
+    if (table.key_column < 0) changes.back() = place;
+    return Insert(InsertText(true), changes, "Cannot add the record to '" + table.name + "' again");
   }
 
   // --- Indexes ----------------------------------------------------------------------------------
@@ -447,6 +446,7 @@ class View {
  private:
   enum class Row { None, Live, Loaded, Unloaded };
   static constexpr int kLongestText = 0x7FFFFFFF - 1;
+  static constexpr int kShortText = 256;  // bytes
   static constexpr int kLargestBlock = 512;
 
   int Fail(std::string text) {
@@ -478,22 +478,45 @@ class View {
           zpDatabaseView_AddVariable(handle, name.data(), static_cast<int>(name.size()), &field);
     }
   }
-  // Takes the values from the fields: those that the engine has got since the last time, and what a
-  // script has stored, of which Commit tells. The others have none. A field that has become a
-  // reference has none of its own either.
+  // Gives the fields the values of the current record: those that the engine has got values of
+  // since the last time, and those that a script has stored in, of which Commit tells. What is read
+  // of one record is likely to be read of the next, so it is passed on now if it is at hand and
+  // short. Otherwise the engine asks for it. A field that has become a reference has no value of
+  // its own.
   void Refresh() {
     if (!handle) return;
     is_refreshing = true;
     zpDatabaseView_Commit(handle);
     is_refreshing = false;
+    size_t kept = 0;
     for (Field* const field : read) {
-      ZPVARIABLE variable = AsVariable(field->handle);
-      field->is_read = false;
-      if (zpVariable_NextIdentity(variable) != variable) continue;
-      zpVariable_SetValue_Variable(variable, no_value);
-      zpDatabaseVariable_SetDirty(field->handle, 0);
+      field->is_read =
+          zpVariable_NextIdentity(AsVariable(field->handle)) == AsVariable(field->handle) &&
+          PassOn(field);
+      if (field->is_read) read[kept++] = field;
     }
-    read.clear();
+    read.resize(kept);
+  }
+  // Returns whether the field has a value afterwards.
+  bool PassOn(Field* field) {
+    ZPVARIABLE variable = AsVariable(field->handle);
+    int number;
+    char* text;
+    int length;
+    const bool at_hand = row == Row::Live || (field->column < 0 && field->column != kRecords);
+    bool has_value = true;
+    // Numbers with decimals are texts with all of them.
+    const bool is_text = field->column >= 0 && table.columns[Place(field->column)].decimal;
+    if (at_hand && !is_text && GetInteger(field->column, &number)) {
+      zpVariable_SetValue_Integer(variable, number);
+    } else if (at_hand && GetText(field->column, &text, &length) && length <= kShortText) {
+      zpVariable_SetValue(variable, text, length);
+    } else {
+      zpVariable_SetValue_Variable(variable, no_value);
+      has_value = false;
+    }
+    zpDatabaseVariable_SetDirty(field->handle, 0);
+    return has_value;
   }
 
   Kind KindOf(int column) {
@@ -784,12 +807,16 @@ class View {
     }
     return true;
   }
-  Values StoredValues() {
-    Values list;
-    for (int i = 0; i < Count(); i++) {
-      if (stored[Place(i)]) list.push_back(pending[Place(i)]);
+  // The values of the stored columns, with room for that many more. The list keeps its memory.
+  Values& StoredValues(size_t more) {
+    size_t count = 0;
+    for (const bool is_stored : stored) count += is_stored;
+    changes.resize(count + more);
+    count = 0;
+    for (size_t i = 0; i < stored.size(); i++) {
+      if (stored[i]) changes[count++] = pending[i];
     }
-    return list;
+    return changes;
   }
   std::string InsertText(bool with_key) const {
     std::string names, marks;
@@ -851,6 +878,7 @@ class View {
 
   std::vector<bool> stored;  // columns that a script has stored
   Values pending;            // and their values
+  Values changes;            // of a statement
   std::vector<bool> inserted, updated;
   std::string insert_text, update_text, find_text;
   Value scratch;

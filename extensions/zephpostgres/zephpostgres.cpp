@@ -369,7 +369,7 @@ class Postgres final : public Connection {
   explicit Postgres(Target target) : target(std::move(target)) {}
 
   bool Connect();
-  bool Ready();
+  bool Ready(bool reads);
   bool IsInTransaction() const { return in_transaction || lost_transaction; }
   void DropLink();
   bool Lost(const std::string& text);
@@ -550,11 +550,12 @@ bool Postgres::Connect() {
 }
 
 // Makes the connection, or makes it again if the server has closed it since the last statement.
-bool Postgres::Ready() {
+// What reads is sent again in that case, so that one does not need the look.
+bool Postgres::Ready(bool reads) {
   was_lost = is_stale = false;
   if (lost_transaction) return Fail(kLostTransaction);
   // A message of the server may come before the end of the link.
-  for (int i = 0; i < 4 && link && !in_transaction; i++) {
+  for (int i = 0; i < 4 && link && !reads && !in_transaction; i++) {
     pollfd entry = {PQsocket(link), POLLIN, 0};
     if (poll(&entry, 1, 0) <= 0) break;
     if (!PQconsumeInput(link) || PQstatus(link) == CONNECTION_BAD) DropLink();
@@ -664,7 +665,7 @@ const Postgres::Prepared* Postgres::Prepare(const std::string& text) {
 
 Result Postgres::RunPrepared(const std::string& text, const Values& values, bool reads) {
   for (int attempt = 0; attempt < 3; attempt++) {
-    if (!Ready()) return nullptr;
+    if (!Ready(reads)) return nullptr;
     const bool may_repeat = !in_transaction;
     bool was_sent = false;
     if (const Prepared* statement = Prepare(text)) {
@@ -689,7 +690,7 @@ Result Postgres::RunPrepared(const std::string& text, const Values& values, bool
 }
 
 Result Postgres::RunOnce(const std::string& text, const Values& values, unsigned of_link) {
-  if (!Ready()) return nullptr;
+  if (!Ready(false)) return nullptr;
   if (of_link != 0 && of_link != generation) {
     Fail("its rows were lost with the connection");
     return nullptr;
@@ -750,7 +751,7 @@ ConnectionPointer Postgres::Acquire(ZPPROGRAM program, const Target& target, std
   auto* const connection = static_cast<Postgres*>(acquired.get());
   connection->program = program;
   connection->has_left = false;
-  if (connection->Ready()) return acquired;
+  if (connection->Ready(false)) return acquired;
   *error = connection->error();
   return nullptr;
 }

@@ -696,5 +696,8 @@ struct Peer {
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) _ZP_EL_Database* zeph_database_library() {
+  // SQLite would count its memory, with a lock for all threads at each change. It refuses this if
+  // another library of the process uses it already, and then it does.
+  sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
   return Library<Peer>::Table();
 }

@@ -246,6 +246,21 @@ inline std::vector<SQLCase> SQLCases() {
        "Database has no open indexes|"
        "Cannot make the index 'x.zix': its key has to be a field, such as d.name|"
        "There is no table 'nothing'|Cannot run the query: it is empty|"},
+      {"a copy of a number has its decimals in each record",
+       CreateDatabase("m", "m.dbf", "a number(5.2)") + SetField("m", "a", "1.5") +
+           OnView("dbadd", "m") + SetField("m", "a", "3") + OnView("dbadd", "m") +
+           SetField("m", "a", "-20") + OnView("dbadd", "m") + Go("m", -1) +
+           Op("pushd", {"m", "a"}) + "popg a\n" + ShowGlobal("a") + Skip("m", 1) +
+           Op("pushd", {"m", "a"}) + "popg a\n" + ShowGlobal("a") + Skip("m", 1) +
+           Op("pushd", {"m", "a"}) + "popg a\n" + ShowGlobal("a") + Op("pushd", {"m", "a"}) +
+           "pushi 1\nadd\nout\n",
+       "1.50|3.00|-20.00|-19"},
+      {"what was stored and not written is gone with the record, also in a field that was not read",
+       SetField("t", "name", "gone") + SetField("t", "age", "1") + Skip("t", 1) +
+           Show("t", "name") + Show("t", "age") + SetField("t", "age", "2") + Skip("t", 0) +
+           OnView("dbupdate", "t") + Show("t", "age") + SetField("t", "eof", "5") +
+           Show("t", "eof") + Skip("t", 0) + Show("t", "eof"),
+       "bob|20|20|5|0|"},
   };
 }
 

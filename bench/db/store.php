@@ -1,0 +1,58 @@
+<?php
+// What store.zpa does, as a PHP page would: through PDO with prepared statements, each of them a transaction.
+// usage: php store.php FOLDER RECORDS [DSN], where DSN is that of a PostgreSQL server; without it SQLite is used, with a
+// write-ahead log and without waiting for the disk.
+[, $dir, $n] = $argv;
+$n = (int)$n;
+$rows = $look = [];
+for ($i = 0; $i < $n; $i++) {
+    $rows[] = [$i, sprintf('customer %06d', ($i * 7919 + 12345) % 100003), ($i * 37 % 1000000) / 100,
+               sprintf('%04d%02d%02d', 2020 + $i % 5, 1 + $i % 12, 1 + $i % 28)];
+}
+for ($r = 12345, $i = 0; $i < $n; $i++) {
+    $r = ($r * 1103515245 + 12345) & 0x7FFFFFFF;
+    $look[] = $rows[($r >> 8) % $n][1];
+}
+if (isset($argv[3])) {
+    $db = new PDO($argv[3]);
+    $db->exec('drop table if exists s');
+} else {
+    $db = new PDO("sqlite:$dir/store.db");
+    $db->exec('pragma synchronous=OFF');
+    $db->query('pragma journal_mode=WAL')->fetchAll();
+}
+$db->setAttribute(PDO::ATTR_ERRMODE, PDO::ERRMODE_EXCEPTION);
+$db->exec('create table s(id numeric(10,0), name varchar(30), amount numeric(9,2), d char(8))');
+$db->exec('create index s_name on s(name)');
+$us = [];
+function cpu() { $u = getrusage(); return $u['ru_utime.tv_sec'] + $u['ru_stime.tv_sec'] + ($u['ru_utime.tv_usec'] + $u['ru_stime.tv_usec']) / 1e6; }
+function timed($what, $count, $work) {
+    global $us;
+    [$wall, $cpu] = [microtime(true), cpu()];
+    $result = $work();
+    $us[$what] = [(microtime(true) - $wall) / $count * 1e6, (cpu() - $cpu) / $count * 1e6];
+    return $result;
+}
+timed('insert', $n, function () use ($db, $rows) {
+    $insert = $db->prepare('insert into s values(?,?,?,?)');
+    foreach ($rows as $row) $insert->execute($row);
+});
+$sum = timed('lookup', $n, function () use ($db, $look) {
+    $find = $db->prepare('select id, amount from s where name=?');
+    $sum = 0;
+    foreach ($look as $name) {
+        $find->execute([$name]);
+        $sum += $find->fetch(PDO::FETCH_NUM)[0];
+        $find->closeCursor();
+    }
+    return $sum;
+});
+[$hash, $count] = timed('scan', $n, function () use ($db) {
+    $hash = $count = 0;
+    foreach ($db->query('select id, name, amount, d from s order by name', PDO::FETCH_NUM) as $row) {
+        $hash = ($hash * 31 + $row[0]) % 1000003;
+        $count++;
+    }
+    return [$hash, $count];
+});
+echo json_encode(['n' => $n, 'us' => $us, 'sum' => [$sum, $hash, $count]]), "\n";
