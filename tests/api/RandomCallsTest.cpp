@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "api/zeph.h"
+#include "base/values/Variable.h"
 #include "tests/support/Rounds.h"
 
 namespace {
@@ -37,6 +38,8 @@ class Library {
     for (ZPVARIABLE v : variables) zpVariable_Free(v);
     for (ZPVARIABLELIST list : lists) zpVariableList_Free(list);
     for (ZPVARIABLEHASH hash : hashes) zpVariableHash_Free(hash);
+    // As the host does at the end of a request: what holds itself goes now.
+    Variable::FreeCycles();
   }
   Library(const Library&) = delete;
   Library& operator=(const Library&) = delete;
