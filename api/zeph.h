@@ -17,7 +17,7 @@
 
    1. A text is a pointer and a length in bytes, and may contain NUL bytes; a length of -1 means
       strlen. An argument without a length, and every text of the zeph_ functions, ends at its NUL.
-      The functions of a ZPLINKBUFFER are the exception: there -1 counts as 0.
+      Not for a ZPLINKBUFFER, where -1 counts as 0, nor in zpFile_Write and zpNetwork_Write.
    2. Texts are copied, except where a function says otherwise.
    3. A const text that a function returns belongs to the object and is valid until the object's
       next change or read; *length receives its length in bytes. It may be null if its length is 0.

@@ -10,16 +10,41 @@
 #include <vector>
 
 #include "api/zeph.h"
+#include "base/host/HTTPOutput.h"
+#include "base/systems/unix/UNIXReentrantFile.h"
 #include "tests/api/ProgramFixture.h"
+#include "tests/support/TemporaryDirectory.h"
 
 namespace {
 
 using testing::HasSubstr;
+using testing::StartsWith;
 
 // Lengths of a text of five bytes that are wrong, but not beyond its end.
 const int kWrongLengths[] = {-2, -5, -1000, INT_MIN};
 // Places that no array of a test has.
 const int kWrongPlaces[] = {0, -1, 1000000, INT_MAX, INT_MIN};
+
+// What a client would get.
+class Response : public HTTPOutput {
+ public:
+  Response() : HTTPOutput(64, 1 << 20) {}
+
+  void OutputHeaders() override {
+    for (HTTPOutput_Header* h = headers.First(); h; h = headers.Next()) {
+      ASSERT_GE(h->namelength, 0);
+      ASSERT_GE(h->valuelength, 0);
+      sent += std::string(h->name, static_cast<size_t>(h->namelength)) + ":" +
+              std::string(h->value, static_cast<size_t>(h->valuelength)) + ";";
+    }
+  }
+  int DoWrite(const char* text, int length) override {
+    sent.append(text, static_cast<size_t>(length));
+    return length;
+  }
+
+  std::string sent;
+};
 
 class Misuse : public ProgramFixture {
  protected:
@@ -99,6 +124,65 @@ TEST_F(Misuse, NegativeLengthsAreEmptyTexts) {
       zpProgram_Register_Persistent(program, "right", length, nullptr, nullptr);
     }
   });
+}
+
+// A path of no bytes is refused.
+TEST_F(Misuse, NegativeLengthsAreNoBytesOfAFileAndNoPath) {
+  TemporaryDirectory directory;
+  UNIXReentrantFileManager disk(&application);
+  ASSERT_TRUE(disk.InitializeDataDirectory(directory.path().c_str()));
+  application.SetFileManager(&disk);
+  Inside([](ZPPROGRAM program) {
+    ZPFILE file =
+        zpFile_Open(program, ZPFILE_DATA, "right", -1, ZPFILE_READ | ZPFILE_WRITE | ZPFILE_CREATE);
+    ASSERT_NE(file, nullptr);
+    EXPECT_EQ(zpFile_Write(file, "right", 5), 5);
+    EXPECT_EQ(zpFile_Write(file, "right", -1), -1);
+    zpFile_Seek(file, 0);
+    for (const int length : kWrongLengths) {
+      SCOPED_TRACE(length);
+      char byte = '#';
+      EXPECT_LE(zpFile_Read(file, &byte, length), 0);
+      EXPECT_EQ(byte, '#');
+      EXPECT_LE(zpFile_Write(file, "wrong", length), 0);
+      EXPECT_EQ(zpFile_Tell(file), 0);
+      EXPECT_EQ(zpFile_Seek(file, length), -1);
+      EXPECT_EQ(zpFile_Open(program, ZPFILE_DATA, "right", length, ZPFILE_WRITE), nullptr);
+      EXPECT_EQ(zpFile_IsDirectory(program, ZPFILE_DATA, "right", length), -1);
+      EXPECT_EQ(zpFile_Delete(program, ZPFILE_DATA, "right", length), -1);
+      EXPECT_EQ(zpFile_RemoveDirectory(program, ZPFILE_DATA, "right", length), -1);
+      EXPECT_EQ(zpFile_Copy(program, ZPFILE_DATA, "right", -1, ZPFILE_DATA, "to", length), -1);
+      EXPECT_EQ(zpFile_Rename(program, ZPFILE_DATA, "right", -1, ZPFILE_DATA, "to", length), -1);
+      zpFile_TouchFile(program, ZPFILE_DATA, "right", length);
+      zpFile_Size(program, ZPFILE_DATA, "right", length);
+      zpProgram_Free(program, zpFile_NormalizePath(program, ZPFILE_DATA, "right", length, nullptr));
+      zpFile_Close(zpFile_MakeTemporary(program, ZPFILE_DATA, "right", length, "right", length,
+                                        nullptr, ZPFILE_WRITE | ZPFILE_CREATE));
+    }
+    EXPECT_EQ(zpFile_Length(file), 5);
+    zpFile_Close(file);
+    EXPECT_EQ(zpFile_Exists(program, ZPFILE_DATA, "right", -1), 1);
+  });
+}
+
+TEST_F(Misuse, NegativeLengthsAreNoBytesOfAResponseAndNoName) {
+  Response response;
+  application.SetOutput(&response);
+  Inside(
+      [](ZPPROGRAM program) {
+        for (const int length : kWrongLengths) {
+          SCOPED_TRACE(length);
+          EXPECT_LE(zpProgram_Output(program, "wrong", length), 0);
+          zpProgram_Output_Header(program, "wrong", length, 0, "wrong", length, 0);
+          EXPECT_EQ(zpProgram_Lookup_ExternalFunction(program, "second", length), nullptr);
+          EXPECT_EQ(zpProgram_FatalError(program, "wrong", length), 0);
+        }
+      },
+      0);
+  response.Flush(0);
+  EXPECT_THAT(response.sent, StartsWith(":;Fatal error in "));
+  EXPECT_THAT(response.sent, testing::Not(HasSubstr("wrong")));
+  application.SetOutput(&output);
 }
 
 TEST_F(Misuse, NullTextsAreEmptyWhateverTheirLength) {
