@@ -87,12 +87,17 @@ bool WriteFile(const fs::path& path, const std::string& bytes) {
   return WriteWholeFile(path, bytes) || Report(path, "write");
 }
 
-std::string ForMake(const std::string& path) {
+// A path as make reads it in a rule. A backslash is one by itself, except before what it makes
+// plain.
+std::string ForMake(const std::string& path, bool is_target) {
   std::string escaped;
+  size_t backslashes = 0;
   for (const char c : path) {
-    if (c == ' ' || c == '#' || c == '\\') escaped += '\\';
+    const bool is_special = c == ' ' || c == '#' || c == ':' || (is_target && c == '%');
+    if (is_special) escaped.append(backslashes + 1, '\\');
     if (c == '$') escaped += '$';
     escaped += c;
+    backslashes = c == '\\' ? backslashes + 1 : 0;
   }
   return escaped;
 }
@@ -100,8 +105,8 @@ std::string ForMake(const std::string& path) {
 std::string Dependencies(const std::vector<Page>& pages) {
   std::string text;
   for (const Page& page : pages) {
-    text += ForMake(page.target.string()) + ":";
-    for (const std::string& file : page.files) text += " " + ForMake(file);
+    text += ForMake(page.target.string(), true) + ":";
+    for (const std::string& file : page.files) text.append(" ").append(ForMake(file, false));
     text += "\n";
   }
   return text;

@@ -2,6 +2,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
 
 #include "tests/support/CompiledPages.h"
 
@@ -47,6 +51,34 @@ TEST_F(Zephc, CompilesThePagesOfAFolder) {
   EXPECT_EQ(directory.Content("out/site.d"),
             "out/deep/er/page.zpc: site/deep/er/page.zeph\n"
             "out/index.zpc: site/index.zeph site/parts/_head.zeph site/parts/_inner.zeph\n");
+}
+
+// make itself reads the list of files, with every byte in their names that means something there.
+TEST_F(Zephc, MakeCompilesAgainWhatAChangedFileIsIn) {
+  if (access("/usr/bin/make", X_OK) != 0) GTEST_SKIP() << "/usr/bin/make is not installed";
+  const std::vector<std::string> names = {"plain", "a b", "c#d",  "e$f",
+                                          "g:h",   "i%j", "k\\l", "m\\ n"};
+  for (const std::string& name : names) {
+    directory.File("si te/" + name + "/page.zeph", "<ZpINCLUDE \"_" + name + ".zeph\">");
+    directory.File("si te/" + name + "/_" + name + ".zeph", "x");
+  }
+  ASSERT_EQ(Run({"si te", "-o", "out", "--depend", "site.d"}), 0) << errors;
+  directory.File("Makefile", "include site.d\n%.zpc:\n\t@echo '$@'\n");
+  for (const std::string& name : names) {
+    SCOPED_TRACE(name);
+    std::string target = "out/" + name + "/page.zpc";
+    Command before({"/usr/bin/make", "-s", target});
+    before.directory = directory.path();
+    EXPECT_EQ(before.Run(), 0) << before.errors;
+    EXPECT_EQ(before.output, "");
+    const auto later = std::filesystem::file_time_type::clock::now() + std::chrono::hours(1);
+    std::filesystem::last_write_time(directory.path("si te/" + name + "/_" + name + ".zeph"),
+                                     later);
+    Command after({"/usr/bin/make", "-s", target});
+    after.directory = directory.path();
+    EXPECT_EQ(after.Run(), 0) << after.errors;
+    EXPECT_EQ(after.output, target + "\n");
+  }
 }
 
 TEST_F(Zephc, FindsIncludedFilesInOtherFolders) {
