@@ -16,13 +16,17 @@
 namespace fs = std::filesystem;
 
 bool IsStaticFile(const std::string& name) {
-  static const char* const own[] = {".zeph", ".zpa", ".zpc", ".functions"};
+  // The later ones are copies that editors and other tools leave beside a source.
+  static const char* const own[] = {".zeph", ".zpa",  ".zpc", ".functions",
+                                    ".bak",  ".orig", ".rej", ".swp"};
   std::string lower = name;
   for (char& c : lower) c = static_cast<char>(zp_tolower(static_cast<unsigned char>(c)));
   const fs::path path = lower;
   if (lower == "readme.md" || path.filename() == settings_name) return false;
-  if (std::any_of(path.begin(), path.end(),
-                  [](const fs::path& part) { return part.string()[0] == '.'; })) {
+  if (lower.back() == '~') return false;
+  if (std::any_of(path.begin(), path.end(), [](const fs::path& part) {
+        return part.string()[0] == '.' || part.string()[0] == '#';
+      })) {
     return false;
   }
   return std::none_of(std::begin(own), std::end(own),

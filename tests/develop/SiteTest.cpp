@@ -162,7 +162,8 @@ TEST(Site, StaticFilesAreNeitherSourcesNorTheMakers) {
   }
   for (const char* name :
        {"index.zeph", "_a.zeph", "A.ZEPH", "a.zpa", "a.zpc", "zeph.toml", "deep/zeph.toml",
-        "README.md", ".hidden", ".git/config", "a/.b/c.css", "lib/own.functions"}) {
+        "README.md", ".hidden", ".git/config", "a/.b/c.css", "lib/own.functions", "a.zeph~",
+        "#a.zeph#", "a.zeph.bak", "b/a.zeph.orig", "a.rej", "a.zeph.SWP", "#x/a.css"}) {
     EXPECT_FALSE(IsStaticFile(name)) << name;
   }
 }

@@ -158,6 +158,9 @@ TEST_F(SlowDevelop, SourcesAndSettingsAreNeverSent) {
   Write("deep/zeph.toml", "# secret");
   Write(".git/config", "secret");
   Write("old.zpa", "; secret");
+  for (const char* copy : {"index.zeph~", "#index.zeph#", "index.zeph.bak", "index.zeph.ORIG"}) {
+    Write(copy, "secret");
+  }
   Start();
   for (const char* path : {"/index.zeph",
                            "/INDEX.ZEPH",
@@ -187,7 +190,12 @@ TEST_F(SlowDevelop, SourcesAndSettingsAreNeverSent) {
                            "/page.html/../index.zeph",
                            "/..%2f..%2fsite/index.zeph",
                            "/-zeph/../index.zeph",
-                           "/-zeph/reload.js/../../index.zeph"}) {
+                           "/-zeph/reload.js/../../index.zeph",
+                           "/index.zeph~",
+                           "/%23index.zeph%23",
+                           "/index.zeph.bak",
+                           "/index.zeph.ORIG",
+                           "/index.zeph~/"}) {
     SCOPED_TRACE(path);
     EXPECT_THAT(Status(path), Not(StartsWith("200 ")));
     EXPECT_THAT(Curl(path), Not(HasSubstr("secret")));
