@@ -30,8 +30,9 @@ struct SiteFolders {
 };
 
 // Reads DIR/zeph.toml. Without the file the site has the standard library, if there is one, and the
-// built-in settings. A library is looked for at its path, which may begin at the site, and then where
-// the places say: the path may be the one on a server. Problems are left in the result, with all that could be read.
+// built-in settings. A library is looked for at its path, which may begin at the site, and then
+// where the places say: the path may be the one on a server. Problems are left in the result, with
+// all that could be read.
 SiteSettings ReadSettings(const std::filesystem::path& root, const SiteFolders& folders,
                           const Places& places);
 
