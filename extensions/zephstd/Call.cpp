@@ -14,7 +14,8 @@ namespace zephstd {
 std::string_view TextOf(ZPVARIABLE variable) {
   int length = 0;
   const char* const text = zpVariable_Value(variable, &length);
-  return length > 0 ? std::string_view(text, static_cast<size_t>(length)) : std::string_view();
+  // Never null, which functions of C do not take even with a length of 0.
+  return length > 0 ? std::string_view(text, static_cast<size_t>(length)) : std::string_view("");
 }
 
 long long WholePart(double value) {

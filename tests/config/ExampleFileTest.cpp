@@ -70,7 +70,7 @@ TEST(ExampleFile, ShowsEverySection) {
   EXPECT_EQ(snapshot.error_settings, ShippedErrorSettings());
   EXPECT_EQ(snapshot.system_variables.size(), 1u);
   EXPECT_EQ(snapshot.global_variables.size(), 1u);
-  EXPECT_EQ(snapshot.libraries.size(), 2u);
+  EXPECT_EQ(snapshot.libraries.size(), 3u);
   EXPECT_EQ(snapshot.scripts.size(), 1u);
 }
 

@@ -93,4 +93,30 @@ TEST(Install, ZephRunsFromWhereItIsInstalled) {
   EXPECT_THAT(run.output, testing::HasSubstr("<h2>Hello, Ann!</h2>"));
 }
 
+TEST(Install, PagesFindTheStandardLibrary) {
+  TemporaryDirectory directory;
+  for (const char* component : {"development", "extensions"}) {
+    Command install({"/usr/bin/env", "cmake", "--install", InBuild(""), "--component", component,
+                     "--prefix", directory.path()});
+    ASSERT_EQ(install.Run(), 0) << install.errors;
+  }
+  const auto variable = [&](const std::string& name) {
+    Command command({"/usr/bin/env", "pkg-config", "--variable=" + name, "zeph"});
+    command.environment["PKG_CONFIG_PATH"] = directory.path("share/pkgconfig");
+    EXPECT_EQ(command.Run(), 0) << command.errors;
+    return command.output.substr(0, command.output.find('\n'));
+  };
+  const std::string page = directory.File("page.zeph", "{{ upper(\"<tea>\") }}");
+  Command compile({InBuild("bin/zephc"), "--functions",
+                   variable("functiondir") + "/zephstd.functions", page, "-o",
+                   directory.path("page.zpc")});
+  ASSERT_EQ(compile.Run(), 0) << compile.errors;
+  directory.File("zeph.toml", "[[library]]\nkind = \"builtin\"\npath = \"" +
+                                  variable("extensiondir") + "/zephstd.so\"\n");
+  Command run(
+      {InBuild("bin/zprun"), "--config", directory.path("zeph.toml"), directory.path("page.zpc")});
+  EXPECT_EQ(run.Run(), 0) << run.errors;
+  EXPECT_EQ(run.output, "&lt;TEA&gt;");
+}
+
 }  // namespace

@@ -45,10 +45,11 @@ class Library : public testing::Test {
       zpProgram_Free(program(), error);
       return "?" + text;
     }
-    ZPVARIABLE const result = zpVariable_Allocate(nullptr, 0, nullptr, 0);
-    zpProgram_Execute_Dynamic_Expression(program(), compiled, result);
-    const std::string text = TextOf(result);
-    zpVariable_Free(result);
+    // Freed also if memory runs out, which is an exception.
+    const std::unique_ptr<::Variable, decltype(&zpVariable_Free)> result(
+        zpVariable_Allocate(nullptr, 0, nullptr, 0), &zpVariable_Free);
+    zpProgram_Execute_Dynamic_Expression(program(), compiled, result.get());
+    const std::string text = TextOf(result.get());
     if (machine->Error().empty()) return text;
     const std::string failure = machine->Failure();
     Restart();
