@@ -46,6 +46,14 @@ struct Index {
   bool descending = false;
 };
 
+// A value where a row has it. The text is valid until the next move.
+struct Cell {
+  Kind kind = Kind::Null;
+  int64_t integer = 0;
+  double real = 0;
+  std::string_view text;
+};
+
 // The rows of a query. At first none is current; a failure leaves none. Columns count from 0.
 class Rows {
  public:
@@ -66,6 +74,13 @@ class Rows {
   virtual double Real(int column) = 0;
   // Of a Text or Blob; valid until the next move.
   virtual std::string_view Text(int column) = 0;
+  // All of that at once.
+  virtual void Read(int column, Cell* cell) {
+    cell->kind = kind(column);
+    if (cell->kind == Kind::Integer) cell->integer = Integer(column);
+    if (cell->kind == Kind::Real) cell->real = Real(column);
+    if (cell->kind == Kind::Text || cell->kind == Kind::Blob) cell->text = Text(column);
+  }
   // The connection is going to change something: locks and memory of the database are given back
   // for the time being. The current row stays.
   virtual void Park() = 0;
@@ -73,15 +88,14 @@ class Rows {
   virtual void Done() = 0;
 
   void Get(int column, Value* value) {
-    switch (kind(column)) {
-      case Kind::Null: value->SetNull(); break;
-      case Kind::Integer: value->SetInteger(Integer(column)); break;
-      case Kind::Real: value->SetReal(Real(column)); break;
-      case Kind::Text: value->SetText(Text(column)); break;
-      case Kind::Blob:
-        value->text.assign(Text(column));
-        value->kind = Kind::Blob;
-        break;
+    Cell cell;
+    Read(column, &cell);
+    value->kind = cell.kind;
+    switch (cell.kind) {
+      case Kind::Null: break;
+      case Kind::Integer: value->integer = cell.integer; break;
+      case Kind::Real: value->real = cell.real; break;
+      default: value->text.assign(cell.text); break;
     }
   }
 };

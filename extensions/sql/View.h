@@ -446,7 +446,7 @@ class View {
  private:
   enum class Row { None, Live, Loaded, Unloaded };
   static constexpr int kLongestText = 0x7FFFFFFF - 1;
-  static constexpr int kShortText = 256;  // bytes
+  static constexpr size_t kShortText = 256;  // bytes
   static constexpr int kLargestBlock = 512;
 
   int Fail(std::string text) {
@@ -500,23 +500,44 @@ class View {
   // Returns whether the field has a value afterwards.
   bool PassOn(Field* field) {
     ZPVARIABLE variable = AsVariable(field->handle);
-    int number;
-    char* text;
-    int length;
-    const bool at_hand = row == Row::Live || (field->column < 0 && field->column != kRecords);
     bool has_value = true;
-    // Numbers with decimals are texts with all of them.
-    const bool is_text = field->column >= 0 && table.columns[Place(field->column)].decimal;
-    if (at_hand && !is_text && GetInteger(field->column, &number)) {
+    int number;
+    if (field->column >= 0) {
+      has_value = row == Row::Live && PassOnColumn(variable, field->column);
+    } else if (field->column != kRecords && GetInteger(field->column, &number)) {
       zpVariable_SetValue_Integer(variable, number);
-    } else if (at_hand && GetText(field->column, &text, &length) && length <= kShortText) {
-      zpVariable_SetValue(variable, text, length);
     } else {
-      zpVariable_SetValue_Variable(variable, no_value);
       has_value = false;
     }
+    if (!has_value) zpVariable_SetValue_Variable(variable, no_value);
     zpDatabaseVariable_SetDirty(field->handle, 0);
     return has_value;
+  }
+  // In the form that GetText and GetInteger give. REQUIRES: the row is Live.
+  bool PassOnColumn(ZPVARIABLE variable, int column) {
+    const Column& of = table.columns[Place(column)];
+    Cell cell;
+    rows->Read(InRows(column), &cell);
+    std::string_view text = cell.text;
+    switch (cell.kind) {
+      case Kind::Integer:
+        if (of.decimal || of.boolean || cell.integer != static_cast<int>(cell.integer))
+          return false;
+        zpVariable_SetValue_Integer(variable, static_cast<int>(cell.integer));
+        return true;
+      case Kind::Real:
+        if (!of.decimal) return false;
+        SetRealText(cell.real, of.decimals, &scratch.text);
+        text = scratch.text;
+        break;
+      case Kind::Text:
+        if (of.boolean) return false;
+        break;
+      default: return false;
+    }
+    if (text.size() > kShortText) return false;
+    zpVariable_SetValue(variable, text.data(), static_cast<int>(text.size()));
+    return true;
   }
 
   Kind KindOf(int column) {

@@ -127,30 +127,29 @@ class Statement final : public Rows {
     return described;
   }
   Kind kind(int column) override {
-    if (is_parked) return kept[static_cast<size_t>(column)].kind;
-    switch (sqlite3_column_type(prepared, column)) {
-      case SQLITE_INTEGER: return Kind::Integer;
-      case SQLITE_FLOAT: return Kind::Real;
-      case SQLITE_TEXT: return Kind::Text;
-      case SQLITE_BLOB: return Kind::Blob;
-      default: return Kind::Null;
-    }
+    return is_parked ? kept[static_cast<size_t>(column)].kind : KindOf(Current(column));
   }
   int64_t Integer(int column) override {
     return is_parked ? kept[static_cast<size_t>(column)].integer
-                     : sqlite3_column_int64(prepared, column);
+                     : sqlite3_value_int64(Current(column));
   }
   double Real(int column) override {
     return is_parked ? kept[static_cast<size_t>(column)].real
-                     : sqlite3_column_double(prepared, column);
+                     : sqlite3_value_double(Current(column));
   }
   std::string_view Text(int column) override {
-    if (is_parked) return kept[static_cast<size_t>(column)].text;
-    const void* const bytes = sqlite3_column_blob(prepared, column);
-    const int length = sqlite3_column_bytes(prepared, column);
-    // Without memory for a text there is none.
-    if (!bytes && length > 0) throw std::bad_alloc();
-    return {static_cast<const char*>(bytes), static_cast<size_t>(bytes ? length : 0)};
+    return is_parked ? kept[static_cast<size_t>(column)].text : TextOf(Current(column));
+  }
+  void Read(int column, Cell* cell) override {
+    if (is_parked) return Rows::Read(column, cell);
+    sqlite3_value* const value = Current(column);
+    cell->kind = KindOf(value);
+    switch (cell->kind) {
+      case Kind::Null: break;
+      case Kind::Integer: cell->integer = sqlite3_value_int64(value); break;
+      case Kind::Real: cell->real = sqlite3_value_double(value); break;
+      default: cell->text = TextOf(value); break;
+    }
   }
   void Park() override;
   void Done() override;
@@ -160,6 +159,25 @@ class Statement final : public Rows {
 
  private:
   bool Restart();
+  // The value itself is read with fewer checks than the column. It is not protected from other
+  // threads, but a connection has only one.
+  sqlite3_value* Current(int column) { return sqlite3_column_value(prepared, column); }
+  static Kind KindOf(sqlite3_value* value) {
+    switch (sqlite3_value_type(value)) {
+      case SQLITE_INTEGER: return Kind::Integer;
+      case SQLITE_FLOAT: return Kind::Real;
+      case SQLITE_TEXT: return Kind::Text;
+      case SQLITE_BLOB: return Kind::Blob;
+      default: return Kind::Null;
+    }
+  }
+  static std::string_view TextOf(sqlite3_value* value) {
+    const void* const bytes = sqlite3_value_blob(value);
+    const int length = sqlite3_value_bytes(value);
+    // Without memory for a text there is none.
+    if (!bytes && length > 0) throw std::bad_alloc();
+    return {static_cast<const char*>(bytes), static_cast<size_t>(bytes ? length : 0)};
+  }
 
   SQLite* const connection;
   sqlite3_stmt* const prepared;
