@@ -197,25 +197,6 @@ TEST_F(PostgreSQL, ARestartDuringARequestLosesOnlyATransaction) {
       "Cannot commit: the connection was lost in the transaction||21|");
 }
 
-TEST_F(PostgreSQL, AServerThatStallsHoldsNeitherAScriptNorTheShutdown) {
-  Page(PersonsScript());
-  engine.arguments = {"-t", "2"};
-  engine.settings = "timeout_global = 2\n" + engine.settings.substr(engine.settings.find('\n') + 1);
-  EXPECT_EQ(Served("page.zpc", OpenDatabase("t", "t.dbf") + Show("t", "name")), "ann|");
-  cluster->Freeze();
-  EXPECT_THAT(engine.Get("/page.zpc").Body(), HasSubstr("timed out"));
-  FastCGIClient waiting;
-  ASSERT_TRUE(waiting.Connect(engine.socket()));
-  waiting.Begin();
-  waiting.Parameters(engine.Parameters("/page.zpc"));
-  waiting.EndParameters();
-  waiting.EndInput();
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  engine.Signal(SIGTERM);
-  EXPECT_EQ(engine.Wait(std::chrono::milliseconds(20000)), 0);
-  cluster->Thaw();
-}
-
 TEST_F(PostgreSQL, APasswordIsNeverShown) {
   for (const char* text :
        {"host=/nowhere user=zeph password=hunter2", "password=hunter2 hunter2",
@@ -232,6 +213,28 @@ TEST_F(PostgreSQL, AConnectionMayBeNamedInTheScript) {
   EXPECT_EQ(Page(Op("dbopen1", {"t", cluster->Connection(), "", "postgres", "", "", "t"}) +
                  ShowError("OPEN") + Show("t", "name")),
             "|ann|");
+}
+
+// It waits for heartbeats.
+class SlowPostgreSQL : public PostgreSQL {};
+
+TEST_F(SlowPostgreSQL, AServerThatStallsHoldsNeitherAScriptNorTheShutdown) {
+  Page(PersonsScript());
+  engine.arguments = {"-t", "2"};
+  engine.settings = "timeout_global = 2\n" + engine.settings.substr(engine.settings.find('\n') + 1);
+  EXPECT_EQ(Served("page.zpc", OpenDatabase("t", "t.dbf") + Show("t", "name")), "ann|");
+  cluster->Freeze();
+  EXPECT_THAT(engine.Get("/page.zpc").Body(), HasSubstr("timed out"));
+  FastCGIClient waiting;
+  ASSERT_TRUE(waiting.Connect(engine.socket()));
+  waiting.Begin();
+  waiting.Parameters(engine.Parameters("/page.zpc"));
+  waiting.EndParameters();
+  waiting.EndInput();
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  engine.Signal(SIGTERM);
+  EXPECT_EQ(engine.Wait(std::chrono::milliseconds(20000)), 0);
+  cluster->Thaw();
 }
 
 }  // namespace
