@@ -391,9 +391,9 @@ void type(Call& call) {
   static constexpr std::string_view kNames[] = {"",     "integer",   "number",
                                                 "text", "structure", "array"};
   const int code = zpVariable_Type(call.variable(0));
-  // A field of a database says nothing before it is read.
-  const bool empty = code <= 0 && TextOf(call.variable(0)).empty();
-  call.Return(code > 0 && code < 6 ? kNames[code] : empty ? kNames[0] : kNames[3]);
+  if (code > 0 && code < 6) return call.Return(kNames[code]);
+  // A field of a database has no type before it is read.
+  call.Return(TextOf(call.variable(0)).empty() ? kNames[0] : kNames[3]);
 }
 
 void reverse(Call& call) {

@@ -189,7 +189,7 @@ size_t ReadEscape(std::string_view text, int* code) {
     case '/':
     case '"':
     case '\'':
-    case '`': *code = text[0]; return 1;
+    case '`': *code = static_cast<unsigned char>(text[0]); return 1;
     case 'x': *code = ReadHex(text.substr(1), 2); return *code < 0 ? 0 : 3;
     case 'u': break;
     default: return 0;

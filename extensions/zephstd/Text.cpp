@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "extensions/zephstd/Call.h"
 #include "extensions/zephstd/Compare.h"
@@ -17,6 +18,25 @@ namespace {
 
 using Position = size_t;
 constexpr Position kNowhere = std::string_view::npos;
+
+// Where a text is in another, from a byte on. The C library's search takes a time that grows with
+// the sum of both lengths, that of string_view with their product: a visitor may send both.
+Position Find(std::string_view text, std::string_view find, Position from = 0) {
+  if (from > text.size()) return kNowhere;
+  const void* const found =
+      memmem(text.data() + from, text.size() - from, find.data(), find.size());
+  return found == nullptr ? kNowhere
+                          : static_cast<Position>(static_cast<const char*>(found) - text.data());
+}
+
+Position FindLast(std::string_view text, std::string_view find) {
+  constexpr size_t kFew = 64;
+  if (find.size() <= kFew) return text.rfind(find);
+  // The first one of the text turned round.
+  const std::string turned(text.rbegin(), text.rend()), wanted(find.rbegin(), find.rend());
+  const Position found = Find(turned, wanted);
+  return found == kNowhere ? kNowhere : text.size() - found - find.size();
+}
 
 // Calls each(bytes, code) for the characters, in their order.
 template <class Each>
@@ -127,7 +147,7 @@ void Replace(Call& call, size_t most) {
   Builder to(call);
   Position begin = 0;
   for (size_t n = 0; n < most && !find.empty() && !call.failed(); n++) {
-    const Position found = text.find(find, begin);
+    const Position found = Find(text, find, begin);
     if (found == kNowhere) break;
     to.Add(text.substr(begin, found - begin));
     to.Add(with);
@@ -164,6 +184,12 @@ void Pad(Call& call, int parts_before, int parts) {
 
 // The character at the end of a shortened text.
 constexpr std::string_view kEllipsis = "\xE2\x80\xA6";
+
+// A larger text would take four times as much memory on the way, which no limit of the run counts.
+bool IsMappable(Call& call) {
+  constexpr size_t kMostMapped = 4 << 20;
+  return call.text(0).size() <= kMostMapped || call.Fail(0, "is larger than 4 MB");
+}
 
 // A text in one of the normal forms; null if it is no UTF-8 or there is no memory. The caller frees
 // it.
@@ -216,19 +242,19 @@ void right(Call& call) {
 void position(Call& call) {
   const std::string_view text = call.text(0);
   const std::string_view rest = Part(text, call.given(2) ? call.integer(2) : 1, 0, false);
-  const Position found = rest.find(call.text(1));
+  const Position found = Find(rest, call.text(1));
   if (found == kNowhere) return call.ReturnInteger(0);
   const size_t before = static_cast<size_t>(rest.data() - text.data()) + found;
   call.ReturnInteger(CountCharacters(text.substr(0, before)) + 1);
 }
 
 void lastposition(Call& call) {
-  const Position found = call.text(0).rfind(call.text(1));
+  const Position found = FindLast(call.text(0), call.text(1));
   call.ReturnInteger(found == kNowhere ? 0 : CountCharacters(call.text(0).substr(0, found)) + 1);
 }
 
 void contains(Call& call) {
-  call.ReturnInteger(call.text(0).find(call.text(1)) != kNowhere);
+  call.ReturnInteger(Find(call.text(0), call.text(1)) != kNowhere);
 }
 
 void starts(Call& call) {
@@ -242,7 +268,7 @@ void ends(Call& call) {
 void occurrences(Call& call) {
   const std::string_view text = call.text(0), find = call.text(1);
   long long count = 0;
-  for (Position at = 0; !find.empty() && (at = text.find(find, at)) != kNowhere;
+  for (Position at = 0; !find.empty() && (at = Find(text, find, at)) != kNowhere;
        at += find.size()) {
     count++;
   }
@@ -271,7 +297,7 @@ void split(Call& call) {
     return;
   }
   while (!call.failed()) {
-    const Position found = text.find(separator);
+    const Position found = Find(text, separator);
     parts.Add(text.substr(0, found));
     if (found == kNowhere) break;
     text.remove_prefix(found + separator.size());
@@ -453,6 +479,7 @@ void shorten(Call& call) {
 }
 
 void slugify(Call& call) {
+  if (!IsMappable(call)) return;
   const std::string_view text = call.text(0);
   long long length = 0;
   // Accents become characters of their own, which are then left out.
@@ -492,6 +519,7 @@ void cleanutf8(Call& call) {
 }
 
 void normalise(Call& call) {
+  if (!IsMappable(call)) return;
   long long length = 0;
   const Mapped composed = Map(call.text(0), UTF8PROC_STABLE | UTF8PROC_COMPOSE, &length);
   if (!composed) return call.Return(call.text(0));

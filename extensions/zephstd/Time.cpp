@@ -369,7 +369,7 @@ bool TimeOf(const Reader& reader, const Zone& zone, long long* seconds) {
 long long AddMonths(const Local& from, long long months, const Zone& zone) {
   Fields fields = from.fields;
   // More than there are in all years are too many, whatever their number.
-  constexpr long long kMostMonths = 12 * 20000;
+  constexpr long long kMostMonths = 12LL * 20000;
   const long long month =
       fields.year * 12 + fields.month - 1 + std::clamp(months, -kMostMonths, kMostMonths);
   fields.year = FloorDivide(month, 12);

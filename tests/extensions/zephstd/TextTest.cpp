@@ -278,6 +278,25 @@ TEST_F(StdText, TextsAreCompared) {
   EXPECT_VALUES(cases);
 }
 
+// A search takes time that grows with the sum of the lengths, not with their product: a product
+// would be a hundred thousand million steps here.
+TEST_F(StdText, LongTextsAreSearchedInTime) {
+  const ValueCase cases[] = {
+      {"position(repeat('a', 1000000), repeat('a', 500000) $ 'b', '')", "0"},
+      {"position(repeat('a', 1000000), 'b' $ repeat('a', 500000), '')", "0"},
+      {"lastposition(repeat('a', 1000000), 'b' $ repeat('a', 500000))", "0"},
+      {"lastposition(repeat('a', 1000000), repeat('a', 500000) $ 'b')", "0"},
+      {"lastposition('xx' $ repeat('ab', 100) $ 'x', repeat('ab', 50))", "103"},
+      {"bytes(replace(repeat('a', 1000000), repeat('a', 500000), 'b'))", "2"},
+      {"occurrences(repeat('a', 1000000), repeat('a', 300000) $ 'b')", "0"},
+      {"contains(repeat('a', 1000000), repeat('a', 500000) $ 'b')", "0"},
+      {"bytes(normalise(repeat('a', 4194304)))", "4194304"},
+      {"normalise(repeat('a', 4194305))", "!normalise: 'text' is larger than 4 MB"},
+      {"slugify(repeat('a', 4194305))", "!slugify: 'text' is larger than 4 MB"},
+  };
+  EXPECT_VALUES(cases);
+}
+
 // Texts of random bytes: the parts of a text are the text again.
 TEST_F(StdText, NoByteIsLost) {
   unsigned state = 1;
