@@ -243,8 +243,8 @@ class Matcher {
   // A group of the match, 0 for all of it; empty if it has no part in it.
   std::string_view Group(uint32_t i) const {
     const size_t* const places = pcre2_get_ovector_pointer(pattern->data.get());
-    if (places[2 * i] == PCRE2_UNSET || places[2 * i] > places[2 * i + 1]) return "";
-    return text.substr(places[2 * i], places[2 * i + 1] - places[2 * i]);
+    const size_t from = places[2 * size_t{i}], to = places[2 * size_t{i} + 1];
+    return from == PCRE2_UNSET || from > to ? "" : text.substr(from, to - from);
   }
   // The number of a named group, or -1.
   int NumberOf(const std::string& name) const {
