@@ -104,7 +104,7 @@ pcre2_match_context* PatternCache::limits() {
   return context.get();
 }
 
-// Options stand before the pattern, as "(?i)" does, so they are part of its text.
+// Options such as "(?i)" are in the pattern, so its text is all that the cache has to compare.
 std::unique_ptr<pcre2_code, FreeCode> Compile(std::string_view text, std::string* problem) {
   if (text.size() > kMostPatternBytes) {
     *problem = "the pattern has more than 16 KB";

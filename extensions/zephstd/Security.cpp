@@ -16,8 +16,8 @@ namespace {
 
 constexpr long long kMostRandom = 1024;
 constexpr size_t kMostPassword = 1024;
-// A stored hash says how much work it is to verify it. More than this would be an attack by whoever
-// can write it.
+// A stored hash says how much work it is to verify it. A hash that says more than this was not made
+// by a site that wants to go on serving.
 constexpr int kMostMemory = 1 << 20;  // in KB
 constexpr int kMostRounds = 64;
 

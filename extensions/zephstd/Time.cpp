@@ -100,7 +100,7 @@ void AddOffset(Builder* to, int offset, bool colon) {
   }
 }
 
-// What a letter after % stands for; empty for one that is not of this kind.
+// The longer pattern that a letter after % means; empty for one that is not of this kind.
 std::string_view Expansion(char c) {
   switch (c) {
     case 'F': return "%Y-%m-%d";
