@@ -524,6 +524,9 @@ class View {
         if (of.decimal || of.boolean || cell.integer != static_cast<int>(cell.integer))
           return false;
         zpVariable_SetValue_Integer(variable, static_cast<int>(cell.integer));
+        // Scripts calculate with doubles. The field makes its own as long as it is dirty; later it
+        // would ask for one.
+        (void)zpVariable_Value_Double(variable);
         return true;
       case Kind::Real:
         if (!of.decimal) return false;
