@@ -133,7 +133,6 @@ void VariableHash::RenewVariables() {
 }
 
 void VariableHash::ReleaseEntries() {
-  const ReleaseGroup group;
   for (int i = 0; i < entry_count; i++) {
     if (entries[i].variable) entries[i].variable->Release();
   }
@@ -149,7 +148,6 @@ void VariableHash::ReleaseIndex() {
 void VariableHash::Dump() {
   // Dump is not virtual, so late system variables are dropped here, with the others.
   if (auto* system = dynamic_cast<SystemVariableHash*>(this)) system->ForgetLateVariables();
-  const ReleaseGroup group;
   for (int i = 0; i < entry_count; i++) {
     Variable* variable = entries[i].variable;
     entries[i].variable = nullptr;
@@ -352,8 +350,14 @@ void VariableHash::SetVariable_Reference(int position, Variable* variable) {
   if (static_cast<unsigned>(position) >= static_cast<unsigned>(entry_count)) return;
   Variable* old = entries[position].variable;
   if (!variable || old == variable) return;
+  if (old && old->IsAsleep()) {
+    old->Begin(variable);
+    return;
+  }
   if (SharedName* shared = NameForTwins(position)) {
-    entries[position].variable = new ReferenceVariable(shared, variable);
+    // A variable that begins as a reference, instead of a ReferenceVariable: it can be renewed.
+    entries[position].variable = new Variable(shared);
+    entries[position].variable->Begin(variable);
   } else {
     int length;
     const char* name = EntryName(position, &length);

@@ -417,6 +417,18 @@ int ZephApplication::stoi(const char* text, int length, int* error) {
   return static_cast<int>(negative ? 0u - result : result);
 }
 
+// After white space and a sign, strtod reads what begins with a digit, a point, "inf" or "nan".
+bool ZephApplication::MayBeNumber(const char* text, int length) {
+  if (length < 1) return true;
+  const auto first = static_cast<unsigned char>(text[0]);
+  const int letter = first | 0x20;
+  if (letter == 'i' || letter == 'n') {
+    return length > 2 && (text[1] | 0x20) == (letter == 'i' ? 'n' : 'a');
+  }
+  return first <= '9' && (first >= '0' || first == '.' || first == '+' || first == '-' ||
+                          first == ' ' || (first >= '\t' && first <= '\r'));
+}
+
 double ZephApplication::stod(const char* text, int length, int size, int* error) {
   int ignored;
   if (!error) error = &ignored;
@@ -434,6 +446,10 @@ double ZephApplication::stod(const char* text, int length, int size, int* error)
     double value = 0.0;
     const auto result = std::from_chars(text, text + length, value);
     if (result.ec == std::errc() && result.ptr == text + length) return value;
+  }
+  if (!MayBeNumber(text, length)) {
+    *error = 1;
+    return 0.0;
   }
   return PlainToDouble(text, length, size, error);
 }

@@ -212,6 +212,9 @@ class ZephApplication {
   static char* dtos(double value, int* length, int* size, int precision);
   static int stoi(const char* text, int length, int* error);
   static double stod(const char* text, int length, int size, int* error);
+  // Whether stod may find a number in the text, to judge by its first two bytes. If not, stod
+  // returns 0.0 with an error.
+  static bool MayBeNumber(const char* text, int length);
   static char* EncodeAttribute(const char* text, int textlength, int* length, int* size);
   static char* DecodeAttribute(const char* text, int textlength, int* length, int* size);
   static char* EncodeEntities(const char* text, int textlength, int* length, int* size);

@@ -55,7 +55,6 @@ void FeatureStack::Delete(Feature* feature) {
 }
 
 void FeatureStack::DeleteAll() {
-  const ReleaseGroup group;
   while (newest) {
     Feature* const feature = newest;
     if (feature == top) TakeTop();

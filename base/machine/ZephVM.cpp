@@ -140,7 +140,6 @@ void ZephVM::EndLibraryData() {
 // the variables of each may refer to those of the one below. The group keeps the time for releasing
 // such chains linear.
 void ZephVM::DeleteFrames(ZephVM_Frame* kept) {
-  const ReleaseGroup group;
   while (frame != kept) {
     ZephVM_Frame* previous = frame->previous;
     delete frame;

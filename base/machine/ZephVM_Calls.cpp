@@ -361,7 +361,6 @@ ZephVM::NestedRun::~NestedRun() {
 }
 
 void ZephVM::NestedRun::LeaveFrames() {
-  const ReleaseGroup group;
   while (vm->frame != outer) {
     std::unique_ptr<ZephVM_Frame> left(vm->frame);
     vm->frame = left->previous ? left->previous : outer;

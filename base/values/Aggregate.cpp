@@ -223,6 +223,14 @@ void AggregateElementTree::ExpectCopyOf(AggregateElementTree* source) {
   entries = dense.count();
 }
 
+bool AggregateElementTree::CopyNumbers(AggregateElementTree* source) {
+  if (!source->dense.HasOnlyNumbers()) return false;
+  dense.BecomeCopyOf(&source->dense);
+  dense.TakeNumbers(source->dense);
+  entries = dense.count();
+  return true;
+}
+
 Variable* AggregateElementTree::InsertCopy(const Row& source) {
   if (dense.count() > 0) {
     auto* variable = new Variable();

@@ -109,7 +109,7 @@ class AggregateElement {
 
 // The elements of one variable, which owns them. All keys are of one kind.
 //
-// An array whose positions have no gap, starting at 1 or 0, is a row of variables (DenseElements).
+// An array whose positions have no gap is a row of variables (DenseElements).
 // An operation that the row does not support turns it into the tree for good: a key that leaves a
 // gap, removing an element that is not the last, inserting before others, and any access to an
 // AggregateElement.
@@ -147,6 +147,15 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   bool ReadNumber(int position, double* number) {
     const DenseSlot* slot = dense.SlotAt(position);
     if (!slot || !NumberIn(*slot, number)) return false;
+    dense.Search(position);
+    return true;
+  }
+  // Finds an element of a row that is only a number, by a search. Returns false and makes no search
+  // for others.
+  bool FindBare(int position, DenseSlot* found) {
+    const DenseSlot* slot = dense.SlotAt(position);
+    if (!slot || slot->IsVariable()) return false;
+    *found = *slot;
     dense.Search(position);
     return true;
   }
@@ -219,6 +228,9 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   // borrowed.
   void ExpectCopyOf(AggregateElementTree* source);
   Variable* InsertCopy(const Row& source);
+  // Makes this empty tree the copy of a row that has only numbers. Returns false and does nothing
+  // for others.
+  bool CopyNumbers(AggregateElementTree* source);
 
   // --- By element ------------------------------------------------------------------------------
   // The operations of the base class, on the tree; where scripts use them, the comparison is
@@ -311,6 +323,11 @@ inline Variable* Variable::Member(const char* name, int length, int create) {
 inline bool Variable::ReadElement(int position, double* number) {
   return IsPlain() && aggregate == AggregateArray && elements->IsRow() &&
          elements->ReadNumber(position, number);
+}
+
+inline bool Variable::FindBare(int position, DenseSlot* slot) {
+  return IsPlain() && aggregate == AggregateArray && elements->IsRow() &&
+         elements->FindBare(position, slot);
 }
 
 template <typename Number>

@@ -107,7 +107,7 @@ void DenseElements::TouchElsewhere(int rank) {
   const int difference = rank - top;
   if (difference == 1 || difference == -1) {
     if (step != difference) {
-      if (step != 0) CloseRun();
+      if (step != 0 && !CloseRun()) return Touch(rank);
       StartRun(top);
       step = difference;
       if (run_first == 1 && step == 1) goal = count_;
@@ -121,7 +121,7 @@ void DenseElements::TouchElsewhere(int rank) {
     }
     return;
   }
-  CloseRun();
+  if (!CloseRun() && rank == top) return;
   StartRun(rank);
   top = rank;
   unnoted = true;
@@ -136,29 +136,41 @@ void DenseElements::StartRun(int rank) {
 void DenseElements::BecomeChain(bool is_falling) {
   falling = is_falling;
   chain_count = count_;
-  history.reset();
+  ForgetHistory();
   StandAt(falling ? count_ : 1);
 }
 
-void DenseElements::CloseRun() {
-  if (run_first != top || unnoted) Note(run_first, top);
+// Keeps the memory of the notes, because a row that is read at random fills them again and again.
+void DenseElements::ForgetHistory() {
+  if (!history) return;
+  history->runs.clear();
+  if (std::exchange(history->shaped, false)) history->shape = SplayShape();
+}
+
+bool DenseElements::CloseRun() {
+  const bool noted = (run_first == top && !unnoted) || Note(run_first, top);
   unnoted = false;
+  return noted;
 }
 
-void DenseElements::Note(int run_from, int run_to) {
+bool DenseElements::Note(int run_from, int run_to) {
   if (!history) history = std::make_unique<History>();
+  if (history->runs.size() >= most_notes) {
+    BecomeChain(true);
+    return false;
+  }
   history->runs.push_back({run_from, run_to});
-  // Bounds the memory of the notes by the size of the row.
-  if (history->runs.size() > 1024 + static_cast<size_t>(count_) / 2) PlayNotes();
+  return true;
 }
 
+// Where the notes are forgotten, the append is to the falling chain, and needs none.
 void DenseElements::NoteAppendInHistory() {
   if (count_ == 0) {
-    history.reset();
+    ForgetHistory();
     falling = true;
     return;
   }
-  CloseRun();
+  if (!CloseRun()) return;
   // Consecutive appends are one note.
   if (history && !history->runs.empty()) {
     Run& run = history->runs.back();
@@ -201,10 +213,10 @@ Variable* DenseElements::RemoveLast() {
   }
   --count_;
   if (count_ == 0) {
-    history.reset();
+    ForgetHistory();
     falling = true;
   }
-  if (!history) chain_count = count_;
+  if (!HasHistory()) chain_count = count_;
   StandAt(root);
   return removed;
 }
@@ -262,6 +274,17 @@ void DenseElements::Grow() {
   delete[] slots;
   slots = moved;
   capacity = larger;
+}
+
+bool DenseElements::HasOnlyNumbers() const {
+  for (int i = 0; i < count_; i++) {
+    if (slots[i].IsVariable()) return false;
+  }
+  return count_ > 0;
+}
+
+void DenseElements::TakeNumbers(const DenseElements& source) {
+  memcpy(slots, source.slots, sizeof(DenseSlot) * static_cast<size_t>(count_));
 }
 
 std::unique_ptr<Variable* []> DenseElements::TakeVariables() {

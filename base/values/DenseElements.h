@@ -16,8 +16,12 @@
 //   once the least position is the root, each next one is the least of the root's right subtree, so
 //   the splay links the old root, with the chain below it, as its left child. A falling run over
 //   all positions leaves the mirror image. At the end of such a run all earlier notes are dropped.
-// - When there are too many notes, they are played on a shape made of numbers, which is quicker
-//   than a tree of nodes, and the shape is kept.
+// - After most_notes of them, as random reads soon make, the row forgets them: it takes the falling
+//   chain, as if the script had then searched all positions in rising order. That is one of the
+//   shapes that the tree may have, and which of them it has is not promised. The forgotten shape
+//   could only have hidden elements from a search after a later removal; the chain hides none.
+// - To answer for the shape, the notes are played on a shape made of numbers, which is quicker than
+//   a tree of nodes, and that shape is kept.
 //
 // A variable is large, and an array of numbers is mostly read and written by position alone. So an
 // element that was stored as a number has no variable until a caller needs one.
@@ -92,6 +96,9 @@ class SplayShape {
 // of its array. Once a variable of an element was handed out, the element keeps it.
 class DenseElements {
  public:
+  // Notes that a row keeps before it forgets them. Only a test changes it.
+  static inline size_t most_notes = 64;
+
   DenseElements() = default;
   ~DenseElements() { Drop(); }
   DenseElements(const DenseElements&) = delete;
@@ -131,10 +138,8 @@ class DenseElements {
     return slot < static_cast<unsigned>(count_) ? &slots[slot] : nullptr;
   }
 
-  // Whether an element with that position can be added: the next one, or a first one at 0 or 1.
-  bool Takes(int position) const {
-    return count_ > 0 ? position == base + count_ : position == 0 || position == 1;
-  }
+  // Whether an element with that position can be added: the next one, or a first one.
+  bool Takes(int position) const { return count_ > 0 ? position == base + count_ : position >= 0; }
   // Adds an element, adopting a count on the variable. The search for the position, which precedes
   // an insertion, is included.
   // REQUIRES: Takes(position).
@@ -145,7 +150,7 @@ class DenseElements {
     slots[count_] = element;
     NoteAppend();
     ++count_;
-    if (!history) chain_count = count_;
+    if (!HasHistory()) chain_count = count_;
     StandAt(count_);
   }
   // Puts another variable at a position, adopting its count. Returns the old one with its count.
@@ -171,6 +176,10 @@ class DenseElements {
   // Replace.
   void BecomeCopyOf(DenseElements* source);
 
+  // Whether there are elements and none has a variable.
+  bool HasOnlyNumbers() const;
+  // Puts the numbers of another row in. REQUIRES: this is a new copy of it, without variables.
+  void TakeNumbers(const DenseElements& source);
   // Returns the variables in order, with their counts, and empties the row.
   std::unique_ptr<Variable*[]> TakeVariables();
   // Releases all variables.
@@ -219,14 +228,18 @@ class DenseElements {
   void NoteAppend() {
     if (!IsChain() || top != count_ || !falling) NoteAppendInHistory();
   }
+  bool HasHistory() const { return history && (!history->runs.empty() || history->shaped); }
   // The tree is exactly the chain: no later search is noted or waits to be noted.
-  bool IsChain() const { return !history && run_first == top && !unnoted; }
+  bool IsChain() const { return !HasHistory() && run_first == top && !unnoted; }
+  void ForgetHistory();
   void TouchElsewhere(int rank);
   void StartRun(int rank);
   void BecomeChain(bool is_falling);
   void NoteAppendInHistory();
-  void CloseRun();
-  void Note(int run_from, int run_to);
+  // These two return false if they have forgotten all notes instead; the greatest rank is the root
+  // then.
+  bool CloseRun();
+  bool Note(int run_from, int run_to);
   void PlayNotes();
   History* UpToDate();
   void Grow();

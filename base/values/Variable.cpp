@@ -88,8 +88,16 @@ bool Variable::ProvesOrdinary() const {
   return (state & NotOrdinary) == 0;
 }
 
-// Frees the text only if everything else could be reset.
+// Frees the text, or leaves the target, only if everything else could be reset.
 bool Variable::Renew() {
+  if (state == Reference) {
+    if (refcount_ != 1 || !reference || name_.allocated != SharedMark) return false;
+    Variable* const target = std::exchange(reference, nullptr);
+    ClearScratch();
+    state = Asleep;
+    target->Release();
+    return true;
+  }
   if (!IsPlain()) return false;
   char* const text = std::exchange(string_value.data, nullptr);
   const bool renewed = RenewNumber();
@@ -158,7 +166,7 @@ Variable* Variable::Final() {
   if (!reference->reference) return reference;
   const auto remembers = static_cast<int>(changed_references);
   const auto following = [remembers](Variable* holder) {
-    const bool is_marked = (holder->state & (Indebted | Settling | Reached)) != 0;
+    const bool is_marked = (holder->state & Reached) != 0;
     if (!is_marked && holder->integer_value == remembers && holder->link()) return holder->link();
     return holder->reference;
   };
@@ -167,7 +175,7 @@ Variable* Variable::Final() {
   if (changed_references == UINT_MAX) return end;
   for (Variable* holder = this; holder->reference;) {
     Variable* const next = following(holder);
-    if (!(holder->state & (Indebted | Settling | Reached))) {
+    if (!(holder->state & Reached)) {
       holder->SetLink(end);
       holder->integer_value = remembers;
     }
@@ -202,8 +210,7 @@ void Variable::Make_Reference(Variable* target) {
 }
 
 // The object keeps its class and its address, because other holders have that address. From here on
-// its state says that a target has the value. A reference has as many counts on its target as there
-// are on itself.
+// its state says that a target has the value.
 void Variable::ReferTo(Variable* target) {
   const VariableRef target_pin = VariableRef::Share(target);
   // An element may refer to this object and have one of its counts.
@@ -216,7 +223,7 @@ void Variable::ReferTo(Variable* target) {
   double_value = 0.0;
   DropElements();
   NoteEdge(target);
-  AddCounts(target, refcount_);
+  target->Hold();
   state |= Reference;
   reference = target;
 }
@@ -226,37 +233,28 @@ void Variable::Rebind(Variable* target) {
   NoteEdge(target);
   NoteChangedReference();
   const VariableRef pin = VariableRef::Share(this);
-  AddCounts(target, refcount_);
-  const int counts = refcount_ + Forgive();
-  Variable* old = reference;
-  reference = target;
+  target->Hold();
+  Variable* const old = std::exchange(reference, target);
   // This may delete the old target, which may take a count off this object.
-  if (old) TakeCounts(old, counts);
-}
-
-// Cancels and returns the counts that a reference owes its target.
-int Variable::Forgive() {
-  return state & Indebted ? std::exchange(number(), 0) : 0;
+  if (old) old->Release();
 }
 
 void Variable::Make_NULL() {
   Changing();
   const VariableRef pin = VariableRef::Share(this);
-  const int counts = refcount_ + Forgive();
-  Variable* old = reference;
+  Variable* const old = std::exchange(reference, nullptr);
   if (old) NoteChangedReference();
-  reference = nullptr;
   state = (state & ~Reference) | Gone;
   SetForms(0);
   primary = PrimaryNone;
   integer_value = 0;
-  if (!(state & Indebted)) double_value = 0.0;
+  double_value = 0.0;
   if (name_.allocated == SharedMark) DropSharedName();
   name_.destroy();
   string_value.destroy();
   error_.destroy();
   DropElements();
-  if (old) TakeCounts(old, counts);
+  if (old) old->Release();
 }
 
 // --- Reading -------------------------------------------------------------------------------------
@@ -638,6 +636,7 @@ void Variable::CopyComputed(Variable& source) {
 // can make a copy of unbounded size: after the time limit the copy is empty.
 AggregateElementTree* Variable::CopyElementTree(Variable* source) {
   auto copy = std::make_unique<AggregateElementTree>();
+  if (copy->CopyNumbers(source->elements)) return copy.release();
   std::vector<AggregateElementTree*> open;
   VariableWalk walk(source, VariableWalk::ForCopy);
   RunWatch watch(kElements);

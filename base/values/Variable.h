@@ -19,6 +19,7 @@
 class AggregateElementTree;
 class AggregateIndex;
 class DeferredText;
+class DenseSlot;
 class ZephApplication;
 
 // The kind of a variable's elements. An index with a position makes an array, one with a name a
@@ -48,9 +49,10 @@ enum PrimaryType : int { PrimaryNone = 0, PrimaryText = 1, PrimaryInteger = 2, P
 // value to another thread.
 //
 // References: Make_Reference turns a variable into a reference to another one, for all its holders.
-// The object keeps its class; every operation first checks redirected() and then works on the
-// variable at the end of the chain. A subclass that overrides an operation does the same, in type()
-// too; its first line is
+// A reference has one count on its target, however many it has itself: the target lives as long as
+// the reference, and taking a count never walks a chain. The object keeps its class; every
+// operation first checks redirected() and then works on the variable at the end of the chain. A
+// subclass that overrides an operation does the same, in type() too; its first line is
 //
 //   if (redirected()) return Variable::Op(...);
 //
@@ -166,7 +168,7 @@ class Variable {
   virtual int Previous(int position);
   virtual int ElementsUsed();
 
-  // A count on a reference is a count on all that it refers to. DecRefCount may delete the object.
+  // DecRefCount may delete the object, and with it what only it refers to.
   virtual void IncRefCount();
   virtual void DecRefCount();
 
@@ -199,6 +201,13 @@ class Variable {
   // The same, but its text may be watched (DeferredText.h): operations run no code of a derived
   // class.
   bool IsOrdinary() const { return !(state & NotOrdinary) || ProvesOrdinary(); }
+  // RealIdentity()
+  Variable* Real() {
+    if (!(state & Reference)) [[likely]]
+      return this;
+    Variable* const next = reference;
+    return next && !next->reference ? next : Final();
+  }
   // The valid forms of a plain scalar, as bits of Form; 0 for a NULL scalar, for an aggregate and
   // for a variable that is not plain.
   unsigned plain_forms() const { return IsPlain() ? state & AllForms : 0u; }
@@ -295,19 +304,26 @@ class Variable {
     primary = source.primary;
     return true;
   }
-  // IncRefCount() and DecRefCount()
-  void Hold() {
-    if (IsPlain()) {
-      ++refcount_;
-    } else {
-      IncRefCount();
-    }
+  // Gives away the buffer of a plain scalar that has only a text, made with new[]; the variable is
+  // NULL afterwards. Returns false and does nothing for others.
+  bool TakeText(char** data, int* length, int* allocated) {
+    if (plain_forms() != TextForm || elements || !string_value.data) return false;
+    *length = string_value.length;
+    *allocated = string_value.allocated;
+    *data = string_value.release();
+    SetForms(0);
+    primary = PrimaryNone;
+    return true;
   }
+  // IncRefCount() and DecRefCount()
+  void Hold() { ++refcount_; }
   void Release() {
-    if (!IsPlain()) {
-      DecRefCount();
-    } else if (--refcount_ == 0) {
+    if (--refcount_ > 0) [[likely]]
+      return;
+    if (IsPlain()) {
       DeletePlain();
+    } else {
+      DeleteUnheld();
     }
   }
   // Stores the first value and wakes the variable.
@@ -325,9 +341,18 @@ class Variable {
     state = IntegerForm;
     primary = PrimaryInteger;
   }
+  // Makes the variable a reference, as a parameter by reference is at the beginning of a call.
+  // Takes a count on the target. REQUIRES: as for a number; the object is of no derived class; the
+  // target is another variable.
+  void Begin(Variable* target) {
+    assert((state & ~(Asleep | Unproved)) == 0 && !elements);
+    target->Hold();
+    reference = target;
+    state = Reference;
+  }
   // Resets a local variable, after its call has ended, for the next call, and puts it to sleep.
   // Returns false if a script could distinguish it from a new variable: there is another holder, or
-  // it has been more than a scalar.
+  // it has been more than a scalar or the reference of a parameter.
   bool Renew();
   // The same for a variable that has held only numbers, as most have. Returns false and does
   // nothing for others.
@@ -355,6 +380,9 @@ class Variable {
   bool ReadElement(int position, double* number);
   template <typename Number>  // int or double
   bool WriteElement(int position, Number number);
+  // Finds an element that has only a number so far and no Variable: then *slot receives it. A
+  // search. Returns false and makes no search for others. REQUIRES: as above.
+  bool FindBare(int position, DenseSlot* slot);
   // Element(AggregateIndex(name, length), create), but a search copies no name. length is in bytes;
   // -1 is not allowed. In base/values/Aggregate.h.
   Variable* Member(const char* name, int length, int create);
@@ -386,10 +414,8 @@ class Variable {
   static constexpr uint32_t Asleep = 0x4000;   // see IsAsleep()
   // Temporary. While one of these is set, integer_value and double_value are scratch: the kinds of
   // variable that get these marks have no number of their own.
-  static constexpr uint32_t Indebted = 0x8000;   // in the list of a ReleaseGroup
-  static constexpr uint32_t Settling = 0x10000;  // on a chain that a ReleaseGroup settles
-  static constexpr uint32_t Reached = 0x20000;   // in the list of FreeCycles
-  static constexpr uint32_t Held = 0x40000;      // and reachable from a holder outside that list
+  static constexpr uint32_t Reached = 0x20000;  // in the list of FreeCycles
+  static constexpr uint32_t Held = 0x40000;     // and reachable from a holder outside that list
 
   // Whether reads and writes go to a target, or nowhere.
   bool redirected() const { return (state & (Reference | Gone)) != 0; }
@@ -420,7 +446,6 @@ class Variable {
   static constexpr int SharedMark = -1;
 
   friend class DeferredText;
-  friend class ReleaseGroup;
   friend class VariableCycles;
   friend class VariableWalk;
 
@@ -475,13 +500,7 @@ class Variable {
   void PlaceElement(Variable* element, int position, bool copy);
   void NoteEdge(Variable* target);
   void ForgetSuspect();
-  // IncRefCount and DecRefCount, counts times.
-  static void AddCounts(Variable* holder, int counts);
-  static void TakeCounts(Variable* holder, int counts);
-  static void TakeCountsNow(Variable* holder, int counts);
-  static void TakeCountsLater(Variable* holder, int counts);
-  static void SettleDebts(Variable* list);
-  int Forgive();
+  void DeleteUnheld();
   // The scratch of marked variables.
   int& number() { return integer_value; }
   Variable* link() const { return std::bit_cast<Variable*>(double_value); }
@@ -493,21 +512,6 @@ class Variable {
   static AggregateElementTree* CopyElementTree(Variable* source);
   bool AppendElements(String* all);
   static void DeleteTree(AggregateElementTree* tree);
-};
-
-// Used where many variables are released at once: at the end of a table, of frames, of elements.
-//
-// A count on a reference is a count on all that it refers to, so releasing the references of a
-// chain one by one takes time quadratic in its length. While a group lives, a reference keeps the
-// counts that it owes its target, and passes them on in one sum when it is deleted, or at the end
-// of the thread's outermost group. A variable without holders is still deleted at once; until that
-// end, the counts of targets may be too high. Allocates nothing.
-class ReleaseGroup {
- public:
-  ReleaseGroup();
-  ~ReleaseGroup();
-  ReleaseGroup(const ReleaseGroup&) = delete;
-  ReleaseGroup& operator=(const ReleaseGroup&) = delete;
 };
 
 #endif

@@ -34,10 +34,10 @@ class VariableCycles {
     for (Variable* suspect : suspects) Reach(suspect);
     // The list grows while it is walked.
     for (Variable* variable = first; variable; variable = variable->link()) {
-      ForEachHeld(variable, [this](Variable* held, int counts) {
+      ForEachHeld(variable, [this](Variable* held) {
         if (!Holds(held)) return;
         Reach(held);
-        held->number() += counts;
+        held->number()++;
       });
     }
     MarkHeld();
@@ -52,11 +52,8 @@ class VariableCycles {
 
   template <class Visit>
   static void ForEachHeld(Variable* variable, Visit visit) {
-    // A reference has as many counts on its target as there are on itself.
-    if (variable->reference) visit(variable->reference, variable->refcount_);
-    if (variable->elements) {
-      variable->elements->ForEachVariable([&visit](Variable* held) { visit(held, 1); });
-    }
+    if (variable->reference) visit(variable->reference);
+    if (variable->elements) variable->elements->ForEachVariable(visit);
   }
 
   void Reach(Variable* variable) {
@@ -114,14 +111,13 @@ class VariableCycles {
   // by one, but no count may reach 0 before its turn. References are dropped first, so that no
   // variable released later is a reference to one of these.
   void DeleteOthers() {
-    const ReleaseGroup group;
     for (Variable* variable = first; variable; variable = variable->link()) {
       Variable* const target = variable->reference;
-      const int counts = variable->refcount_++;
+      variable->refcount_++;
       if (!target) continue;
       variable->reference = nullptr;
       variable->state = (variable->state & ~Variable::Reference) | Variable::Gone;
-      if (!(target->state & Variable::Reached)) Variable::TakeCounts(target, counts);
+      if (!(target->state & Variable::Reached)) target->Release();
     }
     for (Variable* variable = first; variable; variable = variable->link()) {
       variable->DropElements();

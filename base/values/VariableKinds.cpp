@@ -144,7 +144,6 @@ VariableList::VariableList() : List<Variable>(1) {}
 
 // Dump is called here, because in the base's destructor Purge is no longer this class's.
 VariableList::~VariableList() {
-  const ReleaseGroup group;
   VariableList::Dump();
 }
 

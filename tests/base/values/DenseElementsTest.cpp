@@ -320,6 +320,16 @@ class Pair {
 
 using Random = std::mt19937;
 
+// Rows that forget no shape, to be compared with the tree after any number of searches.
+class ExactElements : public testing::Test {
+ protected:
+  ExactElements() { DenseElements::most_notes = SIZE_MAX; }
+  ~ExactElements() override { DenseElements::most_notes = most_notes; }
+
+ private:
+  const size_t most_notes = DenseElements::most_notes;
+};
+
 int Below(Random& random, int limit) {
   return static_cast<int>(random() % static_cast<unsigned>(limit));
 }
@@ -414,7 +424,7 @@ std::string ShapeOf(DenseElements* row) {
   return text;
 }
 
-TEST(DenseElements, HaveTheShapeThatTheTreeHasAfterEachSearch) {
+TEST_F(ExactElements, HaveTheShapeThatTheTreeHasAfterEachSearch) {
   Random random(20261121);
   for (int round = 0; round < Rounds(3000); round++) {
     SCOPED_TRACE(testing::Message() << "round " << round);
@@ -458,7 +468,9 @@ TEST(DenseElements, HaveTheShapeThatTheTreeHasAfterEachSearch) {
   }
 }
 
-TEST(DenseElements, KeepTheShapeWhenThereAreTooManyNotes) {
+// After too many notes the tree is the chain that a rising search leaves, and the notes begin
+// again.
+TEST(DenseElements, ForgetTheShapeWhenThereAreTooManyNotes) {
   Random random(5);
   DenseElements row;
   Plain tree;
@@ -466,17 +478,47 @@ TEST(DenseElements, KeepTheShapeWhenThereAreTooManyNotes) {
     row.Append(i, new Variable());
     tree.Insert(new AggregateElement(AggregateIndex(i)));
   }
+  // Looking at the shape plays the notes on it, so here there are never too many.
   for (int i = 0; i < 20000; i++) {
     const int at = Below(random, 502);
     row.Search(at);
     tree.Find(AggregateIndex(at));
-    if (i % 4999 != 0) continue;
-    ASSERT_EQ(ShapeOf(&row), tree.Shape());
+    if (i % 50 == 0) {
+      ASSERT_EQ(ShapeOf(&row), tree.Shape());
+    }
   }
-  ASSERT_EQ(ShapeOf(&row), tree.Shape());
+  // More searches than notes: the shape is that of a chain after some of the last ones.
+  const size_t many = DenseElements::most_notes * 2 + 2;
+  for (int round = 0; round < 20; round++) {
+    std::vector<int> searches;
+    for (size_t i = 0; i < many; i++) searches.push_back(1 + Below(random, 500));
+    for (const int at : searches) row.Search(at);
+    const std::string shape = ShapeOf(&row);
+    bool found = false;
+    for (size_t kept = 0; kept <= DenseElements::most_notes + 1 && !found; kept++) {
+      Plain other;
+      for (int i = 1; i <= 500; i++) other.Insert(new AggregateElement(AggregateIndex(i)));
+      for (size_t i = many - kept; i < many; i++) other.Find(AggregateIndex(searches[i]));
+      found = other.Shape() == shape;
+    }
+    EXPECT_TRUE(found) << round;
+  }
 }
 
-TEST(DenseElements, AnswerAsTheTreeWhateverIsReadWhatever) {
+// So a row that takes this chain instead of its own shape loses no element by it.
+TEST(DenseElements, AFallingChainHidesNothing) {
+  Random random(6);
+  for (int round = 0; round < Rounds(200); round++) {
+    const VariableRef array(new Variable());
+    for (int i = 1; i <= 60; i++) array->Element(AggregateIndex(i), 1)->SetValue_Integer(i);
+    for (int i = 1; i <= 60; i++) array->At(i, 0);
+    const int removed = 1 + Below(random, 60);
+    array->DeleteElement(AggregateIndex(removed), false);
+    for (int i = 1; i <= 60; i++) EXPECT_EQ(array->At(i, 0) != nullptr, i != removed) << i;
+  }
+}
+
+TEST_F(ExactElements, AnswerAsTheTreeWhateverIsReadWhatever) {
   for (unsigned seed = 1; seed <= Rounds(400u); seed++) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);
     Random random(seed);
@@ -496,7 +538,7 @@ TEST(DenseElements, AnswerAsTheTreeWhateverIsReadWhatever) {
 }
 
 // Removals make the shape visible: afterwards searches must miss the same elements.
-TEST(DenseElements, LoseTheElementsThatTheTreeLoses) {
+TEST_F(ExactElements, LoseTheElementsThatTheTreeLoses) {
   int trees = 0;
   for (unsigned seed = 1; seed <= Rounds(3000u); seed++) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);
@@ -542,7 +584,7 @@ TEST(DenseElements, LoseTheElementsThatTheTreeLoses) {
 }
 
 // Every operation must leave the same elements in the same shape as the reference.
-TEST(DenseElements, EveryOperationLeavesItsShape) {
+TEST_F(ExactElements, EveryOperationLeavesItsShape) {
   for (unsigned seed = 1; seed <= Rounds(400u); seed++) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);
     Random random(seed * 31);
@@ -582,7 +624,7 @@ TEST(DenseElements, EveryOperationLeavesItsShape) {
   }
 }
 
-TEST(DenseElements, ARenumberedArrayHasTheShapeOfTheWalk) {
+TEST_F(ExactElements, ARenumberedArrayHasTheShapeOfTheWalk) {
   for (const int gap : {1, 2, 5}) {
     Pair pair;
     Random random(static_cast<unsigned>(gap));
@@ -596,7 +638,7 @@ TEST(DenseElements, ARenumberedArrayHasTheShapeOfTheWalk) {
 
 // A copy of more than 99 elements is inserted in an order that follows the shape; removals from the
 // copy make its own shape visible.
-TEST(DenseElements, ACopyHasTheShapeThatItsInsertionLeaves) {
+TEST_F(ExactElements, ACopyHasTheShapeThatItsInsertionLeaves) {
   for (unsigned seed = 1; seed <= Rounds(300u); seed++) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);
     Random random(seed);
@@ -681,11 +723,30 @@ TEST(DenseElements, AGapMakesATreeAndKeepsTheVariables) {
   EXPECT_EQ(array->ElementsUsed(), 51);
 }
 
-TEST(DenseElements, AFirstPositionBeyondOneIsATree) {
+TEST(DenseElements, MayBeginAtAnyPositionAndEndAtTheLastOne) {
+  for (const int first : {0, 1, 2, 1000, INT_MAX - 1, INT_MAX}) {
+    const VariableRef array(new Variable());
+    array->At(first, 1)->SetValue_Integer(5);
+    EXPECT_TRUE(array->aggregateelements()->IsRow());
+    EXPECT_EQ(array->Min(), first);
+    EXPECT_EQ(array->Max(), first);
+    EXPECT_EQ(array->Next(first), 0);
+    EXPECT_EQ(array->At(first, 0)->value_integer(), 5);
+    EXPECT_EQ(array->At(first == 0 ? 1 : first - 1, 0), nullptr);
+    if (first == INT_MAX) continue;
+    EXPECT_TRUE(array->WriteElement(first + 1, 6));
+    EXPECT_TRUE(array->aggregateelements()->IsRow());
+    EXPECT_EQ(array->Max(), first + 1);
+    EXPECT_EQ(array->Next(first), first + 1);
+  }
+}
+
+TEST(DenseElements, AnElementBeforeTheFirstMakesATree) {
   const VariableRef array(new Variable());
   array->At(2, 1);
-  EXPECT_FALSE(array->aggregateelements()->IsRow());
+  EXPECT_TRUE(array->aggregateelements()->IsRow());
   array->At(1, 1);
+  EXPECT_FALSE(array->aggregateelements()->IsRow());
   EXPECT_EQ(array->Min(), 1);
   EXPECT_EQ(array->Max(), 2);
 }

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -11,8 +12,10 @@
 #include "base/compiled/VariableHash.h"
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
 #include "tests/support/GrowthOfTime.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -90,14 +93,14 @@ TEST_F(VariableCycles, WhatHangsOnACircleIsFreedAndWhatIsSharedStays) {
   EXPECT_EQ(shared->refcount(), 1);
 }
 
-TEST_F(VariableCycles, ReferencesWithSeveralCountsAreCounted) {
+TEST_F(VariableCycles, AReferenceWithSeveralCountsIsOneHolder) {
   VariableRef array(new Counted());
   VariableRef reference(new Counted());
   reference->Make_Reference(array.get());
   array->SetElement(Place(1), reference.get());
   array->SetElement(Place(2), reference.get());
   EXPECT_EQ(reference->refcount(), 3);
-  EXPECT_EQ(array->refcount(), 4);
+  EXPECT_EQ(array->refcount(), 2);
   array.reset();
   reference.reset();
   EXPECT_EQ(living, 2);
@@ -223,7 +226,7 @@ TEST_F(VariableCycles, CirclesAreFreedInTimeByTheirNumber) {
       [](int*) { Variable::FreeCycles(); });
 }
 
-TEST_F(VariableCycles, AReferenceTakesAllItsCountsAlongInOneStep) {
+TEST_F(VariableCycles, AReferenceOfManyHoldersIsReboundInOneStep) {
   ExpectNearLinear(
       8000,
       [](int count) {
@@ -278,28 +281,44 @@ struct Forest {
   std::vector<Variable*> further;
 };
 
-// Counts are exact again when a group has ended, whatever was released in it.
-TEST_F(VariableCycles, AGroupOfReleasesLeavesTheCountsOfSingleOnes) {
+// Each holder has one count, and so has each reference on its target.
+TEST_F(VariableCycles, CountsAreThoseOfHoldersAndReferences) {
   std::mt19937 random(7);
-  for (unsigned round = 0; round < 3000; round++) {
-    Forest grouped(round);
-    Forest single(round);
-    const size_t released = random() % 21;
-    const auto change = static_cast<unsigned>(random());
-    {
-      const ReleaseGroup group;
-      grouped.Release(released, change);
+  for (unsigned round = 0; round < Rounds(3000u); round++) {
+    Forest forest(round);
+    forest.Release(random() % 21, static_cast<unsigned>(random()));
+    std::map<Variable*, int> counts;
+    for (const VariableRef& variable : forest.variables) counts[variable.get()]++;
+    for (Variable* variable : forest.further) counts[variable]++;
+    for (const VariableRef& variable : forest.variables) {
+      Variable* const target = variable->NextIdentity();
+      if (target && target != variable.get()) counts[target]++;
     }
-    single.Release(released, change);
-    for (size_t i = 0; i < Forest::Size; i++) {
-      ASSERT_EQ(grouped.variables[i]->refcount(), single.variables[i]->refcount()) << round;
+    for (const VariableRef& variable : forest.variables) {
+      ASSERT_EQ(variable->refcount(), counts[variable.get()]) << round;
     }
-    {
-      const ReleaseGroup group;
-      grouped.ReleaseAll();
-    }
-    single.ReleaseAll();
+    forest.ReleaseAll();
     ASSERT_EQ(living, 0) << round;
+  }
+}
+
+// A chain of references is left as quickly as it is made, from both of its ends.
+TEST_F(VariableCycles, AChainOfReferencesIsReleasedInTimeByItsLength) {
+  for (const bool from_the_end : {false, true}) {
+    ExpectNearLinear(
+        8000,
+        [](int count) {
+          std::vector<VariableRef> chain;
+          chain.emplace_back(new Variable());
+          for (int i = 1; i < count; i++) {
+            chain.emplace_back(new ReferenceVariable("r", 1, chain.back().get()));
+          }
+          return chain;
+        },
+        [from_the_end](std::vector<VariableRef>* chain) {
+          if (!from_the_end) std::reverse(chain->begin(), chain->end());
+          for (VariableRef& variable : *chain) variable.reset();
+        });
   }
 }
 
