@@ -55,12 +55,23 @@ HotAction SingleAction(Instruction::Code code) {
     case code_incg: return HotAction::Increment;
     case code_storegi: return HotAction::StoreConstant;
     case code_lineno: return HotAction::Line;
+    case code_sourcefile: return HotAction::SourceFile;
+    case code_op_and: return HotAction::And;
+    case code_op_or: return HotAction::Or;
+    case code_op_not: return HotAction::Not;
+    case code_op_bitand: return HotAction::BitAnd;
+    case code_op_bitor: return HotAction::BitOr;
+    case code_bitxor: return HotAction::BitXor;
+    case code_bitoc: return HotAction::BitNot;
+    case code_bitsl: return HotAction::ShiftLeft;
+    case code_bitsr: return HotAction::ShiftRight;
     case code_elem: return HotAction::Element;
     case code_elem_readonly: return HotAction::ElementReadOnly;
     case code_memb: return HotAction::Member;
     case code_memb_readonly: return HotAction::MemberReadOnly;
     case code_call: return HotAction::Call;
     case code_ret: return HotAction::Return;
+    case code_retn: return HotAction::ReturnNothing;
     default: break;
   }
   const bool has_handler = code != code_none && Rows[code - 1].run == Run::HotHandler;
@@ -117,9 +128,19 @@ long NextSerial() {
   return ++last;
 }
 
-// Whether an operation reads both of its operands as numbers, whatever their types.
+bool IsBitOperation(HotAction action) {
+  return action >= HotAction::BitAnd && action <= HotAction::ShiftRight;
+}
+
+// Whether an operation reads its operands as numbers, whatever their types.
 bool IsNumeric(HotAction action) {
-  return action >= HotAction::Add && action <= HotAction::Mod;
+  return (action >= HotAction::Add && action <= HotAction::Mod) || IsBitOperation(action);
+}
+
+// Whether an operation reads the values of its operands, and nothing else of them.
+bool ReadsValues(HotAction action) {
+  return IsNumeric(action) || IsComparison(action) || action == HotAction::Concatenate ||
+         action == HotAction::And || action == HotAction::Or || action == HotAction::Not;
 }
 
 }  // namespace
@@ -131,7 +152,10 @@ HotCode::HotCode(const unsigned char* code, int length, const Dictionary& dictio
   FindTargets(length);
   LeaveBadCalls(functions);
   for (size_t i = 1; i + kLongestIdiom <= ops.size(); i++) {
-    ops[i].after_number = Is(i - 1, HotAction::Call) && IsUsedAsNumber(i, functions);
+    if (!Is(i - 1, HotAction::Call) && !Is(i - 1, HotAction::ElementReadOnly)) continue;
+    const Use use = UseOfTop(i, Is(i - 1, HotAction::ElementReadOnly), functions);
+    ops[i].after_number = use == Use::Number;
+    ops[i].after_value = use != Use::Any;
   }
   for (size_t i = 0; i + kLongestIdiom <= ops.size(); i++) ops[i].action = Idiom(i);
 }
@@ -210,7 +234,15 @@ bool StackEffect(const HotOp& op, const FunctionManager* functions, int* taken, 
     case HotAction::PushDouble:
     case HotAction::PushText:
     case HotAction::PushVariable: return true;
-    case HotAction::Line: *put = 0; return true;
+    case HotAction::Line:
+    case HotAction::SourceFile: *put = 0; return true;
+    case HotAction::PopVariable:
+    case HotAction::Pop:
+      *put = 0;
+      *taken = 1;
+      return true;
+    case HotAction::Not:
+    case HotAction::BitNot: *taken = 1; return true;
     case HotAction::Element:
     case HotAction::ElementReadOnly:
     case HotAction::Member:
@@ -222,22 +254,40 @@ bool StackEffect(const HotOp& op, const FunctionManager* functions, int* taken, 
       *taken = static_cast<int>(function->slots().size());
       return true;
     }
-    default: *taken = 2; return IsNumeric(op.single);
+    default: *taken = 2; return ReadsValues(op.single);
   }
+}
+
+// Whether a call takes the argument that is so many entries below the top by value.
+bool TakesByValue(const HotOp& call, int below, const FunctionManager* functions) {
+  Function* function = functions->Lookup(call.first);
+  if (!function || (function->flags() & Function_External)) return false;
+  const std::vector<FunctionParameter*>& parameters = function->slots();
+  const size_t index = parameters.size() - 1 - static_cast<size_t>(below);
+  return index < parameters.size() && !parameters[index]->byreference();
 }
 
 }  // namespace
 
 // Follows the value on top of the stack before instruction i to the instruction that takes it.
-bool HotCode::IsUsedAsNumber(size_t i, const FunctionManager* functions) const {
+// If others hold it too, it must not be stored to before that instruction reads it.
+HotCode::Use HotCode::UseOfTop(size_t i, bool held, const FunctionManager* functions) const {
   int above = 0;  // entries above the value
   for (; i + kLongestIdiom <= ops.size(); i++) {
     int taken, put;
-    if (!StackEffect(ops[i], functions, &taken, &put)) return false;
-    if (taken > above) return taken == 2 && IsNumeric(ops[i].single);
+    const HotAction action = ops[i].single;
+    if (IsOut(i) && above == 0) return Use::Value;
+    if (!StackEffect(ops[i], functions, &taken, &put)) return Use::Any;
+    if (taken > above) {
+      if (IsNumeric(action)) return Use::Number;
+      if (ReadsValues(action) || action == HotAction::Pop) return Use::Value;
+      return action == HotAction::Call && TakesByValue(ops[i], above, functions) ? Use::Value
+                                                                                 : Use::Any;
+    }
+    if (held && (action == HotAction::Call || action == HotAction::PopVariable)) return Use::Any;
     above += put - taken;
   }
-  return false;
+  return Use::Any;
 }
 
 HotAction HotCode::Idiom(size_t i) const {
@@ -259,6 +309,7 @@ HotAction HotCode::Idiom(size_t i) const {
     return Shifted(action, HotAction::Add, HotAction::AddReturn);
   }
   if (action == HotAction::Dup) return Update(i);
+  if (action == HotAction::Element && next == HotAction::Store) return HotAction::ElementStore;
   if (IsConstant(action) && IsArithmetic(next)) {
     return Shifted(next, HotAction::Add, HotAction::AddConstant);
   }

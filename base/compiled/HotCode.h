@@ -24,6 +24,7 @@ class FunctionManager;
 //   Handler                       one instruction, by the machine's own handler: the rows of the
 //                                 list of instructions that are run by a HotHandler
 //   Push..., Pop, ..., Return     one instruction
+//   ReturnNothing                 the return without a value
 //   ReturnVariable                the value of a local variable, and the return of it
 //   ...VariableConstant           a variable, a constant, and an operation on the two
 //   ...VariableConstantJump       the same, with a jump on the outcome
@@ -45,6 +46,7 @@ class FunctionManager;
 //   IncrementCompareJump          the end of a counting loop: all three of one global
 //   Element...OfVariable          an array and a position, both variables, and the element
 //   ElementOfVariableStore        the same, with the value on the stack stored in the element
+//   ElementStore                  the same, of an array and a position on the stack
 //   Member...OfVariable           a structure in a variable, a constant name, and the member
 //   ...OfVariableUpdate           the same, with an update of the element or member
 //
@@ -65,9 +67,11 @@ class FunctionManager;
   ACTION(Jump) ACTION(JumpEqual) ACTION(JumpNotEqual) ACTION(JumpLess)                               \
   ACTION(JumpLessEqual) ACTION(JumpGreater) ACTION(JumpGreaterEqual)                                 \
   ACTION(CompareConstant) ACTION(CompareGlobals) ACTION(ModGlobals)                                  \
-  ACTION(Increment) ACTION(StoreConstant) ACTION(Line)                                               \
+  ACTION(Increment) ACTION(StoreConstant) ACTION(Line) ACTION(SourceFile)                            \
+  ACTION(And) ACTION(Or) ACTION(Not)                                                                 \
+  ACTION(BitAnd) ACTION(BitOr) ACTION(BitXor) ACTION(BitNot) ACTION(ShiftLeft) ACTION(ShiftRight)    \
   ACTION(Element) ACTION(ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly)                      \
-  ACTION(Call) ACTION(Return) ACTION(ReturnVariable)                                                 \
+  ACTION(Call) ACTION(Return) ACTION(ReturnNothing) ACTION(ReturnVariable)                           \
   ACTION(ConcatenateText) ACTION(ConcatenateVariable) ACTION(OutText) ACTION(OutVariable)            \
   ACTION(OutRounded) ACTION(ConcatenateTextVariable) ACTION(ConcatenateVariableText)                 \
   ACTION(AddVariableConstant) ACTION(SubVariableConstant)                                            \
@@ -94,6 +98,7 @@ class FunctionManager;
   ACTION(CompareConstantJump) ACTION(CompareGlobalsJump) ACTION(ModGlobalsJump)                      \
   ACTION(IncrementCompareJump)                                                                       \
   ACTION(ElementOfVariable) ACTION(ElementReadOnlyOfVariable) ACTION(ElementOfVariableStore)         \
+  ACTION(ElementStore)                                                                               \
   ACTION(MemberOfVariable) ACTION(MemberReadOnlyOfVariable)                                          \
   ACTION(ElementOfVariableUpdate) ACTION(MemberOfVariableUpdate)
 // clang-format on
@@ -109,9 +114,11 @@ struct HotOp {
   HotAction action = HotAction::Leave;
   HotAction single = HotAction::Leave;  // the action for this instruction alone
   bool local = false;                   // whether a variable's position is one of the locals
-  // Whether the result of the call before this instruction is used only as a number, by an
-  // operation that is certain to be reached.
+  // Of the result of the call or the element read before this instruction: whether it is used only
+  // as a number, or only for its value, by an operation that is certain to be reached. Then nothing
+  // can tell a number or a text from the variable that has it.
   bool after_number = false;
+  bool after_value = false;
   // The orders on which a jump is made: bit 0 for less, 1 for equal, 2 for greater.
   unsigned char orders = 0;
   unsigned short code = 0;  // the instruction's number, see base/compiled/Instructions.h
@@ -149,7 +156,8 @@ class HotCode {
   void Decode(const unsigned char* code, int length, const Dictionary& dictionary);
   void FindTargets(int length);
   void LeaveBadCalls(const FunctionManager* functions);
-  bool IsUsedAsNumber(size_t i, const FunctionManager* functions) const;
+  enum class Use { Any, Value, Number };
+  Use UseOfTop(size_t i, bool held, const FunctionManager* functions) const;
   HotAction Idiom(size_t i) const;
   HotAction IdiomOfVariableAndConstant(size_t i) const;
   HotAction IdiomOfVariables(size_t i) const;

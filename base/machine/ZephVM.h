@@ -339,7 +339,7 @@ class ZephVM {
   class InstructionCheck;  // base/machine/InstructionCheck.h
   ZephVM_FunctionFrame* FrameFor(Function* function);
   void KeepFrame(ZephVM_FunctionFrame* left);
-  int SimpleParameters(Function* function);
+  int SimpleParameters(Function* function, uint64_t* references);
   // Whether calls and returns need no log record. This is the same for the machine's whole run.
   bool ReturnsNeedNoRecord() const;
   static constexpr long NoMode = LONG_MIN;  // no mode: those are ints

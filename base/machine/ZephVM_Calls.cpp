@@ -97,7 +97,7 @@ ZephVM_FunctionFrame* ZephVM::FrameFor(Function* function) {
   made->Set_LocalVariable_Hash(new VariableHash(function->variables()), true);
   made->Set_Stack(new ZephVM_Stack(this), true);
   if (index < all && ReturnsNeedNoRecord()) {
-    made->simple_parameters = SimpleParameters(function);
+    made->simple_parameters = SimpleParameters(function, &made->references);
     made->returns_hot = true;
   }
   made->entry_segment = function->segment();
@@ -112,13 +112,15 @@ bool ZephVM::ReturnsNeedNoRecord() const {
   return !log_gate.Wants(Log_OfCalls);
 }
 
-int ZephVM::SimpleParameters(Function* function) {
+int ZephVM::SimpleParameters(Function* function, uint64_t* references) {
   const int others = Function_ErrorOutputOn | Function_ErrorOutputOff | Function_InheritOutputMode |
                      Function_External;
   if (function->flags() & others) return -1;
   const std::vector<FunctionParameter*>& parameters = function->slots();
+  if (parameters.size() > 64) return -1;
   for (size_t i = 0; i < parameters.size(); i++) {
-    if (parameters[i]->byreference() || parameters[i]->index() != static_cast<int>(i)) return -1;
+    if (parameters[i]->index() != static_cast<int>(i)) return -1;
+    if (parameters[i]->byreference()) *references |= uint64_t{1} << i;
   }
   return static_cast<int>(parameters.size());
 }

@@ -5,6 +5,7 @@
 #define ZEPH_BASE_ZEPHVM_FRAME_H
 
 #include <cstddef>
+#include <cstdint>
 
 #include "base/core/FreeList.h"
 
@@ -72,10 +73,11 @@ class ZephVM_FunctionFrame : public ZephVM_Frame {
   ZephVM_FunctionFrame* next_idle = nullptr;  // after this one, while the machine keeps it
 
   // --- For the hot loop --------------------------------------------------------------------------
-  // The number of parameters, if all are taken by value and come first among the locals, neither
+  // The number of parameters, if there are at most 64, they come first among the locals, neither
   // the output mode nor the error output depends on the caller's, and no call is logged; else -1.
   int simple_parameters = -1;
-  int simple_mode = 0;  // its output mode
+  uint64_t references = 0;  // a bit for each parameter that is taken by reference
+  int simple_mode = 0;      // its output mode
   int entry_segment = -1;
   int entry_offset = -1;
   size_t place = 0;                // the function's index

@@ -111,13 +111,13 @@ template <Suitable Slow>
 template <Suitable Slow>
 bool IsNumber(const Entry* entry) {
   return entry->kind <= ZephVM_Stack::KindDouble ||
-         (entry->kind == ZephVM_Stack::KindVariable && Has<Slow>(entry->value.variable));
+         (entry->kind == ZephVM_Stack::KindVariable && Has<Slow>(entry->value.variable->Real()));
 }
 
 double NumberIn(const Entry* entry) {
   if (entry->kind == ZephVM_Stack::KindDouble) return entry->value.number;
   if (entry->kind == ZephVM_Stack::KindInteger) return entry->value.integer;
-  return NumberOf(entry->value.variable);
+  return NumberOf(entry->value.variable->Real());
 }
 
 inline bool IsDouble(const Entry* entry) {
@@ -153,31 +153,52 @@ template <Suitable Slow>
     *number = entry->value.integer;
     return true;
   }
-  if (entry->kind == ZephVM_Stack::KindVariable) return IntegerOf(entry->value.variable, number);
+  if (entry->kind == ZephVM_Stack::KindVariable) {
+    return IntegerOf(entry->value.variable->Real(), number);
+  }
   *number = DoubleToInteger(entry->value.number);
   return entry->kind == ZephVM_Stack::KindDouble;
 }
 
-// Moves the numbers on top of a stack into the first variables of a function, as its arguments.
-// Returns where the stack then ends; null, with the stack unchanged, if an argument is not a number
-// or its variable does not exist yet.
-[[gnu::noinline]] Entry* TakeNumbers(const _VH_Entry* locals, int count, Entry* top) {
-  Entry* argument = top;
+// Whether the entries on top of a stack can be the arguments of a function without an error and
+// without running any code but the machine's own.
+[[gnu::noinline]] bool AreArguments(uint64_t references, int count, const Entry* top) {
   for (int i = count; i-- > 0;) {
-    --argument;
-    Variable* variable = locals[i].variable;
-    if (!variable) return nullptr;
-    if (argument->kind == ZephVM_Stack::KindDouble) {
-      variable->Write_Double(argument->value.number);
-    } else if (argument->kind == ZephVM_Stack::KindInteger) {
-      variable->Write_Integer(argument->value.integer);
-    } else if (argument->kind != ZephVM_Stack::KindVariable ||
-               !variable->CopyNumber(*argument->value.variable)) {
-      return nullptr;
+    --top;
+    if (references >> i & 1) {
+      if (top->kind != ZephVM_Stack::KindVariable) return false;
+    } else if (top->kind == ZephVM_Stack::KindVariable &&
+               !top->value.variable->Real()->IsOrdinary()) {
+      return false;
     }
   }
-  while (top != argument) ZephVM_Stack::Free(--top);
-  return argument;
+  return true;
+}
+
+// Moves the arguments on top of a stack into the first variables of a function. Returns where the
+// stack then ends. *patience is 1 afterwards if the time depended on the size of a value.
+// REQUIRES: AreArguments; the variables that exist are as a new call needs them.
+[[gnu::noinline]] Entry* MoveArguments(VariableHash* table, uint64_t references, int count,
+                                       ZephVM_Stack* stack, int* patience) {
+  for (int i = count; i-- > 0;) {
+    Entry* const argument = stack->End() - 1;
+    if (references >> i & 1) {
+      table->SetVariable_Reference(i, argument->value.variable);
+      stack->SetEnd(argument);
+      ZephVM_Stack::Free(argument);
+      continue;
+    }
+    Variable* const variable = table->At(i, 1);
+    if (argument->kind == ZephVM_Stack::KindVariable &&
+        variable->CopyNumber(*argument->value.variable->Real())) {
+      stack->SetEnd(argument);
+      ZephVM_Stack::Free(argument);
+    } else {
+      if (argument->kind > ZephVM_Stack::KindDouble) *patience = 1;
+      stack->PopV(variable);
+    }
+  }
+  return stack->End();
 }
 
 // Jumps and calls between two polls of the host's flags. Each takes nanoseconds.
@@ -188,12 +209,55 @@ const int kMostPushed = 3;
 
 // Whether reading the entry as text runs only the machine's own code.
 inline bool IsOrdinary(const Entry* entry) {
-  return entry->kind != ZephVM_Stack::KindVariable || entry->value.variable->IsOrdinary();
+  return entry->kind != ZephVM_Stack::KindVariable || entry->value.variable->Real()->IsOrdinary();
 }
 
 inline bool IsNumberOrPlain(const Entry* entry) {
   return entry->kind <= ZephVM_Stack::KindDouble ||
-         (entry->kind == ZephVM_Stack::KindVariable && entry->value.variable->IsPlain());
+         (entry->kind == ZephVM_Stack::KindVariable && entry->value.variable->Real()->IsPlain());
+}
+
+// The text of an entry that is the name of a member, if it is there without a conversion. The text
+// of the structure itself would go with its conversion.
+inline bool FindName(const Entry* entry, const Variable* structure, const char** text,
+                     int* length) {
+  if (entry->kind == ZephVM_Stack::KindString) {
+    *text = entry->value.text;
+    *length = entry->length;
+    return !entry->deferred;
+  }
+  if (entry->kind != ZephVM_Stack::KindVariable) return false;
+  const Variable* const variable = entry->value.variable->Real();
+  if (!(variable->plain_forms() & Variable::TextForm) || variable == structure) return false;
+  *text = variable->plain_text().data;
+  *length = variable->plain_text().length;
+  return *text != nullptr;
+}
+
+// The variable that has the value: that of a parameter by reference is the caller's.
+[[gnu::always_inline]] inline Variable* Referred(Variable* variable) {
+  return variable ? variable->Real() : nullptr;
+}
+
+// Whether a variable of a table, which may not exist yet, is a plain one.
+inline bool IsPlainRow(const Variable* variable) {
+  return !variable || variable->IsPlain();
+}
+
+// Whether an instruction after a call pops the result into a plain variable.
+inline bool IsPlainTarget(const HotOp* pop, const VariableHash* locals, const _VH_Entry* globals,
+                          unsigned count) {
+  if (pop->single != HotAction::PopVariable) return false;
+  if (pop->local) globals = locals->Rows(&count);
+  const auto position = static_cast<unsigned>(pop->first);
+  return position < count && IsPlainRow(Referred(globals[position].variable));
+}
+
+// Whether the value of an entry is true, if that is a number.
+inline bool FindTruth(const Entry* entry, bool* truth) {
+  if (!IsNumber<IsComparableSlow>(entry)) return false;
+  *truth = NumberIn(entry) != 0.0;
+  return true;
 }
 
 // The order of two numbers, as the number of its bit in HotOp::orders: 0 for less, 1 for equal, 2
@@ -317,10 +381,15 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define JUMP_IF(condition, jump, count) \
   if (condition) JUMP(jump) \
   NEXT(count)
-// The variable at a record's position; null if it does not exist yet.
-#define VARIABLE_AT(table, position) \
+// The variable at a record's position, or the one that it refers to; null if it does not exist yet.
+// ROW_OF gives the variable itself.
+#define ROW_AT(table, position) \
   (static_cast<unsigned>(position) < counts[table] ? rows[table][position].variable : nullptr)
-#define VARIABLE(record) VARIABLE_AT((record)->local, (record)->first)
+#define ROW_OF(record) ROW_AT((record)->local, (record)->first)
+// Makes the variable that a row does not have yet; null if there is no such row.
+#define MADE_AT(record) ((record)->local ? frame->variables : global_variables)->At((record)->first, 1)
+#define VARIABLE_AT(table, position) Referred(ROW_AT(table, position))
+#define VARIABLE(record) Referred(ROW_OF(record))
 // A local variable that no instruction of this call has touched is asleep in its row. It has no
 // forms and is not an array, so only an action that uses a variable without testing these has to
 // wake it. Storing a number wakes it too.
@@ -365,6 +434,12 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   (called = idle_frames[static_cast<unsigned>(op->first)], \
    called && called->return_code == code_serial && frame_count < MostFrames && \
    (locals = called->variables->Rows(&counts[1]), true))
+
+// Whether the instruction at a record uses only the value of the entry on top. The field of a
+// database, to which a variable may refer, takes a number and a variable in different ways.
+#define VALUE_SUFFICES(record) \
+  ((record)->after_value || ((record)->single == HotAction::PopVariable && \
+                             IsPlainRow(VARIABLE(record))))
 
 // All forms of an operation on the doubles a and b. An operand that is a double entry already is
 // overwritten in place.
@@ -450,7 +525,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define UPDATE(name, condition, operand, result)                                           \
   on_##name: {                                                                             \
     SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindVariable)     \
-    variable = top[-1].value.variable;                                                     \
+    variable = top[-1].value.variable->Real();                                             \
     double a;                                                                              \
     SINGLE_UNLESS((condition) && Find<HasNumberSlow>(variable, &a))                      \
     const double b = operand;                                                              \
@@ -466,10 +541,23 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     variable->Write_Double(result);                                                        \
     NEXT(5)                                                                                \
   }
-// A comparison of a and b. If either is NaN, their order counts as above 0.
-#define COMPARISON(name, holds)                                                            \
+// A comparison of a and b. If either is NaN, their order counts as above 0. Texts are compared by the
+// stack.
+#define COMPARISON(name, holds, ordered)                                                   \
   on_##name: {                                                                             \
-    LEAVE_UNLESS(TWO_COMPARABLE)                                                           \
+    if (!TWO_COMPARABLE) [[unlikely]] {                                                    \
+      LEAVE_UNLESS(HOLDS_TWO && IsOrdinary(top - 1) && IsOrdinary(top - 2))                \
+      int order;                                                                           \
+      if (ZephVM_Stack::CompareWords(top - 2, top - 1, &order)) {                          \
+        REPLACE_TWO(SetInteger(ordered))                                                   \
+        NEXT_AFTER_WORK(1)                                                                 \
+      }                                                                                    \
+      TELL_STACK                                                                           \
+      order = s->Compare();                                                                \
+      ASK_STACK                                                                            \
+      PUSH(SetInteger(ordered))                                                            \
+      NEXT_AFTER_WORK(1)                                                                   \
+    }                                                                                      \
     const double a = top[-2].value.number, b = top[-1].value.number;                       \
     --top;                                                                                 \
     top[-1].SetInteger(holds);                                                             \
@@ -496,6 +584,21 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     const double a = NumberOf(variable);                                                   \
     JUMP_IF((holds) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)               \
   }
+// An operation on the bits of two integers, and one on two truths. The handler does what is slow.
+#define BITS(name, result)                                                                 \
+  on_##name: {                                                                             \
+    int a, b;                                                                              \
+    if (!(HOLDS_TWO && IntegerIn(top - 2, &a) && IntegerIn(top - 1, &b))) goto on_Handler; \
+    REPLACE_TWO(SetInteger(result))                                                        \
+    NEXT(1)                                                                                \
+  }
+#define LOGIC(name, result)                                                                \
+  on_##name: {                                                                             \
+    bool a, b;                                                                             \
+    if (!(HOLDS_TWO && FindTruth(top - 2, &a) && FindTruth(top - 1, &b))) goto on_Handler; \
+    REPLACE_TWO(SetInteger(result))                                                        \
+    NEXT(1)                                                                                \
+  }
 #define JUMP_ON(name, holds)                                                               \
   on_##name: {                                                                             \
     int order;                                                                             \
@@ -508,9 +611,15 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   on_##name: {                                                                             \
     int number;                                                                            \
     LEAVE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable)                  \
-    variable = top[-2].value.variable;                                                     \
+    variable = top[-2].value.variable->Real();                                             \
     LEAVE_UNLESS(variable->IsPlain() && IntegerIn(top - 1, &number) && number >= 1)        \
     TELL_STACK                                                                             \
+    DenseSlot bare;                                                                        \
+    if (!create && VALUE_SUFFICES(op + 1) && variable->FindBare(number, &bare)) {          \
+      if (bare.IsInteger()) REPLACE_TWO(SetInteger(bare.integer()))                        \
+      else REPLACE_TWO(SetDouble(bare.number()))                                           \
+      NEXT(1)                                                                              \
+    }                                                                                      \
     variable = variable->At(number, create);                                               \
     if (!variable) variable = null_variable;                                               \
     variable->Hold();                                                                      \
@@ -524,6 +633,12 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
                   IntegerOf(VARIABLE(op + 1), &number) && number >= 1)                     \
     WAKE(variable)                                                                         \
     TELL_STACK                                                                             \
+    DenseSlot bare;                                                                        \
+    if (!create && VALUE_SUFFICES(op + 3) && variable->FindBare(number, &bare)) {          \
+      if (bare.IsInteger()) PUSH(SetInteger(bare.integer()))                               \
+      else PUSH(SetDouble(bare.number()))                                                  \
+      NEXT(3)                                                                              \
+    }                                                                                      \
     variable = variable->At(number, create);                                               \
     PUSH(SetVariable(variable ? variable : null_variable))                                 \
     NEXT(3)                                                                                \
@@ -531,11 +646,12 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define MEMBER(name, create)                                                               \
   on_##name: {                                                                             \
     LEAVE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable)                  \
-    LEAVE_UNLESS(top[-1].kind == ZephVM_Stack::KindString && !top[-1].deferred)            \
-    variable = top[-2].value.variable;                                                     \
-    LEAVE_UNLESS(variable->IsPlain())                                                      \
+    const char* text;                                                                      \
+    int length;                                                                            \
+    variable = top[-2].value.variable->Real();                                             \
+    LEAVE_UNLESS(variable->IsPlain() && FindName(top - 1, variable, &text, &length))       \
     TELL_STACK                                                                             \
-    variable = variable->Member(top[-1].value.text, top[-1].length, create);               \
+    variable = variable->Member(text, length, create);                                     \
     if (!variable) variable = null_variable;                                               \
     variable->Hold();                                                                      \
     REPLACE_TWO(SetOwned(variable))                                                        \
@@ -570,14 +686,24 @@ on_PushText:
   PUSH(SetText(op->text, op->length))
   NEXT(1)
 on_PushVariable:
-  variable = VARIABLE(op);
-  LEAVE_UNLESS(variable && HAS_ROOM)
+  variable = ROW_OF(op);
+  LEAVE_UNLESS(HAS_ROOM)
+  if (!variable) [[unlikely]] {
+    TELL_STACK
+    variable = MADE_AT(op);
+    LEAVE_UNLESS(variable)
+  }
   WAKE(variable)
   PUSH(SetVariable(variable))
   NEXT(1)
 on_PopVariable:
   variable = VARIABLE(op);
-  LEAVE_UNLESS(variable && HOLDS_ONE)
+  LEAVE_UNLESS(HOLDS_ONE)
+  if (!variable) [[unlikely]] {
+    TELL_STACK
+    variable = MADE_AT(op);
+    LEAVE_UNLESS(variable)
+  }
   if (variable->IsPlain() && top[-1].kind <= ZephVM_Stack::KindDouble) {
     --top;
     if (top->kind == ZephVM_Stack::KindDouble) {
@@ -589,6 +715,12 @@ on_PopVariable:
   }
   LEAVE_UNLESS(variable->IsOrdinary())
   WAKE(variable)
+  if (top[-1].kind == ZephVM_Stack::KindVariable &&
+      variable->CopyNumber(*top[-1].value.variable->Real())) {
+    --top;
+    ZephVM_Stack::Free(top);
+    NEXT(1)
+  }
   if (!IsOrdinary(top - 1)) goto pop_computed;
   if (top[-1].deferred) {
     --top;
@@ -616,14 +748,14 @@ on_Pop:
   ZephVM_Stack::Free(top);
   NEXT(1)
 on_Dup:
-  LEAVE_UNLESS(HOLDS_ONE && HAS_ROOM && IsNumberOrPlain(top - 1))
+  LEAVE_UNLESS(HOLDS_ONE && HAS_ROOM)
   TELL_STACK
   s->Dupe();
   ASK_STACK
   NEXT(1)
 on_Store:
   LEAVE_UNLESS(HOLDS_TWO && top[-1].kind == ZephVM_Stack::KindVariable)
-  variable = top[-1].value.variable;
+  variable = top[-1].value.variable->Real();
   LEAVE_UNLESS(variable->IsPlain() && IsNumberOrPlain(top - 2))
   if (top[-2].kind == ZephVM_Stack::KindVariable) {
     TELL_STACK
@@ -721,12 +853,31 @@ on_ModVariableConstantJump : {
   order = Remainder(order, op[1].first);
   JUMP_IF((order != 0) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)
 }
-  COMPARISON(Equal, a == b)
-  COMPARISON(NotEqual, !(a == b))
-  COMPARISON(Less, a < b)
-  COMPARISON(LessEqual, a <= b)
-  COMPARISON(Greater, !(a <= b))
-  COMPARISON(GreaterEqual, !(a < b))
+  COMPARISON(Equal, a == b, order == 0)
+  COMPARISON(NotEqual, !(a == b), order != 0)
+  COMPARISON(Less, a < b, order < 0)
+  COMPARISON(LessEqual, a <= b, order <= 0)
+  COMPARISON(Greater, !(a <= b), order > 0)
+  COMPARISON(GreaterEqual, !(a < b), order >= 0)
+  BITS(BitAnd, a & b)
+  BITS(BitOr, a | b)
+  BITS(BitXor, a ^ b)
+  BITS(ShiftLeft, static_cast<int>(static_cast<unsigned>(a) << (b & 31)))
+  BITS(ShiftRight, a >> (b & 31))
+on_BitNot : {
+  int number;
+  if (!(HOLDS_ONE && IntegerIn(top - 1, &number))) goto on_Handler;
+  REPLACE_ONE(SetInteger(~number))
+  NEXT(1)
+}
+  LOGIC(And, a && b)
+  LOGIC(Or, a || b)
+on_Not : {
+  bool truth;
+  if (!(HOLDS_ONE && FindTruth(top - 1, &truth))) goto on_Handler;
+  REPLACE_ONE(SetInteger(!truth))
+  NEXT(1)
+}
 
 on_Jump:
   JUMP(op)
@@ -750,13 +901,15 @@ on_CompareConstantJump : {
 }
 on_CompareGlobals : {
   int order;
-  LEAVE_UNLESS(HAS_ROOM && FindOrder(VARIABLE(op), SECOND(op), &order))
+  LEAVE_UNLESS(HAS_ROOM)
+  if (!FindOrder(VARIABLE(op), SECOND(op), &order)) goto on_Handler;
   PUSH(SetInteger(order - 1))
   NEXT(1)
 }
 on_CompareGlobalsJump : {
   int order;
-  LEAVE_UNLESS(HAS_ROOM && FindOrder(VARIABLE(op), SECOND(op), &order))
+  LEAVE_UNLESS(HAS_ROOM)
+  if (!FindOrder(VARIABLE(op), SECOND(op), &order)) goto on_Handler;
   JUMP_IF(Jumps(op + 1, order), op + 1, 2)
 }
 on_ModGlobals : {
@@ -794,6 +947,13 @@ on_StoreConstant:
 on_Line:
   LEAVE_UNLESS(!log_gate.Wants(Log_Trace))
   current_line = op->first;
+  NEXT(1)
+on_SourceFile:
+  if (source_file != op->first) {
+    traced_line = 0;
+    source_file = op->first;
+    source_name = nullptr;
+  }
   NEXT(1)
   ELEMENT(Element, 1)
   ELEMENT(ElementReadOnly, 0)
@@ -848,6 +1008,23 @@ on_ElementOfVariableStore : {
   --top;
   ZephVM_Stack::Free(top);
   NEXT(4)
+}
+on_ElementStore : {
+  int number;
+  SINGLE_UNLESS(top - 2 > bottom && top[-2].kind == ZephVM_Stack::KindVariable &&
+                top[-3].kind <= ZephVM_Stack::KindDouble && IntegerIn(top - 1, &number) &&
+                number >= 1)
+  variable = top[-2].value.variable->Real();
+  TELL_STACK
+  if (top[-3].kind == ZephVM_Stack::KindDouble) {
+    SINGLE_UNLESS(variable->WriteElement(number, top[-3].value.number))
+  } else {
+    SINGLE_UNLESS(variable->WriteElement(number, top[-3].value.integer))
+  }
+  ZephVM_Stack::Free(top - 1);
+  ZephVM_Stack::Free(top - 2);
+  top -= 3;
+  NEXT(2)
 }
 on_Handler:
   TELL_STACK
@@ -921,14 +1098,15 @@ written:
 on_Call:
   if (!(KNOWS_CALLED && HAS_ROOM)) [[unlikely]]
     goto unknown_called;
-  if (called->simple_parameters == 1 && HOLDS_ONE && IsDouble(top - 1) && locals->variable) {
+  if (called->simple_parameters == 1 && HOLDS_ONE && IsDouble(top - 1) && locals->variable &&
+      called->references == 0) {
     --top;
     locals->variable->Begin(top->value.number);
   } else {
     const int count = called->simple_parameters;
-    Entry* const taken = top - count >= bottom ? TakeNumbers(locals, count, top) : nullptr;
-    if (!taken) goto call;
-    top = taken;
+    if (top - count < bottom || !AreArguments(called->references, count, top)) goto call;
+    TELL_STACK
+    top = MoveArguments(called->variables, called->references, count, s, &patience);
   }
 enter : {
   ZephVM_Frame* const caller = frame;
@@ -956,7 +1134,8 @@ enter : {
 // In most cases the number is the only argument and goes straight into its variable. Otherwise it
 // is pushed.
 call_with_number:
-  if (KNOWS_CALLED && called->simple_parameters == 1 && locals->variable) [[likely]] {
+  if (KNOWS_CALLED && called->simple_parameters == 1 && locals->variable && called->references == 0)
+      [[likely]] {
     locals->variable->Begin(number_passed);
     goto enter;
   }
@@ -992,6 +1171,15 @@ call : {
   goto moved;
 }
 
+on_ReturnNothing : {
+  LEAVE_UNLESS(frame->returns_hot)
+  ZephVM_Stack* const callers = frame->previous->stack;
+  Entry* const value = callers->End();
+  LEAVE_UNLESS(callers->HasRoom(1))
+  value->SetText("", 0);
+  callers->SetEnd(value + 1);
+  goto returned;
+}
 on_Return : {
   LEAVE_UNLESS(frame->returns_hot && HOLDS_ONE)
   ZephVM_Stack* const callers = frame->previous->stack;
@@ -1004,13 +1192,31 @@ on_Return : {
   callers->SetEnd(value + 1);
   goto returned;
 }
-// If the caller uses the result only as a number, pass the number and leave the variable. The
-// variable must have no other form and no other holder.
-on_ReturnVariable:
-  variable = VARIABLE(op);
-  SINGLE_UNLESS(HAS_ROOM && variable && frame->return_code == code_serial &&
-                static_cast<ZephVM_FunctionFrame*>(frame)->return_op->after_number &&
-                FindAlone(variable, &number_passed) && variable->plain_count() == 1)
+// If the caller uses only the value of the result, pass that and leave the variable. The variable
+// must have no other form and no other holder.
+on_ReturnVariable : {
+  variable = ROW_OF(op);
+  SINGLE_UNLESS(HAS_ROOM && variable && frame->return_code == code_serial)
+  const HotOp* const use = static_cast<ZephVM_FunctionFrame*>(frame)->return_op;
+  SINGLE_UNLESS(
+      (use->after_value || IsPlainTarget(use, frame->previous->variables, rows[0], counts[0])) &&
+      variable->IsPlain() && variable->plain_count() == 1)
+  if (FindAlone(variable, &number_passed)) {
+    if (use->after_number || variable->HoldsDouble()) goto return_number;
+    Entry* const value = frame->previous->stack->End();
+    value->SetInteger(variable->plain_integer());
+    frame->previous->stack->SetEnd(value + 1);
+    goto returned;
+  }
+  char* text;
+  int length, allocated;
+  // As a number, a text on the stack may be another one than the variable that had it.
+  SINGLE_UNLESS(!use->after_number && variable->TakeText(&text, &length, &allocated))
+  Entry* const value = frame->previous->stack->End();
+  value->SetOwnedText(text, length, allocated);
+  frame->previous->stack->SetEnd(value + 1);
+  goto returned;
+}
 return_number : {
   ZephVM_Stack* const callers = frame->previous->stack;
   Entry* const value = callers->End();
@@ -1081,6 +1287,9 @@ on_Leave:
 #undef LEAVE_UNLESS
 #undef JUMP
 #undef JUMP_IF
+#undef ROW_AT
+#undef ROW_OF
+#undef MADE_AT
 #undef VARIABLE_AT
 #undef VARIABLE
 #undef SECOND
@@ -1103,10 +1312,13 @@ on_Leave:
 #undef FIND_NUMBER
 #undef FIND_COMPARABLE
 #undef KNOWS_CALLED
+#undef VALUE_SUFFICES
 #undef ARITHMETIC
 #undef UPDATE
 #undef UPDATE_FOUND
 #undef COMPARISON
+#undef BITS
+#undef LOGIC
 #undef JUMP_ON
 #undef ELEMENT
 #undef MEMBER

@@ -3,6 +3,7 @@
 
 #include "base/machine/ZephVM_Stack.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -415,6 +416,35 @@ int ZephVM_Stack::CompareTexts(const Entry* left, const Entry* right) {
     if (difference != 0) return difference;
   }
   return a.length == b.length ? 0 : a.length < b.length ? -1 : 1;
+}
+
+namespace {
+// The text that an entry has without a conversion; null if it has none.
+const char* TextAtHand(const ZephVM_Stack::Stack_Entry* entry, int* length) {
+  if (entry->kind == ZephVM_Stack::KindString && !entry->deferred) {
+    *length = entry->length;
+    return entry->value.text;
+  }
+  if (entry->kind != ZephVM_Stack::KindVariable) return nullptr;
+  const Variable* const variable = entry->value.variable->Real();
+  if (!(variable->plain_forms() & Variable::TextForm)) return nullptr;
+  *length = variable->plain_text().length;
+  return variable->plain_text().data;
+}
+}  // namespace
+
+bool ZephVM_Stack::CompareWords(const Entry* left, const Entry* right, int* order) {
+  int a_length, b_length;
+  const char* const a = TextAtHand(left, &a_length);
+  if (!a) return false;
+  const char* const b = TextAtHand(right, &b_length);
+  if (!b) return false;
+  if (ZephApplication::MayBeNumber(a, a_length) && ZephApplication::MayBeNumber(b, b_length)) {
+    return false;
+  }
+  *order = memcmp(a, b, static_cast<size_t>(std::min(a_length, b_length)));
+  if (*order == 0) *order = a_length - b_length;
+  return true;
 }
 
 int ZephVM_Stack::CompareConverted() {

@@ -74,6 +74,10 @@ class ZephVM_Stack {
     void SetText(const char* bytes, int count) {
       Set(KindString, reinterpret_cast<uintptr_t>(bytes), Lengths(count, count));
     }
+    // Adopts a text made with new[].
+    void SetOwnedText(char* bytes, int count, int allocated) {
+      Set(KindString | OwnedMark, reinterpret_cast<uintptr_t>(bytes), Lengths(count, allocated));
+    }
     // Adopts a count on the variable.
     void SetOwned(Variable* held) {
       Set(KindVariable | OwnedMark, reinterpret_cast<uintptr_t>(held), Lengths(8, 8));
@@ -249,6 +253,9 @@ class ZephVM_Stack {
     return CompareConverted();
   }
   static int Compare(const Stack_Entry* left, const Stack_Entry* right);
+  // The same for two texts of which one is no number, as a look at its beginning shows, without a
+  // conversion. Returns false for others.
+  static bool CompareWords(const Stack_Entry* left, const Stack_Entry* right, int* order);
   void Dupe();
   // Pops a deferred text, which then belongs to the caller; returns null and pops nothing if the
   // top is anything else.

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -15,7 +16,9 @@
 #include "base/host/HTTPOutput.h"
 #include "base/machine/Feature.h"
 #include "base/values/Aggregate.h"
+#include "tests/support/GrowthOfTime.h"
 #include "tests/support/Machine.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -429,6 +432,15 @@ TEST(HotCode, RandomProgramTextsDoTheSameHotAndCold) {
   }
 }
 
+// Where two texts begin to differ.
+std::string Difference(const std::string& one, const std::string& other) {
+  size_t at = 0;
+  while (at < one.size() && at < other.size() && one[at] == other[at]) at++;
+  const size_t from = at < 40 ? 0 : at - 40;
+  return "at " + std::to_string(at) + ": ..." + one.substr(from, 80) + "\nand: ..." +
+         other.substr(from, 80);
+}
+
 // A program without an error writes the same, decoded or not.
 void ExpectTheSameHotAndCold(const std::string& program) {
   Machine hot, cold;
@@ -439,6 +451,184 @@ void ExpectTheSameHotAndCold(const std::string& program) {
   EXPECT_EQ(cold.Go(), 1);
   EXPECT_NE(hot.segments.Start()->hot(), nullptr);
   EXPECT_EQ(hot.Output(), cold.Output());
+}
+
+// Programs of functions that call one another with arguments of all kinds, by value and by
+// reference, and return all kinds of results, which are used in all ways.
+class RandomCalls {
+ public:
+  explicit RandomCalls(unsigned seed) : random(seed) {}
+
+  std::string Program() {
+    std::string text = "storegi n, 0\n";
+    for (const char* name : kGlobals) text += Value() + "popg " + name + "\n";
+    text += "again: incg n, 1\n";
+    for (int i = 0; i < 4; i++) text += Statement(0);
+    for (const char* name : kGlobals) text += std::string("pushg ") + name + "\nout\n";
+    text += "cmpgi n, " + std::to_string(kRounds) + "\njmp_lt again\nexit\n";
+    for (level = 1; level <= 3; level++) {
+      text += ".function f" + std::to_string(level) + "(p";
+      text += std::string(Below(2) ? " var" : "") + ", q" + (Below(2) ? " var" : "") + ", r)\n";
+      text += ".local k\n.local m\n";
+      const int statements = 2 + Below(4);
+      for (int i = 0; i < statements; i++) text += Statement(level);
+      text += Below(5) ? Any() + "ret\n" : "retn\n";
+      text += ".end\n";
+    }
+    return text;
+  }
+
+ private:
+  static constexpr const char* kGlobals[] = {"a", "b", "c", "d"};
+
+  int Below(int limit) { return static_cast<int>(random() % static_cast<unsigned>(limit)); }
+  std::string Name() {
+    static const char* const kLocals[] = {"p", "q", "r", "k", "m"};
+    if (level == 0 || Below(6) == 0) return std::string("g ") + kGlobals[Below(4)];
+    return std::string("l ") + kLocals[Below(5)];
+  }
+  std::string Value() {
+    static const char* const kValues[] = {"pushi 0",
+                                          "pushi 1",
+                                          "pushi 3",
+                                          "pushi -7",
+                                          "pushf 2.5",
+                                          "pushf 4",
+                                          "pushc \"word\"",
+                                          "pushc \"12\"",
+                                          "pushc \"\"",
+                                          "pushc \"n\"",
+                                          "pushi 2000",
+                                          "pushf 1e10",
+                                          "pushc \"99999999999\"",
+                                          "pushc \"nan\"",
+                                          "pushc \"infinite\""};
+    return std::string(kValues[Below(15)]) + "\n";
+  }
+  std::string Variable() { return "push" + Name() + "\n"; }
+  std::string Place() {
+    switch (Below(4)) {
+      case 0: return Variable() + "pushi " + std::to_string(1 + Below(4)) + "\nelem\n";
+      case 1: return Variable() + Variable() + "memb\n";
+      case 2: return Variable() + "pushc \"m\"\nmemb\n";
+      default: return Variable();
+    }
+  }
+  std::string Operand() {
+    switch (Below(5)) {
+      case 0: return Value();
+      case 1: return Variable() + "pushi " + std::to_string(1 + Below(4)) + "\nelem_readonly\n";
+      case 2: return Variable() + "pushc \"m\"\nmemb_readonly\n";
+      default: return Variable();
+    }
+  }
+  std::string Call() {
+    if (level >= 3) return Value();
+    const std::string name = "f" + std::to_string(level + 1 + Below(3 - level));
+    return Place() + Place() + Any() + "call " + name + "\n";
+  }
+  std::string Any() {
+    static const char* const kOperations[] = {
+        "add", "sub", "mul", "div", "mod", "cat",    "eq",    "ne",     "lt",    "le",
+        "gt",  "ge",  "and", "or",  "cmp", "bitand", "bitor", "bitxor", "bitsl", "bitsr"};
+    switch (Below(9)) {
+      case 0:
+      case 1: return Operand() + Operand() + kOperations[Below(20)] + "\n";
+      case 2: return Operand() + (Below(2) ? "not\n" : "bitoc\n");
+      case 3: return depth++ < 6 ? Call() : Value();
+      case 4: return depth++ < 6 ? Call() + Operand() + kOperations[Below(20)] + "\n" : Value();
+      case 5: return depth++ < 6 ? Operand() + Call() + kOperations[Below(20)] + "\n" : Value();
+      default: return Operand();
+    }
+  }
+  std::string Statement(int at) {
+    level = at;
+    depth = 0;
+    switch (Below(10)) {
+      case 0: return Any() + Place() + "store\n";
+      case 1: return Any() + "out\n";
+      case 2: return Any() + "pop\n";
+      case 3: {
+        const std::string label = "x" + std::to_string(labels++);
+        return Any() + Any() + "eq\njmp_eq " + label + "\n" + Any() + "pop" + Name() + "\n" +
+               label + ": lineno 3\n";
+      }
+      case 4: return Place() + "dup\n" + Operand() + "add\nswap\nstore\n";
+      case 5: return Value() + "pop" + Name() + "\n";
+      case 6: return Variable() + "popr" + Name() + "\n";
+      default: return Any() + "pop" + Name() + "\n";
+    }
+  }
+
+  std::mt19937 random;
+  int level = 0;
+  int depth = 0;
+  int labels = 0;
+};
+
+TEST(HotCode, RandomCallsDoTheSameHotAndColdInFreshFramesAndInReusedOnes) {
+  int finished = 0;
+  for (unsigned seed = 1; seed <= Rounds(200u); seed++) {
+    const std::string program = RandomCalls(seed).Program();
+    SCOPED_TRACE(testing::Message() << seed << "\n" << program);
+    Outcome outcomes[4];
+    for (int way = 0; way < 4; way++) {
+      Machine machine;
+      machine.Assemble(program);
+      if (way & 1) KeepCold(&machine);
+      machine.vm().SetFrameReuse((way & 2) == 0);
+      outcomes[way].result = machine.Go();
+      outcomes[way].values = machine.Output();
+      outcomes[way].error = machine.Error();
+      outcomes[way].entries = machine.stack().Entries();
+    }
+    finished += outcomes[0].result;
+    for (const Outcome& other : outcomes) {
+      ASSERT_TRUE(outcomes[0].values == other.values)
+          << Difference(outcomes[0].values, other.values);
+      ASSERT_EQ(outcomes[0].result, other.result);
+      ASSERT_EQ(outcomes[0].error, other.error);
+      ASSERT_EQ(outcomes[0].entries, other.entries);
+    }
+  }
+  EXPECT_GT(finished, Rounds(60));
+}
+
+TEST(HotCode, AStructureMayBeNamedByItself) {
+  ExpectTheSameHotAndCold(
+      "storegi n, 0\nagain: incg n, 1\npushc \"self\"\npopg x\npushi 5\npushg x\npushg "
+      "x\nmemb\nstore\n"
+      "pushg x\nout\ncmpgi n, " +
+      std::to_string(kRounds) + "\njmp_lt again\nexit\n");
+}
+
+// A call between the read of an element and its use may store to that element.
+TEST(HotCode, AnElementIsReadWhenItIsUsed) {
+  ExpectTheSameHotAndCold(
+      "storegi n, 0\nagain: incg n, 1\npushi 1\npushg a\npushi 1\nelem\nstore\n"
+      "pushg a\npushi 1\nelem_readonly\ncall change\nadd\nout\ncmpgi n, " +
+      std::to_string(kRounds) +
+      "\njmp_lt again\nexit\n.function change()\npushi 100\npushg a\npushi 1\nelem\nstore\n"
+      "pushi 1000\nret\n");
+}
+
+// Each call refers to the parameter of the one before, so that the chain is as long as the calls
+// are deep.
+TEST(HotCode, ReferencesOfReferencesTakeTimeByTheNumberOfCalls) {
+  ExpectNearLinear(
+      2000,
+      [](int depth) {
+        auto machine = std::make_unique<Machine>();
+        machine->Assemble(
+            "storegi n, 0\nstoregi sum, 0\nagain: incg n, 1\npushg sum\npushi " +
+            std::to_string(depth) +
+            "\ncall down\npop\ncmpgi n, 5\njmp_lt again\npushg sum\nout\nexit\n"
+            ".function down(total var, depth)\npushl total\npushi 1\nadd\npopl total\n"
+            "pushl depth\npushi 1\nle\njmp_ne end\npushl total\npushl depth\npushi 1\nsub\n"
+            "call down\npop\nend: pushl total\nret\n");
+        return machine;
+      },
+      [](std::unique_ptr<Machine>* machine) { EXPECT_EQ((*machine)->Go(), 1); });
 }
 
 // Idioms require the room that their instructions would require, on a stack that grows once and has
