@@ -20,7 +20,7 @@ using testing::Not;
 
 // The settings of the page, for a server of this port.
 std::string Settings(int port, const std::string& password) {
-  return "[[library]]\nkind = \"builtin\"\npath = \"" + InBuild("lib/libshelf.so") +
+  return "[[library]]\nkind = \"builtin\"\npath = \"" + InBuild("lib/zephstd.so") +
          "\"\n[variables.system]\nmail_host = \"localhost\"\nmail_port = " + std::to_string(port) +
          "\nmail_user = \"site\"\nmail_password = \"" + password +
          "\"\nmail_flags = \"\"\nmail_reader = \"reader@example.org\"\n";

@@ -272,16 +272,16 @@ class SlowExampleSite : public SlowWebServers {
  protected:
   // The address; empty if the server does not come up.
   std::string Serve() {
-    engine.Folder("build");
     engine.Folder("run");
-    for (const char* part : {"bin", "lib"}) {
-      std::filesystem::create_symlink(InBuild(part), engine.Path(std::string("build/") + part));
+    const std::filesystem::path site = engine.Path("site");
+    std::filesystem::create_directory(site);
+    for (const auto& entry : std::filesystem::directory_iterator(InSource("examples/site"))) {
+      if (entry.path().filename() == ".zeph") continue;
+      std::filesystem::copy(entry.path(), site / entry.path().filename(),
+                            std::filesystem::copy_options::recursive);
     }
-    // A script directory that is a link would be refused.
-    std::filesystem::copy(InBuild("site"), engine.Path("build/site"),
-                          std::filesystem::copy_options::recursive);
-    server.Start("env ZEPH_BUILD='" + engine.Path("build") + "' TMPDIR='" + engine.Path("run") +
-                     "' '" + InSource("script/server") + "'",
+    server.Start("env ZEPH_BUILD='" + InBuild("") + "' ZEPH_SITE='" + site.string() + "' TMPDIR='" +
+                     engine.Path("run") + "' '" + InSource("script/server") + "'",
                  engine.Path("log"));
     std::string address;
     Eventually(start_timeout, [&] {
@@ -294,9 +294,12 @@ class SlowExampleSite : public SlowWebServers {
     return address;
   }
 
-  pid_t EngineOfTheSite() {
-    std::string run = OutputOf("ls -d '" + engine.Path("run") + "'/zeph.*");
-    return NotedProcess(run.substr(0, run.find('\n')) + "/engine.pid");
+  // The engine's number, as a page of the site shows it.
+  pid_t EngineOfTheSite(const std::string& address) {
+    const std::string page = OutputOf("curl -s --max-time 60 " + address + "environment.zpc");
+    const std::string before = "<code>process_id</code></th><td>";
+    const size_t at = page.find(before);
+    return at == std::string::npos ? 0 : atoi(page.c_str() + at + before.size());
   }
 
   // Signals as a terminal does for Ctrl-C.
@@ -319,7 +322,9 @@ TEST_F(SlowExampleSite, TheServerScriptServesItAndLeavesNothingBehind) {
   EXPECT_THAT(OutputOf("curl -s --max-time 60 -o /dev/null -w '%{http_code} %{content_type}' " +
                        address + "style.css"),
               StartsWith("200 text/css"));
-  pid_t process = EngineOfTheSite();
+  EXPECT_THAT(page, HasSubstr("<pre tabindex=\"0\">&lt;ZpASSIGN page = &quot;index&quot;"));
+  pid_t process = EngineOfTheSite(address);
+  ASSERT_GT(process, 0);
   EXPECT_TRUE(Alive(process));
   Interrupt();
   EXPECT_FALSE(Alive(process));
@@ -351,9 +356,9 @@ TEST_F(SlowExampleSite, ABrowserSendsFormsAndFiles) {
         "form|received|Oolong", "form|received|Milk,Lemon", "form|received|first line second line",
         "form|kept|Ada <Lovelace> & \xC3\x9Cn\xC3\xAF+1%", "form|ticked|2",
         "upload|before|Nothing yet.", "upload|about|from a <browser>",
-        "upload|received|My picture (1).bin My_picture__1_.bin application/octet-stream 300000",
-        "upload|received|notes.txt notes.txt text/plain 17",
-        "upload|shelf|My_picture__1_.bin 300000", "upload|shelf|notes.txt 17"}) {
+        "upload|received|My picture (1).bin my-picture-1.bin application/octet-stream 300000",
+        "upload|received|notes.txt notes.txt text/plain 17", "upload|shelf|my-picture-1.bin 300000",
+        "upload|shelf|notes.txt 17"}) {
     EXPECT_THAT(shown, HasSubstr(std::string(line) + "\n"));
   }
   EXPECT_THAT(shown, HasSubstr("environment|documenturl|" + address + "environment.zpc?\n"));
@@ -363,7 +368,7 @@ TEST_F(SlowExampleSite, ABrowserSendsFormsAndFiles) {
   ASSERT_NE(at, std::string::npos) << shown;
   const std::string id = shown.substr(at + 9, 32);
   EXPECT_THAT(shown, HasSubstr("environment|HTTP_COOKIE|zixcallerid=" + id + "\n"));
-  EXPECT_EQ(OutputOf("cd '" + engine.Path("build/data/shelf") + "' && cmp My_picture__1_.bin '" +
+  EXPECT_EQ(OutputOf("cd '" + engine.Path("site/.zeph/data/shelf") + "' && cmp my-picture-1.bin '" +
                      first + "' && cmp notes.txt '" + second + "' && echo same"),
             "same\n");
 }
