@@ -157,16 +157,18 @@ TEST(ExampleSite, TheListOfTeasIsWrittenOnceAndReadWithAFilter) {
                           row("4", "Rooibos", "2.80", "no tea at all");
   for (int visit = 0; visit < 2; visit++) {
     const std::string page = engine.Get("/teas.zpc").Body();
-    EXPECT_THAT(page, HasSubstr("<table>\n" + all + "</table>\n<p>4 teas, 4.10 on average.</p>"));
+    EXPECT_THAT(page,
+                HasSubstr("About</th></tr>\n" + all + "</table>\n<p>4 teas, 4.10 on average.</p>"));
     EXPECT_THAT(page, HasSubstr("</html>\n"));
   }
   const auto limited = [&](const char* query) {
     return engine.Get("/teas.zpc", {{"QUERY_STRING", query}}).Body();
   };
-  EXPECT_THAT(limited("limit=4"), HasSubstr("<table>\n" + row("1", "Assam", "3.20", "strong") +
-                                            row("2", "Rooibos", "2.80", "no tea at all") +
-                                            "</table>\n<p>2 teas, 3.00"));
-  EXPECT_THAT(limited("limit=1"), HasSubstr("<table>\n</table>\n<p><a"));
+  EXPECT_THAT(
+      limited("limit=4"),
+      HasSubstr("About</th></tr>\n" + row("1", "Assam", "3.20", "strong") +
+                row("2", "Rooibos", "2.80", "no tea at all") + "</table>\n<p>2 teas, 3.00"));
+  EXPECT_THAT(limited("limit=1"), HasSubstr("About</th></tr>\n</table>\n<p><a"));
   const FastCGIResponse file = engine.Get("/teas.zpc", {{"QUERY_STRING", "format=csv"}});
   EXPECT_EQ(file.Header("Content-Type"), "text/csv; charset=utf-8");
   EXPECT_EQ(file.Body(),
@@ -689,6 +691,38 @@ TEST_F(AddressPage, FirstVisitorsAtOnceMakeOneTable) {
   Rows all;
   for (int i = 0; i < visitors; i++) all.push_back("Visitor" + std::to_string(i) + "||");
   EXPECT_EQ(List(Get()), all);
+}
+
+// --- The pages beside those in PHP ---------------------------------------------------------------
+
+TEST(ComparedPages, TheyCompileAndHaveTheLinesThatTheirTableSays) {
+  const std::string folder = InSource("examples/compare");
+  Command check({InBuild("bin/zeph"), "check", "--werror", folder});
+  EXPECT_EQ(check.Run(), 0) << check.output;
+  std::ifstream table(folder + "/README.md");
+  const std::regex row("\\| `([a-z]+)` \\| ([0-9]+) \\| ([0-9]+) \\|");
+  const std::regex sums("\\| all of them \\| \\| ([0-9]+) \\| ([0-9]+) \\|");
+  const auto lines = [&](const std::string& name) {
+    std::ifstream file(folder + "/" + name);
+    int count = 0;
+    for (std::string line; std::getline(file, line);) count += !line.empty();
+    return count;
+  };
+  int tasks = 0, ours = 0, theirs = 0;
+  for (std::string line; std::getline(table, line);) {
+    std::smatch match;
+    if (std::regex_search(line, match, row)) {
+      EXPECT_EQ(std::stoi(match.str(2)), lines(match.str(1) + ".zeph")) << line;
+      EXPECT_EQ(std::stoi(match.str(3)), lines(match.str(1) + ".php")) << line;
+      tasks++;
+      ours += std::stoi(match.str(2));
+      theirs += std::stoi(match.str(3));
+    } else if (std::regex_search(line, match, sums)) {
+      EXPECT_EQ(std::stoi(match.str(1)), ours);
+      EXPECT_EQ(std::stoi(match.str(2)), theirs);
+    }
+  }
+  EXPECT_EQ(tasks, 9);
 }
 
 }  // namespace
