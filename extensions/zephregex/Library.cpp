@@ -14,9 +14,12 @@
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
 
+#include <time.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <list>
 #include <memory>
 #include <new>
@@ -25,22 +28,29 @@
 #include <unordered_map>
 
 #include "api/zeph.h"
+#include "extensions/quote.h"
 
 namespace {
 
 constexpr size_t kMostPatternBytes = 16 << 10;
 constexpr size_t kMostPatterns = 64;  // that a thread keeps
-// Steps of one match. A pattern that takes more is a mistake or an attack.
+// Steps of a match at one place of a text. A pattern that takes more is a mistake or an attack.
 constexpr uint32_t kMostSteps = 1'000'000;
 // Nested steps, and the memory for them in KB.
 constexpr uint32_t kMostDepth = 100'000;
 constexpr uint32_t kMostHeap = 20'000;
 // The stack of patterns that are compiled for the processor, which have no heap.
 constexpr size_t kFirstStack = 32 << 10, kMostStack = 4 << 20;
-constexpr int kMostResult = 64 << 20;
+constexpr size_t kMostResult = 64 << 20;
+constexpr int kMostElements = 1'000'000;
 constexpr int kMostMatches = 100'000;
-// After so many matches and bytes the time limit of the script is read.
+// The time limit of the script is read after so many matches, and after so much time.
 constexpr int kMatchesBetweenLooks = 256;
+constexpr long long kMillisecondsBetweenLooks = 20;
+// The clock is read after so many places of a text at which a pattern was tried.
+constexpr unsigned kPlacesBetweenLooks = 16;
+// Of the processor, for all matches of a call: a script without a time limit ends, too.
+constexpr long long kMostMilliseconds = 10'000;
 
 struct FreeCode {
   void operator()(pcre2_code* code) const { pcre2_code_free(code); }
@@ -104,9 +114,22 @@ pcre2_match_context* PatternCache::limits() {
   return context.get();
 }
 
-// Options such as "(?i)" are in the pattern, so its text is all that the cache has to compare.
-std::unique_ptr<pcre2_code, FreeCode> Compile(std::string_view text, std::string* problem) {
-  if (text.size() > kMostPatternBytes) {
+// Where the pattern begins after options such as "(*CRLF)", which must be its first bytes. What has
+// the same form and is none, such as "(*COMMIT)", may be passed, too.
+size_t AfterOptions(std::string_view text) {
+  size_t at = 0;
+  while (text.substr(at).starts_with("(*")) {
+    const size_t end = text.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ_0123456789=", at + 2);
+    if (end == std::string_view::npos || end == at + 2 || text[end] != ')') break;
+    at = end + 1;
+  }
+  return at;
+}
+
+// Options stand before the pattern, as "(?i)" does, so they are part of its text.
+std::unique_ptr<pcre2_code, FreeCode> Compile(std::string_view text, std::string* problem,
+                                              size_t most_bytes = kMostPatternBytes) {
+  if (text.size() > most_bytes) {
     *problem = "the pattern has more than 16 KB";
     return nullptr;
   }
@@ -129,7 +152,13 @@ Pattern* PatternCache::Find(std::string_view text, std::string* problem) {
     patterns.splice(patterns.begin(), patterns, found->second);
     return &patterns.front();
   }
-  auto code = Compile(text, problem);
+  if (!Compile(text, problem)) return nullptr;
+  // A match reports each place of the text at which it tries the pattern, because the limit of
+  // steps is for one place only. The reports are no part of what a script sees, so its own text has
+  // been compiled first.
+  std::string watched(text);
+  watched.insert(AfterOptions(text), "(?C1)");
+  auto code = Compile(watched, problem, kMostPatternBytes + 5);
   if (!code) return nullptr;
   Pattern made;
   made.text = text;
@@ -177,6 +206,11 @@ class Call {
     zpProgram_FatalError(program, whole.data(), static_cast<int>(whole.size()));
     return false;
   }
+  // The same with a part of what a visitor may have sent. Errors are on pages, so it is encoded for
+  // HTML.
+  bool Fail(const std::string& message, std::string_view quoted) const {
+    return Fail(message + ": '" + EncodedQuote(quoted) + "'");
+  }
   // Whether the time limit of the script has passed.
   bool TimeIsOver() const {
     static constexpr char kRemaining[] = "dyn_time_remaining";
@@ -194,12 +228,48 @@ class Call {
   const char* name;
 };
 
+long long Milliseconds(clockid_t clock) {
+  timespec time;
+  clock_gettime(clock, &time);
+  return time.tv_sec * 1000LL + time.tv_nsec / 1'000'000;
+}
+
+// Ends a call that works for too long.
+class Watch {
+ public:
+  explicit Watch(const Call& call) : call(call), last_look(Milliseconds(CLOCK_MONOTONIC_COARSE)) {}
+
+  // Returns why the call must end, or null. It costs little when it was called just before; with
+  // now set it looks in any case.
+  const char* Look(bool now) {
+    const long long time = Milliseconds(CLOCK_MONOTONIC_COARSE);
+    if (!now && time - last_look < kMillisecondsBetweenLooks) return nullptr;
+    last_look = time;
+    if (call.TimeIsOver()) return "the time limit of the script has passed";
+    const long long used = Milliseconds(CLOCK_THREAD_CPUTIME_ID);
+    if (begin < 0) begin = used;
+    const bool over = used - begin > kMostMilliseconds;
+    return over ? "the pattern takes more than 10 seconds for this text" : nullptr;
+  }
+
+ private:
+  const Call& call;
+  long long last_look;
+  long long begin = -1;  // what the thread had used at the first look
+};
+
+// What a result has so far.
+struct Size {
+  size_t bytes = 0;
+  int elements = 0;
+};
+
 // Goes over the matches of a pattern in a text.
 class Matcher {
  public:
   // ok() is false if the script has its error.
   Matcher(const Call& call, std::string_view text, std::string_view pattern_text)
-      : call(call), text(text) {
+      : call(call), text(text), watch(call) {
     std::string problem;
     pattern = Patterns().Find(pattern_text, &problem);
     if (pattern == nullptr) call.Fail("'pattern' is wrong at " + problem);
@@ -210,16 +280,16 @@ class Matcher {
   bool Next() {
     if (!ok() || at > text.size()) return false;
     if (++matches > kMostMatches) return Failed("there are more than 100,000 matches");
-    if (matches % kMatchesBetweenLooks == 0 && call.TimeIsOver()) {
-      return Failed("the time limit of the script has passed");
-    }
+    if (const char* late = watch.Look(matches % kMatchesBetweenLooks == 0)) return Failed(late);
+    pcre2_match_context* const limits = Patterns().limits();
+    pcre2_set_callout(limits, &Matcher::Tried, this);
     // The whole text is checked to be UTF-8 at the first match only, because that takes as long as
     // the text is.
     const uint32_t options = matches > 1 ? PCRE2_NO_UTF_CHECK : 0;
     for (;;) {
       const int count =
           pcre2_match(pattern->code.get(), reinterpret_cast<PCRE2_SPTR>(text.data()), text.size(),
-                      at, options | after_empty, pattern->data.get(), Patterns().limits());
+                      at, options | after_empty, pattern->data.get(), limits);
       if (count > 0) break;
       if (count != PCRE2_ERROR_NOMATCH) return Refused(count);
       if (after_empty == 0) return false;
@@ -251,16 +321,44 @@ class Matcher {
     return pcre2_substring_number_from_name(pattern->code.get(),
                                             reinterpret_cast<PCRE2_SPTR>(name.c_str()));
   }
-  // Stores the match, as an array-like structure: the names of groups are their members.
-  void Store(ZPVARIABLE match) const;
+  // Stores the match, as an array-like structure: the names of groups are their members. False if
+  // it does not fit into the result, of which size is told.
+  bool Store(ZPVARIABLE match, Size* size);
+  // Counts an element with a text into the size of a result. False if that is too large or takes
+  // too long.
+  bool Count(std::string_view part, Size* size) {
+    if (part.size() > kMostResult - size->bytes) return Failed("the result is larger than 64 MB");
+    if (size->elements == kMostElements) {
+      return Failed("the result has more than 1,000,000 elements");
+    }
+    size->bytes += part.size();
+    size->elements++;
+    if (const char* late = watch.Look(false)) return Failed(late);
+    return true;
+  }
 
  private:
+  // Called for each place of the text at which the pattern is tried. Exceptions cannot pass through
+  // the frames of the match, so they wait for its end.
+  static int Tried(pcre2_callout_block*, void* data) {
+    auto* const matcher = static_cast<Matcher*>(data);
+    if (++matcher->tries % kPlacesBetweenLooks != 0) return 0;
+    try {
+      matcher->late = matcher->watch.Look(false);
+    } catch (...) {
+      matcher->thrown = std::current_exception();
+    }
+    return matcher->late != nullptr || matcher->thrown ? PCRE2_ERROR_CALLOUT : 0;
+  }
+  bool SetPart(ZPVARIABLE variable, std::string_view part, Size* size);
   bool Failed(const char* message) {
     failed = true;
     return call.Fail(message);
   }
   bool Refused(int code) {
     failed = true;
+    if (thrown) std::rethrow_exception(thrown);
+    if (late != nullptr) return call.Fail(late);
     if (code == PCRE2_ERROR_NOMEMORY) throw std::bad_alloc();
     if (code == PCRE2_ERROR_MATCHLIMIT || code == PCRE2_ERROR_DEPTHLIMIT ||
         code == PCRE2_ERROR_HEAPLIMIT || code == PCRE2_ERROR_JIT_STACKLIMIT) {
@@ -290,6 +388,10 @@ class Matcher {
   uint32_t after_empty = 0;
   size_t first = 0, last = 0;
   int matches = 0;
+  Watch watch;
+  unsigned tries = 0;
+  const char* late = nullptr;  // why the match was given up, if it was
+  std::exception_ptr thrown;
 };
 
 void SetText(ZPVARIABLE variable, std::string_view text) {
@@ -300,25 +402,40 @@ void MakeArray(ZPVARIABLE variable) {
   zpVariable_Delete_Array_Elements(1, -1, 1, variable);
 }
 
-void Matcher::Store(ZPVARIABLE match) const {
-  SetText(zpVariable_Struct_Member("match", -1, match, 1), Group(0));
+bool Matcher::SetPart(ZPVARIABLE variable, std::string_view part, Size* size) {
+  if (!Count(part, size)) return false;
+  SetText(variable, part);
+  return true;
+}
+
+bool Matcher::Store(ZPVARIABLE match, Size* size) {
+  // The structure and its array count, too.
+  if (!Count("", size) || !Count("", size) ||
+      !SetPart(zpVariable_Struct_Member("match", -1, match, 1), Group(0), size)) {
+    return false;
+  }
   ZPVARIABLE const groups = zpVariable_Struct_Member("groups", -1, match, 1);
   MakeArray(groups);
   for (uint32_t i = 1; i <= pattern->groups; i++) {
-    SetText(zpVariable_Array_Element(static_cast<int>(i), groups, 1), Group(i));
+    if (!SetPart(zpVariable_Array_Element(static_cast<int>(i), groups, 1), Group(i), size)) {
+      return false;
+    }
   }
   // Named groups are members, too.
-  uint32_t names = 0, size = 0;
+  uint32_t names = 0, row = 0;
   PCRE2_SPTR table = nullptr;
   pcre2_pattern_info(pattern->code.get(), PCRE2_INFO_NAMECOUNT, &names);
-  if (names == 0) return;
-  pcre2_pattern_info(pattern->code.get(), PCRE2_INFO_NAMEENTRYSIZE, &size);
+  if (names == 0) return true;
+  pcre2_pattern_info(pattern->code.get(), PCRE2_INFO_NAMEENTRYSIZE, &row);
   pcre2_pattern_info(pattern->code.get(), PCRE2_INFO_NAMETABLE, &table);
-  for (uint32_t i = 0; i < names; i++, table += size) {
+  for (uint32_t i = 0; i < names; i++, table += row) {
     const uint32_t number = static_cast<uint32_t>(table[0]) << 8 | table[1];
-    SetText(zpVariable_Struct_Member(reinterpret_cast<const char*>(table + 2), -1, match, 1),
-            Group(number));
+    if (!SetPart(zpVariable_Struct_Member(reinterpret_cast<const char*>(table + 2), -1, match, 1),
+                 Group(number), size)) {
+      return false;
+    }
   }
+  return true;
 }
 
 // Characters before a byte of a text that is UTF-8.
@@ -329,6 +446,7 @@ int CharactersBefore(std::string_view text, size_t end) {
 }
 
 bool Append(const Call& call, std::string_view part, std::string* to) {
+  // The text is never larger, so the difference is not negative.
   if (part.size() > kMostResult - to->size()) return call.Fail("the result is larger than 64 MB");
   *to += part;
   return true;
@@ -343,7 +461,7 @@ bool AppendReplacement(const Call& call, const Matcher& match, std::string_view 
     if (dollar == std::string_view::npos) return true;
     with.remove_prefix(dollar + 1);
     if (with.starts_with('$')) {
-      *to += '$';
+      if (!Append(call, "$", to)) return false;
       with.remove_prefix(1);
       continue;
     }
@@ -358,15 +476,14 @@ bool AppendReplacement(const Call& call, const Matcher& match, std::string_view 
     }
     // A $ with nothing that it could mean is itself.
     if (length == 0 || length == std::string_view::npos) {
-      *to += '$';
+      if (!Append(call, "$", to)) return false;
       continue;
     }
     const std::string name(rest.substr(0, length));
     const bool is_number = name.size() < 6 && std::all_of(name.begin(), name.end(), is_digit);
     const int number = is_number ? std::stoi(name) : match.NumberOf(name);
     if (number < 0 || number > static_cast<int>(match.groups())) {
-      return call.Fail("'with' names a group that the pattern has not: '" + name.substr(0, 40) +
-                       "'");
+      return call.Fail("'with' names a group that the pattern has not", name);
     }
     if (!Append(call, match.Group(static_cast<uint32_t>(number)), to)) return false;
     with = rest.substr(length + (braces ? 1 : 0));
@@ -389,7 +506,8 @@ void Groups(const Call& call) {
   std::string_view text, pattern;
   if (!call.Text(0, "text", &text) || !call.Text(1, "pattern", &pattern)) return;
   Matcher matcher(call, text, pattern);
-  if (matcher.Next()) matcher.Store(call.result);
+  Size size;
+  if (matcher.Next()) matcher.Store(call.result, &size);
 }
 
 void All(const Call& call) {
@@ -397,8 +515,9 @@ void All(const Call& call) {
   if (!call.Text(0, "text", &text) || !call.Text(1, "pattern", &pattern)) return;
   Matcher matcher(call, text, pattern);
   MakeArray(call.result);
+  Size size;
   for (int i = 1; matcher.Next(); i++) {
-    matcher.Store(zpVariable_Array_Element(i, call.result, 1));
+    if (!matcher.Store(zpVariable_Array_Element(i, call.result, 1), &size)) return;
   }
 }
 
@@ -429,17 +548,19 @@ void Split(const Call& call) {
   Matcher matcher(call, text, pattern);
   MakeArray(call.result);
   int parts = 0;
+  Size size;
   size_t from = 0;
   while (matcher.Next()) {
     // An empty match parts characters, and nothing at both ends.
     const bool empty = matcher.begin() == matcher.end();
     if (matcher.begin() < from) continue;
     if (empty && (matcher.begin() == 0 || matcher.end() == text.size())) continue;
-    SetText(zpVariable_Array_Element(++parts, call.result, 1),
-            text.substr(from, matcher.begin() - from));
+    const std::string_view part = text.substr(from, matcher.begin() - from);
+    if (!matcher.Count(part, &size)) return;
+    SetText(zpVariable_Array_Element(++parts, call.result, 1), part);
     from = matcher.end();
   }
-  if (matcher.ok() && !text.empty()) {
+  if (matcher.ok() && !text.empty() && matcher.Count(text.substr(from), &size)) {
     SetText(zpVariable_Array_Element(++parts, call.result, 1), text.substr(from));
   }
 }
@@ -448,18 +569,16 @@ void Quote(const Call& call) {
   std::string_view text;
   if (!call.Text(0, "text", &text)) return;
   std::string quoted;
-  for (const char c : text) {
+  for (const char& c : text) {
     if (c == '\0') {
-      quoted += "\\x00";
+      if (!Append(call, "\\x00", &quoted)) return;
       continue;
     }
     // Also what has a meaning only in sets and in extended patterns.
-    if (strchr("\\^$.|?*+()[]{}-#/ \t\n\r\f\v", c) != nullptr) quoted += '\\';
-    quoted += c;
-  }
-  if (quoted.size() > kMostResult) {
-    call.Fail("the result is larger than 64 MB");
-    return;
+    if (strchr("\\^$.|?*+()[]{}-#/ \t\n\r\f\v", c) != nullptr) {
+      if (!Append(call, "\\", &quoted)) return;
+    }
+    if (!Append(call, {&c, 1}, &quoted)) return;
   }
   SetText(call.result, quoted);
 }

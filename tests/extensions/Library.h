@@ -68,6 +68,12 @@ class Library : public testing::Test {
                                static_cast<int>(variable.size()), text.data(),
                                static_cast<int>(text.size()));
   }
+  // The seconds that the script may still run; -1 without a limit.
+  void SetRemaining(int seconds) {
+    ZPVARIABLE const remaining = zpVariable_Allocate("dyn_time_remaining", -1, nullptr, 0);
+    zpVariable_SetValue_Integer(remaining, seconds);
+    zpVariableHash_ReplaceVariable(zpProgram_System_VariableHash(program()), remaining);
+  }
   static std::string TextOf(ZPVARIABLE variable) {
     int length = 0;
     const char* const text = zpVariable_Value(variable, &length);

@@ -18,6 +18,8 @@ class Regex : public Library {
   }
 };
 
+class SlowRegex : public Regex {};
+
 TEST_F(Regex, MatchesAreFound) {
   const ValueCase cases[] = {
       {"regexmatch('abc', 'b')", "2"},
@@ -148,18 +150,72 @@ TEST_F(Regex, LongTextsAreMatched) {
 }
 
 TEST_F(Regex, ALoopOfMatchesEndsWithTheTimeOfTheScript) {
-  const auto set_remaining = [this](int seconds) {
-    ZPVARIABLE const remaining = zpVariable_Allocate("dyn_time_remaining", -1, nullptr, 0);
-    zpVariable_SetValue_Integer(remaining, seconds);
-    zpVariableHash_ReplaceVariable(zpProgram_System_VariableHash(program()), remaining);
-  };
-  set_remaining(0);
+  SetRemaining(0);
   EXPECT_EQ(Value("regexreplace(repeat('a', 200), 'a', 'b') EQ repeat('b', 200)"), "1");
-  set_remaining(-1);
+  SetRemaining(-1);
   EXPECT_EQ(Value("regexreplace(repeat('a', 300), 'a', 'b') EQ repeat('b', 300)"), "1");
-  set_remaining(0);
+  SetRemaining(0);
   EXPECT_EQ(Value("regexreplace(repeat('a', 300), 'a', 'b')"),
             "!regexreplace: the time limit of the script has passed");
+}
+
+// The steps of a match are limited at each place only, and a text has many.
+TEST_F(Regex, ASearchWithoutAMatchEndsWithTheTimeOfTheScript) {
+  for (const char* pattern : {"[a-z]+[0-9]", "(?=[a-z])[a-z]+[0-9]", "x?\\w+-|[a-z]+[0-9]"}) {
+    SetRemaining(0);
+    EXPECT_EQ(Value(std::string("regexmatch(repeat('a', 1000000), '") + pattern + "')"),
+              "!regexmatch: the time limit of the script has passed")
+        << pattern;
+  }
+}
+
+// A script without a time limit is not held for longer than ten seconds.
+TEST_F(SlowRegex, ASearchEndsWithoutATimeLimit) {
+  EXPECT_EQ(Value("regexmatch(repeat('a', 1000000), '[a-z]+[0-9]')"),
+            "!regexmatch: the pattern takes more than 10 seconds for this text");
+}
+
+TEST_F(Regex, OptionsAndVerbsAtTheStartKeepTheirMeaning) {
+  Set("g.t", "a\r\nb");
+  const ValueCase cases[] = {
+      {"regexmatch(g.t, '(?m)^b')", "4"},
+      {"regexmatch(g.t, '(*CRLF)(?m)^b')", "4"},
+      {"regexmatch(g.t, '(*CR)(?m)^b')", "0"},
+      {"regexmatch('aab', '(*COMMIT).b')", "0"},
+      {"regexmatch('aab', '(*LIMIT_MATCH=1000)(*UTF)b')", "3"},
+      {"regexreplace('aab', '\\Ga', 'x')", "xxb"},
+      {"regexreplace('baa', '\\Ga', 'x')", "baa"},
+      {"regexreplace('a(b)', '(?C7)\\((?C)', '')", "ab)"},
+      {"regexmatch('x', '*')",
+       "!regexmatch: 'pattern' is wrong at byte 1: quantifier does not "
+       "follow a repeatable item"},
+  };
+  EXPECT_VALUES(cases);
+  // Compiled with more than its text has.
+  EXPECT_EQ(Value("regexmatch(repeat('a', 16384), repeat('a', 16384))"), "1");
+}
+
+TEST_F(Regex, ResultsHaveLimits) {
+  const ValueCase cases[] = {
+      {"bytes(regexreplace('a', 'a', repeat('b', 67108864)))", "67108864"},
+      {"bytes(regexreplace('a', 'a', repeat('b', 67108864) $ '$$'))",
+       "!regexreplace: the result is larger than 64 MB"},
+      {"bytes(regexreplace('a', 'a', repeat('b', 67108864) $ '$'))",
+       "!regexreplace: the result is larger than 64 MB"},
+      {"regexall(repeat('a', 100000), '(a)()()()()()()()')",
+       "!regexall: the result has more than 1,000,000 elements"},
+      {"regexall(repeat('a', 20000), '(?=(a*))a')", "!regexall: the result is larger than 64 MB"},
+      {"regexgroups(repeat('a', 5000000), '((((((((((((((a*))))))))))))))')",
+       "!regexgroups: the result is larger than 64 MB"},
+      {"bytes(regexquote(repeat('.', 40000000)))", "!regexquote: the result is larger than 64 MB"},
+  };
+  EXPECT_VALUES(cases);
+}
+
+TEST_F(Regex, WhatAMessageQuotesIsEncoded) {
+  EXPECT_EQ(Value("regexreplace('a', 'a', '${<img src=x onerror=alert(1)>}')"),
+            "!regexreplace: 'with' names a group that the pattern has not: "
+            "'&lt;img src=x onerror=alert(1)&gt;'");
 }
 
 TEST_F(Regex, AnotherLibraryFindsTheSame) {
