@@ -5,8 +5,10 @@
 
 #define _GNU_SOURCE
 
+#include <float.h>
 #include <limits.h>
 #include <locale.h>
+#include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -15,9 +17,11 @@
 #include "extensions/json.h"
 
 enum {
-  most_nested = 512,     /* arrays and objects in one another */
-  most_bytes = 64 << 20, /* of a text that is written */
-  exact_digits = 15      /* that a double keeps of any number */
+  most_nested = 512,           /* arrays and objects in one another */
+  most_values = 1000000,       /* of a text that is read */
+  values_between_looks = 1024, /* at the time limit of the script */
+  most_bytes = 64 << 20,       /* of a text that is written */
+  exact_digits = 15            /* that a double keeps of any number */
 };
 
 /* Frees what a variable holds at the end of its scope, also if memory runs out in one of the
@@ -34,8 +38,24 @@ static void free_buffer(ZPLINKBUFFER* buffer) {
   zpLinkBuffer_Free(*buffer);
 }
 
+static void free_variable(ZPVARIABLE* variable) {
+  zpVariable_Free(*variable);
+}
+
 static void clear(ZPVARIABLE value) {
   zpVariable_SetValue(value, "", 0);
+}
+
+/* Numbers have a point, whatever the locale of the process has. */
+static locale_t plain_locale(void) {
+  static locale_t plain;
+  locale_t in_use = __atomic_load_n(&plain, __ATOMIC_ACQUIRE);
+  if (in_use == NULL) {
+    /* Two threads may make it at the same time; one of them is then kept and never freed. */
+    in_use = newlocale(LC_ALL_MASK, "C", NULL);
+    __atomic_store_n(&plain, in_use, __ATOMIC_RELEASE);
+  }
+  return in_use;
 }
 
 /* --- Reading ---------------------------------------------------------------------------------- */
@@ -47,6 +67,9 @@ typedef struct Reader {
   int nested;
   const char* problem; /* null while there is none */
   char* text;          /* room for the longest string of the text */
+  ZPPROGRAM program;
+  int values;         /* so far */
+  ZPVARIABLE nothing; /* a variable without a value */
 } Reader;
 
 static int fail(Reader* reader, const char* problem) {
@@ -207,15 +230,8 @@ static int read_number(Reader* reader, ZPVARIABLE value) {
     zpVariable_SetValue(value, begin, (int)(reader->at - begin));
     return 1;
   }
-  static locale_t plain;
-  locale_t in_use = __atomic_load_n(&plain, __ATOMIC_ACQUIRE);
-  if (in_use == NULL) {
-    /* Two threads may make it at the same time; one of them is then kept and never freed. */
-    in_use = newlocale(LC_ALL_MASK, "C", NULL);
-    __atomic_store_n(&plain, in_use, __ATOMIC_RELEASE);
-  }
   /* The text has a NUL at its end, and what follows the number is no part of one. */
-  const double number = strtod_l(begin, NULL, in_use);
+  const double number = strtod_l(begin, NULL, plain_locale());
   if (whole && number >= INT_MIN && number <= INT_MAX) {
     zpVariable_SetValue_Integer(value, (int)number);
   } else {
@@ -258,8 +274,29 @@ static int read_object(Reader* reader, ZPVARIABLE value) {
   }
 }
 
+/* Whether the time limit of the script has passed. */
+static int time_is_over(ZPPROGRAM program) {
+  ZPVARIABLE remaining =
+      zpVariableHash_Find(zpProgram_System_VariableHash(program), "dyn_time_remaining", -1);
+  /* It is -1 without a limit. */
+  int length = 0;
+  if (remaining == NULL || zpVariable_Value(remaining, &length) == NULL) return 0;
+  return length > 0 && zpVariable_Value_Integer(remaining) == 0;
+}
+
+/* A short text can make many variables, so they are counted: an array of a million elements takes
+   a hundred times the memory of its text. */
+static int count_value(Reader* reader) {
+  if (reader->values++ == most_values) return fail(reader, "too many values");
+  if (reader->values % values_between_looks == 0 && time_is_over(reader->program)) {
+    return fail(reader, "the time limit of the script has passed");
+  }
+  return 1;
+}
+
 static int read_value(Reader* reader, ZPVARIABLE value) {
   skip_space(reader);
+  if (!count_value(reader)) return 0;
   const int c = peek(reader);
   if (c == '[' || c == '{') {
     if (reader->nested == most_nested) return fail(reader, "too many values in one another");
@@ -277,7 +314,9 @@ static int read_value(Reader* reader, ZPVARIABLE value) {
     }
     case 't': zpVariable_SetValue_Integer(value, 1); return read_word(reader, "true");
     case 'f': zpVariable_SetValue_Integer(value, 0); return read_word(reader, "false");
-    case 'n': return read_word(reader, "null");
+    case 'n':
+      zpVariable_SetValue_Variable(value, reader->nothing);
+      return read_word(reader, "null");
     default: return read_number(reader, value);
   }
 }
@@ -301,7 +340,8 @@ int json_read(ZPPROGRAM program, const char* bytes, int length, ZPVARIABLE value
   if (text == NULL || room == NULL) return zpProgram_FatalError(program, "out of memory", -1);
   if (length > 0) memcpy(text, bytes, (size_t)length);
   text[length] = '\0';
-  Reader reader = {text, text, text + length, 0, NULL, room};
+  OWNED(free_variable) ZPVARIABLE nothing = zpVariable_Allocate(NULL, 0, NULL, 0);
+  Reader reader = {text, text, text + length, 0, NULL, room, program, 0, nothing};
   clear(value);
   if (read_value(&reader, value)) {
     skip_space(&reader);
@@ -348,8 +388,13 @@ static int utf8_length(const unsigned char* text, int left) {
   return length;
 }
 
-/* Bytes that are no UTF-8 become the replacement character. "</" is written "<\/", so that the text
-   may be in a script element of a page. */
+/* U+2028 and U+2029, which end a line of an older script. */
+static int is_line_end(const unsigned char* character) {
+  return character[0] == 0xE2 && character[1] == 0x80 && (character[2] | 1) == 0xA9;
+}
+
+/* Bytes that are no UTF-8 become the replacement character. What could end a script element of a
+   page, or change how its end is found, is written as a number, so that the text may be in one. */
 static int write_string(Writer* writer, const char* text, int length) {
   const unsigned char* const bytes = (const unsigned char*)text;
   int begin = 0; /* of what needs no escape */
@@ -360,7 +405,7 @@ static int write_string(Writer* writer, const char* text, int length) {
     char escape[8] = "";
     if (character == 0) {
       snprintf(escape, sizeof escape, "\xEF\xBF\xBD");
-    } else if (c == '"' || c == '\\' || (c == '/' && i > 0 && bytes[i - 1] == '<')) {
+    } else if (c == '"' || c == '\\') {
       snprintf(escape, sizeof escape, "\\%c", c);
     } else if (c == '\n') {
       snprintf(escape, sizeof escape, "\\n");
@@ -368,17 +413,35 @@ static int write_string(Writer* writer, const char* text, int length) {
       snprintf(escape, sizeof escape, "\\t");
     } else if (c == '\r') {
       snprintf(escape, sizeof escape, "\\r");
-    } else if (c < 0x20) {
+    } else if (c < 0x20 || c == '<' || c == '>' || c == '&') {
       snprintf(escape, sizeof escape, "\\u%04x", c);
+    } else if (character == 3 && is_line_end(bytes + i)) {
+      snprintf(escape, sizeof escape, "\\u20%02x", bytes[i + 2] - 0x80);
     } else {
       i += character;
       continue;
     }
     if (!put(writer, text + begin, i - begin) || !put(writer, escape, (int)strlen(escape)))
       return 0;
-    begin = ++i;
+    i += character > 0 ? character : 1;
+    begin = i;
   }
   return put(writer, text + begin, length - begin) && put(writer, "\"", 1);
+}
+
+/* The fewest digits that are read back as the same number. */
+static int write_double(Writer* writer, double number) {
+  if (!isfinite(number)) return put(writer, "null", 4);
+  char text[32];
+  int length = 0;
+  const locale_t before = uselocale(plain_locale());
+  /* Every number with few digits is among those with exact_digits, but not near 0. */
+  for (int digits = fabs(number) < DBL_MIN ? 1 : exact_digits; digits <= 17; digits++) {
+    length = snprintf(text, sizeof text, "%.*g", digits, number);
+    if (strtod(text, NULL) == number) break;
+  }
+  uselocale(before);
+  return put(writer, text, length);
 }
 
 static int write_value(Writer* writer, ZPVARIABLE value);
@@ -425,13 +488,11 @@ static int write_value(Writer* writer, ZPVARIABLE value) {
     writer->nested--;
     return done;
   }
+  if (type == 2) return write_double(writer, zpVariable_Value_Double(value));
   int length = 0;
   const char* text = zpVariable_Value(value, &length);
   if (type == 0 && length == 0) return put(writer, "null", 4);
-  if (type != 1 && type != 2) return write_string(writer, text, length);
-  /* The engine's words for what is no number in JSON have letters in front. */
-  const int is_number = length > 0 && strspn(text, "-.0123456789") == (size_t)length;
-  return is_number ? put(writer, text, length) : put(writer, "null", 4);
+  return type == 1 ? put(writer, text, length) : write_string(writer, text, length);
 }
 
 int json_write(ZPVARIABLE value, ZPVARIABLE text) {

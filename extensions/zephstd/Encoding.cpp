@@ -245,8 +245,8 @@ bool ReadDelimiter(Call& call, char* delimiter) {
   *delimiter = ',';
   if (!call.given(1)) return true;
   const std::string_view text = call.text(1);
-  if (text.size() != 1 || text[0] == '"' || text[0] == '\n' || text[0] == '\r') {
-    return call.Fail(1, "is not one byte, or is a quote or a line end");
+  if (text.size() != 1 || text[0] == '"' || text[0] == '\n' || text[0] == '\r' || text[0] == '\0') {
+    return call.Fail(1, "is not one byte, or is a quote, a line end or NUL");
   }
   *delimiter = text[0];
   return true;

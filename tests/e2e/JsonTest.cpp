@@ -70,7 +70,8 @@ TEST_F(Json, ValuesComeBack) {
       {"[]", "[]"},
       {"{}", "{}"},
       {"[[],{}]", "[[],{}]"},
-      {"null", "\"\""},
+      {"null", "null"},
+      {"{\"a\":null}", "{\"a\":null}"},
       {"\"\"", "\"\""},
       {"2147483647", "2147483647"},
       {"-2147483648", "-2147483648"},
@@ -84,7 +85,9 @@ TEST_F(Json, ValuesComeBack) {
        "\"\xEF\xBF\xBD"
        "A\""},
       {"\"\\\"\\\\\\/\\b\\f\\n\\r\\t\"", "\"\\\"\\\\/\\u0008\\u000c\\n\\r\\t\""},
-      {"\"</script>\"", "\"<\\/script>\""},
+      {"\"</script>\"", "\"\\u003c/script\\u003e\""},
+      {"\"<!--<script>&\"", "\"\\u003c!--\\u003cscript\\u003e\\u0026\""},
+      {"\"\\u2028\\u2029\"", "\"\\u2028\\u2029\""},
       {"\"\\u0000\"", "\"\\u0000\""},
   };
   for (const auto& each : cases) EXPECT_EQ(Again(each.text), std::string("|") + each.again);
@@ -159,7 +162,9 @@ TEST_F(Json, AnotherReaderUnderstandsTheText) {
   Command python({"/usr/bin/env", "python3", "-c", "import json"});
   if (python.Run() != 0) GTEST_SKIP() << "no Python";
   const std::string text =
-      "{\"names\":[\"\\u00e4\",\"</b>\",\"\\u0001\"],\"n\":[1.25,-0.001,1e-7,123456.789],"
+      "{\"names\":[\"\\u00e4\",\"</"
+      "b>\",\"\\u0001\"],\"n\":[1.25,-0.001,1e-7,123456.789,1e-30,0.30000000000000004,5e-324,1e300]"
+      ","
       "\"deep\":[[[{\"x\":[]}]]]}";
   const std::string written = Again(text).substr(1);
   Command compare({"/usr/bin/env", "python3", "-c",

@@ -99,11 +99,13 @@ TEST_F(StdEncoding, CSV) {
       {"csvencode(split(urldecode('a%0Ab| x'), '|'), '')", "\"a\nb\",\" x\""},
       {"csvencode('', '')", ""},
       {"csvencode(split('a,b', ','), 'ab')",
-       "!csvencode: 'delimiter' is not one byte, or is a quote or a line end"},
+       "!csvencode: 'delimiter' is not one byte, or is a quote, a line end or NUL"},
       {"jsonencode(csvdecode(urldecode('a,\"b,\"\"c\"\"\",%0D%0Ad%0A'), ''))",
        R"([["a","b,\"c\"",""],["d"]])"},
       {"jsonencode(csvdecode('a;b', ';'))", R"([["a","b"]])"},
       {"jsonencode(csvdecode('', ''))", "[]"},
+      {"csvdecode('a', character(0))",
+       "!csvdecode: 'delimiter' is not one byte, or is a quote, a line end or NUL"},
       {"jsonencode(csvdecode('\"a', ''))", R"([["a"]])"},
       {"jsonencode(csvdecode('\"a\"b,c', ''))", R"([["ab","c"]])"},
       {"jsonencode(csvdecode('a\"b', ''))", R"([["a\"b"]])"},
@@ -112,9 +114,39 @@ TEST_F(StdEncoding, CSV) {
   EXPECT_VALUES(cases);
 }
 
+TEST_F(StdEncoding, JSONThatIsReadHasLimits) {
+  const ValueCase cases[] = {
+      {"jsonproblem('[' $ repeat('1,', 999998) $ '1]')", ""},
+      {"jsonproblem('[' $ repeat('1,', 999999) $ '1]')", "line 1, byte 2000000: too many values"},
+      {"jsonproblem('[' $ repeat('[],', 999999) $ '1]')", "line 1, byte 2999999: too many values"},
+  };
+  EXPECT_VALUES(cases);
+  SetRemaining(0);
+  EXPECT_EQ(Value("jsonproblem('[' $ repeat('1,', 2000) $ '1]')"),
+            "line 1, byte 2046: the time limit of the script has passed");
+}
+
+// The argument is a copy, in which a circle is cut.
+TEST_F(StdEncoding, JSONOfAnArrayInItself) {
+  ZPVARIABLE const array = Variable("g.circle");
+  zpVariable_SetValue_Integer(zpVariable_Array_Element(1, array, 1), 1);
+  zpVariable_Set_Array_Element(2, array, array);
+  EXPECT_EQ(Value("jsonencode(g.circle)"), "[1,null]");
+  zpVariable_Delete_Array_Elements(2, 1, 1, array);
+}
+
 TEST_F(StdEncoding, JSON) {
   const ValueCase cases[] = {
       {"jsonencode(jsondecode('{\"a\":[1,2.5,\"x\",null,true]}'))", R"({"a":[1,2.5,"x",null,1]})"},
+      {"jsonencode(jsondecode('{\"a\":null}'))", R"({"a":null})"},
+      {"jsonencode(jsondecode('{\"a\":1,\"A\":null}'))", R"({"a":null})"},
+      {"jsonencode(jsondecode('null'))", "null"},
+      {"jsonencode(jsondecode('[1e-30,0.1,5e-324,1.7976931348623157e308,-2.5e15]'))",
+       "[1e-30,0.1,5e-324,1.7976931348623157e+308,-2.5e+15]"},
+      {"jsonencode(0.1 + 0.2)", "0.30000000000000004"},
+      {"jsonencode('<!--<script>&')", R"("\u003c!--\u003cscript\u003e\u0026")"},
+      {"jsonencode(character(8232) $ character(8233) $ character(8230))",
+       "\"\\u2028\\u2029\xE2\x80\xA6\""},
       {"jsonencode('a\"b')", R"("a\"b")"},
       {"jsonencode(5)", "5"},
       {"jsonencode('5')", R"("5")"},
