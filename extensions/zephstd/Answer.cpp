@@ -5,10 +5,12 @@
 #include <memory>
 #include <string>
 
+#include "extensions/quote.h"
 #include "extensions/zephstd/Call.h"
 #include "extensions/zephstd/Encoding.h"
 #include "extensions/zephstd/Request.h"
 #include "extensions/zephstd/UTF8.h"
+#include "extensions/zephstd/Words.h"
 
 namespace zephstd {
 
@@ -156,21 +158,6 @@ std::string HeaderURL(std::string_view url) {
 
 // --- Cookies -------------------------------------------------------------------------------------
 
-bool SameText(std::string_view text, std::string_view other) {
-  if (text.size() != other.size()) return false;
-  for (size_t i = 0; i < text.size(); i++) {
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? c | 0x20 : c; };
-    if (lower(text[i]) != lower(other[i])) return false;
-  }
-  return true;
-}
-
-std::string_view Trimmed(std::string_view text) {
-  while (text.starts_with(' ')) text.remove_prefix(1);
-  while (text.ends_with(' ')) text.remove_suffix(1);
-  return text;
-}
-
 struct CookieOptions {
   std::string_view max_age, path = "/", domain, same_site = "Lax";
   bool secure = false, script = false;
@@ -239,7 +226,7 @@ bool ReadOptions(Call& call, CookieOptions* options) {
     const std::string_view value =
         equals == std::string_view::npos ? std::string_view() : Trimmed(option.substr(equals + 1));
     if (!ReadOption(name, value, options)) {
-      return call.Fail(2, "has a wrong part: '" + std::string(option.substr(0, 60)) + "'");
+      return call.Fail(2, "has a wrong part", option);
     }
   }
   if (options->same_site == "None" && !options->secure) {
@@ -260,7 +247,7 @@ bool TakeCookieName(Call& call, std::string_view name) {
     return true;
   }
   if (name == taken) return true;
-  return call.Fail(0, std::string("is a second cookie: the answer has '") + taken + "' already");
+  return call.Fail(0, "is a second cookie: the answer has '" + EncodedQuote(taken) + "' already");
 }
 
 }  // namespace
@@ -341,9 +328,10 @@ void contenttype(Call& call) {
     call.Fail(0, "is no content type");
     return;
   }
-  std::string value(type);
-  const bool is_text = type.starts_with("text/") || type == "application/javascript";
-  if (is_text && type.find("charset") == std::string_view::npos) value += "; charset=utf-8";
+  std::string value(type), lower;
+  for (const char c : type) lower += Lower(c);
+  const bool is_text = lower.starts_with("text/") || lower == "application/javascript";
+  if (is_text && lower.find("charset") == std::string::npos) value += "; charset=utf-8";
   SetHeader(call, "Content-Type", value, 0);
 }
 

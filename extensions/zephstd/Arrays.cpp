@@ -219,10 +219,12 @@ void remove(Call& call) {
   ZPVARIABLE const list = call.variable(0);
   const std::string_view key = call.text(1);
   ZPVARIABLE const element = Find(list, key);
-  if (element != nullptr) ReturnCopy(call, element);
+  // A gap stays as it is, because there is nothing to remove.
+  if (element == nullptr) return;
+  ReturnCopy(call, element);
   if (IsStructure(list)) {
     zpVariable_Delete_Struct_Member(key.data(), static_cast<int>(key.size()), list);
-  } else if (IsArray(list) && PositionOf(key) > 0) {
+  } else {
     zpVariable_Delete_Array_Elements(PositionOf(key), 1, 1, list);
   }
 }

@@ -9,6 +9,8 @@
 #include <cmath>
 #include <cstring>
 
+#include "extensions/quote.h"
+
 namespace zephstd {
 
 std::string_view TextOf(ZPVARIABLE variable) {
@@ -151,6 +153,14 @@ bool Call::Fail(int i, std::string_view message) {
   whole += "' ";
   whole += message;
   return Fail(whole);
+}
+
+bool Call::Fail(int i, std::string_view message, std::string_view quoted) {
+  std::string whole(message);
+  whole += ": '";
+  whole += EncodedQuote(quoted);
+  whole += "'";
+  return Fail(i, whole);
 }
 
 bool Call::FailTooLarge() {

@@ -61,6 +61,9 @@ class Call {
   // the argument. Return false.
   bool Fail(std::string_view message);
   bool Fail(int i, std::string_view message);
+  // The same with a part of an argument in quotes, encoded for HTML because errors are on pages.
+  // Nothing else of an argument may be in a message.
+  bool Fail(int i, std::string_view message, std::string_view quoted);
   // The error of a result that is too large.
   bool FailTooLarge();
 

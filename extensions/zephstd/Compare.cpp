@@ -65,7 +65,7 @@ bool ReadOrder(Call& call, int i, TextOrder* order) {
     } else if (word == "desc") {
       order->descending = true;
     } else if (!word.empty() && word != "text" && word != "asc") {
-      return call.Fail(i, "has an unknown word: '" + std::string(word.substr(0, 40)) + "'");
+      return call.Fail(i, "has an unknown word", word);
     }
   }
   return true;
@@ -98,6 +98,13 @@ std::string FoldedCase(std::string_view text) {
 }
 
 int CompareTexts(std::string_view left, std::string_view right, const TextOrder& order) {
+  if (order.number) {
+    // As in sort, what is no number is 0.
+    double a = 0, b = 0;
+    ReadNumber(left, &a);
+    ReadNumber(right, &b);
+    return (a > b) - (a < b);
+  }
   if (order.nocase) {
     TextOrder without = order;
     without.nocase = false;

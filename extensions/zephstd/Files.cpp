@@ -145,14 +145,16 @@ bool ReplaceFile(Call& call, std::string_view path, std::string_view text) {
     NoteFailure(call);
     return false;
   }
+  const Path target(path);
+  // The new file has the rights of the old one before it has the text, which may be a secret.
+  const int mode = zpFile_Mode(call.program(), ZPFILE_DATA, target.data, target.length);
+  if (mode >= 0 &&
+      zpFile_Change_Mode(call.program(), ZPFILE_DATA, temporary.path(), -1, mode & 0777) != 0) {
+    NoteFailure(call);
+    return false;
+  }
   if (!WriteAll(call, file.get(), text)) return false;
   file.reset();
-  const Path target(path);
-  // The new file has the rights of the old one.
-  const int mode = zpFile_Mode(call.program(), ZPFILE_DATA, target.data, target.length);
-  if (mode >= 0) {
-    zpFile_Change_Mode(call.program(), ZPFILE_DATA, temporary.path(), -1, mode & 0777);
-  }
   if (zpFile_Rename(call.program(), ZPFILE_DATA, temporary.path(), -1, ZPFILE_DATA, target.data,
                     target.length) != 0) {
     NoteFailure(call);

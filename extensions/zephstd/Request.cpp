@@ -8,6 +8,7 @@
 
 #include "extensions/zephstd/Call.h"
 #include "extensions/zephstd/Encoding.h"
+#include "extensions/zephstd/Words.h"
 
 namespace zephstd {
 
@@ -28,26 +29,8 @@ std::string_view Server(ZPPROGRAM program, std::string_view name) {
   return value;
 }
 
-char Lower(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c | 0x20) : c;
-}
-
 char Upper(char c) {
   return c >= 'a' && c <= 'z' ? static_cast<char>(c & ~0x20) : c;
-}
-
-bool SameText(std::string_view text, std::string_view other) {
-  if (text.size() != other.size()) return false;
-  for (size_t i = 0; i < text.size(); i++) {
-    if (Lower(text[i]) != Lower(other[i])) return false;
-  }
-  return true;
-}
-
-std::string_view Trimmed(std::string_view text) {
-  const size_t begin = text.find_first_not_of(" \t");
-  if (begin == std::string_view::npos) return {};
-  return text.substr(begin, text.find_last_not_of(" \t") + 1 - begin);
 }
 
 // Takes the part up to the next mark.

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 
 #include "extensions/zephstd/Call.h"
@@ -19,23 +20,33 @@ namespace {
 using Position = size_t;
 constexpr Position kNowhere = std::string_view::npos;
 
-// Where a text is in another, from a byte on. The C library's search takes a time that grows with
-// the sum of both lengths, that of string_view with their product: a visitor may send both.
-Position Find(std::string_view text, std::string_view find, Position from = 0) {
-  if (from > text.size()) return kNowhere;
+// As string_view's find, but in linear time for every text: visitors can send a text and a part
+// that have the other one take minutes.
+Position Find(std::string_view text, std::string_view part, Position from = 0) {
+  if (part.empty()) return from;
   const void* const found =
-      memmem(text.data() + from, text.size() - from, find.data(), find.size());
-  return found == nullptr ? kNowhere
-                          : static_cast<Position>(static_cast<const char*>(found) - text.data());
+      memmem(text.data() + from, text.size() - from, part.data(), part.size());
+  if (found == nullptr) return kNowhere;
+  return static_cast<Position>(static_cast<const char*>(found) - text.data());
 }
 
-Position FindLast(std::string_view text, std::string_view find) {
-  constexpr size_t kFew = 64;
-  if (find.size() <= kFew) return text.rfind(find);
-  // The first one of the text turned round.
-  const std::string turned(text.rbegin(), text.rend()), wanted(find.rbegin(), find.rend());
-  const Position found = Find(turned, wanted);
-  return found == kNowhere ? kNowhere : text.size() - found - find.size();
+// As string_view's rfind, in linear time. The text is turned round in blocks, from its end.
+Position FindLast(std::string_view text, std::string_view part) {
+  constexpr size_t kBlock = 64 << 10;
+  if (part.empty() || part.size() > text.size()) return part.empty() ? text.size() : kNowhere;
+  const std::string wanted(part.rbegin(), part.rend());
+  const size_t most = std::max(kBlock, 4 * part.size());
+  std::string block;
+  for (size_t end = text.size();;) {
+    const size_t begin = end > most ? end - most : 0;
+    block.assign(text.rend() - static_cast<ptrdiff_t>(end),
+                 text.rend() - static_cast<ptrdiff_t>(begin));
+    const Position found = Find(block, wanted);
+    if (found != kNowhere) return end - found - part.size();
+    if (begin == 0) return kNowhere;
+    // The next block has the part's beginning where this one has the rest of it.
+    end = begin + part.size() - 1;
+  }
 }
 
 // Calls each(bytes, code) for the characters, in their order.
@@ -185,22 +196,28 @@ void Pad(Call& call, int parts_before, int parts) {
 // The character at the end of a shortened text.
 constexpr std::string_view kEllipsis = "\xE2\x80\xA6";
 
-// A larger text would take four times as much memory on the way, which no limit of the run counts.
-bool IsMappable(Call& call) {
-  constexpr size_t kMostMapped = 4 << 20;
-  return call.text(0).size() <= kMostMapped || call.Fail(0, "is larger than 4 MB");
-}
-
-// A text in one of the normal forms; null if it is no UTF-8 or there is no memory. The caller frees
-// it.
-using Mapped = std::unique_ptr<utf8proc_uint8_t, decltype(&free)>;
-
-Mapped Map(std::string_view text, int options, long long* length) {
-  utf8proc_uint8_t* mapped = nullptr;
-  *length = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
-                         static_cast<utf8proc_ssize_t>(text.size()), &mapped,
-                         static_cast<utf8proc_option_t>(options));
-  return {*length < 0 ? nullptr : mapped, &free};
+// Calls each(part) for the parts of a text in one of the normal forms. The form takes many times
+// the memory of the text while it is made, so it is made in pieces. They begin with ASCII, which no
+// character before it joins; a text with a longer piece is refused. REQUIRES: it is UTF-8.
+template <class Each>
+void EachMapped(Call& call, std::string_view text, int options, Each each) {
+  constexpr size_t kPiece = 16 << 10, kMostPiece = 1 << 20;
+  while (!text.empty() && !call.failed()) {
+    size_t end = std::min(kPiece, text.size());
+    while (end < text.size() && static_cast<unsigned char>(text[end]) >= 0x80) end++;
+    if (end > kMostPiece) {
+      call.Fail(0, "has more than 1 MB without a character of ASCII");
+      return;
+    }
+    utf8proc_uint8_t* mapped = nullptr;
+    const auto length = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
+                                     static_cast<utf8proc_ssize_t>(end), &mapped,
+                                     static_cast<utf8proc_option_t>(options));
+    if (length < 0) throw std::bad_alloc();
+    const std::unique_ptr<utf8proc_uint8_t, decltype(&free)> owned(mapped, &free);
+    each(std::string_view(reinterpret_cast<const char*>(mapped), static_cast<size_t>(length)));
+    text.remove_prefix(end);
+  }
 }
 
 }  // namespace
@@ -479,18 +496,10 @@ void shorten(Call& call) {
 }
 
 void slugify(Call& call) {
-  if (!IsMappable(call)) return;
   const std::string_view text = call.text(0);
-  long long length = 0;
-  // Accents become characters of their own, which are then left out.
-  const Mapped plain = Map(text, UTF8PROC_STABLE | UTF8PROC_COMPAT | UTF8PROC_DECOMPOSE, &length);
-  std::string_view source = text;
-  if (plain) {
-    source = {reinterpret_cast<const char*>(plain.get()), static_cast<size_t>(length)};
-  }
   Builder to(call);
   bool parted = false;
-  EachCharacter(source, [&](std::string_view bytes, int code) {
+  const auto add = [&](std::string_view bytes, int code) {
     if (code >= 0x300 && code < 0x370) return;
     if (!IsLetter(code) && !IsDigit(code)) {
       parted = true;
@@ -500,7 +509,14 @@ void slugify(Call& call) {
     parted = false;
     if (Lower(code) == 0xDF) return to.Add("ss");  // in German
     AddCharacter(&to, bytes, code, Lower(code));
-  });
+  };
+  if (IsUTF8(text)) {
+    // Accents become characters of their own, which are then left out.
+    EachMapped(call, text, UTF8PROC_STABLE | UTF8PROC_COMPAT | UTF8PROC_DECOMPOSE,
+               [&](std::string_view part) { EachCharacter(part, add); });
+  } else {
+    EachCharacter(text, add);
+  }
   to.Return();
 }
 
@@ -519,16 +535,12 @@ void cleanutf8(Call& call) {
 }
 
 void normalise(Call& call) {
-  if (!IsMappable(call)) return;
-  long long length = 0;
-  const Mapped composed = Map(call.text(0), UTF8PROC_STABLE | UTF8PROC_COMPOSE, &length);
-  if (!composed) return call.Return(call.text(0));
-  if (length > kMostBytes) {
-    call.FailTooLarge();
-    return;
-  }
-  call.Return(
-      std::string_view(reinterpret_cast<const char*>(composed.get()), static_cast<size_t>(length)));
+  const std::string_view text = call.text(0);
+  if (!IsUTF8(text)) return call.Return(text);
+  Builder to(call);
+  EachMapped(call, text, UTF8PROC_STABLE | UTF8PROC_COMPOSE,
+             [&](std::string_view part) { to.Add(part); });
+  to.Return();
 }
 
 void codeof(Call& call) {

@@ -41,7 +41,7 @@ bool ReadTime(Call& call, int i, long long* seconds) {
 bool ReadZone(Call& call, int i, const Zone** zone) {
   *zone = Zone::Find(call.text(i));
   if (*zone != nullptr) return true;
-  return call.Fail(i, "is no known time zone: '" + std::string(call.text(i).substr(0, 64)) + "'");
+  return call.Fail(i, "is no known time zone", call.text(i));
 }
 
 bool ReturnTime(Call& call, long long seconds) {

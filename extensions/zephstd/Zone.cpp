@@ -114,6 +114,8 @@ bool ReadFixed(std::string_view text, int* offset) {
   const bool negative = text.starts_with('-');
   if (!negative && !text.starts_with('+')) return false;
   text.remove_prefix(1);
+  // What follows can have a sign of its own in a rule, but not here.
+  if (text.empty() || text[0] < '0' || text[0] > '9') return false;
   if (text.size() == 5 && text[2] == ':') {
     int seconds = 0;
     if (!TakeTime(&text, 24, &seconds) || !text.empty()) return false;

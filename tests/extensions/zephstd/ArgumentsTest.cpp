@@ -189,4 +189,26 @@ TEST_F(StdArguments, WrongNumbersOfArgumentsAreTold) {
             "?Function 'substr' is defined with 3 parameters and was called with 2");
 }
 
+// Errors are on pages, and an argument may be what a visitor has sent.
+TEST_F(StdArguments, WhatAMessageQuotesIsEncoded) {
+  const ValueCase cases[] = {
+      {"formattime(0, '%F', g.x)",
+       "!formattime: 'zone' is no known time zone: '&lt;img src=x onerror=alert(1)&gt;'"},
+      {"compare('a', 'b', g.x)", "!compare: 'how' has an unknown word: '&lt;img'"},
+      {"setcookie('a', 'b', g.x)",
+       "!setcookie: 'options' has a wrong part: '&lt;img src=x onerror=alert(1)&gt;'"},
+      {"formattime(0, '%F', '\"&' $ character(39))",
+       "!formattime: 'zone' is no known time zone: '&quot;&amp;&#39;'"},
+      {"formattime(0, '%F', 'x' $ repeat('\u00E4', 40))",
+       "!formattime: 'zone' is no known time zone: "
+       "'x\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4"
+       "\u00E4"
+       "\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4\u00E4'"},
+  };
+  for (const ValueCase& each : cases) {
+    Set("g.x", "<img src=x onerror=alert(1)>");
+    EXPECT_EQ(Value(each.expression), each.value);
+  }
+}
+
 }  // namespace

@@ -244,4 +244,14 @@ TEST_F(StdArray, LargeArraysAreSortedInTime) {
             "1,2,399999,100000");
 }
 
+TEST_F(StdArray, NothingIsRemovedFromAGap) {
+  ZPVARIABLE const array = Variable("g.gaps");
+  zpVariable_SetValue_Integer(zpVariable_Array_Element(1, array, 1), 1);
+  zpVariable_SetValue_Integer(zpVariable_Array_Element(3, array, 1), 3);
+  EXPECT_EQ(Value("ISNULL remove(g.gaps, 2)"), "1");
+  EXPECT_EQ(Encoded("g.gaps"), "[1,null,3]");
+  EXPECT_EQ(Value("remove(g.gaps, 3)"), "3");
+  EXPECT_EQ(Encoded("g.gaps"), "[1]");
+}
+
 }  // namespace

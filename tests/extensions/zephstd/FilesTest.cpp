@@ -114,6 +114,36 @@ TEST_F(StdFiles, AReplacedFileKeepsItsRights) {
   EXPECT_EQ(status.st_mode & 0777, 0640u);
 }
 
+// Sees what a file has when its rights are changed, and can refuse the change.
+class WatchedFileManager : public UNIXReentrantFileManager {
+ public:
+  using UNIXReentrantFileManager::ChangeMode;
+  using UNIXReentrantFileManager::UNIXReentrantFileManager;
+  bool ChangeMode(Zeph_PathType type, const char* path, int mode) override {
+    if (!Length(type, path, &length)) return false;
+    return !refuses && UNIXReentrantFileManager::ChangeMode(type, path, mode);
+  }
+  long length = -1;
+  bool refuses = false;
+};
+
+TEST_F(StdFiles, AReplacedFileHasItsRightsBeforeItsText) {
+  auto watched = std::make_unique<WatchedFileManager>(&machine->application);
+  WatchedFileManager& files = *watched;
+  manager = std::move(watched);
+  machine->application.SetFileManager(manager.get());
+  ASSERT_TRUE(manager->InitializeDataDirectory(directory.path("data").c_str()));
+  directory.File("data/a", "x");
+  ASSERT_EQ(chmod(directory.path("data/a").c_str(), 0600), 0);
+  EXPECT_EQ(Value("writefile('a', 'secret')"), "1");
+  EXPECT_EQ(files.length, 0);
+  EXPECT_EQ(File("a"), "secret");
+  files.refuses = true;
+  EXPECT_EQ(Value("writefile('a', 'other')"), "0");
+  EXPECT_EQ(File("a"), "secret");
+  EXPECT_EQ(Value("jsonencode(listfiles('.'))"), R"(["a"])");
+}
+
 TEST_F(StdFiles, BytesStayAsTheyAre) {
   std::string bytes;
   for (int i = 0; i < 100000; i++) bytes += static_cast<char>(i * 7 / 3);

@@ -1,5 +1,7 @@
 // The functions for texts of zephstd.
 
+#include <ctime>
+
 #include <sstream>
 
 #include "tests/extensions/Library.h"
@@ -272,6 +274,10 @@ TEST_F(StdText, TextsAreCompared) {
       {"compare('File10', 'file9', 'natural nocase')", "1"},
       {"compare('file007', 'file7', 'natural')", "-1"},
       {"compare('a', 'b', 'desc')", "1"},
+      {"compare('10', '9', 'number')", "1"},
+      {"compare('9', '10', 'number desc')", "1"},
+      {"compare('1.50', '1.5', 'number')", "0"},
+      {"compare('x', '-1', 'number')", "1"},
       {"compare('a', 'ab', 'natural')", "-1"},
       {"compare('a', 'b', 'upwards')", "!compare: 'how' has an unknown word: 'upwards'"},
   };
@@ -319,6 +325,55 @@ TEST_F(StdText, NoByteIsLost) {
                 Value("substr(g.t, " + std::to_string(length - i + 1) + ", '')"));
     }
   }
+}
+
+// A text and a part that a simple search compares at every place for as long as the part is.
+TEST_F(StdText, TextsAreSearchedInLinearTime) {
+  const std::string many(600000, 'a'), part = std::string(300000, 'a') + "b";
+  Set("g.t", many);
+  Set("g.f", part);
+  Set("g.l", "b" + part);
+  const ValueCase cases[] = {
+      {"position(g.t, g.f, 1)", "0"},  {"lastposition(g.t, g.f)", "0"},
+      {"contains(g.t, g.f)", "0"},     {"occurrences(g.t, g.f)", "0"},
+      {"count(split(g.t, g.f))", "1"}, {"replace(g.t, g.f, 'x') EQ g.t", "1"},
+      {"lastposition(g.t, g.l)", "0"}, {"lastposition(g.f $ g.t $ g.f, g.f)", "900002"},
+  };
+  for (const ValueCase& each : cases) {
+    const clock_t begin = clock();
+    EXPECT_EQ(Value(each.expression), each.value) << each.expression;
+    EXPECT_LT(clock() - begin, CLOCKS_PER_SEC) << each.expression;
+  }
+}
+
+// The text is searched in blocks, and a part can be in two of them.
+TEST_F(StdText, TheLastPlaceIsFoundInALongText) {
+  const size_t block = 65536;
+  for (const size_t place :
+       {size_t{0}, size_t{1}, block - 3, block - 1, block, block + 1, 3 * block}) {
+    std::string text(4 * block, '.');
+    text.replace(place, 3, "xyz");
+    Set("g.t", text);
+    const std::string expected = std::to_string(text.rfind("xyz") + 1);
+    EXPECT_EQ(Value("lastposition(g.t, 'xyz')"), expected);
+    EXPECT_EQ(Value("lastposition(g.t, 'yz')"), std::to_string(text.rfind("yz") + 1));
+  }
+  EXPECT_EQ(Value("lastposition('abc', '')"), "4");
+  EXPECT_EQ(Value("lastposition('', 'a')"), "0");
+}
+
+TEST_F(StdText, LongTextsAreMappedInPieces) {
+  const ValueCase cases[] = {
+      {"normalise(repeat('e\u0301 \u00E9n\u0303', 20000)) EQ repeat('\u00E9 \u00E9\u00F1', 20000)",
+       "1"},
+      {"slugify(repeat('\u00C4e\u0301 ', 20000)) EQ trim(repeat('ae-', 19999) $ 'ae')", "1"},
+      {"bytes(slugify(repeat('\u00E9', 500000)))", "500000"},
+      {"slugify(repeat('\u00E9', 600000))",
+       "!slugify: 'text' has more than 1 MB without a character of ASCII"},
+      {"normalise(repeat('\u00E9', 600000))",
+       "!normalise: 'text' has more than 1 MB without a character of ASCII"},
+  };
+  EXPECT_VALUES(cases);
 }
 
 }  // namespace

@@ -178,6 +178,8 @@ TEST_F(StdTime, StandardForms) {
       {"iszone('UTC')", "1"},
       {"iszone('local')", "1"},
       {"iszone('+02:00')", "1"},
+      {"iszone('+-5:30')", "0"},
+      {"iszone('-+5:30')", "0"},
       {"iszone('+25:00')", "0"},
       {"iszone('')", "0"},
       {"iszone('../../../etc/passwd')", "0"},
