@@ -1,4 +1,4 @@
-// What an error message quotes from an argument, for the libraries zephstd and zephregex. Tested in
+// What error messages quote from arguments, for the libraries zephstd and zephregex. Tested in
 // tests/extensions/zephstd/ArgumentsTest.cpp and tests/extensions/zephregex/RegexTest.cpp.
 
 #ifndef ZEPH_EXTENSIONS_QUOTE_H

@@ -139,23 +139,6 @@ std::string StatusLine(long long code, std::string_view reason) {
   return line;
 }
 
-// An address with what no header can have as %XX.
-std::string HeaderURL(std::string_view url) {
-  static constexpr char kDigits[] = "0123456789ABCDEF";
-  std::string encoded;
-  for (const char c : url) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte > ' ' && byte < 0x7F && strchr("\"<>\\^`{|}", c) == nullptr) {
-      encoded += c;
-    } else {
-      encoded += '%';
-      encoded += kDigits[byte >> 4];
-      encoded += kDigits[byte & 15];
-    }
-  }
-  return encoded;
-}
-
 // --- Cookies -------------------------------------------------------------------------------------
 
 struct CookieOptions {
@@ -285,7 +268,9 @@ void redirect(Call& call) {
     call.Fail(0, "has CR, LF or NUL");
     return;
   }
-  SetHeader(call, "Location", HeaderURL(call.text(0)), 0);
+  Builder url(call);
+  EncodeWholeURL(call.text(0), &url);
+  if (!call.failed()) SetHeader(call, "Location", url.text(), 0);
   if (!call.failed()) SetHeader(call, "Status", StatusLine(code, {}), 1);
 }
 

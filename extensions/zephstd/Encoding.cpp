@@ -36,6 +36,8 @@ struct ByteSet {
 
 constexpr ByteSet kOfHTML("<>&\"'");
 constexpr ByteSet kOfURL("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~");
+constexpr ByteSet kOfWholeURL(
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~!#$%&'()*+,/:;=?@[]");
 // What a string of JavaScript may have as it is, wherever the page has it. "/" could end a script
 // element after "<", which is not in the set either.
 constexpr ByteSet kOfScript(
@@ -301,10 +303,10 @@ char TakeField(std::string_view* text, char delimiter, std::string* field) {
 
 }  // namespace
 
-void EncodeURL(std::string_view text, Builder* to) {
+static void EncodeOthers(std::string_view text, const ByteSet& kept, Builder* to) {
   size_t begin = 0;
   for (size_t i = 0; i < text.size(); i++) {
-    if (kOfURL.Has(text[i])) continue;
+    if (kept.Has(text[i])) continue;
     to->Add(text.substr(begin, i - begin));
     const auto byte = static_cast<unsigned char>(text[i]);
     const char escape[] = {'%', kCapitalDigits[byte >> 4], kCapitalDigits[byte & 15]};
@@ -312,6 +314,14 @@ void EncodeURL(std::string_view text, Builder* to) {
     begin = i + 1;
   }
   to->Add(text.substr(begin));
+}
+
+void EncodeURL(std::string_view text, Builder* to) {
+  EncodeOthers(text, kOfURL, to);
+}
+
+void EncodeWholeURL(std::string_view text, Builder* to) {
+  EncodeOthers(text, kOfWholeURL, to);
 }
 
 void DecodeURL(std::string_view text, bool plus_is_blank, Builder* to) {
