@@ -144,4 +144,12 @@ TEST_F(StandardLibrary, RegularExpressions) {
   EXPECT_THAT(Get("slow").Body(), HasSubstr("the time limit of the script has passed"));
 }
 
+TEST_F(StandardLibrary, AnErrorQuotesAVisitorEncodedOnce) {
+  Page("wrong", "{{ formattime(0, \"%F\", cookie(\"zone\")) }}");
+  const std::string body =
+      Get("wrong", {{"HTTP_COOKIE", "zone=<img src=x onerror=alert(1)>"}}).Body();
+  EXPECT_THAT(body, testing::HasSubstr("'&lt;img src=x onerror=alert(1)&gt;'"));
+  EXPECT_THAT(body, testing::Not(testing::HasSubstr("<img")));
+}
+
 }  // namespace
