@@ -129,7 +129,7 @@ bool ParseOption(const CommandRow& row, const std::vector<std::string>& words, s
   const bool has_value = *i + 1 < words.size();
   const bool runs = row.command == ZephCommand::Run;
   if (option == "-D" && compiles) {
-    if (!has_value) {
+    if (!has_value || words[*i + 1].empty()) {
       *problem = "-D needs a name";
       return false;
     }
@@ -215,6 +215,11 @@ bool ParseZephArguments(const std::vector<std::string>& words, ZephArguments* ar
       arguments->command = ZephCommand::Help;
       arguments->topic = name;
       return true;
+    }
+    // A variable of a script that has no value; a path of that kind would be the working directory.
+    if (word.empty()) {
+      *problem = "an empty word is neither a folder nor a page";
+      return false;
     }
     if (options && word == "--") {
       options = false;

@@ -27,6 +27,24 @@ bool IsOfTheWholePage(const std::string& name) {
   return name == "content-length" || name == "etag" || name == "last-modified";
 }
 
+// Whether a content type in lower case is HTML to which ASCII can be added.
+bool IsPlainHTML(std::string_view type) {
+  if (type.rfind("text/html", 0) != 0) return false;
+  const std::string_view word = "charset=";
+  const size_t at = type.find(word);
+  if (at == std::string_view::npos) return true;
+  std::string_view charset = type.substr(at + word.size());
+  while (!charset.empty() && (charset[0] == '"' || charset[0] == ' ')) charset.remove_prefix(1);
+  for (const std::string_view other : {"utf-16", "utf16", "utf-32", "utf32", "utf-7", "ucs",
+                                       "csucs", "iso-10646", "unicode", "ebcdic", "ibm", "cp037"}) {
+    if (charset.rfind(other, 0) == 0) {
+      // Code pages of IBM's for the PC have ASCII.
+      return other == "ibm" && (charset.rfind("ibm8", 0) == 0 || charset.rfind("ibm4", 0) == 0);
+    }
+  }
+  return true;
+}
+
 bool IsStatusWithPage(std::string_view status) {
   return status.substr(0, 3) != "204" && status.substr(0, 3) != "304" && status.substr(0, 1) != "3";
 }
@@ -39,6 +57,34 @@ bool IsVisit(const std::string& method, const std::string& destination, const st
     return destination == "document" || destination == "iframe" || destination == "frame";
   }
   return accept.find("text/html") != std::string::npos;
+}
+
+std::string ClosingOf(std::string_view page) {
+  // Elements whose content is text up to their end.
+  static constexpr std::string_view kTexts[] = {"textarea", "script", "title", "style"};
+  if (page.size() >= kMostKept) return "";
+  const std::string lower = LowerCase(page);
+  const std::string_view text = lower;
+  for (size_t at = 0; (at = text.find('<', at)) != std::string_view::npos;) {
+    if (text.compare(at, 4, "<!--") == 0) {
+      // "<!-->" is a whole comment.
+      at = text.find("-->", at + 2);
+      if (at == std::string_view::npos) return "-->";
+      continue;
+    }
+    at++;
+    for (const std::string_view name : kTexts) {
+      const size_t end = at + name.size();
+      if (text.compare(at, name.size(), name) != 0) continue;
+      if (end < text.size() && std::string_view(" \t\r\n\f/>").find(text[end]) == text.npos)
+        continue;
+      const std::string closing = "</" + std::string(name);
+      at = text.find(closing, end);
+      if (at == std::string_view::npos) return closing + ">";
+      break;
+    }
+  }
+  return "";
 }
 
 std::string PageFilter::Take(std::string_view piece) {
@@ -75,7 +121,7 @@ std::string PageFilter::TakeHead() {
     const std::string_view value = colon == std::string_view::npos
                                        ? ""
                                        : Trimmed(line.substr(colon + 1, line.size() - colon - 2));
-    if (name == "content-type") is_html = LowerCase(value).rfind("text/html", 0) == 0;
+    if (name == "content-type") is_html = IsPlainHTML(LowerCase(value));
     if (name == "content-encoding" || name == "content-disposition") is_plain = false;
     if (name == "status" && !IsStatusWithPage(value)) is_plain = false;
     if (!IsOfTheWholePage(name)) kept += line;

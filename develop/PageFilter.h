@@ -7,8 +7,9 @@
 #include <string>
 #include <string_view>
 
-// One response, header fields included, in pieces of any size. Only HTML that is sent as it is gets
-// an addition, after its last byte; all other responses pass unchanged.
+// One response, header fields included, in pieces of any size. Only HTML that is sent as it is, in
+// a charset in which ASCII is what it is, gets an addition, after its last byte; all other
+// responses pass unchanged.
 class PageFilter {
  public:
   // is_visit says whether a browser shows the response as a page. addition is called at the end of
@@ -34,6 +35,11 @@ class PageFilter {
   std::string head;
   std::string body;
 };
+
+// What ends the element or the comment that is open at the end of a page, so that a browser shows
+// what is added as HTML: "</textarea>", for example. Empty if there is none, or if the page is not
+// kept whole.
+std::string ClosingOf(std::string_view page);
 
 // Whether a request is a visit: a browser says what it wants the response for, and an old one at
 // least that it is for HTML. fetch() and programs are no visits.

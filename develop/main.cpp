@@ -1,5 +1,8 @@
 // zeph: makes, serves, builds, checks and runs sites. docs/zeph.md describes it.
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <iostream>
 
 #include "develop/Arguments.h"
@@ -7,7 +10,21 @@
 #include "develop/Develop.h"
 #include "develop/Places.h"
 
+namespace {
+
+// A socket of zeph's own must not get the number of a standard stream that the caller has closed.
+void OpenStandardStreams() {
+  int opened;
+  do {
+    opened = open("/dev/null", O_RDWR);
+  } while (opened >= 0 && opened <= STDERR_FILENO);
+  if (opened > STDERR_FILENO) close(opened);
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
+  OpenStandardStreams();
   const int wrong_usage = 2;
   ZephArguments arguments;
   std::string problem;

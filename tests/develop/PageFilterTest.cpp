@@ -39,6 +39,8 @@ TEST(PageFilter, LeavesAllOtherResponsesAsTheyAre) {
            "Content-Type: text/html\r\nContent-Disposition: attachment\r\n\r\nx",
            "Content-Type: text/html\r\nStatus: 302 Found\r\nLocation: /\r\n\r\nx",
            "Status: 304 Not Modified\r\nContent-Type: text/html\r\n\r\n",
+           "Content-Type: text/html; charset=UTF-16LE\r\nContent-Length: 2\r\n\r\nx",
+           "Content-Type: text/html;charset=\"utf-32\"\r\n\r\nx",
            "Content-Length: 1\r\n\r\nx",
            "Content-Type: text/html\r\nContent-Length: 9",
            "\r\n",
@@ -64,6 +66,38 @@ TEST(PageFilter, ABrowserIsNeverToldThatItsCopyIsGood) {
       Filtered("Content-Type: text/html\r\nETag: \"1\"\r\nLAST-MODIFIED: x\r\nX-ETag: 2\r\n\r\nx",
                9),
       "Content-Type: text/html\r\nX-ETag: 2\r\n\r\nx+");
+}
+
+TEST(PageFilter, CharsetsWithASCIIGetTheAddition) {
+  for (const char* charset : {"utf-8", "ISO-8859-1", "windows-1252", "Shift_JIS", "ibm850"}) {
+    const std::string page =
+        "Content-Type: text/html; charset=" + std::string(charset) + "\r\n\r\nx";
+    EXPECT_EQ(Filtered(page, 5), page + "+");
+  }
+}
+
+TEST(PageFilter, WhatIsOpenAtTheEndOfAPageIsClosed) {
+  const struct {
+    const char* page;
+    const char* closing;
+  } rows[] = {
+      {"", ""},
+      {"<p>a", ""},
+      {"<form><textarea name=a>x <b>", "</textarea>"},
+      {"<TextArea>x</TEXTAREA>", ""},
+      {"<textarea>x</textarea><textarea>", "</textarea>"},
+      {"<textareas>", ""},
+      {"<script>if (a < b) \"<!--\"", "</script>"},
+      {"<title>x", "</title>"},
+      {"<style>x</style>", ""},
+      {"<style>x", "</style>"},
+      {"<!-- <textarea>", "-->"},
+      {"<!-- <textarea> -->", ""},
+      {"<!--><b>", ""},
+      {"<textarea", "</textarea>"},
+      {"<", ""},
+  };
+  for (const auto& row : rows) EXPECT_EQ(ClosingOf(row.page), row.closing) << row.page;
 }
 
 TEST(PageFilter, TooManyHeaderFieldsPass) {
