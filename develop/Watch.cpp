@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 namespace fs = std::filesystem;
 
@@ -42,20 +43,29 @@ bool Watch::AddFolder(const fs::path& folder) {
 }
 
 bool Watch::AddTree(const fs::path& folder) {
-  if (!Add(folder, true)) return false;
-  std::error_code failure;
-  const auto options = fs::directory_options::skip_permission_denied;
-  for (auto entry = fs::recursive_directory_iterator(folder, options, failure);
-       !failure && entry != fs::recursive_directory_iterator(); entry.increment(failure)) {
+  trees.insert(folder);
+  return AddBelow(folder);
+}
+
+bool Watch::AddBelow(const fs::path& top) {
+  int reason = 0;
+  std::vector<fs::path> waiting = {top};
+  while (!waiting.empty()) {
+    const fs::path folder = waiting.back();
+    waiting.pop_back();
+    // Before the look at its entries, so that a folder that is made meanwhile is noticed.
+    if (!Add(folder, true)) reason = errno;
     std::error_code gone;
-    if (!entry->is_directory(gone) || entry->is_symlink(gone)) continue;
-    if (IsHidden(entry->path())) {
-      entry.disable_recursion_pending();
-    } else if (!Add(entry->path(), true)) {
-      return false;
+    auto entry = fs::directory_iterator(folder, gone);
+    for (; !gone && entry != fs::directory_iterator(); entry.increment(gone)) {
+      std::error_code ignored;
+      if (entry->is_directory(ignored) && !entry->is_symlink(ignored) && !IsHidden(entry->path())) {
+        waiting.push_back(entry->path());
+      }
     }
   }
-  return true;
+  errno = reason;
+  return reason == 0;
 }
 
 bool Watch::Read(std::set<std::string>* touched) {
@@ -71,7 +81,13 @@ bool Watch::Read(std::set<std::string>* touched) {
       memcpy(&event, buffer.data() + at, sizeof event);
       const char* name = buffer.data() + at + sizeof event;
       at += sizeof event + event.len;
-      if (event.mask & IN_Q_OVERFLOW) any = true;
+      // Folders that were made meanwhile may have been missed.
+      if (event.mask & IN_Q_OVERFLOW) {
+        any = true;
+        for (const fs::path& tree : trees) {
+          if (!AddBelow(tree)) failure = errno;
+        }
+      }
       auto folder = folders.find(event.wd);
       if (folder == folders.end()) continue;
       if (event.mask & IN_IGNORED) {
@@ -86,7 +102,7 @@ bool Watch::Read(std::set<std::string>* touched) {
       // What the new folder has already been given is found by the look at all files.
       const bool appeared = (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0;
       if ((event.mask & IN_ISDIR) && appeared && folder->second.is_tree) {
-        static_cast<void>(AddTree(path));
+        if (!AddBelow(path)) failure = errno;
       }
     }
   }

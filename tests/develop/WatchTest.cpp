@@ -4,6 +4,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <cerrno>
+#include <fstream>
+
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
@@ -64,6 +67,32 @@ TEST_F(WatchTest, AFolderThatIsGoneAndComesAgainIsWatchedAgain) {
   EXPECT_THAT(Read(), Not(IsEmpty()));
   directory.Directory("site/deep");
   Read();
+  const std::string file = directory.File("site/deep/page.zeph", "x");
+  EXPECT_THAT(Read(), Contains(file));
+}
+
+// The system keeps some thousand changes, by default 16384.
+TEST_F(WatchTest, AFolderThatWasMadeAfterTooManyChangesIsWatched) {
+  const std::string one = directory.path("site/one");
+  const std::string two = directory.path("site/two");
+  directory.File("site/one");
+  std::ifstream limit("/proc/sys/fs/inotify/max_queued_events");
+  int most = 0;
+  limit >> most;
+  if (most > 1000000) GTEST_SKIP();
+  for (int i = 0; i <= most; i++) std::filesystem::rename(i % 2 ? two : one, i % 2 ? one : two);
+  directory.Directory("site/later/deep");
+  EXPECT_THAT(Read(), Not(Contains(directory.path("site/later"))));
+  EXPECT_EQ(watch.TakeFailure(), 0);
+  const std::string file = directory.File("site/later/deep/page.zeph", "x");
+  EXPECT_THAT(Read(), Contains(file));
+}
+
+TEST_F(WatchTest, AFolderThatCannotBeWatchedIsSkipped) {
+  // A link to itself as the root of a tree is none.
+  directory.Link("loop", "loop");
+  EXPECT_FALSE(watch.AddTree(directory.path("loop")));
+  EXPECT_EQ(errno, ELOOP);
   const std::string file = directory.File("site/deep/page.zeph", "x");
   EXPECT_THAT(Read(), Contains(file));
 }
