@@ -63,6 +63,10 @@ CompileResult CompilePage(std::string_view source, const std::string& name,
     const int functions = diagnostics.AddFile(options.functions_name, options.functions);
     ReadFunctions(functions, &diagnostics, &tree, &parser, &library);
   }
+  for (const FunctionsFile& declared : options.functions_files) {
+    const int functions = diagnostics.AddFile(declared.name, declared.text);
+    ReadFunctions(functions, &diagnostics, &tree, &parser, &library);
+  }
   program.SegmentAt(0);
   // Code of a page with errors in its syntax finds more of them, as long as its tags are whole.
   Generator generator(&diagnostics, &tree, &program, library, options.every_line);

@@ -11,6 +11,13 @@
 #include <string_view>
 #include <vector>
 
+// A file of declarations of library functions, with its name in messages.
+struct FunctionsFile {
+  std::string name;
+  std::string text;
+  bool operator==(const FunctionsFile& other) const = default;
+};
+
 struct CompileOptions {
   // Names that ZpIFDEF finds defined; case does not count.
   std::vector<std::string> defines;
@@ -18,6 +25,8 @@ struct CompileOptions {
   // begin with ';' are skipped. functions_name is for messages about them.
   std::string functions;
   std::string functions_name = "functions";
+  // More of them.
+  std::vector<FunctionsFile> functions_files;
   // Finds an included file. name is what the tag has, from the name of the file that has the tag.
   // Returns true with the text, and with the name that messages and the list of files use. Without
   // a reader there are no included files.

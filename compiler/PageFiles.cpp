@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "base/host/FileDescriptor.h"
 
@@ -41,9 +42,14 @@ bool ReadWholeFile(const fs::path& path, std::string* text) {
     errno = S_ISDIR(facts.st_mode) ? EISDIR : EINVAL;
     return false;
   }
+  const auto allowed = static_cast<int64_t>(kLargestFile);
+  if (facts.st_size > allowed) {
+    errno = EFBIG;
+    return false;
+  }
   text->clear();
   text->resize(static_cast<size_t>(facts.st_size) + 1);
-  // The file may be longer by now: it is read to its end, as long as that is.
+  // The file may be longer by now: it is read to its end.
   for (size_t used = 0;;) {
     const ssize_t count = read(file.get(), text->data() + used, text->size() - used);
     if (count < 0 && errno == EINTR) continue;
@@ -52,6 +58,11 @@ bool ReadWholeFile(const fs::path& path, std::string* text) {
     if (count == 0) {
       text->resize(used);
       return true;
+    }
+    if (used > kLargestFile) {
+      text->clear();
+      errno = EFBIG;
+      return false;
     }
     if (used == text->size()) text->resize(used * 2);
   }
@@ -73,22 +84,40 @@ bool WriteWholeFile(const fs::path& path, const std::string& bytes) {
   return false;
 }
 
-void VisitFiles(const fs::path& root, const std::function<void(const std::string& name)>& visit) {
+std::string TextOf(const UnreadFolder& folder, const fs::path& root) {
+  return "cannot read " + (folder.name.empty() ? root : root / folder.name).string() + ": " +
+         strerror(folder.reason);
+}
+
+std::vector<UnreadFolder> VisitFiles(const fs::path& root,
+                                     const std::function<void(const std::string& name)>& visit) {
   std::vector<std::string> names;
-  std::error_code failure;
-  const auto options = fs::directory_options::skip_permission_denied;
-  for (auto entry = fs::recursive_directory_iterator(root, options, failure);
-       !failure && entry != fs::recursive_directory_iterator(); entry.increment(failure)) {
-    std::error_code gone;
-    if (entry->path().filename().string()[0] == '.') {
-      if (entry->is_directory(gone)) entry.disable_recursion_pending();
-      continue;
+  std::vector<UnreadFolder> unread;
+  // Folders that are still to be read.
+  std::vector<fs::path> folders = {""};
+  while (!folders.empty()) {
+    const fs::path folder = folders.back();
+    folders.pop_back();
+    std::error_code failure;
+    auto entry = fs::directory_iterator(folder.empty() ? root : root / folder, failure);
+    for (; !failure && entry != fs::directory_iterator(); entry.increment(failure)) {
+      const fs::path file = entry->path().filename();
+      if (file.string()[0] == '.') continue;
+      std::error_code gone;
+      if (entry->is_directory(gone) && !entry->is_symlink(gone)) {
+        folders.push_back(folder / file);
+      } else if (entry->is_regular_file(gone)) {
+        names.push_back((folder / file).string());
+      }
     }
-    if (!entry->is_regular_file(gone)) continue;
-    names.push_back(entry->path().lexically_relative(root).string());
+    const bool is_gone = failure.value() == ENOENT || failure.value() == ENOTDIR;
+    if (failure && (folder.empty() || !is_gone)) {
+      unread.push_back({folder.string(), failure.value()});
+    }
   }
   std::sort(names.begin(), names.end());
   for (const std::string& name : names) visit(name);
+  return unread;
 }
 
 bool IsPage(const std::string& name) {
@@ -121,7 +150,10 @@ std::string PageIncludes::Path(const std::string& name) const {
 
 bool PageIncludes::Try(const fs::path& path, const fs::path& name, std::string* found,
                        std::string* text) {
-  if (!ReadWholeFile(path, text)) return false;
+  if (!ReadWholeFile(path, text)) {
+    missing_paths.push_back(path.lexically_normal().string());
+    return false;
+  }
   *found = name.string();
   paths[*found] = path.lexically_normal();
   return true;

@@ -69,10 +69,11 @@ bool Compile(const Arguments& arguments, const fs::path& root, CompileOptions op
 }
 
 // The pages of a folder and of those in it, in the order of their names.
-std::vector<Page> FindPages(const Arguments& arguments) {
+// *complete becomes false if a folder cannot be read.
+std::vector<Page> FindPages(const Arguments& arguments, bool* complete) {
   std::vector<Page> pages;
   const fs::path root = arguments.source;
-  VisitFiles(root, [&](const std::string& name) {
+  const auto unread = VisitFiles(root, [&](const std::string& name) {
     if (!IsPage(name)) return;
     Page page;
     page.name = name;
@@ -80,6 +81,8 @@ std::vector<Page> FindPages(const Arguments& arguments) {
     page.target = fs::path(arguments.target) / CompiledName(name);
     pages.push_back(std::move(page));
   });
+  for (const UnreadFolder& folder : unread) std::cerr << "zephc: " << TextOf(folder, root) << "\n";
+  *complete = unread.empty();
   return pages;
 }
 
@@ -117,8 +120,9 @@ int Run(const Arguments& arguments) {
   const bool is_folder = fs::is_directory(arguments.source, failure);
   std::vector<Page> pages;
   fs::path root;
+  bool good = true;
   if (is_folder) {
-    pages = FindPages(arguments);
+    pages = FindPages(arguments, &good);
     root = arguments.source;
   } else {
     Page page;
@@ -135,7 +139,6 @@ int Run(const Arguments& arguments) {
     Report(arguments.functions, "read");
     return 1;
   }
-  bool good = true;
   for (Page& page : pages) good = Compile(arguments, root, options, &page) && good;
   if (!good) return 1;
   if (arguments.check) return 0;

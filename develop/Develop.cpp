@@ -8,9 +8,11 @@
 #include <stdlib.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -22,6 +24,7 @@
 #include "develop/Gateway.h"
 #include "develop/LiveSite.h"
 #include "develop/Watch.h"
+#include "develop/WorkFolder.h"
 
 namespace fs = std::filesystem;
 
@@ -44,8 +47,11 @@ constexpr milliseconds kWebPatience(2000);
 // Threads of an engine without background tasks: ten for requests, the heartbeat, and the main one.
 constexpr size_t kIdleThreads = 12;
 
-// An engine that ends sooner than this after its start will not do better the next time.
-constexpr milliseconds kShortestLife(1000);
+// An engine that has run for this time is started again at once when it ends. After a shorter life
+// there is a pause, which grows each time.
+constexpr milliseconds kLongLife(10000);
+constexpr milliseconds kShortestPause(100);
+constexpr milliseconds kLongestPause(10000);
 
 // A folder of this run, removed at its end.
 class RunFolder {
@@ -127,14 +133,12 @@ class Development {
   int Run() {
     if (const int status = Prepare()) return status;
     const SiteFolders folders = {work / "pages", work / "data", run.path() + "/temp"};
-    for (const fs::path& folder : {folders.pages, folders.data, folders.temporary}) {
-      std::error_code failure;
-      fs::create_directories(folder, failure);
-      if (failure) return Failed(folder.string() + ": " + failure.message());
+    if (!MakeWork(root, {"pages", "data"}) || !RemoveForeignPages(root, folders.pages)) return 1;
+    if (mkdir(folders.temporary.c_str(), 0700) != 0) {
+      return FailedSystem(folders.temporary.string());
     }
     LiveSite live(root, folders, places, arguments.defines);
     site = &live;
-    RemoveForeignPages(folders.pages);
     if (!Refresh({})) return 1;
     Gateway gateway(&live, root, run.File("engine.sock"), places.shared);
     engine_socket.reset(ListenOnSocket(run.File("engine.sock")));
@@ -161,7 +165,7 @@ class Development {
     if (failure || !fs::is_directory(root, failure)) {
       return Failed("there is no folder " + arguments.place);
     }
-    work = root / ".zeph";
+    work = root / work_name;
     web_program = FindWebServer();
     if (web_program.empty()) return Failed("lighttpd is not installed");
     library = places.Library("libzephconfig.so");
@@ -183,21 +187,19 @@ class Development {
     signals.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!signals.is_open()) return FailedSystem("signals");
     // Before the first look at the files, so that no change is missed.
-    if (!watch.Open() || !watch.AddTree(root)) {
+    if (!watch.Open() || !watch.AddFolder(root)) {
       return FailedSystem("cannot watch " + root.string());
     }
+    if (!watch.AddTree(root)) ReportWatch(errno);
     return 0;
   }
 
-  // What an earlier run has compiled from sources that are gone.
-  void RemoveForeignPages(const fs::path& pages) {
-    std::error_code ignored;
-    std::vector<std::string> names;
-    VisitFiles(pages, [&](const std::string& name) { names.push_back(name); });
-    for (const std::string& name : names) {
-      const fs::path source = (root / name).replace_extension(source_extension);
-      if (!fs::exists(source, ignored)) fs::remove(pages / name, ignored);
-    }
+  // Once: there would be a message for each folder.
+  void ReportWatch(int reason) {
+    if (reason == 0 || watch_failed) return;
+    watch_failed = true;
+    errno = reason;
+    FailedSystem("changes in some folders are not noticed");
   }
 
   bool Refresh(const std::set<std::string>& touched) {
@@ -214,14 +216,22 @@ class Development {
       }
       std::cout << what << " in " << took << " ms" << std::endl;
     }
+    bool has_new = false;
     for (const std::string& folder : report.outside_folders) {
-      static_cast<void>(watch.AddFolder(folder));
+      has_new = outside_folders.insert(folder).second || has_new;
+      if (!watch.AddFolder(folder)) ReportWatch(errno);
     }
     // The engine keeps the last settings that were in order; pages show what is wrong.
-    if (!changes.settings || !report.settings_ok) return true;
-    if (WriteWholeFile(run.File("zeph.toml"), report.settings_text)) return true;
-    FailedSystem(run.File("zeph.toml"));
-    return false;
+    if (changes.settings && report.settings_ok) {
+      if (!WriteWholeFile(run.File("zeph.toml"), report.settings_text)) {
+        FailedSystem(run.File("zeph.toml"));
+        return false;
+      }
+      // An engine that could not begin with the old ones may do so now.
+      engine_due = steady_clock::now();
+    }
+    // What has changed there before it was watched.
+    return !has_new || Refresh({});
   }
 
   bool StartEngine() {
@@ -254,7 +264,7 @@ class Development {
   int Loop() {
     pollfd polled[] = {{watch.descriptor(), POLLIN, 0}, {signals.get(), POLLIN, 0}};
     for (;;) {
-      if (poll(polled, 2, -1) < 0 && errno != EINTR) return FailedSystem("poll");
+      if (poll(polled, 2, StartDueEngine()) < 0 && errno != EINTR) return FailedSystem("poll");
       if (polled[1].revents) {
         bool ends = false;
         if (const int status = TakeSignals(&ends)) return status;
@@ -265,8 +275,33 @@ class Development {
       for (int i = 0; i < kMostSettling && poll(polled, 1, kSettleMilliseconds) > 0; i++) {
         watch.Read(&touched);
       }
+      ReportWatch(watch.TakeFailure());
       if (!Refresh(touched)) return 1;
     }
+  }
+
+  // Starts an engine that has ended when its pause is over. Returns for how many milliseconds there
+  // is nothing more to do about it; -1 while it runs.
+  int StartDueEngine() {
+    if (engine.process() > 0) return -1;
+    const auto now = steady_clock::now();
+    if (now < engine_due) {
+      return static_cast<int>(std::chrono::ceil<milliseconds>(engine_due - now).count());
+    }
+    if (StartEngine()) return -1;
+    return static_cast<int>(PauseEngine().count());
+  }
+
+  // The time until the next start. One that soon ends again will not do better at once.
+  milliseconds PauseEngine() {
+    const auto now = steady_clock::now();
+    if (now - engine_start >= kLongLife) {
+      engine_pause = milliseconds(0);
+    } else {
+      engine_pause = std::clamp(engine_pause * 2, kShortestPause, kLongestPause);
+    }
+    engine_due = now + engine_pause;
+    return engine_pause;
   }
 
   bool IsAskedToEnd() {
@@ -293,8 +328,9 @@ class Development {
       if (*ends) continue;
       const std::string how = WIFSIGNALED(status) ? std::string(strsignal(WTERMSIG(status)))
                                                   : "status " + std::to_string(WEXITSTATUS(status));
-      Failed("the engine has ended: " + how);
-      if (steady_clock::now() - engine_start < kShortestLife || !StartEngine()) return 1;
+      const milliseconds pause = PauseEngine();
+      Failed("the engine has ended: " + how + "; it is started again" +
+             (pause.count() > 0 ? " in " + std::to_string(pause.count()) + " ms" : ""));
     }
     return 0;
   }
@@ -316,6 +352,10 @@ class Development {
   Child engine;
   Child web_server;
   steady_clock::time_point engine_start;
+  steady_clock::time_point engine_due;
+  milliseconds engine_pause{0};
+  bool watch_failed = false;
+  std::set<std::string> outside_folders;
 };
 
 }  // namespace

@@ -75,12 +75,18 @@ LiveSite::Report LiveSite::Refresh(const std::set<std::string>& touched) {
   const std::lock_guard<std::mutex> guard(mutex);
   Report report;
   report.changes = site.Refresh(touched);
+  for (const UnreadFolder& folder : report.changes.unread) {
+    report.messages += TextOf(folder, root) + "\n";
+  }
   for (const std::string& name : report.changes.compiled) {
     report.messages += site.pages().at(name).formatted;
   }
   if (report.changes.settings) {
     for (const Problem& problem : site.settings().problems) {
       report.messages += problem.Text("") + "\n";
+      for (const Problem::Line& line : problem.lines) {
+        if (line.number == problem.line) report.messages += line.text + "\n";
+      }
     }
   }
   report.settings_ok = site.settings().problems.empty();

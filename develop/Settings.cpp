@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <utility>
 
 #include "base/core/ascii.h"
 #include "compiler/PageFiles.h"
@@ -161,10 +162,13 @@ class Reader {
 
   void AddFunctions(fs::path library) {
     library.replace_extension(".functions");
-    std::string text;
-    if (!ReadWholeFile(library, &text)) return;
-    settings->functions += text + "\n";
+    // One that is made later counts then.
     settings->files.push_back(library);
+    FunctionsFile file;
+    if (!ReadWholeFile(library, &file.text)) return;
+    const std::string inside = library.lexically_relative(root).string();
+    file.name = inside.empty() || inside.compare(0, 2, "..") == 0 ? library.string() : inside;
+    settings->functions.push_back(std::move(file));
   }
 
   void ReportReader(const std::string& error) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "compiler/Compiler.h"
 #include "develop/Places.h"
 #include "develop/Problem.h"
 
@@ -16,9 +17,10 @@ struct SiteSettings {
   // The file with the three directories as given, with libraries by their full paths, and otherwise
   // as it is. Directories that the file names belong to the server that the site will be on.
   std::string text;
-  // What the libraries declare: "name.functions" beside "name.so".
-  std::string functions;
-  // Files outside of the site that the above is made from.
+  // What the libraries declare: "name.functions" beside "name.so". Files of the site are named from
+  // its folder, others by their paths.
+  std::vector<FunctionsFile> functions;
+  // The files that the above is made from, and those that would be if they were there.
   std::vector<std::filesystem::path> files;
   std::vector<Problem> problems;
 };

@@ -15,14 +15,31 @@
 
 namespace fs = std::filesystem;
 
+namespace {
+
+// zeph.toml, and what is made from it by hand: it may have passwords.
+bool IsAboutSettings(const std::string& name) {
+  const std::string settings = settings_name;
+  return name == settings || name.rfind(settings + ".", 0) == 0;
+}
+
+// Whether a file may be in a folder that could not be read.
+bool IsInOneOf(const std::vector<UnreadFolder>& folders, const std::string& name) {
+  return std::any_of(folders.begin(), folders.end(), [&](const UnreadFolder& folder) {
+    return folder.name.empty() || name.rfind(folder.name + "/", 0) == 0;
+  });
+}
+
+}  // namespace
+
 bool IsStaticFile(const std::string& name) {
   // The later ones are copies that editors and other tools leave beside a source.
-  static const char* const own[] = {".zeph", ".zpa",  ".zpc", ".functions",
-                                    ".bak",  ".orig", ".rej", ".swp"};
+  static const char* const own[] = {".zeph", ".zpa", ".zpc", ".functions", ".bak", ".orig",
+                                    ".rej",  ".swp", ".swo", ".save",      ".old"};
   std::string lower = name;
   for (char& c : lower) c = static_cast<char>(zp_tolower(static_cast<unsigned char>(c)));
   const fs::path path = lower;
-  if (lower == "readme.md" || path.filename() == settings_name) return false;
+  if (lower == "readme.md" || IsAboutSettings(path.filename().string())) return false;
   if (lower.back() == '~') return false;
   if (std::any_of(path.begin(), path.end(), [](const fs::path& part) {
         return part.string()[0] == '.' || part.string()[0] == '#';
@@ -51,7 +68,7 @@ SitePage CompileSitePage(const fs::path& root, const std::string& name,
   PageIncludes includes(root, no_folders);
   CompileOptions compile;
   compile.defines = options.defines;
-  compile.functions = options.functions;
+  compile.functions_files = options.functions;
   compile.reader = [&includes](const std::string& file, const std::string& from, std::string* found,
                                std::string* text) {
     return includes.Read(file, from, found, text);
@@ -61,6 +78,8 @@ SitePage CompileSitePage(const fs::path& root, const std::string& name,
   page.image = std::move(result.image);
   page.formatted = std::move(result.formatted);
   for (const std::string& file : result.files) page.files.insert(includes.Path(file));
+  // A file that is missing, or that is found elsewhere so far, counts when it comes.
+  page.files.insert(includes.missing().begin(), includes.missing().end());
   std::map<std::string, std::string> texts = {{name, source}};
   for (const CompileMessage& message : result.messages) {
     Problem problem;
@@ -85,28 +104,42 @@ Site::Site(fs::path root, const SiteFolders& folders, const Places& places,
   options.defines = std::move(defines);
 }
 
-Site::Stamp Site::StampOf(const std::string& path) {
+bool Site::StampOf(const std::string& path, Stamp* stamp) {
   struct stat facts {};
-  if (stat(path.c_str(), &facts) != 0) return {};
+  if (stat(path.c_str(), &facts) != 0) {
+    if (errno != ENOENT && errno != ENOTDIR) return false;
+    *stamp = {};
+    return true;
+  }
   constexpr int64_t nanoseconds = 1000000000;
-  return {facts.st_size, facts.st_mtim.tv_sec * nanoseconds + facts.st_mtim.tv_nsec, facts.st_ino};
+  *stamp = {facts.st_size, facts.st_mtim.tv_sec * nanoseconds + facts.st_mtim.tv_nsec,
+            facts.st_ino};
+  return true;
+}
+
+void Site::Note(const std::string& path) {
+  Stamp stamp;
+  static_cast<void>(StampOf(path, &stamp));
+  stamps.emplace(path, stamp);
 }
 
 std::set<std::string> Site::FindChanges() {
   std::map<std::string, Stamp> now;
+  const std::set<std::string> names_before = std::move(names);
   names.clear();
-  VisitFiles(root, [&](const std::string& name) {
-    names.insert(name);
-    now.emplace((root / name).string(), Stamp());
-  });
+  unread = VisitFiles(root, [&](const std::string& name) { names.insert(name); });
+  for (const std::string& name : names_before) {
+    if (IsInOneOf(unread, name)) names.insert(name);
+  }
+  for (const std::string& name : names) now.emplace((root / name).string(), Stamp());
   for (const fs::path& file : site_settings.files) now.emplace(file.string(), Stamp());
   for (const auto& [name, page] : site_pages) {
     for (const std::string& file : page.files) now.emplace(file, Stamp());
   }
   std::set<std::string> changed;
   for (auto& [path, stamp] : now) {
-    stamp = StampOf(path);
     auto before = stamps.find(path);
+    if (!StampOf(path, &stamp) && before != stamps.end()) stamp = before->second;
     if (before == stamps.end() || before->second != stamp) changed.insert(path);
   }
   for (const auto& [path, stamp] : stamps) {
@@ -118,7 +151,9 @@ std::set<std::string> Site::FindChanges() {
 
 Site::Changes Site::Refresh(const std::set<std::string>& touched) {
   Changes changes;
+  const std::vector<UnreadFolder> unread_before = unread;
   std::set<std::string> changed = FindChanges();
+  if (unread != unread_before) changes.unread = unread;
   for (const std::string& path : touched) {
     if (stamps.count(path)) changed.insert(path);
   }
@@ -133,9 +168,7 @@ Site::Changes Site::Refresh(const std::set<std::string>& touched) {
     site_settings = ReadSettings(root, folders, places);
     all = all || site_settings.functions != options.functions;
     options.functions = site_settings.functions;
-    for (const fs::path& file : site_settings.files) {
-      stamps.emplace(file.string(), StampOf(file.string()));
-    }
+    for (const fs::path& file : site_settings.files) Note(file.string());
     changes.settings = true;
   }
   first = false;
@@ -180,7 +213,7 @@ void Site::Compile(const std::string& name) {
   if (!page.succeeded) Remove(name);
   page.image.clear();
   // Files outside of the site are looked at from now on.
-  for (const std::string& file : page.files) stamps.emplace(file, StampOf(file));
+  for (const std::string& file : page.files) Note(file);
   site_pages[name] = std::move(page);
 }
 
@@ -194,9 +227,13 @@ std::set<std::string> Site::OutsideFolders() const {
   std::set<std::string> outside;
   const std::string inside = root.string() + "/";
   const auto add = [&](const fs::path& file) {
-    if (file.string().compare(0, inside.size(), inside) != 0) {
-      outside.insert(file.parent_path().string());
+    if (file.string().compare(0, inside.size(), inside) == 0) return;
+    std::error_code failure;
+    fs::path folder = file.parent_path();
+    while (!fs::is_directory(folder, failure) && folder.has_relative_path()) {
+      folder = folder.parent_path();
     }
+    outside.insert(folder.string());
   };
   for (const auto& [name, page] : site_pages) {
     for (const std::string& file : page.files) add(file);
@@ -207,6 +244,7 @@ std::set<std::string> Site::OutsideFolders() const {
 
 std::vector<Problem> Site::Errors(const std::string& page) const {
   std::vector<Problem> errors = site_settings.problems;
+  for (Problem& problem : errors) problem.lines.clear();
   auto found = site_pages.find(page);
   if (found == site_pages.end() || found->second.succeeded) return errors;
   for (const Problem& problem : found->second.problems) {

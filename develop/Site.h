@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "compiler/PageFiles.h"
 #include "develop/Places.h"
 #include "develop/Problem.h"
 #include "develop/Settings.h"
@@ -27,7 +28,7 @@ struct SitePage {
 
 struct SiteOptions {
   std::vector<std::string> defines;
-  std::string functions;  // declarations of the libraries
+  std::vector<FunctionsFile> functions;  // declarations of the libraries
 };
 
 // Compiles a page. name is its path from the root, which messages use, too.
@@ -45,18 +46,23 @@ class Site {
     std::vector<std::string> removed;   // pages
     bool settings = false;              // whether the settings are others
     bool files = false;                 // whether any file of the site is another one
+    // Folders that cannot be read, unless they are those of the last time.
+    std::vector<UnreadFolder> unread;
   };
 
   // Looks at all files of the site. Compiles pages that are new, that are made from a file that has
   // changed, or that had errors, and writes their files; the compiled files of pages with errors
-  // are removed. touched has paths of files that have changed, however they look.
+  // are removed. What is in a folder that cannot be read counts as it was. touched has paths of
+  // files that have changed, however they look.
   Changes Refresh(const std::set<std::string>& touched);
 
   const std::map<std::string, SitePage>& pages() const { return site_pages; }
   const SiteSettings& settings() const { return site_settings; }
-  // Folders outside of the site that pages are made from.
+  // Folders outside of the site that pages are made from, or that what is missing would be in. Each
+  // is there.
   std::set<std::string> OutsideFolders() const;
-  // The errors of a page; those of the settings are all pages'. Empty if it is in order.
+  // The errors of a page; those of the settings are all pages', without lines of the file, which
+  // may have passwords. Empty if it is in order.
   std::vector<Problem> Errors(const std::string& page) const;
   // Whether a file belongs to the site; the source of a page does.
   bool HasFile(const std::string& name) const { return stamps.count((root / name).string()) > 0; }
@@ -69,7 +75,10 @@ class Site {
     uint64_t inode = 0;
     bool operator==(const Stamp& other) const = default;
   };
-  static Stamp StampOf(const std::string& path);
+  // Returns false, and leaves the stamp as it is, if the file cannot be looked at. One that is not
+  // there has the stamp of no file.
+  static bool StampOf(const std::string& path, Stamp* stamp);
+  void Note(const std::string& path);
 
   // The paths of files that are new, changed or gone since the last time.
   std::set<std::string> FindChanges();
@@ -84,6 +93,7 @@ class Site {
   std::map<std::string, SitePage> site_pages;
   std::map<std::string, Stamp> stamps;
   std::set<std::string> names;  // of the site's files
+  std::vector<UnreadFolder> unread;
   bool first = true;
 };
 

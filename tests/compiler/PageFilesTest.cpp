@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "tests/support/OtherUser.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
@@ -36,6 +37,18 @@ TEST(PageFiles, WhatIsNoFileIsAnErrorAndNeverWaits) {
   ASSERT_EQ(mkfifo(directory.path("pipe").c_str(), 0600), 0);
   EXPECT_FALSE(ReadWholeFile(directory.path("pipe"), &text));
   EXPECT_EQ(errno, EINVAL);
+}
+
+TEST(PageFiles, AFileThatIsTooLargeIsNotRead) {
+  TemporaryDirectory directory;
+  std::string text;
+  const std::string path = directory.File("a", "x");
+  std::filesystem::resize_file(path, size_t{1} << 40);
+  EXPECT_FALSE(ReadWholeFile(path, &text));
+  EXPECT_EQ(errno, EFBIG);
+  std::filesystem::resize_file(path, kLargestFile + 1);
+  EXPECT_FALSE(ReadWholeFile(path, &text));
+  EXPECT_EQ(errno, EFBIG);
 }
 
 TEST(PageFiles, AWriteMakesFoldersAndReplacesInOneStep) {
@@ -70,11 +83,29 @@ TEST(PageFiles, FilesAreVisitedInOrderWithoutHiddenOnes) {
   }
   directory.Link("loop", ".");
   std::vector<std::string> names;
-  VisitFiles(directory.path(), [&](const std::string& name) { names.push_back(name); });
+  const auto note = [&](const std::string& name) { names.push_back(name); };
+  EXPECT_THAT(VisitFiles(directory.path(), note), IsEmpty());
   EXPECT_THAT(names, ElementsAre("_p.zeph", "a/z", "b.zeph", "b/a.zeph"));
   names.clear();
-  VisitFiles(directory.path("nowhere"), [&](const std::string& name) { names.push_back(name); });
+  EXPECT_THAT(VisitFiles(directory.path("nowhere"), note), ElementsAre(UnreadFolder{"", ENOENT}));
   EXPECT_THAT(names, IsEmpty());
+}
+
+TEST(PageFiles, AFolderThatCannotBeReadIsTold) {
+  TemporaryDirectory directory;
+  directory.File("a.zeph");
+  directory.File("b/c/d.zeph");
+  std::filesystem::permissions(directory.path(), std::filesystem::perms::all);
+  std::filesystem::permissions(directory.path("b/c"), std::filesystem::perms::none);
+  std::vector<std::string> names;
+  std::vector<UnreadFolder> unread;
+  {
+    const OtherUser user;
+    unread = VisitFiles(directory.path(), [&](const std::string& name) { names.push_back(name); });
+  }
+  EXPECT_THAT(names, ElementsAre("a.zeph"));
+  ASSERT_THAT(unread, ElementsAre(UnreadFolder{"b/c", EACCES}));
+  EXPECT_EQ(TextOf(unread[0], "/x"), "cannot read /x/b/c: Permission denied");
 }
 
 TEST(PageFiles, PagesAndTheirCompiledFilesHaveNames) {

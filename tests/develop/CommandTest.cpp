@@ -3,10 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 
 #include "compiler/Compiler.h"
+#include "compiler/PageFiles.h"
 #include "tests/support/NewSite.h"
 
 namespace {
@@ -53,6 +55,19 @@ TEST_F(ZephTest, WrongUsageIsStatus2WithAReasonAndTheHelpOfTheCommand) {
   EXPECT_EQ(Run({"run"}), 2);
   EXPECT_THAT(errors, StartsWith("zeph: no page\nusage: zeph run"));
   EXPECT_EQ(output, "");
+}
+
+// A script's variable that is not set must not become the working directory.
+TEST_F(ZephTest, AnEmptyWordIsRefused) {
+  directory.File("index.zeph", "mine");
+  for (const char* command : {"new", "dev", "build", "check", "run"}) {
+    EXPECT_EQ(Run({command, ""}), 2) << command;
+    EXPECT_THAT(errors, StartsWith("zeph: an empty word is neither a folder nor a page\n"));
+  }
+  EXPECT_EQ(Run({"build", ".", ""}), 2);
+  EXPECT_EQ(Run({"check", "-D", "", "."}), 2);
+  EXPECT_EQ(directory.Content("index.zeph"), "mine");
+  EXPECT_FALSE(directory.Exists("style.css"));
 }
 
 // --- new -----------------------------------------------------------------------------------------
@@ -205,6 +220,168 @@ TEST_F(ZephTest, AnOutputInTheSiteIsNoPartOfIt) {
   EXPECT_FALSE(directory.Exists("site/out/out"));
 }
 
+TEST_F(ZephTest, ALinkInTheOutputIsNeverFollowed) {
+  directory.File("site/a.zeph", "a");
+  directory.File("home/precious", "x");
+  directory.Directory("out");
+  directory.Link("out/l", "../home");
+  directory.File("out/.zeph-build", "l/precious\n");
+  EXPECT_EQ(Run({"build", "site", "out"}), 1);
+  EXPECT_THAT(errors, HasSubstr("out/l is a link"));
+  EXPECT_TRUE(directory.Exists("home/precious"));
+  directory.File("out/.zeph-build", "");
+  directory.File("site/l/precious", "y");
+  EXPECT_EQ(Run({"build", "site", "out"}), 1);
+  EXPECT_EQ(directory.Content("home/precious"), "x");
+  // A link that a build has made a file of before is no way out either.
+  std::filesystem::remove(directory.path("out/l"));
+  directory.Directory("out/l");
+  directory.Link("out/l/precious", "../../home/precious");
+  directory.File("out/.zeph-build", "l/precious\n");
+  EXPECT_EQ(Run({"build", "site", "out"}), 0) << errors;
+  EXPECT_EQ(directory.Content("home/precious"), "x");
+  EXPECT_EQ(directory.Content("out/l/precious"), "y");
+}
+
+TEST_F(ZephTest, AFileThatNoBuildHasMadeIsNotReplaced) {
+  directory.File("site/a.zeph", "a");
+  ASSERT_EQ(Run({"build", "site", "out"}), 0) << errors;
+  directory.File("out/data", "of another program");
+  directory.File("out/deep", "of another program");
+  directory.File("site/data", "x");
+  directory.File("site/a.zeph", "changed");
+  const std::string before = directory.Content("out/a.zpc");
+  EXPECT_EQ(Run({"build", "site", "out"}), 1);
+  EXPECT_THAT(errors, HasSubstr("out/data is a file that zeph build has not made"));
+  std::filesystem::remove(directory.path("site/data"));
+  directory.File("site/deep/x.css", "x");
+  EXPECT_EQ(Run({"build", "site", "out"}), 1);
+  EXPECT_THAT(errors, HasSubstr("out/deep is a file that zeph build has not made"));
+  EXPECT_EQ(directory.Content("out/data") + directory.Content("out/deep"),
+            "of another programof another program");
+  EXPECT_EQ(directory.Content("out/a.zpc"), before);
+}
+
+TEST_F(ZephTest, AFolderThatCannotBeReadRemovesNothing) {
+  if (!std::filesystem::exists("/usr/bin/setpriv") && geteuid() == 0) GTEST_SKIP();
+  directory.File("site/a.zeph", "a");
+  directory.File("site/deep/b.zeph", "b");
+  ASSERT_EQ(Run({"build", "site", "out"}), 0) << errors;
+  namespace fs = std::filesystem;
+  for (const char* folder : {"", "site", "out", "out/deep"}) {
+    fs::permissions(directory.path(folder), fs::perms::all);
+  }
+  fs::permissions(directory.path("out/.zeph-build"), fs::perms::all);
+  fs::permissions(directory.path("site/deep"), fs::perms::none);
+  std::vector<std::string> words = {InBuild("bin/zeph"), "build", "site", "out"};
+  if (geteuid() == 0) {
+    words.insert(words.begin(), {"/usr/bin/setpriv", "--reuid=65534", "--clear-groups"});
+  }
+  Command command(words);
+  command.directory = directory.path();
+  EXPECT_EQ(command.Run(), 1);
+  EXPECT_THAT(command.errors, HasSubstr("/site/deep: Permission denied\n"));
+  EXPECT_TRUE(directory.Exists("out/deep/b.zpc"));
+  fs::permissions(directory.path("site/deep"), fs::perms::all);
+}
+
+TEST_F(ZephTest, AnInterruptedBuildIsCompletedByTheNext) {
+  if (!std::filesystem::exists("/usr/bin/prlimit")) GTEST_SKIP();
+  directory.File("site/a.zeph", "a");
+  directory.File("site/z.css", std::string(100000, 'z'));
+  // The system ends it at the large file.
+  Command command({"/usr/bin/prlimit", "--fsize=10000", "--core=0", InBuild("bin/zeph"), "build",
+                   "site", "out"});
+  command.directory = directory.path();
+  EXPECT_GT(command.Run(), 128);
+  EXPECT_TRUE(directory.Exists("out/a.zpc"));
+  EXPECT_FALSE(directory.Exists("out/z.css"));
+  std::filesystem::remove(directory.path("site/a.zeph"));
+  EXPECT_EQ(Run({"build", "site", "out"}), 0) << errors;
+  EXPECT_FALSE(directory.Exists("out/a.zpc"));
+  EXPECT_EQ(directory.Content("out/z.css").size(), 100000u);
+  EXPECT_EQ(directory.Content("out/.zeph-build"), "z.css\n");
+}
+
+TEST_F(ZephTest, AFileMayBecomeAFolderAndTheReverse) {
+  directory.File("site/a/b.css", "b");
+  directory.File("site/c", "c");
+  ASSERT_EQ(Run({"build", "site", "out"}), 0) << errors;
+  std::filesystem::remove_all(directory.path("site/a"));
+  std::filesystem::remove(directory.path("site/c"));
+  directory.File("site/a", "file");
+  directory.File("site/c/d/e.css", "e");
+  EXPECT_EQ(Run({"build", "site", "out"}), 0) << errors;
+  EXPECT_EQ(output, "0 pages and 2 files; 2 written, 2 removed\n");
+  EXPECT_EQ(directory.Content("out/a"), "file");
+  EXPECT_EQ(directory.Content("out/c/d/e.css"), "e");
+  // What another program has in that folder stays.
+  directory.File("out/c/other", "x");
+  std::filesystem::remove_all(directory.path("site/c"));
+  directory.File("site/c", "c");
+  EXPECT_EQ(Run({"build", "site", "out"}), 1);
+  EXPECT_TRUE(directory.Exists("out/c/other"));
+  EXPECT_TRUE(directory.Exists("out/c/d/e.css"));
+}
+
+TEST_F(ZephTest, AStaticFileThatIsALinkIsNotCopied) {
+  directory.File("secret", "x");
+  directory.File("site/a.css", "a");
+  directory.Link("site/link.css", "../secret");
+  EXPECT_EQ(Run({"build", "site", "out"}), 0);
+  EXPECT_EQ(output, "0 pages and 1 file; 1 written, 0 removed\n");
+  EXPECT_THAT(errors, HasSubstr("site/link.css is a link and is not copied\n"));
+  EXPECT_FALSE(directory.Exists("out/link.css"));
+}
+
+TEST_F(ZephTest, NamesOfAnyBytesAreListed) {
+  const std::string odd = "site/a\nprecious\\n.css";
+  directory.File(odd, "x");
+  ASSERT_EQ(Run({"build", "site", "out"}), 0) << errors;
+  ASSERT_EQ(Run({"build", "site", "out"}), 0) << errors;
+  EXPECT_EQ(output, "0 pages and 1 file; 0 written, 0 removed\n");
+  directory.File("out/precious\\n.css", "mine");
+  std::filesystem::remove(directory.path(odd));
+  ASSERT_EQ(Run({"build", "site", "out"}), 0) << errors;
+  EXPECT_EQ(output, "0 pages and 0 files; 0 written, 1 removed\n");
+  EXPECT_TRUE(directory.Exists("out/precious\\n.css"));
+}
+
+// A source has to be in memory; any other file is copied in pieces.
+TEST_F(ZephTest, ALargeFileIsCopiedAndALargeSourceRefused) {
+  const size_t large = kLargestFile + 1;
+  std::filesystem::resize_file(directory.File("site/a.bin", "a"), large);
+  ASSERT_EQ(Run({"build", "site", "out"}), 0) << errors;
+  EXPECT_EQ(std::filesystem::file_size(directory.path("out/a.bin")), large);
+  std::filesystem::resize_file(directory.File("site/a.zeph", "a"), size_t{1} << 40);
+  EXPECT_EQ(Run({"check", "site"}), 1);
+  EXPECT_EQ(output, "site/a.zeph: error: File too large\n");
+}
+
+TEST_F(ZephTest, LinksInThePlaceOfItsOwnFoldersAreRefused) {
+  directory.File("site/a.zeph", "a");
+  directory.File("home/precious.zpc", "x");
+  directory.Directory("site/.zeph");
+  for (const char* folder : {"build", "run"}) {
+    directory.Link("site/.zeph/" + std::string(folder), "../../home");
+  }
+  EXPECT_EQ(Run({"build", "site"}), 1);
+  EXPECT_THAT(errors, HasSubstr("site/.zeph/build is a link"));
+  EXPECT_EQ(Run({"run", "site/a.zeph"}), 1);
+  EXPECT_THAT(errors, HasSubstr("site/.zeph/run is a link"));
+  std::filesystem::remove(directory.path("site/.zeph/run"));
+  directory.Directory("site/.zeph/run");
+  directory.Link("site/.zeph/run/deep", "../../../home");
+  EXPECT_EQ(Run({"run", "site/a.zeph"}), 1);
+  EXPECT_THAT(errors, HasSubstr("site/.zeph/run/deep is a link"));
+  std::filesystem::remove_all(directory.path("site/.zeph"));
+  directory.Link("site/.zeph", "../home");
+  EXPECT_EQ(Run({"build", "site"}), 1);
+  EXPECT_EQ(Run({"run", "site/a.zeph"}), 1);
+  EXPECT_TRUE(directory.Exists("home/precious.zpc"));
+  EXPECT_FALSE(directory.Exists("home/a.zpc"));
+}
+
 TEST_F(ZephTest, NamesAreDefinedForABuild) {
   directory.File("site/a.zeph", "<ZpIFDEF LIVE>live<ZpELSE>test</ZpIFDEF>");
   ASSERT_EQ(Run({"build", "-D", "LIVE", "site", "out"}), 0) << errors;
@@ -297,6 +474,25 @@ TEST_F(ZephTest, ARunsStatusIsThatOfThePage) {
       StartsWith("b.zeph:1:2: error: there is no tag 'ZpX'; did you mean 'ZpIF'?\nx<ZpX>\n ^"));
   EXPECT_EQ(Run({"run", "c.zeph"}), 1);
   EXPECT_EQ(errors, "zeph: there is no page c.zeph\n");
+}
+
+TEST_F(ZephTest, ARunTakesPagesOnlyAndForgetsThoseThatAreGone) {
+  directory.File("site/zeph.toml", "");
+  directory.File("site/a.zeph", "a<ZpDO file=\"b.zpc\">");
+  directory.File("site/b.zeph", "b");
+  directory.File("site/b.txt", "x");
+  directory.File("site/_part.zeph", "x");
+  ASSERT_EQ(Run({"run", "site/a.zeph"}), 0) << errors;
+  EXPECT_EQ(output, "ab");
+  for (const char* name : {"site/b.txt", "site/_part.zeph"}) {
+    EXPECT_EQ(Run({"run", name}), 1) << name;
+    EXPECT_THAT(errors, HasSubstr(" is no page: its name "));
+  }
+  std::filesystem::remove(directory.path("site/b.zeph"));
+  directory.File("site/.zeph/run/notes", "mine");
+  EXPECT_EQ(Run({"run", "site/a.zeph"}), 1);
+  EXPECT_FALSE(directory.Exists("site/.zeph/run/b.zpc"));
+  EXPECT_TRUE(directory.Exists("site/.zeph/run/notes"));
 }
 
 TEST_F(ZephTest, APageRunsOtherPagesOfItsSite) {

@@ -60,6 +60,11 @@ TEST_F(LiveSiteTest, ErrorsBelongToTheCompiledFilesOfPages) {
   EXPECT_FALSE(site.HasPage("c.zpc"));
 }
 
+TEST_F(LiveSiteTest, TheTerminalShowsTheLineOfAMistakeInTheSettings) {
+  directory.File("site/zeph.toml", "max_files = 7\nnothing = \"here\"\n");
+  EXPECT_THAT(site.Refresh({}).messages, testing::EndsWith("\nnothing = \"here\"\n"));
+}
+
 TEST_F(LiveSiteTest, ARunTimeErrorIsShownInItsSource) {
   directory.File("site/deep/a.zeph", "one\n<ZpGO to=1>\nthree\n");
   site.Refresh({});

@@ -8,6 +8,7 @@
 
 namespace {
 
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -38,7 +39,9 @@ TEST_F(SettingsTest, WithoutAFileThereIsTheStandardLibrary) {
   directory.File("lib/zeph/zephstd.functions", "htmlencode(text)");
   settings = Read();
   EXPECT_EQ(TextOf(settings, 0), library);
-  EXPECT_EQ(settings.functions, "htmlencode(text)\n");
+  EXPECT_THAT(
+      settings.functions,
+      ElementsAre(FunctionsFile{directory.path("lib/zeph/zephstd.functions"), "htmlencode(text)"}));
   ASSERT_EQ(settings.files.size(), 1u);
   EXPECT_EQ(settings.files[0], directory.path("lib/zeph/zephstd.functions"));
 }
@@ -72,7 +75,7 @@ TEST_F(SettingsTest, LibrariesAreFoundInTheSiteThenWithZeph) {
   EXPECT_EQ(TextOf(settings, 1), shipped);
   EXPECT_EQ(TextOf(settings, 2), other);
   EXPECT_THAT(settings.text, HasSubstr("own.so\" # \xC3\xA4\n"));
-  EXPECT_EQ(settings.functions, "mine()\n\n");
+  EXPECT_THAT(settings.functions, ElementsAre(FunctionsFile{"lib/own.functions", "mine()\n"}));
 }
 
 TEST_F(SettingsTest, ALibraryOfTheServerIsTheOneOfThatNameHere) {

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include "compiler/Compiler.h"
+#include "tests/support/OtherUser.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
@@ -143,6 +144,79 @@ TEST_F(SiteTest, ALibrarysFunctionsAreKnownWhenItIsConfigured) {
   EXPECT_EQ(site.Errors("one.zeph").size(), 1u);
 }
 
+TEST_F(SiteTest, DeclarationsThatAreMadeLaterCount) {
+  Write("one.zeph", "<ZpEVAL mine(1)>");
+  Write("own.so", "");
+  Write("zeph.toml", "[[library]]\nkind = \"builtin\"\npath = \"own.so\"\n");
+  Refresh();
+  EXPECT_EQ(site.Errors("one.zeph").size(), 1u);
+  Write("own.functions", "mine(a)");
+  EXPECT_TRUE(Refresh().settings);
+  EXPECT_THAT(site.Errors("one.zeph"), IsEmpty());
+}
+
+TEST_F(SiteTest, AMistakeInDeclarationsHasItsFileAndLine) {
+  Write("one.zeph", "x");
+  std::string settings;
+  for (const char* name : {"a", "b"}) {
+    Write("lib/" + std::string(name) + ".so", "");
+    Write("lib/" + std::string(name) + ".functions", "; first\n" + std::string(name) + "one(x)\n");
+    settings += "[[library]]\nkind = \"builtin\"\npath = \"lib/" + std::string(name) + ".so\"\n";
+  }
+  Write("lib/b.functions", "; first\nbone(\n");
+  Write("zeph.toml", settings);
+  Refresh();
+  const std::vector<Problem> errors = site.Errors("one.zeph");
+  ASSERT_EQ(errors.size(), 1u);
+  EXPECT_THAT(errors[0].Text(""), testing::StartsWith("lib/b.functions:2:"));
+  ASSERT_EQ(errors[0].lines.size(), 2u);
+  EXPECT_EQ(errors[0].lines[1].text, "bone(");
+}
+
+TEST_F(SiteTest, AFolderThatCannotBeReadCountsAsItWas) {
+  Write("one.zeph", "<ZpINCLUDE \"deep/_x.zeph\">");
+  Write("deep/two.zeph", "x");
+  Write("deep/_x.zeph", "x");
+  Write("three.zeph", "x");
+  std::filesystem::permissions(directory.path(), std::filesystem::perms::all);
+  std::filesystem::permissions(root, std::filesystem::perms::all);
+  Refresh();
+  std::filesystem::permissions(root + "/deep", std::filesystem::perms::none);
+  Delete("three.zeph");
+  Site::Changes changes;
+  {
+    const OtherUser user;
+    changes = Refresh();
+    EXPECT_THAT(Refresh().unread, IsEmpty()) << "told once";
+  }
+  EXPECT_THAT(changes.unread, ElementsAre(UnreadFolder{"deep", EACCES}));
+  EXPECT_THAT(changes.removed, ElementsAre("three.zeph"));
+  EXPECT_THAT(changes.compiled, IsEmpty());
+  EXPECT_TRUE(directory.Exists("out/deep/two.zpc"));
+  std::filesystem::permissions(root + "/deep", std::filesystem::perms::all);
+  Refresh();
+  EXPECT_TRUE(directory.Exists("out/deep/two.zpc"));
+  EXPECT_THAT(site.Errors("one.zeph"), IsEmpty());
+}
+
+TEST_F(SiteTest, AMissingFileOutsideOfTheSiteIsWaitedFor) {
+  Write("one.zeph", "<ZpINCLUDE \"../shared/deep/_x.zeph\">");
+  Refresh();
+  EXPECT_THAT(site.OutsideFolders(), ElementsAre(directory.path()));
+  directory.File("shared/deep/_x.zeph", "x");
+  EXPECT_THAT(Refresh().compiled, ElementsAre("one.zeph"));
+  EXPECT_THAT(site.Errors("one.zeph"), IsEmpty());
+  EXPECT_THAT(site.OutsideFolders(), ElementsAre(directory.path("shared/deep")));
+}
+
+TEST_F(SiteTest, LinesOfTheSettingsAreNotForVisitors) {
+  Write("zeph.toml", "password = \"secret\"\nnothing = 1\n");
+  Refresh();
+  ASSERT_FALSE(site.Errors("one.zeph").empty());
+  EXPECT_TRUE(site.Errors("one.zeph")[0].lines.empty());
+  EXPECT_FALSE(site.settings().problems[0].lines.empty());
+}
+
 TEST_F(SiteTest, MistakesInTheSettingsAreErrorsOfAllPages) {
   Write("one.zeph", "x");
   Write("zeph.toml", "nothing = 1\n");
@@ -160,10 +234,12 @@ TEST(Site, StaticFilesAreNeitherSourcesNorTheMakers) {
   for (const char* name : {"style.css", "deep/a.html", "deep/README.md", "zeph", "a.zeph.txt"}) {
     EXPECT_TRUE(IsStaticFile(name)) << name;
   }
-  for (const char* name :
-       {"index.zeph", "_a.zeph", "A.ZEPH", "a.zpa", "a.zpc", "zeph.toml", "deep/zeph.toml",
-        "README.md", ".hidden", ".git/config", "a/.b/c.css", "lib/own.functions", "a.zeph~",
-        "#a.zeph#", "a.zeph.bak", "b/a.zeph.orig", "a.rej", "a.zeph.SWP", "#x/a.css"}) {
+  for (const char* name : {"index.zeph",  "_a.zeph",     "A.ZEPH",         "a.zpa",
+                           "a.zpc",       "zeph.toml",   "deep/zeph.toml", "README.md",
+                           ".hidden",     ".git/config", "a/.b/c.css",     "lib/own.functions",
+                           "a.zeph~",     "#a.zeph#",    "a.zeph.bak",     "b/a.zeph.orig",
+                           "a.rej",       "a.zeph.SWP",  "a.swo",          "zeph.toml.old",
+                           "ZEPH.TOML.x", "zeph.toml~",  "a.zeph.save",    "#x/a.css"}) {
     EXPECT_FALSE(IsStaticFile(name)) << name;
   }
 }
