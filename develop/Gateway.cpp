@@ -1,17 +1,22 @@
-// FastCGI to both sides. Tested in tests/e2e/DevelopTest.cpp.
+// FastCGI to both sides. Tested in tests/develop/GatewayTest.cpp and tests/e2e/DevelopTest.cpp.
 
 #include "develop/Gateway.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 #include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <iostream>
+#include <system_error>
+#include <utility>
 
 #include "compiler/PageFiles.h"
+#include "compiler/Tags.h"
 #include "develop/PageFilter.h"
 #include "develop/Records.h"
 
@@ -30,6 +35,15 @@ constexpr size_t kMostParameters = size_t{4} << 20;
 // A connection that has nothing to say shows in this time whether it is still there.
 constexpr std::chrono::milliseconds kQuiet(5000);
 
+// How long a connection to the engine waits before it looks whether it is still wanted.
+constexpr std::chrono::milliseconds kConnecting(100);
+
+// How long a request that gets no thread holds up the others.
+constexpr std::chrono::milliseconds kRefusing(200);
+
+constexpr char kBadGateway[] =
+    "Status: 502 Bad Gateway\r\nContent-Type: text/plain\r\nCache-Control: no-store\r\n";
+
 bool FillAddress(const std::string& path, sockaddr_un* address) {
   *address = {};
   address->sun_family = AF_UNIX;
@@ -41,12 +55,29 @@ bool FillAddress(const std::string& path, sockaddr_un* address) {
   return true;
 }
 
-int Connect(const std::string& path) {
-  sockaddr_un address;
-  FileDescriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!made.is_open() || !FillAddress(path, &address)) return -1;
-  if (connect(made.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return -1;
-  return made.release();
+void SetTimeout(int socket, int option, std::chrono::milliseconds time) {
+  timeval value = {};
+  value.tv_sec = time.count() / 1000;
+  value.tv_usec = time.count() % 1000 * 1000;
+  setsockopt(socket, SOL_SOCKET, option, &value, sizeof value);
+}
+
+// Whether the peer of a socket has closed it.
+bool IsClosed(int socket) {
+  pollfd polled = {socket, 0, 0};
+  return poll(&polled, 1, 0) > 0 && (polled.revents & (POLLHUP | POLLERR)) != 0;
+}
+
+// Starts a thread. Returns false if the system has none.
+template <typename Work>
+bool StartThread(std::thread* thread, Work work) {
+  try {
+    *thread = std::thread(std::move(work));
+    return true;
+  } catch (const std::system_error&) {
+    errno = EAGAIN;
+    return false;
+  }
 }
 
 std::string Value(const std::map<std::string, std::string>& parameters, const char* name) {
@@ -91,14 +122,18 @@ class Gateway::OpenSocket {
   int socket;
 };
 
-Gateway::Gateway(LiveSite* site, fs::path root, std::string engine, fs::path shared)
-    : site(site), root(std::move(root)), engine(std::move(engine)), shared(std::move(shared)) {}
+Gateway::Gateway(LiveSite* site, fs::path root, std::string engine, fs::path shared,
+                 int most_requests)
+    : site(site),
+      root(std::move(root)),
+      engine(std::move(engine)),
+      shared(std::move(shared)),
+      most_requests(most_requests) {}
 
 bool Gateway::Start(const std::string& path) {
   listener.reset(ListenOnSocket(path));
   if (!listener.is_open()) return false;
-  acceptor = std::thread([this] { Accept(); });
-  return true;
+  return StartThread(&acceptor, [this] { Accept(); });
 }
 
 void Gateway::Stop() {
@@ -130,7 +165,6 @@ void Gateway::Accept() {
     {
       const std::lock_guard<std::mutex> guard(mutex);
       if (stopping) return;
-      if (connection.is_open()) threads++;
     }
     if (!connection.is_open()) {
       // Out of descriptors, as a rule: others are given back soon.
@@ -139,13 +173,49 @@ void Gateway::Accept() {
       }
       continue;
     }
-    std::thread([this, taken = std::move(connection)]() mutable {
-      Serve(std::move(taken));
-      const std::lock_guard<std::mutex> guard(mutex);
-      threads--;
-      ended.notify_all();
-    }).detach();
+    if (!StartServing(&connection)) Refuse(connection);
   }
+}
+
+bool Gateway::StartServing(FileDescriptor* connection) {
+  const auto leave = [this] {
+    const std::lock_guard<std::mutex> guard(mutex);
+    threads--;
+    ended.notify_all();
+  };
+  {
+    const std::lock_guard<std::mutex> guard(mutex);
+    if (threads >= most_requests) return false;
+    threads++;
+  }
+  std::thread thread;
+  // The thread owns the socket as soon as it is there.
+  const int socket = connection->get();
+  if (!StartThread(&thread, [this, socket, leave] {
+        Serve(FileDescriptor(socket));
+        leave();
+      })) {
+    leave();
+    return false;
+  }
+  static_cast<void>(connection->release());
+  thread.detach();
+  return true;
+}
+
+// On the thread that accepts, so for a short time only.
+void Gateway::Refuse(const FileDescriptor& connection) {
+  const OpenSocket open(this, connection.get());
+  SetTimeout(connection.get(), SO_RCVTIMEO, kRefusing);
+  SetTimeout(connection.get(), SO_SNDTIMEO, kRefusing);
+  Request request;
+  request.socket = connection.get();
+  if (!ReadRequest(&request)) return;
+  Send(request, kBadGateway, "zeph has too many requests at a time.\n");
+  shutdown(connection.get(), SHUT_WR);
+  // Once, or the response might be lost with what has not been read.
+  std::string rest(4096, '\0');
+  static_cast<void>(recv(connection.get(), rest.data(), rest.size(), 0));
 }
 
 void Gateway::Serve(FileDescriptor connection) {
@@ -190,7 +260,8 @@ void Gateway::Answer(const Request& request) {
     return SendFile(request, (shared / "reload.js").string(), "text/javascript", false);
   }
   if (path.compare(0, strlen(kOwn), kOwn) == 0) return SendMissing(request);
-  if (EndsWith(path, ".html") || EndsWith(path, ".htm")) {
+  const std::string lower = LowerCase(path);
+  if (EndsWith(lower, ".html") || EndsWith(lower, ".htm")) {
     if (!IsStaticPage(path)) return SendMissing(request);
     return SendFile(request, (root / path).string(), "text/html", true);
   }
@@ -207,10 +278,11 @@ void Gateway::Answer(const Request& request) {
 
 bool Gateway::IsStaticPage(const std::string& name) const {
   std::error_code failure;
-  const fs::path full = fs::canonical(root / name, failure);
+  const fs::path full = (root / name).lexically_normal();
   const std::string inside = root.string() + "/";
-  return !failure && full.string().compare(0, inside.size(), inside) == 0 && IsStaticFile(name) &&
-         fs::is_regular_file(full, failure);
+  // Links are not followed, as by the web server.
+  return full.string().compare(0, inside.size(), inside) == 0 && IsStaticFile(name) &&
+         fs::canonical(full, failure) == full && fs::is_regular_file(full, failure);
 }
 
 void Gateway::Send(const Request& request, const std::string& head, const std::string& body) {
@@ -274,7 +346,7 @@ std::string Gateway::Addition(const Request& request, std::string_view body) {
   if (!problems.empty()) {
     std::string shape;
     static_cast<void>(ReadWholeFile(shared / "panel.html", &shape));
-    addition += ProblemPage(shape, problems);
+    addition += ClosingOf(body) + ProblemPage(shape, problems);
     std::string text;
     for (const Problem& problem : problems) text += problem.Text("") + "\n";
     std::cerr << text;
@@ -283,27 +355,44 @@ std::string Gateway::Addition(const Request& request, std::string_view body) {
          (request.is_post ? " data-posted" : "") + "></script>\n";
 }
 
-void Gateway::CopyBody(int from, int to) {
-  for (Record record; ReadRecord(from, &record);) {
-    if (!WriteBytes(to, record.bytes)) return;
+void Gateway::CopyRequest(const Request& request, int to) {
+  if (WriteBytes(to, request.begin)) {
+    for (Record record; ReadRecord(request.socket, &record);) {
+      if (!WriteBytes(to, record.bytes)) return;
+    }
   }
   // The web server has closed its connection: the visitor has gone, or the response is complete.
   shutdown(to, SHUT_RDWR);
 }
 
-void Gateway::PassOn(const Request& request) {
-  const FileDescriptor connection(Connect(engine));
-  const int to = connection.get();
-  const char kNoEngine[] =
-      "Status: 502 Bad Gateway\r\nContent-Type: text/plain\r\nCache-Control: no-store\r\n";
-  if (to < 0 || !WriteBytes(to, request.begin)) {
-    return Send(request, kNoEngine, "The engine does not run.\n");
+int Gateway::ConnectEngine(const Request& request) {
+  sockaddr_un address;
+  FileDescriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!made.is_open() || !FillAddress(engine, &address)) return -1;
+  // A connection waits in turn while the engine's queue is full.
+  SetTimeout(made.get(), SO_SNDTIMEO, kConnecting);
+  while (connect(made.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    if (errno != EAGAIN && errno != EINTR) return -1;
+    if (IsClosed(request.socket)) return -1;
+    const std::lock_guard<std::mutex> guard(mutex);
+    if (stopping) return -1;
   }
+  SetTimeout(made.get(), SO_SNDTIMEO, std::chrono::milliseconds(0));
+  return made.release();
+}
+
+void Gateway::PassOn(const Request& request) {
+  const FileDescriptor connection(ConnectEngine(request));
+  const int to = connection.get();
+  if (to < 0) return Send(request, kBadGateway, "The engine does not run.\n");
   const OpenSocket open(this, to);
+  // A thread for each direction: neither side may have to wait until the other has been read.
+  std::thread body;
+  if (!StartThread(&body, [&] { CopyRequest(request, to); })) {
+    return Send(request, kBadGateway, "zeph has too many requests at a time.\n");
+  }
   // A script may run on when its visitor has gone, and then counts as unfinished for good.
   NoteUnfinished(1);
-  // A thread for each direction: neither side may have to wait until the other has been read.
-  std::thread body([&] { CopyBody(request.socket, to); });
   PageFilter filter(request.is_visit,
                     [&](std::string_view page) { return Addition(request, page); });
   bool complete = false;
@@ -321,7 +410,7 @@ void Gateway::PassOn(const Request& request) {
     if (!WriteBytes(request.socket, record.bytes)) break;
   }
   if (!complete && !filter.has_begun()) {
-    Send(request, kNoEngine, "The engine has ended while it ran this page.\n");
+    Send(request, kBadGateway, "The engine has ended while it ran this page.\n");
     complete = true;
   }
   // The web server closes its side then, which ends the other thread.

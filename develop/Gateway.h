@@ -18,16 +18,20 @@
 
 class Gateway {
  public:
+  // Requests at a time, and with them the threads. A page that is open in a browser is one.
+  static constexpr int kMostRequests = 1000;
+
   // root is the site's folder, engine the path of the socket that the engine listens on. shared has
-  // the files of Places::shared. The site is borrowed.
+  // the files of Places::shared. The site is borrowed. One more request than most_requests gets the
+  // status 502.
   Gateway(LiveSite* site, std::filesystem::path root, std::string engine,
-          std::filesystem::path shared);
+          std::filesystem::path shared, int most_requests = kMostRequests);
   ~Gateway() { Stop(); }
   Gateway(const Gateway&) = delete;
   Gateway& operator=(const Gateway&) = delete;
 
   // Listens on a UNIX socket of that path, with a thread for each request. Returns false, with
-  // errno set, on failure.
+  // errno set, on failure. A request for which the system has no thread gets the status 502.
   [[nodiscard]] bool Start(const std::string& path);
   // Ends all requests and waits for their threads. The site's Stop comes first.
   void Stop();
@@ -50,7 +54,13 @@ class Gateway {
   };
 
   void Accept();
+  // Begins a thread for a request. Returns false if there are too many or the system has none.
+  [[nodiscard]] bool StartServing(FileDescriptor* connection);
   void Serve(FileDescriptor connection);
+  void Refuse(const FileDescriptor& connection);
+  // Connects with the engine. Waits while it takes no connection, but not for a visitor who has
+  // gone, and not after Stop. Returns the descriptor, or -1.
+  [[nodiscard]] int ConnectEngine(const Request& request);
   [[nodiscard]] bool ReadRequest(Request* request);
   void Answer(const Request& request);
 
@@ -63,8 +73,9 @@ class Gateway {
   void Send(const Request& request, const std::string& head, const std::string& body);
   void PassOn(const Request& request);
   void NoteUnfinished(int change);
-  // Copies what the web server sends on to the engine, until one of them has enough.
-  void CopyBody(int from, int to);
+  // Sends the begin of a request and what the web server sends after it on to the engine, until one
+  // of them has enough.
+  void CopyRequest(const Request& request, int to);
   // The text at the end of a page.
   std::string Addition(const Request& request, std::string_view body);
   // Whether a static page of the site has this name.
@@ -77,6 +88,7 @@ class Gateway {
   std::filesystem::path root;
   std::string engine;
   std::filesystem::path shared;
+  int most_requests;
   FileDescriptor listener;
   std::thread acceptor;
   std::mutex mutex;

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <memory>
 #include <thread>
 
 #include "tests/support/ListeningPeer.h"
@@ -84,6 +85,7 @@ class SlowDevelop : public testing::Test {
     if (server == 0) {
       setpgid(0, 0);
       if (!freopen(output.c_str(), "w", stdout) || dup2(1, 2) < 0) _exit(1);
+      if (without_input) close(STDIN_FILENO);
       setenv("TMPDIR", temporary.c_str(), 1);
       execl(program.c_str(), "zeph", "dev", folder.c_str(), "0", nullptr);
       _exit(127);
@@ -118,9 +120,21 @@ class SlowDevelop : public testing::Test {
     return Curl(path, {"-o", "/dev/null", "-w", "%{http_code} %{content_type}"});
   }
 
+  // The process of the engine; 0 if there is none.
+  pid_t Engine() const {
+    for (const pid_t child : ChildrenOf(server)) {
+      std::error_code ignored;
+      const auto program =
+          std::filesystem::read_symlink("/proc/" + std::to_string(child) + "/exe", ignored);
+      if (program.filename() == "zeph-fcgi") return child;
+    }
+    return 0;
+  }
+
   TemporaryDirectory directory;
   pid_t server = -1;
   std::string address;
+  bool without_input = false;
 };
 
 TEST_F(SlowDevelop, ServesPagesAndStaticFiles) {
@@ -158,7 +172,8 @@ TEST_F(SlowDevelop, SourcesAndSettingsAreNeverSent) {
   Write("deep/zeph.toml", "# secret");
   Write(".git/config", "secret");
   Write("old.zpa", "; secret");
-  for (const char* copy : {"index.zeph~", "#index.zeph#", "index.zeph.bak", "index.zeph.ORIG"}) {
+  for (const char* copy : {"index.zeph~", "#index.zeph#", "index.zeph.bak", "index.zeph.ORIG",
+                           "zeph.toml.old", "index.zeph.swo"}) {
     Write(copy, "secret");
   }
   Start();
@@ -195,6 +210,8 @@ TEST_F(SlowDevelop, SourcesAndSettingsAreNeverSent) {
                            "/%23index.zeph%23",
                            "/index.zeph.bak",
                            "/index.zeph.ORIG",
+                           "/zeph.toml.old",
+                           "/index.zeph.swo",
                            "/index.zeph~/"}) {
     SCOPED_TRACE(path);
     EXPECT_THAT(Status(path), Not(StartsWith("200 ")));
@@ -259,6 +276,9 @@ TEST_F(SlowDevelop, SettingsHoldAtOnceAndMistakesAreShown) {
   Write("zeph.toml", EncodingSettings() + "[variables.sistem]\n");
   EXPECT_TRUE(Eventually([&] { return Curl("/").find("zeph.toml:4:1") != std::string::npos; }))
       << Curl("/");
+  // A setting may be a password: its line is on the terminal only.
+  EXPECT_THAT(Curl("/"), Not(HasSubstr("[variables.sistem]")));
+  EXPECT_THAT(Output(), HasSubstr("\n[variables.sistem]\n"));
   Write("zeph.toml", EncodingSettings() + "[variables.system]\ngreeting = \"again\"\n");
   EXPECT_TRUE(Eventually([&] { return Curl("/") == "again"; }));
 }
@@ -379,17 +399,117 @@ TEST_F(SlowDevelop, AnEngineThatHasEndedIsStartedAgain) {
   Write("index.zeph", "x");
   Start();
   std::this_thread::sleep_for(milliseconds(1100));
-  pid_t engine = 0;
-  for (const pid_t child : ChildrenOf(server)) {
-    std::error_code ignored;
-    const auto program =
-        std::filesystem::read_symlink("/proc/" + std::to_string(child) + "/exe", ignored);
-    if (program.filename() == "zeph-fcgi") engine = child;
-  }
+  const pid_t engine = Engine();
   ASSERT_GT(engine, 0);
   kill(engine, SIGKILL);
   EXPECT_TRUE(Eventually([&] { return Curl("/") == "x"; }));
   EXPECT_THAT(Output(), HasSubstr("zeph: the engine has ended: Killed"));
+}
+
+TEST_F(SlowDevelop, AnEngineThatEndsAgainAndAgainIsStartedAgain) {
+  Write("index.zeph", "x");
+  Start();
+  for (int i = 0; i < 4; i++) {
+    ASSERT_TRUE(Eventually([&] { return Engine() > 0; })) << Output();
+    kill(Engine(), SIGKILL);
+    ASSERT_TRUE(Eventually([&] { return Engine() == 0; }));
+  }
+  // A visitor who comes meanwhile waits.
+  EXPECT_EQ(Curl("/"), "x") << Output();
+  EXPECT_THAT(Output(), HasSubstr("Killed; it is started again in 100 ms\n"));
+  EXPECT_THAT(Output(), HasSubstr("Killed; it is started again in 800 ms\n"));
+  EXPECT_EQ(End(), 0);
+}
+
+TEST_F(SlowDevelop, ItNeedsNoStandardInput) {
+  without_input = true;
+  Write("index.zeph", "x");
+  Write("style.css", "y");
+  Start();
+  EXPECT_EQ(Curl("/"), "x");
+  EXPECT_EQ(Curl("/style.css"), "y");
+  EXPECT_EQ(End(), 0);
+}
+
+// The name of another host may be made to mean this machine.
+TEST_F(SlowDevelop, OnlyNamesOfThisMachineAreServed) {
+  Write("index.zeph", "x");
+  Write("style.css", "x");
+  Write("page.html", "x");
+  Start();
+  for (const char* path : {"/", "/style.css", "/page.html", "/-zeph/reload.js"}) {
+    SCOPED_TRACE(path);
+    for (const char* host : {"example.com", "127.0.0.1.example.com", "localhost.example.com:80",
+                             "example.com:127.0.0.1"}) {
+      EXPECT_THAT(Curl(path, {"-i", "-H", "Host: " + std::string(host)}),
+                  testing::ContainsRegex("^HTTP/1.1 40[03] "))
+          << host;
+    }
+    for (const char* host :
+         {"localhost", "LOCALHOST:8080", "127.0.0.1", "127.0.0.1:1", "[::1]:80"}) {
+      EXPECT_THAT(Curl(path, {"-i", "-H", "Host: " + std::string(host)}),
+                  StartsWith("HTTP/1.1 200 "))
+          << host;
+    }
+  }
+}
+
+TEST_F(SlowDevelop, LinksAreNotFollowed) {
+  directory.File("outside/secret.css", "secret");
+  directory.File("outside/secret.html", "secret");
+  Write("style.css", "x");
+  directory.Link("site/link.css", "../outside/secret.css");
+  directory.Link("site/link.html", "../outside/secret.html");
+  directory.Link("site/folder", "../outside");
+  Start();
+  EXPECT_EQ(Curl("/style.css"), "x");
+  for (const char* path :
+       {"/link.css", "/link.html", "/folder/secret.css", "/folder/secret.html"}) {
+    EXPECT_THAT(Status(path), StartsWith("40")) << path;
+    EXPECT_THAT(Curl(path), Not(HasSubstr("secret"))) << path;
+  }
+}
+
+TEST_F(SlowDevelop, AFolderMayHaveTheNameOfAPage) {
+  Write("v1.html/style.css", "x");
+  Write("A.HTML", "page");
+  Start();
+  EXPECT_EQ(Status("/v1.html/style.css"), "200 text/css; charset=utf-8");
+  EXPECT_THAT(Visit("/A.HTML"), StartsWith("page<script "));
+  EXPECT_THAT(Status("/A.HTML/x"), StartsWith("40"));
+}
+
+TEST_F(SlowDevelop, ALinkInThePlaceOfItsFolderIsRefused) {
+  directory.File("home/precious.zpc", "x");
+  directory.Directory("site/.zeph");
+  directory.Link("site/.zeph/pages", "../../home");
+  Command command({InBuild("bin/zeph"), "dev", directory.path("site"), "0"});
+  EXPECT_EQ(command.Run(), 1);
+  EXPECT_THAT(command.errors, HasSubstr("/.zeph/pages is a link"));
+  EXPECT_TRUE(directory.Exists("home/precious.zpc"));
+}
+
+TEST_F(SlowDevelop, AnIncludedFileOutsideOfTheSiteMayComeLater) {
+  Write("index.zeph", "<ZpINCLUDE \"../shared/deep/_x.zeph\">");
+  Start();
+  EXPECT_THAT(Status("/"), StartsWith("500"));
+  directory.File("shared/deep/_x.zeph", "there");
+  EXPECT_TRUE(Eventually([&] { return Curl("/") == "there"; })) << Output();
+}
+
+TEST_F(SlowDevelop, ManyVisitorsAtATimeAreServed) {
+  Write("index.zeph", "x");
+  Start();
+  std::vector<std::unique_ptr<Command>> visitors;
+  for (int i = 0; i < 50; i++) {
+    visitors.push_back(std::make_unique<Command>(
+        std::vector<std::string>{"/usr/bin/curl", "-s", "--max-time", "30", address}));
+    visitors.back()->Start();
+  }
+  for (const auto& visitor : visitors) {
+    EXPECT_EQ(visitor->Finish(), 0);
+    EXPECT_EQ(visitor->output, "x");
+  }
 }
 
 TEST_F(SlowDevelop, EventsTellOfAChange) {
