@@ -483,7 +483,8 @@ TEST_F(SlowDevelop, ALinkInThePlaceOfItsFolderIsRefused) {
   directory.File("home/precious.zpc", "x");
   directory.Directory("site/.zeph");
   directory.Link("site/.zeph/pages", "../../home");
-  Command command({InBuild("bin/zeph"), "dev", directory.path("site"), "0"});
+  Command command(
+      {"/usr/bin/timeout", "20", InBuild("bin/zeph"), "dev", directory.path("site"), "0"});
   EXPECT_EQ(command.Run(), 1);
   EXPECT_THAT(command.errors, HasSubstr("/.zeph/pages is a link"));
   EXPECT_TRUE(directory.Exists("home/precious.zpc"));
