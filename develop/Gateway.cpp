@@ -386,13 +386,15 @@ void Gateway::PassOn(const Request& request) {
   const int to = connection.get();
   if (to < 0) return Send(request, kBadGateway, "The engine does not run.\n");
   const OpenSocket open(this, to);
+  // Before the engine gets anything. A script may run on when its visitor has gone, and then counts
+  // as unfinished for good.
+  NoteUnfinished(1);
   // A thread for each direction: neither side may have to wait until the other has been read.
   std::thread body;
   if (!StartThread(&body, [&] { CopyRequest(request, to); })) {
+    NoteUnfinished(-1);
     return Send(request, kBadGateway, "zeph has too many requests at a time.\n");
   }
-  // A script may run on when its visitor has gone, and then counts as unfinished for good.
-  NoteUnfinished(1);
   PageFilter filter(request.is_visit,
                     [&](std::string_view page) { return Addition(request, page); });
   bool complete = false;
