@@ -340,8 +340,9 @@ void DecodeURL(std::string_view text, bool plus_is_blank, Builder* to) {
 
 namespace functions {
 
+// Of any value, because {{ }} calls it, and a visitor who sends a field twice makes it an array.
 void htmlencode(Call& call) {
-  const std::string_view text = call.text(0);
+  const std::string_view text = TextOf(call.variable(0));
   size_t plain = 0;
   while (plain < text.size() && !kOfHTML.Has(text[plain])) plain++;
   if (plain == text.size()) return call.Return(text);

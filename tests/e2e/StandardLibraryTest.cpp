@@ -92,6 +92,13 @@ TEST_F(StandardLibrary, APageUsesManyFunctions) {
   EXPECT_EQ(redirected.Body(), "");
 }
 
+// Any visitor can make a field an array, by sending it twice.
+TEST_F(StandardLibrary, AFieldThatIsSentTwiceIsWrittenEncoded) {
+  Page("greet", "<p>{{ name }}</p>");
+  EXPECT_EQ(Get("greet", {{"QUERY_STRING", "name=%3Cb%3E&name=Lee"}}).Body(),
+            "<p>&lt;b&gt;,Lee</p>");
+}
+
 TEST_F(StandardLibrary, HeadersAfterTheHeadAreErrors) {
   engine.settings = "bufsz_output_flush = 1000\n" + engine.settings;
   Page("late", "{{ repeat(\"x\", 2000) }}<ZpEVAL setheader(\"X-Late\", \"1\")>not here");
