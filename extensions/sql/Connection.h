@@ -7,6 +7,7 @@
 #ifndef ZEPH_EXTENSIONS_SQL_CONNECTION_H
 #define ZEPH_EXTENSIONS_SQL_CONNECTION_H
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -23,10 +24,13 @@ struct Column {
   char letter = 'M';
   int length = 10;
   int decimals = 0;
-  int type = 1;          // of variable_type
-  bool decimal = false;  // numbers are read as texts with that many decimals
-  bool boolean = false;  // values are 1 and 0, and are stored by truth
-  bool has_text = true;  // an empty text is a value; in other columns it is NULL
+  int type = 1;            // of variable_type
+  bool decimal = false;    // numbers are read as texts with that many decimals
+  bool boolean = false;    // values are 1 and 0, and are stored by truth
+  bool has_text = true;    // an empty text is a value; in other columns it is NULL
+  bool generated = false;  // the database calculates the values
+  // Of whole numbers.
+  int64_t least = INT64_MIN, largest = INT64_MAX;
 };
 using Columns = std::vector<Column>;
 
@@ -42,6 +46,7 @@ struct Table {
 
 struct Index {
   std::string name;  // as scripts have written it
+  std::string sql_name;
   int column = 0;
   bool descending = false;
 };
@@ -67,6 +72,8 @@ class Rows {
   virtual int Last() = 0;
   // The number of the current row.
   virtual int64_t number() const = 0;
+  // How many rows there are; -1 if that is not at hand. The current row stays.
+  virtual int64_t Count() { return -1; }
   virtual const Columns& columns() = 0;
   // The value of the current row.
   virtual Kind kind(int column) = 0;
@@ -81,11 +88,12 @@ class Rows {
     if (cell->kind == Kind::Real) cell->real = Real(column);
     if (cell->kind == Kind::Text || cell->kind == Kind::Blob) cell->text = Text(column);
   }
-  // The connection is going to change something: locks and memory of the database are given back
-  // for the time being. The current row stays.
+  // The connection is going to change something: locks and memory of the database are given back.
+  // The current row stays, and the rows that follow are those of before the change.
   virtual void Park() = 0;
-  // Ends the query and deletes the object, or keeps it for the next query of that text.
-  virtual void Done() = 0;
+  // Ends the query and deletes the object, or keeps it for the next query of that text. Destructors
+  // call it.
+  virtual void Done() noexcept = 0;
 
   void Get(int column, Value* value) {
     Cell cell;
@@ -100,7 +108,7 @@ class Rows {
   }
 };
 struct EndRows {
-  void operator()(Rows* rows) const { rows->Done(); }
+  void operator()(Rows* rows) const noexcept { rows->Done(); }
 };
 using RowsPointer = std::unique_ptr<Rows, EndRows>;
 
@@ -116,6 +124,8 @@ class Connection {
   // queries of scripts. Return null for a failure.
   virtual RowsPointer Select(const std::string& text, const Values& values, int block) = 0;
   virtual RowsPointer Open(const std::string& text, const Values& values) = 0;
+  // Whether Open of that text may change something.
+  virtual bool Changes(const std::string& text) = 0;
   // Run a statement. own means that its text is the library's. *changed, if not null, receives the
   // number of rows that it has changed.
   virtual bool Run(const std::string& text, const Values& values, bool own, int64_t* changed) = 0;
@@ -123,24 +133,32 @@ class Connection {
   virtual bool Insert(const Table& table, const std::string& text, const Values& values,
                       Value* key) = 0;
 
-  // Returns 1 if there is a table of that name, 0 if not, -1 for a failure.
-  virtual int Describe(const std::string& name, Table* table) = 0;
+  // A script has written a part of the statements that are to come, which may change something of
+  // the connection itself.
+  virtual void NoteScript(const std::string&) {}
+
+  // Returns 1 if there is a table of that name, 0 if not, -1 for a failure. The name may begin with
+  // that of a schema and a point, unless it is whole.
+  virtual int Describe(const std::string& name, bool is_whole, Table* table) = 0;
   // The index of that name on the table, with its first column: the same results.
   virtual int Describe(const Table& table, const std::string& name, Index* index) = 0;
 
   virtual bool Transaction() = 0;
   virtual bool Commit() = 0;
   virtual bool Rollback() = 0;
+  virtual bool IsInTransaction() const = 0;
   // Library commands of dbcommand. Returns 1 if it is one and was done, 0 if it is none, -1.
   virtual int Command(std::string_view, std::string_view) { return 0; }
 
   // Ends the script's use: what is not committed is rolled back, and nothing of the script stays.
   // The program still works. Without it, Release throws the connection away.
   virtual void Leave() = 0;
-  // Gives the connection to the thread's store, or deletes it. The last call.
-  virtual void Release() = 0;
+  // Gives the connection to the thread's store, or deletes it. The last call; destructors make it.
+  virtual void Release() noexcept = 0;
 
   virtual char mark() const = 0;  // '?' or '$', before the number of a parameter
+  // Whether it is an error to compare a column with a text that is no value of its type.
+  virtual bool is_strict() const { return false; }
   const std::string& error() const { return problem; }
   const Values& none() const { return no_values; }
 
@@ -155,7 +173,7 @@ class Connection {
   Values no_values;
 };
 struct EndUse {
-  void operator()(Connection* connection) const { connection->Release(); }
+  void operator()(Connection* connection) const noexcept { connection->Release(); }
 };
 using ConnectionPointer = std::unique_ptr<Connection, EndUse>;
 

@@ -96,14 +96,16 @@ class Library {
         zpDatabase_AddView(database->handle, name.data(), static_cast<int>(name.size()), &view));
     return 1;
   }
+  // is_whole: the table's name has no schema.
   static int AddTable(Database* database, std::string_view name, const std::string& table_name,
-                      std::string condition, Values values) {
+                      bool is_whole, std::string condition, Values values) {
     zephsql::Table table;
-    const int found = database->connection->Describe(table_name, &table);
+    const int found = database->connection->Describe(table_name, is_whole, &table);
     if (found < 0) return FailWith(database, "Cannot read the table '" + table_name + "'");
     if (found == 0) return Fail(database, "There is no table '" + table_name + "'");
     if (table.columns.empty())
       return Fail(database, "The table '" + table_name + "' has no columns");
+    if (!condition.empty()) database->connection->NoteScript(condition);
     if (table.key.empty()) {
       // Nothing tells its records from one another, so it can only be read.
       std::string text = "SELECT ";
@@ -134,11 +136,11 @@ class Library {
     if (table.empty()) return 1;
     if (!required) {
       zephsql::Table described;
-      const int found = database->connection->Describe(table, &described);
+      const int found = database->connection->Describe(table, false, &described);
       if (found < 0) return FailWith(database, "Cannot open the table '" + table + "'");
       if (found == 0) return 1;
     }
-    if (!AddTable(database, Bytes(name, namelength), table, "", {})) return 0;
+    if (!AddTable(database, Bytes(name, namelength), table, false, "", {})) return 0;
     database->main = &database->views.back();
     return 1;
   }
@@ -153,7 +155,7 @@ class Library {
     database->connection = CreateTable(zpDatabase_Program(handle), Bytes(path, pathlength), fields,
                                        &table, &database->error);
     if (!database->connection) return 0;
-    if (!AddTable(database, Bytes(name, namelength), table, "", {})) return 0;
+    if (!AddTable(database, Bytes(name, namelength), table, true, "", {})) return 0;
     database->main = &database->views.back();
     return 1;
   }
@@ -229,7 +231,8 @@ class Library {
       return Fail(database, "Cannot open the view '" + std::string(alias) + "': " + read.error);
     }
     if (of_table) {
-      return AddTable(database, alias, table, std::move(read.text), std::move(read.values));
+      return AddTable(database, alias, table, text.starts_with('"'), std::move(read.text),
+                      std::move(read.values));
     }
     database->views.emplace_back(database, std::move(read.text), std::move(read.values));
     return AddView(database, alias);
@@ -350,16 +353,47 @@ class Library {
     }
     database->Park();
     Connection& connection = *database->connection;
-    const std::string name = Quoted(IndexName(view->table, index.name));
-    if (!connection.Run("DROP INDEX IF EXISTS " + name, connection.none(), true, nullptr) ||
-        !connection.Run(std::string("CREATE ") + (unique ? "UNIQUE " : "") + "INDEX " + name +
-                            " ON " + view->table.sql_name + " (" + Quoted(columns[column].name) +
-                            (index.descending ? " DESC)" : ")"),
-                        connection.none(), true, nullptr)) {
-      return FailWith(database, what);
+    const std::string name = IndexName(view->table, index.name);
+    const std::string text = std::string("CREATE ") + (unique ? "UNIQUE " : "") + "INDEX " +
+                             Quoted(name) + " ON " + view->table.sql_name + " (" +
+                             Quoted(columns[column].name) + (index.descending ? " DESC)" : ")");
+    if (!Atomically(&connection, &database->error, [&] {
+          // Only an index of this table is replaced.
+          Index old;
+          const int found = connection.Describe(view->table, name, &old);
+          return found >= 0 && (found == 0 || Run(&connection, "DROP INDEX " + old.sql_name)) &&
+                 Run(&connection, text);
+        })) {
+      database->error = what + ": " + database->error;
+      return 0;
     }
     view->AddIndex(index);
     return GoTop(handle);
+  }
+  static bool Run(Connection* connection, const std::string& text) {
+    return connection->Run(text, connection->none(), true, nullptr);
+  }
+  // Does something as a whole or not at all, also in the middle of a transaction of the script.
+  template <class Work>
+  static bool Atomically(Connection* connection, std::string* error, const Work& work) {
+    const bool nested = connection->IsInTransaction();
+    if (nested ? !Run(connection, "SAVEPOINT zeph_work") : !connection->Transaction()) {
+      *error = connection->error();
+      return false;
+    }
+    bool done = work();
+    if (!done) *error = connection->error();
+    if (!nested) {
+      if (done && !connection->Commit()) {
+        *error = connection->error();
+        done = false;
+      }
+      if (!done) (void)connection->Rollback();
+      return done;
+    }
+    if (!done) (void)Run(connection, "ROLLBACK TO SAVEPOINT zeph_work");
+    (void)Run(connection, "RELEASE SAVEPOINT zeph_work");
+    return done;
   }
 
   static int Reindex(ZPDATABASE handle) {

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "api/zeph.h"
@@ -114,16 +115,17 @@ inline std::vector<std::string_view> SplitList(std::string_view list) {
   }
 }
 
-// What a script has in a variable.
+// What a script has in a variable. A copy of a field that had not been read before is of no type,
+// but has a value.
 inline void FromVariable(ZPVARIABLE variable, Value* value) {
   switch (zpVariable_Type(variable)) {
-    case 0: value->SetNull(); break;
     case 1: value->SetInteger(zpVariable_Value_Integer(variable)); break;
     case 2: value->SetReal(zpVariable_Value_Double(variable)); break;
     default: {
       int length = 0;
       const char* const text = zpVariable_Value(variable, &length);
       value->SetBytes(Bytes(text, length));
+      if (length <= 0 && zpVariable_Type(variable) == 0) value->SetNull();
     }
   }
 }
@@ -143,6 +145,27 @@ inline bool ReadNumber(std::string_view text, double* number) {
   if (text.starts_with('+')) text.remove_prefix(1);
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), *number);
   return error == std::errc() && end == text.data() + text.size();
+}
+
+// Whether a text is a day that there is: 20260131 or 2026-01-31.
+inline bool IsDate(std::string_view text) {
+  text = Trimmed(text);
+  const bool has_signs = text.size() == 10 && text[4] == '-' && text[7] == '-';
+  if (!has_signs && text.size() != 8) return false;
+  int numbers[3] = {0, 0, 0};
+  size_t at = 0;
+  for (int i = 0; i < 3; i++) {
+    for (const size_t end = at + (i == 0 ? 4 : 2); at < end; at++) {
+      if (text[at] < '0' || text[at] > '9') return false;
+      numbers[i] = numbers[i] * 10 + (text[at] - '0');
+    }
+    at += has_signs;
+  }
+  const auto [year, month, day] = numbers;
+  if (year < 1 || month < 1 || month > 12) return false;
+  const bool leap = year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
+  const int days = month == 2 ? 28 + leap : 30 + (month + (month > 7)) % 2;
+  return day >= 1 && day <= days;
 }
 
 // Writes a number with that many decimals, up to 30.
@@ -181,7 +204,8 @@ inline void SetRealText(double value, int decimals, std::string* text) {
 //   :name  the variable of that name         ??     a question mark
 //
 // In texts, quoted names and comments these are what they are. The database gets numbered markers,
-// and the values beside the query.
+// and the values beside the query. SQLite has further markers, which would get the numbers of
+// these, so they are errors.
 class Query {
  public:
   // mark is what the database's own numbered markers begin with: '?' or '$'.
@@ -205,11 +229,16 @@ class Query {
  private:
   void Read(std::string_view from) {
     size_t next = 0;
+    const bool is_sqlite = mark == '?';
+    bool is_in_word = false;
     for (size_t at = 0; at < from.size() && error.empty();) {
       const char c = from[at];
+      const bool follows_word = std::exchange(is_in_word, false);
       const char after = at + 1 < from.size() ? from[at + 1] : '\0';
       if (c == '\'' || c == '"' || c == '`') {
         at = Copy(from, at, EndOfQuotes(from, at));
+      } else if (c == '[' && is_sqlite) {
+        at = Copy(from, at, std::min(from.find(']', at), from.size() - 1) + 1);
       } else if (c == '-' && after == '-') {
         at = Copy(from, at, std::min(from.find('\n', at), from.size()));
       } else if (c == '/' && after == '*') {
@@ -230,7 +259,7 @@ class Query {
         next = number + 1;
         Use(number, "the query has more parameters than there are variables");
         at = end;
-      } else if (c == ':' && after == ':') {
+      } else if (c == ':' && after == ':' && !is_sqlite) {
         at = Copy(from, at, at + 2);
       } else if (c == ':' && IsWordByte(after) && !(after >= '0' && after <= '9')) {
         size_t end = at + 1;
@@ -240,7 +269,10 @@ class Query {
         while (number < names.size() && !SameName(names[number], name)) number++;
         Use(number, "no variable '" + std::string(name) + "' is given to the query");
         at = end;
+      } else if (is_sqlite && (c == '@' || c == '#' || c == ':' || (c == '$' && !follows_word))) {
+        error = std::string("'") + c + "' does not begin a parameter; these are ?, ?2 and :name";
       } else {
+        is_in_word = IsWordByte(c) || c == '$';
         text += c;
         at++;
       }

@@ -87,6 +87,7 @@ class View {
   // Goes to the first row of a query.
   bool Start() {
     if (!by_query) return true;
+    if (connection().Changes(select)) database->Park();
     rows = connection().Open(select, values);
     if (!rows) return FailWith("Cannot run the query");
     table.columns = rows->columns();
@@ -158,6 +159,10 @@ class View {
     const Index& index = indexes.front();
     SetStart(1);
     start.back().SetBytes(key);
+    if (connection().is_strict() && !Fits(table.columns[Place(index.column)], &start.back())) {
+      ended = true;
+      return At(0);
+    }
     const int rising = Rising(1);
     block = 1;
     phase = rising > 0 ? 1 : 0;
@@ -205,12 +210,12 @@ class View {
     if (!CanChange() || !CollectStored()) return 0;
     const int count = Count();
     for (int i = 0; i < count; i++) {
-      if (stored[Place(i)] || i == table.key_column) continue;
+      if (!IsCopied(i)) continue;
       // What was not stored is that of the current record, as in a table of the built-in engine.
       Settle();
       if (!Load()) break;
       for (int j = 0; j < count; j++) {
-        if (stored[Place(j)] || j == table.key_column) continue;
+        if (!IsCopied(j)) continue;
         pending[Place(j)] = loaded[Place(j) + 1];
         stored[Place(j)] = true;
       }
@@ -273,6 +278,9 @@ class View {
     if (!CanChange()) return 0;
     if (!deleted) return 1;
     stored.assign(table.columns.size(), true);
+    for (int i = 0; i < Count(); i++) {
+      if (table.columns[Place(i)].generated) stored[Place(i)] = false;
+    }
     pending.assign(loaded.begin() + 1, loaded.end());
     StoredValues(table.key_column < 0);
     if (table.key_column < 0) changes.back() = place;
@@ -307,14 +315,15 @@ class View {
 
   // --- Fields -----------------------------------------------------------------------------------
   // A view begins at its first record. A script that goes elsewhere first does not need that one.
+  // The fields stay as they are: the engine has no values of them yet, and those that a script has
+  // stored are for this record. Such a view has no filter.
   void Settle() {
     if (!top_is_due) return;
     top_is_due = false;
-    GoToEnd(1);
+    GoToEnd(1, false);
   }
 
-  // A field is going to get a value. What the view does for it clears the fields, so that comes
-  // first.
+  // A field is going to get a value.
   void BeginRead(Field* field) {
     Settle();
     Note(field);
@@ -328,17 +337,11 @@ class View {
     int64_t number;
     switch (column) {
       case kRecord:
-        if (by_query) {
-          number = record_number;
-        } else if (place.kind == Kind::Integer) {
-          number = place.integer;
-        } else {
-          return 0;
-        }
+      case kRecords:
+      case kDeleted:
+      case kEnd:
+        if (!GetOwn(column, &number)) return 0;
         break;
-      case kRecords: number = CountRecords(); break;
-      case kDeleted: number = deleted; break;
-      case kEnd: number = at_end; break;
       default: {
         const Column& of = table.columns[Place(column)];
         const Kind kind = KindOf(column);
@@ -358,7 +361,12 @@ class View {
   }
 
   int GetReal(int column, double* value) {
-    if (column < 0) return 0;
+    if (column < 0) {
+      int64_t number;
+      if (!IsLarge(column, &number)) return 0;
+      *value = static_cast<double>(number);
+      return 1;
+    }
     switch (KindOf(column)) {
       case Kind::Integer:
         Get(column, &scratch);
@@ -377,7 +385,14 @@ class View {
   }
 
   int GetText(int column, char** text, int* length) {
-    if (column < 0) return 0;
+    if (column < 0) {
+      int64_t number;
+      if (!IsLarge(column, &number)) return 0;
+      scratch.text = std::to_string(number);
+      *text = scratch.text.data();
+      *length = static_cast<int>(scratch.text.size());
+      return 1;
+    }
     std::string_view found;
     const Column& of = table.columns[Place(column)];
     switch (KindOf(column)) {
@@ -543,6 +558,23 @@ class View {
     return true;
   }
 
+  // The value of one of the four fields that are not of a column. Returns false if it has none.
+  bool GetOwn(int column, int64_t* number) {
+    switch (column) {
+      case kRecord:
+        if (!by_query && place.kind != Kind::Integer) return false;
+        *number = by_query ? record_number : place.integer;
+        return true;
+      case kRecords: *number = CountRecords(); return true;
+      case kDeleted: *number = deleted; return true;
+      default: *number = at_end; return true;
+    }
+  }
+  // Whether that value is no integer of the engine's, so that it is given in the other forms.
+  bool IsLarge(int column, int64_t* number) {
+    return GetOwn(column, number) && *number != static_cast<int>(*number);
+  }
+
   Kind KindOf(int column) {
     if (row == Row::Live) return rows->kind(InRows(column));
     return Load() ? loaded[Place(column) + 1].kind : Kind::Null;
@@ -558,12 +590,20 @@ class View {
   }
 
   int64_t CountRecords() {
-    if (records < 0) {
-      const std::string text = by_query ? "SELECT count(*) FROM (" + select + ") AS counted"
+    if (records >= 0) return records;
+    if (by_query && rows) records = rows->Count();
+    if (records >= 0) return records;
+    {
+      // A query may end with a comment, which goes to the end of its line.
+      const std::string text = by_query ? "SELECT count(*) FROM (" + select + "\n) AS counted"
                                         : "SELECT count(*) FROM " + table.sql_name + Where("");
       const RowsPointer counted = connection().Select(text, values, 0);
-      records = counted && counted->Next() == 1 ? counted->Integer(0) : 0;
+      if (counted && counted->Next() == 1) return records = counted->Integer(0);
     }
+    records = 0;
+    // What is no part of another query, such as EXPLAIN, is read to its end.
+    const RowsPointer again = by_query ? connection().Open(select, values) : nullptr;
+    if (again && again->Last() == 1) records = again->number();
     return records;
   }
 
@@ -589,12 +629,12 @@ class View {
     return 1;
   }
   // The end of a move that has found a record, or none, or has failed.
-  int At(int found) {
+  int At(int found, bool refreshes = true) {
     if (found < 0) return 0;
     if (by_query && found > 0) Arrive(1);
     if (by_query && found == 0) row = Row::None;
     at_end = found == 0;
-    Refresh();
+    if (refreshes) Refresh();
     return 1;
   }
   // A record that the filter does not let pass counts as none.
@@ -613,7 +653,7 @@ class View {
     return passes != 0;
   }
 
-  int GoToEnd(int direction) {
+  int GoToEnd(int direction, bool refreshes = true) {
     int found;
     if (by_query) {
       found = !rows ? 0 : direction > 0 ? rows->Go(1) : rows->Last();
@@ -627,10 +667,10 @@ class View {
     }
     while (found == 1) {
       const int passes = Passes();
-      if (passes != 0) return passes < 0 ? 0 : At(1);
+      if (passes != 0) return passes < 0 ? 0 : At(1, refreshes);
       found = Step(direction);
     }
-    return At(found);
+    return At(found, refreshes);
   }
 
   // --- Steps ------------------------------------------------------------------------------------
@@ -751,7 +791,7 @@ class View {
   }
   std::string Where(const std::string& more) const {
     if (condition.empty()) return more.empty() ? "" : " WHERE " + more;
-    return " WHERE (" + condition + ")" + (more.empty() ? "" : " AND " + more);
+    return " WHERE (" + condition + "\n)" + (more.empty() ? "" : " AND " + more);
   }
   std::string MarkOf(size_t number) const { return connection().mark() + std::to_string(number); }
   // The marker of the last value in `start`, or of the one that many before it.
@@ -773,6 +813,28 @@ class View {
       return ReadNumber(key, &wanted) && wanted == number;
     }
     return exact ? value.text == key : std::string_view(value.text).starts_with(key);
+  }
+
+  // Whether a key is a value of the column's type. For a whole number it becomes one.
+  static bool Fits(const Column& column, Value* key) {
+    if (column.has_text) return true;
+    double number = 0;
+    const bool is_number = ReadNumber(key->text, &number);
+    if (column.boolean) return is_number && (number == 0 || number == 1);
+    if (column.letter == 'D') return IsDate(key->text);
+    if (column.letter != 'N') return true;
+    if (!is_number || column.type != 2 || column.decimal) return is_number;
+    const std::string_view text = Trimmed(key->text);
+    int64_t whole = 0;
+    const auto [end, wrong] = std::from_chars(text.data(), text.data() + text.size(), whole);
+    if (wrong != std::errc() || end != text.data() + text.size()) {
+      if (!(number > -1e18 && number < 1e18)) return false;
+      whole = static_cast<int64_t>(number);
+      if (static_cast<double>(whole) != number) return false;
+    }
+    if (whole < column.least || whole > column.largest) return false;
+    key->SetInteger(whole);
+    return true;
   }
 
   // The value of the index's column, to go on from.
@@ -811,6 +873,11 @@ class View {
     Fail(by_query ? "A view of a query cannot be changed"
                   : "The table '" + table.name + "' has no key, so its records cannot be changed");
     return false;
+  }
+  // Whether a new record gets the current one's value.
+  bool IsCopied(int column) const {
+    return !stored[Place(column)] && column != table.key_column &&
+           !table.columns[Place(column)].generated;
   }
   bool CollectStored() {
     stored.assign(table.columns.size(), false);

@@ -14,6 +14,7 @@
 #include <libpq-fe.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <memory>
@@ -38,6 +39,7 @@ constexpr int kRowsOfCursor = 256;       // in one block
 constexpr Milliseconds kConnectTimeout(10000);
 constexpr Milliseconds kLeaveTimeout(5000);
 constexpr Milliseconds kNoLimit(0);
+constexpr char kNulInText[] = "a text with a NUL byte can only be stored in a bytea";
 constexpr char kLostTransaction[] = "the connection was lost in the transaction";
 
 // How values are written, whatever the server's configuration says.
@@ -92,9 +94,21 @@ Column ColumnOf(std::string name, Oid type, int modifier) {
       column.type = 2;
       column.boolean = true;
       break;
-    case kInt2: number(6, 0, 2); break;
-    case kInt4: number(11, 0, 2); break;
+    case kInt2:
+      number(6, 0, 2);
+      column.least = INT16_MIN;
+      column.largest = INT16_MAX;
+      break;
+    case kInt4:
+      number(11, 0, 2);
+      column.least = INT32_MIN;
+      column.largest = INT32_MAX;
+      break;
     case kOid:
+      number(19, 0, 2);
+      column.least = 0;
+      column.largest = UINT32_MAX;
+      break;
     case kInt8: number(19, 0, 2); break;
     case kFloat4:
     case kFloat8: number(19, 0, 3); break;
@@ -103,8 +117,11 @@ Column ColumnOf(std::string name, Oid type, int modifier) {
         number(19, 0, 1);
         column.decimal = true;
       } else {
-        const int decimals = (modifier - 4) & 0x7FF;
-        number(((modifier - 4) >> 16 & 0xFFFF) + (decimals > 0), decimals, decimals > 0 ? 1 : 2);
+        // A number of 11 bits with a sign. numeric(5,-2) has two zeros after its digits.
+        const int scale = (((modifier - 4) & 0x7FF) ^ 0x400) - 0x400;
+        const int decimals = std::max(scale, 0);
+        number(((modifier - 4) >> 16 & 0xFFFF) + (decimals > 0) + std::max(-scale, 0), decimals,
+               decimals > 0 ? 1 : 2);
         column.decimal = true;
       }
       break;
@@ -182,7 +199,7 @@ class ResultRows : public Rows {
     return described;
   }
   void Park() override {}
-  void Done() override { delete this; }
+  void Done() noexcept override { delete this; }
 
  protected:
   std::string_view Raw(int column) const {
@@ -230,6 +247,7 @@ class Block final : public ResultRows {
   }
   int Last() override { return Go(count); }
   int64_t number() const override { return row + 1; }
+  int64_t Count() override { return is_full ? -1 : count; }
 
  private:
   const int count;
@@ -244,7 +262,18 @@ struct TextHash {
 // The values of a statement's parameters, as libpq takes them.
 class Parameters {
  public:
-  // types may be empty: then the server finds them.
+  // Whether the values can only be sent when the types are known: a text with a NUL byte, which is
+  // for bytea alone, and a backslash, which is an escape there.
+  static bool NeedTypes(const Values& values) {
+    for (const Value& value : values) {
+      if (value.kind == Kind::Blob ||
+          (value.kind == Kind::Text && value.text.find('\\') != std::string::npos)) {
+        return true;
+      }
+    }
+    return false;
+  }
+  // types may be empty if NeedTypes returns false.
   Parameters(const Values& values, const std::vector<Oid>& types) {
     texts.reserve(values.size());
     for (size_t i = 0; i < values.size(); i++) {
@@ -254,7 +283,13 @@ class Parameters {
       switch (value.kind) {
         case Kind::Integer: texts.emplace_back(std::to_string(value.integer)); break;
         case Kind::Real: {
-          const auto [end, error] = std::to_chars(number, number + sizeof number, value.real);
+          // Columns of whole numbers refuse exponents.
+          const bool whole = value.real > -1e18 && value.real < 1e18 &&
+                             value.real == static_cast<double>(static_cast<int64_t>(value.real));
+          const auto [end, error] = whole
+                                        ? std::to_chars(number, number + sizeof number, value.real,
+                                                        std::chars_format::fixed)
+                                        : std::to_chars(number, number + sizeof number, value.real);
           texts.emplace_back(number, end);
           break;
         }
@@ -262,15 +297,18 @@ class Parameters {
       }
       pointers.push_back(value.kind == Kind::Null ? nullptr : texts.back().c_str());
       lengths.push_back(static_cast<int>(texts.back().size()));
-      // A text for bytea would be read as one with escapes; a NUL can be sent in no other way.
+      // A text for bytea would be read as one with escapes. In other types the bytes of a binary
+      // value are no text.
       const bool is_bytea = i < types.size() && types[i] == kBytea;
-      formats.push_back(value.kind == Kind::Blob || (is_text && is_bytea));
+      formats.push_back(is_text && is_bytea);
+      if (value.kind == Kind::Blob && !is_bytea) are_valid = false;
     }
   }
   int count() const { return static_cast<int>(pointers.size()); }
 
   std::vector<const char*> pointers;
   std::vector<int> lengths, formats;
+  bool are_valid = true;
 
  private:
   std::vector<std::string> texts;
@@ -297,6 +335,7 @@ class Postgres final : public Connection {
     return RowsPointer(new Block(std::move(result), block));
   }
   RowsPointer Open(const std::string& text, const Values& values) override;
+  bool Changes(const std::string& text) override { return !IsForCursor(text); }
   bool Run(const std::string& text, const Values& values, bool own, int64_t* changed) override {
     const Result result = own ? RunPrepared(text, values, false) : RunText(text, values);
     if (!result) return false;
@@ -312,9 +351,11 @@ class Postgres final : public Connection {
     return true;
   }
 
-  int Describe(const std::string& name, Table* table) override;
+  void NoteScript(const std::string& text) override;
+  int Describe(const std::string& name, bool is_whole, Table* table) override;
   int Describe(const Table& table, const std::string& name, Index* index) override;
 
+  bool IsInTransaction() const override { return in_transaction || lost_transaction; }
   bool Transaction() override {
     if (IsInTransaction()) return Fail("a transaction is open already");
     return RunPrepared("BEGIN", none(), true) != nullptr;
@@ -337,26 +378,39 @@ class Postgres final : public Connection {
   }
 
   void Leave() override;
-  void Release() override;
+  void Release() noexcept override;
   char mark() const override { return '$'; }
+  bool is_strict() const override { return true; }
 
   // --- For cursors ------------------------------------------------------------------------------
-  Result Fetch(const std::string& text, unsigned of_link) {
-    if (of_link != generation || !link) {
+  // A cursor is one of a link, and goes with the transaction that has made it if that is rolled
+  // back. checked is the number of the last rollback after which it was still there.
+  struct Cursor {
+    std::string name;
+    unsigned link;
+    unsigned checked;
+  };
+  Cursor NewCursor(const std::string& name) const { return {name, generation, rollbacks}; }
+  Result Fetch(const std::string& text, Cursor* cursor) {
+    if (cursor->link != generation || !link) {
       Fail("its rows were lost with the connection");
       return nullptr;
     }
-    return RunOnce(text, none(), of_link);
+    const int found = Look(cursor);
+    if (found == 0) Fail("its rows were lost when the transaction was rolled back");
+    if (found <= 0) return nullptr;
+    return RunOnce(text, none(), cursor->link);
   }
-  void CloseCursor(const std::string& name, unsigned of_link) {
-    if (open_cursors <= kMostCursors || of_link != generation || !link || !program ||
+  void CloseCursor(Cursor* cursor) {
+    if (open_cursors <= kMostCursors || cursor->link != generation || !link || !program ||
         PQtransactionStatus(link) == PQTRANS_INERROR) {
       return;
     }
+    const int found = Look(cursor);
+    if (found < 0) return;
     open_cursors--;
-    (void)RunOnce("CLOSE " + name, none(), of_link);
+    if (found > 0) (void)RunOnce("CLOSE " + cursor->name, none(), cursor->link);
   }
-  unsigned link_number() const { return generation; }
   // A statement of the script.
   Result RunText(const std::string& text, const Values& values);
 
@@ -368,14 +422,19 @@ class Postgres final : public Connection {
 
   explicit Postgres(Target target) : target(std::move(target)) {}
 
+  static bool IsForCursor(std::string_view text);
   bool Connect();
   bool Ready(bool reads);
-  bool IsInTransaction() const { return in_transaction || lost_transaction; }
+  // Returns 1 if the cursor is there, 0 if not, -1 for a failure. To use one that is not there
+  // would be an error, which ends a transaction.
+  int Look(Cursor* cursor);
   void DropLink();
   bool Lost(const std::string& text);
   bool WaitFor(short events, Milliseconds limit);
   Result Receive(Milliseconds limit);
   const Prepared* Prepare(const std::string& text);
+  // Prepares a statement, and finds the types of its parameters.
+  bool PrepareAs(const std::string& name, const std::string& text, std::vector<Oid>* types);
   Result RunPrepared(const std::string& text, const Values& values, bool reads);
   // of_link: only on that link; 0 means on any.
   Result RunOnce(const std::string& text, const Values& values, unsigned of_link);
@@ -395,6 +454,7 @@ class Postgres final : public Connection {
   bool has_left = false;
   unsigned names = 0;
   int open_cursors = 0;
+  unsigned rollbacks = 0;  // counts them, those to a savepoint, too
   std::unordered_map<std::string, Prepared, TextHash, std::equal_to<>> prepared;
 };
 
@@ -404,79 +464,77 @@ thread_local std::vector<std::unique_ptr<Postgres>> idle_connections;
 // transaction ends, because the server then keeps its rows.
 class CursorRows final : public ResultRows {
  public:
-  CursorRows(Postgres* connection, std::string name)
-      : connection(connection), name(std::move(name)), link(connection->link_number()) {}
+  CursorRows(Postgres* connection, const std::string& name)
+      : connection(connection), cursor(connection->NewCursor(name)) {}
 
-  bool Start() {
-    result = connection->Fetch(Forward(), link);
-    read = result ? PQntuples(result.get()) : 0;
-    return result != nullptr;
-  }
+  bool Start() { return ReadFrom(0); }
   int Next() override { return Go(before + row + 2); }
   int Go(int64_t number) override {
     if (number < 1) return 0;
-    if (number <= before || number > before + count() + kRowsOfCursor) {
+    if (number > before + count() && is_after && count() < kRowsOfCursor) return 0;
+    if (number <= before || number > before + count() + kRowsOfCursor ||
+        (number > before + count() && !is_after)) {
       // The block before that row, if the walk goes backwards.
       const int64_t from =
           number <= before ? std::max<int64_t>(number - kRowsOfCursor, 0) : number - 1;
-      if (!connection->Fetch("MOVE ABSOLUTE " + std::to_string(from) + " IN " + name, link) ||
-          !ReadFrom(from)) {
-        return -1;
-      }
-    } else if (number > before + count()) {
-      if (count() < kRowsOfCursor) return 0;
-      if (!ReadFrom(before + count())) return -1;
+      if (!Move("ABSOLUTE " + std::to_string(from)) || !ReadFrom(from)) return -1;
+    } else if (number > before + count() && !ReadFrom(before + count())) {
+      return -1;
     }
     if (number > before + count()) return 0;
     row = static_cast<int>(number - before - 1);
     return 1;
   }
   int Last() override {
-    const int64_t from = before + count();
-    const Result moved = connection->Fetch("MOVE FORWARD ALL IN " + name, link);
-    if (!moved) return -1;
-    const int64_t total = from + strtoll(PQcmdTuples(moved.get()), nullptr, 10);
-    if (total == 0) return 0;
-    if (total > before && total <= from) {
-      row = static_cast<int>(total - before - 1);
-      // The cursor is past the end, and the next block begins after this one.
-      return 1;
+    if (Count() < 0) return -1;
+    return Go(total);
+  }
+  // The rows of a cursor do not change, so they are counted once.
+  int64_t Count() override {
+    if (total < 0 && read > 0 && read < kRowsOfCursor) total = before + read;
+    if (total < 0) {
+      if (!Move("ABSOLUTE 0")) return -1;
+      const Result moved = Move("FORWARD ALL");
+      if (!moved) return -1;
+      total = strtoll(PQcmdTuples(moved.get()), nullptr, 10);
     }
-    const int64_t start = std::max<int64_t>(total - kRowsOfCursor, 0);
-    if (!connection->Fetch("MOVE ABSOLUTE " + std::to_string(start) + " IN " + name, link) ||
-        !ReadFrom(start)) {
-      return -1;
-    }
-    row = static_cast<int>(total - before - 1);
-    return 1;
+    return total;
   }
   int64_t number() const override { return before + row + 1; }
-  void Done() override {
-    connection->CloseCursor(name, link);
+  void Done() noexcept override {
+    // Without memory for the statement the cursor stays until the request ends.
+    try {
+      connection->CloseCursor(&cursor);
+    } catch (const std::bad_alloc&) {
+    }
     delete this;
   }
 
  private:
   int64_t count() const { return read; }
-  std::string Forward() const {
-    return "FETCH FORWARD " + std::to_string(kRowsOfCursor) + " FROM " + name;
+  Result Move(const std::string& to) {
+    is_after = false;
+    return connection->Fetch("MOVE " + to + " IN " + cursor.name, &cursor);
   }
   // REQUIRES: the cursor is after that row.
   bool ReadFrom(int64_t start) {
-    Result next = connection->Fetch(Forward(), link);
+    Result next = connection->Fetch(
+        "FETCH FORWARD " + std::to_string(kRowsOfCursor) + " FROM " + cursor.name, &cursor);
     if (!next) return false;
     result = std::move(next);
     read = PQntuples(result.get());
     before = start;
     row = -1;
+    is_after = true;
     return true;
   }
 
   Postgres* const connection;
-  const std::string name;
-  const unsigned link;
-  int64_t before = 0;  // rows before the block
-  int64_t read = 0;    // rows in the block
+  Postgres::Cursor cursor;
+  bool is_after = true;  // the cursor is after the block
+  int64_t total = -1;    // rows, once they are counted
+  int64_t before = 0;    // rows before the block
+  int64_t read = 0;      // rows in the block
 };
 
 // --- The link ------------------------------------------------------------------------------------
@@ -593,6 +651,9 @@ Result Postgres::Receive(Milliseconds limit) {
     Result next(PQgetResult(link));
     if (!next) break;
     const ExecStatusType status = PQresultStatus(next.get());
+    if (status == PGRES_COMMAND_OK && std::string_view(PQcmdStatus(next.get())) == "ROLLBACK") {
+      rollbacks++;
+    }
     if (!kept || PQresultStatus(kept.get()) != PGRES_FATAL_ERROR) kept = std::move(next);
     if (status == PGRES_COPY_IN || status == PGRES_COPY_OUT || status == PGRES_COPY_BOTH) {
       return kept;
@@ -650,17 +711,22 @@ const Postgres::Prepared* Postgres::Prepare(const std::string& text) {
   }
   Prepared made;
   made.name = "zeph_" + std::to_string(++names);
-  if (!PQsendPrepare(link, made.name.c_str(), text.c_str(), 0, nullptr)) {
-    return Lost(LinkError()), nullptr;
-  }
-  if (!Refuse(Receive(kNoLimit))) return nullptr;
-  if (!PQsendDescribePrepared(link, made.name.c_str())) return Lost(LinkError()), nullptr;
-  const Result described = Refuse(Receive(kNoLimit));
-  if (!described) return nullptr;
-  for (int i = 0; i < PQnparams(described.get()); i++) {
-    made.types.push_back(PQparamtype(described.get(), i));
-  }
+  if (!PrepareAs(made.name, text, &made.types)) return nullptr;
   return &prepared.emplace(text, std::move(made)).first->second;
+}
+
+bool Postgres::PrepareAs(const std::string& name, const std::string& text,
+                         std::vector<Oid>* types) {
+  if (text.find('\0') != std::string::npos) return Fail("it has a NUL byte");
+  if (!PQsendPrepare(link, name.c_str(), text.c_str(), 0, nullptr)) return Lost(LinkError());
+  if (!Refuse(Receive(kNoLimit))) return false;
+  if (!PQsendDescribePrepared(link, name.c_str())) return Lost(LinkError());
+  const Result described = Refuse(Receive(kNoLimit));
+  if (!described) return false;
+  for (int i = 0; i < PQnparams(described.get()); i++) {
+    types->push_back(PQparamtype(described.get(), i));
+  }
+  return true;
 }
 
 Result Postgres::RunPrepared(const std::string& text, const Values& values, bool reads) {
@@ -670,6 +736,10 @@ Result Postgres::RunPrepared(const std::string& text, const Values& values, bool
     bool was_sent = false;
     if (const Prepared* statement = Prepare(text)) {
       const Parameters parameters(values, statement->types);
+      if (!parameters.are_valid) {
+        Fail(kNulInText);
+        return nullptr;
+      }
       was_sent = true;
       if (!PQsendQueryPrepared(link, statement->name.c_str(), parameters.count(),
                                parameters.pointers.data(), parameters.lengths.data(),
@@ -679,12 +749,9 @@ Result Postgres::RunPrepared(const std::string& text, const Values& values, bool
         return result;
       }
     }
-    if (!may_repeat) break;
-    if (is_stale) {
-      prepared.erase(text);
-    } else if (!was_lost || (was_sent && !reads)) {
-      break;
-    }
+    // A transaction cannot go on after that, but the next one can.
+    if (is_stale) prepared.erase(text);
+    if (!may_repeat || (!is_stale && (!was_lost || (was_sent && !reads)))) break;
   }
   return nullptr;
 }
@@ -695,7 +762,17 @@ Result Postgres::RunOnce(const std::string& text, const Values& values, unsigned
     Fail("its rows were lost with the connection");
     return nullptr;
   }
-  const Parameters parameters(values, {});
+  if (text.find('\0') != std::string::npos) {
+    Fail("it has a NUL byte");
+    return nullptr;
+  }
+  std::vector<Oid> types;
+  if (Parameters::NeedTypes(values) && !PrepareAs("", text, &types)) return nullptr;
+  const Parameters parameters(values, types);
+  if (!parameters.are_valid) {
+    Fail(kNulInText);
+    return nullptr;
+  }
   if (!PQsendQueryParams(link, text.c_str(), parameters.count(), nullptr,
                          parameters.pointers.data(), parameters.lengths.data(),
                          parameters.formats.data(), 0)) {
@@ -705,22 +782,67 @@ Result Postgres::RunOnce(const std::string& text, const Values& values, unsigned
   return Refuse(Receive(kNoLimit));
 }
 
-Result Postgres::RunText(const std::string& text, const Values& values) {
+void Postgres::NoteScript(const std::string& text) {
   is_marked = true;
   const std::string lowered = Lowered(text);
   for (const char* word : {"prepare", "deallocate", "discard"}) {
     if (lowered.find(word) != std::string::npos) has_prepared = true;
   }
+}
+
+Result Postgres::RunText(const std::string& text, const Values& values) {
+  NoteScript(text);
   return RunOnce(text, values, 0);
 }
 
+int Postgres::Look(Cursor* cursor) {
+  if (cursor->checked == rollbacks) return 1;
+  const Result found =
+      RunOnce("SELECT 1 FROM pg_catalog.pg_cursors WHERE name = '" + cursor->name + "'", none(),
+              cursor->link);
+  if (!found) return -1;
+  if (PQntuples(found.get()) == 0) return 0;
+  cursor->checked = rollbacks;
+  return 1;
+}
+
+// Whether a statement is a query that a cursor can be for, and not one that locks its rows: a
+// cursor that stays when the transaction ends cannot do that.
+bool Postgres::IsForCursor(std::string_view text) {
+  bool is_first = true, follows_for = false;
+  for (size_t at = 0; at < text.size();) {
+    if (text.substr(at, 2) == "--") {
+      at = std::min(text.find('\n', at), text.size());
+    } else if (text.substr(at, 2) == "/*") {
+      int depth = 0;
+      do {
+        const std::string_view sign = text.substr(at, 2);
+        if (sign == "/*") depth++;
+        if (sign == "*/") depth--;
+        at += sign == "/*" || sign == "*/" ? 2 : 1;
+      } while (depth > 0 && at < text.size());
+    } else if (IsWordByte(text[at])) {
+      const size_t start = at;
+      while (at < text.size() && IsWordByte(text[at])) at++;
+      const std::string word = Lowered(text.substr(start, at - start));
+      if (std::exchange(is_first, false) && word != "select" && word != "with" &&
+          word != "values" && word != "table") {
+        return false;
+      }
+      if (follows_for && (word == "update" || word == "share" || word == "no" || word == "key")) {
+        return false;
+      }
+      follows_for = word == "for";
+    } else {
+      if (is_first && text[at] != '(' && !IsSpace(text[at])) return false;
+      at++;
+    }
+  }
+  return !is_first;
+}
+
 RowsPointer Postgres::Open(const std::string& text, const Values& values) {
-  const std::string_view whole = Trimmed(text);
-  size_t end = 0;
-  while (end < whole.size() && IsWordByte(whole[end])) end++;
-  const std::string word = Lowered(whole.substr(0, end));
-  if (word != "select" && word != "with" && word != "values" && word != "table" &&
-      !whole.starts_with('(')) {
+  if (!IsForCursor(text)) {
     // What a cursor cannot be for returns few rows: EXPLAIN, SHOW, INSERT with RETURNING.
     Result result = RunText(text, values);
     if (!result) return nullptr;
@@ -742,6 +864,8 @@ RowsPointer Postgres::Open(const std::string& text, const Values& values) {
 
 ConnectionPointer Postgres::Acquire(ZPPROGRAM program, const Target& target, std::string* error) {
   ConnectionPointer acquired;
+  // Release has no memory to ask for.
+  idle_connections.reserve(kMostConnections);
   for (size_t i = idle_connections.size(); i-- > 0 && !acquired;) {
     if (idle_connections[i]->target != target) continue;
     acquired.reset(idle_connections[i].release());
@@ -758,7 +882,13 @@ ConnectionPointer Postgres::Acquire(ZPPROGRAM program, const Target& target, std
 
 void Postgres::Leave() {
   std::string text;
-  if (in_transaction) text = "ROLLBACK; ";
+  // The link itself knows, also if memory ran out while a reply was on its way.
+  switch (link ? PQtransactionStatus(link) : PQTRANS_IDLE) {
+    case PQTRANS_IDLE: break;
+    case PQTRANS_INTRANS:
+    case PQTRANS_INERROR: text = "ROLLBACK; "; break;
+    default: DropLink(); break;
+  }
   if (is_marked) {
     text += kReset;
     if (has_prepared) {
@@ -782,33 +912,38 @@ void Postgres::Leave() {
   program = nullptr;
 }
 
-void Postgres::Release() {
+void Postgres::Release() noexcept {
   std::unique_ptr<Postgres> owned(this);
   program = nullptr;
-  if (!has_left || !link) return;
+  // The store of another thread may have no room.
+  if (!has_left || !link || idle_connections.capacity() < kMostConnections) return;
   if (idle_connections.size() >= kMostConnections) {
     idle_connections.erase(idle_connections.begin());
   }
   idle_connections.push_back(std::move(owned));
 }
 
-int Postgres::Describe(const std::string& name, Table* table) {
+int Postgres::Describe(const std::string& name, bool is_whole, Table* table) {
   // As it is written and, if there is none, in small letters: those are the names that SQL makes of
-  // names without quotes.
-  std::string quoted;
-  const std::string_view whole = name;
-  const size_t point = whole.find('.');
-  if (point != std::string_view::npos) quoted = Quoted(whole.substr(0, point)) + ".";
-  quoted += Quoted(point == std::string_view::npos ? whole : whole.substr(point + 1));
-  Values values(2);
-  values[0].SetText(quoted);
-  values[1].SetText(Lowered(quoted));
+  // names without quotes. Then the same with the name of a schema.
+  Values values(4);
+  const size_t point = is_whole ? std::string::npos : name.find('.');
+  for (size_t i = 0; i < 4; i += 2) {
+    const bool has_schema = i > 0 && point != std::string::npos;
+    const std::string quoted =
+        has_schema ? Quoted(name.substr(0, point)) + "." + Quoted(name.substr(point + 1))
+                   : Quoted(name);
+    values[i].SetBytes(quoted);
+    values[i + 1].SetBytes(Lowered(quoted));
+  }
   Result result = RunPrepared(
       "SELECT a.attname, a.atttypid, a.atttypmod, a.attrelid::regclass::text, c.relname, "
-      "coalesce(i.indnkeyatts = 1 AND i.indkey[0] = a.attnum, false) "
+      "coalesce(i.indnkeyatts = 1 AND i.indkey[0] = a.attnum, false), "
+      "a.attgenerated <> '' OR a.attidentity = 'a' "
       "FROM pg_attribute a JOIN pg_class c ON c.oid = a.attrelid "
       "LEFT JOIN pg_index i ON i.indrelid = a.attrelid AND i.indisprimary "
-      "WHERE a.attrelid = coalesce(to_regclass($1), to_regclass($2)) AND a.attnum > 0 "
+      "WHERE a.attrelid = coalesce(to_regclass($1), to_regclass($2), to_regclass($3), "
+      "to_regclass($4)) AND a.attnum > 0 "
       "AND NOT a.attisdropped ORDER BY a.attnum",
       values, true);
   if (!result) return -1;
@@ -828,6 +963,7 @@ int Postgres::Describe(const std::string& name, Table* table) {
     if (is_key && column == "recno" && (type == kInt4 || type == kInt8)) continue;
     if (is_key) table->key_column = static_cast<int>(table->columns.size());
     table->columns.push_back(ColumnOf(column, type, atoi(PQgetvalue(result.get(), i, 2))));
+    table->columns.back().generated = text(i, 6) == "t";
   }
   return 1;
 }
@@ -835,9 +971,10 @@ int Postgres::Describe(const std::string& name, Table* table) {
 int Postgres::Describe(const Table& table, const std::string& name, Index* index) {
   Values values(2);
   values[0].SetText(table.sql_name);
-  values[1].SetText(Lowered(name));
+  values[1].SetBytes(Lowered(name));
   Result result = RunPrepared(
-      "SELECT a.attname, i.indoption[0] & 1 FROM pg_index i JOIN pg_class c ON c.oid = "
+      "SELECT a.attname, i.indoption[0] & 1, i.indexrelid::regclass::text FROM pg_index i JOIN "
+      "pg_class c ON c.oid = "
       "i.indexrelid "
       "JOIN pg_attribute a ON a.attrelid = i.indrelid AND a.attnum = i.indkey[0] "
       "WHERE i.indrelid = $1::text::regclass AND lower(c.relname) = $2",
@@ -849,6 +986,7 @@ int Postgres::Describe(const Table& table, const std::string& name, Index* index
     if (table.columns[i].name != column) continue;
     index->column = static_cast<int>(i);
     index->descending = *PQgetvalue(result.get(), 0, 1) == '1';
+    index->sql_name = PQgetvalue(result.get(), 0, 2);
     return 1;
   }
   return 0;
@@ -878,9 +1016,10 @@ struct Peer {
     char* wrong = nullptr;
     PQconninfoOption* const parsed =
         target.text.empty() ? nullptr : PQconninfoParse(target.text.c_str(), &wrong);
+    const bool is_right = parsed && IsPlausible(parsed, target.text);
     PQconninfoFree(parsed);
     PQfreemem(wrong);
-    if (!target.text.empty() && !parsed) {
+    if (!target.text.empty() && !is_right) {
       // The reason would have parts of the text.
       *error = what + "the text of the connection is wrong";
       return nullptr;
@@ -888,6 +1027,29 @@ struct Peer {
     ConnectionPointer connection = Postgres::Acquire(opening.program, target, error);
     if (!connection) *error = what + *error;
     return connection;
+  }
+  // A password with a slash or a sign @ in it, which has to be written as %2F or %40, makes other
+  // parts of an address. Errors would show them.
+  static bool IsPlausible(const PQconninfoOption* parsed, std::string_view text) {
+    const bool is_address = text.starts_with("postgres");
+    for (; parsed->keyword; parsed++) {
+      const std::string_view keyword = parsed->keyword, value = parsed->val ? parsed->val : "";
+      if (keyword == "port" && !value.empty()) {
+        for (const std::string_view port : SplitList(value)) {
+          int number = 1;
+          const auto [end, wrong] = std::from_chars(port.data(), port.data() + port.size(), number);
+          if (!port.empty() && (wrong != std::errc() || end != port.data() + port.size() ||
+                                number < 1 || number > 65535)) {
+            return false;
+          }
+        }
+      }
+      if (is_address && (keyword == "host" || keyword == "dbname") &&
+          value.find('@') != std::string_view::npos) {
+        return false;
+      }
+    }
+    return true;
   }
   static std::string TypeOf(const FieldSpecification& field) {
     switch (field.letter) {

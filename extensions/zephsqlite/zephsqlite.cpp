@@ -10,6 +10,7 @@
 #include <limits.h>
 #include <sqlite3.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,7 +31,9 @@ namespace {
 using namespace zephsql;
 
 constexpr int kMostStatements = 100;      // kept for each connection
+constexpr size_t kLongestKept = 4096;     // bytes of the text of a statement that is kept
 constexpr size_t kMostConnections = 8;    // kept for each thread
+constexpr int kLongestValue = 64 << 20;   // bytes; SQLite's memory is not that of the script
 constexpr int kStepsOfPatience = 100000;  // of SQLite's machine, between two looks at the clock
 constexpr Milliseconds kBusyTimeout(10000);
 
@@ -91,6 +94,11 @@ Column ColumnOf(std::string name, const char* declared) {
 // --- Statements ----------------------------------------------------------------------------------
 
 // A prepared statement, and the rows that it yields. It belongs to its connection.
+//
+// SQLite does not define what a query yields after a change by the same connection, and it could
+// not wait for another writer while a query is open. So the rows that follow are read before the
+// change, and stored. The rows of a statement that changes something are stored from the first one
+// on, because it must not run again.
 class Statement final : public Rows {
  public:
   Statement(SQLite* connection, sqlite3_stmt* prepared)
@@ -103,11 +111,13 @@ class Statement final : public Rows {
   bool Bind(const Values& values);
   int Step();
   void Reset() {
-    sqlite3_reset(prepared);
-    position = 0;
-    is_at_row = is_parked = false;
+    Restart();
     bound = nullptr;
+    kept = Values();
+    stored = Stored();
   }
+  // Runs a statement that changes something to its end.
+  bool StoreAll();
   sqlite3_stmt* get() const { return prepared; }
 
   int Next() override {
@@ -117,6 +127,9 @@ class Statement final : public Rows {
   int Go(int64_t number) override;
   int Last() override;
   int64_t number() const override { return position; }
+  int64_t Count() override {
+    return is_parked && stored.is_whole ? static_cast<int64_t>(stored.starts.size()) : -1;
+  }
   const Columns& columns() override {
     if (described.empty()) {
       for (int i = 0; i < sqlite3_column_count(prepared); i++) {
@@ -152,13 +165,24 @@ class Statement final : public Rows {
     }
   }
   void Park() override;
-  void Done() override;
+  void Done() noexcept override;
 
   bool is_in_use = false;
   bool is_kept = false;  // in the connection's store
 
  private:
-  bool Restart();
+  // Each value is its kind, the size of a text, and its bytes.
+  struct Stored {
+    std::string bytes;
+    std::vector<size_t> starts;  // of the rows
+    int64_t first = 1;           // the number of the first of them
+    bool is_whole = false;       // all rows are there
+    std::string failure;         // why the rows that follow could not be read, if it is not empty
+  };
+
+  void Restart();
+  void StoreRow(Stored* rows);
+  int Show(int64_t number);
   // The value itself is read with fewer checks than the column. It is not protected from other
   // threads, but a connection has only one.
   sqlite3_value* Current(int column) { return sqlite3_column_value(prepared, column); }
@@ -184,8 +208,9 @@ class Statement final : public Rows {
   const Values* bound = nullptr;
   int64_t position = 0;
   bool is_at_row = false;
-  bool is_parked = false;  // the statement is reset, and the row is in `kept`
+  bool is_parked = false;  // the statement is reset, the rows are in `stored` and one in `kept`
   Values kept;
+  Stored stored;
   Columns described;
 };
 
@@ -222,7 +247,14 @@ class SQLite final : public Connection {
       return nullptr;
     }
     if (!statement->Bind(values)) return nullptr;
+    if (!sqlite3_stmt_readonly(statement->get()) && !statement->StoreAll()) return nullptr;
     return rows;
+  }
+  bool Changes(const std::string& text) override {
+    Statement* const statement = Prepare(text, false);
+    if (!statement) return false;
+    const RowsPointer rows(statement);
+    return !sqlite3_stmt_readonly(statement->get());
   }
   bool Run(const std::string& text, const Values& values, bool own, int64_t* changed) override {
     Statement* const statement = Prepare(text, own);
@@ -241,7 +273,7 @@ class SQLite final : public Connection {
     return true;
   }
 
-  int Describe(const std::string& name, Table* table) override;
+  int Describe(const std::string& name, bool is_whole, Table* table) override;
   int Describe(const Table& table, const std::string& name, Index* index) override;
 
   bool Transaction() override {
@@ -256,6 +288,7 @@ class SQLite final : public Connection {
   bool Rollback() override {
     return sqlite3_get_autocommit(database) || Run("ROLLBACK", none(), true, nullptr);
   }
+  bool IsInTransaction() const override { return !sqlite3_get_autocommit(database); }
   int Command(std::string_view command, std::string_view arguments) override {
     if (!SameName(command, "timeout")) return 0;
     busy_timeout = Milliseconds(std::max(atoi(std::string(arguments).c_str()), 0));
@@ -265,10 +298,11 @@ class SQLite final : public Connection {
     has_left = Rollback();
     program = nullptr;
   }
-  void Release() override;
+  void Release() noexcept override;
   char mark() const override { return '?'; }
 
   bool FailFromDatabase() { return Fail(sqlite3_errmsg(database)); }
+  bool FailWith(const std::string& text) { return Fail(text); }
   void Keep(Statement* statement);
   ZPPROGRAM user() const { return program; }
 
@@ -341,15 +375,15 @@ int Statement::Step() {
   return -1;
 }
 
-bool Statement::Restart() {
+void Statement::Restart() {
   sqlite3_reset(prepared);
   position = 0;
   is_parked = is_at_row = false;
-  return true;
 }
 
 int Statement::Go(int64_t number) {
   if (number < 1) return 0;
+  if (is_parked && (stored.is_whole || number >= stored.first)) return Show(number);
   if (is_at_row && !is_parked && number == position) return 1;
   if (is_parked || !is_at_row || number < position) Restart();
   while (position < number) {
@@ -360,6 +394,10 @@ int Statement::Go(int64_t number) {
 }
 
 int Statement::Last() {
+  if (is_parked) {
+    if (!stored.failure.empty()) return connection->FailWith(stored.failure), -1;
+    return Show(stored.first - 1 + static_cast<int64_t>(stored.starts.size()));
+  }
   Restart();
   int found;
   while ((found = Step()) > 0) {
@@ -373,14 +411,85 @@ void Statement::Park() {
     if (!is_parked) sqlite3_reset(prepared);
     return;
   }
-  const int count = sqlite3_column_count(prepared);
-  kept.resize(static_cast<size_t>(count));
-  for (int i = 0; i < count; i++) Get(i, &kept[static_cast<size_t>(i)]);
+  Stored rows;
+  rows.first = position;
+  int found;
+  do {
+    StoreRow(&rows);
+  } while ((found = Step()) > 0);
+  if (found < 0) rows.failure = connection->error();
   sqlite3_reset(prepared);
+  stored = std::move(rows);
   is_parked = true;
+  Show(stored.first);
 }
 
-void Statement::Done() {
+bool Statement::StoreAll() {
+  Stored rows;
+  rows.is_whole = true;
+  int found;
+  while ((found = Step()) > 0) StoreRow(&rows);
+  if (found < 0) return false;
+  sqlite3_reset(prepared);
+  stored = std::move(rows);
+  is_parked = true;
+  position = 0;
+  return true;
+}
+
+void Statement::StoreRow(Stored* rows) {
+  rows->starts.push_back(rows->bytes.size());
+  const auto add = [rows](const auto& value) {
+    rows->bytes.append(reinterpret_cast<const char*>(&value), sizeof value);
+  };
+  const int count = sqlite3_column_count(prepared);
+  for (int i = 0; i < count; i++) {
+    Cell cell;
+    Read(i, &cell);
+    add(cell.kind);
+    switch (cell.kind) {
+      case Kind::Null: break;
+      case Kind::Integer: add(cell.integer); break;
+      case Kind::Real: add(cell.real); break;
+      default:
+        add(cell.text.size());
+        rows->bytes.append(cell.text);
+        break;
+    }
+  }
+}
+
+// Goes to a row of those that are stored. REQUIRES: is_parked, and the number is not before them.
+int Statement::Show(int64_t number) {
+  const int64_t place = number - stored.first;
+  is_at_row = place >= 0 && place < static_cast<int64_t>(stored.starts.size());
+  if (!is_at_row) return stored.failure.empty() ? 0 : (connection->FailWith(stored.failure), -1);
+  position = number;
+  const char* at = stored.bytes.data() + stored.starts[static_cast<size_t>(place)];
+  const auto take = [&at](auto* value) {
+    memcpy(value, at, sizeof *value);
+    at += sizeof *value;
+  };
+  kept.resize(static_cast<size_t>(sqlite3_column_count(prepared)));
+  for (Value& value : kept) {
+    take(&value.kind);
+    switch (value.kind) {
+      case Kind::Null: break;
+      case Kind::Integer: take(&value.integer); break;
+      case Kind::Real: take(&value.real); break;
+      default: {
+        size_t size = 0;
+        take(&size);
+        value.text.assign(at, size);
+        at += size;
+        break;
+      }
+    }
+  }
+  return 1;
+}
+
+void Statement::Done() noexcept {
   Reset();
   is_in_use = false;
   if (!is_kept) connection->Keep(this);
@@ -423,8 +532,9 @@ int SQLite::Authorize(void* self, int action, const char* first, const char* sec
   auto* const connection = static_cast<SQLite*>(self);
   switch (action) {
     case SQLITE_ATTACH:
-      // VACUUM attaches a file without a name.
-      return first && *first == '\0' ? SQLITE_OK : SQLITE_DENY;
+      // VACUUM attaches a file without a name, when it runs. A script's own would stay with the
+      // connection.
+      return first && *first == '\0' && connection->is_own ? SQLITE_OK : SQLITE_DENY;
     case SQLITE_FUNCTION:
       return second && SameName(second, "load_extension") ? SQLITE_DENY : SQLITE_OK;
     case SQLITE_PRAGMA:
@@ -452,6 +562,10 @@ Statement* SQLite::Prepare(const std::string& text, bool own) {
     found->second->is_in_use = true;
     return found->second.get();
   }
+  if (text.find('\0') != std::string::npos) {
+    Fail("it has a NUL byte");
+    return nullptr;
+  }
   is_own = own;
   sqlite3_stmt* prepared = nullptr;
   const char* rest = nullptr;
@@ -459,7 +573,9 @@ Statement* SQLite::Prepare(const std::string& text, bool own) {
                                         static_cast<int>(std::min<size_t>(text.size(), INT_MAX)),
                                         SQLITE_PREPARE_PERSISTENT, &prepared, &rest);
   is_own = true;
+  std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> held(prepared, sqlite3_finalize);
   std::unique_ptr<Statement> statement(prepared ? new Statement(this, prepared) : nullptr);
+  (void)held.release();
   if (result != SQLITE_OK) {
     FailFromDatabase();
     return nullptr;
@@ -475,7 +591,7 @@ Statement* SQLite::Prepare(const std::string& text, bool own) {
     return nullptr;
   }
   statement->is_in_use = true;
-  if (found == statements.end()) {
+  if (found == statements.end() && text.size() <= kLongestKept) {
     if (statements.size() >= kMostStatements) {
       std::erase_if(statements, [](const auto& each) { return !each.second->is_in_use; });
     }
@@ -485,7 +601,7 @@ Statement* SQLite::Prepare(const std::string& text, bool own) {
   return statement.release();
 }
 
-// A statement that is not in the store was the second one of its text.
+// A statement that is not in the store was the second one of its text, or is too long for it.
 void SQLite::Keep(Statement* statement) {
   delete statement;
 }
@@ -497,6 +613,7 @@ bool SQLite::IsSameFile() const {
 
 bool SQLite::Prepare(bool create, std::string* error) {
   sqlite3_extended_result_codes(database, 1);
+  sqlite3_limit(database, SQLITE_LIMIT_LENGTH, kLongestValue);
   sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   // A name in quotes that is not there is an error, and not a text.
   sqlite3_db_config(database, SQLITE_DBCONFIG_DQS_DML, 0, nullptr);
@@ -537,14 +654,17 @@ bool SQLite::Prepare(bool create, std::string* error) {
 
 ConnectionPointer SQLite::Acquire(ZPPROGRAM program, const std::string& path, bool create,
                                   std::string* error) {
+  // Release has no memory to ask for.
+  idle_connections.reserve(kMostConnections);
   for (size_t i = idle_connections.size(); i-- > 0;) {
     if (idle_connections[i]->path != path) continue;
     ConnectionPointer kept(idle_connections[i].release());
     idle_connections.erase(idle_connections.begin() + static_cast<std::ptrdiff_t>(i));
     auto* const connection = static_cast<SQLite*>(kept.get());
+    // Until the script has left it, the connection is not kept again.
+    connection->has_left = false;
     if (!connection->IsSameFile()) continue;
     connection->program = program;
-    connection->has_left = false;
     return kept;
   }
   sqlite3* opened = nullptr;
@@ -565,22 +685,25 @@ ConnectionPointer SQLite::Acquire(ZPPROGRAM program, const std::string& path, bo
   return made;
 }
 
-void SQLite::Release() {
+void SQLite::Release() noexcept {
   std::unique_ptr<SQLite> owned(this);
   program = nullptr;
   busy_timeout = kBusyTimeout;
-  if (!has_left || is_marked) return;
+  // The store of another thread may have no room.
+  if (!has_left || is_marked || idle_connections.capacity() < kMostConnections) return;
   if (idle_connections.size() >= kMostConnections) {
     idle_connections.erase(idle_connections.begin());
   }
   idle_connections.push_back(std::move(owned));
 }
 
-int SQLite::Describe(const std::string& name, Table* table) {
-  const std::string_view whole = name;
-  const bool has_schema = whole.size() > 5 && SameName(whole.substr(0, 5), "main.");
+int SQLite::Describe(const std::string& name, bool is_whole, Table* table) {
+  if (!is_whole && name.size() > 5 && SameName(std::string_view(name).substr(0, 5), "main.")) {
+    const int found = Describe(name, true, table);
+    return found != 0 ? found : Describe(name.substr(5), true, table);
+  }
   Values values(1);
-  values[0].SetText(has_schema ? whole.substr(5) : whole);
+  values[0].SetText(name);
   bool is_table = false;
   {
     const RowsPointer found =
@@ -592,8 +715,8 @@ int SQLite::Describe(const std::string& name, Table* table) {
     is_table = found->Text(1) == "table" && found->Integer(2) == 0;
   }
   table->sql_name = Quoted(table->name);
-  const RowsPointer found =
-      Select("SELECT name, type, pk FROM pragma_table_xinfo(?1) WHERE hidden <> 1", values, 0);
+  const RowsPointer found = Select(
+      "SELECT name, type, pk, hidden FROM pragma_table_xinfo(?1) WHERE hidden <> 1", values, 0);
   if (!found) return -1;
   int keys = 0;
   bool has_rowid_column = false;
@@ -610,6 +733,7 @@ int SQLite::Describe(const std::string& name, Table* table) {
       table->key_column = static_cast<int>(table->columns.size());
     }
     table->columns.push_back(ColumnOf(column, type.c_str()));
+    table->columns.back().generated = found->Integer(3) > 1;
   }
   if (next < 0) return -1;
   if (keys != 1 || key.empty()) table->key_column = -1;
@@ -623,7 +747,8 @@ int SQLite::Describe(const Table& table, const std::string& name, Index* index) 
   values[0].SetText(name);
   values[1].SetText(table.name);
   const RowsPointer found = Select(
-      "SELECT x.name, x.desc FROM pragma_index_list(?2) AS l, pragma_index_xinfo(l.name) AS x "
+      "SELECT x.name, x.desc, l.name FROM pragma_index_list(?2) AS l, pragma_index_xinfo(l.name) "
+      "AS x "
       "WHERE l.name = ?1 COLLATE NOCASE AND x.seqno = 0",
       values, 0);
   if (!found) return -1;
@@ -634,6 +759,7 @@ int SQLite::Describe(const Table& table, const std::string& name, Index* index) 
     if (!SameName(table.columns[i].name, column)) continue;
     index->column = static_cast<int>(i);
     index->descending = found->Integer(1) != 0;
+    index->sql_name = Quoted(found->Text(2));
     return 1;
   }
   return 0;

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/core/Sanitizers.h"
 #include "tests/e2e/Pages.h"
 #include "tests/support/Command.h"
 #include "tests/support/DatabaseMachine.h"
@@ -36,6 +37,18 @@ class SQLite : public testing::Test {
     Command command({"/usr/bin/sqlite3", engine.Path("data/" + file), sql});
     EXPECT_EQ(command.Run(), 0) << command.errors;
     return command.output;
+  }
+
+  // How many files of the database the engine has open, also those that are removed.
+  int OpenFiles() {
+    int count = 0;
+    for (const auto& entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(engine.pid()) + "/fd")) {
+      std::error_code error;
+      const std::string file = std::filesystem::read_symlink(entry.path(), error).string();
+      count += file.find("/data/t.dbf") != std::string::npos;
+    }
+    return count;
   }
 
   EngineProcess engine;
@@ -118,12 +131,64 @@ TEST_F(SQLite, AScriptCannotLeaveItsFile) {
       engine, SetType("sqlite") + PersonsScript() + RunQuery("t", "attach '" + outside + "' as o") +
                   ShowDone("QUERY") + SetGlobal("x", outside) +
                   RunQuery("t", "attach ? as o", "x") + ShowDone("QUERY") +
+                  RunQuery("t", "attach '' as o") + ShowDone("QUERY") +
                   RunQuery("t", "vacuum into '" + outside + "'") + ShowDone("QUERY") +
                   RunQuery("t", "select load_extension('/tmp/x.so')") + ShowDone("QUERY") +
                   Op("dbcommand", {"t", "vacuum", ""}) + ShowDone("DBCOMMAND") +
                   RunQuery("t", "delete from t; delete from t") + ShowError("QUERY"));
-  EXPECT_EQ(page, "0|0|0|0|1|Cannot run the query: only one statement is run at a time|");
+  EXPECT_EQ(page, "0|0|0|0|0|1|Cannot run the query: only one statement is run at a time|");
   EXPECT_NE(access(outside.c_str(), F_OK), 0);
+}
+
+TEST_F(SQLite, MarkersThatAreNotOursAreRefused) {
+  const std::string query = "select count(*) as n from t where name ";
+  std::string code = SetGlobal("x", "ann") + SetGlobal("y", "bob");
+  std::string expected;
+  for (const char* marker : {"@x", "$x", "#x", ":1", "@::x", "?1$x"}) {
+    code += OpenView("t", "v", query + "in (" + marker + ", ?)", "x,y") + ShowError("OPENVIEW");
+    expected += "Cannot open the view 'v': '" +
+                std::string(1, std::string(marker).find('$') == std::string::npos ? *marker : '$') +
+                "' does not begin a parameter; these are ?, ?2 and :name|";
+  }
+  // In names and texts they are what they are.
+  code += OpenView("t", "w", "select name as [a?@b], '@x $x' as b, 1 as c$d from t where name = ?",
+                   "y") +
+          ShowAll("t", "w", {"a?@b", "b", "c$d"});
+  EXPECT_EQ(RunFirstPage(engine, SetType("sqlite") + PersonsScript() + code),
+            expected + "bob|@x $x|1|; ");
+}
+
+TEST_F(SQLite, RowsOfAnyStatementAreCounted) {
+  EXPECT_EQ(RunFirstPage(engine, SetType("sqlite") + PersonsScript() +
+                                     OpenView("t", "p", "pragma table_info(t)") +
+                                     Show("p", "totrec") + SkipIn("t", "p", 1) + Show("p", "name")),
+            "3|name|");
+}
+
+// What follows in a view of a query is stored as it was, whatever it is.
+TEST_F(SQLite, StoredRowsHaveAllKindsOfValues) {
+  EXPECT_EQ(
+      RunFirstPage(
+          engine,
+          SetType("sqlite") + PersonsScript() +
+              OpenView("t", "q",
+                       "with recursive c(n) as (select 1 union all select n + 1 from c where n < "
+                       "1000) select n, n * 0.5 as r, 'text ' || n as t, nullif(n, 3) as x, "
+                       "cast('b' || n as blob) as b from c, t where t.name = 'ann'") +
+              SkipIn("t", "q", 1) + RunQuery("t", "delete from t") + SkipIn("t", "q", -0) +
+              Show("q", "n") + SkipIn("t", "q", 1) + Show("q", "n") + Show("q", "r") +
+              Show("q", "t") + Show("q", "x") + Show("q", "b") + SkipIn("t", "q", 1) +
+              Show("q", "x") + GoIn("t", "q", -2) + Show("q", "n") + SkipIn("t", "q", 1) +
+              Show("q", "eof") + GoIn("t", "q", 2) + Show("q", "t") + GoIn("t", "q", 1) +
+              Show("q", "eof")),
+      "2|3|1.5|text 3||b3|4|1000|1|text 2|1|");
+}
+
+TEST_F(SQLite, AValueHasAGreatestLength) {
+  EXPECT_EQ(
+      RunFirstPage(engine, SetType("sqlite") + Silent() + PersonsScript() +
+                               RunQuery("t", "select zeroblob(200000000)") + ShowError("QUERY")),
+      "Cannot run the query: string or blob too big|");
 }
 
 // Each request adds a record in a transaction that reads first, and changes another record.
@@ -181,6 +246,32 @@ TEST_F(SQLite, AFileThatWasRemovedIsNotUsedAnyMore) {
     std::filesystem::remove(engine.Path("data/t.dbf") + end);
   }
   EXPECT_EQ(engine.Get("/look.zpc").Body(), "Cannot open 't.dbf': unable to open database file||");
+  EXPECT_EQ(OpenFiles(), 0);
+}
+
+// A text of a megabyte takes a megabyte and more in SQLite.
+TEST_F(SQLite, LongStatementsAreNotKept) {
+  RunFirstPage(engine, SetType("sqlite") + PersonsScript());
+  engine.arguments = {"-t", "1"};
+  engine.Script("long.zpc", SetType("sqlite") + Silent() + OpenDatabase("t", "t.dbf") +
+                                "pushi 0\npopg i\n" + Push(std::string(900000, ' ')) +
+                                "popg blanks\nagain: " + Push("t") + Push("select ") +
+                                "pushg i\ncat\npushg blanks\ncat\n" + Push("") +
+                                "dbquery\nincg i, 1\npushg i\npushi 90\nlt\njmp_ne again\n" +
+                                ShowGlobal("i") + ShowError("QUERY"));
+  ASSERT_TRUE(engine.Start());
+  EXPECT_EQ(engine.Get("/long.zpc").Body(), "90||");
+  EXPECT_LT(engine.ResidentBytes(), 60L << 20);
+}
+
+// At each limit of memory another step fails. The process goes on, and no connection is lost.
+TEST_F(SQLite, MemoryThatIsRefusedEndsOnlyTheScript) {
+  if (kThreadSanitizer) GTEST_SKIP() << "there is no limit";
+  RunFirstPage(engine, SetType("sqlite") + PersonsScript());
+  engine.arguments = {"-t", "1"};
+  const int count = SweepMemory(&engine, SetType("sqlite"));
+  EXPECT_GT(count, 20);
+  EXPECT_LE(OpenFiles(), 3);
 }
 
 // It waits for a heartbeat.

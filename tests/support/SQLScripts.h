@@ -176,6 +176,12 @@ inline std::string GoIn(const std::string& database, const std::string& view, in
   return Push(database) + Push(view) + Push(position) + "dbgo\n";
 }
 
+// Changes the record that the view q of the database t is at, so that its query finds it no more.
+inline std::string ChangeEach() {
+  return Op("pushd", {"q", "id"}) + "popg id\n" + ShowGlobal("id") +
+         RunQuery("t", "update t set age = -1 where recno = ?", "id") + SkipIn("t", "q", 1);
+}
+
 inline std::vector<SQLCase> SQLCases() {
   return {
       {"a view of a query reads its rows in both directions",
@@ -261,7 +267,110 @@ inline std::vector<SQLCase> SQLCases() {
            OnView("dbupdate", "t") + Show("t", "age") + SetField("t", "eof", "5") +
            Show("t", "eof") + Skip("t", 0) + Show("t", "eof"),
        "bob|20|20|5|0|"},
+      {"what is stored before a field of the first record is read is written",
+       OpenDatabase("u", "t.dbf") + SetField("u", "name", "new") + Show("u", "age") +
+           Show("u", "name") + OnView("dbupdate", "u") + Skip("u", 0) + Show("u", "name"),
+       "30|new|new|"},
+      {"a view of a query goes on with the rows of before a change",
+       OpenView("t", "q", "select recno as id from t where coalesce(age, 0) >= 0 order by recno") +
+           ChangeEach() + ChangeEach() + ChangeEach() + Show("q", "eof") + GoIn("t", "q", -2) +
+           Show("q", "id") + SkipIn("t", "q", 1) + Show("q", "eof") +
+           OpenView("t", "n", "select count(*) as n from t where age = -1") + Show("n", "n"),
+       "1|2|3|1|3|1|3|"},
+      {"a view of a statement that changes something runs it once",
+       OpenView("t", "q", "insert into t (name) values ('dan'), ('eve') returning name") +
+           Show("q", "name") + GoIn("t", "q", -2) + Show("q", "name") + GoIn("t", "q", 1) +
+           SkipIn("t", "q", 1) + SkipIn("t", "q", -1) + Show("q", "name") + Show("q", "totrec") +
+           Show("t", "totrec"),
+       "dan|eve|dan|2|5|"},
+      {"the last row of a query is found from past the end",
+       OpenView("t", "q", "select name from t order by name") + GoIn("t", "q", 500) +
+           Show("q", "eof") + GoIn("t", "q", -2) + Show("q", "name") + Show("q", "recno"),
+       "1|cat|3|"},
+      {"a comment at the end hides nothing",
+       OpenView("t", "q", "select name from t -- all") + Show("q", "totrec") + Show("q", "name") +
+           OpenView("t", "c", "t where age > 0 -- known") + Show("c", "totrec") +
+           ShowAll("t", "c", {"name"}),
+       "3|ann|2|ann|; bob|; "},
+      {"an index of another table is not replaced, nor one whose new form is refused",
+       RunQuery("t", "create table other (x integer)") +
+           RunQuery("t", "create index t_age on other (x)") +
+           Op("dbmakeindex", {"t", "age.zix", "d.age", ""}) + ShowDone("MAKEINDEX") +
+           Op("dbmakeindex", {"t", "name.zix", "d.name", ""}) + ShowDone("MAKEINDEX") +
+           RunQuery("t", "insert into t (name) values ('ann')") +
+           Op("dbmakeindex", {"t", "name.zix", "d.name", "unique"}) + ShowDone("MAKEINDEX") +
+           Op("dbsetindex", {"t", "", "name.zix"}) + ShowDone("SETINDEX") + Push("t") +
+           "dbtransaction\n" + Op("dbmakeindex", {"t", "name.zix", "d.name", "unique"}) +
+           RunQuery("t", "delete from t where name = 'bob'") + Push("t") + "dbcommit\n" +
+           ShowDone("COMMIT") + Go("t", -1) + ShowAll("t", "", {"name"}) +
+           RunQuery("t", "drop table other"),
+       "0|1|0|1|1|ann|; ann|; cat|; "},
+      {"a record's number may be large",
+       RunQuery("t", "insert into t (recno, name) values (5000000000, 'far')") + Go("t", -2) +
+           Show("t", "recno") + Show("t", "name") + Op("pushd", {"t", "recno"}) +
+           "pushf 0.5\nadd\nout\n",
+       "5000000000|far|5000000000.5"},
+      {"a statement is not cut",
+       Push("t") + "pushc \"delete from t\\x00 where 1 = 0\"\n" + Push("") + "dbquery\n" +
+           ShowError("QUERY") + Push("t") + Push("q") +
+           "pushc \"select name from t\\x00 where 1 = 0\"\n" + Push("") + "dbopenview\n" +
+           ShowDone("OPENVIEW") + Show("t", "totrec"),
+       "Cannot run the query: it has a NUL byte|0|3|"},
+      {"a table's name may have a point",
+       CreateDatabase("d", "a.b.dbf", "x char(5)") + SetField("d", "x", "in") +
+           OnView("dbadd", "d") + ShowError("CREATE") + Show("d", "x") +
+           OpenView("d", "v", "\"a.b\"") + Show("v", "x") + OpenDatabase("e", "a.b.dbf") +
+           ShowError("OPEN") + Show("e", "x"),
+       "|in|in||in|"},
+      {"a key that is no value of the index is not found",
+       Op("dbmakeindex", {"t", "age.zix", "d.age", ""}) + Push("t") + "dbtransaction\n" +
+           Find("t", "abc") + ShowError("FIND") + Show("t", "eof") + Find("t", "2e1") +
+           Show("t", "name") + Push("t") + "dbcommit\n" + ShowError("COMMIT"),
+       "|1|bob||"},
+      {"a column that the database calculates is not copied",
+       RunQuery("t",
+                "create table m (id integer primary key, a integer, "
+                "b integer generated always as (a * 2) stored)") +
+           RunQuery("t", "insert into m (id, a) values (1, 4)") + OpenView("t", "m", "m") +
+           Op("dbdelete", {"t", "m"}) + Op("dbundelete", {"t", "m"}) + ShowError("UNDELETE") +
+           Show("m", "b") + SetField("m", "id", "2") + Op("dbadd", {"t", "m"}) + ShowError("ADD") +
+           Show("m", "id") + Show("m", "b"),
+       "|8||2|8|"},
   };
+}
+
+// Serves one page with many limits of memory, each of which lets it come a step further. The table
+// t is there. Returns how many requests had too little. The first step is what the engine itself
+// needs.
+inline int SweepMemory(EngineProcess* engine, const std::string& set_type) {
+  constexpr int kSteps = 1000, kStep = 128;
+  const std::string code =
+      set_type + Silent() + OpenDatabase("t", "t.dbf") + Show("t", "name") +
+      OpenView("t", "q", "select name from t where age > 0 order by 1") + SkipIn("t", "q", 1) +
+      SetField("t", "age", "31") + OnView("dbupdate", "t") + Skip("t", 1) + Show("t", "name") +
+      OpenView("t", "v", "t where age > 1") + Show("v", "totrec") + Op("dbcloseview", {"t", "q"}) +
+      Op("dbcloseview", {"t", "v"}) + Op("dbclose", {"t"});
+  for (int i = 0; i < kSteps; i++) {
+    const std::string name = "m" + std::to_string(i) + ".zpc";
+    engine->Script(name, code);
+    engine->settings += "[[script]]\nmatch = \"" + name +
+                        "\"\nmemory_limit = " + std::to_string((i + 1) * kStep) + "\n";
+  }
+  engine->Script("whole.zpc", code);
+  EXPECT_TRUE(engine->Start());
+  EXPECT_EQ(engine->Get("/whole.zpc").Body(), "ann|bob|2|");
+  int failures = 0;
+  for (int i = 0; i < kSteps && engine->Running(); i++) {
+    const std::string body = engine->Get(("/m" + std::to_string(i) + ".zpc").c_str()).Body();
+    failures += body.find("Out of memory") != std::string::npos;
+    // Each second time the connection is a new one, because the failure has ended the last one.
+    if (i % 2 == 0) {
+      EXPECT_EQ(engine->Get("/whole.zpc").Body(), "ann|bob|2|") << i;
+    }
+  }
+  EXPECT_TRUE(engine->Running());
+  EXPECT_EQ(engine->Get("/whole.zpc").Body(), "ann|bob|2|");
+  return failures;
 }
 
 #endif
