@@ -344,8 +344,13 @@ inline std::vector<SQLCase> SQLCases() {
 // needs.
 inline int SweepMemory(EngineProcess* engine, const std::string& set_type) {
   constexpr int kSteps = 1000, kStep = 128;
+  // A connection whose settings a script has changed is not kept, so each script has a new one.
+  const std::string begin =
+      set_type + Silent() + OpenDatabase("t", "t.dbf") +
+      RunQuery("t", set_type.find("sqlite") != std::string::npos ? "pragma foreign_keys = on"
+                                                                 : "select 1");
   const std::string code =
-      set_type + Silent() + OpenDatabase("t", "t.dbf") + Show("t", "name") +
+      begin + Show("t", "name") +
       OpenView("t", "q", "select name from t where age > 0 order by 1") + SkipIn("t", "q", 1) +
       SetField("t", "age", "31") + OnView("dbupdate", "t") + Skip("t", 1) + Show("t", "name") +
       OpenView("t", "v", "t where age > 1") + Show("v", "totrec") + Op("dbcloseview", {"t", "q"}) +
