@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "base/core/Limits.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "tests/support/CompiledFileBytes.h"
 #include "tests/support/FaultyFile.h"
@@ -51,6 +52,8 @@ TEST_F(CompiledFile, ASmallScriptLoads) {
 }
 
 TEST_F(CompiledFile, LoadingASmallScriptIsOneSeekAndOneRead) {
+  if (kCompiledFileWindow < 65536)
+    GTEST_SKIP() << "the window of this build is smaller than a script";
   ASSERT_EQ(LoadFails(Container(SmallScript())), "");
   EXPECT_EQ(manager.seeks, 1);
   EXPECT_EQ(manager.reads, 1);
@@ -213,8 +216,11 @@ TEST_F(CompiledFile, AFailingReadAtAnyPointIsCorrupt) {
   for (int n = 1; n <= seeks; n++) {
     SCOPED_TRACE(n);
     manager.fail_seek = n;
-    EXPECT_NE(LoadFails(content), "");
+    // With a small window, a seek may be for texts of a language, which a script can do without.
+    const bool loaded = LoadFails(content).empty();
     manager.fail_seek = 0;
+    if (loaded) UseEverything();
+    EXPECT_TRUE(!loaded || kCompiledFileWindow < 65536);
   }
   EXPECT_GT(reads, 7);
 }

@@ -5,6 +5,7 @@
 #include <climits>
 
 #include "base/compiled/TaggedFile.h"
+#include "base/core/Limits.h"
 #include "tests/support/CompiledFileBytes.h"
 #include "tests/support/FaultyFile.h"
 
@@ -166,14 +167,15 @@ TEST(Dictionary, AFullBlockIsFollowedByAnother) {
   EXPECT_NE(dictionary.Entry(3, nullptr), start) << "only the current block is searched";
 }
 
-TEST(Dictionary, ATextOf8192BytesGetsABlockOfTwiceThat) {
+TEST(Dictionary, ATextOfTheSizeOfABlockGetsABlockOfTwiceThat) {
+  constexpr size_t block = kDictionaryBlock;
   Dictionary dictionary;
-  Add(&dictionary, std::string(8192, 'a'));
+  Add(&dictionary, std::string(block, 'a'));
   const char* start = dictionary.Entry(0, nullptr);
-  Add(&dictionary, std::string(8192, 'b'));
-  EXPECT_EQ(dictionary.Entry(1, nullptr), start + 8192);
+  Add(&dictionary, std::string(block, 'b'));
+  EXPECT_EQ(dictionary.Entry(1, nullptr), start + block);
   Add(&dictionary, "c");
-  EXPECT_NE(dictionary.Entry(2, nullptr), start + 16384);
+  EXPECT_NE(dictionary.Entry(2, nullptr), start + 2 * block);
 }
 
 // --- The section ---------------------------------------------------------------------------------

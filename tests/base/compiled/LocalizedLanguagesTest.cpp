@@ -7,6 +7,7 @@
 
 #include "base/compiled/Dictionary.h"
 #include "base/compiled/TaggedFile.h"
+#include "base/core/Limits.h"
 #include "tests/support/CompiledFileBytes.h"
 #include "tests/support/FaultyFile.h"
 #include "tests/support/TestApplication.h"
@@ -152,6 +153,8 @@ TEST_F(Localized, AnIndexIsReadWhenItIsNeededAndTheFileGivenBack) {
 }
 
 TEST_F(Localized, AnIndexCostsOneSeekAndOneRead) {
+  if (kCompiledFileWindow < 65536)
+    GTEST_SKIP() << "the window of this build is smaller than a script";
   ASSERT_TRUE(Read(TwoLanguages()));
   file.Deactivate();
   manager.ResetCounts();

@@ -9,6 +9,7 @@
 #include <random>
 #include <string>
 
+#include "base/core/Limits.h"
 #include "base/host/FileDescriptor.h"
 #include "tests/base/systems/unix/FileFixture.h"
 
@@ -40,7 +41,7 @@ class FileWindowTest : public testing::Test {
 
 TEST_F(FileWindowTest, AFewReadsAreTheSystems) {
   Write(0, "0123456789");
-  for (int i = 0; i < 8; i++) EXPECT_FALSE(Read(2, 4));
+  for (int i = 0; i < kReadsBeforeMapping / 4; i++) EXPECT_FALSE(Read(2, 4));
 }
 
 TEST_F(FileWindowTest, ManyReadsAreCopies) {
