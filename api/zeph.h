@@ -1,5 +1,6 @@
 /* The interface between the engine and its extension libraries: the one header that a library
-   includes, for C11 and C++. docs/extensions.md explains how to write a library.
+   includes, for C11 and C++, which is why it is longer than other files. docs/extensions.md
+   explains how to write a library.
 
    A library is a shared object that exports one function, which returns a table:
 

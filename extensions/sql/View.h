@@ -19,6 +19,10 @@
 //
 // The fields of a view are made once. A move clears their values, and the engine asks for the
 // values that a script then reads.
+//
+// The file is longer than others because a view is one class, whose operations all work on the same
+// place. Its divisions: what the engine calls (moves, changes, indexes, fields), and after that the
+// fields, the place, the steps from row to row, and the statements of changes.
 
 #ifndef ZEPH_EXTENSIONS_SQL_VIEW_H
 #define ZEPH_EXTENSIONS_SQL_VIEW_H

@@ -9,6 +9,10 @@
 // A connection that is found dead is made again, but not in a transaction: there everything fails
 // until the transaction ends. A statement that was on its way when the connection died is sent
 // again only if it reads.
+//
+// The file is longer than others because each part of it knows the connection, and nothing else
+// does: columns and values, the connection with its link to the server, statements, how connections
+// are kept, and the library's table.
 
 #include <errno.h>
 #include <libpq-fe.h>

@@ -6,6 +6,9 @@
 // Each thread keeps the connections that its requests have used, with their statements. A database
 // that a script opens has one for itself until it is closed. A connection that is kept holds no
 // lock: its statements are reset and no transaction is open.
+//
+// The file is longer than others because statements and connections know one another, and nothing
+// else knows them. Its divisions: columns, statements, connections, and the library's table.
 
 #include <limits.h>
 #include <sqlite3.h>
