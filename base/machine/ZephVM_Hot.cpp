@@ -234,9 +234,14 @@ inline bool FindName(const Entry* entry, const Variable* structure, const char**
   return *text != nullptr;
 }
 
+// The end of a chain of references. Out of line, so that the usual case keeps its registers.
+[[gnu::noinline]] Variable* EndOf(Variable* variable) {
+  return variable->Real();
+}
+
 // The variable that has the value: that of a parameter by reference is the caller's.
 [[gnu::always_inline]] inline Variable* Referred(Variable* variable) {
-  return variable ? variable->Real() : nullptr;
+  return !variable || variable->IsPlain() ? variable : EndOf(variable);
 }
 
 // Whether a variable of a table, which may not exist yet, is a plain one.
@@ -394,7 +399,8 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // forms and is not an array, so only an action that uses a variable without testing these has to
 // wake it. Storing a number wakes it too.
 #define WAKE(variable) if ((variable)->IsAsleep()) [[unlikely]] (variable)->Wake();
-#define SECOND(record) VARIABLE_AT(0, (record)->second)
+// For the instructions on globals, which hardly ever are references: those go another way.
+#define SECOND_ROW(record) ROW_AT(0, (record)->second)
 // Store the end in the stack before its own operations, and reload what they may have changed. The
 // end is also stored before anything that allocates: if that throws, the stack frees the entries up
 // to there.
@@ -890,57 +896,57 @@ on_Jump:
 
 on_CompareConstant : {
   int order;
-  LEAVE_UNLESS(HAS_ROOM && FindOrder(VARIABLE(op), op->second, &order))
+  LEAVE_UNLESS(HAS_ROOM && FindOrder(ROW_OF(op), op->second, &order))
   PUSH(SetInteger(order - 1))
   NEXT(1)
 }
 on_CompareConstantJump : {
   int order;
-  LEAVE_UNLESS(HAS_ROOM && FindOrder(VARIABLE(op), op->second, &order))
+  LEAVE_UNLESS(HAS_ROOM && FindOrder(ROW_OF(op), op->second, &order))
   JUMP_IF(Jumps(op + 1, order), op + 1, 2)
 }
 on_CompareGlobals : {
   int order;
   LEAVE_UNLESS(HAS_ROOM)
-  if (!FindOrder(VARIABLE(op), SECOND(op), &order)) goto on_Handler;
+  if (!FindOrder(ROW_OF(op), SECOND_ROW(op), &order)) goto on_Handler;
   PUSH(SetInteger(order - 1))
   NEXT(1)
 }
 on_CompareGlobalsJump : {
   int order;
   LEAVE_UNLESS(HAS_ROOM)
-  if (!FindOrder(VARIABLE(op), SECOND(op), &order)) goto on_Handler;
+  if (!FindOrder(ROW_OF(op), SECOND_ROW(op), &order)) goto on_Handler;
   JUMP_IF(Jumps(op + 1, order), op + 1, 2)
 }
 on_ModGlobals : {
   int order, number;
-  LEAVE_UNLESS(HAS_ROOM && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
+  LEAVE_UNLESS(HAS_ROOM && IntegerOf(ROW_OF(op), &order) && IntegerOf(SECOND_ROW(op), &number) &&
                number != 0)
   PUSH(SetInteger(Remainder(order, number)))
   NEXT(1)
 }
 on_ModGlobalsJump : {
   int order, number;
-  LEAVE_UNLESS(HAS_ROOM && IntegerOf(VARIABLE(op), &order) && IntegerOf(SECOND(op), &number) &&
+  LEAVE_UNLESS(HAS_ROOM && IntegerOf(ROW_OF(op), &order) && IntegerOf(SECOND_ROW(op), &number) &&
                number != 0)
   JUMP_IF(Jumps(op + 1, OrderOf(Remainder(order, number), 0)), op + 1, 2)
 }
 on_Increment : {
   int number;
-  variable = VARIABLE(op);
+  variable = ROW_OF(op);
   LEAVE_UNLESS(IntegerOf(variable, &number))
   variable->Write_Integer(WrapAdd(number, op->second));
   NEXT(1)
 }
 on_IncrementCompareJump : {
-  variable = VARIABLE(op);
+  variable = ROW_OF(op);
   SINGLE_UNLESS(HAS_ROOM && variable && variable->HoldsInteger())
   const int number = WrapAdd(variable->plain_integer(), op->second);
   variable->Write_Integer(number);
   JUMP_IF(Jumps(op + 2, OrderOf(number, op[1].second)), op + 2, 3)
 }
 on_StoreConstant:
-  variable = VARIABLE(op);
+  variable = ROW_OF(op);
   LEAVE_UNLESS(variable && variable->IsPlain())
   variable->Write_Integer(op->second);
   NEXT(1)
@@ -1292,7 +1298,7 @@ on_Leave:
 #undef MADE_AT
 #undef VARIABLE_AT
 #undef VARIABLE
-#undef SECOND
+#undef SECOND_ROW
 #undef WAKE
 #undef TELL_STACK
 #undef ASK_STACK
