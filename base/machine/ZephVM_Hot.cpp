@@ -621,7 +621,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     LEAVE_UNLESS(variable->IsPlain() && IntegerIn(top - 1, &number) && number >= 1)        \
     TELL_STACK                                                                             \
     DenseSlot bare;                                                                        \
-    if (!create && VALUE_SUFFICES(op + 1) && variable->FindBare(number, &bare)) {          \
+    if (!(create) && VALUE_SUFFICES(op + 1) && variable->FindBare(number, &bare)) {        \
       if (bare.IsInteger()) REPLACE_TWO(SetInteger(bare.integer()))                        \
       else REPLACE_TWO(SetDouble(bare.number()))                                           \
       NEXT(1)                                                                              \
@@ -640,7 +640,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     WAKE(variable)                                                                         \
     TELL_STACK                                                                             \
     DenseSlot bare;                                                                        \
-    if (!create && VALUE_SUFFICES(op + 3) && variable->FindBare(number, &bare)) {          \
+    if (!(create) && VALUE_SUFFICES(op + 3) && variable->FindBare(number, &bare)) {        \
       if (bare.IsInteger()) PUSH(SetInteger(bare.integer()))                               \
       else PUSH(SetDouble(bare.number()))                                                  \
       NEXT(3)                                                                              \
