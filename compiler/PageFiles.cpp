@@ -19,8 +19,6 @@ namespace fs = std::filesystem;
 const char source_extension[] = ".zeph";
 const char compiled_extension[] = ".zpc";
 
-namespace {
-
 bool WriteAll(int descriptor, const std::string& bytes) {
   for (size_t done = 0; done < bytes.size();) {
     const ssize_t count = write(descriptor, bytes.data() + done, bytes.size() - done);
@@ -30,8 +28,6 @@ bool WriteAll(int descriptor, const std::string& bytes) {
   }
   return true;
 }
-
-}  // namespace
 
 bool ReadWholeFile(const fs::path& path, std::string* text) {
   // A pipe in the place of a file must not block.

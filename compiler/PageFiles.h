@@ -20,6 +20,9 @@ extern const char compiled_extension[];
 constexpr size_t kLargestFile = size_t{256} << 20;
 [[nodiscard]] bool ReadWholeFile(const std::filesystem::path& path, std::string* text);
 
+// Writes all bytes to a descriptor. Returns false, with errno set, if some could not be written.
+[[nodiscard]] bool WriteAll(int descriptor, const std::string& bytes);
+
 // Replaces a file in one step, so that an engine that runs it sees the old file or the new one.
 // Makes the folders on the way. Returns false, with errno set, and then the old file is unchanged.
 [[nodiscard]] bool WriteWholeFile(const std::filesystem::path& path, const std::string& bytes);

@@ -152,16 +152,6 @@ bool AreSame(Pieces* one, Pieces* other) {
   return true;
 }
 
-bool WriteAll(int descriptor, const std::string& bytes) {
-  for (size_t done = 0; done < bytes.size();) {
-    const ssize_t count = write(descriptor, bytes.data() + done, bytes.size() - done);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return false;
-    done += static_cast<size_t>(count);
-  }
-  return true;
-}
-
 // The folders of a path from the first one on, without the path itself.
 std::vector<std::string> ParentsOf(const std::string& name) {
   std::vector<std::string> parents;
