@@ -249,7 +249,7 @@ Outcome OutcomeOf(unsigned seed, bool cold) {
 }
 
 TEST(HotCode, RandomProgramsDoTheSameHotAndCold) {
-  for (unsigned seed = 1; seed <= 1000; seed++) {
+  for (unsigned seed = 1; seed <= Rounds(1000u); seed++) {
     SCOPED_TRACE(seed);
     const Outcome hot = OutcomeOf(seed, false);
     const Outcome cold = OutcomeOf(seed, true);
@@ -420,7 +420,7 @@ Outcome OutcomeOf(const std::string& program, bool cold) {
 }
 
 TEST(HotCode, RandomProgramTextsDoTheSameHotAndCold) {
-  for (unsigned seed = 1; seed <= 1000; seed++) {
+  for (unsigned seed = 1; seed <= Rounds(1000u); seed++) {
     const std::string program = RandomText(seed).Program();
     SCOPED_TRACE(testing::Message() << seed << "\n" << program);
     const Outcome hot = OutcomeOf(program, false);

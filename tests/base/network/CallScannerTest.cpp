@@ -11,6 +11,7 @@
 #include "tests/support/CallHost.h"
 #include "tests/support/CallModel.h"
 #include "tests/support/GrowthOfTime.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -259,7 +260,7 @@ TEST(CallScanner, RandomBodiesHaveTheElementsThatAModelFinds) {
   CallHost host;
   size_t elements = 0;
   size_t errors = 0;
-  const int bodies = 100000;
+  constexpr int bodies = Rounds(100000);
   for (int i = 0; i < bodies; i++) {
     const std::string body = RandomBody(random);
     std::set<size_t> cuts;
