@@ -136,9 +136,7 @@ void ZephVM::EndLibraryData() {
   }
 }
 
-// Deletes the frames above one that is kept, and all if that is null. There may be many frames, and
-// the variables of each may refer to those of the one below. The group keeps the time for releasing
-// such chains linear.
+// Deletes the frames above one that is kept, and all if that is null.
 void ZephVM::DeleteFrames(ZephVM_Frame* kept) {
   while (frame != kept) {
     ZephVM_Frame* previous = frame->previous;

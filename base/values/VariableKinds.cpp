@@ -14,12 +14,6 @@ ReferenceVariable::ReferenceVariable(const char* name, int length, Variable* tar
   if (target) target->IncRefCount();
 }
 
-ReferenceVariable::ReferenceVariable(SharedName* name, Variable* target) : Variable(name) {
-  state |= Reference;
-  reference = target;
-  if (target) target->IncRefCount();
-}
-
 ReferenceVariable::ReferenceVariable(const String& name, Variable* target,
                                      List<AggregateIndex>* path)
     : ReferenceVariable(name.data, name.length, target ? target->Element(path, 1) : nullptr) {}

@@ -12,7 +12,6 @@ class ReferenceVariable : public Variable {
  public:
   // Takes a count on the target; null makes a reference that reads as NULL and ignores writes.
   ReferenceVariable(const char* name, int length, Variable* target);
-  ReferenceVariable(SharedName* name, Variable* target);
   // Refers to the element of the target that the path names; a missing element is made.
   ReferenceVariable(const String& name, Variable* target, List<AggregateIndex>* path);
 };
