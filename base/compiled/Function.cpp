@@ -208,8 +208,8 @@ Function* FunctionManager::Function_Add(Function* function, const char* name, in
 }
 
 Function* FunctionManager::Enter(std::unique_ptr<Function> function, const char* name, int length) {
-  int count = table.count();
-  if (table.MakeRoom(FunctionGrowth)) ResizeEntries(&functions, count, table.capacity());
+  table.MakeRoom(FunctionGrowth, &functions);
+  const int count = table.count();
   Function* entered = function.get();
   functions[count] = std::move(function);
   table.Insert(name, length, [this](int i, int* bytes) { return NameOf(i, bytes); });

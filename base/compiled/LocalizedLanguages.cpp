@@ -80,8 +80,8 @@ const char* LocalizedIndex::NameOf(int entry, int* length) const {
 }
 
 int LocalizedIndex::Add_Entry(int token, int first) {
-  int count = table.count();
-  if (table.MakeRoom(TokenGrowth)) ResizeEntries(&entries, count, table.capacity());
+  table.MakeRoom(TokenGrowth, &entries);
+  const int count = table.count();
   entries[count] = {token, first};
   int length = 0;
   const char* name = NameOf(count, &length);
@@ -273,8 +273,8 @@ int LocalizedLanguages::NumberOf(int language) {
 }
 
 int LocalizedLanguages::Add_Entry(int language) {
-  int count = table.count();
-  if (table.MakeRoom(LanguageGrowth)) ResizeEntries(&entries, count, table.capacity());
+  table.MakeRoom(LanguageGrowth, &entries);
+  const int count = table.count();
   entries[count] = {language, nullptr};
   int length = 0;
   const char* name = NameOf(count, &length);

@@ -58,8 +58,8 @@ void StoredNameTable::MakeHeads() {
 }
 
 bool StoredNameTable::MakeRoom(int growth) {
-  if (chain && entry_count < chain_capacity) return false;
-  const int grown = entry_count >= chain_capacity ? chain_capacity + growth : chain_capacity;
+  if (HasRoom()) return false;
+  const int grown = GrownCapacity(growth);
   if (grown > chain_room || !chain) {
     const int room = std::max(grown, 2 * chain_room);
     auto larger = std::make_unique_for_overwrite<int[]>(static_cast<size_t>(room));
@@ -68,7 +68,6 @@ bool StoredNameTable::MakeRoom(int growth) {
     chain = std::move(larger);
     chain_room = room;
   }
-  // Where there is no memory, the table stays as it was.
   chain_capacity = grown;
   return true;
 }

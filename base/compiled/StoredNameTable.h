@@ -98,8 +98,19 @@ class StoredNameTable {
   }
 
   // Makes room for one more entry. Returns true if capacity() has changed or the first entry is
-  // about to come; the owner then resizes its own array to capacity() entries.
+  // about to come. Where there is no memory, the table stays as it was.
   bool MakeRoom(int growth);
+  // The same with an array of the owner, which has capacity() elements once there is an entry: the
+  // present ones are moved to a larger array, and the others are zero. The array and the table grow
+  // together or, where there is no memory, not at all.
+  template <class T>
+  void MakeRoom(int growth, std::unique_ptr<T[]>* entries) {
+    if (HasRoom()) return;
+    auto larger = std::make_unique<T[]>(static_cast<size_t>(GrownCapacity(growth)));
+    (void)MakeRoom(growth);
+    if (*entries) std::move(entries->get(), entries->get() + entry_count, larger.get());
+    *entries = std::move(larger);
+  }
 
   // Enters a name and returns its entry, whose index is the old count(). A name that equals an
   // older one comes after it in the chain and is never found. REQUIRES: MakeRoom was called before.
@@ -148,6 +159,10 @@ class StoredNameTable {
   static constexpr int LongChain = ZEPH_LIMIT(16, 2);
 
   bool IsEntry(int entry) const { return entry >= 0 && entry < entry_count; }
+  bool HasRoom() const { return chain && entry_count < chain_capacity; }
+  int GrownCapacity(int growth) const {
+    return entry_count >= chain_capacity ? chain_capacity + growth : chain_capacity;
+  }
   void MakeHeads();
 
   // Null if the chain has none.
@@ -214,13 +229,5 @@ class StoredNameTable {
   int chain_room = 0;  // links that there is memory for; doubles, while the capacity grows by steps
   int entry_count = 0;
 };
-
-// Resizes an owner's array to capacity entries: the first count are moved, the others are zero.
-template <class T>
-void ResizeEntries(std::unique_ptr<T[]>* entries, int count, int capacity) {
-  auto larger = std::make_unique<T[]>(static_cast<size_t>(capacity));
-  if (*entries) std::move(entries->get(), entries->get() + count, larger.get());
-  *entries = std::move(larger);
-}
 
 #endif

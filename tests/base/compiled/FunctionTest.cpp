@@ -4,10 +4,13 @@
 
 #include <climits>
 #include <memory>
+#include <new>
 
 #include "base/compiled/Dictionary.h"
 #include "base/compiled/TaggedFile.h"
+#include "base/core/ThreadMemory.h"
 #include "tests/support/CompiledFileBytes.h"
+#include "tests/support/FailingAllocator.h"
 #include "tests/support/FaultyFile.h"
 #include "tests/support/TestApplication.h"
 
@@ -202,6 +205,29 @@ TEST_F(FunctionTable, ACloneHasFunctionsOfItsOwn) {
   EXPECT_EQ(area->variables().Seek(-1, "b", 1, nullptr), 1);
   clone.Function_Add("more", -1, 0);
   EXPECT_EQ(functions.Functions(), 2);
+}
+
+// Each block of an addition is refused in its turn, until the addition succeeds. The table and its
+// array grow at the 65th function and at the 129th.
+TEST_F(FunctionTable, GrowsLaterIfThereIsNoMemory) {
+  if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
+  for (int i = 0; i < 200; i++) {
+    const std::string name = "f" + std::to_string(i);
+    for (long block = 1; functions.Functions() == i; block++) {
+      const FailingAllocator allocator(block, FailingAllocator::Once);
+      try {
+        Add(name, "a");
+      } catch (const std::bad_alloc&) {
+      }
+    }
+    ASSERT_EQ(functions.Functions(), i + 1);
+  }
+  for (int i = 0; i < 200; i++) {
+    Function* const found = Get("f" + std::to_string(i));
+    ASSERT_NE(found, nullptr) << i;
+    EXPECT_EQ(found, functions.Lookup(i));
+    EXPECT_EQ(ParametersOf(found), "[a 0]");
+  }
 }
 
 // --- The section ---------------------------------------------------------------------------------
