@@ -568,17 +568,21 @@ Function* ExpressionCompiler::FindFunction(const char* name, int length) {
   return BindExternal(name, length);
 }
 
-// A function of a library that no script has declared.
+// A function of a library that no script has declared. It is entered when it has all of its
+// parameters: memory may run out before that, and a later expression would find it with too few.
 Function* ExpressionCompiler::BindExternal(const char* name, int length) {
   ExternalCall* call = external_calls ? external_calls->Lookup_External(name, length) : nullptr;
   if (!call) return nullptr;
-  Function* function = functions->Function_Add(name, length, Function_External);
-  function->calldata = call;
+  auto made = std::make_unique<Function>(functions->Functions(), Function_External,
+                                         dictionary->Entry_Add(name, length), name, length, -1, -1,
+                                         dictionary);
+  made->calldata = call;
   const _ZP_EL_Function* row = call->descriptor();
   for (int i = 0; i < row->parametercount; i++) {
     const _ZP_EL_Parameter& parameter = row->parameters[i];
-    function->AddParameter(parameter.flags, parameter.name, parameter.namelength);
+    made->AddParameter(parameter.flags, parameter.name, parameter.namelength);
   }
+  Function* const function = functions->Function_Add(made.release(), name, length);
   if (parent_functions) parent_functions->Function_Add(function);
   return function;
 }

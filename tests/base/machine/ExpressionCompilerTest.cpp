@@ -5,8 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <new>
+
+#include "base/core/ThreadMemory.h"
 #include "base/machine/DoExpression.h"
 #include "tests/support/ExpressionMachine.h"
+#include "tests/support/FailingAllocator.h"
 #include "tests/support/LibraryFixture.h"
 
 namespace {
@@ -489,6 +493,48 @@ TEST_F(ExpressionLibraries, AFunctionOfALibraryNeedsNoDeclaration) {
   ASSERT_NE(parents, nullptr);
   EXPECT_TRUE(parents->flags() & Function_External);
   EXPECT_EQ(parents->parameters().Entries(), 2);
+}
+
+// Memory may run out while the function is bound. What is found later is whole.
+TEST_F(ExpressionLibraries, AFunctionOfALibraryHasItsParametersAlsoAfterABlockWasRefused) {
+  if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
+  _ZP_EL_Parameter parameters[] = {{"x", 1, 0}, {"y", 1, _ZP_EL_ByReference}};
+  _ZP_EL_Function rows[] = {{"Listed", 6, 2, parameters, &Nothing},
+                            {nullptr, 0, 0, nullptr, nullptr}};
+  _ZP_EL_FunctionTable table = {0, rows};
+  Exported<void*>("fake_function_table") = &table;
+  bool refused = true;
+  for (long block = 1; refused; block++) {
+    SCOPED_TRACE(block);
+    ExternalCallManager calls(&application);
+    ASSERT_TRUE(calls.RegisterDSO(fake.c_str()));
+    ExpressionMachine machine;
+    FunctionManager parent(&machine.dictionary, 8);
+    machine.calls = &calls;
+    machine.parent = &parent;
+    const std::string text = "listed(1, a)";
+    {
+      const FailingAllocator allocator(block, FailingAllocator::Once);
+      try {
+        ExpressionCompiler compiler(&calls, &machine.segments, &machine.dictionary,
+                                    &machine.functions, &parent, text.data(),
+                                    static_cast<int>(text.size()), nullptr, nullptr, 0, nullptr, 0,
+                                    0, machine.version);
+        (void)compiler.Run();
+      } catch (const std::bad_alloc&) {
+      }
+      refused = FailingAllocator::Refused();
+    }
+    EXPECT_EQ(machine.Code(text), "pushi 1; pushnc a; call listed");
+    Function* function = machine.functions.Function_Get("listed", -1);
+    ASSERT_NE(function, nullptr);
+    EXPECT_EQ(function->slots().size(), 2u);
+    // The parent's copy may be missing: it is made again where it is needed.
+    Function* parents = parent.Function_Get("listed", -1);
+    if (parents) {
+      EXPECT_EQ(parents->slots().size(), 2u);
+    }
+  }
 }
 
 // --- Source files and lines ----------------------------------------------------------------------
