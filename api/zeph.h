@@ -17,8 +17,9 @@
    What holds for all functions:
 
    1. A text is a pointer and a length in bytes, and may contain NUL bytes; a length of -1 means
-      strlen. An argument without a length, and every text of the zeph_ functions, ends at its NUL.
-      Not for a ZPLINKBUFFER, where -1 counts as 0, nor in zpFile_Write and zpNetwork_Write.
+      strlen, and a null text is an empty one. An argument without a length, and every text of the
+      zeph_ functions, ends at its NUL. Not for a ZPLINKBUFFER, where -1 counts as 0, nor in
+      zpFile_Write and zpNetwork_Write.
    2. Texts are copied, except where a function says otherwise.
    3. A const text that a function returns belongs to the object and is valid until the object's
       next change or read; *length receives its length in bytes. It may be null if its length is 0.
@@ -356,7 +357,8 @@ int zpVariable_SetValue_Variable(ZPVARIABLE variable, ZPVARIABLE source);
 /* Adopts a text from zpProgram_Allocate, in any case; allocated is the size that was allocated. */
 int zpVariable_SetValue_Nocopy(ZPVARIABLE variable, char* buffer, int length, int allocated);
 
-/* Returns 0 for no value, 1 integer, 2 double, 3 text, 4 structure, 5 array, -1 anything else. */
+/* Returns 0 for no value, 1 integer, 2 double, 3 text, 4 structure, 5 array, -1 anything else. The
+   field of a database may give 0 although it has a value; a copy of it has a type. */
 int zpVariable_Type(ZPVARIABLE variable);
 /* Returns 0 for a scalar, 1 for an array, 2 for a structure, -1 for anything else. */
 int zpVariable_Aggregate_Type(ZPVARIABLE variable);

@@ -197,8 +197,8 @@ int zpVariableList_Entries(ZPVARIABLELIST list) {
   return list->Entries();
 }
 ZPVARIABLE zpVariableList_Find(ZPVARIABLELIST list, const char* name, int length) {
-  // Other negative lengths match no name.
-  if (length == -1) length = MeasuredLength(name, -1);
+  // Other negative lengths match no name. A null name is the empty one.
+  if (length == -1 || !name) length = MeasuredLength(name, length);
   Variable* variable = list->First();
   while (variable && !HasName(variable, name, length)) variable = list->Next();
   return variable;

@@ -197,6 +197,12 @@ TEST_F(Misuse, NullTextsAreEmptyWhateverTheirLength) {
       zpVariable_Value(v, &bytes);
       EXPECT_EQ(bytes, 0);
       zpVariable_Free(v);
+      ZPVARIABLELIST list = zpVariableList_Allocate();
+      zpVariableList_SetVariable(list, "named", -1, "a", -1);
+      EXPECT_EQ(zpVariableList_Find(list, nullptr, length), nullptr);
+      zpVariableList_SetVariable(list, nullptr, length, "b", -1);
+      EXPECT_STREQ(zpVariable_Value(zpVariableList_Find(list, nullptr, length), nullptr), "b");
+      zpVariableList_Free(list);
       zpProgram_Free(program, zpProgram_Entity_Encode(program, nullptr, 0, nullptr, nullptr));
     }
     ZPLINKBUFFER buffer = zpLinkBuffer_Allocate(-5, 0);

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "api/zeph.h"
 #include "base/database/Database.h"
 #include "base/database/ExternalDatabase.h"
 #include "tests/support/DatabaseMachine.h"
@@ -89,6 +90,58 @@ std::string Filled() {
 }
 std::string Row() {
   return ShowField("n") + ShowField("x") + ShowField("t");
+}
+
+// --- Types ---------------------------------------------------------------------------------------
+
+// A field may have no type, because nothing was stored in it. A copy is a value of its own, and
+// always has one.
+TEST_F(MemoryLibrary, ACopyOfAFieldThatWasNotReadHasAType) {
+  Script script(&libraries, path);
+  script.Run(Filled() + CreateDatabase("x", "x.dbf", "n number(5), t char(5)") +
+             SetField("x", "n", "7") + SetField("x", "t", "seven") + OnView("dbadd", "x") +
+             Push("m") + Push("") + Push(1) + "dbgo\n" + Push("x") + Push("") + Push(1) + "dbgo\n");
+  const struct {
+    const char* view;
+    const char* field;
+    int type;
+    const char* text;
+  } cases[] = {{"m", "n", 1, "1"}, {"m", "x", 2, "1.5"},   {"m", "t", 3, "one"},
+               {"x", "n", 3, "7"}, {"x", "t", 3, "seven"}, {"x", "recno", 1, "1"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.view) + "." + c.field);
+    // Each way to copy begins with a field that was not read.
+    for (int way = 0; way < 4; way++) {
+      SCOPED_TRACE(way);
+      DatabaseView* const view = script.machine.vm().Databases().views_by_name.Find(c.view, 1);
+      ASSERT_NE(view, nullptr);
+      ASSERT_TRUE(view->Go_NoFilter(1));
+      ZPVARIABLE field = view->FindField(c.field, -1);
+      ASSERT_NE(field, nullptr);
+      ZPVARIABLE copy = zpVariable_Allocate("copy", -1, nullptr, 0);
+      if (way == 0) {
+        zpVariable_Free(copy);
+        copy = zpVariable_Allocate_Copy(field);
+      } else if (way == 1) {
+        zpVariable_SetValue_Variable(copy, field);
+      } else if (way == 2) {
+        zpVariable_SetValue_Variable(zpVariable_Array_Element(1, copy, 1), field);
+      } else {
+        ZPVARIABLE of_field = zpVariable_Allocate("reference", -1, nullptr, 0);
+        ZPVARIABLE array = zpVariable_Allocate("array", -1, nullptr, 0);
+        zpVariable_Make_Reference(of_field, field);
+        zpVariable_Set_Array_Element(1, of_field, array);
+        zpVariable_SetValue_Variable(copy, array);
+        zpVariable_Free(array);
+        zpVariable_Free(of_field);
+      }
+      ZPVARIABLE value = way < 2 ? copy : zpVariable_Array_Element(1, copy, 0);
+      ASSERT_NE(value, nullptr);
+      EXPECT_EQ(zpVariable_Type(value), c.type);
+      EXPECT_STREQ(zpVariable_Value(value, nullptr), c.text);
+      zpVariable_Free(copy);
+    }
+  }
 }
 
 // --- Versions ------------------------------------------------------------------------------------
