@@ -53,21 +53,10 @@ DatabaseVariableHash::~DatabaseVariableHash() {
 
 Variable* DatabaseVariableHash::Find(const char* name, int length) {
   length = MeasuredLength(name, length);
-  if (length < 1 || length > kRecentName) return HashTable<Variable>::Find(name, length);
-  const auto size = static_cast<size_t>(length);
-  const auto byte = [name](size_t i) { return static_cast<unsigned char>(name[i]); };
-  Recent& place = recent[(byte(0) + 3 * byte(size - 1) + size) % kRecent];
-  if (place.length == length && memcmp(place.name, name, size) == 0) return place.variable;
+  if (Variable* const known = recent.Find(name, length)) return known;
   Variable* const found = HashTable<Variable>::Find(name, length);
-  if (!found) return nullptr;
-  place.variable = found;
-  place.length = length;
-  memcpy(place.name, name, size);
+  if (found) recent.Keep(name, length, found);
   return found;
-}
-
-void DatabaseVariableHash::Forget() noexcept {
-  for (Recent& place : recent) place.length = 0;
 }
 
 void DatabaseVariableHash::Dump() {
@@ -91,7 +80,7 @@ int DatabaseVariableHash::Compare(Variable* variable, const char* key, int lengt
 // The storage stays the variable's own: Make_NULL changes what the object is for all of its
 // holders.
 void DatabaseVariableHash::Dereference() {
-  Forget();
+  recent.Forget();
   for (int i = 0; i < high_water; i++) {
     Variable* variable = std::exchange(slots[i], nullptr);
     if (!variable) continue;
@@ -108,8 +97,8 @@ void DatabaseVariableHash::Swap(DatabaseVariableHash& other) noexcept {
   std::swap(capacity, other.capacity);
   std::swap(high_water, other.high_water);
   std::swap(iterator, other.iterator);
-  Forget();
-  other.Forget();
+  recent.Forget();
+  other.recent.Forget();
 }
 
 // --- Views ---------------------------------------------------------------------------------------

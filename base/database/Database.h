@@ -6,7 +6,11 @@
 #ifndef ZEPH_BASE_DATABASE_H
 #define ZEPH_BASE_DATABASE_H
 
+#include <cstring>
+
 #include "base/core/BaseTemplates.h"
+#include "base/core/MeasuredLength.h"
+#include "base/core/SameBytes.h"
 #include "base/core/StringClass.h"
 #include "base/values/VariableKinds.h"
 
@@ -32,6 +36,76 @@ void MoveToFront(List<T>& list, T* item) {
   }
   list.Remove(ListCurrent);
 }
+
+// What was found under the few names that a script looks up again and again, in the spelling in
+// which it was looked up. Holds nothing; the owner forgets everything when an element leaves its
+// table.
+template <class T, int kPlaces>
+class RecentNames {
+ public:
+  // Returns null if the name is not remembered. REQUIRES: length is not -1.
+  T* Find(const char* name, int length) const {
+    if (length < 1 || length > kLongest) return nullptr;
+    const Place& place = places[Number(name, length)];
+    if (place.length != length) return nullptr;
+    return SameBytes(place.name, name, static_cast<size_t>(length)) ? place.element : nullptr;
+  }
+  // Does nothing for a name that is too long. REQUIRES: as above; element is not null.
+  void Keep(const char* name, int length, T* element) {
+    if (length < 1 || length > kLongest) return;
+    Place& place = places[Number(name, length)];
+    place.element = element;
+    place.length = length;
+    memcpy(place.name, name, static_cast<size_t>(length));
+  }
+  void Forget() noexcept {
+    for (Place& place : places) place.length = 0;
+  }
+
+ private:
+  static constexpr int kLongest = 16;  // bytes
+
+  struct Place {
+    T* element = nullptr;
+    int length = 0;
+    char name[kLongest];
+  };
+
+  static unsigned Number(const char* name, int length) {
+    const auto first = static_cast<unsigned char>(name[0]);
+    const auto last = static_cast<unsigned char>(name[length - 1]);
+    return (first + 3u * last + static_cast<unsigned>(length)) % kPlaces;
+  }
+
+  Place places[kPlaces];
+};
+
+// A table of names that remembers what it has found. The earliest element of a name stays the
+// earliest when others are added, so only a removal makes it forget.
+template <class T, class KeyOf>
+class RememberingTable : public NamedHashTable<T, KeyOf> {
+ public:
+  using NamedHashTable<T, KeyOf>::NamedHashTable;
+
+  T* Find(const char* name, int length) {
+    length = MeasuredLength(name, length);
+    if (T* const known = recent.Find(name, length)) return known;
+    T* const found = NamedHashTable<T, KeyOf>::Find(name, length);
+    if (found) recent.Keep(name, length, found);
+    return found;
+  }
+  T* Remove(const char* name, int length) {
+    recent.Forget();
+    return NamedHashTable<T, KeyOf>::Remove(name, length);
+  }
+  void Dump() override {
+    recent.Forget();
+    NamedHashTable<T, KeyOf>::Dump();
+  }
+
+ private:
+  RecentNames<T, 8> recent;
+};
 
 // The variables of the current record by name, without regard to case. The table holds one count on
 // each. The names are the variables' own, because fields have no number in a script's dictionary.
@@ -61,20 +135,8 @@ class DatabaseVariableHash : public HashTable<Variable> {
   using HashTable<Variable>::hash;
 
  private:
-  static constexpr int kRecent = 32;
-  static constexpr int kRecentName = 16;  // bytes; longer names are not remembered
-
-  struct Recent {
-    Variable* variable = nullptr;
-    int length = 0;
-    char name[kRecentName];  // as it was looked up
-  };
-
-  void Forget() noexcept;
-
-  // Each is what a search for that name gives: the earliest variable of a name stays the earliest
-  // when others are added, and Forget is called where variables leave the table.
-  Recent recent[kRecent];
+  // Find is not the base's, so it forgets wherever a variable leaves the table.
+  RecentNames<Variable, 32> recent;
 };
 
 // One view: a current record and the way to other records. The engine makes it and registers it
@@ -148,7 +210,7 @@ struct DatabaseViewName {
     return KeyText(view->name().data, view->name().length);
   }
 };
-using DatabaseViewTable = NamedHashTable<DatabaseView, DatabaseViewName>;
+using DatabaseViewTable = RememberingTable<DatabaseView, DatabaseViewName>;
 
 // One open database of a script's run. The machine's instructions make it, own it and delete it.
 // Operations return false after a failure, with the text in error(). The order of fields and
@@ -262,7 +324,7 @@ struct DatabaseName {
     return KeyText(database->name().data, database->name().length);
   }
 };
-using DatabaseTable = NamedHashTable<Database, DatabaseName>;
+using DatabaseTable = RememberingTable<Database, DatabaseName>;
 
 // The open databases of a machine's family: the machine that has no parent, its children, and
 // theirs. The first machine owns it.

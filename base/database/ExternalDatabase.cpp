@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 
+#include "base/database/PassedText.h"
 #include "base/machine/ZephVM.h"
 
 namespace {
@@ -16,17 +17,6 @@ constexpr int kTransactions = 2;
 constexpr int kNames = 3;
 constexpr int kCommands = 5;
 constexpr int kFreeData = 6;
-
-// A text argument with a NUL at its end, which texts from the stack need not have. It is a copy
-// also because the library may run code that changes the variable it comes from.
-struct Text {
-  Text(const char* bytes, int length) : text(bytes, length) {}
-
-  const char* data() const { return text.data; }
-  int length() const { return text.length; }
-
-  String text;
-};
 
 String LibraryText(const char* text) {
   return String(text, -1);
@@ -85,7 +75,7 @@ bool ExternalDatabase::Open(const char* path, int pathlength, int, int*, const c
                             int*, const char* fourth, int fourthlength, int, int*,
                             const char* fifth, int fifthlength, int, int*) {
   const char unsupported[] = "ZpOPEN is an Unsupported Operation";
-  const Text a(path, pathlength), b(name, namelength), c(third, thirdlength),
+  const PassedText a(path, pathlength), b(name, namelength), c(third, thirdlength),
       d(fourth, fourthlength), e(fifth, fifthlength);
   if (descriptor->version >= kNames) {
     return Call(descriptor->open, unsupported, a.data(), a.length(), b.data(), b.length(), c.data(),
@@ -103,7 +93,7 @@ bool ExternalDatabase::Create(const char* path, int pathlength, int, int*, const
                               int namelength, int, int*, const char* specification,
                               int specificationlength, int, int*) {
   const char unsupported[] = "ZpCREATE is an Unsupported Operation";
-  const Text a(path, pathlength), b(name, namelength), c(specification, specificationlength);
+  const PassedText a(path, pathlength), b(name, namelength), c(specification, specificationlength);
   if (descriptor->version >= kNames) {
     return Call(descriptor->create, unsupported, a.data(), a.length(), b.data(), b.length(),
                 c.data(), c.length());
@@ -124,13 +114,13 @@ bool ExternalDatabase::Close() {
 }
 
 bool ExternalDatabase::OpenIndexes(ZephVM* machine, const char* list, int length, int, int*) {
-  const Text names(list, length);
+  const PassedText names(list, length);
   return Call(descriptor->openindexes, "ZpOPEN with INDEXES attribute is an Unsupported Operation",
               machine, names.data(), names.length());
 }
 
 bool ExternalDatabase::SetPrimaryIndex(const char* name, int length, int, int*) {
-  const Text index(name, length);
+  const PassedText index(name, length);
   return Call(descriptor->setprimaryindex,
               "ZpPRIMARY with INDEXES attribute is an Unsupported Operation", index.data(),
               index.length());
@@ -139,7 +129,7 @@ bool ExternalDatabase::SetPrimaryIndex(const char* name, int length, int, int*) 
 bool ExternalDatabase::CreateIndex(ZephVM* machine, const char* path, int pathlength, int, int*,
                                    const char* expression, int expressionlength, int, int*,
                                    const char* flags, int flagslength, int, int*) {
-  const Text a(path, pathlength), b(expression, expressionlength), c(flags, flagslength);
+  const PassedText a(path, pathlength), b(expression, expressionlength), c(flags, flagslength);
   return Call(descriptor->createindex, "ZpMAKEINDEX is an Unsupported Operation", machine, a.data(),
               a.length(), b.data(), b.length(), c.data(), c.length());
 }
@@ -154,7 +144,7 @@ bool ExternalDatabase::Reindex() {
 
 bool ExternalDatabase::OpenView(const char* name, int namelength, int, int*, const char* query,
                                 int querylength, int, int*, VariableList* variables, int count) {
-  const Text a(name, namelength), b(query, querylength);
+  const PassedText a(name, namelength), b(query, querylength);
   return Call(descriptor->openview, "ZpOPENVIEW is an Unsupported Operation", a.data(), a.length(),
               b.data(), b.length(), variables, count);
 }
@@ -178,7 +168,7 @@ bool ExternalDatabase::CloseView(const char* name, int length, int, int*) {
 
 bool ExternalDatabase::RunQuery(const char* query, int length, int, int*, VariableList* variables,
                                 int count) {
-  const Text text(query, length);
+  const PassedText text(query, length);
   return Call(descriptor->runquery, "ZpRUNQUERY is an Unsupported Operation", text.data(),
               text.length(), variables, count);
 }
@@ -202,7 +192,7 @@ bool ExternalDatabase::Command(const char* command, int commandlength, int, int*
                                const char* arguments, int argumentslength, int, int*) {
   const char unsupported[] = "ZpDBCOMMAND is an unsupported operation";
   if (descriptor->version < kCommands) return Fail(unsupported);
-  const Text a(command, commandlength), b(arguments, argumentslength);
+  const PassedText a(command, commandlength), b(arguments, argumentslength);
   return Call(descriptor->command, unsupported, a.data(), a.length(), b.data(), b.length());
 }
 
@@ -280,7 +270,7 @@ bool ExternalDatabaseView::Go_NoFilter(long position) {
 }
 
 bool ExternalDatabaseView::Find_NoFilter(const char* key, int length, int, int*, int exact) {
-  const Text text(key, length);
+  const PassedText text(key, length);
   return Call(descriptor->view_find, "ZpFIND is an Unsupported Operation", text.data(),
               text.length(), exact);
 }
@@ -314,13 +304,13 @@ bool ExternalDatabaseView::Update() {
 }
 
 bool ExternalDatabaseView::Filter(ZephVM* machine, const char* expression, int length, int, int*) {
-  const Text text(expression, length);
+  const PassedText text(expression, length);
   return Call(descriptor->view_filter, "ZpFILTER is an Unsupported Operation", machine, text.data(),
               text.length());
 }
 
 bool ExternalDatabaseView::RevealStructure_Table(const char* path, int length, int, int*) {
-  const Text text(path, length);
+  const PassedText text(path, length);
   return Call(descriptor->view_revealstructure_table,
               "ZpREVEALSTRUCTURE is an Unsupported Operation", text.data(), text.length());
 }
@@ -344,8 +334,9 @@ int ExternalDatabaseView::Commit() {
   const VariableCall running(this);
   int done = 1;
   for (int i = 0; i < fields.Entries(); i++) {
-    Variable* const field = fields.Index(i);
-    if (field && !static_cast<ExternalDatabaseVariable*>(field)->Commit()) done = 0;
+    auto* const field = static_cast<ExternalDatabaseVariable*>(fields.Index(i));
+    // After each move most fields have nothing to pass on.
+    if (field && field->HasStore() && !field->Commit()) done = 0;
   }
   return done;
 }

@@ -185,7 +185,7 @@ class ExternalDatabaseView : public DatabaseView {
 // A variable that was not read yet has no valid form, so IsNULL() is 1 until then.
 //
 // The order of fields and virtual operations must not change.
-class ExternalDatabaseVariable : public Variable {
+class ExternalDatabaseVariable final : public Variable {
  public:
   ExternalDatabaseVariable(ExternalDatabaseView* view, const char* name, int length,
                            const _ZP_EL_Database* descriptor, void* data);
@@ -216,6 +216,8 @@ class ExternalDatabaseVariable : public Variable {
   // Passes a stored value, or the text of an array or structure, to the library. Returns 1, or 0 if
   // the library refuses it or has no function for it. The variable stays dirty.
   virtual int Commit();
+  // Whether Commit has a value to pass.
+  bool HasStore() const { return (dirty_flag || elements) && !redirected() && owner; }
   // Ask the library for one form. Return 1 if it is valid afterwards, else 0.
   virtual int Get_Integer();
   virtual int Get_Double();

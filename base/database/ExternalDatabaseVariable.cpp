@@ -6,6 +6,7 @@
 #include "base/core/MeasuredLength.h"
 #include "base/core/Numbers.h"
 #include "base/database/ExternalDatabase.h"
+#include "base/database/PassedText.h"
 #include "base/host/ZephApplication.h"
 #include "base/values/VariableRef.h"
 
@@ -218,8 +219,8 @@ int ExternalDatabaseVariable::Get_String() {
 // The library gets a copy, because it may run code that stores in this variable.
 int ExternalDatabaseVariable::CommitText(const String& text) {
   if (!descriptor->variable_set_string) return 0;
-  const String copy(text);
-  return descriptor->variable_set_string(this, copy.data, copy.length) != 0;
+  const PassedText copy(text.data, text.length);
+  return descriptor->variable_set_string(this, copy.data(), copy.length()) != 0;
 }
 
 int ExternalDatabaseVariable::Commit() {
