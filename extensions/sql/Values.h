@@ -115,8 +115,7 @@ inline std::vector<std::string_view> SplitList(std::string_view list) {
   }
 }
 
-// What a script has in a variable. A copy of a field that had not been read before is of no type,
-// but has a value.
+// What a script has in a variable. A field of a database may be of no type, but have a value.
 inline void FromVariable(ZPVARIABLE variable, Value* value) {
   switch (zpVariable_Type(variable)) {
     case 1: value->SetInteger(zpVariable_Value_Integer(variable)); break;
@@ -168,11 +167,12 @@ inline bool IsDate(std::string_view text) {
   return day >= 1 && day <= days;
 }
 
-// Writes a number with that many decimals, up to 30.
-inline void SetRealText(double value, int decimals, std::string* text) {
+// The text of a number with that many decimals, up to 30. It is in the buffer, which has room for
+// kRealText bytes.
+constexpr size_t kRealText = 400;
+inline std::string_view RealText(double value, int decimals, char* buffer) {
   static constexpr int64_t kPowers[] = {1,      10,      100,      1000,      10000,
                                         100000, 1000000, 10000000, 100000000, 1000000000};
-  char buffer[400];
   // Most numbers of such a column have no more decimals than it. Then the digits are those of a
   // whole number, which are found much sooner.
   if (decimals < 10 && value > -1e6 && value < 1e6) {
@@ -180,22 +180,26 @@ inline void SetRealText(double value, int decimals, std::string* text) {
     const double scaled = value * static_cast<double>(power);
     const auto whole = static_cast<int64_t>(scaled < 0 ? scaled - 0.5 : scaled + 0.5);
     if (whole != 0 && static_cast<double>(whole) / static_cast<double>(power) == value) {
-      char* const end = buffer + sizeof buffer;
-      char* at = end;
-      uint64_t rest = static_cast<uint64_t>(whole < 0 ? -whole : whole);
-      for (int i = 0; i < decimals || rest > 0 || i == decimals; i++) {
-        if (i == decimals && decimals > 0) *--at = '.';
-        *--at = static_cast<char>('0' + rest % 10);
-        rest /= 10;
+      // The digits have room before them for zeros, the sign and the point.
+      char* const digits = buffer + 16;
+      char* const end = std::to_chars(digits, buffer + kRealText, whole < 0 ? -whole : whole).ptr;
+      char* begin = digits;
+      while (end - begin <= decimals) *--begin = '0';
+      if (decimals > 0) {
+        char* const point = end - decimals - 1;
+        for (char* at = --begin; at < point; at++) *at = at[1];
+        *point = '.';
       }
-      if (whole < 0) *--at = '-';
-      text->assign(at, end);
-      return;
+      if (whole < 0) *--begin = '-';
+      return {begin, static_cast<size_t>(end - begin)};
     }
   }
-  const int length = snprintf(buffer, sizeof buffer, "%.*f", decimals, value);
-  text->assign(buffer,
-               static_cast<size_t>(std::clamp(length, 0, static_cast<int>(sizeof buffer) - 1)));
+  const int length = snprintf(buffer, kRealText, "%.*f", decimals, value);
+  return {buffer, static_cast<size_t>(std::clamp(length, 0, static_cast<int>(kRealText) - 1))};
+}
+inline void SetRealText(double value, int decimals, std::string* text) {
+  char buffer[kRealText];
+  text->assign(RealText(value, decimals, buffer));
 }
 
 // A query of a script with the parameters that it names.

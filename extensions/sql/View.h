@@ -64,7 +64,10 @@ class View {
     View* view;
     int column;
     ZPDATABASEVARIABLE handle = nullptr;
-    bool is_read = false;  // the engine may have a value
+    bool is_read = false;   // the engine may have a value
+    bool is_known = false;  // it has `known`, which is one of the four
+    int known = 0;
+    int passed = 0;  // values that it got in a row without asking for one
   };
   static constexpr int kRecord = -1, kRecords = -2, kDeleted = -3, kEnd = -4;
 
@@ -331,6 +334,7 @@ class View {
   void BeginRead(Field* field) {
     Settle();
     Note(field);
+    field->passed = 0;
   }
   void Note(Field* field) {
     if (field->is_read) return;
@@ -436,6 +440,7 @@ class View {
   // written.
   Value* Store(Field* field) {
     Note(field);
+    field->is_known = false;
     if (field->column < 0 || is_refreshing) return nullptr;
     stored[Place(field->column)] = true;
     return &pending[Place(field->column)];
@@ -467,6 +472,7 @@ class View {
   static constexpr int kLongestText = 0x7FFFFFFF - 1;
   static constexpr size_t kShortText = 256;  // bytes
   static constexpr int kLargestBlock = 512;
+  static constexpr int kMostPassed = 32;  // values that a field gets without a question
 
   int Fail(std::string text) {
     error = std::move(text);
@@ -509,22 +515,33 @@ class View {
     is_refreshing = false;
     size_t kept = 0;
     for (Field* const field : read) {
-      field->is_read =
-          zpVariable_NextIdentity(AsVariable(field->handle)) == AsVariable(field->handle) &&
-          PassOn(field);
+      field->is_read = HasItsValue(field) || (zpVariable_NextIdentity(AsVariable(field->handle)) ==
+                                                  AsVariable(field->handle) &&
+                                              PassOn(field));
       if (field->is_read) read[kept++] = field;
     }
     read.resize(kept);
+  }
+  // Whether the engine has the field's value already: the end of the rows, for example, comes once.
+  bool HasItsValue(const Field* field) {
+    int64_t number;
+    return field->is_known && GetOwn(field->column, &number) && number == field->known;
   }
   // Returns whether the field has a value afterwards.
   bool PassOn(Field* field) {
     ZPVARIABLE variable = AsVariable(field->handle);
     bool has_value = true;
     int number;
+    field->is_known = false;
     if (field->column >= 0) {
-      has_value = row == Row::Live && PassOnColumn(variable, field->column);
+      // A script may not read it any more. So now and then it gets no value, and loses its place if
+      // the engine does not ask then.
+      const bool has_room = field->passed++ < kMostPassed;
+      has_value = has_room && row == Row::Live && PassOnColumn(variable, field->column);
     } else if (field->column != kRecords && GetInteger(field->column, &number)) {
       zpVariable_SetValue_Integer(variable, number);
+      field->is_known = true;
+      field->known = number;
     } else {
       has_value = false;
     }
@@ -536,6 +553,7 @@ class View {
   bool PassOnColumn(ZPVARIABLE variable, int column) {
     const Column& of = table.columns[Place(column)];
     Cell cell;
+    char number[kRealText];
     rows->Read(InRows(column), &cell);
     std::string_view text = cell.text;
     switch (cell.kind) {
@@ -549,8 +567,7 @@ class View {
         return true;
       case Kind::Real:
         if (!of.decimal) return false;
-        SetRealText(cell.real, of.decimals, &scratch.text);
-        text = scratch.text;
+        text = RealText(cell.real, of.decimals, number);
         break;
       case Kind::Text:
         if (of.boolean) return false;
@@ -627,6 +644,9 @@ class View {
     has_order = false;
     if (by_query) {
       record_number = rows->number();
+    } else if (table.key_column < 0 && !table.key.empty()) {
+      // The database's own key is a whole number.
+      place.SetInteger(rows->Integer(0));
     } else {
       rows->Get(0, &place);
     }
@@ -802,21 +822,21 @@ class View {
   std::string Mark(size_t before_last) const { return MarkOf(start.size() - before_last); }
 
   static bool IsKey(Rows& rows, int column, std::string_view key, bool exact) {
-    Value value;
-    rows.Get(column, &value);
+    Cell cell;
+    rows.Read(column, &cell);
     double wanted;
-    switch (value.kind) {
+    switch (cell.kind) {
       case Kind::Null: return false;
       case Kind::Integer:
-        return ReadNumber(key, &wanted) && wanted == static_cast<double>(value.integer);
-      case Kind::Real: return ReadNumber(key, &wanted) && wanted == value.real;
+        return ReadNumber(key, &wanted) && wanted == static_cast<double>(cell.integer);
+      case Kind::Real: return ReadNumber(key, &wanted) && wanted == cell.real;
       default: break;
     }
     double number;
-    if (rows.columns()[static_cast<size_t>(column)].decimal && ReadNumber(value.text, &number)) {
+    if (rows.columns()[static_cast<size_t>(column)].decimal && ReadNumber(cell.text, &number)) {
       return ReadNumber(key, &wanted) && wanted == number;
     }
-    return exact ? value.text == key : std::string_view(value.text).starts_with(key);
+    return exact ? cell.text == key : cell.text.starts_with(key);
   }
 
   // Whether a key is a value of the column's type. For a whole number it becomes one.

@@ -155,42 +155,25 @@ class ResultRows : public Rows {
  public:
   Kind kind(int column) override {
     if (PQgetisnull(result.get(), row, column)) return Kind::Null;
-    switch (PQftype(result.get(), column)) {
-      case kBool:
-      case kInt2:
-      case kInt4:
-      case kInt8:
-      case kOid: return Kind::Integer;
-      case kFloat4:
-      case kFloat8: return Kind::Real;
-      case kBytea: return Kind::Blob;
-      case kNumeric: return IsWhole(Raw(column)) ? Kind::Integer : Kind::Text;
-      default: return Kind::Text;
-    }
+    return KindOf(PQftype(result.get(), column), Raw(column));
   }
   int64_t Integer(int column) override {
-    const std::string_view text = Raw(column);
-    if (PQftype(result.get(), column) == kBool) return text == "t";
-    int64_t value = 0;
-    std::from_chars(text.data(), text.data() + text.size(), value);
-    return value;
+    return IntegerIn(Raw(column), PQftype(result.get(), column));
   }
-  double Real(int column) override {
-    const std::string_view text = Raw(column);
-    double value = 0;
-    std::from_chars(text.data(), text.data() + text.size(), value);
-    return value;
-  }
+  double Real(int column) override { return RealIn(Raw(column)); }
   std::string_view Text(int column) override {
+    return TextIn(Raw(column), PQftype(result.get(), column));
+  }
+  void Read(int column, Cell* cell) override {
     const std::string_view text = Raw(column);
-    switch (PQftype(result.get(), column)) {
-      case kBytea: return Bytea(text);
-      // Eight digits, as fields of the type date have them.
-      case kDate:
-        if (text.size() != 10 || text[4] != '-' || text[7] != '-') return text;
-        scratch.assign(text.substr(0, 4)).append(text.substr(5, 2)).append(text.substr(8));
-        return scratch;
-      default: return text;
+    const Oid type = PQftype(result.get(), column);
+    cell->kind =
+        text.empty() && PQgetisnull(result.get(), row, column) ? Kind::Null : KindOf(type, text);
+    switch (cell->kind) {
+      case Kind::Null: break;
+      case Kind::Integer: cell->integer = IntegerIn(text, type); break;
+      case Kind::Real: cell->real = RealIn(text); break;
+      default: cell->text = TextIn(text, type); break;
     }
   }
   const Columns& columns() override {
@@ -215,8 +198,44 @@ class ResultRows : public Rows {
   int row = -1;
 
  private:
+  static Kind KindOf(Oid type, std::string_view text) {
+    switch (type) {
+      case kBool:
+      case kInt2:
+      case kInt4:
+      case kInt8:
+      case kOid: return Kind::Integer;
+      case kFloat4:
+      case kFloat8: return Kind::Real;
+      case kBytea: return Kind::Blob;
+      case kNumeric: return IsWhole(text) ? Kind::Integer : Kind::Text;
+      default: return Kind::Text;
+    }
+  }
+  static int64_t IntegerIn(std::string_view text, Oid type) {
+    if (type == kBool) return text == "t";
+    int64_t value = 0;
+    std::from_chars(text.data(), text.data() + text.size(), value);
+    return value;
+  }
+  static double RealIn(std::string_view text) {
+    double value = 0;
+    std::from_chars(text.data(), text.data() + text.size(), value);
+    return value;
+  }
+  std::string_view TextIn(std::string_view text, Oid type) {
+    if (type == kBytea) return Bytea(text);
+    // Eight digits, as fields of the type date have them.
+    if (type != kDate || text.size() != 10 || text[4] != '-' || text[7] != '-') return text;
+    text.copy(day, 4);
+    text.copy(day + 4, 2, 5);
+    text.copy(day + 6, 2, 8);
+    return {day, sizeof day};
+  }
   static bool IsWhole(std::string_view text) {
-    return text.size() <= 18 && text.find_first_not_of("-0123456789") == std::string_view::npos;
+    return text.size() <= 18 && std::all_of(text.begin(), text.end(), [](char c) {
+             return (c >= '0' && c <= '9') || c == '-';
+           });
   }
   static int Digit(char c) { return c >= 'a' ? c - 'a' + 10 : c - '0'; }
   // "\x", and two digits for each byte.
@@ -229,6 +248,7 @@ class ResultRows : public Rows {
   }
 
   std::string scratch;
+  char day[8];
   Columns described;
 };
 

@@ -116,6 +116,7 @@ class Statement final : public Rows {
   void Reset() {
     Restart();
     bound = nullptr;
+    if (kept.empty() && stored.starts.empty() && !stored.is_whole) return;
     kept = Values();
     stored = Stored();
   }
@@ -332,7 +333,13 @@ class SQLite final : public Connection {
   bool is_own = true;      // the statement that is prepared is the library's
   bool is_marked = false;  // the script has changed something of the connection itself
   bool has_left = false;
-  std::unordered_map<std::string, std::unique_ptr<Statement>, TextHash, std::equal_to<>> statements;
+  using Statements =
+      std::unordered_map<std::string, std::unique_ptr<Statement>, TextHash, std::equal_to<>>;
+  Statements statements;
+  // What was found last for a text of that length: a text is long, and to find it by its hash takes
+  // longer than to compare it. Null where nothing is known.
+  static constexpr size_t kRecent = 16;
+  Statements::value_type* recent[kRecent] = {};
 };
 
 thread_local std::vector<std::unique_ptr<SQLite>> idle_connections;
@@ -560,10 +567,15 @@ int SQLite::Authorize(void* self, int action, const char* first, const char* sec
 }
 
 Statement* SQLite::Prepare(const std::string& text, bool own) {
-  const auto found = statements.find(std::string_view(text));
-  if (found != statements.end() && !found->second->is_in_use) {
-    found->second->is_in_use = true;
-    return found->second.get();
+  Statements::value_type*& last = recent[text.size() % kRecent];
+  if (!last || last->first != text) {
+    const auto found = statements.find(std::string_view(text));
+    last = found != statements.end() ? &*found : nullptr;
+  }
+  const bool is_there = last != nullptr;
+  if (is_there && !last->second->is_in_use) {
+    last->second->is_in_use = true;
+    return last->second.get();
   }
   if (text.find('\0') != std::string::npos) {
     Fail("it has a NUL byte");
@@ -594,8 +606,9 @@ Statement* SQLite::Prepare(const std::string& text, bool own) {
     return nullptr;
   }
   statement->is_in_use = true;
-  if (found == statements.end() && text.size() <= kLongestKept) {
+  if (!is_there && text.size() <= kLongestKept) {
     if (statements.size() >= kMostStatements) {
+      std::fill(std::begin(recent), std::end(recent), nullptr);
       std::erase_if(statements, [](const auto& each) { return !each.second->is_in_use; });
     }
     statement->is_kept = true;

@@ -176,6 +176,13 @@ inline std::string GoIn(const std::string& database, const std::string& view, in
   return Push(database) + Push(view) + Push(position) + "dbgo\n";
 }
 
+// Single steps of a view of the database t, without reading a field.
+inline std::string SkipEach(const std::string& view, int count) {
+  std::string code;
+  for (int i = 0; i < count; i++) code += SkipIn("t", view, 1);
+  return code;
+}
+
 // Changes the record that the view q of the database t is at, so that its query finds it no more.
 inline std::string ChangeEach() {
   return Op("pushd", {"q", "id"}) + "popg id\n" + ShowGlobal("id") +
@@ -305,6 +312,17 @@ inline std::vector<SQLCase> SQLCases() {
            ShowDone("COMMIT") + Go("t", -1) + ShowAll("t", "", {"name"}) +
            RunQuery("t", "drop table other"),
        "0|1|0|1|1|ann|; ann|; cat|; "},
+      // Fields that are read get their values with each move, until they are not read any more.
+      {"a field that is read again after many records has the value of its record",
+       RunQuery("t", "create table many (n integer primary key, x numeric(6,2), s varchar(9))") +
+           RunQuery("t",
+                    "insert into many with recursive c(n) as (select 1 union all select n + 1 "
+                    "from c where n < 200) select n, n + 0.5, 'row ' || n from c") +
+           OpenView("t", "m", "many") + Show("m", "s") + Show("m", "x") + SkipEach("m", 100) +
+           Show("m", "s") + SkipEach("m", 40) + Show("m", "x") + Show("m", "n") + Show("m", "s") +
+           SkipEach("m", 58) + Show("m", "eof") + SkipEach("m", 2) + Show("m", "eof") +
+           SkipIn("t", "m", -1) + Show("m", "eof") + Show("m", "s"),
+       "row 1|1.50|row 101|141.50|141|row 141|0|1|0|row 199|"},
       {"a record's number may be large",
        RunQuery("t", "insert into t (recno, name) values (5000000000, 'far')") + Go("t", -2) +
            Show("t", "recno") + Show("t", "name") + Op("pushd", {"t", "recno"}) +
