@@ -38,11 +38,12 @@ timed('insert', $n, function () use ($db, $rows) {
     foreach ($rows as $row) $insert->execute($row);
 });
 $sum = timed('lookup', $n, function () use ($db, $look) {
-    $find = $db->prepare('select id, amount from s where name=?');
+    $find = $db->prepare('select id, name, amount, d from s where name=?');
     $sum = 0;
-    foreach ($look as $name) {
-        $find->execute([$name]);
-        $sum += $find->fetch(PDO::FETCH_NUM)[0];
+    foreach ($look as $wanted) {
+        $find->execute([$wanted]);
+        [$id, $name, $amount, $date] = $find->fetch(PDO::FETCH_NUM);
+        $sum += $id;
         $find->closeCursor();
     }
     return $sum;
@@ -50,7 +51,8 @@ $sum = timed('lookup', $n, function () use ($db, $look) {
 [$hash, $count] = timed('scan', $n, function () use ($db) {
     $hash = $count = 0;
     foreach ($db->query('select id, name, amount, d from s order by name', PDO::FETCH_NUM) as $row) {
-        $hash = ($hash * 31 + $row[0]) % 1000003;
+        [$id, $name, $amount, $date] = $row;
+        $hash = ($hash * 31 + $id) % 1000003;
         $count++;
     }
     return [$hash, $count];
