@@ -60,7 +60,10 @@ bool DecodeHex(std::string_view digits, std::string* bytes) {
 // and functions, are written as zero and filled in at the end.
 class Assembler {
  public:
-  explicit Assembler(std::string_view source) { lines = ReadAssemblySource(source, &errors); }
+  Assembler(std::string_view source, std::string_view source_name, const AssemblyOptions& options)
+      : name(source_name), notes_lines(options.lines) {
+    lines = ReadAssemblySource(source, &errors);
+  }
 
   bool Run(std::string* image, std::string* problem) {
     program.SegmentAt(0);
@@ -73,7 +76,7 @@ class Assembler {
     return program.Write(image, problem);
   }
 
-  std::vector<AssemblyError>& reports() { return errors; }
+  const std::vector<AssemblyError>& reports() const { return errors; }
 
  private:
   // A position in the code to be filled with the address of a name.
@@ -150,6 +153,7 @@ class Assembler {
     if (!row) return UnknownWord();
     if (!InCode()) return Expected("a data directive in a section: '.segment' leads back to code");
     Take();
+    NoteLine(*row);
     int start = segment->length();
     int end = segment->Write_Word(start, row->word);
     end += Instruction::FirstOperandSize(row->word) + Instruction::SecondOperandSize(row->word);
@@ -158,6 +162,20 @@ class Assembler {
     if (!TakeMark(','))
       return Expected("',' and the second operand of '" + std::string(row->name) + "'");
     return Operand(*row, row->second, end);
+  }
+
+  // Notes the line before the instruction. The file is noted again where code can begin to run: at
+  // the start of a segment and of a function. A label is in front of the note, so jumps reach it.
+  void NoteLine(const Instruction::Row& row) {
+    const bool is_note = row.word == Instruction::lineno || row.word == Instruction::sourcefile;
+    if (!notes_lines || is_note) return;
+    if (!file_is_noted || segment->length() == 0) {
+      segment->Write_Word(segment->length(), Instruction::sourcefile);
+      segment->Write_Dword(segment->length(), static_cast<unsigned>(program.Intern(name)));
+      file_is_noted = true;
+    }
+    segment->Write_Word(segment->length(), Instruction::lineno);
+    segment->Write_Dword(segment->length(), static_cast<unsigned>(current->number));
   }
 
   bool UnknownWord() {
@@ -312,11 +330,19 @@ class Assembler {
     segment = program.SegmentAt(number);
     section = nullptr;
     function = nullptr;
+    is_function_open = false;
+    file_is_noted = false;
     return true;
   }
 
   bool EndDirective() {
+    if (!is_function_open) {
+      return FailAt(current->number, current->tokens[position - 1].column,
+                    "expected a .function above, found '.end'");
+    }
+    is_function_open = false;
     function = nullptr;
+    file_is_noted = false;
     return true;
   }
 
@@ -365,6 +391,7 @@ class Assembler {
       return FailAt(current->number, column,
                     "expected a new function: '" + spelling + "' exists already");
     }
+    is_function_open = true;
     if (TakeMark('(') && !Parameters(&parameters)) return false;
     if (!FunctionFlags(&flags)) return false;
     if (TakeWord("at")) return PlacedFunction(name, parameters, flags);
@@ -374,6 +401,7 @@ class Assembler {
     }
     if (!InCode()) return Fail("expected a function only in code: '.segment' leads back to it");
     function = program.AddFunction(name, parameters, flags, segment->number(), segment->length());
+    file_is_noted = false;
     return true;
   }
 
@@ -605,6 +633,11 @@ class Assembler {
   const AssemblyLine* current = nullptr;
   size_t position = 0;
 
+  std::string name;  // of the source
+  bool notes_lines;
+  bool file_is_noted = false;     // for the code that follows
+  bool is_function_open = false;  // for .end; also of a function without code
+
   AssemblyProgram program;
   Segment* segment = program.SegmentAt(0);
   Function* function = nullptr;    // its locals are in scope; null outside of functions
@@ -637,11 +670,11 @@ const std::map<std::string, Assembler::Directive, std::less<>>& Assembler::Direc
 
 }  // namespace
 
-bool AssembleScript(std::string_view source, std::string_view name, std::string* image,
-                    std::string* errors) {
+bool AssembleScript(std::string_view source, std::string_view name, const AssemblyOptions& options,
+                    std::string* image, std::string* errors) {
   image->clear();
   errors->clear();
-  Assembler assembler(source);
+  Assembler assembler(source, name, options);
   std::string problem;
   if (assembler.Run(image, &problem)) return true;
   std::string prefix(name);
@@ -652,4 +685,9 @@ bool AssembleScript(std::string_view source, std::string_view name, std::string*
   if (!problem.empty()) *errors += prefix + ": " + problem + "\n";
   image->clear();
   return false;
+}
+
+bool AssembleScript(std::string_view source, std::string_view name, std::string* image,
+                    std::string* errors) {
+  return AssembleScript(source, name, {}, image, errors);
 }

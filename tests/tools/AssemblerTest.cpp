@@ -322,6 +322,9 @@ TEST(Assembler, ErrorsNameFileLineColumnAndWhatWasExpected) {
        "t:1:16: expected external, compress, erroron, erroroff, inherit, a "
        "number or 'at', found 'loud'"},
       {".local x", "t:1:8: expected a .function above, found 'x'"},
+      {"out\n  .end", "t:2:3: expected a .function above, found '.end'"},
+      {".function f\nret\n.end\n.end", "t:4:1: expected a .function above, found '.end'"},
+      {".function f\n.segment\n.end", "t:3:1: expected a .function above, found '.end'"},
       {".message m", "t:1:10: expected a .language above, found 'm'"},
       {".start 1", "t:1:8: expected the number of a segment, found '1'"},
       {".segment 2", "t:1:10: expected the number of a segment or the next one, found '2'"},
