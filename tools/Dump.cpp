@@ -31,6 +31,12 @@ void WriteJsonEscape(std::ostream& out, unsigned char c) {
 
 }  // namespace
 
+std::string ErrorWithReason(const String& error) {
+  std::string text(error.data ? error.data : "", static_cast<size_t>(error.length));
+  if (text.ends_with("': ")) text += "the file is too short";
+  return text;
+}
+
 void WriteCsvCell(std::ostream& out, std::string_view text) {
   if (text.find_first_of(",\"\r\n") == std::string_view::npos) {
     out << text;

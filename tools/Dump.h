@@ -4,9 +4,11 @@
 #ifndef ZEPH_TOOLS_DUMP_H
 #define ZEPH_TOOLS_DUMP_H
 
+#include <climits>
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/systems/unix/UNIXApplication.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
@@ -17,12 +19,21 @@ struct DumpRequest {
   std::string path;
   DumpForm form = DumpForm::Text;
   bool header_only = false;  // neither records nor keys
+  // The records to show, both included; of an index, the keys of these records.
+  int first_record = 1;
+  int last_record = INT_MAX;
+  // The fields to show, in this order and without regard to case; empty for all.
+  std::vector<std::string> columns = {};
 };
 
 // Exit statuses.
 constexpr int dump_done = 0;
 constexpr int dump_failed = 1;  // the file can't be read, or a check found something
 constexpr int dump_usage = 2;
+
+// The text of an error that classes of tables and index files have left. A file that ends too early
+// is no error of the system: their text then ends before the reason, which this adds.
+std::string ErrorWithReason(const String& error);
 
 // With quotes only where a reader needs them.
 void WriteCsvCell(std::ostream& out, std::string_view text);

@@ -91,11 +91,16 @@ void WriteKey(DumpForm form, std::ostream& out, unsigned record, std::string_vie
   }
 }
 
-bool WriteKeys(ZIXIndexFile& index, DumpForm form, std::ostream& out) {
+bool WriteKeys(ZIXIndexFile& index, const DumpRequest& request, std::ostream& out) {
+  const auto lowest = static_cast<unsigned>(request.first_record);
+  const auto highest = static_cast<unsigned>(request.last_record);
   unsigned record = 0;
   bool good = index._First(&record, 1);
-  for (bool first = true; good && record != 0; first = false) {
-    WriteKey(form, out, record, View(index.current_key()), first);
+  for (bool first = true; good && record != 0;) {
+    if (record >= lowest && record <= highest) {
+      WriteKey(request.form, out, record, View(index.current_key()), first);
+      first = false;
+    }
     good = index._Next(&record, nullptr, 1);
   }
   // If the header can't be read, a walk ends as it does after the last entry; only the error text
@@ -249,6 +254,10 @@ class IndexCheck {
 }  // namespace
 
 int ShowIndex(const DumpRequest& request, std::ostream& out, std::ostream& errors) {
+  if (!request.columns.empty()) {
+    errors << "zpdbf: " << request.path << " is an index, which has no fields\n";
+    return dump_failed;
+  }
   DumpApplication application;
   ZIXIndexFile index(&application);
   bool good = index.Open(ZephPath_Data, request.path.c_str(), FileMode_Read);
@@ -259,12 +268,12 @@ int ShowIndex(const DumpRequest& request, std::ostream& out, std::ostream& error
     if (json) WriteHeaderJson(index, out);
     if (!request.header_only) {
       out << (json ? ",\n  \"keys\": [" : request.form == DumpForm::Csv ? "record,key\n" : "\n");
-      good = WriteKeys(index, request.form, out);
+      good = WriteKeys(index, request, out);
       if (json) out << "\n  ]";
     }
     if (json) out << "\n}\n";
   }
-  if (!good) errors << "zpdbf: " << View(index.error()) << "\n";
+  if (!good) errors << "zpdbf: " << ErrorWithReason(index.error()) << "\n";
   return good ? dump_done : dump_failed;
 }
 
@@ -284,7 +293,7 @@ int CheckIndex(const DumpRequest& request, std::ostream& out, std::ostream&) {
   ZIXIndexFile index(&application);
   const bool good = index.Open(ZephPath_Data, request.path.c_str(), FileMode_Read);
   const int status =
-      good ? IndexCheck(index, file.get(), out).Run() : failed(std::string(View(index.error())));
+      good ? IndexCheck(index, file.get(), out).Run() : failed(ErrorWithReason(index.error()));
   file->Release(0, ZIXHeader_Length);
   return status;
 }

@@ -14,6 +14,7 @@
 
 #include "base/core/CLocale.h"
 #include "base/core/ascii.h"
+#include "base/core/memcmpi.h"
 #include "base/database/XBaseTable.h"
 
 namespace {
@@ -35,9 +36,13 @@ std::vector<XBaseField*> FieldsOf(XBaseTable& table) {
   return fields;
 }
 
+// The year is a byte. This engine counts it from 1900, and so do most programs; others keep its
+// last two digits. No table is older than 1980.
 std::string DateText(const XBaseTable& table) {
+  const int century = table.year() < 80 ? 2000 : 1900;
   char text[32];
-  snprintf(text, sizeof(text), "%04d-%02d-%02d", 1900 + table.year(), table.month(), table.day());
+  snprintf(text, sizeof(text), "%04d-%02d-%02d", century + table.year(), table.month(),
+           table.day());
   return text;
 }
 
@@ -47,7 +52,7 @@ std::string DateText(const XBaseTable& table) {
 class TableWriter {
  public:
   TableWriter(XBaseTable& shown, std::ostream& output, std::ostream& error_output)
-      : table(shown), fields(FieldsOf(shown)), out(output), errors(error_output) {}
+      : table(shown), fields(FieldsOf(shown)), out(output), columns(fields), errors(error_output) {}
   virtual ~TableWriter() = default;
   TableWriter(const TableWriter&) = delete;
   TableWriter& operator=(const TableWriter&) = delete;
@@ -57,9 +62,28 @@ class TableWriter {
   virtual void Record() = 0;
   virtual void End() = 0;
 
-  int Records() {
+  // Records show only these fields, in this order. Returns false, with the error reported, if the
+  // table has not all of them.
+  bool Choose(const std::vector<std::string>& names) {
+    if (!names.empty()) columns.clear();
+    for (const std::string& name : names) {
+      const auto found = std::find_if(fields.begin(), fields.end(), [&](XBaseField* field) {
+        return strlen(field->name()) == name.size() &&
+               memcmpi(field->name(), name.data(), name.size()) == 0;
+      });
+      if (found == fields.end()) {
+        errors << "zpdbf: " << View(table.path()) << " has no field '" << name << "'\n";
+        return false;
+      }
+      columns.push_back(*found);
+    }
+    return true;
+  }
+
+  int Records(const DumpRequest& request) {
     BeginRecords();
-    for (int i = 1; i <= table.record_count(); i++) {
+    const int last = std::min(request.last_record, table.record_count());
+    for (int i = request.first_record; i <= last; i++) {
       if (table.Goto(i)) {
         Record();
       } else {
@@ -87,13 +111,14 @@ class TableWriter {
   XBaseTable& table;
   const std::vector<XBaseField*> fields;
   std::ostream& out;
+  std::vector<XBaseField*> columns;  // the fields of records
 
  private:
   // Stop after this many: a damaged header may count a thousand million records past the end.
   static constexpr int most_unreadable = 10;
 
   void Failed() {
-    errors << "zpdbf: " << View(table.error()) << "\n";
+    errors << "zpdbf: " << ErrorWithReason(table.error()) << "\n";
     failed = true;
   }
 
@@ -128,11 +153,11 @@ class TextWriter : public TableWriter {
     }
   }
   void BeginRecords() override {
-    for (XBaseField* field : fields) width = std::max(width, strlen(field->name()));
+    for (XBaseField* field : columns) width = std::max(width, strlen(field->name()));
   }
   void Record() override {
     out << "\nrecord " << table.record_number() << (table.deleted() ? " (deleted)" : "") << "\n";
-    for (XBaseField* field : fields) {
+    for (XBaseField* field : columns) {
       out << "  " << field->name() << std::string(width - strlen(field->name()) + 2, ' ');
       for (char c : Value(field)) WriteCharacter(c);
       out << "\n";
@@ -171,7 +196,7 @@ class CsvWriter : public TableWriter {
   }
   void BeginRecords() override {
     out << "record,deleted";
-    for (XBaseField* field : fields) {
+    for (XBaseField* field : columns) {
       out << ",";
       WriteCsvCell(out, field->name());
     }
@@ -179,7 +204,7 @@ class CsvWriter : public TableWriter {
   }
   void Record() override {
     out << table.record_number() << "," << (table.deleted() ? 1 : 0);
-    for (XBaseField* field : fields) {
+    for (XBaseField* field : columns) {
       out << ",";
       WriteCsvCell(out, Value(field));
     }
@@ -242,7 +267,7 @@ class JsonWriter : public TableWriter {
     out << between_records << "{\"record\": " << table.record_number()
         << ", \"deleted\": " << (table.deleted() ? "true" : "false") << ", \"values\": {";
     const char* between = "";
-    for (XBaseField* field : fields) {
+    for (XBaseField* field : columns) {
       out << between;
       WriteJsonText(out, field->name());
       out << ": ";
@@ -489,7 +514,7 @@ class TableChecker {
   }
 
   static std::string Where(int record) { return "record " + std::to_string(record) + ": "; }
-  std::string ErrorText() const { return std::string(View(table.error())); }
+  std::string ErrorText() const { return ErrorWithReason(table.error()); }
 
   static bool IsNumber(std::string_view text) {
     const size_t end = text.find_last_not_of(' ') + 1;
@@ -539,7 +564,7 @@ int ShowTable(const DumpRequest& request, std::ostream& out, std::ostream& error
   DumpApplication application;
   XBaseTable table(&application);
   if (!OpenTable(table, request.path)) {
-    errors << "zpdbf: " << View(table.error()) << "\n";
+    errors << "zpdbf: " << ErrorWithReason(table.error()) << "\n";
     return dump_failed;
   }
   std::unique_ptr<TableWriter> writer;
@@ -549,9 +574,10 @@ int ShowTable(const DumpRequest& request, std::ostream& out, std::ostream& error
     writer = std::make_unique<JsonWriter>(table, out, errors);
   else
     writer = std::make_unique<TextWriter>(table, out, errors);
+  if (!writer->Choose(request.columns)) return dump_failed;
   // With CSV the header is left out before records, because all rows of CSV are of one kind.
   if (request.header_only || request.form != DumpForm::Csv) writer->Header();
-  const int status = request.header_only ? dump_done : writer->Records();
+  const int status = request.header_only ? dump_done : writer->Records(request);
   writer->End();
   return status;
 }
@@ -560,7 +586,7 @@ int CheckTable(const DumpRequest& request, std::ostream& out, std::ostream&) {
   DumpApplication application;
   XBaseTable table(&application);
   if (!OpenTable(table, request.path)) {
-    out << "problem: " << View(table.error()) << "\n";
+    out << "problem: " << ErrorWithReason(table.error()) << "\n";
     return dump_failed;
   }
   return TableChecker(table, request.path, out).Run();

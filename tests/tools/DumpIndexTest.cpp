@@ -72,6 +72,23 @@ TEST_F(DumpIndexTest, TextHasTheHeaderAndTheKeysInOrder) {
   EXPECT_EQ("", errors);
 }
 
+TEST_F(DumpIndexTest, ARangeShowsTheKeysOfItsRecords) {
+  DumpRequest request{path(), DumpForm::Csv};
+  request.first_record = 3;
+  request.last_record = 4;
+  EXPECT_EQ(dump_done, Call(ShowIndex, request));
+  EXPECT_EQ("record,key\n3,c\n4,d\n", output);
+  request.form = DumpForm::Json;
+  EXPECT_EQ(dump_done, Call(ShowIndex, request));
+  EXPECT_TRUE(
+      output.ends_with("\"keys\": [\n    {\"record\": 3, \"key\": \"c\"},\n"
+                       "    {\"record\": 4, \"key\": \"d\"}\n  ]\n}\n"))
+      << output;
+  request.columns = {"NAME"};
+  EXPECT_EQ(dump_failed, Call(ShowIndex, request));
+  EXPECT_EQ("zpdbf: " + path() + " is an index, which has no fields\n", errors);
+}
+
 TEST_F(DumpIndexTest, ATerminalGetsNoCommandsFromAKey) {
   DumpApplication application;
   ZIXIndexFile index(&application);
@@ -221,7 +238,7 @@ TEST_F(DumpIndexTest, AFileThatIsCutIsNamed) {
   EXPECT_EQ("problem: page 3: is named and is not in the file\n1 problem\n", output);
   directory.File("i.zix", directory.Content("i.zix").substr(0, 100));
   EXPECT_EQ(dump_failed, Check());
-  EXPECT_EQ("problem: Error reading from '" + path() + "': \n", output);
+  EXPECT_EQ("problem: Error reading from '" + path() + "': the file is too short\n", output);
 }
 
 TEST_F(DumpIndexTest, ManyProblemsAreCounted) {
