@@ -80,13 +80,36 @@ bool CanDifferByScript(int id) {
   }
 }
 
+// True for settings in which a negative number has a meaning of its own. In all other times, sizes
+// and counts it is a mistake.
+bool CanBeNegative(int id) {
+  switch (id) {
+    case Config_log_level:
+    case Config_timeout_file:
+    case Config_cookies:
+    case Config_max_post_vars:
+    case Config_max_unknown_content_length:
+    case Config_flags_security:
+    case Config_ssl_sni: return true;
+    default: return false;
+  }
+}
+
+// ", the nearest known one is X" if one is near enough to be what the author meant.
+std::string Nearest(std::string_view word, const std::vector<std::string_view>& known) {
+  const std::string_view nearest = NearestWord(word, known);
+  const auto distance = static_cast<size_t>(EditDistance(word, nearest));
+  if (distance > 1 + nearest.size() / 3 || distance >= nearest.size()) return "";
+  return ", the nearest known one is " + Quoted(nearest);
+}
+
 std::vector<std::string_view> SettingNames() {
   std::vector<std::string_view> names;
   for (const ConfigSetting& setting : config_settings) names.push_back(setting.name);
   return names;
 }
 
-// Fills a snapshot from a parsed file, and keeps the error that comes first in the file.
+// Fills a snapshot from a parsed file, and collects what is wrong with it.
 class Reader {
  public:
   Reader(const std::string& file_name, Snapshot& target) : file(file_name), snapshot(target) {}
@@ -95,6 +118,13 @@ class Reader {
 
  private:
   void Complain(unsigned line, const std::string& key, const std::string& what);
+  void Warn(unsigned line, const std::string& key, const std::string& what);
+  // A line of the file and the text about it.
+  struct Report {
+    unsigned line;
+    std::string text;
+  };
+  static std::vector<std::string> InLineOrder(std::vector<Report> reports);
   void UnknownKey(const std::string& section, const Item& item,
                   const std::vector<std::string_view>& known);
   bool ExpectTable(const std::string& key, const Item& item);
@@ -113,22 +143,33 @@ class Reader {
 
   const std::string& file;
   Snapshot& snapshot;
-  unsigned error_line = UINT_MAX;
+  std::vector<Report> errors;
+  std::vector<Report> warnings;
   // The libraries by kind and lower-case name, with their lines.
   std::map<std::pair<LibraryKind, std::string>, unsigned> library_names;
 };
 
 void Reader::Complain(unsigned line, const std::string& key, const std::string& what) {
-  if (line >= error_line) return;
-  error_line = line;
-  snapshot.error = file + ":" + std::to_string(line) + ": " + key + ": " + what;
+  errors.push_back({line, file + ":" + std::to_string(line) + ": " + key + ": " + what});
+}
+
+void Reader::Warn(unsigned line, const std::string& key, const std::string& what) {
+  warnings.push_back({line, file + ":" + std::to_string(line) + ": " + key + ": " + what});
+}
+
+std::vector<std::string> Reader::InLineOrder(std::vector<Report> reports) {
+  std::stable_sort(reports.begin(), reports.end(),
+                   [](const Report& a, const Report& b) { return a.line < b.line; });
+  std::vector<std::string> texts;
+  texts.reserve(reports.size());
+  for (Report& report : reports) texts.push_back(std::move(report.text));
+  return texts;
 }
 
 // section is the path of the section followed by a dot, or empty at the top.
 void Reader::UnknownKey(const std::string& section, const Item& item,
                         const std::vector<std::string_view>& known) {
-  std::string what =
-      "unknown key, the nearest known one is " + Quoted(NearestWord(item.key, known));
+  std::string what = "unknown key" + Nearest(item.key, known);
   if (!section.empty() && FindSetting(item.key) != nullptr) {
     what = "unknown key; it is a setting, and settings stand above the first section";
   }
@@ -175,6 +216,10 @@ void Reader::ReadSetting(const ConfigSetting& setting, const std::string& key, c
   read.id = setting.id;
   bool is_text = (setting.id & ConfigKind_Text) != 0;
   bool good = is_text ? ReadText(key, item, &read.text) : ReadInteger(key, item, &read.integer);
+  if (good && !is_text && read.integer < 0 && !CanBeNegative(setting.id)) {
+    Complain(item.line, key, "expected 0 or more, found " + std::to_string(read.integer));
+    good = false;
+  }
   if (good) target->push_back(read);
 }
 
@@ -235,6 +280,10 @@ void Reader::ReadVariableList(const std::string& name, const Item& section,
     if (item.key.empty() || item.key.find('\0') != std::string_view::npos) {
       Complain(item.line, key, "not a name that a variable can have");
     }
+    if (FindSetting(item.key) != nullptr) {
+      Warn(item.line, key,
+           "here it is a variable; the setting of this name stands above the first section");
+    }
     auto [other, fresh] = seen.emplace(LowerCase(item.key), item.key);
     if (!fresh) Complain(item.line, key, "the same variable as " + Quoted(other->second));
     if (const toml::value<int64_t>* integer = item.node->as_integer()) {
@@ -286,9 +335,7 @@ bool Reader::ReadLibraryKind(const std::string& key, const Item& item, LibraryKi
     *kind = value;
     return true;
   }
-  Complain(item.line, key,
-           "unknown kind " + Quoted(text) + ", the nearest known one is " +
-               Quoted(NearestWord(text, known)));
+  Complain(item.line, key, "unknown kind " + Quoted(text) + Nearest(text, known));
   return false;
 }
 
@@ -374,6 +421,9 @@ void Reader::Read(const toml::table& root) {
   }
   std::sort(snapshot.settings.begin(), snapshot.settings.end(),
             [](const Setting& a, const Setting& b) { return a.id < b.id; });
+  snapshot.errors = InLineOrder(std::move(errors));
+  snapshot.warnings = InLineOrder(std::move(warnings));
+  if (!snapshot.errors.empty()) snapshot.error = snapshot.errors.front();
 }
 
 }  // namespace
@@ -391,6 +441,7 @@ ErrorSettings ShippedErrorSettings() {
 Snapshot Snapshot::Failed(const std::string& message) {
   Snapshot snapshot;
   snapshot.error = message;
+  snapshot.errors = {message};
   return snapshot;
 }
 
@@ -404,7 +455,11 @@ Snapshot Snapshot::Parse(const std::string& file, std::string_view text) {
   Snapshot snapshot;
   snapshot.error_settings = ShippedErrorSettings();
   Reader(file, snapshot).Read(result.table());
-  return snapshot.error.empty() ? snapshot : Failed(snapshot.error);
+  if (snapshot.error.empty()) return snapshot;
+  Snapshot failed = Failed(snapshot.error);
+  failed.errors = std::move(snapshot.errors);
+  failed.warnings = std::move(snapshot.warnings);
+  return failed;
 }
 
 const Setting* Snapshot::Find(int id) const {

@@ -45,15 +45,20 @@ ErrorSettings ShippedErrorSettings();
 
 struct Snapshot {
   // Parses a file's text. `file` is the file's name in messages. If the text has errors, the
-  // snapshot has only the error of its first bad line.
+  // snapshot has only these and the warnings.
   static Snapshot Parse(const std::string& file, std::string_view text);
+  // A snapshot with this as its only error.
   static Snapshot Failed(const std::string& message);
 
   // Returns the setting that the file gives outside of [[script]] sections, or null.
   const Setting* Find(int id) const;
 
-  // "file:line: key: what is wrong", empty when the file is in order.
+  // "file:line: key: what is wrong" of the first bad line, empty when the file is in order.
   std::string error;
+  // All of them, in the order of the file. Broken TOML ends the reading, so it is the only one.
+  std::vector<std::string> errors;
+  // Lines of the same form about what is valid but was probably meant otherwise.
+  std::vector<std::string> warnings;
   // Grows by one with each snapshot that a store puts into force.
   uint64_t generation = 0;
 

@@ -44,8 +44,8 @@ bool WithinTick(const timespec& modified) {
 }
 
 // One line, in one write, so that lines of several processes do not mix.
-void ReportOnStandardError(const std::string& error) {
-  std::string line = "libzephconfig: " + error + "; the last good configuration stays in force\n";
+void ReportOnStandardError(const std::string& text) {
+  std::string line = "libzephconfig: " + text + "\n";
   ssize_t written = write(STDERR_FILENO, line.data(), line.size());
   (void)written;  // there is no other place to report a failure of this write
 }
@@ -119,11 +119,17 @@ std::string SnapshotStore::ReadFile(Identity* identity, std::string* text) {
   return "Too large for a configuration file";
 }
 
-// Puts a snapshot into force, unless it has an error and the present one is good.
+// Puts a snapshot into force, unless it has an error and the present one is good. Its warnings are
+// reported then, once.
 void SnapshotStore::Install(Snapshot snapshot) {
   if (!snapshot.error.empty() && current != nullptr && current->error.empty()) {
-    ReportOnStandardError(snapshot.error);
+    ReportOnStandardError(snapshot.error + "; the last good configuration stays in force");
     return;
+  }
+  if (snapshot.error.empty()) {
+    for (const std::string& warning : snapshot.warnings) {
+      ReportOnStandardError("warning: " + warning);
+    }
   }
   snapshot.generation = ++generations;
   current = std::make_shared<const Snapshot>(std::move(snapshot));

@@ -89,7 +89,7 @@ LiveSite::Report LiveSite::Refresh(const std::set<std::string>& touched) {
       }
     }
   }
-  report.settings_ok = site.settings().problems.empty();
+  report.settings_ok = !site.settings().failed();
   report.settings_text = site.settings().text;
   report.outside_folders = site.OutsideFolders();
   if (report.changes.files) {

@@ -117,11 +117,10 @@ class Reader {
  private:
   std::string Changed() {
     // The engine's own reader finds what it will not accept. Its text begins with file and line.
-    const std::string error = Snapshot::Parse(settings_name, source).error;
-    if (!error.empty()) {
-      ReportReader(error);
-      return "";
-    }
+    const Snapshot snapshot = Snapshot::Parse(settings_name, source);
+    for (const std::string& error : snapshot.errors) ReportReader(error, true);
+    for (const std::string& warning : snapshot.warnings) ReportReader(warning, false);
+    if (!snapshot.errors.empty()) return "";
     const toml::parse_result result = toml::parse(source);
     if (result.failed()) return "";
     Lines lines(source);
@@ -171,7 +170,7 @@ class Reader {
     settings->functions.push_back(std::move(file));
   }
 
-  void ReportReader(const std::string& error) {
+  void ReportReader(const std::string& error, bool is_error) {
     size_t at = strlen(settings_name);
     int line = 0;
     if (error.compare(0, at + 1, std::string(settings_name) + ":") == 0) {
@@ -183,11 +182,12 @@ class Reader {
     } else {
       at = 0;
     }
-    Report(line, error.substr(at));
+    Report(line, error.substr(at), is_error);
   }
 
-  void Report(int line, const std::string& text) {
+  void Report(int line, const std::string& text, bool is_error = true) {
     Problem problem;
+    problem.is_error = is_error;
     problem.file = settings_name;
     problem.line = line;
     problem.column = line > 0 ? 1 : 0;

@@ -3,6 +3,7 @@
 #ifndef ZEPH_DEVELOP_SETTINGS_H
 #define ZEPH_DEVELOP_SETTINGS_H
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -23,6 +24,12 @@ struct SiteSettings {
   // The files that the above is made from, and those that would be if they were there.
   std::vector<std::filesystem::path> files;
   std::vector<Problem> problems;
+
+  // Whether one of the problems is an error: the text is then not for an engine.
+  bool failed() const {
+    return std::any_of(problems.begin(), problems.end(),
+                       [](const Problem& problem) { return problem.is_error; });
+  }
 };
 
 struct SiteFolders {

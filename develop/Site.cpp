@@ -164,7 +164,7 @@ Site::Changes Site::Refresh(const std::set<std::string>& touched) {
       std::any_of(site_settings.files.begin(), site_settings.files.end(),
                   [&](const fs::path& file) { return changed.count(file.string()) > 0; });
   // A library that was missing may be there by now.
-  if (first || settings_changed || (changes.files && !site_settings.problems.empty())) {
+  if (first || settings_changed || (changes.files && site_settings.failed())) {
     site_settings = ReadSettings(root, folders, places);
     all = all || site_settings.functions != options.functions;
     options.functions = site_settings.functions;
@@ -243,8 +243,12 @@ std::set<std::string> Site::OutsideFolders() const {
 }
 
 std::vector<Problem> Site::Errors(const std::string& page) const {
-  std::vector<Problem> errors = site_settings.problems;
-  for (Problem& problem : errors) problem.lines.clear();
+  std::vector<Problem> errors;
+  for (const Problem& problem : site_settings.problems) {
+    if (!problem.is_error) continue;
+    errors.push_back(problem);
+    errors.back().lines.clear();
+  }
   auto found = site_pages.find(page);
   if (found == site_pages.end() || found->second.succeeded) return errors;
   for (const Problem& problem : found->second.problems) {

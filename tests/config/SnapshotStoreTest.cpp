@@ -118,6 +118,18 @@ TEST_F(SnapshotStoreTest, BrokenFileLeavesTheGoodOneInForceAndOneLine) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
+TEST_F(SnapshotStoreTest, WarningsAreReportedOnceForEachStateOfTheFile) {
+  Write("[variables.global]\ncookies = 1\n");
+  Age(file, 0);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(store.Current()->global_variables.size(), 1u);
+  EXPECT_EQ(store.Current()->global_variables.size(), 1u);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "libzephconfig: warning: " + file +
+                ":2: variables.global.cookies: here it is a variable; the setting of this name "
+                "stands above the first section\n");
+}
+
 TEST_F(SnapshotStoreTest, YoungBrokenFileIsReportedOnce) {
   Write("timeout_global = 5\n");
   EXPECT_EQ(Timeout(), 5);

@@ -141,6 +141,14 @@ TEST(Snapshot, EveryComplaintNamesFileLineAndKey) {
        "zeph.toml:1: log_level: 2147483648 does not fit into 32 bits"},
       {"too small", "log_level = -2147483649\n",
        "zeph.toml:1: log_level: -2147483649 does not fit into 32 bits"},
+      {"a time below 0", "timeout_post = -1\n",
+       "zeph.toml:1: timeout_post: expected 0 or more, found -1"},
+      {"a size below 0", "bufsz_output = -8192\n",
+       "zeph.toml:1: bufsz_output: expected 0 or more, found -8192"},
+      {"a time below 0 of a script", "[[script]]\nmatch = '*'\ntimeout_global = -5\n",
+       "zeph.toml:3: script.timeout_global: expected 0 or more, found -5"},
+      {"a key that is near to none", "frobnication = 1\n",
+       "zeph.toml:1: frobnication: unknown key"},
       {"NUL", "dir_data = \"/a\\u0000b\"\n",
        "zeph.toml:1: dir_data: a NUL byte cannot be part of a text"},
       {"errors is no section", "errors = 3\n",
@@ -216,6 +224,50 @@ TEST(Snapshot, EveryComplaintNamesFileLineAndKey) {
     EXPECT_EQ(snapshot.error, c.error);
     EXPECT_TRUE(snapshot.settings.empty());
     EXPECT_TRUE(snapshot.libraries.empty());
+  }
+}
+
+TEST(Snapshot, ANegativeNumberIsTakenWhereItHasAMeaning) {
+  const std::string text =
+      "timeout_file = -1\nmax_post_vars = -1\nmax_unknown_content_length = -1\nssl_sni = -1\n"
+      "flags_security = -1\nlog_level = -1\ncookies = -1\n";
+  EXPECT_EQ(Parse(text).error, "");
+  // All others refuse it.
+  int taken = 0;
+  for (const ConfigSetting& setting : config_settings) {
+    if ((setting.id & ConfigKind_Text) != 0) continue;
+    if (Parse(setting.name + std::string(" = -1\n")).error.empty()) taken++;
+  }
+  EXPECT_EQ(taken, 7);
+}
+
+TEST(Snapshot, AllMistakesAreToldInTheOrderOfTheFile) {
+  const Snapshot snapshot = Parse(
+      "timeout_post = -1\n[variables.global]\ncookies = 1\n[errors]\nZpIF = 9\n"
+      "[[library]]\npath = '/a.so'\n[[script]]\ncookies = 0\n");
+  const std::vector<std::string> expected = {
+      "zeph.toml:1: timeout_post: expected 0 or more, found -1",
+      "zeph.toml:5: errors.ZpIF: expected 0 to 3, found 9",
+      "zeph.toml:6: library.kind: missing",
+      "zeph.toml:8: script.match: missing",
+  };
+  EXPECT_EQ(snapshot.errors, expected);
+  EXPECT_EQ(snapshot.error, expected[0]);
+  EXPECT_EQ(snapshot.warnings.size(), 1u);
+  EXPECT_EQ(Parse("a =\n").errors.size(), 1u);
+  EXPECT_TRUE(Parse("cookies = 1\n").errors.empty());
+}
+
+// "timeout_global = 5" after "[variables.global]" makes a variable and leaves the limit as it was.
+TEST(Snapshot, AVariableWithTheNameOfASettingIsWarnedOf) {
+  for (const std::string section : {"variables.global", "variables.system"}) {
+    const Snapshot snapshot = Parse("[" + section + "]\nname = 'x'\ntimeout_global = 5\n");
+    EXPECT_EQ(snapshot.error, "");
+    ASSERT_EQ(snapshot.warnings.size(), 1u);
+    EXPECT_EQ(snapshot.warnings[0],
+              "zeph.toml:3: " + section +
+                  ".timeout_global: here it is a variable; the setting of this name stands above "
+                  "the first section");
   }
 }
 

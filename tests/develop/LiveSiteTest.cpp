@@ -65,6 +65,15 @@ TEST_F(LiveSiteTest, TheTerminalShowsTheLineOfAMistakeInTheSettings) {
   EXPECT_THAT(site.Refresh({}).messages, testing::EndsWith("\nnothing = \"here\"\n"));
 }
 
+TEST_F(LiveSiteTest, AWarningOfTheSettingsIsShownAndLeavesThemAndThePagesInOrder) {
+  directory.File("site/a.zeph", "x");
+  directory.File("site/zeph.toml", "[variables.global]\ncookies = 1\n");
+  const LiveSite::Report report = site.Refresh({});
+  EXPECT_THAT(report.messages, HasSubstr("zeph.toml:2:1: warning: variables.global.cookies: "));
+  EXPECT_TRUE(report.settings_ok);
+  EXPECT_EQ(site.Errors("a.zpc").size(), 0u);
+}
+
 TEST_F(LiveSiteTest, ARunTimeErrorIsShownInItsSource) {
   directory.File("site/deep/a.zeph", "one\n<ZpGO to=1>\nthree\n");
   site.Refresh({});

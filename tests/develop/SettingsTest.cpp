@@ -51,7 +51,7 @@ TEST_F(SettingsTest, TheServersDirectoriesAreReplaced) {
                  "timeout_global = 5\ndir_zeph = \"/srv/site\"\n  dir_data = '''\n/srv/data'''\n"
                  "max_files = 7\n[variables.system]\ndir_data = \"a name\"\n");
   const SiteSettings settings = Read();
-  EXPECT_TRUE(settings.problems.empty());
+  EXPECT_FALSE(settings.failed());
   EXPECT_EQ(settings.text,
             "dir_zeph = \"/p\"\ndir_data = \"/d\"\ndir_temp = \"/t\"\n"
             "timeout_global = 5\n\n\n\nmax_files = 7\n[variables.system]\ndir_data = \"a name\"\n");
@@ -119,6 +119,19 @@ TEST_F(SettingsTest, MistakesHaveTheLineOfTheSitesFile) {
   ASSERT_EQ(settings.problems.size(), 1u);
   EXPECT_EQ(settings.problems[0].Text(""),
             "zeph.toml:3:1: error: there is no library 'none.so', neither here nor with zeph");
+}
+
+TEST_F(SettingsTest, AllMistakesAndWarningsAreTold) {
+  directory.File("site/zeph.toml",
+                 "timeout_post = -1\n[variables.global]\ncookies = 1\n[errors]\nZpIF = 9\n");
+  const SiteSettings settings = Read();
+  ASSERT_EQ(settings.problems.size(), 3u);
+  EXPECT_EQ(settings.problems[0].Text(""),
+            "zeph.toml:1:1: error: timeout_post: expected 0 or more, found -1");
+  EXPECT_EQ(settings.problems[1].Text(""),
+            "zeph.toml:5:1: error: errors.ZpIF: expected 0 to 3, found 9");
+  EXPECT_THAT(settings.problems[2].Text(""),
+              HasSubstr("zeph.toml:3:1: warning: variables.global.cookies: "));
 }
 
 TEST_F(SettingsTest, ATextThatIsNoFileIsAProblem) {
