@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <utility>
 
 #include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/TaggedFile.h"
@@ -26,11 +27,14 @@
 #include "base/values/VariableKinds.h"
 #include "commandline/CommandLineOutput.h"
 #include "commandline/Options.h"
+#include "compiler/Compiler.h"
+#include "compiler/PageFiles.h"
 #include "config/SnapshotStore.h"
 
 namespace {
 
 const char kLibrary[] = "libzephconfig.so";
+const char kStandardInput[] = "-";
 
 bool Exists(const char* path) {
   return access(path, F_OK) == 0;
@@ -111,6 +115,7 @@ int CommandLineApplication::Go(const Options& options) {
                                                 configuration->buffer_size(Config_bufsz_output));
   current_output = standard_output;
   if (options.headers) standard_output->ShowHeaders();
+  if (!options.errors_in_page) standard_output->SeparateErrors();
   MakeMachine(&tables, &tagged, path);
   AddSystemVariables(&tables);
   AddArguments(options);
@@ -122,7 +127,8 @@ int CommandLineApplication::Go(const Options& options) {
   DeleteMachine();
   standard_output->Flush();
   const int failure = standard_output->failure();
-  if (failure == 0) return ran ? 0 : 1;
+  if (failure == 0 && ran) return standard_output->has_errors() ? kEndedWithErrors : 0;
+  if (failure == 0) return 1;
   // EPIPE is not reported: the reader has closed the pipe because it needs no more.
   errno = failure;
   if (failure != EPIPE) Fail("standard output", lasterror());
@@ -152,8 +158,11 @@ bool CommandLineApplication::Prepare(const Options& options, TaggedFile* tagged,
   file_manager->MaxFiles(configuration->value_integer(Config_max_files));
   file_manager->SecurityOptions(configuration->value_integer(Config_flags_security));
   File* file = nullptr;
-  return OpenScript(options.script, &file, path) &&
-         LoadScript(options.script, file, tagged, *path) && InitializeDirectories();
+  const bool is_file = options.script && strcmp(options.script, kStandardInput) != 0;
+  const bool opened =
+      is_file ? OpenScript(options.script, &file, path) : OpenImage(options, &file, path);
+  return opened && LoadScript(is_file ? options.script : path->data, file, tagged, *path) &&
+         InitializeDirectories();
 }
 
 // Looks for the library where the engine does, with the process's environment instead of the
@@ -221,6 +230,48 @@ bool CommandLineApplication::OpenScript(const char* named, File** file, String* 
   }
   *file = opened.release();
   return true;
+}
+
+// Its directory is the working one, and its path the word that stands for it on the command line.
+bool CommandLineApplication::OpenImage(const Options& options, File** file, String* path) {
+  path->assign(options.text ? "-e" : kStandardInput, -1);
+  char directory[PATH_MAX];
+  if (!getcwd(directory, sizeof directory)) return Fail(path->data, lasterror());
+  if (!file_manager->InitializeScriptDirectory(directory, nullptr)) {
+    return Fail(path->data, file_manager->error());
+  }
+  if (!(options.text ? Compile(options.text) : ReadInput())) return false;
+  *file = images.Open(path->data, FileMode_Read);
+  return *file || Fail(path->data, images.error());
+}
+
+bool CommandLineApplication::ReadInput() {
+  std::string& image = images.files[kStandardInput];
+  char buffer[16384];
+  while (const ssize_t count = read(STDIN_FILENO, buffer, sizeof buffer)) {
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return Fail(kStandardInput, lasterror());
+    image.append(buffer, static_cast<size_t>(count));
+    if (image.size() > kLargestFile) {
+      errno = EFBIG;
+      return Fail(kStandardInput, lasterror());
+    }
+  }
+  return true;
+}
+
+bool CommandLineApplication::Compile(const char* text) {
+  const std::vector<std::string> no_folders;
+  PageIncludes includes("", no_folders);
+  CompileOptions options;
+  options.reader = [&includes](const std::string& name, const std::string& from, std::string* found,
+                               std::string* content) {
+    return includes.Read(name, from, found, content);
+  };
+  CompileResult result = CompilePage(text, "-e", options);
+  fputs(result.formatted.c_str(), stderr);
+  images.files["-e"] = std::move(result.image);
+  return result.succeeded;
 }
 
 bool CommandLineApplication::LoadScript(const char* named, File* file, TaggedFile* tagged,

@@ -8,18 +8,21 @@
 
 #include "base/request/ScriptTables.h"
 #include "base/systems/unix/UNIXApplication.h"
+#include "tools/MemoryFile.h"
 
 struct Options;
 
 // Made, run and deleted on the script's thread; another thread calls Heartbeat and Interrupt.
-// Failures before the script runs go to standard error. Messages of the running script are part of
-// its output, as on a page.
+// Failures before the script runs go to standard error, and so do the messages of the running
+// script unless the options want them in its output, as on a page.
 class CommandLineApplication : public UNIXApplication {
  public:
   // The arguments of the process; all pointers are borrowed.
   CommandLineApplication(int argc, char** argv, ExternalLibraryManager* library_manager);
 
-  // Runs the script, once. Returns the exit status.
+  // Runs the script, once. Returns the exit status: 0 if it ran to its end, kEndedWithErrors if it
+  // did and there were messages of errors, and 1 otherwise.
+  static constexpr int kEndedWithErrors = 3;
   int Go(const Options& options);
   // Ends the script for good. Any thread.
   void Interrupt();
@@ -33,6 +36,10 @@ class CommandLineApplication : public UNIXApplication {
   bool LoadLibrary(const char* path);
   bool InitializeDirectories();
   bool OpenScript(const char* named, File** file, String* path);
+  // A script that is no file: of standard input, or of the text of a page.
+  bool OpenImage(const Options& options, File** file, String* path);
+  bool ReadInput();
+  bool Compile(const char* text);
   bool LoadScript(const char* named, File* file, TaggedFile* tagged, const String& path);
   bool Place(const char* named, String* directory, String* path);
   void AddArguments(const Options& options);
@@ -46,6 +53,8 @@ class CommandLineApplication : public UNIXApplication {
   bool Fail(const char* subject, const String& text);
 
   bool has_library = false;
+  // Has the script that is no file, as long as it runs.
+  MemoryFileManager images;
   std::atomic<bool> interrupted{false};
   ScriptTables tables;
 };

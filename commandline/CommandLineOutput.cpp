@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <string_view>
 
@@ -13,6 +14,20 @@
 
 CommandLineOutput::CommandLineOutput(UNIXApplication* application, int buffered, int buffersize)
     : StandardOutput(buffered, buffersize), application(application) {}
+
+int CommandLineOutput::Write_Error(const char* text, int length) {
+  errors_written = true;
+  if (!errors_separate) return StandardOutput::Write_Error(text, length);
+  if (state != HeaderState::Open) Flush();
+  // The message is that the script was ended, because of the output, whose reader may just have
+  // left.
+  if (first_error != 0) return length;
+  if (length < 0) length = static_cast<int>(strlen(text));
+  std::string message(text, static_cast<size_t>(length));
+  if (message.empty() || message.back() != '\n') message += '\n';
+  fwrite(message.data(), 1, message.size(), stderr);
+  return length;
+}
 
 // A field of the same name is replaced, as in the engine's output.
 int CommandLineOutput::Header(const char* name, int namelength, int nameowned, const char* value,

@@ -1,4 +1,6 @@
 // Standard output as the output of a script. The script ends when standard output takes no more.
+// Messages of errors that reach the page, also those from a capture or a mail, come here by
+// Write_Error.
 
 #ifndef ZEPH_COMMANDLINE_COMMANDLINEOUTPUT_H
 #define ZEPH_COMMANDLINE_COMMANDLINEOUTPUT_H
@@ -21,6 +23,13 @@ class CommandLineOutput : public StandardOutput {
   // before the first bytes of the page. Without it they are dropped.
   void ShowHeaders() { state = HeaderState::Open; }
 
+  // From here on messages of errors go to standard error instead of the page.
+  void SeparateErrors() { errors_separate = true; }
+  bool has_errors() const { return errors_written; }
+
+  // Every message ends a line on standard error. What the script has written before comes first,
+  // unless header fields may still come before that.
+  int Write_Error(const char* text, int length) override;
   int Header(const char* name, int namelength, int nameowned, const char* value, int valuelength,
              int valueowned) override;
   using Output::Header;
@@ -38,6 +47,8 @@ class CommandLineOutput : public StandardOutput {
 
   UNIXApplication* application;
   int first_error = 0;
+  bool errors_separate = false;
+  bool errors_written = false;
   HeaderState state = HeaderState::Dropped;
   std::vector<std::pair<std::string, std::string>> fields;
 };

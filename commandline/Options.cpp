@@ -8,15 +8,21 @@
 
 const char zprun_usage[] =
     "usage: zprun [option ...] page.zpc [argument ...]\n"
-    "       zprun --help\n"
+    "       zprun [option ...] -e TEXT [argument ...]\n"
+    "       zprun --help | --version\n"
     "\n"
-    "Runs a compiled script and writes its output to standard output. The script finds the\n"
-    "arguments as arg1, arg2 and so on, and their count as nargs. The exit status is 0 when it "
-    "ran\n"
-    "to its end, 1 after an error, 2 for a wrong command line.\n"
+    "Runs a compiled script and writes its output to standard output; - is a script on standard\n"
+    "input. The script finds the arguments as arg1, arg2 and so on, and their count as nargs. The\n"
+    "exit status is 0 when it ran to its end, 3 when it did and wrote error messages, 1 when an\n"
+    "error ended it or it could not be run, 2 for a wrong command line.\n"
     "\n"
-    "  --config FILE  settings, as libzephconfig.so reads them; without it those of the engine,\n"
-    "                 and where there are none the built-in defaults\n"
+    "  -e TEXT           compiles TEXT, a page in the language of zephc, and runs it\n"
+    "  --config FILE     settings, as libzephconfig.so reads them; without it those of the "
+    "engine,\n"
+    "                    and where there are none the built-in defaults\n"
+    "  --errors-in-page  messages of errors are part of the output, as a visitor gets them; "
+    "without\n"
+    "                    it they go to standard error\n"
     "\n"
     "The script finds a request with any of these:\n"
     "\n"
@@ -69,15 +75,26 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* problem)
   int i = 1;
   for (; i < argc && argv[i][0] == '-' && argv[i][1] != '\0'; i++) {
     const std::string_view option = argv[i];
-    if (option == "--help") {
-      options->help = true;
+    if (option == "--help" || option == "-h" || option == "--version") {
+      options->version = option == "--version";
+      options->help = !options->version;
       return true;
     }
     if (option == "--") {
       i++;
       break;
     }
-    if (option == "--request" || option == "--headers") {
+    if (option == "-e") {
+      if (i + 1 == argc) {
+        *problem = "-e needs a text";
+      } else if (options->text) {
+        *problem = "-e is there twice";
+      } else {
+        options->text = argv[++i];
+      }
+    } else if (option == "--errors-in-page") {
+      options->errors_in_page = true;
+    } else if (option == "--request" || option == "--headers") {
       options->is_request = true;
       options->headers = options->headers || option == "--headers";
     } else if (const char* value = TakeValue("--config", "a file", argc, argv, &i, problem)) {
@@ -87,12 +104,14 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* problem)
     }
     if (!problem->empty()) return false;
   }
-  if (i >= argc) {
-    *problem = "no script";
-    return false;
+  if (!options->text) {
+    if (i >= argc) {
+      *problem = "no script";
+      return false;
+    }
+    options->script = argv[i++];
   }
-  options->script = argv[i];
-  options->argument_count = argc - i - 1;
-  options->arguments = argv + i + 1;
+  options->argument_count = argc - i;
+  options->arguments = argv + i;
   return true;
 }

@@ -11,8 +11,12 @@ extern const char zprun_usage[];
 // The parsed command line. The texts are those of argv, borrowed.
 struct Options {
   bool help = false;
+  bool version = false;
   const char* config = nullptr;  // the path of a configuration file, or null
-  const char* script = nullptr;  // set unless help is true
+  // One of the two is set, unless help or version is true.
+  const char* script = nullptr;  // the path of the script; "-" is standard input
+  const char* text = nullptr;    // the source of a page
+  bool errors_in_page = false;   // messages of the running script are part of its output
   // Whether the script finds the variables of a request; set with any of the next four.
   bool is_request = false;
   bool headers = false;            // the header fields are written before the page
@@ -25,7 +29,8 @@ struct Options {
 
 // Parses the command line. Options come before the script; all arguments after it belong to the
 // script, whether they look like options or not. "--" ends the options, for a script whose name
-// begins with "-". Returns false on an error, with the message in *problem.
+// begins with "-". With the text of a page there is no path, and the arguments follow the options.
+// Returns false on an error, with the message in *problem.
 [[nodiscard]] bool ParseOptions(int argc, char** argv, Options* options, std::string* problem);
 
 #endif

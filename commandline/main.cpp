@@ -20,6 +20,10 @@ int main(int argc, char** argv) {
     fputs(zprun_usage, stdout);
     return fflush(stdout) == 0 ? 0 : 1;
   }
+  if (options.version) {
+    puts("zprun " ZEPH_VERSION);
+    return fflush(stdout) == 0 ? 0 : 1;
+  }
   // setenv is safe only before there are threads. The library that reads the file takes its path
   // from this variable.
   if (options.config) setenv(config_file_variable, options.config, 1);

@@ -63,7 +63,7 @@ constexpr char kRun[] =
     "\n"
     "Compiles a page and writes what it sends for one request. The exit status is 0 if it ran to "
     "its\n"
-    "end, 1 after an error.\n"
+    "end, 3 if it did and has messages of errors, 1 after an error that ended it.\n"
     "\n"
     "  --get NAME=VALUE     a field of the query\n"
     "  --post NAME=VALUE    a field of a form\n"

@@ -533,7 +533,7 @@ int RunPage(const ZephArguments& arguments, const Places& places) {
     return FailedSystem("cannot write " + configuration.string());
   }
   std::vector<std::string> words = {(places.programs / "zprun").string(), "--config",
-                                    configuration.string(), "--request"};
+                                    configuration.string(), "--errors-in-page", "--request"};
   words.insert(words.end(), arguments.request.begin(), arguments.request.end());
   words.push_back((folders.pages / CompiledName(name)).string());
   std::vector<char*> pointers;

@@ -88,4 +88,53 @@ TEST_F(CommandLineOutputTest, APageWithoutAByteHasHeaderFields) {
   EXPECT_EQ(directory.Content("out"), "X: 1\n\n");
 }
 
+TEST_F(CommandLineOutputTest, SeparateErrorsAreNoPartOfThePageAndEndALine) {
+  TemporaryDirectory directory;
+  testing::internal::CaptureStderr();
+  {
+    Redirected redirected(directory.path("out").c_str());
+    CommandLineOutput output(&application, 1, 100);
+    output.SeparateErrors();
+    EXPECT_FALSE(output.has_errors());
+    output.Write("page", -1);
+    EXPECT_EQ(output.Write_Error("one", -1), 3);
+    EXPECT_TRUE(output.has_errors());
+    // What was written before the message is there before it.
+    EXPECT_EQ(directory.Content("out"), "page");
+    output.Write_Error("two\nmore", 4);
+    output.Write(" end", -1);
+    output.Flush();
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "one\ntwo\n");
+  EXPECT_EQ(directory.Content("out"), "page end");
+}
+
+TEST_F(CommandLineOutputTest, ASeparateErrorLeavesHeaderFieldsOpen) {
+  TemporaryDirectory directory;
+  testing::internal::CaptureStderr();
+  {
+    Redirected redirected(directory.path("out").c_str());
+    CommandLineOutput output(&application, 1, 100);
+    output.SeparateErrors();
+    output.ShowHeaders();
+    output.Write_Error("error", -1);
+    EXPECT_EQ(output.Header("X-A", "1"), 1);
+    output.Flush();
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "error\n");
+  EXPECT_EQ(directory.Content("out"), "X-A: 1\n\n");
+}
+
+TEST_F(CommandLineOutputTest, ErrorsInThePageAreWrittenThere) {
+  TemporaryDirectory directory;
+  {
+    Redirected redirected(directory.path("out").c_str());
+    CommandLineOutput output(&application, 1, 100);
+    output.Write("page ", -1);
+    output.Write_Error("error", -1);
+    EXPECT_TRUE(output.has_errors());
+  }
+  EXPECT_EQ(directory.Content("out"), "page error");
+}
+
 }  // namespace

@@ -70,10 +70,40 @@ TEST(Options, TwoDashesEndTheOptions) {
   EXPECT_STREQ(line.options.script, "--help");
 }
 
-TEST(Options, HelpNeedsNoScript) {
-  Line line({"--help"});
+TEST(Options, HelpAndVersionNeedNoScript) {
+  for (const char* option : {"--help", "-h"}) {
+    Line line({option});
+    ASSERT_TRUE(line.Parse());
+    EXPECT_TRUE(line.options.help);
+    EXPECT_FALSE(line.options.version);
+  }
+  Line line({"--version"});
   ASSERT_TRUE(line.Parse());
-  EXPECT_TRUE(line.options.help);
+  EXPECT_TRUE(line.options.version);
+  EXPECT_FALSE(line.options.help);
+}
+
+TEST(Options, ATextIsInThePlaceOfAScript) {
+  Line line({"-e", "{{ arg1 }}", "--get", "a=1", "page.zpc", "-e"});
+  ASSERT_TRUE(line.Parse()) << line.problem;
+  EXPECT_STREQ(line.options.text, "{{ arg1 }}");
+  EXPECT_EQ(line.options.script, nullptr);
+  EXPECT_TRUE(line.options.is_request);
+  ASSERT_EQ(line.options.argument_count, 2);
+  EXPECT_STREQ(line.options.arguments[0], "page.zpc");
+  EXPECT_STREQ(line.options.arguments[1], "-e");
+  Line alone({"-e", ""});
+  ASSERT_TRUE(alone.Parse());
+  EXPECT_STREQ(alone.options.text, "");
+  EXPECT_EQ(alone.options.argument_count, 0);
+}
+
+TEST(Options, ADashAloneIsAScript) {
+  Line line({"--errors-in-page", "-", "x"});
+  ASSERT_TRUE(line.Parse());
+  EXPECT_STREQ(line.options.script, "-");
+  EXPECT_TRUE(line.options.errors_in_page);
+  EXPECT_EQ(line.options.argument_count, 1);
 }
 
 TEST(Options, AWrongCommandLineIsTold) {
@@ -90,6 +120,8 @@ TEST(Options, AWrongCommandLineIsTold) {
       {{"--config", "", "page.zpc"}, "--config needs a file"},
       {{"--verbose", "page.zpc"}, "unknown option '--verbose'"},
       {{"-t", "3", "page.zpc"}, "unknown option '-t'"},
+      {{"-e"}, "-e needs a text"},
+      {{"-e", "a", "-e", "b"}, "-e is there twice"},
       {{"--configuration=a", "page.zpc"}, "unknown option '--configuration=a'"},
   };
   for (const Case& each : cases) {

@@ -31,7 +31,8 @@ const std::string library =
 std::string Page(const std::string& name, const std::string& variables = "") {
   TemporaryDirectory directory;
   const std::string settings = directory.File("zeph.toml", library + variables);
-  Command command({InBuild("bin/zprun"), "--config", settings, InBuild("site/") + name});
+  Command command(
+      {InBuild("bin/zprun"), "--errors-in-page", "--config", settings, InBuild("site/") + name});
   command.environment = {{"ZEPH_CONFIG", ""}, {"ZpCONFIG_LIBRARY", ""}};
   EXPECT_EQ(command.Run(), name == "mistake.zpc" ? 1 : 0) << command.errors;
   return command.output;

@@ -56,7 +56,7 @@ class Extension : public testing::Test {
   std::string FromZprun() {
     engine.Script("page.zpc", script);
     engine.WriteConfiguration();
-    Command command({InBuild("bin/zprun"), "--config", engine.Path("zeph.toml"),
+    Command command({InBuild("bin/zprun"), "--errors-in-page", "--config", engine.Path("zeph.toml"),
                      engine.Path("scripts/page.zpc")});
     status = command.Run();
     errors = command.errors;

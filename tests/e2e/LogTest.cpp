@@ -32,7 +32,7 @@ class TraceLog : public testing::Test {
   }
   void Zprun(const std::string& name) {
     engine.WriteConfiguration();
-    Command command({InBuild("bin/zprun"), "--config", engine.Path("zeph.toml"),
+    Command command({InBuild("bin/zprun"), "--errors-in-page", "--config", engine.Path("zeph.toml"),
                      engine.Path("scripts/" + name)});
     command.Run();
     EXPECT_EQ(command.errors, "");

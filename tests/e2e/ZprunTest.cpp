@@ -72,11 +72,72 @@ TEST_F(Zprun, ArgumentsAreVariables) {
   EXPECT_EQ(output, "|||0");
 }
 
-TEST_F(Zprun, AnErrorOfTheScriptIsPartOfItsOutputAndTheStatusIsOne) {
+TEST_F(Zprun, AnErrorThatEndsTheScriptIsOnStandardErrorAndTheStatusIsOne) {
   Script("page.zpc", Writes("before") + "out\n" + Writes("after"));
+  const std::string message = "Fatal error in page.zpc @ [00000000:00000008]: Stack underflow\n";
   EXPECT_EQ(Run({"page.zpc"}), 1);
-  EXPECT_EQ(output, "beforeFatal error in page.zpc @ [00000000:00000008]: Stack underflow\n");
+  EXPECT_EQ(output, "before");
+  EXPECT_EQ(errors, message);
+  EXPECT_EQ(Run({"--errors-in-page", "page.zpc"}), 1);
+  EXPECT_EQ(output, "before" + message);
   EXPECT_EQ(errors, "");
+}
+
+TEST_F(Zprun, ErrorsThatEndNothingGiveTheStatusThree) {
+  // ZpGO without a database shows a message and goes on.
+  const std::string page = "a<ZpGO to=1>b";
+  EXPECT_EQ(Run({"-e", page}), 3);
+  EXPECT_EQ(output, "ab");
+  EXPECT_THAT(errors, StartsWith("Runtime error in -e @ ["));
+  EXPECT_THAT(errors, HasSubstr("-e: Line 1: ZpGO: "));
+  EXPECT_EQ(Run({"--errors-in-page", "-e", page}), 3);
+  EXPECT_THAT(output, testing::MatchesRegex("aRuntime error in -e .*: ZpGO: .*\nb"));
+  EXPECT_EQ(errors, "");
+  // What is not shown is not counted.
+  EXPECT_EQ(Run({"-e", "<ZEPH tag=\"ZpGO\" show=0 stop=0>" + page}), 0);
+  EXPECT_EQ(output, "ab");
+  EXPECT_EQ(errors, "");
+  EXPECT_EQ(Run({"-e", "<ZEPH tag=\"ZpGO\" show=1 stop=1>" + page}), 1);
+}
+
+TEST_F(Zprun, AMessageIsBehindWhatTheScriptHasWrittenAndOutsideOfCaptures) {
+  Command command(
+      {"/bin/sh", "-c",
+       "exec " + program + " -e 'a<ZpCAPTURE x>b<ZpGO to=1>c</ZpCAPTURE>d{{{ x }}}' 2>&1"});
+  command.directory = directory.path();
+  command.environment = environment;
+  EXPECT_EQ(command.Run(), 3);
+  EXPECT_THAT(command.output, testing::MatchesRegex("aRuntime error [^\n]*\ndbc"));
+}
+
+TEST_F(Zprun, RunsAScriptOfStandardInput) {
+  Script("page.zpc", Writes("Hello ") + "pushg arg1\nout\n");
+  Command command({"/bin/sh", "-c", "cat page.zpc | " + program + " - you"});
+  command.directory = directory.path();
+  command.environment = environment;
+  EXPECT_EQ(command.Run(), 0);
+  EXPECT_EQ(command.output, "Hello you");
+  EXPECT_EQ(command.errors, "");
+  command.arguments = {"/bin/sh", "-c", "echo text | " + program + " -"};
+  EXPECT_EQ(command.Run(), 1);
+  EXPECT_EQ(command.errors,
+            "zprun: -: File is either corrupt or not a valid compiled Zeph Script file\n");
+}
+
+TEST_F(Zprun, RunsTheTextOfAPage) {
+  directory.File("_part.zeph", "[{{{ arg1 }}}]");
+  EXPECT_EQ(Run({"-e", "{{{ 1 + 2 }}} <ZpINCLUDE \"_part.zeph\">", "x"}), 0);
+  EXPECT_EQ(output, "3 [x]");
+  EXPECT_EQ(errors, "");
+  EXPECT_EQ(Run({"-e", "{{{ 1 + }}}"}), 1);
+  EXPECT_EQ(output, "");
+  EXPECT_THAT(errors, HasSubstr("-e:1:"));
+  EXPECT_EQ(Run({"-e", ""}), 0);
+  EXPECT_EQ(output, "");
+  // Other pages are found in the working directory.
+  Script("other.zpc", Writes("other"));
+  EXPECT_EQ(Run({"-e", "<ZpDO file=\"other.zpc\">"}), 0) << errors;
+  EXPECT_EQ(output, "other");
 }
 
 TEST_F(Zprun, AScriptThatExitsHasRun) {
@@ -102,6 +163,10 @@ TEST_F(Zprun, WhatCannotBeRunIsTold) {
 }
 
 TEST_F(Zprun, HelpIsNoErrorAndAWrongCommandLineIsOne) {
+  EXPECT_EQ(Run({"--version"}), 0);
+  EXPECT_THAT(output, testing::MatchesRegex("zprun [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+  EXPECT_EQ(Run({"-h"}), 0);
+  EXPECT_THAT(output, StartsWith("usage: zprun "));
   EXPECT_EQ(Run({"--help"}), 0);
   EXPECT_THAT(output, StartsWith("usage: zprun [option ...] page.zpc [argument ...]\n"));
   EXPECT_EQ(errors, "");
@@ -178,14 +243,14 @@ TEST_F(Zprun, AScriptBelowTheScriptDirectoryHasItsPlaceThere) {
   // Messages name the script by its path on the command line.
   Script("site/shop/page.zpc", "out\n");
   EXPECT_EQ(Run({"--config", "settings.toml", "site/shop/page.zpc"}), 1);
-  EXPECT_THAT(output, StartsWith("Fatal error in shop/page.zpc @"));
+  EXPECT_THAT(errors, StartsWith("Fatal error in shop/page.zpc @"));
   Script("elsewhere/page.zpc", "out\n");
   EXPECT_EQ(Run({"--config", "settings.toml", "elsewhere/page.zpc"}), 1);
-  EXPECT_THAT(output, StartsWith("Fatal error in page.zpc @"));
+  EXPECT_THAT(errors, StartsWith("Fatal error in page.zpc @"));
   // A folder whose name only begins with that text is another one.
   Script("site2/page.zpc", "out\n");
   EXPECT_EQ(Run({"--config", "settings.toml", "site2/page.zpc"}), 1);
-  EXPECT_THAT(output, StartsWith("Fatal error in page.zpc @"));
+  EXPECT_THAT(errors, StartsWith("Fatal error in page.zpc @"));
 }
 
 TEST_F(Zprun, LinksToAScriptAreFollowed) {
@@ -240,14 +305,14 @@ TEST_F(Zprun, AReaderThatLeavesEndsTheScriptWithoutAWord) {
 // --- Time and signals ----------------------------------------------------------------------------
 
 constexpr char endless[] = "pushc \"running\"\nout\nagain: jmp again\n";
-constexpr char timed_out[] = "runningApplication timed out";
+constexpr char timed_out[] = "Application timed out\n";
 
 TEST_F(Zprun, AScriptThatTakesTooLongIsEnded) {
   Script("endless.zpc", endless);
   directory.File("settings.toml", "timeout_global = 1\n");
   EXPECT_EQ(Run({"--config", "settings.toml", "endless.zpc"}), 1);
-  EXPECT_EQ(output, timed_out);
-  EXPECT_EQ(errors, "");
+  EXPECT_EQ(output, "running");
+  EXPECT_EQ(errors, timed_out);
 }
 
 class ZprunSignal : public Zprun {
@@ -272,8 +337,8 @@ TEST_F(ZprunSignal, EndsTheScriptInOrder) {
     one.WaitForOutput();
     one.Signal(number);
     EXPECT_EQ(one.Finish(), 1);
-    EXPECT_EQ(one.output, timed_out);
-    EXPECT_EQ(one.errors, "");
+    EXPECT_EQ(one.output, "running");
+    EXPECT_EQ(one.errors, timed_out);
   }
 }
 
@@ -286,7 +351,8 @@ TEST_F(ZprunSignal, ThatWasIgnoredStaysIgnored) {
   command.Signal(SIGTERM);
   // If an ignored signal counted, SIGTERM would be the second one and end the process at once.
   EXPECT_EQ(command.Finish(), 1);
-  EXPECT_EQ(command.output, timed_out);
+  EXPECT_EQ(command.output, "running");
+  EXPECT_EQ(command.errors, timed_out);
 }
 
 TEST_F(ZprunSignal, ASecondOneEndsTheProcessAtOnce) {
@@ -308,7 +374,8 @@ TEST_F(ZprunSignal, ThatNobodyElseSendsEndsNothing) {
   command.Signal(SIGUSR1);
   command.Signal(SIGTERM);
   EXPECT_EQ(command.Finish(), 1);
-  EXPECT_EQ(command.output, timed_out);
+  EXPECT_EQ(command.output, "running");
+  EXPECT_EQ(command.errors, timed_out);
 }
 
 }  // namespace

@@ -77,8 +77,8 @@ class PageFolder {
 
   // Runs a compiled page and returns its output.
   std::string Run(const std::string& page) {
-    Command command(
-        {InBuild("bin/zprun"), "--config", directory.path("zeph.toml"), directory.path(page)});
+    Command command({InBuild("bin/zprun"), "--errors-in-page", "--config",
+                     directory.path("zeph.toml"), directory.path(page)});
     command.directory = directory.path();
     command.environment = {{"ZpCONFIG_LIBRARY", ""}};
     status = command.Run();

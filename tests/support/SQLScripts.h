@@ -30,7 +30,7 @@ inline std::string SQLLibraries(const std::string& connection = "") {
 inline std::string RunPage(EngineProcess& engine, const std::string& code) {
   engine.Script("page.zpc", code);
   engine.WriteConfiguration();
-  Command command({InBuild("bin/zprun"), "--config", engine.Path("zeph.toml"),
+  Command command({InBuild("bin/zprun"), "--errors-in-page", "--config", engine.Path("zeph.toml"),
                    engine.Path("scripts/page.zpc")});
   EXPECT_EQ(command.Run(), 0) << command.output;
   EXPECT_EQ(command.errors, "");
