@@ -4,6 +4,8 @@
 #include "compiler/ExpressionParser.h"
 
 #include <cmath>
+#include <cstdint>
+#include <string>
 
 #include "base/compiled/Instructions.h"
 #include "base/core/ascii.h"
@@ -80,6 +82,21 @@ const OperatorRow* FindOperator(std::string_view word) {
     if (SameName(row.name, word)) return &row;
   }
   return nullptr;
+}
+
+// Whether an integer, with its sign or "0x", loses digits when it is read. A hexadecimal one may
+// use all 32 bits.
+bool IsWrapped(std::string_view number) {
+  const bool hexadecimal = number.size() > 2 && (number[1] | 0x20) == 'x';
+  const bool negative = number[0] == '-';
+  const uint64_t most = hexadecimal ? 0xFFFFFFFF : negative ? 0x80000000 : 0x7FFFFFFF;
+  uint64_t value = 0;
+  for (const char c : number.substr(hexadecimal ? 2 : negative ? 1 : 0)) {
+    const auto digit = static_cast<uint64_t>(zp_hexvalue(static_cast<unsigned char>(c)));
+    value = value * (hexadecimal ? 16 : 10) + digit;
+    if (value > most) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -483,6 +500,13 @@ bool ExpressionParser::ParseNumber() {
   if (!point) {
     const int value = ZephApplication::stoi(digits, length, &failed);
     if (!failed) {
+      if (IsWrapped(std::string_view(digits, static_cast<size_t>(length)))) {
+        const std::string number(digits, static_cast<size_t>(length));
+        diagnostics->Warning({file, start, length},
+                             number + " does not fit into 32 bits and becomes " +
+                                 std::to_string(value) +
+                                 (hexadecimal ? "" : "; " + number + ".0 is kept as it is"));
+      }
       Add(Kind::Integer, start, length).number = value;
       return true;
     }

@@ -22,7 +22,10 @@ constexpr char kUsage[] =
     "usage: zephc [options] page.zeph -o page.zpc    one page\n"
     "       zephc [options] folder -o folder         all pages of a folder\n"
     "       zephc [options] --check page.zeph        writes nothing\n"
+    "       zephc --help | --version\n"
     "\n"
+    "  -o FILE            the compiled file, or the folder for the compiled files\n"
+    "  --check            errors and warnings only\n"
     "  -D NAME            defines a name for ZpIFDEF\n"
     "  -I FOLDER          a folder for ZpINCLUDE\n"
     "  --functions FILE   declares library functions, one a line: name(a, b var)\n"
@@ -30,11 +33,11 @@ constexpr char kUsage[] =
     "  --all-lines        every tag notes its line, for a trace in the log\n"
     "  --werror           a warning is an error\n"
     "\n"
-    "docs/language.md describes the language.\n";
+    "-D, -I and --functions may be repeated. docs/language.md describes the language.\n";
 
 struct Arguments {
-  std::string source, target, functions, depend;
-  std::vector<std::string> defines, folders;
+  std::string source, target, depend;
+  std::vector<std::string> defines, folders, functions;
   bool check = false;
   bool every_line = false;
   bool warnings_fail = false;
@@ -134,10 +137,13 @@ int Run(const Arguments& arguments) {
   CompileOptions options;
   options.defines = arguments.defines;
   options.every_line = arguments.every_line;
-  options.functions_name = arguments.functions;
-  if (!arguments.functions.empty() && !ReadWholeFile(arguments.functions, &options.functions)) {
-    Report(arguments.functions, "read");
-    return 1;
+  for (const std::string& name : arguments.functions) {
+    FunctionsFile file = {name, ""};
+    if (!ReadWholeFile(name, &file.text)) {
+      Report(name, "read");
+      return 1;
+    }
+    options.functions_files.push_back(std::move(file));
   }
   for (Page& page : pages) good = Compile(arguments, root, options, &page) && good;
   if (!good) return 1;
@@ -149,46 +155,81 @@ int Run(const Arguments& arguments) {
   return 0;
 }
 
-bool Parse(int argc, char** argv, Arguments* arguments) {
+// Takes the value of an option, which is the next word. *i is the option's index. Returns null if
+// there is none.
+const char* TakeValue(int argc, char** argv, int* i) {
+  return *i + 1 < argc && argv[*i + 1][0] != '\0' ? argv[++*i] : nullptr;
+}
+
+bool TakeOption(int argc, char** argv, int* i, Arguments* arguments, std::string* problem) {
+  const std::string option = argv[*i];
+  if (option == "--check") return arguments->check = true;
+  if (option == "--all-lines") return arguments->every_line = true;
+  if (option == "--werror") return arguments->warnings_fail = true;
+  const struct {
+    const char* option;
+    std::vector<std::string>* list;  // may be repeated
+    std::string* single;
+  } rows[] = {{"-D", &arguments->defines, nullptr},
+              {"-I", &arguments->folders, nullptr},
+              {"--functions", &arguments->functions, nullptr},
+              {"-o", nullptr, &arguments->target},
+              {"--depend", nullptr, &arguments->depend}};
+  for (const auto& row : rows) {
+    if (option != row.option) continue;
+    const char* value = TakeValue(argc, argv, i);
+    if (!value) {
+      *problem = option + " needs a value";
+    } else if (row.list) {
+      row.list->push_back(value);
+    } else if (!row.single->empty()) {
+      *problem = option + " is there twice";
+    } else {
+      *row.single = value;
+    }
+    return problem->empty();
+  }
+  *problem = "unknown option '" + option + "'";
+  return false;
+}
+
+bool Parse(int argc, char** argv, Arguments* arguments, std::string* problem) {
   for (int i = 1; i < argc; i++) {
     const std::string argument = argv[i];
-    const bool has_value = i + 1 < argc;
-    if (argument == "--check") {
-      arguments->check = true;
-    } else if (argument == "--all-lines") {
-      arguments->every_line = true;
-    } else if (argument == "--werror") {
-      arguments->warnings_fail = true;
-    } else if (argument == "-o" && has_value && arguments->target.empty()) {
-      arguments->target = argv[++i];
-    } else if (argument == "-D" && has_value) {
-      arguments->defines.push_back(argv[++i]);
-    } else if (argument == "-I" && has_value) {
-      arguments->folders.push_back(argv[++i]);
-    } else if (argument == "--functions" && has_value) {
-      arguments->functions = argv[++i];
-    } else if (argument == "--depend" && has_value) {
-      arguments->depend = argv[++i];
-    } else if (argument[0] != '-' && arguments->source.empty()) {
-      arguments->source = argument;
-    } else {
-      std::cerr << "zephc: unexpected " << argument << "\n";
+    if (argument.size() > 1 && argument[0] == '-') {
+      if (!TakeOption(argc, argv, &i, arguments, problem)) return false;
+    } else if (argument.empty() || !arguments->source.empty()) {
+      *problem = argument.empty() ? "an empty name of a page"
+                                  : "one page or folder at a time, found '" + argument +
+                                        "' after '" + arguments->source + "'";
       return false;
+    } else {
+      arguments->source = argument;
     }
   }
-  return !arguments->source.empty() && arguments->check == arguments->target.empty();
+  if (arguments->source.empty()) {
+    *problem = "no page";
+  } else if (arguments->check && !arguments->target.empty()) {
+    *problem = "--check writes nothing, so it has no -o";
+  } else if (!arguments->check && arguments->target.empty()) {
+    *problem = "no -o for the compiled file";
+  }
+  return problem->empty();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
-    std::cout << kUsage;
-    return 0;
+  for (int i = 1; i < argc; i++) {
+    const bool is_version = strcmp(argv[i], "--version") == 0;
+    if (!is_version && strcmp(argv[i], "--help") != 0 && strcmp(argv[i], "-h") != 0) continue;
+    std::cout << (is_version ? "zephc " ZEPH_VERSION "\n" : kUsage);
+    return std::cout.flush().good() ? 0 : 1;
   }
   Arguments arguments;
-  if (!Parse(argc, argv, &arguments)) {
-    std::cerr << kUsage;
+  std::string problem;
+  if (!Parse(argc, argv, &arguments, &problem)) {
+    std::cerr << "zephc: " << problem << "\n" << kUsage;
     return kUsageStatus;
   }
   return Run(arguments);

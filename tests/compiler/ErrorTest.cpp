@@ -245,6 +245,23 @@ TEST(CompileWarnings, OfAComparisonThatEndsATag) {
   EXPECT_EQ(MessagesOf("<ZpIF a >b</ZpIF>"), "");
 }
 
+TEST(CompileWarnings, OfAnIntegerThatLosesDigits) {
+  ExpectMessages({
+      {"{{{ 2147483647 }}}{{{ -2147483648 }}}{{{ 0xFFFFFFFF }}}{{{ 00002147483647 }}}", ""},
+      {"{{{ 2147483648 }}}",
+       "1:5+10 warning: 2147483648 does not fit into 32 bits and becomes -2147483648; "
+       "2147483648.0 is kept as it is\n"},
+      {"{{{ -2147483649 }}}",
+       "1:5+11 warning: -2147483649 does not fit into 32 bits and becomes 2147483647; "
+       "-2147483649.0 is kept as it is\n"},
+      {"{{{ 99999999999999999999999 + 1 }}}",
+       "1:5+23 warning: 99999999999999999999999 does not fit into 32 bits and becomes -159383553; "
+       "99999999999999999999999.0 is kept as it is\n"},
+      {"{{{ 0x100000001 }}}",
+       "1:5+11 warning: 0x100000001 does not fit into 32 bits and becomes 1\n"},
+  });
+}
+
 // --- Hostile sources -----------------------------------------------------------------------------
 
 std::string Repeated(const std::string& text, int count) {

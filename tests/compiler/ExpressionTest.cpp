@@ -28,7 +28,9 @@ struct Outcome {
 // Runs a page. The value is what it writes, up to a "#".
 Outcome RunPage(const std::string& page) {
   const CompileResult result = CompileText(page);
-  if (!result.succeeded) return {"error", result.messages[0].text};
+  for (const CompileMessage& message : result.messages) {
+    if (message.is_error) return {"error", message.text};
+  }
   Machine machine;
   machine.Load(result.image);
   if (machine.Go() != 1) return {"stopped: " + machine.Failure(), ""};

@@ -12,6 +12,8 @@
 namespace {
 
 using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
 
 class Zephc : public testing::Test {
  protected:
@@ -118,15 +120,51 @@ TEST_F(Zephc, KnowsDefinedNamesAndLibraryFunctions) {
               HasSubstr("functions:1:16: error: expected 'var', ',' or ')', found the end"));
 }
 
-TEST_F(Zephc, RefusesWrongCommandLines) {
-  EXPECT_EQ(Run({}), 2);
-  EXPECT_EQ(Run({"page.zeph"}), 2);
-  EXPECT_EQ(Run({"page.zeph", "-o"}), 2);
-  EXPECT_EQ(Run({"--check", "page.zeph", "-o", "x"}), 2);
+TEST_F(Zephc, TakesSeveralListsOfFunctions) {
+  directory.File("page.zeph", "{{{ one() }}}{{{ two() }}}");
+  directory.File("a.functions", "one()\n");
+  directory.File("b.functions", "two()\n");
+  EXPECT_EQ(
+      Run({"--functions", "a.functions", "--functions", "b.functions", "--check", "page.zeph"}), 0)
+      << errors;
+  EXPECT_EQ(Run({"--functions", "a.functions", "--check", "page.zeph"}), 1);
+  EXPECT_EQ(
+      Run({"--functions", "a.functions", "--functions", "c.functions", "--check", "page.zeph"}), 1);
+  EXPECT_EQ(errors, "zephc: cannot read c.functions: No such file or directory\n");
+}
+
+TEST_F(Zephc, HelpAndVersionAreNoErrors) {
+  for (const char* option : {"--help", "-h"}) {
+    EXPECT_EQ(Run({option}), 0);
+    EXPECT_THAT(output, StartsWith("usage: zephc "));
+  }
+  EXPECT_EQ(Run({"--version"}), 0);
+  EXPECT_THAT(output, MatchesRegex("zephc [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+}
+
+TEST_F(Zephc, TellsWhatIsWrongWithACommandLine) {
+  const struct {
+    std::vector<std::string> arguments;
+    const char* reason;
+  } rows[] = {
+      {{}, "no page"},
+      {{"page.zeph"}, "no -o for the compiled file"},
+      {{"page.zeph", "-o"}, "-o needs a value"},
+      {{"page.zeph", "-o", ""}, "-o needs a value"},
+      {{"page.zeph", "-o", "a", "-o", "b"}, "-o is there twice"},
+      {{"-D"}, "-D needs a value"},
+      {{"--check", "page.zeph", "-o", "x"}, "--check writes nothing, so it has no -o"},
+      {{"a.zeph", "b.zeph", "-o", "x"},
+       "one page or folder at a time, found 'b.zeph' after 'a.zeph'"},
+      {{"--wrong", "page.zeph"}, "unknown option '--wrong'"},
+      {{""}, "an empty name of a page"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(Run(row.arguments), 2);
+    EXPECT_THAT(errors, StartsWith("zephc: " + std::string(row.reason) + "\nusage: zephc "));
+  }
   EXPECT_EQ(Run({"none.zeph", "-o", "x"}), 1);
   EXPECT_THAT(errors, HasSubstr("zephc: cannot read none.zeph: No such file"));
-  EXPECT_EQ(Run({"--help"}), 0);
-  EXPECT_THAT(output, HasSubstr("usage: zephc"));
 }
 
 }  // namespace
