@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 
 #include "base/core/CLocale.h"
@@ -60,6 +61,9 @@ void Process_CommandLine_Args(_FastCGIMainArgs* arguments) {
       double count = strtod_l(argv[++i], nullptr, CLocale());
       if (count >= 1 && count < static_cast<double>(INT_MAX) + 1) {
         arguments->thread_count = static_cast<int>(count);
+      } else {
+        fprintf(stderr, "zeph-fcgi: -t needs a number of threads, found '%s'; %d are started\n",
+                argv[i], arguments->thread_count);
       }
     } else if (IsOption(argv[i], 'p')) {
       title = argv[++i];

@@ -2,7 +2,6 @@
 
 #include <fcgiapp.h>
 #include <fcntl.h>
-#include <sys/socket.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -13,6 +12,7 @@
 #include "fastcgi/Arguments.h"
 #include "fastcgi/FastCGIExternalLibrary.h"
 #include "fastcgi/FastCGIThreads.h"
+#include "fastcgi/ShellOptions.h"
 
 namespace {
 
@@ -28,13 +28,9 @@ void MakeBlocking(int descriptor) {
 // Without a listening socket every thread, and so the process, leaves at once; this message is the
 // only sign of the reason.
 void CheckListening(int descriptor) {
-  int listening = 0;
-  socklen_t length = sizeof listening;
-  const char* problem = "not listening";
-  if (getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) != 0) {
-    problem = strerror(errno);
-  }
-  if (!listening) fprintf(stderr, "zeph-fcgi: descriptor 0 is no listening socket: %s\n", problem);
+  if (IsListening(descriptor)) return;
+  fprintf(stderr, "zeph-fcgi: descriptor 0 is no listening socket: %s\n",
+          errno != 0 ? strerror(errno) : "not listening");
 }
 
 // Runs until a signal ends the process. Without a heartbeat no script would have a time limit and
@@ -51,6 +47,8 @@ void Serve(FastCGIThreadManager* threads, _FastCGIMainArgs* arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  int status = 0;
+  if (RunShellOption(argc, argv, &status)) return status;
   FastCGIThreadManager threads;
   _FastCGIMainArgs arguments{};
   arguments.argument_count = arguments.copied_argument_count = argc;

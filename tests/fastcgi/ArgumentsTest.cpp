@@ -50,6 +50,17 @@ TEST(Arguments, ThreadCountTakesNumbersAboveZero) {
   }
 }
 
+TEST(Arguments, AWrongThreadCountIsToldOnStandardError) {
+  testing::internal::CaptureStderr();
+  Arguments({"zeph-fcgi", "-t", "7", "-t", "many", "-t", "-1"});
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "zeph-fcgi: -t needs a number of threads, found 'many'; 7 are started\n"
+            "zeph-fcgi: -t needs a number of threads, found '-1'; 7 are started\n");
+  testing::internal::CaptureStderr();
+  Arguments({"zeph-fcgi", "-t", "7", "-t"});
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
 TEST(Arguments, LaterThreadCountReplacesAnEarlierOne) {
   EXPECT_EQ(Arguments({"zeph-fcgi", "-t", "4", "x", "-t", "5"}).args.thread_count, 5);
   EXPECT_EQ(Arguments({"zeph-fcgi", "-t", "4", "-t", "none"}).args.thread_count, 4);

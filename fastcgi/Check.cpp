@@ -1,0 +1,270 @@
+// Checks an installation. Tested in tests/e2e/ShellOptionsTest.cpp.
+
+#include "fastcgi/Check.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <initializer_list>
+#include <set>
+#include <sstream>
+#include <utility>
+
+#include "base/host/Settings.h"
+#include "base/systems/unix/UNIXApplication.h"
+#include "base/systems/unix/UNIXReentrantFile.h"
+#include "config/Snapshot.h"
+#include "config/SnapshotStore.h"
+
+namespace {
+
+std::string TextOf(const String& text) {
+  return {text.data ? text.data : "", static_cast<size_t>(text.length)};
+}
+
+// A host for a file manager, which finds directories exactly as a request does.
+class CheckApplication : public UNIXApplication {
+ public:
+  CheckApplication() : UNIXApplication(0, nullptr, 0, nullptr, nullptr) {}
+  FileManager* filemanager() override { return &files; }
+
+  UNIXReentrantFileManager files{this};
+};
+
+class Check {
+ public:
+  explicit Check(std::ostream& out) : out(out) {}
+
+  bool Run(const std::string& path) {
+    CheckUser();
+    CheckConfigurationLibrary();
+    const std::string file = path.empty() ? Found() : path;
+    if (!file.empty()) CheckFile(file);
+    if (problems > 0) {
+      out << problems << (problems == 1 ? " problem\n" : " problems\n");
+    } else {
+      out << "ok\n";
+    }
+    return problems == 0;
+  }
+
+ private:
+  void Problem(const std::string& text) {
+    problems++;
+    out << "problem: " << text << "\n";
+  }
+  void Note(const std::string& text) { out << "note: " << text << "\n"; }
+
+  // The rights below are those of this user.
+  void CheckUser() {
+    const passwd* user = getpwuid(geteuid());
+    out << "user      " << (user ? user->pw_name : std::to_string(geteuid())) << "\n";
+  }
+
+  // The engine takes the one of its working directory, and otherwise one that a request names.
+  void CheckConfigurationLibrary() {
+    const char kLibrary[] = "libzephconfig.so";
+    struct stat status;
+    if (stat(kLibrary, &status) != 0) {
+      return Note(std::string(kLibrary) +
+                  " is not in the working directory: the web server has to send ZpCONFIG_LIBRARY");
+    }
+    if (status.st_uid != 0 && status.st_uid != geteuid()) {
+      return Problem(std::string(kLibrary) +
+                     ": UID mismatch: it belongs neither to root nor to "
+                     "this user");
+    }
+    CheckLoading(std::string("./") + kLibrary, {"zeph_config_library"});
+  }
+
+  // The file that the shipped configuration library would read. Empty, with the problem told, if
+  // there is none.
+  std::string Found() {
+    const char* named = getenv(config_file_variable);
+    if (named && *named) return named;
+    for (const char* path : {config_file_local, config_file_system}) {
+      struct stat status;
+      if (stat(path, &status) == 0) return path;
+    }
+    Problem(std::string("no settings: ") + config_file_variable + " is not set, and neither " +
+            config_file_local + " nor " + config_file_system + " exists");
+    return "";
+  }
+
+  void CheckFile(const std::string& path) {
+    out << "settings  " << path << "\n";
+    std::string text;
+    if (!Read(path, &text)) return Problem(path + ": " + strerror(errno));
+    const Snapshot snapshot = Snapshot::Parse(path, text);
+    for (const std::string& error : snapshot.errors) Problem(error);
+    for (const std::string& warning : snapshot.warnings) Note(warning);
+    // The rest of a file with mistakes may not be what its author means.
+    if (!snapshot.errors.empty()) return;
+    CheckDirectories(snapshot);
+    for (const LibrarySection& library : snapshot.libraries) CheckLibrary(library);
+  }
+
+  static bool Read(const std::string& path, std::string* text) {
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0) return false;
+    if (!S_ISREG(status.st_mode)) {
+      errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+      return false;
+    }
+    std::ifstream file(path, std::ios::binary);
+    if (!file) return false;
+    std::ostringstream content;
+    content << file.rdbuf();
+    *text = content.str();
+    return true;
+  }
+
+  static std::string TextSetting(const std::vector<Setting>& settings, int id) {
+    for (const Setting& setting : settings) {
+      if (setting.id == id) return setting.text;
+    }
+    return "";
+  }
+
+  void CheckDirectories(const Snapshot& snapshot) {
+    const Setting* flags = snapshot.Find(Config_flags_security);
+    application.files.SecurityOptions(flags ? flags->integer : 0);
+    const auto script = [this](const char* path) {
+      return application.files.InitializeScriptDirectory(path, nullptr);
+    };
+    const auto data = [this](const char* path) {
+      return application.files.InitializeDataDirectory(path);
+    };
+    const auto temporary = [this](const char* path) {
+      return application.files.InitializeTempDirectory(path);
+    };
+    CheckDirectory("dir_zeph", Config_dir_zeph, snapshot, R_OK | X_OK, true, script);
+    const bool has_data =
+        CheckDirectory("dir_data", Config_dir_data, snapshot, R_OK | W_OK | X_OK, true, data);
+    CheckDirectory("dir_temp", Config_dir_temp, snapshot, R_OK | W_OK | X_OK, false, temporary);
+    if (const std::string ca = TextSetting(snapshot.settings, Config_dir_ca); !ca.empty()) {
+      CheckRights("dir_ca", ca, R_OK | X_OK);
+    }
+    if (!has_data) return;
+    const std::string place = TextSetting(snapshot.settings, Config_dir_data);
+    CheckLog(place, TextSetting(snapshot.settings, Config_log_file));
+    for (const ScriptSection& section : snapshot.scripts) {
+      const std::string own = TextSetting(section.settings, Config_dir_data);
+      if (!own.empty() && (!CheckRights("script.dir_data", own, R_OK | W_OK | X_OK) ||
+                           !CheckOpens("script.dir_data", own, data))) {
+        continue;
+      }
+      CheckLog(own.empty() ? place : own, TextSetting(section.settings, Config_log_file));
+    }
+  }
+
+  template <typename Initialize>
+  bool CheckDirectory(const char* name, int id, const Snapshot& snapshot, int rights, bool required,
+                      const Initialize& initialize) {
+    const Setting* setting = snapshot.Find(id);
+    if (!setting) {
+      if (required) Problem(std::string(name) + ": missing");
+      return false;
+    }
+    out << name << "  " << setting->text << "\n";
+    return CheckOpens(name, setting->text, initialize) && CheckRights(name, setting->text, rights);
+  }
+
+  template <typename Initialize>
+  bool CheckOpens(const char* name, const std::string& path, const Initialize& initialize) {
+    if (initialize(path.c_str())) return true;
+    Problem(name + (": " + path) + ": " + TextOf(application.files.error()));
+    return false;
+  }
+
+  bool CheckRights(const char* name, const std::string& path, int rights) {
+    const std::string subject = name + (": " + path) + ": ";
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0) {
+      Problem(subject + strerror(errno));
+      return false;
+    }
+    if (!S_ISDIR(status.st_mode)) {
+      Problem(subject + "is no directory");
+      return false;
+    }
+    const struct {
+      int right;
+      const char* what;
+    } rows[] = {{R_OK, "read"}, {W_OK, "write"}, {X_OK, "search"}};
+    std::string missing;
+    for (const auto& row : rows) {
+      if (!(rights & row.right) || faccessat(AT_FDCWD, path.c_str(), row.right, AT_EACCESS) == 0) {
+        continue;
+      }
+      missing += (missing.empty() ? "" : ", ") + std::string(row.what);
+    }
+    if (missing.empty()) return true;
+    Problem(subject + "this user has no right to " + missing);
+    return false;
+  }
+
+  // A log that cannot be written is no error of a request, so this is the only place that tells.
+  void CheckLog(const std::string& directory, const std::string& log) {
+    if (log.empty() || !logs.emplace(directory, log).second) return;
+    const std::string path = log[0] == '/' ? log : directory + "/" + log;
+    out << "log_file  " << path << "\n";
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0) {
+      if (errno != ENOENT) return Problem("log_file: " + path + ": " + strerror(errno));
+      // It is made by the first record.
+      CheckRights("log_file", path.substr(0, path.rfind('/')), W_OK | X_OK);
+    } else if (!S_ISREG(status.st_mode)) {
+      Problem("log_file: " + path + ": is no regular file");
+    } else if (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0) {
+      Problem("log_file: " + path + ": this user has no right to write");
+    }
+  }
+
+  void CheckLibrary(const LibrarySection& library) {
+    out << "library   " << library.path << "\n";
+    switch (library.kind) {
+      case LibraryKind::Builtin: return CheckLoading(library.path, {"zeph_function_table"});
+      case LibraryKind::Commerce:
+        return CheckLoading(library.path, {"zeph_commerce_library", "zeph_commerce_init"});
+      case LibraryKind::Database: return CheckLoading(library.path, {"zeph_database_library"});
+      case LibraryKind::System: return CheckLoading(library.path, {});
+    }
+  }
+
+  // Loads a library with all its symbols, which the engine binds only when they are called. One of
+  // the entries has to be there. The library stays loaded, as it does in the engine.
+  void CheckLoading(const std::string& path, std::initializer_list<const char*> entries) {
+    struct stat status;
+    if (path.find('/') != std::string::npos && stat(path.c_str(), &status) == 0 &&
+        !S_ISREG(status.st_mode)) {
+      return Problem("library " + path + ": is no regular file");
+    }
+    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!handle) return Problem("library " + std::string(dlerror()));
+    if (entries.size() == 0) return;
+    for (const char* entry : entries) {
+      if (dlsym(handle, entry)) return;
+    }
+    Problem("library " + path + ": has no function '" + *entries.begin() +
+            "', so it is none of this kind");
+  }
+
+  std::ostream& out;
+  CheckApplication application;
+  std::set<std::pair<std::string, std::string>> logs;  // directory and name of those looked at
+  int problems = 0;
+};
+
+}  // namespace
+
+bool CheckInstallation(const std::string& path, std::ostream& out) {
+  return Check(out).Run(path);
+}
