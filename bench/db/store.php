@@ -2,6 +2,7 @@
 // What store.zpa does, as a PHP page would: through PDO with prepared statements, each of them a transaction.
 // usage: php store.php FOLDER RECORDS [DSN], where DSN is that of a PostgreSQL server; without it SQLite is used, with a
 // write-ahead log and without waiting for the disk.
+require __DIR__ . '/clock.php';
 [, $dir, $n] = $argv;
 $n = (int)$n;
 $rows = $look = [];
@@ -24,15 +25,6 @@ if (isset($argv[3])) {
 $db->setAttribute(PDO::ATTR_ERRMODE, PDO::ERRMODE_EXCEPTION);
 $db->exec('create table s(id numeric(10,0), name varchar(30), amount numeric(9,2), d char(8))');
 $db->exec('create index s_name on s(name)');
-$us = [];
-function cpu() { $u = getrusage(); return $u['ru_utime.tv_sec'] + $u['ru_stime.tv_sec'] + ($u['ru_utime.tv_usec'] + $u['ru_stime.tv_usec']) / 1e6; }
-function timed($what, $count, $work) {
-    global $us;
-    [$wall, $cpu] = [microtime(true), cpu()];
-    $result = $work();
-    $us[$what] = [(microtime(true) - $wall) / $count * 1e6, (cpu() - $cpu) / $count * 1e6];
-    return $result;
-}
 timed('insert', $n, function () use ($db, $rows) {
     $insert = $db->prepare('insert into s values(?,?,?,?)');
     foreach ($rows as $row) $insert->execute($row);

@@ -1,6 +1,7 @@
 <?php
 // What walks.zpa does, as a PHP page would: SQLite through PDO with prepared statements, autocommit, a write-ahead
 // log, and no waiting for the disk. usage: php walks.php FOLDER RECORDS
+require __DIR__ . '/clock.php';
 [, $dir, $n] = $argv;
 $n = (int)$n;
 $rows = $look = [];
@@ -18,15 +19,6 @@ $db->query('pragma journal_mode=WAL')->fetchAll();
 $db->exec('create table t(id integer, name char(30), amount number(10,2), d date, paid integer, note text)');
 $db->exec('create index t_amount on t(amount)');
 $db->exec('create index t_name on t(name)');
-$us = [];
-function cpu() { $u = getrusage(); return $u['ru_utime.tv_sec'] + $u['ru_stime.tv_sec'] + ($u['ru_utime.tv_usec'] + $u['ru_stime.tv_usec']) / 1e6; }
-function timed($what, $count, $work) {
-    global $us;
-    [$wall, $cpu] = [microtime(true), cpu()];
-    $result = $work();
-    $us[$what] = [(microtime(true) - $wall) / $count * 1e6, (cpu() - $cpu) / $count * 1e6];
-    return $result;
-}
 timed('insert', $n, function () use ($db, $rows) {
     $insert = $db->prepare('insert into t values(?,?,?,?,?,?)');
     foreach ($rows as $row) $insert->execute($row);

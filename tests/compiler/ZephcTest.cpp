@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "tests/support/CompiledPages.h"
+#include "tests/support/ProgramFixture.h"
 
 namespace {
 
@@ -15,21 +16,9 @@ using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
-class Zephc : public testing::Test {
+class Zephc : public ProgramFixture {
  protected:
-  int Run(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), InBuild("bin/zephc"));
-    Command command(arguments);
-    command.directory = directory.path();
-    const int status = command.Run();
-    output = command.output;
-    errors = command.errors;
-    return status;
-  }
-
-  TemporaryDirectory directory;
-  std::string output;
-  std::string errors;
+  Zephc() : ProgramFixture("zephc") {}
 };
 
 TEST_F(Zephc, CompilesAPage) {

@@ -10,6 +10,7 @@
 #include "compiler/Compiler.h"
 #include "compiler/PageFiles.h"
 #include "tests/support/NewSite.h"
+#include "tests/support/ProgramFixture.h"
 
 namespace {
 
@@ -17,27 +18,14 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-class ZephTest : public testing::Test {
+class ZephTest : public ProgramFixture {
  protected:
-  int Run(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), InBuild("bin/zeph"));
-    Command command(arguments);
-    command.directory = directory.path();
-    command.environment = {{"ZpCONFIG_LIBRARY", ""}};
-    const int status = command.Run();
-    output = command.output;
-    errors = command.errors;
-    return status;
-  }
+  ZephTest() : ProgramFixture("zeph") {}
   uint64_t Inode(const std::string& name) {
     struct stat facts {};
     stat(directory.path(name).c_str(), &facts);
     return facts.st_ino;
   }
-
-  TemporaryDirectory directory;
-  std::string output;
-  std::string errors;
 };
 
 TEST_F(ZephTest, HelpAndVersion) {

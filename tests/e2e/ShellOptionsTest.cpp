@@ -6,10 +6,8 @@
 #include <unistd.h>
 
 #include "tests/e2e/Pages.h"
-#include "tests/support/Command.h"
 #include "tests/support/OtherUser.h"
-#include "tests/support/Paths.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/ProgramFixture.h"
 
 namespace {
 
@@ -19,35 +17,22 @@ using testing::MatchesRegex;
 using testing::Not;
 using testing::StartsWith;
 
-class ShellOptions : public testing::Test {
+class ShellOptions : public ProgramFixture {
  protected:
-  ShellOptions() {
+  ShellOptions() : ProgramFixture("zeph-fcgi") {
     directory.Directory("site");
     directory.Directory("data");
     base = "dir_zeph = \"" + directory.path("site") + "\"\ndir_data = \"" + directory.path("data") +
            "\"\n";
   }
 
-  int Run(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), EngineProcess::Program());
-    Command command(arguments);
-    command.directory = directory.path();
-    command.environment = {{"ZEPH_CONFIG", ""}};
-    const int status = command.Run();
-    output = command.output;
-    errors = command.errors;
-    return status;
-  }
   // Checks a file of settings that begins with the two directories.
   int Check(const std::string& settings) {
     directory.File("zeph.toml", base + settings);
     return Run({"--check"});
   }
 
-  TemporaryDirectory directory;
   std::string base;
-  std::string output;
-  std::string errors;
 };
 
 TEST_F(ShellOptions, HelpAndVersionAreToldWithoutASocket) {

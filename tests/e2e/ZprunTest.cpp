@@ -6,9 +6,7 @@
 #include <unistd.h>
 
 #include "tests/e2e/Pages.h"
-#include "tests/support/Command.h"
-#include "tests/support/Paths.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/ProgramFixture.h"
 #include "tools/Assembler.h"
 
 namespace {
@@ -16,11 +14,12 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const std::string program = InBuild("bin/zprun");
 const std::string shipped_library = InBuild("lib/libzephconfig.so");
 
-class Zprun : public testing::Test {
+class Zprun : public ProgramFixture {
  protected:
+  Zprun() : ProgramFixture("zprun") {}
+
   // Assembles a script into the test's directory.
   void Script(const std::string& name, const std::string& source) {
     std::string image, problems;
@@ -28,31 +27,11 @@ class Zprun : public testing::Test {
     directory.File(name, image);
   }
 
-  // Runs zprun in the test's directory with those arguments. Returns the exit status, and stores
-  // the two outputs in output and errors.
-  int Run(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), program);
-    Command command(arguments);
-    command.directory = directory.path();
-    command.environment = environment;
-    command.output_file = output_file;
-    int status = command.Run();
-    output = command.output;
-    errors = command.errors;
-    return status;
-  }
   void ExpectFailure(const std::vector<std::string>& arguments, const std::string& message) {
     EXPECT_EQ(Run(arguments), 1);
     EXPECT_EQ(output, "");
     EXPECT_EQ(errors, "zprun: " + message + "\n");
   }
-
-  TemporaryDirectory directory;
-  // The test's own environment must not change the results.
-  std::map<std::string, std::string> environment = {{"ZEPH_CONFIG", ""}, {"ZpCONFIG_LIBRARY", ""}};
-  std::string output_file;
-  std::string output;
-  std::string errors;
 };
 
 TEST_F(Zprun, WritesWhatTheScriptWritesAndNothingElse) {

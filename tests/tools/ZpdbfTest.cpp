@@ -5,35 +5,22 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/Command.h"
-#include "tests/support/Paths.h"
+#include "tests/support/ProgramFixture.h"
 #include "tests/support/TableOnDisk.h"
 
 namespace {
 
 using Lines = std::vector<std::string>;
 
-class Zpdbf : public ::testing::Test {
+class Zpdbf : public ProgramFixture {
  protected:
+  Zpdbf() : ProgramFixture("zpdbf") {}
   void SetUp() override {
     TableOnDisk maker(directory);
     auto columns = ColumnList({{"NAME", XBaseField_Character, 6, 0}});
     ASSERT_TRUE(maker.table.Create(ZephPath_Data, "t.dbf", "", 0, *columns));
     ASSERT_TRUE(AppendRow(maker.table, {"Ann"}));
   }
-
-  int Run(Lines arguments) {
-    arguments.insert(arguments.begin(), InBuild("bin/zpdbf"));
-    Command command(arguments);
-    command.directory = directory.path();
-    const int status = command.Run();
-    output = command.output;
-    errors = command.errors;
-    return status;
-  }
-
-  TemporaryDirectory directory;
-  std::string output, errors;
 };
 
 TEST_F(Zpdbf, ShowsATableInTheFormThatIsAskedFor) {

@@ -4,9 +4,7 @@
 #include <limits>
 #include <vector>
 
-#include "base/systems/unix/UNIXReentrantFile.h"
-#include "tests/extensions/Library.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/extensions/LibraryWithFiles.h"
 
 namespace {
 
@@ -31,17 +29,12 @@ std::vector<std::string> Parameters(const Declared& function) {
   return parameters;
 }
 
-class StdArguments : public Library {
+class StdArguments : public LibraryWithFiles {
  protected:
-  StdArguments() { UseDirectory(); }
+  StdArguments() { SetServer("apitype", "CGI"); }
   void Prepare() override {
-    if (manager) UseDirectory();
-  }
-  void UseDirectory() {
-    manager = std::make_unique<UNIXReentrantFileManager>(&machine->application);
-    machine->application.SetFileManager(manager.get());
-    EXPECT_TRUE(manager->InitializeDataDirectory(directory.Directory("data").c_str()));
-    SetServer("apitype", "CGI");
+    LibraryWithFiles::Prepare();
+    if (manager) SetServer("apitype", "CGI");
   }
 
   // A value of each sort.
@@ -81,9 +74,6 @@ class StdArguments : public Library {
     }
     return value;
   }
-
-  TemporaryDirectory directory;
-  std::unique_ptr<UNIXReentrantFileManager> manager;
 };
 
 TEST_F(StdArguments, TheExportHasTheRowsOfTheList) {

@@ -2,28 +2,11 @@
 
 #include <sys/stat.h>
 
-#include "base/systems/unix/UNIXReentrantFile.h"
-#include "tests/extensions/Library.h"
-#include "tests/support/TemporaryDirectory.h"
+#include "tests/extensions/LibraryWithFiles.h"
 
 namespace {
 
-class StdFiles : public Library {
- protected:
-  StdFiles() { UseDirectory(); }
-  void Prepare() override {
-    if (manager) UseDirectory();
-  }
-  void UseDirectory() {
-    manager = std::make_unique<UNIXReentrantFileManager>(&machine->application);
-    machine->application.SetFileManager(manager.get());
-    EXPECT_TRUE(manager->InitializeDataDirectory(directory.Directory("data").c_str()));
-  }
-  std::string File(const std::string& path) { return directory.Content("data/" + path); }
-
-  TemporaryDirectory directory;
-  std::unique_ptr<UNIXReentrantFileManager> manager;
-};
+class StdFiles : public LibraryWithFiles {};
 
 TEST_F(StdFiles, FilesAreWrittenReadAndRemoved) {
   const ValueCase cases[] = {
