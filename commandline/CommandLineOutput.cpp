@@ -23,9 +23,9 @@ int CommandLineOutput::Write_Error(const char* text, int length) {
   // left.
   if (first_error != 0) return length;
   if (length < 0) length = static_cast<int>(strlen(text));
-  std::string message(text, static_cast<size_t>(length));
-  if (message.empty() || message.back() != '\n') message += '\n';
-  fwrite(message.data(), 1, message.size(), stderr);
+  // Without a copy: the message may be that there is no memory.
+  fwrite(text, 1, static_cast<size_t>(length), stderr);
+  if (length == 0 || text[length - 1] != '\n') fputc('\n', stderr);
   return length;
 }
 

@@ -89,6 +89,16 @@ TEST_F(Zprun, AMessageIsBehindWhatTheScriptHasWrittenAndOutsideOfCaptures) {
   EXPECT_THAT(command.output, testing::MatchesRegex("aRuntime error [^\n]*\ndbc"));
 }
 
+TEST_F(Zprun, AScriptWithoutMemoryIsTold) {
+  directory.File("small.toml", "memory_limit = 2000000\n");
+  const std::string page =
+      "before<ZpASSIGN x = \"0123456789abcdef\"><ZpWHILE 1><ZpASSIGN x = x $ x></ZpWHILE>";
+  EXPECT_EQ(Run({"--config", "small.toml", "-e", page}), 1);
+  EXPECT_EQ(output, "before");
+  EXPECT_THAT(errors, HasSubstr("Fatal error in -e @ ["));
+  EXPECT_THAT(errors, HasSubstr("Out of memory\n"));
+}
+
 TEST_F(Zprun, RunsAScriptOfStandardInput) {
   Script("page.zpc", Writes("Hello ") + "pushg arg1\nout\n");
   Command command({"/bin/sh", "-c", "cat page.zpc | " + program + " - you"});
