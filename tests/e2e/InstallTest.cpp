@@ -78,6 +78,9 @@ TEST(Install, ZephRunsFromWhereItIsInstalled) {
                    "--prefix", directory.path("usr")});
   ASSERT_EQ(install.Run(), 0) << install.errors;
   const std::string zeph = directory.path("usr/bin/zeph");
+  for (const char* page : {"man1/zeph.1", "man1/zephc.1", "man1/zprun.1", "man8/zeph-fcgi.8"}) {
+    EXPECT_TRUE(directory.Exists("usr/share/man/" + std::string(page))) << page;
+  }
   Command made({zeph, "new", directory.path("site")});
   ASSERT_EQ(made.Run(), 0) << made.errors;
   // A library beside the installed ones.
