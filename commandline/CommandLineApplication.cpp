@@ -232,7 +232,7 @@ bool CommandLineApplication::OpenScript(const char* named, File** file, String* 
   return true;
 }
 
-// Its directory is the working one, and its path the word that stands for it on the command line.
+// Its directory is the working one, and its path the word of the command line, - or -e.
 bool CommandLineApplication::OpenImage(const Options& options, File** file, String* path) {
   path->assign(options.text ? "-e" : kStandardInput, -1);
   char directory[PATH_MAX];

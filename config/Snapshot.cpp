@@ -282,7 +282,7 @@ void Reader::ReadVariableList(const std::string& name, const Item& section,
     }
     if (FindSetting(item.key) != nullptr) {
       Warn(item.line, key,
-           "here it is a variable; the setting of this name stands above the first section");
+           "here it is a variable; the setting of this name belongs above the first section");
     }
     auto [other, fresh] = seen.emplace(LowerCase(item.key), item.key);
     if (!fresh) Complain(item.line, key, "the same variable as " + Quoted(other->second));

@@ -127,7 +127,7 @@ TEST_F(SnapshotStoreTest, WarningsAreReportedOnceForEachStateOfTheFile) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "libzephconfig: warning: " + file +
                 ":2: variables.global.cookies: here it is a variable; the setting of this name "
-                "stands above the first section\n");
+                "belongs above the first section\n");
 }
 
 TEST_F(SnapshotStoreTest, YoungBrokenFileIsReportedOnce) {

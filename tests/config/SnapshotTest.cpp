@@ -266,7 +266,7 @@ TEST(Snapshot, AVariableWithTheNameOfASettingIsWarnedOf) {
     ASSERT_EQ(snapshot.warnings.size(), 1u);
     EXPECT_EQ(snapshot.warnings[0],
               "zeph.toml:3: " + section +
-                  ".timeout_global: here it is a variable; the setting of this name stands above "
+                  ".timeout_global: here it is a variable; the setting of this name belongs above "
                   "the first section");
   }
 }
