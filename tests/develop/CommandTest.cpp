@@ -45,6 +45,19 @@ TEST_F(ZephTest, WrongUsageIsStatus2WithAReasonAndTheHelpOfTheCommand) {
   EXPECT_EQ(output, "");
 }
 
+// A page is shown as a visitor gets it, and the status tells what a script needs to know.
+TEST_F(ZephTest, RunTellsByItsStatusThatAPageHasErrors) {
+  directory.File("site/zeph.toml", "");
+  directory.File("site/error.zeph", "a<ZpGO to=1>b");
+  EXPECT_EQ(Run({"run", "site/error.zeph"}), 3);
+  EXPECT_THAT(output, testing::MatchesRegex("aRuntime error in error.zpc .*\nb"));
+  EXPECT_EQ(errors, "");
+  directory.File("site/fatal.zeph", "a<ZEPH tag=\"ZpGO\" stop=1><ZpGO to=1>b");
+  EXPECT_EQ(Run({"run", "site/fatal.zeph"}), 1);
+  directory.File("site/good.zeph", "a");
+  EXPECT_EQ(Run({"run", "site/good.zeph"}), 0);
+}
+
 // A script's variable that is not set must not become the working directory.
 TEST_F(ZephTest, AnEmptyWordIsRefused) {
   directory.File("index.zeph", "mine");
