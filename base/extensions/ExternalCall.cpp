@@ -31,9 +31,11 @@ ExternalCall::~ExternalCall() {
 }
 
 // Whether the result of the last call can be reused, because no other code can see it: only this
-// object holds it, and it is no reference to another variable.
-bool ExternalCall::ResultIsFree() {
-  return result_variable->IsPlain() && result_variable->plain_count() < 2;
+// object holds it, and it is no reference to another variable. Its text keeps its memory then, so
+// it must not be a large one.
+inline bool ExternalCall::ResultIsFree() {
+  return result_variable->IsPlain() && result_variable->plain_count() < 2 &&
+         result_variable->plain_text().allocated <= kMostKept;
 }
 
 void ExternalCall::SetResult(Variable* adopted) {
@@ -44,7 +46,7 @@ void ExternalCall::SetResult(Variable* adopted) {
 
 int ExternalCall::Call(ZephVM* vm, VariableHash* parameters) {
   if (ResultIsFree()) {
-    result_variable->SetNULL();
+    result_variable->Variable::SetNULL();
   } else {
     SetResult(new Variable());
   }

@@ -29,6 +29,8 @@ class ExternalCall {
   // none. If another holder keeps the result of an earlier call, that variable is unchanged; so is
   // the result of a call that is still running.
   virtual int Call(ZephVM* vm, VariableHash* parameters);
+  // In bytes: memory of a result's text that is kept for the next result.
+  static constexpr int kMostKept = 1 << 16;
 
   const _ZP_EL_Function* descriptor() const { return function; }
   // Borrowed; a caller that keeps it takes a count.

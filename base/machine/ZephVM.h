@@ -15,6 +15,7 @@
 #include "base/core/BaseTemplates.h"
 #include "base/core/Numbers.h"
 #include "base/core/StringClass.h"
+#include "base/extensions/ExternalParameters.h"
 #include "base/host/TagErrors.h"
 #include "base/machine/Feature.h"
 #include "base/machine/ImportFilters.h"
@@ -43,7 +44,6 @@ class ZephApplication;
 struct HotOp;
 struct LogParameter;
 struct MachineDatabases;
-struct _ZP_EL_Function;
 
 // Runs one compiled file for one request, on that request's thread. Borrows the tables that it is
 // built on, which outlive it; owns its frames, stacks and features.
@@ -344,13 +344,18 @@ class ZephVM {
   bool ReturnsNeedNoRecord() const;
   static constexpr long NoMode = LONG_MIN;  // no mode: those are ints
   void SetOutputMode(int mode);
-  bool TakeArguments(Function* function, const _ZP_EL_Function* row, VariableHash* locals);
+  void TakeArguments(Function* function, VariableHash* locals);
   ZephVM_FunctionFrame* ReturningFrame();
   void LeaveFrame();
   void LogReturn(ZephVM_FunctionFrame* left, bool with_value);
   // Closes the features that were made in a frame that is about to end.
   void Cleanup_Function_Features(ZephVM_Frame* left);
+
+  // Calls of libraries (base/machine/ZephVM_External.cpp).
   ExternalCall* FindExternal(Function* function);
+  ExternalCall* BindExternal(Function* function);
+  bool TakeArguments(ExternalParameters* parameters);
+
   // Whether a run within this one may begin. If not, that is a fatal error.
   bool MayNest();
   // With wants_result, a run that leaves no result has failed; that happens after an exit.
@@ -456,6 +461,7 @@ class ZephVM {
   int frame_count = 0;  // of functions that have not returned
   // Frames of finished calls, by function index, with their stack and locals, kept for later calls.
   std::vector<ZephVM_FunctionFrame*> idle_frames;
+  IdleParameters idle_parameters;  // the same for external functions
   // The output's mode if the hot loop set it and so knows it, else NoMode.
   long hot_mode = NoMode;
   bool in_hot = false;

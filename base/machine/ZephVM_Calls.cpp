@@ -1,8 +1,7 @@
-// Functions: calls and returns, calls of external libraries, and runs of the machine that native
-// code nests in the current one. Tested in tests/base/machine/FunctionCallTest.cpp,
+// Functions: calls and returns, and runs of the machine that native code nests in the current one.
+// Calls of libraries are in ZephVM_External.cpp. Tested in tests/base/machine/FunctionCallTest.cpp,
 // FrameReuseTest.cpp and RunFunctionTest.cpp.
 
-#include <atomic>
 #include <memory>
 
 #include "base/compiled/Function.h"
@@ -11,7 +10,6 @@
 #include "base/core/LinkBuffer.h"
 #include "base/core/Output.h"
 #include "base/core/RunLimit.h"
-#include "base/extensions/ExternalCall.h"
 #include "base/host/ZephApplication.h"
 #include "base/machine/Feature.h"
 #include "base/machine/NestedRun.h"
@@ -67,7 +65,7 @@ void ZephVM::CallFunction(Function* function) {
   called->previous = frame;
   SetOutputMode(called->output_mode);
   if (WantsLog(Log_FunctionCall)) WriteLog(Log_FunctionCall, {OfString(function->name())});
-  TakeArguments(function, nullptr, called->variables);
+  TakeArguments(function, called->variables);
   // The frame is entered after a failure too: the stop flag ends the loop before its code runs.
   wanted_segment = function->segment();
   program_counter = function->offset();
@@ -144,40 +142,32 @@ void ZephVM::SetOutputMode(int mode) {
   hot_mode = in_hot ? mode : NoMode;
 }
 
-// The last argument is on top of the caller's stack. row is that of a library's function, null for
-// a function of the script. REQUIRES: a row has as many parameters as the function.
-bool ZephVM::TakeArguments(Function* function, const _ZP_EL_Function* row, VariableHash* locals) {
+// The last argument is on top of the caller's stack.
+void ZephVM::TakeArguments(Function* function, VariableHash* locals) {
   const std::vector<FunctionParameter*>& parameters = function->slots();
-  const unsigned record = row ? Log_ExternalFunctionParameter : Log_FunctionParameter;
   for (size_t i = parameters.size(); i-- > 0;) {
     const FunctionParameter* p = parameters[i];
-    if (row && p->flagword() != row->parameters[i].flags) {
-      FatalError("Parameter type mismatch in call to external function");
-      return false;
-    }
     // Keeps the argument alive for the log record if the table refuses it.
     VariableRef held;
     Variable* argument;
     if (p->byreference()) {
       held = PopHeld(&argument);
-      if (!argument) return false;
+      if (!argument) return;
       locals->SetVariable_Reference(p->index(), argument);
     } else {
       argument = locals->At(p->index(), 1);
       if (!argument) {
         FatalError("Invalid parameter reference");
-        return false;
+        return;
       }
+      // There is a record of each parameter, even after a failure.
       stack->PopV(argument);
-      // A call of the script's own function still has a record of each parameter.
-      if (row && stop_flag) return false;
     }
-    if (WantsLog(record)) {
-      WriteLog(record, {OfString(function->name()), OfString(p->name()),
-                        LogParameter::OfVariable(argument)});
+    if (WantsLog(Log_FunctionParameter)) {
+      WriteLog(Log_FunctionParameter, {OfString(function->name()), OfString(p->name()),
+                                       LogParameter::OfVariable(argument)});
     }
   }
-  return true;
 }
 
 ZephVM_FunctionFrame* ZephVM::ReturningFrame() {
@@ -273,65 +263,6 @@ void ZephVM::Cleanup_Function_Features(ZephVM_Frame* left) {
     lowest = feature;
   }
   if (lowest) Pop_Feature(lowest);
-}
-
-// --- External functions --------------------------------------------------------------------------
-
-void ZephVM::CallExternalFunction(Function* function) {
-  ExternalCall* external = FindExternal(function);
-  if (!external) return;
-  const _ZP_EL_Function* row = external->descriptor();
-  if (row->parametercount != static_cast<int>(function->slots().size())) {
-    FatalError("Number of parameters mismatch in call to external function");
-    return;
-  }
-  if (WantsLog(Log_ExternalFunctionCall)) {
-    WriteLog(Log_ExternalFunctionCall, {OfString(function->name())});
-  }
-  // Each call needs a table of its own, because the function may call a script function that calls
-  // it again. The table comes with a frame, because frames are kept for reuse; the frame is not
-  // entered.
-  const auto keep = [this](ZephVM_FunctionFrame* used) { KeepFrame(used); };
-  const std::unique_ptr<ZephVM_FunctionFrame, decltype(keep)> called(FrameFor(function), keep);
-  if (!TakeArguments(function, row, called->variables)) return;
-  // A library might keep or send what it is given, so it is not given parts.
-  if (RunLimit::WasCut()) return;
-  external->Call(this, called->variables);
-  // A library may extend the time limit, but not for a script whose values were cut short.
-  if (RunLimit::WasCut()) std::atomic_ref<int>(*timedout_flag).store(1, std::memory_order_relaxed);
-  stack->PushHeld(external->result());
-  if (WantsLog(Log_ExternalFunctionReturnValue)) {
-    WriteLog(Log_ExternalFunctionReturnValue,
-             {OfString(function->name()), LogParameter::OfVariable(external->result())});
-  }
-  if (WantsLog(Log_ExternalFunctionReturn)) {
-    WriteLog(Log_ExternalFunctionReturn, {OfString(function->name())});
-  }
-}
-
-// Bound by name at the first call. So a script may declare a function that no library has, as long
-// as it does not call it.
-ExternalCall* ZephVM::FindExternal(Function* function) {
-  auto* external = static_cast<ExternalCall*>(function->calldata);
-  if (external) return external;
-  const String& name = function->name();
-  if (external_calls) {
-    external = external_calls->Lookup_External(name.data ? name.data : "", name.length);
-  }
-  if (external) {
-    function->calldata = external;
-    return external;
-  }
-  String message("Unresolved call to external function '", -1);
-  message.cat(name.data, name.length);
-  message.cat('\'');
-  FatalError(message);
-  // The reason may be a library that the host could not load. That is not the visitor's business.
-  if (external_calls && external_calls->failures().length > 0 && WantsLog(Log_FatalError)) {
-    const String& failures = external_calls->failures();
-    WriteLog(Log_FatalError, {LogParameter::OfText(failures.data, failures.length)});
-  }
-  return nullptr;
 }
 
 // --- Runs within a run ---------------------------------------------------------------------------

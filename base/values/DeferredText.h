@@ -52,6 +52,9 @@ class DeferredText {
 
   // The length of the whole text in bytes.
   int length() const { return prefix_length + used; }
+  // The text in place, length() bytes without a NUL; null if a part of it is somewhere else. Valid
+  // until the next operation.
+  const char* InPlace() const { return prefix || is_lost ? nullptr : bytes; }
 
   // Returns the whole text, NUL-terminated, in a buffer of length() + 1 bytes, which the caller
   // frees with delete[]. *all receives the length without the NUL. Deletes the object, unless it

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <new>
@@ -173,6 +174,23 @@ TEST_F(ExternalCallTest, ResultThatAScriptHoldsKeepsItsValue) {
   EXPECT_NE(call->result(), held.get());
   EXPECT_EQ(held->value_integer(), 5);
   EXPECT_EQ(held->refcount(), 1);
+}
+
+int result_length = 0;
+
+void LongResult(ZephVM*, VariableHash*, Variable* result, void**) {
+  result->SetValue(std::string(size_t(result_length), 'x').c_str(), result_length);
+}
+
+TEST_F(ExternalCallTest, MemoryOfALongResultIsNotKeptForTheNext) {
+  ASSERT_TRUE(Register({Row("long", LongResult)}));
+  ExternalCall* call = manager.Lookup_External("long", -1);
+  for (const int length : {100'000'000, 1000, 10}) {
+    result_length = length;
+    call->Call(some_vm, nullptr);
+    EXPECT_EQ(call->result()->value().length, length);
+    EXPECT_LE(call->result()->value().allocated, std::max(length + 24, ExternalCall::kMostKept));
+  }
 }
 
 // The running call, which calls itself once more.
