@@ -1,4 +1,6 @@
-// The functions for values, lists and tables. Tested in tests/api/zpVariableTest.cpp.
+// The functions for values, lists and tables. Libraries read their parameters and store their
+// results through them, so those for plain values use the short ways of Variable. Tested in
+// tests/api/zpVariableTest.cpp.
 
 #include "api/zeph.h"
 
@@ -58,13 +60,13 @@ const char* zpVariable_Name(ZPVARIABLE variable, int* length) {
   return TextOf(variable->name(), length);
 }
 int zpVariable_Value_Integer(ZPVARIABLE variable) {
-  return variable->value_integer();
+  return variable->Real()->Read_Integer();
 }
 double zpVariable_Value_Double(ZPVARIABLE variable) {
-  return variable->value_double();
+  return variable->Real()->Read_Double();
 }
 const char* zpVariable_Value(ZPVARIABLE variable, int* length) {
-  return TextOf(variable->value(), length);
+  return TextOf(variable->Real()->Read_Text(), length);
 }
 char* zpVariable_Value_NS(ZPVARIABLE variable, int* length) {
   const String& text = variable->value();
@@ -76,10 +78,10 @@ char* zpVariable_Value_NS(ZPVARIABLE variable, int* length) {
 }
 
 int zpVariable_SetValue_Integer(ZPVARIABLE variable, int value) {
-  return variable->SetValue_Integer(value);
+  return variable->Write_Integer(value);
 }
 int zpVariable_SetValue_Double(ZPVARIABLE variable, double value) {
-  return variable->SetValue_Double(value);
+  return variable->Write_Double(value);
 }
 int zpVariable_SetValue(ZPVARIABLE variable, const char* value, int length) {
   return variable->SetValue(value, length);
@@ -230,7 +232,7 @@ int zpVariableHash_Entries(ZPVARIABLEHASH hash) {
   return hash->Entries();
 }
 ZPVARIABLE zpVariableHash_Index(ZPVARIABLEHASH hash, int index, int create) {
-  return hash->Index(index, create);
+  return hash->At(index, create);
 }
 ZPVARIABLE zpVariableHash_Find(ZPVARIABLEHASH hash, const char* name, int length) {
   Variable* variable = nullptr;

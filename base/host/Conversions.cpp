@@ -220,15 +220,19 @@ struct AttributeTable {
 };
 constexpr AttributeTable attribute_table;
 
-// The six bytes that become entities; the parentheses are among them, the apostrophe is not. All
-// others are unchanged.
+// What a byte becomes: one of six becomes an entity, each other one stays. The parentheses are
+// among the six, the apostrophe is not.
 struct EntityTable {
-  unsigned char length[256] = {};
-  char text[256][7] = {};
+  // Written as one word: the bytes after the text are written over by the next unit.
+  struct Unit {
+    char text[7];
+    unsigned char length;
+  };
+  Unit units[256] = {};
   constexpr EntityTable() {
     for (int byte = 0; byte < 256; byte++) {
-      length[byte] = 1;
-      text[byte][0] = static_cast<char>(byte);
+      units[byte].length = 1;
+      units[byte].text[0] = static_cast<char>(byte);
     }
     Set('"', "&quot;");
     Set('&', "&amp;");
@@ -238,11 +242,14 @@ struct EntityTable {
     Set('>', "&gt;");
   }
   constexpr void Set(char byte, std::string_view entity) {
-    const auto i = static_cast<unsigned char>(byte);
-    length[i] = static_cast<unsigned char>(entity.size());
-    for (size_t k = 0; k < entity.size(); k++) text[i][k] = entity[k];
+    Unit& unit = units[static_cast<unsigned char>(byte)];
+    unit.length = static_cast<unsigned char>(entity.size());
+    for (size_t k = 0; k < entity.size(); k++) unit.text[k] = entity[k];
   }
+  const Unit& Of(char byte) const { return units[static_cast<unsigned char>(byte)]; }
 };
+static_assert(sizeof(EntityTable::Unit) == 8);
+constexpr int kLongestEntity = 6;
 constexpr EntityTable entity_table;
 
 bool EqualName(const char* text, const char* lower, int length) {
@@ -494,11 +501,32 @@ char* ZephApplication::DecodeAttribute(const char* text, int textlength, int* le
   });
 }
 
+// Writes the units of count bytes without a branch, and returns their end. Up to 7 bytes after it
+// are written too.
+static char* WriteEntities(const char* text, int count, char* out) {
+  for (int i = 0; i < count; i++) {
+    const EntityTable::Unit& unit = entity_table.Of(text[i]);
+    memcpy(out, &unit, sizeof unit);
+    out += unit.length;
+  }
+  return out;
+}
+
 char* ZephApplication::EncodeEntities(const char* text, int textlength, int* length, int* size) {
   textlength = MeasuredLength(text, textlength);
+  // The cells of a table are short. The longest result of those fits here, so they need no pass
+  // that measures.
+  constexpr int kShort = 128;
+  if (textlength <= kShort) {
+    char encoded[kShort * kLongestEntity + sizeof(EntityTable::Unit)];
+    const auto count = static_cast<int>(WriteEntities(text, textlength, encoded) - encoded);
+    char* const copy = NewTextCopy(encoded, count);
+    Report(count, count + 1, length, size);
+    return copy;
+  }
   int64_t needed = 0;
   const int counted = MeasureUnits(textlength, &needed, [text](int i, int64_t* sum) {
-    *sum += entity_table.length[static_cast<unsigned char>(text[i])];
+    *sum += entity_table.Of(text[i]).length;
     return i + 1;
   });
   // Most texts have nothing to encode.
@@ -508,14 +536,9 @@ char* ZephApplication::EncodeEntities(const char* text, int textlength, int* len
     return copy;
   }
   return ConvertUnits(textlength, counted, needed + 1, length, size, [text](int i, char** out) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    const int taken = entity_table.length[byte];
-    if (taken == 1) {
-      *(*out)++ = text[i];
-    } else {
-      CopyText(*out, entity_table.text[byte], static_cast<size_t>(taken));
-      *out += taken;
-    }
+    const EntityTable::Unit& unit = entity_table.Of(text[i]);
+    CopyText(*out, unit.text, unit.length);
+    *out += unit.length;
     return i + 1;
   });
 }
