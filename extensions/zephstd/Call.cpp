@@ -8,6 +8,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <memory>
 
 #include "extensions/quote.h"
 
@@ -86,6 +87,7 @@ void MakeStructure(ZPVARIABLE variable) {
 
 Call::Call(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result, const Row& row)
     : running(program), returned(result), row(row) {
+  for (int i = 0; i < row.count; i++) std::construct_at(&arguments[i]);
   for (int i = 0; i < row.count; i++) {
     // By position, because a script may declare them by other names.
     arguments[i].variable = zpVariableHash_Index(parameters, i, 0);

@@ -39,6 +39,8 @@ class Call {
  public:
   // All but the row is borrowed for the call.
   Call(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result, const Row& row);
+  Call(const Call&) = delete;
+  Call& operator=(const Call&) = delete;
 
   ZPPROGRAM program() const { return running; }
   // Where the function stores its result; NULL at first.
@@ -83,6 +85,11 @@ class Call {
     double number = 0;
     bool given = true;
   };
+  // Those of the row are made by the constructor, because most functions have one or two.
+  union Arguments {
+    Arguments() {}
+    Argument of[kMostParameters];
+  };
 
   bool Read(int i);
   bool ReadNumber(int i);
@@ -91,7 +98,8 @@ class Call {
   ZPVARIABLE returned;
   const Row& row;
   bool has_failed = false;
-  Argument arguments[kMostParameters];
+  Arguments made;
+  Argument* const arguments = made.of;
 };
 
 // Stores a number: an integer if it is one of 32 bits.

@@ -977,6 +977,21 @@ string RandomText(std::mt19937* random, size_t length) {
   return text;
 }
 
+// Short texts are encoded in another way than long ones.
+TEST(EncodeEntities, TextsOfEveryLengthUpToTheLongOnes) {
+  for (int length = 0; length < 300; length++) {
+    SCOPED_TRACE(length);
+    const auto count = static_cast<size_t>(length);
+    string mixed(count, 'x');
+    for (size_t i = 0; i < count; i += 3) mixed[i] = '>';
+    for (const string& text : {string(count, '"'), string(count, 'x'), mixed}) {
+      const Text encoded = Encode(App::EncodeEntities, text);
+      ASSERT_EQ(encoded.text, PlainEncodeEntities(text));
+      ASSERT_EQ(encoded.size, static_cast<int>(encoded.text.size()) + 1);
+    }
+  }
+}
+
 TEST(Encoders, EqualPlainModelsOnRandomTexts) {
   constexpr unsigned seed = 7001;
   SCOPED_TRACE(seed);

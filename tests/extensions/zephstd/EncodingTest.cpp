@@ -30,6 +30,23 @@ TEST_F(StdEncoding, HTMLIsSafeInTextAndAttributes) {
   EXPECT_VALUES(cases);
 }
 
+// Short texts are encoded in another way than long ones.
+TEST_F(StdEncoding, HTMLOfTextsOfEveryLengthUpToTheLongOnes) {
+  for (size_t length = 0; length < 140; length++) {
+    SCOPED_TRACE(length);
+    std::string mixed(length, 'x'), quotes, encoded;
+    for (size_t i = 0; i < length; i++) {
+      quotes += "&quot;";
+      if (i % 3 == 1) mixed[i] = '&';
+      encoded += i % 3 == 1 ? "&amp;" : "x";
+    }
+    Set("g.t", std::string(length, '"'));
+    EXPECT_EQ(Value("htmlencode(g.t)"), quotes);
+    Set("g.t", mixed);
+    EXPECT_EQ(Value("htmlencode(g.t)"), encoded);
+  }
+}
+
 TEST_F(StdEncoding, URLs) {
   const ValueCase cases[] = {
       {"urlencode('a b&c=d/é?~-._')", "a%20b%26c%3Dd%2F%C3%A9%3F~-._"},
