@@ -62,7 +62,7 @@ class Engine:
         return total / 1e6
 
     def close(self):
-        self.process.kill()
+        self.process.terminate()
         self.process.wait()
 
 
