@@ -46,7 +46,8 @@ std::string ValueOf(ZPVARIABLE variable) {
   return text ? std::string(text, static_cast<size_t>(length)) : "(null)";
 }
 
-// Returns all that a library can see of its parameters.
+// Returns what a library can see of its parameters. Reads them as texts only, because a text that
+// is also read as a number is not kept.
 void Describe(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result, void**) {
   if (!program) return;
   std::string seen = "[" + std::to_string(zpVariableHash_Entries(parameters));
@@ -60,7 +61,7 @@ void Describe(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result, v
     int length = -1;
     const char* const text = zpVariable_Value(parameter, &length);
     if (text && text[length] != '\0') seen += " unterminated";
-    seen += ":" + ValueOf(parameter) + ":" + std::to_string(zpVariable_Value_Integer(parameter));
+    seen += ":" + ValueOf(parameter);
   }
   seen += "]";
   zpVariable_SetValue(result, seen.data(), static_cast<int>(seen.size()));
@@ -181,7 +182,7 @@ TEST(ExternalFunction, ATextThatIsNullUncoversNoEarlierOne) {
         zpVariable_SetValue_Nocopy(zpVariableHash_Index(parameters, 0, 1), nullptr, 0, 0);
       });
   EXPECT_EQ(library.machine.Go(), 1);
-  EXPECT_EQ(library.machine.Output(), "[1 3:(null):0]");
+  EXPECT_EQ(library.machine.Output(), "[1 3:(null)]");
 }
 
 TEST(ExternalFunction, AParameterByReferenceIsTheCallersVariableInEachCall) {
