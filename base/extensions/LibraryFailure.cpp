@@ -2,16 +2,11 @@
 
 #include "base/extensions/LibraryFailure.h"
 
-#include <cstdio>
-#include <cstring>
-#include <mutex>
-#include <set>
-#include <string>
 #include <string_view>
 
-namespace {
+#include "base/host/ErrorLog.h"
 
-constexpr size_t kMostLines = 100;
+namespace {
 
 std::string_view View(const String& text) {
   return {text.data ? text.data : "", static_cast<size_t>(text.length)};
@@ -28,10 +23,5 @@ String LibraryFailure(const char* path, const String& reason) {
 }
 
 void ReportLibraryFailure(const char* program, const String& failure) {
-  static std::mutex mutex;
-  static std::set<std::string, std::less<>> written;
-  const std::lock_guard<std::mutex> lock(mutex);
-  if (written.size() == kMostLines || written.contains(View(failure))) return;
-  written.emplace(View(failure));
-  fprintf(stderr, "%s: %s\n", program, failure.data);
+  ReportOnce(program, failure.data ? failure.data : "", failure.length);
 }

@@ -9,8 +9,7 @@
 // Returns the reason with the path of the library in front, unless the reason names it already, as
 // the loader's own texts do.
 String LibraryFailure(const char* path, const String& reason);
-// Writes it as a line to standard error, after the program's name. Every request tries again, so a
-// process writes each line once, and at most 100 lines. Any thread may call it.
+// Reports it with ReportOnce, because every request tries again. Any thread may call it.
 void ReportLibraryFailure(const char* program, const String& failure);
 
 #endif

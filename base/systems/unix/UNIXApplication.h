@@ -65,7 +65,7 @@ class UNIXApplication : public ZephApplication {
 
   // Applies the settings of the log: filter, cookie, and the file, which it opens. Called once,
   // when the data directory is open. If the file cannot be opened, that is no failure: there is no
-  // log then.
+  // log then, and the operator is told (ReportOnce).
   virtual void ProcessLogSettings();
   // Leaves the run out of the log, unless the client has sent the cookie "zephlogcookie" with
   // exactly this value.

@@ -5,6 +5,7 @@
 
 #include "base/core/zptime.h"
 #include "base/host/Config.h"
+#include "base/host/ErrorLog.h"
 #include "base/host/File.h"
 #include "base/systems/unix/UNIXApplication.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
@@ -14,6 +15,15 @@ namespace {
 
 bool IsSet(const char* text) {
   return text && *text;
+}
+
+// A script runs as well without its log, so only the operator learns of it.
+void ReportMissingLog(const char* program, const char* path, const String& reason) {
+  String text("log_file: ", -1);
+  text.cat(path, -1);
+  text.cat(": ", 2);
+  if (reason.length > 0) text.cat(reason.data, reason.length);
+  ReportOnce(program, text.data, text.length);
 }
 
 }  // namespace
@@ -27,6 +37,7 @@ void UNIXApplication::ProcessLogSettings() {
   if (IsSet(path)) {
     log_file.reset(file_manager->Open(ZephPath_Data, path,
                                       FileMode_Write | FileMode_Create | FileMode_Append));
+    if (!log_file) ReportMissingLog(base_name, path, file_manager->error());
   }
   // Without a log the machine does not have to build records, no matter what its level is.
   if (!log_file) log_suppressed = 1;
