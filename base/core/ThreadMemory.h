@@ -34,6 +34,11 @@ class ThreadMemory {
   static void SetLimit(int64_t bytes);
   // The bytes of heap that the run uses; below 0 if it has freed more than it has taken.
   static int64_t Used();
+  // The most that Used() has been since the run began, to about 64 KB; 0 if it cannot be known.
+  static int64_t Peak();
+  // The most that any run of the process has had, among those that have ended and have taken more
+  // than 4 MB altogether. Any thread may call it.
+  static int64_t LargestPeak();
   // Transfers that many bytes of the run to another thread, which frees them.
   static void HandOver(int64_t bytes);
   // Ends the run and its limit. After a large run the blocks that the thread kept for reuse go back
@@ -50,9 +55,10 @@ class ThreadMemory {
   };
 
   // --- Out of memory -----------------------------------------------------------------------------
-  // Code that has caught std::bad_alloc calls this before it makes a message. Writes a line on
-  // standard error with the time, the path of the script (length bytes) and the limit. Once in a
-  // run it also makes some room for the message and for the clean-up.
+  // Code that has caught std::bad_alloc calls this before it makes a message. Writes a line to the
+  // operator's log or, without one, to standard error, with the time, the path of the script
+  // (length bytes) and the limit. Once in a run it also makes some room for the message and for the
+  // clean-up.
   static void Exhausted(const char* path, int length);
   // Whether the current run, or the last one, ran out of the process's memory, not only of its own
   // limit.
@@ -103,6 +109,7 @@ class ThreadMemory {
   // Counted by the operators if the heap itself does not count.
   static constinit inline thread_local uint64_t taken = 0;
   static constinit inline thread_local uint64_t freed = 0;
+  static constinit inline thread_local int64_t most_counted = 0;  // of taken - freed in the run
   static constinit inline bool counts = false;
 };
 

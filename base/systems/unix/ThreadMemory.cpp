@@ -7,6 +7,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cassert>
 #include <cstdio>
 #include <cstdlib>
@@ -18,13 +19,17 @@
 #include "base/core/FreeList.h"
 #include "base/core/Sanitizers.h"
 #include "base/extensions/ExternalLibrary.h"
+#include "base/host/ErrorLog.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "base/values/Variable.h"
 
 extern "C" {
-// A function of jemalloc; null in a process that has another heap.
+// Functions of jemalloc; null in a process that has another heap.
 [[gnu::weak]] int mallctl(const char* name, void* old, size_t* old_length, void* value,
                           size_t length);
+[[gnu::weak]] int mallctlnametomib(const char* name, size_t* mib, size_t* count);
+[[gnu::weak]] int mallctlbymib(const size_t* mib, size_t count, void* old, size_t* old_length,
+                               void* value, size_t length);
 // jemalloc reads this when the process starts. Unused pages go back to the system within seconds.
 // In an idle process the heartbeats trigger that (GiveUnusedMemoryBack).
 extern const char* malloc_conf;
@@ -50,7 +55,8 @@ constinit thread_local const uint64_t* heap_freed = nullptr;
 
 constinit thread_local int64_t base = 0;  // the bytes used when the run began
 constinit thread_local uint64_t taken_before = 0;
-constinit thread_local int64_t limit = 0;  // 0 is none
+constinit thread_local int64_t given_before = 0;  // bytes that came from another thread
+constinit thread_local int64_t limit = 0;         // 0 is none
 constinit thread_local int64_t grace = 0;
 constinit thread_local ThreadMemory::Judge judge = nullptr;
 constinit thread_local void* reserve = nullptr;
@@ -94,7 +100,11 @@ struct ThreadMemoryOperators {
   static void* Counted(void* memory, size_t size) {
     if (!memory) [[unlikely]]
       Refuse(size, false);
-    if (ThreadMemory::counts) ThreadMemory::taken += malloc_usable_size(memory);
+    if (ThreadMemory::counts) {
+      ThreadMemory::taken += malloc_usable_size(memory);
+      const auto now = static_cast<int64_t>(ThreadMemory::taken - ThreadMemory::freed);
+      if (now > ThreadMemory::most_counted) ThreadMemory::most_counted = now;
+    }
     return memory;
   }
   static void NoteFree(void* memory) {
@@ -225,6 +235,39 @@ struct Counting {
   explicit Counting(bool* counts) { *counts = HeapCounter("thread.allocatedp") == nullptr; }
 };
 
+// jemalloc's record of the most that a thread has had, by a number, because a look-up by name takes
+// longer.
+struct HeapPeak {
+  HeapPeak() {
+    size_t length = 3;
+    if (mallctlnametomib && mallctlbymib &&
+        mallctlnametomib("thread.peak.reset", reset, &length) == 0 && length == 3) {
+      length = 3;
+      works = mallctlnametomib("thread.peak.read", read, &length) == 0 && length == 3;
+    }
+  }
+  void Reset() const {
+    if (works) mallctlbymib(reset, 3, nullptr, nullptr, nullptr, 0);
+  }
+  int64_t Read() const {
+    uint64_t most = 0;
+    size_t length = sizeof most;
+    if (!works || mallctlbymib(read, 3, &most, &length, nullptr, 0) != 0) return 0;
+    return static_cast<int64_t>(most);
+  }
+
+  size_t reset[3];
+  size_t read[3];
+  bool works = false;
+};
+
+const HeapPeak& PeakOfHeap() {
+  static const HeapPeak peak;
+  return peak;
+}
+
+std::atomic<int64_t> largest_peak{0};
+
 }  // namespace
 
 bool ThreadMemory::NewIsHere() {
@@ -279,6 +322,12 @@ void ThreadMemory::Begin(int64_t given) {
   base = 0;
   base = Used() - given;
   taken_before = counts ? taken : *heap_taken;
+  given_before = given;
+  if (counts) {
+    most_counted = static_cast<int64_t>(taken - freed);
+  } else {
+    PeakOfHeap().Reset();
+  }
   allowance = judge ? 0 : kAny;
   if (prepared && !reserve) reserve = malloc(kReserve);
 }
@@ -286,6 +335,15 @@ void ThreadMemory::Begin(int64_t given) {
 void ThreadMemory::SetLimit(int64_t bytes) {
   limit = bytes > 0 ? bytes : 0;
   allowance = 0;
+}
+
+int64_t ThreadMemory::Peak() {
+  if (counts) return most_counted - base;
+  return PeakOfHeap().works ? PeakOfHeap().Read() + given_before : 0;
+}
+
+int64_t ThreadMemory::LargestPeak() {
+  return largest_peak.load(std::memory_order_relaxed);
 }
 
 void ThreadMemory::HandOver(int64_t bytes) {
@@ -296,6 +354,10 @@ void ThreadMemory::End() {
   limit = grace = 0;
   allowance = judge ? 0 : kAny;
   if ((counts ? taken : *heap_taken) - taken_before < kLargeRun) return;
+  const int64_t peak = Peak();
+  int64_t largest = largest_peak.load(std::memory_order_relaxed);
+  while (peak > largest && !largest_peak.compare_exchange_weak(largest, peak)) {
+  }
   FreeLists::Trim();
   if (mallctl) mallctl("thread.tcache.flush", nullptr, nullptr, nullptr, 0);
 }
@@ -342,6 +404,12 @@ void ThreadMemory::Exhausted(const char* path, int length) {
     snprintf(what, sizeof what, "the process has no %zu bytes left", refused);
   }
   refused = 0;
+  if (ErrorLog& log = ErrorLog::OfProcess(); log.IsOpen()) {
+    LogLine message;
+    message.Text(path, length).Text(": Out of memory: ").Text(what);
+    log.Write(ErrorLog::Level::Error, message);
+    return;
+  }
   const int used =
       snprintf(line, sizeof line, "%04d-%02d-%02d %02d:%02d:%02d %.*s: Out of memory: %s\n",
                local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,

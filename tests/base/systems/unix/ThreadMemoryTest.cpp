@@ -30,6 +30,28 @@ class ThreadMemoryTest : public testing::Test {
 
 const int64_t kMegabyte = 1 << 20;
 
+TEST_F(ThreadMemoryTest, KnowsTheMostThatARunHad) {
+  for (int i = 0; i < 2; i++) {
+    // The second run does not see the block of the first.
+    const ThreadMemory::Run run;
+    EXPECT_LT(ThreadMemory::Peak(), kMegabyte);
+    const int64_t size = (i == 0 ? 20 : 2) * kMegabyte;
+    auto block = std::make_unique<char[]>(static_cast<size_t>(size));
+    block.reset();
+    EXPECT_LT(ThreadMemory::Used(), kMegabyte);
+    EXPECT_GE(ThreadMemory::Peak(), size);
+    EXPECT_LT(ThreadMemory::Peak(), size + kMegabyte);
+  }
+  EXPECT_GE(ThreadMemory::LargestPeak(), 20 * kMegabyte);
+}
+
+TEST_F(ThreadMemoryTest, TheMostOfATaskIncludesWhatItWasGiven) {
+  const ThreadMemory::Run run(5 * kMegabyte);
+  auto block = std::make_unique<char[]>(kMegabyte);
+  EXPECT_GE(ThreadMemory::Peak(), 6 * kMegabyte);
+  EXPECT_LT(ThreadMemory::Peak(), 7 * kMegabyte);
+}
+
 TEST_F(ThreadMemoryTest, CountsWhatTheRunHolds) {
   const ThreadMemory::Run run;
   EXPECT_EQ(ThreadMemory::Used(), 0);
