@@ -152,6 +152,14 @@ void HTTPOutput::Append(const char* text, int length) {
   }
 }
 
+bool HTTPOutput::DropBody() {
+  if (headers_sent) return false;
+  CountPut();
+  total = since_flush = 0;
+  if (head) FreeRest();
+  return true;
+}
+
 int HTTPOutput::Flush() {
   return Flush(0);
 }
@@ -169,18 +177,20 @@ int HTTPOutput::Flush(int withlength) {
   for (HTTPOutput_Chain* block = head; block && !failed; block = block->next) {
     if (block->used > 0) written += WriteBlock(block->data, block->used, &failed);
   }
-  if (head) {
-    HTTPOutput_Chain* block = head->next;
-    while (block) {
-      HTTPOutput_Chain* next = block->next;
-      delete block;
-      block = next;
-    }
-    head->next = nullptr;
-    head->used = 0;
-    tail = head;
-  }
+  if (head) FreeRest();
   return static_cast<int>(std::min(written, static_cast<long long>(INT_MAX)));
+}
+
+void HTTPOutput::FreeRest() {
+  HTTPOutput_Chain* block = head->next;
+  while (block) {
+    HTTPOutput_Chain* next = block->next;
+    delete block;
+    block = next;
+  }
+  head->next = nullptr;
+  head->used = 0;
+  tail = head;
 }
 
 long long HTTPOutput::WriteBlock(const char* text, int length, bool* failed) {

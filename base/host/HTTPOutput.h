@@ -85,6 +85,10 @@ class HTTPOutput : public Output {
   // The settings, borrowed. Only delay_file is read.
   virtual void SetConfig(Config* config);
 
+  // Drops all that was written, as if the script had written nothing. Returns false, and drops
+  // nothing, if the header fields were sent already.
+  bool DropBody();
+
   // The size of new blocks and the flush threshold from here on, in bytes.
   void SetBlockSize(int bytes);
   void SetFlushThreshold(int bytes) {
@@ -109,6 +113,8 @@ class HTTPOutput : public Output {
   // Counts the bytes put since the last write. Every operation that uses blocks or counts calls it
   // first.
   void CountPut();
+  // Empties the first block and deletes the others. REQUIRES: there is a block.
+  void FreeRest();
   // Opens the rest of the last block for Put, up to the byte at which a flush is due.
   void HoldRoom();
   // Writes one block, with pauses while the client takes only part of it. Returns the count of

@@ -242,4 +242,20 @@ TEST(HTTPOutput_Chain, FixedBlockTakesWhatFits) {
   EXPECT_EQ(std::string(chain.data, 10), "0123456789");
 }
 
+TEST(HTTPOutput, ABodyCanBeDroppedUntilItIsSent) {
+  TestOutput output(16, 1 << 20);
+  EXPECT_TRUE(output.DropBody()) << "there is none";
+  output.Write("more than one block of text", -1);
+  output.Put("put", 3);
+  EXPECT_TRUE(output.DropBody());
+  output.Write("other", -1);
+  output.Flush(1);
+  EXPECT_EQ(output.body, "other");
+  EXPECT_EQ(output.sent_headers, Headers{"Content-Length: 5"});
+  output.Write("rest", -1);
+  EXPECT_FALSE(output.DropBody());
+  output.Flush();
+  EXPECT_EQ(output.body, "otherrest");
+}
+
 }  // namespace
