@@ -18,6 +18,7 @@ class ExternalLibraryManager;
 class FileManager;
 class NetworkManager;
 class Output;
+class RunObserver;
 class SystemLibraryManager;
 class Variable;
 class ZephVM;
@@ -238,6 +239,9 @@ class ZephApplication {
   ssl_ctx_st* sslcontext() { return ssl_context; }
   const OpenSSLFunctions* sslfunctions() { return ssl_functions; }
 
+  // What is told of errors and beats, borrowed; null in a host that does not need it.
+  RunObserver* observer() { return run_observer; }
+
   // Log settings of this request. The machine checks them before it makes a record.
   bool logsuppressed() const { return log_suppressed != 0; }
   List<LogFilterEntry>* logincludes() { return &log_includes; }
@@ -270,6 +274,7 @@ class ZephApplication {
   String character_set;
   int character_set_count = 1;
   int character_set_is_utf8 = 1;
+  RunObserver* run_observer = nullptr;
 };
 
 #endif

@@ -55,6 +55,7 @@ int ZephVM::FatalError(const String& message) {
   error_text = ErrorPrefix("Fatal error in ", nullptr);
   error_text.cat(message.data, message.length);
   error_text.cat('\n');
+  Report(RunFailure::Fatal, true, true, error_text.data, error_text.length);
   application->Error(error_text);
   if (WantsLog(Log_FatalError)) WriteLog(Log_FatalError, {LogText(error_text)});
   return 0;
@@ -72,10 +73,10 @@ void ZephVM::RuntimeError(int tag, const String& message) {
   // Set in both cases: a handler raises one error, and code nested in it may have survived a
   // failure, which must not end the script.
   stop_flag = (setting.settings & TagError_Fatal) != 0;
-  if ((frame->error_output & ZephVM_Frame::ErrorOutput_Display) &&
-      (setting.settings & TagError_Display)) {
-    application->Error(error_text);
-  }
+  const bool shown = (frame->error_output & ZephVM_Frame::ErrorOutput_Display) &&
+                     (setting.settings & TagError_Display);
+  Report(RunFailure::Runtime, stop_flag, shown, error_text.data, error_text.length);
+  if (shown) application->Error(error_text);
   if (setting.variable) {
     global_variables->SetVariable(setting.variable, -1, message.data, message.length);
   }
@@ -99,6 +100,16 @@ void ZephVM::ClearErrorVariable(int tag) {
   if (tag >= 0 && tag < tag_count && tag_errors[tag].variable) {
     global_variables->ClearVariable(tag_errors[tag].variable, -1);
   }
+}
+
+void ZephVM::Report(RunFailure::Kind kind, bool ends_run, bool shown, const char* text,
+                    int length) {
+  RunObserver* const observer = application->observer();
+  if (!observer) return;
+  int file_length;
+  const char* file = SourceFile(&file_length);
+  observer->Fails(
+      {kind, ends_run, shown, text, length, script_path, file, file_length, current_line});
 }
 
 LogPlace ZephVM::Place() {

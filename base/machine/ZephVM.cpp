@@ -421,13 +421,16 @@ ZephVM::Pass ZephVM::EndOfSegment() {
 int ZephVM::TimedOut() {
   if (stop_flag) return 0;
   stop_flag = true;
-  application->Error("Application timed out");
+  static const char kText[] = "Application timed out";
+  Report(RunFailure::TimedOut, true, true, kText, sizeof kText - 1);
+  application->Error(kText);
   if (WantsLog(Log_TimedOut)) WriteLog(Log_TimedOut, {});
   return 0;
 }
 
 void ZephVM::Heartbeat() {
   last_heartbeat = Read(heartbeat_counter);
+  if (RunObserver* observer = application->observer()) observer->Beats(this);
   if (parent) parent->Heartbeat();
   features.Heartbeat();
 }

@@ -16,6 +16,7 @@
 #include "base/core/Numbers.h"
 #include "base/core/StringClass.h"
 #include "base/extensions/ExternalParameters.h"
+#include "base/host/RunObserver.h"
 #include "base/host/TagErrors.h"
 #include "base/machine/Feature.h"
 #include "base/machine/ImportFilters.h"
@@ -39,6 +40,7 @@ class FunctionParameter;
 class HotCode;
 class LocalizedDictionary;
 class LocalizedLanguages;
+class LogLine;
 class MachineClone;
 class ZephApplication;
 struct HotOp;
@@ -249,6 +251,11 @@ class ZephVM {
   // The name of the current source file as the dictionary gives it; empty when there is none.
   const char* SourceFile(int* length);
   const TagErrorSetting& TagError(int tag) const { return tag_errors[tag]; }
+  // Appends where the script is and the calls that lead there, the innermost first, as in
+  // "cart.zeph:17 in total, cart.zeph:40 in show, index.zeph:3". Calls of this machine's parents
+  // follow. A name or a line that the code does not say is left out
+  // (base/machine/ZephVM_Trace.cpp).
+  void WriteCalls(LogLine* line);
 
  private:
   enum class Pass { Continue, Normal };
@@ -289,6 +296,11 @@ class ZephVM {
   // Writes a log record of the current place, with the given parameters after those of the place.
   void WriteLog(unsigned type, std::initializer_list<LogParameter> more);
   String ErrorPrefix(const char* kind, const char* tag);
+  // Tells the application's observer of an error, before it is shown.
+  void Report(RunFailure::Kind kind, bool ends_run, bool shown, const char* text, int length);
+  void WritePlace(LogLine* line, const char* file, int file_length, int source_line);
+  void WriteFrames(LogLine* line, int* left);
+  bool PlaceBefore(int number, int offset, int* file, int* source_line);
 
   // The target of a jump; from is the offset after its operands. Code that a backward jump repeats
   // may get decoded.

@@ -29,6 +29,7 @@ class TestApplication : public ZephApplication {
   void SetThreadID(int id) { thread_id = id; }
   void SetLockHostName(const std::string& name) { lock_host_name = name; }
   void SetLockExpiration(int seconds) { lock_expiration = seconds; }
+  void SetObserver(RunObserver* observer) { run_observer = observer; }
   // Any thread may set it.
   void SetCancelled(int value) { cancel_flag = value; }
 
