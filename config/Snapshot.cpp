@@ -80,6 +80,22 @@ bool CanDifferByScript(int id) {
   }
 }
 
+// True for settings of the whole process: they are needed before a request's script is known.
+bool BelongsToProcess(int id) {
+  return id == Config_error_log || id == Config_timeout_request;
+}
+
+// True for settings by which the operator learns of an error, and visitors do not. A file with a
+// mistake in another setting still has these.
+bool IsForErrors(int id) {
+  return id == Config_error_log || id == Config_show_errors || id == Config_status_codes;
+}
+
+// True for integers that may also be written as true and false.
+bool IsSwitch(int id) {
+  return id == Config_show_errors || id == Config_status_codes;
+}
+
 // True for settings in which a negative number has a meaning of its own. In all other times, sizes
 // and counts it is a mistake.
 bool CanBeNegative(int id) {
@@ -210,17 +226,44 @@ bool Reader::ReadInteger(const std::string& key, const Item& item, int* result) 
   return true;
 }
 
+// Returns what is wrong with the value of a setting, empty if nothing is.
+std::string Objection(const Setting& setting) {
+  const std::string number = std::to_string(setting.integer);
+  if (IsSwitch(setting.id) && setting.integer != 0 && setting.integer != 1) {
+    return "expected true or false, found " + number;
+  }
+  if (!CanBeNegative(setting.id) && setting.integer < 0) {
+    return "expected 0 or more, found " + number;
+  }
+  const bool is_path = !setting.text.empty() && setting.text[0] == '/';
+  if (setting.id == Config_error_log && !is_path && setting.text != "stderr" &&
+      setting.text != "syslog") {
+    return "expected \"stderr\", \"syslog\" or an absolute path, found " + Quoted(setting.text);
+  }
+  if (setting.id == Config_slow_log && !is_path) {
+    return "expected an absolute path, found " + Quoted(setting.text);
+  }
+  return "";
+}
+
 void Reader::ReadSetting(const ConfigSetting& setting, const std::string& key, const Item& item,
                          std::vector<Setting>* target) {
   Setting read;
   read.id = setting.id;
   bool is_text = (setting.id & ConfigKind_Text) != 0;
-  bool good = is_text ? ReadText(key, item, &read.text) : ReadInteger(key, item, &read.integer);
-  if (good && !is_text && read.integer < 0 && !CanBeNegative(setting.id)) {
-    Complain(item.line, key, "expected 0 or more, found " + std::to_string(read.integer));
-    good = false;
+  bool good;
+  if (const toml::value<bool>* value = item.node->as_boolean(); value && IsSwitch(setting.id)) {
+    read.integer = value->get() ? 1 : 0;
+    good = true;
+  } else if (is_text) {
+    good = ReadText(key, item, &read.text);
+  } else {
+    good = ReadInteger(key, item, &read.integer);
   }
-  if (good) target->push_back(read);
+  if (!good) return;
+  if (const std::string what = Objection(read); !what.empty())
+    return Complain(item.line, key, what);
+  target->push_back(read);
 }
 
 void Reader::ReadErrors(const Item& section) {
@@ -391,6 +434,8 @@ void Reader::ReadScript(const toml::table& table, unsigned line) {
       UnknownKey("script.", item, known);
     } else if (!CanDifferByScript(setting->id)) {
       Complain(item.line, key, "is used to find the script, so it cannot differ between scripts");
+    } else if (BelongsToProcess(setting->id)) {
+      Complain(item.line, key, "belongs to the process, so it cannot differ between scripts");
     } else {
       ReadSetting(*setting, key, item, &script.settings);
     }
@@ -459,6 +504,9 @@ Snapshot Snapshot::Parse(const std::string& file, std::string_view text) {
   Snapshot failed = Failed(snapshot.error);
   failed.errors = std::move(snapshot.errors);
   failed.warnings = std::move(snapshot.warnings);
+  for (const Setting& setting : snapshot.settings) {
+    if (IsForErrors(setting.id)) failed.settings.push_back(setting);
+  }
   return failed;
 }
 

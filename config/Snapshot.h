@@ -45,7 +45,8 @@ ErrorSettings ShippedErrorSettings();
 
 struct Snapshot {
   // Parses a file's text. `file` is the file's name in messages. If the text has errors, the
-  // snapshot has only these and the warnings.
+  // snapshot has only these, the warnings, and those settings that say what becomes of errors:
+  // error_log, show_errors and status_codes.
   static Snapshot Parse(const std::string& file, std::string_view text);
   // A snapshot with this as its only error.
   static Snapshot Failed(const std::string& message);

@@ -13,6 +13,10 @@
 #include <cstring>
 #include <utility>
 
+// A function of the engine (base/host/ErrorLog.h). Null in a program that does not have it, because
+// the library links with nothing of the engine.
+extern "C" [[gnu::weak]] int ZephReportConfiguration(const char* text, int length);
+
 namespace {
 
 // The kernel stamps files with a clock of its own, which advances in ticks of up to 10 ms.
@@ -43,9 +47,13 @@ bool WithinTick(const timespec& modified) {
   return age < tick_nanoseconds && age > -tick_nanoseconds;
 }
 
-// One line, in one write, so that lines of several processes do not mix.
-void ReportOnStandardError(const std::string& text) {
-  std::string line = "libzephconfig: " + text + "\n";
+// One line in the engine's log. A program without a log gets it on standard error, in one write, so
+// that lines of several processes do not mix.
+void Report(const std::string& text) {
+  std::string line = "libzephconfig: " + text;
+  if (ZephReportConfiguration && ZephReportConfiguration(line.data(), int(line.size())) != 0)
+    return;
+  line += '\n';
   ssize_t written = write(STDERR_FILENO, line.data(), line.size());
   (void)written;  // there is no other place to report a failure of this write
 }
@@ -123,12 +131,12 @@ std::string SnapshotStore::ReadFile(Identity* identity, std::string* text) {
 // reported then, once.
 void SnapshotStore::Install(Snapshot snapshot) {
   if (!snapshot.error.empty() && current != nullptr && current->error.empty()) {
-    ReportOnStandardError(snapshot.error + "; the last good configuration stays in force");
+    Report(snapshot.error + "; the last good configuration stays in force");
     return;
   }
   if (snapshot.error.empty()) {
     for (const std::string& warning : snapshot.warnings) {
-      ReportOnStandardError("warning: " + warning);
+      Report("warning: " + warning);
     }
   }
   snapshot.generation = ++generations;

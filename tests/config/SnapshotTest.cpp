@@ -19,12 +19,22 @@ TEST(Snapshot, EmptyFileSetsNothing) {
   EXPECT_EQ(snapshot.error_settings, ShippedErrorSettings());
 }
 
+// A value of each setting that none of the others has; a switch has only two.
+std::string SampleText(const ConfigSetting& setting) {
+  return "/t" + std::to_string(setting.id & 0xFFFF);
+}
+int SampleNumber(const ConfigSetting& setting) {
+  const bool is_switch = setting.id == Config_show_errors || setting.id == Config_status_codes;
+  return is_switch ? 1 - setting.default_integer : setting.id & 0xFFFF;
+}
+
 TEST(Snapshot, TakesEverySettingOfTheTable) {
   std::string text;
   for (const ConfigSetting& setting : config_settings) {
     bool is_text = (setting.id & ConfigKind_Text) != 0;
-    std::string number = std::to_string(setting.id & 0xFFFF);
-    text += std::string(setting.name) + " = " + (is_text ? "\"t" + number + "\"" : number) + "\n";
+    text += std::string(setting.name) + " = " +
+            (is_text ? "\"" + SampleText(setting) + "\"" : std::to_string(SampleNumber(setting))) +
+            "\n";
   }
   Snapshot snapshot = Parse(text);
   ASSERT_EQ(snapshot.error, "");
@@ -33,9 +43,9 @@ TEST(Snapshot, TakesEverySettingOfTheTable) {
     const Setting* found = snapshot.Find(setting.id);
     ASSERT_NE(found, nullptr);
     if ((setting.id & ConfigKind_Text) != 0) {
-      EXPECT_EQ(found->text, "t" + std::to_string(setting.id & 0xFFFF));
+      EXPECT_EQ(found->text, SampleText(setting));
     } else {
-      EXPECT_EQ(found->integer, setting.id & 0xFFFF);
+      EXPECT_EQ(found->integer, SampleNumber(setting));
     }
   }
   EXPECT_EQ(snapshot.Find(0x1000099), nullptr);
@@ -48,6 +58,34 @@ TEST(Snapshot, TextMayBeEmptyAndIntegersHave32Bits) {
   EXPECT_EQ(snapshot.Find(Config_dir_ca)->text, "");
   EXPECT_EQ(snapshot.Find(Config_ssl_sni)->integer, -2147483647 - 1);
   EXPECT_EQ(snapshot.Find(Config_log_level)->integer, 2147483647);
+}
+
+TEST(Snapshot, SwitchesAreTrueOrFalse) {
+  Snapshot snapshot = Parse("show_errors = false\nstatus_codes = true\n");
+  ASSERT_EQ(snapshot.error, "");
+  EXPECT_EQ(snapshot.Find(Config_show_errors)->integer, 0);
+  EXPECT_EQ(snapshot.Find(Config_status_codes)->integer, 1);
+}
+
+TEST(Snapshot, ANumberBelowZeroIsTakenWhereItMeansSomething) {
+  Snapshot snapshot = Parse(
+      "timeout_file = -1\nmax_post_vars = -1\nmax_unknown_content_length = -1\nlog_level = -1\n"
+      "bufsz_output = -1\n");
+  EXPECT_EQ(snapshot.error, "");
+}
+
+// A typo in a new file must still reach the log that the file names, and must not be shown to
+// visitors when the file says so.
+TEST(Snapshot, AFileWithAMistakeStillSaysWhatBecomesOfErrors) {
+  Snapshot snapshot = Parse(
+      "cookeys = 0\nerror_log = '/var/log/zeph.log'\nshow_errors = false\nstatus_codes = 1\n"
+      "slow_time = 5\n");
+  EXPECT_EQ(snapshot.error,
+            "zeph.toml:1: cookeys: unknown key, the nearest known one is \"cookies\"");
+  ASSERT_EQ(snapshot.settings.size(), 3u);
+  EXPECT_EQ(snapshot.Find(Config_error_log)->text, "/var/log/zeph.log");
+  EXPECT_EQ(snapshot.Find(Config_show_errors)->integer, 0);
+  EXPECT_EQ(snapshot.Find(Config_status_codes)->integer, 1);
 }
 
 TEST(Snapshot, ErrorSettingsAreThoseShippedButForTheOnesNamed) {
@@ -214,6 +252,26 @@ TEST(Snapshot, EveryComplaintNamesFileLineAndKey) {
        "zeph.toml:3: script.cookies: expected an integer, found text"},
       {"script setting that comes too late", "[[script]]\nmatch = '*'\ndir_zeph = '/x'\n",
        "zeph.toml:3: script.dir_zeph: is used to find the script, so it cannot differ between "
+       "scripts"},
+      {"a time below 0", "timeout_global = -1\n",
+       "zeph.toml:1: timeout_global: expected 0 or more, found -1"},
+      {"another one", "cookies = 1\ntimeout_request = -30\n",
+       "zeph.toml:2: timeout_request: expected 0 or more, found -30"},
+      {"memory below 0", "memory_limit = -5\n",
+       "zeph.toml:1: memory_limit: expected 0 or more, found -5"},
+      {"a time below 0 for some scripts", "[[script]]\nmatch = '*'\nslow_time = -2\n",
+       "zeph.toml:3: script.slow_time: expected 0 or more, found -2"},
+      {"a switch with a third value", "show_errors = 2\n",
+       "zeph.toml:1: show_errors: expected true or false, found 2"},
+      {"a log without a place", "error_log = 'zeph.log'\n",
+       "zeph.toml:1: error_log: expected \"stderr\", \"syslog\" or an absolute path, found "
+       "\"zeph.log\""},
+      {"an empty log", "error_log = ''\n",
+       "zeph.toml:1: error_log: expected \"stderr\", \"syslog\" or an absolute path, found \"\""},
+      {"a slow log without a place", "slow_log = 'syslog'\n",
+       "zeph.toml:1: slow_log: expected an absolute path, found \"syslog\""},
+      {"a setting of the process", "[[script]]\nmatch = '*'\nerror_log = '/a'\n",
+       "zeph.toml:3: script.error_log: belongs to the process, so it cannot differ between "
        "scripts"},
       {"the first line wins", "[errors]\nZpIFF = 1\nZpIF = 9\n[[library]]\n[script]\n",
        "zeph.toml:2: errors.ZpIFF: unknown key, the nearest known one is \"zpif\""},
