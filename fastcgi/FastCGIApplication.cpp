@@ -48,7 +48,8 @@ FastCGIApplication::FastCGIApplication(int argc, char** argv, int copied_argc, c
   query_string = Parameter("QUERY_STRING");
   network_manager = new UNIXNetworkManager(this);
   file_manager = new UNIXReentrantFileManager(this);
-  current_output = new FastCGIOutput(this, request);
+  current_output = response = new FastCGIOutput(this, request);
+  watch.Begin(request);
   if (const char* sent = Parameter("HTTP_COOKIE")) cookie.reset(zeph_strdup(sent));
 }
 
@@ -69,17 +70,19 @@ int FastCGIApplication::Go(FastCGIThread* thread) {
 // file or a form, are covered here.
 int FastCGIApplication::Run(TaggedFile* tagged) {
   String path;
+  int result = 1;
   try {
-    return RunStages(tagged, &path);
+    result = RunStages(tagged, &path);
   } catch (const std::bad_alloc&) {
     ThreadMemory::Exhausted(path.data ? path.data : "", path.length);
+    watch.StageFails(RequestWatch::Cause::Script, path, "Out of memory");
     Error("Out of memory");
-    return 1;
   }
+  watch.End(path);
+  return result;
 }
 
 int FastCGIApplication::RunStages(TaggedFile* tagged, String* path) {
-  auto* response = static_cast<FastCGIOutput*>(current_output);
   response->SetConfig(configuration);
   if (!Prepare(tagged, path)) return 1;
   MakeMachine(&tables, tagged, *path);
@@ -109,13 +112,27 @@ bool FastCGIApplication::Prepare(TaggedFile* tagged, String* path) {
 }
 
 void FastCGIApplication::OutputError(const char* text, int length) {
-  OutputHeaders();
-  current_output->Write_Error(text, length);
+  const RequestWatch::Reply reply = watch.ReplyTo(text, length);
+  if (reply.is_changed && reply.page.empty()) return;
+  if (reply.status) {
+    BeginHeaders();
+    response->SetStatus(reply.status);
+  } else {
+    OutputHeaders();
+  }
+  if (!reply.is_changed) {
+    current_output->Write_Error(reply.text.data(), static_cast<int>(reply.text.size()));
+    return;
+  }
+  // Bytes that were sent cannot be taken back; the page then ends with the other one.
+  (void)response->BeginErrorPage();
+  response->Write_Error(reply.page.data(), static_cast<int>(reply.page.size()));
 }
 
 void FastCGIApplication::ConfigurationError(const String& text) {
   String message("Configuration Error: ", -1);
   if (text.length > 0) message.cat(text.data, text.length);
+  watch.StageFails(RequestWatch::Cause::Configuration, String(), message);
   message.cat("<br>", -1);
   const char* admin = configuration->value_string(Config_info_serveradmin);
   if (admin) {
@@ -139,11 +156,15 @@ int FastCGIApplication::BeginAsynchronousTask(ZephVM* machine) {
   return AsynchronousTask_Started;
 }
 
-void FastCGIApplication::OutputHeaders() {
-  if (header_stage_done) return;
+bool FastCGIApplication::BeginHeaders() {
+  if (header_stage_done) return false;
   header_stage_done = 1;
   current_output->Header("Content-Type", "text/html");
-  if (configuration->value_integer(Config_cookies) != 0) OutputCookie();
+  return true;
+}
+
+void FastCGIApplication::OutputHeaders() {
+  if (BeginHeaders() && configuration->value_integer(Config_cookies) != 0) OutputCookie();
 }
 
 // Every response carries the visitor's id, so that the cookie of a returning visitor is good for

@@ -10,6 +10,7 @@
 #include "fastcgi/FastCGIBaseApplication.h"
 #include "fastcgi/RequestVariables.h"
 
+class FastCGIOutput;
 class FastCGIThread;
 class HTTPContentParser;
 struct FCGX_Request;
@@ -55,6 +56,9 @@ class FastCGIApplication : public FastCGIBaseApplication {
   bool ScriptRoot(const char** path, String* root, bool* has_root);
   bool OpenScript(File** file, String& path);
   bool LoadScript(File* file, TaggedFile* tagged, const String& path);
+  // The header fields of every response; false if they were set already. OutputHeaders adds the
+  // cookie.
+  bool BeginHeaders();
   void OutputHeaders();
   void OutputCookie();
   // The variables of the request (fastcgi/FastCGIVariables.cpp):
@@ -73,8 +77,10 @@ class FastCGIApplication : public FastCGIBaseApplication {
   bool ReadInput(HTTPContentParser* handler, int length);
 
   bool ExecuteError(const String& path, const String& text, bool encode);
+  bool IsShortage(const String& text);
 
   FCGX_Request* request;
+  FastCGIOutput* response;                              // below all captures of current_output
   String first_argument;                                // names the script in documenturl
   std::unique_ptr<RequestVariables> request_variables;  // null once the table has them
   const char* working_directory;

@@ -4,6 +4,7 @@
 #include "fastcgi/FastCGIBaseApplication.h"
 
 #include <atomic>
+#include <ctime>
 
 #include "base/host/Config.h"
 #include "fastcgi/FastCGIThreads.h"
@@ -13,10 +14,21 @@ FastCGIBaseApplication::FastCGIBaseApplication(int argc, char** argv, int copied
                                                FastCGIThreadManager* thread_manager,
                                                ExternalLibraryManager* library_manager)
     : UNIXApplication(argc, argv, copied_argc, copied_argv, library_manager),
-      thread_manager(thread_manager) {}
+      thread_manager(thread_manager),
+      watch(this) {
+  run_observer = &watch;
+}
 
 FastCGIBaseApplication::FastCGIBaseApplication(FastCGIBaseApplication& other)
-    : UNIXApplication(other), thread_manager(other.thread_manager) {}
+    : UNIXApplication(other), thread_manager(other.thread_manager), watch(this, other.watch) {
+  run_observer = &watch;
+}
+
+// Only this thread sets the deadline, so it may read it without the mutex.
+FastCGIBaseApplication::Cancel FastCGIBaseApplication::WhyCancelled() {
+  if (thread_manager && thread_manager->ShuttingDown()) return Cancel::Shutdown;
+  return global_deadline > 0 && global_deadline < time(nullptr) ? Cancel::TimeOut : Cancel::Hangup;
+}
 
 void FastCGIBaseApplication::ResetGlobalTimeout() {
   const int seconds = config()->value_integer(Config_timeout_global);

@@ -5,6 +5,7 @@
 #define ZEPH_FASTCGI_FASTCGIBASEAPPLICATION_H
 
 #include "base/systems/unix/UNIXApplication.h"
+#include "fastcgi/RequestWatch.h"
 
 class FastCGIThreadManager;
 
@@ -21,9 +22,14 @@ class FastCGIBaseApplication : public UNIXApplication {
 
   void ResetGlobalTimeout() override;
 
+  // Why the script was cancelled. Called on its thread, when it has been.
+  enum class Cancel { TimeOut, Hangup, Shutdown };
+  Cancel WhyCancelled();
+
  protected:
   FastCGIThreadManager* thread_manager;
   int header_stage_done = 0;
+  RequestWatch watch;
 };
 
 #endif

@@ -6,6 +6,7 @@
 #include "fastcgi/FastCGIConnection.h"
 #include "fastcgi/FastCGIOutput.h"
 #include "fastcgi/FastCGIThreads.h"
+#include "fastcgi/OperatorSettings.h"
 
 namespace {
 
@@ -42,7 +43,12 @@ bool FastCGIApplication::LoadConfiguration() {
     ConfigurationError(LoadingError("UID mismatch", -1));
     return false;
   }
-  if (tables.config->Load(library, 0, copied_arguments, copied_argument_count)) return true;
+  const bool loaded = tables.config->Load(library, 0, copied_arguments, copied_argument_count);
+  if (OperatorSettings::AreDue()) OperatorSettings::Read(tables.config, loaded);
+  if (loaded) {
+    watch.SetConfigured();
+    return true;
+  }
   const String& text = tables.config->error();
   ConfigurationError(LoadingError(text.data, text.length));
   return false;
@@ -80,7 +86,6 @@ bool FastCGIApplication::ProcessConfiguration() {
   if (FastCGIConnection* connection = FastCGIConnection::Current()) {
     connection->LimitWrites(configuration->value_integer(Config_timeout_global));
   }
-  auto* response = static_cast<FastCGIOutput*>(current_output);
   response->SetBlockSize(configuration->buffer_size(Config_bufsz_output));
   response->SetFlushThreshold(configuration->buffer_size(Config_bufsz_output_flush));
   return true;

@@ -18,8 +18,10 @@
 #include <new>
 #include <string>
 
+#include "base/host/ErrorLog.h"
 #include "base/host/FileDescriptor.h"
 #include "fastcgi/FastCGIThreads.h"
+#include "fastcgi/OperatorSettings.h"
 
 namespace {
 
@@ -92,6 +94,7 @@ FastCGIConnection* FastCGIConnection::Current() {
 
 int FastCGIConnection::AcceptRequest(FCGX_Request* request) {
   accepting = true;
+  request_begun = is_fresh = false;
   write_limit = kWriteLimit;
   int result;
   try {
@@ -101,6 +104,7 @@ int FastCGIConnection::AcceptRequest(FCGX_Request* request) {
     result = -ENOMEM;
   }
   accepting = false;
+  ClearInputLimit();
   return result;
 }
 
@@ -134,6 +138,8 @@ int FastCGIConnection::Accept(int listening, const char* clients) {
     }
     records.Start();
     next = last = received;
+    is_fresh = true;
+    ClearInputLimit();
     return owned.release();
   }
 }
@@ -155,24 +161,40 @@ ssize_t FastCGIConnection::Read(int descriptor, char* buffer, size_t room) {
 ssize_t FastCGIConnection::Refill(int descriptor) {
   for (;;) {
     if (manager->PeersAreGivenUp()) return GiveUp(descriptor);
+    if (accepting && request_begun) StartRequestClock();
     // A peer that never stops sending keeps no wait going.
-    if (input_end != Clock::time_point::max() && Clock::now() >= input_end) {
-      errno = ETIMEDOUT;
-      return -1;
-    }
+    if (input_end != Clock::time_point::max() && Clock::now() >= input_end) return InputIsLate();
     const ssize_t count = recv(descriptor, received, sizeof received, MSG_DONTWAIT);
     if (count >= 0) {
+      request_begun = true;
       next = received;
       last = received + count;
       return count;
     }
     if (errno == EINTR) continue;
     if (errno != EAGAIN) return -1;
-    if (!WaitForInput(descriptor, input_end)) {
-      errno = ETIMEDOUT;
-      return -1;
-    }
+    if (accepting && is_fresh) StartRequestClock();
+    if (!WaitForInput(descriptor, input_end)) return InputIsLate();
   }
+}
+
+// Most requests come with one read and without a wait; only the others need the clock.
+void FastCGIConnection::StartRequestClock() {
+  const int seconds = OperatorSettings::RequestTimeout();
+  if (seconds > 0 && input_end == Clock::time_point::max()) {
+    LimitInput(std::chrono::seconds(seconds));
+  }
+}
+
+ssize_t FastCGIConnection::InputIsLate() {
+  if (accepting && input_end != Clock::time_point::max() && Clock::now() >= input_end) {
+    LogLine line;
+    line.Text("A web server has not sent the parameters of its request within ");
+    line.Number(OperatorSettings::RequestTimeout()).Text(" seconds; the connection is closed");
+    ErrorLog::OfProcess().Write(ErrorLog::Level::Warning, line);
+  }
+  errno = ETIMEDOUT;
+  return -1;
 }
 
 // Returns whether the peer ended the wait. SIGUSR2 is unblocked only inside ppoll, so that a signal

@@ -47,8 +47,9 @@ class FastCGIConnection {
   void LimitInput(Clock::duration time) { input_end = Clock::now() + time; }
   void ClearInputLimit() { input_end = Clock::time_point::max(); }
 
-  // Calls FCGX_Accept_r on this thread. Returns 0, or a negative errno: -ENOMEM if there is no
-  // memory for a request, whose connection is then closed.
+  // Calls FCGX_Accept_r on this thread. A connection on which a request has begun and whose
+  // parameters do not all come within OperatorSettings::RequestTimeout() is given up. Returns 0, or
+  // a negative errno: -ENOMEM if there is no memory for a request, whose connection is then closed.
   int AcceptRequest(FCGX_Request* request);
 
   // Results are those of the system calls, errno included. `clients` is libfcgi's list of allowed
@@ -62,12 +63,18 @@ class FastCGIConnection {
 
  private:
   ssize_t Refill(int descriptor);
+  void StartRequestClock();
+  ssize_t InputIsLate();
   bool WaitForInput(int descriptor, Clock::time_point end);
   ssize_t GiveUp(int descriptor);
 
   FastCGIThreadManager* manager;
   int write_limit;
   Clock::time_point input_end = Clock::time_point::max();
+  // For the request that is being accepted: some of its bytes have come; its connection is a new
+  // one. In both cases the rest has to follow in time. A kept connection may be idle before.
+  bool request_begun = false;
+  bool is_fresh = false;
   sigset_t while_waiting;  // signals blocked in a wait for input: the thread's own but SIGUSR2
   FastCGIRecords records;
   const unsigned char* next = nullptr;  // bytes received that have not passed yet

@@ -32,9 +32,29 @@ bool HomeDirectory(const char* user, String* home) {
 
 }  // namespace
 
-// "Unable to execute 'path': text". A path that comes from the request is shown encoded.
+// Whether the file manager's text is of a failure that is not about the name, so that the script
+// may well exist.
+bool FastCGIApplication::IsShortage(const String& text) {
+  for (const int error : {EACCES, EIO, EMFILE, ENFILE, ENOMEM, EPERM}) {
+    errno = error;
+    const String words = lasterror();
+    if (text.length == words.length && memcmp(text.data, words.data, size_t(text.length)) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// "Unable to execute 'path': text". A path that comes from the request is shown encoded, and is
+// then that of a script that cannot be opened.
 bool FastCGIApplication::ExecuteError(const String& path, const String& text, bool encode) {
   String message("Unable to execute '", -1);
+  String plain(message);
+  plain.cat(path.data, path.length);
+  plain.cat("': ", -1);
+  if (text.length > 0) plain.cat(text.data, text.length);
+  using Cause = RequestWatch::Cause;
+  watch.StageFails(encode && !IsShortage(text) ? Cause::Missing : Cause::Unreadable, path, plain);
   if (encode) {
     int length, size;
     char* encoded = EncodeEntities(path.data, path.length, &length, &size);
@@ -94,6 +114,7 @@ bool FastCGIApplication::ScriptRoot(const char** path, String* root, bool* has_r
     String message("Invalid user '", -1);
     message.cat(user_name.data, user_name.length);
     message.cat('\'');
+    watch.StageFails(RequestWatch::Cause::Missing, String(), message);
     ConfigurationError(message);
     return false;
   }

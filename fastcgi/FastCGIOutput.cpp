@@ -4,6 +4,8 @@
 
 #include <fcgiapp.h>
 
+#include <string_view>
+
 #include "fastcgi/FastCGIApplication.h"
 
 namespace {
@@ -26,6 +28,36 @@ void FastCGIOutput::OutputHeaders() {
   }
   text.Write("\r\n", 2);
   DoWrite(text.data, text.used);
+}
+
+void FastCGIOutput::SetStatus(const char* status) {
+  if (headers_sent) return;
+  static const char kCookie[] = "Set-Cookie";
+  const HTTPOutput_Header* set = headers.Find(kCookie, sizeof kCookie - 1);
+  // A script may have put a cookie of its own there.
+  if (set && KeyText(set->value, set->valuelength).starts_with("zixcallerid=")) {
+    delete headers.Remove(kCookie, sizeof kCookie - 1);
+  }
+  Header("Status", status);
+}
+
+bool FastCGIOutput::BeginErrorPage() {
+  if (!DropBody()) return false;
+  const auto is_kept = [](const HTTPOutput_Header* field) {
+    const std::string_view name = KeyText(field->name, field->namelength);
+    return name == "Status" || name == "Set-Cookie";
+  };
+  HTTPOutput_Header* field = headers.First();
+  while (field) {
+    if (is_kept(field)) {
+      field = headers.Next();
+    } else {
+      delete headers.Remove(field->name, field->namelength);
+      field = headers.First();
+    }
+  }
+  Header("Content-Type", "text/html");
+  return true;
 }
 
 int FastCGIOutput::DoWrite(const char* text, int length) {

@@ -15,6 +15,13 @@ class FastCGIOutput : public HTTPOutput {
   FastCGIOutput(FastCGIApplication* application, FCGX_Request* request);
 
   void OutputHeaders() override;
+  // Sets the header field "Status" of an error, and takes back the visitor's cookie: an error is no
+  // visit. Does nothing once the header fields are sent.
+  void SetStatus(const char* status);
+  // Drops all output and all header fields but the status and the cookie, for a page of the type
+  // "text/html". Returns false, and drops nothing, once the header fields are sent.
+  bool BeginErrorPage();
+
   // A failed write, as after a client has left, cancels the script.
   int DoWrite(const char* text, int length) override;
 

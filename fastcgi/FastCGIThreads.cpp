@@ -14,15 +14,16 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <memory>
 
 #include "base/core/ThreadMemory.h"
+#include "base/host/ErrorLog.h"
 #include "base/systems/unix/ScriptThread.h"
 #include "fastcgi/FastCGIAsynchronousApplication.h"
 #include "fastcgi/FastCGIRequestThread.h"
+#include "fastcgi/OperatorSettings.h"
 
 std::atomic<char> FastCGICancelPending{0};
 std::atomic<char> FastCGIShutdownPending{0};
@@ -92,6 +93,7 @@ void* FastCGIHeartbeatThread(void* argument) {
       manager->Cancelled();
     }
     manager->Heartbeat(time(nullptr));
+    OperatorSettings::Beat();
     GiveUnusedMemoryBack();
     next += kBeat;
   }
@@ -200,8 +202,10 @@ int FastCGIThreadManager::StartRequestThreads(_FastCGIMainArgs* arguments) {
     const int error = StartRequestThread(arguments);
     if (error == 0) continue;
     char buffer[256];
-    fprintf(stderr, "zeph-fcgi: %d of %d request threads started: %s\n", started, wanted,
-            strerror_r(error, buffer, sizeof buffer));
+    LogLine problem;
+    problem.Text("zeph-fcgi: ").Number(started).Text(" of ").Number(wanted);
+    problem.Text(" request threads started: ").Text(strerror_r(error, buffer, sizeof buffer));
+    OperatorSettings::Report(problem);
     return started;
   }
   return wanted;

@@ -129,8 +129,8 @@ class FastCGIThreadManager {
   // Returns the result of pthread_create. A thread that could not be started is removed from the
   // list.
   int StartRequestThread(_FastCGIMainArgs* arguments);
-  // Starts as many threads as the arguments say. If one cannot be started, a message goes to
-  // standard error and no further one is tried. A pending signal of shutdown also ends the start;
+  // Starts as many threads as the arguments say. If one cannot be started, that is reported and no
+  // further one is tried. A pending signal of shutdown also ends the start;
   // it stays pending until Run. Returns how many were started.
   int StartRequestThreads(_FastCGIMainArgs* arguments);
   // Takes ownership of the task, and deletes it if the thread cannot be started. The thread blocks

@@ -4,19 +4,26 @@
 #include <fcntl.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 
+#include "base/host/ErrorLog.h"
 #include "base/systems/unix/UNIXOpenSSL.h"
 #include "fastcgi/Arguments.h"
 #include "fastcgi/FastCGIExternalLibrary.h"
 #include "fastcgi/FastCGIThreads.h"
+#include "fastcgi/OperatorSettings.h"
 #include "fastcgi/ShellOptions.h"
 
 namespace {
 
 const int kListeningSocket = 0;
+
+void Report(const char* what, const char* why) {
+  LogLine line;
+  line.Text("zeph-fcgi: ").Text(what).Text(why);
+  OperatorSettings::Report(line);
+}
 
 // Request threads wait in accept. On a non-blocking socket accept would fail and all threads would
 // leave at once.
@@ -29,15 +36,14 @@ void MakeBlocking(int descriptor) {
 // only sign of the reason.
 void CheckListening(int descriptor) {
   if (IsListening(descriptor)) return;
-  fprintf(stderr, "zeph-fcgi: descriptor 0 is no listening socket: %s\n",
-          errno != 0 ? strerror(errno) : "not listening");
+  Report("descriptor 0 is no listening socket: ", errno != 0 ? strerror(errno) : "not listening");
 }
 
 // Runs until a signal ends the process. Without a heartbeat no script would have a time limit and
 // no signal an effect, so nothing is served.
 void Serve(FastCGIThreadManager* threads, _FastCGIMainArgs* arguments) {
   if (const int error = threads->StartHeartbeat()) {
-    fprintf(stderr, "zeph-fcgi: no heartbeat thread: %s\n", strerror(error));
+    Report("no heartbeat thread: ", strerror(error));
     return;
   }
   threads->StartRequestThreads(arguments);
@@ -49,6 +55,7 @@ void Serve(FastCGIThreadManager* threads, _FastCGIMainArgs* arguments) {
 int main(int argc, char** argv) {
   int status = 0;
   if (RunShellOption(argc, argv, &status)) return status;
+  OperatorSettings::Start();
   FastCGIThreadManager threads;
   _FastCGIMainArgs arguments{};
   arguments.argument_count = arguments.copied_argument_count = argc;
