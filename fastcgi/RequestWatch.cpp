@@ -98,7 +98,8 @@ const char* RequestWatch::Reference() {
     memcpy(bytes, &now.tv_nsec, 4);
     bytes[4] = static_cast<unsigned char>(application->threadid());
   }
-  for (int i = 0; i < 5; i++) snprintf(reference + 2 * i, 3, "%02x", bytes[i]);
+  char* to = reference;
+  for (const unsigned char byte : bytes) to += snprintf(to, 3, "%02x", byte);
   return reference;
 }
 
