@@ -33,6 +33,8 @@ const int kWriteLimit = 90;
 // connection before it was accepted looks the same as a slow one until then.
 const std::chrono::seconds kFirstByte(2);
 const std::chrono::seconds kLingering(2);
+// A connection that is to be closed is read this often without a wait; then it lingers.
+const int kReadsBeforeClose = 8;
 // A waiting write checks the flags this often.
 const int kWriteSlice = 500;  // milliseconds
 
@@ -132,14 +134,14 @@ int FastCGIConnection::Accept(int listening, const char* clients) {
       const int set = 1;
       setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &set, sizeof set);
     }
-    if ((family == AF_INET && !IsAllowed(address.internet, clients)) ||
-        (family == AF_UNIX && !WaitForInput(accepted, Clock::now() + kFirstByte))) {
-      continue;
-    }
     records.Start();
     next = last = received;
     is_fresh = true;
     ClearInputLimit();
+    if ((family == AF_INET && !IsAllowed(address.internet, clients)) ||
+        (family == AF_UNIX && !ReceiveFirst(accepted))) {
+      continue;
+    }
     return owned.release();
   }
 }
@@ -157,24 +159,39 @@ ssize_t FastCGIConnection::Read(int descriptor, char* buffer, size_t room) {
   }
 }
 
+// Returns the result of recv.
+ssize_t FastCGIConnection::Receive(int descriptor) {
+  const ssize_t count = recv(descriptor, received, sizeof received, MSG_DONTWAIT);
+  if (count >= 0) {
+    request_begun = true;
+    next = received;
+    last = received + count;
+  }
+  return count;
+}
+
+// Returns whether the client has sent something in time. It mostly has before it is accepted.
+bool FastCGIConnection::ReceiveFirst(int descriptor) {
+  const ssize_t count = Receive(descriptor);
+  if (count >= 0) return count > 0;
+  return errno == EAGAIN && WaitForInput(descriptor, Clock::now() + kFirstByte);
+}
+
 // Fills the buffer. Returns the result of recv.
 ssize_t FastCGIConnection::Refill(int descriptor) {
-  for (;;) {
+  // A client that has just got its response sends its next request later.
+  const bool is_kept = last > received && records.InputHasEnded();
+  for (bool wait = is_kept && !manager->ShuttingDown();; wait = true) {
     if (manager->PeersAreGivenUp()) return GiveUp(descriptor);
     if (accepting && request_begun) StartRequestClock();
     // A peer that never stops sending keeps no wait going.
     if (input_end != Clock::time_point::max() && Clock::now() >= input_end) return InputIsLate();
-    const ssize_t count = recv(descriptor, received, sizeof received, MSG_DONTWAIT);
-    if (count >= 0) {
-      request_begun = true;
-      next = received;
-      last = received + count;
-      return count;
+    if (wait) {
+      if (accepting && is_fresh) StartRequestClock();
+      if (!WaitForInput(descriptor, input_end)) return InputIsLate();
     }
-    if (errno == EINTR) continue;
-    if (errno != EAGAIN) return -1;
-    if (accepting && is_fresh) StartRequestClock();
-    if (!WaitForInput(descriptor, input_end)) return InputIsLate();
+    const ssize_t count = Receive(descriptor);
+    if (count >= 0 || (errno != EAGAIN && errno != EINTR)) return count;
   }
 }
 
@@ -233,16 +250,36 @@ ssize_t FastCGIConnection::GiveUp(int descriptor) {
 }
 
 int FastCGIConnection::Close(int descriptor) {
-  const Clock::time_point end = Clock::now() + kLingering;
-  if (!manager->PeersAreGivenUp() && shutdown(descriptor, SHUT_WR) == 0) {
-    char ignored[1024];
-    pollfd waiting{descriptor, POLLIN, 0};
-    timespec left;
-    while (Clock::now() < end && ppoll(&waiting, 1, TimeUntil(end, &left), nullptr) > 0 &&
-           recv(descriptor, ignored, sizeof ignored, MSG_DONTWAIT) > 0) {
-    }
-  }
+  if (!AllInputHasCome(descriptor)) Linger(descriptor);
   return close(descriptor);
+}
+
+// Reads the bytes that have come, without a wait. Returns whether the peer has nothing more to
+// send: a close that finds unread bytes, or is followed by some, resets the connection, and the
+// peer may then lose the end of the response.
+bool FastCGIConnection::AllInputHasCome(int descriptor) {
+  unsigned char ignored[1024];
+  for (int reads = 0; reads < kReadsBeforeClose; reads++) {
+    while (next < last && !records.InputHasEnded()) {
+      if (records.Pass(&next, last, ignored, sizeof ignored) < 0) return false;
+    }
+    if (next < last) return false;
+    const ssize_t count = Receive(descriptor);
+    if (count == 0) return true;
+    if (count < 0) return errno == EAGAIN && records.InputHasEnded();
+  }
+  return false;
+}
+
+void FastCGIConnection::Linger(int descriptor) {
+  const Clock::time_point end = Clock::now() + kLingering;
+  if (manager->PeersAreGivenUp() || shutdown(descriptor, SHUT_WR) != 0) return;
+  char ignored[1024];
+  pollfd waiting{descriptor, POLLIN, 0};
+  timespec left;
+  while (Clock::now() < end && ppoll(&waiting, 1, TimeUntil(end, &left), nullptr) > 0 &&
+         recv(descriptor, ignored, sizeof ignored, MSG_DONTWAIT) > 0) {
+  }
 }
 
 // --- Replacements that the linker puts in place of libfcgi's functions ---------------------------

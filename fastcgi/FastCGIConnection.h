@@ -57,16 +57,21 @@ class FastCGIConnection {
   int Accept(int listening, const char* clients);
   ssize_t Read(int descriptor, char* buffer, size_t room);
   ssize_t Write(int descriptor, const char* bytes, size_t length);
-  // Shuts down the sending side and waits at most two seconds for the client to close before it
-  // closes the descriptor, because a reset would lose the end of the response.
+  // Closes at once if the input of the last request has ended and no more has come. Otherwise a
+  // reset could lose the end of the response: the sending side is shut down first, and the client
+  // has at most two seconds to close its own.
   int Close(int descriptor);
 
  private:
+  ssize_t Receive(int descriptor);
+  bool ReceiveFirst(int descriptor);
   ssize_t Refill(int descriptor);
   void StartRequestClock();
   ssize_t InputIsLate();
   bool WaitForInput(int descriptor, Clock::time_point end);
   ssize_t GiveUp(int descriptor);
+  bool AllInputHasCome(int descriptor);
+  void Linger(int descriptor);
 
   FastCGIThreadManager* manager;
   int write_limit;

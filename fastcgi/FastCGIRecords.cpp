@@ -23,7 +23,14 @@ void FastCGIPairs::Start(int largest, int total, int most_long) {
 bool FastCGIPairs::Add(const unsigned char* bytes, int length) {
   const unsigned char* end = bytes + length;
   while (bytes < end) {
-    if (skip > 0) {
+    // Nearly every pair has two lengths of one byte, which have come together.
+    if (skip == 0 && field == 0 && bytes_left < 0 && end - bytes > 1 &&
+        ((bytes[0] | bytes[1]) & 0x80) == 0) {
+      lengths[0] = bytes[0];
+      lengths[1] = bytes[1];
+      bytes += 2;
+      if (!AddPair()) return false;
+    } else if (skip > 0) {
       const unsigned here = std::min(skip, static_cast<unsigned>(end - bytes));
       bytes += here;
       skip -= here;

@@ -62,6 +62,11 @@ class FastCGIRecords {
                          int room);
   // Whether the peer has broken the protocol or exceeded a limit: the next Pass then returns -1.
   bool Refused() const { return refused; }
+  // Whether the input of the last request has ended, or no request has begun, and the bytes that
+  // were taken end with a record: the peer is not about to send more, unless it begins a request.
+  bool InputHasEnded() const {
+    return phase == Phase::BetweenRequests && header_length == 0 && !refused;
+  }
 
  private:
   enum class Phase { BetweenRequests, Parameters, Input };

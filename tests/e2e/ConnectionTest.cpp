@@ -109,6 +109,43 @@ TEST_F(Connections, ASocketOfTheNetworkServesToo) {
   ExpectPage(client.Request(engine.Parameters("/page.zpc")), "page");
 }
 
+// The whole page comes, whatever of the input is still on its way when the engine is done with it.
+TEST_F(Connections, APageIsWholeWhenTheEndOfItsInputComesLate) {
+  for (const auto kind : {EngineProcess::ListeningSocket, EngineProcess::TCPSocket}) {
+    SCOPED_TRACE(kind);
+    EngineProcess served;
+    served.descriptor0 = kind;
+    served.Script("page.zpc", Writes("page"));
+    served.Script("large.zpc", Floods(300));
+    ASSERT_TRUE(served.Start());
+    const struct {
+      const char* path;
+      size_t length;
+      size_t input;
+    } pages[] = {{"/page.zpc", 4, 0},
+                 {"/page.zpc", 4, 100},
+                 {"/page.zpc", 4, 10000000},
+                 {"/large.zpc", 300 * flood_part, 0},
+                 {"/large.zpc", 300 * flood_part, 100}};
+    for (const auto& page : pages) {
+      SCOPED_TRACE(testing::Message() << page.path << ", " << page.input << " bytes of input");
+      FastCGIClient client;
+      ASSERT_TRUE(kind == EngineProcess::TCPSocket ? client.Connect(served.port())
+                                                   : client.Connect(served.socket()));
+      ASSERT_TRUE(client.Begin());
+      ASSERT_TRUE(client.Parameters(
+          served.Parameters(page.path, {{"CONTENT_LENGTH", std::to_string(page.input)}})));
+      ASSERT_TRUE(client.EndParameters());
+      // The engine reads none of it, and may have ended the connection before all is sent.
+      (void)(client.Input(std::string(page.input, 'x')) && client.EndInput());
+      const FastCGIResponse response = client.Read();
+      EXPECT_TRUE(response.ended) << response.problem;
+      EXPECT_EQ(response.Body().size(), page.length);
+      EXPECT_TRUE(client.WaitForClose());
+    }
+  }
+}
+
 TEST_F(Connections, ClientsOfTheNetworkAreThoseThatTheEnvironmentAllows) {
   for (const char* list : {"127.0.0.1", "10.0.0.1,127.0.0.1", "10.0.0.1", "10.0.0.1,10.0.0.2"}) {
     SCOPED_TRACE(list);

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <thread>
 
@@ -35,6 +36,32 @@ class Connection : public testing::Test {
   void Send(const std::string& bytes) {
     EXPECT_EQ(send(peer.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
   }
+  // A whole request, whose input has that many bytes; without its end if there is none to come.
+  static std::string Request(size_t input, bool ends = true) {
+    std::string bytes = kBegin + FastCGIClient::Record(4, 1, "") +
+                        FastCGIClient::Record(5, 1, std::string(input, 'x'));
+    return ends ? bytes + FastCGIClient::Record(5, 1, "") : bytes;
+  }
+  // Closes the engine's end while the peer does not close its own. Returns how long that took.
+  FastCGIConnection::Clock::duration Close() {
+    const auto start = FastCGIConnection::Clock::now();
+    EXPECT_EQ(connection.Close(engine.release()), 0);
+    return FastCGIConnection::Clock::now() - start;
+  }
+  // All that the peer can still read. Fails the test if the connection was reset.
+  std::string Rest() {
+    std::string bytes(1 << 16, '\0');
+    const ssize_t count = recv(peer.get(), bytes.data(), bytes.size(), 0);
+    EXPECT_GE(count, 0) << strerror(errno);
+    bytes.resize(count < 0 ? 0 : static_cast<size_t>(count));
+    return bytes;
+  }
+
+  static inline const std::string kBegin =
+      FastCGIClient::Record(1, 1, std::string("\0\1\0\0\0\0\0\0", 8));
+  // Less than the time that a connection lingers, and more than a close takes.
+  static constexpr std::chrono::seconds kAtOnce{1};
+
   // Whether the engine has shut down both directions of the connection.
   bool PeerIsCutOff() { return send(peer.get(), "x", 1, MSG_NOSIGNAL) < 0; }
 
@@ -128,6 +155,63 @@ TEST_F(SlowConnection, AWriteLastsAsLongAsTheClientReads) {
   });
   EXPECT_EQ(connection.Write(engine.get(), "text", 4), 4);
   reader.join();
+}
+
+TEST_F(Connection, IsClosedAtOnceWhenItsInputHasEnded) {
+  Send(Request(100));
+  while (Read() == static_cast<ssize_t>(sizeof buffer)) {
+  }
+  EXPECT_EQ(connection.Write(engine.get(), "text", 4), 4);
+  EXPECT_LT(Close(), kAtOnce);
+  EXPECT_EQ(Rest(), "text");
+  EXPECT_EQ(Rest(), "");
+}
+
+// The rest of the input is read on the way, so that the close does not reset the connection.
+TEST_F(Connection, IsClosedAtOnceWhenTheRestOfItsInputHasCome) {
+  Send(Request(20000));
+  EXPECT_GT(Read(), 0);
+  EXPECT_EQ(connection.Write(engine.get(), "text", 4), 4);
+  EXPECT_LT(Close(), kAtOnce);
+  EXPECT_EQ(Rest(), "text");
+  EXPECT_EQ(Rest(), "");
+}
+
+TEST_F(Connection, IsClosedAtOnceWhenThePeerHasEndedIt) {
+  Send(Request(100, false));
+  EXPECT_GT(Read(), 0);
+  shutdown(peer.get(), SHUT_WR);
+  EXPECT_LT(Close(), kAtOnce);
+}
+
+TEST_F(SlowConnection, LingersWhileItsInputHasNotEnded) {
+  for (const std::string& sent : {Request(100, false), kBegin, Request(0) + kBegin.substr(0, 5)}) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    engine.reset(ends[0]);
+    peer.reset(ends[1]);
+    FastCGIConnection fresh(&manager);
+    Send(sent);
+    EXPECT_GT(fresh.Read(engine.get(), buffer, sizeof buffer), 0);
+    EXPECT_EQ(fresh.Write(engine.get(), "text", 4), 4);
+    std::thread late([this] {
+      EXPECT_EQ(Rest(), "text");
+      EXPECT_EQ(Rest(), "");
+      // The bytes are accepted, because the connection is not closed yet.
+      Send("late");
+      peer.reset();
+    });
+    const auto start = FastCGIConnection::Clock::now();
+    EXPECT_EQ(fresh.Close(engine.release()), 0);
+    EXPECT_LT(FastCGIConnection::Clock::now() - start, std::chrono::seconds(30));
+    late.join();
+  }
+}
+
+TEST_F(SlowConnection, LingersAfterARequestThatWasSentAhead) {
+  Send(Request(0) + Request(0));
+  EXPECT_GT(Read(), 0);
+  EXPECT_GE(Close(), kAtOnce);
 }
 
 TEST_F(SlowConnection, AClientThatGoesOnSendingDoesNotKeepItFromClosing) {
