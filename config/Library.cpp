@@ -9,6 +9,8 @@
 #include "config/Snapshot.h"
 #include "config/SnapshotStore.h"
 
+#include <pthread.h>
+
 #include <atomic>
 #include <memory>
 #include <mutex>
@@ -19,12 +21,48 @@ namespace {
 // The data word of a request. It keeps the snapshot alive: a change of the file in the middle of a
 // request has no effect on that request, and texts can be returned without a copy.
 struct Request {
-  std::shared_ptr<const Snapshot> snapshot;
+  SnapshotStore::View view;
 };
 
 const Snapshot& SnapshotOf(void** data) {
-  return *static_cast<Request*>(*data)->snapshot;
+  return *static_cast<Request*>(*data)->view.snapshot;
 }
+
+// The last request that has ended on this thread, kept with its snapshot for the next one. A key
+// and no thread_local: the registration of a destructor may need memory, and without any it ends
+// the process.
+class SpareRequest {
+ public:
+  SpareRequest() : made(pthread_key_create(&key, Delete) == 0) {}
+  // The requests of other threads go with these threads, which have ended by now.
+  ~SpareRequest() {
+    if (!made) return;
+    Delete(pthread_getspecific(key));
+    pthread_key_delete(key);
+  }
+  SpareRequest(const SpareRequest&) = delete;
+  SpareRequest& operator=(const SpareRequest&) = delete;
+
+  // Null if there is none.
+  Request* Take() {
+    void* const spare = made ? pthread_getspecific(key) : nullptr;
+    if (spare != nullptr) pthread_setspecific(key, nullptr);
+    return static_cast<Request*>(spare);
+  }
+  void Keep(Request* request) {
+    if (made && pthread_getspecific(key) == nullptr && pthread_setspecific(key, request) == 0)
+      return;
+    delete request;
+  }
+
+ private:
+  static void Delete(void* request) { delete static_cast<Request*>(request); }
+
+  pthread_key_t key;
+  bool made;
+};
+
+SpareRequest spare_request;
 
 // The actions on tag errors belong to the process, not to a request. So a snapshot is applied once,
 // by the first request that has it. A tag that the last snapshot set and this one does not goes
@@ -76,7 +114,10 @@ void NameVariables(ZPCONFIG config, const Snapshot& snapshot) {
 int Initialize(ZPCONFIG config, void** data, int, void*, int) {
   static SnapshotStore store;
   static AppliedErrorSettings error_settings;
-  *data = new Request{store.Current()};
+  Request* request = spare_request.Take();
+  if (request == nullptr) request = new Request;
+  *data = request;
+  store.Update(&request->view);
   const Snapshot& snapshot = SnapshotOf(data);
   if (!snapshot.error.empty()) return 1;
   error_settings.Apply(config, snapshot);
@@ -106,7 +147,7 @@ const char* GetError(ZPCONFIG, void** data) {
 }
 
 void Shutdown(ZPCONFIG, void** data) {
-  delete static_cast<Request*>(*data);
+  spare_request.Keep(static_cast<Request*>(*data));
   *data = nullptr;
 }
 

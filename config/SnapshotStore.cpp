@@ -32,10 +32,9 @@ std::string ErrorText(int number) {
 
 // Returns the absolute path of the file, so that an administrator knows which file is meant.
 std::string FullPath(const char* path) {
-  char* full = realpath(path, nullptr);
-  std::string result = full != nullptr ? full : path;
-  free(full);
-  return result;
+  // The copy may need memory that is not there.
+  const std::unique_ptr<char, void (*)(void*)> full(realpath(path, nullptr), free);
+  return full != nullptr ? full.get() : path;
 }
 
 bool WithinTick(const timespec& modified) {
@@ -69,33 +68,42 @@ bool SnapshotStore::Identity::operator==(const Identity& other) const {
          device == other.device && error == other.error && path == other.path;
 }
 
-SnapshotStore::Identity SnapshotStore::IdentityOf(const char* path, const struct stat& status) {
+SnapshotStore::Identity SnapshotStore::IdentityOf(const Found& found) {
   Identity identity;
-  identity.path = path;
-  identity.device = status.st_dev;
-  identity.inode = status.st_ino;
-  identity.size = status.st_size;
-  identity.modified = status.st_mtim;
+  identity.path = found.path;
+  identity.error = found.error;
+  if (found.error != 0) return identity;
+  identity.device = found.status.st_dev;
+  identity.inode = found.status.st_ino;
+  identity.size = found.status.st_size;
+  identity.modified = found.status.st_mtim;
   return identity;
 }
 
-SnapshotStore::Identity SnapshotStore::LookAt(const char* path) {
-  struct stat status;
-  if (stat(path, &status) == 0) return IdentityOf(path, status);
-  Identity identity;
-  identity.error = errno;
-  identity.path = path;
-  return identity;
+bool SnapshotStore::IsStill(const Identity& identity, const Found& found) {
+  const struct stat& status = found.status;
+  return identity.error == found.error && identity.path == found.path &&
+         (found.error != 0 ||
+          (identity.inode == status.st_ino && identity.size == status.st_size &&
+           identity.device == status.st_dev && SameTime(identity.modified, status.st_mtim)));
 }
 
-SnapshotStore::Identity SnapshotStore::Look() {
+SnapshotStore::Found SnapshotStore::LookAt(const char* path) {
+  Found found;
+  found.path = path;
+  found.error = stat(path, &found.status) == 0 ? 0 : errno;
+  return found;
+}
+
+SnapshotStore::Found SnapshotStore::Look() {
   const char* named = getenv(config_file_variable);
   if (named != nullptr && *named != 0) return LookAt(named);
   for (const char* path : {config_file_local, config_file_system}) {
-    Identity identity = LookAt(path);
-    if (identity.error != ENOENT && identity.error != ENOTDIR) return identity;
+    const Found found = LookAt(path);
+    if (found.error != ENOENT && found.error != ENOTDIR) return found;
   }
-  Identity none;
+  Found none;
+  none.path = "";
   none.error = ENOENT;
   return none;
 }
@@ -115,7 +123,7 @@ std::string SnapshotStore::ReadFile(Identity* identity, std::string* text) {
   FileDescriptor file(open(identity->path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status;
   if (!file.is_open() || fstat(file.get(), &status) != 0) return ErrorText(errno);
-  *identity = IdentityOf(identity->path.c_str(), status);
+  *identity = IdentityOf({identity->path.c_str(), 0, status});
   if (!S_ISREG(status.st_mode)) return "Not a regular file";
   for (char buffer[16384]; off_t(text->size()) <= largest_file;) {
     ssize_t count = read(file.get(), buffer, sizeof buffer);
@@ -139,13 +147,14 @@ void SnapshotStore::Install(Snapshot snapshot) {
       Report("warning: " + warning);
     }
   }
-  snapshot.generation = ++generations;
+  snapshot.generation = generations.load(std::memory_order_relaxed) + 1;
   current = std::make_shared<const Snapshot>(std::move(snapshot));
+  generations.store(current->generation, std::memory_order_release);
 }
 
 // Looks again, because another thread may have reloaded between the caller's look and the lock.
 void SnapshotStore::Reload() {
-  Identity identity = Look();
+  Identity identity = IdentityOf(Look());
   std::string file = FullPath(identity.path.c_str());
   std::string text;
   std::string error;
@@ -165,9 +174,23 @@ void SnapshotStore::Reload() {
   Install(error.empty() ? Snapshot::Parse(file, text) : Snapshot::Failed(error));
 }
 
-std::shared_ptr<const Snapshot> SnapshotStore::Current() {
-  Identity found = Look();
+void SnapshotStore::Update(View* view) {
+  const Found found = Look();
+  // Another thread may have read a later state of the file meanwhile, even if the file is back in
+  // the state that this thread has seen.
+  if (view->snapshot != nullptr && view->settled && IsStill(view->seen, found) &&
+      generations.load(std::memory_order_acquire) == view->snapshot->generation) {
+    return;
+  }
   std::lock_guard<std::mutex> lock(mutex);
-  if (current == nullptr || !settled || !(found == seen)) Reload();
-  return current;
+  if (current == nullptr || !settled || !IsStill(seen, found)) Reload();
+  view->seen = seen;
+  view->settled = settled;
+  view->snapshot = current;
+}
+
+std::shared_ptr<const Snapshot> SnapshotStore::Current() {
+  View view;
+  Update(&view);
+  return view.snapshot;
 }

@@ -5,6 +5,9 @@
 
 #include "config/Snapshot.h"
 
+#include <sys/stat.h>
+
+#include <atomic>
 #include <ctime>
 #include <memory>
 #include <mutex>
@@ -23,13 +26,6 @@ class SnapshotStore {
   SnapshotStore(const SnapshotStore&) = delete;
   SnapshotStore& operator=(const SnapshotStore&) = delete;
 
-  // Returns the snapshot for a request that begins now; never null. Checks if the file has changed
-  // since the last call and reads it again if so. If the file has errors, the last good snapshot
-  // stays in force, and each such state of the file gives one line in the operator's log. If no
-  // good one was ever read, returns a snapshot with an error.
-  std::shared_ptr<const Snapshot> Current();
-
- private:
   // Identifies a state of the file.
   struct Identity {
     std::string path;  // empty when no file was named or found
@@ -42,18 +38,44 @@ class SnapshotStore {
     bool operator==(const Identity& other) const;
   };
 
-  static Identity Look();
-  static Identity LookAt(const char* path);
-  static Identity IdentityOf(const char* path, const struct stat& status);
+  // What one thread has seen. While the file stays as it was, the thread needs neither the lock nor
+  // the count of the snapshot, both of which all threads share.
+  struct View {
+    std::shared_ptr<const Snapshot> snapshot;  // null before the first Update
+    Identity seen;
+    bool settled = false;
+  };
+
+  // Makes *view the snapshot for a request that begins now. Like Current in all else.
+  void Update(View* view);
+  // Returns the snapshot for a request that begins now; never null. Checks if the file has changed
+  // since the last call and reads it again if so. If the file has errors, the last good snapshot
+  // stays in force, and each such state of the file gives one line in the operator's log. If no good
+  // one was ever read, returns a snapshot with an error.
+  std::shared_ptr<const Snapshot> Current();
+
+ private:
+  // The file that was found, or the errno of looking for it.
+  struct Found {
+    const char* path;  // empty when no file was named or found
+    int error;
+    struct stat status;
+  };
+
+  static Found Look();
+  static Found LookAt(const char* path);
+  static Identity IdentityOf(const Found& found);
+  static bool IsStill(const Identity& identity, const Found& found);
   static std::string MissingText(const Identity& identity);
   static std::string ReadFile(Identity* identity, std::string* text);
 
   void Reload();
   void Install(Snapshot snapshot);
 
-  std::mutex mutex;  // guards all below
+  // The generation of `current`. A thread reads it without the lock.
+  std::atomic<uint64_t> generations{0};
+  std::mutex mutex;  // guards all below, and changes of the generation
   std::shared_ptr<const Snapshot> current;
-  uint64_t generations = 0;
   // The state that was last read, and its content.
   Identity seen;
   std::string seen_text;

@@ -69,6 +69,46 @@ TEST_F(SnapshotStoreTest, ChangeIsTakenAtTheNextRequest) {
   EXPECT_EQ(store.Current()->generation, 3u);
 }
 
+// A thread that keeps its view sees what any other sees.
+TEST_F(SnapshotStoreTest, AViewFollowsTheFile) {
+  SnapshotStore::View view;
+  Write("timeout_global = 5\n");
+  Age(file, 0);
+  store.Update(&view);
+  const std::shared_ptr<const Snapshot> first = view.snapshot;
+  EXPECT_EQ(first->Find(Config_timeout_global)->integer, 5);
+  store.Update(&view);
+  EXPECT_EQ(view.snapshot, first);
+  Replace("timeout_global = 6\n");
+  store.Update(&view);
+  EXPECT_EQ(view.snapshot->Find(Config_timeout_global)->integer, 6);
+  EXPECT_EQ(store.Current(), view.snapshot);
+  std::filesystem::remove(file);
+  store.Update(&view);
+  EXPECT_EQ(view.snapshot, store.Current());
+  Replace("timeout_global = 7\n");
+  store.Update(&view);
+  EXPECT_EQ(view.snapshot->Find(Config_timeout_global)->integer, 7);
+}
+
+// The file comes back to the state that the view has, after others have seen another state.
+TEST_F(SnapshotStoreTest, AViewIsNotOlderThanTheStore) {
+  SnapshotStore::View view;
+  Write("timeout_global = 5\n");
+  Age(file, 0);
+  store.Update(&view);
+  EXPECT_EQ(view.snapshot->generation, 1u);
+  std::filesystem::rename(file, directory.path("kept"));
+  Write("timeout_global = 6\n");
+  Age(file, 1);
+  EXPECT_EQ(Timeout(), 6);
+  std::filesystem::rename(directory.path("kept"), file);
+  store.Update(&view);
+  EXPECT_EQ(view.snapshot->Find(Config_timeout_global)->integer, 5);
+  EXPECT_EQ(view.snapshot->generation, 3u);
+  EXPECT_EQ(store.Current(), view.snapshot);
+}
+
 // A change in the same tick of the clock, of the same size and in the same file, leaves the file's
 // identity unchanged.
 TEST_F(SnapshotStoreTest, ChangeWithinOneTickIsSeen) {
