@@ -99,21 +99,27 @@ bool ExternalConfig::FailWithLibraryText(const char* text) {
 }
 
 ConfigValue* ExternalConfig::default_value(int id) {
+  ConfigReading reading;
+  return ExternalConfig::Read(id, &reading) ? new ConfigValue(id, reading) : nullptr;
+}
+
+bool ExternalConfig::Read(int id, ConfigReading* reading) {
   if (library != nullptr && descriptor != nullptr && !interrupted) {
     int kind = id & ConfigKind_Mask;
+    ConfigReading own;
     if (kind == ConfigKind_Text && descriptor->get_string != nullptr) {
-      const char* text = nullptr;
-      int length = 0;
-      int owned = 0;
-      if (descriptor->get_string(this, &data, id, &text, &length, &owned) == 0) {
-        return new ConfigValue(id, text, length, owned);
+      if (descriptor->get_string(this, &data, id, &own.text, &own.length, &own.owned) == 0) {
+        *reading = own;
+        return true;
       }
     } else if (kind == ConfigKind_Integer && descriptor->get_integer != nullptr) {
-      int value = 0;
-      if (descriptor->get_integer(this, &data, id, &value) == 0) return new ConfigValue(id, value);
+      if (descriptor->get_integer(this, &data, id, &own.integer) == 0) {
+        *reading = own;
+        return true;
+      }
     }
   }
-  return Config::default_value(id);
+  return BuiltIn(id, reading);
 }
 
 bool ExternalConfig::Register_Library_Commerce(const char* name, const char* path) {

@@ -90,6 +90,7 @@ class ExternalConfig : public Config {
   List<Variable> pending_global;
   TagLookup tag_lookup;
 
+  bool Read(int id, ConfigReading* reading) override;
   bool Fail(const char* text);
   bool FailWithLibraryText(const char* text);
 };

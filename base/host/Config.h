@@ -5,8 +5,18 @@
 #ifndef ZEPH_BASE_CONFIG_H
 #define ZEPH_BASE_CONFIG_H
 
+#include <iterator>
+
 #include "base/core/BaseTemplates.h"
 #include "base/host/Settings.h"
+
+// What a setting was read as: a text with the arguments of ConfigValue, or an integer.
+struct ConfigReading {
+  const char* text = nullptr;
+  int length = 0;
+  int owned = 0;
+  int integer = 0;
+};
 
 // One cached setting. Belongs to the Config that holds it.
 class ConfigValue {
@@ -18,6 +28,7 @@ class ConfigValue {
   ConfigValue(int id, const char* text, int length, int owned);
   // Copies the text and appends a NUL.
   ConfigValue(const ConfigValue& other);
+  ConfigValue(int id, const ConfigReading& reading);
   virtual ~ConfigValue();
   ConfigValue& operator=(const ConfigValue&) = delete;
 
@@ -25,6 +36,8 @@ class ConfigValue {
   const char* text() const { return value_text; }
   int length() const { return text_length; }
   int integer() const { return value_integer; }
+  // The value for another owner: an owned text is the caller's from here on.
+  ConfigReading TakeReading();
 
  private:
   int identifier;
@@ -34,7 +47,7 @@ class ConfigValue {
   int value_integer;
 };
 
-// Keyed on the identifier.
+// Keyed on the identifier. For settings that are not in the list of Settings.def.
 class ConfigTable final : public HashTable<ConfigValue> {
  public:
   ConfigTable() : HashTable<ConfigValue>(1, 0, 12, 512) {}
@@ -78,10 +91,28 @@ class Config {
   // A bufsz_ setting as a count of bytes to allocate; 8192 if it is 0 or less.
   int buffer_size(int id);
 
- private:
-  ConfigValue* Value(int id);
+ protected:
+  // Like default_value, without making a block. Returns false, and changes nothing, if there is no
+  // value.
+  virtual bool Read(int id, ConfigReading* reading);
+  // Reads the value of the list. Returns false if the list has none.
+  static bool BuiltIn(int id, ConfigReading* reading);
 
-  ConfigTable values;
+ private:
+  // A request reads about 20 settings. Their values are in `room`, in the order in which they came;
+  // those that no longer fit are blocks of their own.
+  static constexpr int kRoom = 24;
+
+  const ConfigValue* Value(int id);
+  const ConfigValue* Kept(int place, int id);
+  const ConfigValue* Keep(int place, int id, const ConfigReading& reading);
+  void Copy(const ConfigValue& value);
+  ConfigValue* Room() { return reinterpret_cast<ConfigValue*>(room); }
+
+  ConfigValue* kept[std::size(config_settings)] = {};  // by their place in the list; null if unread
+  int in_room = 0;
+  alignas(ConfigValue) char room[kRoom * sizeof(ConfigValue)];
+  ConfigTable others;
 };
 
 #endif

@@ -49,7 +49,7 @@ void Lockfile::GiveBack() {
     timeout = application->config()->value_integer(Config_timeout_file);
     delay = application->config()->value_integer(Config_delay_file);
   } catch (const std::bad_alloc&) {
-    // A setting is made when it is read for the first time. This runs in a destructor.
+    // A configuration library may need memory for a setting. This runs in a destructor.
     return;
   }
   // A delay of 0 would mean trying without end and without a pause, so there is no second try.
@@ -62,14 +62,15 @@ void Lockfile::GiveBack() {
   }
 }
 
-// Finding the file's path allocates, and the script may have ended because memory ran out: the
-// thread's reserve is for such a clean-up. Without memory even then it counts as one failed try.
+// Returns false if another try is worth while. Finding the file's path allocates, and the script
+// may have ended because memory ran out: the thread's reserve is for such a clean-up. Without
+// memory even then the file is left, because a wait would not help.
 bool Lockfile::DeleteFile() {
   for (bool again = false;; again = true) {
     try {
       return application->filemanager()->Delete(ZephPath_Data, path.data);
     } catch (const std::bad_alloc&) {
-      if (again) return false;
+      if (again) return true;
       ThreadMemory::Exhausted(path.data, path.length);
     }
   }

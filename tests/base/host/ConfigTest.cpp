@@ -185,6 +185,52 @@ TEST(Config, BufferSizesOfZeroAndLessCountAs8192) {
   }
 }
 
+TEST(Config, AllSettingsCanBeReadSetAndCopied) {
+  Config config;
+  const auto text = [](const ConfigSetting& setting) { return std::string("x") + setting.name; };
+  const auto is_text = [](const ConfigSetting& setting) {
+    return (setting.id & ConfigKind_Text) != 0;
+  };
+  const auto expect_set = [&](Config& store) {
+    for (const ConfigSetting& setting : config_settings) {
+      SCOPED_TRACE(setting.name);
+      if (is_text(setting)) {
+        EXPECT_EQ(store.value_string(setting.id), text(setting));
+      } else {
+        EXPECT_EQ(store.value_integer(setting.id), setting.id - 5);
+      }
+    }
+  };
+  for (int round = 0; round < 2; round++) {
+    for (const ConfigSetting& setting : config_settings) {
+      if (is_text(setting)) {
+        config.SetValue(setting.id, Owned(text(setting).c_str()), -1, 1);
+      } else {
+        config.SetValue_Integer(setting.id, setting.id - 5);
+      }
+    }
+    expect_set(config);
+  }
+  Config copy(config);
+  expect_set(copy);
+}
+
+// A configuration library may set a value while it is asked for it.
+TEST(Config, AValueThatIsSetWhileItIsReadStays) {
+  class SettingConfig : public Config {
+   public:
+    ConfigValue* default_value(int id) override {
+      SetValue(id, Owned("set"), -1, 1);
+      return new ConfigValue(id, Owned("read"), -1, 1);
+    }
+  };
+  SettingConfig config;
+  for (int id : {int(Config_dir_data), 0x2000099}) {
+    EXPECT_STREQ(config.value_string(id), "set");
+    EXPECT_STREQ(config.value_string(id), "set");
+  }
+}
+
 TEST(Config, HoldsMoreValuesThanItsFirstSlots) {
   Config config;
   for (int i = 0; i < 2000; i++) config.SetValue_Integer(0x1010000 + i, i);
