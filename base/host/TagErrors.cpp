@@ -40,13 +40,9 @@ std::atomic_ref<int> Settings(int tag) {
 
 }  // namespace
 
-void CopyDefaultErrorSettings(TagErrorSetting* table) {
+void CopyDefaultErrorSettings(int* table) {
   for (int tag = 0; tag < tag_count; tag++) {
-    const TagErrorSetting& source = tag_default_errorsettings[tag];
-    table[tag].tag = source.tag;
-    table[tag].name = source.name;
-    table[tag].variable = source.variable;
-    table[tag].settings = Settings(tag).load(std::memory_order_relaxed);
+    table[tag] = Settings(tag).load(std::memory_order_relaxed);
   }
 }
 

@@ -62,8 +62,9 @@ extern TagErrorSetting tag_default_errorsettings[tag_count];
 // The defaults as shipped.
 extern const TagErrorSetting original_tag_default_errorsettings[tag_count];
 
-// Copies the current defaults into a machine's table of tag_count entries. Any thread.
-void CopyDefaultErrorSettings(TagErrorSetting* table);
+// Copies the settings of the current defaults into a machine's table of tag_count entries. Any
+// thread. The names are the same in every table.
+void CopyDefaultErrorSettings(int* table);
 // Read and set the current default of a tag. An invalid number reads as 0 and is not set. Any
 // thread; machines made later see the change.
 int DefaultErrorSetting(int tag);

@@ -66,7 +66,7 @@ void ZephVM::RuntimeError(int tag, const String& message) {
   if (RunLimit::WasCut()) return;
   const bool known = tag >= 0 && tag < tag_count;
   const TagErrorSetting unknown = {tag, nullptr, nullptr, TagError_Display | TagError_Fatal};
-  const TagErrorSetting& setting = known ? tag_errors[tag] : unknown;
+  const TagErrorSetting setting = known ? TagError(tag) : unknown;
   error_text = ErrorPrefix("Runtime error in ", setting.name);
   error_text.cat(message.data, message.length);
   error_text.cat('\n');
@@ -97,9 +97,9 @@ void ZephVM::EncodedRuntimeError(int tag, const String& message) {
 }
 
 void ZephVM::ClearErrorVariable(int tag) {
-  if (tag >= 0 && tag < tag_count && tag_errors[tag].variable) {
-    global_variables->ClearVariable(tag_errors[tag].variable, -1);
-  }
+  const char* variable =
+      tag >= 0 && tag < tag_count ? original_tag_default_errorsettings[tag].variable : nullptr;
+  if (variable) global_variables->ClearVariable(variable, -1);
 }
 
 void ZephVM::Report(RunFailure::Kind kind, bool ends_run, bool shown, const char* text,

@@ -85,7 +85,7 @@ ZephVM::ZephVM(const char* path, int pathlength, ZephApplication* application,
     parent->children++;
   }
   try {
-    CopyDefaultErrorSettings(tag_errors);
+    CopyDefaultErrorSettings(tag_settings);
     MakeBaseFrame();
     segment = segments->Start();
     code = segment->code();
@@ -545,7 +545,7 @@ void ZephVM::sourcefile() {
 // ignored.
 void ZephVM::tagerror() {
   if (static_cast<unsigned>(first_integer) < static_cast<unsigned>(tag_count)) {
-    tag_errors[first_integer].settings = second_integer;
+    tag_settings[first_integer] = second_integer;
   }
 }
 

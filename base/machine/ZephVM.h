@@ -250,7 +250,11 @@ class ZephVM {
   int InstructionStart() const { return instruction_start; }
   // The name of the current source file as the dictionary gives it; empty when there is none.
   const char* SourceFile(int* length);
-  const TagErrorSetting& TagError(int tag) const { return tag_errors[tag]; }
+  TagErrorSetting TagError(int tag) const {
+    TagErrorSetting setting = original_tag_default_errorsettings[tag];
+    setting.settings = tag_settings[tag];
+    return setting;
+  }
   // Appends where the script is and the calls that lead there, the innermost first, as in
   // "cart.zeph:17 in total, cart.zeph:40 in show, index.zeph:3". Calls of this machine's parents
   // follow. A name or a line that the code does not say is left out
@@ -426,8 +430,8 @@ class ZephVM {
   int source_name_length = 0;
   String script_path;
   String script_directory;
-  String error_prefix;  // set by op_errmsg
-  TagErrorSetting tag_errors[tag_count];
+  String error_prefix;          // set by op_errmsg
+  int tag_settings[tag_count];  // by tag: what its errors do
   // Operands of the current instruction. An instruction without operands leaves them as they are.
   int first_integer = 0;
   int second_integer = 0;

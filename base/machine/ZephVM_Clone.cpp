@@ -99,7 +99,7 @@ ZephVM::ZephVM(ZephApplication* application, ZephVM& source, int* heartbeat, int
       parent(clone->parent.get()),
       family(parent ? parent->family : &own_family) {
   if (parent) parent->children++;
-  std::copy_n(source.tag_errors, tag_count, tag_errors);
+  std::copy_n(source.tag_settings, tag_count, tag_settings);
   try {
     segment = segments->Lookup(loaded_segment);
     if (segment) {
