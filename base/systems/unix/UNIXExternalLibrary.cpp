@@ -8,8 +8,12 @@
 
 #include <cstring>
 #include <memory>
+#include <utility>
 
 UNIXExternalLibrary::~UNIXExternalLibrary() {
+  for (const Symbol* symbol = symbols.load(); symbol != nullptr;) {
+    delete std::exchange(symbol, symbol->next);
+  }
   if (handle != nullptr) dlclose(handle);
 }
 
@@ -37,13 +41,28 @@ bool UNIXExternalLibrary::Load(const char* path) {
 }
 
 void* UNIXExternalLibrary::Get_Function(const char* name) {
+  for (const Symbol* known = symbols.load(std::memory_order_acquire); known != nullptr;
+       known = known->next) {
+    if (known->name == name) return known->address;
+  }
   void* function = handle != nullptr ? dlsym(handle, name) : nullptr;
-  if (function != nullptr) return function;
+  if (function != nullptr) {
+    Remember(name, function);
+    return function;
+  }
   String text("Unknown symbol '");
   text.cat(name);
   text.cat("'");
   Error(text);
   return nullptr;
+}
+
+// If two threads look a name up at once, it is remembered twice, which does no harm.
+void UNIXExternalLibrary::Remember(const char* name, void* address) {
+  auto* symbol = new Symbol{name, address, symbols.load(std::memory_order_relaxed)};
+  while (!symbols.compare_exchange_weak(symbol->next, symbol, std::memory_order_release,
+                                        std::memory_order_relaxed)) {
+  }
 }
 
 ExternalLibrary* UNIXExternalLibraryManager::Load(const char* path) {
