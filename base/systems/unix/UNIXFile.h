@@ -189,6 +189,8 @@ class UNIXFileManager : public FileManager {
   // path is absolute. The user, if not null, is named in the text of a failure. REQUIRES:
   // SecurityOptions was called before, because its flags decide which links on the way are allowed.
   virtual bool InitializeScriptDirectory(const char* path, const char* user);
+  // UseScriptDirectory opens it only when something needs it, and cannot fail before that.
+  void UseScriptDirectory(String&& path);
   virtual bool InitializeDataDirectory(const char* path);
   virtual bool InitializeTempDirectory(const char* path);
 
@@ -243,12 +245,16 @@ class UNIXFileManager : public FileManager {
   // Opens the directory `path` of a base directory. On failure returns false with the text stored.
   bool OpenDirectory(Zeph_PathType type, const _UNIXContainedPathSettings& settings,
                      const char* path, ContainedDirectory* result);
+  // Makes a File on the descriptor and enters it in the pool unless the mode forbids that.
+  File* Adopt(FileDescriptor& descriptor, int mode, Zeph_PathType type, const char* path);
   // Stores the text of a PathWalkResult that is a failure, and returns false.
   bool WalkError(Zeph_PathType type, int result);
 
   // MakeTemporary tries the numbers below this. A test lowers it to see how they run out.
   static inline unsigned temporary_limit = 0x7FFFFFFE;
 
+  // The script directory that is to be opened when something needs it; null if there is none.
+  String later_script_path;
   UNIXFilePath* script_path = nullptr;
   int script_directory = -1;
   UNIXFilePath* data_path = nullptr;
@@ -269,9 +275,8 @@ class UNIXFileManager : public FileManager {
   // HasSpare is for modes that create or empty files, because an open that fails must do neither.
   bool IsSpare(int descriptor);
   bool HasSpare(int mode);
-  // Makes a File on the descriptor and enters it in the pool unless the mode forbids that.
+  // The same for a path as given.
   File* Adopt(FileDescriptor& descriptor, int mode, const char* path);
-  File* Adopt(FileDescriptor& descriptor, int mode, Zeph_PathType type, const char* path);
   bool CheckCopySource(int descriptor);
   bool CopyBytes(int from, int to);
   bool CheckPrefix(const char* prefix);
@@ -282,6 +287,8 @@ class UNIXFileManager : public FileManager {
   // Removes a new file, of that full name in its directory, that no one will get.
   static void Discard(int directory, const char* path);
 
+  // Opens a script directory that was to be opened later.
+  bool OpenScriptDirectory();
   bool InitializeDirectory(const char* what, const char* user, const char* path, bool symlinks,
                            bool other_owner, UNIXFilePath** text, int* descriptor);
   // Returns true if the path is inside the base directory by its text. Moves *path past leading

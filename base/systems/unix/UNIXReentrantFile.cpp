@@ -10,8 +10,10 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/systems/unix/SystemCalls.h"
@@ -272,6 +274,38 @@ UNIXReentrantFileManager::UNIXReentrantFileManager(ZephApplication* application)
 UNIXReentrantFileManager::UNIXReentrantFileManager(ZephApplication* application,
                                                    UNIXReentrantFileManager& other)
     : UNIXFileManager(application, other, WalkByDescriptor) {}
+
+File* UNIXReentrantFileManager::OpenScript(String* directory, const char* path) {
+  constexpr int special =
+      FileSecurity_ScriptSymlinks | FileSecurity_ScriptOtherOwner | FileSecurity_ScriptAbsolute;
+  const char* root = directory->data;
+  if (max_files != 0 || (security_flags & special) != 0 || !KnownToThread().Contains(root) ||
+      *path == 0 || *path == '/' || strstr(path, "..") != nullptr) {
+    return nullptr;
+  }
+  const auto length = static_cast<size_t>(directory->length);
+  const size_t more = strlen(path);
+  char text[PATH_MAX];
+  if (length + 1 + more >= sizeof(text)) return nullptr;
+  memcpy(text, root, length);
+  text[length] = '/';
+  memcpy(text + length + 1, path, more + 1);
+  FileDescriptor opened(system_calls.open_without_links(AT_FDCWD, text, walk_flags));
+  if (opened.get() <= 0) return nullptr;
+  // The way to the script directory was checked before; the directory itself is checked each time,
+  // and so are those below it.
+  for (char* slash = text + length; slash != nullptr; slash = strchr(slash + 1, '/')) {
+    *slash = 0;
+    const bool readable = system_calls.check_readable(AT_FDCWD, text) == 0;
+    *slash = '/';
+    if (!readable) return nullptr;
+  }
+  std::unique_ptr<File> file(Adopt(opened, FileMode_Read, ZephPath_Script, path));
+  bool is_directory;
+  if (!file->IsDirectory(&is_directory) || is_directory) return nullptr;
+  UseScriptDirectory(std::move(*directory));
+  return file.release();
+}
 
 int UNIXReentrantFileManager::OpenPath(int base, const char* path, int* result, bool symlinks,
                                        bool other_owner) {

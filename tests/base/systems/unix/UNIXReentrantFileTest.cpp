@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tests/base/systems/unix/FileFixture.h"
+#include "tests/support/OtherUser.h"
 
 namespace {
 
@@ -220,6 +221,120 @@ TEST_F(Reentrant, DirectoriesOnTheWayMustBeReadable) {
 }
 
 // --- Directories that move -----------------------------------------------------------------------
+
+class ReentrantScript : public Reentrant {
+ protected:
+  ReentrantScript() : root(tree.path("script")) {
+    tree.File("script/page.zpc", "page");
+    tree.File("script/a/b/page.zpc", "deep");
+    tree.File("outside.zpc", "outside");
+    tree.Link("script/link.zpc", "page.zpc");
+    tree.Link("script/c", "a");
+    // From here on this thread knows the way to the directory.
+    EXPECT_TRUE(files.InitializeScriptDirectory(root.c_str(), nullptr));
+  }
+  // The content of the script that is opened in one walk; "-" if there is none.
+  static std::string Content(UNIXReentrantFileManager* manager, const std::string& root,
+                             const std::string& path) {
+    String directory(root.c_str());
+    const std::unique_ptr<File> file(manager->OpenScript(&directory, path.c_str()));
+    if (!file) {
+      EXPECT_STREQ(directory.data, root.c_str());
+      return "-";
+    }
+    EXPECT_EQ(directory.data, nullptr);
+    EXPECT_EQ(file->path(), path);
+    char text[100];
+    const int count = file->Read(text, sizeof text);
+    return count < 0 ? "failed" : std::string(text, static_cast<size_t>(count));
+  }
+  std::string Content(const std::string& path) { return Content(&files, root, path); }
+
+  std::string root;
+};
+
+TEST_F(ReentrantScript, IsOpenedInOneWalk) {
+  EXPECT_EQ(Content("page.zpc"), "page");
+  EXPECT_EQ(Content("a/b/page.zpc"), "deep");
+  EXPECT_EQ(Content("a//b/./page.zpc"), "deep");
+  EXPECT_EQ(Content(&files, root, "page.zpc"), "page");
+}
+
+TEST_F(ReentrantScript, WhatNeedsALookIsLeftToTheOtherRoad) {
+  for (const char* path :
+       {"", ".", "a", "a/b/", "/page.zpc", "a/../page.zpc", "../outside.zpc", "none.zpc",
+        "a/none/page.zpc", "page.zpc/x", "link.zpc", "c/b/page.zpc"}) {
+    EXPECT_EQ(Content(path), "-") << path;
+  }
+  EXPECT_EQ(Content(std::string(5000, 'x')), "-");
+  EXPECT_EQ(Content(&files, tree.path("none"), "page.zpc"), "-");
+}
+
+TEST_F(ReentrantScript, SettingsOfLinksAndFilesAreForTheOtherRoad) {
+  for (int flags : {1, 2, 32}) {
+    files.SecurityOptions(flags);
+    EXPECT_EQ(Content("page.zpc"), "-") << flags;
+  }
+  files.SecurityOptions(FileSecurity_DataSymlinks);
+  EXPECT_EQ(Content("page.zpc"), "page");
+  files.MaxFiles(1);
+  EXPECT_EQ(Content("page.zpc"), "-");
+}
+
+TEST_F(ReentrantScript, AThreadThatDoesNotKnowTheWayLooksAtItFirst) {
+  std::thread([this] {
+    UNIXReentrantFileManager manager(&application);
+    EXPECT_EQ(Content(&manager, root, "page.zpc"), "-");
+    EXPECT_TRUE(manager.InitializeScriptDirectory(root.c_str(), nullptr));
+    EXPECT_EQ(Content(&manager, root, "page.zpc"), "page");
+  }).join();
+}
+
+TEST_F(ReentrantScript, DirectoriesOnItsWayMustBeReadable) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs another user to be";
+  for (const char* name : {"", "script", "script/a", "script/a/b"})
+    ASSERT_EQ(0, chmod(tree.path(name).c_str(), 0755));
+  for (const char* closed : {"script", "script/a", "script/a/b"}) {
+    SCOPED_TRACE(closed);
+    chmod(tree.path(closed).c_str(), 0711);
+    {
+      const OtherUser other;
+      EXPECT_EQ(Content("a/b/page.zpc"), "-");
+      EXPECT_EQ(Content("page.zpc"), std::string(closed) == "script" ? "-" : "page");
+    }
+    chmod(tree.path(closed).c_str(), 0755);
+    const OtherUser other;
+    EXPECT_EQ(Content("a/b/page.zpc"), "deep");
+  }
+}
+
+TEST_F(ReentrantScript, ItsDirectoryIsOpenedWhenSomethingNeedsIt) {
+  UNIXReentrantFileManager manager(&application);
+  EXPECT_EQ(nullptr, manager.Open(ZephPath_Script, "page.zpc", FileMode_Read));
+  EXPECT_EQ(Content(&manager, root, "page.zpc"), "page");
+  std::unique_ptr<File> file(manager.Open(ZephPath_Script, "a/b/page.zpc", FileMode_Read));
+  EXPECT_NE(file, nullptr);
+  UNIXReentrantFileManager of_task(&application, manager);
+  file.reset(of_task.Open(ZephPath_Script, "page.zpc", FileMode_Read));
+  EXPECT_NE(file, nullptr);
+  // A task may be the first that needs it.
+  UNIXReentrantFileManager second(&application);
+  EXPECT_EQ(Content(&second, root, "page.zpc"), "page");
+  UNIXReentrantFileManager of_second(&application, second);
+  file.reset(of_second.Open(ZephPath_Script, "page.zpc", FileMode_Read));
+  EXPECT_NE(file, nullptr);
+}
+
+TEST_F(ReentrantScript, IsReadAgainAfterItWasDeactivated) {
+  UNIXReentrantFileManager manager(&application);
+  String directory(root.c_str());
+  const std::unique_ptr<File> file(manager.OpenScript(&directory, "a/b/page.zpc"));
+  ASSERT_NE(file, nullptr);
+  manager.DeactivateFile(file.get());
+  char text[4];
+  EXPECT_EQ(file->Read(text, 4), 4);
+  EXPECT_EQ(std::string(text, 4), "deep");
+}
 
 TEST_F(Reentrant, MovedBaseStaysTheBase) {
   Configure(0);
