@@ -22,28 +22,22 @@ def record(kind, content=b""):
     return struct.pack(">BBHHBx", 1, kind, 1, len(content), 0) + content
 
 
-def request(path):
+def request(path, keep=True):
     text = b""
     for name, value in (("PATH_INFO", path), ("REQUEST_METHOD", "GET"), ("QUERY_STRING", "")):
         text += bytes([len(name), len(value)]) + name.encode() + value.encode()
-    begin = struct.pack(">HBxxxxx", 1, 1)
+    begin = struct.pack(">HBxxxxx", 1, keep)
     return (record(BEGIN, begin) + record(PARAMETERS, text) + record(PARAMETERS) + record(INPUT))
 
 
-class Engine:
-    def __init__(self, program):
-        listener = socket.socket(socket.AF_UNIX)
-        listener.bind("engine.sock")
-        listener.listen(16)
-        environment = dict(os.environ, ZEPH_CONFIG=os.path.abspath("zeph.toml"))
-        self.process = subprocess.Popen([program, "-t", "1"], stdin=listener, env=environment)
-        listener.close()
-        self.connection = socket.socket(socket.AF_UNIX)
-        self.connection.connect("engine.sock")
-        self.file = self.connection.makefile("rb", buffering=1 << 20)
+class Connection:
+    def __init__(self):
+        self.socket = socket.socket(socket.AF_UNIX)
+        self.socket.connect("engine.sock")
+        self.file = self.socket.makefile("rb", buffering=1 << 16)
 
     def get(self, wanted):
-        self.connection.sendall(wanted)
+        self.socket.sendall(wanted)
         output = []
         while True:
             _, kind, _, length, padding = struct.unpack(">BBHHBx", self.file.read(8))
@@ -52,6 +46,22 @@ class Engine:
                 output.append(content)
             elif kind == END:
                 return b"".join(output)
+
+    def close(self):
+        self.file.close()
+        self.socket.close()
+
+
+class Engine:
+    def __init__(self, program, threads=1):
+        if os.path.exists("engine.sock"):
+            os.remove("engine.sock")
+        listener = socket.socket(socket.AF_UNIX)
+        listener.bind("engine.sock")
+        listener.listen(1024)
+        environment = dict(os.environ, ZEPH_CONFIG=os.path.abspath("zeph.toml"))
+        self.process = subprocess.Popen([program, "-t", str(threads)], stdin=listener, env=environment)
+        listener.close()
 
     def time(self):
         """Processor time in milliseconds, of all threads that the engine has."""
@@ -69,6 +79,7 @@ class Engine:
 def main():
     program, *names = sys.argv[1:]
     engine = Engine(program)
+    connection = Connection()
     failed = False
     try:
         print(f"{'page':<10}{'text':>9}{'page':>9}{'ratio':>8}   microseconds of the engine for a request")
@@ -78,10 +89,10 @@ def main():
             for _ in range(ROUNDS):
                 for kind in ("text/", "pages/"):
                     wanted = request(f"/{kind}{name}.zpc")
-                    bodies[kind] = engine.get(wanted).split(b"\r\n\r\n", 1)[1]
+                    bodies[kind] = connection.get(wanted).split(b"\r\n\r\n", 1)[1]
                     before = engine.time()
                     for _ in range(REQUESTS):
-                        engine.get(wanted)
+                        connection.get(wanted)
                     took = (engine.time() - before) * 1000 / REQUESTS
                     best[kind] = min(took, best.get(kind, took))
             ratio = best["pages/"] / best["text/"]
@@ -97,4 +108,5 @@ def main():
     sys.exit(1 if failed else 0)
 
 
-main()
+if __name__ == "__main__":
+    main()
