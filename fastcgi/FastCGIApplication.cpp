@@ -6,11 +6,14 @@
 #include <fcgiapp.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
 #include <new>
+#include <string_view>
+#include <utility>
 
 #include "base/compiled/TaggedFile.h"
 #include "base/compiled/VariableHash.h"
@@ -35,6 +38,28 @@ const char* WorkingDirectory() {
   return known ? path : ".";
 }
 
+// The date of a cookie that expires in a year. Formatted once a second in each thread; valid until
+// the thread's next call.
+std::string_view DateInAYear() {
+  const long kYear = 31536000;
+  struct Formatted {
+    time_t second;
+    size_t length;
+    char text[64];
+  };
+  static constinit thread_local Formatted date{};
+  const time_t now = time(nullptr);
+  if (date.second != now) {
+    const time_t expiry = now + kYear;
+    tm utc{};
+    gmtime_r(&expiry, &utc);
+    date.length =
+        strftime_l(date.text, sizeof date.text, "%a, %d-%b-%Y %H:%M:%S GMT", &utc, CLocale());
+    date.second = now;
+  }
+  return {date.text, date.length};
+}
+
 }  // namespace
 
 FastCGIApplication::FastCGIApplication(int argc, char** argv, int copied_argc, char** copied_argv,
@@ -43,18 +68,13 @@ FastCGIApplication::FastCGIApplication(int argc, char** argv, int copied_argc, c
                                        FCGX_Request* request)
     : FastCGIBaseApplication(argc, argv, copied_argc, copied_argv, thread_manager, library_manager),
       request(request),
+      parameters(request->envp),
       working_directory(WorkingDirectory()) {
-  path_info = Parameter("PATH_INFO");
-  query_string = Parameter("QUERY_STRING");
   network_manager = new UNIXNetworkManager(this);
   file_manager = new UNIXReentrantFileManager(this);
   current_output = response = new FastCGIOutput(this, request);
   watch.Begin(request);
-  if (const char* sent = Parameter("HTTP_COOKIE")) cookie.reset(zeph_strdup(sent));
-}
-
-const char* FastCGIApplication::Parameter(const char* name) const {
-  return FCGX_GetParam(name, request->envp);
+  if (parameters.cookie) cookie.reset(zeph_strdup(parameters.cookie));
 }
 
 int FastCGIApplication::Go(FastCGIThread* thread) {
@@ -170,32 +190,34 @@ void FastCGIApplication::OutputHeaders() {
 // Every response carries the visitor's id, so that the cookie of a returning visitor is good for
 // another year.
 void FastCGIApplication::OutputCookie() {
-  static const char kName[] = "zixcallerid=";
-  static const long kYear = 31536000;
-  const char* found = cookie ? strstr(cookie.get(), kName) : nullptr;
-  String id;
-  if (found) {
-    found += sizeof kName - 1;
-    id.assign(found, static_cast<int>(strcspn(found, ";")));
+  static const std::string_view kName = "zixcallerid=";
+  static const std::string_view kExpires = "; expires=";
+  static const std::string_view kPath = "; path=/";
+  std::string_view id;
+  if (const char* found = cookie ? strstr(cookie.get(), kName.data()) : nullptr) {
+    found += kName.size();
+    id = {found, strcspn(found, ";")};
   }
-  if (id.length == 0) {
+  String made;
+  if (id.empty()) {
     int length;
-    char* made = MakeSessionID(&length);
-    id.assign_nocopy(made, length, length + 1);
+    char* text = MakeSessionID(&length);
+    made.assign_nocopy(text, length, length + 1);
+    id = {made.data, static_cast<size_t>(made.length)};
   }
-  time_t expiry = time(nullptr) + kYear;
-  tm utc{};
-  gmtime_r(&expiry, &utc);
-  char date[64];
-  strftime_l(date, sizeof date, "%a, %d-%b-%Y %H:%M:%S GMT", &utc, CLocale());
-  String field(kName, -1);
-  field.cat(id.data, id.length);
-  field.cat("; expires=", -1);
-  field.cat(date, -1);
-  field.cat("; path=/", -1);
-  // Reads the length before release(), which leaves the null string.
-  const int length = field.length;
-  current_output->Header("Set-Cookie", -1, 0, field.release(), length, 1);
+  const std::string_view date = DateInAYear();
+  const std::string_view pieces[] = {kName, id, kExpires, date, kPath};
+  size_t length = 0;
+  for (const std::string_view piece : pieces) length += piece.size();
+  std::unique_ptr<char[]> field(new char[length]);
+  char* end = field.get();
+  for (const std::string_view piece : pieces) end = std::copy(piece.begin(), piece.end(), end);
+  current_output->Header("Set-Cookie", -1, 0, field.release(), static_cast<int>(length), 1);
   // request_variables is null if an error page comes before the variables are made.
-  if (request_variables) request_variables->AddText("callerid", 8, id.data, id.length);
+  if (!request_variables) return;
+  if (made.data) {
+    request_variables->AddText("callerid", std::move(made));
+  } else {
+    request_variables->AddBorrowed("callerid", id.data(), static_cast<int>(id.size()));
+  }
 }

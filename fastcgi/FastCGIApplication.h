@@ -8,6 +8,7 @@
 
 #include "base/request/ScriptTables.h"
 #include "fastcgi/FastCGIBaseApplication.h"
+#include "fastcgi/HostParameters.h"
 #include "fastcgi/RequestVariables.h"
 
 class FastCGIOutput;
@@ -40,9 +41,6 @@ class FastCGIApplication : public FastCGIBaseApplication {
   // How many bytes of a body, or of a query, are parsed between two looks at the time limit.
   static constexpr int kInputBlock = 8192;
 
-  // A parameter of the request by name; null if the web server did not send it.
-  const char* Parameter(const char* name) const;
-
   int Run(TaggedFile* tagged);
   int RunStages(TaggedFile* tagged, String* path);
   bool Prepare(TaggedFile* tagged, String* path);
@@ -66,10 +64,9 @@ class FastCGIApplication : public FastCGIBaseApplication {
   // Also adds the system variables, which replace parameters of the same names.
   void AddEnvironmentVariables();
   void AddQueryArguments();
-  void AddArgument(const char* text, int length, int* count);
   bool AddQueryVariables();
   void AddAPIVariables();
-  void AddDocumentURL();
+  String DocumentURL() const;
   // The input (fastcgi/FastCGIInput.cpp):
   bool ProcessPOSTedData();
   std::unique_ptr<HTTPContentParser> ContentHandler(const char* type, int length);
@@ -81,13 +78,12 @@ class FastCGIApplication : public FastCGIBaseApplication {
 
   FCGX_Request* request;
   FastCGIOutput* response;                              // below all captures of current_output
+  HostParameters parameters;
   String first_argument;                                // names the script in documenturl
   std::unique_ptr<RequestVariables> request_variables;  // null once the table has them
   const char* working_directory;
   int owner_id = 0;
   int started_tasks = 0;  // including those that have ended
-  const char* path_info;  // the parameters themselves; either may be null
-  const char* query_string;
   // Copies, because a library may set a setting again, which frees its old text. Null if not set.
   String script_root;
   String temp_directory;

@@ -1,5 +1,7 @@
 // The stages of a request that find, load and apply the configuration.
 
+#include <string>
+
 #include "base/extensions/ExternalConfig.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "fastcgi/FastCGIApplication.h"
@@ -26,13 +28,13 @@ void CopySetting(Config* settings, int id, String* copy) {
 }  // namespace
 
 bool FastCGIApplication::LoadConfiguration() {
-  String path(working_directory, -1);
-  path.cat("/libzephconfig.so", -1);
-  const char* library = path.data;
+  // The process never changes its working directory.
+  static const std::string path = std::string(working_directory) + "/libzephconfig.so";
+  const char* library = path.c_str();
   // The relative name finds the same file as the path, without a walk through its folders.
   LibraryFile found = LookAtLibrary("libzephconfig.so");
   if (found == LibraryFile::Missing) {
-    library = Parameter("ZpCONFIG_LIBRARY");
+    library = parameters.config_library;
     if (library) found = LookAtLibrary(library);
   }
   if (found == LibraryFile::Missing) {

@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "base/extensions/ExternalConfig.h"
@@ -72,12 +73,12 @@ bool FastCGIApplication::ExecuteError(const String& path, const String& text, bo
 bool FastCGIApplication::GetScriptInformation(File** file, String& path) {
   const char* text;
   String query;
-  if (path_info) {
-    text = *path_info == '/' ? path_info + 1 : path_info;
+  if (parameters.path_info) {
+    text = *parameters.path_info == '/' ? parameters.path_info + 1 : parameters.path_info;
   } else if (copied_argument_count >= 2) {
     text = copied_arguments[1];
-  } else if (query_string) {
-    query.assign(query_string, static_cast<int>(strcspn(query_string, "+")));
+  } else if (parameters.query_string) {
+    query.assign(parameters.query_string, static_cast<int>(strcspn(parameters.query_string, "+")));
     text = query.data;
   } else {
     text = configuration->value_string(Config_default_file);
@@ -86,12 +87,16 @@ bool FastCGIApplication::GetScriptInformation(File** file, String& path) {
   String root;
   bool has_root;
   if (!ScriptRoot(&text, &root, &has_root)) return false;
+  path.assign(text, -1);
+  if (has_root && user_name.length == 0) {
+    *file = file_manager->OpenScript(&root, text);
+    if (*file) return true;
+  }
   if (!file_manager->InitializeScriptDirectory(has_root ? root.data : nullptr,
                                                user_name.length > 0 ? user_name.data : nullptr)) {
     ConfigurationError(file_manager->error());
     return false;
   }
-  path.assign(text, -1);
   return OpenScript(file, path);
 }
 
@@ -101,7 +106,7 @@ bool FastCGIApplication::GetScriptInformation(File** file, String& path) {
 bool FastCGIApplication::ScriptRoot(const char** path, String* root, bool* has_root) {
   *has_root = true;
   if ((*path)[0] != '~' || (*path)[1] == '\0') {
-    root->assign(script_root.data, script_root.length);
+    *root = std::move(script_root);
     return true;
   }
   const char* slash = strchr(*path, '/');

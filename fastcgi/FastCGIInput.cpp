@@ -85,8 +85,8 @@ bool FastCGIApplication::EndsForShutdown() {
 }
 
 bool FastCGIApplication::ProcessPOSTedData() {
-  const char* type = Parameter("CONTENT_TYPE");
-  const char* announced = Parameter("CONTENT_LENGTH");
+  const char* type = parameters.content_type;
+  const char* announced = parameters.content_length;
   if (!type || !announced) return true;
   const int length = static_cast<int>(LeadingNumber(announced));
   if (length <= 0) return true;

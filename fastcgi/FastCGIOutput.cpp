@@ -4,6 +4,10 @@
 
 #include <fcgiapp.h>
 
+#include <algorithm>
+#include <climits>
+#include <memory>
+#include <new>
 #include <string_view>
 
 #include "fastcgi/FastCGIApplication.h"
@@ -12,6 +16,15 @@ namespace {
 
 const int kBlockSize = 8192;
 const int kFlushThreshold = 1048576;
+const std::string_view kColon = ": ";
+const std::string_view kLineEnd = "\r\n";
+
+std::string_view Name(const HTTPOutput_Header* field) {
+  return KeyText(field->name, field->namelength);
+}
+std::string_view Value(const HTTPOutput_Header* field) {
+  return KeyText(field->value, field->valuelength);
+}
 
 }  // namespace
 
@@ -19,15 +32,27 @@ FastCGIOutput::FastCGIOutput(FastCGIApplication* application, FCGX_Request* requ
     : HTTPOutput(kBlockSize, kFlushThreshold), application(application), request(request) {}
 
 void FastCGIOutput::OutputHeaders() {
-  HTTPOutput_Chain text(1, block_size);
+  size_t length = kLineEnd.size();
   for (HTTPOutput_Header* field = headers.First(); field; field = headers.Next()) {
-    text.Write(field->name, field->namelength);
-    text.Write(": ", 2);
-    text.Write(field->value, field->valuelength);
-    text.Write("\r\n", 2);
+    length += Name(field).size() + kColon.size() + Value(field).size() + kLineEnd.size();
   }
-  text.Write("\r\n", 2);
-  DoWrite(text.data, text.used);
+  if (length > INT_MAX) throw std::bad_alloc();
+  // The fields of nearly every page fit here.
+  char room[1024];
+  std::unique_ptr<char[]> larger(length > sizeof room ? new char[length] : nullptr);
+  char* const text = larger ? larger.get() : room;
+  char* end = text;
+  const auto add = [&end](std::string_view piece) {
+    end = std::copy(piece.begin(), piece.end(), end);
+  };
+  for (HTTPOutput_Header* field = headers.First(); field; field = headers.Next()) {
+    add(Name(field));
+    add(kColon);
+    add(Value(field));
+    add(kLineEnd);
+  }
+  add(kLineEnd);
+  DoWrite(text, static_cast<int>(length));
 }
 
 void FastCGIOutput::SetStatus(const char* status) {

@@ -9,6 +9,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstddef>
 
 #include "base/core/BaseTemplates.h"
 #include "base/core/Mutex.h"
@@ -80,9 +81,13 @@ class FastCGIThread {
   friend class FastCGIThreadManager;
 };
 
+// What one thread writes often has cache lines of its own: two threads that write to one line wait
+// for each other.
+inline constexpr size_t kCacheLine = 64;
+
 // A thread that runs scripts. Its application is set and cleared under the application mutex, so
 // that the heartbeat never uses one that is being destroyed.
-class FastCGITaskThread : public FastCGIThread {
+class alignas(kCacheLine) FastCGITaskThread : public FastCGIThread {
  public:
   using FastCGIThread::FastCGIThread;
 
@@ -167,10 +172,11 @@ class FastCGIThreadManager {
   Condition condition;
   List<FastCGIThread> threads GUARDED_BY(manager_mutex);
   FastCGIThread heartbeat_thread;
-  std::atomic<bool> shutdown{false};
+  // Every wait of a thread reads these, so nothing that changes is beside them.
+  alignas(kCacheLine) std::atomic<bool> shutdown{false};
   std::atomic<bool> peers_given_up{false};
-  unsigned last_number GUARDED_BY(manager_mutex) = 1;
   int descriptor_reserve = 0;
+  alignas(kCacheLine) unsigned last_number GUARDED_BY(manager_mutex) = 1;
 };
 
 // Lets Shutdown interrupt the calling thread for a scope: around accept. A wait for input unblocks

@@ -7,6 +7,8 @@
 #include <charconv>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <utility>
 
 #include "base/compiled/SystemVariableHash.h"
 #include "base/compiled/VariableHash.h"
@@ -27,6 +29,11 @@ void AppendNumber(String* text, int number) {
   text->cat(digits, static_cast<int>(end - digits));
 }
 
+// Counts an argument that is about to be added. Returns its name: arg1, arg2 and so on.
+std::string AddedArgument(int* count) {
+  return "arg" + std::to_string(++*count);
+}
+
 }  // namespace
 
 bool FastCGIApplication::AddVariables() {
@@ -42,29 +49,24 @@ void FastCGIApplication::AddEnvironmentVariables() {
   request_variables = std::make_unique<RequestVariables>(request->envp, std::move(system));
 }
 
-// Stores the next argument, arg1, arg2 and so on.
-void FastCGIApplication::AddArgument(const char* text, int length, int* count) {
-  ++*count;
-  String name("arg", 3);
-  AppendNumber(&name, *count);
-  request_variables->AddText(name.data, name.length, text, length);
-  if (*count == 1) first_argument.assign(text, length);
-}
-
 void FastCGIApplication::AddQueryArguments() {
   int count = 0;
-  if (path_info) AddArgument(path_info, -1, &count);
+  if (parameters.path_info) {
+    request_variables->AddBorrowed(AddedArgument(&count), parameters.path_info, -1);
+  }
   // A piece that decodes to an empty text gets no number.
   const auto add_decoded = [&](const char* text, int length) {
     int decoded_length, size;
     char* decoded = DecodeAttribute(text, length, &decoded_length, &size);
-    const String argument(decoded, decoded_length, size);
-    if (argument.length > 0) AddArgument(argument.data, argument.length, &count);
+    String argument(decoded, decoded_length, size);
+    if (argument.length == 0) return;
+    if (count == 0) first_argument = argument;
+    request_variables->AddText(AddedArgument(&count), std::move(argument));
   };
   if (copied_argument_count >= 2) {
     for (int i = 1; i < copied_argument_count; i++) add_decoded(copied_arguments[i], -1);
-  } else if (query_string) {
-    for (const char* piece = query_string;;) {
+  } else if (parameters.query_string) {
+    for (const char* piece = parameters.query_string;;) {
       const auto length = strcspn(piece, "+");
       if (length > 0) add_decoded(piece, static_cast<int>(length));
       if (piece[length] == '\0') break;
@@ -77,10 +79,10 @@ void FastCGIApplication::AddQueryArguments() {
 // With a path the whole query string consists of fields; without one the fields follow the script's
 // name and a "+".
 bool FastCGIApplication::AddQueryVariables() {
-  if (!query_string) return true;
-  const char* fields = query_string;
-  if (!path_info) {
-    fields = strchr(query_string, '+');
+  if (!parameters.query_string) return true;
+  const char* fields = parameters.query_string;
+  if (!parameters.path_info) {
+    fields = strchr(parameters.query_string, '+');
     if (!fields) return true;
     fields++;
   }
@@ -106,18 +108,20 @@ bool FastCGIApplication::AddQueryVariables() {
 void FastCGIApplication::AddAPIVariables() {
   request_variables->AddNumber("process_id", processid());
   request_variables->AddNumber("thread_id", threadid());
-  request_variables->AddText("apitype", -1, path_info ? "Redirect" : "CGI", -1);
-  if (Parameter("SERVER_NAME")) AddDocumentURL();
+  request_variables->AddBorrowed("apitype", parameters.path_info ? "Redirect" : "CGI", -1);
+  if (parameters.server_name) {
+    request_variables->AddMade("documenturl", [this] { return DocumentURL(); });
+  }
 }
 
 // The address of this page, up to the place where a script may append fields, so it ends with "?"
 // or "+". Any HTTPS parameter means https, because servers either set it to "on" or leave it out.
-void FastCGIApplication::AddDocumentURL() {
-  const bool secure = Parameter("HTTPS") != nullptr;
+String FastCGIApplication::DocumentURL() const {
+  const bool secure = parameters.https != nullptr;
   const int default_port = secure ? 443 : 80;
-  const char* sent_port = Parameter("SERVER_PORT");
-  const int port = sent_port ? static_cast<int>(LeadingNumber(sent_port)) : default_port;
-  const char* host = Parameter("SERVER_NAME");
+  const int port = parameters.server_port ? static_cast<int>(LeadingNumber(parameters.server_port))
+                                          : default_port;
+  const char* host = parameters.server_name;
   // A name has no colon; most hosts are names.
   const bool bracketed = strchr(host, ':') && network_manager->IsIPv6Address(host);
   String url(secure ? "https://" : "http://", -1);
@@ -128,15 +132,14 @@ void FastCGIApplication::AddDocumentURL() {
     url.cat(':');
     AppendNumber(&url, port);
   }
-  if (path_info) {
-    url.cat(path_info, -1);
+  if (parameters.path_info) {
+    url.cat(parameters.path_info, -1);
     url.cat('?');
   } else {
-    const char* script = Parameter("SCRIPT_NAME");
-    if (script) url.cat(script, -1);
+    if (parameters.script_name) url.cat(parameters.script_name, -1);
     url.cat('?');
     if (first_argument.length > 0) url.cat(first_argument.data, first_argument.length);
     url.cat('+');
   }
-  request_variables->AddText("documenturl", -1, url.data, url.length);
+  return url;
 }

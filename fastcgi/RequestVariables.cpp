@@ -29,8 +29,16 @@ bool IsPrivate(const char* name, int length) {
 
 RequestVariables::RequestVariables(char** parameters,
                                    std::unique_ptr<LateVariables> system_variables)
-    : system(std::move(system_variables)) {
-  for (; parameters && *parameters; parameters++) Add(*parameters);
+    : unread(parameters), system(std::move(system_variables)) {
+  facts.reserve(kFacts);
+}
+
+void RequestVariables::ReadParameters() {
+  size_t count = 0;
+  while (unread[count]) count++;
+  parameters.reserve(count);
+  for (size_t i = 0; i < count; i++) Add(unread[i]);
+  unread = nullptr;
 }
 
 void RequestVariables::Add(const char* text) {
@@ -40,16 +48,34 @@ void RequestVariables::Add(const char* text) {
   parameters.push_back({text, static_cast<int>(length), text + length + (equals ? 1 : 0)});
 }
 
-void RequestVariables::AddText(const char* name, int namelength, const char* text, int length) {
-  facts.push_back({String(name, namelength), false, String(text, length), 0});
+RequestVariables::Fact& RequestVariables::AddFact(std::string name) {
+  Fact& fact = facts.emplace_back();
+  fact.name = std::move(name);
+  return fact;
 }
 
-void RequestVariables::AddNumber(const char* name, int number) {
-  facts.push_back({String(name, -1), true, String(), number});
+void RequestVariables::AddText(std::string name, String text) {
+  AddFact(std::move(name)).text = std::move(text);
+}
+
+void RequestVariables::AddBorrowed(std::string name, const char* text, int length) {
+  Fact& fact = AddFact(std::move(name));
+  fact.borrowed = text;
+  fact.number = length;
+}
+
+void RequestVariables::AddMade(std::string name, std::function<String()> make) {
+  AddFact(std::move(name)).make = std::move(make);
+}
+
+void RequestVariables::AddNumber(std::string name, int number) {
+  Fact& fact = AddFact(std::move(name));
+  fact.is_number = true;
+  fact.number = number;
 }
 
 void RequestVariables::IndexNames() {
-  links.resize(parameters.size() + facts.size());
+  links.resize(static_cast<size_t>(Parameters()) + facts.size());
   heads.assign(std::bit_ceil(links.size() + 1), -1);
   for (size_t own = 0; own < links.size(); own++) {
     int length;
@@ -65,7 +91,9 @@ int& RequestVariables::Head(const char* name, int length) {
 }
 
 int RequestVariables::OwnNumber(const char* name, int length) {
-  if (heads.empty() || links.size() != parameters.size() + facts.size()) IndexNames();
+  if (heads.empty() || links.size() != static_cast<size_t>(Parameters()) + facts.size()) {
+    IndexNames();
+  }
   for (int own = Head(name, length); own >= 0; own = links[static_cast<size_t>(own)]) {
     int other_length;
     const char* other = Name(NumberOf(own), &other_length);
@@ -93,8 +121,9 @@ const char* RequestVariables::Name(int number, int* length) {
     return ParameterAt(number).text;
   }
   if (number < FirstFact()) return system->Name(number - Parameters(), length);
-  *length = FactAt(number).name.length;
-  return FactAt(number).name.data;
+  const std::string& name = FactAt(number).name;
+  *length = static_cast<int>(name.size());
+  return name.c_str();
 }
 
 Variable* RequestVariables::Make(int number) {
@@ -104,16 +133,31 @@ Variable* RequestVariables::Make(int number) {
   }
   if (number < FirstFact()) return system->Make(number - Parameters());
   const Fact& fact = FactAt(number);
-  if (!fact.is_number) return new ImmutableVariable(fact.name, fact.text);
-  return new ImmutableVariable(fact.name.data, fact.name.length, fact.number);
+  const char* name = fact.name.c_str();
+  const int length = static_cast<int>(fact.name.size());
+  if (fact.is_number) return new ImmutableVariable(name, length, fact.number);
+  if (fact.borrowed) return new ImmutableVariable(name, length, fact.borrowed, fact.number);
+  const String made = fact.make ? fact.make() : String();
+  const String& text = fact.make ? made : fact.text;
+  return new ImmutableVariable(name, length, text.data, text.length);
 }
 
 LateVariables* RequestVariables::Clone(ZephApplication* application) {
   std::unique_ptr<LateVariables> cloned(system->Clone(application));
   auto copy = std::make_unique<RequestVariables>(nullptr, std::move(cloned));
-  for (const Fact& fact : facts) copy->facts.push_back(fact);
-  for (const Parameter& parameter : parameters) {
-    copy->kept.push_back(std::make_unique<String>(parameter.text, -1));
+  for (const Fact& fact : facts) {
+    Fact& own = copy->AddFact(fact.name);
+    own.is_number = fact.is_number;
+    if (fact.is_number) {
+      own.number = fact.number;
+    } else if (fact.borrowed) {
+      own.text.assign(fact.borrowed, fact.number);
+    } else {
+      own.text = fact.make ? fact.make() : fact.text;
+    }
+  }
+  for (int i = 0; i < Parameters(); i++) {
+    copy->kept.push_back(std::make_unique<String>(ParameterAt(i).text, -1));
     copy->Add(copy->kept.back()->data);
   }
   return copy.release();

@@ -4,7 +4,9 @@
 #ifndef ZEPH_FASTCGI_REQUESTVARIABLES_H
 #define ZEPH_FASTCGI_REQUESTVARIABLES_H
 
+#include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "base/compiled/SystemVariableHash.h"
@@ -17,13 +19,17 @@
 // a system variable counts before both, and a fact before all.
 class RequestVariables : public LateVariables {
  public:
-  // The parameters are borrowed: "name=value" each, with a null after the last.
+  // The parameters are borrowed: "name=value" each, with a null after the last. They are read when
+  // a variable is first looked up, because many scripts look up none.
   RequestVariables(char** parameters, std::unique_ptr<LateVariables> system_variables);
 
-  // Add a fact of the host; facts are listed after the rest. Texts are copied; a length of -1 means
-  // strlen. REQUIRES: the table of system variables does not have this object yet.
-  void AddText(const char* name, int namelength, const char* text, int length);
-  void AddNumber(const char* name, int number);
+  // Add a fact of the host; facts are listed after the rest. The text of AddBorrowed must stay as
+  // long as the request; a length of -1 means strlen. AddMade has the text made when it is needed,
+  // on the request's thread. REQUIRES: the table of system variables does not have this object yet.
+  void AddText(std::string name, String text);
+  void AddBorrowed(std::string name, const char* text, int length);
+  void AddMade(std::string name, std::function<String()> make);
+  void AddNumber(std::string name, int number);
 
   int Number(const char* name, int length) override;
   int Count() override;
@@ -39,26 +45,38 @@ class RequestVariables : public LateVariables {
     const char* value;
   };
 
+  // A request has about this many facts.
+  static constexpr size_t kFacts = 8;
+
+  // A number, or a text in one of three forms: borrowed, made by a call, or owned.
   struct Fact {
-    String name;
-    bool is_number;
+    std::string name;
+    bool is_number = false;
+    int number = 0;  // or the length of the borrowed text
+    const char* borrowed = nullptr;
+    std::function<String()> make;
     String text;
-    int number;
   };
 
+  Fact& AddFact(std::string name);
+  void ReadParameters();
   void Add(const char* text);
   // Numbers count the parameters first, then the system variables, then the facts.
-  int Parameters() const { return static_cast<int>(parameters.size()); }
-  int FirstFact() const { return Parameters() + system->Count(); }
-  const Fact& FactAt(int number) const { return facts[static_cast<size_t>(number - FirstFact())]; }
+  int Parameters() {
+    if (unread) ReadParameters();
+    return static_cast<int>(parameters.size());
+  }
+  int FirstFact() { return Parameters() + system->Count(); }
+  const Fact& FactAt(int number) { return facts[static_cast<size_t>(number - FirstFact())]; }
   const Parameter& ParameterAt(int number) const { return parameters[static_cast<size_t>(number)]; }
   // The chains below count only the parameters and the facts.
-  int NumberOf(int own) const { return own < Parameters() ? own : own + system->Count(); }
+  int NumberOf(int own) { return own < Parameters() ? own : own + system->Count(); }
   // The number of a parameter or a fact with that name, -1 if there is none.
   int OwnNumber(const char* name, int length);
   int& Head(const char* name, int length);
   void IndexNames();
 
+  char** unread;  // null once they are in `parameters`
   std::vector<Parameter> parameters;
   std::unique_ptr<LateVariables> system;
   std::vector<Fact> facts;

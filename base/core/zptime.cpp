@@ -2,8 +2,6 @@
 
 #include "base/core/zptime.h"
 
-#include <sys/time.h>
-
 namespace {
 
 constexpr const char* kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
@@ -29,10 +27,14 @@ struct tm BrokenDown(int year, int month, int day, int hour, int minute, int sec
 void zp_gettimevalues(ZPTIME* values) {
   struct timeval now;
   gettimeofday(&now, nullptr);
+  zp_settimevalues(values, now);
+}
+
+void zp_settimevalues(ZPTIME* values, const struct timeval& moment) {
   struct tm local = {};
-  localtime_r(&now.tv_sec, &local);
-  values->seconds = now.tv_sec;
-  values->microseconds = now.tv_usec;
+  localtime_r(&moment.tv_sec, &local);
+  values->seconds = moment.tv_sec;
+  values->microseconds = moment.tv_usec;
   values->second = local.tm_sec;
   values->minute = local.tm_min;
   values->hour = local.tm_hour;

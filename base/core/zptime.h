@@ -3,6 +3,8 @@
 #ifndef ZEPH_BASE_ZPTIME_H
 #define ZEPH_BASE_ZPTIME_H
 
+#include <sys/time.h>
+
 #include <ctime>
 
 // One moment in local time. The texts are static and not owned. The order of the fields is fixed.
@@ -23,8 +25,9 @@ struct ZPTIME {
   const char* zone_name;     // the zone's abbreviation, of its standard or its daylight saving time
 };
 
-// Fills in the current time.
+// Fills in the current time, or that moment.
 void zp_gettimevalues(ZPTIME* values);
+void zp_settimevalues(ZPTIME* values, const struct timeval& moment);
 
 // The seconds since the epoch of a date and a time of day; zp_to_time_t reads them as UTC,
 // zp_mktime_t as local time. Months count from 1. Nothing is range-checked: the 32nd is the 1st of

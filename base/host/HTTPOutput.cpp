@@ -4,9 +4,9 @@
 #include "base/host/HTTPOutput.h"
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <climits>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -224,6 +224,6 @@ void HTTPOutput::Header_ContentLength() {
   static const char kName[] = "Content-Length";
   if (headers.Find(kName, sizeof kName - 1)) return;
   char* text = new char[24];
-  int length = snprintf(text, 24, "%lld", total);
+  const auto length = static_cast<int>(std::to_chars(text, text + 24, total).ptr - text);
   Header(kName, sizeof kName - 1, 0, text, length, 1);
 }

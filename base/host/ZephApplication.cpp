@@ -31,6 +31,12 @@ inline void Raise(int& flag, int value) {
   std::atomic_ref<int>(flag).store(value, std::memory_order_relaxed);
 }
 
+// The text of a setting that a script may change: its first value is made when it is asked for.
+const String& Filled(String& setting, const char* first) {
+  if (!setting.data) setting.assign(first);
+  return setting;
+}
+
 inline int Read(int& flag) {
   return std::atomic_ref<int>(flag).load(std::memory_order_relaxed);
 }
@@ -89,13 +95,7 @@ LogFilterEntry::~LogFilterEntry() {
   delete[] name;
 }
 
-ZephApplication::ZephApplication()
-    : log_includes(1),
-      log_excludes(1),
-      current_language("en-US", 5),
-      default_language("en-US", 5),
-      default_database("xbase3", 6),
-      character_set("utf-8", 5) {}
+ZephApplication::ZephApplication() : log_includes(1), log_excludes(1) {}
 
 ZephApplication::~ZephApplication() = default;
 
@@ -168,19 +168,19 @@ long ZephApplication::TimeRemaining() {
 }
 
 const String& ZephApplication::language() {
-  return current_language;
+  return Filled(current_language, "en-US");
 }
 int ZephApplication::languagecount() {
   return language_count;
 }
 const String& ZephApplication::defaultlanguage() {
-  return default_language;
+  return Filled(default_language, "en-US");
 }
 int ZephApplication::defaultlanguagecount() {
   return default_language_count;
 }
 const String& ZephApplication::defaultdatabase() {
-  return default_database;
+  return Filled(default_database, "xbase3");
 }
 int ZephApplication::defaultdatabasecount() {
   return default_database_count;
@@ -202,7 +202,7 @@ void ZephApplication::SetDefaultDatabase(const String& database) {
 }
 
 const String& ZephApplication::charset() {
-  return character_set;
+  return Filled(character_set, "utf-8");
 }
 int ZephApplication::charsetcount() {
   return character_set_count;
@@ -215,7 +215,7 @@ void ZephApplication::SetCharacterSet(const String& charset) {
 }
 
 const String& ZephApplication::GetCharacterSet() {
-  return character_set;
+  return Filled(character_set, "utf-8");
 }
 int ZephApplication::CharacterSetIsUTF8() {
   return character_set_is_utf8;

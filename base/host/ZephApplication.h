@@ -265,6 +265,7 @@ class ZephApplication {
   int log_suppressed = 0;
   List<LogFilterEntry> log_includes;
   List<LogFilterEntry> log_excludes;
+  // Null until they are asked for or set: most scripts do neither.
   String current_language;
   int language_count = 1;
   String default_language;

@@ -3,6 +3,8 @@
 
 #include "base/request/SpecialVariable.h"
 
+#include <sys/time.h>
+
 #include <array>
 #include <cstdint>
 #include <cstdio>
@@ -34,11 +36,20 @@ ZPTIME Now() {
 
 // --- All of them ---------------------------------------------------------------------------------
 
-// The values from which the variables are made.
+// The values from which the variables are made. The fields of the time are computed when the first
+// of them is looked up: it takes a lock of the C library, and most scripts look up none.
 struct StartOfRun {
   ZephApplication* application;
-  ZPTIME time;
+  timeval moment;
   int timeout;
+  mutable bool has_time = false;
+  mutable ZPTIME time{};
+
+  const ZPTIME& Time() const {
+    if (!has_time) zp_settimevalues(&time, moment);
+    has_time = true;
+    return time;
+  }
 };
 
 using Maker = Variable* (*)(const char* name, const StartOfRun& start);
@@ -51,7 +62,7 @@ Variable* MakeConstant(const char* name, const char* value) {
 }
 template <auto field>
 Variable* MakeMoment(const char* name, const StartOfRun& start) {
-  return MakeConstant(name, start.time.*field);
+  return MakeConstant(name, start.Time().*field);
 }
 Variable* MakeTimeout(const char* name, const StartOfRun& start) {
   return MakeConstant(name, start.timeout);
@@ -156,7 +167,7 @@ class SystemVariables : public LateVariables {
   }
   // A task gets the start time of the run that started it.
   LateVariables* Clone(ZephApplication* owner) override {
-    return new SystemVariables({owner, start.time, start.timeout});
+    return new SystemVariables({owner, start.moment, start.timeout});
   }
 
  private:
@@ -167,7 +178,9 @@ class SystemVariables : public LateVariables {
 
 LateVariables* NewSystemVariables(ZephApplication* application) {
   const int timeout = application->config()->value_integer(Config_timeout_global);
-  return new SystemVariables({application, Now(), timeout});
+  timeval now;
+  gettimeofday(&now, nullptr);
+  return new SystemVariables({application, now, timeout});
 }
 
 // --- Values that are computed --------------------------------------------------------------------

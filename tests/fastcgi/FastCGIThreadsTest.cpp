@@ -191,6 +191,41 @@ TEST(FastCGIBaseApplication, LockHostNameIsTheSettingOrTheHost) {
   EXPECT_STREQ(application.lockhostname(), "shared");
 }
 
+// The numbers after Seed are those of srand with the second, whatever was drawn before.
+TEST(FastCGIBaseApplication, EachRunBeginsTheSequenceOfItsSecond) {
+  class Application : public BaseApplication {
+   public:
+    using BaseApplication::SeedRandom;
+  };
+  const auto numbers = [](int count) {
+    std::vector<int> drawn;
+    for (int i = 0; i < count; i++) drawn.push_back(rand());
+    return drawn;
+  };
+  int tried = 0;
+  for (int drawn : {0, 1, 0, 31, 310, 0, 1, 2, 3, 1000}) {
+    SCOPED_TRACE(drawn);
+    const time_t second = time(nullptr);
+    Application::SeedRandom();
+    const std::vector<int> first = numbers(40);
+    Application::SeedRandom();
+    numbers(drawn);
+    Application::SeedRandom();
+    const std::vector<int> again = numbers(40);
+    Application::SeedRandom();
+    std::thread([&] { Application::SeedRandom(); }).join();
+    const std::vector<int> of_thread = numbers(40);
+    if (time(nullptr) != second) continue;
+    tried++;
+    srand(static_cast<unsigned>(second));
+    const std::vector<int> expected = numbers(40);
+    EXPECT_EQ(first, expected);
+    EXPECT_EQ(again, expected);
+    EXPECT_EQ(of_thread, expected);
+  }
+  EXPECT_GT(tried, 0);
+}
+
 TEST(FastCGIBaseApplication, SessionIdsAre32DigitsAndDiffer) {
   BaseApplication application;
   std::set<std::string> seen;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -77,9 +78,9 @@ TEST(RequestVariables, WhatTheHostKnowsComesBeforeAll) {
   auto* known = new RequestVariables(
       request.entries.data(),
       std::unique_ptr<LateVariables>(NewSystemVariables(&request.application)));
-  known->AddText("arg1", -1, "first", -1);
-  known->AddText("arg1", -1, "second", 6);
-  known->AddText("empty", 5, "", 0);
+  known->AddText("arg1", "first");
+  known->AddText("arg1", "second");
+  known->AddText("empty", "");
   known->AddNumber("nargs", 2);
   known->AddNumber("zephversion", 7);
   request.table.SetLateVariables(known);
@@ -97,6 +98,33 @@ TEST(RequestVariables, WhatTheHostKnowsComesBeforeAll) {
   SystemVariableHash copy(&request.application, &dictionary, request.table);
   EXPECT_EQ(RequestTable::Value(&copy, "arg1"), "second");
   EXPECT_EQ(RequestTable::Value(&copy, "nargs"), "2");
+}
+
+TEST(RequestVariables, AFactMayBeBorrowedOrMadeWhenItIsLookedUp) {
+  RequestTable request({"X=1"});
+  char text[] = "borrowed and more";
+  int made = 0;
+  auto* known = new RequestVariables(
+      request.entries.data(),
+      std::unique_ptr<LateVariables>(NewSystemVariables(&request.application)));
+  known->AddBorrowed("whole", text, -1);
+  known->AddBorrowed("part", text, 8);
+  known->AddMade("made", [&made] { return String(std::to_string(++made).c_str()); });
+  request.table.SetLateVariables(known);
+  EXPECT_EQ(request.Value("X"), "1");
+  EXPECT_EQ(made, 0);
+  EXPECT_EQ(request.Value("whole"), "borrowed and more");
+  EXPECT_EQ(request.Value("part"), "borrowed");
+  EXPECT_EQ(request.Value("made"), "1");
+  EXPECT_EQ(request.Value("made"), "1");
+  // A copy owns the texts.
+  Dictionary dictionary(request.dictionary);
+  SystemVariableHash copy(&request.application, &dictionary, request.table);
+  memset(text, '?', sizeof text - 1);
+  EXPECT_EQ(RequestTable::Value(&copy, "part"), "borrowed");
+  EXPECT_EQ(RequestTable::Value(&copy, "made"), "1");
+  SystemVariableHash second(&request.application, &dictionary, copy);
+  EXPECT_EQ(RequestTable::Value(&second, "whole"), "borrowed and more");
 }
 
 TEST(RequestVariables, AllAreListedOnce) {
@@ -136,9 +164,9 @@ TEST(RequestVariables, AreListedInOneOrder) {
     auto* known = new RequestVariables(
         request.entries.data(),
         std::unique_ptr<LateVariables>(NewSystemVariables(&request.application)));
-    known->AddText("arg1", -1, "first", -1);
+    known->AddText("arg1", "first");
     known->AddNumber("nargs", 1);
-    known->AddText("documenturl", -1, "here", -1);
+    known->AddText("documenturl", "here");
     Dictionary dictionary;
     SystemVariableHash table(&dictionary, 12, 512);
     const int declared = table.Insert("declared", -1);

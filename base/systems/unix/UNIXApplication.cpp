@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -42,10 +43,11 @@
 
 namespace {
 
-// A session id is the digest of this many bytes: a host name, four numbers, and random bytes for
-// the rest.
-const int kSessionSeed = 323;
-const int kSessionHostName = 255;
+// A session id is the digest of a host name, four numbers and random bytes. Its 16 bytes can hold
+// no more chance than kSessionRandom has.
+const size_t kSessionHostName = 255;
+const size_t kSessionNumbers = 4 * 4;
+const size_t kSessionRandom = 32;
 
 void AppendBigEndian(unsigned char** p, unsigned value) {
   for (int shift = 24; shift >= 0; shift -= 8) *(*p)++ = static_cast<unsigned char>(value >> shift);
@@ -82,7 +84,7 @@ class RandomPool {
   }
 
   size_t left = 0;
-  unsigned char pool[4096];
+  unsigned char pool[1024];
 };
 
 void FillRandom(unsigned char* bytes, size_t length) {
@@ -90,6 +92,12 @@ void FillRandom(unsigned char* bytes, size_t length) {
   if (pool.Take(bytes, length)) return;
   for (size_t i = 0; i < length; i++) bytes[i] = static_cast<unsigned char>(rand());
 }
+
+// The state of rand(), which the C library changes with each number that is drawn. A state of this
+// size is of the kind that it begins with. Its first word describes the kind.
+const size_t kRandomState = 128;
+const size_t kRandomNumbers = sizeof(int32_t);
+alignas(int32_t) char random_state[kRandomState];
 
 // Facts that are the same for the whole process, fetched once.
 struct ProcessIdentity {
@@ -142,10 +150,10 @@ UNIXApplication::UNIXApplication(UNIXApplication& other)
   if (other.system_manager) {
     system_manager = new SystemLibraryManager(this, *other.system_manager);
   }
-  SetLanguage(other.current_language);
-  SetDefaultLanguage(other.default_language);
-  SetDefaultDatabase(other.default_database);
-  SetCharacterSet(other.character_set);
+  SetLanguage(other.language());
+  SetDefaultLanguage(other.defaultlanguage());
+  SetDefaultDatabase(other.defaultdatabase());
+  SetCharacterSet(other.charset());
 }
 
 // The managers of libraries are deleted first and the settings last, because a configuration
@@ -243,7 +251,7 @@ char* UNIXApplication::Crypt(const char* key, int keylength, const char* salt, i
 }
 
 char* UNIXApplication::MakeSessionID(int* length) {
-  unsigned char seed[kSessionSeed] = {};
+  unsigned char seed[kSessionHostName + kSessionNumbers + kSessionRandom];
   unsigned char* p = seed;
   if (const char* host = lockhostname()) {
     size_t bytes = strnlen(host, kSessionHostName);
@@ -256,10 +264,11 @@ char* UNIXApplication::MakeSessionID(int* length) {
   AppendBigEndian(&p, static_cast<unsigned>(threadid()));
   AppendBigEndian(&p, static_cast<unsigned>(now.tv_sec));
   AppendBigEndian(&p, static_cast<unsigned>(now.tv_usec));
-  FillRandom(p, static_cast<size_t>(seed + kSessionSeed - p));
+  FillRandom(p, kSessionRandom);
+  p += kSessionRandom;
   unsigned char digest[16];
   MD5Encoder encoder;
-  encoder.Encode(seed, kSessionSeed, digest);
+  encoder.Encode(seed, static_cast<unsigned>(p - seed), digest);
   char* text = new char[33];
   encoder.Make_Printable(digest, text);
   text[32] = '\0';
@@ -289,9 +298,9 @@ void UNIXApplication::ClearPOSTTimeout() {
 const char* UNIXApplication::lockhostname() {
   const char* name = configuration->value_string(Config_lock_hostname);
   if (name) return name;
-  char* copy = zeph_strdup(host_name);
-  configuration->SetValue(Config_lock_hostname, copy, -1, 1);
-  return copy;
+  // The name is the process's own, so the store need not own it.
+  configuration->SetValue(Config_lock_hostname, host_name, -1, 0);
+  return host_name;
 }
 
 int UNIXApplication::lockexpiration() {
@@ -354,9 +363,29 @@ void UNIXApplication::BuildTables(ScriptTables* tables, TaggedFile* tagged) {
 }
 
 // Every run is seeded, even within the same second: the first number that a script draws must not
-// depend on the requests before it.
+// depend on the requests before it. But srand computes hundreds of numbers and takes a lock, and
+// most scripts draw none. So it is called only if the state is not the one that it would make.
 void UNIXApplication::SeedRandom() {
-  srand(static_cast<unsigned>(time(nullptr)));
+  // The state of rand() as the second's seed makes it, computed once a second in each thread.
+  struct Seeded {
+    time_t second;
+    random_data data;
+    char state[kRandomState];
+  };
+  static constinit thread_local Seeded seeded{};
+  static const char* const own_state = initstate(1, random_state, sizeof random_state);
+  (void)own_state;
+  const time_t now = time(nullptr);
+  const auto seed = static_cast<unsigned>(now);
+  if (seeded.second != now) {
+    seeded.data = {};
+    initstate_r(seed, seeded.state, sizeof seeded.state, &seeded.data);
+    seeded.second = now;
+  }
+  if (memcmp(random_state + kRandomNumbers, seeded.state + kRandomNumbers,
+             kRandomState - kRandomNumbers) != 0) {
+    srand(seed);
+  }
 }
 
 UNIXApplication::LibraryFile UNIXApplication::LookAtLibrary(const char* path) {
