@@ -235,7 +235,7 @@ pid nginx.pid;
 error_log stderr warn;
 events { worker_connections 256; }
 http {
-  access_log off;
+  access_log off; client_max_body_size 20m;
   client_body_temp_path body; fastcgi_temp_path fastcgi; proxy_temp_path proxy;
   uwsgi_temp_path uwsgi; scgi_temp_path scgi;
   types { text/css css; text/html html; }
