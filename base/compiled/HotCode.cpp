@@ -1,4 +1,4 @@
-// Decodes a segment into records and finds idioms in them. Tested in
+// Decodes a segment into its two lists of records, and finds idioms. Tested in
 // tests/base/machine/HotCodeTest.cpp.
 #include "base/compiled/HotCode.h"
 
@@ -6,6 +6,7 @@
 
 #include "base/compiled/Dictionary.h"
 #include "base/compiled/Function.h"
+#include "base/compiled/HotGroup.h"
 #include "base/compiled/Instructions.h"
 #include "base/core/LittleEndian.h"
 #include "base/core/Numbers.h"
@@ -42,6 +43,7 @@ HotAction SingleAction(Instruction::Code code) {
     case code_le: return HotAction::LessEqual;
     case code_gt: return HotAction::Greater;
     case code_ge: return HotAction::GreaterEqual;
+    case code_cmp: return HotAction::Order;
     case code_jmp: return HotAction::Jump;
     case code_jmp_eq: return HotAction::JumpEqual;
     case code_jmp_ne: return HotAction::JumpNotEqual;
@@ -84,19 +86,6 @@ bool IsJump(HotAction action) {
 
 bool IsConditional(HotAction action) {
   return IsJump(action) && action != HotAction::Jump;
-}
-
-// HotOp::orders of a jump.
-unsigned char OrdersOf(HotAction jump) {
-  switch (jump) {
-    case HotAction::JumpEqual: return 2;
-    case HotAction::JumpNotEqual: return 5;
-    case HotAction::JumpLess: return 1;
-    case HotAction::JumpLessEqual: return 3;
-    case HotAction::JumpGreater: return 4;
-    case HotAction::JumpGreaterEqual: return 6;
-    default: return 7;
-  }
 }
 
 bool IsConstant(HotAction action) {
@@ -151,13 +140,8 @@ HotCode::HotCode(const unsigned char* code, int length, const Dictionary& dictio
   Decode(code, length, dictionary);
   FindTargets(length);
   LeaveBadCalls(functions);
-  for (size_t i = 1; i + kLongestIdiom <= ops.size(); i++) {
-    if (!Is(i - 1, HotAction::Call) && !Is(i - 1, HotAction::ElementReadOnly)) continue;
-    const Use use = UseOfTop(i, Is(i - 1, HotAction::ElementReadOnly), functions);
-    ops[i].after_number = use == Use::Number;
-    ops[i].after_value = use != Use::Any;
-  }
-  for (size_t i = 0; i + kLongestIdiom <= ops.size(); i++) ops[i].action = Idiom(i);
+  NoteUses(functions);
+  MakeFastList(functions);
 }
 
 void HotCode::Decode(const unsigned char* code, int length, const Dictionary& dictionary) {
@@ -179,7 +163,8 @@ void HotCode::Decode(const unsigned char* code, int length, const Dictionary& di
     const Instruction::Code number = Instruction::CodeOf(word);
     op.code = static_cast<unsigned short>(number);
     op.single = SingleAction(number);
-    op.local = number == Instruction::code_pushl || number == Instruction::code_popl;
+    const bool local = number == Instruction::code_pushl || number == Instruction::code_popl;
+    op.left = local ? HotOperand::Local : HotOperand::Global;
     if (op.single == HotAction::PushInteger) op.number = op.first;
     if (op.single == HotAction::PushDouble) op.first = DoubleToInteger(op.number);
     if (op.single == HotAction::PushText) {
@@ -207,7 +192,7 @@ void HotCode::FindTargets(int length) {
       op.single = HotAction::Leave;
     } else {
       op.target = &ops[static_cast<size_t>(record)];
-      op.orders = OrdersOf(op.single);
+      op.orders = HotGroup::OrdersOf(op.single);
     }
   }
 }
@@ -219,6 +204,17 @@ void HotCode::LeaveBadCalls(const FunctionManager* functions) {
     if (op.single == HotAction::Call && (op.first < 0 || op.first >= count)) {
       op.single = HotAction::Leave;
     }
+  }
+}
+
+// Finds out what becomes of the results of calls and of elements that are only read.
+void HotCode::NoteUses(const FunctionManager* functions) {
+  for (size_t i = 1; i + kLongestIdiom <= ops.size(); i++) {
+    const bool element = Is(i - 1, HotAction::ElementReadOnly);
+    if (!Is(i - 1, HotAction::Call) && !element) continue;
+    const Use use = UseOfTop(i, element, functions);
+    ops[i].after_number = use == Use::Number;
+    ops[i].after_value = use != Use::Any;
   }
 }
 
@@ -290,6 +286,86 @@ HotCode::Use HotCode::UseOfTop(size_t i, bool held, const FunctionManager* funct
   return Use::Any;
 }
 
+namespace {
+
+// The number of instructions that an action does together.
+size_t LengthOf(HotAction action) {
+  switch (action) {
+    case HotAction::UpdateAddConstant:
+    case HotAction::UpdateSubConstant:
+    case HotAction::UpdateMulConstant:
+    case HotAction::UpdateDivConstant:
+    case HotAction::UpdateAddVariable:
+    case HotAction::UpdateSubVariable:
+    case HotAction::UpdateMulVariable:
+    case HotAction::UpdateDivVariable: return 5;
+    case HotAction::CompareTopJump: return 4;
+    case HotAction::IncrementCompareJump:
+    case HotAction::EqualConstantJump:
+    case HotAction::NotEqualConstantJump:
+    case HotAction::LessConstantJump:
+    case HotAction::LessEqualConstantJump:
+    case HotAction::GreaterConstantJump:
+    case HotAction::GreaterEqualConstantJump:
+    case HotAction::OutRounded:
+    case HotAction::ConcatenateTextVariable:
+    case HotAction::ConcatenateVariableText: return 3;
+    default: return 2;
+  }
+}
+
+}  // namespace
+
+// Makes the fast list: groups where there are some, otherwise idioms and single instructions.
+void HotCode::MakeFastList(const FunctionManager* functions) {
+  const size_t end = ops.size() - kLongestIdiom;
+  std::vector<bool> targets(ops.size(), false);
+  for (HotOp& op : ops) {
+    op.plain = &op;
+    op.action = op.single;
+    if (IsJump(op.single)) targets[static_cast<size_t>(op.target - ops.data())] = true;
+  }
+  HotGroup group(ops, targets, functions);
+  std::vector<size_t> places(ops.size(), 0);  // in the fast list, plus 1
+  for (size_t i = 0; i < end;) {
+    places[i] = fast.size() + 1;
+    if (const size_t count = group.Make(i)) {
+      fast.insert(fast.end(), group.records().begin(), group.records().end());
+      i += count;
+      continue;
+    }
+    fast.push_back(ops[i]);
+    const HotAction idiom = Idiom(i);
+    size_t left = idiom == ops[i].single ? 0 : LengthOf(idiom) - 1;
+    for (size_t k = 1; k <= left; k++) {
+      if (targets[i + k]) left = 0;
+    }
+    if (left > 0) fast.back().action = idiom;
+    if (fast.back().action == HotAction::CompareTopJump) {
+      fast.back().orders =
+          HotGroup::JumpOrders(HotGroup::OrdersOf(ops[i + 2].single), ops[i + 3].orders);
+    }
+    for (i++; left > 0; left--, i++) {
+      places[i] = fast.size() + 1;
+      fast.push_back(ops[i]);
+    }
+  }
+  fast.insert(fast.end(), ops.end() - kLongestIdiom, ops.end());
+  places[end] = fast.size() - kLongestIdiom + 1;
+  for (size_t i = 0; i <= end; i++) {
+    if (places[i] == 0) continue;
+    ops[i].fast = &fast[places[i] - 1];
+    ops[i].action = HotAction::Resume;
+  }
+  for (HotOp& op : ops) {
+    if (IsJump(op.single)) op.target = op.target->fast;
+  }
+  for (HotOp& op : fast) {
+    if (IsJump(op.single) || HotGroup::Jumps(op)) op.target = op.target->fast;
+    if (op.action >= HotAction::AddOfGlobalGlobal) op.single = op.action;
+  }
+}
+
 HotAction HotCode::Idiom(size_t i) const {
   const HotAction action = ops[i].single;
   const HotAction next = ops[i + 1].single;
@@ -302,85 +378,50 @@ HotAction HotCode::Idiom(size_t i) const {
       ops[i + 1].first == ops[i].first && IsConditional(ops[i + 2].single)) {
     return HotAction::IncrementCompareJump;
   }
-  if (IsArithmetic(action) && next == HotAction::PopVariable) {
-    return Shifted(action, HotAction::Add, HotAction::AddPop);
+  if (action == HotAction::SourceFile && next == HotAction::Line) return HotAction::SourceLine;
+  if (action == HotAction::Dup) {
+    if ((IsConstant(next) || next == HotAction::PushVariable) && IsComparison(ops[i + 2].single) &&
+        IsTest(ops[i + 3].single)) {
+      return HotAction::CompareTopJump;
+    }
+    return Update(i);
   }
-  if (IsArithmetic(action) && next == HotAction::Return) {
-    return Shifted(action, HotAction::Add, HotAction::AddReturn);
+  if (IsConstant(action)) {
+    if (IsArithmetic(next)) return Shifted(next, HotAction::Add, HotAction::AddConstant);
+    if (next == HotAction::Mod) return HotAction::ModConstant;
+    if (IsComparison(next) && IsTest(ops[i + 2].single)) {
+      return Shifted(next, HotAction::Equal, HotAction::EqualConstantJump);
+    }
   }
-  if (action == HotAction::Dup) return Update(i);
-  if (action == HotAction::Element && next == HotAction::Store) return HotAction::ElementStore;
-  if (IsConstant(action) && IsArithmetic(next)) {
-    return Shifted(next, HotAction::Add, HotAction::AddConstant);
+  if (action == HotAction::PushVariable) {
+    if (IsArithmetic(next)) return Shifted(next, HotAction::Add, HotAction::AddVariable);
+    if (next == HotAction::Return && ops[i].left == HotOperand::Local) {
+      return HotAction::ReturnVariable;
+    }
   }
-  if (IsConstant(action) && next == HotAction::Mod) return HotAction::ModConstant;
-  if (IsConstant(action) && IsComparison(next) && IsTest(ops[i + 2].single)) {
-    return Shifted(next, HotAction::Equal, HotAction::EqualConstantJump);
-  }
+  return IdiomOfText(i);
+}
+
+// Idioms that make and write texts.
+HotAction HotCode::IdiomOfText(size_t i) const {
+  const HotAction action = ops[i].single;
+  const HotAction next = ops[i + 1].single;
+  const bool joined = Is(i + 2, HotAction::Concatenate);
   if (action == HotAction::PushInteger && IsHandler(i + 1, Instruction::code_rounds) &&
       IsOut(i + 2)) {
     return HotAction::OutRounded;
   }
   if (action == HotAction::PushText) {
     if (next == HotAction::Concatenate) return HotAction::ConcatenateText;
-    if (next == HotAction::PushVariable && Is(i + 2, HotAction::Concatenate)) {
-      return HotAction::ConcatenateTextVariable;
-    }
-    return IsOut(i + 1) ? HotAction::OutText : action;
+    if (next == HotAction::PushVariable && joined) return HotAction::ConcatenateTextVariable;
+    if (IsOut(i + 1)) return HotAction::OutText;
   }
-  if (action != HotAction::PushVariable) return action;
-  if (IsConstant(next)) return IdiomOfVariableAndConstant(i);
-  if (IsArithmetic(next)) return Shifted(next, HotAction::Add, HotAction::AddVariable);
-  if (next == HotAction::Concatenate) return HotAction::ConcatenateVariable;
-  if (IsOut(i + 1)) return HotAction::OutVariable;
-  if (next == HotAction::Return && ops[i].local) return HotAction::ReturnVariable;
-  if (next == HotAction::PushVariable) return IdiomOfVariables(i);
-  if (next == HotAction::PushText) {
-    if (Is(i + 2, HotAction::Member)) {
-      return IsUpdate(i + 3) ? HotAction::MemberOfVariableUpdate : HotAction::MemberOfVariable;
-    }
-    if (Is(i + 2, HotAction::MemberReadOnly)) return HotAction::MemberReadOnlyOfVariable;
-    if (Is(i + 2, HotAction::Concatenate)) return HotAction::ConcatenateVariableText;
+  if (action == HotAction::PushVariable) {
+    if (next == HotAction::Concatenate) return HotAction::ConcatenateVariable;
+    if (IsOut(i + 1)) return HotAction::OutVariable;
+    if (next == HotAction::PushText && joined) return HotAction::ConcatenateVariableText;
   }
   return action;
-}
-
-HotAction HotCode::IdiomOfVariableAndConstant(size_t i) const {
-  const HotAction operation = ops[i + 2].single;
-  const HotAction after = ops[i + 3].single;
-  const bool tested = IsTest(after);
-  if (IsArithmetic(operation)) {
-    if (after == HotAction::Call) {
-      return Shifted(operation, HotAction::Add, HotAction::AddVariableConstantCall);
-    }
-    return Shifted(operation, HotAction::Add, HotAction::AddVariableConstant);
-  }
-  if (operation == HotAction::Mod) {
-    return tested ? HotAction::ModVariableConstantJump : HotAction::ModVariableConstant;
-  }
-  if (tested && IsComparison(operation)) {
-    return Shifted(operation, HotAction::Equal, HotAction::EqualVariableConstantJump);
-  }
-  return HotAction::PushVariable;
-}
-
-HotAction HotCode::IdiomOfVariables(size_t i) const {
-  const HotAction operation = ops[i + 2].single;
-  const HotAction next = ops[i + 3].single;
-  if (IsArithmetic(operation)) return Shifted(operation, HotAction::Add, HotAction::AddVariables);
-  if (IsComparison(operation) && IsTest(next)) {
-    return Shifted(operation, HotAction::Equal, HotAction::EqualVariablesJump);
-  }
-  if (Is(i + 2, HotAction::Element)) {
-    if (IsUpdate(i + 3)) return HotAction::ElementOfVariableUpdate;
-    return next == HotAction::Store ? HotAction::ElementOfVariableStore
-                                    : HotAction::ElementOfVariable;
-  }
-  if (Is(i + 2, HotAction::ElementReadOnly)) {
-    return IsArithmetic(next) ? Shifted(next, HotAction::Add, HotAction::AddElement)
-                              : HotAction::ElementReadOnlyOfVariable;
-  }
-  return HotAction::PushVariable;
 }
 
 // An update of the variable on top is "dup", another operand, an operation, "swap", "store".

@@ -1,7 +1,19 @@
 // HotCode, code that runs often, decoded once. The machine first runs the bytes of a segment
-// directly. When it has come back to them a few times it decodes them into one record for each
-// instruction. A common sequence of instructions, such as a comparison followed by a jump, gets a
-// single action that does them all.
+// directly. When it has come back to them a few times it decodes them into records, which the loop in
+// base/machine/ZephVM_Hot.cpp runs.
+//
+// There are two lists of records. The plain list has one for each instruction. The fast list is what
+// usually runs:
+//
+// - A group is a piece of straight code that begins and ends with nothing of its own on the stack: an
+//   expression and what is done with its value. Its records compute with operands instead of a stack:
+//   "push a, push b, add, pop c" is one record, c <- a + b. HotGroup.h tells how groups are found.
+//   All records of a group but the last have no effect except on temporaries (a number, or a place
+//   that a variable was found at). So if one of them does not apply, because a variable is not a
+//   number, say, the group's instructions are run one by one from its first, by the plain list, and
+//   nothing has to be taken back.
+// - The other instructions have a copy of their record, and some common sequences of these, an idiom,
+//   have one action together. If that does not apply, its first instruction is run alone.
 //
 // A script cannot observe the difference. An action handles the cases that cannot fail, on ordinary
 // variables; in all other cases the machine's loop runs the instructions one by one.
@@ -12,134 +24,66 @@
 #include <cstddef>
 #include <vector>
 
+#include "base/compiled/HotActions.h"
 #include "base/compiled/Instructions.h"
 
 class Dictionary;
 class FunctionManager;
 
-// The actions of the hot loop (base/machine/ZephVM_Hot.cpp), each for one instruction or several. A
-// file that uses the list defines ACTION first.
-//
-//   Leave                         nothing: the machine's loop runs it
-//   Handler                       one instruction, by the machine's own handler: the rows of the
-//                                 list of instructions that are run by a HotHandler
-//   Push..., Pop, ..., Return     one instruction
-//   ReturnNothing                 the return without a value
-//   ReturnVariable                the value of a local variable, and the return of it
-//   ...VariableConstant           a variable, a constant, and an operation on the two
-//   ...VariableConstantJump       the same, with a jump on the outcome
-//   ...VariableConstantCall       the same, with a call of a function that takes the outcome
-//   ...Variables, ...VariablesJump  the same with two variables
-//   ...Constant, ...Variable      a constant or variable, and an operation on the top and it
-//   ...ConstantJump               a constant, a comparison of the top with it, and a jump on it
-//   Out...                        a constant text or a variable, written to the output
-//   OutRounded                    a constant, and the top rounded to so many decimals and written
-//   Concatenate...                a constant text or a variable, appended to the text on top
-//   ConcatenateTextVariable       a constant text, a variable, and the two together
-//   ConcatenateVariableText       the same in the other order, if the variable has a long text
-//   ...Element                    an element of an array, and an operation on the top and it
-//   ...Pop                        an operation, and its outcome stored in a variable
-//   ...Return                     an operation, and the return of its outcome
-//   Update...Constant/Variable    an operation on the variable on top and something else, and its
-//                                 outcome stored in the variable
-//   Compare...Jump, ModGlobalsJump  a comparison or a division of globals, and a jump on it
-//   IncrementCompareJump          the end of a counting loop: all three of one global
-//   Element...OfVariable          an array and a position, both variables, and the element
-//   ElementOfVariableStore        the same, with the value on the stack stored in the element
-//   ElementStore                  the same, of an array and a position on the stack
-//   Member...OfVariable           a structure in a variable, a constant name, and the member
-//   ...OfVariableUpdate           the same, with an update of the element or member
-//
-// Operations on doubles, and comparisons, are in the same order in every group: see Shifted in
-// HotCode.cpp.
-// clang-format off
-#define ZEPH_HOT_UPDATES                                                                             \
-  ACTION(UpdateAddConstant) ACTION(UpdateSubConstant)                                                \
-  ACTION(UpdateMulConstant) ACTION(UpdateDivConstant)                                                \
-  ACTION(UpdateAddVariable) ACTION(UpdateSubVariable)                                                \
-  ACTION(UpdateMulVariable) ACTION(UpdateDivVariable)
-#define ZEPH_HOT_ACTIONS                                                                             \
-  ACTION(Leave) ACTION(Handler)                                                                      \
-  ACTION(PushInteger) ACTION(PushDouble) ACTION(PushText) ACTION(PushVariable) ACTION(PopVariable)   \
-  ACTION(Pop) ACTION(Dup) ACTION(Swap) ACTION(Store) ACTION(Concatenate)                             \
-  ACTION(Add) ACTION(Sub) ACTION(Mul) ACTION(Div) ACTION(Mod)                                        \
-  ACTION(Equal) ACTION(NotEqual) ACTION(Less) ACTION(LessEqual) ACTION(Greater) ACTION(GreaterEqual) \
-  ACTION(Jump) ACTION(JumpEqual) ACTION(JumpNotEqual) ACTION(JumpLess)                               \
-  ACTION(JumpLessEqual) ACTION(JumpGreater) ACTION(JumpGreaterEqual)                                 \
-  ACTION(CompareConstant) ACTION(CompareGlobals) ACTION(ModGlobals)                                  \
-  ACTION(Increment) ACTION(StoreConstant) ACTION(Line) ACTION(SourceFile)                            \
-  ACTION(And) ACTION(Or) ACTION(Not)                                                                 \
-  ACTION(BitAnd) ACTION(BitOr) ACTION(BitXor) ACTION(BitNot) ACTION(ShiftLeft) ACTION(ShiftRight)    \
-  ACTION(Element) ACTION(ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly)                      \
-  ACTION(Call) ACTION(Return) ACTION(ReturnNothing) ACTION(ReturnVariable)                           \
-  ACTION(ConcatenateText) ACTION(ConcatenateVariable) ACTION(OutText) ACTION(OutVariable)            \
-  ACTION(OutRounded) ACTION(ConcatenateTextVariable) ACTION(ConcatenateVariableText)                 \
-  ACTION(AddVariableConstant) ACTION(SubVariableConstant)                                            \
-  ACTION(MulVariableConstant) ACTION(DivVariableConstant)                                            \
-  ACTION(AddVariables) ACTION(SubVariables) ACTION(MulVariables) ACTION(DivVariables)                \
-  ACTION(AddVariableConstantCall) ACTION(SubVariableConstantCall)                                    \
-  ACTION(MulVariableConstantCall) ACTION(DivVariableConstantCall)                                    \
-  ACTION(ModVariableConstant) ACTION(ModVariableConstantJump) ACTION(ModConstant)                    \
-  ACTION(EqualVariableConstantJump) ACTION(NotEqualVariableConstantJump)                             \
-  ACTION(LessVariableConstantJump) ACTION(LessEqualVariableConstantJump)                             \
-  ACTION(GreaterVariableConstantJump) ACTION(GreaterEqualVariableConstantJump)                       \
-  ACTION(EqualConstantJump) ACTION(NotEqualConstantJump)                                             \
-  ACTION(LessConstantJump) ACTION(LessEqualConstantJump)                                             \
-  ACTION(GreaterConstantJump) ACTION(GreaterEqualConstantJump)                                       \
-  ACTION(EqualVariablesJump) ACTION(NotEqualVariablesJump)                                           \
-  ACTION(LessVariablesJump) ACTION(LessEqualVariablesJump)                                           \
-  ACTION(GreaterVariablesJump) ACTION(GreaterEqualVariablesJump)                                     \
-  ACTION(AddConstant) ACTION(SubConstant) ACTION(MulConstant) ACTION(DivConstant)                    \
-  ACTION(AddVariable) ACTION(SubVariable) ACTION(MulVariable) ACTION(DivVariable)                    \
-  ACTION(AddElement) ACTION(SubElement) ACTION(MulElement) ACTION(DivElement)                        \
-  ACTION(AddPop) ACTION(SubPop) ACTION(MulPop) ACTION(DivPop)                                        \
-  ACTION(AddReturn) ACTION(SubReturn) ACTION(MulReturn) ACTION(DivReturn)                            \
-  ZEPH_HOT_UPDATES                                                                                   \
-  ACTION(CompareConstantJump) ACTION(CompareGlobalsJump) ACTION(ModGlobalsJump)                      \
-  ACTION(IncrementCompareJump)                                                                       \
-  ACTION(ElementOfVariable) ACTION(ElementReadOnlyOfVariable) ACTION(ElementOfVariableStore)         \
-  ACTION(ElementStore)                                                                               \
-  ACTION(MemberOfVariable) ACTION(MemberReadOnlyOfVariable)                                          \
-  ACTION(ElementOfVariableUpdate) ACTION(MemberOfVariableUpdate)
-// clang-format on
-
-enum class HotAction : unsigned char {
-#define ACTION(name) name,
-  ZEPH_HOT_ACTIONS
-#undef ACTION
-};
-
-// One instruction.
+// One record. Of a plain record, that of one instruction, left says whether a variable is global or
+// local, and first is its position.
 struct HotOp {
-  HotAction action = HotAction::Leave;
-  HotAction single = HotAction::Leave;  // the action for this instruction alone
-  bool local = false;                   // whether a variable's position is one of the locals
+  // The action, and that of the first instruction alone. They differ for an idiom. While a group is
+  // set aside, its first record has the action Rest, and single is the group's own.
+  mutable HotAction action = HotAction::Leave;
+  HotAction single = HotAction::Leave;
+  // The operands of a group's record, and where its outcome goes: into a temporary or a variable.
+  HotOperand left = HotOperand::Global;
+  HotOperand right = HotOperand::Global;
+  HotOperand into = HotOperand::Temporary;
   // Of the result of the call or the element read before this instruction: whether it is used only
   // as a number, or only for its value, by an operation that is certain to be reached. Then nothing
   // can tell a number or a text from the variable that has it.
   bool after_number = false;
   bool after_value = false;
-  // The orders on which a jump is made: bit 0 for less, 1 for equal, 2 for greater.
+  // The orders on which a jump is made or a comparison holds: bit 0 for less, 1 for equal, 2 for
+  // greater.
   unsigned char orders = 0;
+  bool word = false;    // whether a text is no number, so that it is compared as a text
+  bool create = false;  // whether an element or member is created if it is missing
+  HotLoad load = HotLoad::Number;  // of a record that loads
+  HotForm form = HotForm::Double;  // of a temporary or constant that is stored, pushed or returned
+  // Of a group's first plain record: how often the group has not applied.
+  mutable unsigned char misfits = 0;
   unsigned short code = 0;  // the instruction's number, see base/compiled/Instructions.h
-  int start = 0;            // offset of the instruction in the segment
-  int first = 0;            // its integer operands; a constant as an integer
-  int second = 0;
-  int length = 0;  // of a text
+  int start = 0;            // offset of the instruction, or of a group's first, in the segment
+  int first = 0;            // integer operands; a constant as an integer. In a group: the position of
+  int second = 0;           // the left operand, of the right one, and of where the outcome goes
+  int third = 0;
+  int length = 0;       // of a text
+  double number = 0.0;  // a constant as a double
   union {
-    double number = 0.0;  // a constant as a double
-    const char* text;
+    const char* text = nullptr;
     const HotOp* target;  // of a jump
   };
+  // The plain record of the instruction; in a group, of the group's first instruction. Never null.
+  const HotOp* plain = nullptr;
+  // Of a plain record: the one to go on with in the fast list; null inside a group.
+  const HotOp* fast = nullptr;
 };
 
 class HotCode {
  public:
+  // The temporaries that a group may have.
+  static const int kTemporaries = 32;
+
   // Decodes that many bytes of code. Borrows the texts of constants from the dictionary. The
   // functions may be null; calls are then left to the machine's loop. REQUIRES: 16 more bytes after
   // the code may be read.
   HotCode(const unsigned char* code, int length, const Dictionary& dictionary,
           const FunctionManager* functions);
+  HotCode(const HotCode&) = delete;
+  HotCode& operator=(const HotCode&) = delete;
 
   // A number above 0 that no other HotCode has or had, so that a cache can tell deleted code from
   // code at the same address.
@@ -149,20 +93,22 @@ class HotCode {
   const HotOp* At(int offset) const {
     if (static_cast<unsigned>(offset) >= static_cast<unsigned>(records.size())) return nullptr;
     const int record = records[static_cast<size_t>(offset)];
-    return record < 0 ? nullptr : &ops[static_cast<size_t>(record)];
+    if (record < 0) return nullptr;
+    const HotOp* const op = &ops[static_cast<size_t>(record)];
+    return op->fast ? op->fast : op;
   }
 
  private:
   void Decode(const unsigned char* code, int length, const Dictionary& dictionary);
   void FindTargets(int length);
   void LeaveBadCalls(const FunctionManager* functions);
+  void NoteUses(const FunctionManager* functions);
+  void MakeFastList(const FunctionManager* functions);
   enum class Use { Any, Value, Number };
   Use UseOfTop(size_t i, bool held, const FunctionManager* functions) const;
   HotAction Idiom(size_t i) const;
-  HotAction IdiomOfVariableAndConstant(size_t i) const;
-  HotAction IdiomOfVariables(size_t i) const;
+  HotAction IdiomOfText(size_t i) const;
   HotAction Update(size_t i) const;
-  bool IsUpdate(size_t i) const { return Is(i, HotAction::Dup) && Update(i) != HotAction::Dup; }
   bool Is(size_t i, HotAction action) const { return ops[i].single == action; }
   bool IsHandler(size_t i, int code) const {
     return Is(i, HotAction::Handler) && ops[i].code == code;
@@ -170,8 +116,9 @@ class HotCode {
   bool IsOut(size_t i) const { return IsHandler(i, Instruction::code_out); }
 
   long code_serial;
-  std::vector<HotOp> ops;    // the last ones, after the code, are Leave
-  std::vector<int> records;  // by offset, -1 where no instruction begins
+  std::vector<HotOp> ops;     // the plain list; the last ones, after the code, are Leave
+  std::vector<HotOp> fast;    // the fast list, which ends in the same way
+  std::vector<int> records;   // by offset, -1 where no instruction begins
 };
 
 #endif

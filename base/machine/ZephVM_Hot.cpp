@@ -18,8 +18,9 @@
 //   HotLoop: forms            all actions of one operation: ARITHMETIC, UPDATE, COMPARISON, ...
 //   HotLoop: values           pushes, pops, store, texts, swap
 //   HotLoop: operations       arithmetic, comparisons, jumps, and the fused ones on globals
-//   HotLoop: elements         elements and members, with their updates
+//   HotLoop: elements         elements and members on the stack
 //   HotLoop: handlers         instructions that a handler runs, and the output
+//   HotLoop: groups           the records of groups, which work on operands
 //   HotLoop: calls            call, return, and the way back into the loop
 
 #include <atomic>
@@ -32,6 +33,7 @@
 #include "base/compiled/Segment.h"
 #include "base/compiled/VariableHash.h"
 #include "base/core/Output.h"
+#include "base/core/SameBytes.h"
 #include "base/host/ZephApplication.h"
 #include "base/machine/InstructionCheck.h"
 #include "base/machine/ZephVM.h"
@@ -86,16 +88,21 @@ template <Suitable Slow>
   return true;
 }
 
-// The number of a variable that has no other form. Only such a number can replace its variable,
-// because every form that is read later follows from it. The forms of a text may disagree:
-// "99999999999" is 191 when it is read as an integer first.
-[[gnu::always_inline]] inline bool FindAlone(const Variable* variable, double* number) {
+// The number of a variable that has no text. Only such a number can replace its variable, because
+// every form that is read later follows from it. The forms of a text may disagree: "99999999999" is
+// 191 when it is read as an integer first.
+[[gnu::always_inline]] inline bool FindAlone(const Variable* variable, double* number,
+                                             HotForm* form) {
   if (variable->HoldsDouble()) {
     *number = variable->plain_double();
+    *form = HotForm::Double;
     return true;
   }
-  *number = variable->plain_integer();
-  return variable->HoldsInteger();
+  const unsigned forms = variable->plain_forms();
+  if (forms == 0 || (forms & Variable::TextForm)) return false;
+  *form = variable->is_stored_integer() ? HotForm::Integer : HotForm::Double;
+  *number = *form == HotForm::Integer ? variable->plain_integer() : variable->plain_double();
+  return true;
 }
 
 // The integer that value_integer() returns.
@@ -178,28 +185,162 @@ template <Suitable Slow>
 // Moves the arguments on top of a stack into the first variables of a function. Returns where the
 // stack then ends. *patience is 1 afterwards if the time depended on the size of a value.
 // REQUIRES: AreArguments; the variables that exist are as a new call needs them.
-[[gnu::noinline]] Entry* MoveArguments(VariableHash* table, uint64_t references, int count,
-                                       ZephVM_Stack* stack, int* patience) {
+[[gnu::noinline]] Entry* MoveArguments(VariableHash* table, const _VH_Entry* rows,
+                                       uint64_t references, int count, ZephVM_Stack* stack,
+                                       int* patience) {
   for (int i = count; i-- > 0;) {
     Entry* const argument = stack->End() - 1;
+    Variable* variable = rows[i].variable;
     if (references >> i & 1) {
       table->SetVariable_Reference(i, argument->value.variable);
-      stack->SetEnd(argument);
-      ZephVM_Stack::Free(argument);
-      continue;
-    }
-    Variable* const variable = table->At(i, 1);
-    if (argument->kind == ZephVM_Stack::KindVariable &&
-        variable->CopyNumber(*argument->value.variable->Real())) {
-      stack->SetEnd(argument);
-      ZephVM_Stack::Free(argument);
-    } else {
+    } else if (variable && argument->kind == ZephVM_Stack::KindDouble) {
+      variable->Begin(argument->value.number);
+    } else if (variable && argument->kind == ZephVM_Stack::KindInteger) {
+      variable->Begin(argument->value.integer);
+    } else if (!variable || argument->kind != ZephVM_Stack::KindVariable ||
+               !variable->CopyNumber(*argument->value.variable->Real())) {
+      variable = table->At(i, 1);
       if (argument->kind > ZephVM_Stack::KindDouble) *patience = 1;
       stack->PopV(variable);
+      continue;
     }
+    stack->SetEnd(argument);
+    ZephVM_Stack::Free(argument);
   }
   return stack->End();
 }
+
+// The order of two numbers, as the number of its bit in HotOp::orders: 0 for less, 1 for equal, 2
+// for greater. NaN on either side counts as greater.
+template <typename Number>
+[[gnu::always_inline]] inline int OrderOf(Number left, Number right) {
+  return !(left < right) + !(left <= right);
+}
+
+// The variable with the number of a row whose variable is not a bare number, or is missing: at the end
+// of its references, with other forms beside. Null if it is not a number.
+[[gnu::noinline]] Variable* WithNumber(Variable* variable) {
+  if (!variable) return nullptr;
+  variable = variable->Real();
+  return HasNumberSlow(variable) ? variable : nullptr;
+}
+
+// The same for a comparison.
+[[gnu::noinline]] Variable* WithComparable(Variable* variable) {
+  if (!variable) return nullptr;
+  variable = variable->Real();
+  return IsComparableSlow(variable) ? variable : nullptr;
+}
+
+// The order of two texts of which one is no number, as the number of its bit in HotOp::orders; false
+// if the machine has to look closer.
+[[gnu::noinline]] bool FindOrderOfTexts(Entry* left, Entry* right, int* order) {
+  int difference;
+  if (!ZephVM_Stack::CompareWords(left, right, &difference)) return false;
+  *order = difference < 0 ? 0 : difference == 0 ? 1 : 2;
+  return true;
+}
+
+// The same for a variable, which may be missing, and a constant text. If that is no number it is a word,
+// and then all but the equality of texts of two lengths is one comparison of bytes.
+[[gnu::always_inline]] inline bool FindOrderOfText(Variable* left, const HotOp* op, int* order) {
+  if (!left) return false;
+  if (op->word && (left->plain_forms() & Variable::TextForm)) [[likely]] {
+    const String& text = left->plain_text();
+    const int difference = text.length - op->length;
+    if (text.data && (difference == 0 || op->orders == 2 || op->orders == 5)) {
+      *order = 1;
+      if (difference == 0 && SameBytes(text.data, op->text, static_cast<size_t>(op->length))) {
+        return true;
+      }
+      if (op->orders == 2 || op->orders == 5) {
+        *order = 0;
+        return true;
+      }
+    }
+  }
+  Entry a, b;
+  a.SetOwned(left);
+  b.SetText(op->text, op->length);
+  return FindOrderOfTexts(&a, &b, order);
+}
+
+// The same for two variables.
+bool FindOrderOfVariables(Variable* left, Variable* right, int* order) {
+  if (!left || !right) return false;
+  Entry a, b;
+  a.SetOwned(left);
+  b.SetOwned(right);
+  return FindOrderOfTexts(&a, &b, order);
+}
+
+// A temporary of a group: a number, and the form that the element had that it was read from; or a
+// place.
+struct Temporary {
+  double number;
+  Variable* variable;  // a place; of what was loaded, the variable if it is a text, else null
+  HotForm form;        // AsLoaded if the element has a text beside
+};
+
+// Reads the value of an element or member that is not a bare number. Returns false if it has none that
+// may be loaded.
+[[gnu::noinline]] bool Load(Variable* variable, HotLoad load, Temporary* temporary) {
+  variable = variable->Real();
+  temporary->variable = nullptr;
+  if (FindAlone(variable, &temporary->number, &temporary->form)) return true;
+  temporary->form = HotForm::AsLoaded;
+  if (load == HotLoad::NumberOrText) {
+    temporary->variable = variable;
+    return (variable->plain_forms() & Variable::TextForm) != 0;
+  }
+  if (load != HotLoad::Number || !HasNumberSlow(variable)) return false;
+  temporary->number = NumberOf(variable);
+  return true;
+}
+
+// Stores a number in a variable that a group has found, in the given form. Returns false and does
+// nothing if that takes more work.
+inline bool Put(Variable* variable, double number, HotForm form) {
+  if (!variable->IsPlain() || form == HotForm::AsLoaded) return false;
+  if (form == HotForm::Double) {
+    variable->Write_Double(number);
+  } else {
+    variable->Write_Integer(static_cast<int>(number));
+  }
+  return true;
+}
+
+// Makes an argument of a variable: its number or its text, if it has only one of these.
+[[gnu::noinline]] bool BeginWith(Variable* parameter, Variable* argument) {
+  if (!argument) return false;
+  argument = argument->Real();
+  if (parameter->CopyNumber(*argument)) return true;
+  if (argument->plain_forms() != Variable::TextForm) return false;
+  const String& text = argument->plain_text();
+  if (!text.data) return false;
+  parameter->Wake();
+  parameter->SetValue(text.data, text.length);
+  return true;
+}
+
+// The order of two operands, each a variable or, if that is null, a number; of two texts only if one is
+// no number. *patience is 1 afterwards if texts were compared.
+[[gnu::always_inline]] inline bool FindLoadedOrder(Variable* left, double left_number,
+                                                   Variable* right, double right_number,
+                                                   int* order, int* patience) {
+  if (left && Find<IsComparableSlow>(left, &left_number)) left = nullptr;
+  if (right && Find<IsComparableSlow>(right, &right_number)) right = nullptr;
+  if (!left && !right) [[likely]] {
+    *order = OrderOf(left_number, right_number);
+    return true;
+  }
+  *patience = 1;
+  return FindOrderOfVariables(left, right, order);
+}
+
+// How often a group may fail to apply until it is set aside, and then for how many times.
+const unsigned char kMostMisfits = 32;
+const unsigned char kRest = 200;
 
 // Jumps and calls between two polls of the host's flags. Each takes nanoseconds.
 const int kPatience = 32;
@@ -234,14 +375,9 @@ inline bool FindName(const Entry* entry, const Variable* structure, const char**
   return *text != nullptr;
 }
 
-// The end of a chain of references. Out of line, so that the usual case keeps its registers.
-[[gnu::noinline]] Variable* EndOf(Variable* variable) {
-  return variable->Real();
-}
-
 // The variable that has the value: that of a parameter by reference is the caller's.
 [[gnu::always_inline]] inline Variable* Referred(Variable* variable) {
-  return !variable || variable->IsPlain() ? variable : EndOf(variable);
+  return variable ? variable->Real() : nullptr;
 }
 
 // Whether a variable of a table, which may not exist yet, is a plain one.
@@ -253,7 +389,7 @@ inline bool IsPlainRow(const Variable* variable) {
 inline bool IsPlainTarget(const HotOp* pop, const VariableHash* locals, const _VH_Entry* globals,
                           unsigned count) {
   if (pop->single != HotAction::PopVariable) return false;
-  if (pop->local) globals = locals->Rows(&count);
+  if (pop->left == HotOperand::Local) globals = locals->Rows(&count);
   const auto position = static_cast<unsigned>(pop->first);
   return position < count && IsPlainRow(Referred(globals[position].variable));
 }
@@ -263,13 +399,6 @@ inline bool FindTruth(const Entry* entry, bool* truth) {
   if (!IsNumber<IsComparableSlow>(entry)) return false;
   *truth = NumberIn(entry) != 0.0;
   return true;
-}
-
-// The order of two numbers, as the number of its bit in HotOp::orders: 0 for less, 1 for equal, 2
-// for greater. NaN on either side counts as greater.
-template <typename Number>
-[[gnu::always_inline]] inline int OrderOf(Number left, Number right) {
-  return !(left < right) + !(left <= right);
 }
 
 [[gnu::always_inline]] inline bool FindOrder(const Variable* left, int right, int* order) {
@@ -310,6 +439,13 @@ void ZephVM::RunHot(const HotCode* hot, const HotOp* op) {
   hot_mode = NoMode;
 }
 
+// Whether the code that the current frame returns to is decoded and is what it was at the call.
+bool ZephVM::ReturnsToDecoded() const {
+  if (frame->return_code == 0) return false;
+  const Segment* const callers = segments->Lookup(frame->return_segment);
+  return callers && callers->hot() && callers->hot()->serial() == frame->return_code;
+}
+
 void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   int* const timedout = timedout_flag;
   int* const ended = exit_flag;
@@ -328,17 +464,19 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   ZephVM_FunctionFrame* called;
   const _VH_Entry* locals;
   double number_passed;
-  const long code_serial = hot->serial();
+  unsigned local_count;
+  const HotOp* returns_to;
+  // For groups.
+  Variable* first_row;
+  Variable* second_row;
+  Temporary temporaries[HotCode::kTemporaries];
+  long code_serial = hot->serial();
   int patience = kPatience;  // jumps and calls until the next poll of the host's flags
 
 // The address of each action. Each action ends with a jump of its own to the next one, because
 // processors predict these better than one jump that all share.
 #define ACTION(name) &&on_##name,
   __extension__ static const void* const places[] = {ZEPH_HOT_ACTIONS};
-#undef ACTION
-// The same for updates of a variable that is not on the stack.
-#define ACTION(name) &&found_##name,
-  __extension__ static const void* const updates[] = {ZEPH_HOT_UPDATES};
 #undef ACTION
 
 // In a build with assertions, STARTED notes where an action begins, and RAN checks the stack after
@@ -357,7 +495,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     started_with = static_cast<long>(top - bottom); \
   }
 #define RAN_UP_TO(end, consumed)                             \
-  assert(InstructionCheck::Agree(started, end, started_with, \
+  assert(InstructionCheck::Agree(started->plain, (end)->plain, started_with, \
                                  static_cast<long>(top - bottom) + (consumed)));
 #endif
 #define RAN(end) RAN_UP_TO(end, 0)
@@ -390,9 +528,10 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // ROW_OF gives the variable itself.
 #define ROW_AT(table, position) \
   (static_cast<unsigned>(position) < counts[table] ? rows[table][position].variable : nullptr)
-#define ROW_OF(record) ROW_AT((record)->local, (record)->first)
+#define ROW_OF(record) ROW_AT(static_cast<int>((record)->left), (record)->first)
 // Makes the variable that a row does not have yet; null if there is no such row.
-#define MADE_AT(record) ((record)->local ? frame->variables : global_variables)->At((record)->first, 1)
+#define MADE_AT(record) \
+  ((record)->left == HotOperand::Local ? frame->variables : global_variables)->At((record)->first, 1)
 #define VARIABLE_AT(table, position) Referred(ROW_AT(table, position))
 #define VARIABLE(record) Referred(ROW_OF(record))
 // A local variable that no instruction of this call has touched is asleep in its row. It has no
@@ -439,7 +578,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define KNOWS_CALLED \
   (called = idle_frames[static_cast<unsigned>(op->first)], \
    called && called->return_code == code_serial && frame_count < MostFrames && \
-   (locals = called->variables->Rows(&counts[1]), true))
+   (locals = called->variables->Rows(&local_count), true))
 
 // Whether the instruction at a record uses only the value of the entry on top. The field of a
 // database, to which a variable may refer, takes a number and a variable in different ways.
@@ -457,21 +596,6 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     top[-1].value.number = result;                                                         \
     NEXT(1)                                                                                \
   }                                                                                        \
-  on_##name##Pop: {                                                                        \
-    variable = VARIABLE(op + 1);                                                           \
-    SINGLE_UNLESS(variable && variable->IsPlain() && TWO_NUMBERS)                          \
-    const double a = top[-2].value.number, b = top[-1].value.number;                       \
-    top -= 2;                                                                              \
-    variable->Write_Double(result);                                                        \
-    NEXT(2)                                                                                \
-  }                                                                                        \
-  on_##name##Return: {                                                                     \
-    SINGLE_UNLESS(frame->return_code == code_serial && TWO_NUMBERS)                        \
-    const double a = top[-2].value.number, b = top[-1].value.number;                       \
-    top -= 2;                                                                              \
-    number_passed = result;                                                                \
-    goto return_number;                                                                    \
-  }                                                                                        \
   on_##name##Constant: {                                                                   \
     SINGLE_UNLESS(HAS_ROOM && ONE_NUMBER)                                                  \
     const double a = top[-1].value.number, b = op->number;                                 \
@@ -485,66 +609,21 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     top[-1].value.number = result;                                                         \
     NEXT(2)                                                                                \
   }                                                                                        \
-  on_##name##Element: {                                                                    \
-    double b; int number;                                                                  \
-    variable = VARIABLE(op);                                                               \
-    TELL_STACK                                                                             \
-    SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumberSlow>(top - 1) && variable && \
-                  IntegerOf(VARIABLE(op + 1), &number) && number >= 1 &&                   \
-                  variable->ReadElement(number, &b))                                       \
-    if (!IsDouble(top - 1)) MakeDouble<HasNumberSlow>(top);                              \
-    const double a = top[-1].value.number;                                                 \
-    top[-1].value.number = result;                                                         \
-    NEXT(4)                                                                                \
-  }                                                                                        \
-  on_##name##Variables: {                                                                  \
-    variable = VARIABLE(op);                                                               \
-    other = VARIABLE(op + 1);                                                              \
-    double b;                                                                              \
-    SINGLE_UNLESS(HAS_ROOM && IS_NUMBER(variable) && FIND_NUMBER(other, &b))               \
-    const double a = NumberOf(variable);                                                   \
-    PUSH(SetDouble(result))                                                                \
-    NEXT(3)                                                                                \
-  }                                                                                        \
-  on_##name##VariableConstant: {                                                           \
-    variable = VARIABLE(op);                                                               \
-    double a;                                                                              \
-    SINGLE_UNLESS(HAS_ROOM && FIND_NUMBER(variable, &a))                                   \
-    const double b = op[1].number;                                                         \
-    PUSH(SetDouble(result))                                                                \
-    NEXT(3)                                                                                \
-  }                                                                                        \
-  on_##name##VariableConstantCall: {                                                       \
-    variable = VARIABLE(op);                                                               \
-    double a;                                                                              \
-    SINGLE_UNLESS(HAS_ROOM && FIND_NUMBER(variable, &a))                                   \
-    const double b = op[1].number;                                                         \
-    number_passed = result;                                                                \
-    op += 3;                                                                               \
-    goto call_with_number;                                                                 \
-  }                                                                                        \
   UPDATE(Update##name##Constant, true, op[1].number, result)                               \
   UPDATE(Update##name##Variable, (other = VARIABLE(op + 1), IS_NUMBER(other)),             \
          NumberOf(other), result)
-// An operation on the variable on top, or on the one that was just found and is not on the stack.
-// The other operand may be the same variable, so it is read before the result is written.
+// An operation on the variable on top. The other operand may be the same variable, so it is read before
+// the result is written.
 #define UPDATE(name, condition, operand, result)                                           \
   on_##name: {                                                                             \
     SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindVariable)     \
     variable = top[-1].value.variable->Real();                                             \
     double a;                                                                              \
-    SINGLE_UNLESS((condition) && Find<HasNumberSlow>(variable, &a))                      \
+    SINGLE_UNLESS((condition) && Find<HasNumberSlow>(variable, &a))                        \
     const double b = operand;                                                              \
     variable->Write_Double(result);                                                        \
     --top;                                                                                 \
     ZephVM_Stack::Free(top);                                                               \
-    NEXT(5)                                                                                \
-  }                                                                                        \
-  found_##name: {                                                                          \
-    double a;                                                                              \
-    if (!((condition) && Find<HasNumberSlow>(variable, &a))) [[unlikely]] goto push_found; \
-    const double b = operand;                                                              \
-    variable->Write_Double(result);                                                        \
     NEXT(5)                                                                                \
   }
 // A comparison of a and b. If either is NaN, their order counts as above 0. Texts are compared by the
@@ -574,21 +653,6 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     --top;                                                                                 \
     const double a = top->value.number, b = op->number;                                    \
     JUMP_IF((holds) == (op[2].single == HotAction::JumpNotEqual), op + 2, 3)               \
-  }                                                                                        \
-  on_##name##VariableConstantJump: {                                                       \
-    variable = VARIABLE(op);                                                               \
-    double a;                                                                              \
-    SINGLE_UNLESS(HAS_ROOM && FIND_COMPARABLE(variable, &a))                               \
-    const double b = op[1].number;                                                         \
-    JUMP_IF((holds) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)               \
-  }                                                                                        \
-  on_##name##VariablesJump: {                                                              \
-    variable = VARIABLE(op);                                                               \
-    other = VARIABLE(op + 1);                                                              \
-    double b;                                                                              \
-    SINGLE_UNLESS(HAS_ROOM && IS_COMPARABLE(variable) && FIND_COMPARABLE(other, &b))       \
-    const double a = NumberOf(variable);                                                   \
-    JUMP_IF((holds) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)               \
   }
 // An operation on the bits of two integers, and one on two truths. The handler does what is slow.
 #define BITS(name, result)                                                                 \
@@ -621,7 +685,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     LEAVE_UNLESS(variable->IsPlain() && IntegerIn(top - 1, &number) && number >= 1)        \
     TELL_STACK                                                                             \
     DenseSlot bare;                                                                        \
-    if (!(create) && VALUE_SUFFICES(op + 1) && variable->FindBare(number, &bare)) {        \
+    if (!(create) && VALUE_SUFFICES(op->plain + 1) && variable->FindBare(number, &bare)) { \
       if (bare.IsInteger()) REPLACE_TWO(SetInteger(bare.integer()))                        \
       else REPLACE_TWO(SetDouble(bare.number()))                                           \
       NEXT(1)                                                                              \
@@ -631,23 +695,6 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     variable->Hold();                                                                      \
     REPLACE_TWO(SetOwned(variable))                                                        \
     NEXT(1)                                                                                \
-  }                                                                                        \
-  on_##name##OfVariable: {                                                                 \
-    int number;                                                                            \
-    variable = VARIABLE(op);                                                               \
-    SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain() &&                           \
-                  IntegerOf(VARIABLE(op + 1), &number) && number >= 1)                     \
-    WAKE(variable)                                                                         \
-    TELL_STACK                                                                             \
-    DenseSlot bare;                                                                        \
-    if (!(create) && VALUE_SUFFICES(op + 3) && variable->FindBare(number, &bare)) {        \
-      if (bare.IsInteger()) PUSH(SetInteger(bare.integer()))                               \
-      else PUSH(SetDouble(bare.number()))                                                  \
-      NEXT(3)                                                                              \
-    }                                                                                      \
-    variable = variable->At(number, create);                                               \
-    PUSH(SetVariable(variable ? variable : null_variable))                                 \
-    NEXT(3)                                                                                \
   }
 #define MEMBER(name, create)                                                               \
   on_##name: {                                                                             \
@@ -662,19 +709,131 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     variable->Hold();                                                                      \
     REPLACE_TWO(SetOwned(variable))                                                        \
     NEXT(1)                                                                                \
-  }                                                                                        \
-  on_##name##OfVariable: {                                                                 \
-    variable = VARIABLE(op);                                                               \
-    SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain())                             \
-    WAKE(variable)                                                                         \
-    TELL_STACK                                                                             \
-    variable = variable->Member(op[1].text, op[1].length, create);                         \
-    PUSH(SetVariable(variable ? variable : null_variable))                                 \
-    NEXT(3)                                                                                \
   }
-// Runs the update at the current record on the variable that was found.
-#define UPDATE_FOUND __extension__({ \
-  goto *updates[static_cast<int>(op->action) - static_cast<int>(HotAction::UpdateAddConstant)]; });
+// --- For groups. STEP continues after a record that is not the group's last. MISFIT_UNLESS runs the
+// group's instructions one by one.
+#define STEP { op++; __extension__({ goto *places[static_cast<int>(op->action)]; }); }
+#define MISFIT_UNLESS(condition) if (!(condition)) [[unlikely]] goto misfit;
+// The variable of an operand that is a row, or a place; null if there is none.
+#define OPERAND(kind, position) VARIABLE_AT(static_cast<int>(kind), position)
+#define BASE_OF(record) \
+  ((record)->left == HotOperand::Place ? Referred(temporaries[(record)->first].variable) \
+                                       : OPERAND((record)->left, (record)->first))
+// Test the operand first or second of a pair, and then read its number. The tests come first, because
+// those of unusual variables are calls.
+#define READ_ROW(table, side, find, usual) \
+  side##_row = ROW_AT(table, op->side); \
+  if (!(side##_row && (side##_row->HoldsDouble() || side##_row->HoldsInteger()))) [[unlikely]] { \
+    side##_row = find(side##_row); \
+    if (!side##_row) goto usual; \
+  }
+#define READ_Global(side) READ_ROW(0, side, WithNumber, misfit)
+#define READ_Local(side) READ_ROW(1, side, WithNumber, misfit)
+#define READ_Temporary(side)
+#define READ_Constant(side)
+#define COMPARABLE_Global(side) READ_ROW(0, side, WithComparable, compare_texts)
+#define COMPARABLE_Local(side) READ_ROW(1, side, WithComparable, compare_texts)
+#define COMPARABLE_Temporary(side)
+#define COMPARABLE_Constant(side)
+#define VALUE_Global(side) NumberOf(side##_row)
+#define VALUE_Local(side) NumberOf(side##_row)
+#define VALUE_Temporary(side) temporaries[op->side].number
+#define VALUE_Constant(side) op->number
+// The plain variable that a group's last record stores to.
+#define FIND_TARGET \
+  variable = OPERAND(op->into, op->third); \
+  MISFIT_UNLESS(variable && variable->IsPlain())
+#define GROUP_ARITHMETIC(name, result, left, right) \
+  on_##name##Of##left##right: { \
+    READ_##left(first) READ_##right(second) \
+    const double a = VALUE_##left(first), b = VALUE_##right(second); \
+    temporaries[op->third].number = result; \
+    STEP \
+  } \
+  on_##name##To##left##right: { \
+    FIND_TARGET \
+    READ_##left(first) READ_##right(second) \
+    const double a = VALUE_##left(first), b = VALUE_##right(second); \
+    variable->Write_Double(result); \
+    NEXT(1) \
+  }
+#define GROUP_ADD(name, left, right) GROUP_ARITHMETIC(Add, a + b, left, right)
+#define GROUP_SUB(name, left, right) GROUP_ARITHMETIC(Sub, a - b, left, right)
+#define GROUP_MUL(name, left, right) GROUP_ARITHMETIC(Mul, a * b, left, right)
+#define GROUP_DIV(name, left, right) GROUP_ARITHMETIC(Div, (a == 0.0 ? 0.0 : a / b), left, right)
+#define GROUP_JUMP(name, holds, left, right) \
+  on_JumpIf##name##left##right: { \
+    COMPARABLE_##left(first) COMPARABLE_##right(second) \
+    const double a = VALUE_##left(first), b = VALUE_##right(second); \
+    JUMP_IF(holds, op, 1) \
+  }
+#define GROUP_LESS(name, left, right) GROUP_JUMP(Less, a < b, left, right)
+#define GROUP_EQUAL(name, left, right) GROUP_JUMP(Equal, a == b, left, right)
+#define GROUP_LESS_EQUAL(name, left, right) GROUP_JUMP(LessEqual, a <= b, left, right)
+#define GROUP_GREATER(name, left, right) GROUP_JUMP(Greater, !(a <= b), left, right)
+#define GROUP_NOT_EQUAL(name, left, right) GROUP_JUMP(NotEqual, !(a == b), left, right)
+#define GROUP_GREATER_EQUAL(name, left, right) GROUP_JUMP(GreaterEqual, !(a < b), left, right)
+// Read an operand of any kind: as an integer, and as a number to compare by.
+#define INTEGER_OF(kind, position, out) \
+  if (kind == HotOperand::Temporary) { \
+    *(out) = DoubleToInteger(temporaries[position].number); \
+  } else if (kind == HotOperand::Constant) { \
+    *(out) = position; \
+  } else { \
+    MISFIT_UNLESS(IntegerOf(OPERAND(kind, position), out)) \
+  }
+#define COMPARABLE_OF(kind, position, result, missing) \
+  if (kind == HotOperand::Temporary) { \
+    *(result) = temporaries[position].number; \
+  } else if (kind == HotOperand::Constant) { \
+    *(result) = op->number; \
+  } else { \
+    variable = OPERAND(kind, position); \
+    if (!FIND_COMPARABLE(variable, result)) [[unlikely]] goto missing; \
+  }
+// The order of two operands of which one was loaded. Texts are compared out of line.
+#define LOADED_OF(kind, position) \
+  (kind == HotOperand::Temporary ? temporaries[position].variable \
+   : kind == HotOperand::Constant ? nullptr : OPERAND(kind, position))
+#define LOADED_NUMBER(kind, position) \
+  (kind == HotOperand::Temporary ? temporaries[position].number : op->number)
+#define FIND_LOADED_ORDER \
+  (first_row = LOADED_OF(op->left, op->first), second_row = LOADED_OF(op->right, op->second), \
+   FindLoadedOrder(first_row, LOADED_NUMBER(op->left, op->first), second_row, \
+                   LOADED_NUMBER(op->right, op->second), &order, &patience))
+// An operation on one or two integers, and one on one or two truths.
+#define GROUP_INTEGERS(name, result) \
+  on_##name##Of: { \
+    int a, b; \
+    INTEGER_OF(op->left, op->first, &a) \
+    INTEGER_OF(op->right, op->second, &b) \
+    temporaries[op->third].number = result; \
+    STEP \
+  } \
+  on_##name##To: { \
+    int a, b; \
+    INTEGER_OF(op->left, op->first, &a) \
+    INTEGER_OF(op->right, op->second, &b) \
+    FIND_TARGET \
+    variable->Write_Integer(result); \
+    NEXT(1) \
+  }
+#define GROUP_TRUTHS(name, result) \
+  on_##name##Of: { \
+    double a, b; \
+    COMPARABLE_OF(op->left, op->first, &a, misfit) \
+    COMPARABLE_OF(op->right, op->second, &b, misfit) \
+    temporaries[op->third].number = result; \
+    STEP \
+  } \
+  on_##name##To: { \
+    double a, b; \
+    COMPARABLE_OF(op->left, op->first, &a, misfit) \
+    COMPARABLE_OF(op->right, op->second, &b, misfit) \
+    FIND_TARGET \
+    variable->Write_Integer(result); \
+    NEXT(1) \
+  }
   // clang-format on
 
   goto entered;
@@ -847,24 +1006,21 @@ on_ModConstant : {
   REPLACE_ONE(SetInteger(Remainder(order, op->first)))
   NEXT(2)
 }
-on_ModVariableConstant : {
-  int order;
-  SINGLE_UNLESS(HAS_ROOM && IntegerOf(VARIABLE(op), &order))
-  PUSH(SetInteger(Remainder(order, op[1].first)))
-  NEXT(3)
-}
-on_ModVariableConstantJump : {
-  int order;
-  SINGLE_UNLESS(HAS_ROOM && IntegerOf(VARIABLE(op), &order))
-  order = Remainder(order, op[1].first);
-  JUMP_IF((order != 0) == (op[3].single == HotAction::JumpNotEqual), op + 3, 4)
-}
   COMPARISON(Equal, a == b, order == 0)
   COMPARISON(NotEqual, !(a == b), order != 0)
   COMPARISON(Less, a < b, order < 0)
   COMPARISON(LessEqual, a <= b, order <= 0)
   COMPARISON(Greater, !(a <= b), order > 0)
   COMPARISON(GreaterEqual, !(a < b), order >= 0)
+on_Order : {
+  int order;
+  LEAVE_UNLESS(HOLDS_TWO && IsOrdinary(top - 1) && IsOrdinary(top - 2))
+  TELL_STACK
+  order = s->Compare();
+  ASK_STACK
+  PUSH(SetInteger(order))
+  NEXT_AFTER_WORK(1)
+}
   BITS(BitAnd, a & b)
   BITS(BitOr, a | b)
   BITS(BitXor, a ^ b)
@@ -894,6 +1050,20 @@ on_Jump:
   JUMP_ON(JumpGreater, order > 0)
   JUMP_ON(JumpGreaterEqual, order >= 0)
 
+on_CompareTopJump : {
+  int order;
+  double a, b;
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<IsComparableSlow>(top - 1))
+  if (op[1].single == HotAction::PushVariable) {
+    other = VARIABLE(op + 1);
+    SINGLE_UNLESS(FIND_COMPARABLE(other, &b))
+  } else {
+    b = op[1].number;
+  }
+  a = NumberIn(top - 1);
+  order = OrderOf(a, b);
+  JUMP_IF(Jumps(op, order), op + 3, 4)
+}
 on_CompareConstant : {
   int order;
   LEAVE_UNLESS(HAS_ROOM && FindOrder(ROW_OF(op), op->second, &order))
@@ -915,7 +1085,10 @@ on_CompareGlobals : {
 on_CompareGlobalsJump : {
   int order;
   LEAVE_UNLESS(HAS_ROOM)
-  if (!FindOrder(ROW_OF(op), SECOND_ROW(op), &order)) goto on_Handler;
+  if (!FindOrder(ROW_OF(op), SECOND_ROW(op), &order)) {
+    if (!FindOrderOfVariables(ROW_OF(op), SECOND_ROW(op), &order)) goto on_Handler;
+    patience = 1;
+  }
   JUMP_IF(Jumps(op + 1, order), op + 1, 2)
 }
 on_ModGlobals : {
@@ -954,6 +1127,14 @@ on_Line:
   LEAVE_UNLESS(!log_gate.Wants(Log_Trace))
   current_line = op->first;
   NEXT(1)
+on_SourceLine:
+  SINGLE_UNLESS(!log_gate.Wants(Log_Trace))
+  current_line = op[1].first;
+  if (source_file == op->first) [[likely]] NEXT(2)
+  traced_line = 0;
+  source_file = op->first;
+  source_name = nullptr;
+  NEXT(2)
 on_SourceFile:
   if (source_file != op->first) {
     traced_line = 0;
@@ -965,73 +1146,6 @@ on_SourceFile:
   ELEMENT(ElementReadOnly, 0)
   MEMBER(Member, 1)
   MEMBER(MemberReadOnly, 0)
-on_ElementOfVariableUpdate : {
-  int number;
-  variable = VARIABLE(op);
-  SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain() &&
-                IntegerOf(VARIABLE(op + 1), &number) && number >= 1)
-  WAKE(variable)
-  TELL_STACK
-  variable = variable->At(number, 1);
-  op += 3;
-  UPDATE_FOUND
-}
-on_MemberOfVariableUpdate:
-  variable = VARIABLE(op);
-  SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain())
-  WAKE(variable)
-  TELL_STACK
-  variable = variable->Member(op[1].text, op[1].length, 1);
-  op += 3;
-  if (!variable) [[unlikely]]
-    variable = null_variable;
-  UPDATE_FOUND
-push_found:
-  PUSH(SetVariable(variable))
-  RAN(op)
-  GO_TO(op->single);
-on_ElementOfVariableStore : {
-  int number;
-  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE)
-  variable = VARIABLE(op);
-  SINGLE_UNLESS(variable && IntegerOf(VARIABLE(op + 1), &number) && number >= 1)
-  TELL_STACK
-  if (top[-1].kind == ZephVM_Stack::KindDouble) {
-    SINGLE_UNLESS(variable->WriteElement(number, top[-1].value.number))
-  } else if (top[-1].kind == ZephVM_Stack::KindInteger) {
-    SINGLE_UNLESS(variable->WriteElement(number, top[-1].value.integer))
-  } else {
-    SINGLE_UNLESS(top[-1].kind == ZephVM_Stack::KindVariable)
-    const Variable* source = top[-1].value.variable;
-    const unsigned forms = source->plain_forms();
-    if (forms == Variable::IntegerForm) {
-      SINGLE_UNLESS(variable->WriteElement(number, source->plain_integer()))
-    } else {
-      SINGLE_UNLESS(forms == Variable::DoubleForm &&
-                    variable->WriteElement(number, source->plain_double()))
-    }
-  }
-  --top;
-  ZephVM_Stack::Free(top);
-  NEXT(4)
-}
-on_ElementStore : {
-  int number;
-  SINGLE_UNLESS(top - 2 > bottom && top[-2].kind == ZephVM_Stack::KindVariable &&
-                top[-3].kind <= ZephVM_Stack::KindDouble && IntegerIn(top - 1, &number) &&
-                number >= 1)
-  variable = top[-2].value.variable->Real();
-  TELL_STACK
-  if (top[-3].kind == ZephVM_Stack::KindDouble) {
-    SINGLE_UNLESS(variable->WriteElement(number, top[-3].value.number))
-  } else {
-    SINGLE_UNLESS(variable->WriteElement(number, top[-3].value.integer))
-  }
-  ZephVM_Stack::Free(top - 1);
-  ZephVM_Stack::Free(top - 2);
-  top -= 3;
-  NEXT(2)
-}
 on_Handler:
   TELL_STACK
   instruction_start = op->start;
@@ -1099,6 +1213,402 @@ written:
   RAN(op)
   GO_TO(op->action);
 
+  ZEPH_HOT_PAIRS(GROUP_ADD, )
+  ZEPH_HOT_PAIRS(GROUP_SUB, )
+  ZEPH_HOT_PAIRS(GROUP_MUL, )
+  ZEPH_HOT_PAIRS(GROUP_DIV, )
+  ZEPH_HOT_PAIRS(GROUP_LESS, )
+  ZEPH_HOT_PAIRS(GROUP_EQUAL, )
+  ZEPH_HOT_PAIRS(GROUP_LESS_EQUAL, )
+  ZEPH_HOT_PAIRS(GROUP_GREATER, )
+  ZEPH_HOT_PAIRS(GROUP_NOT_EQUAL, )
+  ZEPH_HOT_PAIRS(GROUP_GREATER_EQUAL, )
+  GROUP_INTEGERS(Mod, Remainder(a, b))
+  GROUP_INTEGERS(BitAnd, a & b)
+  GROUP_INTEGERS(BitOr, a | b)
+  GROUP_INTEGERS(BitXor, a ^ b)
+  GROUP_INTEGERS(ShiftLeft, static_cast<int>(static_cast<unsigned>(a) << (b & 31)))
+  GROUP_INTEGERS(ShiftRight, a >> (b & 31))
+  GROUP_TRUTHS(And, (a != 0.0) & (b != 0.0))
+  GROUP_TRUTHS(Or, (a != 0.0) | (b != 0.0))
+on_BitNotOf : {
+  int b;
+  INTEGER_OF(op->right, op->second, &b)
+  temporaries[op->third].number = ~b;
+  STEP
+}
+on_BitNotTo : {
+  int b;
+  INTEGER_OF(op->right, op->second, &b)
+  FIND_TARGET
+  variable->Write_Integer(~b);
+  NEXT(1)
+}
+on_NotOf : {
+  double b;
+  COMPARABLE_OF(op->right, op->second, &b, misfit)
+  temporaries[op->third].number = b == 0.0;
+  STEP
+}
+on_NotTo : {
+  double b;
+  COMPARABLE_OF(op->right, op->second, &b, misfit)
+  FIND_TARGET
+  variable->Write_Integer(b == 0.0);
+  NEXT(1)
+}
+on_CompareOf : {
+  double a, b;
+  COMPARABLE_OF(op->left, op->first, &a, misfit)
+  COMPARABLE_OF(op->right, op->second, &b, misfit)
+  temporaries[op->third].number = Jumps(op, OrderOf(a, b));
+  STEP
+}
+on_CompareTo : {
+  double a, b;
+  COMPARABLE_OF(op->left, op->first, &a, misfit)
+  COMPARABLE_OF(op->right, op->second, &b, misfit)
+  FIND_TARGET
+  variable->Write_Integer(Jumps(op, OrderOf(a, b)));
+  NEXT(1)
+}
+on_CompareLoadedOf : {
+  int order;
+  MISFIT_UNLESS(FIND_LOADED_ORDER)
+  temporaries[op->third].number = Jumps(op, order);
+  STEP
+}
+on_CompareLoadedTo : {
+  int order;
+  MISFIT_UNLESS(FIND_LOADED_ORDER)
+  FIND_TARGET
+  variable->Write_Integer(Jumps(op, order));
+  NEXT(1)
+}
+on_JumpIfLoaded : {
+  int order;
+  MISFIT_UNLESS(FIND_LOADED_ORDER)
+  JUMP_IF(Jumps(op, order), op, 1)
+}
+on_CompareTextOf : {
+  int order;
+  variable = BASE_OF(op);
+  MISFIT_UNLESS(FindOrderOfText(variable, op, &order))
+  temporaries[op->third].number = Jumps(op, order);
+  STEP
+}
+on_CompareTextTo : {
+  int order;
+  variable = BASE_OF(op);
+  MISFIT_UNLESS(FindOrderOfText(variable, op, &order))
+  FIND_TARGET
+  variable->Write_Integer(Jumps(op, order));
+  patience = 1;
+  NEXT(1)
+}
+on_JumpIfText : {
+  int order;
+  variable = BASE_OF(op);
+  MISFIT_UNLESS(FindOrderOfText(variable, op, &order))
+  if (op->length > ZephVM_Stack::ShortText) patience = 1;
+  JUMP_IF(Jumps(op, order), op + 1, 2)
+}
+// Two variables that are not both numbers, at a comparison with a jump.
+compare_texts : {
+  int order;
+  MISFIT_UNLESS(op->left <= HotOperand::Local && op->right <= HotOperand::Local)
+  variable = OPERAND(op->left, op->first);
+  MISFIT_UNLESS(FindOrderOfVariables(variable, OPERAND(op->right, op->second), &order))
+  patience = 1;
+  JUMP_IF(Jumps(op, order), op, 1)
+}
+on_JumpIfNumber:
+  JUMP_IF(Jumps(op, OrderOf(DoubleToInteger(temporaries[op->first].number), 0)), op, 1)
+on_LoadElement : {
+  int number;
+  DenseSlot bare;
+  variable = BASE_OF(op);
+  INTEGER_OF(op->right, op->second, &number)
+  MISFIT_UNLESS(variable && number >= 1)
+  TELL_STACK
+  Temporary* const loaded = &temporaries[op->third];
+  if (variable->FindBare(number, &bare)) [[likely]] {
+    loaded->variable = nullptr;
+    loaded->form = bare.IsInteger() ? HotForm::Integer : HotForm::Double;
+    loaded->number = bare.IsInteger() ? bare.integer() : bare.number();
+    STEP
+  }
+  MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
+  variable = variable->At(number, 0);
+  MISFIT_UNLESS(variable && Load(variable, op->load, loaded))
+  STEP
+}
+on_LoadMember:
+  variable = BASE_OF(op);
+  MISFIT_UNLESS(variable && variable->IsPlain() && variable->HoldsStructure())
+  TELL_STACK
+  variable = variable->Member(op->text, op->length, 0);
+  MISFIT_UNLESS(variable && Load(variable, op->load, &temporaries[op->third]))
+  STEP
+// An element that is created stays if the group does not apply: its instructions create it again, in
+// the same order.
+on_FindElement : {
+  int number;
+  variable = BASE_OF(op);
+  INTEGER_OF(op->right, op->second, &number)
+  MISFIT_UNLESS(variable && number >= 1 && variable->IsPlain() && variable->HoldsArray())
+  TELL_STACK
+  variable = variable->At(number, op->create);
+  MISFIT_UNLESS(variable)
+  temporaries[op->third].variable = variable;
+  STEP
+}
+on_FindMember:
+  variable = BASE_OF(op);
+  MISFIT_UNLESS(variable && variable->IsPlain() && variable->HoldsStructure())
+  TELL_STACK
+  variable = variable->Member(op->text, op->length, op->create);
+  MISFIT_UNLESS(variable)
+  temporaries[op->third].variable = variable;
+  STEP
+on_MoveVariable:
+  FIND_TARGET
+  first_row = OPERAND(op->left, op->first);
+  MISFIT_UNLESS(first_row && first_row->plain_forms() != 0)
+  if (variable->CopyNumber(*first_row)) NEXT(1)
+  TELL_STACK
+  patience = 1;
+  variable->Write_Value(*first_row);
+  NEXT(1)
+on_MoveText:
+  FIND_TARGET
+  TELL_STACK
+  variable->SetValue(op->text, op->length);
+  NEXT(1)
+on_MoveNumber : {
+  FIND_TARGET
+  if (op->form == HotForm::Integer) {
+    variable->Write_Integer(op->left == HotOperand::Constant
+                                ? op->first
+                                : static_cast<int>(temporaries[op->first].number));
+  } else {
+    variable->Write_Double(op->left == HotOperand::Constant ? op->number
+                                                            : temporaries[op->first].number);
+  }
+  NEXT(1)
+}
+on_MoveElement : {
+  int number;
+  DenseSlot bare;
+  FIND_TARGET
+  Variable* const target = variable;
+  variable = BASE_OF(op);
+  INTEGER_OF(op->right, op->second, &number)
+  MISFIT_UNLESS(variable && number >= 1 && variable != target)
+  TELL_STACK
+  if (variable->FindBare(number, &bare)) [[likely]] {
+    if (bare.IsInteger()) {
+      target->Write_Integer(bare.integer());
+    } else {
+      target->Write_Double(bare.number());
+    }
+    NEXT(1)
+  }
+  MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
+  variable = variable->At(number, op->create);
+  MISFIT_UNLESS(variable && variable != target && target->CopyNumber(*variable->Real()))
+  NEXT(1)
+}
+on_MoveMember : {
+  FIND_TARGET
+  Variable* const target = variable;
+  variable = BASE_OF(op);
+  MISFIT_UNLESS(variable && variable != target && variable->IsPlain() && variable->HoldsStructure())
+  TELL_STACK
+  variable = variable->Member(op->text, op->length, op->create);
+  MISFIT_UNLESS(variable && variable != target && target->CopyNumber(*variable->Real()))
+  NEXT(1)
+}
+// The value has to be a bare number, so that nothing else of it would be stored.
+on_StoreElement : {
+  int number;
+  double value;
+  HotForm form = op->form;
+  variable = BASE_OF(op);
+  INTEGER_OF(op->right, op->second, &number)
+  MISFIT_UNLESS(variable && number >= 1)
+  if (op->into == HotOperand::Temporary) {
+    value = temporaries[op->third].number;
+    first_row = nullptr;
+    if (form == HotForm::AsLoaded) {
+      form = temporaries[op->third].form;
+      first_row = temporaries[op->third].variable;
+    }
+    if (first_row) {
+      // A text, from another element or a member.
+      MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
+      TELL_STACK
+      variable = variable->At(number, 1);
+      MISFIT_UNLESS(variable && variable->IsPlain())
+      patience = 1;
+      variable->Write_Value(*first_row);
+      NEXT(1)
+    }
+  } else if (op->into == HotOperand::Constant) {
+    value = op->number;
+  } else {
+    other = OPERAND(op->into, op->third);
+    MISFIT_UNLESS(other && FindAlone(other, &value, &form))
+  }
+  TELL_STACK
+  if (form == HotForm::Double) {
+    MISFIT_UNLESS(variable->WriteElement(number, value))
+  } else {
+    MISFIT_UNLESS(form == HotForm::Integer && variable->WriteElement(number, static_cast<int>(value)))
+  }
+  NEXT(1)
+}
+on_StoreMember : {
+  double value;
+  HotForm form = op->form;
+  variable = BASE_OF(op);
+  MISFIT_UNLESS(variable && variable->IsPlain() && variable->HoldsStructure())
+  if (op->right == HotOperand::Temporary) {
+    value = temporaries[op->second].number;
+    if (form == HotForm::AsLoaded) form = temporaries[op->second].form;
+    MISFIT_UNLESS(form != HotForm::AsLoaded)
+  } else if (op->right == HotOperand::Constant) {
+    value = op->number;
+  } else {
+    other = OPERAND(op->right, op->second);
+    MISFIT_UNLESS(other && FindAlone(other, &value, &form))
+  }
+  TELL_STACK
+  variable = variable->Member(op->text, op->length, op->create);
+  MISFIT_UNLESS(variable && Put(variable->Real(), value, form))
+  NEXT(1)
+}
+on_PushNumber : {
+  const double number = temporaries[op->first].number;
+  MISFIT_UNLESS(HAS_ROOM)
+  if (op->form == HotForm::Integer) {
+    PUSH(SetInteger(static_cast<int>(number)))
+  } else {
+    PUSH(SetDouble(number))
+  }
+  NEXT(1)
+}
+on_PushElement : {
+  int number;
+  variable = BASE_OF(op);
+  INTEGER_OF(op->right, op->second, &number)
+  MISFIT_UNLESS(HAS_ROOM && variable && variable->IsPlain() && number >= 1)
+  WAKE(variable)
+  TELL_STACK
+  DenseSlot bare;
+  if (!op->create && VALUE_SUFFICES(op[1].plain) && variable->FindBare(number, &bare)) {
+    if (bare.IsInteger()) {
+      PUSH(SetInteger(bare.integer()))
+    } else {
+      PUSH(SetDouble(bare.number()))
+    }
+    NEXT(1)
+  }
+  variable = variable->At(number, op->create);
+  PUSH(SetVariable(variable ? variable : null_variable))
+  NEXT(1)
+}
+on_PushMember:
+  variable = BASE_OF(op);
+  MISFIT_UNLESS(HAS_ROOM && variable && variable->IsPlain())
+  WAKE(variable)
+  TELL_STACK
+  variable = variable->Member(op->text, op->length, op->create);
+  PUSH(SetVariable(variable ? variable : null_variable))
+  NEXT(1)
+// A group that keeps failing to apply is set aside for a while, because its beginning is run twice.
+misfit:
+  op = op->plain;
+  if (++op->misfits == kMostMisfits) {
+    op->misfits = kRest;
+    op->fast->action = HotAction::Rest;
+  }
+  GO_TO(op->single);
+on_Rest:
+  op = op->plain;
+  if (--op->misfits == 0) op->fast->action = op->fast->single;
+  GO_TO(op->single);
+on_Resume:
+  op = op->fast;
+  GO_TO(op->action);
+on_ReturnNumber : {
+  MISFIT_UNLESS(frame->returns_hot)
+  number_passed = op->left == HotOperand::Constant ? op->number : temporaries[op->first].number;
+  ZephVM_Stack* const callers = frame->previous->stack;
+  MISFIT_UNLESS(callers->HasRoom(1))
+  if (op->form == HotForm::Double) goto return_number;
+  callers->End()->SetInteger(static_cast<int>(number_passed));
+  callers->SetEnd(callers->End() + 1);
+  goto returned;
+}
+on_CallWith : {
+  const int count = op->second;
+  MISFIT_UNLESS(KNOWS_CALLED && HAS_ROOM && called->simple_parameters == count)
+  TELL_STACK
+  const HotOp* argument = op;
+  const _VH_Entry* parameter = locals;
+  const _VH_Entry* const end = locals + count;
+  for (; parameter != end; parameter++) {
+    argument++;
+    Variable* const begun = parameter->variable;
+    if (!begun) [[unlikely]] break;
+    if (called->references >> (parameter - locals) & 1) {
+      // The variable itself and not what it refers to, because it may be made to refer to another.
+      variable = argument->left == HotOperand::Place ? temporaries[argument->first].variable
+                                                     : ROW_OF(argument);
+      if (!variable) [[unlikely]] break;
+      WAKE(variable)
+      begun->Begin(variable);
+    } else if (argument->left <= HotOperand::Local) {
+      other = OPERAND(argument->left, argument->first);
+      if (other && other->HoldsDouble()) {
+        begun->Begin(other->plain_double());
+      } else if (other && other->HoldsInteger()) {
+        begun->Begin(other->plain_integer());
+      } else if (!BeginWith(begun, const_cast<Variable*>(other))) {
+        break;
+      }
+    } else if (argument->left == HotOperand::Text) {
+      begun->Wake();
+      begun->SetValue(argument->text, argument->length);
+    } else {
+      const bool constant = argument->left == HotOperand::Constant;
+      const double number = constant ? argument->number : temporaries[argument->first].number;
+      const HotForm form =
+          argument->form == HotForm::AsLoaded ? temporaries[argument->first].form : argument->form;
+      if (argument->form == HotForm::AsLoaded && temporaries[argument->first].variable) {
+        if (!BeginWith(begun, temporaries[argument->first].variable)) break;
+      } else if (form == HotForm::Double) {
+        begun->Begin(number);
+      } else if (form == HotForm::Integer) {
+        begun->Begin(static_cast<int>(number));
+      } else {
+        break;
+      }
+    }
+  }
+  if (parameter != end) [[unlikely]] {
+    // The machine's call makes them again.
+    if (called->variables->Renew(*called->locals)) goto misfit;
+    idle_frames[static_cast<unsigned>(op->first)] = called->next_idle;
+    delete called;
+    goto misfit;
+  }
+  returns_to = op + 1 + count;
+  RAN_UP_TO(returns_to->plain - 1, count)
+  goto enter;
+}
+
 // Most calls are of functions in this code, with numbers as arguments and a kept frame. HAS_ROOM
 // also ensures that the result fits on the caller's stack, so return_number need not test that.
 on_Call:
@@ -1112,15 +1622,16 @@ on_Call:
     const int count = called->simple_parameters;
     if (top - count < bottom || !AreArguments(called->references, count, top)) goto call;
     TELL_STACK
-    top = MoveArguments(called->variables, called->references, count, s, &patience);
+    top = MoveArguments(called->variables, locals, called->references, count, s, &patience);
   }
-enter : {
-  ZephVM_Frame* const caller = frame;
   RAN_UP_TO(op, called->simple_parameters)
   TELL_STACK
+  returns_to = op + 1;
+enter : {
+  ZephVM_Frame* const caller = frame;
   idle_frames[static_cast<unsigned>(op->first)] = called->next_idle;
-  called->return_offset = op[1].start;
-  called->return_op = op + 1;
+  called->return_offset = returns_to->start;
+  called->return_op = returns_to;
   called->error_output = caller->error_output;
   called->output_mode = called->simple_mode;
   called->previous = caller;
@@ -1129,29 +1640,27 @@ enter : {
   frame_count++;
   op = called->entry;
   rows[1] = locals;
+  counts[1] = local_count;
   EnterFrame(called);
   s = called->stack;
   ASK_STACK
+  if (called->entry_segment != loaded_segment) [[unlikely]] {
+    wanted_segment = called->entry_segment;
+    program_counter = called->entry_offset;
+    segments->Lookup(wanted_segment)->NoteRepeat(*dictionary, functions);
+    goto moved;
+  }
   STARTED
   if (--patience == 0) [[unlikely]]
     goto look;
   GO_TO(op->action);
 }
-// In most cases the number is the only argument and goes straight into its variable. Otherwise it
-// is pushed.
-call_with_number:
-  if (KNOWS_CALLED && called->simple_parameters == 1 && locals->variable && called->references == 0)
-      [[likely]] {
-    locals->variable->Begin(number_passed);
-    goto enter;
-  }
-  PUSH(SetDouble(number_passed))
-  goto on_Call;
 unknown_called:
-  if (called && called->simple_parameters >= 0 && called->return_code != code_serial &&
-      called->entry_segment == loaded_segment) {
-    called->entry = hot->At(called->entry_offset);
-    if (called->entry) {
+  if (called && called->simple_parameters >= 0 && called->return_code != code_serial) {
+    // The code of another segment is found when it is entered, because it may have changed by then.
+    const bool here = called->entry_segment == loaded_segment;
+    called->entry = here ? hot->At(called->entry_offset) : nullptr;
+    if (called->entry || (!here && segments->Lookup(called->entry_segment))) {
       called->return_segment = loaded_segment;
       called->return_code = code_serial;
       called->returns_hot = true;
@@ -1202,13 +1711,14 @@ on_Return : {
 // must have no other form and no other holder.
 on_ReturnVariable : {
   variable = ROW_OF(op);
-  SINGLE_UNLESS(HAS_ROOM && variable && frame->return_code == code_serial)
-  const HotOp* const use = static_cast<ZephVM_FunctionFrame*>(frame)->return_op;
+  SINGLE_UNLESS(HAS_ROOM && variable && (frame->return_code == code_serial || ReturnsToDecoded()))
+  const HotOp* const use = static_cast<ZephVM_FunctionFrame*>(frame)->return_op->plain;
   SINGLE_UNLESS(
       (use->after_value || IsPlainTarget(use, frame->previous->variables, rows[0], counts[0])) &&
       variable->IsPlain() && variable->plain_count() == 1)
-  if (FindAlone(variable, &number_passed)) {
-    if (use->after_number || variable->HoldsDouble()) goto return_number;
+  HotForm form;
+  if (FindAlone(variable, &number_passed, &form)) {
+    if (use->after_number || form == HotForm::Double) goto return_number;
     Entry* const value = frame->previous->stack->End();
     value->SetInteger(variable->plain_integer());
     frame->previous->stack->SetEnd(value + 1);
@@ -1239,21 +1749,24 @@ returned : {
   frame = caller;
   stack = s = caller->stack;
   frame_count--;
-  if (called->return_code == code_serial && called->variables->Renew(*called->locals)) [[likely]] {
-    op = called->return_op;
+  // With a return_code it came from the frames that are kept.
+  if (called->return_code != 0 && called->variables->Renew(*called->locals)) [[likely]] {
     ZephVM_FunctionFrame** const idle = &idle_frames[called->place];
     called->next_idle = *idle;
     *idle = called;
-  } else {
+    op = called->return_code == code_serial ? called->return_op : nullptr;
     wanted_segment = called->return_segment;
     program_counter = called->return_offset;
-    op = wanted_segment == loaded_segment ? hot->At(program_counter) : nullptr;
+  } else {
+    op = nullptr;
+    wanted_segment = called->return_segment;
+    program_counter = called->return_offset;
     KeepFrame(called);
   }
   if (hot_mode != caller->output_mode) [[unlikely]]
     SetOutputMode(caller->output_mode);
   if (!op) [[unlikely]]
-    return;
+    goto moved;
   ASK_STACK
   rows[1] = caller->variables->Rows(&counts[1]);
   GO_TO(op->action);
@@ -1264,9 +1777,18 @@ look:
   if (RAISED) goto on_Leave;
   GO_TO(op->action);
 
-// The called code may have written to this segment, which drops its decoded form.
+// The called code may have written to this segment, which drops its decoded form, or be in another one.
 moved:
-  if (stop_flag || wanted_segment != loaded_segment || segment->hot() != hot || RAISED) return;
+  if (stop_flag || RAISED) return;
+  if (wanted_segment != loaded_segment) {
+    if (!segments->Lookup(wanted_segment)) return;
+    LoadSegment();
+  }
+  if (segment->hot() != hot) {
+    hot = segment->hot();
+    if (!hot) return;
+  }
+  code_serial = hot->serial();
   op = hot->At(program_counter);
   if (!op) return;
 entered:
@@ -1321,11 +1843,47 @@ on_Leave:
 #undef VALUE_SUFFICES
 #undef ARITHMETIC
 #undef UPDATE
-#undef UPDATE_FOUND
 #undef COMPARISON
 #undef BITS
 #undef LOGIC
 #undef JUMP_ON
 #undef ELEMENT
 #undef MEMBER
+#undef MISFIT_UNLESS
+#undef STEP
+#undef READ_Global
+#undef READ_Local
+#undef READ_Temporary
+#undef READ_Constant
+#undef COMPARABLE_Global
+#undef COMPARABLE_Local
+#undef COMPARABLE_Temporary
+#undef COMPARABLE_Constant
+#undef VALUE_Global
+#undef VALUE_Local
+#undef VALUE_Temporary
+#undef VALUE_Constant
+#undef READ_ROW
+#undef BASE_OF
+#undef GROUP_ARITHMETIC
+#undef GROUP_ADD
+#undef GROUP_SUB
+#undef GROUP_MUL
+#undef GROUP_DIV
+#undef GROUP_LESS
+#undef GROUP_EQUAL
+#undef GROUP_LESS_EQUAL
+#undef GROUP_GREATER
+#undef GROUP_NOT_EQUAL
+#undef GROUP_GREATER_EQUAL
+#undef GROUP_JUMP
+#undef GROUP_INTEGERS
+#undef GROUP_TRUTHS
+#undef OPERAND
+#undef INTEGER_OF
+#undef COMPARABLE_OF
+#undef LOADED_OF
+#undef LOADED_NUMBER
+#undef FIND_LOADED_ORDER
+#undef FIND_TARGET
 }

@@ -217,12 +217,16 @@ class Variable {
   bool HoldsDouble() const { return state == DoubleForm; }
   // REQUIRES: plain_forms() is not 0.
   bool has_double() const { return (state & DoubleForm) != 0; }
+  // Whether its value was stored as an integer.
+  bool is_stored_integer() const { return primary == PrimaryInteger; }
   // REQUIRES: plain_forms() contains that form.
   int plain_integer() const { return integer_value; }
   double plain_double() const { return double_value; }
   const String& plain_text() const { return string_value; }
   // REQUIRES: IsPlain().
   int plain_count() const { return refcount_; }
+  bool HoldsArray() const { return aggregate == AggregateArray; }
+  bool HoldsStructure() const { return aggregate == AggregateStructure; }
 
   // value_integer()
   int Read_Integer() {
