@@ -85,6 +85,7 @@ ZephVM_FunctionFrame* ZephVM::FrameFor(Function* function) {
     if (idle && idle->function == function) {
       idle_frames[index] = idle->next_idle;
       idle->return_code = 0;
+      idle->value_suffices = idle->number_suffices = false;
       idle->returns_hot = ReturnsNeedNoRecord();
       return idle;
     }

@@ -59,6 +59,9 @@ class ZephVM_Frame {
   // The HotCode::serial() of the calling code, to which it returns, if that was decoded and
   // returns_hot holds; else 0.
   long return_code = 0;
+  // Whether what becomes of the result is known to use only its value, or only its number.
+  bool value_suffices = false;
+  bool number_suffices = false;
 };
 
 // The activation of a function of the script.

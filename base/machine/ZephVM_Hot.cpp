@@ -182,6 +182,16 @@ template <Suitable Slow>
   return true;
 }
 
+// Whether they are numbers that can begin the function's variables, as most are.
+[[gnu::always_inline]] inline bool AreNumbers(uint64_t references, const _VH_Entry* rows, int count,
+                                              const Entry* bottom, const Entry* top) {
+  if (references != 0 || top - count < bottom) return false;
+  for (const Entry* entry = top - count; entry != top; entry++, rows++) {
+    if (entry->kind > ZephVM_Stack::KindDouble || !rows->variable) return false;
+  }
+  return true;
+}
+
 // Moves the arguments on top of a stack into the first variables of a function. Returns where the
 // stack then ends. *patience is 1 afterwards if the time depended on the size of a value.
 // REQUIRES: AreArguments; the variables that exist are as a new call needs them.
@@ -1614,10 +1624,17 @@ on_CallWith : {
 on_Call:
   if (!(KNOWS_CALLED && HAS_ROOM)) [[unlikely]]
     goto unknown_called;
-  if (called->simple_parameters == 1 && HOLDS_ONE && IsDouble(top - 1) && locals->variable &&
-      called->references == 0) {
-    --top;
-    locals->variable->Begin(top->value.number);
+  if (AreNumbers(called->references, locals, called->simple_parameters, bottom, top)) [[likely]] {
+    const _VH_Entry* row = locals + called->simple_parameters;
+    while (row != locals) {
+      Variable* const parameter = (--row)->variable;
+      --top;
+      if (IsDouble(top)) {
+        parameter->Begin(top->value.number);
+      } else {
+        parameter->Begin(top->value.integer);
+      }
+    }
   } else {
     const int count = called->simple_parameters;
     if (top - count < bottom || !AreArguments(called->references, count, top)) goto call;
@@ -1632,6 +1649,11 @@ enter : {
   idle_frames[static_cast<unsigned>(op->first)] = called->next_idle;
   called->return_offset = returns_to->start;
   called->return_op = returns_to;
+  // What is returned at once has the use of the caller's own result.
+  const HotOp* const use = returns_to->plain;
+  const bool passed = use->single == HotAction::Return;
+  called->value_suffices = use->after_value | (passed & caller->value_suffices);
+  called->number_suffices = use->after_number | (passed & caller->number_suffices);
   called->error_output = caller->error_output;
   called->output_mode = called->simple_mode;
   called->previous = caller;
@@ -1711,14 +1733,15 @@ on_Return : {
 // must have no other form and no other holder.
 on_ReturnVariable : {
   variable = ROW_OF(op);
-  SINGLE_UNLESS(HAS_ROOM && variable && (frame->return_code == code_serial || ReturnsToDecoded()))
-  const HotOp* const use = static_cast<ZephVM_FunctionFrame*>(frame)->return_op->plain;
-  SINGLE_UNLESS(
-      (use->after_value || IsPlainTarget(use, frame->previous->variables, rows[0], counts[0])) &&
-      variable->IsPlain() && variable->plain_count() == 1)
+  SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain() && variable->plain_count() == 1)
+  if (!frame->value_suffices) {
+    SINGLE_UNLESS(frame->return_code == code_serial || ReturnsToDecoded())
+    const HotOp* const use = static_cast<ZephVM_FunctionFrame*>(frame)->return_op->plain;
+    SINGLE_UNLESS(IsPlainTarget(use, frame->previous->variables, rows[0], counts[0]))
+  }
   HotForm form;
   if (FindAlone(variable, &number_passed, &form)) {
-    if (use->after_number || form == HotForm::Double) goto return_number;
+    if (frame->number_suffices || form == HotForm::Double) goto return_number;
     Entry* const value = frame->previous->stack->End();
     value->SetInteger(variable->plain_integer());
     frame->previous->stack->SetEnd(value + 1);
@@ -1727,7 +1750,7 @@ on_ReturnVariable : {
   char* text;
   int length, allocated;
   // As a number, a text on the stack may be another one than the variable that had it.
-  SINGLE_UNLESS(!use->after_number && variable->TakeText(&text, &length, &allocated))
+  SINGLE_UNLESS(!frame->number_suffices && variable->TakeText(&text, &length, &allocated))
   Entry* const value = frame->previous->stack->End();
   value->SetOwnedText(text, length, allocated);
   frame->previous->stack->SetEnd(value + 1);
