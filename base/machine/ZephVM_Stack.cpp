@@ -351,7 +351,12 @@ void ZephVM_Stack::PopConvertedV(Variable* target) {
     case KindInteger: target->SetValue_Integer(entry->value.integer); break;
     case KindDouble: target->SetValue_Double(entry->value.number); break;
     case KindString: target->SetValue(entry->value.text, entry->length); break;
-    case KindVariable: target->SetValue(*entry->value.variable); break;
+    case KindVariable:
+      // A result that only this entry holds is moved.
+      if (!entry->Owns() || !target->Real()->TakeValue(entry->value.variable)) {
+        target->SetValue(*entry->value.variable);
+      }
+      break;
     case KindLinkBuffer:
       if (entry->deletable) {
         int length, size;

@@ -84,9 +84,9 @@ int AggregateElementTree::Compare(const AggregateIndex& key, AggregateElement* e
 // --- The row -------------------------------------------------------------------------------------
 
 // Makes the nodes and elements of the tree that the row represents.
-void AggregateElementTree::BecomeTree() {
+void AggregateElementTree::RowBecomesTree() {
   const int count = dense.count();
-  if (count == 0) return;
+  is_isolated = false;
   const SplayShape& shape = dense.Shape();
   const int first = dense.first();
   // Everything is allocated before the row is changed, so a failure leaves the row intact.
@@ -111,6 +111,38 @@ void AggregateElementTree::BecomeTree() {
   root = top;
 }
 
+void AggregateElementTree::MembersBecomeTree() {
+  const int count = members.count();
+  is_isolated = false;
+  SplayShape shape;
+  members.MakeShape(&shape);
+  // As above; the node and the element of a rank are also at the number of its node in the shape.
+  std::vector<std::unique_ptr<Node>> nodes(2 * static_cast<size_t>(count) + 2);
+  std::vector<std::unique_ptr<AggregateElement>> made(nodes.size());
+  for (size_t rank = 0; rank < static_cast<size_t>(count); rank++) {
+    const int slot = members.names()->InOrder(static_cast<int>(rank));
+    const SharedName* const name = members.names()->name(slot);
+    nodes[2 * rank + 2].reset(new Node{nullptr, nullptr, nullptr});
+    made[2 * rank + 2].reset(
+        new AggregateElement(AggregateIndex(name->text(), name->length()), nullptr));
+    SlotTable::VariableOf(members.Own(slot));
+  }
+  for (size_t rank = 0; rank < static_cast<size_t>(count); rank++) {
+    const size_t place = 2 * rank + 2;
+    const SplayShape::Links& links = shape.node(static_cast<int>(place));
+    nodes[place]->left = nodes[static_cast<size_t>(links.left)].get();
+    nodes[place]->right = nodes[static_cast<size_t>(links.right)].get();
+    made[place]->variable = members.at(members.names()->InOrder(static_cast<int>(rank))).variable();
+  }
+  Node* const top = nodes[static_cast<size_t>(shape.root())].get();
+  members.Leave();
+  for (size_t place = 2; place < nodes.size(); place += 2) {
+    nodes[place]->item = made[place].release();
+    (void)nodes[place].release();
+  }
+  root = top;
+}
+
 void AggregateElementTree::AppendDense(int position, Variable* variable) {
   dense.Append(position, variable);
   entries = dense.count();
@@ -127,6 +159,7 @@ AggregateElementTree::Place AggregateElementTree::NextPlace(int position) {
   dense.Search(position);
   if (position >= dense.last()) return {false, 0, nullptr};
   const int next = position < dense.first() ? dense.first() : position + 1;
+  is_isolated = false;
   return {true, next, dense.Peek(next)};
 }
 
@@ -136,20 +169,38 @@ AggregateElementTree::Place AggregateElementTree::PreviousPlace(int position) {
   dense.Search(position);
   if (position <= dense.first()) return {false, 0, nullptr};
   const int previous = position > dense.last() ? dense.last() : position - 1;
+  is_isolated = false;
   return {true, previous, dense.Peek(previous)};
 }
 
-AggregateElementTree::Place AggregateElementTree::FirstPlace() {
-  if (dense.count() == 0) return PlaceOf(First());
-  return {true, dense.first(), dense.Peek(dense.first())};
+int AggregateElementTree::NextPosition(int position) {
+  if (position < 0) position = 0;
+  if (dense.count() == 0) return PlaceOf(Next(AggregateIndex(position))).position;
+  dense.Search(position);
+  if (position >= dense.last()) return 0;
+  return position < dense.first() ? dense.first() : position + 1;
 }
 
-AggregateElementTree::Place AggregateElementTree::LastPlace() {
-  if (dense.count() == 0) return PlaceOf(Last());
-  return {true, dense.last(), dense.Peek(dense.last())};
+int AggregateElementTree::PreviousPosition(int position) {
+  if (position < 0) position = 0;
+  if (dense.count() == 0) return PlaceOf(Previous(AggregateIndex(position))).position;
+  dense.Search(position);
+  if (position <= dense.first()) return 0;
+  return position > dense.last() ? dense.last() : position - 1;
+}
+
+int AggregateElementTree::FirstPosition() {
+  if (!members.IsEmpty()) return -1;
+  return dense.count() > 0 ? dense.first() : PlaceOf(SplayTree::First()).position;
+}
+
+int AggregateElementTree::LastPosition() {
+  if (!members.IsEmpty()) return -1;
+  return dense.count() > 0 ? dense.last() : PlaceOf(SplayTree::Last()).position;
 }
 
 Variable* AggregateElementTree::InsertNew(const AggregateIndex& index) {
+  is_isolated = false;
   if (TakesDense(index)) {
     VariableRef variable(new Variable());
     AppendDense(index.position, variable.get());
@@ -161,6 +212,7 @@ Variable* AggregateElementTree::InsertNew(const AggregateIndex& index) {
 }
 
 void AggregateElementTree::InsertNew(const AggregateIndex& index, Variable* variable) {
+  is_isolated = false;
   if (variable && TakesDense(index)) {
     AppendDense(index.position, variable);
     variable->Hold();
@@ -172,6 +224,7 @@ void AggregateElementTree::InsertNew(const AggregateIndex& index, Variable* vari
 }
 
 void AggregateElementTree::Exchange(int position, Variable* variable) {
+  is_isolated = false;
   if (variable) {
     variable->Hold();
     dense.Replace(position, variable)->Release();
@@ -181,6 +234,7 @@ void AggregateElementTree::Exchange(int position, Variable* variable) {
 }
 
 bool AggregateElementTree::RemoveFromRow(int position) {
+  is_isolated = false;
   if (position == dense.last()) {
     Variable* removed = dense.RemoveLast();
     entries = dense.count();
@@ -217,16 +271,20 @@ int AggregateElementTree::Collapse() {
   return Entries();
 }
 
-void AggregateElementTree::ExpectCopyOf(AggregateElementTree* source) {
-  if (source->dense.count() == 0) return;
-  dense.BecomeCopyOf(&source->dense);
-  entries = dense.count();
+void AggregateElementTree::ExpectCopyOf(AggregateElementTree* source, bool apart) {
+  if (source->dense.count() > 0) {
+    dense.BecomeCopyOf(&source->dense);
+    entries = dense.count();
+  } else if (!source->members.IsEmpty()) {
+    members.BecomeCopyOf(source->members, apart);
+    entries = members.count();
+  }
 }
 
 bool AggregateElementTree::CopyNumbers(AggregateElementTree* source) {
   if (!source->dense.HasOnlyNumbers()) return false;
-  dense.BecomeCopyOf(&source->dense);
-  dense.TakeNumbers(source->dense);
+  dense.ShareWith(&source->dense);
+  dense.OwnSlots();
   entries = dense.count();
   return true;
 }
@@ -237,9 +295,158 @@ Variable* AggregateElementTree::InsertCopy(const Row& source) {
     dense.Replace(source.position, variable);
     return variable;
   }
+  if (!members.IsEmpty()) {
+    auto* variable = new Variable();
+    *members.Own(source.position) = DenseSlot(variable);
+    return variable;
+  }
   auto element = std::make_unique<AggregateElement>(source.element->key);
   Insert(element.get());
   return element.release()->variable;
+}
+
+// --- Members -------------------------------------------------------------------------------------
+
+Variable* AggregateElementTree::Member(const char* name, int length, int create, MemberHint* hint) {
+  is_isolated = false;
+  if (!IsFlat()) {
+    if (AggregateElement* element = FindMember(name, length)) return element->variable;
+    return create ? InsertNew(AggregateIndex(name, length)) : nullptr;
+  }
+  const int slot = hint ? members.Locate(name, length, hint) : members.Locate(name, length);
+  if (slot >= 0) [[likely]] {
+    members.Touch(slot);
+    return SlotTable::VariableOf(members.Own(slot));
+  }
+  if (!create) {
+    members.TouchMissing(name, length);
+    return nullptr;
+  }
+  if (members.IsFull()) {
+    members.TouchMissing(name, length);
+    return InsertNew(AggregateIndex(name, length));
+  }
+  VariableRef variable(new Variable());
+  members.Add(name, length, DenseSlot(variable.get()));
+  entries = members.count();
+  return variable.release();
+}
+
+void AggregateElementTree::SetMember(const char* name, int length, Variable* variable) {
+  is_isolated = false;
+  if (!IsFlat()) {
+    if (AggregateElement* element = FindMember(name, length)) {
+      element->SetVariable(variable);
+    } else {
+      InsertNew(AggregateIndex(name, length), variable);
+    }
+    return;
+  }
+  const int slot = members.Locate(name, length);
+  if (!variable || (slot < 0 && members.IsFull())) {
+    BecomeTree();
+    if (IsFlat()) {
+      InsertNew(AggregateIndex(name, length), variable);
+    } else {
+      SetMember(name, length, variable);
+    }
+  } else if (slot < 0) {
+    members.Add(name, length, DenseSlot(variable));
+    entries = members.count();
+    variable->Hold();
+  } else {
+    members.Touch(slot);
+    DenseSlot* const place = members.Own(slot);
+    const DenseSlot old = *place;
+    variable->Hold();
+    *place = DenseSlot(variable);
+    if (old.IsVariable()) old.variable()->Release();
+  }
+}
+
+bool AggregateElementTree::FindNumberMember(const char* name, int length, MemberHint* hint,
+                                            DenseSlot* found) {
+  const int slot = members.Locate(name, length, hint);
+  if (slot < 0) return false;
+  const DenseSlot& value = members.at(slot);
+  if (value.IsVariable()) {
+    if (!value.variable()->BareNumber(found)) return false;
+  } else {
+    *found = value;
+  }
+  members.Touch(slot);
+  return true;
+}
+
+bool AggregateElementTree::WriteSlot(const char* name, int length, MemberHint* hint,
+                                     DenseSlot value) {
+  if (!IsFlat()) return false;
+  const int slot = members.Locate(name, length, hint);
+  if (slot < 0) {
+    if (members.IsFull()) return false;
+    members.Add(name, length, value);
+    entries = members.count();
+    return true;
+  }
+  if (members.at(slot).IsVariable() && !members.at(slot).variable()->IsPlain()) return false;
+  members.Touch(slot);
+  DenseSlot* const place = members.Own(slot);
+  if (!place->IsVariable()) {
+    *place = value;
+  } else if (value.IsInteger()) {
+    place->variable()->Write_Integer(value.integer());
+  } else {
+    place->variable()->Write_Double(value.number());
+  }
+  return true;
+}
+
+// --- Isolation -----------------------------------------------------------------------------------
+
+bool AggregateElementTree::IsIsolated(int nested) {
+  if (is_isolated) return true;
+  if (is_exposed || root) return false;
+  if (dense.count() > 0) {
+    if (!dense.IsShared() && !AreIsolated(dense.SlotAt(dense.first()), dense.count(), nested)) {
+      return false;
+    }
+  } else if (!members.IsEmpty()) {
+    if (!members.IsShared() && !AreIsolated(&members.at(0), members.count(), nested)) return false;
+  }
+  is_isolated = true;
+  return true;
+}
+
+bool AggregateElementTree::AreIsolated(const DenseSlot* slots, int count, int nested) {
+  for (int i = 0; i < count; i++) {
+    if (slots[i].IsVariable() && !slots[i].variable()->IsIsolated(nested)) return false;
+  }
+  return true;
+}
+
+AggregateElementTree* AggregateElementTree::ShareCopy() {
+  auto copy = std::make_unique<AggregateElementTree>();
+  copy->dense.ShareWith(&dense);
+  copy->members.ShareWith(&members);
+  copy->entries = entries;
+  copy->is_isolated = true;
+  return copy.release();
+}
+
+void AggregateElementTree::TakeShapeOfCopy() {
+  if (dense.count() > 0) {
+    dense.TakeShapeOfCopy(&dense);
+  } else {
+    members.TakeShapeOfCopy();
+  }
+}
+
+void AggregateElementTree::TakeChain() {
+  if (dense.count() > 0) {
+    dense.TakeChain();
+  } else {
+    members.TakeShapeOfCopy();
+  }
 }
 
 // --- The tree ------------------------------------------------------------------------------------
@@ -312,8 +519,10 @@ AggregateElement* AggregateElementTree::Remove(const AggregateIndex& key) {
 }
 
 void AggregateElementTree::Dump() {
-  if (dense.count() > 0) entries = 0;
+  if (!root) entries = 0;
   dense.Drop();
+  members.Drop();
+  is_isolated = false;
   SplayTree::Dump();
 }
 
@@ -367,10 +576,16 @@ AggregateElementTree::Row RowOf(AggregateElement* element) {
 }  // namespace
 
 void AggregateElementTree::Listing(std::vector<Row>* rows) {
+  is_isolated = false;
   if (rows->empty()) rows->reserve(static_cast<size_t>(Entries()));
   for (int i = 0; i < dense.count(); i++) {
     const int position = dense.first() + i;
     rows->push_back({nullptr, position, dense.Peek(position)});
+  }
+  for (int rank = 0; rank < members.count(); rank++) {
+    const int slot = members.names()->InOrder(rank);
+    rows->push_back(
+        {nullptr, slot, SlotTable::VariableOf(members.Own(slot)), members.names()->name(slot)});
   }
   // A path from the root has at most as many nodes as the tree has elements.
   Node* near[kRecursionLimit];

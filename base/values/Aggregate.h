@@ -16,6 +16,7 @@
 #include "base/core/ascii.h"
 #include "base/core/memcmpi.h"
 #include "base/values/DenseElements.h"
+#include "base/values/FlatMembers.h"
 #include "base/values/Variable.h"
 
 // Key of an element: the position in an array, or the name of a structure's member. Names that
@@ -109,10 +110,11 @@ class AggregateElement {
 
 // The elements of one variable, which owns them. All keys are of one kind.
 //
-// An array whose positions have no gap is a row of variables (DenseElements).
-// An operation that the row does not support turns it into the tree for good: a key that leaves a
-// gap, removing an element that is not the last, inserting before others, and any access to an
-// AggregateElement.
+// An array whose positions have no gap is a row of variables (DenseElements), and a structure of up
+// to 99 members is a layout of names with a table of variables (FlatMembers).
+// An operation that these do not support turns them into the tree for good: a key that leaves a
+// gap, removing an element that is not the last, inserting before others, removing a member, and
+// any access to an AggregateElement.
 class AggregateElementTree : public SplayTree<AggregateElement, const AggregateIndex&> {
  public:
   ZEPH_FREE_LIST_OPERATORS(AggregateElementTree)
@@ -123,11 +125,13 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
     int position;
     Variable* variable;
   };
-  // An element of an array or a structure; element is null if it is in a row.
+  // An element of an array or a structure. In a row element is null; in flat members too, and then
+  // name is that of the member and position its slot.
   struct Row {
     AggregateElement* element;
     int position;
     Variable* variable;
+    SharedName* name = nullptr;
   };
 
   AggregateElementTree();
@@ -140,7 +144,10 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   // is read.
   bool IsRow() const { return dense.count() > 0; }
   // The variable at that position, or null; a search. REQUIRES: IsRow(), and position is 0 or more.
-  Variable* SearchRow(int position) { return dense.Find(position); }
+  Variable* SearchRow(int position) {
+    is_isolated = false;
+    return dense.Find(position);
+  }
   // Reads a number of a row by a search: the number in the element's slot, or that of its variable
   // if it is plain and has no text to convert. Returns false and makes no search in all other
   // cases; *number is then undefined.
@@ -174,6 +181,8 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
     }
     if (slot->IsVariable() && !slot->variable()->IsPlain()) return false;
     dense.Search(position);
+    dense.OwnSlots();
+    slot = dense.SlotAt(position);
     if (!slot->IsVariable()) {
       *slot = DenseSlot(number);
     } else if constexpr (std::is_same_v<Number, int>) {
@@ -183,20 +192,34 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
     }
     return true;
   }
-  // The variable of the root if a search for that name would end there without changing the tree;
-  // else null. Scripts mostly use the same member as the last time, and that is the root.
-  Variable* MemberAtRoot(const char* name, int length) {
-    return root && root->item->key.IsSpelled(name, length) ? root->item->variable : nullptr;
+  // The variable of the member with that name, by a search. If there is none: null, or with create
+  // a new NULL variable, which is inserted. The name is borrowed for the call; the hint may be
+  // null. Whoever keeps the variable takes a count. REQUIRES: the tree has no positions.
+  Variable* Member(const char* name, int length, int create, MemberHint* hint);
+  // Makes a given variable, which may be null, the member of that name, with a count on it.
+  // REQUIRES: as above.
+  void SetMember(const char* name, int length, Variable* variable);
+  // Finds a member that is only a number, by a search: one without a variable, or with a plain one
+  // that has the number it was stored as and no other form. Returns false and makes no search for
+  // others.
+  bool FindNumberMember(const char* name, int length, MemberHint* hint, DenseSlot* found);
+  // Stores a number in a member, which is inserted if it is missing; a search. Returns false and
+  // does nothing where that takes more work. REQUIRES: as above.
+  template <typename Number>
+  bool WriteMember(const char* name, int length, MemberHint* hint, Number number) {
+    return DenseSlot::Takes(number) && WriteSlot(name, length, hint, DenseSlot(number));
   }
-  // The element with that name, or null; a search. The name is borrowed for the call.
-  AggregateElement* FindMember(const char* name, int length);
   // The elements with the next greater and the next lesser position. Like Next and Previous, they
   // search for the position itself.
   Place NextPlace(int position);
   Place PreviousPlace(int position);
-  // The elements with the least and the greatest position, without a search.
-  Place FirstPlace();
-  Place LastPlace();
+  // The same, but only the position, 0 if there is none.
+  int NextPosition(int position);
+  int PreviousPosition(int position);
+  // The least and the greatest position, without a search; 0 if the tree is empty, -1 if it has
+  // members.
+  int FirstPosition();
+  int LastPosition();
   // Insert a key: the first with a new variable, which it returns, borrowed; the second with a
   // given variable, which may be null, and takes a count on it.
   // REQUIRES: the key is not in the tree.
@@ -216,7 +239,8 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   // Appends all elements in the order of their keys. Walks of a whole tree use this and never Next:
   // it does not change the tree's shape, and it reaches every element.
   void Listing(std::vector<Row>* rows);
-  // Visits the variables of all elements, except those that a row has not made. Allocates nothing.
+  // Visits the variables of all elements, except those that are not made yet, and those that a copy
+  // shares, which hold nothing that others hold. Allocates nothing.
   // The visit may look at variables only: while it runs, the tree's links are altered.
   template <class Visit>
   void ForEachVariable(Visit visit);
@@ -225,12 +249,34 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   void ListingForCopy(std::vector<Row>* rows);
   // Prepares this empty tree for copies of all elements of the source. The caller then calls
   // InsertCopy for each row in the order of ListingForCopy; it makes a new variable and returns it,
-  // borrowed.
-  void ExpectCopyOf(AggregateElementTree* source);
+  // borrowed. With apart, the copy shares no memory with the source, and may go to another thread.
+  void ExpectCopyOf(AggregateElementTree* source, bool apart);
   Variable* InsertCopy(const Row& source);
-  // Makes this empty tree the copy of a row that has only numbers. Returns false and does nothing
-  // for others.
+  // Makes this empty tree the copy of a row that has only numbers, and shares nothing with it.
+  // Returns false and does nothing for others.
   bool CopyNumbers(AggregateElementTree* source);
+
+  // --- Isolation -------------------------------------------------------------------------------
+  // Whether nothing but this tree, and the trees within it, can see the variables of its elements:
+  // each is plain, has no other holder and is lent to no one. Then nothing can tell whether a copy
+  // of the value has the same variables or new ones. To the values it does what making a copy does:
+  // a NULL element becomes an empty text. The shape of the trees within becomes that of a copy.
+  // Returns false for elements that are a real tree, and for very deep ones.
+  //
+  // A result of true is remembered until a variable is handed out. So a value that grows by being
+  // returned and made part of a larger one is not looked at again and again.
+  bool IsIsolated() { return IsIsolated(kMostNested); }
+  // Notes that a variable was lent without a count, to a library for example, which may use it as
+  // long as it is an element. The tree is not isolated any more.
+  void Expose() {
+    is_exposed = true;
+    is_isolated = false;
+  }
+  // Returns a new tree, the caller's, that is a copy of this one and shares its slots.
+  // REQUIRES: IsIsolated().
+  [[nodiscard]] AggregateElementTree* ShareCopy();
+  // Gives a row or flat members the shape that a copy of them would have.
+  void TakeShapeOfCopy();
 
   // --- By element ------------------------------------------------------------------------------
   // The operations of the base class, on the tree; where scripts use them, the comparison is
@@ -260,6 +306,19 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   friend class Variable;
   friend class VariableCycles;
 
+  // Values that are nested deeper than this are copied, not shared.
+  static constexpr int kMostNested = 64;
+
+  AggregateElement* FindMember(const char* name, int length);
+  bool IsIsolated(int nested);
+  bool AreIsolated(const DenseSlot* slots, int count, int nested);
+  void TakeChain();
+  bool WriteSlot(const char* name, int length, MemberHint* hint, DenseSlot value);
+  void RowBecomesTree();
+  void MembersBecomeTree();
+  // Whether members are flat, or would be if there were any. REQUIRES: the tree has no positions.
+  bool IsFlat() const { return !root; }
+
   static bool NumberIn(const DenseSlot& slot, double* number) {
     if (slot.IsVariable()) {
       const unsigned forms = slot.variable()->plain_forms();
@@ -278,12 +337,21 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
     return !root && index.position >= 0 && dense.Takes(index.position);
   }
   void AppendDense(int position, Variable* variable);
-  void BecomeTree();
+  void BecomeTree() {
+    if (dense.count() > 0) {
+      RowBecomesTree();
+    } else if (!members.IsEmpty()) {
+      MembersBecomeTree();
+    }
+  }
   int SplayKey(const AggregateIndex& key);
   static Place PlaceOf(AggregateElement* element);
   static AggregateElement* LeastOf(Node* node);
 
   DenseElements dense;                           // if it has elements, root is null
+  FlatMembers members;                           // if there are any, root is null and dense empty
+  bool is_isolated = false;                      // IsIsolated() has found so
+  bool is_exposed = false;                       // see Expose()
   AggregateElementTree* next_deleted = nullptr;  // next in the list of trees that wait for deletion
 };
 
@@ -292,8 +360,11 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
 // is the way back up.
 template <class Visit>
 void AggregateElementTree::ForEachVariable(Visit visit) {
-  for (int i = 0; i < dense.count(); i++) {
+  for (int i = dense.IsShared() ? dense.count() : 0; i < dense.count(); i++) {
     if (Variable* const variable = dense.Made(dense.first() + i)) visit(variable);
+  }
+  for (int i = members.IsShared() ? members.count() : 0; i < members.count(); i++) {
+    if (members.at(i).IsVariable()) visit(members.at(i).variable());
   }
   for (Node* node = root; node;) {
     if (node->left) {
@@ -311,13 +382,24 @@ void AggregateElementTree::ForEachVariable(Visit visit) {
   }
 }
 
-inline Variable* Variable::Member(const char* name, int length, int create) {
+inline Variable* Variable::Member(const char* name, int length, int create, MemberHint* hint) {
   if (IsPlain() && aggregate == AggregateStructure) [[likely]] {
-    Variable* const found = elements->MemberAtRoot(name, length);
-    if (found) [[likely]]
-      return found;
+    return elements->Member(name, length, create, hint);
   }
   return SearchMember(name, length, create);
+}
+
+inline bool Variable::FindNumberMember(const char* name, int length, MemberHint* hint,
+                                       DenseSlot* slot) {
+  return IsPlain() && aggregate == AggregateStructure &&
+         elements->FindNumberMember(name, length, hint, slot);
+}
+
+template <typename Number>
+inline bool Variable::WriteMember(const char* name, int length, MemberHint* hint, Number number) {
+  if (!IsPlain()) return false;
+  if (aggregate == AggregateNone) Convert_Aggregate(AggregateStructure);
+  return aggregate == AggregateStructure && elements->WriteMember(name, length, hint, number);
 }
 
 inline bool Variable::ReadElement(int position, double* number) {

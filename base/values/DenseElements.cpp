@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "base/values/Variable.h"
-#include "base/values/VariableRef.h"
 
 // --- SplayShape ----------------------------------------------------------------------------------
 
@@ -204,7 +203,8 @@ void DenseElements::PlayNotes() {
 // stack needs no notes.
 Variable* DenseElements::RemoveLast() {
   Touch(count_);
-  Variable* removed = VariableOf(&slots[count_ - 1]);
+  OwnSlots();
+  Variable* removed = SlotTable::VariableOf(&slots[count_ - 1]);
   int root = count_ - 1;
   if (!IsChain() || !falling) {
     SplayShape& shape = UpToDate()->shape;
@@ -242,12 +242,27 @@ void DenseElements::OrderForCopy(std::vector<int>* ranks) {
   }
 }
 
-// Inserting ranks in falling order makes the rising chain, and the other way round.
 void DenseElements::BecomeCopyOf(DenseElements* source) {
-  slots = new DenseSlot[static_cast<size_t>(source->count_)]();
-  capacity = count_ = source->count_;
+  slots = SlotTable::Make(source->count_);
+  capacity = SlotTable::Capacity(slots);
+  count_ = source->count_;
   base = source->base;
-  chain_count = count_;
+  for (int i = 0; i < count_; i++) slots[i] = DenseSlot();
+  TakeShapeOfCopy(source);
+}
+
+void DenseElements::ShareWith(DenseElements* source) {
+  if (source->count_ == 0) return;
+  slots = SlotTable::Share(source->slots);
+  capacity = source->capacity;
+  count_ = source->count_;
+  base = source->base;
+  is_shared = source->is_shared = true;
+  TakeShapeOfCopy(source);
+}
+
+// Inserting ranks in falling order makes the rising chain, and the other way round.
+void DenseElements::TakeShapeOfCopy(DenseElements* source) {
   if (count_ <= 99) {
     BecomeChain(true);
   } else if (source->IsChain()) {
@@ -255,10 +270,12 @@ void DenseElements::BecomeCopyOf(DenseElements* source) {
   } else {
     std::vector<int> ranks;
     source->OrderForCopy(&ranks);
-    history = std::make_unique<History>();
-    history->shape.Clear(count_);
-    for (const int rank : ranks) history->shape.Insert(rank);
-    history->shaped = true;
+    auto copied = std::make_unique<History>();
+    copied->shape.Clear(count_);
+    for (const int rank : ranks) copied->shape.Insert(rank);
+    copied->shaped = true;
+    history = std::move(copied);
+    chain_count = count_;
     StandAt(history->shape.root());
   }
 }
@@ -266,14 +283,14 @@ void DenseElements::BecomeCopyOf(DenseElements* source) {
 // --- Memory --------------------------------------------------------------------------------------
 
 void DenseElements::Grow() {
-  const int larger = capacity == 0          ? 8
-                     : capacity < (1 << 16) ? capacity * 2
+  const int larger = capacity == 0          ? 7
+                     : capacity < (1 << 16) ? capacity * 2 + 1
                                             : capacity + capacity / 2;
-  auto* moved = new DenseSlot[static_cast<size_t>(larger)];
+  DenseSlot* const moved = SlotTable::Make(larger);
   if (count_ > 0) memcpy(moved, slots, sizeof(DenseSlot) * static_cast<size_t>(count_));
-  delete[] slots;
+  if (slots) SlotTable::Free(slots);
   slots = moved;
-  capacity = larger;
+  capacity = SlotTable::Capacity(slots);
 }
 
 bool DenseElements::HasOnlyNumbers() const {
@@ -283,13 +300,15 @@ bool DenseElements::HasOnlyNumbers() const {
   return count_ > 0;
 }
 
-void DenseElements::TakeNumbers(const DenseElements& source) {
-  memcpy(slots, source.slots, sizeof(DenseSlot) * static_cast<size_t>(count_));
+void DenseElements::Part() {
+  if (SlotTable::IsShared(slots)) slots = SlotTable::Part(slots, count_);
+  is_shared = false;
 }
 
 std::unique_ptr<Variable* []> DenseElements::TakeVariables() {
+  OwnSlots();
   std::unique_ptr<Variable*[]> taken(new Variable*[static_cast<size_t>(count_)]);
-  for (int i = 0; i < count_; i++) taken[static_cast<size_t>(i)] = VariableOf(&slots[i]);
+  for (int i = 0; i < count_; i++) taken[static_cast<size_t>(i)] = SlotTable::VariableOf(&slots[i]);
   count_ = 0;
   Drop();
   return taken;
@@ -298,24 +317,11 @@ std::unique_ptr<Variable* []> DenseElements::TakeVariables() {
 // Releasing a variable may run code that uses the array, so the row is made empty first.
 void DenseElements::Drop() {
   const int releases = count_;
-  const std::unique_ptr<DenseSlot[]> dropped(std::exchange(slots, nullptr));
+  DenseSlot* const dropped = std::exchange(slots, nullptr);
   count_ = capacity = chain_count = 0;
   history.reset();
   falling = true;
+  is_shared = false;
   StandAt(0);
-  for (int i = 0; i < releases; i++) {
-    const DenseSlot& slot = dropped[static_cast<size_t>(i)];
-    if (slot.IsVariable() && slot.variable()) slot.variable()->Release();
-  }
-}
-
-Variable* DenseElements::MakeVariable(DenseSlot* slot) {
-  VariableRef made(new Variable());
-  if (slot->IsInteger()) {
-    made->Write_Integer(slot->integer());
-  } else {
-    made->Write_Double(slot->number());
-  }
-  *slot = DenseSlot(made.get());
-  return made.release();
+  if (dropped) SlotTable::Release(dropped, releases);
 }

@@ -25,42 +25,20 @@
 //
 // A variable is large, and an array of numbers is mostly read and written by position alone. So an
 // element that was stored as a number has no variable until a caller needs one.
+//
+// A copy of a row shares its slots (SlotTable.h) until one of the two is written to or hands out a
+// variable. The shape is each row's own.
 
 #ifndef ZEPH_BASE_DENSEELEMENTS_H
 #define ZEPH_BASE_DENSEELEMENTS_H
 
-#include <bit>
-#include <cmath>
-#include <cstdint>
+#include <cstddef>
 #include <memory>
 #include <vector>
 
+#include "base/values/SlotTable.h"
+
 class Variable;
-
-// An element of a row: a variable, or only the number that would be its value. The ranges of the
-// 64-bit word distinguish them: addresses are below 2^49; the bits of a double that is not NaN have
-// that offset added; an integer is in the lower half, below the tag 0xFFFE in the upper 16 bits.
-class DenseSlot {
- public:
-  DenseSlot() = default;
-  explicit DenseSlot(Variable* variable) : word(reinterpret_cast<uintptr_t>(variable)) {}
-  explicit DenseSlot(int number) : word(IntegerTag | static_cast<uint32_t>(number)) {}
-  explicit DenseSlot(double number) : word(std::bit_cast<uint64_t>(number) + DoubleOffset) {}
-  // Whether a slot can hold that number.
-  static bool Takes(int) { return true; }
-  static bool Takes(double number) { return !std::isnan(number); }
-
-  bool IsVariable() const { return word < DoubleOffset; }
-  bool IsInteger() const { return word >= IntegerTag; }
-  Variable* variable() const { return reinterpret_cast<Variable*>(word); }
-  int integer() const { return static_cast<int>(static_cast<uint32_t>(word)); }
-  double number() const { return std::bit_cast<double>(word - DoubleOffset); }
-
- private:
-  static constexpr uint64_t DoubleOffset = uint64_t{1} << 49;
-  static constexpr uint64_t IntegerTag = uint64_t{0xFFFE} << 48;
-  uint64_t word = 0;
-};
 
 // The shape of a splay tree of the ranks 1, 2, 3 ...: a rank of 0 means no node.
 class SplayShape {
@@ -113,14 +91,19 @@ class DenseElements {
     const unsigned slot = static_cast<unsigned>(position) - static_cast<unsigned>(base);
     if (slot < static_cast<unsigned>(count_)) {
       Touch(static_cast<int>(slot) + 1);
-      return VariableOf(&slots[slot]);
+      OwnSlots();
+      return SlotTable::VariableOf(&slots[slot]);
     }
     Search(position);
     return nullptr;
   }
   // The variable at a position, without a search. REQUIRES: the row has the position.
-  Variable* Peek(int position) { return VariableOf(&slots[position - base]); }
-  // The same, but null if the element is only a number.
+  Variable* Peek(int position) {
+    OwnSlots();
+    return SlotTable::VariableOf(&slots[position - base]);
+  }
+  // The same, but null if the element is only a number. REQUIRES: also that IsShared() is false, or
+  // that the variable is only looked at.
   Variable* Made(int position) const {
     const DenseSlot& slot = slots[position - base];
     return slot.IsVariable() ? slot.variable() : nullptr;
@@ -132,11 +115,20 @@ class DenseElements {
     if (count_ == 0) return;
     Touch(position < base ? 1 : position > last() ? count_ : position - base + 1);
   }
-  // The slot at a position of 0 or more, or null; no search.
+  // The slot at a position of 0 or more, or null; no search. It may be shared: OwnSlots() comes
+  // before it is written to.
   DenseSlot* SlotAt(int position) {
     const unsigned slot = static_cast<unsigned>(position) - static_cast<unsigned>(base);
     return slot < static_cast<unsigned>(count_) ? &slots[slot] : nullptr;
   }
+
+  // Makes the slots this row's own. Slots and variables that were found before may have moved.
+  void OwnSlots() {
+    if (is_shared) [[unlikely]]
+      Part();
+  }
+  // Whether another row has the same slots.
+  bool IsShared() const { return is_shared && SlotTable::IsShared(slots); }
 
   // Whether an element with that position can be added: the next one, or a first one.
   bool Takes(int position) const { return count_ > 0 ? position == base + count_ : position >= 0; }
@@ -145,6 +137,7 @@ class DenseElements {
   // REQUIRES: Takes(position).
   void Append(int position, Variable* variable) { Append(position, DenseSlot(variable)); }
   void Append(int position, DenseSlot element) {
+    OwnSlots();
     if (count_ == capacity) Grow();
     if (count_ == 0) base = position;
     slots[count_] = element;
@@ -175,11 +168,17 @@ class DenseElements {
   // whose elements are inserted in the source's OrderForCopy. The caller puts the variables in with
   // Replace.
   void BecomeCopyOf(DenseElements* source);
+  // Makes this empty row a copy of the source, with its slots. REQUIRES: the source's values are
+  // isolated (AggregateElementTree::IsIsolated).
+  void ShareWith(DenseElements* source);
+  // Gives this row the shape of a copy of the source, which is this row or one with as many
+  // elements.
+  void TakeShapeOfCopy(DenseElements* source);
+  // Forgets all notes: see above.
+  void TakeChain() { BecomeChain(true); }
 
   // Whether there are elements and none has a variable.
   bool HasOnlyNumbers() const;
-  // Puts the numbers of another row in. REQUIRES: this is a new copy of it, without variables.
-  void TakeNumbers(const DenseElements& source);
   // Returns the variables in order, with their counts, and empties the row.
   std::unique_ptr<Variable*[]> TakeVariables();
   // Releases all variables.
@@ -199,11 +198,6 @@ class DenseElements {
     SplayShape shape;
     bool shaped = false;  // the runs follow the shape, else the chain
   };
-
-  static Variable* VariableOf(DenseSlot* slot) {
-    return slot->IsVariable() ? slot->variable() : MakeVariable(slot);
-  }
-  static Variable* MakeVariable(DenseSlot* slot);
 
   // Notes a search of that rank. REQUIRES: the rank is in the row.
   void Touch(int rank) {
@@ -243,6 +237,7 @@ class DenseElements {
   void PlayNotes();
   History* UpToDate();
   void Grow();
+  void Part();
 
   DenseSlot* slots = nullptr;
   int count_ = 0;
@@ -253,9 +248,10 @@ class DenseElements {
   int step = 0;            // of the run: 1, -1, or 0 while it has one rank
   int run_first = 0;       // first rank of the run; the last is top
   int capacity = 0;
-  int chain_count = 0;   // number of elements in the chain, or in the shape
-  bool falling = true;   // which chain it is
-  bool unnoted = false;  // the run is one rank, and its search changed the shape
+  int chain_count = 0;     // number of elements in the chain, or in the shape
+  bool falling = true;     // which chain it is
+  bool unnoted = false;    // the run is one rank, and its search changed the shape
+  bool is_shared = false;  // another row may have the slots
   std::unique_ptr<History> history;
 };
 

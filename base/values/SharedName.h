@@ -30,6 +30,7 @@ class SharedName {
   }
 
   char* text() { return reinterpret_cast<char*>(this + 1); }
+  const char* text() const { return reinterpret_cast<const char*>(this + 1); }
   int length() const { return length_; }
   void Hold() { ++holders; }
   void Release() {

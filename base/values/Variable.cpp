@@ -88,7 +88,8 @@ bool Variable::ProvesOrdinary() const {
   return (state & NotOrdinary) == 0;
 }
 
-// Frees the text, or leaves the target, only if everything else could be reset.
+// Frees the text, or leaves the target, only if everything else could be reset. Elements are
+// dropped at once: if the rest cannot be reset, the variable goes too.
 bool Variable::Renew() {
   if (state == Reference) {
     if (refcount_ != 1 || !reference || name_.allocated != SharedMark) return false;
@@ -99,6 +100,10 @@ bool Variable::Renew() {
     return true;
   }
   if (!IsPlain()) return false;
+  if (elements) {
+    if (refcount_ != 1 || (state & Suspect)) return false;
+    DropElements();
+  }
   char* const text = std::exchange(string_value.data, nullptr);
   const bool renewed = RenewNumber();
   string_value.data = text;
@@ -121,7 +126,10 @@ void Variable::DropElements() {
 Variable* Variable::Clone(ZephApplication* application) {
   if (reference) return Final()->Clone(application);
   if (state & Gone) return new NULLVariable();
-  return new Variable(*this);
+  VariableRef clone(new Variable());
+  clone->SetName(name_);
+  clone->Assign(*this, true);
+  return clone.release();
 }
 
 // --- Identity ------------------------------------------------------------------------------------
@@ -346,8 +354,11 @@ int Variable::IsNULL() {
   return (valid_forms() & (IntegerForm | DoubleForm)) == 0;
 }
 
+// The caller may keep what it finds there.
 AggregateElementTree* Variable::aggregateelements() {
-  return reference ? Final()->aggregateelements() : elements;
+  if (reference) return Final()->aggregateelements();
+  if (elements) elements->Expose();
+  return elements;
 }
 
 AggregateType Variable::aggregatetype() {
@@ -546,14 +557,20 @@ int Variable::SetValue_Double(double value) {
 
 int Variable::SetValue(Variable& source) {
   if (RedirectedStore()) return reference ? Final()->SetValue(source) : 1;
+  Assign(source, false);
+  return 1;
+}
+
+// With apart, the copy shares no memory with the source.
+void Variable::Assign(Variable& source, bool apart) {
   if (source.plain_forms() != 0 && &source != this) {
     CopyForms(source);
     if (elements) DropElements();
-    return 1;
+    return;
   }
   Variable* from = source.RealIdentity();
-  if (from->aggregateelements()) {
-    AggregateElementTree* copy = CopyElementTree(from);
+  if (from->IsPlain() ? from->elements : from->aggregateelements()) {
+    AggregateElementTree* copy = CopyElementTree(from, apart);
     AggregateElementTree* old = elements;
     elements = copy;
     aggregate = from->aggregatetype();
@@ -564,7 +581,59 @@ int Variable::SetValue(Variable& source) {
     CopyScalar(*from);
     if (elements) DropElements();
   }
-  return 1;
+}
+
+bool Variable::MoveElements(Variable* source) {
+  if (source == this || !IsPlain() || !source->IsPlain() || (source->state & Suspect)) return false;
+  AggregateElementTree* const moved = source->elements;
+  if (!moved->IsIsolated()) return false;
+  moved->TakeShapeOfCopy();
+  AggregateElementTree* const old = elements;
+  elements = moved;
+  aggregate = source->aggregate;
+  SetForms(0);
+  primary = PrimaryNone;
+  source->elements = nullptr;
+  source->aggregate = AggregateNone;
+  if (old) DeleteTree(old);
+  return true;
+}
+
+// A copy of a NULL element is an empty text, and making it leaves that in the element too. So does
+// this, whatever becomes of it.
+bool Variable::IsIsolated(int nested) {
+  if (refcount_ != 1 || (state & (Suspect | Walked | Asleep)) || !IsPlain()) return false;
+  if (elements) {
+    if (nested == 0 || !elements->IsIsolated(nested - 1)) return false;
+    elements->TakeChain();
+  } else if (valid_forms() == 0) {
+    Convert_String();
+  }
+  return true;
+}
+
+bool Variable::BareNumber(DenseSlot* slot) const {
+  if (HoldsInteger() && primary == PrimaryInteger) {
+    *slot = DenseSlot(integer_value);
+    return true;
+  }
+  if (!HoldsDouble() || primary != PrimaryDouble || !DenseSlot::Takes(double_value)) return false;
+  *slot = DenseSlot(double_value);
+  return true;
+}
+
+DenseSlot Variable::CopyIsolated() {
+  DenseSlot number;
+  if (!name_.data && BareNumber(&number)) return number;
+  VariableRef copy(new Variable());
+  copy->SetName(name_);
+  if (elements) {
+    copy->elements = elements->ShareCopy();
+    copy->aggregate = aggregate;
+  } else {
+    copy->CopyForms(*this);
+  }
+  return DenseSlot(copy.release());
 }
 
 // Copies the value of a source without elements. Computed values are read, stored ones copied form
@@ -634,7 +703,12 @@ void Variable::CopyComputed(Variable& source) {
 // variable with the name and value of the old one; references are replaced by what they refer to. A
 // value that is reachable in two ways is copied twice, so a few variables that refer to one another
 // can make a copy of unbounded size: after the time limit the copy is empty.
-AggregateElementTree* Variable::CopyElementTree(Variable* source) {
+//
+// If only the source can see its elements, the copy shares them for now; with apart it does not.
+AggregateElementTree* Variable::CopyElementTree(Variable* source, bool apart) {
+  if (!apart && source->IsPlain() && source->elements->IsIsolated()) {
+    return source->elements->ShareCopy();
+  }
   auto copy = std::make_unique<AggregateElementTree>();
   if (copy->CopyNumbers(source->elements)) return copy.release();
   std::vector<AggregateElementTree*> open;
@@ -651,17 +725,16 @@ AggregateElementTree* Variable::CopyElementTree(Variable* source) {
       continue;
     }
     if (walk.at_root()) {
-      copy->ExpectCopyOf(walk.identity()->aggregateelements());
+      copy->ExpectCopyOf(walk.tree(), apart);
       open.push_back(copy.get());
       continue;
     }
     Variable* variable = open.back()->InsertCopy(walk.row());
     variable->SetName(walk.variable()->name_);
     if (step == VariableWalk::Enter) {
-      AggregateElementTree* tree = walk.identity()->aggregateelements();
       variable->elements = new AggregateElementTree();
       variable->aggregate = walk.identity()->aggregatetype();
-      variable->elements->ExpectCopyOf(tree);
+      variable->elements->ExpectCopyOf(walk.tree(), apart);
       open.push_back(variable->elements);
     } else if (step == VariableWalk::Scalar) {
       variable->CopyScalar(*walk.identity());

@@ -20,7 +20,9 @@ class AggregateElementTree;
 class AggregateIndex;
 class DeferredText;
 class DenseSlot;
+class SlotTable;
 class ZephApplication;
+struct MemberHint;
 
 // The kind of a variable's elements. An index with a position makes an array, one with a name a
 // structure.
@@ -319,6 +321,15 @@ class Variable {
     primary = PrimaryNone;
     return true;
   }
+  // Moves the elements of an array or structure from a variable that only the caller holds, instead
+  // of copying them: for a result that is on its way to where it is stored. The outcome is that of
+  // SetValue(*source), and the source is NULL afterwards. Returns false and changes nothing where a
+  // move is not possible or something could distinguish it from a copy: then the caller makes a
+  // copy. The time does not depend on the size of elements that were moved before. REQUIRES: the
+  // caller has a count on the source; this variable is held by more than the source's elements.
+  bool TakeValue(Variable* source) {
+    return source->elements && source->refcount_ == 1 && MoveElements(source);
+  }
   // IncRefCount() and DecRefCount()
   void Hold() { ++refcount_; }
   void Release() {
@@ -356,7 +367,7 @@ class Variable {
   }
   // Resets a local variable, after its call has ended, for the next call, and puts it to sleep.
   // Returns false if a script could distinguish it from a new variable: there is another holder, or
-  // it has been more than a scalar or the reference of a parameter.
+  // it has been more than a plain value or the reference of a parameter.
   bool Renew();
   // The same for a variable that has held only numbers, as most have. Returns false and does
   // nothing for others.
@@ -375,7 +386,8 @@ class Variable {
   // scripts. Only the table may have its pointer, and wakes it before handing it out.
   bool IsAsleep() const { return (state & Asleep) != 0; }
   void Wake() { state &= ~Asleep; }
-  // Element(AggregateIndex(position), create)
+  // Element(AggregateIndex(position), create). A caller that keeps the variable, or uses it after
+  // another operation on this one, takes a count; the result of Element() is good without.
   Variable* At(int position, int create);
   // A script's read or store of a number by position, the number as value_double() gives it. Return
   // false and change nothing (but *number, which is then undefined) where more work is needed. The
@@ -388,8 +400,23 @@ class Variable {
   // search. Returns false and makes no search for others. REQUIRES: as above.
   bool FindBare(int position, DenseSlot* slot);
   // Element(AggregateIndex(name, length), create), but a search copies no name. length is in bytes;
-  // -1 is not allowed. In base/values/Aggregate.h.
-  Variable* Member(const char* name, int length, int create);
+  // -1 is not allowed. A caller that keeps the variable takes a count, as for At().
+  Variable* Member(const char* name, int length, int create) {
+    return SearchMember(name, length, create);
+  }
+  // The same with a hint, which belongs to one name: a place in the code that looks up a constant
+  // name keeps one. Where the members have the names that they had the last time, the member is
+  // found without looking at its name. In base/values/Aggregate.h, as those below.
+  Variable* Member(const char* name, int length, int create, MemberHint* hint);
+  // Finds a member that is only a number: one that has no Variable yet, or a plain one with the
+  // number that was stored and no other form. *slot receives it. A search. Returns false and makes
+  // no search for others.
+  bool FindNumberMember(const char* name, int length, MemberHint* hint, DenseSlot* slot);
+  // Member(name, length, 1) and a store of a number in it. A new member gets no Variable until a
+  // caller needs one. Returns false and stores nothing where more work is needed; a scalar may have
+  // become an empty structure, as it does on the other way too.
+  template <typename Number>  // int or double
+  bool WriteMember(const char* name, int length, MemberHint* hint, Number number);
 
   // The text test of IsTrue().
   static int IsTrue(const char* text, int length);
@@ -449,7 +476,9 @@ class Variable {
  private:
   static constexpr int SharedMark = -1;
 
+  friend class AggregateElementTree;
   friend class DeferredText;
+  friend class SlotTable;
   friend class VariableCycles;
   friend class VariableWalk;
 
@@ -469,7 +498,16 @@ class Variable {
   bool ProvesOrdinary() const;
   void NoteClass() const;
   Variable* Final();
+  Variable* Found(const AggregateIndex& index, int create);
   Variable* SearchMember(const char* name, int length, int create);
+  bool MoveElements(Variable* source);
+  // For the elements of isolated trees: see AggregateElementTree::IsIsolated. CopyIsolated returns
+  // a copy, with a count for the caller if it is a variable. BareNumber returns false for a
+  // variable that is more than the number which was stored in it.
+  bool IsIsolated(int nested);
+  DenseSlot CopyIsolated();
+  bool BareNumber(DenseSlot* slot) const;
+  void Assign(Variable& source, bool apart);
   // redirected() for operations that change text or kind: a DeferredText that watches the text
   // copies it first.
   bool RedirectedStore() {
@@ -513,7 +551,7 @@ class Variable {
     integer_value = 0;
     double_value = 0.0;
   }
-  static AggregateElementTree* CopyElementTree(Variable* source);
+  static AggregateElementTree* CopyElementTree(Variable* source, bool apart);
   bool AppendElements(String* all);
   static void DeleteTree(AggregateElementTree* tree);
 };

@@ -160,6 +160,7 @@ void Variable::ForgetSuspect() {
 void Variable::FreeCycles() {
   std::vector<Variable*>& listed = Suspects();
   if (!listed.empty()) VariableCycles().Free(listed);
+  MemberLayout::ForgetCommon();
   // The survivors have other holders: a library may keep variables beyond a request.
   for (Variable* survivor : listed) survivor->state &= ~Suspect;
   std::vector<Variable*>().swap(listed);

@@ -22,15 +22,26 @@ void Variable::Convert_Aggregate(AggregateType kind) {
   if (old) DeleteTree(old);
 }
 
+// The caller has no count on the result, and may keep it as long as it is an element.
 Variable* Variable::Element(const AggregateIndex& index, int create) {
   if (redirected()) {
     if (reference) return Final()->Element(index, create);
     return create ? this : nullptr;
   }
+  Variable* const found = Found(index, create);
+  if (found) elements->Expose();
+  return found;
+}
+
+// REQUIRES: the variable is not redirected.
+Variable* Variable::Found(const AggregateIndex& index, int create) {
   const AggregateType kind = index.kind();
   if (aggregate != kind) {
     if (!create) return nullptr;
     Convert_Aggregate(kind);
+  }
+  if (kind == AggregateStructure) {
+    return elements->Member(index.key.data, index.key.length, create, nullptr);
   }
   if (elements->IsRow()) {
     if (Variable* found = elements->SearchRow(index.position)) return found;
@@ -45,15 +56,17 @@ Variable* Variable::At(int position, int create) {
     if (Variable* found = elements->SearchRow(position < 0 ? 0 : position)) return found;
     return create ? elements->InsertNew(AggregateIndex(position)) : nullptr;
   }
-  return Element(AggregateIndex(position), create);
+  const AggregateIndex index(position);
+  return IsPlain() ? Found(index, create) : Element(index, create);
 }
 
 Variable* Variable::SearchMember(const char* name, int length, int create) {
-  if (!IsPlain() || aggregate != AggregateStructure) {
-    return Element(AggregateIndex(name, length), create);
+  if (!IsPlain()) return Element(AggregateIndex(name, length), create);
+  if (aggregate != AggregateStructure) {
+    if (!create) return nullptr;
+    Convert_Aggregate(AggregateStructure);
   }
-  if (AggregateElement* element = elements->FindMember(name, length)) return element->var();
-  return create ? elements->InsertNew(AggregateIndex(name, length)) : nullptr;
+  return elements->Member(name, length, create, nullptr);
 }
 
 Variable* Variable::Element(List<AggregateIndex>* path, int create) {
@@ -75,6 +88,15 @@ void Variable::SetElement(const AggregateIndex& index, Variable* variable) {
   NoteEdge(variable);
   const AggregateType kind = index.kind();
   AggregateElement* element = nullptr;
+  if (kind == AggregateStructure) {
+    // The name may be that of an element which is dropped here.
+    const AggregateIndex kept(index);
+    Convert_Aggregate(kind);
+    elements->Expose();
+    elements->SetMember(kept.key.data, kept.key.length, variable);
+    return;
+  }
+  if (aggregate == kind) elements->Expose();
   if (aggregate == kind && elements->IsRow()) {
     if (elements->SearchRow(index.position)) {
       elements->Exchange(index.position, variable);
@@ -87,6 +109,7 @@ void Variable::SetElement(const AggregateIndex& index, Variable* variable) {
     element->SetVariable(variable);
   } else {
     Convert_Aggregate(kind);
+    elements->Expose();
     elements->InsertNew(index, variable);
   }
 }
@@ -107,6 +130,7 @@ void Variable::InsertElement(int index, Variable* variable) {
   } else {
     place = WrapAdd(Max(), 1);
   }
+  elements->Expose();
   elements->InsertNew(AggregateIndex(place), variable);
 }
 
@@ -133,8 +157,8 @@ void Variable::DeleteElements(int start, int count, bool compact) {
   Convert_Aggregate(AggregateArray);
   RunWatch watch(kElements);
   if (count == -1) {
-    while (elements->IsRow() && elements->LastPlace().position >= start && !watch.Over()) {
-      elements->RemoveFromRow(elements->LastPlace().position);
+    while (elements->IsRow() && elements->LastPosition() >= start && !watch.Over()) {
+      elements->RemoveFromRow(elements->LastPosition());
     }
     if (elements->IsRow()) return;
     AggregateElement* last = elements->Last();
@@ -265,26 +289,26 @@ int Variable::CollapseElements() {
 
 int Variable::Max() {
   if (reference) return Final()->Max();
-  return elements ? elements->LastPlace().position : 0;
+  return elements ? elements->LastPosition() : 0;
 }
 
 int Variable::Min() {
   if (reference) return Final()->Min();
-  return elements ? elements->FirstPlace().position : 0;
+  return elements ? elements->FirstPosition() : 0;
 }
 
 int Variable::Next(int position) {
   if (reference) return Final()->Next(position);
   if (!elements) return 0;
   if (aggregate != AggregateArray) return -1;
-  return elements->NextPlace(position).position;
+  return elements->NextPosition(position);
 }
 
 int Variable::Previous(int position) {
   if (reference) return Final()->Previous(position);
   if (!elements) return 0;
   if (aggregate != AggregateArray) return -1;
-  return elements->PreviousPlace(position).position;
+  return elements->PreviousPosition(position);
 }
 
 int Variable::ElementsUsed() {

@@ -27,13 +27,15 @@ VariableWalk::Step VariableWalk::Next() {
     pending.pop_back();
     return Repeated;
   }
-  AggregateElementTree* tree = item.identity->aggregateelements();
+  AggregateElementTree* const tree =
+      item.identity->IsPlain() ? item.identity->elements : item.identity->aggregateelements();
   if (!tree) {
     pending.pop_back();
     return Scalar;
   }
   pending.back().identity = item.identity;
   pending.back().entered = true;
+  entered = tree;
   item.identity->state |= Variable::Walked;
   PushElements(tree);
   return Enter;
@@ -41,10 +43,15 @@ VariableWalk::Step VariableWalk::Next() {
 
 AggregateIndex& VariableWalk::index() {
   if (item.row.element) return item.row.element->index();
-  position_key.position = item.row.position;
-  position_key.key.destroy();
-  position_key.serialized_text.destroy();
-  return position_key;
+  own_key.serialized_text.destroy();
+  if (SharedName* const name = item.row.name) {
+    own_key.position = -1;
+    own_key.key.assign(name->text(), name->length());
+  } else {
+    own_key.position = item.row.position;
+    own_key.key.destroy();
+  }
+  return own_key;
 }
 
 void VariableWalk::PushElements(AggregateElementTree* tree) {

@@ -41,6 +41,7 @@ class VariableWalk {
   // - index(): the key of the element, valid until the next step; no meaning at the root.
   // - variable(): the variable there.
   // - identity(): the variable at the end of its references, which has the value.
+  // - tree(): at Enter, its elements. Unlike its aggregateelements(), for a look only.
   //
   // At Leave they are those of Enter.
   bool at_root() const { return item.is_root; }
@@ -48,6 +49,7 @@ class VariableWalk {
   const AggregateElementTree::Row& row() const { return item.row; }
   Variable* variable() const { return item.row.variable; }
   Variable* identity() const { return item.identity; }
+  AggregateElementTree* tree() const { return entered; }
 
  private:
   struct Item {
@@ -60,10 +62,11 @@ class VariableWalk {
   void PushElements(AggregateElementTree* tree);
 
   Order order;
+  AggregateElementTree* entered = nullptr;
   Item item = {{nullptr, 0, nullptr}, nullptr, true, false};
   std::vector<Item> pending;                       // the next one last; an entered one is its Leave
   std::vector<AggregateElementTree::Row> listing;  // of one aggregate, kept for its memory
-  AggregateIndex position_key;                     // the result of index() in a row
+  AggregateIndex own_key;  // the result of index() without an AggregateElement
 };
 
 #endif

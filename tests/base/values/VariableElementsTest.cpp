@@ -89,10 +89,10 @@ TEST(Element, MemberNamesIgnoreCaseAndKeepTheFirstSpelling) {
   const VariableRef variable = New();
   Variable* element = variable->Element(AggregateIndex("Name", 4), 1);
   EXPECT_EQ(variable->Element(AggregateIndex("NAME", 4), 1), element);
-  std::vector<AggregateElementTree::Row> elements;
+  std::vector<AggregateElement*> elements;
   variable->aggregateelements()->Listing(&elements);
   ASSERT_EQ(elements.size(), 1u);
-  EXPECT_STREQ(elements[0].element->index().key.data, "Name");
+  EXPECT_STREQ(elements[0]->index().key.data, "Name");
 }
 
 TEST(Element, ASparseArrayHoldsOnlyWhatWasWritten) {
