@@ -98,6 +98,11 @@ void SplayShape::OrderForCopy(std::vector<int>* ranks) const {
   }
 }
 
+namespace {
+// In place of the ranks of a run: the elements were inserted in the order of a copy.
+constexpr int kCopied = 0;
+}  // namespace
+
 // --- Searches ------------------------------------------------------------------------------------
 
 // If the rank is a neighbour of the root, the run begins at the root, because searching the root
@@ -186,7 +191,12 @@ void DenseElements::PlayNotes() {
   SplayShape& shape = history->shape;
   if (!history->shaped) shape.MakeChain(chain_count, falling);
   for (const Run& run : history->runs) {
-    if (run.first < 0) {
+    if (run.first == kCopied) {
+      std::vector<int> ranks;
+      shape.OrderForCopy(&ranks);
+      shape.Clear(static_cast<int>(ranks.size()));
+      for (const int rank : ranks) shape.Insert(rank);
+    } else if (run.first < 0) {
       for (int rank = -run.first; rank <= run.last; rank++) shape.Insert(rank);
     } else if (run.first <= run.last) {
       for (int rank = run.first; rank < run.last; rank++) shape.Splay(rank);
@@ -227,7 +237,7 @@ DenseElements::History* DenseElements::UpToDate() {
   CloseRun();
   if (!history) history = std::make_unique<History>();
   PlayNotes();
-  StandAt(top);
+  StandAt(history->shape.root());
   return history.get();
 }
 
@@ -261,23 +271,28 @@ void DenseElements::ShareWith(DenseElements* source) {
   TakeShapeOfCopy(source);
 }
 
-// Inserting ranks in falling order makes the rising chain, and the other way round.
+// Inserting ranks in falling order makes the rising chain, and the other way round. Other shapes
+// are left to PlayNotes: a copy that nothing is removed from never needs its own.
 void DenseElements::TakeShapeOfCopy(DenseElements* source) {
   if (count_ <= 99) {
     BecomeChain(true);
-  } else if (source->IsChain()) {
-    BecomeChain(!source->falling);
-  } else {
-    std::vector<int> ranks;
-    source->OrderForCopy(&ranks);
-    auto copied = std::make_unique<History>();
-    copied->shape.Clear(count_);
-    for (const int rank : ranks) copied->shape.Insert(rank);
-    copied->shaped = true;
-    history = std::move(copied);
-    chain_count = count_;
-    StandAt(history->shape.root());
+    return;
   }
+  if (!source->IsChain() && source->CloseRun()) {
+    source->StandAt(source->top);
+    if (source->history->runs.size() >= most_notes) {
+      BecomeChain(true);
+      return;
+    }
+    if (source != this) history = std::make_unique<History>(*source->history);
+    history->runs.push_back({kCopied, kCopied});
+    falling = source->falling;
+    chain_count = source->chain_count;
+    // The root is that of a shape which is not made yet.
+    StandAt(Nowhere);
+    return;
+  }
+  BecomeChain(!source->falling);
 }
 
 // --- Memory --------------------------------------------------------------------------------------
