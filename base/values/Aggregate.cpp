@@ -202,7 +202,7 @@ int AggregateElementTree::LastPosition() {
 Variable* AggregateElementTree::InsertNew(const AggregateIndex& index) {
   is_isolated = false;
   if (TakesDense(index)) {
-    VariableRef variable(new Variable());
+    VariableRef variable(SlotTable::NewVariable());
     AppendDense(index.position, variable.get());
     return variable.release();
   }
@@ -291,12 +291,12 @@ bool AggregateElementTree::CopyNumbers(AggregateElementTree* source) {
 
 Variable* AggregateElementTree::InsertCopy(const Row& source) {
   if (dense.count() > 0) {
-    auto* variable = new Variable();
+    auto* variable = SlotTable::NewVariable();
     dense.Replace(source.position, variable);
     return variable;
   }
   if (!members.IsEmpty()) {
-    auto* variable = new Variable();
+    auto* variable = SlotTable::NewVariable();
     *members.Own(source.position) = DenseSlot(variable);
     return variable;
   }
@@ -326,7 +326,7 @@ Variable* AggregateElementTree::Member(const char* name, int length, int create,
     members.TouchMissing(name, length);
     return InsertNew(AggregateIndex(name, length));
   }
-  VariableRef variable(new Variable());
+  VariableRef variable(SlotTable::NewVariable());
   members.Add(name, length, DenseSlot(variable.get()));
   entries = members.count();
   return variable.release();

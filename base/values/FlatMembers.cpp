@@ -4,6 +4,7 @@
 #include "base/values/FlatMembers.h"
 
 #include <cstring>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -11,10 +12,31 @@
 
 // --- Searches ------------------------------------------------------------------------------------
 
-void FlatMembers::Note(int note) {
-  if (!notes) notes = new Notes;
-  if (notes->count == kMostNotes) TakeShapeOfCopy();
-  notes->notes[notes->count++] = static_cast<uint16_t>(note);
+void FlatMembers::GrowNotes(int more) {
+  if (notes && notes->capacity == kMostNotes) {
+    TakeShapeOfCopy();
+    return;
+  }
+  const int count = notes ? notes->count : 0;
+  const bool few = count + more <= kFewNotes;
+  void* const memory = few ? FreeList<sizeof(Notes) + 2 * kFewNotes>::Allocate()
+                           : FreeList<sizeof(Notes) + 2 * kMostNotes>::Allocate();
+  auto* const larger = new (memory) Notes;
+  larger->count = static_cast<int16_t>(count);
+  larger->capacity = few ? kFewNotes : kMostNotes;
+  if (count > 0) memcpy(larger->first(), notes->first(), 2 * static_cast<size_t>(count));
+  DropNotes();
+  notes = larger;
+}
+
+void FlatMembers::DropNotes() {
+  if (!notes) return;
+  if (notes->capacity == kFewNotes) {
+    FreeList<sizeof(Notes) + 2 * kFewNotes>::Free(notes);
+  } else {
+    FreeList<sizeof(Notes) + 2 * kMostNotes>::Free(notes);
+  }
+  notes = nullptr;
 }
 
 int FlatMembers::MissOf(const char* name, int length) const {
@@ -46,8 +68,7 @@ void FlatMembers::Add(const char* name, int length, DenseSlot value) {
     layout = MemberLayout::With(layout, name, length);
     known++;
   } else {
-    if (!notes) notes = new Notes;
-    if (notes->count + 2 > kMostNotes) TakeShapeOfCopy();
+    MakeRoom(2);
     const int miss = MissOf(name, length);
     layout = MemberLayout::With(layout, name, length);
     Note(miss);
@@ -121,7 +142,7 @@ void FlatMembers::MakeShape(SplayShape* shape) const {
     }
   }
   for (int i = 0; notes && i < notes->count; i++) {
-    const int note = notes->notes[i];
+    const int note = notes->first()[i];
     if (note & kAdded) {
       shape->Insert(node(note & ~kAdded));
     } else if (note & kMissed) {
@@ -138,7 +159,7 @@ void FlatMembers::MakeShape(SplayShape* shape) const {
 void FlatMembers::Leave() {
   if (slots) SlotTable::Free(std::exchange(slots, nullptr));
   if (layout) std::exchange(layout, nullptr)->Release();
-  delete std::exchange(notes, nullptr);
+  DropNotes();
   top = -1;
   known = 0;
   is_chain = is_shared = false;

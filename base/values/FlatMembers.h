@@ -88,14 +88,26 @@ class FlatMembers {
   // added; or with kMissed the number of slots in order before the place of a name that was missed:
   // the slot before it, plus 1.
   struct Notes {
-    ZEPH_FREE_LIST_OPERATORS(Notes)
-    int count = 0;
-    uint16_t notes[kMostNotes];
+    uint16_t* first() { return reinterpret_cast<uint16_t*>(this + 1); }
+    int16_t count;
+    int16_t capacity;
   };
+  // Most structures have few notes: with these a block has 32 bytes.
+  static constexpr int kFewNotes = 14;
   static constexpr int kAdded = 0x4000;
   static constexpr int kMissed = 0x8000;
 
-  void Note(int note);
+  void Note(int note) {
+    MakeRoom(1);
+    notes->first()[notes->count++] = static_cast<uint16_t>(note);
+  }
+  // Makes room for that many more notes; if need be, by forgetting all.
+  void MakeRoom(int more) {
+    if (!notes || notes->count + more > notes->capacity) [[unlikely]]
+      GrowNotes(more);
+  }
+  void GrowNotes(int more);
+  void DropNotes();
   int MissOf(const char* name, int length) const;
   void Part();
 

@@ -51,8 +51,21 @@ CommonLayouts& Common() {
 
 MemberLayout::MemberLayout() : serial_(layouts_made.fetch_add(1, std::memory_order_relaxed) + 1) {}
 
+// A chain of these is not longer than kMostCommon.
 MemberLayout::~MemberLayout() {
   for (SharedName* name : names) name->Release();
+  if (next) next->Release();
+}
+
+bool MemberLayout::EndsWith(const char* text, int length) const {
+  const SharedName* const last = names.back();
+  return last->length() == length && SameBytes(last->text(), text, static_cast<size_t>(length));
+}
+
+void MemberLayout::SetNext(MemberLayout* longer) {
+  longer->Hold();
+  if (next) next->Release();
+  next = longer;
 }
 
 // The bit 0x20 makes letters of both cases equal, and some other bytes too, which does no harm.
@@ -128,18 +141,24 @@ MemberLayout* MemberLayout::With(MemberLayout* layout, const char* text, int len
     layout->Add(SharedName::Make(text, length));
     return layout;
   }
+  if (layout && layout->next && layout->next->EndsWith(text, length)) {
+    MemberLayout* const longer = layout->next;
+    longer->Hold();
+    layout->Release();
+    return longer;
+  }
   CommonLayouts::Pair* pair = nullptr;
   if (count < kMostCommon) {
     const uint64_t from = layout ? layout->serial_ : 0;
     const uint64_t place = (from * 0x9E3779B97F4A7C15u >> 32) ^ Hash(text, length);
     pair = &Common().pairs[place % CommonLayouts::kPlaces];
-    if (pair->from == layout && pair->to) {
-      const SharedName* const last = pair->to->name(count);
-      if (last->length() == length && SameBytes(last->text(), text, static_cast<size_t>(length))) {
-        pair->to->Hold();
-        if (layout) layout->Release();
-        return pair->to;
+    if (pair->from == layout && pair->to && pair->to->EndsWith(text, length)) {
+      pair->to->Hold();
+      if (layout) {
+        layout->SetNext(pair->to);
+        layout->Release();
       }
+      return pair->to;
     }
   }
   const auto release = [](MemberLayout* dropped) { dropped->Release(); };
@@ -149,6 +168,7 @@ MemberLayout* MemberLayout::With(MemberLayout* layout, const char* text, int len
     made->Add(layout->name(slot));
   }
   made->Add(SharedName::Make(text, length));
+  if (layout && pair) layout->SetNext(made.get());
   if (pair) {
     if (pair->from) pair->from->Release();
     if (pair->to) pair->to->Release();

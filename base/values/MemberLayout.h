@@ -88,8 +88,12 @@ class MemberLayout {
   static unsigned Hash(const char* text, int length);
   void Add(SharedName* name);
 
+  bool EndsWith(const char* text, int length) const;
+  void SetNext(MemberLayout* longer);
+
   int holders = 1;
   unsigned mask = 0;
+  MemberLayout* next = nullptr;  // one with another name, made from this lately; with a count on it
   uint64_t serial_;
   std::vector<SharedName*> names;  // with a count on each
   std::vector<uint8_t> order;      // slots by rank

@@ -79,8 +79,14 @@ DenseSlot* SlotTable::Part(DenseSlot* slots, int count) {
   return own;
 }
 
+Variable* SlotTable::NewVariable() {
+  auto* const made = new Variable();
+  made->state &= ~Variable::Unproved;
+  return made;
+}
+
 Variable* SlotTable::MakeVariable(DenseSlot* slot) {
-  VariableRef made(new Variable());
+  VariableRef made(NewVariable());
   if (slot->IsInteger()) {
     made->Write_Integer(slot->integer());
   } else {

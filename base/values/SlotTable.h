@@ -57,6 +57,8 @@ class SlotTable {
   static void Release(DenseSlot* slots, int count);
   // Frees the memory alone. REQUIRES: there is one holder.
   static void Free(DenseSlot* slots);
+  // Returns a new NULL variable with the caller's count. Its class is known to be Variable.
+  [[nodiscard]] static Variable* NewVariable();
   // The variable of a slot, which is made if the slot has only a number; null if it is null.
   // REQUIRES: the table has one holder.
   static Variable* VariableOf(DenseSlot* slot) {

@@ -625,7 +625,7 @@ bool Variable::BareNumber(DenseSlot* slot) const {
 DenseSlot Variable::CopyIsolated() {
   DenseSlot number;
   if (!name_.data && BareNumber(&number)) return number;
-  VariableRef copy(new Variable());
+  VariableRef copy(SlotTable::NewVariable());
   copy->SetName(name_);
   if (elements) {
     copy->elements = elements->ShareCopy();
