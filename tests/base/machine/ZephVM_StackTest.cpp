@@ -289,6 +289,25 @@ TEST_F(ZephVM_StackTest, PopVAssignsEveryKind) {
   EXPECT_EQ(target->refcount(), 1);
 }
 
+// As the result of a function is, whose locals are gone.
+TEST_F(ZephVM_StackTest, PopVMovesTheElementsThatOnlyTheStackHolds) {
+  Variable* target = Held("");
+  for (const int owned : {0, 1}) {
+    const VariableRef source(new Variable());
+    source->Member("list", 4, 1)->At(1, 1)->SetValue("text", 4);
+    stack().PushV(source.get(), owned, owned);
+    stack().PopV(target);
+    target->Member("list", 4, 0)->At(1, 0)->SetValue("changed", 7);
+    ASSERT_EQ(source->aggregatetype(), AggregateStructure);
+    EXPECT_STREQ(source->Member("list", 4, 0)->At(1, 0)->value().data, "text");
+  }
+  auto* const dying = new Variable();
+  Variable* const element = dying->Member("list", 4, 1)->At(1, 1);
+  stack().PushV(dying, 0, 1);
+  stack().PopV(target);
+  EXPECT_EQ(target->Member("list", 4, 0)->At(1, 0), element);
+}
+
 TEST_F(ZephVM_StackTest, PopVIntoNothingIsFatal) {
   stack().PushI(1);
   stack().PopV(nullptr);
