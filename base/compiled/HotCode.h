@@ -26,6 +26,7 @@
 
 #include "base/compiled/HotActions.h"
 #include "base/compiled/Instructions.h"
+#include "base/values/MemberLayout.h"
 
 class Dictionary;
 class FunctionManager;
@@ -66,6 +67,7 @@ struct HotOp {
     const char* text = nullptr;
     const HotOp* target;  // of a jump
   };
+  mutable MemberHint hint;  // of a record that looks up a member
   // The plain record of the instruction; in a group, of the group's first instruction. Never null.
   const HotOp* plain = nullptr;
   // Of a plain record: the one to go on with in the fast list; null inside a group.

@@ -290,6 +290,12 @@ struct Temporary {
   double number;
   Variable* variable;  // a place; of what was loaded, the variable if it is a text, else null
   HotForm form;        // AsLoaded if the element has a text beside
+
+  void Set(DenseSlot bare) {
+    variable = nullptr;
+    form = bare.IsInteger() ? HotForm::Integer : HotForm::Double;
+    number = bare.IsInteger() ? bare.integer() : bare.number();
+  }
 };
 
 // Reads the value of an element or member that is not a bare number. Returns false if it has none that
@@ -305,18 +311,6 @@ struct Temporary {
   }
   if (load != HotLoad::Number || !HasNumberSlow(variable)) return false;
   temporary->number = NumberOf(variable);
-  return true;
-}
-
-// Stores a number in a variable that a group has found, in the given form. Returns false and does
-// nothing if that takes more work.
-inline bool Put(Variable* variable, double number, HotForm form) {
-  if (!variable->IsPlain() || form == HotForm::AsLoaded) return false;
-  if (form == HotForm::Double) {
-    variable->Write_Double(number);
-  } else {
-    variable->Write_Integer(static_cast<int>(number));
-  }
   return true;
 }
 
@@ -934,7 +928,9 @@ on_Store:
   LEAVE_UNLESS(variable->IsPlain() && IsNumberOrPlain(top - 2))
   if (top[-2].kind == ZephVM_Stack::KindVariable) {
     TELL_STACK
-    variable->SetValue(*top[-2].value.variable);
+    if (!top[-2].Owns() || !variable->TakeValue(top[-2].value.variable)) {
+      variable->SetValue(*top[-2].value.variable);
+    }
     top -= 2;
     ZephVM_Stack::Free(top + 1);
     ZephVM_Stack::Free(top);
@@ -1343,9 +1339,7 @@ on_LoadElement : {
   TELL_STACK
   Temporary* const loaded = &temporaries[op->third];
   if (variable->FindBare(number, &bare)) [[likely]] {
-    loaded->variable = nullptr;
-    loaded->form = bare.IsInteger() ? HotForm::Integer : HotForm::Double;
-    loaded->number = bare.IsInteger() ? bare.integer() : bare.number();
+    loaded->Set(bare);
     STEP
   }
   MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
@@ -1353,13 +1347,21 @@ on_LoadElement : {
   MISFIT_UNLESS(variable && Load(variable, op->load, loaded))
   STEP
 }
-on_LoadMember:
+on_LoadMember : {
+  DenseSlot bare;
   variable = BASE_OF(op);
-  MISFIT_UNLESS(variable && variable->IsPlain() && variable->HoldsStructure())
+  MISFIT_UNLESS(variable)
   TELL_STACK
-  variable = variable->Member(op->text, op->length, 0);
-  MISFIT_UNLESS(variable && Load(variable, op->load, &temporaries[op->third]))
+  Temporary* const loaded = &temporaries[op->third];
+  if (variable->FindNumberMember(op->text, op->length, &op->hint, &bare)) [[likely]] {
+    loaded->Set(bare);
+    STEP
+  }
+  MISFIT_UNLESS(variable->IsPlain() && variable->HoldsStructure())
+  variable = variable->Member(op->text, op->length, 0, &op->hint);
+  MISFIT_UNLESS(variable && Load(variable, op->load, loaded))
   STEP
+}
 // An element that is created stays if the group does not apply: its instructions create it again, in
 // the same order.
 on_FindElement : {
@@ -1377,7 +1379,7 @@ on_FindMember:
   variable = BASE_OF(op);
   MISFIT_UNLESS(variable && variable->IsPlain() && variable->HoldsStructure())
   TELL_STACK
-  variable = variable->Member(op->text, op->length, op->create);
+  variable = variable->Member(op->text, op->length, op->create, &op->hint);
   MISFIT_UNLESS(variable)
   temporaries[op->third].variable = variable;
   STEP
@@ -1433,9 +1435,19 @@ on_MoveMember : {
   FIND_TARGET
   Variable* const target = variable;
   variable = BASE_OF(op);
-  MISFIT_UNLESS(variable && variable != target && variable->IsPlain() && variable->HoldsStructure())
+  MISFIT_UNLESS(variable && variable != target)
   TELL_STACK
-  variable = variable->Member(op->text, op->length, op->create);
+  DenseSlot bare;
+  if (variable->FindNumberMember(op->text, op->length, &op->hint, &bare)) [[likely]] {
+    if (bare.IsInteger()) {
+      target->Write_Integer(bare.integer());
+    } else {
+      target->Write_Double(bare.number());
+    }
+    NEXT(1)
+  }
+  MISFIT_UNLESS(variable->IsPlain() && variable->HoldsStructure())
+  variable = variable->Member(op->text, op->length, op->create, &op->hint);
   MISFIT_UNLESS(variable && variable != target && target->CopyNumber(*variable->Real()))
   NEXT(1)
 }
@@ -1482,11 +1494,13 @@ on_StoreMember : {
   double value;
   HotForm form = op->form;
   variable = BASE_OF(op);
-  MISFIT_UNLESS(variable && variable->IsPlain() && variable->HoldsStructure())
+  MISFIT_UNLESS(variable)
   if (op->right == HotOperand::Temporary) {
     value = temporaries[op->second].number;
-    if (form == HotForm::AsLoaded) form = temporaries[op->second].form;
-    MISFIT_UNLESS(form != HotForm::AsLoaded)
+    if (form == HotForm::AsLoaded) {
+      form = temporaries[op->second].form;
+      MISFIT_UNLESS(form != HotForm::AsLoaded)
+    }
   } else if (op->right == HotOperand::Constant) {
     value = op->number;
   } else {
@@ -1494,8 +1508,12 @@ on_StoreMember : {
     MISFIT_UNLESS(other && FindAlone(other, &value, &form))
   }
   TELL_STACK
-  variable = variable->Member(op->text, op->length, op->create);
-  MISFIT_UNLESS(variable && Put(variable->Real(), value, form))
+  if (form == HotForm::Double) {
+    MISFIT_UNLESS(variable->WriteMember(op->text, op->length, &op->hint, value))
+  } else {
+    const int integer = static_cast<int>(value);
+    MISFIT_UNLESS(variable->WriteMember(op->text, op->length, &op->hint, integer))
+  }
   NEXT(1)
 }
 on_PushNumber : {
@@ -1533,7 +1551,7 @@ on_PushMember:
   MISFIT_UNLESS(HAS_ROOM && variable && variable->IsPlain())
   WAKE(variable)
   TELL_STACK
-  variable = variable->Member(op->text, op->length, op->create);
+  variable = variable->Member(op->text, op->length, op->create, &op->hint);
   PUSH(SetVariable(variable ? variable : null_variable))
   NEXT(1)
 // A group that keeps failing to apply is set aside for a while, because its beginning is run twice.
