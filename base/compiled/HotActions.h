@@ -41,6 +41,7 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText };
 //   Add, Sub, Mul, Div            a temporary <- two numbers, an action for each pair
 //   Mod ... ShiftRightOf          a temporary <- two integers
 //   CompareOf, AndOf, OrOf, ...   a temporary, 0 or 1
+//   NoteLine, NoteSourceFile      lineno and sourcefile; these do no harm if they are run twice
 //   LoadElement, LoadMember       a temporary <- the number of an element or member
 //   FindElement, FindMember       a place <- the element or member itself
 //   AddTo ... CompareTo ...       the same as above, but stored in a variable
@@ -58,6 +59,7 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText };
   ACTION(ModOf) ACTION(BitAndOf) ACTION(BitOrOf) ACTION(BitXorOf)                                      \
   ACTION(ShiftLeftOf) ACTION(ShiftRightOf) ACTION(BitNotOf)                                            \
   ACTION(CompareOf) ACTION(CompareLoadedOf) ACTION(CompareTextOf) ACTION(AndOf) ACTION(OrOf) ACTION(NotOf)                     \
+  ACTION(NoteLine) ACTION(NoteSourceFile)                                                              \
   ACTION(LoadElement) ACTION(LoadMember) ACTION(FindElement) ACTION(FindMember)                        \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, AddTo) ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, SubTo)                  \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, MulTo) ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, DivTo)                  \

@@ -124,6 +124,8 @@ HotGroup::Step HotGroup::Take(size_t i) {
     case HotAction::PushDouble:
     case HotAction::PushText:
     case HotAction::PushVariable: return Push(i);
+    case HotAction::Line:
+    case HotAction::SourceFile: return Note(i);
     case HotAction::Add:
     case HotAction::Sub:
     case HotAction::Mul:
@@ -185,6 +187,17 @@ HotGroup::Step HotGroup::Push(size_t i) {
     value.constant = &op;
   }
   values.push_back(value);
+  return Step::Goes;
+}
+
+// The place in the source within an expression.
+HotGroup::Step HotGroup::Note(size_t i) {
+  if (values.empty()) return Step::Apart;
+  HotOp record =
+      New(ops[i].single == HotAction::Line ? HotAction::NoteLine : HotAction::NoteSourceFile);
+  record.first = ops[i].first;
+  made.push_back(record);
+  accesses.push_back(Access::Unused);
   return Step::Goes;
 }
 

@@ -74,6 +74,7 @@ class HotGroup {
 
   Step Take(size_t i);
   Step Push(size_t i);
+  Step Note(size_t i);
   Step Arithmetic(size_t i);
   Step OfIntegers(size_t i);
   Step Comparison(size_t i);

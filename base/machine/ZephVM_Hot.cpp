@@ -1330,6 +1330,17 @@ compare_texts : {
 }
 on_JumpIfNumber:
   JUMP_IF(Jumps(op, OrderOf(DoubleToInteger(temporaries[op->first].number), 0)), op, 1)
+on_NoteLine:
+  MISFIT_UNLESS(!log_gate.Wants(Log_Trace))
+  current_line = op->first;
+  STEP
+on_NoteSourceFile:
+  if (source_file != op->first) {
+    traced_line = 0;
+    source_file = op->first;
+    source_name = nullptr;
+  }
+  STEP
 on_LoadElement : {
   int number;
   DenseSlot bare;

@@ -161,6 +161,7 @@ bool DenseElements::Note(int run_from, int run_to) {
   if (!history) history = std::make_unique<History>();
   if (history->runs.size() >= most_notes) {
     BecomeChain(true);
+    forgetful = true;
     return false;
   }
   history->runs.push_back({run_from, run_to});
@@ -213,6 +214,7 @@ void DenseElements::PlayNotes() {
 // stack needs no notes.
 Variable* DenseElements::RemoveLast() {
   Touch(count_);
+  forgetful = false;
   OwnSlots();
   Variable* removed = SlotTable::VariableOf(&slots[count_ - 1]);
   int root = count_ - 1;
@@ -234,6 +236,7 @@ Variable* DenseElements::RemoveLast() {
 // --- The shape -----------------------------------------------------------------------------------
 
 DenseElements::History* DenseElements::UpToDate() {
+  forgetful = false;
   CloseRun();
   if (!history) history = std::make_unique<History>();
   PlayNotes();
@@ -243,6 +246,7 @@ DenseElements::History* DenseElements::UpToDate() {
 
 void DenseElements::OrderForCopy(std::vector<int>* ranks) {
   ranks->reserve(ranks->size() + static_cast<size_t>(count_));
+  forgetful = false;
   if (!IsChain()) {
     Shape().OrderForCopy(ranks);
   } else if (falling) {
@@ -274,6 +278,7 @@ void DenseElements::ShareWith(DenseElements* source) {
 // Inserting ranks in falling order makes the rising chain, and the other way round. Other shapes
 // are left to PlayNotes: a copy that nothing is removed from never needs its own.
 void DenseElements::TakeShapeOfCopy(DenseElements* source) {
+  forgetful = source->forgetful = false;
   if (count_ <= 99) {
     BecomeChain(true);
     return;

@@ -16,10 +16,11 @@
 //   once the least position is the root, each next one is the least of the root's right subtree, so
 //   the splay links the old root, with the chain below it, as its left child. A falling run over
 //   all positions leaves the mirror image. At the end of such a run all earlier notes are dropped.
-// - After most_notes of them, as random reads soon make, the row forgets them: it takes the falling
-//   chain, as if the script had then searched all positions in rising order. That is one of the
-//   shapes that the tree may have, and which of them it has is not promised. The forgotten shape
-//   could only have hidden elements from a search after a later removal; the chain hides none.
+// - After most_notes of them, as random reads soon make, the row forgets them and notes nothing more
+//   until the shape is needed: then it takes the falling chain, as if the script had just searched
+//   all positions in rising order. That is one of the shapes that the tree may have, and which of
+//   them it has is not promised. The forgotten shape could only have hidden elements from a search
+//   after a later removal; the chain hides none.
 // - To answer for the shape, the notes are played on a shape made of numbers, which is quicker than
 //   a tree of nodes, and that shape is kept.
 //
@@ -201,7 +202,7 @@ class DenseElements {
 
   // Notes a search of that rank. REQUIRES: the rank is in the row.
   void Touch(int rank) {
-    if (rank == top) return;
+    if (rank == top || forgetful) return;
     if (rank == expected && rank != goal) {
       top = rank;
       expected = rank + step;
@@ -250,6 +251,9 @@ class DenseElements {
   int capacity = 0;
   int chain_count = 0;     // number of elements in the chain, or in the shape
   bool falling = true;     // which chain it is
+  // No search is noted: the shape will be the falling chain. Set after most_notes until the shape has
+  // been needed.
+  bool forgetful = false;
   bool unnoted = false;    // the run is one rank, and its search changed the shape
   bool is_shared = false;  // another row may have the slots
   std::unique_ptr<History> history;
