@@ -1,6 +1,6 @@
-// The actions of the hot loop (base/machine/ZephVM_Hot.cpp): the list of operand kinds and the list of
-// operations, from which the enumeration here and the labels there are made. A file that uses a list
-// defines ACTION first. HotCode.h tells how code becomes records that have these actions.
+// The actions of the hot loop (base/machine/ZephVM_Hot.cpp): the list of operand kinds and the list
+// of operations, from which the enumeration here and the labels there are made. A file that uses a
+// list defines ACTION first. HotCode.h tells how code becomes records that have these actions.
 
 #ifndef ZEPH_BASE_HOTACTIONS_H
 #define ZEPH_BASE_HOTACTIONS_H
@@ -19,9 +19,9 @@ enum class HotOperand : unsigned char { Global, Local, Temporary, Constant, Plac
 enum class HotForm : unsigned char { Double, Integer, AsLoaded };
 
 // What a record may load from an element or member: a number, also one that its text was read as; a
-// number without a text, which comparisons, truths and operations on integers need, because these have
-// other rules for texts; or the latter or a text.
-enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText };
+// number without a text, which comparisons, truths and operations on integers need, because these
+// have other rules for texts; the latter or a text; or a value of any kind.
+enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 
 // The pairs of operands that an action of its own serves, a left and a right one; two constants are
 // never a pair. The order is that of HotOperand, see PairAction in HotGroup.cpp.

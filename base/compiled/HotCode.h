@@ -1,18 +1,20 @@
 // HotCode, code that runs often, decoded once. The machine first runs the bytes of a segment
-// directly. When it has come back to them a few times it decodes them into records, which the loop in
-// base/machine/ZephVM_Hot.cpp runs.
+// directly. When it has come back to them a few times it decodes them into records, which the loop
+// in base/machine/ZephVM_Hot.cpp runs.
 //
-// There are two lists of records. The plain list has one for each instruction. The fast list is what
-// usually runs:
+// There are two lists of records. The plain list has one for each instruction. The fast list is
+// what usually runs:
 //
-// - A group is a piece of straight code that begins and ends with nothing of its own on the stack: an
-//   expression and what is done with its value. Its records compute with operands instead of a stack:
-//   "push a, push b, add, pop c" is one record, c <- a + b. HotGroup.h tells how groups are found.
-//   All records of a group but the last have no effect except on temporaries (a number, or a place
-//   that a variable was found at). So if one of them does not apply, because a variable is not a
-//   number, say, the group's instructions are run one by one from its first, by the plain list, and
-//   nothing has to be taken back.
-// - The other instructions have a copy of their record, and some common sequences of these, an idiom,
+// - A group is a piece of straight code that begins and ends with nothing of its own on the stack:
+// an
+//   expression and what is done with its value. Its records compute with operands instead of a
+//   stack: "push a, push b, add, pop c" is one record, c <- a + b. HotGroup.h tells how groups are
+//   found. All records of a group but the last have no effect except on temporaries (a number, or a
+//   place that a variable was found at). So if one of them does not apply, because a variable is
+//   not a number, say, the group's instructions are run one by one from its first, by the plain
+//   list, and nothing has to be taken back.
+// - The other instructions have a copy of their record, and some common sequences of these, an
+// idiom,
 //   have one action together. If that does not apply, its first instruction is run alone.
 //
 // A script cannot observe the difference. An action handles the cases that cannot fail, on ordinary
@@ -50,16 +52,17 @@ struct HotOp {
   // The orders on which a jump is made or a comparison holds: bit 0 for less, 1 for equal, 2 for
   // greater.
   unsigned char orders = 0;
-  bool word = false;    // whether a text is no number, so that it is compared as a text
-  bool create = false;  // whether an element or member is created if it is missing
+  bool word = false;               // whether a text is no number, so that it is compared as a text
+  bool create = false;             // whether an element or member is created if it is missing
+  bool refer = false;              // of an argument: whether it is taken by reference
   HotLoad load = HotLoad::Number;  // of a record that loads
   HotForm form = HotForm::Double;  // of a temporary or constant that is stored, pushed or returned
   // Of a group's first plain record: how often the group has not applied.
   mutable unsigned char misfits = 0;
   unsigned short code = 0;  // the instruction's number, see base/compiled/Instructions.h
   int start = 0;            // offset of the instruction, or of a group's first, in the segment
-  int first = 0;            // integer operands; a constant as an integer. In a group: the position of
-  int second = 0;           // the left operand, of the right one, and of where the outcome goes
+  int first = 0;   // integer operands; a constant as an integer. In a group: the position of
+  int second = 0;  // the left operand, of the right one, and of where the outcome goes
   int third = 0;
   int length = 0;       // of a text
   double number = 0.0;  // a constant as a double
@@ -118,9 +121,9 @@ class HotCode {
   bool IsOut(size_t i) const { return IsHandler(i, Instruction::code_out); }
 
   long code_serial;
-  std::vector<HotOp> ops;     // the plain list; the last ones, after the code, are Leave
-  std::vector<HotOp> fast;    // the fast list, which ends in the same way
-  std::vector<int> records;   // by offset, -1 where no instruction begins
+  std::vector<HotOp> ops;    // the plain list; the last ones, after the code, are Leave
+  std::vector<HotOp> fast;   // the fast list, which ends in the same way
+  std::vector<int> records;  // by offset, -1 where no instruction begins
 };
 
 #endif

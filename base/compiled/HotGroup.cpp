@@ -30,16 +30,16 @@ HotAction PairAction(HotAction first, HotOperand left, HotOperand right) {
 }
 
 // The number of pairs, which is the distance between two such groups of actions.
-const int kPairs = static_cast<int>(HotAction::SubOfGlobalGlobal) -
-                   static_cast<int>(HotAction::AddOfGlobalGlobal);
+const int kPairs =
+    static_cast<int>(HotAction::SubOfGlobalGlobal) - static_cast<int>(HotAction::AddOfGlobalGlobal);
 
 // The first action of the group of an operation that is so many places after the first operation.
 HotAction NthPairs(HotAction first, int place) {
   return static_cast<HotAction>(static_cast<int>(first) + kPairs * place);
 }
 
-// The first action of the comparisons with a jump on these orders; Leave if that jump is made always
-// or never.
+// The first action of the comparisons with a jump on these orders; Leave if that jump is made
+// always or never.
 HotAction JumpIf(unsigned char orders) {
   switch (orders) {
     case 1: return HotAction::JumpIfLessGlobalGlobal;
@@ -302,10 +302,10 @@ HotGroup::Step HotGroup::Pop(size_t i) {
     // The last record computes it, and nothing else uses it.
     record = made.back();
     made.pop_back();
-    record.action = record.action < HotAction::ModOf
-                        ? Shifted(record.action, HotAction::AddOfGlobalGlobal,
-                                  HotAction::AddToGlobalGlobal)
-                        : Shifted(record.action, HotAction::ModOf, HotAction::ModTo);
+    record.action =
+        record.action < HotAction::ModOf
+            ? Shifted(record.action, HotAction::AddOfGlobalGlobal, HotAction::AddToGlobalGlobal)
+            : Shifted(record.action, HotAction::ModOf, HotAction::ModTo);
   } else if (value.kind == HotOperand::Place) {
     if (!IsUnusedLast(value)) return Step::Apart;
     record = made.back();
@@ -340,7 +340,11 @@ HotGroup::Step HotGroup::Store(size_t) {
   } else if (accesses[target.record] == Access::Found) {
     return Step::Apart;
   }
-  if (value.kind == HotOperand::Text || !AsNumber(&value, HotLoad::NumberOrText)) {
+  if (value.kind == HotOperand::Text) {
+    if (record.action != HotAction::LoadElement) return Step::Apart;
+    record.text = value.constant->text;
+    record.length = value.constant->length;
+  } else if (!AsNumber(&value, HotLoad::Any)) {
     return Step::Apart;
   }
   if (record.action == HotAction::LoadElement) {
@@ -372,8 +376,7 @@ HotGroup::Step HotGroup::Jump(size_t i) {
   if (value.record + 1 == made.size() &&
       (last.action == HotAction::CompareOf || last.action == HotAction::CompareLoadedOf ||
        last.action == HotAction::CompareTextOf)) {
-    const unsigned char orders =
-        ordered ? record.orders : JumpOrders(last.orders, record.orders);
+    const unsigned char orders = ordered ? record.orders : JumpOrders(last.orders, record.orders);
     const HotAction action = JumpIf(orders);
     if (action == HotAction::Leave) {
       // It is made always or never, and the outcome of cmp is not in a temporary.
@@ -422,12 +425,13 @@ HotGroup::Step HotGroup::Call(size_t i) {
     Value value = values[k];
     if (parameters[k]->byreference()) {
       if (!IsVariable(value.kind) && !AsPlace(&value)) return Step::Apart;
-    } else if (value.kind != HotOperand::Text && !AsNumber(&value, HotLoad::NumberOrText)) {
+    } else if (value.kind != HotOperand::Text && !AsNumber(&value, HotLoad::Any)) {
       return Step::Apart;
     }
     HotOp argument = New(HotAction::Leave);
     SetLeft(&argument, value);
     argument.form = value.form;
+    argument.refer = parameters[k]->byreference();
     argument.start = ops[i + 1].start;
     if (value.kind == HotOperand::Text) {
       argument.text = value.constant->text;
@@ -485,8 +489,8 @@ void HotGroup::AddTemporary(HotOp record, size_t maker, HotForm form) {
   values.push_back(value);
 }
 
-// Takes the operands of a record that works on numbers; a single one is the right one. Returns false
-// and takes nothing if they are not there, cannot be numbers, or are all constants.
+// Takes the operands of a record that works on numbers; a single one is the right one. Returns
+// false and takes nothing if they are not there, cannot be numbers, or are all constants.
 bool HotGroup::TakeNumbers(size_t count, HotLoad load, HotOp* record) {
   if (values.size() < count) return false;
   Value right = values.back();
@@ -499,8 +503,8 @@ bool HotGroup::TakeNumbers(size_t count, HotLoad load, HotOp* record) {
   return true;
 }
 
-// Makes an operand of the value, for an operation that takes a number. Returns false if it cannot be
-// one.
+// Makes an operand of the value, for an operation that takes a number. Returns false if it cannot
+// be one.
 bool HotGroup::AsNumber(Value* value, HotLoad load) {
   if (value->kind == HotOperand::Text) return false;
   if (value->kind != HotOperand::Place) return true;

@@ -1,17 +1,17 @@
 // Finds the groups of decoded code (base/compiled/HotCode.h) and makes their records.
 //
-// It runs straight code on a stack of its own, on which entries are not values but operands: where a
-// value is, or which record computes it. A push of a variable or constant makes no record; an
+// It runs straight code on a stack of its own, on which entries are not values but operands: where
+// a value is, or which record computes it. A push of a variable or constant makes no record; an
 // operation makes one that takes its operands from where they are and puts its outcome into a
-// temporary; a store, a conditional jump, a call or a return with all that is on that stack ends the
-// group. The outcome of the record before a store goes straight into the variable.
+// temporary; a store, a conditional jump, a call or a return with all that is on that stack ends
+// the group. The outcome of the record before a store goes straight into the variable.
 //
 //   push a, push 2, mul, push b, add, pop c        T0 <- a * 2;  c <- T0 + b
 //   push x, push i, elem, push j, elem, ...        P0 <- x[i];  T1 <- P0[j]; ...
 //
 // A variable is read by the record that uses it and not where it was pushed. This is the same,
-// because nothing in a group but its last record changes a variable, and the instructions do the same:
-// they push the variable itself and read it at its use.
+// because nothing in a group but its last record changes a variable, and the instructions do the
+// same: they push the variable itself and read it at its use.
 //
 // Where an instruction is met that no group can have, or that leaves values below, what is on the
 // stack then has to be there for real. The instructions that made these values are marked, and the
@@ -65,9 +65,9 @@ class HotGroup {
   // An entry of the stack.
   struct Value {
     HotOperand kind;
-    int index = 0;              // of a row or a temporary
-    size_t maker = 0;           // the instruction that pushed it
-    size_t record = 0;          // of a temporary or place: the record that makes it
+    int index = 0;      // of a row or a temporary
+    size_t maker = 0;   // the instruction that pushed it
+    size_t record = 0;  // of a temporary or place: the record that makes it
     HotForm form = HotForm::Double;
     const HotOp* constant = nullptr;  // of a constant or text: the instruction's record
   };

@@ -39,6 +39,7 @@
 #include "base/machine/ZephVM.h"
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
+#include "base/values/VariableRef.h"
 
 namespace {
 
@@ -227,8 +228,8 @@ template <typename Number>
   return !(left < right) + !(left <= right);
 }
 
-// The variable with the number of a row whose variable is not a bare number, or is missing: at the end
-// of its references, with other forms beside. Null if it is not a number.
+// The variable with the number of a row whose variable is not a bare number, or is missing: at the
+// end of its references, with other forms beside. Null if it is not a number.
 [[gnu::noinline]] Variable* WithNumber(Variable* variable) {
   if (!variable) return nullptr;
   variable = variable->Real();
@@ -242,8 +243,8 @@ template <typename Number>
   return IsComparableSlow(variable) ? variable : nullptr;
 }
 
-// The order of two texts of which one is no number, as the number of its bit in HotOp::orders; false
-// if the machine has to look closer.
+// The order of two texts of which one is no number, as the number of its bit in HotOp::orders;
+// false if the machine has to look closer.
 [[gnu::noinline]] bool FindOrderOfTexts(Entry* left, Entry* right, int* order) {
   int difference;
   if (!ZephVM_Stack::CompareWords(left, right, &difference)) return false;
@@ -251,19 +252,24 @@ template <typename Number>
   return true;
 }
 
-// The same for a variable, which may be missing, and a constant text. If that is no number it is a word,
-// and then all but the equality of texts of two lengths is one comparison of bytes.
+// The same for a variable, which may be missing, and a constant text. If that is no number it is a
+// word: no integer is equal to it, and two texts are equal if their bytes are.
 [[gnu::always_inline]] inline bool FindOrderOfText(Variable* left, const HotOp* op, int* order) {
   if (!left) return false;
+  const bool equality = op->orders == 2 || op->orders == 5;
+  if (op->word && equality && left->HoldsInteger()) {
+    *order = 0;
+    return true;
+  }
   if (op->word && (left->plain_forms() & Variable::TextForm)) [[likely]] {
     const String& text = left->plain_text();
     const int difference = text.length - op->length;
-    if (text.data && (difference == 0 || op->orders == 2 || op->orders == 5)) {
+    if (text.data && (difference == 0 || equality)) {
       *order = 1;
       if (difference == 0 && SameBytes(text.data, op->text, static_cast<size_t>(op->length))) {
         return true;
       }
-      if (op->orders == 2 || op->orders == 5) {
+      if (equality) {
         *order = 0;
         return true;
       }
@@ -298,47 +304,65 @@ struct Temporary {
   }
 };
 
-// Reads the value of an element or member that is not a bare number. Returns false if it has none that
-// may be loaded.
+// Reads the value of an element or member that is not a bare number. Returns false if it has none
+// that may be loaded.
 [[gnu::noinline]] bool Load(Variable* variable, HotLoad load, Temporary* temporary) {
   variable = variable->Real();
   temporary->variable = nullptr;
   if (FindAlone(variable, &temporary->number, &temporary->form)) return true;
   temporary->form = HotForm::AsLoaded;
-  if (load == HotLoad::NumberOrText) {
+  if (load == HotLoad::NumberOrText || load == HotLoad::Any) {
     temporary->variable = variable;
-    return (variable->plain_forms() & Variable::TextForm) != 0;
+    return load == HotLoad::Any ? variable->IsPlain()
+                                : (variable->plain_forms() & Variable::TextForm) != 0;
   }
   if (load != HotLoad::Number || !HasNumberSlow(variable)) return false;
   temporary->number = NumberOf(variable);
   return true;
 }
 
-// Makes an argument of a variable: its number or its text, if it has only one of these.
-[[gnu::noinline]] bool BeginWith(Variable* parameter, Variable* argument) {
+// Stores a value of any kind. Either variable may be an element of the other, and then only that
+// holds it, so both get a count. A value must not seem to have no other holder while it is copied.
+[[gnu::noinline]] void Assign(Variable* target, Variable* source) {
+  const VariableRef target_held = VariableRef::Share(target);
+  const VariableRef source_held = VariableRef::Share(source);
+  target->SetValue(*source);
+}
+
+// The most bytes that a record compares which is not the last of its group: no flags are polled
+// after it.
+const int kShort = 4096;
+
+bool IsShort(const Variable* text) {
+  return text && text->plain_text().length <= kShort;
+}
+
+// Gives a parameter the value of an argument that is no bare number. Returns false if it is not a
+// plain variable. *patience is 1 afterwards if the time depended on the size of the value.
+[[gnu::noinline]] bool BeginWith(Variable* parameter, Variable* argument, int* patience) {
   if (!argument) return false;
   argument = argument->Real();
   if (parameter->CopyNumber(*argument)) return true;
-  if (argument->plain_forms() != Variable::TextForm) return false;
-  const String& text = argument->plain_text();
-  if (!text.data) return false;
+  if (!argument->IsPlain()) return false;
+  argument->Wake();
   parameter->Wake();
-  parameter->SetValue(text.data, text.length);
+  parameter->SetValue(*argument);
+  *patience = 1;
   return true;
 }
 
-// The order of two operands, each a variable or, if that is null, a number; of two texts only if one is
-// no number. *patience is 1 afterwards if texts were compared.
+// The order of two operands, each a variable or, if that is null, a number; of two texts only if
+// one is no number. *texts receives whether texts were compared.
 [[gnu::always_inline]] inline bool FindLoadedOrder(Variable* left, double left_number,
-                                                   Variable* right, double right_number,
-                                                   int* order, int* patience) {
+                                                   Variable* right, double right_number, int* order,
+                                                   bool* texts) {
   if (left && Find<IsComparableSlow>(left, &left_number)) left = nullptr;
   if (right && Find<IsComparableSlow>(right, &right_number)) right = nullptr;
-  if (!left && !right) [[likely]] {
+  *texts = left || right;
+  if (!*texts) [[likely]] {
     *order = OrderOf(left_number, right_number);
     return true;
   }
-  *patience = 1;
   return FindOrderOfVariables(left, right, order);
 }
 
@@ -498,7 +522,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     started = op;                                   \
     started_with = static_cast<long>(top - bottom); \
   }
-#define RAN_UP_TO(end, consumed)                             \
+#define RAN_UP_TO(end, consumed)                                             \
   assert(InstructionCheck::Agree(started->plain, (end)->plain, started_with, \
                                  static_cast<long>(top - bottom) + (consumed)));
 #endif
@@ -528,6 +552,14 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define JUMP_IF(condition, jump, count) \
   if (condition) JUMP(jump) \
   NEXT(count)
+// The same after work of any length.
+#define JUMP_IF_AFTER_WORK(condition, jump, count) { \
+  const bool jumps = condition; \
+  RAN(jumps ? (jump) + 1 : op + (count)) \
+  op = jumps ? (jump)->target : op + (count); \
+  STARTED \
+  if (RAISED) [[unlikely]] goto on_Leave; \
+  GO_TO(op->action); }
 // The variable at a record's position, or the one that it refers to; null if it does not exist yet.
 // ROW_OF gives the variable itself.
 #define ROW_AT(table, position) \
@@ -804,7 +836,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define FIND_LOADED_ORDER \
   (first_row = LOADED_OF(op->left, op->first), second_row = LOADED_OF(op->right, op->second), \
    FindLoadedOrder(first_row, LOADED_NUMBER(op->left, op->first), second_row, \
-                   LOADED_NUMBER(op->right, op->second), &order, &patience))
+                   LOADED_NUMBER(op->right, op->second), &order, &texts))
 // An operation on one or two integers, and one on one or two truths.
 #define GROUP_INTEGERS(name, result) \
   on_##name##Of: { \
@@ -1093,7 +1125,7 @@ on_CompareGlobalsJump : {
   LEAVE_UNLESS(HAS_ROOM)
   if (!FindOrder(ROW_OF(op), SECOND_ROW(op), &order)) {
     if (!FindOrderOfVariables(ROW_OF(op), SECOND_ROW(op), &order)) goto on_Handler;
-    patience = 1;
+    JUMP_IF_AFTER_WORK(Jumps(op + 1, order), op + 1, 2)
   }
   JUMP_IF(Jumps(op + 1, order), op + 1, 2)
 }
@@ -1136,7 +1168,8 @@ on_Line:
 on_SourceLine:
   SINGLE_UNLESS(!log_gate.Wants(Log_Trace))
   current_line = op[1].first;
-  if (source_file == op->first) [[likely]] NEXT(2)
+  if (source_file == op->first) [[likely]]
+    NEXT(2)
   traced_line = 0;
   source_file = op->first;
   source_name = nullptr;
@@ -1280,26 +1313,31 @@ on_CompareTo : {
 }
 on_CompareLoadedOf : {
   int order;
+  bool texts;
   MISFIT_UNLESS(FIND_LOADED_ORDER)
+  MISFIT_UNLESS(!texts || IsShort(first_row) || IsShort(second_row))
   temporaries[op->third].number = Jumps(op, order);
   STEP
 }
 on_CompareLoadedTo : {
   int order;
+  bool texts;
   MISFIT_UNLESS(FIND_LOADED_ORDER)
   FIND_TARGET
   variable->Write_Integer(Jumps(op, order));
-  NEXT(1)
+  NEXT_AFTER_WORK(1)
 }
 on_JumpIfLoaded : {
   int order;
+  bool texts;
   MISFIT_UNLESS(FIND_LOADED_ORDER)
+  if (texts) JUMP_IF_AFTER_WORK(Jumps(op, order), op, 1)
   JUMP_IF(Jumps(op, order), op, 1)
 }
 on_CompareTextOf : {
   int order;
   variable = BASE_OF(op);
-  MISFIT_UNLESS(FindOrderOfText(variable, op, &order))
+  MISFIT_UNLESS(op->length <= kShort && FindOrderOfText(variable, op, &order))
   temporaries[op->third].number = Jumps(op, order);
   STEP
 }
@@ -1309,15 +1347,13 @@ on_CompareTextTo : {
   MISFIT_UNLESS(FindOrderOfText(variable, op, &order))
   FIND_TARGET
   variable->Write_Integer(Jumps(op, order));
-  patience = 1;
-  NEXT(1)
+  NEXT_AFTER_WORK(1)
 }
 on_JumpIfText : {
   int order;
   variable = BASE_OF(op);
   MISFIT_UNLESS(FindOrderOfText(variable, op, &order))
-  if (op->length > ZephVM_Stack::ShortText) patience = 1;
-  JUMP_IF(Jumps(op, order), op + 1, 2)
+  JUMP_IF_AFTER_WORK(Jumps(op, order), op + 1, 2)
 }
 // Two variables that are not both numbers, at a comparison with a jump.
 compare_texts : {
@@ -1325,39 +1361,42 @@ compare_texts : {
   MISFIT_UNLESS(op->left <= HotOperand::Local && op->right <= HotOperand::Local)
   variable = OPERAND(op->left, op->first);
   MISFIT_UNLESS(FindOrderOfVariables(variable, OPERAND(op->right, op->second), &order))
-  patience = 1;
-  JUMP_IF(Jumps(op, order), op, 1)
+  JUMP_IF_AFTER_WORK(Jumps(op, order), op, 1)
 }
 on_JumpIfNumber:
   JUMP_IF(Jumps(op, OrderOf(DoubleToInteger(temporaries[op->first].number), 0)), op, 1)
 on_NoteLine:
   MISFIT_UNLESS(!log_gate.Wants(Log_Trace))
   current_line = op->first;
-  STEP
-on_NoteSourceFile:
-  if (source_file != op->first) {
+  STEP on_NoteSourceFile : if (source_file != op->first) {
     traced_line = 0;
     source_file = op->first;
     source_name = nullptr;
   }
-  STEP
-on_LoadElement : {
-  int number;
-  DenseSlot bare;
-  variable = BASE_OF(op);
-  INTEGER_OF(op->right, op->second, &number)
-  MISFIT_UNLESS(variable && number >= 1)
-  TELL_STACK
-  Temporary* const loaded = &temporaries[op->third];
-  if (variable->FindBare(number, &bare)) [[likely]] {
-    loaded->Set(bare);
+  STEP on_LoadElement : {
+    int number;
+    variable = BASE_OF(op);
+    INTEGER_OF(op->right, op->second, &number)
+    MISFIT_UNLESS(variable && number >= 1)
+    TELL_STACK
+    Temporary* const loaded = &temporaries[op->third];
+    if (const DenseSlot* const slot = variable->SearchSlot(number)) [[likely]] {
+      if (!slot->IsVariable()) {
+        loaded->Set(*slot);
+      } else if (slot->variable()->HoldsDouble()) {
+        loaded->variable = nullptr;
+        loaded->form = HotForm::Double;
+        loaded->number = slot->variable()->plain_double();
+      } else {
+        MISFIT_UNLESS(Load(slot->variable(), op->load, loaded))
+      }
+      STEP
+    }
+    MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
+    variable = variable->At(number, 0);
+    MISFIT_UNLESS(variable && Load(variable, op->load, loaded))
     STEP
   }
-  MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
-  variable = variable->At(number, 0);
-  MISFIT_UNLESS(variable && Load(variable, op->load, loaded))
-  STEP
-}
 on_LoadMember : {
   DenseSlot bare;
   variable = BASE_OF(op);
@@ -1373,8 +1412,8 @@ on_LoadMember : {
   MISFIT_UNLESS(variable && Load(variable, op->load, loaded))
   STEP
 }
-// An element that is created stays if the group does not apply: its instructions create it again, in
-// the same order.
+// An element that is created stays if the group does not apply: its instructions create it again,
+// in the same order.
 on_FindElement : {
   int number;
   variable = BASE_OF(op);
@@ -1393,21 +1432,20 @@ on_FindMember:
   variable = variable->Member(op->text, op->length, op->create, &op->hint);
   MISFIT_UNLESS(variable)
   temporaries[op->third].variable = variable;
-  STEP
-on_MoveVariable:
-  FIND_TARGET
-  first_row = OPERAND(op->left, op->first);
-  MISFIT_UNLESS(first_row && first_row->plain_forms() != 0)
+  STEP on_MoveVariable : FIND_TARGET first_row = OPERAND(op->left, op->first);
+  MISFIT_UNLESS(first_row && first_row->IsPlain())
   if (variable->CopyNumber(*first_row)) NEXT(1)
   TELL_STACK
-  patience = 1;
-  variable->Write_Value(*first_row);
-  NEXT(1)
+  WAKE(first_row)
+  WAKE(variable)
+  Assign(variable, first_row);
+  NEXT_AFTER_WORK(1)
 on_MoveText:
   FIND_TARGET
   TELL_STACK
+  WAKE(variable)
   variable->SetValue(op->text, op->length);
-  NEXT(1)
+  NEXT_AFTER_WORK(1)
 on_MoveNumber : {
   FIND_TARGET
   if (op->form == HotForm::Integer) {
@@ -1439,8 +1477,13 @@ on_MoveElement : {
   }
   MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
   variable = variable->At(number, op->create);
-  MISFIT_UNLESS(variable && variable != target && target->CopyNumber(*variable->Real()))
-  NEXT(1)
+  MISFIT_UNLESS(variable)
+  variable = variable->Real();
+  MISFIT_UNLESS(variable != target && variable->IsPlain())
+  if (target->CopyNumber(*variable)) NEXT(1)
+  WAKE(target)
+  Assign(target, variable);
+  NEXT_AFTER_WORK(1)
 }
 on_MoveMember : {
   FIND_TARGET
@@ -1459,10 +1502,15 @@ on_MoveMember : {
   }
   MISFIT_UNLESS(variable->IsPlain() && variable->HoldsStructure())
   variable = variable->Member(op->text, op->length, op->create, &op->hint);
-  MISFIT_UNLESS(variable && variable != target && target->CopyNumber(*variable->Real()))
-  NEXT(1)
+  MISFIT_UNLESS(variable)
+  variable = variable->Real();
+  MISFIT_UNLESS(variable != target && variable->IsPlain())
+  if (target->CopyNumber(*variable)) NEXT(1)
+  WAKE(target)
+  Assign(target, variable);
+  NEXT_AFTER_WORK(1)
 }
-// The value has to be a bare number, so that nothing else of it would be stored.
+// A number is stored as such only if it is all of its value.
 on_StoreElement : {
   int number;
   double value;
@@ -1477,46 +1525,62 @@ on_StoreElement : {
       form = temporaries[op->third].form;
       first_row = temporaries[op->third].variable;
     }
-    if (first_row) {
-      // A text, from another element or a member.
-      MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
-      TELL_STACK
-      variable = variable->At(number, 1);
-      MISFIT_UNLESS(variable && variable->IsPlain())
-      patience = 1;
-      variable->Write_Value(*first_row);
-      NEXT(1)
-    }
+    if (first_row) goto store_value;
   } else if (op->into == HotOperand::Constant) {
     value = op->number;
+  } else if (op->into == HotOperand::Text) {
+    MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
+    TELL_STACK
+    variable = variable->At(number, 1);
+    MISFIT_UNLESS(variable && variable->IsPlain())
+    variable->SetValue(op->text, op->length);
+    NEXT_AFTER_WORK(1)
   } else {
-    other = OPERAND(op->into, op->third);
-    MISFIT_UNLESS(other && FindAlone(other, &value, &form))
+    first_row = OPERAND(op->into, op->third);
+    MISFIT_UNLESS(first_row && first_row->IsPlain())
+    if (!FindAlone(first_row, &value, &form)) {
+      WAKE(first_row)
+      goto store_value;
+    }
   }
   TELL_STACK
   if (form == HotForm::Double) {
     MISFIT_UNLESS(variable->WriteElement(number, value))
   } else {
-    MISFIT_UNLESS(form == HotForm::Integer && variable->WriteElement(number, static_cast<int>(value)))
+    MISFIT_UNLESS(form == HotForm::Integer &&
+                  variable->WriteElement(number, static_cast<int>(value)))
   }
   NEXT(1)
+// A text, or a value with elements.
+store_value:
+  MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
+  TELL_STACK
+  variable = variable->At(number, 1);
+  MISFIT_UNLESS(variable && variable->IsPlain())
+  Assign(variable, first_row);
+  NEXT_AFTER_WORK(1)
 }
 on_StoreMember : {
   double value;
   HotForm form = op->form;
   variable = BASE_OF(op);
-  MISFIT_UNLESS(variable)
+  MISFIT_UNLESS(variable && variable->HoldsStructure())
   if (op->right == HotOperand::Temporary) {
     value = temporaries[op->second].number;
     if (form == HotForm::AsLoaded) {
       form = temporaries[op->second].form;
-      MISFIT_UNLESS(form != HotForm::AsLoaded)
+      first_row = temporaries[op->second].variable;
+      if (first_row) goto store_member_value;
     }
   } else if (op->right == HotOperand::Constant) {
     value = op->number;
   } else {
-    other = OPERAND(op->right, op->second);
-    MISFIT_UNLESS(other && FindAlone(other, &value, &form))
+    first_row = OPERAND(op->right, op->second);
+    MISFIT_UNLESS(first_row && first_row->IsPlain())
+    if (!FindAlone(first_row, &value, &form)) {
+      WAKE(first_row)
+      goto store_member_value;
+    }
   }
   TELL_STACK
   if (form == HotForm::Double) {
@@ -1526,6 +1590,13 @@ on_StoreMember : {
     MISFIT_UNLESS(variable->WriteMember(op->text, op->length, &op->hint, integer))
   }
   NEXT(1)
+store_member_value:
+  MISFIT_UNLESS(variable->IsPlain())
+  TELL_STACK
+  variable = variable->Member(op->text, op->length, 1, &op->hint);
+  MISFIT_UNLESS(variable && variable->IsPlain())
+  Assign(variable, first_row);
+  NEXT_AFTER_WORK(1)
 }
 on_PushNumber : {
   const double number = temporaries[op->first].number;
@@ -1600,40 +1671,44 @@ on_CallWith : {
   for (; parameter != end; parameter++) {
     argument++;
     Variable* const begun = parameter->variable;
-    if (!begun) [[unlikely]] break;
-    if (called->references >> (parameter - locals) & 1) {
-      // The variable itself and not what it refers to, because it may be made to refer to another.
-      variable = argument->left == HotOperand::Place ? temporaries[argument->first].variable
-                                                     : ROW_OF(argument);
-      if (!variable) [[unlikely]] break;
-      WAKE(variable)
-      begun->Begin(variable);
-    } else if (argument->left <= HotOperand::Local) {
-      other = OPERAND(argument->left, argument->first);
-      if (other && other->HoldsDouble()) {
-        begun->Begin(other->plain_double());
-      } else if (other && other->HoldsInteger()) {
-        begun->Begin(other->plain_integer());
-      } else if (!BeginWith(begun, const_cast<Variable*>(other))) {
+    if (!begun) [[unlikely]]
+      break;
+    if (argument->left <= HotOperand::Local && !argument->refer) {
+      variable = ROW_OF(argument);
+      if (variable && variable->HoldsDouble()) {
+        begun->Begin(variable->plain_double());
+      } else if (variable && variable->HoldsInteger()) {
+        begun->Begin(variable->plain_integer());
+      } else if (!BeginWith(begun, variable, &patience)) {
         break;
+      }
+    } else if (argument->left == HotOperand::Temporary) {
+      const Temporary& value = temporaries[argument->first];
+      const HotForm form = argument->form == HotForm::AsLoaded ? value.form : argument->form;
+      if (form == HotForm::Double) {
+        begun->Begin(value.number);
+      } else if (form == HotForm::Integer) {
+        begun->Begin(static_cast<int>(value.number));
+      } else if (!BeginWith(begun, value.variable, &patience)) {
+        break;
+      }
+    } else if (argument->left == HotOperand::Constant) {
+      if (argument->form == HotForm::Integer) {
+        begun->Begin(argument->first);
+      } else {
+        begun->Begin(argument->number);
       }
     } else if (argument->left == HotOperand::Text) {
       begun->Wake();
       begun->SetValue(argument->text, argument->length);
     } else {
-      const bool constant = argument->left == HotOperand::Constant;
-      const double number = constant ? argument->number : temporaries[argument->first].number;
-      const HotForm form =
-          argument->form == HotForm::AsLoaded ? temporaries[argument->first].form : argument->form;
-      if (argument->form == HotForm::AsLoaded && temporaries[argument->first].variable) {
-        if (!BeginWith(begun, temporaries[argument->first].variable)) break;
-      } else if (form == HotForm::Double) {
-        begun->Begin(number);
-      } else if (form == HotForm::Integer) {
-        begun->Begin(static_cast<int>(number));
-      } else {
+      // The variable itself and not what it refers to, because it may be made to refer to another.
+      variable = argument->left == HotOperand::Place ? temporaries[argument->first].variable
+                                                     : ROW_OF(argument);
+      if (!variable) [[unlikely]]
         break;
-      }
+      WAKE(variable)
+      begun->Begin(variable);
     }
   }
   if (parameter != end) [[unlikely]] {
@@ -1829,7 +1904,8 @@ look:
   if (RAISED) goto on_Leave;
   GO_TO(op->action);
 
-// The called code may have written to this segment, which drops its decoded form, or be in another one.
+// The called code may have written to this segment, which drops its decoded form, or be in another
+// one.
 moved:
   if (stop_flag || RAISED) return;
   if (wanted_segment != loaded_segment) {
@@ -1867,6 +1943,7 @@ on_Leave:
 #undef LEAVE_UNLESS
 #undef JUMP
 #undef JUMP_IF
+#undef JUMP_IF_AFTER_WORK
 #undef ROW_AT
 #undef ROW_OF
 #undef MADE_AT

@@ -157,6 +157,8 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
     dense.Search(position);
     return true;
   }
+  // The value of an element of a row, by a search; null and no search for others.
+  const DenseSlot* SearchSlot(int position) { return dense.SearchSlot(position); }
   // Finds an element of a row that is only a number, by a search. Returns false and makes no search
   // for others.
   bool FindBare(int position, DenseSlot* found) {
@@ -405,6 +407,11 @@ inline bool Variable::WriteMember(const char* name, int length, MemberHint* hint
 inline bool Variable::ReadElement(int position, double* number) {
   return IsPlain() && aggregate == AggregateArray && elements->IsRow() &&
          elements->ReadNumber(position, number);
+}
+
+inline const DenseSlot* Variable::SearchSlot(int position) {
+  if (!IsPlain() || aggregate != AggregateArray) return nullptr;
+  return elements->SearchSlot(position);
 }
 
 inline bool Variable::FindBare(int position, DenseSlot* slot) {

@@ -125,7 +125,7 @@ void DenseElements::TouchElsewhere(int rank) {
     }
     return;
   }
-  if (!CloseRun() && rank == top) return;
+  if (!CloseRun()) return;
   StartRun(rank);
   top = rank;
   unnoted = true;

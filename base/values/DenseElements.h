@@ -131,6 +131,14 @@ class DenseElements {
   // Whether another row has the same slots.
   bool IsShared() const { return is_shared && SlotTable::IsShared(slots); }
 
+  // The same with a search.
+  const DenseSlot* SearchSlot(int position) {
+    const unsigned slot = static_cast<unsigned>(position) - static_cast<unsigned>(base);
+    if (slot >= static_cast<unsigned>(count_)) return nullptr;
+    Touch(static_cast<int>(slot) + 1);
+    return &slots[slot];
+  }
+
   // Whether an element with that position can be added: the next one, or a first one.
   bool Takes(int position) const { return count_ > 0 ? position == base + count_ : position >= 0; }
   // Adds an element, adopting a count on the variable. The search for the position, which precedes

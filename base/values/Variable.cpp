@@ -176,6 +176,9 @@ Variable* Variable::Final() {
   if (!reference) return this;
   if (!reference->reference) return reference;
   const auto remembers = static_cast<int>(changed_references);
+  if (integer_value == remembers && !(state & Reached) && link() && !link()->reference) [[likely]] {
+    return link();
+  }
   const auto following = [remembers](Variable* holder) {
     const bool is_marked = (holder->state & Reached) != 0;
     if (!is_marked && holder->integer_value == remembers && holder->link()) return holder->link();
