@@ -29,6 +29,17 @@ bool HasName(Variable* variable, const char* name, int length) {
          (length == 0 || memcmpi(own.data, name, static_cast<size_t>(length)) == 0);
 }
 
+bool HasElements(Variable* variable) {
+  return variable->RealIdentity()->aggregatetype() != AggregateNone;
+}
+
+// A copy of the value that shares no memory with it: a library may keep it for longer than the
+// request, and then it is none of the request's thread.
+VariableRef Apart(Variable* source) {
+  const VariableRef copy(new Variable(*source));
+  return VariableRef(copy->Clone(nullptr));
+}
+
 }  // namespace
 
 // --- Variables -----------------------------------------------------------------------------------
@@ -40,7 +51,7 @@ ZPVARIABLE zpVariable_Allocate(const char* name, int namelength, const char* val
                : new Variable(name, namelength);
 }
 ZPVARIABLE zpVariable_Allocate_Copy(ZPVARIABLE source) {
-  return new Variable(*source);
+  return HasElements(source) ? Apart(source).release() : new Variable(*source);
 }
 void zpVariable_Free(ZPVARIABLE variable) {
   if (variable) variable->DecRefCount();
@@ -87,7 +98,7 @@ int zpVariable_SetValue(ZPVARIABLE variable, const char* value, int length) {
   return variable->SetValue(value, length);
 }
 int zpVariable_SetValue_Variable(ZPVARIABLE variable, ZPVARIABLE source) {
-  return variable->SetValue(*source);
+  return HasElements(source) ? variable->SetValue(*Apart(source)) : variable->SetValue(*source);
 }
 int zpVariable_SetValue_Nocopy(ZPVARIABLE variable, char* buffer, int length, int allocated) {
   return variable->SetValue_Nocopy(buffer, length, allocated);

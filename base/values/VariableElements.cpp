@@ -181,14 +181,17 @@ void Variable::DeleteElements(int start, int count, bool compact) {
   if (compact) elements->Displace(end, WrapSubtract(0, count));
 }
 
-// Stores an element's variable, or a copy of it, at the position.
+// Stores an element's variable, or a copy of it, at the position. Libraries copy elements to keep
+// them, so the copy shares nothing with the original.
 void Variable::PlaceElement(Variable* element, int position, bool copy) {
   const AggregateIndex place(position);
   if (!copy || !element) {
     SetElement(place, element);
     return;
   }
-  const VariableRef variable(new Variable(*element));
+  const VariableRef variable(new Variable());
+  variable->SetName(element->name_);
+  variable->Assign(*element, true);
   SetElement(place, variable.get());
 }
 

@@ -555,6 +555,24 @@ TEST(SharedElements, ACloneSharesNothingAndGoesToAnotherThread) {
   EXPECT_EQ(source->Member("parts", 5, 0)->At(3, 0)->ElementsUsed(), 1);
 }
 
+// A library may keep them for longer than the values that they come from.
+TEST(SharedElements, CopiesOfSingleElementsShareNothing) {
+  for (const bool inserted : {false, true}) {
+    const VariableRef source(new Variable());
+    source->At(1, 1)->At(1, 1)->SetValue("text", 4);
+    Variable* const original = source->At(1, 0)->At(1, 0);
+    const VariableRef target(new Variable());
+    if (inserted) {
+      target->MergeElements(source.get(), 1, 1, 1, true);
+    } else {
+      target->CopyElements(source.get(), 1, 1, 1, true);
+    }
+    source->At(1, 0)->SetNULL();  // the target would have the elements alone, if they were shared
+    EXPECT_NE(target->At(1, 0)->At(1, 0), original);
+    EXPECT_STREQ(target->At(1, 0)->At(1, 0)->value().data, "text");
+  }
+}
+
 TEST(SharedElements, ATableOfAnySizeGrowsAndIsParted) {
   for (const int count : {1, 3, 4, 7, 8, 15, 16, 99, 100, 1000}) {
     const VariableRef array(new Variable());
