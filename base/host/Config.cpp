@@ -36,7 +36,8 @@ int Order(int a, int b) {
 // kinds that the other bits tell apart.
 constexpr int kNumbers = 64;
 constexpr int kKinds[] = {ConfigKind_Integer, ConfigKind_Text,
-                          ConfigKind_Integer | ConfigKind_Hidden};
+                          ConfigKind_Integer | ConfigKind_Hidden,
+                          ConfigKind_Text | ConfigKind_Hidden};
 using Places = std::array<std::array<signed char, kNumbers>, std::size(kKinds)>;
 
 constexpr Places PlacesOfSettings() {
@@ -61,6 +62,7 @@ constexpr int PlaceOf(int id) {
     case kKinds[0]: return kPlaces[0][number];
     case kKinds[1]: return kPlaces[1][number];
     case kKinds[2]: return kPlaces[2][number];
+    case kKinds[3]: return kPlaces[3][number];
     default: return -1;
   }
 }

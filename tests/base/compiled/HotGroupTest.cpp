@@ -1,0 +1,90 @@
+// Which records straight code becomes.
+
+#include "base/compiled/HotGroup.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/support/Machine.h"
+
+namespace {
+
+const char* NameOf(HotAction action) {
+  static const char* const kNames[] = {
+#define ACTION(name) #name,
+      ZEPH_HOT_ACTIONS
+#undef ACTION
+  };
+  return kNames[static_cast<size_t>(action)];
+}
+
+// The actions of the fast list of a program's first segment, up to its end.
+std::string Records(const std::string& program) {
+  Machine machine;
+  machine.Assemble(program + "exit\n");
+  const Segment& segment = *machine.segments.Start();
+  const HotCode hot(segment.code(), segment.length(), machine.dictionary, &machine.functions);
+  std::string text;
+  for (const HotOp* op = hot.At(0); op->action != HotAction::Leave; op++) {
+    text += std::string(text.empty() ? "" : " ") + NameOf(op->action);
+    if (op->action == HotAction::CallWith) op += op->second;
+  }
+  return text;
+}
+
+TEST(HotGroup, AnExpressionNamesItsOperands) {
+  EXPECT_EQ(Records("pushg a\npushi 2\nmul\npushg b\nadd\npopg c\n"),
+            "MulOfGlobalConstant AddToTemporaryGlobal");
+  EXPECT_EQ(Records("pushg a\npushg b\nmod\npopg c\n"), "ModTo");
+  EXPECT_EQ(Records("pushi 5\npopg c\npushg a\npopg b\npushc \"t\"\npopg b\n"),
+            "MoveNumber MoveVariable MoveText");
+}
+
+TEST(HotGroup, AComparisonAndItsJumpAreOneRecord) {
+  EXPECT_EQ(Records("pushg a\npushg b\nlt\njmp_eq x\nx: "), "JumpIfGreaterEqualGlobalGlobal");
+  EXPECT_EQ(Records("pushg a\npushg b\nlt\njmp_ne x\nx: "), "JumpIfLessGlobalGlobal");
+  EXPECT_EQ(Records("pushg a\npushi 1\ncmp\njmp_gt x\nx: "), "JumpIfGreaterGlobalConstant");
+  EXPECT_EQ(Records("pushg a\npushc \"w\"\neq\njmp_eq x\nx: "), "JumpIfText JumpIfNumber");
+  EXPECT_EQ(Records("pushg a\npushg b\nlt\npushg c\nand\njmp_eq x\nx: "),
+            "CompareOf AndOf JumpIfNumber");
+}
+
+TEST(HotGroup, ElementsAndMembersAreFoundOnTheWay) {
+  EXPECT_EQ(Records("pushg a\npushg i\nelem_readonly\npushi 1\nadd\npopg b\n"),
+            "LoadElement AddToTemporaryConstant");
+  EXPECT_EQ(Records("pushg v\npushg a\npushg i\nelem\npushc \"m\"\nmemb\nstore\n"),
+            "FindElement StoreMember");
+  EXPECT_EQ(Records("pushg a\npushi 1\nelem\ndup\npushg x\nadd\nswap\nstore\n"),
+            "LoadElement AddOfTemporaryGlobal StoreElement");
+  EXPECT_EQ(Records("pushg a\npushi 1\nelem_readonly\npushg a\npushi 2\nelem_readonly\ngt\n"
+                    "jmp_eq x\nx: "),
+            "LoadElement LoadElement JumpIfLoaded");
+}
+
+TEST(HotGroup, ACallTakesItsArgumentsFromWhereTheyAre) {
+  const std::string function = ".function f(p, q var)\nretn\n.end\n";
+  EXPECT_EQ(Records("pushg a\npushi 1\nsub\npushg b\ncall f\npop\nexit\n" + function),
+            "SubOfGlobalConstant CallWith Pop");
+  // What is below the arguments is pushed before.
+  EXPECT_EQ(Records("pushg s\npushg a\npushg b\ncall f\nadd\npopg s\nexit\n" + function),
+            "PushVariable CallWith Add PopVariable");
+}
+
+TEST(HotGroup, AJumpIntoAnExpressionFindsItsStack) {
+  EXPECT_EQ(Records("pushg a\npushi 1\nadd\nx: pushi 2\nmul\npopg b\njmp x\n"),
+            "AddOfGlobalConstant PushNumber MulConstant Mul PopVariable Jump");
+}
+
+TEST(HotGroup, ALineWithinAnExpressionIsNoted) {
+  EXPECT_EQ(Records("pushg a\nlineno 7\npushi 1\nadd\npopg b\n"), "NoteLine AddToGlobalConstant");
+}
+
+TEST(HotGroup, OtherInstructionsFindTheirOperandsOnTheStack) {
+  EXPECT_EQ(Records("pushg a\npushi 1\nadd\nout\n"), "AddOfGlobalConstant PushNumber Handler");
+  EXPECT_EQ(Records("pushg a\npushg i\nelem_readonly\nout\n"), "PushElement Handler");
+  EXPECT_EQ(Records("pushg a\npushg b\ncat\npopg c\n"),
+            "PushVariable ConcatenateVariable Concatenate PopVariable");
+}
+
+}  // namespace
