@@ -146,6 +146,7 @@ HotCode::HotCode(const unsigned char* code, int length, const Dictionary& dictio
 
 void HotCode::Decode(const unsigned char* code, int length, const Dictionary& dictionary) {
   records.assign(static_cast<size_t>(length) + 1, -1);
+  ops.reserve(static_cast<size_t>(length) / 5 + 2 * kLongestIdiom);
   int at = 0;
   // A single last byte counts as the end of the code, as in the machine's loop.
   while (at < length - 1) {
@@ -326,6 +327,7 @@ void HotCode::MakeFastList(const FunctionManager* functions) {
     if (IsJump(op.single)) targets[static_cast<size_t>(op.target - ops.data())] = true;
   }
   HotGroup group(ops, targets, functions);
+  fast.reserve(ops.size() + kLongestIdiom);
   std::vector<size_t> places(ops.size(), 0);  // in the fast list, plus 1
   for (size_t i = 0; i < end;) {
     places[i] = fast.size() + 1;

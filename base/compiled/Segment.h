@@ -23,6 +23,8 @@ class Segment {
   static constexpr int Padding = 16;  // two operands of 8 bytes
   static constexpr int Growth = 8192;
   static constexpr int Repeats = 8;
+  // Decoding that many bytes takes about as long as a few passes of a loop.
+  static constexpr int BytesARepeat = 512;
   static constexpr int LongestHot = 1 << 20;
 
   // An empty segment with room for Growth bytes.
@@ -67,11 +69,14 @@ class Segment {
   // if the file cannot be made.
   void Dump(const char* path, const char* expression, int length) const;
 
-  // The machine calls this when it comes back to code that it has run before. The Repeats-th call
-  // makes the decoded form, unless the segment is longer than LongestHot. A write to the segment
-  // drops it.
+  // The machine calls this when it comes back to code that it has run before. After Repeats calls,
+  // and after more of them in a long segment, this makes the decoded form: a large page with a short
+  // loop would be decoded for nothing. A segment longer than LongestHot is never decoded. A write to
+  // the segment drops the decoded form.
   void NoteRepeat(const Dictionary& dictionary, const FunctionManager* functions) {
-    if (repeats < Repeats && ++repeats == Repeats) MakeHot(dictionary, functions);
+    if (hot_code || ++repeats < Repeats + data_length / BytesARepeat) return;
+    repeats = 0;
+    MakeHot(dictionary, functions);
   }
   const HotCode* hot() const { return hot_code.get(); }
 

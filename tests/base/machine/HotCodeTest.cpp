@@ -34,7 +34,7 @@ void KeepCold(Machine* machine) {
 // Decodes all code before it runs for the first time.
 void MakeHotAtOnce(Machine* machine) {
   for (int i = 0; Segment* const segment = machine->segments.Lookup(i); i++) {
-    for (int k = 0; k < Segment::Repeats; k++) {
+    for (int k = 0; k < 100 && !segment->hot(); k++) {
       segment->NoteRepeat(machine->dictionary, &machine->functions);
     }
   }
@@ -53,6 +53,17 @@ void Loop(Machine* machine, int rounds, Body body) {
 }
 
 const int kRounds = 3 * Segment::Repeats;
+
+TEST(HotCode, OfALongSegmentIsMadeLater) {
+  Machine machine;
+  machine.segments.Start()->Write_Byte(100 * Segment::BytesARepeat - 1, 0);
+  for (int i = 1; i < Segment::Repeats + 100; i++) {
+    machine.segments.Start()->NoteRepeat(machine.dictionary, nullptr);
+    ASSERT_EQ(machine.segments.Start()->hot(), nullptr) << i;
+  }
+  machine.segments.Start()->NoteRepeat(machine.dictionary, nullptr);
+  EXPECT_NE(machine.segments.Start()->hot(), nullptr);
+}
 
 TEST(HotCode, IsMadeWhenALoopComesRoundAndDroppedByAWrite) {
   Machine machine;
