@@ -89,6 +89,8 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 //   ...Constant, ...Variable      a constant or variable, and an operation on the top and it
 //   ...ConstantJump               a constant, a comparison of the top with it, and a jump on it
 //   CompareTopJump                the top, which stays, compared with a variable or constant, and a jump
+//   NextElement                   a step of a loop over an array: the element at a position, both on
+//                                 the stack, is stored in a variable unless it has no value
 //   Out...                        a constant text or a variable, written to the output
 //   OutRounded                    a constant, and the top rounded to so many decimals and written
 //   Concatenate...                a constant text or a variable, appended to the text on top
@@ -127,7 +129,7 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
   ACTION(UpdateMulConstant) ACTION(UpdateDivConstant)                                                \
   ACTION(UpdateAddVariable) ACTION(UpdateSubVariable)                                                \
   ACTION(UpdateMulVariable) ACTION(UpdateDivVariable)                                                \
-  ACTION(CompareTopJump)                                                                             \
+  ACTION(CompareTopJump) ACTION(NextElement)                                                                             \
   ACTION(CompareConstantJump) ACTION(CompareGlobalsJump) ACTION(ModGlobalsJump)                      \
   ACTION(IncrementCompareJump)                                                                       \
   ZEPH_HOT_GROUP_ACTIONS

@@ -300,6 +300,7 @@ size_t LengthOf(HotAction action) {
     case HotAction::UpdateSubVariable:
     case HotAction::UpdateMulVariable:
     case HotAction::UpdateDivVariable: return 5;
+    case HotAction::NextElement: return 5;
     case HotAction::CompareTopJump: return 4;
     case HotAction::IncrementCompareJump:
     case HotAction::EqualConstantJump:
@@ -387,6 +388,11 @@ HotAction HotCode::Idiom(size_t i) const {
       return HotAction::CompareTopJump;
     }
     return Update(i);
+  }
+  if (action == HotAction::ElementReadOnly && next == HotAction::Dup &&
+      IsHandler(i + 2, Instruction::code_isnull) && Is(i + 3, HotAction::JumpNotEqual) &&
+      Is(i + 4, HotAction::PopVariable)) {
+    return HotAction::NextElement;
   }
   if (IsConstant(action)) {
     if (IsArithmetic(next)) return Shifted(next, HotAction::Add, HotAction::AddConstant);

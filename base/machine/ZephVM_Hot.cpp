@@ -1185,6 +1185,39 @@ on_SourceFile:
   ELEMENT(ElementReadOnly, 0)
   MEMBER(Member, 1)
   MEMBER(MemberReadOnly, 0)
+on_NextElement : {
+  int number;
+  SINGLE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable &&
+                IntegerIn(top - 1, &number) && number >= 1)
+  first_row = top[-2].value.variable->Real();
+  variable = VARIABLE(op + 4);
+  SINGLE_UNLESS(variable && variable->IsPlain() && variable != first_row)
+  TELL_STACK
+  const DenseSlot* const slot = first_row->SearchSlot(number);
+  SINGLE_UNLESS(slot)
+  if (!slot->IsVariable()) {
+    if (slot->IsInteger()) {
+      variable->Write_Integer(slot->integer());
+    } else {
+      variable->Write_Double(slot->number());
+    }
+  } else {
+    Variable* const element = slot->variable()->Real();
+    SINGLE_UNLESS(element->IsPlain() && element != variable)
+    if (!variable->CopyNumber(*element)) {
+      // An empty text has no value.
+      const bool has_text = (element->plain_forms() & Variable::TextForm) != 0;
+      SINGLE_UNLESS(has_text ? element->plain_text().length > 0
+                             : element->HoldsArray() || element->HoldsStructure())
+      WAKE(variable)
+      Assign(variable, element);
+    }
+  }
+  ZephVM_Stack::Free(top - 1);
+  ZephVM_Stack::Free(top - 2);
+  top -= 2;
+  NEXT_AFTER_WORK(5)
+}
 on_Handler:
   TELL_STACK
   instruction_start = op->start;

@@ -80,6 +80,11 @@ TEST(HotGroup, ALineWithinAnExpressionIsNoted) {
   EXPECT_EQ(Records("pushg a\nlineno 7\npushi 1\nadd\npopg b\n"), "NoteLine AddToGlobalConstant");
 }
 
+TEST(HotGroup, AStepOfALoopOverAnArrayIsOneRecord) {
+  EXPECT_EQ(Records("pushg a\nswap\nelem_readonly\ndup\nisnull\njmp_ne x\npopg v\nx: "),
+            "PushVariable Swap NextElement Dup Handler JumpNotEqual PopVariable");
+}
+
 TEST(HotGroup, OtherInstructionsFindTheirOperandsOnTheStack) {
   EXPECT_EQ(Records("pushg a\npushi 1\nadd\nout\n"), "AddOfGlobalConstant PushNumber Handler");
   EXPECT_EQ(Records("pushg a\npushg i\nelem_readonly\nout\n"), "PushElement Handler");

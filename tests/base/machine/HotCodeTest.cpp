@@ -657,6 +657,23 @@ TEST(HotCode, AVariableMayBeStoredInItself) {
       "cmpgi n, 12\njmp_lt again\nexit\n");
 }
 
+TEST(HotCode, ALoopOverAnArrayTakesEachKindOfElement) {
+  const std::string loop =
+      "pushi 0\nnext: pushi 1\nadd\ndup\npushg a\nswap\nelem_readonly\ndup\nisnull\n"
+      "jmp_ne over\npopg v\npushg v\nout\npushc \",\"\nout\njmp next\nover: pop\npop\n";
+  for (const char* const other :
+       {"pushc \"word\"", "pushc \"\"", "pushf 2.5", "pushi 0", "pushg b", "pushg missing"}) {
+    SCOPED_TRACE(other);
+    std::string fill = "pushi 1\npushg b\npushi 1\nelem\nstore\n";
+    for (int i = 1; i <= 12; i++) {
+      fill += (i == 7 ? std::string(other) : "pushi " + std::to_string(i)) + "\npushg a\npushi " +
+              std::to_string(i) + "\nelem\nstore\n";
+    }
+    ExpectTheSameHotAndCold("storegi n, 0\n" + fill + "again: incg n, 1\n" + loop +
+                            "cmpgi n, 12\njmp_lt again\nexit\n");
+  }
+}
+
 // Groups fail to apply for a text, are set aside, and apply again.
 TEST(HotCode, ValuesOfOtherKindsComeAndGo) {
   ExpectTheSameHotAndCold(
