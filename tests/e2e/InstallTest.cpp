@@ -74,11 +74,14 @@ TEST(Install, ALibraryIsBuiltWithTheInstalledHeader) {
 // zeph finds its programs, libraries and files from its own place, wherever it was installed.
 TEST(Install, ZephRunsFromWhereItIsInstalled) {
   TemporaryDirectory directory;
-  Command install({"/usr/bin/env", "cmake", "--install", InBuild(""), "--component", "zeph",
-                   "--prefix", directory.path("usr")});
-  ASSERT_EQ(install.Run(), 0) << install.errors;
+  for (const char* component : {"engine", "zeph"}) {
+    Command install({"/usr/bin/env", "cmake", "--install", InBuild(""), "--component", component,
+                     "--prefix", directory.path("usr")});
+    ASSERT_EQ(install.Run(), 0) << install.errors;
+  }
   const std::string zeph = directory.path("usr/bin/zeph");
-  for (const char* page : {"man1/zeph.1", "man1/zephc.1", "man1/zprun.1", "man8/zeph-fcgi.8"}) {
+  for (const char* page : {"man1/zeph.1", "man1/zephc.1", "man1/zprun.1", "man1/zpasm.1",
+                           "man1/zpdbf.1", "man8/zeph-fcgi.8"}) {
     EXPECT_TRUE(directory.Exists("usr/share/man/" + std::string(page))) << page;
   }
   Command made({zeph, "new", directory.path("site")});

@@ -1,0 +1,87 @@
+// The Debian packages of the build: what is in them, and their life in a system that has nothing
+// else.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "tests/support/Command.h"
+#include "tests/support/Paths.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+// Each test makes the packages from what the build has.
+class SlowPackages : public testing::Test {
+ protected:
+  void SetUp() override {
+    Command pack({"/usr/bin/env", "cpack", "--config", InBuild("CPackConfig.cmake"), "-B",
+                  directory.path("work")});
+    pack.directory = directory.path();
+    pack.environment["TMPDIR"] = directory.path();
+    ASSERT_EQ(pack.Run(), 0) << pack.output << pack.errors;
+  }
+  std::string Path(const std::string& package) {
+    Command find({"/usr/bin/find", directory.path("packages"), "-name", package + "_*.deb"});
+    find.Run();
+    return find.output.substr(0, find.output.find('\n'));
+  }
+  std::string Shown(const std::string& option, const std::string& package) {
+    Command show({"/usr/bin/dpkg-deb", option, Path(package)});
+    EXPECT_EQ(show.Run(), 0) << show.errors;
+    return show.output;
+  }
+  TemporaryDirectory directory;
+};
+
+TEST_F(SlowPackages, EachHasItsPart) {
+  const std::string engine = Shown("--contents", "zeph-engine");
+  for (const char* file :
+       {"./usr/bin/zeph-fcgi\n", "./usr/lib/zeph/libzephconfig.so\n", "./usr/lib/zeph/zephstd.so\n",
+        "./etc/zeph/zeph.toml\n", "./usr/lib/systemd/system/zeph.service\n",
+        "./usr/lib/systemd/system/zeph.socket\n", "./etc/logrotate.d/zeph\n",
+        "./usr/share/zeph/web/nginx.conf\n"}) {
+    EXPECT_THAT(engine, HasSubstr(file));
+  }
+  EXPECT_THAT(engine, Not(HasSubstr("./usr/bin/zeph\n")));
+  const std::string tools = Shown("--contents", "zeph-tools");
+  for (const char* program : {"zeph", "zephc", "zprun", "zpasm", "zpdbf"}) {
+    EXPECT_THAT(tools, HasSubstr(std::string("./usr/bin/") + program + "\n"));
+    EXPECT_THAT(tools, HasSubstr(std::string("./usr/share/man/man1/") + program + ".1\n"));
+  }
+  EXPECT_THAT(Shown("--contents", "zeph-dev"), HasSubstr("./usr/include/zeph.h\n"));
+  // Without a path of the build.
+  for (const char* package : {"zeph-engine", "zeph-tools", "zeph-dev"}) {
+    SCOPED_TRACE(package);
+    EXPECT_THAT(Shown("--contents", package), Not(HasSubstr(InBuild("").substr(1))));
+  }
+  EXPECT_THAT(Shown("--field", "zeph-tools"), HasSubstr("Depends: zeph-engine (= "));
+}
+
+// A program of systemd reads the units as the service manager would.
+TEST_F(SlowPackages, TheUnitsAreValid) {
+  Command unpack({"/usr/bin/dpkg-deb", "-x", Path("zeph-engine"), directory.path("root")});
+  ASSERT_EQ(unpack.Run(), 0) << unpack.errors;
+  Command verify({"/usr/bin/env", "systemd-analyze", "verify", "--man=no", "--recursive-errors=no",
+                  "--root=" + directory.path("root"), "zeph.service", "zeph.socket"});
+  EXPECT_EQ(verify.Run(), 0) << verify.output << verify.errors;
+  EXPECT_THAT(verify.errors, Not(HasSubstr("zeph.")));
+}
+
+// packaging/try installs, serves, upgrades, removes and purges in a copy of a bare system, which
+// "debootstrap --variant=minbase bookworm FOLDER" makes.
+TEST_F(SlowPackages, AreInstalledServeAndGoWithoutATrace) {
+  const char* root = getenv("ZEPH_BARE_ROOT");
+  if (!root) GTEST_SKIP() << "ZEPH_BARE_ROOT names no folder that debootstrap has made";
+  Command attempt({InSource("packaging/try"), directory.path("packages"), root});
+  attempt.environment["TMPDIR"] = directory.path();
+  EXPECT_EQ(attempt.Run(), 0) << attempt.errors;
+  EXPECT_EQ(attempt.output, "fine\n");
+}
+
+}  // namespace
