@@ -85,6 +85,7 @@ class NameLock {
   Next Judge(OwnerRecord record, int descriptor);
   Next RemoveAbandoned(int descriptor);
   void Pause();
+  void Refresh();
 
   ZephApplication* application;
   int directory;
@@ -171,7 +172,10 @@ NameLock::Outcome NameLock::Take() {
     }
     switch (LookAtOwner()) {
       case TryNow: break;
-      case TryLater: Pause(); break;
+      case TryLater:
+        Pause();
+        Refresh();
+        break;
       case OwnedByUs: return Deadlock;
     }
   }
@@ -236,6 +240,13 @@ void NameLock::Pause() {
     system_calls.poll(nullptr, 0, static_cast<int>(std::min(rest, slice)));
     rest -= slice;
   }
+}
+
+// The lock is as old as the private file that becomes it. Without this a lock that was taken after
+// a long wait would look abandoned to other hosts at once.
+void NameLock::Refresh() {
+  static_cast<void>(
+      system_calls.utimensat(directory, private_name.get(), nullptr, AT_SYMLINK_NOFOLLOW));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -375,6 +376,30 @@ TEST_F(NameLock, LockTakenMeanwhileIsNotRemovedForTheAbandonedOne) {
   };
   EXPECT_EQ(FileLock_TimedOut, LockForAWhile());
   EXPECT_EQ("77!1:elsewhere", tree.Content("data/lock"));
+}
+
+std::string long_held;  // the path of a lock
+
+// Other hosts judge a lock by its age. A waiter's file, which becomes the lock, is as old as its
+// wait.
+TEST_F(NameLock, LockTakenAfterALongWaitIsYoung) {
+  tree.File("data/lock", "77!1:elsewhere");
+  long_held = tree.path("data/lock");
+  RestoredSystemCalls restored;
+  // During the pause an hour goes by, and the holder gives the lock up.
+  system_calls.poll = [](pollfd*, nfds_t, int) {
+    std::filesystem::remove(long_held);
+    const timespec times[2] = {{time(nullptr) - 3600, 0}, {time(nullptr) - 3600, 0}};
+    for (const auto& file :
+         std::filesystem::directory_iterator(std::filesystem::path(long_held).parent_path())) {
+      EXPECT_EQ(0, ::utimensat(AT_FDCWD, file.path().c_str(), times, 0));
+    }
+    return 0;
+  };
+  ASSERT_EQ(FileLock_Held, LockForAWhile());
+  struct stat status;
+  ASSERT_EQ(0, stat(long_held.c_str(), &status));
+  EXPECT_LT(time(nullptr) - status.st_mtime, 1800);
 }
 
 std::string given_up;  // the path of a lock whose holder gives it up during a call
