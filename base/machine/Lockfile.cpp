@@ -12,6 +12,14 @@
 #include "base/host/File.h"
 #include "base/host/ZephApplication.h"
 
+namespace {
+
+// How often a lock that has to be given back is tried without memory. The machine's end waits for
+// it.
+const int kTriesWithoutMemory = 3;
+
+}  // namespace
+
 Lockfile::Lockfile(ZephApplication* application, ZephVM* vm, const char* name, int length)
     : Feature(application, vm, Type_Lockfile) {
   const size_t bytes = name && length > 0 ? strnlen(name, static_cast<size_t>(length)) : 0;
@@ -42,7 +50,8 @@ void Lockfile::Heartbeat() {
 }
 
 void Lockfile::GiveBack() {
-  if (DeleteFile()) return;
+  bool had_memory;
+  if (DeleteFile(&had_memory)) return;
   double timeout = 0;
   int delay = 0;
   try {
@@ -56,21 +65,28 @@ void Lockfile::GiveBack() {
   if (delay == 0) return;
   const double tries = std::trunc(timeout * (1000.0 / delay));
   if (tries < 0) return;
+  int tries_without_memory = kTriesWithoutMemory;
   for (double i = 0; i <= tries; i++) {
-    if (application->cancelled() || DeleteFile()) return;
+    if (application->cancelled()) return;
+    bool had_memory;
+    if (DeleteFile(&had_memory)) return;
+    if (!had_memory && --tries_without_memory == 0) return;
     application->Sleep(delay);
   }
 }
 
-// Returns false if another try is worth while. Finding the file's path allocates, and the script
-// may have ended because memory ran out: the thread's reserve is for such a clean-up. Without
-// memory even then the file is left, because a wait would not help.
-bool Lockfile::DeleteFile() {
+// Finding the file's path allocates, and the script may have ended because memory ran out: the
+// thread's reserve is for such a clean-up. Without memory even then it counts as one failed try.
+bool Lockfile::DeleteFile(bool* had_memory) {
+  *had_memory = true;
   for (bool again = false;; again = true) {
     try {
       return application->filemanager()->Delete(ZephPath_Data, path.data);
     } catch (const std::bad_alloc&) {
-      if (again) return true;
+      if (again) {
+        *had_memory = false;
+        return false;
+      }
       ThreadMemory::Exhausted(path.data, path.length);
     }
   }

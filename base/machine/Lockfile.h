@@ -25,7 +25,9 @@ class Lockfile : public Feature {
 
  private:
   void GiveBack();
-  bool DeleteFile();
+  // Returns false if another try is worth while. *had_memory receives whether there was memory for
+  // this one.
+  bool DeleteFile(bool* had_memory);
 
   String path;
   bool locked = false;

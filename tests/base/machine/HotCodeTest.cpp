@@ -711,7 +711,7 @@ TEST(HotCode, ALongExpressionHasTheSameValue) {
   for (int i = 0; i < 100; i++) sum += "pushg n\npushi " + std::to_string(i) + "\nmul\n";
   for (int i = 0; i < 100; i++) sum += i % 3 ? "add\n" : "sub\n";
   ExpectTheSameHotAndCold("storegi n, 0\nagain: incg n, 1\n" + sum + "out\n" + sum +
-                          "popg x\npushg x\nout\ncmpgi n, 12\njmp_lt again\nexit\n");
+                          "popg x\npushg x\nout\ncmpgi n, 40\njmp_lt again\nexit\n");
 }
 
 TEST(HotCode, AStructureMayBeNamedByItself) {
