@@ -148,6 +148,7 @@ class Reader {
   bool ReadInteger(const std::string& key, const Item& item, int* value);
   void ReadSetting(const ConfigSetting& setting, const std::string& key, const Item& item,
                    std::vector<Setting>* target);
+  void ReadProcess(const Item& section);
   void ReadErrors(const Item& section);
   void ReadVariables(const Item& section);
   void ReadVariableList(const std::string& name, const Item& section,
@@ -264,6 +265,24 @@ void Reader::ReadSetting(const ConfigSetting& setting, const std::string& key, c
   if (const std::string what = Objection(read); !what.empty())
     return Complain(item.line, key, what);
   target->push_back(read);
+}
+
+void Reader::ReadProcess(const Item& section) {
+  if (!ExpectTable("process", section)) return;
+  for (const Item& item : InFileOrder(*section.node->as_table())) {
+    const std::string key = "process." + std::string(item.key);
+    if (item.key == "status_listen") {
+      ReadText(key, item, &snapshot.process.status_listen);
+    } else if (item.key == "max_requests") {
+      if (ReadInteger(key, item, &snapshot.process.max_requests) &&
+          snapshot.process.max_requests < 0) {
+        Complain(item.line, key,
+                 "expected 0 or more, found " + std::to_string(snapshot.process.max_requests));
+      }
+    } else {
+      UnknownKey("process.", item, {"status_listen", "max_requests"});
+    }
+  }
 }
 
 void Reader::ReadErrors(const Item& section) {
@@ -446,7 +465,9 @@ void Reader::ReadScript(const toml::table& table, unsigned line) {
 
 void Reader::Read(const toml::table& root) {
   for (const Item& item : InFileOrder(root)) {
-    if (item.key == "errors") {
+    if (item.key == "process") {
+      ReadProcess(item);
+    } else if (item.key == "errors") {
       ReadErrors(item);
     } else if (item.key == "variables") {
       ReadVariables(item);
@@ -458,7 +479,7 @@ void Reader::Read(const toml::table& root) {
       ReadSetting(*setting, std::string(item.key), item, &snapshot.settings);
     } else {
       std::vector<std::string_view> known = SettingNames();
-      for (const char* section : {"errors", "variables", "library", "script"}) {
+      for (const char* section : {"process", "errors", "variables", "library", "script"}) {
         known.push_back(section);
       }
       UnknownKey("", item, known);

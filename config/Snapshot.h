@@ -34,6 +34,12 @@ struct LibrarySection {
   std::string path;
 };
 
+// The [process] section: what the engine reads when it starts.
+struct ProcessSection {
+  std::string status_listen;  // empty for no page of status
+  int max_requests = 0;       // 0 means no limit
+};
+
 struct NamedValue {
   std::string name;
   std::string value;
@@ -66,6 +72,7 @@ struct Snapshot {
   std::vector<Setting> settings;  // sorted by identifier
   std::vector<ScriptSection> scripts;
   std::vector<LibrarySection> libraries;
+  ProcessSection process;
   std::vector<NamedValue> system_variables;
   std::vector<NamedValue> global_variables;
   // The shipped values, changed by [errors].

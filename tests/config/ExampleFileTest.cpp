@@ -67,6 +67,8 @@ TEST(ExampleFile, ShowsEverySettingWithItsDefault) {
 TEST(ExampleFile, ShowsEverySection) {
   Snapshot snapshot = WithAllExamples();
   ASSERT_EQ(snapshot.error, "");
+  EXPECT_EQ(snapshot.process.status_listen, "127.0.0.1:8081");
+  EXPECT_EQ(snapshot.process.max_requests, 0);
   EXPECT_EQ(snapshot.error_settings, ShippedErrorSettings());
   EXPECT_EQ(snapshot.system_variables.size(), 1u);
   EXPECT_EQ(snapshot.global_variables.size(), 1u);

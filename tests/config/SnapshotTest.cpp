@@ -69,8 +69,7 @@ TEST(Snapshot, SwitchesAreTrueOrFalse) {
 
 TEST(Snapshot, ANumberBelowZeroIsTakenWhereItMeansSomething) {
   Snapshot snapshot = Parse(
-      "timeout_file = -1\nmax_post_vars = -1\nmax_unknown_content_length = -1\nlog_level = -1\n"
-      "bufsz_output = -1\n");
+      "timeout_file = -1\nmax_post_vars = -1\nmax_unknown_content_length = -1\nlog_level = -1\n");
   EXPECT_EQ(snapshot.error, "");
 }
 
@@ -86,6 +85,16 @@ TEST(Snapshot, AFileWithAMistakeStillSaysWhatBecomesOfErrors) {
   EXPECT_EQ(snapshot.Find(Config_error_log)->text, "/var/log/zeph.log");
   EXPECT_EQ(snapshot.Find(Config_show_errors)->integer, 0);
   EXPECT_EQ(snapshot.Find(Config_status_codes)->integer, 1);
+}
+
+TEST(Snapshot, TheProcessHasASectionOfItsOwn) {
+  EXPECT_EQ(Parse("").process.status_listen, "");
+  EXPECT_EQ(Parse("").process.max_requests, 0);
+  const Snapshot snapshot =
+      Parse("[process]\nstatus_listen = '127.0.0.1:8081'\nmax_requests = 1000\n");
+  EXPECT_EQ(snapshot.error, "");
+  EXPECT_EQ(snapshot.process.status_listen, "127.0.0.1:8081");
+  EXPECT_EQ(snapshot.process.max_requests, 1000);
 }
 
 TEST(Snapshot, ErrorSettingsAreThoseShippedButForTheOnesNamed) {
@@ -273,6 +282,19 @@ TEST(Snapshot, EveryComplaintNamesFileLineAndKey) {
       {"a setting of the process", "[[script]]\nmatch = '*'\nerror_log = '/a'\n",
        "zeph.toml:3: script.error_log: belongs to the process, so it cannot differ between "
        "scripts"},
+      {"unknown process key", "[process]\nstatus_listens = ''\n",
+       "zeph.toml:2: process.status_listens: unknown key, the nearest known one is "
+       "\"status_listen\""},
+      {"process setting of a wrong type", "[process]\nstatus_listen = 8081\n",
+       "zeph.toml:2: process.status_listen: expected text in quotes, found an integer"},
+      {"process setting out of range", "[process]\nmax_requests = -1\n",
+       "zeph.toml:2: process.max_requests: expected 0 or more, found -1"},
+      {"process setting outside of its section",
+       "[process]\n[[script]]\nmatch = '*'\n"
+       "max_requests = 1\n",
+       "zeph.toml:4: script.max_requests: unknown key"},
+      {"process is no section", "process = 1\n",
+       "zeph.toml:1: process: expected a section [process], found an integer"},
       {"the first line wins", "[errors]\nZpIFF = 1\nZpIF = 9\n[[library]]\n[script]\n",
        "zeph.toml:2: errors.ZpIFF: unknown key, the nearest known one is \"zpif\""},
   };
