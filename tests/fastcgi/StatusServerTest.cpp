@@ -1,0 +1,150 @@
+#include "fastcgi/StatusServer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/un.h>
+
+#include <string>
+
+#include "tests/support/TemporaryDirectory.h"
+
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+
+using testing::StartsWith;
+
+StatusReport Serving() {
+  StatusReport report;
+  report.processes.emplace_back();
+  report.processes[0].phase = ProcessPhase::Serving;
+  return report;
+}
+
+std::string ResponseTo(const std::string& request) {
+  return StatusServer(Serving).Respond(request);
+}
+
+TEST(StatusServer, EachPageHasItsType) {
+  const struct {
+    const char* path;
+    const char* type;
+    const char* start;
+  } cases[] = {{"/ping", "text/plain", "ok\n"},
+               {"/status", "text/plain; charset=utf-8", "up "},
+               {"/status?x=1", "text/plain; charset=utf-8", "up "},
+               {"/status.json", "application/json", "{\"serving\":true,"},
+               {"/metrics", "text/plain; version=0.0.4; charset=utf-8", "# HELP zeph_serving "}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    const std::string response = ResponseTo(std::string("GET ") + c.path + " HTTP/1.1\r\n\r\n");
+    EXPECT_THAT(response, StartsWith("HTTP/1.1 200 OK\r\n"));
+    EXPECT_THAT(response, HasSubstr(std::string("\r\nContent-Type: ") + c.type + "\r\n"));
+    const size_t body = response.find("\r\n\r\n") + 4;
+    EXPECT_THAT(response.substr(body), StartsWith(c.start));
+    EXPECT_THAT(
+        response,
+        HasSubstr("\r\nContent-Length: " + std::to_string(response.size() - body) + "\r\n"));
+  }
+}
+
+TEST(StatusServer, OtherRequestsAreRefused) {
+  EXPECT_THAT(ResponseTo("GET / HTTP/1.1\r\n\r\n"), StartsWith("HTTP/1.1 404 "));
+  EXPECT_THAT(ResponseTo("POST /status HTTP/1.1\r\n\r\n"), StartsWith("HTTP/1.1 405 "));
+  EXPECT_THAT(ResponseTo("GET /status\r\n\r\n"), StartsWith("HTTP/1.1 400 "));
+  EXPECT_THAT(ResponseTo("\n\n"), StartsWith("HTTP/1.1 400 "));
+  EXPECT_THAT(ResponseTo(" HTTP/1.1\n\n"), StartsWith("HTTP/1.1 400 "));
+}
+
+TEST(StatusServer, HeadHasTheLengthWithoutTheBody) {
+  const std::string response = ResponseTo("HEAD /ping HTTP/1.0\r\n\r\n");
+  EXPECT_THAT(response, HasSubstr("\r\nContent-Length: 3\r\n"));
+  EXPECT_THAT(response, EndsWith("\r\n\r\n"));
+}
+
+TEST(StatusServer, PingFailsWhileNothingIsServed) {
+  const StatusServer server([] { return StatusReport(); });
+  EXPECT_THAT(server.Respond("GET /ping HTTP/1.1\r\n\r\n"), StartsWith("HTTP/1.1 503 "));
+}
+
+TEST(StatusAddress, IsAnAddressWithAPortOrThePathOfASocket) {
+  for (const char* good : {"127.0.0.1:8081", "[::1]:65535", "0.0.0.0:0", "/run/zeph/status.sock"}) {
+    StatusAddress address;
+    std::string problem;
+    EXPECT_TRUE(StatusAddress::Parse(good, &address, &problem)) << good << problem;
+  }
+  const std::string long_path(200, '/');
+  for (const std::string& bad :
+       {std::string(""), std::string("8081"), std::string(":8081"), std::string("localhost:8081"),
+        std::string("127.0.0.1:"), std::string("127.0.0.1:65536"), std::string("127.0.0.1:80x"),
+        std::string("::1:8081"), std::string("status.sock"), long_path}) {
+    StatusAddress address;
+    std::string problem;
+    EXPECT_FALSE(StatusAddress::Parse(bad, &address, &problem)) << bad;
+    EXPECT_THAT(problem, HasSubstr("\"" + bad + "\""));
+  }
+}
+
+// Connects and sends; the connection is open until the object ends.
+class Visitor {
+ public:
+  Visitor(const std::string& path, const std::string& bytes) {
+    descriptor.reset(socket(AF_UNIX, SOCK_STREAM, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(connect(descriptor.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(send(descriptor.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
+  }
+  std::string Read() {
+    char buffer[4096];
+    const ssize_t count = recv(descriptor.get(), buffer, sizeof buffer, MSG_DONTWAIT);
+    return {buffer, static_cast<size_t>(count > 0 ? count : 0)};
+  }
+
+ private:
+  FileDescriptor descriptor;
+};
+
+TEST(StatusServer, AClientThatSendsHalfARequestDelaysNoOther) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.path() + "/s";
+  StatusServer server(Serving);
+  std::string problem;
+  ASSERT_TRUE(server.Listen(path, &problem)) << problem;
+  Visitor slow(path, "GET /ping HT");
+  std::vector<pollfd> others;
+  server.Turn(&others, 1000);
+  server.Turn(&others, 1000);
+  Visitor quick(path, "GET /ping HTTP/1.1\r\n\r\n");
+  std::string got;
+  for (int i = 0; i < 10 && got.empty(); i++) {
+    server.Turn(&others, 100);
+    got = quick.Read();
+  }
+  EXPECT_THAT(got, EndsWith("\r\n\r\nok\n"));
+  EXPECT_EQ(slow.Read(), "");
+}
+
+TEST(StatusServer, TakesTheSocketOfAnEndedOneAndNoOther) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.path() + "/s";
+  std::string problem;
+  {
+    StatusServer ended(Serving);
+    ASSERT_TRUE(ended.Listen(path, &problem)) << problem;
+    ended.Close(false);
+  }
+  StatusServer first(Serving);
+  ASSERT_TRUE(first.Listen(path, &problem)) << problem;
+  StatusServer second(Serving);
+  EXPECT_FALSE(second.Listen(path, &problem));
+  EXPECT_THAT(problem, HasSubstr("Address already in use"));
+  first.Close(true);
+  EXPECT_NE(access(path.c_str(), F_OK), 0);
+}
+
+}  // namespace
