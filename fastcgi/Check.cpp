@@ -22,6 +22,7 @@
 #include "base/systems/unix/UNIXReentrantFile.h"
 #include "config/Snapshot.h"
 #include "config/SnapshotStore.h"
+#include "fastcgi/StatusServer.h"
 
 namespace {
 
@@ -107,8 +108,18 @@ class Check {
     for (const std::string& warning : snapshot.warnings) Note(warning);
     // The rest of a file with mistakes may not be what its author means.
     if (!snapshot.errors.empty()) return;
+    CheckProcess(snapshot.process);
     CheckDirectories(snapshot);
     for (const LibrarySection& library : snapshot.libraries) CheckLibrary(library);
+  }
+
+  void CheckProcess(const ProcessSection& process) {
+    if (process.status_listen.empty()) return;
+    StatusAddress address;
+    std::string problem;
+    if (!StatusAddress::Parse(process.status_listen, &address, &problem)) {
+      Problem("process.status_listen: " + problem);
+    }
   }
 
   static bool Read(const std::string& path, std::string* text) {

@@ -28,6 +28,7 @@
 #include "fastcgi/FastCGIAsynchronousApplication.h"
 #include "fastcgi/FastCGIOutput.h"
 #include "fastcgi/FastCGIThreads.h"
+#include "fastcgi/ProcessStatus.h"
 
 namespace {
 
@@ -109,7 +110,9 @@ int FastCGIApplication::RunStages(TaggedFile* tagged, String* path) {
   if (!AddVariables()) return 1;
   OutputHeaders();
   tables.system_variables->SetLateVariables(request_variables.release());
+  OwnStatus::Enter(ThreadPhase::Receiving);
   if (!ProcessPOSTedData()) return 1;
+  OwnStatus::Enter(ThreadPhase::Running);
   // The script's time starts here: loading and the upload do not count against it.
   ResetGlobalTimeout();
   vm->Go();
@@ -127,8 +130,9 @@ bool FastCGIApplication::Prepare(TaggedFile* tagged, String* path) {
   file_manager->MaxFiles(configuration->value_integer(Config_max_files));
   file_manager->SecurityOptions(configuration->value_integer(Config_flags_security));
   File* file = nullptr;
-  return GetScriptInformation(&file, *path) && LoadScript(file, tagged, *path) &&
-         ProcessConfiguration();
+  if (!GetScriptInformation(&file, *path)) return false;
+  OwnStatus::SetScript(*path);
+  return LoadScript(file, tagged, *path) && ProcessConfiguration();
 }
 
 void FastCGIApplication::OutputError(const char* text, int length) {

@@ -19,6 +19,7 @@
 #include "base/values/Variable.h"
 #include "base/values/VariableKinds.h"
 #include "fastcgi/FastCGIThreads.h"
+#include "fastcgi/ProcessStatus.h"
 
 namespace {
 
@@ -119,6 +120,7 @@ void* FastCGIAsynchronousThread(void* argument) {
   std::unique_ptr<FastCGIAsynchronousApplication> application(
       static_cast<FastCGIAsynchronousApplication*>(thread->argument()));
   {
+    const OwnStatus::Task status;
     const ThreadMemory::Run run(application->memory());
     try {
       CurrentApplication current(thread, application.get());

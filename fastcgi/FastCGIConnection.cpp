@@ -97,6 +97,7 @@ FastCGIConnection* FastCGIConnection::Current() {
 int FastCGIConnection::AcceptRequest(FCGX_Request* request) {
   accepting = true;
   request_begun = is_fresh = false;
+  waits_for_next = next == last;
   write_limit = kWriteLimit;
   int result;
   try {
@@ -111,8 +112,9 @@ int FastCGIConnection::AcceptRequest(FCGX_Request* request) {
 }
 
 int FastCGIConnection::Accept(int listening, const char* clients) {
+  waits_for_next = false;
   for (;;) {
-    if (FastCGIShutdownPending.load()) {
+    if (FastCGIEndsAccepting()) {
       errno = EINTR;
       return -1;
     }
@@ -164,6 +166,7 @@ ssize_t FastCGIConnection::Receive(int descriptor) {
   const ssize_t count = recv(descriptor, received, sizeof received, MSG_DONTWAIT);
   if (count >= 0) {
     request_begun = true;
+    waits_for_next = false;
     next = received;
     last = received + count;
   }
@@ -221,6 +224,8 @@ bool FastCGIConnection::WaitForInput(int descriptor, Clock::time_point end) {
     if (manager->ShuttingDown()) return false;
     timespec left;
     pollfd waiting{descriptor, POLLIN, 0};
+    // A request that has come is still served by a process that leaves.
+    if (waits_for_next && FastCGIDrainPending.load()) return poll(&waiting, 1, 0) > 0;
     const int ready = ppoll(&waiting, 1, TimeUntil(end, &left), &while_waiting);
     if (ready >= 0) return ready > 0;
     if (errno != EINTR) return false;

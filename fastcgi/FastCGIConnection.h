@@ -81,6 +81,8 @@ class FastCGIConnection {
   bool request_begun = false;
   bool is_fresh = false;
   sigset_t while_waiting;  // signals blocked in a wait for input: the thread's own but SIGUSR2
+  // The wait is for the first byte of the next request on a kept connection.
+  bool waits_for_next = false;
   FastCGIRecords records;
   const unsigned char* next = nullptr;  // bytes received that have not passed yet
   const unsigned char* last = nullptr;

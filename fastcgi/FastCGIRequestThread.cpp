@@ -16,6 +16,7 @@
 #include "fastcgi/FastCGIConnection.h"
 #include "fastcgi/FastCGIExternalLibrary.h"
 #include "fastcgi/FastCGIThreads.h"
+#include "fastcgi/ProcessStatus.h"
 
 namespace {
 
@@ -112,8 +113,9 @@ void* FastCGIRequestThread(void* argument) {
   FastCGIConnection connection(thread->Manager());
   FCGX_Request request;
   FCGX_InitRequest(&request, 0, FCGI_FAIL_ACCEPT_ON_INTR);
+  const OwnStatus::Thread status(thread->number());
   bool first = true;
-  while (!FastCGIShutdownPending.load()) {
+  while (!FastCGIEndsAccepting()) {
     if (first || ThreadMemory::RanShort()) {
       if (!KeepBlocks()) {
         thread->WaitForStop(std::chrono::system_clock::now() + kShortage);
@@ -124,7 +126,7 @@ void* FastCGIRequestThread(void* argument) {
     }
     int result = connection.AcceptRequest(&request);
     if (result == -EINTR) continue;
-    if (IsPassing(-result) && !FastCGIShutdownPending.load()) {
+    if (IsPassing(-result) && !FastCGIEndsAccepting()) {
       thread->WaitForStop(std::chrono::system_clock::now() + kShortage);
       continue;
     }
@@ -133,8 +135,13 @@ void* FastCGIRequestThread(void* argument) {
       FCGX_Free(&request, 1);
       continue;
     }
-    AnswerRequest(thread, arguments, &request);
-    Finish(&request, &connection);
+    {
+      const OwnStatus::Request in_progress;
+      AnswerRequest(thread, arguments, &request);
+      OwnStatus::Enter(ThreadPhase::Sending);
+      Finish(&request, &connection);
+    }
+    thread->Manager()->CountRequest();
     if (thread->Stopped()) break;
   }
   // A connection that was kept ends here, so that its client sends its next request elsewhere.

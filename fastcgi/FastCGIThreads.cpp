@@ -24,9 +24,16 @@
 #include "fastcgi/FastCGIAsynchronousApplication.h"
 #include "fastcgi/FastCGIRequestThread.h"
 #include "fastcgi/OperatorSettings.h"
+#include "fastcgi/ProcessStatus.h"
+#include "fastcgi/ServiceManager.h"
 
 std::atomic<char> FastCGICancelPending{0};
 std::atomic<char> FastCGIShutdownPending{0};
+std::atomic<char> FastCGIDrainPending{0};
+
+int FastCGIDrainSignal() {
+  return SIGRTMIN;
+}
 
 namespace {
 
@@ -45,6 +52,7 @@ sigset_t HandledSignals() {
   sigset_t set;
   sigemptyset(&set);
   for (int signal : kSignals) sigaddset(&set, signal);
+  if (OwnStatus::IsWorker()) sigaddset(&set, FastCGIDrainSignal());
   return set;
 }
 
@@ -84,6 +92,8 @@ void* FastCGIHeartbeatThread(void* argument) {
   while (!thread->WaitForStop(next)) {
     if (FastCGIShutdownPending.load()) {
       if (!manager->ShuttingDown()) {
+        OwnStatus::Leaving();
+        ServiceManager::Stopping();
         manager->Shutdown();
       } else {
         manager->Cancelled();
@@ -92,6 +102,7 @@ void* FastCGIHeartbeatThread(void* argument) {
     } else if (FastCGICancelPending.exchange(0)) {
       manager->Cancelled();
     }
+    if (FastCGIDrainPending.load()) manager->Drain();
     manager->Heartbeat(time(nullptr));
     OperatorSettings::Beat();
     GiveUnusedMemoryBack();
@@ -109,6 +120,12 @@ void FastCGISignalHandler(int signal) {
     return;
   }
   if (FastCGIShutdownPending.load()) return;
+  if (signal == FastCGIDrainSignal()) {
+    FastCGIDrainPending.store(1);
+    return;
+  }
+  // It only interrupts the waits of a process that leaves already.
+  if (signal == SIGUSR2 && FastCGIDrainPending.load()) return;
   FCGX_ShutdownPending();
   FastCGIShutdownPending.store(1);
 }
@@ -237,10 +254,12 @@ int FastCGIThreadManager::StartTaskThread(FastCGIThread::StartRoutine routine, v
 void FastCGIThreadManager::Run() {
   // libfcgi has installed handlers of its own; these replace them.
   for (int number : kSignals) InstallHandler(number);
+  if (OwnStatus::IsWorker()) InstallHandler(FastCGIDrainSignal());
   sigset_t set = HandledSignals();
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
   {
     MutexGuard guard(manager_mutex);
+    handles_signals = true;
     for (;;) {
       if (FastCGIThread* thread = NextExited()) {
         pthread_join(thread->handle(), nullptr);
@@ -265,7 +284,7 @@ FastCGIThread* FastCGIThreadManager::NextExited() {
 }
 
 void FastCGIThreadManager::WaitForExit() {
-  if (!ShuttingDown()) {
+  if (!ShuttingDown() && !FastCGIDrainPending.load()) {
     condition.Wait(manager_mutex);
     return;
   }
@@ -289,6 +308,23 @@ void FastCGIThreadManager::Shutdown() {
   CancelAll();
   InterruptWaits();
   condition.Signal();
+}
+
+// Each call interrupts the waits again.
+void FastCGIThreadManager::Drain() {
+  FastCGIDrainPending.store(1);
+  if (!draining.exchange(true)) {
+    OwnStatus::Leaving();
+    ServiceManager::Stopping();
+  }
+  MutexGuard guard(manager_mutex);
+  // Before that the signal would end the process. Run interrupts the waits itself then.
+  if (handles_signals) InterruptWaits();
+  condition.Signal();
+}
+
+void FastCGIThreadManager::CountRequest() {
+  if (max_requests > 0 && requests_left.fetch_sub(1, std::memory_order_relaxed) == 1) Drain();
 }
 
 void FastCGIThreadManager::Cancelled() {

@@ -33,6 +33,13 @@ struct _FastCGIMainArgs {
 // Set by the signal handler, read by the heartbeat and the request threads.
 extern std::atomic<char> FastCGICancelPending;    // SIGHUP: cancel running scripts
 extern std::atomic<char> FastCGIShutdownPending;  // any other signal: end the process in order
+// A worker gets this one from its supervisor: no request is accepted any more.
+extern std::atomic<char> FastCGIDrainPending;
+int FastCGIDrainSignal();
+// Whether a thread must not accept another request.
+inline bool FastCGIEndsAccepting() {
+  return FastCGIShutdownPending.load() || FastCGIDrainPending.load();
+}
 
 // One thread. The manager makes, joins and deletes it.
 class FastCGIThread {
@@ -146,12 +153,24 @@ class FastCGIThreadManager {
   // thread starts.
   int DescriptorReserve() const { return descriptor_reserve; }
 
+  // The process leaves when it has served so many requests; 0 is no limit. Set before the first
+  // thread starts.
+  void SetMaxRequests(int count) {
+    max_requests = count;
+    requests_left.store(count, std::memory_order_relaxed);
+  }
+  // Called by a request thread after each request.
+  void CountRequest();
+
   // The body of the main thread. Handles signals from here on and returns when no task thread is
   // left. REQUIRES: the heartbeat thread was started.
   void Run();
   // Sets the shutdown flag, cancels running scripts, and interrupts accept and waits for input in
   // all threads.
   void Shutdown();
+  // Ends the process without a hurry: no request is accepted any more, those in progress and tasks
+  // go on to their end. Any thread may call it.
+  void Drain();
   bool ShuttingDown() const { return shutdown.load(std::memory_order_relaxed); }
   // Called two beats after Shutdown: from then on nothing more is sent to peers.
   void GiveUpPeers() { peers_given_up.store(true, std::memory_order_relaxed); }
@@ -175,8 +194,12 @@ class FastCGIThreadManager {
   // Every wait of a thread reads these, so nothing that changes is beside them.
   alignas(kCacheLine) std::atomic<bool> shutdown{false};
   std::atomic<bool> peers_given_up{false};
+  std::atomic<bool> draining{false};
   int descriptor_reserve = 0;
+  int max_requests = 0;
   alignas(kCacheLine) unsigned last_number GUARDED_BY(manager_mutex) = 1;
+  bool handles_signals GUARDED_BY(manager_mutex) = false;
+  std::atomic<int> requests_left{0};
 };
 
 // Lets Shutdown interrupt the calling thread for a scope: around accept. A wait for input unblocks

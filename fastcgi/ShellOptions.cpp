@@ -18,7 +18,7 @@ constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
 
 constexpr char kUsage[] =
-    "usage: zeph-fcgi [-t COUNT] [-p TITLE]\n"
+    "usage: zeph-fcgi [-t COUNT] [-p TITLE] [--workers COUNT]\n"
     "       zeph-fcgi --check [FILE]\n"
     "       zeph-fcgi --help | --version\n"
     "\n"
@@ -28,6 +28,8 @@ constexpr char kUsage[] =
     "\n"
     "  -t COUNT        the number of request threads, 10 by default\n"
     "  -p TITLE        the name in listings of processes\n"
+    "  --workers COUNT the number of processes that serve, each with its own threads; one more\n"
+    "                  process replaces those that end, and all of them on SIGHUP\n"
     "  --check [FILE]  looks for mistakes in the settings, directories, libraries and log, for "
     "the\n"
     "                  user who asks. FILE is a zeph.toml; without it the one that the engine "

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <string>
 
 #include "base/host/ErrorLog.h"
 #include "base/systems/unix/UNIXOpenSSL.h"
@@ -13,7 +14,12 @@
 #include "fastcgi/FastCGIExternalLibrary.h"
 #include "fastcgi/FastCGIThreads.h"
 #include "fastcgi/OperatorSettings.h"
+#include "fastcgi/ProcessSettings.h"
+#include "fastcgi/ProcessStatus.h"
+#include "fastcgi/ServiceManager.h"
 #include "fastcgi/ShellOptions.h"
+#include "fastcgi/StatusServer.h"
+#include "fastcgi/Supervisor.h"
 
 namespace {
 
@@ -46,14 +52,35 @@ void Serve(FastCGIThreadManager* threads, _FastCGIMainArgs* arguments) {
     Report("no heartbeat thread: ", strerror(error));
     return;
   }
-  threads->StartRequestThreads(arguments);
+  if (threads->StartRequestThreads(arguments) > 0) {
+    OwnStatus::Ready();
+    ServiceManager::Ready();
+  }
   threads->Run();
+}
+
+// A page of status that cannot be served keeps no site from being served.
+void StartStatus(StatusThread* status, const std::string& address, int threads) {
+  const int descriptor = ServiceManager::TakeStatusSocket();
+  std::string problem;
+  if ((descriptor >= 0 || !address.empty()) &&
+      !status->Start(address, descriptor, threads, &problem)) {
+    fprintf(stderr, "zeph-fcgi: status_listen: %s\n", problem.c_str());
+  }
+}
+
+// Returns false in the supervisor when it has ended, and true in a process that is to serve.
+bool BecomeWorker(int workers, int threads, const ProcessSection& settings) {
+  Supervisor supervisor(workers, threads, settings.status_listen,
+                        ServiceManager::TakeStatusSocket());
+  return supervisor.Run();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   int status = 0;
+  ServiceManager::Begin();
   if (RunShellOption(argc, argv, &status)) return status;
   OperatorSettings::Start();
   FastCGIThreadManager threads;
@@ -66,6 +93,17 @@ int main(int argc, char** argv) {
   arguments.thread_count = 10;
   Process_CommandLine_Args(&arguments);
   tzset();
+  const int workers = WorkersOf(argc, arguments.copied_arguments);
+  ProcessSection settings = ReadProcessSettings();
+  if (workers > 0 && IsListening(kListeningSocket)) {
+    if (!BecomeWorker(workers, arguments.thread_count, settings)) {
+      FreeArgs(argc, arguments.copied_arguments);
+      return 0;
+    }
+    // A reload starts workers of which the settings may be others.
+    settings = ReadProcessSettings();
+  }
+  threads.SetMaxRequests(settings.max_requests);
   // Before FCGX_Init, because libfcgi installs handlers of its own, which would swallow a signal of
   // shutdown.
   FastCGIThreadManager::BlockSignals();
@@ -73,6 +111,10 @@ int main(int argc, char** argv) {
   FastCGIApplication_OpenSSL_Initialize();
   CheckListening(kListeningSocket);
   MakeBlocking(kListeningSocket);
+  StatusThread status_thread;
+  if (!OwnStatus::IsWorker()) {
+    StartStatus(&status_thread, settings.status_listen, arguments.thread_count);
+  }
   Serve(&threads, &arguments);
   FastCGIApplication_OpenSSL_Cleanup();
   FreeArgs(argc, arguments.copied_arguments);

@@ -38,7 +38,7 @@ class ShellOptions : public ProgramFixture {
 TEST_F(ShellOptions, HelpAndVersionAreToldWithoutASocket) {
   for (const char* option : {"--help", "-h"}) {
     EXPECT_EQ(Run({option}), 0);
-    EXPECT_THAT(output, StartsWith("usage: zeph-fcgi [-t COUNT] [-p TITLE]\n"));
+    EXPECT_THAT(output, StartsWith("usage: zeph-fcgi [-t COUNT] [-p TITLE] [--workers COUNT]\n"));
     EXPECT_EQ(errors, "");
   }
   EXPECT_EQ(Run({"--version"}), 0);
@@ -96,6 +96,14 @@ TEST_F(ShellOptions, AllMistakesOfTheFileAreTold) {
                                 "-1\n"));
   EXPECT_THAT(output, HasSubstr("note: zeph.toml:6: variables.global.cookies: "));
   EXPECT_THAT(output, EndsWith("\n2 problems\n"));
+}
+
+TEST_F(ShellOptions, AnAddressOfTheStatusThatIsNoneIsTold) {
+  EXPECT_EQ(Check("[process]\nstatus_listen = \"127.0.0.1:8081\"\n"), 0) << output;
+  EXPECT_EQ(Check("[process]\nstatus_listen = \"8081\"\n"), 1);
+  EXPECT_THAT(output,
+              HasSubstr("problem: process.status_listen: expected an address and a port, or "
+                        "the absolute path of a socket, found \"8081\"\n"));
 }
 
 TEST_F(ShellOptions, AMissingDirectorySettingIsToldByItsName) {

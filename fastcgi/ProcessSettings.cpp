@@ -1,0 +1,67 @@
+// The settings of the process. Tested in tests/e2e/SupervisorTest.cpp.
+
+#include "fastcgi/ProcessSettings.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "config/SnapshotStore.h"
+
+namespace {
+
+constexpr long kMostWorkers = 1000;
+
+// Empty if there is none.
+std::string FileOfSettings() {
+  const char* named = getenv(config_file_variable);
+  if (named && *named) return named;
+  for (const char* path : {config_file_local, config_file_system}) {
+    struct stat status;
+    if (stat(path, &status) == 0 || (errno != ENOENT && errno != ENOTDIR)) return path;
+  }
+  return "";
+}
+
+}  // namespace
+
+ProcessSection ReadProcessSettings() {
+  const std::string path = FileOfSettings();
+  struct stat status;
+  // A FIFO would hang the start.
+  if (path.empty() || stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  const Snapshot snapshot = Snapshot::Parse(path, text.str());
+  return snapshot.error.empty() ? snapshot.process : ProcessSection();
+}
+
+int WorkersOf(int argc, char* const* argv) {
+  int workers = 0;
+  for (int i = 1; i < argc; i++) {
+    if (strcmp(argv[i], "-t") == 0 || strcmp(argv[i], "-p") == 0) {
+      i++;
+    } else if (strcmp(argv[i], "--workers") == 0) {
+      const char* text = i + 1 < argc ? argv[++i] : "";
+      char* end = nullptr;
+      const long count = strtol(text, &end, 10);
+      if (end != text && *end == '\0' && count >= 1 && count <= kMostWorkers) {
+        workers = static_cast<int>(count);
+      } else {
+        fprintf(stderr,
+                "zeph-fcgi: --workers needs a number from 1 to %ld, found '%s'; one process "
+                "serves\n",
+                kMostWorkers, text);
+        workers = 0;
+      }
+    }
+  }
+  return workers;
+}

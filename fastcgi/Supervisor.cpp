@@ -1,0 +1,264 @@
+// Starts, replaces and ends the workers. Tested in tests/e2e/SupervisorTest.cpp.
+
+#include "fastcgi/Supervisor.h"
+
+#include <sys/eventfd.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "fastcgi/FastCGIThreads.h"
+#include "fastcgi/ServiceManager.h"
+
+namespace {
+
+constexpr int kEnding[] = {SIGINT, SIGQUIT, SIGPIPE, SIGTERM, SIGUSR1, SIGUSR2};
+constexpr std::chrono::seconds kLongLife(10);
+constexpr std::chrono::milliseconds kFirstDelay(100);
+constexpr std::chrono::milliseconds kLongestDelay(10000);
+constexpr std::chrono::seconds kTimeToLeave(18);
+
+bool IsServing(const StatusBoard& board) {
+  return board.get()->phase.load() == static_cast<uint32_t>(ProcessPhase::Serving);
+}
+
+bool IsLeaving(const StatusBoard& board) {
+  return board.get()->phase.load() == static_cast<uint32_t>(ProcessPhase::Leaving);
+}
+
+}  // namespace
+
+Supervisor::Supervisor(int workers, int threads, const std::string& status_address,
+                       int status_socket)
+    : threads(threads),
+      has_status(!status_address.empty() || status_socket >= 0),
+      server([this] { return Report(); }),
+      seats(static_cast<size_t>(workers)),
+      started(ProcessStatus::Now()) {
+  std::string problem;
+  if (status_socket >= 0) {
+    server.Adopt(status_socket);
+  } else if (has_status && !server.Listen(status_address, &problem)) {
+    fprintf(stderr, "zeph-fcgi: status_listen: %s\n", problem.c_str());
+  }
+}
+
+Supervisor::~Supervisor() = default;
+
+bool Supervisor::Run() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (int number : kEnding) sigaddset(&set, number);
+  sigaddset(&set, SIGHUP);
+  sigaddset(&set, SIGCHLD);
+  pthread_sigmask(SIG_BLOCK, &set, &mask_before);
+  signals.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+  changes.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!signals.is_open() || !changes.is_open()) {
+    fprintf(stderr, "zeph-fcgi: no workers: %s\n", strerror(errno));
+    return false;
+  }
+  for (;;) {
+    if (!ends && StartWorkers()) return true;
+    if (ends && workers.empty()) break;
+    Wait();
+    HandleSignals();
+    Reap();
+    LookAtPhases();
+    if (ends && !killed && Clock::now() >= kill_time) {
+      for (const Worker& worker : workers) kill(worker.pid, SIGKILL);
+      killed = true;
+    }
+  }
+  server.Close(true);
+  return false;
+}
+
+// Returns true in a worker.
+bool Supervisor::StartWorkers() {
+  for (Seat& seat : seats) {
+    if (!seat.current && Clock::now() >= seat.next_start && StartWorker(&seat)) return true;
+  }
+  return false;
+}
+
+bool Supervisor::StartWorker(Seat* seat) {
+  StatusBoard board(has_status ? threads : 0);
+  const pid_t supervisor = getpid();
+  const pid_t pid = board.get() ? fork() : -1;
+  if (pid == 0) {
+    // Workers whose supervisor was killed leave too: the next one starts its own.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != supervisor) _exit(0);
+    BecomeWorker(std::move(board));
+    return true;
+  }
+  if (pid < 0) {
+    fprintf(stderr, "zeph-fcgi: a worker cannot be started: %s\n", strerror(errno));
+    seat->next_start = Clock::now() + std::chrono::seconds(1);
+    return false;
+  }
+  past.workers_started++;
+  workers.push_back({pid, std::move(board), Clock::now()});
+  seat->current = &workers.back();
+  return false;
+}
+
+// The rest of the supervisor's descriptors and memory is given up.
+void Supervisor::BecomeWorker(StatusBoard board) {
+  workers.clear();
+  server.Close(false);
+  signals.reset();
+  // The ending signals stay blocked, as the engine wants them until it handles them.
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGCHLD);
+  if (!sigismember(&mask_before, SIGCHLD)) pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  ServiceManager::Forget();
+  OwnStatus::Use(board.release(), changes.release());
+}
+
+void Supervisor::Wait() {
+  int timeout = -1;
+  const auto until = [&timeout](Clock::time_point time) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(time - Clock::now()).count() + 1;
+    const int wait = static_cast<int>(std::clamp<int64_t>(left, 0, 60000));
+    timeout = timeout < 0 ? wait : std::min(timeout, wait);
+  };
+  if (ends && !killed) until(kill_time);
+  for (const Seat& seat : seats) {
+    if (!ends && !seat.current) until(seat.next_start);
+  }
+  std::vector<pollfd> others{{signals.get(), POLLIN, 0}, {changes.get(), POLLIN, 0}};
+  server.Turn(&others, timeout);
+  uint64_t count;
+  if (others[1].revents != 0 && read(changes.get(), &count, sizeof count) < 0) {
+    // Another look at the phases does no harm.
+  }
+}
+
+void Supervisor::HandleSignals() {
+  signalfd_siginfo info;
+  while (read(signals.get(), &info, sizeof info) == sizeof info) {
+    const int number = static_cast<int>(info.ssi_signo);
+    if (number == SIGCHLD) continue;
+    if (number == SIGHUP) {
+      if (!ends) BeginReload();
+    } else if (!ends) {
+      BeginEnd();
+    }
+  }
+}
+
+void Supervisor::BeginEnd() {
+  ServiceManager::Stopping();
+  ends = true;
+  kill_time = Clock::now() + kTimeToLeave;
+  for (const Worker& worker : workers) kill(worker.pid, SIGTERM);
+}
+
+// A reload that comes during another one begins after it, because the workers that are just being
+// started may have read what has changed since.
+void Supervisor::BeginReload() {
+  if (reloads) {
+    reloads_again = true;
+    return;
+  }
+  reloads = true;
+  reloads_again = false;
+  past.reloads++;
+  ServiceManager::Reloading();
+  for (Seat& seat : seats) {
+    // A worker that does not serve yet is told to leave as soon as it can.
+    seat.previous = std::exchange(seat.current, nullptr);
+    seat.next_start = Clock::now();
+    seat.delay = std::chrono::milliseconds(0);
+  }
+}
+
+void Supervisor::Reap() {
+  int status;
+  while (const pid_t pid = waitpid(-1, &status, WNOHANG)) {
+    if (pid < 0) return;
+    const auto found = std::find_if(workers.begin(), workers.end(),
+                                    [pid](const Worker& worker) { return worker.pid == pid; });
+    if (found == workers.end()) continue;
+    Bury(*found, status);
+    workers.erase(found);
+  }
+}
+
+// A worker that was told to leave, or that leaves by itself, is in no seat any more.
+void Supervisor::Bury(const Worker& worker, int status) {
+  past.Bury(ProcessView::Of(*worker.board.get()));
+  const auto seat = std::find_if(seats.begin(), seats.end(), [&worker](const Seat& each) {
+    return each.current == &worker || each.previous == &worker;
+  });
+  const bool is_failure = WIFSIGNALED(status) || (WIFEXITED(status) && WEXITSTATUS(status) != 0) ||
+                          (!ends && seat != seats.end() && !IsLeaving(worker.board));
+  if (is_failure) {
+    past.workers_failed++;
+    const bool by_signal = WIFSIGNALED(status);
+    fprintf(stderr, "zeph-fcgi: worker %d %s %d\n", static_cast<int>(worker.pid),
+            by_signal ? "was ended by signal" : "ended with status",
+            by_signal ? WTERMSIG(status) : WEXITSTATUS(status));
+  }
+  if (seat == seats.end()) return;
+  if (seat->previous == &worker) {
+    seat->previous = nullptr;
+    return;
+  }
+  seat->current = nullptr;
+  const bool lived_long = Clock::now() - worker.started >= kLongLife;
+  if (lived_long || IsLeaving(worker.board)) {
+    seat->delay = std::chrono::milliseconds(0);
+  } else {
+    seat->delay = seat->delay.count() == 0 ? kFirstDelay : std::min(seat->delay * 2, kLongestDelay);
+  }
+  seat->next_start = Clock::now() + seat->delay;
+}
+
+void Supervisor::LookAtPhases() {
+  if (ends) return;
+  bool all_serve = true;
+  bool all_replaced = true;
+  for (Seat& seat : seats) {
+    if (seat.current && IsLeaving(seat.current->board)) {
+      seat.current = nullptr;
+      seat.next_start = Clock::now();
+    }
+    if (!seat.current || !IsServing(seat.current->board)) {
+      all_serve = false;
+    } else if (seat.previous &&
+               (IsServing(seat.previous->board) || IsLeaving(seat.previous->board))) {
+      kill(seat.previous->pid, FastCGIDrainSignal());
+      seat.previous = nullptr;
+    }
+    if (seat.previous) all_replaced = false;
+  }
+  if (all_serve && all_replaced) TellState();
+}
+
+void Supervisor::TellState() {
+  if (!is_ready || reloads) ServiceManager::Ready();
+  is_ready = true;
+  reloads = false;
+  if (reloads_again) BeginReload();
+}
+
+StatusReport Supervisor::Report() const {
+  StatusReport report = past;
+  for (const Worker& worker : workers) {
+    report.processes.push_back(ProcessView::Of(*worker.board.get()));
+  }
+  report.age = static_cast<double>(ProcessStatus::Now() - started) / 1e9;
+  return report;
+}

@@ -1,0 +1,422 @@
+// Several processes on one socket, the page of status, and the engine as a service: what happens
+// when a worker dies, when all are replaced under load, and when all threads are busy.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/host/FileDescriptor.h"
+#include "tests/e2e/Pages.h"
+#include "tests/support/Command.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+using Milliseconds = std::chrono::milliseconds;
+
+template <typename Condition>
+bool Eventually(Condition condition, Milliseconds timeout = Milliseconds(60000)) {
+  const auto end = std::chrono::steady_clock::now() + timeout;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(Milliseconds(20));
+  }
+  return true;
+}
+
+// An ended process that its parent has not waited for is gone too.
+bool IsGone(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string number, name, state;
+  return !(file >> number >> name >> state) || state == "Z";
+}
+
+// Sends bytes to a UNIX socket, or to a port of this machine, and returns all that comes back.
+std::string Exchange(const std::string& socket_path, int port, const std::string& bytes) {
+  const FileDescriptor descriptor(socket(port ? AF_INET : AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_storage room{};
+  if (port) {
+    auto* address = reinterpret_cast<sockaddr_in*>(&room);
+    address->sin_family = AF_INET;
+    address->sin_port = htons(static_cast<in_port_t>(port));
+    address->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  } else {
+    auto* address = reinterpret_cast<sockaddr_un*>(&room);
+    address->sun_family = AF_UNIX;
+    socket_path.copy(address->sun_path, sizeof address->sun_path - 1);
+  }
+  if (connect(descriptor.get(), reinterpret_cast<sockaddr*>(&room),
+              port ? sizeof(sockaddr_in) : sizeof(sockaddr_un)) != 0) {
+    return "";
+  }
+  send(descriptor.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  const timeval patience{20, 0};
+  setsockopt(descriptor.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+  std::string all;
+  char buffer[4096];
+  for (;;) {
+    const ssize_t count = recv(descriptor.get(), buffer, sizeof buffer, 0);
+    if (count <= 0) return all;
+    all.append(buffer, static_cast<size_t>(count));
+  }
+}
+
+// An engine with a page, and clients that make its threads wait.
+class Service : public testing::Test {
+ protected:
+  Service() {
+    engine.Script("page.zpc", Writes("page"));
+    engine.Script("flood.zpc", Floods(2000));
+    status_socket = engine.Path("status.sock");
+  }
+
+  void ServeStatus() {
+    engine.settings += "[process]\nstatus_listen = \"" + status_socket + "\"\n";
+  }
+  std::string Status(const std::string& page) {
+    const std::string response =
+        Exchange(status_socket, 0, "GET " + page + " HTTP/1.1\r\nHost: x\r\n\r\n");
+    const size_t body = response.find("\r\n\r\n");
+    return body == std::string::npos ? response : response.substr(body + 4);
+  }
+  // A request whose response is larger than any buffer and is not read.
+  FastCGIClient* BusyRequest() {
+    clients.push_back(std::make_unique<FastCGIClient>());
+    FastCGIClient& client = *clients.back();
+    EXPECT_TRUE(client.Connect(engine.socket()));
+    client.Begin();
+    client.Parameters(engine.Parameters("/flood.zpc"));
+    client.EndParameters();
+    client.EndInput();
+    EXPECT_GE(client.ReadOutput(1).size(), 1u);
+    return &client;
+  }
+  std::set<pid_t> Workers() const {
+    const std::string pid = std::to_string(engine.pid());
+    std::ifstream file("/proc/" + pid + "/task/" + pid + "/children");
+    std::set<pid_t> found;
+    for (pid_t child; file >> child;) found.insert(child);
+    return found;
+  }
+
+  EngineProcess engine;
+  std::string status_socket;
+  std::vector<std::unique_ptr<FastCGIClient>> clients;
+};
+
+// The claims that wait for a heartbeat.
+class SlowService : public Service {};
+
+// Clients that send one request after the other until they are stopped.
+class Load {
+ public:
+  Load(EngineProcess& engine, int clients) {
+    for (int i = 0; i < clients; i++) {
+      threads.emplace_back([&engine, this] {
+        while (!ended) {
+          const FastCGIResponse response = engine.Get("/page.zpc");
+          (response.ended && response.Body() == "page" ? good : bad)++;
+        }
+      });
+    }
+  }
+  ~Load() { Stop(); }
+  Load(const Load&) = delete;
+  Load& operator=(const Load&) = delete;
+  void Stop() {
+    ended = true;
+    for (std::thread& thread : threads) thread.join();
+    threads.clear();
+  }
+  // Waits for that many more pages.
+  void WaitForPages(int count) const {
+    const int wanted = good + count;
+    EXPECT_TRUE(Eventually([&] { return good >= wanted; }));
+  }
+
+  std::atomic<int> good{0};
+  std::atomic<int> bad{0};
+
+ private:
+  std::atomic<bool> ended{false};
+  std::vector<std::thread> threads;
+};
+
+TEST_F(Service, StatusIsServedWhileAllThreadsAreBusy) {
+  ServeStatus();
+  engine.arguments = {"-t", "2"};
+  ASSERT_TRUE(engine.Start());
+  ASSERT_TRUE(Eventually([&] { return Status("/ping") == "ok\n"; }));
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  BusyRequest();
+  BusyRequest();
+  EXPECT_EQ(Status("/ping"), "ok\n");
+  EXPECT_THAT(Status("/metrics"), HasSubstr("\nzeph_threads{state=\"running\"} 2\n"));
+  EXPECT_THAT(Status("/metrics"), HasSubstr("\nzeph_requests_total 1\n"));
+  EXPECT_THAT(Status("/status"), HasSubstr("  flood.zpc\n"));
+  Command python({"/usr/bin/env", "python3", "-c",
+                  "import json,sys\n"
+                  "p,=json.loads(sys.argv[1])['processes']\n"
+                  "print(p['pid'],p['state'],[t['state'] for t in p['threads']],\n"
+                  "      p['resident_bytes']>1000000)",
+                  Status("/status.json")});
+  EXPECT_EQ(python.Run(), 0) << python.errors;
+  EXPECT_EQ(python.output, std::to_string(engine.pid()) + " serving ['running', 'running'] True\n");
+}
+
+TEST_F(Service, ThereIsNoStatusByDefault) {
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  EXPECT_EQ(engine.WaitForThreads(10 + EngineProcess::OtherThreads),
+            10 + EngineProcess::OtherThreads);
+}
+
+TEST_F(Service, AWrongAddressOfTheStatusIsReportedAndPagesAreServed) {
+  engine.settings = "[process]\nstatus_listen = \"localhost:80\"\n";
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  EXPECT_THAT(engine.Log(), HasSubstr("zeph-fcgi: status_listen: expected an address and a port, "
+                                      "or the absolute path of a socket, found \"localhost:80\""));
+}
+
+TEST_F(Service, AWrongNumberOfWorkersIsReportedAndOneProcessServes) {
+  engine.arguments = {"--workers", "0"};
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  EXPECT_THAT(engine.Log(), HasSubstr("--workers needs a number from 1 to 1000, found '0'"));
+  EXPECT_TRUE(Workers().empty());
+}
+
+TEST_F(Service, AWorkerThatIsKilledUnderLoadTakesOnlyItsOwnRequestsWithIt) {
+  ServeStatus();
+  engine.arguments = {"--workers", "2", "-t", "2"};
+  ASSERT_TRUE(engine.Start());
+  ASSERT_TRUE(Eventually([&] { return Status("/ping") == "ok\n"; }));
+  const std::set<pid_t> before = Workers();
+  ASSERT_EQ(before.size(), 2u);
+  Load load(engine, 4);
+  load.WaitForPages(50);
+  const pid_t killed = *before.begin();
+  kill(killed, SIGKILL);
+  load.WaitForPages(50);
+  ASSERT_TRUE(Eventually([&] { return Workers().size() == 2 && !Workers().count(killed); }));
+  load.WaitForPages(50);
+  load.Stop();
+  EXPECT_LE(load.bad, 2);
+  EXPECT_EQ(Workers().count(*before.rbegin()), 1u);
+  EXPECT_THAT(engine.Log(), HasSubstr("zeph-fcgi: worker " + std::to_string(killed) +
+                                      " was ended by signal 9\n"));
+  EXPECT_THAT(Status("/metrics"), HasSubstr("\nzeph_workers_failed_total 1\n"));
+  EXPECT_THAT(Status("/metrics"), HasSubstr("\nzeph_workers_started_total 3\n"));
+}
+
+TEST_F(SlowService, AReloadUnderLoadLosesNoRequest) {
+  engine.arguments = {"--workers", "2", "-t", "2"};
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  FastCGIClient* busy = BusyRequest();
+  const std::set<pid_t> before = Workers();
+  ASSERT_EQ(before.size(), 2u);
+  Load load(engine, 4);
+  load.WaitForPages(20);
+  engine.Signal(SIGHUP);
+  // Three of them: the one with the busy request stays until that has ended.
+  ASSERT_TRUE(Eventually([&] {
+    const std::set<pid_t> now = Workers();
+    return now.size() == 3 && std::count_if(before.begin(), before.end(),
+                                            [&](pid_t pid) { return now.count(pid) != 0; }) == 1;
+  }));
+  load.WaitForPages(20);
+  const FastCGIResponse response = busy->Read();
+  EXPECT_TRUE(response.ended) << response.problem;
+  EXPECT_EQ(response.Body().size(), 2000 * flood_part);
+  ASSERT_TRUE(Eventually([&] { return Workers().size() == 2; }));
+  for (const pid_t pid : before) EXPECT_EQ(Workers().count(pid), 0u);
+  load.WaitForPages(20);
+  load.Stop();
+  EXPECT_EQ(load.bad, 0);
+  EXPECT_EQ(engine.Log(), "");
+}
+
+TEST_F(SlowService, AReloadEndsKeptConnectionsWithoutARequest) {
+  engine.arguments = {"--workers", "1", "-t", "2"};
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient kept;
+  ASSERT_TRUE(kept.Connect(engine.socket()));
+  for (int i = 0; i < 2; i++) {
+    EXPECT_EQ(kept.Request(engine.Parameters("/page.zpc"), "", true).Body(), "page");
+  }
+  const std::set<pid_t> before = Workers();
+  engine.Signal(SIGHUP);
+  EXPECT_TRUE(kept.WaitForClose());
+  for (const pid_t pid : before) EXPECT_TRUE(Eventually([&] { return IsGone(pid); }));
+  ExpectPage(engine.Get("/page.zpc"), "page");
+}
+
+TEST_F(Service, AWorkerIsReplacedAfterMaxRequests) {
+  engine.settings = "[process]\nmax_requests = 10\n";
+  engine.arguments = {"--workers", "2", "-t", "2"};
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  const std::set<pid_t> before = Workers();
+  Load load(engine, 3);
+  load.WaitForPages(100);
+  load.Stop();
+  EXPECT_EQ(load.bad, 0);
+  for (const pid_t pid : before) EXPECT_TRUE(Eventually([&] { return IsGone(pid); }));
+  EXPECT_EQ(engine.Log(), "");
+}
+
+TEST_F(SlowService, AProcessWithoutWorkersLeavesAfterMaxRequests) {
+  engine.settings = "[process]\nmax_requests = 3\n";
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient* busy = BusyRequest();
+  for (int i = 0; i < 3; i++) ExpectPage(engine.Get("/page.zpc"), "page");
+  EXPECT_EQ(engine.Wait(Milliseconds(2000)), -1);
+  const FastCGIResponse response = busy->Read();
+  EXPECT_EQ(response.Body().size(), 2000 * flood_part);
+  EXPECT_EQ(engine.Wait(Milliseconds(20000)), 0);
+}
+
+TEST_F(SlowService, SIGTERMEndsAllWorkersInTime) {
+  ServeStatus();
+  engine.arguments = {"--workers", "3", "-t", "2"};
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  BusyRequest();
+  const std::set<pid_t> workers = Workers();
+  ASSERT_EQ(workers.size(), 3u);
+  engine.Signal(SIGTERM);
+  EXPECT_EQ(engine.Wait(Milliseconds(20000)), 0);
+  for (const pid_t pid : workers) EXPECT_TRUE(IsGone(pid));
+  EXPECT_NE(access(status_socket.c_str(), F_OK), 0);
+}
+
+TEST_F(SlowService, AWorkerThatHangsIsKilledInTime) {
+  engine.arguments = {"--workers", "1"};
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  const pid_t worker = *Workers().begin();
+  kill(worker, SIGSTOP);
+  engine.Signal(SIGTERM);
+  EXPECT_EQ(engine.Wait(Milliseconds(20000)), 0);
+  EXPECT_TRUE(IsGone(worker));
+}
+
+TEST_F(SlowService, WorkersLeaveWhenTheirSupervisorIsKilled) {
+  engine.arguments = {"--workers", "2"};
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  const std::set<pid_t> workers = Workers();
+  ASSERT_EQ(workers.size(), 2u);
+  engine.Signal(SIGKILL);
+  for (const pid_t pid : workers) EXPECT_TRUE(Eventually([&] { return IsGone(pid); }));
+}
+
+// The engine as a service manager starts it: sockets from descriptor 3 on, and a socket for its
+// messages.
+class SlowManagedService : public Service {
+ protected:
+  ~SlowManagedService() override {
+    if (process > 0) {
+      kill(process, SIGKILL);
+      waitpid(process, nullptr, 0);
+    }
+  }
+
+  static int Bound(const std::string& path, int type) {
+    const int made = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(bind(made, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    if (type == SOCK_STREAM) listen(made, 64);
+    return made;
+  }
+
+  void StartManaged() {
+    engine.WriteConfiguration();
+    const FileDescriptor requests(Bound(engine.socket(), SOCK_STREAM));
+    const FileDescriptor pages(Bound(status_socket, SOCK_STREAM));
+    messages.reset(Bound(engine.Path("notify"), SOCK_DGRAM));
+    const timeval patience{60, 0};
+    setsockopt(messages.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    process = fork();
+    if (process != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // First to numbers that none of them has.
+    dup2(requests.get(), 100);
+    dup2(pages.get(), 101);
+    dup2(100, 3);
+    dup2(101, 4);
+    close_range(5, ~0u, 0);
+    close(0);
+    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+    setenv("LISTEN_FDS", "2", 1);
+    setenv("LISTEN_FDNAMES", "requests:status", 1);
+    setenv("NOTIFY_SOCKET", engine.Path("notify").c_str(), 1);
+    setenv("ZEPH_CONFIG", engine.Path("zeph.toml").c_str(), 1);
+    const std::string program = EngineProcess::Program();
+    std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+    for (std::string& argument : engine.arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    execv(program.c_str(), argv.data());
+    _exit(127);
+  }
+  std::string Message() {
+    char buffer[256];
+    const ssize_t count = recv(messages.get(), buffer, sizeof buffer, 0);
+    return count < 0 ? "nothing" : std::string(buffer, static_cast<size_t>(count));
+  }
+  int End() {
+    kill(process, SIGTERM);
+    EXPECT_EQ(Message(), "STOPPING=1");
+    int status = -1;
+    waitpid(process, &status, 0);
+    process = -1;
+    return status;
+  }
+
+  FileDescriptor messages;
+  pid_t process = -1;
+};
+
+TEST_F(SlowManagedService, OneProcessTellsItsStateAndServesOnItsSockets) {
+  StartManaged();
+  EXPECT_EQ(Message(), "READY=1");
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  EXPECT_EQ(Status("/ping"), "ok\n");
+  EXPECT_EQ(End(), 0);
+}
+
+TEST_F(SlowManagedService, WorkersAreReloadedAndOnlyTheSupervisorTells) {
+  engine.arguments = {"--workers", "2", "-t", "2"};
+  StartManaged();
+  EXPECT_EQ(Message(), "READY=1");
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  EXPECT_THAT(Status("/metrics"), HasSubstr("\nzeph_processes 2\n"));
+  kill(process, SIGHUP);
+  EXPECT_THAT(Message(), StartsWith("RELOADING=1\nMONOTONIC_USEC="));
+  EXPECT_EQ(Message(), "READY=1");
+  EXPECT_THAT(Status("/metrics"), HasSubstr("\nzeph_reloads_total 1\n"));
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  EXPECT_EQ(End(), 0);
+}
+
+}  // namespace
