@@ -258,6 +258,8 @@ StatusReport Supervisor::Report() const {
   StatusReport report = past;
   for (const Worker& worker : workers) {
     report.processes.push_back(ProcessView::Of(*worker.board.get()));
+    // It learns of that at its next heartbeat.
+    if (ends) report.processes.back().phase = ProcessPhase::Leaving;
   }
   report.age = static_cast<double>(ProcessStatus::Now() - started) / 1e9;
   return report;

@@ -226,6 +226,21 @@ TEST_F(Service, AWorkerThatIsKilledUnderLoadTakesOnlyItsOwnRequestsWithIt) {
   EXPECT_THAT(Status("/metrics"), HasSubstr("\nzeph_workers_started_total 3\n"));
 }
 
+TEST_F(Service, WorkersThatKeepEndingAreStartedEverMoreSlowly) {
+  engine.arguments = {"--workers", "1", "-t", "1"};
+  ASSERT_TRUE(engine.Start());
+  const auto start = std::chrono::steady_clock::now();
+  pid_t last = 0;
+  for (int i = 0; i < 5; i++) {
+    ASSERT_TRUE(Eventually([&] { return Workers().size() == 1 && !Workers().count(last); }));
+    last = *Workers().begin();
+    if (i < 4) kill(last, SIGKILL);
+  }
+  // 100, 200, 400 and 800 milliseconds.
+  EXPECT_GE(std::chrono::steady_clock::now() - start, Milliseconds(1500));
+  ExpectPage(engine.Get("/page.zpc"), "page");
+}
+
 TEST_F(SlowService, AReloadUnderLoadLosesNoRequest) {
   engine.arguments = {"--workers", "2", "-t", "2"};
   ASSERT_TRUE(engine.Start());
@@ -303,6 +318,7 @@ TEST_F(SlowService, SIGTERMEndsAllWorkersInTime) {
   const std::set<pid_t> workers = Workers();
   ASSERT_EQ(workers.size(), 3u);
   engine.Signal(SIGTERM);
+  EXPECT_TRUE(Eventually([&] { return Status("/ping") == "not serving\n"; }, Milliseconds(2000)));
   EXPECT_EQ(engine.Wait(Milliseconds(20000)), 0);
   for (const pid_t pid : workers) EXPECT_TRUE(IsGone(pid));
   EXPECT_NE(access(status_socket.c_str(), F_OK), 0);
