@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -16,7 +17,7 @@
 
 namespace {
 
-constexpr long kMostWorkers = 1000;
+constexpr int kMostWorkers = 1000;
 
 // Empty if there is none.
 std::string FileOfSettings() {
@@ -50,13 +51,14 @@ int WorkersOf(int argc, char* const* argv) {
       i++;
     } else if (strcmp(argv[i], "--workers") == 0) {
       const char* text = i + 1 < argc ? argv[++i] : "";
-      char* end = nullptr;
-      const long count = strtol(text, &end, 10);
-      if (end != text && *end == '\0' && count >= 1 && count <= kMostWorkers) {
-        workers = static_cast<int>(count);
+      const char* end = text + strlen(text);
+      int count = 0;
+      const auto [rest, problem] = std::from_chars(text, end, count);
+      if (problem == std::errc() && rest == end && count >= 1 && count <= kMostWorkers) {
+        workers = count;
       } else {
         fprintf(stderr,
-                "zeph-fcgi: --workers needs a number from 1 to %ld, found '%s'; one process "
+                "zeph-fcgi: --workers needs a number from 1 to %d, found '%s'; one process "
                 "serves\n",
                 kMostWorkers, text);
         workers = 0;

@@ -90,7 +90,7 @@ class OwnStatus {
  public:
   // Writes into that record from here on. `notify` is an eventfd that gets a count with each change
   // of the phase; -1 for none. REQUIRES: no other thread exists.
-  static void Use(ProcessStatus* process, int notify);
+  static void Use(ProcessStatus* status, int notify);
   // Whether a supervisor watches.
   static bool IsWorker() { return notified >= 0; }
   static void Ready() { SetPhase(ProcessPhase::Serving); }

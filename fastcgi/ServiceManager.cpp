@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -21,7 +22,7 @@
 namespace {
 
 constexpr int kFirstDescriptor = 3;
-constexpr long kMostDescriptors = 1000;
+constexpr int kMostDescriptors = 1000;
 
 // Written before the first thread starts.
 sockaddr_un notified{};
@@ -43,10 +44,10 @@ std::string NextName(std::string* names) {
   return name;
 }
 
-void TakeSockets(long count, std::string names) {
+void TakeSockets(int count, std::string names) {
   bool has_listening = IsListening(STDIN_FILENO);
-  for (long i = 0; i < count; i++) {
-    const int descriptor = kFirstDescriptor + static_cast<int>(i);
+  for (int i = 0; i < count; i++) {
+    const int descriptor = kFirstDescriptor + i;
     const std::string name = NextName(&names);
     if (name == "status" && status_socket < 0) {
       status_socket = descriptor;
@@ -77,7 +78,9 @@ void ServiceManager::Begin() {
   SetAddress(TakeVariable("NOTIFY_SOCKET"));
   // The variables may be those of a process that has started this one and forgot to remove them.
   if (pid != std::to_string(getpid())) return;
-  TakeSockets(std::clamp(strtol(count.c_str(), nullptr, 10), 0L, kMostDescriptors), names);
+  int passed = 0;
+  std::from_chars(count.data(), count.data() + count.size(), passed);
+  TakeSockets(std::clamp(passed, 0, kMostDescriptors), names);
 }
 
 int ServiceManager::TakeStatusSocket() {

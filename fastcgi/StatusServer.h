@@ -39,8 +39,9 @@ class StatusServer {
   StatusServer(const StatusServer&) = delete;
   StatusServer& operator=(const StatusServer&) = delete;
 
-  // Replaces a UNIX socket on which no one listens. Returns false with a text.
-  [[nodiscard]] bool Listen(const std::string& address, std::string* problem);
+  // Listens on a StatusAddress. Replaces a UNIX socket on which no one listens. Returns false with
+  // the reason in *problem.
+  [[nodiscard]] bool Listen(const std::string& text, std::string* problem);
   // Takes over a socket that listens already.
   void Adopt(int descriptor);
   // Ends all connections; `removes` also takes away the file of a UNIX socket.
@@ -91,7 +92,7 @@ class StatusThread {
                            std::string* problem);
 
  private:
-  static void* Run(void* thread);
+  static void* Run(void* argument);
 
   StatusBoard board;
   std::unique_ptr<StatusServer> server;
