@@ -65,7 +65,7 @@ void StartStatus(StatusThread* status, const std::string& address, int threads) 
   std::string problem;
   if ((descriptor >= 0 || !address.empty()) &&
       !status->Start(address, descriptor, threads, &problem)) {
-    fprintf(stderr, "zeph-fcgi: status_listen: %s\n", problem.c_str());
+    Report("status_listen: ", problem.c_str());
   }
 }
 
