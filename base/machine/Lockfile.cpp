@@ -68,7 +68,6 @@ void Lockfile::GiveBack() {
   int tries_without_memory = kTriesWithoutMemory;
   for (double i = 0; i <= tries; i++) {
     if (application->cancelled()) return;
-    bool had_memory;
     if (DeleteFile(&had_memory)) return;
     if (!had_memory && --tries_without_memory == 0) return;
     application->Sleep(delay);
