@@ -108,7 +108,12 @@ void OwnStatus::Use(ProcessStatus* status, int notify) {
 
 void OwnStatus::SetPhase(ProcessPhase phase) {
   if (!process) return;
-  process->phase.store(static_cast<uint32_t>(phase));
+  // A process only goes on to later phases: its threads may have served their last request before it
+  // is ready.
+  uint32_t present = process->phase.load();
+  while (present < static_cast<uint32_t>(phase)) {
+    if (process->phase.compare_exchange_weak(present, static_cast<uint32_t>(phase))) break;
+  }
   const uint64_t one = 1;
   if (notified >= 0 && write(notified, &one, sizeof one) < 0) {
     // Only a full counter refuses it, and its reader is then about to look anyway.

@@ -35,9 +35,11 @@ std::string DefaultOf(const ConfigSetting& setting) {
 TEST(Documents, EverySettingHasARowWithItsKindAndDefault) {
   const std::string document = Document("configuration.md");
   for (const ConfigSetting& setting : config_settings) {
-    const char* kind = (setting.id & ConfigKind_Text) != 0 ? "text" : "integer";
-    EXPECT_TRUE(HasRow(
-        document, "| `" + std::string(setting.name) + "` | " + kind + " | " + DefaultOf(setting)))
+    const std::string beginning = "| `" + std::string(setting.name) + "` | ";
+    const char* kind = (setting.id & ConfigKind_Text) != 0 ? "text | " : "integer | ";
+    const char* as_switch = setting.default_integer ? "switch | true" : "switch | false";
+    EXPECT_TRUE(HasRow(document, beginning + kind + DefaultOf(setting)) ||
+                HasRow(document, beginning + as_switch))
         << setting.name;
   }
 }
