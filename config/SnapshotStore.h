@@ -50,8 +50,8 @@ class SnapshotStore {
   void Update(View* view);
   // Returns the snapshot for a request that begins now; never null. Checks if the file has changed
   // since the last call and reads it again if so. If the file has errors, the last good snapshot
-  // stays in force, and each such state of the file gives one line in the operator's log. If no good
-  // one was ever read, returns a snapshot with an error.
+  // stays in force, and each such state of the file gives one line in the operator's log. If no
+  // good one was ever read, returns a snapshot with an error.
   std::shared_ptr<const Snapshot> Current();
 
  private:

@@ -77,7 +77,7 @@ class FastCGIApplication : public FastCGIBaseApplication {
   bool IsShortage(const String& text);
 
   FCGX_Request* request;
-  FastCGIOutput* response;                              // below all captures of current_output
+  FastCGIOutput* response;  // below all captures of current_output
   HostParameters parameters;
   String first_argument;                                // names the script in documenturl
   std::unique_ptr<RequestVariables> request_variables;  // null once the table has them

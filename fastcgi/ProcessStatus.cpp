@@ -108,8 +108,8 @@ void OwnStatus::Use(ProcessStatus* status, int notify) {
 
 void OwnStatus::SetPhase(ProcessPhase phase) {
   if (!process) return;
-  // A process only goes on to later phases: its threads may have served their last request before it
-  // is ready.
+  // A process only goes on to later phases: its threads may have served their last request before
+  // it is ready.
   uint32_t present = process->phase.load();
   while (present < static_cast<uint32_t>(phase)) {
     if (process->phase.compare_exchange_weak(present, static_cast<uint32_t>(phase))) break;

@@ -70,9 +70,9 @@ class Segment {
   void Dump(const char* path, const char* expression, int length) const;
 
   // The machine calls this when it comes back to code that it has run before. After Repeats calls,
-  // and after more of them in a long segment, this makes the decoded form: a large page with a short
-  // loop would be decoded for nothing. A segment longer than LongestHot is never decoded. A write to
-  // the segment drops the decoded form.
+  // and after more of them in a long segment, this makes the decoded form: a large page with a
+  // short loop would be decoded for nothing. A segment longer than LongestHot is never decoded. A
+  // write to the segment drops the decoded form.
   void NoteRepeat(const Dictionary& dictionary, const FunctionManager* functions) {
     if (hot_code || ++repeats < Repeats + data_length / BytesARepeat) return;
     repeats = 0;

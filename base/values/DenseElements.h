@@ -16,7 +16,8 @@
 //   once the least position is the root, each next one is the least of the root's right subtree, so
 //   the splay links the old root, with the chain below it, as its left child. A falling run over
 //   all positions leaves the mirror image. At the end of such a run all earlier notes are dropped.
-// - After most_notes of them, as random reads soon make, the row forgets them and notes nothing more
+// - After most_notes of them, as random reads soon make, the row forgets them and notes nothing
+// more
 //   until the shape is needed: then it takes the falling chain, as if the script had just searched
 //   all positions in rising order. That is one of the shapes that the tree may have, and which of
 //   them it has is not promised. The forgotten shape could only have hidden elements from a search
@@ -257,10 +258,10 @@ class DenseElements {
   int step = 0;            // of the run: 1, -1, or 0 while it has one rank
   int run_first = 0;       // first rank of the run; the last is top
   int capacity = 0;
-  int chain_count = 0;     // number of elements in the chain, or in the shape
-  bool falling = true;     // which chain it is
-  // No search is noted: the shape will be the falling chain. Set after most_notes until the shape has
-  // been needed.
+  int chain_count = 0;  // number of elements in the chain, or in the shape
+  bool falling = true;  // which chain it is
+  // No search is noted: the shape will be the falling chain. Set after most_notes until the shape
+  // has been needed.
   bool forgetful = false;
   bool unnoted = false;    // the run is one rank, and its search changed the shape
   bool is_shared = false;  // another row may have the slots

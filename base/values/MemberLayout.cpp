@@ -135,13 +135,13 @@ void MemberLayout::Add(SharedName* name) {
   places[place & mask] = static_cast<uint8_t>(all);
 }
 
-MemberLayout* MemberLayout::With(MemberLayout* layout, const char* text, int length) {
+MemberLayout* MemberLayout::With(MemberLayout* layout, const char* name, int length) {
   const int count = layout ? layout->count() : 0;
   if (count >= kMostCommon && layout->holders == 1) {
-    layout->Add(SharedName::Make(text, length));
+    layout->Add(SharedName::Make(name, length));
     return layout;
   }
-  if (layout && layout->next && layout->next->EndsWith(text, length)) {
+  if (layout && layout->next && layout->next->EndsWith(name, length)) {
     MemberLayout* const longer = layout->next;
     longer->Hold();
     layout->Release();
@@ -150,9 +150,9 @@ MemberLayout* MemberLayout::With(MemberLayout* layout, const char* text, int len
   CommonLayouts::Pair* pair = nullptr;
   if (count < kMostCommon) {
     const uint64_t from = layout ? layout->serial_ : 0;
-    const uint64_t place = (from * 0x9E3779B97F4A7C15u >> 32) ^ Hash(text, length);
+    const uint64_t place = (from * 0x9E3779B97F4A7C15u >> 32) ^ Hash(name, length);
     pair = &Common().pairs[place % CommonLayouts::kPlaces];
-    if (pair->from == layout && pair->to && pair->to->EndsWith(text, length)) {
+    if (pair->from == layout && pair->to && pair->to->EndsWith(name, length)) {
       pair->to->Hold();
       if (layout) {
         layout->SetNext(pair->to);
@@ -167,7 +167,7 @@ MemberLayout* MemberLayout::With(MemberLayout* layout, const char* text, int len
     layout->name(slot)->Hold();
     made->Add(layout->name(slot));
   }
-  made->Add(SharedName::Make(text, length));
+  made->Add(SharedName::Make(name, length));
   if (layout && pair) layout->SetNext(made.get());
   if (pair) {
     if (pair->from) pair->from->Release();

@@ -369,8 +369,8 @@ class Variable {
   // Returns false if a script could distinguish it from a new variable: there is another holder, or
   // it has been more than a plain value or the reference of a parameter.
   bool Renew();
-  // The same for a variable that has held only numbers and short texts, as most have. The memory of a
-  // text stays for the next one. Returns false and does nothing for others.
+  // The same for a variable that has held only numbers and short texts, as most have. The memory of
+  // a text stays for the next one. Returns false and does nothing for others.
   bool RenewNumber() {
     if ((state & (NotPlain | Suspect)) || refcount_ != 1 || elements ||
         string_value.allocated > KeptText || error_.data || name_.allocated != SharedMark) {

@@ -468,8 +468,8 @@ TEST_F(ExactElements, HaveTheShapeThatTheTreeHasAfterEachSearch) {
   }
 }
 
-// After too many notes the tree is the chain that a rising search leaves; once it was looked at, the
-// notes begin again.
+// After too many notes the tree is the chain that a rising search leaves; once it was looked at,
+// the notes begin again.
 TEST(DenseElements, ForgetTheShapeWhenThereAreTooManyNotes) {
   Random random(5);
   DenseElements row;
@@ -487,8 +487,8 @@ TEST(DenseElements, ForgetTheShapeWhenThereAreTooManyNotes) {
       ASSERT_EQ(ShapeOf(&row), tree.Shape());
     }
   }
-  // More searches than notes: the shape is the chain, whatever the last searches were. A few more are
-  // noted again.
+  // More searches than notes: the shape is the chain, whatever the last searches were. A few more
+  // are noted again.
   Plain chain;
   for (int i = 1; i <= 500; i++) chain.Insert(new AggregateElement(AggregateIndex(i)));
   const std::string shape_of_chain = chain.Shape();
