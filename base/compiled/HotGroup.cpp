@@ -243,11 +243,12 @@ HotGroup::Step HotGroup::Comparison(size_t i) {
     values.resize(values.size() - 2);
   } else {
     if (values.size() < 2) return Step::Apart;
-    if (values.back().kind == HotOperand::Place ||
-        values[values.size() - 2].kind == HotOperand::Place) {
-      record.action = HotAction::CompareLoadedOf;
-    }
+    const bool left_is_loaded = values[values.size() - 2].kind == HotOperand::Place;
+    const bool right_is_loaded = values.back().kind == HotOperand::Place;
     if (!TakeNumbers(2, HotLoad::NumberOrText, &record)) return Step::Apart;
+    if (left_is_loaded || right_is_loaded) record.action = HotAction::CompareLoadedOf;
+    if (left_is_loaded) record.left = HotOperand::Place;
+    if (right_is_loaded) record.right = HotOperand::Place;
   }
   AddTemporary(record, i, HotForm::Integer);
   return Step::Goes;

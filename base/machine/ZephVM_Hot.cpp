@@ -828,15 +828,24 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     if (!FIND_COMPARABLE(variable, result)) [[unlikely]] goto missing; \
   }
 // The order of two operands of which one was loaded. Texts are compared out of line.
-#define LOADED_OF(kind, position) \
-  (kind == HotOperand::Temporary ? temporaries[position].variable \
-   : kind == HotOperand::Constant ? nullptr : OPERAND(kind, position))
+// What was loaded is a place here, with a variable if it is a text.
+#define LOADED_OF(kind, position, found) \
+  found = nullptr; \
+  if (kind == HotOperand::Place) { \
+    found = temporaries[position].variable; \
+  } else if (kind <= HotOperand::Local) { \
+    found = OPERAND(kind, position); \
+    MISFIT_UNLESS(found) \
+  }
 #define LOADED_NUMBER(kind, position) \
-  (kind == HotOperand::Temporary ? temporaries[position].number : op->number)
+  (kind == HotOperand::Constant ? op->number \
+   : kind <= HotOperand::Local  ? 0.0 \
+                                : temporaries[position].number)
 #define FIND_LOADED_ORDER \
-  (first_row = LOADED_OF(op->left, op->first), second_row = LOADED_OF(op->right, op->second), \
-   FindLoadedOrder(first_row, LOADED_NUMBER(op->left, op->first), second_row, \
-                   LOADED_NUMBER(op->right, op->second), &order, &texts))
+  LOADED_OF(op->left, op->first, first_row) \
+  LOADED_OF(op->right, op->second, second_row) \
+  MISFIT_UNLESS(FindLoadedOrder(first_row, LOADED_NUMBER(op->left, op->first), second_row, \
+                                LOADED_NUMBER(op->right, op->second), &order, &texts))
 // An operation on one or two integers, and one on one or two truths.
 #define GROUP_INTEGERS(name, result) \
   on_##name##Of: { \
@@ -1347,7 +1356,7 @@ on_CompareTo : {
 on_CompareLoadedOf : {
   int order;
   bool texts;
-  MISFIT_UNLESS(FIND_LOADED_ORDER)
+  FIND_LOADED_ORDER
   MISFIT_UNLESS(!texts || IsShort(first_row) || IsShort(second_row))
   temporaries[op->third].number = Jumps(op, order);
   STEP
@@ -1355,7 +1364,7 @@ on_CompareLoadedOf : {
 on_CompareLoadedTo : {
   int order;
   bool texts;
-  MISFIT_UNLESS(FIND_LOADED_ORDER)
+  FIND_LOADED_ORDER
   FIND_TARGET
   variable->Write_Integer(Jumps(op, order));
   NEXT_AFTER_WORK(1)
@@ -1363,7 +1372,7 @@ on_CompareLoadedTo : {
 on_JumpIfLoaded : {
   int order;
   bool texts;
-  MISFIT_UNLESS(FIND_LOADED_ORDER)
+  FIND_LOADED_ORDER
   if (texts) JUMP_IF_AFTER_WORK(Jumps(op, order), op, 1)
   JUMP_IF(Jumps(op, order), op, 1)
 }
