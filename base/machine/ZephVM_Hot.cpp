@@ -811,17 +811,17 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define GROUP_GREATER_EQUAL(name, left, right) GROUP_JUMP(GreaterEqual, !(a < b), left, right)
 // Read an operand of any kind: as an integer, and as a number to compare by.
 #define INTEGER_OF(kind, position, out) \
-  if (kind == HotOperand::Temporary) { \
+  if ((kind) == HotOperand::Temporary) { \
     *(out) = DoubleToInteger(temporaries[position].number); \
-  } else if (kind == HotOperand::Constant) { \
-    *(out) = position; \
+  } else if ((kind) == HotOperand::Constant) { \
+    *(out) = (position); \
   } else { \
     MISFIT_UNLESS(IntegerOf(OPERAND(kind, position), out)) \
   }
 #define COMPARABLE_OF(kind, position, result, missing) \
-  if (kind == HotOperand::Temporary) { \
+  if ((kind) == HotOperand::Temporary) { \
     *(result) = temporaries[position].number; \
-  } else if (kind == HotOperand::Constant) { \
+  } else if ((kind) == HotOperand::Constant) { \
     *(result) = op->number; \
   } else { \
     variable = OPERAND(kind, position); \
@@ -830,16 +830,16 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // The order of two operands of which one was loaded. Texts are compared out of line.
 // What was loaded is a place here, with a variable if it is a text.
 #define LOADED_OF(kind, position, found) \
-  found = nullptr; \
-  if (kind == HotOperand::Place) { \
-    found = temporaries[position].variable; \
-  } else if (kind <= HotOperand::Local) { \
-    found = OPERAND(kind, position); \
+  (found) = nullptr; \
+  if ((kind) == HotOperand::Place) { \
+    (found) = temporaries[position].variable; \
+  } else if ((kind) <= HotOperand::Local) { \
+    (found) = OPERAND(kind, position); \
     MISFIT_UNLESS(found) \
   }
 #define LOADED_NUMBER(kind, position) \
-  (kind == HotOperand::Constant ? op->number \
-   : kind <= HotOperand::Local  ? 0.0 \
+  ((kind) == HotOperand::Constant ? op->number \
+   : (kind) <= HotOperand::Local  ? 0.0 \
                                 : temporaries[position].number)
 #define FIND_LOADED_ORDER \
   LOADED_OF(op->left, op->first, first_row) \
