@@ -104,12 +104,9 @@ bool Variable::Renew() {
     if (refcount_ != 1 || (state & Suspect)) return false;
     DropElements();
   }
-  if (string_value.allocated <= KeptText) return RenewNumber();
-  const int length = std::exchange(string_value.length, 0);
-  const int allocated = std::exchange(string_value.allocated, 0);
+  char* const text = std::exchange(string_value.data, nullptr);
   const bool renewed = RenewNumber();
-  string_value.length = length;
-  string_value.allocated = allocated;
+  string_value.data = text;
   if (renewed) string_value.destroy();
   return renewed;
 }

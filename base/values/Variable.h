@@ -369,14 +369,13 @@ class Variable {
   // Returns false if a script could distinguish it from a new variable: there is another holder, or
   // it has been more than a plain value or the reference of a parameter.
   bool Renew();
-  // The same for a variable that has held only numbers and short texts, as most have. The memory of
-  // a text stays for the next one. Returns false and does nothing for others.
+  // The same for a variable that has held only numbers, as most have. Returns false and does
+  // nothing for others.
   bool RenewNumber() {
-    if ((state & (NotPlain | Suspect)) || refcount_ != 1 || elements ||
-        string_value.allocated > KeptText || error_.data || name_.allocated != SharedMark) {
+    if ((state & (NotPlain | Suspect)) || refcount_ != 1 || elements || string_value.data ||
+        error_.data || name_.allocated != SharedMark) {
       return false;
     }
-    if (string_value.length > 0) string_value.assign("", 0);
     integer_value = 0;
     double_value = 0.0;
     state = Asleep;
@@ -479,8 +478,6 @@ class Variable {
 
  private:
   static constexpr int SharedMark = -1;
-  // The largest buffer that a local variable keeps from one call to the next, in bytes.
-  static constexpr int KeptText = 256;
 
   friend class AggregateElementTree;
   friend class DeferredText;

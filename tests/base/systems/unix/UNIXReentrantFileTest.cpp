@@ -323,6 +323,8 @@ TEST_F(ReentrantScript, ItsDirectoryIsOpenedWhenSomethingNeedsIt) {
   UNIXReentrantFileManager of_second(&application, second);
   file.reset(of_second.Open(ZephPath_Script, "page.zpc", FileMode_Read));
   EXPECT_NE(file, nullptr);
+  // A file ends before its manager.
+  file.reset();
 }
 
 TEST_F(ReentrantScript, IsReadAgainAfterItWasDeactivated) {
