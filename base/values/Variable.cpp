@@ -2,6 +2,10 @@
 // VariableCounts.cpp, the operations on elements in VariableElements.cpp, the search for values
 // that only hold themselves in VariableCycles.cpp, the kinds of variables in VariableKinds.cpp.
 // Tested in tests/base/values/VariableTest.cpp.
+//
+// The file is longer than others because the stores and reads of all forms follow one set of rules,
+// for references, watched texts and elements. Elements, counts, cycles and walks have files of
+// their own.
 
 #include "base/values/Variable.h"
 
