@@ -114,6 +114,11 @@ class Service : public testing::Test {
     for (pid_t child; file >> child;) found.insert(child);
     return found;
   }
+  // The workers as soon as there are so many: the first one serves before the others are there.
+  std::set<pid_t> Workers(size_t number) const {
+    EXPECT_TRUE(Eventually([&] { return Workers().size() == number; }));
+    return Workers();
+  }
 
   EngineProcess engine;
   std::string status_socket;
@@ -208,7 +213,7 @@ TEST_F(Service, AWorkerThatIsKilledUnderLoadTakesOnlyItsOwnRequestsWithIt) {
   engine.arguments = {"--workers", "2", "-t", "2"};
   ASSERT_TRUE(engine.Start());
   ASSERT_TRUE(Eventually([&] { return Status("/ping") == "ok\n"; }));
-  const std::set<pid_t> before = Workers();
+  const std::set<pid_t> before = Workers(2);
   ASSERT_EQ(before.size(), 2u);
   Load load(engine, 4);
   load.WaitForPages(50);
@@ -246,7 +251,7 @@ TEST_F(SlowService, AReloadUnderLoadLosesNoRequest) {
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/page.zpc"), "page");
   FastCGIClient* busy = BusyRequest();
-  const std::set<pid_t> before = Workers();
+  const std::set<pid_t> before = Workers(2);
   ASSERT_EQ(before.size(), 2u);
   Load load(engine, 4);
   load.WaitForPages(20);
@@ -261,7 +266,7 @@ TEST_F(SlowService, AReloadUnderLoadLosesNoRequest) {
   const FastCGIResponse response = busy->Read();
   EXPECT_TRUE(response.ended) << response.problem;
   EXPECT_EQ(response.Body().size(), 2000 * flood_part);
-  ASSERT_TRUE(Eventually([&] { return Workers().size() == 2; }));
+  ASSERT_EQ(Workers(2).size(), 2u);
   for (const pid_t pid : before) EXPECT_EQ(Workers().count(pid), 0u);
   load.WaitForPages(20);
   load.Stop();
@@ -289,7 +294,7 @@ TEST_F(Service, AWorkerIsReplacedAfterMaxRequests) {
   engine.arguments = {"--workers", "2", "-t", "2"};
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/page.zpc"), "page");
-  const std::set<pid_t> before = Workers();
+  const std::set<pid_t> before = Workers(2);
   Load load(engine, 3);
   load.WaitForPages(100);
   load.Stop();
@@ -315,7 +320,7 @@ TEST_F(SlowService, SIGTERMEndsAllWorkersInTime) {
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/page.zpc"), "page");
   BusyRequest();
-  const std::set<pid_t> workers = Workers();
+  const std::set<pid_t> workers = Workers(3);
   ASSERT_EQ(workers.size(), 3u);
   engine.Signal(SIGTERM);
   EXPECT_TRUE(Eventually([&] { return Status("/ping") == "not serving\n"; }, Milliseconds(2000)));
@@ -339,7 +344,7 @@ TEST_F(SlowService, WorkersLeaveWhenTheirSupervisorIsKilled) {
   engine.arguments = {"--workers", "2"};
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/page.zpc"), "page");
-  const std::set<pid_t> workers = Workers();
+  const std::set<pid_t> workers = Workers(2);
   ASSERT_EQ(workers.size(), 2u);
   engine.Signal(SIGKILL);
   for (const pid_t pid : workers) EXPECT_TRUE(Eventually([&] { return IsGone(pid); }));
