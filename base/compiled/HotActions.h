@@ -41,6 +41,7 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 //   Add, Sub, Mul, Div            a temporary <- two numbers, an action for each pair
 //   Mod ... ShiftRightOf          a temporary <- two integers
 //   CompareOf, AndOf, OrOf, ...   a temporary, 0 or 1
+//   CheckRoom                     the first record of a group whose instructions push many entries
 //   NoteLine, NoteSourceFile      lineno and sourcefile; these do no harm if they are run twice
 //   LoadElement, LoadMember       a temporary <- the number of an element or member
 //   FindElement, FindMember       a place <- the element or member itself
@@ -59,7 +60,7 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
   ACTION(ModOf) ACTION(BitAndOf) ACTION(BitOrOf) ACTION(BitXorOf)                                      \
   ACTION(ShiftLeftOf) ACTION(ShiftRightOf) ACTION(BitNotOf)                                            \
   ACTION(CompareOf) ACTION(CompareLoadedOf) ACTION(CompareTextOf) ACTION(AndOf) ACTION(OrOf) ACTION(NotOf)                     \
-  ACTION(NoteLine) ACTION(NoteSourceFile)                                                              \
+  ACTION(CheckRoom) ACTION(NoteLine) ACTION(NoteSourceFile)                                                              \
   ACTION(LoadElement) ACTION(LoadMember) ACTION(FindElement) ACTION(FindMember)                        \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, AddTo) ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, SubTo)                  \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, MulTo) ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, DivTo)                  \

@@ -60,7 +60,8 @@ struct HotOp {
   // Of a group's first plain record: how often the group has not applied.
   mutable unsigned char misfits = 0;
   unsigned short code = 0;  // the instruction's number, see base/compiled/Instructions.h
-  int start = 0;            // offset of the instruction, or of a group's first, in the segment
+  mutable unsigned short misfit_time = 0;  // and when the last time was
+  int start = 0;   // offset of the instruction, or of a group's first, in the segment
   int first = 0;   // integer operands; a constant as an integer. In a group: the position of
   int second = 0;  // the left operand, of the right one, and of where the outcome goes
   int third = 0;
@@ -81,6 +82,9 @@ class HotCode {
  public:
   // The temporaries that a group may have.
   static const int kTemporaries = 32;
+  // The entries that the stack has room for between two actions of the loop. An idiom, or its
+  // instructions run one by one, never push more before they pop any.
+  static const int kRoom = 3;
 
   // Decodes that many bytes of code. Borrows the texts of constants from the dictionary. The
   // functions may be null; calls are then left to the machine's loop. REQUIRES: 16 more bytes after

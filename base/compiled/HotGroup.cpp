@@ -7,6 +7,13 @@
 
 namespace {
 
+// Whether a comparison takes a text as no number.
+bool IsWord(const char* text, int length) {
+  int not_numeric;
+  ZephApplication::stod(text, length, length, &not_numeric);
+  return not_numeric != 0;
+}
+
 // The records that a group may have, so that what has to be done again after a misfit is bounded.
 const size_t kMostRecords = 64;
 
@@ -92,15 +99,24 @@ size_t HotGroup::Make(size_t begin) {
     accesses.clear();
     temporaries = 0;
     changed = false;
+    size_t deepest = 0;
     Step step = Step::Goes;
     size_t i = begin;
     for (; step == Step::Goes; i++) {
       // A jump goes only to where all is on the stack.
       step = i > begin && targets[i] ? Step::Apart : Take(i);
+      deepest = std::max(deepest, values.size());
       if (step == Step::Goes && real[i]) step = PushForReal();
       if (made.size() >= kMostRecords || temporaries >= HotCode::kTemporaries) step = Step::Apart;
     }
-    if (step == Step::Ends) return i - begin;
+    if (step == Step::Ends) {
+      if (deepest > HotCode::kRoom) {
+        HotOp check = New(HotAction::CheckRoom);
+        check.first = static_cast<int>(deepest);
+        made.insert(made.begin(), check);
+      }
+      return i - begin;
+    }
     if (step == Step::Apart) MarkBelow(0);
     if (!changed) return 0;
   }
@@ -226,7 +242,8 @@ HotGroup::Step HotGroup::Comparison(size_t i) {
   const HotAction next = ops[i + 1].single;
   // The outcome of cmp is not one of two, so only a jump may take it.
   if (ops[i].single == HotAction::Order &&
-      !IsIn(next, HotAction::JumpEqual, HotAction::JumpGreaterEqual)) {
+      (!IsIn(next, HotAction::JumpEqual, HotAction::JumpGreaterEqual) || targets[i + 1] ||
+       real[i])) {
     return Step::Apart;
   }
   HotOp record = New(HotAction::CompareOf);
@@ -238,7 +255,7 @@ HotGroup::Step HotGroup::Comparison(size_t i) {
     record.action = HotAction::CompareTextOf;
     record.text = values.back().constant->text;
     record.length = values.back().constant->length;
-    record.word = !ZephApplication::MayBeNumber(record.text, record.length);
+    record.word = IsWord(record.text, record.length);
     SetLeft(&record, left);
     values.resize(values.size() - 2);
   } else {
@@ -333,6 +350,8 @@ HotGroup::Step HotGroup::Store(size_t) {
   const Value target = values.back();
   Value value = values.front();
   if (target.kind != HotOperand::Place) return Step::Apart;
+  // A store of an element to itself, as dup makes it, has but one record for both.
+  if (value.kind == HotOperand::Place && value.record == target.record) return Step::Apart;
   HotOp record = made[target.record];
   if (accesses[target.record] == Access::Unused) {
     if (!IsUnusedLast(target)) return Step::Apart;

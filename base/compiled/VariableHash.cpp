@@ -121,15 +121,12 @@ VariableHash::~VariableHash() {
   ReleaseIndex();
 }
 
-// Drops variables that cannot be renewed; they are made again when they are accessed.
-void VariableHash::RenewVariables() {
-  for (int i = 0; i < entry_count; i++) {
-    Variable* variable = entries[i].variable;
-    if (!variable || variable->Renew()) continue;
-    entries[i].variable = nullptr;
-    entries[i].version = 0;
-    variable->Release();
-  }
+// Drops a variable that cannot be renewed; it is made again when it is accessed.
+void VariableHash::DropVariable(_VH_Entry* row) {
+  Variable* const variable = row->variable;
+  row->variable = nullptr;
+  row->version = 0;
+  variable->Release();
 }
 
 void VariableHash::ReleaseEntries() {

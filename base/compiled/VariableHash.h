@@ -145,11 +145,10 @@ class VariableHash {
   // until the next call accesses the position or name in a way that makes a variable.
   bool Renew(const VariableHash& source) {
     if (entry_count != source.entry_count || index != source.index || error_.data) return false;
-    const _VH_Entry* const end = entries + entry_count;
-    for (const _VH_Entry* row = entries; row != end; row++) {
-      if (row->variable && !row->variable->RenewNumber()) [[unlikely]] {
-        RenewVariables();
-        break;
+    _VH_Entry* const end = entries + entry_count;
+    for (_VH_Entry* row = entries; row != end; row++) {
+      if (row->variable && !row->variable->RenewScalar() && !row->variable->Renew()) [[unlikely]] {
+        DropVariable(row);
       }
     }
     return true;
@@ -203,7 +202,7 @@ class VariableHash {
   void CopyNames(const VariableHash& source);
   void MakeRoom();
   void OwnIndex();
-  void RenewVariables();
+  void DropVariable(_VH_Entry* row);
   void ReleaseIndex();
   void ReleaseEntries();
   bool Fail(TaggedFile* file);

@@ -1,4 +1,4 @@
-// Equality of two texts of the same length, made for names, which are short and usually equal.
+// Equality and copies of texts, made for names and words, which are short.
 
 #ifndef ZEPH_BASE_SAMEBYTES_H
 #define ZEPH_BASE_SAMEBYTES_H
@@ -26,6 +26,31 @@ inline bool SameBytes(const char* a, const char* b, size_t length) {
   if (length >= sizeof(uint32_t)) return SameEnds<uint32_t>(a, b, length);
   if (length >= sizeof(uint16_t)) return SameEnds<uint16_t>(a, b, length);
   return length == 0 || *a == *b;
+}
+
+// Copies the first word and the last.
+template <typename Word>
+inline void CopyEnds(char* to, const char* from, size_t length) {
+  Word first, last;
+  memcpy(&first, from, sizeof(Word));
+  memcpy(&last, from + length - sizeof(Word), sizeof(Word));
+  memcpy(to, &first, sizeof(Word));
+  memcpy(to + length - sizeof(Word), &last, sizeof(Word));
+}
+
+// memcpy(to, from, length), in line for up to 16 bytes. With a length of 0 nothing is read.
+inline void CopyBytes(char* to, const char* from, size_t length) {
+  if (length > 2 * sizeof(uint64_t)) {
+    memcpy(to, from, length);
+  } else if (length >= sizeof(uint64_t)) {
+    CopyEnds<uint64_t>(to, from, length);
+  } else if (length >= sizeof(uint32_t)) {
+    CopyEnds<uint32_t>(to, from, length);
+  } else if (length >= sizeof(uint16_t)) {
+    CopyEnds<uint16_t>(to, from, length);
+  } else if (length != 0) {
+    *to = *from;
+  }
 }
 
 #endif

@@ -54,7 +54,7 @@ bool ExternalParameters::Renew(int room, int* kept) {
         continue;
       }
     }
-    if (!variable->RenewNumber() && !variable->Renew()) return RenewAll(kept);
+    if (!variable->RenewScalar() && !variable->Renew()) return RenewAll(kept);
   }
   *kept = sum;
   return true;

@@ -31,6 +31,7 @@ class ZephVM::NestedRun {
   ZephVM_Frame* outer;
   int program_counter;
   int wanted_segment;
+  bool in_hot;
 };
 
 #endif

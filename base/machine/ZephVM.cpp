@@ -552,6 +552,7 @@ void ZephVM::tagerror() {
 // stdoutput  ( -- )  Sets the frame's output mode: which white space compressed writes drop.
 void ZephVM::stdoutput() {
   frame->output_mode = first_integer;
+  hot_mode = NoMode;
   application->output()->SetFlags(first_integer);
 }
 

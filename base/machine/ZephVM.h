@@ -291,7 +291,6 @@ class ZephVM {
   // Runs decoded code from a record on, until an instruction that Loop has to run.
   void RunHot(const HotCode* hot, const HotOp* op);
   void HotLoop(const HotCode* hot, const HotOp* op);
-  bool ReturnsToDecoded() const;
   // Writes what the instruction rounds makes of a value, if that can be found quickly, and returns
   // its length; no NUL is written. Returns 0 for other values and writes nothing. REQUIRES: text
   // has room for MostRounded bytes.

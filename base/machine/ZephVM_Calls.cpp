@@ -251,6 +251,7 @@ long ZephVM::FrameSerial() {
     frame->serial = ++frame_serials;
     frame->returns_hot = false;
     frame->return_code = 0;
+    frame->value_suffices = frame->number_suffices = false;
   }
   return frame->serial;
 }
@@ -272,13 +273,18 @@ ZephVM::NestedRun::NestedRun(ZephVM* machine)
     : vm(machine),
       outer(machine->frame),
       program_counter(machine->program_counter),
-      wanted_segment(machine->wanted_segment) {
+      wanted_segment(machine->wanted_segment),
+      in_hot(machine->in_hot) {
+  vm->in_hot = false;
+  vm->hot_mode = NoMode;
   vm->family->BeginRun();
 }
 
 // Also deletes the frames that are left if an error ended the run inside a function.
 ZephVM::NestedRun::~NestedRun() {
   LeaveFrames();
+  vm->in_hot = in_hot;
+  vm->hot_mode = NoMode;
   vm->stack = outer->stack;
   vm->application->output()->SetFlags(outer->output_mode);
   vm->program_counter = program_counter;

@@ -11,6 +11,7 @@
 
 class Function;
 struct HotOp;
+class Segment;
 class VariableHash;
 class ZephVM;
 class ZephVM_Stack;
@@ -85,9 +86,14 @@ class ZephVM_FunctionFrame : public ZephVM_Frame {
   int entry_offset = -1;
   size_t place = 0;                // the function's index
   VariableHash* locals = nullptr;  // the template of its local variables
-  // With a return_code: that code's records for the function's beginning and for the instruction
-  // after the call. While the frame is kept for reuse, entry and return_segment stay valid.
+  // The record at the function's beginning, and the HotCode::serial() of the code that it is in.
   const HotOp* entry = nullptr;
+  long entry_serial = 0;
+  // With a return_code: the function's segment, if that is not the caller's, the segment of the
+  // caller, and the record after the call. While the frame is kept for reuse, all but the last stay
+  // valid.
+  Segment* entry_code = nullptr;
+  Segment* return_to = nullptr;
   const HotOp* return_op = nullptr;
 };
 

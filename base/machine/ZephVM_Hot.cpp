@@ -23,9 +23,12 @@
 //   HotLoop: groups           the records of groups, which work on operands
 //   HotLoop: calls            call, return, and the way back into the loop
 
+#include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cassert>
 #include <charconv>
+#include <cstring>
 
 #include "base/compiled/Function.h"
 #include "base/compiled/HotCode.h"
@@ -44,6 +47,14 @@
 namespace {
 
 using Entry = ZephVM_Stack::Stack_Entry;
+
+// The most bytes that are copied, or compared by a record that is not the last of its group,
+// without a look at the flags afterwards.
+const int kShort = 4096;
+
+inline bool IsShort(const Variable* text) {
+  return text && text->plain_text().length <= kShort;
+}
 
 inline int Read(int* shared) {
   return std::atomic_ref<int>(*shared).load(std::memory_order_relaxed);
@@ -67,7 +78,7 @@ using Suitable = bool (*)(const Variable*);
 
 template <Suitable Slow>
 [[gnu::always_inline]] inline bool Has(const Variable* variable) {
-  return variable->HoldsDouble() || variable->HoldsInteger() || Slow(variable);
+  return variable->HoldsNumber() || Slow(variable);
 }
 
 // The number of a variable. REQUIRES: it has one.
@@ -78,14 +89,8 @@ template <Suitable Slow>
 // Has and NumberOf in one, for the operand that is tested last.
 template <Suitable Slow>
 [[gnu::always_inline]] inline bool Find(const Variable* variable, double* number) {
-  if (variable->HoldsDouble()) [[likely]] {
-    *number = variable->plain_double();
-  } else if (variable->HoldsInteger()) {
-    *number = variable->plain_integer();
-  } else {
-    if (!Slow(variable)) return false;
-    *number = NumberOf(variable);
-  }
+  if (!variable->HoldsNumber() && !Slow(variable)) return false;
+  *number = NumberOf(variable);
   return true;
 }
 
@@ -252,12 +257,27 @@ template <typename Number>
   return true;
 }
 
+// Whether a text is certain to be no number, by its first byte.
+inline bool IsWord(const String& text) {
+  if (text.length == 0) return false;
+  const auto first = static_cast<unsigned char>(text.data[0]);
+  const int letter = first | 0x20;
+  return first > '9' && letter != 'i' && letter != 'n';  // infinity and nan are numbers
+}
+
+// A comparison first reads the left side as a number, which the variable keeps.
+[[gnu::noinline]] void ReadToCompare(Variable* left) {
+  int not_numeric;
+  left->value_compare(&not_numeric);
+}
+
 // The same for a variable, which may be missing, and a constant text. If that is no number it is a
-// word: no integer is equal to it, and two texts are equal if their bytes are.
+// word: no integer is equal to it, and two texts are equal if their bytes are. A double is read as
+// text, which its variable keeps.
 [[gnu::always_inline]] inline bool FindOrderOfText(Variable* left, const HotOp* op, int* order) {
   if (!left) return false;
   const bool equality = op->orders == 2 || op->orders == 5;
-  if (op->word && equality && left->HoldsInteger()) {
+  if (op->word && equality && left->HoldsNumber() && left->is_stored_integer()) {
     *order = 0;
     return true;
   }
@@ -265,6 +285,7 @@ template <typename Number>
     const String& text = left->plain_text();
     const int difference = text.length - op->length;
     if (text.data && (difference == 0 || equality)) {
+      if (!IsWord(text)) ReadToCompare(left);
       *order = 1;
       if (difference == 0 && SameBytes(text.data, op->text, static_cast<size_t>(op->length))) {
         return true;
@@ -284,6 +305,18 @@ template <typename Number>
 // The same for two variables.
 bool FindOrderOfVariables(Variable* left, Variable* right, int* order) {
   if (!left || !right) return false;
+  if (left->HoldsText() && right->HoldsText()) {
+    const String& a = left->plain_text();
+    const String& b = right->plain_text();
+    const bool is_word = a.data && IsWord(a);
+    if (a.data && b.data && (is_word || IsWord(b))) {
+      if (!is_word) ReadToCompare(left);
+      int difference = memcmp(a.data, b.data, static_cast<size_t>(std::min(a.length, b.length)));
+      if (difference == 0) difference = a.length - b.length;
+      *order = difference < 0 ? 0 : difference == 0 ? 1 : 2;
+      return true;
+    }
+  }
   Entry a, b;
   a.SetOwned(left);
   b.SetOwned(right);
@@ -301,6 +334,12 @@ struct Temporary {
     variable = nullptr;
     form = bare.IsInteger() ? HotForm::Integer : HotForm::Double;
     number = bare.IsInteger() ? bare.integer() : bare.number();
+  }
+  // REQUIRES: the element holds a number.
+  void Set(const Variable* element) {
+    variable = nullptr;
+    form = element->is_stored_integer() ? HotForm::Integer : HotForm::Double;
+    number = NumberOf(element);
   }
 };
 
@@ -329,22 +368,20 @@ struct Temporary {
   target->SetValue(*source);
 }
 
-// The most bytes that a record compares which is not the last of its group: no flags are polled
-// after it.
-const int kShort = 4096;
-
-bool IsShort(const Variable* text) {
-  return text && text->plain_text().length <= kShort;
-}
-
 // Gives a parameter the value of an argument that is no bare number. Returns false if it is not a
 // plain variable. *patience is 1 afterwards if the time depended on the size of the value.
 [[gnu::noinline]] bool BeginWith(Variable* parameter, Variable* argument, int* patience) {
   if (!argument) return false;
   argument = argument->Real();
+  if (argument->HoldsText() && argument->plain_text().data) {
+    const String& text = argument->plain_text();
+    if (text.length > kShort) *patience = 1;
+    parameter->Begin(text.data, text.length);
+    return true;
+  }
   if (parameter->CopyNumber(*argument)) return true;
   if (!argument->IsPlain()) return false;
-  argument->Wake();
+  if (argument->IsAsleep()) argument->Wake();
   parameter->Wake();
   parameter->SetValue(*argument);
   *patience = 1;
@@ -366,15 +403,14 @@ bool IsShort(const Variable* text) {
   return FindOrderOfVariables(left, right, order);
 }
 
-// How often a group may fail to apply until it is set aside, and then for how many times.
+// How often a group may fail to apply until it is set aside, and then for how many times. A failure
+// that comes more than so many jumps and calls after the last one is the first again.
 const unsigned char kMostMisfits = 32;
 const unsigned char kRest = 200;
+const int kSeldom = 8;
 
 // Jumps and calls between two polls of the host's flags. Each takes nanoseconds.
 const int kPatience = 32;
-
-// The most entries that an idiom, or its instructions run one by one, can push before popping any.
-const int kMostPushed = 3;
 
 // Whether reading the entry as text runs only the machine's own code.
 inline bool IsOrdinary(const Entry* entry) {
@@ -413,13 +449,16 @@ inline bool IsPlainRow(const Variable* variable) {
   return !variable || variable->IsPlain();
 }
 
-// Whether an instruction after a call pops the result into a plain variable.
-inline bool IsPlainTarget(const HotOp* pop, const VariableHash* locals, const _VH_Entry* globals,
-                          unsigned count) {
+// Whether an instruction after a call pops the result into a plain variable. *target receives that
+// variable, or null if it does not exist yet.
+inline bool FindTarget(const HotOp* pop, const VariableHash* locals, const _VH_Entry* globals,
+                       unsigned count, Variable** target) {
   if (pop->single != HotAction::PopVariable) return false;
   if (pop->left == HotOperand::Local) globals = locals->Rows(&count);
   const auto position = static_cast<unsigned>(pop->first);
-  return position < count && IsPlainRow(Referred(globals[position].variable));
+  if (position >= count) return false;
+  *target = Referred(globals[position].variable);
+  return IsPlainRow(*target);
 }
 
 // Whether the value of an entry is true, if that is a number.
@@ -467,13 +506,6 @@ void ZephVM::RunHot(const HotCode* hot, const HotOp* op) {
   hot_mode = NoMode;
 }
 
-// Whether the code that the current frame returns to is decoded and is what it was at the call.
-bool ZephVM::ReturnsToDecoded() const {
-  if (frame->return_code == 0) return false;
-  const Segment* const callers = segments->Lookup(frame->return_segment);
-  return callers && callers->hot() && callers->hot()->serial() == frame->return_code;
-}
-
 void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   int* const timedout = timedout_flag;
   int* const ended = exit_flag;
@@ -500,6 +532,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   Temporary temporaries[HotCode::kTemporaries];
   long code_serial = hot->serial();
   int patience = kPatience;  // jumps and calls until the next poll of the host's flags
+  unsigned elapsed = 0;      // and how many there were until the last poll
 
 // The address of each action. Each action ends with a jump of its own to the next one, because
 // processors predict these better than one jump that all share.
@@ -542,6 +575,8 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   if (RAISED) [[unlikely]] goto on_Leave; \
   GO_TO(op->action); }
 #define SINGLE_UNLESS(condition) if (!(condition)) [[unlikely]] { RAN(op) GO_TO(op->single); }
+#define LEAVE_AFTER_UNLESS(condition, count) \
+  if (!(condition)) [[unlikely]] { op += (count); goto on_Leave; }
 #define LEAVE_UNLESS(condition) if (!(condition)) [[unlikely]] { goto on_Leave; }
 #define JUMP(jump) { \
   RAN((jump) + 1) \
@@ -574,6 +609,10 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // forms and is not an array, so only an action that uses a variable without testing these has to
 // wake it. Storing a number wakes it too.
 #define WAKE(variable) if ((variable)->IsAsleep()) [[unlikely]] (variable)->Wake();
+// After anything that may have added names to a table, such as a library that computes a field.
+#define ASK_ROWS { \
+  rows[0] = global_variables->Rows(&counts[0]); \
+  rows[1] = frame->variables->Rows(&counts[1]); }
 // For the instructions on globals, which hardly ever are references: those go another way.
 #define SECOND_ROW(record) ROW_AT(0, (record)->second)
 // Store the end in the stack before its own operations, and reload what they may have changed. The
@@ -583,7 +622,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define ASK_STACK { \
   top = s->End(); \
   bottom = s->Begin(); \
-  limit = s->Limit() - kMostPushed; }
+  limit = s->Limit() - HotCode::kRoom; }
 #define PUSH(set) { top->set; ++top; }
 // Replace the entry on top, or the two on top.
 #define REPLACE_ONE(set) { \
@@ -596,7 +635,9 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   top[-1].set; }
 #define HOLDS_ONE (top > bottom)
 #define HOLDS_TWO (top - 1 > bottom)
-#define HAS_ROOM (top <= limit)
+// Between two actions the stack has room for HotCode::kRoom entries, so that what a group computes
+// would fit there; an action that leaves an entry more needs the room for that too.
+#define HAS_ROOM (top < limit)
 // Whether the operands on top are numbers; they are doubles afterwards. This may change the
 // entries, so it is the last test of a condition.
 #define ONE_NUMBER (HOLDS_ONE && (IsDouble(top - 1) || MakeDouble<HasNumberSlow>(top)))
@@ -616,11 +657,30 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
    called && called->return_code == code_serial && frame_count < MostFrames && \
    (locals = called->variables->Rows(&local_count), true))
 
+// Whether the code that the frame returns to is decoded and is what it was at the call.
+#define RETURNS_TO_DECODED \
+  (called->return_code == code_serial || \
+   (called->return_code != 0 && called->return_to->hot() && \
+    called->return_to->hot()->serial() == called->return_code))
+// Continues in another segment, which is decoded.
+#define USE_SEGMENT(used, number) { \
+  segment = (used); \
+  code = segment->code(); \
+  code_length = segment->length(); \
+  loaded_segment = wanted_segment = (number); \
+  hot = segment->hot(); \
+  code_serial = hot->serial(); }
+
 // Whether the instruction at a record uses only the value of the entry on top. The field of a
 // database, to which a variable may refer, takes a number and a variable in different ways.
 #define VALUE_SUFFICES(record) \
   ((record)->after_value || ((record)->single == HotAction::PopVariable && \
                              IsPlainRow(VARIABLE(record))))
+
+// Whether it can tell an element that is only a number from its variable. It cannot if that is an
+// integer; of a double, a read as text would leave a text that comparisons use from then on.
+#define BARE_SUFFICES(record, bare) \
+  ((bare).IsInteger() || (record)->after_number || (record)->single == HotAction::PopVariable)
 
 // All forms of an operation on the doubles a and b. An operand that is a double entry already is
 // overwritten in place.
@@ -721,7 +781,8 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     LEAVE_UNLESS(variable->IsPlain() && IntegerIn(top - 1, &number) && number >= 1)        \
     TELL_STACK                                                                             \
     DenseSlot bare;                                                                        \
-    if (!(create) && VALUE_SUFFICES(op->plain + 1) && variable->FindBare(number, &bare)) { \
+    if (!(create) && VALUE_SUFFICES(op->plain + 1) && variable->FindBare(number, &bare) && \
+        BARE_SUFFICES(op->plain + 1, bare)) {                                              \
       if (bare.IsInteger()) REPLACE_TWO(SetInteger(bare.integer()))                        \
       else REPLACE_TWO(SetDouble(bare.number()))                                           \
       NEXT(1)                                                                              \
@@ -759,7 +820,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // those of unusual variables are calls.
 #define READ_ROW(table, side, find, usual) \
   side##_row = ROW_AT(table, op->side); \
-  if (!(side##_row && (side##_row->HoldsDouble() || side##_row->HoldsInteger()))) [[unlikely]] { \
+  if (!(side##_row && side##_row->HoldsNumber())) [[unlikely]] { \
     side##_row = find(side##_row); \
     if (!side##_row) goto usual; \
   }
@@ -775,9 +836,13 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define VALUE_Local(side) NumberOf(side##_row)
 #define VALUE_Temporary(side) temporaries[op->side].number
 #define VALUE_Constant(side) op->number
-// The plain variable that a group's last record stores to.
+// The plain variable that a group's last record stores to. It is made if there is none yet.
 #define FIND_TARGET \
   variable = OPERAND(op->into, op->third); \
+  if (!variable) [[unlikely]] { \
+    TELL_STACK \
+    variable = (op->into == HotOperand::Local ? frame->variables : global_variables)->At(op->third, 1); \
+  } \
   MISFIT_UNLESS(variable && variable->IsPlain())
 #define GROUP_ARITHMETIC(name, result, left, right) \
   on_##name##Of##left##right: { \
@@ -925,8 +990,10 @@ on_PopVariable:
   }
   LEAVE_UNLESS(variable->IsOrdinary())
   WAKE(variable)
-  if (top[-1].kind == ZephVM_Stack::KindVariable &&
-      variable->CopyNumber(*top[-1].value.variable->Real())) {
+  if (top[-1].kind == ZephVM_Stack::KindVariable
+          ? variable->CopyNumber(*top[-1].value.variable->Real())
+          : top[-1].kind == ZephVM_Stack::KindString && !top[-1].deferred &&
+                variable->WriteShort(top[-1].value.text, top[-1].length)) {
     --top;
     ZephVM_Stack::Free(top);
     NEXT(1)
@@ -951,6 +1018,7 @@ pop_computed:
   s->PopV(variable);
   if (stop_flag | RAISED) return;
   ASK_STACK
+  ASK_ROWS
   NEXT(1)
 on_Pop:
   LEAVE_UNLESS(HOLDS_ONE)
@@ -1100,14 +1168,19 @@ on_Jump:
 on_CompareTopJump : {
   int order;
   double a, b;
-  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<IsComparableSlow>(top - 1))
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE)
+  if (top[-1].kind == ZephVM_Stack::KindVariable) {
+    SINGLE_UNLESS(Find<IsComparableSlow>(top[-1].value.variable->Real(), &a))
+  } else {
+    SINGLE_UNLESS(top[-1].kind <= ZephVM_Stack::KindDouble)
+    a = NumberIn(top - 1);
+  }
   if (op[1].single == HotAction::PushVariable) {
     other = VARIABLE(op + 1);
     SINGLE_UNLESS(FIND_COMPARABLE(other, &b))
   } else {
     b = op[1].number;
   }
-  a = NumberIn(top - 1);
   order = OrderOf(a, b);
   JUMP_IF(Jumps(op, order), op + 3, 4)
 }
@@ -1218,8 +1291,10 @@ on_NextElement : {
       const bool has_text = (element->plain_forms() & Variable::TextForm) != 0;
       SINGLE_UNLESS(has_text ? element->plain_text().length > 0
                              : element->HoldsArray() || element->HoldsStructure())
-      WAKE(variable)
-      Assign(variable, element);
+      if (!variable->CopyShort(*element)) {
+        WAKE(variable)
+        Assign(variable, element);
+      }
     }
   }
   ZephVM_Stack::Free(top - 1);
@@ -1252,6 +1327,8 @@ on_Handler:
   }
   if (stop_flag | RAISED) return;
   ASK_STACK
+  ASK_ROWS
+  LEAVE_AFTER_UNLESS(top <= limit, 1)
   NEXT(1)
 on_OutText:
   SINGLE_UNLESS(HAS_ROOM)
@@ -1407,9 +1484,9 @@ compare_texts : {
 }
 on_JumpIfNumber:
   JUMP_IF(Jumps(op, OrderOf(DoubleToInteger(temporaries[op->first].number), 0)), op, 1)
-on_NoteLine:
-  MISFIT_UNLESS(!log_gate.Wants(Log_Trace))
-  current_line = op->first;
+on_CheckRoom:
+  MISFIT_UNLESS(s->Limit() - top >= op->first)
+  STEP on_NoteLine : MISFIT_UNLESS(!log_gate.Wants(Log_Trace)) current_line = op->first;
   STEP on_NoteSourceFile : if (source_file != op->first) {
     traced_line = 0;
     source_file = op->first;
@@ -1425,10 +1502,8 @@ on_NoteLine:
     if (const DenseSlot* const slot = variable->SearchSlot(number)) [[likely]] {
       if (!slot->IsVariable()) {
         loaded->Set(*slot);
-      } else if (slot->variable()->HoldsDouble()) {
-        loaded->variable = nullptr;
-        loaded->form = HotForm::Double;
-        loaded->number = slot->variable()->plain_double();
+      } else if (slot->variable()->HoldsNumber()) {
+        loaded->Set(slot->variable());
       } else {
         MISFIT_UNLESS(Load(slot->variable(), op->load, loaded))
       }
@@ -1476,7 +1551,7 @@ on_FindMember:
   temporaries[op->third].variable = variable;
   STEP on_MoveVariable : FIND_TARGET first_row = OPERAND(op->left, op->first);
   MISFIT_UNLESS(first_row && first_row->IsPlain())
-  if (variable->CopyNumber(*first_row)) NEXT(1)
+  if (variable->CopyNumber(*first_row) || variable->CopyShort(*first_row)) NEXT(1)
   TELL_STACK
   WAKE(first_row)
   WAKE(variable)
@@ -1484,8 +1559,8 @@ on_FindMember:
   NEXT_AFTER_WORK(1)
 on_MoveText:
   FIND_TARGET
+  if (variable->WriteShort(op->text, op->length)) NEXT(1)
   TELL_STACK
-  WAKE(variable)
   variable->SetValue(op->text, op->length);
   NEXT_AFTER_WORK(1)
 on_MoveNumber : {
@@ -1502,27 +1577,30 @@ on_MoveNumber : {
 }
 on_MoveElement : {
   int number;
-  DenseSlot bare;
   FIND_TARGET
   Variable* const target = variable;
   variable = BASE_OF(op);
   INTEGER_OF(op->right, op->second, &number)
   MISFIT_UNLESS(variable && number >= 1 && variable != target)
   TELL_STACK
-  if (variable->FindBare(number, &bare)) [[likely]] {
-    if (bare.IsInteger()) {
-      target->Write_Integer(bare.integer());
-    } else {
-      target->Write_Double(bare.number());
+  if (const DenseSlot* const slot = variable->SearchSlot(number)) [[likely]] {
+    if (!slot->IsVariable()) {
+      if (slot->IsInteger()) {
+        target->Write_Integer(slot->integer());
+      } else {
+        target->Write_Double(slot->number());
+      }
+      NEXT(1)
     }
-    NEXT(1)
+    variable = slot->variable();
+  } else {
+    MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
+    variable = variable->At(number, op->create);
+    MISFIT_UNLESS(variable)
   }
-  MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
-  variable = variable->At(number, op->create);
-  MISFIT_UNLESS(variable)
   variable = variable->Real();
   MISFIT_UNLESS(variable != target && variable->IsPlain())
-  if (target->CopyNumber(*variable)) NEXT(1)
+  if (target->CopyNumber(*variable) || target->CopyShort(*variable)) NEXT(1)
   WAKE(target)
   Assign(target, variable);
   NEXT_AFTER_WORK(1)
@@ -1547,7 +1625,7 @@ on_MoveMember : {
   MISFIT_UNLESS(variable)
   variable = variable->Real();
   MISFIT_UNLESS(variable != target && variable->IsPlain())
-  if (target->CopyNumber(*variable)) NEXT(1)
+  if (target->CopyNumber(*variable) || target->CopyShort(*variable)) NEXT(1)
   WAKE(target)
   Assign(target, variable);
   NEXT_AFTER_WORK(1)
@@ -1658,7 +1736,8 @@ on_PushElement : {
   WAKE(variable)
   TELL_STACK
   DenseSlot bare;
-  if (!op->create && VALUE_SUFFICES(op[1].plain) && variable->FindBare(number, &bare)) {
+  if (!op->create && VALUE_SUFFICES(op[1].plain) && variable->FindBare(number, &bare) &&
+      BARE_SUFFICES(op[1].plain, bare)) {
     if (bare.IsInteger()) {
       PUSH(SetInteger(bare.integer()))
     } else {
@@ -1679,13 +1758,17 @@ on_PushMember:
   PUSH(SetVariable(variable ? variable : null_variable))
   NEXT(1)
 // A group that keeps failing to apply is set aside for a while, because its beginning is run twice.
-misfit:
+misfit : {
   op = op->plain;
+  const auto now = static_cast<unsigned short>(elapsed - static_cast<unsigned>(patience));
+  if (static_cast<unsigned short>(now - op->misfit_time) > kSeldom) op->misfits = 0;
+  op->misfit_time = now;
   if (++op->misfits == kMostMisfits) {
     op->misfits = kRest;
     op->fast->action = HotAction::Rest;
   }
   GO_TO(op->single);
+}
 on_Rest:
   op = op->plain;
   if (--op->misfits == 0) op->fast->action = op->fast->single;
@@ -1707,53 +1790,58 @@ on_CallWith : {
   const int count = op->second;
   MISFIT_UNLESS(KNOWS_CALLED && HAS_ROOM && called->simple_parameters == count)
   TELL_STACK
-  const HotOp* argument = op;
-  const _VH_Entry* parameter = locals;
-  const _VH_Entry* const end = locals + count;
-  for (; parameter != end; parameter++) {
-    argument++;
-    Variable* const begun = parameter->variable;
+  const HotOp* const arguments = op + 1;
+  bool begun = true;
+  // Those by reference first: they take counts on their variables, so that a copy for one by value
+  // shares nothing with these. Each is the variable itself and not what it refers to, because it
+  // may be made to refer to another.
+  for (uint64_t left = called->references; left != 0 && begun; left &= left - 1) {
+    const int k = std::countr_zero(left);
+    const HotOp* const argument = arguments + k;
+    variable = argument->left == HotOperand::Place ? temporaries[argument->first].variable
+                                                   : ROW_OF(argument);
+    begun = variable && locals[k].variable;
     if (!begun) [[unlikely]]
       break;
-    if (argument->left <= HotOperand::Local && !argument->refer) {
+    WAKE(variable)
+    locals[k].variable->Begin(variable);
+  }
+  for (int k = 0; k < count && begun; k++) {
+    const HotOp* const argument = arguments + k;
+    Variable* const parameter = locals[k].variable;
+    if (argument->refer) continue;
+    if (!parameter) [[unlikely]] {
+      begun = false;
+    } else if (argument->left <= HotOperand::Local) {
       variable = ROW_OF(argument);
       if (variable && variable->HoldsDouble()) {
-        begun->Begin(variable->plain_double());
+        parameter->Begin(variable->plain_double());
       } else if (variable && variable->HoldsInteger()) {
-        begun->Begin(variable->plain_integer());
-      } else if (!BeginWith(begun, variable, &patience)) {
-        break;
+        parameter->Begin(variable->plain_integer());
+      } else {
+        begun = BeginWith(parameter, variable, &patience);
       }
     } else if (argument->left == HotOperand::Temporary) {
       const Temporary& value = temporaries[argument->first];
       const HotForm form = argument->form == HotForm::AsLoaded ? value.form : argument->form;
       if (form == HotForm::Double) {
-        begun->Begin(value.number);
+        parameter->Begin(value.number);
       } else if (form == HotForm::Integer) {
-        begun->Begin(static_cast<int>(value.number));
-      } else if (!BeginWith(begun, value.variable, &patience)) {
-        break;
+        parameter->Begin(static_cast<int>(value.number));
+      } else {
+        begun = BeginWith(parameter, value.variable, &patience);
       }
     } else if (argument->left == HotOperand::Constant) {
       if (argument->form == HotForm::Integer) {
-        begun->Begin(argument->first);
+        parameter->Begin(argument->first);
       } else {
-        begun->Begin(argument->number);
+        parameter->Begin(argument->number);
       }
-    } else if (argument->left == HotOperand::Text) {
-      begun->Wake();
-      begun->SetValue(argument->text, argument->length);
     } else {
-      // The variable itself and not what it refers to, because it may be made to refer to another.
-      variable = argument->left == HotOperand::Place ? temporaries[argument->first].variable
-                                                     : ROW_OF(argument);
-      if (!variable) [[unlikely]]
-        break;
-      WAKE(variable)
-      begun->Begin(variable);
+      parameter->Begin(argument->text, argument->length);
     }
   }
-  if (parameter != end) [[unlikely]] {
+  if (!begun) [[unlikely]] {
     // The machine's call makes them again.
     if (called->variables->Renew(*called->locals)) goto misfit;
     idle_frames[static_cast<unsigned>(op->first)] = called->next_idle;
@@ -1812,11 +1900,21 @@ enter : {
   EnterFrame(called);
   s = called->stack;
   ASK_STACK
-  if (called->entry_segment != loaded_segment) [[unlikely]] {
-    wanted_segment = called->entry_segment;
+  if (called->entry_segment != loaded_segment) {
     program_counter = called->entry_offset;
-    segments->Lookup(wanted_segment)->NoteRepeat(*dictionary, functions);
-    goto moved;
+    called->entry_code->NoteRepeat(*dictionary, functions);
+    if (!called->entry_code->hot()) [[unlikely]] {
+      wanted_segment = called->entry_segment;
+      goto moved;
+    }
+    USE_SEGMENT(called->entry_code, called->entry_segment)
+    if (called->entry_serial != code_serial) [[unlikely]] {
+      called->entry = hot->At(program_counter);
+      called->entry_serial = code_serial;
+    }
+    op = called->entry;
+    if (!op) [[unlikely]]
+      return;
   }
   STARTED
   if (--patience == 0) [[unlikely]]
@@ -1827,9 +1925,15 @@ unknown_called:
   if (called && called->simple_parameters >= 0 && called->return_code != code_serial) {
     // The code of another segment is found when it is entered, because it may have changed by then.
     const bool here = called->entry_segment == loaded_segment;
-    called->entry = here ? hot->At(called->entry_offset) : nullptr;
-    if (called->entry || (!here && segments->Lookup(called->entry_segment))) {
+    if (here) {
+      called->entry = hot->At(called->entry_offset);
+      called->entry_serial = code_serial;
+    } else {
+      called->entry_code = segments->Lookup(called->entry_segment);
+    }
+    if (here ? called->entry != nullptr : called->entry_code != nullptr) {
       called->return_segment = loaded_segment;
+      called->return_to = segment;
       called->return_code = code_serial;
       called->returns_hot = true;
       goto on_Call;
@@ -1876,14 +1980,27 @@ on_Return : {
   goto returned;
 }
 // If the caller uses only the value of the result, pass that and leave the variable. The variable
-// must have no other form and no other holder.
+// must have no other form and no other holder. A caller that only stores a number or a short text
+// gets that in its variable, and goes on after its pop.
 on_ReturnVariable : {
   variable = ROW_OF(op);
-  SINGLE_UNLESS(HAS_ROOM && variable && variable->IsPlain() && variable->plain_count() == 1)
-  if (!frame->value_suffices) {
-    SINGLE_UNLESS(frame->return_code == code_serial || ReturnsToDecoded())
-    const HotOp* const use = static_cast<ZephVM_FunctionFrame*>(frame)->return_op->plain;
-    SINGLE_UNLESS(IsPlainTarget(use, frame->previous->variables, rows[0], counts[0]))
+  SINGLE_UNLESS(HAS_ROOM && frame->returns_hot && variable && variable->IsPlain() &&
+                variable->plain_count() == 1)
+  called = static_cast<ZephVM_FunctionFrame*>(frame);
+  if (RETURNS_TO_DECODED) [[likely]] {
+    const HotOp* const use = called->return_op->plain;
+    Variable* target;
+    if (FindTarget(use, frame->previous->variables, rows[0], counts[0], &target)) {
+      if (target && (target->CopyNumber(*variable) || target->CopyShort(*variable))) {
+        called->return_offset = use[1].start;
+        called->return_op = use[1].fast ? use[1].fast : use + 1;
+        goto returned;
+      }
+    } else {
+      SINGLE_UNLESS(frame->value_suffices)
+    }
+  } else {
+    SINGLE_UNLESS(frame->value_suffices)
   }
   HotForm form;
   if (FindAlone(variable, &number_passed, &form)) {
@@ -1923,9 +2040,16 @@ returned : {
     ZephVM_FunctionFrame** const idle = &idle_frames[called->place];
     called->next_idle = *idle;
     *idle = called;
-    op = called->return_code == code_serial ? called->return_op : nullptr;
-    wanted_segment = called->return_segment;
     program_counter = called->return_offset;
+    op = called->return_op;
+    if (called->return_code != code_serial) {
+      if (RETURNS_TO_DECODED) [[likely]] {
+        USE_SEGMENT(called->return_to, called->return_segment)
+      } else {
+        wanted_segment = called->return_segment;
+        op = nullptr;
+      }
+    }
   } else {
     op = nullptr;
     wanted_segment = called->return_segment;
@@ -1942,6 +2066,7 @@ returned : {
 }
 
 look:
+  elapsed += kPatience;
   patience = kPatience;
   if (RAISED) goto on_Leave;
   GO_TO(op->action);
@@ -1964,8 +2089,9 @@ moved:
 entered:
   s = stack;
   ASK_STACK
-  rows[0] = global_variables->Rows(&counts[0]);
-  rows[1] = frame->variables->Rows(&counts[1]);
+  ASK_ROWS
+  STARTED
+  LEAVE_UNLESS(top <= limit)
   GO_TO(op->action);
 
 on_Leave:
@@ -1995,6 +2121,8 @@ on_Leave:
 #undef WAKE
 #undef TELL_STACK
 #undef ASK_STACK
+#undef ASK_ROWS
+#undef LEAVE_AFTER_UNLESS
 #undef PUSH
 #undef REPLACE_ONE
 #undef REPLACE_TWO
@@ -2011,7 +2139,10 @@ on_Leave:
 #undef FIND_NUMBER
 #undef FIND_COMPARABLE
 #undef KNOWS_CALLED
+#undef RETURNS_TO_DECODED
+#undef USE_SEGMENT
 #undef VALUE_SUFFICES
+#undef BARE_SUFFICES
 #undef ARITHMETIC
 #undef UPDATE
 #undef COMPARISON

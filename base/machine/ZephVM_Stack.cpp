@@ -444,8 +444,11 @@ bool ZephVM_Stack::CompareWords(const Entry* left, const Entry* right, int* orde
   if (!a) return false;
   const char* const b = TextAtHand(right, &b_length);
   if (!b) return false;
-  if (ZephApplication::MayBeNumber(a, a_length) && ZephApplication::MayBeNumber(b, b_length)) {
-    return false;
+  if (ZephApplication::MayBeNumber(a, a_length)) {
+    if (ZephApplication::MayBeNumber(b, b_length)) return false;
+    // A comparison first reads the left side as a number, which a variable keeps.
+    int ignored;
+    if (left->kind == KindVariable) left->value.variable->value_compare(&ignored);
   }
   *order = memcmp(a, b, static_cast<size_t>(std::min(a_length, b_length)));
   if (*order == 0) *order = a_length - b_length;

@@ -92,8 +92,6 @@ bool Variable::ProvesOrdinary() const {
   return (state & NotOrdinary) == 0;
 }
 
-// Frees the text, or leaves the target, only if everything else could be reset. Elements are
-// dropped at once: if the rest cannot be reset, the variable goes too.
 bool Variable::Renew() {
   if (state == Reference) {
     if (refcount_ != 1 || !reference || name_.allocated != SharedMark) return false;
@@ -103,16 +101,14 @@ bool Variable::Renew() {
     target->Release();
     return true;
   }
-  if (!IsPlain()) return false;
-  if (elements) {
-    if (refcount_ != 1 || (state & Suspect)) return false;
-    DropElements();
+  if (!IsPlain() || refcount_ != 1 || (state & Suspect) || error_.data ||
+      name_.allocated != SharedMark) {
+    return false;
   }
-  char* const text = std::exchange(string_value.data, nullptr);
-  const bool renewed = RenewNumber();
-  string_value.data = text;
-  if (renewed) string_value.destroy();
-  return renewed;
+  if (elements) DropElements();
+  if (string_value.data) string_value.destroy();
+  state = Asleep;
+  return true;
 }
 
 void Variable::DeletePlain() {

@@ -13,6 +13,8 @@
 #include "base/core/FreeList.h"
 #include "base/core/List.h"
 #include "base/core/Numbers.h"
+#include "base/core/SameBytes.h"
+#include "base/core/Sanitizers.h"
 #include "base/core/StringClass.h"
 #include "base/values/SharedName.h"
 
@@ -217,6 +219,12 @@ class Variable {
   // most numbers of a running script are like this.
   bool HoldsInteger() const { return state == IntegerForm; }
   bool HoldsDouble() const { return state == DoubleForm; }
+  // Whether the variable is plain and has a number and no text. A stored integer that was also read
+  // as a double has both forms. With the text's bit made the highest, the other two are a number
+  // from 1 to 3.
+  bool HoldsNumber() const { return std::rotr(state, 1) - 1 < 3; }
+  // Whether it is plain and has a text that was stored as such, and no other form.
+  bool HoldsText() const { return state == TextForm && primary == PrimaryText; }
   // REQUIRES: plain_forms() is not 0.
   bool has_double() const { return (state & DoubleForm) != 0; }
   // Whether its value was stored as an integer.
@@ -275,6 +283,7 @@ class Variable {
   int Write_Integer(int value) {
     if (!HoldsInteger()) [[unlikely]] {
       if (!IsPlain() || elements) return SetValue_Integer(value);
+      if (IsAsleep()) Wake();
       SetForms(IntegerForm);
     }
     integer_value = value;
@@ -285,6 +294,7 @@ class Variable {
   int Write_Double(double value) {
     if (!HoldsDouble()) [[unlikely]] {
       if (!IsPlain() || elements) return SetValue_Double(value);
+      if (IsAsleep()) Wake();
       SetForms(DoubleForm);
     }
     double_value = value;
@@ -304,16 +314,33 @@ class Variable {
   bool CopyNumber(const Variable& source) {
     const unsigned forms = source.plain_forms();
     if (forms == 0 || (forms & TextForm) || !IsPlain() || elements) return false;
+    if (IsAsleep()) Wake();
     integer_value = source.integer_value;
     double_value = source.double_value;
     SetForms(forms);
     primary = source.primary;
     return true;
   }
+  // SetValue(text, length) for a plain scalar whose buffer has the room, and for a text that takes
+  // nanoseconds to copy. Returns false and does nothing for others. REQUIRES: a length of 0 or
+  // more; the text is not part of this variable's buffer.
+  bool WriteShort(const char* text, int length) {
+    if (!IsPlain() || elements || length > ShortText || length >= string_value.allocated) {
+      return false;
+    }
+    SetShort(text, length);
+    SetForms(TextForm);
+    return true;
+  }
+  // The same for SetValue(source).
+  bool CopyShort(const Variable& source) {
+    return source.HoldsText() && &source != this && source.string_value.data &&
+           WriteShort(source.string_value.data, source.string_value.length);
+  }
   // Gives away the buffer of a plain scalar that has only a text, made with new[]; the variable is
   // NULL afterwards. Returns false and does nothing for others.
   bool TakeText(char** data, int* length, int* allocated) {
-    if (plain_forms() != TextForm || elements || !string_value.data) return false;
+    if (!HoldsText() || !string_value.data) return false;
     *length = string_value.length;
     *allocated = string_value.allocated;
     *data = string_value.release();
@@ -345,47 +372,62 @@ class Variable {
   // REQUIRES: the variable has the state of a new one (it may be asleep), and only its table holds
   // it.
   void Begin(double value) {
-    assert((state & ~Asleep) == 0 && !elements);
+    BeginAs(DoubleForm);
     double_value = value;
-    state = DoubleForm;
     primary = PrimaryDouble;
   }
   void Begin(int value) {
-    assert((state & ~Asleep) == 0 && !elements);
+    BeginAs(IntegerForm);
     integer_value = value;
-    state = IntegerForm;
     primary = PrimaryInteger;
+  }
+  // The same with a text, which is copied. REQUIRES: a length of 0 or more.
+  void Begin(const char* text, int length) {
+    assert((state & ~Asleep) == 0 && !elements);
+    if (length <= ShortText && length < string_value.allocated) {
+      SetShort(text, length);
+    } else {
+      string_value.assign(text, length);
+      primary = PrimaryText;
+    }
+    state = TextForm;
   }
   // Makes the variable a reference, as a parameter by reference is at the beginning of a call.
   // Takes a count on the target. REQUIRES: as for a number; the object is of no derived class; the
   // target is another variable.
   void Begin(Variable* target) {
     assert((state & ~(Asleep | Unproved)) == 0 && !elements);
+    BeginAs(Reference);
     target->Hold();
     reference = target;
-    state = Reference;
+    primary = PrimaryNone;
+    ClearScratch();
   }
   // Resets a local variable, after its call has ended, for the next call, and puts it to sleep.
   // Returns false if a script could distinguish it from a new variable: there is another holder, or
   // it has been more than a plain value or the reference of a parameter.
   bool Renew();
-  // The same for a variable that has held only numbers, as most have. Returns false and does
-  // nothing for others.
-  bool RenewNumber() {
-    if ((state & (NotPlain | Suspect)) || refcount_ != 1 || elements || string_value.data ||
-        error_.data || name_.allocated != SharedMark) {
+  // The same for a variable that has held only numbers and short texts, as most have. Returns false
+  // and does nothing for others.
+  bool RenewScalar() {
+    if (state - 1 >= AllForms) return state == Asleep;
+    if (((refcount_ - 1) | (name_.allocated - SharedMark) | error_.allocated) != 0 ||
+        string_value.allocated > MostKept) {
       return false;
     }
-    integer_value = 0;
-    double_value = 0.0;
     state = Asleep;
-    primary = PrimaryNone;
     return true;
   }
   // Whether it waits in its table's row until a call touches it: until then it does not exist for
-  // scripts. Only the table may have its pointer, and wakes it before handing it out.
+  // scripts. Only the table may have its pointer, and wakes it before handing it out. What it held
+  // is still in its fields, so that the next text needs no memory; waking makes it as new.
   bool IsAsleep() const { return (state & Asleep) != 0; }
-  void Wake() { state &= ~Asleep; }
+  void Wake() {
+    state &= ~Asleep;
+    primary = PrimaryNone;
+    if (string_value.data) [[unlikely]]
+      string_value.destroy();
+  }
   // Element(AggregateIndex(position), create). A caller that keeps the variable, or uses it after
   // another operation on this one, takes a count; the result of Element() is good without.
   Variable* At(int position, int create);
@@ -450,6 +492,11 @@ class Variable {
   // variable that get these marks have no number of their own.
   static constexpr uint32_t Reached = 0x20000;  // in the list of FreeCycles
   static constexpr uint32_t Held = 0x40000;     // and reachable from a holder outside that list
+
+  // The longest text that is copied in line, and the largest buffer that a variable keeps in its
+  // sleep. An address sanitizer is to see every use of a text whose call is over.
+  static constexpr int ShortText = 4096;
+  static constexpr int MostKept = kAddressSanitizer ? 0 : 256;
 
   // Whether reads and writes go to a target, or nowhere.
   bool redirected() const { return (state & (Reference | Gone)) != 0; }
@@ -550,6 +597,19 @@ class Variable {
   int& number() { return integer_value; }
   Variable* link() const { return std::bit_cast<Variable*>(double_value); }
   void SetLink(Variable* next) { double_value = std::bit_cast<double>(next); }
+  // Replaces the text. REQUIRES: the buffer has the room for it.
+  void SetShort(const char* text, int length) {
+    CopyBytes(string_value.data, text, static_cast<size_t>(length));
+    string_value.data[length] = '\0';
+    string_value.length = length;
+    primary = PrimaryText;
+  }
+  void BeginAs(uint32_t form) {
+    assert((state & ~(Asleep | Unproved)) == 0 && !elements);
+    if (string_value.data) [[unlikely]]
+      string_value.destroy();
+    state = form;
+  }
   void ClearScratch() {
     integer_value = 0;
     double_value = 0.0;

@@ -20,12 +20,22 @@ TEST(SameBytes, EachByteOfAnyLengthCounts) {
   }
 }
 
-TEST(SameBytes, WhatIsBehindTheLengthDoesNotCount) {
+TEST(SameBytes, WhatFollowsTheLengthDoesNotCount) {
   const std::string text = "a name that ends before this";
   for (size_t length = 0; length < text.size(); length++) {
     std::string other = text;
     other[length] = '!';
     EXPECT_TRUE(SameBytes(text.data(), other.data(), length)) << length;
+  }
+}
+
+TEST(CopyBytes, CopiesJustTheBytesOfAnyLength) {
+  const std::string text = "a text of more than sixteen bytes, each of which is copied";
+  for (size_t length = 0; length <= text.size(); length++) {
+    SCOPED_TRACE(length);
+    std::string copy(text.size(), '.');
+    CopyBytes(copy.data(), text.data(), length);
+    EXPECT_EQ(copy, text.substr(0, length) + std::string(text.size() - length, '.'));
   }
 }
 

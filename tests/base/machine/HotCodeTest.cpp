@@ -17,19 +17,13 @@
 #include "base/machine/Feature.h"
 #include "base/values/Aggregate.h"
 #include "tests/support/GrowthOfTime.h"
+#include "tests/support/HotAndCold.h"
 #include "tests/support/Machine.h"
 #include "tests/support/Rounds.h"
 
 namespace {
 
 using namespace Instruction;
-
-// A segment of more bytes is never decoded.
-void KeepCold(Machine* machine) {
-  for (int i = 0; Segment* const segment = machine->segments.Lookup(i); i++) {
-    segment->Write_Byte(Segment::LongestHot, 0);
-  }
-}
 
 // Decodes all code before it runs for the first time.
 void MakeHotAtOnce(Machine* machine) {
@@ -52,7 +46,7 @@ void Loop(Machine* machine, int rounds, Body body) {
   machine->Op(jmp_lt, start - (machine->end + 6));
 }
 
-const int kRounds = 3 * Segment::Repeats;
+const int kRounds = kRoundsUntilHot;
 
 TEST(HotCode, OfALongSegmentIsMadeLater) {
   Machine machine;
@@ -463,18 +457,6 @@ std::string Difference(const std::string& one, const std::string& other) {
          other.substr(from, 80);
 }
 
-// A program without an error writes the same, decoded or not.
-void ExpectTheSameHotAndCold(const std::string& program) {
-  Machine hot, cold;
-  hot.Assemble(program);
-  cold.Assemble(program);
-  KeepCold(&cold);
-  EXPECT_EQ(hot.Go(), 1);
-  EXPECT_EQ(cold.Go(), 1);
-  EXPECT_NE(hot.segments.Start()->hot(), nullptr);
-  EXPECT_EQ(hot.Output(), cold.Output());
-}
-
 // Programs of functions that call one another with arguments of all kinds, by value and by
 // reference, and return all kinds of results, which are used in all ways.
 class RandomCalls {
@@ -791,7 +773,7 @@ TEST(HotCode, RoundedValuesAreWrittenAsRoundsMakesThem) {
       ExpectTheSameHotAndCold("storegi n, 0\nagain: incg n, 1\npushf " + std::string(value) +
                               "\npushi " + std::to_string(decimals) +
                               "\nrounds\nout\npushc \" \"\nout\ncmpgi n, " +
-                              std::to_string(kRounds) + "\njmp_lt again\n");
+                              std::to_string(kRounds) + "\njmp_lt again\nexit\n");
     }
   }
 }
