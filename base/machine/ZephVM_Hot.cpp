@@ -393,8 +393,8 @@ struct Temporary {
 [[gnu::always_inline]] inline bool FindLoadedOrder(Variable* left, double left_number,
                                                    Variable* right, double right_number, int* order,
                                                    bool* texts) {
-  if (left && Find<IsComparableSlow>(left, &left_number)) left = nullptr;
-  if (right && Find<IsComparableSlow>(right, &right_number)) right = nullptr;
+  if (left && !left->HoldsText() && Find<IsComparableSlow>(left, &left_number)) left = nullptr;
+  if (right && !right->HoldsText() && Find<IsComparableSlow>(right, &right_number)) right = nullptr;
   *texts = left || right;
   if (!*texts) [[likely]] {
     *order = OrderOf(left_number, right_number);
@@ -1169,11 +1169,13 @@ on_CompareTopJump : {
   int order;
   double a, b;
   SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE)
-  if (top[-1].kind == ZephVM_Stack::KindVariable) {
+  if (IsDouble(top - 1)) [[likely]] {
+    a = top[-1].value.number;
+  } else if (top[-1].kind == ZephVM_Stack::KindVariable) {
     SINGLE_UNLESS(Find<IsComparableSlow>(top[-1].value.variable->Real(), &a))
   } else {
-    SINGLE_UNLESS(top[-1].kind <= ZephVM_Stack::KindDouble)
-    a = NumberIn(top - 1);
+    SINGLE_UNLESS(top[-1].kind == ZephVM_Stack::KindInteger)
+    a = top[-1].value.integer;
   }
   if (op[1].single == HotAction::PushVariable) {
     other = VARIABLE(op + 1);
@@ -1504,6 +1506,9 @@ on_CheckRoom:
         loaded->Set(*slot);
       } else if (slot->variable()->HoldsNumber()) {
         loaded->Set(slot->variable());
+      } else if (op->load >= HotLoad::NumberOrText && slot->variable()->HoldsText()) {
+        loaded->variable = slot->variable();
+        loaded->form = HotForm::AsLoaded;
       } else {
         MISFIT_UNLESS(Load(slot->variable(), op->load, loaded))
       }
@@ -1537,9 +1542,10 @@ on_FindElement : {
   INTEGER_OF(op->right, op->second, &number)
   MISFIT_UNLESS(variable && number >= 1 && variable->IsPlain() && variable->HoldsArray())
   TELL_STACK
-  variable = variable->At(number, op->create);
-  MISFIT_UNLESS(variable)
-  temporaries[op->third].variable = variable;
+  Variable* found = variable->SearchMade(number);
+  if (!found) found = variable->At(number, op->create);
+  MISFIT_UNLESS(found)
+  temporaries[op->third].variable = found;
   STEP
 }
 on_FindMember:

@@ -159,6 +159,12 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   }
   // The value of an element of a row, by a search; null and no search for others.
   const DenseSlot* SearchSlot(int position) { return dense.SearchSlot(position); }
+  // The variable of an element of a row, by a search, if it has one already and the caller may
+  // write to it; otherwise null and no search.
+  Variable* SearchMade(int position) {
+    is_isolated = false;
+    return dense.FindMade(position);
+  }
   // Finds an element of a row that is only a number, by a search. Returns false and makes no search
   // for others.
   bool FindBare(int position, DenseSlot* found) {
@@ -412,6 +418,11 @@ inline bool Variable::ReadElement(int position, double* number) {
 inline const DenseSlot* Variable::SearchSlot(int position) {
   if (!IsPlain() || aggregate != AggregateArray) return nullptr;
   return elements->SearchSlot(position);
+}
+
+inline Variable* Variable::SearchMade(int position) {
+  if (!IsPlain() || aggregate != AggregateArray) return nullptr;
+  return elements->SearchMade(position);
 }
 
 inline bool Variable::FindBare(int position, DenseSlot* slot) {

@@ -99,6 +99,16 @@ class DenseElements {
     Search(position);
     return nullptr;
   }
+  // The same if the element has a variable already and the slots are this row's own; otherwise null
+  // and no search.
+  Variable* FindMade(int position) {
+    const unsigned slot = static_cast<unsigned>(position) - static_cast<unsigned>(base);
+    if (slot >= static_cast<unsigned>(count_) || is_shared || !slots[slot].IsVariable()) {
+      return nullptr;
+    }
+    Touch(static_cast<int>(slot) + 1);
+    return slots[slot].variable();
+  }
   // The variable at a position, without a search. REQUIRES: the row has the position.
   Variable* Peek(int position) {
     OwnSlots();

@@ -444,6 +444,9 @@ class Variable {
   // The value of an element, to read and not to keep; a search. Returns null and makes no search
   // where it takes more work, or if there is no such element. REQUIRES: as above.
   const DenseSlot* SearchSlot(int position);
+  // At(position, create) for an element that has a variable already. Returns null and makes no
+  // search for others. REQUIRES: as above.
+  Variable* SearchMade(int position);
   // Element(AggregateIndex(name, length), create), but a search copies no name. length is in bytes;
   // -1 is not allowed. A caller that keeps the variable takes a count, as for At().
   Variable* Member(const char* name, int length, int create) {
