@@ -881,7 +881,12 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   } else if ((kind) == HotOperand::Constant) { \
     *(out) = (position); \
   } else { \
-    MISFIT_UNLESS(IntegerOf(OPERAND(kind, position), out)) \
+    first_row = ROW_AT(static_cast<int>(kind), position); \
+    if (first_row && first_row->HoldsDouble()) [[likely]] { \
+      *(out) = DoubleToInteger(first_row->plain_double()); \
+    } else { \
+      MISFIT_UNLESS(IntegerOf(Referred(first_row), out)) \
+    } \
   }
 #define COMPARABLE_OF(kind, position, result, missing) \
   if ((kind) == HotOperand::Temporary) { \
