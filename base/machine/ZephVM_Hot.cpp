@@ -44,6 +44,15 @@
 #include "base/values/Variable.h"
 #include "base/values/VariableRef.h"
 
+// What the loop does in line. clang, whose builds are for tests, may decide that itself: it looks
+// at the whole of a function again after each call in it that has to be in line, which takes
+// minutes.
+#ifdef __clang__
+#define HOT_INLINE inline
+#else
+#define HOT_INLINE [[gnu::always_inline]] inline
+#endif
+
 namespace {
 
 using Entry = ZephVM_Stack::Stack_Entry;
@@ -77,18 +86,18 @@ inline int Read(int* shared) {
 using Suitable = bool (*)(const Variable*);
 
 template <Suitable Slow>
-[[gnu::always_inline]] inline bool Has(const Variable* variable) {
+HOT_INLINE bool Has(const Variable* variable) {
   return variable->HoldsNumber() || Slow(variable);
 }
 
 // The number of a variable. REQUIRES: it has one.
-[[gnu::always_inline]] inline double NumberOf(const Variable* variable) {
+HOT_INLINE double NumberOf(const Variable* variable) {
   return variable->has_double() ? variable->plain_double() : variable->plain_integer();
 }
 
 // Has and NumberOf in one, for the operand that is tested last.
 template <Suitable Slow>
-[[gnu::always_inline]] inline bool Find(const Variable* variable, double* number) {
+HOT_INLINE bool Find(const Variable* variable, double* number) {
   if (!variable->HoldsNumber() && !Slow(variable)) return false;
   *number = NumberOf(variable);
   return true;
@@ -97,8 +106,7 @@ template <Suitable Slow>
 // The number of a variable that has no text. Only such a number can replace its variable, because
 // every form that is read later follows from it. The forms of a text may disagree: "99999999999" is
 // 191 when it is read as an integer first.
-[[gnu::always_inline]] inline bool FindAlone(const Variable* variable, double* number,
-                                             HotForm* form) {
+HOT_INLINE bool FindAlone(const Variable* variable, double* number, HotForm* form) {
   if (variable->HoldsDouble()) {
     *number = variable->plain_double();
     *form = HotForm::Double;
@@ -112,7 +120,7 @@ template <Suitable Slow>
 }
 
 // The integer that value_integer() returns.
-[[gnu::always_inline]] inline bool IntegerOf(const Variable* variable, int* number) {
+HOT_INLINE bool IntegerOf(const Variable* variable, int* number) {
   if (!variable) return false;
   const unsigned forms = variable->plain_forms();
   *number = variable->plain_integer();
@@ -161,7 +169,7 @@ template <Suitable Slow>
   return true;
 }
 
-[[gnu::always_inline]] inline bool IntegerIn(const Entry* entry, int* number) {
+HOT_INLINE bool IntegerIn(const Entry* entry, int* number) {
   if (entry->kind == ZephVM_Stack::KindInteger) {
     *number = entry->value.integer;
     return true;
@@ -189,8 +197,8 @@ template <Suitable Slow>
 }
 
 // Whether they are numbers that can begin the function's variables, as most are.
-[[gnu::always_inline]] inline bool AreNumbers(uint64_t references, const _VH_Entry* rows, int count,
-                                              const Entry* bottom, const Entry* top) {
+HOT_INLINE bool AreNumbers(uint64_t references, const _VH_Entry* rows, int count,
+                           const Entry* bottom, const Entry* top) {
   if (references != 0 || top - count < bottom) return false;
   for (const Entry* entry = top - count; entry != top; entry++, rows++) {
     if (entry->kind > ZephVM_Stack::KindDouble || !rows->variable) return false;
@@ -229,7 +237,7 @@ template <Suitable Slow>
 // The order of two numbers, as the number of its bit in HotOp::orders: 0 for less, 1 for equal, 2
 // for greater. NaN on either side counts as greater.
 template <typename Number>
-[[gnu::always_inline]] inline int OrderOf(Number left, Number right) {
+HOT_INLINE int OrderOf(Number left, Number right) {
   return !(left < right) + !(left <= right);
 }
 
@@ -274,7 +282,7 @@ inline bool IsWord(const String& text) {
 // The same for a variable, which may be missing, and a constant text. If that is no number it is a
 // word: no integer is equal to it, and two texts are equal if their bytes are. A double is read as
 // text, which its variable keeps.
-[[gnu::always_inline]] inline bool FindOrderOfText(Variable* left, const HotOp* op, int* order) {
+HOT_INLINE bool FindOrderOfText(Variable* left, const HotOp* op, int* order) {
   if (!left) return false;
   const bool equality = op->orders == 2 || op->orders == 5;
   if (op->word && equality && left->HoldsNumber() && left->is_stored_integer()) {
@@ -390,9 +398,8 @@ struct Temporary {
 
 // The order of two operands, each a variable or, if that is null, a number; of two texts only if
 // one is no number. *texts receives whether texts were compared.
-[[gnu::always_inline]] inline bool FindLoadedOrder(Variable* left, double left_number,
-                                                   Variable* right, double right_number, int* order,
-                                                   bool* texts) {
+HOT_INLINE bool FindLoadedOrder(Variable* left, double left_number, Variable* right,
+                                double right_number, int* order, bool* texts) {
   if (left && !left->HoldsText() && Find<IsComparableSlow>(left, &left_number)) left = nullptr;
   if (right && !right->HoldsText() && Find<IsComparableSlow>(right, &right_number)) right = nullptr;
   *texts = left || right;
@@ -440,7 +447,7 @@ inline bool FindName(const Entry* entry, const Variable* structure, const char**
 }
 
 // The variable that has the value: that of a parameter by reference is the caller's.
-[[gnu::always_inline]] inline Variable* Referred(Variable* variable) {
+HOT_INLINE Variable* Referred(Variable* variable) {
   return variable ? variable->Real() : nullptr;
 }
 
@@ -468,7 +475,7 @@ inline bool FindTruth(const Entry* entry, bool* truth) {
   return true;
 }
 
-[[gnu::always_inline]] inline bool FindOrder(const Variable* left, int right, int* order) {
+HOT_INLINE bool FindOrder(const Variable* left, int right, int* order) {
   if (!left) return false;
   if (left->HoldsInteger()) [[likely]] {
     *order = OrderOf(left->plain_integer(), right);
@@ -480,8 +487,7 @@ inline bool FindTruth(const Entry* entry, bool* truth) {
   return true;
 }
 
-[[gnu::always_inline]] inline bool FindOrder(const Variable* left, const Variable* right,
-                                             int* order) {
+HOT_INLINE bool FindOrder(const Variable* left, const Variable* right, int* order) {
   if (!left || !right || !Has<IsComparableSlow>(left)) return false;
   double number;
   if (!Find<IsComparableSlow>(right, &number)) return false;
@@ -490,7 +496,7 @@ inline bool FindTruth(const Entry* entry, bool* truth) {
 }
 
 // Whether the jump is made on this order.
-[[gnu::always_inline]] inline bool Jumps(const HotOp* jump, int order) {
+HOT_INLINE bool Jumps(const HotOp* jump, int order) {
   return (jump->orders >> order & 1) != 0;
 }
 
@@ -561,8 +567,21 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #endif
 #define RAN(end) RAN_UP_TO(end, 0)
 
+// clang takes minutes for a function in which hundreds of jumps may go to hundreds of places, so
+// its builds, which are for tests, have one such jump.
+#ifdef __clang__
+  const void* place;
+#define GO_TO_PLACE(action)                   \
+  {                                           \
+    place = places[static_cast<int>(action)]; \
+    goto dispatch;                            \
+  }
+#else
+#define GO_TO_PLACE(action) __extension__({ goto* places[static_cast<int>(action)]; });
+#endif
+
 // clang-format off
-#define GO_TO(action) __extension__({ STARTED goto *places[static_cast<int>(action)]; })
+#define GO_TO(action) { STARTED GO_TO_PLACE(action) }
 // Each action ends with one of these. NEXT continues after count instructions. NEXT_AFTER_WORK does
 // the same after work of any length, and polls the host's flags. SINGLE_UNLESS runs the first
 // instruction alone if the idiom does not apply. LEAVE_UNLESS returns to the machine's loop. JUMP
@@ -809,7 +828,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   }
 // --- For groups. STEP continues after a record that is not the group's last. MISFIT_UNLESS runs the
 // group's instructions one by one.
-#define STEP { op++; __extension__({ goto *places[static_cast<int>(op->action)]; }); }
+#define STEP { op++; GO_TO_PLACE(op->action) }
 #define MISFIT_UNLESS(condition) if (!(condition)) [[unlikely]] goto misfit;
 // The variable of an operand that is a row, or a place; null if there is none.
 #define OPERAND(kind, position) VARIABLE_AT(static_cast<int>(kind), position)
@@ -2076,6 +2095,11 @@ returned : {
   GO_TO(op->action);
 }
 
+#ifdef __clang__
+dispatch:
+  __extension__({ goto* place; });
+#endif
+
 look:
   elapsed += kPatience;
   patience = kPatience;
@@ -2111,6 +2135,7 @@ on_Leave:
   }
   TELL_STACK
   program_counter = op->start;
+#undef GO_TO_PLACE
 #undef GO_TO
 #undef STARTED
 #undef RAN
