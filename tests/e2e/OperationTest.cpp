@@ -465,11 +465,16 @@ TEST_F(SlowOperation, ATimeOutAndACancelHaveLinesThatSayWhichItWas) {
 
 TEST_F(SlowOperation, WithStatusCodesACancelSaysSo) {
   engine.settings = Settings("status_codes = true\ntimeout_global = 90\n");
-  engine.Script("long.zpc", "again: jmp again\n");
+  // Writes nothing before it is cancelled, but it has the lock as soon as it runs.
+  engine.Script("long.zpc", "pushc \"runs\"\nlockfile\nagain: jmp again\n");
   ASSERT_TRUE(engine.Start());
   ASSERT_TRUE(engine.WaitUntilReady());
   std::thread operator_thread([this] {
-    std::this_thread::sleep_for(Milliseconds(500));
+    const auto end = std::chrono::steady_clock::now() + Milliseconds(30000);
+    while (!std::filesystem::exists(engine.Path("data/runs.lck")) &&
+           std::chrono::steady_clock::now() < end) {
+      std::this_thread::sleep_for(Milliseconds(5));
+    }
     engine.Signal(SIGHUP);
   });
   FastCGIResponse response = engine.Get("/long.zpc");

@@ -72,6 +72,11 @@ class Task : public testing::Test {
     return false;
   }
   int Idle() const { return 10 + EngineProcess::OtherThreads; }
+  // Starts the engine and waits for all request threads, so that one more is a task's.
+  void StartAll() {
+    ASSERT_TRUE(engine.Start());
+    ASSERT_EQ(engine.WaitForThreads(Idle()), Idle());
+  }
 
   EngineProcess engine;
   static inline int blocks = 0;
@@ -113,7 +118,7 @@ TEST_F(Task, ARequestMayStartOnlySoManyTasks) {
   engine.Script("task.zpc", Async(Notes("pushc \"first\"")) + Async(Notes("pushc \"second\"")) +
                                 Async(Notes("pushc \"third\"")) + Writes("on") +
                                 "pushg ZpASYNCHRONOUS_Error\nout\n" + functions);
-  ASSERT_TRUE(engine.Start());
+  StartAll();
   const std::string page = engine.Get("/task.zpc").Body();
   EXPECT_THAT(page, HasSubstr("ZpASYNCHRONOUS: Maximum number of asynchronous tasks exceeded\n"));
   EXPECT_THAT(page, HasSubstr("onMaximum number of asynchronous tasks exceeded"));
@@ -142,7 +147,7 @@ TEST_F(Task, ATaskHasAThreadOfItsOwnAndNoClient) {
                                         "pushs QUERY_STRING\ncat")) +
                                 Notes("pushc \"request \"\npushs thread_id\ncat") + Writes("page") +
                                 functions);
-  ASSERT_TRUE(engine.Start());
+  StartAll();
   ExpectPage(engine.Get("/task.zpc", {{"QUERY_STRING", "q=1"}}), "page");
   Noted("request ");
   Noted(" q=1");
@@ -162,11 +167,10 @@ TEST_F(Task, ATaskHasAThreadOfItsOwnAndNoClient) {
 TEST_F(Task, ATaskBlocksSignals) {
   engine.Script("task.zpc",
                 Async(Notes("pushc \"begun\"") + WaitsFor("go.txt")) + Writes("page") + functions);
-  ASSERT_TRUE(engine.Start());
+  StartAll();
   ExpectPage(engine.Get("/task.zpc"), "page");
   Noted("begun");
-  // The first page may come before the last thread has started, and signals are handled only after
-  // that.
+  // Signals are handled only after the last thread has started.
   int threads = 0, open = 0;
   const std::string tasks = "/proc/" + std::to_string(engine.pid()) + "/task";
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -203,7 +207,7 @@ TEST_F(Task, ALockOfTheRequestIsNotTheTasks) {
                                 Async("pushc \"a\"\nlockfile\n" + Notes("pushc \"locked\"") +
                                       "lockfile_end\n" + Notes("pushc \"unlocked\"")) +
                                 Writes("page") + "lockfile_end\n" + functions);
-  ASSERT_TRUE(engine.Start());
+  StartAll();
   ExpectPage(engine.Get("/task.zpc"), "page");
   Noted("unlocked");
   EXPECT_EQ(engine.WaitForThreads(Idle()), Idle());
@@ -278,7 +282,7 @@ TEST_F(Task, AFileThatIsRunMayStartTasks) {
                                                   "pushg name\ncat\npushs QUERY_STRING\ncat") +
                                             "pushc \"task\"\npopg name\n") +
                                       Notes("pushc \"file ends\""));
-  ASSERT_TRUE(engine.Start());
+  StartAll();
   ExpectPage(engine.Get("/page.zpc", {{"QUERY_STRING", "q"}}), "page ");
   Noted("task: part of page q");
   Noted("page ends");
@@ -315,7 +319,7 @@ TEST_F(SlowTask, ATaskRunsOnWithoutItsRequestUntilItsOwnTimeIsOver) {
                                 functions);
   engine.settings += "timeout_async = 8\n";
   engine.settings.replace(engine.settings.find("268435520"), 9, "402653248");
-  ASSERT_TRUE(engine.Start());
+  StartAll();
   const auto start = std::chrono::steady_clock::now();
   ExpectPage(engine.Get("/task.zpc"), "page");
   Noted("begun");

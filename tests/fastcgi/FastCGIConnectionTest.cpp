@@ -146,7 +146,7 @@ TEST_F(SlowConnection, AWriteEndsWhenTheClientTakesNothing) {
 }
 
 TEST_F(SlowConnection, AWriteLastsAsLongAsTheClientReads) {
-  connection.LimitWrites(2);
+  connection.LimitWrites(20);
   FillUp();
   std::thread reader([this] {
     std::this_thread::sleep_for(std::chrono::seconds(1));

@@ -55,6 +55,8 @@ Command::~Command() {
 
 void Command::Child(int output_descriptor, int error_descriptor) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
+  // The shell lets its background jobs ignore these, and a program that is started keeps to that.
+  for (int number : {SIGHUP, SIGINT, SIGQUIT}) signal(number, SIG_DFL);
   for (int number : ignored_signals) signal(number, SIG_IGN);
   if (!directory.empty() && chdir(directory.c_str()) != 0) _exit(127);
   for (const auto& [name, value] : environment) setenv(name.c_str(), value.c_str(), 1);

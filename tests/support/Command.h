@@ -24,7 +24,7 @@ class Command {
   std::string directory;                           // its working directory; empty is the test's
   std::map<std::string, std::string> environment;  // added to the test's
   std::string output_file;                         // instead of the pipe that Finish reads
-  std::vector<int> ignored_signals;
+  std::vector<int> ignored_signals;                // none is inherited from the test's own start
 
   // Fails the test if the program cannot be started.
   void Start();

@@ -96,7 +96,8 @@ std::vector<pid_t> PostgreSQLCluster::Processes() const {
     const std::string name = entry.path().filename();
     if (name.find_first_not_of("0123456789") != std::string::npos) continue;
     std::ifstream file(entry.path() / "stat");
-    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::string text;
+    std::getline(file, text);            // nothing, if the process has ended by now
     const size_t end = text.rfind(')');  // of the command, which may have blanks
     if (end == std::string::npos) continue;
     char state;

@@ -395,7 +395,7 @@ TEST_F(SlowNetworkConnection, CancellationEndsEveryWait) {
               EXPECT_EQ(Text(manager.error()),
                         "Error connecting to 127.0.0.1 on port 1: Connection timed out");
             }),
-            2.0);
+            1.4 + kLateness);
   canceller.join();
 }
 
