@@ -14,10 +14,11 @@
 // Code is decoded after so many rounds of a loop, and not many later.
 inline constexpr int kRoundsUntilHot = 3 * Segment::Repeats;
 
-// A segment of more bytes is never decoded. The bytes after the code are instructions that do
-// nothing, so code should end with an exit.
+// A segment of more bytes is never decoded. The added ones are a million instructions that do
+// nothing, so code that has no end of its own gets one.
 inline void KeepCold(Machine* machine) {
   for (int i = 0; Segment* const segment = machine->segments.Lookup(i); i++) {
+    segment->Write_Word(segment->length(), Instruction::exit);
     segment->Write_Byte(Segment::LongestHot, 0);
   }
 }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "gtest/gtest.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -112,7 +113,7 @@ TEST_F(BigintTest, ZeroBitsAreCounted) {
 }
 
 TEST_F(BigintTest, ProductsOfRandomNumbers) {
-  for (int i = 0; i < 10000; ++i) {
+  for (int i = 0; i < Rounds(10000); ++i) {
     uint128 a = Random(64);
     uint128 b = Random(64);
     BigintPtr product(mult(Make(a).get(), Make(b).get()));
@@ -143,7 +144,7 @@ TEST_F(BigintTest, ShiftsOfEveryWidth) {
 }
 
 TEST_F(BigintTest, OrderAndDifference) {
-  for (int i = 0; i < 10000; ++i) {
+  for (int i = 0; i < Rounds(10000); ++i) {
     uint128 a = Random(128);
     uint128 b = i % 3 ? Random(128) : a + (i % 5) - 2;
     BigintPtr left = Make(a);
@@ -167,7 +168,7 @@ TEST_F(BigintTest, UnitInTheLastPlace) {
 }
 
 TEST_F(BigintTest, DoublesAreTakenApart) {
-  for (int i = 0; i < 10000; ++i) {
+  for (int i = 0; i < Rounds(10000); ++i) {
     double value = std::ldexp(static_cast<double>(random() >> 11 | 1),
                               static_cast<int>(random() % 2000) - 1074);
     if (value == 0 || std::isinf(value)) continue;
@@ -182,7 +183,7 @@ TEST_F(BigintTest, DoublesAreTakenApart) {
 }
 
 TEST_F(BigintTest, LeadingBitsBecomeADouble) {
-  for (int i = 0; i < 10000; ++i) {
+  for (int i = 0; i < Rounds(10000); ++i) {
     uint128 value = Random(128) | 1;
     BigintPtr number = Make(value);
     int bits;
@@ -198,7 +199,7 @@ TEST_F(BigintTest, LeadingBitsBecomeADouble) {
 }
 
 TEST_F(BigintTest, RatioIsNearlyTheQuotient) {
-  for (int i = 0; i < 10000; ++i) {
+  for (int i = 0; i < Rounds(10000); ++i) {
     uint128 a = Random(128) | 1;
     uint128 b = Random(128) | 1;
     double expected = static_cast<double>(a) / static_cast<double>(b);
@@ -207,7 +208,7 @@ TEST_F(BigintTest, RatioIsNearlyTheQuotient) {
 }
 
 TEST_F(BigintTest, QuotientAndRest) {
-  for (int i = 0; i < 20000; ++i) {
+  for (int i = 0; i < Rounds(20000); ++i) {
     uint128 divisor = Random(124) | 1;
     // Every quotient, with the remainder at its bounds and between.
     uint128 rest = i % 3 == 0 ? 0 : i % 3 == 1 ? divisor - 1 : Random(124) % divisor;

@@ -7,6 +7,7 @@
 
 #include "base/core/ascii.h"
 #include "gtest/gtest.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -134,7 +135,7 @@ TEST(Ascii, CaseOfEveryByte) {
 
 TEST(Ascii, WordsHaveTheCaseOfTheirBytes) {
   std::mt19937_64 random(20261121);
-  for (int i = 0; i < 100000; ++i) {
+  for (int i = 0; i < Rounds(100000); ++i) {
     uint64_t word = random();
     uint64_t expected = 0;
     for (int shift = 0; shift < 64; shift += 8) {

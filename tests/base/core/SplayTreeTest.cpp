@@ -6,6 +6,7 @@
 
 #include "base/core/SplayTree.h"
 #include "gtest/gtest.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -330,13 +331,14 @@ TEST(SplayTree, StackWalkIsPostOrder) {
 
 TEST(SplayTree, AMillionElementsInAChainNeedNoRecursion) {
   {
+    constexpr int many = Rounds(1000000);
     Tree tree(1);
-    for (int key = 1; key <= 1000000; ++key) tree.Insert(new Item(key));
+    for (int key = 1; key <= many; ++key) tree.Insert(new Item(key));
     Tree copy(tree);
     List<Item> list(0);
     tree.AppendToList(list);
-    EXPECT_EQ(list.Entries(), 1000000);
-    EXPECT_EQ(copy.Entries(), 1000000);
+    EXPECT_EQ(list.Entries(), many);
+    EXPECT_EQ(copy.Entries(), many);
   }
   EXPECT_EQ(Item::alive, 0);
 }

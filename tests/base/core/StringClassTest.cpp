@@ -9,6 +9,7 @@
 #include "base/core/ThreadMemory.h"
 #include "gtest/gtest.h"
 #include "tests/support/FailingAllocator.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -443,7 +444,7 @@ TEST(String, SearchRunsOverNULs) {
 
 TEST(String, SearchAgreesWithTheStandardLibrary) {
   std::mt19937 random(7);
-  for (int i = 0; i < 20000; ++i) {
+  for (int i = 0; i < Rounds(20000); ++i) {
     std::string text(random() % 12, 0);
     std::string pattern(1 + random() % 3, 0);
     for (char& c : text) c = static_cast<char>('a' + random() % 2);

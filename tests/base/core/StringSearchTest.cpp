@@ -6,6 +6,7 @@
 #include <string>
 
 #include "gtest/gtest.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -146,7 +147,7 @@ TEST(StringSearch, EmptyPatternsHaveTheirOwnAnswers) {
 
 TEST(StringSearch, AgreesWithTheStandardLibrary) {
   std::mt19937 random(20261121);
-  for (int i = 0; i < 50000; ++i) {
+  for (int i = 0; i < Rounds(50000); ++i) {
     std::string letters = i % 2 ? "abAB" : "abcdefgh\xc4\xe4";
     std::string text = RandomText(random, random() % 40, letters);
     std::string pattern = RandomText(random, 1 + random() % 5, letters);
@@ -180,7 +181,7 @@ TEST(StringSearch, BothMethodsAgreeAroundTheLimitOfTheOperators) {
 // others.
 TEST(StringSearch, ExactSearchesFindPatternsOfAnyLengthAtAnyPlace) {
   std::mt19937 random(20261122);
-  for (int i = 0; i < 20000; ++i) {
+  for (int i = 0; i < Rounds(20000); ++i) {
     const std::string letters = i % 3 == 0 ? "ab" : i % 3 == 1 ? "abcd" : std::string("a\0\xff", 3);
     const size_t size = random() % (i % 50 == 0 ? 900 : 200);
     const std::string text = RandomText(random, size, letters);
@@ -256,7 +257,7 @@ TEST(StringSearch, TableReverseIgnoringCaseMayPassOverCapitals) {
 
 TEST(StringSearch, TableReverseFindsPatternsOfDifferentBytes) {
   std::mt19937 random(20261121);
-  for (int i = 0; i < 20000; ++i) {
+  for (int i = 0; i < Rounds(20000); ++i) {
     std::string text = RandomText(random, random() % 40, "abcd");
     std::string pattern = std::string("abcd").substr(random() % 4);
     ASSERT_EQ(Find(bm_search_reverse, pattern, text), Position(text.rfind(pattern)));
@@ -284,7 +285,7 @@ TEST(StringSearch, RollingHashTakesTheByteBehindTheTextForNUL) {
 
 TEST(StringSearch, RollingHashAgreesWithTheStandardLibrary) {
   std::mt19937 random(20261121);
-  for (int i = 0; i < 50000; ++i) {
+  for (int i = 0; i < Rounds(50000); ++i) {
     std::string letters = i % 2 ? "abAB" : std::string("ab\0\xff\x80", 5);
     std::string text = RandomText(random, random() % 40, letters);
     std::string pattern = RandomText(random, 1 + random() % 5, letters);

@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/Rounds.h"
+
 namespace {
 
 constexpr char SaltAlphabet[] = "./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
@@ -31,7 +33,7 @@ TEST(UFCrypt, EqualsTheSystemForRandomPasswordsAndSalts) {
   SCOPED_TRACE(seed);
   std::mt19937 random(seed);
   auto crypt = std::make_unique<UFCrypt>();
-  for (int i = 0; i < 10000; i++) {
+  for (int i = 0; i < Rounds(10000); i++) {
     std::string password;
     const size_t length = random() % 12;
     while (password.size() < length) password += static_cast<char>(random() % 255 + 1);

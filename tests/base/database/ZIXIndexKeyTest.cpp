@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "base/database/ZIXIndexFile.h"
+#include "tests/support/Rounds.h"
 #include "tests/support/ZIXIndexFixture.h"
 
 namespace {
@@ -80,7 +81,7 @@ TEST(ZIXIndexKey, NumbersAreWhatStrtodReads) {
   std::mt19937_64 random(7);
   std::vector<std::string> texts = {".5",  "5.", "-.5", "-0.0", "-5.", "1.2.3",
                                     "..1", "-",  "-.",  "--1",  "1.-2"};
-  for (int i = 0; i < 20000; i++) {
+  for (int i = 0; i < Rounds(20000); i++) {
     std::string text = random() % 3 ? "" : "-";
     for (unsigned digits = static_cast<unsigned>(random() % 19); digits > 0; digits--)
       text += static_cast<char>('0' + random() % 10);

@@ -308,7 +308,7 @@ TEST(Dtos, EqualsTheDigitsOfBigIntegersAtEveryPrecision) {
   constexpr unsigned seed = 99;
   SCOPED_TRACE(seed);
   std::mt19937_64 random(seed);
-  for (int i = 0; i < 100000; i++) {
+  for (int i = 0; i < Rounds(100000); i++) {
     const double value =
         i % 2 ? static_cast<double>(static_cast<int>(random() % 2000001) - 1000000) / 1000
               : std::ldexp(static_cast<double>(random() >> 11), -static_cast<int>(random() % 120));
@@ -320,7 +320,7 @@ TEST(Dtos, EqualsTheDigitsOfBigIntegersAtEveryPrecision) {
 
 TEST(Dtos, OpenPrecisionReadsBackAsTheSameDouble) {
   std::mt19937_64 random(7);
-  for (int i = 0; i < 100000; i++) {
+  for (int i = 0; i < Rounds(100000); i++) {
     const double value =
         std::ldexp(static_cast<double>(random() >> 11) + 1, static_cast<int>(random() % 60) - 53);
     const string text = Dtos(value, -1).text;
@@ -398,7 +398,7 @@ TEST(Stoi, MeasuresTheTextAndTakesNoErrorPointer) {
 
 TEST(Stoi, ReadsBackWhatItosWrites) {
   std::mt19937 random(5);
-  for (int i = 0; i < 100000; i++) {
+  for (int i = 0; i < Rounds(100000); i++) {
     const int value = static_cast<int>(random());
     int length;
     const std::unique_ptr<char[]> text(App::itos(value, &length, nullptr));
@@ -523,7 +523,7 @@ TEST(Stod, EqualsStrtodOnRandomTexts) {
   std::mt19937 random(seed);
   const string alphabet = "00112233445566778899..eE+-- xXaAfFnNiItTyY(p)";
   int numbers = 0;
-  for (int i = 0; i < 2000000; i++) {
+  for (int i = 0; i < Rounds(2000000); i++) {
     string text;
     const size_t length = random() % 10 + 1;
     while (text.size() < length) text += alphabet[random() % alphabet.size()];
@@ -542,12 +542,12 @@ TEST(Stod, EqualsStrtodOnRandomTexts) {
     }
     numbers += whole;
   }
-  EXPECT_GT(numbers, 100000);
+  EXPECT_GT(numbers, Rounds(100000));
 }
 
 TEST(Stod, EqualsStrtodOnRandomNumbers) {
   std::mt19937_64 random(31);
-  for (int i = 0; i < 200000; i++) {
+  for (int i = 0; i < Rounds(200000); i++) {
     const double value = FromBits(random());
     char text[64];
     const int digits = static_cast<int>(random() % 20) + 1;
@@ -626,7 +626,7 @@ TEST(DecodeAttribute, TableOfTexts) {
 
 TEST(DecodeAttribute, ReadsBackWhatEncodeAttributeWrites) {
   std::mt19937 random(3);
-  for (int i = 0; i < 10000; i++) {
+  for (int i = 0; i < Rounds(10000); i++) {
     string text(random() % 50, 0);
     for (char& c : text) c = static_cast<char>(random());
     ASSERT_EQ(Encode(App::DecodeAttribute, Encode(App::EncodeAttribute, text).text).text, text);
@@ -692,7 +692,7 @@ TEST(DecodeEntities, TableOfTexts) {
 TEST(DecodeEntities, ReadsBackWhatEncodeEntitiesWrites) {
   std::mt19937 random(4);
   const string alphabet = "\"&()<>ab; ";
-  for (int i = 0; i < 20000; i++) {
+  for (int i = 0; i < Rounds(20000); i++) {
     string text;
     const size_t length = random() % 12;
     while (text.size() < length) text += alphabet[random() % alphabet.size()];
@@ -999,7 +999,7 @@ TEST(Encoders, EqualPlainModelsOnRandomTexts) {
   TestApplication utf8, other;
   utf8.SetCharacterSet("utf-8");
   other.SetCharacterSet("iso-8859-1");
-  for (int i = 0; i < 20000; i++) {
+  for (int i = 0; i < Rounds(20000); i++) {
     const string text = RandomText(&random, random() % 40);
     ASSERT_EQ(Encode(App::EncodeAttribute, text).text, PlainEncodeAttribute(text)) << text;
     ASSERT_EQ(Encode(App::DecodeAttribute, text).text, PlainDecodeAttribute(text)) << text;
@@ -1075,7 +1075,7 @@ TEST(Stoi, EqualsAPlainModelOnRandomTexts) {
   const string digits = "0123456789";
   const string others = "0019-xXaAfFgG. +";
   int numbers = 0;
-  for (int i = 0; i < 500000; i++) {
+  for (int i = 0; i < Rounds(500000); i++) {
     string text = random() % 3 == 0 ? "-" : random() % 3 == 0 ? "0x" : "";
     const bool plain = random() % 2;
     for (size_t more = random() % 14; more > 0; more--) {
@@ -1088,7 +1088,7 @@ TEST(Stoi, EqualsAPlainModelOnRandomTexts) {
     ASSERT_EQ(error, expected_error) << text;
     numbers += !error;
   }
-  EXPECT_GT(numbers, 100000);
+  EXPECT_GT(numbers, Rounds(100000));
 }
 
 // The shortest digits that read back as the value, if they have at least as many decimals as
@@ -1112,7 +1112,7 @@ TEST(Dtos, EqualsAPlainModelAtEveryPrecision) {
   constexpr unsigned seed = 7004;
   SCOPED_TRACE(seed);
   std::mt19937_64 random(seed);
-  for (int i = 0; i < 300000; i++) {
+  for (int i = 0; i < Rounds(300000); i++) {
     double value;
     switch (i % 4) {
       case 0:

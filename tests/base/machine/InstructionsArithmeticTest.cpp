@@ -13,6 +13,7 @@
 
 #include "base/core/dtoa.h"
 #include "tests/support/Machine.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -339,7 +340,7 @@ double Rounded(double value, int places) {
 
 TEST(InstructionsArithmetic, RoundingOfManyNumbers) {
   srand(7);
-  for (int i = 0; i < 20000; i++) {
+  for (int i = 0; i < Rounds(20000); i++) {
     int places = i % 3 ? rand() % 6 : rand() % 23;
     double value = (rand() % 2 ? 1 : -1) * (rand() % 2000000) / std::pow(10, rand() % 12);
     // Numbers of all lengths, besides those of few digits.

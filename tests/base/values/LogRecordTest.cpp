@@ -9,6 +9,7 @@
 #include "base/values/Variable.h"
 #include "base/values/VariableKinds.h"
 #include "base/values/VariableRef.h"
+#include "tests/support/Rounds.h"
 #include "tests/support/TestApplication.h"
 
 namespace {
@@ -199,7 +200,7 @@ TEST(LogRecord, AValueThatContainsItselfEnds) {
 TEST(LogRecord, NestingHasNoLimit) {
   const VariableRef outermost(new Variable("a", -1));
   Variable* variable = outermost.get();
-  for (int i = 0; i < 100000; i++) variable = variable->Element(AggregateIndex(1), 1);
+  for (int i = 0; i < Rounds(100000); i++) variable = variable->Element(AggregateIndex(1), 1);
   variable->SetValue("x", 1);
   const std::string shown = Shown(outermost.get());
   EXPECT_EQ(shown.substr(0, 20), "[1] = [ [1] = [ [1] ");
