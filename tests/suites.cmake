@@ -3,6 +3,24 @@
 # waits for the clock: each of its claims is a test by itself, so that they can wait side by side.
 # ZEPH_TEST_PROGRAMS has the paths of the test programs, and ZEPH_WAITING_PROGRAM the name of one whose
 # suites are all slow, if there is one.
+#
+# Slow and quick tests run side by side (script/test). Those that work take one of the "processors" of a
+# resource specification each, and leave the processor to those that wait for the clock when these wake.
+
+# Those that work, though each of their claims is a test by itself, and suites that wait for others.
+set(working "^Slow(ZIXIndexRandom|Soak|Regex|OtherMakers)\\.")
+set(waiting "^(SubmittedMail|RealMail|SMTPOverTheNetwork|Connections|Calls|SpecialVariableHosts)$")
+
+# What takes long begins first: beginnings of names, and roughly the seconds.
+set(long
+  "Packages" 40 "SlowHosts" 40 "SlowZIXIndexRandom" 30 "SlowOtherMakers" 25 "SubmittedMail" 24
+  "SlowExampleSite" 22 "SlowTime.ALimitOfZero" 21 "SlowSoak" 20 "MemoryTest" 20 "SlowTime.Hangup" 17
+  "SlowShutdown.BesideA" 16 "SlowShutdown.AConnection" 16 "RealMail" 12 "SMTPOverTheNetwork" 12
+  "DatabaseSharing" 12 "HotCode" 12 "SlowTime" 11 "SlowTask" 10 "SlowRegex" 10 "Dtoa" 10
+  "CallScanner" 10 "ZIXIndexDamageTest" 10 "SlowPost" 9 "SlowLock" 9 "SlowCalls" 8
+  "SlowWebServers" 8 "SlowServerFiles" 8 "SlowShutdown" 8 "DenseElements" 8 "UNIXTLSTest" 7
+  "URLEncodedParser" 6 "Calls" 6 "Connections" 6 "FilesUnderFailures" 6 "IndexesUnderFailures" 6
+  "LongWork" 6 "FrameReuse" 5 "Slow" 5)
 
 foreach(program ${ZEPH_TEST_PROGRAMS})
   get_filename_component(name ${program} NAME)
@@ -39,7 +57,22 @@ foreach(program ${ZEPH_TEST_PROGRAMS})
     else()
       continue()
     endif()
-    add_test(${test} ${program} --gtest_filter=${filter} --gtest_brief=1)
+    set(command ${program} --gtest_filter=${filter} --gtest_brief=1)
+    if((label STREQUAL quick AND NOT test MATCHES "${waiting}") OR test MATCHES "${working}")
+      add_test(${test} nice ${command})
+      set_tests_properties(${test} PROPERTIES RESOURCE_GROUPS "processors:1")
+    else()
+      add_test(${test} ${command})
+    endif()
     set_tests_properties(${test} PROPERTIES LABELS ${label} WORKING_DIRECTORY ${folder}/../tests)
+    set(rest ${long})
+    while(rest)
+      list(POP_FRONT rest beginning seconds)
+      string(FIND "${test}" "${beginning}" at)
+      if(at EQUAL 0)
+        set_tests_properties(${test} PROPERTIES COST ${seconds})
+        break()
+      endif()
+    endwhile()
   endforeach()
 endforeach()

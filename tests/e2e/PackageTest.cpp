@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <memory>
 #include <string>
 
+#include "base/core/Sanitizers.h"
 #include "tests/support/Command.h"
 #include "tests/support/Paths.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -16,18 +18,24 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-// Each test makes the packages from what the build has.
-class SlowPackages : public testing::Test {
+// The packages are made once, from what the build has.
+class Packages : public testing::Test {
  protected:
-  void SetUp() override {
+  static void SetUpTestSuite() {
+    if (kAddressSanitizer || kThreadSanitizer) return;
+    directory = std::make_unique<TemporaryDirectory>();
     Command pack({"/usr/bin/env", "cpack", "--config", InBuild("CPackConfig.cmake"), "-B",
-                  directory.path("work")});
-    pack.directory = directory.path();
-    pack.environment["TMPDIR"] = directory.path();
+                  directory->path("work")});
+    pack.directory = directory->path();
+    pack.environment["TMPDIR"] = directory->path();
     ASSERT_EQ(pack.Run(), 0) << pack.output << pack.errors;
   }
+  static void TearDownTestSuite() { directory.reset(); }
+  void SetUp() override {
+    if (!directory) GTEST_SKIP() << "no packages are made of programs with a sanitizer";
+  }
   std::string Path(const std::string& package) {
-    Command find({"/usr/bin/find", directory.path("packages"), "-name", package + "_*.deb"});
+    Command find({"/usr/bin/find", directory->path("packages"), "-name", package + "_*.deb"});
     find.Run();
     return find.output.substr(0, find.output.find('\n'));
   }
@@ -36,10 +44,10 @@ class SlowPackages : public testing::Test {
     EXPECT_EQ(show.Run(), 0) << show.errors;
     return show.output;
   }
-  TemporaryDirectory directory;
+  static inline std::unique_ptr<TemporaryDirectory> directory;
 };
 
-TEST_F(SlowPackages, EachHasItsPart) {
+TEST_F(Packages, EachHasItsPart) {
   const std::string engine = Shown("--contents", "zeph-engine");
   for (const char* file :
        {"./usr/bin/zeph-fcgi\n", "./usr/lib/zeph/libzephconfig.so\n", "./usr/lib/zeph/zephstd.so\n",
@@ -64,22 +72,22 @@ TEST_F(SlowPackages, EachHasItsPart) {
 }
 
 // A program of systemd reads the units as the service manager would.
-TEST_F(SlowPackages, TheUnitsAreValid) {
-  Command unpack({"/usr/bin/dpkg-deb", "-x", Path("zeph-engine"), directory.path("root")});
+TEST_F(Packages, TheUnitsAreValid) {
+  Command unpack({"/usr/bin/dpkg-deb", "-x", Path("zeph-engine"), directory->path("root")});
   ASSERT_EQ(unpack.Run(), 0) << unpack.errors;
   Command verify({"/usr/bin/env", "systemd-analyze", "verify", "--man=no", "--recursive-errors=no",
-                  "--root=" + directory.path("root"), "zeph.service", "zeph.socket"});
+                  "--root=" + directory->path("root"), "zeph.service", "zeph.socket"});
   EXPECT_EQ(verify.Run(), 0) << verify.output << verify.errors;
   EXPECT_THAT(verify.errors, Not(HasSubstr("zeph.")));
 }
 
 // packaging/try installs, serves, upgrades, removes and purges in a copy of a bare system, which
 // "debootstrap --variant=minbase bookworm FOLDER" makes.
-TEST_F(SlowPackages, AreInstalledServeAndGoWithoutATrace) {
+TEST_F(Packages, AreInstalledServeAndGoWithoutATrace) {
   const char* root = getenv("ZEPH_BARE_ROOT");
   if (!root) GTEST_SKIP() << "ZEPH_BARE_ROOT names no folder that debootstrap has made";
-  Command attempt({InSource("packaging/try"), directory.path("packages"), root});
-  attempt.environment["TMPDIR"] = directory.path();
+  Command attempt({InSource("packaging/try"), directory->path("packages"), root});
+  attempt.environment["TMPDIR"] = directory->path();
   EXPECT_EQ(attempt.Run(), 0) << attempt.errors;
   EXPECT_EQ(attempt.output, "fine\n");
 }
