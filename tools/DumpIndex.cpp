@@ -232,7 +232,7 @@ class IndexCheck {
       const unsigned char* const before = reinterpret_cast<const unsigned char*>(last_key.c_str());
       const int order =
           ZIXIndexFile::Compare(before, page.key(i), 1, static_cast<int>(index.flags()));
-      if (order > 0) PageProblem(page.pagenum, name + "out of order behind '" + last_key + "'");
+      if (order > 0) PageProblem(page.pagenum, name + "out of order after '" + last_key + "'");
       if (order == 0 && (index.flags() & ZIXIndex_Unique))
         PageProblem(page.pagenum, name + "occurs twice");
     }

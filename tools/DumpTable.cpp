@@ -382,9 +382,9 @@ class TableChecker {
       Note("the last update is no date: " + DateText(table));
     if ((table.header_length() - 33) % 32 != 0)
       Note("the header has " + std::to_string((table.header_length() - 33) % 32) +
-           " bytes behind its fields");
+           " bytes after its fields");
     if (ByteAt(file, 32 + 32L * static_cast<long>(fields.size())) != 0x0D)
-      Note("no end mark behind the fields");
+      Note("no end mark after the fields");
     int length = 1;
     for (XBaseField* field : fields) length += field->length();
     if (length != table.record_length())
@@ -417,12 +417,12 @@ class TableChecker {
       const long whole = table.record_length() > 0
                              ? std::max(0L, length - table.header_length()) / table.record_length()
                              : 0;
-      Problem("the file ends behind " + std::to_string(whole) + " of " +
+      Problem("the file ends after " + std::to_string(whole) + " of " +
               std::to_string(table.record_count()) + " records");
     } else if (ByteAt(file, end) != 0x1A) {
-      Note("no end mark behind the records");
+      Note("no end mark after the records");
     } else if (length > end + 1) {
-      Note(std::to_string(length - end - 1) + " bytes behind the end mark");
+      Note(std::to_string(length - end - 1) + " bytes after the end mark");
     }
   }
 
@@ -434,7 +434,7 @@ class TableChecker {
     const long used = (memo_length - 1) / block_length;
     // In a new memo file the end mark is in the first free block.
     if (table.next_memo_block() >= 1 && used > table.next_memo_block())
-      Note("the memo file goes on behind the next free block");
+      Note("the memo file goes on after the next free block");
   }
 
   void CheckRecords() {

@@ -42,7 +42,7 @@ bool RunWithout(const std::function<void()>& run, long number, FailingAllocator:
   }
   EXPECT_EQ(ThreadMemory::Used(), before)
       << "bytes held before and after block " << number
-      << (mode == FailingAllocator::Once ? " was refused" : " and all behind it were refused");
+      << (mode == FailingAllocator::Once ? " was refused" : " and all after it were refused");
   return !refused;
 }
 

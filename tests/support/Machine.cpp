@@ -45,17 +45,17 @@ std::string Machine::StackText() {
   std::string all;
   while (stack().Entries() > 0) {
     const ZephVM_Stack::Stack_Entry* top = stack().Peek();
-    std::string before, behind;
+    std::string before, after;
     if (top->kind == ZephVM_Stack::KindDouble) before = "d";
-    if (top->kind == ZephVM_Stack::KindString) before = behind = "\"";
-    if (top->kind == ZephVM_Stack::KindLinkBuffer) before = "<", behind = ">";
+    if (top->kind == ZephVM_Stack::KindString) before = after = "\"";
+    if (top->kind == ZephVM_Stack::KindLinkBuffer) before = "<", after = ">";
     if (top->kind == ZephVM_Stack::KindVariable) {
-      before = "(", behind = ")";
-      if (top->value.variable->type() == VariableNULL) behind = "null)";
+      before = "(", after = ")";
+      if (top->value.variable->type() == VariableNULL) after = "null)";
     }
     PoppedString text(&stack());
     std::string entry =
-        before + std::string(text.data(), static_cast<size_t>(text.length())) + behind;
+        before + std::string(text.data(), static_cast<size_t>(text.length())) + after;
     all = all.empty() ? entry : entry + " " + all;
   }
   return all;

@@ -194,7 +194,7 @@ TEST_F(DumpIndexTest, EachDamageIsNamed) {
        "problem: page 1: File is corrupt (the number of entries is larger than the maximum entries "
        "possible).\n1 problem\n"},
       {"order", left + 12, "x",
-       "problem: page 1: entry 1, key 'b': out of order behind 'x'\n1 problem\n"},
+       "problem: page 1: entry 1, key 'b': out of order after 'x'\n1 problem\n"},
       {"twice", left + 12 + 108, "a",
        "problem: page 1: entry 1, key 'a': occurs twice\n1 problem\n"},
       {"record", right + 8, number(0), "problem: page 2: entry 0, key 'f': record number 0\n"},

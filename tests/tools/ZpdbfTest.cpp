@@ -41,7 +41,7 @@ TEST_F(Zpdbf, ChecksATable) {
   EXPECT_EQ(output, "ok: 1 records, 0 deleted, 0 memos\n");
   directory.File("t.dbf", directory.Content("t.dbf").substr(0, 70));
   EXPECT_EQ(Run({"--check", "t.dbf"}), 1);
-  EXPECT_EQ(output, "problem: the file ends behind 0 of 1 records\n1 problem\n");
+  EXPECT_EQ(output, "problem: the file ends after 0 of 1 records\n1 problem\n");
 }
 
 TEST_F(Zpdbf, AFifoIsNotWaitedFor) {

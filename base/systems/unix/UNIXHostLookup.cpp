@@ -1,4 +1,4 @@
-// Look-ups on threads that may be left behind.
+// Look-ups on threads that may outlive the wait for them.
 // Tested in tests/base/systems/unix/UNIXHostLookupTest.cpp.
 
 #include "base/systems/unix/UNIXHostLookup.h"
@@ -26,8 +26,8 @@ using Milliseconds = std::chrono::milliseconds;
 // The longest sleep between two looks at cancelled().
 constexpr Milliseconds kSlice(250);
 
-// Threads at a time in the whole process. Scripts that give up on silent name servers leave threads
-// behind faster than the system ends them.
+// Threads at a time in the whole process. Scripts that give up on silent name servers leave them
+// faster than the system ends them.
 constexpr int kMostThreads = 64;
 constexpr Milliseconds kPauseForThread(20);
 
