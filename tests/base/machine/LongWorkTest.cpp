@@ -287,8 +287,8 @@ TEST(LongWork, PastTheTimeACopyIsEmptyAndSound) {
     copy = cut();
     const VariableRef numbers = cut();
     for (int i = count; i >= 1; i--) {
-      double number;
-      EXPECT_FALSE(copy->ReadElement(i, &number));
+      DenseSlot slot;
+      EXPECT_FALSE(copy->FindBare(i, &slot));
       EXPECT_EQ(copy->At(i, 0), nullptr);
       copy->At(i, 1)->SetValue_Integer(i);
       EXPECT_EQ(copy->At(i, 0)->value_integer(), i);

@@ -16,27 +16,16 @@
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
 #include "base/values/VariableRef.h"
+#include "tests/support/PlainElements.h"
 #include "tests/support/Rounds.h"
 
 namespace {
 
-// The reference: a splay tree with the operations of an array, each implemented directly.
-class Plain : public SplayTree<AggregateElement, const AggregateIndex&> {
+// The reference, with the operations of an array, each implemented directly.
+class Plain : public PlainElements {
  public:
-  Plain() : SplayTree(1) {}
-  Plain(const Plain& other) : SplayTree(1) { CopyFromSplayTree(other); }
-
-  const AggregateIndex& Key(AggregateElement* element) override { return element->index(); }
-  int Compare(const AggregateIndex& key, AggregateElement* element) override {
-    return element->index().Compare(key);
-  }
-
   AggregateElement* Element(int position, int create) {
-    AggregateElement* element = Find(AggregateIndex(position));
-    if (element || !create) return element;
-    element = new AggregateElement(AggregateIndex(position));
-    Insert(element);
-    return element;
+    return At(AggregateIndex(position), create);
   }
   void SetElement(int position, Variable* variable) {
     if (AggregateElement* element = Find(AggregateIndex(position))) {
@@ -235,11 +224,12 @@ class Pair {
     tree->Element(position, 1)->var()->SetValue_Integer(value);
   }
   void Read(int position) {
-    double number;
-    if (value % 3 == 0 && array->ReadElement(position, &number)) {
+    DenseSlot slot;
+    if (value % 3 == 0 && array->FindBare(position, &slot)) {
       AggregateElement* expected = tree->Element(position, 0);
       ASSERT_NE(expected, nullptr);
-      ASSERT_EQ(number, expected->var()->value_integer());
+      ASSERT_TRUE(slot.IsInteger());
+      ASSERT_EQ(slot.integer(), expected->var()->value_integer());
       return;
     }
     Variable* found =
@@ -793,9 +783,10 @@ TEST(DenseElements, ANumberReadsAsAVariableThatItWasStoredIn) {
   for (const int number : integers) ASSERT_TRUE(array->WriteElement(++position, number));
   position = 1;
   for (const double number : doubles) {
-    double read;
-    ASSERT_TRUE(array->ReadElement(++position, &read));
-    EXPECT_EQ(std::bit_cast<uint64_t>(read), std::bit_cast<uint64_t>(number));
+    DenseSlot slot;
+    ASSERT_TRUE(array->FindBare(++position, &slot));
+    ASSERT_FALSE(slot.IsInteger());
+    EXPECT_EQ(std::bit_cast<uint64_t>(slot.number()), std::bit_cast<uint64_t>(number));
     const VariableRef stored(new Variable());
     stored->SetValue_Double(number);
     Variable* element = array->At(position, 0);
@@ -805,9 +796,10 @@ TEST(DenseElements, ANumberReadsAsAVariableThatItWasStoredIn) {
     EXPECT_EQ(array->At(position, 0), element);
   }
   for (const int number : integers) {
-    double read;
-    ASSERT_TRUE(array->ReadElement(++position, &read));
-    EXPECT_EQ(read, number);
+    DenseSlot slot;
+    ASSERT_TRUE(array->FindBare(++position, &slot));
+    ASSERT_TRUE(slot.IsInteger());
+    EXPECT_EQ(slot.integer(), number);
     EXPECT_EQ(array->At(position, 0)->primary_type(), PrimaryInteger);
     EXPECT_EQ(array->At(position, 0)->value_integer(), number);
   }
@@ -820,25 +812,26 @@ TEST(DenseElements, WhoHasTheVariableSeesWhatIsStoredLater) {
   ASSERT_TRUE(array->WriteElement(2, 8.5));
   EXPECT_EQ(held->value_double(), 8.5);
   held->SetValue_Integer(9);
-  double number;
-  ASSERT_TRUE(array->ReadElement(2, &number));
-  EXPECT_EQ(number, 9);
+  const DenseSlot* const slot = array->SearchSlot(2);
+  ASSERT_NE(slot, nullptr);
+  ASSERT_TRUE(slot->IsVariable());
+  EXPECT_EQ(slot->variable(), held.get());
 }
 
 TEST(DenseElements, WhatIsNoPlainNumberIsLeftToTheVariable) {
   const VariableRef array = NewArray();
-  double number;
-  EXPECT_FALSE(array->ReadElement(1, &number));
-  EXPECT_FALSE(array->ReadElement(2, &number));
+  DenseSlot slot;
+  EXPECT_FALSE(array->FindBare(1, &slot));
+  EXPECT_FALSE(array->FindBare(2, &slot));
   EXPECT_FALSE(array->WriteElement(3, 1));
   EXPECT_FALSE(array->WriteElement(2, std::nan("")));
   EXPECT_EQ(array->ElementsUsed(), 1);
   const VariableRef target(new Variable());
   target->SetValue_Integer(1);
   array->At(1, 0)->Make_Reference(target.get());
-  EXPECT_FALSE(array->ReadElement(1, &number));
+  EXPECT_FALSE(array->FindBare(1, &slot));
   EXPECT_FALSE(array->WriteElement(1, 2));
-  EXPECT_FALSE(target->ReadElement(1, &number));
+  EXPECT_FALSE(target->FindBare(1, &slot));
   EXPECT_FALSE(target->WriteElement(1, 2));
 }
 
@@ -850,8 +843,8 @@ TEST(DenseElements, NumbersOutliveTheRowAndGoWithIt) {
   array->DeleteElement(AggregateIndex(50), false);
   array->Element(AggregateIndex(100), 1)->SetValue_Integer(100);  // a gap: a tree from here on
   for (int i = 2; i < 50; i++) ASSERT_EQ(array->At(i, 0)->value_integer(), i);
-  double number;
-  EXPECT_FALSE(array->ReadElement(2, &number));
+  DenseSlot slot;
+  EXPECT_FALSE(array->FindBare(2, &slot));
   copy->DeleteElements(1, -1, false);
   EXPECT_EQ(copy->ElementsUsed(), 0);
 }

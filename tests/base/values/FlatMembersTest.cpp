@@ -15,30 +15,18 @@
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
 #include "base/values/VariableRef.h"
+#include "tests/support/PlainElements.h"
 #include "tests/support/Rounds.h"
 
 namespace {
 
-// The reference: a splay tree with the operations of a structure, each implemented directly.
-class Plain : public SplayTree<AggregateElement, const AggregateIndex&> {
+// The reference, with the members of a structure by name.
+class Plain : public PlainElements {
  public:
-  Plain() : SplayTree(1) {}
-  Plain(const Plain& other) : SplayTree(1) { CopyFromSplayTree(other); }
-
-  const AggregateIndex& Key(AggregateElement* element) override { return element->index(); }
-  int Compare(const AggregateIndex& key, AggregateElement* element) override {
-    return element->index().Compare(key);
-  }
   static AggregateIndex KeyOf(const std::string& name) {
     return {name.data(), static_cast<int>(name.size())};
   }
-  AggregateElement* Member(const std::string& name, int create) {
-    AggregateElement* element = Find(KeyOf(name));
-    if (element || !create) return element;
-    element = new AggregateElement(KeyOf(name));
-    Insert(element);
-    return element;
-  }
+  AggregateElement* Member(const std::string& name, int create) { return At(KeyOf(name), create); }
   // Each name with its children's names.
   std::string Shape() const { return ShapeBelow(root); }
 

@@ -305,22 +305,19 @@ class Program {
     const Pair from = Walk(Some(), Below(3), false);
     if (!from.place) return;
     Variable* const real = from.variable->Real();
-    double number;
-    const int position = 1 + Below(4);
-    if (real->ReadElement(position, &number)) {
-      const Place element = ElementOf(from.place, position, false);
-      ASSERT_NE(element, nullptr);
-      ASSERT_EQ(number, element->kind == Node::Integer ? element->integer : element->number);
-    }
-    const char name[2] = {static_cast<char>('a' + Below(4)), '\0'};
     DenseSlot slot;
+    const int position = 1 + Below(4);
+    if (real->FindBare(position, &slot)) ExpectNumber(ElementOf(from.place, position, false), slot);
+    const char name[2] = {static_cast<char>('a' + Below(4)), '\0'};
     if (real->FindNumberMember(name, 1, &hints[name[0] - 'a'], &slot)) {
-      const Place member = MemberOf(from.place, name, false);
-      ASSERT_NE(member, nullptr);
-      ASSERT_EQ(member->kind, slot.IsInteger() ? Node::Integer : Node::Double);
-      ASSERT_EQ(slot.IsInteger() ? slot.integer() : slot.number(),
-                slot.IsInteger() ? member->integer : member->number);
+      ExpectNumber(MemberOf(from.place, name, false), slot);
     }
+  }
+  static void ExpectNumber(const Place& place, const DenseSlot& slot) {
+    ASSERT_NE(place, nullptr);
+    ASSERT_EQ(place->kind, slot.IsInteger() ? Node::Integer : Node::Double);
+    ASSERT_EQ(slot.IsInteger() ? slot.integer() : slot.number(),
+              slot.IsInteger() ? place->integer : place->number);
   }
 
  public:
