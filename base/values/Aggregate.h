@@ -148,15 +148,6 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
     is_isolated = false;
     return dense.Find(position);
   }
-  // Reads a number of a row by a search: the number in the element's slot, or that of its variable
-  // if it is plain and has no text to convert. Returns false and makes no search in all other
-  // cases; *number is then undefined.
-  bool ReadNumber(int position, double* number) {
-    const DenseSlot* slot = dense.SlotAt(position);
-    if (!slot || !NumberIn(*slot, number)) return false;
-    dense.Search(position);
-    return true;
-  }
   // The value of an element of a row, by a search; null and no search for others.
   const DenseSlot* SearchSlot(int position) { return dense.SearchSlot(position); }
   // The variable of an element of a row, by a search, if it has one already and the caller may
@@ -327,19 +318,6 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   // Whether members are flat, or would be if there were any. REQUIRES: the tree has no positions.
   bool IsFlat() const { return !root; }
 
-  static bool NumberIn(const DenseSlot& slot, double* number) {
-    if (slot.IsVariable()) {
-      const unsigned forms = slot.variable()->plain_forms();
-      if (forms & Variable::DoubleForm) {
-        *number = slot.variable()->plain_double();
-        return true;
-      }
-      *number = slot.variable()->plain_integer();
-      return forms == Variable::IntegerForm;
-    }
-    *number = slot.IsInteger() ? slot.integer() : slot.number();
-    return true;
-  }
   bool IsEmpty() const { return Entries() == 0; }
   bool TakesDense(const AggregateIndex& index) const {
     return !root && index.position >= 0 && dense.Takes(index.position);
@@ -408,11 +386,6 @@ inline bool Variable::WriteMember(const char* name, int length, MemberHint* hint
   if (!IsPlain()) return false;
   if (aggregate == AggregateNone) Convert_Aggregate(AggregateStructure);
   return aggregate == AggregateStructure && elements->WriteMember(name, length, hint, number);
-}
-
-inline bool Variable::ReadElement(int position, double* number) {
-  return IsPlain() && aggregate == AggregateArray && elements->IsRow() &&
-         elements->ReadNumber(position, number);
 }
 
 inline const DenseSlot* Variable::SearchSlot(int position) {

@@ -431,11 +431,9 @@ class Variable {
   // Element(AggregateIndex(position), create). A caller that keeps the variable, or uses it after
   // another operation on this one, takes a count; the result of Element() is good without.
   Variable* At(int position, int create);
-  // A script's read or store of a number by position, the number as value_double() gives it. Return
-  // false and change nothing (but *number, which is then undefined) where more work is needed. The
-  // element gets no Variable until a caller needs one. In base/values/Aggregate.h.
+  // A script's store of a number by position. Returns false and changes nothing where more work is
+  // needed. The element gets no Variable until a caller needs one. In base/values/Aggregate.h.
   // REQUIRES: position is 1 or more.
-  bool ReadElement(int position, double* number);
   template <typename Number>  // int or double
   bool WriteElement(int position, Number number);
   // Finds an element that has only a number so far and no Variable: then *slot receives it. A
