@@ -367,7 +367,8 @@ TEST(CallScanner, LongBodiesTakeLinearTime) {
 
 TEST(CallScanner, APageOfTenMegabytes) {
   CallHost host;
-  const std::string body = Repeated("<p class=\"c\" id=x>Some text of a page.</p>\n", 10 << 20);
+  const std::string body =
+      Repeated("<p class=\"c\" id=x>Some text of a page.</p>\n", Rounds(10 << 20));
   host.peer.bytes = "HTTP/1.1 200 OK\r\n\r\n" + body;
   const auto call = host.Connect(CallHost::Arguments("GET"));
   size_t bytes = 0;
