@@ -2,6 +2,7 @@
 
 #include "develop/Places.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
@@ -21,6 +22,10 @@ fs::path Places::Library(const std::string& name) const {
     if (fs::is_regular_file(folder / name, failure)) return folder / name;
   }
   return {};
+}
+
+bool Places::IsShipped(const fs::path& library) const {
+  return std::find(libraries.begin(), libraries.end(), library.parent_path()) != libraries.end();
 }
 
 int Failed(const std::string& text) {

@@ -19,6 +19,8 @@ struct Places {
   static Places Find();
   // The path of a library, or of a file beside it; empty if it is in none of the folders.
   std::filesystem::path Library(const std::string& name) const;
+  // Whether a library is in one of those folders itself.
+  bool IsShipped(const std::filesystem::path& library) const;
 };
 
 // Reports "zeph: text" on standard error. Returns the exit status of a failure.

@@ -159,14 +159,21 @@ class Reader {
     return with_zeph.empty() ? places.Library(path.filename().string()) : with_zeph;
   }
 
-  void AddFunctions(fs::path library) {
-    library.replace_extension(".functions");
+  // The file is beside a library, but an installation has it with the files that are no programs.
+  void AddFunctions(const fs::path& library) {
+    fs::path path = library;
+    path.replace_extension(".functions");
     // One that is made later counts then.
-    settings->files.push_back(library);
+    settings->files.push_back(path);
     FunctionsFile file;
-    if (!ReadWholeFile(library, &file.text)) return;
-    const std::string inside = library.lexically_relative(root).string();
-    file.name = inside.empty() || inside.compare(0, 2, "..") == 0 ? library.string() : inside;
+    if (!ReadWholeFile(path, &file.text)) {
+      if (!places.IsShipped(library)) return;
+      path = places.shared / path.filename();
+      settings->files.push_back(path);
+      if (!ReadWholeFile(path, &file.text)) return;
+    }
+    const std::string inside = path.lexically_relative(root).string();
+    file.name = inside.empty() || inside.compare(0, 2, "..") == 0 ? path.string() : inside;
     settings->functions.push_back(std::move(file));
   }
 

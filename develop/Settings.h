@@ -18,7 +18,8 @@ struct SiteSettings {
   // The file with the three directories as given, with libraries by their full paths, and otherwise
   // as it is. Directories that the file names belong to the server that the site will be on.
   std::string text;
-  // What the libraries declare: "name.functions" beside "name.so". Files of the site are named from
+  // What the libraries declare: "name.functions" beside "name.so", or where zeph has its other
+  // files. Files of the site are named from
   // its folder, others by their paths.
   std::vector<FunctionsFile> functions;
   // The files that the above is made from, and those that would be if they were there.

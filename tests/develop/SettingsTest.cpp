@@ -46,6 +46,22 @@ TEST_F(SettingsTest, WithoutAFileThereIsTheStandardLibrary) {
   EXPECT_EQ(settings.files[0], directory.path("lib/zeph/zephstd.functions"));
 }
 
+// An installation has libraries in lib/zeph, and their functions in share/zeph.
+TEST_F(SettingsTest, FunctionsOfAShippedLibraryMayBeWithTheSharedFiles) {
+  places.shared = directory.Directory("share/zeph");
+  directory.File("lib/zeph/zephstd.so");
+  const std::string shared = directory.File("share/zeph/zephstd.functions", "upper(text)");
+  EXPECT_THAT(Read().functions, ElementsAre(FunctionsFile{shared, "upper(text)"}));
+  // A library of the site has none of those.
+  directory.File("site/zephstd.so");
+  directory.File("site/zeph.toml", "[[library]]\nkind = \"builtin\"\npath = \"zephstd.so\"\n");
+  EXPECT_TRUE(Read().functions.empty());
+  const std::string beside = directory.File("lib/zeph/zephstd.functions", "lower(text)");
+  directory.File("site/zeph.toml",
+                 "[[library]]\nkind = \"builtin\"\npath = \"/usr/lib/else/zephstd.so\"\n");
+  EXPECT_THAT(Read().functions, ElementsAre(FunctionsFile{beside, "lower(text)"}));
+}
+
 TEST_F(SettingsTest, TheServersDirectoriesAreReplaced) {
   directory.File("site/zeph.toml",
                  "timeout_global = 5\ndir_zeph = \"/srv/site\"\n  dir_data = '''\n/srv/data'''\n"

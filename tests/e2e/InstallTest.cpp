@@ -99,6 +99,23 @@ TEST(Install, ZephRunsFromWhereItIsInstalled) {
   EXPECT_THAT(run.output, testing::HasSubstr("<h2>Hello, Ann!</h2>"));
 }
 
+TEST(Install, ZephKnowsTheFunctionsOfTheStandardLibrary) {
+  TemporaryDirectory directory;
+  for (const char* component : {"engine", "extensions", "zeph"}) {
+    Command install({"/usr/bin/env", "cmake", "--install", InBuild(""), "--component", component,
+                     "--prefix", directory.path("usr")});
+    ASSERT_EQ(install.Run(), 0) << install.errors;
+  }
+  const std::string zeph = directory.path("usr/bin/zeph");
+  Command made({zeph, "new", directory.path("site")});
+  ASSERT_EQ(made.Run(), 0) << made.errors;
+  directory.File("site/page.zeph", "{{ upper(\"tea\") }}");
+  Command run({zeph, "run", directory.path("site/page.zeph")});
+  run.environment = {{"ZpCONFIG_LIBRARY", ""}};
+  EXPECT_EQ(run.Run(), 0) << run.errors;
+  EXPECT_EQ(run.output, "TEA");
+}
+
 TEST(Install, PagesFindTheStandardLibrary) {
   TemporaryDirectory directory;
   for (const char* component : {"development", "extensions"}) {
