@@ -5,12 +5,13 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdio>
 #include <cstring>
 
 #include "base/core/CLocale.h"
 #include "base/core/StringClass.h"
+#include "base/host/ErrorLog.h"
 #include "fastcgi/FastCGIThreads.h"
+#include "fastcgi/OperatorSettings.h"
 
 namespace {
 
@@ -62,8 +63,10 @@ void Process_CommandLine_Args(_FastCGIMainArgs* arguments) {
       if (count >= 1 && count < static_cast<double>(INT_MAX) + 1) {
         arguments->thread_count = static_cast<int>(count);
       } else {
-        fprintf(stderr, "zeph-fcgi: -t needs a number of threads, found '%s'; %d are started\n",
-                argv[i], arguments->thread_count);
+        LogLine problem;
+        problem.Text("zeph-fcgi: -t needs a number of threads, found '").Text(argv[i]);
+        problem.Text("'; ").Number(arguments->thread_count).Text(" are started");
+        OperatorSettings::Report(problem);
       }
     } else if (IsOption(argv[i], 'p')) {
       title = argv[++i];

@@ -46,13 +46,7 @@ void OperatorSettings::Beat() {
 
 void OperatorSettings::Read(Config* config, bool loaded) {
   const char* log = config->value_string(Config_error_log);
-  if ((log || loaded) && !ErrorLog::OfProcess().Open(log)) {
-    char reason[256];
-    char text[1024];
-    const int length = snprintf(text, sizeof text, "error_log: %.600s: %s; the log stays as it was",
-                                log, strerror_r(errno, reason, sizeof reason));
-    ReportOnce("zeph-fcgi", text, std::min(length, static_cast<int>(sizeof text) - 1));
-  }
+  if (log || loaded) UseLog(log);
   if (!loaded) return;
   due.store(false, std::memory_order_relaxed);
   request_timeout.store(std::max(config->value_integer(Config_timeout_request), 0),
@@ -60,6 +54,22 @@ void OperatorSettings::Read(Config* config, bool loaded) {
   shows_errors.store(config->value_integer(Config_show_errors) != 0, std::memory_order_relaxed);
   sends_status_codes.store(config->value_integer(Config_status_codes) != 0,
                            std::memory_order_relaxed);
+}
+
+void OperatorSettings::UseLog(const char* name) {
+  if (name && !*name) name = nullptr;
+  if (ErrorLog::OfProcess().Open(name)) return;
+  char reason[256];
+  char text[1024];
+  const int length = snprintf(text, sizeof text, "error_log: %.600s: %s; the log stays as it was",
+                              name ? name : "", strerror_r(errno, reason, sizeof reason));
+  ReportOnce("zeph-fcgi", text, std::min(length, static_cast<int>(sizeof text) - 1));
+}
+
+void OperatorSettings::Report(const char* what, const char* why) {
+  LogLine line;
+  line.Text("zeph-fcgi: ").Text(what).Text(why);
+  Report(line);
 }
 
 void OperatorSettings::Report(const LogLine& problem) {

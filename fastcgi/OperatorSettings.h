@@ -32,8 +32,14 @@ class OperatorSettings {
   static bool ShowsErrors() { return shows_errors.load(std::memory_order_relaxed); }
   static bool SendsStatusCodes() { return sends_status_codes.load(std::memory_order_relaxed); }
 
-  // Reports a problem of the process itself; on standard error, if it has no log yet.
+  // Sends the lines of the process to the log that the setting error_log names; null or empty means
+  // that it is not set. If a file cannot be opened the log stays as it was, and says so once.
+  static void UseLog(const char* name);
+
+  // Reports a problem of the process itself, as distinct from one of a request; on standard error,
+  // if it has no log yet, as in a test. The second form reports "zeph-fcgi: ", `what` and `why`.
   static void Report(const LogLine& problem);
+  static void Report(const char* what, const char* why = nullptr);
 
  private:
   static std::atomic<bool> due;

@@ -6,14 +6,16 @@
 
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
 
+#include "base/host/Config.h"
+#include "base/host/ErrorLog.h"
 #include "config/SnapshotStore.h"
+#include "fastcgi/OperatorSettings.h"
 
 namespace {
 
@@ -32,7 +34,7 @@ std::string FileOfSettings() {
 
 }  // namespace
 
-ProcessSection ReadProcessSettings() {
+ProcessSettings ReadProcessSettings() {
   const std::string path = FileOfSettings();
   struct stat status;
   // A FIFO would hang the start.
@@ -41,7 +43,10 @@ ProcessSection ReadProcessSettings() {
   std::ostringstream text;
   text << file.rdbuf();
   const Snapshot snapshot = Snapshot::Parse(path, text.str());
-  return snapshot.error.empty() ? snapshot.process : ProcessSection();
+  ProcessSettings settings;
+  if (snapshot.error.empty()) static_cast<ProcessSection&>(settings) = snapshot.process;
+  if (const Setting* log = snapshot.Find(Config_error_log)) settings.error_log = log->text;
+  return settings;
 }
 
 int WorkersOf(int argc, char* const* argv) {
@@ -57,10 +62,10 @@ int WorkersOf(int argc, char* const* argv) {
       if (problem == std::errc() && rest == end && count >= 1 && count <= kMostWorkers) {
         workers = count;
       } else {
-        fprintf(stderr,
-                "zeph-fcgi: --workers needs a number from 1 to %d, found '%s'; one process "
-                "serves\n",
-                kMostWorkers, text);
+        LogLine line;
+        line.Text("zeph-fcgi: --workers needs a number from 1 to ").Number(kMostWorkers);
+        line.Text(", found '").Text(text).Text("'; one process serves");
+        OperatorSettings::Report(line);
         workers = 0;
       }
     }

@@ -10,11 +10,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <utility>
 
+#include "base/host/ErrorLog.h"
 #include "fastcgi/FastCGIThreads.h"
+#include "fastcgi/OperatorSettings.h"
+#include "fastcgi/ProcessSettings.h"
 #include "fastcgi/ServiceManager.h"
 
 namespace {
@@ -46,7 +48,7 @@ Supervisor::Supervisor(int workers, int threads, const std::string& status_addre
   if (status_socket >= 0) {
     server.Adopt(status_socket);
   } else if (has_status && !server.Listen(status_address, &problem)) {
-    fprintf(stderr, "zeph-fcgi: status_listen: %s\n", problem.c_str());
+    OperatorSettings::Report("status_listen: ", problem.c_str());
   }
 }
 
@@ -62,7 +64,7 @@ bool Supervisor::Run() {
   signals.reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
   changes.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!signals.is_open() || !changes.is_open()) {
-    fprintf(stderr, "zeph-fcgi: no workers: %s\n", strerror(errno));
+    OperatorSettings::Report("no workers: ", strerror(errno));
     return false;
   }
   for (;;) {
@@ -101,7 +103,7 @@ bool Supervisor::StartWorker(Seat* seat) {
     return true;
   }
   if (pid < 0) {
-    fprintf(stderr, "zeph-fcgi: a worker cannot be started: %s\n", strerror(errno));
+    OperatorSettings::Report("a worker cannot be started: ", strerror(errno));
     seat->next_start = Clock::now() + std::chrono::seconds(1);
     return false;
   }
@@ -176,6 +178,7 @@ void Supervisor::BeginReload() {
   reloads_again = false;
   past.reloads++;
   ServiceManager::Reloading();
+  OperatorSettings::UseLog(ReadProcessSettings().error_log.c_str());
   for (Seat& seat : seats) {
     // A worker that does not serve yet is told to leave as soon as it can.
     seat.previous = std::exchange(seat.current, nullptr);
@@ -207,9 +210,11 @@ void Supervisor::Bury(const Worker& worker, int status) {
   if (is_failure) {
     past.workers_failed++;
     const bool by_signal = WIFSIGNALED(status);
-    fprintf(stderr, "zeph-fcgi: worker %d %s %d\n", static_cast<int>(worker.pid),
-            by_signal ? "was ended by signal" : "ended with status",
-            by_signal ? WTERMSIG(status) : WEXITSTATUS(status));
+    LogLine line;
+    line.Text("zeph-fcgi: worker ").Number(worker.pid);
+    line.Text(by_signal ? " was ended by signal " : " ended with status ");
+    line.Number(by_signal ? WTERMSIG(status) : WEXITSTATUS(status));
+    OperatorSettings::Report(line);
   }
   if (seat == seats.end()) return;
   if (seat->previous == &worker) {

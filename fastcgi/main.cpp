@@ -8,7 +8,6 @@
 #include <ctime>
 #include <string>
 
-#include "base/host/ErrorLog.h"
 #include "base/systems/unix/UNIXOpenSSL.h"
 #include "fastcgi/Arguments.h"
 #include "fastcgi/FastCGIExternalLibrary.h"
@@ -25,12 +24,6 @@ namespace {
 
 const int kListeningSocket = 0;
 
-void Report(const char* what, const char* why) {
-  LogLine line;
-  line.Text("zeph-fcgi: ").Text(what).Text(why);
-  OperatorSettings::Report(line);
-}
-
 // Request threads wait in accept. On a non-blocking socket accept would fail and all threads would
 // leave at once.
 void MakeBlocking(int descriptor) {
@@ -42,14 +35,15 @@ void MakeBlocking(int descriptor) {
 // only sign of the reason.
 void CheckListening(int descriptor) {
   if (IsListening(descriptor)) return;
-  Report("descriptor 0 is no listening socket: ", errno != 0 ? strerror(errno) : "not listening");
+  OperatorSettings::Report("descriptor 0 is no listening socket: ",
+                           errno != 0 ? strerror(errno) : "not listening");
 }
 
 // Runs until a signal ends the process. Without a heartbeat no script would have a time limit and
 // no signal an effect, so nothing is served.
 void Serve(FastCGIThreadManager* threads, _FastCGIMainArgs* arguments) {
   if (const int error = threads->StartHeartbeat()) {
-    Report("no heartbeat thread: ", strerror(error));
+    OperatorSettings::Report("no heartbeat thread: ", strerror(error));
     return;
   }
   if (threads->StartRequestThreads(arguments) > 0) {
@@ -65,12 +59,14 @@ void StartStatus(StatusThread* status, const std::string& address, int threads) 
   std::string problem;
   if ((descriptor >= 0 || !address.empty()) &&
       !status->Start(address, descriptor, threads, &problem)) {
-    Report("status_listen: ", problem.c_str());
+    OperatorSettings::Report("status_listen: ", problem.c_str());
   }
 }
 
 // Returns false in the supervisor when it has ended, and true in a process that is to serve.
-bool BecomeWorker(int workers, int threads, const ProcessSection& settings) {
+bool BecomeWorker(int workers, int threads, const ProcessSettings& settings) {
+  // A process that serves learns of its log by its first request. The supervisor has none.
+  OperatorSettings::UseLog(settings.error_log.c_str());
   Supervisor supervisor(workers, threads, settings.status_listen,
                         ServiceManager::TakeStatusSocket());
   return supervisor.Run();
@@ -94,7 +90,7 @@ int main(int argc, char** argv) {
   Process_CommandLine_Args(&arguments);
   tzset();
   const int workers = WorkersOf(argc, arguments.copied_arguments);
-  ProcessSection settings = ReadProcessSettings();
+  ProcessSettings settings = ReadProcessSettings();
   if (workers > 0 && IsListening(kListeningSocket)) {
     if (!BecomeWorker(workers, arguments.thread_count, settings)) {
       FreeArgs(argc, arguments.copied_arguments);
