@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -109,6 +110,7 @@ class Check {
     // The rest of a file with mistakes may not be what its author means.
     if (!snapshot.errors.empty()) return;
     CheckProcess(snapshot.process);
+    CheckOperatorLogs(snapshot);
     CheckDirectories(snapshot);
     for (const LibrarySection& library : snapshot.libraries) CheckLibrary(library);
   }
@@ -119,6 +121,17 @@ class Check {
     std::string problem;
     if (!StatusAddress::Parse(process.status_listen, &address, &problem)) {
       Problem("process.status_listen: " + problem);
+    }
+  }
+
+  void CheckOperatorLogs(const Snapshot& snapshot) {
+    const auto check = [this](const char* name, const std::string& path) {
+      if (!path.empty() && path[0] == '/') CheckWritable(name, path, false);
+    };
+    check("error_log", TextSetting(snapshot.settings, Config_error_log));
+    check("slow_log", TextSetting(snapshot.settings, Config_slow_log));
+    for (const ScriptSection& section : snapshot.scripts) {
+      check("script.slow_log", TextSetting(section.settings, Config_slow_log));
     }
   }
 
@@ -222,20 +235,25 @@ class Check {
     return false;
   }
 
-  // A log that cannot be written is no error of a request, so this is the only place that tells.
   void CheckLog(const std::string& directory, const std::string& log) {
     if (log.empty() || !logs.emplace(directory, log).second) return;
-    const std::string path = log[0] == '/' ? log : directory + "/" + log;
-    out << "log_file  " << path << "\n";
+    CheckWritable("log_file", log[0] == '/' ? log : directory + "/" + log, true);
+  }
+
+  // A log that cannot be written is no error of a request, so no page tells. Other logs than those
+  // that must be files may be devices.
+  void CheckWritable(const char* name, const std::string& path, bool must_be_file) {
+    out << name << "  " << path << "\n";
+    const std::string subject = name + (": " + path) + ": ";
     struct stat status;
     if (stat(path.c_str(), &status) != 0) {
-      if (errno != ENOENT) return Problem("log_file: " + path + ": " + strerror(errno));
-      // It is made by the first record.
-      CheckRights("log_file", path.substr(0, path.rfind('/')), W_OK | X_OK);
-    } else if (!S_ISREG(status.st_mode)) {
-      Problem("log_file: " + path + ": is no regular file");
+      if (errno != ENOENT) return Problem(subject + strerror(errno));
+      // It is made by the first line.
+      CheckRights(name, path.substr(0, std::max<size_t>(path.rfind('/'), 1)), W_OK | X_OK);
+    } else if (S_ISDIR(status.st_mode) || (must_be_file && !S_ISREG(status.st_mode))) {
+      Problem(subject + "is no regular file");
     } else if (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0) {
-      Problem("log_file: " + path + ": this user has no right to write");
+      Problem(subject + "this user has no right to write");
     }
   }
 

@@ -177,6 +177,22 @@ TEST_F(ShellOptions, ALogThatCannotBeWrittenIsTold) {
   EXPECT_THAT(output, HasSubstr("is no regular file\n"));
 }
 
+TEST_F(ShellOptions, AnOperatorsLogThatCannotBeWrittenIsTold) {
+  directory.Directory("data/folder");
+  const std::string folder = directory.path("data/folder");
+  EXPECT_EQ(Check("error_log = \"" + folder + "\"\n"), 1);
+  EXPECT_THAT(output, HasSubstr("problem: error_log: " + folder + ": is no regular file\n"));
+  const std::string gone = directory.path("gone");
+  EXPECT_EQ(Check("slow_log = \"" + gone + "/slow.log\"\n"), 1);
+  EXPECT_THAT(output, HasSubstr("problem: slow_log: " + gone + ": No such file or directory\n"));
+  EXPECT_EQ(Check("[[script]]\nmatch = \"a/*\"\nslow_log = \"" + folder + "\"\n"), 1);
+  EXPECT_THAT(output, HasSubstr("problem: script.slow_log: " + folder));
+  // One that is not there yet, a device, and names that are no paths.
+  EXPECT_EQ(Check("error_log = \"" + folder + "/error.log\"\nslow_log = \"/dev/null\"\n"), 0);
+  EXPECT_FALSE(directory.Exists("data/folder/error.log"));
+  EXPECT_EQ(Check("error_log = \"syslog\"\n"), 0);
+}
+
 TEST_F(ShellOptions, RightsAreThoseOfTheUserWhoAsks) {
   ASSERT_EQ(chmod(directory.path().c_str(), 0755), 0);
   ASSERT_EQ(chmod(directory.path("site").c_str(), 0755), 0);
