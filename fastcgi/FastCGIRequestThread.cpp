@@ -103,6 +103,7 @@ void AnswerRequest(FastCGITaskThread* thread, _FastCGIMainArgs* arguments, FCGX_
   } catch (const std::bad_alloc&) {
     ThreadMemory::Exhausted("request", 7);
   }
+  OwnStatus::NoteMemory();
   // Values that refer to each other in a circle have no other holder now.
   Variable::FreeCycles();
 }

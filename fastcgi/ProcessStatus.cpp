@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "base/core/StringClass.h"
+#include "base/core/ThreadMemory.h"
 
 namespace {
 
@@ -163,6 +164,12 @@ OwnStatus::Request::~Request() {
   if (time > current->longest.load(relaxed)) current->longest.store(time, relaxed);
   current->requests.store(current->requests.load(relaxed) + 1, relaxed);
   Enter(ThreadPhase::Idle);
+}
+
+void OwnStatus::NotePeak() {
+  const auto relaxed = std::memory_order_relaxed;
+  const int64_t peak = ThreadMemory::Peak();
+  if (peak > current->memory.load(relaxed)) current->memory.store(peak, relaxed);
 }
 
 void OwnStatus::SetScript(const String& path) {

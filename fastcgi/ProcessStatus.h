@@ -30,6 +30,7 @@ struct alignas(64) ThreadStatus {
   std::atomic<int64_t> began{0};    // of the request in progress
   std::atomic<int64_t> busy{0};     // of all finished requests together
   std::atomic<int64_t> longest{0};  // of one of them
+  std::atomic<int64_t> memory{0};   // bytes; the most that one of them has had
   // Odd while the script's path is written, so that a reader notices a torn one.
   std::atomic<uint32_t> version{0};
   std::atomic<uint64_t> script[kScriptWords]{};
@@ -126,9 +127,14 @@ class OwnStatus {
     if (current) current->phase.store(static_cast<uint32_t>(phase), std::memory_order_relaxed);
   }
   static void SetScript(const String& path);
+  // Takes note of the memory of the run. Called before the run ends.
+  static void NoteMemory() {
+    if (current) NotePeak();
+  }
 
  private:
   static void SetPhase(ProcessPhase phase);
+  static void NotePeak();
 
   static ProcessStatus* process;
   static int notified;

@@ -68,7 +68,10 @@ int64_t ResidentBytes(int pid) {
 
 struct Sums {
   explicit Sums(const StatusReport& report)
-      : requests(report.past_requests), busy(report.past_busy), tasks_started(report.past_tasks) {
+      : requests(report.past_requests),
+        busy(report.past_busy),
+        tasks_started(report.past_tasks),
+        memory(report.past_memory) {
     for (const ProcessView& process : report.processes) {
       requests += process.requests;
       busy += process.busy;
@@ -77,6 +80,7 @@ struct Sums {
       resident += process.resident;
       for (const ThreadView& thread : process.threads) {
         threads[static_cast<size_t>(thread.phase)]++;
+        memory = std::max(memory, thread.memory);
         if (IsBusy(thread.phase)) oldest = std::max(oldest, thread.age);
       }
     }
@@ -89,6 +93,7 @@ struct Sums {
   uint64_t tasks_started;
   int64_t resident = 0;
   double oldest = 0;
+  int64_t memory;  // of the request that has had most
 };
 
 }  // namespace
@@ -114,6 +119,7 @@ ProcessView ProcessView::Of(const ProcessStatus& status) {
     seen.requests = thread.requests.load(relaxed);
     seen.busy = Seconds(thread.busy.load(relaxed));
     seen.longest = Seconds(thread.longest.load(relaxed));
+    seen.memory = thread.memory.load(relaxed);
     seen.script = thread.Script();
     // The request may have begun after the clock was read.
     if (IsBusy(seen.phase)) seen.age = std::max(Seconds(now - thread.began.load(relaxed)), 0.0);
@@ -128,6 +134,9 @@ void StatusReport::Bury(const ProcessView& process) {
   past_requests += process.requests;
   past_busy += process.busy;
   past_tasks += process.tasks_started;
+  for (const ThreadView& thread : process.threads) {
+    past_memory = std::max(past_memory, thread.memory);
+  }
 }
 
 bool StatusReport::IsServing() const {
@@ -150,7 +159,8 @@ std::string StatusReport::Text() const {
   }
   Add(&text, "\ntasks       %u, %llu started\n", sums.tasks,
       static_cast<unsigned long long>(sums.tasks_started));
-  Add(&text, "memory      %.1f MB\n", static_cast<double>(sums.resident) / 1e6);
+  Add(&text, "memory      %.1f MB, %.1f MB for one request at most\n",
+      static_cast<double>(sums.resident) / 1e6, static_cast<double>(sums.memory) / 1e6);
   if (workers_started > 0) {
     Add(&text, "workers     %llu started, %llu failed, %llu reloads\n",
         static_cast<unsigned long long>(workers_started),
@@ -160,11 +170,12 @@ std::string StatusReport::Text() const {
     Add(&text, "\nprocess %d, %s, up %.0f s, %llu requests, %u tasks, %.1f MB\n", process.pid,
         Name(process.phase), process.age, static_cast<unsigned long long>(process.requests),
         process.tasks, static_cast<double>(process.resident) / 1e6);
-    Add(&text, "%8s  %-9s  %10s  %10s  %10s  %s\n", "thread", "state", "age s", "requests",
-        "longest s", "script");
+    Add(&text, "%8s  %-9s  %10s  %10s  %10s  %8s  %s\n", "thread", "state", "age s", "requests",
+        "longest s", "most MB", "script");
     for (const ThreadView& thread : process.threads) {
-      Add(&text, "%8u  %-9s  %10.3f  %10llu  %10.3f  ", thread.number, Name(thread.phase),
-          thread.age, static_cast<unsigned long long>(thread.requests), thread.longest);
+      Add(&text, "%8u  %-9s  %10.3f  %10llu  %10.3f  %8.1f  ", thread.number, Name(thread.phase),
+          thread.age, static_cast<unsigned long long>(thread.requests), thread.longest,
+          static_cast<double>(thread.memory) / 1e6);
       text += (IsBusy(thread.phase) ? Harmless(thread.script) : "") + "\n";
     }
   }
@@ -176,11 +187,13 @@ std::string StatusReport::JSON() const {
   std::string text;
   Add(&text,
       "{\"serving\":%s,\"uptime_seconds\":%.3f,\"requests\":%llu,\"request_seconds\":%.6f,"
-      "\"tasks\":%u,\"tasks_started\":%llu,\"resident_bytes\":%lld,\"workers_started\":%llu,"
+      "\"tasks\":%u,\"tasks_started\":%llu,\"resident_bytes\":%lld,"
+      "\"most_memory_bytes\":%lld,\"workers_started\":%llu,"
       "\"workers_failed\":%llu,\"reloads\":%llu,\"processes\":[",
       IsServing() ? "true" : "false", age, static_cast<unsigned long long>(sums.requests),
       sums.busy, sums.tasks, static_cast<unsigned long long>(sums.tasks_started),
-      static_cast<long long>(sums.resident), static_cast<unsigned long long>(workers_started),
+      static_cast<long long>(sums.resident), static_cast<long long>(sums.memory),
+      static_cast<unsigned long long>(workers_started),
       static_cast<unsigned long long>(workers_failed), static_cast<unsigned long long>(reloads));
   const char* next = "";
   for (const ProcessView& process : processes) {
@@ -195,9 +208,11 @@ std::string StatusReport::JSON() const {
     for (const ThreadView& thread : process.threads) {
       Add(&text,
           "%s{\"thread\":%u,\"state\":\"%s\",\"age_seconds\":%.6f,\"requests\":%llu,"
-          "\"request_seconds\":%.6f,\"longest_seconds\":%.6f,\"script\":\"",
+          "\"request_seconds\":%.6f,\"longest_seconds\":%.6f,\"most_memory_bytes\":%lld,"
+          "\"script\":\"",
           next_thread, thread.number, Name(thread.phase), thread.age,
-          static_cast<unsigned long long>(thread.requests), thread.busy, thread.longest);
+          static_cast<unsigned long long>(thread.requests), thread.busy, thread.longest,
+          static_cast<long long>(thread.memory));
       text += (IsBusy(thread.phase) ? Harmless(thread.script) : "") + "\"}";
       next_thread = ",";
     }
@@ -235,6 +250,8 @@ std::string StatusReport::Metrics() const {
   whole("zeph_tasks_total", "counter", sums.tasks_started, "Background tasks that have started.");
   whole("zeph_resident_memory_bytes", "gauge", static_cast<uint64_t>(sums.resident),
         "Memory of all processes.");
+  whole("zeph_request_memory_max_bytes", "gauge", static_cast<uint64_t>(sums.memory),
+        "The most memory that one finished request has had.");
   whole("zeph_workers_started_total", "counter", workers_started, "Workers that were started.");
   whole("zeph_workers_failed_total", "counter", workers_failed,
         "Workers that ended without being told to.");

@@ -17,6 +17,7 @@ struct ThreadView {
   uint64_t requests = 0;
   double busy = 0;     // of all finished requests
   double longest = 0;  // of one of them
+  int64_t memory = 0;  // bytes; the most that one of them has had
   double age = 0;      // of the request in progress
   std::string script;  // of it, or else of the last one
 };
@@ -43,6 +44,7 @@ struct StatusReport {
   uint64_t past_requests = 0;
   double past_busy = 0;
   uint64_t past_tasks = 0;
+  int64_t past_memory = 0;  // bytes; the most that one of their requests has had
   // Without a supervisor the last three are 0.
   uint64_t workers_started = 0;
   uint64_t workers_failed = 0;

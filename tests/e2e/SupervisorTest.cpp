@@ -14,12 +14,14 @@
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "base/core/Sanitizers.h"
 #include "base/host/FileDescriptor.h"
 #include "tests/e2e/Pages.h"
 #include "tests/support/Command.h"
@@ -185,6 +187,29 @@ TEST_F(Service, StatusIsServedWhileAllThreadsAreBusy) {
   EXPECT_EQ(python.output, std::to_string(engine.pid()) + " serving ['running', 'running'] True\n");
 }
 
+TEST_F(Service, TheStatusHasTheMostMemoryThatARequestHasHad) {
+  if (kThreadSanitizer) GTEST_SKIP() << "the sanitizer counts no memory";
+  engine.settings = "memory_limit = 33554432\n";
+  ServeStatus();
+  engine.arguments = {"-t", "1"};
+  // An array that grows without end.
+  engine.Script("large.zpc",
+                "again: pushg i\npushg a\npushg i\npushi 1\nadd\nelem\nstore\nincg i, 1\n"
+                "jmp again\n");
+  ASSERT_TRUE(engine.Start());
+  const auto most = [this] {
+    const std::string text = Status("/metrics");
+    const std::string name = "\nzeph_request_memory_max_bytes ";
+    const size_t at = text.find(name);
+    return at == std::string::npos ? -1 : atol(text.c_str() + at + name.size());
+  };
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  EXPECT_TRUE(Eventually([&] { return most() > 0; }));
+  EXPECT_LT(most(), 16000000);
+  EXPECT_TRUE(engine.Get("/large.zpc").ended);
+  EXPECT_TRUE(Eventually([&] { return most() > 20000000; }));
+}
+
 TEST_F(Service, ThereIsNoStatusByDefault) {
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/page.zpc"), "page");
@@ -229,6 +254,44 @@ TEST_F(Service, AWorkerThatIsKilledUnderLoadTakesOnlyItsOwnRequestsWithIt) {
                                       " was ended by signal 9\n"));
   EXPECT_THAT(Status("/metrics"), HasSubstr("\nzeph_workers_failed_total 1\n"));
   EXPECT_THAT(Status("/metrics"), HasSubstr("\nzeph_workers_started_total 3\n"));
+}
+
+TEST_F(Service, TheSupervisorWritesToTheLogOfTheEngine) {
+  const auto content = [](const std::string& path) {
+    std::ifstream file(path);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+  };
+  engine.settings = "error_log = \"" + engine.Path("error.log") + "\"\n";
+  engine.arguments = {"--workers", "1", "-t", "many"};
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  const pid_t first = *Workers(1).begin();
+  kill(first, SIGKILL);
+  const std::string ended = "error " + std::to_string(engine.pid()) + ": zeph-fcgi: worker ";
+  EXPECT_TRUE(Eventually([&] {
+    return content(engine.Path("error.log"))
+               .find(ended + std::to_string(first) + " was ended by signal 9\n") !=
+           std::string::npos;
+  }));
+  // What was reported before the settings were read is there once, whatever is started later.
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  const std::string log = content(engine.Path("error.log"));
+  const std::string early = "zeph-fcgi: -t needs a number of threads, found 'many'; 10 are started";
+  EXPECT_THAT(log, HasSubstr(early));
+  EXPECT_EQ(log.find(early), log.rfind(early)) << log;
+
+  // A reload reads the name of the log again.
+  engine.settings = "error_log = \"" + engine.Path("other.log") + "\"\n";
+  engine.WriteConfiguration();
+  const pid_t second = *Workers(1).begin();
+  engine.Signal(SIGHUP);
+  ASSERT_TRUE(Eventually([&] { return Workers().size() == 1 && !Workers().count(second); }));
+  const pid_t third = *Workers().begin();
+  kill(third, SIGKILL);
+  EXPECT_TRUE(Eventually([&] {
+    return content(engine.Path("other.log")).find(ended + std::to_string(third)) !=
+           std::string::npos;
+  }));
 }
 
 TEST_F(Service, WorkersThatKeepEndingAreStartedEverMoreSlowly) {

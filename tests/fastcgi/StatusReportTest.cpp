@@ -36,6 +36,7 @@ StatusReport Example() {
   running.phase = ThreadPhase::Running;
   running.age = 12.25;
   running.requests = 5;
+  running.memory = 7250000;
   running.script = "a \"b\"\\\n\xff%.zpc";
   process.threads = {idle, running};
   report.processes = {process};
@@ -49,7 +50,8 @@ TEST(StatusReport, TextHasALineForEachThread) {
               HasSubstr("threads     1 idle, 0 loading, 0 receiving, 1 running, 0 sending\n"));
   EXPECT_THAT(text, HasSubstr("workers     3 started, 1 failed, 0 reloads\n"));
   EXPECT_THAT(text, HasSubstr("process 4711, serving, "));
-  EXPECT_THAT(text, HasSubstr("       3  running        12.250           5       0.000  "
+  EXPECT_THAT(text, HasSubstr("memory      3.0 MB, 7.2 MB for one request at most\n"));
+  EXPECT_THAT(text, HasSubstr("       3  running        12.250           5       0.000       7.2  "
                               "a%20%22b%22%5C%0A%FF%25.zpc\n"));
   // An idle thread has no script.
   EXPECT_EQ(text.find("last.zpc"), std::string::npos);
@@ -61,10 +63,11 @@ TEST(StatusReport, JSONIsValidWhateverThePathHas) {
                   "import json,sys\n"
                   "d=json.loads(sys.argv[1])\n"
                   "t=d['processes'][0]['threads'][1]\n"
-                  "print(d['requests'],t['state'],t['age_seconds'],t['script'])",
+                  "print(d['requests'],t['state'],t['age_seconds'],t['script'],\n"
+                  "d['most_memory_bytes'],t['most_memory_bytes'])",
                   Example().JSON()});
   EXPECT_EQ(python.Run(), 0) << python.errors;
-  EXPECT_EQ(python.output, "15 running 12.25 a%20%22b%22%5C%0A%FF%25.zpc\n");
+  EXPECT_EQ(python.output, "15 running 12.25 a%20%22b%22%5C%0A%FF%25.zpc 7250000 7250000\n");
 }
 
 TEST(StatusReport, MetricsHaveTypesBeforeTheirValues) {
@@ -97,7 +100,7 @@ TEST(StatusReport, MetricsHaveTypesBeforeTheirValues) {
     EXPECT_TRUE(words.eof()) << line;
     values++;
   }
-  EXPECT_EQ(values, 17);
+  EXPECT_EQ(values, 18);
   EXPECT_THAT(text, HasSubstr("\nzeph_requests_total 15\n"));
   EXPECT_THAT(text, HasSubstr("\nzeph_threads{state=\"running\"} 1\n"));
   EXPECT_THAT(text, HasSubstr("\nzeph_oldest_request_seconds 12.250000\n"));
@@ -109,6 +112,7 @@ TEST(StatusReport, WhatAnEndedWorkerHasDoneStaysInTheSums) {
   report.processes.clear();
   EXPECT_THAT(report.Metrics(), HasSubstr("\nzeph_requests_total 15\n"));
   EXPECT_THAT(report.Metrics(), HasSubstr("\nzeph_request_seconds_total 3.500000\n"));
+  EXPECT_THAT(report.Metrics(), HasSubstr("\nzeph_request_memory_max_bytes 7250000\n"));
   EXPECT_FALSE(report.IsServing());
 }
 
