@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -75,6 +76,9 @@ TEST_F(Packages, EachHasItsPart) {
 TEST_F(Packages, TheUnitsAreValid) {
   Command unpack({"/usr/bin/dpkg-deb", "-x", Path("zeph-engine"), directory->path("root")});
   ASSERT_EQ(unpack.Run(), 0) << unpack.errors;
+  // The shell is another package's.
+  std::filesystem::create_directory(directory->path("root/bin"));
+  std::filesystem::copy_file("/bin/sh", directory->path("root/bin/sh"));
   Command verify({"/usr/bin/env", "systemd-analyze", "verify", "--man=no", "--recursive-errors=no",
                   "--root=" + directory->path("root"), "zeph.service", "zeph.socket"});
   EXPECT_EQ(verify.Run(), 0) << verify.output << verify.errors;
@@ -89,6 +93,18 @@ TEST_F(Packages, AreInstalledServeAndGoWithoutATrace) {
   Command attempt({InSource("packaging/try"), directory->path("packages"), root});
   attempt.environment["TMPDIR"] = directory->path();
   EXPECT_EQ(attempt.Run(), 0) << attempt.errors;
+  EXPECT_EQ(attempt.output, "fine\n");
+}
+
+// packaging/boot starts systemd with the packages in a copy of the same system.
+TEST_F(Packages, AreAServiceOfABootedSystem) {
+  const char* root = getenv("ZEPH_BARE_ROOT");
+  if (!root) GTEST_SKIP() << "ZEPH_BARE_ROOT names no folder that debootstrap has made";
+  Command attempt({InSource("packaging/boot"), directory->path("packages"), root});
+  attempt.environment["TMPDIR"] = directory->path();
+  const int status = attempt.Run();
+  if (status == 77) GTEST_SKIP() << attempt.errors;
+  EXPECT_EQ(status, 0) << attempt.errors;
   EXPECT_EQ(attempt.output, "fine\n");
 }
 
