@@ -53,7 +53,7 @@ class LogLine {
 
 // A log. Any thread may call it. Each line is one write, and no write waits: a line that the target
 // does not take at once, as on a full disk, is lost, and the next one that it takes is preceded by
-// a line with the number of lost ones.
+// a line with the number of lost ones. A reader of standard error that has ended raises no SIGPIPE.
 class ErrorLog {
  public:
   enum class Level : int { Error, Warning, Notice };
@@ -86,6 +86,9 @@ class ErrorLog {
   // rotated without a signal.
   bool Write(Level level, const LogLine& line, int thread = 0);
   bool Write(Level level, const char* text);
+  // Open and Write in one, so that the lines of threads that write to different files do not meet.
+  // Returns false if Open does, and writes nothing then.
+  bool WriteTo(const char* name, Level level, const LogLine& line, int thread = 0);
   // Opens a renamed or removed file again, for a log that has nothing to write.
   void Look();
 
@@ -95,11 +98,13 @@ class ErrorLog {
  private:
   enum class Target { None, StandardError, SystemLog, File };
 
+  bool OpenTarget(const char* name) REQUIRES(mutex);
   bool OpenFile(const char* name) REQUIRES(mutex);
   bool WasReplaced() REQUIRES(mutex);
   bool Connect() REQUIRES(mutex);
   void Settle(bool repeats) REQUIRES(mutex);
   void KeepEarly(Level level, const LogLine& line) REQUIRES(mutex);
+  void WriteLine(Level level, const LogLine& line, int thread) REQUIRES(mutex);
   void Deliver(Level level, const char* message, int length, int thread) REQUIRES(mutex);
   bool Send(const char* bytes, int length) REQUIRES(mutex);
   bool SendToSystemLog(const char* bytes, int length) REQUIRES(mutex);

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -99,6 +101,76 @@ int SystemFrame(char* to, ErrorLog::Level level, int thread) {
                local.tm_min, local.tm_sec, static_cast<int>(getpid()), LevelName(level));
   if (thread == 0) return length + snprintf(to + length, 32, ": ");
   return length + snprintf(to + length, 32, " in thread %d: ", thread);
+}
+
+// A write to a pipe that nothing reads raises SIGPIPE in the calling thread, and that signal ends
+// an engine. While an object of this class lives it is blocked; TakeBack removes the one that a
+// failed write has raised. A signal that another process has sent is left alone.
+class WithoutSIGPIPE {
+ public:
+  WithoutSIGPIPE() {
+    sigemptyset(&set);
+    sigaddset(&set, SIGPIPE);
+    sigset_t pending;
+    sigemptyset(&pending);
+    sigpending(&pending);
+    // A signal that is pending is blocked already.
+    was_pending = sigismember(&pending, SIGPIPE) == 1;
+    pthread_sigmask(SIG_BLOCK, &set, &before);
+  }
+  ~WithoutSIGPIPE() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+  WithoutSIGPIPE(const WithoutSIGPIPE&) = delete;
+  WithoutSIGPIPE& operator=(const WithoutSIGPIPE&) = delete;
+
+  void TakeBack() {
+    const timespec at_once{};
+    while (!was_pending && sigtimedwait(&set, nullptr, &at_once) < 0 && errno == EINTR) {
+    }
+  }
+
+ private:
+  sigset_t set;
+  sigset_t before;
+  bool was_pending;
+};
+
+// Whether write would neither wait nor fail. Another process may be quicker to fill a pipe.
+bool TakesBytes(int descriptor) {
+  pollfd waiting{descriptor, POLLOUT, 0};
+  return poll(&waiting, 1, 0) > 0 && (waiting.revents & (POLLERR | POLLHUP | POLLNVAL)) == 0 &&
+         (waiting.revents & POLLOUT) != 0;
+}
+
+// Writes to a pipe without a wait, although its other writers need not expect that it is
+// non-blocking: that belongs to the open pipe, which they share. So it is opened once more for each
+// line. A user who may not do that, because the pipe was made by another one, writes in a way that
+// kernels before 6.4 do not have for pipes; only there two writers of the same moment may have to
+// wait for the reader.
+ssize_t WriteToPipe(int descriptor, const char* bytes, size_t length) {
+  char path[32];
+  snprintf(path, sizeof path, "/proc/self/fd/%d", descriptor);
+  const FileDescriptor own(open(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+  if (own.is_open()) return write(own.get(), bytes, length);
+  const iovec piece{const_cast<char*>(bytes), length};
+  const ssize_t count = pwritev2(descriptor, &piece, 1, -1, RWF_NOWAIT);
+  if (count >= 0 || (errno != EOPNOTSUPP && errno != ENOSYS)) return count;
+  return TakesBytes(descriptor) ? write(descriptor, bytes, length) : -1;
+}
+
+// Returns the number of bytes that were taken, or -1. Neither waits nor leaves a signal.
+ssize_t WriteAtOnce(int descriptor, const char* bytes, size_t length) {
+  struct stat status;
+  if (fstat(descriptor, &status) != 0) return -1;
+  if (S_ISSOCK(status.st_mode)) return send(descriptor, bytes, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+  WithoutSIGPIPE guard;
+  ssize_t count = -1;
+  if (S_ISFIFO(status.st_mode)) {
+    count = WriteToPipe(descriptor, bytes, length);
+  } else if (TakesBytes(descriptor)) {
+    count = write(descriptor, bytes, length);
+  }
+  if (count < 0 && errno == EPIPE) guard.TakeBack();
+  return count;
 }
 
 bool LeadsNowhere(int descriptor) {
@@ -196,6 +268,10 @@ ErrorLog& ErrorLog::OfSlowRequests() {
 
 bool ErrorLog::Open(const char* name) {
   MutexGuard guard(mutex);
+  return OpenTarget(name);
+}
+
+bool ErrorLog::OpenTarget(const char* name) {
   Target wanted;
   if (!name) {
     const int own = standard_error >= 0 ? standard_error : STDERR_FILENO;
@@ -342,10 +418,21 @@ bool ErrorLog::Write(Level level, const LogLine& line, int thread) {
   if (!IsOpen()) return false;
   MutexGuard guard(mutex);
   if (target == Target::None) return false;
+  WriteLine(level, line, thread);
+  return true;
+}
+
+bool ErrorLog::WriteTo(const char* name, Level level, const LogLine& line, int thread) {
+  MutexGuard guard(mutex);
+  if (!OpenTarget(name)) return false;
+  WriteLine(level, line, thread);
+  return true;
+}
+
+void ErrorLog::WriteLine(Level level, const LogLine& line, int thread) {
   if (target == Target::File && WasReplaced()) static_cast<void>(OpenFile(path));
   Deliver(level, line.data(), line.length(), thread);
   if (!is_settled) KeepEarly(level, line);
-  return true;
 }
 
 void ErrorLog::Deliver(Level level, const char* message, int length, int thread) {
@@ -368,10 +455,7 @@ void ErrorLog::Deliver(Level level, const char* message, int length, int thread)
 bool ErrorLog::Send(const char* bytes, int length) {
   if (target == Target::SystemLog) return SendToSystemLog(bytes, length - 1);
   const int to = target == Target::File ? descriptor : STDERR_FILENO;
-  // Standard error may be a pipe whose reader has stopped reading.
-  pollfd waiting{to, POLLOUT, 0};
-  if (poll(&waiting, 1, 0) <= 0 || !(waiting.revents & POLLOUT)) return false;
-  const ssize_t written = write(to, bytes, static_cast<size_t>(length));
+  const ssize_t written = WriteAtOnce(to, bytes, static_cast<size_t>(length));
   if (written > 0) torn = written < length;
   return written == length;
 }

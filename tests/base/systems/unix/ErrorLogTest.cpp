@@ -9,7 +9,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <regex>
@@ -18,6 +20,7 @@
 #include <vector>
 
 #include "base/host/FileDescriptor.h"
+#include "tests/support/OtherUser.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
@@ -218,6 +221,138 @@ TEST_F(ErrorLogTest, AReaderThatStopsReadingHoldsNothingUp) {
   EXPECT_EQ(messages[1], Line("error", "last"));
 }
 
+// Makes a pipe the process's standard error while it exists.
+class StandardErrorPipe {
+ public:
+  StandardErrorPipe() : before(dup(STDERR_FILENO)) {
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    reader.reset(ends[0]);
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[1]);
+  }
+  ~StandardErrorPipe() { dup2(before.get(), STDERR_FILENO); }
+  StandardErrorPipe(const StandardErrorPipe&) = delete;
+  StandardErrorPipe& operator=(const StandardErrorPipe&) = delete;
+
+  FileDescriptor reader;
+
+ private:
+  const FileDescriptor before;
+};
+
+sigset_t BrokenPipe() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGPIPE);
+  return set;
+}
+
+// The supervisor and the engine end by this signal.
+TEST_F(ErrorLogTest, AReaderThatHasEndedRaisesNoSignal) {
+  const auto handler = signal(SIGPIPE, SIG_DFL);
+  const sigset_t set = BrokenPipe();
+  sigset_t pending;
+  {
+    StandardErrorPipe standard_error;
+    ErrorLog standard;
+    ASSERT_TRUE(standard.Open("stderr"));
+    standard_error.reader.reset();
+    EXPECT_TRUE(standard.Write(Level::Error, "this would end the process"));
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    EXPECT_TRUE(standard.Write(Level::Error, "this would end it later"));
+    sigpending(&pending);
+    EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
+    // A signal that another process sends is not lost.
+    kill(getpid(), SIGPIPE);
+    EXPECT_TRUE(standard.Write(Level::Error, "lost"));
+  }
+  sigpending(&pending);
+  EXPECT_EQ(sigismember(&pending, SIGPIPE), 1);
+  signal(SIGPIPE, SIG_IGN);  // drops the pending one
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  signal(SIGPIPE, handler);
+}
+
+TEST_F(ErrorLogTest, ASocketWhosePeerHasEndedRaisesNoSignal) {
+  const auto handler = signal(SIGPIPE, SIG_DFL);
+  const FileDescriptor before(dup(STDERR_FILENO));
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  dup2(ends[0], STDERR_FILENO);
+  close(ends[0]);
+  ErrorLog standard;
+  const bool opened = standard.Open("stderr");
+  const bool written = standard.Write(Level::Error, "one");
+  char read[200];
+  const ssize_t count = recv(ends[1], read, sizeof read, MSG_DONTWAIT);
+  // Nothing is read any more, but the peer is there.
+  const std::string text(3000, 'x');
+  for (int i = 0; i < 1000; i++) standard.Write(Level::Error, text.c_str());
+  close(ends[1]);
+  standard.Write(Level::Error, "two");
+  dup2(before.get(), STDERR_FILENO);
+  signal(SIGPIPE, handler);
+  EXPECT_TRUE(opened && written);
+  ASSERT_GT(count, 0);
+  EXPECT_EQ(Messages(std::string(read, static_cast<size_t>(count))),
+            std::vector<std::string>{Line("error", "one")});
+}
+
+// As workers do that have one standard error. A poll before the write does not help: both see the
+// last free place, and the slower one waits.
+TEST_F(ErrorLogTest, WritersOfOnePipeDoNotWaitForEachOther) {
+  const int kWriters = 4;
+  std::atomic<int> ended{0};
+  std::atomic<bool> stops{false};
+  std::vector<std::thread> writers;
+  std::string read(1 << 20, '\0');
+  bool waited = false;
+  {
+    StandardErrorPipe standard_error;
+    writers.reserve(kWriters);
+    for (int i = 0; i < kWriters; i++) {
+      writers.emplace_back([&ended, &stops] {
+        ErrorLog own;
+        own.Open("stderr");
+        const std::string text(3000, 'x');
+        while (!stops) own.Write(Level::Error, text.c_str());
+        ended++;
+      });
+    }
+    for (int i = 0; i < 2000; i++) {
+      EXPECT_GT(::read(standard_error.reader.get(), read.data(), 4096), 0);
+    }
+    stops = true;
+    for (int i = 0; i < 2000 && ended < kWriters; i++) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    waited = ended < kWriters;
+    while (ended < kWriters) {
+      EXPECT_GT(::read(standard_error.reader.get(), read.data(), read.size()), 0);
+    }
+    for (std::thread& writer : writers) writer.join();
+  }
+  EXPECT_FALSE(waited);
+}
+
+// This one may not open it again.
+TEST_F(ErrorLogTest, APipeOfAnotherUserTakesLines) {
+  StandardErrorPipe standard_error;
+  ErrorLog standard;
+  {
+    const OtherUser other;
+    EXPECT_TRUE(standard.Open("stderr"));
+    standard.Write(Level::Error, "first");
+    const std::string text(3000, 'x');
+    for (int i = 0; i < 100; i++) standard.Write(Level::Error, text.c_str());
+  }
+  std::string read(1 << 20, '\0');
+  const ssize_t count = ::read(standard_error.reader.get(), read.data(), read.size());
+  ASSERT_GT(count, 4096);
+  EXPECT_EQ(Messages(read.substr(0, static_cast<size_t>(count)))[0], Line("error", "first"));
+}
+
 TEST_F(ErrorLogTest, RedirectsStandardErrorToTheFileAndBack) {
   const FileDescriptor before(dup(STDERR_FILENO));
   const FileDescriptor own(
@@ -340,6 +475,33 @@ TEST_F(ErrorLogTest, WithoutATargetANullDeviceMeansTheSystemsLog) {
   EXPECT_THAT(system.Next(), HasSubstr(": one"));
   EXPECT_THAT(system.Next(), HasSubstr(": three"));
   EXPECT_THAT(directory.Content("error.log"), HasSubstr("two\n"));
+}
+
+TEST_F(ErrorLogTest, LinesForDifferentFilesDoNotMeet) {
+  const int kThreads = 4, kLines = 300;
+  std::vector<std::thread> writers;
+  writers.reserve(kThreads);
+  for (int i = 0; i < kThreads; i++) {
+    writers.emplace_back([this, i] {
+      const std::string own = directory.path("log" + std::to_string(i));
+      LogLine line;
+      line.Text("line ").Number(i);
+      for (int n = 0; n < kLines; n++) {
+        EXPECT_TRUE(log.WriteTo(own.c_str(), Level::Notice, line, i));
+      }
+    });
+  }
+  for (std::thread& writer : writers) writer.join();
+  for (int i = 0; i < kThreads; i++) {
+    const auto messages = Messages(directory.Content("log" + std::to_string(i)));
+    EXPECT_EQ(messages.size(), static_cast<size_t>(kLines));
+    for (const std::string& message : messages) {
+      EXPECT_THAT(message, testing::EndsWith(": line " + std::to_string(i)));
+    }
+  }
+  LogLine line;
+  EXPECT_FALSE(log.WriteTo(directory.path("no/such/folder").c_str(), Level::Notice, line));
+  EXPECT_EQ(errno, ENOENT);
 }
 
 TEST_F(ErrorLogTest, ThreadsLeaveWholeLinesWhileTheFileIsRotated) {
