@@ -22,6 +22,8 @@ constexpr std::chrono::seconds kPatience(5);
 constexpr size_t kMostClients = 16;
 constexpr size_t kLongestRequest = 8192;
 constexpr int kBacklog = 64;
+// After a failure that lasts for a while, such as a lack of descriptors or of memory.
+constexpr std::chrono::milliseconds kPause(100);
 // A thread that only formats some text.
 constexpr size_t kStackSize = 512 << 10;
 
@@ -35,11 +37,12 @@ std::string Response(const char* status, const char* type, const std::string& bo
          "\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n" + (has_body ? body : "");
 }
 
-// Whether a file is a socket on which no process listens any more.
+// Whether a file is a socket on which no process listens any more. One whose queue is full would
+// make a blocking connect wait.
 bool IsLeftOver(const StatusAddress& address) {
   struct stat status;
   if (lstat(address.path.c_str(), &status) != 0 || !S_ISSOCK(status.st_mode)) return false;
-  const FileDescriptor tried(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const FileDescriptor tried(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   return connect(tried.get(), reinterpret_cast<const sockaddr*>(&address.storage),
                  address.length) != 0 &&
          errno == ECONNREFUSED;
@@ -124,17 +127,34 @@ void StatusServer::Close(bool removes) {
 }
 
 void StatusServer::Turn(std::vector<pollfd>* others, int timeout) {
+  try {
+    TurnOnce(others, timeout);
+  } catch (const std::bad_alloc&) {
+    // The clients have to wait; the others need no memory.
+    const int pause = static_cast<int>(kPause.count());
+    poll(others->data(), others->size(), timeout < 0 ? pause : std::min(timeout, pause));
+  }
+}
+
+void StatusServer::TurnOnce(std::vector<pollfd>* others, int timeout) {
   std::vector<pollfd> all(*others);
   const size_t first = all.size();
-  if (listening.is_open()) all.push_back({listening.get(), POLLIN, 0});
   const Clock::time_point now = Clock::now();
+  const auto until = [&timeout, now](Clock::time_point end) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - now).count() + 1;
+    const int wait = static_cast<int>(std::max<int64_t>(left, 0));
+    timeout = timeout < 0 ? wait : std::min(timeout, wait);
+  };
+  // A connection that cannot be accepted stays in the queue, and would end each wait at once.
+  if (listening.is_open()) {
+    const bool pauses = now < accept_time;
+    all.push_back({listening.get(), static_cast<short>(pauses ? 0 : POLLIN), 0});
+    if (pauses) until(accept_time);
+  }
   for (const Client& client : clients) {
     const short events = client.output.empty() ? POLLIN : POLLOUT;
     all.push_back({client.descriptor.get(), events, 0});
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(client.end - now).count() + 1;
-    const int wait = static_cast<int>(std::max<int64_t>(left, 0));
-    timeout = timeout < 0 ? wait : std::min(timeout, wait);
+    until(client.end);
   }
   const int ready = poll(all.data(), all.size(), timeout);
   for (size_t i = 0; i < first; i++) (*others)[i].revents = ready > 0 ? all[i].revents : short{0};
@@ -149,7 +169,11 @@ void StatusServer::Turn(std::vector<pollfd>* others, int timeout) {
 
 void StatusServer::Accept() {
   FileDescriptor accepted(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-  if (!accepted.is_open()) return;
+  if (!accepted.is_open()) {
+    const bool is_gone = errno == EAGAIN || errno == ECONNABORTED || errno == EINTR;
+    if (!is_gone) accept_time = Clock::now() + kPause;
+    return;
+  }
   // The oldest has had the most time.
   if (clients.size() >= kMostClients) clients.pop_front();
   clients.push_back({std::move(accepted), Clock::now() + kPatience, "", ""});

@@ -49,7 +49,8 @@ class StatusServer {
 
   // Waits until there is something to do, does it, and returns. It also returns when one of
   // `others` is ready, whose revents it sets, and after that many milliseconds; -1 is no limit.
-  // Works without a socket too.
+  // Works without a socket too. While a new client cannot be accepted, or there is no memory, it
+  // tries again ten times a second.
   void Turn(std::vector<pollfd>* others, int timeout);
 
   // The response to the bytes of a request, whole.
@@ -65,6 +66,7 @@ class StatusServer {
     size_t sent = 0;
   };
 
+  void TurnOnce(std::vector<pollfd>* others, int timeout);
   void Accept();
   bool Serve(Client* client);
   bool Read(Client* client);
@@ -74,6 +76,7 @@ class StatusServer {
   FileDescriptor listening;
   std::string path;
   std::list<Client> clients;
+  Clock::time_point accept_time;  // no client is accepted before
 };
 
 // Serves the status of this process by a thread.

@@ -3,10 +3,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/un.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <future>
 #include <string>
+#include <vector>
 
+#include "base/core/ThreadMemory.h"
+#include "tests/support/FailingAllocator.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
@@ -127,6 +135,101 @@ TEST(StatusServer, AClientThatSendsHalfARequestDelaysNoOther) {
   }
   EXPECT_THAT(got, EndsWith("\r\n\r\nok\n"));
   EXPECT_EQ(slow.Read(), "");
+}
+
+// How often Turn returns in that time, with a client that cannot be accepted.
+int Turns(StatusServer& server, std::chrono::milliseconds time) {
+  const auto end = std::chrono::steady_clock::now() + time;
+  std::vector<pollfd> others;
+  int turns = 0;
+  for (; std::chrono::steady_clock::now() < end; turns++) server.Turn(&others, 1000);
+  return turns;
+}
+
+TEST(StatusServer, AClientThatCannotBeAcceptedKeepsNoProcessorBusy) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.path() + "/s";
+  StatusServer server(Serving);
+  std::string problem;
+  ASSERT_TRUE(server.Listen(path, &problem)) << problem;
+  Visitor visitor(path, "GET /ping HTTP/1.1\r\n\r\n");
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const int next = dup(0);
+  close(next);
+  const rlimit none{static_cast<rlim_t>(next), before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const int turns = Turns(server, std::chrono::milliseconds(300));
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_LE(turns, 10);
+  std::string got;
+  std::vector<pollfd> others;
+  for (int i = 0; i < 50 && got.empty(); i++) {
+    server.Turn(&others, 100);
+    got = visitor.Read();
+  }
+  EXPECT_THAT(got, EndsWith("\r\n\r\nok\n"));
+}
+
+TEST(StatusServer, WithoutMemoryItWaitsAndTheOthersAreHeard) {
+  if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
+  const TemporaryDirectory directory;
+  const std::string path = directory.path() + "/s";
+  StatusServer server(Serving);
+  std::string problem;
+  ASSERT_TRUE(server.Listen(path, &problem)) << problem;
+  Visitor visitor(path, "GET /ping HTTP/1.1\r\n\r\n");
+  const FileDescriptor quiet(eventfd(0, EFD_CLOEXEC));
+  const FileDescriptor ready(eventfd(1, EFD_CLOEXEC));
+  std::vector<pollfd> others{{quiet.get(), POLLIN, 0}};
+  const auto start = std::chrono::steady_clock::now();
+  {
+    const FailingAllocator allocator(1, FailingAllocator::FromThereOn);
+    server.Turn(&others, 60000);
+  }
+  const auto time = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(time, std::chrono::milliseconds(50));
+  EXPECT_LT(time, std::chrono::seconds(30));
+  EXPECT_EQ(others[0].revents, 0);
+  others.push_back({ready.get(), POLLIN, 0});
+  {
+    const FailingAllocator allocator(1, FailingAllocator::FromThereOn);
+    server.Turn(&others, -1);
+  }
+  EXPECT_EQ(others[0].revents, 0);
+  EXPECT_EQ(others[1].revents, POLLIN);
+  std::string got;
+  for (int i = 0; i < 50 && got.empty(); i++) {
+    server.Turn(&others, 100);
+    got = visitor.Read();
+  }
+  EXPECT_THAT(got, EndsWith("\r\n\r\nok\n"));
+}
+
+// As that of a process that was stopped.
+TEST(StatusServer, ASocketWhoseQueueIsFullIsNoLeftOverAndDelaysNoStart) {
+  const TemporaryDirectory directory;
+  const std::string path = directory.path() + "/s";
+  FileDescriptor stopped(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  const auto* any = reinterpret_cast<const sockaddr*>(&address);
+  ASSERT_EQ(bind(stopped.get(), any, sizeof address), 0);
+  ASSERT_EQ(listen(stopped.get(), 0), 0);
+  std::vector<FileDescriptor> clients;
+  do {
+    clients.emplace_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  } while (connect(clients.back().get(), any, sizeof address) == 0);
+  auto start = std::async(std::launch::async, [&path] {
+    StatusServer server(Serving);
+    std::string problem;
+    return server.Listen(path, &problem) ? "it listens" : problem;
+  });
+  const bool ended = start.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  EXPECT_TRUE(ended);
+  if (!ended) stopped.reset();
+  EXPECT_THAT(start.get(), HasSubstr("Address already in use"));
 }
 
 TEST(StatusServer, TakesTheSocketOfAnEndedOneAndNoOther) {
