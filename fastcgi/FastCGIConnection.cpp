@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <new>
 #include <string>
 
@@ -22,6 +23,7 @@
 #include "base/host/FileDescriptor.h"
 #include "fastcgi/FastCGIThreads.h"
 #include "fastcgi/OperatorSettings.h"
+#include "fastcgi/ProcessStatus.h"
 
 namespace {
 
@@ -44,6 +46,7 @@ thread_local bool accepting = false;
 union Address {
   sockaddr any;
   sockaddr_in internet;
+  sockaddr_in6 internet6;
   sockaddr_un local;
   sockaddr_storage room;
 };
@@ -55,13 +58,29 @@ bool IsOfConnection(int error) {
          error == ENONET || error == ENOPROTOOPT || error == EPERM;
 }
 
-// Whether the list, separated by commas, contains the address. An empty list allows all.
-bool IsAllowed(const sockaddr_in& address, const char* clients) {
+// The IPv4 address of a peer. A socket of both families shows such a peer with a mapped address.
+// Returns false if the peer has another IPv6 address.
+bool InternetAddress(const Address& peer, in_addr_t* address) {
+  if (peer.any.sa_family == AF_INET) {
+    *address = peer.internet.sin_addr.s_addr;
+    return true;
+  }
+  const in6_addr& longer = peer.internet6.sin6_addr;
+  if (!IN6_IS_ADDR_V4MAPPED(&longer)) return false;
+  memcpy(address, longer.s6_addr + 12, sizeof *address);
+  return true;
+}
+
+// Whether the list, separated by commas, contains the address of a peer from a network. An empty
+// list allows all; another one has only IPv4 addresses.
+bool IsAllowed(const Address& peer, const char* clients) {
   if (!clients || !*clients) return true;
+  in_addr_t address;
+  if (!InternetAddress(peer, &address)) return false;
   const std::string list(clients);
   for (size_t start = 0; start <= list.size();) {
     const size_t end = std::min(list.find(',', start), list.size());
-    if (inet_addr(list.substr(start, end - start).c_str()) == address.sin_addr.s_addr) return true;
+    if (inet_addr(list.substr(start, end - start).c_str()) == address) return true;
     start = end + 1;
   }
   return false;
@@ -96,8 +115,10 @@ FastCGIConnection* FastCGIConnection::Current() {
 
 int FastCGIConnection::AcceptRequest(FCGX_Request* request) {
   accepting = true;
-  request_begun = is_fresh = false;
-  waits_for_next = next == last;
+  is_fresh = false;
+  // The last bytes of a request may have come together with the first ones of the next.
+  request_begun = next != last;
+  waits_for_next = !request_begun;
   write_limit = kWriteLimit;
   int result;
   try {
@@ -114,6 +135,8 @@ int FastCGIConnection::AcceptRequest(FCGX_Request* request) {
 int FastCGIConnection::Accept(int listening, const char* clients) {
   waits_for_next = false;
   for (;;) {
+    // The connection before may have ended with half a request.
+    OwnStatus::Enter(ThreadPhase::Idle);
     if (FastCGIEndsAccepting()) {
       errno = EINTR;
       return -1;
@@ -132,15 +155,17 @@ int FastCGIConnection::Accept(int listening, const char* clients) {
     // The list of clients is looked through in memory that may not be there.
     FileDescriptor owned(accepted);
     const int family = address.any.sa_family;
-    if (family == AF_INET || family == AF_INET6) {
+    const bool is_remote = family == AF_INET || family == AF_INET6;
+    if (is_remote) {
       const int set = 1;
       setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &set, sizeof set);
     }
     records.Start();
     next = last = received;
+    request_begun = false;
     is_fresh = true;
     ClearInputLimit();
-    if ((family == AF_INET && !IsAllowed(address.internet, clients)) ||
+    if ((is_remote && !IsAllowed(address, clients)) ||
         (family == AF_UNIX && !ReceiveFirst(accepted))) {
       continue;
     }
@@ -220,6 +245,7 @@ ssize_t FastCGIConnection::InputIsLate() {
 // Returns whether the peer ended the wait. SIGUSR2 is unblocked only inside ppoll, so that a signal
 // between the check of the flag and the wait is not lost.
 bool FastCGIConnection::WaitForInput(int descriptor, Clock::time_point end) {
+  if (accepting && (request_begun || is_fresh)) OwnStatus::AwaitRequest();
   for (;;) {
     if (manager->ShuttingDown()) return false;
     timespec left;

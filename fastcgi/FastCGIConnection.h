@@ -53,7 +53,8 @@ class FastCGIConnection {
   int AcceptRequest(FCGX_Request* request);
 
   // Results are those of the system calls, errno included. `clients` is libfcgi's list of allowed
-  // clients: IPv4 addresses separated by commas; null or empty allows all.
+  // clients: IPv4 addresses separated by commas; null or empty allows all. A list refuses all IPv6
+  // addresses that are not mapped from IPv4, and allows every peer on a UNIX socket.
   int Accept(int listening, const char* clients);
   ssize_t Read(int descriptor, char* buffer, size_t room);
   ssize_t Write(int descriptor, const char* bytes, size_t length);

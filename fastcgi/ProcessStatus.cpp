@@ -145,11 +145,20 @@ OwnStatus::Thread::~Thread() {
   current = nullptr;
 }
 
-OwnStatus::Request::Request() {
-  if (!current) return;
+void OwnStatus::Begin(ThreadPhase phase) {
   current->began.store(ProcessStatus::Now(), std::memory_order_relaxed);
   current->SetScript("", 0);
-  Enter(ThreadPhase::Loading);
+  Enter(phase);
+}
+
+void OwnStatus::AwaitRequest() {
+  if (!current) return;
+  const auto idle = static_cast<uint32_t>(ThreadPhase::Idle);
+  if (current->phase.load(std::memory_order_relaxed) == idle) Begin(ThreadPhase::Receiving);
+}
+
+OwnStatus::Request::Request() {
+  if (current) Begin(ThreadPhase::Loading);
 }
 
 OwnStatus::Request::~Request() {

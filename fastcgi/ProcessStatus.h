@@ -15,7 +15,7 @@
 class String;
 
 // Idle is also the wait for the next request on a kept connection. Receiving is the wait for the
-// body of a request, Sending the end of its response.
+// rest of a request: its parameters or its body. Sending is the end of its response.
 enum class ThreadPhase : uint32_t { None, Idle, Loading, Receiving, Running, Sending };
 constexpr int kThreadPhases = 6;
 
@@ -123,6 +123,9 @@ class OwnStatus {
     Request(const Request&) = delete;
     Request& operator=(const Request&) = delete;
   };
+  // The calling thread waits for the rest of a request's parameters, until Enter is called or a
+  // Request begins.
+  static void AwaitRequest();
   static void Enter(ThreadPhase phase) {
     if (current) current->phase.store(static_cast<uint32_t>(phase), std::memory_order_relaxed);
   }
@@ -135,6 +138,8 @@ class OwnStatus {
  private:
   static void SetPhase(ProcessPhase phase);
   static void NotePeak();
+  // A request of the calling thread begins, which has a record.
+  static void Begin(ThreadPhase phase);
 
   static ProcessStatus* process;
   static int notified;

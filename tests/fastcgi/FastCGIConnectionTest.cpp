@@ -1,7 +1,10 @@
 #include "fastcgi/FastCGIConnection.h"
 
+#include <arpa/inet.h>
 #include <fcgios.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -73,6 +76,82 @@ class Connection : public testing::Test {
 };
 
 using SlowConnection = Connection;
+
+// A socket of both families on a free port, as a service manager makes it for a port alone. Empty
+// on a machine without IPv6.
+class BothFamilies {
+ public:
+  BothFamilies() : listening(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    const int off = 0;
+    setsockopt(listening.get(), IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    socklen_t length = sizeof address;
+    auto* any = reinterpret_cast<sockaddr*>(&address);
+    if (bind(listening.get(), any, length) != 0 || listen(listening.get(), 16) != 0 ||
+        getsockname(listening.get(), any, &length) != 0) {
+      listening.reset();
+    }
+    port = address.sin6_port;
+  }
+  // A client with a numeric address of this machine.
+  FileDescriptor Client(const char* address) const {
+    FileDescriptor made;
+    in6_addr longer;
+    if (inet_pton(AF_INET6, address, &longer) == 1) {
+      made.reset(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+      sockaddr_in6 to{};
+      to.sin6_family = AF_INET6;
+      to.sin6_addr = longer;
+      to.sin6_port = port;
+      EXPECT_EQ(connect(made.get(), reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+    } else {
+      made.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+      sockaddr_in own{};
+      own.sin_family = AF_INET;
+      EXPECT_EQ(inet_pton(AF_INET, address, &own.sin_addr), 1);
+      EXPECT_EQ(bind(made.get(), reinterpret_cast<sockaddr*>(&own), sizeof own), 0);
+      own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      own.sin_port = port;
+      EXPECT_EQ(connect(made.get(), reinterpret_cast<sockaddr*>(&own), sizeof own), 0);
+    }
+    return made;
+  }
+
+  FileDescriptor listening;
+  in_port_t port;
+};
+
+// Whether the other end has closed the connection, with or without a reset.
+bool IsClosed(const FileDescriptor& client) {
+  char byte;
+  pollfd waiting{client.get(), POLLIN, 0};
+  return poll(&waiting, 1, 0) > 0 && recv(client.get(), &byte, 1, MSG_DONTWAIT) <= 0;
+}
+
+TEST_F(Connection, AListOfClientsHoldsOnASocketOfBothFamilies) {
+  const BothFamilies both;
+  if (!both.listening.is_open()) GTEST_SKIP() << "there is no IPv6";
+  const FileDescriptor longer = both.Client("::1");
+  const FileDescriptor other = both.Client("127.0.0.3");
+  const FileDescriptor named = both.Client("127.0.0.2");
+  const FileDescriptor accepted(connection.Accept(both.listening.get(), "10.0.0.1,127.0.0.2"));
+  ASSERT_TRUE(accepted.is_open());
+  EXPECT_TRUE(IsClosed(longer));
+  EXPECT_TRUE(IsClosed(other));
+  EXPECT_FALSE(IsClosed(named));
+}
+
+TEST_F(Connection, WithoutAListEachClientIsAccepted) {
+  const BothFamilies both;
+  if (!both.listening.is_open()) GTEST_SKIP() << "there is no IPv6";
+  for (const char* clients : {static_cast<const char*>(nullptr), ""}) {
+    const FileDescriptor longer = both.Client("::1");
+    const FileDescriptor accepted(connection.Accept(both.listening.get(), clients));
+    EXPECT_TRUE(accepted.is_open());
+    EXPECT_FALSE(IsClosed(longer));
+  }
+}
 
 const std::string kRecord = FastCGIClient::Record(1, 1, std::string("\0\1\0\0\0\0\0\0", 8));
 

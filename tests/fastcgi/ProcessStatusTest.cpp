@@ -77,6 +77,23 @@ TEST(OwnStatus, CountsRequestsAndTasksOfTheProcess) {
   OwnStatus::Use(nullptr, -1);
 }
 
+TEST(OwnStatus, ARequestThatHasBegunToArriveIsSeen) {
+  const StatusBoard board(1);
+  OwnStatus::Use(board.get(), -1);
+  const OwnStatus::Thread thread(7);
+  const auto phase = [&board] { return ProcessView::Of(*board.get()).threads[0].phase; };
+  OwnStatus::AwaitRequest();
+  EXPECT_EQ(phase(), ThreadPhase::Receiving);
+  const int64_t began = board.get()->thread(0)->began.load();
+  EXPECT_GT(began, 0);
+  // The wait for its next bytes begins no other request.
+  OwnStatus::AwaitRequest();
+  EXPECT_EQ(board.get()->thread(0)->began.load(), began);
+  OwnStatus::Enter(ThreadPhase::Idle);
+  EXPECT_EQ(phase(), ThreadPhase::Idle);
+  OwnStatus::Use(nullptr, -1);
+}
+
 TEST(OwnStatus, AThreadWithoutARecordIsCountedWithTheOthers) {
   const StatusBoard board(1);
   OwnStatus::Use(board.get(), -1);
