@@ -132,6 +132,7 @@ void* FastCGIAsynchronousThread(void* argument) {
     Variable::FreeCycles();
   }
   FastCGIApplication_OpenSSL_Thread_Cleanup();
+  thread->Manager()->TaskEnded();
   thread->Exit();
   return nullptr;
 }

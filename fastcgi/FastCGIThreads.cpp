@@ -13,10 +13,12 @@
 #include <fcgiapp.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <new>
 
 #include "base/core/ThreadMemory.h"
 #include "base/host/ErrorLog.h"
@@ -234,8 +236,19 @@ int FastCGIThreadManager::StartRequestThread(_FastCGIMainArgs* arguments) {
 
 int FastCGIThreadManager::StartAsynchronousThread(FastCGIAsynchronousApplication* task) {
   std::unique_ptr<FastCGIAsynchronousApplication> owned(task);
-  const int result = StartTaskThread(FastCGIAsynchronousThread, task);
-  if (result == 0) (void)owned.release();
+  tasks++;
+  int result = ENOMEM;
+  try {
+    result = StartTaskThread(FastCGIAsynchronousThread, task);
+  } catch (const std::bad_alloc&) {
+    TaskEnded();
+    throw;
+  }
+  if (result == 0) {
+    (void)owned.release();
+  } else {
+    TaskEnded();
+  }
   return result;
 }
 
@@ -324,7 +337,24 @@ void FastCGIThreadManager::Drain() {
 }
 
 void FastCGIThreadManager::CountRequest() {
-  if (max_requests > 0 && requests_left.fetch_sub(1, std::memory_order_relaxed) == 1) Drain();
+  if (max_requests == 0) return;
+  if (requests_left.load() > 0) requests_left--;
+  LeaveIfDue();
+}
+
+void FastCGIThreadManager::TaskEnded() {
+  tasks--;
+  LeaveIfDue();
+}
+
+// A supervisor starts another worker at once. Without one, nothing would serve while this process
+// waits for its tasks, which may take hours; so it leaves when there is none.
+//
+// The last request and the last task may end at the same time. Each counts before it looks at the
+// other's count, in one order for all threads, so one of the two begins the end.
+void FastCGIThreadManager::LeaveIfDue() {
+  if (max_requests == 0 || draining.load() || requests_left.load() > 0) return;
+  if (OwnStatus::IsWorker() || tasks.load() == 0) Drain();
 }
 
 void FastCGIThreadManager::Cancelled() {

@@ -153,14 +153,15 @@ class FastCGIThreadManager {
   // thread starts.
   int DescriptorReserve() const { return descriptor_reserve; }
 
-  // The process leaves when it has served so many requests; 0 is no limit. Set before the first
-  // thread starts.
+  // The process leaves when it has served so many requests; 0 is no limit. A process without a
+  // supervisor stays until no background task runs. Set before the first thread starts.
   void SetMaxRequests(int count) {
     max_requests = count;
     requests_left.store(count, std::memory_order_relaxed);
   }
-  // Called by a request thread after each request.
+  // Called by a request thread after each request, and by the thread of a task after its end.
   void CountRequest();
+  void TaskEnded();
 
   // The body of the main thread. Handles signals from here on and returns when no task thread is
   // left. REQUIRES: the heartbeat thread was started.
@@ -182,6 +183,7 @@ class FastCGIThreadManager {
 
  private:
   int StartTaskThread(FastCGIThread::StartRoutine routine, void* argument);
+  void LeaveIfDue();
   FastCGIThread* NextExited() REQUIRES(manager_mutex);
   void WaitForExit() REQUIRES(manager_mutex);
   void CancelAll() REQUIRES(manager_mutex);
@@ -200,6 +202,7 @@ class FastCGIThreadManager {
   alignas(kCacheLine) unsigned last_number GUARDED_BY(manager_mutex) = 1;
   bool handles_signals GUARDED_BY(manager_mutex) = false;
   std::atomic<int> requests_left{0};
+  std::atomic<int> tasks{0};  // that have been started and have not ended
 };
 
 // Lets Shutdown interrupt the calling thread for a scope: around accept. A wait for input unblocks
