@@ -75,6 +75,7 @@ bool CanDifferByScript(int id) {
     case Config_dir_temp:
     case Config_dir_user:
     case Config_default_file:
+    case Config_path_from_script_name:
     case Config_max_files: return false;
     default: return true;
   }
@@ -93,7 +94,8 @@ bool IsForErrors(int id) {
 
 // True for integers that may also be written as true and false.
 bool IsSwitch(int id) {
-  return id == Config_show_errors || id == Config_status_codes;
+  return id == Config_show_errors || id == Config_status_codes ||
+         id == Config_path_from_script_name;
 }
 
 // True for settings in which a negative number has a meaning of its own. In all other times, sizes

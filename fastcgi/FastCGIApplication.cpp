@@ -127,6 +127,7 @@ int FastCGIApplication::RunStages(TaggedFile* tagged, String* path) {
 // The stages from the settings to a loaded script.
 bool FastCGIApplication::Prepare(TaggedFile* tagged, String* path) {
   if (!LoadConfiguration() || !CheckConfiguration()) return false;
+  TakeScriptName();
   file_manager->MaxFiles(configuration->value_integer(Config_max_files));
   file_manager->SecurityOptions(configuration->value_integer(Config_flags_security));
   File* file = nullptr;

@@ -50,6 +50,7 @@ class FastCGIApplication : public FastCGIBaseApplication {
   bool CheckConfiguration();
   bool ProcessConfiguration();
   // The script and its environment (fastcgi/FastCGIEnvironment.cpp):
+  void TakeScriptName();
   bool GetScriptInformation(File** file, String& path);
   bool ScriptRoot(const char** path, String* root, bool* has_root);
   bool OpenScript(File** file, String& path);

@@ -70,6 +70,15 @@ bool FastCGIApplication::ExecuteError(const String& path, const String& text, bo
   return false;
 }
 
+// From here on the request is one with a PATH_INFO, if the operator wants that. The variable of
+// this name stays as the web server has sent it.
+void FastCGIApplication::TakeScriptName() {
+  if (parameters.path_info && *parameters.path_info) return;
+  if (!parameters.script_name || !*parameters.script_name) return;
+  if (configuration->value_integer(Config_path_from_script_name) == 0) return;
+  parameters.path_info = parameters.script_name;
+}
+
 bool FastCGIApplication::GetScriptInformation(File** file, String& path) {
   const char* text;
   String query;

@@ -13,15 +13,8 @@
 #include "base/host/Config.h"
 #include "base/host/ErrorLog.h"
 
-namespace {
-
-// The built-in default, until the settings of the first request are read.
-const int kRequestTimeout = 60;
-
-}  // namespace
-
 std::atomic<bool> OperatorSettings::due{true};
-std::atomic<int> OperatorSettings::request_timeout{kRequestTimeout};
+std::atomic<int> OperatorSettings::request_timeout{0};
 std::atomic<bool> OperatorSettings::shows_errors{true};
 std::atomic<bool> OperatorSettings::sends_status_codes{false};
 

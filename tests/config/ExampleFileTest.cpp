@@ -35,7 +35,7 @@ Snapshot WithAllExamples() {
 TEST(ExampleFile, IsInOrderAsItStands) {
   Snapshot snapshot = Snapshot::Parse("zeph.toml", ExampleText());
   EXPECT_EQ(snapshot.error, "");
-  EXPECT_EQ(snapshot.settings.size(), 4u);
+  EXPECT_EQ(snapshot.settings.size(), 5u);
   EXPECT_NE(snapshot.Find(Config_dir_zeph), nullptr);
   EXPECT_NE(snapshot.Find(Config_dir_data), nullptr);
   // Without authorities no secure server would be accepted.
@@ -44,6 +44,9 @@ TEST(ExampleFile, IsInOrderAsItStands) {
   // A runaway script takes all memory within seconds, which a service should not allow.
   ASSERT_NE(snapshot.Find(Config_memory_limit), nullptr);
   EXPECT_EQ(snapshot.Find(Config_memory_limit)->integer, 512 << 20);
+  // Nor a web server that sends half of a request.
+  ASSERT_NE(snapshot.Find(Config_timeout_request), nullptr);
+  EXPECT_EQ(snapshot.Find(Config_timeout_request)->integer, 60);
   EXPECT_EQ(snapshot.error_settings, ShippedErrorSettings());
 }
 
@@ -55,7 +58,7 @@ TEST(ExampleFile, ShowsEverySettingWithItsDefault) {
     SCOPED_TRACE(setting.name);
     const Setting* shown = snapshot.Find(setting.id);
     ASSERT_NE(shown, nullptr);
-    if (setting.id == Config_memory_limit) continue;
+    if (setting.id == Config_memory_limit || setting.id == Config_timeout_request) continue;
     if ((setting.id & ConfigKind_Integer) != 0) {
       EXPECT_EQ(shown->integer, defaults.value_integer(setting.id));
     } else if (const char* text = defaults.value_string(setting.id)) {

@@ -24,7 +24,8 @@ std::string SampleText(const ConfigSetting& setting) {
   return "/t" + std::to_string(setting.id & 0xFFFF);
 }
 int SampleNumber(const ConfigSetting& setting) {
-  const bool is_switch = setting.id == Config_show_errors || setting.id == Config_status_codes;
+  const bool is_switch = setting.id == Config_show_errors || setting.id == Config_status_codes ||
+                         setting.id == Config_path_from_script_name;
   return is_switch ? 1 - setting.default_integer : setting.id & 0xFFFF;
 }
 
@@ -262,6 +263,9 @@ TEST(Snapshot, EveryComplaintNamesFileLineAndKey) {
       {"script setting that comes too late", "[[script]]\nmatch = '*'\ndir_zeph = '/x'\n",
        "zeph.toml:3: script.dir_zeph: is used to find the script, so it cannot differ between "
        "scripts"},
+      {"another one that comes too late", "[[script]]\nmatch = '*'\npath_from_script_name = true\n",
+       "zeph.toml:3: script.path_from_script_name: is used to find the script, so it cannot differ "
+       "between scripts"},
       {"a time below 0", "timeout_global = -1\n",
        "zeph.toml:1: timeout_global: expected 0 or more, found -1"},
       {"another one", "cookies = 1\ntimeout_request = -30\n",

@@ -73,6 +73,30 @@ TEST_F(ScriptSelection, AFolderRunsItsDefaultFileWithAndWithoutASlash) {
   ExpectPage(engine.Get("/a/"), "the index of a");
 }
 
+// As Apache's mod_proxy_fcgi sends its requests.
+TEST_F(ScriptSelection, TheScriptsNameMayServeAsThePath) {
+  engine.settings = "path_from_script_name = true\n";
+  engine.Script("shows.zpc",
+                "pushs arg1\nout\npushc \"|\"\nout\npushs apitype\nout\npushc \"|\"\nout\n"
+                "pushs documenturl\nout\npushc \"|\"\nout\npushg x\nout\n");
+  ASSERT_TRUE(engine.Start());
+  const FastCGIParameters more = {
+      {"SCRIPT_NAME", "/shows.zpc"}, {"SERVER_NAME", "host"}, {"QUERY_STRING", "x=1"}};
+  const char* const shown = "/shows.zpc|Redirect|http://host/shows.zpc?|1";
+  ExpectPage(engine.Get(nullptr, more), shown);
+  ExpectPage(engine.Get("", more), shown);
+  ExpectPage(engine.Get("/a.zpc", more), "a");
+  // Without either the query names the script.
+  ExpectPage(engine.Get(nullptr, {{"QUERY_STRING", "a.zpc+x=1"}}), "a");
+  ExpectPage(engine.Get(nullptr, {{"SCRIPT_NAME", ""}, {"QUERY_STRING", "a.zpc"}}), "a");
+}
+
+TEST_F(ScriptSelection, TheScriptsNameIsNoPathByDefault) {
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get(nullptr, {{"SCRIPT_NAME", "/a/b.zpc"}, {"QUERY_STRING", "a.zpc"}}), "a");
+  ExpectPage(engine.Get("", {{"SCRIPT_NAME", "/a/b.zpc"}}), "the index");
+}
+
 TEST_F(ScriptSelection, TheDefaultFileIsASetting) {
   engine.settings = "default_file = \"b.zpc\"\n";
   ASSERT_TRUE(engine.Start());
