@@ -95,7 +95,7 @@ int FastCGIApplication::Run(TaggedFile* tagged) {
   try {
     result = RunStages(tagged, &path);
   } catch (const std::bad_alloc&) {
-    ThreadMemory::Exhausted(path.data ? path.data : "", path.length);
+    ThreadMemory::Exhausted();
     watch.StageFails(RequestWatch::Cause::Script, path, "Out of memory");
     Error("Out of memory");
   }
@@ -116,6 +116,7 @@ int FastCGIApplication::RunStages(TaggedFile* tagged, String* path) {
   // The script's time starts here: loading and the upload do not count against it.
   ResetGlobalTimeout();
   vm->Go();
+  if (const char* status = watch.SilentStatus()) response->SetStatus(status);
   // The machine ends first, because a mail that the script left open is sent then. The response
   // itself is flushed: its text of before a capture that was left open is sent, the captured text
   // is lost.

@@ -73,6 +73,7 @@ class FastCGIApplication : public FastCGIBaseApplication {
   std::unique_ptr<HTTPContentParser> ContentHandler(const char* type, int length);
   bool EndsForShutdown();
   bool ReadInput(HTTPContentParser* handler, int length);
+  bool ContentError(HTTPContentParser* handler);
 
   bool ExecuteError(const String& path, const String& text, bool encode);
   bool IsShortage(const String& text);

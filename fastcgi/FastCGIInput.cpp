@@ -11,6 +11,7 @@
 #include "base/core/RunLimit.h"
 #include "base/core/memcmpi.h"
 #include "base/host/Config.h"
+#include "base/machine/ZephVM.h"
 #include "base/request/MultipartFormParser.h"
 #include "base/request/URLEncodedParser.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
@@ -64,14 +65,19 @@ bool FastCGIApplication::ReadInput(HTTPContentParser* handler, int length) {
       Error("Timeout processing POST data");
       return false;
     }
-    if (!handler->Parse(block, count)) {
-      Error(handler->error());
-      return false;
-    }
+    if (!handler->Parse(block, count)) return ContentError(handler);
   }
   // The read may have ended because the process does.
   if (length > 0) (void)EndsForShutdown();
-  if (handler->Finalize()) return true;
+  return handler->Finalize() || ContentError(handler);
+}
+
+// Sends the handler's message. Unless it is told otherwise, the watch takes a refused body for the
+// client's fault.
+bool FastCGIApplication::ContentError(HTTPContentParser* handler) {
+  if (handler->is_own_failure()) {
+    watch.StageFails(RequestWatch::Cause::Upload, vm->ScriptPath(), handler->error());
+  }
   Error(handler->error());
   return false;
 }

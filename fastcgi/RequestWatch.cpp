@@ -67,10 +67,12 @@ ErrorLog::Level LevelOf(RequestWatch::Cause cause) {
   }
 }
 
-// Messages of the machine end with a newline.
-int WithoutNewline(const char* text, int length) {
+// Messages of the machine end with a newline. A lack of memory is told with what was short, which
+// the visitor does not see.
+void AddMessage(LogLine* line, const char* text, int length) {
   while (length > 0 && text[length - 1] == '\n') length--;
-  return length;
+  line->Text(text, length, 2000);
+  if (const char* shortage = ThreadMemory::TakeShortage()) line->Text(": ").Text(shortage);
 }
 
 }  // namespace
@@ -153,6 +155,7 @@ void RequestWatch::Fails(const RunFailure& failure) {
     has_pending = true;
   }
   if (!failure.is_shown && !failure.ends_run) return;
+  if (!failure.is_shown) has_failed_silently = true;
   // The machines of other files that run within this one see the same end of the time. A client
   // that has left has ended its own script.
   if (timed_out && (has_timed_out || ClientIsGone())) return;
@@ -168,7 +171,7 @@ void RequestWatch::Fails(const RunFailure& failure) {
       level = ErrorLog::Level::Notice;
     }
   } else {
-    line.Text(failure.text, WithoutNewline(failure.text, failure.text_length), 2000);
+    AddMessage(&line, failure.text, failure.text_length);
   }
   line.Field("reference", Reference());
   line.Field("script", failure.script.data, failure.script.length, 300);
@@ -186,7 +189,7 @@ void RequestWatch::StageFails(Cause cause, const String& path, const String& tex
   has_pending = true;
   if (!MayReport()) return;
   LogLine line;
-  line.Text(text.data, text.length, 2000);
+  AddMessage(&line, text.data, text.length);
   line.Field("reference", Reference());
   line.Field("script", path.data, path.length, 300);
   AddOrigin(&line);
@@ -208,6 +211,11 @@ void RequestWatch::MakePage(const char* title, const char* what) {
            "<!DOCTYPE html>\n<html><head><title>%s</title></head><body>\n<h1>%s</h1>\n<p>%s</p>\n"
            "<p>Reference: %s</p>\n</body></html>\n",
            title, title, what, Reference());
+}
+
+const char* RequestWatch::SilentStatus() {
+  const bool told = has_failed_silently && Setting(Config_status_codes) != 0;
+  return told ? StatusOf(Cause::Script) : nullptr;
 }
 
 RequestWatch::Reply RequestWatch::ReplyTo(const char* text, int length) {
@@ -257,31 +265,14 @@ double RequestWatch::Elapsed() const {
          static_cast<double>(now.tv_nsec - began.tv_nsec) / 1e9;
 }
 
-bool RequestWatch::IsSlow(ErrorLog** log) {
+bool RequestWatch::IsSlow() const {
   const double elapsed = Elapsed();
   if (elapsed < kNeverSlow || !is_configured) return false;
-  Config* const config = application->config();
-  const int limit = config->value_integer(Config_slow_time);
-  if (limit <= 0 || elapsed * 1000 < limit) return false;
-  *log = &ErrorLog::OfProcess();
-  if (const char* path = config->value_string(Config_slow_log)) {
-    if (ErrorLog::OfSlowRequests().Open(path)) {
-      *log = &ErrorLog::OfSlowRequests();
-    } else {
-      char reason[256];
-      const char* const why = strerror_r(errno, reason, sizeof reason);
-      String problem("slow_log: ", -1);
-      problem.cat(path, -1);
-      problem.cat(": ", 2);
-      problem.cat(why, -1);
-      ReportOnce("zeph-fcgi", problem.data, problem.length);
-    }
-  }
-  return true;
+  const int limit = application->config()->value_integer(Config_slow_time);
+  return limit > 0 && elapsed * 1000 >= limit;
 }
 
-void RequestWatch::ReportSlow(const char* what, const String& path, ZephVM* machine,
-                              ErrorLog* log) {
+void RequestWatch::ReportSlow(const char* what, const String& path, ZephVM* machine) {
   char seconds[32];
   snprintf(seconds, sizeof seconds, "%.3f s", Elapsed());
   LogLine line;
@@ -294,18 +285,32 @@ void RequestWatch::ReportSlow(const char* what, const String& path, ZephVM* mach
   }
   line.BeginField("memory").Number(ThreadMemory::Peak()).EndField();
   AddOrigin(&line);
-  log->Write(ErrorLog::Level::Notice, line, application->threadid());
+  WriteSlow(line);
+}
+
+// All threads share one slow log, and scripts may have different files.
+void RequestWatch::WriteSlow(const LogLine& line) {
+  const auto level = ErrorLog::Level::Notice;
+  if (const char* path = application->config()->value_string(Config_slow_log)) {
+    if (ErrorLog::OfSlowRequests().WriteTo(path, level, line, application->threadid())) return;
+    char reason[256];
+    const char* const why = strerror_r(errno, reason, sizeof reason);
+    String problem("slow_log: ", -1);
+    problem.cat(path, -1);
+    problem.cat(": ", 2);
+    problem.cat(why, -1);
+    ReportOnce("zeph-fcgi", problem.data, problem.length);
+  }
+  Write(level, line);
 }
 
 // Tasks are meant to take long.
 void RequestWatch::Beats(ZephVM* machine) {
-  ErrorLog* log;
-  if (has_calls || !request || !IsSlow(&log)) return;
+  if (has_calls || !request || !IsSlow()) return;
   has_calls = true;
-  ReportSlow("running for ", machine->ScriptPath(), machine, log);
+  ReportSlow("running for ", machine->ScriptPath(), machine);
 }
 
 void RequestWatch::End(const String& path) {
-  ErrorLog* log;
-  if (IsSlow(&log)) ReportSlow("took ", path, nullptr, log);
+  if (IsSlow()) ReportSlow("took ", path, nullptr);
 }

@@ -25,6 +25,7 @@ class RequestWatch : public RunObserver {
     Configuration,  // the configuration, its library, or a directory that it names
     Missing,        // there is no such script
     Unreadable,     // the script cannot be opened, or is none
+    Upload,         // a form that this host could not store, or its functions not process
     Client,         // the form or the query that the client sent
     LateClient,     // the form did not come in time
   };
@@ -53,6 +54,9 @@ class RequestWatch : public RunObserver {
   // A stage of the request is about to send a message; the text is what the log says of it, and
   // path the script's. Does nothing if an inner stage has done it already.
   void StageFails(Cause cause, const String& path, const String& text);
+  // The status of a script that has ended with an error of which there is no message, for the
+  // header field "Status"; null to send none.
+  const char* SilentStatus();
   // Decides what becomes of a message that is to be sent. A message of which neither a stage nor a
   // machine has told before is the client's fault. The texts are valid until the next call.
   Reply ReplyTo(const char* text, int length);
@@ -76,9 +80,9 @@ class RequestWatch : public RunObserver {
   int Setting(int id);
   // Seconds since the request began.
   double Elapsed() const;
-  // Whether the request is slow; *log is then the log for its reports.
-  bool IsSlow(ErrorLog** log);
-  void ReportSlow(const char* what, const String& path, ZephVM* machine, ErrorLog* log);
+  bool IsSlow() const;
+  void ReportSlow(const char* what, const String& path, ZephVM* machine);
+  void WriteSlow(const LogLine& line);
   std::string_view CancelText();
   void MakePage(const char* title, const char* what);
 
@@ -90,6 +94,7 @@ class RequestWatch : public RunObserver {
   Pending pending{};
   bool has_calls = false;  // the calls of a slow script were reported, or never will be
   bool has_timed_out = false;
+  bool has_failed_silently = false;
   int lines = 0;
   char reference[12] = {};  // made when first needed
   // Of the request that has started a task.

@@ -55,11 +55,19 @@ class ThreadMemory {
   };
 
   // --- Out of memory -----------------------------------------------------------------------------
-  // Code that has caught std::bad_alloc calls this before it makes a message. Writes a line to the
-  // operator's log or, without one, to standard error, with the time, the path of the script
-  // (length bytes) and the limit. Once in a run it also makes some room for the message and for the
-  // clean-up.
+  // Code that has caught std::bad_alloc calls one of these before it makes a message. Once in a run
+  // they make some room for the message and for the clean-up.
+  //
+  // The first is for a lack of memory that is reported in the line of an error: TakeShortage then
+  // has what was short, such as "memory_limit is 1048576 bytes".
+  static void Exhausted();
+  // This one writes a line of its own, unless the run has reported a lack already: to the
+  // operator's log or, without one, to standard error, with the time and the path of the script
+  // (length bytes).
   static void Exhausted(const char* path, int length);
+  // What was short at the last call of Exhausted(), valid until the next one; null if it was taken,
+  // or nothing was.
+  static const char* TakeShortage();
   // Whether the current run, or the last one, ran out of the process's memory, not only of its own
   // limit.
   static bool RanShort();

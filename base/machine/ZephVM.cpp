@@ -187,10 +187,17 @@ int ZephVM::Go() {
 
 int ZephVM::OutOfMemory() {
   hot_mode = NoMode;
-  ThreadMemory::Exhausted(script_path.data ? script_path.data : "", script_path.length);
+  const char* const path = script_path.data ? script_path.data : "";
+  // An observer tells what was short in the line of the error.
+  if (application->observer()) {
+    ThreadMemory::Exhausted();
+  } else {
+    ThreadMemory::Exhausted(path, script_path.length);
+  }
   try {
     FatalError("Out of memory");
   } catch (const std::bad_alloc&) {
+    ThreadMemory::Exhausted(path, script_path.length);
     // There is no memory even for the message. The run ends all the same, because a stack that
     // could not grow lacks a value; so do the machines that work on that stack.
     for (ZephVM* running = this; running; running = running->guest) running->stop_flag = true;

@@ -65,7 +65,7 @@ bool UnknownContentHandler::MakeRoom(int length) {
 
 bool UnknownContentHandler::Parse(const char* data, int length) {
   if (!MakeRoom(length)) {
-    Error("Out of memory");
+    OwnError("Out of memory");
     return false;
   }
   if (length > 0) memcpy(buffer + used, data, static_cast<size_t>(length));

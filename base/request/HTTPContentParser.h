@@ -27,10 +27,18 @@ class HTTPContentParser {
   [[nodiscard]] virtual bool Finalize() = 0;
   virtual const String& error();
   virtual void Error(const String& text);
+  // Whether the error is this host's or the script's, such as a full disk, and not the client's.
+  bool is_own_failure() const { return own_failure; }
 
  protected:
+  void OwnError(const String& text) {
+    own_failure = true;
+    Error(text);
+  }
+
   String error_text;
   VariableHash* target;
+  bool own_failure = false;
 };
 
 // Keeps a body of a type that has no parser as the system variable "content_data".

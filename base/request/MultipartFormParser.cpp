@@ -392,7 +392,7 @@ bool MultipartFormParser::StartUpload() {
                              file_name.get() + 1, file_name_length - 2,
                              has_content_type ? content_type.data() : nullptr, content_type.used(),
                              &upload_limit) < 1) {
-    Error("Failed call to ValidateFileUpload");
+    OwnError("Failed call to ValidateFileUpload");
     return false;
   }
   if (upload_limit < 0) {
@@ -407,7 +407,7 @@ bool MultipartFormParser::StartUpload() {
   temporary_file.reset(files->MakeTemporary(ZephPath_Data, "", "ZEPH_FUP", &path, FileMode_Write));
   if (!temporary_file) {
     temporary_path.assign("", 0);
-    Error("Failed to create temporary file");
+    OwnError("Failed to create temporary file");
     return false;
   }
   temporary_path.assign_nocopy(path, -1, static_cast<int>(strlen(path)) + 1);
@@ -431,7 +431,7 @@ bool MultipartFormParser::WriteUpload(const char* data, int length) {
   while (stored > 0) {
     const int written = temporary_file->Write(data, static_cast<int>(stored));
     if (written <= 0) {
-      Error(temporary_file->error());
+      OwnError(temporary_file->error());
       return false;
     }
     data += written;
@@ -454,7 +454,7 @@ bool MultipartFormParser::EndUpload() {
       content_type.used(), static_cast<int>(std::min<long>(received, INT_MAX)));
   files->Delete(ZephPath_Data, temporary_path.data);
   if (!processed) {
-    Error("Failed call to ProcessFileUpload");
+    OwnError("Failed call to ProcessFileUpload");
     return false;
   }
   application->ResetPOSTTimeout();

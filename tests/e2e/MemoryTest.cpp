@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 #include <vector>
@@ -47,7 +48,7 @@ TEST_F(MemoryTest, AScriptEndsAtItsLimit) {
     EXPECT_EQ(engine.Get("page.zpc").Body(), "page");
   }
   EXPECT_THAT(engine.Log(),
-              HasSubstr(" greedy.zpc: Out of memory: memory_limit is 33554432 bytes\n"));
+              HasSubstr("]: Out of memory: memory_limit is 33554432 bytes; reference \""));
 }
 
 TEST_F(MemoryTest, ALimitMayBeThatOfSomeScriptsOnly) {
@@ -65,6 +66,9 @@ TEST_F(MemoryTest, AFormBeyondTheLimitIsRefused) {
                                         {"CONTENT_LENGTH", std::to_string(form.size())}};
   EXPECT_THAT(engine.Get("page.zpc", parameters, form).Body(), HasSubstr("Out of memory"));
   EXPECT_EQ(engine.Get("page.zpc").Body(), "page");
+  const std::string log = engine.Log();
+  EXPECT_THAT(log, HasSubstr(": Out of memory: memory_limit is 4194304 bytes; reference \""));
+  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
 }
 
 // The limit of an address space hits all threads at once.
@@ -82,7 +86,7 @@ TEST_F(MemoryTest, AProcessThatHasNoneLeftGoesOn) {
   for (std::thread& client : clients) client.join();
   EXPECT_TRUE(engine.Running());
   EXPECT_EQ(engine.Get("page.zpc").Body(), "page");
-  EXPECT_THAT(engine.Log(), HasSubstr(" greedy.zpc: Out of memory: the process has no "));
+  EXPECT_THAT(engine.Log(), HasSubstr(": Out of memory: the process has no "));
 }
 
 TEST(SlowMemory, IsGivenBackWhenTheLoadIsOver) {

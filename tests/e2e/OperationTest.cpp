@@ -15,6 +15,7 @@
 #include "base/core/Sanitizers.h"
 #include "tests/e2e/Pages.h"
 #include "tests/support/Paths.h"
+#include "tests/support/UploadMachine.h"
 
 namespace {
 
@@ -85,6 +86,19 @@ class Operation : public testing::Test {
     const auto lines = Lines();
     EXPECT_EQ(lines.size(), 1u) << Content(engine.Path("error.log"));
     return lines.empty() ? "" : lines[0];
+  }
+  // A request whose body comes so many milliseconds after its parameters.
+  FastCGIResponse SlowUpload(const char* path, int time) {
+    FastCGIClient client;
+    EXPECT_TRUE(client.Connect(engine.socket()));
+    EXPECT_TRUE(client.Begin() &&
+                client.Parameters(
+                    engine.Parameters(path, {{"CONTENT_TYPE", "application/x-www-form-urlencoded"},
+                                             {"CONTENT_LENGTH", "3"}})) &&
+                client.EndParameters());
+    std::this_thread::sleep_for(Milliseconds(time));
+    EXPECT_TRUE(client.Input("a=1") && client.EndInput());
+    return client.Read();
   }
   std::string WaitForLine(const std::string& part) const {
     for (int i = 0; i < 2000; i++) {
@@ -270,18 +284,17 @@ TEST_F(Operation, WithoutASettingLinesGoToStandardError) {
   EXPECT_THAT(engine.Log(), ContainsRegex(" error [0-9]+\\.[0-9]+: Fatal error in fatal.zpc"));
 }
 
-TEST_F(Operation, LinesOfTheProcessItselfGoThereToo) {
+TEST_F(Operation, ALackOfMemoryHasOneLineWithWhatWasShort) {
   if (kThreadSanitizer) GTEST_SKIP() << "the operators are the sanitizer's";
   engine.Script("greedy.zpc",
                 "pushc \"x\"\npopg t\nagain: pushg t\npushg t\ncat\npopg t\njmp again\n");
   engine.settings = Settings("memory_limit = 33554432\n");
   ASSERT_TRUE(engine.Start());
-  EXPECT_THAT(engine.Get("/greedy.zpc").Body(), HasSubstr("Out of memory"));
-  const auto lines = Lines();
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0], "error " + std::to_string(engine.pid()) +
-                          ": greedy.zpc: Out of memory: memory_limit is 33554432 bytes");
-  EXPECT_THAT(lines[1], HasSubstr("Fatal error in greedy.zpc @ ["));
+  EXPECT_THAT(engine.Get("/greedy.zpc", kVisitor).Body(), testing::EndsWith("]: Out of memory\n"));
+  EXPECT_THAT(Line(), AllOf(StartsWith("error "), HasSubstr("Fatal error in greedy.zpc @ ["),
+                            HasSubstr("]: Out of memory: memory_limit is 33554432 bytes; "
+                                      "reference \""),
+                            HasSubstr("request \"GET /greedy.zpc?id=7\"")));
   EXPECT_EQ(engine.Log(), "");
 }
 
@@ -404,6 +417,73 @@ TEST_F(Operation, StatusCodesGoWithTheMessagesAndWithoutACookie) {
   EXPECT_EQ(page.CountOfHeader("Set-Cookie"), 1);
 }
 
+// The message is not shown because the script, or its tag, does not want that.
+TEST_F(Operation, AnErrorThatEndsTheScriptSilentlyHasAStatusToo) {
+  engine.settings = Settings(
+      "[[script]]\nmatch = \"coded*\"\nstatus_codes = true\n"
+      "[[script]]\nmatch = \"coded_plain*\"\nshow_errors = false\n");
+  const std::string fails = "tagerror 62, 2\npushg x\npushi 0\nelem\npop\n" + Writes("never");
+  for (const char* name : {"coded.zpc", "coded_plain.zpc", "usual.zpc"}) {
+    engine.Script(name, Writes("before") + fails);
+  }
+  ASSERT_TRUE(engine.Start());
+  for (const char* path : {"/coded.zpc", "/coded_plain.zpc"}) {
+    SCOPED_TRACE(path);
+    FastCGIResponse response = engine.Get(path);
+    EXPECT_EQ(response.Header("Status"), "500 Internal Server Error");
+    EXPECT_FALSE(response.HasHeader("Set-Cookie"));
+    EXPECT_EQ(response.Body(), "before");
+  }
+  FastCGIResponse usual = engine.Get("/usual.zpc");
+  EXPECT_FALSE(usual.HasHeader("Status"));
+  EXPECT_EQ(usual.CountOfHeader("Set-Cookie"), 1);
+  ExpectPage(usual, "before");
+  EXPECT_EQ(Lines().size(), 3u);
+}
+
+TEST_F(Operation, ASilentErrorAfterAPartWasSentChangesNothing) {
+  engine.settings = Settings("status_codes = true\nbufsz_output_flush = 1\n");
+  engine.Script("ends.zpc", Writes("before") + "tagerror 62, 2\npushg x\npushi 0\nelem\npop\n");
+  ASSERT_TRUE(engine.Start());
+  FastCGIResponse response = engine.Get("/ends.zpc");
+  EXPECT_EQ(response.Body(), "before");
+  EXPECT_FALSE(response.HasHeader("Status"));
+}
+
+// In a folder in which no file can be made, and with functions that fail.
+TEST_F(Operation, AnUploadThatCannotBeStoredIsNotTheClientsFault) {
+  const std::string body = FilePart("f", "x", "t", "content") + EndOfBody();
+  const FastCGIParameters post = {{"REQUEST_METHOD", "POST"},
+                                  {"CONTENT_TYPE", "multipart/form-data; boundary=B"},
+                                  {"CONTENT_LENGTH", std::to_string(body.size())}};
+  engine.Script("upload.zpc", "exit\n" + ValidatesWith("0") + Processes());
+  engine.Script("validate.zpc", "exit\n.function Zeph_ValidateFileUpload(a)\nretn\n.end\n");
+  engine.Script("process.zpc", "exit\n" + ValidatesWith("0") +
+                                   ".function Zeph_ProcessFileUpload(a)\nretn\n.end\n");
+  engine.settings = Settings(
+      "status_codes = true\nshow_errors = false\n"
+      "[[script]]\nmatch = \"upload*\"\ndir_data = \"/proc\"\n");
+  ASSERT_TRUE(engine.Start());
+  const struct {
+    const char* path;
+    const char* text;
+  } cases[] = {{"upload.zpc", "Failed to create temporary file"},
+               {"validate.zpc", "Failed call to ValidateFileUpload"},
+               {"process.zpc", "Failed call to ProcessFileUpload"}};
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.path);
+    FastCGIResponse response = engine.Get(each.path, post, body);
+    EXPECT_EQ(response.Header("Status"), "500 Internal Server Error");
+    EXPECT_THAT(response.Body(), HasSubstr("An error has occurred"));
+    EXPECT_THAT(Lines().back(), AllOf(StartsWith("error "),
+                                      HasSubstr(std::string(": ") + each.text + "; reference"),
+                                      HasSubstr(std::string("script \"") + each.path + "\"")));
+  }
+  FastCGIResponse wrong = engine.Get("process.zpc", post, "--B\r\n:\r\n" + EndOfBody());
+  EXPECT_EQ(wrong.Header("Status"), "400 Bad Request");
+  EXPECT_THAT(Lines().back(), StartsWith("warning "));
+}
+
 TEST_F(Operation, AScriptsOwnCookieStaysOnItsError) {
   engine.settings = Settings("status_codes = true\n" + LibraryWithHeader());
   engine.Script("own.zpc", SetsHeader("Set-Cookie", "a=1") + "pop\nexit\n" + kHeaderFunction);
@@ -522,20 +602,37 @@ TEST_F(SlowOperation, ASlowRequestIsReportedWhileItRunsAndAtItsEnd) {
 TEST_F(Operation, ARequestThatEndsBeforeABeatIsReportedAtItsEnd) {
   engine.settings = Settings("slow_time = 150\nslow_log = \"" + engine.Path("slow.log") + "\"\n");
   ASSERT_TRUE(engine.Start());
-  FastCGIClient client;
-  ASSERT_TRUE(client.Connect(engine.socket()));
-  ASSERT_TRUE(client.Begin() &&
-              client.Parameters(engine.Parameters(
-                  "/page.zpc", {{"CONTENT_TYPE", "application/x-www-form-urlencoded"},
-                                {"CONTENT_LENGTH", "3"}})) &&
-              client.EndParameters());
-  std::this_thread::sleep_for(Milliseconds(300));
-  ASSERT_TRUE(client.Input("a=1") && client.EndInput());
-  ExpectPage(client.Read(), "page");
+  ExpectPage(SlowUpload("/page.zpc", 300), "page");
   EXPECT_EQ(Content(engine.Path("error.log")), "");
   const auto lines = Lines("slow.log");
   ASSERT_GE(lines.size(), 1u);
   EXPECT_THAT(lines.back(), AllOf(HasSubstr(": Slow: took "), HasSubstr("script \"page.zpc\"")));
+}
+
+TEST_F(Operation, ScriptsMayHaveSlowLogsOfTheirOwn) {
+  std::string settings = "slow_time = 100\n";
+  for (const char* name : {"one", "two"}) {
+    settings += std::string("[[script]]\nmatch = \"") + name + "*\"\nslow_log = \"" +
+                engine.Path(name) + "\"\n";
+    engine.Script(std::string(name) + ".zpc", Writes(name));
+  }
+  engine.settings = Settings(settings);
+  ASSERT_TRUE(engine.Start());
+  std::vector<std::thread> clients;
+  for (int i = 0; i < 8; i++) {
+    clients.emplace_back([this, i] {
+      for (int n = 0; n < 5; n++) SlowUpload(i % 2 == 0 ? "/one.zpc" : "/two.zpc", 150);
+    });
+  }
+  for (std::thread& client : clients) client.join();
+  for (const char* name : {"one", "two"}) {
+    const auto lines = Lines(name);
+    EXPECT_GE(lines.size(), 1u);
+    for (const std::string& line : lines) {
+      EXPECT_THAT(line, HasSubstr(std::string("script \"") + name + ".zpc\""));
+    }
+  }
+  EXPECT_EQ(Content(engine.Path("error.log")), "");
 }
 
 TEST_F(SlowOperation, HalfARequestIsGivenUpAfterItsTime) {
@@ -581,6 +678,52 @@ TEST_F(SlowOperation, AKeptConnectionMayBeIdleAndStartsTheTimeWithItsNextRequest
   EXPECT_EQ(kept.Request(engine.Parameters("/page.zpc"), "", true).Body(), "page");
   ASSERT_TRUE(kept.Begin(true));
   EXPECT_TRUE(kept.WaitForClose(Milliseconds(20000)));
+}
+
+// A web server may send two requests in one packet.
+TEST_F(SlowOperation, BytesThatCameWithTheRequestBeforeStartTheTime) {
+  engine.arguments = {"-t", "1"};
+  engine.settings = Settings("timeout_request = 1\n");
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  FastCGIClient kept;
+  ASSERT_TRUE(kept.Connect(engine.socket()));
+  kept.Hold();
+  ASSERT_TRUE(kept.Begin(true) && kept.Parameters(engine.Parameters("/page.zpc")) &&
+              kept.EndParameters() && kept.EndInput() && kept.Begin(true));
+  ASSERT_TRUE(kept.Release());
+  EXPECT_EQ(kept.Read().Body(), "page");
+  EXPECT_TRUE(kept.WaitForClose(Milliseconds(20000)));
+  ExpectPage(engine.Get("/page.zpc"), "page");
+}
+
+TEST_F(SlowOperation, AWorkerWithHalfARequestLeavesInItsTime) {
+  engine.arguments = {"--workers", "1", "-t", "2"};
+  engine.settings = Settings("timeout_request = 1\n");
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  FastCGIClient kept;
+  ASSERT_TRUE(kept.Connect(engine.socket()));
+  kept.Hold();
+  ASSERT_TRUE(kept.Begin(true) && kept.Parameters(engine.Parameters("/page.zpc")) &&
+              kept.EndParameters() && kept.EndInput() && kept.Begin(true));
+  ASSERT_TRUE(kept.Release());
+  EXPECT_EQ(kept.Read().Body(), "page");
+  engine.Signal(SIGHUP);
+  EXPECT_TRUE(kept.WaitForClose(Milliseconds(20000)));
+}
+
+TEST_F(SlowOperation, ByDefaultARequestMayTakeItsTimeToCome) {
+  engine.arguments = {"-t", "1"};
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  FastCGIClient half;
+  ASSERT_TRUE(half.Connect(engine.socket()));
+  ASSERT_TRUE(half.Begin());
+  EXPECT_FALSE(half.WaitForClose(Milliseconds(3000)));
+  ASSERT_TRUE(half.Parameters(engine.Parameters("/page.zpc")) && half.EndParameters() &&
+              half.EndInput());
+  ExpectPage(half.Read(), "page");
 }
 
 }  // namespace

@@ -65,6 +65,10 @@ constinit thread_local bool prepared = false;
 constinit thread_local size_t refused = 0;
 constinit thread_local bool refused_by_limit = false;
 constinit thread_local bool ran_short = false;
+// What was short, and whether a line has told it in this run.
+constinit thread_local char shortage[64] = {};
+constinit thread_local bool has_shortage = false;
+constinit thread_local bool has_reported = false;
 
 const uint64_t* HeapCounter(const char* name) {
   uint64_t* counter = nullptr;
@@ -318,7 +322,7 @@ void ThreadMemory::Begin(int64_t given) {
   assert(counts || heap_taken);
   limit = grace = 0;
   refused = 0;
-  ran_short = false;
+  ran_short = has_shortage = has_reported = false;
   base = 0;
   base = Used() - given;
   taken_before = counts ? taken : *heap_taken;
@@ -384,32 +388,48 @@ bool ThreadMemory::RanShort() {
   return ran_short;
 }
 
-void ThreadMemory::Exhausted(const char* path, int length) {
+// Nothing below allocates memory.
+
+void ThreadMemory::Exhausted() {
   if (grace == 0) grace = kGrace;
   ran_short = ran_short || !refused_by_limit;
   allowance = 0;
   free(reserve);
   reserve = nullptr;
-  // Nothing below allocates memory.
-  char line[1024];
-  char what[64];
-  const time_t now = time(nullptr);
-  tm local{};
-  localtime_r(&now, &local);
   if (refused == 0) {
-    snprintf(what, sizeof what, "a text has no more than 2147483647 bytes");
+    snprintf(shortage, sizeof shortage, "a text has no more than 2147483647 bytes");
   } else if (refused_by_limit) {
-    snprintf(what, sizeof what, "memory_limit is %lld bytes", static_cast<long long>(limit));
+    snprintf(shortage, sizeof shortage, "memory_limit is %lld bytes",
+             static_cast<long long>(limit));
   } else {
-    snprintf(what, sizeof what, "the process has no %zu bytes left", refused);
+    snprintf(shortage, sizeof shortage, "the process has no %zu bytes left", refused);
   }
   refused = 0;
+  has_shortage = true;
+}
+
+const char* ThreadMemory::TakeShortage() {
+  if (!has_shortage) return nullptr;
+  has_shortage = false;
+  has_reported = true;
+  return shortage;
+}
+
+void ThreadMemory::Exhausted(const char* path, int length) {
+  Exhausted();
+  const bool reports = !has_reported;
+  const char* const what = TakeShortage();
+  if (!reports) return;
   if (ErrorLog& log = ErrorLog::OfProcess(); log.IsOpen()) {
     LogLine message;
     message.Text(path, length).Text(": Out of memory: ").Text(what);
     log.Write(ErrorLog::Level::Error, message);
     return;
   }
+  char line[1024];
+  const time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
   const int used =
       snprintf(line, sizeof line, "%04d-%02d-%02d %02d:%02d:%02d %.*s: Out of memory: %s\n",
                local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,

@@ -113,6 +113,41 @@ TEST(Upload, FilesDoNotCountAsVariables) {
             "ask(f|x|y)file(f|x|COMPLETE|ZEPH_FUP.1|y|1)[1][2]");
 }
 
+// Whether the client or this side is to blame for the error of a body.
+TEST(Upload, TellsWhoseFaultAnErrorIs) {
+  const struct {
+    const char* label;
+    std::string script;
+    bool fail_temporary;
+    int fail_write;
+    std::string body;
+    bool is_own;
+  } cases[] = {
+      {"no temporary file", ValidatesWith("0"), true, 0, FilePart("f", "x", "y", "data"), true},
+      {"a full disk", ValidatesWith("0"), false, 1, FilePart("f", "x", "y", "data"), true},
+      {"a function with other parameters", ".function Zeph_ValidateFileUpload(a)\nretn\n.end\n",
+       false, 0, FilePart("f", "x", "y", "data"), true},
+      {"the other function",
+       ValidatesWith("0") + ".function Zeph_ProcessFileUpload(a)\nretn\n.end\n", false, 0,
+       FilePart("f", "x", "y", "data"), true},
+      {"too many fields", "", false, 0, Field("a", "1") + Field("b", "2"), false},
+      {"no form", "", false, 0, "--B\r\n:", false},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.label);
+    Machine machine;
+    if (!each.script.empty()) machine.Assemble(each.script);
+    UploadFiles files;
+    files.fail_temporary = each.fail_temporary;
+    files.fail_write = each.fail_write;
+    MultipartFormParser parser(&machine.vm(), &files, &machine.global,
+                               "multipart/form-data; boundary=B", 1);
+    EXPECT_FALSE(parser.is_own_failure());
+    EXPECT_NE(Feed(parser, {each.body + EndOfBody(), "x"}), "");
+    EXPECT_EQ(parser.is_own_failure(), each.is_own);
+  }
+}
+
 // --- The limit of a file -------------------------------------------------------------------------
 
 // The bytes of a block count twice, so those of a file that is one block all do.

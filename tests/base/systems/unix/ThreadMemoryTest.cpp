@@ -160,6 +160,29 @@ TEST_F(ThreadMemoryTest, ALineTellsOfAProcessThatHasNoMemory) {
   EXPECT_TRUE(ThreadMemory::RanShort());
 }
 
+// A lack that the line of an error has told needs no line of its own.
+TEST_F(ThreadMemoryTest, ALackIsToldOnce) {
+  testing::internal::CaptureStderr();
+  {
+    const ThreadMemory::Run run;
+    ThreadMemory::SetLimit(kMegabyte);
+    EXPECT_EQ(ThreadMemory::TakeShortage(), nullptr);
+    EXPECT_THROW(std::make_unique<char[]>(2 * kMegabyte), std::bad_alloc);
+    ThreadMemory::Exhausted();
+    EXPECT_STREQ(ThreadMemory::TakeShortage(), "memory_limit is 1048576 bytes");
+    EXPECT_EQ(ThreadMemory::TakeShortage(), nullptr);
+    ThreadMemory::Exhausted("dir/page.zpc", 12);
+    EXPECT_EQ(ThreadMemory::TakeShortage(), nullptr);
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  {
+    const ThreadMemory::Run next;
+    testing::internal::CaptureStderr();
+    ThreadMemory::Exhausted("dir/page.zpc", 12);
+    EXPECT_NE(testing::internal::GetCapturedStderr(), "");
+  }
+}
+
 // The message and the end of the run need some memory.
 TEST_F(ThreadMemoryTest, ThereIsALittleBeyondTheLimitOnceItWasMet) {
   const ThreadMemory::Run run;
