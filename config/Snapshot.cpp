@@ -276,10 +276,12 @@ void Reader::ReadProcess(const Item& section) {
     if (item.key == "status_listen") {
       ReadText(key, item, &snapshot.process.status_listen);
     } else if (item.key == "max_requests") {
-      if (ReadInteger(key, item, &snapshot.process.max_requests) &&
-          snapshot.process.max_requests < 0) {
-        Complain(item.line, key,
-                 "expected 0 or more, found " + std::to_string(snapshot.process.max_requests));
+      int count = 0;
+      if (!ReadInteger(key, item, &count)) continue;
+      if (count < 0) {
+        Complain(item.line, key, "expected 0 or more, found " + std::to_string(count));
+      } else {
+        snapshot.process.max_requests = count;
       }
     } else {
       UnknownKey("process.", item, {"status_listen", "max_requests"});
@@ -527,6 +529,7 @@ Snapshot Snapshot::Parse(const std::string& file, std::string_view text) {
   Snapshot failed = Failed(snapshot.error);
   failed.errors = std::move(snapshot.errors);
   failed.warnings = std::move(snapshot.warnings);
+  failed.process = std::move(snapshot.process);
   for (const Setting& setting : snapshot.settings) {
     if (IsForErrors(setting.id)) failed.settings.push_back(setting);
   }

@@ -51,8 +51,9 @@ ErrorSettings ShippedErrorSettings();
 
 struct Snapshot {
   // Parses a file's text. `file` is the file's name in messages. If the text has errors, the
-  // snapshot has only these, the warnings, and those settings that say what becomes of errors:
-  // error_log, show_errors and status_codes.
+  // snapshot has only these, the warnings, those settings that say what becomes of errors
+  // (error_log, show_errors and status_codes), and what is in order in the section [process], which
+  // is read only once.
   static Snapshot Parse(const std::string& file, std::string_view text);
   // A snapshot with this as its only error.
   static Snapshot Failed(const std::string& message);

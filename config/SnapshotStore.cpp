@@ -2,13 +2,9 @@
 
 #include "config/SnapshotStore.h"
 
-#include "base/host/FileDescriptor.h"
-
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -21,14 +17,6 @@ namespace {
 
 // The kernel stamps files with a clock of its own, which advances in ticks of up to 10 ms.
 constexpr int64_t tick_nanoseconds = 20'000'000;
-// Far larger than any configuration. A device or a log that is named by mistake is not read to its
-// end.
-constexpr off_t largest_file = 16 << 20;
-
-std::string ErrorText(int number) {
-  char buffer[256];
-  return strerror_r(number, buffer, sizeof buffer);
-}
 
 // Returns the absolute path of the file, so that an administrator knows which file is meant.
 std::string FullPath(const char* path) {
@@ -68,7 +56,7 @@ bool SnapshotStore::Identity::operator==(const Identity& other) const {
          device == other.device && error == other.error && path == other.path;
 }
 
-SnapshotStore::Identity SnapshotStore::IdentityOf(const Found& found) {
+SnapshotStore::Identity SnapshotStore::IdentityOf(const FoundSettings& found) {
   Identity identity;
   identity.path = found.path;
   identity.error = found.error;
@@ -80,59 +68,12 @@ SnapshotStore::Identity SnapshotStore::IdentityOf(const Found& found) {
   return identity;
 }
 
-bool SnapshotStore::IsStill(const Identity& identity, const Found& found) {
+bool SnapshotStore::IsStill(const Identity& identity, const FoundSettings& found) {
   const struct stat& status = found.status;
   return identity.error == found.error && identity.path == found.path &&
          (found.error != 0 ||
           (identity.inode == status.st_ino && identity.size == status.st_size &&
            identity.device == status.st_dev && SameTime(identity.modified, status.st_mtim)));
-}
-
-SnapshotStore::Found SnapshotStore::LookAt(const char* path) {
-  Found found;
-  found.path = path;
-  found.error = stat(path, &found.status) == 0 ? 0 : errno;
-  return found;
-}
-
-SnapshotStore::Found SnapshotStore::Look() {
-  const char* named = getenv(config_file_variable);
-  if (named != nullptr && *named != 0) return LookAt(named);
-  for (const char* path : {config_file_local, config_file_system}) {
-    const Found found = LookAt(path);
-    if (found.error != ENOENT && found.error != ENOTDIR) return found;
-  }
-  Found none;
-  none.path = "";
-  none.error = ENOENT;
-  return none;
-}
-
-std::string SnapshotStore::MissingText(const Identity& identity) {
-  if (!identity.path.empty()) return identity.path + ": " + ErrorText(identity.error);
-  return std::string("no configuration file: ") + config_file_variable +
-         " is not set, and neither " + config_file_local + " in the working directory nor " +
-         config_file_system + " exists";
-}
-
-// Reads the file that *identity names, and sets *identity to that of the bytes that were read,
-// because the file may have been replaced since it was found. Returns the error text, empty on
-// success.
-std::string SnapshotStore::ReadFile(Identity* identity, std::string* text) {
-  // A FIFO named by mistake must not hang the request.
-  FileDescriptor file(open(identity->path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  struct stat status;
-  if (!file.is_open() || fstat(file.get(), &status) != 0) return ErrorText(errno);
-  *identity = IdentityOf({identity->path.c_str(), 0, status});
-  if (!S_ISREG(status.st_mode)) return "Not a regular file";
-  for (char buffer[16384]; off_t(text->size()) <= largest_file;) {
-    ssize_t count = read(file.get(), buffer, sizeof buffer);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return ErrorText(errno);
-    if (count == 0) return "";
-    text->append(buffer, size_t(count));
-  }
-  return "Too large for a configuration file";
 }
 
 // Puts a snapshot into force, unless it has an error and the present one is good. Its warnings are
@@ -154,15 +95,18 @@ void SnapshotStore::Install(Snapshot snapshot) {
 
 // Looks again, because another thread may have reloaded between the caller's look and the lock.
 void SnapshotStore::Reload() {
-  Identity identity = IdentityOf(Look());
-  std::string file = FullPath(identity.path.c_str());
+  FoundSettings found = FindSettings();
+  std::string file = FullPath(found.path);
   std::string text;
   std::string error;
-  if (identity.error != 0) {
-    error = MissingText(identity);
-  } else if (std::string problem = ReadFile(&identity, &text); !problem.empty()) {
+  if (found.error != 0) {
+    error = WhyNoSettings(found);
+  } else if (std::string problem = ReadSettings(found.path, &found.status, &text);
+             !problem.empty()) {
     error = file + ": " + problem;
   }
+  // That of the bytes that were read, because the file may have been replaced since it was found.
+  const Identity identity = IdentityOf(found);
   // For a file that could not be read the error counts as its content, so that a second look at the
   // same state reports nothing again.
   const std::string& content = error.empty() ? text : error;
@@ -175,7 +119,7 @@ void SnapshotStore::Reload() {
 }
 
 void SnapshotStore::Update(View* view) {
-  const Found found = Look();
+  const FoundSettings found = FindSettings();
   // Another thread may have read a later state of the file meanwhile, even if the file is back in
   // the state that this thread has seen.
   if (view->snapshot != nullptr && view->settled && IsStill(view->seen, found) &&

@@ -3,6 +3,7 @@
 #ifndef ZEPH_CONFIG_SNAPSHOTSTORE_H
 #define ZEPH_CONFIG_SNAPSHOTSTORE_H
 
+#include "config/SettingsFile.h"
 #include "config/Snapshot.h"
 
 #include <sys/stat.h>
@@ -12,12 +13,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-
-// The file is the one that this environment variable names, or else the first of the two that
-// exists.
-inline constexpr char config_file_variable[] = "ZEPH_CONFIG";
-inline constexpr char config_file_local[] = "zeph.toml";
-inline constexpr char config_file_system[] = "/etc/zeph/zeph.toml";
 
 // One for the process; any thread may call it.
 class SnapshotStore {
@@ -55,19 +50,8 @@ class SnapshotStore {
   std::shared_ptr<const Snapshot> Current();
 
  private:
-  // The file that was found, or the errno of looking for it.
-  struct Found {
-    const char* path;  // empty when no file was named or found
-    int error;
-    struct stat status;
-  };
-
-  static Found Look();
-  static Found LookAt(const char* path);
-  static Identity IdentityOf(const Found& found);
-  static bool IsStill(const Identity& identity, const Found& found);
-  static std::string MissingText(const Identity& identity);
-  static std::string ReadFile(Identity* identity, std::string* text);
+  static Identity IdentityOf(const FoundSettings& found);
+  static bool IsStill(const Identity& identity, const FoundSettings& found);
 
   void Reload();
   void Install(Snapshot snapshot);

@@ -12,17 +12,15 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <initializer_list>
 #include <set>
-#include <sstream>
 #include <utility>
 
 #include "base/host/Settings.h"
 #include "base/systems/unix/UNIXApplication.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
+#include "config/SettingsFile.h"
 #include "config/Snapshot.h"
-#include "config/SnapshotStore.h"
 #include "fastcgi/StatusServer.h"
 
 namespace {
@@ -89,12 +87,8 @@ class Check {
   // The file that the shipped configuration library would read. Empty, with the problem told, if
   // there is none.
   std::string Found() {
-    const char* named = getenv(config_file_variable);
-    if (named && *named) return named;
-    for (const char* path : {config_file_local, config_file_system}) {
-      struct stat status;
-      if (stat(path, &status) == 0) return path;
-    }
+    const FoundSettings found = FindSettings();
+    if (*found.path) return found.path;
     Problem(std::string("no settings: ") + config_file_variable + " is not set, and neither " +
             config_file_local + " nor " + config_file_system + " exists");
     return "";
@@ -103,7 +97,9 @@ class Check {
   void CheckFile(const std::string& path) {
     out << "settings  " << path << "\n";
     std::string text;
-    if (!Read(path, &text)) return Problem(path + ": " + strerror(errno));
+    struct stat status;
+    const std::string reason = ReadSettings(path.c_str(), &status, &text);
+    if (!reason.empty()) return Problem(path + ": " + reason);
     const Snapshot snapshot = Snapshot::Parse(path, text);
     for (const std::string& error : snapshot.errors) Problem(error);
     for (const std::string& warning : snapshot.warnings) Note(warning);
@@ -133,21 +129,6 @@ class Check {
     for (const ScriptSection& section : snapshot.scripts) {
       check("script.slow_log", TextSetting(section.settings, Config_slow_log));
     }
-  }
-
-  static bool Read(const std::string& path, std::string* text) {
-    struct stat status;
-    if (stat(path.c_str(), &status) != 0) return false;
-    if (!S_ISREG(status.st_mode)) {
-      errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-      return false;
-    }
-    std::ifstream file(path, std::ios::binary);
-    if (!file) return false;
-    std::ostringstream content;
-    content << file.rdbuf();
-    *text = content.str();
-    return true;
   }
 
   static std::string TextSetting(const std::vector<Setting>& settings, int id) {

@@ -2,49 +2,51 @@
 
 #include "fastcgi/ProcessSettings.h"
 
-#include <sys/stat.h>
-
-#include <cerrno>
+#include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "base/host/Config.h"
 #include "base/host/ErrorLog.h"
-#include "config/SnapshotStore.h"
+#include "config/SettingsFile.h"
 #include "fastcgi/OperatorSettings.h"
 
 namespace {
 
 constexpr int kMostWorkers = 1000;
 
-// Empty if there is none.
-std::string FileOfSettings() {
-  const char* named = getenv(config_file_variable);
-  if (named && *named) return named;
-  for (const char* path : {config_file_local, config_file_system}) {
-    struct stat status;
-    if (stat(path, &status) == 0 || (errno != ENOENT && errno != ENOTDIR)) return path;
-  }
-  return "";
+// Workers, and a supervisor that reloads, meet the same mistake again.
+void Tell(const std::string& problem) {
+  const std::string text = "zeph-fcgi: " + problem;
+  ReportOnce("zeph-fcgi", text.data(), static_cast<int>(std::min<size_t>(text.size(), 3000)));
+}
+
+// Returns false, with the reason told, if there is a file and it cannot be read.
+bool ReadText(const FoundSettings& found, std::string* text) {
+  if (*found.path == '\0') return true;
+  struct stat status;
+  const std::string reason =
+      found.error != 0 ? WhyNoSettings(found) : ReadSettings(found.path, &status, text);
+  if (reason.empty()) return true;
+  Tell(found.error != 0 ? reason : std::string(found.path) + ": " + reason);
+  return false;
 }
 
 }  // namespace
 
 ProcessSettings ReadProcessSettings() {
-  const std::string path = FileOfSettings();
-  struct stat status;
-  // A FIFO would hang the start.
-  if (path.empty() || stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  const Snapshot snapshot = Snapshot::Parse(path, text.str());
   ProcessSettings settings;
-  if (snapshot.error.empty()) static_cast<ProcessSection&>(settings) = snapshot.process;
+  const FoundSettings found = FindSettings();
+  std::string text;
+  if (!ReadText(found, &text)) return settings;
+  const Snapshot snapshot = Snapshot::Parse(found.path, text);
+  if (!snapshot.errors.empty()) {
+    const size_t more = snapshot.errors.size() - 1;
+    Tell(snapshot.error +
+         (more > 0 ? "; " + std::to_string(more) + " more, see zeph-fcgi --check" : ""));
+  }
+  static_cast<ProcessSection&>(settings) = snapshot.process;
   if (const Setting* log = snapshot.Find(Config_error_log)) settings.error_log = log->text;
   return settings;
 }

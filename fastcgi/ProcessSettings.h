@@ -13,8 +13,8 @@ struct ProcessSettings : ProcessSection {
 };
 
 // Reads the file that the shipped configuration library would read in this process. Without a file
-// all is as by default. From one that has mistakes, which the responses to requests tell about,
-// only error_log is taken, unless it is the mistake.
+// all is as by default, and what is wrong in it is. The first mistake of the file is reported, once
+// in a process: what it keeps from being read here is not read before the next start.
 ProcessSettings ReadProcessSettings();
 
 // The number after "--workers", 1 to 1000; 0 if there is none. Another value is reported in the log

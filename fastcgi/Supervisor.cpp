@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "base/host/ErrorLog.h"
@@ -67,6 +68,7 @@ bool Supervisor::Run() {
     OperatorSettings::Report("no workers: ", strerror(errno));
     return false;
   }
+  others = {{signals.get(), POLLIN, 0}, {changes.get(), POLLIN, 0}};
   for (;;) {
     if (!ends && StartWorkers()) return true;
     if (ends && workers.empty()) break;
@@ -92,14 +94,20 @@ bool Supervisor::StartWorkers() {
 }
 
 bool Supervisor::StartWorker(Seat* seat) {
-  StatusBoard board(has_status ? threads : 0);
+  // Made before the fork, because a worker without its place here would be lost.
+  std::list<Worker> made;
+  try {
+    made.push_back({0, StatusBoard(has_status ? threads : 0), Clock::now()});
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+  }
   const pid_t supervisor = getpid();
-  const pid_t pid = board.get() ? fork() : -1;
+  const pid_t pid = !made.empty() && made.back().board.get() ? fork() : -1;
   if (pid == 0) {
     // Workers whose supervisor was killed leave too: the next one starts its own.
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != supervisor) _exit(0);
-    BecomeWorker(std::move(board));
+    BecomeWorker(std::move(made.back().board));
     return true;
   }
   if (pid < 0) {
@@ -108,7 +116,8 @@ bool Supervisor::StartWorker(Seat* seat) {
     return false;
   }
   past.workers_started++;
-  workers.push_back({pid, std::move(board), Clock::now()});
+  made.back().pid = pid;
+  workers.splice(workers.end(), made);
   seat->current = &workers.back();
   return false;
 }
@@ -139,7 +148,6 @@ void Supervisor::Wait() {
   for (const Seat& seat : seats) {
     if (!ends && !seat.current) until(seat.next_start);
   }
-  std::vector<pollfd> others{{signals.get(), POLLIN, 0}, {changes.get(), POLLIN, 0}};
   server.Turn(&others, timeout);
   uint64_t count;
   if (others[1].revents != 0 && read(changes.get(), &count, sizeof count) < 0) {
@@ -178,7 +186,11 @@ void Supervisor::BeginReload() {
   reloads_again = false;
   past.reloads++;
   ServiceManager::Reloading();
-  OperatorSettings::UseLog(ReadProcessSettings().error_log.c_str());
+  try {
+    OperatorSettings::UseLog(ReadProcessSettings().error_log.c_str());
+  } catch (const std::bad_alloc&) {
+    // The log stays as it is. The end of this process would be the end of all workers.
+  }
   for (Seat& seat : seats) {
     // A worker that does not serve yet is told to leave as soon as it can.
     seat.previous = std::exchange(seat.current, nullptr);
@@ -201,7 +213,11 @@ void Supervisor::Reap() {
 
 // A worker that was told to leave, or that leaves by itself, is in no seat any more.
 void Supervisor::Bury(const Worker& worker, int status) {
-  past.Bury(ProcessView::Of(*worker.board.get()));
+  try {
+    past.Bury(ProcessView::Of(*worker.board.get()));
+  } catch (const std::bad_alloc&) {
+    // Its counts are lost.
+  }
   const auto seat = std::find_if(seats.begin(), seats.end(), [&worker](const Seat& each) {
     return each.current == &worker || each.previous == &worker;
   });

@@ -70,7 +70,8 @@ class Supervisor {
   const bool has_status;
   StatusServer server;
   FileDescriptor signals;
-  FileDescriptor changes;  // counts changes of the workers' phases
+  FileDescriptor changes;      // counts changes of the workers' phases
+  std::vector<pollfd> others;  // both, for the wait
   sigset_t mask_before;
   std::list<Worker> workers;
   std::vector<Seat> seats;

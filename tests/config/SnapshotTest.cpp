@@ -91,11 +91,18 @@ TEST(Snapshot, AFileWithAMistakeStillSaysWhatBecomesOfErrors) {
 TEST(Snapshot, TheProcessHasASectionOfItsOwn) {
   EXPECT_EQ(Parse("").process.status_listen, "");
   EXPECT_EQ(Parse("").process.max_requests, 0);
-  const Snapshot snapshot =
-      Parse("[process]\nstatus_listen = '127.0.0.1:8081'\nmax_requests = 1000\n");
+  Snapshot snapshot = Parse("[process]\nstatus_listen = '127.0.0.1:8081'\nmax_requests = 1000\n");
   EXPECT_EQ(snapshot.error, "");
   EXPECT_EQ(snapshot.process.status_listen, "127.0.0.1:8081");
   EXPECT_EQ(snapshot.process.max_requests, 1000);
+  // The section is read once, so a mistake elsewhere must not cost it, nor one in another key.
+  snapshot =
+      Parse("cookeys = 1\n[process]\nstatus_listen = '127.0.0.1:8081'\nmax_requests = 1000\n");
+  EXPECT_EQ(snapshot.process.status_listen, "127.0.0.1:8081");
+  EXPECT_EQ(snapshot.process.max_requests, 1000);
+  snapshot = Parse("[process]\nstatus_listen = '127.0.0.1:8081'\nmax_requests = -1\n");
+  EXPECT_EQ(snapshot.process.status_listen, "127.0.0.1:8081");
+  EXPECT_EQ(snapshot.process.max_requests, 0);
 }
 
 TEST(Snapshot, ErrorSettingsAreThoseShippedButForTheOnesNamed) {

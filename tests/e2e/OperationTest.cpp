@@ -223,7 +223,10 @@ TEST_F(Operation, ATypoInTheFirstConfigurationHasALineInTheLogThatItNames) {
   engine.settings = Settings("cookeys = 0\n");
   ASSERT_TRUE(engine.Start());
   engine.Get("/page.zpc", kVisitor);
-  EXPECT_THAT(Line(),
+  const auto lines = Lines();
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_THAT(lines[0], HasSubstr(": zeph-fcgi: " + engine.Path("zeph.toml") + ":5: cookeys: "));
+  EXPECT_THAT(lines[1],
               AllOf(StartsWith("error "), HasSubstr("Configuration Error: Error loading "),
                     HasSubstr("zeph.toml:5: cookeys: unknown key, the nearest known one is "),
                     HasSubstr("\"cookies\""), HasSubstr("client \"192.0.2.1\"")));
@@ -500,7 +503,7 @@ TEST_F(Operation, AConfigurationWithATypoStillKeepsItsMessagesFromVisitors) {
   EXPECT_EQ(response.Header("Status"), "500 Internal Server Error");
   EXPECT_FALSE(response.HasHeader("Set-Cookie"));
   EXPECT_THAT(response.Body(), AllOf(HasSubstr("An error has occurred"), Not(HasSubstr("zeph"))));
-  EXPECT_THAT(Line(), HasSubstr("cookeys"));
+  EXPECT_THAT(Lines().back(), HasSubstr("cookeys"));
 }
 
 // A library that is gone takes its settings with it.

@@ -79,7 +79,7 @@ TEST_F(ShellOptions, TheFileIsTheNamedOneOrTheOneThatTheEngineWouldRead) {
   EXPECT_EQ(Run({"--check", "none.toml"}), 1);
   EXPECT_THAT(output, HasSubstr("problem: none.toml: No such file or directory\n"));
   EXPECT_EQ(Run({"--check", "site"}), 1);
-  EXPECT_THAT(output, HasSubstr("problem: site: Is a directory\n"));
+  EXPECT_THAT(output, HasSubstr("problem: site: Not a regular file\n"));
   EXPECT_EQ(Run({"--check", "a", "b"}), 2);
   EXPECT_THAT(errors, StartsWith("zeph-fcgi: --check takes one file\nusage: zeph-fcgi "));
   if (access("/etc/zeph/zeph.toml", F_OK) == 0) return;
@@ -191,6 +191,12 @@ TEST_F(ShellOptions, AnOperatorsLogThatCannotBeWrittenIsTold) {
   EXPECT_EQ(Check("error_log = \"" + folder + "/error.log\"\nslow_log = \"/dev/null\"\n"), 0);
   EXPECT_FALSE(directory.Exists("data/folder/error.log"));
   EXPECT_EQ(Check("error_log = \"syslog\"\n"), 0);
+}
+
+TEST_F(ShellOptions, AFileThatCannotBeReachedIsNotReplacedByTheNext) {
+  directory.Link("zeph.toml", "zeph.toml");
+  EXPECT_EQ(Run({"--check"}), 1);
+  EXPECT_THAT(output, HasSubstr("settings  zeph.toml\nproblem: zeph.toml: Too many levels of "));
 }
 
 TEST_F(ShellOptions, RightsAreThoseOfTheUserWhoAsks) {

@@ -2,6 +2,7 @@
 // when a worker dies, when all are replaced under load, and when all threads are busy.
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -210,6 +211,23 @@ TEST_F(Service, TheStatusHasTheMostMemoryThatARequestHasHad) {
   EXPECT_TRUE(Eventually([&] { return most() > 20000000; }));
 }
 
+TEST_F(Service, AThreadThatWaitsForTheRestOfARequestIsNotIdle) {
+  ServeStatus();
+  engine.arguments = {"-t", "2"};
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  FastCGIClient half;
+  ASSERT_TRUE(half.Connect(engine.socket()));
+  ASSERT_TRUE(half.Begin());
+  const auto shows = [&](const std::string& threads) {
+    return Eventually([&] { return Status("/status").find(threads) != std::string::npos; },
+                      Milliseconds(20000));
+  };
+  EXPECT_TRUE(shows(" 1 idle, 0 loading, 1 receiving, 0 running")) << Status("/status");
+  half.Close();
+  EXPECT_TRUE(shows(" 2 idle, 0 loading, 0 receiving, 0 running")) << Status("/status");
+}
+
 TEST_F(Service, ThereIsNoStatusByDefault) {
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/page.zpc"), "page");
@@ -290,6 +308,112 @@ TEST_F(Service, TheSupervisorWritesToTheLogOfTheEngine) {
   kill(third, SIGKILL);
   EXPECT_TRUE(Eventually([&] {
     return content(engine.Path("other.log")).find(ended + std::to_string(third)) !=
+           std::string::npos;
+  }));
+}
+
+// The engine's standard error as a pipe, whose reader may end or stop reading.
+class Messages {
+ public:
+  Messages() {
+    int ends[2];
+    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    reader.reset(ends[0]);
+    writer.reset(ends[1]);
+  }
+  void FillUp() {
+    const int flags = fcntl(writer.get(), F_GETFL);
+    fcntl(writer.get(), F_SETFL, flags | O_NONBLOCK);
+    const std::string bytes(4096, 'x');
+    while (write(writer.get(), bytes.data(), bytes.size()) > 0) {
+    }
+    fcntl(writer.get(), F_SETFL, flags);
+  }
+
+  FileDescriptor reader;
+  FileDescriptor writer;
+};
+
+TEST_F(Service, ASupervisorWhoseMessagesHaveNoReaderReplacesItsWorkers) {
+  Messages messages;
+  engine.standard_error = messages.writer.get();
+  engine.arguments = {"--workers", "2", "-t", "2"};
+  ASSERT_TRUE(engine.Start());
+  messages.writer.reset();
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  messages.reader.reset();
+  for (int i = 0; i < 2; i++) {
+    const pid_t killed = *Workers(2).begin();
+    kill(killed, SIGKILL);
+    ASSERT_TRUE(Eventually([&] { return Workers().size() == 2 && !Workers().count(killed); }));
+  }
+  EXPECT_TRUE(engine.Running());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+}
+
+TEST_F(Service, AProcessWhoseMessagesHaveNoReaderServes) {
+  Messages messages;
+  engine.standard_error = messages.writer.get();
+  engine.arguments = {"-t", "none"};
+  engine.settings = "[process]\nstatus_listen = \"localhost:80\"\n";
+  messages.reader.reset();
+  ASSERT_TRUE(engine.Start());
+  messages.writer.reset();
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  ExpectFailure(engine.Get("/nowhere.zpc"),
+                "Unable to execute 'nowhere.zpc': No such file or directory");
+  EXPECT_TRUE(engine.Running());
+}
+
+// The signal of another process still ends it.
+TEST_F(SlowService, SIGPIPEOfAnotherProcessEndsASupervisor) {
+  engine.arguments = {"--workers", "1"};
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  engine.Signal(SIGPIPE);
+  EXPECT_EQ(engine.Wait(Milliseconds(20000)), 0);
+}
+
+TEST_F(SlowService, ASupervisorWhoseMessagesAreNotReadReplacesItsWorkersAndEnds) {
+  Messages messages;
+  messages.FillUp();
+  engine.standard_error = messages.writer.get();
+  engine.arguments = {"--workers", "2", "-t", "2"};
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  const pid_t killed = *Workers(2).begin();
+  kill(killed, SIGKILL);
+  ASSERT_TRUE(Eventually([&] { return Workers().size() == 2 && !Workers().count(killed); },
+                         Milliseconds(20000)));
+  engine.Signal(SIGTERM);
+  EXPECT_EQ(engine.Wait(Milliseconds(20000)), 0);
+}
+
+// It is read once, so a mistake elsewhere must not cost it.
+TEST_F(Service, AMistakeInTheFileIsToldAtTheStartAndKeepsThePageOfStatus) {
+  for (const char* workers : {"", "2"}) {
+    SCOPED_TRACE(workers);
+    EngineProcess other;
+    other.settings =
+        "cookeys = 0\nshow_erors = 1\n[process]\nmax_requests = -1\n"
+        "status_listen = \"" +
+        status_socket + "\"\n";
+    if (*workers) other.arguments = {"--workers", workers};
+    ASSERT_TRUE(other.Start());
+    EXPECT_TRUE(Eventually([&] { return Status("/ping") == "ok\n"; }));
+    const std::string log = other.Log();
+    EXPECT_THAT(log, HasSubstr(": zeph-fcgi: " + other.Path("zeph.toml") +
+                               ":4: cookeys: unknown key, the nearest known one is \"cookies\"; 2 "
+                               "more, see zeph-fcgi --check\n"));
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+  }
+}
+
+TEST_F(Service, AFileThatCannotBeReadIsToldAtTheStart) {
+  engine.environment["ZEPH_CONFIG"] = engine.Path("work");
+  ASSERT_TRUE(engine.Start());
+  EXPECT_TRUE(Eventually([&] {
+    return engine.Log().find(": zeph-fcgi: " + engine.Path("work") + ": Not a regular file\n") !=
            std::string::npos;
   }));
 }
@@ -375,6 +499,33 @@ TEST_F(SlowService, AProcessWithoutWorkersLeavesAfterMaxRequests) {
   const FastCGIResponse response = busy->Read();
   EXPECT_EQ(response.Body().size(), 2000 * flood_part);
   EXPECT_EQ(engine.Wait(Milliseconds(20000)), 0);
+}
+
+// Nothing else would serve while it waits for the task.
+TEST_F(SlowService, AProcessWithoutWorkersThatRunsATaskServesUntilTheTaskHasEnded) {
+  engine.settings = "timeout_async = 2\n[process]\nmax_requests = 2\n";
+  // The task has the settings that its request has read.
+  engine.Script("task.zpc",
+                "pushs zeph_config\npushc \"timeout_async\"\nmemb\npopg pinned\n"
+                "async after\nagain: jmp again\nafter: " +
+                    Writes("started"));
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/task.zpc"), "started");
+  for (int i = 0; i < 5; i++) ExpectPage(engine.Get("/page.zpc"), "page");
+  EXPECT_EQ(engine.Wait(Milliseconds(30000)), 0);
+}
+
+TEST_F(SlowService, AWorkerLeavesAfterMaxRequestsWhateverItsTasksDo) {
+  engine.settings = "[process]\nmax_requests = 2\n";
+  engine.arguments = {"--workers", "1"};
+  engine.Script("task.zpc", "async after\nagain: jmp again\nafter: " + Writes("started"));
+  ASSERT_TRUE(engine.Start());
+  const pid_t first = *Workers(1).begin();
+  ExpectPage(engine.Get("/task.zpc"), "started");
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  EXPECT_TRUE(Eventually([&] { return Workers().size() == 2; }));
+  EXPECT_EQ(Workers().count(first), 1u);
+  ExpectPage(engine.Get("/page.zpc"), "page");
 }
 
 TEST_F(SlowService, SIGTERMEndsAllWorkersInTime) {

@@ -166,7 +166,7 @@ void EngineProcess::RunChild(int descriptor) {
   }
   int log = open(Path("log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
   dup2(log, 1);
-  dup2(log, 2);
+  dup2(standard_error >= 0 ? standard_error : log, 2);
   // Descriptors that the test has inherited are not passed to the engine.
   close_range(3, ~0u, 0);
   if (descriptor_limit > 0) {

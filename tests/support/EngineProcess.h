@@ -49,6 +49,9 @@ class EngineProcess {
   enum Descriptor0 { ListeningSocket, NonBlockingSocket, TCPSocket, PlainFile, Closed };
   Descriptor0 descriptor0 = ListeningSocket;
 
+  // The engine's standard error, borrowed; -1 is the log.
+  int standard_error = -1;
+
   // The engine's first limit of descriptors; 0 keeps the test's limit.
   unsigned descriptor_limit = 0;
   // Limits of the engine's address space and of the stacks that the system starts it with, in
