@@ -31,14 +31,22 @@ struct CommonLayouts {
   CommonLayouts(const CommonLayouts&) = delete;
   CommonLayouts& operator=(const CommonLayouts&) = delete;
 
+  // Notes a place that is about to get its first pair.
+  void Take(size_t place) { taken[count++] = static_cast<uint8_t>(place); }
+
+  // Looks only at the places that are taken: a request that makes no structure would otherwise read
+  // all of this memory at its end, which is not in the processor's cache then.
   void Forget() {
-    for (Pair& pair : pairs) {
+    while (count > 0) {
+      Pair& pair = pairs[taken[--count]];
       if (pair.from) pair.from->Release();
       if (pair.to) pair.to->Release();
       pair = {};
     }
   }
 
+  size_t count = 0;
+  uint8_t taken[kPlaces];  // the first `count` are the places of pairs, each once
   Pair pairs[kPlaces];
 };
 
@@ -147,11 +155,12 @@ MemberLayout* MemberLayout::With(MemberLayout* layout, const char* name, int len
     layout->Release();
     return longer;
   }
+  size_t place = 0;
   CommonLayouts::Pair* pair = nullptr;
   if (count < kMostCommon) {
     const uint64_t from = layout ? layout->serial_ : 0;
-    const uint64_t place = (from * 0x9E3779B97F4A7C15u >> 32) ^ Hash(name, length);
-    pair = &Common().pairs[place % CommonLayouts::kPlaces];
+    place = ((from * 0x9E3779B97F4A7C15u >> 32) ^ Hash(name, length)) % CommonLayouts::kPlaces;
+    pair = &Common().pairs[place];
     if (pair->from == layout && pair->to && pair->to->EndsWith(name, length)) {
       pair->to->Hold();
       if (layout) {
@@ -170,6 +179,7 @@ MemberLayout* MemberLayout::With(MemberLayout* layout, const char* name, int len
   made->Add(SharedName::Make(name, length));
   if (layout && pair) layout->SetNext(made.get());
   if (pair) {
+    if (!pair->to) Common().Take(place);
     if (pair->from) pair->from->Release();
     if (pair->to) pair->to->Release();
     // The caller's count on the given layout becomes the pair's.

@@ -117,6 +117,25 @@ TEST(MemberLayout, ManyKindsOfStructuresPushOneAnotherOut) {
   }
 }
 
+TEST(MemberLayout, WhatIsForgottenIsMadeAgain) {
+  const auto serial = [](const char* name) {
+    Held layout(nullptr);
+    layout.Add("id");
+    layout.Add(name);
+    return layout->serial();
+  };
+  uint64_t before = 0;
+  for (int round = 0; round < 3; round++) {
+    const uint64_t made = serial("x");
+    EXPECT_GT(made, before) << "nothing is left of the last round";
+    EXPECT_EQ(serial("x"), made);
+    EXPECT_NE(serial("y"), made);
+    before = serial("y");
+    MemberLayout::ForgetCommon();
+    MemberLayout::ForgetCommon();
+  }
+}
+
 TEST(MemberLayout, OneApartCanGoToAnotherThread) {
   Held layout(nullptr);
   for (const char* name : {"x", "y"}) layout.Add(name);
