@@ -177,10 +177,15 @@ bool Dictionary::ReadSection(TaggedFile* file) {
   entry_count = count;
   capacity = count;
   // Clamps wrong entries to the data area: they give a wrong text, never a crash.
+  const int last = std::max(data_length - 1, 0);
   for (int i = 0; i < count; i++, records += RecordSize) {
-    int offset = std::clamp(GetInt32(records), 0, std::max(data_length - 1, 0));
-    int length = std::clamp(GetInt32(records + 4), 0, data_length - offset);
-    entries[i] = {current, offset, length};
+    int offset = GetInt32(records);
+    int length = GetInt32(records + 4);
+    if (offset < 0 || offset > last || length < 0 || length > data_length - offset) [[unlikely]] {
+      offset = std::clamp(offset, 0, last);
+      length = std::clamp(length, 0, data_length - offset);
+    }
+    entries[i] = {made, offset, length};
   }
   return file->Section_Read(current->data.get(), data_length) == data_length;
 }

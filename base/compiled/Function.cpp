@@ -236,7 +236,10 @@ bool FunctionManager::ReadSection(TaggedFile* file) {
   long long links_size = LinkSize * static_cast<long long>(head.count);
   bytes = file->Section_View(buckets_size + links_size, &scratch);
   if (!bytes) return false;
-  functions = std::make_unique<std::unique_ptr<Function>[]>(static_cast<size_t>(head.count));
+  functions.reset();
+  if (head.count > 0) {
+    functions = std::make_unique<std::unique_ptr<Function>[]>(static_cast<size_t>(head.count));
+  }
   table.Read(head, bytes, bytes + buckets_size, LinkSize);
   stored.reset();
   return head.count == 0 ||
@@ -244,40 +247,32 @@ bool FunctionManager::ReadSection(TaggedFile* file) {
 }
 
 // Walks over the functions, which begin at offset start in the section, and keeps the complete
-// ones.
+// ones. Their bytes are read at once, because a large script has thousands of functions.
 bool FunctionManager::ReadFunctions(TaggedFile* file, long long start, int count) {
   auto read = std::make_shared<Stored>();
   read->offsets = std::make_unique_for_overwrite<int[]>(static_cast<size_t>(count));
   read->dictionary_entries = dictionary->Entries();
-  std::unique_ptr<unsigned char[]> scratch;
-  long long end = start;
-  for (int i = 0; i < count; i++) {
-    const unsigned char* bytes = file->Section_View(end, FunctionSize, &scratch);
-    if (!bytes) break;
-    long long parameters = ParameterSize * static_cast<long long>(GetInt32(bytes + 4));
-    if (!file->Section_Holds(end + FunctionSize, parameters)) break;
-    long long variables = end + FunctionSize + parameters;
-    bytes = file->Section_View(variables, StoredNameTable::Head::Size, &scratch);
-    if (!bytes) break;
-    auto head = StoredNameTable::Head::Decode(bytes);
-    variables += StoredNameTable::Head::Size;
-    long long size = StoredNameTable::BucketSize * static_cast<long long>(head.occupied) +
-                     VariableSize * static_cast<long long>(head.count);
-    if (!head.valid() || !file->Section_Holds(variables, size)) break;
-    read->offsets[read->count++] = static_cast<int>(end - start);
-    end = variables + size;
+  const long long room = file->Section_Left(start);
+  read->bytes = std::make_unique_for_overwrite<unsigned char[]>(static_cast<size_t>(room));
+  const unsigned char* const bytes = read->bytes.get();
+  const long long length =
+      file->Section_Read(FunctionsTag, static_cast<int>(start),
+                         reinterpret_cast<char*>(read->bytes.get()), static_cast<int>(room));
+  long long end = 0;
+  while (read->count < count && FunctionSize <= length - end) {
+    const long long parameters = ParameterSize * static_cast<long long>(GetInt32(bytes + end + 4));
+    long long next = end + FunctionSize + parameters;
+    if (parameters < 0 || StoredNameTable::Head::Size > length - next) break;
+    const auto head = StoredNameTable::Head::Decode(bytes + next);
+    next += StoredNameTable::Head::Size;
+    const long long size = StoredNameTable::BucketSize * static_cast<long long>(head.occupied) +
+                           VariableSize * static_cast<long long>(head.count);
+    if (!head.valid() || size > length - next) break;
+    read->offsets[read->count++] = static_cast<int>(end);
+    end = next + size;
   }
-  read->length = static_cast<int>(end - start);
-  const unsigned char* bytes = file->Section_View(start, end - start, &scratch);
-  if (!bytes) return false;
-  if (bytes == scratch.get()) {
-    read->bytes = std::move(scratch);
-  } else {
-    read->bytes =
-        std::make_unique_for_overwrite<unsigned char[]>(static_cast<size_t>(read->length));
-    memcpy(read->bytes.get(), bytes, static_cast<size_t>(read->length));
-  }
-  bool whole = read->count == count;
+  read->length = static_cast<int>(end);
+  const bool whole = read->count == count;
   stored = std::move(read);
   return whole;
 }

@@ -66,7 +66,8 @@ bool LocalizedDictionary::ReadSection(TaggedFile* file) {
   int stated = GetInt32(bytes);
   bytes = file->Section_View(PieceSize * static_cast<long long>(stated), &scratch);
   if (!bytes) return false;
-  pieces = std::make_unique_for_overwrite<Piece[]>(static_cast<size_t>(stated));
+  pieces.reset();
+  if (stated > 0) pieces = std::make_unique_for_overwrite<Piece[]>(static_cast<size_t>(stated));
   count = stated;
   capacity = stated;
   for (int i = 0; i < stated; i++, bytes += PieceSize)

@@ -311,7 +311,10 @@ bool LocalizedLanguages::ReadSection() {
   if (!bytes) return false;
   DropIndexes();
   const unsigned char* record = bytes + buckets_size;
-  entries = std::make_unique<LanguageEntry[]>(static_cast<size_t>(head.count));
+  entries.reset();
+  if (head.count > 0) {
+    entries = std::make_unique<LanguageEntry[]>(static_cast<size_t>(head.count));
+  }
   table.Read(head, bytes, record + 4, LanguageSize);
   for (int i = 0; i < head.count; i++, record += LanguageSize)
     entries[i] = {GetInt32(record), nullptr};

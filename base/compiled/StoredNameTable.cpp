@@ -82,7 +82,11 @@ void StoredNameTable::Read(const Head& head, const unsigned char* buckets,
   lanes.reset();
   stored.reset();
   stored_count = 0;
-  chain = std::make_unique_for_overwrite<int[]>(static_cast<size_t>(head.count));
+  chain.reset();
+  // Most tables of a script are empty.
+  if (head.count > 0) {
+    chain = std::make_unique_for_overwrite<int[]>(static_cast<size_t>(head.count));
+  }
   chain_room = head.count;
   for (int i = 0; i < head.count; i++, links += stride) chain[i] = GetInt32(links);
 

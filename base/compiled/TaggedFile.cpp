@@ -347,19 +347,33 @@ void TaggedFile::Section_Read_End() {
   current = nullptr;
 }
 
+bool TaggedFile::InSection(long long offset, long long length) const {
+  return current && offset >= 0 && length >= 0 && length <= current->length &&
+         offset <= current->length - length;
+}
+
 bool TaggedFile::Section_Holds(long long offset, long long length) {
-  if (!current || offset < 0 || length < 0) return false;
-  if (length > current->length || offset > current->length - length) return false;
+  if (!InSection(offset, length)) return false;
   long at = static_cast<long>(current->offset + offset);
   return at >= 0 && (Windowed(at, length) || at + length <= FileLength());
 }
 
+long long TaggedFile::Section_Left(long long offset) {
+  if (!InSection(offset, 0)) return 0;
+  const long at = static_cast<long>(current->offset + offset);
+  const long long left = current->length - offset;
+  if (Windowed(at, left)) return left;
+  return at < 0 ? 0 : std::clamp(static_cast<long long>(FileLength()) - at, 0LL, left);
+}
+
 const unsigned char* TaggedFile::Section_View(long long offset, long long length,
                                               std::unique_ptr<unsigned char[]>* scratch) {
-  if (!Section_Holds(offset, length)) return nullptr;
+  if (!InSection(offset, length)) return nullptr;
   long at = static_cast<long>(current->offset + offset);
   const char* bytes = Windowed(at, length);
-  if (!bytes && length < WindowSize && SeekTo(at)) {
+  if (bytes) return reinterpret_cast<const unsigned char*>(bytes);
+  if (at < 0 || at + length > FileLength()) return nullptr;
+  if (length < WindowSize && SeekTo(at)) {
     FillWindow(at, current->length - offset);
     bytes = Windowed(at, length);
   }

@@ -92,6 +92,9 @@ class TaggedFile {
   // byte on. Readers check sizes that a file states with it before they allocate.
   [[nodiscard]] bool Section_Holds(long long offset, long long length);
   [[nodiscard]] bool Section_Holds(long long length) { return Section_Holds(position, length); }
+  // How many bytes the selected section and the file have from an offset on; 0 past the end, for a
+  // negative offset, and without a section.
+  [[nodiscard]] long long Section_Left(long long offset);
 
   // --- Writing -----------------------------------------------------------------------------------
   // The order is Create; for each section Section_Start, any number of Section_Write, and
@@ -133,6 +136,8 @@ class TaggedFile {
   bool Header_Write();
   bool Directory_Write();
   bool Lookup(int tag);
+  // Whether the selected section states that many bytes at the offset.
+  bool InSection(long long offset, long long length) const;
 
   bool SeekTo(long offset);
   int FileRead(char* buffer, int length);

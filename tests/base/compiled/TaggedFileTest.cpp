@@ -450,6 +450,33 @@ TEST_F(TaggedFileTest, ViewsOfHostileLengthsAllocateNothing) {
   EXPECT_TRUE(file.Section_Holds(10));
 }
 
+TEST_F(TaggedFileTest, WhatIsLeftIsInTheSectionAndInTheFile) {
+  std::string content = Container(TwoSections);
+  EXPECT_EQ(file.Section_Left(0), 0) << "no section";
+  ASSERT_TRUE(Open(content));
+  ASSERT_TRUE(file.Section_Read_Start(TagAaaa, nullptr));
+  EXPECT_EQ(file.Section_Left(0), 10);
+  EXPECT_EQ(file.Section_Left(7), 3);
+  for (long long offset :
+       {10LL, 11LL, -1LL, static_cast<long long>(INT_MAX), LLONG_MAX, LLONG_MIN}) {
+    SCOPED_TRACE(offset);
+    EXPECT_EQ(file.Section_Left(offset), 0);
+  }
+  // A section that states more than the file has ends with the file.
+  Patch(&content, 46 + 8, LE32(INT_MAX));
+  ASSERT_TRUE(Open(content));
+  ASSERT_TRUE(file.Section_Read_Start(TagAaaa, nullptr));
+  EXPECT_EQ(file.Section_Left(0), static_cast<long long>(content.size()) - 32);
+  Patch(&content, 46 + 4, LE32(static_cast<long>(content.size()) + 1));
+  ASSERT_TRUE(Open(content));
+  ASSERT_TRUE(file.Section_Read_Start(TagAaaa, nullptr));
+  EXPECT_EQ(file.Section_Left(0), 0);
+  Patch(&content, 46 + 4, LE32(-5));
+  ASSERT_TRUE(Open(content));
+  (void)file.Section_Read_Start(TagAaaa, nullptr);
+  EXPECT_EQ(file.Section_Left(0), 0);
+}
+
 TEST_F(TaggedFileTest, ASmallScriptCostsOneSeekAndOneRead) {
   if (kCompiledFileWindow < 65536)
     GTEST_SKIP() << "the window of this build is smaller than a script";
