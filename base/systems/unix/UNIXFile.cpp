@@ -64,12 +64,14 @@ bool UNIXFile::SystemError() {
 }
 
 // Called with a descriptor that was just opened. A regular file gets exactly the flags that the
-// caller passed, without O_NONBLOCK, because its reads and writes never wait for another end.
+// caller passed, without O_NONBLOCK, because its reads and writes never wait for another end. That
+// the reads of a script have the flag makes no difference, and each request would pay for the call.
 void UNIXFile::Settle() {
   struct stat status;
   if (system_calls.fstat(descriptor, &status) != 0) return;
   Note(status);
-  if (is_regular) system_calls.set_flags(descriptor, flags);
+  const bool is_script = contained() && type() == ZephPath_Script && flags == O_RDONLY;
+  if (is_regular && !is_script) system_calls.set_flags(descriptor, flags);
 }
 
 void UNIXFile::Note(const struct stat& status) {

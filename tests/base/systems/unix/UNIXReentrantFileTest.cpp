@@ -327,6 +327,21 @@ TEST_F(ReentrantScript, ItsDirectoryIsOpenedWhenSomethingNeedsIt) {
   file.reset();
 }
 
+int flags_set;
+
+// O_NONBLOCK makes no difference to the reads of a script, so no request pays for taking it away.
+TEST_F(ReentrantScript, KeepsTheFlagsItWasOpenedWith) {
+  RestoredSystemCalls restored;
+  flags_set = 0;
+  system_calls.set_flags = [](int, int) { return ++flags_set; };
+  EXPECT_EQ(Content("page.zpc"), "page");
+  EXPECT_EQ(flags_set, 0);
+  Configure(0);
+  tree.File("data/f", "ours");
+  EXPECT_EQ("ours", Read("f"));
+  EXPECT_EQ(flags_set, 1);
+}
+
 TEST_F(ReentrantScript, IsReadAgainAfterItWasDeactivated) {
   UNIXReentrantFileManager manager(&application);
   String directory(root.c_str());
