@@ -215,10 +215,13 @@ void FastCGIApplication::OutputCookie() {
   const std::string_view pieces[] = {kName, id, kExpires, date, kPath};
   size_t length = 0;
   for (const std::string_view piece : pieces) length += piece.size();
-  std::unique_ptr<char[]> field(new char[length]);
-  char* end = field.get();
+  std::unique_ptr<char[]> larger(length > sizeof cookie_room ? new char[length] : nullptr);
+  char* const field = larger ? larger.get() : cookie_room;
+  char* end = field;
   for (const std::string_view piece : pieces) end = std::copy(piece.begin(), piece.end(), end);
-  current_output->Header("Set-Cookie", -1, 0, field.release(), static_cast<int>(length), 1);
+  const int owned = larger ? 1 : 0;
+  (void)larger.release();
+  current_output->Header("Set-Cookie", -1, 0, field, static_cast<int>(length), owned);
   // request_variables is null if an error page comes before the variables are made.
   if (!request_variables) return;
   if (made.data) {

@@ -84,13 +84,13 @@ class FastCGIApplication : public FastCGIBaseApplication {
   String first_argument;                                // names the script in documenturl
   std::unique_ptr<RequestVariables> request_variables;  // null once the table has them
   const char* working_directory;
+  char cookie_room[160];  // the usual cookie's header field
   int owner_id = 0;
   int started_tasks = 0;  // including those that have ended
   // Copies, because a library may set a setting again, which frees its old text. Null if not set.
   String script_root;
   String temp_directory;
   String user_directory;
-  String data_directory;
   String user_name;  // of a ~name request
   ScriptTables tables;
 };

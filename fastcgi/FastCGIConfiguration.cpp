@@ -73,12 +73,12 @@ bool FastCGIApplication::CheckConfiguration() {
 
 // Runs after the script is loaded, so that settings for this script alone count.
 bool FastCGIApplication::ProcessConfiguration() {
-  CopySetting(configuration, Config_dir_data, &data_directory);
-  if (!data_directory.data) {
+  const char* const data_directory = configuration->value_string(Config_dir_data);
+  if (!data_directory) {
     ConfigurationError("No data directory is defined");
     return false;
   }
-  if (!file_manager->InitializeDataDirectory(data_directory.data)) {
+  if (!file_manager->InitializeDataDirectory(data_directory)) {
     ConfigurationError(file_manager->error());
     return false;
   }

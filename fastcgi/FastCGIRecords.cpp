@@ -23,14 +23,13 @@ void FastCGIPairs::Start(int largest, int total, int most_long) {
 bool FastCGIPairs::Add(const unsigned char* bytes, int length) {
   const unsigned char* end = bytes + length;
   while (bytes < end) {
-    // Nearly every pair has two lengths of one byte, which have come together.
-    if (skip == 0 && field == 0 && bytes_left < 0 && end - bytes > 1 &&
-        ((bytes[0] | bytes[1]) & 0x80) == 0) {
-      lengths[0] = bytes[0];
-      lengths[1] = bytes[1];
-      bytes += 2;
-      if (!AddPair()) return false;
-    } else if (skip > 0) {
+    if (skip == 0 && field == 0 && bytes_left < 0) {
+      const int passed = AddShortPairs(bytes, end);
+      if (passed < 0) return false;
+      bytes += passed;
+      if (bytes == end) break;
+    }
+    if (skip > 0) {
       const unsigned here = std::min(skip, static_cast<unsigned>(end - bytes));
       bytes += here;
       skip -= here;
@@ -39,6 +38,20 @@ bool FastCGIPairs::Add(const unsigned char* bytes, int length) {
     }
   }
   return true;
+}
+
+// Nearly every pair has two lengths of one byte, and comes whole.
+int FastCGIPairs::AddShortPairs(const unsigned char* bytes, const unsigned char* end) {
+  const unsigned char* next = bytes;
+  while (end - next > 1 && ((next[0] | next[1]) & 0x80) == 0) {
+    const unsigned size = static_cast<unsigned>(next[0]) + next[1];
+    if (size > static_cast<size_t>(end - next) - 2) break;
+    if (size > largest_pair || size + FastCGIRecords::kPairCost > left) return -1;
+    left -= size + FastCGIRecords::kPairCost;
+    if (next[0] >= kLongName && --long_names_left < 0) return -1;
+    next += 2 + size;
+  }
+  return static_cast<int>(next - bytes);
 }
 
 // A length is one byte below 128, or four bytes whose first bit is 1.

@@ -26,6 +26,9 @@ class FastCGIPairs {
   static constexpr unsigned kLongName = 13;
 
  private:
+  // Adds the whole pairs with short lengths from `bytes` on. Returns how many bytes they are, or -1
+  // if a limit is exceeded. REQUIRES: a pair begins here.
+  int AddShortPairs(const unsigned char* bytes, const unsigned char* end);
   bool AddLength(unsigned char byte);
   bool AddPair();
 

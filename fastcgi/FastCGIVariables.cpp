@@ -7,7 +7,7 @@
 #include <charconv>
 #include <cstring>
 #include <memory>
-#include <string>
+#include <string_view>
 #include <utility>
 
 #include "base/compiled/SystemVariableHash.h"
@@ -29,10 +29,17 @@ void AppendNumber(String* text, int number) {
   text->cat(digits, static_cast<int>(end - digits));
 }
 
-// Counts an argument that is about to be added. Returns its name: arg1, arg2 and so on.
-std::string AddedArgument(int* count) {
-  return "arg" + std::to_string(++*count);
-}
+// The name of the numbered argument: arg1, arg2 and so on.
+class ArgumentName {
+ public:
+  explicit ArgumentName(int number)
+      : end(std::to_chars(text + 3, text + sizeof text, number).ptr) {}
+  operator std::string_view() const { return {text, end}; }
+
+ private:
+  char text[RequestVariables::kLongestName] = {'a', 'r', 'g'};
+  const char* end;
+};
 
 }  // namespace
 
@@ -52,7 +59,7 @@ void FastCGIApplication::AddEnvironmentVariables() {
 void FastCGIApplication::AddQueryArguments() {
   int count = 0;
   if (parameters.path_info) {
-    request_variables->AddBorrowed(AddedArgument(&count), parameters.path_info, -1);
+    request_variables->AddBorrowed(ArgumentName(++count), parameters.path_info, -1);
   }
   // A piece that decodes to an empty text gets no number.
   const auto add_decoded = [&](const char* text, int length) {
@@ -61,7 +68,7 @@ void FastCGIApplication::AddQueryArguments() {
     String argument(decoded, decoded_length, size);
     if (argument.length == 0) return;
     if (count == 0) first_argument = argument;
-    request_variables->AddText(AddedArgument(&count), std::move(argument));
+    request_variables->AddText(ArgumentName(++count), std::move(argument));
   };
   if (copied_argument_count >= 2) {
     for (int i = 1; i < copied_argument_count; i++) add_decoded(copied_arguments[i], -1);
@@ -110,7 +117,10 @@ void FastCGIApplication::AddAPIVariables() {
   request_variables->AddNumber("thread_id", threadid());
   request_variables->AddBorrowed("apitype", parameters.path_info ? "Redirect" : "CGI", -1);
   if (parameters.server_name) {
-    request_variables->AddMade("documenturl", [this] { return DocumentURL(); });
+    const auto make = [](const void* self) {
+      return static_cast<const FastCGIApplication*>(self)->DocumentURL();
+    };
+    request_variables->AddMade("documenturl", make, this);
   }
 }
 

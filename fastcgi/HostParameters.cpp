@@ -9,29 +9,30 @@ namespace {
 
 using Field = const char* HostParameters::*;
 
-// The field of the parameter that begins with `text`, and the length of its name and the "=". The
-// name is looked for only among those with its first letter, because most parameters are others.
-Field FieldOf(const char* text, size_t* length) {
-  const auto begins = [=](std::string_view name) {
-    *length = name.size();
-    return strncmp(text, name.data(), name.size()) == 0;
+// The field of the parameter that begins with `text`; *text is then its value. A name is compared
+// in parts, because most parameters are others whose names begin alike.
+Field FieldOf(const char** text) {
+  const auto begins = [text](std::string_view part) {
+    if (strncmp(*text, part.data(), part.size()) != 0) return false;
+    *text += part.size();
+    return true;
   };
-  switch (*text) {
+  switch (**text) {
     case 'C':
-      if (begins("CONTENT_TYPE=")) return &HostParameters::content_type;
-      if (begins("CONTENT_LENGTH=")) return &HostParameters::content_length;
-      return nullptr;
+      if (!begins("CONTENT_")) return nullptr;
+      if (**text == 'T') return begins("TYPE=") ? &HostParameters::content_type : nullptr;
+      return begins("LENGTH=") ? &HostParameters::content_length : nullptr;
     case 'H':
-      if (begins("HTTPS=")) return &HostParameters::https;
-      if (begins("HTTP_COOKIE=")) return &HostParameters::cookie;
-      return nullptr;
+      if (!begins("HTTP")) return nullptr;
+      if (**text == 'S') return begins("S=") ? &HostParameters::https : nullptr;
+      return begins("_COOKIE=") ? &HostParameters::cookie : nullptr;
     case 'P': return begins("PATH_INFO=") ? &HostParameters::path_info : nullptr;
     case 'Q': return begins("QUERY_STRING=") ? &HostParameters::query_string : nullptr;
     case 'S':
-      if (begins("SERVER_NAME=")) return &HostParameters::server_name;
-      if (begins("SERVER_PORT=")) return &HostParameters::server_port;
       if (begins("SCRIPT_NAME=")) return &HostParameters::script_name;
-      return nullptr;
+      if (!begins("SERVER_")) return nullptr;
+      if (**text == 'N') return begins("NAME=") ? &HostParameters::server_name : nullptr;
+      return begins("PORT=") ? &HostParameters::server_port : nullptr;
     case 'Z': return begins("ZpCONFIG_LIBRARY=") ? &HostParameters::config_library : nullptr;
     default: return nullptr;
   }
@@ -41,8 +42,8 @@ Field FieldOf(const char* text, size_t* length) {
 
 HostParameters::HostParameters(const char* const* parameters) {
   for (; parameters && *parameters; parameters++) {
-    size_t length;
-    const Field field = FieldOf(*parameters, &length);
-    if (field && !(this->*field)) this->*field = *parameters + length;
+    const char* text = *parameters;
+    const Field field = FieldOf(&text);
+    if (field && !(this->*field)) this->*field = text;
   }
 }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cassert>
 #include <cstring>
 #include <utility>
 
@@ -29,9 +30,7 @@ bool IsPrivate(const char* name, int length) {
 
 RequestVariables::RequestVariables(char** parameters,
                                    std::unique_ptr<LateVariables> system_variables)
-    : unread(parameters), system(std::move(system_variables)) {
-  facts.reserve(kFacts);
-}
+    : unread(parameters), system(std::move(system_variables)) {}
 
 void RequestVariables::ReadParameters() {
   size_t count = 0;
@@ -48,34 +47,40 @@ void RequestVariables::Add(const char* text) {
   parameters.push_back({text, static_cast<int>(length), text + length + (equals ? 1 : 0)});
 }
 
-RequestVariables::Fact& RequestVariables::AddFact(std::string name) {
-  Fact& fact = facts.emplace_back();
-  fact.name = std::move(name);
+RequestVariables::Fact& RequestVariables::AddFact(std::string_view name) {
+  assert(name.size() < kLongestName);
+  Fact& fact = fact_count < kFacts ? first_facts[fact_count] : more_facts.emplace_back();
+  fact_count++;
+  memcpy(fact.name, name.data(), name.size());
+  fact.name[name.size()] = '\0';
+  fact.name_length = static_cast<int>(name.size());
   return fact;
 }
 
-void RequestVariables::AddText(std::string name, String text) {
-  AddFact(std::move(name)).text = std::move(text);
+void RequestVariables::AddText(std::string_view name, String text) {
+  AddFact(name).text = std::move(text);
 }
 
-void RequestVariables::AddBorrowed(std::string name, const char* text, int length) {
-  Fact& fact = AddFact(std::move(name));
+void RequestVariables::AddBorrowed(std::string_view name, const char* text, int length) {
+  Fact& fact = AddFact(name);
   fact.borrowed = text;
   fact.number = length;
 }
 
-void RequestVariables::AddMade(std::string name, std::function<String()> make) {
-  AddFact(std::move(name)).make = std::move(make);
+void RequestVariables::AddMade(std::string_view name, Maker make, const void* maker) {
+  Fact& fact = AddFact(name);
+  fact.make = make;
+  fact.maker = maker;
 }
 
-void RequestVariables::AddNumber(std::string name, int number) {
-  Fact& fact = AddFact(std::move(name));
+void RequestVariables::AddNumber(std::string_view name, int number) {
+  Fact& fact = AddFact(name);
   fact.is_number = true;
   fact.number = number;
 }
 
 void RequestVariables::IndexNames() {
-  links.resize(static_cast<size_t>(Parameters()) + facts.size());
+  links.resize(static_cast<size_t>(Parameters()) + fact_count);
   heads.assign(std::bit_ceil(links.size() + 1), -1);
   for (size_t own = 0; own < links.size(); own++) {
     int length;
@@ -91,7 +96,7 @@ int& RequestVariables::Head(const char* name, int length) {
 }
 
 int RequestVariables::OwnNumber(const char* name, int length) {
-  if (heads.empty() || links.size() != static_cast<size_t>(Parameters()) + facts.size()) {
+  if (heads.empty() || links.size() != static_cast<size_t>(Parameters()) + fact_count) {
     IndexNames();
   }
   for (int own = Head(name, length); own >= 0; own = links[static_cast<size_t>(own)]) {
@@ -112,7 +117,7 @@ int RequestVariables::Number(const char* name, int length) {
 }
 
 int RequestVariables::Count() {
-  return FirstFact() + static_cast<int>(facts.size());
+  return FirstFact() + static_cast<int>(fact_count);
 }
 
 const char* RequestVariables::Name(int number, int* length) {
@@ -121,9 +126,9 @@ const char* RequestVariables::Name(int number, int* length) {
     return ParameterAt(number).text;
   }
   if (number < FirstFact()) return system->Name(number - Parameters(), length);
-  const std::string& name = FactAt(number).name;
-  *length = static_cast<int>(name.size());
-  return name.c_str();
+  const Fact& fact = FactAt(number);
+  *length = fact.name_length;
+  return fact.name;
 }
 
 Variable* RequestVariables::Make(int number) {
@@ -133,11 +138,11 @@ Variable* RequestVariables::Make(int number) {
   }
   if (number < FirstFact()) return system->Make(number - Parameters());
   const Fact& fact = FactAt(number);
-  const char* name = fact.name.c_str();
-  const int length = static_cast<int>(fact.name.size());
+  const char* name = fact.name;
+  const int length = fact.name_length;
   if (fact.is_number) return new ImmutableVariable(name, length, fact.number);
   if (fact.borrowed) return new ImmutableVariable(name, length, fact.borrowed, fact.number);
-  const String made = fact.make ? fact.make() : String();
+  const String made = fact.make ? fact.make(fact.maker) : String();
   const String& text = fact.make ? made : fact.text;
   return new ImmutableVariable(name, length, text.data, text.length);
 }
@@ -145,15 +150,16 @@ Variable* RequestVariables::Make(int number) {
 LateVariables* RequestVariables::Clone(ZephApplication* application) {
   std::unique_ptr<LateVariables> cloned(system->Clone(application));
   auto copy = std::make_unique<RequestVariables>(nullptr, std::move(cloned));
-  for (const Fact& fact : facts) {
-    Fact& own = copy->AddFact(fact.name);
+  for (size_t i = 0; i < fact_count; i++) {
+    const Fact& fact = FactByIndex(i);
+    Fact& own = copy->AddFact({fact.name, static_cast<size_t>(fact.name_length)});
     own.is_number = fact.is_number;
     if (fact.is_number) {
       own.number = fact.number;
     } else if (fact.borrowed) {
       own.text.assign(fact.borrowed, fact.number);
     } else {
-      own.text = fact.make ? fact.make() : fact.text;
+      own.text = fact.make ? fact.make(fact.maker) : fact.text;
     }
   }
   for (int i = 0; i < Parameters(); i++) {

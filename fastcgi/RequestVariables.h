@@ -4,9 +4,8 @@
 #ifndef ZEPH_FASTCGI_REQUESTVARIABLES_H
 #define ZEPH_FASTCGI_REQUESTVARIABLES_H
 
-#include <functional>
 #include <memory>
-#include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/compiled/SystemVariableHash.h"
@@ -24,12 +23,15 @@ class RequestVariables : public LateVariables {
   RequestVariables(char** parameters, std::unique_ptr<LateVariables> system_variables);
 
   // Add a fact of the host; facts are listed after the rest. The text of AddBorrowed must stay as
-  // long as the request; a length of -1 means strlen. AddMade has the text made when it is needed,
-  // on the request's thread. REQUIRES: the table of system variables does not have this object yet.
-  void AddText(std::string name, String text);
-  void AddBorrowed(std::string name, const char* text, int length);
-  void AddMade(std::string name, std::function<String()> make);
-  void AddNumber(std::string name, int number);
+  // long as the request; a length of -1 means strlen. AddMade has the text made by make(maker) when
+  // it is needed, on the request's thread. REQUIRES: the name has fewer than kLongestName bytes;
+  // the table of system variables does not have this object yet.
+  using Maker = String (*)(const void* maker);
+  static constexpr size_t kLongestName = 16;
+  void AddText(std::string_view name, String text);
+  void AddBorrowed(std::string_view name, const char* text, int length);
+  void AddMade(std::string_view name, Maker make, const void* maker);
+  void AddNumber(std::string_view name, int number);
 
   int Number(const char* name, int length) override;
   int Count() override;
@@ -45,20 +47,22 @@ class RequestVariables : public LateVariables {
     const char* value;
   };
 
-  // A request has about this many facts.
+  // A request has about this many facts. They are in the object itself.
   static constexpr size_t kFacts = 8;
 
   // A number, or a text in one of three forms: borrowed, made by a call, or owned.
   struct Fact {
-    std::string name;
+    char name[kLongestName];
+    int name_length = 0;
     bool is_number = false;
     int number = 0;  // or the length of the borrowed text
     const char* borrowed = nullptr;
-    std::function<String()> make;
+    Maker make = nullptr;
+    const void* maker = nullptr;
     String text;
   };
 
-  Fact& AddFact(std::string name);
+  Fact& AddFact(std::string_view name);
   void ReadParameters();
   void Add(const char* text);
   // Numbers count the parameters first, then the system variables, then the facts.
@@ -67,7 +71,10 @@ class RequestVariables : public LateVariables {
     return static_cast<int>(parameters.size());
   }
   int FirstFact() { return Parameters() + system->Count(); }
-  const Fact& FactAt(int number) { return facts[static_cast<size_t>(number - FirstFact())]; }
+  const Fact& FactByIndex(size_t index) const {
+    return index < kFacts ? first_facts[index] : more_facts[index - kFacts];
+  }
+  const Fact& FactAt(int number) { return FactByIndex(static_cast<size_t>(number - FirstFact())); }
   const Parameter& ParameterAt(int number) const { return parameters[static_cast<size_t>(number)]; }
   // The chains below count only the parameters and the facts.
   int NumberOf(int own) { return own < Parameters() ? own : own + system->Count(); }
@@ -79,7 +86,9 @@ class RequestVariables : public LateVariables {
   char** unread;  // null once they are in `parameters`
   std::vector<Parameter> parameters;
   std::unique_ptr<LateVariables> system;
-  std::vector<Fact> facts;
+  Fact first_facts[kFacts];
+  std::vector<Fact> more_facts;
+  size_t fact_count = 0;                      // in both
   std::vector<std::unique_ptr<String>> kept;  // texts of a copy
   // A hash table over the names of the parameters and the facts, so that a look-up of any other
   // name ends at once. A chain begins with its latest entry and ends with -1. Made at the first

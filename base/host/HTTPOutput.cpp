@@ -223,7 +223,7 @@ void HTTPOutput::Header_ContentLength() {
   CountPut();
   static const char kName[] = "Content-Length";
   if (headers.Find(kName, sizeof kName - 1)) return;
-  char* text = new char[24];
-  const auto length = static_cast<int>(std::to_chars(text, text + 24, total).ptr - text);
-  Header(kName, sizeof kName - 1, 0, text, length, 1);
+  char* const text = length_text;
+  const char* const end = std::to_chars(text, text + sizeof length_text, total).ptr;
+  Header(kName, sizeof kName - 1, 0, text, static_cast<int>(end - text), 0);
 }

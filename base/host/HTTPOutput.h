@@ -121,6 +121,8 @@ class HTTPOutput : public Output {
   // bytes taken; sets *failed if the client takes no more.
   long long WriteBlock(const char* text, int length, bool* failed);
   void Pause();
+
+  char length_text[24];  // the digits of the field that Header_ContentLength adds
 };
 
 #endif

@@ -4,6 +4,8 @@
 #ifndef ZEPH_BASE_SCRIPTTABLES_H
 #define ZEPH_BASE_SCRIPTTABLES_H
 
+#include <memory>
+
 class Dictionary;
 class ExternalCallManager;
 class ExternalConfig;
@@ -14,15 +16,19 @@ class SegmentManager;
 class SystemVariableHash;
 class TaggedFile;
 class VariableHash;
+class ZephApplication;
 
 // The tables of a run, owned, and deleted in the order in which they are listed here. The struct is
 // a member of the application: UNIXApplication::BuildTables makes the tables. They are deleted
 // before the file manager, because they keep files and variables open. Null until they are made.
 struct ScriptTables {
-  ScriptTables() = default;
+  ScriptTables();
   ~ScriptTables();
   ScriptTables(const ScriptTables&) = delete;
   ScriptTables& operator=(const ScriptTables&) = delete;
+
+  // Makes the empty tables. The application and the file are borrowed. REQUIRES: they are null.
+  void Make(ZephApplication* application, TaggedFile* tagged);
 
   // Reads all sections of an opened compiled file. If it returns false, the tables may only be
   // deleted.
@@ -38,6 +44,10 @@ struct ScriptTables {
   LocalizedDictionary* localized = nullptr;
   // The settings that belong to these tables, borrowed: the application deletes them last.
   ExternalConfig* config = nullptr;
+
+ private:
+  struct Objects;
+  std::unique_ptr<Objects> objects;  // all tables in one block
 };
 
 #endif

@@ -230,6 +230,12 @@ TEST_F(ScriptSelection, AKnownVisitorKeepsTheId) {
     SCOPED_TRACE(each.cookies);
     EXPECT_EQ(CallerID(engine.Get("/a.zpc", {{"HTTP_COOKIE", each.cookies}})), each.id);
   }
+  // Others may have set a cookie of that name, of any length.
+  for (const size_t length : {1, 100, 101, 102, 5000}) {
+    SCOPED_TRACE(length);
+    const std::string id(length, 'x');
+    EXPECT_EQ(CallerID(engine.Get("/a.zpc", {{"HTTP_COOKIE", "zixcallerid=" + id}})), id);
+  }
 }
 
 TEST_F(ScriptSelection, AnEmptyOrForeignCookieCountsAsNone) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 #include <string>
 #include <string_view>
 
@@ -53,6 +54,55 @@ std::string WholeRequest(int id, size_t padding) {
   return Begin(id, padding) + Record(kParameters, id, "\1\2ABC", padding) +
          Record(kParameters, id, "", padding) + Record(kInput, id, "body", padding) +
          Record(kInput, id, "", padding);
+}
+
+// What becomes of a stream of pairs does not depend on where its bytes are cut.
+TEST(FastCGIPairs, WholePairsAndSingleBytesCountAlike) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::mt19937 random(seed);
+  const auto below = [&random](unsigned n) { return static_cast<int>(random() % n); };
+  int refused = 0;
+  for (int round = 0; round < 2000; round++) {
+    std::string stream;
+    const int pairs = 1 + below(12);
+    int largest = 0, total = 0, long_names = 0;
+    for (int i = 0; i < pairs; i++) {
+      const int lengths[] = {below(30), below(8) == 0 ? below(400) : below(60)};
+      for (const int length : lengths) {
+        // Short lengths may have the long form.
+        if (length >= 128 || below(10) == 0) {
+          stream += {'\x80', '\0', static_cast<char>(length >> 8), static_cast<char>(length)};
+        } else {
+          stream += static_cast<char>(length);
+        }
+      }
+      stream.append(static_cast<size_t>(lengths[0] + lengths[1]), 'x');
+      largest = std::max(largest, lengths[0] + lengths[1]);
+      total += lengths[0] + lengths[1] + FastCGIRecords::kPairCost;
+      if (lengths[0] >= static_cast<int>(FastCGIPairs::kLongName)) long_names++;
+    }
+    // Mostly the limits that are just kept, else one that is not.
+    const int broken = below(6);
+    const bool allowed =
+        broken > 2 || (broken == 0 && largest == 0) || (broken == 2 && long_names == 0);
+    if (broken == 0) largest -= largest > 0;
+    if (broken == 1) total--;
+    if (broken == 2) long_names -= long_names > 0;
+    for (const size_t piece : {size_t{1}, size_t{7}, stream.size()}) {
+      FastCGIPairs checked;
+      checked.Start(largest, total, long_names);
+      bool good = true;
+      for (size_t at = 0; good && at < stream.size(); at += piece) {
+        const size_t count = std::min(piece, stream.size() - at);
+        const auto* bytes = reinterpret_cast<const unsigned char*>(stream.data()) + at;
+        good = checked.Add(bytes, static_cast<int>(count));
+      }
+      ASSERT_EQ(good, allowed) << "round " << round << ", pieces of " << piece;
+    }
+    if (!allowed) refused++;
+  }
+  EXPECT_GT(refused, 0);
 }
 
 TEST(FastCGIRecords, AWholeRequestPassesAsItCame) {

@@ -100,6 +100,31 @@ TEST(RequestVariables, WhatTheHostKnowsComesBeforeAll) {
   EXPECT_EQ(RequestTable::Value(&copy, "nargs"), "2");
 }
 
+TEST(RequestVariables, HaveAnyCountOfFacts) {
+  RequestTable request({"X=1"});
+  auto* known = new RequestVariables(
+      request.entries.data(),
+      std::unique_ptr<LateVariables>(NewSystemVariables(&request.application)));
+  const int before = known->Count();
+  const int facts = 100;
+  for (int i = 1; i <= facts; i++) {
+    known->AddText("arg" + std::to_string(i), String(std::to_string(i * i).c_str()));
+  }
+  EXPECT_EQ(known->Count(), before + facts);
+  int length = 0;
+  EXPECT_EQ(std::string(known->Name(before + 99, &length)), "arg100");
+  EXPECT_EQ(length, 6);
+  request.table.SetLateVariables(known);
+  Dictionary dictionary(request.dictionary);
+  SystemVariableHash copy(&request.application, &dictionary, request.table);
+  for (int i = 1; i <= facts; i++) {
+    const std::string name = "ARG" + std::to_string(i);
+    EXPECT_EQ(request.Value(name.c_str()), std::to_string(i * i));
+    EXPECT_EQ(RequestTable::Value(&copy, name.c_str()), std::to_string(i * i));
+  }
+  EXPECT_EQ(request.Value("arg101"), "(none)");
+}
+
 TEST(RequestVariables, AFactMayBeBorrowedOrMadeWhenItIsLookedUp) {
   RequestTable request({"X=1"});
   char text[] = "borrowed and more";
@@ -109,7 +134,13 @@ TEST(RequestVariables, AFactMayBeBorrowedOrMadeWhenItIsLookedUp) {
       std::unique_ptr<LateVariables>(NewSystemVariables(&request.application)));
   known->AddBorrowed("whole", text, -1);
   known->AddBorrowed("part", text, 8);
-  known->AddMade("made", [&made] { return String(std::to_string(++made).c_str()); });
+  known->AddMade(
+      "made",
+      [](const void* maker) {
+        int* const count = static_cast<int*>(const_cast<void*>(maker));
+        return String(std::to_string(++*count).c_str());
+      },
+      &made);
   request.table.SetLateVariables(known);
   EXPECT_EQ(request.Value("X"), "1");
   EXPECT_EQ(made, 0);

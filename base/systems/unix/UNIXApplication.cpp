@@ -345,17 +345,10 @@ const char* UNIXApplication::process_name() {
 // --- Stages of a run -----------------------------------------------------------------------------
 
 void UNIXApplication::BuildTables(ScriptTables* tables, TaggedFile* tagged) {
-  tables->dictionary = new Dictionary;
-  tables->system_variables = new SystemVariableHash(tables->dictionary, 12, 512);
-  tables->global_variables = new VariableHash(tables->dictionary, 12, 512);
-  tables->segments = new SegmentManager;
-  tables->functions = new FunctionManager(tables->dictionary, 8);
-  tables->external_calls = new ExternalCallManager(this);
+  tables->Make(this, tagged);
   commerce_manager = new CommerceLibraryManager(this);
   database_manager = new ExternalDatabaseLibraryManager(this);
   system_manager = new SystemLibraryManager(this);
-  tables->languages = new LocalizedLanguages(this, tables->dictionary, tagged, 12, 8);
-  tables->localized = new LocalizedDictionary;
   tables->config =
       new ExternalConfig(this, tables->external_calls, commerce_manager, database_manager,
                          system_manager, tables->system_variables, tables->global_variables);
