@@ -48,6 +48,15 @@ def time_of(engine, connections, wanted):
     return (engine.time() - before) * 1000 / REQUESTS
 
 
+def kept_connections(count, wanted):
+    """Connections that are in use: the engine soon closes a new one on which nothing comes."""
+    connections = []
+    for _ in range(count):
+        connections.append(Connection())
+        connections[-1].get(wanted)
+    return connections
+
+
 def main():
     program, assembler = sys.argv[1:]
     make_script(assembler, "small", 1000)
@@ -60,10 +69,7 @@ def main():
         took = time_of(of, connections, wanted)
         best[label] = min(took, best.get(label, took))
 
-    few = [Connection() for _ in range(8)]
-    # The engine closes a new connection on which nothing comes.
-    for connection in few:
-        connection.get(hello)
+    few = kept_connections(8, hello)
     for _ in range(ROUNDS):
         measure("hello, new connections", None, request("/hello.zpc", keep=False))
         measure("hello, kept connections", few, hello)
@@ -72,9 +78,7 @@ def main():
     engine.close()
     # Each connection has a thread of its own.
     engine = Engine(program, 1000)
-    many = [Connection() for _ in range(1000)]
-    for connection in many:
-        connection.get(hello)
+    many = kept_connections(1000, hello)
     for _ in range(ROUNDS):
         measure("1,000 connections, 16 in use", many[:16], hello, engine)
         measure("1,000 connections in use", many, hello, engine)
