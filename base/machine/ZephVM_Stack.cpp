@@ -342,6 +342,14 @@ void ZephVM_Stack::PopConvertedV(Variable* target) {
     return;
   }
   Entry* entry = top - 1;
+  if (entry->kind == KindVariable) {
+    // A result that only this entry holds is moved.
+    if (!entry->Owns() || !target->Real()->TakeValue(entry->value.variable)) {
+      target->SetValue(*entry->value.variable);
+    }
+    Free(--top);
+    return;
+  }
   if (entry->deferred) {
     top--;
     entry->value.pending->Assign(target, entry->kind == KindLinkBuffer);
@@ -351,12 +359,6 @@ void ZephVM_Stack::PopConvertedV(Variable* target) {
     case KindInteger: target->SetValue_Integer(entry->value.integer); break;
     case KindDouble: target->SetValue_Double(entry->value.number); break;
     case KindString: target->SetValue(entry->value.text, entry->length); break;
-    case KindVariable:
-      // A result that only this entry holds is moved.
-      if (!entry->Owns() || !target->Real()->TakeValue(entry->value.variable)) {
-        target->SetValue(*entry->value.variable);
-      }
-      break;
     case KindLinkBuffer:
       if (entry->deletable) {
         int length, size;
@@ -368,7 +370,7 @@ void ZephVM_Stack::PopConvertedV(Variable* target) {
         target->SetValue(text.data, text.length);
       }
   }
-  Drop();
+  Free(--top);
 }
 
 int ZephVM_Stack::PopV(Variable** out, int* deletable) {

@@ -560,6 +560,14 @@ int Variable::SetValue_Double(double value) {
 
 int Variable::SetValue(Variable& source) {
   if (RedirectedStore()) return reference ? Final()->SetValue(source) : 1;
+  // Scripts copy the fields of each record, and most fields have their value then: this is what
+  // CopyComputed does with it, without the steps to it.
+  if ((source.state & NotPlain) == Derived && source.valid_forms() != 0 &&
+      source.primary != PrimaryNone && !source.elements && !elements && &source != this &&
+      source.type() == VariableComputed) {
+    CopyForms(source);
+    return 1;
+  }
   Assign(source, false);
   return 1;
 }
