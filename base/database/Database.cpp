@@ -168,7 +168,10 @@ void Database::View_Add(DatabaseView* view) {
 
 void Database::View_Del(DatabaseView* view) {
   if (!views.Seek(view)) return;
-  if (vm) RemoveView(vm->Databases().views_by_name, view);
+  if (vm) {
+    vm->Family().NoteViewGone();
+    RemoveView(vm->Databases().views_by_name, view);
+  }
   RemoveView(views_by_name, view);
   views.Remove(ListCurrent);
   if (primary_view == view) primary_view = views.First();

@@ -6,7 +6,9 @@
 #ifndef ZEPH_BASE_DATABASE_H
 #define ZEPH_BASE_DATABASE_H
 
+#include <cstdint>
 #include <cstring>
+#include <span>
 
 #include "base/core/BaseTemplates.h"
 #include "base/core/MeasuredLength.h"
@@ -60,7 +62,11 @@ class RecentNames {
   }
   void Forget() noexcept {
     for (Place& place : places) place.length = 0;
+    forgotten++;
   }
+  // How often it has forgotten. What was found while the count was the same is still in the table,
+  // and its name still means it.
+  const uint64_t& Forgotten() const { return forgotten; }
 
  private:
   static constexpr int kLongest = 16;  // bytes
@@ -78,6 +84,7 @@ class RecentNames {
   }
 
   Place places[kPlaces];
+  uint64_t forgotten = 0;
 };
 
 // A table of names that remembers what it has found. The earliest element of a name stays the
@@ -125,12 +132,18 @@ class DatabaseVariableHash : public HashTable<Variable> {
   int hash(Variable* variable) override;
   int Compare(Variable* a, Variable* b) override;
   int Compare(Variable* variable, const char* key, int length) override;
+  // The variables in their order, with nulls for gaps; valid until a variable is added.
+  std::span<Variable* const> Slots() const {
+    return {slots.get(), static_cast<size_t>(high_water)};
+  }
   // Gives up the table's counts. A variable that a script still holds becomes a NULL value that
   // ignores writes; one that a script has turned into a reference stays a reference. The slots are
   // empty afterwards.
   virtual void Dereference();
   // Exchanges the contents of two tables. Needs no memory.
   void Swap(DatabaseVariableHash& other) noexcept;
+  // How often variables have left the table. See RecentNames::Forgotten.
+  const uint64_t& Gone() const { return recent.Forgotten(); }
 
   using HashTable<Variable>::hash;
 
@@ -156,6 +169,9 @@ class DatabaseView {
   // Returns the variable of that name, borrowed; null if the record has none. A length of -1 means
   // strlen.
   virtual Variable* FindField(const char* name, int length);
+  // How often fields have left the record; the count lives as long as the view. What FindField has
+  // returned while the count was the same is what it returns again.
+  const uint64_t& FieldsGone() const { return fields.Gone(); }
   virtual bool Close() = 0;
   // Moves by count records, backwards if it is negative; the second considers only records that
   // pass the filter.

@@ -329,13 +329,21 @@ void ExternalDatabaseView::SetDirty(int dirty) {
   }
 }
 
+bool ExternalDatabaseView::HasStores() const {
+  for (Variable* const field : fields.Slots()) {
+    if (field && static_cast<ExternalDatabaseVariable*>(field)->HasStore()) return true;
+  }
+  return false;
+}
+
 int ExternalDatabaseView::Commit() {
+  // A view commits at each move, and then there is mostly nothing to pass on.
+  if (!HasStores()) return 1;
   // The table stays as it is until the last variable is committed.
   const VariableCall running(this);
   int done = 1;
   for (int i = 0; i < fields.Entries(); i++) {
     auto* const field = static_cast<ExternalDatabaseVariable*>(fields.Index(i));
-    // After each move most fields have nothing to pass on.
     if (field && field->HasStore() && !field->Commit()) done = 0;
   }
   return done;

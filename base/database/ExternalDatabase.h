@@ -168,6 +168,7 @@ class ExternalDatabaseView : public DatabaseView {
   bool Call(int (*function)(ZPDATABASEVIEW, Parameters...), const char* unsupported,
             Arguments... arguments);
   bool Fail(const String& text);
+  bool HasStores() const;
   void DropVariables();
 
   ExternalDatabase* owner;

@@ -54,7 +54,15 @@ int ExternalDatabaseVariable::preferred_type() {
 
 // --- Stores --------------------------------------------------------------------------------------
 
+// Libraries that know what a script reads store it in the fields, so this and SetValue_Integer are
+// short for a field that already has a text or a number.
 int ExternalDatabaseVariable::SetValue(const char* text, int length) {
+  if (valid_forms() == TextForm) {
+    string_value.assign(text, length);
+    primary = PrimaryText;
+    dirty_flag = 1;
+    return 1;
+  }
   const int done = Variable::SetValue(text, length);
   SetDirty(1);
   return done;
@@ -75,6 +83,13 @@ int ExternalDatabaseVariable::SetValue_Nocopy(char* buffer, int length, int allo
 }
 
 int ExternalDatabaseVariable::SetValue_Integer(int value) {
+  if (valid_forms() & IntegerForm) {
+    integer_value = value;
+    SetForms(IntegerForm);
+    primary = PrimaryInteger;
+    dirty_flag = 1;
+    return 1;
+  }
   const int done = Variable::SetValue_Integer(value);
   SetDirty(1);
   return done;
@@ -135,7 +150,10 @@ void ExternalDatabaseVariable::Convert_Integer() {
 }
 
 void ExternalDatabaseVariable::Convert_Double() {
-  if (!Ask(DoubleForm, IntegerForm, TextForm)) {
+  if (dirty_flag && valid_forms() == IntegerForm) {
+    double_value = integer_value;
+    AddForm(DoubleForm);
+  } else if (!Ask(DoubleForm, IntegerForm, TextForm)) {
     double_value = 0.0;
   } else if (!(valid_forms() & DoubleForm)) {
     Coerce_Double();

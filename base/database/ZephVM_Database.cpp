@@ -45,8 +45,10 @@ bool IsBuiltin(const char* type, int length) {
 }
 
 // Each finds what an instruction works on, or reports the error and returns false.
+// Loops over records do so at each step, so these are in line.
 
-bool FindDatabase(ZephVM& vm, int tag, const PoppedString& name, Database** database) {
+[[gnu::always_inline]] inline bool FindDatabase(ZephVM& vm, int tag, const PoppedString& name,
+                                                Database** database) {
   MachineDatabases& open = vm.Databases();
   if (name.length() == 0) {
     *database = open.databases.First();
@@ -60,8 +62,8 @@ bool FindDatabase(ZephVM& vm, int tag, const PoppedString& name, Database** data
   return false;
 }
 
-bool FindDatabaseView(ZephVM& vm, int tag, Database* database, const PoppedString& name,
-                      DatabaseView** view) {
+[[gnu::always_inline]] inline bool FindDatabaseView(ZephVM& vm, int tag, Database* database,
+                                                    const PoppedString& name, DatabaseView** view) {
   if (name.length() == 0) {
     *view = database->PrimaryView();
     if (*view) return true;
@@ -88,11 +90,13 @@ bool GetDatabaseView(ZephVM& vm, int tag, Database** database, DatabaseView** vi
          FindDatabaseView(vm, tag, *database, view_name, view);
 }
 
-void FinishDatabase(ZephVM& vm, int tag, bool done, const String& error) {
+// The target is the database or the view that has done the work.
+template <class Target>
+void FinishDatabase(ZephVM& vm, int tag, bool done, Target* target) {
   if (done) {
     vm.ClearErrorVariable(tag);
   } else {
-    vm.EncodedRuntimeError(tag, error);
+    vm.EncodedRuntimeError(tag, target->error());
   }
 }
 
@@ -101,7 +105,7 @@ void OnDatabase(ZephVM& vm, int tag, bool (Database::*operation)()) {
   Database* database;
   if (!GetDatabase(vm, tag, &database)) return;
   const bool done = (database->*operation)();
-  FinishDatabase(vm, tag, done, database->error());
+  FinishDatabase(vm, tag, done, database);
 }
 
 void OnView(ZephVM& vm, int tag, bool (DatabaseView::*operation)()) {
@@ -109,7 +113,7 @@ void OnView(ZephVM& vm, int tag, bool (DatabaseView::*operation)()) {
   DatabaseView* view;
   if (!GetDatabaseView(vm, tag, &database, &view)) return;
   const bool done = (view->*operation)();
-  FinishDatabase(vm, tag, done, view->error());
+  FinishDatabase(vm, tag, done, view);
 }
 
 // Makes the object of a type, which is not open yet; null after a runtime error.
@@ -198,6 +202,28 @@ void OpenDatabase(ZephVM& vm, KeptString* fifth) {
 }  // namespace
 
 // --- The open databases --------------------------------------------------------------------------
+
+// Notes what it has found for the next time.
+bool ZephVM::FindConstantField(Variable** variable, bool empty_is_first) {
+  int alias_length, length;
+  const char* const alias = DictionaryText(first_integer, &alias_length);
+  const char* const field = alias ? DictionaryText(second_integer, &length) : nullptr;
+  if (!field) return false;
+  if (alias_length == 0) {
+    // This is not noted, because the first database may be another one the next time.
+    *variable = empty_is_first ? FirstDatabaseField(field, length)
+                               : ViewField(alias, alias_length, field, length);
+    return true;
+  }
+  MachineDatabases* const open = family->databases_if_any();
+  DatabaseView* const view = open ? open->views_by_name.Find(alias, alias_length) : nullptr;
+  *variable = view ? view->FindField(field, length) : nullptr;
+  if (!*variable) return true;
+  if (!recent_fields) recent_fields = std::make_unique<RecentField[]>(kRecentFields);
+  recent_fields[RecentPlace()] = {first_integer,       second_integer,     family->ViewsGone(),
+                                  &view->FieldsGone(), view->FieldsGone(), *variable};
+  return true;
+}
 
 Variable* ZephVM::ViewField(const char* alias, int aliaslength, const char* name, int length) {
   MachineDatabases* const open = family->databases_if_any();
@@ -296,7 +322,7 @@ void ZephVM::dbprimary() {
   const bool done =
       index.length() == 0 ||
       database->SetPrimaryIndex(index.data(), index.length(), index.size(), index.ownership());
-  FinishDatabase(*this, Tag_Primary, done, database->error());
+  FinishDatabase(*this, Tag_Primary, done, database);
 }
 
 // --- The current record --------------------------------------------------------------------------
@@ -308,7 +334,7 @@ void ZephVM::dbskip() {
   DatabaseView* view;
   if (!GetDatabaseView(*this, Tag_Skip, &database, &view)) return;
   const bool done = view->IsFiltered() ? view->Skip_Filter(count) : view->Skip_NoFilter(count);
-  FinishDatabase(*this, Tag_Skip, done, view->error());
+  FinishDatabase(*this, Tag_Skip, done, view);
 }
 
 // dbgo  ( database view position -- )  Goes to a record by its number, or to the first or last one.
@@ -318,7 +344,7 @@ void ZephVM::dbgo() {
   DatabaseView* view;
   if (!GetDatabaseView(*this, Tag_Go, &database, &view)) return;
   const bool done = view->IsFiltered() ? view->Go_Filter(position) : view->Go_NoFilter(position);
-  FinishDatabase(*this, Tag_Go, done, view->error());
+  FinishDatabase(*this, Tag_Go, done, view);
 }
 
 // dbfind  ( database view key exact -- )  Searches the primary index.
@@ -332,7 +358,7 @@ void ZephVM::dbfind() {
       view->IsFiltered()
           ? view->Find_Filter(key.data(), key.length(), key.size(), key.ownership(), exact)
           : view->Find_NoFilter(key.data(), key.length(), key.size(), key.ownership(), exact);
-  FinishDatabase(*this, Tag_Find, done, view->error());
+  FinishDatabase(*this, Tag_Find, done, view);
 }
 
 // dbadd  ( database view -- )  Adds a record with the values of the fields.
@@ -363,7 +389,7 @@ void ZephVM::dbfilter() {
   if (!GetDatabaseView(*this, Tag_Filter, &database, &view)) return;
   const bool done = view->Filter(this, expression.data(), expression.length(), expression.size(),
                                  expression.ownership());
-  FinishDatabase(*this, Tag_Filter, done, view->error());
+  FinishDatabase(*this, Tag_Filter, done, view);
 }
 
 // --- Indexes and upkeep --------------------------------------------------------------------------
@@ -376,7 +402,7 @@ void ZephVM::dbsetindex() {
   if (!GetDatabaseView(*this, Tag_SetIndex, &database, &view)) return;
   const bool done =
       database->OpenIndexes(this, list.data(), list.length(), list.size(), list.ownership());
-  FinishDatabase(*this, Tag_SetIndex, done, database->error());
+  FinishDatabase(*this, Tag_SetIndex, done, database);
 }
 
 // dbmakeindex  ( database path key flags -- )  Makes an index and makes it the primary one.
@@ -390,7 +416,7 @@ void ZephVM::dbmakeindex() {
                                           path.ownership(), expression.data(), expression.length(),
                                           expression.size(), expression.ownership(), flags.data(),
                                           flags.length(), flags.size(), flags.ownership());
-  FinishDatabase(*this, Tag_MakeIndex, done, database->error());
+  FinishDatabase(*this, Tag_MakeIndex, done, database);
 }
 
 // dbpack  ( database -- )  Removes the deleted records for good.
@@ -411,7 +437,7 @@ void ZephVM::dbrevealstructuredb() {
   if (!GetDatabaseView(*this, Tag_RevealStructure, &database, &view)) return;
   const bool done =
       view->RevealStructure_Table(path.data(), path.length(), path.size(), path.ownership());
-  FinishDatabase(*this, Tag_RevealStructure, done, view->error());
+  FinishDatabase(*this, Tag_RevealStructure, done, view);
 }
 
 // dbrevealstructureagg  ( database view v -- )  Describes the fields in the elements of v.
@@ -422,7 +448,7 @@ void ZephVM::dbrevealstructureagg() {
   DatabaseView* view;
   if (!GetDatabaseView(*this, Tag_RevealStructure, &database, &view)) return;
   const bool done = view->RevealStructure_Aggregate(&variable);
-  FinishDatabase(*this, Tag_RevealStructure, done, view->error());
+  FinishDatabase(*this, Tag_RevealStructure, done, view);
 }
 
 // --- Views, queries and transactions -------------------------------------------------------------
@@ -445,7 +471,7 @@ void ZephVM::dbopenview() {
   const bool done =
       database->OpenView(name.data(), name.length(), name.size(), name.ownership(), query.data(),
                          query.length(), query.size(), query.ownership(), &variables, count);
-  FinishDatabase(*this, Tag_OpenView, done, database->error());
+  FinishDatabase(*this, Tag_OpenView, done, database);
 }
 
 // dbcloseview  ( database view -- )  Closes a view.
@@ -454,7 +480,7 @@ void ZephVM::dbcloseview() {
   Database* database;
   if (!GetDatabase(*this, Tag_CloseView, &database)) return;
   const bool done = database->CloseView(name.data(), name.length(), name.size(), name.ownership());
-  FinishDatabase(*this, Tag_CloseView, done, database->error());
+  FinishDatabase(*this, Tag_CloseView, done, database);
 }
 
 // dbquery  ( database query variables -- )  Runs a query without a view.
@@ -468,7 +494,7 @@ void ZephVM::dbquery() {
   if (stop_flag) return;
   const bool done = database->RunQuery(query.data(), query.length(), query.size(),
                                        query.ownership(), &variables, count);
-  FinishDatabase(*this, Tag_Query, done, database->error());
+  FinishDatabase(*this, Tag_Query, done, database);
 }
 
 // dbcommit  ( database -- )  Commits a transaction.
@@ -495,5 +521,5 @@ void ZephVM::dbcommand() {
   const bool done = database->Command(command.data(), command.length(), command.size(),
                                       command.ownership(), arguments.data(), arguments.length(),
                                       arguments.size(), arguments.ownership());
-  FinishDatabase(*this, Tag_DBCommand, done, database->error());
+  FinishDatabase(*this, Tag_DBCommand, done, database);
 }

@@ -96,10 +96,22 @@ void ZephVM::EncodedRuntimeError(int tag, const String& message) {
   RuntimeError(tag, String(text, length, size));
 }
 
+// A loop over records clears the variable of one tag at each step, so its position in the table is
+// kept. Positions never change. A name that the table does not know may be added to it, but then
+// the table has more entries.
 void ZephVM::ClearErrorVariable(int tag) {
-  const char* variable =
-      tag >= 0 && tag < tag_count ? original_tag_default_errorsettings[tag].variable : nullptr;
-  if (variable) global_variables->ClearVariable(variable, -1);
+  if (tag < 0 || tag >= tag_count) return;
+  VariableHash* const table = global_variables->RealIdentity();
+  ClearedVariable& cleared = cleared_variables[tag % kClearedVariables];
+  unsigned entries;
+  (void)table->Rows(&entries);
+  if (cleared.tag != tag || (cleared.position < 0 && cleared.entries != entries)) {
+    const char* const name = original_tag_default_errorsettings[tag].variable;
+    if (!name) return;
+    cleared = {tag, table->Seek(-1, name, -1, nullptr), entries};
+  }
+  if (cleared.position < 0) return;
+  if (Variable* const variable = table->At(cleared.position, 0)) variable->SetNULL();
 }
 
 void ZephVM::Report(RunFailure::Kind kind, bool ends_run, bool shown, const char* text,

@@ -4,6 +4,7 @@
 #ifndef ZEPH_BASE_MACHINEFAMILY_H
 #define ZEPH_BASE_MACHINEFAMILY_H
 
+#include <cstdint>
 #include <memory>
 
 class DoContexts;
@@ -30,6 +31,10 @@ class MachineFamily {
   MachineDatabases& databases();
   MachineDatabases* databases_if_any() const { return open_databases; }
   void DeleteDatabases();
+  // How many views have been removed from the family's databases. A view that was found while the
+  // count was the same still exists, and its name still means it.
+  uint64_t ViewsGone() const { return views_gone; }
+  void NoteViewGone() { views_gone++; }
 
   // Runs in progress, nested in one another. Each uses some of the thread's own stack or, for a
   // filter, an open file, so there is a limit. REQUIRES: a run that begins has room and is ended.
@@ -61,6 +66,7 @@ class MachineFamily {
 
   MachineDatabases* open_databases = nullptr;  // null until a script opens one
   std::unique_ptr<DoContexts> files;           // null until a script names another file
+  uint64_t views_gone = 0;
   int runs = 0;
   int field_reads = 0;
   bool frame_reuse = true;

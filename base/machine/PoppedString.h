@@ -51,6 +51,8 @@ class PoppedPath : public PoppedString {
 class KeptString : public PoppedString {
  public:
   explicit KeptString(ZephVM_Stack* stack) {
+    // Most names in a script are constants.
+    if (stack->PopBorrowed(&text, &bytes, &room)) return;
     const ZephVM_Stack::Stack_Entry* top = stack->Peek();
     const bool of_variable = top && top->kind == ZephVM_Stack::KindVariable;
     text = stack->PopS(&bytes, &room, &deletable);

@@ -22,6 +22,7 @@
 #include "base/machine/ImportFilters.h"
 #include "base/machine/LogGate.h"
 #include "base/machine/MachineFamily.h"
+#include "base/machine/RecentField.h"
 #include "base/machine/ZephVM_Frame.h"
 #include "base/machine/ZephVM_Stack.h"
 #include "base/values/VariableKinds.h"
@@ -324,6 +325,24 @@ class ZephVM {
   int LookupUnscoped(Variable** out, const char* name, int length, String* error);
   void PushNamed(const char* name, int length);
   void PopNamed(const char* name, int length);
+  // The field that the instruction's two constant names mean, or null. With empty_is_first, an
+  // empty alias means the first database. Returns false after a fatal error.
+  bool ConstantField(Variable** variable, bool empty_is_first) {
+    if (recent_fields) {
+      const RecentField& recent = recent_fields[RecentPlace()];
+      if (recent.alias == first_integer && recent.field == second_integer &&
+          recent.views_gone == family->ViewsGone() && recent.fields_gone == *recent.fields_count) {
+        *variable = recent.variable;
+        return true;
+      }
+    }
+    return FindConstantField(variable, empty_is_first);
+  }
+  bool FindConstantField(Variable** variable, bool empty_is_first);
+  unsigned RecentPlace() const {
+    const auto alias = static_cast<unsigned>(first_integer);
+    return (alias * 5 + static_cast<unsigned>(second_integer)) % kRecentFields;
+  }
   Variable* ViewField(const char* alias, int aliaslength, const char* name, int length);
   Variable* FirstDatabaseField(const char* name, int length);
   Variable* AnyDatabaseField(const char* name, int length);
@@ -477,6 +496,18 @@ class ZephVM {
   int frame_count = 0;  // of functions that have not returned
   // Frames of finished calls, by function index, with their stack and locals, kept for later calls.
   std::vector<ZephVM_FunctionFrame*> idle_frames;
+  // By the ids of the names; null until a field is found.
+  static constexpr unsigned kRecentFields = 32;
+  std::unique_ptr<RecentField[]> recent_fields;
+  // Where the error variables of the tags that were cleared last are in the table of globals. Tags
+  // share a place by their lowest bits.
+  struct ClearedVariable {
+    int tag = -1;          // -1 is none
+    int position = -1;     // -1 if the table does not know the name
+    unsigned entries = 0;  // of the table at that time
+  };
+  static constexpr int kClearedVariables = 8;
+  ClearedVariable cleared_variables[kClearedVariables];
   IdleParameters idle_parameters;  // the same for external functions
   // The output's mode if the hot loop set it and so knows it, else NoMode.
   long hot_mode = NoMode;

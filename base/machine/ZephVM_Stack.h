@@ -122,6 +122,13 @@ class ZephVM_Stack {
       return owned != 0;
     }
 
+    // Whether it is a String that owns nothing and is not deferred. Reads the four in one load.
+    bool IsBorrowedText() const {
+      uint64_t head;
+      memcpy(&head, this, sizeof head);
+      return head == KindString;
+    }
+
    private:
     static constexpr uint64_t OwnedMark = uint64_t{1} << 32;     // deletable
     static constexpr uint64_t DeferredMark = uint64_t{1} << 48;  // deferred
@@ -215,6 +222,16 @@ class ZephVM_Stack {
   // exceeds its length and its maker wrote one. *size may be less than length for a text that is
   // not deletable.
   char* PopS(int* length, int* size, int* deletable);
+  // Pops a text that the entry does not own, as PopS does. Returns false and pops nothing if the
+  // top is anything else.
+  bool PopBorrowed(char** data, int* length, int* size) {
+    if (top == entries || !top[-1].IsBorrowedText()) return false;
+    top--;
+    *data = top->value.text;
+    *length = top->length;
+    *size = top->size;
+    return true;
+  }
   // PopS without the NUL bytes; always deletable and terminated.
   char* PopS_NS(int* length, int* size, int* deletable);
   // Pops the top and assigns it to the target, which is borrowed.

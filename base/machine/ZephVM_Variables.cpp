@@ -101,12 +101,8 @@ void ZephVM::pushd() {
 
 // pushdc  ( -- v )  As pushd, with constant names.
 void ZephVM::pushdc() {
-  int alias_length, length;
-  const char* alias = DictionaryText(first_integer, &alias_length);
-  const char* field = alias ? DictionaryText(second_integer, &length) : nullptr;
-  if (!field) return;
-  Variable* variable = ViewField(alias, alias_length, field, length);
-  stack->PushHeld(variable ? variable : null_variable);
+  Variable* variable;
+  if (ConstantField(&variable, false)) stack->PushHeld(variable ? variable : null_variable);
 }
 
 // popd  ( x alias field -- )  Assigns a field of the view of that alias; drops x without one.
@@ -120,12 +116,8 @@ void ZephVM::popd() {
 // popdc  ( x -- )  As popd, with constant names; an empty alias, here alone, means the first
 // database.
 void ZephVM::popdc() {
-  int alias_length, length;
-  const char* alias = DictionaryText(first_integer, &alias_length);
-  const char* field = alias ? DictionaryText(second_integer, &length) : nullptr;
-  if (!field) return;
-  AssignOrDrop(alias_length == 0 ? FirstDatabaseField(field, length)
-                                 : ViewField(alias, alias_length, field, length));
+  Variable* variable;
+  if (ConstantField(&variable, true)) AssignOrDrop(variable);
 }
 
 void ZephVM::AssignOrDrop(Variable* variable) {

@@ -145,6 +145,47 @@ TEST_F(DatabaseInstructions, FieldsInALoopAreThoseOfTheDatabaseThatIsOpen) {
   EXPECT_EQ(Page(code), expected);
 }
 
+// More fields than are remembered, each read twice in one record and once in the next.
+TEST_F(DatabaseInstructions, EachOfManyConstantNamesMeansItsOwnField) {
+  constexpr int kFields = 90;
+  std::string fields, stores, reads, expected;
+  for (int i = 0; i < kFields; i++) {
+    const std::string name = "f" + std::to_string(i);
+    fields += (i > 0 ? ", " : "") + name + " number(5)";
+    stores += SetField("m", name, std::to_string(100 + i));
+    reads += "pushdc \"m\", \"" + name + "\"\nout\n" + Push("|") + "out\n";
+    expected += std::to_string(100 + i) + "|";
+  }
+  const std::string row = stores + OnView("dbadd", "m");
+  EXPECT_EQ(Page(CreateDatabase("m", "m.dbf", fields) + row + row + Go("m", -1) + reads + reads +
+                 Skip("m", 1) + reads),
+            expected + expected + expected);
+}
+
+// The numbers of names are those of the dictionary, from 0 on; others are in damaged code.
+TEST_F(DatabaseInstructions, ANameThatWasNotReadYetIsNotTakenForAnother) {
+  EXPECT_EQ(Page(Push("p") + "pop\n" + OpenDatabase("p", "a.dbf") + "pushdc \"p\", \"n\"\nout\n" +
+                 "pushdc \"p\", \"p\"\nisnull\nout\n"),
+            "11");
+  for (const int id : {-1, -2, 1 << 20}) {
+    DatabaseMachine script(directory);
+    script.machine.Assemble(OpenDatabase("p", "a.dbf") + "pushdc \"p\", \"n\"\npop\n");
+    script.machine.Op(Instruction::pushdc, id, id);
+    EXPECT_EQ(script.machine.Go(), 0);
+    EXPECT_EQ(script.machine.Failure(), "Invalid dictionary reference");
+  }
+}
+
+// The empty alias is the first database where a value is assigned, and a view's name where one is
+// read.
+TEST_F(DatabaseInstructions, AConstantAliasThatIsEmptyMeansTheDatabaseThatIsFirstAtThatTime) {
+  const std::string store = Push(7) + "popdc \"\", \"n\"\n";
+  EXPECT_EQ(
+      Page(kOpenBoth + store + Show("a", "n") + Show("b", "n") + Op("dbprimary", {"a", "", ""}) +
+           store + Show("a", "n") + "pushdc \"\", \"n\"\nisnull\nout\n"),
+      "1|7|7|1");
+}
+
 TEST_F(DatabaseInstructions, UnknownDatabasesAndViewsAreNamed) {
   EXPECT_EQ(ErrorAfter(kOpenBoth + Skip("c", 1), "ZpSKIP_Error"), "Database 'c' is not open");
   EXPECT_EQ(ErrorAfter(kOpenBoth + Push("a") + Push("v") + Push(1) + "dbskip\n", "ZpSKIP_Error"),

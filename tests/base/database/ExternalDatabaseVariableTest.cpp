@@ -229,6 +229,37 @@ TEST_F(ExternalDatabaseVariableTest, ACopyIsMadeInThePreferredForm) {
 
 // --- Stores --------------------------------------------------------------------------------------
 
+// A library may give a field its value by a store, and then mark it as clean.
+TEST_F(ExternalDatabaseVariableTest, ACopyOfAStoredValueAsksForNothing) {
+  kind = 3;
+  number = &half;
+  const VariableRef copy(new Variable("c", -1));
+  for (const char* stored : {"12.50", "", "x"}) {
+    field->SetValue(stored, -1);
+    field->SetDirty(0);
+    copy->SetValue(*field);
+    EXPECT_EQ(Text(copy->value()), stored);
+    EXPECT_EQ(copy->primary_type(), PrimaryText);
+  }
+  field->SetValue_Integer(7);
+  field->SetDirty(0);
+  copy->Element(AggregateIndex(1), 1);
+  copy->SetValue(*field);
+  EXPECT_EQ(copy->aggregatetype(), AggregateNone);
+  EXPECT_EQ(copy->primary_type(), PrimaryInteger);
+  EXPECT_EQ(Text(copy->value()), "7");
+  EXPECT_EQ(Asked(), "");
+  // After that the elements of the field are its value, or what a reference refers to.
+  field->Element(AggregateIndex(1), 1)->SetValue("e", -1);
+  copy->SetValue(*field);
+  EXPECT_EQ(copy->aggregatetype(), AggregateArray);
+  const VariableRef target(new Variable("t", -1, "referred", -1));
+  field->Make_Reference(target.get());
+  copy->SetValue(*field);
+  EXPECT_EQ(Text(copy->value()), "referred");
+  EXPECT_EQ(Asked(), "");
+}
+
 TEST_F(ExternalDatabaseVariableTest, AStoredValueIsNeverRequested) {
   text = "library";
   field->SetValue("12", -1);
@@ -511,6 +542,49 @@ TEST_F(ExternalDatabaseVariableTest, AnOwnedTextMayBeNull) {
     EXPECT_EQ(Read(), "");
     EXPECT_EQ(asked, 1);
   }
+}
+
+// --- Names ---------------------------------------------------------------------------------------
+
+// What constant names mean is remembered, and a library may replace fields and views at any time.
+TEST(ExternalDatabaseField, AConstantNameMeansTheFieldThatIsThere) {
+  Machine machine;
+  const std::string show = "pushdc \"v\", \"f\"\nout\n";
+  machine.Assemble(show + show + "pushc \"|\"\nout\n");
+  _ZP_EL_Database table = {};
+  table.version = 6;
+  const auto add = [](ExternalDatabaseView* view, const char* value) {
+    view->Add_Variable("f", -1, nullptr)->SetValue(value, -1);
+  };
+  const auto run = [&machine] { EXPECT_EQ(machine.vm().Go_Recursive(), 1); };
+  run();
+  {
+    ExternalDatabase first(&machine.vm(), "first", -1, 0, nullptr, &table);
+    ExternalDatabaseView* view = first.Add_View("v", -1, nullptr);
+    add(view, "1");
+    run();
+    view->Clear();
+    run();
+    add(view, "2");
+    run();
+    // An earlier field and an earlier view of the same names come first.
+    add(view, "hidden");
+    ExternalDatabase second(&machine.vm(), "second", -1, 0, nullptr, &table);
+    add(second.Add_View("v", -1, nullptr), "3");
+    run();
+    // A new view may get the memory of the old one.
+    for (const char* value : {"4", "5"}) {
+      first.CloseView("v", -1, 0, nullptr);
+      run();
+      add(first.Add_View("v", -1, nullptr), value);
+      second.CloseView("v", -1, 0, nullptr);
+      run();
+      add(second.Add_View("v", -1, nullptr), "3");
+    }
+  }
+  run();
+  EXPECT_EQ(machine.Output(), "|11||22|22|33|44|33|55||");
+  machine.Close();
 }
 
 }  // namespace

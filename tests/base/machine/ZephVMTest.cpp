@@ -300,6 +300,23 @@ TEST(ZephVMError, ClearErrorVariableMakesItNull) {
   machine.vm().ClearErrorVariable(-5);
 }
 
+// 30 and 38 are dbskip and dbadd. Nothing is made by a look-up, and what is made later is found.
+TEST(ZephVMError, ClearErrorVariableFindsAVariableThatWasMadeAfterTheFirstCall) {
+  Machine machine;
+  machine.vm().ClearErrorVariable(30);
+  EXPECT_EQ(machine.GlobalVariable("ZpSKIP_Error"), nullptr);
+  for (int i = 0; i < 3; i++) {
+    for (const int tag : {30, 38}) {
+      const char* const name = tag == 30 ? "ZpSKIP_Error" : "ZpADD_Error";
+      machine.vm().RuntimeError(tag, "it failed");
+      EXPECT_EQ(machine.Value(name), "it failed");
+      machine.vm().ClearErrorVariable(tag);
+      machine.vm().ClearErrorVariable(tag);
+      EXPECT_EQ(machine.GlobalVariable(name)->IsNULL(), 1);
+    }
+  }
+}
+
 TEST(ZephVMError, TagNumbersOutsideTheTableAreIgnored) {
   Machine machine;
   machine.Op(tagerror, 77, 3).Op(tagerror, -1, 3).Op(tagerror, 0, 1);

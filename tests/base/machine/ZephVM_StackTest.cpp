@@ -249,6 +249,32 @@ TEST_F(ZephVM_StackTest, TextOfANullVariableIsEmptyAndNotNull) {
   if (deletable) delete[] text;
 }
 
+TEST_F(ZephVM_StackTest, PopBorrowedTakesOnlyATextThatTheEntryDoesNotOwn) {
+  char* text = nullptr;
+  int length = 0, size = 0;
+  EXPECT_FALSE(stack().PopBorrowed(&text, &length, &size));
+  const char constant[] = "constant";
+  stack().PushS(constant, 5, 8, 0);
+  ASSERT_TRUE(stack().PopBorrowed(&text, &length, &size));
+  EXPECT_EQ(text, constant);
+  EXPECT_EQ(length, 5);
+  EXPECT_EQ(size, 8);
+  EXPECT_EQ(stack().Entries(), 0);
+  stack().PushI(1);
+  stack().PushD(1.5);
+  PushText("owned");
+  PushBuffer("chain", 0);
+  stack().PushV(Held("variable"), 0, 0);
+  stack().PushS(constant, 5, 8, 0);
+  stack().Dupe();
+  stack().Concatenate();
+  for (int left = stack().Entries(); left > 0; left--) {
+    EXPECT_FALSE(stack().PopBorrowed(&text, &length, &size));
+    EXPECT_EQ(stack().Entries(), left);
+    stack().Pop();
+  }
+}
+
 TEST_F(ZephVM_StackTest, PopS_NSDropsNulBytes) {
   int length, size, deletable;
   stack().PushS("a\0b\0", 4, 4, 0);
