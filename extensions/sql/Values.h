@@ -5,9 +5,12 @@
 #define ZEPH_EXTENSIONS_SQL_VALUES_H
 
 #include <algorithm>
+#include <array>
 #include <charconv>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -167,6 +170,16 @@ inline bool IsDate(std::string_view text) {
   return day >= 1 && day <= days;
 }
 
+// 00 to 99.
+inline constexpr auto kPairs = [] {
+  std::array<char, 200> pairs{};
+  for (size_t i = 0; i < 100; i++) {
+    pairs[2 * i] = static_cast<char>('0' + i / 10);
+    pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
+  }
+  return pairs;
+}();
+
 // The text of a number with that many decimals, up to 30. It is in the buffer, which has room for
 // kRealText bytes.
 constexpr size_t kRealText = 400;
@@ -179,19 +192,32 @@ inline std::string_view RealText(double value, int decimals, char* buffer) {
     const int64_t power = kPowers[decimals];
     const double scaled = value * static_cast<double>(power);
     const auto whole = static_cast<int64_t>(scaled < 0 ? scaled - 0.5 : scaled + 0.5);
-    if (whole != 0 && static_cast<double>(whole) / static_cast<double>(power) == value) {
-      // The digits have room before them for zeros, the sign and the point.
-      char* const digits = buffer + 16;
-      char* const end = std::to_chars(digits, buffer + kRealText, whole < 0 ? -whole : whole).ptr;
-      char* begin = digits;
-      while (end - begin <= decimals) *--begin = '0';
-      if (decimals > 0) {
-        char* const point = end - decimals - 1;
-        for (char* at = --begin; at < point; at++) *at = at[1];
-        *point = '.';
+    const bool is_zero = value == 0 && !std::signbit(value);
+    if (is_zero ||
+        (whole != 0 && static_cast<double>(whole) / static_cast<double>(power) == value)) {
+      char* const end = buffer + kRealText;
+      char* at = end;
+      auto left = static_cast<uint64_t>(whole < 0 ? -whole : whole);
+      const auto write_digit = [&at, &left] {
+        *--at = static_cast<char>('0' + left % 10);
+        left /= 10;
+      };
+      const auto write_pair = [&at, &left] {
+        at -= 2;
+        memcpy(at, &kPairs[left % 100 * 2], 2);
+        left /= 100;
+      };
+      for (int i = 0; i + 2 <= decimals; i += 2) write_pair();
+      if (decimals % 2 != 0) write_digit();
+      if (decimals > 0) *--at = '.';
+      while (left >= 100) write_pair();
+      if (left >= 10) {
+        write_pair();
+      } else {
+        write_digit();
       }
-      if (whole < 0) *--begin = '-';
-      return {begin, static_cast<size_t>(end - begin)};
+      if (whole < 0) *--at = '-';
+      return {at, static_cast<size_t>(end - at)};
     }
   }
   const int length = snprintf(buffer, kRealText, "%.*f", decimals, value);

@@ -59,6 +59,10 @@ struct Database {
 
 class View {
  public:
+  // Values that a field gets in a row without a question. As long as it is read of each record, the
+  // number doubles each time that the engine has to ask.
+  static constexpr int kFewestPassed = 32, kMostPassed = 1024;
+
   // The data word of a field: a column of the view, or one of the four that every view has.
   struct Field {
     View* view;
@@ -67,7 +71,9 @@ class View {
     bool is_read = false;   // the engine may have a value
     bool is_known = false;  // it has `known`, which is one of the four
     int known = 0;
-    int passed = 0;  // values that it got in a row without asking for one
+    // Values that it got since the last question, and how many it gets at most.
+    int passed = 0, most_passed = kFewestPassed;
+    uint64_t dropped = 0;  // the number of the move at which it got no more
   };
   static constexpr int kRecord = -1, kRecords = -2, kDeleted = -3, kEnd = -4;
 
@@ -334,6 +340,12 @@ class View {
   void BeginRead(Field* field) {
     Settle();
     Note(field);
+    // A field that is read of the very record of which it got no value is read of all of them.
+    if (field->passed > 0) {
+      const bool is_steady = field->passed > field->most_passed && field->dropped == moves;
+      field->most_passed =
+          is_steady ? std::min(field->most_passed * 2, kMostPassed) : kFewestPassed;
+    }
     field->passed = 0;
   }
   void Note(Field* field) {
@@ -472,7 +484,6 @@ class View {
   static constexpr int kLongestText = 0x7FFFFFFF - 1;
   static constexpr size_t kShortText = 256;  // bytes
   static constexpr int kLargestBlock = 512;
-  static constexpr int kMostPassed = 32;  // values that a field gets without a question
 
   int Fail(std::string text) {
     error = std::move(text);
@@ -510,17 +521,17 @@ class View {
   // its own.
   void Refresh() {
     if (!handle) return;
+    moves++;
     is_refreshing = true;
     zpDatabaseView_Commit(handle);
     is_refreshing = false;
-    size_t kept = 0;
+    const bool is_live = row == Row::Live;
+    Field** kept = read.data();
     for (Field* const field : read) {
-      field->is_read = HasItsValue(field) || (zpVariable_NextIdentity(AsVariable(field->handle)) ==
-                                                  AsVariable(field->handle) &&
-                                              PassOn(field));
-      if (field->is_read) read[kept++] = field;
+      field->is_read = HasItsValue(field) || PassOn(field, is_live);
+      if (field->is_read) *kept++ = field;
     }
-    read.resize(kept);
+    read.resize(static_cast<size_t>(kept - read.data()));
   }
   // Whether the engine has the field's value already: the end of the rows, for example, comes once.
   bool HasItsValue(const Field* field) {
@@ -528,16 +539,18 @@ class View {
     return field->is_known && GetOwn(field->column, &number) && number == field->known;
   }
   // Returns whether the field has a value afterwards.
-  bool PassOn(Field* field) {
-    ZPVARIABLE variable = AsVariable(field->handle);
+  bool PassOn(Field* field, bool is_live) {
+    const ZPVARIABLE variable = AsVariable(field->handle);
+    if (zpVariable_NextIdentity(variable) != variable) return false;
     bool has_value = true;
     int number;
     field->is_known = false;
     if (field->column >= 0) {
       // A script may not read it any more. So now and then it gets no value, and loses its place if
       // the engine does not ask then.
-      const bool has_room = field->passed++ < kMostPassed;
-      has_value = has_room && row == Row::Live && PassOnColumn(variable, field->column);
+      const bool has_room = field->passed++ < field->most_passed;
+      has_value = has_room && is_live && PassOnColumn(variable, field->column);
+      if (!has_room) field->dropped = moves;
     } else if (field->column != kRecords && GetInteger(field->column, &number)) {
       zpVariable_SetValue_Integer(variable, number);
       field->is_known = true;
@@ -1002,6 +1015,7 @@ class View {
   std::vector<Index> indexes;  // the first one orders the view
   std::vector<Field*> read;    // those that have is_read set
   bool is_refreshing = false;
+  uint64_t moves = 0;  // times that the fields got values
   ZPVARIABLELIST nothing = nullptr;
   ZPVARIABLE no_value = nullptr;
 };

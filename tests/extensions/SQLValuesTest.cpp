@@ -38,4 +38,14 @@ TEST(SQLValues, ANumberHasTheDecimalsThatTheLibraryOfCGivesIt) {
   }
 }
 
+TEST(SQLValues, ZeroHasItsDecimalsAndItsSign) {
+  char buffer[zephsql::kRealText];
+  for (const double value : {0.0, -0.0, 0.004, -0.004, 0.5, -0.5, 999999.99, 1e6, -1e6}) {
+    for (int decimals = 0; decimals <= 30; decimals++) {
+      EXPECT_EQ(std::string(zephsql::RealText(value, decimals, buffer)),
+                ByTheLibraryOfC(value, decimals));
+    }
+  }
+}
+
 }  // namespace

@@ -189,6 +189,17 @@ inline std::string ChangeEach() {
          RunQuery("t", "update t set age = -1 where recno = ?", "id") + SkipIn("t", "q", 1);
 }
 
+// Reads that many records of the view m of the database t, whose field s is "row " and the number
+// n: adds the numbers to the variable sum, and counts in wrong the records whose s is another.
+inline std::string ReadMany(int count) {
+  static int labels = 0;
+  const std::string next = "many" + std::to_string(++labels);
+  return "storegi i, 0\n" + next +
+         ":\npushg sum\npushdc \"m\", \"n\"\nadd\npopg sum\npushg wrong\npushdc \"m\", \"s\"\n" +
+         Push("row ") + "pushdc \"m\", \"n\"\ncat\nne\nadd\npopg wrong\n" + SkipIn("t", "m", 1) +
+         "incg i, 1\ncmpgi i, " + std::to_string(count) + "\njmp_lt " + next + "\n";
+}
+
 inline std::vector<SQLCase> SQLCases() {
   return {
       {"a view of a query reads its rows in both directions",
@@ -323,6 +334,15 @@ inline std::vector<SQLCase> SQLCases() {
            SkipEach("m", 58) + Show("m", "eof") + SkipEach("m", 2) + Show("m", "eof") +
            SkipIn("t", "m", -1) + Show("m", "eof") + Show("m", "s"),
        "row 1|1.50|row 101|141.50|141|row 141|0|1|0|row 199|"},
+      {"a field that is read of many records and then of few has the value of each",
+       RunQuery("t", "create table many (n integer primary key, s varchar(9))") +
+           RunQuery("t",
+                    "insert into many with recursive c(n) as (select 1 union all select n + 1 "
+                    "from c where n < 900) select n, 'row ' || n from c") +
+           OpenView("t", "m", "many") + "pushf 0\npopg sum\npushi 0\npopg wrong\n" + ReadMany(300) +
+           SkipEach("m", 7) + ReadMany(3) + SkipEach("m", 200) + ReadMany(100) + ShowGlobal("sum") +
+           ShowGlobal("wrong") + Show("m", "s"),
+       "102127|0|row 611|"},
       {"a record's number may be large",
        RunQuery("t", "insert into t (recno, name) values (5000000000, 'far')") + Go("t", -2) +
            Show("t", "recno") + Show("t", "name") + Op("pushd", {"t", "recno"}) +
