@@ -122,11 +122,12 @@ class ZephVM_Stack {
       return owned != 0;
     }
 
-    // Whether it is a String that owns nothing and is not deferred. Reads the four in one load.
+    // Whether it is a String that owns nothing and is not deferred. Reads the four in one load; the
+    // byte after them has no meaning.
     bool IsBorrowedText() const {
       uint64_t head;
       memcpy(&head, this, sizeof head);
-      return head == KindString;
+      return head << 8 == uint64_t{KindString} << 8;
     }
 
    private:
