@@ -335,11 +335,11 @@ inline std::vector<SQLCase> SQLCases() {
            SkipIn("t", "m", -1) + Show("m", "eof") + Show("m", "s"),
        "row 1|1.50|row 101|141.50|141|row 141|0|1|0|row 199|"},
       {"a field that is read of many records and then of few has the value of each",
-       RunQuery("t", "create table many (n integer primary key, s varchar(9))") +
+       RunQuery("t", "create table lots (n integer primary key, s varchar(9))") +
            RunQuery("t",
-                    "insert into many with recursive c(n) as (select 1 union all select n + 1 "
+                    "insert into lots with recursive c(n) as (select 1 union all select n + 1 "
                     "from c where n < 900) select n, 'row ' || n from c") +
-           OpenView("t", "m", "many") + "pushf 0\npopg sum\npushi 0\npopg wrong\n" + ReadMany(300) +
+           OpenView("t", "m", "lots") + "pushf 0\npopg sum\npushi 0\npopg wrong\n" + ReadMany(300) +
            SkipEach("m", 7) + ReadMany(3) + SkipEach("m", 200) + ReadMany(100) + ShowGlobal("sum") +
            ShowGlobal("wrong") + Show("m", "s"),
        "102127|0|row 611|"},

@@ -78,7 +78,7 @@ TEST(Config, EverySettingHasOneKindBitAndAnIdentifierOfItsOwn) {
     EXPECT_TRUE(kind == ConfigKind_Integer || kind == ConfigKind_Text);
     EXPECT_TRUE(identifiers.insert(setting.id).second);
   }
-  EXPECT_EQ(identifiers.size(), 48u);
+  EXPECT_EQ(identifiers.size(), 49u);
 }
 
 // The identifiers of the two kinds are independent: the same low bits are two settings.
