@@ -12,6 +12,7 @@
 
 #include "base/core/BufferRoom.h"
 #include "base/core/MeasuredLength.h"
+#include "base/core/SameBytes.h"
 #include "base/core/ascii.h"
 #include "base/core/base64.h"
 
@@ -23,31 +24,6 @@ int BufferSize(int64_t bytes) {
   int64_t size = (bytes + 23) / 24 * 24;
   if (size > INT_MAX) throw std::bad_alloc();
   return static_cast<int>(size);
-}
-
-template <typename Word>
-inline void MoveEnds(char* to, const char* from, size_t length) {
-  Word first, last;
-  memcpy(&first, from, sizeof(Word));
-  memcpy(&last, from + length - sizeof(Word), sizeof(Word));
-  memcpy(to, &first, sizeof(Word));
-  memcpy(to + length - sizeof(Word), &last, sizeof(Word));
-}
-
-// memmove, in line for up to 16 bytes: most values of scripts are as short, and for those the call
-// costs more than the copy. The two words may overlap, so both are read before one is written.
-inline void MoveText(char* to, const char* from, size_t length) {
-  if (length > 16) {
-    memmove(to, from, length);
-  } else if (length >= 8) {
-    MoveEnds<uint64_t>(to, from, length);
-  } else if (length >= 4) {
-    MoveEnds<uint32_t>(to, from, length);
-  } else if (length >= 2) {
-    MoveEnds<uint16_t>(to, from, length);
-  } else if (length == 1) {
-    *to = *from;
-  }
 }
 
 // memmem that returns a position at or after start, or -1.
@@ -92,7 +68,7 @@ void String::assign(const char* text, int text_length) {
     allocated = size;
   } else if (n > 0) {
     assert(data);
-    MoveText(data, text, static_cast<size_t>(n));
+    CopyBytes(data, text, static_cast<size_t>(n));
   }
   Terminate(*this, n);
 }

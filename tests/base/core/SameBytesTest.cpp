@@ -39,4 +39,16 @@ TEST(CopyBytes, CopiesJustTheBytesOfAnyLength) {
   }
 }
 
+TEST(CopyBytes, BothRangesMayOverlap) {
+  const std::string text = "a text of more than sixteen bytes, which moves over itself";
+  for (size_t length = 0; length + 3 <= text.size(); length++) {
+    SCOPED_TRACE(length);
+    std::string up = text, down = text;
+    CopyBytes(&up[3], &up[0], length);
+    EXPECT_EQ(up, text.substr(0, 3) + text.substr(0, length) + text.substr(3 + length));
+    CopyBytes(&down[0], &down[3], length);
+    EXPECT_EQ(down, text.substr(3, length) + text.substr(length));
+  }
+}
+
 }  // namespace
