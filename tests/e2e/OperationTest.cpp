@@ -688,18 +688,21 @@ TEST_F(SlowOperation, AKeptConnectionMayBeIdleAndStartsTheTimeWithItsNextRequest
   EXPECT_TRUE(kept.WaitForClose(Milliseconds(20000)));
 }
 
-// A web server may send two requests in one packet.
+// A web server may send two requests in one packet, and of the second only the beginning.
+bool SendsOneAndAHalf(FastCGIClient* client, EngineProcess& engine) {
+  if (!client->Connect(engine.socket())) return false;
+  client->Hold();
+  return client->Begin(true) && client->Parameters(engine.Parameters("/page.zpc")) &&
+         client->EndParameters() && client->EndInput() && client->Begin(true) && client->Release();
+}
+
 TEST_F(SlowOperation, BytesThatCameWithTheRequestBeforeStartTheTime) {
   engine.arguments = {"-t", "1"};
   engine.settings = Settings("timeout_request = 1\n");
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/page.zpc"), "page");
   FastCGIClient kept;
-  ASSERT_TRUE(kept.Connect(engine.socket()));
-  kept.Hold();
-  ASSERT_TRUE(kept.Begin(true) && kept.Parameters(engine.Parameters("/page.zpc")) &&
-              kept.EndParameters() && kept.EndInput() && kept.Begin(true));
-  ASSERT_TRUE(kept.Release());
+  ASSERT_TRUE(SendsOneAndAHalf(&kept, engine));
   EXPECT_EQ(kept.Read().Body(), "page");
   EXPECT_TRUE(kept.WaitForClose(Milliseconds(20000)));
   ExpectPage(engine.Get("/page.zpc"), "page");
@@ -711,11 +714,7 @@ TEST_F(SlowOperation, AWorkerWithHalfARequestLeavesInItsTime) {
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/page.zpc"), "page");
   FastCGIClient kept;
-  ASSERT_TRUE(kept.Connect(engine.socket()));
-  kept.Hold();
-  ASSERT_TRUE(kept.Begin(true) && kept.Parameters(engine.Parameters("/page.zpc")) &&
-              kept.EndParameters() && kept.EndInput() && kept.Begin(true));
-  ASSERT_TRUE(kept.Release());
+  ASSERT_TRUE(SendsOneAndAHalf(&kept, engine));
   EXPECT_EQ(kept.Read().Body(), "page");
   engine.Signal(SIGHUP);
   EXPECT_TRUE(kept.WaitForClose(Milliseconds(20000)));
