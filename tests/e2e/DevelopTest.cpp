@@ -12,6 +12,7 @@
 
 #include "tests/support/ListeningPeer.h"
 #include "tests/support/NewSite.h"
+#include "tests/support/SignalProcess.h"
 #include "tests/support/WebServers.h"
 
 namespace {
@@ -66,7 +67,7 @@ class SlowDevelop : public testing::Test {
   }
   ~SlowDevelop() override {
     if (server > 0) {
-      kill(server, SIGKILL);
+      SignalProcess(server, SIGKILL);
       waitpid(server, nullptr, 0);
     }
   }
@@ -100,7 +101,7 @@ class SlowDevelop : public testing::Test {
 
   // Ends it as Ctrl-C does. Returns the exit status.
   int End(int number = SIGINT) {
-    kill(server, number);
+    SignalProcess(server, number);
     int status = 0;
     waitpid(server, &status, 0);
     server = -1;
@@ -401,7 +402,7 @@ TEST_F(SlowDevelop, AnEngineThatHasEndedIsStartedAgain) {
   std::this_thread::sleep_for(milliseconds(1100));
   const pid_t engine = Engine();
   ASSERT_GT(engine, 0);
-  kill(engine, SIGKILL);
+  SignalProcess(engine, SIGKILL);
   EXPECT_TRUE(Eventually([&] { return Curl("/") == "x"; }));
   EXPECT_THAT(Output(), HasSubstr("zeph: the engine has ended: Killed"));
 }
@@ -410,8 +411,9 @@ TEST_F(SlowDevelop, AnEngineThatEndsAgainAndAgainIsStartedAgain) {
   Write("index.zeph", "x");
   Start();
   for (int i = 0; i < 4; i++) {
-    ASSERT_TRUE(Eventually([&] { return Engine() > 0; })) << Output();
-    kill(Engine(), SIGKILL);
+    pid_t engine = 0;
+    ASSERT_TRUE(Eventually([&] { return (engine = Engine()) > 0; })) << Output();
+    SignalProcess(engine, SIGKILL);
     ASSERT_TRUE(Eventually([&] { return Engine() == 0; }));
   }
   // A visitor who comes meanwhile waits.

@@ -26,6 +26,7 @@
 #include "base/host/FileDescriptor.h"
 #include "tests/e2e/Pages.h"
 #include "tests/support/Command.h"
+#include "tests/support/SignalProcess.h"
 
 namespace {
 
@@ -118,9 +119,25 @@ class Service : public testing::Test {
     return found;
   }
   // The workers as soon as there are so many: the first one serves before the others are there.
+  // Each condition is asked of one look, because a worker may end between two.
   std::set<pid_t> Workers(size_t number) const {
-    EXPECT_TRUE(Eventually([&] { return Workers().size() == number; }));
-    return Workers();
+    std::set<pid_t> found;
+    EXPECT_TRUE(Eventually([&] { return (found = Workers()).size() == number; }));
+    return found;
+  }
+  // The same, after a worker has ended.
+  std::set<pid_t> WorkersWithout(pid_t ended, size_t number) const {
+    std::set<pid_t> found;
+    EXPECT_TRUE(Eventually([&] {
+      found = Workers();
+      return found.size() == number && !found.count(ended);
+    }));
+    return found;
+  }
+  // One of so many workers, after another has ended; 0 if there are none.
+  pid_t Worker(size_t number, pid_t ended = 0) const {
+    const std::set<pid_t> found = WorkersWithout(ended, number);
+    return found.empty() ? 0 : *found.begin();
   }
 
   EngineProcess engine;
@@ -261,13 +278,13 @@ TEST_F(Service, AWorkerThatIsKilledUnderLoadTakesOnlyItsOwnRequestsWithIt) {
   Load load(engine, 4);
   load.WaitForPages(50);
   const pid_t killed = *before.begin();
-  kill(killed, SIGKILL);
+  SignalProcess(killed, SIGKILL);
   load.WaitForPages(50);
-  ASSERT_TRUE(Eventually([&] { return Workers().size() == 2 && !Workers().count(killed); }));
+  const std::set<pid_t> after = WorkersWithout(killed, 2);
   load.WaitForPages(50);
   load.Stop();
   EXPECT_LE(load.bad, 2);
-  EXPECT_EQ(Workers().count(*before.rbegin()), 1u);
+  EXPECT_EQ(after.count(*before.rbegin()), 1u);
   EXPECT_THAT(engine.Log(), HasSubstr("zeph-fcgi: worker " + std::to_string(killed) +
                                       " was ended by signal 9\n"));
   EXPECT_THAT(Status("/metrics"), HasSubstr("\nzeph_workers_failed_total 1\n"));
@@ -283,8 +300,8 @@ TEST_F(Service, TheSupervisorWritesToTheLogOfTheEngine) {
   engine.arguments = {"--workers", "1", "-t", "many"};
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/page.zpc"), "page");
-  const pid_t first = *Workers(1).begin();
-  kill(first, SIGKILL);
+  const pid_t first = Worker(1);
+  SignalProcess(first, SIGKILL);
   const std::string ended = "error " + std::to_string(engine.pid()) + ": zeph-fcgi: worker ";
   EXPECT_TRUE(Eventually([&] {
     return content(engine.Path("error.log"))
@@ -301,11 +318,10 @@ TEST_F(Service, TheSupervisorWritesToTheLogOfTheEngine) {
   // A reload reads the name of the log again.
   engine.settings = "error_log = \"" + engine.Path("other.log") + "\"\n";
   engine.WriteConfiguration();
-  const pid_t second = *Workers(1).begin();
+  const pid_t second = Worker(1);
   engine.Signal(SIGHUP);
-  ASSERT_TRUE(Eventually([&] { return Workers().size() == 1 && !Workers().count(second); }));
-  const pid_t third = *Workers().begin();
-  kill(third, SIGKILL);
+  const pid_t third = Worker(1, second);
+  SignalProcess(third, SIGKILL);
   EXPECT_TRUE(Eventually([&] {
     return content(engine.Path("other.log")).find(ended + std::to_string(third)) !=
            std::string::npos;
@@ -343,9 +359,9 @@ TEST_F(Service, ASupervisorWhoseMessagesHaveNoReaderReplacesItsWorkers) {
   ExpectPage(engine.Get("/page.zpc"), "page");
   messages.reader.reset();
   for (int i = 0; i < 2; i++) {
-    const pid_t killed = *Workers(2).begin();
-    kill(killed, SIGKILL);
-    ASSERT_TRUE(Eventually([&] { return Workers().size() == 2 && !Workers().count(killed); }));
+    const pid_t killed = Worker(2);
+    SignalProcess(killed, SIGKILL);
+    ASSERT_EQ(WorkersWithout(killed, 2).size(), 2u);
   }
   EXPECT_TRUE(engine.Running());
   ExpectPage(engine.Get("/page.zpc"), "page");
@@ -381,10 +397,9 @@ TEST_F(SlowService, ASupervisorWhoseMessagesAreNotReadReplacesItsWorkersAndEnds)
   engine.arguments = {"--workers", "2", "-t", "2"};
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/page.zpc"), "page");
-  const pid_t killed = *Workers(2).begin();
-  kill(killed, SIGKILL);
-  ASSERT_TRUE(Eventually([&] { return Workers().size() == 2 && !Workers().count(killed); },
-                         Milliseconds(20000)));
+  const pid_t killed = Worker(2);
+  SignalProcess(killed, SIGKILL);
+  ASSERT_EQ(WorkersWithout(killed, 2).size(), 2u);
   engine.Signal(SIGTERM);
   EXPECT_EQ(engine.Wait(Milliseconds(20000)), 0);
 }
@@ -424,9 +439,9 @@ TEST_F(Service, WorkersThatKeepEndingAreStartedEverMoreSlowly) {
   const auto start = std::chrono::steady_clock::now();
   pid_t last = 0;
   for (int i = 0; i < 5; i++) {
-    ASSERT_TRUE(Eventually([&] { return Workers().size() == 1 && !Workers().count(last); }));
-    last = *Workers().begin();
-    if (i < 4) kill(last, SIGKILL);
+    last = Worker(1, last);
+    ASSERT_GT(last, 0);
+    if (i < 4) SignalProcess(last, SIGKILL);
   }
   // 100, 200, 400 and 800 milliseconds.
   EXPECT_GE(std::chrono::steady_clock::now() - start, Milliseconds(1500));
@@ -520,7 +535,7 @@ TEST_F(SlowService, AWorkerLeavesAfterMaxRequestsWhateverItsTasksDo) {
   engine.arguments = {"--workers", "1"};
   engine.Script("task.zpc", "async after\nagain: jmp again\nafter: " + Writes("started"));
   ASSERT_TRUE(engine.Start());
-  const pid_t first = *Workers(1).begin();
+  const pid_t first = Worker(1);
   ExpectPage(engine.Get("/task.zpc"), "started");
   ExpectPage(engine.Get("/page.zpc"), "page");
   EXPECT_TRUE(Eventually([&] { return Workers().size() == 2; }));
@@ -547,8 +562,8 @@ TEST_F(SlowService, AWorkerThatHangsIsKilledInTime) {
   engine.arguments = {"--workers", "1"};
   ASSERT_TRUE(engine.Start());
   ExpectPage(engine.Get("/page.zpc"), "page");
-  const pid_t worker = *Workers().begin();
-  kill(worker, SIGSTOP);
+  const pid_t worker = Worker(1);
+  SignalProcess(worker, SIGSTOP);
   engine.Signal(SIGTERM);
   EXPECT_EQ(engine.Wait(Milliseconds(20000)), 0);
   EXPECT_TRUE(IsGone(worker));
@@ -570,7 +585,7 @@ class SlowManagedService : public Service {
  protected:
   ~SlowManagedService() override {
     if (process > 0) {
-      kill(process, SIGKILL);
+      SignalProcess(process, SIGKILL);
       waitpid(process, nullptr, 0);
     }
   }
@@ -620,7 +635,7 @@ class SlowManagedService : public Service {
     return count < 0 ? "nothing" : std::string(buffer, static_cast<size_t>(count));
   }
   int End() {
-    kill(process, SIGTERM);
+    SignalProcess(process, SIGTERM);
     EXPECT_EQ(Message(), "STOPPING=1");
     int status = -1;
     waitpid(process, &status, 0);
@@ -646,7 +661,7 @@ TEST_F(SlowManagedService, WorkersAreReloadedAndOnlyTheSupervisorTells) {
   EXPECT_EQ(Message(), "READY=1");
   ExpectPage(engine.Get("/page.zpc"), "page");
   EXPECT_THAT(Status("/metrics"), HasSubstr("\nzeph_processes 2\n"));
-  kill(process, SIGHUP);
+  SignalProcess(process, SIGHUP);
   EXPECT_THAT(Message(), StartsWith("RELOADING=1\nMONOTONIC_USEC="));
   EXPECT_EQ(Message(), "READY=1");
   EXPECT_THAT(Status("/metrics"), HasSubstr("\nzeph_reloads_total 1\n"));

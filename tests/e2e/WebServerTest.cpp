@@ -14,6 +14,7 @@
 
 #include "tests/e2e/Pages.h"
 #include "tests/support/Paths.h"
+#include "tests/support/SignalProcess.h"
 #include "tests/support/UploadMachine.h"
 
 namespace {
@@ -80,7 +81,7 @@ class Server {
   // Sends a signal and waits for the end. Returns the exit status, 128 and more for a signal.
   int Stop(int number) {
     if (pid <= 0) return -1;
-    kill(pid, number);
+    SignalProcess(pid, number);
     int status = 0;
     waitpid(pid, &status, 0);
     pid = 0;
@@ -111,7 +112,7 @@ class SlowWebServers : public testing::Test {
   // The web server starts the engine here, but it must end with the test.
   ~SlowWebServers() override {
     pid_t pid = NotedProcess(engine.Path("engine.pid"));
-    if (Alive(pid)) kill(pid, SIGKILL);
+    if (Alive(pid)) SignalProcess(pid, SIGKILL);
   }
 
   // A request for a path, with curl's options before it.
@@ -274,7 +275,7 @@ TEST_F(SlowWebServers, NginxServesTheSiteWithAnEngineFromSpawnFcgi) {
   server.Stop(SIGTERM);
   pid_t process = NotedProcess(engine.Path("engine.pid"));
   ASSERT_TRUE(Alive(process));
-  kill(process, SIGTERM);
+  SignalProcess(process, SIGTERM);
   EXPECT_TRUE(Eventually(end_timeout, [&] { return !Alive(process); }));
 }
 

@@ -1,6 +1,7 @@
 // Runs a program and reads its output and its state in /proc.
 
 #include "tests/support/Command.h"
+#include "tests/support/SignalProcess.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -49,7 +50,7 @@ Command::~Command() {
   CloseDescriptor(&output_pipe);
   CloseDescriptor(&error_pipe);
   if (process <= 0) return;
-  kill(process, SIGKILL);
+  SignalProcess(process, SIGKILL);
   waitpid(process, nullptr, 0);
 }
 
@@ -108,7 +109,7 @@ void Command::StopReading() {
 }
 
 void Command::Signal(int number) {
-  kill(process, number);
+  SignalProcess(process, number);
 }
 
 void Command::WaitForEnd() const {

@@ -22,6 +22,7 @@
 #include <thread>
 
 #include "tests/support/Paths.h"
+#include "tests/support/SignalProcess.h"
 #include "tools/Assembler.h"
 
 namespace {
@@ -84,7 +85,7 @@ EngineProcess::~EngineProcess() {
   Wait();
 #endif
   if (Running()) {
-    kill(process, SIGKILL);
+    SignalProcess(process, SIGKILL);
     Wait();
   }
   std::string log = Log();
@@ -215,7 +216,7 @@ bool EngineProcess::Running() {
 }
 
 void EngineProcess::Signal(int number) {
-  if (Running()) kill(process, number);
+  if (Running()) SignalProcess(process, number);
 }
 
 std::string EngineProcess::Log() const {

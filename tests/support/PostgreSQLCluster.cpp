@@ -1,6 +1,7 @@
 // Makes and runs a PostgreSQL server for tests.
 
 #include "tests/support/PostgreSQLCluster.h"
+#include "tests/support/SignalProcess.h"
 
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -109,7 +110,7 @@ std::vector<pid_t> PostgreSQLCluster::Processes() const {
 }
 
 void PostgreSQLCluster::Signal(int number) const {
-  for (const pid_t process : Processes()) kill(process, number);
+  for (const pid_t process : Processes()) SignalProcess(process, number);
 }
 
 void PostgreSQLCluster::Freeze() {
