@@ -35,6 +35,9 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
   PAIR(name, Temporary, Constant)                                                                      \
   PAIR(name, Constant, Global) PAIR(name, Constant, Local) PAIR(name, Constant, Temporary)
 #define ZEPH_HOT_ACTION_OF(name, left, right) ACTION(name##left##right)
+// The same for the index of an element.
+#define ZEPH_HOT_INDICES(name) \
+  ACTION(name##Global) ACTION(name##Local) ACTION(name##Temporary) ACTION(name##Constant)
 
 // Records of groups. Those that only make or find a temporary come first; the others end a group.
 //
@@ -54,6 +57,8 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 //   Push...                       an operand to the stack
 //   ReturnNumber                  the return of a temporary or a constant
 //   CallWith                      a call; its arguments are the operands of the records after it
+//   ...ElementAt...               what is usual of LoadElement, FindElement, MoveElement and
+//                                 StoreElement, an action for each kind of index
 #define ZEPH_HOT_GROUP_ACTIONS                                                                         \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, AddOf) ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, SubOf)                  \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, MulOf) ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, DivOf)                  \
@@ -75,7 +80,9 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
   ACTION(MoveVariable) ACTION(MoveNumber) ACTION(MoveText) ACTION(MoveElement) ACTION(MoveMember)                       \
   ACTION(StoreElement) ACTION(StoreMember)                                                             \
   ACTION(PushNumber) ACTION(PushElement) ACTION(PushMember)                                            \
-  ACTION(ReturnNumber) ACTION(CallWith)
+  ACTION(ReturnNumber) ACTION(CallWith)                                                                \
+  ZEPH_HOT_INDICES(LoadElementAt) ZEPH_HOT_INDICES(FindElementAt)                                      \
+  ZEPH_HOT_INDICES(MoveElementAt) ZEPH_HOT_INDICES(StoreElementAt)
 
 // Records of single instructions, and of the sequences that work on the entries of the stack.
 //

@@ -141,6 +141,7 @@ HotCode::HotCode(const unsigned char* code, int length, const Dictionary& dictio
   FindTargets(length);
   LeaveBadCalls(functions);
   NoteUses(functions);
+  CountRows();
   MakeFastList(functions);
 }
 
@@ -216,6 +217,14 @@ void HotCode::NoteUses(const FunctionManager* functions) {
     const Use use = UseOfTop(i, element, functions);
     ops[i].after_number = use == Use::Number;
     ops[i].after_value = use != Use::Any;
+  }
+}
+
+void HotCode::CountRows() {
+  for (const HotOp& op : ops) {
+    if (op.single != HotAction::PushVariable && op.single != HotAction::PopVariable) continue;
+    int& count = named[static_cast<int>(op.left)];
+    if (op.first >= count && op.first < kMostRows) count = op.first + 1;
   }
 }
 

@@ -84,7 +84,10 @@ class HotCode {
   static const int kTemporaries = 32;
   // The entries that the stack has room for between two actions of the loop. An idiom, or its
   // instructions run one by one, never push more before they pop any.
-  static const int kRoom = 3;
+  static const int kRoom = 6;
+  // The variables of a table that groups may use. Those at later positions are left to the
+  // instructions one by one.
+  static const int kMostRows = 4096;
 
   // Decodes that many bytes of code. Borrows the texts of constants from the dictionary. The
   // functions may be null; calls are then left to the machine's loop. REQUIRES: 16 more bytes after
@@ -97,6 +100,11 @@ class HotCode {
   // A number above 0 that no other HotCode has or had, so that a cache can tell deleted code from
   // code at the same address.
   long serial() const { return code_serial; }
+
+  // How many variables of each table the records of groups name. These do not test whether a table
+  // has a row, so the loop makes so many readable before it runs them.
+  int globals() const { return named[0]; }
+  int locals() const { return named[1]; }
 
   // The record of the instruction at an offset; null if none begins there.
   const HotOp* At(int offset) const {
@@ -112,6 +120,7 @@ class HotCode {
   void FindTargets(int length);
   void LeaveBadCalls(const FunctionManager* functions);
   void NoteUses(const FunctionManager* functions);
+  void CountRows();
   void MakeFastList(const FunctionManager* functions);
   enum class Use { Any, Value, Number };
   Use UseOfTop(size_t i, bool held, const FunctionManager* functions) const;
@@ -125,6 +134,7 @@ class HotCode {
   bool IsOut(size_t i) const { return IsHandler(i, Instruction::code_out); }
 
   long code_serial;
+  int named[2] = {0, 0};
   std::vector<HotOp> ops;    // the plain list; the last ones, after the code, are Leave
   std::vector<HotOp> fast;   // the fast list, which ends in the same way
   std::vector<int> records;  // by offset, -1 where no instruction begins

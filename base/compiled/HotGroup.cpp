@@ -21,6 +21,11 @@ bool IsVariable(HotOperand kind) {
   return kind == HotOperand::Global || kind == HotOperand::Local;
 }
 
+// Whether the variable of a push or pop is one that groups may use.
+bool HasRow(const HotOp& op) {
+  return op.first >= 0 && op.first < HotCode::kMostRows;
+}
+
 HotAction Shifted(HotAction action, HotAction from, HotAction to) {
   return static_cast<HotAction>(static_cast<int>(to) + static_cast<int>(action) -
                                 static_cast<int>(from));
@@ -34,6 +39,19 @@ bool IsIn(HotAction action, HotAction first, HotAction last) {
 HotAction PairAction(HotAction first, HotOperand left, HotOperand right) {
   return static_cast<HotAction>(static_cast<int>(first) + 4 * static_cast<int>(left) +
                                 static_cast<int>(right));
+}
+
+// The action for the kind of index that a record of an element has; that of other records.
+HotAction ForIndex(const HotOp& record) {
+  HotAction first;
+  switch (record.action) {
+    case HotAction::LoadElement: first = HotAction::LoadElementAtGlobal; break;
+    case HotAction::FindElement: first = HotAction::FindElementAtGlobal; break;
+    case HotAction::MoveElement: first = HotAction::MoveElementAtGlobal; break;
+    case HotAction::StoreElement: first = HotAction::StoreElementAtGlobal; break;
+    default: return record.action;
+  }
+  return static_cast<HotAction>(static_cast<int>(first) + static_cast<int>(record.right));
 }
 
 // The number of pairs, which is the distance between two such groups of actions.
@@ -115,6 +133,7 @@ size_t HotGroup::Make(size_t begin) {
         check.first = static_cast<int>(deepest);
         made.insert(made.begin(), check);
       }
+      for (HotOp& record : made) record.action = ForIndex(record);
       return i - begin;
     }
     if (step == Step::Apart) MarkBelow(0);
@@ -195,6 +214,7 @@ HotGroup::Step HotGroup::Push(size_t i) {
   Value value;
   value.maker = i;
   if (op.single == HotAction::PushVariable) {
+    if (!HasRow(op)) return Step::Apart;
     value.kind = op.left;
     value.index = op.first;
   } else {
@@ -312,7 +332,7 @@ HotGroup::Step HotGroup::LookUpMember(size_t i) {
 
 HotGroup::Step HotGroup::Pop(size_t i) {
   if (values.size() > 1) return MarkBelow(1);
-  if (values.empty()) return Step::Apart;
+  if (values.empty() || !HasRow(ops[i])) return Step::Apart;
   const Value value = values.back();
   HotOp record = New(HotAction::MoveVariable);
   if (value.kind == HotOperand::Temporary && value.record + 1 == made.size() &&

@@ -5,6 +5,7 @@
 
 #include "base/compiled/VariableHash.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -134,7 +135,7 @@ void VariableHash::ReleaseEntries() {
     if (entries[i].variable) entries[i].variable->Release();
   }
   delete[] std::exchange(entries, nullptr);
-  allocated_entries = entry_count = 0;
+  allocated_entries = readable_entries = entry_count = 0;
 }
 
 void VariableHash::ReleaseIndex() {
@@ -195,14 +196,26 @@ void VariableHash::MakeRoom() {
   if (entry_count == allocated_entries) {
     int larger = allocated_entries < 32 ? 64 : allocated_entries * 2;
     if (larger > grown && allocated_entries < grown - Growth) larger = grown;
-    auto* rows = new _VH_Entry[static_cast<size_t>(larger)];
-    if (entry_count > 0)
-      memcpy(rows, entries, sizeof(_VH_Entry) * static_cast<size_t>(entry_count));
-    delete[] std::exchange(entries, rows);
-    allocated_entries = larger;
+    Grow(larger);
   }
   // Where there is no memory, the table stays as it was.
   capacity = grown;
+}
+
+void VariableHash::Grow(int larger) {
+  auto* rows = new _VH_Entry[static_cast<size_t>(larger)];
+  if (entry_count > 0) memcpy(rows, entries, sizeof(_VH_Entry) * static_cast<size_t>(entry_count));
+  for (int i = entry_count; i < readable_entries; i++) rows[i] = {-1, 0, nullptr};
+  delete[] std::exchange(entries, rows);
+  allocated_entries = larger;
+}
+
+void VariableHash::MakeReadable(int least) {
+  if (least > allocated_entries) Grow(least);
+  for (int i = std::max(entry_count, readable_entries); i < least; i++) {
+    entries[i] = {-1, 0, nullptr};
+  }
+  readable_entries = least;
 }
 
 void VariableHash::OwnIndex() {
@@ -228,10 +241,11 @@ int VariableHash::Insert(int name_index, const char* name, int length, Variable*
   MakeRoom();
   OwnIndex();
   index->names.MakeRoom(Growth);
-  entries[entry_count] = {name_index, Version(), variable};
+  // Without its variable first, because the row after the last one may be read.
+  entries[entry_count] = {name_index, Version(), nullptr};
   const int made = index->names.Insert(
       name, length, [this](int entry, int* size) { return EntryName(entry, size); });
-  entry_count++;
+  entries[entry_count++].variable = variable;
   (void)adopted.release();
   return made;
 }

@@ -138,6 +138,13 @@ class VariableHash {
     return entries;
   }
 
+  // The same, but at least so many rows may be read: those after the last position have no variable.
+  const _VH_Entry* Rows(int least, unsigned* count) {
+    if (least > readable_entries && least > entry_count) [[unlikely]]
+      MakeReadable(least);
+    return Rows(count);
+  }
+
   // Reuses an empty twin of the source, whose call is over, as an empty twin for the next call.
   // False if it is no longer a twin because it has got a name of its own.
   //
@@ -201,6 +208,8 @@ class VariableHash {
  private:
   void CopyNames(const VariableHash& source);
   void MakeRoom();
+  void MakeReadable(int least);
+  void Grow(int larger);
   void OwnIndex();
   void DropVariable(_VH_Entry* row);
   void ReleaseIndex();
@@ -208,6 +217,7 @@ class VariableHash {
   bool Fail(TaggedFile* file);
 
   int allocated_entries = 0;  // entries that there is memory for
+  int readable_entries = 0;   // up to here, those after the last entry have no variable
 };
 
 // A separate table with a dictionary of its own, for extension libraries.

@@ -241,21 +241,6 @@ HOT_INLINE int OrderOf(Number left, Number right) {
   return !(left < right) + !(left <= right);
 }
 
-// The variable with the number of a row whose variable is not a bare number, or is missing: at the
-// end of its references, with other forms beside. Null if it is not a number.
-[[gnu::noinline]] Variable* WithNumber(Variable* variable) {
-  if (!variable) return nullptr;
-  variable = variable->Real();
-  return HasNumberSlow(variable) ? variable : nullptr;
-}
-
-// The same for a comparison.
-[[gnu::noinline]] Variable* WithComparable(Variable* variable) {
-  if (!variable) return nullptr;
-  variable = variable->Real();
-  return IsComparableSlow(variable) ? variable : nullptr;
-}
-
 // The order of two texts of which one is no number, as the number of its bit in HotOp::orders;
 // false if the machine has to look closer.
 [[gnu::noinline]] bool FindOrderOfTexts(Entry* left, Entry* right, int* order) {
@@ -331,41 +316,78 @@ bool FindOrderOfVariables(Variable* left, Variable* right, int* order) {
   return FindOrderOfTexts(&a, &b, order);
 }
 
-// A temporary of a group: a number, and the form that the element had that it was read from; or a
-// place.
-struct Temporary {
-  double number;
-  Variable* variable;  // a place; of what was loaded, the variable if it is a text, else null
-  HotForm form;        // AsLoaded if the element has a text beside
+// What the records of a group have computed or found, by number.
+struct Temporaries {
+  double numbers[HotCode::kTemporaries];
+  // Of what was loaded: the form that the element had, AsLoaded if it has a text beside.
+  HotForm forms[HotCode::kTemporaries];
+  // A place is in a row, as variables are, so that both are read alike. Of what was loaded: the
+  // variable if it is a text, else null.
+  _VH_Entry places[HotCode::kTemporaries];
 
-  void Set(DenseSlot bare) {
-    variable = nullptr;
-    form = bare.IsInteger() ? HotForm::Integer : HotForm::Double;
-    number = bare.IsInteger() ? bare.integer() : bare.number();
+  Variable*& place(int index) { return places[index].variable; }
+  void Set(int index, DenseSlot bare) {
+    places[index].variable = nullptr;
+    forms[index] = bare.IsInteger() ? HotForm::Integer : HotForm::Double;
+    numbers[index] = bare.IsInteger() ? bare.integer() : bare.number();
   }
   // REQUIRES: the element holds a number.
-  void Set(const Variable* element) {
-    variable = nullptr;
-    form = element->is_stored_integer() ? HotForm::Integer : HotForm::Double;
-    number = NumberOf(element);
+  void Set(int index, const Variable* element) {
+    places[index].variable = nullptr;
+    forms[index] = element->is_stored_integer() ? HotForm::Integer : HotForm::Double;
+    numbers[index] = NumberOf(element);
+  }
+  // A text.
+  void SetText(int index, Variable* element) {
+    places[index].variable = element;
+    forms[index] = HotForm::AsLoaded;
   }
 };
 
 // Reads the value of an element or member that is not a bare number. Returns false if it has none
 // that may be loaded.
-[[gnu::noinline]] bool Load(Variable* variable, HotLoad load, Temporary* temporary) {
+[[gnu::noinline]] bool Load(Variable* variable, const HotOp* op, Temporaries* temporaries) {
+  const int index = op->third;
   variable = variable->Real();
-  temporary->variable = nullptr;
-  if (FindAlone(variable, &temporary->number, &temporary->form)) return true;
-  temporary->form = HotForm::AsLoaded;
-  if (load == HotLoad::NumberOrText || load == HotLoad::Any) {
-    temporary->variable = variable;
-    return load == HotLoad::Any ? variable->IsPlain()
-                                : (variable->plain_forms() & Variable::TextForm) != 0;
+  temporaries->place(index) = nullptr;
+  if (FindAlone(variable, &temporaries->numbers[index], &temporaries->forms[index])) return true;
+  temporaries->forms[index] = HotForm::AsLoaded;
+  if (op->load == HotLoad::NumberOrText || op->load == HotLoad::Any) {
+    temporaries->place(index) = variable;
+    return op->load == HotLoad::Any ? variable->IsPlain()
+                                    : (variable->plain_forms() & Variable::TextForm) != 0;
   }
-  if (load != HotLoad::Number || !HasNumberSlow(variable)) return false;
-  temporary->number = NumberOf(variable);
+  if (op->load != HotLoad::Number || !HasNumberSlow(variable)) return false;
+  temporaries->numbers[index] = NumberOf(variable);
   return true;
+}
+
+// Reads an operand of a pair as a number. Returns false if it has none.
+template <Suitable Slow>
+[[gnu::noinline]] bool ReadOperand(HotOperand kind, int position, const HotOp* op,
+                                   const _VH_Entry* const* rows, const Temporaries& temporaries,
+                                   double* number) {
+  if (kind == HotOperand::Temporary) {
+    *number = temporaries.numbers[position];
+  } else if (kind == HotOperand::Constant) {
+    *number = op->number;
+  } else {
+    Variable* const variable = rows[static_cast<int>(kind)][position].variable;
+    return variable && Find<Slow>(variable->Real(), number);
+  }
+  return true;
+}
+
+// The outcome of an operation on a pair; first is the action of the first operation and pair.
+double Calculate(HotAction action, HotAction first, double a, double b) {
+  const int pairs = static_cast<int>(HotAction::SubOfGlobalGlobal) -
+                    static_cast<int>(HotAction::AddOfGlobalGlobal);
+  switch ((static_cast<int>(action) - static_cast<int>(first)) / pairs) {
+    case 0: return a + b;
+    case 1: return a - b;
+    case 2: return a * b;
+    default: return a == 0.0 ? 0.0 : a / b;
+  }
 }
 
 // Stores a value of any kind. Either variable may be an element of the other, and then only that
@@ -518,9 +540,11 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   int* const beats = heartbeat_counter;
   // Of the current frame: its stack, the end and the beginning of its entries, and the last end at
   // which any action has room to push; and the rows of both tables of variables, the globals first.
+  // All rows that the groups of the code name can be read, whether the table has them or not.
   ZephVM_Stack* s;
   Entry* top;
-  const _VH_Entry* rows[2];
+  // The third, by the number of HotOperand::Place, has the places of a group.
+  const _VH_Entry* rows[static_cast<int>(HotOperand::Place) + 1];
   unsigned counts[2];
   Entry* bottom;
   Entry* limit;
@@ -535,7 +559,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   // For groups.
   Variable* first_row;
   Variable* second_row;
-  Temporary temporaries[HotCode::kTemporaries];
+  Temporaries temporaries;
   long code_serial = hot->serial();
   int patience = kPatience;  // jumps and calls until the next poll of the host's flags
   unsigned elapsed = 0;      // and how many there were until the last poll
@@ -630,8 +654,8 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define WAKE(variable) if ((variable)->IsAsleep()) [[unlikely]] (variable)->Wake();
 // After anything that may have added names to a table, such as a library that computes a field.
 #define ASK_ROWS { \
-  rows[0] = global_variables->Rows(&counts[0]); \
-  rows[1] = frame->variables->Rows(&counts[1]); }
+  rows[0] = global_variables->Rows(hot->globals(), &counts[0]); \
+  rows[1] = frame->variables->Rows(hot->locals(), &counts[1]); }
 // For the instructions on globals, which hardly ever are references: those go another way.
 #define SECOND_ROW(record) ROW_AT(0, (record)->second)
 // Store the end in the stack before its own operations, and reload what they may have changed. The
@@ -831,30 +855,26 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define STEP { op++; GO_TO_PLACE(op->action) }
 #define MISFIT_UNLESS(condition) if (!(condition)) [[unlikely]] goto misfit;
 // The variable of an operand that is a row, or a place; null if there is none.
-#define OPERAND(kind, position) VARIABLE_AT(static_cast<int>(kind), position)
-#define BASE_OF(record) \
-  ((record)->left == HotOperand::Place ? Referred(temporaries[(record)->first].variable) \
-                                       : OPERAND((record)->left, (record)->first))
-// Test the operand first or second of a pair, and then read its number. The tests come first, because
-// those of unusual variables are calls.
-#define READ_ROW(table, side, find, usual) \
-  side##_row = ROW_AT(table, op->side); \
-  if (!(side##_row && side##_row->HoldsNumber())) [[unlikely]] { \
-    side##_row = find(side##_row); \
-    if (!side##_row) goto usual; \
-  }
-#define READ_Global(side) READ_ROW(0, side, WithNumber, misfit)
-#define READ_Local(side) READ_ROW(1, side, WithNumber, misfit)
-#define READ_Temporary(side)
-#define READ_Constant(side)
-#define COMPARABLE_Global(side) READ_ROW(0, side, WithComparable, compare_texts)
-#define COMPARABLE_Local(side) READ_ROW(1, side, WithComparable, compare_texts)
-#define COMPARABLE_Temporary(side)
-#define COMPARABLE_Constant(side)
-#define VALUE_Global(side) NumberOf(side##_row)
-#define VALUE_Local(side) NumberOf(side##_row)
-#define VALUE_Temporary(side) temporaries[op->side].number
-#define VALUE_Constant(side) op->number
+// Each row that a group names is there, see HotCode::globals().
+#define OPERAND_ROW(kind, position) rows[static_cast<int>(kind)][position].variable
+#define OPERAND(kind, position) Referred(OPERAND_ROW(kind, position))
+#define BASE_OF(record) OPERAND((record)->left, (record)->first)
+// Read the operand first or second of a pair into a number. If it is a variable that has more or
+// something else than a number, or none, the shared and slower way of all pairs is taken.
+#define ROW_NUMBER(table, side, out, unusual) { \
+  const Variable* const row = rows[table][op->side].variable; \
+  if (!row) [[unlikely]] goto unusual; \
+  if (row->HoldsDouble()) { \
+    out = row->plain_double(); \
+  } else if (row->HoldsInteger()) { \
+    out = row->plain_integer(); \
+  } else { \
+    goto unusual; \
+  } }
+#define NUMBER_Global(side, out, unusual) ROW_NUMBER(0, side, out, unusual)
+#define NUMBER_Local(side, out, unusual) ROW_NUMBER(1, side, out, unusual)
+#define NUMBER_Temporary(side, out, unusual) out = temporaries.numbers[op->side];
+#define NUMBER_Constant(side, out, unusual) out = op->number;
 // The plain variable that a group's last record stores to. It is made if there is none yet.
 #define FIND_TARGET \
   variable = OPERAND(op->into, op->third); \
@@ -865,16 +885,20 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   MISFIT_UNLESS(variable && variable->IsPlain())
 #define GROUP_ARITHMETIC(name, result, left, right) \
   on_##name##Of##left##right: { \
-    READ_##left(first) READ_##right(second) \
-    const double a = VALUE_##left(first), b = VALUE_##right(second); \
-    temporaries[op->third].number = result; \
+    double a, b; \
+    NUMBER_##left(first, a, unusual_pair) \
+    NUMBER_##right(second, b, unusual_pair) \
+    temporaries.numbers[op->third] = result; \
     STEP \
   } \
   on_##name##To##left##right: { \
-    FIND_TARGET \
-    READ_##left(first) READ_##right(second) \
-    const double a = VALUE_##left(first), b = VALUE_##right(second); \
-    variable->Write_Double(result); \
+    double a, b; \
+    NUMBER_##left(first, a, unusual_pair) \
+    NUMBER_##right(second, b, unusual_pair) \
+    variable = OPERAND_ROW(op->into, op->third); \
+    number_passed = result; \
+    if (!variable || !variable->HoldsDouble()) [[unlikely]] goto store_double; \
+    variable->Write_Double(number_passed); \
     NEXT(1) \
   }
 #define GROUP_ADD(name, left, right) GROUP_ARITHMETIC(Add, a + b, left, right)
@@ -883,8 +907,9 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define GROUP_DIV(name, left, right) GROUP_ARITHMETIC(Div, (a == 0.0 ? 0.0 : a / b), left, right)
 #define GROUP_JUMP(name, holds, left, right) \
   on_JumpIf##name##left##right: { \
-    COMPARABLE_##left(first) COMPARABLE_##right(second) \
-    const double a = VALUE_##left(first), b = VALUE_##right(second); \
+    double a, b; \
+    NUMBER_##left(first, a, unusual_comparison) \
+    NUMBER_##right(second, b, unusual_comparison) \
     JUMP_IF(holds, op, 1) \
   }
 #define GROUP_LESS(name, left, right) GROUP_JUMP(Less, a < b, left, right)
@@ -896,12 +921,14 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // Read an operand of any kind: as an integer, and as a number to compare by.
 #define INTEGER_OF(kind, position, out) \
   if ((kind) == HotOperand::Temporary) { \
-    *(out) = DoubleToInteger(temporaries[position].number); \
+    *(out) = DoubleToInteger(temporaries.numbers[position]); \
   } else if ((kind) == HotOperand::Constant) { \
     *(out) = (position); \
   } else { \
-    first_row = ROW_AT(static_cast<int>(kind), position); \
-    if (first_row && first_row->HoldsDouble()) [[likely]] { \
+    first_row = OPERAND_ROW(kind, position); \
+    if (first_row && first_row->HoldsInteger()) { \
+      *(out) = first_row->plain_integer(); \
+    } else if (first_row && first_row->HoldsDouble()) { \
       *(out) = DoubleToInteger(first_row->plain_double()); \
     } else { \
       MISFIT_UNLESS(IntegerOf(Referred(first_row), out)) \
@@ -909,19 +936,26 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   }
 #define COMPARABLE_OF(kind, position, result, missing) \
   if ((kind) == HotOperand::Temporary) { \
-    *(result) = temporaries[position].number; \
+    *(result) = temporaries.numbers[position]; \
   } else if ((kind) == HotOperand::Constant) { \
     *(result) = op->number; \
   } else { \
-    variable = OPERAND(kind, position); \
-    if (!FIND_COMPARABLE(variable, result)) [[unlikely]] goto missing; \
+    other = OPERAND_ROW(kind, position); \
+    if (other && other->HoldsDouble()) { \
+      *(result) = other->plain_double(); \
+    } else if (other && other->HoldsInteger()) { \
+      *(result) = other->plain_integer(); \
+    } else { \
+      variable = OPERAND(kind, position); \
+      if (!FIND_COMPARABLE(variable, result)) [[unlikely]] goto missing; \
+    } \
   }
 // The order of two operands of which one was loaded. Texts are compared out of line.
 // What was loaded is a place here, with a variable if it is a text.
 #define LOADED_OF(kind, position, found) \
   (found) = nullptr; \
   if ((kind) == HotOperand::Place) { \
-    (found) = temporaries[position].variable; \
+    (found) = temporaries.place(position); \
   } else if ((kind) <= HotOperand::Local) { \
     (found) = OPERAND(kind, position); \
     MISFIT_UNLESS(found) \
@@ -929,19 +963,108 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define LOADED_NUMBER(kind, position) \
   ((kind) == HotOperand::Constant ? op->number \
    : (kind) <= HotOperand::Local  ? 0.0 \
-                                : temporaries[position].number)
+                                : temporaries.numbers[position])
 #define FIND_LOADED_ORDER \
   LOADED_OF(op->left, op->first, first_row) \
   LOADED_OF(op->right, op->second, second_row) \
   MISFIT_UNLESS(FindLoadedOrder(first_row, LOADED_NUMBER(op->left, op->first), second_row, \
                                 LOADED_NUMBER(op->right, op->second), &order, &texts))
+// Read the index of an element. If it is not a plain number, the action for all kinds is taken.
+#define ROW_INDEX(table, number, unusual) { \
+  const Variable* const row = rows[table][op->second].variable; \
+  if (!row) [[unlikely]] goto unusual; \
+  if (row->HoldsInteger()) { \
+    number = row->plain_integer(); \
+  } else if (row->HoldsDouble()) { \
+    number = DoubleToInteger(row->plain_double()); \
+  } else { \
+    goto unusual; \
+  } }
+#define INDEX_Global(number, unusual) ROW_INDEX(0, number, unusual)
+#define INDEX_Local(number, unusual) ROW_INDEX(1, number, unusual)
+#define INDEX_Temporary(number, unusual) number = DoubleToInteger(temporaries.numbers[op->second]);
+#define INDEX_Constant(number, unusual) number = op->second;
+// Finds the array in variable and the index in number.
+#define FIND_ELEMENT(kind, unusual) \
+  int number; \
+  variable = OPERAND_ROW(op->left, op->first); \
+  if (!variable) [[unlikely]] goto unusual; \
+  variable = variable->Real(); \
+  INDEX_##kind(number, unusual) \
+  if (number < 1) [[unlikely]] goto unusual; \
+  TELL_STACK
+#define ELEMENT_AT(kind) \
+  on_LoadElementAt##kind: { \
+    FIND_ELEMENT(kind, on_LoadElement) \
+    const DenseSlot* const slot = variable->SearchSlot(number); \
+    if (!slot) [[unlikely]] goto on_LoadElement; \
+    if (slot->IsVariable()) { \
+      variable = slot->variable(); \
+      goto load_variable; \
+    } \
+    temporaries.Set(op->third, *slot); \
+    STEP \
+  } \
+  on_FindElementAt##kind: { \
+    FIND_ELEMENT(kind, on_FindElement) \
+    variable = variable->SearchMade(number); \
+    if (!variable) [[unlikely]] goto on_FindElement; \
+    temporaries.place(op->third) = variable; \
+    STEP \
+  } \
+  on_MoveElementAt##kind: { \
+    FIND_ELEMENT(kind, on_MoveElement) \
+    const DenseSlot* const slot = variable->SearchSlot(number); \
+    if (!slot || slot->IsVariable()) goto on_MoveElement; \
+    variable = OPERAND_ROW(op->into, op->third); \
+    if (slot->IsInteger()) { \
+      number_passed = slot->integer(); \
+      if (!variable || !variable->HoldsInteger()) [[unlikely]] goto store_integer; \
+      variable->Write_Integer(slot->integer()); \
+    } else { \
+      number_passed = slot->number(); \
+      if (!variable || !variable->HoldsDouble()) [[unlikely]] goto store_double; \
+      variable->Write_Double(slot->number()); \
+    } \
+    NEXT(1) \
+  } \
+  on_StoreElementAt##kind: { \
+    FIND_ELEMENT(kind, on_StoreElement) \
+    HotForm form = op->form; \
+    if (op->into == HotOperand::Temporary) { \
+      if (form == HotForm::AsLoaded) form = temporaries.forms[op->third]; \
+      number_passed = temporaries.numbers[op->third]; \
+    } else if (op->into <= HotOperand::Local) { \
+      other = OPERAND_ROW(op->into, op->third); \
+      if (!other) [[unlikely]] goto on_StoreElement; \
+      if (other->HoldsDouble()) { \
+        number_passed = other->plain_double(); \
+        form = HotForm::Double; \
+      } else { \
+        if (!other->HoldsInteger()) goto on_StoreElement; \
+        number_passed = other->plain_integer(); \
+        form = HotForm::Integer; \
+      } \
+    } else { \
+      if (op->into != HotOperand::Constant) goto on_StoreElement; \
+      number_passed = op->number; \
+    } \
+    if (form == HotForm::Double) { \
+      if (!variable->WriteElement(number, number_passed)) [[unlikely]] goto on_StoreElement; \
+    } else { \
+      if (form != HotForm::Integer || \
+          !variable->WriteElement(number, static_cast<int>(number_passed))) [[unlikely]] \
+        goto on_StoreElement; \
+    } \
+    NEXT(1) \
+  }
 // An operation on one or two integers, and one on one or two truths.
 #define GROUP_INTEGERS(name, result) \
   on_##name##Of: { \
     int a, b; \
     INTEGER_OF(op->left, op->first, &a) \
     INTEGER_OF(op->right, op->second, &b) \
-    temporaries[op->third].number = result; \
+    temporaries.numbers[op->third] = result; \
     STEP \
   } \
   on_##name##To: { \
@@ -957,7 +1080,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     double a, b; \
     COMPARABLE_OF(op->left, op->first, &a, misfit) \
     COMPARABLE_OF(op->right, op->second, &b, misfit) \
-    temporaries[op->third].number = result; \
+    temporaries.numbers[op->third] = result; \
     STEP \
   } \
   on_##name##To: { \
@@ -970,6 +1093,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   }
   // clang-format on
 
+  rows[static_cast<int>(HotOperand::Place)] = temporaries.places;
   goto entered;
 
 on_PushInteger:
@@ -1418,7 +1542,7 @@ written:
 on_BitNotOf : {
   int b;
   INTEGER_OF(op->right, op->second, &b)
-  temporaries[op->third].number = ~b;
+  temporaries.numbers[op->third] = ~b;
   STEP
 }
 on_BitNotTo : {
@@ -1431,7 +1555,7 @@ on_BitNotTo : {
 on_NotOf : {
   double b;
   COMPARABLE_OF(op->right, op->second, &b, misfit)
-  temporaries[op->third].number = b == 0.0;
+  temporaries.numbers[op->third] = b == 0.0;
   STEP
 }
 on_NotTo : {
@@ -1445,7 +1569,7 @@ on_CompareOf : {
   double a, b;
   COMPARABLE_OF(op->left, op->first, &a, misfit)
   COMPARABLE_OF(op->right, op->second, &b, misfit)
-  temporaries[op->third].number = Jumps(op, OrderOf(a, b));
+  temporaries.numbers[op->third] = Jumps(op, OrderOf(a, b));
   STEP
 }
 on_CompareTo : {
@@ -1461,7 +1585,7 @@ on_CompareLoadedOf : {
   bool texts;
   FIND_LOADED_ORDER
   MISFIT_UNLESS(!texts || IsShort(first_row) || IsShort(second_row))
-  temporaries[op->third].number = Jumps(op, order);
+  temporaries.numbers[op->third] = Jumps(op, order);
   STEP
 }
 on_CompareLoadedTo : {
@@ -1483,7 +1607,7 @@ on_CompareTextOf : {
   int order;
   variable = BASE_OF(op);
   MISFIT_UNLESS(op->length <= kShort && FindOrderOfText(variable, op, &order))
-  temporaries[op->third].number = Jumps(op, order);
+  temporaries.numbers[op->third] = Jumps(op, order);
   STEP
 }
 on_CompareTextTo : {
@@ -1500,16 +1624,41 @@ on_JumpIfText : {
   MISFIT_UNLESS(FindOrderOfText(variable, op, &order))
   JUMP_IF_AFTER_WORK(Jumps(op, order), op + 1, 2)
 }
-// Two variables that are not both numbers, at a comparison with a jump.
-compare_texts : {
+// Pairs of which one is a variable that is more than a number, or none. Texts are only compared
+// with each other.
+unusual_comparison : {
+  double a, b;
   int order;
+  if (ReadOperand<IsComparableSlow>(op->left, op->first, op, rows, temporaries, &a) &&
+      ReadOperand<IsComparableSlow>(op->right, op->second, op, rows, temporaries, &b)) {
+    JUMP_IF(Jumps(op, OrderOf(a, b)), op, 1)
+  }
   MISFIT_UNLESS(op->left <= HotOperand::Local && op->right <= HotOperand::Local)
   variable = OPERAND(op->left, op->first);
   MISFIT_UNLESS(FindOrderOfVariables(variable, OPERAND(op->right, op->second), &order))
   JUMP_IF_AFTER_WORK(Jumps(op, order), op, 1)
 }
+unusual_pair : {
+  double a, b;
+  MISFIT_UNLESS(ReadOperand<HasNumberSlow>(op->left, op->first, op, rows, temporaries, &a) &&
+                ReadOperand<HasNumberSlow>(op->right, op->second, op, rows, temporaries, &b))
+  const HotAction first_to = HotAction::AddToGlobalGlobal;
+  const bool stored = op->action >= first_to;
+  number_passed = Calculate(op->action, stored ? first_to : HotAction::AddOfGlobalGlobal, a, b);
+  if (stored) goto store_double;
+  temporaries.numbers[op->third] = number_passed;
+  STEP
+}
+store_double:
+  FIND_TARGET
+  variable->Write_Double(number_passed);
+  NEXT(1)
+store_integer:
+  FIND_TARGET
+  variable->Write_Integer(static_cast<int>(number_passed));
+  NEXT(1)
 on_JumpIfNumber:
-  JUMP_IF(Jumps(op, OrderOf(DoubleToInteger(temporaries[op->first].number), 0)), op, 1)
+  JUMP_IF(Jumps(op, OrderOf(DoubleToInteger(temporaries.numbers[op->first]), 0)), op, 1)
 on_CheckRoom:
   MISFIT_UNLESS(s->Limit() - top >= op->first)
   STEP on_NoteLine : MISFIT_UNLESS(!log_gate.Wants(Log_Trace)) current_line = op->first;
@@ -1518,29 +1667,33 @@ on_CheckRoom:
     source_file = op->first;
     source_name = nullptr;
   }
-  STEP on_LoadElement : {
+  STEP
+
+  ELEMENT_AT(Global) ELEMENT_AT(Local) ELEMENT_AT(Temporary) ELEMENT_AT(Constant)
+      // The element is a variable, of which a number or text is loaded.
+      load_variable : if (variable->HoldsNumber()) {
+    temporaries.Set(op->third, variable);
+  }
+  else if (op->load >= HotLoad::NumberOrText && variable->HoldsText()) {
+    temporaries.SetText(op->third, variable);
+  }
+  else {MISFIT_UNLESS(Load(variable, op, &temporaries))} STEP on_LoadElement : {
     int number;
     variable = BASE_OF(op);
     INTEGER_OF(op->right, op->second, &number)
     MISFIT_UNLESS(variable && number >= 1)
     TELL_STACK
-    Temporary* const loaded = &temporaries[op->third];
     if (const DenseSlot* const slot = variable->SearchSlot(number)) [[likely]] {
-      if (!slot->IsVariable()) {
-        loaded->Set(*slot);
-      } else if (slot->variable()->HoldsNumber()) {
-        loaded->Set(slot->variable());
-      } else if (op->load >= HotLoad::NumberOrText && slot->variable()->HoldsText()) {
-        loaded->variable = slot->variable();
-        loaded->form = HotForm::AsLoaded;
-      } else {
-        MISFIT_UNLESS(Load(slot->variable(), op->load, loaded))
+      if (slot->IsVariable()) {
+        variable = slot->variable();
+        goto load_variable;
       }
+      temporaries.Set(op->third, *slot);
       STEP
     }
     MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
     variable = variable->At(number, 0);
-    MISFIT_UNLESS(variable && Load(variable, op->load, loaded))
+    MISFIT_UNLESS(variable && Load(variable, op, &temporaries))
     STEP
   }
 on_LoadMember : {
@@ -1548,14 +1701,21 @@ on_LoadMember : {
   variable = BASE_OF(op);
   MISFIT_UNLESS(variable)
   TELL_STACK
-  Temporary* const loaded = &temporaries[op->third];
-  if (variable->FindNumberMember(op->text, op->length, &op->hint, &bare)) [[likely]] {
-    loaded->Set(bare);
+  if (const DenseSlot* const slot = variable->SearchMemberSlot(op->hint)) [[likely]] {
+    if (slot->IsVariable()) {
+      variable = slot->variable();
+      goto load_variable;
+    }
+    temporaries.Set(op->third, *slot);
+    STEP
+  }
+  if (variable->FindNumberMember(op->text, op->length, &op->hint, &bare)) {
+    temporaries.Set(op->third, bare);
     STEP
   }
   MISFIT_UNLESS(variable->IsPlain() && variable->HoldsStructure())
   variable = variable->Member(op->text, op->length, 0, &op->hint);
-  MISFIT_UNLESS(variable && Load(variable, op->load, loaded))
+  MISFIT_UNLESS(variable && Load(variable, op, &temporaries))
   STEP
 }
 // An element that is created stays if the group does not apply: its instructions create it again,
@@ -1569,7 +1729,7 @@ on_FindElement : {
   Variable* found = variable->SearchMade(number);
   if (!found) found = variable->At(number, op->create);
   MISFIT_UNLESS(found)
-  temporaries[op->third].variable = found;
+  temporaries.place(op->third) = found;
   STEP
 }
 on_FindMember:
@@ -1578,7 +1738,7 @@ on_FindMember:
   TELL_STACK
   variable = variable->Member(op->text, op->length, op->create, &op->hint);
   MISFIT_UNLESS(variable)
-  temporaries[op->third].variable = variable;
+  temporaries.place(op->third) = variable;
   STEP on_MoveVariable : FIND_TARGET first_row = OPERAND(op->left, op->first);
   MISFIT_UNLESS(first_row && first_row->IsPlain())
   if (variable->CopyNumber(*first_row) || variable->CopyShort(*first_row)) NEXT(1)
@@ -1598,10 +1758,10 @@ on_MoveNumber : {
   if (op->form == HotForm::Integer) {
     variable->Write_Integer(op->left == HotOperand::Constant
                                 ? op->first
-                                : static_cast<int>(temporaries[op->first].number));
+                                : static_cast<int>(temporaries.numbers[op->first]));
   } else {
     variable->Write_Double(op->left == HotOperand::Constant ? op->number
-                                                            : temporaries[op->first].number);
+                                                            : temporaries.numbers[op->first]);
   }
   NEXT(1)
 }
@@ -1636,11 +1796,29 @@ on_MoveElement : {
   NEXT_AFTER_WORK(1)
 }
 on_MoveMember : {
+  variable = BASE_OF(op);
+  MISFIT_UNLESS(variable)
+  TELL_STACK
+  const DenseSlot* const slot = variable->SearchMemberSlot(op->hint);
+  if (slot && !slot->IsVariable()) [[likely]] {
+    variable = OPERAND_ROW(op->into, op->third);
+    if (slot->IsInteger()) {
+      number_passed = slot->integer();
+      if (!variable || !variable->HoldsInteger()) [[unlikely]]
+        goto store_integer;
+      variable->Write_Integer(slot->integer());
+    } else {
+      number_passed = slot->number();
+      if (!variable || !variable->HoldsDouble()) [[unlikely]]
+        goto store_double;
+      variable->Write_Double(slot->number());
+    }
+    NEXT(1)
+  }
   FIND_TARGET
   Variable* const target = variable;
   variable = BASE_OF(op);
   MISFIT_UNLESS(variable && variable != target)
-  TELL_STACK
   DenseSlot bare;
   if (variable->FindNumberMember(op->text, op->length, &op->hint, &bare)) [[likely]] {
     if (bare.IsInteger()) {
@@ -1669,11 +1847,11 @@ on_StoreElement : {
   INTEGER_OF(op->right, op->second, &number)
   MISFIT_UNLESS(variable && number >= 1)
   if (op->into == HotOperand::Temporary) {
-    value = temporaries[op->third].number;
+    value = temporaries.numbers[op->third];
     first_row = nullptr;
     if (form == HotForm::AsLoaded) {
-      form = temporaries[op->third].form;
-      first_row = temporaries[op->third].variable;
+      form = temporaries.forms[op->third];
+      first_row = temporaries.place(op->third);
     }
     if (first_row) goto store_value;
   } else if (op->into == HotOperand::Constant) {
@@ -1716,10 +1894,10 @@ on_StoreMember : {
   variable = BASE_OF(op);
   MISFIT_UNLESS(variable && variable->HoldsStructure())
   if (op->right == HotOperand::Temporary) {
-    value = temporaries[op->second].number;
+    value = temporaries.numbers[op->second];
     if (form == HotForm::AsLoaded) {
-      form = temporaries[op->second].form;
-      first_row = temporaries[op->second].variable;
+      form = temporaries.forms[op->second];
+      first_row = temporaries.place(op->second);
       if (first_row) goto store_member_value;
     }
   } else if (op->right == HotOperand::Constant) {
@@ -1749,7 +1927,7 @@ store_member_value:
   NEXT_AFTER_WORK(1)
 }
 on_PushNumber : {
-  const double number = temporaries[op->first].number;
+  const double number = temporaries.numbers[op->first];
   MISFIT_UNLESS(HAS_ROOM)
   if (op->form == HotForm::Integer) {
     PUSH(SetInteger(static_cast<int>(number)))
@@ -1808,7 +1986,7 @@ on_Resume:
   GO_TO(op->action);
 on_ReturnNumber : {
   MISFIT_UNLESS(frame->returns_hot)
-  number_passed = op->left == HotOperand::Constant ? op->number : temporaries[op->first].number;
+  number_passed = op->left == HotOperand::Constant ? op->number : temporaries.numbers[op->first];
   ZephVM_Stack* const callers = frame->previous->stack;
   MISFIT_UNLESS(callers->HasRoom(1))
   if (op->form == HotForm::Double) goto return_number;
@@ -1828,8 +2006,8 @@ on_CallWith : {
   for (uint64_t left = called->references; left != 0 && begun; left &= left - 1) {
     const int k = std::countr_zero(left);
     const HotOp* const argument = arguments + k;
-    variable = argument->left == HotOperand::Place ? temporaries[argument->first].variable
-                                                   : ROW_OF(argument);
+    variable =
+        argument->left == HotOperand::Place ? temporaries.place(argument->first) : ROW_OF(argument);
     begun = variable && locals[k].variable;
     if (!begun) [[unlikely]]
       break;
@@ -1852,14 +2030,15 @@ on_CallWith : {
         begun = BeginWith(parameter, variable, &patience);
       }
     } else if (argument->left == HotOperand::Temporary) {
-      const Temporary& value = temporaries[argument->first];
-      const HotForm form = argument->form == HotForm::AsLoaded ? value.form : argument->form;
+      const double value = temporaries.numbers[argument->first];
+      const HotForm form =
+          argument->form == HotForm::AsLoaded ? temporaries.forms[argument->first] : argument->form;
       if (form == HotForm::Double) {
-        parameter->Begin(value.number);
+        parameter->Begin(value);
       } else if (form == HotForm::Integer) {
-        parameter->Begin(static_cast<int>(value.number));
+        parameter->Begin(static_cast<int>(value));
       } else {
-        begun = BeginWith(parameter, value.variable, &patience);
+        begun = BeginWith(parameter, temporaries.place(argument->first), &patience);
       }
     } else if (argument->left == HotOperand::Constant) {
       if (argument->form == HotForm::Integer) {
@@ -1941,6 +2120,7 @@ enter : {
     if (called->entry_serial != code_serial) [[unlikely]] {
       called->entry = hot->At(program_counter);
       called->entry_serial = code_serial;
+      ASK_ROWS
     }
     op = called->entry;
     if (!op) [[unlikely]]
@@ -1958,6 +2138,7 @@ unknown_called:
     if (here) {
       called->entry = hot->At(called->entry_offset);
       called->entry_serial = code_serial;
+      (void)called->variables->Rows(hot->locals(), &local_count);
     } else {
       called->entry_code = segments->Lookup(called->entry_segment);
     }
@@ -2189,19 +2370,19 @@ on_Leave:
 #undef MEMBER
 #undef MISFIT_UNLESS
 #undef STEP
-#undef READ_Global
-#undef READ_Local
-#undef READ_Temporary
-#undef READ_Constant
-#undef COMPARABLE_Global
-#undef COMPARABLE_Local
-#undef COMPARABLE_Temporary
-#undef COMPARABLE_Constant
-#undef VALUE_Global
-#undef VALUE_Local
-#undef VALUE_Temporary
-#undef VALUE_Constant
-#undef READ_ROW
+#undef NUMBER_Global
+#undef NUMBER_Local
+#undef NUMBER_Temporary
+#undef NUMBER_Constant
+#undef ROW_NUMBER
+#undef OPERAND_ROW
+#undef ROW_INDEX
+#undef INDEX_Global
+#undef INDEX_Local
+#undef INDEX_Temporary
+#undef INDEX_Constant
+#undef FIND_ELEMENT
+#undef ELEMENT_AT
 #undef BASE_OF
 #undef GROUP_ARITHMETIC
 #undef GROUP_ADD

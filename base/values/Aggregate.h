@@ -202,11 +202,19 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   // that has the number it was stored as and no other form. Returns false and makes no search for
   // others.
   bool FindNumberMember(const char* name, int length, MemberHint* hint, DenseSlot* found);
+  // The member that a hint has, by a search, to read; null and no search if the hint is out of
+  // date.
+  const DenseSlot* SearchMember(const MemberHint& hint) { return members.Search(hint); }
   // Stores a number in a member, which is inserted if it is missing; a search. Returns false and
   // does nothing where that takes more work. REQUIRES: as above.
   template <typename Number>
   bool WriteMember(const char* name, int length, MemberHint* hint, Number number) {
-    return DenseSlot::Takes(number) && WriteSlot(name, length, hint, DenseSlot(number));
+    if (!DenseSlot::Takes(number)) return false;
+    if (DenseSlot* const slot = members.SearchBare(*hint)) [[likely]] {
+      *slot = DenseSlot(number);
+      return true;
+    }
+    return WriteSlot(name, length, hint, DenseSlot(number));
   }
   // The elements with the next greater and the next lesser position. Like Next and Previous, they
   // search for the position itself.
@@ -379,6 +387,11 @@ inline bool Variable::FindNumberMember(const char* name, int length, MemberHint*
                                        DenseSlot* slot) {
   return IsPlain() && aggregate == AggregateStructure &&
          elements->FindNumberMember(name, length, hint, slot);
+}
+
+inline const DenseSlot* Variable::SearchMemberSlot(const MemberHint& hint) {
+  if (!IsPlain() || aggregate != AggregateStructure) return nullptr;
+  return elements->SearchMember(hint);
 }
 
 template <typename Number>

@@ -50,6 +50,21 @@ class FlatMembers {
     Note(slot);
     top = static_cast<int16_t>(slot);
   }
+  // The slot that a hint has, by a search; null and no search if the hint is out of date. It may be
+  // shared.
+  DenseSlot* Search(const MemberHint& hint) {
+    if (!layout || hint.layout != layout->serial()) return nullptr;
+    Touch(hint.slot);
+    return &slots[hint.slot];
+  }
+  // The same to write to, if it has no variable.
+  DenseSlot* SearchBare(const MemberHint& hint) {
+    if (!layout || hint.layout != layout->serial() || is_shared || slots[hint.slot].IsVariable()) {
+      return nullptr;
+    }
+    Touch(hint.slot);
+    return &slots[hint.slot];
+  }
   // A search for a name that is missing.
   void TouchMissing(const char* name, int length);
   // The value of a slot, which may be read. REQUIRES: the slot is below count().

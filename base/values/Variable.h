@@ -210,7 +210,9 @@ class Variable {
     if (!(state & Reference)) [[likely]]
       return this;
     Variable* const next = reference;
-    return next && !next->reference ? next : Final();
+    if (!next || !next->reference) return next ? next : this;
+    Variable* const last = next->reference;
+    return last->reference ? Final() : last;
   }
   // The valid forms of a plain scalar, as bits of Form; 0 for a NULL scalar, for an aggregate and
   // for a variable that is not plain.
@@ -458,6 +460,9 @@ class Variable {
   // number that was stored and no other form. *slot receives it. A search. Returns false and makes
   // no search for others.
   bool FindNumberMember(const char* name, int length, MemberHint* hint, DenseSlot* slot);
+  // The value of the member that the hint has, to read and not to keep; a search. Returns null and
+  // makes no search if the hint is out of date.
+  const DenseSlot* SearchMemberSlot(const MemberHint& hint);
   // Member(name, length, 1) and a store of a number in it. A new member gets no Variable until a
   // caller needs one. Returns false and stores nothing where more work is needed; a scalar may have
   // become an empty structure, as it does on the other way too.
