@@ -653,9 +653,11 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // wake it. Storing a number wakes it too.
 #define WAKE(variable) if ((variable)->IsAsleep()) [[unlikely]] (variable)->Wake();
 // After anything that may have added names to a table, such as a library that computes a field.
+// The main code has the globals as its locals, too, so making room for the one may move the other.
 #define ASK_ROWS { \
+  (void)frame->variables->Rows(hot->locals(), &counts[1]); \
   rows[0] = global_variables->Rows(hot->globals(), &counts[0]); \
-  rows[1] = frame->variables->Rows(hot->locals(), &counts[1]); }
+  rows[1] = frame->variables->Rows(&counts[1]); }
 // For the instructions on globals, which hardly ever are references: those go another way.
 #define SECOND_ROW(record) ROW_AT(0, (record)->second)
 // Store the end in the stack before its own operations, and reload what they may have changed. The

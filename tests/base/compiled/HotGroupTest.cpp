@@ -52,14 +52,14 @@ TEST(HotGroup, AComparisonAndItsJumpAreOneRecord) {
 
 TEST(HotGroup, ElementsAndMembersAreFoundOnTheWay) {
   EXPECT_EQ(Records("pushg a\npushg i\nelem_readonly\npushi 1\nadd\npopg b\n"),
-            "LoadElement AddToTemporaryConstant");
+            "LoadElementAtGlobal AddToTemporaryConstant");
   EXPECT_EQ(Records("pushg v\npushg a\npushg i\nelem\npushc \"m\"\nmemb\nstore\n"),
-            "FindElement StoreMember");
+            "FindElementAtGlobal StoreMember");
   EXPECT_EQ(Records("pushg a\npushi 1\nelem\ndup\npushg x\nadd\nswap\nstore\n"),
-            "LoadElement AddOfTemporaryGlobal StoreElement");
+            "LoadElementAtConstant AddOfTemporaryGlobal StoreElementAtConstant");
   EXPECT_EQ(Records("pushg a\npushi 1\nelem_readonly\npushg a\npushi 2\nelem_readonly\ngt\n"
                     "jmp_eq x\nx: "),
-            "LoadElement LoadElement JumpIfLoaded");
+            "LoadElementAtConstant LoadElementAtConstant JumpIfLoaded");
 }
 
 TEST(HotGroup, ACallTakesItsArgumentsFromWhereTheyAre) {
