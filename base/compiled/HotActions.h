@@ -99,6 +99,8 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 //   CompareTopJump                the top, which stays, compared with a variable or constant, and a jump
 //   NextElement                   a step of a loop over an array: the element at a position, both on
 //                                 the stack, is stored in a variable unless it has no value
+//   EachElement                   the same with what comes before it: the position on top is raised by
+//                                 a constant, and the array is a variable
 //   Out...                        a constant text or a variable, written to the output
 //   OutRounded                    a constant, and the top rounded to so many decimals and written
 //   Concatenate...                a constant text or a variable, appended to the text on top
@@ -127,7 +129,7 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
   ACTION(Element) ACTION(ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly)                      \
   ACTION(Call) ACTION(Return) ACTION(ReturnNothing) ACTION(ReturnVariable)                           \
   ACTION(ConcatenateText) ACTION(ConcatenateVariable) ACTION(OutText) ACTION(OutVariable)            \
-  ACTION(OutRounded) ACTION(ConcatenateTextVariable) ACTION(ConcatenateVariableText)                 \
+  ACTION(EachElement) ACTION(OutRounded) ACTION(ConcatenateTextVariable) ACTION(ConcatenateVariableText)                 \
   ACTION(EqualConstantJump) ACTION(NotEqualConstantJump)                                             \
   ACTION(LessConstantJump) ACTION(LessEqualConstantJump)                                             \
   ACTION(GreaterConstantJump) ACTION(GreaterEqualConstantJump)                                       \

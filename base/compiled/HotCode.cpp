@@ -15,7 +15,7 @@ namespace {
 
 // The instructions of the longest idiom. That many records end the list, so that looking ahead
 // needs no bounds check.
-const int kLongestIdiom = 8;
+const int kLongestIdiom = 12;
 
 HotAction SingleAction(Instruction::Code code) {
   using namespace Instruction;
@@ -298,9 +298,11 @@ HotCode::Use HotCode::UseOfTop(size_t i, bool held, const FunctionManager* funct
 
 namespace {
 
-// The number of instructions that an action does together.
+// The number of instructions that an action does together. Of EachElement, which may have lines in
+// it, those before NextElement are added.
 size_t LengthOf(HotAction action) {
   switch (action) {
+    case HotAction::EachElement:
     case HotAction::UpdateAddConstant:
     case HotAction::UpdateSubConstant:
     case HotAction::UpdateMulConstant:
@@ -349,10 +351,12 @@ void HotCode::MakeFastList(const FunctionManager* functions) {
     fast.push_back(ops[i]);
     const HotAction idiom = Idiom(i);
     size_t left = idiom == ops[i].single ? 0 : LengthOf(idiom) - 1;
+    if (idiom == HotAction::EachElement) left += LookUpOfEach(i);
     for (size_t k = 1; k <= left; k++) {
       if (targets[i + k]) left = 0;
     }
     if (left > 0) fast.back().action = idiom;
+    if (idiom == HotAction::EachElement) fast.back().second = static_cast<int>(LookUpOfEach(i));
     if (fast.back().action == HotAction::CompareTopJump) {
       fast.back().orders =
           HotGroup::JumpOrders(HotGroup::OrdersOf(ops[i + 2].single), ops[i + 3].orders);
@@ -398,11 +402,8 @@ HotAction HotCode::Idiom(size_t i) const {
     }
     return Update(i);
   }
-  if (action == HotAction::ElementReadOnly && next == HotAction::Dup &&
-      IsHandler(i + 2, Instruction::code_isnull) && Is(i + 3, HotAction::JumpNotEqual) &&
-      Is(i + 4, HotAction::PopVariable)) {
-    return HotAction::NextElement;
-  }
+  if (IsNextElement(i)) return HotAction::NextElement;
+  if (LookUpOfEach(i) > 0) return HotAction::EachElement;
   if (IsConstant(action)) {
     if (IsArithmetic(next)) return Shifted(next, HotAction::Add, HotAction::AddConstant);
     if (next == HotAction::Mod) return HotAction::ModConstant;
@@ -417,6 +418,25 @@ HotAction HotCode::Idiom(size_t i) const {
     }
   }
   return IdiomOfText(i);
+}
+
+bool HotCode::IsNextElement(size_t i) const {
+  return Is(i, HotAction::ElementReadOnly) && Is(i + 1, HotAction::Dup) &&
+         IsHandler(i + 2, Instruction::code_isnull) && Is(i + 3, HotAction::JumpNotEqual) &&
+         Is(i + 4, HotAction::PopVariable);
+}
+
+// The head of a loop over an array raises the position on the stack, keeps a copy of it, and looks
+// the element up. Returns how many instructions after the first the look-up is; 0 if this is none.
+size_t HotCode::LookUpOfEach(size_t i) const {
+  if (!Is(i, HotAction::PushInteger) || !Is(i + 1, HotAction::Add) || !Is(i + 2, HotAction::Dup) ||
+      !Is(i + 3, HotAction::PushVariable) || !Is(i + 4, HotAction::Swap)) {
+    return 0;
+  }
+  size_t at = i + 5;
+  if (Is(at, HotAction::SourceFile)) at++;
+  if (Is(at, HotAction::Line)) at++;
+  return IsNextElement(at) ? at - i : 0;
 }
 
 // Idioms that make and write texts.

@@ -126,6 +126,8 @@ class HotCode {
   Use UseOfTop(size_t i, bool held, const FunctionManager* functions) const;
   HotAction Idiom(size_t i) const;
   HotAction IdiomOfText(size_t i) const;
+  bool IsNextElement(size_t i) const;
+  size_t LookUpOfEach(size_t i) const;
   HotAction Update(size_t i) const;
   bool Is(size_t i, HotAction action) const { return ops[i].single == action; }
   bool IsHandler(size_t i, int code) const {

@@ -436,6 +436,21 @@ HotGroup::Step HotGroup::Jump(size_t i) {
   } else if (ordered) {
     return Step::Apart;
   }
+  // A jump on a number is one on its comparison with 0.
+  const bool is_not = value.record + 1 == made.size() && last.action == HotAction::NotOf;
+  const unsigned char orders = is_not ? JumpOrders(2, record.orders) : record.orders;
+  const HotAction action = JumpIf(orders);
+  if (action != HotAction::Leave && last.action != HotAction::JumpIfText &&
+      (is_not || value.form == HotForm::Integer)) {
+    if (is_not) {
+      record.left = last.right;
+      record.first = last.second;
+      made.pop_back();
+    }
+    record.right = HotOperand::Constant;
+    record.orders = orders;
+    record.action = PairAction(action, record.left, record.right);
+  }
   made.push_back(record);
   return Step::Ends;
 }

@@ -234,7 +234,8 @@ int ZephVM::Loop() {
       program_counter = pc;
       if (!Set_Segment()) return 0;
     }
-    if (!was_hot && segment && segment->hot()) {
+    // A trace has a record for each line, which the loop for decoded code does not write.
+    if (!was_hot && segment && segment->hot() && !log_gate.Wants(Log_Trace)) {
       if (const HotOp* op = segment->hot()->At(pc)) {
         RunHot(segment->hot(), op);
         pc = program_counter;

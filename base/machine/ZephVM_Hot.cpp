@@ -270,10 +270,6 @@ inline bool IsWord(const String& text) {
 HOT_INLINE bool FindOrderOfText(Variable* left, const HotOp* op, int* order) {
   if (!left) return false;
   const bool equality = op->orders == 2 || op->orders == 5;
-  if (op->word && equality && left->HoldsNumber() && left->is_stored_integer()) {
-    *order = 0;
-    return true;
-  }
   if (op->word && (left->plain_forms() & Variable::TextForm)) [[likely]] {
     const String& text = left->plain_text();
     const int difference = text.length - op->length;
@@ -288,6 +284,9 @@ HOT_INLINE bool FindOrderOfText(Variable* left, const HotOp* op, int* order) {
         return true;
       }
     }
+  } else if (op->word && equality && left->HoldsNumber() && left->is_stored_integer()) {
+    *order = 0;
+    return true;
   }
   Entry a, b;
   a.SetOwned(left);
@@ -488,6 +487,37 @@ inline bool FindTarget(const HotOp* pop, const VariableHash* locals, const _VH_E
   if (position >= count) return false;
   *target = Referred(globals[position].variable);
   return IsPlainRow(*target);
+}
+
+// Stores the element at a position in a variable, as the next one of a loop over an array. A number
+// takes nanoseconds.
+enum class Stepped { No, ToNumber, ToValue };
+HOT_INLINE Stepped StepTo(Variable* array, int number, Variable* target) {
+  if (!target || !target->IsPlain() || target == array) return Stepped::No;
+  const DenseSlot* const slot = array->SearchSlot(number);
+  if (!slot) return Stepped::No;
+  if (!slot->IsVariable()) {
+    if (slot->IsInteger()) {
+      target->Write_Integer(slot->integer());
+    } else {
+      target->Write_Double(slot->number());
+    }
+    return Stepped::ToNumber;
+  }
+  Variable* const element = slot->variable()->Real();
+  if (!element->IsPlain() || element == target) return Stepped::No;
+  if (target->CopyNumber(*element)) return Stepped::ToNumber;
+  // An empty text has no value.
+  const bool has_text = (element->plain_forms() & Variable::TextForm) != 0;
+  if (has_text ? element->plain_text().length == 0
+               : !element->HoldsArray() && !element->HoldsStructure()) {
+    return Stepped::No;
+  }
+  if (!target->CopyShort(*element)) {
+    if (target->IsAsleep()) target->Wake();
+    Assign(target, element);
+  }
+  return Stepped::ToValue;
 }
 
 // Whether the value of an entry is true, if that is a number.
@@ -966,6 +996,23 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   ((kind) == HotOperand::Constant ? op->number \
    : (kind) <= HotOperand::Local  ? 0.0 \
                                 : temporaries.numbers[position])
+// The same if both are numbers, as most are.
+#define LOADED_QUICKLY(kind, position, out) \
+  if ((kind) == HotOperand::Place) { \
+    if (temporaries.place(position)) goto compare_loaded; \
+    (out) = temporaries.numbers[position]; \
+  } else if ((kind) <= HotOperand::Local) { \
+    other = OPERAND_ROW(kind, position); \
+    if (other && other->HoldsDouble()) { \
+      (out) = other->plain_double(); \
+    } else if (other && other->HoldsInteger()) { \
+      (out) = other->plain_integer(); \
+    } else { \
+      goto compare_loaded; \
+    } \
+  } else { \
+    (out) = (kind) == HotOperand::Constant ? op->number : temporaries.numbers[position]; \
+  }
 #define FIND_LOADED_ORDER \
   LOADED_OF(op->left, op->first, first_row) \
   LOADED_OF(op->right, op->second, second_row) \
@@ -1060,6 +1107,16 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     } \
     NEXT(1) \
   }
+// Stores in a variable that is an integer already, or on the way of all others.
+#define STORE_INTEGER(result) \
+  const int stored = result; \
+  variable = OPERAND_ROW(op->into, op->third); \
+  if (!variable || !variable->HoldsInteger()) [[unlikely]] { \
+    number_passed = stored; \
+    goto store_integer; \
+  } \
+  variable->Write_Integer(stored); \
+  NEXT(1)
 // An operation on one or two integers, and one on one or two truths.
 #define GROUP_INTEGERS(name, result) \
   on_##name##Of: { \
@@ -1073,9 +1130,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     int a, b; \
     INTEGER_OF(op->left, op->first, &a) \
     INTEGER_OF(op->right, op->second, &b) \
-    FIND_TARGET \
-    variable->Write_Integer(result); \
-    NEXT(1) \
+    STORE_INTEGER(result) \
   }
 #define GROUP_TRUTHS(name, result) \
   on_##name##Of: { \
@@ -1089,9 +1144,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     double a, b; \
     COMPARABLE_OF(op->left, op->first, &a, misfit) \
     COMPARABLE_OF(op->right, op->second, &b, misfit) \
-    FIND_TARGET \
-    variable->Write_Integer(result); \
-    NEXT(1) \
+    STORE_INTEGER(result) \
   }
   // clang-format on
 
@@ -1177,6 +1230,11 @@ on_Pop:
   NEXT(1)
 on_Dup:
   LEAVE_UNLESS(HOLDS_ONE && HAS_ROOM)
+  if (top[-1].kind <= ZephVM_Stack::KindDouble) [[likely]] {
+    top->CopyFrom(top[-1]);
+    ++top;
+    NEXT(1)
+  }
   TELL_STACK
   s->Dupe();
   ASK_STACK
@@ -1396,11 +1454,9 @@ on_StoreConstant:
   variable->Write_Integer(op->second);
   NEXT(1)
 on_Line:
-  LEAVE_UNLESS(!log_gate.Wants(Log_Trace))
   current_line = op->first;
   NEXT(1)
 on_SourceLine:
-  SINGLE_UNLESS(!log_gate.Wants(Log_Trace))
   current_line = op[1].first;
   if (source_file == op->first) [[likely]]
     NEXT(2)
@@ -1424,35 +1480,37 @@ on_NextElement : {
   SINGLE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable &&
                 IntegerIn(top - 1, &number) && number >= 1)
   first_row = top[-2].value.variable->Real();
-  variable = VARIABLE(op + 4);
-  SINGLE_UNLESS(variable && variable->IsPlain() && variable != first_row)
   TELL_STACK
-  const DenseSlot* const slot = first_row->SearchSlot(number);
-  SINGLE_UNLESS(slot)
-  if (!slot->IsVariable()) {
-    if (slot->IsInteger()) {
-      variable->Write_Integer(slot->integer());
-    } else {
-      variable->Write_Double(slot->number());
-    }
-  } else {
-    Variable* const element = slot->variable()->Real();
-    SINGLE_UNLESS(element->IsPlain() && element != variable)
-    if (!variable->CopyNumber(*element)) {
-      // An empty text has no value.
-      const bool has_text = (element->plain_forms() & Variable::TextForm) != 0;
-      SINGLE_UNLESS(has_text ? element->plain_text().length > 0
-                             : element->HoldsArray() || element->HoldsStructure())
-      if (!variable->CopyShort(*element)) {
-        WAKE(variable)
-        Assign(variable, element);
-      }
-    }
-  }
+  const Stepped stepped = StepTo(first_row, number, VARIABLE(op + 4));
+  SINGLE_UNLESS(stepped != Stepped::No)
   ZephVM_Stack::Free(top - 1);
   ZephVM_Stack::Free(top - 2);
   top -= 2;
+  if (stepped == Stepped::ToNumber) NEXT(5)
   NEXT_AFTER_WORK(5)
+}
+on_EachElement : {
+  double position;
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].kind <= ZephVM_Stack::KindDouble)
+  position = op->number + (IsDouble(top - 1) ? top[-1].value.number : top[-1].value.integer);
+  first_row = VARIABLE(op + 3);
+  const int number = DoubleToInteger(position);
+  SINGLE_UNLESS(first_row && number >= 1)
+  TELL_STACK
+  const Stepped stepped = StepTo(first_row, number, VARIABLE(op + op->second + 4));
+  SINGLE_UNLESS(stepped != Stepped::No)
+  top[-1].SetDouble(position);
+  if (op->second > 5) {
+    if (op->second > 6 && source_file != op[5].first) {
+      traced_line = 0;
+      source_file = op[5].first;
+      source_name = nullptr;
+    }
+    if (op[op->second - 1].single == HotAction::Line) current_line = op[op->second - 1].first;
+  }
+  const int count = op->second + 5;
+  if (stepped == Stepped::ToNumber) NEXT(count)
+  NEXT_AFTER_WORK(count)
 }
 on_Handler:
   TELL_STACK
@@ -1601,6 +1659,11 @@ on_CompareLoadedTo : {
 on_JumpIfLoaded : {
   int order;
   bool texts;
+  double a, b;
+  LOADED_QUICKLY(op->left, op->first, a)
+  LOADED_QUICKLY(op->right, op->second, b)
+  JUMP_IF(Jumps(op, OrderOf(a, b)), op, 1)
+compare_loaded:
   FIND_LOADED_ORDER
   if (texts) JUMP_IF_AFTER_WORK(Jumps(op, order), op, 1)
   JUMP_IF(Jumps(op, order), op, 1)
@@ -1624,6 +1687,7 @@ on_JumpIfText : {
   int order;
   variable = BASE_OF(op);
   MISFIT_UNLESS(FindOrderOfText(variable, op, &order))
+  if (op->length <= kShort && IsShort(variable)) JUMP_IF(Jumps(op, order), op + 1, 2)
   JUMP_IF_AFTER_WORK(Jumps(op, order), op + 1, 2)
 }
 // Pairs of which one is a variable that is more than a number, or none. Texts are only compared
@@ -1663,7 +1727,7 @@ on_JumpIfNumber:
   JUMP_IF(Jumps(op, OrderOf(DoubleToInteger(temporaries.numbers[op->first]), 0)), op, 1)
 on_CheckRoom:
   MISFIT_UNLESS(s->Limit() - top >= op->first)
-  STEP on_NoteLine : MISFIT_UNLESS(!log_gate.Wants(Log_Trace)) current_line = op->first;
+  STEP on_NoteLine : current_line = op->first;
   STEP on_NoteSourceFile : if (source_file != op->first) {
     traced_line = 0;
     source_file = op->first;
@@ -2398,11 +2462,13 @@ on_Leave:
 #undef GROUP_NOT_EQUAL
 #undef GROUP_GREATER_EQUAL
 #undef GROUP_JUMP
+#undef STORE_INTEGER
 #undef GROUP_INTEGERS
 #undef GROUP_TRUTHS
 #undef OPERAND
 #undef INTEGER_OF
 #undef COMPARABLE_OF
+#undef LOADED_QUICKLY
 #undef LOADED_OF
 #undef LOADED_NUMBER
 #undef FIND_LOADED_ORDER

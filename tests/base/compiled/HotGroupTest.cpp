@@ -47,7 +47,15 @@ TEST(HotGroup, AComparisonAndItsJumpAreOneRecord) {
   EXPECT_EQ(Records("pushg a\npushi 1\ncmp\njmp_gt x\nx: "), "JumpIfGreaterGlobalConstant");
   EXPECT_EQ(Records("pushg a\npushc \"w\"\neq\njmp_eq x\nx: "), "JumpIfText JumpIfNumber");
   EXPECT_EQ(Records("pushg a\npushg b\nlt\npushg c\nand\njmp_eq x\nx: "),
-            "CompareOf AndOf JumpIfNumber");
+            "CompareOf AndOf JumpIfEqualTemporaryConstant");
+}
+
+TEST(HotGroup, AJumpOnANumberIsAComparisonWithZero) {
+  EXPECT_EQ(Records("pushg a\npushi 3\nmod\njmp_gt x\nx: "),
+            "ModOf JumpIfGreaterTemporaryConstant");
+  EXPECT_EQ(Records("pushg a\nnot\njmp_ne x\nx: "), "JumpIfEqualGlobalConstant");
+  EXPECT_EQ(Records("pushg a\nnot\njmp_eq x\nx: "), "JumpIfNotEqualGlobalConstant");
+  EXPECT_EQ(Records("pushg a\npushg b\nadd\njmp_eq x\nx: "), "AddOfGlobalGlobal JumpIfNumber");
 }
 
 TEST(HotGroup, ElementsAndMembersAreFoundOnTheWay) {

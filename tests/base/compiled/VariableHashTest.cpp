@@ -82,6 +82,40 @@ struct VariableHashTest : testing::Test {
 
 // --- Names and positions -------------------------------------------------------------------------
 
+TEST_F(VariableHashTest, RowsAfterTheLastNameCanBeReadAndHaveNoVariable) {
+  unsigned count = 0;
+  for (int names = 0; names < 700; names++) {
+    // Some of the memory comes from growing for names, some from the rows that are asked for.
+    const int least = names % 3 == 0 ? 20 : names * 5 / 4 + 3;
+    const _VH_Entry* const rows = table.Rows(least, &count);
+    ASSERT_EQ(count, static_cast<unsigned>(names));
+    for (int i = 0; i < least; i++) ASSERT_EQ(rows[i].variable != nullptr, i < names) << names;
+    table.Insert(Named("n" + std::to_string(names), "value"));
+  }
+  // As many may be read after names were added.
+  const _VH_Entry* const rows = table.Rows(&count);
+  EXPECT_EQ(count, 700u);
+  for (int i = 700; i < 699 * 5 / 4; i++) EXPECT_EQ(rows[i].variable, nullptr);
+}
+
+// The row after the last one never has a variable that the table does not have.
+TEST_F(VariableHashTest, AnInsertionWithoutMemoryLeavesNoVariableAfterTheLast) {
+  if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
+  unsigned count = 0;
+  (void)table.Rows(64, &count);
+  VariableRef kept(Named("kept", "value"));
+  for (long block = 1; block <= 6; block++) {
+    kept->Hold();
+    try {
+      const FailingAllocator allocator(block, FailingAllocator::Once);
+      table.Insert(kept.get());
+    } catch (const std::bad_alloc&) {
+    }
+    const _VH_Entry* const rows = table.Rows(&count);
+    for (unsigned i = count; i < 64; i++) ASSERT_EQ(rows[i].variable, nullptr) << block;
+  }
+}
+
 TEST_F(VariableHashTest, AnEmptyTableReportsItsNumbers) {
   EXPECT_EQ(table.bits, 12);
   EXPECT_EQ(table.bucket_count, 4096);

@@ -656,6 +656,69 @@ TEST(HotCode, ALoopOverAnArrayTakesEachKindOfElement) {
   }
 }
 
+// The same with places in the source between, as pages have them, with other positions, and with
+// the array or its position as the variable of the loop. The lines are those of each moment.
+TEST(HotCode, ALoopOverAnArrayNotesItsPlace) {
+  const std::string fill = [] {
+    std::string text;
+    for (int i = 1; i <= 9; i++) {
+      const std::string number = std::to_string(i);
+      text += "pushc \"e" + number + "\"\npushg a\npushi " + number + "\nelem\nstore\n";
+    }
+    return text;
+  }();
+  for (const char* const place :
+       {"", "lineno 7\n", "sourcefile \"f\"\n", "sourcefile \"f\"\nlineno 7\n"}) {
+    for (const char* const begin : {"pushi 0", "pushf 0.75", "pushc \"0\""}) {
+      for (const char* const target : {"v", "a"}) {
+        SCOPED_TRACE(std::string(place) + begin + target);
+        const std::string loop = std::string(begin) + "\nnext: pushi 1\nadd\ndup\npushg a\nswap\n" +
+                                 place + "elem_readonly\ndup\nisnull\njmp_ne over\npopg " + target +
+                                 "\npushg " + target + "\nout\nlineno 9\njmp next\nover: pop\n";
+        // The position is out with the last look-up; then an error, which says its place.
+        ExpectTheSameEndHotAndCold("storegi n, 0\nsourcefile \"g\"\nagain: incg n, 1\n" + fill +
+                                   loop + "out\ncmpgi n, 12\njmp_lt again\npop\nexit\n");
+      }
+    }
+  }
+}
+
+// A jump on a value, and on what is not true, for values of all kinds.
+TEST(HotCode, AJumpOnWhatIsNotTrueIsTheSame) {
+  const std::vector<std::string> values = {
+      "pushi 0",       "pushi 3",       "pushf 0.5",        "pushf 0",        "pushf -0.25",
+      "pushc \"\"",    "pushc \"0\"",   "pushc \"0.0\"",    "pushc \"word\"", "pushc \"0.5\"",
+      "pushc \"nan\"", "pushg missing", "pushi -2147483648"};
+  for (const std::string& value : values) {
+    std::string program = "storegi n, 0\nagain: incg n, 1\n" + value + "\npopg v\n";
+    int label = 0;
+    for (const char* const jump : {"jmp_eq", "jmp_ne", "jmp_lt", "jmp_le", "jmp_gt", "jmp_ge"}) {
+      for (const char* const test : {"pushg v\nnot\n", "pushg v\npushi 1\nbitand\n",
+                                     "pushg v\npushg v\nand\n", "pushg v\npushi 2\ngt\nnot\n"}) {
+        const std::string target = "l" + std::to_string(label++);
+        program += std::string(test) + jump + " " + target + "\npushc \"-\"\nout\n" + target + ": ";
+      }
+    }
+    SCOPED_TRACE(value);
+    ExpectTheSameHotAndCold(program + "pushc \",\"\nout\ncmpgi n, " + std::to_string(kRounds) +
+                            "\njmp_lt again\nexit\n");
+  }
+}
+
+// Functions of one segment may have any number of variables, and the main code has none of its own:
+// groups read rows that some of these tables do not have, and names are added while code runs.
+TEST(HotCode, TablesOfAllSizesServeTheCodeOfASegment) {
+  ExpectTheSameHotAndCold(
+      "storegi n, 0\nagain: incg n, 1\npushg n\ncall few\nout\npushg n\npushi 2\ncall many\nout\n"
+      "pushc \"made\"\npushg n\ncat\npopg name\npushg n\npushnc \"name\"\nstore\n"
+      "cmpgi n, " +
+      std::to_string(2 * kRounds) +
+      "\njmp_lt again\nexit\n"
+      ".function few(a)\npushl a\npushi 1\nadd\nret\n.end\n"
+      ".function many(a, b)\npushl a\npushl b\nmul\npopl c\npushl c\npushl b\nadd\npopl d\n"
+      "pushl d\npushl c\nsub\npopl e\npushl e\npushl g\nadd\npopl f\npushl f\ncall few\nret\n");
+}
+
 // Groups fail to apply for a text, are set aside, and apply again.
 TEST(HotCode, ValuesOfOtherKindsComeAndGo) {
   ExpectTheSameHotAndCold(
