@@ -57,6 +57,7 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 //   Push...                       an operand to the stack
 //   ReturnNumber                  the return of a temporary or a constant
 //   CallWith                      a call; its arguments are the operands of the records after it
+//   CompareOf...                  CompareOf of two numbers, an action for each pair
 //   ...ElementAt...               what is usual of LoadElement, FindElement, MoveElement and
 //                                 StoreElement, an action for each kind of index
 #define ZEPH_HOT_GROUP_ACTIONS                                                                         \
@@ -81,6 +82,7 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
   ACTION(StoreElement) ACTION(StoreMember)                                                             \
   ACTION(PushNumber) ACTION(PushElement) ACTION(PushMember)                                            \
   ACTION(ReturnNumber) ACTION(CallWith)                                                                \
+  ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, CompareOf)                                                        \
   ZEPH_HOT_INDICES(LoadElementAt) ZEPH_HOT_INDICES(FindElementAt)                                      \
   ZEPH_HOT_INDICES(MoveElementAt) ZEPH_HOT_INDICES(StoreElementAt)
 

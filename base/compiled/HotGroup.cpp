@@ -41,10 +41,16 @@ HotAction PairAction(HotAction first, HotOperand left, HotOperand right) {
                                 static_cast<int>(right));
 }
 
-// The action for the kind of index that a record of an element has; that of other records.
-HotAction ForIndex(const HotOp& record) {
+// The number of pairs, which is the distance between two such groups of actions.
+const int kPairs =
+    static_cast<int>(HotAction::SubOfGlobalGlobal) - static_cast<int>(HotAction::AddOfGlobalGlobal);
+
+// The action for the kinds of operands that a record has; its own if there is none for these alone.
+HotAction ForOperands(const HotOp& record) {
   HotAction first;
   switch (record.action) {
+    case HotAction::CompareOf:
+      return PairAction(HotAction::CompareOfGlobalGlobal, record.left, record.right);
     case HotAction::LoadElement: first = HotAction::LoadElementAtGlobal; break;
     case HotAction::FindElement: first = HotAction::FindElementAtGlobal; break;
     case HotAction::MoveElement: first = HotAction::MoveElementAtGlobal; break;
@@ -53,10 +59,6 @@ HotAction ForIndex(const HotOp& record) {
   }
   return static_cast<HotAction>(static_cast<int>(first) + static_cast<int>(record.right));
 }
-
-// The number of pairs, which is the distance between two such groups of actions.
-const int kPairs =
-    static_cast<int>(HotAction::SubOfGlobalGlobal) - static_cast<int>(HotAction::AddOfGlobalGlobal);
 
 // The first action of the group of an operation that is so many places after the first operation.
 HotAction NthPairs(HotAction first, int place) {
@@ -133,7 +135,7 @@ size_t HotGroup::Make(size_t begin) {
         check.first = static_cast<int>(deepest);
         made.insert(made.begin(), check);
       }
-      for (HotOp& record : made) record.action = ForIndex(record);
+      for (HotOp& record : made) record.action = ForOperands(record);
       return i - begin;
     }
     if (step == Step::Apart) MarkBelow(0);

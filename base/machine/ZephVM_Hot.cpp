@@ -896,7 +896,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define ROW_NUMBER(table, side, out, unusual) { \
   const Variable* const row = rows[table][op->side].variable; \
   if (!row) [[unlikely]] goto unusual; \
-  if (row->HoldsDouble()) { \
+  if (row->HoldsDouble()) [[likely]] { \
     out = row->plain_double(); \
   } else if (row->HoldsInteger()) { \
     out = row->plain_integer(); \
@@ -943,6 +943,14 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     NUMBER_##left(first, a, unusual_comparison) \
     NUMBER_##right(second, b, unusual_comparison) \
     JUMP_IF(holds, op, 1) \
+  }
+#define GROUP_COMPARE(name, left, right) \
+  on_CompareOf##left##right: { \
+    double a, b; \
+    NUMBER_##left(first, a, on_CompareOf) \
+    NUMBER_##right(second, b, on_CompareOf) \
+    temporaries.numbers[op->third] = Jumps(op, OrderOf(a, b)); \
+    STEP \
   }
 #define GROUP_LESS(name, left, right) GROUP_JUMP(Less, a < b, left, right)
 #define GROUP_EQUAL(name, left, right) GROUP_JUMP(Equal, a == b, left, right)
@@ -1632,6 +1640,7 @@ on_CompareOf : {
   temporaries.numbers[op->third] = Jumps(op, OrderOf(a, b));
   STEP
 }
+  ZEPH_HOT_PAIRS(GROUP_COMPARE, )
 on_CompareTo : {
   double a, b;
   COMPARABLE_OF(op->left, op->first, &a, misfit)
@@ -1805,7 +1814,24 @@ on_FindMember:
   variable = variable->Member(op->text, op->length, op->create, &op->hint);
   MISFIT_UNLESS(variable)
   temporaries.place(op->third) = variable;
-  STEP on_MoveVariable : FIND_TARGET first_row = OPERAND(op->left, op->first);
+  STEP on_MoveVariable : first_row = OPERAND_ROW(op->left, op->first);
+  variable = OPERAND_ROW(op->into, op->third);
+  if (first_row && first_row->HoldsDouble()) {
+    number_passed = first_row->plain_double();
+    if (!variable || !variable->HoldsDouble()) [[unlikely]]
+      goto store_double;
+    variable->Write_Double(number_passed);
+    NEXT(1)
+  }
+  if (first_row && first_row->HoldsInteger()) {
+    number_passed = first_row->plain_integer();
+    if (!variable || !variable->HoldsInteger()) [[unlikely]]
+      goto store_integer;
+    variable->Write_Integer(first_row->plain_integer());
+    NEXT(1)
+  }
+  FIND_TARGET
+  first_row = OPERAND(op->left, op->first);
   MISFIT_UNLESS(first_row && first_row->IsPlain())
   if (variable->CopyNumber(*first_row) || variable->CopyShort(*first_row)) NEXT(1)
   TELL_STACK
@@ -2455,6 +2481,7 @@ on_Leave:
 #undef GROUP_SUB
 #undef GROUP_MUL
 #undef GROUP_DIV
+#undef GROUP_COMPARE
 #undef GROUP_LESS
 #undef GROUP_EQUAL
 #undef GROUP_LESS_EQUAL

@@ -171,11 +171,17 @@ void NoteChangedReference() {
 // chain always has an end, because no reference is ever made to a variable that refers to it.
 Variable* Variable::Final() {
   if (!reference) return this;
+  if (integer_value == static_cast<int>(changed_references) && !(state & Reached)) [[likely]] {
+    Variable* const end = link();
+    if (end && !end->reference) return end;
+  }
+  return FindFinal();
+}
+
+// Apart from Final(), which therefore needs no registers.
+Variable* Variable::FindFinal() {
   if (!reference->reference) return reference;
   const auto remembers = static_cast<int>(changed_references);
-  if (integer_value == remembers && !(state & Reached) && link() && !link()->reference) [[likely]] {
-    return link();
-  }
   const auto following = [remembers](Variable* holder) {
     const bool is_marked = (holder->state & Reached) != 0;
     if (!is_marked && holder->integer_value == remembers && holder->link()) return holder->link();

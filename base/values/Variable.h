@@ -554,6 +554,7 @@ class Variable {
   bool ProvesOrdinary() const;
   void NoteClass() const;
   Variable* Final();
+  Variable* FindFinal();
   Variable* Found(const AggregateIndex& index, int create);
   Variable* SearchMember(const char* name, int length, int create);
   bool MoveElements(Variable* source);

@@ -47,7 +47,7 @@ TEST(HotGroup, AComparisonAndItsJumpAreOneRecord) {
   EXPECT_EQ(Records("pushg a\npushi 1\ncmp\njmp_gt x\nx: "), "JumpIfGreaterGlobalConstant");
   EXPECT_EQ(Records("pushg a\npushc \"w\"\neq\njmp_eq x\nx: "), "JumpIfText JumpIfNumber");
   EXPECT_EQ(Records("pushg a\npushg b\nlt\npushg c\nand\njmp_eq x\nx: "),
-            "CompareOf AndOf JumpIfEqualTemporaryConstant");
+            "CompareOfGlobalGlobal AndOf JumpIfEqualTemporaryConstant");
 }
 
 TEST(HotGroup, AJumpOnANumberIsAComparisonWithZero) {
