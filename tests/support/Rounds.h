@@ -6,6 +6,9 @@
 #ifndef ZEPH_TESTS_SUPPORT_ROUNDS_H
 #define ZEPH_TESTS_SUPPORT_ROUNDS_H
 
+#include <chrono>
+#include <cstdlib>
+
 #include "base/core/Sanitizers.h"
 
 // All of them in a plain build, a twentieth with the address sanitizer, and a fiftieth with the
@@ -14,6 +17,15 @@ template <class Number>
 constexpr Number Rounds(Number all) {
   const Number some = kThreadSanitizer ? all / 50 : kAddressSanitizer ? all / 20 : all;
   return some > 0 ? some : Number{1};
+}
+
+// Whether a test with random values runs another round, the first being 1: as many as Rounds says,
+// and for ZEPH_RANDOM_SECONDS if that is set, to look for longer.
+inline bool MoreRounds(unsigned round, unsigned all) {
+  static const char* const seconds = getenv("ZEPH_RANDOM_SECONDS");
+  static const auto start = std::chrono::steady_clock::now();
+  if (!seconds) return round <= Rounds(all);
+  return std::chrono::steady_clock::now() - start < std::chrono::seconds(atoi(seconds));
 }
 
 // The distance of the places that a sweep over many of them takes: every place in a plain build, a
