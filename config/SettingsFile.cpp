@@ -52,17 +52,22 @@ std::string WhyNoSettings(const FoundSettings& found) {
          config_file_system + " exists";
 }
 
-std::string ReadSettings(const char* path, struct stat* status, std::string* text) {
+std::string ReadSettings(const char* path, struct stat* status, std::string* text, bool* may_pass) {
+  const auto call_failed = [may_pass] {
+    if (may_pass != nullptr) *may_pass = true;
+    return ErrorText(errno);
+  };
+  if (may_pass != nullptr) *may_pass = false;
   // A FIFO named by mistake must not hang the request.
   FileDescriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat opened;
-  if (!file.is_open() || fstat(file.get(), &opened) != 0) return ErrorText(errno);
+  if (!file.is_open() || fstat(file.get(), &opened) != 0) return call_failed();
   *status = opened;
   if (!S_ISREG(opened.st_mode)) return "Not a regular file";
   for (char buffer[16384]; off_t(text->size()) <= largest_file;) {
     ssize_t count = read(file.get(), buffer, sizeof buffer);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return ErrorText(errno);
+    if (count < 0) return call_failed();
     if (count == 0) return "";
     text->append(buffer, size_t(count));
   }

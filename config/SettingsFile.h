@@ -29,7 +29,11 @@ std::string WhyNoSettings(const FoundSettings& found);
 
 // Reads a regular file of at most 16 MB whole. Returns the error text, empty on success. *status is
 // that of the file that was read, which may have been replaced since it was found; it stays as it
-// was if no file could be opened. On failure *text may have a part of the file.
-std::string ReadSettings(const char* path, struct stat* status, std::string* text);
+// was if no file could be opened. On failure *text may have a part of the file. *may_pass, if not
+// null, is set to true if a system call failed, and to false otherwise: a later call may then
+// succeed although the status of the file is the same, because this does not show who may read it
+// or how many descriptors the process has left.
+std::string ReadSettings(const char* path, struct stat* status, std::string* text,
+                         bool* may_pass = nullptr);
 
 #endif

@@ -99,23 +99,28 @@ void SnapshotStore::Reload() {
   std::string file = FullPath(found.path);
   std::string text;
   std::string error;
+  bool may_pass = false;
   if (found.error != 0) {
     error = WhyNoSettings(found);
-  } else if (std::string problem = ReadSettings(found.path, &found.status, &text);
+  } else if (std::string problem = ReadSettings(found.path, &found.status, &text, &may_pass);
              !problem.empty()) {
     error = file + ": " + problem;
   }
   // That of the bytes that were read, because the file may have been replaced since it was found.
-  const Identity identity = IdentityOf(found);
+  Identity identity = IdentityOf(found);
   // For a file that could not be read the error counts as its content, so that a second look at the
   // same state reports nothing again.
-  const std::string& content = error.empty() ? text : error;
-  bool same = current != nullptr && identity == seen && content == seen_text;
-  seen = identity;
-  settled = !error.empty() || !WithinTick(identity.modified);
-  if (same) return;
-  seen_text = content;
-  Install(error.empty() ? Snapshot::Parse(file, text) : Snapshot::Failed(error));
+  std::string& content = error.empty() ? text : error;
+  const bool same = current != nullptr && identity == seen && content == seen_text;
+  const bool is_settled = !may_pass && (!error.empty() || !WithinTick(identity.modified));
+  if (!same) {
+    Install(error.empty() ? Snapshot::Parse(file, text) : Snapshot::Failed(error));
+    // Not before, because Install throws if there is no memory. The next call then has to read this
+    // state again.
+    seen = std::move(identity);
+    seen_text = std::move(content);
+  }
+  settled = is_settled;
 }
 
 void SnapshotStore::Update(View* view) {

@@ -64,7 +64,8 @@ class SnapshotStore {
   Identity seen;
   std::string seen_text;
   // False while the file is so young that another write in the same tick of the clock could leave
-  // its identity unchanged. The next call then reads it again to be sure.
+  // its identity unchanged, and after a failure that may pass although the file stays the same. The
+  // next call then reads it again to be sure.
   bool settled = false;
 };
 

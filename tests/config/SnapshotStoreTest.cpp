@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,11 +10,15 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "base/core/ThreadMemory.h"
 #include "base/host/Settings.h"
+#include "tests/support/FailingAllocator.h"
+#include "tests/support/OtherUser.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
@@ -222,6 +227,132 @@ TEST_F(SnapshotStoreTest, FileThatCannotBeLookedAtIsAnError) {
   directory.Link("test.toml", "test.toml");
   EXPECT_EQ(store.Current()->error, file + ": Too many levels of symbolic links");
 }
+
+// --- Failures that pass --------------------------------------------------------------------------
+
+// While it exists, the process can open nothing.
+class NoDescriptors {
+ public:
+  NoDescriptors() {
+    if (getrlimit(RLIMIT_NOFILE, &before) != 0) abort();
+    const rlimit none = {0, before.rlim_max};
+    if (setrlimit(RLIMIT_NOFILE, &none) != 0) abort();
+  }
+  ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before); }
+  NoDescriptors(const NoDescriptors&) = delete;
+  NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+ private:
+  rlimit before;
+};
+
+// chmod changes nothing that the store looks at.
+TEST_F(SnapshotStoreTest, FileIsReadWhenItBecomesReadable) {
+  chmod(directory.path().c_str(), 0755);
+  Write("timeout_global = 5\n");
+  Age(file, 0);
+  chmod(file.c_str(), 0);
+  SnapshotStore::View view;
+  {
+    const OtherUser other;
+    for (int i = 0; i < 2; i++) {
+      store.Update(&view);
+      EXPECT_EQ(view.snapshot->error, file + ": Permission denied");
+    }
+  }
+  chmod(file.c_str(), 0644);
+  const OtherUser other;
+  store.Update(&view);
+  ASSERT_EQ(view.snapshot->error, "");
+  EXPECT_EQ(Timeout(), 5);
+}
+
+TEST_F(SnapshotStoreTest, ChangeIsTakenWhenItBecomesReadable) {
+  chmod(directory.path().c_str(), 0755);
+  Write("timeout_global = 5\n");
+  Age(file, 0);
+  SnapshotStore::View view;
+  store.Update(&view);
+  Replace("timeout_global = 6\n");
+  Age(file, 1);
+  chmod(file.c_str(), 0);
+  testing::internal::CaptureStderr();
+  {
+    const OtherUser other;
+    for (int i = 0; i < 3; i++) {
+      store.Update(&view);
+      EXPECT_EQ(view.snapshot->Find(Config_timeout_global)->integer, 5);
+    }
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "libzephconfig: " + file +
+                ": Permission denied; the last good configuration stays in force\n");
+  chmod(file.c_str(), 0644);
+  const OtherUser other;
+  store.Update(&view);
+  EXPECT_EQ(view.snapshot->Find(Config_timeout_global)->integer, 6);
+  EXPECT_EQ(view.snapshot->generation, 2u);
+  EXPECT_TRUE(view.settled);
+}
+
+TEST_F(SnapshotStoreTest, FileIsReadWhenTheProcessHasDescriptorsAgain) {
+  Write("timeout_global = 5\n");
+  Age(file, 0);
+  {
+    const NoDescriptors none;
+    EXPECT_EQ(store.Current()->error, file + ": Too many open files");
+    EXPECT_EQ(store.Current()->error, file + ": Too many open files");
+  }
+  ASSERT_EQ(store.Current()->error, "");
+  EXPECT_EQ(Timeout(), 5);
+  Replace("timeout_global = 6\n");
+  Age(file, 1);
+  testing::internal::CaptureStderr();
+  {
+    const NoDescriptors none;
+    EXPECT_EQ(Timeout(), 5);
+    EXPECT_EQ(Timeout(), 5);
+  }
+  EXPECT_EQ(Timeout(), 6);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "libzephconfig: " + file +
+                ": Too many open files; the last good configuration stays in force\n");
+}
+
+// Each block of memory is refused once while a change is taken. The next look takes the change.
+TEST_F(SnapshotStoreTest, ChangeIsTakenWhenThereIsMemoryAgain) {
+  if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
+  for (FailingAllocator::Mode mode : {FailingAllocator::Once, FailingAllocator::FromThereOn}) {
+    SnapshotStore::View view;
+    bool refused = true;
+    int number = 0;
+    int failures = 0;
+    while (refused && !HasFailure()) {
+      number++;
+      SCOPED_TRACE(number);
+      const int value = (mode == FailingAllocator::Once ? 1000 : 5000) + number;
+      Replace("timeout_global = " + std::to_string(value) +
+              "\n[variables.global]\na_variable_with_a_long_name = 'a text that needs a block'\n");
+      Age(file, value);
+      {
+        const FailingAllocator allocator(number, mode);
+        try {
+          store.Update(&view);
+        } catch (const std::bad_alloc&) {
+          failures++;
+        }
+        refused = FailingAllocator::Refused();
+      }
+      store.Update(&view);
+      ASSERT_EQ(view.snapshot->error, "");
+      EXPECT_EQ(view.snapshot->Find(Config_timeout_global)->integer, value);
+      EXPECT_EQ(Timeout(), value);
+    }
+    EXPECT_GT(failures, 5);
+  }
+}
+
+// --- Where the file is ---------------------------------------------------------------------------
 
 // The working directory belongs to the whole process, so each test restores it.
 class WorkingDirectory {
