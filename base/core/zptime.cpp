@@ -32,6 +32,7 @@ void zp_gettimevalues(ZPTIME* values) {
 
 void zp_settimevalues(ZPTIME* values, const struct timeval& moment) {
   struct tm local = {};
+  local.tm_zone = "";  // for a year that is out of range
   localtime_r(&moment.tv_sec, &local);
   values->seconds = moment.tv_sec;
   values->microseconds = moment.tv_usec;
@@ -46,7 +47,9 @@ void zp_settimevalues(ZPTIME* values, const struct timeval& moment) {
   values->weekday_name = kWeekdays[local.tm_wday];
   values->yearday = local.tm_yday + 1;
   values->dst = local.tm_isdst;
-  values->zone_name = tzname[local.tm_isdst ? 1 : 0];
+  // Not tzname, which each call of localtime_r in any thread sets to the names of its own moment.
+  // The text is never freed.
+  values->zone_name = local.tm_zone;
 }
 
 time_t zp_to_time_t(int year, int month, int day, int hour, int minute, int second) {

@@ -1,8 +1,11 @@
 #include "base/core/zptime.h"
 
+#include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "gtest/gtest.h"
 
@@ -144,6 +147,36 @@ TEST(ZPTime, ZoneNameFollowsDaylightSaving) {
   zp_gettimevalues(&now);
   EXPECT_EQ(now.dst, 0);
   EXPECT_STREQ(now.zone_name, "AAA");
+}
+
+// Another thread's local time in 1970, when "BST" was the name of London's standard time.
+TEST(ZPTime, ZoneNameIsThatOfTheMomentWhateverOtherThreadsDo) {
+  if (!std::filesystem::exists("/usr/share/zoneinfo/Europe/London")) GTEST_SKIP();
+  Zone set("Europe/London");
+  ZPTIME values;
+  zp_settimevalues(&values, {0, 0});
+  EXPECT_STREQ(values.zone_name, "BST");
+  EXPECT_EQ(values.dst, 0);
+  std::atomic<bool> stop{false};
+  std::thread other([&stop] {
+    while (!stop) {
+      const time_t epoch = 0;
+      struct tm local;
+      localtime_r(&epoch, &local);
+    }
+  });
+  for (int i = 0; i < 100'000 && !HasFailure(); i++) {
+    zp_settimevalues(&values, {1705316400, 0});
+    EXPECT_STREQ(values.zone_name, "GMT") << "after " << i;
+  }
+  stop = true;
+  other.join();
+}
+
+TEST(ZPTime, YearOutOfRangeIsSafe) {
+  ZPTIME values;
+  zp_settimevalues(&values, {INT64_MAX, 0});
+  EXPECT_NE(values.zone_name, nullptr);
 }
 
 }  // namespace
