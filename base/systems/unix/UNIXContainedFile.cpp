@@ -20,7 +20,6 @@
 #include <memory>
 #include <new>
 #include <optional>
-#include <utility>
 
 #include "base/host/ZephApplication.h"
 #include "base/systems/unix/SystemCalls.h"
@@ -85,7 +84,6 @@ UNIXFileManager::UNIXFileManager(ZephApplication* application, UNIXFileManager& 
   const auto copy = [](const UNIXFilePath* path) {
     return path == nullptr ? nullptr : new UNIXFilePath(*path);
   };
-  (void)other.OpenScriptDirectory();
   script_path = copy(other.script_path);
   script_directory = Duplicate(other.script_directory);
   data_path = copy(other.data_path);
@@ -97,18 +95,7 @@ UNIXFileManager::UNIXFileManager(ZephApplication* application, UNIXFileManager& 
   kept_descriptors = other.kept_descriptors;
 }
 
-void UNIXFileManager::UseScriptDirectory(String&& path) {
-  later_script_path = std::move(path);
-}
-
-bool UNIXFileManager::OpenScriptDirectory() {
-  if (!later_script_path.data) return true;
-  const String path = std::move(later_script_path);
-  return InitializeScriptDirectory(path.data, nullptr);
-}
-
 bool UNIXFileManager::InitializeScriptDirectory(const char* path, const char* user) {
-  later_script_path.destroy();
   return InitializeDirectory("script", user, path, security_flags & FileSecurity_ScriptSymlinks,
                              security_flags & FileSecurity_ScriptOtherOwner, &script_path,
                              &script_directory);
@@ -170,7 +157,6 @@ bool UNIXFileManager::ContainedPathSettings(Zeph_PathType type,
   };
   switch (type) {
     case ZephPath_Script:
-      if (!OpenScriptDirectory()) return false;
       if (script_path == nullptr) return Fail("There is no configured script directory");
       return fill(script_directory, script_path, FileSecurity_ScriptSymlinks,
                   FileSecurity_ScriptOtherOwner, FileSecurity_ScriptAbsolute);

@@ -189,8 +189,6 @@ class UNIXFileManager : public FileManager {
   // path is absolute. The user, if not null, is named in the text of a failure. REQUIRES:
   // SecurityOptions was called before, because its flags decide which links on the way are allowed.
   virtual bool InitializeScriptDirectory(const char* path, const char* user);
-  // UseScriptDirectory opens it only when something needs it, and cannot fail before that.
-  void UseScriptDirectory(String&& path);
   virtual bool InitializeDataDirectory(const char* path);
   virtual bool InitializeTempDirectory(const char* path);
 
@@ -253,8 +251,6 @@ class UNIXFileManager : public FileManager {
   // MakeTemporary tries the numbers below this. A test lowers it to see how they run out.
   static inline unsigned temporary_limit = 0x7FFFFFFE;
 
-  // The script directory that is to be opened when something needs it; null if there is none.
-  String later_script_path;
   UNIXFilePath* script_path = nullptr;
   int script_directory = -1;
   UNIXFilePath* data_path = nullptr;
@@ -287,8 +283,6 @@ class UNIXFileManager : public FileManager {
   // Removes a new file, of that full name in its directory, that no one will get.
   static void Discard(int directory, const char* path);
 
-  // Opens a script directory that was to be opened later.
-  bool OpenScriptDirectory();
   bool InitializeDirectory(const char* what, const char* user, const char* path, bool symlinks,
                            bool other_owner, UNIXFilePath** text, int* descriptor);
   // Returns true if the path is inside the base directory by its text. Moves *path past leading

@@ -13,7 +13,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "base/systems/unix/SystemCalls.h"
@@ -221,28 +220,35 @@ bool PassesReadableOnly(int base, const char* path) {
   return true;
 }
 
+// The same for the way that the kernel has just walked. To a configured directory it is checked
+// once in each thread; a path below one may name anything, and is checked each time.
+bool IsReadableWay(int base, const char* path) {
+  if (*path != '/') return PassesReadableOnly(base, path);
+  KnownPaths& known = KnownToThread();
+  if (known.Contains(path)) return true;
+  if (!PassesReadableOnly(base, path)) return false;
+  known.Add(path);
+  return true;
+}
+
 // Lets the kernel do the whole walk, if the result must be the same: there is no link on the way,
 // and each directory on the way could be opened for reading. The kernel does not check the latter,
 // because it requires only search permission. The check costs one call for each directory, while
-// opening and closing it costs two, more expensive ones. For a configured directory the check is
-// made once in each thread.
+// opening and closing it costs two, more expensive ones.
 //
-// Returns a descriptor, or -1 when the element-by-element walk has to decide.
-int WalkInOneCall(int base, const char* path) {
-  // For one element the walk takes one call as well. With ".." it may have to keep a trail.
-  if (strchr(path, '/') == nullptr || strstr(path, "..") != nullptr) return -1;
-  KnownPaths& known = KnownToThread();
+// Returns a descriptor, or -1 when the element-by-element walk has to decide. REQUIRES: the path
+// has no "..", with which the walk may have to keep a trail.
+int OpenInOneCall(int base, const char* path) {
   FileDescriptor opened(system_calls.open_without_links(base, path, walk_flags));
-  if (opened.get() <= 0) return -1;
-  if (*path == '/') {
-    if (!known.Contains(path)) {
-      if (!PassesReadableOnly(base, path)) return -1;
-      known.Add(path);
-    }
-  } else if (!PassesReadableOnly(base, path)) {
-    return -1;
-  }
+  if (opened.get() <= 0 || !IsReadableWay(base, path)) return -1;
   return opened.release();
+}
+
+// The same for any path.
+int WalkInOneCall(int base, const char* path) {
+  // For one element the walk takes one call as well.
+  if (strchr(path, '/') == nullptr || strstr(path, "..") != nullptr) return -1;
+  return OpenInOneCall(base, path);
 }
 
 // Returns a PathWalkResult.
@@ -279,31 +285,26 @@ File* UNIXReentrantFileManager::OpenScript(String* directory, const char* path) 
   constexpr int special =
       FileSecurity_ScriptSymlinks | FileSecurity_ScriptOtherOwner | FileSecurity_ScriptAbsolute;
   const char* root = directory->data;
-  if (max_files != 0 || (security_flags & special) != 0 || !KnownToThread().Contains(root) ||
+  if (max_files != 0 || (security_flags & special) != 0 || root == nullptr || *root != '/' ||
       *path == 0 || *path == '/' || strstr(path, "..") != nullptr) {
     return nullptr;
   }
-  const auto length = static_cast<size_t>(directory->length);
-  const size_t more = strlen(path);
-  char text[PATH_MAX];
-  if (length + 1 + more >= sizeof(text)) return nullptr;
-  memcpy(text, root, length);
-  text[length] = '/';
-  memcpy(text + length + 1, path, more + 1);
-  FileDescriptor opened(system_calls.open_without_links(AT_FDCWD, text, walk_flags));
-  if (opened.get() <= 0) return nullptr;
-  // The way to the script directory was checked before; the directory itself is checked each time,
-  // and so are those below it.
-  for (char* slash = text + length; slash != nullptr; slash = strchr(slash + 1, '/')) {
-    *slash = 0;
-    const bool readable = system_calls.check_readable(AT_FDCWD, text) == 0;
-    *slash = '/';
-    if (!readable) return nullptr;
-  }
+  // Kept open: whatever the request opens later comes from the tree that its script came from, also
+  // if another directory has got that name by then.
+  FileDescriptor base(WalkInOneCall(AT_FDCWD, root));
+  if (!base.is_open()) return nullptr;
+  FileDescriptor opened(OpenInOneCall(base.get(), path));
+  if (!opened.is_open()) return nullptr;
   std::unique_ptr<File> file(Adopt(opened, FileMode_Read, ZephPath_Script, path));
   bool is_directory;
   if (!file->IsDirectory(&is_directory) || is_directory) return nullptr;
-  UseScriptDirectory(std::move(*directory));
+  // Adopts the text only when nothing can fail any more.
+  auto text = std::make_unique<UNIXFilePath>(directory->data, false);
+  (void)directory->release();
+  delete script_path;
+  script_path = text.release();
+  if (script_directory >= 0) close(script_directory);
+  script_directory = base.release();
   return file.release();
 }
 

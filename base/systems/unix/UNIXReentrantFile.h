@@ -16,11 +16,12 @@ class UNIXReentrantFileManager : public UNIXFileManager {
   // See UNIXFileManager.
   UNIXReentrantFileManager(ZephApplication* application, UNIXReentrantFileManager& other);
 
-  // Opens a script for reading with one walk from the root of the file system, if nothing on the
-  // way needs a look of its own: no link, no "..", no directory that cannot be read. Returns null
-  // and stores no text if that is not sure, or if there is no such file: InitializeScriptDirectory
-  // and Open then find out. On success *directory, the absolute path of the script directory, is
-  // used as by UseScriptDirectory. REQUIRES: SecurityOptions and MaxFiles were called before.
+  // Opens the script directory and, for reading, a script in it, in two calls of the system, if
+  // nothing on the way needs a look of its own: no link, no "..", no directory that cannot be read.
+  // Returns null and stores no text if that is not sure, or if there is no such file:
+  // InitializeScriptDirectory and Open then find out, and nothing has changed. On success the
+  // directory is as InitializeScriptDirectory leaves it, and takes the text of its path out of
+  // *directory. REQUIRES: SecurityOptions and MaxFiles were called before.
   [[nodiscard]] File* OpenScript(String* directory, const char* path);
 
   // Opens a directory, or any file that the path names, for reading. A relative path starts at

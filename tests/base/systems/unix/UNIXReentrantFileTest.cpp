@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -13,6 +15,8 @@
 #include <vector>
 
 #include "tests/base/systems/unix/FileFixture.h"
+#include "tests/support/FailingAllocator.h"
+#include "tests/support/FailingSystemCalls.h"
 #include "tests/support/OtherUser.h"
 
 namespace {
@@ -281,13 +285,38 @@ TEST_F(ReentrantScript, SettingsOfLinksAndFilesAreForTheOtherRoad) {
   EXPECT_EQ(Content("page.zpc"), "-");
 }
 
+int script_checks;
+
 TEST_F(ReentrantScript, AThreadThatDoesNotKnowTheWayLooksAtItFirst) {
+  RestoredSystemCalls restored;
+  system_calls.check_readable = [](int directory, const char* path) {
+    script_checks++;
+    return CheckReadable(directory, path);
+  };
   std::thread([this] {
     UNIXReentrantFileManager manager(&application);
-    EXPECT_EQ(Content(&manager, root, "page.zpc"), "-");
-    EXPECT_TRUE(manager.InitializeScriptDirectory(root.c_str(), nullptr));
-    EXPECT_EQ(Content(&manager, root, "page.zpc"), "page");
+    const auto above = static_cast<int>(std::count(root.begin(), root.end(), '/'));
+    for (int expected : {above, 0, 0}) {
+      script_checks = 0;
+      EXPECT_EQ(Content(&manager, root, "page.zpc"), "page");
+      EXPECT_EQ(script_checks, expected);
+    }
+    script_checks = 0;
+    EXPECT_EQ(Content(&manager, root, "a/b/page.zpc"), "deep");
+    EXPECT_EQ(script_checks, 2);
   }).join();
+}
+
+// A relative path would begin in the working directory.
+TEST_F(ReentrantScript, DirectoryThatIsNotAbsoluteIsLeftToTheOtherRoad) {
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(tree.path());
+  EXPECT_EQ(Content("page.zpc"), "page");
+  EXPECT_EQ(Content(&files, "script/a", "b/page.zpc"), "-");
+  EXPECT_EQ(Content(&files, "", "script/page.zpc"), "-");
+  std::filesystem::current_path(before);
+  String none;
+  EXPECT_EQ(files.OpenScript(&none, "page.zpc"), nullptr);
 }
 
 TEST_F(ReentrantScript, DirectoriesOnItsWayMustBeReadable) {
@@ -308,7 +337,7 @@ TEST_F(ReentrantScript, DirectoriesOnItsWayMustBeReadable) {
   }
 }
 
-TEST_F(ReentrantScript, ItsDirectoryIsOpenedWhenSomethingNeedsIt) {
+TEST_F(ReentrantScript, ItsDirectoryIsOpenedWithIt) {
   UNIXReentrantFileManager manager(&application);
   EXPECT_EQ(nullptr, manager.Open(ZephPath_Script, "page.zpc", FileMode_Read));
   EXPECT_EQ(Content(&manager, root, "page.zpc"), "page");
@@ -317,14 +346,107 @@ TEST_F(ReentrantScript, ItsDirectoryIsOpenedWhenSomethingNeedsIt) {
   UNIXReentrantFileManager of_task(&application, manager);
   file.reset(of_task.Open(ZephPath_Script, "page.zpc", FileMode_Read));
   EXPECT_NE(file, nullptr);
-  // A task may be the first that needs it.
-  UNIXReentrantFileManager second(&application);
-  EXPECT_EQ(Content(&second, root, "page.zpc"), "page");
-  UNIXReentrantFileManager of_second(&application, second);
-  file.reset(of_second.Open(ZephPath_Script, "page.zpc", FileMode_Read));
-  EXPECT_NE(file, nullptr);
+  // A second script takes the place of the first.
+  tree.File("other/page.zpc", "other");
+  EXPECT_EQ(Content(&manager, tree.path("other"), "page.zpc"), "other");
+  EXPECT_EQ(nullptr, manager.Open(ZephPath_Script, "a/b/page.zpc", FileMode_Read));
   // A file ends before its manager.
   file.reset();
+}
+
+// A site is replaced while a request runs. All that this request opens is of one version.
+TEST_F(ReentrantScript, ItsDirectoryStaysTheOneThatItCameFrom) {
+  const auto read = [](UNIXReentrantFileManager* manager, const char* path) {
+    const std::unique_ptr<File> file(manager->Open(ZephPath_Script, path, FileMode_Read));
+    if (!file) return "[" + Text(manager->error()) + "]";
+    char text[100];
+    const int count = file->Read(text, sizeof text);
+    return count < 0 ? "failed" : std::string(text, static_cast<size_t>(count));
+  };
+  UNIXReentrantFileManager request(&application);
+  String directory(root.c_str());
+  const std::unique_ptr<File> script(request.OpenScript(&directory, "page.zpc"));
+  ASSERT_NE(script, nullptr);
+  std::filesystem::rename(root, tree.path("script.old"));
+  tree.File("script/page.zpc", "new page");
+  tree.File("script/a/b/page.zpc", "new deep");
+  EXPECT_EQ(read(&request, "a/b/page.zpc"), "deep");
+  EXPECT_EQ(read(&request, "page.zpc"), "page");
+  UNIXReentrantFileManager task(&application, request);
+  EXPECT_EQ(read(&task, "a/b/page.zpc"), "deep");
+  request.DeactivateFile(script.get());
+  char text[4];
+  ASSERT_EQ(script->Read(text, 4), 4);
+  EXPECT_EQ(std::string(text, 4), "page");
+  UNIXReentrantFileManager next(&application);
+  EXPECT_EQ(Content(&next, root, "page.zpc"), "new page");
+  EXPECT_EQ(read(&next, "a/b/page.zpc"), "new deep");
+}
+
+// The next file of a script, or a task of it, meets the end of the descriptors.
+TEST_F(ReentrantScript, ItsDirectoryOutlivesALackOfDescriptors) {
+  UNIXReentrantFileManager manager(&application);
+  EXPECT_EQ(Content(&manager, root, "page.zpc"), "page");
+  std::unique_ptr<File> file;
+  for (int error : {EMFILE, ENFILE}) {
+    {
+      const FailingSystemCalls failing(1, error, FailingSystemCalls::FromThereOn);
+      for (int i = 0; i < 2; i++) {
+        file.reset(manager.Open(ZephPath_Script, "page.zpc", FileMode_Read));
+        EXPECT_EQ(file, nullptr);
+        EXPECT_EQ(Text(manager.error()), strerror(error));
+      }
+      UNIXReentrantFileManager task(&application, manager);
+      file.reset(task.Open(ZephPath_Script, "page.zpc", FileMode_Read));
+      EXPECT_EQ(file, nullptr);
+    }
+    file.reset(manager.Open(ZephPath_Script, "page.zpc", FileMode_Read));
+    EXPECT_NE(file, nullptr);
+    UNIXReentrantFileManager task(&application, manager);
+    file.reset(task.Open(ZephPath_Script, "page.zpc", FileMode_Read));
+    EXPECT_NE(file, nullptr);
+    file.reset();
+  }
+}
+
+TEST_F(ReentrantScript, EachOfItsSystemCallsMayFail) {
+  std::unique_ptr<UNIXReentrantFileManager> manager;
+  std::unique_ptr<File> file;
+  String directory;
+  SystemCallSweep sweep;
+  sweep.prepare = [&] {
+    manager = std::make_unique<UNIXReentrantFileManager>(&application);
+    directory.assign(root.c_str());
+  };
+  sweep.run = [&] { file.reset(manager->OpenScript(&directory, "a/b/page.zpc")); };
+  sweep.check = [&](const SystemCallFault& fault) {
+    EXPECT_TRUE(file || !fault.call.empty());
+    // With the script there is its directory, and without it nothing has changed.
+    EXPECT_STREQ(directory.data, file ? nullptr : root.c_str());
+    file.reset(manager->Open(ZephPath_Script, "page.zpc", FileMode_Read));
+    EXPECT_EQ(file != nullptr, directory.data == nullptr);
+    file.reset();
+    manager.reset();
+  };
+  ExpectEachSystemCallMayFail(sweep);
+}
+
+TEST_F(ReentrantScript, EachOfItsBlocksMayBeRefused) {
+  const long blocks = ExpectNothingIsLost([this] {
+    UNIXReentrantFileManager manager(&application);
+    String directory(root.c_str());
+    const std::unique_ptr<File> file(manager.OpenScript(&directory, "a/b/page.zpc"));
+    EXPECT_NE(file, nullptr);
+  });
+  EXPECT_GE(blocks, 3);
+}
+
+TEST_F(ReentrantScript, WhatIsNotOneLeavesNoDescriptorOpen) {
+  const int before = OpenDescriptors();
+  for (const char* path : {"a", "none.zpc", "a/none/page.zpc", "link.zpc", "page.zpc/x"}) {
+    EXPECT_EQ(Content(path), "-") << path;
+  }
+  EXPECT_EQ(OpenDescriptors(), before);
 }
 
 int flags_set;
@@ -602,6 +724,14 @@ TEST_F(Reentrant, ConfiguredDirectoriesAreAskedForOnceAThread) {
   std::thread other([&] { elsewhere = questions("/once/a/b"); });
   other.join();
   EXPECT_EQ(elsewhere, 3);
+  // A thread knows four ways. The fifth takes the place of the first, and so on.
+  std::thread([&] {
+    const std::string roots[] = {"/1/a", "/2/a", "/3/a", "/4/a", "/5/a"};
+    for (int round = 0; round < 3; round++) {
+      for (const std::string& root : roots) EXPECT_EQ(questions(root.c_str()), 2) << root;
+    }
+    EXPECT_EQ(questions("/2/a"), 0);
+  }).join();
 }
 
 TEST_F(Reentrant, RefusalOfTheOneCallIsDecidedByTheWalk) {
