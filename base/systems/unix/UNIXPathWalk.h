@@ -18,6 +18,11 @@ constexpr int walk_flags = O_RDONLY | O_NOFOLLOW | quiet_flags;
 // Room for the text of a link and the path after it, NUL included.
 constexpr int link_text_size = 1024;
 
+// For so many seconds a thread need not check again that the directories above a configured one are
+// readable. If their permissions change, all threads agree after that time. Only a test writes to
+// it, while no other thread runs.
+inline int known_way_seconds = 5;
+
 // The targets that links led to, known by device and inode. A second link to one of them is a loop.
 class SeenTargets : public HashTable<struct stat> {
  public:

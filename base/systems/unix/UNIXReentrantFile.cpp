@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <optional>
 #include <string>
@@ -180,20 +181,44 @@ class Walker {
   char text[PATH_MAX];
 };
 
-// The configured directories on whose whole path this thread has found every directory readable.
-// Every request opens them again, and the directories above them hardly ever change.
+// The configured directories on whose whole path this thread has lately found every directory
+// readable. Every request opens them again, and the directories above them hardly ever change.
 class KnownPaths {
  public:
   bool Contains(const char* path) const {
-    for (const std::string& known : paths) {
-      if (known == path) return true;
+    for (const Known& known : paths) {
+      if (known.path == path) return Seconds() - known.checked < known_way_seconds;
     }
     return false;
   }
-  void Add(const char* path) { paths[next++ % paths.size()] = path; }
+  // Adds a path that has just been checked.
+  void Add(const char* path) {
+    Known& known = PlaceOf(path);
+    known.path = path;
+    known.checked = Seconds();
+  }
 
  private:
-  std::array<std::string, 4> paths;
+  struct Known {
+    std::string path;  // empty in a free place
+    time_t checked = 0;
+  };
+
+  // The place that the path has already, or else the one that is replaced.
+  Known& PlaceOf(const char* path) {
+    for (Known& known : paths) {
+      if (known.path == path) return known;
+    }
+    return paths[next++ % paths.size()];
+  }
+  // Whole seconds of a clock that is never set.
+  static time_t Seconds() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return now.tv_sec;
+  }
+
+  std::array<Known, 4> paths;
   unsigned next = 0;
 };
 
@@ -220,8 +245,8 @@ bool PassesReadableOnly(int base, const char* path) {
   return true;
 }
 
-// The same for the way that the kernel has just walked. To a configured directory it is checked
-// once in each thread; a path below one may name anything, and is checked each time.
+// The same for the way that the kernel has just walked. To a configured directory it is checked now
+// and then in each thread; a path below one may name anything, and is checked each time.
 bool IsReadableWay(int base, const char* path) {
   if (*path != '/') return PassesReadableOnly(base, path);
   KnownPaths& known = KnownToThread();

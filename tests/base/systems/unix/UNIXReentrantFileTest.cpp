@@ -12,8 +12,10 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "base/systems/unix/UNIXPathWalk.h"
 #include "tests/base/systems/unix/FileFixture.h"
 #include "tests/support/FailingAllocator.h"
 #include "tests/support/FailingSystemCalls.h"
@@ -226,6 +228,18 @@ TEST_F(Reentrant, DirectoriesOnTheWayMustBeReadable) {
 
 // --- Directories that move -----------------------------------------------------------------------
 
+// Sets how long a thread knows a way, in seconds, and restores that at the end.
+class KnownFor {
+ public:
+  explicit KnownFor(int seconds) : before(std::exchange(known_way_seconds, seconds)) {}
+  ~KnownFor() { known_way_seconds = before; }
+  KnownFor(const KnownFor&) = delete;
+  KnownFor& operator=(const KnownFor&) = delete;
+
+ private:
+  int before;
+};
+
 class ReentrantScript : public Reentrant {
  protected:
   ReentrantScript() : root(tree.path("script")) {
@@ -288,6 +302,7 @@ TEST_F(ReentrantScript, SettingsOfLinksAndFilesAreForTheOtherRoad) {
 int script_checks;
 
 TEST_F(ReentrantScript, AThreadThatDoesNotKnowTheWayLooksAtItFirst) {
+  const KnownFor long_time(1000);
   RestoredSystemCalls restored;
   system_calls.check_readable = [](int directory, const char* path) {
     script_checks++;
@@ -447,6 +462,29 @@ TEST_F(ReentrantScript, WhatIsNotOneLeavesNoDescriptorOpen) {
     EXPECT_EQ(Content(path), "-") << path;
   }
   EXPECT_EQ(OpenDescriptors(), before);
+}
+
+// The permissions of the directories above change while a thread knows the way.
+TEST_F(ReentrantScript, AWayThatIsClosedIsNoticedAfterAWhile) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs another user to be";
+  for (const char* name : {"", "script", "script/a", "script/a/b"})
+    ASSERT_EQ(0, chmod(tree.path(name).c_str(), 0755));
+  const auto opens = [this] {
+    const OtherUser other;
+    const bool script = Content("page.zpc") == "page";
+    EXPECT_EQ(files.InitializeScriptDirectory(root.c_str(), nullptr), script);
+    return script;
+  };
+  const KnownFor expires(0);
+  EXPECT_TRUE(opens());
+  ASSERT_EQ(0, chmod(tree.path("").c_str(), 0711));
+  {
+    const KnownFor long_time(1000);
+    EXPECT_TRUE(opens());
+  }
+  EXPECT_FALSE(opens());
+  ASSERT_EQ(0, chmod(tree.path("").c_str(), 0755));
+  EXPECT_TRUE(opens());
 }
 
 int flags_set;
@@ -697,7 +735,9 @@ TEST_F(Reentrant, EveryDirectoryPassedIsAskedFor) {
   }
 }
 
-TEST_F(Reentrant, ConfiguredDirectoriesAreAskedForOnceAThread) {
+TEST_F(Reentrant, ConfiguredDirectoriesAreAskedForNowAndThenInEachThread) {
+  EXPECT_EQ(known_way_seconds, 5);
+  const KnownFor long_time(1000);
   static int asked;
   RestoredSystemCalls restored;
   system_calls.open_without_links = [](int, const char*, int) {
@@ -724,6 +764,12 @@ TEST_F(Reentrant, ConfiguredDirectoriesAreAskedForOnceAThread) {
   std::thread other([&] { elsewhere = questions("/once/a/b"); });
   other.join();
   EXPECT_EQ(elsewhere, 3);
+  {
+    const KnownFor expires(0);
+    EXPECT_EQ(questions("/once/a/b"), 3);
+    EXPECT_EQ(questions("/once/a/b"), 3);
+  }
+  EXPECT_EQ(questions("/once/a/b"), 0);
   // A thread knows four ways. The fifth takes the place of the first, and so on.
   std::thread([&] {
     const std::string roots[] = {"/1/a", "/2/a", "/3/a", "/4/a", "/5/a"};
@@ -731,6 +777,13 @@ TEST_F(Reentrant, ConfiguredDirectoriesAreAskedForOnceAThread) {
       for (const std::string& root : roots) EXPECT_EQ(questions(root.c_str()), 2) << root;
     }
     EXPECT_EQ(questions("/2/a"), 0);
+    // A way that is looked at again keeps its place, and no other one loses its own.
+    {
+      const KnownFor expires(0);
+      EXPECT_EQ(questions("/5/a"), 2);
+    }
+    for (const std::string& root : {roots[1], roots[2], roots[3], roots[4]})
+      EXPECT_EQ(questions(root.c_str()), 0) << root;
   }).join();
 }
 
