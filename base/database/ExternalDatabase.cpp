@@ -329,10 +329,12 @@ void ExternalDatabaseView::SetDirty(int dirty) {
   }
 }
 
-bool ExternalDatabaseView::HasStores() const {
+bool ExternalDatabaseView::HasStores() {
+  if (stores == 0 && !may_have_elements) return false;
   for (Variable* const field : fields.Slots()) {
     if (field && static_cast<ExternalDatabaseVariable*>(field)->HasStore()) return true;
   }
+  may_have_elements = false;
   return false;
 }
 

@@ -138,6 +138,11 @@ class ExternalDatabaseView : public DatabaseView {
   ExternalDatabase* external_database() { return owner; }
   ZephVM* program() { return vm; }
 
+  // How many variables have got or lost a stored value, and that one may have elements. Commit
+  // looks at the variables only if there is a reason.
+  void CountStores(int more) { stores += more; }
+  void NoteElements() { may_have_elements = true; }
+
   // A call of a function that works on a variable.
   class VariableCall {
    public:
@@ -168,14 +173,18 @@ class ExternalDatabaseView : public DatabaseView {
   bool Call(int (*function)(ZPDATABASEVIEW, Parameters...), const char* unsupported,
             Arguments... arguments);
   bool Fail(const String& text);
-  bool HasStores() const;
+  bool HasStores();
   void DropVariables();
 
   ExternalDatabase* owner;
   const _ZP_EL_Database* descriptor;
   void* library_data;
   int variable_calls = 0;
-  bool is_dropping = false;  // DropVariables runs
+  // Invariant: the number of variables in the table with a dirty flag. Those that are references by
+  // now, and have nothing to pass, count too.
+  int stores = 0;
+  bool may_have_elements = false;  // false: no variable in the table has elements
+  bool is_dropping = false;        // DropVariables runs
   int late_variables = 0;
 };
 
@@ -205,6 +214,7 @@ class ExternalDatabaseVariable final : public Variable {
   int SetValue_Nocopy(char* buffer, int length, int allocated) override;
   int SetValue_Integer(int value) override;
   int SetValue_Double(double value) override;
+  void Convert_Aggregate(AggregateType kind) override;
   void Convert_String() override;
   void Convert_Integer() override;
   void Convert_Double() override;
@@ -234,13 +244,22 @@ class ExternalDatabaseVariable final : public Variable {
 
  private:
   bool HasOwnValue() const { return redirected() || elements || dirty_flag || !owner; }
+  void SetFlag(int dirty) {
+    if (owner) owner->CountStores(dirty - dirty_flag);
+    dirty_flag = dirty;
+  }
   bool Ask(Form first, Form second, Form third);
   int CommitText(const String& text);
 
   ExternalDatabaseView* owner;
   const _ZP_EL_Database* descriptor;
   void* library_data;
-  int dirty_flag = 0;
+  int dirty_flag = 0;  // 1 or 0
 };
+
+// Libraries call it for each value that they store.
+inline void ExternalDatabaseVariable::SetDirty(int dirty) {
+  if (!redirected()) SetFlag(dirty != 0);
+}
 
 #endif

@@ -5,6 +5,7 @@
 
 #include "base/core/MeasuredLength.h"
 #include "base/core/Numbers.h"
+#include "base/core/ShortAssign.h"
 #include "base/database/ExternalDatabase.h"
 #include "base/database/PassedText.h"
 #include "base/host/ZephApplication.h"
@@ -35,6 +36,7 @@ void ExternalDatabaseVariable::Detach() {
       // This runs in a destructor. What the library has not given back by then stays with it.
     }
   }
+  owner->CountStores(-dirty_flag);
   owner = nullptr;
 }
 
@@ -58,9 +60,9 @@ int ExternalDatabaseVariable::preferred_type() {
 // short for a field that already has a text or a number.
 int ExternalDatabaseVariable::SetValue(const char* text, int length) {
   if (valid_forms() == TextForm) {
-    string_value.assign(text, length);
+    AssignShort(&string_value, text, length);
     primary = PrimaryText;
-    dirty_flag = 1;
+    SetFlag(1);
     return 1;
   }
   const int done = Variable::SetValue(text, length);
@@ -72,6 +74,7 @@ int ExternalDatabaseVariable::SetValue(const char* text, int length) {
 int ExternalDatabaseVariable::SetValue(Variable& source) {
   const VariableRef held = VariableRef::Share(this);
   const int done = Variable::SetValue(source);
+  if (elements && owner) owner->NoteElements();
   SetDirty(1);
   return done;
 }
@@ -87,7 +90,7 @@ int ExternalDatabaseVariable::SetValue_Integer(int value) {
     integer_value = value;
     SetForms(IntegerForm);
     primary = PrimaryInteger;
-    dirty_flag = 1;
+    SetFlag(1);
     return 1;
   }
   const int done = Variable::SetValue_Integer(value);
@@ -101,8 +104,9 @@ int ExternalDatabaseVariable::SetValue_Double(double value) {
   return done;
 }
 
-void ExternalDatabaseVariable::SetDirty(int dirty) {
-  if (!redirected()) dirty_flag = dirty != 0;
+void ExternalDatabaseVariable::Convert_Aggregate(AggregateType kind) {
+  Variable::Convert_Aggregate(kind);
+  if (elements && owner) owner->NoteElements();
 }
 
 // --- Reads ---------------------------------------------------------------------------------------

@@ -19,6 +19,14 @@ namespace {
 const char kBuiltin[] = "xbase3";
 const int kBuiltinLength = sizeof kBuiltin - 1;
 
+std::string_view Bytes(const PoppedString& text) {
+  return {text.data(), static_cast<size_t>(text.length())};
+}
+// REQUIRES: a text.
+std::string_view TextOf(const ZephVM_Stack::Stack_Entry& entry) {
+  return {entry.value.text, static_cast<size_t>(entry.length)};
+}
+
 // Joins literals and names to a message.
 class Message {
  public:
@@ -30,10 +38,11 @@ class Message {
     text.cat(name.data ? name.data : "", name.length);
     return *this;
   }
-  Message& operator<<(const PoppedString& name) {
-    text.cat(name.data(), name.length());
+  Message& operator<<(std::string_view name) {
+    text.cat(name.data(), static_cast<int>(name.size()));
     return *this;
   }
+  Message& operator<<(const PoppedString& name) { return *this << Bytes(name); }
   operator const String&() const { return text; }
 
  private:
@@ -47,31 +56,31 @@ bool IsBuiltin(const char* type, int length) {
 // Each finds what an instruction works on, or reports the error and returns false.
 // Loops over records do so at each step, so these are in line.
 
-[[gnu::always_inline]] inline bool FindDatabase(ZephVM& vm, int tag, const PoppedString& name,
+[[gnu::always_inline]] inline bool FindDatabase(ZephVM& vm, int tag, std::string_view name,
                                                 Database** database) {
   MachineDatabases& open = vm.Databases();
-  if (name.length() == 0) {
+  if (name.empty()) {
     *database = open.databases.First();
     if (*database) return true;
     vm.RuntimeError(tag, String("There is no primary database, and no database was specified"));
     return false;
   }
-  *database = open.databases_by_name.Find(name.data(), name.length());
+  *database = open.databases_by_name.Find(name.data(), static_cast<int>(name.size()));
   if (*database) return true;
   vm.EncodedRuntimeError(tag, Message() << "Database '" << name << "' is not open");
   return false;
 }
 
 [[gnu::always_inline]] inline bool FindDatabaseView(ZephVM& vm, int tag, Database* database,
-                                                    const PoppedString& name, DatabaseView** view) {
-  if (name.length() == 0) {
+                                                    std::string_view name, DatabaseView** view) {
+  if (name.empty()) {
     *view = database->PrimaryView();
     if (*view) return true;
     vm.EncodedRuntimeError(tag, Message()
                                     << "Database '" << database->name() << "' has no primary view");
     return false;
   }
-  *view = database->FindView(name.data(), name.length());
+  *view = database->FindView(name.data(), static_cast<int>(name.size()));
   if (*view) return true;
   vm.EncodedRuntimeError(
       tag, Message() << "Database '" << database->name() << "' has no view named '" << name << "'");
@@ -80,14 +89,24 @@ bool IsBuiltin(const char* type, int length) {
 
 bool GetDatabase(ZephVM& vm, int tag, Database** database) {
   const KeptString name(vm.CurrentStack());
-  return !vm.stopped() && FindDatabase(vm, tag, name, database);
+  return !vm.stopped() && FindDatabase(vm, tag, Bytes(name), database);
 }
 
 bool GetDatabaseView(ZephVM& vm, int tag, Database** database, DatabaseView** view) {
-  const KeptString view_name(vm.CurrentStack());
-  const KeptString name(vm.CurrentStack());
-  return !vm.stopped() && FindDatabase(vm, tag, name, database) &&
-         FindDatabaseView(vm, tag, *database, view_name, view);
+  ZephVM_Stack* const stack = vm.CurrentStack();
+  // Most names are constants of the script, which stay where they are.
+  if (stack->Entries() >= 2) {
+    ZephVM_Stack::Stack_Entry* const names = stack->End() - 2;
+    if (names[0].IsBorrowedText() && names[1].IsBorrowedText()) {
+      stack->SetEnd(names);
+      return !vm.stopped() && FindDatabase(vm, tag, TextOf(names[0]), database) &&
+             FindDatabaseView(vm, tag, *database, TextOf(names[1]), view);
+    }
+  }
+  const KeptString view_name(stack);
+  const KeptString name(stack);
+  return !vm.stopped() && FindDatabase(vm, tag, Bytes(name), database) &&
+         FindDatabaseView(vm, tag, *database, Bytes(view_name), view);
 }
 
 // The target is the database or the view that has done the work.
@@ -316,7 +335,7 @@ void ZephVM::dbprimary() {
   MoveToFront(open.databases, database);
   if (view_name.length() > 0) {
     DatabaseView* view;
-    if (!FindDatabaseView(*this, Tag_Primary, database, view_name, &view)) return;
+    if (!FindDatabaseView(*this, Tag_Primary, database, Bytes(view_name), &view)) return;
     database->SetPrimaryView(view);
   }
   const bool done =

@@ -101,8 +101,22 @@ void ZephVM::pushd() {
 
 // pushdc  ( -- v )  As pushd, with constant names.
 void ZephVM::pushdc() {
-  Variable* variable;
-  if (ConstantField(&variable, false)) stack->PushHeld(variable ? variable : null_variable);
+  if (recent_fields) {
+    const RecentField& recent = recent_fields[RecentPlace()];
+    if (recent.alias == first_integer && recent.field == second_integer &&
+        recent.views_gone == family->ViewsGone() && recent.fields_gone == *recent.fields_count) {
+      stack->PushHeld(recent.variable);
+      return;
+    }
+  }
+  // Not in line, so that the way above needs no frame.
+  const auto look_up = [this]() __attribute__((noinline)) {
+    Variable* variable;
+    if (FindConstantField(&variable, false)) {
+      stack->PushHeld(variable ? variable : null_variable);
+    }
+  };
+  look_up();
 }
 
 // popd  ( x alias field -- )  Assigns a field of the view of that alias; drops x without one.

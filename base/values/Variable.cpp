@@ -22,6 +22,7 @@
 #include "base/core/BufferRoom.h"
 #include "base/core/CopyText.h"
 #include "base/core/RunLimit.h"
+#include "base/core/ShortAssign.h"
 #include "base/host/ZephApplication.h"
 #include "base/values/Aggregate.h"
 #include "base/values/DeferredText.h"
@@ -567,11 +568,17 @@ int Variable::SetValue_Double(double value) {
 int Variable::SetValue(Variable& source) {
   if (RedirectedStore()) return reference ? Final()->SetValue(source) : 1;
   // Scripts copy the fields of each record, and most fields have their value then: this is what
-  // CopyComputed does with it, without the steps to it.
+  // CopyComputed does with it, without the steps to it. To copy a value over itself changes
+  // nothing.
   if ((source.state & NotPlain) == Derived && source.valid_forms() != 0 &&
-      source.primary != PrimaryNone && !source.elements && !elements && &source != this &&
-      source.type() == VariableComputed) {
-    CopyForms(source);
+      source.primary != PrimaryNone && !elements && source.type() == VariableComputed) {
+    if (source.valid_forms() != TextForm || !source.string_value.data) {
+      CopyForms(source);
+      return 1;
+    }
+    AssignShort(&string_value, source.string_value.data, source.string_value.length);
+    SetForms(TextForm);
+    primary = source.primary;
     return 1;
   }
   Assign(source, false);
@@ -684,7 +691,7 @@ void Variable::CopyScalar(Variable& source) {
 // If the source's text has no buffer, the old bytes stay in place and become valid text.
 void Variable::CopyForms(Variable& source) {
   if ((source.valid_forms() & TextForm) && source.string_value.data) {
-    string_value.assign(source.string_value.data, source.string_value.length);
+    AssignShort(&string_value, source.string_value.data, source.string_value.length);
   }
   SetForms(source.valid_forms());
   primary = source.primary;

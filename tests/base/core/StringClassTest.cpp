@@ -6,6 +6,7 @@
 #include <random>
 #include <string>
 
+#include "base/core/ShortAssign.h"
 #include "base/core/ThreadMemory.h"
 #include "gtest/gtest.h"
 #include "tests/support/FailingAllocator.h"
@@ -846,6 +847,30 @@ TEST(String, EqualsAPlainModelThroughRandomChanges) {
       ASSERT_TRUE(Bytes(string) == model.bytes);
     }
   }
+}
+
+TEST(String, AShortTextIsAssignedAsAnyOther) {
+  const char text[] = "a text of more than thirty-two bytes\0and a NUL";
+  for (int before = 0; before <= 40; before++) {
+    for (int length = -1; length <= 40; length++) {
+      String expected(text, before), assigned(text, before);
+      expected.assign(text, length);
+      AssignShort(&assigned, text, length);
+      ASSERT_EQ(Bytes(assigned), Bytes(expected));
+      EXPECT_EQ(assigned.allocated, expected.allocated);
+      EXPECT_EQ(assigned.data[assigned.length], '\0');
+    }
+    for (int start = 0; start + 12 <= before; start++) {
+      String expected(text, before), own(text, before);
+      expected.assign(expected.data + start, 12);
+      AssignShort(&own, own.data + start, 12);
+      EXPECT_EQ(Bytes(own), Bytes(expected));
+    }
+  }
+  String none;
+  AssignShort(&none, nullptr, 0);
+  EXPECT_EQ(none.length, 0);
+  EXPECT_NE(none.data, nullptr);
 }
 
 }  // namespace

@@ -2,16 +2,20 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "base/database/ExternalDatabase.h"
 #include "base/values/Aggregate.h"
 #include "base/values/VariableRef.h"
 #include "tests/support/LibraryFixture.h"
 #include "tests/support/Machine.h"
+#include "tests/support/Rounds.h"
 
 namespace {
 
@@ -343,6 +347,48 @@ TEST_F(ExternalDatabaseVariableTest, AnAggregateIsSetAsItsText) {
   field->SetDirty(1);
   EXPECT_EQ(field->Commit(), 1);
   EXPECT_EQ(Asked(), "[i0]");
+}
+
+// A view knows without a look at each field whether there is something to commit.
+TEST_F(ExternalDatabaseVariableTest, CommitFindsWhateverIsStoredInAnyOrder) {
+  std::mt19937 random(5);
+  const VariableRef array(new Variable("a", -1));
+  array->Element(AggregateIndex(1), 1)->SetValue("x", -1);
+  const VariableRef target(new Variable("b", -1));
+  std::vector<ExternalDatabaseVariable*> fields;
+  int committed = 0;
+  for (int i = 0; i < Rounds(20000); i++) {
+    if (fields.empty() || random() % 50 == 0) {
+      view->Clear();
+      fields.clear();
+      for (const char* name : {"f", "g", "h"}) {
+        fields.push_back(view->Add_Variable(name, -1, nullptr));
+      }
+    }
+    ExternalDatabaseVariable* const of = fields[random() % fields.size()];
+    switch (random() % 16) {
+      case 0: of->SetValue("t", 1); break;
+      case 1: of->SetValue_Integer(7); break;
+      case 2: of->SetValue_Double(0.5); break;
+      case 3: of->SetValue(*array); break;
+      case 4: of->Element(AggregateIndex(1), 1); break;
+      case 5: of->SetNULL(); break;
+      case 6: view->SetDirty(1); break;
+      case 7: of->SetDirty(1); break;
+      case 8: (void)of->value(); break;
+      case 9:
+        if (random() % 10 == 0) of->Make_Reference(target.get());
+        break;
+      default: of->SetDirty(0); break;
+    }
+    size_t stored = 0;
+    for (const ExternalDatabaseVariable* each : fields) stored += each->HasStore();
+    calls.clear();
+    EXPECT_EQ(view->Commit(), 1);
+    ASSERT_EQ(static_cast<size_t>(std::count(calls.begin(), calls.end(), '[')), stored);
+    committed += stored > 0;
+  }
+  EXPECT_GT(committed, 0);
 }
 
 TEST_F(ExternalDatabaseVariableTest, ARefusedValueIsReportedAfterAllOthersWereSet) {
