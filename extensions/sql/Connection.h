@@ -88,6 +88,9 @@ class Rows {
     if (cell->kind == Kind::Real) cell->real = Real(column);
     if (cell->kind == Kind::Text || cell->kind == Kind::Blob) cell->text = Text(column);
   }
+  // Stores the value in a field of that column, in the form in which the engine would get it, if it
+  // is at hand and short. Returns false if it is not, and the field is as before.
+  virtual bool Store(int column, const Column& of, ZPVARIABLE variable) = 0;
   // The connection is going to change something: locks and memory of the database are given back.
   // The current row stays, and the rows that follow are those of before the change.
   virtual void Park() = 0;
@@ -107,6 +110,38 @@ class Rows {
     }
   }
 };
+
+// Rows::Store for a class of rows, whose Read is in line here.
+template <class Source>
+[[gnu::always_inline]] inline bool StoreValue(Source& rows, int column, const Column& of,
+                                              ZPVARIABLE variable) {
+  constexpr size_t kShortText = 256;  // bytes
+  Cell cell;
+  rows.Source::Read(column, &cell);
+  std::string_view text = cell.text;
+  char number[kRealText];
+  switch (cell.kind) {
+    case Kind::Integer:
+      if (of.decimal || of.boolean || cell.integer != static_cast<int>(cell.integer)) return false;
+      zpVariable_SetValue_Integer(variable, static_cast<int>(cell.integer));
+      // Scripts calculate with doubles. The field makes its own as long as it is dirty; later it
+      // would ask for one.
+      (void)zpVariable_Value_Double(variable);
+      return true;
+    case Kind::Real:
+      if (!of.decimal) return false;
+      text = RealText(cell.real, of.decimals, number);
+      break;
+    case Kind::Text:
+      if (of.boolean) return false;
+      break;
+    default: return false;
+  }
+  if (text.size() > kShortText) return false;
+  zpVariable_SetValue(variable, text.data(), static_cast<int>(text.size()));
+  return true;
+}
+
 struct EndRows {
   void operator()(Rows* rows) const noexcept { rows->Done(); }
 };
@@ -157,6 +192,9 @@ class Connection {
   virtual void Release() noexcept = 0;
 
   virtual char mark() const = 0;  // '?' or '$', before the number of a parameter
+  // What goes at the end of a query, before the number of rows at its beginning that are left out.
+  // Null if queries that are open at the same time may see different records.
+  virtual const char* skip() const { return nullptr; }
   // Whether it is an error to compare a column with a text that is no value of its type.
   virtual bool is_strict() const { return false; }
   const std::string& error() const { return problem; }

@@ -10,12 +10,18 @@
 //
 //   Row       the values of the current record are            and came from
 //   None      nowhere: there is no record
-//   Live      in `rows`                                       a move
+//   Live      in `rows`, or in `further`                      a move
 //   Loaded    in `loaded`                                     Load, or a deleted record
 //   Unloaded  in the database; Load reads them by the key     Park, a change, the end of the rows
 //
 // Records whose column is NULL come first, in a query of their own, because a comparison with NULL
 // is neither true nor false.
+//
+// In the order of an index the key is as expensive as a further column, and most long scans never
+// need it. So after kLongScan rows they go on in `further`, which is the same query without the key
+// and from the row that follows, if the connection can do that. `rows` stays where it is: as long
+// as it is open, the database shows the same rows in the same order. Where the key is needed after
+// all, FindPlace gets it from a query that has it, and the view stays with that one.
 //
 // The fields of a view are made once. A move clears their values, and the engine asks for the
 // values that a script then reads.
@@ -67,6 +73,7 @@ class View {
   struct Field {
     View* view;
     int column;
+    const Column* of = nullptr;  // its description, of a column
     ZPDATABASEVARIABLE handle = nullptr;
     bool is_read = false;   // the engine may have a value
     bool is_known = false;  // it has `known`, which is one of the four
@@ -84,9 +91,13 @@ class View {
         condition(std::move(condition)),
         values(std::move(values)),
         top_is_due(true) {
-    select = "SELECT " + (table.key.empty() ? "NULL" : table.key);
-    for (const Column& column : table.columns) select += ", " + Quoted(column.name);
-    select += " FROM " + table.sql_name;
+    for (const Column& column : table.columns) {
+      select += (select.empty() ? "SELECT " : ", ") + Quoted(column.name);
+    }
+    from = " FROM " + table.sql_name;
+    short_select = select + from;
+    if (table.key_column < 0) select += ", " + table.key;
+    select += from;
   }
   // A view of a query. Start runs it.
   View(Database* database, std::string query, Values values)
@@ -112,7 +123,9 @@ class View {
     handle = view;
     for (const int column : {kRecord, kRecords, kDeleted, kEnd}) fields.push_back({this, column});
     read.reserve(fields.size() + table.columns.size());
-    for (size_t i = 0; i < table.columns.size(); i++) fields.push_back({this, static_cast<int>(i)});
+    for (size_t i = 0; i < table.columns.size(); i++) {
+      fields.push_back({this, static_cast<int>(i), &table.columns[i]});
+    }
     // A field that is removed while it is held is without a value for good. Such a value, stored in
     // a field, leaves it as if it had never been read.
     nothing = zpVariableList_Allocate();
@@ -180,14 +193,17 @@ class View {
     block = 1;
     phase = rising > 0 ? 1 : 0;
     if (find_text.empty()) {
-      find_text = select + Where(OrderColumn() + (rising > 0 ? " >= " : " <= ") + Mark(0)) +
-                  OrderBy(rising, false);
+      search.where = Where(OrderColumn() + (rising > 0 ? " >= " : " <= ") + Mark(0));
+      search.rest = search.where + OrderBy(rising, false);
+      find_text = select + search.rest;
     }
+    query = &search;
+    steps = 0;
     RowsPointer found = connection().Select(find_text, start, block);
     if (!found) return FailWith("Cannot search");
     const int next = found->Next();
     if (next < 0) return FailWith("Cannot search");
-    if (next == 0 || !IsKey(*found, index.column + 1, key, exact)) {
+    if (next == 0 || !IsKey(*found, index.column, key, exact)) {
       ended = true;
       return At(0);
     }
@@ -200,7 +216,7 @@ class View {
       if (passes != 0) return passes < 0 ? 0 : At(1);
       const int found_next = Step(1);
       if (found_next <= 0) return At(found_next);
-      if (row != Row::Live || !IsKey(*rows, index.column + 1, key, exact)) return At(0);
+      if (row != Row::Live || !IsKey(live(), index.column, key, exact)) return At(0);
     }
   }
 
@@ -229,7 +245,7 @@ class View {
       if (!Load()) break;
       for (int j = 0; j < count; j++) {
         if (!IsCopied(j)) continue;
-        pending[Place(j)] = loaded[Place(j) + 1];
+        pending[Place(j)] = loaded[Place(j)];
         stored[Place(j)] = true;
       }
       break;
@@ -244,6 +260,7 @@ class View {
   int Update() {
     if (!CanChange() || !CollectStored()) return 0;
     Settle();
+    if (!FindPlace()) return FailWith("Cannot read");
     if (row == Row::None || place.kind == Kind::Null) return Fail("There is no record");
     if (StoredValues(1).size() == 1) return 1;
     if (update_text.empty() || updated != stored) {
@@ -274,6 +291,7 @@ class View {
     Settle();
     if (deleted) return 1;
     if (!Load()) return Fail("There is no record");
+    if (!FindPlace()) return FailWith("Cannot read");
     Drop();
     row = Row::Loaded;
     const Values values_of_key = {place};
@@ -294,7 +312,7 @@ class View {
     for (int i = 0; i < Count(); i++) {
       if (table.columns[Place(i)].generated) stored[Place(i)] = false;
     }
-    pending.assign(loaded.begin() + 1, loaded.end());
+    pending = loaded;
     StoredValues(table.key_column < 0);
     if (table.key_column < 0) changes.back() = place;
     return Insert(InsertText(true), changes, "Cannot add the record to '" + table.name + "' again");
@@ -370,7 +388,7 @@ class View {
           Get(column, &scratch);
           number = IsTrue(scratch);
         } else if (kind == Kind::Integer) {
-          number = row == Row::Live ? rows->Integer(InRows(column)) : Known(column).integer;
+          number = row == Row::Live ? live().Integer(column) : Known(column).integer;
         } else {
           return 0;
         }
@@ -392,13 +410,10 @@ class View {
         Get(column, &scratch);
         *value = static_cast<double>(scratch.integer);
         break;
-      case Kind::Real:
-        *value = row == Row::Live ? rows->Real(InRows(column)) : Known(column).real;
-        break;
+      case Kind::Real: *value = row == Row::Live ? live().Real(column) : Known(column).real; break;
       case Kind::Text:
         return table.columns[Place(column)].decimal &&
-               ReadNumber(row == Row::Live ? rows->Text(InRows(column)) : Known(column).text,
-                          value);
+               ReadNumber(row == Row::Live ? live().Text(column) : Known(column).text, value);
       default: return 0;
     }
     return 1;
@@ -430,11 +445,11 @@ class View {
         break;
       case Kind::Real:
         if (!of.decimal) return 0;  // the engine makes a text of the number
-        SetRealText(row == Row::Live ? rows->Real(InRows(column)) : Known(column).real, of.decimals,
+        SetRealText(row == Row::Live ? live().Real(column) : Known(column).real, of.decimals,
                     &scratch.text);
         found = scratch.text;
         break;
-      default: found = row == Row::Live ? rows->Text(InRows(column)) : Known(column).text;
+      default: found = row == Row::Live ? live().Text(column) : Known(column).text;
     }
     if (found.size() > static_cast<size_t>(kLongestText)) return 0;
     *text = const_cast<char*>(found.data());
@@ -465,7 +480,7 @@ class View {
       return;
     }
     if (row == Row::Live && !indexes.empty() && !ended) {
-      rows->Get(indexes.front().column + 1, &order);
+      live().Get(indexes.front().column, &order);
       has_order = true;
     }
     Drop();
@@ -482,8 +497,8 @@ class View {
  private:
   enum class Row { None, Live, Loaded, Unloaded };
   static constexpr int kLongestText = 0x7FFFFFFF - 1;
-  static constexpr size_t kShortText = 256;  // bytes
   static constexpr int kLargestBlock = 512;
+  static constexpr int kLongScan = 64;
 
   int Fail(std::string text) {
     error = std::move(text);
@@ -492,11 +507,10 @@ class View {
   int FailWith(const std::string& what) { return Fail(what + ": " + connection().error()); }
   static size_t Place(int column) { return static_cast<size_t>(column); }
   int Count() const { return static_cast<int>(table.columns.size()); }
-  // In the rows of a table the key comes first.
-  int InRows(int column) const { return by_query ? column : column + 1; }
+  // Where the key is in `rows` of a table.
+  int KeyInRows() const { return table.key_column < 0 ? Count() : table.key_column; }
   bool HasIntegerKey() const {
-    return !table.key.empty() &&
-           (table.key_column < 0 || table.columns[Place(table.key_column)].type == 2);
+    return table.key_column < 0 || table.columns[Place(table.key_column)].type == 2;
   }
 
   // --- Fields -----------------------------------------------------------------------------------
@@ -525,10 +539,9 @@ class View {
     is_refreshing = true;
     zpDatabaseView_Commit(handle);
     is_refreshing = false;
-    const bool is_live = row == Row::Live;
     Field** kept = read.data();
     for (Field* const field : read) {
-      field->is_read = HasItsValue(field) || PassOn(field, is_live);
+      field->is_read = HasItsValue(field) || PassOn(field);
       if (field->is_read) *kept++ = field;
     }
     read.resize(static_cast<size_t>(kept - read.data()));
@@ -539,7 +552,7 @@ class View {
     return field->is_known && GetOwn(field->column, &number) && number == field->known;
   }
   // Returns whether the field has a value afterwards.
-  bool PassOn(Field* field, bool is_live) {
+  bool PassOn(Field* field) {
     const ZPVARIABLE variable = AsVariable(field->handle);
     if (zpVariable_NextIdentity(variable) != variable) return false;
     bool has_value = true;
@@ -549,7 +562,7 @@ class View {
       // A script may not read it any more. So now and then it gets no value, and loses its place if
       // the engine does not ask then.
       const bool has_room = field->passed++ < field->most_passed;
-      has_value = has_room && is_live && PassOnColumn(variable, field->column);
+      has_value = has_room && row == Row::Live && live().Store(field->column, *field->of, variable);
       if (!has_room) field->dropped = moves;
     } else if (field->column != kRecords && GetInteger(field->column, &number)) {
       zpVariable_SetValue_Integer(variable, number);
@@ -562,41 +575,12 @@ class View {
     zpDatabaseVariable_SetDirty(field->handle, 0);
     return has_value;
   }
-  // In the form that GetText and GetInteger give. REQUIRES: the row is Live.
-  bool PassOnColumn(ZPVARIABLE variable, int column) {
-    const Column& of = table.columns[Place(column)];
-    Cell cell;
-    char number[kRealText];
-    rows->Read(InRows(column), &cell);
-    std::string_view text = cell.text;
-    switch (cell.kind) {
-      case Kind::Integer:
-        if (of.decimal || of.boolean || cell.integer != static_cast<int>(cell.integer))
-          return false;
-        zpVariable_SetValue_Integer(variable, static_cast<int>(cell.integer));
-        // Scripts calculate with doubles. The field makes its own as long as it is dirty; later it
-        // would ask for one.
-        (void)zpVariable_Value_Double(variable);
-        return true;
-      case Kind::Real:
-        if (!of.decimal) return false;
-        text = RealText(cell.real, of.decimals, number);
-        break;
-      case Kind::Text:
-        if (of.boolean) return false;
-        break;
-      default: return false;
-    }
-    if (text.size() > kShortText) return false;
-    zpVariable_SetValue(variable, text.data(), static_cast<int>(text.size()));
-    return true;
-  }
-
   // The value of one of the four fields that are not of a column. Returns false if it has none.
   bool GetOwn(int column, int64_t* number) {
     switch (column) {
       case kRecord:
-        if (!by_query && place.kind != Kind::Integer) return false;
+        needs_key = true;
+        if (!by_query && (!FindPlace() || place.kind != Kind::Integer)) return false;
         *number = by_query ? record_number : place.integer;
         return true;
       case kRecords: *number = CountRecords(); return true;
@@ -610,14 +594,14 @@ class View {
   }
 
   Kind KindOf(int column) {
-    if (row == Row::Live) return rows->kind(InRows(column));
-    return Load() ? loaded[Place(column) + 1].kind : Kind::Null;
+    if (row == Row::Live) return live().kind(column);
+    return Load() ? loaded[Place(column)].kind : Kind::Null;
   }
   // REQUIRES: KindOf has found a value, and the row is not Live.
-  const Value& Known(int column) const { return loaded[Place(column) + 1]; }
+  const Value& Known(int column) const { return loaded[Place(column)]; }
   void Get(int column, Value* value) {
     if (row == Row::Live) {
-      rows->Get(InRows(column), value);
+      live().Get(column, value);
     } else {
       *value = Known(column);
     }
@@ -642,10 +626,49 @@ class View {
   }
 
   // --- The place --------------------------------------------------------------------------------
+  // REQUIRES: the row is Live.
+  Rows& live() { return further ? *further : *rows; }
+
+  // A key that cannot be found leaves no current row.
   void Drop() {
+    (void)FindPlace();
     if (row == Row::Live) row = Row::Unloaded;
+    further.reset();
     rows.reset();
     direction_of_rows = 0;
+  }
+  // Makes the key of the current row known. Returns false for a failure, and then there is no
+  // current row.
+  bool FindPlace() {
+    if (!place_is_due) return true;
+    needs_key = true;
+    const int64_t before = rows->number() + further->number() - 1;
+    further.reset();
+    place_is_due = false;
+    RowsPointer found = QueryAfter(select, before);
+    if (!found || found->Next() != 1) return LosePlace();
+    found->Get(KeyInRows(), &place);
+    rows = std::move(found);
+    return true;
+  }
+  // The same at the end of `further`, for its last row.
+  bool FindLastPlace() {
+    if (!place_is_due) return true;
+    place_is_due = false;
+    const RowsPointer last =
+        connection().Select("SELECT " + table.key + from + query->where +
+                                OrderBy(-Rising(direction_of_rows), query->is_of_nulls),
+                            start, 1);
+    if (!last || last->Next() != 1) return LosePlace();
+    last->Get(0, &place);
+    return true;
+  }
+  bool LosePlace() {
+    row = Row::None;
+    place.SetNull();
+    rows.reset();
+    direction_of_rows = 0;
+    return false;
   }
 
   // Takes note of the row that `rows` is at, if found is 1.
@@ -657,11 +680,13 @@ class View {
     has_order = false;
     if (by_query) {
       record_number = rows->number();
-    } else if (table.key_column < 0 && !table.key.empty()) {
+    } else if (further) {
+      place_is_due = true;
+    } else if (table.key_column < 0) {
       // The database's own key is a whole number.
-      place.SetInteger(rows->Integer(0));
+      place.SetInteger(rows->Integer(Count()));
     } else {
-      rows->Get(0, &place);
+      rows->Get(table.key_column, &place);
     }
     return 1;
   }
@@ -715,6 +740,7 @@ class View {
   int Step(int direction) {
     if (by_query) return StepOfQuery(direction);
     if (rows && direction_of_rows == direction) return StepOn();
+    if (!FindPlace()) return FailWith("Cannot read"), -1;
     if (row == Row::None || place.kind == Kind::Null || (ended && !indexes.empty())) return 0;
     if (!indexes.empty() && !FindOrder()) return 0;
     Drop();
@@ -736,9 +762,10 @@ class View {
   // Goes on in `rows`, and to the queries that follow it.
   int StepOn() {
     for (;;) {
-      const int found = rows->Next();
+      if (++steps == kLongScan) GoOnWithoutKey();
+      const int found = further ? further->Next() : rows->Next();
       if (found == 1) return Arrive(1);
-      if (found < 0) {
+      if (found < 0 || (found == 0 && !FindLastPlace())) {
         FailWith("Cannot read");
         Drop();
         return -1;
@@ -761,6 +788,24 @@ class View {
     }
   }
 
+  // REQUIRES: `rows` are at a row, or before the first one.
+  void GoOnWithoutKey() {
+    if (needs_key || row != Row::Live || indexes.empty() || table.key_column >= 0 ||
+        !condition.empty() || !connection().skip()) {
+      return;
+    }
+    // Without it, for example if there is no lock for it, `rows` go on.
+    further = QueryAfter(short_select, rows->number());
+  }
+  // What follows that many rows of the query of `rows`, with other columns.
+  RowsPointer QueryAfter(const std::string& columns, int64_t count) {
+    further_start = start;
+    further_start.emplace_back().SetInteger(count);
+    return connection().Select(
+        columns + query->rest + connection().skip() + MarkOf(further_start.size()), further_start,
+        0);
+  }
+
   // The order of the index's column for a direction: 1 rising, -1 falling.
   int Rising(int direction) const {
     return !indexes.empty() && indexes.front().descending ? -direction : direction;
@@ -780,10 +825,9 @@ class View {
   }
   bool BeginPhase(int direction) {
     SetStart(0);
-    if (indexes.empty()) return Began(direction, Where("") + OrderByKey(direction));
+    if (indexes.empty()) return Began(direction, Where(""), false);
     const bool nulls = (Rising(direction) > 0) == (phase == 0);
-    return Began(direction, Where(OrderColumn() + (nulls ? " IS NULL" : " IS NOT NULL")) +
-                                OrderBy(Rising(direction), nulls));
+    return Began(direction, Where(OrderColumn() + (nulls ? " IS NULL" : " IS NOT NULL")), nulls);
   }
   bool BeginAfter(int direction) {
     SetStart(0);
@@ -791,30 +835,33 @@ class View {
     const char* const beyond = rising > 0 ? " > " : " < ";
     if (indexes.empty()) {
       start.push_back(place);
-      return Began(direction, Where(table.key + beyond + Mark(0)) + OrderByKey(direction));
+      return Began(direction, Where(table.key + beyond + Mark(0)), false);
     }
     const bool nulls = order.kind == Kind::Null;
     phase = (rising > 0) == nulls ? 0 : 1;
     if (nulls) {
       start.push_back(place);
-      return Began(direction,
-                   Where(OrderColumn() + " IS NULL AND " + table.key + beyond + Mark(0)) +
-                       OrderBy(rising, true));
+      return Began(direction, Where(OrderColumn() + " IS NULL AND " + table.key + beyond + Mark(0)),
+                   true);
     }
     start.push_back(order);
     start.push_back(place);
-    return Began(direction, Where("(" + OrderColumn() + ", " + table.key + ")" + beyond + "(" +
-                                  Mark(1) + ", " + Mark(0) + ")") +
-                                OrderBy(rising, false));
+    return Began(direction,
+                 Where("(" + OrderColumn() + ", " + table.key + ")" + beyond + "(" + Mark(1) +
+                       ", " + Mark(0) + ")"),
+                 false);
   }
-  bool Began(int direction, const std::string& rest) {
-    rows = Query(rest);
+  bool Began(int direction, std::string where, bool is_of_nulls) {
+    scan.where = std::move(where);
+    scan.is_of_nulls = is_of_nulls;
+    scan.rest = scan.where +
+                (indexes.empty() ? OrderByKey(direction) : OrderBy(Rising(direction), is_of_nulls));
+    query = &scan;
+    steps = 0;
+    rows = connection().Select(select + scan.rest, start, block);
     direction_of_rows = direction;
     if (!rows) FailWith("Cannot read");
     return rows != nullptr;
-  }
-  RowsPointer Query(const std::string& rest) {
-    return connection().Select(select + rest, start, block);
   }
 
   std::string OrderByKey(int direction) const {
@@ -878,7 +925,7 @@ class View {
   bool FindOrder() {
     if (has_order) return true;
     if (!Load()) return false;
-    order = loaded[Place(indexes.front().column) + 1];
+    order = loaded[Place(indexes.front().column)];
     return has_order = true;
   }
 
@@ -887,18 +934,16 @@ class View {
     if (row == Row::None || row == Row::Loaded) return row == Row::Loaded;
     Values key;
     RowsPointer found;
-    Rows* from = rows.get();
+    Rows* source = row == Row::Live ? &live() : nullptr;
     if (row == Row::Unloaded) {
       if (place.kind == Kind::Null) return false;
       key.push_back(place);
       found = connection().Select(select + " WHERE " + table.key + " = " + MarkOf(1), key, 0);
       if (!found || found->Next() != 1) return false;
-      from = found.get();
+      source = found.get();
     }
-    loaded.resize(table.columns.size() + 1);
-    for (int i = by_query ? 1 : 0; i <= Count(); i++) {
-      from->Get(by_query ? i - 1 : i, &loaded[Place(i)]);
-    }
+    loaded.resize(table.columns.size());
+    for (int i = 0; i < Count(); i++) source->Get(i, &loaded[Place(i)]);
     // A row in `rows` is still the current one there.
     if (row == Row::Unloaded) row = Row::Loaded;
     return true;
@@ -981,22 +1026,37 @@ class View {
   }
 
   const bool by_query = false;
-  std::string select;  // the query; or of a table: SELECT, the key, the columns, FROM
+  std::string select;              // the query; or of a table: SELECT, the columns, the key, FROM
+  std::string short_select, from;  // of a table: without the key; from FROM on
   std::string condition;
   Values values;  // of the query or the condition
 
+  // The rest of a query after FROM: from WHERE on, and the part before ORDER BY.
+  struct Rest {
+    std::string where, rest;
+    bool is_of_nulls = false;  // of the records whose index's column has no value
+  };
+  Rest scan, search;
+  const Rest* query = nullptr;  // that of `rows`
+
   RowsPointer rows;
+  RowsPointer further;        // see above; null or open together with `rows`
+  int steps = 0;              // since the query began
   int direction_of_rows = 0;  // 0: they cannot be gone on with
   int phase = 0;              // 0: another query follows that of `rows`
   int block = 1;              // rows that a query asks for, where the connection limits them
   Values start;               // the values of `rows`
+  // Of `further`, or of the query that took its place.
+  Values further_start;
+  bool needs_key = false;  // a key was needed, so each query has it
 
   Row row = Row::None;
-  Value place;  // the key of the current record
-  Value order;  // the value of the index's column there, if has_order
+  Value place;                // the key of the current record, unless it is due
+  bool place_is_due = false;  // the row is in `further`
+  Value order;                // the value of the index's column there, if has_order
   bool has_order = false;
   bool ended = false;  // the last move went past the end; an index then goes nowhere from there
-  Values loaded;       // the key, and the columns
+  Values loaded;       // the columns
   int64_t record_number = 0;
   int64_t records = -1;  // -1: not counted
   bool deleted = false;

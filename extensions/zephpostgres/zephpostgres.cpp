@@ -164,6 +164,9 @@ class ResultRows : public Rows {
   std::string_view Text(int column) override {
     return TextIn(Raw(column), PQftype(result.get(), column));
   }
+  bool Store(int column, const Column& of, ZPVARIABLE variable) override {
+    return StoreValue(*this, column, of, variable);
+  }
   void Read(int column, Cell* cell) override {
     const std::string_view text = Raw(column);
     const Oid type = PQftype(result.get(), column);

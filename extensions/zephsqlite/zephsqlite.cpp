@@ -157,8 +157,9 @@ class Statement final : public Rows {
   std::string_view Text(int column) override {
     return is_parked ? kept[static_cast<size_t>(column)].text : TextOf(Current(column));
   }
-  void Read(int column, Cell* cell) override {
-    if (is_parked) return Rows::Read(column, cell);
+  [[gnu::always_inline]] inline void Read(int column, Cell* cell) override {
+    if (is_parked) [[unlikely]]
+      return Rows::Read(column, cell);
     sqlite3_value* const value = Current(column);
     cell->kind = KindOf(value);
     switch (cell->kind) {
@@ -167,6 +168,9 @@ class Statement final : public Rows {
       case Kind::Real: cell->real = sqlite3_value_double(value); break;
       default: cell->text = TextOf(value); break;
     }
+  }
+  bool Store(int column, const Column& of, ZPVARIABLE variable) override {
+    return StoreValue(*this, column, of, variable);
   }
   void Park() override;
   void Done() noexcept override;
@@ -304,6 +308,8 @@ class SQLite final : public Connection {
   }
   void Release() noexcept override;
   char mark() const override { return '?'; }
+  // The first query that is open takes a lock or a place in the log, which the others share.
+  const char* skip() const override { return " LIMIT -1 OFFSET "; }
 
   bool FailFromDatabase() { return Fail(sqlite3_errmsg(database)); }
   bool FailWith(const std::string& text) { return Fail(text); }

@@ -200,6 +200,16 @@ inline std::string ReadMany(int count) {
          "incg i, 1\ncmpgi i, " + std::to_string(count) + "\njmp_lt " + next + "\n";
 }
 
+// Adds p1 to p300 of the ages 999 down to 700, and goes far in the order of the ages, without
+// reading a key: cat, bob, ann, p300, p299 and so on, to p203.
+inline std::string GoFar() {
+  return RunQuery("t",
+                  "insert into t (name, age) with recursive c(n) as (select 1 union all select n + "
+                  "1 from c where n < 300) select 'p' || n, 1000 - n from c order by n") +
+         Op("dbmakeindex", {"t", "age.zix", "d.age", ""}) + Go("t", -1) + Show("t", "name") +
+         SkipEach("", 100);
+}
+
 inline std::vector<SQLCase> SQLCases() {
   return {
       {"a view of a query reads its rows in both directions",
@@ -343,6 +353,59 @@ inline std::vector<SQLCase> SQLCases() {
            SkipEach("m", 7) + ReadMany(3) + SkipEach("m", 200) + ReadMany(100) + ShowGlobal("sum") +
            ShowGlobal("wrong") + Show("m", "s"),
        "102127|0|row 611|"},
+      {"the number of a record is known far into a scan",
+       GoFar() + Show("t", "name") + Show("t", "recno") + Skip("t", 1) + Show("t", "name") +
+           Show("t", "recno") + SkipEach("", 100) + Show("t", "name") + Show("t", "recno") +
+           Skip("t", -1) + Show("t", "name"),
+       "cat|p203|206|p202|205|p102|105|p103|"},
+      {"a scan turns round far from its start",
+       GoFar() + Skip("t", -1) + Show("t", "name") + Skip("t", -70) + Show("t", "name") +
+           Skip("t", 71) + Show("t", "name"),
+       "cat|p204|p274|p203|"},
+      {"a record far into a scan can be changed",
+       GoFar() + SetField("t", "name", "x") + OnView("dbupdate", "t") + ShowError("UPDATE") +
+           Show("t", "name") + Show("t", "age") + SkipEach("", 80) + Show("t", "name") +
+           OnView("dbdelete", "t") + Show("t", "deleted") + Skip("t", 1) + Show("t", "name") +
+           RunQuery("t", "delete from t where name in ('p121', 'p120')") + Skip("t", 1) +
+           Show("t", "name") +
+           OpenView("t", "c", "select count(*) as n from t where name like 'p%' or name = 'x'") +
+           Show("c", "n"),
+       "cat||x|797|p123|1|p122|p119|297|"},
+      {"a record far into a scan can be removed and added again",
+       GoFar() + OnView("dbdelete", "t") + Show("t", "name") + Show("t", "deleted") +
+           OnView("dbundelete", "t") + Show("t", "deleted") + Show("t", "recno") + Skip("t", 1) +
+           Show("t", "name"),
+       "cat|p203|1|0|206|p202|"},
+      {"what is not stored for a new record is that of one far into a scan",
+       GoFar() + SetField("t", "name", "new") + OnView("dbadd", "t") + Show("t", "age") +
+           Skip("t", 1) + Show("t", "age"),
+       "cat|797|798|"},
+      {"a scan goes on after a change that comes from elsewhere",
+       GoFar() + RunQuery("t", "delete from t where age between 790 and 800") + Skip("t", 1) +
+           Show("t", "name") + Skip("t", -1) + Show("t", "name"),
+       "cat|p199|p211|"},
+      {"a search that finds nothing far into a scan stays there",
+       GoFar() + Find("t", "5") + Show("t", "eof") + Show("t", "name") + Go("t", 5000) +
+           Show("t", "eof") + Show("t", "name") + Go("t", -1) + SkipEach("", 250) +
+           Show("t", "name"),
+       "cat|1|p203|1|p203|p53|"},
+      {"the last record of a long scan is the current one after its end",
+       GoFar() + SkipEach("", 250) + Show("t", "eof") + Show("t", "name") + Show("t", "recno") +
+           SetField("t", "name", "last") + OnView("dbupdate", "t") +
+           OpenView("t", "c", "select age from t where name = 'last'") + Show("c", "age") +
+           Go("t", -2) + SkipIn("t", "", -100) + Show("t", "name") + SkipEach("", 100) +
+           Show("t", "name"),
+       "cat|1|p1|4|999|p101|last|"},
+      {"the records without a value end, and others follow",
+       GoFar() + RunQuery("t", "update t set age = null where age > 800") + Go("t", -1) +
+           SkipEach("", 199) + Show("t", "age") + Show("t", "name") + Skip("t", 1) +
+           Show("t", "name") + SkipEach("", 90) + Show("t", "name") + SkipEach("", 50) +
+           Show("t", "name") + Show("t", "eof"),
+       "cat||p199|bob|p212|p200|1|"},
+      {"a search is followed by a long scan",
+       GoFar() + Find("t", "750") + Show("t", "name") + SkipEach("", 200) + Show("t", "name") +
+           Skip("t", -1) + Show("t", "name") + Skip("t", 2) + Show("t", "recno"),
+       "cat|p250|p50|p51|52|"},
       {"a record's number may be large",
        RunQuery("t", "insert into t (recno, name) values (5000000000, 'far')") + Go("t", -2) +
            Show("t", "recno") + Show("t", "name") + Op("pushd", {"t", "recno"}) +
