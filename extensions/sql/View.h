@@ -26,9 +26,8 @@
 // The fields of a view are made once. A move clears their values, and the engine asks for the
 // values that a script then reads.
 //
-// The file is longer than others because a view is one class, whose operations all work on the same
-// place. Its divisions: what the engine calls (moves, changes, indexes, fields), and after that the
-// fields, the place, the steps from row to row, and the statements of changes.
+// ViewMoves.h has the moves, the place, and the steps from row to row; ViewChanges.h has the
+// changes of records. The fields are here.
 
 #ifndef ZEPH_EXTENSIONS_SQL_VIEW_H
 #define ZEPH_EXTENSIONS_SQL_VIEW_H
@@ -136,187 +135,18 @@ class View {
   }
 
   // --- Moves. Return 0 for a failure ------------------------------------------------------------
-  int Skip(int count) {
-    Settle();
-    const int direction = count < 0 ? -1 : 1;
-    int64_t left = count;
-    if (left < 0) left = -left;
-    if (left == 0 && !filter) at_end = false;
-    while (left > 0) {
-      const int found = Step(direction);
-      if (found <= 0) return At(found);
-      const int passes = Passes();
-      if (passes < 0) return 0;
-      left -= passes;
-      if (left == 0) at_end = false;
-    }
-    Refresh();
-    return 1;
-  }
-
-  int Go(long position) {
-    top_is_due = false;
-    if (position == -1 || position == -2) return GoToEnd(position == -1 ? 1 : -1);
-    if (position < 1) return At(0);
-    if (by_query) return At(Pass(Arrive(rows ? rows->Go(position) : 0)));
-    RowsPointer found;
-    Drop();
-    SetStart(1);
-    start.back().SetInteger(position);
-    const std::string where = Where(HasIntegerKey() ? table.key + " = " + Mark(0) : "");
-    found =
-        HasIntegerKey()
-            ? connection().Select(select + where, start, 1)
-            : connection().Select(
-                  select + where + OrderByKey(1) + " LIMIT 1 OFFSET " + Mark(0) + " - 1", start, 0);
-    if (!found) return FailWith("Cannot read");
-    const int next = found->Next();
-    if (next <= 0) return next < 0 ? FailWith("Cannot read") : At(0);
-    rows = std::move(found);
-    direction_of_rows = 0;
-    return At(Pass(Arrive(1)));
-  }
-
-  int Find(std::string_view key, bool exact) {
-    if (by_query) return Fail("A view of a query cannot be searched");
-    if (indexes.empty()) return Fail("Database has no open indexes");
-    top_is_due = false;
-    Drop();
-    const Index& index = indexes.front();
-    SetStart(1);
-    start.back().SetBytes(key);
-    if (connection().is_strict() && !Fits(table.columns[Place(index.column)], &start.back())) {
-      ended = true;
-      return At(0);
-    }
-    const int rising = Rising(1);
-    block = 1;
-    phase = rising > 0 ? 1 : 0;
-    if (find_text.empty()) {
-      search.where = Where(OrderColumn() + (rising > 0 ? " >= " : " <= ") + Mark(0));
-      search.rest = search.where + OrderBy(rising, false);
-      find_text = select + search.rest;
-    }
-    query = &search;
-    steps = 0;
-    RowsPointer found = connection().Select(find_text, start, block);
-    if (!found) return FailWith("Cannot search");
-    const int next = found->Next();
-    if (next < 0) return FailWith("Cannot search");
-    if (next == 0 || !IsKey(*found, index.column, key, exact)) {
-      ended = true;
-      return At(0);
-    }
-    rows = std::move(found);
-    direction_of_rows = 1;
-    Arrive(1);
-    // Among the records with that key, the first that the filter lets pass.
-    for (;;) {
-      const int passes = Passes();
-      if (passes != 0) return passes < 0 ? 0 : At(1);
-      const int found_next = Step(1);
-      if (found_next <= 0) return At(found_next);
-      if (row != Row::Live || !IsKey(live(), index.column, key, exact)) return At(0);
-    }
-  }
-
-  int SetFilter(ZPPROGRAM program, const char* text, int length) {
-    filter = nullptr;
-    if (!Trimmed(Bytes(text, length)).empty()) {
-      char* problem = nullptr;
-      filter = zpProgram_Compile_Dynamic_Expression(program, text, length, &problem, nullptr);
-      if (!filter) {
-        error = std::string("Syntax error in filter: ") + (problem ? problem : "");
-        zpProgram_Free(program, problem);
-        return 0;
-      }
-    }
-    return Go(-1);
-  }
+  int Skip(int count);
+  int Go(long position);
+  int Find(std::string_view key, bool exact);
+  int SetFilter(ZPPROGRAM program, const char* text, int length);
 
   // --- Changes. Return 0 for a failure ----------------------------------------------------------
-  int Add() {
-    if (!CanChange() || !CollectStored()) return 0;
-    const int count = Count();
-    for (int i = 0; i < count; i++) {
-      if (!IsCopied(i)) continue;
-      // What was not stored is that of the current record, as in a table of the built-in engine.
-      Settle();
-      if (!Load()) break;
-      for (int j = 0; j < count; j++) {
-        if (!IsCopied(j)) continue;
-        pending[Place(j)] = loaded[Place(j)];
-        stored[Place(j)] = true;
-      }
-      break;
-    }
-    if (insert_text.empty() || inserted != stored) {
-      inserted = stored;
-      insert_text = InsertText(false);
-    }
-    return Insert(insert_text, StoredValues(0), "Cannot add a record to '" + table.name + "'");
-  }
-
-  int Update() {
-    if (!CanChange() || !CollectStored()) return 0;
-    Settle();
-    if (!FindPlace()) return FailWith("Cannot read");
-    if (row == Row::None || place.kind == Kind::Null) return Fail("There is no record");
-    if (StoredValues(1).size() == 1) return 1;
-    if (update_text.empty() || updated != stored) {
-      updated = stored;
-      update_text = "UPDATE " + table.sql_name + " SET ";
-      int marks = 0;
-      for (int i = 0; i < Count(); i++) {
-        if (!stored[Place(i)]) continue;
-        if (marks > 0) update_text += ", ";
-        update_text += Quoted(table.columns[Place(i)].name) + " = " + MarkOf(++marks);
-      }
-      update_text += " WHERE " + table.key + " = " + MarkOf(++marks);
-    }
-    changes.back() = place;
-    if (!Change(update_text, changes, "Cannot update a record of '" + table.name + "'")) return 0;
-    if (table.key_column >= 0 && stored[Place(table.key_column)]) {
-      place = pending[Place(table.key_column)];
-    }
-    row = Row::Unloaded;
-    has_order = false;
-    Refresh();
-    return 1;
-  }
-
+  int Add();
+  int Update();
   // The record stays in the fields.
-  int Delete() {
-    if (!CanChange()) return 0;
-    Settle();
-    if (deleted) return 1;
-    if (!Load()) return Fail("There is no record");
-    if (!FindPlace()) return FailWith("Cannot read");
-    Drop();
-    row = Row::Loaded;
-    const Values values_of_key = {place};
-    if (!Change("DELETE FROM " + table.sql_name + " WHERE " + table.key + " = " + MarkOf(1),
-                values_of_key, "Cannot delete a record of '" + table.name + "'")) {
-      return 0;
-    }
-    deleted = true;
-    Refresh();
-    return 1;
-  }
-
+  int Delete();
   // The record that Delete has removed is added again.
-  int UnDelete() {
-    if (!CanChange()) return 0;
-    if (!deleted) return 1;
-    stored.assign(table.columns.size(), true);
-    for (int i = 0; i < Count(); i++) {
-      if (table.columns[Place(i)].generated) stored[Place(i)] = false;
-    }
-    pending = loaded;
-    StoredValues(table.key_column < 0);
-    if (table.key_column < 0) changes.back() = place;
-    return Insert(InsertText(true), changes, "Cannot add the record to '" + table.name + "' again");
-  }
+  int UnDelete();
 
   // --- Indexes ----------------------------------------------------------------------------------
   // The first one orders the view.
@@ -575,6 +405,7 @@ class View {
     zpDatabaseVariable_SetDirty(field->handle, 0);
     return has_value;
   }
+
   // The value of one of the four fields that are not of a column. Returns false if it has none.
   bool GetOwn(int column, int64_t* number) {
     switch (column) {
@@ -629,401 +460,70 @@ class View {
   // REQUIRES: the row is Live.
   Rows& live() { return further ? *further : *rows; }
 
-  // A key that cannot be found leaves no current row.
-  void Drop() {
-    (void)FindPlace();
-    if (row == Row::Live) row = Row::Unloaded;
-    further.reset();
-    rows.reset();
-    direction_of_rows = 0;
-  }
+  // Ends the queries. The current record is then in the database, or there is none if its key
+  // cannot be found.
+  void Drop();
   // Makes the key of the current row known. Returns false for a failure, and then there is no
   // current row.
-  bool FindPlace() {
-    if (!place_is_due) return true;
-    needs_key = true;
-    const int64_t before = rows->number() + further->number() - 1;
-    further.reset();
-    place_is_due = false;
-    RowsPointer found = QueryAfter(select, before);
-    if (!found || found->Next() != 1) return LosePlace();
-    found->Get(KeyInRows(), &place);
-    rows = std::move(found);
-    return true;
-  }
+  bool FindPlace();
   // The same at the end of `further`, for its last row.
-  bool FindLastPlace() {
-    if (!place_is_due) return true;
-    place_is_due = false;
-    const RowsPointer last =
-        connection().Select("SELECT " + table.key + from + query->where +
-                                OrderBy(-Rising(direction_of_rows), query->is_of_nulls),
-                            start, 1);
-    if (!last || last->Next() != 1) return LosePlace();
-    last->Get(0, &place);
-    return true;
-  }
-  bool LosePlace() {
-    row = Row::None;
-    place.SetNull();
-    rows.reset();
-    direction_of_rows = 0;
-    return false;
-  }
-
+  bool FindLastPlace();
+  // Leaves no current row. Returns false.
+  bool LosePlace();
   // Takes note of the row that `rows` is at, if found is 1.
-  int Arrive(int found) {
-    if (found != 1) return found;
-    row = Row::Live;
-    deleted = false;
-    ended = false;
-    has_order = false;
-    if (by_query) {
-      record_number = rows->number();
-    } else if (further) {
-      place_is_due = true;
-    } else if (table.key_column < 0) {
-      // The database's own key is a whole number.
-      place.SetInteger(rows->Integer(Count()));
-    } else {
-      rows->Get(table.key_column, &place);
-    }
-    return 1;
-  }
+  int Arrive(int found);
   // The end of a move that has found a record, or none, or has failed.
-  int At(int found, bool refreshes = true) {
-    if (found < 0) return 0;
-    if (by_query && found > 0) Arrive(1);
-    if (by_query && found == 0) row = Row::None;
-    at_end = found == 0;
-    if (refreshes) Refresh();
-    return 1;
-  }
+  int At(int found, bool refreshes = true);
   // A record that the filter does not let pass counts as none.
-  int Pass(int found) {
-    return found == 1 ? Passes() : found < 0 ? (FailWith("Cannot read"), -1) : 0;
-  }
-  int Passes() {
-    if (!filter) return 1;
-    Refresh();
-    int passes = 0;
-    if (zpProgram_Execute_Dynamic_Expression_Boolean(zpDatabaseView_Program(handle), filter,
-                                                     &passes) != 1) {
-      error = "The filter could not be evaluated";
-      return -1;
-    }
-    return passes != 0;
-  }
-
-  int GoToEnd(int direction, bool refreshes = true) {
-    int found;
-    if (by_query) {
-      found = !rows ? 0 : direction > 0 ? rows->Go(1) : rows->Last();
-      if (found < 0) FailWith("Cannot read");
-      Arrive(found);
-    } else {
-      Drop();
-      ended = false;
-      block = kLargestBlock / 32;
-      found = Begin(direction) ? StepOn() : -1;
-    }
-    while (found == 1) {
-      const int passes = Passes();
-      if (passes != 0) return passes < 0 ? 0 : At(1, refreshes);
-      found = Step(direction);
-    }
-    return At(found, refreshes);
-  }
+  int Pass(int found);
+  int Passes();
+  int GoToEnd(int direction, bool refreshes = true);
 
   // --- Steps ------------------------------------------------------------------------------------
   // Goes one row on. Returns 1, 0 at the end, or -1.
-  int Step(int direction) {
-    if (by_query) return StepOfQuery(direction);
-    if (rows && direction_of_rows == direction) return StepOn();
-    if (!FindPlace()) return FailWith("Cannot read"), -1;
-    if (row == Row::None || place.kind == Kind::Null || (ended && !indexes.empty())) return 0;
-    if (!indexes.empty() && !FindOrder()) return 0;
-    Drop();
-    return BeginAfter(direction) ? StepOn() : -1;
-  }
-
-  int StepOfQuery(int direction) {
-    if (!rows || (at_end && direction > 0)) return 0;
-    int found;
-    if (direction > 0) {
-      found = rows->Next();
-    } else {
-      found = record_number > 1 ? rows->Go(record_number - 1) : 0;
-    }
-    if (found < 0) FailWith("Cannot read");
-    return Arrive(found);
-  }
-
+  int Step(int direction);
+  int StepOfQuery(int direction);
   // Goes on in `rows`, and to the queries that follow it.
-  int StepOn() {
-    for (;;) {
-      if (++steps == kLongScan) GoOnWithoutKey();
-      const int found = further ? further->Next() : rows->Next();
-      if (found == 1) return Arrive(1);
-      if (found < 0 || (found == 0 && !FindLastPlace())) {
-        FailWith("Cannot read");
-        Drop();
-        return -1;
-      }
-      const int direction = direction_of_rows;
-      if (found == Rows::kMore) {
-        Park();
-        block = std::min(block * 4, kLargestBlock);
-        if (block < 16) block = 16;
-        if (!BeginAfter(direction)) return -1;
-      } else if (phase == 0 && !indexes.empty()) {
-        phase = 1;
-        Drop();
-        if (!BeginPhase(direction)) return -1;
-      } else {
-        Drop();
-        ended = true;
-        return 0;
-      }
-    }
-  }
-
-  // REQUIRES: `rows` are at a row, or before the first one.
-  void GoOnWithoutKey() {
-    if (needs_key || row != Row::Live || indexes.empty() || table.key_column >= 0 ||
-        !condition.empty() || !connection().skip()) {
-      return;
-    }
-    // Without it, for example if there is no lock for it, `rows` go on.
-    further = QueryAfter(short_select, rows->number());
-  }
+  int StepOn();
+  // Begins `further`, if that pays and can be done. Its first row is then the next one.
+  void GoOnWithoutKey();
   // What follows that many rows of the query of `rows`, with other columns.
-  RowsPointer QueryAfter(const std::string& columns, int64_t count) {
-    further_start = start;
-    further_start.emplace_back().SetInteger(count);
-    return connection().Select(
-        columns + query->rest + connection().skip() + MarkOf(further_start.size()), further_start,
-        0);
-  }
-
+  RowsPointer QueryAfter(const std::string& columns, int64_t count);
   // The order of the index's column for a direction: 1 rising, -1 falling.
-  int Rising(int direction) const {
-    return !indexes.empty() && indexes.front().descending ? -direction : direction;
-  }
-  std::string OrderColumn() const {
-    return Quoted(table.columns[Place(indexes.front().column)].name);
-  }
+  int Rising(int direction) const;
+  std::string OrderColumn() const;
   // The values of a query: those of the condition, and that many more.
-  void SetStart(size_t more) {
-    start.resize(values.size() + more);
-    for (size_t i = 0; i < values.size(); i++) start[i] = values[i];
-  }
+  void SetStart(size_t more);
   // The first query of a direction: that of the records without a value, when rising.
-  bool Begin(int direction) {
-    phase = 0;
-    return BeginPhase(direction);
-  }
-  bool BeginPhase(int direction) {
-    SetStart(0);
-    if (indexes.empty()) return Began(direction, Where(""), false);
-    const bool nulls = (Rising(direction) > 0) == (phase == 0);
-    return Began(direction, Where(OrderColumn() + (nulls ? " IS NULL" : " IS NOT NULL")), nulls);
-  }
-  bool BeginAfter(int direction) {
-    SetStart(0);
-    const int rising = Rising(direction);
-    const char* const beyond = rising > 0 ? " > " : " < ";
-    if (indexes.empty()) {
-      start.push_back(place);
-      return Began(direction, Where(table.key + beyond + Mark(0)), false);
-    }
-    const bool nulls = order.kind == Kind::Null;
-    phase = (rising > 0) == nulls ? 0 : 1;
-    if (nulls) {
-      start.push_back(place);
-      return Began(direction, Where(OrderColumn() + " IS NULL AND " + table.key + beyond + Mark(0)),
-                   true);
-    }
-    start.push_back(order);
-    start.push_back(place);
-    return Began(direction,
-                 Where("(" + OrderColumn() + ", " + table.key + ")" + beyond + "(" + Mark(1) +
-                       ", " + Mark(0) + ")"),
-                 false);
-  }
-  bool Began(int direction, std::string where, bool is_of_nulls) {
-    scan.where = std::move(where);
-    scan.is_of_nulls = is_of_nulls;
-    scan.rest = scan.where +
-                (indexes.empty() ? OrderByKey(direction) : OrderBy(Rising(direction), is_of_nulls));
-    query = &scan;
-    steps = 0;
-    rows = connection().Select(select + scan.rest, start, block);
-    direction_of_rows = direction;
-    if (!rows) FailWith("Cannot read");
-    return rows != nullptr;
-  }
-
-  std::string OrderByKey(int direction) const {
-    if (table.key.empty()) return "";
-    return " ORDER BY " + table.key + (direction > 0 ? "" : " DESC");
-  }
-  std::string OrderBy(int rising, bool nulls) const {
-    if (nulls) return OrderByKey(rising);
-    const char* const falls = rising > 0 ? "" : " DESC";
-    return " ORDER BY " + OrderColumn() + falls + ", " + table.key + falls;
-  }
-  std::string Where(const std::string& more) const {
-    if (condition.empty()) return more.empty() ? "" : " WHERE " + more;
-    return " WHERE (" + condition + "\n)" + (more.empty() ? "" : " AND " + more);
-  }
+  bool Begin(int direction);
+  bool BeginPhase(int direction);
+  bool BeginAfter(int direction);
+  bool Began(int direction, std::string where, bool is_of_nulls);
+  std::string OrderByKey(int direction) const;
+  std::string OrderBy(int rising, bool nulls) const;
+  std::string Where(const std::string& more) const;
   std::string MarkOf(size_t number) const { return connection().mark() + std::to_string(number); }
   // The marker of the last value in `start`, or of the one that many before it.
   std::string Mark(size_t before_last) const { return MarkOf(start.size() - before_last); }
 
-  static bool IsKey(Rows& rows, int column, std::string_view key, bool exact) {
-    Cell cell;
-    rows.Read(column, &cell);
-    double wanted;
-    switch (cell.kind) {
-      case Kind::Null: return false;
-      case Kind::Integer:
-        return ReadNumber(key, &wanted) && wanted == static_cast<double>(cell.integer);
-      case Kind::Real: return ReadNumber(key, &wanted) && wanted == cell.real;
-      default: break;
-    }
-    double number;
-    if (rows.columns()[static_cast<size_t>(column)].decimal && ReadNumber(cell.text, &number)) {
-      return ReadNumber(key, &wanted) && wanted == number;
-    }
-    return exact ? cell.text == key : cell.text.starts_with(key);
-  }
-
+  static bool IsKey(Rows& rows, int column, std::string_view key, bool exact);
   // Whether a key is a value of the column's type. For a whole number it becomes one.
-  static bool Fits(const Column& column, Value* key) {
-    if (column.has_text) return true;
-    double number = 0;
-    const bool is_number = ReadNumber(key->text, &number);
-    if (column.boolean) return is_number && (number == 0 || number == 1);
-    if (column.letter == 'D') return IsDate(key->text);
-    if (column.letter != 'N') return true;
-    if (!is_number || column.type != 2 || column.decimal) return is_number;
-    const std::string_view text = Trimmed(key->text);
-    int64_t whole = 0;
-    const auto [end, wrong] = std::from_chars(text.data(), text.data() + text.size(), whole);
-    if (wrong != std::errc() || end != text.data() + text.size()) {
-      if (!(number > -1e18 && number < 1e18)) return false;
-      whole = static_cast<int64_t>(number);
-      if (static_cast<double>(whole) != number) return false;
-    }
-    if (whole < column.least || whole > column.largest) return false;
-    key->SetInteger(whole);
-    return true;
-  }
-
+  static bool Fits(const Column& column, Value* key);
   // The value of the index's column, to go on from.
-  bool FindOrder() {
-    if (has_order) return true;
-    if (!Load()) return false;
-    order = loaded[Place(indexes.front().column)];
-    return has_order = true;
-  }
-
+  bool FindOrder();
   // Copies the current record to `loaded`. Returns false if there is none.
-  bool Load() {
-    if (row == Row::None || row == Row::Loaded) return row == Row::Loaded;
-    Values key;
-    RowsPointer found;
-    Rows* source = row == Row::Live ? &live() : nullptr;
-    if (row == Row::Unloaded) {
-      if (place.kind == Kind::Null) return false;
-      key.push_back(place);
-      found = connection().Select(select + " WHERE " + table.key + " = " + MarkOf(1), key, 0);
-      if (!found || found->Next() != 1) return false;
-      source = found.get();
-    }
-    loaded.resize(table.columns.size());
-    for (int i = 0; i < Count(); i++) source->Get(i, &loaded[Place(i)]);
-    // A row in `rows` is still the current one there.
-    if (row == Row::Unloaded) row = Row::Loaded;
-    return true;
-  }
+  bool Load();
 
   // --- Changes ----------------------------------------------------------------------------------
-  bool CanChange() {
-    if (!by_query && !table.key.empty()) return true;
-    Fail(by_query ? "A view of a query cannot be changed"
-                  : "The table '" + table.name + "' has no key, so its records cannot be changed");
-    return false;
-  }
+  bool CanChange();
   // Whether a new record gets the current one's value.
-  bool IsCopied(int column) const {
-    return !stored[Place(column)] && column != table.key_column &&
-           !table.columns[Place(column)].generated;
-  }
-  bool CollectStored() {
-    stored.assign(table.columns.size(), false);
-    pending.resize(table.columns.size());
-    if (!zpDatabaseView_Commit(handle)) {
-      Fail("A value was refused");
-      return false;
-    }
-    for (int i = 0; i < Count(); i++) {
-      Value& value = pending[Place(i)];
-      const Column& column = table.columns[Place(i)];
-      if (!stored[Place(i)]) continue;
-      if (column.boolean) {
-        value.SetInteger(IsTrue(value));
-      } else if (!column.has_text && value.kind == Kind::Text && Trimmed(value.text).empty()) {
-        value.SetNull();
-      }
-    }
-    return true;
-  }
+  bool IsCopied(int column) const;
+  bool CollectStored();
   // The values of the stored columns, with room for that many more. The list keeps its memory.
-  Values& StoredValues(size_t more) {
-    size_t count = 0;
-    for (const bool is_stored : stored) count += is_stored;
-    changes.resize(count + more);
-    count = 0;
-    for (size_t i = 0; i < stored.size(); i++) {
-      if (stored[i]) changes[count++] = pending[i];
-    }
-    return changes;
-  }
-  std::string InsertText(bool with_key) const {
-    std::string names, marks;
-    size_t number = 0;
-    const auto add = [&](const std::string& name) {
-      names += (number > 0 ? ", " : "") + name;
-      marks += (number > 0 ? ", " : "") + MarkOf(number + 1);
-      number++;
-    };
-    for (int i = 0; i < Count(); i++) {
-      if (stored[Place(i)]) add(Quoted(table.columns[Place(i)].name));
-    }
-    if (with_key && table.key_column < 0) add(table.key);
-    return "INSERT INTO " + table.sql_name +
-           (number == 0 ? " DEFAULT VALUES" : " (" + names + ") VALUES (" + marks + ")");
-  }
-  int Insert(const std::string& text, const Values& list, const std::string& what) {
-    database->Park();
-    Value key;
-    if (!connection().Insert(table, text, list, &key)) return FailWith(what);
-    top_is_due = false;
-    place = std::move(key);
-    row = Row::Unloaded;
-    has_order = ended = deleted = at_end = false;
-    Refresh();
-    return 1;
-  }
-  bool Change(const std::string& text, const Values& list, const std::string& what) {
-    database->Park();
-    int64_t changed = 0;
-    if (!connection().Run(text, list, true, &changed)) return FailWith(what);
-    if (changed == 0) return Fail(what + ": it is no longer there");
-    return true;
-  }
+  Values& StoredValues(size_t more);
+  std::string InsertText(bool with_key) const;
+  int Insert(const std::string& text, const Values& list, const std::string& what);
+  bool Change(const std::string& text, const Values& list, const std::string& what);
 
   const bool by_query = false;
   std::string select;              // the query; or of a table: SELECT, the columns, the key, FROM
@@ -1085,5 +585,8 @@ inline void Database::Park() {
 }
 
 }  // namespace zephsql
+
+#include "extensions/sql/ViewChanges.h"
+#include "extensions/sql/ViewMoves.h"
 
 #endif
