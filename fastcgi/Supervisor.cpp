@@ -27,6 +27,8 @@ constexpr std::chrono::seconds kLongLife(10);
 constexpr std::chrono::milliseconds kFirstDelay(100);
 constexpr std::chrono::milliseconds kLongestDelay(10000);
 constexpr std::chrono::seconds kTimeToLeave(18);
+// As often as a heartbeat looks in the workers.
+constexpr std::chrono::milliseconds kLook(5000);
 
 bool IsServing(const StatusBoard& board) {
   return board.get()->phase.load() == static_cast<uint32_t>(ProcessPhase::Serving);
@@ -76,6 +78,7 @@ bool Supervisor::Run() {
     HandleSignals();
     Reap();
     LookAtPhases();
+    LookAtLog();
     if (ends && !killed && Clock::now() >= kill_time) {
       for (const Worker& worker : workers) kill(worker.pid, SIGKILL);
       killed = true;
@@ -137,13 +140,13 @@ void Supervisor::BecomeWorker(StatusBoard board) {
 }
 
 void Supervisor::Wait() {
-  int timeout = -1;
+  int timeout = static_cast<int>(kLook.count());
   const auto until = [&timeout](Clock::time_point time) {
     const auto left =
         std::chrono::duration_cast<std::chrono::milliseconds>(time - Clock::now()).count() + 1;
-    const int wait = static_cast<int>(std::clamp<int64_t>(left, 0, 60000));
-    timeout = timeout < 0 ? wait : std::min(timeout, wait);
+    timeout = static_cast<int>(std::clamp<int64_t>(left, 0, timeout));
   };
+  until(next_look);
   if (ends && !killed) until(kill_time);
   for (const Seat& seat : seats) {
     if (!ends && !seat.current) until(seat.next_start);
@@ -266,6 +269,13 @@ void Supervisor::LookAtPhases() {
     if (seat.previous) all_replaced = false;
   }
   if (all_serve && all_replaced) TellState();
+}
+
+// It rarely has a line to write, and would keep a renamed log open until then.
+void Supervisor::LookAtLog() {
+  if (Clock::now() < next_look) return;
+  next_look = Clock::now() + kLook;
+  ErrorLog::OfProcess().Look();
 }
 
 void Supervisor::TellState() {

@@ -63,6 +63,7 @@ class Supervisor {
   void Reap();
   void Bury(const Worker& worker, int status);
   void LookAtPhases();
+  void LookAtLog();
   void TellState();
   StatusReport Report() const;
 
@@ -76,6 +77,7 @@ class Supervisor {
   std::list<Worker> workers;
   std::vector<Seat> seats;
   Clock::time_point kill_time;
+  Clock::time_point next_look;  // at the log
   bool ends = false;
   bool killed = false;
   bool is_ready = false;  // all workers have served at the same time, once

@@ -65,8 +65,6 @@ void StartStatus(StatusThread* status, const std::string& address, int threads) 
 
 // Returns false in the supervisor when it has ended, and true in a process that is to serve.
 bool BecomeWorker(int workers, int threads, const ProcessSettings& settings) {
-  // A process that serves learns of its log by its first request. The supervisor has none.
-  OperatorSettings::UseLog(settings.error_log.c_str());
   Supervisor supervisor(workers, threads, settings.status_listen,
                         ServiceManager::TakeStatusSocket());
   return supervisor.Run();
@@ -91,7 +89,13 @@ int main(int argc, char** argv) {
   tzset();
   const int workers = WorkersOf(argc, arguments.copied_arguments);
   ProcessSettings settings = ReadProcessSettings();
-  if (workers > 0 && IsListening(kListeningSocket)) {
+  const bool is_listening = IsListening(kListeningSocket);
+  // Requests set the log again, but the first one may be long in coming, and a supervisor has none.
+  // Without a socket there is nothing to serve, and the person at the shell has to see why.
+  if (is_listening && (workers > 0 || !settings.error_log.empty())) {
+    OperatorSettings::UseLog(settings.error_log.c_str());
+  }
+  if (workers > 0 && is_listening) {
     if (!BecomeWorker(workers, arguments.thread_count, settings)) {
       FreeArgs(argc, arguments.copied_arguments);
       return 0;

@@ -285,6 +285,18 @@ TEST_F(Operation, AnErrorLogThatCannotBeOpenedIsReportedInTheOneBefore) {
 
 // --- Where the lines go --------------------------------------------------------------------------
 
+TEST_F(Operation, TheLogIsOpenBeforeTheFirstRequest) {
+  ASSERT_TRUE(engine.Start());
+  ASSERT_TRUE(engine.WaitUntilReady());
+  EXPECT_TRUE(std::filesystem::exists(engine.Path("error.log")));
+  EngineProcess other;
+  other.settings = "error_log = \"/nowhere/error.log\"\n";
+  ASSERT_TRUE(other.Start());
+  ASSERT_TRUE(other.WaitUntilReady());
+  EXPECT_THAT(other.Log(), HasSubstr(": error_log: /nowhere/error.log: No such file or directory; "
+                                     "the log stays as it was\n"));
+}
+
 TEST_F(Operation, WithoutASettingLinesGoToStandardError) {
   engine.settings = "";
   ASSERT_TRUE(engine.Start());
@@ -569,6 +581,22 @@ TEST_F(SlowOperation, WithStatusCodesACancelSaysSo) {
   operator_thread.join();
   EXPECT_EQ(response.Body(), "Application cancelled");
   EXPECT_EQ(response.Header("Status"), "503 Service Unavailable");
+}
+
+TEST_F(SlowOperation, AnotherLogIsTakenWithinABeat) {
+  ASSERT_TRUE(engine.Start());
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  engine.settings = "error_log = \"" + engine.Path("other.log") + "\"\n";
+  engine.WriteConfiguration();
+  const auto end = std::chrono::steady_clock::now() + Milliseconds(20000);
+  while (Lines("other.log").empty() && std::chrono::steady_clock::now() < end) {
+    engine.Get("/fatal.zpc");
+    std::this_thread::sleep_for(Milliseconds(50));
+  }
+  EXPECT_FALSE(Lines("other.log").empty());
+  const size_t before = Lines().size();
+  engine.Get("/fatal.zpc");
+  EXPECT_EQ(Lines().size(), before);
 }
 
 TEST_F(SlowOperation, AFailingTaskHasALine) {

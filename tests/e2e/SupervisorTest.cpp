@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -27,6 +28,7 @@
 #include "tests/e2e/Pages.h"
 #include "tests/support/Command.h"
 #include "tests/support/SignalProcess.h"
+#include "tests/support/WebServers.h"
 
 namespace {
 
@@ -138,6 +140,15 @@ class Service : public testing::Test {
   pid_t Worker(size_t number, pid_t ended = 0) const {
     const std::set<pid_t> found = WorkersWithout(ended, number);
     return found.empty() ? 0 : *found.begin();
+  }
+
+  // Starts an engine with so many workers of two threads, of which one has served a page. Returns
+  // them; fewer than asked for if the test has failed.
+  std::set<pid_t> StartWithWorkers(size_t number) {
+    engine.arguments = {"--workers", std::to_string(number), "-t", "2"};
+    if (!engine.Start()) return {};
+    ExpectPage(engine.Get("/page.zpc"), "page");
+    return Workers(number);
   }
 
   EngineProcess engine;
@@ -260,6 +271,20 @@ TEST_F(Service, AWrongAddressOfTheStatusIsReportedAndPagesAreServed) {
                                       "or the absolute path of a socket, found \"localhost:80\""));
 }
 
+TEST_F(Service, TheStatusMayBeAtAPort) {
+  const int port = FreePort();
+  for (const char* workers : {"", "2"}) {
+    SCOPED_TRACE(workers);
+    EngineProcess other;
+    other.settings = "[process]\nstatus_listen = \"127.0.0.1:" + std::to_string(port) + "\"\n";
+    if (*workers) other.arguments = {"--workers", workers};
+    ASSERT_TRUE(other.Start());
+    EXPECT_TRUE(Eventually([&] {
+      return Exchange("", port, "GET /ping HTTP/1.0\r\n\r\n").ends_with("\r\n\r\nok\n");
+    }));
+  }
+}
+
 TEST_F(Service, AWrongNumberOfWorkersIsReportedAndOneProcessServes) {
   engine.arguments = {"--workers", "0"};
   ASSERT_TRUE(engine.Start());
@@ -270,10 +295,7 @@ TEST_F(Service, AWrongNumberOfWorkersIsReportedAndOneProcessServes) {
 
 TEST_F(Service, AWorkerThatIsKilledUnderLoadTakesOnlyItsOwnRequestsWithIt) {
   ServeStatus();
-  engine.arguments = {"--workers", "2", "-t", "2"};
-  ASSERT_TRUE(engine.Start());
-  ASSERT_TRUE(Eventually([&] { return Status("/ping") == "ok\n"; }));
-  const std::set<pid_t> before = Workers(2);
+  const std::set<pid_t> before = StartWithWorkers(2);
   ASSERT_EQ(before.size(), 2u);
   Load load(engine, 4);
   load.WaitForPages(50);
@@ -326,6 +348,20 @@ TEST_F(Service, TheSupervisorWritesToTheLogOfTheEngine) {
     return content(engine.Path("other.log")).find(ended + std::to_string(third)) !=
            std::string::npos;
   }));
+}
+
+// Else the renamed file could not be given up, nor be compressed.
+TEST_F(SlowService, ASupervisorThatHasNothingToSayFollowsARotatedLog) {
+  const std::string log = engine.Path("error.log");
+  engine.settings = "error_log = \"" + log + "\"\n";
+  ASSERT_EQ(StartWithWorkers(1).size(), 1u);
+  // The log is the process's standard error, too.
+  const std::string error = "/proc/" + std::to_string(engine.pid()) + "/fd/2";
+  EXPECT_EQ(std::filesystem::read_symlink(error), log);
+  std::filesystem::rename(log, log + ".1");
+  EXPECT_EQ(std::filesystem::read_symlink(error), log + ".1");
+  EXPECT_TRUE(
+      Eventually([&] { return std::filesystem::read_symlink(error) == log; }, Milliseconds(20000)));
 }
 
 // The engine's standard error as a pipe, whose reader may end or stop reading.
@@ -449,12 +485,9 @@ TEST_F(Service, WorkersThatKeepEndingAreStartedEverMoreSlowly) {
 }
 
 TEST_F(SlowService, AReloadUnderLoadLosesNoRequest) {
-  engine.arguments = {"--workers", "2", "-t", "2"};
-  ASSERT_TRUE(engine.Start());
-  ExpectPage(engine.Get("/page.zpc"), "page");
-  FastCGIClient* busy = BusyRequest();
-  const std::set<pid_t> before = Workers(2);
+  const std::set<pid_t> before = StartWithWorkers(2);
   ASSERT_EQ(before.size(), 2u);
+  FastCGIClient* busy = BusyRequest();
   Load load(engine, 4);
   load.WaitForPages(20);
   engine.Signal(SIGHUP);
@@ -477,14 +510,13 @@ TEST_F(SlowService, AReloadUnderLoadLosesNoRequest) {
 }
 
 TEST_F(SlowService, AReloadEndsKeptConnectionsWithoutARequest) {
-  engine.arguments = {"--workers", "1", "-t", "2"};
-  ASSERT_TRUE(engine.Start());
+  const std::set<pid_t> before = StartWithWorkers(1);
+  ASSERT_EQ(before.size(), 1u);
   FastCGIClient kept;
   ASSERT_TRUE(kept.Connect(engine.socket()));
   for (int i = 0; i < 2; i++) {
     EXPECT_EQ(kept.Request(engine.Parameters("/page.zpc"), "", true).Body(), "page");
   }
-  const std::set<pid_t> before = Workers();
   engine.Signal(SIGHUP);
   EXPECT_TRUE(kept.WaitForClose());
   for (const pid_t pid : before) EXPECT_TRUE(Eventually([&] { return IsGone(pid); }));
@@ -493,10 +525,8 @@ TEST_F(SlowService, AReloadEndsKeptConnectionsWithoutARequest) {
 
 TEST_F(Service, AWorkerIsReplacedAfterMaxRequests) {
   engine.settings = "[process]\nmax_requests = 10\n";
-  engine.arguments = {"--workers", "2", "-t", "2"};
-  ASSERT_TRUE(engine.Start());
-  ExpectPage(engine.Get("/page.zpc"), "page");
-  const std::set<pid_t> before = Workers(2);
+  const std::set<pid_t> before = StartWithWorkers(2);
+  ASSERT_EQ(before.size(), 2u);
   Load load(engine, 3);
   load.WaitForPages(100);
   load.Stop();
@@ -545,12 +575,9 @@ TEST_F(SlowService, AWorkerLeavesAfterMaxRequestsWhateverItsTasksDo) {
 
 TEST_F(SlowService, SIGTERMEndsAllWorkersInTime) {
   ServeStatus();
-  engine.arguments = {"--workers", "3", "-t", "2"};
-  ASSERT_TRUE(engine.Start());
-  ExpectPage(engine.Get("/page.zpc"), "page");
-  BusyRequest();
-  const std::set<pid_t> workers = Workers(3);
+  const std::set<pid_t> workers = StartWithWorkers(3);
   ASSERT_EQ(workers.size(), 3u);
+  BusyRequest();
   engine.Signal(SIGTERM);
   EXPECT_TRUE(Eventually([&] { return Status("/ping") == "not serving\n"; }, Milliseconds(2000)));
   EXPECT_EQ(engine.Wait(Milliseconds(20000)), 0);
@@ -559,10 +586,9 @@ TEST_F(SlowService, SIGTERMEndsAllWorkersInTime) {
 }
 
 TEST_F(SlowService, AWorkerThatHangsIsKilledInTime) {
-  engine.arguments = {"--workers", "1"};
-  ASSERT_TRUE(engine.Start());
-  ExpectPage(engine.Get("/page.zpc"), "page");
-  const pid_t worker = Worker(1);
+  const std::set<pid_t> workers = StartWithWorkers(1);
+  ASSERT_EQ(workers.size(), 1u);
+  const pid_t worker = *workers.begin();
   SignalProcess(worker, SIGSTOP);
   engine.Signal(SIGTERM);
   EXPECT_EQ(engine.Wait(Milliseconds(20000)), 0);
@@ -570,10 +596,7 @@ TEST_F(SlowService, AWorkerThatHangsIsKilledInTime) {
 }
 
 TEST_F(SlowService, WorkersLeaveWhenTheirSupervisorIsKilled) {
-  engine.arguments = {"--workers", "2"};
-  ASSERT_TRUE(engine.Start());
-  ExpectPage(engine.Get("/page.zpc"), "page");
-  const std::set<pid_t> workers = Workers(2);
+  const std::set<pid_t> workers = StartWithWorkers(2);
   ASSERT_EQ(workers.size(), 2u);
   engine.Signal(SIGKILL);
   for (const pid_t pid : workers) EXPECT_TRUE(Eventually([&] { return IsGone(pid); }));

@@ -26,6 +26,7 @@
 #include <string_view>
 
 #include "base/host/FileDescriptor.h"
+#include "base/systems/unix/SystemCalls.h"
 
 namespace {
 
@@ -150,11 +151,11 @@ ssize_t WriteToPipe(int descriptor, const char* bytes, size_t length) {
   char path[32];
   snprintf(path, sizeof path, "/proc/self/fd/%d", descriptor);
   const FileDescriptor own(open(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-  if (own.is_open()) return write(own.get(), bytes, length);
+  if (own.is_open()) return system_calls.write(own.get(), bytes, length);
   const iovec piece{const_cast<char*>(bytes), length};
   const ssize_t count = pwritev2(descriptor, &piece, 1, -1, RWF_NOWAIT);
   if (count >= 0 || (errno != EOPNOTSUPP && errno != ENOSYS)) return count;
-  return TakesBytes(descriptor) ? write(descriptor, bytes, length) : -1;
+  return TakesBytes(descriptor) ? system_calls.write(descriptor, bytes, length) : -1;
 }
 
 // Returns the number of bytes that were taken, or -1. Neither waits nor leaves a signal.
@@ -167,7 +168,7 @@ ssize_t WriteAtOnce(int descriptor, const char* bytes, size_t length) {
   if (S_ISFIFO(status.st_mode)) {
     count = WriteToPipe(descriptor, bytes, length);
   } else if (TakesBytes(descriptor)) {
-    count = write(descriptor, bytes, length);
+    count = system_calls.write(descriptor, bytes, length);
   }
   if (count < 0 && errno == EPIPE) guard.TakeBack();
   return count;

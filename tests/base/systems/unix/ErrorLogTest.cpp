@@ -9,17 +9,19 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <future>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "base/host/FileDescriptor.h"
+#include "base/systems/unix/SystemCalls.h"
 #include "tests/support/OtherUser.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -299,41 +301,54 @@ TEST_F(ErrorLogTest, ASocketWhosePeerHasEndedRaisesNoSignal) {
             std::vector<std::string>{Line("error", "one")});
 }
 
-// As workers do that have one standard error. A poll before the write does not help: both see the
-// last free place, and the slower one waits.
-TEST_F(ErrorLogTest, WritersOfOnePipeDoNotWaitForEachOther) {
-  const int kWriters = 4;
-  std::atomic<int> ended{0};
-  std::atomic<bool> stops{false};
-  std::vector<std::thread> writers;
-  std::string read(1 << 20, '\0');
-  bool waited = false;
-  {
-    StandardErrorPipe standard_error;
-    writers.reserve(kWriters);
-    for (int i = 0; i < kWriters; i++) {
-      writers.emplace_back([&ended, &stops] {
-        ErrorLog own;
-        own.Open("stderr");
-        const std::string text(3000, 'x');
-        while (!stops) own.Write(Level::Error, text.c_str());
-        ended++;
-      });
-    }
-    for (int i = 0; i < 2000; i++) {
-      EXPECT_GT(::read(standard_error.reader.get(), read.data(), 4096), 0);
-    }
-    stops = true;
-    for (int i = 0; i < 2000 && ended < kWriters; i++) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    waited = ended < kWriters;
-    while (ended < kWriters) {
-      EXPECT_GT(::read(standard_error.reader.get(), read.data(), read.size()), 0);
-    }
-    for (std::thread& writer : writers) writer.join();
+// A full pipe in the moment between a look at it and the write, as another worker with the same
+// standard error can leave it. Exists once.
+class FullBeforeEachWrite {
+ public:
+  explicit FullBeforeEachWrite(int pipe) {
+    const std::string path = "/proc/self/fd/" + std::to_string(pipe);
+    other.reset(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    system_calls.write = [](int descriptor, const void* bytes, size_t length) {
+      const std::string page(4096, 'x');
+      while (::write(other.get(), page.data(), page.size()) > 0) {
+      }
+      return ::write(descriptor, bytes, length);
+    };
   }
-  EXPECT_FALSE(waited);
+  ~FullBeforeEachWrite() {
+    system_calls = SystemCalls();
+    other.reset();
+  }
+  FullBeforeEachWrite(const FullBeforeEachWrite&) = delete;
+  FullBeforeEachWrite& operator=(const FullBeforeEachWrite&) = delete;
+
+ private:
+  static inline FileDescriptor other = FileDescriptor();
+};
+
+// A look at the pipe before the write does not help: two writers see the last free place, and the
+// slower one would wait for the reader.
+TEST_F(ErrorLogTest, WritersOfOnePipeDoNotWaitForEachOther) {
+  std::string read(1 << 20, '\0');
+  StandardErrorPipe standard_error;
+  ErrorLog standard;
+  ASSERT_TRUE(standard.Open("stderr"));
+  {
+    const FullBeforeEachWrite others(STDERR_FILENO);
+    auto writer = std::async(std::launch::async,
+                             [&standard] { return standard.Write(Level::Error, "lost"); });
+    const bool waits = writer.wait_for(std::chrono::seconds(20)) != std::future_status::ready;
+    EXPECT_FALSE(waits);
+    // Whatever it is, it ends now.
+    EXPECT_GT(::read(standard_error.reader.get(), read.data(), read.size()), 0);
+    EXPECT_TRUE(writer.get());
+  }
+  standard.Write(Level::Error, "last");
+  const ssize_t count = ::read(standard_error.reader.get(), read.data(), read.size());
+  ASSERT_GT(count, 0);
+  EXPECT_EQ(Messages(read.substr(0, static_cast<size_t>(count))),
+            (std::vector<std::string>{Line("warning", "1 lines could not be written"),
+                                      Line("error", "last")}));
 }
 
 // This one may not open it again.
