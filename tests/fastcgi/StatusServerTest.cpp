@@ -95,15 +95,21 @@ TEST(StatusAddress, IsAnAddressWithAPortOrThePathOfASocket) {
   }
 }
 
+sockaddr_un AddressOf(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  return address;
+}
+
 // Connects and sends; the connection is open until the object ends.
 class Visitor {
  public:
   Visitor(const std::string& path, const std::string& bytes) {
     descriptor.reset(socket(AF_UNIX, SOCK_STREAM, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
-    EXPECT_EQ(connect(descriptor.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const sockaddr_un address = AddressOf(path);
+    EXPECT_EQ(
+        connect(descriptor.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     EXPECT_EQ(send(descriptor.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
               static_cast<ssize_t>(bytes.size()));
   }
@@ -117,23 +123,37 @@ class Visitor {
   FileDescriptor descriptor;
 };
 
-TEST(StatusServer, AClientThatSendsHalfARequestDelaysNoOther) {
+// A server on a socket of the test.
+class ListeningStatusServer : public testing::Test {
+ protected:
+  ListeningStatusServer() : path(directory.path("s")), server(Serving) {}
+  void SetUp() override {
+    std::string problem;
+    ASSERT_TRUE(server.Listen(path, &problem)) << problem;
+  }
+  // Lets the server work until the visitor has the response to "/ping".
+  void ExpectPing(Visitor& visitor) {
+    std::vector<pollfd> others;
+    std::string got;
+    for (int i = 0; i < 50 && got.empty(); i++) {
+      server.Turn(&others, 100);
+      got = visitor.Read();
+    }
+    EXPECT_THAT(got, EndsWith("\r\n\r\nok\n"));
+  }
+
   const TemporaryDirectory directory;
-  const std::string path = directory.path() + "/s";
-  StatusServer server(Serving);
-  std::string problem;
-  ASSERT_TRUE(server.Listen(path, &problem)) << problem;
+  const std::string path;
+  StatusServer server;
+};
+
+TEST_F(ListeningStatusServer, AClientThatSendsHalfARequestDelaysNoOther) {
   Visitor slow(path, "GET /ping HT");
   std::vector<pollfd> others;
   server.Turn(&others, 1000);
   server.Turn(&others, 1000);
   Visitor quick(path, "GET /ping HTTP/1.1\r\n\r\n");
-  std::string got;
-  for (int i = 0; i < 10 && got.empty(); i++) {
-    server.Turn(&others, 100);
-    got = quick.Read();
-  }
-  EXPECT_THAT(got, EndsWith("\r\n\r\nok\n"));
+  ExpectPing(quick);
   EXPECT_EQ(slow.Read(), "");
 }
 
@@ -146,12 +166,7 @@ int Turns(StatusServer& server, std::chrono::milliseconds time) {
   return turns;
 }
 
-TEST(StatusServer, AClientThatCannotBeAcceptedKeepsNoProcessorBusy) {
-  const TemporaryDirectory directory;
-  const std::string path = directory.path() + "/s";
-  StatusServer server(Serving);
-  std::string problem;
-  ASSERT_TRUE(server.Listen(path, &problem)) << problem;
+TEST_F(ListeningStatusServer, AClientThatCannotBeAcceptedKeepsNoProcessorBusy) {
   Visitor visitor(path, "GET /ping HTTP/1.1\r\n\r\n");
   rlimit before{};
   getrlimit(RLIMIT_NOFILE, &before);
@@ -162,22 +177,11 @@ TEST(StatusServer, AClientThatCannotBeAcceptedKeepsNoProcessorBusy) {
   const int turns = Turns(server, std::chrono::milliseconds(300));
   setrlimit(RLIMIT_NOFILE, &before);
   EXPECT_LE(turns, 10);
-  std::string got;
-  std::vector<pollfd> others;
-  for (int i = 0; i < 50 && got.empty(); i++) {
-    server.Turn(&others, 100);
-    got = visitor.Read();
-  }
-  EXPECT_THAT(got, EndsWith("\r\n\r\nok\n"));
+  ExpectPing(visitor);
 }
 
-TEST(StatusServer, WithoutMemoryItWaitsAndTheOthersAreHeard) {
+TEST_F(ListeningStatusServer, WithoutMemoryItWaitsAndTheOthersAreHeard) {
   if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
-  const TemporaryDirectory directory;
-  const std::string path = directory.path() + "/s";
-  StatusServer server(Serving);
-  std::string problem;
-  ASSERT_TRUE(server.Listen(path, &problem)) << problem;
   Visitor visitor(path, "GET /ping HTTP/1.1\r\n\r\n");
   const FileDescriptor quiet(eventfd(0, EFD_CLOEXEC));
   const FileDescriptor ready(eventfd(1, EFD_CLOEXEC));
@@ -198,22 +202,15 @@ TEST(StatusServer, WithoutMemoryItWaitsAndTheOthersAreHeard) {
   }
   EXPECT_EQ(others[0].revents, 0);
   EXPECT_EQ(others[1].revents, POLLIN);
-  std::string got;
-  for (int i = 0; i < 50 && got.empty(); i++) {
-    server.Turn(&others, 100);
-    got = visitor.Read();
-  }
-  EXPECT_THAT(got, EndsWith("\r\n\r\nok\n"));
+  ExpectPing(visitor);
 }
 
 // As that of a process that was stopped.
 TEST(StatusServer, ASocketWhoseQueueIsFullIsNoLeftOverAndDelaysNoStart) {
   const TemporaryDirectory directory;
-  const std::string path = directory.path() + "/s";
+  const std::string path = directory.path("s");
   FileDescriptor stopped(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  const sockaddr_un address = AddressOf(path);
   const auto* any = reinterpret_cast<const sockaddr*>(&address);
   ASSERT_EQ(bind(stopped.get(), any, sizeof address), 0);
   ASSERT_EQ(listen(stopped.get(), 0), 0);
@@ -234,7 +231,7 @@ TEST(StatusServer, ASocketWhoseQueueIsFullIsNoLeftOverAndDelaysNoStart) {
 
 TEST(StatusServer, TakesTheSocketOfAnEndedOneAndNoOther) {
   const TemporaryDirectory directory;
-  const std::string path = directory.path() + "/s";
+  const std::string path = directory.path("s");
   std::string problem;
   {
     StatusServer ended(Serving);
