@@ -108,6 +108,7 @@ int CommandLineApplication::Go(const Options& options) {
   MachineScope scope(this);
   String path;
   if (!Prepare(options, &tagged, &path)) return 1;
+  if (options.check) return 0;
   LimitMemory();
   ProcessLogSettings();
   // On a terminal the user sees each write at once.
@@ -157,6 +158,7 @@ bool CommandLineApplication::Prepare(const Options& options, TaggedFile* tagged,
   if (!LoadConfiguration(options)) return false;
   file_manager->MaxFiles(configuration->value_integer(Config_max_files));
   file_manager->SecurityOptions(configuration->value_integer(Config_flags_security));
+  if (!options.script && !options.text) return CheckDirectories();
   File* file = nullptr;
   const bool is_file = options.script && strcmp(options.script, kStandardInput) != 0;
   const bool opened =
@@ -211,6 +213,14 @@ bool CommandLineApplication::Place(const char* named, String* directory, String*
   directory->assign(full.c_str(), slash == 0 ? 1 : static_cast<int>(slash));
   path->assign(full.c_str() + slash + 1, -1);
   return true;
+}
+
+bool CommandLineApplication::CheckDirectories() {
+  const char* scripts = configuration->value_string(Config_dir_zeph);
+  if (scripts && !file_manager->InitializeScriptDirectory(scripts, nullptr)) {
+    return Fail("", file_manager->error());
+  }
+  return InitializeDirectories();
 }
 
 bool CommandLineApplication::OpenScript(const char* named, File** file, String* path) {

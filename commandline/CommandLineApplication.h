@@ -21,7 +21,8 @@ class CommandLineApplication : public UNIXApplication {
   CommandLineApplication(int argc, char** argv, ExternalLibraryManager* library_manager);
 
   // Runs the script, once. Returns the exit status: 0 if it ran to its end, kEndedWithErrors if it
-  // did and there were messages of errors, and 1 otherwise.
+  // did and there were messages of errors, and 1 otherwise. If the options ask for a check, returns
+  // 0 if the script could be run, or if there is none, and 1 otherwise.
   static constexpr int kEndedWithErrors = 3;
   int Go(const Options& options);
   // Ends the script for good. Any thread.
@@ -35,6 +36,8 @@ class CommandLineApplication : public UNIXApplication {
   bool LoadConfiguration(const Options& options);
   bool LoadLibrary(const char* path);
   bool InitializeDirectories();
+  // The stages of a check without a script.
+  bool CheckDirectories();
   bool OpenScript(const char* named, File** file, String* path);
   // A script that is no file: of standard input, or of the text of a page.
   bool OpenImage(const Options& options, File** file, String* path);

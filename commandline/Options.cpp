@@ -9,6 +9,7 @@
 const char zprun_usage[] =
     "usage: zprun [option ...] page.zpc [argument ...]\n"
     "       zprun [option ...] -e TEXT [argument ...]\n"
+    "       zprun --check [option ...] [page.zpc]\n"
     "       zprun --help | --version\n"
     "\n"
     "Runs a compiled script and writes its output to standard output; - is a script on standard\n"
@@ -20,6 +21,8 @@ const char zprun_usage[] =
     "  --config FILE     settings, as libzephconfig.so reads them; without it those of the "
     "engine,\n"
     "                    and where there are none the built-in defaults\n"
+    "  --check           loads the settings and the script, opens the directories, and runs "
+    "nothing\n"
     "  --errors-in-page  messages of errors are part of the output, as a visitor gets them; "
     "without\n"
     "                    it they go to standard error\n"
@@ -92,6 +95,8 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* problem)
       } else {
         options->text = argv[++i];
       }
+    } else if (option == "--check") {
+      options->check = true;
     } else if (option == "--errors-in-page") {
       options->errors_in_page = true;
     } else if (option == "--request" || option == "--headers") {
@@ -106,6 +111,7 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* problem)
   }
   if (!options->text) {
     if (i >= argc) {
+      if (options->check) return true;
       *problem = "no script";
       return false;
     }

@@ -13,7 +13,8 @@ struct Options {
   bool help = false;
   bool version = false;
   const char* config = nullptr;  // the path of a configuration file, or null
-  // One of the two is set, unless help or version is true.
+  bool check = false;  // loads settings and script, and runs nothing; there may be no script then
+  // One of the two is set, unless help, version or check is true.
   const char* script = nullptr;  // the path of the script; "-" is standard input
   const char* text = nullptr;    // the source of a page
   bool errors_in_page = false;   // messages of the running script are part of its output

@@ -28,6 +28,7 @@ constexpr char usage[] =
     "       zpasm [--lines] page.zpa ... -o folder     assemble each to folder/page.zpc\n"
     "       zpasm --list page.zpc ...                  print as text that assembles to the same "
     "bytes\n"
+    "       zpasm --check page.zpa ...                 errors only; writes nothing\n"
     "       zpasm --help | --version\n"
     "\n"
     "A file named - is standard input, and after -o standard output.\n"
@@ -35,6 +36,7 @@ constexpr char usage[] =
     "  -o FILE    the compiled file, or the folder for it\n"
     "  --lines    the script notes the lines of the text, and errors at run time name them\n"
     "  --list     prints compiled files\n"
+    "  --check    assembles, and writes nothing but errors\n"
     "\n"
     "A page as small as can be:\n"
     "\n"
@@ -47,6 +49,7 @@ struct Arguments {
   std::vector<std::string> files;
   std::string target;  // empty without -o
   bool lists = false;
+  bool checks = false;
   AssemblyOptions options;
 };
 
@@ -98,13 +101,16 @@ std::string TargetIn(const std::string& folder, const std::string& source) {
   return (fs::path(folder) / fs::path(source).filename().replace_extension(".zpc")).string();
 }
 
+// Without a target the compiled file is dropped.
 bool Assemble(const std::string& source, const std::string& target,
               const AssemblyOptions& options) {
   std::string text, image, errors;
   if (!ReadFile(source, &text)) return false;
-  if (AssembleScript(text, source, options, &image, &errors)) return WriteFile(target, image);
-  std::cerr << errors;
-  return false;
+  if (!AssembleScript(text, source, options, &image, &errors)) {
+    std::cerr << errors;
+    return false;
+  }
+  return target.empty() || WriteFile(target, image);
 }
 
 // The sources that can be assembled are, whatever is wrong with the others.
@@ -139,6 +145,10 @@ int RunList(const Arguments& arguments) {
 // What is wrong with a command line whose words are all valid by themselves; empty if nothing is.
 std::string Problem(const Arguments& arguments) {
   if (arguments.files.empty()) return "no file";
+  if (arguments.lists && arguments.checks) return "--check is for text, --list for compiled files";
+  if (arguments.checks) {
+    return arguments.target.empty() ? "" : "--check writes nothing, so it has no -o";
+  }
   if (arguments.lists) {
     if (!arguments.target.empty()) return "--list writes to standard output, without -o";
     return arguments.options.lines ? "--list takes the file as it is, without --lines" : "";
@@ -165,6 +175,8 @@ bool Parse(int argc, char** argv, Arguments* arguments, std::string* problem) {
     const std::string argument = argv[i];
     if (argument == "--list") {
       arguments->lists = true;
+    } else if (argument == "--check") {
+      arguments->checks = true;
     } else if (argument == "--lines") {
       arguments->options.lines = true;
     } else if (argument == "-o") {

@@ -63,6 +63,18 @@ TEST(Options, TheConfigurationStandsBehindItsOptionOrInIt) {
   }
 }
 
+TEST(Options, ACheckNeedsNoScript) {
+  Line line({"--check", "--config", "a.toml"});
+  ASSERT_TRUE(line.Parse());
+  EXPECT_TRUE(line.options.check);
+  EXPECT_EQ(line.options.script, nullptr);
+  EXPECT_STREQ(line.options.config, "a.toml");
+  Line with_script({"--check", "page.zpc", "--check"});
+  ASSERT_TRUE(with_script.Parse());
+  EXPECT_STREQ(with_script.options.script, "page.zpc");
+  EXPECT_EQ(with_script.options.argument_count, 1);
+}
+
 TEST(Options, TwoDashesEndTheOptions) {
   Line line({"--", "--help"});
   ASSERT_TRUE(line.Parse());

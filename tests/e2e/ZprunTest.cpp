@@ -259,6 +259,34 @@ TEST_F(Zprun, DirectoriesThatCannotBeUsedAreTold) {
                 "The configured temporary directory does not exist");
 }
 
+TEST_F(Zprun, ACheckDoesAllButTheRun) {
+  Script("page.zpc", Writes("page"));
+  directory.File("text.zpc", "no compiled script");
+  const std::string site = "dir_zeph = \"" + directory.Directory("site") + "\"\n";
+  directory.File("good.toml", site);
+  directory.File("wrong.toml", "cookeys = 1\n");
+  directory.File("root.toml", "dir_zeph = \"/nowhere\"\n");
+  directory.File("data.toml", site + "dir_data = \"/nowhere\"\n");
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"--check"}, std::vector<std::string>{"--check", "page.zpc"},
+        std::vector<std::string>{"--check", "-e", "{{{ 1 }}}"},
+        std::vector<std::string>{"--check", "--config", "good.toml"}}) {
+    SCOPED_TRACE(words.back());
+    EXPECT_EQ(Run(words), 0);
+    EXPECT_EQ(output, "");
+    EXPECT_EQ(errors, "");
+  }
+  ExpectFailure({"--check", "text.zpc"},
+                "text.zpc: File is either corrupt or not a valid compiled Zeph Script file");
+  ExpectFailure({"--check", "--config", "root.toml"},
+                "The configured script directory does not exist");
+  const std::string no_data = "The configured data directory does not exist";
+  ExpectFailure({"--check", "--config", "data.toml"}, no_data);
+  ExpectFailure({"--check", "--config", "data.toml", "page.zpc"}, no_data);
+  EXPECT_EQ(Run({"--check", "--config", "wrong.toml"}), 1);
+  EXPECT_THAT(errors, HasSubstr("wrong.toml:1: cookeys: unknown key"));
+}
+
 TEST_F(Zprun, AWorkingDirectoryThatIsGoneDoesNotMatter) {
   Script("page.zpc", Writes("page"));
   Command command({"/bin/sh", "-c",

@@ -110,6 +110,13 @@ TEST(Assembler, AssemblesEveryInstructionOfTheList) {
   }
 }
 
+// A word that this build does not run would deserve a warning.
+TEST(Assembler, EveryInstructionOfTheListIsRun) {
+  for (int i = 0; i < Instruction::RowCount; i++) {
+    EXPECT_NE(Instruction::Rows[i].run, Instruction::Run::Absent) << Instruction::Rows[i].name;
+  }
+}
+
 TEST(Assembler, OneTextHasOneEntry) {
   Script script("pushc \"a\"\npushc \"b\"\npushc \"a\"\npushnc a\n");
   EXPECT_EQ(script.dictionary.Entries(), 2);

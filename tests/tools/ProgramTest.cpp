@@ -145,6 +145,18 @@ TEST_F(Program, ErrorsAtRunTimeNameTheLinesOfTheTextOnRequest) {
   EXPECT_THAT(run("plain.zpc"), HasSubstr("]: Stack underflow"));
 }
 
+TEST_F(Program, ACheckWritesNothingButErrors) {
+  directory.File("a.zpa", page);
+  directory.File("wrong.zpa", "wrong\n");
+  Result good = Run("--check a.zpa");
+  EXPECT_EQ(good.status, 0);
+  EXPECT_EQ(good.output, "");
+  Result both = Run("--check wrong.zpa a.zpa");
+  EXPECT_EQ(both.status, 1);
+  EXPECT_EQ(both.output, "wrong.zpa:1:1: expected an instruction or a directive, found 'wrong'\n");
+  EXPECT_FALSE(directory.Exists("a.zpc"));
+}
+
 TEST_F(Program, HelpAndVersionAreNoErrors) {
   for (const char* arguments : {"--help", "-h", "page.zpa --help"}) {
     Result help = Run(arguments);
@@ -174,6 +186,8 @@ TEST_F(Program, AWrongCommandLineIsToldWithItsReason) {
       {"--list", "no file"},
       {"--list page.zpc -o page.zpa", "--list writes to standard output, without -o"},
       {"--list --lines page.zpc", "--list takes the file as it is, without --lines"},
+      {"--check page.zpa -o page.zpc", "--check writes nothing, so it has no -o"},
+      {"--check --list page.zpc", "--check is for text, --list for compiled files"},
       {"page.zpa -o a -o b", "-o is there twice"},
       {"'' -o a", "an empty name of a file"},
   };
