@@ -206,6 +206,29 @@ TEST_F(SlowServerFiles, Lighttpd) {
   ExpectPageWithoutEngine("503");
 }
 
+// With the lines of docs/webservers.md.
+TEST_F(SlowServerFiles, LighttpdServesTwoSitesWithOneEngine) {
+  if (access("/usr/sbin/lighttpd", X_OK) != 0) GTEST_SKIP() << "lighttpd is not installed";
+  engine.Write("scripts/shop/style.css", "p { color: red }\n");
+  std::ifstream file(InSource("docs/webservers.md"));
+  std::stringstream page;
+  page << file.rdbuf();
+  const std::string text = page.str();
+  const size_t begin = text.find("    $HTTP[\"host\"] == \"shop.example\" {");
+  ASSERT_NE(begin, std::string::npos);
+  const std::string second = text.substr(begin, text.find("    }\n", begin) + 6 - begin);
+  Serve({"/usr/sbin/lighttpd", "-D", "-f",
+         engine.Write("lighttpd.conf", File("lighttpd.conf") + second)});
+  const std::vector<std::string> shop = {"-H", "Host: shop.example"};
+  EXPECT_EQ(Curl("/"), "<p>the start page</p>");
+  EXPECT_EQ(Curl("/style.css"), "p { color: green }\n");
+  EXPECT_EQ(Curl("/", shop), "<p>the shop</p>");
+  EXPECT_EQ(Curl("/index.zpc?x=1", shop), "<p>the shop</p>");
+  EXPECT_EQ(Curl("/style.css", shop), "p { color: red }\n");
+  EXPECT_EQ(Curl("/path.zpc", shop),
+            "Unable to execute 'shop/path.zpc': No such file or directory");
+}
+
 TEST_F(SlowServerFiles, Apache) {
   if (access("/usr/sbin/apache2", X_OK) != 0) GTEST_SKIP() << "apache2 is not installed";
   ServeWithApache(File("apache.conf"));
@@ -223,6 +246,22 @@ TEST_F(SlowServerFiles, ApacheServesASiteInAFolderOfTheEngine) {
   ServeWithApache(shop);
   EXPECT_EQ(Curl("/"), "<p>the shop</p>");
   EXPECT_EQ(Curl("/index.zpc?x=1"), "<p>the shop</p>");
+}
+
+// Without the lines that set PATH_INFO, for web servers that cannot.
+TEST_F(SlowServerFiles, ApacheIsServedByTheScriptsNameIfThatIsSet) {
+  if (access("/usr/sbin/apache2", X_OK) != 0) GTEST_SKIP() << "apache2 is not installed";
+  engine.settings = "path_from_script_name = true\n";
+  engine.WriteConfiguration();
+  std::string site = File("apache.conf");
+  for (const char* name : {"PATH_INFO \"%{REQUEST_URI}\"", "SCRIPT_NAME \"\""}) {
+    site = Replaced(site, std::string("ProxyFCGISetEnvIf \"true\" ") + name, "");
+  }
+  ServeWithApache(site);
+  EXPECT_EQ(Curl("/index.zpc"), "<p>the start page</p>");
+  EXPECT_EQ(Curl("/"), "<p>the start page</p>");
+  EXPECT_EQ(Curl("/shop/?x=1"), "<p>the shop</p>");
+  EXPECT_EQ(Curl("/nowhere.zpc"), "Unable to execute 'nowhere.zpc': No such file or directory");
 }
 
 }  // namespace
