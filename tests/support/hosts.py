@@ -4,6 +4,9 @@
 Three hosts with an engine each, and one with nginx and PostgreSQL, as docs/scaling.md describes them: network
 name spaces with a bridge between them. Clients load them, and one host goes away without a word. Prints what
 became of the requests, and fails if one fails that was not on that host, or if a count is wrong. Needs root.
+
+It runs in name spaces of processes and of mounts of its own, so that its hosts, with all that runs on them, end
+with it, however it ends.
 """
 
 import ctypes
@@ -18,7 +21,7 @@ import threading
 import time
 
 BUILD, SOURCE, FOLDER = (os.path.abspath(path) for path in sys.argv[1:4])
-PREFIX = f"zeph{os.getpid()}"
+PREFIX = "zeph"
 HOSTS = {1: "10.0.0.11", 2: "10.0.0.12", 3: "10.0.0.13"}
 WEB = "10.0.0.1"
 POSTGRES = "/usr/lib/postgresql/15/bin/"
@@ -26,7 +29,6 @@ CLIENTS = 12  # of each kind
 BEFORE, AFTER = 4, 28  # seconds
 # Of a request that has gone to the host that is silent. Longer than others wait for its lock.
 TIMEOUT = 20
-started = []
 
 
 def run(*words):
@@ -34,11 +36,9 @@ def run(*words):
 
 
 def start(space, *words, **more):
-    process = subprocess.Popen(["ip", "netns", "exec", f"{PREFIX}-{space}", *words],
-                               stdin=subprocess.DEVNULL, stdout=open(f"{FOLDER}/{space}.log", "ab"),
-                               stderr=subprocess.STDOUT, start_new_session=True, **more)
-    started.append(process)
-    return process
+    return subprocess.Popen(["ip", "netns", "exec", f"{PREFIX}-{space}", *words],
+                            stdin=subprocess.DEVNULL, stdout=open(f"{FOLDER}/{space}.log", "ab"),
+                            stderr=subprocess.STDOUT, start_new_session=True, **more)
 
 
 def as_nobody(*words):
@@ -52,6 +52,9 @@ def write(name, text):
 
 
 def network():
+    # The names of networks are mounts there.
+    os.makedirs("/run/netns", exist_ok=True)
+    run("mount", "-t", "tmpfs", "tmpfs", "/run/netns")
     run("ip", "netns", "add", f"{PREFIX}-web")
     web = ["ip", "-n", f"{PREFIX}-web"]
     run(*web, "link", "set", "lo", "up")
@@ -234,31 +237,21 @@ def judge(clients, gone):
     return problems
 
 
-def clean():
-    for process in started:
-        try:
-            os.killpg(process.pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
-        process.wait()
-    for name in ["web"] + [f"h{number}" for number in HOSTS]:
-        subprocess.run(["ip", "netns", "del", f"{PREFIX}-{name}"], stderr=subprocess.DEVNULL)
-
-
+if not os.environ.get("ZEPH_INSIDE"):
+    os.environ["ZEPH_INSIDE"] = "1"
+    os.execvp("unshare", ["unshare", "--mount", "--mount-proc", "--pid", "--fork", "--kill-child", sys.executable,
+                          *sys.argv])
 # setns is not in this Python.
 libc = ctypes.CDLL(None, use_errno=True)
 over = threading.Event()
-try:
-    os.makedirs(FOLDER, exist_ok=True)
-    os.chmod(FOLDER, 0o755)
-    network()
-    database()
-    processes = engines()
-    web_server()
-    time.sleep(1)
-    problems = judge(*load(processes))
-finally:
-    clean()
+os.makedirs(FOLDER, exist_ok=True)
+os.chmod(FOLDER, 0o755)
+network()
+database()
+processes = engines()
+web_server()
+time.sleep(1)
+problems = judge(*load(processes))
 for problem in problems:
     print(problem)
 sys.exit(1 if problems else 0)
