@@ -49,6 +49,7 @@ class FastCGIApplication : public FastCGIBaseApplication {
   bool LoadConfiguration();
   bool CheckConfiguration();
   bool ProcessConfiguration();
+  void SettingIsMissing(const char* name, const char* text);
   // The script and its environment (fastcgi/FastCGIEnvironment.cpp):
   void TakeScriptName();
   bool GetScriptInformation(File** file, String& path);

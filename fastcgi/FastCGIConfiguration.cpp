@@ -61,7 +61,7 @@ bool FastCGIApplication::CheckConfiguration() {
   CopySetting(configuration, Config_dir_temp, &temp_directory);
   CopySetting(configuration, Config_dir_user, &user_directory);
   if (!script_root.data) {
-    ConfigurationError("zephroot is not defined");
+    SettingIsMissing("dir_zeph", "zephroot is not defined");
     return false;
   }
   if (temp_directory.data && !file_manager->InitializeTempDirectory(temp_directory.data)) {
@@ -71,11 +71,19 @@ bool FastCGIApplication::CheckConfiguration() {
   return true;
 }
 
+// The page has the text alone, and the line of the log the name that the settings have.
+void FastCGIApplication::SettingIsMissing(const char* name, const char* text) {
+  String told("Configuration Error: ", -1);
+  for (const char* part : {text, ", because ", name, " is not set"}) told.cat(part, -1);
+  watch.StageFails(RequestWatch::Cause::Configuration, String(), told);
+  ConfigurationError(text);
+}
+
 // Runs after the script is loaded, so that settings for this script alone count.
 bool FastCGIApplication::ProcessConfiguration() {
   const char* const data_directory = configuration->value_string(Config_dir_data);
   if (!data_directory) {
-    ConfigurationError("No data directory is defined");
+    SettingIsMissing("dir_data", "No data directory is defined");
     return false;
   }
   if (!file_manager->InitializeDataDirectory(data_directory)) {

@@ -265,6 +265,22 @@ TEST_F(Operation, ADirectoryThatIsMissingHasALine) {
               HasSubstr("Configuration Error: The configured script directory does not exist; "));
 }
 
+TEST_F(Operation, ADirectoryThatIsNotSetIsNamedAsInTheSettings) {
+  engine.configuration = Settings("dir_data = \"/tmp\"\n");
+  ASSERT_TRUE(engine.Start());
+  EXPECT_THAT(engine.Get("/page.zpc").Body(),
+              StartsWith("Configuration Error: zephroot is not defined<br>"));
+  EXPECT_THAT(LastLine(), HasSubstr("Configuration Error: zephroot is not defined, because "
+                                    "dir_zeph is not set; reference "));
+  engine.configuration = Settings("dir_zeph = \"" + engine.Path("scripts") + "\"\n");
+  engine.WriteConfiguration();
+  EXPECT_THAT(engine.Get("/page.zpc").Body(),
+              StartsWith("Configuration Error: No data directory is defined<br>"));
+  EXPECT_THAT(LastLine(), HasSubstr("Configuration Error: No data directory is defined, because "
+                                    "dir_data is not set; reference "));
+  EXPECT_EQ(Lines().size(), 2u);
+}
+
 TEST_F(Operation, ATraceLogThatCannotBeOpenedHasOneLine) {
   engine.settings = Settings("log_file = \"no/such/trace.log\"\nlog_level = 16\n");
   ASSERT_TRUE(engine.Start());
