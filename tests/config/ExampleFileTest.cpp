@@ -1,4 +1,5 @@
-// Administrators start from config/zeph.toml, so its comments have to be true.
+// Administrators start from config/zeph.toml, or from the file of the packages, so their comments
+// have to be true.
 
 #include <gtest/gtest.h>
 
@@ -13,16 +14,19 @@
 
 namespace {
 
-std::string ExampleText() {
-  std::ifstream in(InSource("config/zeph.toml"));
+constexpr char kExample[] = "config/zeph.toml";
+constexpr char kPackaged[] = "packaging/zeph.toml";
+
+std::string TextOf(const char* path) {
+  std::ifstream in(InSource(path));
   std::ostringstream text;
   text << in.rdbuf();
   return text.str();
 }
 
-// The file with all commented-out settings enabled. Prose must not begin with "word = value".
-Snapshot WithAllExamples() {
-  std::istringstream in(ExampleText());
+// A file with all commented-out settings enabled. Prose must not begin with "word = value".
+Snapshot WithAllExamples(const char* path) {
+  std::istringstream in(TextOf(path));
   std::ostringstream out;
   const std::regex example(R"(# (\w+ = .*|\[.*\]))");
   for (std::string line; std::getline(in, line);) {
@@ -32,8 +36,18 @@ Snapshot WithAllExamples() {
   return Snapshot::Parse("zeph.toml", out.str());
 }
 
+// What the built-in defaults do not limit, but a service should.
+void ExpectLimits(const Snapshot& snapshot) {
+  // A runaway script takes all memory within seconds.
+  ASSERT_NE(snapshot.Find(Config_memory_limit), nullptr);
+  EXPECT_EQ(snapshot.Find(Config_memory_limit)->integer, 512 << 20);
+  // A web server that sends half of a request holds a thread.
+  ASSERT_NE(snapshot.Find(Config_timeout_request), nullptr);
+  EXPECT_EQ(snapshot.Find(Config_timeout_request)->integer, 60);
+}
+
 TEST(ExampleFile, IsInOrderAsItStands) {
-  Snapshot snapshot = Snapshot::Parse("zeph.toml", ExampleText());
+  Snapshot snapshot = Snapshot::Parse("zeph.toml", TextOf(kExample));
   EXPECT_EQ(snapshot.error, "");
   EXPECT_EQ(snapshot.settings.size(), 5u);
   EXPECT_NE(snapshot.Find(Config_dir_zeph), nullptr);
@@ -41,17 +55,12 @@ TEST(ExampleFile, IsInOrderAsItStands) {
   // Without authorities no secure server would be accepted.
   ASSERT_NE(snapshot.Find(Config_dir_ca), nullptr);
   EXPECT_EQ(snapshot.Find(Config_dir_ca)->text, "/etc/ssl/certs");
-  // A runaway script takes all memory within seconds, which a service should not allow.
-  ASSERT_NE(snapshot.Find(Config_memory_limit), nullptr);
-  EXPECT_EQ(snapshot.Find(Config_memory_limit)->integer, 512 << 20);
-  // Nor a web server that sends half of a request.
-  ASSERT_NE(snapshot.Find(Config_timeout_request), nullptr);
-  EXPECT_EQ(snapshot.Find(Config_timeout_request)->integer, 60);
+  ExpectLimits(snapshot);
   EXPECT_EQ(snapshot.error_settings, ShippedErrorSettings());
 }
 
 TEST(ExampleFile, ShowsEverySettingWithItsDefault) {
-  Snapshot snapshot = WithAllExamples();
+  Snapshot snapshot = WithAllExamples(kExample);
   ASSERT_EQ(snapshot.error, "");
   Config defaults;
   for (const ConfigSetting& setting : config_settings) {
@@ -68,7 +77,7 @@ TEST(ExampleFile, ShowsEverySettingWithItsDefault) {
 }
 
 TEST(ExampleFile, ShowsEverySection) {
-  Snapshot snapshot = WithAllExamples();
+  Snapshot snapshot = WithAllExamples(kExample);
   ASSERT_EQ(snapshot.error, "");
   EXPECT_EQ(snapshot.process.status_listen, "127.0.0.1:8081");
   EXPECT_EQ(snapshot.process.max_requests, 0);
@@ -77,6 +86,22 @@ TEST(ExampleFile, ShowsEverySection) {
   EXPECT_EQ(snapshot.global_variables.size(), 1u);
   EXPECT_EQ(snapshot.libraries.size(), 3u);
   EXPECT_EQ(snapshot.scripts.size(), 1u);
+}
+
+TEST(PackagedFile, IsInOrderWithTheLimitsOfAService) {
+  const Snapshot snapshot = Snapshot::Parse("zeph.toml", TextOf(kPackaged));
+  EXPECT_EQ(snapshot.error, "");
+  EXPECT_TRUE(snapshot.warnings.empty());
+  ExpectLimits(snapshot);
+}
+
+TEST(PackagedFile, ShowsWhatOperatorsChangeFirst) {
+  const Snapshot snapshot = WithAllExamples(kPackaged);
+  ASSERT_EQ(snapshot.error, "");
+  ASSERT_NE(snapshot.Find(Config_error_log), nullptr);
+  EXPECT_EQ(snapshot.Find(Config_error_log)->text, "/var/log/zeph/error.log");
+  EXPECT_EQ(snapshot.process.status_listen, "/run/zeph/engine/status.sock");
+  EXPECT_GT(snapshot.process.max_requests, 0);
 }
 
 }  // namespace
