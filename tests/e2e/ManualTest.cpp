@@ -102,6 +102,15 @@ TEST(Manual, HasTheNameAndTheVersionOfItsProgram) {
   }
 }
 
+// That of zeph is a command, because its other tasks are.
+TEST(Manual, EveryProgramHasACheck) {
+  for (const Manual& manual : manuals) {
+    SCOPED_TRACE(manual.program);
+    const std::string check = manual.commands.empty() ? "--check" : "zeph check";
+    EXPECT_THAT(Output({manual.program, "--help"}), HasSubstr(check));
+  }
+}
+
 TEST(Manual, IsFormattedWithoutAWarning) {
   if (access("/usr/bin/man", X_OK) != 0) GTEST_SKIP() << "/usr/bin/man is not installed";
   for (const Manual& manual : manuals) {

@@ -3,11 +3,16 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "base/core/Sanitizers.h"
 #include "tests/support/Command.h"
@@ -117,6 +122,44 @@ TEST_F(Packages, AreServedFromAContainer) {
   attempt.environment["ZEPH_BUILD"] = InBuild("");
   EXPECT_EQ(attempt.Run(), 0) << attempt.errors;
   EXPECT_EQ(attempt.output, "fine\n");
+}
+
+// A copy of the script with a command that fails without a word, at work in a system of two files.
+TEST(PackagingScripts, SayWhereACommandHasFailed) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root makes name spaces";
+  if (std::system("unshare --mount-proc --pid --fork true 2>/dev/null") != 0) {
+    GTEST_SKIP() << "no name spaces can be made here";
+  }
+  const TemporaryDirectory directory;
+  for (const char* folder : {"system/proc", "system/etc", "system/usr/sbin", "system/usr/bin"}) {
+    std::filesystem::create_directories(directory.path(folder));
+  }
+  directory.File("system/usr/bin/apt-get", "");
+  std::filesystem::permissions(directory.path("system/usr/bin/apt-get"),
+                               std::filesystem::perms(0755));
+  std::filesystem::copy_file(InSource("packaging/copy"), directory.path("copy"));
+  const std::string sourced = ". \"$(dirname \"$0\")/copy\"\n";
+  for (const std::string name : {"try", "image"}) {
+    SCOPED_TRACE(name);
+    std::ifstream file(InSource("packaging/" + name));
+    std::stringstream content;
+    content << file.rdbuf();
+    std::string text = content.str();
+    const size_t at = text.find(sourced);
+    ASSERT_NE(at, std::string::npos);
+    const auto line = std::count(text.begin(), text.begin() + static_cast<long>(at), '\n') + 2;
+    directory.File(name, text.insert(at + sourced.size(), "found=$(false)\n"));
+    std::filesystem::permissions(directory.path(name), std::filesystem::perms(0755));
+    std::vector<std::string> words = {directory.path(name), directory.path("system")};
+    if (name == "try") words.insert(words.begin() + 1, directory.path());
+    Command script(words);
+    script.environment["TMPDIR"] = directory.Directory("scratch");
+    EXPECT_EQ(script.Run(), 1);
+    EXPECT_EQ(script.errors, "packaging/" + name + ": status 1 at " + name + ":" +
+                                 std::to_string(line) + ": found=$(false)\n");
+    // Nothing is left, not even a mount.
+    EXPECT_TRUE(std::filesystem::is_empty(directory.path("scratch")));
+  }
 }
 
 }  // namespace
