@@ -11,14 +11,11 @@
 #include <utility>
 #include <vector>
 
-#include "base/core/Sanitizers.h"
 #include "base/database/ZIXIndexFile.h"
+#include "tests/support/Rounds.h"
 #include "tests/support/ZIXIndexFixture.h"
 
 namespace {
-
-// Sanitizers are ten times slower, so there a tenth of the operations run.
-constexpr int kShare = kAddressSanitizer || kThreadSanitizer ? 10 : 1;
 
 struct Order {
   unsigned flags;
@@ -184,18 +181,18 @@ void RunAll(int key_range, int operations) {
 }
 
 TEST(ZIXIndexRandom, ShortRunsOfEachKindAgreeWithAMultimap) {
-  for (int range : {3, 60}) RunAll(range, 6000 / kShare);
+  for (int range : {3, 60}) RunAll(range, Rounds(6000));
 }
 
-// 100,000 operations each; 10,000 under a sanitizer.
+// 100,000 operations each in a plain build.
 TEST(SlowZIXIndexRandom, FewKeysAgreeWithAMultimap) {
-  RunAll(7, 100000 / kShare);
+  RunAll(7, Rounds(100000));
 }
 TEST(SlowZIXIndexRandom, SomeKeysAgreeWithAMultimap) {
-  RunAll(50, 100000 / kShare);
+  RunAll(50, Rounds(100000));
 }
 TEST(SlowZIXIndexRandom, ManyKeysAgreeWithAMultimap) {
-  RunAll(1000, 100000 / kShare);
+  RunAll(1000, Rounds(100000));
 }
 
 }  // namespace
