@@ -21,6 +21,8 @@
 #include "base/values/Variable.h"
 #include "fuzz/FunctionLibraries.h"
 #include "fuzz/Input.h"
+#include "fuzz/Require.h"
+#include "fuzz/ScriptRun.h"
 #include "fuzz/Watchdog.h"
 #include "tests/support/LoadedScript.h"
 #include "tests/support/RebuildFiles.h"
@@ -31,10 +33,6 @@ namespace {
 
 constexpr long kMemory = 600L << 20;  // what a script may allocate; more is no finding
 constexpr int kMostSeconds = 20;      // a run, on a busy machine, after 12 ms of its own
-
-void Require(bool condition) {
-  if (!condition) abort();
-}
 
 // --- Files ---------------------------------------------------------------------------------------
 
@@ -83,7 +81,7 @@ void DamageFiles(ZephVM*, VariableHash* parameters, Variable*, void**) {
 _ZP_EL_Parameter damage_parameters[] = {{"which", 5, 0}, {"place", 5, 0}, {"value", 5, 0}};
 _ZP_EL_Function library_functions[] = {{"damage", 6, 3, damage_parameters, DamageFiles},
                                        {nullptr, 0, 0, nullptr, nullptr}};
-_ZP_EL_FunctionTable library_table = {1, library_functions};
+_ZP_EL_FunctionTable library_table = {nullptr, library_functions};
 
 _ZP_EL_FunctionTable* LibraryTable() {
   return &library_table;
@@ -346,21 +344,6 @@ class Program {
   Input* input;
   std::string text;
 };
-
-std::string Assembled(const std::string& source) {
-  std::string image, errors;
-  if (AssembleScript(source, "script", &image, &errors)) return image;
-  fprintf(stderr, "%s%s", source.c_str(), errors.c_str());
-  abort();
-}
-
-// --- Memory --------------------------------------------------------------------------------------
-
-constinit thread_local long blocks_left = 0;  // until one is refused; 0 for never
-
-bool IsRefused(size_t) {
-  return blocks_left > 0 && --blocks_left == 0;
-}
 
 // --- A run ---------------------------------------------------------------------------------------
 

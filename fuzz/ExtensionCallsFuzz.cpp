@@ -32,6 +32,8 @@
 #include "base/values/LogRecord.h"
 #include "base/values/Variable.h"
 #include "fuzz/Input.h"
+#include "fuzz/Require.h"
+#include "fuzz/ScriptRun.h"
 #include "fuzz/Watchdog.h"
 #include "tests/support/FaultyFile.h"
 #include "tests/support/LoadedScript.h"
@@ -45,10 +47,6 @@ constexpr long kMemory = 300L << 20;  // what a request may allocate; more is no
 constexpr int kSizeOfBuffer = 64;
 constexpr size_t kMostExpressions = 20;
 constexpr size_t kHandles = 4;  // of one kind that a function has
-
-void Require(bool condition) {
-  if (!condition) abort();
-}
 
 // --- A request -----------------------------------------------------------------------------------
 
@@ -1373,20 +1371,7 @@ std::string Program(Input* input) {
   return ".function first(a, b var) external\n.function second() external\n.end\n" + code;
 }
 
-std::string Assembled(const std::string& source) {
-  std::string image, errors;
-  if (AssembleScript(source, "script", &image, &errors)) return image;
-  fprintf(stderr, "%s%s", source.c_str(), errors.c_str());
-  abort();
-}
-
 // --- A run ---------------------------------------------------------------------------------------
-
-constinit thread_local long blocks_left = 0;  // until one is refused; 0 for never
-
-bool IsRefused(size_t) {
-  return blocks_left > 0 && --blocks_left == 0;
-}
 
 // limit is what the script may allocate, in bytes.
 void Run(Input* input, long limit, Watchdog* watchdog) {

@@ -17,6 +17,7 @@
 #include "base/machine/Import.h"
 #include "base/machine/ZephVM.h"
 #include "base/values/Variable.h"
+#include "fuzz/Require.h"
 #include "tests/support/DelimitedModel.h"
 #include "tests/support/FaultyFile.h"
 #include "tests/support/TestApplication.h"
@@ -26,10 +27,6 @@ namespace {
 using Record = std::vector<std::string>;
 
 const int kFields = 3;
-
-void Require(bool condition) {
-  if (!condition) abort();
-}
 
 std::string Text(Variable* variable) {
   const String& value = variable->value();

@@ -7,13 +7,10 @@
 
 #include "base/compiled/TaggedFile.h"
 #include "fuzz/CompiledFileMutator.h"
+#include "fuzz/Require.h"
 #include "tests/support/FaultyFile.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition) abort();
-}
 
 // The directory as the bytes define it, and reads as the format defines them.
 class Model {

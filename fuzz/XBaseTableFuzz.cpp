@@ -11,14 +11,11 @@
 #include "base/database/XBaseMemoField.h"
 #include "base/database/XBaseTable.h"
 #include "fuzz/Input.h"
+#include "fuzz/Require.h"
 #include "tests/support/FaultyFile.h"
 #include "tests/support/TestApplication.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition) abort();
-}
 
 struct Files {
   std::string table, memos;
