@@ -91,7 +91,7 @@ _ZP_EL_Function library_functions[] = {
     {"count", 5, 0, nullptr, Count},       {"write", 5, 1, write_parameters, Write},
     {nullptr, 0, 0, nullptr, nullptr},
 };
-_ZP_EL_FunctionTable library_table = {1, library_functions};
+_ZP_EL_FunctionTable library_table = {nullptr, library_functions};
 
 _ZP_EL_FunctionTable* LibraryTable() {
   return &library_table;
