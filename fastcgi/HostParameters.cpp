@@ -29,7 +29,7 @@ Field FieldOf(const char** text) {
     case 'P': return begins("PATH_INFO=") ? &HostParameters::path_info : nullptr;
     case 'Q': return begins("QUERY_STRING=") ? &HostParameters::query_string : nullptr;
     case 'S':
-      if (begins("SCRIPT_NAME=")) return &HostParameters::script_name;
+      if ((*text)[1] == 'C') return begins("SCRIPT_NAME=") ? &HostParameters::script_name : nullptr;
       if (!begins("SERVER_")) return nullptr;
       if (**text == 'N') return begins("NAME=") ? &HostParameters::server_name : nullptr;
       return begins("PORT=") ? &HostParameters::server_port : nullptr;

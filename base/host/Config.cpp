@@ -192,7 +192,12 @@ const ConfigValue* Config::Value(int id) {
   std::unique_ptr<const char[]> owned(reading.owned ? reading.text : nullptr);
   value = Kept(place, id);
   if (value != nullptr) return value;
-  value = Keep(place, id, reading);
+  // Keep would do the same, with more tests.
+  if (place >= 0 && in_room < kRoom) [[likely]] {
+    value = kept[place] = new (Room() + in_room++) ConfigValue(id, reading);
+  } else {
+    value = Keep(place, id, reading);
+  }
   (void)owned.release();
   return value;
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <thread>
 
@@ -63,6 +64,25 @@ TEST(TagErrors, ChangeReachesCopiesMadeLater) {
   EXPECT_STREQ(original_tag_default_errorsettings[28].name, "ZpOPEN");
   EXPECT_STREQ(original_tag_default_errorsettings[28].variable, "ZpOPEN_Error");
   EXPECT_EQ(original_tag_default_errorsettings[28].settings, 1);
+}
+
+// Two settings are stored in one word.
+TEST(TagErrors, EachChangeIsOfOneTag) {
+  int expected[tag_count];
+  CopyDefaultErrorSettings(expected);
+  for (int tag = 0; tag < tag_count; tag++) {
+    SCOPED_TRACE(tag);
+    EXPECT_EQ(expected[tag], original_tag_default_errorsettings[tag].settings);
+    const int before = expected[tag];
+    for (const int value : {-7 - tag, before}) {
+      SetDefaultErrorSetting(tag, value);
+      expected[tag] = value;
+      int copy[tag_count];
+      CopyDefaultErrorSettings(copy);
+      EXPECT_TRUE(std::equal(copy, copy + tag_count, expected));
+      EXPECT_EQ(DefaultErrorSetting(tag), value);
+    }
+  }
 }
 
 TEST(TagErrors, NumbersThatAreNoTagAreIgnored) {
