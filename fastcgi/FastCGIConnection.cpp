@@ -15,10 +15,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
 
+#include "base/core/Sanitizers.h"
 #include "base/host/ErrorLog.h"
 #include "base/host/FileDescriptor.h"
 #include "fastcgi/FastCGIThreads.h"
@@ -125,6 +127,8 @@ int FastCGIConnection::AcceptRequest(FCGX_Request* request) {
     result = FCGX_Accept_r(request);
   } catch (const std::bad_alloc&) {
     FCGX_Free(request, 1);
+    // With what the interrupted function has left behind.
+    request_room.Clear();
     result = -ENOMEM;
   }
   accepting = false;
@@ -313,6 +317,17 @@ void FastCGIConnection::Linger(int descriptor) {
   }
 }
 
+namespace {
+
+// Out of line, so that nearly every call of libfcgi needs no frame.
+[[gnu::noinline]] void* BlockOfHeap(size_t size) {
+  void* const memory = malloc(size);
+  if (!memory && accepting) throw std::bad_alloc();
+  return memory;
+}
+
+}  // namespace
+
 // --- Replacements that the linker puts in place of libfcgi's functions ---------------------------
 
 // libfcgi declares these names without the prefix. __real_ is the replaced function, for a thread
@@ -343,20 +358,39 @@ int __wrap_OS_IpcClose(int descriptor, int shutdown) {
   return current->Close(descriptor);
 }
 
-// These receive all calls of malloc and realloc in this program. They are few, because most memory
-// comes from operator new.
-void* __real_malloc(size_t size);
-void* __real_realloc(void* memory, size_t size);
+// libfcgi's copy in this program calls these (fastcgi/CMakeLists.txt). The address sanitizer sees
+// an overrun only if each block is one of the heap.
 
-void* __wrap_malloc(size_t size) {
-  void* memory = __real_malloc(size);
-  if (!memory && accepting) throw std::bad_alloc();
-  return memory;
+void* zeph_fcgi_malloc(size_t size) {
+  FastCGIConnection* const connection = current;
+  if (connection && !kAddressSanitizer) [[likely]] {
+    void* const block = connection->room().Take(size);
+    if (block) [[likely]]
+      return block;
+  }
+  return BlockOfHeap(size);
 }
 
-void* __wrap_realloc(void* memory, size_t size) {
-  void* larger = __real_realloc(memory, size);
-  if (!larger && accepting) throw std::bad_alloc();
+void zeph_fcgi_free(void* memory) {
+  FastCGIConnection* const connection = current;
+  if (connection && connection->room().Has(memory)) {
+    connection->room().Return();
+  } else {
+    free(memory);
+  }
+}
+
+void* zeph_fcgi_realloc(void* memory, size_t size) {
+  if (!current || !current->room().Has(memory)) {
+    void* const larger = realloc(memory, size);
+    if (!larger && accepting) throw std::bad_alloc();
+    return larger;
+  }
+  void* const larger = zeph_fcgi_malloc(size);
+  if (!larger) return nullptr;
+  // The old size is not known. The two may overlap if bytes after the old block are copied too.
+  memmove(larger, memory, std::min(size, current->room().SizeFrom(memory)));
+  zeph_fcgi_free(memory);
   return larger;
 }
 }

@@ -7,7 +7,8 @@
 //
 // libfcgi asserts that its allocations succeed. While it accepts a request, a failed allocation
 // throws std::bad_alloc through its frames instead. Those frames own nothing that its request does
-// not also own, except a few bytes of a stream that is half made.
+// not also own, except a few bytes of a stream that is half made. Most of its allocations are of a
+// RequestRoom.
 
 #ifndef ZEPH_FASTCGI_FASTCGICONNECTION_H
 #define ZEPH_FASTCGI_FASTCGICONNECTION_H
@@ -18,6 +19,7 @@
 #include <chrono>
 
 #include "fastcgi/FastCGIRecords.h"
+#include "fastcgi/RequestRoom.h"
 
 class FastCGIThreadManager;
 struct FCGX_Request;
@@ -63,6 +65,9 @@ class FastCGIConnection {
   // has at most two seconds to close its own.
   int Close(int descriptor);
 
+  // Memory for libfcgi.
+  RequestRoom& room() { return request_room; }
+
  private:
   ssize_t Receive(int descriptor);
   bool ReceiveFirst(int descriptor);
@@ -88,6 +93,7 @@ class FastCGIConnection {
   const unsigned char* next = nullptr;  // bytes received that have not passed yet
   const unsigned char* last = nullptr;
   unsigned char received[8192];
+  RequestRoom request_room;
 };
 
 #endif

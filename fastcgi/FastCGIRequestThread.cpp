@@ -30,10 +30,11 @@ const std::chrono::milliseconds kShortage(100);
 const int kDrained = 1 << 20;
 const std::chrono::seconds kDrainTime(2);
 
-// Allocates and frees blocks of the sizes that libfcgi uses for a request, because libfcgi does not
-// check its allocations. The blocks stay in the thread's own store: a request takes them from there
-// and returns them at its end. So they are needed only before the first request, and after a run
-// that has used up the memory. Returns false if there is not enough memory.
+// Allocates and frees blocks of the sizes that libfcgi uses for a request whose parameters do not
+// fit into the RequestRoom, because libfcgi does not check its allocations. The blocks stay in the
+// thread's own store: a request takes them from there and returns them at its end. So they are
+// needed only before the first request, and after a run that has used up the memory. Returns false
+// if there is not enough memory.
 bool KeepBlocks() {
   static const struct {
     size_t size;
