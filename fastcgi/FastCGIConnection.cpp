@@ -122,6 +122,7 @@ int FastCGIConnection::AcceptRequest(FCGX_Request* request) {
   request_begun = next != last;
   waits_for_next = !request_begun;
   write_limit = kWriteLimit;
+  if (request->ipcFd >= 0 && !request_begun) AwaitAnyKept(request);
   int result;
   try {
     result = FCGX_Accept_r(request);
@@ -134,6 +135,18 @@ int FastCGIConnection::AcceptRequest(FCGX_Request* request) {
   accepting = false;
   ClearInputLimit();
   return result;
+}
+
+// Between two requests a connection has no other state than its descriptor, if all of its bytes
+// have been taken.
+void FastCGIConnection::AwaitAnyKept(FCGX_Request* request) {
+  KeptConnections& kept = manager->kept_connections();
+  if (!records.InputHasEnded() || !kept.Put(request->ipcFd)) return;
+  request->ipcFd = kept.Wait(
+      &while_waiting, [this] { return manager->ShuttingDown() || FastCGIDrainPending.load(); });
+  records.Start();
+  // It is read before it is waited for.
+  next = last = received;
 }
 
 int FastCGIConnection::Accept(int listening, const char* clients) {

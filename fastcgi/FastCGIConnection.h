@@ -49,7 +49,9 @@ class FastCGIConnection {
   void LimitInput(Clock::duration time) { input_end = Clock::now() + time; }
   void ClearInputLimit() { input_end = Clock::time_point::max(); }
 
-  // Calls FCGX_Accept_r on this thread. A connection on which a request has begun and whose
+  // Calls FCGX_Accept_r on this thread. If the request has a kept connection, the thread waits for
+  // all connections of manager->kept_connections(), and the request gets another one of them. A
+  // connection on which a request has begun and whose
   // parameters do not all come within OperatorSettings::RequestTimeout() is given up. Returns 0, or
   // a negative errno: -ENOMEM if there is no memory for a request, whose connection is then closed.
   int AcceptRequest(FCGX_Request* request);
@@ -69,6 +71,7 @@ class FastCGIConnection {
   RequestRoom& room() { return request_room; }
 
  private:
+  void AwaitAnyKept(FCGX_Request* request);
   ssize_t Receive(int descriptor);
   bool ReceiveFirst(int descriptor);
   ssize_t Refill(int descriptor);

@@ -216,6 +216,7 @@ int FastCGIThreadManager::StartHeartbeat() {
 int FastCGIThreadManager::StartRequestThreads(_FastCGIMainArgs* arguments) {
   const int wanted = arguments->thread_count;
   descriptor_reserve = std::min(wanted, kThreadsInReserve) * kDescriptorsPerRequest;
+  kept.Open();
   for (int started = 0; started < wanted; started++) {
     if (ShutdownSignalIsPending()) return started;
     const int error = StartRequestThread(arguments);

@@ -13,6 +13,7 @@
 
 #include "base/core/BaseTemplates.h"
 #include "base/core/Mutex.h"
+#include "fastcgi/KeptConnections.h"
 
 class FastCGIAsynchronousApplication;
 class FastCGIBaseApplication;
@@ -176,6 +177,7 @@ class FastCGIThreadManager {
   // Called two beats after Shutdown: from then on nothing more is sent to peers.
   void GiveUpPeers() { peers_given_up.store(true, std::memory_order_relaxed); }
   bool PeersAreGivenUp() const { return peers_given_up.load(std::memory_order_relaxed); }
+  KeptConnections& kept_connections() { return kept; }
   // Both are passed to every thread.
   void Cancelled();
   void Heartbeat(long now);
@@ -193,6 +195,7 @@ class FastCGIThreadManager {
   Condition condition;
   List<FastCGIThread> threads GUARDED_BY(manager_mutex);
   FastCGIThread heartbeat_thread;
+  KeptConnections kept;
   // Every wait of a thread reads these, so nothing that changes is beside them.
   alignas(kCacheLine) std::atomic<bool> shutdown{false};
   std::atomic<bool> peers_given_up{false};

@@ -1,7 +1,11 @@
 // Connections as web servers use them, and as they should not.
 
+#include <signal.h>
+
 #include <atomic>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/e2e/Pages.h"
 
@@ -200,6 +204,72 @@ TEST_F(Connections, AKeptConnectionThatIsClosedGivesItsThreadBack) {
   ExpectPage(kept.Request(engine.Parameters("/page.zpc"), "", true), "page");
   kept.Close();
   ExpectPage(engine.Get("/page.zpc"), "page");
+}
+
+// Any thread may serve the next request of a kept connection.
+TEST_F(Connections, KeptConnectionsAreServedInAnyOrder) {
+  constexpr int kKept = 8;
+  engine.arguments = {"-t", std::to_string(kKept)};
+  engine.Script("name.zpc", "pushg name\nout\n");
+  ASSERT_TRUE(engine.Start());
+  const auto named = [&](const std::string& name) {
+    return engine.Parameters("/name.zpc", {{"QUERY_STRING", "name=" + name}});
+  };
+  FastCGIClient kept[kKept];
+  for (FastCGIClient& client : kept) {
+    ASSERT_TRUE(client.Connect(engine.socket()));
+    ExpectPage(client.Request(named("first"), "", true), "first");
+  }
+  std::vector<std::thread> users;
+  for (int user = 0; user < 2; user++) {
+    users.emplace_back([&, user] {
+      for (int i = 0; i < 200; i++) {
+        const int number = i * 5 % (kKept / 2) + user * kKept / 2;
+        const std::string name = std::to_string(i) + "-" + std::to_string(number);
+        ExpectPage(kept[number].Request(named(name), "", true), name);
+      }
+    });
+  }
+  for (std::thread& user : users) user.join();
+  // Each connection has a thread: those that have one wait for no other.
+  for (FastCGIClient& client : kept) {
+    ASSERT_TRUE(client.Begin(true) && client.Parameters(named("last")) && client.EndParameters());
+  }
+  for (FastCGIClient& client : kept) ASSERT_TRUE(client.EndInput());
+  for (FastCGIClient& client : kept) ExpectPage(client.Read(), "last");
+  for (FastCGIClient& client : kept) client.Close();
+  ExpectPage(engine.Get("/page.zpc"), "page");
+  // The threads of the connections that were closed accept again.
+  for (FastCGIClient& client : kept) {
+    ASSERT_TRUE(client.Connect(engine.socket()));
+    ExpectPage(client.Request(named("again"), "", true), "again");
+  }
+  engine.Signal(SIGTERM);
+  for (FastCGIClient& client : kept) EXPECT_TRUE(client.WaitForClose());
+  EXPECT_EQ(engine.Wait(), 0);
+}
+
+// Between the parts of such a request its connection is no kept one.
+TEST_F(Connections, AKeptConnectionWithHalfARequestKeepsItsThread) {
+  engine.arguments = {"-t", "2"};
+  ASSERT_TRUE(engine.Start());
+  FastCGIClient half, other;
+  for (FastCGIClient* client : {&half, &other}) {
+    ASSERT_TRUE(client->Connect(engine.socket()));
+    ExpectPage(client->Request(engine.Parameters("/page.zpc"), "", true), "page");
+  }
+  const std::string begin = FastCGIClient::Record(1, 1, std::string("\0\1\1\0\0\0\0\0", 8));
+  for (size_t cut : {size_t{1}, begin.size() / 2, begin.size()}) {
+    SCOPED_TRACE(cut);
+    ASSERT_TRUE(half.Send(begin.substr(0, cut)));
+    for (int i = 0; i < 3; i++) {
+      ExpectPage(other.Request(engine.Parameters("/page.zpc"), "", true), "page");
+    }
+    ASSERT_TRUE(half.Send(begin.substr(cut)));
+    ASSERT_TRUE(half.Parameters(engine.Parameters("/page.zpc")) && half.EndParameters() &&
+                half.EndInput());
+    ExpectPage(half.Read(), "page");
+  }
 }
 
 TEST_F(Connections, RequestIdsAreAnswered) {
