@@ -174,18 +174,19 @@ bool Dictionary::ReadSection(TaggedFile* file) {
   InsertOwned(blocks, std::move(block), ListTail);
   current = made;
   entries = std::make_unique_for_overwrite<TextEntry[]>(static_cast<size_t>(count));
+  TextEntry* entry = entries.get();
   entry_count = count;
   capacity = count;
   // Clamps wrong entries to the data area: they give a wrong text, never a crash.
   const int last = std::max(data_length - 1, 0);
-  for (int i = 0; i < count; i++, records += RecordSize) {
+  for (const TextEntry* const end = entry + count; entry < end; entry++, records += RecordSize) {
     int offset = GetInt32(records);
     int length = GetInt32(records + 4);
     if (offset < 0 || offset > last || length < 0 || length > data_length - offset) [[unlikely]] {
       offset = std::clamp(offset, 0, last);
       length = std::clamp(length, 0, data_length - offset);
     }
-    entries[i] = {made, offset, length};
+    *entry = {made, offset, length};
   }
   return file->Section_Read(current->data.get(), data_length) == data_length;
 }

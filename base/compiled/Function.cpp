@@ -258,8 +258,10 @@ bool FunctionManager::ReadFunctions(TaggedFile* file, long long start, int count
   const long long length =
       file->Section_Read(FunctionsTag, static_cast<int>(start),
                          reinterpret_cast<char*>(read->bytes.get()), static_cast<int>(room));
+  int* const offsets = read->offsets.get();
+  int complete = 0;
   long long end = 0;
-  while (read->count < count && FunctionSize <= length - end) {
+  while (complete < count && FunctionSize <= length - end) {
     const long long parameters = ParameterSize * static_cast<long long>(GetInt32(bytes + end + 4));
     long long next = end + FunctionSize + parameters;
     if (parameters < 0 || StoredNameTable::Head::Size > length - next) break;
@@ -268,9 +270,10 @@ bool FunctionManager::ReadFunctions(TaggedFile* file, long long start, int count
     const long long size = StoredNameTable::BucketSize * static_cast<long long>(head.occupied) +
                            VariableSize * static_cast<long long>(head.count);
     if (!head.valid() || size > length - next) break;
-    read->offsets[read->count++] = static_cast<int>(end);
+    offsets[complete++] = static_cast<int>(end);
     end = next + size;
   }
+  read->count = complete;
   read->length = static_cast<int>(end);
   const bool whole = read->count == count;
   stored = std::move(read);

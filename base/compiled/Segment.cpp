@@ -47,8 +47,15 @@ Segment::Segment(int number, int length)
   data = std::make_unique<unsigned char[]>(static_cast<size_t>(data_capacity) + Padding);
 }
 
-Segment::Segment(int number, const unsigned char* bytes, int length) : Segment(number, length) {
+Segment::Segment(int number, const unsigned char* bytes, int length)
+    : segment_number(number),
+      data(std::make_unique_for_overwrite<unsigned char[]>(
+          static_cast<size_t>(std::max(length, 0)) + Padding)),
+      data_capacity(std::max(length, 0)),
+      data_length(data_capacity),
+      data_room(data_capacity) {
   memcpy(data.get(), bytes, static_cast<size_t>(data_length));
+  memset(data.get() + data_length, 0, Padding);
 }
 
 Segment::Segment(const Segment& other)
@@ -305,8 +312,9 @@ bool SegmentManager::ReadSection(TaggedFile* file) {
     total += length;
     // The sum can exceed the section only if rows share bytes.
     if (!file->Section_Holds(0, total)) return ReadShared(file, table);
-    segments[i] = std::make_unique<Segment>(i, length);
-    if (!segments[i]->Read(file, SegmentsTag, static_cast<int>(offset))) return false;
+    bytes = file->Section_View(offset, length, &scratch);
+    if (!bytes) return false;
+    segments[i] = std::make_unique<Segment>(i, bytes, length);
   }
   return true;
 }

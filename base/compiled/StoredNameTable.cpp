@@ -88,21 +88,30 @@ void StoredNameTable::Read(const Head& head, const unsigned char* buckets,
     chain = std::make_unique_for_overwrite<int[]>(static_cast<size_t>(head.count));
   }
   chain_room = head.count;
-  for (int i = 0; i < head.count; i++, links += stride) chain[i] = GetInt32(links);
+  int* const chained = chain.get();
+  for (int i = 0; i < head.count; i++, links += stride) chained[i] = GetInt32(links);
 
-  if (head.occupied == 0) return;
-  stored = std::make_unique_for_overwrite<Bucket[]>(static_cast<size_t>(head.occupied));
-  for (int i = 0; i < head.occupied; i++, buckets += BucketSize) {
-    Bucket bucket = {Get16(buckets), GetInt32(buckets + 2)};
-    if (bucket.number >= bucket_count()) continue;
-    if (heads) {
-      heads[bucket.number] = bucket.first;
-    } else {
-      stored[stored_count++] = bucket;
-      // Known writers store ascending buckets. Any other order needs the array, in which the last
-      // record of a bucket wins.
-      if (stored_count > 1 && stored[stored_count - 2].number >= bucket.number) MakeHeads();
-    }
+  int left = head.occupied;
+  if (left == 0) return;
+  stored = std::make_unique_for_overwrite<Bucket[]>(static_cast<size_t>(left));
+  Bucket* const list = stored.get();
+  const int end = bucket_count();
+  int listed = 0;
+  for (int before = -1; left > 0; left--, buckets += BucketSize) {
+    const Bucket bucket = {Get16(buckets), GetInt32(buckets + 2)};
+    if (bucket.number >= end) continue;
+    if (bucket.number <= before) break;
+    list[listed++] = bucket;
+    before = bucket.number;
+  }
+  stored_count = listed;
+  if (left == 0) return;
+  // Known writers store ascending buckets. Any other order needs the array, in which the last
+  // record of a bucket wins.
+  MakeHeads();
+  for (; left > 0; left--, buckets += BucketSize) {
+    const int number = Get16(buckets);
+    if (number < end) heads[number] = GetInt32(buckets + 2);
   }
 }
 

@@ -20,7 +20,7 @@ inline constexpr int kOutputBuffer = ZEPH_LIMIT(8192, 16);
 
 // Bytes of a compiled file that are kept while it is loaded (TaggedFile.cpp). Hardly any script is
 // larger than the usual window, so that it would never move. Not smaller than the file's header.
-inline constexpr int kCompiledFileWindow = ZEPH_LIMIT(65536, 64);
+inline constexpr int kCompiledFileWindow = ZEPH_LIMIT(131072, 64);
 
 // Bytes that a block of dictionary texts grows by (Dictionary.cpp).
 inline constexpr int kDictionaryBlock = ZEPH_LIMIT(8192, 32);
