@@ -214,9 +214,10 @@ void HotCode::NoteUses(const FunctionManager* functions) {
   for (size_t i = 1; i + kLongestIdiom <= ops.size(); i++) {
     const bool element = Is(i - 1, HotAction::ElementReadOnly);
     if (!Is(i - 1, HotAction::Call) && !element) continue;
-    const Use use = UseOfTop(i, element, functions);
-    ops[i].after_number = use == Use::Number;
-    ops[i].after_value = use != Use::Any;
+    ops[i].uses = UsesOfTop(i, element, functions);
+    if (!element && Is(i, HotAction::Return)) {
+      ops[i].passed_uses = HotOp::UsedAsValue | HotOp::UsedAsNumber;
+    }
   }
 }
 
@@ -277,23 +278,24 @@ bool TakesByValue(const HotOp& call, int below, const FunctionManager* functions
 
 // Follows the value on top of the stack before instruction i to the instruction that takes it.
 // If others hold it too, it must not be stored to before that instruction reads it.
-HotCode::Use HotCode::UseOfTop(size_t i, bool held, const FunctionManager* functions) const {
+unsigned char HotCode::UsesOfTop(size_t i, bool held, const FunctionManager* functions) const {
   int above = 0;  // entries above the value
   for (; i + kLongestIdiom <= ops.size(); i++) {
     int taken, put;
     const HotAction action = ops[i].single;
-    if (IsOut(i) && above == 0) return Use::Value;
-    if (!StackEffect(ops[i], functions, &taken, &put)) return Use::Any;
+    if (IsOut(i) && above == 0) return HotOp::UsedAsValue;
+    if (!StackEffect(ops[i], functions, &taken, &put)) return 0;
     if (taken > above) {
-      if (IsNumeric(action)) return Use::Number;
-      if (ReadsValues(action) || action == HotAction::Pop) return Use::Value;
-      return action == HotAction::Call && TakesByValue(ops[i], above, functions) ? Use::Value
-                                                                                 : Use::Any;
+      if (IsNumeric(action)) return HotOp::UsedAsValue | HotOp::UsedAsNumber;
+      if (ReadsValues(action) || action == HotAction::Pop) return HotOp::UsedAsValue;
+      return action == HotAction::Call && TakesByValue(ops[i], above, functions)
+                 ? HotOp::UsedAsValue
+                 : 0;
     }
-    if (held && (action == HotAction::Call || action == HotAction::PopVariable)) return Use::Any;
+    if (held && (action == HotAction::Call || action == HotAction::PopVariable)) return 0;
     above += put - taken;
   }
-  return Use::Any;
+  return 0;
 }
 
 namespace {

@@ -44,11 +44,11 @@ struct HotOp {
   HotOperand left = HotOperand::Global;
   HotOperand right = HotOperand::Global;
   HotOperand into = HotOperand::Temporary;
-  // Of the result of the call or the element read before this instruction: whether it is used only
-  // as a number, or only for its value, by an operation that is certain to be reached. Then nothing
-  // can tell a number or a text from the variable that has it.
-  bool after_number = false;
-  bool after_value = false;
+  // How the result of the call or the element read before this instruction is used: bits of Use.
+  // Also those that apply to what a call of this function is used for, if this is a return of such
+  // a result.
+  unsigned char uses = 0;
+  unsigned char passed_uses = 0;
   // The orders on which a jump is made or a comparison holds: bit 0 for less, 1 for equal, 2 for
   // greater.
   unsigned char orders = 0;
@@ -76,6 +76,10 @@ struct HotOp {
   const HotOp* plain = nullptr;
   // Of a plain record: the one to go on with in the fast list; null inside a group.
   const HotOp* fast = nullptr;
+
+  // Whether a value is used only as a number, or only for its value, by an operation that is
+  // certain to be reached. Then nothing can tell a number or a text from the variable that has it.
+  enum Use : unsigned char { UsedAsValue = 1, UsedAsNumber = 2 };
 };
 
 class HotCode {
@@ -122,8 +126,7 @@ class HotCode {
   void NoteUses(const FunctionManager* functions);
   void CountRows();
   void MakeFastList(const FunctionManager* functions);
-  enum class Use { Any, Value, Number };
-  Use UseOfTop(size_t i, bool held, const FunctionManager* functions) const;
+  unsigned char UsesOfTop(size_t i, bool held, const FunctionManager* functions) const;
   HotAction Idiom(size_t i) const;
   HotAction IdiomOfText(size_t i) const;
   bool IsNextElement(size_t i) const;

@@ -32,7 +32,7 @@ ZephVM::InstructionCheck::~InstructionCheck() {
   if (vm->stop_flag || RunLimit::WasCut() || std::uncaught_exceptions() > exceptions) return;
   assert(row && "a word that is no instruction is an error");
   assert(vm->frame && vm->stack == vm->frame->stack && vm->frame->variables);
-  assert(vm->frame_count >= 0 && vm->frame_count <= MostFrames);
+  assert(vm->frame->depth >= 0 && vm->frame->depth <= MostFrames);
   assert(vm->stack->IsSound());
   // elem reports a bad index before it asks for the variable below, and the script may go on.
   if (entries < taken && row == &Instruction::Rows[Instruction::code_elem - 1]) return;

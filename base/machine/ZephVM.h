@@ -277,8 +277,10 @@ class ZephVM {
   void CloneFrames(ZephVM& source);
   std::unique_ptr<ZephVM_Frame> CloneFrame(ZephVM_Frame* original);
   void SetScriptDirectory();
-  void EnterFrame(ZephVM_Frame* new_frame) {
+  // Makes a frame the current one. It is that of so many functions: 1 or 0.
+  void EnterFrame(ZephVM_Frame* new_frame, int functions_entered = 0) {
     new_frame->serial = 0;
+    new_frame->depth = (frame ? frame->depth : 0) + functions_entered;
     frame = new_frame;
     stack = frame->stack;
   }
@@ -493,7 +495,6 @@ class ZephVM {
   MachineFamily* family;  // the parent's, or own_family
   // The machine of the family that currently works on this one's stack, or null.
   ZephVM* guest = nullptr;
-  int frame_count = 0;  // of functions that have not returned
   // Frames of finished calls, by function index, with their stack and locals, kept for later calls.
   std::vector<ZephVM_FunctionFrame*> idle_frames;
   // By the ids of the names; null until a field is found.

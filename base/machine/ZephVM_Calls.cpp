@@ -53,7 +53,7 @@ void ZephVM::call() {
 }
 
 void ZephVM::CallFunction(Function* function) {
-  if (frame_count >= MostFrames) {
+  if (frame->depth >= MostFrames) {
     FatalError("Stack overflow");
     return;
   }
@@ -72,8 +72,7 @@ void ZephVM::CallFunction(Function* function) {
   if (Segment* called_code = segments->Lookup(wanted_segment)) {
     called_code->NoteRepeat(*dictionary, functions);
   }
-  frame_count++;
-  EnterFrame(called.release());
+  EnterFrame(called.release(), 1);
 }
 
 // Returns a frame with an empty stack and the function's locals, which the caller owns: one from an
@@ -85,7 +84,7 @@ ZephVM_FunctionFrame* ZephVM::FrameFor(Function* function) {
     if (idle && idle->function == function) {
       idle_frames[index] = idle->next_idle;
       idle->return_code = 0;
-      idle->value_suffices = idle->number_suffices = false;
+      idle->uses = 0;
       idle->returns_hot = ReturnsNeedNoRecord();
       return idle;
     }
@@ -188,7 +187,6 @@ void ZephVM::LeaveFrame() {
   auto* left = static_cast<ZephVM_FunctionFrame*>(frame);
   frame = left->previous;
   stack = frame->stack;
-  frame_count--;
   KeepFrame(left);
   SetOutputMode(frame->output_mode);
 }
@@ -251,7 +249,7 @@ long ZephVM::FrameSerial() {
     frame->serial = ++frame_serials;
     frame->returns_hot = false;
     frame->return_code = 0;
-    frame->value_suffices = frame->number_suffices = false;
+    frame->uses = 0;
   }
   return frame->serial;
 }
@@ -304,7 +302,6 @@ void ZephVM::NestedRun::LeaveFrames() {
   while (vm->frame != outer) {
     std::unique_ptr<ZephVM_Frame> left(vm->frame);
     vm->frame = left->previous ? left->previous : outer;
-    if (left->type() == ZephVM_Frame::Function) vm->frame_count--;
     if (left->type() == ZephVM_Frame::Filter) vm->family->EndRun();
   }
 }

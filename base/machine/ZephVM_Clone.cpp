@@ -138,8 +138,8 @@ void ZephVM::CloneFrames(ZephVM& source) {
     copy->error_output = original->error_output;
     copy->output_mode = original->output_mode;
     copy->previous = frame;
-    if (copy->type() == ZephVM_Frame::Function) frame_count++;
-    EnterFrame(copy.release());
+    const bool is_function = copy->type() == ZephVM_Frame::Function;
+    EnterFrame(copy.release(), is_function);
   }
 }
 

@@ -52,6 +52,7 @@ class ZephVM_Frame {
   // A number that no other frame of the machine has or had; 0 until the machine assigns it, see
   // ZephVM::FrameSerial().
   long serial = 0;
+  int depth = 0;  // functions that have not returned, with this one
 
   // --- For the hot loop --------------------------------------------------------------------------
   // Whether this is a function's frame, so that it has a caller, and its return only has to pass on
@@ -60,9 +61,8 @@ class ZephVM_Frame {
   // The HotCode::serial() of the calling code, to which it returns, if that was decoded and
   // returns_hot holds; else 0.
   long return_code = 0;
-  // Whether what becomes of the result is known to use only its value, or only its number.
-  bool value_suffices = false;
-  bool number_suffices = false;
+  // What is known of how the result is used: bits of HotOp::Use.
+  unsigned char uses = 0;
 };
 
 // The activation of a function of the script.
@@ -91,7 +91,7 @@ class ZephVM_FunctionFrame : public ZephVM_Frame {
   long entry_serial = 0;
   // With a return_code: the function's segment, if that is not the caller's, the segment of the
   // caller, and the record after the call. While the frame is kept for reuse, all but the last stay
-  // valid.
+  // valid, and serial is 0.
   Segment* entry_code = nullptr;
   Segment* return_to = nullptr;
   const HotOp* return_op = nullptr;

@@ -206,6 +206,26 @@ HOT_INLINE bool AreNumbers(uint64_t references, const _VH_Entry* rows, int count
   return true;
 }
 
+inline void WakeIfAsleep(Variable* variable) {
+  if (variable->IsAsleep()) [[unlikely]]
+    variable->Wake();
+}
+
+// Gives a parameter the value of an argument that is a text or a number of more than one form.
+// Returns false and does nothing if it is neither. *patience is 1 afterwards if the time depended
+// on the size of the value.
+[[gnu::noinline]] bool BeginWithScalar(Variable* parameter, Variable* argument, int* patience) {
+  if (!argument) return false;
+  argument = argument->Real();
+  if (argument->HoldsText() && argument->plain_text().data) {
+    const String& text = argument->plain_text();
+    if (text.length > kShort) *patience = 1;
+    parameter->Begin(text.data, text.length);
+    return true;
+  }
+  return parameter->CopyNumber(*argument);
+}
+
 // Moves the arguments on top of a stack into the first variables of a function. Returns where the
 // stack then ends. *patience is 1 afterwards if the time depended on the size of a value.
 // REQUIRES: AreArguments; the variables that exist are as a new call needs them.
@@ -397,23 +417,70 @@ double Calculate(HotAction action, HotAction first, double a, double b) {
   target->SetValue(*source);
 }
 
-// Gives a parameter the value of an argument that is no bare number. Returns false if it is not a
-// plain variable. *patience is 1 afterwards if the time depended on the size of the value.
+// BeginWithScalar for a value of any kind. Returns false if the argument is not a plain variable.
 [[gnu::noinline]] bool BeginWith(Variable* parameter, Variable* argument, int* patience) {
   if (!argument) return false;
   argument = argument->Real();
-  if (argument->HoldsText() && argument->plain_text().data) {
-    const String& text = argument->plain_text();
-    if (text.length > kShort) *patience = 1;
-    parameter->Begin(text.data, text.length);
-    return true;
-  }
-  if (parameter->CopyNumber(*argument)) return true;
   if (!argument->IsPlain()) return false;
   if (argument->IsAsleep()) argument->Wake();
   parameter->Wake();
   parameter->SetValue(*argument);
   *patience = 1;
+  return true;
+}
+
+// Gives parameters the values of the arguments from a record on, of which the first is an array.
+// Returns false if the machine has to make them. REQUIRES: the parameters that exist are
+// asleep.
+[[gnu::noinline]] bool BeginArguments(const HotOp* first, const HotOp* end,
+                                      const _VH_Entry* parameters, const _VH_Entry* const* rows,
+                                      const Temporaries& temporaries, int* patience) {
+  const auto source = [&](const HotOp* argument) -> Variable* {
+    // What was loaded is in the row of the place with its number.
+    const HotOperand kind =
+        argument->left == HotOperand::Temporary ? HotOperand::Place : argument->left;
+    return rows[static_cast<int>(kind)][argument->first].variable;
+  };
+  const _VH_Entry* row = parameters;
+  bool has_arrays = false;
+  for (const HotOp* argument = first; argument != end; argument++, row++) {
+    Variable* const parameter = row->variable;
+    if (!parameter) return false;
+    if (argument->left == HotOperand::Text) {
+      parameter->Begin(argument->text, argument->length);
+    } else if (argument->left == HotOperand::Constant ||
+               (argument->left == HotOperand::Temporary && argument->form != HotForm::AsLoaded)) {
+      const bool is_constant = argument->left == HotOperand::Constant;
+      const double number = is_constant ? argument->number : temporaries.numbers[argument->first];
+      if (argument->form == HotForm::Integer) {
+        parameter->Begin(static_cast<int>(number));
+      } else {
+        parameter->Begin(number);
+      }
+    } else if (argument->refer) {
+      Variable* const variable = source(argument);
+      if (!variable) return false;
+      WakeIfAsleep(variable);
+      parameter->Begin(variable);
+    } else if (argument->left == HotOperand::Temporary &&
+               temporaries.forms[argument->first] == HotForm::Integer) {
+      parameter->Begin(static_cast<int>(temporaries.numbers[argument->first]));
+    } else if (argument->left == HotOperand::Temporary &&
+               temporaries.forms[argument->first] == HotForm::Double) {
+      parameter->Begin(temporaries.numbers[argument->first]);
+    } else if (argument == first || !BeginWithScalar(parameter, source(argument), patience)) {
+      has_arrays = true;
+    }
+  }
+  if (!has_arrays) return true;
+  // Arrays come after those by reference: these take counts on their variables, so that a copy
+  // shares nothing with them. The parameter of an array is still asleep.
+  row = parameters;
+  for (const HotOp* argument = first; argument != end; argument++, row++) {
+    if (row->variable->IsAsleep() && !BeginWith(row->variable, source(argument), patience)) {
+      return false;
+    }
+  }
   return true;
 }
 
@@ -520,6 +587,30 @@ HOT_INLINE Stepped StepTo(Variable* array, int number, Variable* target) {
   return Stepped::ToValue;
 }
 
+// Functions that return the result of another at once, one after the other, that are looked at.
+const int kMostPassed = 4;
+
+// Whether the code that a frame returns to is decoded and is what it was at the call.
+inline bool ReturnsToDecoded(const ZephVM_FunctionFrame* called) {
+  return called->return_code != 0 && called->return_to->hot() &&
+         called->return_to->hot()->serial() == called->return_code;
+}
+
+// FindTarget for the result of a frame that its callers return at once. Returns whether they are
+// all known to pass it to an instruction that pops it into a plain variable.
+[[gnu::noinline]] bool PassesToTarget(const ZephVM_FunctionFrame* called, const _VH_Entry* globals,
+                                      unsigned count) {
+  for (int i = 0; i < kMostPassed && ReturnsToDecoded(called); i++) {
+    const HotOp* const use = called->return_op->plain;
+    Variable* target;
+    if (use->single != HotAction::Return) {
+      return FindTarget(use, called->previous->variables, globals, count, &target);
+    }
+    called = static_cast<const ZephVM_FunctionFrame*>(called->previous);
+  }
+  return false;
+}
+
 // Whether the value of an entry is true, if that is a number.
 inline bool FindTruth(const Entry* entry, bool* truth) {
   if (!IsNumber<IsComparableSlow>(entry)) return false;
@@ -583,8 +674,9 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   // For a call or a return.
   ZephVM_FunctionFrame* called;
   const _VH_Entry* locals;
-  double number_passed;
   unsigned local_count;
+  double number_passed = 0.0;
+  HotForm form_passed = HotForm::Double;
   const HotOp* returns_to;
   // For groups.
   Variable* first_row;
@@ -681,7 +773,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // A local variable that no instruction of this call has touched is asleep in its row. It has no
 // forms and is not an array, so only an action that uses a variable without testing these has to
 // wake it. Storing a number wakes it too.
-#define WAKE(variable) if ((variable)->IsAsleep()) [[unlikely]] (variable)->Wake();
+#define WAKE(variable) WakeIfAsleep(variable);
 // After anything that may have added names to a table, such as a library that computes a field.
 // The main code has the globals as its locals, too, so making room for the one may move the other.
 #define ASK_ROWS { \
@@ -729,14 +821,12 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // called is the frame and locals are its variables; those that exist are as a new call needs them.
 #define KNOWS_CALLED \
   (called = idle_frames[static_cast<unsigned>(op->first)], \
-   called && called->return_code == code_serial && frame_count < MostFrames && \
+   called && called->return_code == code_serial && frame->depth < MostFrames && \
    (locals = called->variables->Rows(&local_count), true))
 
 // Whether the code that the frame returns to is decoded and is what it was at the call.
 #define RETURNS_TO_DECODED \
-  (called->return_code == code_serial || \
-   (called->return_code != 0 && called->return_to->hot() && \
-    called->return_to->hot()->serial() == called->return_code))
+  (called->return_code == code_serial || ReturnsToDecoded(called))
 // Continues in another segment, which is decoded.
 #define USE_SEGMENT(used, number) { \
   segment = (used); \
@@ -749,13 +839,14 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // Whether the instruction at a record uses only the value of the entry on top. The field of a
 // database, to which a variable may refer, takes a number and a variable in different ways.
 #define VALUE_SUFFICES(record) \
-  ((record)->after_value || ((record)->single == HotAction::PopVariable && \
-                             IsPlainRow(VARIABLE(record))))
+  (((record)->uses & HotOp::UsedAsValue) || ((record)->single == HotAction::PopVariable && \
+                                             IsPlainRow(VARIABLE(record))))
 
 // Whether it can tell an element that is only a number from its variable. It cannot if that is an
 // integer; of a double, a read as text would leave a text that comparisons use from then on.
 #define BARE_SUFFICES(record, bare) \
-  ((bare).IsInteger() || (record)->after_number || (record)->single == HotAction::PopVariable)
+  ((bare).IsInteger() || ((record)->uses & HotOp::UsedAsNumber) || \
+   (record)->single == HotAction::PopVariable)
 
 // All forms of an operation on the doubles a and b. An operand that is a double entry already is
 // overwritten in place.
@@ -2076,86 +2167,91 @@ on_Rest:
 on_Resume:
   op = op->fast;
   GO_TO(op->action);
-on_ReturnNumber : {
-  MISFIT_UNLESS(frame->returns_hot)
+on_ReturnNumber:
+  called = static_cast<ZephVM_FunctionFrame*>(frame);
   number_passed = op->left == HotOperand::Constant ? op->number : temporaries.numbers[op->first];
-  ZephVM_Stack* const callers = frame->previous->stack;
-  MISFIT_UNLESS(callers->HasRoom(1))
-  if (op->form == HotForm::Double) goto return_number;
-  callers->End()->SetInteger(static_cast<int>(number_passed));
-  callers->SetEnd(callers->End() + 1);
-  goto returned;
-}
+  form_passed = op->form;
+  if (RETURNS_TO_DECODED) [[likely]]
+    goto return_number;
+  MISFIT_UNLESS(frame->returns_hot && frame->previous->stack->HasRoom(1))
+  goto push_result;
 on_CallWith : {
-  const int count = op->second;
-  MISFIT_UNLESS(KNOWS_CALLED && HAS_ROOM && called->simple_parameters == count)
+  MISFIT_UNLESS(KNOWS_CALLED && HAS_ROOM && called->simple_parameters == op->second)
   TELL_STACK
-  const HotOp* const arguments = op + 1;
-  bool begun = true;
-  // Those by reference first: they take counts on their variables, so that a copy for one by value
-  // shares nothing with these. Each is the variable itself and not what it refers to, because it
-  // may be made to refer to another.
-  for (uint64_t left = called->references; left != 0 && begun; left &= left - 1) {
-    const int k = std::countr_zero(left);
-    const HotOp* const argument = arguments + k;
-    variable =
-        argument->left == HotOperand::Place ? temporaries.place(argument->first) : ROW_OF(argument);
-    begun = variable && locals[k].variable;
-    if (!begun) [[unlikely]]
-      break;
-    WAKE(variable)
-    locals[k].variable->Begin(variable);
-  }
-  for (int k = 0; k < count && begun; k++) {
-    const HotOp* const argument = arguments + k;
-    Variable* const parameter = locals[k].variable;
-    if (argument->refer) continue;
-    if (!parameter) [[unlikely]] {
-      begun = false;
-    } else if (argument->left <= HotOperand::Local) {
-      variable = ROW_OF(argument);
-      if (variable && variable->HoldsDouble()) {
-        parameter->Begin(variable->plain_double());
-      } else if (variable && variable->HoldsInteger()) {
-        parameter->Begin(variable->plain_integer());
-      } else {
-        begun = BeginWith(parameter, variable, &patience);
+  returns_to = op + 1 + op->second;
+  const HotOp* argument = op + 1;
+  const _VH_Entry* row = locals;
+  for (; argument != returns_to; argument++, row++) {
+    Variable* const parameter = row->variable;
+    if (!parameter) [[unlikely]]
+      goto not_begun;
+    if (argument->left <= HotOperand::Local) {
+      variable = OPERAND_ROW(argument->left, argument->first);
+      if (!variable) [[unlikely]]
+        goto not_begun;
+      if (argument->refer) {
+        // The variable itself and not what it refers to, because it may be made to refer to
+        // another.
+        WAKE(variable)
+        parameter->Begin(variable);
+        continue;
       }
+      if (variable->HoldsDouble()) {
+        parameter->Begin(variable->plain_double());
+        continue;
+      }
+      if (variable->HoldsInteger()) {
+        parameter->Begin(variable->plain_integer());
+        continue;
+      }
+      if (BeginWithScalar(parameter, variable, &patience)) continue;
     } else if (argument->left == HotOperand::Temporary) {
       const double value = temporaries.numbers[argument->first];
       const HotForm form =
           argument->form == HotForm::AsLoaded ? temporaries.forms[argument->first] : argument->form;
       if (form == HotForm::Double) {
         parameter->Begin(value);
-      } else if (form == HotForm::Integer) {
-        parameter->Begin(static_cast<int>(value));
-      } else {
-        begun = BeginWith(parameter, temporaries.place(argument->first), &patience);
+        continue;
       }
+      if (form == HotForm::Integer) {
+        parameter->Begin(static_cast<int>(value));
+        continue;
+      }
+      if (BeginWithScalar(parameter, temporaries.place(argument->first), &patience)) continue;
     } else if (argument->left == HotOperand::Constant) {
       if (argument->form == HotForm::Integer) {
         parameter->Begin(argument->first);
       } else {
         parameter->Begin(argument->number);
       }
+      continue;
+    } else if (argument->left == HotOperand::Place) {
+      variable = temporaries.place(argument->first);
+      WAKE(variable)
+      parameter->Begin(variable);
+      continue;
     } else {
       parameter->Begin(argument->text, argument->length);
+      continue;
     }
+    if (!BeginArguments(argument, returns_to, row, rows, temporaries, &patience)) [[unlikely]]
+      goto not_begun;
+    break;
   }
-  if (!begun) [[unlikely]] {
-    // The machine's call makes them again.
-    if (called->variables->Renew(*called->locals)) goto misfit;
-    idle_frames[static_cast<unsigned>(op->first)] = called->next_idle;
-    delete called;
-    goto misfit;
-  }
-  returns_to = op + 1 + count;
-  RAN_UP_TO(returns_to->plain - 1, count)
+  RAN_UP_TO(returns_to->plain - 1, op->second)
   goto enter;
 }
+// The machine's call makes the arguments again.
+not_begun:
+  if (!called->variables->Renew(*called->locals)) {
+    idle_frames[static_cast<unsigned>(op->first)] = called->next_idle;
+    delete called;
+  }
+  goto misfit;
 
 // Most calls are of functions in this code, with numbers as arguments and a kept frame. HAS_ROOM
-// also ensures that the result fits on the caller's stack, so return_number need not test that.
+// also ensures that the result fits on the caller's stack, so a return to decoded code need not
+// test that.
 on_Call:
   if (!(KNOWS_CALLED && HAS_ROOM)) [[unlikely]]
     goto unknown_called;
@@ -2186,43 +2282,40 @@ enter : {
   called->return_op = returns_to;
   // What is returned at once has the use of the caller's own result.
   const HotOp* const use = returns_to->plain;
-  const bool passed = use->single == HotAction::Return;
-  called->value_suffices = use->after_value | (passed & caller->value_suffices);
-  called->number_suffices = use->after_number | (passed & caller->number_suffices);
+  called->uses = static_cast<unsigned char>(use->uses | (use->passed_uses & caller->uses));
   called->error_output = caller->error_output;
   called->output_mode = called->simple_mode;
   called->previous = caller;
+  called->depth = caller->depth + 1;
   if (hot_mode != called->simple_mode) [[unlikely]]
     SetOutputMode(called->simple_mode);
-  frame_count++;
-  op = called->entry;
   rows[1] = locals;
   counts[1] = local_count;
-  EnterFrame(called);
-  s = called->stack;
+  frame = called;
+  stack = s = called->stack;
   ASK_STACK
   if (called->entry_segment != loaded_segment) {
-    program_counter = called->entry_offset;
-    called->entry_code->NoteRepeat(*dictionary, functions);
-    if (!called->entry_code->hot()) [[unlikely]] {
-      wanted_segment = called->entry_segment;
-      goto moved;
-    }
+    const HotCode* const entered = called->entry_code->hot();
+    if (!entered || entered->serial() != called->entry_serial) [[unlikely]]
+      goto enter_segment;
     USE_SEGMENT(called->entry_code, called->entry_segment)
-    if (called->entry_serial != code_serial) [[unlikely]] {
-      called->entry = hot->At(program_counter);
-      called->entry_serial = code_serial;
-      ASK_ROWS
-    }
-    op = called->entry;
-    if (!op) [[unlikely]]
-      return;
   }
+  op = called->entry;
   STARTED
   if (--patience == 0) [[unlikely]]
     goto look;
   GO_TO(op->action);
 }
+// The code of the function is not decoded, or has been decoded since the last call.
+enter_segment:
+  program_counter = called->entry_offset;
+  wanted_segment = called->entry_segment;
+  called->entry_code->NoteRepeat(*dictionary, functions);
+  if (const HotCode* const entered = called->entry_code->hot()) {
+    called->entry = entered->At(program_counter);
+    if (called->entry) called->entry_serial = entered->serial();
+  }
+  goto moved;
 unknown_called:
   if (called && called->simple_parameters >= 0 && called->return_code != code_serial) {
     // The code of another segment is found when it is entered, because it may have changed by then.
@@ -2239,6 +2332,7 @@ unknown_called:
       called->return_to = segment;
       called->return_code = code_serial;
       called->returns_hot = true;
+      called->serial = 0;
       goto on_Call;
     }
   }
@@ -2272,6 +2366,13 @@ on_ReturnNothing : {
 }
 on_Return : {
   LEAVE_UNLESS(frame->returns_hot && HOLDS_ONE)
+  called = static_cast<ZephVM_FunctionFrame*>(frame);
+  if (top[-1].kind <= ZephVM_Stack::KindDouble && RETURNS_TO_DECODED) {
+    --top;
+    form_passed = IsDouble(top) ? HotForm::Double : HotForm::Integer;
+    number_passed = IsDouble(top) ? top->value.number : top->value.integer;
+    goto return_number;
+  }
   ZephVM_Stack* const callers = frame->previous->stack;
   Entry* const value = callers->End();
   LEAVE_UNLESS(callers->HasRoom(1))
@@ -2283,8 +2384,8 @@ on_Return : {
   goto returned;
 }
 // If the caller uses only the value of the result, pass that and leave the variable. The variable
-// must have no other form and no other holder. A caller that only stores a number or a short text
-// gets that in its variable, and goes on after its pop.
+// must have no other form and no other holder. A caller that only stores the result gets a number,
+// a short text or an array in its variable, and goes on after its pop.
 on_ReturnVariable : {
   variable = ROW_OF(op);
   SINGLE_UNLESS(HAS_ROOM && frame->returns_hot && variable && variable->IsPlain() &&
@@ -2294,42 +2395,63 @@ on_ReturnVariable : {
     const HotOp* const use = called->return_op->plain;
     Variable* target;
     if (FindTarget(use, frame->previous->variables, rows[0], counts[0], &target)) {
-      if (target && (target->CopyNumber(*variable) || target->CopyShort(*variable))) {
+      const bool copied = target && (target->CopyNumber(*variable) || target->CopyShort(*variable));
+      const bool taken = !copied && target && target->TakeValue(variable);
+      if (taken) patience = 1;
+      if (copied || taken) {
         called->return_offset = use[1].start;
         called->return_op = use[1].fast ? use[1].fast : use + 1;
         goto returned;
       }
     } else {
-      SINGLE_UNLESS(frame->value_suffices)
+      SINGLE_UNLESS((frame->uses & HotOp::UsedAsValue) ||
+                    PassesToTarget(called, rows[0], counts[0]))
     }
   } else {
-    SINGLE_UNLESS(frame->value_suffices)
+    SINGLE_UNLESS(frame->uses & HotOp::UsedAsValue)
   }
-  HotForm form;
-  if (FindAlone(variable, &number_passed, &form)) {
-    if (frame->number_suffices || form == HotForm::Double) goto return_number;
-    Entry* const value = frame->previous->stack->End();
-    value->SetInteger(variable->plain_integer());
-    frame->previous->stack->SetEnd(value + 1);
-    goto returned;
+  if (FindAlone(variable, &number_passed, &form_passed)) {
+    if (frame->uses & HotOp::UsedAsNumber) form_passed = HotForm::Double;
+    goto push_result;
   }
   char* text;
   int length, allocated;
   // As a number, a text on the stack may be another one than the variable that had it.
-  SINGLE_UNLESS(!frame->number_suffices && variable->TakeText(&text, &length, &allocated))
+  SINGLE_UNLESS(!(frame->uses & HotOp::UsedAsNumber) &&
+                variable->TakeText(&text, &length, &allocated))
   Entry* const value = frame->previous->stack->End();
   value->SetOwnedText(text, length, allocated);
   frame->previous->stack->SetEnd(value + 1);
   goto returned;
 }
+// Passes a number in its form to decoded code. A caller that only stores it gets it in its
+// variable.
 return_number : {
+  const HotOp* const use = called->return_op->plain;
+  Variable* target;
+  if (FindTarget(use, frame->previous->variables, rows[0], counts[0], &target) && target) {
+    if (form_passed == HotForm::Double) {
+      target->Write_Double(number_passed);
+    } else {
+      target->Write_Integer(static_cast<int>(number_passed));
+    }
+    called->return_offset = use[1].start;
+    called->return_op = use[1].fast ? use[1].fast : use + 1;
+    goto returned;
+  }
+}
+push_result : {
   ZephVM_Stack* const callers = frame->previous->stack;
   Entry* const value = callers->End();
-  value->SetDouble(number_passed);
+  if (form_passed == HotForm::Double) {
+    value->SetDouble(number_passed);
+  } else {
+    value->SetInteger(static_cast<int>(number_passed));
+  }
   callers->SetEnd(value + 1);
 }
-// The value is on the caller's stack. Whatever else the function left on its own stack is freed,
-// and the frame is kept.
+// The value is on the caller's stack, or in its variable. Whatever else the function left on its
+// own stack is freed, and the frame is kept.
 returned : {
   while (HOLDS_ONE) [[unlikely]] ZephVM_Stack::Free(--top);
   TELL_STACK
@@ -2337,19 +2459,18 @@ returned : {
   ZephVM_Frame* const caller = called->previous;
   frame = caller;
   stack = s = caller->stack;
-  frame_count--;
   // With a return_code it came from the frames that are kept.
   if (called->return_code != 0 && called->variables->Renew(*called->locals)) [[likely]] {
     ZephVM_FunctionFrame** const idle = &idle_frames[called->place];
     called->next_idle = *idle;
     *idle = called;
-    program_counter = called->return_offset;
     op = called->return_op;
     if (called->return_code != code_serial) {
       if (RETURNS_TO_DECODED) [[likely]] {
         USE_SEGMENT(called->return_to, called->return_segment)
       } else {
         wanted_segment = called->return_segment;
+        program_counter = called->return_offset;
         op = nullptr;
       }
     }

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -369,6 +370,92 @@ class RandomCalls {
   bool in_function = false;
   int labels = 0;
 };
+
+// --- Results and arguments of each kind ----------------------------------------------------------
+
+struct Passed {
+  const char* push;
+  const char* shown;  // by the code below
+};
+
+const char* const kShow = "pushg z\nout\npushg z\npushi 1\nelem_readonly\nout\npushc \",\"\nout\n";
+
+const Passed kPassed[] = {
+    {"pushi 7\n", "7,"},
+    {"pushf 2.5\n", "2.5,"},
+    {"pushg whole\n", "3,"},
+    {"pushc \"text\"\n", "text,"},
+    {"pushc \"12\"\n", "12,"},
+    {"pushc \"\"\n", ","},
+    {"pushc \"a\"\npushg whole\ncat\n", "a3,"},
+    {"pushg long\npushc \"+\"\ncat\n", nullptr},
+    {"pushg row\n", nullptr},
+    {"pushg none\n", ","},
+};
+
+// Passes each of the values through three functions, the outer ones of which return what they get
+// at once, and stores it in turn after a number, a text and an array. What it gets is changed
+// before the next round, so that a value that is shared would show.
+std::string Passing(const std::string& push, const std::string& after) {
+  return "pushi 5\npushg row\npushi 1\nelem\nstore\npushi 3\npopg whole\npushc \"" +
+         std::string(300, 'l') + "\"\npopg long\nstoregi n, 0\nagain: incg n, 1\n" + push +
+         "call outer\npopg z\n" + kShow + after + push + "call inner\npopg z\n" + kShow + after +
+         push + "call inner\ncall inner\npopg z\n" + kShow +
+         "pushg row\npushi 1\nelem_readonly\nout\n" + after + "cmpgi n, " +
+         std::to_string(4 * Segment::Repeats) +
+         "\njmp_lt again\nexit\n"
+         ".function outer(a)\npushl a\ncall middle\nret\n.end\n"
+         ".function middle(a)\npushl a\ncall inner\nret\n.end\n"
+         ".function inner(a)\n.local b\npushl a\npopl b\npushl b\nret\n.end\n";
+}
+
+TEST(FrameReuse, AResultOfEachKindIsStoredAsItIsReturned) {
+  const char* const kAfter[] = {"", "pushi 1\npopg z\n", "pushc \"a longer text\"\npopg z\n",
+                                "pushi 9\npushg z\npushi 1\nelem\nstore\n",
+                                "pushi 9\npushg z\npushi 2\nelem\nstore\npushi 1\npopg z\n"};
+  for (const Passed& passed : kPassed) {
+    for (const char* after : kAfter) {
+      const std::string program = Passing(passed.push, after);
+      SCOPED_TRACE(program);
+      const Outcome cold = OutcomeOf(program, kWays[3], {"z", "whole", "n"});
+      EXPECT_EQ(cold.result, 1);
+      if (passed.shown) {
+        EXPECT_EQ(cold.output.substr(0, strlen(passed.shown)), passed.shown);
+      }
+      for (const Way& way : {kWays[0], kWays[1], kWays[2]}) {
+        SCOPED_TRACE(way.label);
+        EXPECT_EQ(OutcomeOf(program, way, {"z", "whole", "n"}), cold);
+      }
+    }
+  }
+}
+
+// An array that is passed by value is a copy of its own, whichever place it has among arguments by
+// reference to it or to its elements.
+TEST(FrameReuse, AnArrayByValueIsApartFromArgumentsByReference) {
+  const std::string program =
+      "storegi n, 0\nagain: incg n, 1\npushg n\npushg row\npushi 1\nelem\nstore\n"
+      "pushc \"t\"\npushg row\npushi 2\nelem\nstore\n"
+      "pushg row\npushg row\npushg n\npushg row\npushi 1\nelem\npushc \"k\"\ncall mixed\nout\n"
+      "pushg row\npushg row\npushg n\npushi 1\nadd\npushg row\npushi 2\nelem\npushg row\n"
+      "call mixed\nout\n"
+      "pushg row\npushi 1\nelem_readonly\nout\ncmpgi n, " +
+      std::to_string(4 * Segment::Repeats) +
+      "\njmp_lt again\nexit\n"
+      ".function mixed(copy, all var, number, one var, last)\n"
+      "pushi 1000\npopl one\npushc \"new\"\npushl all\npushi 1\nelem\nstore\n"
+      "pushl copy\npushi 1\nelem_readonly\npushc \"/\"\ncat\npushl copy\npushi 2\nelem_readonly\n"
+      "cat\npushc \"/\"\ncat\npushl all\npushi 1\nelem_readonly\ncat\npushl number\ncat\n"
+      "pushl last\ncat\nret\n.end\n";
+  SCOPED_TRACE(program);
+  const Outcome cold = OutcomeOf(program, kWays[3], {"n"});
+  EXPECT_EQ(cold.result, 1);
+  EXPECT_EQ(cold.output.substr(0, 10), "1/t/new1kn");
+  for (const Way& way : {kWays[0], kWays[1], kWays[2]}) {
+    SCOPED_TRACE(way.label);
+    EXPECT_EQ(OutcomeOf(program, way, {"n"}), cold);
+  }
+}
 
 TEST(FrameReuse, RandomProgramsDoTheSameInFreshFramesAndInReusedOnes) {
   int ended = 0;
