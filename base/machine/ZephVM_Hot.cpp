@@ -241,10 +241,25 @@ inline void WakeIfAsleep(Variable* variable) {
       variable->Begin(argument->value.number);
     } else if (variable && argument->kind == ZephVM_Stack::KindInteger) {
       variable->Begin(argument->value.integer);
+    } else if (variable && argument->kind == ZephVM_Stack::KindString && !argument->deferred) {
+      if (argument->length > kShort) *patience = 1;
+      variable->Begin(argument->value.text, argument->length);
+    } else if (variable && argument->deferred) {
+      *patience = 1;
+      const bool chained = argument->kind == ZephVM_Stack::KindLinkBuffer;
+      // As a text, the variable keeps the memory that it had in its sleep.
+      if (variable->plain_text().data) {
+        variable->Begin("", 0);
+      } else {
+        variable->Wake();
+      }
+      stack->SetEnd(argument);
+      argument->value.pending->Assign(variable, chained);
+      continue;
     } else if (!variable || argument->kind != ZephVM_Stack::KindVariable ||
-               !variable->CopyNumber(*argument->value.variable->Real())) {
+               !BeginWithScalar(variable, argument->value.variable, patience)) {
       variable = table->At(i, 1);
-      if (argument->kind > ZephVM_Stack::KindDouble) *patience = 1;
+      *patience = 1;
       stack->PopV(variable);
       continue;
     }
