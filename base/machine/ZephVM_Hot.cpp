@@ -1344,8 +1344,7 @@ on_Pop:
   NEXT(1)
 on_Dup:
   LEAVE_UNLESS(HOLDS_ONE && HAS_ROOM)
-  if (top[-1].kind <= ZephVM_Stack::KindDouble) [[likely]] {
-    top->CopyFrom(top[-1]);
+  if (top->DupeSimple(top[-1])) {
     ++top;
     NEXT(1)
   }

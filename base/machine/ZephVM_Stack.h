@@ -115,6 +115,19 @@ class ZephVM_Stack {
       value.pending->Append(bytes, count);
       MarkChained();
     }
+    // Becomes the copy that Dupe makes of a number or a variable. Returns false and does nothing
+    // for others.
+    bool DupeSimple(const Stack_Entry& source) {
+      if (source.kind == KindVariable && source.Owns()) {
+        source.value.variable->Hold();
+        Set(KindVariable | PrivateMark, reinterpret_cast<uintptr_t>(source.value.variable),
+            Lengths(8, 8));
+        return true;
+      }
+      if (source.kind > KindDouble) return false;
+      CopyFrom(source);
+      return true;
+    }
     // Whether the entry owns something. Reads deletable and private_copy in one load.
     bool Owns() const {
       uint16_t owned;
@@ -132,6 +145,7 @@ class ZephVM_Stack {
 
    private:
     static constexpr uint64_t OwnedMark = uint64_t{1} << 32;     // deletable
+    static constexpr uint64_t PrivateMark = uint64_t{1} << 40;   // private_copy
     static constexpr uint64_t DeferredMark = uint64_t{1} << 48;  // deferred
     static constexpr uint64_t Lengths(int length, int size) {
       return static_cast<uint32_t>(length) | static_cast<uint64_t>(size) << 32;
