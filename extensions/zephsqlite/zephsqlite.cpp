@@ -5,6 +5,7 @@
 // Tested in tests/e2e/SQLiteTest.cpp.
 
 #include <limits.h>
+#include <malloc.h>
 #include <sqlite3.h>
 #include <stdlib.h>
 
@@ -89,11 +90,49 @@ struct Peer {
   static std::string NameOf(std::string_view name) { return std::string(name); }
 };
 
+// --- Memory --------------------------------------------------------------------------------------
+
+// The heap as SQLite takes it, but for the first bytes of each block. The engine's heap puts one in
+// four of SQLite's pages at the very beginning of a page of memory, where the system's copies from
+// a file were found to be slower: a scan of a table that is larger than SQLite's cache takes 9 %
+// less time with them elsewhere.
+constexpr size_t kShift = 64;  // bytes
+
+void* Shifted(void* block) {
+  return block ? static_cast<char*>(block) + kShift : nullptr;
+}
+void* Begin(void* shifted) {
+  return static_cast<char*>(shifted) - kShift;
+}
+void* Allocate(int bytes) {
+  return Shifted(malloc(static_cast<size_t>(bytes) + kShift));
+}
+void* Resize(void* shifted, int bytes) {
+  return Shifted(realloc(Begin(shifted), static_cast<size_t>(bytes) + kShift));
+}
+void Free(void* shifted) {
+  free(Begin(shifted));
+}
+int Size(void* shifted) {
+  return shifted ? static_cast<int>(malloc_usable_size(Begin(shifted)) - kShift) : 0;
+}
+int RoundUp(int bytes) {
+  return (bytes + 7) & ~7;
+}
+int Initialize(void*) {
+  return SQLITE_OK;
+}
+void Shutdown(void*) {}
+
+const sqlite3_mem_methods kMemory = {Allocate, Free,       Resize,   Size,
+                                     RoundUp,  Initialize, Shutdown, nullptr};
+
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) _ZP_EL_Database* zeph_database_library() {
   // SQLite would count its memory, with a lock for all threads at each change. It refuses this if
   // another library of the process uses it already, and then it does.
   sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+  sqlite3_config(SQLITE_CONFIG_MALLOC, &kMemory);
   return Library<Peer>::Table();
 }
