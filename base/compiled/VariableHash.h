@@ -138,7 +138,7 @@ class VariableHash {
     return entries;
   }
 
-  // The same, but at least so many rows may be read: those after the last position have no variable.
+  // The same, but at least so many rows may be read: those after the last name have no variable.
   const _VH_Entry* Rows(int least, unsigned* count) {
     if (least > readable_entries && least > entry_count) [[unlikely]]
       MakeReadable(least);
