@@ -374,7 +374,7 @@ int __wrap_OS_IpcClose(int descriptor, int shutdown) {
 // libfcgi's copy in this program calls these (fastcgi/CMakeLists.txt). The address sanitizer sees
 // an overrun only if each block is one of the heap.
 
-void* zeph_fcgi_malloc(size_t size) {
+void* request_malloc(size_t size) {
   FastCGIConnection* const connection = current;
   if (connection && !kAddressSanitizer) [[likely]] {
     void* const block = connection->room().Take(size);
@@ -384,7 +384,7 @@ void* zeph_fcgi_malloc(size_t size) {
   return BlockOfHeap(size);
 }
 
-void zeph_fcgi_free(void* memory) {
+void request_free(void* memory) {
   FastCGIConnection* const connection = current;
   if (connection && connection->room().Has(memory)) {
     connection->room().Return();
@@ -393,17 +393,17 @@ void zeph_fcgi_free(void* memory) {
   }
 }
 
-void* zeph_fcgi_realloc(void* memory, size_t size) {
+void* request_realloc(void* memory, size_t size) {
   if (!current || !current->room().Has(memory)) {
     void* const larger = realloc(memory, size);
     if (!larger && accepting) throw std::bad_alloc();
     return larger;
   }
-  void* const larger = zeph_fcgi_malloc(size);
+  void* const larger = request_malloc(size);
   if (!larger) return nullptr;
   // The old size is not known. The two may overlap if bytes after the old block are copied too.
   memmove(larger, memory, std::min(size, current->room().SizeFrom(memory)));
-  zeph_fcgi_free(memory);
+  request_free(memory);
   return larger;
 }
 }

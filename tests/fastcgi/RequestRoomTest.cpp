@@ -12,9 +12,9 @@
 #include "fastcgi/FastCGIThreads.h"
 
 extern "C" {
-void* zeph_fcgi_malloc(size_t size);
-void* zeph_fcgi_realloc(void* memory, size_t size);
-void zeph_fcgi_free(void* memory);
+void* request_malloc(size_t size);
+void* request_realloc(void* memory, size_t size);
+void request_free(void* memory);
 }
 
 namespace {
@@ -82,31 +82,31 @@ TEST(RequestRoom, HasTheBlocksOfLibfcgi) {
   FastCGIThreadManager manager;
   const auto connection = std::make_unique<FastCGIConnection>(&manager);
   const std::string text(240, 'x');
-  char* block = static_cast<char*>(zeph_fcgi_malloc(text.size()));
+  char* block = static_cast<char*>(request_malloc(text.size()));
   ASSERT_TRUE(connection->room().Has(block));
   memcpy(block, text.data(), text.size());
   // Larger ones, inside the room and outside.
-  block = static_cast<char*>(zeph_fcgi_realloc(block, 480));
+  block = static_cast<char*>(request_realloc(block, 480));
   EXPECT_TRUE(connection->room().Has(block));
   EXPECT_EQ(std::string(block, text.size()), text);
   for (size_t size : {100000, 200000}) {
-    block = static_cast<char*>(zeph_fcgi_realloc(block, size));
+    block = static_cast<char*>(request_realloc(block, size));
     EXPECT_FALSE(connection->room().Has(block));
     EXPECT_EQ(std::string(block, text.size()), text);
     block[size - 1] = 'y';
   }
-  zeph_fcgi_free(block);
-  zeph_fcgi_free(nullptr);
+  request_free(block);
+  request_free(nullptr);
   // The block that was moved is back.
   EXPECT_NE(connection->room().Take(RequestRoom::kSize - 16), nullptr);
 }
 
 TEST(RequestRoom, AThreadWithoutAConnectionHasNone) {
-  void* block = zeph_fcgi_malloc(100);
+  void* block = request_malloc(100);
   ASSERT_NE(block, nullptr);
-  block = zeph_fcgi_realloc(block, 200);
+  block = request_realloc(block, 200);
   ASSERT_NE(block, nullptr);
-  zeph_fcgi_free(block);
+  request_free(block);
 }
 
 }  // namespace
