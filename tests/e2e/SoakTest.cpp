@@ -158,7 +158,7 @@ std::vector<Kind> SlowKinds() {
        "Application timed out"},
       {"late/do.zpc", "pushc \"page.zpc\"\nop_do_file\n", {}, "begun Application timed out"},
       // The page comes at once, and its task ends later.
-      {"late/task.zpc",
+      {"task/late.zpc",
        "pushs zeph_config\npushc \"timeout_async\"\nmemb\npop\nasync behind\n"
        "pushs thread_id\nlockfile\n" +
            for_ever + "exit\nbehind: noop\n" + Writes("page"),
@@ -208,7 +208,9 @@ TEST(SlowSoak, EveryResponseIsRightAndMemoryStaysAsItIs) {
   const std::vector<Kind> kinds = Kinds();
   const std::vector<Kind> slow_kinds = SlowKinds();
   EngineProcess engine;
-  engine.settings = "[[script]]\nmatch = \"late/*\"\ntimeout_global = 1\ntimeout_async = 1\n";
+  engine.settings =
+      "[[script]]\nmatch = \"late/*\"\ntimeout_global = 1\n"
+      "[[script]]\nmatch = \"task/*\"\ntimeout_async = 1\n";
   engine.arguments = {"-t", std::to_string(connections)};
   for (const Kind& kind : kinds) {
     if (!kind.source.empty()) engine.Script(kind.name, kind.source);

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/core/ThreadMemory.h"
 #include "base/systems/unix/UNIXPathWalk.h"
 #include "tests/base/systems/unix/FileFixture.h"
 #include "tests/support/FailingAllocator.h"
@@ -447,6 +448,7 @@ TEST_F(ReentrantScript, EachOfItsSystemCallsMayFail) {
 }
 
 TEST_F(ReentrantScript, EachOfItsBlocksMayBeRefused) {
+  if (!ThreadMemory::NewIsHere()) GTEST_SKIP() << "the operators are the sanitizer's";
   const long blocks = ExpectNothingIsLost([this] {
     UNIXReentrantFileManager manager(&application);
     String directory(root.c_str());
