@@ -40,9 +40,9 @@ size_t MatchOne(std::string_view pattern, size_t at, unsigned char byte) {
     case '?': return at + 1;
     case '[': {
       bool matches = false;
-      size_t behind = MatchSet(pattern, at, byte, &matches);
-      if (behind == 0) return byte == '[' ? at + 1 : 0;
-      return matches ? behind : 0;
+      size_t after = MatchSet(pattern, at, byte, &matches);
+      if (after == 0) return byte == '[' ? at + 1 : 0;
+      return matches ? after : 0;
     }
     case '\\':
       if (at + 1 < pattern.size()) at++;
@@ -68,9 +68,9 @@ bool MatchesGlob(std::string_view pattern, std::string_view text) {
       star_end = t;
       continue;
     }
-    size_t behind = p < pattern.size() ? MatchOne(pattern, p, Byte(text, t)) : 0;
-    if (behind != 0) {
-      p = behind;
+    size_t after = p < pattern.size() ? MatchOne(pattern, p, Byte(text, t)) : 0;
+    if (after != 0) {
+      p = after;
       t++;
     } else if (star != none) {
       p = star + 1;

@@ -431,7 +431,7 @@ void Reader::ReadLibrary(const toml::table& table, unsigned line) {
         library_names.emplace(std::make_pair(library.kind, LowerCase(library.name)), line);
     if (!fresh) {
       Complain(line, "library.name",
-               "a library of this kind and name stands in line " + std::to_string(other->second));
+               "a library of this kind and name is in line " + std::to_string(other->second));
     }
   }
   snapshot.libraries.push_back(library);

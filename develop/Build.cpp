@@ -304,7 +304,7 @@ class Build {
     // Empty folders that a build has left.
     if (fs::is_directory(fs::symlink_status(path, ignored))) RemoveEmptyFolders(path);
     fs::create_directories(path.parent_path(), ignored);
-    // In one step, and through a name that no web server sends should it be left behind.
+    // In one step, and through a name that no web server sends should it be left there.
     const std::string unfinished =
         (target / (std::string(kList) + "." + std::to_string(getpid()))).string();
     unlink(unfinished.c_str());
@@ -506,7 +506,7 @@ int RunPage(const ZephArguments& arguments, const Places& places) {
   std::cerr << AllOf(problems, "");
   const SiteOptions options = {arguments.defines, settings.functions};
   const std::string name = page.lexically_relative(root).string();
-  // Pages run other pages of their site. A page that stands alone is compiled alone.
+  // Pages run other pages of their site. A page that is no part of one is compiled alone.
   std::set<std::string> pages = {name};
   if (Exists(root / settings_name)) {
     const auto unread = VisitFiles(root, [&](const std::string& other) {

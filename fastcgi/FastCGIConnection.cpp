@@ -128,7 +128,7 @@ int FastCGIConnection::AcceptRequest(FCGX_Request* request) {
     result = FCGX_Accept_r(request);
   } catch (const std::bad_alloc&) {
     FCGX_Free(request, 1);
-    // With what the interrupted function has left behind.
+    // With what the interrupted function has left.
     request_room.Clear();
     result = -ENOMEM;
   }

@@ -290,14 +290,14 @@ int DecodeEntity(const char* text, int length, int i, char** out) {
   }
   const bool candidate = stop == length || text[stop] == ';';
   const int byte = candidate ? EntityByte(text + i + 1, stop - i - 1) : -1;
-  const int behind = stop < length ? stop + 1 : length;
+  const int after = stop < length ? stop + 1 : length;
   if (byte >= 0) {
     *(*out)++ = static_cast<char>(byte);
   } else {
-    memcpy(*out, text + i, static_cast<size_t>(behind - i));
-    *out += behind - i;
+    memcpy(*out, text + i, static_cast<size_t>(after - i));
+    *out += after - i;
   }
-  return behind;
+  return after;
 }
 
 // Bytes of a script literal: kind 1 is unchanged, 2 becomes a backslash and the letter, 0 depends

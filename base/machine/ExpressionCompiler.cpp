@@ -607,11 +607,11 @@ bool ExpressionCompiler::Fail(const char* message) {
 }
 
 bool ExpressionCompiler::Fail(const char* before, const char* middle, int length,
-                              const char* behind) {
+                              const char* after) {
   error_text.assign(before);
   // Byte by byte, because the byte from the expression may be a NUL.
   for (int i = 0; i < length; i++) error_text.cat(middle[i]);
-  error_text.cat(behind);
+  error_text.cat(after);
   return false;
 }
 

@@ -120,7 +120,7 @@ class ExpressionCompiler {
   int Add(const char* entry, int length);
   bool Fail(const char* message);
   bool Scanned(int bytes);
-  bool Fail(const char* before, const char* middle, int length, const char* behind);
+  bool Fail(const char* before, const char* middle, int length, const char* after);
   void Emit(unsigned short word);
   void Emit(unsigned short word, int operand);
   void EmitLine();

@@ -255,7 +255,7 @@ TEST(Snapshot, EveryComplaintNamesFileLineAndKey) {
       {"library twice",
        "[[library]]\nkind = 'system'\nname = 'a'\npath = '/a.so'\n"
        "[[library]]\nkind = 'system'\nname = 'A'\npath = '/b.so'\n",
-       "zeph.toml:5: library.name: a library of this kind and name stands in line 1"},
+       "zeph.toml:5: library.name: a library of this kind and name is in line 1"},
       {"unknown library key", "[[library]]\nkind = 'builtin'\npath = '/a.so'\npaths = 1\n",
        "zeph.toml:4: library.paths: unknown key, the nearest known one is \"path\""},
       {"script is no array", "script = 'a'\n",

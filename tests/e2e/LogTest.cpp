@@ -143,7 +143,7 @@ TEST_F(TraceLog, OnlyTheClientWithTheCookieIsLogged) {
   EXPECT_EQ(lines_of("zephlogcookie=secrets"), 0u);
   EXPECT_EQ(lines_of("zephlogcookie=secret; zixcallerid=1"), 1u);
   Zprun("page.zpc");
-  EXPECT_THAT(Records(), IsEmpty()) << "nobody has shown the cookie";
+  EXPECT_THAT(Records(), IsEmpty()) << "the cookie was not shown";
 }
 
 TEST_F(TraceLog, AScriptCanKeepItselfOutOfTheLog) {

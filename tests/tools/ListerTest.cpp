@@ -198,7 +198,7 @@ TEST(Lister, GivesWhatNoReaderTakesAsBytes) {
 }
 
 TEST(Lister, GivesAFileWithBytesBetweenItsSectionsAsAnImage) {
-  std::string image = Assembled("noop\n") + "behind the directory";
+  std::string image = Assembled("noop\n") + "after the directory";
   EXPECT_THAT(Listed(image), HasSubstr(".image\n"));
 }
 

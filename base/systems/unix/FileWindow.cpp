@@ -58,9 +58,9 @@ bool FileWindow::Read(int descriptor, long position, char* bytes, size_t length)
 }
 
 bool FileWindow::Copy(long position, char* bytes, size_t length) {
-  const long behind = position + static_cast<long>(length);
-  if (behind > end || !GuardedCopy(bytes, start + position, length)) return false;
-  return bytes[length - 1] != 0 || ShowsByteFrom(behind);
+  const long after = position + static_cast<long>(length);
+  if (after > end || !GuardedCopy(bytes, start + position, length)) return false;
+  return bytes[length - 1] != 0 || ShowsByteFrom(after);
 }
 
 // Checks after the copy: if the file was truncated before it, the mapping shows zeros by now.

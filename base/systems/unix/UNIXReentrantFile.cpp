@@ -154,13 +154,13 @@ class Walker {
     if (!other_owner && from.st_uid != target.st_uid) return PathWalk_OtherOwner;
 
     size_t length = strlen(buffer);
-    size_t behind = strlen(rest);
-    while (behind > 0 && rest[behind - 1] == '/') behind--;
-    if (behind > 0) {
-      if (length + 1 + behind >= sizeof(buffer)) return PathWalk_NotFound;
+    size_t length_of_rest = strlen(rest);
+    while (length_of_rest > 0 && rest[length_of_rest - 1] == '/') length_of_rest--;
+    if (length_of_rest > 0) {
+      if (length + 1 + length_of_rest >= sizeof(buffer)) return PathWalk_NotFound;
       buffer[length++] = '/';
-      memcpy(buffer + length, rest, behind);
-      length += behind;
+      memcpy(buffer + length, rest, length_of_rest);
+      length += length_of_rest;
     }
     memcpy(text, buffer, length);
     text[length] = 0;

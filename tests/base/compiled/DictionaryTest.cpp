@@ -225,7 +225,7 @@ TEST_F(DictionaryFile, EntriesAreBentUntilTheyLieInTheData) {
       {"up to the end", 2, 2, "cd"},
       {"offset at the end", 4, 3, "d"},
       {"offset at the end, no length", 4, 0, ""},
-      {"offset far behind", 1000, 1000, "d"},
+      {"offset far after the end", 1000, 1000, "d"},
       {"highest offset", INT_MAX, INT_MAX, "d"},
       {"negative offset", -1, 2, "ab"},
       {"lowest offset", INT_MIN, 2, "ab"},

@@ -297,7 +297,7 @@ TEST_F(FunctionFile, WritingLeavesTheSectionToItsCaller) {
   ASSERT_TRUE(file.Create("w", nullptr, 0));
   ASSERT_TRUE(functions.Write(&file));
   ASSERT_TRUE(file.Section_Flush());
-  EXPECT_EQ(file.Sections(), 0) << "nobody has ended it";
+  EXPECT_EQ(file.Sections(), 0) << "it has no end";
 }
 
 TEST_F(FunctionFile, ReadingForgetsTheSection) {
@@ -381,7 +381,7 @@ TEST_F(FunctionFile, ASectionMayStateMoreThanTheFileHas) {
   Patch(&content, start + 12 + 4, LE32(static_cast<long>(start) + 24) + LE32(100000));
   ASSERT_TRUE(file.Open("s", FileMode_Read));
   ASSERT_TRUE(dictionary.Read(&file));
-  EXPECT_TRUE(functions.Read(&file)) << "what is behind the functions doesn't matter";
+  EXPECT_TRUE(functions.Read(&file)) << "what is after the functions doesn't matter";
   EXPECT_EQ(ParametersOf(functions.Function_Get("area", -1)), "[width 0][height& 1]");
 }
 

@@ -55,7 +55,7 @@ TEST_F(LocalizedPieces, ReadsWhatTheFormatSays) {
   EXPECT_EQ(pieces.Entry(1)->text, -1);
   EXPECT_EQ(pieces.Entry(2)->literal, -5);
   EXPECT_EQ(pieces.Entry(2)->next, -1);
-  EXPECT_EQ(pieces.Entry_Add(0, 0, 0), 3) << "further pieces come behind";
+  EXPECT_EQ(pieces.Entry_Add(0, 0, 0), 3) << "further pieces come after";
 }
 
 TEST_F(LocalizedPieces, WritesWhatItRead) {

@@ -143,7 +143,7 @@ TEST_F(Localized, AnIndexIsReadWhenItIsNeededAndTheFileGivenBack) {
   application.SetLanguage("de");
   First(Welcome);
   EXPECT_NE(languages.Index(0)->index, nullptr);
-  EXPECT_EQ(languages.Index(1)->index, nullptr) << "nobody asked for English";
+  EXPECT_EQ(languages.Index(1)->index, nullptr) << "English was not asked for";
   EXPECT_EQ(manager.deactivations, 1);
   int reads = manager.reads;
   EXPECT_GT(reads, 0);

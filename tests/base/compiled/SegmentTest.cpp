@@ -391,7 +391,7 @@ TEST_F(SegmentFile, CountsAndStartsThatAreNoneFail) {
     long start;
   } cases[] = {
       {"no segment", 0, 0},          {"negative count", -1, 0},
-      {"lowest count", INT_MIN, 0},  {"start behind", 2, 2},
+      {"lowest count", INT_MIN, 0},  {"start after", 2, 2},
       {"negative start", 2, -1},     {"lowest start", 2, INT_MIN},
       {"highest start", 2, INT_MAX}, {"too many", 3, 0},
       {"highest count", INT_MAX, 0}, {"small in 32 bits", 0x20000001, 0},
@@ -444,7 +444,7 @@ TEST_F(SegmentFile, SegmentsMayShareTheirCode) {
   EXPECT_EQ(CodeOf(segments.Lookup(1)), code.substr(2, 50));
   EXPECT_EQ(CodeOf(segments.Lookup(3)), code);
   EXPECT_EQ(segments.Lookup(3)->number(), 3);
-  EXPECT_EQ(segments.Lookup(2)->code()[60], 0) << "zeros behind the code";
+  EXPECT_EQ(segments.Lookup(2)->code()[60], 0) << "zeros after the code";
   EXPECT_EQ(segments.Segment_Add()->number(), 4);
   EXPECT_EQ(segments.Lookup(5), nullptr);
 }

@@ -220,11 +220,11 @@ TEST(LinkBuffer, EmptyWithItselfStaysEmpty) {
 TEST(LinkBuffer, DestroyFormsMoveTheBlocks) {
   LinkBuffer buffer(3, 8);
   buffer.cat("m", 1);
-  auto behind = new LinkBuffer(3, 8);
-  CatNocopy(*behind, "x");
-  CatNocopy(*behind, "y");
-  const char* moved = behind->head->data;
-  buffer.cat_destroy(behind);
+  auto after = new LinkBuffer(3, 8);
+  CatNocopy(*after, "x");
+  CatNocopy(*after, "y");
+  const char* moved = after->head->data;
+  buffer.cat_destroy(after);
   EXPECT_EQ(Blocks(buffer), "[m][x][y]");
   EXPECT_EQ(buffer.head->next->data, moved);
   auto before = new LinkBuffer(3, 8);

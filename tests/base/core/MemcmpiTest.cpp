@@ -21,12 +21,12 @@ TEST(Memcmpi, FirstDifferenceInLowerCaseDecides) {
       {"nothing", "", "", 0},
       {"bytes are unsigned", "\x80", "z", 1},
       {"no case above 127", "\xc4", "\xe4", -1},
-      {"letters count as lower case against what lies between", "_", "A", -1},
+      {"letters count as lower case against what is between", "_", "A", -1},
       {"in the first word", "abcXefgh", "abcdefgh", 1},
       {"at the end of the first word", "abcdefgA", "ABCDEFGb", -1},
       {"the first of two differences", "aBcdXfgY", "AbCdYfgX", -1},
       {"in the second word", "ABCDEFGHijkl", "abcdefghIJKM", -1},
-      {"behind the last word", "abcdefghi", "ABCDEFGHh", 1},
+      {"after the last word", "abcdefghi", "ABCDEFGHh", 1},
       {"a NUL is a byte", std::string("a\0b", 3), std::string("A\0c", 3), -1},
   };
   for (const auto& c : cases) {

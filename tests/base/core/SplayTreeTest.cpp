@@ -367,7 +367,7 @@ TEST(SplayTree, AgreesWithAModelUnderRandomOperations) {
     for (int step = 0; step < 3000; ++step) {
       int key = static_cast<int>(random() % 200);
       auto at = model.find(key);
-      auto behind = model.upper_bound(key);
+      auto after = model.upper_bound(key);
       auto from = model.lower_bound(key);
       Item* expected = at == model.end() ? nullptr : at->second;
       switch (random() % 5) {
@@ -396,7 +396,7 @@ TEST(SplayTree, AgreesWithAModelUnderRandomOperations) {
           break;
         }
         case 2: ASSERT_EQ(tree.Find(key), expected); break;
-        case 3: ASSERT_EQ(tree.Next(key), behind == model.end() ? nullptr : behind->second); break;
+        case 3: ASSERT_EQ(tree.Next(key), after == model.end() ? nullptr : after->second); break;
         default:
           ASSERT_EQ(tree.Previous(key), from == model.begin() ? nullptr : std::prev(from)->second);
       }

@@ -74,7 +74,7 @@ const Case kCases[] = {
     {"absent", "lx", "hello", -1, -1},
     {"longer than the text", "hello!", "hello", -1, -1},
     {"in an empty text", "a", "", -1, -1},
-    {"behind a partial match", "aab", "aaab", 1, 1},
+    {"after a partial match", "aab", "aaab", 1, 1},
     {"overlapping", "aa", "aaaa", 0, 2},
     {"NULs are bytes", std::string("\0b", 2), std::string("a\0\0b", 4), 2, 2},
     {"bytes of 128 and above", "\xc3\xa4", "x\xc3\xa4y", 1, 1},

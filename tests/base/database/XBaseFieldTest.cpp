@@ -56,13 +56,13 @@ TEST(XBaseField, ReadTakesTheValueByTheRulesOfItsType) {
     const char* bytes;
     const char* value;
   } cases[] = {
-      {"text loses blanks behind", XBaseField_Character, "Ann     ", "Ann"},
+      {"text loses blanks after", XBaseField_Character, "Ann     ", "Ann"},
       {"and keeps those in front", XBaseField_Character, "  Ann   ", "  Ann"},
       {"text without blanks", XBaseField_Character, "Magdalen", "Magdalen"},
       {"text of blanks is empty", XBaseField_Character, "        ", ""},
       {"a tab is no blank", XBaseField_Character, "Ann\t    ", "Ann\t"},
       {"a number loses blanks in front", XBaseField_Numeric, "   12.50", "12.50"},
-      {"and keeps those behind", XBaseField_Numeric, "12.50   ", "12.50   "},
+      {"and keeps those after", XBaseField_Numeric, "12.50   ", "12.50   "},
       {"both", XBaseField_Numeric, " 12.50  ", "12.50  "},
       {"a number of blanks is empty", XBaseField_Numeric, "        ", ""},
       {"a date stays", XBaseField_Date, "20240131", "20240131"},

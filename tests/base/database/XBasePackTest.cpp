@@ -89,7 +89,7 @@ TEST_F(XBasePackTest, LaysMemosAfresh) {
     ASSERT_TRUE(view().UnDelete());
   }
   const std::string rows = Rows();
-  // Each update of a memo leaves its old blocks behind.
+  // Each update of a memo leaves its old blocks in the file.
   for (int i = 0; i < 10; i++) {
     ASSERT_TRUE(Go(4));
     Set("note", std::string(1200, 'm'));

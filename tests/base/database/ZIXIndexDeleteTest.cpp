@@ -213,7 +213,7 @@ TEST_F(ZIXIndexDeleteTest, TheCursorsEntryGoesWithoutACount) {
   EXPECT_TRUE(index.Delete_Current(2));
   EXPECT_EQ((std::vector<ZIXIndexEntry>{{"a", 1}, {"c", 3}, {"d", 4}}), Entries());
   EXPECT_EQ(4u, ZIXIndexChecker(bytes()).updatecount());
-  EXPECT_EQ(0u, Next(index)) << "the cursor stands nowhere";
+  EXPECT_EQ(0u, Next(index)) << "the cursor is nowhere";
 }
 
 TEST_F(ZIXIndexDeleteTest, AnotherRecordAtTheCursorIsLeftAlone) {

@@ -768,7 +768,7 @@ TEST_F(ZIXIndexFileTest, APageThatCannotBeReadFailsTheOperation) {
       files.fail_read = page;
       EXPECT_EQ(99999u, row.step(index));
       EXPECT_EQ("Error reading from 'i.zix': Injected failure", ErrorText(index));
-      EXPECT_EQ(0u, Next(index)) << "the cursor stands nowhere";
+      EXPECT_EQ(0u, Next(index)) << "the cursor is nowhere";
     }
   }
   ASSERT_EQ((ZIXIndexFound{true, 1, 5}), Find(index, "e"));

@@ -91,7 +91,7 @@ class Opener {
     if (Value(0) != name) return "the record of " + name + " has " + Value(0);
     Set(name + "b", "1");
     if (!Delete(index, name, place.record)) return "delete: " + Reasons();
-    if (!Insert(index, name + "b", place.record)) return "insert anew: " + Reasons();
+    if (!Insert(index, name + "b", place.record)) return "insert again: " + Reasons();
     if (!index._Seek(KeyBytes(name + "b"), -1, place.record, 1)) return "seek: " + Reasons();
     return table.Update() ? "" : "update: " + Reasons();
   }

@@ -1018,10 +1018,10 @@ TEST(Encoders, EqualPlainModelsWhereTheirPartsMeet) {
   std::mt19937 random(seed);
   TestApplication utf8;
   utf8.SetCharacterSet("utf-8");
-  for (size_t behind = 0; behind < 30; behind++) {
-    SCOPED_TRACE(behind);
+  for (size_t after = 0; after < 30; after++) {
+    SCOPED_TRACE(after);
     // This byte is unchanged in all of them.
-    const string filler(static_cast<size_t>(RunLimit::Bytes) - behind, 'x');
+    const string filler(static_cast<size_t>(RunLimit::Bytes) - after, 'x');
     const string end = RandomText(&random, 60);
     const string text = filler + end;
     const auto expect = [&filler](const Text& result, const string& plain) {

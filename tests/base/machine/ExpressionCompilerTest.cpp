@@ -717,28 +717,28 @@ TEST(ExpressionCompiler, WhatWasEmittedBeforeAFailureStays) {
 
 // --- Nesting -------------------------------------------------------------------------------------
 
-std::string Nested(const char* before, const char* inner, const char* behind, int levels) {
+std::string Nested(const char* before, const char* inner, const char* after, int levels) {
   std::string text;
   for (int i = 0; i < levels; i++) text += before;
   text += inner;
-  for (int i = 0; i < levels; i++) text += behind;
+  for (int i = 0; i < levels; i++) text += after;
   return text;
 }
 
 TEST(ExpressionCompiler, NestingHasALimit) {
   const struct {
     const char* before;
-    const char* behind;
+    const char* after;
   } cases[] = {{"(", ")"}, {"a[", "]"}, {"f(", ")"}, {"NOT ", ""}, {"BITOC ", ""}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.before);
     ExpressionMachine machine;
     machine.functions.Function_Add(1, 0, "f", -1, "x", -1, 0);
     const int most = ExpressionCompiler::MostNested;
-    EXPECT_TRUE(machine.Compile(Nested(c.before, "1", c.behind, most - 1))) << machine.failure;
-    EXPECT_EQ(machine.Message(Nested(c.before, "1", c.behind, most + 1)),
+    EXPECT_TRUE(machine.Compile(Nested(c.before, "1", c.after, most - 1))) << machine.failure;
+    EXPECT_EQ(machine.Message(Nested(c.before, "1", c.after, most + 1)),
               "Mismatched Parentheses in Expression");
-    EXPECT_EQ(machine.Message(Nested(c.before, "1", c.behind, 20000)),
+    EXPECT_EQ(machine.Message(Nested(c.before, "1", c.after, 20000)),
               "Mismatched Parentheses in Expression");
   }
 }

@@ -345,8 +345,8 @@ TEST(FunctionCall, FlagsOfAFunctionDecideWhetherErrorsAreShown) {
       {"forced on", 3, "erroron", 7},
       {"forced on where it is", 7, "erroron", 7},
       {"forced off", 7, "erroroff", 3},
-      {"off is applied behind on", 7, "erroron erroroff", 3},
-      {"off behind on, from off", 3, "erroron erroroff", 3},
+      {"off is applied after on", 7, "erroron erroroff", 3},
+      {"off after on, from off", 3, "erroron erroroff", 3},
       {"other bits stay", 8, "erroron", 12},
       {"other bits stay, off", 12, "erroroff", 8},
   };

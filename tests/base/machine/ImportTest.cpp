@@ -140,7 +140,7 @@ const ImportCase kCases[] = {
     {"nothing but a backslash", "\\", ",", "end"},
     {"no trim and no quotes", " x , \"y,z\" \n", ",", "1: x | \"y|z\" ;end"},
     {"a long delimiter", "x<->y<-z<->w\n", "<->", "1:x|y<-z|w;end"},
-    {"a delimiter that begins anew within itself", "aaab\n", "aab", "1:a||;end"},
+    {"a delimiter that begins again within itself", "aaab\n", "aab", "1:a||;end"},
     {"less than a delimiter left", "x<-\n", "<->", "1:x<-||;end"},
     {"no delimiter", "x,y\n", "", "1:x,y||;end"},
     {"a delimiter of a backslash", "x\\\\y\n", "\\", "1:x|y|;end"},

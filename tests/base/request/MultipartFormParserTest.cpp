@@ -110,7 +110,7 @@ TEST(MultipartFormParser, Attributes) {
        Part(Disposition("; name=\"a\"; Name=\"b\"; NAME=\"c\""), "1") + EndOfBody(), "a=1;"},
       {"a semicolon in quotes ends the value",
        Part(Disposition("; name=\"a;b\"; x=y"), "1") + EndOfBody(), "=1;"},
-      {"a semicolon behind the last", Part(Disposition("; name=\"a\";"), "1"), ""},
+      {"a semicolon after the last", Part(Disposition("; name=\"a\";"), "1"), ""},
       {"an equals sign in the value", Part(Disposition("; name=\"a=b\""), "1") + EndOfBody(),
        "a=b=1;"},
       {"backslashes stay", Part(Disposition("; name=\"a\\\"b\""), "1") + EndOfBody(), "a\\\"b=1;"},
@@ -132,7 +132,7 @@ TEST(MultipartFormParser, AnyOtherHeaderFailsTheBody) {
   ExpectAll({
       {"another", Part(Disposition("; name=\"a\"") + "\r\nContent-Transfer-Encoding: binary", "1"),
        premature},
-      {"behind a field", Field("a", "1") + Part("Content-Length: 1", "2"), "a=1;" + premature},
+      {"after a field", Field("a", "1") + Part("Content-Length: 1", "2"), "a=1;" + premature},
       {"another case", Part("content-disposition: form-data; name=\"a\"", "1"), premature},
       {"another case of the other", Part("Content-type: text/plain", "1"), premature},
       {"a blank in front of the colon", Part("Content-Type : text/plain", "1"), premature},
@@ -179,7 +179,7 @@ TEST(MultipartFormParser, TheFirstBoundaryHasToStandAtTheStart) {
       {"something in front", "preamble\r\n" + Field("a", "1") + EndOfBody(), lost},
       {"an end of line in front", "\r\n" + Field("a", "1") + EndOfBody(), lost},
       {"another boundary", "--C\r\n" + Field("a", "1") + EndOfBody(), lost},
-      {"more behind it", "--Bx\r\n" + Field("a", "1") + EndOfBody(), lost},
+      {"more after it", "--Bx\r\n" + Field("a", "1") + EndOfBody(), lost},
       // A form without fields, as some clients send it.
       {"the end alone", "--B--\r\n", lost},
       {"no end of line ever", "preamble", ""},
@@ -189,13 +189,13 @@ TEST(MultipartFormParser, TheFirstBoundaryHasToStandAtTheStart) {
 
 TEST(MultipartFormParser, WhatStandsBehindABoundaryIsTold) {
   ExpectAll({
-      {"no LF behind the first", "--B\rx", "{Found x when expected LF}"},
+      {"no LF after the first", "--B\rx", "{Found x when expected LF}"},
       {"a byte", Field("a", "1") + "--Bx", "a=1;{Found x when expected CR or '-'}"},
       {"a blank", Field("a", "1") + "--B \r\n", "a=1;{Found   when expected CR or '-'}"},
       {"one dash", Field("a", "1") + "--B-x", "a=1;{Found x when expected '-'}"},
       {"no LF", Field("a", "1") + "--B\rx", "a=1;{Found x when expected LF}"},
-      {"no LF behind a header", "--B\r\nContent-Type: x\ry", "{Found y when expected LF}"},
-      {"no LF behind an attribute", "--B\r\n" + Disposition("; name=\"a\"\ry"),
+      {"no LF after a header", "--B\r\nContent-Type: x\ry", "{Found y when expected LF}"},
+      {"no LF after an attribute", "--B\r\n" + Disposition("; name=\"a\"\ry"),
        "{Found y when expected LF}"},
       {"no LF on the blank line", "--B\r\n\rx", "{Found x when expected LF}"},
       {"a NUL", Field("a", "1") + "--B" + std::string(1, '\0'),

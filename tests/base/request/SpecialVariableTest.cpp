@@ -278,7 +278,7 @@ TEST_F(SpecialVariables, AReplacedOneStaysReplaced) {
   EXPECT_EQ(table.Entries(), 38);
   Variable* second = new Variable("zeph_charset", -1, "second", -1);
   table.Insert(second);
-  EXPECT_EQ(Text(Get("zeph_charset")), "utf-8") << "a second entry is reached by nobody";
+  EXPECT_EQ(Text(Get("zeph_charset")), "utf-8") << "a second entry is never reached";
 }
 
 // --- The clock -----------------------------------------------------------------------------------
@@ -305,7 +305,7 @@ TEST_F(SpecialVariables, TheClockIsReadFieldByField) {
     SCOPED_TRACE(c.name);
     Variable& v = Get(c.name);
     EXPECT_EQ(v.type(), VariableComputedInteger);
-    long before, value, behind;
+    long before, value, after;
     std::string text;
     double number, compared;
     int not_numeric = 7;
@@ -318,8 +318,8 @@ TEST_F(SpecialVariables, TheClockIsReadFieldByField) {
       number = v.value_double();
       compared = v.value_compare(&not_numeric);
       zp_gettimevalues(&now);
-      behind = c.field(now);
-    } while (before != behind);
+      after = c.field(now);
+    } while (before != after);
     EXPECT_EQ(value, before);
     EXPECT_EQ(text, std::to_string(before));
     EXPECT_EQ(number, static_cast<double>(before));

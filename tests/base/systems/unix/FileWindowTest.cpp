@@ -79,7 +79,7 @@ TEST_F(FileWindowTest, AFileThatWasCutHasNothingBehindItsEnd) {
   Cut(4096 + 100);
   EXPECT_TRUE(Read(4096, 100));
   EXPECT_FALSE(Read(4096 + 50, 51)) << "within its last page";
-  EXPECT_FALSE(Read(2 * 4096, 10)) << "behind its last page";
+  EXPECT_FALSE(Read(2 * 4096, 10)) << "after its last page";
   Cut(0);
   EXPECT_FALSE(Read(0, 1));
   Write(0, "back");
