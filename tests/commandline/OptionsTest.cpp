@@ -35,7 +35,7 @@ TEST(Options, AScriptAloneHasNoArguments) {
   EXPECT_FALSE(line.options.help);
 }
 
-TEST(Options, WhatStandsBehindTheScriptIsTheScripts) {
+TEST(Options, WhatIsAfterTheScriptIsTheScripts) {
   Line line({"page.zpc", "one", "--help", "--config", "", "--"});
   ASSERT_TRUE(line.Parse());
   ASSERT_EQ(line.options.argument_count, 5);
@@ -48,7 +48,7 @@ TEST(Options, WhatStandsBehindTheScriptIsTheScripts) {
   EXPECT_FALSE(line.options.help);
 }
 
-TEST(Options, TheConfigurationStandsBehindItsOptionOrInIt) {
+TEST(Options, TheConfigurationIsAfterItsOptionOrInIt) {
   for (const std::vector<std::string>& words :
        {std::vector<std::string>{"--config", "a.toml", "page.zpc", "x"},
         std::vector<std::string>{"--config=a.toml", "page.zpc", "x"},

@@ -46,7 +46,7 @@ void ExpectLimits(const Snapshot& snapshot) {
   EXPECT_EQ(snapshot.Find(Config_timeout_request)->integer, 60);
 }
 
-TEST(ExampleFile, IsInOrderAsItStands) {
+TEST(ExampleFile, IsInOrderAsItIs) {
   Snapshot snapshot = Snapshot::Parse("zeph.toml", TextOf(kExample));
   EXPECT_EQ(snapshot.error, "");
   EXPECT_EQ(snapshot.settings.size(), 5u);

@@ -77,7 +77,7 @@ TEST(CommandLine, ATitleWithoutAValueChangesNothing) {
             EngineProcess::Program() + std::string("\0-t\0001\0-p\0", 9));
 }
 
-TEST(CommandLine, ScriptsSeeTheArgumentsBehindATitle) {
+TEST(CommandLine, ScriptsSeeTheArgumentsAfterATitle) {
   // Without PATH_INFO the first argument is the script, whatever its text is.
   EngineProcess engine;
   engine.arguments = {"-p", "title"};

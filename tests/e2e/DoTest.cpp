@@ -43,7 +43,7 @@ TEST_F(DoFiles, AFileOutsideOfTheScriptsIsRefused) {
   EXPECT_THAT(body, Not(HasSubstr("never")));
 }
 
-TEST_F(DoFiles, AFileIsReadAnewByTheNextRequest) {
+TEST_F(DoFiles, AFileIsReadAgainByTheNextRequest) {
   engine.Script("page.zpc", Runs("part.zpc"));
   engine.Script("part.zpc", Writes("first"));
   ASSERT_TRUE(engine.Start());

@@ -504,7 +504,7 @@ TEST_F(SlowPost, AFileMayTakeAsLongAsItTakes) {
             "ask(f|n|)file(f|n|COMPLETE|ZEPH_FUP.0||40000)done");
 }
 
-TEST_F(SlowPost, TheScriptsTimeBeginsBehindTheBody) {
+TEST_F(SlowPost, TheScriptsTimeBeginsAfterTheBody) {
   engine.settings = "timeout_global = 3\ntimeout_post = 60\n";
   Start();
   EXPECT_EQ(SendSlowly(plain_form, "a=1&b=", "2", 9).Body(), "1|2|");

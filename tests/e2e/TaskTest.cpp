@@ -340,7 +340,7 @@ TEST_F(SlowTask, AProcessThatEndsCancelsItsTasks) {
   EXPECT_FALSE(std::filesystem::exists(engine.Path("data/a.lck")));
 }
 
-TEST_F(SlowTask, ASleepEndsAtTheBeatBehindAChangeOfItsFile) {
+TEST_F(SlowTask, ASleepEndsAtTheBeatAfterAChangeOfItsFile) {
   engine.settings += RegistersTaskFunctions();
   engine.Script("task.zpc",
                 extension +

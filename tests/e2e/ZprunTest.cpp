@@ -79,7 +79,7 @@ TEST_F(Zprun, ErrorsThatEndNothingGiveTheStatusThree) {
   EXPECT_EQ(Run({"-e", "<ZEPH tag=\"ZpGO\" show=1 stop=1>" + page}), 1);
 }
 
-TEST_F(Zprun, AMessageIsBehindWhatTheScriptHasWrittenAndOutsideOfCaptures) {
+TEST_F(Zprun, AMessageIsAfterWhatTheScriptHasWrittenAndOutsideOfCaptures) {
   Command command(
       {"/bin/sh", "-c",
        "exec " + program + " -e 'a<ZpCAPTURE x>b<ZpGO to=1>c</ZpCAPTURE>d{{{ x }}}' 2>&1"});

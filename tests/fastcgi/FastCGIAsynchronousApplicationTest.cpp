@@ -135,7 +135,7 @@ TEST_F(TaskSleep, EndsAtItsTime) {
   EXPECT_FALSE(Task().cancelled());
 }
 
-TEST_F(TaskSleep, EndsAtTheBeatBehindAChangeOfItsFile) {
+TEST_F(TaskSleep, EndsAtTheBeatAfterAChangeOfItsFile) {
   Modify("flag", -100);
   Sleeps(InAnHour(), "flag");
   ASSERT_TRUE(Beat(3));

@@ -75,7 +75,7 @@ TEST(FastCGITaskThread, PassesBeatsAndCancelsToItsApplicationAlone) {
   EXPECT_EQ(*application.heartbeatcounter(), 1);
 }
 
-TEST(FastCGIBaseApplication, DeadlineLiesStrictlyBeforeTheBeatThatRaisesTheFlag) {
+TEST(FastCGIBaseApplication, DeadlineIsStrictlyBeforeTheBeatThatRaisesTheFlag) {
   BaseApplication application;
   application.config()->SetValue_Integer(Config_timeout_global, 100);
   application.ResetGlobalTimeout();

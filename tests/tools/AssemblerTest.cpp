@@ -157,13 +157,13 @@ TEST(Assembler, DeclaredVariablesKeepTheOrderOfTheirDeclaration) {
   EXPECT_EQ(script.Dword(2), 1);
 }
 
-TEST(Assembler, LabelsGiveDistancesFromBehindTheOperand) {
+TEST(Assembler, LabelsGiveDistancesFromAfterTheOperand) {
   Script script("again: noop\njmp again\njmp ahead\nnoop\nahead:\n");
   EXPECT_EQ(script.Dword(4), -8);
   EXPECT_EQ(script.Dword(10), 2);
 }
 
-TEST(Assembler, ADistanceWithASecondOperandCountsFromBehindBoth) {
+TEST(Assembler, ADistanceWithASecondOperandCountsFromAfterBoth) {
   Script script("op_httpn done, 5\nnoop\ndone: noop\n");
   EXPECT_EQ(script.Dword(2), 2);
   EXPECT_EQ(script.Dword(6), 5);

@@ -149,7 +149,7 @@ TEST(AssemblySource, QuotedTextReadsBackByteByByte) {
   }
 }
 
-TEST(AssemblySource, QuotesUTF8AsItStandsAndOtherHighBytesAsEscapes) {
+TEST(AssemblySource, QuotesUTF8AsItIsAndOtherHighBytesAsEscapes) {
   EXPECT_EQ(QuoteText("gr\xC3\xBCn"), "\"gr\xC3\xBCn\"");
   EXPECT_EQ(QuoteText("gr\xFCn"), "\"gr\\xFCn\"");
 }

@@ -124,7 +124,7 @@ TEST_F(DumpIndexTest, JsonIsOneObject) {
   EXPECT_TRUE(output.ends_with("{\"record\": 9, \"key\": \"i\"}\n  ]\n}\n"));
 }
 
-TEST_F(DumpIndexTest, AnUnreadablePageIsAFailureBehindWhatCouldBeRead) {
+TEST_F(DumpIndexTest, AnUnreadablePageIsAFailureAfterWhatCouldBeRead) {
   std::string content = directory.Content("i.zix");
   content[2 * 1024] = 99;
   directory.File("i.zix", content);
@@ -161,7 +161,7 @@ TEST_F(DumpIndexTest, AWholeIndexPassesItsCheck) {
   EXPECT_EQ("ok: 6 entries in 1 pages, depth 1, 2 pages unused\n", output);
 }
 
-TEST_F(DumpIndexTest, PagesBehindTheCountAreNoted) {
+TEST_F(DumpIndexTest, PagesAfterTheCountAreNoted) {
   directory.File("i.zix", directory.Content("i.zix") + std::string(1024, '\0'));
   EXPECT_EQ(dump_done, Check());
   EXPECT_EQ(

@@ -175,7 +175,7 @@ TEST_F(DumpTable, AFileThatIsNoTableIsTold) {
   }
 }
 
-TEST_F(DumpTable, RecordsBehindTheEndAreToldTenTimesAtMost) {
+TEST_F(DumpTable, RecordsAfterTheEndAreToldTenTimesAtMost) {
   std::string bytes = table_bytes;
   bytes.replace(4, 4, "\xff\xff\xff\x7f");
   directory.File("t.dbf", bytes);

@@ -148,7 +148,7 @@ TEST_F(CompiledFile, CutAnywhereItDoesNotOpen) {
   }
 }
 
-TEST_F(CompiledFile, CutAnywhereBehindADirectoryInFrontItIsCorrupt) {
+TEST_F(CompiledFile, CutAnywhereAfterADirectoryInFrontItIsCorrupt) {
   // The directory is in front, so that a cut file lacks sections.
   std::string content = Container(SmallScript());
   size_t directory = content.size() - 9 * 12;

@@ -150,7 +150,7 @@ TEST_F(FunctionTable, ManyFunctionsKeepTheirIndexes) {
   for (int i = 0; i < 300; i++) ASSERT_EQ(Get("F" + std::to_string(i))->index(), i);
 }
 
-TEST_F(FunctionTable, ASearchStopsAtANameThatSortsBehind) {
+TEST_F(FunctionTable, ASearchStopsAtANameThatSortsLater) {
   // One bucket, so that all names share a chain.
   FunctionManager one(&dictionary, 0);
   one.Function_Add("ab", -1, 0);
@@ -305,7 +305,7 @@ TEST_F(FunctionFile, ReadingForgetsTheSection) {
   EXPECT_FALSE(file.Section_Read_Start(MakeTag("none"), nullptr));
 }
 
-TEST_F(FunctionFile, FunctionsAreAddedBehindThoseOfTheFile) {
+TEST_F(FunctionFile, FunctionsAreAddedAfterThoseOfTheFile) {
   ASSERT_TRUE(Read(Section()));
   for (int i = 0; i < 100; i++) {
     std::string name = "more" + std::to_string(i);
@@ -385,7 +385,7 @@ TEST_F(FunctionFile, ASectionMayStateMoreThanTheFileHas) {
   EXPECT_EQ(ParametersOf(functions.Function_Get("area", -1)), "[width 0][height& 1]");
 }
 
-TEST_F(FunctionFile, WhatStandsInFrontOfABreakIsThere) {
+TEST_F(FunctionFile, WhatIsInFrontOfABreakIsThere) {
   std::string section = Section();
   EXPECT_FALSE(Read(section.substr(0, section.size() - 1)));
   EXPECT_EQ(ParametersOf(functions.Function_Get("area", -1)), "[width 0][height& 1]");
@@ -488,7 +488,7 @@ TEST_F(FunctionFile, ChainsWithoutAnEndEndTheLookup) {
 
 // A search relies on the order of a chain: a name that follows a longer one, or one that sorts
 // after it, is not found, though calls by its index work.
-TEST_F(FunctionFile, AChainOutOfOrderIsSearchedToTheNameThatSortsBehind) {
+TEST_F(FunctionFile, AChainOutOfOrderIsSearchedToTheNameThatSortsLater) {
   const int ab = texts.Add("ab"), mmm = texts.Add("mmm"), aaa = texts.Add("aaa");
   const auto section = [&](const std::vector<int>& names) {
     std::string bytes = LE16(1) + LE(0, 1) + LE32(static_cast<long>(names.size()));

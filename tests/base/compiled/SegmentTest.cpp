@@ -272,7 +272,7 @@ TEST_F(SegmentListing, SkipsWhatItDoesNotKnowByItsKindBits) {
             "46\tnoop\t\n");
 }
 
-TEST_F(SegmentListing, ReadsZerosBehindTheEnd) {
+TEST_F(SegmentListing, ReadsZerosAfterTheEnd) {
   EXPECT_EQ(Listing(LE16(0x4002) + "\x07"), "\n\nExpression: a +\n0\tpushi\tdword:7\n");
   EXPECT_EQ(Listing(LE16(0x5305)), "\n\nExpression: a +\n0\tstoregi\tdword:0, dword:0\n");
   EXPECT_EQ(Listing(LE16(0) + "\x01"), "\n\nExpression: a +\n0\tnoop\t\n")
@@ -378,7 +378,7 @@ TEST_F(SegmentFile, WritesAnUnmadeStartAsAnEmptySegment) {
             Container({{"segs", LE32(2) + LE32(0) + LE32(0) + LE32(0) + LE32(0) + LE32(1) + "x"}}));
 }
 
-TEST_F(SegmentFile, SegmentsAreAddedBehindThoseOfTheFile) {
+TEST_F(SegmentFile, SegmentsAreAddedAfterThoseOfTheFile) {
   ASSERT_TRUE(Read(TwoSegments));
   EXPECT_EQ(segments.Segment_Add()->number(), 2);
   EXPECT_EQ(CodeOf(segments.Lookup(1)), "defg");
@@ -460,7 +460,7 @@ TEST_F(SegmentFile, SharedCodeIsCopiedForTheSegmentsInUseOnly) {
   EXPECT_LT(mallinfo2().uordblks + mallinfo2().hblkhd, before + (16 << 20));
 }
 
-TEST_F(SegmentFile, EveryRowOfSharedCodeLiesInTheSection) {
+TEST_F(SegmentFile, EveryRowOfSharedCodeIsInTheSection) {
   for (int length : {1000, 1001}) {
     std::string section = LE32(10) + LE32(0);
     for (int i = 0; i < 9; i++) section += LE32(0) + LE32(1000);

@@ -100,7 +100,7 @@ TEST(StoredNameTable, ChainsAreSortedByLengthThenText) {
   EXPECT_EQ(names.table.buckets_used(), 1);
 }
 
-TEST(StoredNameTable, ASearchEndsAtTheFirstNameThatSortsBehind) {
+TEST(StoredNameTable, ASearchEndsAtTheFirstNameThatSortsLater) {
   // The chain is out of order: "b" follows "cc", so no search reaches it.
   NamedTable names(0);
   names.Read({"cc", "b"}, 0, 1, LE16(0) + LE32(0), {1, -1});
@@ -209,7 +209,7 @@ TEST(StoredNameTable, AWrittenTableIsTheFormats) {
     EXPECT_EQ(names.table.next(i), expected.links[static_cast<size_t>(i)]);
 }
 
-TEST(StoredNameTable, AStoredTableIsTakenAsItStands) {
+TEST(StoredNameTable, AStoredTableIsTakenAsItIs) {
   std::vector<std::string> texts = {"alpha", "beta", "gamma", "delta"};
   CompiledFileBytes::NameTable stored(texts, 12);
   NamedTable names(8);
@@ -234,7 +234,7 @@ TEST(StoredNameTable, AStoredTableTakesFurtherNames) {
   EXPECT_EQ(names.Find("x99"), 101);
 }
 
-TEST(StoredNameTable, BucketsInAnyOrderAreTakenAndTheLastOfOneStands) {
+TEST(StoredNameTable, BucketsInAnyOrderAreTakenAndTheLastOfOneRemains) {
   std::vector<std::string> texts = {"alpha", "beta", "gamma"};
   CompiledFileBytes::NameTable stored(texts, 12);
   ASSERT_EQ(stored.buckets.size(), 18U);

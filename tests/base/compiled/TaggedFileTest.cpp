@@ -168,7 +168,7 @@ TEST_F(TaggedFileTest, DirectoryOffsetsAndCountsAtTheirExtremes) {
   }
 }
 
-TEST_F(TaggedFileTest, ADirectoryBehindTheWindowIsReadFromTheFile) {
+TEST_F(TaggedFileTest, ADirectoryAfterTheWindowIsReadFromTheFile) {
   std::string big(200000, 'x');
   ASSERT_TRUE(Open(Container({{"aaaa", big}, {"bbbb", "beta"}})));
   EXPECT_EQ(At(TagBbbb, 0, 10), "beta");
@@ -489,7 +489,7 @@ TEST_F(TaggedFileTest, ASmallScriptCostsOneSeekAndOneRead) {
   EXPECT_EQ(manager.lengths, 0);
 }
 
-TEST_F(TaggedFileTest, ADeactivatedFileIsReadAnew) {
+TEST_F(TaggedFileTest, ADeactivatedFileIsReadAgain) {
   ASSERT_TRUE(Open(Container(TwoSections)));
   ASSERT_TRUE(file.Section_Read_Start(TagAaaa, nullptr));
   file.Deactivate();

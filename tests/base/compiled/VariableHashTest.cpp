@@ -667,7 +667,7 @@ TEST_F(FancyTest, AnEmptyFirstValueIsReplaced) {
   EXPECT_EQ(Find(table, "x")->aggregatetype(), AggregateNone);
 }
 
-TEST_F(FancyTest, WithoutAccumulationTheLastValueStands) {
+TEST_F(FancyTest, WithoutAccumulationTheLastValueRemains) {
   Add("x", "a", 0);
   Add("x", "b", 0);
   EXPECT_EQ(Value(table, "x"), "b");
@@ -807,7 +807,7 @@ string Body(const StoredTable& stored, int bits) {
   return body;
 }
 
-TEST(StoredVariableTable, IsReadAsItStands) {
+TEST(StoredVariableTable, IsReadAsItIs) {
   StoredTable stored;
   Table table(&stored.dictionary, 12, 512);
   ASSERT_TRUE(stored.Read(&table, Body(stored, 8)));

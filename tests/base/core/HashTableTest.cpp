@@ -248,7 +248,7 @@ TEST(HashTable, BucketsUsedDropsWithEveryRemoval) {
   EXPECT_EQ(table.buckets_used, -1);
 }
 
-TEST(HashTable, WalkStandsAtTheEndsWhenItIsOver) {
+TEST(HashTable, WalkIsAtTheEndsWhenItIsOver) {
   Table table(1, 0, 12, 512);
   Fill(table, "abc");
   EXPECT_EQ(table.First()->name, "a");

@@ -68,7 +68,7 @@ TEST_F(ListTest, InsertMakesTheNewElementCurrent) {
   EXPECT_EQ(list.Entries(), 4);
 }
 
-TEST_F(ListTest, InsertAtCurrentStandsBeforeTheOldCurrent) {
+TEST_F(ListTest, InsertAtCurrentIsBeforeTheOldCurrent) {
   Fill("abc");
   list.Seek(At('b'));
   list.Insert(At('x'), ListCurrent);
@@ -242,7 +242,7 @@ TEST(SearchableList, FindWalksFromTheHead) {
   EXPECT_EQ(list.Current(), first);
 }
 
-TEST(SearchableList, FindNextGoesOnBehindTheCurrent) {
+TEST(SearchableList, FindNextGoesOnAfterTheCurrent) {
   Index list(1);
   for (char letter : {'a', 'b', 'a', 'c'}) list.Insert(new Item(letter), ListTail);
   Item* first = list.Find('a');

@@ -89,7 +89,7 @@ TEST(MD5, PiecesGiveTheSameAsTheWhole) {
 }
 
 // The state is that after the whole block of 64 bytes, and the padding has the count of 70 bytes.
-TEST(MD5, BytesBehindTheLastWholeBlockOfAPieceAreDroppedButCounted) {
+TEST(MD5, BytesAfterTheLastWholeBlockOfAPieceAreDroppedButCounted) {
   std::string text(70, 'x');
   MD5Encoder encoder;
   uchar dropped[16];

@@ -44,7 +44,7 @@ TEST(Output, WithoutFlagsNothingIsDropped) {
   EXPECT_EQ(Compress(0, {"  x ", "  y"}), "  x   y");
 }
 
-TEST(Output, StartOfResponseCountsAsBehindWhiteSpace) {
+TEST(Output, StartOfResponseCountsAsAfterWhiteSpace) {
   RecordingOutput fast;
   fast.SetFlags(Output::CompressFast);
   fast.Write_Compressed("  \nx", -1);

@@ -251,7 +251,7 @@ TEST(SplayTree, CopyOfAnotherTreeShares) {
   EXPECT_EQ(copy.Find(2), &two);
 }
 
-TEST(SplayTree, AppendToListGoesBehindWhatIsThere) {
+TEST(SplayTree, AppendToListGoesAfterWhatIsThere) {
   for (int count : {3, 150}) {
     SCOPED_TRACE(count);
     Tree tree(1);

@@ -387,7 +387,7 @@ TEST(String, FromPattern) {
 }
 
 // Bytes past the length are still text for code that reads to the NUL.
-TEST(String, TextToTheNULReachesBehindAChoppedEnd) {
+TEST(String, TextToTheNULReachesAfterAChoppedEnd) {
   String s("abcdef");
   s.chop(2);
   EXPECT_EQ(Bytes(s.from(2)), "cdef");
@@ -636,7 +636,7 @@ TEST(String, PaddingFillsUpToTheWidth) {
   EXPECT_EQ(Bytes(String().padr(2, 'x')), "xx");
 }
 
-TEST(String, PaddingWithNULAddsBehindButNotInFront) {
+TEST(String, PaddingWithNULAddsAtTheEndButNotInFront) {
   EXPECT_EQ(Bytes(String("a").padl(3, '\0')), "a");
   EXPECT_EQ(Bytes(String("a").padr(3, '\0')), std::string("a\0\0", 3));
 }

@@ -273,7 +273,7 @@ TEST(StringSearch, RollingHashNeverFindsThePositionZero) {
   EXPECT_EQ(Find(rk_search, "abcd", "abc"), -1);
 }
 
-TEST(StringSearch, RollingHashTakesTheByteBehindTheTextForNUL) {
+TEST(StringSearch, RollingHashTakesTheByteAfterTheTextForNUL) {
   // The byte after the text is not a NUL; it is not read.
   EXPECT_EQ(rk_search("b\0", 2, "aabX", 3), 2);
   EXPECT_EQ(rk_search("bX", 2, "aabX", 3), -1);

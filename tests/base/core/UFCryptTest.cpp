@@ -76,7 +76,7 @@ TEST(UFCrypt, LengthCutsThePassword) {
   EXPECT_EQ(std::string(result), Hash(*crypt, "abcdef", "zz"));
 }
 
-TEST(UFCrypt, AnInvalidSaltCharacterCountsAsZeroAndStandsInTheResult) {
+TEST(UFCrypt, AnInvalidSaltCharacterCountsAsZeroAndIsInTheResult) {
   auto crypt = std::make_unique<UFCrypt>();
   const std::string zero = Hash(*crypt, "secret", "..");
   for (const char* salt : {"!!", "{|", "\xE4\xFC", " ~"}) {

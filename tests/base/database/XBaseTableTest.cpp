@@ -396,7 +396,7 @@ TEST_F(XBaseTableTest, TheMemoHeaderIsReadUnderASharedLock) {
   EXPECT_TRUE(OpenFails(Table(), "Error locking 't.dbt' for read: Injected failure"));
 }
 
-TEST_F(XBaseTableTest, OpeningAgainStartsAnew) {
+TEST_F(XBaseTableTest, OpeningAgainForgetsTheRecord) {
   Fill(2);
   XBaseTable table(&application);
   Open(table);
@@ -504,7 +504,7 @@ TEST_F(XBaseTableTest, ARecordWithinTheCountCostsNoLockAndNoHeader) {
   EXPECT_TRUE(files.lock_log.empty());
 }
 
-TEST_F(XBaseTableTest, ARecordBehindTheLastIsInvalidAfterALookAtTheHeader) {
+TEST_F(XBaseTableTest, ARecordAfterTheLastIsInvalidAfterALookAtTheHeader) {
   Fill(2);
   XBaseTable table(&application);
   Open(table);
@@ -578,7 +578,7 @@ TEST_F(XBaseTableTest, ALostEndMarkIsNotMissed) {
 
 // --- Records whose length is not that of the fields ----------------------------------------------
 
-TEST_F(XBaseTableTest, BytesBehindTheFieldsAreBlankWhenWritten) {
+TEST_F(XBaseTableTest, BytesAfterTheFieldsAreBlankWhenWritten) {
   TableHeader header;
   header.record_count = 1;
   header.record_length = 15;
@@ -636,7 +636,7 @@ TEST_F(XBaseTableTest, AppendingHoldsTheHeadersLockThroughout) {
                                    "release t.dbt 0 512", "release t.dbf 0 193"}));
 }
 
-TEST_F(XBaseTableTest, AppendingGoesBehindTheRecordsOfOthers) {
+TEST_F(XBaseTableTest, AppendingGoesAfterTheRecordsOfOthers) {
   Fill(1);
   XBaseTable table(&application), other(&application);
   Open(table);

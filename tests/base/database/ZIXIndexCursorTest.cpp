@@ -24,7 +24,7 @@ class ZIXIndexCursorTest : public ZIXIndexFixture {
   ZIXIndexFile other{&application};
 };
 
-TEST_F(ZIXIndexCursorTest, NextGoesOnBehindTheEntryAfterAnInsert) {
+TEST_F(ZIXIndexCursorTest, NextGoesOnAfterTheEntryAfterAnInsert) {
   for (unsigned at = 1; at <= 26; at++) {
     SCOPED_TRACE(at);
     ASSERT_TRUE(index._Seek(KeyBytes(Letter(at)), 1, at, 1));
@@ -42,7 +42,7 @@ TEST_F(ZIXIndexCursorTest, PrevGoesOnInFrontOfTheEntryAfterAnInsert) {
   }
 }
 
-TEST_F(ZIXIndexCursorTest, WhatWasInsertedBehindTheCursorIsMet) {
+TEST_F(ZIXIndexCursorTest, WhatWasInsertedAfterTheCursorIsMet) {
   ASSERT_TRUE(index._Seek(KeyBytes("e"), 1, 5, 1));
   ASSERT_TRUE(Insert(other, "ee", 50));
   EXPECT_EQ(50u, Next(index));
@@ -90,7 +90,7 @@ TEST_F(ZIXIndexCursorTest, AChangeByTheSameObjectIsNoticedToo) {
   EXPECT_EQ(0u, Next(index));
 }
 
-TEST_F(ZIXIndexCursorTest, AWalkWhoseOwnEntriesAreDeletedBehindItMeetsAll) {
+TEST_F(ZIXIndexCursorTest, AWalkWhoseOwnEntriesAreDeletedAfterItMeetsAll) {
   std::vector<unsigned> met;
   unsigned previous = 0;
   for (unsigned record = First(index); record != 0; record = Next(index)) {
@@ -131,7 +131,7 @@ TEST_F(ZIXIndexCursorTest, AnUnchangedTreeIsNotReadAgain) {
   EXPECT_EQ(1, files.reads) << "the header alone";
 }
 
-TEST_F(ZIXIndexCursorTest, AnIndexMadeAnewUnderTheCursorIsNoTrap) {
+TEST_F(ZIXIndexCursorTest, AnIndexMadeAgainUnderTheCursorIsNoTrap) {
   ASSERT_TRUE(index._Seek(KeyBytes("m"), 1, 13, 1));
   ZIXIndexShape small;
   small.pagesize = 432;

@@ -263,7 +263,7 @@ TEST_F(ZIXIndexDeleteTest, TheCursorsEntryIsFoundAgainInAChangedTree) {
 }
 
 // The two keys are the same number, so a search would find the other entry first.
-TEST_F(ZIXIndexDeleteTest, TheCursorsEntryGoesWhereTheCursorStands) {
+TEST_F(ZIXIndexDeleteTest, TheCursorsEntryGoesWhereTheCursorIs) {
   Create();
   ASSERT_TRUE(Insert(index, "1", 5));
   ASSERT_TRUE(Insert(index, "1.0", 5));

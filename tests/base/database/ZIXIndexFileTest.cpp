@@ -362,7 +362,7 @@ TEST_F(ZIXIndexFileTest, SeekFindsEachOfEqualKeysByItsRecord) {
   EXPECT_FALSE(index._Seek(KeyBytes("same"), 4, 0, 1));
 }
 
-TEST_F(ZIXIndexFileTest, SeekGoesOnBehindTheEqualKeys) {
+TEST_F(ZIXIndexFileTest, SeekGoesOnAfterTheEqualKeys) {
   Create();
   InsertLetters(12);
   EXPECT_TRUE(index._Seek(KeyBytes("b"), 1, 9, 1));
@@ -521,7 +521,7 @@ TEST_F(ZIXIndexFileTest, APrefixOfNumbersIsOneOfBytes) {
   EXPECT_EQ((ZIXIndexFound{true, 1, 2}), Find(index, "2", 0));
 }
 
-TEST_F(ZIXIndexFileTest, AfterAHitTheCursorStandsOnTheEntry) {
+TEST_F(ZIXIndexFileTest, AfterAHitTheCursorIsOnTheEntry) {
   Create(ZIXIndex_Text);
   InsertLetters(26);
   for (unsigned i = 0; i < 26; i++) {
@@ -535,7 +535,7 @@ TEST_F(ZIXIndexFileTest, AfterAHitTheCursorStandsOnTheEntry) {
 
 // After a miss the cursor is not on the record that Find returned. It is on the first entry after
 // the key in the same page; if no entry is before the key, it is on the first entry of all.
-TEST_F(ZIXIndexFileTest, AfterAMissTheCursorStandsBehindTheKeysPlace) {
+TEST_F(ZIXIndexFileTest, AfterAMissTheCursorIsAfterTheKeysPlace) {
   Create(ZIXIndex_Text);
   InsertLetters(6);
   ASSERT_EQ((ZIXIndexFound{true, 0, 2}), Find(index, "bb"));
@@ -560,7 +560,7 @@ TEST_F(ZIXIndexFileTest, AMissInADeepTreeStaysInThePageOfTheEntryInFront) {
   EXPECT_EQ(0u, Next(index));
 }
 
-TEST_F(ZIXIndexFileTest, BehindTheLastKeyThereIsNothingToStepFrom) {
+TEST_F(ZIXIndexFileTest, AfterTheLastKeyThereIsNothingToStepFrom) {
   Create(ZIXIndex_Text);
   InsertLetters(5);
   ASSERT_EQ((ZIXIndexFound{true, 0, 5}), Find(index, "z"));

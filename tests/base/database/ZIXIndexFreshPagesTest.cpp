@@ -68,7 +68,7 @@ TEST_F(ZIXIndexFreshPages, ADeletionThatIsNotCountedIsSeenToo) {
   }
 }
 
-TEST_F(ZIXIndexFreshPages, AFileMadeAnewWithTheSameCountsIsSeen) {
+TEST_F(ZIXIndexFreshPages, AFileMadeAgainWithTheSameCountsIsSeen) {
   ASSERT_TRUE(Insert(index, "old", 1));
   EXPECT_EQ((ZIXIndexFound{true, 1, 1}), Find(other, "old"));
   ASSERT_TRUE(index.Create(ZephPath_Data, "i.zix", KeyBytes("key"), ZIXIndex_Text));

@@ -39,7 +39,7 @@ TEST(ZIXIndexPage, ANewOneIsEmpty) {
   EXPECT_TRUE(page.IsLeaf());
 }
 
-TEST(ZIXIndexPage, InsertPutsTheNewChildBehindTheEntry) {
+TEST(ZIXIndexPage, InsertPutsTheNewChildAfterTheEntry) {
   for (int i = 0; i <= 2; i++) {
     ZIXIndexPage page = Page({{"a", 1}, {"b", 2}}, {11, 12, 13});
     page.Insert(i, 99, 9, KeyBytes("x"));

@@ -33,7 +33,7 @@ TEST(BufferedOutput, CollectsUntilTheBufferIsFull) {
   EXPECT_EQ(output.writes[0], "abcdefgh");
 }
 
-TEST(BufferedOutput, TextThatDoesNotFitGoesBehindAFlush) {
+TEST(BufferedOutput, TextThatDoesNotFitGoesAfterAFlush) {
   Sink output(8);
   output.Write("abcde", 5);
   output.Write("fghi", 4);
@@ -110,7 +110,7 @@ TEST(CaptureOutput, OneWriteOfManyMegabytesIsCaptured) {
   EXPECT_EQ(length, 30 << 20);
 }
 
-TEST(CaptureOutput, BeginsAnewAfterItsTextWasTaken) {
+TEST(CaptureOutput, BeginsAgainAfterItsTextWasTaken) {
   RecordingOutput parent;
   CaptureOutput output(&parent);
   int length, size;

@@ -102,7 +102,7 @@ TEST(HTTPOutput, ThresholdFlushesWithoutContentLength) {
   }
 }
 
-TEST(HTTPOutput, CountsAnewAfterAnAutomaticFlush) {
+TEST(HTTPOutput, CountsAgainAfterAnAutomaticFlush) {
   TestOutput output(8, 10);
   output.Write("0123456789", 10);
   output.Write("012345678", 9);
@@ -211,7 +211,7 @@ TEST(HTTPOutput, WriteThatTakesNothingEndsTheBlock) {
   EXPECT_EQ(output.Flush(0), 6);
 }
 
-TEST(HTTPOutput, StaysUsableBehindAFlush) {
+TEST(HTTPOutput, StaysUsableAfterAFlush) {
   TestOutput output(4, 1 << 20);
   std::string expected;
   for (int i = 0; i < 100; i++) {

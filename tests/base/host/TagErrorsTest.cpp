@@ -17,7 +17,7 @@ TEST(TagErrors, EveryTagIsNumberedByItsPlace) {
   }
 }
 
-TEST(TagErrors, ErrorVariableIsNameWithErrorBehindIt) {
+TEST(TagErrors, ErrorVariableIsNameWithErrorAfterIt) {
   for (int tag = 0; tag < 76; tag++) {
     if (tag == 62) continue;
     const TagErrorSetting& entry = original_tag_default_errorsettings[tag];

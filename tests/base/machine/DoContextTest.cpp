@@ -309,7 +309,7 @@ TEST_F(Do, AnExpressionThatNeedsMoreThanItHasEndsBoth) {
   EXPECT_EQ(machine.Output().find("Fatal"), machine.Output().rfind("Fatal"));
 }
 
-TEST_F(Do, AnErrorInTheFunctionEndsTheScriptBehindOneValue) {
+TEST_F(Do, AnErrorInTheFunctionEndsTheScriptAfterOneValue) {
   Script("dir/part.zpc", ".function f()\npop\nretn\n");
   machine.Assemble("pushi 5\npushc \"part.zpc\"\npushc \"f()\"\nop_do_function\n" +
                    Writes("never"));
@@ -367,7 +367,7 @@ TEST_F(Do, MessagesOfACallNameThePlaceOfTheCaller) {
   EXPECT_THAT(machine.Error(), HasSubstr("page.zpa: Line 31: Stack underflow"));
 }
 
-TEST_F(Do, TheOutputModeIsTheCallersAgainBehindAFunction) {
+TEST_F(Do, TheOutputModeIsTheCallersAgainAfterAFunction) {
   Script("dir/part.zpc", ".function f() compress\nstdoutput 1\nretn\n");
   machine.Assemble("stdoutput 2\n" + Calls("part.zpc", "f()"));
   EXPECT_EQ(machine.Go(), 1);

@@ -203,7 +203,7 @@ TEST(ExpressionCompiler, EveryPrefixOperator) {
   });
 }
 
-TEST(ExpressionCompiler, IncrementBehindAValueLeavesTheOldValue) {
+TEST(ExpressionCompiler, IncrementAfterAValueLeavesTheOldValue) {
   ExpectCode({
       {"a++", "pushnc a; dup; pushi 0; add; swap; dup; pushi 1; add; swap; store"},
       {"a--", "pushnc a; dup; pushi 0; add; swap; dup; pushi 1; sub; swap; store"},
@@ -349,7 +349,7 @@ TEST(ExpressionCompiler, SignsOfNumbers) {
   });
 }
 
-TEST(ExpressionCompiler, WhatStandsBehindAnOperatorMayBeMissing) {
+TEST(ExpressionCompiler, WhatIsAfterAnOperatorMayBeMissing) {
   ExpectCode({
       {"1 +", "pushi 1; add"},
       {"NOT", "not"},
@@ -359,7 +359,7 @@ TEST(ExpressionCompiler, WhatStandsBehindAnOperatorMayBeMissing) {
   });
 }
 
-TEST(ExpressionCompiler, PrefixOperatorsAndGroupsBehindAValueLeaveBoth) {
+TEST(ExpressionCompiler, PrefixOperatorsAndGroupsAfterAValueLeaveBoth) {
   ExpectCode({
       {"a NOT b", "pushnc a; pushnc b; not"},
       {"a (b)", "pushnc a; pushnc b"},
@@ -368,7 +368,7 @@ TEST(ExpressionCompiler, PrefixOperatorsAndGroupsBehindAValueLeaveBoth) {
   });
 }
 
-TEST(ExpressionCompiler, WordsAreOperatorsBehindPointsToo) {
+TEST(ExpressionCompiler, WordsAreOperatorsAfterPointsToo) {
   ExpectCode({
       {"a.in", "pushnc a.; in"},
       {"a.in b", "pushnc a.; pushnc b; in"},
@@ -681,7 +681,7 @@ TEST(ExpressionCompiler, WhatIsLeftBehindAValue) {
   });
 }
 
-TEST(ExpressionCompiler, NulBytesBehindAValueArePassedOver) {
+TEST(ExpressionCompiler, NulBytesAfterAValueArePassedOver) {
   ExpressionMachine machine;
   EXPECT_EQ(machine.Code(std::string_view("1 \0\0", 4)), "pushi 1");
   using namespace std::string_literals;

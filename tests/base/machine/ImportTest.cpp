@@ -294,7 +294,7 @@ TEST(Import, AFileWhoseFirstBlockCannotBeReadIsAnError) {
   EXPECT_THAT(run.Output("x\n"), EndsWith("endError reading from 'in': Injected failure"));
 }
 
-TEST(Import, AReadThatFailsLaterEndsTheLoopBehindWhatWasRead) {
+TEST(Import, AReadThatFailsLaterEndsTheLoopAfterWhatWasRead) {
   ImportRun run(kLoop);
   run.SetBuffer(3);
   run.files.fail_read = 3;
@@ -369,7 +369,7 @@ TEST(Import, AScriptThatDoesNotKnowRecnoGetsNone) {
   EXPECT_EQ(run.machine.Value("recno"), "(none)");
 }
 
-TEST(Import, RecnoStaysWithTheImportWhenTheScriptBindsItsNameAnew) {
+TEST(Import, RecnoStaysWithTheImportWhenTheScriptBindsItsNameAgain) {
   ImportRun run(R"(
         pushc "in"
         pushc ","

@@ -105,7 +105,7 @@ TEST(InstructionsElements, IndexesBelowOneAreErrorsOfTheExpression) {
   }
 }
 
-TEST(InstructionsElements, ScriptMayGoOnBehindABadIndexWithTheVariableLeft) {
+TEST(InstructionsElements, ScriptMayGoOnAfterABadIndexWithTheVariableLeft) {
   Machine machine;
   machine.Assemble(
       "tagerror 62, 0\npushi 7\npopg a\npushg a\npushi 0\nelem\npushc \"on\"\n"

@@ -108,7 +108,7 @@ TEST(InstructionsReferences, NamesBecomeReferences) {
   });
 }
 
-TEST(InstructionsReferences, PositionsAreBoundAnew) {
+TEST(InstructionsReferences, PositionsAreBoundAgain) {
   ExpectStacks({
       {"pushi 1\npopg v\npushg v\npoprg w\npushi 2\npopg w\npushg v", "(2)"},
       {"pushi 1\npopg v\npushg v\npoprl w\npushi 2\npopl w\npushg v", "(2)"},

@@ -281,7 +281,7 @@ class CallingOutput : public RecordingOutput {
   std::function<void()> call;
 };
 
-TEST(InstructionsVariableAccess, SystemVariablesChangedBehindSpushComeBackWithSpop) {
+TEST(InstructionsVariableAccess, SystemVariablesChangedAfterSpushComeBackWithSpop) {
   Machine machine;
   CallingOutput output;
   machine.application.SetOutput(&output);

@@ -286,7 +286,7 @@ const char* const kGrowing =
     "again: pushc \"some text that fills the memory\"\npushg i\ncat\npushg a\npushg i\npushi 1\n"
     "add\nelem\nstore\nincg i, 1\njmp again\n";
 
-TEST_F(OutOfMemory, IsAFatalErrorBehindWhatWasWritten) {
+TEST_F(OutOfMemory, IsAFatalErrorAfterWhatWasWritten) {
   ThreadMemory::Begin();
   ThreadMemory::SetLimit(8 << 20);
   Machine machine;

@@ -151,7 +151,7 @@ TEST_F(RunFunctionWithin, FailureEndsTheWholeScript) {
   EXPECT_EQ(output.text.find("never"), std::string::npos);
 }
 
-TEST_F(RunFunctionWithin, ANonFatalErrorBehindAFailureLetsTheScriptGoOn) {
+TEST_F(RunFunctionWithin, ANonFatalErrorAfterAFailureLetsTheScriptGoOn) {
   machine.Assemble(
       "tagerror 28, 0\npushc \"call\"\nout\npushc \"on\"\nout\n.segment 1\n"
       ".function f()\npop\nretn");
@@ -166,7 +166,7 @@ TEST_F(RunFunctionWithin, ANonFatalErrorBehindAFailureLetsTheScriptGoOn) {
   EXPECT_EQ(machine.Value("ZpOPEN_Error"), "the key failed");
 }
 
-TEST_F(RunFunctionWithin, ANonFatalErrorBehindATimeOutDoesNot) {
+TEST_F(RunFunctionWithin, ANonFatalErrorAfterATimeOutDoesNot) {
   machine.Assemble(
       "tagerror 28, 0\npushc \"call\"\nout\npushc \"never\"\nout\n.segment 1\n"
       ".function f()\npushi 1\nret");

@@ -128,7 +128,7 @@ class CancellingOutput : public RecordingOutput {
   int* flag = nullptr;
 };
 
-TEST(ZephVM, TimeOutIsSeenBehindTheInstruction) {
+TEST(ZephVM, TimeOutIsSeenAfterTheInstruction) {
   Machine machine;
   CancellingOutput output;
   output.flag = machine.application.timedoutflag();
@@ -213,7 +213,7 @@ TEST(ZephVMError, NoFileAndNoLineLeaveNoTrace) {
             "Fatal error in dir/page.zpc @ [00000000:0000000c]: Stack underflow\n");
 }
 
-TEST(ZephVMError, PrefixOfTheScriptStandsInFront) {
+TEST(ZephVMError, PrefixOfTheScriptIsInFront) {
   Machine machine;
   machine.Text("<b>Oops</b> ").Op(op_errmsg).Op(pop);
   EXPECT_EQ(machine.Go(), 0);

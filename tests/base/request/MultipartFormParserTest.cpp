@@ -187,7 +187,7 @@ TEST(MultipartFormParser, TheFirstBoundaryHasToStandAtTheStart) {
   });
 }
 
-TEST(MultipartFormParser, WhatStandsBehindABoundaryIsTold) {
+TEST(MultipartFormParser, WhatIsAfterABoundaryIsTold) {
   ExpectAll({
       {"no LF after the first", "--B\rx", "{Found x when expected LF}"},
       {"a byte", Field("a", "1") + "--Bx", "a=1;{Found x when expected CR or '-'}"},

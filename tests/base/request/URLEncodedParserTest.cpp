@@ -85,7 +85,7 @@ TEST(URLEncodedParser, WhatHasNoEqualsSignIsAFieldWithoutAValue) {
   });
 }
 
-TEST(URLEncodedParser, AtTheEndItCountsOnlyBehindAnotherName) {
+TEST(URLEncodedParser, AtTheEndItCountsOnlyAfterAnotherName) {
   ExpectAll({
       {"abc", ""},
       {"a=1&abc", "a=1;abc=;"},
@@ -118,7 +118,7 @@ TEST(URLEncodedParser, AnEscapeThatTheEndCutsOffInANameLeavesTheLengthOfTheLastN
   });
 }
 
-TEST(URLEncodedParser, AnyTwoBytesBehindAPercentSignMakeAByte) {
+TEST(URLEncodedParser, AnyTwoBytesAfterAPercentSignMakeAByte) {
   ExpectAll({
       {"a=%4a%4A%7e", "a=JJ~;"},
       // "&" counts as -10, "x" as 33: 0x60 | 0x21.
@@ -129,7 +129,7 @@ TEST(URLEncodedParser, AnyTwoBytesBehindAPercentSignMakeAByte) {
   });
 }
 
-TEST(URLEncodedParser, EveryPairOfBytesBehindAPercentSignFollowsTheTwoRules) {
+TEST(URLEncodedParser, EveryPairOfBytesAfterAPercentSignFollowsTheTwoRules) {
   for (int i = 0; i < 65536; i += kStride) {
     const auto high = static_cast<unsigned char>(i >> 8);
     const auto low = static_cast<unsigned char>(i & 255);

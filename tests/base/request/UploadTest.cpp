@@ -33,7 +33,7 @@ TEST(Upload, AnEmptyFileIsAFile) {
                   "ask(f|x|y)file(f|x|COMPLETE|ZEPH_FUP.0|y|0)[]", Accepts());
 }
 
-TEST(Upload, SeveralFilesOneBehindTheOther) {
+TEST(Upload, SeveralFilesOneAfterTheOther) {
   ExpectInAllCuts(FilePart("f", "x", "t1", "one") + FilePart("f", "y", "t2", "two") + EndOfBody(),
                   "ask(f|x|t1)file(f|x|COMPLETE|ZEPH_FUP.0|t1|3)"
                   "ask(f|y|t2)file(f|y|COMPLETE|ZEPH_FUP.1|t2|3)[one][two]",
@@ -56,7 +56,7 @@ TEST(Upload, AnEmptyFileNameMakesAPlainField) {
   }
 }
 
-TEST(Upload, TheNameIsWhatStandsBetweenTheFirstAndTheLastByte) {
+TEST(Upload, TheNameIsWhatIsBetweenTheFirstAndTheLastByte) {
   for (const char* value : {"\"n\"", "xny", "'n'", "\"nx"}) {
     SCOPED_TRACE(value);
     EXPECT_EQ(Accepts()({std::string("--B\r\nContent-Disposition: form-data; name=\"f\"; "

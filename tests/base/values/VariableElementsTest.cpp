@@ -193,7 +193,7 @@ TEST(InsertElement, IntoAnythingButAnArrayStartsOne) {
   EXPECT_EQ(Content(structure), (Map{{3, "member"}}));
 }
 
-TEST(InsertElement, BehindTheLastLeavesAGap) {
+TEST(InsertElement, AfterTheLastLeavesAGap) {
   const VariableRef array = Array({{1, "a"}});
   const VariableRef value = New("new");
   array->InsertElement(9, value.get());

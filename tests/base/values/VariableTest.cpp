@@ -405,7 +405,7 @@ TEST(Variable, AssigningAnElementToItsAggregateLeavesTheElementsValue) {
   EXPECT_EQ(Value(variable), "second");
 }
 
-TEST(Variable, StoringATextThatStandsInAnElementIsSafe) {
+TEST(Variable, StoringATextThatIsInAnElementIsSafe) {
   const VariableRef variable = New();
   Set(At(variable, 1), "a text longer than the first buffer of a string");
   const String& text = At(variable, 1)->value();

@@ -46,7 +46,7 @@ TEST(VariableWalk, VisitsElementsInOrderBetweenEnterAndLeave) {
   EXPECT_EQ(Steps(nullptr), "");
 }
 
-TEST(VariableWalk, FollowsReferencesAndTellsWhatStandsThere) {
+TEST(VariableWalk, FollowsReferencesAndTellsWhatIsThere) {
   const VariableRef target(new Variable("t", 1, "x", 1));
   const VariableRef variable(new Variable());
   At(variable, 1)->Make_Reference(target.get());

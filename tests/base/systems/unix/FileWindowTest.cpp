@@ -98,7 +98,7 @@ TEST_F(FileWindowTest, AFileThatGrowsIsMappedAgain) {
 }
 
 // A piece may end in zeros because they are in the file, or because the file ends before them.
-TEST_F(FileWindowTest, ZerosCountWhenAByteBehindThemShowsThatTheyAreThere) {
+TEST_F(FileWindowTest, ZerosCountWhenAByteAfterThemShowsThatTheyAreThere) {
   Write(0, "head" + std::string(96, '\0') + "tail");
   Warm();
   ASSERT_TRUE(Read(0, 50));

@@ -58,7 +58,7 @@ class Lockfiles : public testing::Test {
 const char take[] = "pushc \"orders\"\nlockfile\n";
 const char end[] = "lockfile_end\n";
 
-TEST_F(Lockfiles, ANameIsTheFileWithLckBehindIt) {
+TEST_F(Lockfiles, ANameIsTheFileWithLckAfterIt) {
   LockMachine machine(tree, 2);
   machine.Assemble(std::string(take) + end);
   ASSERT_EQ(machine.Go(), 1) << machine.Error();

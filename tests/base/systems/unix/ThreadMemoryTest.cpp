@@ -92,7 +92,7 @@ TEST_F(ThreadMemoryTest, TheFormThatDoesNotThrowReturnsNull) {
   EXPECT_EQ(std::unique_ptr<char[]>(new (std::nothrow) char[2 * kMegabyte]), nullptr);
 }
 
-TEST_F(ThreadMemoryTest, ThereIsNoLimitBehindARun) {
+TEST_F(ThreadMemoryTest, ThereIsNoLimitAfterARun) {
   {
     const ThreadMemory::Run run;
     ThreadMemory::SetLimit(kMegabyte);

@@ -179,7 +179,7 @@ TEST(UNIXFilePath, CopyStartsFromTheCollapsedForm) {
   EXPECT_EQ(3, copy.elements());
 }
 
-TEST(UNIXFilePath, ContainsWhatLiesBelowByText) {
+TEST(UNIXFilePath, ContainsWhatIsBelowByText) {
   struct Case {
     const char* base;
     const char* other;

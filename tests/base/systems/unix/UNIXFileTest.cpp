@@ -149,7 +149,7 @@ TEST_F(UNIXFileTest, NegativeLengthFailsWithoutTouchingTheBuffer) {
   EXPECT_EQ("Invalid argument", Text(file->error()));
 }
 
-TEST_F(UNIXFileTest, AppendingWritesBehindTheEnd) {
+TEST_F(UNIXFileTest, AppendingWritesAfterTheEnd) {
   tree.File("f", "abc");
   auto file = Open("f", FileMode_Write | FileMode_Append);
   EXPECT_EQ(0, file->Seek(0));
@@ -619,7 +619,7 @@ TEST_F(UNIXFileTest, ActivationOfADeletedFileFailsInTheSystemsWords) {
   EXPECT_EQ(nullptr, file->Map(0, -1));
 }
 
-TEST_F(UNIXFileTest, StatusIsAskedForAnewAfterAnActivation) {
+TEST_F(UNIXFileTest, StatusIsAskedForAgainAfterAnActivation) {
   tree.File("f", "abc");
   auto file = Open("f", FileMode_Read);
   bool directory = true;
@@ -646,7 +646,7 @@ TEST_F(UNIXFileTest, ContainedFileGoesThroughTheSandboxAtEachActivation) {
   EXPECT_EQ("The specified path references a symbolic link", Text(file->error()));
 }
 
-TEST_F(UNIXFileTest, PositionBehindATruncatedEndIsKept) {
+TEST_F(UNIXFileTest, PositionAfterATruncatedEndIsKept) {
   tree.File("f", "0123456789");
   auto file = Open("f", FileMode_Read);
   file->Seek(8);
