@@ -764,9 +764,9 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   STARTED \
   if (--patience == 0) [[unlikely]] goto look; \
   GO_TO(op->action); }
-#define JUMP_IF(condition, jump, count) \
+#define JUMP_IF(condition, jump, count) { \
   if (condition) JUMP(jump) \
-  NEXT(count)
+  NEXT(count) }
 // The same after work of any length.
 #define JUMP_IF_AFTER_WORK(condition, jump, count) { \
   const bool jumps = condition; \

@@ -803,6 +803,17 @@ TEST(HotCode, AStructureMayBeNamedByItself) {
       std::to_string(kRounds) + "\njmp_lt again\nexit\n");
 }
 
+// Its comparison is followed by a look at the host's flags, and then by the jump.
+TEST(HotCode, ALongTextIsComparedWithAConstant) {
+  std::string text = "pushc \"abcdefgh\"\npopg t\n";
+  for (int i = 0; i < 11; i++) text += "pushg t\npushg t\ncat\npopg t\n";
+  for (const char* jump : {"eq\njmp_eq", "eq\njmp_ne", "ne\njmp_eq", "ne\njmp_ne", "lt\njmp_ne"}) {
+    ExpectTheSameHotAndCold(text + "storegi n, 0\nagain: incg n, 1\npushg t\npushc \"word\"\n" +
+                            jump + " skip\npushc \"x\"\nout\nskip: cmpgi n, " +
+                            std::to_string(kRounds) + "\njmp_lt again\nexit\n");
+  }
+}
+
 // A call between the read of an element and its use may store to that element.
 TEST(HotCode, AnElementIsReadWhenItIsUsed) {
   ExpectTheSameHotAndCold(
