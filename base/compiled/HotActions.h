@@ -49,8 +49,8 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 //   LoadElement, LoadMember       a temporary <- the number of an element or member
 //   FindElement, FindMember       a place <- the element or member itself
 //   AddTo ... CompareTo ...       the same as above, but stored in a variable
-//   JumpIf...                     a comparison and a jump on its outcome, an action for each pair
-//   JumpIfLoaded                  the same with elements or members, which may be texts
+//   JumpIf...                     a comparison and a jump on its outcome, an action for each pair;
+//                                 a temporary may be an element or member that is a text
 //   JumpIfText, JumpIfNumber      a comparison with a constant text, a temporary; and a jump
 //   Move...                       a variable <- an operand, an element or a member
 //   StoreElement, StoreMember     an element or member <- an operand
@@ -77,7 +77,7 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, JumpIfLessEqual) ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, JumpIfGreater) \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, JumpIfNotEqual)                                                   \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, JumpIfGreaterEqual)                                               \
-  ACTION(JumpIfLoaded) ACTION(JumpIfText) ACTION(JumpIfNumber)                                                              \
+  ACTION(JumpIfText) ACTION(JumpIfNumber)                                                              \
   ACTION(MoveVariable) ACTION(MoveNumber) ACTION(MoveText) ACTION(MoveElement) ACTION(MoveMember)                       \
   ACTION(StoreElement) ACTION(StoreMember)                                                             \
   ACTION(PushNumber) ACTION(PushElement) ACTION(PushMember)                                            \

@@ -121,6 +121,19 @@ bool IsBitOperation(HotAction action) {
   return action >= HotAction::BitAnd && action <= HotAction::ShiftRight;
 }
 
+// Whether an instruction's operands are one or two positions of globals.
+bool NamesTwoGlobals(HotAction action) {
+  return action == HotAction::CompareGlobals || action == HotAction::ModGlobals;
+}
+bool NamesGlobals(HotAction action) {
+  return NamesTwoGlobals(action) || action == HotAction::CompareConstant ||
+         action == HotAction::Increment || action == HotAction::StoreConstant;
+}
+
+bool IsNear(int position) {
+  return position >= 0 && position < HotCode::kMostRows;
+}
+
 // Whether an operation reads its operands as numbers, whatever their types.
 bool IsNumeric(HotAction action) {
   return (action >= HotAction::Add && action <= HotAction::Mod) || IsBitOperation(action);
@@ -143,6 +156,13 @@ HotCode::HotCode(const unsigned char* code, int length, const Dictionary& dictio
   NoteUses(functions);
   CountRows();
   MakeFastList(functions);
+}
+
+void HotCode::FindPlaces(const void* const* places) const {
+  has_places = true;
+  for (const std::vector<HotOp>* const list : {&ops, &fast}) {
+    for (const HotOp& op : *list) op.place = places[static_cast<size_t>(op.action)];
+  }
 }
 
 void HotCode::Decode(const unsigned char* code, int length, const Dictionary& dictionary) {
@@ -172,6 +192,10 @@ void HotCode::Decode(const unsigned char* code, int length, const Dictionary& di
     if (op.single == HotAction::PushText) {
       op.text = dictionary.Entry(op.first, &op.length);
       if (!op.text) op.single = HotAction::Leave;
+    }
+    if ((NamesGlobals(op.single) && !IsNear(op.first)) ||
+        (NamesTwoGlobals(op.single) && !IsNear(op.second))) {
+      op.single = HotAction::Leave;
     }
     ops.push_back(op);
     at += 2 + Instruction::OperandSize(word);
@@ -222,10 +246,16 @@ void HotCode::NoteUses(const FunctionManager* functions) {
 }
 
 void HotCode::CountRows() {
+  const auto name = [this](HotOperand table, int position) {
+    int& count = named[static_cast<int>(table)];
+    if (position >= count && position < kMostRows) count = position + 1;
+  };
   for (const HotOp& op : ops) {
-    if (op.single != HotAction::PushVariable && op.single != HotAction::PopVariable) continue;
-    int& count = named[static_cast<int>(op.left)];
-    if (op.first >= count && op.first < kMostRows) count = op.first + 1;
+    if (op.single == HotAction::PushVariable || op.single == HotAction::PopVariable) {
+      name(op.left, op.first);
+    }
+    if (NamesGlobals(op.single)) name(HotOperand::Global, op.first);
+    if (NamesTwoGlobals(op.single)) name(HotOperand::Global, op.second);
   }
 }
 
@@ -354,15 +384,13 @@ void HotCode::MakeFastList(const FunctionManager* functions) {
     const HotAction idiom = Idiom(i);
     size_t left = idiom == ops[i].single ? 0 : LengthOf(idiom) - 1;
     if (idiom == HotAction::EachElement) left += LookUpOfEach(i);
-    for (size_t k = 1; k <= left; k++) {
+    // The first entry of a counting loop jumps to its comparison, which is also run alone.
+    for (size_t k = 1; k <= left && idiom != HotAction::IncrementCompareJump; k++) {
       if (targets[i + k]) left = 0;
     }
     if (left > 0) fast.back().action = idiom;
     if (idiom == HotAction::EachElement) fast.back().second = static_cast<int>(LookUpOfEach(i));
-    if (fast.back().action == HotAction::CompareTopJump) {
-      fast.back().orders =
-          HotGroup::JumpOrders(HotGroup::OrdersOf(ops[i + 2].single), ops[i + 3].orders);
-    }
+    if (fast.back().action == HotAction::CompareTopJump) SetCompareTop(i, &fast.back());
     for (i++; left > 0; left--, i++) {
       places[i] = fast.size() + 1;
       fast.push_back(ops[i]);
@@ -384,6 +412,16 @@ void HotCode::MakeFastList(const FunctionManager* functions) {
   }
 }
 
+// The other side, as an operand of a group.
+void HotCode::SetCompareTop(size_t i, HotOp* record) const {
+  const HotOp& other = ops[i + 1];
+  record->orders = HotGroup::JumpOrders(HotGroup::OrdersOf(ops[i + 2].single), ops[i + 3].orders);
+  const bool is_variable = other.single == HotAction::PushVariable;
+  record->right = is_variable ? other.left : HotOperand::Constant;
+  record->second = is_variable ? HotOp::Offset(other.first) : 0;
+  record->number = other.number;
+}
+
 HotAction HotCode::Idiom(size_t i) const {
   const HotAction action = ops[i].single;
   const HotAction next = ops[i + 1].single;
@@ -398,8 +436,8 @@ HotAction HotCode::Idiom(size_t i) const {
   }
   if (action == HotAction::SourceFile && next == HotAction::Line) return HotAction::SourceLine;
   if (action == HotAction::Dup) {
-    if ((IsConstant(next) || next == HotAction::PushVariable) && IsComparison(ops[i + 2].single) &&
-        IsTest(ops[i + 3].single)) {
+    if ((IsConstant(next) || (next == HotAction::PushVariable && IsNear(ops[i + 1].first))) &&
+        IsComparison(ops[i + 2].single) && IsTest(ops[i + 3].single)) {
       return HotAction::CompareTopJump;
     }
     return Update(i);

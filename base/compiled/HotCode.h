@@ -62,8 +62,8 @@ struct HotOp {
   unsigned short code = 0;  // the instruction's number, see base/compiled/Instructions.h
   mutable unsigned short misfit_time = 0;  // and when the last time was
   int start = 0;   // offset of the instruction, or of a group's first, in the segment
-  int first = 0;   // integer operands; a constant as an integer. In a group: the position of
-  int second = 0;  // the left operand, of the right one, and of where the outcome goes
+  int first = 0;   // integer operands; a constant as an integer. In a group: where the left
+  int second = 0;  // operand is, the right one, and where the outcome goes, see Offset()
   int third = 0;
   int length = 0;       // of a text
   double number = 0.0;  // a constant as a double
@@ -71,7 +71,8 @@ struct HotOp {
     const char* text = nullptr;
     const HotOp* target;  // of a jump
   };
-  mutable MemberHint hint;  // of a record that looks up a member
+  mutable MemberHint hint;              // of a record that looks up a member
+  mutable const void* place = nullptr;  // the address of the action in the loop, see SetPlaces()
   // The plain record of the instruction; in a group, of the group's first instruction. Never null.
   const HotOp* plain = nullptr;
   // Of a plain record: the one to go on with in the fast list; null inside a group.
@@ -80,6 +81,14 @@ struct HotOp {
   // Whether a value is used only as a number, or only for its value, by an operation that is
   // certain to be reached. Then nothing can tell a number or a text from the variable that has it.
   enum Use : unsigned char { UsedAsValue = 1, UsedAsNumber = 2 };
+
+  // In a group, an operand that is a row, a temporary or a place is told by its distance in bytes
+  // from the beginning of the table: that of the variable in the row. Temporaries and places have
+  // the layout of rows.
+  static constexpr int kRowSize = 16;
+  static constexpr int kVariableInRow = 8;
+  static constexpr int Offset(int position) { return position * kRowSize + kVariableInRow; }
+  static constexpr int PositionOf(int offset) { return offset / kRowSize; }
 };
 
 class HotCode {
@@ -110,6 +119,13 @@ class HotCode {
   int globals() const { return named[0]; }
   int locals() const { return named[1]; }
 
+  // Gives all records the address of their action, from the loop's table of addresses by action.
+  // Nothing is done but at the first time.
+  void SetPlaces(const void* const* places) const {
+    if (!has_places) [[unlikely]]
+      FindPlaces(places);
+  }
+
   // The record of the instruction at an offset; null if none begins there.
   const HotOp* At(int offset) const {
     if (static_cast<unsigned>(offset) >= static_cast<unsigned>(records.size())) return nullptr;
@@ -120,6 +136,7 @@ class HotCode {
   }
 
  private:
+  void FindPlaces(const void* const* places) const;
   void Decode(const unsigned char* code, int length, const Dictionary& dictionary);
   void FindTargets(int length);
   void LeaveBadCalls(const FunctionManager* functions);
@@ -128,6 +145,7 @@ class HotCode {
   void MakeFastList(const FunctionManager* functions);
   unsigned char UsesOfTop(size_t i, bool held, const FunctionManager* functions) const;
   HotAction Idiom(size_t i) const;
+  void SetCompareTop(size_t i, HotOp* record) const;
   HotAction IdiomOfText(size_t i) const;
   bool IsNextElement(size_t i) const;
   size_t LookUpOfEach(size_t i) const;
@@ -139,6 +157,7 @@ class HotCode {
   bool IsOut(size_t i) const { return IsHandler(i, Instruction::code_out); }
 
   long code_serial;
+  mutable bool has_places = false;
   int named[2] = {0, 0};
   std::vector<HotOp> ops;    // the plain list; the last ones, after the code, are Leave
   std::vector<HotOp> fast;   // the fast list, which ends in the same way

@@ -41,6 +41,11 @@ HotAction PairAction(HotAction first, HotOperand left, HotOperand right) {
                                 static_cast<int>(right));
 }
 
+// The kind of an operand that is read as a number.
+HotOperand NumberKind(HotOperand kind) {
+  return kind == HotOperand::Place ? HotOperand::Temporary : kind;
+}
+
 // The number of pairs, which is the distance between two such groups of actions.
 const int kPairs =
     static_cast<int>(HotAction::SubOfGlobalGlobal) - static_cast<int>(HotAction::AddOfGlobalGlobal);
@@ -58,6 +63,18 @@ HotAction ForOperands(const HotOp& record) {
     default: return record.action;
   }
   return static_cast<HotAction>(static_cast<int>(first) + static_cast<int>(record.right));
+}
+
+// Turns the positions of operands into offsets.
+void SetOffsets(HotOp* record) {
+  const auto set = [](HotOperand kind, int* position) {
+    if (kind != HotOperand::Constant && kind != HotOperand::Text) {
+      *position = HotOp::Offset(*position);
+    }
+  };
+  set(record->left, &record->first);
+  set(record->right, &record->second);
+  set(record->into, &record->third);
 }
 
 // The first action of the group of an operation that is so many places after the first operation.
@@ -135,7 +152,10 @@ size_t HotGroup::Make(size_t begin) {
         check.first = static_cast<int>(deepest);
         made.insert(made.begin(), check);
       }
-      for (HotOp& record : made) record.action = ForOperands(record);
+      for (HotOp& record : made) {
+        record.action = ForOperands(record);
+        SetOffsets(&record);
+      }
       return i - begin;
     }
     if (step == Step::Apart) MarkBelow(0);
@@ -428,9 +448,8 @@ HotGroup::Step HotGroup::Jump(size_t i) {
       last.action = HotAction::JumpIfText;
       last.orders = orders;
     } else {
-      last.action = last.action == HotAction::CompareLoadedOf
-                        ? HotAction::JumpIfLoaded
-                        : PairAction(action, last.left, last.right);
+      // What was loaded is a temporary, until it turns out to be a text.
+      last.action = PairAction(action, NumberKind(last.left), NumberKind(last.right));
       last.orders = orders;
       last.target = record.target;
       return Step::Ends;
@@ -526,6 +545,8 @@ HotGroup::Step HotGroup::PushForReal() {
 HotOp HotGroup::New(HotAction action) const {
   HotOp record;
   record.action = action;
+  // Until it gets an operand, it has none that is told by an offset.
+  record.left = record.right = record.into = HotOperand::Constant;
   record.start = ops[first].start;
   record.plain = &ops[first];
   return record;

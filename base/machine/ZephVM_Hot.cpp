@@ -28,7 +28,10 @@
 #include <bit>
 #include <cassert>
 #include <charconv>
+#include <cmath>
+#include <cstddef>
 #include <cstring>
+#include <limits>
 
 #include "base/compiled/Function.h"
 #include "base/compiled/HotCode.h"
@@ -350,63 +353,96 @@ bool FindOrderOfVariables(Variable* left, Variable* right, int* order) {
   return FindOrderOfTexts(&a, &b, order);
 }
 
-// What the records of a group have computed or found, by number.
+// What the records of a group have computed or found, by offset (HotOp::Offset): these have the
+// layout of the rows of a table, so that all operands are read alike.
 struct Temporaries {
-  double numbers[HotCode::kTemporaries];
+  struct Row {
+    double number;
+    Variable* variable;
+  };
+  Row rows[HotCode::kTemporaries];
   // Of what was loaded: the form that the element had, AsLoaded if it has a text beside.
-  HotForm forms[HotCode::kTemporaries];
-  // A place is in a row, as variables are, so that both are read alike. Of what was loaded: the
-  // variable if it is a text, else null.
-  _VH_Entry places[HotCode::kTemporaries];
+  HotForm forms[HotCode::kTemporaries * HotOp::kRowSize];
 
-  Variable*& place(int index) { return places[index].variable; }
-  void Set(int index, DenseSlot bare) {
-    places[index].variable = nullptr;
-    forms[index] = bare.IsInteger() ? HotForm::Integer : HotForm::Double;
-    numbers[index] = bare.IsInteger() ? bare.integer() : bare.number();
+  char* at(int offset) { return reinterpret_cast<char*>(rows) + offset; }
+  const char* at(int offset) const { return reinterpret_cast<const char*>(rows) + offset; }
+  // What was found. Of what was loaded, it is meaningful if the form is AsLoaded or the number is
+  // NaN: then it is the variable if that is a text, or null.
+  Variable*& place(int offset) { return *reinterpret_cast<Variable**>(at(offset)); }
+  Variable* place(int offset) const { return *reinterpret_cast<Variable* const*>(at(offset)); }
+  double& number(int offset) {
+    return *reinterpret_cast<double*>(at(offset) - HotOp::kVariableInRow);
+  }
+  double number(int offset) const {
+    return *reinterpret_cast<const double*>(at(offset) - HotOp::kVariableInRow);
+  }
+  HotForm& form(int offset) { return forms[offset]; }
+  HotForm form(int offset) const { return forms[offset]; }
+
+  // A slot never has NaN.
+  void Set(int offset, DenseSlot bare) {
+    if (bare.IsInteger()) {
+      number(offset) = bare.integer();
+      form(offset) = HotForm::Integer;
+    } else {
+      number(offset) = bare.number();
+      form(offset) = HotForm::Double;
+    }
   }
   // REQUIRES: the element holds a number.
-  void Set(int index, const Variable* element) {
-    places[index].variable = nullptr;
-    forms[index] = element->is_stored_integer() ? HotForm::Integer : HotForm::Double;
-    numbers[index] = NumberOf(element);
+  void Set(int offset, const Variable* element) {
+    place(offset) = nullptr;
+    form(offset) = element->is_stored_integer() ? HotForm::Integer : HotForm::Double;
+    number(offset) = NumberOf(element);
   }
-  // A text.
-  void SetText(int index, Variable* element) {
-    places[index].variable = element;
-    forms[index] = HotForm::AsLoaded;
+  // A text. As a number it is NaN, so that comparisons of numbers notice it.
+  void SetText(int offset, Variable* element) {
+    place(offset) = element;
+    form(offset) = HotForm::AsLoaded;
+    number(offset) = std::numeric_limits<double>::quiet_NaN();
   }
+  // The variable of an operand that was loaded to be compared, null if it is a number.
+  Variable* text(int offset) const { return std::isnan(number(offset)) ? place(offset) : nullptr; }
 };
+static_assert(sizeof(_VH_Entry) == HotOp::kRowSize &&
+              offsetof(_VH_Entry, variable) == HotOp::kVariableInRow &&
+              sizeof(Temporaries::Row) == HotOp::kRowSize &&
+              offsetof(Temporaries::Row, variable) == HotOp::kVariableInRow);
+
+// The variable at an offset of a table of rows.
+HOT_INLINE Variable* VariableIn(const _VH_Entry* table, int offset) {
+  return *reinterpret_cast<Variable* const*>(reinterpret_cast<const char*>(table) + offset);
+}
 
 // Reads the value of an element or member that is not a bare number. Returns false if it has none
 // that may be loaded.
 [[gnu::noinline]] bool Load(Variable* variable, const HotOp* op, Temporaries* temporaries) {
-  const int index = op->third;
+  const int offset = op->third;
   variable = variable->Real();
-  temporaries->place(index) = nullptr;
-  if (FindAlone(variable, &temporaries->numbers[index], &temporaries->forms[index])) return true;
-  temporaries->forms[index] = HotForm::AsLoaded;
+  temporaries->place(offset) = nullptr;
+  if (FindAlone(variable, &temporaries->number(offset), &temporaries->form(offset))) return true;
+  temporaries->form(offset) = HotForm::AsLoaded;
   if (op->load == HotLoad::NumberOrText || op->load == HotLoad::Any) {
-    temporaries->place(index) = variable;
+    temporaries->SetText(offset, variable);
     return op->load == HotLoad::Any ? variable->IsPlain()
                                     : (variable->plain_forms() & Variable::TextForm) != 0;
   }
   if (op->load != HotLoad::Number || !HasNumberSlow(variable)) return false;
-  temporaries->numbers[index] = NumberOf(variable);
+  temporaries->number(offset) = NumberOf(variable);
   return true;
 }
 
 // Reads an operand of a pair as a number. Returns false if it has none.
 template <Suitable Slow>
-[[gnu::noinline]] bool ReadOperand(HotOperand kind, int position, const HotOp* op,
+[[gnu::noinline]] bool ReadOperand(HotOperand kind, int offset, const HotOp* op,
                                    const _VH_Entry* const* rows, const Temporaries& temporaries,
                                    double* number) {
   if (kind == HotOperand::Temporary) {
-    *number = temporaries.numbers[position];
+    *number = temporaries.number(offset);
   } else if (kind == HotOperand::Constant) {
     *number = op->number;
   } else {
-    Variable* const variable = rows[static_cast<int>(kind)][position].variable;
+    Variable* const variable = VariableIn(rows[static_cast<int>(kind)], offset);
     return variable && Find<Slow>(variable->Real(), number);
   }
   return true;
@@ -429,6 +465,7 @@ double Calculate(HotAction action, HotAction first, double a, double b) {
 [[gnu::noinline]] void Assign(Variable* target, Variable* source) {
   const VariableRef target_held = VariableRef::Share(target);
   const VariableRef source_held = VariableRef::Share(source);
+  if (target->ShareMembers(*source)) return;
   target->SetValue(*source);
 }
 
@@ -454,7 +491,7 @@ double Calculate(HotAction action, HotAction first, double a, double b) {
     // What was loaded is in the row of the place with its number.
     const HotOperand kind =
         argument->left == HotOperand::Temporary ? HotOperand::Place : argument->left;
-    return rows[static_cast<int>(kind)][argument->first].variable;
+    return VariableIn(rows[static_cast<int>(kind)], argument->first);
   };
   const _VH_Entry* row = parameters;
   bool has_arrays = false;
@@ -466,7 +503,7 @@ double Calculate(HotAction action, HotAction first, double a, double b) {
     } else if (argument->left == HotOperand::Constant ||
                (argument->left == HotOperand::Temporary && argument->form != HotForm::AsLoaded)) {
       const bool is_constant = argument->left == HotOperand::Constant;
-      const double number = is_constant ? argument->number : temporaries.numbers[argument->first];
+      const double number = is_constant ? argument->number : temporaries.number(argument->first);
       if (argument->form == HotForm::Integer) {
         parameter->Begin(static_cast<int>(number));
       } else {
@@ -478,11 +515,11 @@ double Calculate(HotAction action, HotAction first, double a, double b) {
       WakeIfAsleep(variable);
       parameter->Begin(variable);
     } else if (argument->left == HotOperand::Temporary &&
-               temporaries.forms[argument->first] == HotForm::Integer) {
-      parameter->Begin(static_cast<int>(temporaries.numbers[argument->first]));
+               temporaries.form(argument->first) == HotForm::Integer) {
+      parameter->Begin(static_cast<int>(temporaries.number(argument->first)));
     } else if (argument->left == HotOperand::Temporary &&
-               temporaries.forms[argument->first] == HotForm::Double) {
-      parameter->Begin(temporaries.numbers[argument->first]);
+               temporaries.form(argument->first) == HotForm::Double) {
+      parameter->Begin(temporaries.number(argument->first));
     } else if (argument == first || !BeginWithScalar(parameter, source(argument), patience)) {
       has_arrays = true;
     }
@@ -732,29 +769,36 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // its builds, which are for tests, have one such jump.
 #ifdef __clang__
   const void* place;
-#define GO_TO_PLACE(action)                   \
-  {                                           \
-    place = places[static_cast<int>(action)]; \
-    goto dispatch;                            \
+#define GO_TO_PLACE(address) \
+  {                          \
+    place = address;         \
+    goto dispatch;           \
   }
 #else
-#define GO_TO_PLACE(action) __extension__({ goto* places[static_cast<int>(action)]; });
+#define GO_TO_PLACE(address) __extension__({ goto*(address); });
 #endif
+// Of a record that has another action from here on.
+#define SET_ACTION(record, other)                      \
+  {                                                    \
+    (record)->action = other;                          \
+    (record)->place = places[static_cast<int>(other)]; \
+  }
 
 // clang-format off
-#define GO_TO(action) { STARTED GO_TO_PLACE(action) }
+#define GO { STARTED GO_TO_PLACE(op->place) }
+#define GO_ALONE { STARTED GO_TO_PLACE(places[static_cast<int>(op->single)]) }
 // Each action ends with one of these. NEXT continues after count instructions. NEXT_AFTER_WORK does
 // the same after work of any length, and polls the host's flags. SINGLE_UNLESS runs the first
 // instruction alone if the idiom does not apply. LEAVE_UNLESS returns to the machine's loop. JUMP
 // polls the host's flags once in kPatience times.
-#define NEXT(count) { op += (count); RAN(op) GO_TO(op->action); }
+#define NEXT(count) { op += (count); RAN(op) GO }
 #define RAISED (Read(timedout) | Read(ended) | (Read(beats) ^ last_heartbeat))
 #define NEXT_AFTER_WORK(count) { \
   op += (count); \
   RAN(op) \
   if (RAISED) [[unlikely]] goto on_Leave; \
-  GO_TO(op->action); }
-#define SINGLE_UNLESS(condition) if (!(condition)) [[unlikely]] { RAN(op) GO_TO(op->single); }
+  GO }
+#define SINGLE_UNLESS(condition) if (!(condition)) [[unlikely]] { RAN(op) GO_ALONE }
 #define LEAVE_AFTER_UNLESS(condition, count) \
   if (!(condition)) [[unlikely]] { op += (count); goto on_Leave; }
 #define LEAVE_UNLESS(condition) if (!(condition)) [[unlikely]] { goto on_Leave; }
@@ -763,7 +807,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   op = (jump)->target; \
   STARTED \
   if (--patience == 0) [[unlikely]] goto look; \
-  GO_TO(op->action); }
+  GO }
 #define JUMP_IF(condition, jump, count) { \
   if (condition) JUMP(jump) \
   NEXT(count) }
@@ -774,7 +818,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   op = jumps ? (jump)->target : op + (count); \
   STARTED \
   if (RAISED) [[unlikely]] goto on_Leave; \
-  GO_TO(op->action); }
+  GO }
 // The variable at a record's position, or the one that it refers to; null if it does not exist yet.
 // ROW_OF gives the variable itself.
 #define ROW_AT(table, position) \
@@ -795,8 +839,9 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   (void)frame->variables->Rows(hot->locals(), &counts[1]); \
   rows[0] = global_variables->Rows(hot->globals(), &counts[0]); \
   rows[1] = frame->variables->Rows(&counts[1]); }
-// For the instructions on globals, which hardly ever are references: those go another way.
-#define SECOND_ROW(record) ROW_AT(0, (record)->second)
+// For the instructions on globals, which hardly ever are references: those go another way. Each row
+// that they name can be read.
+#define GLOBAL(position) rows[0][position].variable
 // Store the end in the stack before its own operations, and reload what they may have changed. The
 // end is also stored before anything that allocates: if that throws, the stack frees the entries up
 // to there.
@@ -849,6 +894,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   code_length = segment->length(); \
   loaded_segment = wanted_segment = (number); \
   hot = segment->hot(); \
+  hot->SetPlaces(places); \
   code_serial = hot->serial(); }
 
 // Whether the instruction at a record uses only the value of the entry on top. The field of a
@@ -990,35 +1036,37 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   }
 // --- For groups. STEP continues after a record that is not the group's last. MISFIT_UNLESS runs the
 // group's instructions one by one.
-#define STEP { op++; GO_TO_PLACE(op->action) }
+#define STEP { op++; GO_TO_PLACE(op->place) }
 #define MISFIT_UNLESS(condition) if (!(condition)) [[unlikely]] goto misfit;
 // The variable of an operand that is a row, or a place; null if there is none.
 // Each row that a group names is there, see HotCode::globals().
-#define OPERAND_ROW(kind, position) rows[static_cast<int>(kind)][position].variable
-#define OPERAND(kind, position) Referred(OPERAND_ROW(kind, position))
+#define OPERAND_ROW(kind, offset) VariableIn(rows[static_cast<int>(kind)], offset)
+#define OPERAND(kind, offset) Referred(OPERAND_ROW(kind, offset))
 #define BASE_OF(record) OPERAND((record)->left, (record)->first)
-// Read the operand first or second of a pair into a number. If it is a variable that has more or
-// something else than a number, or none, the shared and slower way of all pairs is taken.
-#define ROW_NUMBER(table, side, out, unusual) { \
-  const Variable* const row = rows[table][op->side].variable; \
+// Read a row as a number. If its variable has more or something else than a number, or there is
+// none, the shared and slower way of all operands is taken.
+#define ROW_NUMBER(kind, offset, out, unusual) { \
+  const Variable* const row = OPERAND_ROW(kind, offset); \
   if (!row) [[unlikely]] goto unusual; \
   if (row->HoldsDouble()) [[likely]] { \
     out = row->plain_double(); \
   } else if (row->HoldsInteger()) { \
     out = row->plain_integer(); \
   } else { \
-    goto unusual; \
+    if (!row->HoldsNumber()) goto unusual; \
+    out = row->plain_double(); \
   } }
-#define NUMBER_Global(side, out, unusual) ROW_NUMBER(0, side, out, unusual)
-#define NUMBER_Local(side, out, unusual) ROW_NUMBER(1, side, out, unusual)
-#define NUMBER_Temporary(side, out, unusual) out = temporaries.numbers[op->side];
+// The same of the operand first or second of a pair.
+#define NUMBER_Global(side, out, unusual) ROW_NUMBER(HotOperand::Global, op->side, out, unusual)
+#define NUMBER_Local(side, out, unusual) ROW_NUMBER(HotOperand::Local, op->side, out, unusual)
+#define NUMBER_Temporary(side, out, unusual) out = temporaries.number(op->side);
 #define NUMBER_Constant(side, out, unusual) out = op->number;
 // The plain variable that a group's last record stores to. It is made if there is none yet.
 #define FIND_TARGET \
   variable = OPERAND(op->into, op->third); \
   if (!variable) [[unlikely]] { \
     TELL_STACK \
-    variable = (op->into == HotOperand::Local ? frame->variables : global_variables)->At(op->third, 1); \
+    variable = (op->into == HotOperand::Local ? frame->variables : global_variables)->At(HotOp::PositionOf(op->third), 1); \
   } \
   MISFIT_UNLESS(variable && variable->IsPlain())
 #define GROUP_ARITHMETIC(name, result, left, right) \
@@ -1026,28 +1074,32 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     double a, b; \
     NUMBER_##left(first, a, unusual_pair) \
     NUMBER_##right(second, b, unusual_pair) \
-    temporaries.numbers[op->third] = result; \
+    temporaries.number(op->third) = result; \
     STEP \
   } \
   on_##name##To##left##right: { \
     double a, b; \
     NUMBER_##left(first, a, unusual_pair) \
     NUMBER_##right(second, b, unusual_pair) \
-    variable = OPERAND_ROW(op->into, op->third); \
-    number_passed = result; \
-    if (!variable || !variable->HoldsDouble()) [[unlikely]] goto store_double; \
-    variable->Write_Double(number_passed); \
+    STORE_DOUBLE(result) \
     NEXT(1) \
   }
 #define GROUP_ADD(name, left, right) GROUP_ARITHMETIC(Add, a + b, left, right)
 #define GROUP_SUB(name, left, right) GROUP_ARITHMETIC(Sub, a - b, left, right)
 #define GROUP_MUL(name, left, right) GROUP_ARITHMETIC(Mul, a * b, left, right)
 #define GROUP_DIV(name, left, right) GROUP_ARITHMETIC(Div, (a == 0.0 ? 0.0 : a / b), left, right)
+// A text that was loaded is NaN as a number.
+#define NO_TEXT_Global(number)
+#define NO_TEXT_Local(number)
+#define NO_TEXT_Temporary(number) if (std::isnan(number)) [[unlikely]] goto unusual_comparison;
+#define NO_TEXT_Constant(number)
 #define GROUP_JUMP(name, holds, left, right) \
   on_JumpIf##name##left##right: { \
     double a, b; \
     NUMBER_##left(first, a, unusual_comparison) \
     NUMBER_##right(second, b, unusual_comparison) \
+    NO_TEXT_##left(a) \
+    NO_TEXT_##right(b) \
     JUMP_IF(holds, op, 1) \
   }
 #define GROUP_COMPARE(name, left, right) \
@@ -1055,7 +1107,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     double a, b; \
     NUMBER_##left(first, a, on_CompareOf) \
     NUMBER_##right(second, b, on_CompareOf) \
-    temporaries.numbers[op->third] = Jumps(op, OrderOf(a, b)); \
+    temporaries.number(op->third) = Jumps(op, OrderOf(a, b)); \
     STEP \
   }
 #define GROUP_LESS(name, left, right) GROUP_JUMP(Less, a < b, left, right)
@@ -1064,14 +1116,26 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define GROUP_GREATER(name, left, right) GROUP_JUMP(Greater, !(a <= b), left, right)
 #define GROUP_NOT_EQUAL(name, left, right) GROUP_JUMP(NotEqual, !(a == b), left, right)
 #define GROUP_GREATER_EQUAL(name, left, right) GROUP_JUMP(GreaterEqual, !(a < b), left, right)
-// Read an operand of any kind: as an integer, and as a number to compare by.
-#define INTEGER_OF(kind, position, out) \
-  if ((kind) == HotOperand::Temporary) { \
-    *(out) = DoubleToInteger(temporaries.numbers[position]); \
-  } else if ((kind) == HotOperand::Constant) { \
-    *(out) = (position); \
+// Read a row as an integer.
+#define ROW_INTEGER(kind, offset, out, unusual) { \
+  const Variable* const row = OPERAND_ROW(kind, offset); \
+  if (!row) [[unlikely]] goto unusual; \
+  if (row->HoldsInteger()) { \
+    out = row->plain_integer(); \
+  } else if (row->HoldsDouble()) { \
+    out = DoubleToInteger(row->plain_double()); \
   } else { \
-    first_row = OPERAND_ROW(kind, position); \
+    if (!row->HoldsNumber()) goto unusual; \
+    out = row->plain_integer(); \
+  } }
+// Read an operand of any kind: as an integer, and as a number to compare by.
+#define INTEGER_OF(kind, offset, out) \
+  if ((kind) == HotOperand::Temporary) { \
+    *(out) = DoubleToInteger(temporaries.number(offset)); \
+  } else if ((kind) == HotOperand::Constant) { \
+    *(out) = (offset); \
+  } else { \
+    first_row = OPERAND_ROW(kind, offset); \
     if (first_row && first_row->HoldsInteger()) { \
       *(out) = first_row->plain_integer(); \
     } else if (first_row && first_row->HoldsDouble()) { \
@@ -1080,86 +1144,120 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
       MISFIT_UNLESS(IntegerOf(Referred(first_row), out)) \
     } \
   }
-#define COMPARABLE_OF(kind, position, result, missing) \
+#define COMPARABLE_OF(kind, offset, result, missing) \
   if ((kind) == HotOperand::Temporary) { \
-    *(result) = temporaries.numbers[position]; \
+    *(result) = temporaries.number(offset); \
   } else if ((kind) == HotOperand::Constant) { \
     *(result) = op->number; \
   } else { \
-    other = OPERAND_ROW(kind, position); \
+    other = OPERAND_ROW(kind, offset); \
     if (other && other->HoldsDouble()) { \
       *(result) = other->plain_double(); \
     } else if (other && other->HoldsInteger()) { \
       *(result) = other->plain_integer(); \
     } else { \
-      variable = OPERAND(kind, position); \
+      variable = OPERAND(kind, offset); \
       if (!FIND_COMPARABLE(variable, result)) [[unlikely]] goto missing; \
     } \
   }
-// The order of two operands of which one was loaded. Texts are compared out of line.
-// What was loaded is a place here, with a variable if it is a text.
-#define LOADED_OF(kind, position, found) \
+// The order of two operands of which one was loaded, and is a place here. Texts are compared out of
+// line.
+#define LOADED_OF(kind, offset, found) \
   (found) = nullptr; \
   if ((kind) == HotOperand::Place) { \
-    (found) = temporaries.place(position); \
+    (found) = temporaries.text(offset); \
   } else if ((kind) <= HotOperand::Local) { \
-    (found) = OPERAND(kind, position); \
+    (found) = OPERAND(kind, offset); \
     MISFIT_UNLESS(found) \
   }
-#define LOADED_NUMBER(kind, position) \
+#define LOADED_NUMBER(kind, offset) \
   ((kind) == HotOperand::Constant ? op->number \
    : (kind) <= HotOperand::Local  ? 0.0 \
-                                : temporaries.numbers[position])
-// The same if both are numbers, as most are.
-#define LOADED_QUICKLY(kind, position, out) \
-  if ((kind) == HotOperand::Place) { \
-    if (temporaries.place(position)) goto compare_loaded; \
-    (out) = temporaries.numbers[position]; \
-  } else if ((kind) <= HotOperand::Local) { \
-    other = OPERAND_ROW(kind, position); \
-    if (other && other->HoldsDouble()) { \
-      (out) = other->plain_double(); \
-    } else if (other && other->HoldsInteger()) { \
-      (out) = other->plain_integer(); \
-    } else { \
-      goto compare_loaded; \
-    } \
-  } else { \
-    (out) = (kind) == HotOperand::Constant ? op->number : temporaries.numbers[position]; \
-  }
+                                : temporaries.number(offset))
 #define FIND_LOADED_ORDER \
   LOADED_OF(op->left, op->first, first_row) \
   LOADED_OF(op->right, op->second, second_row) \
   MISFIT_UNLESS(FindLoadedOrder(first_row, LOADED_NUMBER(op->left, op->first), second_row, \
                                 LOADED_NUMBER(op->right, op->second), &order, &texts))
 // Read the index of an element. If it is not a plain number, the action for all kinds is taken.
-#define ROW_INDEX(table, number, unusual) { \
-  const Variable* const row = rows[table][op->second].variable; \
-  if (!row) [[unlikely]] goto unusual; \
-  if (row->HoldsInteger()) { \
-    number = row->plain_integer(); \
-  } else if (row->HoldsDouble()) { \
-    number = DoubleToInteger(row->plain_double()); \
-  } else { \
-    goto unusual; \
-  } }
-#define INDEX_Global(number, unusual) ROW_INDEX(0, number, unusual)
-#define INDEX_Local(number, unusual) ROW_INDEX(1, number, unusual)
-#define INDEX_Temporary(number, unusual) number = DoubleToInteger(temporaries.numbers[op->second]);
+#define INDEX_Global(number, unusual) ROW_INTEGER(HotOperand::Global, op->second, number, unusual)
+#define INDEX_Local(number, unusual) ROW_INTEGER(HotOperand::Local, op->second, number, unusual)
+#define INDEX_Temporary(number, unusual) number = DoubleToInteger(temporaries.number(op->second));
 #define INDEX_Constant(number, unusual) number = op->second;
-// Finds the array in variable and the index in number.
-#define FIND_ELEMENT(kind, unusual) \
-  int number; \
+// Finds the elements or members of the array or structure at the left in tree.
+#define FIND_TREE(holds, unusual) \
   variable = OPERAND_ROW(op->left, op->first); \
   if (!variable) [[unlikely]] goto unusual; \
-  variable = variable->Real(); \
+  if (!variable->IsProvedPlain()) [[unlikely]] { \
+    variable = variable->Real(); \
+    if (!variable->IsPlain()) goto unusual; \
+  } \
+  if (!variable->holds()) [[unlikely]] goto unusual; \
+  AggregateElementTree* const tree = variable->plain_elements(); \
+  TELL_STACK
+// The same, and the index in number.
+#define FIND_ELEMENT(kind, unusual) \
+  int number; \
   INDEX_##kind(number, unusual) \
   if (number < 1) [[unlikely]] goto unusual; \
-  TELL_STACK
+  FIND_TREE(HoldsArray, unusual)
+// Stores a number in a variable that has a number in that form alone, or on the way of all others.
+#define STORE_DOUBLE(result) \
+  number_passed = result; \
+  variable = OPERAND_ROW(op->into, op->third); \
+  if (!variable || !variable->HoldsDouble()) [[unlikely]] goto store_double; \
+  variable->Rewrite(number_passed);
+#define STORE_INTEGER(result) \
+  const int stored = result; \
+  variable = OPERAND_ROW(op->into, op->third); \
+  if (!variable || !variable->HoldsInteger()) [[unlikely]] { \
+    number_passed = stored; \
+    goto store_integer; \
+  } \
+  variable->Rewrite(stored);
+// Stores the number of an element or member in a variable, the end of a group.
+#define STORE_SLOT(slot, unusual) { \
+  if ((slot)->IsVariable()) { \
+    other = (slot)->variable(); \
+    if (other->HoldsDouble()) { \
+      STORE_DOUBLE(other->plain_double()) \
+    } else { \
+      if (!other->HoldsInteger() || !other->is_stored_integer()) goto unusual; \
+      STORE_INTEGER(other->plain_integer()) \
+    } \
+  } else if ((slot)->IsInteger()) { \
+    STORE_INTEGER((slot)->integer()) \
+  } else { \
+    STORE_DOUBLE((slot)->number()) \
+  } \
+  NEXT(1) }
+// Stores a number in the element or member that was found.
+#define WRITE_SLOT(slot, number, unusual) { \
+  if (!(slot) || !(slot)->Overwrite(number)) [[unlikely]] goto unusual; \
+  NEXT(1) }
+// Stores an operand, whose kind and offset are told, in the slot. A number is stored as such only if
+// it is all of its value.
+#define STORE_IN_SLOT(slot, kind, offset, unusual) \
+  if ((kind) <= HotOperand::Local) { \
+    other = OPERAND_ROW(kind, offset); \
+    if (!other) [[unlikely]] goto unusual; \
+    if (other->HoldsDouble()) WRITE_SLOT(slot, other->plain_double(), unusual) \
+    if (!other->HoldsInteger()) goto unusual; \
+    WRITE_SLOT(slot, other->plain_integer(), unusual) \
+  } \
+  if ((kind) == HotOperand::Temporary) { \
+    const HotForm form = op->form == HotForm::AsLoaded ? temporaries.form(offset) : op->form; \
+    if (form == HotForm::Double) WRITE_SLOT(slot, temporaries.number(offset), unusual) \
+    if (form != HotForm::Integer) goto unusual; \
+    WRITE_SLOT(slot, static_cast<int>(temporaries.number(offset)), unusual) \
+  } \
+  if ((kind) != HotOperand::Constant) goto unusual; \
+  if (op->form == HotForm::Double) WRITE_SLOT(slot, op->number, unusual) \
+  WRITE_SLOT(slot, static_cast<int>(op->number), unusual)
 #define ELEMENT_AT(kind) \
   on_LoadElementAt##kind: { \
     FIND_ELEMENT(kind, on_LoadElement) \
-    const DenseSlot* const slot = variable->SearchSlot(number); \
+    const DenseSlot* const slot = tree->SearchSlot(number); \
     if (!slot) [[unlikely]] goto on_LoadElement; \
     if (slot->IsVariable()) { \
       variable = slot->variable(); \
@@ -1170,74 +1268,29 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   } \
   on_FindElementAt##kind: { \
     FIND_ELEMENT(kind, on_FindElement) \
-    variable = variable->SearchMade(number); \
+    variable = tree->SearchMade(number); \
     if (!variable) [[unlikely]] goto on_FindElement; \
     temporaries.place(op->third) = variable; \
     STEP \
   } \
   on_MoveElementAt##kind: { \
     FIND_ELEMENT(kind, on_MoveElement) \
-    const DenseSlot* const slot = variable->SearchSlot(number); \
-    if (!slot || slot->IsVariable()) goto on_MoveElement; \
-    variable = OPERAND_ROW(op->into, op->third); \
-    if (slot->IsInteger()) { \
-      number_passed = slot->integer(); \
-      if (!variable || !variable->HoldsInteger()) [[unlikely]] goto store_integer; \
-      variable->Write_Integer(slot->integer()); \
-    } else { \
-      number_passed = slot->number(); \
-      if (!variable || !variable->HoldsDouble()) [[unlikely]] goto store_double; \
-      variable->Write_Double(slot->number()); \
-    } \
-    NEXT(1) \
+    const DenseSlot* const slot = tree->SearchSlot(number); \
+    if (!slot) [[unlikely]] goto on_MoveElement; \
+    STORE_SLOT(slot, on_MoveElement) \
   } \
   on_StoreElementAt##kind: { \
     FIND_ELEMENT(kind, on_StoreElement) \
-    HotForm form = op->form; \
-    if (op->into == HotOperand::Temporary) { \
-      if (form == HotForm::AsLoaded) form = temporaries.forms[op->third]; \
-      number_passed = temporaries.numbers[op->third]; \
-    } else if (op->into <= HotOperand::Local) { \
-      other = OPERAND_ROW(op->into, op->third); \
-      if (!other) [[unlikely]] goto on_StoreElement; \
-      if (other->HoldsDouble()) { \
-        number_passed = other->plain_double(); \
-        form = HotForm::Double; \
-      } else { \
-        if (!other->HoldsInteger()) goto on_StoreElement; \
-        number_passed = other->plain_integer(); \
-        form = HotForm::Integer; \
-      } \
-    } else { \
-      if (op->into != HotOperand::Constant) goto on_StoreElement; \
-      number_passed = op->number; \
-    } \
-    if (form == HotForm::Double) { \
-      if (!variable->WriteElement(number, number_passed)) [[unlikely]] goto on_StoreElement; \
-    } else { \
-      if (form != HotForm::Integer || \
-          !variable->WriteElement(number, static_cast<int>(number_passed))) [[unlikely]] \
-        goto on_StoreElement; \
-    } \
-    NEXT(1) \
+    DenseSlot* const slot = tree->SearchOwnSlot(number); \
+    STORE_IN_SLOT(slot, op->into, op->third, on_StoreElement) \
   }
-// Stores in a variable that is an integer already, or on the way of all others.
-#define STORE_INTEGER(result) \
-  const int stored = result; \
-  variable = OPERAND_ROW(op->into, op->third); \
-  if (!variable || !variable->HoldsInteger()) [[unlikely]] { \
-    number_passed = stored; \
-    goto store_integer; \
-  } \
-  variable->Write_Integer(stored); \
-  NEXT(1)
 // An operation on one or two integers, and one on one or two truths.
 #define GROUP_INTEGERS(name, result) \
   on_##name##Of: { \
     int a, b; \
     INTEGER_OF(op->left, op->first, &a) \
     INTEGER_OF(op->right, op->second, &b) \
-    temporaries.numbers[op->third] = result; \
+    temporaries.number(op->third) = result; \
     STEP \
   } \
   on_##name##To: { \
@@ -1245,13 +1298,14 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     INTEGER_OF(op->left, op->first, &a) \
     INTEGER_OF(op->right, op->second, &b) \
     STORE_INTEGER(result) \
+    NEXT(1) \
   }
 #define GROUP_TRUTHS(name, result) \
   on_##name##Of: { \
     double a, b; \
     COMPARABLE_OF(op->left, op->first, &a, misfit) \
     COMPARABLE_OF(op->right, op->second, &b, misfit) \
-    temporaries.numbers[op->third] = result; \
+    temporaries.number(op->third) = result; \
     STEP \
   } \
   on_##name##To: { \
@@ -1259,10 +1313,12 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     COMPARABLE_OF(op->left, op->first, &a, misfit) \
     COMPARABLE_OF(op->right, op->second, &b, misfit) \
     STORE_INTEGER(result) \
+    NEXT(1) \
   }
   // clang-format on
 
-  rows[static_cast<int>(HotOperand::Place)] = temporaries.places;
+  hot->SetPlaces(places);
+  rows[static_cast<int>(HotOperand::Place)] = reinterpret_cast<const _VH_Entry*>(temporaries.rows);
   goto entered;
 
 on_PushInteger:
@@ -1487,9 +1543,8 @@ on_Jump:
   JUMP_ON(JumpGreaterEqual, order >= 0)
 
 on_CompareTopJump : {
-  int order;
   double a, b;
-  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE)
+  SINGLE_UNLESS(HOLDS_ONE)
   if (IsDouble(top - 1)) [[likely]] {
     a = top[-1].value.number;
   } else if (top[-1].kind == ZephVM_Stack::KindVariable) {
@@ -1498,71 +1553,75 @@ on_CompareTopJump : {
     SINGLE_UNLESS(top[-1].kind == ZephVM_Stack::KindInteger)
     a = top[-1].value.integer;
   }
-  if (op[1].single == HotAction::PushVariable) {
-    other = VARIABLE(op + 1);
-    SINGLE_UNLESS(FIND_COMPARABLE(other, &b))
+  if (op->right == HotOperand::Constant) {
+    b = op->number;
   } else {
-    b = op[1].number;
+    ROW_NUMBER(op->right, op->second, b, unusual_top)
   }
-  order = OrderOf(a, b);
-  JUMP_IF(Jumps(op, order), op + 3, 4)
+  JUMP_IF(Jumps(op, OrderOf(a, b)), op + 3, 4)
+unusual_top:
+  other = OPERAND(op->right, op->second);
+  SINGLE_UNLESS(FIND_COMPARABLE(other, &b))
+  JUMP_IF(Jumps(op, OrderOf(a, b)), op + 3, 4)
 }
 on_CompareConstant : {
   int order;
-  LEAVE_UNLESS(HAS_ROOM && FindOrder(ROW_OF(op), op->second, &order))
+  LEAVE_UNLESS(HAS_ROOM && FindOrder(GLOBAL(op->first), op->second, &order))
   PUSH(SetInteger(order - 1))
   NEXT(1)
 }
 on_CompareConstantJump : {
   int order;
-  LEAVE_UNLESS(HAS_ROOM && FindOrder(ROW_OF(op), op->second, &order))
+  LEAVE_UNLESS(FindOrder(GLOBAL(op->first), op->second, &order))
   JUMP_IF(Jumps(op + 1, order), op + 1, 2)
 }
 on_CompareGlobals : {
   int order;
   LEAVE_UNLESS(HAS_ROOM)
-  if (!FindOrder(ROW_OF(op), SECOND_ROW(op), &order)) goto on_Handler;
+  if (!FindOrder(GLOBAL(op->first), GLOBAL(op->second), &order)) goto on_Handler;
   PUSH(SetInteger(order - 1))
   NEXT(1)
 }
 on_CompareGlobalsJump : {
   int order;
-  LEAVE_UNLESS(HAS_ROOM)
-  if (!FindOrder(ROW_OF(op), SECOND_ROW(op), &order)) {
-    if (!FindOrderOfVariables(ROW_OF(op), SECOND_ROW(op), &order)) goto on_Handler;
+  if (!FindOrder(GLOBAL(op->first), GLOBAL(op->second), &order)) {
+    if (!FindOrderOfVariables(GLOBAL(op->first), GLOBAL(op->second), &order)) goto on_Handler;
     JUMP_IF_AFTER_WORK(Jumps(op + 1, order), op + 1, 2)
   }
   JUMP_IF(Jumps(op + 1, order), op + 1, 2)
 }
 on_ModGlobals : {
   int order, number;
-  LEAVE_UNLESS(HAS_ROOM && IntegerOf(ROW_OF(op), &order) && IntegerOf(SECOND_ROW(op), &number) &&
-               number != 0)
+  LEAVE_UNLESS(HAS_ROOM && IntegerOf(GLOBAL(op->first), &order) &&
+               IntegerOf(GLOBAL(op->second), &number) && number != 0)
   PUSH(SetInteger(Remainder(order, number)))
   NEXT(1)
 }
 on_ModGlobalsJump : {
   int order, number;
-  LEAVE_UNLESS(HAS_ROOM && IntegerOf(ROW_OF(op), &order) && IntegerOf(SECOND_ROW(op), &number) &&
+  LEAVE_UNLESS(IntegerOf(GLOBAL(op->first), &order) && IntegerOf(GLOBAL(op->second), &number) &&
                number != 0)
   JUMP_IF(Jumps(op + 1, OrderOf(Remainder(order, number), 0)), op + 1, 2)
 }
 on_Increment : {
   int number;
-  variable = ROW_OF(op);
+  variable = GLOBAL(op->first);
   LEAVE_UNLESS(IntegerOf(variable, &number))
   variable->Write_Integer(WrapAdd(number, op->second));
   NEXT(1)
 }
 on_IncrementCompareJump : {
-  variable = ROW_OF(op);
-  SINGLE_UNLESS(HAS_ROOM && variable && variable->HoldsInteger())
+  variable = GLOBAL(op->first);
+  SINGLE_UNLESS(variable && variable->HoldsInteger())
   const int number = WrapAdd(variable->plain_integer(), op->second);
+  const int end = op[1].second;
   variable->Write_Integer(number);
-  JUMP_IF(Jumps(op + 2, OrderOf(number, op[1].second)), op + 2, 3)
+  if (op[2].single == HotAction::JumpLessEqual) [[likely]]
+    JUMP_IF(number <= end, op + 2, 3)
+  JUMP_IF(Jumps(op + 2, OrderOf(number, end)), op + 2, 3)
 }
 on_StoreConstant:
-  variable = ROW_OF(op);
+  variable = GLOBAL(op->first);
   LEAVE_UNLESS(variable && variable->IsPlain())
   variable->Write_Integer(op->second);
   NEXT(1)
@@ -1692,7 +1751,7 @@ written:
   op += 2;
   if (stop_flag | RAISED) goto on_Leave;
   RAN(op)
-  GO_TO(op->action);
+  GO;
 
   ZEPH_HOT_PAIRS(GROUP_ADD, )
   ZEPH_HOT_PAIRS(GROUP_SUB, )
@@ -1715,7 +1774,7 @@ written:
 on_BitNotOf : {
   int b;
   INTEGER_OF(op->right, op->second, &b)
-  temporaries.numbers[op->third] = ~b;
+  temporaries.number(op->third) = ~b;
   STEP
 }
 on_BitNotTo : {
@@ -1728,7 +1787,7 @@ on_BitNotTo : {
 on_NotOf : {
   double b;
   COMPARABLE_OF(op->right, op->second, &b, misfit)
-  temporaries.numbers[op->third] = b == 0.0;
+  temporaries.number(op->third) = b == 0.0;
   STEP
 }
 on_NotTo : {
@@ -1742,7 +1801,7 @@ on_CompareOf : {
   double a, b;
   COMPARABLE_OF(op->left, op->first, &a, misfit)
   COMPARABLE_OF(op->right, op->second, &b, misfit)
-  temporaries.numbers[op->third] = Jumps(op, OrderOf(a, b));
+  temporaries.number(op->third) = Jumps(op, OrderOf(a, b));
   STEP
 }
   ZEPH_HOT_PAIRS(GROUP_COMPARE, )
@@ -1759,7 +1818,7 @@ on_CompareLoadedOf : {
   bool texts;
   FIND_LOADED_ORDER
   MISFIT_UNLESS(!texts || IsShort(first_row) || IsShort(second_row))
-  temporaries.numbers[op->third] = Jumps(op, order);
+  temporaries.number(op->third) = Jumps(op, order);
   STEP
 }
 on_CompareLoadedTo : {
@@ -1770,23 +1829,11 @@ on_CompareLoadedTo : {
   variable->Write_Integer(Jumps(op, order));
   NEXT_AFTER_WORK(1)
 }
-on_JumpIfLoaded : {
-  int order;
-  bool texts;
-  double a, b;
-  LOADED_QUICKLY(op->left, op->first, a)
-  LOADED_QUICKLY(op->right, op->second, b)
-  JUMP_IF(Jumps(op, OrderOf(a, b)), op, 1)
-compare_loaded:
-  FIND_LOADED_ORDER
-  if (texts) JUMP_IF_AFTER_WORK(Jumps(op, order), op, 1)
-  JUMP_IF(Jumps(op, order), op, 1)
-}
 on_CompareTextOf : {
   int order;
   variable = BASE_OF(op);
   MISFIT_UNLESS(op->length <= kShort && FindOrderOfText(variable, op, &order))
-  temporaries.numbers[op->third] = Jumps(op, order);
+  temporaries.number(op->third) = Jumps(op, order);
   STEP
 }
 on_CompareTextTo : {
@@ -1809,6 +1856,12 @@ on_JumpIfText : {
 unusual_comparison : {
   double a, b;
   int order;
+  if (op->left == HotOperand::Place || op->right == HotOperand::Place) {
+    bool texts;
+    FIND_LOADED_ORDER
+    if (texts) JUMP_IF_AFTER_WORK(Jumps(op, order), op, 1)
+    JUMP_IF(Jumps(op, order), op, 1)
+  }
   if (ReadOperand<IsComparableSlow>(op->left, op->first, op, rows, temporaries, &a) &&
       ReadOperand<IsComparableSlow>(op->right, op->second, op, rows, temporaries, &b)) {
     JUMP_IF(Jumps(op, OrderOf(a, b)), op, 1)
@@ -1826,7 +1879,7 @@ unusual_pair : {
   const bool stored = op->action >= first_to;
   number_passed = Calculate(op->action, stored ? first_to : HotAction::AddOfGlobalGlobal, a, b);
   if (stored) goto store_double;
-  temporaries.numbers[op->third] = number_passed;
+  temporaries.number(op->third) = number_passed;
   STEP
 }
 store_double:
@@ -1838,7 +1891,7 @@ store_integer:
   variable->Write_Integer(static_cast<int>(number_passed));
   NEXT(1)
 on_JumpIfNumber:
-  JUMP_IF(Jumps(op, OrderOf(DoubleToInteger(temporaries.numbers[op->first]), 0)), op, 1)
+  JUMP_IF(Jumps(op, OrderOf(DoubleToInteger(temporaries.number(op->first)), 0)), op, 1)
 on_CheckRoom:
   MISFIT_UNLESS(s->Limit() - top >= op->first)
   STEP on_NoteLine : current_line = op->first;
@@ -1877,11 +1930,8 @@ on_CheckRoom:
     STEP
   }
 on_LoadMember : {
-  DenseSlot bare;
-  variable = BASE_OF(op);
-  MISFIT_UNLESS(variable)
-  TELL_STACK
-  if (const DenseSlot* const slot = variable->SearchMemberSlot(op->hint)) [[likely]] {
+  FIND_TREE(HoldsStructure, load_member_slowly)
+  if (const DenseSlot* const slot = tree->SearchMember(op->hint)) [[likely]] {
     if (slot->IsVariable()) {
       variable = slot->variable();
       goto load_variable;
@@ -1889,6 +1939,12 @@ on_LoadMember : {
     temporaries.Set(op->third, *slot);
     STEP
   }
+}
+load_member_slowly : {
+  DenseSlot bare;
+  variable = BASE_OF(op);
+  MISFIT_UNLESS(variable)
+  TELL_STACK
   if (variable->FindNumberMember(op->text, op->length, &op->hint, &bare)) {
     temporaries.Set(op->third, bare);
     STEP
@@ -1925,14 +1981,14 @@ on_FindMember:
     number_passed = first_row->plain_double();
     if (!variable || !variable->HoldsDouble()) [[unlikely]]
       goto store_double;
-    variable->Write_Double(number_passed);
+    variable->Rewrite(number_passed);
     NEXT(1)
   }
   if (first_row && first_row->HoldsInteger()) {
     number_passed = first_row->plain_integer();
     if (!variable || !variable->HoldsInteger()) [[unlikely]]
       goto store_integer;
-    variable->Write_Integer(first_row->plain_integer());
+    variable->Rewrite(first_row->plain_integer());
     NEXT(1)
   }
   FIND_TARGET
@@ -1955,10 +2011,10 @@ on_MoveNumber : {
   if (op->form == HotForm::Integer) {
     variable->Write_Integer(op->left == HotOperand::Constant
                                 ? op->first
-                                : static_cast<int>(temporaries.numbers[op->first]));
+                                : static_cast<int>(temporaries.number(op->first)));
   } else {
     variable->Write_Double(op->left == HotOperand::Constant ? op->number
-                                                            : temporaries.numbers[op->first]);
+                                                            : temporaries.number(op->first));
   }
   NEXT(1)
 }
@@ -1993,25 +2049,12 @@ on_MoveElement : {
   NEXT_AFTER_WORK(1)
 }
 on_MoveMember : {
-  variable = BASE_OF(op);
-  MISFIT_UNLESS(variable)
+  FIND_TREE(HoldsStructure, move_member_slowly)
+  if (const DenseSlot* const slot = tree->SearchMember(op->hint)) [[likely]]
+    STORE_SLOT(slot, move_member_slowly)
+}
+move_member_slowly : {
   TELL_STACK
-  const DenseSlot* const slot = variable->SearchMemberSlot(op->hint);
-  if (slot && !slot->IsVariable()) [[likely]] {
-    variable = OPERAND_ROW(op->into, op->third);
-    if (slot->IsInteger()) {
-      number_passed = slot->integer();
-      if (!variable || !variable->HoldsInteger()) [[unlikely]]
-        goto store_integer;
-      variable->Write_Integer(slot->integer());
-    } else {
-      number_passed = slot->number();
-      if (!variable || !variable->HoldsDouble()) [[unlikely]]
-        goto store_double;
-      variable->Write_Double(slot->number());
-    }
-    NEXT(1)
-  }
   FIND_TARGET
   Variable* const target = variable;
   variable = BASE_OF(op);
@@ -2044,13 +2087,14 @@ on_StoreElement : {
   INTEGER_OF(op->right, op->second, &number)
   MISFIT_UNLESS(variable && number >= 1)
   if (op->into == HotOperand::Temporary) {
-    value = temporaries.numbers[op->third];
-    first_row = nullptr;
+    value = temporaries.number(op->third);
     if (form == HotForm::AsLoaded) {
-      form = temporaries.forms[op->third];
-      first_row = temporaries.place(op->third);
+      form = temporaries.form(op->third);
+      if (form == HotForm::AsLoaded) {
+        first_row = temporaries.place(op->third);
+        goto store_value;
+      }
     }
-    if (first_row) goto store_value;
   } else if (op->into == HotOperand::Constant) {
     value = op->number;
   } else if (op->into == HotOperand::Text) {
@@ -2086,16 +2130,23 @@ store_value:
   NEXT_AFTER_WORK(1)
 }
 on_StoreMember : {
+  FIND_TREE(HoldsStructure, store_member_slowly)
+  DenseSlot* const slot = tree->SearchOwnMember(op->hint);
+  STORE_IN_SLOT(slot, op->right, op->second, store_member_slowly)
+}
+store_member_slowly : {
   double value;
   HotForm form = op->form;
   variable = BASE_OF(op);
   MISFIT_UNLESS(variable && variable->HoldsStructure())
   if (op->right == HotOperand::Temporary) {
-    value = temporaries.numbers[op->second];
+    value = temporaries.number(op->second);
     if (form == HotForm::AsLoaded) {
-      form = temporaries.forms[op->second];
-      first_row = temporaries.place(op->second);
-      if (first_row) goto store_member_value;
+      form = temporaries.form(op->second);
+      if (form == HotForm::AsLoaded) {
+        first_row = temporaries.place(op->second);
+        goto store_member_value;
+      }
     }
   } else if (op->right == HotOperand::Constant) {
     value = op->number;
@@ -2124,7 +2175,7 @@ store_member_value:
   NEXT_AFTER_WORK(1)
 }
 on_PushNumber : {
-  const double number = temporaries.numbers[op->first];
+  const double number = temporaries.number(op->first);
   MISFIT_UNLESS(HAS_ROOM)
   if (op->form == HotForm::Integer) {
     PUSH(SetInteger(static_cast<int>(number)))
@@ -2170,20 +2221,20 @@ misfit : {
   op->misfit_time = now;
   if (++op->misfits == kMostMisfits) {
     op->misfits = kRest;
-    op->fast->action = HotAction::Rest;
+    SET_ACTION(op->fast, HotAction::Rest)
   }
-  GO_TO(op->single);
+  GO_ALONE;
 }
 on_Rest:
   op = op->plain;
-  if (--op->misfits == 0) op->fast->action = op->fast->single;
-  GO_TO(op->single);
+  if (--op->misfits == 0) SET_ACTION(op->fast, op->fast->single)
+  GO_ALONE;
 on_Resume:
   op = op->fast;
-  GO_TO(op->action);
+  GO;
 on_ReturnNumber:
   called = static_cast<ZephVM_FunctionFrame*>(frame);
-  number_passed = op->left == HotOperand::Constant ? op->number : temporaries.numbers[op->first];
+  number_passed = op->left == HotOperand::Constant ? op->number : temporaries.number(op->first);
   form_passed = op->form;
   if (RETURNS_TO_DECODED) [[likely]]
     goto return_number;
@@ -2220,9 +2271,9 @@ on_CallWith : {
       }
       if (BeginWithScalar(parameter, variable, &patience)) continue;
     } else if (argument->left == HotOperand::Temporary) {
-      const double value = temporaries.numbers[argument->first];
+      const double value = temporaries.number(argument->first);
       const HotForm form =
-          argument->form == HotForm::AsLoaded ? temporaries.forms[argument->first] : argument->form;
+          argument->form == HotForm::AsLoaded ? temporaries.form(argument->first) : argument->form;
       if (form == HotForm::Double) {
         parameter->Begin(value);
         continue;
@@ -2318,7 +2369,7 @@ enter : {
   STARTED
   if (--patience == 0) [[unlikely]]
     goto look;
-  GO_TO(op->action);
+  GO;
 }
 // The code of the function is not decoded, or has been decoded since the last call.
 enter_segment:
@@ -2500,7 +2551,7 @@ returned : {
     goto moved;
   ASK_STACK
   rows[1] = caller->variables->Rows(&counts[1]);
-  GO_TO(op->action);
+  GO;
 }
 
 #ifdef __clang__
@@ -2512,7 +2563,7 @@ look:
   elapsed += kPatience;
   patience = kPatience;
   if (RAISED) goto on_Leave;
-  GO_TO(op->action);
+  GO;
 
 // The called code may have written to this segment, which drops its decoded form, or be in another
 // one.
@@ -2526,6 +2577,7 @@ moved:
     hot = segment->hot();
     if (!hot) return;
   }
+  hot->SetPlaces(places);
   code_serial = hot->serial();
   op = hot->At(program_counter);
   if (!op) return;
@@ -2535,7 +2587,7 @@ entered:
   ASK_ROWS
   STARTED
   LEAVE_UNLESS(top <= limit)
-  GO_TO(op->action);
+  GO;
 
 on_Leave:
   if (!stop_flag) {
@@ -2544,7 +2596,9 @@ on_Leave:
   TELL_STACK
   program_counter = op->start;
 #undef GO_TO_PLACE
-#undef GO_TO
+#undef SET_ACTION
+#undef GO
+#undef GO_ALONE
 #undef STARTED
 #undef RAN
 #undef RAN_UP_TO
@@ -2561,7 +2615,7 @@ on_Leave:
 #undef MADE_AT
 #undef VARIABLE_AT
 #undef VARIABLE
-#undef SECOND_ROW
+#undef GLOBAL
 #undef WAKE
 #undef TELL_STACK
 #undef ASK_STACK
@@ -2603,7 +2657,16 @@ on_Leave:
 #undef NUMBER_Constant
 #undef ROW_NUMBER
 #undef OPERAND_ROW
-#undef ROW_INDEX
+#undef ROW_INTEGER
+#undef FIND_TREE
+#undef STORE_DOUBLE
+#undef STORE_SLOT
+#undef WRITE_SLOT
+#undef STORE_IN_SLOT
+#undef NO_TEXT_Global
+#undef NO_TEXT_Local
+#undef NO_TEXT_Temporary
+#undef NO_TEXT_Constant
 #undef INDEX_Global
 #undef INDEX_Local
 #undef INDEX_Temporary
@@ -2630,7 +2693,6 @@ on_Leave:
 #undef OPERAND
 #undef INTEGER_OF
 #undef COMPARABLE_OF
-#undef LOADED_QUICKLY
 #undef LOADED_OF
 #undef LOADED_NUMBER
 #undef FIND_LOADED_ORDER

@@ -433,6 +433,14 @@ AggregateElementTree* AggregateElementTree::ShareCopy() {
   return copy.release();
 }
 
+bool AggregateElementTree::BecomeShareOf(AggregateElementTree* source) {
+  if (is_exposed || members.IsEmpty() || source->members.IsEmpty()) return false;
+  entries = source->entries;
+  is_isolated = true;
+  members.BecomeShareOf(&source->members);
+  return true;
+}
+
 void AggregateElementTree::TakeShapeOfCopy() {
   if (dense.count() > 0) {
     dense.TakeShapeOfCopy(&dense);

@@ -156,6 +156,9 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
     is_isolated = false;
     return dense.FindMade(position);
   }
+  // The value of an element of a row, by a search, to write to it; null and no search for others,
+  // and where a copy has the same slots.
+  DenseSlot* SearchOwnSlot(int position) { return dense.SearchOwnSlot(position); }
   // Finds an element of a row that is only a number, by a search. Returns false and makes no search
   // for others.
   bool FindBare(int position, DenseSlot* found) {
@@ -205,14 +208,16 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   // The member that a hint has, by a search, to read; null and no search if the hint is out of
   // date.
   const DenseSlot* SearchMember(const MemberHint& hint) { return members.Search(hint); }
+  // The same to write to it; null and no search also if a copy has the same slots.
+  DenseSlot* SearchOwnMember(const MemberHint& hint) { return members.SearchOwn(hint); }
   // Stores a number in a member, which is inserted if it is missing; a search. Returns false and
   // does nothing where that takes more work. REQUIRES: as above.
   template <typename Number>
   bool WriteMember(const char* name, int length, MemberHint* hint, Number number) {
     if (!DenseSlot::Takes(number)) return false;
-    if (DenseSlot* const slot = members.SearchBare(*hint)) [[likely]] {
-      *slot = DenseSlot(number);
-      return true;
+    if (DenseSlot* const slot = members.SearchOwn(*hint)) [[likely]] {
+      if (slot->Overwrite(number)) [[likely]]
+        return true;
     }
     return WriteSlot(name, length, hint, DenseSlot(number));
   }
@@ -282,6 +287,10 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   // Returns a new tree, the caller's, that is a copy of this one and shares its slots.
   // REQUIRES: IsIsolated().
   [[nodiscard]] AggregateElementTree* ShareCopy();
+  // Makes this a copy of the members of another tree, which replace its own, and shares their
+  // slots. Returns false and does nothing if either is no flat members, or a caller may have this
+  // tree. REQUIRES: source->IsIsolated().
+  bool BecomeShareOf(AggregateElementTree* source);
   // Gives a row or flat members the shape that a copy of them would have.
   void TakeShapeOfCopy();
 
@@ -374,6 +383,28 @@ void AggregateElementTree::ForEachVariable(Visit visit) {
     if (node->item->variable) visit(node->item->variable);
     node = node->right;
   }
+}
+
+inline bool DenseSlot::Overwrite(int number) {
+  if (IsVariable()) {
+    if (!variable()->HoldsInteger()) return false;
+    variable()->Rewrite(number);
+  } else {
+    *this = DenseSlot(number);
+  }
+  return true;
+}
+
+inline bool DenseSlot::Overwrite(double number) {
+  if (IsVariable()) {
+    if (!variable()->HoldsDouble()) return false;
+    variable()->Rewrite(number);
+    return true;
+  }
+  if (!Takes(number)) [[unlikely]]
+    return false;
+  *this = DenseSlot(number);
+  return true;
 }
 
 inline Variable* Variable::Member(const char* name, int length, int create, MemberHint* hint) {

@@ -147,7 +147,14 @@ class DenseElements {
     const unsigned slot = static_cast<unsigned>(position) - static_cast<unsigned>(base);
     if (slot >= static_cast<unsigned>(count_)) return nullptr;
     Touch(static_cast<int>(slot) + 1);
-    return &slots[slot];
+    return There(&slots[slot]);
+  }
+  // The same to write to; null and no search also if another row may have the slots.
+  DenseSlot* SearchOwnSlot(int position) {
+    const unsigned slot = static_cast<unsigned>(position) - static_cast<unsigned>(base);
+    if (slot >= static_cast<unsigned>(count_) || is_shared) return nullptr;
+    Touch(static_cast<int>(slot) + 1);
+    return There(&slots[slot]);
   }
 
   // Whether an element with that position can be added: the next one, or a first one.
@@ -219,6 +226,11 @@ class DenseElements {
     bool shaped = false;  // the runs follow the shape, else the chain
   };
 
+  // Tells the compiler that a slot is there, so that a caller's test for null costs nothing.
+  static DenseSlot* There(DenseSlot* slot) {
+    if (!slot) __builtin_unreachable();
+    return slot;
+  }
   // Notes a search of that rank. REQUIRES: the rank is in the row.
   void Touch(int rank) {
     if (rank == top || forgetful) return;

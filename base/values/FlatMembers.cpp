@@ -102,6 +102,21 @@ void FlatMembers::ShareWith(FlatMembers* other) {
   TakeShapeOfCopy();
 }
 
+// Releasing the old variables may run code that uses the structure, or delete the other one, so it
+// comes last.
+void FlatMembers::BecomeShareOf(FlatMembers* other) {
+  const int members = count();
+  MemberLayout* const old_layout = layout;
+  DenseSlot* const old = slots;
+  layout = other->layout;
+  layout->Hold();
+  slots = SlotTable::Share(other->slots);
+  is_shared = other->is_shared = true;
+  TakeShapeOfCopy();
+  old_layout->Release();
+  SlotTable::Release(old, members);
+}
+
 void FlatMembers::BecomeCopyOf(const FlatMembers& other, bool apart) {
   if (other.IsEmpty()) return;
   const int members = other.count();

@@ -57,14 +57,8 @@ class FlatMembers {
     Touch(hint.slot);
     return &slots[hint.slot];
   }
-  // The same to write to, if it has no variable.
-  DenseSlot* SearchBare(const MemberHint& hint) {
-    if (!layout || hint.layout != layout->serial() || is_shared || slots[hint.slot].IsVariable()) {
-      return nullptr;
-    }
-    Touch(hint.slot);
-    return &slots[hint.slot];
-  }
+  // The same to write to, if no other structure may have it.
+  DenseSlot* SearchOwn(const MemberHint& hint) { return is_shared ? nullptr : Search(hint); }
   // A search for a name that is missing.
   void TouchMissing(const char* name, int length);
   // The value of a slot, which may be read. REQUIRES: the slot is below count().
@@ -85,6 +79,8 @@ class FlatMembers {
   // Makes this, which is empty, a copy of other members that shares their table. REQUIRES: their
   // values are isolated.
   void ShareWith(FlatMembers* other);
+  // The same for members that are not empty, and are released: what is in them is only used before.
+  void BecomeShareOf(FlatMembers* other);
   // Gives this, which is empty, the names of other members and as many null variables, which the
   // caller replaces. With apart, nothing of it is shared with them.
   void BecomeCopyOf(const FlatMembers& other, bool apart);

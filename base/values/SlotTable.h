@@ -28,6 +28,10 @@ class DenseSlot {
   Variable* variable() const { return reinterpret_cast<Variable*>(word); }
   int integer() const { return static_cast<int>(static_cast<uint32_t>(word)); }
   double number() const { return std::bit_cast<double>(word - DoubleOffset); }
+  // Replaces a number, also that of a variable that has it alone and in the same form. Returns
+  // false and does nothing for others. In base/values/Aggregate.h.
+  inline bool Overwrite(int number);
+  inline bool Overwrite(double number);
 
  private:
   static constexpr uint64_t DoubleOffset = uint64_t{1} << 49;

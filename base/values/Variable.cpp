@@ -607,6 +607,11 @@ void Variable::Assign(Variable& source, bool apart) {
   }
 }
 
+bool Variable::ShareMembers(Variable& source) {
+  return HoldsStructure() && source.HoldsStructure() && IsPlain() && source.IsPlain() &&
+         source.elements->IsIsolated() && elements->BecomeShareOf(source.elements);
+}
+
 bool Variable::MoveElements(Variable* source) {
   if (source == this || !IsPlain() || !source->IsPlain() || (source->state & Suspect)) return false;
   AggregateElementTree* const moved = source->elements;

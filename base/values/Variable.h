@@ -202,6 +202,8 @@ class Variable {
   // Whether the object is a Variable, not of a derived class, and no reference: then no value is
   // computed, no store refused, and value and elements are the object's own.
   bool IsPlain() const { return !(state & NotPlain) || ProvesPlain(); }
+  // The same if the object's class is known already, as it is after its first use.
+  bool IsProvedPlain() const { return !(state & NotPlain); }
   // The same, but its text may be watched (DeferredText.h): operations run no code of a derived
   // class.
   bool IsOrdinary() const { return !(state & NotOrdinary) || ProvesOrdinary(); }
@@ -239,6 +241,9 @@ class Variable {
   int plain_count() const { return refcount_; }
   bool HoldsArray() const { return aggregate == AggregateArray; }
   bool HoldsStructure() const { return aggregate == AggregateStructure; }
+  // The elements, null for a scalar. They are only for operations that lend none of them.
+  // REQUIRES: IsPlain().
+  AggregateElementTree* plain_elements() const { return elements; }
 
   // value_integer()
   int Read_Integer() {
@@ -288,8 +293,7 @@ class Variable {
       if (IsAsleep()) Wake();
       SetForms(IntegerForm);
     }
-    integer_value = value;
-    primary = PrimaryInteger;
+    Rewrite(value);
     return 1;
   }
   // SetValue_Double()
@@ -299,9 +303,18 @@ class Variable {
       if (IsAsleep()) Wake();
       SetForms(DoubleForm);
     }
+    Rewrite(value);
+    return 1;
+  }
+  // The same for a variable that has a number in that form and no other. REQUIRES: HoldsInteger().
+  void Rewrite(int value) {
+    integer_value = value;
+    primary = PrimaryInteger;
+  }
+  // REQUIRES: HoldsDouble().
+  void Rewrite(double value) {
     double_value = value;
     primary = PrimaryDouble;
-    return 1;
   }
   // SetValue(source)
   int Write_Value(Variable& source) {
@@ -359,6 +372,9 @@ class Variable {
   bool TakeValue(Variable* source) {
     return source->elements && source->refcount_ == 1 && MoveElements(source);
   }
+  // SetValue(source) for a structure that replaces a structure, if the two can share their members.
+  // Returns false and changes nothing for others. REQUIRES: the caller has a count on both.
+  bool ShareMembers(Variable& source);
   // IncRefCount() and DecRefCount()
   void Hold() { ++refcount_; }
   void Release() {

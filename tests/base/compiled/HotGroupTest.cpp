@@ -67,7 +67,7 @@ TEST(HotGroup, ElementsAndMembersAreFoundOnTheWay) {
             "LoadElementAtConstant AddOfTemporaryGlobal StoreElementAtConstant");
   EXPECT_EQ(Records("pushg a\npushi 1\nelem_readonly\npushg a\npushi 2\nelem_readonly\ngt\n"
                     "jmp_eq x\nx: "),
-            "LoadElementAtConstant LoadElementAtConstant JumpIfLoaded");
+            "LoadElementAtConstant LoadElementAtConstant JumpIfLessEqualTemporaryTemporary");
 }
 
 TEST(HotGroup, ACallTakesItsArgumentsFromWhereTheyAre) {
@@ -86,6 +86,30 @@ TEST(HotGroup, AJumpIntoAnExpressionFindsItsStack) {
 
 TEST(HotGroup, ALineWithinAnExpressionIsNoted) {
   EXPECT_EQ(Records("pushg a\nlineno 7\npushi 1\nadd\npopg b\n"), "NoteLine AddToGlobalConstant");
+}
+
+TEST(HotGroup, TheEndOfACountingLoopIsOneRecordThoughItsFirstEntryJumpsIntoIt) {
+  EXPECT_EQ(Records("storegi i, 1\njmp x\ny: lineno 2\nincg i, 1\nx: cmpgi i, 9\njmp_le y\n"),
+            "StoreConstant Jump Line IncrementCompareJump CompareConstant JumpLessEqual");
+}
+
+TEST(HotGroup, OperandsThatAreNoConstantsAreToldByTheirOffset) {
+  Machine machine;
+  machine.Assemble("pushg a\npushi 5\nadd\npushg b\nmul\npopg c\nexit\n");
+  const Segment& segment = *machine.segments.Start();
+  const HotCode hot(segment.code(), segment.length(), machine.dictionary, &machine.functions);
+  const auto offset = [&machine](const char* name) {
+    return HotOp::Offset(machine.global.Seek(-1, name, -1, nullptr));
+  };
+  const HotOp* const sum = hot.At(0);
+  ASSERT_EQ(sum->action, HotAction::AddOfGlobalConstant);
+  EXPECT_EQ(sum->first, offset("a"));
+  EXPECT_EQ(sum->second, 5);
+  EXPECT_EQ(sum->third, HotOp::Offset(0));
+  EXPECT_EQ(sum[1].first, HotOp::Offset(0));
+  EXPECT_EQ(sum[1].second, offset("b"));
+  EXPECT_EQ(sum[1].third, offset("c"));
+  EXPECT_EQ(HotOp::PositionOf(HotOp::Offset(17)), 17);
 }
 
 TEST(HotGroup, AStepOfALoopOverAnArrayIsOneRecord) {

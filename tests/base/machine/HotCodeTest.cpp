@@ -814,6 +814,108 @@ TEST(HotCode, ALongTextIsComparedWithAConstant) {
   }
 }
 
+// Texts among the elements are compared as texts, and a number may be NaN.
+TEST(HotCode, ElementsOfAllKindsAreComparedWithEachOtherAndWithVariables) {
+  const char* const values[] = {"pushi 3\n",       "pushf 2.5\n",   "pushc \"abc\"\n",
+                                "pushc \"abd\"\n", "pushc \"3\"\n", "pushc \"nan\"\npushi 1\nmul\n",
+                                "pushc \"\"\n"};
+  for (const char* compare : {"lt", "le", "gt", "ge", "eq", "ne", "cmp"}) {
+    std::string fill, tests;
+    int label = 0;
+    const auto test = [&](const std::string& left, const std::string& right) {
+      const std::string skip = "s" + std::to_string(label++);
+      tests += left + right + compare +
+               (std::string(compare) == "cmp" ? "\njmp_lt " : "\njmp_ne ") + skip +
+               "\npushc \"-\"\nout\n" + skip + ": pushc \"+\"\nout\n";
+    };
+    for (int i = 1; i <= 7; i++) {
+      const std::string here = "pushg a\npushi " + std::to_string(i) + "\n";
+      const std::string member = "pushg s\npushc \"m" + std::to_string(i) + "\"\n";
+      const std::string variable = "v" + std::to_string(i);
+      fill += values[i - 1] + here + "elem\nstore\n" + values[i - 1] + member + "memb\nstore\n" +
+              values[i - 1] + "popg " + variable + "\n";
+      for (int k = 1; k <= 7; k++) {
+        const std::string other = "pushg a\npushi " + std::to_string(k) + "\nelem_readonly\n";
+        test(here + "elem_readonly\n", other);
+        test(member + "memb_readonly\n", other);
+        test("pushg " + variable + "\n", other);
+        test(other, "pushg " + variable + "\n");
+      }
+      test(here + "elem_readonly\n", "pushi 3\n");
+      test(here + "elem_readonly\n", "pushf 2.5\n");
+    }
+    SCOPED_TRACE(compare);
+    // Long code is decoded later.
+    ExpectTheSameHotAndCold(fill + "storegi n, 0\nagain: incg n, 1\n" + tests + "cmpgi n, " +
+                            std::to_string(4 * kRounds) + "\njmp_lt again\nexit\n");
+  }
+}
+
+// Numbers in elements and members that have variables, and those without, are stored and moved
+// alike; what is no number in one form goes another way.
+TEST(HotCode, NumbersOfAllFormsAreStoredInElementsAndMoved) {
+  const char* const values[] = {"pushi 7\n",
+                                "pushf 0.5\n",
+                                "pushg i\n",
+                                "pushg d\n",
+                                "pushg both\n",
+                                "pushg text\n",
+                                "pushg none\n",
+                                "pushg i\npushi 1\nadd\n",
+                                "pushg i\npushi 3\nmod\n",
+                                "pushg nan\n",
+                                "pushg a\npushi 2\nelem_readonly\n",
+                                "pushg s\npushc \"y\"\nmemb_readonly\n"};
+  const char* const places[] = {"pushg a\npushi 1\n", "pushg a\npushg i\n", "pushg a\npushg d\n",
+                                "pushg a\npushg both\n", "pushg a\npushg i\npushi 1\nadd\n"};
+  for (const char* value : values) {
+    std::string body;
+    const auto show = [&body](const std::string& look_up) {
+      body += look_up + "popg x\npushg x\nout\npushc \" \"\nout\n";
+    };
+    for (const char* place : places) {
+      body += value + std::string(place) + "elem\nstore\n";
+      show(place + std::string("elem_readonly\n"));
+    }
+    body += value + std::string("pushg s\npushc \"x\"\nmemb\nstore\n");
+    show("pushg s\npushc \"x\"\nmemb_readonly\n");
+    SCOPED_TRACE(value);
+    for (const char* held :
+         {"", "pushg a\npushi 1\nelem\npoprg r\npushg s\npushc \"x\"\nmemb\npoprg q\n",
+          "pushg a\npopg b\npushg s\npopg t\n"}) {
+      ExpectTheSameHotAndCold(
+          "storegi i, 1\npushf 2.5\npopg d\npushi 3\npopg both\npushg both\npushf 0.5\nadd\npop\n"
+          "pushc \"12x\"\npopg text\npushc \"nan\"\npushi 1\nmul\npopg nan\n"
+          "pushi 1\npushg a\npushi 1\nelem\nstore\npushi 2\npushg a\npushi 2\nelem\nstore\n"
+          "pushi 3\npushg a\npushi 3\nelem\nstore\npushi 4\npushg s\npushc \"x\"\nmemb\nstore\n"
+          "pushi 5\npushg s\npushc \"y\"\nmemb\nstore\nstoregi n, 0\nagain: incg n, 1\n" +
+          std::string(held) + body +
+          "pushg a\nout\npushg s\nout\npushg b\nout\npushg t\nout\ncmpgi n, " +
+          std::to_string(kRounds) + "\njmp_lt again\nexit\n");
+    }
+  }
+}
+
+TEST(HotCode, StructuresThatReplaceStructuresAreCopies) {
+  ExpectTheSameHotAndCold(
+      "storegi n, 0\n"
+      "fill: incg n, 1\npushg n\npushg a\npushg n\nelem\npushc \"x\"\nmemb\nstore\n"
+      "pushc \"t\"\npushg n\ncat\npushg a\npushg n\nelem\npushc \"y\"\nmemb\nstore\n"
+      "cmpgi n, 5\njmp_lt fill\nstoregi n, 0\n"
+      "again: incg n, 1\n"
+      "pushg n\npushi 4\nmod\npushi 1\nadd\npopg i\n"
+      "pushg a\npushg i\nelem\npopg kept\n"
+      "pushg a\npushi 5\nelem\npushg a\npushg i\nelem\nstore\n"
+      "pushg kept\npushg a\npushi 5\nelem\nstore\n"
+      "pushg n\npushg kept\npushc \"x\"\nmemb\nstore\n"
+      "pushg n\npushg a\npushi 2\nelem\npushc \"x\"\nmemb\nstore\n"
+      "pushg kept\npushg kept\npushc \"in\"\nmemb\nstore\n"
+      "pushg kept\npushc \"in\"\nmemb\npopg kept\n"
+      "pushg a\npushi 3\nelem\npushg a\npushi 3\nelem\nstore\n"
+      "pushg a\nout\npushg kept\nout\ncmpgi n, " +
+      std::to_string(kRounds) + "\njmp_lt again\nexit\n");
+}
+
 // A call between the read of an element and its use may store to that element.
 TEST(HotCode, AnElementIsReadWhenItIsUsed) {
   ExpectTheSameHotAndCold(

@@ -240,7 +240,11 @@ class Program {
     const Pair from = Walk(Some(), Below(3), false);
     if (!from.place) return;
     Store(to.place, from.place);
-    to.variable->SetValue(*from.variable);
+    if (to.variable->Real()->ShareMembers(*from.variable->Real())) {
+      shares++;
+    } else {
+      to.variable->SetValue(*from.variable);
+    }
   }
   // As a function returns a variable, which then is nowhere else.
   void Take() {
@@ -322,6 +326,7 @@ class Program {
 
  public:
   int moves = 0;
+  int shares = 0;
 
  private:
   std::mt19937 random;
@@ -331,7 +336,7 @@ class Program {
 };
 
 TEST(SharedElements, EveryCopyIsAsIfItWereMadeAtOnce) {
-  int moves = 0;
+  int moves = 0, shares = 0;
   for (unsigned seed = 1; seed <= Rounds(6000u); seed++) {
     SCOPED_TRACE(testing::Message() << "seed " << seed);
     Program program(seed);
@@ -342,8 +347,10 @@ TEST(SharedElements, EveryCopyIsAsIfItWereMadeAtOnce) {
     program.Compare();
     ASSERT_FALSE(testing::Test::HasFailure());
     moves += program.moves;
+    shares += program.shares;
   }
   EXPECT_GT(moves, 100);
+  EXPECT_GT(shares, 100);
   Variable::FreeCycles();
 }
 
@@ -444,6 +451,39 @@ TEST(SharedElements, AMoveKeepsTheVariables) {
   EXPECT_EQ(source->aggregatetype(), AggregateNone);
   EXPECT_TRUE(source->IsNULL());
   EXPECT_EQ(source->primary_type(), PrimaryNone);
+}
+
+TEST(SharedElements, AStructureReplacesItsOwnParentAndItsOwnMember) {
+  const auto make = [] {
+    VariableRef made(new Variable());
+    made->Member("x", 1, 1)->SetValue_Integer(1);
+    made->Member("s", 1, 1)->Member("x", 1, 1)->SetValue_Integer(2);
+    return made;
+  };
+  const VariableRef outer = make();
+  VariableRef inner = VariableRef::Share(outer->Member("s", 1, 0));
+  ASSERT_TRUE(outer->ShareMembers(*inner));
+  EXPECT_EQ(outer->ElementsUsed(), 1);
+  EXPECT_EQ(outer->Member("x", 1, 0)->value_integer(), 2);
+  EXPECT_EQ(inner->Member("x", 1, 0)->value_integer(), 2);
+  // The other way round it is no member that only its structure holds, so a copy is made.
+  const VariableRef second = make();
+  inner = VariableRef::Share(second->Member("s", 1, 0));
+  EXPECT_FALSE(inner->ShareMembers(*second));
+  inner->SetValue(*second);
+  EXPECT_EQ(inner->Member("s", 1, 0)->Member("x", 1, 0)->value_integer(), 2);
+  EXPECT_EQ(inner->Member("s", 1, 0)->Member("s", 1, 0), nullptr);
+}
+
+TEST(SharedElements, AStructureThatWasLentIsNotReplacedByShares) {
+  const VariableRef target(new Variable()), source(new Variable());
+  source->Member("x", 1, 1)->SetValue_Integer(1);
+  const VariableRef lent = VariableRef::Share(target->Element(AggregateIndex("x", 1), 1));
+  EXPECT_FALSE(target->ShareMembers(*source));
+  const VariableRef scalar(new Variable("", 0, 5));
+  EXPECT_FALSE(scalar->ShareMembers(*source));
+  EXPECT_FALSE(source->ShareMembers(*scalar));
+  EXPECT_EQ(source->ElementsUsed(), 1);
 }
 
 TEST(SharedElements, WhatCannotBeMovedStaysAsItWas) {
