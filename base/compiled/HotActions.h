@@ -56,7 +56,10 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 //   StoreElement, StoreMember     an element or member <- an operand
 //   Push...                       an operand to the stack
 //   ReturnNumber                  the return of a temporary or a constant
-//   CallWith                      a call; its arguments are the operands of the records after it
+//   CallWith                      the beginning of a call
+//   Send...                       an argument of it: a row, a temporary, a constant or a text by value,
+//                                 or a row or place by reference
+//   Enter                         the end of the call
 //   CompareOf...                  CompareOf of two numbers, an action for each pair
 //   ...ElementAt...               what is usual of LoadElement, FindElement, MoveElement and
 //                                 StoreElement, an action for each kind of index
@@ -81,7 +84,8 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
   ACTION(MoveVariable) ACTION(MoveNumber) ACTION(MoveText) ACTION(MoveElement) ACTION(MoveMember)                       \
   ACTION(StoreElement) ACTION(StoreMember)                                                             \
   ACTION(PushNumber) ACTION(PushElement) ACTION(PushMember)                                            \
-  ACTION(ReturnNumber) ACTION(CallWith)                                                                \
+  ACTION(ReturnNumber) ACTION(CallWith) ACTION(SendGlobal) ACTION(SendLocal) ACTION(SendTemporary)      \
+  ACTION(SendConstant) ACTION(SendText) ACTION(SendReference) ACTION(Enter)                             \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, CompareOf)                                                        \
   ZEPH_HOT_INDICES(LoadElementAt) ZEPH_HOT_INDICES(FindElementAt)                                      \
   ZEPH_HOT_INDICES(MoveElementAt) ZEPH_HOT_INDICES(StoreElementAt)

@@ -239,6 +239,7 @@ void HotCode::NoteUses(const FunctionManager* functions) {
     const bool element = Is(i - 1, HotAction::ElementReadOnly);
     if (!Is(i - 1, HotAction::Call) && !element) continue;
     ops[i].uses = UsesOfTop(i, element, functions);
+    if (!element && Is(i, HotAction::PopVariable)) ops[i].uses |= HotOp::Stored;
     if (!element && Is(i, HotAction::Return)) {
       ops[i].passed_uses = HotOp::UsedAsValue | HotOp::UsedAsNumber;
     }

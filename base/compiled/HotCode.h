@@ -80,7 +80,8 @@ struct HotOp {
 
   // Whether a value is used only as a number, or only for its value, by an operation that is
   // certain to be reached. Then nothing can tell a number or a text from the variable that has it.
-  enum Use : unsigned char { UsedAsValue = 1, UsedAsNumber = 2 };
+  // Or a call's result is popped into a variable at once.
+  enum Use : unsigned char { UsedAsValue = 1, UsedAsNumber = 2, Stored = 4 };
 
   // In a group, an operand that is a row, a temporary or a place is told by its distance in bytes
   // from the beginning of the table: that of the variable in the row. Temporaries and places have

@@ -489,6 +489,21 @@ HotGroup::Step HotGroup::Return(size_t) {
   return Step::Ends;
 }
 
+namespace {
+
+// The record that passes an operand of that kind by value.
+HotAction Send(HotOperand kind) {
+  switch (kind) {
+    case HotOperand::Global: return HotAction::SendGlobal;
+    case HotOperand::Local: return HotAction::SendLocal;
+    case HotOperand::Constant: return HotAction::SendConstant;
+    case HotOperand::Text: return HotAction::SendText;
+    default: return HotAction::SendTemporary;
+  }
+}
+
+}  // namespace
+
 HotGroup::Step HotGroup::Call(size_t i) {
   Function* const function = functions ? functions->Lookup(ops[i].first) : nullptr;
   if (!function || (function->flags() & Function_External)) return Step::Apart;
@@ -504,11 +519,12 @@ HotGroup::Step HotGroup::Call(size_t i) {
     } else if (value.kind != HotOperand::Text && !AsNumber(&value, HotLoad::Any)) {
       return Step::Apart;
     }
-    HotOp argument = New(HotAction::Leave);
+    HotOp argument =
+        New(parameters[k]->byreference() ? HotAction::SendReference : Send(value.kind));
     SetLeft(&argument, value);
+    argument.third = HotOp::Offset(static_cast<int>(k));
     argument.form = value.form;
     argument.refer = parameters[k]->byreference();
-    argument.start = ops[i + 1].start;
     if (value.kind == HotOperand::Text) {
       argument.text = value.constant->text;
       argument.length = value.constant->length;
@@ -520,6 +536,8 @@ HotGroup::Step HotGroup::Call(size_t i) {
   record.second = static_cast<int>(count);
   made.push_back(record);
   made.insert(made.end(), arguments.begin(), arguments.end());
+  record.action = HotAction::Enter;
+  made.push_back(record);
   return Step::Ends;
 }
 

@@ -724,12 +724,11 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   Variable* variable = nullptr;
   const Variable* other = nullptr;
   // For a call or a return.
-  ZephVM_FunctionFrame* called;
-  const _VH_Entry* locals;
-  unsigned local_count;
+  ZephVM_FunctionFrame* called = nullptr;
+  const _VH_Entry* locals = nullptr;
+  unsigned local_count = 0;
   double number_passed = 0.0;
   HotForm form_passed = HotForm::Double;
-  const HotOp* returns_to;
   // For groups.
   Variable* first_row;
   Variable* second_row;
@@ -1061,6 +1060,20 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define NUMBER_Local(side, out, unusual) ROW_NUMBER(HotOperand::Local, op->side, out, unusual)
 #define NUMBER_Temporary(side, out, unusual) out = temporaries.number(op->side);
 #define NUMBER_Constant(side, out, unusual) out = op->number;
+// The parameter that an argument goes to, and a row's value as the argument.
+#define PARAMETER VariableIn(locals, op->third)
+#define SEND_ROW(kind) { \
+  Variable* const parameter = PARAMETER; \
+  variable = OPERAND_ROW(kind, op->first); \
+  if (!parameter || !variable) [[unlikely]] goto not_begun; \
+  if (variable->HoldsDouble()) [[likely]] { \
+    parameter->Begin(variable->plain_double()); \
+  } else if (variable->HoldsInteger()) { \
+    parameter->Begin(variable->plain_integer()); \
+  } else { \
+    goto send_value; \
+  } \
+  STEP }
 // The plain variable that a group's last record stores to. It is made if there is none yet.
 #define FIND_TARGET \
   variable = OPERAND(op->into, op->third); \
@@ -2236,80 +2249,82 @@ on_ReturnNumber:
   called = static_cast<ZephVM_FunctionFrame*>(frame);
   number_passed = op->left == HotOperand::Constant ? op->number : temporaries.number(op->first);
   form_passed = op->form;
-  if (RETURNS_TO_DECODED) [[likely]]
-    goto return_number;
+  if (RETURNS_TO_DECODED) [[likely]] {
+    if (called->uses & HotOp::Stored) goto return_number;
+    goto push_result;
+  }
   MISFIT_UNLESS(frame->returns_hot && frame->previous->stack->HasRoom(1))
   goto push_result;
 on_CallWith : {
   MISFIT_UNLESS(KNOWS_CALLED && HAS_ROOM && called->simple_parameters == op->second)
-  TELL_STACK
-  returns_to = op + 1 + op->second;
-  const HotOp* argument = op + 1;
-  const _VH_Entry* row = locals;
-  for (; argument != returns_to; argument++, row++) {
-    Variable* const parameter = row->variable;
-    if (!parameter) [[unlikely]]
-      goto not_begun;
-    if (argument->left <= HotOperand::Local) {
-      variable = OPERAND_ROW(argument->left, argument->first);
-      if (!variable) [[unlikely]]
-        goto not_begun;
-      if (argument->refer) {
-        // The variable itself and not what it refers to, because it may be made to refer to
-        // another.
-        WAKE(variable)
-        parameter->Begin(variable);
-        continue;
-      }
-      if (variable->HoldsDouble()) {
-        parameter->Begin(variable->plain_double());
-        continue;
-      }
-      if (variable->HoldsInteger()) {
-        parameter->Begin(variable->plain_integer());
-        continue;
-      }
-      if (BeginWithScalar(parameter, variable, &patience)) continue;
-    } else if (argument->left == HotOperand::Temporary) {
-      const double value = temporaries.number(argument->first);
-      const HotForm form =
-          argument->form == HotForm::AsLoaded ? temporaries.form(argument->first) : argument->form;
-      if (form == HotForm::Double) {
-        parameter->Begin(value);
-        continue;
-      }
-      if (form == HotForm::Integer) {
-        parameter->Begin(static_cast<int>(value));
-        continue;
-      }
-      if (BeginWithScalar(parameter, temporaries.place(argument->first), &patience)) continue;
-    } else if (argument->left == HotOperand::Constant) {
-      if (argument->form == HotForm::Integer) {
-        parameter->Begin(argument->first);
-      } else {
-        parameter->Begin(argument->number);
-      }
-      continue;
-    } else if (argument->left == HotOperand::Place) {
-      variable = temporaries.place(argument->first);
-      WAKE(variable)
-      parameter->Begin(variable);
-      continue;
-    } else {
-      parameter->Begin(argument->text, argument->length);
-      continue;
-    }
-    if (!BeginArguments(argument, returns_to, row, rows, temporaries, &patience)) [[unlikely]]
-      goto not_begun;
-    break;
+  STEP
+}
+// The arguments go straight into the parameters of the kept frame, which no code can see before it
+// is entered.
+on_SendLocal : { SEND_ROW(HotOperand::Local) }
+on_SendGlobal : { SEND_ROW(HotOperand::Global) }
+on_SendTemporary : {
+  Variable* const parameter = PARAMETER;
+  if (!parameter) [[unlikely]]
+    goto not_begun;
+  const HotForm form = op->form == HotForm::AsLoaded ? temporaries.form(op->first) : op->form;
+  if (form == HotForm::Double) {
+    parameter->Begin(temporaries.number(op->first));
+    STEP
   }
-  RAN_UP_TO(returns_to->plain - 1, op->second)
-  goto enter;
+  if (form == HotForm::Integer) {
+    parameter->Begin(static_cast<int>(temporaries.number(op->first)));
+    STEP
+  }
+  variable = temporaries.place(op->first);
+  goto send_value;
+}
+on_SendConstant : {
+  Variable* const parameter = PARAMETER;
+  if (!parameter) [[unlikely]]
+    goto not_begun;
+  if (op->form == HotForm::Integer) {
+    parameter->Begin(op->first);
+  } else {
+    parameter->Begin(op->number);
+  }
+  STEP
+}
+on_SendText : {
+  Variable* const parameter = PARAMETER;
+  if (!parameter) [[unlikely]]
+    goto not_begun;
+  TELL_STACK
+  parameter->Begin(op->text, op->length);
+  STEP
+}
+// The variable itself and not what it refers to, because it may be made to refer to another.
+on_SendReference : {
+  Variable* const parameter = PARAMETER;
+  variable = OPERAND_ROW(op->left, op->first);
+  if (!parameter || !variable) [[unlikely]]
+    goto not_begun;
+  WAKE(variable)
+  parameter->Begin(variable);
+  STEP
+}
+// A value that is no number. Arrays are passed after all other arguments.
+send_value : {
+  TELL_STACK
+  if (BeginWithScalar(PARAMETER, variable, &patience)) {
+    STEP
+  }
+  const int place = HotOp::PositionOf(op->third);
+  const HotOp* const end = op + (called->simple_parameters - place);
+  if (BeginArguments(op, end, locals + place, rows, temporaries, &patience)) {
+    op = end;
+    goto on_Enter;
+  }
 }
 // The machine's call makes the arguments again.
 not_begun:
   if (!called->variables->Renew(*called->locals)) {
-    idle_frames[static_cast<unsigned>(op->first)] = called->next_idle;
+    idle_frames[called->place] = called->next_idle;
     delete called;
   }
   goto misfit;
@@ -2338,10 +2353,13 @@ on_Call:
     top = MoveArguments(called->variables, locals, called->references, count, s, &patience);
   }
   RAN_UP_TO(op, called->simple_parameters)
-  TELL_STACK
-  returns_to = op + 1;
+  goto enter;
+on_Enter:
+  RAN_UP_TO((op + 1)->plain - 1, op->second)
 enter : {
+  TELL_STACK
   ZephVM_Frame* const caller = frame;
+  const HotOp* const returns_to = op + 1;
   idle_frames[static_cast<unsigned>(op->first)] = called->next_idle;
   called->return_offset = returns_to->start;
   called->return_op = returns_to;
@@ -2436,7 +2454,8 @@ on_Return : {
     --top;
     form_passed = IsDouble(top) ? HotForm::Double : HotForm::Integer;
     number_passed = IsDouble(top) ? top->value.number : top->value.integer;
-    goto return_number;
+    if (called->uses & HotOp::Stored) goto return_number;
+    goto push_result;
   }
   ZephVM_Stack* const callers = frame->previous->stack;
   Entry* const value = callers->End();
@@ -2453,13 +2472,26 @@ on_Return : {
 // a short text or an array in its variable, and goes on after its pop.
 on_ReturnVariable : {
   variable = ROW_OF(op);
+  called = static_cast<ZephVM_FunctionFrame*>(frame);
+  if (called->return_code == code_serial && variable && variable->HoldsNumberAlone() &&
+      (called->uses & (HotOp::UsedAsValue | HotOp::Stored)) == HotOp::UsedAsValue &&
+      variable->plain_count() == 1) {
+    form_passed = HotForm::Double;
+    if (variable->HoldsDouble()) {
+      number_passed = variable->plain_double();
+    } else {
+      number_passed = variable->plain_integer();
+      if (!(called->uses & HotOp::UsedAsNumber)) form_passed = HotForm::Integer;
+    }
+    goto push_result;
+  }
   SINGLE_UNLESS(HAS_ROOM && frame->returns_hot && variable && variable->IsPlain() &&
                 variable->plain_count() == 1)
-  called = static_cast<ZephVM_FunctionFrame*>(frame);
   if (RETURNS_TO_DECODED) [[likely]] {
     const HotOp* const use = called->return_op->plain;
     Variable* target;
-    if (FindTarget(use, frame->previous->variables, rows[0], counts[0], &target)) {
+    if ((called->uses & HotOp::Stored) &&
+        FindTarget(use, frame->previous->variables, rows[0], counts[0], &target)) {
       const bool copied = target && (target->CopyNumber(*variable) || target->CopyShort(*variable));
       const bool taken = !copied && target && target->TakeValue(variable);
       if (taken) patience = 1;
@@ -2476,7 +2508,7 @@ on_ReturnVariable : {
     SINGLE_UNLESS(frame->uses & HotOp::UsedAsValue)
   }
   if (FindAlone(variable, &number_passed, &form_passed)) {
-    if (frame->uses & HotOp::UsedAsNumber) form_passed = HotForm::Double;
+    if (called->uses & HotOp::UsedAsNumber) form_passed = HotForm::Double;
     goto push_result;
   }
   char* text;
@@ -2494,7 +2526,7 @@ on_ReturnVariable : {
 return_number : {
   const HotOp* const use = called->return_op->plain;
   Variable* target;
-  if (FindTarget(use, frame->previous->variables, rows[0], counts[0], &target) && target) {
+  if (FindTarget(use, called->previous->variables, rows[0], counts[0], &target) && target) {
     if (form_passed == HotForm::Double) {
       target->Write_Double(number_passed);
     } else {
@@ -2506,7 +2538,7 @@ return_number : {
   }
 }
 push_result : {
-  ZephVM_Stack* const callers = frame->previous->stack;
+  ZephVM_Stack* const callers = called->previous->stack;
   Entry* const value = callers->End();
   if (form_passed == HotForm::Double) {
     value->SetDouble(number_passed);
@@ -2696,5 +2728,7 @@ on_Leave:
 #undef LOADED_OF
 #undef LOADED_NUMBER
 #undef FIND_LOADED_ORDER
+#undef SEND_ROW
+#undef PARAMETER
 #undef FIND_TARGET
 }

@@ -223,6 +223,8 @@ class Variable {
   // most numbers of a running script are like this.
   bool HoldsInteger() const { return state == IntegerForm; }
   bool HoldsDouble() const { return state == DoubleForm; }
+  // One of the two.
+  bool HoldsNumberAlone() const { return ((state - IntegerForm) & ~IntegerForm) == 0; }
   // Whether the variable is plain and has a number and no text. A stored integer that was also read
   // as a double has both forms. With the text's bit made the highest, the other two are a number
   // from 1 to 3.
@@ -429,8 +431,7 @@ class Variable {
   // and does nothing for others.
   bool RenewScalar() {
     if (state - 1 >= AllForms) return state == Asleep;
-    if (((refcount_ - 1) | (name_.allocated - SharedMark) | error_.allocated) != 0 ||
-        string_value.allocated > MostKept) {
+    if (refcount_ != 1 || name_.allocated != SharedMark || string_value.allocated > MostKept) {
       return false;
     }
     state = Asleep;

@@ -28,7 +28,7 @@ std::string Records(const std::string& program) {
   std::string text;
   for (const HotOp* op = hot.At(0); op->action != HotAction::Leave; op++) {
     text += std::string(text.empty() ? "" : " ") + NameOf(op->action);
-    if (op->action == HotAction::CallWith) op += op->second;
+    if (op->action == HotAction::CallWith) op += op->second + 1;
   }
   return text;
 }
