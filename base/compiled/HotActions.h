@@ -95,6 +95,9 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 //   Leave                         nothing: the machine's loop runs it
 //   Handler                       one instruction, by the machine's own handler: the rows of the
 //                                 list of instructions that are run by a HotHandler
+//   Records                       a move or a change of records, by the machine's own handler, which
+//                                 may run code of a script
+//   PushField                     a field of a database; MoveField also pops it into a variable
 //   Resume, Rest                  the way from one instruction to the next group, and from a group to
 //                                 its instructions while it is set aside
 //   PushInteger ... Return        one instruction
@@ -121,6 +124,7 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 // HotCode.cpp.
 #define ZEPH_HOT_ACTIONS                                                                             \
   ACTION(Leave) ACTION(Handler) ACTION(Resume) ACTION(Rest)                                          \
+  ACTION(Records) ACTION(PushField) ACTION(MoveField)                                                \
   ACTION(PushInteger) ACTION(PushDouble) ACTION(PushText) ACTION(PushVariable) ACTION(PopVariable)   \
   ACTION(Pop) ACTION(Dup) ACTION(Swap) ACTION(Store) ACTION(Concatenate)                             \
   ACTION(Add) ACTION(Sub) ACTION(Mul) ACTION(Div) ACTION(Mod)                                        \

@@ -74,6 +74,14 @@ HotAction SingleAction(Instruction::Code code) {
     case code_call: return HotAction::Call;
     case code_ret: return HotAction::Return;
     case code_retn: return HotAction::ReturnNothing;
+    case code_pushdc: return HotAction::PushField;
+    case code_dbskip:
+    case code_dbgo:
+    case code_dbfind:
+    case code_dbadd:
+    case code_dbupdate:
+    case code_dbdelete:
+    case code_dbundelete: return HotAction::Records;
     default: break;
   }
   const bool has_handler = code != code_none && Rows[code - 1].run == Run::HotHandler;
@@ -436,6 +444,7 @@ HotAction HotCode::Idiom(size_t i) const {
     return HotAction::IncrementCompareJump;
   }
   if (action == HotAction::SourceFile && next == HotAction::Line) return HotAction::SourceLine;
+  if (action == HotAction::PushField && next == HotAction::PopVariable) return HotAction::MoveField;
   if (action == HotAction::Dup) {
     if ((IsConstant(next) || (next == HotAction::PushVariable && IsNear(ops[i + 1].first))) &&
         IsComparison(ops[i + 2].single) && IsTest(ops[i + 3].single)) {

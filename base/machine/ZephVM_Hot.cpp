@@ -850,6 +850,23 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   bottom = s->Begin(); \
   limit = s->Limit() - HotCode::kRoom; }
 #define PUSH(set) { top->set; ++top; }
+// Begins an instruction that runs code outside of the loop, whose errors name the place.
+#define BEGIN_OUTSIDE(record) { \
+  TELL_STACK \
+  instruction_start = (record)->start; \
+  program_counter = (record)[1].start; }
+// The field that the record's two names mean, if it was found before and is there; null otherwise.
+#define FIND_KNOWN_FIELD(found) { \
+  first_integer = op->first; \
+  second_integer = op->second; \
+  (found) = nullptr; \
+  if (recent_fields) { \
+    const RecentField& recent = recent_fields[RecentPlace()]; \
+    if (recent.alias == op->first && recent.field == op->second && \
+        recent.views_gone == family->ViewsGone() && recent.fields_gone == *recent.fields_count) { \
+      (found) = recent.variable; \
+    } \
+  } }
 // Replace the entry on top, or the two on top.
 #define REPLACE_ONE(set) { \
   ZephVM_Stack::Free(top - 1); \
@@ -912,7 +929,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // overwritten in place.
 #define ARITHMETIC(name, result)                                                           \
   on_##name: {                                                                             \
-    LEAVE_UNLESS(TWO_NUMBERS)                                                              \
+    if (!TWO_NUMBERS) [[unlikely]] goto calculate_values;                                  \
     const double a = top[-2].value.number, b = top[-1].value.number;                       \
     --top;                                                                                 \
     top[-1].value.number = result;                                                         \
@@ -994,7 +1011,8 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define JUMP_ON(name, holds)                                                               \
   on_##name: {                                                                             \
     int order;                                                                             \
-    LEAVE_UNLESS(HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindInteger)                   \
+    if (!(HOLDS_ONE && top[-1].kind == ZephVM_Stack::KindInteger)) [[unlikely]]            \
+      goto jump_on_value;                                                                  \
     --top;                                                                                 \
     order = top->value.integer;                                                            \
     JUMP_IF(holds, op, 1)                                                                  \
@@ -1406,6 +1424,25 @@ pop_computed:
   ASK_STACK
   ASK_ROWS
   NEXT(1)
+on_PushField:
+  LEAVE_UNLESS(HAS_ROOM)
+  FIND_KNOWN_FIELD(variable)
+  if (!variable) goto on_Handler;
+  PUSH(SetVariable(variable))
+  NEXT(1)
+// As with pop_computed, any flag may be set.
+on_MoveField:
+  SINGLE_UNLESS(HAS_ROOM)
+  first_row = VARIABLE(op + 1);
+  SINGLE_UNLESS(first_row && first_row->IsPlain())
+  FIND_KNOWN_FIELD(variable)
+  SINGLE_UNLESS(variable)
+  WAKE(first_row)
+  BEGIN_OUTSIDE(op + 1)
+  Assign(first_row, variable);
+  if (stop_flag | RAISED) return;
+  ASK_ROWS
+  NEXT(2)
 on_Pop:
   LEAVE_UNLESS(HOLDS_ONE)
   --top;
@@ -1554,6 +1591,36 @@ on_Jump:
   JUMP_ON(JumpLessEqual, order <= 0)
   JUMP_ON(JumpGreater, order > 0)
   JUMP_ON(JumpGreaterEqual, order >= 0)
+// Operands that are texts, or that compute their values. To read these, like a field, runs no code
+// of a script, so the records stay.
+calculate_values : {
+  LEAVE_UNLESS(HOLDS_TWO)
+  BEGIN_OUTSIDE(op)
+  const double b = s->PopD();
+  const double a = s->PopD();
+  if (stop_flag) return;
+  double result;
+  switch (op->single) {
+    case HotAction::Add: result = a + b; break;
+    case HotAction::Sub: result = a - b; break;
+    case HotAction::Mul: result = a * b; break;
+    default: result = a == 0.0 ? 0.0 : a / b; break;
+  }
+  s->PushD(result);
+  if (RAISED) return;
+  ASK_STACK
+  ASK_ROWS
+  NEXT(1)
+}
+jump_on_value : {
+  LEAVE_UNLESS(HOLDS_ONE)
+  BEGIN_OUTSIDE(op)
+  const int value = s->PopI();
+  if (stop_flag) return;
+  ASK_STACK
+  ASK_ROWS
+  JUMP_IF_AFTER_WORK(Jumps(op, OrderOf(value, 0)), op, 1)
+}
 
 on_CompareTopJump : {
   double a, b;
@@ -1725,6 +1792,24 @@ on_Handler:
   ASK_ROWS
   LEAVE_AFTER_UNLESS(top <= limit, 1)
   NEXT(1)
+// A filter, an index's expression or a library may run code of the script, so the way on is that
+// after a call.
+on_Records : {
+  BEGIN_OUTSIDE(op)
+#ifndef NDEBUG
+  const InstructionCheck check(this, static_cast<Instruction::Code>(op->code), op->first);
+#endif
+  switch (op->code) {
+    case Instruction::code_dbskip: dbskip(); break;
+    case Instruction::code_dbgo: dbgo(); break;
+    case Instruction::code_dbfind: dbfind(); break;
+    case Instruction::code_dbadd: dbadd(); break;
+    case Instruction::code_dbupdate: dbupdate(); break;
+    case Instruction::code_dbdelete: dbdelete(); break;
+    default: dbundelete(); break;
+  }
+  goto moved;
+}
 on_OutText:
   SINGLE_UNLESS(HAS_ROOM)
   TELL_STACK
@@ -2654,6 +2739,8 @@ on_Leave:
 #undef ASK_ROWS
 #undef LEAVE_AFTER_UNLESS
 #undef PUSH
+#undef BEGIN_OUTSIDE
+#undef FIND_KNOWN_FIELD
 #undef REPLACE_ONE
 #undef REPLACE_TWO
 #undef HOLDS_ONE

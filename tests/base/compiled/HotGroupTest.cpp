@@ -33,6 +33,15 @@ std::string Records(const std::string& program) {
   return text;
 }
 
+TEST(HotGroup, FieldsAndMovesStayInDecodedCode) {
+  EXPECT_EQ(Records("pushdc \"t\", \"a\"\npopg x\npushdc \"t\", \"b\"\nadd\n"),
+            "MoveField PopVariable PushField Add");
+  for (const char* move :
+       {"dbskip", "dbgo", "dbfind", "dbadd", "dbupdate", "dbdelete", "dbundelete"}) {
+    EXPECT_EQ(Records(std::string(move) + "\n"), "Records") << move;
+  }
+}
+
 TEST(HotGroup, AnExpressionNamesItsOperands) {
   EXPECT_EQ(Records("pushg a\npushi 2\nmul\npushg b\nadd\npopg c\n"),
             "MulOfGlobalConstant AddToTemporaryGlobal");

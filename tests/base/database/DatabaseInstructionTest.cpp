@@ -7,6 +7,7 @@
 
 #include "base/database/Database.h"
 #include "tests/support/DatabaseMachine.h"
+#include "tests/support/HotAndCold.h"
 
 namespace {
 
@@ -143,6 +144,37 @@ TEST_F(DatabaseInstructions, FieldsInALoopAreThoseOfTheDatabaseThatIsOpen) {
   code += "incg i, 1\ncmpgi i, " + std::to_string(kRounds) + "\njmp_lt next\n";
   for (int i = 0; i < kRounds; i++) expected += "1/7|2||10/7|20||";
   EXPECT_EQ(Page(code), expected);
+}
+
+// Copies of fields, arithmetic and jumps on them, moves and changes, with a filter in every third
+// round.
+TEST_F(DatabaseInstructions, RecordsInDecodedCodeAreThoseOfThePlainLoop) {
+  const std::string code =
+      OpenDatabase("p", "a.dbf") + "storegi i, 0\nstoregi hash, 0\nagain:\n" +
+      "pushg i\npushi 3\nmod\njmp_ne all\n" + Op("dbfilter", {"p", "", "n NE 2"}) +
+      "jmp filtered\nall:\n" + Op("dbfilter", {"p", "", ""}) + "filtered:\n" + Go("p", -1) +
+      "jmp read\nnext:\npushdc \"p\", \"n\"\npopg n\npushdc \"p\", \"t\"\npopg t\n" +
+      "pushg hash\npushi 31\nmul\npushdc \"p\", \"n\"\nadd\npushi 10007\nmod\npopg hash\n" +
+      "pushdc \"p\", \"n\"\npushdc \"p\", \"recno\"\nsub\nout\n" + ShowGlobal("n") +
+      ShowGlobal("t") + "pushg i\npopdc \"p\", \"n\"\n" + OnView("dbupdate", "p") +
+      OnView("dbdelete", "p") + Show("p", "deleted") + OnView("dbundelete", "p") +
+      "pushdc \"p\", \"deleted\"\njmp_ne wrong\n" + Skip("p", 1) +
+      "read: pushdc \"p\", \"eof\"\njmp_eq next\n" + ShowGlobal("hash") +
+      "pushg i\npopdc \"p\", \"n\"\n" + OnView("dbadd", "p") + "incg i, 1\ncmpgi i, 20\n" +
+      "jmp_lt again\nwrong:\n";
+  DatabaseMachine hot(directory);
+  hot.Run(code);
+  EXPECT_NE(hot.machine.segments.Start()->hot(), nullptr);
+  const std::string output = hot.Output();
+  hot.machine.Close();
+  EXPECT_TRUE(output.starts_with("01|row1|1|03|row3|1|34|")) << output;
+  SetUp();
+  DatabaseMachine cold(directory);
+  cold.machine.Assemble(code);
+  KeepCold(&cold.machine);
+  EXPECT_EQ(cold.machine.Go(), 1);
+  EXPECT_EQ(cold.machine.segments.Start()->hot(), nullptr);
+  EXPECT_EQ(cold.Output(), output);
 }
 
 // More fields than are remembered, each read twice in one record and once in the next.

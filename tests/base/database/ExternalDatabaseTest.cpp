@@ -446,4 +446,40 @@ TEST_F(ExternalDatabaseTest, AViewThatFreeDataAddsIsDeletedWithItsFields) {
   EXPECT_EQ(freed, 1);
 }
 
+// A library may run code of the script, which may change it.
+TEST(ExternalDatabaseMoves, MayDropTheDecodedFormOfTheScript) {
+  static Segment* code;
+  static int dropped;
+  dropped = 0;
+  _ZP_EL_Database table = {};
+  table.version = 6;
+  table.view_skip = [](ZPDATABASEVIEW, int) {
+    if (code->hot()) {
+      dropped++;
+      code->Write_Byte(code->length(), 0);
+    }
+    return 1;
+  };
+  table.variable_get_integer = [](ZPDATABASEVARIABLE, int* value) {
+    *value = 3;
+    return 1;
+  };
+  Machine machine;
+  machine.Assemble(
+      "storegi i, 0\nstoregi sum, 0\n"
+      "next: pushc \"shop\"\npushc \"\"\npushi 1\ndbskip\n"
+      "pushg sum\npushdc \"shop\", \"n\"\nadd\npopg sum\n"
+      "incg i, 1\ncmpgi i, 200\njmp_lt next\nexit\n");
+  code = machine.segments.Start();
+  auto database = std::make_unique<ExternalDatabase>(&machine.vm(), "shop", -1, 0, nullptr, &table);
+  database->Add_View("shop", -1, nullptr)->Add_Variable("n", -1, nullptr);
+  MachineDatabases& open = machine.vm().Databases();
+  open.databases.Insert(database.get(), ListHead);
+  open.databases_by_name.Insert(database.release());
+  EXPECT_EQ(machine.Go(), 1) << machine.Error();
+  EXPECT_EQ(machine.Value("sum"), "600");
+  EXPECT_GT(dropped, 1);
+  machine.Close();
+}
+
 }  // namespace

@@ -116,6 +116,37 @@ TEST(HotCode, AnErrorInsideHotCodeTellsItsOwnPlace) {
       << machine.Error();
 }
 
+// Texts, and variables that have both a text and a number.
+TEST(HotCode, CalculatesAndJumpsWithTextsAsThePlainLoopDoes) {
+  const char* const values[] = {"pushc \"0\"",    "pushc \"-3\"", "pushc \"12.9\"",
+                                "pushc \"word\"", "pushc \"\"",   "pushf 0.4",
+                                "pushf -1.5",     "pushg t",      "pushi 2"};
+  for (const std::string left : values) {
+    SCOPED_TRACE(left);
+    std::string program =
+        "storegi i, 0\nnext:\npushc \"7.5\"\npopg t\npushg t\npushi 0\nadd\npop\n";
+    for (const char* right : values) {
+      for (const char* operation : {"add", "sub", "mul", "div"}) {
+        program += left + "\n" + right + "\n" + operation + "\nout\npushc \" \"\nout\n";
+      }
+    }
+    for (const std::string jump : {"eq", "ne", "lt", "le", "gt", "ge"}) {
+      program += left + "\njmp_" + jump + " " + jump + "\npushc \"-\"\nout\n" + jump +
+                 ":\npushc \"|\"\nout\n";
+    }
+    program += "incg i, 1\ncmpgi i, " + std::to_string(3 * kRounds) + "\njmp_lt next\nexit\n";
+    ExpectTheSameHotAndCold(program);
+  }
+}
+
+TEST(HotCode, AValueThatCannotBeReadEndsTheRunAtItsInstruction) {
+  for (const char* last : {"add", "jmp_eq next"}) {
+    ExpectTheSameEndHotAndCold("storegi i, 0\nnext: incg i, 1\ncmpgi i, " +
+                               std::to_string(kRounds) + "\njmp_lt next\npushc \"1\"\npop\n" +
+                               last + "\nexit\n");
+  }
+}
+
 TEST(HotCode, TheStackOverflowsAtItsLastEntryAlsoInALoop) {
   Machine machine;
   const int counter = machine.Global("counter");
