@@ -192,9 +192,6 @@ class Connection {
   virtual void Release() noexcept = 0;
 
   virtual char mark() const = 0;  // '?' or '$', before the number of a parameter
-  // What goes at the end of a query, before the number of rows at its beginning that are left out.
-  // Null if queries that are open at the same time may see different records.
-  virtual const char* skip() const { return nullptr; }
   // Whether it is an error to compare a column with a text that is no value of its type.
   virtual bool is_strict() const { return false; }
   const std::string& error() const { return problem; }

@@ -10,18 +10,12 @@
 //
 //   Row       the values of the current record are            and came from
 //   None      nowhere: there is no record
-//   Live      in `rows`, or in `further`                      a move
+//   Live      in `rows`                                       a move
 //   Loaded    in `loaded`                                     Load, or a deleted record
 //   Unloaded  in the database; Load reads them by the key     Park, a change, the end of the rows
 //
 // Records whose column is NULL come first, in a query of their own, because a comparison with NULL
 // is neither true nor false.
-//
-// In the order of an index the key is as expensive as a further column, and most long scans never
-// need it. So after kLongScan rows they go on in `further`, which is the same query without the key
-// and from the row that follows, if the connection can do that. `rows` stays where it is: as long
-// as it is open, the database shows the same rows in the same order. Where the key is needed after
-// all, FindPlace gets it from a query that has it, and the view stays with that one.
 //
 // The fields of a view are made once. A move clears their values, and the engine asks for the
 // values that a script then reads.
@@ -93,10 +87,8 @@ class View {
     for (const Column& column : table.columns) {
       select += (select.empty() ? "SELECT " : ", ") + Quoted(column.name);
     }
-    from = " FROM " + table.sql_name;
-    short_select = select + from;
     if (table.key_column < 0) select += ", " + table.key;
-    select += from;
+    select += " FROM " + table.sql_name;
   }
   // A view of a query. Start runs it.
   View(Database* database, std::string query, Values values)
@@ -218,7 +210,7 @@ class View {
           Get(column, &scratch);
           number = IsTrue(scratch);
         } else if (kind == Kind::Integer) {
-          number = row == Row::Live ? live().Integer(column) : Known(column).integer;
+          number = row == Row::Live ? rows->Integer(column) : Known(column).integer;
         } else {
           return 0;
         }
@@ -240,10 +232,10 @@ class View {
         Get(column, &scratch);
         *value = static_cast<double>(scratch.integer);
         break;
-      case Kind::Real: *value = row == Row::Live ? live().Real(column) : Known(column).real; break;
+      case Kind::Real: *value = row == Row::Live ? rows->Real(column) : Known(column).real; break;
       case Kind::Text:
         return table.columns[Place(column)].decimal &&
-               ReadNumber(row == Row::Live ? live().Text(column) : Known(column).text, value);
+               ReadNumber(row == Row::Live ? rows->Text(column) : Known(column).text, value);
       default: return 0;
     }
     return 1;
@@ -275,11 +267,11 @@ class View {
         break;
       case Kind::Real:
         if (!of.decimal) return 0;  // the engine makes a text of the number
-        SetRealText(row == Row::Live ? live().Real(column) : Known(column).real, of.decimals,
+        SetRealText(row == Row::Live ? rows->Real(column) : Known(column).real, of.decimals,
                     &scratch.text);
         found = scratch.text;
         break;
-      default: found = row == Row::Live ? live().Text(column) : Known(column).text;
+      default: found = row == Row::Live ? rows->Text(column) : Known(column).text;
     }
     if (found.size() > static_cast<size_t>(kLongestText)) return 0;
     *text = const_cast<char*>(found.data());
@@ -310,7 +302,7 @@ class View {
       return;
     }
     if (row == Row::Live && !indexes.empty() && !ended) {
-      live().Get(indexes.front().column, &order);
+      rows->Get(indexes.front().column, &order);
       has_order = true;
     }
     Drop();
@@ -328,7 +320,6 @@ class View {
   enum class Row { None, Live, Loaded, Unloaded };
   static constexpr int kLongestText = 0x7FFFFFFF - 1;
   static constexpr int kLargestBlock = 512;
-  static constexpr int kLongScan = 64;
 
   int Fail(std::string text) {
     error = std::move(text);
@@ -392,7 +383,7 @@ class View {
       // A script may not read it any more. So now and then it gets no value, and loses its place if
       // the engine does not ask then.
       const bool has_room = field->passed++ < field->most_passed;
-      has_value = has_room && row == Row::Live && live().Store(field->column, *field->of, variable);
+      has_value = has_room && row == Row::Live && rows->Store(field->column, *field->of, variable);
       if (!has_room) field->dropped = moves;
     } else if (field->column != kRecords && GetInteger(field->column, &number)) {
       zpVariable_SetValue_Integer(variable, number);
@@ -410,8 +401,7 @@ class View {
   bool GetOwn(int column, int64_t* number) {
     switch (column) {
       case kRecord:
-        needs_key = true;
-        if (!by_query && (!FindPlace() || place.kind != Kind::Integer)) return false;
+        if (!by_query && place.kind != Kind::Integer) return false;
         *number = by_query ? record_number : place.integer;
         return true;
       case kRecords: *number = CountRecords(); return true;
@@ -425,14 +415,14 @@ class View {
   }
 
   Kind KindOf(int column) {
-    if (row == Row::Live) return live().kind(column);
+    if (row == Row::Live) return rows->kind(column);
     return Load() ? loaded[Place(column)].kind : Kind::Null;
   }
   // REQUIRES: KindOf has found a value, and the row is not Live.
   const Value& Known(int column) const { return loaded[Place(column)]; }
   void Get(int column, Value* value) {
     if (row == Row::Live) {
-      live().Get(column, value);
+      rows->Get(column, value);
     } else {
       *value = Known(column);
     }
@@ -457,19 +447,8 @@ class View {
   }
 
   // --- The place --------------------------------------------------------------------------------
-  // REQUIRES: the row is Live.
-  Rows& live() { return further ? *further : *rows; }
-
-  // Ends the queries. The current record is then in the database, or there is none if its key
-  // cannot be found.
+  // Ends the query. The current record is then in the database.
   void Drop();
-  // Makes the key of the current row known. Returns false for a failure, and then there is no
-  // current row.
-  bool FindPlace();
-  // The same at the end of `further`, for its last row.
-  bool FindLastPlace();
-  // Leaves no current row. Returns false.
-  bool LosePlace();
   // Takes note of the row that `rows` is at, if found is 1.
   int Arrive(int found);
   // The end of a move that has found a record, or none, or has failed.
@@ -485,10 +464,6 @@ class View {
   int StepOfQuery(int direction);
   // Goes on in `rows`, and to the queries that follow it.
   int StepOn();
-  // Begins `further`, if that pays and can be done. Its first row is then the next one.
-  void GoOnWithoutKey();
-  // What follows that many rows of the query of `rows`, with other columns.
-  RowsPointer QueryAfter(const std::string& columns, int64_t count);
   // The order of the index's column for a direction: 1 rising, -1 falling.
   int Rising(int direction) const;
   std::string OrderColumn() const;
@@ -498,7 +473,7 @@ class View {
   bool Begin(int direction);
   bool BeginPhase(int direction);
   bool BeginAfter(int direction);
-  bool Began(int direction, std::string where, bool is_of_nulls);
+  bool Began(int direction, const std::string& where, bool is_of_nulls);
   std::string OrderByKey(int direction) const;
   std::string OrderBy(int rising, bool nulls) const;
   std::string Where(const std::string& more) const;
@@ -526,34 +501,19 @@ class View {
   bool Change(const std::string& text, const Values& list, const std::string& what);
 
   const bool by_query = false;
-  std::string select;              // the query; or of a table: SELECT, the columns, the key, FROM
-  std::string short_select, from;  // of a table: without the key; from FROM on
+  std::string select;  // the query; or of a table: SELECT, the columns, the key, FROM
   std::string condition;
   Values values;  // of the query or the condition
 
-  // The rest of a query after FROM: from WHERE on, and the part before ORDER BY.
-  struct Rest {
-    std::string where, rest;
-    bool is_of_nulls = false;  // of the records whose index's column has no value
-  };
-  Rest scan, search;
-  const Rest* query = nullptr;  // that of `rows`
-
   RowsPointer rows;
-  RowsPointer further;        // see above; null or open together with `rows`
-  int steps = 0;              // since the query began
   int direction_of_rows = 0;  // 0: they cannot be gone on with
   int phase = 0;              // 0: another query follows that of `rows`
   int block = 1;              // rows that a query asks for, where the connection limits them
   Values start;               // the values of `rows`
-  // Of `further`, or of the query that took its place.
-  Values further_start;
-  bool needs_key = false;  // a key was needed, so each query has it
 
   Row row = Row::None;
-  Value place;                // the key of the current record, unless it is due
-  bool place_is_due = false;  // the row is in `further`
-  Value order;                // the value of the index's column there, if has_order
+  Value place;  // the key of the current record
+  Value order;  // the value of the index's column there, if has_order
   bool has_order = false;
   bool ended = false;  // the last move went past the end; an index then goes nowhere from there
   Values loaded;       // the columns

@@ -38,7 +38,6 @@ inline int View::Add() {
 inline int View::Update() {
   if (!CanChange() || !CollectStored()) return 0;
   Settle();
-  if (!FindPlace()) return FailWith("Cannot read");
   if (row == Row::None || place.kind == Kind::Null) return Fail("There is no record");
   if (StoredValues(1).size() == 1) return 1;
   if (update_text.empty() || updated != stored) {
@@ -68,7 +67,6 @@ inline int View::Delete() {
   Settle();
   if (deleted) return 1;
   if (!Load()) return Fail("There is no record");
-  if (!FindPlace()) return FailWith("Cannot read");
   Drop();
   row = Row::Loaded;
   const Values values_of_key = {place};

@@ -71,12 +71,9 @@ inline int View::Find(std::string_view key, bool exact) {
   block = 1;
   phase = rising > 0 ? 1 : 0;
   if (find_text.empty()) {
-    search.where = Where(OrderColumn() + (rising > 0 ? " >= " : " <= ") + Mark(0));
-    search.rest = search.where + OrderBy(rising, false);
-    find_text = select + search.rest;
+    find_text = select + Where(OrderColumn() + (rising > 0 ? " >= " : " <= ") + Mark(0)) +
+                OrderBy(rising, false);
   }
-  query = &search;
-  steps = 0;
   RowsPointer found = connection().Select(find_text, start, block);
   if (!found) return FailWith("Cannot search");
   const int next = found->Next();
@@ -94,7 +91,7 @@ inline int View::Find(std::string_view key, bool exact) {
     if (passes != 0) return passes < 0 ? 0 : At(1);
     const int found_next = Step(1);
     if (found_next <= 0) return At(found_next);
-    if (row != Row::Live || !IsKey(live(), index.column, key, exact)) return At(0);
+    if (row != Row::Live || !IsKey(*rows, index.column, key, exact)) return At(0);
   }
 }
 
@@ -115,44 +112,9 @@ inline int View::SetFilter(ZPPROGRAM program, const char* text, int length) {
 // --- The place -----------------------------------------------------------------------------------
 
 inline void View::Drop() {
-  (void)FindPlace();
   if (row == Row::Live) row = Row::Unloaded;
-  further.reset();
   rows.reset();
   direction_of_rows = 0;
-}
-
-inline bool View::FindPlace() {
-  if (!place_is_due) return true;
-  needs_key = true;
-  const int64_t before = rows->number() + further->number() - 1;
-  further.reset();
-  place_is_due = false;
-  RowsPointer found = QueryAfter(select, before);
-  if (!found || found->Next() != 1) return LosePlace();
-  found->Get(KeyInRows(), &place);
-  rows = std::move(found);
-  return true;
-}
-
-inline bool View::FindLastPlace() {
-  if (!place_is_due) return true;
-  place_is_due = false;
-  const RowsPointer last =
-      connection().Select("SELECT " + table.key + from + query->where +
-                              OrderBy(-Rising(direction_of_rows), query->is_of_nulls),
-                          start, 1);
-  if (!last || last->Next() != 1) return LosePlace();
-  last->Get(0, &place);
-  return true;
-}
-
-inline bool View::LosePlace() {
-  row = Row::None;
-  place.SetNull();
-  rows.reset();
-  direction_of_rows = 0;
-  return false;
 }
 
 inline int View::Arrive(int found) {
@@ -163,8 +125,6 @@ inline int View::Arrive(int found) {
   has_order = false;
   if (by_query) {
     record_number = rows->number();
-  } else if (further) {
-    place_is_due = true;
   } else if (table.key_column < 0) {
     // The database's own key is a whole number.
     place.SetInteger(rows->Integer(Count()));
@@ -224,7 +184,6 @@ inline int View::GoToEnd(int direction, bool refreshes) {
 inline int View::Step(int direction) {
   if (by_query) return StepOfQuery(direction);
   if (rows && direction_of_rows == direction) return StepOn();
-  if (!FindPlace()) return FailWith("Cannot read"), -1;
   if (row == Row::None || place.kind == Kind::Null || (ended && !indexes.empty())) return 0;
   if (!indexes.empty() && !FindOrder()) return 0;
   Drop();
@@ -245,10 +204,9 @@ inline int View::StepOfQuery(int direction) {
 
 inline int View::StepOn() {
   for (;;) {
-    if (++steps == kLongScan) GoOnWithoutKey();
-    const int found = further ? further->Next() : rows->Next();
+    const int found = rows->Next();
     if (found == 1) return Arrive(1);
-    if (found < 0 || (found == 0 && !FindLastPlace())) {
+    if (found < 0) {
       FailWith("Cannot read");
       Drop();
       return -1;
@@ -269,22 +227,6 @@ inline int View::StepOn() {
       return 0;
     }
   }
-}
-
-inline void View::GoOnWithoutKey() {
-  if (needs_key || row != Row::Live || indexes.empty() || table.key_column >= 0 ||
-      !condition.empty() || !connection().skip()) {
-    return;
-  }
-  // Without it, for example if there is no lock for it, `rows` go on.
-  further = QueryAfter(short_select, rows->number());
-}
-
-inline RowsPointer View::QueryAfter(const std::string& columns, int64_t count) {
-  further_start = start;
-  further_start.emplace_back().SetInteger(count);
-  return connection().Select(
-      columns + query->rest + connection().skip() + MarkOf(further_start.size()), further_start, 0);
 }
 
 inline int View::Rising(int direction) const {
@@ -335,14 +277,10 @@ inline bool View::BeginAfter(int direction) {
                false);
 }
 
-inline bool View::Began(int direction, std::string where, bool is_of_nulls) {
-  scan.where = std::move(where);
-  scan.is_of_nulls = is_of_nulls;
-  scan.rest = scan.where +
-              (indexes.empty() ? OrderByKey(direction) : OrderBy(Rising(direction), is_of_nulls));
-  query = &scan;
-  steps = 0;
-  rows = connection().Select(select + scan.rest, start, block);
+inline bool View::Began(int direction, const std::string& where, bool is_of_nulls) {
+  const std::string order =
+      indexes.empty() ? OrderByKey(direction) : OrderBy(Rising(direction), is_of_nulls);
+  rows = connection().Select(select + where + order, start, block);
   direction_of_rows = direction;
   if (!rows) FailWith("Cannot read");
   return rows != nullptr;
@@ -414,7 +352,7 @@ inline bool View::Load() {
   if (row == Row::None || row == Row::Loaded) return row == Row::Loaded;
   Values key;
   RowsPointer found;
-  Rows* source = row == Row::Live ? &live() : nullptr;
+  Rows* source = row == Row::Live ? rows.get() : nullptr;
   if (row == Row::Unloaded) {
     if (place.kind == Kind::Null) return false;
     key.push_back(place);

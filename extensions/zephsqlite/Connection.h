@@ -113,8 +113,6 @@ class SQLite final : public Connection {
   }
   void Release() noexcept override;
   char mark() const override { return '?'; }
-  // The first query that is open takes a lock or a place in the log, which the others share.
-  const char* skip() const override { return " LIMIT -1 OFFSET "; }
 
   bool FailFromDatabase() { return Fail(sqlite3_errmsg(database)); }
   bool FailWith(const std::string& text) { return Fail(text); }

@@ -7,6 +7,7 @@
 #include <limits.h>
 #include <malloc.h>
 #include <sqlite3.h>
+#include <stdint.h>
 #include <stdlib.h>
 
 #include <string>
@@ -92,29 +93,48 @@ struct Peer {
 
 // --- Memory --------------------------------------------------------------------------------------
 
-// The heap as SQLite takes it, but for the first bytes of each block. The engine's heap puts one in
-// four of SQLite's pages at the very beginning of a page of memory, where the system's copies from
-// a file were found to be slower: a scan of a table that is larger than SQLite's cache takes 9 %
-// less time with them elsewhere.
-constexpr size_t kShift = 64;  // bytes
+// The heap as SQLite takes it, but for where its pages begin. The engine's heap puts them at one of
+// four places of a page of memory. Their heads, which SQLite reads at each step, would then compete
+// for few places of the processor's caches: with 1 MB, as cachegrind simulates it, 7.0 reads and
+// writes of a scanned record miss, and 2.5 if each page begins at one of ten places, which its
+// address tells. None is the very beginning of a page of memory, where copies from a file were
+// found to be slower.
+//
+// The bytes before a block have its distance from the beginning.
+constexpr size_t kHead = 16;    // bytes
+constexpr size_t kPage = 4096;  // blocks from this size on have pages
+constexpr size_t kLine = 64;    // of the cache
+constexpr size_t kPlaces = 10;  // the heap's block for a page has this room anyway
 
-void* Shifted(void* block) {
-  return block ? static_cast<char*>(block) + kShift : nullptr;
+size_t& ShiftOf(void* shifted) {
+  return static_cast<size_t*>(shifted)[-1];
+}
+void* Shifted(void* block, size_t shift) {
+  if (!block) return nullptr;
+  void* const shifted = static_cast<char*>(block) + shift;
+  ShiftOf(shifted) = shift;
+  return shifted;
 }
 void* Begin(void* shifted) {
-  return static_cast<char*>(shifted) - kShift;
+  return static_cast<char*>(shifted) - ShiftOf(shifted);
 }
 void* Allocate(int bytes) {
-  return Shifted(malloc(static_cast<size_t>(bytes) + kShift));
+  const auto size = static_cast<size_t>(bytes);
+  if (size < kPage) return Shifted(malloc(size + kHead), kHead);
+  void* const block = malloc(size + kPlaces * kLine);
+  // Neighbours are at equal distances. In the product's upper half nothing of that is left.
+  const uint64_t mixed = (reinterpret_cast<uintptr_t>(block) >> 10) * 0x9E3779B97F4A7C15;
+  return Shifted(block, kLine * (1 + (mixed >> 32) % kPlaces));
 }
 void* Resize(void* shifted, int bytes) {
-  return Shifted(realloc(Begin(shifted), static_cast<size_t>(bytes) + kShift));
+  const size_t shift = ShiftOf(shifted);
+  return Shifted(realloc(Begin(shifted), static_cast<size_t>(bytes) + shift), shift);
 }
 void Free(void* shifted) {
   free(Begin(shifted));
 }
 int Size(void* shifted) {
-  return shifted ? static_cast<int>(malloc_usable_size(Begin(shifted)) - kShift) : 0;
+  return shifted ? static_cast<int>(malloc_usable_size(Begin(shifted)) - ShiftOf(shifted)) : 0;
 }
 int RoundUp(int bytes) {
   return (bytes + 7) & ~7;

@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,7 +15,6 @@
 #include "tests/support/Command.h"
 #include "tests/support/DatabaseMachine.h"
 #include "tests/support/Paths.h"
-#include "tests/support/Rounds.h"
 #include "tests/support/SQLScripts.h"
 
 namespace {
@@ -92,51 +90,7 @@ TEST_F(SQLite, ScriptsGetWhatTheyAskFor) {
   }
 }
 
-// A scan that needs no key takes another way after some records than one whose record numbers were
-// read.
-TEST_F(SQLite, AScanDoesTheSameWithoutTheKeysOfItsRecords) {
-  std::mt19937 random(18);
-  const auto below = [&random](unsigned count) { return static_cast<int>(random() % count); };
-  for (int round = 0; round < Rounds(12); round++) {
-    std::string code;
-    for (int i = 0; i < 12; i++) {
-      const std::string number = std::to_string(below(1000));
-      switch (below(14)) {
-        case 0: code += Go("t", -1 - below(2)); break;
-        case 1: code += Go("t", below(400)); break;
-        case 2: code += Find("t", number); break;
-        case 3: code += SetField("t", "age", number) + OnView("dbupdate", "t"); break;
-        case 4: code += SetField("t", "age", number) + OnView("dbadd", "t"); break;
-        case 5: code += OnView("dbdelete", "t") + Show("t", "deleted"); break;
-        case 6: code += OnView("dbundelete", "t"); break;
-        case 7:
-          code += RunQuery("t", "update t set age = " + number + " where age % 20 = 1");
-          break;
-        case 8: code += RunQuery("t", "delete from t where age % 30 = " + number); break;
-        case 9: code += Skip("t", below(80)); break;
-        default: {
-          const int step = below(3) == 0 ? -1 : 1;
-          for (int k = below(150); k > 0; k--) code += Skip("t", step) + Show("t", "age");
-        }
-      }
-      code += Show("t", "name") + Show("t", "age") + Show("t", "eof");
-      if (below(8) == 0) code += Show("t", "recno");
-    }
-    const char* const flags = round % 2 ? "descending" : "";
-    const std::string begin =
-        SetType("sqlite") + PersonsScript() +
-        RunQuery("t",
-                 "insert into t (name, age) with recursive c(n) as (select 1 union all select n + "
-                 "1 from c where n < 400) select 'p' || n, nullif(n * 37 % 90, 5) * 10 from c");
-    const std::string index = Op("dbmakeindex", {"t", "age.zix", "d.age", flags}) + Go("t", -1);
-    const std::string with_key = RunFirstPage(engine, begin + Show("t", "recno") + index + code);
-    ASSERT_EQ(RunFirstPage(engine, begin + Push("1|") + "out\n" + index + code), with_key);
-    EXPECT_GT(with_key.size(), 100u);
-  }
-}
-
-// A scan sees its table as it was when it began, whatever other connections do, also where it looks
-// for the key of a record.
+// A scan sees its table as it was when it began, whatever other connections do.
 TEST_F(SQLite, AScanIsNotLedAstrayByOthers) {
   const std::string begin = SetType("sqlite") + PersonsScript() + GoFar();
   const std::string other =

@@ -200,8 +200,8 @@ inline std::string ReadMany(int count) {
          "incg i, 1\ncmpgi i, " + std::to_string(count) + "\njmp_lt " + next + "\n";
 }
 
-// Adds p1 to p300 of the ages 999 down to 700, and goes far in the order of the ages, without
-// reading a key: cat, bob, ann, p300, p299 and so on, to p203.
+// Adds p1 to p300 of the ages 999 down to 700, and goes far in the order of the ages: cat, bob,
+// ann, p300, p299 and so on, to p203.
 inline std::string GoFar() {
   return RunQuery("t",
                   "insert into t (name, age) with recursive c(n) as (select 1 union all select n + "
