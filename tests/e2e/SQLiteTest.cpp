@@ -284,6 +284,28 @@ TEST_F(SQLite, LongStatementsAreNotKept) {
   EXPECT_LT(engine.ResidentBytes(), 60L << 20);
 }
 
+// Between the requests the kept connection gives back its cache of pages, which is then larger than
+// that of a connection that waits.
+TEST_F(SQLite, AConnectionThatHasReadALargeTableServesTheNextScript) {
+  RunFirstPage(engine, SetType("sqlite") + PersonsScript() +
+                           RunQuery("t",
+                                    "insert into t (name, age) with recursive c(n) as (select 1 "
+                                    "union all select n + 1 from c where n < 20000) select "
+                                    "printf('%0200d', n), n from c") +
+                           Op("dbmakeindex", {"t", "age.zix", "d.age", ""}));
+  engine.arguments = {"-t", "1"};
+  engine.Script("large.zpc",
+                SetType("sqlite") + Silent() + OpenDatabase("t", "t.dbf", "age.zix") +
+                    OpenView("t", "c", "select sum(length(name)) as n from t where age > 100") +
+                    Show("c", "n") + Find("t", "19000") + Show("t", "age") + Skip("t", 1) +
+                    SetField("t", "name", "x") + OnView("dbupdate", "t") + Show("t", "age"));
+  ASSERT_TRUE(engine.Start());
+  for (int i = 0; i < 3; i++) {
+    EXPECT_EQ(engine.Get("/large.zpc").Body(),
+              std::to_string(i == 0 ? 19900 * 200 : 19899 * 200 + 1) + "|19000|19001|");
+  }
+}
+
 // At each limit of memory another step fails. The process goes on, and no connection is lost.
 TEST_F(SQLite, MemoryThatIsRefusedEndsOnlyTheScript) {
   if (kThreadSanitizer) GTEST_SKIP() << "there is no limit";
