@@ -4,7 +4,6 @@
 #include "base/values/DeferredText.h"
 
 #include <algorithm>
-#include <charconv>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -132,17 +131,11 @@ void DeferredText::CopyPrefix() {
   prefix_length = 0;
 }
 
-void DeferredText::Append(int value) {
-  constexpr int longest = 11;
-  if (room - used >= longest) {
-    char* const end = bytes + used;
-    used += static_cast<int>(std::to_chars(end, end + longest, value).ptr - end);
-  } else {
-    char text[longest];
-    const auto count = static_cast<int>(std::to_chars(text, text + longest, value).ptr - text);
-    memcpy(Room(count), text, static_cast<size_t>(count));
-    used += count;
-  }
+void DeferredText::AppendLarge(int value) {
+  char text[kLongestInteger];
+  const auto count = static_cast<int>(WriteInteger(text, value) - text);
+  memcpy(Room(count), text, static_cast<size_t>(count));
+  used += count;
 }
 
 void DeferredText::Append(double value) {

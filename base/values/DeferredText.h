@@ -9,6 +9,7 @@
 
 #include "base/core/CopyText.h"
 #include "base/core/FreeList.h"
+#include "base/core/NumberText.h"
 
 class Output;
 class Variable;
@@ -45,7 +46,10 @@ class DeferredText {
     CopyText(count <= room - used ? bytes + used : Room(count), text, static_cast<size_t>(count));
     used += count;
   }
-  void Append(int value);
+  void Append(int value) {
+    if (room - used < kLongestInteger) return AppendLarge(value);
+    used = static_cast<int>(WriteInteger(bytes + used, value) - bytes);
+  }
   void Append(double value);
   void Append(Variable* variable);
   void Append(const DeferredText& text);
@@ -75,6 +79,7 @@ class DeferredText {
  private:
   DeferredText(Variable* variable, int length);
   char* Room(int count);
+  void AppendLarge(int value);
   static DeferredText* FirstOf(Variable* variable);
   DeferredText* NextOfVariable() const;
   void CopyPrefix();

@@ -10,7 +10,6 @@
 #include "base/values/Variable.h"
 
 #include <algorithm>
-#include <charconv>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -21,6 +20,7 @@
 
 #include "base/core/BufferRoom.h"
 #include "base/core/CopyText.h"
+#include "base/core/NumberText.h"
 #include "base/core/RunLimit.h"
 #include "base/core/ShortAssign.h"
 #include "base/host/ZephApplication.h"
@@ -403,9 +403,8 @@ void Variable::Convert_String() {
 // The outcome is that of adopting the buffer of itos, but the present buffer is reused if it is
 // large enough: scripts write out counters again and again.
 void Variable::StoreIntegerText() {
-  char text[12];
-  const int length =
-      static_cast<int>(std::to_chars(text, text + sizeof text, integer_value).ptr - text);
+  char text[kLongestInteger];
+  const int length = static_cast<int>(WriteInteger(text, integer_value) - text);
   if (string_value.allocated <= length) {
     string_value.assign_nocopy(new char[static_cast<size_t>(length) + 1], 0, length + 1);
   }
@@ -526,6 +525,7 @@ void Variable::SetNULL() {
 // the last count of this object.
 
 int Variable::SetValue(const char* text, int length) {
+  if (text && length >= 0 && WriteShort(text, length)) return 1;
   if (RedirectedStore()) return reference ? Final()->SetValue(text, length) : 1;
   string_value.assign(text, length);
   SetForms(TextForm);
@@ -535,6 +535,18 @@ int Variable::SetValue(const char* text, int length) {
 }
 
 int Variable::SetValue_Nocopy(char* buffer, int length, int allocated) {
+  // The result of a library's function, mostly: its variable is a new one, or has an older text.
+  if (IsPlain() && !elements && buffer && length >= 0 && length < allocated) {
+    char* const old = string_value.data;
+    string_value.data = buffer;
+    string_value.allocated = allocated;
+    string_value.length = length;
+    buffer[length] = '\0';
+    SetForms(TextForm);
+    primary = PrimaryText;
+    if (old != buffer) delete[] old;
+    return 1;
+  }
   // A text that begins with the old value is made whole first, which may fail.
   std::unique_ptr<char[]> owned(buffer);
   if (RedirectedStore()) {

@@ -365,6 +365,14 @@ class Variable {
     primary = PrimaryNone;
     return true;
   }
+  // SetNULL() for a variable of no derived class.
+  void Clear() {
+    if (!HoldsText() || elements || !string_value.data) return Variable::SetNULL();
+    string_value.data[0] = '\0';
+    string_value.length = 0;
+    SetForms(0);
+    primary = PrimaryNone;
+  }
   // Moves the elements of an array or structure from a variable that only the caller holds, instead
   // of copying them: for a result that is on its way to where it is stored. The outcome is that of
   // SetValue(*source), and the source is NULL afterwards. Returns false and changes nothing where a
