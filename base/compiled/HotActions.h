@@ -112,6 +112,9 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 //                                 a constant, and the array is a variable
 //   Out...                        a constant text or a variable, written to the output
 //   OutRounded                    a constant, and the top rounded to so many decimals and written
+//   OutVariableRounded            the same of a variable
+//   CallExternal                  a call of a library's function
+//   CallWithText                  ConcatenateTextVariable, and such a call
 //   Concatenate...                a constant text or a variable, appended to the text on top
 //   ConcatenateTextVariable       a constant text, a variable, and the two together
 //   ConcatenateVariableText       the same in the other order, if the variable has a long text
@@ -139,6 +142,7 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
   ACTION(Element) ACTION(ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly)                      \
   ACTION(Call) ACTION(Return) ACTION(ReturnNothing) ACTION(ReturnVariable)                           \
   ACTION(ConcatenateText) ACTION(ConcatenateVariable) ACTION(OutText) ACTION(OutVariable)            \
+  ACTION(OutVariableRounded) ACTION(CallExternal) ACTION(CallWithText)                               \
   ACTION(EachElement) ACTION(OutRounded) ACTION(ConcatenateTextVariable) ACTION(ConcatenateVariableText)                 \
   ACTION(EqualConstantJump) ACTION(NotEqualConstantJump)                                             \
   ACTION(LessConstantJump) ACTION(LessEqualConstantJump)                                             \

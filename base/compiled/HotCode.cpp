@@ -353,6 +353,8 @@ size_t LengthOf(HotAction action) {
     case HotAction::UpdateMulVariable:
     case HotAction::UpdateDivVariable: return 5;
     case HotAction::NextElement: return 5;
+    case HotAction::OutVariableRounded:
+    case HotAction::CallWithText:
     case HotAction::CompareTopJump: return 4;
     case HotAction::IncrementCompareJump:
     case HotAction::EqualConstantJump:
@@ -390,7 +392,7 @@ void HotCode::MakeFastList(const FunctionManager* functions) {
       continue;
     }
     fast.push_back(ops[i]);
-    const HotAction idiom = Idiom(i);
+    const HotAction idiom = Idiom(i, functions);
     size_t left = idiom == ops[i].single ? 0 : LengthOf(idiom) - 1;
     if (idiom == HotAction::EachElement) left += LookUpOfEach(i);
     // The first entry of a counting loop jumps to its comparison, which is also run alone.
@@ -398,11 +400,13 @@ void HotCode::MakeFastList(const FunctionManager* functions) {
       if (targets[i + k]) left = 0;
     }
     if (left > 0) fast.back().action = idiom;
+    MarkExternalCall(i, functions);
     if (idiom == HotAction::EachElement) fast.back().second = static_cast<int>(LookUpOfEach(i));
     if (fast.back().action == HotAction::CompareTopJump) SetCompareTop(i, &fast.back());
     for (i++; left > 0; left--, i++) {
       places[i] = fast.size() + 1;
       fast.push_back(ops[i]);
+      MarkExternalCall(i, functions);
     }
   }
   fast.insert(fast.end(), ops.end() - kLongestIdiom, ops.end());
@@ -431,7 +435,29 @@ void HotCode::SetCompareTop(size_t i, HotOp* record) const {
   record->number = other.number;
 }
 
-HotAction HotCode::Idiom(size_t i) const {
+// Whether it is a call of a library's function.
+bool HotCode::IsExternalCall(size_t i, const FunctionManager* functions) const {
+  if (!Is(i, HotAction::Call)) return false;
+  Function* const function = functions->Lookup(ops[i].first);
+  return function && (function->flags() & Function_External);
+}
+
+// Gives the last record of the fast list, that of instruction i, the action of such a call. The
+// result may be written by the next instruction even if jumps go there.
+void HotCode::MarkExternalCall(size_t i, const FunctionManager* functions) {
+  if (!IsExternalCall(i, functions)) return;
+  fast.back().action = HotAction::CallExternal;
+  fast.back().refer = IsOut(i + 1);
+}
+
+// Whether it is such a call, and the function takes the entry on top by value.
+bool HotCode::TakesTop(size_t i, const FunctionManager* functions) const {
+  if (!IsExternalCall(i, functions)) return false;
+  const std::vector<FunctionParameter*>& parameters = functions->Lookup(ops[i].first)->slots();
+  return !parameters.empty() && !parameters.back()->byreference();
+}
+
+HotAction HotCode::Idiom(size_t i, const FunctionManager* functions) const {
   const HotAction action = ops[i].single;
   const HotAction next = ops[i + 1].single;
   if (IsConditional(next)) {
@@ -467,7 +493,7 @@ HotAction HotCode::Idiom(size_t i) const {
       return HotAction::ReturnVariable;
     }
   }
-  return IdiomOfText(i);
+  return IdiomOfText(i, functions);
 }
 
 bool HotCode::IsNextElement(size_t i) const {
@@ -490,7 +516,7 @@ size_t HotCode::LookUpOfEach(size_t i) const {
 }
 
 // Idioms that make and write texts.
-HotAction HotCode::IdiomOfText(size_t i) const {
+HotAction HotCode::IdiomOfText(size_t i, const FunctionManager* functions) const {
   const HotAction action = ops[i].single;
   const HotAction next = ops[i + 1].single;
   const bool joined = Is(i + 2, HotAction::Concatenate);
@@ -500,12 +526,19 @@ HotAction HotCode::IdiomOfText(size_t i) const {
   }
   if (action == HotAction::PushText) {
     if (next == HotAction::Concatenate) return HotAction::ConcatenateText;
-    if (next == HotAction::PushVariable && joined) return HotAction::ConcatenateTextVariable;
+    if (next == HotAction::PushVariable && joined) {
+      return TakesTop(i + 3, functions) ? HotAction::CallWithText
+                                        : HotAction::ConcatenateTextVariable;
+    }
     if (IsOut(i + 1)) return HotAction::OutText;
   }
   if (action == HotAction::PushVariable) {
     if (next == HotAction::Concatenate) return HotAction::ConcatenateVariable;
     if (IsOut(i + 1)) return HotAction::OutVariable;
+    if (next == HotAction::PushInteger && IsHandler(i + 2, Instruction::code_rounds) &&
+        IsOut(i + 3)) {
+      return HotAction::OutVariableRounded;
+    }
     if (next == HotAction::PushText && joined) return HotAction::ConcatenateVariableText;
   }
   return action;

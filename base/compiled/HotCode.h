@@ -52,9 +52,11 @@ struct HotOp {
   // The orders on which a jump is made or a comparison holds: bit 0 for less, 1 for equal, 2 for
   // greater.
   unsigned char orders = 0;
-  bool word = false;               // whether a text is no number, so that it is compared as a text
-  bool create = false;             // whether an element or member is created if it is missing
-  bool refer = false;              // of an argument: whether it is taken by reference
+  bool word = false;    // whether a text is no number, so that it is compared as a text
+  bool create = false;  // whether an element or member is created if it is missing
+  // Of an argument: whether it is taken by reference. Of a call of a library's function: whether
+  // the next instruction writes the result.
+  bool refer = false;
   HotLoad load = HotLoad::Number;  // of a record that loads
   HotForm form = HotForm::Double;  // of a temporary or constant that is stored, pushed or returned
   // Of a group's first plain record: how often the group has not applied.
@@ -145,9 +147,12 @@ class HotCode {
   void CountRows();
   void MakeFastList(const FunctionManager* functions);
   unsigned char UsesOfTop(size_t i, bool held, const FunctionManager* functions) const;
-  HotAction Idiom(size_t i) const;
   void SetCompareTop(size_t i, HotOp* record) const;
-  HotAction IdiomOfText(size_t i) const;
+  HotAction Idiom(size_t i, const FunctionManager* functions) const;
+  HotAction IdiomOfText(size_t i, const FunctionManager* functions) const;
+  bool IsExternalCall(size_t i, const FunctionManager* functions) const;
+  void MarkExternalCall(size_t i, const FunctionManager* functions);
+  bool TakesTop(size_t i, const FunctionManager* functions) const;
   bool IsNextElement(size_t i) const;
   size_t LookUpOfEach(size_t i) const;
   HotAction Update(size_t i) const;

@@ -27,6 +27,12 @@ class Output {
     return true;
   }
 
+  // Room that is held open for at least that many bytes, for text that is made in place; null if
+  // there is less. The caller writes to it and passes the end of what it wrote to Took, before any
+  // other operation. REQUIRES: a count above 0.
+  char* Room(int count) const { return room_end - room >= count ? room : nullptr; }
+  void Took(char* end) { room = end; }
+
   enum Flags : int { CompressFast = 1, CompressFull = 2 };
   enum Type : int { Buffered = 0, HTTP = 1, Null = 2 };
 

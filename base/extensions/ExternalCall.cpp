@@ -45,8 +45,8 @@ void ExternalCall::SetResult(Variable* adopted) {
 }
 
 int ExternalCall::Call(ZephVM* vm, VariableHash* parameters) {
-  if (ResultIsFree()) {
-    result_variable->Variable::SetNULL();
+  if (ResultIsFree()) [[likely]] {
+    result_variable->Clear();
   } else {
     SetResult(new Variable());
   }

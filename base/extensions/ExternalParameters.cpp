@@ -24,6 +24,8 @@ ExternalParameters::ExternalParameters(Function* function, ExternalCall* call)
                      .differs = declared->flagword() != row->flags});
     row++;
   }
+  regular = usual;
+  for (const Parameter& parameter : slots) regular = regular && !parameter.differs;
 }
 
 // Afterwards the variable is as new.

@@ -79,6 +79,8 @@ class ExternalParameters {
   // Whether each parameter has a variable of its own, and the table no other ones, as in all but
   // damaged files.
   bool is_usual() const { return usual; }
+  // The same, and the library declares all parameters as the script does.
+  bool is_regular() const { return regular; }
 
   // Ends a call: drops the arguments and makes the table as new, except for texts that are kept. At
   // most `room` bytes of them are; *kept receives how many. Returns false if the object must be
@@ -99,12 +101,31 @@ class ExternalParameters {
   }
   static void DropText(Variable* variable);
   bool RenewAll(int* kept);
+  // Renew for a table whose only parameter is a text that may be kept, as most functions have.
+  // Returns false and does nothing for others.
+  bool RenewText(int room, int* kept) {
+    if (!regular || slots.size() != 1) return false;
+    unsigned count;
+    const _VH_Entry* const rows = variables.Rows(&count);
+    Parameter& parameter = slots[0];
+    Variable* const variable = count == 1 ? rows[0].variable : nullptr;
+    if (!variable || variable != parameter.variable || !variable->HoldsText() ||
+        variable->plain_count() != 1) {
+      return false;
+    }
+    const String& text = variable->plain_text();
+    if (!text.data || text.allocated > kMostKept || text.allocated > room) return false;
+    parameter.has_text = true;
+    *kept = text.allocated;
+    return true;
+  }
 
   Function* called;
   ExternalCall* library_call;
   VariableHash variables;
   std::vector<Parameter> slots;
   bool usual;
+  bool regular;
   int kept_bytes = 0;                  // of all texts that are kept
   ExternalParameters* next = nullptr;  // while the object is idle
 };
@@ -129,12 +150,18 @@ class IdleParameters {
     bytes -= taken->kept_bytes;
     return std::unique_ptr<ExternalParameters>(taken);
   }
+  // Returns the table that Take would return next, which stays idle; null if there is none.
+  const ExternalParameters* Next(int index) const {
+    return static_cast<unsigned>(index) < idle.size() ? idle[static_cast<unsigned>(index)]
+                                                      : nullptr;
+  }
   // Returns a new table. The arguments are those of the constructor.
   std::unique_ptr<ExternalParameters> Make(Function* function, ExternalCall* call);
   // Keeps a table of Take or Make whose call is over, or deletes it. Needs no memory. index is the
   // function's.
   void Keep(std::unique_ptr<ExternalParameters> used, int index) {
-    if (!used->Renew(kMostBytes - bytes, &used->kept_bytes)) return;
+    const int room = kMostBytes - bytes;
+    if (!used->RenewText(room, &used->kept_bytes) && !used->Renew(room, &used->kept_bytes)) return;
     bytes += used->kept_bytes;
     ExternalParameters*& first = idle[static_cast<unsigned>(index)];
     used->next = first;

@@ -239,6 +239,9 @@ class ZephApplication {
   ssl_ctx_st* sslcontext() { return ssl_context; }
   const OpenSSLFunctions* sslfunctions() { return ssl_functions; }
 
+  // output(), without the virtual call in most hosts, for the machine.
+  Output* CurrentOutput() { return current_output ? current_output : output(); }
+
   // What is told of errors and beats, borrowed; null in a host that does not need it.
   RunObserver* observer() { return run_observer; }
 
@@ -248,6 +251,9 @@ class ZephApplication {
   List<LogFilterEntry>* logexcludes() { return &log_excludes; }
 
  protected:
+  // What output() returns; null in a host that keeps it in another place.
+  Output* current_output = nullptr;
+
   // Start a clock with a limit in whole seconds, 0 for none, and clear its flag. For a host that
   // guards the clocks with a mutex: reading the setting calls the configuration library, which must
   // not happen under that mutex.

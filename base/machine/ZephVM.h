@@ -392,6 +392,15 @@ class ZephVM {
   ExternalCall* FindExternal(Function* function);
   ExternalCall* BindExternal(Function* function);
   bool TakeArguments(ExternalParameters* parameters);
+  Variable* TakeArgument(ExternalParameters* parameters, ExternalParameters::Parameter* parameter);
+  // CallExternalFunction for a function that was called before, but the result is not pushed: it is
+  // returned, borrowed from the library's function until its next call. Returns null after a
+  // failure, which has been reported. If text is not null, it is the last argument in place of the
+  // entry on top. REQUIRES: IsBound(index); with a text, there is a parameter, the last is by
+  // value, and length is 0 or more.
+  Variable* CallBoundFunction(int index, const char* text, int length);
+  // Whether a call of the function at an index has nothing to find out, and no record to write.
+  bool IsBound(int index) const;
 
   // Whether a run within this one may begin. If not, that is a fatal error.
   bool MayNest();

@@ -14,6 +14,7 @@
 #include <iterator>
 #include <memory>
 
+#include "base/core/NumberText.h"
 #include "base/core/Numbers.h"
 #include "base/core/RunLimit.h"
 #include "base/core/dtoa.h"
@@ -61,14 +62,16 @@ double PowerOfTen(int exponent) {
 // Rounds as Round does, but without the value's digits; the result is a whole number of units of
 // the last decimal. This works if the fraction after the last kept decimal is not so near to a half
 // that the digits, which differ from the value by at most half of its last bit, could decide
-// otherwise. Returns false in all other cases, and for values that are below 1 or too large.
-bool RoundByFraction(double value, int decimals, unsigned long* whole) {
+// otherwise. Returns false in all other cases, and for values that are too large or so small that
+// rounding might begin before the first digit: below 0.1, and without decimals below 1.
+inline bool RoundByFraction(double value, int decimals, unsigned long* whole) {
   const double magnitude = fabs(value);
-  if (!(magnitude >= 1.0 && magnitude < 4503599627370496.0)) return false;  // 2 to the 52nd
-  if (decimals < 1 || decimals > 9) return false;
+  if (static_cast<unsigned>(decimals) > 9) return false;
+  const double least = decimals > 0 ? 0.1 : 1.0;
+  if (!(magnitude >= least && magnitude < 4503599627370496.0)) return false;  // 2 to the 52nd
   const uint64_t bits = std::bit_cast<uint64_t>(magnitude);
   const uint64_t mantissa = (bits & ((uint64_t{1} << 52) - 1)) | uint64_t{1} << 52;
-  const int shift = 1075 - static_cast<int>(bits >> 52);  // bits after the point: 1 to 52
+  const int shift = 1075 - static_cast<int>(bits >> 52);  // bits after the point: 1 to 56
   const uint64_t power = kPowers[decimals];
   __extension__ const auto scaled = static_cast<unsigned __int128>(mantissa) * power;
   const auto fraction = static_cast<uint64_t>(scaled) & ((uint64_t{1} << shift) - 1);
@@ -86,7 +89,8 @@ bool RoundByFraction(double value, int decimals, unsigned long* whole) {
 Rounded Round(double value, int decimals) {
   Rounded rounded;
   unsigned long whole = 0;
-  if (RoundByFraction(value, decimals, &whole)) {
+  // Without decimals the value stays as it is.
+  if (decimals > 0 && RoundByFraction(value, decimals, &whole)) {
     const double quotient = static_cast<double>(whole) / kPowers[decimals];
     rounded.sign = value < 0;
     rounded.value = rounded.sign ? -quotient : quotient;
@@ -172,16 +176,26 @@ void ZephVM::rounds() {
   }
 }
 
-// The value is at least 1, so there is a digit before the point.
+// Both forms of the two decimals of money and tables have a constant divisor.
 int ZephVM::WriteRounded(double value, int decimals, char* text) {
   unsigned long whole;
   if (!RoundByFraction(value, decimals, &whole)) return 0;
   char* end = text;
-  if (value < 0) *end++ = '-';
-  end = std::to_chars(end, text + MostRounded, whole).ptr;
-  for (int i = 0; i < decimals; i++) end[-i] = end[-i - 1];
-  end[-decimals] = '.';
-  return static_cast<int>(end + 1 - text);
+  *end = '-';
+  end += value < 0;
+  if (decimals == 2) {
+    end = WriteUnsigned(end, whole / 100);
+    *end = '.';
+    end = WritePair(end + 1, whole % 100);
+  } else if (decimals == 0) {
+    end = WriteUnsigned(end, whole);
+  } else {
+    const unsigned long power = kPowers[decimals];
+    end = WriteUnsigned(end, whole / power);
+    *end = '.';
+    end = WriteDigits(end + 1, whole % power, decimals);
+  }
+  return static_cast<int>(end - text);
 }
 
 // roundf  ( a b -- d )  a rounded half to even to b decimals; a negative b counts as 0. An infinity

@@ -97,6 +97,52 @@ void ZephVM::CallExternalFunction(Function* function) {
   }
 }
 
+// Without records, and without the steps that have their outcome from the first call. The order of
+// the pops is that of the other way.
+Variable* ZephVM::CallBoundFunction(int index, const char* text, int length) {
+  std::unique_ptr<ExternalParameters> taken =
+      idle_parameters.Take(idle_parameters.Next(index)->function(), index);
+  const auto keep = [this, index](ExternalParameters* used) {
+    std::unique_ptr<ExternalParameters> over(used);
+    if (family->reuses_frames()) idle_parameters.Keep(std::move(over), index);
+  };
+  const std::unique_ptr<ExternalParameters, decltype(keep)> parameters(taken.release(), keep);
+  std::vector<ExternalParameters::Parameter>& all = parameters->parameters();
+  size_t left = all.size();
+  if (text) parameters->Argument(&all[--left], true)->Variable::SetValue(text, length);
+  while (left-- > 0) {
+    if (!TakeArgument(parameters.get(), &all[left])) return nullptr;
+  }
+  // A library might keep or send what it is given, so it is not given parts.
+  if (RunLimit::WasCut()) return nullptr;
+  ExternalCall* const external = parameters->call();
+  external->Call(this, parameters->table());
+  if (RunLimit::WasCut()) std::atomic_ref<int>(*timedout_flag).store(1, std::memory_order_relaxed);
+  return external->result();
+}
+
+// Returns null after a failure.
+inline Variable* ZephVM::TakeArgument(ExternalParameters* parameters,
+                                      ExternalParameters::Parameter* parameter) {
+  Variable* argument;
+  if (!parameter->by_reference) {
+    argument = TakeValue(stack, parameters, parameter);
+    if (!argument) FatalError("Invalid parameter reference");
+    return stop_flag ? nullptr : argument;
+  }
+  Entry* const top = stack->End() - 1;
+  if (stack->Entries() > 0 && top->kind == ZephVM_Stack::KindVariable) [[likely]] {
+    argument = top->value.variable;
+    parameters->Refer(*parameter, argument);
+    stack->SetEnd(top);
+    ZephVM_Stack::Free(top);
+    return argument;
+  }
+  const VariableRef held = PopHeld(&argument);
+  if (argument) parameters->Refer(*parameter, argument);
+  return argument;
+}
+
 // The last argument is on top of the stack. Returns false after a failure.
 bool ZephVM::TakeArguments(ExternalParameters* parameters) {
   std::vector<ExternalParameters::Parameter>& all = parameters->parameters();

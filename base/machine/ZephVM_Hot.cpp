@@ -38,6 +38,8 @@
 #include "base/compiled/Instructions.h"
 #include "base/compiled/Segment.h"
 #include "base/compiled/VariableHash.h"
+#include "base/core/CopyText.h"
+#include "base/core/NumberText.h"
 #include "base/core/Output.h"
 #include "base/core/SameBytes.h"
 #include "base/host/ZephApplication.h"
@@ -696,6 +698,12 @@ HOT_INLINE bool Jumps(const HotOp* jump, int order) {
 }
 
 }  // namespace
+
+inline bool ZephVM::IsBound(int index) const {
+  const ExternalParameters* const next = idle_parameters.Next(index);
+  return next && next->is_regular() && functions->Lookup(index) == next->function() &&
+         !log_gate.Wants(Log_OfCalls);
+}
 
 void ZephVM::RunHot(const HotCode* hot, const HotOp* op) {
   const auto all = static_cast<size_t>(functions ? functions->Functions() : 0);
@@ -1813,36 +1821,71 @@ on_Records : {
 on_OutText:
   SINGLE_UNLESS(HAS_ROOM)
   TELL_STACK
-  if (application->output()->Put(op->text, op->length)) NEXT(2)
+  if (application->CurrentOutput()->Put(op->text, op->length)) NEXT(2)
   goto written;
 on_OutVariable : {
   variable = VARIABLE(op);
   SINGLE_UNLESS(HAS_ROOM && variable)
   TELL_STACK
-  const unsigned forms = variable->plain_forms();
-  if (forms & Variable::TextForm) {
-    const String& text = variable->plain_text();
-    SINGLE_UNLESS(text.data)
-    if (application->output()->Put(text.data, text.length)) NEXT(2)
-  } else {
-    SINGLE_UNLESS(forms == Variable::IntegerForm)
-    char digits[20];
-    const char* const end =
-        std::to_chars(digits, digits + sizeof digits, variable->plain_integer()).ptr;
-    if (application->output()->Put(digits, static_cast<int>(end - digits))) NEXT(2)
+  Output* const page = application->CurrentOutput();
+  if (variable->HoldsInteger()) {
+    // Numbers are made in the output's own room, if it has some.
+    if (char* const room = page->Room(kLongestInteger)) [[likely]] {
+      page->Took(WriteInteger(room, variable->plain_integer()));
+      NEXT(2)
+    }
+    char digits[kLongestInteger];
+    page->Write(digits, static_cast<int>(WriteInteger(digits, variable->plain_integer()) - digits));
+    goto written;
   }
+  SINGLE_UNLESS(variable->plain_forms() & Variable::TextForm)
+  const String& text = variable->plain_text();
+  SINGLE_UNLESS(text.data)
+  if (page->Put(text.data, text.length)) NEXT(2)
   goto written;
 }
 on_OutRounded : {
   char text[MostRounded];
-  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && IsNumber<HasNumberSlow>(top - 1))
-  const int length = WriteRounded(NumberIn(top - 1), op->first, text);
+  double number;
+  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE)
+  if (IsDouble(top - 1)) {
+    number = top[-1].value.number;
+  } else {
+    SINGLE_UNLESS(IsNumber<HasNumberSlow>(top - 1))
+    number = NumberIn(top - 1);
+  }
+  Output* const page = application->CurrentOutput();
+  char* const room = page->Room(MostRounded);
+  const int length = WriteRounded(number, op->first, room ? room : text);
   SINGLE_UNLESS(length > 0)
   --top;
   ZephVM_Stack::Free(top);
   TELL_STACK
-  if (application->output()->Put(text, length)) NEXT(3)
   op++;
+  if (!room) {
+    page->Write(text, length);
+    goto written;
+  }
+  page->Took(room + length);
+  NEXT(2)
+}
+on_OutVariableRounded : {
+  char text[MostRounded];
+  double number;
+  variable = VARIABLE(op);
+  SINGLE_UNLESS(HAS_ROOM && FIND_NUMBER(variable, &number))
+  Output* const page = application->CurrentOutput();
+  char* const room = page->Room(MostRounded);
+  const int length = WriteRounded(number, op[1].first, room ? room : text);
+  SINGLE_UNLESS(length > 0)
+  TELL_STACK
+  op += 2;
+  if (!room) {
+    page->Write(text, length);
+    goto written;
+  }
+  page->Took(room + length);
+  NEXT(2)
 }
 // The output may set a flag, for example because the client has gone.
 written:
@@ -2522,6 +2565,70 @@ call : {
   }
   goto moved;
 }
+
+// A constant text and a variable, joined, are the last argument of the library's function. They go
+// straight into its parameter.
+on_CallWithText : {
+  variable = VARIABLE(op + 1);
+  if (!(HAS_ROOM && variable && op->length <= ZephVM_Stack::ShortText && IsBound(op[3].first))) {
+    goto on_ConcatenateTextVariable;
+  }
+  char joined[2 * ZephVM_Stack::ShortText];
+  char* end = joined + op->length;
+  CopyText(joined, op->text, static_cast<size_t>(op->length));
+  const unsigned forms = variable->plain_forms();
+  if (forms == Variable::IntegerForm) {
+    end = WriteInteger(end, variable->plain_integer());
+  } else {
+    const String& text = variable->plain_text();
+    if (!(forms & Variable::TextForm) || text.length > ZephVM_Stack::ShortText) {
+      goto on_ConcatenateTextVariable;
+    }
+    CopyText(end, text.data, static_cast<size_t>(text.length));
+    end += text.length;
+  }
+  op += 3;
+  RAN_UP_TO(op, 1)
+  TELL_STACK
+  instruction_start = op->start;
+  program_counter = op[1].start;
+  variable = CallBoundFunction(op->first, joined, static_cast<int>(end - joined));
+  goto called_library;
+}
+on_CallExternal:
+  if (!(HAS_ROOM && IsBound(op->first))) [[unlikely]]
+    goto call;
+  RAN(op)
+  TELL_STACK
+  instruction_start = op->start;
+  program_counter = op[1].start;
+  variable = CallBoundFunction(op->first, nullptr, 0);
+// The function has returned this variable, or failed. The code may be another one now.
+called_library:
+  if (!variable || stop_flag || RAISED || segment->hot() != hot || hot->serial() != code_serial ||
+      wanted_segment != loaded_segment || program_counter != op[1].start) [[unlikely]] {
+    if (variable) stack->PushHeld(variable);
+    hot_mode = NoMode;
+    goto moved;
+  }
+  hot_mode = NoMode;
+  s = stack;
+  ASK_STACK
+  ASK_ROWS
+  // A result that the next instruction writes does not become an entry in between.
+  if (op->refer && (variable->plain_forms() & Variable::TextForm)) {
+    const String& text = variable->plain_text();
+    if (char* const room =
+            text.length > 0 ? application->CurrentOutput()->Room(text.length) : nullptr) {
+      CopyText(room, text.data, static_cast<size_t>(text.length));
+      application->CurrentOutput()->Took(room + text.length);
+      op += 2;
+      GO
+    }
+  }
+  PUSH(SetVariable(variable))
+  op++;
+  GO
 
 on_ReturnNothing : {
   LEAVE_UNLESS(frame->returns_hot)

@@ -9,6 +9,7 @@
 #include "api/zeph.h"
 #include "base/compiled/Segment.h"
 #include "base/extensions/ExternalCall.h"
+#include "base/host/HTTPOutput.h"
 #include "base/values/Variable.h"
 #include "tests/support/Machine.h"
 
@@ -67,6 +68,28 @@ void Describe(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result, v
   zpVariable_SetValue(result, seen.data(), static_cast<int>(seen.size()));
 }
 
+// A page in small blocks, some of which go out early.
+class Page : public HTTPOutput {
+ public:
+  Page() : HTTPOutput(64, 1500) {}
+  void OutputHeaders() override {}
+  int DoWrite(const char* text, int length) override {
+    body.append(text, static_cast<size_t>(length));
+    return length;
+  }
+  std::string body;
+};
+
+// Runs a script whose output is a page, which holds room open, and returns that.
+std::string RunToPage(LibraryMachine* library) {
+  Page page;
+  Output* const before = library->machine.application.SetOutput(&page);
+  library->machine.Go();
+  page.Flush();
+  library->machine.application.SetOutput(before);
+  return page.body;
+}
+
 // What a script writes, once with tables of earlier calls and once with fresh ones.
 void ExpectSameWithFreshTables(const std::string& code, Body f, Body r = LibraryMachine::Nothing) {
   std::string outputs[2], errors[2];
@@ -80,6 +103,8 @@ void ExpectSameWithFreshTables(const std::string& code, Body f, Body r = Library
   EXPECT_EQ(outputs[true], outputs[false]) << code;
   EXPECT_EQ(errors[true], errors[false]) << code;
   EXPECT_NE(outputs[false], "");
+  LibraryMachine library(code, f, r);
+  EXPECT_EQ(RunToPage(&library), outputs[false]) << code;
 }
 
 // --- Arguments -----------------------------------------------------------------------------------
@@ -237,8 +262,6 @@ TEST(ExternalFunction, AResultThatRefersToTheParameterKeepsIt) {
   EXPECT_EQ(library.machine.Output(), "onetwothree");
 }
 
-// --- Calls within calls --------------------------------------------------------------------------
-
 // Counts down through the script: f(3) runs the script's "again", which calls f(2).
 void CountDown(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result, void**) {
   if (!program) return;
@@ -258,6 +281,146 @@ void CountDown(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result, 
   text += ValueOf(a) == before ? "." : "!";
   zpVariable_SetValue(result, text.data(), static_cast<int>(text.size()));
 }
+
+// --- Calls in a loop, which is decoded -----------------------------------------------------------
+
+// A result of each kind in turn, after the argument was read.
+void ResultsInTurn(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result, void** state) {
+  if (!program) {
+    delete static_cast<int*>(*state);
+    return;
+  }
+  if (!*state) *state = new int(0);
+  const std::string text = "<" + ValueOf(zpVariableHash_Index(parameters, 0, 1)) + ">";
+  switch (++*static_cast<int*>(*state) % 8) {
+    case 0: return;  // NULL
+    case 1: zpVariable_SetValue_Integer(result, -12); return;
+    case 2: zpVariable_SetValue_Double(result, 2.5); return;
+    case 3: zpVariable_SetValue(result, "", 0); return;
+    case 4: zpVariable_SetValue(zpVariable_Array_Element(2, result, 1), "second", -1); return;
+    case 5: zpVariable_Make_Reference(result, zpVariableHash_Index(parameters, 0, 1)); return;
+    case 6: zpProgram_Output(program, "written", -1); [[fallthrough]];
+    default: zpVariable_SetValue(result, text.data(), static_cast<int>(text.size()));
+  }
+}
+
+std::string InALoop(const std::string& body, int rounds = 100) {
+  return "pushc \"some text\"\npopg t\npushf 0.25\npopg d\npushc \"\"\npopg e\n"
+         "storegi n, 0\nagain:\n" +
+         body + "incg n, 1\ncmpgi n, " + std::to_string(rounds) + "\njmp_lt again\nexit\n";
+}
+
+TEST(ExternalFunction, ResultsOfEveryKindAreWrittenStoredAndJoined) {
+  const std::string long_text(300, 'l');
+  const std::string arguments[] = {
+      "pushc \"n\"\npushg n\ncat\n",
+      "pushc \"\"\npushg t\ncat\n",
+      "pushc \"d\"\npushg d\ncat\n",
+      "pushc \"e\"\npushg e\ncat\n",
+      "pushc \"\"\npushg e\ncat\n",
+      "pushc \"never\"\npushg x\ncat\n",
+      "pushc \"" + long_text + "\"\npushg n\ncat\n",
+      "pushc \"of a reference\"\npushg list\npushi 1\nelem\npop\npushg list\ncat\n",
+      "pushg n\n",
+      "pushg t\n",
+      "pushg d\n",
+      "pushc \"c\"\n",
+      "pushi 7\n",
+      "pushg x\n"};
+  const char* const uses[] = {"out\n",
+                              "popg r\npushg r\nout\n",
+                              "pushc \";\"\ncat\nout\n",
+                              "popg held\npushg held\npushg held\ncat\nout\n",
+                              "pop\n",
+                              "pushi 1\nadd\nout\n"};
+  for (const std::string& argument : arguments) {
+    std::string body;
+    for (const char* use : uses) {
+      body += argument + "call f\n" + use + "pushc \" \"\nout\n";
+      body += "pushg never\n" + argument + "call r\n" + use;
+    }
+    ExpectSameWithFreshTables(InALoop(body), ResultsInTurn, Describe);
+  }
+}
+
+TEST(ExternalFunction, AResultGoesToTheOutputWithoutAnEntry) {
+  LibraryMachine library(InALoop("pushc \"a\"\npushg n\ncat\ncall f\nout\npushg t\ncall f\nout\n"),
+                         Echo);
+  EXPECT_EQ(library.machine.Go(), 1) << library.machine.Error();
+  std::string expected;
+  for (int i = 0; i < 100; i++) expected += "a" + std::to_string(i) + "some text";
+  EXPECT_EQ(library.machine.Output(), expected);
+}
+
+// Results and numbers around the end of the output's room, in a capture too.
+TEST(ExternalFunction, ResultsOfEveryLengthFillTheOutput) {
+  const std::string step(97, 'x');
+  for (const char* around : {"", "pushg all\ncapture\n"}) {
+    std::string code = InALoop("pushg t\npushc \"" + step +
+                               "\"\ncat\npopg t\npushg t\ncall f\nout\n"
+                               "pushg n\nout\npushg d\npushi 2\nrounds\nout\n"
+                               "pushc \"j\"\npushg n\ncat\ncall f\nout\n");
+    code.insert(code.find("storegi"), around);
+    if (*around) code.insert(code.rfind("exit"), "capture_end\npushg all\nout\n");
+    LibraryMachine library(code, Echo);
+    EXPECT_EQ(library.machine.Go(), 1) << library.machine.Error();
+    std::string expected, t = "some text";
+    for (int i = 0; i < 100; i++) {
+      t += step;
+      expected += t + std::to_string(i) + "0.25" + "j" + std::to_string(i);
+    }
+    EXPECT_EQ(library.machine.Output(), expected);
+    LibraryMachine other(code, Echo);
+    EXPECT_EQ(RunToPage(&other), expected);
+  }
+}
+
+// Returns "result", but with the argument "k50" fails or, by a function of the script, ends it.
+template <bool fails>
+void EndAtFifty(ZPPROGRAM program, ZPVARIABLEHASH parameters, ZPVARIABLE result, void**) {
+  if (!program) return;
+  zpVariable_SetValue(result, "result ", -1);
+  if (ValueOf(zpVariableHash_Index(parameters, 0, 1)) != "k50") return;
+  if (fails) {
+    zpProgram_FatalError(program, "failed", -1);
+    return;
+  }
+  ZPVARIABLE unused = zpVariable_Allocate(nullptr, 0, nullptr, 0);
+  ZPVARIABLELIST arguments = zpVariableList_Allocate();
+  zpProgram_RunFunction(program, "ends", -1, arguments, unused);
+  zpVariable_Free(unused);
+  zpVariableList_Free(arguments);
+}
+
+TEST(ExternalFunction, ACallInALoopEndsTheScript) {
+  const std::string code =
+      InALoop("pushc \"k\"\npushg n\ncat\ncall f\nout\n") + ".function ends()\nexit\n.end\n";
+  for (const Body end : {EndAtFifty<true>, EndAtFifty<false>}) {
+    ExpectSameWithFreshTables(code, end);
+    LibraryMachine library(code, end);
+    library.machine.Go();
+    std::string expected;
+    for (int i = 0; i < 50; i++) expected += "result ";
+    const std::string output = library.machine.Output();
+    EXPECT_EQ(output.substr(0, expected.size()), expected);
+    EXPECT_EQ(output.find("result", expected.size()), std::string::npos);
+    EXPECT_EQ(library.machine.Value("n"), "50");
+  }
+}
+
+TEST(ExternalFunction, CallsWithinCallsInALoop) {
+  const std::string code =
+      InALoop(
+          "pushc \"\"\npushg three\ncat\ncall f\nout\npushc \"1\"\npushg e\ncat\ncall f\nout\n") +
+      ".function again(n)\npushl n\npushi 1\nsub\npushc \"\"\ncat\ncall f\nret\n.end\n";
+  LibraryMachine library("storegi three, 3\n" + code, CountDown);
+  EXPECT_EQ(library.machine.Go(), 1) << library.machine.Error();
+  std::string expected;
+  for (int i = 0; i < 100; i++) expected += "3210....10..";
+  EXPECT_EQ(library.machine.Output(), expected);
+}
+
+// --- Calls within calls --------------------------------------------------------------------------
 
 TEST(ExternalFunction, ACallWithinACallHasParametersOfItsOwn) {
   const std::string code =

@@ -73,7 +73,6 @@ class TestApplication : public ZephApplication {
   SystemLibraryManager* system_manager = nullptr;
   std::unique_ptr<Config> own_config;
   Config* other_config = nullptr;
-  Output* current_output = nullptr;
   int process_id = 1000;
   int thread_id = 2;
   std::string lock_host_name = "testhost";

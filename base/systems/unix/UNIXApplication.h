@@ -134,7 +134,6 @@ class UNIXApplication : public ZephApplication {
   CommerceLibraryManager* commerce_manager = nullptr;
   ExternalDatabaseLibraryManager* database_manager = nullptr;
   SystemLibraryManager* system_manager = nullptr;
-  Output* current_output = nullptr;
   UFCrypt* password_hash = nullptr;  // made on first use
   int argument_count;
   char** arguments;

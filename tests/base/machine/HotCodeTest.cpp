@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstdio>
 #include <memory>
 #include <random>
@@ -1018,6 +1019,36 @@ TEST(HotCode, RoundedValuesAreWrittenAsRoundsMakesThem) {
                               "\nrounds\nout\npushc \" \"\nout\ncmpgi n, " +
                               std::to_string(kRounds) + "\njmp_lt again\nexit\n");
     }
+  }
+}
+
+// By the instructions one by one, and by what is kept of them in decoded code, of a variable and of
+// a value on the stack.
+TEST(HotCode, RandomValuesAreWrittenAsRoundsMakesThem) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::mt19937_64 random(seed);
+  for (int batch = 0; batch < 40; batch++) {
+    std::string values, reads;
+    for (int i = 0; i < 40; i++) {
+      const int decimals = static_cast<int>(random() % 11);
+      const int exponent = static_cast<int>(random() % 24) - 6;
+      double value = std::ldexp(static_cast<double>(random() >> 11), exponent - 50);
+      // Few decimals, so that there are halves and values that need no rounding.
+      if (random() % 2) value = static_cast<double>(random() % 4000) / (random() % 2 ? 8 : 1000);
+      if (random() % 4 == 0) value = -value;
+      char text[64];
+      snprintf(text, sizeof text, "%.17g", value);
+      const std::string name = "v" + std::to_string(i);
+      values += "pushf " + std::string(text) + "\npopg " + name + "\n";
+      for (const std::string& push : {"pushg " + name, "pushf " + std::string(text)}) {
+        reads += push + "\npushi " + std::to_string(decimals) + "\nrounds\nout\npushc \" \"\nout\n";
+      }
+    }
+    const std::string program = values + "storegi n, 0\nagain: incg n, 1\n" + reads + "cmpgi n, " +
+                                std::to_string(kRounds) + "\njmp_lt again\nexit\n";
+    ExpectTheSameHotAndCold(program);
+    ASSERT_EQ(OutcomeOf(program, false).values, OutcomeOf(program, true).values);
   }
 }
 

@@ -226,7 +226,14 @@ std::string RoundedByDigits(double value, int decimals) {
 }
 
 double RandomValue(std::mt19937_64* random, int decimals) {
-  switch ((*random)() % 4) {
+  switch ((*random)() % 6) {
+    // Below 1, from the first value whose rounding begins with its first digit.
+    case 4: return 0.1 + static_cast<double>((*random)() % 9000000) / 1e7;
+    case 5: {
+      const auto digits = static_cast<double>((*random)() % 1000000000);
+      const double value = 0.1 + digits / 1e9;
+      return std::nextafter(value, (*random)() % 2 ? 0.1 : 2);
+    }
     case 0: return 1 + static_cast<double>((*random)() % 100000000) / 1000;
     case 1: return 1 + static_cast<double>((*random)() % 1000000) / 7;
     case 2: {  // a half after the last kept decimal, or a neighbour
