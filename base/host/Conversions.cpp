@@ -6,7 +6,6 @@
 #include <emmintrin.h>
 #endif
 
-#include <bit>
 #include <cerrno>
 #include <charconv>
 #include <climits>
@@ -506,44 +505,47 @@ char* ZephApplication::DecodeAttribute(const char* text, int textlength, int* le
   });
 }
 
-// Writes the units of count bytes without a branch, and returns their end. Up to 7 bytes after it
-// are written too.
+// Whether any of 16 bytes becomes an entity.
+static bool HasEntity(const char* text) {
+#ifdef __SSE2__
+  // The six bytes are 0x22 and 0x26, 0x28 and 0x29, 0x3C and 0x3E. The two of each pair differ in
+  // one bit, so three comparisons are enough.
+  const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text));
+  const auto is = [&bytes](char with, char both) {
+    return _mm_cmpeq_epi8(_mm_or_si128(bytes, _mm_set1_epi8(with)), _mm_set1_epi8(both));
+  };
+  const __m128i found = _mm_or_si128(_mm_or_si128(is(4, 0x26), is(1, 0x29)), is(2, 0x3E));
+  return _mm_movemask_epi8(found) != 0;
+#else
+  bool found = false;
+  for (int i = 0; i < 16; i++) found |= entity_table.Of(text[i]).length != 1;
+  return found;
+#endif
+}
+
+// Writes the units of count bytes without a branch for each, and returns their end. Up to 7 bytes
+// after it are written too.
 static char* WriteEntities(const char* text, int count, char* out) {
-  for (const char* const end = text + count; text != end; text++) {
-    const EntityTable::Unit& unit = entity_table.Of(*text);
-    memcpy(out, &unit, sizeof unit);
-    out += unit.length;
+  const char* const end = text + count;
+  while (text != end) {
+    const char* part = end;
+    if (end - text >= 16) {
+      if (!HasEntity(text)) {
+        memcpy(out, text, 16);
+        text += 16;
+        out += 16;
+        continue;
+      }
+      part = text + 16;
+    }
+    for (; text != part; text++) {
+      const EntityTable::Unit& unit = entity_table.Of(*text);
+      memcpy(out, &unit, sizeof unit);
+      out += unit.length;
+    }
   }
   return out;
 }
-
-#ifdef __SSE2__
-// How many bytes at the beginning stay as they are, as a multiple of 16 bytes unless a byte that
-// does not ends them sooner. The six bytes are 0x22, 0x26, 0x28, 0x29, 0x3C and 0x3E: with the
-// lowest or the second bit set, three values are left.
-static int PlainBytes(const char* text, int length) {
-  int i = 0;
-  for (; i + 16 <= length; i += 16) {
-    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + i));
-    const __m128i is_22_or_26 =
-        _mm_cmpeq_epi8(_mm_or_si128(bytes, _mm_set1_epi8(4)), _mm_set1_epi8(0x26));
-    const __m128i is_28_or_29 =
-        _mm_cmpeq_epi8(_mm_or_si128(bytes, _mm_set1_epi8(1)), _mm_set1_epi8(0x29));
-    const __m128i is_3c_or_3e =
-        _mm_cmpeq_epi8(_mm_or_si128(bytes, _mm_set1_epi8(2)), _mm_set1_epi8(0x3E));
-    const auto found = static_cast<unsigned>(
-        _mm_movemask_epi8(_mm_or_si128(is_22_or_26, _mm_or_si128(is_28_or_29, is_3c_or_3e))));
-    if (found != 0) return i + std::countr_zero(found);
-  }
-  return i;
-}
-#else
-static int PlainBytes(const char* text, int length) {
-  int i = 0;
-  while (i < length && entity_table.Of(text[i]).length == 1) i++;
-  return i;
-}
-#endif
 
 char* ZephApplication::EncodeEntities(const char* text, int textlength, int* length, int* size) {
   textlength = MeasuredLength(text, textlength);
@@ -552,10 +554,7 @@ char* ZephApplication::EncodeEntities(const char* text, int textlength, int* len
   constexpr int kShort = 128;
   if (textlength <= kShort) {
     char encoded[kShort * kLongestEntity + sizeof(EntityTable::Unit)];
-    const int plain = PlainBytes(text, textlength);
-    if (plain > 0) CopyText(encoded, text, static_cast<size_t>(plain));
-    const char* const end = WriteEntities(text + plain, textlength - plain, encoded + plain);
-    const auto count = static_cast<int>(end - encoded);
+    const auto count = static_cast<int>(WriteEntities(text, textlength, encoded) - encoded);
     char* const copy = new char[static_cast<size_t>(count) + 1];
     CopyText(copy, encoded, static_cast<size_t>(count));
     copy[count] = 0;

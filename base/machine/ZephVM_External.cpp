@@ -55,7 +55,13 @@ Variable* TakeValue(ZephVM_Stack* stack, ExternalParameters* parameters,
     ZephVM_Stack::Free(top);
     return argument;
   }
-  Variable* const argument = parameters->Argument(parameter, has_top && IsTextVariable(top));
+  const bool has_text = has_top && IsTextVariable(top);
+  Variable* const argument = parameters->Argument(parameter, has_text);
+  if (has_text && argument->CopyShort(*top->value.variable)) {
+    stack->SetEnd(top);
+    ZephVM_Stack::Free(top);
+    return argument;
+  }
   if (argument) stack->PopV(argument);
   return argument;
 }

@@ -1,6 +1,7 @@
 // Functions for date and time. Tested in tests/extensions/zephstd/TimeTest.cpp.
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -82,10 +83,11 @@ Local InZone(long long seconds, const Zone& zone) {
 
 void AddPadded(Builder* to, long long value, size_t width, char with = '0') {
   char text[24];
-  const int length = snprintf(text, sizeof text, "%lld", value < 0 ? -value : value);
+  const auto size = static_cast<unsigned long long>(value < 0 ? -value : value);
+  const auto length = static_cast<size_t>(std::to_chars(text, text + sizeof text, size).ptr - text);
   if (value < 0) to->Add('-');
-  if (static_cast<size_t>(length) < width) to->Add(width - static_cast<size_t>(length), with);
-  to->Add({text, static_cast<size_t>(length)});
+  if (length < width) to->Add(width - length, with);
+  to->Add({text, length});
 }
 
 void AddOffset(Builder* to, int offset, bool colon) {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <map>
 #include <memory>
 #include <random>
 #include <string>
@@ -654,6 +655,27 @@ TEST(EncodeEntities, MapsSixBytesAndNoOther) {
     changed += Encode(App::EncodeEntities, input).text != input;
   }
   EXPECT_EQ(changed, 6);
+}
+
+// Short texts and long ones, and parts of 16 bytes with and without entities, take different ways.
+TEST(EncodeEntities, RandomTextsOfEveryLength) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::mt19937 random(seed);
+  const std::map<char, string> entities = {{'"', "&quot;"}, {'&', "&amp;"}, {'(', "&#40;"},
+                                           {')', "&#41;"},  {'<', "&lt;"},  {'>', "&gt;"}};
+  const string special = "\"&()<>";
+  for (size_t length = 0; length < 300; length++) {
+    for (const unsigned seldom : {1u, 4u, 40u, 1000u}) {
+      string input, expected;
+      for (size_t i = 0; i < length; i++) {
+        input += random() % seldom == 0 ? special[random() % 6] : static_cast<char>(random() % 256);
+        const auto entity = entities.find(input.back());
+        expected += entity == entities.end() ? string(1, input.back()) : entity->second;
+      }
+      ASSERT_EQ(Encode(App::EncodeEntities, input).text, expected) << length;
+    }
+  }
 }
 
 TEST(DecodeEntities, TableOfTexts) {

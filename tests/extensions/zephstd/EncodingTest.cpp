@@ -47,6 +47,25 @@ TEST_F(StdEncoding, HTMLOfTextsOfEveryLengthUpToTheLongOnes) {
   }
 }
 
+TEST_F(StdEncoding, HTMLWithOneEntityAtEachPlace) {
+  const std::pair<char, std::string> entities[] = {
+      {'<', "&lt;"}, {'>', "&gt;"}, {'&', "&amp;"}, {'"', "&quot;"}, {'\'', "&#39;"}};
+  for (const size_t length : {1, 15, 16, 17, 40, 64, 65, 100}) {
+    // All bytes that stay, but for the NUL: some differ from the five in one bit.
+    std::string plain;
+    for (size_t i = 0; i < length; i++) plain += "\x02\x06#$()%*89=?:;\x36.z"[i % 17];
+    Set("g.t", plain);
+    EXPECT_EQ(Value("htmlencode(g.t)"), plain);
+    for (size_t at = 0; at < length; at++) {
+      const auto& [byte, entity] = entities[at % 5];
+      std::string text = plain;
+      text[at] = byte;
+      Set("g.t", text);
+      EXPECT_EQ(Value("htmlencode(g.t)"), plain.substr(0, at) + entity + plain.substr(at + 1));
+    }
+  }
+}
+
 TEST_F(StdEncoding, URLs) {
   const ValueCase cases[] = {
       {"urlencode('a b&c=d/é?~-._')", "a%20b%26c%3Dd%2F%C3%A9%3F~-._"},
