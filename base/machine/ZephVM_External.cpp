@@ -57,7 +57,10 @@ Variable* TakeValue(ZephVM_Stack* stack, ExternalParameters* parameters,
   }
   const bool has_text = has_top && IsTextVariable(top);
   Variable* const argument = parameters->Argument(parameter, has_text);
-  if (has_text && argument->CopyShort(*top->value.variable)) {
+  // The copy of a variable that is a short text or a number.
+  if (has_top && top->kind == ZephVM_Stack::KindVariable &&
+      (has_text ? argument->CopyShort(*top->value.variable)
+                : argument->CopyNumber(*top->value.variable))) {
     stack->SetEnd(top);
     ZephVM_Stack::Free(top);
     return argument;
