@@ -176,7 +176,7 @@ void ZephVM::rounds() {
   }
 }
 
-// Both forms of the two decimals of money and tables have a constant divisor.
+// Two decimals, as of money, have a way of their own, because its divisor is a constant.
 int ZephVM::WriteRounded(double value, int decimals, char* text) {
   unsigned long whole;
   if (!RoundByFraction(value, decimals, &whole)) return 0;
