@@ -60,11 +60,17 @@ void String::assign(const char* text, int text_length) {
   int n = MeasuredLength(text, text_length);
   if (n >= allocated) {
     int size = BufferSize(static_cast<int64_t>(n) + 1);
-    char* buffer = new char[size];
-    if (n > 0) memcpy(buffer, text, n);
-    // The old buffer is deleted last, because the text may be part of it.
-    delete[] data;
-    data = buffer;
+    // The heap gives the smallest buffers more than they were made with. An adopted one, which was
+    // made for a few bytes, may be large enough.
+    if (data && n < 24 && BufferRoom(data) >= static_cast<size_t>(size)) {
+      CopyBytes(data, text, static_cast<size_t>(n));
+    } else {
+      char* buffer = new char[size];
+      if (n > 0) memcpy(buffer, text, n);
+      // The old buffer is deleted last, because the text may be part of it.
+      delete[] data;
+      data = buffer;
+    }
     allocated = size;
   } else if (n > 0) {
     assert(data);

@@ -39,6 +39,29 @@ char* Buffer(const char* text, int size) {
   return buffer;
 }
 
+// The buffer may be kept if the heap has given enough, but then it is told as a new one is.
+TEST(String, AnAssignmentToAnAdoptedBufferLeavesWhatANewOneHas) {
+  for (int before = 0; before < 30; before++) {
+    for (int length = 0; length < 30; length++) {
+      auto* buffer = new char[static_cast<size_t>(before) + 1];
+      memset(buffer, 'b', static_cast<size_t>(before));
+      String s(buffer, before, before + 1);
+      const std::string text(static_cast<size_t>(length), 'x');
+      s.assign(text.data(), length);
+      ASSERT_EQ(Bytes(s), text);
+      ASSERT_EQ(s.data[length], 0);
+      ASSERT_EQ(s.allocated, length <= before ? before + 1 : (length + 24) / 24 * 24);
+    }
+  }
+  auto* buffer = new char[5];
+  memcpy(buffer, "abcd", 5);
+  String own(buffer, 4, 5);
+  own.assign(own.data + 1, 3);
+  EXPECT_EQ(Bytes(own), "bcd");
+  own.assign("abcdefg", 7);
+  EXPECT_EQ(Bytes(own), "abcdefg");
+}
+
 TEST(String, DefaultIsTheNullString) {
   EXPECT_TRUE(IsNull(String()));
 }
