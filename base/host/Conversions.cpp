@@ -428,7 +428,8 @@ int ZephApplication::stoi(const char* text, int length, int* error) {
   return static_cast<int>(negative ? 0u - result : result);
 }
 
-// After white space and a sign, strtod reads what begins with a digit, a point, "inf" or "nan".
+// After white space and a sign, strtod reads what begins with a digit, a point and a digit, "inf"
+// or "nan".
 bool ZephApplication::MayBeNumber(const char* text, int length) {
   if (length < 1) return true;
   const auto first = static_cast<unsigned char>(text[0]);
@@ -436,8 +437,12 @@ bool ZephApplication::MayBeNumber(const char* text, int length) {
   if (letter == 'i' || letter == 'n') {
     return length > 2 && (text[1] | 0x20) == (letter == 'i' ? 'n' : 'a');
   }
-  return first <= '9' && (first >= '0' || first == '.' || first == '+' || first == '-' ||
-                          first == ' ' || (first >= '\t' && first <= '\r'));
+  if (first == '+' || first == '-' || first == '.') {
+    const auto second = static_cast<unsigned char>(length > 1 ? text[1] : 0);
+    if (zp_isdigit(second)) return true;
+    return first != '.' && (second == '.' || (second | 0x20) == 'i' || (second | 0x20) == 'n');
+  }
+  return first <= '9' && (first >= '0' || first == ' ' || (first >= '\t' && first <= '\r'));
 }
 
 double ZephApplication::stod(const char* text, int length, int size, int* error) {

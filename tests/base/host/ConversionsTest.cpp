@@ -429,6 +429,38 @@ void ExpectStod(const StodCase& c, int length, int size, const char* text) {
   }
 }
 
+// What is told to be no number without a look at all of it is none for strtod either.
+TEST(Stod, TextsOfAFewBytesAreReadAsStrtodReadsThem) {
+  const string bytes = "0.+- eExiInNaAfF9:*\t";
+  for (const char a : bytes) {
+    for (const char b : bytes) {
+      for (const char c : bytes) {
+        const string all = {a, b, c};
+        for (size_t length = 1; length <= 3; length++) {
+          const string text = all.substr(0, length);
+          char* end;
+          const double expected = strtod(text.c_str(), &end);
+          const bool is_number = end == text.c_str() + length;
+          int error = -1;
+          const double value =
+              App::stod(text.data(), static_cast<int>(length), static_cast<int>(length), &error);
+          ASSERT_EQ(error, is_number ? 0 : 1) << "'" << text << "'";
+          if (is_number && !std::isnan(expected)) {
+            ASSERT_EQ(Bits(value), Bits(expected)) << text;
+          }
+          if (is_number) {
+            ASSERT_TRUE(App::MayBeNumber(text.data(), static_cast<int>(length))) << text;
+          }
+        }
+      }
+    }
+  }
+  EXPECT_FALSE(App::MayBeNumber("+", 1));
+  EXPECT_FALSE(App::MayBeNumber(".x", 2));
+  EXPECT_FALSE(App::MayBeNumber("-a", 2));
+  EXPECT_TRUE(App::MayBeNumber("-.5", 3));
+}
+
 TEST(Stod, TableOfTexts) {
   const StodCase cases[] = {
       {"", 0.0, 0},
