@@ -138,7 +138,15 @@ void DeferredText::AppendLarge(int value) {
   used += count;
 }
 
+// A double of whole value is written as its digits.
 void DeferredText::Append(double value) {
+  if (value > INT_MIN && value <= INT_MAX && value != 0.0) {
+    const auto whole = static_cast<int>(value);
+    if (whole == value) {
+      Append(whole);
+      return;
+    }
+  }
   int count;
   const std::unique_ptr<char[]> text(ZephApplication::dtos(value, &count, nullptr, -1));
   Append(text.get(), count);
@@ -182,11 +190,8 @@ void DeferredText::Assign(Variable* target, bool adopt) {
     return;
   }
   if (!prefix) {
-    if (!adopt) {
-      target->SetValue(bytes, used);
-      return;
-    }
-    if (target->CopyAsAdopted(bytes, used)) return;
+    target->WriteJoined(bytes, used, adopt);
+    return;
   }
   int all;
   char* text = Release(&all);

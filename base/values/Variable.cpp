@@ -809,12 +809,12 @@ int StringSize(int length) {
 
 // The buffer doubles, so that building a text takes linear time; unused pages take no memory.
 // `allocated` reports what a store of the whole text would have reported.
-void Variable::AppendText(const char* bytes, int count, bool adopted) {
+void Variable::AppendText(const char* bytes, int count, bool adopt) {
   Changing();
   const int old = string_value.length;
   const int total = old + count;
   int told = string_value.allocated;
-  if (adopted) {
+  if (adopt) {
     told = total + 1;
   } else if (total >= told) {
     told = StringSize(total);
@@ -833,16 +833,25 @@ void Variable::AppendText(const char* bytes, int count, bool adopted) {
 
 bool Variable::CopyAsAdopted(const char* bytes, int count) {
   if (!IsPlain() || elements) return false;
-  if (string_value.allocated <= count) {
+  if (string_value.allocated <= count &&
+      (!string_value.data || BufferRoom(string_value.data) <= static_cast<size_t>(count))) {
     auto* buffer = new char[static_cast<size_t>(count) + 1];
     string_value.destroy();
     string_value.data = buffer;
   }
-  memcpy(string_value.data, bytes, static_cast<size_t>(count));
+  CopyText(string_value.data, bytes, static_cast<size_t>(count));
   string_value.data[count] = '\0';
   string_value.length = count;
   string_value.allocated = count + 1;
   SetForms(TextForm);
   primary = PrimaryText;
   return true;
+}
+
+void Variable::WriteJoined(const char* text, int length, bool adopt) {
+  if (!adopt) {
+    SetValue(text, length);
+  } else if (!CopyAsAdopted(text, length)) {
+    SetValue_Nocopy(NewTextCopy(text, length), length, length + 1);
+  }
 }

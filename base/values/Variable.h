@@ -354,6 +354,28 @@ class Variable {
     return source.HoldsText() && &source != this && source.string_value.data &&
            WriteShort(source.string_value.data, source.string_value.length);
   }
+  // The same for up to 16 bytes, in line, without a look at the object's class: false if that was
+  // not checked yet. The text may be part of this variable's buffer.
+  bool WriteWord(const char* text, int length) {
+    if ((state & ~(AllForms | Asleep)) != 0 || elements || static_cast<unsigned>(length) > 16 ||
+        length >= string_value.allocated) {
+      return false;
+    }
+    SetShort(text, length);
+    state = TextForm;
+    return true;
+  }
+  bool CopyWord(const Variable& source) {
+    return source.HoldsText() && source.string_value.data &&
+           WriteWord(source.string_value.data, source.string_value.length);
+  }
+  // Stores a text that was put together of others. With adopt the outcome is that of
+  // SetValue_Nocopy with a buffer of length + 1 bytes, otherwise that of SetValue. REQUIRES: a
+  // length from 0 to INT_MAX - 1; the text is not part of this variable's buffer.
+  void WriteJoined(const char* text, int length, bool adopt);
+  // The same for the variable's own text followed by these bytes. The time for a row of such stores
+  // is linear. REQUIRES: a plain variable that has a text; the whole has less than INT_MAX bytes.
+  void AppendText(const char* bytes, int count, bool adopt);
   // Gives away the buffer of a plain scalar that has only a text, made with new[]; the variable is
   // NULL afterwards. Returns false and does nothing for others.
   bool TakeText(char** data, int* length, int* allocated) {
@@ -600,18 +622,16 @@ class Variable {
     if (state & Watched) Unwatch();
   }
   void Unwatch();
-  // For DeferredText. WatchableText returns the length of the text, or -1 if it cannot be watched.
-  // AppendText appends bytes; the outcome is that of storing the whole text, with adopted by
-  // SetValue_Nocopy, else by SetValue.
+  // For DeferredText. Returns the length of the text, or -1 if it cannot be watched.
   int WatchableText();
   bool watched() const { return (state & Watched) != 0; }
   void SetWatched(bool watched) {
     state &= ~Watched;
     if (watched) state |= Watched;
   }
-  void AppendText(const char* bytes, int count, bool adopted);
   // The same as SetValue_Nocopy with a copy of count + 1 bytes, but reuses the present buffer if
-  // the bytes fit. Returns false and does nothing if this is no plain scalar.
+  // the bytes fit: also if that was told to be smaller than it is. Returns false and does nothing
+  // if this is no plain scalar.
   bool CopyAsAdopted(const char* bytes, int count);
   void StoreIntegerText();
   void DropElements();

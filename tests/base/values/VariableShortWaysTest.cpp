@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/core/CopyText.h"
 #include "base/values/Aggregate.h"
 #include "base/values/DeferredText.h"
 #include "base/values/Variable.h"
@@ -148,6 +149,66 @@ TEST(VariableShortWays, StoresLeaveWhatTheVirtualOnesLeave) {
       "double store",
       [](Variable* v) { return std::to_string(v->SetValue_Double(5.5)) + Text(v->value()); },
       [](Variable* v) { return std::to_string(v->Write_Double(5.5)) + Text(v->value()); });
+}
+
+// A text in line, or that was put together. Only what is done is compared: a variable with elements
+// or of a class that is not known yet, or without the room, is refused and stays as it is.
+TEST(VariableShortWays, TextsAreStoredAsTheVirtualOnesStoreThem) {
+  for (const char* const text : {"", "a", "seven b", "sixteen bytes as", "seventeen of them"}) {
+    const auto length = static_cast<int>(strlen(text));
+    Agree(
+        "text store",
+        [&](Variable* v) {
+          v->SetValue(text, length);
+          return Text(v->value());
+        },
+        [&](Variable* v) {
+          const string before = Text(v->value());
+          if (!v->WriteWord(text, length)) {
+            EXPECT_EQ(Text(v->value()), before);
+            v->SetValue(text, length);
+          }
+          return Text(v->value());
+        });
+    for (const bool adopt : {false, true}) {
+      Agree(
+          "joined text",
+          [&](Variable* v) {
+            if (adopt) {
+              v->SetValue_Nocopy(NewTextCopy(text, length), length, length + 1);
+            } else {
+              v->SetValue(text, length);
+            }
+            return Text(v->value()) + std::to_string(v->value().allocated);
+          },
+          [&](Variable* v) {
+            v->WriteJoined(text, length, adopt);
+            return Text(v->value()) + std::to_string(v->value().allocated);
+          });
+    }
+  }
+}
+
+TEST(VariableShortWays, AWordIsWrittenWhereThereIsRoom) {
+  const VariableRef v(new Variable("v", 1, "text", 4));
+  EXPECT_FALSE(v->WriteWord("word", 4)) << "the class is not known yet";
+  ASSERT_TRUE(v->IsPlain());
+  EXPECT_TRUE(v->WriteWord("sixteen bytes as", 16));
+  EXPECT_FALSE(v->WriteWord("seventeen of them", 17));
+  EXPECT_EQ(Text(v->value()), "sixteen bytes as");
+  const VariableRef copy(new Variable("c", 1, "text", 4));
+  ASSERT_TRUE(copy->IsPlain());
+  EXPECT_TRUE(copy->CopyWord(*v));
+  EXPECT_EQ(Text(copy->value()), "sixteen bytes as");
+  v->SetValue_Integer(4);
+  EXPECT_FALSE(copy->CopyWord(*v));
+  v->SetValue_Nocopy(NewTextCopy("abc", 3), 3, 4);
+  EXPECT_FALSE(v->WriteWord("abcd", 4)) << "four bytes of room are for three";
+  EXPECT_TRUE(v->WriteWord("xyz", 3));
+  EXPECT_EQ(Text(v->value()), "xyz");
+  v->At(1, 1);
+  EXPECT_FALSE(v->WriteWord("a", 1)) << "it has elements";
+  EXPECT_TRUE(v->HoldsArray());
 }
 
 TEST(VariableShortWays, AValueIsCopiedAsTheVirtualOneDoes) {
