@@ -107,6 +107,14 @@ TEST(HotValues, AComparisonWithAWordKeepsTheTextOfADouble) {
   }
 }
 
+// A jump on the comparison of a text of more bytes than are compared without a look at the flags.
+TEST(HotValues, ALongTextIsComparedWithAConstant) {
+  ExpectTheSameHotAndCold("pushc \"" + std::string(5000, 'q') + "\"\npopg a\n" +
+                          Loop("pushg a\npushc \"x\"\neq\njmp_eq no\npushc \"equal\"\nout\n"
+                               "no: pushg a\npushc \"x\"\nne\njmp_ne on\npushc \"equal\"\nout\n"
+                               "on: noop\n"));
+}
+
 TEST(HotValues, AnElementThatIsReadAsTextKeepsThatText) {
   const std::string number = "pushf 1.2345678901234567e-6\n";
   const std::string element = "pushg x\npushg n\nelem_readonly\n";
