@@ -12,7 +12,8 @@
 //   Constant        a number in the record itself
 //   Place           a variable that an earlier record of the group has found
 //   Text            a text in the record itself
-enum class HotOperand : unsigned char { Global, Local, Temporary, Constant, Place, Text };
+//   Joined          a text that several operands make, one after the other; never in a record
+enum class HotOperand : unsigned char { Global, Local, Temporary, Constant, Place, Text, Joined };
 
 // The type that a number has when it leaves a group. In a group all numbers are doubles, which hold
 // every integer exactly. As loaded: that of the element or member that the temporary was read from.
@@ -44,6 +45,7 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 //   Add, Sub, Mul, Div            a temporary <- two numbers, an action for each pair
 //   Mod ... ShiftRightOf          a temporary <- two integers
 //   CompareOf, AndOf, OrOf, ...   a temporary, 0 or 1
+//   MatchOf                       a temporary <- the position of a text in another
 //   CheckRoom                     the first record of a group whose instructions push many entries
 //   NoteLine, NoteSourceFile      lineno and sourcefile; these do no harm if they are run twice
 //   LoadElement, LoadMember       a temporary <- the number of an element or member
@@ -56,6 +58,9 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 //   StoreElement, StoreMember     an element or member <- an operand
 //   Push...                       an operand to the stack
 //   ReturnNumber                  the return of a temporary or a constant
+//   ReturnText                    the return of a constant text
+//   JoinTo, JoinPush, JoinReturn  a concatenation that is stored in a variable, pushed or returned;
+//                                 its operands are those of the records after it
 //   CallWith                      the beginning of a call
 //   Send...                       an argument of it: a row, a temporary, a constant or a text by value,
 //                                 or a row or place by reference
@@ -68,14 +73,14 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, MulOf) ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, DivOf)                  \
   ACTION(ModOf) ACTION(BitAndOf) ACTION(BitOrOf) ACTION(BitXorOf)                                      \
   ACTION(ShiftLeftOf) ACTION(ShiftRightOf) ACTION(BitNotOf)                                            \
-  ACTION(CompareOf) ACTION(CompareLoadedOf) ACTION(CompareTextOf) ACTION(AndOf) ACTION(OrOf) ACTION(NotOf)                     \
+  ACTION(CompareOf) ACTION(CompareLoadedOf) ACTION(CompareTextOf) ACTION(AndOf) ACTION(OrOf) ACTION(NotOf) ACTION(MatchOf)     \
   ACTION(CheckRoom) ACTION(NoteLine) ACTION(NoteSourceFile)                                                              \
   ACTION(LoadElement) ACTION(LoadMember) ACTION(FindElement) ACTION(FindMember)                        \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, AddTo) ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, SubTo)                  \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, MulTo) ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, DivTo)                  \
   ACTION(ModTo) ACTION(BitAndTo) ACTION(BitOrTo) ACTION(BitXorTo)                                      \
   ACTION(ShiftLeftTo) ACTION(ShiftRightTo) ACTION(BitNotTo)                                            \
-  ACTION(CompareTo) ACTION(CompareLoadedTo) ACTION(CompareTextTo) ACTION(AndTo) ACTION(OrTo) ACTION(NotTo)                     \
+  ACTION(CompareTo) ACTION(CompareLoadedTo) ACTION(CompareTextTo) ACTION(AndTo) ACTION(OrTo) ACTION(NotTo) ACTION(MatchTo)     \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, JumpIfLess) ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, JumpIfEqual)       \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, JumpIfLessEqual) ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, JumpIfGreater) \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, JumpIfNotEqual)                                                   \
@@ -84,8 +89,9 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
   ACTION(MoveVariable) ACTION(MoveNumber) ACTION(MoveText) ACTION(MoveElement) ACTION(MoveMember)                       \
   ACTION(StoreElement) ACTION(StoreMember)                                                             \
   ACTION(PushNumber) ACTION(PushElement) ACTION(PushMember)                                            \
-  ACTION(ReturnNumber) ACTION(CallWith) ACTION(SendGlobal) ACTION(SendLocal) ACTION(SendTemporary)      \
-  ACTION(SendConstant) ACTION(SendText) ACTION(SendReference) ACTION(Enter)                             \
+  ACTION(ReturnNumber) ACTION(ReturnText) ACTION(JoinTo) ACTION(JoinPush) ACTION(JoinReturn)           \
+  ACTION(CallWith) ACTION(SendGlobal) ACTION(SendLocal) ACTION(SendTemporary)                          \
+  ACTION(SendConstant) ACTION(SendText) ACTION(SendReference) ACTION(Enter)                            \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, CompareOf)                                                        \
   ZEPH_HOT_INDICES(LoadElementAt) ZEPH_HOT_INDICES(FindElementAt)                                      \
   ZEPH_HOT_INDICES(MoveElementAt) ZEPH_HOT_INDICES(StoreElementAt)

@@ -52,10 +52,16 @@ struct HotOp {
   // The orders on which a jump is made or a comparison holds: bit 0 for less, 1 for equal, 2 for
   // greater.
   unsigned char orders = 0;
-  bool word = false;    // whether a text is no number, so that it is compared as a text
-  bool create = false;  // whether an element or member is created if it is missing
-  // Of an argument: whether it is taken by reference. Of a call of a library's function: whether
-  // the next instruction writes the result.
+  // Whether a constant text is no number, so that it is compared as a text. Of a comparison with 0:
+  // whether it is the test of a truth, for which texts have rules of their own. Of MatchOf: whether
+  // the case of letters makes no difference.
+  bool word = false;
+  // Whether an element or member is created if it is missing. Of MatchOf: whether the position is
+  // that of the last byte.
+  bool create = false;
+  // Of an argument: whether it is taken by reference. Of a concatenation: whether its result is a
+  // chained text. Of a call of a library's function: whether the next instruction writes the
+  // result.
   bool refer = false;
   HotLoad load = HotLoad::Number;  // of a record that loads
   HotForm form = HotForm::Double;  // of a temporary or constant that is stored, pushed or returned
@@ -101,6 +107,8 @@ class HotCode {
   // The entries that the stack has room for between two actions of the loop. An idiom, or its
   // instructions run one by one, never push more before they pop any.
   static const int kRoom = 6;
+  // The operands that a concatenation of a group may have.
+  static const int kMostJoined = 32;
   // The variables of a table that groups may use. Those at later positions are left to the
   // instructions one by one.
   static const int kMostRows = 4096;

@@ -204,12 +204,14 @@ HotGroup::Step HotGroup::Take(size_t i) {
     case HotAction::And:
     case HotAction::Or:
     case HotAction::Not: return Logic(i);
+    case HotAction::Concatenate: return Concatenate(i);
+    case HotAction::Handler: return Match(i);
     case HotAction::Element:
     case HotAction::ElementReadOnly: return LookUpElement(i);
     case HotAction::Member:
     case HotAction::MemberReadOnly: return LookUpMember(i);
     case HotAction::Dup:
-      if (values.empty()) return Step::Apart;
+      if (values.empty() || values.back().kind == HotOperand::Joined) return Step::Apart;
       values.push_back(values.back());
       values.back().maker = i;
       return Step::Goes;
@@ -321,6 +323,89 @@ HotGroup::Step HotGroup::Logic(size_t i) {
   return Step::Goes;
 }
 
+// A concatenation makes no record until something is done with its result.
+HotGroup::Step HotGroup::Concatenate(size_t i) {
+  if (values.size() < 2) return Step::Apart;
+  Value left = values[values.size() - 2], right = values.back();
+  Value result;
+  result.kind = HotOperand::Joined;
+  result.maker = i;
+  if (!AppendJoined(&left, &result.joined, &result.adopt) ||
+      !AppendJoined(&right, &result.joined, &result.adopt) ||
+      result.joined.size() > static_cast<size_t>(HotCode::kMostJoined)) {
+    return Step::Apart;
+  }
+  values.resize(values.size() - 2);
+  values.push_back(result);
+  return Step::Goes;
+}
+
+// Adds the records of what a value appends to a concatenation. *owned is set if the entry that the
+// stack would have for it owns something, as that of a variable or of a text that was put together.
+// Returns false if it cannot be appended.
+bool HotGroup::AppendJoined(Value* value, std::vector<HotOp>* operands, bool* owned) {
+  if (value->kind == HotOperand::Joined) {
+    operands->insert(operands->end(), value->joined.begin(), value->joined.end());
+    *owned = true;
+    return true;
+  }
+  HotOp operand = New(HotAction::Leave);
+  if (IsVariable(value->kind) || value->kind == HotOperand::Place) *owned = true;
+  if (value->kind == HotOperand::Text) {
+    operand.text = value->constant->text;
+    operand.length = value->constant->length;
+  } else if (!AsNumber(value, HotLoad::NumberOrText)) {
+    return false;
+  }
+  SetLeft(&operand, *value);
+  operand.form = value->form;
+  operands->push_back(operand);
+  return true;
+}
+
+// Ends a group with the records of a concatenation.
+void HotGroup::AddJoined(HotOp record, const Value& value) {
+  record.refer = value.adopt;
+  record.second = static_cast<int>(value.joined.size());
+  made.push_back(record);
+  made.insert(made.end(), value.joined.begin(), value.joined.end());
+}
+
+// The search for a text in another.
+HotGroup::Step HotGroup::Match(size_t i) {
+  const int code = ops[i].code;
+  const bool last_byte = code == Instruction::code_ein || code == Instruction::code_ecin;
+  const bool any_case = code == Instruction::code_cin || code == Instruction::code_ecin;
+  if ((code != Instruction::code_in && !last_byte && !any_case) || values.size() < 2) {
+    return Step::Apart;
+  }
+  Value needle = values[values.size() - 2], text = values.back();
+  if (needle.kind == HotOperand::Text && text.kind == HotOperand::Text) return Step::Apart;
+  if (!AsText(&needle) || !AsText(&text)) return Step::Apart;
+  HotOp record = New(HotAction::MatchOf);
+  record.create = last_byte;
+  record.word = any_case;
+  SetLeft(&record, needle);
+  SetRight(&record, text);
+  const HotOp* const constant = needle.kind == HotOperand::Text ? needle.constant
+                                : text.kind == HotOperand::Text ? text.constant
+                                                                : nullptr;
+  if (constant) {
+    record.text = constant->text;
+    record.length = constant->length;
+  }
+  values.resize(values.size() - 2);
+  AddTemporary(record, i, HotForm::Integer);
+  return Step::Goes;
+}
+
+// Whether the value can be an operand that has a text: a constant text, a variable, or what is
+// loaded of an element or member.
+bool HotGroup::AsText(Value* value) {
+  if (value->kind == HotOperand::Text || IsVariable(value->kind)) return true;
+  return value->kind == HotOperand::Place && AsNumber(value, HotLoad::NumberOrText);
+}
+
 HotGroup::Step HotGroup::LookUpElement(size_t i) {
   if (values.size() < 2) return Step::Apart;
   Value base = values[values.size() - 2], index = values.back();
@@ -357,6 +442,13 @@ HotGroup::Step HotGroup::Pop(size_t i) {
   if (values.empty() || !HasRow(ops[i])) return Step::Apart;
   const Value value = values.back();
   HotOp record = New(HotAction::MoveVariable);
+  if (value.kind == HotOperand::Joined) {
+    record.action = HotAction::JoinTo;
+    record.into = ops[i].left;
+    record.third = ops[i].first;
+    AddJoined(record, value);
+    return Step::Ends;
+  }
   if (value.kind == HotOperand::Temporary && value.record + 1 == made.size() &&
       accesses.back() == Access::Unused) {
     // The last record computes it, and nothing else uses it.
@@ -466,6 +558,7 @@ HotGroup::Step HotGroup::Jump(size_t i) {
     if (is_not) {
       record.left = last.right;
       record.first = last.second;
+      record.word = IsVariable(last.right);
       made.pop_back();
     }
     record.right = HotOperand::Constant;
@@ -479,6 +572,17 @@ HotGroup::Step HotGroup::Jump(size_t i) {
 HotGroup::Step HotGroup::Return(size_t) {
   if (values.size() != 1) return Step::Apart;
   const Value value = values.back();
+  if (value.kind == HotOperand::Joined) {
+    AddJoined(New(HotAction::JoinReturn), value);
+    return Step::Ends;
+  }
+  if (value.kind == HotOperand::Text) {
+    HotOp record = New(HotAction::ReturnText);
+    record.text = value.constant->text;
+    record.length = value.constant->length;
+    made.push_back(record);
+    return Step::Ends;
+  }
   if (value.kind != HotOperand::Temporary && value.kind != HotOperand::Constant) {
     return Step::Apart;
   }
@@ -546,6 +650,10 @@ HotGroup::Step HotGroup::PushForReal() {
   if (values.size() > 1) return MarkBelow(1);
   const Value value = values.back();
   HotOp record = New(HotAction::PushNumber);
+  if (value.kind == HotOperand::Joined) {
+    AddJoined(New(HotAction::JoinPush), value);
+    return Step::Ends;
+  }
   if (value.kind == HotOperand::Temporary) {
     SetLeft(&record, value);
     record.form = value.form;
@@ -602,7 +710,7 @@ bool HotGroup::TakeNumbers(size_t count, HotLoad load, HotOp* record) {
 // Makes an operand of the value, for an operation that takes a number. Returns false if it cannot
 // be one.
 bool HotGroup::AsNumber(Value* value, HotLoad load) {
-  if (value->kind == HotOperand::Text) return false;
+  if (value->kind == HotOperand::Text || value->kind == HotOperand::Joined) return false;
   if (value->kind != HotOperand::Place) return true;
   if (accesses[value->record] == Access::Found) return false;
   // A number without a text is right for all of several uses.

@@ -70,6 +70,8 @@ class HotGroup {
     size_t record = 0;  // of a temporary or place: the record that makes it
     HotForm form = HotForm::Double;
     const HotOp* constant = nullptr;  // of a constant or text: the instruction's record
+    std::vector<HotOp> joined;        // of Joined: the operands, as records
+    bool adopt = false;               // and whether the result is chained
   };
 
   Step Take(size_t i);
@@ -79,6 +81,8 @@ class HotGroup {
   Step OfIntegers(size_t i);
   Step Comparison(size_t i);
   Step Logic(size_t i);
+  Step Concatenate(size_t i);
+  Step Match(size_t i);
   Step LookUpElement(size_t i);
   Step LookUpMember(size_t i);
   Step Pop(size_t i);
@@ -90,6 +94,9 @@ class HotGroup {
   Step MarkBelow(size_t kept);
 
   HotOp New(HotAction action) const;
+  bool AppendJoined(Value* value, std::vector<HotOp>* operands, bool* owned);
+  void AddJoined(HotOp record, const Value& value);
+  bool AsText(Value* value);
   void AddTemporary(HotOp record, size_t maker, HotForm form);
   bool TakeNumbers(size_t count, HotLoad load, HotOp* record);
   bool AsNumber(Value* value, HotLoad load);

@@ -28,10 +28,12 @@
 #include <bit>
 #include <cassert>
 #include <charconv>
+#include <climits>
 #include <cmath>
 #include <cstddef>
 #include <cstring>
 #include <limits>
+#include <memory>
 
 #include "base/compiled/Function.h"
 #include "base/compiled/HotCode.h"
@@ -42,6 +44,7 @@
 #include "base/core/NumberText.h"
 #include "base/core/Output.h"
 #include "base/core/SameBytes.h"
+#include "base/core/string_search.h"
 #include "base/host/ZephApplication.h"
 #include "base/machine/InstructionCheck.h"
 #include "base/machine/ZephVM.h"
@@ -290,12 +293,69 @@ HOT_INLINE int OrderOf(Number left, Number right) {
   return true;
 }
 
-// Whether a text is certain to be no number, by its first byte.
-inline bool IsWord(const String& text) {
+// The bytes with which no number begins.
+struct WordTable {
+  bool begins[256];
+  constexpr WordTable() : begins() {
+    for (bool& word : begins) word = true;
+    for (const char c : {'i', 'I', 'n', 'N', '.', '+', '-', ' '})
+      begins[static_cast<int>(c)] = false;
+    for (int c = '0'; c <= '9'; c++) begins[c] = false;
+    for (int c = '\t'; c <= '\r'; c++) begins[c] = false;
+  }
+};
+constexpr WordTable kWords;
+
+[[gnu::noinline]] bool IsWordSlow(const String& text) {
+  return !ZephApplication::MayBeNumber(text.data, text.length);
+}
+
+// Whether a text is certain to be no number, by its beginning. An empty one is not.
+HOT_INLINE bool IsWord(const String& text) {
   if (text.length == 0) return false;
-  const auto first = static_cast<unsigned char>(text.data[0]);
-  const int letter = first | 0x20;
-  return first > '9' && letter != 'i' && letter != 'n';  // infinity and nan are numbers
+  return kWords.begins[static_cast<unsigned char>(text.data[0])] || IsWordSlow(text);
+}
+
+// Whether two texts of equal length are equal. REQUIRES: the length is above 0.
+HOT_INLINE bool SameText(const char* a, const char* b, int length) {
+  if (*a != *b) return false;
+  const auto count = static_cast<size_t>(length);
+  if (count > 16) return memcmp(a, b, count) == 0;
+  if (count >= 8) return SameEnds<uint64_t>(a, b, count);
+  if (count >= 4) return SameEnds<uint32_t>(a, b, count);
+  return count < 2 || SameEnds<uint16_t>(a, b, count);
+}
+
+// Whether a variable holds a short text that is no number. If it is the left side of a comparison,
+// the texts of both sides are compared and nothing is left behind.
+HOT_INLINE bool HoldsWord(const Variable* variable) {
+  if (!variable->HoldsText()) return false;
+  const String& text = variable->plain_text();
+  return text.length <= kShort && IsWord(text);
+}
+
+// Whether such a text is equal to that of a record.
+HOT_INLINE bool IsSameWord(const Variable* left, const HotOp* op) {
+  const String& text = left->plain_text();
+  return text.length == op->length && SameText(text.data, op->text, op->length);
+}
+
+// The order of such a text and any other that a variable holds, see OrderOf. If only the equality
+// is wanted, texts of different length are in any order. Returns -1 if it has to be found
+// otherwise. Out of line, as all that calls anything is best, so that the loop's variables stay in
+// registers.
+[[gnu::noinline]] int OrderOfWords(const Variable* left, const Variable* right,
+                                   unsigned char orders) {
+  if (!right->HoldsText() || !HoldsWord(left)) return -1;
+  const String& a = left->plain_text();
+  const String& b = right->plain_text();
+  if (orders == 2 || orders == 5) {
+    return a.length == b.length && SameText(a.data, b.data, a.length);
+  }
+  const int shorter = std::min(a.length, b.length);
+  int difference = shorter > 0 ? memcmp(a.data, b.data, static_cast<size_t>(shorter)) : 0;
+  if (difference == 0) difference = a.length - b.length;
+  return difference < 0 ? 0 : difference == 0 ? 1 : 2;
 }
 
 // A comparison first reads the left side as a number, which the variable keeps.
@@ -403,6 +463,10 @@ struct Temporaries {
     form(offset) = HotForm::AsLoaded;
     number(offset) = std::numeric_limits<double>::quiet_NaN();
   }
+  // The variable of an element that was loaded and has a text; null if that has only a number.
+  Variable* Loaded(int offset) const {
+    return form(offset) == HotForm::AsLoaded ? place(offset) : nullptr;
+  }
   // The variable of an operand that was loaded to be compared, null if it is a number.
   Variable* text(int offset) const { return std::isnan(number(offset)) ? place(offset) : nullptr; }
 };
@@ -410,6 +474,11 @@ static_assert(sizeof(_VH_Entry) == HotOp::kRowSize &&
               offsetof(_VH_Entry, variable) == HotOp::kVariableInRow &&
               sizeof(Temporaries::Row) == HotOp::kRowSize &&
               offsetof(Temporaries::Row, variable) == HotOp::kVariableInRow);
+
+// The variable that has the value: that of a parameter by reference is the caller's.
+HOT_INLINE Variable* Referred(Variable* variable) {
+  return variable ? variable->Real() : nullptr;
+}
 
 // The variable at an offset of a table of rows.
 HOT_INLINE Variable* VariableIn(const _VH_Entry* table, int offset) {
@@ -432,6 +501,188 @@ HOT_INLINE Variable* VariableIn(const _VH_Entry* table, int offset) {
   if (op->load != HotLoad::Number || !HasNumberSlow(variable)) return false;
   temporaries->number(offset) = NumberOf(variable);
   return true;
+}
+
+// The text of an operand that has one at hand; false if it has none.
+bool FindText(HotOperand kind, int offset, const HotOp* op, const _VH_Entry* const* rows,
+              const Temporaries& temporaries, const char** data, int* length) {
+  if (kind == HotOperand::Text) {
+    *data = op->text;
+    *length = op->length;
+    return true;
+  }
+  Variable* variable = kind == HotOperand::Temporary
+                           ? temporaries.Loaded(offset)
+                           : VariableIn(rows[static_cast<int>(kind)], offset);
+  if (!variable) return false;
+  variable = variable->Real();
+  if (!(variable->plain_forms() & Variable::TextForm)) return false;
+  *data = variable->plain_text().data;
+  *length = variable->plain_text().length;
+  return *data != nullptr;
+}
+
+// The position of a text in another, as the instructions in, cin, ein and ecin give it. Returns
+// false if the operands are no short texts.
+[[gnu::noinline]] bool FindMatch(const HotOp* op, const _VH_Entry* const* rows,
+                                 const Temporaries& temporaries, int* position) {
+  const char* needle;
+  const char* text;
+  int needle_length, length;
+  if (!FindText(op->left, op->first, op, rows, temporaries, &needle, &needle_length) ||
+      !FindText(op->right, op->second, op, rows, temporaries, &text, &length) || length > kShort) {
+    return false;
+  }
+  if (needle_length == 0) {
+    *position = op->create ? 0 : 1;
+    return true;
+  }
+  int found = -1;
+  if (needle_length <= length) {
+    found = op->word ? bf_searchi(needle, needle_length, text, length)
+                     : bf_search(needle, needle_length, text, length);
+  }
+  *position = found < 0 ? 0 : found + (op->create ? needle_length : 1);
+  return true;
+}
+
+// The most bytes of a concatenation that a group puts together, without a text that is appended to.
+const int kMostJoinedBytes = 512;
+
+// Writes the operands of a concatenation one after the other, as texts. Returns the number of
+// bytes; -1 if an operand has no text, and none that can be made here, or if there are too many
+// bytes. A number that is a variable's keeps its text, unless it is an integer.
+[[gnu::noinline]] int Join(const HotOp* operand, const HotOp* end, const _VH_Entry* const* rows,
+                           const Temporaries& temporaries, char* bytes) {
+  int used = 0;
+  for (; operand != end; operand++) {
+    const char* data;
+    int length;
+    int integer;
+    double number;
+    Variable* variable;
+    if (operand->left == HotOperand::Text) {
+      data = operand->text;
+      length = operand->length;
+      goto text;
+    }
+    if (operand->left <= HotOperand::Local) {
+      variable = VariableIn(rows[static_cast<int>(operand->left)], operand->first);
+      if (!variable) return -1;
+      variable = variable->Real();
+    } else if (operand->left == HotOperand::Constant) {
+      if (operand->form == HotForm::Integer) {
+        integer = operand->first;
+        goto integer;
+      }
+      number = operand->number;
+      goto number;
+    } else {
+      number = temporaries.number(operand->first);
+      if (operand->form == HotForm::Double) goto number;
+      integer = static_cast<int>(number);
+      if (operand->form == HotForm::Integer) goto integer;
+      variable = temporaries.Loaded(operand->first);
+      if (!variable) {
+        if (temporaries.form(operand->first) == HotForm::Integer) goto integer;
+        // The element that has it is to keep its text.
+        return -1;
+      }
+    }
+    if (!variable->HoldsText()) {
+      const unsigned forms = variable->plain_forms();
+      if (forms == Variable::IntegerForm) {
+        integer = variable->plain_integer();
+        goto integer;
+      }
+      if (!(forms & Variable::TextForm)) {
+        if (forms == 0) return -1;
+        variable->value();
+      }
+    }
+    data = variable->plain_text().data;
+    length = data ? variable->plain_text().length : 0;
+  text:
+    if (length > kMostJoinedBytes - used) return -1;
+    CopyText(bytes + used, data, static_cast<size_t>(length));
+    used += length;
+    continue;
+  number:
+    integer = DoubleToInteger(number);
+    if (integer != number || integer == 0) {
+      int count;
+      const std::unique_ptr<char[]> made(ZephApplication::dtos(number, &count, nullptr, -1));
+      if (count > kMostJoinedBytes - used) return -1;
+      memcpy(bytes + used, made.get(), static_cast<size_t>(count));
+      used += count;
+      continue;
+    }
+  integer:
+    if (kMostJoinedBytes - used < 11) return -1;
+    if (static_cast<unsigned>(integer) < 10) {
+      bytes[used++] = static_cast<char>('0' + integer);
+    } else {
+      used = static_cast<int>(std::to_chars(bytes + used, bytes + used + 11, integer).ptr - bytes);
+    }
+  }
+  return used;
+}
+
+// Makes an entry of a concatenation, as cat leaves it.
+void SetJoined(Entry* entry, const char* bytes, int length, bool chained) {
+  auto text = std::make_unique<DeferredText>();
+  text->Append(bytes, length);
+  entry->SetDeferred(text.release(), chained);
+}
+
+// The concatenation of a record, put on the stack. Returns false and does nothing if it cannot be
+// made here.
+[[gnu::noinline]] bool JoinOnStack(const HotOp* op, const _VH_Entry* const* rows,
+                                   const Temporaries& temporaries, Entry* entry) {
+  char bytes[kMostJoinedBytes];
+  const int length = Join(op + 1, op + 1 + op->second, rows, temporaries, bytes);
+  if (length < 0) return false;
+  SetJoined(entry, bytes, length, op->refer);
+  return true;
+}
+
+// The same, stored in a plain variable. The operands are put together apart from it, because it may
+// be one of them. If it is the first one, the others are appended.
+[[gnu::noinline]] bool JoinInVariable(const HotOp* op, const _VH_Entry* const* rows,
+                                      const Temporaries& temporaries, Variable* target) {
+  char bytes[kMostJoinedBytes];
+  const HotOp* operand = op + 1;
+  const HotOp* const end = operand + op->second;
+  const bool appends =
+      operand->left <= HotOperand::Local &&
+      Referred(VariableIn(rows[static_cast<int>(operand->left)], operand->first)) == target &&
+      (target->plain_forms() & Variable::TextForm) && target->plain_text().data &&
+      target->plain_text().length < INT_MAX - 1 - kMostJoinedBytes;
+  if (appends) operand++;
+  const int length = Join(operand, end, rows, temporaries, bytes);
+  if (length < 0) return false;
+  if (appends) {
+    target->AppendText(bytes, length, op->refer);
+  } else {
+    target->WriteJoined(bytes, length, op->refer);
+  }
+  return true;
+}
+
+// The variable of an element that is stored to; null if there can be none. REQUIRES: a plain array.
+[[gnu::noinline]] Variable* ElementToStore(Variable* array, int number) {
+  Variable* const found = array->SearchMade(number);
+  return found ? found : array->At(number, 1);
+}
+
+// Stores the text that is the entry below the top in the variable that is on top. Returns where the
+// stack then ends.
+[[gnu::noinline]] Entry* StoreText(ZephVM_Stack* stack, Entry* top) {
+  const VariableRef target = VariableRef::Share(top[-1].value.variable->Real());
+  ZephVM_Stack::Free(top - 1);
+  stack->SetEnd(top - 1);
+  stack->PopV(target.get());
+  return stack->End();
 }
 
 // Reads an operand of a pair as a number. Returns false if it has none.
@@ -588,11 +839,6 @@ inline bool FindName(const Entry* entry, const Variable* structure, const char**
   return *text != nullptr;
 }
 
-// The variable that has the value: that of a parameter by reference is the caller's.
-HOT_INLINE Variable* Referred(Variable* variable) {
-  return variable ? variable->Real() : nullptr;
-}
-
 // Whether a variable of a table, which may not exist yet, is a plain one.
 inline bool IsPlainRow(const Variable* variable) {
   return !variable || variable->IsPlain();
@@ -663,6 +909,55 @@ inline bool ReturnsToDecoded(const ZephVM_FunctionFrame* called) {
     called = static_cast<const ZephVM_FunctionFrame*>(called->previous);
   }
   return false;
+}
+
+// The variable that the result of a frame is only stored in, by the code that it returns to; null
+// if there is none. REQUIRES: it returns to decoded code.
+Variable* FindTargetOfResult(const ZephVM_FunctionFrame* called, const _VH_Entry* globals,
+                             unsigned count) {
+  Variable* target;
+  const HotOp* const use = called->return_op->plain;
+  return FindTarget(use, called->previous->variables, globals, count, &target) ? target : nullptr;
+}
+
+// Lets the frame return to after that store.
+void PassStore(ZephVM_FunctionFrame* called) {
+  const HotOp* const use = called->return_op->plain;
+  called->return_offset = use[1].start;
+  called->return_op = use[1].fast ? use[1].fast : use + 1;
+}
+
+// Stores the constant text that a frame returns in the caller's variable. Returns false and does
+// nothing if it has to go by the stack.
+[[gnu::noinline]] bool ReturnsText(ZephVM_FunctionFrame* called, const HotOp* op,
+                                   const _VH_Entry* globals, unsigned count, bool decoded) {
+  if (!decoded) return false;
+  Variable* const target = FindTargetOfResult(called, globals, count);
+  if (!target || !target->WriteShort(op->text, op->length)) return false;
+  PassStore(called);
+  return true;
+}
+
+// Stores the concatenation that a frame returns in the caller's variable, or puts it on the
+// caller's stack. Returns false and does nothing if it cannot be made here.
+[[gnu::noinline]] bool JoinResult(ZephVM_FunctionFrame* called, const HotOp* op,
+                                  const _VH_Entry* const* rows, unsigned count,
+                                  const Temporaries& temporaries, bool decoded) {
+  char bytes[kMostJoinedBytes];
+  const int length = Join(op + 1, op + 1 + op->second, rows, temporaries, bytes);
+  if (length < 0) return false;
+  if (decoded) {
+    Variable* const target = FindTargetOfResult(called, rows[0], count);
+    if (target) {
+      target->WriteJoined(bytes, length, op->refer);
+      PassStore(called);
+      return true;
+    }
+  }
+  ZephVM_Stack* const callers = called->previous->stack;
+  SetJoined(callers->End(), bytes, length, op->refer);
+  callers->SetEnd(callers->End() + 1);
+  return true;
 }
 
 // Whether the value of an entry is true, if that is a number.
@@ -1261,7 +1556,11 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     if (other->HoldsDouble()) { \
       STORE_DOUBLE(other->plain_double()) \
     } else { \
-      if (!other->HoldsInteger() || !other->is_stored_integer()) goto unusual; \
+      if (!other->HoldsInteger() || !other->is_stored_integer()) { \
+        variable = OPERAND_ROW(op->into, op->third); \
+        if (variable && variable->CopyWord(*other)) NEXT(1) \
+        goto unusual; \
+      } \
       STORE_INTEGER(other->plain_integer()) \
     } \
   } else if ((slot)->IsInteger()) { \
@@ -1469,7 +1768,12 @@ on_Dup:
 on_Store:
   LEAVE_UNLESS(HOLDS_TWO && top[-1].kind == ZephVM_Stack::KindVariable)
   variable = top[-1].value.variable->Real();
-  LEAVE_UNLESS(variable->IsPlain() && IsNumberOrPlain(top - 2))
+  LEAVE_UNLESS(variable->IsPlain())
+  if (top[-2].kind == ZephVM_Stack::KindString || top[-2].kind == ZephVM_Stack::KindLinkBuffer) {
+    top = StoreText(s, top);
+    NEXT_AFTER_WORK(1)
+  }
+  LEAVE_UNLESS(IsNumberOrPlain(top - 2))
   if (top[-2].kind == ZephVM_Stack::KindVariable) {
     TELL_STACK
     if (!top[-2].Owns() || !variable->TakeValue(top[-2].value.variable)) {
@@ -1672,7 +1976,15 @@ on_CompareGlobals : {
 }
 on_CompareGlobalsJump : {
   int order;
-  if (!FindOrder(GLOBAL(op->first), GLOBAL(op->second), &order)) {
+  variable = GLOBAL(op->first);
+  if (variable && variable->HoldsText()) {
+    second_row = GLOBAL(op->second);
+    if (second_row) {
+      order = OrderOfWords(variable, second_row, op[1].orders);
+      if (order >= 0) JUMP_IF(Jumps(op + 1, order), op + 1, 2)
+    }
+  }
+  if (!FindOrder(variable, GLOBAL(op->second), &order)) {
     if (!FindOrderOfVariables(GLOBAL(op->first), GLOBAL(op->second), &order)) goto on_Handler;
     JUMP_IF_AFTER_WORK(Jumps(op + 1, order), op + 1, 2)
   }
@@ -1938,6 +2250,19 @@ on_NotTo : {
   variable->Write_Integer(b == 0.0);
   NEXT(1)
 }
+on_MatchOf : {
+  int position;
+  MISFIT_UNLESS(FindMatch(op, rows, temporaries, &position))
+  temporaries.number(op->third) = position;
+  STEP
+}
+on_MatchTo : {
+  int position;
+  MISFIT_UNLESS(FindMatch(op, rows, temporaries, &position))
+  FIND_TARGET
+  variable->Write_Integer(position);
+  NEXT(1)
+}
 on_CompareOf : {
   double a, b;
   COMPARABLE_OF(op->left, op->first, &a, misfit)
@@ -1973,6 +2298,10 @@ on_CompareLoadedTo : {
 on_CompareTextOf : {
   int order;
   variable = BASE_OF(op);
+  if (variable && HoldsWord(variable) && (op->orders == 2 || op->orders == 5)) {
+    temporaries.number(op->third) = IsSameWord(variable, op) == (op->orders == 2);
+    STEP
+  }
   MISFIT_UNLESS(op->length <= kShort && FindOrderOfText(variable, op, &order))
   temporaries.number(op->third) = Jumps(op, order);
   STEP
@@ -1988,6 +2317,10 @@ on_CompareTextTo : {
 on_JumpIfText : {
   int order;
   variable = BASE_OF(op);
+  if (variable && HoldsWord(variable)) [[likely]] {
+    if (op->orders == 2) JUMP_IF(IsSameWord(variable, op), op + 1, 2)
+    if (op->orders == 5) JUMP_IF(!IsSameWord(variable, op), op + 1, 2)
+  }
   MISFIT_UNLESS(FindOrderOfText(variable, op, &order))
   if (op->length <= kShort && IsShort(variable)) JUMP_IF(Jumps(op, order), op + 1, 2)
   JUMP_IF_AFTER_WORK(Jumps(op, order), op + 1, 2)
@@ -1999,9 +2332,34 @@ unusual_comparison : {
   int order;
   if (op->left == HotOperand::Place || op->right == HotOperand::Place) {
     bool texts;
+    LOADED_OF(op->left, op->first, first_row)
+    LOADED_OF(op->right, op->second, second_row)
+    if (first_row && second_row) {
+      order = OrderOfWords(first_row, second_row, op->orders);
+      if (order >= 0) JUMP_IF(Jumps(op, order), op, 1)
+    }
     FIND_LOADED_ORDER
     if (texts) JUMP_IF_AFTER_WORK(Jumps(op, order), op, 1)
     JUMP_IF(Jumps(op, order), op, 1)
+  }
+  if (op->left <= HotOperand::Local) {
+    variable = OPERAND(op->left, op->first);
+    if (variable && variable->HoldsText()) {
+      if (op->word) {
+        // The test of a truth, which is a comparison with 0 of a number only.
+        const String& text = variable->plain_text();
+        MISFIT_UNLESS(text.length <= kShort)
+        order = Variable::IsTrue(text.data, text.length) ? 2 : 1;
+        JUMP_IF(Jumps(op, order), op, 1)
+      }
+      if (op->right <= HotOperand::Local) {
+        second_row = OPERAND(op->right, op->second);
+        if (second_row) {
+          order = OrderOfWords(variable, second_row, op->orders);
+          if (order >= 0) JUMP_IF(Jumps(op, order), op, 1)
+        }
+      }
+    }
   }
   if (ReadOperand<IsComparableSlow>(op->left, op->first, op, rows, temporaries, &a) &&
       ReadOperand<IsComparableSlow>(op->right, op->second, op, rows, temporaries, &b)) {
@@ -2132,6 +2490,7 @@ on_FindMember:
     variable->Rewrite(first_row->plain_integer());
     NEXT(1)
   }
+  if (first_row && variable && variable->CopyWord(*first_row)) NEXT(1)
   FIND_TARGET
   first_row = OPERAND(op->left, op->first);
   MISFIT_UNLESS(first_row && first_row->IsPlain())
@@ -2142,6 +2501,8 @@ on_FindMember:
   Assign(variable, first_row);
   NEXT_AFTER_WORK(1)
 on_MoveText:
+  variable = OPERAND_ROW(op->into, op->third);
+  if (variable && variable->WriteWord(op->text, op->length)) NEXT(1)
   FIND_TARGET
   if (variable->WriteShort(op->text, op->length)) NEXT(1)
   TELL_STACK
@@ -2241,13 +2602,15 @@ on_StoreElement : {
   } else if (op->into == HotOperand::Text) {
     MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
     TELL_STACK
-    variable = variable->At(number, 1);
+    variable = ElementToStore(variable, number);
+    if (variable && variable->WriteWord(op->text, op->length)) NEXT(1)
     MISFIT_UNLESS(variable && variable->IsPlain())
     variable->SetValue(op->text, op->length);
     NEXT_AFTER_WORK(1)
   } else {
     first_row = OPERAND(op->into, op->third);
     MISFIT_UNLESS(first_row && first_row->IsPlain())
+    if (first_row->HoldsText()) goto store_value;
     if (!FindAlone(first_row, &value, &form)) {
       WAKE(first_row)
       goto store_value;
@@ -2265,7 +2628,8 @@ on_StoreElement : {
 store_value:
   MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
   TELL_STACK
-  variable = variable->At(number, 1);
+  variable = ElementToStore(variable, number);
+  if (variable && variable->CopyWord(*first_row)) NEXT(1)
   MISFIT_UNLESS(variable && variable->IsPlain())
   Assign(variable, first_row);
   NEXT_AFTER_WORK(1)
@@ -2294,6 +2658,7 @@ store_member_slowly : {
   } else {
     first_row = OPERAND(op->right, op->second);
     MISFIT_UNLESS(first_row && first_row->IsPlain())
+    if (first_row->HoldsText()) goto store_member_value;
     if (!FindAlone(first_row, &value, &form)) {
       WAKE(first_row)
       goto store_member_value;
@@ -2311,6 +2676,7 @@ store_member_value:
   MISFIT_UNLESS(variable->IsPlain())
   TELL_STACK
   variable = variable->Member(op->text, op->length, 1, &op->hint);
+  if (variable && variable->CopyWord(*first_row)) NEXT(1)
   MISFIT_UNLESS(variable && variable->IsPlain())
   Assign(variable, first_row);
   NEXT_AFTER_WORK(1)
@@ -2383,6 +2749,34 @@ on_ReturnNumber:
   }
   MISFIT_UNLESS(frame->returns_hot && frame->previous->stack->HasRoom(1))
   goto push_result;
+on_ReturnText:
+  called = static_cast<ZephVM_FunctionFrame*>(frame);
+  MISFIT_UNLESS(frame->returns_hot && frame->previous->stack->HasRoom(1))
+  if (!ReturnsText(called, op, rows[0], counts[0], RETURNS_TO_DECODED)) {
+    frame->previous->stack->End()->SetText(op->text, op->length);
+    frame->previous->stack->SetEnd(frame->previous->stack->End() + 1);
+  }
+  goto returned;
+on_JoinTo:
+  FIND_TARGET
+  TELL_STACK
+  MISFIT_UNLESS(JoinInVariable(op, rows, temporaries, variable))
+  op += op->second;
+  NEXT_AFTER_WORK(1)
+on_JoinPush:
+  MISFIT_UNLESS(HAS_ROOM)
+  TELL_STACK
+  MISFIT_UNLESS(JoinOnStack(op, rows, temporaries, top))
+  ++top;
+  op += op->second;
+  NEXT(1)
+on_JoinReturn:
+  called = static_cast<ZephVM_FunctionFrame*>(frame);
+  MISFIT_UNLESS(frame->returns_hot && frame->previous->stack->HasRoom(1))
+  TELL_STACK
+  MISFIT_UNLESS(JoinResult(called, op, rows, counts[0], temporaries, RETURNS_TO_DECODED))
+  patience = 1;
+  goto returned;
 on_CallWith : {
   MISFIT_UNLESS(KNOWS_CALLED && HAS_ROOM && called->simple_parameters == op->second)
   STEP
@@ -2630,15 +3024,15 @@ called_library:
   op++;
   GO
 
-on_ReturnNothing : {
-  LEAVE_UNLESS(frame->returns_hot)
-  ZephVM_Stack* const callers = frame->previous->stack;
-  Entry* const value = callers->End();
-  LEAVE_UNLESS(callers->HasRoom(1))
-  value->SetText("", 0);
-  callers->SetEnd(value + 1);
-  goto returned;
-}
+      on_ReturnNothing : {
+    LEAVE_UNLESS(frame->returns_hot)
+    ZephVM_Stack* const callers = frame->previous->stack;
+    Entry* const value = callers->End();
+    LEAVE_UNLESS(callers->HasRoom(1))
+    value->SetText("", 0);
+    callers->SetEnd(value + 1);
+    goto returned;
+  }
 on_Return : {
   LEAVE_UNLESS(frame->returns_hot && HOLDS_ONE)
   called = static_cast<ZephVM_FunctionFrame*>(frame);

@@ -105,6 +105,13 @@ class ZephVM_Stack {
       Set(KindLinkBuffer | OwnedMark | DeferredMark, reinterpret_cast<uintptr_t>(text),
           Lengths(8, 8));
     }
+    // A deferred text that one cat or more have made. The result is chained if it is of more than
+    // one cat, or if an operand of the only one was owned.
+    void SetDeferred(DeferredText* text, bool chained) {
+      const int count = text->length();
+      Set((chained ? KindLinkBuffer : KindString) | OwnedMark | DeferredMark,
+          reinterpret_cast<uintptr_t>(text), chained ? Lengths(8, 8) : Lengths(count, count + 1));
+    }
     // Appends to a deferred text. The result of two cats is a LinkBuffer.
     template <typename Value>
     void AppendDeferred(Value added) {

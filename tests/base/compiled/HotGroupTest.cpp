@@ -29,6 +29,8 @@ std::string Records(const std::string& program) {
   for (const HotOp* op = hot.At(0); op->action != HotAction::Leave; op++) {
     text += std::string(text.empty() ? "" : " ") + NameOf(op->action);
     if (op->action == HotAction::CallWith) op += op->second + 1;
+    if (op->action == HotAction::JoinTo || op->action == HotAction::JoinPush) op += op->second;
+    if (op->action == HotAction::JoinReturn) break;
   }
   return text;
 }
@@ -129,8 +131,36 @@ TEST(HotGroup, AStepOfALoopOverAnArrayIsOneRecord) {
 TEST(HotGroup, OtherInstructionsFindTheirOperandsOnTheStack) {
   EXPECT_EQ(Records("pushg a\npushi 1\nadd\nout\n"), "AddOfGlobalConstant PushNumber Handler");
   EXPECT_EQ(Records("pushg a\npushg i\nelem_readonly\nout\n"), "PushElement Handler");
-  EXPECT_EQ(Records("pushg a\npushg b\ncat\npopg c\n"),
-            "PushVariable ConcatenateVariable Concatenate PopVariable");
+  EXPECT_EQ(Records("pushg a\npushg b\npow\npopg c\n"),
+            "PushVariable PushVariable Handler PopVariable");
+}
+
+TEST(HotGroup, AConcatenationIsOneRecord) {
+  EXPECT_EQ(Records("pushg a\npushg b\ncat\npopg c\n"), "JoinTo");
+  EXPECT_EQ(Records("pushg a\npushc \"t\"\npushg b\npushi 1\nadd\ncat\ncat\npopg c\n"),
+            "AddOfGlobalConstant JoinTo");
+  EXPECT_EQ(Records("pushg a\npushi 1\nelem_readonly\npushi 3\ncat\npopg c\n"),
+            "LoadElementAtConstant JoinTo");
+  EXPECT_EQ(Records("pushg a\npushc \"t\"\ncat\nout\n"), "JoinPush Handler");
+  EXPECT_EQ(Records("pushg a\npushc \"t\"\ncat\nret\n"), "JoinReturn");
+  EXPECT_EQ(Records("pushc \"t\"\nret\n"), "ReturnText");
+  // A comparison takes numbers and texts that are there.
+  EXPECT_EQ(Records("pushg a\npushg b\ncat\npushc \"t\"\neq\npopg c\n"),
+            "JoinPush PushText Equal PopVariable");
+}
+
+TEST(HotGroup, AConcatenationOfTooManyOperandsGoesOnOnTheStack) {
+  std::string program = "pushg a\n";
+  for (int i = 0; i < HotCode::kMostJoined; i++) program += "pushg b\ncat\n";
+  EXPECT_EQ(Records(program + "popg c\n"), "JoinPush ConcatenateVariable Concatenate PopVariable");
+}
+
+TEST(HotGroup, ASearchForATextIsARecordThatAJumpMayFollow) {
+  EXPECT_EQ(Records("pushc \"t\"\npushg a\nin\npopg c\n"), "MatchTo");
+  EXPECT_EQ(Records("pushg b\npushg a\necin\njmp_eq x\nx: "),
+            "MatchOf JumpIfEqualTemporaryConstant");
+  EXPECT_EQ(Records("pushc \"t\"\npushc \"u\"\nin\npopg c\n"),
+            "PushText PushText Handler PopVariable");
 }
 
 }  // namespace

@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
+#include <cstdlib>
 #include <string>
+#include <utility>
 
 #include "base/values/VariableKinds.h"
 #include "tests/support/HotAndCold.h"
@@ -107,12 +110,292 @@ TEST(HotValues, AComparisonWithAWordKeepsTheTextOfADouble) {
   }
 }
 
+// Operands of all kinds, and what they are as a text.
+struct Operand {
+  std::string push;
+  std::string text;
+};
+
+const Operand kOperands[] = {
+    {"pushc \"\"\n", ""},
+    {"pushc \"<b>\"\n", "<b>"},
+    {"pushi -12\n", "-12"},
+    {"pushi 7\n", "7"},
+    {"pushi -2147483648\n", "-2147483648"},
+    {"pushf 2.5\n", "2.5"},
+    {"pushf -3\n", "-3"},
+    {"pushf 0\n", "0"},
+    {"pushg word\n", "word"},
+    {"pushg whole\n", "41"},
+    {"pushg broken\n", "0.75"},
+    {"pushg none\n", ""},
+    {"pushg list\npushi 1\nelem_readonly\n", "one"},
+    {"pushg list\npushi 2\nelem_readonly\n", "2"},
+    {"pushg list\npushi 3\nelem_readonly\n", "3.5"},
+    {"pushg list\npushi 9\nelem_readonly\n", ""},
+    {"pushg whole\npushi 1\nadd\n", "42"},
+    {"pushg broken\npushi 1\nadd\n", "1.75"},
+    {"pushg whole\npushi 40\nmod\n", "1"},
+    {"pushg word\npushc \"word\"\neq\n", "1"},
+    {"pushg word\npushc \"-\"\ncat\n", "word-"},
+    {"pushg list\n", "one,2,3.5"},
+    {"pushc \"far\"\ncall f\n", "far"},
+    {"pushg reference\n", "word"},
+    {"pushg long\n", std::string(300, 'l')},
+};
+
+const std::string kStart =
+    "pushc \"word\"\npopg word\npushi 41\npopg whole\npushf 0.75\npopg broken\n"
+    "pushc \"one\"\npushg list\npushi 1\nelem\nstore\npushi 2\npushg list\npushi 2\nelem\nstore\n"
+    "pushf 3.5\npushg list\npushi 3\nelem\nstore\npushg word\npoprg reference\npushc \"" +
+    std::string(300, 'l') + "\"\npopg long\n";
+const std::string kEcho = ".function f(a)\npushl a\nret\n.end\n";
+
+// Runs a program in both ways, and expects that its last round has written the text.
+void ExpectBoth(const std::string& program, const std::string& text) {
+  for (const bool cold : {false, true}) {
+    Machine machine;
+    machine.Assemble(program);
+    if (cold) KeepCold(&machine);
+    EXPECT_EQ(machine.Go(), 1) << machine.Error();
+    const std::string output = machine.Output();
+    ASSERT_EQ(output.substr(output.find_last_of('\n', output.size() - 2) + 1), text + "\n");
+  }
+}
+
+// A concatenation has the texts of its operands, wherever it goes.
+TEST(HotValues, AConcatenationHasTheTextsOfItsOperands) {
+  const std::string line = "pushc \"\\n\"\nout\n";
+  for (const Operand& a : kOperands) {
+    for (const Operand& b : kOperands) {
+      const std::string joined = a.push + b.push + "cat\n";
+      const std::string text = a.text + b.text;
+      SCOPED_TRACE(joined);
+      ExpectBoth(kStart + Loop(joined + "popg o\npushg o\nout\n" + line) + kEcho, text);
+      ExpectBoth(
+          kStart + Loop("pushc \"[\"\n" + joined + "cat\npushc \"]\"\ncat\nout\n" + line) + kEcho,
+          "[" + text + "]");
+    }
+    // Stored in an operand's own variable, in an element, and returned.
+    SCOPED_TRACE(a.push);
+    ExpectBoth(kStart +
+                   Loop("pushc \"ab\"\npopg o\npushg o\n" + a.push +
+                        "cat\npushg o\ncat\npopg o\npushg o\nout\n" + line) +
+                   kEcho,
+               "ab" + a.text + "ab");
+    ExpectBoth(kStart +
+                   Loop(a.push +
+                        "pushc \"!\"\ncat\npushg e\npushi 2\nelem\nstore\n"
+                        "pushg e\npushi 2\nelem_readonly\nout\n" +
+                        line) +
+                   kEcho,
+               a.text + "!");
+    for (const char* const use : {"popg o\npushg o\nout\n", "out\n", "pushc \"\"\ncat\nout\n"}) {
+      ExpectBoth(kStart + Loop("call g\n" + std::string(use) + line) + kEcho +
+                     ".function g()\npushc \"(\"\n" + a.push + "cat\npushc \")\"\ncat\nret\n",
+                 "(" + a.text + ")");
+    }
+  }
+}
+
+// A text that grows is as long as all that was appended, also when it is appended to itself.
+TEST(HotValues, ATextGrowsByWhatIsAppended) {
+  const std::string shape = "pushg t\nout\npushc \"\\n\"\nout\n";
+  std::string text;
+  for (int i = 1; i <= kRoundsUntilHot; i++) text += "<" + std::to_string(i) + ">";
+  ExpectBoth(
+      "pushc \"\"\npopg t\n" +
+          Loop("pushg t\npushc \"<\"\ncat\npushg n\ncat\npushc \">\"\ncat\npopg t\n" + shape),
+      text);
+  text = "x";
+  for (int i = 1; i <= kRoundsUntilHot; i++) {
+    text = i % 10 == 0 ? "y" : text + text;
+  }
+  ExpectBoth("pushc \"x\"\npopg t\n" +
+                 Loop("pushg t\npushg t\ncat\npopg t\npushg n\npushi 10\nmod\njmp_ne on\n"
+                      "pushc \"y\"\npopg t\non: " +
+                      shape),
+             text);
+}
+
+// A double that is read as text for a concatenation keeps that text.
+TEST(HotValues, AConcatenationKeepsTheTextOfADouble) {
+  const std::string number = "pushf 1.2345678901234567e-6\n";
+  ExpectTheSameHotAndCold(Loop(number + "popg x\npushg x\n" + number + "eq\nout\npushc \"w\"\n" +
+                               "pushg x\ncat\npopg y\npushg x\n" + number + "eq\nout\n"));
+  const std::string element = "pushg l\npushi 1\nelem_readonly\n";
+  ExpectTheSameHotAndCold(Loop(number + "pushg l\npushi 1\nelem\nstore\n" + element +
+                               "pushc \"w\"\ncat\npopg y\n" + element + number + "eq\nout\n"));
+}
+
 // A jump on the comparison of a text of more bytes than are compared without a look at the flags.
 TEST(HotValues, ALongTextIsComparedWithAConstant) {
   ExpectTheSameHotAndCold("pushc \"" + std::string(5000, 'q') + "\"\npopg a\n" +
                           Loop("pushg a\npushc \"x\"\neq\njmp_eq no\npushc \"equal\"\nout\n"
                                "no: pushg a\npushc \"x\"\nne\njmp_ne on\npushc \"equal\"\nout\n"
                                "on: noop\n"));
+}
+
+// The whole text is read as a number if both are one, else the bytes are compared.
+int OrderOf(const std::string& a, const std::string& b) {
+  const auto read = [](const std::string& text, double* number) {
+    char* end;
+    *number = strtod(text.c_str(), &end);
+    return end == text.c_str() + text.size();
+  };
+  double x, y;
+  if (read(a, &x) && read(b, &y)) return x < y ? -1 : x == y ? 0 : 1;
+  const int order = a.compare(b);
+  return order < 0 ? -1 : order > 0;
+}
+
+TEST(HotValues, TextsAreInTheOrderOfTheirNumbersOrBytes) {
+  const std::string texts[] = {"",
+                               "a",
+                               "ab",
+                               "abc",
+                               "abd",
+                               "name",
+                               "nan",
+                               "in",
+                               "in all",
+                               "inf",
+                               "10",
+                               "9",
+                               "1e1",
+                               "+",
+                               "-",
+                               ".",
+                               "+5",
+                               "-.5",
+                               ".5",
+                               " 5",
+                               "a text of",
+                               "*",
+                               "0",
+                               "00.0",
+                               "a text of many bytes",
+                               "a text of more bytes",
+                               std::string(5000, 'q'),
+                               std::string(5000, 'q') + "r"};
+  for (const std::string& a : texts) {
+    for (const std::string& b : texts) {
+      SCOPED_TRACE("'" + a + "' and '" + b + "'");
+      std::string program = "pushc \"" + a + "\"\npopg a\npushc \"" + b + "\"\npopg b\n";
+      std::string body, expected;
+      int label = 0;
+      const int order = OrderOf(a, b);
+      const auto add = [&](const std::string& compare, const std::string& jump, bool jumps) {
+        const std::string at = "l" + std::to_string(label++);
+        body += compare + jump + " " + at + "\npushc \"-\"\nout\njmp " + at + "e\n" + at +
+                ": pushc \"j\"\nout\n" + at + "e: noop\n";
+        expected += jumps ? "j" : "-";
+      };
+      for (const std::string& right : {std::string("pushg b\n"), "pushc \"" + b + "\"\n",
+                                       std::string("pushg l\npushi 2\nelem_readonly\n")}) {
+        for (const std::string& left :
+             {std::string("pushg a\n"), std::string("pushg l\npushi 1\nelem_readonly\n")}) {
+          add(left + right + "eq\n", "jmp_ne", order == 0);
+          add(left + right + "ne\n", "jmp_ne", order != 0);
+          add(left + right + "lt\n", "jmp_eq", order >= 0);
+          add(left + right + "ge\n", "jmp_ne", order >= 0);
+          add(left + right + "cmp\n", "jmp_gt", order > 0);
+          add(left + right + "eq\npushg one\nand\n", "jmp_ne", order == 0);
+        }
+      }
+      add("cmpgg a, b\n", "jmp_eq", order == 0);
+      add("cmpgg a, b\n", "jmp_le", order <= 0);
+      program +=
+          "storegi one, 1\npushg a\npushg l\npushi 1\nelem\nstore\n"
+          "pushg b\npushg l\npushi 2\nelem\nstore\n";
+      ExpectBoth(program + Loop(body + "pushc \"\\n\"\nout\n"), expected);
+    }
+  }
+}
+
+TEST(HotValues, ATextIsTrueUnlessItHasOnlyZerosAndAPoint) {
+  const std::string long_one = std::string(5000, '0');
+  const std::pair<std::string, bool> texts[] = {
+      {"", false}, {"0", false},  {"0.0", false},    {".", false},
+      {"x", true}, {"0..", true}, {"no", true},      {"-0", true},
+      {" ", true}, {"0x", true},  {long_one, false}, {long_one + "1", true}};
+  for (const auto& [text, truth] : texts) {
+    SCOPED_TRACE(text);
+    const std::string start = "pushc \"" + text + "\"\npopg a\n";
+    ExpectBoth(start + Loop("pushg a\nnot\njmp_ne no\npushc \"yes\"\nout\njmp end\n"
+                            "no: pushc \"no\"\nout\nend: pushc \"\\n\"\nout\n"),
+               truth ? "yes" : "no");
+    ExpectBoth(start + Loop("pushg a\nnot\njmp_eq yes\npushc \"no\"\nout\njmp end\n"
+                            "yes: pushc \"yes\"\nout\nend: pushc \"\\n\"\nout\n"),
+               truth ? "yes" : "no");
+  }
+}
+
+TEST(HotValues, ATextIsFoundInAnother) {
+  const std::string texts[] = {
+      "", "a", "Word", "a word and a Word", "WORD", "12", std::string(5000, 'w') + "a word"};
+  const auto lower = [](std::string text) {
+    for (char& c : text) c = static_cast<char>(tolower(c));
+    return text;
+  };
+  for (const std::string& needle : texts) {
+    for (const std::string& text : texts) {
+      SCOPED_TRACE("'" + needle + "' in '" + text.substr(0, 20) + "'");
+      std::string expected;
+      for (const bool any_case : {false, true}) {
+        const size_t place = any_case ? lower(text).find(lower(needle)) : text.find(needle);
+        const bool found = place != std::string::npos;
+        expected += std::to_string(found ? place + 1 : 0) + " ";
+        expected += std::to_string(found && !needle.empty() ? place + needle.size() : 0) +
+                    (found ? "y" : "n");
+      }
+      std::string body;
+      for (const std::string first : {"in", "cin"}) {
+        const std::string last = first == "in" ? "ein" : "ecin";
+        const std::string at = first + "no";
+        body += "pushg a\npushg b\n" + first + "\nout\npushc \" \"\nout\n";
+        body += "pushg l\npushi 1\nelem_readonly\npushc \"" + text + "\"\n" + last +
+                "\npopg p\npushg p\nout\n";
+        body += "pushc \"" + needle + "\"\npushg l\npushi 2\nelem_readonly\n" + first +
+                "\njmp_eq " + at + "\npushc \"y\"\nout\njmp " + at + "e\n" + at +
+                ": pushc \"n\"\nout\n" + at + "e: noop\n";
+      }
+      ExpectBoth("pushc \"" + needle + "\"\npopg a\npushc \"" + text +
+                     "\"\npopg b\npushg a\npushg l\npushi 1\nelem\nstore\n"
+                     "pushg b\npushg l\npushi 2\nelem\nstore\n" +
+                     Loop(body + "pushc \"\\n\"\nout\n"),
+                 expected);
+    }
+  }
+}
+
+// Texts go to variables, elements and members, which may hold any other value before.
+TEST(HotValues, ATextReplacesAnyValue) {
+  const std::string long_one(40, 'l');
+  for (const std::string& text : {std::string("new"), std::string(), long_one}) {
+    const std::string sources[] = {
+        "pushc \"" + text + "\"\n",          "pushg s\n",
+        "pushg l\npushi 1\nelem_readonly\n", "pushg m\npushc \"k\"\nmemb_readonly\n",
+        "pushc \"" + text + "\"\ncall f\n",  "call g\n"};
+    for (const std::string& source : sources) {
+      for (const char* const before : {"pushi 4\n", "pushf 1.5\n", "pushc \"o\"\n", "pushg whole\n",
+                                       "pushc \"a text of more than sixteen bytes\"\n"}) {
+        for (const char* const place :
+             {"pushg t\n", "pushg u\npushi 2\nelem\n", "pushg v\npushc \"m\"\nmemb\n"}) {
+          SCOPED_TRACE(source + before + place);
+          const std::string set = std::string(place) + "store\n";
+          ExpectBoth(
+              "pushi 1\npushg whole\npushi 3\nelem\nstore\npushc \"" + text +
+                  "\"\npopg s\npushg s\npushg l\npushi 1\nelem\nstore\n"
+                  "pushg s\npushg m\npushc \"k\"\nmemb\nstore\n" +
+                  Loop(before + set + source + set + place + "out\npushc \"|\"\nout\n" + before +
+                       "popg t\n" + source + "popg t\npushg t\nout\npushc \"\\n\"\nout\n") +
+                  kEcho + ".function g()\npushc \"" + text + "\"\nret\n",
+              text + "|" + text);
+        }
+      }
+    }
+  }
 }
 
 TEST(HotValues, AnElementThatIsReadAsTextKeepsThatText) {
