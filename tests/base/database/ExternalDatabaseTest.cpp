@@ -456,7 +456,7 @@ TEST(ExternalDatabaseMoves, MayDropTheDecodedFormOfTheScript) {
   table.view_skip = [](ZPDATABASEVIEW, int) {
     if (code->hot()) {
       dropped++;
-      code->Write_Byte(code->length(), 0);
+      code->Write_Byte(0, code->code()[0]);
     }
     return 1;
   };
