@@ -21,8 +21,9 @@ inline double ThreadSeconds() {
 // Expects that four times the size takes about four times as long: less than ten, while quadratic
 // work takes sixteen. made = make(size) prepares, work(&made) is measured. The best of a few tries
 // counts. Work of less than a tenth of a millisecond counts as that much, because caches and the
-// clock would matter more than the size. Under the address sanitizer, which makes it ten times slower,
-// a quarter of the size is enough; the thread sanitizer has nothing to see here, and gets less.
+// clock would matter more than the size. Under the address sanitizer, which makes it ten times
+// slower, a quarter of the size is enough; the thread sanitizer has nothing to see here, and gets
+// less.
 template <class Make, class Work>
 void ExpectNearLinear(int size, Make make, Work work) {
   if (kAddressSanitizer) size /= 4;
