@@ -580,11 +580,13 @@ const int kMostJoinedBytes = 512;
     } else {
       number = temporaries.number(operand->first);
       if (operand->form == HotForm::Double) goto number;
-      integer = static_cast<int>(number);
-      if (operand->form == HotForm::Integer) goto integer;
+      if (operand->form == HotForm::Integer ||
+          temporaries.form(operand->first) == HotForm::Integer) {
+        integer = static_cast<int>(number);
+        goto integer;
+      }
       variable = temporaries.Loaded(operand->first);
       if (!variable) {
-        if (temporaries.form(operand->first) == HotForm::Integer) goto integer;
         // The element that has it is to keep its text.
         return -1;
       }
