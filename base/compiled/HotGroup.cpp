@@ -2,6 +2,8 @@
 
 #include "base/compiled/HotGroup.h"
 
+#include <algorithm>
+
 #include "base/compiled/Function.h"
 #include "base/host/ZephApplication.h"
 
@@ -252,7 +254,9 @@ HotGroup::Step HotGroup::Push(size_t i) {
 
 // The place in the source within an expression.
 HotGroup::Step HotGroup::Note(size_t i) {
-  if (values.empty()) return Step::Apart;
+  // A concatenation has no record yet, and the texts are joined on the line where it began.
+  const auto is_joined = [](const Value& value) { return value.kind == HotOperand::Joined; };
+  if (values.empty() || std::any_of(values.begin(), values.end(), is_joined)) return Step::Apart;
   HotOp record =
       New(ops[i].single == HotAction::Line ? HotAction::NoteLine : HotAction::NoteSourceFile);
   record.first = ops[i].first;

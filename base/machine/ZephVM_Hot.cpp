@@ -122,8 +122,9 @@ HOT_INLINE bool FindAlone(const Variable* variable, double* number, HotForm* for
   }
   const unsigned forms = variable->plain_forms();
   if (forms == 0 || (forms & Variable::TextForm)) return false;
+  // A variable without a value that was read as an integer has that form alone.
   *form = variable->is_stored_integer() ? HotForm::Integer : HotForm::Double;
-  *number = *form == HotForm::Integer ? variable->plain_integer() : variable->plain_double();
+  *number = *form == HotForm::Integer ? variable->plain_integer() : NumberOf(variable);
   return true;
 }
 
@@ -1510,9 +1511,12 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   ((kind) == HotOperand::Constant ? op->number \
    : (kind) <= HotOperand::Local  ? 0.0 \
                                 : temporaries.number(offset))
+// The left text may be a number, which is then kept with it. That needs an element of its own: the
+// one that was loaded may be shared by copies of the array.
 #define FIND_LOADED_ORDER \
   LOADED_OF(op->left, op->first, first_row) \
   LOADED_OF(op->right, op->second, second_row) \
+  MISFIT_UNLESS(op->left != HotOperand::Place || !first_row || HoldsWord(first_row)) \
   MISFIT_UNLESS(FindLoadedOrder(first_row, LOADED_NUMBER(op->left, op->first), second_row, \
                                 LOADED_NUMBER(op->right, op->second), &order, &texts))
 // Read the index of an element. If it is not a plain number, the action for all kinds is taken.
@@ -1750,6 +1754,7 @@ on_MoveField:
   BEGIN_OUTSIDE(op + 1)
   Assign(first_row, variable);
   if (stop_flag | RAISED) return;
+  ASK_STACK
   ASK_ROWS
   NEXT(2)
 on_Pop:
@@ -3001,8 +3006,9 @@ on_CallExternal:
   variable = CallBoundFunction(op->first, nullptr, 0);
 // The function has returned this variable, or failed. The code may be another one now.
 called_library:
-  if (!variable || stop_flag || RAISED || segment->hot() != hot || hot->serial() != code_serial ||
-      wanted_segment != loaded_segment || program_counter != op[1].start) [[unlikely]] {
+  if (!variable || stop_flag || RAISED || wanted_segment != loaded_segment ||
+      segment->hot() != hot || hot->serial() != code_serial || program_counter != op[1].start)
+      [[unlikely]] {
     if (variable) stack->PushHeld(variable);
     hot_mode = NoMode;
     goto moved;

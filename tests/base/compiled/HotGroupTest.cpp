@@ -149,6 +149,12 @@ TEST(HotGroup, AConcatenationIsOneRecord) {
             "JoinPush PushText Equal PopVariable");
 }
 
+// An error of the first concatenation names the line that it is on.
+TEST(HotGroup, ALineAfterAConcatenationEndsTheGroup) {
+  EXPECT_EQ(Records("pushg a\npushg b\ncat\nlineno 6\npushg c\ncat\npopg d\n"),
+            "JoinPush Line ConcatenateVariable Concatenate PopVariable");
+}
+
 TEST(HotGroup, AConcatenationOfTooManyOperandsGoesOnOnTheStack) {
   std::string program = "pushg a\n";
   for (int i = 0; i < HotCode::kMostJoined; i++) program += "pushg b\ncat\n";

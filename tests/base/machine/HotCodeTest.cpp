@@ -846,6 +846,41 @@ TEST(HotCode, ALongTextIsComparedWithAConstant) {
   }
 }
 
+// A comparison reads the left text as a number, which an element keeps. The copy that has the same
+// element as long as nobody writes to it does not get the number: as an integer its text is
+// another.
+TEST(HotCode, AComparisonLeavesTheCopyOfAnArrayAsItIs) {
+  const std::string rounds = std::to_string(kRounds);
+  for (const bool members : {false, true}) {
+    const std::string key = members ? "pushc \"m\"\nmemb" : "pushi 1\nelem";
+    ExpectTheSameHotAndCold(
+        "storegi n, 0\npushc \"abc\"\npopg w\n"
+        "again: pushc \"99999999999\"\npushg a\n" +
+        key +
+        "\nstore\n"
+        "pushg a\npopg b\npushg a\n" +
+        key +
+        "_readonly\npushg w\nlt\n"
+        "jmp_ne next\nincg m, 1\nnext: pushg b\n" +
+        key + "_readonly\npushi 0\nbitor\nout\nincg n, 1\ncmpgi n, " + rounds +
+        "\njmp_lt again\nexit\n");
+  }
+}
+
+// A local variable without a value that is read as an integer has nothing of the last call, in
+// which it had a double.
+TEST(HotCode, AValueThatIsMissingIsZeroInAnElement) {
+  for (const char* place : {"pushi 1\nelem", "pushc \"m\"\nmemb"}) {
+    const std::string store = std::string("pushg a\n") + place + "\nstore\n";
+    ExpectTheSameHotAndCold(
+        "storegi n, 0\nagain: pushi 1\ncall f\npop\npushi 0\ncall f\npop\npushg a\n" +
+        std::string(place) + "_readonly\nout\nincg n, 1\ncmpgi n, " + std::to_string(kRounds) +
+        "\njmp_lt again\nexit\n.function f(p)\npushl p\njmp_eq zero\npushf 3.5\npopl t\n"
+        "pushc \"\"\nret\nzero: pushl t\npushi 0\nbitor\npop\npushc \"x\"\n" +
+        store + "pushl t\n" + store + "pushc \"\"\nret\n.end\n");
+  }
+}
+
 // Texts among the elements are compared as texts, and a number may be NaN.
 TEST(HotCode, ElementsOfAllKindsAreComparedWithEachOtherAndWithVariables) {
   const char* const values[] = {"pushi 3\n",       "pushf 2.5\n",   "pushc \"abc\"\n",

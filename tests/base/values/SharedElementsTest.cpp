@@ -349,8 +349,8 @@ TEST(SharedElements, EveryCopyIsAsIfItWereMadeAtOnce) {
     moves += program.moves;
     shares += program.shares;
   }
-  EXPECT_GT(moves, 100);
-  EXPECT_GT(shares, 100);
+  EXPECT_GT(moves, Rounds(100));
+  EXPECT_GT(shares, Rounds(100));
   Variable::FreeCycles();
 }
 
