@@ -39,6 +39,13 @@ std::string Replaced(std::string text, const std::string& from, const std::strin
 
 class SlowServerFiles : public testing::Test {
  protected:
+  // A web server that is told to ends its workers; after SIGKILL they would go on.
+  ~SlowServerFiles() override {
+    if (!server) return;
+    server->Signal(SIGTERM);
+    server->Finish();
+  }
+
   void SetUp() override {
     if (!network.why_not().empty()) GTEST_SKIP() << network.why_not();
     // The web servers give up the rights of root.

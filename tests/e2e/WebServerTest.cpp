@@ -317,7 +317,7 @@ class SlowExampleSite : public SlowWebServers {
 
   // Signals as a terminal does for Ctrl-C.
   void Interrupt() {
-    kill(-server.pid, SIGINT);
+    SignalGroup(server.pid, SIGINT);
     server.Stop(0);
   }
 

@@ -15,4 +15,10 @@ inline void SignalProcess(pid_t process, int signal) {
   kill(process, signal);
 }
 
+// The same to a group of processes, told by the number of the one that leads it.
+inline void SignalGroup(pid_t leader, int signal) {
+  ASSERT_GT(leader, 1) << "no group for signal " << signal;
+  kill(-leader, signal);
+}
+
 #endif
