@@ -20,12 +20,8 @@ class Driver:
     """A chromedriver on a free port, with one browser window."""
 
     def __init__(self):
-        self.process = subprocess.Popen(["chromedriver", "--port=0"], stdout=subprocess.PIPE, text=True)
-        for line in self.process.stdout:
-            if "started successfully on port" in line:
-                self.address = "http://127.0.0.1:" + line.split("port")[1].strip(" .\n")
-                break
-        else:
+        # It takes a port that is free for IPv4, and ends if that is not free for IPv6.
+        if not any(self.start() for _ in range(5)):
             sys.exit("chromedriver does not start")
         options = {
             "args": ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage"]
@@ -33,6 +29,15 @@ class Driver:
         capabilities = {"alwaysMatch": {"browserName": "chrome", "goog:chromeOptions": options}}
         self.session = ""
         self.session = self.post("/session", {"capabilities": capabilities})["sessionId"]
+
+    def start(self):
+        self.process = subprocess.Popen(["chromedriver", "--port=0"], stdout=subprocess.PIPE, text=True)
+        for line in self.process.stdout:
+            if "started successfully on port" in line:
+                self.address = "http://127.0.0.1:" + line.split("port")[1].strip(" .\n")
+                return True
+        self.process.wait()
+        return False
 
     def close(self):
         try:
