@@ -1132,7 +1132,6 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // Makes the variable that a row does not have yet; null if there is no such row.
 #define MADE_AT(record) \
   ((record)->left == HotOperand::Local ? frame->variables : global_variables)->At((record)->first, 1)
-#define VARIABLE_AT(table, position) Referred(ROW_AT(table, position))
 #define VARIABLE(record) Referred(ROW_OF(record))
 // A local variable that no instruction of this call has touched is asleep in its row. It has no
 // forms and is not an array, so only an action that uses a variable without testing these has to
@@ -1195,7 +1194,6 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define TWO_NUMBERS (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<HasNumberSlow>(top)))
 #define TWO_COMPARABLE (HOLDS_TWO && (TWO_DOUBLES || MakeTwoDoubles<IsComparableSlow>(top)))
 #define IS_NUMBER(variable) ((variable) && Has<HasNumberSlow>(variable))
-#define IS_COMPARABLE(variable) ((variable) && Has<IsComparableSlow>(variable))
 // The same; *number receives the number.
 #define FIND_NUMBER(variable, number) ((variable) && Find<HasNumberSlow>(variable, number))
 #define FIND_COMPARABLE(variable, number) ((variable) && Find<IsComparableSlow>(variable, number))
@@ -3239,7 +3237,6 @@ on_Leave:
 #undef ROW_AT
 #undef ROW_OF
 #undef MADE_AT
-#undef VARIABLE_AT
 #undef VARIABLE
 #undef GLOBAL
 #undef WAKE
@@ -3261,7 +3258,6 @@ on_Leave:
 #undef TWO_NUMBERS
 #undef TWO_COMPARABLE
 #undef IS_NUMBER
-#undef IS_COMPARABLE
 #undef FIND_NUMBER
 #undef FIND_COMPARABLE
 #undef KNOWS_CALLED
