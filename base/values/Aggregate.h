@@ -420,11 +420,6 @@ inline bool Variable::FindNumberMember(const char* name, int length, MemberHint*
          elements->FindNumberMember(name, length, hint, slot);
 }
 
-inline const DenseSlot* Variable::SearchMemberSlot(const MemberHint& hint) {
-  if (!IsPlain() || aggregate != AggregateStructure) return nullptr;
-  return elements->SearchMember(hint);
-}
-
 template <typename Number>
 inline bool Variable::WriteMember(const char* name, int length, MemberHint* hint, Number number) {
   if (!IsPlain()) return false;

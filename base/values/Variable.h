@@ -507,9 +507,6 @@ class Variable {
   // number that was stored and no other form. *slot receives it. A search. Returns false and makes
   // no search for others.
   bool FindNumberMember(const char* name, int length, MemberHint* hint, DenseSlot* slot);
-  // The value of the member that the hint has, to read and not to keep; a search. Returns null and
-  // makes no search if the hint is out of date.
-  const DenseSlot* SearchMemberSlot(const MemberHint& hint);
   // Member(name, length, 1) and a store of a number in it. A new member gets no Variable until a
   // caller needs one. Returns false and stores nothing where more work is needed; a scalar may have
   // become an empty structure, as it does on the other way too.
