@@ -61,6 +61,8 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 //   ReturnText                    the return of a constant text
 //   JoinTo, JoinPush, JoinReturn  a concatenation that is stored in a variable, pushed or returned;
 //                                 its operands are those of the records after it
+//   JoinCall                      JoinPush before a call of a library's function, which takes the text
+//                                 by value; the record of the call comes after the operands
 //   CallWith                      the beginning of a call
 //   Send...                       an argument of it: a row, a temporary, a constant or a text by value,
 //                                 or a row or place by reference
@@ -90,6 +92,7 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
   ACTION(StoreElement) ACTION(StoreMember)                                                             \
   ACTION(PushNumber) ACTION(PushElement) ACTION(PushMember)                                            \
   ACTION(ReturnNumber) ACTION(ReturnText) ACTION(JoinTo) ACTION(JoinPush) ACTION(JoinReturn)           \
+  ACTION(JoinCall)                                                                                     \
   ACTION(CallWith) ACTION(SendGlobal) ACTION(SendLocal) ACTION(SendTemporary)                          \
   ACTION(SendConstant) ACTION(SendText) ACTION(SendReference) ACTION(Enter)                            \
   ZEPH_HOT_PAIRS(ZEPH_HOT_ACTION_OF, CompareOf)                                                        \
@@ -120,7 +123,6 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
 //   OutRounded                    a constant, and the top rounded to so many decimals and written
 //   OutVariableRounded            the same of a variable
 //   CallExternal                  a call of a library's function
-//   CallWithText                  ConcatenateTextVariable, and such a call
 //   Concatenate...                a constant text or a variable, appended to the text on top
 //   ConcatenateTextVariable       a constant text, a variable, and the two together
 //   ConcatenateVariableText       the same in the other order, if the variable has a long text
@@ -148,7 +150,7 @@ enum class HotLoad : unsigned char { Number, NumberAlone, NumberOrText, Any };
   ACTION(Element) ACTION(ElementReadOnly) ACTION(Member) ACTION(MemberReadOnly)                      \
   ACTION(Call) ACTION(Return) ACTION(ReturnNothing) ACTION(ReturnVariable)                           \
   ACTION(ConcatenateText) ACTION(ConcatenateVariable) ACTION(OutText) ACTION(OutVariable)            \
-  ACTION(OutVariableRounded) ACTION(CallExternal) ACTION(CallWithText)                               \
+  ACTION(OutVariableRounded) ACTION(CallExternal)                                                    \
   ACTION(EachElement) ACTION(OutRounded) ACTION(ConcatenateTextVariable) ACTION(ConcatenateVariableText)                 \
   ACTION(EqualConstantJump) ACTION(NotEqualConstantJump)                                             \
   ACTION(LessConstantJump) ACTION(LessEqualConstantJump)                                             \

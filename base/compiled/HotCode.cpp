@@ -354,7 +354,6 @@ size_t LengthOf(HotAction action) {
     case HotAction::UpdateDivVariable: return 5;
     case HotAction::NextElement: return 5;
     case HotAction::OutVariableRounded:
-    case HotAction::CallWithText:
     case HotAction::CompareTopJump: return 4;
     case HotAction::IncrementCompareJump:
     case HotAction::EqualConstantJump:
@@ -389,10 +388,11 @@ void HotCode::MakeFastList(const FunctionManager* functions) {
     if (const size_t count = group.Make(i)) {
       fast.insert(fast.end(), group.records().begin(), group.records().end());
       i += count;
+      if (TakesTop(i, functions)) PassJoined();
       continue;
     }
     fast.push_back(ops[i]);
-    const HotAction idiom = Idiom(i, functions);
+    const HotAction idiom = Idiom(i);
     size_t left = idiom == ops[i].single ? 0 : LengthOf(idiom) - 1;
     if (idiom == HotAction::EachElement) left += LookUpOfEach(i);
     // The first entry of a counting loop jumps to its comparison, which is also run alone.
@@ -457,7 +457,14 @@ bool HotCode::TakesTop(size_t i, const FunctionManager* functions) const {
   return !parameters.empty() && !parameters.back()->byreference();
 }
 
-HotAction HotCode::Idiom(size_t i, const FunctionManager* functions) const {
+// Lets a group at the end of the fast list that pushes a concatenation pass it to such a call.
+void HotCode::PassJoined() {
+  HotOp* record = &fast.back();
+  while (record != fast.data() && record->action == HotAction::Leave) record--;  // its operands
+  if (record->action == HotAction::JoinPush) record->action = HotAction::JoinCall;
+}
+
+HotAction HotCode::Idiom(size_t i) const {
   const HotAction action = ops[i].single;
   const HotAction next = ops[i + 1].single;
   if (IsConditional(next)) {
@@ -493,7 +500,7 @@ HotAction HotCode::Idiom(size_t i, const FunctionManager* functions) const {
       return HotAction::ReturnVariable;
     }
   }
-  return IdiomOfText(i, functions);
+  return IdiomOfText(i);
 }
 
 bool HotCode::IsNextElement(size_t i) const {
@@ -516,7 +523,7 @@ size_t HotCode::LookUpOfEach(size_t i) const {
 }
 
 // Idioms that make and write texts.
-HotAction HotCode::IdiomOfText(size_t i, const FunctionManager* functions) const {
+HotAction HotCode::IdiomOfText(size_t i) const {
   const HotAction action = ops[i].single;
   const HotAction next = ops[i + 1].single;
   const bool joined = Is(i + 2, HotAction::Concatenate);
@@ -526,10 +533,7 @@ HotAction HotCode::IdiomOfText(size_t i, const FunctionManager* functions) const
   }
   if (action == HotAction::PushText) {
     if (next == HotAction::Concatenate) return HotAction::ConcatenateText;
-    if (next == HotAction::PushVariable && joined) {
-      return TakesTop(i + 3, functions) ? HotAction::CallWithText
-                                        : HotAction::ConcatenateTextVariable;
-    }
+    if (next == HotAction::PushVariable && joined) return HotAction::ConcatenateTextVariable;
     if (IsOut(i + 1)) return HotAction::OutText;
   }
   if (action == HotAction::PushVariable) {

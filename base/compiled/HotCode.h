@@ -156,11 +156,12 @@ class HotCode {
   void MakeFastList(const FunctionManager* functions);
   unsigned char UsesOfTop(size_t i, bool held, const FunctionManager* functions) const;
   void SetCompareTop(size_t i, HotOp* record) const;
-  HotAction Idiom(size_t i, const FunctionManager* functions) const;
-  HotAction IdiomOfText(size_t i, const FunctionManager* functions) const;
+  HotAction Idiom(size_t i) const;
+  HotAction IdiomOfText(size_t i) const;
   bool IsExternalCall(size_t i, const FunctionManager* functions) const;
   void MarkExternalCall(size_t i, const FunctionManager* functions);
   bool TakesTop(size_t i, const FunctionManager* functions) const;
+  void PassJoined();
   bool IsNextElement(size_t i) const;
   size_t LookUpOfEach(size_t i) const;
   HotAction Update(size_t i) const;

@@ -2965,33 +2965,21 @@ call : {
   goto moved;
 }
 
-// A constant text and a variable, joined, are the last argument of the library's function. They go
-// straight into its parameter.
-on_CallWithText : {
-  variable = VARIABLE(op + 1);
-  if (!(HAS_ROOM && variable && op->length <= ZephVM_Stack::ShortText && IsBound(op[3].first))) {
-    goto on_ConcatenateTextVariable;
-  }
-  char joined[2 * ZephVM_Stack::ShortText];
-  char* end = joined + op->length;
-  CopyText(joined, op->text, static_cast<size_t>(op->length));
-  const unsigned forms = variable->plain_forms();
-  if (forms == Variable::IntegerForm) {
-    end = WriteInteger(end, variable->plain_integer());
-  } else {
-    const String& text = variable->plain_text();
-    if (!(forms & Variable::TextForm) || text.length > ZephVM_Stack::ShortText) {
-      goto on_ConcatenateTextVariable;
-    }
-    CopyText(end, text.data, static_cast<size_t>(text.length));
-    end += text.length;
-  }
-  op += 3;
-  RAN_UP_TO(op, 1)
+// A concatenation is the last argument of the library's function. It goes straight into its
+// parameter.
+on_JoinCall : {
+  const HotOp* const call_record = op + 1 + op->second;
+  if (!IsBound(call_record->first)) goto on_JoinPush;
+  MISFIT_UNLESS(HAS_ROOM)
   TELL_STACK
+  char joined[kMostJoinedBytes];
+  const int length = Join(op + 1, call_record, rows, temporaries, joined);
+  MISFIT_UNLESS(length >= 0)
+  op = call_record;
+  RAN_UP_TO(op, 1)
   instruction_start = op->start;
   program_counter = op[1].start;
-  variable = CallBoundFunction(op->first, joined, static_cast<int>(end - joined));
+  variable = CallBoundFunction(op->first, joined, length);
   goto called_library;
 }
 on_CallExternal:

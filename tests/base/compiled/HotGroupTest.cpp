@@ -29,7 +29,9 @@ std::string Records(const std::string& program) {
   for (const HotOp* op = hot.At(0); op->action != HotAction::Leave; op++) {
     text += std::string(text.empty() ? "" : " ") + NameOf(op->action);
     if (op->action == HotAction::CallWith) op += op->second + 1;
-    if (op->action == HotAction::JoinTo || op->action == HotAction::JoinPush) op += op->second;
+    const bool joins = op->action == HotAction::JoinTo || op->action == HotAction::JoinPush ||
+                       op->action == HotAction::JoinCall;
+    if (joins) op += op->second;
     if (op->action == HotAction::JoinReturn) break;
   }
   return text;
@@ -50,6 +52,14 @@ TEST(HotGroup, AnExpressionNamesItsOperands) {
   EXPECT_EQ(Records("pushg a\npushg b\nmod\npopg c\n"), "ModTo");
   EXPECT_EQ(Records("pushi 5\npopg c\npushg a\npopg b\npushc \"t\"\npopg b\n"),
             "MoveNumber MoveVariable MoveText");
+}
+
+TEST(HotGroup, AConcatenationIsPassedToALibrarysFunctionThatTakesItByValue) {
+  const std::string call = "pushc \"a\"\npushg b\ncat\npushc \"c\"\ncat\ncall f\nout\n";
+  EXPECT_EQ(Records(".function f(text) external\n" + call), "JoinCall CallExternal Handler");
+  EXPECT_EQ(Records(".function f(first, text) external\npushg a\n" + call),
+            "PushVariable JoinCall CallExternal Handler");
+  EXPECT_EQ(Records(".function f(text var) external\n" + call), "JoinPush CallExternal Handler");
 }
 
 TEST(HotGroup, AComparisonAndItsJumpAreOneRecord) {
