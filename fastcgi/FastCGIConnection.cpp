@@ -10,6 +10,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -275,14 +276,49 @@ bool FastCGIConnection::WaitForInput(int descriptor, Clock::time_point end) {
   }
 }
 
+// Returns false, and holds nothing, if there is no room. The memory is the thread's and not the
+// request's.
+bool FastCGIConnection::Hold(const char* bytes, size_t length) {
+  if (!held) held.reset(static_cast<char*>(malloc(kMostHeld)));
+  if (!held || length > kMostHeld - held_end) return false;
+  memcpy(held.get() + held_end, bytes, length);
+  held_end += length;
+  return true;
+}
+
+// Sends what is held and then the bytes, without a wait. Returns how many of the bytes were sent,
+// -1 after an error, in which case all may be tried again.
+ssize_t FastCGIConnection::Send(int descriptor, const char* bytes, size_t length) {
+  if (held_end == 0) return send(descriptor, bytes, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+  iovec parts[2] = {{held.get() + held_begin, held_end - held_begin},
+                    {const_cast<char*>(bytes), length}};
+  msghdr message{};
+  message.msg_iov = parts;
+  message.msg_iovlen = 2;
+  const ssize_t count = sendmsg(descriptor, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+  if (count < 0) return count;
+  const size_t of_held = std::min(static_cast<size_t>(count), parts[0].iov_len);
+  held_begin += of_held;
+  if (held_begin == held_end) held_begin = held_end = 0;
+  return count - static_cast<ssize_t>(of_held);
+}
+
 ssize_t FastCGIConnection::Write(int descriptor, const char* bytes, size_t length) {
+  if (holds && Hold(bytes, length)) return static_cast<ssize_t>(length);
   Clock::time_point end = Clock::time_point::max();
-  for (bool waited = false;; waited = true) {
+  for (bool waited = false;;) {
     if (manager->PeersAreGivenUp()) return GiveUp(descriptor);
-    const ssize_t count = send(descriptor, bytes, length, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (count >= 0) return count;
+    const ssize_t count = Send(descriptor, bytes, length);
+    if (count > 0 || (count == 0 && length == 0)) return count;
+    if (count == 0) {
+      // The client has taken some of what was held, so its time begins again.
+      waited = false;
+      end = Clock::time_point::max();
+      continue;
+    }
     if (errno != EAGAIN && errno != EINTR) return -1;
     if (!waited && write_limit > 0) end = Clock::now() + std::chrono::seconds(write_limit);
+    waited = true;
     if (Clock::now() >= end) return GiveUp(descriptor);
     // The kernel reports a socket as writable only when a good part of its buffer is free, so each
     // slice ends with another attempt to send.
@@ -298,6 +334,8 @@ ssize_t FastCGIConnection::GiveUp(int descriptor) {
 }
 
 int FastCGIConnection::Close(int descriptor) {
+  // There is something left only after an error.
+  held_begin = held_end = 0;
   if (!AllInputHasCome(descriptor)) Linger(descriptor);
   return close(descriptor);
 }

@@ -17,6 +17,8 @@
 #include <csignal>
 
 #include <chrono>
+#include <cstdlib>
+#include <memory>
 
 #include "fastcgi/FastCGIRecords.h"
 #include "fastcgi/RequestRoom.h"
@@ -62,6 +64,13 @@ class FastCGIConnection {
   int Accept(int listening, const char* clients);
   ssize_t Read(int descriptor, char* buffer, size_t room);
   ssize_t Write(int descriptor, const char* bytes, size_t length);
+  // Until SendWithNext(), writes are held back up to kMostHeld bytes and are then sent with the
+  // next one: libfcgi writes the end of a response in several pieces, each of which would wake the
+  // peer. The caller lets a last write follow. A write that is held counts as done, so an error of
+  // the connection is the result of a later one.
+  void HoldWrites() { holds = true; }
+  void SendWithNext() { holds = false; }
+  static constexpr size_t kMostHeld = 32 << 10;
   // Closes at once if the input of the last request has ended and no more has come. Otherwise a
   // reset could lose the end of the response: the sending side is shut down first, and the client
   // has at most two seconds to close its own.
@@ -78,6 +87,8 @@ class FastCGIConnection {
   void StartRequestClock();
   ssize_t InputIsLate();
   bool WaitForInput(int descriptor, Clock::time_point end);
+  bool Hold(const char* bytes, size_t length);
+  ssize_t Send(int descriptor, const char* bytes, size_t length);
   ssize_t GiveUp(int descriptor);
   bool AllInputHasCome(int descriptor);
   void Linger(int descriptor);
@@ -96,6 +107,11 @@ class FastCGIConnection {
   const unsigned char* next = nullptr;  // bytes received that have not passed yet
   const unsigned char* last = nullptr;
   unsigned char received[8192];
+  bool holds = false;
+  // The bytes that are held back, from held_begin to held_end; made when some are.
+  std::unique_ptr<char, void (*)(void*)> held{nullptr, free};
+  size_t held_begin = 0;
+  size_t held_end = 0;
   RequestRoom request_room;
 };
 

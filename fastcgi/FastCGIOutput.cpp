@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "fastcgi/FastCGIApplication.h"
+#include "fastcgi/FastCGIConnection.h"
 
 namespace {
 
@@ -83,6 +84,12 @@ bool FastCGIOutput::BeginErrorPage() {
   }
   Header("Content-Type", "text/html");
   return true;
+}
+
+int FastCGIOutput::Flush(int withlength) {
+  FastCGIConnection* const connection = FastCGIConnection::Current();
+  if (withlength && connection) connection->HoldWrites();
+  return HTTPOutput::Flush(withlength);
 }
 
 int FastCGIOutput::DoWrite(const char* text, int length) {

@@ -74,6 +74,7 @@ void DrainInput(FCGX_Request* request, FastCGIConnection* connection) {
 // Sends the response before the rest of the input is read: a client may wait for the response
 // before it sends that rest.
 void Finish(FCGX_Request* request, FastCGIConnection* connection) {
+  connection->SendWithNext();
   const bool failed = FCGX_FClose(request->err) != 0 || FCGX_FClose(request->out) != 0;
   if (failed) {
     request->keepConnection = 0;

@@ -214,6 +214,62 @@ TEST_F(Connection, AWaitingWriteEndsWhenThePeersAreGivenUp) {
   heartbeat.join();
 }
 
+TEST_F(Connection, WritesThatAreHeldAreSentWithTheNextOne) {
+  connection.HoldWrites();
+  const std::string piece(8192, 'a');
+  EXPECT_EQ(connection.Write(engine.get(), piece.data(), piece.size()), 8192);
+  EXPECT_EQ(connection.Write(engine.get(), "b", 1), 1);
+  char byte;
+  EXPECT_EQ(recv(peer.get(), &byte, 1, MSG_DONTWAIT), -1);
+  connection.SendWithNext();
+  EXPECT_EQ(connection.Write(engine.get(), "cd", 2), 2);
+  EXPECT_EQ(Rest(), piece + "bcd");
+  EXPECT_EQ(connection.Write(engine.get(), "e", 1), 1);
+  EXPECT_EQ(Rest(), "e");
+}
+
+// The socket takes each piece in parts.
+TEST_F(Connection, HeldWritesReachAClientThatReadsSlowlyInTheirOrder) {
+  const int small = 4096;
+  setsockopt(engine.get(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  std::string sent, received;
+  std::thread reader([&] {
+    char bytes[777];
+    ssize_t count;
+    while ((count = recv(peer.get(), bytes, sizeof bytes, 0)) > 0)
+      received.append(bytes, static_cast<size_t>(count));
+  });
+  connection.HoldWrites();
+  const auto write = [&](size_t size) {
+    std::string piece(size, '\0');
+    for (size_t i = 0; i < size; i++) piece[i] = static_cast<char>((sent.size() + i) / 3);
+    sent += piece;
+    for (size_t done = 0; done < size;) {
+      const ssize_t count = connection.Write(engine.get(), piece.data() + done, size - done);
+      ASSERT_GT(count, 0);
+      done += static_cast<size_t>(count);
+    }
+  };
+  for (int i = 0; i < 100; i++) write(8000);
+  write(3 * FastCGIConnection::kMostHeld);
+  write(100);
+  connection.SendWithNext();
+  write(10);
+  engine.reset();
+  reader.join();
+  EXPECT_TRUE(received == sent) << received.size() << " of " << sent.size();
+}
+
+TEST_F(SlowConnection, AHeldWriteEndsWhenTheClientTakesNothing) {
+  connection.HoldWrites();
+  EXPECT_EQ(connection.Write(engine.get(), "x", 1), 1);
+  connection.SendWithNext();
+  FillUp();
+  connection.LimitWrites(1);
+  EXPECT_EQ(connection.Write(engine.get(), "x", 1), -1);
+  EXPECT_EQ(errno, ETIMEDOUT);
+}
+
 TEST_F(SlowConnection, AWriteEndsWhenTheClientTakesNothing) {
   connection.LimitWrites(1);
   FillUp();

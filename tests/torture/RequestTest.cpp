@@ -159,6 +159,7 @@ class RequestsUnderFailures : public testing::Test {
     FastCGIConnection connection(&threads);
     EXPECT_GE(connection.AcceptRequest(&request), 0);
     serve([&] { AnswerRequest(&thread, &arguments, &request); });
+    connection.SendWithNext();
     FCGX_Finish_r(&request);
     const FastCGIResponse response = client.Read();
     // Before the other side, which would wait for it.
