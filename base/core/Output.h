@@ -15,16 +15,19 @@
 // every operation.
 class Output {
  public:
-  // Write, for the many short texts of a page. True if the output holds room open and the text was
-  // copied there in line: no other code has run then. Otherwise calls Write and returns false.
-  bool Put(const char* text, int length) {
-    if (static_cast<unsigned>(length - 1) >= static_cast<unsigned>(room_end - room)) {
-      Write(text, length);
-      return false;
-    }
+  // Copies a text in line if the output holds room open for it; no other code runs then. Otherwise
+  // returns false and does nothing.
+  bool PutInRoom(const char* text, int length) {
+    if (static_cast<unsigned>(length - 1) >= static_cast<unsigned>(room_end - room)) return false;
     CopyText(room, text, static_cast<size_t>(length));
     room += length;
     return true;
+  }
+  // Write, for the many short texts of a page: PutInRoom or, if that returns false, Write.
+  bool Put(const char* text, int length) {
+    if (PutInRoom(text, length)) return true;
+    Write(text, length);
+    return false;
   }
 
   // Room that is held open for at least that many bytes, for text that is made in place; null if

@@ -59,6 +59,19 @@ double PowerOfTen(int exponent) {
   return exponent <= 20 ? kLarger[exponent] : pow(10.0, exponent);
 }
 
+// The end of RoundByFraction: `scaled` is the value's mantissa times `power`, so many bits of which
+// are after the point. With up to 3 decimals it has at most 63 bits.
+template <class Scaled>
+inline bool RoundScaled(Scaled scaled, uint64_t power, int shift, unsigned long* whole) {
+  const auto fraction = static_cast<uint64_t>(scaled) & ((uint64_t{1} << shift) - 1);
+  const uint64_t half = uint64_t{1} << (shift - 1);
+  const uint64_t distance = fraction > half ? fraction - half : half - fraction;
+  const Scaled below = scaled >> shift;
+  if (distance <= power || below >= 999999999999999) return false;
+  *whole = static_cast<unsigned long>(below) + (fraction > half);
+  return true;
+}
+
 // Rounds as Round does, but without the value's digits; the result is a whole number of units of
 // the last decimal. This works if the fraction after the last kept decimal is not so near to a half
 // that the digits, which differ from the value by at most half of its last bit, could decide
@@ -73,13 +86,9 @@ inline bool RoundByFraction(double value, int decimals, unsigned long* whole) {
   const uint64_t mantissa = (bits & ((uint64_t{1} << 52) - 1)) | uint64_t{1} << 52;
   const int shift = 1075 - static_cast<int>(bits >> 52);  // bits after the point: 1 to 56
   const uint64_t power = kPowers[decimals];
-  __extension__ const auto scaled = static_cast<unsigned __int128>(mantissa) * power;
-  const auto fraction = static_cast<uint64_t>(scaled) & ((uint64_t{1} << shift) - 1);
-  const uint64_t half = uint64_t{1} << (shift - 1);
-  const uint64_t distance = fraction > half ? fraction - half : half - fraction;
-  if (distance <= power || scaled >> shift >= 999999999999999) return false;
-  *whole = static_cast<unsigned long>(scaled >> shift) + (fraction > half);
-  return true;
+  if (decimals <= 3) return RoundScaled(mantissa * power, power, shift, whole);
+  __extension__ using Wide = unsigned __int128;
+  return RoundScaled(Wide{mantissa} * power, power, shift, whole);
 }
 
 // Rounds half to even by the decimal digits that the value is written with, not by its binary

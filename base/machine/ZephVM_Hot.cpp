@@ -621,12 +621,8 @@ const int kMostJoinedBytes = 512;
       continue;
     }
   integer:
-    if (kMostJoinedBytes - used < 11) return -1;
-    if (static_cast<unsigned>(integer) < 10) {
-      bytes[used++] = static_cast<char>('0' + integer);
-    } else {
-      used = static_cast<int>(std::to_chars(bytes + used, bytes + used + 11, integer).ptr - bytes);
-    }
+    if (kMostJoinedBytes - used < kLongestInteger) return -1;
+    used = static_cast<int>(WriteInteger(bytes + used, integer) - bytes);
   }
   return used;
 }
@@ -2135,11 +2131,15 @@ on_Records : {
   }
   goto moved;
 }
-on_OutText:
+on_OutText : {
+  Output* const page = application->CurrentOutput();
+  if (page->PutInRoom(op->text, op->length)) [[likely]]
+    NEXT(2)
   SINGLE_UNLESS(HAS_ROOM)
   TELL_STACK
-  if (application->CurrentOutput()->Put(op->text, op->length)) NEXT(2)
+  page->Write(op->text, op->length);
   goto written;
+}
 on_OutVariable : {
   variable = VARIABLE(op);
   SINGLE_UNLESS(HAS_ROOM && variable)
