@@ -22,8 +22,8 @@ class FastCGIOutput : public HTTPOutput {
   // "text/html". Returns false, and drops nothing, once the header fields are sent.
   bool BeginErrorPage();
 
-  // The last flush of a response holds its end back until libfcgi finishes the request, because
-  // that sends more.
+  // The last flush of a response lets the connection hold its end back, because libfcgi sends more
+  // when it finishes the request.
   int Flush(int withlength) override;
   using HTTPOutput::Flush;
   // A failed write, as after a client has left, cancels the script.
