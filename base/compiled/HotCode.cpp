@@ -164,12 +164,19 @@ HotCode::HotCode(const unsigned char* code, int length, const Dictionary& dictio
   NoteUses(functions);
   CountRows();
   MakeFastList(functions);
+  wanted_jumps = jumps_until_native + jumps_a_record * static_cast<int>(fast.size());
 }
 
 void HotCode::FindPlaces(const void* const* places) const {
   has_places = true;
   for (const std::vector<HotOp>* const list : {&ops, &fast}) {
     for (const HotOp& op : *list) op.place = places[static_cast<size_t>(op.action)];
+  }
+}
+
+void HotCode::SetNativePlaces(const void* place) const {
+  for (const HotOp& op : fast) {
+    if (op.native) op.place = place;
   }
 }
 

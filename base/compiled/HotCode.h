@@ -24,6 +24,8 @@
 #define ZEPH_BASE_HOTCODE_H
 
 #include <cstddef>
+#include <memory>
+#include <utility>
 #include <vector>
 
 #include "base/compiled/HotActions.h"
@@ -81,6 +83,8 @@ struct HotOp {
   };
   mutable MemberHint hint;              // of a record that looks up a member
   mutable const void* place = nullptr;  // the address of the action in the loop, see SetPlaces()
+  // Where the machine code for this record begins, null if there is none; see NativeCode.
+  mutable const void* native = nullptr;
   // The plain record of the instruction; in a group, of the group's first instruction. Never null.
   const HotOp* plain = nullptr;
   // Of a plain record: the one to go on with in the fast list; null inside a group.
@@ -100,6 +104,13 @@ struct HotOp {
   static constexpr int PositionOf(int offset) { return offset / kRowSize; }
 };
 
+// Machine code for the fast list of a HotCode, which base/machine/NativeCompiler.h makes. Deleting
+// it frees the memory of the code.
+struct NativeCode {
+  virtual ~NativeCode() = default;
+  const void* entrance = nullptr;  // the code that the loop calls
+};
+
 class HotCode {
  public:
   // The temporaries that a group may have.
@@ -107,6 +118,11 @@ class HotCode {
   // The entries that the stack has room for between two actions of the loop. An idiom, or its
   // instructions run one by one, never push more before they pop any.
   static const int kRoom = 6;
+  // Jumps and calls until machine code is made, and how many more for each record: making it takes
+  // about as long as these. With 1 and 0 it is made when the code begins to run. Only a test
+  // changes them.
+  static inline int jumps_until_native = 1000;
+  static inline int jumps_a_record = 40;
   // The operands that a concatenation of a group may have.
   static const int kMostJoined = 32;
   // The variables of a table that groups may use. Those at later positions are left to the
@@ -131,11 +147,28 @@ class HotCode {
   int locals() const { return named[1]; }
 
   // Gives all records the address of their action, from the loop's table of addresses by action.
-  // Nothing is done but at the first time.
-  void SetPlaces(const void* const* places) const {
-    if (!has_places) [[unlikely]]
-      FindPlaces(places);
+  // Returns whether it was the first time; later nothing is done.
+  bool SetPlaces(const void* const* places) const {
+    if (has_places) [[likely]]
+      return false;
+    FindPlaces(places);
+    return true;
   }
+
+  // Machine code. It is made when the code has run so often that this takes less time than the runs
+  // before it took: the count of jumps and calls is compared with the number of records. Repeated
+  // adds to the count and returns whether it is time; it returns true once.
+  bool Repeated(int jumps) const {
+    if (wanted_jumps <= 0) return false;
+    wanted_jumps -= jumps;
+    return wanted_jumps <= 0;
+  }
+  const std::vector<HotOp>& FastList() const { return fast; }
+  // Gives the records that have machine code the address in the loop that runs it.
+  void SetNativePlaces(const void* place) const;
+  // Keeps the machine code, whose addresses the records have, as long as this.
+  void Keep(std::unique_ptr<NativeCode> made) const { native_code = std::move(made); }
+  const NativeCode* native() const { return native_code.get(); }
 
   // The record of the instruction at an offset; null if none begins there.
   const HotOp* At(int offset) const {
@@ -147,6 +180,8 @@ class HotCode {
   }
 
  private:
+  friend struct NativeLayout;
+
   void FindPlaces(const void* const* places) const;
   void Decode(const unsigned char* code, int length, const Dictionary& dictionary);
   void FindTargets(int length);
@@ -174,9 +209,11 @@ class HotCode {
   long code_serial;
   mutable bool has_places = false;
   int named[2] = {0, 0};
-  std::vector<HotOp> ops;    // the plain list; the last ones, after the code, are Leave
-  std::vector<HotOp> fast;   // the fast list, which ends in the same way
-  std::vector<int> records;  // by offset, -1 where no instruction begins
+  std::vector<HotOp> ops;        // the plain list; the last ones, after the code, are Leave
+  std::vector<HotOp> fast;       // the fast list, which ends in the same way
+  std::vector<int> records;      // by offset, -1 where no instruction begins
+  mutable int wanted_jumps = 0;  // until machine code is made; 0 or less if it was
+  mutable std::unique_ptr<NativeCode> native_code;
 };
 
 #endif

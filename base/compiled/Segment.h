@@ -86,6 +86,8 @@ class Segment {
   int length() const { return data_length; }
 
  private:
+  friend struct NativeLayout;
+
   // The bytes at a position that is about to be written, null if the segment cannot hold it.
   unsigned char* Place(int position, int size);
   bool Holds(int position, int size) const {

@@ -206,6 +206,8 @@ class VariableHash {
   String error_;
 
  private:
+  friend struct NativeLayout;
+
   void CopyNames(const VariableHash& source);
   void MakeRoom();
   void MakeReadable(int least);

@@ -269,6 +269,8 @@ class ZephVM {
   int Loop();
 
   friend class MachineClone;
+  friend struct NativeLayout;
+  friend struct NativeRun;
 
   void End();
   void MakeBaseFrame();
@@ -293,6 +295,8 @@ class ZephVM {
   Pass EndOfSegment();
   // Runs decoded code from a record on, until an instruction that Loop has to run.
   void RunHot(const HotCode* hot, const HotOp* op);
+  // Runs an instruction by its handler. REQUIRES: it is a HotHandler.
+  void RunHandler(int number);
   void HotLoop(const HotCode* hot, const HotOp* op);
   // Writes what the instruction rounds makes of a value, if that can be found quickly, and returns
   // its length; no NUL is written. Returns 0 for other values and writes nothing. REQUIRES: text

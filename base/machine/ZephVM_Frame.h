@@ -95,6 +95,9 @@ class ZephVM_FunctionFrame : public ZephVM_Frame {
   Segment* entry_code = nullptr;
   Segment* return_to = nullptr;
   const HotOp* return_op = nullptr;
+  // With a return_code, if machine code has made the call: the machine code that takes a number as
+  // its result; null if the loop has made it. It means nothing after the call.
+  const void* native_return = nullptr;
 };
 
 // The filter of an import, which decides about a record. Its code is an expression. At the end of

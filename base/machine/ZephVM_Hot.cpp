@@ -23,16 +23,12 @@
 //   HotLoop: groups           the records of groups, which work on operands
 //   HotLoop: calls            call, return, and the way back into the loop
 
-#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cassert>
-#include <charconv>
 #include <climits>
-#include <cmath>
 #include <cstddef>
 #include <cstring>
-#include <limits>
 #include <memory>
 
 #include "base/compiled/Function.h"
@@ -46,952 +42,16 @@
 #include "base/core/SameBytes.h"
 #include "base/core/string_search.h"
 #include "base/host/ZephApplication.h"
+#include "base/machine/HotOperations.h"
 #include "base/machine/InstructionCheck.h"
+#include "base/machine/NativeCompiler.h"
+#include "base/machine/NativeRun.h"
 #include "base/machine/ZephVM.h"
 #include "base/values/Aggregate.h"
 #include "base/values/Variable.h"
 #include "base/values/VariableRef.h"
 
-// What the loop does in line. clang, whose builds are for tests, may decide that itself: it looks
-// at the whole of a function again after each call in it that has to be in line, which takes
-// minutes.
-#ifdef __clang__
-#define HOT_INLINE inline
-#else
-#define HOT_INLINE [[gnu::always_inline]] inline
-#endif
-
-namespace {
-
-using Entry = ZephVM_Stack::Stack_Entry;
-
-// The most bytes that are copied, or compared by a record that is not the last of its group,
-// without a look at the flags afterwards.
-const int kShort = 4096;
-
-inline bool IsShort(const Variable* text) {
-  return text && text->plain_text().length <= kShort;
-}
-
-inline int Read(int* shared) {
-  return std::atomic_ref<int>(*shared).load(std::memory_order_relaxed);
-}
-
-// Whether a variable has a number in a form that value_double() returns. These are the rare cases
-// of Has. The function is slow because it is out of line, and it is out of line so that the fast
-// test keeps its registers. Numbers are read only after all operands have been tested, so that none
-// has to be saved across this call.
-[[gnu::noinline]] bool HasNumberSlow(const Variable* variable) {
-  const unsigned forms = variable->plain_forms();
-  return (forms & Variable::DoubleForm) || forms == Variable::IntegerForm;
-}
-
-// The same for a comparison, which uses the text if there is one.
-[[gnu::noinline]] bool IsComparableSlow(const Variable* variable) {
-  return HasNumberSlow(variable) && !(variable->plain_forms() & Variable::TextForm);
-}
-
-using Suitable = bool (*)(const Variable*);
-
-template <Suitable Slow>
-HOT_INLINE bool Has(const Variable* variable) {
-  return variable->HoldsNumber() || Slow(variable);
-}
-
-// The number of a variable. REQUIRES: it has one.
-HOT_INLINE double NumberOf(const Variable* variable) {
-  return variable->has_double() ? variable->plain_double() : variable->plain_integer();
-}
-
-// Has and NumberOf in one, for the operand that is tested last.
-template <Suitable Slow>
-HOT_INLINE bool Find(const Variable* variable, double* number) {
-  if (!variable->HoldsNumber() && !Slow(variable)) return false;
-  *number = NumberOf(variable);
-  return true;
-}
-
-// The number of a variable that has no text. Only such a number can replace its variable, because
-// every form that is read later follows from it. The forms of a text may disagree: "99999999999" is
-// 191 when it is read as an integer first.
-HOT_INLINE bool FindAlone(const Variable* variable, double* number, HotForm* form) {
-  if (variable->HoldsDouble()) {
-    *number = variable->plain_double();
-    *form = HotForm::Double;
-    return true;
-  }
-  const unsigned forms = variable->plain_forms();
-  if (forms == 0 || (forms & Variable::TextForm)) return false;
-  // A variable without a value that was read as an integer has that form alone.
-  *form = variable->is_stored_integer() ? HotForm::Integer : HotForm::Double;
-  *number = *form == HotForm::Integer ? variable->plain_integer() : NumberOf(variable);
-  return true;
-}
-
-// The integer that value_integer() returns.
-HOT_INLINE bool IntegerOf(const Variable* variable, int* number) {
-  if (!variable) return false;
-  const unsigned forms = variable->plain_forms();
-  *number = variable->plain_integer();
-  if (forms & Variable::IntegerForm) return true;
-  *number = DoubleToInteger(variable->plain_double());
-  return (forms & Variable::DoubleForm) != 0;
-}
-
-template <Suitable Slow>
-bool IsNumber(const Entry* entry) {
-  return entry->kind <= ZephVM_Stack::KindDouble ||
-         (entry->kind == ZephVM_Stack::KindVariable && Has<Slow>(entry->value.variable->Real()));
-}
-
-double NumberIn(const Entry* entry) {
-  if (entry->kind == ZephVM_Stack::KindDouble) return entry->value.number;
-  if (entry->kind == ZephVM_Stack::KindInteger) return entry->value.integer;
-  return NumberOf(entry->value.variable->Real());
-}
-
-inline bool IsDouble(const Entry* entry) {
-  return entry->kind == ZephVM_Stack::KindDouble;
-}
-
-// Turns the two entries on top into doubles, for an operation that pops both as numbers. Returns
-// false and changes nothing if either is not a number.
-template <Suitable Slow>
-[[gnu::noinline]] bool MakeTwoDoubles(Entry* top) {
-  if (!IsNumber<Slow>(top - 1) || !IsNumber<Slow>(top - 2)) return false;
-  const double right = NumberIn(top - 1);
-  const double left = NumberIn(top - 2);
-  ZephVM_Stack::Free(top - 1);
-  ZephVM_Stack::Free(top - 2);
-  top[-1].SetDouble(right);
-  top[-2].SetDouble(left);
-  return true;
-}
-
-// The same for one.
-template <Suitable Slow>
-[[gnu::noinline]] bool MakeDouble(Entry* top) {
-  if (!IsNumber<Slow>(top - 1)) return false;
-  const double number = NumberIn(top - 1);
-  ZephVM_Stack::Free(top - 1);
-  top[-1].SetDouble(number);
-  return true;
-}
-
-HOT_INLINE bool IntegerIn(const Entry* entry, int* number) {
-  if (entry->kind == ZephVM_Stack::KindInteger) {
-    *number = entry->value.integer;
-    return true;
-  }
-  if (entry->kind == ZephVM_Stack::KindVariable) {
-    return IntegerOf(entry->value.variable->Real(), number);
-  }
-  *number = DoubleToInteger(entry->value.number);
-  return entry->kind == ZephVM_Stack::KindDouble;
-}
-
-// Whether the entries on top of a stack can be the arguments of a function without an error and
-// without running any code but the machine's own.
-[[gnu::noinline]] bool AreArguments(uint64_t references, int count, const Entry* top) {
-  for (int i = count; i-- > 0;) {
-    --top;
-    if (references >> i & 1) {
-      if (top->kind != ZephVM_Stack::KindVariable) return false;
-    } else if (top->kind == ZephVM_Stack::KindVariable &&
-               !top->value.variable->Real()->IsOrdinary()) {
-      return false;
-    }
-  }
-  return true;
-}
-
-// Whether they are numbers that can begin the function's variables, as most are.
-HOT_INLINE bool AreNumbers(uint64_t references, const _VH_Entry* rows, int count,
-                           const Entry* bottom, const Entry* top) {
-  if (references != 0 || top - count < bottom) return false;
-  for (const Entry* entry = top - count; entry != top; entry++, rows++) {
-    if (entry->kind > ZephVM_Stack::KindDouble || !rows->variable) return false;
-  }
-  return true;
-}
-
-inline void WakeIfAsleep(Variable* variable) {
-  if (variable->IsAsleep()) [[unlikely]]
-    variable->Wake();
-}
-
-// Gives a parameter the value of an argument that is a text or a number of more than one form.
-// Returns false and does nothing if it is neither. *patience is 1 afterwards if the time depended
-// on the size of the value.
-[[gnu::noinline]] bool BeginWithScalar(Variable* parameter, Variable* argument, int* patience) {
-  if (!argument) return false;
-  argument = argument->Real();
-  if (argument->HoldsText() && argument->plain_text().data) {
-    const String& text = argument->plain_text();
-    if (text.length > kShort) *patience = 1;
-    parameter->Begin(text.data, text.length);
-    return true;
-  }
-  return parameter->CopyNumber(*argument);
-}
-
-// Moves the arguments on top of a stack into the first variables of a function. Returns where the
-// stack then ends. *patience is 1 afterwards if the time depended on the size of a value.
-// REQUIRES: AreArguments; the variables that exist are as a new call needs them.
-[[gnu::noinline]] Entry* MoveArguments(VariableHash* table, const _VH_Entry* rows,
-                                       uint64_t references, int count, ZephVM_Stack* stack,
-                                       int* patience) {
-  for (int i = count; i-- > 0;) {
-    Entry* const argument = stack->End() - 1;
-    Variable* variable = rows[i].variable;
-    if (references >> i & 1) {
-      table->SetVariable_Reference(i, argument->value.variable);
-    } else if (variable && argument->kind == ZephVM_Stack::KindDouble) {
-      variable->Begin(argument->value.number);
-    } else if (variable && argument->kind == ZephVM_Stack::KindInteger) {
-      variable->Begin(argument->value.integer);
-    } else if (variable && argument->kind == ZephVM_Stack::KindString && !argument->deferred) {
-      if (argument->length > kShort) *patience = 1;
-      variable->Begin(argument->value.text, argument->length);
-    } else if (variable && argument->deferred) {
-      *patience = 1;
-      const bool chained = argument->kind == ZephVM_Stack::KindLinkBuffer;
-      // As a text, the variable keeps the memory that it had in its sleep.
-      if (variable->plain_text().data) {
-        variable->Begin("", 0);
-      } else {
-        variable->Wake();
-      }
-      stack->SetEnd(argument);
-      argument->value.pending->Assign(variable, chained);
-      continue;
-    } else if (!variable || argument->kind != ZephVM_Stack::KindVariable ||
-               !BeginWithScalar(variable, argument->value.variable, patience)) {
-      variable = table->At(i, 1);
-      *patience = 1;
-      stack->PopV(variable);
-      continue;
-    }
-    stack->SetEnd(argument);
-    ZephVM_Stack::Free(argument);
-  }
-  return stack->End();
-}
-
-// The order of two numbers, as the number of its bit in HotOp::orders: 0 for less, 1 for equal, 2
-// for greater. NaN on either side counts as greater.
-template <typename Number>
-HOT_INLINE int OrderOf(Number left, Number right) {
-  return !(left < right) + !(left <= right);
-}
-
-// The order of two texts of which one is no number, as the number of its bit in HotOp::orders;
-// false if the machine has to look closer.
-[[gnu::noinline]] bool FindOrderOfTexts(Entry* left, Entry* right, int* order) {
-  int difference;
-  if (!ZephVM_Stack::CompareWords(left, right, &difference)) return false;
-  *order = difference < 0 ? 0 : difference == 0 ? 1 : 2;
-  return true;
-}
-
-// The bytes with which no number begins.
-struct WordTable {
-  bool begins[256];
-  constexpr WordTable() : begins() {
-    for (bool& word : begins) word = true;
-    for (const char c : {'i', 'I', 'n', 'N', '.', '+', '-', ' '})
-      begins[static_cast<int>(c)] = false;
-    for (int c = '0'; c <= '9'; c++) begins[c] = false;
-    for (int c = '\t'; c <= '\r'; c++) begins[c] = false;
-  }
-};
-constexpr WordTable kWords;
-
-[[gnu::noinline]] bool IsWordSlow(const String& text) {
-  return !ZephApplication::MayBeNumber(text.data, text.length);
-}
-
-// Whether a text is certain to be no number, by its beginning. An empty one is not.
-HOT_INLINE bool IsWord(const String& text) {
-  if (text.length == 0) return false;
-  return kWords.begins[static_cast<unsigned char>(text.data[0])] || IsWordSlow(text);
-}
-
-// Whether two texts of equal length are equal. REQUIRES: the length is above 0.
-HOT_INLINE bool SameText(const char* a, const char* b, int length) {
-  if (*a != *b) return false;
-  const auto count = static_cast<size_t>(length);
-  if (count > 16) return memcmp(a, b, count) == 0;
-  if (count >= 8) return SameEnds<uint64_t>(a, b, count);
-  if (count >= 4) return SameEnds<uint32_t>(a, b, count);
-  return count < 2 || SameEnds<uint16_t>(a, b, count);
-}
-
-// Whether a variable holds a short text that is no number. If it is the left side of a comparison,
-// the texts of both sides are compared and nothing is left behind.
-HOT_INLINE bool HoldsWord(const Variable* variable) {
-  if (!variable->HoldsText()) return false;
-  const String& text = variable->plain_text();
-  return text.length <= kShort && IsWord(text);
-}
-
-// Whether such a text is equal to that of a record.
-HOT_INLINE bool IsSameWord(const Variable* left, const HotOp* op) {
-  const String& text = left->plain_text();
-  return text.length == op->length && SameText(text.data, op->text, op->length);
-}
-
-// The order of such a text and any other that a variable holds, see OrderOf. If only the equality
-// is wanted, texts of different length are in any order. Returns -1 if it has to be found
-// otherwise. Out of line, as all that calls anything is best, so that the loop's variables stay in
-// registers.
-[[gnu::noinline]] int OrderOfWords(const Variable* left, const Variable* right,
-                                   unsigned char orders) {
-  if (!right->HoldsText() || !HoldsWord(left)) return -1;
-  const String& a = left->plain_text();
-  const String& b = right->plain_text();
-  if (orders == 2 || orders == 5) {
-    return a.length == b.length && SameText(a.data, b.data, a.length);
-  }
-  const int shorter = std::min(a.length, b.length);
-  int difference = shorter > 0 ? memcmp(a.data, b.data, static_cast<size_t>(shorter)) : 0;
-  if (difference == 0) difference = a.length - b.length;
-  return difference < 0 ? 0 : difference == 0 ? 1 : 2;
-}
-
-// A comparison first reads the left side as a number, which the variable keeps.
-[[gnu::noinline]] void ReadToCompare(Variable* left) {
-  int not_numeric;
-  left->value_compare(&not_numeric);
-}
-
-// The same for a variable, which may be missing, and a constant text. If that is no number it is a
-// word: no integer is equal to it, and two texts are equal if their bytes are. A double is read as
-// text, which its variable keeps.
-HOT_INLINE bool FindOrderOfText(Variable* left, const HotOp* op, int* order) {
-  if (!left) return false;
-  const bool equality = op->orders == 2 || op->orders == 5;
-  if (op->word && (left->plain_forms() & Variable::TextForm)) [[likely]] {
-    const String& text = left->plain_text();
-    const int difference = text.length - op->length;
-    if (text.data && (difference == 0 || equality)) {
-      if (!IsWord(text)) ReadToCompare(left);
-      *order = 1;
-      if (difference == 0 && SameBytes(text.data, op->text, static_cast<size_t>(op->length))) {
-        return true;
-      }
-      if (equality) {
-        *order = 0;
-        return true;
-      }
-    }
-  } else if (op->word && equality && left->HoldsNumber() && left->is_stored_integer()) {
-    *order = 0;
-    return true;
-  }
-  Entry a, b;
-  a.SetOwned(left);
-  b.SetText(op->text, op->length);
-  return FindOrderOfTexts(&a, &b, order);
-}
-
-// The same for two variables.
-bool FindOrderOfVariables(Variable* left, Variable* right, int* order) {
-  if (!left || !right) return false;
-  if (left->HoldsText() && right->HoldsText()) {
-    const String& a = left->plain_text();
-    const String& b = right->plain_text();
-    const bool is_word = a.data && IsWord(a);
-    if (a.data && b.data && (is_word || IsWord(b))) {
-      if (!is_word) ReadToCompare(left);
-      int difference = memcmp(a.data, b.data, static_cast<size_t>(std::min(a.length, b.length)));
-      if (difference == 0) difference = a.length - b.length;
-      *order = difference < 0 ? 0 : difference == 0 ? 1 : 2;
-      return true;
-    }
-  }
-  Entry a, b;
-  a.SetOwned(left);
-  b.SetOwned(right);
-  return FindOrderOfTexts(&a, &b, order);
-}
-
-// What the records of a group have computed or found, by offset (HotOp::Offset): these have the
-// layout of the rows of a table, so that all operands are read alike.
-struct Temporaries {
-  struct Row {
-    double number;
-    Variable* variable;
-  };
-  Row rows[HotCode::kTemporaries];
-  // Of what was loaded: the form that the element had, AsLoaded if it has a text beside.
-  HotForm forms[HotCode::kTemporaries * HotOp::kRowSize];
-
-  char* at(int offset) { return reinterpret_cast<char*>(rows) + offset; }
-  const char* at(int offset) const { return reinterpret_cast<const char*>(rows) + offset; }
-  // What was found. Of what was loaded, it is meaningful if the form is AsLoaded or the number is
-  // NaN: then it is the variable if that is a text, or null.
-  Variable*& place(int offset) { return *reinterpret_cast<Variable**>(at(offset)); }
-  Variable* place(int offset) const { return *reinterpret_cast<Variable* const*>(at(offset)); }
-  double& number(int offset) {
-    return *reinterpret_cast<double*>(at(offset) - HotOp::kVariableInRow);
-  }
-  double number(int offset) const {
-    return *reinterpret_cast<const double*>(at(offset) - HotOp::kVariableInRow);
-  }
-  HotForm& form(int offset) { return forms[offset]; }
-  HotForm form(int offset) const { return forms[offset]; }
-
-  // A slot never has NaN.
-  void Set(int offset, DenseSlot bare) {
-    if (bare.IsInteger()) {
-      number(offset) = bare.integer();
-      form(offset) = HotForm::Integer;
-    } else {
-      number(offset) = bare.number();
-      form(offset) = HotForm::Double;
-    }
-  }
-  // REQUIRES: the element holds a number.
-  void Set(int offset, const Variable* element) {
-    place(offset) = nullptr;
-    form(offset) = element->is_stored_integer() ? HotForm::Integer : HotForm::Double;
-    number(offset) = NumberOf(element);
-  }
-  // A text. As a number it is NaN, so that comparisons of numbers notice it.
-  void SetText(int offset, Variable* element) {
-    place(offset) = element;
-    form(offset) = HotForm::AsLoaded;
-    number(offset) = std::numeric_limits<double>::quiet_NaN();
-  }
-  // The variable of an element that was loaded and has a text; null if that has only a number.
-  Variable* Loaded(int offset) const {
-    return form(offset) == HotForm::AsLoaded ? place(offset) : nullptr;
-  }
-  // The variable of an operand that was loaded to be compared, null if it is a number.
-  Variable* text(int offset) const { return std::isnan(number(offset)) ? place(offset) : nullptr; }
-};
-static_assert(sizeof(_VH_Entry) == HotOp::kRowSize &&
-              offsetof(_VH_Entry, variable) == HotOp::kVariableInRow &&
-              sizeof(Temporaries::Row) == HotOp::kRowSize &&
-              offsetof(Temporaries::Row, variable) == HotOp::kVariableInRow);
-
-// The variable that has the value: that of a parameter by reference is the caller's.
-HOT_INLINE Variable* Referred(Variable* variable) {
-  return variable ? variable->Real() : nullptr;
-}
-
-// The variable at an offset of a table of rows.
-HOT_INLINE Variable* VariableIn(const _VH_Entry* table, int offset) {
-  return *reinterpret_cast<Variable* const*>(reinterpret_cast<const char*>(table) + offset);
-}
-
-// Reads the value of an element or member that is not a bare number. Returns false if it has none
-// that may be loaded.
-[[gnu::noinline]] bool Load(Variable* variable, const HotOp* op, Temporaries* temporaries) {
-  const int offset = op->third;
-  variable = variable->Real();
-  temporaries->place(offset) = nullptr;
-  if (FindAlone(variable, &temporaries->number(offset), &temporaries->form(offset))) return true;
-  temporaries->form(offset) = HotForm::AsLoaded;
-  if (op->load == HotLoad::NumberOrText || op->load == HotLoad::Any) {
-    temporaries->SetText(offset, variable);
-    return op->load == HotLoad::Any ? variable->IsPlain()
-                                    : (variable->plain_forms() & Variable::TextForm) != 0;
-  }
-  if (op->load != HotLoad::Number || !HasNumberSlow(variable)) return false;
-  temporaries->number(offset) = NumberOf(variable);
-  return true;
-}
-
-// The text of an operand that has one at hand; false if it has none.
-bool FindText(HotOperand kind, int offset, const HotOp* op, const _VH_Entry* const* rows,
-              const Temporaries& temporaries, const char** data, int* length) {
-  if (kind == HotOperand::Text) {
-    *data = op->text;
-    *length = op->length;
-    return true;
-  }
-  Variable* variable = kind == HotOperand::Temporary
-                           ? temporaries.Loaded(offset)
-                           : VariableIn(rows[static_cast<int>(kind)], offset);
-  if (!variable) return false;
-  variable = variable->Real();
-  if (!(variable->plain_forms() & Variable::TextForm)) return false;
-  *data = variable->plain_text().data;
-  *length = variable->plain_text().length;
-  return *data != nullptr;
-}
-
-// The position of a text in another, as the instructions in, cin, ein and ecin give it. Returns
-// false if the operands are no short texts.
-[[gnu::noinline]] bool FindMatch(const HotOp* op, const _VH_Entry* const* rows,
-                                 const Temporaries& temporaries, int* position) {
-  const char* needle;
-  const char* text;
-  int needle_length, length;
-  if (!FindText(op->left, op->first, op, rows, temporaries, &needle, &needle_length) ||
-      !FindText(op->right, op->second, op, rows, temporaries, &text, &length) || length > kShort) {
-    return false;
-  }
-  if (needle_length == 0) {
-    *position = op->create ? 0 : 1;
-    return true;
-  }
-  int found = -1;
-  if (needle_length <= length) {
-    found = op->word ? bf_searchi(needle, needle_length, text, length)
-                     : bf_search(needle, needle_length, text, length);
-  }
-  *position = found < 0 ? 0 : found + (op->create ? needle_length : 1);
-  return true;
-}
-
-// The most bytes of a concatenation that a group puts together, without a text that is appended to.
-const int kMostJoinedBytes = 512;
-
-// Writes the operands of a concatenation one after the other, as texts. Returns the number of
-// bytes; -1 if an operand has no text, and none that can be made here, or if there are too many
-// bytes. A number that is a variable's keeps its text, unless it is an integer.
-[[gnu::noinline]] int Join(const HotOp* operand, const HotOp* end, const _VH_Entry* const* rows,
-                           const Temporaries& temporaries, char* bytes) {
-  int used = 0;
-  for (; operand != end; operand++) {
-    const char* data;
-    int length;
-    int integer;
-    double number;
-    Variable* variable;
-    if (operand->left == HotOperand::Text) {
-      data = operand->text;
-      length = operand->length;
-      goto text;
-    }
-    if (operand->left <= HotOperand::Local) {
-      variable = VariableIn(rows[static_cast<int>(operand->left)], operand->first);
-      if (!variable) return -1;
-      variable = variable->Real();
-    } else if (operand->left == HotOperand::Constant) {
-      if (operand->form == HotForm::Integer) {
-        integer = operand->first;
-        goto integer;
-      }
-      number = operand->number;
-      goto number;
-    } else {
-      number = temporaries.number(operand->first);
-      if (operand->form == HotForm::Double) goto number;
-      if (operand->form == HotForm::Integer ||
-          temporaries.form(operand->first) == HotForm::Integer) {
-        integer = static_cast<int>(number);
-        goto integer;
-      }
-      variable = temporaries.Loaded(operand->first);
-      if (!variable) {
-        // The element that has it is to keep its text.
-        return -1;
-      }
-    }
-    if (!variable->HoldsText()) {
-      const unsigned forms = variable->plain_forms();
-      if (forms == Variable::IntegerForm) {
-        integer = variable->plain_integer();
-        goto integer;
-      }
-      if (!(forms & Variable::TextForm)) {
-        if (forms == 0) return -1;
-        variable->value();
-      }
-    }
-    data = variable->plain_text().data;
-    length = data ? variable->plain_text().length : 0;
-  text:
-    if (length > kMostJoinedBytes - used) return -1;
-    CopyText(bytes + used, data, static_cast<size_t>(length));
-    used += length;
-    continue;
-  number:
-    integer = DoubleToInteger(number);
-    if (integer != number || integer == 0) {
-      int count;
-      const std::unique_ptr<char[]> made(ZephApplication::dtos(number, &count, nullptr, -1));
-      if (count > kMostJoinedBytes - used) return -1;
-      memcpy(bytes + used, made.get(), static_cast<size_t>(count));
-      used += count;
-      continue;
-    }
-  integer:
-    if (kMostJoinedBytes - used < kLongestInteger) return -1;
-    used = static_cast<int>(WriteInteger(bytes + used, integer) - bytes);
-  }
-  return used;
-}
-
-// Makes an entry of a concatenation, as cat leaves it.
-void SetJoined(Entry* entry, const char* bytes, int length, bool chained) {
-  auto text = std::make_unique<DeferredText>();
-  text->Append(bytes, length);
-  entry->SetDeferred(text.release(), chained);
-}
-
-// The concatenation of a record, put on the stack. Returns false and does nothing if it cannot be
-// made here.
-[[gnu::noinline]] bool JoinOnStack(const HotOp* op, const _VH_Entry* const* rows,
-                                   const Temporaries& temporaries, Entry* entry) {
-  char bytes[kMostJoinedBytes];
-  const int length = Join(op + 1, op + 1 + op->second, rows, temporaries, bytes);
-  if (length < 0) return false;
-  SetJoined(entry, bytes, length, op->refer);
-  return true;
-}
-
-// The same, stored in a plain variable. The operands are put together apart from it, because it may
-// be one of them. If it is the first one, the others are appended.
-[[gnu::noinline]] bool JoinInVariable(const HotOp* op, const _VH_Entry* const* rows,
-                                      const Temporaries& temporaries, Variable* target) {
-  char bytes[kMostJoinedBytes];
-  const HotOp* operand = op + 1;
-  const HotOp* const end = operand + op->second;
-  const bool appends =
-      operand->left <= HotOperand::Local &&
-      Referred(VariableIn(rows[static_cast<int>(operand->left)], operand->first)) == target &&
-      (target->plain_forms() & Variable::TextForm) && target->plain_text().data &&
-      target->plain_text().length < INT_MAX - 1 - kMostJoinedBytes;
-  if (appends) operand++;
-  const int length = Join(operand, end, rows, temporaries, bytes);
-  if (length < 0) return false;
-  if (appends) {
-    target->AppendText(bytes, length, op->refer);
-  } else {
-    target->WriteJoined(bytes, length, op->refer);
-  }
-  return true;
-}
-
-// The variable of an element that is stored to; null if there can be none. REQUIRES: a plain array.
-[[gnu::noinline]] Variable* ElementToStore(Variable* array, int number) {
-  Variable* const found = array->SearchMade(number);
-  return found ? found : array->At(number, 1);
-}
-
-// Stores the text that is the entry below the top in the variable that is on top. Returns where the
-// stack then ends.
-[[gnu::noinline]] Entry* StoreText(ZephVM_Stack* stack, Entry* top) {
-  const VariableRef target = VariableRef::Share(top[-1].value.variable->Real());
-  ZephVM_Stack::Free(top - 1);
-  stack->SetEnd(top - 1);
-  stack->PopV(target.get());
-  return stack->End();
-}
-
-// Reads an operand of a pair as a number. Returns false if it has none.
-template <Suitable Slow>
-[[gnu::noinline]] bool ReadOperand(HotOperand kind, int offset, const HotOp* op,
-                                   const _VH_Entry* const* rows, const Temporaries& temporaries,
-                                   double* number) {
-  if (kind == HotOperand::Temporary) {
-    *number = temporaries.number(offset);
-  } else if (kind == HotOperand::Constant) {
-    *number = op->number;
-  } else {
-    Variable* const variable = VariableIn(rows[static_cast<int>(kind)], offset);
-    return variable && Find<Slow>(variable->Real(), number);
-  }
-  return true;
-}
-
-// The outcome of an operation on a pair; first is the action of the first operation and pair.
-double Calculate(HotAction action, HotAction first, double a, double b) {
-  const int pairs = static_cast<int>(HotAction::SubOfGlobalGlobal) -
-                    static_cast<int>(HotAction::AddOfGlobalGlobal);
-  switch ((static_cast<int>(action) - static_cast<int>(first)) / pairs) {
-    case 0: return a + b;
-    case 1: return a - b;
-    case 2: return a * b;
-    default: return a == 0.0 ? 0.0 : a / b;
-  }
-}
-
-// Stores a value of any kind. Either variable may be an element of the other, and then only that
-// holds it, so both get a count. A value must not seem to have no other holder while it is copied.
-[[gnu::noinline]] void Assign(Variable* target, Variable* source) {
-  const VariableRef target_held = VariableRef::Share(target);
-  const VariableRef source_held = VariableRef::Share(source);
-  if (target->ShareMembers(*source)) return;
-  target->SetValue(*source);
-}
-
-// BeginWithScalar for a value of any kind. Returns false if the argument is not a plain variable.
-[[gnu::noinline]] bool BeginWith(Variable* parameter, Variable* argument, int* patience) {
-  if (!argument) return false;
-  argument = argument->Real();
-  if (!argument->IsPlain()) return false;
-  if (argument->IsAsleep()) argument->Wake();
-  parameter->Wake();
-  parameter->SetValue(*argument);
-  *patience = 1;
-  return true;
-}
-
-// Gives parameters the values of the arguments from a record on, of which the first is an array.
-// Returns false if the machine has to make them. REQUIRES: the parameters that exist are
-// asleep.
-[[gnu::noinline]] bool BeginArguments(const HotOp* first, const HotOp* end,
-                                      const _VH_Entry* parameters, const _VH_Entry* const* rows,
-                                      const Temporaries& temporaries, int* patience) {
-  const auto source = [&](const HotOp* argument) -> Variable* {
-    // What was loaded is in the row of the place with its number.
-    const HotOperand kind =
-        argument->left == HotOperand::Temporary ? HotOperand::Place : argument->left;
-    return VariableIn(rows[static_cast<int>(kind)], argument->first);
-  };
-  const _VH_Entry* row = parameters;
-  bool has_arrays = false;
-  for (const HotOp* argument = first; argument != end; argument++, row++) {
-    Variable* const parameter = row->variable;
-    if (!parameter) return false;
-    if (argument->left == HotOperand::Text) {
-      parameter->Begin(argument->text, argument->length);
-    } else if (argument->left == HotOperand::Constant ||
-               (argument->left == HotOperand::Temporary && argument->form != HotForm::AsLoaded)) {
-      const bool is_constant = argument->left == HotOperand::Constant;
-      const double number = is_constant ? argument->number : temporaries.number(argument->first);
-      if (argument->form == HotForm::Integer) {
-        parameter->Begin(static_cast<int>(number));
-      } else {
-        parameter->Begin(number);
-      }
-    } else if (argument->refer) {
-      Variable* const variable = source(argument);
-      if (!variable) return false;
-      WakeIfAsleep(variable);
-      parameter->Begin(variable);
-    } else if (argument->left == HotOperand::Temporary &&
-               temporaries.form(argument->first) == HotForm::Integer) {
-      parameter->Begin(static_cast<int>(temporaries.number(argument->first)));
-    } else if (argument->left == HotOperand::Temporary &&
-               temporaries.form(argument->first) == HotForm::Double) {
-      parameter->Begin(temporaries.number(argument->first));
-    } else if (argument == first || !BeginWithScalar(parameter, source(argument), patience)) {
-      has_arrays = true;
-    }
-  }
-  if (!has_arrays) return true;
-  // Arrays come after those by reference: these take counts on their variables, so that a copy
-  // shares nothing with them. The parameter of an array is still asleep.
-  row = parameters;
-  for (const HotOp* argument = first; argument != end; argument++, row++) {
-    if (row->variable->IsAsleep() && !BeginWith(row->variable, source(argument), patience)) {
-      return false;
-    }
-  }
-  return true;
-}
-
-// The order of two operands, each a variable or, if that is null, a number; of two texts only if
-// one is no number. *texts receives whether texts were compared.
-HOT_INLINE bool FindLoadedOrder(Variable* left, double left_number, Variable* right,
-                                double right_number, int* order, bool* texts) {
-  if (left && !left->HoldsText() && Find<IsComparableSlow>(left, &left_number)) left = nullptr;
-  if (right && !right->HoldsText() && Find<IsComparableSlow>(right, &right_number)) right = nullptr;
-  *texts = left || right;
-  if (!*texts) [[likely]] {
-    *order = OrderOf(left_number, right_number);
-    return true;
-  }
-  return FindOrderOfVariables(left, right, order);
-}
-
-// How often a group may fail to apply until it is set aside, and then for how many times. A failure
-// that comes more than so many jumps and calls after the last one is the first again.
-const unsigned char kMostMisfits = 32;
-const unsigned char kRest = 200;
-const int kSeldom = 8;
-
-// Jumps and calls between two polls of the host's flags. Each takes nanoseconds.
-const int kPatience = 32;
-
-// Whether reading the entry as text runs only the machine's own code.
-inline bool IsOrdinary(const Entry* entry) {
-  return entry->kind != ZephVM_Stack::KindVariable || entry->value.variable->Real()->IsOrdinary();
-}
-
-inline bool IsNumberOrPlain(const Entry* entry) {
-  return entry->kind <= ZephVM_Stack::KindDouble ||
-         (entry->kind == ZephVM_Stack::KindVariable && entry->value.variable->Real()->IsPlain());
-}
-
-// The text of an entry that is the name of a member, if it is there without a conversion. The text
-// of the structure itself would go with its conversion.
-inline bool FindName(const Entry* entry, const Variable* structure, const char** text,
-                     int* length) {
-  if (entry->kind == ZephVM_Stack::KindString) {
-    *text = entry->value.text;
-    *length = entry->length;
-    return !entry->deferred;
-  }
-  if (entry->kind != ZephVM_Stack::KindVariable) return false;
-  const Variable* const variable = entry->value.variable->Real();
-  if (!(variable->plain_forms() & Variable::TextForm) || variable == structure) return false;
-  *text = variable->plain_text().data;
-  *length = variable->plain_text().length;
-  return *text != nullptr;
-}
-
-// Whether a variable of a table, which may not exist yet, is a plain one.
-inline bool IsPlainRow(const Variable* variable) {
-  return !variable || variable->IsPlain();
-}
-
-// Whether an instruction after a call pops the result into a plain variable. *target receives that
-// variable, or null if it does not exist yet.
-inline bool FindTarget(const HotOp* pop, const VariableHash* locals, const _VH_Entry* globals,
-                       unsigned count, Variable** target) {
-  if (pop->single != HotAction::PopVariable) return false;
-  if (pop->left == HotOperand::Local) globals = locals->Rows(&count);
-  const auto position = static_cast<unsigned>(pop->first);
-  if (position >= count) return false;
-  *target = Referred(globals[position].variable);
-  return IsPlainRow(*target);
-}
-
-// Stores the element at a position in a variable, as the next one of a loop over an array. A number
-// takes nanoseconds.
-enum class Stepped { No, ToNumber, ToValue };
-HOT_INLINE Stepped StepTo(Variable* array, int number, Variable* target) {
-  if (!target || !target->IsPlain() || target == array) return Stepped::No;
-  const DenseSlot* const slot = array->SearchSlot(number);
-  if (!slot) return Stepped::No;
-  if (!slot->IsVariable()) {
-    if (slot->IsInteger()) {
-      target->Write_Integer(slot->integer());
-    } else {
-      target->Write_Double(slot->number());
-    }
-    return Stepped::ToNumber;
-  }
-  Variable* const element = slot->variable()->Real();
-  if (!element->IsPlain() || element == target) return Stepped::No;
-  if (target->CopyNumber(*element)) return Stepped::ToNumber;
-  // An empty text has no value.
-  const bool has_text = (element->plain_forms() & Variable::TextForm) != 0;
-  if (has_text ? element->plain_text().length == 0
-               : !element->HoldsArray() && !element->HoldsStructure()) {
-    return Stepped::No;
-  }
-  if (!target->CopyShort(*element)) {
-    if (target->IsAsleep()) target->Wake();
-    Assign(target, element);
-  }
-  return Stepped::ToValue;
-}
-
-// Functions that return the result of another at once, one after the other, that are looked at.
-const int kMostPassed = 4;
-
-// Whether the code that a frame returns to is decoded and is what it was at the call.
-inline bool ReturnsToDecoded(const ZephVM_FunctionFrame* called) {
-  return called->return_code != 0 && called->return_to->hot() &&
-         called->return_to->hot()->serial() == called->return_code;
-}
-
-// FindTarget for the result of a frame that its callers return at once. Returns whether they are
-// all known to pass it to an instruction that pops it into a plain variable.
-[[gnu::noinline]] bool PassesToTarget(const ZephVM_FunctionFrame* called, const _VH_Entry* globals,
-                                      unsigned count) {
-  for (int i = 0; i < kMostPassed && ReturnsToDecoded(called); i++) {
-    const HotOp* const use = called->return_op->plain;
-    Variable* target;
-    if (use->single != HotAction::Return) {
-      return FindTarget(use, called->previous->variables, globals, count, &target);
-    }
-    called = static_cast<const ZephVM_FunctionFrame*>(called->previous);
-  }
-  return false;
-}
-
-// The variable that the result of a frame is only stored in, by the code that it returns to; null
-// if there is none. REQUIRES: it returns to decoded code.
-Variable* FindTargetOfResult(const ZephVM_FunctionFrame* called, const _VH_Entry* globals,
-                             unsigned count) {
-  Variable* target;
-  const HotOp* const use = called->return_op->plain;
-  return FindTarget(use, called->previous->variables, globals, count, &target) ? target : nullptr;
-}
-
-// Lets the frame return to after that store.
-void PassStore(ZephVM_FunctionFrame* called) {
-  const HotOp* const use = called->return_op->plain;
-  called->return_offset = use[1].start;
-  called->return_op = use[1].fast ? use[1].fast : use + 1;
-}
-
-// Stores the constant text that a frame returns in the caller's variable. Returns false and does
-// nothing if it has to go by the stack.
-[[gnu::noinline]] bool ReturnsText(ZephVM_FunctionFrame* called, const HotOp* op,
-                                   const _VH_Entry* globals, unsigned count, bool decoded) {
-  if (!decoded) return false;
-  Variable* const target = FindTargetOfResult(called, globals, count);
-  if (!target || !target->WriteShort(op->text, op->length)) return false;
-  PassStore(called);
-  return true;
-}
-
-// Stores the concatenation that a frame returns in the caller's variable, or puts it on the
-// caller's stack. Returns false and does nothing if it cannot be made here.
-[[gnu::noinline]] bool JoinResult(ZephVM_FunctionFrame* called, const HotOp* op,
-                                  const _VH_Entry* const* rows, unsigned count,
-                                  const Temporaries& temporaries, bool decoded) {
-  char bytes[kMostJoinedBytes];
-  const int length = Join(op + 1, op + 1 + op->second, rows, temporaries, bytes);
-  if (length < 0) return false;
-  if (decoded) {
-    Variable* const target = FindTargetOfResult(called, rows[0], count);
-    if (target) {
-      target->WriteJoined(bytes, length, op->refer);
-      PassStore(called);
-      return true;
-    }
-  }
-  ZephVM_Stack* const callers = called->previous->stack;
-  SetJoined(callers->End(), bytes, length, op->refer);
-  callers->SetEnd(callers->End() + 1);
-  return true;
-}
-
-// Whether the value of an entry is true, if that is a number.
-inline bool FindTruth(const Entry* entry, bool* truth) {
-  if (!IsNumber<IsComparableSlow>(entry)) return false;
-  *truth = NumberIn(entry) != 0.0;
-  return true;
-}
-
-HOT_INLINE bool FindOrder(const Variable* left, int right, int* order) {
-  if (!left) return false;
-  if (left->HoldsInteger()) [[likely]] {
-    *order = OrderOf(left->plain_integer(), right);
-    return true;
-  }
-  double number;
-  if (!Find<IsComparableSlow>(left, &number)) return false;
-  *order = OrderOf<double>(number, right);
-  return true;
-}
-
-HOT_INLINE bool FindOrder(const Variable* left, const Variable* right, int* order) {
-  if (!left || !right || !Has<IsComparableSlow>(left)) return false;
-  double number;
-  if (!Find<IsComparableSlow>(right, &number)) return false;
-  *order = OrderOf(NumberOf(left), number);
-  return true;
-}
-
-// Whether the jump is made on this order.
-HOT_INLINE bool Jumps(const HotOp* jump, int order) {
-  return (jump->orders >> order & 1) != 0;
-}
-
-}  // namespace
+using namespace hot;
 
 inline bool ZephVM::IsBound(int index) const {
   const ExternalParameters* const next = idle_parameters.Next(index);
@@ -1009,6 +69,26 @@ void ZephVM::RunHot(const HotCode* hot, const HotOp* op) {
   hot_mode = NoMode;
 }
 
+void ZephVM::RunHandler(int number) {
+  switch (number) {
+#define CALL_InLine(name)
+#define CALL_Handler(name)
+#define CALL_HotHandler(name)    \
+  case Instruction::code_##name: \
+    name();                      \
+    break;
+#define CALL_Absent(name)
+#define INSTRUCTION(word, identifier, name, first, second, run, listed, effect) \
+  CALL_##run(identifier)
+#include "base/compiled/Instructions.def"
+#undef INSTRUCTION
+#undef CALL_Absent
+#undef CALL_HotHandler
+#undef CALL_Handler
+#undef CALL_InLine
+  }
+}
+
 void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   int* const timedout = timedout_flag;
   int* const ended = exit_flag;
@@ -1019,8 +99,9 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   ZephVM_Stack* s;
   Entry* top;
   // The third, by the number of HotOperand::Place, has the places of a group.
-  const _VH_Entry* rows[static_cast<int>(HotOperand::Place) + 1];
-  unsigned counts[2];
+  NativeRun run;
+  const _VH_Entry** const rows = run.rows;
+  unsigned* const counts = run.counts;
   Entry* bottom;
   Entry* limit;
   Variable* variable = nullptr;
@@ -1030,14 +111,13 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   const _VH_Entry* locals = nullptr;
   unsigned local_count = 0;
   double number_passed = 0.0;
-  HotForm form_passed = HotForm::Double;
   // For groups.
   Variable* first_row;
   Variable* second_row;
-  Temporaries temporaries;
+  Temporaries& temporaries = run.temporaries;
   long code_serial = hot->serial();
-  int patience = kPatience;  // jumps and calls until the next poll of the host's flags
-  unsigned elapsed = 0;      // and how many there were until the last poll
+  int& patience = run.patience;  // jumps and calls until the next poll of the host's flags
+  unsigned elapsed = 0;          // and how many there were until the last poll
 
 // The address of each action. Each action ends with a jump of its own to the next one, because
 // processors predict these better than one jump that all share.
@@ -1079,10 +159,12 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 #define GO_TO_PLACE(address) __extension__({ goto*(address); });
 #endif
 // Of a record that has another action from here on.
-#define SET_ACTION(record, other)                      \
-  {                                                    \
-    (record)->action = other;                          \
-    (record)->place = places[static_cast<int>(other)]; \
+#define SET_ACTION(record, other)                                    \
+  {                                                                  \
+    (record)->action = other;                                        \
+    (record)->place = (record)->native && (other) != HotAction::Rest \
+                          ? __extension__ && in_machine_code         \
+                          : places[static_cast<int>(other)];         \
   }
 
 // clang-format off
@@ -1150,6 +232,10 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   top = s->End(); \
   bottom = s->Begin(); \
   limit = s->Limit() - HotCode::kRoom; }
+#define TOP_OF_RUN { \
+  top = run.top; \
+  bottom = s->Begin(); \
+  limit = s->Limit() - HotCode::kRoom; }
 #define PUSH(set) { top->set; ++top; }
 // Begins an instruction that runs code outside of the loop, whose errors name the place.
 #define BEGIN_OUTSIDE(record) { \
@@ -1203,27 +289,19 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // Whether the code that the frame returns to is decoded and is what it was at the call.
 #define RETURNS_TO_DECODED \
   (called->return_code == code_serial || ReturnsToDecoded(called))
-// Continues in another segment, which is decoded.
-#define USE_SEGMENT(used, number) { \
-  segment = (used); \
-  code = segment->code(); \
-  code_length = segment->length(); \
-  loaded_segment = wanted_segment = (number); \
+// After a change of the segment to one that is decoded.
+#define USE_CODE { \
   hot = segment->hot(); \
-  hot->SetPlaces(places); \
+  BEGIN_CODE \
   code_serial = hot->serial(); }
-
-// Whether the instruction at a record uses only the value of the entry on top. The field of a
-// database, to which a variable may refer, takes a number and a variable in different ways.
-#define VALUE_SUFFICES(record) \
-  (((record)->uses & HotOp::UsedAsValue) || ((record)->single == HotAction::PopVariable && \
-                                             IsPlainRow(VARIABLE(record))))
-
-// Whether it can tell an element that is only a number from its variable. It cannot if that is an
-// integer; of a double, a read as text would leave a text that comparisons use from then on.
-#define BARE_SUFFICES(record, bare) \
-  ((bare).IsInteger() || ((record)->uses & HotOp::UsedAsNumber) || \
-   (record)->single == HotAction::PopVariable)
+// Code that is entered by a call or a return for the first time: that counts as one jump.
+#define BEGIN_CODE \
+  if (hot->SetPlaces(places)) [[unlikely]] { \
+    ASK_ROWS \
+    if (hot->Repeated(1)) MAKE_NATIVE(hot) \
+  }
+#define MAKE_NATIVE(code) { \
+  if (NativeCompiler::Compile(code, &run)) (code)->SetNativePlaces(__extension__ &&in_machine_code); }
 
 // All forms of an operation on the doubles a and b. An operand that is a double entry already is
 // overwritten in place.
@@ -1317,39 +395,29 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     order = top->value.integer;                                                            \
     JUMP_IF(holds, op, 1)                                                                  \
   }
-#define ELEMENT(name, create)                                                              \
-  on_##name: {                                                                             \
-    int number;                                                                            \
-    LEAVE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable)                  \
-    variable = top[-2].value.variable->Real();                                             \
-    LEAVE_UNLESS(variable->IsPlain() && IntegerIn(top - 1, &number) && number >= 1)        \
-    TELL_STACK                                                                             \
-    DenseSlot bare;                                                                        \
-    if (!(create) && VALUE_SUFFICES(op->plain + 1) && variable->FindBare(number, &bare) && \
-        BARE_SUFFICES(op->plain + 1, bare)) {                                              \
-      if (bare.IsInteger()) REPLACE_TWO(SetInteger(bare.integer()))                        \
-      else REPLACE_TWO(SetDouble(bare.number()))                                           \
-      NEXT(1)                                                                              \
-    }                                                                                      \
-    variable = variable->At(number, create);                                               \
-    if (!variable) variable = null_variable;                                               \
-    variable->Hold();                                                                      \
-    REPLACE_TWO(SetOwned(variable))                                                        \
-    NEXT(1)                                                                                \
+// Lets an operation that machine code calls too do the work of a record; *outcome receives what came
+// of it.
+#define RUN(operation) \
+  run.top = top; \
+  const NativeRun::Outcome outcome = NativeRun::operation(&run, op); \
+  top = run.top;
+// The same for an instruction of the stack, which is left to the machine's loop if that is unable.
+#define ON_STACK(name, operation) \
+  on_##name: { \
+    RUN(operation) \
+    LEAVE_UNLESS(outcome != NativeRun::Outcome::Unable) \
+    if (outcome == NativeRun::Outcome::Worked) NEXT_AFTER_WORK(1) \
+    NEXT(1) \
   }
-#define MEMBER(name, create)                                                               \
-  on_##name: {                                                                             \
-    LEAVE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable)                  \
-    const char* text;                                                                      \
-    int length;                                                                            \
-    variable = top[-2].value.variable->Real();                                             \
-    LEAVE_UNLESS(variable->IsPlain() && FindName(top - 1, variable, &text, &length))       \
-    TELL_STACK                                                                             \
-    variable = variable->Member(text, length, create);                                     \
-    if (!variable) variable = null_variable;                                               \
-    variable->Hold();                                                                      \
-    REPLACE_TWO(SetOwned(variable))                                                        \
-    NEXT(1)                                                                                \
+// For an idiom of so many instructions.
+#define IDIOM(name, count) \
+  on_##name: { \
+    RUN(name) \
+    SINGLE_UNLESS(outcome != NativeRun::Outcome::Unable) \
+    op += count; \
+    if (outcome == NativeRun::Outcome::Outside) goto written; \
+    RAN(op) \
+    GO \
   }
 // --- For groups. STEP continues after a record that is not the group's last. MISFIT_UNLESS runs the
 // group's instructions one by one.
@@ -1359,6 +427,16 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
 // Each row that a group names is there, see HotCode::globals().
 #define OPERAND_ROW(kind, offset) VariableIn(rows[static_cast<int>(kind)], offset)
 #define OPERAND(kind, offset) Referred(OPERAND_ROW(kind, offset))
+// Lets an operation do the work of a record, the last of its group or another one.
+#define END_BY(operation) { \
+  RUN(operation) \
+  MISFIT_UNLESS(outcome != NativeRun::Outcome::Unable) \
+  if (outcome == NativeRun::Outcome::Worked) NEXT_AFTER_WORK(1) \
+  NEXT(1) }
+#define STEP_BY(operation) { \
+  run.top = top; \
+  MISFIT_UNLESS(NativeRun::operation(&run, op) == NativeRun::Outcome::Done) \
+  STEP }
 #define BASE_OF(record) OPERAND((record)->left, (record)->first)
 // Read a row as a number. If its variable has more or something else than a number, or there is
 // none, the shared and slower way of all operands is taken.
@@ -1491,28 +569,6 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
       if (!FIND_COMPARABLE(variable, result)) [[unlikely]] goto missing; \
     } \
   }
-// The order of two operands of which one was loaded, and is a place here. Texts are compared out of
-// line.
-#define LOADED_OF(kind, offset, found) \
-  (found) = nullptr; \
-  if ((kind) == HotOperand::Place) { \
-    (found) = temporaries.text(offset); \
-  } else if ((kind) <= HotOperand::Local) { \
-    (found) = OPERAND(kind, offset); \
-    MISFIT_UNLESS(found) \
-  }
-#define LOADED_NUMBER(kind, offset) \
-  ((kind) == HotOperand::Constant ? op->number \
-   : (kind) <= HotOperand::Local  ? 0.0 \
-                                : temporaries.number(offset))
-// The left text may be a number, which is then kept with it. That needs an element of its own: the
-// one that was loaded may be shared by copies of the array.
-#define FIND_LOADED_ORDER \
-  LOADED_OF(op->left, op->first, first_row) \
-  LOADED_OF(op->right, op->second, second_row) \
-  MISFIT_UNLESS(op->left != HotOperand::Place || !first_row || HoldsWord(first_row)) \
-  MISFIT_UNLESS(FindLoadedOrder(first_row, LOADED_NUMBER(op->left, op->first), second_row, \
-                                LOADED_NUMBER(op->right, op->second), &order, &texts))
 // Read the index of an element. If it is not a plain number, the action for all kinds is taken.
 #define INDEX_Global(number, unusual) ROW_INTEGER(HotOperand::Global, op->second, number, unusual)
 #define INDEX_Local(number, unusual) ROW_INTEGER(HotOperand::Local, op->second, number, unusual)
@@ -1656,6 +712,13 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   // clang-format on
 
   hot->SetPlaces(places);
+  if (hot->Repeated(1)) {
+    ASK_ROWS
+    MAKE_NATIVE(hot)
+  }
+  patience = kPatience;
+  run.vm = this;
+  run.reference_changes = Variable::ReferenceChanges();
   rows[static_cast<int>(HotOperand::Place)] = reinterpret_cast<const _VH_Entry*>(temporaries.rows);
   goto entered;
 
@@ -1766,81 +829,12 @@ on_Dup:
   s->Dupe();
   ASK_STACK
   NEXT(1)
-on_Store:
-  LEAVE_UNLESS(HOLDS_TWO && top[-1].kind == ZephVM_Stack::KindVariable)
-  variable = top[-1].value.variable->Real();
-  LEAVE_UNLESS(variable->IsPlain())
-  if (top[-2].kind == ZephVM_Stack::KindString || top[-2].kind == ZephVM_Stack::KindLinkBuffer) {
-    top = StoreText(s, top);
-    NEXT_AFTER_WORK(1)
-  }
-  LEAVE_UNLESS(IsNumberOrPlain(top - 2))
-  if (top[-2].kind == ZephVM_Stack::KindVariable) {
-    TELL_STACK
-    if (!top[-2].Owns() || !variable->TakeValue(top[-2].value.variable)) {
-      variable->SetValue(*top[-2].value.variable);
-    }
-    top -= 2;
-    ZephVM_Stack::Free(top + 1);
-    ZephVM_Stack::Free(top);
-    NEXT_AFTER_WORK(1)
-  }
-  if (top[-2].kind == ZephVM_Stack::KindDouble) {
-    variable->Write_Double(top[-2].value.number);
-  } else {
-    variable->Write_Integer(top[-2].value.integer);
-  }
-  top -= 2;
-  ZephVM_Stack::Free(top + 1);
-  NEXT(1)
-on_Concatenate:
-  LEAVE_UNLESS(HOLDS_TWO && IsOrdinary(top - 1) && IsOrdinary(top - 2))
-  TELL_STACK
-  s->Concatenate();
-  ASK_STACK
-  NEXT_AFTER_WORK(1)
-on_ConcatenateText:
-  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].deferred)
-  TELL_STACK
-  top[-1].AppendDeferred(op->text, op->length);
-  NEXT(2)
-on_ConcatenateVariable:
-  variable = VARIABLE(op);
-  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE && top[-1].deferred && variable && variable->IsOrdinary())
-  WAKE(variable)
-  TELL_STACK
-  if (variable->plain_forms() == Variable::IntegerForm) {
-    top[-1].AppendDeferred(variable->plain_integer());
-  } else {
-    top[-1].AppendDeferred(variable);
-  }
-  NEXT(2)
-on_ConcatenateTextVariable : {
-  variable = VARIABLE(op + 1);
-  SINGLE_UNLESS(HAS_ROOM && variable && op->length <= ZephVM_Stack::ShortText)
-  TELL_STACK
-  const unsigned forms = variable->plain_forms();
-  if (forms == Variable::IntegerForm) {
-    PUSH(SetDeferred(op->text, op->length, variable->plain_integer()))
-  } else {
-    SINGLE_UNLESS((forms & Variable::TextForm) != 0 &&
-                  variable->plain_text().length <= ZephVM_Stack::ShortText)
-    PUSH(SetDeferred(op->text, op->length, variable))
-  }
-  NEXT(3)
-}
-on_ConcatenateVariableText : {
-  variable = VARIABLE(op);
-  SINGLE_UNLESS(HAS_ROOM && variable && (variable->plain_forms() & Variable::TextForm) != 0)
-  TELL_STACK
-  DeferredText* const text = DeferredText::Begin(variable);
-  SINGLE_UNLESS(text)
-  top->SetDeferred(text);
-  ++top;
-  TELL_STACK
-  text->Append(op[1].text, op[1].length);
-  NEXT(3)
-}
+  ON_STACK(Store, StoreOnStack)
+  ON_STACK(Concatenate, Concatenate)
+  IDIOM(ConcatenateText, 2)
+  IDIOM(ConcatenateVariable, 2)
+  IDIOM(ConcatenateTextVariable, 3)
+  IDIOM(ConcatenateVariableText, 3)
 on_Swap:
   LEAVE_UNLESS(HOLDS_TWO)
   s->Swap(top - 1, top - 2);
@@ -2044,10 +1038,10 @@ on_SourceFile:
     source_name = nullptr;
   }
   NEXT(1)
-  ELEMENT(Element, 1)
-  ELEMENT(ElementReadOnly, 0)
-  MEMBER(Member, 1)
-  MEMBER(MemberReadOnly, 0)
+  ON_STACK(Element, Element)
+  ON_STACK(ElementReadOnly, Element)
+  ON_STACK(Member, Member)
+  ON_STACK(MemberReadOnly, Member)
 on_NextElement : {
   int number;
   SINGLE_UNLESS(HOLDS_TWO && top[-2].kind == ZephVM_Stack::KindVariable &&
@@ -2091,23 +1085,7 @@ on_Handler:
   first_integer = op->first;
   second_integer = op->second;
   program_counter = op[1].start;
-  switch (op->code) {
-#define CALL_InLine(name)
-#define CALL_Handler(name)
-#define CALL_HotHandler(name)    \
-  case Instruction::code_##name: \
-    name();                      \
-    break;
-#define CALL_Absent(name)
-#define INSTRUCTION(word, identifier, name, first, second, run, listed, effect) \
-  CALL_##run(identifier)
-#include "base/compiled/Instructions.def"
-#undef INSTRUCTION
-#undef CALL_Absent
-#undef CALL_HotHandler
-#undef CALL_Handler
-#undef CALL_InLine
-  }
+  RunHandler(op->code);
   if (stop_flag | RAISED) return;
   ASK_STACK
   ASK_ROWS
@@ -2138,75 +1116,14 @@ on_OutText : {
   SINGLE_UNLESS(HAS_ROOM)
   TELL_STACK
   page->Write(op->text, op->length);
-  goto written;
-}
-on_OutVariable : {
-  variable = VARIABLE(op);
-  SINGLE_UNLESS(HAS_ROOM && variable)
-  TELL_STACK
-  Output* const page = application->CurrentOutput();
-  if (variable->HoldsInteger()) {
-    // Numbers are made in the output's own room, if it has some.
-    if (char* const room = page->Room(kLongestInteger)) [[likely]] {
-      page->Took(WriteInteger(room, variable->plain_integer()));
-      NEXT(2)
-    }
-    char digits[kLongestInteger];
-    page->Write(digits, static_cast<int>(WriteInteger(digits, variable->plain_integer()) - digits));
-    goto written;
-  }
-  SINGLE_UNLESS(variable->plain_forms() & Variable::TextForm)
-  const String& text = variable->plain_text();
-  SINGLE_UNLESS(text.data)
-  if (page->Put(text.data, text.length)) NEXT(2)
-  goto written;
-}
-on_OutRounded : {
-  char text[MostRounded];
-  double number;
-  SINGLE_UNLESS(HAS_ROOM && HOLDS_ONE)
-  if (IsDouble(top - 1)) {
-    number = top[-1].value.number;
-  } else {
-    SINGLE_UNLESS(IsNumber<HasNumberSlow>(top - 1))
-    number = NumberIn(top - 1);
-  }
-  Output* const page = application->CurrentOutput();
-  char* const room = page->Room(MostRounded);
-  const int length = WriteRounded(number, op->first, room ? room : text);
-  SINGLE_UNLESS(length > 0)
-  --top;
-  ZephVM_Stack::Free(top);
-  TELL_STACK
-  op++;
-  if (!room) {
-    page->Write(text, length);
-    goto written;
-  }
-  page->Took(room + length);
-  NEXT(2)
-}
-on_OutVariableRounded : {
-  char text[MostRounded];
-  double number;
-  variable = VARIABLE(op);
-  SINGLE_UNLESS(HAS_ROOM && FIND_NUMBER(variable, &number))
-  Output* const page = application->CurrentOutput();
-  char* const room = page->Room(MostRounded);
-  const int length = WriteRounded(number, op[1].first, room ? room : text);
-  SINGLE_UNLESS(length > 0)
-  TELL_STACK
   op += 2;
-  if (!room) {
-    page->Write(text, length);
-    goto written;
-  }
-  page->Took(room + length);
-  NEXT(2)
+  goto written;
 }
+  IDIOM(OutVariable, 2)
+  IDIOM(OutRounded, 3)
+  IDIOM(OutVariableRounded, 4)
 // The output may set a flag, for example because the client has gone.
 written:
-  op += 2;
   if (stop_flag | RAISED) goto on_Leave;
   RAN(op)
   GO;
@@ -2269,33 +1186,32 @@ on_MatchTo : {
   NEXT(1)
 }
 on_CompareOf : {
-  double a, b;
-  COMPARABLE_OF(op->left, op->first, &a, misfit)
-  COMPARABLE_OF(op->right, op->second, &b, misfit)
-  temporaries.number(op->third) = Jumps(op, OrderOf(a, b));
+  bool worked = false;
+  const int order = NativeRun::OrderOfUnusual(&run, op, &worked);
+  MISFIT_UNLESS(order >= 0 && !worked)
+  temporaries.number(op->third) = Jumps(op, order);
   STEP
 }
   ZEPH_HOT_PAIRS(GROUP_COMPARE, )
 on_CompareTo : {
-  double a, b;
-  COMPARABLE_OF(op->left, op->first, &a, misfit)
-  COMPARABLE_OF(op->right, op->second, &b, misfit)
+  bool worked = false;
+  const int order = NativeRun::OrderOfUnusual(&run, op, &worked);
+  MISFIT_UNLESS(order >= 0)
   FIND_TARGET
-  variable->Write_Integer(Jumps(op, OrderOf(a, b)));
-  NEXT(1)
+  variable->Write_Integer(Jumps(op, order));
+  NEXT_AFTER_WORK(1)
 }
 on_CompareLoadedOf : {
-  int order;
-  bool texts;
-  FIND_LOADED_ORDER
-  MISFIT_UNLESS(!texts || IsShort(first_row) || IsShort(second_row))
+  bool worked = false;
+  const int order = NativeRun::OrderOfLoaded(&run, op, &worked);
+  MISFIT_UNLESS(order >= 0 && !worked)
   temporaries.number(op->third) = Jumps(op, order);
   STEP
 }
 on_CompareLoadedTo : {
-  int order;
-  bool texts;
-  FIND_LOADED_ORDER
+  bool worked = false;
+  const int order = NativeRun::OrderOfLoaded(&run, op, &worked);
+  MISFIT_UNLESS(order >= 0)
   FIND_TARGET
   variable->Write_Integer(Jumps(op, order));
   NEXT_AFTER_WORK(1)
@@ -2330,50 +1246,13 @@ on_JumpIfText : {
   if (op->length <= kShort && IsShort(variable)) JUMP_IF(Jumps(op, order), op + 1, 2)
   JUMP_IF_AFTER_WORK(Jumps(op, order), op + 1, 2)
 }
-// Pairs of which one is a variable that is more than a number, or none. Texts are only compared
-// with each other.
+// Pairs of which one is a variable that is more than a number, or none.
 unusual_comparison : {
-  double a, b;
-  int order;
-  if (op->left == HotOperand::Place || op->right == HotOperand::Place) {
-    bool texts;
-    LOADED_OF(op->left, op->first, first_row)
-    LOADED_OF(op->right, op->second, second_row)
-    if (first_row && second_row) {
-      order = OrderOfWords(first_row, second_row, op->orders);
-      if (order >= 0) JUMP_IF(Jumps(op, order), op, 1)
-    }
-    FIND_LOADED_ORDER
-    if (texts) JUMP_IF_AFTER_WORK(Jumps(op, order), op, 1)
-    JUMP_IF(Jumps(op, order), op, 1)
-  }
-  if (op->left <= HotOperand::Local) {
-    variable = OPERAND(op->left, op->first);
-    if (variable && variable->HoldsText()) {
-      if (op->word) {
-        // The test of a truth, which is a comparison with 0 of a number only.
-        const String& text = variable->plain_text();
-        MISFIT_UNLESS(text.length <= kShort)
-        order = Variable::IsTrue(text.data, text.length) ? 2 : 1;
-        JUMP_IF(Jumps(op, order), op, 1)
-      }
-      if (op->right <= HotOperand::Local) {
-        second_row = OPERAND(op->right, op->second);
-        if (second_row) {
-          order = OrderOfWords(variable, second_row, op->orders);
-          if (order >= 0) JUMP_IF(Jumps(op, order), op, 1)
-        }
-      }
-    }
-  }
-  if (ReadOperand<IsComparableSlow>(op->left, op->first, op, rows, temporaries, &a) &&
-      ReadOperand<IsComparableSlow>(op->right, op->second, op, rows, temporaries, &b)) {
-    JUMP_IF(Jumps(op, OrderOf(a, b)), op, 1)
-  }
-  MISFIT_UNLESS(op->left <= HotOperand::Local && op->right <= HotOperand::Local)
-  variable = OPERAND(op->left, op->first);
-  MISFIT_UNLESS(FindOrderOfVariables(variable, OPERAND(op->right, op->second), &order))
-  JUMP_IF_AFTER_WORK(Jumps(op, order), op, 1)
+  bool worked = false;
+  const int order = NativeRun::OrderOfUnusual(&run, op, &worked);
+  MISFIT_UNLESS(order >= 0)
+  if (worked) JUMP_IF_AFTER_WORK(Jumps(op, order), op, 1)
+  JUMP_IF(Jumps(op, order), op, 1)
 }
 unusual_pair : {
   double a, b;
@@ -2414,13 +1293,10 @@ on_CheckRoom:
   else if (op->load >= HotLoad::NumberOrText && variable->HoldsText()) {
     temporaries.SetText(op->third, variable);
   }
-  else {MISFIT_UNLESS(Load(variable, op, &temporaries))} STEP on_LoadElement : {
-    int number;
-    variable = BASE_OF(op);
-    INTEGER_OF(op->right, op->second, &number)
-    MISFIT_UNLESS(variable && number >= 1)
-    TELL_STACK
-    if (const DenseSlot* const slot = variable->SearchSlot(number)) [[likely]] {
+  else {MISFIT_UNLESS(Load(variable, op, &temporaries))} STEP on_LoadElement : STEP_BY(LoadElement)
+                                                                                   on_LoadMember : {
+    FIND_TREE(HoldsStructure, load_member_slowly)
+    if (const DenseSlot* const slot = tree->SearchMember(op->hint)) [[likely]] {
       if (slot->IsVariable()) {
         variable = slot->variable();
         goto load_variable;
@@ -2428,58 +1304,15 @@ on_CheckRoom:
       temporaries.Set(op->third, *slot);
       STEP
     }
-    MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
-    variable = variable->At(number, 0);
-    MISFIT_UNLESS(variable && Load(variable, op, &temporaries))
-    STEP
   }
-on_LoadMember : {
-  FIND_TREE(HoldsStructure, load_member_slowly)
-  if (const DenseSlot* const slot = tree->SearchMember(op->hint)) [[likely]] {
-    if (slot->IsVariable()) {
-      variable = slot->variable();
-      goto load_variable;
-    }
-    temporaries.Set(op->third, *slot);
-    STEP
-  }
-}
-load_member_slowly : {
-  DenseSlot bare;
-  variable = BASE_OF(op);
-  MISFIT_UNLESS(variable)
-  TELL_STACK
-  if (variable->FindNumberMember(op->text, op->length, &op->hint, &bare)) {
-    temporaries.Set(op->third, bare);
-    STEP
-  }
-  MISFIT_UNLESS(variable->IsPlain() && variable->HoldsStructure())
-  variable = variable->Member(op->text, op->length, 0, &op->hint);
-  MISFIT_UNLESS(variable && Load(variable, op, &temporaries))
-  STEP
-}
-// An element that is created stays if the group does not apply: its instructions create it again,
-// in the same order.
-on_FindElement : {
-  int number;
-  variable = BASE_OF(op);
-  INTEGER_OF(op->right, op->second, &number)
-  MISFIT_UNLESS(variable && number >= 1 && variable->IsPlain() && variable->HoldsArray())
-  TELL_STACK
-  Variable* found = variable->SearchMade(number);
-  if (!found) found = variable->At(number, op->create);
-  MISFIT_UNLESS(found)
-  temporaries.place(op->third) = found;
-  STEP
-}
+load_member_slowly:
+  STEP_BY(LoadMember)
+on_FindElement:
+  STEP_BY(FindElement)
 on_FindMember:
-  variable = BASE_OF(op);
-  MISFIT_UNLESS(variable && variable->IsPlain() && variable->HoldsStructure())
-  TELL_STACK
-  variable = variable->Member(op->text, op->length, op->create, &op->hint);
-  MISFIT_UNLESS(variable)
-  temporaries.place(op->third) = variable;
-  STEP on_MoveVariable : first_row = OPERAND_ROW(op->left, op->first);
+  STEP_BY(FindMember)
+on_MoveVariable:
+  first_row = OPERAND_ROW(op->left, op->first);
   variable = OPERAND_ROW(op->into, op->third);
   if (first_row && first_row->HoldsDouble()) {
     number_passed = first_row->plain_double();
@@ -2495,24 +1328,11 @@ on_FindMember:
     variable->Rewrite(first_row->plain_integer());
     NEXT(1)
   }
-  if (first_row && variable && variable->CopyWord(*first_row)) NEXT(1)
-  FIND_TARGET
-  first_row = OPERAND(op->left, op->first);
-  MISFIT_UNLESS(first_row && first_row->IsPlain())
-  if (variable->CopyNumber(*first_row) || variable->CopyShort(*first_row)) NEXT(1)
-  TELL_STACK
-  WAKE(first_row)
-  WAKE(variable)
-  Assign(variable, first_row);
-  NEXT_AFTER_WORK(1)
+  END_BY(MoveVariable)
 on_MoveText:
   variable = OPERAND_ROW(op->into, op->third);
   if (variable && variable->WriteWord(op->text, op->length)) NEXT(1)
-  FIND_TARGET
-  if (variable->WriteShort(op->text, op->length)) NEXT(1)
-  TELL_STACK
-  variable->SetValue(op->text, op->length);
-  NEXT_AFTER_WORK(1)
+  END_BY(MoveText)
 on_MoveNumber : {
   FIND_TARGET
   if (op->form == HotForm::Integer) {
@@ -2525,167 +1345,24 @@ on_MoveNumber : {
   }
   NEXT(1)
 }
-on_MoveElement : {
-  int number;
-  FIND_TARGET
-  Variable* const target = variable;
-  variable = BASE_OF(op);
-  INTEGER_OF(op->right, op->second, &number)
-  MISFIT_UNLESS(variable && number >= 1 && variable != target)
-  TELL_STACK
-  if (const DenseSlot* const slot = variable->SearchSlot(number)) [[likely]] {
-    if (!slot->IsVariable()) {
-      if (slot->IsInteger()) {
-        target->Write_Integer(slot->integer());
-      } else {
-        target->Write_Double(slot->number());
-      }
-      NEXT(1)
-    }
-    variable = slot->variable();
-  } else {
-    MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
-    variable = variable->At(number, op->create);
-    MISFIT_UNLESS(variable)
-  }
-  variable = variable->Real();
-  MISFIT_UNLESS(variable != target && variable->IsPlain())
-  if (target->CopyNumber(*variable) || target->CopyShort(*variable)) NEXT(1)
-  WAKE(target)
-  Assign(target, variable);
-  NEXT_AFTER_WORK(1)
-}
+on_MoveElement:
+  END_BY(MoveElement)
 on_MoveMember : {
   FIND_TREE(HoldsStructure, move_member_slowly)
   if (const DenseSlot* const slot = tree->SearchMember(op->hint)) [[likely]]
     STORE_SLOT(slot, move_member_slowly)
 }
-move_member_slowly : {
-  TELL_STACK
-  FIND_TARGET
-  Variable* const target = variable;
-  variable = BASE_OF(op);
-  MISFIT_UNLESS(variable && variable != target)
-  DenseSlot bare;
-  if (variable->FindNumberMember(op->text, op->length, &op->hint, &bare)) [[likely]] {
-    if (bare.IsInteger()) {
-      target->Write_Integer(bare.integer());
-    } else {
-      target->Write_Double(bare.number());
-    }
-    NEXT(1)
-  }
-  MISFIT_UNLESS(variable->IsPlain() && variable->HoldsStructure())
-  variable = variable->Member(op->text, op->length, op->create, &op->hint);
-  MISFIT_UNLESS(variable)
-  variable = variable->Real();
-  MISFIT_UNLESS(variable != target && variable->IsPlain())
-  if (target->CopyNumber(*variable) || target->CopyShort(*variable)) NEXT(1)
-  WAKE(target)
-  Assign(target, variable);
-  NEXT_AFTER_WORK(1)
-}
-// A number is stored as such only if it is all of its value.
-on_StoreElement : {
-  int number;
-  double value;
-  HotForm form = op->form;
-  variable = BASE_OF(op);
-  INTEGER_OF(op->right, op->second, &number)
-  MISFIT_UNLESS(variable && number >= 1)
-  if (op->into == HotOperand::Temporary) {
-    value = temporaries.number(op->third);
-    if (form == HotForm::AsLoaded) {
-      form = temporaries.form(op->third);
-      if (form == HotForm::AsLoaded) {
-        first_row = temporaries.place(op->third);
-        goto store_value;
-      }
-    }
-  } else if (op->into == HotOperand::Constant) {
-    value = op->number;
-  } else if (op->into == HotOperand::Text) {
-    MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
-    TELL_STACK
-    variable = ElementToStore(variable, number);
-    if (variable && variable->WriteWord(op->text, op->length)) NEXT(1)
-    MISFIT_UNLESS(variable && variable->IsPlain())
-    variable->SetValue(op->text, op->length);
-    NEXT_AFTER_WORK(1)
-  } else {
-    first_row = OPERAND(op->into, op->third);
-    MISFIT_UNLESS(first_row && first_row->IsPlain())
-    if (first_row->HoldsText()) goto store_value;
-    if (!FindAlone(first_row, &value, &form)) {
-      WAKE(first_row)
-      goto store_value;
-    }
-  }
-  TELL_STACK
-  if (form == HotForm::Double) {
-    MISFIT_UNLESS(variable->WriteElement(number, value))
-  } else {
-    MISFIT_UNLESS(form == HotForm::Integer &&
-                  variable->WriteElement(number, static_cast<int>(value)))
-  }
-  NEXT(1)
-// A text, or a value with elements.
-store_value:
-  MISFIT_UNLESS(variable->IsPlain() && variable->HoldsArray())
-  TELL_STACK
-  variable = ElementToStore(variable, number);
-  if (variable && variable->CopyWord(*first_row)) NEXT(1)
-  MISFIT_UNLESS(variable && variable->IsPlain())
-  Assign(variable, first_row);
-  NEXT_AFTER_WORK(1)
-}
+move_member_slowly:
+  END_BY(MoveMember)
+on_StoreElement:
+  END_BY(StoreElement)
 on_StoreMember : {
   FIND_TREE(HoldsStructure, store_member_slowly)
   DenseSlot* const slot = tree->SearchOwnMember(op->hint);
   STORE_IN_SLOT(slot, op->right, op->second, store_member_slowly)
 }
-store_member_slowly : {
-  double value;
-  HotForm form = op->form;
-  variable = BASE_OF(op);
-  MISFIT_UNLESS(variable && variable->HoldsStructure())
-  if (op->right == HotOperand::Temporary) {
-    value = temporaries.number(op->second);
-    if (form == HotForm::AsLoaded) {
-      form = temporaries.form(op->second);
-      if (form == HotForm::AsLoaded) {
-        first_row = temporaries.place(op->second);
-        goto store_member_value;
-      }
-    }
-  } else if (op->right == HotOperand::Constant) {
-    value = op->number;
-  } else {
-    first_row = OPERAND(op->right, op->second);
-    MISFIT_UNLESS(first_row && first_row->IsPlain())
-    if (first_row->HoldsText()) goto store_member_value;
-    if (!FindAlone(first_row, &value, &form)) {
-      WAKE(first_row)
-      goto store_member_value;
-    }
-  }
-  TELL_STACK
-  if (form == HotForm::Double) {
-    MISFIT_UNLESS(variable->WriteMember(op->text, op->length, &op->hint, value))
-  } else {
-    const int integer = static_cast<int>(value);
-    MISFIT_UNLESS(variable->WriteMember(op->text, op->length, &op->hint, integer))
-  }
-  NEXT(1)
-store_member_value:
-  MISFIT_UNLESS(variable->IsPlain())
-  TELL_STACK
-  variable = variable->Member(op->text, op->length, 1, &op->hint);
-  if (variable && variable->CopyWord(*first_row)) NEXT(1)
-  MISFIT_UNLESS(variable && variable->IsPlain())
-  Assign(variable, first_row);
-  NEXT_AFTER_WORK(1)
-}
+store_member_slowly:
+  END_BY(StoreMember)
 on_PushNumber : {
   const double number = temporaries.number(op->first);
   MISFIT_UNLESS(HAS_ROOM)
@@ -2696,35 +1373,10 @@ on_PushNumber : {
   }
   NEXT(1)
 }
-on_PushElement : {
-  int number;
-  variable = BASE_OF(op);
-  INTEGER_OF(op->right, op->second, &number)
-  MISFIT_UNLESS(HAS_ROOM && variable && variable->IsPlain() && number >= 1)
-  WAKE(variable)
-  TELL_STACK
-  DenseSlot bare;
-  if (!op->create && VALUE_SUFFICES(op[1].plain) && variable->FindBare(number, &bare) &&
-      BARE_SUFFICES(op[1].plain, bare)) {
-    if (bare.IsInteger()) {
-      PUSH(SetInteger(bare.integer()))
-    } else {
-      PUSH(SetDouble(bare.number()))
-    }
-    NEXT(1)
-  }
-  variable = variable->At(number, op->create);
-  PUSH(SetVariable(variable ? variable : null_variable))
-  NEXT(1)
-}
+on_PushElement:
+  END_BY(PushElement)
 on_PushMember:
-  variable = BASE_OF(op);
-  MISFIT_UNLESS(HAS_ROOM && variable && variable->IsPlain())
-  WAKE(variable)
-  TELL_STACK
-  variable = variable->Member(op->text, op->length, op->create, &op->hint);
-  PUSH(SetVariable(variable ? variable : null_variable))
-  NEXT(1)
+  END_BY(PushMember)
 // A group that keeps failing to apply is set aside for a while, because its beginning is run twice.
 misfit : {
   op = op->plain;
@@ -2747,43 +1399,42 @@ on_Resume:
 on_ReturnNumber:
   called = static_cast<ZephVM_FunctionFrame*>(frame);
   number_passed = op->left == HotOperand::Constant ? op->number : temporaries.number(op->first);
-  form_passed = op->form;
   if (RETURNS_TO_DECODED) [[likely]] {
-    if (called->uses & HotOp::Stored) goto return_number;
-    goto push_result;
+    NativeRun::PassNumber(called, rows[0], counts[0], number_passed, op->form);
+    goto returned;
   }
   MISFIT_UNLESS(frame->returns_hot && frame->previous->stack->HasRoom(1))
-  goto push_result;
-on_ReturnText:
-  called = static_cast<ZephVM_FunctionFrame*>(frame);
-  MISFIT_UNLESS(frame->returns_hot && frame->previous->stack->HasRoom(1))
-  if (!ReturnsText(called, op, rows[0], counts[0], RETURNS_TO_DECODED)) {
-    frame->previous->stack->End()->SetText(op->text, op->length);
-    frame->previous->stack->SetEnd(frame->previous->stack->End() + 1);
-  }
+  NativeRun::PushNumber(called, number_passed, op->form);
   goto returned;
-on_JoinTo:
-  FIND_TARGET
-  TELL_STACK
-  MISFIT_UNLESS(JoinInVariable(op, rows, temporaries, variable))
+on_ReturnText:
+  MISFIT_UNLESS(
+      NativeRun::PassText(static_cast<ZephVM_FunctionFrame*>(frame), op, rows[0], counts[0]))
+  goto returned;
+on_JoinTo : {
+  RUN(JoinTo)
+  MISFIT_UNLESS(outcome != NativeRun::Outcome::Unable)
   op += op->second;
   NEXT_AFTER_WORK(1)
-on_JoinPush:
-  MISFIT_UNLESS(HAS_ROOM)
-  TELL_STACK
-  MISFIT_UNLESS(JoinOnStack(op, rows, temporaries, top))
-  ++top;
+}
+on_JoinPush : {
+  RUN(JoinPush)
+  MISFIT_UNLESS(outcome != NativeRun::Outcome::Unable)
   op += op->second;
   NEXT(1)
+}
 on_JoinReturn:
-  called = static_cast<ZephVM_FunctionFrame*>(frame);
-  MISFIT_UNLESS(frame->returns_hot && frame->previous->stack->HasRoom(1))
   TELL_STACK
-  MISFIT_UNLESS(JoinResult(called, op, rows, counts[0], temporaries, RETURNS_TO_DECODED))
+  MISFIT_UNLESS(NativeRun::PassJoined(static_cast<ZephVM_FunctionFrame*>(frame), op, rows,
+                                      counts[0], temporaries))
   patience = 1;
   goto returned;
 on_CallWith : {
-  MISFIT_UNLESS(KNOWS_CALLED && HAS_ROOM && called->simple_parameters == op->second)
+  if (!KNOWS_CALLED) [[unlikely]] {
+    TELL_STACK
+    MISFIT_UNLESS(called && frame->depth < MostFrames && NativeRun::PrepareCall(this, called))
+    locals = called->variables->Rows(&local_count);
+  }
+  MISFIT_UNLESS(HAS_ROOM && called->simple_parameters == op->second)
   STEP
 }
 // The arguments go straight into the parameters of the kept frame, which no code can see before it
@@ -2883,39 +1534,25 @@ on_Call:
   goto enter;
 on_Enter:
   RAN_UP_TO((op + 1)->plain - 1, op->second)
-enter : {
+enter:
   TELL_STACK
-  ZephVM_Frame* const caller = frame;
-  const HotOp* const returns_to = op + 1;
-  idle_frames[static_cast<unsigned>(op->first)] = called->next_idle;
-  called->return_offset = returns_to->start;
-  called->return_op = returns_to;
-  // What is returned at once has the use of the caller's own result.
-  const HotOp* const use = returns_to->plain;
-  called->uses = static_cast<unsigned char>(use->uses | (use->passed_uses & caller->uses));
-  called->error_output = caller->error_output;
-  called->output_mode = called->simple_mode;
-  called->previous = caller;
-  called->depth = caller->depth + 1;
-  if (hot_mode != called->simple_mode) [[unlikely]]
-    SetOutputMode(called->simple_mode);
+  NativeRun::BeginCall(this, called, op + 1);
   rows[1] = locals;
   counts[1] = local_count;
-  frame = called;
-  stack = s = called->stack;
+  s = stack;
   ASK_STACK
   if (called->entry_segment != loaded_segment) {
     const HotCode* const entered = called->entry_code->hot();
     if (!entered || entered->serial() != called->entry_serial) [[unlikely]]
       goto enter_segment;
-    USE_SEGMENT(called->entry_code, called->entry_segment)
+    NativeRun::UseSegment(this, called->entry_code, called->entry_segment);
+    USE_CODE
   }
   op = called->entry;
   STARTED
   if (--patience == 0) [[unlikely]]
     goto look;
   GO;
-}
 // The code of the function is not decoded, or has been decoded since the last call.
 enter_segment:
   program_counter = called->entry_offset;
@@ -2927,25 +1564,8 @@ enter_segment:
   }
   goto moved;
 unknown_called:
-  if (called && called->simple_parameters >= 0 && called->return_code != code_serial) {
-    // The code of another segment is found when it is entered, because it may have changed by then.
-    const bool here = called->entry_segment == loaded_segment;
-    if (here) {
-      called->entry = hot->At(called->entry_offset);
-      called->entry_serial = code_serial;
-      (void)called->variables->Rows(hot->locals(), &local_count);
-    } else {
-      called->entry_code = segments->Lookup(called->entry_segment);
-    }
-    if (here ? called->entry != nullptr : called->entry_code != nullptr) {
-      called->return_segment = loaded_segment;
-      called->return_to = segment;
-      called->return_code = code_serial;
-      called->returns_hot = true;
-      called->serial = 0;
-      goto on_Call;
-    }
-  }
+  TELL_STACK
+  if (called && NativeRun::PrepareCall(this, called)) goto on_Call;
 call : {
   RAN(op)
   TELL_STACK
@@ -3018,153 +1638,28 @@ called_library:
   op++;
   GO
 
-      on_ReturnNothing : {
-    LEAVE_UNLESS(frame->returns_hot)
-    ZephVM_Stack* const callers = frame->previous->stack;
-    Entry* const value = callers->End();
-    LEAVE_UNLESS(callers->HasRoom(1))
-    value->SetText("", 0);
-    callers->SetEnd(value + 1);
-    goto returned;
-  }
-on_Return : {
-  LEAVE_UNLESS(frame->returns_hot && HOLDS_ONE)
+      on_ReturnNothing : LEAVE_UNLESS(NativeRun::PassNothing(
+                             static_cast<ZephVM_FunctionFrame*>(frame))) goto returned;
+on_Return:
   called = static_cast<ZephVM_FunctionFrame*>(frame);
-  if (top[-1].kind <= ZephVM_Stack::KindDouble && RETURNS_TO_DECODED) {
-    --top;
-    form_passed = IsDouble(top) ? HotForm::Double : HotForm::Integer;
-    number_passed = IsDouble(top) ? top->value.number : top->value.integer;
-    if (called->uses & HotOp::Stored) goto return_number;
-    goto push_result;
-  }
-  ZephVM_Stack* const callers = frame->previous->stack;
-  Entry* const value = callers->End();
-  LEAVE_UNLESS(callers->HasRoom(1))
-  // A borrowed variable may be a local one, which does not outlive the call.
-  LEAVE_UNLESS(top[-1].kind != ZephVM_Stack::KindVariable || top[-1].deletable)
+  LEAVE_UNLESS(HOLDS_ONE && NativeRun::PassEntry(called, top - 1, rows[0], counts[0], code_serial))
   --top;
-  value->CopyFrom(*top);
-  callers->SetEnd(value + 1);
   goto returned;
-}
-// If the caller uses only the value of the result, pass that and leave the variable. The variable
-// must have no other form and no other holder. A caller that only stores the result gets a number,
-// a short text or an array in its variable, and goes on after its pop.
-on_ReturnVariable : {
-  variable = ROW_OF(op);
+on_ReturnVariable:
   called = static_cast<ZephVM_FunctionFrame*>(frame);
-  if (called->return_code == code_serial && variable && variable->HoldsNumberAlone() &&
-      (called->uses & (HotOp::UsedAsValue | HotOp::Stored)) == HotOp::UsedAsValue &&
-      variable->plain_count() == 1) {
-    form_passed = HotForm::Double;
-    if (variable->HoldsDouble()) {
-      number_passed = variable->plain_double();
-    } else {
-      number_passed = variable->plain_integer();
-      if (!(called->uses & HotOp::UsedAsNumber)) form_passed = HotForm::Integer;
-    }
-    goto push_result;
-  }
-  SINGLE_UNLESS(HAS_ROOM && frame->returns_hot && variable && variable->IsPlain() &&
-                variable->plain_count() == 1)
-  if (RETURNS_TO_DECODED) [[likely]] {
-    const HotOp* const use = called->return_op->plain;
-    Variable* target;
-    if ((called->uses & HotOp::Stored) &&
-        FindTarget(use, frame->previous->variables, rows[0], counts[0], &target)) {
-      const bool copied = target && (target->CopyNumber(*variable) || target->CopyShort(*variable));
-      const bool taken = !copied && target && target->TakeValue(variable);
-      if (taken) patience = 1;
-      if (copied || taken) {
-        called->return_offset = use[1].start;
-        called->return_op = use[1].fast ? use[1].fast : use + 1;
-        goto returned;
-      }
-    } else {
-      SINGLE_UNLESS((frame->uses & HotOp::UsedAsValue) ||
-                    PassesToTarget(called, rows[0], counts[0]))
-    }
-  } else {
-    SINGLE_UNLESS(frame->uses & HotOp::UsedAsValue)
-  }
-  if (FindAlone(variable, &number_passed, &form_passed)) {
-    if (called->uses & HotOp::UsedAsNumber) form_passed = HotForm::Double;
-    goto push_result;
-  }
-  char* text;
-  int length, allocated;
-  // As a number, a text on the stack may be another one than the variable that had it.
-  SINGLE_UNLESS(!(frame->uses & HotOp::UsedAsNumber) &&
-                variable->TakeText(&text, &length, &allocated))
-  Entry* const value = frame->previous->stack->End();
-  value->SetOwnedText(text, length, allocated);
-  frame->previous->stack->SetEnd(value + 1);
-  goto returned;
-}
-// Passes a number in its form to decoded code. A caller that only stores it gets it in its
-// variable.
-return_number : {
-  const HotOp* const use = called->return_op->plain;
-  Variable* target;
-  if (FindTarget(use, called->previous->variables, rows[0], counts[0], &target) && target) {
-    if (form_passed == HotForm::Double) {
-      target->Write_Double(number_passed);
-    } else {
-      target->Write_Integer(static_cast<int>(number_passed));
-    }
-    called->return_offset = use[1].start;
-    called->return_op = use[1].fast ? use[1].fast : use + 1;
-    goto returned;
-  }
-}
-push_result : {
-  ZephVM_Stack* const callers = called->previous->stack;
-  Entry* const value = callers->End();
-  if (form_passed == HotForm::Double) {
-    value->SetDouble(number_passed);
-  } else {
-    value->SetInteger(static_cast<int>(number_passed));
-  }
-  callers->SetEnd(value + 1);
-}
-// The value is on the caller's stack, or in its variable. Whatever else the function left on its
-// own stack is freed, and the frame is kept.
-returned : {
-  while (HOLDS_ONE) [[unlikely]] ZephVM_Stack::Free(--top);
-  TELL_STACK
-  called = static_cast<ZephVM_FunctionFrame*>(frame);
-  ZephVM_Frame* const caller = called->previous;
-  frame = caller;
-  stack = s = caller->stack;
-  // With a return_code it came from the frames that are kept.
-  if (called->return_code != 0 && called->variables->Renew(*called->locals)) [[likely]] {
-    ZephVM_FunctionFrame** const idle = &idle_frames[called->place];
-    called->next_idle = *idle;
-    *idle = called;
-    op = called->return_op;
-    if (called->return_code != code_serial) {
-      if (RETURNS_TO_DECODED) [[likely]] {
-        USE_SEGMENT(called->return_to, called->return_segment)
-      } else {
-        wanted_segment = called->return_segment;
-        program_counter = called->return_offset;
-        op = nullptr;
-      }
-    }
-  } else {
-    op = nullptr;
-    wanted_segment = called->return_segment;
-    program_counter = called->return_offset;
-    KeepFrame(called);
-  }
-  if (hot_mode != caller->output_mode) [[unlikely]]
-    SetOutputMode(caller->output_mode);
+  SINGLE_UNLESS(NativeRun::PassVariable(called, ROW_OF(op), rows[0], counts[0], code_serial,
+                                        HAS_ROOM, &patience))
+// The value is on the caller's stack, or in its variable.
+returned:
+  op =
+      NativeRun::EndCall(this, static_cast<ZephVM_FunctionFrame*>(frame), bottom, top, code_serial);
   if (!op) [[unlikely]]
     goto moved;
+  if (segment->hot() != hot) USE_CODE
+  s = stack;
   ASK_STACK
-  rows[1] = caller->variables->Rows(&counts[1]);
+  rows[1] = frame->variables->Rows(&counts[1]);
   GO;
-}
 
 #ifdef __clang__
 dispatch:
@@ -3175,7 +1670,39 @@ look:
   elapsed += kPatience;
   patience = kPatience;
   if (RAISED) goto on_Leave;
+  if (hot->Repeated(kPatience)) MAKE_NATIVE(hot)
+  // They count for the code that called this one, too. Where two codes alternate, the patience may
+  // always run out in the same one.
+  if (frame->return_code != 0 && frame->return_code != code_serial) {
+    const auto* const ran = static_cast<ZephVM_FunctionFrame*>(frame);
+    const HotCode* const callers = ReturnsToDecoded(ran) ? ran->return_to->hot() : nullptr;
+    if (callers && callers->Repeated(kPatience)) MAKE_NATIVE(callers)
+  }
   GO;
+
+// The record has machine code. That leaves the loop one record that it does not do itself.
+in_machine_code:
+  run.top = top;
+  run.idle_frames = idle_frames.data();
+  run.called = called;
+  run.called_rows = locals;
+  run.called_count = local_count;
+  op = NativeCompiler::Run(hot, &run, op);
+  called = run.called;
+  locals = run.called_rows;
+  local_count = run.called_count;
+  if (!op) [[unlikely]]
+    goto moved;
+  if (segment->hot() != hot) USE_CODE
+  s = stack;
+  TOP_OF_RUN
+  STARTED
+  if (run.is_misfit) [[unlikely]] {
+    run.is_misfit = false;
+    goto misfit;
+  }
+  if (patience == 0) goto look;
+  GO_TO_PLACE(places[static_cast<int>(op->action)])
 
 // The called code may have written to this segment, which drops its decoded form, or be in another
 // one.
@@ -3189,7 +1716,7 @@ moved:
     hot = segment->hot();
     if (!hot) return;
   }
-  hot->SetPlaces(places);
+  BEGIN_CODE
   code_serial = hot->serial();
   op = hot->At(program_counter);
   if (!op) return;
@@ -3230,6 +1757,7 @@ on_Leave:
 #undef WAKE
 #undef TELL_STACK
 #undef ASK_STACK
+#undef TOP_OF_RUN
 #undef ASK_ROWS
 #undef LEAVE_AFTER_UNLESS
 #undef PUSH
@@ -3250,17 +1778,18 @@ on_Leave:
 #undef FIND_COMPARABLE
 #undef KNOWS_CALLED
 #undef RETURNS_TO_DECODED
-#undef USE_SEGMENT
-#undef VALUE_SUFFICES
-#undef BARE_SUFFICES
+#undef USE_CODE
+#undef BEGIN_CODE
+#undef MAKE_NATIVE
 #undef ARITHMETIC
 #undef UPDATE
 #undef COMPARISON
 #undef BITS
 #undef LOGIC
 #undef JUMP_ON
-#undef ELEMENT
-#undef MEMBER
+#undef RUN
+#undef ON_STACK
+#undef IDIOM
 #undef MISFIT_UNLESS
 #undef STEP
 #undef NUMBER_Global
@@ -3286,6 +1815,8 @@ on_Leave:
 #undef FIND_ELEMENT
 #undef ELEMENT_AT
 #undef BASE_OF
+#undef END_BY
+#undef STEP_BY
 #undef GROUP_ARITHMETIC
 #undef GROUP_ADD
 #undef GROUP_SUB
@@ -3305,9 +1836,6 @@ on_Leave:
 #undef OPERAND
 #undef INTEGER_OF
 #undef COMPARABLE_OF
-#undef LOADED_OF
-#undef LOADED_NUMBER
-#undef FIND_LOADED_ORDER
 #undef SEND_ROW
 #undef PARAMETER
 #undef FIND_TARGET

@@ -362,6 +362,8 @@ class ZephVM_Stack {
   }
 
  private:
+  friend struct NativeLayout;
+
   // Deep enough for almost all expressions. Functions call one another by the thousand, so a stack
   // allocates room for all 512 entries only when it needs them.
   static const int FirstEntries = kFirstStackEntries;

@@ -319,6 +319,7 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   int Compare(const AggregateIndex& key, AggregateElement* element) override;
 
  private:
+  friend struct NativeLayout;
   friend class Variable;
   friend class VariableCycles;
 

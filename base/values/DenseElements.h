@@ -212,6 +212,8 @@ class DenseElements {
   void Drop();
 
  private:
+  friend struct NativeLayout;
+
   // Searches of the ranks from first to last, upward or downward. A negative first means that
   // elements of the ranks -first to last were added.
   struct Run {

@@ -95,6 +95,8 @@ class FlatMembers {
   void Drop();
 
  private:
+  friend struct NativeLayout;
+
   // What was done since the known shape, each in 16 bits: the slot that was found; or that one was
   // added; or with kMissed the number of slots in order before the place of a name that was missed:
   // the slot before it, plus 1.

@@ -81,6 +81,8 @@ class MemberLayout {
   int Before(const char* text, int length) const;
 
  private:
+  friend struct NativeLayout;
+
   MemberLayout();
   ~MemberLayout();
 

@@ -34,6 +34,8 @@ class DenseSlot {
   inline bool Overwrite(double number);
 
  private:
+  friend struct NativeLayout;
+
   static constexpr uint64_t DoubleOffset = uint64_t{1} << 49;
   static constexpr uint64_t IntegerTag = uint64_t{0xFFFE} << 48;
   uint64_t word = 0;

@@ -179,6 +179,10 @@ Variable* Variable::Final() {
   return FindFinal();
 }
 
+const unsigned* Variable::ReferenceChanges() {
+  return &changed_references;
+}
+
 // Apart from Final(), which therefore needs no registers.
 Variable* Variable::FindFinal() {
   if (!reference->reference) return reference;

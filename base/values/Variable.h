@@ -216,6 +216,9 @@ class Variable {
     Variable* const last = next->reference;
     return last->reference ? Final() : last;
   }
+  // The counter of this thread with which references remember where their chains end: one that has
+  // the same number in integer_value has the end in double_value, see Final().
+  static const unsigned* ReferenceChanges();
   // The valid forms of a plain scalar, as bits of Form; 0 for a NULL scalar, for an aggregate and
   // for a variable that is not plain.
   unsigned plain_forms() const { return IsPlain() ? state & AllForms : 0u; }
@@ -578,6 +581,7 @@ class Variable {
 
   friend class AggregateElementTree;
   friend class DeferredText;
+  friend struct NativeLayout;
   friend class SlotTable;
   friend class VariableCycles;
   friend class VariableWalk;
