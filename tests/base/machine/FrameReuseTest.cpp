@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/compiled/Segment.h"
+#include "tests/support/HotAndCold.h"
 #include "tests/support/Machine.h"
 #include "tests/support/Rounds.h"
 
@@ -16,14 +17,17 @@ namespace {
 
 struct Way {
   const char* label;
-  bool hot;
+  Pace pace;
   bool reuse;
 };
 
-const Way kWays[] = {{"hot, frames reused", true, true},
-                     {"hot, frames fresh", true, false},
-                     {"cold, frames reused", false, true},
-                     {"cold, frames fresh", false, false}};
+const Way kWays[] = {{"decoded, frames reused", Pace::Decoded, true},
+                     {"decoded, frames fresh", Pace::Decoded, false},
+                     {"machine code, frames reused", Pace::Native, true},
+                     {"machine code, frames fresh", Pace::Native, false},
+                     {"cold, frames reused", Pace::Cold, true},
+                     {"cold, frames fresh", Pace::Cold, false}};
+const Way& kColdAndFresh = kWays[5];
 
 const char* const kRecords = "1,one\n2,two\n3,three\n";
 
@@ -45,17 +49,12 @@ std::ostream& operator<<(std::ostream& out, const Outcome& outcome) {
              << "\nexported " << outcome.exported;
 }
 
-// A segment of this length is never decoded.
-void KeepCold(Machine* machine) {
-  machine->segments.Start()->Write_Byte(Segment::LongestHot, 0);
-}
-
 Outcome OutcomeOf(const std::string& program, const Way& way,
                   const std::vector<const char*>& globals = {}) {
   Machine machine;
   machine.files.files["in"] = kRecords;
   machine.Assemble(program);
-  if (!way.hot) KeepCold(&machine);
+  const RunsAt runs(way.pace, &machine);
   machine.vm().SetFrameReuse(way.reuse);
   Outcome outcome;
   outcome.result = machine.Go();
@@ -417,12 +416,12 @@ TEST(FrameReuse, AResultOfEachKindIsStoredAsItIsReturned) {
     for (const char* after : kAfter) {
       const std::string program = Passing(passed.push, after);
       SCOPED_TRACE(program);
-      const Outcome cold = OutcomeOf(program, kWays[3], {"z", "whole", "n"});
+      const Outcome cold = OutcomeOf(program, kColdAndFresh, {"z", "whole", "n"});
       EXPECT_EQ(cold.result, 1);
       if (passed.shown) {
         EXPECT_EQ(cold.output.substr(0, strlen(passed.shown)), passed.shown);
       }
-      for (const Way& way : {kWays[0], kWays[1], kWays[2]}) {
+      for (const Way& way : kWays) {
         SCOPED_TRACE(way.label);
         EXPECT_EQ(OutcomeOf(program, way, {"z", "whole", "n"}), cold);
       }
@@ -448,10 +447,10 @@ TEST(FrameReuse, AnArrayByValueIsApartFromArgumentsByReference) {
       "cat\npushc \"/\"\ncat\npushl all\npushi 1\nelem_readonly\ncat\npushl number\ncat\n"
       "pushl last\ncat\nret\n.end\n";
   SCOPED_TRACE(program);
-  const Outcome cold = OutcomeOf(program, kWays[3], {"n"});
+  const Outcome cold = OutcomeOf(program, kColdAndFresh, {"n"});
   EXPECT_EQ(cold.result, 1);
   EXPECT_EQ(cold.output.substr(0, 10), "1/t/new1kn");
-  for (const Way& way : {kWays[0], kWays[1], kWays[2]}) {
+  for (const Way& way : kWays) {
     SCOPED_TRACE(way.label);
     EXPECT_EQ(OutcomeOf(program, way, {"n"}), cold);
   }
@@ -459,16 +458,16 @@ TEST(FrameReuse, AnArrayByValueIsApartFromArgumentsByReference) {
 
 TEST(FrameReuse, RandomProgramsDoTheSameInFreshFramesAndInReusedOnes) {
   int ended = 0;
-  for (unsigned seed = 1; seed <= Rounds(500u); seed++) {
+  for (unsigned seed = 1; MoreRounds(seed, 500); seed++) {
     const std::string program = RandomCalls(seed).Program();
     SCOPED_TRACE(testing::Message() << seed << "\n" << program);
     const std::vector<const char*> globals = {"a", "b", "c", "n", "recno", "ZpIMPORT_Error"};
-    const Outcome reused = OutcomeOf(program, kWays[0], globals);
-    for (const Way& way : {kWays[1], kWays[2], kWays[3]}) {
+    const Outcome expected = OutcomeOf(program, kColdAndFresh, globals);
+    for (const Way& way : kWays) {
       SCOPED_TRACE(way.label);
-      ASSERT_EQ(reused, OutcomeOf(program, way, globals));
+      ASSERT_EQ(expected, OutcomeOf(program, way, globals));
     }
-    ended += reused.result;
+    ended += expected.result;
   }
   // Most programs must not fail early.
   EXPECT_GT(ended, Rounds(250));

@@ -28,15 +28,6 @@ namespace {
 
 using namespace Instruction;
 
-// Decodes all code before it runs for the first time.
-void MakeHotAtOnce(Machine* machine) {
-  for (int i = 0; Segment* const segment = machine->segments.Lookup(i); i++) {
-    for (int k = 0; k < 100 && !segment->hot(); k++) {
-      segment->NoteRepeat(machine->dictionary, &machine->functions);
-    }
-  }
-}
-
 // Writes a loop that runs a body the given number of times, counted in a global of its own.
 template <typename Body>
 void Loop(Machine* machine, int rounds, Body body) {
@@ -294,13 +285,13 @@ struct Outcome {
   int entries;
 };
 
-Outcome OutcomeOf(unsigned seed, bool cold) {
+Outcome OutcomeOf(unsigned seed, Pace pace) {
   Machine machine;
   RandomProgram(seed).Write(&machine);
-  if (cold) KeepCold(&machine);
+  const RunsAt runs(pace, &machine);
   Outcome outcome;
   outcome.result = GoWithin64Megabytes(&machine);
-  if (cold) {
+  if (pace == Pace::Cold) {
     EXPECT_EQ(machine.segments.Start()->hot(), nullptr);
   }
   for (const char* name : {"a", "b", "c", "d", "rounds"}) {
@@ -314,12 +305,15 @@ Outcome OutcomeOf(unsigned seed, bool cold) {
 TEST(HotCode, RandomProgramsDoTheSameHotAndCold) {
   for (unsigned seed = 1; MoreRounds(seed, 1000); seed++) {
     SCOPED_TRACE(seed);
-    const Outcome hot = OutcomeOf(seed, false);
-    const Outcome cold = OutcomeOf(seed, true);
-    ASSERT_EQ(hot.values, cold.values);
-    ASSERT_EQ(hot.result, cold.result);
-    ASSERT_EQ(hot.error, cold.error);
-    ASSERT_EQ(hot.entries, cold.entries);
+    const Outcome cold = OutcomeOf(seed, Pace::Cold);
+    for (const Pace pace : kQuickPaces) {
+      SCOPED_TRACE(pace);
+      const Outcome hot = OutcomeOf(seed, pace);
+      ASSERT_EQ(hot.values, cold.values);
+      ASSERT_EQ(hot.result, cold.result);
+      ASSERT_EQ(hot.error, cold.error);
+      ASSERT_EQ(hot.entries, cold.entries);
+    }
   }
 }
 
@@ -463,15 +457,15 @@ class Page : public HTTPOutput {
   std::string body;
 };
 
-Outcome OutcomeOf(const std::string& program, bool cold) {
+Outcome OutcomeOf(const std::string& program, Pace pace) {
   Page page;
   Machine machine;
-  if (!cold) machine.application.SetOutput(&page);
+  if (pace != Pace::Cold) machine.application.SetOutput(&page);
   machine.Assemble(program);
-  if (cold) KeepCold(&machine);
+  const RunsAt runs(pace, &machine);
   Outcome outcome;
   outcome.result = GoWithin64Megabytes(&machine);
-  EXPECT_EQ(machine.segments.Start()->hot() == nullptr, cold);
+  ExpectCodeOf(pace, &machine);
   for (const char* name : {"a", "b", "c", "d", "i", "n"}) {
     outcome.values += machine.Value(name) + "|";
   }
@@ -482,21 +476,6 @@ Outcome OutcomeOf(const std::string& program, bool cold) {
   return outcome;
 }
 
-TEST(HotCode, RandomProgramTextsDoTheSameHotAndCold) {
-  for (unsigned seed = 1; MoreRounds(seed, 1000); seed++) {
-    const std::string program = RandomText(seed).Program();
-    SCOPED_TRACE(testing::Message() << seed << "\n" << program);
-    const Outcome hot = OutcomeOf(program, false);
-    if (RanShort(hot.error)) continue;
-    const Outcome cold = OutcomeOf(program, true);
-    if (RanShort(cold.error)) continue;
-    ASSERT_EQ(hot.values, cold.values);
-    ASSERT_EQ(hot.result, cold.result);
-    ASSERT_EQ(hot.error, cold.error);
-    ASSERT_EQ(hot.entries, cold.entries);
-  }
-}
-
 // Where two texts begin to differ.
 std::string Difference(const std::string& one, const std::string& other) {
   size_t at = 0;
@@ -504,6 +483,24 @@ std::string Difference(const std::string& one, const std::string& other) {
   const size_t from = at < 40 ? 0 : at - 40;
   return "at " + std::to_string(at) + ": ..." + one.substr(from, 80) + "\nand: ..." +
          other.substr(from, 80);
+}
+
+TEST(HotCode, RandomProgramTextsDoTheSameHotAndCold) {
+  for (unsigned seed = 1; MoreRounds(seed, 1000); seed++) {
+    const std::string program = RandomText(seed).Program();
+    SCOPED_TRACE(testing::Message() << seed << "\n" << program);
+    const Outcome cold = OutcomeOf(program, Pace::Cold);
+    if (RanShort(cold.error)) continue;
+    for (const Pace pace : kQuickPaces) {
+      SCOPED_TRACE(pace);
+      const Outcome hot = OutcomeOf(program, pace);
+      if (RanShort(hot.error)) continue;
+      ASSERT_TRUE(hot.values == cold.values) << Difference(hot.values, cold.values);
+      ASSERT_EQ(hot.result, cold.result);
+      ASSERT_EQ(hot.error, cold.error);
+      ASSERT_EQ(hot.entries, cold.entries);
+    }
+  }
 }
 
 // Programs of functions that call one another with arguments of all kinds, by value and by
@@ -669,20 +666,27 @@ TEST(HotCode, RandomCallsDoTheSameHotAndColdInFreshFramesAndInReusedOnes) {
   for (unsigned seed = 1; MoreRounds(seed, 200); seed++) {
     const std::string program = RandomCalls(seed).Program();
     SCOPED_TRACE(testing::Message() << seed << "\n" << program);
-    // The last way has decoded code from the first instruction on.
-    Outcome outcomes[5];
-    for (int way = 0; way < 5; way++) {
+    const struct {
+      Pace pace;
+      bool reuse;
+      bool at_once;  // decoded code from the first instruction on
+    } ways[] = {{Pace::Cold, true, false},    {Pace::Cold, false, false},
+                {Pace::Decoded, true, false}, {Pace::Decoded, false, false},
+                {Pace::Decoded, true, true},  {Pace::Native, true, false},
+                {Pace::Native, false, false}, {Pace::Native, true, true}};
+    Outcome outcomes[std::size(ways)];
+    for (size_t way = 0; way < std::size(ways); way++) {
       Machine machine;
       machine.Assemble(program);
-      if (way & 1) KeepCold(&machine);
-      if (way == 4) MakeHotAtOnce(&machine);
-      machine.vm().SetFrameReuse((way & 2) == 0);
+      const RunsAt runs(ways[way].pace, &machine);
+      if (ways[way].at_once) DecodeAtOnce(&machine);
+      machine.vm().SetFrameReuse(ways[way].reuse);
       outcomes[way].result = GoWithin64Megabytes(&machine);
       outcomes[way].values = machine.Output();
       outcomes[way].error = machine.Error();
       outcomes[way].entries = machine.stack().Entries();
     }
-    if (std::any_of(outcomes, outcomes + 5,
+    if (std::any_of(std::begin(outcomes), std::end(outcomes),
                     [](const Outcome& outcome) { return RanShort(outcome.error); })) {
       continue;
     }
@@ -1083,7 +1087,7 @@ TEST(HotCode, RandomValuesAreWrittenAsRoundsMakesThem) {
     const std::string program = values + "storegi n, 0\nagain: incg n, 1\n" + reads + "cmpgi n, " +
                                 std::to_string(kRounds) + "\njmp_lt again\nexit\n";
     ExpectTheSameHotAndCold(program);
-    ASSERT_EQ(OutcomeOf(program, false).values, OutcomeOf(program, true).values);
+    ASSERT_EQ(OutcomeOf(program, Pace::Native).values, OutcomeOf(program, Pace::Cold).values);
   }
 }
 

@@ -151,12 +151,13 @@ const std::string kStart =
     std::string(300, 'l') + "\"\npopg long\n";
 const std::string kEcho = ".function f(a)\npushl a\nret\n.end\n";
 
-// Runs a program in both ways, and expects that its last round has written the text.
+// Runs a program in all ways, and expects that its last round has written the text.
 void ExpectBoth(const std::string& program, const std::string& text) {
-  for (const bool cold : {false, true}) {
+  for (const Pace pace : kPaces) {
+    SCOPED_TRACE(pace);
     Machine machine;
     machine.Assemble(program);
-    if (cold) KeepCold(&machine);
+    const RunsAt runs(pace, &machine);
     EXPECT_EQ(machine.Go(), 1) << machine.Error();
     const std::string output = machine.Output();
     ASSERT_EQ(output.substr(output.find_last_of('\n', output.size() - 2) + 1), text + "\n");
