@@ -601,7 +601,7 @@ void Emitter::EmitSubroutines() {
   }
   {
     // rcx <- the plain variable that the reference in rcx refers to.
-    Label chain, walk, found, look, fails;
+    Label chain, longer, walk, found, look, fails;
     L(find_plain);
     mov(rax, Field(rcx, OfVariable::reference));
     test(rax, rax);
@@ -614,8 +614,14 @@ void Emitter::EmitSubroutines() {
     test(dword[rcx + OfVariable::state], OfVariable::not_plain);  // clears the carry
     jnz(fails);
     ret();
-    // Where a chain ends is remembered, see Variable::Final().
+    // Where a chain of more than two ends is remembered, see Variable::Final().
     L(chain);
+    mov(rdi, Field(rax, OfVariable::reference));
+    cmp(qword[rdi + OfVariable::reference], 0);
+    jne(longer);
+    mov(rcx, rdi);
+    jmp(look);
+    L(longer);
     mov(rdi, ptr[rbx + static_cast<int>(offsetof(NativeRun, reference_changes))]);
     mov(edi, dword[rdi]);
     cmp(edi, dword[rcx + OfVariable::integer]);
@@ -637,7 +643,7 @@ void Emitter::EmitSubroutines() {
   {
     // rcx <- the end of the chain of the reference in rcx. The subroutines above call it, so the
     // stack is as C++ code needs it.
-    Label chain, fails;
+    Label chain, longer, fails;
     L(follow);
     mov(rax, Field(rcx, OfVariable::reference));
     test(rax, rax);
@@ -648,6 +654,13 @@ void Emitter::EmitSubroutines() {
     clc();
     ret();
     L(chain);
+    mov(rdi, Field(rax, OfVariable::reference));
+    cmp(qword[rdi + OfVariable::reference], 0);
+    jne(longer);
+    mov(rcx, rdi);
+    clc();
+    ret();
+    L(longer);
     movsd(ptr[rbx + kHeld], xmm0);
     mov(ptr[rbx + kHeld + 8], rdx);
     mov(ptr[rbx + kHeld + 16], rsi);
