@@ -1149,7 +1149,8 @@ TEST(NativeCode, RandomProgramsDoTheSame) {
     }
     finished += cold.result;
   }
-  EXPECT_GT(finished, Rounds(200));
+  // Not all of them end by an error: a sanitizer's dozen has at least a few.
+  EXPECT_GT(finished, Rounds(100));
 }
 
 }  // namespace
