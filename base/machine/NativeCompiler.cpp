@@ -1087,7 +1087,7 @@ void Emitter::WriteSlot(HotOperand kind, int offset) {
   }
   // rax is what the slot holds.
   if (may_be_double) {
-    Label variable, bare;
+    Label bare;
     mov(rdi, rax);
     shr(rdi, 49);
     jnz(bare);
@@ -2219,7 +2219,7 @@ bool Emitter::Emit() {
       Return(&NativeRun::ReturnNumber, nullptr);
       return true;
     case HotAction::ReturnVariable: {
-      Label slow, is_double, found;
+      Label slow, is_double;
       cmp(dword[rbx + kCounts + 4 * static_cast<int>(op->left)], op->first);
       jbe(slow);
       mov(rcx, RowAt(op->left, HotOp::Offset(op->first)));
