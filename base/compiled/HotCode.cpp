@@ -182,7 +182,7 @@ void HotCode::SetNativePlaces(const void* place) const {
 
 void HotCode::Decode(const unsigned char* code, int length, const Dictionary& dictionary) {
   records.assign(static_cast<size_t>(length) + 1, -1);
-  ops.reserve(static_cast<size_t>(length) / 5 + 2 * kLongestIdiom);
+  ops.reserve(static_cast<size_t>(length) / 5 + size_t{2} * kLongestIdiom);
   int at = 0;
   // A single last byte counts as the end of the code, as in the machine's loop.
   while (at < length - 1) {
@@ -358,7 +358,7 @@ size_t LengthOf(HotAction action) {
     case HotAction::UpdateAddVariable:
     case HotAction::UpdateSubVariable:
     case HotAction::UpdateMulVariable:
-    case HotAction::UpdateDivVariable: return 5;
+    case HotAction::UpdateDivVariable:
     case HotAction::NextElement: return 5;
     case HotAction::OutVariableRounded:
     case HotAction::CompareTopJump: return 4;

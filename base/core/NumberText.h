@@ -17,9 +17,10 @@ inline constexpr int kLongestUnsigned = 20;
 struct DigitPairs {
   char text[200];
   constexpr DigitPairs() : text() {
+    char* to = text;
     for (int i = 0; i < 100; i++) {
-      text[2 * i] = static_cast<char>('0' + i / 10);
-      text[2 * i + 1] = static_cast<char>('0' + i % 10);
+      *to++ = static_cast<char>('0' + i / 10);
+      *to++ = static_cast<char>('0' + i % 10);
     }
   }
 };

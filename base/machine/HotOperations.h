@@ -276,8 +276,7 @@ struct WordTable {
   bool begins[256];
   constexpr WordTable() : begins() {
     for (bool& word : begins) word = true;
-    for (const char c : {'i', 'I', 'n', 'N', '.', '+', '-', ' '})
-      begins[static_cast<int>(c)] = false;
+    for (const unsigned char c : {'i', 'I', 'n', 'N', '.', '+', '-', ' '}) begins[c] = false;
     for (int c = '0'; c <= '9'; c++) begins[c] = false;
     for (int c = '\t'; c <= '\r'; c++) begins[c] = false;
   }

@@ -63,7 +63,7 @@ constexpr int kRows = offsetof(NativeRun, rows);
 constexpr int kPatience = offsetof(NativeRun, patience);
 constexpr int kTop = offsetof(NativeRun, top);
 constexpr int kCounts = offsetof(NativeRun, counts);
-constexpr int kEntry = sizeof(hot::Entry);
+constexpr long kEntry = sizeof(hot::Entry);
 constexpr int kEntryValue = offsetof(hot::Entry, value);
 constexpr int kEntryLengths = offsetof(hot::Entry, length);
 constexpr int kEntryOwned = offsetof(hot::Entry, deletable);
@@ -1204,7 +1204,7 @@ void Emitter::PushNumber(HotForm form) {
 // rcx <- the variable of a record that is a single instruction, at a position of a table.
 void Emitter::LoadRow(HotOperand kind, int position) {
   const int table = static_cast<int>(kind);
-  cmp(dword[rbx + kCounts + 4 * table], position);
+  cmp(dword[rbx + kCounts + 4L * table], position);
   jbe(Leave());
   LoadVariable(rcx, kind, HotOp::Offset(position));
 }
@@ -1303,7 +1303,7 @@ void Emitter::Enter() {
   mov(rsi, Field(r15, OfMachine::frame));
   mov(rax, Field(rcx, OfFrame::next_idle));
   mov(rdi, ptr[rbx + static_cast<int>(offsetof(NativeRun, idle_frames))]);
-  mov(ptr[rdi + op->first * 8], rax);
+  mov(ptr[rdi + op->first * 8L], rax);
   mov(dword[rcx + OfFrame::return_offset], op[1].start);
   mov(rax, reinterpret_cast<uint64_t>(op + 1));
   mov(Field(rcx, OfFrame::return_op), rax);
@@ -1420,9 +1420,9 @@ void Emitter::TakeResult() {
   mov(Field(r15, OfMachine::stack), rdi);
   mov(rbp, Field(rdi, OfStack::top));
   mov(rdi, ptr[rbx + static_cast<int>(offsetof(NativeRun, idle_frames))]);
-  mov(rax, ptr[rdi + op->first * 8]);
+  mov(rax, ptr[rdi + op->first * 8L]);
   mov(Field(rcx, OfFrame::next_idle), rax);
-  mov(ptr[rdi + op->first * 8], rcx);
+  mov(ptr[rdi + op->first * 8L], rcx);
   Label same_segment;
   mov(rdi, Field(rcx, OfFrame::return_to));
   cmp(rdi, Field(r15, OfMachine::segment));
@@ -1560,7 +1560,7 @@ void Emitter::CompareWord(Label& differs) {
 // r14 is the rows of its variables.
 void Emitter::BeginCall() {
   mov(rax, ptr[rbx + static_cast<int>(offsetof(NativeRun, idle_frames))]);
-  mov(rax, ptr[rax + op->first * 8]);
+  mov(rax, ptr[rax + op->first * 8L]);
   test(rax, rax);
   jz(Leave());
   mov(rcx, code->serial());
@@ -1737,7 +1737,7 @@ bool Emitter::EmitOnStack() {
     if (is_constant) {
       LoadConstant(xmm1, op->number);
     } else {
-      cmp(dword[rbx + kCounts + 4 * static_cast<int>(op->left)], op->first);
+      cmp(dword[rbx + kCounts + 4L * static_cast<int>(op->left)], op->first);
       jbe(Leave());
       LoadNumber(xmm1, op->left, HotOp::Offset(op->first));
     }
@@ -2220,7 +2220,7 @@ bool Emitter::Emit() {
       return true;
     case HotAction::ReturnVariable: {
       Label slow, is_double;
-      cmp(dword[rbx + kCounts + 4 * static_cast<int>(op->left)], op->first);
+      cmp(dword[rbx + kCounts + 4L * static_cast<int>(op->left)], op->first);
       jbe(slow);
       mov(rcx, RowAt(op->left, HotOp::Offset(op->first)));
       test(rcx, rcx);

@@ -414,7 +414,7 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   on_##name: { \
     RUN(name) \
     SINGLE_UNLESS(outcome != NativeRun::Outcome::Unable) \
-    op += count; \
+    op += (count); \
     if (outcome == NativeRun::Outcome::Outside) goto written; \
     RAN(op) \
     GO \
@@ -444,12 +444,12 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   const Variable* const row = OPERAND_ROW(kind, offset); \
   if (!row) [[unlikely]] goto unusual; \
   if (row->HoldsDouble()) [[likely]] { \
-    out = row->plain_double(); \
+    (out) = row->plain_double(); \
   } else if (row->HoldsInteger()) { \
-    out = row->plain_integer(); \
+    (out) = row->plain_integer(); \
   } else { \
     if (!row->HoldsNumber()) goto unusual; \
-    out = row->plain_double(); \
+    (out) = row->plain_double(); \
   } }
 // The same of the operand first or second of a pair.
 #define NUMBER_Global(side, out, unusual) ROW_NUMBER(HotOperand::Global, op->side, out, unusual)
@@ -530,12 +530,12 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   const Variable* const row = OPERAND_ROW(kind, offset); \
   if (!row) [[unlikely]] goto unusual; \
   if (row->HoldsInteger()) { \
-    out = row->plain_integer(); \
+    (out) = row->plain_integer(); \
   } else if (row->HoldsDouble()) { \
-    out = DoubleToInteger(row->plain_double()); \
+    (out) = DoubleToInteger(row->plain_double()); \
   } else { \
     if (!row->HoldsNumber()) goto unusual; \
-    out = row->plain_integer(); \
+    (out) = row->plain_integer(); \
   } }
 // Read an operand of any kind: as an integer, and as a number to compare by.
 #define INTEGER_OF(kind, offset, out) \
