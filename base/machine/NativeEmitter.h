@@ -1,0 +1,246 @@
+// What writes machine code: one object for each HotCode, which keeps it afterwards. See
+// base/machine/NativeCompiler.h for what the code does. Its members are in NativeCompiler.cpp and
+// in the NativeEmitter files, each of which has one kind of records.
+//
+// The registers of machine code. All of them keep their values in calls of the operations of
+// NativeRun; all others are free between two records, but see TakeResult() for a return.
+//
+//   rbx  the NativeRun            rbp  the end of the current stack's entries
+//   r12  the rows of globals      r13  the rows of locals
+//   r14  the rows of the parameters of the call that is prepared
+//   r15  the machine
+//
+// The temporaries of a group are in the NativeRun, as they are for the loop.
+
+#ifndef ZEPH_BASE_NATIVEEMITTER_H
+#define ZEPH_BASE_NATIVEEMITTER_H
+
+#ifdef __x86_64__
+
+#define XBYAK_NO_EXCEPTION
+#include <xbyak/xbyak.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "base/compiled/HotCode.h"
+#include "base/compiled/HotGroup.h"
+#include "base/machine/NativeLayout.h"
+#include "base/machine/NativeRun.h"
+
+// Of the runtime's unwinder: adds and removes descriptions of how to unwind code. The room is for
+// its own notes, and lasts as long; it takes 6 words of it.
+extern "C" void __register_frame_info(const void* frames, void* room);
+extern "C" void* __deregister_frame_info(const void* frames);
+
+// The assembler goes on writing where it has got no memory, so that has to end the compilation.
+class NativeCodeMemory : public Xbyak::MmapAllocator {
+ public:
+  uint8_t* alloc(size_t size) override {
+    uint8_t* const memory = MmapAllocator::alloc(size);
+    if (!memory) throw std::bad_alloc();
+    return memory;
+  }
+};
+
+// A base that lives longer than the assembler.
+struct HasNativeCodeMemory {
+  NativeCodeMemory memory;
+};
+
+class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xbyak::CodeGenerator {
+ public:
+  NativeEmitter(const HotCode* hot, const NativeRun* current)
+      : CodeGenerator(Xbyak::DEFAULT_MAX_CODE_SIZE, Xbyak::AutoGrow, &memory),
+        code(hot),
+        run(current),
+        list(hot->FastList()),
+        labels(list.size() + 1) {}
+
+  ~NativeEmitter() override {
+    if (is_described) __deregister_frame_info(frames.data());
+  }
+
+  // Makes the code. Returns false if there is no memory that it could be in.
+  bool Make();
+
+ private:
+  using Label = Xbyak::Label;
+  using Reg32 = Xbyak::Reg32;
+  using Reg64 = Xbyak::Reg64;
+  using Xmm = Xbyak::Xmm;
+  using OfElements = NativeLayout::OfElements;
+  using OfFrame = NativeLayout::OfFrame;
+  using OfMachine = NativeLayout::OfMachine;
+  using OfMembers = NativeLayout::OfMembers;
+  using OfSlot = NativeLayout::OfSlot;
+  using OfSegment = NativeLayout::OfSegment;
+  using OfStack = NativeLayout::OfStack;
+  using OfTable = NativeLayout::OfTable;
+  using OfVariable = NativeLayout::OfVariable;
+
+  static constexpr int kDoubleForm = static_cast<int>(HotForm::Double);
+  static constexpr int kIntegerForm = static_cast<int>(HotForm::Integer);
+  static constexpr int kRows = offsetof(NativeRun, rows);
+  static constexpr int kPatience = offsetof(NativeRun, patience);
+  static constexpr int kTop = offsetof(NativeRun, top);
+  static constexpr int kCounts = offsetof(NativeRun, counts);
+  static constexpr long kEntry = sizeof(hot::Entry);
+  static constexpr int kEntryValue = offsetof(hot::Entry, value);
+  static constexpr int kEntryLengths = offsetof(hot::Entry, length);
+  static constexpr int kEntryOwned = offsetof(hot::Entry, deletable);
+  static constexpr uint64_t kIntegerLengths = 4 | uint64_t{4} << 32;
+  static constexpr uint64_t kDoubleLengths = 8 | uint64_t{8} << 32;
+  static constexpr int kCalledRows = offsetof(NativeRun, called_rows);
+  static constexpr int kOp = offsetof(NativeRun, op);
+  static constexpr int kHeld = offsetof(NativeRun, held);
+  static constexpr int kTemporaries = offsetof(NativeRun, temporaries);
+  static constexpr int kForms = kTemporaries + static_cast<int>(offsetof(hot::Temporaries, forms));
+
+  // What is tried where the usual code does not apply, by the type of the function.
+  enum class Fallback { None, Operation, Work, Comparison, Truth, Transfer };
+
+  // A piece of code that is seldom run. They come after all others, so that what is usual is in a
+  // row.
+  struct Rare {
+    Label label;
+    std::function<void(Rare&)> emit;
+    Label back;
+    Label others[2];  // other places in the usual code to go back to
+  };
+
+  template <typename Function>
+  static uint64_t AddressOf(Function* function) {
+    return reinterpret_cast<uint64_t>(function);
+  }
+
+  bool Emit();
+  void DescribeFrame();
+  void EmitEntrance();
+  void EmitRares();
+
+  // The labels to go to from the usual code; made when first asked for.
+  Label& Leave();
+  Rare& AddRare(std::function<void(Rare&)> emit) {
+    rares.push_back({{}, std::move(emit), {}, {}});
+    return rares.back();
+  }
+
+  void SetFallback(Fallback kind, const void* function, size_t count) {
+    fallback = kind;
+    fallback_function = function;
+    fallback_count = count;
+  }
+  void SetFallback(NativeRun::Operation operation, size_t count = 1) {
+    SetFallback(Fallback::Operation, reinterpret_cast<const void*>(operation), count);
+  }
+  template <NativeRun::Effort effort>
+  void SetFallback() {
+    SetFallback(Fallback::Work, reinterpret_cast<const void*>(&NativeRun::Do<effort>), 1);
+  }
+  // A comparison that decides on a jump.
+  void SetFallback(NativeRun::Comparison comparison, const HotOp* goal, size_t count = 1) {
+    SetFallback(Fallback::Comparison, reinterpret_cast<const void*>(comparison), count);
+    fallback_goal = goal;
+  }
+  // One whose outcome is stored in the record's temporary or, if there is a goal, in its target.
+  void SetFallback(NativeRun::Comparison comparison, bool is_stored) {
+    SetFallback(Fallback::Truth, reinterpret_cast<const void*>(comparison), 1);
+    fallback_goal = is_stored ? op : nullptr;
+  }
+  void SetFallback(NativeRun::Transfer transfer) {
+    SetFallback(Fallback::Transfer, reinterpret_cast<const void*>(transfer), 1);
+  }
+
+  // Where an operand is. REQUIRES: a row, a temporary or a place; for NumberAt a temporary.
+  Xbyak::Address RowAt(HotOperand kind, int offset);
+  Xbyak::Address NumberAt(int offset) {
+    return ptr[rbx + kTemporaries + offset - HotOp::kVariableInRow];
+  }
+  Xbyak::Address PlaceAt(int offset) { return ptr[rbx + kTemporaries + offset]; }
+  Xbyak::Address FormAt(int offset) { return byte[rbx + kForms + offset]; }
+  Xbyak::Address Field(const Reg64& object, int distance) { return ptr[object + distance]; }
+
+  void LoadConstant(const Xmm& number, double value);
+  void LoadVariable(const Reg64& variable, HotOperand kind, int offset);
+  void LoadNumber(const Xmm& number, HotOperand kind, int offset);
+  bool HoldsInteger(HotOperand kind, int offset) const;
+  void LoadInteger(const Reg32& integer, HotOperand kind, int offset);
+  void StoreNumber();
+  Rare* StoreInTarget(const void* operation, int form);
+  void MakeForm(int form, Label& unusual);
+  void StoreInteger();
+  void SetTemporary(HotForm form);
+  void Calculate(int operation);
+  bool CalculateIntegers(HotAction action);
+  void Compare(unsigned char orders);
+  void JumpIf(unsigned char orders, bool may_be_text, const HotOp* goal);
+  void GoTo(const HotOp* goal);
+  void Continue(size_t count);
+  void Continue();
+  void Do(NativeRun::Work work, size_t count = 1);
+  void CallComparison(NativeRun::Comparison comparison);
+  void StoreCompared(bool is_stored);
+  void CompareWord(Label& differs);
+  bool EmitValues();
+  void FindTree(int kind);
+  void FindSlot(bool to_write);
+  void FindMember(bool to_write);
+  void UseSlot(bool is_loaded);
+  void WriteSlot(HotOperand kind, int offset);
+  void WriteSource(int file);
+  void BeginCall();
+  void Send();
+  void SendNumber(HotForm form);
+  void Call(NativeRun::Operation operation);
+  void NeedEntries(int count, int kind);
+  void NeedRoom();
+  void SetEntry(int distance, uint64_t head, uint64_t lengths);
+  void PushNumber(HotForm form);
+  void LoadRow(HotOperand kind, int position);
+  void JumpIfInteger(unsigned char orders, const HotOp* goal);
+  bool EmitOnStack();
+  bool EmitTruths(HotAction action);
+  void TellStack();
+  void CallWith(const void* operation);
+  void Transfer(NativeRun::Transfer transfer);
+  void Enter();
+  void TakeResult();
+  void UseSegment(const Reg64& used, int number);
+  void EmitRenew();
+  void EmitSubroutines();
+  void Return(NativeRun::Transfer transfer, Label* slow);
+
+  const HotCode* code;
+  const NativeRun* run;  // only while the code is made
+  const std::vector<HotOp>& list;
+  std::vector<Label> labels;  // by record
+  std::deque<Rare> rares;
+  size_t at = 0;  // the record that is made
+  const HotOp* op = nullptr;
+  Rare* leave = nullptr;  // where the loop runs the record
+  // What is tried before that. It does all the work of the record again, whatever was done.
+  Fallback fallback = Fallback::None;
+  const void* fallback_function = nullptr;
+  size_t fallback_count = 1;  // the records that it does
+  const HotOp* fallback_goal = nullptr;
+  std::vector<uint8_t> frames;  // what the unwinder knows of the code
+  void* frame_room[8] = {};
+  bool is_described = false;
+  Label exit;
+  Label renew;  // see EmitRenew(), and for the others EmitSubroutines()
+  Label find_number[2];
+  Label find_integer;
+  Label find_plain;
+  Label follow;
+  Label touch;
+  Label ends;  // an operation has told where the loop goes on
+};
+
+#endif
+#endif
