@@ -13,41 +13,38 @@
 #include <utility>
 #include <vector>
 
-namespace {
-
-// The family of an action that has one member for each pair of operands, counted from the first
-// family of its operation; -1 if it is of no such family.
-int FamilyOf(HotAction action, HotAction first, int families) {
-  const int pairs = static_cast<int>(HotAction::SubOfGlobalGlobal) -
-                    static_cast<int>(HotAction::AddOfGlobalGlobal);
-  const int distance = static_cast<int>(action) - static_cast<int>(first);
-  return distance >= 0 && distance < families * pairs ? distance / pairs : -1;
-}
-
-// Whether the action is one of four, one for each kind of index.
-bool IsAt(HotAction action, HotAction first) {
-  const int distance = static_cast<int>(action) - static_cast<int>(first);
-  return distance >= 0 && distance < 4;
-}
-
-}  // namespace
-
 bool NativeEmitter::Make() {
   Xbyak::ClearError();
   setDefaultJmpNEAR(true);
   EmitEntrance();
   EmitRenew();
   EmitSubroutines();
+  NoteStoredDoubles();
   std::vector<bool> known(list.size());
-  for (at = 0; at < list.size(); at++) {
+  const auto emit = [this, &known](size_t place) {
+    at = place;
     op = &list[at];
     leave = nullptr;
     fallback = Fallback::None;
-    L(labels[at]);
+    passed = 0;
+    EnterRecord(std::exchange(left_behind, -1));
     known[at] = Emit();
     if (!known[at]) jmp(Leave());
+  };
+  // What records do together with those before them comes after all that, so that the usual code
+  // has no jumps over it.
+  std::vector<size_t> later;
+  for (size_t place = 0; place < list.size(); place++) {
+    emit(place);
+    for (; passed > 0; passed--) later.push_back(++place);
+  }
+  is_aside = true;
+  for (size_t i = 0; i < later.size(); i++) {
+    emit(later[i]);
+    if (i + 1 == later.size() || later[i + 1] != later[i] + 1) jmp(labels[later[i] + 1]);
   }
   EmitRares();
+  EmitConstants();
   ready(PROTECT_RE);
   if (Xbyak::GetError() != Xbyak::ERR_NONE) return false;
   DescribeFrame();
@@ -58,6 +55,45 @@ bool NativeEmitter::Make() {
   rares.clear();
   labels.clear();
   return true;
+}
+
+// Binds the label of the record. If it begins with a temporary that the last record has left in
+// xmm0, those that come from elsewhere load it first.
+void NativeEmitter::EnterRecord(int arriving) {
+  in_register[0] = in_register[1] = -1;
+  const int first = is_aside ? -1 : FirstTemporary();
+  if (first < 0 || first != arriving) {
+    L(labels[at]);
+    return;
+  }
+  Rare* load = &AddRare([this, place = at, arriving](Rare& self) {
+    L(labels[place]);
+    movsd(xmm0, NumberAt(arriving));
+    jmp(self.back);
+  });
+  L(load->back);
+  in_register[0] = arriving;
+}
+
+// The temporary that the current record reads before all else; -1 if there is none.
+int NativeEmitter::FirstTemporary() const {
+  const HotAction action = op->action;
+  const auto is_of = [action](HotAction first, int families) {
+    return FamilyOf(action, first, families) >= 0;
+  };
+  const bool has_pair =
+      is_of(HotAction::AddOfGlobalGlobal, 4) || is_of(HotAction::AddToGlobalGlobal, 4) ||
+      is_of(HotAction::JumpIfLessGlobalGlobal, 6) || is_of(HotAction::CompareOfGlobalGlobal, 1) ||
+      action == HotAction::AndOf || action == HotAction::OrOf || action == HotAction::AndTo ||
+      action == HotAction::OrTo || action == HotAction::CompareTo || action == HotAction::CompareOf;
+  const bool has_index = IsAt(action, HotAction::LoadElementAtGlobal) ||
+                         IsAt(action, HotAction::MoveElementAtGlobal) ||
+                         IsAt(action, HotAction::FindElementAtGlobal) ||
+                         IsAt(action, HotAction::StoreElementAtGlobal);
+  // With a temporary at both sides that of the left is the first.
+  if (has_pair && op->left == HotOperand::Temporary) return op->first;
+  if ((has_pair || has_index) && op->right == HotOperand::Temporary) return op->second;
+  return -1;
 }
 
 // An operation may run out of memory, and the exception passes through the code. Its frame is the
@@ -178,12 +214,16 @@ bool NativeEmitter::Emit() {
     LoadNumber(xmm0, op->left, op->first);
     LoadNumber(xmm1, op->right, op->second);
     Calculate(family);
-    movsd(NumberAt(op->third), xmm0);
+    SetTemporary();
     return true;
   }
   family = FamilyOf(action, HotAction::AddToGlobalGlobal, 4);
   if (family >= 0) {
     SetFallback(&NativeRun::CalculateUnusual);
+    if (op->into == op->left && op->third == op->first && !HoldsInteger(op->left, op->first)) {
+      Accumulate(family);
+      return true;
+    }
     LoadNumber(xmm0, op->left, op->first);
     LoadNumber(xmm1, op->right, op->second);
     Calculate(family);
@@ -206,14 +246,14 @@ bool NativeEmitter::Emit() {
     LoadNumber(xmm0, op->left, op->first);
     LoadNumber(xmm1, op->right, op->second);
     Compare(op->orders);
-    movsd(NumberAt(op->third), xmm0);
+    SetTemporary();
     return true;
   }
   if (EmitTruths(action) || EmitOnStack()) return true;
   if (CalculateIntegers(action)) {
     xorps(xmm0, xmm0);
     cvtsi2sd(xmm0, edx);
-    movsd(NumberAt(op->third), xmm0);
+    SetTemporary();
     return true;
   }
   const int to_of = static_cast<int>(HotAction::ModTo) - static_cast<int>(HotAction::ModOf);
@@ -289,7 +329,7 @@ bool NativeEmitter::Emit() {
       LoadNumber(xmm0, op->left, op->first);
       LoadNumber(xmm1, op->right, op->second);
       Compare(op->orders);
-      movsd(NumberAt(op->third), xmm0);
+      SetTemporary();
       return true;
     case HotAction::JumpIfNumber:
       if (!compares) return false;

@@ -114,6 +114,20 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
     Label others[2];  // other places in the usual code to go back to
   };
 
+  // The family of an action that has one member for each pair of operands, counted from the first
+  // family of its operation; -1 if it is of no such family.
+  static int FamilyOf(HotAction action, HotAction first, int families) {
+    const int pairs = static_cast<int>(HotAction::SubOfGlobalGlobal) -
+                      static_cast<int>(HotAction::AddOfGlobalGlobal);
+    const int distance = static_cast<int>(action) - static_cast<int>(first);
+    return distance >= 0 && distance < families * pairs ? distance / pairs : -1;
+  }
+  // Whether the action is one of four, one for each kind of index.
+  static bool IsAt(HotAction action, HotAction first) {
+    const int distance = static_cast<int>(action) - static_cast<int>(first);
+    return distance >= 0 && distance < 4;
+  }
+
   template <typename Function>
   static uint64_t AddressOf(Function* function) {
     return reinterpret_cast<uint64_t>(function);
@@ -167,19 +181,27 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   Xbyak::Address Field(const Reg64& object, int distance) { return ptr[object + distance]; }
 
   void LoadConstant(const Xmm& number, double value);
+  Xbyak::Address Constant(uint64_t bits);
+  void EmitConstants();
   void LoadVariable(const Reg64& variable, HotOperand kind, int offset);
   void LoadNumber(const Xmm& number, HotOperand kind, int offset);
   bool HoldsInteger(HotOperand kind, int offset) const;
+  void NoteStoredDoubles();
   void LoadInteger(const Reg32& integer, HotOperand kind, int offset);
   void StoreNumber();
   Rare* StoreInTarget(const void* operation, int form);
   void MakeForm(int form, Label& unusual);
   void StoreInteger();
-  void SetTemporary(HotForm form);
+  void SetTemporary();
+  int FirstTemporary() const;
+  void EnterRecord(int arriving);
+  void Accumulate(int operation);
   void Calculate(int operation);
   bool CalculateIntegers(HotAction action);
   void Compare(unsigned char orders);
   void JumpIf(unsigned char orders, bool may_be_text, const HotOp* goal);
+  bool IsAhead(const HotOp* goal) const { return goal > &list[at]; }
+  Label& LabelOf(const HotOp* record) { return labels[static_cast<size_t>(record - list.data())]; }
   void GoTo(const HotOp* goal);
   void Continue(size_t count);
   void Continue();
@@ -221,7 +243,22 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   const std::vector<HotOp>& list;
   std::vector<Label> labels;  // by record
   std::deque<Rare> rares;
-  size_t at = 0;  // the record that is made
+  // A number in memory, with 8 bytes of 0 after it.
+  struct PoolNumber {
+    uint64_t bits;
+    Label label;
+  };
+  std::deque<PoolNumber> constants;
+  // The variables, by table and position, that records of the code store doubles in.
+  std::vector<bool> stored_doubles[2];
+  size_t at = 0;          // the record that is made
+  size_t passed = 0;      // the records after it that the usual code has done with it
+  bool is_aside = false;  // the code that is made is not in the row of the usual code
+  // A temporary may be in xmm0, too, on the way from a record to the next one: the offset of that
+  // which the last record has left there, and of those that are in xmm0 and xmm1 while the current
+  // record has not changed these. -1 for none.
+  int left_behind = -1;
+  int in_register[2] = {-1, -1};
   const HotOp* op = nullptr;
   Rare* leave = nullptr;  // where the loop runs the record
   // What is tried before that. It does all the work of the record again, whatever was done.

@@ -12,20 +12,23 @@
 
 // Continues at another record.
 void NativeEmitter::GoTo(const HotOp* goal) {
-  const auto place = static_cast<size_t>(goal - list.data());
-  if (place > at) {
-    jmp(labels[place]);
+  if (IsAhead(goal)) {
+    jmp(LabelOf(goal));
     return;
   }
   // The host's flags are polled at jumps back.
   dec(dword[rbx + kPatience]);
-  jnz(labels[place]);
+  jnz(LabelOf(goal));
   mov(rax, reinterpret_cast<uint64_t>(goal));
   jmp(exit);
 }
 
 void NativeEmitter::Continue(size_t count) {
-  if (count > 1) jmp(labels[at + count]);
+  if (is_aside) {
+    jmp(labels[at + count]);
+  } else {
+    passed = count - 1;
+  }
 }
 
 // Continues at the machine code in rax.
@@ -48,6 +51,24 @@ void NativeEmitter::JumpIf(unsigned char orders, bool may_be_text, const HotOp* 
     ucomisd(xmm1, xmm0);
   }
   if (may_be_text) jp(Leave());
+  if (IsAhead(goal)) {
+    Label& there = LabelOf(goal);
+    switch (orders) {
+      case 1: ja(there); break;
+      case 3: jae(there); break;
+      case 4: jb(there); break;
+      case 6: jbe(there); break;
+      case 2:
+        if (!may_be_text) jp(next);
+        je(there);
+        break;
+      default:
+        if (!may_be_text) jp(there);
+        jne(there);
+    }
+    L(next);
+    return;
+  }
   switch (orders) {
     case 1: jbe(next); break;
     case 3: jb(next); break;
@@ -71,6 +92,18 @@ void NativeEmitter::JumpIf(unsigned char orders, bool may_be_text, const HotOp* 
 // A jump to the goal if eax or edx, which was compared, has one of these orders to what it was
 // compared with.
 void NativeEmitter::JumpIfInteger(unsigned char orders, const HotOp* goal) {
+  if (IsAhead(goal)) {
+    Label& there = LabelOf(goal);
+    switch (orders) {
+      case 1: jl(there); break;
+      case 2: je(there); break;
+      case 3: jle(there); break;
+      case 4: jg(there); break;
+      case 5: jne(there); break;
+      default: jge(there); break;
+    }
+    return;
+  }
   Label next;
   switch (orders) {
     case 1: jge(next); break;
@@ -88,9 +121,7 @@ void NativeEmitter::JumpIfInteger(unsigned char orders, const HotOp* goal) {
 void NativeEmitter::Compare(unsigned char orders) {
   static constexpr uint8_t kPredicates[] = {0, 1, 0, 2, 6, 4, 5, 0};
   cmpsd(xmm0, xmm1, kPredicates[orders & 7]);
-  mov(rax, std::bit_cast<uint64_t>(1.0));
-  movq(xmm1, rax);
-  andpd(xmm0, xmm1);
+  andpd(xmm0, Constant(std::bit_cast<uint64_t>(1.0)));
 }
 
 void NativeEmitter::WriteSource(int file) {

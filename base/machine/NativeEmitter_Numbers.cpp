@@ -20,8 +20,25 @@ void NativeEmitter::LoadConstant(const Xmm& number, double value) {
     xorps(number, number);
     return;
   }
-  mov(rax, std::bit_cast<uint64_t>(value));
-  movq(number, rax);
+  movsd(number, Constant(std::bit_cast<uint64_t>(value)));
+}
+
+// Where the code finds a number.
+Xbyak::Address NativeEmitter::Constant(uint64_t bits) {
+  for (PoolNumber& known : constants) {
+    if (known.bits == bits) return ptr[rip + known.label];
+  }
+  constants.push_back({bits, {}});
+  return ptr[rip + constants.back().label];
+}
+
+void NativeEmitter::EmitConstants() {
+  align(16);
+  for (PoolNumber& constant : constants) {
+    L(constant.label);
+    dq(constant.bits);
+    dq(0);
+  }
 }
 
 // A variable that is there.
@@ -32,6 +49,14 @@ void NativeEmitter::LoadVariable(const Reg64& variable, HotOperand kind, int off
 }
 
 void NativeEmitter::LoadNumber(const Xmm& number, HotOperand kind, int offset) {
+  const bool is_there = kind == HotOperand::Temporary && in_register[number.getIdx()] == offset;
+  // The left operand of a record is loaded first.
+  if (number.getIdx() == 0 && in_register[0] >= 0 && !is_there) {
+    movaps(xmm1, xmm0);
+    in_register[1] = in_register[0];
+  }
+  if (number.getIdx() == 0) in_register[0] = -1;
+  if (is_there) return;
   if (kind == HotOperand::Temporary || kind == HotOperand::Place) {
     movsd(number, NumberAt(offset));
     return;
@@ -41,38 +66,65 @@ void NativeEmitter::LoadNumber(const Xmm& number, HotOperand kind, int offset) {
     return;
   }
   LoadVariable(rcx, kind, offset);
-  Rare* rare = &AddRare([this, index = number.getIdx(), &unusual = Leave()](Rare& self) {
-    call(find_number[index]);
+  const bool is_integer = HoldsInteger(kind, offset);
+  const auto read = [this, number](bool as_integer) {
+    if (as_integer) {
+      xorps(number, number);
+      cvtsi2sd(number, dword[rcx + OfVariable::integer]);
+    } else {
+      movsd(number, Field(rcx, OfVariable::number));
+    }
+  };
+  const auto state_of = [](bool as_integer) {
+    return as_integer ? OfVariable::integer_alone : OfVariable::double_alone;
+  };
+  Rare* rare = &AddRare([this, number, read, other = !is_integer,
+                         other_state = state_of(!is_integer), &unusual = Leave()](Rare& self) {
+    Label neither;
+    cmp(dword[rcx + OfVariable::state], other_state);
+    jne(neither);
+    read(other);
+    jmp(self.back);
+    L(neither);
+    call(find_number[number.getIdx()]);
     jc(unusual);
     jmp(self.back);
   });
-  if (HoldsInteger(kind, offset)) {
-    cmp(dword[rcx + OfVariable::state], OfVariable::integer_alone);
-    jne(rare->label);
-    xorps(number, number);
-    cvtsi2sd(number, dword[rcx + OfVariable::integer]);
-  } else {
-    cmp(dword[rcx + OfVariable::state], OfVariable::double_alone);
-    jne(rare->label);
-    movsd(number, Field(rcx, OfVariable::number));
-  }
+  cmp(dword[rcx + OfVariable::state], state_of(is_integer));
+  jne(rare->label);
+  read(is_integer);
   L(rare->back);
 }
 
-// Whether the operand is an integer now, so that it will be one often.
+// Whether the operand will often be an integer: because it is one now, and the code does not
+// calculate it.
 bool NativeEmitter::HoldsInteger(HotOperand kind, int offset) const {
   const auto table = static_cast<size_t>(kind);
-  if (kind > HotOperand::Local ||
-      static_cast<unsigned>(HotOp::PositionOf(offset)) >= run->counts[table]) {
-    return false;
-  }
+  if (kind > HotOperand::Local) return false;
+  const auto position = static_cast<size_t>(HotOp::PositionOf(offset));
+  if (position >= run->counts[table] || stored_doubles[table][position]) return false;
   const Variable* const variable = hot::VariableIn(run->rows[table], offset);
   return variable && variable->HoldsInteger();
 }
 
+void NativeEmitter::NoteStoredDoubles() {
+  for (size_t table = 0; table < 2; table++) stored_doubles[table].resize(run->counts[table]);
+  for (const HotOp& record : list) {
+    if (FamilyOf(record.action, HotAction::AddToGlobalGlobal, 4) < 0) continue;
+    const auto position = static_cast<size_t>(HotOp::PositionOf(record.third));
+    std::vector<bool>& stored = stored_doubles[static_cast<size_t>(record.into)];
+    if (position < stored.size()) stored[position] = true;
+  }
+}
+
 void NativeEmitter::LoadInteger(const Reg32& integer, HotOperand kind, int offset) {
   if (kind == HotOperand::Temporary) {
-    cvttsd2si(integer, NumberAt(offset));
+    if (in_register[0] == offset) {
+      cvttsd2si(integer, xmm0);
+    } else {
+      cvttsd2si(integer, NumberAt(offset));
+    }
+    in_register[0] = -1;
     return;
   }
   if (kind == HotOperand::Constant) {
@@ -166,41 +218,36 @@ void NativeEmitter::EmitSubroutines() {
   }
   {
     // rcx <- the plain variable that the reference in rcx refers to.
-    Label chain, longer, walk, found, look, fails;
+    Label longer, search, fails;
     L(find_plain);
     mov(rax, Field(rcx, OfVariable::reference));
     test(rax, rax);
     jz(fails);
-    cmp(qword[rax + OfVariable::reference], 0);
-    jne(chain);
-    L(found);
+    test(dword[rax + OfVariable::state], OfVariable::not_plain);  // clears the carry
+    jnz(longer);
     mov(rcx, rax);
-    L(look);
-    test(dword[rcx + OfVariable::state], OfVariable::not_plain);  // clears the carry
-    jnz(fails);
     ret();
-    // Where a chain of more than two ends is remembered, see Variable::Final().
-    L(chain);
-    mov(rdi, Field(rax, OfVariable::reference));
-    cmp(qword[rdi + OfVariable::reference], 0);
-    jne(longer);
-    mov(rcx, rdi);
-    jmp(look);
+    // Where a chain ends is remembered, see Variable::Final().
     L(longer);
     mov(rdi, ptr[rbx + static_cast<int>(offsetof(NativeRun, reference_changes))]);
     mov(edi, dword[rdi]);
     cmp(edi, dword[rcx + OfVariable::integer]);
-    jne(walk);
-    test(dword[rcx + OfVariable::state], OfVariable::reached);
-    jnz(walk);
+    jne(search);
+    cmp(dword[rcx + OfVariable::state], OfVariable::reference_alone);
+    jne(search);
     mov(rax, Field(rcx, OfVariable::number));
     test(rax, rax);
-    jz(walk);
-    cmp(qword[rax + OfVariable::reference], 0);
-    je(found);
-    L(walk);
+    jz(search);
+    test(dword[rax + OfVariable::state], OfVariable::not_plain);
+    jnz(search);
+    mov(rcx, rax);
+    ret();
+    L(search);
     call(follow);
-    jnc(look);
+    jc(fails);
+    test(dword[rcx + OfVariable::state], OfVariable::not_plain);
+    jnz(fails);
+    ret();
     L(fails);
     stc();
     ret();
@@ -227,6 +274,7 @@ void NativeEmitter::EmitSubroutines() {
     ret();
     L(longer);
     movsd(ptr[rbx + kHeld], xmm0);
+    movsd(ptr[rbx + kHeld + 24], xmm1);
     mov(ptr[rbx + kHeld + 8], rdx);
     mov(ptr[rbx + kHeld + 16], rsi);
     mov(rdi, rcx);
@@ -234,6 +282,7 @@ void NativeEmitter::EmitSubroutines() {
     call(rax);
     mov(rcx, rax);
     movsd(xmm0, ptr[rbx + kHeld]);
+    movsd(xmm1, ptr[rbx + kHeld + 24]);
     mov(rdx, ptr[rbx + kHeld + 8]);
     mov(rsi, ptr[rbx + kHeld + 16]);
     clc();
@@ -317,6 +366,42 @@ void NativeEmitter::MakeForm(int form, Label& unusual) {
   cmp(qword[rcx + OfVariable::elements], 0);
   jne(unusual);
   mov(dword[rcx + OfVariable::state], form);
+}
+
+// The temporary of the record, and xmm0 at the next record, have the number in xmm0.
+void NativeEmitter::SetTemporary() {
+  movsd(NumberAt(op->third), xmm0);
+  left_behind = op->third;
+}
+
+// The record's calculation if its target is its left operand, too, which is expected to have a
+// double: that is written where it was read.
+void NativeEmitter::Accumulate(int operation) {
+  Rare* rare = &AddRare(
+      [this, operation, record = op, place = at, &unusual = Leave(), leaves = leave](Rare& self) {
+        op = record;
+        at = place;
+        leave = leaves;
+        call(find_number[0]);
+        jc(unusual);
+        Calculate(operation);
+        StoreNumber();
+        jmp(self.back);
+      });
+  if (in_register[0] >= 0) {
+    movaps(xmm1, xmm0);
+    in_register[0] = -1;
+  } else {
+    LoadNumber(xmm1, op->right, op->second);
+  }
+  LoadVariable(rcx, op->left, op->first);
+  cmp(dword[rcx + OfVariable::state], OfVariable::double_alone);
+  jne(rare->label);
+  movsd(xmm0, Field(rcx, OfVariable::number));
+  Calculate(operation);
+  movsd(Field(rcx, OfVariable::number), xmm0);
+  mov(dword[rcx + OfVariable::primary], PrimaryDouble);
+  L(rare->back);
 }
 
 // xmm0 <- xmm0 and xmm1, by the place of the operation in the list of actions.
@@ -420,14 +505,12 @@ bool NativeEmitter::EmitTruths(HotAction action) {
       orpd(xmm0, xmm1);
     }
   }
-  mov(rax, std::bit_cast<uint64_t>(1.0));
-  movq(xmm1, rax);
-  andpd(xmm0, xmm1);
+  andpd(xmm0, Constant(std::bit_cast<uint64_t>(1.0)));
   if (is_stored) {
     cvttsd2si(edx, xmm0);
     StoreInteger();
   } else {
-    movsd(NumberAt(op->third), xmm0);
+    SetTemporary();
   }
   return true;
 }

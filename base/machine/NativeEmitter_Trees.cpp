@@ -112,40 +112,40 @@ void NativeEmitter::FindMember(bool to_write) {
 void NativeEmitter::UseSlot(bool is_loaded) {
   Label is_integer;
   // It has a variable.
-  Rare* rare = &AddRare([this, record = op, is_loaded, &unusual_goal = Leave()](Rare& self) {
-    Label no_double, other;
-    cmp(dword[rax + OfVariable::state], OfVariable::double_alone);
-    jne(no_double);
-    cmp(dword[rax + OfVariable::primary], PrimaryDouble);
-    jne(other);
-    movsd(xmm0, Field(rax, OfVariable::number));
-    if (is_loaded) mov(qword[rbx + kTemporaries + record->third], 0);
-    jmp(self.others[0]);
-    L(no_double);
-    cmp(dword[rax + OfVariable::state], OfVariable::integer_alone);
-    jne(other);
-    cmp(dword[rax + OfVariable::primary], PrimaryInteger);
-    jne(other);
-    mov(edx, dword[rax + OfVariable::integer]);
-    jmp(self.others[1]);
-    L(other);
-    mov(ptr[rbx + kTop], rbp);
-    mov(rdi, rbx);
-    mov(rsi, reinterpret_cast<uint64_t>(record));
-    mov(rdx, rax);
-    mov(rax, is_loaded ? AddressOf(&NativeRun::LoadFrom) : AddressOf(&NativeRun::MoveFrom));
-    call(rax);
-    test(al, al);
-    jz(unusual_goal);
-    jmp(self.back);
-  });
+  Rare* rare = &AddRare(
+      [this, record = op, is_loaded, &next = labels[at + 1], &unusual_goal = Leave()](Rare& self) {
+        Label no_double, other;
+        cmp(dword[rax + OfVariable::state], OfVariable::double_alone);
+        jne(no_double);
+        cmp(dword[rax + OfVariable::primary], PrimaryDouble);
+        jne(other);
+        movsd(xmm0, Field(rax, OfVariable::number));
+        if (is_loaded) mov(qword[rbx + kTemporaries + record->third], 0);
+        jmp(self.others[0]);
+        L(no_double);
+        cmp(dword[rax + OfVariable::state], OfVariable::integer_alone);
+        jne(other);
+        cmp(dword[rax + OfVariable::primary], PrimaryInteger);
+        jne(other);
+        mov(edx, dword[rax + OfVariable::integer]);
+        jmp(self.others[1]);
+        L(other);
+        mov(ptr[rbx + kTop], rbp);
+        mov(rdi, rbx);
+        mov(rsi, reinterpret_cast<uint64_t>(record));
+        mov(rdx, rax);
+        mov(rax, is_loaded ? AddressOf(&NativeRun::LoadFrom) : AddressOf(&NativeRun::MoveFrom));
+        call(rax);
+        test(al, al);
+        jz(unusual_goal);
+        jmp(next);
+      });
   mov(rdx, rax);
   shr(rdx, 49);
   jz(rare->label);
   cmp(edx, static_cast<int>(OfSlot::integer_tag >> 49));
   je(is_integer);
-  mov(rdx, OfSlot::double_offset);
-  sub(rax, rdx);
+  sub(rax, Constant(OfSlot::double_offset));
   movq(xmm0, rax);
   L(rare->others[0]);
   if (is_loaded) {
@@ -163,6 +163,7 @@ void NativeEmitter::UseSlot(bool is_loaded) {
     cvtsi2sd(xmm0, edx);
     movsd(NumberAt(op->third), xmm0);
     mov(FormAt(op->third), kIntegerForm);
+    left_behind = op->third;
   } else {
     StoreInteger();
   }

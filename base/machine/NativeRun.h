@@ -26,7 +26,7 @@ struct NativeRun {
   // Set by an operation that ends the run, too: the loop is to run the group of op by its
   // instructions.
   bool is_misfit = false;
-  void* held[3];  // registers during the call of an operation
+  void* held[4];  // registers during the call of an operation
   hot::Temporaries temporaries;
 
   // --- Calls, also of the loop -------------------------------------------------------------------
