@@ -57,12 +57,11 @@ bool NativeEmitter::Make() {
   return true;
 }
 
-// Binds the label of the record. If it begins with a temporary that the last record has left in
+// Binds the label of the record. If it begins with the temporary that the last record has left in
 // xmm0, those that come from elsewhere load it first.
 void NativeEmitter::EnterRecord(int arriving) {
   in_register[0] = in_register[1] = -1;
-  const int first = is_aside ? -1 : FirstTemporary();
-  if (first < 0 || first != arriving) {
+  if (is_aside || arriving < 0 || !BeginsWith(arriving)) {
     L(labels[at]);
     return;
   }
@@ -75,25 +74,31 @@ void NativeEmitter::EnterRecord(int arriving) {
   in_register[0] = arriving;
 }
 
-// The temporary that the current record reads before all else; -1 if there is none.
-int NativeEmitter::FirstTemporary() const {
+// Whether the current record reads a temporary before it changes xmm0.
+bool NativeEmitter::BeginsWith(int temporary) const {
   const HotAction action = op->action;
   const auto is_of = [action](HotAction first, int families) {
     return FamilyOf(action, first, families) >= 0;
   };
+  const auto is_between = [action](HotAction first, HotAction last) {
+    return action >= first && action <= last;
+  };
+  const bool is_left = op->left == HotOperand::Temporary && op->first == temporary;
+  const bool is_right = op->right == HotOperand::Temporary && op->second == temporary;
+  if (IsAt(action, HotAction::LoadElementAtGlobal) ||
+      IsAt(action, HotAction::MoveElementAtGlobal) ||
+      IsAt(action, HotAction::FindElementAtGlobal) ||
+      IsAt(action, HotAction::StoreElementAtGlobal)) {
+    return is_right;
+  }
   const bool has_pair =
       is_of(HotAction::AddOfGlobalGlobal, 4) || is_of(HotAction::AddToGlobalGlobal, 4) ||
       is_of(HotAction::JumpIfLessGlobalGlobal, 6) || is_of(HotAction::CompareOfGlobalGlobal, 1) ||
-      action == HotAction::AndOf || action == HotAction::OrOf || action == HotAction::AndTo ||
-      action == HotAction::OrTo || action == HotAction::CompareTo || action == HotAction::CompareOf;
-  const bool has_index = IsAt(action, HotAction::LoadElementAtGlobal) ||
-                         IsAt(action, HotAction::MoveElementAtGlobal) ||
-                         IsAt(action, HotAction::FindElementAtGlobal) ||
-                         IsAt(action, HotAction::StoreElementAtGlobal);
-  // With a temporary at both sides that of the left is the first.
-  if (has_pair && op->left == HotOperand::Temporary) return op->first;
-  if ((has_pair || has_index) && op->right == HotOperand::Temporary) return op->second;
-  return -1;
+      is_between(HotAction::ModOf, HotAction::ShiftRightOf) ||
+      is_between(HotAction::ModTo, HotAction::ShiftRightTo) || action == HotAction::AndOf ||
+      action == HotAction::OrOf || action == HotAction::AndTo || action == HotAction::OrTo ||
+      action == HotAction::CompareTo || action == HotAction::CompareOf;
+  return has_pair && (is_left || is_right);
 }
 
 // An operation may run out of memory, and the exception passes through the code. Its frame is the

@@ -75,6 +75,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   using Reg64 = Xbyak::Reg64;
   using Xmm = Xbyak::Xmm;
   using OfElements = NativeLayout::OfElements;
+  using OfEntry = NativeLayout::OfEntry;
   using OfFrame = NativeLayout::OfFrame;
   using OfMachine = NativeLayout::OfMachine;
   using OfMembers = NativeLayout::OfMembers;
@@ -193,7 +194,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void MakeForm(int form, Label& unusual);
   void StoreInteger();
   void SetTemporary();
-  int FirstTemporary() const;
+  bool BeginsWith(int temporary) const;
   void EnterRecord(int arriving);
   void Accumulate(int operation);
   void Calculate(int operation);
@@ -220,7 +221,9 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void Send();
   void SendNumber(HotForm form);
   void Call(NativeRun::Operation operation);
+  void NeedStack(int count);
   void NeedEntries(int count, int kind);
+  void LoadEntries(int count);
   void NeedRoom();
   void SetEntry(int distance, uint64_t head, uint64_t lengths);
   void PushNumber(HotForm form);
@@ -272,6 +275,8 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   Label exit;
   Label renew;  // see EmitRenew(), and for the others EmitSubroutines()
   Label find_number[2];
+  Label read_entry[2];
+  Label drop_entry;
   Label find_integer;
   Label find_plain;
   Label follow;

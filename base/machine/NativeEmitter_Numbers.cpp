@@ -124,7 +124,6 @@ void NativeEmitter::LoadInteger(const Reg32& integer, HotOperand kind, int offse
     } else {
       cvttsd2si(integer, NumberAt(offset));
     }
-    in_register[0] = -1;
     return;
   }
   if (kind == HotOperand::Constant) {
@@ -184,6 +183,47 @@ void NativeEmitter::EmitSubroutines() {
     ret();
     L(fails);
     stc();
+    ret();
+  }
+  // xmm0 or xmm1 <- the number of the entry in rdi, which is an integer, a double or a variable
+  // that others hold, too.
+  for (int i = 0; i < 2; i++) {
+    const Xmm number(i);
+    Label is_double, is_variable, fails;
+    L(read_entry[i]);
+    mov(rax, ptr[rdi]);
+    cmp(eax, ZephVM_Stack::KindDouble);
+    je(is_double);
+    cmp(eax, ZephVM_Stack::KindInteger);
+    jne(is_variable);
+    xorps(number, number);
+    cvtsi2sd(number, dword[rdi + kEntryValue]);
+    clc();
+    ret();
+    L(is_double);
+    movsd(number, ptr[rdi + kEntryValue]);
+    clc();
+    ret();
+    L(is_variable);
+    mov(rcx, OfEntry::owned_variable);
+    cmp(rax, rcx);
+    jne(fails);
+    mov(rcx, ptr[rdi + kEntryValue]);
+    cmp(dword[rcx + OfVariable::holders], 1);
+    jg(find_number[i]);
+    L(fails);
+    stc();
+    ret();
+  }
+  {
+    // Frees what an entry that was read holds.
+    Label done;
+    L(drop_entry);
+    cmp(dword[rdi], ZephVM_Stack::KindVariable);
+    jne(done);
+    mov(rcx, ptr[rdi + kEntryValue]);
+    dec(dword[rcx + OfVariable::holders]);
+    L(done);
     ret();
   }
   {
@@ -337,9 +377,14 @@ void NativeEmitter::StoreInteger() {
 // result's back.
 NativeEmitter::Rare* NativeEmitter::StoreInTarget(const void* operation, int form) {
   Rare* const rare = &AddRare([this, record = op, operation, form, &unusual = Leave()](Rare& self) {
-    Label other;
+    Label plain, other;
     test(rcx, rcx);
     jz(other);
+    cmp(dword[rcx + OfVariable::state], OfVariable::reference_alone);
+    jne(plain);
+    call(find_plain);
+    jc(other);
+    L(plain);
     MakeForm(form, other);
     jmp(self.others[0]);
     L(other);
@@ -440,6 +485,14 @@ bool NativeEmitter::CalculateIntegers(HotAction action) {
     default: return false;
   }
   if (!one) LoadInteger(edx, op->left, op->first);
+  if (action == HotAction::ModOf && op->right == HotOperand::Constant && op->second != 0 &&
+      op->second != -1) {
+    mov(eax, edx);
+    mov(esi, op->second);
+    cdq();
+    idiv(esi);
+    return true;
+  }
   LoadInteger(esi, op->right, op->second);
   switch (action) {
     case HotAction::ModOf: {

@@ -8,8 +8,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// Leaves unless the stack has that many entries, which are then of these kinds.
-void NativeEmitter::NeedEntries(int count, int kind) {
+// Leaves unless the stack has that many entries.
+void NativeEmitter::NeedStack(int count) {
   mov(rax, Field(r15, OfMachine::stack));
   if (count == 1) {
     cmp(rbp, Field(rax, OfStack::entries));
@@ -18,10 +18,47 @@ void NativeEmitter::NeedEntries(int count, int kind) {
     cmp(rcx, Field(rax, OfStack::entries));
   }
   jbe(Leave());
+}
+
+// The same, and unless these are of a kind.
+void NativeEmitter::NeedEntries(int count, int kind) {
+  NeedStack(count);
   for (int i = 1; i <= count; i++) {
     cmp(dword[rbp - i * kEntry], kind);
     jne(Leave());
   }
+}
+
+// xmm0 <- the number of the last entry, or xmm0 and xmm1 <- those of the last two, which have
+// nothing to free afterwards. The lower one is a double then.
+void NativeEmitter::LoadEntries(int count) {
+  NeedStack(count);
+  Rare* rare = &AddRare([this, count, &unusual = Leave()](Rare& self) {
+    if (count == 2) {
+      // The same variable twice may have no other holder.
+      mov(rax, ptr[rbp - kEntry + kEntryValue]);
+      cmp(rax, ptr[rbp - 2 * kEntry + kEntryValue]);
+      je(unusual);
+    }
+    for (int i = 0; i < count; i++) {
+      lea(rdi, ptr[rbp - (count - i) * kEntry]);
+      call(read_entry[i]);
+      jc(unusual);
+    }
+    for (int i = 0; i < count; i++) {
+      lea(rdi, ptr[rbp - (count - i) * kEntry]);
+      call(drop_entry);
+    }
+    SetEntry(static_cast<int>(-count * kEntry), ZephVM_Stack::KindDouble, kDoubleLengths);
+    movsd(ptr[rbp - count * kEntry + kEntryValue], xmm0);
+    jmp(self.back);
+  });
+  for (int i = 0; i < count; i++) {
+    cmp(dword[rbp - (count - i) * kEntry], ZephVM_Stack::KindDouble);
+    jne(rare->label);
+    movsd(Xmm(i), ptr[rbp - (count - i) * kEntry + kEntryValue]);
+  }
+  L(rare->back);
 }
 
 void NativeEmitter::NeedRoom() {
@@ -73,9 +110,7 @@ bool NativeEmitter::EmitOnStack() {
   };
   if (is_between(HotAction::Add, HotAction::Div)) {
     SetFallback(&NativeRun::CalculateOnStack);
-    NeedEntries(2, number);
-    movsd(xmm0, ptr[rbp - 2 * kEntry + kEntryValue]);
-    movsd(xmm1, ptr[rbp - kEntry + kEntryValue]);
+    LoadEntries(2);
     Calculate(distance(HotAction::Add));
     sub(rbp, kEntry);
     movsd(ptr[rbp - kEntry + kEntryValue], xmm0);
@@ -85,7 +120,6 @@ bool NativeEmitter::EmitOnStack() {
       is_between(HotAction::AddVariable, HotAction::DivVariable)) {
     const bool is_constant = action <= HotAction::DivConstant;
     NeedRoom();
-    NeedEntries(1, number);
     if (is_constant) {
       LoadConstant(xmm1, op->number);
     } else {
@@ -93,16 +127,14 @@ bool NativeEmitter::EmitOnStack() {
       jbe(Leave());
       LoadNumber(xmm1, op->left, HotOp::Offset(op->first));
     }
-    movsd(xmm0, ptr[rbp - kEntry + kEntryValue]);
+    LoadEntries(1);
     Calculate(distance(is_constant ? HotAction::AddConstant : HotAction::AddVariable));
     movsd(ptr[rbp - kEntry + kEntryValue], xmm0);
     Continue(2);
     return true;
   }
   if (is_between(HotAction::Equal, HotAction::GreaterEqual)) {
-    NeedEntries(2, number);
-    movsd(xmm0, ptr[rbp - 2 * kEntry + kEntryValue]);
-    movsd(xmm1, ptr[rbp - kEntry + kEntryValue]);
+    LoadEntries(2);
     Compare(HotGroup::OrdersOf(action));
     cvttsd2si(edx, xmm0);
     sub(rbp, 2 * kEntry);
@@ -115,10 +147,9 @@ bool NativeEmitter::EmitOnStack() {
     const unsigned char orders = HotGroup::JumpOrders(HotGroup::OrdersOf(comparison), op[2].orders);
     if (orders == 0 || orders > 6) return false;
     NeedRoom();
-    NeedEntries(1, number);
     LoadConstant(xmm1, op->number);
+    LoadEntries(1);
     sub(rbp, kEntry);
-    movsd(xmm0, ptr[rbp + kEntryValue]);
     JumpIf(orders, false, op[2].target);
     Continue(3);
     return true;
@@ -158,18 +189,49 @@ bool NativeEmitter::EmitOnStack() {
                static_cast<uint32_t>(op->length) | static_cast<uint64_t>(op->length) << 32);
       add(rbp, kEntry);
       return true;
-    case HotAction::PushVariable: Call(&NativeRun::PushVariable); return true;
-    case HotAction::PopVariable:
-      SetFallback<&NativeRun::PopVariable>();
-      NeedEntries(1, number);
+    case HotAction::PushVariable:
+      SetFallback(&NativeRun::PushVariable);
+      NeedRoom();
       LoadRow(op->left, op->first);
+      cmp(dword[rcx + OfVariable::state], OfVariable::asleep);
+      je(Leave());
+      inc(dword[rcx + OfVariable::holders]);
+      mov(ptr[rbp + kEntryValue], rcx);
+      SetEntry(0, OfEntry::owned_variable, kDoubleLengths);
+      add(rbp, kEntry);
+      return true;
+    case HotAction::PopVariable: {
+      SetFallback<&NativeRun::PopVariable>();
+      Rare* other = &AddRare([this, &unusual = Leave()](Rare& self) {
+        Label as_integer;
+        cmp(dword[rbp - kEntry], ZephVM_Stack::KindInteger);
+        je(as_integer);
+        cmp(dword[rbp - kEntry], ZephVM_Stack::KindDouble);
+        jne(unusual);
+        MakeForm(OfVariable::double_alone, unusual);
+        jmp(self.others[0]);
+        L(as_integer);
+        MakeForm(OfVariable::integer_alone, unusual);
+        sub(rbp, kEntry);
+        mov(eax, ptr[rbp + kEntryValue]);
+        mov(dword[rcx + OfVariable::integer], eax);
+        mov(dword[rcx + OfVariable::primary], PrimaryInteger);
+        jmp(self.back);
+      });
+      NeedStack(1);
+      LoadRow(op->left, op->first);
+      cmp(dword[rbp - kEntry], number);
+      jne(other->label);
       cmp(dword[rcx + OfVariable::state], OfVariable::double_alone);
-      jne(Leave());
+      jne(other->label);
+      L(other->others[0]);
       sub(rbp, kEntry);
       mov(rax, ptr[rbp + kEntryValue]);
       mov(Field(rcx, OfVariable::number), rax);
       mov(dword[rcx + OfVariable::primary], PrimaryDouble);
+      L(other->back);
       return true;
+    }
     case HotAction::Pop:
       SetFallback(&NativeRun::Pop);
       mov(rax, Field(r15, OfMachine::stack));
@@ -203,6 +265,20 @@ bool NativeEmitter::EmitOnStack() {
       Continue(4);
       return true;
     }
+    case HotAction::CompareConstant:
+      // The order as -1, 0 or 1.
+      NeedRoom();
+      LoadNumber(xmm0, HotOperand::Global, HotOp::Offset(op->first));
+      LoadConstant(xmm1, op->second);
+      xor_(edx, edx);
+      xor_(eax, eax);
+      ucomisd(xmm0, xmm1);
+      jp(Leave());
+      seta(dl);
+      setb(al);
+      sub(edx, eax);
+      PushNumber(HotForm::Integer);
+      return true;
     case HotAction::CompareConstantJump: {
       const unsigned char orders = op[1].orders;
       if (orders == 0 || orders > 6) return false;

@@ -79,6 +79,10 @@ struct NativeLayout {
     static constexpr uint64_t double_offset = DenseSlot::DoubleOffset;
     static constexpr uint64_t integer_tag = DenseSlot::IntegerTag;
   };
+  struct OfEntry {
+    static constexpr uint64_t owned_variable =
+        ZephVM_Stack::KindVariable | ZephVM_Stack::Stack_Entry::OwnedMark;
+  };
   struct OfMachine {
     static constexpr int frame = offsetof(ZephVM, frame);
     static constexpr int stack = offsetof(ZephVM, stack);

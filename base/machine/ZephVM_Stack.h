@@ -151,6 +151,7 @@ class ZephVM_Stack {
     }
 
    private:
+    friend struct NativeLayout;
     static constexpr uint64_t OwnedMark = uint64_t{1} << 32;     // deletable
     static constexpr uint64_t PrivateMark = uint64_t{1} << 40;   // private_copy
     static constexpr uint64_t DeferredMark = uint64_t{1} << 48;  // deferred

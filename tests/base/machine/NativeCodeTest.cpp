@@ -270,6 +270,25 @@ TEST(NativeCode, AVariableMayChangeItsKindInALoop) {
         "pushg row\npushi 3\nelem_readonly\npop" + v + "\n" + push + "out\n",
         "pushi 2\ncall same\npop" + v + "\n" + push + "out\n",
         push + "out\n",
+        // It is the target, too.
+        push + "pushi 1\nadd\npop" + v + "\n" + push + "out\n",
+        push + push + "add\npop" + v + "\n" + push + "out\n",
+        push + "pushg i\npushi 2\nmul\nsub\npop" + v + "\n" + push + "out\n",
+        push + "pushg zero\ndiv\npop" + v + "\n" + push + "out\n",
+        // The first of some operations, which use each other's outcome.
+        push + "pushi 1\nadd\npushi 2\nmul\npushg i\nsub\nout\n",
+        "pushg i\n" + push + "pushi 1\nadd\nsub\nout\n",
+        push + "pushi 3\nlt\n" + push + "pushi 1\ngt\nor\nout\n",
+        "pushg row\n" + push + "pushi 4\nsub\nelem_readonly\nout\n",
+        "pushg row\n" + push + "pushi 4\nsub\nelem_readonly\n" + push + "add\npop" + v + "\n" +
+            push + "out\n",
+        // On the stack, with the result of a call.
+        push + "call seven\nadd\nout\n",
+        "call seven\n" + push + "sub\npop" + v + "\n" + push + "out\n",
+        push + "call seven\npop\n" + push + "mul\npop" + v + "\n" + push + "out\n",
+        push + "call seven\nlt\npop" + v + "\n" + push + "out\n",
+        push + "call change\nadd\nout\n",
+        push + "call seven\npop\npushi 2\nadd\nout\n",
     };
     std::string all;
     for (const std::string& work : works) {
@@ -277,7 +296,7 @@ TEST(NativeCode, AVariableMayChangeItsKindInALoop) {
       const std::string body = OfEachKind(v) + work + "pushg other\nout\npushc \" \"\nout\n";
       const std::string functions =
           std::string(kSame) + ".function change(x var)\npushl x\npushi 1\nadd\nout\npushi 6\n" +
-          "popl x\npushl x\nret\n.end\n";
+          "popl x\npushl x\nret\n.end\n.function seven()\npushi 7\nret\n.end\n";
       if (local) {
         // The local variables of the main code are the globals.
         ExpectTheSame(kRow +
@@ -288,6 +307,31 @@ TEST(NativeCode, AVariableMayChangeItsKindInALoop) {
       }
     }
   }
+}
+
+// Each frame's references are one longer than those of its caller. In between, the last one is made
+// a reference to another variable, and back.
+TEST(NativeCode, AChainOfReferencesOfAnyLengthIsFollowedToItsEnd) {
+  const std::string use =
+      "pushl x\npushi 1\nadd\npopl x\npushl x\npushi 3\nmod\npopl y\npushl a\npushl "
+      "d\nelem_readonly\n"
+      "pushl x\nadd\nout\npushl x\npushl a\npushl d\nelem\nstore\npushl y\nout\npushc \" \"\nout\n";
+  const std::string down =
+      ".function down(d, x var, y var, a var)\n" + use +
+      "pushl d\npushi 1\nle\njmp_ne last\npushl d\npushi 1\nsub\npushl x\npushl y\npushl a\n"
+      "call down\npop\n" +
+      use + "last: retn\n.end\n";
+  const std::string fill =
+      "pushi 1\npopg d\nfill: pushg d\npushi 2\nmul\npushg a\npushg d\nelem\nstore\nincg d, 1\n"
+      "cmpgi d, 8\njmp_lt fill\npushi 5\npopg t\npushi 6\npopg u\n";
+  const Outcome outcome = ExpectTheSame(
+      fill +
+      Loop("pushi 7\npushg t\npushg y\npushg a\ncall down\npop\n"
+           "pushg u\npushg t\nrefer\npushi 3\npushg t\npushg y\npushg a\ncall down\npop\n"
+           "pushg w\npushg t\nrefer\n",
+           9) +
+      down);
+  EXPECT_EQ(outcome.result, 1) << outcome.error;
 }
 
 TEST(NativeCode, ATextAmongLoadedElementsIsComparedAsOne) {
