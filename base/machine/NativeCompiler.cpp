@@ -18,6 +18,7 @@ bool NativeEmitter::Make() {
   setDefaultJmpNEAR(true);
   EmitEntrance();
   EmitRenew();
+  EmitLeft();
   EmitSubroutines();
   NoteStoredDoubles();
   std::vector<bool> known(list.size());
@@ -468,10 +469,10 @@ bool NativeEmitter::Emit() {
       Return(&NativeRun::Return, &slow);
       return true;
     }
-    case HotAction::ReturnNothing: Transfer(&NativeRun::ReturnNothing); return true;
-    case HotAction::ReturnText: Transfer(&NativeRun::ReturnText); return true;
-    case HotAction::JoinReturn: Transfer(&NativeRun::JoinReturn); return true;
-    case HotAction::Call: Transfer(&NativeRun::Call); return true;
+    case HotAction::ReturnNothing: PassResult(&NativeRun::ReturnNothing); return true;
+    case HotAction::ReturnText: PassResult(&NativeRun::ReturnText); return true;
+    case HotAction::JoinReturn: PassResult(&NativeRun::JoinReturn); return true;
+    case HotAction::Call: CallOnStack(); return true;
     default: return false;
   }
 }

@@ -79,6 +79,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   using OfFrame = NativeLayout::OfFrame;
   using OfMachine = NativeLayout::OfMachine;
   using OfMembers = NativeLayout::OfMembers;
+  using OfRecord = NativeLayout::OfRecord;
   using OfSlot = NativeLayout::OfSlot;
   using OfSegment = NativeLayout::OfSegment;
   using OfStack = NativeLayout::OfStack;
@@ -217,9 +218,11 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void UseSlot(bool is_loaded);
   void WriteSlot(HotOperand kind, int offset);
   void WriteSource(int file);
+  void FindKept(Label& unprepared, Label& unusual);
   void BeginCall();
+  void CallOnStack();
   void Send();
-  void SendNumber(HotForm form);
+  void SendNumber(HotForm form, Label& unusual);
   void Call(NativeRun::Operation operation);
   void NeedStack(int count);
   void NeedEntries(int count, int kind);
@@ -237,9 +240,17 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void Enter();
   void TakeResult();
   void UseSegment(const Reg64& used, int number);
+  void RenewScalar(Label& other, Label& unusual);
+  void CheckNames(Label& unusual);
+  void Renew(int variables, Label& unusual);
   void EmitRenew();
+  void LeaveFrame();
+  void UseCaller();
+  void EmitLeft();
+  void CheckReturn(Label& unusual);
   void EmitSubroutines();
-  void Return(NativeRun::Transfer transfer, Label* slow);
+  void PassResult(NativeRun::Operation operation);
+  void Return(NativeRun::Operation operation, Label* slow);
 
   const HotCode* code;
   const NativeRun* run;  // only while the code is made
@@ -273,7 +284,10 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void* frame_room[8] = {};
   bool is_described = false;
   Label exit;
-  Label renew;  // see EmitRenew(), and for the others EmitSubroutines()
+  Label renew;  // see EmitRenew(), EmitLeft(), and for the others EmitSubroutines()
+  Label renew_other;
+  Label left;
+  Label left_unusual;
   Label find_number[2];
   Label read_entry[2];
   Label drop_entry;

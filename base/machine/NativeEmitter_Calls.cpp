@@ -8,36 +8,13 @@
 #include <cstdint>
 #include <utility>
 
-// A subroutine that makes the variables of the called frame, in rcx, ready for the next call. On
-// return edi is 0 if that takes more than the usual. Changes rax, rdi, r8 and r11.
-void NativeEmitter::EmitRenew() {
-  Label next, row, unusual, end;
-  L(renew);
-  mov(rdi, Field(rcx, OfFrame::variables));
-  mov(r8, Field(rcx, OfFrame::locals));
-  mov(eax, dword[rdi + OfTable::count]);
-  cmp(eax, dword[r8 + OfTable::count]);
-  jne(unusual);
-  mov(r11, Field(r8, OfTable::index));
-  cmp(r11, Field(rdi, OfTable::index));
-  jne(unusual);
-  cmp(qword[rdi + OfTable::error], 0);
-  jne(unusual);
-  mov(rdi, Field(rdi, OfTable::entries));
-  shl(rax, 4);
-  add(rax, rdi);
-  jmp(end);
-  L(row);
-  mov(r8, ptr[rdi + HotOp::kVariableInRow]);
-  add(rdi, HotOp::kRowSize);
-  test(r8, r8);
-  jz(end);
-  mov(r11d, dword[r8 + OfVariable::state]);
-  cmp(r11d, OfVariable::asleep);
-  je(end);
-  dec(r11d);
-  cmp(r11d, OfVariable::all_forms);
-  jae(unusual);
+// A variable of a called frame, in r8, is made ready for the next call; goes to other, with its
+// state less 1 in eax, if it is no scalar. Changes eax.
+void NativeEmitter::RenewScalar(Label& other, Label& unusual) {
+  mov(eax, dword[r8 + OfVariable::state]);
+  dec(eax);
+  cmp(eax, OfVariable::all_forms);
+  jae(other);
   cmp(dword[r8 + OfVariable::holders], 1);
   jne(unusual);
   cmp(dword[r8 + OfVariable::name_mark], OfVariable::shared_name);
@@ -45,13 +22,113 @@ void NativeEmitter::EmitRenew() {
   cmp(dword[r8 + OfVariable::allocated], OfVariable::most_kept);
   jg(unusual);
   mov(dword[r8 + OfVariable::state], OfVariable::asleep);
+}
+
+// The table of the called frame, in rcx, still has the names of all calls; rdi is the table then.
+// Changes rax and r8.
+void NativeEmitter::CheckNames(Label& unusual) {
+  mov(rdi, Field(rcx, OfFrame::variables));
+  mov(r8, Field(rcx, OfFrame::locals));
+  mov(rax, Field(r8, OfTable::index));
+  cmp(rax, Field(rdi, OfTable::index));
+  jne(unusual);
+  cmp(qword[rdi + OfTable::error], 0);
+  jne(unusual);
+}
+
+// Makes the variables of the called frame, in rcx, ready for the next call; they are so many, or
+// any number if it is negative. Goes to unusual, with some of them made ready, if that takes more
+// than the usual. Changes rax, rdi, r8 and r11.
+void NativeEmitter::Renew(int variables, Label& unusual) {
+  static constexpr int kMostInLine = 8;
+  if (variables < 0 || variables > kMostInLine) {
+    call(renew);
+    jc(unusual);
+    return;
+  }
+  CheckNames(unusual);
+  cmp(dword[rdi + OfTable::count], variables);
+  jne(unusual);
+  if (variables > 0) mov(r11, Field(rdi, OfTable::entries));
+  for (int i = 0; i < variables; i++) {
+    Rare* other = &AddRare([this, &unusual](Rare& self) {
+      call(renew_other);
+      jc(unusual);
+      jmp(self.back);
+    });
+    mov(r8, ptr[r11 + HotOp::Offset(i)]);
+    test(r8, r8);
+    jz(other->back);
+    RenewScalar(other->label, unusual);
+    L(other->back);
+  }
+}
+
+// Subroutines for that, which set the carry if it takes more than the usual: for all variables,
+// and for one, see RenewScalar.
+void NativeEmitter::EmitRenew() {
+  Label next, row, other, unusual, end, sleeps, is_null, is_renewed, differs;
+  L(renew);
+  CheckNames(unusual);
+  mov(r11d, dword[rdi + OfTable::count]);
+  mov(rdi, Field(rdi, OfTable::entries));
+  shl(r11, 4);
+  add(r11, rdi);
+  jmp(end);
+  L(row);
+  mov(r8, ptr[rdi + HotOp::kVariableInRow]);
+  add(rdi, HotOp::kRowSize);
+  test(r8, r8);
+  jz(end);
+  RenewScalar(other, unusual);
   L(end);
-  cmp(rdi, rax);
+  cmp(rdi, r11);
   jne(row);
-  mov(edi, 1);
+  clc();
   ret();
+  L(other);
+  call(renew_other);
+  jnc(end);
   L(unusual);
-  xor_(edi, edi);
+  stc();
+  ret();
+
+  L(renew_other);
+  cmp(eax, OfVariable::asleep - 1);
+  je(sleeps);
+  cmp(dword[r8 + OfVariable::holders], 1);
+  jne(differs);
+  cmp(dword[r8 + OfVariable::name_mark], OfVariable::shared_name);
+  jne(differs);
+  cmp(eax, -1);
+  je(is_null);
+  // A parameter by reference, whose variable has other holders.
+  cmp(eax, OfVariable::reference_alone - 1);
+  jne(differs);
+  mov(rax, Field(r8, OfVariable::reference));
+  test(rax, rax);
+  jz(differs);
+  cmp(dword[rax + OfVariable::holders], 1);
+  jle(differs);
+  dec(dword[rax + OfVariable::holders]);
+  xor_(eax, eax);
+  mov(Field(r8, OfVariable::reference), rax);
+  mov(dword[r8 + OfVariable::integer], eax);
+  mov(Field(r8, OfVariable::number), rax);
+  jmp(is_renewed);
+  // One that has given its text away, as a result.
+  L(is_null);
+  mov(rax, Field(r8, OfVariable::elements));
+  or_(rax, Field(r8, OfVariable::text));
+  or_(rax, Field(r8, OfVariable::error));
+  jnz(differs);
+  L(is_renewed);
+  mov(dword[r8 + OfVariable::state], OfVariable::asleep);
+  L(sleeps);
+  clc();
+  ret();
+  L(differs);
+  stc();
   ret();
 }
 
@@ -67,14 +144,30 @@ void NativeEmitter::UseSegment(const Reg64& used, int number) {
   mov(dword[r15 + OfMachine::wanted_segment], eax);
 }
 
-// Whether a frame is kept for the called function and is prepared for calls from this code; then
-// r14 is the rows of its variables.
-void NativeEmitter::BeginCall() {
+// Finds the frame that is kept for the called function and is prepared for calls from this code.
+// r14 is the rows of its variables then, and rdx the current stack. Changes rax and rcx.
+void NativeEmitter::FindKept(Label& unprepared, Label& unusual) {
   mov(rax, ptr[rbx + static_cast<int>(offsetof(NativeRun, idle_frames))]);
   mov(rax, ptr[rax + op->first * 8L]);
   test(rax, rax);
-  jz(Leave());
+  jz(unusual);
   mov(rcx, code->serial());
+  cmp(Field(rax, OfFrame::return_code), rcx);
+  jne(unprepared);
+  mov(rcx, Field(r15, OfMachine::frame));
+  cmp(dword[rcx + OfFrame::depth], OfMachine::most_frames);
+  jge(unusual);
+  mov(rdx, Field(r15, OfMachine::stack));
+  lea(rcx, ptr[rbp + HotCode::kRoom * kEntry]);
+  cmp(rcx, Field(rdx, OfStack::limit));
+  jae(unusual);
+  mov(rcx, Field(rax, OfFrame::variables));
+  mov(ptr[rbx + static_cast<int>(offsetof(NativeRun, called))], rax);
+  mov(r14, Field(rcx, OfTable::entries));
+  mov(ptr[rbx + kCalledRows], r14);
+}
+
+void NativeEmitter::BeginCall() {
   Rare* prepare = &AddRare([this, record = op, &unusual = Leave()](Rare& self) {
     const HotOp* const current = std::exchange(op, record);
     CallWith(reinterpret_cast<const void*>(&NativeRun::CallWith));
@@ -84,30 +177,62 @@ void NativeEmitter::BeginCall() {
     mov(r14, ptr[rbx + kCalledRows]);
     jmp(self.back);
   });
-  cmp(Field(rax, OfFrame::return_code), rcx);
-  jne(prepare->label);
-  mov(rcx, Field(r15, OfMachine::frame));
-  cmp(dword[rcx + OfFrame::depth], OfMachine::most_frames);
-  jge(Leave());
-  cmp(dword[rax + OfFrame::simple_parameters], op->second);
-  jne(Leave());
-  mov(rdx, rax);
-  NeedRoom();
-  mov(rax, rdx);
-  mov(rcx, Field(rax, OfFrame::variables));
-  mov(ptr[rbx + static_cast<int>(offsetof(NativeRun, called))], rax);
-  mov(eax, dword[rcx + OfTable::count]);
-  mov(r14, Field(rcx, OfTable::entries));
-  mov(dword[rbx + static_cast<int>(offsetof(NativeRun, called_count))], eax);
-  mov(ptr[rbx + kCalledRows], r14);
+  FindKept(prepare->label, Leave());
   L(prepare->back);
 }
 
+// A call whose arguments are on the stack. In line it is one within this code, with numbers.
+void NativeEmitter::CallOnStack() {
+  const HotOp* entry = nullptr;
+  const int count = NativeRun::FindCalled(run, code, op->first, &entry);
+  Rare* other = &AddRare([this, record = op, &unusual = Leave()](Rare& self) {
+    const HotOp* const current = std::exchange(op, record);
+    CallWith(reinterpret_cast<const void*>(&NativeRun::TakeArguments));
+    op = current;
+    mov(rbp, ptr[rbx + kTop]);
+    test(al, al);
+    jz(unusual);
+    mov(r14, ptr[rbx + kCalledRows]);
+    jmp(self.back);
+  });
+  if (count < 0) {
+    jmp(other->label);
+  } else {
+    FindKept(other->label, other->label);
+    if (count > 0) {
+      lea(rcx, ptr[rbp - count * kEntry]);
+      cmp(rcx, Field(rdx, OfStack::entries));
+      jb(other->label);
+    }
+    for (int i = 0; i < count; i++) {
+      const long argument = (i - count) * kEntry;
+      Rare* integer = &AddRare([this, argument, other](Rare& self) {
+        cmp(dword[rbp + argument], ZephVM_Stack::KindInteger);
+        jne(other->label);
+        mov(esi, dword[rbp + argument + kEntryValue]);
+        SendNumber(HotForm::Integer, other->label);
+        jmp(self.back);
+      });
+      mov(rdx, ptr[r14 + HotOp::Offset(i)]);
+      test(rdx, rdx);
+      jz(other->label);
+      cmp(dword[rbp + argument], ZephVM_Stack::KindDouble);
+      jne(integer->label);
+      movsd(xmm0, ptr[rbp + argument + kEntryValue]);
+      SendNumber(HotForm::Double, other->label);
+      L(integer->back);
+    }
+    if (count > 0) sub(rbp, count * kEntry);
+  }
+  L(other->back);
+  Enter();
+}
+
 // The parameter in rdx begins with the number in xmm0 or esi.
-void NativeEmitter::SendNumber(HotForm form) {
+void NativeEmitter::SendNumber(HotForm form, Label& unusual) {
   const bool is_double = form == HotForm::Double;
   cmp(qword[rdx + OfVariable::text], 0);
-  jne(Leave());
+  jne(unusual);
   mov(dword[rdx + OfVariable::state],
       is_double ? OfVariable::double_alone : OfVariable::integer_alone);
   if (is_double) {
@@ -130,7 +255,7 @@ void NativeEmitter::Send() {
     jz(unusual_goal);
     jmp(self.back);
   });
-  if (op->action == HotAction::SendText || op->action == HotAction::SendReference) {
+  if (op->action == HotAction::SendText) {
     jmp(value->label);
     L(value->back);
     return;
@@ -138,13 +263,29 @@ void NativeEmitter::Send() {
   mov(rdx, ptr[r14 + op->third]);
   test(rdx, rdx);
   jz(Leave());
+  if (op->action == HotAction::SendReference) {
+    LoadVariable(rcx, op->left, op->first);
+    test(dword[rcx + OfVariable::state], OfVariable::asleep);
+    jnz(Leave());
+    cmp(qword[rdx + OfVariable::text], 0);
+    jne(Leave());
+    inc(dword[rcx + OfVariable::holders]);
+    mov(Field(rdx, OfVariable::reference), rcx);
+    xor_(eax, eax);
+    mov(dword[rdx + OfVariable::state], OfVariable::reference_alone);
+    mov(dword[rdx + OfVariable::primary], eax);
+    mov(dword[rdx + OfVariable::integer], eax);
+    mov(Field(rdx, OfVariable::number), rax);
+    L(value->back);
+    return;
+  }
   if (op->action == HotAction::SendConstant) {
     if (op->form == HotForm::Integer) {
       mov(esi, op->first);
     } else {
       LoadConstant(xmm0, op->number);
     }
-    SendNumber(op->form);
+    SendNumber(op->form, Leave());
     L(value->back);
     return;
   }
@@ -153,7 +294,7 @@ void NativeEmitter::Send() {
     movsd(xmm0, NumberAt(op->first));
     if (op->form != HotForm::AsLoaded) {
       if (op->form == HotForm::Integer) cvttsd2si(esi, xmm0);
-      SendNumber(op->form);
+      SendNumber(op->form, Leave());
       L(value->back);
       return;
     }
@@ -171,10 +312,10 @@ void NativeEmitter::Send() {
     jne(value->label);
     movsd(xmm0, Field(rcx, OfVariable::number));
   }
-  SendNumber(HotForm::Double);
+  SendNumber(HotForm::Double, Leave());
   jmp(value->back);
   L(as_integer);
-  SendNumber(HotForm::Integer);
+  SendNumber(HotForm::Integer, Leave());
   L(value->back);
 }
 
@@ -193,37 +334,47 @@ void NativeEmitter::Enter() {
     op = current;
     at = place;
   });
-  Label same_segment, is_current;
+  Rare* spent = &AddRare([this, slow](Rare&) {
+    inc(dword[rbx + kPatience]);
+    jmp(slow->label);
+  });
+  const HotOp* entry = nullptr;
+  NativeRun::FindCalled(run, code, op->first, &entry);
+  Label is_current;
   mov(rcx, ptr[rbx + static_cast<int>(offsetof(NativeRun, called))]);
-  mov(rdx, Field(rcx, OfFrame::entry));
-  test(rdx, rdx);
-  jz(slow->label);
-  mov(rdi, Field(rcx, OfFrame::entry_code));
-  mov(eax, dword[rcx + OfFrame::entry_segment]);
-  cmp(eax, dword[r15 + OfMachine::loaded_segment]);
-  je(same_segment);
-  mov(rax, Field(rdi, OfSegment::hot));
-  test(rax, rax);
-  jz(slow->label);
-  mov(rax, Field(rax, OfSegment::serial));
-  cmp(rax, Field(rcx, OfFrame::entry_serial));
-  jne(slow->label);
-  L(same_segment);
-  mov(rdx, ptr[rdx + static_cast<int>(offsetof(HotOp, native))]);
-  test(rdx, rdx);
-  jz(slow->label);
+  if (!entry) {
+    Label same_segment;
+    mov(rdx, Field(rcx, OfFrame::entry));
+    test(rdx, rdx);
+    jz(slow->label);
+    mov(rdi, Field(rcx, OfFrame::entry_code));
+    mov(eax, dword[rcx + OfFrame::entry_segment]);
+    cmp(eax, dword[r15 + OfMachine::loaded_segment]);
+    je(same_segment);
+    mov(rax, Field(rdi, OfSegment::hot));
+    test(rax, rax);
+    jz(slow->label);
+    mov(rax, Field(rax, OfSegment::serial));
+    cmp(rax, Field(rcx, OfFrame::entry_serial));
+    jne(slow->label);
+    L(same_segment);
+    mov(rdx, Field(rdx, OfRecord::native));
+    test(rdx, rdx);
+    jz(slow->label);
+  }
   movsxd(rax, dword[rcx + OfFrame::simple_mode]);
   cmp(rax, Field(r15, OfMachine::hot_mode));
   jne(slow->label);
-  cmp(dword[rbx + kPatience], 1);
-  je(slow->label);
   dec(dword[rbx + kPatience]);
+  jz(spent->label);
   mov(dword[rcx + OfFrame::output_mode], eax);
-  mov(eax, dword[rcx + OfFrame::entry_segment]);
-  cmp(eax, dword[r15 + OfMachine::loaded_segment]);
-  je(is_current);
-  UseSegment(rdi, OfFrame::entry_segment);
-  L(is_current);
+  if (!entry) {
+    mov(eax, dword[rcx + OfFrame::entry_segment]);
+    cmp(eax, dword[r15 + OfMachine::loaded_segment]);
+    je(is_current);
+    UseSegment(rdi, OfFrame::entry_segment);
+    L(is_current);
+  }
   mov(rsi, Field(r15, OfMachine::stack));
   mov(Field(rsi, OfStack::top), rbp);
   mov(rsi, Field(r15, OfMachine::frame));
@@ -256,9 +407,14 @@ void NativeEmitter::Enter() {
   mov(rbp, Field(rdi, OfStack::top));
   mov(r13, r14);
   mov(ptr[rbx + kRows + 8], r13);
-  mov(eax, dword[rbx + static_cast<int>(offsetof(NativeRun, called_count))]);
+  mov(rax, Field(rcx, OfFrame::variables));
+  mov(eax, dword[rax + OfTable::count]);
   mov(dword[rbx + kCounts + 4], eax);
-  jmp(rdx);
+  if (entry) {
+    jmp(labels[static_cast<size_t>(entry - list.data())]);
+  } else {
+    jmp(rdx);
+  }
 }
 
 // The number in xmm0, as an integer if edx is not 0, is the result of the call that the record has
@@ -266,8 +422,18 @@ void NativeEmitter::Enter() {
 // the current one. If anything is unusual, the code at r9 does all of the return.
 void NativeEmitter::TakeResult() {
   const HotOp* const use = op[1].plain;
+  const int variables = NativeRun::CountVariables(run, op->first);
   const bool is_stored = (use->uses & HotOp::Stored) && use->single == HotAction::PopVariable;
-  Label unusual, slow;
+  Label unusual;
+  // The result was passed, and the rest is done elsewhere.
+  Rare* slow = &AddRare([this, use, is_stored](Rare&) {
+    if (is_stored) {
+      mov(dword[rcx + OfFrame::return_offset], use[1].start);
+      mov(rax, reinterpret_cast<uint64_t>(use[1].fast ? use[1].fast : use + 1));
+      mov(Field(rcx, OfFrame::return_op), rax);
+    }
+    jmp(left_unusual);
+  });
   // What is checked before anything is changed.
   mov(rax, Field(r15, OfMachine::stack));
   cmp(rbp, Field(rax, OfStack::entries));
@@ -308,9 +474,6 @@ void NativeEmitter::TakeResult() {
     mov(dword[rax + OfVariable::state], OfVariable::integer_alone);
     mov(dword[rax + OfVariable::primary], PrimaryInteger);
     L(done);
-    mov(dword[rcx + OfFrame::return_offset], use[1].start);
-    mov(rax, reinterpret_cast<uint64_t>(use[1].fast ? use[1].fast : use + 1));
-    mov(Field(rcx, OfFrame::return_op), rax);
   } else {
     Label any, push_integer, pushed;
     test(r10d, r10d);
@@ -336,30 +499,12 @@ void NativeEmitter::TakeResult() {
     mov(Field(rdi, OfStack::top), rbp);
     mov(rbp, r10);
   }
-  call(renew);
-  test(edi, edi);
-  jz(slow);
-  mov(rax, Field(r15, OfMachine::stack));
-  mov(Field(rax, OfStack::top), rbp);
-  mov(Field(r15, OfMachine::frame), rsi);
-  mov(rdi, Field(rsi, OfFrame::stack));
-  mov(Field(r15, OfMachine::stack), rdi);
-  mov(rbp, Field(rdi, OfStack::top));
-  mov(rdi, ptr[rbx + static_cast<int>(offsetof(NativeRun, idle_frames))]);
+  Renew(variables, slow->label);
+  LeaveFrame();
   mov(rax, ptr[rdi + op->first * 8L]);
   mov(Field(rcx, OfFrame::next_idle), rax);
   mov(ptr[rdi + op->first * 8L], rcx);
-  Label same_segment;
-  mov(rdi, Field(rcx, OfFrame::return_to));
-  cmp(rdi, Field(r15, OfMachine::segment));
-  je(same_segment);
-  UseSegment(rdi, OfFrame::return_segment);
-  L(same_segment);
-  mov(rdi, Field(rsi, OfFrame::variables));
-  mov(r13, Field(rdi, OfTable::entries));
-  mov(eax, dword[rdi + OfTable::count]);
-  mov(ptr[rbx + kRows + 8], r13);
-  mov(dword[rbx + kCounts + 4], eax);
+  UseCaller();
   if (is_stored) {
     const HotOp* const next = use[1].fast;
     if (next) {
@@ -373,36 +518,114 @@ void NativeEmitter::TakeResult() {
   }
   L(unusual);
   jmp(r9);
-  // The result was passed, and the rest is done elsewhere.
-  L(slow);
-  Transfer(&NativeRun::AfterResult);
+}
+
+// Makes the frame in rsi, the caller of the one in rcx, the current one. Then rdi is the table of
+// the frames that are kept. Changes rax.
+void NativeEmitter::LeaveFrame() {
+  mov(rax, Field(r15, OfMachine::stack));
+  mov(Field(rax, OfStack::top), rbp);
+  mov(Field(r15, OfMachine::frame), rsi);
+  mov(rdi, Field(rsi, OfFrame::stack));
+  mov(Field(r15, OfMachine::stack), rdi);
+  mov(rbp, Field(rdi, OfStack::top));
+  mov(rdi, ptr[rbx + static_cast<int>(offsetof(NativeRun, idle_frames))]);
+}
+
+// Makes its segment and its variables the current ones. Changes rax and rdi.
+void NativeEmitter::UseCaller() {
+  Label same_segment;
+  mov(rdi, Field(rcx, OfFrame::return_to));
+  cmp(rdi, Field(r15, OfMachine::segment));
+  je(same_segment);
+  UseSegment(rdi, OfFrame::return_segment);
+  L(same_segment);
+  mov(rdi, Field(rsi, OfFrame::variables));
+  mov(r13, Field(rdi, OfTable::entries));
+  mov(eax, dword[rdi + OfTable::count]);
+  mov(ptr[rbx + kRows + 8], r13);
+  mov(dword[rbx + kCounts + 4], eax);
+}
+
+// What comes after a result that an operation has passed: NativeRun::EndCall for a call that
+// decoded code has made, and the way on in that.
+void NativeEmitter::EmitLeft() {
+  L(left);
+  mov(rcx, Field(r15, OfMachine::frame));
+  mov(rax, Field(r15, OfMachine::stack));
+  cmp(rbp, Field(rax, OfStack::entries));
+  jne(left_unusual);
+  mov(rsi, Field(rcx, OfFrame::previous));
+  movsxd(rax, dword[rsi + OfFrame::output_mode]);
+  cmp(rax, Field(r15, OfMachine::hot_mode));
+  jne(left_unusual);
+  CheckReturn(left_unusual);
+  Renew(-1, left_unusual);
+  LeaveFrame();
+  mov(rax, Field(rcx, OfFrame::place));
+  lea(rdi, ptr[rdi + rax * 8]);
+  mov(rax, ptr[rdi]);
+  mov(Field(rcx, OfFrame::next_idle), rax);
+  mov(ptr[rdi], rcx);
+  UseCaller();
+  mov(rax, Field(rcx, OfFrame::return_op));
+  mov(rdx, Field(rax, OfRecord::native));
+  test(rdx, rdx);
+  jz(exit);
+  jmp(rdx);
+  L(left_unusual);
+  CallWith(reinterpret_cast<const void*>(&NativeRun::AfterResult));
+  Continue();
+}
+
+// Whether the code that the frame in rcx, a function's, returns to is decoded and is what it was at
+// the call. Changes rdi.
+void NativeEmitter::CheckReturn(Label& unusual) {
+  // Only a function's frame has one, and the fields after that.
+  cmp(qword[rcx + OfFrame::return_code], 0);
+  je(unusual);
+  mov(rdi, Field(rcx, OfFrame::return_to));
+  mov(rdi, Field(rdi, OfSegment::hot));
+  test(rdi, rdi);
+  jz(unusual);
+  mov(rdi, Field(rdi, OfSegment::serial));
+  cmp(rdi, Field(rcx, OfFrame::return_code));
+  jne(unusual);
+}
+
+// An operation passes the result of the function.
+void NativeEmitter::PassResult(NativeRun::Operation operation) {
+  Call(operation);
+  jmp(left);
 }
 
 // A return with the number in xmm0, see TakeResult.
-void NativeEmitter::Return(NativeRun::Transfer transfer, Label* slow) {
-  Rare* other = &AddRare([this, transfer, record = op](Rare& self) {
+void NativeEmitter::Return(NativeRun::Operation operation, Label* slow) {
+  Rare* other = &AddRare([this, operation, record = op, &unusual = Leave()](Rare& self) {
     const HotOp* const current = std::exchange(op, record);
     // The entry of a result is on the stack again.
     if (record->action == HotAction::Return) add(rbp, kEntry);
     L(self.back);
-    Transfer(transfer);
+    CallWith(reinterpret_cast<const void*>(operation));
+    mov(rbp, ptr[rbx + kTop]);
+    test(al, al);
+    jz(unusual);
+    jmp(left);
     op = current;
+  });
+  Rare* elsewhere = &AddRare([this, other](Rare& self) {
+    CheckReturn(other->label);
+    jmp(self.back);
   });
   mov(rcx, Field(r15, OfMachine::frame));
   lea(r9, ptr[rip + other->label]);
-  // Only a function's frame has one, and the fields after that.
-  cmp(qword[rcx + OfFrame::return_code], 0);
-  je(other->label);
+  mov(rax, code->serial());
+  cmp(Field(rcx, OfFrame::return_code), rax);
+  jne(elsewhere->label);
+  L(elsewhere->back);
   mov(rax, Field(rcx, OfFrame::native_return));
   test(rax, rax);
   jz(other->label);
-  mov(rdi, Field(rcx, OfFrame::return_to));
-  mov(rdi, Field(rdi, OfSegment::hot));
-  test(rdi, rdi);
-  jz(other->label);
-  mov(rdi, Field(rdi, OfSegment::serial));
-  cmp(rdi, Field(rcx, OfFrame::return_code));
-  jne(other->label);
   jmp(rax);
   if (slow) {
     L(*slow);

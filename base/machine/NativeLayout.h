@@ -31,6 +31,7 @@ struct NativeLayout {
     static constexpr int reference = offsetof(Variable, reference);
     static constexpr int text = offsetof(Variable, string_value) + offsetof(String, data);
     static constexpr int holders = offsetof(Variable, refcount_);
+    static constexpr int error = offsetof(Variable, error_) + offsetof(String, data);
     static constexpr int name_mark = offsetof(Variable, name_) + offsetof(String, allocated);
     static constexpr int shared_name = Variable::SharedMark;
     static constexpr int allocated = offsetof(Variable, string_value) + offsetof(String, allocated);
@@ -120,6 +121,10 @@ struct NativeLayout {
     static constexpr int entry_code = offsetof(ZephVM_FunctionFrame, entry_code);
     static constexpr int entry_serial = offsetof(ZephVM_FunctionFrame, entry_serial);
     static constexpr int locals = offsetof(ZephVM_FunctionFrame, locals);
+    static constexpr int place = offsetof(ZephVM_FunctionFrame, place);
+  };
+  struct OfRecord {
+    static constexpr int native = offsetof(HotOp, native);
   };
   struct OfTable {
     static constexpr int entries = offsetof(VariableHash, entries);

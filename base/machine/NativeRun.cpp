@@ -2,6 +2,7 @@
 
 #include "base/machine/NativeRun.h"
 
+#include "base/compiled/Function.h"
 #include "base/core/NumberText.h"
 #include "base/core/Output.h"
 
@@ -950,6 +951,8 @@ const void* NativeRun::Enter(NativeRun* run, const HotOp* op) {
   ZephVM_FunctionFrame* const called = run->called;
   run->op = op;
   const bool is_here = called->entry_segment == vm->loaded_segment;
+  // The loop may be what enters the frame.
+  (void)called->variables->Rows(&run->called_count);
   if (!IsEnterable(called, is_here)) return nullptr;
   run->TellStack();
   BeginCall(vm, called, op + 1);
@@ -961,95 +964,105 @@ const void* NativeRun::Enter(NativeRun* run, const HotOp* op) {
   return --run->patience == 0 ? nullptr : code;
 }
 
-// REQUIRES: the result was passed.
-const void* NativeRun::Left() {
+const void* NativeRun::AfterResult(NativeRun* run, const HotOp*) {
+  ZephVM* const vm = run->vm;
   auto* const called = static_cast<ZephVM_FunctionFrame*>(vm->frame);
   const HotOp* const next =
-      EndCall(vm, called, vm->stack->Begin(), top, vm->segment->hot()->serial());
-  op = next;
+      EndCall(vm, called, vm->stack->Begin(), run->top, vm->segment->hot()->serial());
+  run->op = next;
   if (!next) return nullptr;
-  top = vm->stack->End();
-  rows[1] = vm->frame->variables->Rows(&counts[1]);
+  run->top = vm->stack->End();
+  run->rows[1] = vm->frame->variables->Rows(&run->counts[1]);
   return next->native;
 }
 
-const void* NativeRun::AfterResult(NativeRun* run, const HotOp*) {
-  return run->Left();
-}
-
-const void* NativeRun::ReturnNumber(NativeRun* run, const HotOp* op) {
-  run->op = op;
+bool NativeRun::ReturnNumber(NativeRun* run, const HotOp* op) {
   auto* const called = static_cast<ZephVM_FunctionFrame*>(run->vm->frame);
-  if (!ReturnsToDecoded(called)) return nullptr;
+  if (!ReturnsToDecoded(called)) return false;
   const double number =
       op->left == HotOperand::Constant ? op->number : run->temporaries.number(op->first);
   PassNumber(called, run->rows[0], run->counts[0], number, op->form);
-  return run->Left();
+  return true;
 }
 
-const void* NativeRun::ReturnVariable(NativeRun* run, const HotOp* op) {
-  run->op = op;
+bool NativeRun::ReturnVariable(NativeRun* run, const HotOp* op) {
   auto* const called = static_cast<ZephVM_FunctionFrame*>(run->vm->frame);
-  const auto table = static_cast<size_t>(op->left);
-  Variable* const variable = static_cast<unsigned>(op->first) < run->counts[table]
-                                 ? run->rows[table][op->first].variable
-                                 : nullptr;
   int wanted_patience = 0;
-  if (!PassVariable(called, variable, run->rows[0], run->counts[0],
+  if (!PassVariable(called, run->row(op->left, op->first), run->rows[0], run->counts[0],
                     run->vm->segment->hot()->serial(), run->top < run->limit(), &wanted_patience)) {
-    return nullptr;
+    return false;
   }
   if (wanted_patience == 1) run->NoteWork();
-  return run->Left();
+  return true;
 }
 
-const void* NativeRun::Return(NativeRun* run, const HotOp* op) {
-  run->op = op;
+bool NativeRun::Return(NativeRun* run, const HotOp*) {
   Entry* const value = run->top - 1;
   if (value < run->bottom() ||
       !PassEntry(static_cast<ZephVM_FunctionFrame*>(run->vm->frame), value, run->rows[0],
                  run->counts[0], run->vm->segment->hot()->serial())) {
-    return nullptr;
+    return false;
   }
   run->top = value;
-  return run->Left();
+  return true;
 }
 
-const void* NativeRun::ReturnNothing(NativeRun* run, const HotOp* op) {
-  run->op = op;
-  if (!PassNothing(static_cast<ZephVM_FunctionFrame*>(run->vm->frame))) return nullptr;
-  return run->Left();
+bool NativeRun::ReturnNothing(NativeRun* run, const HotOp*) {
+  return PassNothing(static_cast<ZephVM_FunctionFrame*>(run->vm->frame));
 }
 
-const void* NativeRun::ReturnText(NativeRun* run, const HotOp* op) {
-  run->op = op;
-  auto* const called = static_cast<ZephVM_FunctionFrame*>(run->vm->frame);
-  if (!PassText(called, op, run->rows[0], run->counts[0])) return nullptr;
-  return run->Left();
+bool NativeRun::ReturnText(NativeRun* run, const HotOp* op) {
+  return PassText(static_cast<ZephVM_FunctionFrame*>(run->vm->frame), op, run->rows[0],
+                  run->counts[0]);
 }
 
-const void* NativeRun::JoinReturn(NativeRun* run, const HotOp* op) {
-  run->op = op;
+bool NativeRun::JoinReturn(NativeRun* run, const HotOp* op) {
   auto* const called = static_cast<ZephVM_FunctionFrame*>(run->vm->frame);
   run->TellStack();
-  if (!PassJoined(called, op, run->rows, run->counts[0], run->temporaries)) return nullptr;
+  if (!PassJoined(called, op, run->rows, run->counts[0], run->temporaries)) return false;
   run->NoteWork();
-  return run->Left();
+  return true;
 }
 
-const void* NativeRun::Call(NativeRun* run, const HotOp* op) {
-  run->op = op;
+int NativeRun::CountVariables(const NativeRun* run, int function) {
+  FunctionManager* const functions = run->vm->functions;
+  Function* const found = functions ? functions->Lookup(function) : nullptr;
+  return found ? found->variables().Entries() : -1;
+}
+
+// Functions do not change while code runs, and every frame that is prepared for calls from the code
+// was prepared with the same outcome.
+int NativeRun::FindCalled(const NativeRun* run, const HotCode* code, int function,
+                          const HotOp** entry) {
+  const ZephVM* const vm = run->vm;
+  Function* const found = vm->functions ? vm->functions->Lookup(function) : nullptr;
+  // The code of a caller is compiled while that of another segment runs, too.
+  if (!found || vm->segment->hot() != code || found->segment() != vm->loaded_segment) return -1;
+  const HotOp* const begin = code->At(found->offset());
+  const std::vector<HotOp>& list = code->FastList();
+  if (!begin || begin < list.data() || begin >= list.data() + list.size()) return -1;
+  *entry = begin;
+  for (const FunctionParameter* parameter : found->slots()) {
+    if (parameter->byreference()) return -1;
+  }
+  return static_cast<int>(found->slots().size());
+}
+
+bool NativeRun::TakeArguments(NativeRun* run, const HotOp* op) {
   run->TellStack();
   ZephVM* const vm = run->vm;
   ZephVM_FunctionFrame* const called = run->idle_frames[op->first];
   if (!called || vm->frame->depth >= ZephVM::MostFrames || run->top >= run->limit() ||
       (called->return_code != vm->segment->hot()->serial() && !PrepareCall(vm, called)) ||
       !IsEnterable(called, called->entry_segment == vm->loaded_segment)) {
-    return nullptr;
+    return false;
   }
   const _VH_Entry* const rows = called->variables->Rows(&run->called_count);
   const int count = called->simple_parameters;
-  if (AreNumbers(called->references, rows, count, run->bottom(), run->top)) [[likely]] {
+  for (const _VH_Entry* row = rows; row != rows + count; row++) {
+    if (row->variable) row->variable->RenewScalar();
+  }
+  if (AreNumbers(called->references, rows, count, run->bottom(), run->top)) {
     for (const _VH_Entry* row = rows + count; row != rows;) {
       Variable* const parameter = (--row)->variable;
       const Entry* const argument = --run->top;
@@ -1061,9 +1074,8 @@ const void* NativeRun::Call(NativeRun* run, const HotOp* op) {
     }
   } else {
     if (run->top - count < run->bottom() || !AreArguments(called->references, count, run->top)) {
-      return nullptr;
+      return false;
     }
-    run->TellStack();
     int wanted_patience = 0;
     run->top = MoveArguments(called->variables, rows, called->references, count, vm->stack,
                              &wanted_patience);
@@ -1071,5 +1083,5 @@ const void* NativeRun::Call(NativeRun* run, const HotOp* op) {
   }
   run->called = called;
   run->called_rows = rows;
-  return Enter(run, op);
+  return true;
 }

@@ -49,6 +49,9 @@ struct NativeRun {
   static bool PassVariable(ZephVM_FunctionFrame* called, Variable* variable,
                            const _VH_Entry* globals, unsigned count, long code_serial,
                            bool has_room, int* patience);
+  // The same for a reference, if the caller stores a number or a short text.
+  static bool CopyReferred(ZephVM_FunctionFrame* called, Variable* variable,
+                           const _VH_Entry* globals, unsigned count);
   // Passes the value of an entry of the current frame's stack, its last one, which then has moved.
   // Returns false and does nothing where that takes more work.
   static bool PassEntry(ZephVM_FunctionFrame* called, hot::Entry* value, const _VH_Entry* globals,
@@ -171,13 +174,24 @@ struct NativeRun {
   static const void* Enter(NativeRun* run, const HotOp* op);
   // After the result was passed.
   static const void* AfterResult(NativeRun* run, const HotOp* op);
-  static const void* ReturnNumber(NativeRun* run, const HotOp* op);
-  static const void* ReturnVariable(NativeRun* run, const HotOp* op);
-  static const void* Return(NativeRun* run, const HotOp* op);
-  static const void* ReturnNothing(NativeRun* run, const HotOp* op);
-  static const void* ReturnText(NativeRun* run, const HotOp* op);
-  static const void* JoinReturn(NativeRun* run, const HotOp* op);
-  static const void* Call(NativeRun* run, const HotOp* op);
+  // Moves the arguments on the stack into the parameters of a kept frame, which can be entered
+  // then. Machine code may have begun some of the parameters with numbers.
+  static bool TakeArguments(NativeRun* run, const HotOp* op);
+  // These pass the result of the current frame, which the call of it can be ended with then. They
+  // return false, and have done nothing, if the loop is to run the record.
+  static bool ReturnNumber(NativeRun* run, const HotOp* op);
+  static bool ReturnVariable(NativeRun* run, const HotOp* op);
+  static bool Return(NativeRun* run, const HotOp* op);
+  static bool ReturnNothing(NativeRun* run, const HotOp* op);
+  static bool ReturnText(NativeRun* run, const HotOp* op);
+  static bool JoinReturn(NativeRun* run, const HotOp* op);
+  // For the compiler: how many variables a call of a function has, -1 if that is not known.
+  static int CountVariables(const NativeRun* run, int function);
+  // If calls of a function from some code stay in that code, *entry receives the record that they
+  // begin at. Returns the number of the function's parameters if they do, and all parameters are
+  // by value; otherwise -1.
+  static int FindCalled(const NativeRun* run, const HotCode* code, int function,
+                        const HotOp** entry);
 
  private:
   // The variable of an operand that is a row or a place; null if there is none.
@@ -243,7 +257,6 @@ struct NativeRun {
   hot::Entry* limit() const { return vm->stack->Limit() - HotCode::kRoom; }
   void TellStack() { vm->stack->SetEnd(top); }
   const void* GoTo(const HotOp* next);
-  const void* Left();
 };
 
 HOT_INLINE void NativeRun::BeginCall(ZephVM* vm, ZephVM_FunctionFrame* called,
@@ -300,6 +313,17 @@ HOT_INLINE void NativeRun::PassNumber(ZephVM_FunctionFrame* called, const _VH_En
   PushNumber(called, number, form);
 }
 
+// The value of a reference may change until it is used, unless it is stored at once.
+inline bool NativeRun::CopyReferred(ZephVM_FunctionFrame* called, Variable* variable,
+                                    const _VH_Entry* globals, unsigned count) {
+  if (!(called->uses & HotOp::Stored) || !hot::ReturnsToDecoded(called)) return false;
+  const Variable* const real = variable->Real();
+  Variable* const target = hot::FindTargetOfResult(called, globals, count);
+  if (!target || !(target->CopyNumber(*real) || target->CopyShort(*real))) return false;
+  hot::PassStore(called);
+  return true;
+}
+
 // A caller that uses only the value of the result gets that. The variable must have no other form
 // and no other holder. A caller that only stores the result gets a number, a short text or an array
 // in its variable, and goes on after its pop.
@@ -320,10 +344,9 @@ HOT_INLINE bool NativeRun::PassVariable(ZephVM_FunctionFrame* called, Variable* 
     PassNumber(called, globals, count, number, form);
     return true;
   }
-  if (!(has_room && called->returns_hot && variable && variable->IsPlain() &&
-        variable->plain_count() == 1)) {
-    return false;
-  }
+  if (!(has_room && called->returns_hot && variable)) return false;
+  if (!variable->IsPlain()) return CopyReferred(called, variable, globals, count);
+  if (variable->plain_count() != 1) return false;
   if (called->return_code == code_serial || hot::ReturnsToDecoded(called)) [[likely]] {
     Variable* target;
     if ((called->uses & HotOp::Stored) &&

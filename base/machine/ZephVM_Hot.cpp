@@ -711,13 +711,13 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
   }
   // clang-format on
 
+  run.vm = this;
   hot->SetPlaces(places);
   if (hot->Repeated(1)) {
     ASK_ROWS
     MAKE_NATIVE(hot)
   }
   patience = kPatience;
-  run.vm = this;
   run.reference_changes = Variable::ReferenceChanges();
   rows[static_cast<int>(HotOperand::Place)] = reinterpret_cast<const _VH_Entry*>(temporaries.rows);
   goto entered;

@@ -534,6 +534,102 @@ TEST(NativeCode, AFunctionReturnsEachKindAcrossSegments) {
   }
 }
 
+// What a call leaves in its variables, whatever their kind and number, is not there in the next
+// one.
+TEST(NativeCode, VariablesOfACallAreNewInTheNextOne) {
+  const std::string long_text(300, 'x');
+  const std::string kinds[] = {
+      "pushi 3\npopl ",        "pushf 0.5\npopl ",
+      "pushc \"text\"\npopl ", "pushc \"" + long_text + "\"\npopl ",
+      "pushg row\npopl ",      "pushg row\npushi 2\nelem\npoprl ",
+      "pushg n\npoprl ",       "pushg missing\npopl ",
+  };
+  for (const std::string& kind : kinds) {
+    for (const int others : {0, 1, 7, 12}) {
+      std::string locals, writes, reads;
+      for (int i = 0; i <= others; i++) {
+        const std::string name = "v" + std::to_string(i);
+        locals += ".local " + name + "\n";
+        // One of them is only there every other time.
+        reads += "pushl " + name + "\nout\n";
+        if (i == 0) writes += "pushg n\npushi 1\nbitand\njmp_eq skip\n";
+        writes += kind + name + "\n";
+        if (i == 0) writes += "skip: noop\n";
+      }
+      for (const char* const result : {"pushl p", "pushl v0", "pushi 7", "pushc \"t\"", "pushl q",
+                                       "pushl v0\npushc \"+\"\ncat"}) {
+        SCOPED_TRACE(kind + std::to_string(others) + result);
+        const Outcome outcome = ExpectTheSame(
+            kRow +
+            Loop("pushg n\npushg row\npushi 1\nelem\ncall f\npopg r\npushg r\nout\n"
+                 "pushg n\npushg row\ncall f\nout\npushg n\npushg n\ncall f\npushi 1\nadd\nout\n",
+                 12) +
+            ".function f(p, q var)\n" + locals + reads + writes + result + "\nret\n.end\n");
+        EXPECT_EQ(outcome.result, 1) << outcome.error;
+      }
+    }
+  }
+}
+
+// The arguments are the results of other calls, in all places, and each may be a number or not.
+TEST(NativeCode, ResultsAreArgumentsOfTheNextCall) {
+  const char* const values[] = {"pushi 3\n",
+                                "pushf 0.5\n",
+                                "pushc \"text\"\n",
+                                "pushg row\n",
+                                "pushg n\n",
+                                "pushg missing\n",
+                                "pushc \"1\"\npushc \"2\"\ncat\n"};
+  const std::string same = "call same\n";
+  for (const char* const apart : {"", ".segment 1\n"}) {
+    std::string body;
+    for (const char* const a : values) {
+      for (const char* const b : values) {
+        body += a + same + b + same + a + same + "call f\nout\n";
+        body += std::string(a) + "lineno 3\n" + b + "lineno 4\npushg row\nlineno 5\ncall g\nout\n";
+      }
+    }
+    // The parameters keep texts now and then, and are held once.
+    const Outcome outcome = ExpectTheSame(
+        kRow + Loop(body, 12) + kSame + apart +
+        ".function f(p, q, r)\npushl p\nout\npushl q\nout\npushl r\nout\npushg n\npushi 5\neq\n"
+        "jmp_eq end\npushg held\npushl p\nrefer\npushl q\npoprg kept\n"
+        "end: pushl q\npushl p\ncat\nret\n.end\n"
+        ".function g(p, q, r var)\npushl p\nout\npushl q\nout\npushl r\npushi 1\nelem_readonly\n"
+        "out\npushl p\nret\n.end\n");
+    EXPECT_EQ(outcome.result, 1) << outcome.error;
+  }
+  // Fewer entries than parameters.
+  const Outcome outcome =
+      ExpectTheSame(Loop("pushg n\npushi 1\npushi 2\ncall f\nout\npushg n\npushi 9\nlt\n"
+                         "jmp_ne enough\npushi 1\ncall f\nout\nenough: noop\n",
+                         12) +
+                    ".function f(p, q, r)\npushl p\nlineno 3\npushl r\nadd\nret\n.end\n");
+  EXPECT_NE(outcome.error.find("tack underflow"), std::string::npos) << outcome.error;
+}
+
+// What refers to a variable of the caller has the value that it has when it is used, which another
+// call may change.
+TEST(NativeCode, AResultThatIsAReferenceIsReadWhenItIsUsed) {
+  const std::string functions =
+      ".function f(p var)\npushl p\npushi 1\nadd\npopl p\npushl p\nret\n.end\n"
+      ".function g(p var)\npushl p\npushc \"x\"\ncat\npopl p\npushl p\nret\n.end\n"
+      ".function h(p var)\npushg row\npushi 2\nelem\npoprl p\npushl p\nret\n.end\n";
+  for (const char* const value : {"pushi 3\n", "pushf 0.5\n", "pushc \"12\"\n", "pushc \"t\"\n",
+                                  "pushg row\n", "pushg missing\n"}) {
+    std::string body = value + std::string("popg a\n");
+    for (const char* const call : {"pushg a\ncall f\n", "pushg a\ncall g\n", "pushg a\ncall h\n",
+                                   "pushg row\npushi 1\nelem\ncall f\n"}) {
+      body += std::string(call) + "popg r\npushg r\nout\n" + call + "popg a\npushg a\nout\n" +
+              call + call + "add\nout\n" + call + "pushg a\ncall f\ncat\nout\n" + call + "out\n" +
+              call + "poprg bound\npushg bound\nout\n";
+    }
+    SCOPED_TRACE(value);
+    const Outcome outcome = ExpectTheSame(kRow + Loop(body, 12) + functions);
+    EXPECT_EQ(outcome.result, 1) << outcome.error;
+  }
+}
+
 // The frame is kept after the first call, but its code is only known after the second.
 TEST(NativeCode, ArgumentsOnTheStackReachAFunctionOfAnotherSegmentFromTheFirstCallOn) {
   const std::string call = "pushg row\npushg n\npushc \"x\"\ncat\ncall f\nout\n";
