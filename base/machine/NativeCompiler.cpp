@@ -430,8 +430,10 @@ bool NativeEmitter::Emit() {
       return true;
     case HotAction::ReturnVariable: {
       Label slow, is_double;
-      cmp(dword[rbx + kCounts + 4L * static_cast<int>(op->left)], op->first);
-      jbe(slow);
+      if (!IsReadable(op->left, op->first)) {
+        cmp(dword[rbx + kCounts + 4L * static_cast<int>(op->left)], op->first);
+        jbe(slow);
+      }
       mov(rcx, RowAt(op->left, HotOp::Offset(op->first)));
       test(rcx, rcx);
       jz(slow);

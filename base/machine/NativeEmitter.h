@@ -221,6 +221,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void FindKept(Label& unprepared, Label& unusual);
   void BeginCall();
   void CallOnStack();
+  void SendText();
   void Send();
   void SendNumber(HotForm form, Label& unusual);
   void Call(NativeRun::Operation operation);
@@ -244,7 +245,8 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void CheckNames(Label& unusual);
   void Renew(int variables, Label& unusual);
   void EmitRenew();
-  void LeaveFrame();
+  void LeaveFrame(bool is_told);
+  bool IsReadable(HotOperand kind, int position) const;
   void UseCaller();
   void EmitLeft();
   void CheckReturn(Label& unusual);

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <utility>
 
 // A variable of a called frame, in r8, is made ready for the next call; goes to other, with its
@@ -243,9 +244,73 @@ void NativeEmitter::SendNumber(HotForm form, Label& unusual) {
   mov(dword[rdx + OfVariable::primary], is_double ? PrimaryDouble : PrimaryInteger);
 }
 
+// The parameter in rdx begins with the constant text of the record.
+void NativeEmitter::SendText() {
+  static constexpr int kMostInLine = 15;
+  const int length = op->length;
+  Rare* other = &AddRare([this, text = op->text, length](Rare& self) {
+    TellStack();
+    mov(rdi, rdx);
+    mov(rsi, reinterpret_cast<uint64_t>(text));
+    mov(edx, length);
+    mov(rax, AddressOf(&NativeRun::BeginText));
+    call(rax);
+    jmp(self.back);
+  });
+  if (length > kMostInLine) {
+    jmp(other->label);
+  } else {
+    // With the NUL.
+    char bytes[kMostInLine + 1] = {};
+    memcpy(bytes, op->text, static_cast<size_t>(length));
+    cmp(dword[rdx + OfVariable::allocated], length);
+    jle(other->label);
+    mov(rcx, Field(rdx, OfVariable::text));
+    for (int from = 0; from <= length;) {
+      const int rest = length + 1 - from;
+      if (rest >= 8) {
+        uint64_t part;
+        memcpy(&part, bytes + from, sizeof part);
+        mov(rax, part);
+        mov(ptr[rcx + from], rax);
+        from += 8;
+      } else if (rest >= 4) {
+        uint32_t part;
+        memcpy(&part, bytes + from, sizeof part);
+        mov(dword[rcx + from], part);
+        from += 4;
+      } else {
+        mov(byte[rcx + from], static_cast<unsigned char>(bytes[from]));
+        from++;
+      }
+    }
+    mov(dword[rdx + OfVariable::length], length);
+    mov(dword[rdx + OfVariable::primary], PrimaryText);
+    mov(dword[rdx + OfVariable::state], OfVariable::text_alone);
+  }
+  L(other->back);
+}
+
 void NativeEmitter::Send() {
   SetFallback(&NativeRun::SendOther);
+  // A short text is copied, and all others are looked at.
   Rare* value = &AddRare([this, record = op, &unusual_goal = Leave()](Rare& self) {
+    Label other;
+    if (record->action == HotAction::SendTemporary) {
+      mov(rcx, PlaceAt(record->first));
+      test(rcx, rcx);
+      jz(other);
+    }
+    cmp(dword[rcx + OfVariable::state], OfVariable::text_alone);
+    jne(other);
+    TellStack();
+    mov(rdi, rdx);
+    mov(rsi, rcx);
+    mov(rax, AddressOf(&NativeRun::BeginWithText));
+    call(rax);
+    test(al, al);
+    jnz(self.back);
+    L(other);
     mov(ptr[rbx + kTop], rbp);
     mov(rdi, rbx);
     mov(rsi, reinterpret_cast<uint64_t>(record));
@@ -255,14 +320,14 @@ void NativeEmitter::Send() {
     jz(unusual_goal);
     jmp(self.back);
   });
-  if (op->action == HotAction::SendText) {
-    jmp(value->label);
-    L(value->back);
-    return;
-  }
   mov(rdx, ptr[r14 + op->third]);
   test(rdx, rdx);
   jz(Leave());
+  if (op->action == HotAction::SendText) {
+    SendText();
+    L(value->back);
+    return;
+  }
   if (op->action == HotAction::SendReference) {
     LoadVariable(rcx, op->left, op->first);
     test(dword[rcx + OfVariable::state], OfVariable::asleep);
@@ -417,9 +482,14 @@ void NativeEmitter::Enter() {
   }
 }
 
-// The number in xmm0, as an integer if edx is not 0, is the result of the call that the record has
-// made, and r10d tells whether it is the value of a variable. The called frame, in rcx, is still
-// the current one. If anything is unusual, the code at r9 does all of the return.
+// Whether a row of the current table may be read although the table may have less rows.
+bool NativeEmitter::IsReadable(HotOperand kind, int position) const {
+  return position < (kind == HotOperand::Global ? code->globals() : code->locals());
+}
+
+// The number in xmm0, as an integer if edx is 1, is the result of the call that the record has
+// made, and r10d is 1 if it is the value of a variable, otherwise 0. The called frame, in rcx, is
+// still the current one. If anything is unusual, the code at r9 does all of the return.
 void NativeEmitter::TakeResult() {
   const HotOp* const use = op[1].plain;
   const int variables = NativeRun::CountVariables(run, op->first);
@@ -431,6 +501,11 @@ void NativeEmitter::TakeResult() {
       mov(dword[rcx + OfFrame::return_offset], use[1].start);
       mov(rax, reinterpret_cast<uint64_t>(use[1].fast ? use[1].fast : use + 1));
       mov(Field(rcx, OfFrame::return_op), rax);
+    } else {
+      mov(rdi, Field(rsi, OfFrame::stack));
+      mov(Field(rdi, OfStack::top), rbp);
+      mov(rax, Field(r15, OfMachine::stack));
+      mov(rbp, Field(rax, OfStack::entries));
     }
     jmp(left_unusual);
   });
@@ -438,21 +513,26 @@ void NativeEmitter::TakeResult() {
   mov(rax, Field(r15, OfMachine::stack));
   cmp(rbp, Field(rax, OfStack::entries));
   jne(unusual);
+  mov(Field(rax, OfStack::top), rbp);
   mov(rsi, Field(rcx, OfFrame::previous));
   movsxd(rax, dword[rsi + OfFrame::output_mode]);
   cmp(rax, Field(r15, OfMachine::hot_mode));
   jne(unusual);
-  mov(rdi, Field(rsi, OfFrame::variables));
-  mov(r11, Field(rdi, OfTable::entries));
   if (is_stored) {
     const int offset = HotOp::Offset(use->first);
     if (use->left == HotOperand::Global) {
-      cmp(dword[rbx + kCounts], use->first);
-      jbe(unusual);
+      if (!IsReadable(use->left, use->first)) {
+        cmp(dword[rbx + kCounts], use->first);
+        jbe(unusual);
+      }
       mov(rax, ptr[r12 + offset]);
     } else {
-      cmp(dword[rdi + OfTable::count], use->first);
-      jbe(unusual);
+      mov(rdi, Field(rsi, OfFrame::variables));
+      mov(r11, Field(rdi, OfTable::entries));
+      if (!IsReadable(use->left, use->first)) {
+        cmp(dword[rdi + OfTable::count], use->first);
+        jbe(unusual);
+      }
       mov(rax, ptr[r11 + offset]);
     }
     test(rax, rax);
@@ -476,16 +556,26 @@ void NativeEmitter::TakeResult() {
     L(done);
   } else {
     Label any, push_integer, pushed;
-    test(r10d, r10d);
-    jz(any);
-    movzx(eax, byte[rcx + OfFrame::uses]);
-    test(al, HotOp::UsedAsValue);
-    jz(unusual);
-    test(al, HotOp::UsedAsNumber);
-    jz(any);
-    xor_(edx, edx);
-    L(any);
-    mov(r10, rbp);
+    if (use->passed_uses == 0) {
+      // All of it is known here.
+      if (!(use->uses & HotOp::UsedAsValue)) {
+        test(r10d, r10d);
+        jnz(unusual);
+      } else if (use->uses & HotOp::UsedAsNumber) {
+        dec(r10d);
+        and_(edx, r10d);
+      }
+    } else {
+      test(r10d, r10d);
+      jz(any);
+      movzx(eax, byte[rcx + OfFrame::uses]);
+      test(al, HotOp::UsedAsValue);
+      jz(unusual);
+      test(al, HotOp::UsedAsNumber);
+      jz(any);
+      xor_(edx, edx);
+      L(any);
+    }
     mov(rdi, Field(rsi, OfFrame::stack));
     mov(rbp, Field(rdi, OfStack::top));
     test(edx, edx);
@@ -496,11 +586,9 @@ void NativeEmitter::TakeResult() {
     cvttsd2si(edx, xmm0);
     PushNumber(HotForm::Integer);
     L(pushed);
-    mov(Field(rdi, OfStack::top), rbp);
-    mov(rbp, r10);
   }
   Renew(variables, slow->label);
-  LeaveFrame();
+  LeaveFrame(is_stored);
   mov(rax, ptr[rdi + op->first * 8L]);
   mov(Field(rcx, OfFrame::next_idle), rax);
   mov(ptr[rdi + op->first * 8L], rcx);
@@ -520,15 +608,13 @@ void NativeEmitter::TakeResult() {
   jmp(r9);
 }
 
-// Makes the frame in rsi, the caller of the one in rcx, the current one. Then rdi is the table of
-// the frames that are kept. Changes rax.
-void NativeEmitter::LeaveFrame() {
-  mov(rax, Field(r15, OfMachine::stack));
-  mov(Field(rax, OfStack::top), rbp);
+// Makes the frame in rsi, the caller of the one in rcx, the current one. Its stack knows its end,
+// or rbp is it already. Then rdi is the table of the frames that are kept. Changes rax.
+void NativeEmitter::LeaveFrame(bool is_told) {
   mov(Field(r15, OfMachine::frame), rsi);
   mov(rdi, Field(rsi, OfFrame::stack));
   mov(Field(r15, OfMachine::stack), rdi);
-  mov(rbp, Field(rdi, OfStack::top));
+  if (is_told) mov(rbp, Field(rdi, OfStack::top));
   mov(rdi, ptr[rbx + static_cast<int>(offsetof(NativeRun, idle_frames))]);
 }
 
@@ -555,13 +641,21 @@ void NativeEmitter::EmitLeft() {
   mov(rax, Field(r15, OfMachine::stack));
   cmp(rbp, Field(rax, OfStack::entries));
   jne(left_unusual);
+  mov(Field(rax, OfStack::top), rbp);
   mov(rsi, Field(rcx, OfFrame::previous));
   movsxd(rax, dword[rsi + OfFrame::output_mode]);
   cmp(rax, Field(r15, OfMachine::hot_mode));
   jne(left_unusual);
-  CheckReturn(left_unusual);
+  Rare* elsewhere = &AddRare([this](Rare& self) {
+    CheckReturn(left_unusual);
+    jmp(self.back);
+  });
+  mov(rax, code->serial());
+  cmp(Field(rcx, OfFrame::return_code), rax);
+  jne(elsewhere->label);
+  L(elsewhere->back);
   Renew(-1, left_unusual);
-  LeaveFrame();
+  LeaveFrame(true);
   mov(rax, Field(rcx, OfFrame::place));
   lea(rdi, ptr[rdi + rax * 8]);
   mov(rax, ptr[rdi]);

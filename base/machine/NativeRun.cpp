@@ -258,6 +258,17 @@ bool NativeRun::SendValue(NativeRun* run, const HotOp* op) {
   return BeginWithScalar(parameter, variable, &run->patience);
 }
 
+void NativeRun::BeginText(Variable* parameter, const char* text, int length) {
+  parameter->Begin(text, length);
+}
+
+bool NativeRun::BeginWithText(Variable* parameter, const Variable* argument) {
+  const String& text = argument->plain_text();
+  if (!argument->HoldsText() || !text.data || text.length > kShort) return false;
+  parameter->Begin(text.data, text.length);
+  return true;
+}
+
 bool NativeRun::LoadFrom(NativeRun* run, const HotOp* op, Variable* found) {
   if (found->HoldsNumber()) {
     run->temporaries.Set(op->third, found);

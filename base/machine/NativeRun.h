@@ -85,6 +85,10 @@ struct NativeRun {
   static bool NextElement(NativeRun* run, const HotOp* op);
   static bool CallWith(NativeRun* run, const HotOp* op);
   static bool SendValue(NativeRun* run, const HotOp* op);
+  // A sleeping parameter begins with a text, or with that of an argument that has no other form; it
+  // returns false and does nothing if that is a long one.
+  static void BeginText(Variable* parameter, const char* text, int length);
+  static bool BeginWithText(Variable* parameter, const Variable* argument);
   // The same with the number that is stored.
   static bool StoreDouble(NativeRun* run, const HotOp* op, double number);
   static bool StoreInteger(NativeRun* run, const HotOp* op, int number);

@@ -608,6 +608,26 @@ TEST(NativeCode, ResultsAreArgumentsOfTheNextCall) {
   EXPECT_NE(outcome.error.find("tack underflow"), std::string::npos) << outcome.error;
 }
 
+// A parameter keeps the memory of its last text, which the next one may fit in or not.
+TEST(NativeCode, TextsOfAllLengthsAreArguments) {
+  std::string body;
+  for (const int length :
+       {0, 1, 3, 20, 2, 4, 5, 7, 8, 9, 11, 12, 15, 16, 17, 300, 15, 1, 5000, 0}) {
+    const std::string text = "pushc \"" + std::string(static_cast<size_t>(length), 'q') + "\"\n";
+    body += text + "popg a\n" + text + "pushg row\npushi 2\nelem\nstore\n";
+    for (const std::string& argument :
+         {text, std::string("pushg a\n"), std::string("pushg row\npushi 2\nelem_readonly\n")}) {
+      body += "pushi 3\n" + argument + "call f\nout\n" + argument + argument + "call f\nout\n";
+    }
+    body += "pushg a\ncall reference\nout\n";
+  }
+  const Outcome outcome =
+      ExpectTheSame(kRow + Loop(body, 12) +
+                    ".function f(p, q)\npushl p\nout\npushl q\npushl p\ncat\nret\n.end\n"
+                    ".function reference(p var)\npushl p\npushl p\ncall f\nret\n.end\n");
+  EXPECT_EQ(outcome.result, 1) << outcome.error;
+}
+
 // What refers to a variable of the caller has the value that it has when it is used, which another
 // call may change.
 TEST(NativeCode, AResultThatIsAReferenceIsReadWhenItIsUsed) {
