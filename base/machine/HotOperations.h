@@ -271,12 +271,17 @@ HOT_INLINE int OrderOf(Number left, Number right) {
   return true;
 }
 
-// The bytes with which no number begins.
+// The bytes with which no number begins, and those that are none alone.
 struct WordTable {
   bool begins[256];
-  constexpr WordTable() : begins() {
+  bool alone[256];
+  constexpr WordTable() : begins(), alone() {
     for (bool& word : begins) word = true;
-    for (const unsigned char c : {'i', 'I', 'n', 'N', '.', '+', '-', ' '}) begins[c] = false;
+    for (const unsigned char c : {'i', 'I', 'n', 'N', '.', '+', '-'}) {
+      begins[c] = false;
+      alone[c] = true;
+    }
+    begins[static_cast<int>(' ')] = false;
     for (int c = '0'; c <= '9'; c++) begins[c] = false;
     for (int c = '\t'; c <= '\r'; c++) begins[c] = false;
   }

@@ -20,6 +20,7 @@ bool NativeEmitter::Make() {
   EmitRenew();
   EmitLeft();
   EmitSubroutines();
+  EmitTextSubroutines();
   NoteStoredDoubles();
   std::vector<bool> known(list.size());
   const auto emit = [this, &known](size_t place) {
@@ -242,6 +243,7 @@ bool NativeEmitter::Emit() {
       return kind == HotOperand::Temporary || kind == HotOperand::Place;
     };
     SetFallback(&NativeRun::Compare<&NativeRun::OrderOfUnusual>, op->target);
+    TryWords(op->left, op->first, op->right, op->second, op->orders);
     LoadNumber(xmm0, op->left, op->first);
     LoadNumber(xmm1, op->right, op->second);
     JumpIf(op->orders, is_temporary(op->left) || is_temporary(op->right), op->target);
@@ -249,6 +251,7 @@ bool NativeEmitter::Emit() {
   }
   if (compares && FamilyOf(action, HotAction::CompareOfGlobalGlobal, 1) >= 0) {
     SetFallback(&NativeRun::Compare<&NativeRun::OrderOfUnusual>, false);
+    TryWords(op->left, op->first, op->right, op->second, op->orders);
     LoadNumber(xmm0, op->left, op->first);
     LoadNumber(xmm1, op->right, op->second);
     Compare(op->orders);
@@ -350,13 +353,18 @@ bool NativeEmitter::Emit() {
       mov(rcx, RowAt(op->into, op->third));
       test(rcx, rcx);
       jz(Leave());
+      Rare* const word = &AddRare([this, &unusual = Leave()](Rare& self) {
+        call(copy_word);
+        jc(unusual);
+        jmp(self.back);
+      });
       mov(eax, dword[rsi + OfVariable::state]);
       cmp(eax, dword[rcx + OfVariable::state]);
-      jne(Leave());
+      jne(word->label);
       cmp(eax, OfVariable::integer_alone);
       je(as_integer);
       cmp(eax, OfVariable::double_alone);
-      jne(Leave());
+      jne(word->label);
       mov(rax, Field(rsi, OfVariable::number));
       mov(Field(rcx, OfVariable::number), rax);
       mov(dword[rcx + OfVariable::primary], PrimaryDouble);
@@ -366,6 +374,7 @@ bool NativeEmitter::Emit() {
       mov(dword[rcx + OfVariable::integer], eax);
       mov(dword[rcx + OfVariable::primary], PrimaryInteger);
       L(done);
+      L(word->back);
       return true;
     }
     case HotAction::MoveNumber:

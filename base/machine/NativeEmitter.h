@@ -97,6 +97,8 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   static constexpr int kEntryLengths = offsetof(hot::Entry, length);
   static constexpr int kEntryOwned = offsetof(hot::Entry, deletable);
   static constexpr uint64_t kIntegerLengths = 4 | uint64_t{4} << 32;
+  // An entry that has a count on its variable.
+  static constexpr uint64_t kVariableHead = ZephVM_Stack::KindVariable | uint64_t{1} << 32;
   static constexpr uint64_t kDoubleLengths = 8 | uint64_t{8} << 32;
   static constexpr int kCalledRows = offsetof(NativeRun, called_rows);
   static constexpr int kOp = offsetof(NativeRun, op);
@@ -210,12 +212,21 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void Do(NativeRun::Work work, size_t count = 1);
   void CallComparison(NativeRun::Comparison comparison);
   void StoreCompared(bool is_stored);
-  void CompareWord(Label& differs);
+  Label& CompareWord();
+  void NeedLetter(const Reg32& length, Label& unusual);
+  void TryWords(HotOperand left, int first, HotOperand right, int second, unsigned char orders);
+  void LoadText(const Reg64& variable, HotOperand kind, int offset);
+  void EmitTextSubroutines();
   bool EmitValues();
   void FindTree(int kind);
   void FindSlot(bool to_write);
+  void SearchSlot();
   void FindMember(bool to_write);
+  void FindMemberVariable();
   void UseSlot(bool is_loaded);
+  void UseText(const HotOp* record, bool is_loaded, Label& done);
+  void EachElement();
+  void NeedForm(int form);
   void WriteSlot(HotOperand kind, int offset);
   void WriteSource(int file);
   void FindKept(Label& unprepared, Label& unusual);
@@ -297,6 +308,8 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   Label find_plain;
   Label follow;
   Label touch;
+  Label copy_word;  // see EmitTextSubroutines() for these
+  Label same_words;
   Label ends;  // an operation has told where the loop goes on
 };
 

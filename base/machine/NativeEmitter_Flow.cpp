@@ -4,11 +4,9 @@
 
 #ifdef __x86_64__
 
-#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 // Continues at another record.
 void NativeEmitter::GoTo(const HotOp* goal) {
@@ -187,50 +185,6 @@ void NativeEmitter::StoreCompared(bool is_stored) {
     xorps(xmm0, xmm0);
     cvtsi2sd(xmm0, eax);
     movsd(NumberAt(op->third), xmm0);
-  }
-}
-
-// Whether the left operand, a variable, has the text of the record: goes on here if so. Others than
-// short texts that are no numbers are left to the fallback.
-void NativeEmitter::CompareWord(Label& differs) {
-  LoadVariable(rcx, op->left, op->first);
-  cmp(dword[rcx + OfVariable::state], OfVariable::text_alone);
-  jne(Leave());
-  cmp(dword[rcx + OfVariable::primary], PrimaryText);
-  jne(Leave());
-  mov(esi, dword[rcx + OfVariable::length]);
-  mov(rdx, Field(rcx, OfVariable::text));
-  lea(eax, ptr[rsi - 1]);
-  cmp(eax, hot::kShort);
-  jae(Leave());
-  movzx(eax, byte[rdx]);
-  mov(rdi, reinterpret_cast<uint64_t>(hot::kWords.begins));
-  cmp(byte[rdi + rax], 0);
-  je(Leave());
-  cmp(esi, op->length);
-  jne(differs);
-  const auto bytes = [this](int from, auto* part) { memcpy(part, op->text + from, sizeof *part); };
-  const int length = op->length;
-  for (int from = 0; from < length;) {
-    const int rest = length - from;
-    if (rest >= 8 || (rest > 4 && length >= 8)) {
-      uint64_t part;
-      from = std::min(from, length - 8);
-      bytes(from, &part);
-      mov(rax, part);
-      cmp(ptr[rdx + from], rax);
-      from += 8;
-    } else if (rest >= 4 || (rest > 2 && length >= 4)) {
-      uint32_t part;
-      from = std::min(from, length - 4);
-      bytes(from, &part);
-      cmp(dword[rdx + from], part);
-      from += 4;
-    } else {
-      cmp(byte[rdx + from], static_cast<unsigned char>(op->text[from]));
-      from++;
-    }
-    jne(differs);
   }
 }
 

@@ -292,6 +292,8 @@ bool NativeEmitter::EmitOnStack() {
       const unsigned char orders = op[1].orders;
       if (orders == 0 || orders > 6) return false;
       SetFallback(&NativeRun::CompareGlobals, op[1].target, 2);
+      TryWords(HotOperand::Global, HotOp::Offset(op->first), HotOperand::Global,
+               HotOp::Offset(op->second), orders);
       LoadNumber(xmm0, HotOperand::Global, HotOp::Offset(op->first));
       LoadNumber(xmm1, HotOperand::Global, HotOp::Offset(op->second));
       JumpIf(orders, false, op[1].target);
@@ -328,12 +330,7 @@ bool NativeEmitter::EmitOnStack() {
       mov(dword[rcx + OfVariable::integer], op->second);
       mov(dword[rcx + OfVariable::primary], PrimaryInteger);
       return true;
-    case HotAction::EachElement:
-      CallWith(reinterpret_cast<const void*>(&NativeRun::EachElement));
-      test(al, al);
-      jz(Leave());
-      Continue(static_cast<size_t>(op->second) + 5);
-      return true;
+    case HotAction::EachElement: EachElement(); return true;
     case HotAction::NextElement:
       Call(&NativeRun::NextElement);
       Continue(5);

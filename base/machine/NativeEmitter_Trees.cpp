@@ -4,12 +4,13 @@
 
 #ifdef __x86_64__
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 
-// rcx <- the elements of the array or structure at the left.
+// rcx <- the elements of the array or structure that the variable in rcx is.
 void NativeEmitter::FindTree(int kind) {
-  LoadVariable(rcx, op->left, op->first);
   Rare* rare = &AddRare([this, &unusual = Leave()](Rare& self) {
     call(find_plain);
     jc(unusual);
@@ -29,11 +30,17 @@ void NativeEmitter::FindSlot(bool to_write) {
   LoadInteger(edx, op->right, op->second);
   cmp(edx, 1);
   jl(Leave());
+  LoadVariable(rcx, op->left, op->first);
   FindTree(AggregateArray);
   if (to_write) {
     cmp(byte[rcx + OfElements::shared], 0);
     jne(Leave());
   }
+  SearchSlot();
+}
+
+// The same for the index in edx and the elements in rcx.
+void NativeEmitter::SearchSlot() {
   mov(edi, edx);
   sub(edi, dword[rcx + OfElements::base]);
   cmp(edi, dword[rcx + OfElements::count]);
@@ -63,6 +70,7 @@ void NativeEmitter::FindSlot(bool to_write) {
 
 // The same for the member whose name is the record's.
 void NativeEmitter::FindMember(bool to_write) {
+  LoadVariable(rcx, op->left, op->first);
   FindTree(AggregateStructure);
   if (to_write) {
     cmp(byte[rcx + OfMembers::shared], 0);
@@ -108,6 +116,15 @@ void NativeEmitter::FindMember(bool to_write) {
   mov(rax, ptr[rsi]);
 }
 
+// rax <- the variable of the member whose name is the record's, which may be written to.
+void NativeEmitter::FindMemberVariable() {
+  FindMember(true);
+  mov(byte[rcx + OfElements::isolated], 0);
+  mov(rdx, rax);
+  shr(rdx, 49);
+  jnz(Leave());
+}
+
 // What was found is loaded into the record's temporary, or moved to its target.
 void NativeEmitter::UseSlot(bool is_loaded) {
   Label is_integer;
@@ -130,6 +147,7 @@ void NativeEmitter::UseSlot(bool is_loaded) {
         mov(edx, dword[rax + OfVariable::integer]);
         jmp(self.others[1]);
         L(other);
+        UseText(record, is_loaded, next);
         mov(ptr[rbx + kTop], rbp);
         mov(rdi, rbx);
         mov(rsi, reinterpret_cast<uint64_t>(record));
@@ -168,6 +186,117 @@ void NativeEmitter::UseSlot(bool is_loaded) {
     StoreInteger();
   }
   L(rare->back);
+}
+
+// The same for a short text of the variable in rax, after which the code goes on at done. Goes on
+// here, with rax as it is, if it has none or that takes more.
+void NativeEmitter::UseText(const HotOp* record, bool is_loaded, Label& done) {
+  Label other;
+  if (is_loaded) {
+    if (record->load < HotLoad::NumberOrText) return;
+    cmp(dword[rax + OfVariable::state], OfVariable::text_alone);
+    jne(other);
+    cmp(dword[rax + OfVariable::primary], PrimaryText);
+    jne(other);
+    mov(PlaceAt(record->third), rax);
+    mov(FormAt(record->third), static_cast<int>(HotForm::AsLoaded));
+    mov(rax, std::bit_cast<uint64_t>(std::numeric_limits<double>::quiet_NaN()));
+    mov(NumberAt(record->third), rax);
+  } else {
+    mov(rcx, RowAt(record->into, record->third));
+    test(rcx, rcx);
+    jz(other);
+    mov(rsi, rax);
+    call(copy_word);
+    mov(rax, rsi);
+    jc(other);
+  }
+  jmp(done);
+  L(other);
+}
+
+// A step of a loop over an array: the element at the position on top is stored in a variable.
+void NativeEmitter::EachElement() {
+  const HotOp& array = op[3];
+  const auto count = static_cast<size_t>(op->second) + 5;
+  const HotOp& pop = op[count - 1];
+  SetFallback(&NativeRun::EachElement, count);
+  NeedRoom();
+  NeedEntries(1, ZephVM_Stack::KindDouble);
+  LoadConstant(xmm0, op->number);
+  addsd(xmm0, ptr[rbp - kEntry + kEntryValue]);
+  cvttsd2si(edx, xmm0);
+  cmp(edx, 1);
+  jl(Leave());
+  LoadRow(array.left, array.first);
+  FindTree(AggregateArray);
+  SearchSlot();
+  LoadRow(pop.left, pop.first);
+  Label is_integer;
+  Rare* rare = &AddRare([this, &unusual = Leave()](Rare& self) {
+    Label no_double, other;
+    cmp(dword[rax + OfVariable::state], OfVariable::double_alone);
+    jne(no_double);
+    cmp(dword[rax + OfVariable::primary], PrimaryDouble);
+    jne(unusual);
+    movsd(xmm0, Field(rax, OfVariable::number));
+    jmp(self.others[0]);
+    L(no_double);
+    cmp(dword[rax + OfVariable::state], OfVariable::integer_alone);
+    jne(other);
+    cmp(dword[rax + OfVariable::primary], PrimaryInteger);
+    jne(unusual);
+    mov(eax, dword[rax + OfVariable::integer]);
+    jmp(self.others[1]);
+    L(other);
+    // An empty text has no value.
+    cmp(dword[rax + OfVariable::length], 0);
+    je(unusual);
+    mov(rsi, rax);
+    call(copy_word);
+    jc(unusual);
+    jmp(self.back);
+  });
+  mov(rdx, rax);
+  shr(rdx, 49);
+  jz(rare->label);
+  cmp(edx, static_cast<int>(OfSlot::integer_tag >> 49));
+  je(is_integer);
+  mov(rdx, OfSlot::double_offset);
+  sub(rax, rdx);
+  movq(xmm0, rax);
+  L(rare->others[0]);
+  // A variable that gets a number alone has no elements, so it is not the array.
+  NeedForm(OfVariable::double_alone);
+  movsd(Field(rcx, OfVariable::number), xmm0);
+  mov(dword[rcx + OfVariable::primary], PrimaryDouble);
+  jmp(rare->back);
+  L(is_integer);
+  L(rare->others[1]);
+  NeedForm(OfVariable::integer_alone);
+  mov(dword[rcx + OfVariable::integer], eax);
+  mov(dword[rcx + OfVariable::primary], PrimaryInteger);
+  L(rare->back);
+  LoadConstant(xmm0, op->number);
+  addsd(xmm0, ptr[rbp - kEntry + kEntryValue]);
+  movsd(ptr[rbp - kEntry + kEntryValue], xmm0);
+  if (op->second > 6) WriteSource(op[5].first);
+  const HotOp& line = op[op->second - 1];
+  if (op->second > 5 && line.single == HotAction::Line) {
+    mov(dword[r15 + OfMachine::current_line], line.first);
+  }
+  Continue(count);
+}
+
+// The variable in rcx gets that form alone; its number is stored next.
+void NativeEmitter::NeedForm(int form) {
+  Rare* const other = &AddRare([this, form, &unusual = Leave()](Rare& self) {
+    MakeForm(form, unusual);
+    jmp(self.back);
+  });
+  cmp(dword[rcx + OfVariable::state], form);
+  jne(other->label);
+  L(other->back);
 }
 
 // Stores an operand in the slot at rsi. A number is stored as such only if it is all of its value.

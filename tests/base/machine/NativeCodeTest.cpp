@@ -488,15 +488,158 @@ TEST(NativeCode, MembersAreFoundInStructuresOfOtherLayouts) {
     body += member("s", name) + "dup\npushi 1\nadd\nswap\nstore\n" + "pushg s\npushc \"" + name +
             "\"\nmemb_readonly\nout\npushg s\npushc \"" + name +
             "\"\nmemb_readonly\npushg n\nadd\npopg r\npushg r\nout\npushg n\n" + member("s", name) +
-            "store\npushg s\npushc \"" + name + "\"\nmemb_readonly\npushi 3\nlt\nout\n";
+            "store\npushg s\npushc \"" + name + "\"\nmemb_readonly\npushi 3\nlt\nout\n" +
+            member("s", name) + "call change\nout\n";
   }
   // A copy, which shares its members until it is written to, and one that is written to in place.
   for (const char* const after :
        {"", "pushg s\npopg e\n", "pushg s\npushc \"m7\"\nmemb\npoprg held\n",
         "pushg other\npushg s\npushc \"m0\"\nmemb\nrefer\n"}) {
     SCOPED_TRACE(after);
-    EXPECT_EQ(ExpectTheSame(fill + Loop(body + after + "pushg s\nout\n", 40)).result, 1);
+    EXPECT_EQ(ExpectTheSame(fill + Loop(body + after + "pushg s\nout\n", 40) +
+                            ".function change(e var)\npushl e\npushc \"x\"\neq\npushi 6\npopl e\n"
+                            "ret\n.end\n")
+                  .result,
+              1);
   }
+}
+
+// The values of a loop over an array, and the variable that gets them, are of all kinds.
+TEST(NativeCode, ALoopOverAnArrayGetsEachValueInEachVariable) {
+  std::string fill;
+  int count = 0;
+  const auto place = [&count] { return "pushg x\npushi " + std::to_string(++count) + "\nelem\n"; };
+  for (const char* const value :
+       {"pushi 3\n", "pushf 2.5\n", "pushi -7\n", "pushf nan\n", "pushc \"a\"\n", "pushc \"bc\"\n",
+        "pushc \"def\"\n", "pushc \"\"\n", "pushc \"12\"\n", "pushc \"4567\"\n",
+        "pushc \"eight888\"\n", "pushc \"sixteen bytes it\"\n", "pushc \"seventeen bytes i\"\n",
+        "pushg row\n", "pushg structure\n", "pushf -0.0\n", "pushi 5\n"}) {
+    fill += value + place() + "store\n";
+  }
+  fill += "pushg other\n" + place() + "refer\n";
+  fill += place() + "pop\n";
+  fill += "pushi 9\n" + place() + "store\npushg x\npushi " + std::to_string(count) +
+          "\nelem\npushi 2\ndiv\nout\n";
+  fill += "pushc \"wood\"\n" + place() + "store\npushg x\npushi " + std::to_string(count) +
+          "\nelem\npushi 2\nadd\nout\n";
+  const std::string last = std::to_string(count);
+  for (const bool local : {false, true}) {
+    const std::string v = local ? "l v" : "g v";
+    for (const char* const lines : {"", "lineno 7\n", "sourcefile \"a\"\nlineno 8\n"}) {
+      for (const char* const round : {"", "pushg x\npopg copy\n", "pushi 1\nCOPY\n"}) {
+        SCOPED_TRACE(testing::Message() << v << lines << round);
+        std::string change = round;
+        if (change == "pushi 1\nCOPY\n") change = "pushg x\npop" + v + "\n";
+        const std::string body = OfEachKind(v) + change +
+                                 "pushi 0\nhead: pushi 1\nadd\ndup\npushg x\nswap\n" + lines +
+                                 "elem_readonly\ndup\nisnull\njmp_ne end\npop" + v + "\npush" + v +
+                                 "\nout\npushc \" \"\nout\njmp head\nend: pop\ndup\npushi " + last +
+                                 "\nlt\njmp_ne head\npop\npushg other\nout\n";
+        if (local) {
+          ExpectTheSame(kRow + fill + "call f\nexit\n.function f()\n.local v\nagain: incg n, 1\n" +
+                        body + "cmpgi n, 30\njmp_lt again\nretn\n.end\n");
+        } else {
+          ExpectTheSame(kRow + fill + Loop(body, 30));
+        }
+      }
+    }
+  }
+}
+
+// The array changes while the loop is on its way, and the position may be outside of it.
+TEST(NativeCode, ALoopOverAnArrayGoesOnInTheArrayThatIsThere) {
+  std::string fill;
+  for (int i = 1; i <= 9; i++) {
+    fill += "pushi " + std::to_string(3 * i) + "\npushg x\npushi " + std::to_string(i) +
+            "\nelem\nstore\n";
+  }
+  const char* const changes[] = {
+      "",
+      "pushg v\npushi 1\nadd\npushg x\npushi 4\nelem\nstore\n",
+      "pushg x\npushi 9\nelem\npushi 1\npopg v\npop\n",
+      "pushg x\npopg y\npushi 100\npushg x\npushi 8\nelem\nstore\npushg y\npushi 8\n"
+      "elem_readonly\nout\n",
+      "pushc \"\"\npopg x\n",
+      "pushi 1\npushg x\npushi 20\nelem\nstore\n",
+      "pushg x\npushg y\nrefer\n",
+      "pushg x\npoprg v\n",
+      "pushg x\npushi 5\nelem\npoprg v\n",
+      "pop\npushf 2.5\n",
+      "pop\npushi 6\n",
+      "pop\npushc \"6\"\n",
+      "pop\npushi 2147483647\n",
+      "pop\npushf nan\n",
+      "pop\npushi -3\n",
+  };
+  for (const char* const change : changes) {
+    SCOPED_TRACE(change);
+    ExpectTheSame(fill + Loop("storegi k, 0\npushi 0\nhead: pushi 1\nadd\ndup\npushg x\nswap\n"
+                              "lineno 9\nelem_readonly\ndup\nisnull\njmp_ne end\npopg v\npushg v\n"
+                              "out\npushc \" \"\nout\nincg k, 1\ncmpgi k, 5\njmp_ne same\n" +
+                                  std::string(change) +
+                                  "same: cmpgi k, 20\njmp_lt head\ndup\nend: pop\nout\n",
+                              5));
+  }
+}
+
+// --- Texts ---------------------------------------------------------------------------------------
+
+// Texts of all lengths, some of which are or may be numbers. Those that were compared as numbers
+// keep the number.
+TEST(NativeCode, TextsAreComparedAndCopiedWhateverTheirLength) {
+  std::vector<std::string> texts = {"",  "+",  "-",   ".",    "i",   "n",   " ",           "7",
+                                    "x", "X",  "inf", "inn",  "nan", "-.5", "99999999999", "7x",
+                                    "é", "+i", "mod", "mode", "m",   "ab",  "ac",          "0x10",
+                                    "7", "7 ", "1e3"};
+  for (const int length : {5, 7, 8, 9, 15, 16, 17, 24, 25, 64, 65, 300}) {
+    const std::string text(static_cast<size_t>(length), 'q');
+    texts.push_back(text);
+    texts.push_back(text.substr(1) + "r");
+    texts.push_back("r" + text.substr(1));
+  }
+  std::string fill;
+  int position = 0;
+  for (const std::string& text : texts) {
+    fill +=
+        "pushc \"" + text + "\"\npushg x\npushi " + std::to_string(++position) + "\nelem\nstore\n";
+  }
+  fill += "pushi 7\npushg x\npushi " + std::to_string(++position) + "\nelem\nstore\n";
+  fill += "pushf 7\npushg x\npushi " + std::to_string(++position) + "\nelem\nstore\n";
+  const std::string n = "pushg x\npushg n\nelem_readonly\n",
+                    m = "pushg x\npushg m\nelem_readonly\n";
+  std::string body = n + "popg a\n" + m + "popg b\npushg a\npopg c\n";
+  int label = 0;
+  const auto use = [&](const std::string& operands) {
+    for (const char* const compare : {"eq", "ne"}) {
+      const std::string after = "t" + std::to_string(label++);
+      body += operands + compare + "\njmp_eq " + after + "\npushc \"+\"\nout\n" + after + ": " +
+              operands + compare + "\npopg r\npushg r\nout\n";
+    }
+  };
+  use(n + m);
+  use(n + "pushg b\n");
+  use("pushg a\n" + m);
+  use("pushg a\npushg b\n");
+  for (const char* const constant :
+       {"x", "+", "mod", "", "7", "qqqqqqqq", "qqqqqqqqqqqqqqqq", "qqqqqqqqqqqqqqqqqqqqqqqqr"}) {
+    use("pushg a\npushc \"" + std::string(constant) + "\"\n");
+  }
+  use("pushg d\npushg b\n");
+  body += "pushg a\npushg b\ncall f\nout\npushg c\npushi 0\nbitor\nout\npushg a\npushi 0\nbitor\n" +
+          std::string("out\npushg a\nout\npushg b\npopg c\n");
+  // The other operands are those of a short row of positions, beginning at the first one.
+  const std::string last = std::to_string(position);
+  EXPECT_EQ(
+      ExpectTheSame(fill +
+                    "pushg a\npushg d\nrefer\nouter: storegi k, 0\nincg n, 1\n"
+                    "again: incg k, 1\npushg n\npushg k\nadd\npushi 2\nsub\npushi " +
+                    last + "\nmod\npushi 1\nadd\npopg m\n" + body +
+                    "cmpgi k, 5\njmp_lt again\ncmpgi n, " + last +
+                    "\njmp_lt outer\nexit\n.function f(p var, q var)\npushl p\npushl q\neq\n"
+                    "jmp_ne same\npushl p\npushc \"x\"\neq\nret\nsame: pushl q\npushc \"mod\"\n"
+                    "ne\nret\n.end\n")
+          .result,
+      1);
 }
 
 // --- Calls ---------------------------------------------------------------------------------------
