@@ -94,6 +94,8 @@ class Output {
   int previous_was_space = 1;
 
  private:
+  friend struct NativeLayout;
+
   char* room_begin = nullptr;  // start of the bytes put since the room was opened
   char* room = nullptr;
   char* room_end = nullptr;

@@ -23,6 +23,7 @@ BufferedOutput::~BufferedOutput() {
 int BufferedOutput::Write(const char* text, int length) {
   length = MeasuredLength(text, length);
   if (length == 0) return 0;
+  TakePut();
   if (length > capacity) {
     const char* p = text;
     int left = length;
@@ -44,6 +45,7 @@ int BufferedOutput::Write(const char* text, int length) {
 }
 
 int BufferedOutput::Flush() {
+  TakePut();
   if (used == 0) return 0;
   int written = DoWrite(buffer, used);
   used = 0;
@@ -68,10 +70,17 @@ CaptureOutput::~CaptureOutput() {
 // The text is freed at once, because captures that have found this one may keep the object for
 // long.
 void CaptureOutput::Close() {
+  TakePut();
   delete[] base;
   base = buffer = nullptr;
   captured = used = capacity = 0;
   EndLayer();
+}
+
+int CaptureOutput::Write(const char* text, int length) {
+  const int written = BufferedOutput::Write(text, length);
+  HoldRoom();
+  return written;
 }
 
 int CaptureOutput::Write_Error(const char* text, int length) {
@@ -88,6 +97,7 @@ int CaptureOutput::Header(const char* name, int namelength, int nameowned, const
 }
 
 int CaptureOutput::Flush() {
+  TakePut();
   long total = static_cast<long>(captured) + used;
   long needed = total + capacity + 1;
   if (needed > INT_MAX) throw std::bad_alloc();
@@ -110,6 +120,7 @@ int CaptureOutput::DoWrite(const char*, int length) {
 }
 
 char* CaptureOutput::data(int* length, int* size) {
+  TakePut();
   char* next = new char[static_cast<size_t>(capacity) + 1];
   char* text = base;
   *length = captured + used;

@@ -27,6 +27,15 @@ class BufferedOutput : public Output {
   virtual int DoWrite(const char* text, int length) = 0;
 
  protected:
+  // Counts what was put in the room. Comes before any use of the fields.
+  void TakePut() { used += CloseRoom(); }
+  // Holds the rest of the buffer open for Put, until the next Write or Flush. For a class that
+  // takes all text as it is.
+  void HoldRoom() {
+    TakePut();
+    if (used < capacity) OpenRoom(buffer + used, capacity - used);
+  }
+
   char* buffer;
   int capacity;
   int used = 0;
@@ -41,6 +50,7 @@ class CaptureOutput : public BufferedOutput, public OutputLayer {
   // REQUIRES: no other layer has this one below it. Otherwise use Close.
   ~CaptureOutput() override;
 
+  int Write(const char* text, int length) override;
   // Ends the capture: frees the text and gives back the maker's count. The maker calls it instead
   // of deleting the object.
   void Close();

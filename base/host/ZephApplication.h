@@ -251,6 +251,8 @@ class ZephApplication {
   List<LogFilterEntry>* logexcludes() { return &log_excludes; }
 
  protected:
+  friend struct NativeLayout;
+
   // What output() returns; null in a host that keeps it in another place.
   Output* current_output = nullptr;
 

@@ -15,7 +15,11 @@ StandardOutput::~StandardOutput() {
 
 int StandardOutput::Write(const char* text, int length) {
   int written = BufferedOutput::Write(text, length);
-  if (!buffered) Flush();
+  if (buffered) {
+    HoldRoom();
+  } else {
+    Flush();
+  }
   return written;
 }
 

@@ -84,6 +84,35 @@ TEST(CaptureOutput, GivesAwayAllThatWasWritten) {
   EXPECT_TRUE(parent.text.empty());
 }
 
+// Text that is copied into the room which is held open comes in its order, whatever is written,
+// flushed and taken in between.
+TEST(CaptureOutput, KeepsTheOrderOfTextThatWasPutInItsRoom) {
+  RecordingOutput parent;
+  CaptureOutput output(&parent);
+  std::string expected;
+  bool was_put = false;
+  for (int i = 0; i < 20000; i++) {
+    const std::string text = std::to_string(i) + std::string(static_cast<size_t>(i % 37), ' ');
+    const int length = static_cast<int>(text.size());
+    if (i % 11 == 0) {
+      output.Write(text.data(), length);
+    } else {
+      was_put |= output.Put(text.data(), length);
+    }
+    expected += text;
+    if (i % 700 == 0) output.Write("", 0);
+    if (i % 1700 == 0) output.Flush();
+    if (i % 5000 == 4999) {
+      int all, size;
+      const std::unique_ptr<char[]> taken(output.data(&all, &size));
+      EXPECT_EQ(std::string(taken.get(), static_cast<size_t>(all)), expected);
+      EXPECT_GT(size, all);
+      expected.clear();
+    }
+  }
+  EXPECT_TRUE(was_put);
+}
+
 TEST(CaptureOutput, ReportsCapturedAndCapacityAsSize) {
   RecordingOutput parent;
   CaptureOutput output(&parent);

@@ -49,6 +49,27 @@ class StandardOutputTest : public testing::Test {
   FileDescriptor saved;
 };
 
+// So does text that is copied into the room which the output holds open, in its order.
+TEST_F(StandardOutputTest, TextInTheRoomWaitsForAFlush) {
+  StandardOutput output(1, 100);
+  output.Write("abc", 3);
+  const bool put = output.PutInRoom("def", 3);
+  output.Write("", 0);
+  output.Write("ghi", 3);
+  const bool fits = output.PutInRoom("0123456789", 10);
+  const std::string before = Arrived();
+  output.Flush();
+  const std::string after = Arrived();
+  StandardOutput unbuffered(0, 100);
+  unbuffered.Write("abc", 3);
+  const bool waits = unbuffered.PutInRoom("def", 3);
+  Restore();
+  EXPECT_TRUE(put && fits);
+  EXPECT_EQ(before, "");
+  EXPECT_EQ(after, "abcdefghi0123456789");
+  EXPECT_FALSE(waits);
+}
+
 TEST_F(StandardOutputTest, BufferedTextWaitsForAFlush) {
   StandardOutput output(1, 100);
   const int taken = output.Write("abc", 3);
