@@ -921,24 +921,30 @@ inline void PassStore(ZephVM_FunctionFrame* called) {
 }
 
 // Stores the concatenation that a frame returns in the caller's variable, or puts it on the
-// caller's stack. Returns false and does nothing if it cannot be made here.
+// caller's stack.
+inline void PassBytes(ZephVM_FunctionFrame* called, const char* bytes, int length, bool chained,
+                      const _VH_Entry* globals, unsigned count, bool decoded) {
+  if (decoded) {
+    Variable* const target = FindTargetOfResult(called, globals, count);
+    if (target) {
+      target->WriteJoined(bytes, length, chained);
+      PassStore(called);
+      return;
+    }
+  }
+  ZephVM_Stack* const callers = called->previous->stack;
+  SetJoined(callers->End(), bytes, length, chained);
+  callers->SetEnd(callers->End() + 1);
+}
+
+// The same for that of a record. Returns false and does nothing if it cannot be made here.
 [[gnu::noinline]] inline bool JoinResult(ZephVM_FunctionFrame* called, const HotOp* op,
                                          const _VH_Entry* const* rows, unsigned count,
                                          const Temporaries& temporaries, bool decoded) {
   char bytes[kMostJoinedBytes];
   const int length = Join(op + 1, op + 1 + op->second, rows, temporaries, bytes);
   if (length < 0) return false;
-  if (decoded) {
-    Variable* const target = FindTargetOfResult(called, rows[0], count);
-    if (target) {
-      target->WriteJoined(bytes, length, op->refer);
-      PassStore(called);
-      return true;
-    }
-  }
-  ZephVM_Stack* const callers = called->previous->stack;
-  SetJoined(callers->End(), bytes, length, op->refer);
-  callers->SetEnd(callers->End() + 1);
+  PassBytes(called, bytes, length, op->refer, rows[0], count, decoded);
   return true;
 }
 

@@ -177,6 +177,11 @@ NativeEmitter::Label& NativeEmitter::Leave() {
           test(al, al);
           jnz(labels[next]);
           break;
+        case Fallback::Result:
+          mov(rbp, ptr[rbx + kTop]);
+          test(al, al);
+          jnz(left);
+          break;
         case Fallback::Work:
           mov(rbp, ptr[rbx + kTop]);
           test(al, al);
@@ -482,7 +487,6 @@ bool NativeEmitter::Emit() {
     }
     case HotAction::ReturnNothing: PassResult(&NativeRun::ReturnNothing); return true;
     case HotAction::ReturnText: PassResult(&NativeRun::ReturnText); return true;
-    case HotAction::JoinReturn: PassResult(&NativeRun::JoinReturn); return true;
     case HotAction::Call: CallOnStack(); return true;
     default: return false;
   }

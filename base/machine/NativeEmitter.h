@@ -78,6 +78,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   using OfEntry = NativeLayout::OfEntry;
   using OfFrame = NativeLayout::OfFrame;
   using OfMachine = NativeLayout::OfMachine;
+  using OfOutput = NativeLayout::OfOutput;
   using OfMembers = NativeLayout::OfMembers;
   using OfRecord = NativeLayout::OfRecord;
   using OfSlot = NativeLayout::OfSlot;
@@ -97,17 +98,16 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   static constexpr int kEntryLengths = offsetof(hot::Entry, length);
   static constexpr int kEntryOwned = offsetof(hot::Entry, deletable);
   static constexpr uint64_t kIntegerLengths = 4 | uint64_t{4} << 32;
-  // An entry that has a count on its variable.
-  static constexpr uint64_t kVariableHead = ZephVM_Stack::KindVariable | uint64_t{1} << 32;
   static constexpr uint64_t kDoubleLengths = 8 | uint64_t{8} << 32;
   static constexpr int kCalledRows = offsetof(NativeRun, called_rows);
   static constexpr int kOp = offsetof(NativeRun, op);
   static constexpr int kHeld = offsetof(NativeRun, held);
+  static constexpr int kJoined = offsetof(NativeRun, joined);
   static constexpr int kTemporaries = offsetof(NativeRun, temporaries);
   static constexpr int kForms = kTemporaries + static_cast<int>(offsetof(hot::Temporaries, forms));
 
   // What is tried where the usual code does not apply, by the type of the function.
-  enum class Fallback { None, Operation, Work, Comparison, Truth, Transfer };
+  enum class Fallback { None, Operation, Result, Work, Comparison, Truth, Transfer };
 
   // A piece of code that is seldom run. They come after all others, so that what is usual is in a
   // row.
@@ -217,6 +217,13 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void TryWords(HotOperand left, int first, HotOperand right, int second, unsigned char orders);
   void LoadText(const Reg64& variable, HotOperand kind, int offset);
   void EmitTextSubroutines();
+  void SendWord(const HotOp* record, Label& done);
+  void OutText();
+  static bool CanJoin(const HotOp* operand);
+  void Join(const HotOp* operand);
+  void EmitJoin();
+  void PushHeld(const Reg64& variable);
+  void CopyConstant(const Reg64& to, const char* text, int length);
   bool EmitValues();
   void FindTree(int kind);
   void FindSlot(bool to_write);
@@ -310,6 +317,10 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   Label touch;
   Label copy_word;  // see EmitTextSubroutines() for these
   Label same_words;
+  Label append_text;
+  Label append_integer;
+  Label write_integer;
+  Label real;
   Label ends;  // an operation has told where the loop goes on
 };
 

@@ -246,7 +246,7 @@ void NativeEmitter::SendNumber(HotForm form, Label& unusual) {
 
 // The parameter in rdx begins with the constant text of the record.
 void NativeEmitter::SendText() {
-  static constexpr int kMostInLine = 15;
+  static constexpr int kMostInLine = 64;
   const int length = op->length;
   Rare* other = &AddRare([this, text = op->text, length](Rare& self) {
     TellStack();
@@ -260,30 +260,11 @@ void NativeEmitter::SendText() {
   if (length > kMostInLine) {
     jmp(other->label);
   } else {
-    // With the NUL.
-    char bytes[kMostInLine + 1] = {};
-    memcpy(bytes, op->text, static_cast<size_t>(length));
     cmp(dword[rdx + OfVariable::allocated], length);
     jle(other->label);
     mov(rcx, Field(rdx, OfVariable::text));
-    for (int from = 0; from <= length;) {
-      const int rest = length + 1 - from;
-      if (rest >= 8) {
-        uint64_t part;
-        memcpy(&part, bytes + from, sizeof part);
-        mov(rax, part);
-        mov(ptr[rcx + from], rax);
-        from += 8;
-      } else if (rest >= 4) {
-        uint32_t part;
-        memcpy(&part, bytes + from, sizeof part);
-        mov(dword[rcx + from], part);
-        from += 4;
-      } else {
-        mov(byte[rcx + from], static_cast<unsigned char>(bytes[from]));
-        from++;
-      }
-    }
+    CopyConstant(rcx, op->text, length);
+    mov(byte[rcx + length], 0);
     mov(dword[rdx + OfVariable::length], length);
     mov(dword[rdx + OfVariable::primary], PrimaryText);
     mov(dword[rdx + OfVariable::state], OfVariable::text_alone);
@@ -295,22 +276,7 @@ void NativeEmitter::Send() {
   SetFallback(&NativeRun::SendOther);
   // A short text is copied, and all others are looked at.
   Rare* value = &AddRare([this, record = op, &unusual_goal = Leave()](Rare& self) {
-    Label other;
-    if (record->action == HotAction::SendTemporary) {
-      mov(rcx, PlaceAt(record->first));
-      test(rcx, rcx);
-      jz(other);
-    }
-    cmp(dword[rcx + OfVariable::state], OfVariable::text_alone);
-    jne(other);
-    TellStack();
-    mov(rdi, rdx);
-    mov(rsi, rcx);
-    mov(rax, AddressOf(&NativeRun::BeginWithText));
-    call(rax);
-    test(al, al);
-    jnz(self.back);
-    L(other);
+    SendWord(record, self.back);
     mov(ptr[rbx + kTop], rbp);
     mov(rdi, rbx);
     mov(rsi, reinterpret_cast<uint64_t>(record));

@@ -89,6 +89,14 @@ void NativeEmitter::PushNumber(HotForm form) {
   add(rbp, kEntry);
 }
 
+// Pushes a variable, with a count on it. Changes rax.
+void NativeEmitter::PushHeld(const Reg64& variable) {
+  inc(dword[variable + OfVariable::holders]);
+  mov(ptr[rbp + kEntryValue], variable);
+  SetEntry(0, OfEntry::owned_variable, kDoubleLengths);
+  add(rbp, kEntry);
+}
+
 // rcx <- the variable of a record that is a single instruction, at a position of a table.
 void NativeEmitter::LoadRow(HotOperand kind, int position) {
   const int table = static_cast<int>(kind);
@@ -193,12 +201,9 @@ bool NativeEmitter::EmitOnStack() {
       SetFallback(&NativeRun::PushVariable);
       NeedRoom();
       LoadRow(op->left, op->first);
-      cmp(dword[rcx + OfVariable::state], OfVariable::asleep);
-      je(Leave());
-      inc(dword[rcx + OfVariable::holders]);
-      mov(ptr[rbp + kEntryValue], rcx);
-      SetEntry(0, OfEntry::owned_variable, kDoubleLengths);
-      add(rbp, kEntry);
+      test(dword[rcx + OfVariable::state], OfVariable::asleep);
+      jnz(Leave());
+      PushHeld(rcx);
       return true;
     case HotAction::PopVariable: {
       SetFallback<&NativeRun::PopVariable>();

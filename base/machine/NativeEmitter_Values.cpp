@@ -1,5 +1,6 @@
 // Machine code for records that operations in C++ do most of.
 
+#include "base/core/NumberText.h"
 #include "base/machine/NativeEmitter.h"
 
 #ifdef __x86_64__
@@ -11,8 +12,11 @@
 
 namespace {
 
-// The longest constant text that is compared in line.
+// The longest constant text that is compared or copied in line.
 constexpr int kLongestWord = 64;
+
+// The longest text of a variable that is copied in line.
+constexpr int kLongestCopy = 256;
 
 }  // namespace
 
@@ -83,10 +87,7 @@ bool NativeEmitter::EmitValues() {
       SetFallback<&NativeRun::PushMember>();
       NeedRoom();
       FindMemberVariable();
-      inc(dword[rax + OfVariable::holders]);
-      mov(ptr[rbp + kEntryValue], rax);
-      SetEntry(0, kVariableHead, kDoubleLengths);
-      add(rbp, kEntry);
+      PushHeld(rax);
       return true;
     case HotAction::Element:
     case HotAction::ElementReadOnly: Do(&NativeRun::Do<&NativeRun::Element>); return true;
@@ -106,7 +107,7 @@ bool NativeEmitter::EmitValues() {
     case HotAction::ConcatenateVariableText:
       Do(&NativeRun::Do<&NativeRun::ConcatenateVariableText, 3>, 3);
       return true;
-    case HotAction::OutText: Do(&NativeRun::Do<&NativeRun::OutText, 2>, 2); return true;
+    case HotAction::OutText: OutText(); return true;
     case HotAction::OutVariable: Do(&NativeRun::Do<&NativeRun::OutVariable, 2>, 2); return true;
     case HotAction::OutRounded: Do(&NativeRun::Do<&NativeRun::OutRounded, 3>, 3); return true;
     case HotAction::OutVariableRounded:
@@ -121,11 +122,8 @@ bool NativeEmitter::EmitValues() {
       jnz(ends);
       return true;
     case HotAction::JoinTo:
-      Do(&NativeRun::DoJoinTo, static_cast<size_t>(op->second) + 1);
-      return true;
     case HotAction::JoinPush:
-      Do(&NativeRun::DoJoinPush, static_cast<size_t>(op->second) + 1);
-      return true;
+    case HotAction::JoinReturn: EmitJoin(); return true;
     default: return false;
   }
 }
@@ -139,7 +137,7 @@ NativeEmitter::Label& NativeEmitter::CompareWord() {
     Label no_reference;
     cmp(dword[rcx + OfVariable::state], OfVariable::reference_alone);
     jne(no_reference);
-    call(follow);
+    call(real);
     jc(unusual);
     jmp(self.back);
     L(no_reference);
@@ -199,6 +197,205 @@ NativeEmitter::Label& NativeEmitter::CompareWord() {
     jne(differs);
   }
   return differs;
+}
+
+// Gives a parameter, which is as a new call needs it, the text of an argument, if its buffer has
+// the room; goes on at done then.
+void NativeEmitter::SendWord(const HotOp* record, Label& done) {
+  Label other, found;
+  const auto parameter = [this, record, &other] {
+    mov(rcx, ptr[r14 + record->third]);
+    test(rcx, rcx);
+    jz(other);
+  };
+  if (record->refer) return;
+  if (record->left == HotOperand::Temporary) {
+    if (record->form != HotForm::AsLoaded) return;
+    cmp(FormAt(record->first), static_cast<int>(HotForm::AsLoaded));
+    jne(other);
+    mov(rsi, PlaceAt(record->first));
+    test(rsi, rsi);
+    jz(other);
+  } else if (record->left <= HotOperand::Local) {
+    mov(rcx, RowAt(record->left, record->first));
+    test(rcx, rcx);
+    jz(other);
+    cmp(dword[rcx + OfVariable::state], OfVariable::reference_alone);
+    jne(found);
+    call(real);
+    jc(other);
+    L(found);
+    mov(rsi, rcx);
+  } else {
+    return;
+  }
+  parameter();
+  call(copy_word);
+  jnc(done);
+  L(other);
+}
+
+// A concatenation of texts and integers.
+void NativeEmitter::EmitJoin() {
+  const auto count = static_cast<size_t>(op->second) + 1;
+  const HotOp* operand = op + 1;
+  const HotOp* const end = op + count;
+  const void* joined;
+  if (op->action == HotAction::JoinReturn) {
+    SetFallback(Fallback::Result, reinterpret_cast<const void*>(&NativeRun::JoinReturn), 1);
+    joined = reinterpret_cast<const void*>(&NativeRun::ReturnJoined);
+  } else {
+    const bool is_stored = op->action == HotAction::JoinTo;
+    const void* const whole = is_stored ? reinterpret_cast<const void*>(&NativeRun::DoJoinTo)
+                                        : reinterpret_cast<const void*>(&NativeRun::DoJoinPush);
+    SetFallback(Fallback::Work, whole, count);
+    joined = is_stored ? reinterpret_cast<const void*>(&NativeRun::StoreJoined)
+                       : reinterpret_cast<const void*>(&NativeRun::PushJoined);
+    // The others are appended to the first one.
+    if (is_stored && operand->left == op->into && operand->first == op->third) operand++;
+  }
+  if (!std::all_of(operand, end, [](const HotOp& part) { return CanJoin(&part); })) {
+    jmp(Leave());
+    return;
+  }
+  if (op->action == HotAction::JoinPush) NeedRoom();
+  lea(rdx, ptr[rbx + kJoined]);
+  for (; operand != end; operand++) Join(operand);
+  sub(rdx, rbx);
+  sub(edx, kJoined);
+  CallWith(joined);
+  mov(rbp, ptr[rbx + kTop]);
+  test(al, al);
+  jz(Leave());
+  if (op->action == HotAction::JoinReturn) {
+    jmp(left);
+  } else {
+    Continue(count);
+  }
+}
+
+// Whether an operand of a concatenation may be a text or integer that is put together in line.
+bool NativeEmitter::CanJoin(const HotOp* operand) {
+  switch (operand->left) {
+    case HotOperand::Text: return operand->length <= kLongestWord;
+    case HotOperand::Constant: return operand->form == HotForm::Integer;
+    case HotOperand::Global:
+    case HotOperand::Local:
+    case HotOperand::Temporary: return true;
+    default: return false;
+  }
+}
+
+// Appends the text of an operand at rdx.
+void NativeEmitter::Join(const HotOp* operand) {
+  const auto need_room = [this](int bytes) {
+    lea(rax, ptr[rbx + kJoined + hot::kMostJoinedBytes - bytes]);
+    cmp(rdx, rax);
+    ja(Leave());
+  };
+  const auto append_constant = [this, need_room](const char* text, int length) {
+    if (length == 0) return;
+    need_room(length);
+    CopyConstant(rdx, text, length);
+    add(rdx, length);
+  };
+  if (operand->left == HotOperand::Text) return append_constant(operand->text, operand->length);
+  if (operand->left == HotOperand::Constant) {
+    char digits[kLongestInteger];
+    return append_constant(digits, static_cast<int>(WriteInteger(digits, operand->first) - digits));
+  }
+  if (operand->left <= HotOperand::Local) {
+    LoadVariable(rcx, operand->left, operand->first);
+    call(append_text);
+    jc(Leave());
+    return;
+  }
+  Label as_integer, done;
+  if (operand->form == HotForm::AsLoaded) {
+    cmp(FormAt(operand->first), kIntegerForm);
+    je(as_integer);
+    cmp(FormAt(operand->first), static_cast<int>(HotForm::AsLoaded));
+    jne(Leave());
+    mov(rcx, PlaceAt(operand->first));
+    test(rcx, rcx);
+    jz(Leave());
+    call(append_text);
+    jc(Leave());
+    jmp(done);
+  }
+  L(as_integer);
+  if (operand->form == HotForm::Double) {
+    // A whole number is written as an integer, but 0 may have a sign.
+    movsd(xmm0, NumberAt(operand->first));
+    cvttsd2si(eax, xmm0);
+    xorps(xmm1, xmm1);
+    cvtsi2sd(xmm1, eax);
+    ucomisd(xmm0, xmm1);
+    jp(Leave());
+    jne(Leave());
+    test(eax, eax);
+    jz(Leave());
+  } else {
+    cvttsd2si(eax, NumberAt(operand->first));
+  }
+  call(append_integer);
+  jc(Leave());
+  L(done);
+}
+
+// Writes a constant text: in line if the output holds room open for it.
+void NativeEmitter::OutText() {
+  if (op->length < 1 || op->length > kLongestWord) {
+    Do(&NativeRun::Do<&NativeRun::OutText, 2>, 2);
+    return;
+  }
+  SetFallback(Fallback::Work, reinterpret_cast<const void*>(&NativeRun::Do<&NativeRun::OutText, 2>),
+              2);
+  NeedRoom();
+  mov(rax, Field(r15, OfMachine::application));
+  mov(rax, Field(rax, OfMachine::current_output));
+  test(rax, rax);
+  jz(Leave());
+  mov(rcx, Field(rax, OfOutput::room));
+  lea(rdx, ptr[rcx + op->length]);
+  cmp(rdx, Field(rax, OfOutput::room_end));
+  ja(Leave());
+  CopyConstant(rcx, op->text, op->length);
+  mov(Field(rax, OfOutput::room), rdx);
+  Continue(2);
+}
+
+// Copies a constant text of 1 to kLongestWord bytes, without a NUL. Changes rdi and xmm0.
+void NativeEmitter::CopyConstant(const Reg64& to, const char* text, int length) {
+  const auto bytes = [text](int from, auto part) {
+    memcpy(&part, text + from, sizeof part);
+    return part;
+  };
+  if (length > 16) mov(rdi, reinterpret_cast<uint64_t>(text));
+  for (int from = 0; from < length;) {
+    const int rest = length - from;
+    if (length > 16) {
+      from = std::min(from, length - 16);
+      movups(xmm0, ptr[rdi + from]);
+      movups(ptr[to + from], xmm0);
+      from += 16;
+    } else if (length >= 8) {
+      from = std::min(from, length - 8);
+      mov(rdi, bytes(from, uint64_t{}));
+      mov(ptr[to + from], rdi);
+      from += 8;
+    } else if (length >= 4) {
+      from = std::min(from, length - 4);
+      mov(dword[to + from], bytes(from, uint32_t{}));
+      from += 4;
+    } else if (rest >= 2) {
+      mov(word[to + from], bytes(from, uint16_t{}));
+      from += 2;
+    } else {
+      mov(byte[to + from], bytes(from, uint8_t{}));
+      from++;
+    }
+  }
 }
 
 // A text of that length which begins with the byte in eax, as numbers do, is none only if it is
@@ -264,7 +461,7 @@ void NativeEmitter::LoadText(const Reg64& variable, HotOperand kind, int offset)
   LoadVariable(rcx, kind, offset);
   cmp(dword[rcx + OfVariable::state], OfVariable::reference_alone);
   jne(found);
-  call(follow);
+  call(real);
   jc(Leave());
   L(found);
   mov(variable, rcx);
@@ -273,9 +470,9 @@ void NativeEmitter::LoadText(const Reg64& variable, HotOperand kind, int offset)
 // Subroutines for short texts. They set the carry, and change nothing, if that takes more.
 void NativeEmitter::EmitTextSubroutines() {
   {
-    // The plain scalar in rcx gets the text of up to 16 bytes of the variable in rsi, which may be
-    // the same one: see Variable::CopyWord(). Changes rax, rdi and r8 to r11.
-    Label below_8, below_4, done, fails;
+    // The plain scalar in rcx gets the text of the variable in rsi, which may be the same one: see
+    // Variable::CopyWord(), which takes shorter ones. Changes rax, rdi and r8 to r11.
+    Label next, below_8, below_4, done, fails;
     L(copy_word);
     cmp(dword[rsi + OfVariable::state], OfVariable::text_alone);
     jne(fails);
@@ -286,7 +483,7 @@ void NativeEmitter::EmitTextSubroutines() {
     cmp(qword[rcx + OfVariable::elements], 0);
     jne(fails);
     mov(edi, dword[rsi + OfVariable::length]);
-    cmp(edi, 16);
+    cmp(edi, kLongestCopy);
     ja(fails);
     cmp(edi, dword[rcx + OfVariable::allocated]);
     jge(fails);
@@ -296,10 +493,14 @@ void NativeEmitter::EmitTextSubroutines() {
     mov(r9, Field(rcx, OfVariable::text));
     cmp(edi, 8);
     jb(below_8);
+    lea(r11, ptr[rdi - 8]);
+    L(next);
+    mov(rax, ptr[r8 + r11]);
+    mov(ptr[r9 + r11], rax);
+    sub(r11, 8);
+    jg(next);
     mov(rax, ptr[r8]);
-    mov(r10, ptr[r8 + rdi - 8]);
     mov(ptr[r9], rax);
-    mov(ptr[r9 + rdi - 8], r10);
     jmp(done);
     L(below_8);
     cmp(edi, 4);
@@ -399,6 +600,136 @@ void NativeEmitter::EmitTextSubroutines() {
     ret();
     L(fails);
     stc();
+    ret();
+  }
+  {
+    // rcx <- the end of the chain of the reference in rcx. As `follow`, from the usual code.
+    L(real);
+    call(follow);
+    ret();
+  }
+  {
+    // The text of the variable in rcx, or its integer, is appended at rdx. Changes rax, rcx, rdi
+    // and r8 to r11.
+    Label retry, no_text, next, below_8, below_4, done, fails;
+    L(append_text);
+    L(retry);
+    cmp(dword[rcx + OfVariable::state], OfVariable::text_alone);
+    jne(no_text);
+    cmp(dword[rcx + OfVariable::primary], PrimaryText);
+    jne(fails);
+    mov(edi, dword[rcx + OfVariable::length]);
+    mov(r8, Field(rcx, OfVariable::text));
+    test(edi, edi);
+    jz(done);
+    cmp(edi, kLongestCopy);
+    ja(fails);
+    lea(r9, ptr[rdx + rdi]);
+    lea(rax, ptr[rbx + kJoined + hot::kMostJoinedBytes]);
+    cmp(r9, rax);
+    ja(fails);
+    cmp(edi, 8);
+    jb(below_8);
+    lea(r11, ptr[rdi - 8]);
+    L(next);
+    mov(rax, ptr[r8 + r11]);
+    mov(ptr[rdx + r11], rax);
+    sub(r11, 8);
+    jg(next);
+    mov(rax, ptr[r8]);
+    mov(ptr[rdx], rax);
+    mov(rdx, r9);
+    clc();
+    ret();
+    L(below_8);
+    cmp(edi, 4);
+    jb(below_4);
+    mov(eax, dword[r8]);
+    mov(r10d, dword[r8 + rdi - 4]);
+    mov(dword[rdx], eax);
+    mov(dword[r9 - 4], r10d);
+    mov(rdx, r9);
+    clc();
+    ret();
+    L(below_4);
+    mov(r11d, edi);
+    shr(r11d, 1);
+    movzx(eax, byte[r8]);
+    movzx(r10d, byte[r8 + r11]);
+    movzx(r8d, byte[r8 + rdi - 1]);
+    mov(byte[rdx], al);
+    mov(byte[rdx + r11], r10b);
+    mov(byte[r9 - 1], r8b);
+    mov(rdx, r9);
+    L(done);
+    clc();
+    ret();
+    L(no_text);
+    mov(eax, dword[rcx + OfVariable::integer]);
+    cmp(dword[rcx + OfVariable::state], OfVariable::integer_alone);
+    je(append_integer);
+    cmp(dword[rcx + OfVariable::state], OfVariable::reference_alone);
+    jne(fails);
+    call(follow);
+    jnc(retry);
+    L(fails);
+    stc();
+    ret();
+  }
+  {
+    // The same for the integer in eax.
+    Label one_digit, three_digits, large, low, fails;
+    L(append_integer);
+    lea(r8, ptr[rbx + kJoined + hot::kMostJoinedBytes - kLongestInteger]);
+    cmp(rdx, r8);
+    ja(fails);
+    mov(r8, reinterpret_cast<uint64_t>(kDigitPairs.text));
+    cmp(eax, 10);
+    jb(one_digit);
+    cmp(eax, 100);
+    jb(low);
+    cmp(eax, 10000);
+    jae(large);
+    imul(edi, eax, 5243);  // edi <- eax / 100
+    shr(edi, 19);
+    imul(ecx, edi, 100);
+    sub(eax, ecx);
+    cmp(edi, 10);
+    jb(three_digits);
+    movzx(ecx, word[r8 + rdi * 2]);
+    mov(word[rdx], cx);
+    add(rdx, 2);
+    L(low);
+    movzx(eax, word[r8 + rax * 2]);
+    mov(word[rdx], ax);
+    add(rdx, 2);
+    clc();
+    ret();
+    L(three_digits);
+    add(edi, '0');
+    mov(byte[rdx], dil);
+    inc(rdx);
+    jmp(low);
+    L(one_digit);
+    add(eax, '0');
+    mov(byte[rdx], al);
+    inc(rdx);
+    clc();
+    ret();
+    L(large);
+    call(write_integer);
+    clc();
+    ret();
+    L(fails);
+    stc();
+    ret();
+    // A step away from the usual code, as `follow` is, so that the stack is as C++ code needs it.
+    L(write_integer);
+    mov(rdi, rdx);
+    mov(esi, eax);
+    mov(rax, AddressOf(&WriteInteger));
+    call(rax);
+    mov(rdx, rax);
     ret();
   }
 }

@@ -9,6 +9,8 @@
 #include "base/compiled/HotCode.h"
 #include "base/compiled/Segment.h"
 #include "base/compiled/VariableHash.h"
+#include "base/core/Output.h"
+#include "base/host/ZephApplication.h"
 #include "base/machine/ZephVM.h"
 #include "base/machine/ZephVM_Frame.h"
 #include "base/machine/ZephVM_Stack.h"
@@ -84,7 +86,13 @@ struct NativeLayout {
     static constexpr uint64_t owned_variable =
         ZephVM_Stack::KindVariable | ZephVM_Stack::Stack_Entry::OwnedMark;
   };
+  struct OfOutput {
+    static constexpr int room = offsetof(Output, room);
+    static constexpr int room_end = offsetof(Output, room_end);
+  };
   struct OfMachine {
+    static constexpr int application = offsetof(ZephVM, application);
+    static constexpr int current_output = offsetof(ZephApplication, current_output);
     static constexpr int frame = offsetof(ZephVM, frame);
     static constexpr int stack = offsetof(ZephVM, stack);
     static constexpr int segment = offsetof(ZephVM, segment);

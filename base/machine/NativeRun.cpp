@@ -262,13 +262,6 @@ void NativeRun::BeginText(Variable* parameter, const char* text, int length) {
   parameter->Begin(text, length);
 }
 
-bool NativeRun::BeginWithText(Variable* parameter, const Variable* argument) {
-  const String& text = argument->plain_text();
-  if (!argument->HoldsText() || !text.data || text.length > kShort) return false;
-  parameter->Begin(text.data, text.length);
-  return true;
-}
-
 bool NativeRun::LoadFrom(NativeRun* run, const HotOp* op, Variable* found) {
   if (found->HoldsNumber()) {
     run->temporaries.Set(op->third, found);
@@ -624,7 +617,10 @@ NativeRun::Outcome NativeRun::Member(NativeRun* run, const HotOp* op) {
     return Outcome::Unable;
   }
   run->TellStack();
-  run->ReplaceTwo(structure->Member(text, length, op->single == HotAction::Member));
+  const int create = op->single == HotAction::Member;
+  run->ReplaceTwo(structure->HoldsStructure()
+                      ? structure->plain_elements()->Member(text, length, create, nullptr)
+                      : structure->Member(text, length, create));
   return Outcome::Done;
 }
 
@@ -819,6 +815,40 @@ NativeRun::Outcome NativeRun::JoinPush(NativeRun* run, const HotOp* op) {
   if (!JoinOnStack(op, run->rows, run->temporaries, run->top)) return Outcome::Unable;
   run->top++;
   return Outcome::Done;
+}
+
+// If the first operand is the target, it is not in the bytes.
+bool NativeRun::StoreJoined(NativeRun* run, const HotOp* op, int length) {
+  Variable* const goal = run->target(op);
+  if (!goal) return false;
+  run->TellStack();
+  if (op[1].left == op->into && op[1].first == op->third) {
+    if (!(goal->plain_forms() & Variable::TextForm) || !goal->plain_text().data ||
+        goal->plain_text().length >= INT_MAX - 1 - kMostJoinedBytes) {
+      return false;
+    }
+    goal->AppendText(run->joined, length, op->refer);
+    run->NoteWork();
+  } else {
+    goal->WriteJoined(run->joined, length, op->refer);
+  }
+  return true;
+}
+
+bool NativeRun::PushJoined(NativeRun* run, const HotOp* op, int length) {
+  run->TellStack();
+  SetJoined(run->top, run->joined, length, op->refer);
+  run->top++;
+  return true;
+}
+
+bool NativeRun::ReturnJoined(NativeRun* run, const HotOp* op, int length) {
+  auto* const called = static_cast<ZephVM_FunctionFrame*>(run->vm->frame);
+  if (!called->returns_hot || !called->previous->stack->HasRoom(1)) return false;
+  run->TellStack();
+  PassBytes(called, run->joined, length, op->refer, run->rows[0], run->counts[0],
+            ReturnsToDecoded(called));
+  return true;
 }
 
 // The left text may be a number, which is then kept with it. That needs an element of its own: the

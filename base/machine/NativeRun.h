@@ -28,6 +28,7 @@ struct NativeRun {
   bool is_misfit = false;
   void* held[4];  // registers during the call of an operation
   hot::Temporaries temporaries;
+  char joined[hot::kMostJoinedBytes];  // a concatenation that machine code has put together
 
   // --- Calls, also of the loop -------------------------------------------------------------------
   // Prepares a kept frame for calls from the current code, which is decoded, if it was last called
@@ -88,7 +89,6 @@ struct NativeRun {
   // A sleeping parameter begins with a text, or with that of an argument that has no other form; it
   // returns false and does nothing if that is a long one.
   static void BeginText(Variable* parameter, const char* text, int length);
-  static bool BeginWithText(Variable* parameter, const Variable* argument);
   // The same with the number that is stored.
   static bool StoreDouble(NativeRun* run, const HotOp* op, double number);
   static bool StoreInteger(NativeRun* run, const HotOp* op, int number);
@@ -169,6 +169,11 @@ struct NativeRun {
   static Way DoJoinTo(NativeRun* run, const HotOp* op) {
     return run->WayAfter(JoinTo(run, op), op, op + 1 + op->second);
   }
+  // These store, push and return the concatenation in joined, which has so many bytes. They return
+  // whether they could.
+  static bool StoreJoined(NativeRun* run, const HotOp* op, int length);
+  static bool PushJoined(NativeRun* run, const HotOp* op, int length);
+  static bool ReturnJoined(NativeRun* run, const HotOp* op, int length);
   // These go on elsewhere. They return the machine code there; null if the loop is to go on at op,
   // which is the record itself if nothing was changed.
   using Transfer = const void* (*)(NativeRun* run, const HotOp* op);

@@ -642,6 +642,108 @@ TEST(NativeCode, TextsAreComparedAndCopiedWhateverTheirLength) {
       1);
 }
 
+// Values that a concatenation writes as texts. So many are elements of x.
+std::string FillWithTexts(int* count) {
+  std::string fill;
+  int position = 0;
+  const auto add = [&](const std::string& value) {
+    fill += value + "\npushg x\npushi " + std::to_string(++position) + "\nelem\nstore\n";
+  };
+  for (const int length :
+       {0, 1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 31, 33, 64, 65, 200, 256, 257, 600}) {
+    std::string text;
+    for (int i = 0; i < length; i++) text += static_cast<char>('a' + (i * 5 + length) % 26);
+    add("pushc \"" + text + "\"");
+  }
+  for (const char* const number :
+       {"0", "7", "9", "10", "42", "99", "100", "101", "999", "1000", "9999", "10000", "123456",
+        "-1", "-10000", "2147483647", "-2147483648"}) {
+    add(std::string("pushi ") + number);
+  }
+  for (const char* const number : {"7", "-0.0", "2.5", "nan", "1e9", "4294967296", "0"}) {
+    add(std::string("pushf ") + number);
+  }
+  fill +=
+      "pushg x\npushi 22\nelem\npushi 2\ndiv\nout\npushg other\npushg x\npushi 3\nelem\nrefer\n";
+  *count = position;
+  return fill;
+}
+
+TEST(NativeCode, AConcatenationHasTheTextsOfAllKindsOfOperands) {
+  int count;
+  const std::string fill = FillWithTexts(&count);
+  const std::string n = "pushg x\npushg n\nelem_readonly\n",
+                    m = "pushg x\npushg m\nelem_readonly\n";
+  const std::string show = "popg r\npushg r\nout\npushc \"/\"\nout\n";
+  const std::string body =
+      n + m + "cat\n" + show + n + "popg a\n" + m + "popg b\n" +
+      "pushg a\npushc \"-\"\ncat\npushg b\ncat\n" + show +
+      "pushc \"<\"\npushg a\ncat\npushi 5\ncat\n" +
+      "out\npushg t\npushg a\ncat\npushi -3\ncat\npopg t\npushg t\nout\n" +
+      "pushg a\npushi 1\nadd\npushc \"k\"\ncat\n" + show +
+      "pushg a\npushi 3\nmod\npushc \"m\"\ncat\n" + show +
+      "pushc \"x\"\npushg r\ncat\npushg r\ncat\n" + show + "pushg b\npushg u\ncat\n" + show +
+      "pushg u2\npushg b\ncat\npopg u2\npushg d\npushg b\ncat\npopg d\npushg other\nout\n" +
+      "pushg other\npushg a\ncat\npopg other\npushg a\npushg b\ncall join\nout\n" +
+      "pushg a\npushg b\ncall join\n" + show + "pushg a\npushg b\ncall longer\n" + show +
+      "pushg k\npushi 2\neq\njmp_eq keep\npushc \"\"\npopg t\npushc \"\"\npopg u2\npushc "
+      "\"\"\npopg other\nkeep: ";
+  const std::string last = std::to_string(count);
+  const Outcome outcome = ExpectTheSame(
+      fill +
+      "pushg other\npushg d\nrefer\nouter: storegi k, 0\nincg n, 1\nagain: incg k, 1\npushg n\n" +
+      "pushi 7\nmul\npushg k\npushi 11\nmul\nadd\npushi " + last + "\nmod\npushi 1\nadd\npopg m\n" +
+      body + "cmpgi k, 4\njmp_lt again\ncmpgi n, " + last +
+      "\njmp_lt outer\nexit\n.function join(p, q var)\npushc \"<b>\"\npushl p\ncat\npushc "
+      "\"</b>\"\ncat\n"
+      "pushl q\ncat\nret\n.end\n.function longer(p, q)\n.local v\npushl p\npushl q\ncat\npopl "
+      "v\npushl v\n"
+      "pushc \"and more\"\ncat\npushl p\ncat\nret\n.end\n");
+  EXPECT_EQ(outcome.result, 1);
+  EXPECT_NE(outcome.output.find("<b>100</b>"), std::string::npos);
+}
+
+// The parameters keep the memory of the texts that they had in earlier calls.
+TEST(NativeCode, ATextIsPassedWhateverTheParameterHadBefore) {
+  int count;
+  const std::string fill = FillWithTexts(&count);
+  std::string body = "pushg x\npushg n\nelem_readonly\npopg a\n";
+  const std::string show = "call show\npop\n";
+  for (int length = 0; length < 70; length += length < 20 ? 1 : 7) {
+    const std::string constant =
+        "pushc \"" + std::string(static_cast<size_t>(length), 'c') + "\"\n";
+    body += constant + "pushg a\n" + show + "pushg a\n" + constant + show +
+            "pushg x\npushg n\nelem_readonly\npushg x\npushi 5\nelem_readonly\n" + show +
+            "pushg other\npushg d\n" + show;
+  }
+  const std::string last = std::to_string(count);
+  EXPECT_EQ(
+      ExpectTheSame(
+          fill + "pushc \"words\"\npopg other\npushg other\npushg d\nrefer\n" + Loop(body, count) +
+          ".function show(p, q)\n.local v\npushl p\nout\npushc \":\"\nout\npushl q\nout\n"
+          "pushl v\nout\npushl q\npopl v\npushl v\npushc \"!\"\ncat\npopl q\npushl q\nout\n"
+          "pushl p\npopl v\npushl v\nret\n.end\n")
+          .result,
+      1);
+}
+
+// Constant texts of all lengths go into the room that a capture holds open, until that is full.
+TEST(NativeCode, ConstantTextsAreWrittenInTheirOrder) {
+  std::string body, expected;
+  for (int length = 0; length < 70; length++) {
+    std::string text;
+    for (int i = 0; i < length; i++) text += static_cast<char>('a' + (i * 7 + length) % 26);
+    body += "pushc \"" + text + "\"\nout\n";
+    if (length % 10 == 3) body += "pushg n\nout\n";
+  }
+  const Outcome outcome =
+      ExpectTheSame("again: incg n, 1\n" + body + "cmpgi n, 3\njmp_lt again\npushg all\ncapture\n" +
+                    "storegi n, 0\nmore: incg n, 1\n" + body +
+                    "cmpgi n, 20\njmp_lt more\ncapture_end\npushg all\nout\nexit\n");
+  EXPECT_EQ(outcome.result, 1);
+  EXPECT_GT(outcome.output.size(), 20 * 69 * 35u);
+}
+
 // --- Calls ---------------------------------------------------------------------------------------
 
 TEST(NativeCode, AFunctionReturnsEachKindAcrossSegments) {
