@@ -21,6 +21,7 @@
 #include "base/core/CopyText.h"
 #include "base/core/MeasuredLength.h"
 #include "base/core/RunLimit.h"
+#include "base/core/SpareText.h"
 #include "base/core/ascii.h"
 #include "base/core/dtoa.h"
 #include "base/host/ZephApplication.h"
@@ -50,7 +51,7 @@ int ByParts(int length, Step step) {
 // an allocation.
 char* NewText(int64_t size) {
   if (size > INT_MAX) throw std::bad_alloc();
-  return new char[static_cast<size_t>(size)];
+  return SpareText::Take(static_cast<size_t>(size));
 }
 
 void Report(int64_t length, int64_t size, int* length_out, int* size_out) {
@@ -532,40 +533,29 @@ static bool HasEntity(const char* text) {
 // after it are written too.
 static char* WriteEntities(const char* text, int count, char* out) {
   const char* const end = text + count;
-  while (text != end) {
-    const char* part = end;
-    if (end - text >= 16) {
-      if (!HasEntity(text)) {
-        memcpy(out, text, 16);
-        text += 16;
-        out += 16;
-        continue;
-      }
-      part = text + 16;
-    }
+  const auto write = [&out, &text](const char* part) {
     for (; text != part; text++) {
       const EntityTable::Unit& unit = entity_table.Of(*text);
       memcpy(out, &unit, sizeof unit);
       out += unit.length;
     }
+  };
+  while (end - text >= 16) {
+    if (HasEntity(text)) {
+      write(text + 16);
+    } else {
+      memcpy(out, text, 16);
+      text += 16;
+      out += 16;
+    }
   }
+  write(end);
   return out;
 }
 
-char* ZephApplication::EncodeEntities(const char* text, int textlength, int* length, int* size) {
-  textlength = MeasuredLength(text, textlength);
-  // The cells of a table are short. The longest result of those fits here, so they need no pass
-  // that measures.
-  constexpr int kShort = 128;
-  if (textlength <= kShort) {
-    char encoded[kShort * kLongestEntity + sizeof(EntityTable::Unit)];
-    const auto count = static_cast<int>(WriteEntities(text, textlength, encoded) - encoded);
-    char* const copy = new char[static_cast<size_t>(count) + 1];
-    CopyText(copy, encoded, static_cast<size_t>(count));
-    copy[count] = 0;
-    Report(count, count + 1, length, size);
-    return copy;
-  }
+// Out of line, so that short texts need fewer registers.
+[[gnu::noinline]] static char* EncodeLongText(const char* text, int textlength, int* length,
+                                              int* size) {
   int64_t needed = 0;
   const int counted = MeasureUnits(textlength, &needed, [text](int i, int64_t* sum) {
     *sum += entity_table.Of(text[i]).length;
@@ -583,6 +573,23 @@ char* ZephApplication::EncodeEntities(const char* text, int textlength, int* len
     *out += unit.length;
     return i + 1;
   });
+}
+
+char* ZephApplication::EncodeEntities(const char* text, int textlength, int* length, int* size) {
+  textlength = MeasuredLength(text, textlength);
+  // The cells of a table are short. The longest result of those fits here, so they need no pass
+  // that measures.
+  constexpr int kShort = 128;
+  if (textlength <= kShort) {
+    char encoded[kShort * kLongestEntity + sizeof(EntityTable::Unit)];
+    const auto count = static_cast<int>(WriteEntities(text, textlength, encoded) - encoded);
+    char* const copy = SpareText::Take(static_cast<size_t>(count) + 1);
+    CopyText(copy, encoded, static_cast<size_t>(count));
+    copy[count] = 0;
+    Report(count, count + 1, length, size);
+    return copy;
+  }
+  return EncodeLongText(text, textlength, length, size);
 }
 
 char* ZephApplication::DecodeEntities(const char* text, int textlength, int* length, int* size) {

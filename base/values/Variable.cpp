@@ -23,6 +23,7 @@
 #include "base/core/NumberText.h"
 #include "base/core/RunLimit.h"
 #include "base/core/ShortAssign.h"
+#include "base/core/SpareText.h"
 #include "base/host/ZephApplication.h"
 #include "base/values/Aggregate.h"
 #include "base/values/DeferredText.h"
@@ -539,28 +540,37 @@ int Variable::SetValue(const char* text, int length) {
 }
 
 int Variable::SetValue_Nocopy(char* buffer, int length, int allocated) {
-  // The result of a library's function, mostly: its variable is a new one, or has an older text.
-  if (IsPlain() && !elements && buffer && length >= 0 && length < allocated) {
+  // Out of line, so that the usual case needs no frame.
+  struct AnyVariable {
+    [[gnu::noinline]] static int Store(Variable* variable, char* text, int bytes, int size) {
+      // A text that begins with the old value is made whole first, which may fail.
+      std::unique_ptr<char[]> owned(text);
+      if (variable->RedirectedStore()) {
+        Variable* const target = variable->reference ? variable->Final() : nullptr;
+        return target ? target->SetValue_Nocopy(owned.release(), bytes, size) : 1;
+      }
+      variable->string_value.assign_nocopy(owned.release(), bytes, size);
+      variable->SetForms(TextForm);
+      variable->primary = PrimaryText;
+      if (variable->elements) variable->DropElements();
+      return 1;
+    }
+  };
+  // The result of a library's function, mostly: its variable has been used before and may have an
+  // older text.
+  if (IsProvedPlain() && !elements && buffer && length >= 0 && length < allocated) [[likely]] {
     char* const old = string_value.data;
+    const int old_size = string_value.allocated;
     string_value.data = buffer;
     string_value.allocated = allocated;
     string_value.length = length;
     buffer[length] = '\0';
     SetForms(TextForm);
     primary = PrimaryText;
-    if (old != buffer) delete[] old;
+    if (old != buffer) SpareText::Give(old, old_size);
     return 1;
   }
-  // A text that begins with the old value is made whole first, which may fail.
-  std::unique_ptr<char[]> owned(buffer);
-  if (RedirectedStore()) {
-    return reference ? Final()->SetValue_Nocopy(owned.release(), length, allocated) : 1;
-  }
-  string_value.assign_nocopy(owned.release(), length, allocated);
-  SetForms(TextForm);
-  primary = PrimaryText;
-  if (elements) DropElements();
-  return 1;
+  return AnyVariable::Store(this, buffer, length, allocated);
 }
 
 int Variable::SetValue_Integer(int value) {

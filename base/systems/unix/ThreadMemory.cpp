@@ -18,6 +18,7 @@
 #include "base/compiled/TaggedFile.h"
 #include "base/core/FreeList.h"
 #include "base/core/Sanitizers.h"
+#include "base/core/SpareText.h"
 #include "base/extensions/ExternalLibrary.h"
 #include "base/host/ErrorLog.h"
 #include "base/systems/unix/UNIXReentrantFile.h"
@@ -90,7 +91,10 @@ const uint64_t* HeapCounter(const char* name) {
 struct ThreadMemoryOperators {
   static void* New(size_t size) {
     ThreadMemory::Charge(size);
-    return Counted(malloc(size), size);
+    void* const memory = malloc(size);
+    if (!memory || ThreadMemory::counts) [[unlikely]]
+      return Counted(memory, size);
+    return memory;
   }
   static void* NewAligned(size_t size, std::align_val_t alignment) {
     ThreadMemory::Charge(size);
@@ -101,7 +105,8 @@ struct ThreadMemoryOperators {
     if (posix_memalign(&memory, least, size) != 0) memory = nullptr;
     return Counted(memory, size);
   }
-  static void* Counted(void* memory, size_t size) {
+  // Out of line, so that a block of a heap that counts by itself costs little more than its malloc.
+  [[gnu::noinline]] static void* Counted(void* memory, size_t size) {
     if (!memory) [[unlikely]]
       Refuse(size, false);
     if (ThreadMemory::counts) {
@@ -483,6 +488,7 @@ bool ThreadMemory::Prepare() {
 }
 
 void FreeLists::Trim() {
+  SpareText::Drop();
   while (List* list = used) {
     used = list->next_used;
     list->next_used = nullptr;
