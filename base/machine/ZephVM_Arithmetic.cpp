@@ -154,6 +154,28 @@ char* RoundedText(const Rounded& rounded, int decimals, int* length, int* size) 
   return text;
 }
 
+// Writes whole / 10^decimals and returns the number of bytes.
+[[gnu::noinline]] int WriteWhole(bool is_negative, unsigned long whole, int decimals, char* text) {
+  char* end = text;
+  if (is_negative) *end++ = '-';
+  if (decimals == 0) {
+    end = WriteUnsigned(end, whole);
+  } else {
+    const unsigned long power = kPowers[decimals];
+    end = WriteUnsigned(end, whole / power);
+    *end = '.';
+    end = WriteDigits(end + 1, whole % power, decimals);
+  }
+  return static_cast<int>(end - text);
+}
+
+// WriteRounded for any number of decimals.
+[[gnu::noinline]] int WriteDecimals(double value, int decimals, char* text) {
+  unsigned long whole;
+  if (!RoundByFraction(value, decimals, &whole)) return 0;
+  return WriteWhole(value < 0, whole, decimals, text);
+}
+
 }  // namespace
 
 // --- Arithmetic ----------------------------------------------------------------------------------
@@ -185,25 +207,20 @@ void ZephVM::rounds() {
   }
 }
 
-// Two decimals, as of money, have a way of their own, because its divisor is a constant.
+// Most numbers that are written with decimals are amounts: two decimals, below 10,000. With these
+// as constants there is no division, and no call.
 int ZephVM::WriteRounded(double value, int decimals, char* text) {
   unsigned long whole;
-  if (!RoundByFraction(value, decimals, &whole)) return 0;
+  if (decimals != 2) return WriteDecimals(value, decimals, text);
+  if (!RoundByFraction(value, 2, &whole)) return 0;
+  if (whole >= 1000000) return WriteWhole(value < 0, whole, 2, text);
+  const auto cents = static_cast<unsigned>(whole);
   char* end = text;
   *end = '-';
   end += value < 0;
-  if (decimals == 2) {
-    end = WriteUnsigned(end, whole / 100);
-    *end = '.';
-    end = WritePair(end + 1, whole % 100);
-  } else if (decimals == 0) {
-    end = WriteUnsigned(end, whole);
-  } else {
-    const unsigned long power = kPowers[decimals];
-    end = WriteUnsigned(end, whole / power);
-    *end = '.';
-    end = WriteDigits(end + 1, whole % power, decimals);
-  }
+  end = WriteUnsigned(end, cents / 100);
+  *end = '.';
+  end = WritePair(end + 1, cents % 100);
   return static_cast<int>(end - text);
 }
 

@@ -116,11 +116,14 @@ Variable* ZephVM::CallBoundFunction(int index, const char* text, int length) {
     if (family->reuses_frames()) idle_parameters.Keep(std::move(over), index);
   };
   const std::unique_ptr<ExternalParameters, decltype(keep)> parameters(taken.release(), keep);
-  std::vector<ExternalParameters::Parameter>& all = parameters->parameters();
-  size_t left = all.size();
-  if (text) parameters->Argument(&all[--left], true)->Variable::SetValue(text, length);
-  while (left-- > 0) {
-    if (!TakeArgument(parameters.get(), &all[left])) return nullptr;
+  ExternalParameters::Parameter* const first = parameters->parameters().data();
+  ExternalParameters::Parameter* end = first + parameters->parameters().size();
+  if (text) {
+    Variable* const argument = parameters->Argument(--end, true);
+    if (!argument->WriteWord(text, length)) argument->Variable::SetValue(text, length);
+  }
+  while (end != first) {
+    if (!TakeArgument(parameters.get(), --end)) return nullptr;
   }
   // A library might keep or send what it is given, so it is not given parts.
   if (RunLimit::WasCut()) return nullptr;

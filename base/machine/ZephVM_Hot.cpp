@@ -410,15 +410,14 @@ void ZephVM::HotLoop(const HotCode* hot, const HotOp* op) {
     NEXT(1) \
   }
 // For an idiom of so many instructions.
-#define IDIOM(name, count) \
-  on_##name: { \
-    RUN(name) \
-    SINGLE_UNLESS(outcome != NativeRun::Outcome::Unable) \
-    op += (count); \
-    if (outcome == NativeRun::Outcome::Outside) goto written; \
-    RAN(op) \
-    GO \
-  }
+#define RUN_IDIOM(name, count) { \
+  RUN(name) \
+  SINGLE_UNLESS(outcome != NativeRun::Outcome::Unable) \
+  op += (count); \
+  if (outcome == NativeRun::Outcome::Outside) goto written; \
+  RAN(op) \
+  GO }
+#define IDIOM(name, count) on_##name: RUN_IDIOM(name, count)
 // --- For groups. STEP continues after a record that is not the group's last. MISFIT_UNLESS runs the
 // group's instructions one by one.
 #define STEP { op++; GO_TO_PLACE(op->place) }
@@ -1119,9 +1118,35 @@ on_OutText : {
   op += 2;
   goto written;
 }
-  IDIOM(OutVariable, 2)
+// What most pages write goes into the output's room here; the operations do the same and the rest.
+on_OutVariable:
+  variable = ROW_OF(op);
+  if (variable && HAS_ROOM) [[likely]] {
+    Output* const page = application->CurrentOutput();
+    if (variable->HoldsInteger()) {
+      if (char* const room = page->Room(kLongestInteger)) [[likely]] {
+        page->Took(WriteInteger(room, variable->plain_integer()));
+        NEXT(2)
+      }
+    } else if (variable->HoldsText() && variable->plain_text().data &&
+               page->PutInRoom(variable->plain_text().data, variable->plain_text().length)) {
+      NEXT(2)
+    }
+  }
+  RUN_IDIOM(OutVariable, 2)
   IDIOM(OutRounded, 3)
-  IDIOM(OutVariableRounded, 4)
+on_OutVariableRounded:
+  variable = ROW_OF(op);
+  if (variable && variable->HoldsDouble() && HAS_ROOM) [[likely]] {
+    Output* const page = application->CurrentOutput();
+    char* const room = page->Room(MostRounded);
+    const int length = room ? WriteRounded(variable->plain_double(), op[1].first, room) : 0;
+    if (length > 0) [[likely]] {
+      page->Took(room + length);
+      NEXT(4)
+    }
+  }
+  RUN_IDIOM(OutVariableRounded, 4)
 // The output may set a flag, for example because the client has gone.
 written:
   if (stop_flag | RAISED) goto on_Leave;
@@ -1790,6 +1815,7 @@ on_Leave:
 #undef RUN
 #undef ON_STACK
 #undef IDIOM
+#undef RUN_IDIOM
 #undef MISFIT_UNLESS
 #undef STEP
 #undef NUMBER_Global
