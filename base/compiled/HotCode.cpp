@@ -186,9 +186,10 @@ void HotCode::Decode(const unsigned char* code, int length, const Dictionary& di
   int at = 0;
   // A single last byte counts as the end of the code, as in the machine's loop.
   while (at < length - 1) {
-    HotOp op;
+    const auto place = static_cast<int>(ops.size());
+    HotOp& op = ops.emplace_back();
     op.start = at;
-    records[static_cast<size_t>(at)] = static_cast<int>(ops.size());
+    records[static_cast<size_t>(at)] = place;
     const unsigned short word = LittleEndian::Get16(code + at);
     const unsigned char* operands = code + at + 2;
     const int first_size = Instruction::FirstOperandSize(word);
@@ -212,7 +213,6 @@ void HotCode::Decode(const unsigned char* code, int length, const Dictionary& di
         (NamesTwoGlobals(op.single) && !IsNear(op.second))) {
       op.single = HotAction::Leave;
     }
-    ops.push_back(op);
     at += 2 + Instruction::OperandSize(word);
   }
   HotOp end;
@@ -392,7 +392,10 @@ void HotCode::MakeFastList(const FunctionManager* functions) {
   std::vector<size_t> places(ops.size(), 0);  // in the fast list, plus 1
   for (size_t i = 0; i < end;) {
     places[i] = fast.size() + 1;
-    if (const size_t count = group.Make(i)) {
+    // Most of a page are texts and variables that are written, of which no group is made.
+    const bool is_written =
+        IsOut(i + 1) && (Is(i, HotAction::PushText) || Is(i, HotAction::PushVariable));
+    if (const size_t count = is_written ? 0 : group.Make(i)) {
       fast.insert(fast.end(), group.records().begin(), group.records().end());
       i += count;
       if (TakesTop(i, functions)) PassJoined();
