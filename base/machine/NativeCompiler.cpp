@@ -275,6 +275,10 @@ bool NativeEmitter::Emit() {
     StoreInteger();
     return true;
   }
+  if (action == HotAction::Handler && op->code == Instruction::code_poprl) {
+    Do(&NativeRun::Do<&NativeRun::BindLocal>);
+    return true;
+  }
   if (EmitValues()) return true;
   if (IsAt(action, HotAction::LoadElementAtGlobal)) {
     SetFallback<&NativeRun::LoadElement>();
@@ -436,55 +440,9 @@ bool NativeEmitter::Emit() {
     case HotAction::SendText:
     case HotAction::SendReference: Send(); return true;
     case HotAction::Enter: Enter(); return true;
-    case HotAction::ReturnNumber:
-      LoadNumber(xmm0, op->left, op->first);
-      mov(edx, op->form == HotForm::Integer);
-      xor_(r10d, r10d);
-      Return(&NativeRun::ReturnNumber, nullptr);
-      return true;
-    case HotAction::ReturnVariable: {
-      Label slow, is_double;
-      if (!IsReadable(op->left, op->first)) {
-        cmp(dword[rbx + kCounts + 4L * static_cast<int>(op->left)], op->first);
-        jbe(slow);
-      }
-      mov(rcx, RowAt(op->left, HotOp::Offset(op->first)));
-      test(rcx, rcx);
-      jz(slow);
-      cmp(dword[rcx + OfVariable::holders], 1);
-      jne(slow);
-      movsd(xmm0, Field(rcx, OfVariable::number));
-      xor_(edx, edx);
-      cmp(dword[rcx + OfVariable::state], OfVariable::double_alone);
-      je(is_double);
-      cmp(dword[rcx + OfVariable::state], OfVariable::integer_alone);
-      jne(slow);
-      cvtsi2sd(xmm0, dword[rcx + OfVariable::integer]);
-      mov(edx, 1);
-      L(is_double);
-      mov(r10d, 1);
-      Return(&NativeRun::ReturnVariable, &slow);
-      return true;
-    }
-    case HotAction::Return: {
-      Label slow, is_double;
-      mov(rax, Field(r15, OfMachine::stack));
-      cmp(rbp, Field(rax, OfStack::entries));
-      jbe(slow);
-      movsd(xmm0, ptr[rbp - kEntry + kEntryValue]);
-      xor_(edx, edx);
-      cmp(dword[rbp - kEntry], ZephVM_Stack::KindDouble);
-      je(is_double);
-      cmp(dword[rbp - kEntry], ZephVM_Stack::KindInteger);
-      jne(slow);
-      cvtsi2sd(xmm0, dword[rbp - kEntry + kEntryValue]);
-      mov(edx, 1);
-      L(is_double);
-      xor_(r10d, r10d);
-      sub(rbp, kEntry);
-      Return(&NativeRun::Return, &slow);
-      return true;
-    }
+    case HotAction::ReturnNumber: ReturnNumber(); return true;
+    case HotAction::ReturnVariable: ReturnVariable(); return true;
+    case HotAction::Return: ReturnTop(); return true;
     case HotAction::ReturnNothing: PassResult(&NativeRun::ReturnNothing); return true;
     case HotAction::ReturnText: PassResult(&NativeRun::ReturnText); return true;
     case HotAction::Call: CallOnStack(); return true;

@@ -236,6 +236,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void NeedForm(int form);
   void WriteSlot(HotOperand kind, int offset);
   void WriteSource(int file);
+  void CompareSerial(const Reg64& frame);
   void FindKept(Label& unprepared, Label& unusual);
   void BeginCall();
   void CallOnStack();
@@ -261,7 +262,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void UseSegment(const Reg64& used, int number);
   void RenewScalar(Label& other, Label& unusual);
   void CheckNames(Label& unusual);
-  void Renew(int variables, Label& unusual);
+  void Renew(int variables, int parameters, Label& unusual);
   void EmitRenew();
   void LeaveFrame(bool is_told);
   bool IsReadable(HotOperand kind, int position) const;
@@ -270,7 +271,11 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void CheckReturn(Label& unusual);
   void EmitSubroutines();
   void PassResult(NativeRun::Operation operation);
-  void Return(NativeRun::Operation operation, Label* slow);
+  Rare* AddReturn(NativeRun::Operation operation);
+  void Return(Rare* other);
+  void ReturnNumber();
+  void ReturnVariable();
+  void ReturnTop();
 
   const HotCode* code;
   const NativeRun* run;  // only while the code is made

@@ -4,6 +4,7 @@
 
 #ifdef __x86_64__
 
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -38,9 +39,10 @@ void NativeEmitter::CheckNames(Label& unusual) {
 }
 
 // Makes the variables of the called frame, in rcx, ready for the next call; they are so many, or
-// any number if it is negative. Goes to unusual, with some of them made ready, if that takes more
-// than the usual. Changes rax, rdi, r8 and r11.
-void NativeEmitter::Renew(int variables, Label& unusual) {
+// any number if it is negative; the first of them are parameters, which every call makes. Goes to
+// unusual, with some of them made ready, if that takes more than the usual. Changes rax, rdi, r8
+// and r11.
+void NativeEmitter::Renew(int variables, int parameters, Label& unusual) {
   static constexpr int kMostInLine = 8;
   if (variables < 0 || variables > kMostInLine) {
     call(renew);
@@ -58,8 +60,10 @@ void NativeEmitter::Renew(int variables, Label& unusual) {
       jmp(self.back);
     });
     mov(r8, ptr[r11 + HotOp::Offset(i)]);
-    test(r8, r8);
-    jz(other->back);
+    if (i >= parameters) {
+      test(r8, r8);
+      jz(other->back);
+    }
     RenewScalar(other->label, unusual);
     L(other->back);
   }
@@ -145,6 +149,16 @@ void NativeEmitter::UseSegment(const Reg64& used, int number) {
   mov(dword[r15 + OfMachine::wanted_segment], eax);
 }
 
+// Whether a frame returns to this code. Changes r8.
+void NativeEmitter::CompareSerial(const Reg64& frame) {
+  if (code->serial() <= INT_MAX) {
+    cmp(qword[frame + OfFrame::return_code], static_cast<int>(code->serial()));
+  } else {
+    mov(r8, code->serial());
+    cmp(Field(frame, OfFrame::return_code), r8);
+  }
+}
+
 // Finds the frame that is kept for the called function and is prepared for calls from this code.
 // r14 is the rows of its variables then, and rdx the current stack. Changes rax and rcx.
 void NativeEmitter::FindKept(Label& unprepared, Label& unusual) {
@@ -152,8 +166,7 @@ void NativeEmitter::FindKept(Label& unprepared, Label& unusual) {
   mov(rax, ptr[rax + op->first * 8L]);
   test(rax, rax);
   jz(unusual);
-  mov(rcx, code->serial());
-  cmp(Field(rax, OfFrame::return_code), rcx);
+  CompareSerial(rax);
   jne(unprepared);
   mov(rcx, Field(r15, OfMachine::frame));
   cmp(dword[rcx + OfFrame::depth], OfMachine::most_frames);
@@ -165,7 +178,6 @@ void NativeEmitter::FindKept(Label& unprepared, Label& unusual) {
   mov(rcx, Field(rax, OfFrame::variables));
   mov(ptr[rbx + static_cast<int>(offsetof(NativeRun, called))], rax);
   mov(r14, Field(rcx, OfTable::entries));
-  mov(ptr[rbx + kCalledRows], r14);
 }
 
 void NativeEmitter::BeginCall() {
@@ -365,10 +377,6 @@ void NativeEmitter::Enter() {
     op = current;
     at = place;
   });
-  Rare* spent = &AddRare([this, slow](Rare&) {
-    inc(dword[rbx + kPatience]);
-    jmp(slow->label);
-  });
   const HotOp* entry = nullptr;
   NativeRun::FindCalled(run, code, op->first, &entry);
   Label is_current;
@@ -396,8 +404,6 @@ void NativeEmitter::Enter() {
   movsxd(rax, dword[rcx + OfFrame::simple_mode]);
   cmp(rax, Field(r15, OfMachine::hot_mode));
   jne(slow->label);
-  dec(dword[rbx + kPatience]);
-  jz(spent->label);
   mov(dword[rcx + OfFrame::output_mode], eax);
   if (!entry) {
     mov(eax, dword[rcx + OfFrame::entry_segment]);
@@ -441,6 +447,17 @@ void NativeEmitter::Enter() {
   mov(rax, Field(rcx, OfFrame::variables));
   mov(eax, dword[rax + OfTable::count]);
   mov(dword[rbx + kCounts + 4], eax);
+  // The host's flags are polled at calls, too.
+  Rare* spent = &AddRare([this, entry](Rare&) {
+    if (entry) {
+      mov(rax, reinterpret_cast<uint64_t>(entry));
+    } else {
+      mov(rax, Field(rcx, OfFrame::entry));
+    }
+    jmp(exit);
+  });
+  dec(dword[rbx + kPatience]);
+  jz(spent->label);
   if (entry) {
     jmp(labels[static_cast<size_t>(entry - list.data())]);
   } else {
@@ -458,7 +475,8 @@ bool NativeEmitter::IsReadable(HotOperand kind, int position) const {
 // still the current one. If anything is unusual, the code at r9 does all of the return.
 void NativeEmitter::TakeResult() {
   const HotOp* const use = op[1].plain;
-  const int variables = NativeRun::CountVariables(run, op->first);
+  int parameters = 0;
+  const int variables = NativeRun::CountVariables(run, op->first, &parameters);
   const bool is_stored = (use->uses & HotOp::Stored) && use->single == HotAction::PopVariable;
   Label unusual;
   // The result was passed, and the rest is done elsewhere.
@@ -553,7 +571,7 @@ void NativeEmitter::TakeResult() {
     PushNumber(HotForm::Integer);
     L(pushed);
   }
-  Renew(variables, slow->label);
+  Renew(variables, parameters, slow->label);
   LeaveFrame(is_stored);
   mov(rax, ptr[rdi + op->first * 8L]);
   mov(Field(rcx, OfFrame::next_idle), rax);
@@ -616,11 +634,10 @@ void NativeEmitter::EmitLeft() {
     CheckReturn(left_unusual);
     jmp(self.back);
   });
-  mov(rax, code->serial());
-  cmp(Field(rcx, OfFrame::return_code), rax);
+  CompareSerial(rcx);
   jne(elsewhere->label);
   L(elsewhere->back);
-  Renew(-1, left_unusual);
+  Renew(-1, 0, left_unusual);
   LeaveFrame(true);
   mov(rax, Field(rcx, OfFrame::place));
   lea(rdi, ptr[rdi + rax * 8]);
@@ -659,11 +676,10 @@ void NativeEmitter::PassResult(NativeRun::Operation operation) {
   jmp(left);
 }
 
-// A return with the number in xmm0, see TakeResult.
-void NativeEmitter::Return(NativeRun::Operation operation, Label* slow) {
-  Rare* other = &AddRare([this, operation, record = op, &unusual = Leave()](Rare& self) {
+// A return that an operation does; back is where no entry was taken off the stack for it.
+NativeEmitter::Rare* NativeEmitter::AddReturn(NativeRun::Operation operation) {
+  return &AddRare([this, operation, record = op, &unusual = Leave()](Rare& self) {
     const HotOp* const current = std::exchange(op, record);
-    // The entry of a result is on the stack again.
     if (record->action == HotAction::Return) add(rbp, kEntry);
     L(self.back);
     CallWith(reinterpret_cast<const void*>(operation));
@@ -673,24 +689,93 @@ void NativeEmitter::Return(NativeRun::Operation operation, Label* slow) {
     jmp(left);
     op = current;
   });
+}
+
+// A return with the number in xmm0, see TakeResult. If anything is unusual, it goes to other.
+void NativeEmitter::Return(Rare* other) {
   Rare* elsewhere = &AddRare([this, other](Rare& self) {
     CheckReturn(other->label);
     jmp(self.back);
   });
   mov(rcx, Field(r15, OfMachine::frame));
   lea(r9, ptr[rip + other->label]);
-  mov(rax, code->serial());
-  cmp(Field(rcx, OfFrame::return_code), rax);
+  CompareSerial(rcx);
   jne(elsewhere->label);
   L(elsewhere->back);
   mov(rax, Field(rcx, OfFrame::native_return));
   test(rax, rax);
   jz(other->label);
   jmp(rax);
-  if (slow) {
-    L(*slow);
+}
+
+void NativeEmitter::ReturnNumber() {
+  Rare* other = AddReturn(&NativeRun::ReturnNumber);
+  LoadNumber(xmm0, op->left, op->first);
+  mov(edx, op->form == HotForm::Integer);
+  xor_(r10d, r10d);
+  Return(other);
+}
+
+void NativeEmitter::ReturnVariable() {
+  Rare* other = AddReturn(&NativeRun::ReturnVariable);
+  // The value of a reference, if that is stored at once.
+  Rare* reference = &AddRare([this, other](Rare& self) {
+    cmp(dword[rcx + OfVariable::state], OfVariable::reference_alone);
+    jne(other->back);
+    mov(rax, Field(r15, OfMachine::frame));
+    test(byte[rax + OfFrame::uses], HotOp::Stored);
+    jz(other->back);
+    mov(rcx, Field(rcx, OfVariable::reference));
+    test(rcx, rcx);
+    jz(other->back);
+    movsd(xmm0, Field(rcx, OfVariable::number));
+    cmp(dword[rcx + OfVariable::state], OfVariable::double_alone);
+    je(self.others[0]);
+    cmp(dword[rcx + OfVariable::state], OfVariable::integer_alone);
+    je(self.back);
     jmp(other->back);
+  });
+  if (!IsReadable(op->left, op->first)) {
+    cmp(dword[rbx + kCounts + 4L * static_cast<int>(op->left)], op->first);
+    jbe(other->back);
   }
+  mov(rcx, RowAt(op->left, HotOp::Offset(op->first)));
+  test(rcx, rcx);
+  jz(other->back);
+  cmp(dword[rcx + OfVariable::holders], 1);
+  jne(other->back);
+  movsd(xmm0, Field(rcx, OfVariable::number));
+  xor_(edx, edx);
+  cmp(dword[rcx + OfVariable::state], OfVariable::double_alone);
+  je(reference->others[0]);
+  cmp(dword[rcx + OfVariable::state], OfVariable::integer_alone);
+  jne(reference->label);
+  L(reference->back);
+  cvtsi2sd(xmm0, dword[rcx + OfVariable::integer]);
+  mov(edx, 1);
+  L(reference->others[0]);
+  mov(r10d, 1);
+  Return(other);
+}
+
+void NativeEmitter::ReturnTop() {
+  Label is_double;
+  Rare* other = AddReturn(&NativeRun::Return);
+  mov(rax, Field(r15, OfMachine::stack));
+  cmp(rbp, Field(rax, OfStack::entries));
+  jbe(other->back);
+  movsd(xmm0, ptr[rbp - kEntry + kEntryValue]);
+  xor_(edx, edx);
+  cmp(dword[rbp - kEntry], ZephVM_Stack::KindDouble);
+  je(is_double);
+  cmp(dword[rbp - kEntry], ZephVM_Stack::KindInteger);
+  jne(other->back);
+  cvtsi2sd(xmm0, dword[rbp - kEntry + kEntryValue]);
+  mov(edx, 1);
+  L(is_double);
+  xor_(r10d, r10d);
+  sub(rbp, kEntry);
+  Return(other);
 }
 
 #endif

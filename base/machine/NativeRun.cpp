@@ -5,6 +5,7 @@
 #include "base/compiled/Function.h"
 #include "base/core/NumberText.h"
 #include "base/core/Output.h"
+#include "base/values/VariableRef.h"
 
 using namespace hot;
 
@@ -109,6 +110,21 @@ NativeRun::Outcome NativeRun::PopVariable(NativeRun* run, const HotOp* op) {
   }
   run->top = value;
   return Outcome::Done;
+}
+
+NativeRun::Outcome NativeRun::BindLocal(NativeRun* run, const HotOp* op) {
+  Entry* const value = run->top - 1;
+  if (value < run->bottom() || value->kind != ZephVM_Stack::KindVariable) return Outcome::Unable;
+  run->TellStack();
+  const VariableRef held = VariableRef::Share(value->value.variable);
+  run->top = value;
+  ZephVM_Stack::Free(value);
+  run->TellStack();
+  // What the position held before may be a large value.
+  const Variable* const old = run->row(HotOperand::Local, op->first);
+  const bool is_new = !old || old->IsAsleep();
+  run->vm->frame->variables->SetVariable_Reference(op->first, held.get());
+  return is_new ? Outcome::Done : Outcome::Worked;
 }
 
 bool NativeRun::Pop(NativeRun* run, const HotOp*) {
@@ -226,6 +242,7 @@ bool NativeRun::CallWith(NativeRun* run, const HotOp* op) {
 }
 
 bool NativeRun::SendValue(NativeRun* run, const HotOp* op) {
+  run->called_rows = run->called->variables->Rows(&run->called_count);
   Variable* const parameter = VariableIn(run->called_rows, op->third);
   if (!parameter) return false;
   run->TellStack();
@@ -993,7 +1010,7 @@ const void* NativeRun::Enter(NativeRun* run, const HotOp* op) {
   run->op = op;
   const bool is_here = called->entry_segment == vm->loaded_segment;
   // The loop may be what enters the frame.
-  (void)called->variables->Rows(&run->called_count);
+  run->called_rows = called->variables->Rows(&run->called_count);
   if (!IsEnterable(called, is_here)) return nullptr;
   run->TellStack();
   BeginCall(vm, called, op + 1);
@@ -1065,10 +1082,12 @@ bool NativeRun::JoinReturn(NativeRun* run, const HotOp* op) {
   return true;
 }
 
-int NativeRun::CountVariables(const NativeRun* run, int function) {
+int NativeRun::CountVariables(const NativeRun* run, int function, int* parameters) {
   FunctionManager* const functions = run->vm->functions;
   Function* const found = functions ? functions->Lookup(function) : nullptr;
-  return found ? found->variables().Entries() : -1;
+  if (!found) return -1;
+  *parameters = static_cast<int>(found->slots().size());
+  return found->variables().Entries();
 }
 
 // Functions do not change while code runs, and every frame that is prepared for calls from the code

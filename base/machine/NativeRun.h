@@ -50,9 +50,6 @@ struct NativeRun {
   static bool PassVariable(ZephVM_FunctionFrame* called, Variable* variable,
                            const _VH_Entry* globals, unsigned count, long code_serial,
                            bool has_room, int* patience);
-  // The same for a reference, if the caller stores a number or a short text.
-  static bool CopyReferred(ZephVM_FunctionFrame* called, Variable* variable,
-                           const _VH_Entry* globals, unsigned count);
   // Passes the value of an entry of the current frame's stack, its last one, which then has moved.
   // Returns false and does nothing where that takes more work.
   static bool PassEntry(ZephVM_FunctionFrame* called, hot::Entry* value, const _VH_Entry* globals,
@@ -122,6 +119,7 @@ struct NativeRun {
   static Outcome Element(NativeRun* run, const HotOp* op);  // of the stack, as those below
   static Outcome Member(NativeRun* run, const HotOp* op);
   static Outcome PopVariable(NativeRun* run, const HotOp* op);
+  static Outcome BindLocal(NativeRun* run, const HotOp* op);  // poprl
   static Outcome StoreOnStack(NativeRun* run, const HotOp* op);
   static Outcome Concatenate(NativeRun* run, const HotOp* op);
   static Outcome ConcatenateText(NativeRun* run, const HotOp* op);
@@ -194,8 +192,9 @@ struct NativeRun {
   static bool ReturnNothing(NativeRun* run, const HotOp* op);
   static bool ReturnText(NativeRun* run, const HotOp* op);
   static bool JoinReturn(NativeRun* run, const HotOp* op);
-  // For the compiler: how many variables a call of a function has, -1 if that is not known.
-  static int CountVariables(const NativeRun* run, int function);
+  // For the compiler: how many variables a call of a function has, -1 if that is not known; and how
+  // many parameters.
+  static int CountVariables(const NativeRun* run, int function, int* parameters);
   // If calls of a function from some code stay in that code, *entry receives the record that they
   // begin at. Returns the number of the function's parameters if they do, and all parameters are
   // by value; otherwise -1.
@@ -322,20 +321,10 @@ HOT_INLINE void NativeRun::PassNumber(ZephVM_FunctionFrame* called, const _VH_En
   PushNumber(called, number, form);
 }
 
-// The value of a reference may change until it is used, unless it is stored at once.
-inline bool NativeRun::CopyReferred(ZephVM_FunctionFrame* called, Variable* variable,
-                                    const _VH_Entry* globals, unsigned count) {
-  if (!(called->uses & HotOp::Stored) || !hot::ReturnsToDecoded(called)) return false;
-  const Variable* const real = variable->Real();
-  Variable* const target = hot::FindTargetOfResult(called, globals, count);
-  if (!target || !(target->CopyNumber(*real) || target->CopyShort(*real))) return false;
-  hot::PassStore(called);
-  return true;
-}
-
 // A caller that uses only the value of the result gets that. The variable must have no other form
 // and no other holder. A caller that only stores the result gets a number, a short text or an array
-// in its variable, and goes on after its pop.
+// in its variable, and goes on after its pop. So it does if the variable is a reference, whose
+// value may change until it is used otherwise.
 HOT_INLINE bool NativeRun::PassVariable(ZephVM_FunctionFrame* called, Variable* variable,
                                         const _VH_Entry* globals, unsigned count, long code_serial,
                                         bool has_room, int* patience) {
@@ -354,27 +343,27 @@ HOT_INLINE bool NativeRun::PassVariable(ZephVM_FunctionFrame* called, Variable* 
     return true;
   }
   if (!(has_room && called->returns_hot && variable)) return false;
-  if (!variable->IsPlain()) return CopyReferred(called, variable, globals, count);
-  if (variable->plain_count() != 1) return false;
-  if (called->return_code == code_serial || hot::ReturnsToDecoded(called)) [[likely]] {
-    Variable* target;
-    if ((called->uses & HotOp::Stored) &&
-        hot::FindTarget(called->return_op->plain, called->previous->variables, globals, count,
-                        &target)) {
-      if (target) {
-        const bool copied = target->CopyNumber(*variable) || target->CopyShort(*variable);
-        const bool taken = !copied && target->TakeValue(variable);
-        if (taken) *patience = 1;
-        if (copied || taken) {
-          hot::PassStore(called);
-          return true;
-        }
-      }
-    } else if (!(called->uses & HotOp::UsedAsValue) &&
-               !hot::PassesToTarget(called, globals, count)) {
-      return false;
+  Variable* target = nullptr;
+  const bool is_stored = (called->uses & HotOp::Stored) &&
+                         (called->return_code == code_serial || hot::ReturnsToDecoded(called)) &&
+                         hot::FindTarget(called->return_op->plain, called->previous->variables,
+                                         globals, count, &target);
+  if (!is_stored) target = nullptr;
+  if (target) {
+    const Variable* const real = variable->Real();
+    if (target->CopyShort(*real) || target->CopyNumber(*real)) {
+      hot::PassStore(called);
+      return true;
     }
-  } else if (!(called->uses & HotOp::UsedAsValue)) {
+  }
+  if (!variable->IsPlain() || variable->plain_count() != 1) return false;
+  if (target && target->TakeValue(variable)) {
+    *patience = 1;
+    hot::PassStore(called);
+    return true;
+  }
+  if (!is_stored && !(called->uses & HotOp::UsedAsValue) &&
+      !hot::PassesToTarget(called, globals, count)) {
     return false;
   }
   ZephVM_Stack* const callers = called->previous->stack;

@@ -800,6 +800,7 @@ TEST(NativeCode, VariablesOfACallAreNewInTheNextOne) {
         if (i == 0) writes += "pushg n\npushi 1\nbitand\njmp_eq skip\n";
         writes += kind + name + "\n";
         if (i == 0) writes += "skip: noop\n";
+        if (i == 7) writes += "pushl v0\npoprl v7\n" + kind + name + "\n";
       }
       for (const char* const result : {"pushl p", "pushl v0", "pushi 7", "pushc \"t\"", "pushl q",
                                        "pushl v0\npushc \"+\"\ncat"}) {
