@@ -670,6 +670,19 @@ NativeRun::Outcome NativeRun::StoreOnStack(NativeRun* run, const HotOp*) {
 }
 
 NativeRun::Outcome NativeRun::Concatenate(NativeRun* run, const HotOp*) {
+  Entry* const left = run->top - 2;
+  if (left >= run->bottom() && left->deferred && left[1].deferred) {
+    // As for the results of two functions. Both stay on the stack until memory was found.
+    DeferredText* const added = left[1].value.pending;
+    if (const char* const bytes = added->InPlace()) {
+      run->TellStack();
+      left->AppendDeferred(bytes, added->length());
+      delete added;
+      run->top--;
+      run->TellStack();
+      return Outcome::Worked;
+    }
+  }
   if (run->top - 2 < run->bottom() || !IsOrdinary(run->top - 1) || !IsOrdinary(run->top - 2)) {
     return Outcome::Unable;
   }

@@ -685,6 +685,10 @@ TEST(NativeCode, AConcatenationHasTheTextsOfAllKindsOfOperands) {
       "pushc \"x\"\npushg r\ncat\npushg r\ncat\n" + show + "pushg b\npushg u\ncat\n" + show +
       "pushg u2\npushg b\ncat\npopg u2\npushg d\npushg b\ncat\npopg d\npushg other\nout\n" +
       "pushg other\npushg a\ncat\npopg other\npushg a\npushg b\ncall join\nout\n" +
+      "pushc \"<\"\npushg a\npushg b\ncall join\ncat\npushg b\npushg a\ncall join\ncat\npushg n\n"
+      "pushg n\ncall join\ncat\nout\npushg a\npushg b\ncall join\npushg b\npushg n\ncall "
+      "longer\ncat\npopg "
+      "r\npushg r\nout\n" +
       "pushg a\npushg b\ncall join\n" + show + "pushg a\npushg b\ncall longer\n" + show +
       "pushg k\npushi 2\neq\njmp_eq keep\npushc \"\"\npopg t\npushc \"\"\npopg u2\npushc "
       "\"\"\npopg other\nkeep: ";
