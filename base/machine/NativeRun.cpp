@@ -14,14 +14,17 @@ const void* NativeRun::GoTo(const HotOp* next) {
   return next->native;
 }
 
+Variable* NativeRun::MakeOperand(HotOperand table, int offset) {
+  if (Variable* const found = operand(table, offset)) [[likely]]
+    return found;
+  TellStack();
+  VariableHash* const variables =
+      table == HotOperand::Local ? vm->frame->variables : vm->global_variables;
+  return variables->At(HotOp::PositionOf(offset), 1);
+}
+
 Variable* NativeRun::target(const HotOp* record) {
-  Variable* found = operand(record->into, record->third);
-  if (!found) [[unlikely]] {
-    TellStack();
-    VariableHash* const table =
-        record->into == HotOperand::Local ? vm->frame->variables : vm->global_variables;
-    found = table->At(HotOp::PositionOf(record->third), 1);
-  }
+  Variable* const found = MakeOperand(record->into, record->third);
   return found && found->IsPlain() ? found : nullptr;
 }
 
@@ -516,7 +519,9 @@ NativeRun::Outcome NativeRun::StoreElement(NativeRun* run, const HotOp* op) {
 }
 
 NativeRun::Outcome NativeRun::StoreMember(NativeRun* run, const HotOp* op) {
-  Variable* const structure = run->operand(op->left, op->first);
+  Variable* const structure = op->create && op->left <= HotOperand::Local
+                                  ? run->MakeOperand(op->left, op->first)
+                                  : run->operand(op->left, op->first);
   Variable* source;
   double value;
   HotForm form;
@@ -1059,8 +1064,11 @@ bool NativeRun::ReturnNumber(NativeRun* run, const HotOp* op) {
 bool NativeRun::ReturnVariable(NativeRun* run, const HotOp* op) {
   auto* const called = static_cast<ZephVM_FunctionFrame*>(run->vm->frame);
   int wanted_patience = 0;
-  if (!PassVariable(called, run->row(op->left, op->first), run->rows[0], run->counts[0],
-                    run->vm->segment->hot()->serial(), run->top < run->limit(), &wanted_patience)) {
+  Variable* const variable = run->row(op->left, op->first);
+  run->TellStack();
+  if (!PassVariable(called, variable, run->rows[0], run->counts[0],
+                    run->vm->segment->hot()->serial(), run->top < run->limit(), &wanted_patience) &&
+      !(run->top < run->limit() && PassHeld(called, variable))) {
     return false;
   }
   if (wanted_patience == 1) run->NoteWork();

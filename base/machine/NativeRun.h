@@ -50,6 +50,9 @@ struct NativeRun {
   static bool PassVariable(ZephVM_FunctionFrame* called, Variable* variable,
                            const _VH_Entry* globals, unsigned count, long code_serial,
                            bool has_room, int* patience);
+  // Passes a local variable itself, whatever value it has: the caller's stack holds it. Returns
+  // false and does nothing where that takes more work.
+  static bool PassHeld(ZephVM_FunctionFrame* called, Variable* variable);
   // Passes the value of an entry of the current frame's stack, its last one, which then has moved.
   // Returns false and does nothing where that takes more work.
   static bool PassEntry(ZephVM_FunctionFrame* called, hot::Entry* value, const _VH_Entry* globals,
@@ -210,6 +213,8 @@ struct NativeRun {
     return hot::Referred(operand_row(kind, offset));
   }
   Variable* target(const HotOp* record);
+  // The variable that has the value of a row, which gets one if it has none.
+  Variable* MakeOperand(HotOperand table, int offset);
   // Reads an operand as an integer; false if it has none.
   bool FindInteger(HotOperand kind, int offset, int* number) const;
   // Finds what a record stores: the value of a variable, or, if *source is null, a number in a
@@ -384,6 +389,18 @@ HOT_INLINE bool NativeRun::PassVariable(ZephVM_FunctionFrame* called, Variable* 
     return false;
   }
   value->SetOwnedText(text, length, allocated);
+  callers->SetEnd(value + 1);
+  return true;
+}
+
+HOT_INLINE bool NativeRun::PassHeld(ZephVM_FunctionFrame* called, Variable* variable) {
+  ZephVM_Stack* const callers = called->previous->stack;
+  if (!called->returns_hot || !variable || !variable->IsPlain() || variable->IsAsleep() ||
+      !callers->HasRoom(1)) {
+    return false;
+  }
+  hot::Entry* const value = callers->End();
+  value->SetVariable(variable);
   callers->SetEnd(value + 1);
   return true;
 }

@@ -1673,7 +1673,8 @@ on_Return:
 on_ReturnVariable:
   called = static_cast<ZephVM_FunctionFrame*>(frame);
   SINGLE_UNLESS(NativeRun::PassVariable(called, ROW_OF(op), rows[0], counts[0], code_serial,
-                                        HAS_ROOM, &patience))
+                                        HAS_ROOM, &patience) ||
+                (HAS_ROOM && NativeRun::PassHeld(called, ROW_OF(op))))
 // The value is on the caller's stack, or in its variable.
 returned:
   op =

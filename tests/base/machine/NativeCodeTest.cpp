@@ -900,6 +900,28 @@ TEST(NativeCode, AResultThatIsAReferenceIsReadWhenItIsUsed) {
   }
 }
 
+// The caller gets the local variable itself, so the next call makes another one.
+TEST(NativeCode, AFunctionMakesAStructureInEachCall) {
+  const std::string member = "pushc \"m\"\nmemb\n", read = "pushc \"m\"\nmemb_readonly\n";
+  for (const char* const value : {"pushl v\n", "pushi 7\n", "pushc \"text\"\n", "pushg row\n",
+                                  "pushl v\npushi 2\nmul\n", "pushl made\n"}) {
+    SCOPED_TRACE(value);
+    const std::string make = "pushg n\ncall make\n";
+    const Outcome outcome = ExpectTheSame(
+        kRow +
+        Loop(make + "popg r\npushg r\n" + read + "out\n" + make + "pushg root\n" + member +
+                 "store\npushg root\n" + read + read + "out\n" + make + read + "out\n" + make +
+                 "pushg rows\npushg n\nelem\nstore\n" + make + "pop\n" + make + "call same\n" +
+                 read + "out\npushg rows\npushi 1\nelem_readonly\n" + read +
+                 "out\npushi 3\npushg r\n" + member + "store\nlineno 8\npushg n\npushg kept\n" +
+                 member + "store\npushg kept\n" + read + "out\n",
+             20) +
+        kSame + ".function make(v)\n.local made\n" + value + "pushl made\n" + member +
+        "store\npushl v\npushl made\npushc \"n\"\nmemb\nstore\npushl made\nret\n.end\n");
+    EXPECT_EQ(outcome.result, 1) << outcome.error;
+  }
+}
+
 // The frame is kept after the first call, but its code is only known after the second.
 TEST(NativeCode, ArgumentsOnTheStackReachAFunctionOfAnotherSegmentFromTheFirstCallOn) {
   const std::string call = "pushg row\npushg n\npushc \"x\"\ncat\ncall f\nout\n";
