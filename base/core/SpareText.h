@@ -5,8 +5,10 @@
 #ifndef ZEPH_BASE_SPARETEXT_H
 #define ZEPH_BASE_SPARETEXT_H
 
+#include <algorithm>
 #include <cstddef>
 
+#include "base/core/BufferRoom.h"
 #include "base/core/FreeList.h"
 #include "base/core/Sanitizers.h"
 
@@ -25,14 +27,17 @@ class SpareText : private FreeLists {
     return kept;
   }
   // Frees a buffer of at least that many bytes that was made with new[], or is null. The larger one
-  // of two is kept.
+  // of two is kept. A variable may tell less than its buffer has, so the allocator is asked.
   static void Give(char* buffer, int bytes) {
     if (static_cast<unsigned>(bytes - 1) < static_cast<unsigned>(kMost) && buffer && open &&
         static_cast<size_t>(bytes) > kept_bytes) {
-      char* const smaller = kept_bytes > 0 ? kept : nullptr;
-      kept = buffer;
-      kept_bytes = static_cast<size_t>(bytes);
-      buffer = smaller;
+      const size_t room = BufferRoom(buffer);
+      if (room > 0 && room <= kMost) {
+        char* const smaller = kept_bytes > 0 ? kept : nullptr;
+        kept = buffer;
+        kept_bytes = std::min(static_cast<size_t>(bytes), room);
+        buffer = smaller;
+      }
     }
     delete[] buffer;
   }

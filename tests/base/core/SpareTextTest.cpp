@@ -7,7 +7,13 @@
 
 namespace {
 
-constexpr bool kKeeps = SpareText::kMost > 0;
+// None is kept where the heap can't say how large a buffer is.
+const bool kKeeps = [] {
+  char* const buffer = new char[20];
+  const bool is_known = BufferRoom(buffer) > 0;
+  delete[] buffer;
+  return is_known && SpareText::kMost > 0;
+}();
 
 // Runs a test on a thread whose lists are open.
 template <class Test>
@@ -42,6 +48,17 @@ TEST(SpareText, ALongerTextGetsABufferOfItsOwn) {
     memset(longer, 1, 2000);
     SpareText::Give(longer, 2000);
     delete[] SpareText::Take(20);
+  });
+}
+
+// A variable tells the size of its text, whatever the buffer had room for before.
+TEST(SpareText, ALargeBufferIsNotKeptForTheSizeThatIsTold) {
+  OnThread([] {
+    char* const large = new char[1 << 20];
+    SpareText::Give(large, 4);
+    char* const found = SpareText::Take(4);
+    EXPECT_NE(found, large);
+    delete[] found;
   });
 }
 
