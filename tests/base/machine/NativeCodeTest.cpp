@@ -557,8 +557,8 @@ TEST(NativeCode, ALoopOverAnArrayGoesOnInTheArrayThatIsThere) {
       "",
       "pushg v\npushi 1\nadd\npushg x\npushi 4\nelem\nstore\n",
       "pushg x\npushi 9\nelem\npushi 1\npopg v\npop\n",
-      "pushg x\npopg y\npushi 100\npushg x\npushi 8\nelem\nstore\npushg y\npushi 8\n"
-      "elem_readonly\nout\n",
+      ("pushg x\npopg y\npushi 100\npushg x\npushi 8\nelem\nstore\npushg y\npushi 8\n"
+       "elem_readonly\nout\n"),
       "pushc \"\"\npopg x\n",
       "pushi 1\npushg x\npushi 20\nelem\nstore\n",
       "pushg x\npushg y\nrefer\n",
