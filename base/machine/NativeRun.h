@@ -86,8 +86,8 @@ struct NativeRun {
   static bool NextElement(NativeRun* run, const HotOp* op);
   static bool CallWith(NativeRun* run, const HotOp* op);
   static bool SendValue(NativeRun* run, const HotOp* op);
-  // A sleeping parameter begins with a text, or with that of an argument that has no other form; it
-  // returns false and does nothing if that is a long one.
+  // A sleeping parameter begins with a constant text. The end of the stack has to be told before,
+  // because this may allocate.
   static void BeginText(Variable* parameter, const char* text, int length);
   // The same with the number that is stored.
   static bool StoreDouble(NativeRun* run, const HotOp* op, double number);
