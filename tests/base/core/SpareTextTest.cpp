@@ -8,12 +8,12 @@
 namespace {
 
 // None is kept where the heap can't say how large a buffer is.
-const bool kKeeps = [] {
+bool Keeps() {
   char* const buffer = new char[20];
   const bool is_known = BufferRoom(buffer) > 0;
   delete[] buffer;
   return is_known && SpareText::kMost > 0;
-}();
+}
 
 // Runs a test on a thread whose lists are open.
 template <class Test>
@@ -31,7 +31,7 @@ TEST(SpareText, TheNextTextThatFitsGetsTheBuffer) {
     memset(first, 1, 20);
     SpareText::Give(first, 20);
     char* const second = SpareText::Take(20);
-    EXPECT_EQ(second == first, kKeeps);
+    EXPECT_EQ(second == first, Keeps());
     memset(second, 2, 20);
     // It is handed out once.
     char* const third = SpareText::Take(20);
@@ -71,7 +71,7 @@ TEST(SpareText, TheLargerOfTwoIsKeptAndNoLargeOne) {
     SpareText::Give(new char[SpareText::kMost + 1], SpareText::kMost + 1);
     SpareText::Give(nullptr, 0);
     char* const found = SpareText::Take(100);
-    EXPECT_EQ(found == large, kKeeps);
+    EXPECT_EQ(found == large, Keeps());
     memset(found, 1, 100);
     delete[] found;
   });
