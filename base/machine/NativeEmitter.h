@@ -224,6 +224,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void EmitJoin();
   void PushHeld(const Reg64& variable);
   void CopyConstant(const Reg64& to, const char* text, int length);
+  void CopyText(const Reg64& to);
   bool EmitValues();
   void FindTree(int kind);
   void FindSlot(bool to_write);

@@ -467,12 +467,48 @@ void NativeEmitter::LoadText(const Reg64& variable, HotOperand kind, int offset)
   mov(variable, rcx);
 }
 
+// Copies the edi bytes at r8 to another address, or to the same one. Changes rax, r8, r10 and r11.
+void NativeEmitter::CopyText(const Reg64& to) {
+  Label next, below_8, below_4, done;
+  cmp(edi, 8);
+  jb(below_8);
+  lea(r11, ptr[rdi - 8]);
+  L(next);
+  mov(rax, ptr[r8 + r11]);
+  mov(ptr[to + r11], rax);
+  sub(r11, 8);
+  jg(next);
+  mov(rax, ptr[r8]);
+  mov(ptr[to], rax);
+  jmp(done);
+  L(below_8);
+  cmp(edi, 4);
+  jb(below_4);
+  mov(eax, dword[r8]);
+  mov(r10d, dword[r8 + rdi - 4]);
+  mov(dword[to], eax);
+  mov(dword[to + rdi - 4], r10d);
+  jmp(done);
+  L(below_4);
+  test(edi, edi);
+  jz(done);
+  mov(r11d, edi);
+  shr(r11d, 1);
+  movzx(eax, byte[r8]);
+  movzx(r10d, byte[r8 + r11]);
+  movzx(r8d, byte[r8 + rdi - 1]);
+  mov(byte[to], al);
+  mov(byte[to + r11], r10b);
+  mov(byte[to + rdi - 1], r8b);
+  L(done);
+}
+
 // Subroutines for short texts. They set the carry, and change nothing, if that takes more.
 void NativeEmitter::EmitTextSubroutines() {
   {
     // The plain scalar in rcx gets the text of the variable in rsi, which may be the same one: see
     // Variable::CopyWord(), which takes shorter ones. Changes rax, rdi and r8 to r11.
-    Label next, below_8, below_4, done, fails;
+    Label fails;
     L(copy_word);
     cmp(dword[rsi + OfVariable::state], OfVariable::text_alone);
     jne(fails);
@@ -491,37 +527,7 @@ void NativeEmitter::EmitTextSubroutines() {
     test(r8, r8);
     jz(fails);
     mov(r9, Field(rcx, OfVariable::text));
-    cmp(edi, 8);
-    jb(below_8);
-    lea(r11, ptr[rdi - 8]);
-    L(next);
-    mov(rax, ptr[r8 + r11]);
-    mov(ptr[r9 + r11], rax);
-    sub(r11, 8);
-    jg(next);
-    mov(rax, ptr[r8]);
-    mov(ptr[r9], rax);
-    jmp(done);
-    L(below_8);
-    cmp(edi, 4);
-    jb(below_4);
-    mov(eax, dword[r8]);
-    mov(r10d, dword[r8 + rdi - 4]);
-    mov(dword[r9], eax);
-    mov(dword[r9 + rdi - 4], r10d);
-    jmp(done);
-    L(below_4);
-    test(edi, edi);
-    jz(done);
-    mov(r11d, edi);
-    shr(r11d, 1);
-    movzx(eax, byte[r8]);
-    movzx(r10d, byte[r8 + r11]);
-    movzx(r8d, byte[r8 + rdi - 1]);
-    mov(byte[r9], al);
-    mov(byte[r9 + r11], r10b);
-    mov(byte[r9 + rdi - 1], r8b);
-    L(done);
+    CopyText(r9);
     mov(byte[r9 + rdi], 0);
     mov(dword[rcx + OfVariable::length], edi);
     mov(dword[rcx + OfVariable::primary], PrimaryText);
@@ -611,7 +617,7 @@ void NativeEmitter::EmitTextSubroutines() {
   {
     // The text of the variable in rcx, or its integer, is appended at rdx. Changes rax, rcx, rdi
     // and r8 to r11.
-    Label retry, no_text, next, below_8, below_4, done, fails;
+    Label retry, no_text, fails;
     L(append_text);
     L(retry);
     cmp(dword[rcx + OfVariable::state], OfVariable::text_alone);
@@ -620,48 +626,14 @@ void NativeEmitter::EmitTextSubroutines() {
     jne(fails);
     mov(edi, dword[rcx + OfVariable::length]);
     mov(r8, Field(rcx, OfVariable::text));
-    test(edi, edi);
-    jz(done);
     cmp(edi, kLongestCopy);
     ja(fails);
     lea(r9, ptr[rdx + rdi]);
     lea(rax, ptr[rbx + kJoined + hot::kMostJoinedBytes]);
     cmp(r9, rax);
     ja(fails);
-    cmp(edi, 8);
-    jb(below_8);
-    lea(r11, ptr[rdi - 8]);
-    L(next);
-    mov(rax, ptr[r8 + r11]);
-    mov(ptr[rdx + r11], rax);
-    sub(r11, 8);
-    jg(next);
-    mov(rax, ptr[r8]);
-    mov(ptr[rdx], rax);
+    CopyText(rdx);
     mov(rdx, r9);
-    clc();
-    ret();
-    L(below_8);
-    cmp(edi, 4);
-    jb(below_4);
-    mov(eax, dword[r8]);
-    mov(r10d, dword[r8 + rdi - 4]);
-    mov(dword[rdx], eax);
-    mov(dword[r9 - 4], r10d);
-    mov(rdx, r9);
-    clc();
-    ret();
-    L(below_4);
-    mov(r11d, edi);
-    shr(r11d, 1);
-    movzx(eax, byte[r8]);
-    movzx(r10d, byte[r8 + r11]);
-    movzx(r8d, byte[r8 + rdi - 1]);
-    mov(byte[rdx], al);
-    mov(byte[rdx + r11], r10b);
-    mov(byte[r9 - 1], r8b);
-    mov(rdx, r9);
-    L(done);
     clc();
     ret();
     L(no_text);

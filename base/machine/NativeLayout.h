@@ -47,8 +47,6 @@ struct NativeLayout {
     static constexpr int double_alone = Variable::DoubleForm;
     static constexpr int both_numbers = Variable::IntegerForm | Variable::DoubleForm;
     static constexpr int reference_alone = static_cast<int>(Variable::Reference);
-    static constexpr int is_reference = static_cast<int>(Variable::Reference);
-    static constexpr int reached = static_cast<int>(Variable::Reached);
     static constexpr int not_plain = static_cast<int>(Variable::NotPlain);
   };
   // The row of an array, in its tree of elements.
