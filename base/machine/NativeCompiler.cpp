@@ -85,13 +85,18 @@ bool NativeEmitter::BeginsWith(int temporary) const {
   const auto is_between = [action](HotAction first, HotAction last) {
     return action >= first && action <= last;
   };
-  const bool is_left = op->left == HotOperand::Temporary && op->first == temporary;
-  const bool is_right = op->right == HotOperand::Temporary && op->second == temporary;
+  const auto is_number = [temporary](HotOperand kind, int offset) {
+    return (kind == HotOperand::Temporary || kind == HotOperand::Place) && offset == temporary;
+  };
+  const bool is_left = is_number(op->left, op->first);
+  const bool is_right = is_number(op->right, op->second);
   if (IsAt(action, HotAction::LoadElementAtGlobal) ||
       IsAt(action, HotAction::MoveElementAtGlobal) ||
-      IsAt(action, HotAction::FindElementAtGlobal) ||
-      IsAt(action, HotAction::StoreElementAtGlobal)) {
+      IsAt(action, HotAction::FindElementAtGlobal)) {
     return is_right;
+  }
+  if (IsAt(action, HotAction::StoreElementAtGlobal)) {
+    return is_right || (op->into == HotOperand::Temporary && op->third == temporary);
   }
   const bool has_pair =
       is_of(HotAction::AddOfGlobalGlobal, 4) || is_of(HotAction::AddToGlobalGlobal, 4) ||
@@ -282,24 +287,24 @@ bool NativeEmitter::Emit() {
   if (EmitValues()) return true;
   if (IsAt(action, HotAction::LoadElementAtGlobal)) {
     SetFallback<&NativeRun::LoadElement>();
-    FindSlot(false);
+    FindSlot();
     UseSlot(true);
     return true;
   }
   if (IsAt(action, HotAction::MoveElementAtGlobal)) {
     SetFallback<&NativeRun::MoveElement>();
-    FindSlot(false);
+    FindSlot();
     UseSlot(false);
     return true;
   }
   if (IsAt(action, HotAction::FindElementAtGlobal)) {
     SetFallback<&NativeRun::FindElement>();
-    FindSlot(true);
+    LoadOwnTree();
+    SearchSlot(Leave());
     mov(byte[rcx + OfElements::isolated], 0);
-    mov(rdx, rax);
-    shr(rdx, 49);
-    jnz(Leave());
     mov(PlaceAt(op->third), rax);
+    shr(rax, 49);
+    jnz(Leave());
     return true;
   }
   if (IsAt(action, HotAction::StoreElementAtGlobal)) {
@@ -308,8 +313,8 @@ bool NativeEmitter::Emit() {
       return true;
     }
     SetFallback<&NativeRun::StoreElement>();
-    FindSlot(true);
-    WriteSlot(op->into, op->third);
+    LoadSlot(op->into, op->third);
+    WriteElement();
     return true;
   }
   switch (action) {
@@ -329,8 +334,9 @@ bool NativeEmitter::Emit() {
         jmp(Leave());
         return true;
       }
+      LoadSlot(op->right, op->second);
       FindMember(true);
-      WriteSlot(op->right, op->second);
+      WriteSlot();
       return true;
     case HotAction::CompareTo:
       if (!compares || has_place) return false;

@@ -202,6 +202,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void Accumulate(int operation);
   void Calculate(int operation);
   bool CalculateIntegers(HotAction action);
+  void TakeRemainder(int divisor);
   void Compare(unsigned char orders);
   void JumpIf(unsigned char orders, bool may_be_text, const HotOp* goal);
   bool IsAhead(const HotOp* goal) const { return goal > &list[at]; }
@@ -227,15 +228,21 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void CopyText(const Reg64& to);
   bool EmitValues();
   void FindTree(int kind);
-  void FindSlot(bool to_write);
-  void SearchSlot();
+  void FindSlot();
+  void LoadTree();
+  void LoadOwnTree();
+  void SearchSlot(Label& missing);
+  bool HoldsIntegers(HotOperand kind, int offset) const;
+  void ReadSlot(bool is_integer, Label& as_double, Label& as_integer, Label& has_variable);
   void FindMember(bool to_write);
   void FindMemberVariable();
   void UseSlot(bool is_loaded);
   void UseText(const HotOp* record, bool is_loaded, Label& done);
   void EachElement();
   void NeedForm(int form);
-  void WriteSlot(HotOperand kind, int offset);
+  void LoadSlot(HotOperand kind, int offset);
+  void WriteSlot();
+  void WriteElement();
   void WriteSource(int file);
   void CompareSerial(const Reg64& frame);
   void FindKept(Label& unprepared, Label& unusual);
@@ -320,7 +327,6 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   Label find_integer;
   Label find_plain;
   Label follow;
-  Label touch;
   Label copy_word;  // see EmitTextSubroutines() for these
   Label same_words;
   Label append_text;

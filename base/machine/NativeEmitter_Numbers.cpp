@@ -5,8 +5,10 @@
 #ifdef __x86_64__
 
 #include <bit>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <utility>
 
 Xbyak::Address NativeEmitter::RowAt(HotOperand kind, int offset) {
@@ -49,7 +51,8 @@ void NativeEmitter::LoadVariable(const Reg64& variable, HotOperand kind, int off
 }
 
 void NativeEmitter::LoadNumber(const Xmm& number, HotOperand kind, int offset) {
-  const bool is_there = kind == HotOperand::Temporary && in_register[number.getIdx()] == offset;
+  const bool is_there = (kind == HotOperand::Temporary || kind == HotOperand::Place) &&
+                        in_register[number.getIdx()] == offset;
   // The left operand of a record is loaded first.
   if (number.getIdx() == 0 && in_register[0] >= 0 && !is_there) {
     movaps(xmm1, xmm0);
@@ -317,6 +320,7 @@ void NativeEmitter::EmitSubroutines() {
     movsd(ptr[rbx + kHeld + 24], xmm1);
     mov(ptr[rbx + kHeld + 8], rdx);
     mov(ptr[rbx + kHeld + 16], rsi);
+    mov(ptr[rbx + kHeld + 32], r8);
     mov(rdi, rcx);
     mov(rax, AddressOf(&NativeRun::Real));
     call(rax);
@@ -325,30 +329,10 @@ void NativeEmitter::EmitSubroutines() {
     movsd(xmm1, ptr[rbx + kHeld + 24]);
     mov(rdx, ptr[rbx + kHeld + 8]);
     mov(rsi, ptr[rbx + kHeld + 16]);
+    mov(r8, ptr[rbx + kHeld + 32]);
     clc();
     ret();
     L(fails);
-    stc();
-    ret();
-  }
-  {
-    // A search of the rank in eax in the row of the tree in rcx, which is not the one that was
-    // found last. If the carry is set, the row has to note it.
-    Label elsewhere, done;
-    L(touch);
-    cmp(byte[rcx + OfElements::forgetful], 0);  // clears the carry
-    jne(done);
-    cmp(eax, dword[rcx + OfElements::expected]);
-    jne(elsewhere);
-    cmp(eax, dword[rcx + OfElements::goal]);
-    je(elsewhere);
-    mov(dword[rcx + OfElements::top], eax);
-    add(eax, dword[rcx + OfElements::step]);
-    mov(dword[rcx + OfElements::expected], eax);
-    clc();
-    L(done);
-    ret();
-    L(elsewhere);
     stc();
     ret();
   }
@@ -456,17 +440,18 @@ void NativeEmitter::Calculate(int operation) {
     case 1: subsd(xmm0, xmm1); break;
     case 2: mulsd(xmm0, xmm1); break;
     default: {
-      // 0 divided by anything is 0.
-      Label divide, done;
+      // 0 divided by anything is 0. NaN counts as equal.
+      Rare* const zero = &AddRare([this](Rare& self) {
+        jp(self.others[0]);
+        xorps(xmm0, xmm0);
+        jmp(self.back);
+      });
       xorps(xmm2, xmm2);
       ucomisd(xmm0, xmm2);
-      jne(divide);
-      jp(divide);
-      xorps(xmm0, xmm0);
-      jmp(done);
-      L(divide);
+      je(zero->label);
+      L(zero->others[0]);
       divsd(xmm0, xmm1);
-      L(done);
+      L(zero->back);
     }
   }
 }
@@ -485,12 +470,9 @@ bool NativeEmitter::CalculateIntegers(HotAction action) {
     default: return false;
   }
   if (!one) LoadInteger(edx, op->left, op->first);
-  if (action == HotAction::ModOf && op->right == HotOperand::Constant && op->second != 0 &&
-      op->second != -1) {
-    mov(eax, edx);
-    mov(esi, op->second);
-    cdq();
-    idiv(esi);
+  if (action == HotAction::ModOf && op->right == HotOperand::Constant &&
+      (op->second > 1 || (op->second < -1 && op->second > INT_MIN))) {
+    TakeRemainder(std::abs(op->second));
     return true;
   }
   LoadInteger(esi, op->right, op->second);
@@ -527,6 +509,24 @@ bool NativeEmitter::CalculateIntegers(HotAction action) {
       break;
   }
   return true;
+}
+
+// edx <- its remainder, which has its sign, in a division by 2 or more. The quotient is the product
+// with 2^shift / divisor, which is rounded up, less the fraction, where 2^shift is 2^31 times the
+// divisor or more: so what the rounding adds to the product of a number of 31 bits is less than
+// 1 / divisor. Of a negative number, the fraction that is dropped is dropped downwards.
+void NativeEmitter::TakeRemainder(int divisor) {
+  const int shift = 31 + std::bit_width(static_cast<unsigned>(divisor) - 1);
+  const uint64_t factor = (uint64_t{1} << shift) / static_cast<unsigned>(divisor) + 1;
+  movsxd(rdx, edx);
+  mov(rax, factor);
+  imul(rax, rdx);
+  sar(rax, shift);
+  mov(ecx, edx);
+  sar(ecx, 31);
+  sub(eax, ecx);
+  imul(eax, eax, divisor);
+  sub(edx, eax);
 }
 
 // The operations on truths. Returns false for other records.

@@ -24,51 +24,75 @@ void NativeEmitter::FindTree(int kind) {
   mov(rcx, Field(rcx, OfVariable::elements));
 }
 
-// rsi <- the slot of the element whose index is the record's right operand, rax <- what it holds;
-// this is a search.
-void NativeEmitter::FindSlot(bool to_write) {
-  LoadInteger(edx, op->right, op->second);
-  cmp(edx, 1);
-  jl(Leave());
-  LoadVariable(rcx, op->left, op->first);
-  FindTree(AggregateArray);
-  if (to_write) {
-    cmp(byte[rcx + OfElements::shared], 0);
-    jne(Leave());
-  }
-  SearchSlot();
+// rdx <- the place in the row of the element whose index is the record's right operand, rsi <- the
+// row's slots, rax <- what the element's slot holds; this is a search.
+void NativeEmitter::FindSlot() {
+  LoadTree();
+  SearchSlot(Leave());
 }
 
-// The same for the index in edx and the elements in rcx.
-void NativeEmitter::SearchSlot() {
-  mov(edi, edx);
-  sub(edi, dword[rcx + OfElements::base]);
-  cmp(edi, dword[rcx + OfElements::count]);
-  jae(Leave());
+// edx <- that index, rcx <- the array's elements.
+void NativeEmitter::LoadTree() {
+  LoadInteger(edx, op->right, op->second);
+  if (op->right != HotOperand::Constant || op->second < 1) {
+    cmp(edx, 1);
+    jl(Leave());
+  }
+  LoadVariable(rcx, op->left, op->first);
+  FindTree(AggregateArray);
+}
+
+// The same to write to it.
+void NativeEmitter::LoadOwnTree() {
+  LoadTree();
+  cmp(byte[rcx + OfElements::shared], 0);
+  jne(Leave());
+}
+
+// FindSlot() for the index in edx and the elements in rcx. Without such an element, goes to missing
+// before anything is changed, with the index less that of the first element in edx.
+void NativeEmitter::SearchSlot(Label& missing) {
+  sub(edx, dword[rcx + OfElements::base]);
+  cmp(edx, dword[rcx + OfElements::count]);
+  jae(missing);
+  // The element was not found last: see DenseElements::Touch().
   Rare* rare = &AddRare([this](Rare& self) {
-    call(touch);
-    jnc(self.back);
+    Label elsewhere;
+    cmp(eax, dword[rcx + OfElements::expected]);
+    jne(elsewhere);
+    cmp(eax, dword[rcx + OfElements::goal]);
+    je(elsewhere);
+    mov(dword[rcx + OfElements::top], eax);
+    add(eax, dword[rcx + OfElements::step]);
+    mov(dword[rcx + OfElements::expected], eax);
+    jmp(self.back);
+    L(elsewhere);
+    cmp(byte[rcx + OfElements::forgetful], 0);
+    jne(self.back);
     mov(ptr[rbx + kHeld], rcx);
-    mov(ptr[rbx + kHeld + 8], rdi);
+    mov(ptr[rbx + kHeld + 8], rdx);
+    mov(ptr[rbx + kHeld + 16], r8);
     TellStack();
     mov(rdi, rcx);
     mov(esi, edx);
+    add(esi, dword[rcx + OfElements::base]);
     mov(rax, AddressOf(&NativeRun::Search));
     call(rax);
     mov(rcx, ptr[rbx + kHeld]);
-    mov(rdi, ptr[rbx + kHeld + 8]);
+    mov(rdx, ptr[rbx + kHeld + 8]);
+    mov(r8, ptr[rbx + kHeld + 16]);
     jmp(self.back);
   });
-  lea(eax, ptr[rdi + 1]);
+  lea(eax, ptr[rdx + 1]);
   cmp(eax, dword[rcx + OfElements::top]);
   jne(rare->label);
   L(rare->back);
   mov(rsi, Field(rcx, OfElements::slots));
-  lea(rsi, ptr[rsi + rdi * 8]);
-  mov(rax, ptr[rsi]);
+  mov(rax, ptr[rsi + rdx * 8]);
 }
 
-// The same for the member whose name is the record's.
+// rdx <- the place of the member whose name is the record's, rsi <- the slots of its structure, rax
+// <- what the member's slot holds; this is a search.
 void NativeEmitter::FindMember(bool to_write) {
   LoadVariable(rcx, op->left, op->first);
   FindTree(AggregateStructure);
@@ -99,12 +123,14 @@ void NativeEmitter::FindMember(bool to_write) {
     L(grows);
     mov(ptr[rbx + kHeld], rcx);
     mov(ptr[rbx + kHeld + 8], rdx);
+    mov(ptr[rbx + kHeld + 16], r8);
     TellStack();
     mov(rdi, rcx);  // the hint is in rsi
     mov(rax, AddressOf(&NativeRun::SearchMember));
     call(rax);
     mov(rcx, ptr[rbx + kHeld]);
     mov(rdx, ptr[rbx + kHeld + 8]);
+    mov(r8, ptr[rbx + kHeld + 16]);
     jmp(self.back);
   });
   movsxd(rdx, dword[rsi + static_cast<int>(offsetof(MemberHint, slot))]);
@@ -112,8 +138,7 @@ void NativeEmitter::FindMember(bool to_write) {
   jne(rare->label);
   L(rare->back);
   mov(rsi, Field(rcx, OfMembers::slots));
-  lea(rsi, ptr[rsi + rdx * 8]);
-  mov(rax, ptr[rsi]);
+  mov(rax, ptr[rsi + rdx * 8]);
 }
 
 // rax <- the variable of the member whose name is the record's, which may be written to.
@@ -125,67 +150,114 @@ void NativeEmitter::FindMemberVariable() {
   jnz(Leave());
 }
 
+// Whether the elements of the array that is read are integers, by its first one.
+bool NativeEmitter::HoldsIntegers(HotOperand kind, int offset) const {
+  const auto table = static_cast<size_t>(kind);
+  if (kind > HotOperand::Local ||
+      static_cast<size_t>(HotOp::PositionOf(offset)) >= run->counts[table]) {
+    return false;
+  }
+  Variable* const variable = hot::Referred(hot::VariableIn(run->rows[table], offset));
+  return variable && variable->IsPlain() && variable->HoldsArray() &&
+         variable->plain_elements()->BeginsWithInteger();
+}
+
+// The number of the slot in rax, which is expected to be one or the other: xmm0 <- a double, edx <-
+// an integer. Goes to has_variable, with rax as it is, if the slot has a variable.
+void NativeEmitter::ReadSlot(bool is_integer, Label& as_double, Label& as_integer,
+                             Label& has_variable) {
+  if (is_integer) {
+    Rare* other = &AddRare([this, &as_double, &has_variable](Rare&) {
+      test(edx, edx);
+      jz(has_variable);
+      sub(rax, Constant(OfSlot::double_offset));
+      movq(xmm0, rax);
+      jmp(as_double);
+    });
+    mov(rdx, rax);
+    shr(rdx, 49);
+    cmp(edx, static_cast<int>(OfSlot::integer_tag >> 49));
+    jne(other->label);
+    mov(edx, eax);
+    L(as_integer);
+    return;
+  }
+  // What is left of an integer is NaN.
+  Rare* other = &AddRare([this, &as_integer, &has_variable](Rare& self) {
+    add(rax, Constant(OfSlot::double_offset));
+    jmp(has_variable);
+    L(self.others[0]);
+    mov(edx, eax);
+    jmp(as_integer);
+  });
+  sub(rax, Constant(OfSlot::double_offset));
+  jb(other->label);
+  movq(xmm0, rax);
+  ucomisd(xmm0, xmm0);
+  jp(other->others[0]);
+  L(as_double);
+}
+
 // What was found is loaded into the record's temporary, or moved to its target.
 void NativeEmitter::UseSlot(bool is_loaded) {
-  Label is_integer;
-  // It has a variable.
-  Rare* rare = &AddRare(
-      [this, record = op, is_loaded, &next = labels[at + 1], &unusual_goal = Leave()](Rare& self) {
-        Label no_double, other;
-        cmp(dword[rax + OfVariable::state], OfVariable::double_alone);
-        jne(no_double);
-        cmp(dword[rax + OfVariable::primary], PrimaryDouble);
-        jne(other);
-        movsd(xmm0, Field(rax, OfVariable::number));
-        if (is_loaded) mov(qword[rbx + kTemporaries + record->third], 0);
-        jmp(self.others[0]);
-        L(no_double);
-        cmp(dword[rax + OfVariable::state], OfVariable::integer_alone);
-        jne(other);
-        cmp(dword[rax + OfVariable::primary], PrimaryInteger);
-        jne(other);
-        mov(edx, dword[rax + OfVariable::integer]);
-        jmp(self.others[1]);
-        L(other);
-        UseText(record, is_loaded, next);
-        mov(ptr[rbx + kTop], rbp);
-        mov(rdi, rbx);
-        mov(rsi, reinterpret_cast<uint64_t>(record));
-        mov(rdx, rax);
-        mov(rax, is_loaded ? AddressOf(&NativeRun::LoadFrom) : AddressOf(&NativeRun::MoveFrom));
-        call(rax);
-        test(al, al);
-        jz(unusual_goal);
-        jmp(next);
-      });
-  mov(rdx, rax);
-  shr(rdx, 49);
-  jz(rare->label);
-  cmp(edx, static_cast<int>(OfSlot::integer_tag >> 49));
-  je(is_integer);
-  sub(rax, Constant(OfSlot::double_offset));
-  movq(xmm0, rax);
-  L(rare->others[0]);
-  if (is_loaded) {
+  const bool is_integer = HoldsIntegers(op->left, op->first);
+  const auto use = [this, is_loaded](bool integer) {
+    if (!is_loaded) {
+      if (integer) return StoreInteger();
+      return StoreNumber();
+    }
+    if (integer) {
+      xorps(xmm0, xmm0);
+      cvtsi2sd(xmm0, edx);
+    }
     movsd(NumberAt(op->third), xmm0);
-    mov(FormAt(op->third), kDoubleForm);
-  } else {
-    StoreNumber();
-  }
-  jmp(rare->back);
-  L(is_integer);
-  mov(edx, eax);
-  L(rare->others[1]);
-  if (is_loaded) {
-    xorps(xmm0, xmm0);
-    cvtsi2sd(xmm0, edx);
-    movsd(NumberAt(op->third), xmm0);
-    mov(FormAt(op->third), kIntegerForm);
-    left_behind = op->third;
-  } else {
-    StoreInteger();
-  }
+    // Of a number that is only calculated with, nothing asks for the form.
+    if (op->load != HotLoad::Number) {
+      mov(FormAt(op->third), integer ? kIntegerForm : kDoubleForm);
+    }
+  };
+  Leave();
+  Rare* rare = &AddRare([this, record = op, place = at, leaves = leave, is_loaded, is_integer, use,
+                         &next = labels[at + 1]](Rare& self) {
+    op = record;
+    at = place;
+    leave = leaves;
+    // The slot has a variable.
+    Label no_double, other;
+    cmp(dword[rax + OfVariable::state], OfVariable::double_alone);
+    jne(no_double);
+    cmp(dword[rax + OfVariable::primary], PrimaryDouble);
+    jne(other);
+    movsd(xmm0, Field(rax, OfVariable::number));
+    if (is_loaded) mov(qword[rbx + kTemporaries + record->third], 0);
+    jmp(self.others[0]);
+    L(no_double);
+    cmp(dword[rax + OfVariable::state], OfVariable::integer_alone);
+    jne(other);
+    cmp(dword[rax + OfVariable::primary], PrimaryInteger);
+    jne(other);
+    mov(edx, dword[rax + OfVariable::integer]);
+    jmp(self.others[1]);
+    L(other);
+    UseText(record, is_loaded, next);
+    mov(ptr[rbx + kTop], rbp);
+    mov(rdi, rbx);
+    mov(rsi, reinterpret_cast<uint64_t>(record));
+    mov(rdx, rax);
+    mov(rax, is_loaded ? AddressOf(&NativeRun::LoadFrom) : AddressOf(&NativeRun::MoveFrom));
+    call(rax);
+    test(al, al);
+    jz(Leave());
+    jmp(next);
+    // The number is of the kind that was not expected.
+    L(self.others[is_integer ? 0 : 1]);
+    use(!is_integer);
+    jmp(self.back);
+  });
+  ReadSlot(is_integer, rare->others[0], rare->others[1], rare->label);
+  use(is_integer);
   L(rare->back);
+  if (is_loaded) left_behind = op->third;
 }
 
 // The same for a short text of the variable in rax, after which the code goes on at done. Goes on
@@ -230,7 +302,7 @@ void NativeEmitter::EachElement() {
   jl(Leave());
   LoadRow(array.left, array.first);
   FindTree(AggregateArray);
-  SearchSlot();
+  SearchSlot(Leave());
   LoadRow(pop.left, pop.first);
   Label is_integer;
   Rare* rare = &AddRare([this, &unusual = Leave()](Rare& self) {
@@ -299,83 +371,132 @@ void NativeEmitter::NeedForm(int form) {
   L(other->back);
 }
 
-// Stores an operand in the slot at rsi. A number is stored as such only if it is all of its value.
-void NativeEmitter::WriteSlot(HotOperand kind, int offset) {
-  Label as_integer, done;
-  bool may_be_double = true, may_be_integer = true;
-  if (kind <= HotOperand::Local) {
-    mov(rcx, RowAt(kind, offset));
-    test(rcx, rcx);
-    jz(Leave());
-    mov(edx, dword[rcx + OfVariable::state]);
-    cmp(edx, OfVariable::integer_alone);
-    mov(edx, dword[rcx + OfVariable::integer]);
-    je(as_integer);
-    cmp(dword[rcx + OfVariable::state], OfVariable::double_alone);
-    jne(Leave());
-    movsd(xmm0, Field(rcx, OfVariable::number));
-  } else if (kind == HotOperand::Temporary) {
-    movsd(xmm0, NumberAt(offset));
-    if (op->form == HotForm::AsLoaded) {
-      cvttsd2si(edx, xmm0);
-      cmp(FormAt(offset), kIntegerForm);
-      je(as_integer);
-      cmp(FormAt(offset), kDoubleForm);
-      jne(Leave());
-    } else {
-      may_be_double = op->form == HotForm::Double;
-      may_be_integer = !may_be_double;
-      if (may_be_integer) cvttsd2si(edx, xmm0);
-    }
-  } else {
-    may_be_double = op->form == HotForm::Double;
-    may_be_integer = !may_be_double;
-    if (may_be_double) {
-      mov(rdi, rax);
-      LoadConstant(xmm0, op->number);
-      mov(rax, rdi);
-    } else {
-      mov(edx, static_cast<int>(op->number));
-    }
-  }
-  // rax is what the slot holds.
-  if (may_be_double) {
-    Label bare;
-    mov(rdi, rax);
-    shr(rdi, 49);
-    jnz(bare);
-    cmp(dword[rax + OfVariable::state], OfVariable::double_alone);
-    jne(Leave());
-    movsd(Field(rax, OfVariable::number), xmm0);
-    mov(dword[rax + OfVariable::primary], PrimaryDouble);
-    jmp(done);
-    L(bare);
-    ucomisd(xmm0, xmm0);
+// r8 <- an operand as a slot has it: a number, if that is all of its value.
+void NativeEmitter::LoadSlot(HotOperand kind, int offset) {
+  const auto from_double = [this](const Xmm& number) {
+    ucomisd(number, number);
     jp(Leave());
-    movq(rax, xmm0);
-    mov(rdi, OfSlot::double_offset);
-    add(rax, rdi);
-    mov(ptr[rsi], rax);
-    if (may_be_integer) jmp(done);
+    movq(r8, number);
+    add(r8, Constant(OfSlot::double_offset));
+  };
+  const auto tag_integer = [this] { or_(r8, Constant(OfSlot::integer_tag)); };
+  if (kind == HotOperand::Constant && op->form == HotForm::Double) {
+    LoadConstant(xmm2, op->number);
+    return from_double(xmm2);
   }
-  if (may_be_integer) {
-    Label bare;
-    L(as_integer);
-    mov(rdi, rax);
+  if (kind == HotOperand::Constant) {
+    mov(r8, OfSlot::integer_tag | static_cast<uint32_t>(static_cast<int>(op->number)));
+    return;
+  }
+  if (kind == HotOperand::Temporary) {
+    const bool is_there = in_register[0] == offset;
+    const auto load_integer = [this, is_there, offset] {
+      if (is_there) {
+        cvttsd2si(r8d, xmm0);
+      } else {
+        cvttsd2si(r8d, NumberAt(offset));
+      }
+    };
+    if (op->form == HotForm::Integer) {
+      load_integer();
+      tag_integer();
+      return;
+    }
+    if (op->form == HotForm::AsLoaded) {
+      Rare* const other =
+          &AddRare([this, offset, load_integer, tag_integer, &unusual = Leave()](Rare& self) {
+            cmp(FormAt(offset), kIntegerForm);
+            jne(unusual);
+            load_integer();
+            tag_integer();
+            jmp(self.back);
+          });
+      cmp(FormAt(offset), kDoubleForm);
+      jne(other->label);
+      if (!is_there) movsd(xmm2, NumberAt(offset));
+      from_double(is_there ? xmm0 : xmm2);
+      L(other->back);
+      return;
+    }
+    if (!is_there) movsd(xmm2, NumberAt(offset));
+    return from_double(is_there ? xmm0 : xmm2);
+  }
+  LoadVariable(rcx, kind, offset);
+  const auto load = [this, from_double, tag_integer](bool is_integer) {
+    if (is_integer) {
+      mov(r8d, dword[rcx + OfVariable::integer]);
+      tag_integer();
+    } else {
+      movsd(xmm2, Field(rcx, OfVariable::number));
+      from_double(xmm2);
+    }
+  };
+  const auto state_of = [](bool is_integer) {
+    return is_integer ? OfVariable::integer_alone : OfVariable::double_alone;
+  };
+  const bool is_integer = HoldsInteger(kind, offset);
+  Leave();
+  Rare* const other =
+      &AddRare([this, load, state_of, is_other = !is_integer, leaves = leave](Rare& self) {
+        leave = leaves;
+        cmp(dword[rcx + OfVariable::state], state_of(is_other));
+        jne(Leave());
+        load(is_other);
+        jmp(self.back);
+      });
+  cmp(dword[rcx + OfVariable::state], state_of(is_integer));
+  jne(other->label);
+  load(is_integer);
+  L(other->back);
+}
+
+// Stores the number in r8 in the slot that was found.
+void NativeEmitter::WriteSlot() {
+  Rare* const other = &AddRare([this, &unusual = Leave()](Rare& self) {
+    // The slot has a variable.
+    Label as_integer;
+    mov(rax, ptr[rsi + rdx * 8]);
+    mov(rdi, r8);
     shr(rdi, 49);
-    jnz(bare);
+    cmp(edi, static_cast<int>(OfSlot::integer_tag >> 49));
+    je(as_integer);
+    cmp(dword[rax + OfVariable::state], OfVariable::double_alone);
+    jne(unusual);
+    sub(r8, Constant(OfSlot::double_offset));
+    mov(Field(rax, OfVariable::number), r8);
+    mov(dword[rax + OfVariable::primary], PrimaryDouble);
+    jmp(self.back);
+    L(as_integer);
     cmp(dword[rax + OfVariable::state], OfVariable::integer_alone);
-    jne(Leave());
-    mov(dword[rax + OfVariable::integer], edx);
+    jne(unusual);
+    mov(dword[rax + OfVariable::integer], r8d);
     mov(dword[rax + OfVariable::primary], PrimaryInteger);
-    jmp(done);
-    L(bare);
-    mov(edx, edx);
-    mov(rax, OfSlot::integer_tag);
-    or_(rax, rdx);
-    mov(ptr[rsi], rax);
-  }
-  L(done);
+    jmp(self.back);
+  });
+  shr(rax, 49);
+  jz(other->label);
+  mov(ptr[rsi + rdx * 8], r8);
+  L(other->back);
+}
+
+// Stores the number in r8 in the element of the array that is the record's left operand. After the
+// last element, another is added.
+void NativeEmitter::WriteElement() {
+  LoadOwnTree();
+  Rare* const missing = &AddRare([this, &unusual = Leave()](Rare& self) {
+    TellStack();
+    mov(rdi, rcx);
+    mov(esi, edx);
+    mov(rdx, r8);
+    mov(rax, AddressOf(&NativeRun::Append));
+    call(rax);
+    test(al, al);
+    jz(unusual);
+    jmp(self.back);
+  });
+  SearchSlot(missing->label);
+  WriteSlot();
+  L(missing->back);
 }
 
 #endif

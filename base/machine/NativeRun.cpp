@@ -989,6 +989,10 @@ void NativeRun::Search(AggregateElementTree* tree, int position) {
   tree->SearchSlot(position);
 }
 
+bool NativeRun::Append(AggregateElementTree* tree, int place, DenseSlot number) {
+  return tree->AppendNumber(place, number);
+}
+
 void NativeRun::SearchMember(AggregateElementTree* tree, const MemberHint* hint) {
   tree->SearchMember(*hint);
 }

@@ -26,7 +26,7 @@ struct NativeRun {
   // Set by an operation that ends the run, too: the loop is to run the group of op by its
   // instructions.
   bool is_misfit = false;
-  void* held[4];  // registers during the call of an operation
+  void* held[5];  // registers during the call of an operation
   hot::Temporaries temporaries;
   char joined[hot::kMostJoinedBytes];  // a concatenation that machine code has put together
 
@@ -101,6 +101,10 @@ struct NativeRun {
   // that of the tree's names.
   static void Search(AggregateElementTree* tree, int position);
   static void SearchMember(AggregateElementTree* tree, const MemberHint* hint);
+  // Adds a number to a row, as the element at that place, counted from the first one. Returns false
+  // and does nothing if that is not where the row ends. REQUIRES: no other row has the slots. The
+  // end of the stack has to be told before, because this may allocate.
+  static bool Append(AggregateElementTree* tree, int place, DenseSlot number);
   // The work of records with values of any kind, also of the loop's. Worked if the time depended on
   // the size of a value: then the host's flags are to be polled. If unable, nothing was changed but
   // what the record's instructions, run one by one, change again.

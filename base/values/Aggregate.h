@@ -175,11 +175,7 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
     if (!DenseSlot::Takes(number)) return false;
     DenseSlot* slot = dense.SlotAt(position);
     if (!slot) {
-      if (position != dense.last() + 1) return false;
-      dense.Search(position);
-      dense.Append(position, DenseSlot(number));
-      entries = dense.count();
-      return true;
+      return AppendNumber(position - dense.first(), DenseSlot(number));
     }
     if (slot->IsVariable() && !slot->variable()->IsPlain()) return false;
     dense.Search(position);
@@ -193,6 +189,21 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
       slot->variable()->Write_Double(number);
     }
     return true;
+  }
+  // Adds a number to a row, at a place that is counted from the first element. Returns false and
+  // does nothing if the row does not end there, or has no elements.
+  bool AppendNumber(int place, DenseSlot number) {
+    if (place != dense.count() || place == 0) return false;
+    const int position = dense.first() + place;
+    dense.Search(position);
+    dense.Append(position, number);
+    entries = dense.count();
+    return true;
+  }
+  // Whether this is a row whose first element is only an integer.
+  bool BeginsWithInteger() {
+    const DenseSlot* const slot = IsRow() ? dense.SlotAt(dense.first()) : nullptr;
+    return slot && slot->IsInteger();
   }
   // The variable of the member with that name, by a search. If there is none: null, or with create
   // a new NULL variable, which is inserted. The name is borrowed for the call; the hint may be

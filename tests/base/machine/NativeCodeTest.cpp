@@ -5,6 +5,8 @@
 #include <sys/prctl.h>
 
 #include <atomic>
+#include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -418,6 +420,114 @@ TEST(NativeCode, ElementsAreFoundInArraysOfAllShapes) {
         }
       }
     }
+  }
+}
+
+// An array grows by numbers of all kinds, also after it was read in any order, and while a copy has
+// the same elements. What is no number, and what leaves a gap, is added in another way.
+TEST(NativeCode, AnArrayGrowsByOneElementAtATime) {
+  const auto store = [](const std::string& value, const std::string& index) {
+    return value + "\npushg x\n" + index + "\nelem\nstore\n";
+  };
+  const auto read = [](const std::string& index) {
+    return "pushg x\n" + index + "\nelem_readonly\npopg r\npushg r\nout\npushc \" \"\nout\n";
+  };
+  const std::string first = store("pushi 5", "pushi 1");
+  const std::string starts[] = {"",
+                                first,
+                                store("pushi 5", "pushi 4"),
+                                first + store("pushi 5", "pushi 3"),
+                                "pushi 3\npopg x\n",
+                                first + "pushg x\npushg y\nrefer\npushg y\npoprg x\n"};
+  const std::string values[] = {"pushg n",
+                                "pushf 0.5",
+                                "pushg n\npushi 3\ndiv",
+                                "pushg text",
+                                "pushg nan",
+                                "pushg row",
+                                "pushi -1",
+                                "pushg missing",
+                                "pushg both",
+                                read("pushg n") + "pushg r",
+                                "pushg x\npushg one\nelem_readonly"};
+  for (const std::string& start : starts) {
+    for (const std::string& value : values) {
+      const std::string body =
+          store(value, "pushg n") + read("pushg n") + read("pushi 2") + read("pushi 5") +
+          store("pushg n", "pushg n\npushi 1\nadd") +
+          "pushg n\npushi 7\nmod\njmp_ne no_copy\npushg x\npopg copy\nno_copy: ";
+      SCOPED_TRACE(start + "\n" + body);
+      ExpectTheSame("storegi one, 1\npushi 1\npopg both\npushg both\npushf 0.5\nadd\npop\n" +
+                    (kRow + ("pushf nan\npopg nan\npushc \"t\"\npopg text\n" + start)) +
+                    Loop(body, 40) + "pushg x\nout\npushg copy\nout\n");
+      if (HasFailure()) return;
+    }
+  }
+}
+
+// The code expects elements of the kind that the first one has when it is made.
+TEST(NativeCode, TheElementsOfAnArrayMayChangeTheirKind) {
+  const char* const kinds[] = {"pushg n", "pushg n\npushf 0.25\nmul", "pushc \"7\"",
+                               "pushc \"word\"", "pushg nan"};
+  for (const char* const before : kinds) {
+    for (const char* const after : kinds) {
+      const auto fill = [](const std::string& value) {
+        return value + "\npushg x\npushg i\nelem\nstore\n";
+      };
+      const std::string body =
+          "pushg n\npushi 6\nmod\npushi 1\nadd\npopg i\n"
+          "pushg x\npushg i\nelem_readonly\npushi 2\nmul\npopg sum\npushg sum\nout\n"
+          "pushg x\npushg i\nelem_readonly\npopg r\npushg r\nout\n"
+          "pushg x\npushg i\nelem_readonly\npushg x\npushg other\nelem\nstore\n"
+          "pushg x\npushg other\nelem_readonly\npushg x\npushg i\nelem_readonly\neq\nout\n"
+          "pushg n\npushi 20\nsub\njmp_lt early\n" +
+          fill(after) + "early: pushc \" \"\nout\n";
+      SCOPED_TRACE(body);
+      ExpectTheSame("pushf nan\npopg nan\nstoregi n, 2\nstoregi i, 0\nfirst: incg i, 1\n" +
+                    fill(before) + "cmpgi i, 7\njmp_lt first\nstoregi n, 0\nstoregi other, 4\n" +
+                    Loop(body, 40));
+      if (HasFailure()) return;
+    }
+  }
+}
+
+// The remainder of a division by a constant is that of a division by a variable.
+TEST(NativeCode, ARemainderIsTheSameForAConstant) {
+  std::mt19937 random(7);
+  std::vector<int> divisors = {
+      2,       -2,       3,       -3, 7,  10, -641, 1 << 30, 1000003, (1 << 30) + 1,
+      INT_MAX, -INT_MAX, INT_MIN, 1,  -1, 0};
+  for (int i = 0; i < 30; i++) divisors.push_back(static_cast<int>(random()));
+  for (const int divisor : divisors) {
+    const auto text = [](auto number) { return std::to_string(static_cast<int>(number)); };
+    std::string fill;
+    int count = 0;
+    std::vector<int64_t> numbers = {0, 1, -1, INT_MAX, INT_MIN, INT_MIN + 1};
+    for (int i = 0; i < 5; i++) numbers.push_back(static_cast<int>(random()));
+    const int64_t most = divisor == 0 ? 0 : INT_MAX / int64_t{divisor} * divisor;
+    for (const int64_t near : {int64_t{divisor}, most}) {
+      for (int64_t number = near - 1; number <= near + 1; number++) {
+        for (const int64_t either : {number, -number}) {
+          if (either == static_cast<int>(either)) numbers.push_back(either);
+        }
+      }
+    }
+    for (const int64_t number : numbers) {
+      fill += "pushi " + text(number) + "\npushg x\npushi " + text(++count) + "\nelem\nstore\n";
+    }
+    const std::string code =
+        fill + "pushi " + text(divisor) + "\npopg d\nagain: incg n, 1\npushg x\npushg n\n" +
+        "elem_readonly\npopg a\npushg a\npushi " + text(divisor) + "\nmod\npopg by_constant\n" +
+        "pushg a\npushg d\nmod\npopg by_variable\npushg by_constant\nout\npushc \" \"\nout\n" +
+        "pushg by_constant\npushg by_variable\nsub\nout\npushg a\npushi " + text(divisor) +
+        "\nmod\npushg by_variable\nsub\nout\npushc \",\"\nout\ncmpgi n, " + text(count) +
+        "\njmp_lt again\nexit\n";
+    std::string expected;
+    for (const int64_t number : numbers) {
+      const int64_t by = divisor;
+      expected += text(by == 0 || by == -1 ? 0 : static_cast<int>(number) % by) + " 00,";
+    }
+    EXPECT_EQ(ExpectTheSame(code).output, expected) << divisor;
   }
 }
 
