@@ -20,6 +20,7 @@ bool NativeEmitter::Make() {
   EmitRenew();
   EmitLeft();
   EmitSubroutines();
+  EmitAppend();
   EmitTextSubroutines();
   NoteStoredDoubles();
   std::vector<bool> known(list.size());

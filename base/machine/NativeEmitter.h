@@ -243,6 +243,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void LoadSlot(HotOperand kind, int offset);
   void WriteSlot();
   void WriteElement();
+  void EmitAppend();
   void WriteSource(int file);
   void CompareSerial(const Reg64& frame);
   void FindKept(Label& unprepared, Label& unusual);
@@ -327,6 +328,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   Label find_integer;
   Label find_plain;
   Label follow;
+  Label append;
   Label copy_word;  // see EmitTextSubroutines() for these
   Label same_words;
   Label append_text;

@@ -479,11 +479,47 @@ void NativeEmitter::WriteSlot() {
   L(other->back);
 }
 
+// A subroutine that adds the number in r8 to the row of the tree in rcx, as the element at the
+// place in edx, if the row ends there, has room and is a falling chain, so that it takes no note:
+// see DenseElements::Append(). Sets the carry, and does nothing, if that is not so. Changes rdx and
+// rsi.
+void NativeEmitter::EmitAppend() {
+  Label fails;
+  L(append);
+  test(edx, edx);
+  jz(fails);
+  for (const int last : {OfElements::count, OfElements::top, OfElements::run_first}) {
+    cmp(edx, dword[rcx + last]);
+    jne(fails);
+  }
+  cmp(edx, dword[rcx + OfElements::capacity]);
+  jge(fails);
+  cmp(dword[rcx + OfElements::flags], OfElements::falling_alone);
+  jne(fails);
+  cmp(qword[rcx + OfElements::history], 0);
+  jne(fails);
+  mov(rsi, Field(rcx, OfElements::slots));
+  mov(ptr[rsi + rdx * 8], r8);
+  inc(edx);
+  // A run of one rank expects none.
+  for (const int last : {OfElements::count, OfElements::top, OfElements::run_first,
+                         OfElements::chain_count, OfElements::entries}) {
+    mov(dword[rcx + last], edx);
+  }
+  clc();
+  ret();
+  L(fails);
+  stc();
+  ret();
+}
+
 // Stores the number in r8 in the element of the array that is the record's left operand. After the
 // last element, another is added.
 void NativeEmitter::WriteElement() {
   LoadOwnTree();
   Rare* const missing = &AddRare([this, &unusual = Leave()](Rare& self) {
+    call(append);
+    jnc(self.back);
     TellStack();
     mov(rdi, rcx);
     mov(esi, edx);

@@ -60,8 +60,18 @@ struct NativeLayout {
     static constexpr int expected = row + static_cast<int>(offsetof(DenseElements, expected));
     static constexpr int goal = row + static_cast<int>(offsetof(DenseElements, goal));
     static constexpr int step = row + static_cast<int>(offsetof(DenseElements, step));
+    static constexpr int run_first = row + static_cast<int>(offsetof(DenseElements, run_first));
+    static constexpr int capacity = row + static_cast<int>(offsetof(DenseElements, capacity));
+    static constexpr int chain_count = row + static_cast<int>(offsetof(DenseElements, chain_count));
+    static constexpr int history = row + static_cast<int>(offsetof(DenseElements, history));
+    static constexpr int entries = offsetof(AggregateElementTree, entries);
     static constexpr int forgetful = row + static_cast<int>(offsetof(DenseElements, forgetful));
     static constexpr int shared = row + static_cast<int>(offsetof(DenseElements, is_shared));
+    // These four flags as one word, and what it is if only the first is set.
+    static constexpr int flags = row + static_cast<int>(offsetof(DenseElements, falling));
+    static constexpr int falling_alone = 1;
+    static_assert(forgetful == flags + 1 && shared == flags + 3 &&
+                  offsetof(DenseElements, unnoted) == offsetof(DenseElements, falling) + 2);
   };
   // The members of a structure, in its tree of elements.
   struct OfMembers {
