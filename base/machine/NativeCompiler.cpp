@@ -314,7 +314,6 @@ bool NativeEmitter::Emit() {
       return true;
     }
     SetFallback<&NativeRun::StoreElement>();
-    LoadSlot(op->into, op->third);
     WriteElement();
     return true;
   }
@@ -335,7 +334,7 @@ bool NativeEmitter::Emit() {
         jmp(Leave());
         return true;
       }
-      LoadSlot(op->right, op->second);
+      LoadSlot(op->right, op->second, Leave());
       FindMember(true);
       WriteSlot();
       return true;

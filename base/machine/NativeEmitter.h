@@ -240,7 +240,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void UseText(const HotOp* record, bool is_loaded, Label& done);
   void EachElement();
   void NeedForm(int form);
-  void LoadSlot(HotOperand kind, int offset);
+  void LoadSlot(HotOperand kind, int offset, Label& other);
   void WriteSlot();
   void WriteElement();
   void EmitAppend();

@@ -266,10 +266,17 @@ void NativeEmitter::UseText(const HotOp* record, bool is_loaded, Label& done) {
   Label other;
   if (is_loaded) {
     if (record->load < HotLoad::NumberOrText) return;
+    Label found;
+    if (record->load == HotLoad::Any) {
+      // One that has elements, or nothing.
+      cmp(dword[rax + OfVariable::state], 0);
+      je(found);
+    }
     cmp(dword[rax + OfVariable::state], OfVariable::text_alone);
     jne(other);
     cmp(dword[rax + OfVariable::primary], PrimaryText);
     jne(other);
+    L(found);
     mov(PlaceAt(record->third), rax);
     mov(FormAt(record->third), static_cast<int>(HotForm::AsLoaded));
     mov(rax, std::bit_cast<uint64_t>(std::numeric_limits<double>::quiet_NaN()));
@@ -371,8 +378,9 @@ void NativeEmitter::NeedForm(int form) {
   L(other->back);
 }
 
-// r8 <- an operand as a slot has it: a number, if that is all of its value.
-void NativeEmitter::LoadSlot(HotOperand kind, int offset) {
+// r8 <- an operand as a slot has it: a number, if that is all of its value. Otherwise goes to
+// other, with its variable in r8.
+void NativeEmitter::LoadSlot(HotOperand kind, int offset, Label& other) {
   const auto from_double = [this](const Xmm& number) {
     ucomisd(number, number);
     jp(Leave());
@@ -403,19 +411,25 @@ void NativeEmitter::LoadSlot(HotOperand kind, int offset) {
       return;
     }
     if (op->form == HotForm::AsLoaded) {
-      Rare* const other =
-          &AddRare([this, offset, load_integer, tag_integer, &unusual = Leave()](Rare& self) {
+      Rare* const no_double = &AddRare(
+          [this, offset, load_integer, tag_integer, &other, &unusual = Leave()](Rare& self) {
+            Label integer;
             cmp(FormAt(offset), kIntegerForm);
-            jne(unusual);
+            je(integer);
+            mov(r8, PlaceAt(offset));
+            test(r8, r8);
+            jnz(other);
+            jmp(unusual);
+            L(integer);
             load_integer();
             tag_integer();
             jmp(self.back);
           });
       cmp(FormAt(offset), kDoubleForm);
-      jne(other->label);
+      jne(no_double->label);
       if (!is_there) movsd(xmm2, NumberAt(offset));
       from_double(is_there ? xmm0 : xmm2);
-      L(other->back);
+      L(no_double->back);
       return;
     }
     if (!is_there) movsd(xmm2, NumberAt(offset));
@@ -436,18 +450,22 @@ void NativeEmitter::LoadSlot(HotOperand kind, int offset) {
   };
   const bool is_integer = HoldsInteger(kind, offset);
   Leave();
-  Rare* const other =
-      &AddRare([this, load, state_of, is_other = !is_integer, leaves = leave](Rare& self) {
+  Rare* const unexpected =
+      &AddRare([this, load, state_of, is_other = !is_integer, &other, leaves = leave](Rare& self) {
+        Label number;
         leave = leaves;
         cmp(dword[rcx + OfVariable::state], state_of(is_other));
-        jne(Leave());
+        je(number);
+        mov(r8, rcx);
+        jmp(other);
+        L(number);
         load(is_other);
         jmp(self.back);
       });
   cmp(dword[rcx + OfVariable::state], state_of(is_integer));
-  jne(other->label);
+  jne(unexpected->label);
   load(is_integer);
-  L(other->back);
+  L(unexpected->back);
 }
 
 // Stores the number in r8 in the slot that was found.
@@ -513,9 +531,32 @@ void NativeEmitter::EmitAppend() {
   ret();
 }
 
-// Stores the number in r8 in the element of the array that is the record's left operand. After the
-// last element, another is added.
+// Stores the record's operand in the element of the array that is its left one. After the last
+// element, a number is added as another one.
 void NativeEmitter::WriteElement() {
+  Leave();
+  Rare* const no_number = &AddRare([this, record = op, place = at, leaves = leave](Rare& self) {
+    op = record;
+    at = place;
+    leave = leaves;
+    in_register[0] = in_register[1] = -1;
+    LoadOwnTree();
+    SearchSlot(Leave());
+    mov(byte[rcx + OfElements::isolated], 0);
+    mov(rdx, rax);
+    shr(rdx, 49);
+    jnz(Leave());
+    mov(ptr[rbx + kTop], rbp);
+    mov(rdi, rbx);
+    mov(rsi, rax);
+    mov(rdx, r8);
+    mov(rax, AddressOf(&NativeRun::StoreFrom));
+    call(rax);
+    test(al, al);
+    jz(Leave());
+    jmp(self.back);
+  });
+  LoadSlot(op->into, op->third, no_number->label);
   LoadOwnTree();
   Rare* const missing = &AddRare([this, &unusual = Leave()](Rare& self) {
     call(append);
@@ -533,6 +574,7 @@ void NativeEmitter::WriteElement() {
   SearchSlot(missing->label);
   WriteSlot();
   L(missing->back);
+  L(no_number->back);
 }
 
 #endif

@@ -488,6 +488,15 @@ NativeRun::Outcome NativeRun::Store(Variable* target, Variable* source) {
   return Outcome::Worked;
 }
 
+bool NativeRun::StoreFrom(NativeRun* run, Variable* element, Variable* source) {
+  source = source->Real();
+  if (!source->HoldsText() && !(source->IsPlain() && source->plain_elements())) return false;
+  run->TellStack();
+  const Outcome outcome = Store(element, source);
+  if (outcome == Outcome::Worked) run->NoteWork();
+  return outcome != Outcome::Unable;
+}
+
 NativeRun::Outcome NativeRun::StoreElement(NativeRun* run, const HotOp* op) {
   int number;
   Variable* const array = run->operand(op->left, op->first);

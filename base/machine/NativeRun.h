@@ -96,6 +96,9 @@ struct NativeRun {
   // REQUIRES: it has a variable.
   static bool LoadFrom(NativeRun* run, const HotOp* op, Variable* found);
   static bool MoveFrom(NativeRun* run, const HotOp* op, Variable* found);
+  // Stores the value of a variable that has more than a number in an element that was found.
+  // Returns false and does nothing where the loop is to run the record.
+  static bool StoreFrom(NativeRun* run, Variable* element, Variable* source);
   static Variable* Real(Variable* variable);
   // Searches that only change the shape of a tree. REQUIRES: the row has the position; the hint is
   // that of the tree's names.

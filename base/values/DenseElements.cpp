@@ -158,8 +158,11 @@ bool DenseElements::CloseRun() {
 }
 
 bool DenseElements::Note(int run_from, int run_to) {
-  if (!history) history = std::make_unique<History>();
-  if (history->runs.size() >= most_notes) {
+  if (!history) {
+    history = std::make_unique<History>();
+    history->runs.reserve(kFirstNotes);
+  }
+  if (history->runs.size() >= most_notes || history->noted++ / kMostTimes >= most_notes) {
     BecomeChain(true);
     forgetful = true;
     return false;
@@ -214,7 +217,7 @@ void DenseElements::PlayNotes() {
 // stack needs no notes.
 Variable* DenseElements::RemoveLast() {
   Touch(count_);
-  forgetful = false;
+  NeedShape();
   OwnSlots();
   Variable* removed = SlotTable::VariableOf(&slots[count_ - 1]);
   int root = count_ - 1;
@@ -236,7 +239,7 @@ Variable* DenseElements::RemoveLast() {
 // --- The shape -----------------------------------------------------------------------------------
 
 DenseElements::History* DenseElements::UpToDate() {
-  forgetful = false;
+  NeedShape();
   CloseRun();
   if (!history) history = std::make_unique<History>();
   PlayNotes();
@@ -246,7 +249,7 @@ DenseElements::History* DenseElements::UpToDate() {
 
 void DenseElements::OrderForCopy(std::vector<int>* ranks) {
   ranks->reserve(ranks->size() + static_cast<size_t>(count_));
-  forgetful = false;
+  NeedShape();
   if (!IsChain()) {
     Shape().OrderForCopy(ranks);
   } else if (falling) {
@@ -278,7 +281,8 @@ void DenseElements::ShareWith(DenseElements* source) {
 // Inserting ranks in falling order makes the rising chain, and the other way round. Other shapes
 // are left to PlayNotes: a copy that nothing is removed from never needs its own.
 void DenseElements::TakeShapeOfCopy(DenseElements* source) {
-  forgetful = source->forgetful = false;
+  NeedShape();
+  source->NeedShape();
   if (count_ <= 99) {
     BecomeChain(true);
     return;

@@ -531,6 +531,60 @@ TEST(NativeCode, ARemainderIsTheSameForAConstant) {
   }
 }
 
+// Values of all kinds are stored in elements that are there, and a copy is a value of its own.
+TEST(NativeCode, AnElementTakesTheValueOfAnother) {
+  const auto element = [](const std::string& of, const std::string& index) {
+    return "pushg " + of + "\n" + index + "\nelem";
+  };
+  const auto member = [&](const std::string& value, const std::string& index) {
+    return value + "\n" + element("x", index) + "\npushc \"m\"\nmemb\nstore\n";
+  };
+  std::string fill = "pushc \"\"\npopg x\n";
+  for (int i = 1; i <= 4; i++)
+    fill += member("pushi " + std::to_string(i * 10), "pushi " + std::to_string(i));
+  fill += "pushc \"text\"\n" + element("x", "pushi 5") + "\nstore\npushi 6\n" +
+          element("x", "pushi 6") + "\nstore\npushi 7\n" + element("x", "pushi 7") +
+          "\npushi 1\nelem\nstore\npushc \"a longer text, which is copied in parts\"\n" +
+          element("x", "pushi 8") + "\nstore\n" + element("x", "pushi 9") + "\npop\n";
+  const std::string show =
+      "storegi k, 1\nNAME: pushg x\npushg k\nelem_readonly\nout\npushc \" \"\nout\nincg k, 1\n"
+      "cmpgi k, 9\njmp_le NAME\n";
+  const std::string values[] = {element("x", "pushg j") + "_readonly", "pushg kept", "pushg x",
+                                "pushg refers", element("row", "pushi 3") + "_readonly"};
+  const std::string before[] = {
+      "", "pushg x\npopg copy\n", element("x", "pushg i") + "\npoprg held\n",
+      member("pushg n", "pushi 2"), "pushg x\npopg copy\n" + member("pushg n", "pushi 1")};
+  for (const std::string& value : values) {
+    for (const std::string& first : before) {
+      for (const bool in_function : {false, true}) {
+        const std::string store = value + "\n" + element("x", "pushg i") + "\nstore\n";
+        std::string names[] = {show, show};
+        for (int i = 0; i < 2; i++) {
+          for (size_t place; (place = names[i].find("NAME")) != std::string::npos;) {
+            names[i].replace(place, 4, "show" + std::to_string(i));
+          }
+        }
+        const std::string swap =
+            element("x", "pushg i") + "_readonly\npopg kept\n" + first +
+            (in_function ? "pushg i\npushg j\npushg x\ncall put\npop\n" : store) + names[0] +
+            member("pushg n", "pushi 3") + names[1] + "pushg copy\nout\npushg held\nout\n";
+        const std::string body =
+            "pushg n\npushi 9\nmod\npushi 1\nadd\npopg i\npushg n\npushi 2\n"
+            "mul\npushi 9\nmod\npushi 1\nadd\npopg j\n" +
+            swap;
+        SCOPED_TRACE(body);
+        const Outcome outcome =
+            ExpectTheSame(kRow + ("pushg refers\npushg other\nrefer\n" + fill) +
+                          Loop(body + fill, 11) + "exit\n" +
+                          ".function put(i, j, a var)\npushl a\npushl j\nelem_readonly\npushl a\n"
+                          "pushl i\nelem\nstore\npushi 0\nret\n.end\n");
+        EXPECT_EQ(outcome.result, 1) << outcome.error;
+        if (HasFailure()) return;
+      }
+    }
+  }
+}
+
 // Not all of them may be a bare number of an element. A whole array or structure is not written,
 // since that would make variables of its elements.
 TEST(NativeCode, ANaNIsStoredWhateverItsBitsAre) {
