@@ -229,9 +229,7 @@ bool NativeEmitter::Emit() {
   int family = FamilyOf(action, HotAction::AddOfGlobalGlobal, 4);
   if (family >= 0) {
     SetFallback(&NativeRun::CalculateUnusual);
-    LoadNumber(xmm0, op->left, op->first);
-    LoadNumber(xmm1, op->right, op->second);
-    Calculate(family);
+    CalculateOperands(family);
     SetTemporary();
     return true;
   }
@@ -242,9 +240,7 @@ bool NativeEmitter::Emit() {
       Accumulate(family);
       return true;
     }
-    LoadNumber(xmm0, op->left, op->first);
-    LoadNumber(xmm1, op->right, op->second);
-    Calculate(family);
+    CalculateOperands(family);
     StoreNumber();
     return true;
   }

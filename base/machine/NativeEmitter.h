@@ -200,7 +200,9 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   bool BeginsWith(int temporary) const;
   void EnterRecord(int arriving);
   void Accumulate(int operation);
-  void Calculate(int operation);
+  void Calculate(int operation, const Xbyak::Operand& right);
+  void Calculate(int operation) { Calculate(operation, xmm1); }
+  void CalculateOperands(int operation);
   bool CalculateIntegers(HotAction action);
   void TakeRemainder(int divisor);
   void Compare(unsigned char orders);
@@ -327,6 +329,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   Label drop_entry;
   Label find_integer;
   Label find_plain;
+  Label find_end;
   Label follow;
   Label append;
   Label copy_word;  // see EmitTextSubroutines() for these

@@ -261,30 +261,35 @@ void NativeEmitter::EmitSubroutines() {
   }
   {
     // rcx <- the plain variable that the reference in rcx refers to.
-    Label longer, search, fails;
+    Label two, found, search, fails;
     L(find_plain);
     mov(rax, Field(rcx, OfVariable::reference));
     test(rax, rax);
     jz(fails);
     test(dword[rax + OfVariable::state], OfVariable::not_plain);  // clears the carry
-    jnz(longer);
+    jnz(find_end);
     mov(rcx, rax);
     ret();
-    // Where a chain ends is remembered, see Variable::Final().
-    L(longer);
+    // The same if that is not the variable in rax, to which the reference refers. Where a chain
+    // ends is remembered, see Variable::Final(), but not if it has two references.
+    L(find_end);
     mov(rdi, ptr[rbx + static_cast<int>(offsetof(NativeRun, reference_changes))]);
     mov(edi, dword[rdi]);
     cmp(edi, dword[rcx + OfVariable::integer]);
-    jne(search);
+    jne(two);
     cmp(dword[rcx + OfVariable::state], OfVariable::reference_alone);
     jne(search);
     mov(rax, Field(rcx, OfVariable::number));
+    L(found);
     test(rax, rax);
     jz(search);
     test(dword[rax + OfVariable::state], OfVariable::not_plain);
     jnz(search);
     mov(rcx, rax);
     ret();
+    L(two);
+    mov(rax, Field(rax, OfVariable::reference));
+    jmp(found);
     L(search);
     call(follow);
     jc(fails);
@@ -406,39 +411,56 @@ void NativeEmitter::SetTemporary() {
 // The record's calculation if its target is its left operand, too, which is expected to have a
 // double: that is written where it was read.
 void NativeEmitter::Accumulate(int operation) {
+  const auto calculate = [this, operation] {
+    if (op->right == HotOperand::Constant) {
+      Calculate(operation, Constant(std::bit_cast<uint64_t>(op->number)));
+    } else {
+      Calculate(operation);
+    }
+  };
   Rare* rare = &AddRare(
-      [this, operation, record = op, place = at, &unusual = Leave(), leaves = leave](Rare& self) {
+      [this, calculate, record = op, place = at, &unusual = Leave(), leaves = leave](Rare& self) {
         op = record;
         at = place;
         leave = leaves;
         call(find_number[0]);
         jc(unusual);
-        Calculate(operation);
+        calculate();
         StoreNumber();
         jmp(self.back);
       });
   if (in_register[0] >= 0) {
     movaps(xmm1, xmm0);
     in_register[0] = -1;
-  } else {
+  } else if (op->right != HotOperand::Constant) {
     LoadNumber(xmm1, op->right, op->second);
   }
   LoadVariable(rcx, op->left, op->first);
   cmp(dword[rcx + OfVariable::state], OfVariable::double_alone);
   jne(rare->label);
   movsd(xmm0, Field(rcx, OfVariable::number));
-  Calculate(operation);
+  calculate();
   movsd(Field(rcx, OfVariable::number), xmm0);
   mov(dword[rcx + OfVariable::primary], PrimaryDouble);
   L(rare->back);
 }
 
-// xmm0 <- xmm0 and xmm1, by the place of the operation in the list of actions.
-void NativeEmitter::Calculate(int operation) {
+// xmm0 <- the calculation of the record with its operands.
+void NativeEmitter::CalculateOperands(int operation) {
+  LoadNumber(xmm0, op->left, op->first);
+  if (op->right == HotOperand::Constant) {
+    return Calculate(operation, Constant(std::bit_cast<uint64_t>(op->number)));
+  }
+  LoadNumber(xmm1, op->right, op->second);
+  Calculate(operation);
+}
+
+// xmm0 <- xmm0 and another number, by the place of the operation in the list of actions.
+void NativeEmitter::Calculate(int operation, const Xbyak::Operand& right) {
   switch (operation) {
-    case 0: addsd(xmm0, xmm1); break;
-    case 1: subsd(xmm0, xmm1); break;
-    case 2: mulsd(xmm0, xmm1); break;
+    case 0: addsd(xmm0, right); break;
+    case 1: subsd(xmm0, right); break;
+    case 2: mulsd(xmm0, right); break;
     default: {
       // 0 divided by anything is 0. NaN counts as equal.
       Rare* const zero = &AddRare([this](Rare& self) {
@@ -450,7 +472,7 @@ void NativeEmitter::Calculate(int operation) {
       ucomisd(xmm0, xmm2);
       je(zero->label);
       L(zero->others[0]);
-      divsd(xmm0, xmm1);
+      divsd(xmm0, right);
       L(zero->back);
     }
   }

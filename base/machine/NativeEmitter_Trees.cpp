@@ -12,7 +12,16 @@
 // rcx <- the elements of the array or structure that the variable in rcx is.
 void NativeEmitter::FindTree(int kind) {
   Rare* rare = &AddRare([this, &unusual = Leave()](Rare& self) {
-    call(find_plain);
+    Label longer;
+    mov(rax, Field(rcx, OfVariable::reference));
+    test(rax, rax);
+    jz(unusual);
+    test(dword[rax + OfVariable::state], OfVariable::not_plain);
+    jnz(longer);
+    mov(rcx, rax);
+    jmp(self.back);
+    L(longer);
+    call(find_end);
     jc(unusual);
     jmp(self.back);
   });
