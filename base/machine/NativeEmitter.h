@@ -99,6 +99,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   static constexpr int kEntryOwned = offsetof(hot::Entry, deletable);
   static constexpr uint64_t kIntegerLengths = 4 | uint64_t{4} << 32;
   static constexpr uint64_t kDoubleLengths = 8 | uint64_t{8} << 32;
+  static constexpr int kTextResult = 5;  // a jump, see TakeResult()
   static constexpr int kCalledRows = offsetof(NativeRun, called_rows);
   static constexpr int kOp = offsetof(NativeRun, op);
   static constexpr int kHeld = offsetof(NativeRun, held);
@@ -247,11 +248,14 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void WriteElement();
   void EmitAppend();
   void WriteSource(int file);
-  void CompareSerial(const Reg64& frame);
+  void CompareSerial(const Reg64& frame, int field = OfFrame::return_code);
+  void PrepareKept(bool is_here, Label& unprepared);
   void FindKept(Label& unprepared, Label& unusual);
+  void NeedEntry(Label& unusual);
   void BeginCall();
   void CallOnStack();
   void SendText();
+  void SendVariable();
   void Send();
   void SendNumber(HotForm form, Label& unusual);
   void Call(NativeRun::Operation operation);
@@ -269,10 +273,13 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void CallWith(const void* operation);
   void Transfer(NativeRun::Transfer transfer);
   void Enter();
-  void TakeResult();
+  void TakeResult(Label& numbers);
+  void TakeText(const HotOp* use, bool is_stored, Label& unusual);
+  void CheckCaller(Label& unusual);
+  void LoadTarget(const HotOp* pop, Label& unusual);
   void UseSegment(const Reg64& used, int number);
   void RenewScalar(Label& other, Label& unusual);
-  void CheckNames(Label& unusual);
+  void CheckNames(int variables, Label& unusual);
   void Renew(int variables, int parameters, Label& unusual);
   void EmitRenew();
   void LeaveFrame(bool is_told);
@@ -283,10 +290,11 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void EmitSubroutines();
   void PassResult(NativeRun::Operation operation);
   Rare* AddReturn(NativeRun::Operation operation);
-  void Return(Rare* other);
+  void Return(Rare* other, bool is_text = false);
   void ReturnNumber();
   void ReturnVariable();
   void ReturnTop();
+  void MoveTop(Label& unusual);
 
   const HotCode* code;
   const NativeRun* run;  // only while the code is made

@@ -4,6 +4,7 @@
 
 #ifdef __x86_64__
 
+#include <cassert>
 #include <climits>
 #include <cstddef>
 #include <cstdint>
@@ -26,13 +27,18 @@ void NativeEmitter::RenewScalar(Label& other, Label& unusual) {
   mov(dword[r8 + OfVariable::state], OfVariable::asleep);
 }
 
-// The table of the called frame, in rcx, still has the names of all calls; rdi is the table then.
-// Changes rax and r8.
-void NativeEmitter::CheckNames(Label& unusual) {
+// The table of the called frame, in rcx, still has the names of all calls, and no others: names are
+// only added. They are so many, or as many as the function has if the number is negative. rdi is
+// the table then. Changes rax.
+void NativeEmitter::CheckNames(int variables, Label& unusual) {
   mov(rdi, Field(rcx, OfFrame::variables));
-  mov(r8, Field(rcx, OfFrame::locals));
-  mov(rax, Field(r8, OfTable::index));
-  cmp(rax, Field(rdi, OfTable::index));
+  if (variables < 0) {
+    mov(rax, Field(rcx, OfFrame::locals));
+    mov(eax, dword[rax + OfTable::count]);
+    cmp(eax, dword[rdi + OfTable::count]);
+  } else {
+    cmp(dword[rdi + OfTable::count], variables);
+  }
   jne(unusual);
   cmp(qword[rdi + OfTable::error], 0);
   jne(unusual);
@@ -49,9 +55,7 @@ void NativeEmitter::Renew(int variables, int parameters, Label& unusual) {
     jc(unusual);
     return;
   }
-  CheckNames(unusual);
-  cmp(dword[rdi + OfTable::count], variables);
-  jne(unusual);
+  CheckNames(variables, unusual);
   if (variables > 0) mov(r11, Field(rdi, OfTable::entries));
   for (int i = 0; i < variables; i++) {
     Rare* other = &AddRare([this, &unusual](Rare& self) {
@@ -74,8 +78,8 @@ void NativeEmitter::Renew(int variables, int parameters, Label& unusual) {
 void NativeEmitter::EmitRenew() {
   Label next, row, other, unusual, end, sleeps, is_null, is_renewed, differs;
   L(renew);
-  CheckNames(unusual);
-  mov(r11d, dword[rdi + OfTable::count]);
+  CheckNames(-1, unusual);
+  mov(r11d, eax);
   mov(rdi, Field(rdi, OfTable::entries));
   shl(r11, 4);
   add(r11, rdi);
@@ -149,25 +153,55 @@ void NativeEmitter::UseSegment(const Reg64& used, int number) {
   mov(dword[r15 + OfMachine::wanted_segment], eax);
 }
 
-// Whether a frame returns to this code. Changes r8.
-void NativeEmitter::CompareSerial(const Reg64& frame) {
+// Whether a field of a frame, by default the code that it returns to, has the serial of this code.
+// Changes r8.
+void NativeEmitter::CompareSerial(const Reg64& frame, int field) {
   if (code->serial() <= INT_MAX) {
-    cmp(qword[frame + OfFrame::return_code], static_cast<int>(code->serial()));
+    cmp(qword[frame + field], static_cast<int>(code->serial()));
   } else {
     mov(r8, code->serial());
-    cmp(Field(frame, OfFrame::return_code), r8);
+    cmp(Field(frame, field), r8);
   }
 }
 
-// Finds the frame that is kept for the called function and is prepared for calls from this code.
+// NativeRun::PrepareCall for the kept frame in rax, which was prepared for calls from other code.
+// Goes to unprepared if it was not. Changes rcx.
+void NativeEmitter::PrepareKept(bool is_here, Label& unprepared) {
+  cmp(qword[rax + OfFrame::return_code], 0);
+  je(unprepared);
+  mov(ecx, dword[r15 + OfMachine::loaded_segment]);
+  if (is_here) {
+    CompareSerial(rax, OfFrame::entry_serial);
+    jne(unprepared);
+  } else {
+    cmp(ecx, dword[rax + OfFrame::entry_segment]);
+    je(unprepared);
+    cmp(qword[rax + OfFrame::entry_code], 0);
+    je(unprepared);
+  }
+  mov(dword[rax + OfFrame::return_segment], ecx);
+  mov(rcx, Field(r15, OfMachine::segment));
+  mov(Field(rax, OfFrame::return_to), rcx);
+  mov(rcx, code->serial());
+  mov(Field(rax, OfFrame::return_code), rcx);
+}
+
+// Finds the frame that is kept for the called function and prepares it for calls from this code.
 // r14 is the rows of its variables then, and rdx the current stack. Changes rax and rcx.
 void NativeEmitter::FindKept(Label& unprepared, Label& unusual) {
+  const HotOp* entry = nullptr;
+  NativeRun::FindCalled(run, code, op->first, &entry);
+  Rare* elsewhere = &AddRare([this, is_here = entry != nullptr, &unprepared](Rare& self) {
+    PrepareKept(is_here, unprepared);
+    jmp(self.back);
+  });
   mov(rax, ptr[rbx + static_cast<int>(offsetof(NativeRun, idle_frames))]);
   mov(rax, ptr[rax + op->first * 8L]);
   test(rax, rax);
   jz(unusual);
   CompareSerial(rax);
-  jne(unprepared);
+  jne(elsewhere->label);
+  L(elsewhere->back);
   mov(rcx, Field(r15, OfMachine::frame));
   cmp(dword[rcx + OfFrame::depth], OfMachine::most_frames);
   jge(unusual);
@@ -194,10 +228,34 @@ void NativeEmitter::BeginCall() {
   L(prepare->back);
 }
 
-// A call whose arguments are on the stack. In line it is one within this code, with numbers.
+// Goes to unusual unless Enter() can enter the function of the frame in rax, whatever the frame is
+// like: once the arguments have left the stack, the loop can't make the call again. Changes rcx.
+void NativeEmitter::NeedEntry(Label& unusual) {
+  Label is_here;
+  mov(ecx, dword[rax + OfFrame::entry_segment]);
+  cmp(ecx, dword[r15 + OfMachine::loaded_segment]);
+  je(is_here);
+  mov(rcx, Field(rax, OfFrame::entry_code));
+  mov(rcx, Field(rcx, OfSegment::hot));
+  test(rcx, rcx);
+  jz(unusual);
+  mov(rcx, Field(rcx, OfSegment::serial));
+  cmp(rcx, Field(rax, OfFrame::entry_serial));
+  jne(unusual);
+  L(is_here);
+}
+
+// A call whose arguments are on the stack. In line they are numbers, and variables for parameters
+// by reference. The variables are checked first and taken last, because the operation that is
+// called for all other arguments begins again, and it can't tell that a count was taken.
 void NativeEmitter::CallOnStack() {
   const HotOp* entry = nullptr;
-  const int count = NativeRun::FindCalled(run, code, op->first, &entry);
+  uint64_t references = 0;
+  const int count = NativeRun::FindCalled(run, code, op->first, &entry, &references);
+  const auto is_reference = [references](int argument) {
+    return (references >> argument & 1) != 0;
+  };
+  const auto place = [count](int argument) { return (argument - count) * kEntry; };
   Rare* other = &AddRare([this, record = op, &unusual = Leave()](Rare& self) {
     const HotOp* const current = std::exchange(op, record);
     CallWith(reinterpret_cast<const void*>(&NativeRun::TakeArguments));
@@ -212,13 +270,29 @@ void NativeEmitter::CallOnStack() {
     jmp(other->label);
   } else {
     FindKept(other->label, other->label);
+    if (!entry) NeedEntry(other->label);
     if (count > 0) {
       lea(rcx, ptr[rbp - count * kEntry]);
       cmp(rcx, Field(rdx, OfStack::entries));
       jb(other->label);
     }
+    const auto load_parameter = [this, other](int i) {
+      mov(rdx, ptr[r14 + HotOp::Offset(i)]);
+      test(rdx, rdx);
+      jz(other->label);
+    };
+    if (references != 0) mov(rax, OfEntry::owned_variable);
     for (int i = 0; i < count; i++) {
-      const long argument = (i - count) * kEntry;
+      if (!is_reference(i)) continue;
+      cmp(ptr[rbp + place(i)], rax);
+      jne(other->label);
+      load_parameter(i);
+      cmp(qword[rdx + OfVariable::text], 0);
+      jne(other->label);
+    }
+    for (int i = 0; i < count; i++) {
+      if (is_reference(i)) continue;
+      const long argument = place(i);
       Rare* integer = &AddRare([this, argument, other](Rare& self) {
         cmp(dword[rbp + argument], ZephVM_Stack::KindInteger);
         jne(other->label);
@@ -226,14 +300,19 @@ void NativeEmitter::CallOnStack() {
         SendNumber(HotForm::Integer, other->label);
         jmp(self.back);
       });
-      mov(rdx, ptr[r14 + HotOp::Offset(i)]);
-      test(rdx, rdx);
-      jz(other->label);
+      load_parameter(i);
       cmp(dword[rbp + argument], ZephVM_Stack::KindDouble);
       jne(integer->label);
       movsd(xmm0, ptr[rbp + argument + kEntryValue]);
       SendNumber(HotForm::Double, other->label);
       L(integer->back);
+    }
+    for (int i = 0; i < count; i++) {
+      if (!is_reference(i)) continue;
+      // The parameter gets the entry's count on the variable.
+      mov(rdx, ptr[r14 + HotOp::Offset(i)]);
+      mov(rcx, ptr[rbp + place(i) + kEntryValue]);
+      SendVariable();
     }
     if (count > 0) sub(rbp, count * kEntry);
   }
@@ -241,7 +320,19 @@ void NativeEmitter::CallOnStack() {
   Enter();
 }
 
-// The parameter in rdx begins with the number in xmm0 or esi.
+// The parameter in rdx begins as a reference to the variable in rcx, with a count on it. Changes
+// rax.
+void NativeEmitter::SendVariable() {
+  mov(Field(rdx, OfVariable::reference), rcx);
+  xor_(eax, eax);
+  mov(dword[rdx + OfVariable::state], OfVariable::reference_alone);
+  mov(dword[rdx + OfVariable::primary], eax);
+  mov(dword[rdx + OfVariable::integer], eax);
+  mov(Field(rdx, OfVariable::number), rax);
+}
+
+// The parameter in rdx, which sleeps, begins with the number in xmm0 or esi. Goes to unusual if it
+// has kept the memory of a text.
 void NativeEmitter::SendNumber(HotForm form, Label& unusual) {
   const bool is_double = form == HotForm::Double;
   cmp(qword[rdx + OfVariable::text], 0);
@@ -313,12 +404,7 @@ void NativeEmitter::Send() {
     cmp(qword[rdx + OfVariable::text], 0);
     jne(Leave());
     inc(dword[rcx + OfVariable::holders]);
-    mov(Field(rdx, OfVariable::reference), rcx);
-    xor_(eax, eax);
-    mov(dword[rdx + OfVariable::state], OfVariable::reference_alone);
-    mov(dword[rdx + OfVariable::primary], eax);
-    mov(dword[rdx + OfVariable::integer], eax);
-    mov(Field(rdx, OfVariable::number), rax);
+    SendVariable();
     L(value->back);
     return;
   }
@@ -370,10 +456,10 @@ void NativeEmitter::Enter() {
     Transfer(&NativeRun::Enter);
     op = current;
   });
-  Rare* result = &AddRare([this, record = op, next = at + 1](Rare&) {
+  Rare* result = &AddRare([this, record = op, next = at + 1](Rare& self) {
     const HotOp* const current = std::exchange(op, record);
     const size_t place = std::exchange(at, next);
-    TakeResult();
+    TakeResult(self.others[0]);
     op = current;
     at = place;
   });
@@ -421,7 +507,7 @@ void NativeEmitter::Enter() {
   mov(dword[rcx + OfFrame::return_offset], op[1].start);
   mov(rax, reinterpret_cast<uint64_t>(op + 1));
   mov(Field(rcx, OfFrame::return_op), rax);
-  lea(rax, ptr[rip + result->label]);
+  lea(rax, ptr[rip + result->others[0]]);
   mov(Field(rcx, OfFrame::native_return), rax);
   const HotOp* const use = op[1].plain;
   if (use->passed_uses == 0) {
@@ -470,15 +556,17 @@ bool NativeEmitter::IsReadable(HotOperand kind, int position) const {
   return position < (kind == HotOperand::Global ? code->globals() : code->locals());
 }
 
-// The number in xmm0, as an integer if edx is 1, is the result of the call that the record has
-// made, and r10d is 1 if it is the value of a variable, otherwise 0. The called frame, in rcx, is
-// still the current one. If anything is unusual, the code at r9 does all of the return.
-void NativeEmitter::TakeResult() {
+// Takes the result of the call that the record has made. The called frame, in rcx, is still the
+// current one. If anything is unusual, the code at r9 does all of the return. There are two places
+// to come to. At numbers, the result is the number in xmm0, as an integer if edx is 1, and r10d is
+// 1 if it is the value of a variable, otherwise 0. kTextResult bytes before that it is the text of
+// the local variable in r10, which has that form alone and no other holder.
+void NativeEmitter::TakeResult(Label& numbers) {
   const HotOp* const use = op[1].plain;
   int parameters = 0;
   const int variables = NativeRun::CountVariables(run, op->first, &parameters);
   const bool is_stored = (use->uses & HotOp::Stored) && use->single == HotAction::PopVariable;
-  Label unusual;
+  Label unusual, text, taken;
   // The result was passed, and the rest is done elsewhere.
   Rare* slow = &AddRare([this, use, is_stored](Rare&) {
     if (is_stored) {
@@ -493,53 +581,32 @@ void NativeEmitter::TakeResult() {
     }
     jmp(left_unusual);
   });
-  // What is checked before anything is changed.
-  mov(rax, Field(r15, OfMachine::stack));
-  cmp(rbp, Field(rax, OfStack::entries));
-  jne(unusual);
-  mov(Field(rax, OfStack::top), rbp);
-  mov(rsi, Field(rcx, OfFrame::previous));
-  movsxd(rax, dword[rsi + OfFrame::output_mode]);
-  cmp(rax, Field(r15, OfMachine::hot_mode));
-  jne(unusual);
+  const size_t begin = getSize();
+  jmp(text);
+  assert(getSize() == begin + kTextResult);
+  (void)begin;
+  L(numbers);
+  CheckCaller(unusual);
   if (is_stored) {
-    const int offset = HotOp::Offset(use->first);
-    if (use->left == HotOperand::Global) {
-      if (!IsReadable(use->left, use->first)) {
-        cmp(dword[rbx + kCounts], use->first);
-        jbe(unusual);
-      }
-      mov(rax, ptr[r12 + offset]);
-    } else {
-      mov(rdi, Field(rsi, OfFrame::variables));
-      mov(r11, Field(rdi, OfTable::entries));
-      if (!IsReadable(use->left, use->first)) {
-        cmp(dword[rdi + OfTable::count], use->first);
-        jbe(unusual);
-      }
-      mov(rax, ptr[r11 + offset]);
-    }
-    test(rax, rax);
-    jz(unusual);
+    LoadTarget(use, unusual);
     test(dword[rax + OfVariable::state], ~OfVariable::all_forms);
     jnz(unusual);
     cmp(qword[rax + OfVariable::elements], 0);
     jne(unusual);
-    Label as_integer, done;
+    Label as_integer;
     test(edx, edx);
     jnz(as_integer);
     movsd(Field(rax, OfVariable::number), xmm0);
     mov(dword[rax + OfVariable::state], OfVariable::double_alone);
     mov(dword[rax + OfVariable::primary], PrimaryDouble);
-    jmp(done);
+    jmp(taken);
     L(as_integer);
     cvttsd2si(edx, xmm0);
     mov(dword[rax + OfVariable::integer], edx);
     mov(dword[rax + OfVariable::state], OfVariable::integer_alone);
     mov(dword[rax + OfVariable::primary], PrimaryInteger);
-    L(done);
   } else {
-    Label any, push_integer, pushed;
+    Label any, push_integer;
     if (use->passed_uses == 0) {
       // All of it is known here.
       if (!(use->uses & HotOp::UsedAsValue)) {
@@ -565,12 +632,12 @@ void NativeEmitter::TakeResult() {
     test(edx, edx);
     jnz(push_integer);
     PushNumber(HotForm::Double);
-    jmp(pushed);
+    jmp(taken);
     L(push_integer);
     cvttsd2si(edx, xmm0);
     PushNumber(HotForm::Integer);
-    L(pushed);
   }
+  L(taken);
   Renew(variables, parameters, slow->label);
   LeaveFrame(is_stored);
   mov(rax, ptr[rdi + op->first * 8L]);
@@ -588,8 +655,100 @@ void NativeEmitter::TakeResult() {
   } else {
     jmp(labels[at]);
   }
+  L(text);
+  TakeText(use, is_stored, unusual);
+  jmp(taken);
   L(unusual);
   jmp(r9);
+}
+
+// What is checked before a result is taken: the stack of the called frame, in rcx, is empty, and
+// the caller, which is in rsi then, has the output's mode. Changes rax.
+void NativeEmitter::CheckCaller(Label& unusual) {
+  mov(rax, Field(r15, OfMachine::stack));
+  cmp(rbp, Field(rax, OfStack::entries));
+  jne(unusual);
+  mov(Field(rax, OfStack::top), rbp);
+  mov(rsi, Field(rcx, OfFrame::previous));
+  movsxd(rax, dword[rsi + OfFrame::output_mode]);
+  cmp(rax, Field(r15, OfMachine::hot_mode));
+  jne(unusual);
+}
+
+// rax <- the variable that the caller, the frame in rsi, pops the result into. Changes rdi and r11.
+void NativeEmitter::LoadTarget(const HotOp* pop, Label& unusual) {
+  const int offset = HotOp::Offset(pop->first);
+  if (pop->left == HotOperand::Global) {
+    if (!IsReadable(pop->left, pop->first)) {
+      cmp(dword[rbx + kCounts], pop->first);
+      jbe(unusual);
+    }
+    mov(rax, ptr[r12 + offset]);
+  } else {
+    mov(rdi, Field(rsi, OfFrame::variables));
+    mov(r11, Field(rdi, OfTable::entries));
+    if (!IsReadable(pop->left, pop->first)) {
+      cmp(dword[rdi + OfTable::count], pop->first);
+      jbe(unusual);
+    }
+    mov(rax, ptr[r11 + offset]);
+  }
+  test(rax, rax);
+  jz(unusual);
+}
+
+// The result is the text of the variable in r10, see TakeResult() and NativeRun::PassVariable(). A
+// short one is copied to where it is stored, and one that is used otherwise moves to the caller's
+// stack. That leaves a variable without a value, which sleeps.
+void NativeEmitter::TakeText(const HotOp* use, bool is_stored, Label& unusual) {
+  if (!is_stored && use->passed_uses == 0 &&
+      (use->uses & (HotOp::UsedAsValue | HotOp::UsedAsNumber)) != HotOp::UsedAsValue) {
+    jmp(unusual);
+    return;
+  }
+  CheckCaller(unusual);
+  if (is_stored) {
+    LoadTarget(use, unusual);
+    mov(rdx, r9);
+    mov(rcx, rax);
+    mov(rsi, r10);
+    call(copy_word);
+    mov(r9, rdx);
+    mov(rcx, Field(r15, OfMachine::frame));
+    mov(rsi, Field(rcx, OfFrame::previous));
+    jc(unusual);
+    return;
+  }
+  if (use->passed_uses != 0) {
+    mov(al, byte[rcx + OfFrame::uses]);
+    and_(al, HotOp::UsedAsValue | HotOp::UsedAsNumber);
+    cmp(al, HotOp::UsedAsValue);
+    jne(unusual);
+  }
+  mov(r8, Field(r10, OfVariable::text));
+  test(r8, r8);
+  jz(unusual);
+  cmp(qword[r10 + OfVariable::elements], 0);
+  jne(unusual);
+  cmp(dword[r10 + OfVariable::name_mark], OfVariable::shared_name);
+  jne(unusual);
+  mov(rdi, Field(rsi, OfFrame::stack));
+  mov(rbp, Field(rdi, OfStack::top));
+  mov(ptr[rbp + kEntryValue], r8);
+  mov(eax, dword[r10 + OfVariable::allocated]);
+  shl(rax, 32);
+  mov(r8d, dword[r10 + OfVariable::length]);
+  or_(rax, r8);
+  mov(ptr[rbp + kEntryLengths], rax);
+  mov(rax, OfEntry::owned_text);
+  mov(ptr[rbp], rax);
+  add(rbp, kEntry);
+  xor_(eax, eax);
+  mov(Field(r10, OfVariable::text), rax);
+  mov(dword[r10 + OfVariable::allocated], eax);
+  mov(dword[r10 + OfVariable::length], eax);
+  mov(dword[r10 + OfVariable::primary], PrimaryNone);
+  mov(dword[r10 + OfVariable::state], OfVariable::asleep);
 }
 
 // Makes the frame in rsi, the caller of the one in rcx, the current one. Its stack knows its end,
@@ -691,8 +850,9 @@ NativeEmitter::Rare* NativeEmitter::AddReturn(NativeRun::Operation operation) {
   });
 }
 
-// A return with the number in xmm0, see TakeResult. If anything is unusual, it goes to other.
-void NativeEmitter::Return(Rare* other) {
+// A return with the number in xmm0, or with the text of the variable in r10, see TakeResult(). If
+// anything is unusual, it goes to other.
+void NativeEmitter::Return(Rare* other, bool is_text) {
   Rare* elsewhere = &AddRare([this, other](Rare& self) {
     CheckReturn(other->label);
     jmp(self.back);
@@ -705,6 +865,7 @@ void NativeEmitter::Return(Rare* other) {
   mov(rax, Field(rcx, OfFrame::native_return));
   test(rax, rax);
   jz(other->label);
+  if (is_text) sub(rax, kTextResult);
   jmp(rax);
 }
 
@@ -718,8 +879,16 @@ void NativeEmitter::ReturnNumber() {
 
 void NativeEmitter::ReturnVariable() {
   Rare* other = AddReturn(&NativeRun::ReturnVariable);
-  // The value of a reference, if that is stored at once.
+  // A text, or the value of a reference, if that is stored at once.
   Rare* reference = &AddRare([this, other](Rare& self) {
+    Label no_text;
+    cmp(dword[rcx + OfVariable::state], OfVariable::text_alone);
+    jne(no_text);
+    cmp(dword[rcx + OfVariable::primary], PrimaryText);
+    jne(other->back);
+    mov(r10, rcx);
+    Return(other, true);
+    L(no_text);
     cmp(dword[rcx + OfVariable::state], OfVariable::reference_alone);
     jne(other->back);
     mov(rax, Field(r15, OfMachine::frame));
@@ -758,9 +927,40 @@ void NativeEmitter::ReturnVariable() {
   Return(other);
 }
 
+// NativeRun::PassEntry for an entry that is no number.
+void NativeEmitter::MoveTop(Label& unusual) {
+  Label is_text, returns;
+  Rare* elsewhere = &AddRare([this, &unusual](Rare& self) {
+    CheckReturn(unusual);
+    jmp(self.back);
+  });
+  mov(rcx, Field(r15, OfMachine::frame));
+  CompareSerial(rcx);
+  jne(elsewhere->label);
+  L(elsewhere->back);
+  cmp(dword[rbp - kEntry], ZephVM_Stack::KindVariable);
+  jne(is_text);
+  // A borrowed variable may be a local one, which does not outlive the call.
+  cmp(byte[rbp - kEntry + kEntryOwned], 0);
+  je(unusual);
+  L(is_text);
+  sub(rbp, kEntry);
+  mov(rsi, Field(rcx, OfFrame::previous));
+  mov(rsi, Field(rsi, OfFrame::stack));
+  mov(rdi, Field(rsi, OfStack::top));
+  for (int part = 0; part < kEntry; part += 8) {
+    mov(rax, ptr[rbp + part]);
+    mov(ptr[rdi + part], rax);
+  }
+  add(rdi, kEntry);
+  mov(Field(rsi, OfStack::top), rdi);
+  jmp(left);
+}
+
 void NativeEmitter::ReturnTop() {
   Label is_double;
   Rare* other = AddReturn(&NativeRun::Return);
+  Rare* moved = &AddRare([this, other](Rare&) { MoveTop(other->back); });
   mov(rax, Field(r15, OfMachine::stack));
   cmp(rbp, Field(rax, OfStack::entries));
   jbe(other->back);
@@ -769,7 +969,7 @@ void NativeEmitter::ReturnTop() {
   cmp(dword[rbp - kEntry], ZephVM_Stack::KindDouble);
   je(is_double);
   cmp(dword[rbp - kEntry], ZephVM_Stack::KindInteger);
-  jne(other->back);
+  jne(moved->label);
   cvtsi2sd(xmm0, dword[rbp - kEntry + kEntryValue]);
   mov(edx, 1);
   L(is_double);

@@ -93,6 +93,8 @@ struct NativeLayout {
   struct OfEntry {
     static constexpr uint64_t owned_variable =
         ZephVM_Stack::KindVariable | ZephVM_Stack::Stack_Entry::OwnedMark;
+    static constexpr uint64_t owned_text =
+        ZephVM_Stack::KindString | ZephVM_Stack::Stack_Entry::OwnedMark;
   };
   struct OfOutput {
     static constexpr int room = offsetof(Output, room);
@@ -145,7 +147,6 @@ struct NativeLayout {
   struct OfTable {
     static constexpr int entries = offsetof(VariableHash, entries);
     static constexpr int count = offsetof(VariableHash, entry_count);
-    static constexpr int index = offsetof(VariableHash, index);
     static constexpr int error = offsetof(VariableHash, error_) + offsetof(String, data);
   };
   struct OfStack {

@@ -1127,19 +1127,22 @@ int NativeRun::CountVariables(const NativeRun* run, int function, int* parameter
 // Functions do not change while code runs, and every frame that is prepared for calls from the code
 // was prepared with the same outcome.
 int NativeRun::FindCalled(const NativeRun* run, const HotCode* code, int function,
-                          const HotOp** entry) {
+                          const HotOp** entry, uint64_t* references) {
   const ZephVM* const vm = run->vm;
   Function* const found = vm->functions ? vm->functions->Lookup(function) : nullptr;
+  if (!found) return -1;
   // The code of a caller is compiled while that of another segment runs, too.
-  if (!found || vm->segment->hot() != code || found->segment() != vm->loaded_segment) return -1;
-  const HotOp* const begin = code->At(found->offset());
-  const std::vector<HotOp>& list = code->FastList();
-  if (!begin || begin < list.data() || begin >= list.data() + list.size()) return -1;
-  *entry = begin;
-  for (const FunctionParameter* parameter : found->slots()) {
-    if (parameter->byreference()) return -1;
+  if (vm->segment->hot() == code && found->segment() == vm->loaded_segment) {
+    const HotOp* const begin = code->At(found->offset());
+    const std::vector<HotOp>& list = code->FastList();
+    if (begin && begin >= list.data() && begin < list.data() + list.size()) *entry = begin;
   }
-  return static_cast<int>(found->slots().size());
+  const std::vector<FunctionParameter*>& parameters = found->slots();
+  if (parameters.size() > 64) return -1;
+  for (size_t i = 0; references && i < parameters.size(); i++) {
+    if (parameters[i]->byreference()) *references |= uint64_t{1} << i;
+  }
+  return static_cast<int>(parameters.size());
 }
 
 bool NativeRun::TakeArguments(NativeRun* run, const HotOp* op) {

@@ -206,10 +206,10 @@ struct NativeRun {
   // many parameters.
   static int CountVariables(const NativeRun* run, int function, int* parameters);
   // If calls of a function from some code stay in that code, *entry receives the record that they
-  // begin at. Returns the number of the function's parameters if they do, and all parameters are
-  // by value; otherwise -1.
+  // begin at. Returns the number of the function's parameters, and *references, if not null, has a
+  // bit for each that is by reference; -1 if that is not known or there are more than 64.
   static int FindCalled(const NativeRun* run, const HotCode* code, int function,
-                        const HotOp** entry);
+                        const HotOp** entry, uint64_t* references = nullptr);
 
  private:
   // The variable of an operand that is a row or a place; null if there is none.

@@ -1102,6 +1102,93 @@ TEST(NativeCode, ArgumentsOnTheStackReachAFunctionOfAnotherSegmentFromTheFirstCa
   EXPECT_EQ(in_turn.result, 1) << in_turn.error;
 }
 
+// A text that a local variable has is a result in itself, however it is used, and whatever the
+// variable that gets it had before.
+TEST(NativeCode, ATextResultGoesToEachUse) {
+  const std::string before[] = {"pushi 3\n", "pushc \"before\"\n", "pushg row\n", "pushg missing\n",
+                                "pushc \"" + std::string(400, 'b') + "\"\n"};
+  std::string body;
+  for (const int length : {0, 1, 2, 7, 8, 31, 255, 256, 257, 5000}) {
+    const std::string call =
+        "pushc \"" + std::string(static_cast<size_t>(length), 't') + "\"\ncall f\n";
+    for (const std::string& value : before) {
+      body += value + "popg r\n" + call + "popg r\npushg r\nout\n";
+    }
+    body += call + "out\n" + call + "pop\n" + call + call + "cat\nout\n" + call + call +
+            "eq\nout\n" + call + "call f\nout\n" + call + "popg other\npushg other\ncall f\n" +
+            "popg other\npushg other\nout\n" + call + "pushg e\npushi 1\nelem\nstore\n" + call +
+            "poprg bound\npushg bound\nout\npushg e\npushi 1\nelem_readonly\ncall g\npopg " +
+            "r\npushg r\nout\n" + call + "call g\nout\n";
+  }
+  body +=
+      "pushc \"12\"\ncall f\npushi 1\nadd\nout\npushc \"12\"\ncall f\npushg structure\n"
+      "pushc \"m\"\nmemb\nstore\n";
+  for (const char* const apart : {"", ".segment 1\n"}) {
+    for (const char* const result : {"pushl p", "pushl t", "pushl h"}) {
+      SCOPED_TRACE(apart + std::string(result));
+      const Outcome outcome = ExpectTheSame(
+          std::string(kRow) + "pushg target\npushg other\nrefer\n" + Loop(body, 6) +
+          ".function g(p)\n.local t\npushl p\ncall f\npopl t\npushl t\nout\npushl p\ncall f\n" +
+          "ret\n.end\n" + std::string(apart) +
+          ".function f(p)\n.local t\n.local h\npushl p\npopl t\n" +
+          "pushl p\npopl h\npushl h\npoprg kept\n" + result + "\nret\n.end\n");
+      EXPECT_EQ(outcome.result, 1) << outcome.error;
+    }
+  }
+}
+
+// The frame that is kept for a function was prepared for calls from the other code each time.
+TEST(NativeCode, AFunctionIsCalledFromSegmentsInTurn) {
+  const std::string f = ".function f(p, q)\n.local v\npushl p\npopl v\npushl v\npushl q\nadd\n";
+  const std::string calls =
+      "pushg n\npushi 1\ncall f\npopg r\npushg r\nout\npushg n\ncall g\nout\npushg n\npushg n\n"
+      "call f\nout\npushg n\ncall h\nout\n";
+  const std::string g = ".function g(p)\npushl p\npushi 2\ncall f\npushi 1\nadd\nret\n.end\n";
+  const std::string h =
+      ".function h(p)\n.local v\npushl p\npushc \"3\"\ncall f\npopl v\npushl v\nret\n.end\n";
+  const std::string programs[] = {
+      Loop(calls, 20) + f + "ret\n.end\n.segment 1\n" + g + h,
+      Loop(calls, 20) + ".segment 1\n" + f + "ret\n.end\n" + g + h,
+      Loop(calls, 20) + ".segment 1\n" + f + "ret\n.end\n" + g + ".segment 2\n" + h,
+      Loop(calls, 20) + ".segment 1\n" + f +
+          "pushg n\npushi 17\neq\njmp_eq end\nadd\nadd\nend: ret\n.end\n.segment 2\n" + g + h,
+  };
+  for (const std::string& program : programs) {
+    SCOPED_TRACE(program);
+    const Outcome outcome = ExpectTheSame(program);
+    EXPECT_GT(outcome.output.size(), 100u);
+  }
+}
+
+// Variables for parameters by reference are on the stack together with other arguments. Each takes
+// one count, also if it is there twice or nothing else has it.
+TEST(NativeCode, ReferencesOnTheStackAreTakenOnce) {
+  const char* const places[] = {"pushg a\n", "pushg row\npushi 2\nelem\n", "pushg to\n",
+                                "pushg made\npushg n\nelem\n", "pushi 7\ncall fresh\n"};
+  const char* const values[] = {"pushi 3\n",   "pushf 0.5\n", "pushc \"text\"\n",
+                                "pushg row\n", "pushg n\n",   "pushc \"1\"\npushc \"2\"\ncat\n"};
+  for (const char* const apart : {"", ".segment 1\n"}) {
+    for (const char* const place : places) {
+      std::string body;
+      for (const char* const value : values) {
+        // The results of calls come to the stack.
+        const std::string same = value + std::string("call same\n");
+        body += place + same + place + "lineno 4\ncall f\nout\n" + "pushg a\n" + same + place +
+                "call f\nout\npushg a\nout\npushg row\npushi 2\nelem_readonly\nout\n" + place +
+                same + "dup\npop\npushg a\ncall f\nout\n";
+      }
+      SCOPED_TRACE(apart + std::string(place));
+      const Outcome outcome = ExpectTheSame(
+          std::string(kRow) + "pushg a\npushg to\nrefer\n" + Loop(body, 10) + kSame +
+          ".function fresh(x)\n.local v\npushl x\npopl v\npushl v\npushc \"m\"\nmemb\nret\n.end\n" +
+          std::string(apart) +
+          ".function f(p var, q, r var)\nincg calls, 1\npushl q\npopl p\npushg calls\n" +
+          "popl r\npushl p\nout\npushl q\nret\n.end\n");
+      EXPECT_EQ(outcome.result, 1) << outcome.error;
+    }
+  }
+}
+
 TEST(NativeCode, AReturnWithoutACallIsAnError) {
   for (const char* const result : {"pushi 7\n", "pushf 0.5\n", "pushg n\n", "pushc \"x\"\n"}) {
     const Outcome outcome = ExpectTheSame("again: incg n, 1\ncmpgi n, 40\njmp_lt again\n" +
@@ -1277,6 +1364,27 @@ TEST(NativeCode, ASegmentMayBeWrittenToByAFunctionThatItCalls) {
           "call touch\nadd\nret\nplain: pushl p\nret\n.end\n.function touch(a) external\n.end\n",
       uses);
   EXPECT_EQ(outcome.result, 1);
+}
+
+// The code of the called function is dropped time and again. Its arguments are on the stack by
+// then.
+TEST(NativeCode, TheSegmentOfACalledFunctionMayBeWrittenTo) {
+  TouchLibraries libraries;
+  const Prepare uses = [&libraries](Machine* machine) {
+    machine->application.SetLibraryManager(&libraries);
+    EXPECT_TRUE(machine->external_calls.RegisterDSO("library"));
+    written_segment = machine->segments.Lookup(1);
+    ASSERT_TRUE(written_segment);
+  };
+  const Outcome outcome = ExpectTheSame(
+      Loop("pushg n\ncall same\npushg n\ncall same\ncall f\nout\npushg n\npushi 9\nmod\njmp_ne no\n"
+           "pushg n\ncall touch\nout\nno: pushg list\npushg n\ncall same\ncall g\nout\n",
+           200) +
+          kSame +
+          ".function touch(a) external\n.end\n.segment 1\n.function f(p, q)\npushl p\n"
+          "pushl q\nadd\nret\n.end\n.function g(p var, q)\npushl q\npopl p\npushl p\nret\n.end\n",
+      uses);
+  EXPECT_EQ(outcome.result, 1) << outcome.error;
 }
 
 // A task has a copy of the code, which becomes machine code of its own.
