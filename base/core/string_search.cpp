@@ -197,8 +197,21 @@ __attribute__((target("avx2"))) int SearchBySixtyFour(const char* pattern, int m
   return -1;
 }
 
+// At most so many places are tested one by one: there is too little text for a step.
+constexpr int kFewPlaces = 15;
+int SearchFew(const char* pattern, int m, const char* text, int n) {
+  for (int t = 0; t <= n - m; ++t) {
+    if (text[t] == pattern[0] && text[t + m - 1] == pattern[m - 1] &&
+        memcmp(text + t + 1, pattern + 1, static_cast<size_t>(m - 2)) == 0) {
+      return t;
+    }
+  }
+  return -1;
+}
+
 // memmem, whose time is linear, searches the places that the vector searches have not tested.
 int ExactSearch(const char* pattern, int m, const char* text, int n) {
+  if (m >= 2 && n - m < kFewPlaces) return SearchFew(pattern, m, text, n);
   static const bool wide = __builtin_cpu_supports("avx2");
   int t = 0;
   if (m >= 2) {

@@ -231,6 +231,13 @@ inline void WakeIfAsleep(Variable* variable) {
       if (argument->length > kShort) *patience = 1;
       variable->Begin(argument->value.text, argument->length);
     } else if (variable && argument->deferred) {
+      const char* const bytes = argument->value.pending->InPlace();
+      if (bytes && argument->value.pending->length() <= kShort) {
+        variable->Begin(bytes, argument->value.pending->length());
+        stack->SetEnd(argument);
+        delete argument->value.pending;
+        continue;
+      }
       *patience = 1;
       const bool chained = argument->kind == ZephVM_Stack::KindLinkBuffer;
       // As a text, the variable keeps the memory that it had in its sleep.

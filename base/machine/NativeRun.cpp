@@ -1157,7 +1157,7 @@ bool NativeRun::TakeArguments(NativeRun* run, const HotOp* op) {
   const _VH_Entry* const rows = called->variables->Rows(&run->called_count);
   const int count = called->simple_parameters;
   for (const _VH_Entry* row = rows; row != rows + count; row++) {
-    if (row->variable) row->variable->RenewScalar();
+    if (row->variable && !row->variable->IsAsleep()) row->variable->RenewScalar();
   }
   if (AreNumbers(called->references, rows, count, run->bottom(), run->top)) {
     for (const _VH_Entry* row = rows + count; row != rows;) {
