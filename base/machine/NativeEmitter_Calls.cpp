@@ -256,21 +256,25 @@ void NativeEmitter::CallOnStack() {
     return (references >> argument & 1) != 0;
   };
   const auto place = [count](int argument) { return (argument - count) * kEntry; };
-  Rare* other = &AddRare([this, record = op, &unusual = Leave()](Rare& self) {
-    const HotOp* const current = std::exchange(op, record);
-    CallWith(reinterpret_cast<const void*>(&NativeRun::TakeArguments));
-    op = current;
-    mov(rbp, ptr[rbx + kTop]);
-    test(al, al);
-    jz(unusual);
-    mov(r14, ptr[rbx + kCalledRows]);
-    jmp(self.back);
-  });
+  const auto add_take = [this](NativeRun::Operation take, Label* done) {
+    return &AddRare([this, take, done, record = op, &unusual = Leave()](Rare& self) {
+      const HotOp* const current = std::exchange(op, record);
+      CallWith(reinterpret_cast<const void*>(take));
+      op = current;
+      mov(rbp, ptr[rbx + kTop]);
+      test(al, al);
+      jz(unusual);
+      mov(r14, ptr[rbx + kCalledRows]);
+      jmp(done ? *done : self.back);
+    });
+  };
+  Rare* unknown = add_take(&NativeRun::TakeArguments, nullptr);
+  Rare* other = add_take(&NativeRun::TakeOthers, &unknown->back);
   if (count < 0) {
-    jmp(other->label);
+    jmp(unknown->label);
   } else {
-    FindKept(other->label, other->label);
-    if (!entry) NeedEntry(other->label);
+    FindKept(unknown->label, unknown->label);
+    if (!entry) NeedEntry(unknown->label);
     if (count > 0) {
       lea(rcx, ptr[rbp - count * kEntry]);
       cmp(rcx, Field(rdx, OfStack::entries));
@@ -316,7 +320,7 @@ void NativeEmitter::CallOnStack() {
     }
     if (count > 0) sub(rbp, count * kEntry);
   }
-  L(other->back);
+  L(unknown->back);
   Enter();
 }
 

@@ -142,6 +142,7 @@ bool NativeEmitter::EmitOnStack() {
     return true;
   }
   if (is_between(HotAction::Equal, HotAction::GreaterEqual)) {
+    SetFallback<&NativeRun::CompareOnStack>();
     LoadEntries(2);
     Compare(HotGroup::OrdersOf(action));
     cvttsd2si(edx, xmm0);

@@ -3,6 +3,7 @@
 #include "base/machine/NativeRun.h"
 
 #include "base/compiled/Function.h"
+#include "base/compiled/HotGroup.h"
 #include "base/core/NumberText.h"
 #include "base/core/Output.h"
 #include "base/values/VariableRef.h"
@@ -74,6 +75,27 @@ bool NativeRun::CalculateOnStack(NativeRun* run, const HotOp* op) {
 Variable* NativeRun::row(HotOperand kind, int position) const {
   const auto table = static_cast<size_t>(kind);
   return static_cast<unsigned>(position) < counts[table] ? rows[table][position].variable : nullptr;
+}
+
+NativeRun::Outcome NativeRun::CompareOnStack(NativeRun* run, const HotOp* op) {
+  Entry* const left = run->top - 2;
+  // Numbers are left to the loop.
+  if (left < run->bottom() || !IsOrdinary(left) || !IsOrdinary(left + 1) ||
+      (IsNumber<IsComparableSlow>(left) && IsNumber<IsComparableSlow>(left + 1))) {
+    return Outcome::Unable;
+  }
+  int difference;
+  if (ZephVM_Stack::CompareWords(left, left + 1, &difference)) {
+    ZephVM_Stack::Free(left + 1);
+    ZephVM_Stack::Free(left);
+  } else {
+    run->TellStack();
+    difference = run->vm->stack->Compare();
+  }
+  const int order = difference < 0 ? 0 : difference == 0 ? 1 : 2;
+  left->SetInteger(HotGroup::OrdersOf(op->single) >> order & 1);
+  run->top = left + 1;
+  return Outcome::Worked;
 }
 
 bool NativeRun::PushVariable(NativeRun* run, const HotOp* op) {
@@ -1154,31 +1176,25 @@ bool NativeRun::TakeArguments(NativeRun* run, const HotOp* op) {
       !IsEnterable(called, called->entry_segment == vm->loaded_segment)) {
     return false;
   }
-  const _VH_Entry* const rows = called->variables->Rows(&run->called_count);
+  run->called = called;
+  return TakeOthers(run, op);
+}
+
+bool NativeRun::TakeOthers(NativeRun* run, const HotOp*) {
+  run->TellStack();
+  ZephVM_FunctionFrame* const called = run->called;
   const int count = called->simple_parameters;
+  if (run->top - count < run->bottom() || !AreArguments(called->references, count, run->top)) {
+    return false;
+  }
+  const _VH_Entry* const rows = called->variables->Rows(&run->called_count);
   for (const _VH_Entry* row = rows; row != rows + count; row++) {
     if (row->variable && !row->variable->IsAsleep()) row->variable->RenewScalar();
   }
-  if (AreNumbers(called->references, rows, count, run->bottom(), run->top)) {
-    for (const _VH_Entry* row = rows + count; row != rows;) {
-      Variable* const parameter = (--row)->variable;
-      const Entry* const argument = --run->top;
-      if (IsDouble(argument)) {
-        parameter->Begin(argument->value.number);
-      } else {
-        parameter->Begin(argument->value.integer);
-      }
-    }
-  } else {
-    if (run->top - count < run->bottom() || !AreArguments(called->references, count, run->top)) {
-      return false;
-    }
-    int wanted_patience = 0;
-    run->top = MoveArguments(called->variables, rows, called->references, count, vm->stack,
-                             &wanted_patience);
-    if (wanted_patience == 1) run->NoteWork();
-  }
-  run->called = called;
+  int wanted_patience = 0;
+  run->top = MoveArguments(called->variables, rows, called->references, count, run->vm->stack,
+                           &wanted_patience);
+  if (wanted_patience == 1) run->NoteWork();
   run->called_rows = rows;
   return true;
 }

@@ -130,6 +130,7 @@ struct NativeRun {
   static Outcome Member(NativeRun* run, const HotOp* op);
   static Outcome PopVariable(NativeRun* run, const HotOp* op);
   static Outcome BindLocal(NativeRun* run, const HotOp* op);  // poprl
+  static Outcome CompareOnStack(NativeRun* run, const HotOp* op);
   static Outcome StoreOnStack(NativeRun* run, const HotOp* op);
   static Outcome Concatenate(NativeRun* run, const HotOp* op);
   static Outcome ConcatenateText(NativeRun* run, const HotOp* op);
@@ -194,6 +195,8 @@ struct NativeRun {
   // Moves the arguments on the stack into the parameters of a kept frame, which can be entered
   // then. Machine code may have begun some of the parameters with numbers.
   static bool TakeArguments(NativeRun* run, const HotOp* op);
+  // The same for the frame in called, which was found to be ready for them.
+  static bool TakeOthers(NativeRun* run, const HotOp* op);
   // These pass the result of the current frame, which the call of it can be ended with then. They
   // return false, and have done nothing, if the loop is to run the record.
   static bool ReturnNumber(NativeRun* run, const HotOp* op);

@@ -1022,6 +1022,38 @@ TEST(NativeCode, ResultsAreArgumentsOfTheNextCall) {
   EXPECT_NE(outcome.error.find("tack underflow"), std::string::npos) << outcome.error;
 }
 
+// Results of calls are compared where they are, on the stack, whatever they are.
+TEST(NativeCode, ResultsOfAllKindsAreCompared) {
+  const std::string values[] = {"pushi 3\n",
+                                "pushf nan\n",
+                                "pushc \"3\"\n",
+                                "pushc \"text\"\n",
+                                "pushc \"" + std::string(5000, 't') + "\"\n",
+                                "pushc \"\"\n",
+                                "pushg row\n",
+                                "pushg missing\n",
+                                "pushc \"te\"\npushc \"xt\"\ncat\n"};
+  for (const char* const compare : {"lt", "le", "eq", "gt", "ge", "ne"}) {
+    std::string body;
+    for (const std::string& a : values) {
+      for (const std::string& b : values) {
+        body += a + "call same\n" + b + "call same\n" + compare + "\nout\n";
+        body +=
+            a + "call same\nlineno 4\n" + b + "lineno 5\n" + compare + "\npopg r\npushg r\nout\n";
+      }
+    }
+    SCOPED_TRACE(compare);
+    const Outcome outcome = ExpectTheSame(kRow + Loop(body, 4) + kSame);
+    EXPECT_EQ(outcome.result, 1) << outcome.error;
+    EXPECT_NE(outcome.output.find('1'), std::string::npos);
+  }
+  // Too few of them.
+  ExpectTheSame(Loop("pushc \"a\"\ncall same\npushg n\npushi 9\nlt\njmp_ne few\neq\nout\n"
+                     "few: pop\n",
+                     12) +
+                kSame);
+}
+
 // A parameter keeps the memory of its last text, which the next one may fit in or not.
 TEST(NativeCode, TextsOfAllLengthsAreArguments) {
   std::string body;
