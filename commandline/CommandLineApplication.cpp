@@ -290,9 +290,8 @@ bool CommandLineApplication::LoadScript(const char* named, File* file, TaggedFil
   if (has_library && !tables.config->LoadScriptConfig(path.data, file)) {
     return Fail("configuration", tables.config->error());
   }
-  int owner;
   String reason;
-  return ReadScript(&tables, owned.release(), tagged, path, &owner, &reason) || Fail(named, reason);
+  return ReadScript(&tables, owned.release(), tagged, path, &reason) || Fail(named, reason);
 }
 
 // Runs after the script is loaded, so that settings for this script alone count. Without dir_data a

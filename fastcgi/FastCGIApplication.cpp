@@ -132,7 +132,7 @@ bool FastCGIApplication::Prepare(TaggedFile* tagged, String* path) {
   file_manager->MaxFiles(configuration->value_integer(Config_max_files));
   file_manager->SecurityOptions(configuration->value_integer(Config_flags_security));
   File* file = nullptr;
-  if (!GetScriptInformation(&file, *path)) return false;
+  if (!GetScriptInformation(&file, tagged, *path)) return false;
   OwnStatus::SetScript(*path);
   return LoadScript(file, tagged, *path) && ProcessConfiguration();
 }

@@ -34,9 +34,6 @@ class FastCGIApplication : public FastCGIBaseApplication {
   // Sends a failure of the configuration, followed by the setting info_serveradmin if there is one.
   virtual void ConfigurationError(const String& text);
 
-  // The user id that owns the script file; 0 until the file is read.
-  int ScriptOwner() const { return owner_id; }
-
  private:
   // How many bytes of a body, or of a query, are parsed between two looks at the time limit.
   static constexpr int kInputBlock = 8192;
@@ -52,7 +49,7 @@ class FastCGIApplication : public FastCGIBaseApplication {
   void SettingIsMissing(const char* name, const char* text);
   // The script and its environment (fastcgi/FastCGIEnvironment.cpp):
   void TakeScriptName();
-  bool GetScriptInformation(File** file, String& path);
+  bool GetScriptInformation(File** file, TaggedFile* tagged, String& path);
   bool ScriptRoot(const char** path, String* root, bool* has_root);
   bool OpenScript(File** file, String& path);
   bool LoadScript(File* file, TaggedFile* tagged, const String& path);
@@ -86,7 +83,6 @@ class FastCGIApplication : public FastCGIBaseApplication {
   std::unique_ptr<RequestVariables> request_variables;  // null once the table has them
   const char* working_directory;
   char cookie_room[160];  // the usual cookie's header field
-  int owner_id = 0;
   int started_tasks = 0;  // including those that have ended
   // Copies, because a library may set a setting again, which frees its old text. Null if not set.
   String script_root;

@@ -79,7 +79,7 @@ void FastCGIApplication::TakeScriptName() {
   parameters.path_info = parameters.script_name;
 }
 
-bool FastCGIApplication::GetScriptInformation(File** file, String& path) {
+bool FastCGIApplication::GetScriptInformation(File** file, TaggedFile* tagged, String& path) {
   const char* text;
   String query;
   if (parameters.path_info) {
@@ -98,7 +98,7 @@ bool FastCGIApplication::GetScriptInformation(File** file, String& path) {
   if (!ScriptRoot(&text, &root, &has_root)) return false;
   path.assign(text, -1);
   if (has_root && user_name.length == 0) {
-    *file = file_manager->OpenScript(&root, text);
+    *file = file_manager->OpenScript(&root, text, tagged);
     if (*file) return true;
   }
   if (!file_manager->InitializeScriptDirectory(has_root ? root.data : nullptr,
@@ -172,6 +172,6 @@ bool FastCGIApplication::LoadScript(File* file, TaggedFile* tagged, const String
     return false;
   }
   String reason;
-  return ReadScript(&tables, owned.release(), tagged, path, &owner_id, &reason) ||
+  return ReadScript(&tables, owned.release(), tagged, path, &reason) ||
          ExecuteError(path, reason, false);
 }

@@ -96,7 +96,7 @@ bool TaggedFile::Open(const char* name, File* opened) {
     TaggedFile* self;
     bool good = false;
   };
-  Close();
+  if (!ahead) Close();
   file_name.assign(name);
   {
     Attempt attempt{this};
@@ -106,6 +106,18 @@ bool TaggedFile::Open(const char* name, File* opened) {
   }
   file_name.assign("");
   return false;
+}
+
+char* TaggedFile::RoomAhead() {
+  Close();
+  NeedWindow();
+  return window_buffer.get();
+}
+
+void TaggedFile::HasAhead(int count) {
+  window = window_buffer.get();
+  window_length = count;
+  ahead = true;
 }
 
 void TaggedFile::Close() {
@@ -124,6 +136,7 @@ void TaggedFile::Forget() {
   position = 0;
   file_position = -1;
   file_length = -1;
+  ahead = false;
   DropWindow();
 }
 
@@ -160,13 +173,16 @@ const char* TaggedFile::Windowed(long offset, long long length) const {
   return window + (offset - window_start);
 }
 
+void TaggedFile::NeedWindow() {
+  if (window_buffer) return;
+  window_buffer =
+      spare_window ? std::move(spare_window) : std::make_unique_for_overwrite<char[]>(WindowSize);
+}
+
 // Moves the window to an offset, which is the current position of the file. Reads `wanted` bytes,
 // or as many as fit.
 void TaggedFile::FillWindow(long offset, long long wanted) {
-  if (!window_buffer) {
-    window_buffer =
-        spare_window ? std::move(spare_window) : std::make_unique_for_overwrite<char[]>(WindowSize);
-  }
+  NeedWindow();
   int room = static_cast<int>(std::min<long long>(wanted, WindowSize));
   window_length = std::max(FileRead(window_buffer.get(), room), 0);
   window = window_buffer.get();
@@ -202,7 +218,8 @@ int TaggedFile::ReadAt(long offset, char* buffer, int length) {
 // --- Header and directory ------------------------------------------------------------------------
 
 bool TaggedFile::Header_Read() {
-  if (SeekTo(0)) FillWindow(0, WindowSize);
+  if (!ahead && SeekTo(0)) FillWindow(0, WindowSize);
+  ahead = false;
   const auto* bytes = reinterpret_cast<const unsigned char*>(Windowed(0, HeaderSize));
   if (!bytes) {
     Error(CorruptText);

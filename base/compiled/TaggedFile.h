@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "base/core/Limits.h"
 #include "base/core/StringClass.h"
 
 class File;
@@ -58,6 +59,12 @@ class TaggedFile {
   // The same with a file that the caller has opened. Adopts it on success; on failure it stays open
   // and the caller's, and name() is empty.
   [[nodiscard]] bool Open(const char* name, File* opened);
+  // For code that reads a file when it opens it. RoomAhead closes any open file, and returns memory
+  // of the object's own for the first kAhead bytes of the one that Open gets next. HasAhead tells
+  // how many were read; Open does not read them again.
+  static constexpr int kAhead = kCompiledFileWindow;
+  char* RoomAhead();
+  void HasAhead(int count);
   // Deletes the File object, if there is one, and forgets its directory.
   void Close();
   // Gives the descriptor back until the next read, so that a running script holds none.
@@ -143,6 +150,7 @@ class TaggedFile {
   int FileRead(char* buffer, int length);
   int ReadAt(long offset, char* buffer, int length);
   const char* Windowed(long offset, long long length) const;
+  void NeedWindow();
   void FillWindow(long offset, long long wanted);
   void DropWindow();
   long FileLength();
@@ -166,6 +174,7 @@ class TaggedFile {
   int written_length = 0;
 
   bool writing = false;  // a flag, because a section may have tag 0
+  bool ahead = false;    // the window has the first bytes of the next file
   // The position of the file itself, which a read from the window does not move. -1 if unknown.
   long file_position = -1;
   long file_length = -1;  // -1 until FileLength reads it

@@ -389,9 +389,9 @@ UNIXApplication::LibraryFile UNIXApplication::LookAtLibrary(const char* path) {
 }
 
 bool UNIXApplication::ReadScript(ScriptTables* tables, File* file, TaggedFile* tagged,
-                                 const String& path, int* owner, String* reason) {
+                                 const String& path, String* reason) {
   std::unique_ptr<File> owned(file);
-  if (!file->OwnerID(owner) || !tagged->Open(path.data, file)) {
+  if (!tagged->Open(path.data, file)) {
     *reason = tagged->error();
     return false;
   }

@@ -93,9 +93,9 @@ class UNIXApplication : public ZephApplication {
   static LibraryFile LookAtLibrary(const char* path);
 
   // Opens the file as a compiled script and reads it into the tables. Adopts the file in any case.
-  // *owner receives its user id. On failure returns false with the text in *reason.
+  // On failure returns false with the text in *reason.
   [[nodiscard]] bool ReadScript(ScriptTables* tables, File* file, TaggedFile* tagged,
-                                const String& path, int* owner, String* reason);
+                                const String& path, String* reason);
 
   // Applies the memory limit of the settings to the current run of this thread.
   void LimitMemory();

@@ -47,6 +47,9 @@ UNIXFile::UNIXFile(UNIXFileManager* manager, int descriptor, int flags, Zeph_Pat
   Settle();
 }
 
+UNIXFile::UNIXFile(UNIXFileManager* manager, int descriptor, const char* script)
+    : File(manager, ZephPath_Script, script), descriptor(descriptor), flags(O_RDONLY) {}
+
 UNIXFile::~UNIXFile() {
   UNIXFile::Release();
   if (descriptor >= 0) close(descriptor);
@@ -136,6 +139,16 @@ int UNIXFile::Read(char* buffer, int length) {
   if (place < 0) return Moved(Retry([&] { return system_calls.read(descriptor, buffer, size); }));
   if (window.Read(descriptor, place, buffer, size)) return Moved(length);
   return Moved(Retry([&] { return system_calls.pread(descriptor, buffer, size, place); }));
+}
+
+// A file that can be read at a place is treated as a regular one: its position is kept here.
+int UNIXFile::ReadAhead(char* buffer, int length) {
+  const auto size = static_cast<size_t>(length);
+  const ssize_t count = Retry([&] { return system_calls.pread(descriptor, buffer, size, 0); });
+  if (count < 0) return -1;
+  is_regular = true;
+  place = 0;
+  return static_cast<int>(count);
 }
 
 int UNIXFile::Write(const char* bytes, int length) {

@@ -33,6 +33,9 @@ class UNIXFile : public File {
   UNIXFile(UNIXFileManager* manager, int descriptor, int flags, const char* path);
   UNIXFile(UNIXFileManager* manager, int descriptor, int flags, Zeph_PathType type,
            const char* path);
+  // A script that was opened for reading, of which the system is not asked before something needs
+  // it. ReadAhead mostly is enough.
+  UNIXFile(UNIXFileManager* manager, int descriptor, const char* script);
   ~UNIXFile() override;
 
   using File::Read;
@@ -52,6 +55,10 @@ class UNIXFile : public File {
   void Release() override;
   bool Activate(String& error) override;
   void Deactivate() override;
+  // Reads the first bytes of a file that was just opened. The file stays as if nothing was read.
+  // Returns their count, or -1 without a text: of a directory, of a file without positions, and
+  // after an error. REQUIRES: no other operation was called.
+  [[nodiscard]] int ReadAhead(char* buffer, int length);
   // Also false for a deactivated file.
   bool IsLockable(FileLockType type, long start, long length) override;
 

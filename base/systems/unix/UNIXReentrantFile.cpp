@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "base/compiled/TaggedFile.h"
 #include "base/systems/unix/SystemCalls.h"
 #include "base/systems/unix/UNIXPathWalk.h"
 
@@ -306,7 +307,8 @@ UNIXReentrantFileManager::UNIXReentrantFileManager(ZephApplication* application,
                                                    UNIXReentrantFileManager& other)
     : UNIXFileManager(application, other, WalkByDescriptor) {}
 
-File* UNIXReentrantFileManager::OpenScript(String* directory, const char* path) {
+File* UNIXReentrantFileManager::OpenScript(String* directory, const char* path,
+                                           TaggedFile* tagged) {
   constexpr int special =
       FileSecurity_ScriptSymlinks | FileSecurity_ScriptOtherOwner | FileSecurity_ScriptAbsolute;
   const char* root = directory->data;
@@ -320,9 +322,11 @@ File* UNIXReentrantFileManager::OpenScript(String* directory, const char* path) 
   if (!base.is_open()) return nullptr;
   FileDescriptor opened(OpenInOneCall(base.get(), path));
   if (!opened.is_open()) return nullptr;
-  std::unique_ptr<File> file(Adopt(opened, FileMode_Read, ZephPath_Script, path));
-  bool is_directory;
-  if (!file->IsDirectory(&is_directory) || is_directory) return nullptr;
+  auto script = std::make_unique<UNIXFile>(this, opened.get(), path);
+  (void)opened.release();
+  const int count = script->ReadAhead(tagged->RoomAhead(), TaggedFile::kAhead);
+  if (count < 0) return nullptr;
+  std::unique_ptr<File> file(FileOpened(script.release()));
   // Adopts the text only when nothing can fail any more.
   auto text = std::make_unique<UNIXFilePath>(directory->data, false);
   (void)directory->release();
@@ -330,6 +334,7 @@ File* UNIXReentrantFileManager::OpenScript(String* directory, const char* path) 
   script_path = text.release();
   if (script_directory >= 0) close(script_directory);
   script_directory = base.release();
+  tagged->HasAhead(count);
   return file.release();
 }
 

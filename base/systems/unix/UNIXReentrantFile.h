@@ -6,6 +6,8 @@
 
 #include "base/systems/unix/UNIXFile.h"
 
+class TaggedFile;
+
 // Made by an application and used on its thread. Each thread has its own.
 class UNIXReentrantFileManager : public UNIXFileManager {
  public:
@@ -21,8 +23,10 @@ class UNIXReentrantFileManager : public UNIXFileManager {
   // Returns null and stores no text if that is not sure, or if there is no such file:
   // InitializeScriptDirectory and Open then find out, and nothing has changed. On success the
   // directory is as InitializeScriptDirectory leaves it, and takes the text of its path out of
-  // *directory. REQUIRES: SecurityOptions and MaxFiles were called before.
-  [[nodiscard]] File* OpenScript(String* directory, const char* path);
+  // *directory; *tagged, which gets the file next, has its first bytes. They are read at once,
+  // because that tells a file from a directory too. REQUIRES: SecurityOptions and MaxFiles were
+  // called before.
+  [[nodiscard]] File* OpenScript(String* directory, const char* path, TaggedFile* tagged);
 
   // Opens a directory, or any file that the path names, for reading. A relative path starts at
   // `base`; AT_FDCWD is the working directory. Links are followed only with symlinks set; without

@@ -15,12 +15,14 @@
 #include <utility>
 #include <vector>
 
+#include "base/compiled/TaggedFile.h"
 #include "base/core/ThreadMemory.h"
 #include "base/systems/unix/UNIXPathWalk.h"
 #include "tests/base/systems/unix/FileFixture.h"
 #include "tests/support/FailingAllocator.h"
 #include "tests/support/FailingSystemCalls.h"
 #include "tests/support/OtherUser.h"
+#include "tools/Assembler.h"
 
 namespace {
 
@@ -256,7 +258,8 @@ class ReentrantScript : public Reentrant {
   static std::string Content(UNIXReentrantFileManager* manager, const std::string& root,
                              const std::string& path) {
     String directory(root.c_str());
-    const std::unique_ptr<File> file(manager->OpenScript(&directory, path.c_str()));
+    TaggedFile tagged(manager);
+    const std::unique_ptr<File> file(manager->OpenScript(&directory, path.c_str(), &tagged));
     if (!file) {
       EXPECT_STREQ(directory.data, root.c_str());
       return "-";
@@ -332,7 +335,8 @@ TEST_F(ReentrantScript, DirectoryThatIsNotAbsoluteIsLeftToTheOtherRoad) {
   EXPECT_EQ(Content(&files, "", "script/page.zpc"), "-");
   std::filesystem::current_path(before);
   String none;
-  EXPECT_EQ(files.OpenScript(&none, "page.zpc"), nullptr);
+  TaggedFile tagged(&files);
+  EXPECT_EQ(files.OpenScript(&none, "page.zpc", &tagged), nullptr);
 }
 
 TEST_F(ReentrantScript, DirectoriesOnItsWayMustBeReadable) {
@@ -381,7 +385,8 @@ TEST_F(ReentrantScript, ItsDirectoryStaysTheOneThatItCameFrom) {
   };
   UNIXReentrantFileManager request(&application);
   String directory(root.c_str());
-  const std::unique_ptr<File> script(request.OpenScript(&directory, "page.zpc"));
+  TaggedFile tagged(&request);
+  const std::unique_ptr<File> script(request.OpenScript(&directory, "page.zpc", &tagged));
   ASSERT_NE(script, nullptr);
   std::filesystem::rename(root, tree.path("script.old"));
   tree.File("script/page.zpc", "new page");
@@ -429,12 +434,13 @@ TEST_F(ReentrantScript, EachOfItsSystemCallsMayFail) {
   std::unique_ptr<UNIXReentrantFileManager> manager;
   std::unique_ptr<File> file;
   String directory;
+  TaggedFile tagged(&files);
   SystemCallSweep sweep;
   sweep.prepare = [&] {
     manager = std::make_unique<UNIXReentrantFileManager>(&application);
     directory.assign(root.c_str());
   };
-  sweep.run = [&] { file.reset(manager->OpenScript(&directory, "a/b/page.zpc")); };
+  sweep.run = [&] { file.reset(manager->OpenScript(&directory, "a/b/page.zpc", &tagged)); };
   sweep.check = [&](const SystemCallFault& fault) {
     EXPECT_TRUE(file || !fault.call.empty());
     // With the script there is its directory, and without it nothing has changed.
@@ -452,10 +458,58 @@ TEST_F(ReentrantScript, EachOfItsBlocksMayBeRefused) {
   const long blocks = ExpectNothingIsLost([this] {
     UNIXReentrantFileManager manager(&application);
     String directory(root.c_str());
-    const std::unique_ptr<File> file(manager.OpenScript(&directory, "a/b/page.zpc"));
+    TaggedFile tagged(&manager);
+    const std::unique_ptr<File> file(manager.OpenScript(&directory, "a/b/page.zpc", &tagged));
     EXPECT_NE(file, nullptr);
   });
   EXPECT_GE(blocks, 3);
+}
+
+int questions;
+int reads;
+
+// Its first bytes are there when it is opened. For code that uses the file meanwhile, such as a
+// configuration library, it is one of which nothing was read.
+TEST_F(ReentrantScript, IsReadWhenItIsOpened) {
+  std::string compiled, errors;
+  ASSERT_TRUE(AssembleScript("pushc \"text\"\nout\nexit\n", "compiled", &compiled, &errors));
+  tree.File("script/compiled.zpc", compiled);
+  RestoredSystemCalls restored;
+  questions = reads = 0;
+  system_calls.fstat = [](int descriptor, struct stat* status) {
+    questions++;
+    return fstat(descriptor, status);
+  };
+  system_calls.pread = [](int descriptor, void* buffer, size_t size, off_t place) {
+    reads++;
+    return pread(descriptor, buffer, size, place);
+  };
+  String directory(root.c_str());
+  TaggedFile tagged(&files);
+  std::unique_ptr<File> file(files.OpenScript(&directory, "compiled.zpc", &tagged));
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(questions, 0);
+  EXPECT_EQ(reads, 1);
+  char first[4];
+  EXPECT_EQ(file->Tell(), 0);
+  ASSERT_EQ(file->Read(first, sizeof first), 4);
+  EXPECT_EQ(std::string(first, 4), compiled.substr(0, 4));
+  int owner;
+  EXPECT_TRUE(file->OwnerID(&owner));
+  EXPECT_EQ(owner, static_cast<int>(geteuid()));
+  EXPECT_EQ(file->Length(), static_cast<long>(compiled.size()));
+  reads = 0;
+  ASSERT_TRUE(tagged.Open("compiled.zpc", file.get()));
+  EXPECT_EQ(reads, 0);
+  EXPECT_GT(tagged.Sections(), 0);
+  (void)file.release();
+  // If another file is opened instead, that one is read.
+  directory.assign(root.c_str());
+  file.reset(files.OpenScript(&directory, "page.zpc", &tagged));
+  ASSERT_NE(file, nullptr);
+  reads = 0;
+  EXPECT_TRUE(tagged.Open(tree.path("script/compiled.zpc").c_str(), FileMode_Read));
+  EXPECT_EQ(reads, 1);
 }
 
 TEST_F(ReentrantScript, WhatIsNotOneLeavesNoDescriptorOpen) {
@@ -507,7 +561,8 @@ TEST_F(ReentrantScript, KeepsTheFlagsItWasOpenedWith) {
 TEST_F(ReentrantScript, IsReadAgainAfterItWasDeactivated) {
   UNIXReentrantFileManager manager(&application);
   String directory(root.c_str());
-  const std::unique_ptr<File> file(manager.OpenScript(&directory, "a/b/page.zpc"));
+  TaggedFile tagged(&manager);
+  const std::unique_ptr<File> file(manager.OpenScript(&directory, "a/b/page.zpc", &tagged));
   ASSERT_NE(file, nullptr);
   manager.DeactivateFile(file.get());
   char text[4];
