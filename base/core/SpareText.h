@@ -5,7 +5,6 @@
 #ifndef ZEPH_BASE_SPARETEXT_H
 #define ZEPH_BASE_SPARETEXT_H
 
-#include <algorithm>
 #include <cstddef>
 
 #include "base/core/BufferRoom.h"
@@ -30,24 +29,35 @@ class SpareText : private FreeLists {
   // of two is kept. A variable may tell less than its buffer has, so the allocator is asked.
   static void Give(char* buffer, int bytes) {
     if (static_cast<unsigned>(bytes - 1) < static_cast<unsigned>(kMost) && buffer && open &&
-        static_cast<size_t>(bytes) > kept_bytes) {
-      const size_t room = BufferRoom(buffer);
-      if (room > 0 && room <= kMost) {
-        char* const smaller = kept_bytes > 0 ? kept : nullptr;
-        kept = buffer;
-        kept_bytes = std::min(static_cast<size_t>(bytes), room);
-        buffer = smaller;
-      }
+        static_cast<size_t>(bytes) > kept_bytes && IsSmall(buffer)) {
+      char* const smaller = kept_bytes > 0 ? kept : nullptr;
+      kept = buffer;
+      kept_bytes = static_cast<size_t>(bytes);
+      buffer = smaller;
     }
     delete[] buffer;
   }
   static void Drop() {
+    small[0] = small[1] = nullptr;
     if (kept_bytes == 0) return;
     kept_bytes = 0;
     delete[] kept;
   }
 
  private:
+  // Whether a buffer may be kept. Mostly two of them take turns, a function's result and the one
+  // that is made meanwhile; the allocator is asked once about these. If one of the two was freed
+  // elsewhere since, and a larger buffer is at its place now, that one may be kept for a while.
+  static bool IsSmall(const char* buffer) {
+    if (buffer == small[0] || buffer == small[1]) return true;
+    const size_t room = BufferRoom(buffer);
+    if (room == 0 || room > kMost) return false;
+    small[1] = small[0];
+    small[0] = buffer;
+    return true;
+  }
+
+  static constinit inline thread_local const char* small[2] = {};
   static constinit inline thread_local char* kept = nullptr;
   static constinit inline thread_local size_t kept_bytes = 0;  // 0 if there is none
 };
