@@ -23,6 +23,7 @@ bool NativeEmitter::Make() {
   EmitAppend();
   EmitTextSubroutines();
   NoteStoredDoubles();
+  NoteGoals();
   std::vector<bool> known(list.size());
   const auto emit = [this, &known](size_t place) {
     at = place;
@@ -30,9 +31,12 @@ bool NativeEmitter::Make() {
     leave = nullptr;
     fallback = Fallback::None;
     passed = 0;
+    keeps = !is_aside && Keeps(*op);
+    if (is_aside || goals[at]) kept = {};
     EnterRecord(std::exchange(left_behind, -1));
     known[at] = Emit();
     if (!known[at]) jmp(Leave());
+    if (!keeps || !known[at]) kept = {};
   };
   // What records do together with those before them comes after all that, so that the usual code
   // has no jumps over it.
@@ -46,6 +50,8 @@ bool NativeEmitter::Make() {
     emit(later[i]);
     if (i + 1 == later.size() || later[i + 1] != later[i] + 1) jmp(labels[later[i] + 1]);
   }
+  kept = {};
+  keeps = false;
   EmitRares();
   EmitConstants();
   ready(PROTECT_RE);
@@ -58,55 +64,6 @@ bool NativeEmitter::Make() {
   rares.clear();
   labels.clear();
   return true;
-}
-
-// Binds the label of the record. If it begins with the temporary that the last record has left in
-// xmm0, those that come from elsewhere load it first.
-void NativeEmitter::EnterRecord(int arriving) {
-  in_register[0] = in_register[1] = -1;
-  if (is_aside || arriving < 0 || !BeginsWith(arriving)) {
-    L(labels[at]);
-    return;
-  }
-  Rare* load = &AddRare([this, place = at, arriving](Rare& self) {
-    L(labels[place]);
-    movsd(xmm0, NumberAt(arriving));
-    jmp(self.back);
-  });
-  L(load->back);
-  in_register[0] = arriving;
-}
-
-// Whether the current record reads a temporary before it changes xmm0.
-bool NativeEmitter::BeginsWith(int temporary) const {
-  const HotAction action = op->action;
-  const auto is_of = [action](HotAction first, int families) {
-    return FamilyOf(action, first, families) >= 0;
-  };
-  const auto is_between = [action](HotAction first, HotAction last) {
-    return action >= first && action <= last;
-  };
-  const auto is_number = [temporary](HotOperand kind, int offset) {
-    return (kind == HotOperand::Temporary || kind == HotOperand::Place) && offset == temporary;
-  };
-  const bool is_left = is_number(op->left, op->first);
-  const bool is_right = is_number(op->right, op->second);
-  if (IsAt(action, HotAction::LoadElementAtGlobal) ||
-      IsAt(action, HotAction::MoveElementAtGlobal) ||
-      IsAt(action, HotAction::FindElementAtGlobal)) {
-    return is_right;
-  }
-  if (IsAt(action, HotAction::StoreElementAtGlobal)) {
-    return is_right || (op->into == HotOperand::Temporary && op->third == temporary);
-  }
-  const bool has_pair =
-      is_of(HotAction::AddOfGlobalGlobal, 4) || is_of(HotAction::AddToGlobalGlobal, 4) ||
-      is_of(HotAction::JumpIfLessGlobalGlobal, 6) || is_of(HotAction::CompareOfGlobalGlobal, 1) ||
-      is_between(HotAction::ModOf, HotAction::ShiftRightOf) ||
-      is_between(HotAction::ModTo, HotAction::ShiftRightTo) || action == HotAction::AndOf ||
-      action == HotAction::OrOf || action == HotAction::AndTo || action == HotAction::OrTo ||
-      action == HotAction::CompareTo || action == HotAction::CompareOf;
-  return has_pair && (is_left || is_right);
 }
 
 // An operation may run out of memory, and the exception passes through the code. Its frame is the
@@ -224,7 +181,7 @@ NativeEmitter::Label& NativeEmitter::Leave() {
 // Makes the code of one record. Returns false if it is left to the loop.
 bool NativeEmitter::Emit() {
   // A group that is set aside at the moment has its action in single.
-  const HotAction action = op->action == HotAction::Rest ? op->single : op->action;
+  const HotAction action = ActionOf(*op);
   const bool has_place = op->left == HotOperand::Place || op->right == HotOperand::Place;
   int family = FamilyOf(action, HotAction::AddOfGlobalGlobal, 4);
   if (family >= 0) {
@@ -250,10 +207,11 @@ bool NativeEmitter::Emit() {
       return kind == HotOperand::Temporary || kind == HotOperand::Place;
     };
     SetFallback(&NativeRun::Compare<&NativeRun::OrderOfUnusual>, op->target);
-    TryWords(op->left, op->first, op->right, op->second, op->orders);
+    Rare* const words = TryWords(op->left, op->first, op->right, op->second, op->orders);
     LoadNumber(xmm0, op->left, op->first);
     LoadNumber(xmm1, op->right, op->second);
     JumpIf(op->orders, is_temporary(op->left) || is_temporary(op->right), op->target);
+    if (words) L(words->back);
     return true;
   }
   if (compares && FamilyOf(action, HotAction::CompareOfGlobalGlobal, 1) >= 0) {
@@ -296,7 +254,7 @@ bool NativeEmitter::Emit() {
   }
   if (IsAt(action, HotAction::FindElementAtGlobal)) {
     SetFallback<&NativeRun::FindElement>();
-    LoadOwnTree();
+    LoadOwnArray();
     SearchSlot(Leave());
     mov(byte[rcx + OfElements::isolated], 0);
     mov(PlaceAt(op->third), rax);
@@ -364,14 +322,25 @@ bool NativeEmitter::Emit() {
       mov(rcx, RowAt(op->into, op->third));
       test(rcx, rcx);
       jz(Leave());
-      Rare* const word = &AddRare([this, &unusual = Leave()](Rare& self) {
-        call(copy_word);
-        jc(unusual);
-        jmp(self.back);
-      });
+      const bool may_be_kept = KeepsNumbers(op->third);
+      Rare* const word =
+          &AddRare([this, may_be_kept, &next = labels[at + 1], &unusual = Leave()](Rare& self) {
+            call(copy_word);
+            jc(unusual);
+            if (may_be_kept) {
+              cmp(dword[rcx + OfVariable::holders], 1);
+              jne(next);
+            }
+            jmp(self.back);
+          });
       mov(eax, dword[rsi + OfVariable::state]);
       cmp(eax, dword[rcx + OfVariable::state]);
       jne(word->label);
+      if (may_be_kept) {
+        // Another name of the variable may be kept.
+        cmp(dword[rcx + OfVariable::holders], 1);
+        jne(Leave());
+      }
       cmp(eax, OfVariable::integer_alone);
       je(as_integer);
       cmp(eax, OfVariable::double_alone);
@@ -386,6 +355,7 @@ bool NativeEmitter::Emit() {
       mov(dword[rcx + OfVariable::primary], PrimaryInteger);
       L(done);
       L(word->back);
+      DropNumbers(op->third);
       return true;
     }
     case HotAction::MoveNumber:

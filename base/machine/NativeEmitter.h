@@ -10,6 +10,9 @@
 //   r14  the rows of the parameters of the call that is prepared
 //   r15  the machine
 //
+// Between two records of straight code, xmm4 to xmm15 may keep what was read of a variable; see
+// KeptAs.
+//
 // The temporaries of a group are in the NativeRun, as they are for the loop.
 
 #ifndef ZEPH_BASE_NATIVEEMITTER_H
@@ -20,6 +23,7 @@
 #define XBYAK_NO_EXCEPTION
 #include <xbyak/xbyak.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -103,12 +107,28 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   static constexpr int kCalledRows = offsetof(NativeRun, called_rows);
   static constexpr int kOp = offsetof(NativeRun, op);
   static constexpr int kHeld = offsetof(NativeRun, held);
+  static constexpr int kKept = offsetof(NativeRun, kept);
   static constexpr int kJoined = offsetof(NativeRun, joined);
   static constexpr int kTemporaries = offsetof(NativeRun, temporaries);
   static constexpr int kForms = kTemporaries + static_cast<int>(offsetof(hot::Temporaries, forms));
 
   // What is tried where the usual code does not apply, by the type of the function.
   enum class Fallback { None, Operation, Result, Work, Comparison, Truth, Transfer };
+
+  // What a register keeps of a variable, so that the records after it need not look at the
+  // variable: its number, its integer, or the tree of the array or structure that it is, if it is a
+  // reference of what it refers to. A number is dropped where the variable may change. A tree lasts
+  // longer: code that runs no operation in C++ only stores numbers, and a variable with elements
+  // takes none.
+  enum class KeptAs : uint8_t { Number, Integer, Array, Structure };
+  struct Kept {
+    KeptAs as = KeptAs::Number;
+    HotOperand kind = HotOperand::Global;  // of a row
+    int offset = -1;                       // -1 for a register that is free
+  };
+  static constexpr int kFirstKept = 4;
+  static constexpr int kMostKept = 12;
+  using KeptRegisters = std::array<Kept, kMostKept>;  // of xmm4 and those after it
 
   // A piece of code that is seldom run. They come after all others, so that what is usual is in a
   // row.
@@ -193,13 +213,32 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   bool HoldsInteger(HotOperand kind, int offset) const;
   void NoteStoredDoubles();
   void LoadInteger(const Reg32& integer, HotOperand kind, int offset);
-  void StoreNumber();
-  Rare* StoreInTarget(const void* operation, int form);
+  void StoreNumber(bool is_last = true);
+  void StoreInTarget(const void* operation, int form, bool is_last);
+  void WriteNumber(int form);
   void MakeForm(int form, Label& unusual);
-  void StoreInteger();
+  void StoreInteger(bool is_last = true);
   void SetTemporary();
   bool BeginsWith(int temporary) const;
   void EnterRecord(int arriving);
+  static HotAction ActionOf(const HotOp& record) {
+    return record.action == HotAction::Rest ? record.single : record.action;
+  }
+  void NoteGoals();
+  static bool Keeps(const HotOp& record);
+  static size_t LengthOf(const HotOp& record);
+  static bool Reads(const HotOp& record, Kept what);
+  static bool Changes(const HotOp& record, Kept what);
+  bool IsReadAgain(Kept what) const;
+  int FindKept(KeptAs as, HotOperand kind, int offset) const;
+  int Keep(KeptAs as, HotOperand kind, int offset, bool alone = false);
+  bool KeepsAny() const;
+  bool KeepsNumbers(int but = -1) const;
+  void DropNumbers(int offset);
+  void SaveKept(const KeptRegisters& saved);
+  void RestoreKept(const KeptRegisters& saved);
+  void LoadKept(Label& fails);
+  void LoadTree(KeptAs kind);
   void Accumulate(int operation);
   void Calculate(int operation, const Xbyak::Operand& right);
   void Calculate(int operation) { Calculate(operation, xmm1); }
@@ -218,7 +257,7 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   void StoreCompared(bool is_stored);
   Label& CompareWord();
   void NeedLetter(const Reg32& length, Label& unusual);
-  void TryWords(HotOperand left, int first, HotOperand right, int second, unsigned char orders);
+  Rare* TryWords(HotOperand left, int first, HotOperand right, int second, unsigned char orders);
   void LoadText(const Reg64& variable, HotOperand kind, int offset);
   void EmitTextSubroutines();
   void SendWord(const HotOp* record, Label& done);
@@ -232,8 +271,8 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   bool EmitValues();
   void FindTree(int kind);
   void FindSlot();
-  void LoadTree();
-  void LoadOwnTree();
+  void LoadArray();
+  void LoadOwnArray();
   void SearchSlot(Label& missing);
   bool HoldsIntegers(HotOperand kind, int offset) const;
   void ReadSlot(bool is_integer, Label& as_double, Label& as_integer, Label& has_variable);
@@ -317,6 +356,9 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   // record has not changed these. -1 for none.
   int left_behind = -1;
   int in_register[2] = {-1, -1};
+  KeptRegisters kept;
+  bool keeps = false;       // whether the current record leaves them as they are
+  std::vector<bool> goals;  // by record: whether the code jumps to it
   const HotOp* op = nullptr;
   Rare* leave = nullptr;  // where the loop runs the record
   // What is tried before that. It does all the work of the record again, whatever was done.

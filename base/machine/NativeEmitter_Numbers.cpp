@@ -68,6 +68,11 @@ void NativeEmitter::LoadNumber(const Xmm& number, HotOperand kind, int offset) {
     LoadConstant(number, op->number);
     return;
   }
+  const int found = FindKept(KeptAs::Number, kind, offset);
+  if (found >= 0) {
+    movaps(number, Xmm(found));
+    return;
+  }
   LoadVariable(rcx, kind, offset);
   const bool is_integer = HoldsInteger(kind, offset);
   const auto read = [this, number](bool as_integer) {
@@ -97,6 +102,8 @@ void NativeEmitter::LoadNumber(const Xmm& number, HotOperand kind, int offset) {
   jne(rare->label);
   read(is_integer);
   L(rare->back);
+  const int keeper = Keep(KeptAs::Number, kind, offset);
+  if (keeper >= 0) movaps(Xmm(keeper), number);
 }
 
 // Whether the operand will often be an integer: because it is one now, and the code does not
@@ -133,23 +140,51 @@ void NativeEmitter::LoadInteger(const Reg32& integer, HotOperand kind, int offse
     mov(integer, offset);
     return;
   }
+  int found = FindKept(KeptAs::Integer, kind, offset);
+  if (found >= 0) {
+    movd(integer, Xmm(found));
+    return;
+  }
+  found = FindKept(KeptAs::Number, kind, offset);
+  if (found >= 0) {
+    cvttsd2si(integer, Xmm(found));
+    return;
+  }
   LoadVariable(rcx, kind, offset);
-  Rare* rare = &AddRare([this, integer, &unusual = Leave()](Rare& self) {
+  const bool is_integer = HoldsInteger(kind, offset) || kind > HotOperand::Local;
+  const int number = is_integer ? -1 : Keep(KeptAs::Number, kind, offset);
+  Rare* rare = &AddRare([this, integer, number, &unusual = Leave()](Rare& self) {
     call(find_integer);
     jc(unusual);
     mov(integer, eax);
+    if (number >= 0) {
+      Label has_double;
+      cmp(dword[rcx + OfVariable::state], OfVariable::integer_alone);
+      jne(has_double);
+      cvtsi2sd(Xmm(number), eax);
+      jmp(self.back);
+      L(has_double);
+      movsd(Xmm(number), Field(rcx, OfVariable::number));
+    }
     jmp(self.back);
   });
-  if (HoldsInteger(kind, offset) || kind > HotOperand::Local) {
+  if (is_integer) {
     cmp(dword[rcx + OfVariable::state], OfVariable::integer_alone);
     jne(rare->label);
     mov(integer, dword[rcx + OfVariable::integer]);
   } else {
     cmp(dword[rcx + OfVariable::state], OfVariable::double_alone);
     jne(rare->label);
-    cvttsd2si(integer, Field(rcx, OfVariable::number));
+    if (number >= 0) {
+      movsd(Xmm(number), Field(rcx, OfVariable::number));
+      cvttsd2si(integer, Xmm(number));
+    } else {
+      cvttsd2si(integer, Field(rcx, OfVariable::number));
+    }
   }
   L(rare->back);
+  const int keeper = is_integer ? Keep(KeptAs::Integer, kind, offset) : -1;
+  if (keeper >= 0) movd(Xmm(keeper), integer);
 }
 
 // Subroutines for what is less usual of an operand. They set the carry if that is for the loop.
@@ -326,6 +361,7 @@ void NativeEmitter::EmitSubroutines() {
     mov(ptr[rbx + kHeld + 8], rdx);
     mov(ptr[rbx + kHeld + 16], rsi);
     mov(ptr[rbx + kHeld + 32], r8);
+    for (int i = 0; i < kMostKept; i++) movsd(ptr[rbx + kKept + 8 * i], Xmm(kFirstKept + i));
     mov(rdi, rcx);
     mov(rax, AddressOf(&NativeRun::Real));
     call(rax);
@@ -335,6 +371,7 @@ void NativeEmitter::EmitSubroutines() {
     mov(rdx, ptr[rbx + kHeld + 8]);
     mov(rsi, ptr[rbx + kHeld + 16]);
     mov(r8, ptr[rbx + kHeld + 32]);
+    for (int i = 0; i < kMostKept; i++) movsd(Xmm(kFirstKept + i), ptr[rbx + kKept + 8 * i]);
     clc();
     ret();
     L(fails);
@@ -343,54 +380,87 @@ void NativeEmitter::EmitSubroutines() {
   }
 }
 
-// Stores xmm0 in the variable that is the record's target.
-void NativeEmitter::StoreNumber() {
-  Rare* const stored = StoreInTarget(reinterpret_cast<const void*>(&NativeRun::StoreDouble),
-                                     OfVariable::double_alone);
-  movsd(Field(rcx, OfVariable::number), xmm0);
-  mov(dword[rcx + OfVariable::primary], PrimaryDouble);
-  L(stored->back);
+// Stores xmm0 in the variable that is the record's target. The record ends after that; with
+// is_last, the code of the next one follows.
+void NativeEmitter::StoreNumber(bool is_last) {
+  StoreInTarget(reinterpret_cast<const void*>(&NativeRun::StoreDouble), OfVariable::double_alone,
+                is_last);
 }
 
 // The same with edx.
-void NativeEmitter::StoreInteger() {
-  Rare* const stored = StoreInTarget(reinterpret_cast<const void*>(&NativeRun::StoreInteger),
-                                     OfVariable::integer_alone);
-  mov(dword[rcx + OfVariable::integer], edx);
-  mov(dword[rcx + OfVariable::primary], PrimaryInteger);
-  L(stored->back);
+void NativeEmitter::StoreInteger(bool is_last) {
+  StoreInTarget(reinterpret_cast<const void*>(&NativeRun::StoreInteger), OfVariable::integer_alone,
+                is_last);
 }
 
-// rcx <- the variable of the record's target, which has a number in that form alone from here on.
-// If that takes more, the operation stores the number. The code that does it here is to end at the
-// result's back.
-NativeEmitter::Rare* NativeEmitter::StoreInTarget(const void* operation, int form) {
-  Rare* const rare = &AddRare([this, record = op, operation, form, &unusual = Leave()](Rare& self) {
-    Label plain, other;
-    test(rcx, rcx);
-    jz(other);
-    cmp(dword[rcx + OfVariable::state], OfVariable::reference_alone);
-    jne(plain);
-    call(find_plain);
-    jc(other);
-    L(plain);
-    MakeForm(form, other);
-    jmp(self.others[0]);
-    L(other);
-    const HotOp* const current = std::exchange(op, record);
-    CallWith(operation);
-    op = current;
-    test(al, al);
-    jz(unusual);
-    jmp(self.back);
-  });
-  mov(rcx, RowAt(op->into, op->third));
+// The number of the variable in rcx is xmm0 or edx, by its form.
+void NativeEmitter::WriteNumber(int form) {
+  if (form == OfVariable::double_alone) {
+    movsd(Field(rcx, OfVariable::number), xmm0);
+    mov(dword[rcx + OfVariable::primary], PrimaryDouble);
+  } else {
+    mov(dword[rcx + OfVariable::integer], edx);
+    mov(dword[rcx + OfVariable::primary], PrimaryInteger);
+  }
+}
+
+// The variable of the record's target gets xmm0 or edx as its only form. If that takes more, the
+// operation stores the number. A variable that others hold, too, may be one that registers keep the
+// number of, by another name: after that they are read again.
+void NativeEmitter::StoreInTarget(const void* operation, int form, bool is_last) {
+  const HotOperand kind = op->into;
+  const int offset = op->third;
+  const bool is_double = form == OfVariable::double_alone;
+  const bool may_be_kept = KeepsNumbers(offset);
+  DropNumbers(offset);
+  const int number = is_last ? Keep(KeptAs::Number, kind, offset, !is_double) : -1;
+  const int integer = is_double || !is_last ? -1 : Keep(KeptAs::Integer, kind, offset);
+  Rare* const rare =
+      &AddRare([this, record = op, operation, form, may_be_kept, keeps_any = KeepsAny(),
+                &next = labels[at + 1], &unusual = Leave()](Rare& self) {
+        Label plain, other;
+        test(rcx, rcx);
+        jz(other);
+        cmp(dword[rcx + OfVariable::state], OfVariable::reference_alone);
+        jne(plain);
+        call(find_plain);
+        jc(other);
+        L(plain);
+        MakeForm(form, other);
+        if (may_be_kept) {
+          L(self.others[1]);
+          WriteNumber(form);
+          jmp(next);
+        } else {
+          jmp(self.others[0]);
+        }
+        L(other);
+        const HotOp* const current = std::exchange(op, record);
+        CallWith(operation);
+        op = current;
+        test(al, al);
+        jz(unusual);
+        if (keeps_any) {
+          jmp(next);
+        } else {
+          jmp(self.back);
+        }
+      });
+  mov(rcx, RowAt(kind, offset));
   test(rcx, rcx);
   jz(rare->label);
   cmp(dword[rcx + OfVariable::state], form);
   jne(rare->label);
+  if (may_be_kept) {
+    cmp(dword[rcx + OfVariable::holders], 1);
+    jne(rare->others[1]);
+  }
   L(rare->others[0]);
-  return rare;
+  WriteNumber(form);
+  L(rare->back);
+  if (number >= 0 && is_double) movaps(Xmm(number), xmm0);
+  if (number >= 0 && !is_double) cvtsi2sd(Xmm(number), edx);
+  if (integer >= 0) movd(Xmm(integer), edx);
 }
 
 // The variable in rcx gets that form alone, if it is a plain scalar; its number is stored next.
@@ -418,31 +488,43 @@ void NativeEmitter::Accumulate(int operation) {
       Calculate(operation);
     }
   };
-  Rare* rare = &AddRare(
-      [this, calculate, record = op, place = at, &unusual = Leave(), leaves = leave](Rare& self) {
-        op = record;
-        at = place;
-        leave = leaves;
-        call(find_number[0]);
-        jc(unusual);
-        calculate();
-        StoreNumber();
-        jmp(self.back);
-      });
   if (in_register[0] >= 0) {
     movaps(xmm1, xmm0);
     in_register[0] = -1;
   } else if (op->right != HotOperand::Constant) {
     LoadNumber(xmm1, op->right, op->second);
   }
+  const KeptRegisters before = kept;
+  const bool may_be_kept = KeepsNumbers(op->third);
+  DropNumbers(op->third);
+  const int number = Keep(KeptAs::Number, op->into, op->third);
+  Rare* rare = &AddRare([this, calculate, before, keeps_now = keeps, record = op, place = at,
+                         &unusual = Leave(), leaves = leave](Rare& self) {
+    op = record;
+    at = place;
+    leave = leaves;
+    kept = before;
+    keeps = keeps_now;
+    call(find_number[0]);
+    jc(unusual);
+    calculate();
+    StoreNumber();
+    kept = {};
+    keeps = false;
+    jmp(self.back);
+  });
   LoadVariable(rcx, op->left, op->first);
   cmp(dword[rcx + OfVariable::state], OfVariable::double_alone);
   jne(rare->label);
+  if (may_be_kept) {
+    cmp(dword[rcx + OfVariable::holders], 1);
+    jne(rare->label);
+  }
   movsd(xmm0, Field(rcx, OfVariable::number));
   calculate();
-  movsd(Field(rcx, OfVariable::number), xmm0);
-  mov(dword[rcx + OfVariable::primary], PrimaryDouble);
+  WriteNumber(OfVariable::double_alone);
   L(rare->back);
+  if (number >= 0) movaps(Xmm(number), xmm0);
 }
 
 // xmm0 <- the calculation of the record with its operands.
@@ -451,6 +533,8 @@ void NativeEmitter::CalculateOperands(int operation) {
   if (op->right == HotOperand::Constant) {
     return Calculate(operation, Constant(std::bit_cast<uint64_t>(op->number)));
   }
+  const int found = FindKept(KeptAs::Number, op->right, op->second);
+  if (found >= 0) return Calculate(operation, Xmm(found));
   LoadNumber(xmm1, op->right, op->second);
   Calculate(operation);
 }

@@ -33,27 +33,39 @@ void NativeEmitter::FindTree(int kind) {
   mov(rcx, Field(rcx, OfVariable::elements));
 }
 
+// The same for the variable that is the record's left operand.
+void NativeEmitter::LoadTree(KeptAs kind) {
+  const int found = FindKept(kind, op->left, op->first);
+  if (found >= 0) {
+    movq(rcx, Xmm(found));
+    return;
+  }
+  LoadVariable(rcx, op->left, op->first);
+  FindTree(kind == KeptAs::Array ? AggregateArray : AggregateStructure);
+  const int keeper = Keep(kind, op->left, op->first);
+  if (keeper >= 0) movq(Xmm(keeper), rcx);
+}
+
 // rdx <- the place in the row of the element whose index is the record's right operand, rsi <- the
 // row's slots, rax <- what the element's slot holds; this is a search.
 void NativeEmitter::FindSlot() {
-  LoadTree();
+  LoadArray();
   SearchSlot(Leave());
 }
 
 // edx <- that index, rcx <- the array's elements.
-void NativeEmitter::LoadTree() {
+void NativeEmitter::LoadArray() {
   LoadInteger(edx, op->right, op->second);
   if (op->right != HotOperand::Constant || op->second < 1) {
     cmp(edx, 1);
     jl(Leave());
   }
-  LoadVariable(rcx, op->left, op->first);
-  FindTree(AggregateArray);
+  LoadTree(KeptAs::Array);
 }
 
 // The same to write to it.
-void NativeEmitter::LoadOwnTree() {
-  LoadTree();
+void NativeEmitter::LoadOwnArray() {
+  LoadArray();
   cmp(byte[rcx + OfElements::shared], 0);
   jne(Leave());
 }
@@ -65,7 +77,7 @@ void NativeEmitter::SearchSlot(Label& missing) {
   cmp(edx, dword[rcx + OfElements::count]);
   jae(missing);
   // The element was not found last: see DenseElements::Touch().
-  Rare* rare = &AddRare([this](Rare& self) {
+  Rare* rare = &AddRare([this, saved = kept](Rare& self) {
     Label elsewhere;
     cmp(eax, dword[rcx + OfElements::expected]);
     jne(elsewhere);
@@ -81,6 +93,7 @@ void NativeEmitter::SearchSlot(Label& missing) {
     mov(ptr[rbx + kHeld], rcx);
     mov(ptr[rbx + kHeld + 8], rdx);
     mov(ptr[rbx + kHeld + 16], r8);
+    SaveKept(saved);
     TellStack();
     mov(rdi, rcx);
     mov(esi, edx);
@@ -90,6 +103,7 @@ void NativeEmitter::SearchSlot(Label& missing) {
     mov(rcx, ptr[rbx + kHeld]);
     mov(rdx, ptr[rbx + kHeld + 8]);
     mov(r8, ptr[rbx + kHeld + 16]);
+    RestoreKept(saved);
     jmp(self.back);
   });
   lea(eax, ptr[rdx + 1]);
@@ -103,8 +117,7 @@ void NativeEmitter::SearchSlot(Label& missing) {
 // rdx <- the place of the member whose name is the record's, rsi <- the slots of its structure, rax
 // <- what the member's slot holds; this is a search.
 void NativeEmitter::FindMember(bool to_write) {
-  LoadVariable(rcx, op->left, op->first);
-  FindTree(AggregateStructure);
+  LoadTree(KeptAs::Structure);
   if (to_write) {
     cmp(byte[rcx + OfMembers::shared], 0);
     jne(Leave());
@@ -116,7 +129,7 @@ void NativeEmitter::FindMember(bool to_write) {
   mov(rax, ptr[rsi + static_cast<int>(offsetof(MemberHint, layout))]);
   cmp(rax, Field(rdx, OfMembers::serial));
   jne(Leave());
-  Rare* rare = &AddRare([this](Rare& self) {
+  Rare* rare = &AddRare([this, saved = kept](Rare& self) {
     // The search is noted, if there is room for the note.
     Label grows;
     mov(rax, Field(rcx, OfMembers::notes));
@@ -133,6 +146,7 @@ void NativeEmitter::FindMember(bool to_write) {
     mov(ptr[rbx + kHeld], rcx);
     mov(ptr[rbx + kHeld + 8], rdx);
     mov(ptr[rbx + kHeld + 16], r8);
+    SaveKept(saved);
     TellStack();
     mov(rdi, rcx);  // the hint is in rsi
     mov(rax, AddressOf(&NativeRun::SearchMember));
@@ -140,6 +154,7 @@ void NativeEmitter::FindMember(bool to_write) {
     mov(rcx, ptr[rbx + kHeld]);
     mov(rdx, ptr[rbx + kHeld + 8]);
     mov(r8, ptr[rbx + kHeld + 16]);
+    RestoreKept(saved);
     jmp(self.back);
   });
   movsxd(rdx, dword[rsi + static_cast<int>(offsetof(MemberHint, slot))]);
@@ -212,8 +227,8 @@ void NativeEmitter::UseSlot(bool is_loaded) {
   const bool is_integer = HoldsIntegers(op->left, op->first);
   const auto use = [this, is_loaded](bool integer) {
     if (!is_loaded) {
-      if (integer) return StoreInteger();
-      return StoreNumber();
+      if (integer) return StoreInteger(false);
+      return StoreNumber(false);
     }
     if (integer) {
       xorps(xmm0, xmm0);
@@ -226,8 +241,9 @@ void NativeEmitter::UseSlot(bool is_loaded) {
     }
   };
   Leave();
-  Rare* rare = &AddRare([this, record = op, place = at, leaves = leave, is_loaded, is_integer, use,
-                         &next = labels[at + 1]](Rare& self) {
+  Rare* rare = &AddRare([this, record = op, place = at, leaves = leave, before = kept,
+                         keeps_now = keeps, may_be_kept = !is_loaded && KeepsNumbers(op->third),
+                         is_loaded, is_integer, use, &next = labels[at + 1]](Rare& self) {
     op = record;
     at = place;
     leave = leaves;
@@ -248,7 +264,7 @@ void NativeEmitter::UseSlot(bool is_loaded) {
     mov(edx, dword[rax + OfVariable::integer]);
     jmp(self.others[1]);
     L(other);
-    UseText(record, is_loaded, next);
+    UseText(record, is_loaded, may_be_kept ? next : self.back);
     mov(ptr[rbx + kTop], rbp);
     mov(rdi, rbx);
     mov(rsi, reinterpret_cast<uint64_t>(record));
@@ -260,7 +276,11 @@ void NativeEmitter::UseSlot(bool is_loaded) {
     jmp(next);
     // The number is of the kind that was not expected.
     L(self.others[is_integer ? 0 : 1]);
+    kept = before;
+    keeps = keeps_now;
     use(!is_integer);
+    kept = {};
+    keeps = false;
     jmp(self.back);
   });
   ReadSlot(is_integer, rare->others[0], rare->others[1], rare->label);
@@ -290,6 +310,7 @@ void NativeEmitter::UseText(const HotOp* record, bool is_loaded, Label& done) {
     mov(FormAt(record->third), static_cast<int>(HotForm::AsLoaded));
     mov(rax, std::bit_cast<uint64_t>(std::numeric_limits<double>::quiet_NaN()));
     mov(NumberAt(record->third), rax);
+    movq(xmm0, rax);
   } else {
     mov(rcx, RowAt(record->into, record->third));
     test(rcx, rcx);
@@ -479,27 +500,33 @@ void NativeEmitter::LoadSlot(HotOperand kind, int offset, Label& other) {
 
 // Stores the number in r8 in the slot that was found.
 void NativeEmitter::WriteSlot() {
-  Rare* const other = &AddRare([this, &unusual = Leave()](Rare& self) {
-    // The slot has a variable.
-    Label as_integer;
-    mov(rax, ptr[rsi + rdx * 8]);
-    mov(rdi, r8);
-    shr(rdi, 49);
-    cmp(edi, static_cast<int>(OfSlot::integer_tag >> 49));
-    je(as_integer);
-    cmp(dword[rax + OfVariable::state], OfVariable::double_alone);
-    jne(unusual);
-    sub(r8, Constant(OfSlot::double_offset));
-    mov(Field(rax, OfVariable::number), r8);
-    mov(dword[rax + OfVariable::primary], PrimaryDouble);
-    jmp(self.back);
-    L(as_integer);
-    cmp(dword[rax + OfVariable::state], OfVariable::integer_alone);
-    jne(unusual);
-    mov(dword[rax + OfVariable::integer], r8d);
-    mov(dword[rax + OfVariable::primary], PrimaryInteger);
-    jmp(self.back);
-  });
+  Rare* const other =
+      &AddRare([this, may_be_kept = KeepsNumbers(), &unusual = Leave()](Rare& self) {
+        // The slot has a variable. If others hold it, registers may keep its number by another
+        // name.
+        Label as_integer;
+        mov(rax, ptr[rsi + rdx * 8]);
+        if (may_be_kept) {
+          cmp(dword[rax + OfVariable::holders], 1);
+          jne(unusual);
+        }
+        mov(rdi, r8);
+        shr(rdi, 49);
+        cmp(edi, static_cast<int>(OfSlot::integer_tag >> 49));
+        je(as_integer);
+        cmp(dword[rax + OfVariable::state], OfVariable::double_alone);
+        jne(unusual);
+        sub(r8, Constant(OfSlot::double_offset));
+        mov(Field(rax, OfVariable::number), r8);
+        mov(dword[rax + OfVariable::primary], PrimaryDouble);
+        jmp(self.back);
+        L(as_integer);
+        cmp(dword[rax + OfVariable::state], OfVariable::integer_alone);
+        jne(unusual);
+        mov(dword[rax + OfVariable::integer], r8d);
+        mov(dword[rax + OfVariable::primary], PrimaryInteger);
+        jmp(self.back);
+      });
   shr(rax, 49);
   jz(other->label);
   mov(ptr[rsi + rdx * 8], r8);
@@ -544,12 +571,12 @@ void NativeEmitter::EmitAppend() {
 // element, a number is added as another one.
 void NativeEmitter::WriteElement() {
   Leave();
-  Rare* const no_number = &AddRare([this, record = op, place = at, leaves = leave](Rare& self) {
+  Rare* const no_number = &AddRare([this, record = op, place = at, leaves = leave](Rare&) {
     op = record;
     at = place;
     leave = leaves;
     in_register[0] = in_register[1] = -1;
-    LoadOwnTree();
+    LoadOwnArray();
     SearchSlot(Leave());
     mov(byte[rcx + OfElements::isolated], 0);
     mov(rdx, rax);
@@ -563,11 +590,11 @@ void NativeEmitter::WriteElement() {
     call(rax);
     test(al, al);
     jz(Leave());
-    jmp(self.back);
+    jmp(labels[place + 1]);
   });
   LoadSlot(op->into, op->third, no_number->label);
-  LoadOwnTree();
-  Rare* const missing = &AddRare([this, &unusual = Leave()](Rare& self) {
+  LoadOwnArray();
+  Rare* const missing = &AddRare([this, &next = labels[at + 1], &unusual = Leave()](Rare& self) {
     call(append);
     jnc(self.back);
     TellStack();
@@ -578,12 +605,11 @@ void NativeEmitter::WriteElement() {
     call(rax);
     test(al, al);
     jz(unusual);
-    jmp(self.back);
+    jmp(next);
   });
   SearchSlot(missing->label);
   WriteSlot();
   L(missing->back);
-  L(no_number->back);
 }
 
 #endif

@@ -409,16 +409,21 @@ void NativeEmitter::NeedLetter(const Reg32& length, Label& unusual) {
 }
 
 // Lets texts be compared before the record's fallback is called, where a comparison of two operands
-// finds that they are no numbers. REQUIRES: a fallback that compares; nothing has asked for Leave()
-// so far.
-void NativeEmitter::TryWords(HotOperand left, int first, HotOperand right, int second,
-                             unsigned char orders) {
+// finds that they are no numbers. The code at the result's back, if there is a result, is what the
+// record's usual code goes on with. REQUIRES: a fallback that compares; nothing has asked for
+// Leave() so far.
+NativeEmitter::Rare* NativeEmitter::TryWords(HotOperand left, int first, HotOperand right,
+                                             int second, unsigned char orders) {
   const auto may_be_text = [](HotOperand kind) {
     return kind <= HotOperand::Local || kind == HotOperand::Place;
   };
-  if ((orders != 2 && orders != 5) || op->word || !may_be_text(left) || !may_be_text(right)) return;
+  if ((orders != 2 && orders != 5) || op->word || !may_be_text(left) || !may_be_text(right)) {
+    return nullptr;
+  }
+  // What a record has read of variables is kept only where its code comes that far.
+  const bool is_direct = left == HotOperand::Place && right == HotOperand::Place;
   leave = &AddRare([=, this, record = op, place = at, kind = fallback, count = fallback_count,
-                    function = fallback_function, goal = fallback_goal](Rare&) {
+                    function = fallback_function, goal = fallback_goal](Rare& self) {
     at = place;
     op = record;
     leave = nullptr;
@@ -434,15 +439,17 @@ void NativeEmitter::TryWords(HotOperand left, int first, HotOperand right, int s
       StoreCompared(goal != nullptr);
       jmp(next);
     } else {
+      Label& next = is_direct ? self.back : labels[at + count];
       test(eax, eax);
       if (orders == 2) {
-        jz(labels[at + count]);
+        jz(next);
       } else {
-        jnz(labels[at + count]);
+        jnz(next);
       }
       GoTo(goal);
     }
   });
+  return leave;
 }
 
 // The variable of an operand that may be a text. Changes rax, rcx and rdi.

@@ -27,6 +27,7 @@ struct NativeRun {
   // instructions.
   bool is_misfit = false;
   void* held[5];  // registers during the call of an operation
+  double kept[12];  // and those that keep something of variables, see NativeEmitter.h
   hot::Temporaries temporaries;
   char joined[hot::kMostJoinedBytes];  // a concatenation that machine code has put together
 

@@ -311,6 +311,125 @@ TEST(NativeCode, AVariableMayChangeItsKindInALoop) {
   }
 }
 
+// Straight code reads a twice, and stores in the same variable by another name in between.
+TEST(NativeCode, AValueIsReadAgainAfterAStoreByAnotherName) {
+  const auto stores_in = [](const std::string& name) {
+    const std::string b = name.substr(0, 1) + " " + name.substr(1);
+    return std::vector<std::string>{
+        "pushi 7\npop" + b + "\n",
+        "pushf 8.5\npop" + b + "\n",
+        "push" + b + "\npushi 1\nadd\npop" + b + "\n",
+        "pushg i\npushi 3\nmul\npop" + b + "\n",
+        "pushg i\npushi 5\nbitor\npop" + b + "\n",
+        "pushg i\npushi 9\nlt\npop" + b + "\n",
+        "pushg i\npop" + b + "\n",
+        "pushg h\npop" + b + "\n",
+        "pushg word\npop" + b + "\n",
+        "pushg row\npushi 1\nelem_readonly\npop" + b + "\n",
+        "pushg row\npushi 2\nelem_readonly\npop" + b + "\n",
+        "pushg row\npushi 3\nelem_readonly\npop" + b + "\n",
+        "pushg structure\npushc \"m\"\nmemb_readonly\npop" + b + "\n",
+    };
+  };
+  const auto read = [](const std::string& a, const std::string& result) {
+    return "push" + a + "\npushi 1\nadd\npopg " + result + "\npush" + a + "\npushi 3\nmod\npopg m" +
+           result + "\n";
+  };
+  const auto index = [](const std::string& a) {
+    return "pushg long\npush" + a + "\nelem_readonly\npushi 2\nmul\npopg er\n";
+  };
+  // Neither c nor d is the variable.
+  const auto body = [&read, &index](const std::string& a, const std::string& store) {
+    std::string code = "pushg c\npushg d\nadd\npopg t\n" + read(a, "r") + index(a) + store +
+                       read(a, "s") + "pushg c\npushg d\nsub\npushg t\nadd\npopg t\n";
+    for (const char* const shown : {"r", "mr", "er", "s", "ms", "t"}) {
+      code += "pushg " + std::string(shown) + "\nout\npushc \" \"\nout\n";
+    }
+    return code;
+  };
+  const std::string fill =
+      kRow + std::string(
+                 "pushf 6.5\npopg h\npushc \"word\"\npopg word\nstoregi c, 3\nstoregi d, 4\n"
+                 "pushi 1\npopg x\nfill: pushg x\npushi 10\nmul\npushg long\npushg x\nelem\nstore\n"
+                 "incg x, 1\ncmpgi x, 20\njmp_lt fill\n");
+  // The value is a double or an integer by turns.
+  const std::string begin =
+      "pushf 4.5\npopg a\npushg n\npushi 2\nmod\njmp_ne odd\npushi 4\npopg a\nodd: noop\n";
+  const auto expect = [&fill](const std::string& rounds, const std::string& functions = "") {
+    SCOPED_TRACE(rounds);
+    const Outcome outcome = ExpectTheSame(fill + Loop(rounds, 9) + functions);
+    EXPECT_EQ(outcome.result, 1) << outcome.error;
+  };
+  for (const std::string& store : stores_in("gb")) {
+    expect(begin + "pushg a\npushg b\nrefer\n" + body("g a", store));
+    expect(begin + "pushg a\npoprg b\n" + body("g a", store));
+    expect(begin + "pushg a\npoprg b\n" + body("l a", store));
+  }
+  for (const std::string& store : stores_in("ga")) {
+    expect(begin + "pushg a\npushg b\nrefer\n" + body("g b", store));
+    expect(begin + "pushg a\npoprg b\n" + body("g b", store));
+    expect(begin + body("l a", store));
+    expect(begin + "pushg a\ncall f\npop\n",
+           ".function f(x var)\n" + body("l x", store) + "retn\n.end\n");
+  }
+  for (const std::string& store : stores_in("ly")) {
+    expect(begin + "pushg a\npushg a\ncall f\npop\n",
+           ".function f(x var, y var)\n" + body("l x", store) + "retn\n.end\n");
+    expect(begin + "pushg a\ncall f\npop\n", ".function f(y var)\n" + body("g a", store) +
+                                                 "pushf 4.5\npopg a\n" + body("l y", store) +
+                                                 "retn\n.end\n");
+    expect(begin + "pushg a\ncall f\npop\n", ".function f(x var)\n.local y\npushl x\npoprl y\n" +
+                                                 body("l x", store) + "retn\n.end\n");
+  }
+  const std::string elements[] = {"pushg row\npushi 2\nelem\n",
+                                  "pushg structure\npushc \"m\"\nmemb\n"};
+  for (const std::string& element : elements) {
+    for (const char* const value :
+         {"pushi 7\n", "pushf 9.5\n", "pushg i\n", "pushg h\n", "pushg i\npushi 2\nmul\n"}) {
+      const std::string store = value + element + "store\n";
+      expect(begin + "pushg a\n" + element + "store\n" + element + "call f\npop\n",
+             ".function f(x var)\n" + body("l x", store) + "retn\n.end\n");
+      expect(begin + "pushg a\n" + element + "store\n" + element + "poprg b\n" +
+             body("g b", store));
+    }
+  }
+}
+
+// What is read again may be of any kind, and of another one in the next round.
+TEST(NativeCode, AVariableIsReadAgainWhateverItIs) {
+  for (const char* const v : {"g v", "l v"}) {
+    const std::string push = "push" + std::string(v) + "\n";
+    const std::string works[] = {
+        push + "pushi 1\nadd\npopg r\n" + push + "pushi 2\nmul\npopg s\n",
+        push + "pushi 1\nlt\npopg r\n" + push + push + "mul\npopg s\n",
+        "pushg row\n" + push + "elem_readonly\npopg r\n" + push + "pushi 1\nsub\npopg s\n",
+        push + "pushi 3\nmod\npopg r\n" + push + "pushi 1\nadd\npopg s\n",
+        push + "pushi 1\nelem_readonly\npopg r\n" + push + "pushi 2\nelem_readonly\npopg s\n",
+        push + "pushi 1\nelem_readonly\npushi 2\nmul\n" + push +
+            "pushi 2\nelem_readonly\nadd\npopg r\n",
+        push + "pushc \"m\"\nmemb_readonly\npopg r\n" + push +
+            "pushc \"M\"\nmemb_readonly\npopg s\n",
+        push + "pushi 1\nelem_readonly\npopg r\n" + push + "pushc \"m\"\nmemb_readonly\npopg s\n",
+        push + "pushi 2\nelem_readonly\npopg r\npushi 8\n" + push + "pushi 2\nelem\nstore\n" +
+            push + "pushi 2\nelem_readonly\npopg s\n",
+        push + "pushi 3\nelem_readonly\n" + push + "pushi 3\nelem_readonly\neq\npopg r\n" + push +
+            "pushi 3\nelem_readonly\npopg s\n",
+    };
+    for (const std::string& work : works) {
+      SCOPED_TRACE(work);
+      const std::string body =
+          OfEachKind(v) + work + "pushg r\nout\npushg s\nout\npushg other\nout\npushc \" \"\nout\n";
+      const std::string begin = kRow + std::string("pushi 1\npopg r\npushi 1\npopg s\n");
+      if (v[0] == 'l') {
+        ExpectTheSame(begin + "call f\nexit\n.function f()\n.local v\nagain: incg n, 1\n" + body +
+                      "cmpgi n, 30\njmp_lt again\nretn\n.end\n");
+      } else {
+        ExpectTheSame(begin + Loop(body, 30));
+      }
+    }
+  }
+}
+
 // Each frame's references are one longer than those of its caller. In between, the last one is made
 // a reference to another variable, and back.
 TEST(NativeCode, AChainOfReferencesOfAnyLengthIsFollowedToItsEnd) {
