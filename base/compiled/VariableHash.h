@@ -161,6 +161,11 @@ class VariableHash {
     return true;
   }
 
+  // Gives up the variable at a position, if there is one; it is made again when it is accessed.
+  void Drop(int position) {
+    if (position < entry_count && entries[position].variable) DropVariable(&entries[position]);
+  }
+
   // The bucket of a name.
   unsigned hash(const char* name, int length) const;
   // Releases all variables and keeps the names.

@@ -84,7 +84,12 @@ bool NativeEmitter::EmitValues() {
     case HotAction::StoreElement: Do(&NativeRun::Do<&NativeRun::StoreElement>); return true;
     case HotAction::PushElement: Do(&NativeRun::Do<&NativeRun::PushElement>); return true;
     case HotAction::PushMember:
-      SetFallback<&NativeRun::PushMember>();
+      if (op->create && op[1].action == HotAction::Store) {
+        SetFallback(Fallback::Work,
+                    reinterpret_cast<const void*>(&NativeRun::Do<&NativeRun::StoreInMember, 2>), 2);
+      } else {
+        SetFallback<&NativeRun::PushMember>();
+      }
       NeedRoom();
       FindMemberVariable();
       PushHeld(rax);

@@ -705,6 +705,24 @@ NativeRun::Outcome NativeRun::StoreOnStack(NativeRun* run, const HotOp*) {
   return outcome;
 }
 
+// A result that only the stack holds becomes the member itself, if that is new.
+NativeRun::Outcome NativeRun::StoreInMember(NativeRun* run, const HotOp* op) {
+  Variable* const structure = run->operand(op->left, op->first);
+  Entry* const value = run->top - 1;
+  run->TellStack();
+  if (structure && run->top < run->limit() && value >= run->bottom() &&
+      value->kind == ZephVM_Stack::KindVariable && value->Owns() && !structure->IsAsleep() &&
+      structure->AdoptMember(op->text, op->length, value->value.variable)) {
+    run->top = value;
+    return Outcome::Worked;
+  }
+  const Outcome outcome = PushMember(run, op);
+  if (outcome == Outcome::Unable) return outcome;
+  const Outcome stored = StoreOnStack(run, op + 1);
+  if (stored == Outcome::Unable) ZephVM_Stack::Free(--run->top);
+  return stored;
+}
+
 NativeRun::Outcome NativeRun::Concatenate(NativeRun* run, const HotOp*) {
   Entry* const left = run->top - 2;
   if (left >= run->bottom() && left->deferred && left[1].deferred) {
@@ -1102,9 +1120,13 @@ bool NativeRun::ReturnVariable(NativeRun* run, const HotOp* op) {
   Variable* const variable = run->row(op->left, op->first);
   run->TellStack();
   if (!PassVariable(called, variable, run->rows[0], run->counts[0],
-                    run->vm->segment->hot()->serial(), run->top < run->limit(), &wanted_patience) &&
-      !(run->top < run->limit() && PassHeld(called, variable))) {
-    return false;
+                    run->vm->segment->hot()->serial(), run->top < run->limit(), &wanted_patience)) {
+    if (run->top >= run->limit() || !PassHeld(called, variable)) return false;
+    // The frame could not use it again. Parameters are made when a frame is, so they stay.
+    if (called->simple_parameters >= 0 && op->left == HotOperand::Local &&
+        op->first >= called->simple_parameters) {
+      called->variables->Drop(op->first);
+    }
   }
   if (wanted_patience == 1) run->NoteWork();
   return true;

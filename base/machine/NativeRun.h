@@ -133,6 +133,8 @@ struct NativeRun {
   static Outcome BindLocal(NativeRun* run, const HotOp* op);  // poprl
   static Outcome CompareOnStack(NativeRun* run, const HotOp* op);
   static Outcome StoreOnStack(NativeRun* run, const HotOp* op);
+  // PushMember and Store, of which the record is the first.
+  static Outcome StoreInMember(NativeRun* run, const HotOp* op);
   static Outcome Concatenate(NativeRun* run, const HotOp* op);
   static Outcome ConcatenateText(NativeRun* run, const HotOp* op);
   static Outcome ConcatenateVariable(NativeRun* run, const HotOp* op);

@@ -364,6 +364,14 @@ void AggregateElementTree::SetMember(const char* name, int length, Variable* var
   }
 }
 
+bool AggregateElementTree::AdoptMember(const char* name, int length, Variable* variable) {
+  if (!IsFlat() || members.IsFull() || members.Locate(name, length) >= 0) return false;
+  is_isolated = false;
+  members.Add(name, length, DenseSlot(variable));
+  entries = members.count();
+  return true;
+}
+
 bool AggregateElementTree::FindNumberMember(const char* name, int length, MemberHint* hint,
                                             DenseSlot* found) {
   const int slot = members.Locate(name, length, hint);

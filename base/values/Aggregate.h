@@ -212,6 +212,10 @@ class AggregateElementTree : public SplayTree<AggregateElement, const AggregateI
   // Makes a given variable, which may be null, the member of that name, with a count on it.
   // REQUIRES: as above.
   void SetMember(const char* name, int length, Variable* variable);
+  // Makes a given variable a new member of that name and adopts the caller's count on it. Returns
+  // false and does nothing if there is such a member, or the members are not flat. If it throws,
+  // the count is still the caller's. REQUIRES: as above.
+  bool AdoptMember(const char* name, int length, Variable* variable);
   // Finds a member that is only a number, by a search: one without a variable, or with a plain one
   // that has the number it was stored as and no other form. Returns false and makes no search for
   // others.

@@ -639,9 +639,8 @@ bool Variable::ShareMembers(Variable& source) {
 }
 
 bool Variable::MoveElements(Variable* source) {
-  if (source == this || !IsPlain() || !source->IsPlain() || (source->state & Suspect)) return false;
+  if (!CanMoveFrom(source)) return false;
   AggregateElementTree* const moved = source->elements;
-  if (!moved->IsIsolated()) return false;
   moved->TakeShapeOfCopy();
   AggregateElementTree* const old = elements;
   elements = moved;
@@ -651,6 +650,27 @@ bool Variable::MoveElements(Variable* source) {
   source->elements = nullptr;
   source->aggregate = AggregateNone;
   if (old) DeleteTree(old);
+  return true;
+}
+
+bool Variable::CanMoveFrom(Variable* source) {
+  return source != this && IsPlain() && source->IsPlain() && !(source->state & Suspect) &&
+         source->elements->IsIsolated();
+}
+
+// The new member is as one that Member() makes and MoveElements() stores in.
+bool Variable::AdoptMember(const char* name, int length, Variable* source) {
+  if (!source->elements || source->refcount_ != 1 || !HoldsStructure() || !CanMoveFrom(source) ||
+      source->error_.data || source->watched() ||
+      (source->name_.data && source->name_.allocated != SharedMark) ||
+      !elements->AdoptMember(name, length, source)) {
+    return false;
+  }
+  source->elements->TakeShapeOfCopy();
+  if (source->name_.data) source->DropSharedName();
+  if (source->string_value.data) source->string_value.destroy();
+  source->SetForms(0);
+  source->primary = PrimaryNone;
   return true;
 }
 

@@ -407,6 +407,10 @@ class Variable {
   bool TakeValue(Variable* source) {
     return source->elements && source->refcount_ == 1 && MoveElements(source);
   }
+  // The same for a new member of this structure, which the source itself becomes: then the caller's
+  // count on it is adopted. Returns false and changes nothing that could be told also if there is a
+  // member of that name. If it throws, the count is still the caller's.
+  bool AdoptMember(const char* name, int length, Variable* source);
   // SetValue(source) for a structure that replaces a structure, if the two can share their members.
   // Returns false and changes nothing for others. REQUIRES: the caller has a count on both.
   bool ShareMembers(Variable& source);
@@ -606,6 +610,7 @@ class Variable {
   Variable* Found(const AggregateIndex& index, int create);
   Variable* SearchMember(const char* name, int length, int create);
   bool MoveElements(Variable* source);
+  bool CanMoveFrom(Variable* source);
   // For the elements of isolated trees: see AggregateElementTree::IsIsolated. CopyIsolated returns
   // a copy, with a count for the caller if it is a variable. BareNumber returns false for a
   // variable that is more than the number which was stored in it.

@@ -1237,6 +1237,41 @@ TEST(NativeCode, AFunctionMakesAStructureInEachCall) {
   }
 }
 
+// A result is stored in a new member, in one that is there, and in members of copies.
+TEST(NativeCode, AResultBecomesAMemberOfAnyStructure) {
+  const auto store = [](const std::string& in, const std::string& name) {
+    return in + "pushc \"" + name + "\"\nmemb\nstore\n";
+  };
+  const auto show = [](const std::string& in, const std::string& name) {
+    return in + "pushc \"" + name + "\"\nmemb_readonly\npushc \"m\"\nmemb_readonly\nout\n" + in +
+           "out\npushc \" \"\nout\n";
+  };
+  const std::string results[] = {"pushl made\n", "pushl v\n", "pushg shared\n",
+                                 "pushl made\npushc \"in\"\nmemb\n"};
+  const std::string targets[] = {"pushg fresh\n", "pushg structure\n", "pushg row\n",
+                                 "pushg rows\npushg n\nelem\n", "pushg alias\n"};
+  for (const std::string& result : results) {
+    for (const std::string& in : targets) {
+      SCOPED_TRACE(result + in);
+      const std::string make = "pushg n\npushg structure\ncall make\n";
+      const Outcome outcome = ExpectTheSame(
+          kRow + std::string("pushg fresh\npushg alias\nrefer\n") +
+          store("pushi 6\npushg shared\n", "m") +
+          Loop(make + store(in, "a") + make + store(in, "A") + make + store(in, "b") +
+                   show(in, "a") + in +
+                   "popg copy\npushi 9\npushg copy\npushc \"a\"\nmemb\npushc \"m\"\nmemb\n" +
+                   "store\n" + make + store("pushg copy\n", "c") + show("pushg copy\n", "c") +
+                   show(in, "a") + show(in, "b") + show("pushg shared\n", "m") +
+                   // It contains itself, as it was before.
+                   in + store(in, "d") + show(in, "d") + "pushg unset\npopg fresh\n",
+               12) +
+          ".function make(v, s)\n.local made\npushl v\npushl made\npushc \"m\"\nmemb\nstore\n" +
+          "pushl s\npushl made\npushc \"in\"\nmemb\nstore\n" + result + "ret\n.end\n");
+      EXPECT_EQ(outcome.result, 1) << outcome.error;
+    }
+  }
+}
+
 // The frame is kept after the first call, but its code is only known after the second.
 TEST(NativeCode, ArgumentsOnTheStackReachAFunctionOfAnotherSegmentFromTheFirstCallOn) {
   const std::string call = "pushg row\npushg n\npushc \"x\"\ncat\ncall f\nout\n";
