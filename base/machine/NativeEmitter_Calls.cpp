@@ -534,9 +534,16 @@ void NativeEmitter::Enter() {
   mov(rbp, Field(rdi, OfStack::top));
   mov(r13, r14);
   mov(ptr[rbx + kRows + 8], r13);
-  mov(rax, Field(rcx, OfFrame::variables));
-  mov(eax, dword[rax + OfTable::count]);
-  mov(dword[rbx + kCounts + 4], eax);
+  // A kept frame has as many variables as the function.
+  int parameters = 0;
+  const int variables = NativeRun::CountVariables(run, op->first, &parameters);
+  if (variables >= 0) {
+    mov(dword[rbx + kCounts + 4], variables);
+  } else {
+    mov(rax, Field(rcx, OfFrame::variables));
+    mov(eax, dword[rax + OfTable::count]);
+    mov(dword[rbx + kCounts + 4], eax);
+  }
   // The host's flags are polled at calls, too.
   Rare* spent = &AddRare([this, entry](Rare&) {
     if (entry) {
