@@ -30,14 +30,6 @@ ExternalCall::~ExternalCall() {
   result_variable->DecRefCount();
 }
 
-// Whether the result of the last call can be reused, because no other code can see it: only this
-// object holds it, and it is no reference to another variable. Its text keeps its memory then, so
-// it must not be a large one.
-inline bool ExternalCall::ResultIsFree() {
-  return result_variable->IsPlain() && result_variable->plain_count() < 2 &&
-         result_variable->plain_text().allocated <= kMostKept;
-}
-
 void ExternalCall::SetResult(Variable* adopted) {
   Variable* old = result_variable;
   result_variable = adopted;
@@ -45,16 +37,7 @@ void ExternalCall::SetResult(Variable* adopted) {
 }
 
 int ExternalCall::Call(ZephVM* vm, VariableHash* parameters) {
-  if (ResultIsFree()) [[likely]] {
-    result_variable->Clear();
-  } else {
-    SetResult(new Variable());
-  }
-  // The function may run scripts that call it again: each of those calls finds that the result is
-  // held, and makes its own.
-  VariableRef result = VariableRef::Share(result_variable);
-  function->function(vm, parameters, result.get(), &state);
-  if (result_variable != result.get()) SetResult(result.release());
+  Run(vm, parameters);
   return 1;
 }
 

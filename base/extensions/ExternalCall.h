@@ -9,6 +9,8 @@
 #include "base/core/BaseTemplates.h"
 #include "base/core/StringClass.h"
 #include "base/extensions/LastError.h"
+#include "base/values/Variable.h"
+#include "base/values/VariableRef.h"
 
 #include <memory>
 
@@ -29,6 +31,20 @@ class ExternalCall {
   // none. If another holder keeps the result of an earlier call, that variable is unchanged; so is
   // the result of a call that is still running.
   virtual int Call(ZephVM* vm, VariableHash* parameters);
+  // The same in line.
+  [[gnu::always_inline]] void Run(ZephVM* vm, VariableHash* parameters) {
+    if (ResultIsFree()) [[likely]] {
+      result_variable->Clear();
+    } else {
+      SetResult(new Variable());
+    }
+    // The function may run scripts that call it again: each of those calls finds that the result is
+    // held, and makes its own.
+    VariableRef result = VariableRef::Share(result_variable);
+    function->function(vm, parameters, result.get(), &state);
+    if (result_variable != result.get()) [[unlikely]]
+      SetResult(result.release());
+  }
   // In bytes: memory of a result's text that is kept for the next result.
   static constexpr int kMostKept = 1 << 16;
 
@@ -37,7 +53,13 @@ class ExternalCall {
   Variable* result() { return result_variable; }
 
  private:
-  bool ResultIsFree();
+  // Whether the result of the last call can be reused, because no other code can see it: only this
+  // object holds it, and it is no reference to another variable. Its text keeps its memory then, so
+  // it must not be a large one.
+  bool ResultIsFree() const {
+    return result_variable->IsPlain() && result_variable->plain_count() < 2 &&
+           result_variable->plain_text().allocated <= kMostKept;
+  }
   void SetResult(Variable* adopted);
 
   _ZP_EL_Function* function;

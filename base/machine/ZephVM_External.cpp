@@ -128,7 +128,7 @@ Variable* ZephVM::CallBoundFunction(int index, const char* text, int length) {
   // A library might keep or send what it is given, so it is not given parts.
   if (RunLimit::WasCut()) return nullptr;
   ExternalCall* const external = parameters->call();
-  external->Call(this, parameters->table());
+  external->Run(this, parameters->table());
   if (RunLimit::WasCut()) std::atomic_ref<int>(*timedout_flag).store(1, std::memory_order_relaxed);
   return external->result();
 }
