@@ -36,7 +36,11 @@ bool NativeEmitter::Make() {
     EnterRecord(std::exchange(left_behind, -1));
     known[at] = Emit();
     if (!known[at]) jmp(Leave());
-    if (!keeps || !known[at]) kept = {};
+    if (keeps && known[at]) {
+      DropUnread();
+    } else {
+      kept = {};
+    }
   };
   // What records do together with those before them comes after all that, so that the usual code
   // has no jumps over it.

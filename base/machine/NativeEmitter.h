@@ -232,6 +232,8 @@ class NativeEmitter : public NativeCode, private HasNativeCodeMemory, private Xb
   bool IsReadAgain(Kept what) const;
   int FindKept(KeptAs as, HotOperand kind, int offset) const;
   int Keep(KeptAs as, HotOperand kind, int offset, bool alone = false);
+  bool HoldsText(HotOperand kind, int offset) const;
+  void DropUnread();
   bool KeepsAny() const;
   bool KeepsNumbers(int but = -1) const;
   void DropNumbers(int offset);

@@ -224,7 +224,9 @@ int NativeEmitter::FindKept(KeptAs as, HotOperand kind, int offset) const {
 // where an integer is read; with alone, that is not what it is kept for.
 int NativeEmitter::Keep(KeptAs as, HotOperand kind, int offset, bool alone) {
   const Kept what{as, kind, offset};
-  if (!keeps || kind > HotOperand::Local) return -1;
+  if (!keeps || kind > HotOperand::Local || (as <= KeptAs::Integer && HoldsText(kind, offset))) {
+    return -1;
+  }
   if (!IsReadAgain(what) &&
       (alone || as != KeptAs::Number || !IsReadAgain({KeptAs::Integer, kind, offset}))) {
     return -1;
@@ -236,6 +238,26 @@ int NativeEmitter::Keep(KeptAs as, HotOperand kind, int offset, bool alone) {
     return kFirstKept + i;
   }
   return -1;
+}
+
+// Whether the operand is a text now. Then it will often be one that is read as a number, which only
+// an operation does.
+bool NativeEmitter::HoldsText(HotOperand kind, int offset) const {
+  const auto table = static_cast<size_t>(kind);
+  if (static_cast<size_t>(HotOp::PositionOf(offset)) >= run->counts[table]) return false;
+  Variable* const variable = hot::Referred(hot::VariableIn(run->rows[table], offset));
+  return variable && variable->HoldsText();
+}
+
+// Frees the registers that no record after the current one reads.
+void NativeEmitter::DropUnread() {
+  for (Kept& known : kept) {
+    if (known.offset < 0 || IsReadAgain(known)) continue;
+    if (known.as == KeptAs::Number && IsReadAgain({KeptAs::Integer, known.kind, known.offset})) {
+      continue;
+    }
+    known = {};
+  }
 }
 
 bool NativeEmitter::KeepsAny() const {
@@ -265,14 +287,14 @@ void NativeEmitter::DropNumbers(int offset) {
 void NativeEmitter::SaveKept(const KeptRegisters& saved) {
   for (int i = 0; i < kMostKept; i++) {
     if (saved[static_cast<size_t>(i)].offset < 0) continue;
-    movsd(ptr[rbx + kKept + 8 * i], Xmm(kFirstKept + i));
+    movsd(ptr[rbx + kKept + 8L * i], Xmm(kFirstKept + i));
   }
 }
 
 void NativeEmitter::RestoreKept(const KeptRegisters& saved) {
   for (int i = 0; i < kMostKept; i++) {
     if (saved[static_cast<size_t>(i)].offset < 0) continue;
-    movsd(Xmm(kFirstKept + i), ptr[rbx + kKept + 8 * i]);
+    movsd(Xmm(kFirstKept + i), ptr[rbx + kKept + 8L * i]);
   }
 }
 

@@ -361,7 +361,7 @@ void NativeEmitter::EmitSubroutines() {
     mov(ptr[rbx + kHeld + 8], rdx);
     mov(ptr[rbx + kHeld + 16], rsi);
     mov(ptr[rbx + kHeld + 32], r8);
-    for (int i = 0; i < kMostKept; i++) movsd(ptr[rbx + kKept + 8 * i], Xmm(kFirstKept + i));
+    for (int i = 0; i < kMostKept; i++) movsd(ptr[rbx + kKept + 8L * i], Xmm(kFirstKept + i));
     mov(rdi, rcx);
     mov(rax, AddressOf(&NativeRun::Real));
     call(rax);
@@ -371,7 +371,7 @@ void NativeEmitter::EmitSubroutines() {
     mov(rdx, ptr[rbx + kHeld + 8]);
     mov(rsi, ptr[rbx + kHeld + 16]);
     mov(r8, ptr[rbx + kHeld + 32]);
-    for (int i = 0; i < kMostKept; i++) movsd(Xmm(kFirstKept + i), ptr[rbx + kKept + 8 * i]);
+    for (int i = 0; i < kMostKept; i++) movsd(Xmm(kFirstKept + i), ptr[rbx + kKept + 8L * i]);
     clc();
     ret();
     L(fails);

@@ -586,11 +586,12 @@ void NativeEmitter::WriteElement() {
     mov(rdi, rbx);
     mov(rsi, rax);
     mov(rdx, r8);
+    mov(rcx, reinterpret_cast<uint64_t>(record));
     mov(rax, AddressOf(&NativeRun::StoreFrom));
     call(rax);
     test(al, al);
-    jz(Leave());
-    jmp(labels[place + 1]);
+    jz(labels[place + 1]);
+    jmp(ends);
   });
   LoadSlot(op->into, op->third, no_number->label);
   LoadOwnArray();

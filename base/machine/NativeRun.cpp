@@ -240,7 +240,8 @@ bool NativeRun::PrepareCall(ZephVM* vm, ZephVM_FunctionFrame* called) {
     unsigned count;
     (void)called->variables->Rows(hot->locals(), &count);
     called->entry = hot->At(called->entry_offset);
-    called->entry_serial = hot->serial();
+    // A damaged file may have a function that begins within an instruction. Then no call enters it.
+    called->entry_serial = called->entry ? hot->serial() : 0;
     if (!called->entry) return false;
   } else {
     called->entry_code = vm->segments->Lookup(called->entry_segment);
@@ -510,13 +511,15 @@ NativeRun::Outcome NativeRun::Store(Variable* target, Variable* source) {
   return Outcome::Worked;
 }
 
-bool NativeRun::StoreFrom(NativeRun* run, Variable* element, Variable* source) {
+NativeRun::Way NativeRun::StoreFrom(NativeRun* run, Variable* element, Variable* source,
+                                    const HotOp* op) {
   source = source->Real();
-  if (!source->HoldsText() && !(source->IsPlain() && source->plain_elements())) return false;
-  run->TellStack();
-  const Outcome outcome = Store(element, source);
-  if (outcome == Outcome::Worked) run->NoteWork();
-  return outcome != Outcome::Unable;
+  Outcome outcome = Outcome::Unable;
+  if (source->HoldsText() || (source->IsPlain() && source->plain_elements())) {
+    run->TellStack();
+    outcome = Store(element, source);
+  }
+  return run->WayAfter(outcome, op, op + 1);
 }
 
 NativeRun::Outcome NativeRun::StoreElement(NativeRun* run, const HotOp* op) {
@@ -1206,12 +1209,13 @@ bool NativeRun::TakeOthers(NativeRun* run, const HotOp*) {
   run->TellStack();
   ZephVM_FunctionFrame* const called = run->called;
   const int count = called->simple_parameters;
-  if (run->top - count < run->bottom() || !AreArguments(called->references, count, run->top)) {
-    return false;
-  }
+  // The first parameters may have numbers already.
   const _VH_Entry* const rows = called->variables->Rows(&run->called_count);
   for (const _VH_Entry* row = rows; row != rows + count; row++) {
     if (row->variable && !row->variable->IsAsleep()) row->variable->RenewScalar();
+  }
+  if (run->top - count < run->bottom() || !AreArguments(called->references, count, run->top)) {
+    return false;
   }
   int wanted_patience = 0;
   run->top = MoveArguments(called->variables, rows, called->references, count, run->vm->stack,

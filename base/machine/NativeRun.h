@@ -26,7 +26,7 @@ struct NativeRun {
   // Set by an operation that ends the run, too: the loop is to run the group of op by its
   // instructions.
   bool is_misfit = false;
-  void* held[5];  // registers during the call of an operation
+  void* held[5];    // registers during the call of an operation
   double kept[12];  // and those that keep something of variables, see NativeEmitter.h
   hot::Temporaries temporaries;
   char joined[hot::kMostJoinedBytes];  // a concatenation that machine code has put together
@@ -97,9 +97,6 @@ struct NativeRun {
   // REQUIRES: it has a variable.
   static bool LoadFrom(NativeRun* run, const HotOp* op, Variable* found);
   static bool MoveFrom(NativeRun* run, const HotOp* op, Variable* found);
-  // Stores the value of a variable that has more than a number in an element that was found.
-  // Returns false and does nothing where the loop is to run the record.
-  static bool StoreFrom(NativeRun* run, Variable* element, Variable* source);
   static Variable* Real(Variable* variable);
   // Searches that only change the shape of a tree. REQUIRES: the row has the position; the hint is
   // that of the tree's names.
@@ -173,6 +170,9 @@ struct NativeRun {
   static Way Do(NativeRun* run, const HotOp* op) {
     return run->WayAfter(effort(run, op), op, op + count);
   }
+  // The work of a record that stores a variable with more than a number in an element, which was
+  // found.
+  static Way StoreFrom(NativeRun* run, Variable* element, Variable* source, const HotOp* op);
   // An instruction that the machine's own handler runs. The rows may be others afterwards.
   static Way Handler(NativeRun* run, const HotOp* op);
   static Way DoJoinPush(NativeRun* run, const HotOp* op) {

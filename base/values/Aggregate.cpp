@@ -367,6 +367,8 @@ void AggregateElementTree::SetMember(const char* name, int length, Variable* var
 bool AggregateElementTree::AdoptMember(const char* name, int length, Variable* variable) {
   if (!IsFlat() || members.IsFull() || members.Locate(name, length) >= 0) return false;
   is_isolated = false;
+  // Its elements are as those of a copy. This may throw, so it comes before the count is adopted.
+  if (variable->elements) variable->elements->TakeShapeOfCopy();
   members.Add(name, length, DenseSlot(variable));
   entries = members.count();
   return true;

@@ -162,7 +162,7 @@ bool DenseElements::Note(int run_from, int run_to) {
     history = std::make_unique<History>();
     history->runs.reserve(kFirstNotes);
   }
-  if (history->runs.size() >= most_notes || history->noted++ / kMostTimes >= most_notes) {
+  if (history->runs.size() >= most_notes) {
     BecomeChain(true);
     forgetful = true;
     return false;
@@ -217,7 +217,7 @@ void DenseElements::PlayNotes() {
 // stack needs no notes.
 Variable* DenseElements::RemoveLast() {
   Touch(count_);
-  NeedShape();
+  forgetful = false;
   OwnSlots();
   Variable* removed = SlotTable::VariableOf(&slots[count_ - 1]);
   int root = count_ - 1;
@@ -239,7 +239,7 @@ Variable* DenseElements::RemoveLast() {
 // --- The shape -----------------------------------------------------------------------------------
 
 DenseElements::History* DenseElements::UpToDate() {
-  NeedShape();
+  forgetful = false;
   CloseRun();
   if (!history) history = std::make_unique<History>();
   PlayNotes();
@@ -249,7 +249,7 @@ DenseElements::History* DenseElements::UpToDate() {
 
 void DenseElements::OrderForCopy(std::vector<int>* ranks) {
   ranks->reserve(ranks->size() + static_cast<size_t>(count_));
-  NeedShape();
+  forgetful = false;
   if (!IsChain()) {
     Shape().OrderForCopy(ranks);
   } else if (falling) {
@@ -281,8 +281,7 @@ void DenseElements::ShareWith(DenseElements* source) {
 // Inserting ranks in falling order makes the rising chain, and the other way round. Other shapes
 // are left to PlayNotes: a copy that nothing is removed from never needs its own.
 void DenseElements::TakeShapeOfCopy(DenseElements* source) {
-  NeedShape();
-  source->NeedShape();
+  forgetful = source->forgetful = false;
   if (count_ <= 99) {
     BecomeChain(true);
     return;

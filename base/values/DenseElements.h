@@ -16,13 +16,11 @@
 //   once the least position is the root, each next one is the least of the root's right subtree, so
 //   the splay links the old root, with the chain below it, as its left child. A falling run over
 //   all positions leaves the mirror image. At the end of such a run all earlier notes are dropped.
-// - After most_notes of them, as random reads soon make, the row forgets them and notes nothing
-// more
-//   until the shape is needed. So it does after kMostTimes as many in all, if loops over the array
-//   drop them again and again. When the shape is needed, it takes the falling chain, as if the
-//   script had just searched all positions in rising order. That is one of the shapes that the tree
-//   may have, and which of them it has is not promised. The forgotten shape could only have hidden
-//   elements from a search after a later removal; the chain hides none.
+// - After most_notes of them, as random reads soon make, the row forgets them. It notes nothing
+//   more until the shape is needed: then it takes the falling chain, as if the script had just
+//   searched all positions in rising order. That is one of the shapes that the tree may have, and
+//   which of them it has is not promised. The forgotten shape could only have hidden elements from
+//   a search after a later removal; the chain hides none.
 // - To answer for the shape, the notes are played on a shape made of numbers, which is quicker than
 //   a tree of nodes, and that shape is kept.
 //
@@ -223,13 +221,11 @@ class DenseElements {
   };
   static constexpr int Nowhere = -2;
   static constexpr size_t kFirstNotes = 16;  // that there is room for
-  static constexpr size_t kMostTimes = 16;
 
   struct History {
     std::vector<Run> runs;  // since the shape or the chain was made
     SplayShape shape;
     bool shaped = false;  // the runs follow the shape, else the chain
-    size_t noted = 0;     // runs since the shape was needed, also those that were dropped
   };
 
   // Tells the compiler that a slot is there, so that a caller's test for null costs nothing.
@@ -264,10 +260,6 @@ class DenseElements {
   // The tree is exactly the chain: no later search is noted or waits to be noted.
   bool IsChain() const { return !HasHistory() && run_first == top && !unnoted; }
   void ForgetHistory();
-  void NeedShape() {
-    forgetful = false;
-    if (history) history->noted = 0;
-  }
   void TouchElsewhere(int rank);
   void StartRun(int rank);
   void BecomeChain(bool is_falling);

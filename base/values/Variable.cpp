@@ -666,7 +666,6 @@ bool Variable::AdoptMember(const char* name, int length, Variable* source) {
       !elements->AdoptMember(name, length, source)) {
     return false;
   }
-  source->elements->TakeShapeOfCopy();
   if (source->name_.data) source->DropSharedName();
   if (source->string_value.data) source->string_value.destroy();
   source->SetForms(0);

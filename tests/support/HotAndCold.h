@@ -5,11 +5,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
 #include "base/compiled/HotCode.h"
 #include "base/compiled/Segment.h"
+#include "base/core/ThreadMemory.h"
 #include "tests/support/Machine.h"
 #include "tests/support/NativeAtOnce.h"
 
@@ -59,6 +61,22 @@ class RunsAt {
   std::optional<NativeNever> never;
   std::optional<NativeAtOnce> at_once;
 };
+
+// Runs a machine that may use 64 MB: random programs may double a value again and again. Where that
+// ends depends on copies, of which decoded code makes fewer, so *ran_short tells whether it did.
+// There may be no memory left for the error's text then.
+inline int GoWithin64Megabytes(Machine* machine, bool* ran_short) {
+  constexpr int64_t kMost = 64 << 20;
+  ThreadMemory::Begin();
+  ThreadMemory::SetLimit(kMost);
+  const int result = machine->Go();
+  const int64_t peak = ThreadMemory::Peak();
+  ThreadMemory::End();
+  const std::string error = machine->Error();
+  *ran_short = error.find("Out of memory") != std::string::npos ||
+               (result == 0 && error.empty() && peak > kMost - (1 << 20));
+  return result;
+}
 
 // The start segment has the code that this way of running makes.
 inline void ExpectCodeOf(Pace pace, Machine* machine) {

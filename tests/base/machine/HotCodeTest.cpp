@@ -14,7 +14,6 @@
 #include <thread>
 #include <vector>
 
-#include "base/core/ThreadMemory.h"
 #include "base/host/Config.h"
 #include "base/host/HTTPOutput.h"
 #include "base/machine/Feature.h"
@@ -265,24 +264,12 @@ struct RandomProgram {
   std::vector<int> globals;
 };
 
-// Some random programs double a text again and again. Where they run out of memory depends on
-// copies, which decoded code has fewer of, so these programs are left out.
-int GoWithin64Megabytes(Machine* machine) {
-  ThreadMemory::Begin();
-  ThreadMemory::SetLimit(64 << 20);
-  const int result = machine->Go();
-  ThreadMemory::End();
-  return result;
-}
-bool RanShort(const std::string& error) {
-  return error.find("Out of memory") != std::string::npos;
-}
-
 struct Outcome {
   int result;
   std::string values;
   std::string error;
   int entries;
+  bool ran_short;  // see GoWithin64Megabytes()
 };
 
 Outcome OutcomeOf(unsigned seed, Pace pace) {
@@ -290,7 +277,7 @@ Outcome OutcomeOf(unsigned seed, Pace pace) {
   RandomProgram(seed).Write(&machine);
   const RunsAt runs(pace, &machine);
   Outcome outcome;
-  outcome.result = GoWithin64Megabytes(&machine);
+  outcome.result = GoWithin64Megabytes(&machine, &outcome.ran_short);
   if (pace == Pace::Cold) {
     EXPECT_EQ(machine.segments.Start()->hot(), nullptr);
   }
@@ -464,7 +451,7 @@ Outcome OutcomeOf(const std::string& program, Pace pace) {
   machine.Assemble(program);
   const RunsAt runs(pace, &machine);
   Outcome outcome;
-  outcome.result = GoWithin64Megabytes(&machine);
+  outcome.result = GoWithin64Megabytes(&machine, &outcome.ran_short);
   ExpectCodeOf(pace, &machine);
   for (const char* name : {"a", "b", "c", "d", "i", "n"}) {
     outcome.values += machine.Value(name) + "|";
@@ -490,11 +477,11 @@ TEST(HotCode, RandomProgramTextsDoTheSameHotAndCold) {
     const std::string program = RandomText(seed).Program();
     SCOPED_TRACE(testing::Message() << seed << "\n" << program);
     const Outcome cold = OutcomeOf(program, Pace::Cold);
-    if (RanShort(cold.error)) continue;
+    if (cold.ran_short) continue;
     for (const Pace pace : kQuickPaces) {
       SCOPED_TRACE(pace);
       const Outcome hot = OutcomeOf(program, pace);
-      if (RanShort(hot.error)) continue;
+      if (hot.ran_short) continue;
       ASSERT_TRUE(hot.values == cold.values) << Difference(hot.values, cold.values);
       ASSERT_EQ(hot.result, cold.result);
       ASSERT_EQ(hot.error, cold.error);
@@ -681,13 +668,13 @@ TEST(HotCode, RandomCallsDoTheSameHotAndColdInFreshFramesAndInReusedOnes) {
       const RunsAt runs(ways[way].pace, &machine);
       if (ways[way].at_once) DecodeAtOnce(&machine);
       machine.vm().SetFrameReuse(ways[way].reuse);
-      outcomes[way].result = GoWithin64Megabytes(&machine);
+      outcomes[way].result = GoWithin64Megabytes(&machine, &outcomes[way].ran_short);
       outcomes[way].values = machine.Output();
       outcomes[way].error = machine.Error();
       outcomes[way].entries = machine.stack().Entries();
     }
     if (std::any_of(std::begin(outcomes), std::end(outcomes),
-                    [](const Outcome& outcome) { return RanShort(outcome.error); })) {
+                    [](const Outcome& outcome) { return outcome.ran_short; })) {
       continue;
     }
     finished += outcomes[0].result;

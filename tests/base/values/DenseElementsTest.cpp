@@ -497,36 +497,6 @@ TEST(DenseElements, ForgetTheShapeWhenThereAreTooManyNotes) {
   }
 }
 
-// So it is if the notes are dropped again and again, because all positions are read in order.
-TEST(DenseElements, ForgetTheShapeThatLoopsHaveMadeAgainAndAgain) {
-  DenseElements row;
-  Plain tree;
-  for (int i = 1; i <= 10; i++) {
-    row.Append(i, new Variable());
-    tree.Insert(new AggregateElement(AggregateIndex(i)));
-  }
-  const std::string shape_of_chain = tree.Shape();
-  const auto search = [&](int at) {
-    row.Search(at);
-    tree.Find(AggregateIndex(at));
-  };
-  const auto loop = [&](size_t rounds) {
-    for (size_t round = 0; round < rounds; round++) {
-      for (const int at : {7, 3, 9}) search(at);
-      for (int i = 1; i <= 10; i++) search(i);
-    }
-    for (const int at : {4, 8, 2}) search(at);
-  };
-  loop(10);
-  EXPECT_EQ(ShapeOf(&row), tree.Shape());
-  EXPECT_NE(tree.Shape(), shape_of_chain);
-  loop(DenseElements::most_notes * 16);
-  EXPECT_EQ(ShapeOf(&row), shape_of_chain);
-  EXPECT_NE(tree.Shape(), shape_of_chain);
-  loop(10);
-  EXPECT_NE(ShapeOf(&row), shape_of_chain);
-}
-
 // So a row that takes this chain instead of its own shape loses no element by it.
 TEST(DenseElements, AFallingChainHidesNothing) {
   Random random(6);
