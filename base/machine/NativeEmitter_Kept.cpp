@@ -145,8 +145,7 @@ bool NativeEmitter::Keeps(const HotOp& record) {
 size_t NativeEmitter::LengthOf(const HotOp& record) {
   switch (ActionOf(record)) {
     case HotAction::CompareTopJump: return 4;
-    case HotAction::SourceLine:
-    case HotAction::CompareConstantJump: return 2;
+    case HotAction::SourceLine: return 2;
     default: return 1;
   }
 }
@@ -285,6 +284,7 @@ void NativeEmitter::DropNumbers(int offset) {
 }
 
 void NativeEmitter::SaveKept(const KeptRegisters& saved) {
+  static_assert(sizeof(NativeRun::kept) == kMostKept * sizeof(double));
   for (int i = 0; i < kMostKept; i++) {
     if (saved[static_cast<size_t>(i)].offset < 0) continue;
     movsd(ptr[rbx + kKept + 8L * i], Xmm(kFirstKept + i));
